@@ -1,0 +1,68 @@
+// The P4Runtime front end of one device: validates what controllers send against the P4Info, runs
+// it through the PI target interface, and keeps the mapping between P4Runtime entities and PI
+// handles. All methods are thread-safe. Writes of a device run one after another; no other call
+// waits for a Write that is waiting for the forwarding plane.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+#include "PI/pi_base.h"
+#include "google/rpc/status.pb.h"
+#include "p4/v1/p4runtime.pb.h"
+
+// 0 neither reads nor writes, 1 reads only, 2 reads and writes.
+typedef uint32_t pi_operation_permission_level_t;
+
+namespace pi::fe::proto {
+
+class DeviceMgrImp;
+
+class DeviceMgr {
+ public:
+  using Status = ::google::rpc::Status;
+  // False from a sink stops the read (the client has gone).
+  using ReadSink = std::function<bool(const p4::v1::ReadResponse&)>;
+  using StreamMessageResponseCb = std::function<void(
+      pi_dev_id_t device_id, p4::v1::StreamMessageResponse* response, void* cookie)>;
+
+  static void init(size_t max_devices);
+  static void destroy();
+  // Process-wide; checked at the start of every write() and read() (FAILED_PRECONDITION).
+  static void set_operation_permission_level(pi_operation_permission_level_t level);
+  static pi_operation_permission_level_t get_operation_permission_level();
+
+  explicit DeviceMgr(pi_dev_id_t device_id);
+  ~DeviceMgr();
+  DeviceMgr(const DeviceMgr&) = delete;
+  DeviceMgr& operator=(const DeviceMgr&) = delete;
+
+  // The agent's own push: installs the pipeline and assigns the PI device. Controllers' writes and
+  // reads wait from here on until pi_restore_done(), a few seconds at most, then UNAVAILABLE.
+  Status pipeline_config_set(p4::v1::SetForwardingPipelineConfigRequest::Action action,
+                             const p4::v1::ForwardingPipelineConfig& config);
+  // A controller's push: the pipeline is fixed by configuration, so OK when it equals the running
+  // one, and UNIMPLEMENTED with a clear message otherwise; nothing changes either way.
+  Status pipeline_config_check(p4::v1::SetForwardingPipelineConfigRequest::Action action,
+                               bool config_given, const p4::v1::ForwardingPipelineConfig& config);
+  Status pipeline_config_get(p4::v1::GetForwardingPipelineConfigRequest::ResponseType type,
+                             p4::v1::ForwardingPipelineConfig* config);
+  bool has_pipeline() const;
+
+  // Device, role and election id have been checked by the caller. The status carries one
+  // p4.v1.Error an update when any failed (code UNKNOWN).
+  Status write(const p4::v1::WriteRequest& request);
+  Status read(const p4::v1::ReadRequest& request, p4::v1::ReadResponse* response) const;
+  // The same in pieces of less than 1 MiB each, built and handed over outside every lock.
+  Status read(const p4::v1::ReadRequest& request, const ReadSink& sink) const;
+
+  // Packet out and digest acknowledgements.
+  Status stream_message_request_handle(const p4::v1::StreamMessageRequest& request);
+  void stream_message_response_register_cb(StreamMessageResponseCb cb, void* cookie);
+
+ private:
+  std::unique_ptr<DeviceMgrImp> imp_;
+};
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,41 @@
+# What every target of ours has in common.
+
+add_library(korvel_options INTERFACE)
+target_include_directories(korvel_options INTERFACE ${PROJECT_SOURCE_DIR}
+                                                    ${PROJECT_SOURCE_DIR}/PI/include)
+target_compile_options(korvel_options INTERFACE -Wall -Wextra -Wno-missing-field-initializers
+                                                -fno-semantic-interposition)
+if(KORVEL_WERROR)
+  target_compile_options(korvel_options INTERFACE -Werror)
+endif()
+if(KORVEL_SANITIZE)
+  add_compile_options(-fsanitize=${KORVEL_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${KORVEL_SANITIZE})
+  add_compile_definitions(KORVEL_SANITIZED)
+endif()
+
+# korvel_library(NAME SOURCES a.cpp ... DEPS lib ... [PRIVATE_DEPS lib ...] [STATIC])
+# A library of one folder. Shared unless STATIC: the launcher, the agent's plug-in and the tools
+# run in one process and must find one copy of each singleton.
+function(korvel_library NAME)
+  cmake_parse_arguments(A "STATIC" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  if(A_STATIC)
+    add_library(${NAME} STATIC ${A_SOURCES})
+  else()
+    add_library(${NAME} SHARED ${A_SOURCES})
+  endif()
+  target_link_libraries(${NAME} PUBLIC korvel_options ${A_DEPS} PRIVATE ${A_PRIVATE_DEPS})
+endfunction()
+
+# korvel_test(NAME SOURCES a.cpp ... DEPS lib ... [LABELS unit|e2e ...])
+function(korvel_test NAME)
+  cmake_parse_arguments(A "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${NAME} ${A_SOURCES})
+  target_link_libraries(${NAME} PRIVATE korvel_options ${A_DEPS} GTest::gtest GTest::gmock
+                                        GTest::gtest_main)
+  add_test(NAME ${NAME} COMMAND ${NAME})
+  if(NOT A_LABELS)
+    set(A_LABELS unit)
+  endif()
+  set_tests_properties(${NAME} PROPERTIES LABELS "${A_LABELS}" TIMEOUT 300)
+endfunction()

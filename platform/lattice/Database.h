@@ -1,0 +1,110 @@
+// The agent's side of the shared tables: typed interfaces that write rows, the journal of their
+// changes, and the doorbell socket on which forwarding agents follow and report.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/brine/Store.h"
+#include "platform/lattice/TableType.h"
+#include "platform/vela/Ptr.h"
+#include "platform/vela/ReactorLoop.h"
+
+namespace Lattice {
+
+class Database;
+
+// The typed access interface of one table. Call with the activity lock held.
+class ArTableInterface : public Vela::RefCounted {
+ public:
+  // `ready` runs once, on a later turn of the reactor than the one that binds the interface.
+  ArTableInterface(std::string tableName, std::string typeName, std::function<void()> ready);
+  ~ArTableInterface() override;
+
+  const std::string& tableName() const;
+  const std::string& typeName() const;
+  void maybeInitialize();  // opens the table once its type is compiled; nothing when open already
+  bool ready() const;      // bound and initialised
+
+  // Below: only when ready().
+  std::optional<Row> row(std::string_view key) const;  // the write set included
+  // The entry handle that the stored row was last written with; 0 when there is no row.
+  uint64_t rowEntryHandle(std::string_view key) const;
+  // Both answer the sequence number of the change, which the forwarding agents' reports carry. In a
+  // batch every call is a change (so that a report always comes); outside one, a row that equals
+  // the stored one, or the deletion of a row that is not there, is none: then 0.
+  uint64_t rowIs(const Row& row, uint64_t entryHandle);
+  uint64_t rowDel(std::string_view key, uint64_t entryHandle);
+  size_t rowCount() const;
+
+  struct Impl;
+
+ private:
+  friend class Database;
+  std::unique_ptr<Impl> impl_;
+};
+
+// What a forwarding agent said of one row change.
+struct Report {
+  uint64_t entryHandle = 0;
+  uint64_t sequence = 0;
+  uint16_t errorCode = 0;  // 0: programmed
+  std::string_view message;
+};
+
+struct SubscriberInfo {
+  std::string name;
+  int64_t pid = 0;
+  uint64_t sequence = 0;  // in step up to here
+  bool takingSnapshot = false;
+  uint64_t reports = 0;
+};
+
+struct DatabaseOptions {
+  std::string doorbellPath;                         // Unix socket; replaced when stale
+  size_t journalChangesWithoutSubscriber = 100000;  // beyond it a late subscriber takes a snapshot
+};
+
+// One a process. Commits what was written outside a batch at the end of the outermost activity
+// scope. Call with the activity lock held; callbacks run on the reactor with it held.
+class Database {
+ public:
+  // The store must outlive this. Throws Brine::StoreError, std::system_error for the socket.
+  static std::unique_ptr<Database> create(Vela::ReactorLoop& loop, Brine::Store& store,
+                                          const DatabaseOptions& options);
+  virtual ~Database() = default;
+
+  virtual Brine::Store& store() = 0;
+  // Makes `interface` the way to table `name`. A surviving table of another definition is emptied,
+  // and that is traced. `persistent` false: rows of an earlier process are dropped.
+  virtual void bindInterface(const Vela::Ptr<ArTableInterface>& interface, const std::string& name,
+                             bool persistent) = 0;
+  // Removes the surviving tables that nobody has bound; answers their names.
+  virtual std::vector<std::string> removeUnboundTables() = 0;
+
+  // A batch gathers every write of the store, rows and other records alike, until batchEnd().
+  virtual void batchBegin() = 0;
+  // Commits. On a full state directory answers the reason, and the store is as at batchBegin().
+  virtual std::optional<std::string> batchEnd() = 0;
+  virtual bool inBatch() const = 0;
+  virtual uint64_t lastSequence() const = 0;
+
+  struct Observer {
+    // A group of reports, checked for form only. A change followed by several subscribers is
+    // reported once all of them have, or at the first failure.
+    std::function<void(std::span<const Report>)> reports;
+    // Every attached subscriber has everything up to `sequence`, what it did not report included.
+    std::function<void(uint64_t sequence)> inStep;
+  };
+  virtual void observerIs(Observer observer) = 0;
+
+  virtual std::vector<SubscriberInfo> subscribers() const = 0;
+  virtual uint64_t droppedMessages() const = 0;  // malformed, from a subscriber
+};
+
+}  // namespace Lattice

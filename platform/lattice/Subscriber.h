@@ -1,0 +1,68 @@
+// The forwarding agent's side: follow the rows of another process's tables, program them, report.
+// This is the interface a hardware vendor writes against; see docs/forwarding-agents.md.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "platform/lattice/TableType.h"
+
+namespace Lattice {
+
+// A table of the agent, as followers know it. Lives as long as the Subscriber.
+struct FollowedTable {
+  std::string name;
+  std::shared_ptr<const TableType> type;
+};
+
+struct RowChange {
+  const FollowedTable* table = nullptr;
+  std::string_view key;    // packed key columns; valid during the call only
+  std::string_view value;  // packed value columns; empty for a deletion
+  bool deleted = false;
+  bool unchanged = false;  // the row is as it was (or was not there to delete): just report on it
+  uint64_t entryHandle = 0;
+  uint64_t sequence = 0;
+};
+
+// All calls come from within Subscriber::follow().
+class SubscriberHandler {
+ public:
+  virtual ~SubscriberHandler() = default;
+  virtual void tableAdded(const FollowedTable& table) = 0;
+  virtual void tableRemoved(const FollowedTable& table) = 0;
+  // A whole picture follows as rowChanged() calls: what is not in it by snapshotEnd() is gone.
+  virtual void snapshotBegin() = 0;
+  virtual void snapshotEnd() = 0;
+  // Program it, and sooner or later report() on it, once.
+  virtual void rowChanged(const RowChange& change) = 0;
+};
+
+// One thread uses it. Attaches, and attaches again whenever the agent goes away and comes back.
+class Subscriber {
+ public:
+  // `stateDirectory` is the agent's. Neither agent nor directory need exist yet.
+  static std::unique_ptr<Subscriber> create(std::string stateDirectory, std::string name,
+                                            SubscriberHandler& handler);
+  virtual ~Subscriber() = default;
+
+  // Waits for changes at most `timeout`, passes them on, and sends the reports gathered since.
+  // Never throws for trouble with the agent or its files: it detaches, keeps what it knows, and
+  // tries again on a later call. trouble() then says why, else it is empty.
+  virtual void follow(std::chrono::milliseconds timeout) = 0;
+  virtual const std::string& trouble() const = 0;
+  virtual bool attached() const = 0;
+
+  // errorCode 0: programmed; else see platform/companion/ErrorCode.h. Sent with the next follow(),
+  // or by flush(). Reports for an agent that went away are dropped.
+  virtual void report(uint64_t entryHandle, uint64_t sequence, uint16_t errorCode,
+                      std::string_view message) = 0;
+  virtual void flush() = 0;
+  virtual uint64_t sequence() const = 0;  // passed on to the handler so far
+  virtual int descriptor() const = 0;     // readable when follow() has something to do; -1: none
+};
+
+}  // namespace Lattice

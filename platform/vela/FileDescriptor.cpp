@@ -1,0 +1,76 @@
+#include "platform/vela/FileDescriptor.h"
+
+#include <fcntl.h>
+#include <uv.h>
+
+#include <utility>
+
+#include "platform/vela/ActivityLock.h"
+
+namespace Vela {
+
+struct FileDescriptor::Impl {
+  uv_poll_t poll;
+  FileDescriptor* owner;  // null once the owner is gone
+
+  void ready(int events) {
+    const ActivityLock lock;
+    if (!owner) return;
+    const Ptr<FileDescriptor> alive(owner);  // a callback may drop the last reference
+    if ((events & (UV_READABLE | UV_DISCONNECT)) && owner->readable_) {
+      const auto readable = owner->readable_;
+      readable();
+    }
+    if (owner && (events & UV_WRITABLE) && owner->writable_) {
+      const auto writable = owner->writable_;
+      writable();
+    }
+  }
+};
+
+FileDescriptor::FileDescriptor(ReactorLoop& loop, std::string name)
+    : Entity(std::move(name)), loop_(loop) {
+  descriptorChange_ = descriptorAttribute().observe([this] { rewatch(); });
+  blockingChange_ = nonBlockingAttribute().observe([this] { rewatch(); });
+}
+
+FileDescriptor::~FileDescriptor() {
+  readable_ = nullptr;
+  writable_ = nullptr;
+  rewatch();
+}
+
+void FileDescriptor::onReadableIs(std::function<void()> readable) {
+  readable_ = std::move(readable);
+  rewatch();
+}
+
+void FileDescriptor::onWritableIs(std::function<void()> writable) {
+  writable_ = std::move(writable);
+  rewatch();
+}
+
+void FileDescriptor::rewatch() {
+  if (impl_) {
+    impl_->owner = nullptr;
+    uv_poll_stop(&impl_->poll);
+    uv_close(reinterpret_cast<uv_handle_t*>(&impl_->poll),
+             [](uv_handle_t* handle) { delete static_cast<Impl*>(handle->data); });
+    impl_ = nullptr;
+  }
+  if (descriptor() < 0) return;
+  if (nonBlocking()) {
+    fcntl(descriptor(), F_SETFL, fcntl(descriptor(), F_GETFL) | O_NONBLOCK);
+  }
+  const int events = (readable_ ? UV_READABLE | UV_DISCONNECT : 0) | (writable_ ? UV_WRITABLE : 0);
+  if (events == 0) return;
+  impl_ = new Impl;
+  impl_->owner = this;
+  impl_->poll.data = impl_;
+  uv_poll_init(loop_.handle(), &impl_->poll, descriptor());
+  uv_poll_start(&impl_->poll, events, [](uv_poll_t* poll, int status, int ready) {
+    static_cast<Impl*>(poll->data)->ready(status < 0 ? UV_READABLE : ready);
+  });
+}
+
+}  // namespace Vela

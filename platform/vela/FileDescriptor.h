@@ -1,0 +1,40 @@
+// A file descriptor watched by the reactor loop.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "platform/vela/Entity.h"
+#include "platform/vela/ReactorLoop.h"
+
+namespace Vela {
+
+// Does not own the descriptor: whoever opened it closes it, after descriptorIs(-1) or destruction.
+// Use on the loop's thread, or before it runs.
+class FileDescriptor final : public Entity {
+ public:
+  FileDescriptor(ReactorLoop& loop, std::string name);
+  ~FileDescriptor() override;
+  const char* typeName() const override { return "Vela::FileDescriptor"; }
+
+  VELA_READONLY_ATTRIBUTE(int, descriptor, -1)
+  VELA_READONLY_ATTRIBUTE(bool, nonBlocking, false)
+
+ public:
+  // `readable` runs on the loop, under the activity lock, as long as the descriptor is readable or
+  // hung up. An empty function stops watching.
+  void onReadableIs(std::function<void()> readable);
+  void onWritableIs(std::function<void()> writable);
+
+ private:
+  struct Impl;
+  void rewatch();
+  ReactorLoop& loop_;
+  Impl* impl_ = nullptr;  // freed by libuv's close callback
+  std::function<void()> readable_;
+  std::function<void()> writable_;
+  Observation descriptorChange_;
+  Observation blockingChange_;
+};
+
+}  // namespace Vela

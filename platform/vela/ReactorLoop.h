@@ -1,0 +1,37 @@
+// The reactor: one thread that runs every state machine, on libuv.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+struct uv_loop_s;
+
+namespace Vela {
+
+// Each callback runs on the thread in run(), with the activity lock held for its duration only.
+class ReactorLoop {
+ public:
+  ReactorLoop();
+  ~ReactorLoop();  // after run() has returned; closes what is still open
+  ReactorLoop(const ReactorLoop&) = delete;
+  ReactorLoop& operator=(const ReactorLoop&) = delete;
+
+  void run();   // until stop(); posts and timers given before run() are kept
+  void stop();  // from any thread, also before run(): run() then returns at once
+  // From any thread: `work` runs on a later turn of the loop, in the order posted.
+  void post(std::function<void()> work);
+  bool onThread() const;  // true on the thread in run()
+
+  uv_loop_s* handle();  // for the classes of Vela and for libraries that know libuv
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+// The process's loop, for code at the edges; null until set. Set once, before other threads start.
+ReactorLoop* TheReactorLoop();
+void TheReactorLoopIs(ReactorLoop* loop);
+
+}  // namespace Vela

@@ -1,0 +1,29 @@
+// A timer of the reactor loop.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "platform/vela/ReactorLoop.h"
+
+namespace Vela {
+
+// Use on the loop's thread, or before it runs. Destroying a running timer stops it.
+class Timer {
+ public:
+  Timer(ReactorLoop& loop, std::function<void()> expired);
+  ~Timer();
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+
+  void start(std::chrono::milliseconds delay,
+             std::chrono::milliseconds period = std::chrono::milliseconds(0));  // 0: once
+  void stop();
+
+ private:
+  struct Impl;
+  Impl* impl_;  // freed by libuv's close callback
+};
+
+}  // namespace Vela
