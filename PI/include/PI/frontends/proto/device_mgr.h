@@ -12,9 +12,6 @@
 #include "google/rpc/status.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 
-// 0 neither reads nor writes, 1 reads only, 2 reads and writes.
-typedef uint32_t pi_operation_permission_level_t;
-
 namespace pi::fe::proto {
 
 class DeviceMgrImp;

@@ -1,0 +1,45 @@
+/* How the front end of a device hears what the target reports on its own account: settled writes
+ * and, after a restart, everything that survived it. */
+#pragma once
+
+#include "PI/pi_base.h"
+#include "PI/pi_tables.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Called on the target's threads, as a rule with the target's lock held: a hook must not wait for
+ * anything that waits for the target. Pointers last for the call. No member is NULL; the arguments
+ * are those of the functions of PI/pi_extensions.h. */
+typedef struct {
+  void (*entry_status_changed)(void* cookie, pi_dev_id_t dev_id, pi_entry_handle_t entry_handle,
+                               uint32_t error_code);
+  pi_status_t (*restore_table_entry)(void* cookie, pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                     const pi_match_key_t* match_key,
+                                     const pi_table_entry_t* table_entry,
+                                     pi_entry_handle_t entry_handle, uint64_t controller_metadata,
+                                     const char* metadata, size_t metadata_size);
+  pi_status_t (*restore_action_profile_member)(void* cookie, pi_dev_id_t dev_id,
+                                               pi_p4_id_t act_prof_id,
+                                               const pi_action_data_t* action_data,
+                                               uint32_t controller_member_id,
+                                               pi_indirect_handle_t mbr_handle);
+  pi_status_t (*restore_action_profile_group)(void* cookie, pi_dev_id_t dev_id,
+                                              pi_p4_id_t act_prof_id, uint32_t controller_group_id,
+                                              const pi_indirect_handle_t* members,
+                                              size_t num_members, pi_indirect_handle_t grp_handle);
+  pi_status_t (*restore_done)(void* cookie, pi_dev_id_t dev_id);
+} pi_frontend_hooks_t;
+
+/* Replaces the device's former hooks; copies *hooks, borrows the cookie. The device need not be
+ * assigned yet. BUFFER_ERROR when a member is NULL. */
+pi_status_t pi_frontend_hooks_set(pi_dev_id_t dev_id, const pi_frontend_hooks_t* hooks,
+                                  void* cookie);
+/* No hook of the device is running any more when this returns: call it without a lock that a hook
+ * takes, and never from a hook. DEV_NOT_ASSIGNED when the device has no hooks. */
+pi_status_t pi_frontend_hooks_clear(pi_dev_id_t dev_id);
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,53 @@
+/* What this build of the library tells its target about the update being run, and what the target
+ * tells the library on its own account. */
+#pragma once
+
+#include "PI/pi_base.h"
+#include "PI/pi_tables.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The update of a batch that the calling thread is running; each is 0 (metadata empty) outside of
+ * one. */
+uint32_t pi_batch_current_offset(void); /* its position in the Write request */
+/* The controller's id of the member or group being written. */
+uint32_t pi_batch_current_controller_id(void);
+uint64_t pi_batch_current_controller_metadata(void);
+/* The bytes belong to the front end and last until the update has been run. */
+void pi_batch_current_metadata(const char** data, size_t* size);
+
+/* For the front end, on the thread that runs the batch: before each update, and after the last. */
+void pi_batch_current_set(uint32_t offset, uint32_t controller_id, uint64_t controller_metadata,
+                          const char* metadata, size_t metadata_size);
+void pi_batch_current_clear(void);
+
+/* The target's word that an entry's pending status is settled; error code 0 is success.
+ * DEV_NOT_ASSIGNED when the device has no front end, as for all functions below. */
+pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
+                                                  const pi_entry_handle_t* entry_handle,
+                                                  uint32_t error_code);
+
+/* After a restart the target hands back what survived, members before groups before table entries,
+ * before any controller's request is served; then it says that it has restored all. */
+pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                         const pi_match_key_t* match_key,
+                                         const pi_table_entry_t* table_entry,
+                                         pi_entry_handle_t entry_handle,
+                                         uint64_t controller_metadata, const char* metadata,
+                                         size_t metadata_size);
+pi_status_t pi_restore_action_profile_member_state(pi_dev_id_t dev_id, pi_p4_id_t act_prof_id,
+                                                   const pi_action_data_t* action_data,
+                                                   uint32_t controller_member_id,
+                                                   pi_indirect_handle_t mbr_handle);
+pi_status_t pi_restore_action_profile_group_state(pi_dev_id_t dev_id, pi_p4_id_t act_prof_id,
+                                                  uint32_t controller_group_id,
+                                                  const pi_indirect_handle_t* members,
+                                                  size_t num_members,
+                                                  pi_indirect_handle_t grp_handle);
+pi_status_t pi_restore_done(pi_dev_id_t dev_id);
+
+#ifdef __cplusplus
+}
+#endif

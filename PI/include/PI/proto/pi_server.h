@@ -1,0 +1,66 @@
+/* The P4Runtime gRPC server. One runs in a process at a time. All functions may be called from any
+ * thread; none throws or aborts on what it is given. */
+#pragma once
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* As gRPC numbers them. */
+typedef enum {
+  PI_GRPC_SERVER_CLIENT_CERTIFICATE_NOT_REQUESTED = 0,
+  PI_GRPC_SERVER_CLIENT_CERTIFICATE_REQUESTED_NOT_VERIFIED = 1,
+  PI_GRPC_SERVER_CLIENT_CERTIFICATE_REQUESTED_VERIFIED = 2,
+  PI_GRPC_SERVER_CLIENT_CERTIFICATE_REQUIRED_NOT_VERIFIED = 3,
+  PI_GRPC_SERVER_CLIENT_CERTIFICATE_REQUIRED_VERIFIED = 4
+} PIGrpcServerSSLClientAuth_t;
+
+/* Texts in PEM; pem_root_certs, against which clients are verified, may be NULL. */
+typedef struct {
+  const char* pem_root_certs;
+  const char* pem_private_key;
+  const char* pem_cert_chain;
+  PIGrpcServerSSLClientAuth_t client_auth;
+} PIGrpcServerSSLOptions_t;
+
+/* Starts to listen on "address:port" (port 0: any free one) and returns: 0, or -1 when it cannot,
+ * and PIGrpcServerLastError() says why. */
+int PIGrpcServerRunAddr(const char* server_address);
+int PIGrpcServerRunAddrSSL(const char* server_address, const PIGrpcServerSSLOptions_t* options);
+/* Why the last start failed, in one line; empty when it did not. Lasts until the thread calls this
+ * function again. */
+const char* PIGrpcServerLastError(void);
+/* Until the start that another thread is about to make has succeeded (0) or failed (-1), or the
+ * time is up (-1). */
+int PIGrpcServerWaitStarted(int timeout_seconds);
+
+/* Returns once the server has been shut down and its last call has returned; at once when none
+ * runs. */
+void PIGrpcServerWait(void);
+/* Takes no new calls, cancels streams after a short grace, and lets other calls finish. A call that
+ * takes longer than 10 seconds is left behind (PIGrpcServerWait() still waits for it), so that this
+ * returns even to a caller who holds the lock that such a call waits for. */
+void PIGrpcServerShutdown(void);
+/* The same, but cancels all calls after the deadline, and leaves behind what does not heed it. */
+void PIGrpcServerForceShutdown(int deadline_seconds);
+/* Call it after PIGrpcServerWait(): lets devices and server go. Election ids already seen stay
+ * known as long as the process lives. */
+void PIGrpcServerCleanup(void);
+
+/* Where it listens; 0 when no server runs. */
+int PIGrpcServerGetPort(void);
+/* Packets sent to, and taken from, controllers of the device since the process began. */
+uint64_t PIGrpcServerGetPacketInCount(uint64_t device_id);
+uint64_t PIGrpcServerGetPacketOutCount(uint64_t device_id);
+
+/* The secret by which the process that runs the server installs its own pipeline: a
+ * SetForwardingPipelineConfig whose gRPC metadata holds it under the key needs no arbitration. Made
+ * anew by each start; empty before the first. The pointer stays valid. */
+const char* PIGrpcServerLocalToken(void);
+const char* PIGrpcServerLocalTokenKey(void);
+
+#ifdef __cplusplus
+}
+#endif

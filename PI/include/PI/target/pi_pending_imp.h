@@ -1,0 +1,15 @@
+// What a target exports to tell how the updates of a batch ended.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+namespace p4::v1 {
+class Error;
+}
+
+// Called after _pi_batch_end(). The vector holds one pair (offset in the Write request, error) an
+// update, sorted by offset; canonical code 4 means pending. The target waits for the outcome,
+// removes what succeeded and writes the errors of what failed.
+void _pi_update_pending_status(std::vector<std::pair<uint32_t, p4::v1::Error>>* statusVector);
