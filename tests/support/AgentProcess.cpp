@@ -1,0 +1,68 @@
+// See AgentProcess.h.
+#include "tests/support/AgentProcess.h"
+
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/support/TestController.h"
+
+namespace TestSupport {
+namespace {
+
+std::string configurationOf(const AgentOptions& options) {
+  if (!options.configuration.empty()) return options.configuration;
+  return fmt::format(
+      R"({{"p4runtime/config/system": {{"enabled": true, "deviceId": {},
+ "forwardingPipelineConfigFilePath": "{}", "grpcServerAddress": "127.0.0.1",
+ "grpcServerPort": {}}},
+"p4runtime/config/agent": {{"batchTimeout": {}, "p4InfoJsonPath": "{}.p4info.json",
+ "deviceJsonPath": "{}.device.json"}}}}
+)",
+      options.deviceId, options.pipelineFile, options.port, options.batchTimeout,
+      options.stateDirectory, options.stateDirectory);
+}
+
+}  // namespace
+
+// Beside the state directory, not in it: a test may fill or forbid that one.
+AgentProcess::AgentProcess(AgentOptions options) : options_(std::move(options)) {
+  if (options_.port == 0) options_.port = freePort();
+}
+
+AgentProcess::~AgentProcess() = default;
+
+std::string AgentProcess::configPath() const { return options_.stateDirectory + ".config.json"; }
+std::string AgentProcess::outputPath() const { return options_.stateDirectory + ".output"; }
+std::string AgentProcess::output() const { return fileText(outputPath()); }
+std::string AgentProcess::address() const { return fmt::format("127.0.0.1:{}", options_.port); }
+
+void AgentProcess::start() {
+  std::filesystem::create_directories(options_.stateDirectory);
+  std::ofstream(configPath()) << configurationOf(options_);
+  process_ = std::make_unique<Process>(
+      std::vector<std::string>{binaryPath("korvel"), "agent", "--config", configPath(),
+                               "--state-dir", options_.stateDirectory},
+      outputPath(), outputPath(), options_.environment);
+}
+
+void AgentProcess::kill() { process_->kill(); }
+
+bool AgentProcess::waitServing(const p4::v1::TableEntry& query) {
+  TestController controller(address(), 0, options_.deviceId);
+  return waitUntil([&] { return controller.read(query).status.ok(); }, process_->descriptor());
+}
+
+bool AgentProcess::startServing() {
+  start();
+  return waitServing();
+}
+
+CommandResult AgentProcess::korvel(std::vector<std::string> arguments) const {
+  arguments.insert(arguments.begin(), binaryPath("korvel"));
+  arguments.insert(arguments.end(), {"--state-dir", options_.stateDirectory});
+  return run(arguments);
+}
+
+}  // namespace TestSupport

@@ -1,0 +1,51 @@
+// The agent as a process of its own: started with a configuration, killed, and started again.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "p4/v1/p4runtime.pb.h"
+#include "tests/support/Process.h"
+
+namespace TestSupport {
+
+struct AgentOptions {
+  std::string stateDirectory;
+  std::string pipelineFile;
+  uint16_t port = 0;  // 0: one that is free
+  uint64_t deviceId = 1;
+  double batchTimeout = 20;   // seconds; only a test of the time-out wants a short one
+  std::string configuration;  // JSON that stands in for the one made from the above
+  std::vector<std::string> environment;
+};
+
+class AgentProcess {
+ public:
+  explicit AgentProcess(AgentOptions options);  // does not start it
+  ~AgentProcess();
+
+  const AgentOptions& options() const { return options_; }
+  std::string address() const;
+  void portIs(uint16_t port) { options_.port = port; }  // for address() and the next start
+
+  void start();
+  void kill();  // SIGKILL
+  // Whether it answers a Read, which it does once all is restored. `query`: what to read; unless
+  // given, all tables.
+  bool waitServing(const p4::v1::TableEntry& query = {});
+  bool startServing();  // both; what it wrote is in output()
+  Process& process() { return *process_; }
+  std::string output() const;  // both outputs of all starts
+
+  // Runs `korvel ARGUMENTS... --state-dir DIRECTORY`.
+  CommandResult korvel(std::vector<std::string> arguments) const;
+
+ private:
+  AgentOptions options_;
+  std::string configPath() const;
+  std::string outputPath() const;
+  std::unique_ptr<Process> process_;
+};
+
+}  // namespace TestSupport

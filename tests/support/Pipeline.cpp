@@ -1,0 +1,163 @@
+// See Pipeline.h.
+#include "tests/support/Pipeline.h"
+
+#include <cjson/cJSON.h>
+
+#include <fstream>
+#include <memory>
+#include <stdexcept>
+
+#include "p4/tmp/p4config.pb.h"
+
+namespace TestSupport {
+namespace {
+
+template <typename Objects>
+const auto& named(const Objects& objects, const std::string& name) {
+  for (const auto& object : objects) {
+    if (object.preamble().alias() == name || object.preamble().name() == name) return object;
+  }
+  throw std::out_of_range("the pipeline has no object " + name);
+}
+
+template <typename Objects>
+const auto& withId(const Objects& objects, uint32_t id) {
+  for (const auto& object : objects) {
+    if (object.preamble().id() == id) return object;
+  }
+  throw std::out_of_range("the pipeline has no object with id " + std::to_string(id));
+}
+
+std::map<uint32_t, std::string> rowTablesOf(const std::string& deviceJson) {
+  struct Delete {
+    void operator()(cJSON* json) const { cJSON_Delete(json); }
+  };
+  const std::unique_ptr<cJSON, Delete> root(cJSON_Parse(deviceJson.c_str()));
+  const cJSON* tables = cJSON_GetObjectItem(cJSON_GetObjectItem(root.get(), "p4rtc"), "tables");
+  std::map<uint32_t, std::string> result;
+  const cJSON* table = nullptr;
+  cJSON_ArrayForEach(table, tables) {
+    const cJSON* name = cJSON_GetObjectItem(table, "table_name");
+    const cJSON* id = cJSON_GetObjectItem(table, "table_id");
+    if (!cJSON_IsString(name) || !id) continue;
+    const uint32_t number = cJSON_IsString(id) ? static_cast<uint32_t>(std::stoul(id->valuestring))
+                                               : static_cast<uint32_t>(id->valuedouble);
+    result[number] = name->valuestring;
+  }
+  return result;
+}
+
+}  // namespace
+
+std::string canonicalBytes(uint64_t value) {
+  std::string bytes;
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    const char byte = static_cast<char>(value >> shift);
+    if (byte != 0 || !bytes.empty() || shift == 0) bytes.push_back(byte);
+  }
+  return bytes;
+}
+
+std::string paddedBytes(const std::string& value, int bitwidth) {
+  const size_t size = static_cast<size_t>(bitwidth + 7) / 8;
+  if (value.size() >= size) return value.substr(value.size() - size);
+  return std::string(size - value.size(), '\0') + value;
+}
+
+Pipeline::Pipeline(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!request_.ParseFromIstream(&file)) throw std::runtime_error("no pipeline file: " + path);
+  p4::tmp::P4DeviceConfig device;
+  if (!device.ParseFromString(request_.config().p4_device_config())) {
+    throw std::runtime_error("no device configuration in " + path);
+  }
+  rowTables_ = rowTablesOf(device.device_data());
+}
+
+const p4::config::v1::Table& Pipeline::table(const std::string& name) const {
+  return named(p4info().tables(), name);
+}
+const p4::config::v1::Table& Pipeline::table(uint32_t id) const {
+  return withId(p4info().tables(), id);
+}
+const p4::config::v1::Action& Pipeline::action(const std::string& name) const {
+  return named(p4info().actions(), name);
+}
+const p4::config::v1::Action& Pipeline::action(uint32_t id) const {
+  return withId(p4info().actions(), id);
+}
+
+void Pipeline::tableSizeIs(const std::string& name, int64_t size) {
+  const uint32_t id = table(name).preamble().id();
+  for (auto& table : *request_.mutable_config()->mutable_p4info()->mutable_tables()) {
+    if (table.preamble().id() == id) table.set_size(size);
+  }
+}
+
+void Pipeline::written(const std::string& path) const {
+  std::ofstream file(path, std::ios::binary);
+  if (!request_.SerializeToOstream(&file)) throw std::runtime_error("cannot write " + path);
+}
+
+EntryOf::EntryOf(const Pipeline& pipeline, const std::string& table)
+    : pipeline_(pipeline), table_(pipeline.table(table)) {
+  entry_.set_table_id(table_.preamble().id());
+}
+
+p4::v1::FieldMatch& EntryOf::match(const std::string& field) {
+  for (const auto& candidate : table_.match_fields()) {
+    if (candidate.name() != field) continue;
+    p4::v1::FieldMatch& match = *entry_.add_match();
+    match.set_field_id(candidate.id());
+    return match;
+  }
+  throw std::out_of_range("table " + table_.preamble().name() + " has no field " + field);
+}
+
+EntryOf& EntryOf::exact(const std::string& field, uint64_t value) {
+  return exactBytes(field, canonicalBytes(value));
+}
+
+EntryOf& EntryOf::exactBytes(const std::string& field, const std::string& value) {
+  match(field).mutable_exact()->set_value(value);
+  return *this;
+}
+
+EntryOf& EntryOf::lpm(const std::string& field, uint64_t value, int prefixLength) {
+  auto& lpm = *match(field).mutable_lpm();
+  lpm.set_value(canonicalBytes(value));
+  lpm.set_prefix_len(prefixLength);
+  return *this;
+}
+
+EntryOf& EntryOf::ternary(const std::string& field, uint64_t value, uint64_t mask) {
+  auto& ternary = *match(field).mutable_ternary();
+  ternary.set_value(canonicalBytes(value));
+  ternary.set_mask(canonicalBytes(mask));
+  return *this;
+}
+
+EntryOf& EntryOf::priority(int priority) {
+  entry_.set_priority(priority);
+  return *this;
+}
+
+EntryOf& EntryOf::action(const std::string& name, const std::map<std::string, uint64_t>& params) {
+  const auto& definition = pipeline_.action(name);
+  auto& action = *entry_.mutable_action()->mutable_action();
+  action.Clear();
+  action.set_action_id(definition.preamble().id());
+  for (const auto& param : definition.params()) {
+    auto& value = *action.add_params();
+    value.set_param_id(param.id());
+    value.set_value(canonicalBytes(params.at(param.name())));
+  }
+  return *this;
+}
+
+EntryOf& EntryOf::metadata(const std::string& bytes) {
+  entry_.set_metadata(bytes);
+  return *this;
+}
+
+}  // namespace TestSupport

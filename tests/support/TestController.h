@@ -1,0 +1,83 @@
+// A P4Runtime controller for tests: one channel, one stream, and verbs that read like the story.
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "p4/v1/p4runtime.grpc.pb.h"
+#include "tests/support/Waiting.h"
+
+namespace TestSupport {
+
+struct WriteOutcome {
+  grpc::Status status;
+  std::vector<p4::v1::Error> errors;  // one an update when the status is UNKNOWN, else none
+
+  bool ok() const { return status.ok(); }
+  // The canonical code of one update, whatever form the answer took.
+  grpc::StatusCode code(size_t update) const;
+};
+void PrintTo(const WriteOutcome& outcome, std::ostream* out);
+
+struct ReadOutcome {
+  grpc::Status status;
+  std::vector<p4::v1::TableEntry> entries;
+};
+
+p4::v1::Update insertOf(const p4::v1::TableEntry& entry);
+p4::v1::Update modifyOf(const p4::v1::TableEntry& entry);
+p4::v1::Update deleteOf(const p4::v1::TableEntry& entry);
+
+// Several threads may write and read at once; one thread owns the stream's verbs.
+class TestController {
+ public:
+  TestController(const std::string& address, uint64_t electionIdLow, uint64_t deviceId = 1);
+  ~TestController();
+
+  // Opens the stream, or sends one more arbitration update, and answers what the server says to
+  // it: the code in the arbitration message, or that with which the stream ended.
+  grpc::StatusCode arbitrate();
+  bool becomePrimary() { return arbitrate() == grpc::StatusCode::OK; }
+  void electionIdIs(uint64_t low) { electionIdLow_ = low; }  // the next arbitrate() brings it
+  // The next arbitration message that nobody asked for.
+  std::optional<grpc::StatusCode> arbitrationNotice();
+  void disconnect();
+
+  WriteOutcome write(const std::vector<p4::v1::Update>& updates,
+                     std::chrono::milliseconds timeout = patience);
+  WriteOutcome write(const p4::v1::WriteRequest& request,
+                     std::chrono::milliseconds timeout = patience);
+  p4::v1::WriteRequest writeRequest(const std::vector<p4::v1::Update>& updates) const;
+  ReadOutcome read(const p4::v1::TableEntry& query, std::chrono::milliseconds timeout = patience);
+  ReadOutcome readTable(uint32_t tableId);  // 0: all tables
+  p4::v1::P4Runtime::Stub& stub() { return *stub_; }
+
+ private:
+  using Stream =
+      grpc::ClientReaderWriter<p4::v1::StreamMessageRequest, p4::v1::StreamMessageResponse>;
+  std::optional<grpc::StatusCode> nextNotice();
+  void followStream();
+
+  const uint64_t deviceId_;
+  std::shared_ptr<grpc::Channel> channel_;
+  std::unique_ptr<p4::v1::P4Runtime::Stub> stub_;
+  std::atomic<uint64_t> electionIdLow_;
+  std::unique_ptr<grpc::ClientContext> context_;
+  std::unique_ptr<Stream> stream_;
+  std::thread follower_;
+
+  std::mutex mutex_;  // guards what follows
+  std::condition_variable changed_;
+  std::deque<grpc::StatusCode> notices_;
+};
+
+}  // namespace TestSupport
