@@ -1,0 +1,122 @@
+#include "forwarder/Commands.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "forwarder/RowText.h"
+
+namespace Forwarder {
+namespace {
+
+constexpr const char* helpText =
+    "capacity TABLE=N               no more than N rows; TABLE may be *, N may be none\n"
+    "fail-table TABLE [off]         every write of the table fails\n"
+    "fail-key TABLE:COLUMN=TEXT [off]  writes of these rows fail; more columns after blanks\n"
+    "fail-every N                   one write in N fails; 0: off\n"
+    "fail-code CODE                 the error code of these failures\n"
+    "latency MS                     reports come so much later\n"
+    "silent on|off                  no reports at all\n"
+    "clear                          fail-table, fail-key, fail-every and silent off\n"
+    "rules                          the rules in force\n"
+    "dump [TABLE]                   the rows held, a line each\n"
+    "stats                          counters\n";
+
+Answer refused(std::string why) { return {false, std::move(why)}; }
+
+std::string tableNames(const ForwardingAgent& agent) {
+  std::string names;
+  for (const auto& [name, table] : agent.tables()) names += (names.empty() ? "" : ", ") + name;
+  return names.empty() ? "none yet" : names;
+}
+
+Answer dump(const ForwardingAgent& agent, const std::string& name) {
+  Answer answer;
+  if (name.empty()) {
+    for (const auto& [key, table] : agent.tables()) answer.text += dumpText(*table);
+    return answer;
+  }
+  const ProgrammedTable* table = agent.table(name);
+  if (!table) return refused("no table " + name + "; there are: " + tableNames(agent));
+  answer.text = dumpText(*table);
+  return answer;
+}
+
+Answer stats(const ForwardingAgent& agent, const ReportQueue& reports, const Following& following) {
+  std::string text =
+      fmt::format("attached {}\nsequence {}\nsnapshots {}\n", following.attached ? "yes" : "no",
+                  following.sequence, agent.snapshotCount());
+  uint64_t all = 0;
+  for (size_t i = 0; i < outcomeCount; ++i) all += agent.changes(static_cast<Outcome>(i));
+  text += fmt::format("changes {}\n", all);
+  for (size_t i = 0; i < outcomeCount; ++i) {
+    const auto outcome = static_cast<Outcome>(i);
+    text += fmt::format("{} {}\n", outcomeName(outcome), agent.changes(outcome));
+  }
+  text += fmt::format("swept {}\nreports-sent {}\nreports-waiting {}\nreports-dropped {}\n",
+                      agent.sweptRows(), reports.sent(), reports.waiting(), reports.dropped());
+  for (const auto& [name, table] : agent.tables()) {
+    const auto capacity = agent.rules().capacity(name);
+    text += fmt::format("table {} rows {} capacity {}\n", name, table->rowCount(),
+                        capacity ? std::to_string(*capacity) : "none");
+  }
+  return {true, std::move(text)};
+}
+
+bool hasKeyColumn(const Lattice::TableType& type, const std::string& name) {
+  const auto& columns = type.keyColumns();
+  return std::any_of(columns.begin(), columns.end(),
+                     [&](const Lattice::Column& column) { return column.name == name; });
+}
+
+// A rule may come before its table; but a column that a table does not have is a slip of the pen.
+void checkNewKeyRules(const ForwardingAgent& agent, const Rules& rules) {
+  for (const auto& [name, keys] : rules.failingKeys) {
+    const ProgrammedTable* table = agent.table(name);
+    if (!table || !table->type()) continue;
+    const auto former = agent.rules().failingKeys.find(name);
+    for (const KeyRule& key : keys) {
+      if (former != agent.rules().failingKeys.end() && std::ranges::count(former->second, key)) {
+        continue;
+      }
+      for (const auto& [column, text] : key.columns) {
+        if (hasKeyColumn(*table->type(), column)) continue;
+        throw RuleError(fmt::format("fail-key: table {} has no key column {}", name, column));
+      }
+    }
+  }
+}
+
+Answer ruled(ForwardingAgent& agent, const std::string& name, std::string_view argument) {
+  try {
+    Rules rules = agent.rules();
+    if (!applyRule(rules, name, argument)) {
+      return refused("no command '" + name + "'; try: help");
+    }
+    checkNewKeyRules(agent, rules);
+    agent.rulesIs(std::move(rules));
+    return {};
+  } catch (const RuleError& e) {
+    return refused(e.what());
+  }
+}
+
+}  // namespace
+
+Answer answered(ForwardingAgent& agent, const ReportQueue& reports, const Following& following,
+                std::string_view line) {
+  const size_t start = std::min(line.find_first_not_of(" \t\r"), line.size());
+  line.remove_prefix(start);
+  line = line.substr(0, line.find_last_not_of(" \t\r") + 1);
+  const size_t blank = std::min(line.find_first_of(" \t"), line.size());
+  const std::string name(line.substr(0, blank));
+  line.remove_prefix(blank);
+  line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
+  if (name == "dump") return dump(agent, std::string(line));
+  if (name == "stats") return stats(agent, reports, following);
+  if (name == "rules") return {true, rulesText(agent.rules())};
+  if (name == "help" || name.empty()) return {true, helpText};
+  return ruled(agent, name, line);
+}
+
+}  // namespace Forwarder

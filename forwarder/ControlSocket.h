@@ -1,0 +1,68 @@
+// The Unix socket on which a running forwarder takes commands, one line a connection.
+#pragma once
+
+#include <poll.h>
+
+#include <functional>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "forwarder/Commands.h"
+
+namespace Forwarder {
+
+// DIRECTORY/forwarder-NAME.sock
+std::string controlPath(const std::string& stateDirectory, const std::string& name);
+
+// Another forwarder answers at the path, or the path cannot be a socket's.
+class ControlError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Never blocks: a client that reads slowly keeps its answer waiting, and nobody else's.
+// An answer is the line "ok" and the text, or the line "error REASON"; then the connection ends.
+class ControlSocket {
+ public:
+  using Command = std::function<Answer(std::string_view line)>;
+  ControlSocket(std::string path, Command command);
+  ~ControlSocket();  // removes the socket if it is still ours
+  ControlSocket(const ControlSocket&) = delete;
+  ControlSocket& operator=(const ControlSocket&) = delete;
+
+  // Listens if it can and does not yet: the directory may come later, or be made anew. A socket
+  // that a killed forwarder left is replaced. Throws ControlError.
+  void maybeListen();
+  bool listening() const { return listener_ >= 0; }
+  void pollDescriptors(std::vector<pollfd>& out) const;  // appends what to wait for
+  void serve();                                          // does what can be done without waiting
+
+ private:
+  struct Client {
+    int descriptor = -1;
+    std::string in;
+    std::string out;
+    size_t outSent = 0;
+    bool answered = false;
+  };
+  bool ours() const;  // whether the path still leads to our socket
+  void doListen();
+  void doClose();
+  void acceptClients();
+  static bool receive(Client& client);  // false when the client is gone
+  static bool send(Client& client);     // false when all is sent or the client is gone
+  bool advanced(Client& client);        // false when the connection is over
+
+  const std::string path_;
+  const Command command_;
+  int listener_ = -1;
+  dev_t device_ = 0;  // of the socket's file, to know it again
+  ino_t inode_ = 0;
+  std::list<Client> clients_;
+};
+
+// The client's side. Answers the answer; throws std::system_error when there is no forwarder.
+Answer asked(const std::string& path, const std::string& line);
+
+}  // namespace Forwarder

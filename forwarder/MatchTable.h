@@ -1,0 +1,58 @@
+// One table as the forwarder programs it: rows by key, and in a structure that finds the row a
+// packet matches.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "forwarder/MatchLayout.h"
+#include "forwarder/RowSet.h"
+
+namespace Forwarder {
+
+// One thread uses it. Rows belong to the table and live until they are deleted or replaced.
+// Programming costs one hash look-up and one allocation, and in a ternary table one more look-up.
+class MatchTable {
+ public:
+  virtual ~MatchTable() = default;
+  MatchTable(const MatchTable&) = delete;
+  MatchTable& operator=(const MatchTable&) = delete;
+
+  const MatchLayout& layout() const { return layout_; }
+  size_t rowCount() const { return rows_.size(); }
+  StoredRow* row(std::string_view key) const { return rows_.row(key); }  // null when absent
+  // Inserts or replaces. `key` has no fault (MatchLayout::keyFault()).
+  StoredRow& rowIs(std::string_view key, std::string_view value);
+  void rowDel(const StoredRow& row);  // a row of this table
+  // Deletes the rows that `gone` answers true for; answers how many.
+  size_t sweep(const std::function<bool(const StoredRow&)>& gone);
+  void forEach(const std::function<void(const StoredRow&)>& visit) const { rows_.forEach(visit); }
+
+  // The row that a packet hits, or null; `packet` has layout().packetSize() bytes. Of several, the
+  // one with the greatest priority wins, then the longest prefix (of the first prefix column, then
+  // the next), then the least key.
+  virtual const StoredRow* lookup(std::span<const uint8_t> packet) const = 0;
+
+ protected:
+  explicit MatchTable(const MatchLayout& layout) : layout_(layout) {}
+  const RowSet& rows() const { return rows_; }
+
+ private:
+  // The structure beside the hash table of rows follows what happens to them.
+  virtual void handleRowAdded(const StoredRow&) {}
+  virtual void handleRowLeaving(const StoredRow&) {}
+
+  const MatchLayout layout_;
+  RowSet rows_;
+  const std::function<void(const StoredRow&)> leaving_ = [this](const StoredRow& row) {
+    handleRowLeaving(row);
+  };
+};
+
+// A table that fits the layout's kind.
+std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout);
+
+}  // namespace Forwarder

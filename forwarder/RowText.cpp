@@ -1,0 +1,63 @@
+#include "forwarder/RowText.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "forwarder/ForwardingAgent.h"
+
+namespace Forwarder {
+namespace {
+
+std::string hex(std::string_view bytes) {
+  std::string text = "0x";
+  for (const char byte : bytes) text += fmt::format("{:02x}", static_cast<uint8_t>(byte));
+  return text;
+}
+
+std::string columnsText(const std::vector<Lattice::ColumnText>& columns) {
+  std::string text;
+  for (const Lattice::ColumnText& column : columns) {
+    if (!text.empty()) text += ' ';
+    text += column.name;
+    text += '=';
+    text += column.text;
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string rowText(const Lattice::TableType* type, std::string_view key, std::string_view value) {
+  try {
+    if (type) {
+      std::string text = columnsText(Lattice::keyTexts(*type, key));
+      if (value.empty()) return text;
+      return text + (text.empty() ? "-> " : " -> ") +
+             columnsText(Lattice::valueTexts(*type, value));
+    }
+  } catch (const Lattice::TypeError&) {
+    // Shown below, as the bytes are.
+  }
+  return hex(key) + " -> " + hex(value);
+}
+
+std::string dumpText(const ProgrammedTable& table) {
+  if (!table.rows()) return {};
+  std::vector<const StoredRow*> rows;
+  rows.reserve(table.rowCount());
+  table.rows()->forEach([&](const StoredRow& row) { rows.push_back(&row); });
+  std::sort(rows.begin(), rows.end(),
+            [](const StoredRow* a, const StoredRow* b) { return a->key() < b->key(); });
+  std::string text;
+  for (const StoredRow* row : rows) {
+    text += table.name();
+    text += ' ';
+    text += rowText(table.type(), row->key(), row->value());
+    text += '\n';
+  }
+  return text;
+}
+
+}  // namespace Forwarder

@@ -1,0 +1,45 @@
+// The forwarder's process: one thread that follows the agent, sends late reports in time, serves
+// the control socket, and ends on SIGTERM or SIGINT.
+#pragma once
+
+#include <csignal>
+#include <memory>
+#include <string>
+
+#include "forwarder/ControlSocket.h"
+#include "forwarder/ForwardingAgent.h"
+
+namespace Forwarder {
+
+struct RunnerOptions {
+  std::string stateDirectory;
+  std::string name;
+  Rules rules;
+  bool dumpOnSignal = false;  // SIGUSR1 prints the tables on standard output
+  bool verbose = false;       // a line a change on standard error
+};
+
+class Runner {
+ public:
+  explicit Runner(RunnerOptions options);
+  ~Runner();
+  // Until a signal ends it. Throws ControlError when another forwarder has this name.
+  void run();
+
+ private:
+  bool handleSignals();  // false when it is time to go
+  void handleAttachment();
+  void doWait();
+  void say(const std::string& line) const;
+
+  const RunnerOptions options_;
+  ReportQueue reports_;
+  ForwardingAgent agent_;
+  std::unique_ptr<Lattice::Subscriber> subscriber_;
+  ControlSocket control_;
+  int signals_ = -1;
+  bool attached_ = false;
+  std::string waitingFor_;  // what was last said to be waited for
+};
+
+}  // namespace Forwarder
