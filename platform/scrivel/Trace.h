@@ -83,7 +83,9 @@ class Recorder {
   template <typename T>
   void add(const T& value) {
     using Plain = std::decay_t<T>;
-    if constexpr (std::is_same_v<Plain, bool>) {
+    if constexpr (std::is_null_pointer_v<Plain>) {
+      fixed(Tag::pointer, uint64_t{0});
+    } else if constexpr (std::is_same_v<Plain, bool>) {
       fixed(Tag::boolean, uint8_t{value});
     } else if constexpr (std::is_same_v<Plain, char>) {
       text({&value, 1});
@@ -104,8 +106,7 @@ class Recorder {
     } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
       text(value);
     } else {
-      static_assert(std::is_pointer_v<Plain> || std::is_null_pointer_v<Plain>,
-                    "trace texts, numbers, pointers, hex() or buffer()");
+      static_assert(std::is_pointer_v<Plain>, "trace texts, numbers, pointers, hex(), buffer()");
       fixed(Tag::pointer, static_cast<uint64_t>(reinterpret_cast<uintptr_t>(value)));
     }
   }
