@@ -1,6 +1,7 @@
 // The lock itself: a plain mutex with a depth kept by the thread that holds it.
 #include "platform/vela/ActivityLock.h"
 
+#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -10,7 +11,7 @@ namespace {
 
 struct Hook {
   uint64_t id;
-  std::function<void()> run;
+  std::function<void()> run;  // empty once removed
 };
 
 std::mutex& lockMutex() {
@@ -18,8 +19,8 @@ std::mutex& lockMutex() {
   return *mutex;
 }
 
-std::vector<Hook>& hooks() {
-  static auto* list = new std::vector<Hook>;
+std::vector<std::shared_ptr<Hook>>& hooks() {
+  static auto* list = new std::vector<std::shared_ptr<Hook>>;
   return *list;
 }
 
@@ -29,7 +30,16 @@ uint64_t lastHookId = 0;  // guarded by the lock
 void runHooks() {
   // A hook may take the lock again; at depth 1 that would run the hooks once more.
   ++lockDepth;
-  for (size_t i = 0; i < hooks().size(); ++i) hooks()[i].run();
+  bool removed = false;
+  for (size_t i = 0; i < hooks().size(); ++i) {
+    const std::shared_ptr<Hook> hook = hooks()[i];  // survives hooks that come and go meanwhile
+    if (const auto run = hook->run) {
+      run();
+    } else {
+      removed = true;
+    }
+  }
+  if (removed) std::erase_if(hooks(), [](const auto& hook) { return !hook->run; });
   --lockDepth;
 }
 
@@ -67,11 +77,13 @@ ActivityLockReleased::~ActivityLockReleased() {
 }
 
 ScopeEndHook::ScopeEndHook(std::function<void()> hook) : id_(++lastHookId) {
-  hooks().push_back({id_, std::move(hook)});
+  hooks().push_back(std::make_shared<Hook>(Hook{id_, std::move(hook)}));
 }
 
 ScopeEndHook::~ScopeEndHook() {
-  std::erase_if(hooks(), [this](const Hook& hook) { return hook.id == id_; });
+  for (const auto& hook : hooks()) {
+    if (hook->id == id_) hook->run = nullptr;  // its place goes when the hooks have run
+  }
 }
 
 }  // namespace Vela

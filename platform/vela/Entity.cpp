@@ -25,6 +25,8 @@ void Observation::end() {
 }
 
 Observation ObserverList::observe(Callback changed) {
+  // Those who came and went while nothing changed must not pile up.
+  std::erase_if(slots_, [](const auto& slot) { return !slot->changed; });
   auto slot = std::make_shared<Observation::Slot>();
   slot->changed = std::move(changed);
   slots_.push_back(slot);
@@ -47,6 +49,10 @@ AttributeBase::AttributeBase(Entity& owner, const char* name, Access access)
 }
 
 void AttributeBase::notify(const std::string& key) {
+  if (!observed()) return;
+  // An observer may drop the last reference. Without any, the owner is under construction or no
+  // shared object, and a Ptr would delete it.
+  const Ptr<Entity> alive(owner_.references() > 0 ? &owner_ : nullptr);
   observers_.notify(key);
   if (!owner_.observers_.empty()) owner_.observers_.notify(name_);
 }

@@ -74,10 +74,11 @@ class AttributeBase {
   // Throws BadValue when the attribute is read-only or the text is no value of its type.
   virtual void textIs(std::string_view text) = 0;
 
-  [[nodiscard]] Observation observe(std::function<void()> changed) {
+  // Who may only read may observe, too.
+  [[nodiscard]] Observation observe(std::function<void()> changed) const {
     return observers_.observe([changed = std::move(changed)](const std::string&) { changed(); });
   }
-  [[nodiscard]] Observation observeKeys(ObserverList::Callback changed) {
+  [[nodiscard]] Observation observeKeys(ObserverList::Callback changed) const {
     return observers_.observe(std::move(changed));
   }
 
@@ -90,7 +91,7 @@ class AttributeBase {
   Entity& owner_;
   const char* name_;
   Access access_;
-  ObserverList observers_;
+  mutable ObserverList observers_;
 };
 
 // Stores first, then tells; an equal value wakes nobody.
@@ -142,13 +143,14 @@ class Collection final : public AttributeBase {
   V valueDel(const K& key) {
     const auto found = map_.find(key);
     if (found == map_.end()) return V{};
-    V removed = std::move(found->second);
-    map_.erase(found);
-    tell(key);
-    return removed;
+    auto node = map_.extract(found);  // keeps the key: `key` may lie within the map
+    tell(node.key());
+    return std::move(node.mapped());
   }
+  // Observers find all of them gone, and may add new ones.
   void valueDelAll() {
-    while (!map_.empty()) valueDel(K(map_.begin()->first));
+    const Map removed = std::exchange(map_, Map());
+    for (const auto& [key, value] : removed) tell(key);
   }
   const Map& values() const { return map_; }
 
@@ -186,7 +188,7 @@ class Entity : public RefCounted {
   const Operation* operation(std::string_view name) const;
 
   // Told of every attribute, after the attribute's own observers; the key is the attribute's name.
-  [[nodiscard]] Observation observeAll(ObserverList::Callback changed) {
+  [[nodiscard]] Observation observeAll(ObserverList::Callback changed) const {
     return observers_.observe(std::move(changed));
   }
 
@@ -198,7 +200,7 @@ class Entity : public RefCounted {
   std::string name_;
   std::vector<AttributeBase*> attributes_;
   std::vector<Operation> operations_;
-  ObserverList observers_;
+  mutable ObserverList observers_;
 };
 
 }  // namespace Vela
@@ -215,7 +217,8 @@ class Entity : public RefCounted {
  public:                                                                               \
   const type& attr() const { return attr##_.value(); }                                 \
   void attr##Is(type value) { attr##_.valueIs(std::move(value)); }                     \
-  ::Vela::Attribute<type>& attr##Attribute() { return attr##_; }
+  ::Vela::Attribute<type>& attr##Attribute() { return attr##_; }                       \
+  const ::Vela::Attribute<type>& attr##Attribute() const { return attr##_; }
 
 #define VELA_ATTRIBUTE(type, attr, ...) VELA_ATTRIBUTE_WITH(readWrite, type, attr, __VA_ARGS__)
 #define VELA_READONLY_ATTRIBUTE(type, attr, ...) \

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <uv.h>
 
+#include <system_error>
 #include <utility>
 
 #include "platform/vela/ActivityLock.h"
@@ -16,7 +17,8 @@ struct FileDescriptor::Impl {
   void ready(int events) {
     const ActivityLock lock;
     if (!owner) return;
-    const Ptr<FileDescriptor> alive(owner);  // a callback may drop the last reference
+    // A callback may drop the last reference; an object that nobody shares is not ours to hold.
+    const Ptr<FileDescriptor> alive(owner->references() > 0 ? owner : nullptr);
     if ((events & (UV_READABLE | UV_DISCONNECT)) && owner->readable_) {
       const auto readable = owner->readable_;
       readable();
@@ -67,7 +69,12 @@ void FileDescriptor::rewatch() {
   impl_ = new Impl;
   impl_->owner = this;
   impl_->poll.data = impl_;
-  uv_poll_init(loop_.handle(), &impl_->poll, descriptor());
+  if (const int error = uv_poll_init(loop_.handle(), &impl_->poll, descriptor())) {
+    delete std::exchange(impl_, nullptr);
+    throw std::system_error(
+        -error, std::generic_category(),
+        "cannot watch descriptor " + std::to_string(descriptor()) + " of " + name());
+  }
   uv_poll_start(&impl_->poll, events, [](uv_poll_t* poll, int status, int ready) {
     static_cast<Impl*>(poll->data)->ready(status < 0 ? UV_READABLE : ready);
   });

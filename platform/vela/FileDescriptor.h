@@ -22,7 +22,8 @@ class FileDescriptor final : public Entity {
 
  public:
   // `readable` runs on the loop, under the activity lock, as long as the descriptor is readable or
-  // hung up. An empty function stops watching.
+  // hung up. An empty function stops watching. Throws std::system_error for a descriptor that
+  // cannot be watched (a regular file, or one that is watched already); so does descriptorIs().
   void onReadableIs(std::function<void()> readable);
   void onWritableIs(std::function<void()> writable);
 

@@ -57,7 +57,8 @@ ReactorLoop::~ReactorLoop() {
 void ReactorLoop::run() {
   impl_->thread = std::this_thread::get_id();
   impl_->runPosted();
-  if (!impl_->stopping) uv_run(&impl_->loop, UV_RUN_DEFAULT);
+  // libuv remembers a stop that came while it did not run; ours is the one that counts.
+  while (!impl_->stopping) uv_run(&impl_->loop, UV_RUN_DEFAULT);
   impl_->stopping = false;
   impl_->thread = std::thread::id();
 }

@@ -25,6 +25,7 @@ Timer::~Timer() {
 }
 
 void Timer::start(std::chrono::milliseconds delay, std::chrono::milliseconds period) {
+  uv_update_time(impl_->timer.loop);  // a long turn would make the timer expire early
   uv_timer_start(
       &impl_->timer,
       [](uv_timer_t* timer) {
