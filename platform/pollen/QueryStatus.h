@@ -1,0 +1,34 @@
+// What became of the queries.
+#pragma once
+
+#include <string>
+#include <utility>
+
+#include "platform/orrery/Directory.h"
+
+namespace Pollen {
+
+// name() is the path of the output table. A query that failed has a `reason` and is neither defined
+// nor active: look at `reason` first.
+class QueryStatus final : public Vela::Entity {
+ public:
+  explicit QueryStatus(std::string path) : Entity(std::move(path)) {}
+  const char* typeName() const override { return "Pollen::QueryStatus"; }
+
+  VELA_READONLY_ATTRIBUTE(bool, defined, false)  // its text is valid for its tables
+  VELA_READONLY_ATTRIBUTE(bool, active, false)   // its output table is there
+  VELA_READONLY_ATTRIBUTE(std::string, reason)   // empty: no failure
+};
+
+// Observe entityCollection() for statuses that come and go. Call with the activity lock held.
+class QueryStatusDir final : public Orrery::Directory {
+ public:
+  explicit QueryStatusDir(std::string name) : Directory(std::move(name)) {}
+  const char* typeName() const override { return "Pollen::QueryStatusDir"; }
+
+  Vela::Ptr<QueryStatus> queryStatus(const std::string& path) const;  // null when absent
+  Vela::Ptr<QueryStatus> queryStatusIs(const std::string& path);      // adds it when absent
+  void queryStatusDel(const std::string& path) { entityDel(path); }
+};
+
+}  // namespace Pollen
