@@ -1,0 +1,86 @@
+// The failures of the write path and of pipeline parsing, and what the edge does with each. Their
+// handlers run on the thread that raised the exception, with the activity lock held.
+#pragma once
+
+#include <string>
+
+#include "PI/pi_base.h"
+#include "platform/companion/ErrorCode.h"
+#include "platform/companion/ResourceId.h"
+#include "platform/vela/Exception.h"
+
+namespace P4Runtime {
+
+// What a failed update answers; its error stands in the batch's status vector.
+inline constexpr pi_status_t updateFailedStatus = static_cast<pi_status_t>(40);
+
+// Permission levels of the PI server.
+inline constexpr uint32_t nothingAllowed = 0;
+inline constexpr uint32_t readsAllowed = 1;
+inline constexpr uint32_t writesAllowed = 2;
+
+// The error of one update of a batch.
+class P4RuntimeException : public Vela::Exception {
+ public:
+  P4RuntimeException(const std::string& message, EntryHandle entryHandle, BatchOffset offset,
+                     ErrorCode errorCode)
+      : Exception(message), entryHandle(entryHandle), offset_(offset), errorCode(errorCode) {}
+
+  // Records the error for the update's offset, puts the entry back, and answers the status of a
+  // failed update.
+  static pi_status_t handleException(const P4RuntimeException& e);
+
+  const EntryHandle entryHandle;  // 0: of no entry
+  BatchOffset offset() const { return offset_; }
+
+ private:
+  const BatchOffset offset_;
+
+ public:
+  const ErrorCode errorCode;
+};
+
+// The pipeline configuration could not be read or realised.
+class P4RuntimeParsingException : public Vela::Exception {
+ public:
+  P4RuntimeParsingException(std::string latticeError, std::string error, std::string jsonError)
+      : Exception(error),
+        latticeError(std::move(latticeError)),
+        error(std::move(error)),
+        jsonError(std::move(jsonError)) {}
+
+  // Publishes the three texts in the parsing status and says on standard error what is wrong.
+  static void handleException(const P4RuntimeParsingException& e);
+
+  const std::string latticeError;  // of the table library
+  const std::string error;
+  const std::string jsonError;  // where the JSON text stopped making sense
+};
+
+// The hardware's state can no longer be trusted; writes are refused from here on.
+class P4RuntimeCriticalStateException : public Vela::Exception {
+ public:
+  P4RuntimeCriticalStateException(const std::string& message, EntryHandle entryHandle,
+                                  ErrorCode errorCode)
+      : Exception(message), entryHandle(entryHandle), errorCode(errorCode) {}
+
+  static void handleException(const P4RuntimeCriticalStateException& e);
+
+  const EntryHandle entryHandle;
+  const ErrorCode errorCode;
+};
+
+// The agent found an invariant of its own broken; writes are refused from here on.
+class P4RuntimeBrokenInvariantException : public Vela::Exception {
+ public:
+  using Exception::Exception;
+
+  static pi_status_t handleException(const P4RuntimeBrokenInvariantException& e);
+  // Trusts the hardware again: reads and writes are allowed, whatever the level was.
+  static void revertCriticalState();
+};
+
+// Throws the error that the batch has already recorded for the handle, if any.
+void maybeThrowBatchEntryErrorException(EntryHandle handle);
+
+}  // namespace P4Runtime

@@ -1,0 +1,42 @@
+#include "P4Runtime/pi/PiContext.h"
+
+#include <cassert>
+#include <utility>
+
+#include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "platform/companion/BatchStatus.h"
+#include "platform/companion/P4HandleMgr.h"
+#include "platform/companion/P4RtSystemConfig.h"
+
+namespace P4Runtime {
+namespace {
+
+PiContext::Ptr& theContext() {
+  static auto* context = new PiContext::Ptr;  // outlives the server's threads
+  return *context;
+}
+
+}  // namespace
+
+PiContext::PiContext() : Entity("piContext") {}
+PiContext::~PiContext() = default;
+
+PiContext::Ptr piContextFactory() { return Vela::make<PiContext>(); }
+
+void ThePiContextIs(PiContext::Ptr pic) {
+  assert(pic);
+  if (pic == theContext()) return;
+  theContext() = std::move(pic);
+}
+
+PiContext::Ptr ThePiContext() { return theContext(); }
+
+TableImpl* TheTableImpl() { return theContext()->tableImpl().get(); }
+BatchStatus* TheBatchStatus() { return theContext()->batchStatus().get(); }
+P4HandleMgr* TheP4HandleMgr() { return theContext()->p4HandleMgr().get(); }
+P4RuntimeConfig::P4RtSystemStatus* TheP4RtSystemStatus() {
+  return theContext()->p4RtSystemStatus().get();
+}
+
+}  // namespace P4Runtime

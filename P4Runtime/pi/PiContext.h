@@ -1,0 +1,45 @@
+// The process-wide context through which the PI entry points reach the agent's objects.
+#pragma once
+
+#include "platform/vela/Entity.h"
+
+namespace P4RuntimeConfig {
+class P4RtSystemStatus;
+}
+
+namespace P4Runtime {
+
+class BatchStatus;
+class KorvelPiServer;
+class P4HandleMgr;
+class TableImpl;
+
+// Created empty and filled by the agent before the server starts; read without locking after that.
+class PiContext : public Vela::Entity {
+ public:
+  using Ptr = Vela::Ptr<PiContext>;
+
+  PiContext();
+  ~PiContext() override;
+  const char* typeName() const override { return "P4Runtime::PiContext"; }
+
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServer>, piServer, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<BatchStatus>, batchStatus, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4HandleMgr>, p4HandleMgr, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus>, p4RtSystemStatus, nullptr)
+};
+
+PiContext::Ptr piContextFactory();
+
+// Asserts that there is a context; setting the one already set changes nothing.
+void ThePiContextIs(PiContext::Ptr pic);
+PiContext::Ptr ThePiContext();
+
+// Borrowed from the context, which must have been set; null until the agent has filled it in.
+TableImpl* TheTableImpl();
+BatchStatus* TheBatchStatus();
+P4HandleMgr* TheP4HandleMgr();
+P4RuntimeConfig::P4RtSystemStatus* TheP4RtSystemStatus();
+
+}  // namespace P4Runtime

@@ -1,0 +1,66 @@
+#include "P4Runtime/pipeline/P4TableInfo.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/vela/Exception.h"
+
+namespace P4Runtime {
+namespace {
+
+constexpr std::pair<P4TableInfoState, const char*> stateTexts[] = {
+    {P4TableInfoState::tableInfoNotReady, "tableInfoNotReady"},
+    {P4TableInfoState::tableInfoReady, "tableInfoReady"},
+    {P4TableInfoState::tableInfoError, "tableInfoError"},
+};
+
+}  // namespace
+
+std::string enumToText(P4TableInfoState state) {
+  for (const auto& [value, text] : stateTexts) {
+    if (value == state) return text;
+  }
+  return std::to_string(static_cast<int>(state));
+}
+
+bool enumFromText(std::string_view text, P4TableInfoState* state) {
+  for (const auto& [value, name] : stateTexts) {
+    if (text != name) continue;
+    *state = value;
+    return true;
+  }
+  return false;
+}
+
+P4TableInfoState tableInfoStateFromText(std::string_view text) {
+  P4TableInfoState state{};
+  if (!enumFromText(text, &state)) throw Vela::Exception("Unrecognized tableInfoState");
+  return state;
+}
+
+P4TableInfo::P4TableInfo(std::string name, std::string parentPath)
+    : Entity(std::move(name)), parentPath_(std::move(parentPath)) {}
+
+void P4TableInfo::modelDel() {
+  fieldBitwidthsDelAll();
+  actionIdColForTableDelAll();
+  priorityNeededDelAll();
+  hasDirectMeterDelAll();
+  hasDirectCounterDelAll();
+  directMeterIdsDelAll();
+  directCounterIdsDelAll();
+  maxTableSizeDelAll();
+  constEntriesDelAll();
+  rowConstructorDelAll();
+  latticeTableInterfaceDelAll();
+  resourceNameDelAll();
+  slotNamesDelAll();
+  unprogrammableDelAll();
+}
+
+std::string P4TableInfo::nameOf(ResourceId rid) const {
+  const std::string& name = resourceName(rid);
+  return name.empty() ? toText(rid) : name;
+}
+
+}  // namespace P4Runtime

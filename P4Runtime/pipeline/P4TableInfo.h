@@ -1,0 +1,83 @@
+// The agent's model of the installed pipeline: for every table how its match key and actions are
+// encoded, what it may hold, and the artifacts through which its rows are written. Used with the
+// activity lock held.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "P4Runtime/pipeline/FieldBitwidths.h"
+#include "platform/lattice/Database.h"
+#include "platform/lattice/IpGenPrefix.h"
+#include "platform/lattice/RowConstructor.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+enum class P4TableInfoState { tableInfoNotReady, tableInfoReady, tableInfoError };
+std::string enumToText(P4TableInfoState state);
+bool enumFromText(std::string_view text, P4TableInfoState* state);
+// Throws Vela::Exception "Unrecognized tableInfoState" for another text.
+P4TableInfoState tableInfoStateFromText(std::string_view text);
+
+// Prefix fields that one row may have, key and action data together.
+inline constexpr uint32_t MaxPrefixes = 8;
+
+class P4TableInfo : public Vela::Entity {
+ public:
+  // Name of the entity, and the path of its parent in the agent's tree.
+  P4TableInfo(std::string name, std::string parentPath);
+  const char* typeName() const override { return "P4Runtime::P4TableInfo"; }
+  const std::string& parentPath() const { return parentPath_; }
+
+  VELA_COLLECTION(ResourceId, FieldBitwidths, fieldBitwidths)
+  VELA_COLLECTION(ResourceId, ActionIdCol, actionIdColForTable)
+  VELA_COLLECTION(ResourceId, bool, priorityNeeded)
+  VELA_COLLECTION(ResourceId, bool, hasDirectMeter)
+  VELA_COLLECTION(ResourceId, bool, hasDirectCounter)
+  VELA_COLLECTION(ResourceId, bool, directMeterIds)
+  VELA_COLLECTION(ResourceId, bool, directCounterIds)
+  VELA_COLLECTION(ResourceId, uint32_t, maxTableSize)
+  VELA_COLLECTION(ResourceId, P4TableInfoConstEntries, constEntries)
+  VELA_COLLECTION(ResourceId, Vela::Ptr<Lattice::RowConstructor>, rowConstructor)
+  VELA_COLLECTION(ResourceId, Vela::Ptr<Lattice::ArTableInterface>, latticeTableInterface)
+  VELA_READONLY_ATTRIBUTE(P4TableInfoState, tableInfoState, P4TableInfoState::tableInfoNotReady)
+  VELA_READONLY_ATTRIBUTE(uint32_t, cleanupRequestId, 0)
+  VELA_READONLY_ATTRIBUTE(uint32_t, cleanupResponseId, 0)
+  // Names for messages: of tables and actions, and of what their slots belong to.
+  VELA_COLLECTION(ResourceId, std::string, resourceName)
+  VELA_COLLECTION(ResourceId, std::vector<std::string>, slotNames)
+  // Why writes of a table, or with an action, are refused; absent when they are not.
+  VELA_COLLECTION(ResourceId, std::string, unprogrammable)
+
+ public:
+  void cleanupRequestIdInc(uint32_t n) { cleanupRequestIdIs(cleanupRequestId() + n); }
+  void cleanupResponseIdInc(uint32_t n) { cleanupResponseIdIs(cleanupResponseId() + n); }
+  // Turning PI bytes into the field pointers of a row constructor. The prefixes and buffers behind
+  // the pointers are one set for the process, so rows are built one at a time under the lock.
+  // Call before the fields of each row; the prefix pointers of the former row become invalid.
+  void onNewRowStarted();
+  // Appends a pointer a field for the first `numFields` slots of `tableId`, whose PI encoding is in
+  // `data` (changed in place where fields go to host order). A prefix is one pointer for its two
+  // slots; a slot of width 0 takes one byte. Asserts what whyUnprogrammable() would have told.
+  void extractFields(ResourceId tableId, uint32_t numFields, uint8_t* data, uint32_t& count,
+                     const uint8_t** fields) const;
+  // Appends a pointer to zeroes for each slot of the table.
+  void stuffFields(ResourceId tableId, uint32_t& count, const uint8_t** fields) const;
+  // Why extractFields() cannot convert a table's key or an action's data: a 3-byte field in host
+  // order, a prefix not 32 or 128 bits wide, more than MaxPrefixes; names the field. Empty when it
+  // can.
+  std::string whyUnprogrammable(ResourceId rid) const;
+
+  // Everything but the state and the clean-up counters.
+  void modelDel();
+  // The object's name, or what kind it is and its id when it has none.
+  std::string nameOf(ResourceId rid) const;
+
+ private:
+  std::string parentPath_;
+};
+
+}  // namespace P4Runtime

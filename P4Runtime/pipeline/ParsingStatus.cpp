@@ -1,0 +1,26 @@
+#include "P4Runtime/pipeline/ParsingStatus.h"
+
+namespace P4Runtime {
+
+void ParsingStatus::failureIs(const std::string& lattice, const std::string& what,
+                              const std::string& json) {
+  latticeErrorIs(lattice);
+  errorIs(what);
+  jsonErrorIs(json);
+  failuresIs(failures() + 1);
+  failedIs(true);
+}
+
+void ParsingStatus::failureCleared() {
+  latticeErrorIs("");
+  errorIs("");
+  jsonErrorIs("");
+  failedIs(false);
+}
+
+ParsingStatus* TheParsingStatus() {
+  static const auto* status = new Vela::Ptr<ParsingStatus>(Vela::make<ParsingStatus>("pipeline"));
+  return status->get();
+}
+
+}  // namespace P4Runtime

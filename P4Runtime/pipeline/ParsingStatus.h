@@ -1,0 +1,31 @@
+// The outcome of the last attempt to read the pipeline configuration, for operators.
+#pragma once
+
+#include <string>
+
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// At "p4runtime/status/pipeline". Used with the activity lock held.
+class ParsingStatus : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "P4Runtime::ParsingStatus"; }
+
+  VELA_READONLY_ATTRIBUTE(bool, failed, false)
+  VELA_READONLY_ATTRIBUTE(std::string, latticeError, "")
+  VELA_READONLY_ATTRIBUTE(std::string, error, "")
+  VELA_READONLY_ATTRIBUTE(std::string, jsonError, "")
+  VELA_READONLY_ATTRIBUTE(uint32_t, failures, 0)  // since the agent started
+
+ public:
+  void failureIs(const std::string& latticeError, const std::string& error,
+                 const std::string& jsonError);
+  void failureCleared();
+};
+
+// One a process; never null.
+ParsingStatus* TheParsingStatus();
+
+}  // namespace P4Runtime

@@ -1,0 +1,289 @@
+// The table functions of the PI target interface.
+#include <fmt/format.h>
+
+#include <cassert>
+#include <cstring>
+#include <memory>
+
+#include "P4Runtime/pi/Entered.h"
+#include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pipeline/PiDebug.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "PI/int/pi_int.h"
+#include "PI/pi_extensions.h"
+#include "PI/target/pi_tables_imp.h"
+#include "platform/companion/BatchStatus.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("KorvelPiTables");
+
+constexpr uint32_t resourcePrefix(pi_p4_id_t id) { return id >> 24; }
+
+struct DirectResources {
+  Vela::Ptr<P4MeterConfig> meter;
+  Vela::Ptr<P4CounterData> counter;
+};
+
+MeterUnit meterUnitOf(const pi_meter_spec_t& spec) {
+  return spec.meter_unit <= PI_METER_UNIT_BYTES ? static_cast<MeterUnit>(spec.meter_unit)
+                                                : MeterUnitDefault;
+}
+
+MeterType meterTypeOf(const pi_meter_spec_t& spec) {
+  return spec.meter_type <= PI_METER_TYPE_COLOR_UNAWARE ? static_cast<MeterType>(spec.meter_type)
+                                                        : MeterTypeDefault;
+}
+
+DirectResources directResources(const pi_table_entry_t& entry) {
+  DirectResources resources;
+  if (!entry.direct_res_config) return resources;
+  for (size_t i = 0; i < entry.direct_res_config->num_configs; ++i) {
+    const pi_direct_res_config_one_t& one = entry.direct_res_config->configs[i];
+    if (resourcePrefix(one.res_id) == PI_DIRECT_COUNTER_ID) {
+      const auto& data = *static_cast<const pi_counter_data_t*>(one.config);
+      resources.counter = p4CounterDataFactory(data.bytes, data.packets);
+    } else if (resourcePrefix(one.res_id) == PI_DIRECT_METER_ID) {
+      const auto& spec = *static_cast<const pi_meter_spec_t*>(one.config);
+      resources.meter = p4MeterConfigFactory(spec.cir, spec.cburst, spec.pir, spec.pburst,
+                                             meterUnitOf(spec), meterTypeOf(spec));
+    } else {
+      throw P4RuntimeException(fmt::format("Invalid resource type: {} res_id: {}",
+                                           resourcePrefix(one.res_id), one.res_id),
+                               0, pi_batch_current_offset(), ErrorCode::invalidArgument);
+    }
+  }
+  return resources;
+}
+
+EntryHandle addEntry(TableImpl& tableImpl, pi_p4_id_t tableId, const pi_match_key_t& matchKey,
+                     const pi_table_entry_t& entry) {
+  const DirectResources resources = directResources(entry);
+  if (entry.entry_type == PI_ACTION_ENTRY_TYPE_DATA) {
+    const pi_action_data_t& action = *entry.entry.action_data;
+    return tableImpl.tableEntryAdd(tableId, matchKey.priority, matchKey.data_size, matchKey.data,
+                                   action.action_id, action.data_size, action.data,
+                                   resources.meter.get(), resources.counter.get());
+  }
+  if (entry.entry_type == PI_ACTION_ENTRY_TYPE_INDIRECT) {
+    const uint64_t handle = entry.entry.indirect_handle;
+    return tableImpl.indirectTableEntryAdd(
+        tableId, matchKey.priority, matchKey.data_size, matchKey.data,
+        reinterpret_cast<const char*>(&handle), sizeof handle, handle >> 32 == 1,
+        resources.meter.get(), resources.counter.get());
+  }
+  throw P4RuntimeException(
+      fmt::format("Unhandled table_entry type: {}", static_cast<int>(entry.entry_type)), 0,
+      pi_batch_current_offset(), ErrorCode::invalidArgument);
+}
+
+void cacheEntry(TableImpl& tableImpl, pi_p4_id_t tableId, EntryHandle handle,
+                const pi_match_key_t& matchKey, const pi_table_entry_t& entry) {
+  const ResourceId rid{tableResource, tableId};
+  const char* metadata = nullptr;
+  size_t metadataSize = 0;
+  pi_batch_current_metadata(&metadata, &metadataSize);
+  try {
+    tableImpl.addCachedEntry(rid, handle, matchKey, entry,
+                             pi_batch_current_controller_metadata());
+    tableImpl.cachedMetadataIs(rid, handle, {metadata, metadataSize});
+  } catch (const Brine::StoreError& e) {
+    throw P4RuntimeException(e.what(), handle, pi_batch_current_offset(),
+                             ErrorCode::outOfResources);
+  }
+}
+
+// Appends fetched entries to a buffer, each field little-endian, none padded.
+class FetchBuffer {
+ public:
+  explicit FetchBuffer(size_t size) : bytes_(new char[size]), size_(size) {}
+
+  template <typename T>
+  void put(T value) {
+    put(&value, sizeof value);
+  }
+  void put(const void* bytes, size_t size) {
+    std::memcpy(bytes_.get() + used_, bytes, size);
+    used_ += size;
+  }
+  bool fits(size_t bytes) const { return used_ + bytes <= size_; }
+  size_t used() const { return used_; }
+  char* release() { return bytes_.release(); }
+
+ private:
+  std::unique_ptr<char[]> bytes_;
+  size_t size_;
+  size_t used_ = 0;
+};
+
+constexpr size_t fixedBytesPerEntry = 24;  // handle, priority, type, properties, direct resources
+constexpr size_t directBytes = 8;          // action id and size
+constexpr size_t indirectBytes = 8;        // handle
+
+// Room for every cached entry of the table: the key's size is the table's, and the action's is at
+// most that of the table's largest action.
+size_t computeFetchDataSize(const TableImpl& tableImpl, const ResourceId& rid, size_t entries) {
+  const P4TableInfo& tableInfo = tableImpl.tableInfo();
+  size_t action = 0;
+  for (const uint32_t actionId : tableInfo.actionIdColForTable(rid).actionId()) {
+    action = std::max(action, tableInfo.fieldBitwidths({actionResource, actionId}).encodedSize());
+  }
+  return entries * (fixedBytesPerEntry + tableInfo.fieldBitwidths(rid).encodedSize() +
+                    std::max(directBytes + action, indirectBytes));
+}
+
+void putEntry(FetchBuffer& buffer, const TableRecordView& record) {
+  buffer.put(record.key.entryHandle);
+  buffer.put(record.matchKeyPriority);
+  buffer.put(record.matchKeyData.data(), record.matchKeyData.size());
+  buffer.put(uint32_t{record.entryType});
+  if (record.entryType == TableCacheEntry::directEntry) {
+    buffer.put(record.actionId);
+    buffer.put(static_cast<uint32_t>(record.actionData.size()));
+    buffer.put(record.actionData.data(), record.actionData.size());
+  } else if (record.entryType == TableCacheEntry::indirectEntry) {
+    buffer.put(record.indirectHandle);
+  } else {
+    assert(0 && "Unhandled table_entry type");  // unreadable records never come this far
+  }
+  buffer.put(uint32_t{0});  // entry properties
+  buffer.put(uint32_t{0});  // direct resources
+}
+
+// Answers how many entries were put. A record that cannot be one of this table's is passed over.
+size_t populateFetchData(const TableImpl& tableImpl, const ResourceId& rid, FetchBuffer& buffer) {
+  const size_t keySize = tableImpl.tableInfo().fieldBitwidths(rid).encodedSize();
+  size_t entries = 0;
+  tableImpl.tableCache()->forEachOf(rid, [&](Brine::Bytes, Brine::Bytes stored) {
+    const auto record = TableRecordView::of(stored);
+    if (!record || record->matchKeyData.size() != keySize) {
+      SCRIVEL_TRACE(0, "populateFetchData", " unreadable record in table ", rid.id);
+      return true;
+    }
+    if (!tableImpl.handleMgr().entryHandleToResourceIdHas(record->key.entryHandle)) return true;
+    if (!buffer.fits(fixedBytesPerEntry + directBytes + keySize + record->actionData.size())) {
+      SCRIVEL_TRACE(0, "populateFetchData", " record too large for table ", rid.id);
+      return true;
+    }
+    putEntry(buffer, *record);
+    ++entries;
+    return true;
+  });
+  return entries;
+}
+
+}  // namespace
+}  // namespace P4Runtime
+
+using namespace P4Runtime;  // NOLINT: the entry points below stand outside any namespace
+
+extern "C" {
+
+pi_status_t _pi_table_entry_add(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                pi_p4_id_t table_id, const pi_match_key_t* match_key,
+                                const pi_table_entry_t* table_entry, int overwrite,
+                                pi_entry_handle_t* entry_handle) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_table_entry_add", " session_handle: ", session_handle,
+                  " dev_tgt: ", piDevTgtToString(dev_tgt), " table_id: ", table_id,
+                  " match_key: ", piMatchKeyToString(match_key),
+                  " table_entry: ", piTableEntryToString(table_entry), " overwrite: ", overwrite);
+    TableImpl& tableImpl = *TheTableImpl();
+    const EntryHandle handle = addEntry(tableImpl, table_id, *match_key, *table_entry);
+    cacheEntry(tableImpl, table_id, handle, *match_key, *table_entry);
+    TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
+    *entry_handle = handle;
+  });
+}
+
+pi_status_t _pi_table_entry_delete_wkey(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                        pi_p4_id_t table_id, const pi_match_key_t* match_key) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_table_entry_delete_wkey", " session_handle: ", session_handle,
+                  " dev_id: ", dev_id, " table_id: ", table_id,
+                  " match_key: ", piMatchKeyToString(match_key));
+    TableImpl& tableImpl = *TheTableImpl();
+    const EntryHandle handle = tableImpl.tableEntryDeleteWithKey(
+        table_id, match_key->priority, match_key->data_size, match_key->data);
+    tableImpl.deleteCachedEntry({tableResource, table_id}, handle);
+    TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
+  });
+}
+
+// This target deletes by match key only, and changes an entry by writing over it.
+pi_status_t _pi_table_entry_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                   pi_entry_handle_t) {
+  assert(0);
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+
+pi_status_t _pi_table_entry_modify(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t, pi_entry_handle_t,
+                                   const pi_table_entry_t*) {
+  assert(0);
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+
+pi_status_t _pi_table_default_action_set(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                         pi_p4_id_t table_id,
+                                         const pi_table_entry_t* table_entry) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_table_default_action_set", " session_handle: ", session_handle,
+                " dev_tgt: ", piDevTgtToString(dev_tgt), " table_id: ", table_id,
+                " table_entry: ", piTableEntryToString(table_entry));
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_table_default_action_reset(pi_session_handle_t session_handle,
+                                           pi_dev_tgt_t dev_tgt, pi_p4_id_t table_id) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_table_default_action_reset", " session_handle: ", session_handle,
+                " dev_tgt: ", piDevTgtToString(dev_tgt), " table_id: ", table_id);
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_table_default_action_get(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                         pi_p4_id_t table_id, pi_table_entry_t* table_entry) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_table_default_action_get", " session_handle: ", session_handle,
+                " dev_id: ", dev_id, " table_id: ", table_id,
+                " table_entry(ptr): ", static_cast<const void*>(table_entry));
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_table_default_action_done(pi_session_handle_t session_handle,
+                                          pi_table_entry_t* table_entry) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_table_default_action_done", " session_handle: ", session_handle,
+                " table_entry(ptr): ", static_cast<const void*>(table_entry));
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_table_entries_fetch(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                    pi_p4_id_t table_id, pi_table_fetch_res_t* res) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_table_entries_fetch", " session_handle: ", session_handle,
+                " dev_id: ", dev_id, " table_id: ", table_id);
+  const TableImpl& tableImpl = *TheTableImpl();
+  const ResourceId rid{tableResource, table_id};
+  const bool mounted = tableImpl.tableCache() != nullptr;
+  const size_t most = mounted ? tableImpl.handleMgr().entryHandleCount(rid) : 0;
+  FetchBuffer buffer(computeFetchDataSize(tableImpl, rid, most));
+  res->num_entries = mounted ? populateFetchData(tableImpl, rid, buffer) : 0;
+  res->mkey_nbytes = tableImpl.tableInfo().fieldBitwidths(rid).encodedSize();
+  res->entries_size = buffer.used();
+  res->entries = buffer.release();
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_table_entries_fetch_done(pi_session_handle_t session_handle,
+                                         pi_table_fetch_res_t* res) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_table_entries_fetch_done", " session_handle: ", session_handle);
+  delete[] res->entries;
+  res->entries = nullptr;
+  return PI_STATUS_SUCCESS;
+}
+
+}  // extern "C"

@@ -1,0 +1,28 @@
+// The field pointers of the row being built, and the bytes behind them that conversion may change.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+namespace P4Runtime {
+
+struct RowFields {
+  static constexpr size_t bytes = 1024;
+  // Every field takes at least a byte of key or action; the rest leaves room for meters and such.
+  static constexpr size_t mostFields = 2 * bytes + 64;
+
+  std::array<const uint8_t*, mostFields> pointers;
+  uint32_t count = 0;
+  std::array<uint8_t, bytes> keyBytes;
+  std::array<uint8_t, bytes + 8> actionBytes;  // a field of width 0 counts a byte that is not there
+  uint32_t actionId = 0;
+  uint32_t indirectId = 0;
+  uint8_t isGroup = 0;
+
+  template <typename T>
+  void append(const T* field) {
+    pointers[count++] = reinterpret_cast<const uint8_t*>(field);
+  }
+};
+
+}  // namespace P4Runtime

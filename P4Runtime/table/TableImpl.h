@@ -1,0 +1,165 @@
+// The table-programming engine: turns PI table entries into rows that the forwarding agents read,
+// remembers what it wrote, and puts back what failed.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "P4Runtime/pipeline/P4CounterMeters.h"
+#include "P4Runtime/pipeline/P4TableInfo.h"
+#include "P4Runtime/table/TableCache.h"
+#include "PI/pi_tables.h"
+#include "platform/companion/ErrorCode.h"
+#include "platform/companion/P4HandleMgr.h"
+#include "platform/lattice/Database.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+class EntryFailures;
+struct RowFields;
+
+enum class PendingOperationType { tableEntryAdd, tableEntryDelete };
+
+// One entry that the current batch has written: how to put it back should it fail.
+struct PendingOperation {
+  PendingOperationType type = PendingOperationType::tableEntryAdd;
+  ResourceId rid;
+  std::string rowKey;
+  std::optional<Lattice::Row> oldRow;
+  std::optional<Lattice::Row> newRow;      // nothing for a deletion
+  std::optional<std::string> oldRecord;    // the cache record, as stored
+  std::string oldMetadata;                 // the controller's metadata bytes
+};
+
+// Call with the activity lock held, on a PI server thread or the reactor. Refusals are
+// P4RuntimeExceptions, thrown before anything has changed.
+class TableImpl : public Vela::Entity {
+ public:
+  // `database` may be null until the caches are mounted by initializedIs(true) (tests without
+  // shared tables); all three outlive this.
+  TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> handleMgr,
+            Lattice::Database* database);
+  ~TableImpl() override;
+  const char* typeName() const override { return "P4Runtime::TableImpl"; }
+
+  VELA_READONLY_ATTRIBUTE(uint64_t, deviceId, 0)
+  VELA_READONLY_ATTRIBUTE(bool, initialized, false)
+  VELA_ATTRIBUTE(bool, tableSizeCheckEnabled, true)
+  VELA_READONLY_ATTRIBUTE(bool, constTablesProgrammed, false)
+
+ public:
+  P4TableInfo& tableInfo() const { return *tableInfo_; }
+  P4HandleMgr& handleMgr() const { return *handleMgr_; }
+
+  // Key and action bytes are in PI encoding; `priority` as the controller gave it. A null meter or
+  // counter means that the entry came without one.
+  EntryHandle tableEntryAdd(uint32_t tableId, uint32_t priority, size_t keySize, const char* key,
+                            uint32_t actionId, size_t actionSize, const char* action,
+                            const P4MeterConfig* meter, const P4CounterData* counter);
+  EntryHandle indirectTableEntryAdd(uint32_t tableId, uint32_t priority, size_t keySize,
+                                    const char* key, const char* handle, size_t handleSize,
+                                    bool isGroup, const P4MeterConfig* meter,
+                                    const P4CounterData* counter);
+  EntryHandle tableEntryDeleteWithKey(uint32_t tableId, uint32_t priority, size_t keySize,
+                                      const char* key);
+
+  void addCachedEntry(const ResourceId& rid, EntryHandle handle, const pi_match_key_t& matchKey,
+                      const pi_table_entry_t& tableEntry, uint64_t controllerMetadata);
+  // The controller's metadata bytes, which a record has no room for; empty removes them.
+  void cachedMetadataIs(const ResourceId& rid, EntryHandle handle, std::string_view metadata);
+  std::string cachedMetadata(const CacheKey& key) const;
+  void deleteCachedEntry(const ResourceId& rid, EntryHandle handle);
+  // The outcome of the entry's programming; `abort`: it failed.
+  void updateCachedEntryState(EntryHandle handle, bool abort);
+  void entryCacheDel(const ResourceId& rid, EntryHandle handle);
+  void restoreTableEntryOnFailure(EntryHandle handle);
+
+  // Gives what survived a restart back to the PI library and to the handle manager. Rows that are
+  // as they were are not written again.
+  void restoreCachedEntries();
+  void restoreTableCachedEntries();
+  void cleanupCache();  // lets go of the caches; their records stay
+
+  void clearPendingOperations();
+  size_t numPendingEntries() const { return pendingOperations_.size(); }
+
+  void validateKeySize(size_t bytes) const;
+  void validateActionSize(size_t bytes) const;
+  void validateKeyAndActionSize(size_t keyBytes, size_t actionBytes) const;
+  // Refuses a new entry of a table that holds exactly as many rows as the P4Info says.
+  void maybeCheckTableSizeLimit(const ResourceId& rid, EntryHandle handle) const;
+  // Appends the action-selecting value and the action's fields; `action` is changed in place.
+  void extractActionFields(const ResourceId& tableRid, uint32_t actionId, size_t actionSize,
+                           uint8_t* action, uint32_t& count, const uint8_t** fields);
+
+  void triggerCriticalState();
+  void revertCriticalState();
+
+  // Null until the caches are mounted.
+  TableCache* tableCache() const { return tableCache_.get(); }
+  ActionProfileMemberCache* memberCache() const { return memberCache_.get(); }
+  ActionProfileGroupCache* groupCache() const { return groupCache_.get(); }
+
+  // What forwarding agents reported as failed when no batch was waiting for it.
+  const Vela::Ptr<EntryFailures>& failures() const { return failures_; }
+  // "table ingress.ipv4, ipv4_dst=10.0.0.0/8"; for messages and the list of failures.
+  std::string entryText(EntryHandle handle) const;
+
+ private:
+  friend class TableRestorer;
+  struct Table {  // what a write needs of a table's model
+    ResourceId rid;
+    const FieldBitwidths& widths;
+    Lattice::RowConstructor& constructor;
+    Lattice::ArTableInterface& interface;
+    bool needsPriority;
+  };
+  struct MetersOf;  // the meter and counter parameters of a row
+
+  Table requireTable(const ResourceId& rid) const;
+  void requireSize(const Table& table, const char* what, size_t size, size_t expected) const;
+  void appendMeters(const ResourceId& rid, const P4MeterConfig* meter,
+                    const P4CounterData* counter, MetersOf& meters, RowFields& fields) const;
+  RowFields& startRow(const Table& table, size_t keySize, const char* key);
+  void appendPriority(const Table& table, const uint32_t& priority, RowFields& fields) const;
+  EntryHandle writeEntry(const Table& table, EntryHandle handle, const RowFields& fields);
+  template <typename AppendAction>
+  EntryHandle addEntry(uint32_t tableId, uint32_t priority, size_t keySize, const char* key,
+                       const P4MeterConfig* meter, const P4CounterData* counter,
+                       AppendAction appendAction);
+
+  PendingOperation& newPendingOperation(EntryHandle handle, PendingOperationType type,
+                                        const ResourceId& rid, std::optional<Lattice::Row> oldRow,
+                                        std::optional<Lattice::Row> newRow, std::string rowKey);
+  void pendingSequenceIs(EntryHandle handle, uint64_t sequence);
+  void rememberRecord(EntryHandle handle, PendingOperation& operation) const;
+  void restoreRow(EntryHandle handle, const PendingOperation& operation);
+  void restoreRecord(EntryHandle handle, const PendingOperation& operation);
+  void handleInitialized();
+  void handleConstTablesProgrammed();
+
+  const Vela::Ptr<P4TableInfo> tableInfo_;
+  const Vela::Ptr<P4HandleMgr> handleMgr_;
+  Lattice::Database* const database_;
+  Vela::Ptr<TableCache> tableCache_;
+  Vela::Ptr<ActionProfileMemberCache> memberCache_;
+  Vela::Ptr<ActionProfileGroupCache> groupCache_;
+  std::optional<Brine::TableNumber> metadataTable_;
+  std::unordered_map<EntryHandle, PendingOperation> pendingOperations_;
+  std::unique_ptr<RowFields> rowFields_;
+  Vela::Ptr<EntryFailures> failures_;
+  bool restoring_ = false;  // what is written again needs no verification
+  Vela::Observation initializedChange_;
+  Vela::Observation constTablesChange_;
+};
+
+Vela::Ptr<TableImpl> tableImplFactory(Vela::Ptr<P4TableInfo> tableInfo,
+                                      Vela::Ptr<P4HandleMgr> handleMgr,
+                                      Lattice::Database* database);
+
+}  // namespace P4Runtime

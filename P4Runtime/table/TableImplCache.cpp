@@ -1,0 +1,191 @@
+// The cache side of the table implementation: records of what was programmed, their states, and
+// what puts an entry back when its programming failed.
+#include <fmt/format.h>
+
+#include <cassert>
+#include <cstdio>
+#include <utility>
+
+#include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/RowFields.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "platform/companion/BatchStatus.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("TableImpl");
+
+constexpr const char* cachePath = "p4runtime/cache/";
+
+}  // namespace
+
+void TableImpl::handleInitialized() {
+  if (!initialized() || !database_) return;
+  Brine::Store& store = database_->store();
+  const std::string path = cachePath;
+  tableCache_ = Vela::make<TableCache>(store, path + "table");
+  memberCache_ = Vela::make<ActionProfileMemberCache>(store, path + "actionProfileMember");
+  groupCache_ = Vela::make<ActionProfileGroupCache>(store, path + "actionProfileGroup");
+  metadataTable_ = store.table(path + "metadata");
+}
+
+void TableImpl::cleanupCache() {
+  SCRIVEL_TRACE(1, "TableImpl", " unmounting the caches");
+  tableCache_ = nullptr;
+  memberCache_ = nullptr;
+  groupCache_ = nullptr;
+  metadataTable_.reset();
+}
+
+void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle,
+                               const pi_match_key_t& matchKey, const pi_table_entry_t& tableEntry,
+                               uint64_t controllerMetadata) {
+  assert(rid.type == tableResource);
+  TableCacheEntry record;
+  record.key = {rid, handle};
+  record.cloneTableEntry(matchKey, tableEntry);
+  record.controllerMetadata = controllerMetadata;
+  if (tableCache_) tableCache_->cacheIs(record);
+}
+
+void TableImpl::cachedMetadataIs(const ResourceId& rid, EntryHandle handle,
+                                 std::string_view metadata) {
+  if (!metadataTable_) return;
+  Brine::Store& store = database_->store();
+  const auto key = storedKey({rid, handle});
+  if (!metadata.empty()) {
+    store.put(*metadataTable_, key, Brine::asBytes(metadata));
+  } else if (store.count(*metadataTable_) > 0) {
+    store.erase(*metadataTable_, key);
+  }
+}
+
+std::string TableImpl::cachedMetadata(const CacheKey& key) const {
+  if (!metadataTable_ || database_->store().count(*metadataTable_) == 0) return {};
+  const auto stored = database_->store().get(*metadataTable_, storedKey(key));
+  return stored ? std::string(Brine::asText(*stored)) : std::string();
+}
+
+void TableImpl::deleteCachedEntry(const ResourceId& rid, EntryHandle handle) {
+  if (!tableCache_) return;
+  auto record = tableCache_->cache({rid, handle});
+  if (!record) return;
+  record->entryState = EntryState::pendingToBeDeleted;
+  tableCache_->cacheIs(*record);
+}
+
+void TableImpl::rememberRecord(EntryHandle handle, PendingOperation& operation) const {
+  if (!tableCache_) return;
+  const CacheKey key{operation.rid, handle};
+  if (const auto stored = tableCache_->stored(key)) {
+    operation.oldRecord = std::string(Brine::asText(*stored));
+  }
+  operation.oldMetadata = cachedMetadata(key);
+}
+
+void TableImpl::updateCachedEntryState(EntryHandle handle, bool abort) {
+  if (abort) {
+    SCRIVEL_TRACE(1, "TableImpl", " restoring old entry for entryHandle: ", handle);
+    restoreTableEntryOnFailure(handle);
+  } else {
+    SCRIVEL_TRACE(7, "TableImpl", " erasing entryHandle: ", handle, " on success");
+    pendingOperations_.erase(handle);
+    failures_->failureDel(handle);
+  }
+  const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
+  if (rid.type != tableResource) {
+    SCRIVEL_TRACE(1, "TableImpl", "Entry handle: ", handle, " already deleted?");
+    return;
+  }
+  auto record = tableCache_ ? tableCache_->cache({rid, handle}) : std::nullopt;
+  if (!record) {
+    SCRIVEL_TRACE(1, "TableImpl", "Entry handle: ", handle, " does not exist in cache");
+    return;
+  }
+  const EntryState state = record->entryState;
+  if (state == EntryState::stable) return;
+  if ((state == EntryState::pendingToBeAdded) == abort) {
+    entryCacheDel(rid, handle);
+    return;
+  }
+  record->entryState = EntryState::stable;
+  tableCache_->cacheIs(*record);
+}
+
+void TableImpl::entryCacheDel(const ResourceId& rid, EntryHandle handle) {
+  if (!handleMgr_->entryHandleToResourceIdHas(handle)) {
+    SCRIVEL_TRACE(1, "TableImpl", " Entry handle: ", handle, " is not mapped to a riod");
+    return;
+  }
+  if (rid.type != tableResource) {
+    fmt::print(stderr, " Unhandled resource id {}\n", toText(rid));
+    assert(!"unhandled resource id");
+  }
+  if (tableCache_) tableCache_->cacheDel({rid, handle});
+  cachedMetadataIs(rid, handle, {});
+  failures_->failureDel(handle);
+  handleMgr_->freeTableEntryHandle(handle);
+}
+
+void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
+  assert(handleMgr_->entryHandleToResourceIdHas(handle));
+  const auto found = pendingOperations_.find(handle);
+  if (found == pendingOperations_.end()) {
+    SCRIVEL_TRACE(1, "TableImpl", " nothing to do for handle: ", handle);
+  } else {
+    const PendingOperation operation = std::move(found->second);
+    pendingOperations_.erase(found);
+    SCRIVEL_TRACE(1, "TableImpl", " restore table entry for entryHandle: ", handle,
+                  operation.type == PendingOperationType::tableEntryAdd ? " add" : " delete");
+    restoreRow(handle, operation);
+    restoreRecord(handle, operation);
+  }
+  // A new entry that was refused before it had a record leaves no handle behind either.
+  const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
+  if (!tableCache_ || !tableCache_->cacheHas({rid, handle})) {
+    handleMgr_->freeTableEntryHandle(handle);
+  }
+}
+
+void TableImpl::restoreRow(EntryHandle handle, const PendingOperation& operation) {
+  const auto& interface = tableInfo_->latticeTableInterface(operation.rid);
+  if (!interface || !interface->ready()) return;
+  if (operation.oldRow) {
+    interface->rowIs(*operation.oldRow, handle);
+  } else {
+    interface->rowDel(operation.newRow ? operation.newRow->key : operation.rowKey, handle);
+  }
+}
+
+// A fresh entry's record is left for updateCachedEntryState() to remove.
+void TableImpl::restoreRecord(EntryHandle handle, const PendingOperation& operation) {
+  if (!tableCache_ || !operation.oldRecord) return;
+  tableCache_->storedIs({operation.rid, handle}, Brine::asBytes(*operation.oldRecord));
+  cachedMetadataIs(operation.rid, handle, operation.oldMetadata);
+}
+
+std::string TableImpl::entryText(EntryHandle handle) const {
+  const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
+  std::string text = fmt::format("table {}", tableInfo_->nameOf(rid));
+  const auto record = tableCache_ ? tableCache_->cache({rid, handle}) : std::nullopt;
+  const auto& constructor = tableInfo_->rowConstructor(rid);
+  if (!record || !constructor) return text;
+  RowFields fields;
+  const FieldBitwidths& widths = tableInfo_->fieldBitwidths(rid);
+  if (record->matchKeyData.size() != widths.encodedSize()) return text;
+  std::copy(record->matchKeyData.begin(), record->matchKeyData.end(), fields.keyBytes.begin());
+  tableInfo_->onNewRowStarted();
+  tableInfo_->extractFields(rid, widths.slots(), fields.keyBytes.data(), fields.count,
+                            fields.pointers.data());
+  if (tableInfo_->priorityNeeded(rid)) fields.append(&record->matchKeyPriority);
+  const std::string key = constructor->constructKey({fields.pointers.data(), fields.count});
+  for (const auto& column : Lattice::keyTexts(constructor->type(), key)) {
+    text += fmt::format(", {}={}", column.name, column.text);
+  }
+  return text;
+}
+
+}  // namespace P4Runtime

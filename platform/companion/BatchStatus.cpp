@@ -1,0 +1,152 @@
+#include "platform/companion/BatchStatus.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("BatchStatus");
+
+const char* messageFor(uint16_t errorCode) {
+  switch (static_cast<ErrorCode>(errorCode)) {
+    case ErrorCode::none:
+      return "";
+    case ErrorCode::outOfResources:
+    case ErrorCode::tableFull:
+      return "the forwarding plane has no room for the entry";
+    case ErrorCode::notReady:
+      return "the forwarding plane is not ready; try again";
+    case ErrorCode::unsupportedFeature:
+    case ErrorCode::cannotProgram:
+      return "the forwarding plane cannot program such an entry";
+    case ErrorCode::invalidKey:
+    case ErrorCode::invalidAction:
+    case ErrorCode::invalidReference:
+    case ErrorCode::invalidArgument:
+      return "the forwarding plane found the entry invalid";
+    case ErrorCode::alreadyExists:
+      return "the forwarding plane has such an entry already";
+    default:
+      return "the forwarding plane failed to program the entry";
+  }
+}
+
+}  // namespace
+
+void BatchStatusEntry::setErrorMessage() {
+  if (errorMessage_.empty()) errorMessage_ = messageFor(errorCode_);
+}
+
+BatchStatus::BatchStatus(std::string name, Lattice::Database* database)
+    : Entity(std::move(name)), database_(database) {}
+
+void BatchStatus::onBatchBegin() {
+  cleanUpBatchState();
+  if (database_) database_->batchBegin();
+}
+
+void BatchStatus::onBatchEnd() {
+  if (!database_ || !database_->inBatch()) return;
+  if (const auto trouble = database_->batchEnd()) failAll(*trouble);
+}
+
+// The state directory took nothing of the batch: each of its updates has failed.
+void BatchStatus::failAll(const std::string& reason) {
+  SCRIVEL_TRACE(0, "onBatchEnd", " cannot store the batch: ", reason);
+  const auto pending = pending_;
+  for (const auto& [handle, sequence] : pending) {
+    completedTransactionStatusIs(
+        {handle, static_cast<uint16_t>(ErrorCode::outOfResources), reason});
+  }
+}
+
+void BatchStatus::onBatchUpdateComplete() {
+  SCRIVEL_TRACE(5, "onBatchUpdateComplete", " pending: ", pending_.size());
+}
+
+void BatchStatus::onBatchRollback() { pending_.clear(); }
+
+void BatchStatus::cleanUpBatchState() {
+  uint64_t left = 0;
+  if (notifyFd() >= 0) [[maybe_unused]]
+    const auto drained = read(notifyFd(), &left, sizeof left);
+  handleToOffsets_.clear();
+  offsetToHandle_.clear();
+  pending_.clear();
+  completed_.clear();
+  baseline_ = 0;
+}
+
+void BatchStatus::newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset) {
+  auto& offsets = handleToOffsets_[handle];
+  if (std::find(offsets.begin(), offsets.end(), offset) == offsets.end()) offsets.push_back(offset);
+  offsetToHandle_[offset] = handle;
+}
+
+void BatchStatus::pendingOperationIs(EntryHandle handle, uint64_t sequence) {
+  pending_[handle] = sequence;
+  completed_.erase(handle);
+}
+
+void BatchStatus::completedTransactionStatusIs(BatchStatusEntry entry) {
+  const EntryHandle handle = entry.entryHandle();
+  if (pending_.erase(handle) == 0) ++baseline_;
+  completed_.insert_or_assign(handle, std::move(entry));
+  notify(1);
+}
+
+void BatchStatus::reportsAre(std::span<const Lattice::Report> reports) {
+  uint64_t accepted = 0;
+  for (const Lattice::Report& report : reports) {
+    if (accept(report)) ++accepted;
+  }
+  reportsAcceptedIs(reportsAccepted() + accepted);
+  reportsDroppedIs(reportsDropped() + reports.size() - accepted);
+  if (accepted > 0) notify(accepted);
+}
+
+bool BatchStatus::accept(const Lattice::Report& report) {
+  const auto found = pending_.find(report.entryHandle);
+  if (found == pending_.end() || found->second != report.sequence) {
+    SCRIVEL_TRACE(5, "stray report", " entryHandle: ", report.entryHandle,
+                  " sequence: ", report.sequence, " errorCode: ", report.errorCode);
+    if (strayReport_) strayReport_(report);
+    return false;
+  }
+  pending_.erase(found);
+  BatchStatusEntry entry(report.entryHandle, report.errorCode, std::string(report.message));
+  entry.setErrorMessage();
+  completed_.insert_or_assign(report.entryHandle, std::move(entry));
+  return true;
+}
+
+// Followers that are in step have programmed what they did not report on, deletions above all.
+void BatchStatus::inStepIs(uint64_t sequence) {
+  uint64_t completed = 0;
+  for (auto next = pending_.begin(); next != pending_.end();) {
+    if (next->second > sequence) {
+      ++next;
+      continue;
+    }
+    completed_.insert_or_assign(next->first, BatchStatusEntry(next->first, 0));
+    next = pending_.erase(next);
+    ++completed;
+  }
+  if (completed > 0) notify(completed);
+}
+
+uint64_t BatchStatus::completedOperationBaseline() { return std::exchange(baseline_, 0); }
+
+void BatchStatus::notify(uint64_t count) {
+  if (notifyFd() < 0) return;
+  if (write(notifyFd(), &count, sizeof count) != sizeof count) {
+    SCRIVEL_TRACE(0, "BatchStatus", " cannot write the notification descriptor");
+  }
+}
+
+}  // namespace P4Runtime

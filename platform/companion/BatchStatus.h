@@ -1,0 +1,111 @@
+// What is known of the write batch in progress: which entries it wrote, which of them the
+// forwarding agents have answered, and how many answers the waiting thread has yet to see.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/companion/ErrorCode.h"
+#include "platform/companion/ResourceId.h"
+#include "platform/lattice/Database.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// The outcome of one entry's programming.
+class BatchStatusEntry {
+ public:
+  BatchStatusEntry(EntryHandle entryHandle, uint16_t errorCode, std::string errorMessage = {})
+      : entryHandle_(entryHandle), errorCode_(errorCode), errorMessage_(std::move(errorMessage)) {}
+
+  EntryHandle entryHandle() const { return entryHandle_; }
+  uint16_t errorCode() const { return errorCode_; }
+  const std::string& errorMessage() const { return errorMessage_; }
+  // Gives an entry without a message one that fits its error code; none for code 0.
+  void setErrorMessage();
+
+ private:
+  EntryHandle entryHandle_;
+  uint16_t errorCode_;
+  std::string errorMessage_;
+};
+
+// A report counts once, and only for what it reports on: a handle with a pending operation of the
+// current batch, and that operation's sequence number. Each accepted report adds 1 to the
+// notification descriptor. Call with the activity lock held; only the descriptor may be waited on
+// without it.
+class BatchStatus : public Vela::Entity {
+ public:
+  // `database` may be null: the batch then has no shared tables to open and close (tests).
+  explicit BatchStatus(std::string name, Lattice::Database* database = nullptr);
+  const char* typeName() const override { return "P4Runtime::BatchStatus"; }
+
+  VELA_READONLY_ATTRIBUTE(int, notifyFd, -1)    // an eventfd; not owned
+  VELA_ATTRIBUTE(double, batchTimeout, 5.0)     // seconds for each wait; whole seconds count
+  VELA_ATTRIBUTE(bool, pretendHwProgramming, false)  // the switch for the four below
+  VELA_ATTRIBUTE(bool, pretendHwProgrammingFailed, false)
+  VELA_ATTRIBUTE(uint32_t, pretendHwProgrammingFailedOffset, 0)
+  VELA_ATTRIBUTE(bool, pretendHwProgrammingTimeout, false)
+  VELA_ATTRIBUTE(uint32_t, pretendHwProgrammingTimeoutOffset, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, reportsAccepted, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)  // late, duplicate, unknown or out of step
+
+ public:
+  void onBatchBegin();           // empties the descriptor and the maps, opens the shared batch
+  void onBatchEnd();             // makes the batch's rows and records visible, all at once
+  void onBatchUpdateComplete();  // the waiting begins
+  void onBatchRollback();        // gives up on what is still pending; nothing of it counts any more
+  void cleanUpBatchState();
+
+  void newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset);
+  // A handle written at several offsets stands for all of them, in ascending order.
+  const std::unordered_map<EntryHandle, std::vector<BatchOffset>>& entryHandleToBatchOffset()
+      const {
+    return handleToOffsets_;
+  }
+  const std::map<BatchOffset, EntryHandle>& batchOffsetToEntryHandle() const {
+    return offsetToHandle_;
+  }
+
+  // The handle has a pending operation that the report with this sequence number will complete; an
+  // earlier one of the batch, and a completion of it, is forgotten.
+  void pendingOperationIs(EntryHandle handle, uint64_t sequence);
+
+  // Completes the entry's operation. One with no pending operation is complete without the
+  // forwarding plane: the baseline then rises along with the count.
+  void completedTransactionStatusIs(BatchStatusEntry entry);
+  const std::unordered_map<EntryHandle, BatchStatusEntry>& completedTransactionStatus() const {
+    return completed_;
+  }
+
+  // A group of reports from the forwarding agents, and their word that they are in step.
+  void reportsAre(std::span<const Lattice::Report> reports);
+  void inStepIs(uint64_t sequence);
+  // Told of each report that belonged to no pending operation, before it is dropped.
+  void strayReportHandlerIs(std::function<void(const Lattice::Report&)> handler) {
+    strayReport_ = std::move(handler);
+  }
+
+  // To be taken off the first count read from the descriptor; reading it spends it.
+  uint64_t completedOperationBaseline();
+
+ private:
+  void notify(uint64_t count);
+  bool accept(const Lattice::Report& report);
+  void failAll(const std::string& reason);
+
+  Lattice::Database* database_;
+  std::unordered_map<EntryHandle, std::vector<BatchOffset>> handleToOffsets_;
+  std::map<BatchOffset, EntryHandle> offsetToHandle_;
+  std::unordered_map<EntryHandle, uint64_t> pending_;  // to sequence; completed ones leave
+  std::unordered_map<EntryHandle, BatchStatusEntry> completed_;
+  uint64_t baseline_ = 0;
+  std::function<void(const Lattice::Report&)> strayReport_;
+};
+
+}  // namespace P4Runtime

@@ -1,0 +1,137 @@
+#include "platform/companion/P4HandleMgr.h"
+
+#include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
+#include <absl/hash/hash.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace P4Runtime {
+namespace {
+
+struct MatchKey {
+  uint32_t tableId;
+  uint32_t priority;
+  std::string_view bytes;
+
+  friend bool operator==(const MatchKey&, const MatchKey&) = default;
+  template <typename H>
+  friend H AbslHashValue(H state, const MatchKey& key) {
+    return H::combine(std::move(state), key.tableId, key.priority, key.bytes);
+  }
+};
+
+struct Binding {
+  EntryHandle handle = 0;  // 0: the slot is free
+  ResourceId rid;
+  uint32_t priority = 0;
+  std::string bytes;
+
+  MatchKey matchKey() const { return {rid.id, priority, bytes}; }
+};
+
+}  // namespace
+
+// Each binding is stored once, in a slot; the two indexes hold slot numbers.
+struct P4HandleMgr::Impl {
+  struct KeyOf {
+    using is_transparent = void;
+    const std::vector<Binding>* slots;
+    MatchKey key(uint32_t slot) const { return (*slots)[slot].matchKey(); }
+    const MatchKey& key(const MatchKey& key) const { return key; }
+    template <typename T>
+    size_t operator()(const T& value) const {
+      return absl::Hash<MatchKey>()(key(value));
+    }
+    template <typename A, typename B>
+    bool operator()(const A& a, const B& b) const {
+      return key(a) == key(b);
+    }
+  };
+
+  std::vector<Binding> slots;
+  std::vector<uint32_t> freeSlots;
+  absl::flat_hash_map<EntryHandle, uint32_t> slotOfHandle;
+  absl::flat_hash_set<uint32_t, KeyOf, KeyOf> slotOfKey{0, KeyOf{&slots}, KeyOf{&slots}};
+  absl::flat_hash_map<uint64_t, size_t> counts;  // by resource
+  EntryHandle lastHandle = 0;
+
+  static uint64_t countKey(ResourceId rid) { return (uint64_t{rid.type} << 32) | rid.id; }
+
+  void bind(EntryHandle handle, const MatchKey& key) {
+    uint32_t slot = 0;
+    if (freeSlots.empty()) {
+      slot = static_cast<uint32_t>(slots.size());
+      slots.emplace_back();
+    } else {
+      slot = freeSlots.back();
+      freeSlots.pop_back();
+    }
+    slots[slot] = {handle, {tableResource, key.tableId}, key.priority, std::string(key.bytes)};
+    slotOfHandle.emplace(handle, slot);
+    slotOfKey.insert(slot);
+    ++counts[countKey(slots[slot].rid)];
+  }
+};
+
+P4HandleMgr::P4HandleMgr() : impl_(std::make_unique<Impl>()) {}
+P4HandleMgr::~P4HandleMgr() = default;
+
+EntryHandle P4HandleMgr::getOrCreateTableEntryHandle(uint32_t tableId, size_t keySize,
+                                                     const char* key, uint32_t priority,
+                                                     bool* isNew) {
+  const EntryHandle bound = getEntryHandleFromMatchKey(tableId, keySize, key, priority);
+  if (isNew) *isNew = bound == 0;
+  if (bound != 0) return bound;
+  impl_->bind(++impl_->lastHandle, {tableId, priority, {key, keySize}});
+  return impl_->lastHandle;
+}
+
+EntryHandle P4HandleMgr::getEntryHandleFromMatchKey(uint32_t tableId, size_t keySize,
+                                                    const char* key, uint32_t priority) const {
+  const auto found = impl_->slotOfKey.find(MatchKey{tableId, priority, {key, keySize}});
+  return found == impl_->slotOfKey.end() ? 0 : impl_->slots[*found].handle;
+}
+
+bool P4HandleMgr::restoreTableEntryHandle(uint32_t tableId, EntryHandle handle, size_t keySize,
+                                          const char* key, uint32_t priority) {
+  const EntryHandle bound = getEntryHandleFromMatchKey(tableId, keySize, key, priority);
+  if (bound != 0) return bound == handle;
+  if (handle == 0 || impl_->slotOfHandle.contains(handle)) return false;
+  impl_->bind(handle, {tableId, priority, {key, keySize}});
+  reserveUpTo(handle);
+  return true;
+}
+
+void P4HandleMgr::freeTableEntryHandle(EntryHandle handle) {
+  const auto found = impl_->slotOfHandle.find(handle);
+  if (found == impl_->slotOfHandle.end()) return;
+  const uint32_t slot = found->second;
+  impl_->slotOfHandle.erase(found);
+  impl_->slotOfKey.erase(slot);
+  --impl_->counts[Impl::countKey(impl_->slots[slot].rid)];
+  impl_->slots[slot] = {};
+  impl_->freeSlots.push_back(slot);
+}
+
+void P4HandleMgr::reserveUpTo(EntryHandle handle) {
+  impl_->lastHandle = std::max(impl_->lastHandle, handle);
+}
+
+bool P4HandleMgr::entryHandleToResourceIdHas(EntryHandle handle) const {
+  return impl_->slotOfHandle.contains(handle);
+}
+
+ResourceId P4HandleMgr::entryHandleToResourceId(EntryHandle handle) const {
+  const auto found = impl_->slotOfHandle.find(handle);
+  return found == impl_->slotOfHandle.end() ? ResourceId{} : impl_->slots[found->second].rid;
+}
+
+size_t P4HandleMgr::entryHandleCount(ResourceId rid) const {
+  const auto found = impl_->counts.find(Impl::countKey(rid));
+  return found == impl_->counts.end() ? 0 : found->second;
+}
+
+}  // namespace P4Runtime

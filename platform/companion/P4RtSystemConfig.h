@@ -1,0 +1,64 @@
+// The entities by which the switch operating system configures the agent, and in which the agent
+// publishes its state. All are used with the activity lock held.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/companion/IpAddress.h"
+#include "platform/vela/Entity.h"
+
+namespace P4RuntimeConfig {
+
+// At "p4runtime/config/system"; the agent only reads it.
+class P4RtSystemConfig : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "P4RuntimeConfig::P4RtSystemConfig"; }
+
+  VELA_ATTRIBUTE(bool, enabled, true)
+  VELA_ATTRIBUTE(uint32_t, deviceId, 0)
+  VELA_ATTRIBUTE(std::string, forwardingPipelineConfigFilePath, "")
+  VELA_ATTRIBUTE(P4Runtime::IpAddress, grpcServerAddress, )
+  VELA_ATTRIBUTE(uint16_t, grpcServerPort, 9559)
+};
+
+// At "p4runtime/status/system".
+class P4RtSystemStatus : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "P4RuntimeConfig::P4RtSystemStatus"; }
+
+  VELA_READONLY_ATTRIBUTE(bool, enabled, false)
+  VELA_READONLY_ATTRIBUTE(bool, brokenInvariant, false)
+  // Writes are refused; since when (UTC, ISO 8601) and why. Empty texts when not critical.
+  VELA_READONLY_ATTRIBUTE(bool, critical, false)
+  VELA_READONLY_ATTRIBUTE(std::string, criticalSince, "")
+  VELA_READONLY_ATTRIBUTE(std::string, criticalReason, "")
+
+ public:
+  // Enter and leave the critical state; an earlier reason stands until it is left.
+  void criticalIs(const std::string& reason, const std::string& since);
+  void criticalCleared();
+};
+
+}  // namespace P4RuntimeConfig
+
+namespace P4Runtime {
+
+// The agent's own configuration, at "p4runtime/config/agent".
+class AgentConfig : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "P4Runtime::AgentConfig"; }
+
+  VELA_ATTRIBUTE(bool, exitRequested, false)
+  // Seconds to wait for the next report of a batch; whole seconds count.
+  VELA_ATTRIBUTE(double, batchTimeout, 5.0)
+  // Where the running pipeline is written for people to read.
+  VELA_ATTRIBUTE(std::string, p4InfoJsonPath, "/etc/pipeline_config_p4info.json")
+  VELA_ATTRIBUTE(std::string, deviceJsonPath, "/etc/pipeline_config_device.json")
+  VELA_ATTRIBUTE(bool, tableSizeCheckEnabled, true)
+};
+
+}  // namespace P4Runtime
