@@ -1,0 +1,101 @@
+// What survives SIGKILL of the agent or of the forwarder, at any instant.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <random>
+
+#include "tests/e2e/Load.h"
+
+using namespace TestSupport;
+
+namespace {
+
+// KORVEL_SEED in the environment repeats a run, or tries another one.
+uint32_t printedSeed() {
+  const char* given = std::getenv("KORVEL_SEED");
+  const auto seed = static_cast<uint32_t>(given ? std::atoi(given) : 20240607);
+  std::cout << "KORVEL_SEED=" << seed << std::endl;
+  return seed;
+}
+
+// Waits until the instant at which to kill: some while into the load, or at once.
+void waitForInstant(Process& process, std::mt19937& random) {
+  process.exitStatus(std::chrono::microseconds(random() % 20000));
+}
+
+TEST(AgentKilled, UnderLoadKeepsWhatItAcknowledgedAndNothingByHalves) {
+  const uint32_t seed = printedSeed();
+  std::mt19937 random(seed);
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  Load load(tested, seed);
+  for (int round = 0; round < 32; ++round) {
+    SCOPED_TRACE(testing::Message() << "round " << round);
+    const uint64_t programmedBefore = tested.forwarder.programmedChanges();
+    const uint64_t sentBefore = load.sentUpdates();
+    const uint64_t acknowledgedBefore = load.acknowledged();
+    load.start();
+    // The first batches are the ones that meet a fresh agent; later rounds go deeper.
+    const uint64_t depth = random() % 8;
+    waitUntil([&] { return load.acknowledged() >= acknowledgedBefore + depth || !load.writing(); });
+    waitForInstant(tested.agent.process(), random);
+    tested.agent.kill();
+    load.stop();
+    if (round % 4 == 3) {  // and once more while it restores
+      tested.agent.start();
+      waitForInstant(tested.agent.process(), random);
+      tested.agent.kill();
+    }
+    ASSERT_TRUE(tested.startAgent());
+    ASSERT_TRUE(tested.connectController());
+    ASSERT_EQ(load.broken(), "");
+    ASSERT_EQ(tested.disagreement(), "");
+    // Entries that did not change were not programmed again: at most each update sent, and the
+    // one batch in flight taken back.
+    const uint64_t sent = load.sentUpdates() - sentBefore;
+    EXPECT_LE(tested.forwarder.programmedChanges() - programmedBefore, sent + 20);
+  }
+}
+
+TEST(AgentKilled, WhileNobodyWritesCostsTheForwarderNothing) {
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  ASSERT_TRUE(tested.insertRoutes(0, 500, 7).ok());
+  ASSERT_TRUE(tested.controller().write({insertOf(Router::aclRule(tested.pipeline(), 1))}).ok());
+  const View before = tested.controllerView();
+  const uint64_t programmed = tested.forwarder.programmedChanges();
+  for (int restart = 0; restart < 3; ++restart) {
+    ASSERT_TRUE(tested.restartAgent());
+    EXPECT_EQ(difference("before", before, "after", tested.controllerView()), "");
+    EXPECT_EQ(tested.disagreement(), "");
+  }
+  EXPECT_EQ(tested.forwarder.programmedChanges(), programmed);
+  // Handles are fresh ones: what is written now harms nothing that was restored.
+  EXPECT_TRUE(tested.insertRoutes(500, 600, 8).ok());
+  EXPECT_EQ(tested.disagreement(), "");
+  EXPECT_EQ(tested.controllerView().size(), before.size() + 100);
+}
+
+TEST(ForwarderKilled, UnderLoadFailsNoWrite) {
+  const uint32_t seed = printedSeed();
+  std::mt19937 random(seed);
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  Load load(tested, seed);
+  load.start();
+  for (int round = 0; round < 10; ++round) {
+    SCOPED_TRACE(testing::Message() << "round " << round);
+    const uint64_t acknowledged = load.acknowledged();
+    waitUntil([&] { return load.acknowledged() > acknowledged + 2 || !load.writing(); });
+    waitForInstant(tested.forwarder.process(), random);
+    tested.forwarder.kill();
+    ASSERT_TRUE(tested.startForwarder());
+    ASSERT_TRUE(load.writing());
+  }
+  load.stop();
+  EXPECT_TRUE(load.failure().ok()) << load.failure().error_message();
+  EXPECT_EQ(load.broken(), "");
+  EXPECT_EQ(tested.disagreement(), "");
+}
+
+}  // namespace

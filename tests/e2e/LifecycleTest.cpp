@@ -1,0 +1,208 @@
+// Starting, moving and refusing to start: what an operator meets.
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "p4/tmp/p4config.pb.h"
+#include "tests/e2e/Load.h"
+
+using namespace TestSupport;
+using testing::HasSubstr;
+
+namespace {
+
+TEST(ServerPort, MovesWhileWritesAreInFlightAndEntriesStay) {
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  Load load(tested, 7);
+  for (int move = 0; move < 3; ++move) {
+    SCOPED_TRACE(testing::Message() << "move " << move);
+    const uint64_t acknowledged = load.acknowledged();
+    load.start();
+    waitUntil([&] { return load.acknowledged() > acknowledged + 3 || !load.writing(); });
+    const uint16_t port = freePort();
+    const CommandResult set = tested.agent.korvel(
+        {"set", "p4runtime/config/system", "grpcServerPort", std::to_string(port)});
+    ASSERT_EQ(set.exit.code, 0) << set.error;
+    ASSERT_TRUE(waitUntil([&] { return !load.writing(); }));  // its server has gone
+    load.stop();
+    tested.agent.portIs(port);
+    ASSERT_TRUE(tested.agent.waitServing());
+    ASSERT_TRUE(tested.connectController());
+    EXPECT_EQ(load.broken(), "");
+    EXPECT_EQ(tested.disagreement(), "");
+  }
+}
+
+size_t lineCount(const std::string& text) {
+  return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+}
+
+TEST(AgentStart, RefusesAnAddressInUseInOneLine) {
+  const TempDir directory;
+  const int taken = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(taken, 1), 0);
+  socklen_t size = sizeof address;
+  getsockname(taken, reinterpret_cast<sockaddr*>(&address), &size);
+  AgentProcess agent({.stateDirectory = directory.file("state"),
+                      .pipelineFile = KORVEL_ROUTER_PIPELINE,
+                      .port = ntohs(address.sin_port)});
+  agent.start();
+  EXPECT_EQ(agent.process().exitStatus(), (ExitStatus{.code = 1})) << agent.output();
+  EXPECT_EQ(lineCount(agent.output()), 1u) << agent.output();
+  EXPECT_THAT(agent.output(), HasSubstr(agent.address()));
+  close(taken);
+}
+
+TEST(AgentStart, RefusesABadConfigurationInOneLine) {
+  const struct {
+    const char* what;
+    std::string configuration;
+    const char* named;  // what the line must name
+  } cases[] = {
+      {"no JSON", "{\"p4runtime", "config.json"},
+      {"unknown path", R"({"p4runtime/config/sytem": {"deviceId": 1}})", "p4runtime/config/sytem"},
+      {"unknown attribute", R"({"p4runtime/config/system": {"devceId": 1}})", "devceId"},
+      {"wrong type", R"({"p4runtime/config/system": {"deviceId": "one"}})", "deviceId"},
+      {"out of range", R"({"p4runtime/config/system": {"grpcServerPort": 70000}})",
+       "grpcServerPort"},
+      {"no object", R"(["p4runtime/config/system"])", "config.json"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const TempDir directory;
+    AgentProcess agent(
+        {.stateDirectory = directory.file("state"), .configuration = c.configuration});
+    agent.start();
+    EXPECT_EQ(agent.process().exitStatus(), (ExitStatus{.code = 2})) << agent.output();
+    EXPECT_EQ(lineCount(agent.output()), 1u) << agent.output();
+    EXPECT_THAT(agent.output(), HasSubstr(c.named));
+  }
+}
+
+// A pipeline file whose device configuration is `deviceData`.
+void writePipeline(const std::string& path, const std::string& deviceData, uint64_t deviceId = 1) {
+  Pipeline pipeline = Router::pipeline();
+  p4::tmp::P4DeviceConfig device;
+  device.set_device_data(deviceData);
+  pipeline.request().set_device_id(deviceId);
+  pipeline.request().mutable_config()->set_p4_device_config(device.SerializeAsString());
+  pipeline.written(path);
+}
+
+// The agent stays up without a pipeline, says why, and takes a good file when it is given one.
+TEST(AgentStart, SurvivesABrokenPipelineFileAndTakesTheNext) {
+  const auto truncated = [](const std::string& path) {
+    Router::pipeline().written(path);
+    std::filesystem::resize_file(path, std::filesystem::file_size(path) - 7);
+  };
+  const struct {
+    const char* what;
+    std::function<void(const std::string& path)> write;
+    const char* said;
+  } cases[] = {
+      {"missing", [](const std::string&) {}, "Failed to open file "},
+      {"truncated", truncated, "Failed to read pipeline configuration file "},
+      {"other device", [](const auto& path) { writePipeline(path, "{}", 7); },
+       "Device id in the pipeline configuration 7 does not match the configured device id 1"},
+      {"broken JSON", [](const auto& path) { writePipeline(path, "{\"p4rtc\": {"); },
+       "Cannot parse JSON file"},
+      {"no root", [](const auto& path) { writePipeline(path, "{\"other\": {}}"); },
+       "Cannot find root token"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const TempDir directory;
+    AgentProcess agent({.stateDirectory = directory.file("state"),
+                        .pipelineFile = directory.file("broken.pb.bin")});
+    c.write(agent.options().pipelineFile);
+    agent.start();
+    EXPECT_TRUE(waitUntil([&] { return agent.output().find(c.said) != std::string::npos; },
+                          agent.process().descriptor()))
+        << agent.output();
+    TestController controller(agent.address(), 1);
+    EXPECT_TRUE(waitUntil(
+        [&] { return controller.readTable(0).status.error_code() == grpc::FAILED_PRECONDITION; },
+        agent.process().descriptor()));
+    const CommandResult set =
+        agent.korvel({"set", "p4runtime/config/system", "forwardingPipelineConfigFilePath",
+                      KORVEL_ROUTER_PIPELINE});
+    EXPECT_EQ(set.exit.code, 0) << set.error;
+    EXPECT_TRUE(agent.waitServing()) << agent.output();
+  }
+}
+
+TEST(StateDirectory, WhenFullRefusesWritesAndLosesNothing) {
+  Switch tested({.routeTableSize = 1000000});
+  const std::string state = tested.agent.options().stateDirectory;
+  std::filesystem::create_directories(state);
+  if (mount("tmpfs", state.c_str(), "tmpfs", 0, "size=12m") != 0) {
+    GTEST_SKIP() << "only root can mount a small tmpfs";
+  }
+  struct Unmount {
+    const std::string path;
+    ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+  } unmount{state};
+  ASSERT_TRUE(tested.start());
+  uint32_t written = 0;
+  WriteOutcome outcome;
+  while (written < 1000000) {
+    outcome = tested.insertRoutes(written, written + 1000, 1);
+    if (!outcome.ok()) break;
+    written += 1000;
+  }
+  ASSERT_GT(written, 0u);
+  EXPECT_EQ(outcome.code(0), grpc::RESOURCE_EXHAUSTED) << testing::PrintToString(outcome);
+  EXPECT_EQ(tested.routes().entries.size(), written);
+  EXPECT_EQ(tested.disagreement(), "");
+  ASSERT_TRUE(tested.restartAgent()) << tested.agent.output();
+  EXPECT_EQ(tested.routes().entries.size(), written);
+  EXPECT_EQ(tested.disagreement(), "");
+}
+
+// Sends `bytes` to a Unix socket of the agent's, as a stream or as packets, and goes away.
+void sendGarbage(const std::string& path, const std::string& bytes) {
+  for (const int type : {SOCK_STREAM, SOCK_SEQPACKET, SOCK_DGRAM}) {
+    const int descriptor = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+      send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+    close(descriptor);
+  }
+}
+
+TEST(Garbage, OnTheLocalSocketsHarmsNobody) {
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  ASSERT_TRUE(tested.insertRoutes(0, 50, 1).ok());
+  std::mt19937 random(1);
+  for (int i = 0; i < 200; ++i) {
+    std::string bytes(random() % 2000, '\0');
+    for (char& byte : bytes) byte = static_cast<char>(random());
+    if (i % 4 == 0) bytes = "{\"op\": \"set\", \"path\": " + bytes;
+    if (i % 4 == 1) bytes.assign(bytes.size(), '[');  // deep nesting
+    sendGarbage(tested.agent.options().stateDirectory + "/doorbell.sock", bytes + "\n");
+    sendGarbage(tested.agent.options().stateDirectory + "/orrery.sock", bytes + "\n");
+  }
+  ASSERT_TRUE(tested.agent.process().running()) << tested.agent.output();
+  EXPECT_TRUE(tested.insertRoutes(50, 100, 1).ok());
+  EXPECT_EQ(tested.disagreement(), "");
+}
+
+}  // namespace

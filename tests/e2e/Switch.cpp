@@ -1,0 +1,91 @@
+// See Switch.h.
+#include "tests/e2e/Switch.h"
+
+#include <fmt/format.h>
+
+#include <iostream>
+
+using namespace TestSupport;
+
+namespace {
+
+Pipeline pipelineFor(const Switch::Options& options, const TempDir& directory) {
+  Pipeline pipeline = Router::pipeline();
+  if (options.routeTableSize) pipeline.tableSizeIs(Router::routeTable, options.routeTableSize);
+  pipeline.written(directory.file("pipeline.pb.bin"));
+  return pipeline;
+}
+
+AgentOptions agentOptions(const Switch::Options& options, const TempDir& directory) {
+  return {.stateDirectory = directory.file("state"),
+          .pipelineFile = directory.file("pipeline.pb.bin"),
+          .batchTimeout = options.batchTimeout};
+}
+
+}  // namespace
+
+Switch::Switch(const Options& options) : Switch(options, std::make_unique<TempDir>()) {}
+
+Switch::Switch(const Options& options, std::unique_ptr<TempDir> directory)
+    : agent(agentOptions(options, *directory)),
+      forwarder(directory->file("state"), options.forwarder),
+      owned_(std::move(directory)),
+      directory_(*owned_),
+      pipeline_(pipelineFor(options, directory_)) {}
+
+Switch::~Switch() {
+  if (!testing::Test::HasFailure()) return;
+  std::cerr << "---- agent ----\n"
+            << agent.output() << "---- forwarder ----\n"
+            << forwarder.output();
+}
+
+bool Switch::start() { return startAgent() && startForwarder() && connectController(); }
+bool Switch::startAgent() { return agent.startServing(); }
+
+bool Switch::startForwarder() {
+  forwarder.start();
+  return forwarder.waitReady();
+}
+
+bool Switch::connectController() {
+  controller_ = std::make_unique<TestController>(agent.address(), ++electionId_);
+  return controller_->becomePrimary();
+}
+
+bool Switch::restartAgent() {
+  agent.kill();
+  return startAgent() && connectController();
+}
+
+View Switch::controllerView() {
+  const ReadOutcome all = controller_->readTable(0);
+  if (!all.status.ok()) return {{"read", all.status.error_message()}};
+  return viewOfEntries(pipeline_, all.entries);
+}
+
+ReadOutcome Switch::routes() {
+  return controller_->readTable(pipeline_.table(Router::routeTable).preamble().id());
+}
+
+WriteOutcome Switch::insertRoutes(uint32_t from, uint32_t to, uint32_t nexthop) {
+  std::vector<p4::v1::Update> updates;
+  for (uint32_t i = from; i < to; ++i) updates.push_back(insertOf(route(i, nexthop)));
+  return controller_->write(updates);
+}
+
+std::string Switch::disagreementNow() {
+  const StoredState stored = storedState(pipeline_, agent.options().stateDirectory);
+  std::string text = difference("controller", controllerView(), "caches", stored.caches) +
+                     difference("rows", stored.rows, "forwarder", forwarderView(forwarder));
+  if (stored.cachedHandles != stored.rowHandles) text += "caches and rows differ in handles\n";
+  if (stored.unstable) text += fmt::format("{} cache records are not stable\n", stored.unstable);
+  for (const std::string& record : stored.damaged) text += "damaged: " + record + "\n";
+  return text;
+}
+
+std::string Switch::disagreement() {
+  std::string text;
+  waitUntil([&] { return (text = disagreementNow()).empty(); }, agent.process().descriptor());
+  return text;
+}

@@ -1,0 +1,63 @@
+// A whole switch under test: agent and forwarder as processes, and a controller of theirs.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/Router.h"
+#include "tests/support/AgentProcess.h"
+#include "tests/support/ForwarderProcess.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/TestController.h"
+#include "tests/support/Views.h"
+
+class Switch {
+ public:
+  struct Options {
+    double batchTimeout = 20;  // seconds
+    std::vector<std::string> forwarder;
+    int64_t routeTableSize = 0;  // 0: as the pipeline file says
+  };
+  Switch() : Switch(Options{}) {}
+  explicit Switch(const Options& options);  // starts nothing
+  ~Switch();                                // shows the processes' words if the test has failed
+
+  // Each answers true when its process is up and does its work.
+  bool start();  // agent, forwarder and controller
+  bool startAgent();
+  bool startForwarder();
+  bool connectController();  // becomes primary
+  bool restartAgent();       // SIGKILL, then all that start() does but the forwarder
+
+  TestSupport::AgentProcess agent;
+  TestSupport::ForwarderProcess forwarder;
+  TestSupport::TestController& controller() { return *controller_; }
+  const TestSupport::Pipeline& pipeline() const { return pipeline_; }
+  const TestSupport::TempDir& directory() const { return directory_; }
+
+  TestSupport::View controllerView();  // all tables, read as a controller does
+  TestSupport::ReadOutcome routes();
+  p4::v1::TableEntry route(uint32_t i, uint32_t nexthop) const {
+    return Router::route(pipeline_, i, nexthop);
+  }
+  TestSupport::WriteOutcome insertRoutes(uint32_t from, uint32_t to, uint32_t nexthop);
+
+  // "" when controller, caches, rows and forwarder agree and every record is stable, or do so
+  // within a test's patience; else what differs. Only while nobody writes.
+  std::string disagreement();
+
+ private:
+  Switch(const Options& options, std::unique_ptr<TestSupport::TempDir> directory);
+  std::string disagreementNow();
+
+  const std::unique_ptr<TestSupport::TempDir> owned_;
+  const TestSupport::TempDir& directory_;
+  TestSupport::Pipeline pipeline_;
+  std::unique_ptr<TestSupport::TestController> controller_;
+  uint64_t electionId_ = 1;
+};
