@@ -1,0 +1,88 @@
+// One opened LMDB environment, its transactions, and the translation of LMDB's errors.
+#pragma once
+
+#include <lmdb.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "platform/brine/Store.h"
+
+namespace Brine {
+
+// Throws the StoreError that an LMDB or system error code amounts to.
+[[noreturn]] void failed(int error, const std::string& directory);
+inline void check(int error, const std::string& directory) {
+  if (error != MDB_SUCCESS) failed(error, directory);
+}
+
+// Names of LMDB databases that are the store's own, not tables.
+inline constexpr std::string_view metaTable = "brine/meta";
+inline constexpr std::string_view layoutKey = "layoutVersion";
+inline constexpr uint32_t layoutVersion = 1;
+
+std::string dataPath(const std::string& directory);
+std::string lockPath(const std::string& directory);
+
+// LMDB must not open one file twice in a process: the second one's close would end the first one's
+// locks. So whoever opens the same file here shares one Environment.
+class Environment {
+ public:
+  enum class Mode { write, read };
+  // Throws StoreError. A file that is no sound environment is not touched.
+  static std::shared_ptr<Environment> open(const StoreOptions& options, Mode mode);
+  ~Environment();
+  Environment(const Environment&) = delete;
+  Environment& operator=(const Environment&) = delete;
+
+  MDB_env* handle() const { return env_; }
+  const std::string& directory() const { return directory_; }
+  size_t pageSize() const { return pageSize_; }
+
+  // LMDB wants one transaction at a time to open or close database handles. `handles` is guarded
+  // by the mutex.
+  std::mutex handlesMutex;
+  std::map<std::string, MDB_dbi, std::less<>> handles;
+
+ private:
+  Environment(MDB_env* env, std::string directory) : env_(env), directory_(std::move(directory)) {}
+  MDB_env* env_;
+  std::string directory_;
+  size_t pageSize_ = 4096;
+};
+
+// Aborts unless commit() ran.
+class Transaction {
+ public:
+  Transaction(Environment& environment, unsigned flags);  // throws StoreError
+  ~Transaction();
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  MDB_txn* handle() const { return txn_; }
+  void commit();  // throws StoreError
+
+ private:
+  Environment& environment_;
+  MDB_txn* txn_ = nullptr;
+};
+
+// A read transaction that is set aside between uses and taken up again cheaply.
+class ReadTransaction {
+ public:
+  explicit ReadTransaction(Environment& environment) : environment_(environment) {}
+  ~ReadTransaction();
+  ReadTransaction(const ReadTransaction&) = delete;
+  ReadTransaction& operator=(const ReadTransaction&) = delete;
+  MDB_txn* begun();  // begins when set aside; throws StoreError
+  void setAside();
+
+ private:
+  Environment& environment_;
+  MDB_txn* txn_ = nullptr;
+  bool active_ = false;
+};
+
+}  // namespace Brine

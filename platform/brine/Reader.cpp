@@ -1,0 +1,125 @@
+// Snapshots of a store, for this process and others.
+#include <cstring>
+
+#include "platform/brine/Environment.h"
+#include "platform/brine/Records.h"
+#include "platform/brine/Store.h"
+
+namespace Brine {
+namespace {
+
+class SnapshotImpl final : public Snapshot {
+ public:
+  // The tables are those of the transaction.
+  SnapshotImpl(Environment& environment, ReadTransaction& read,
+               const std::map<std::string, MDB_dbi, std::less<>>& tables)
+      : environment_(environment), read_(read), tables_(tables) {}
+  ~SnapshotImpl() override { read_.setAside(); }
+
+  std::vector<std::string> tableNames() const override {
+    std::vector<std::string> names;
+    for (const auto& [name, dbi] : tables_) names.push_back(name);
+    return names;
+  }
+  bool hasTable(std::string_view name) const override { return tables_.contains(name); }
+
+  std::optional<Bytes> get(std::string_view table, Bytes key) override {
+    const auto found = tables_.find(table);
+    if (found == tables_.end() || key.empty() || key.size() > keyLimit) return std::nullopt;
+    Bytes value;
+    const int error = recordFound(read_.begun(), found->second, key, &value);
+    if (error == MDB_NOTFOUND || error == MDB_BAD_DBI) return std::nullopt;
+    check(error, environment_.directory());
+    return value;
+  }
+
+  void forEach(std::string_view table, const Store::Visit& visit, Bytes from) override {
+    const auto found = tables_.find(table);
+    if (found == tables_.end()) return;
+    const int error = recordsVisited(read_.begun(), found->second, visit, from);
+    if (error == MDB_NOTFOUND || error == MDB_BAD_DBI) return;
+    check(error, environment_.directory());
+  }
+
+  size_t count(std::string_view table) override {
+    const auto found = tables_.find(table);
+    MDB_stat stat{};
+    if (found == tables_.end() || mdb_stat(read_.begun(), found->second, &stat) != 0) return 0;
+    return stat.ms_entries;
+  }
+
+ private:
+  Environment& environment_;
+  ReadTransaction& read_;
+  const std::map<std::string, MDB_dbi, std::less<>>& tables_;
+};
+
+class ReaderImpl final : public Reader {
+ public:
+  explicit ReaderImpl(std::shared_ptr<Environment> environment)
+      : environment_(std::move(environment)), read_(*environment_) {}
+
+  std::unique_ptr<Snapshot> snapshot() override {
+    read_.setAside();
+    // A handle serves only transactions begun after it was opened; so when tables came in between,
+    // look again.
+    while (!listed(read_.begun())) {
+      read_.setAside();
+      openHandles();
+    }
+    return std::make_unique<SnapshotImpl>(*environment_, read_, tables_);
+  }
+
+ private:
+  // Fills tables_ from the transaction; false when one of them has no handle yet.
+  bool listed(MDB_txn* txn) {
+    const size_t roots = mdb_txn_id(txn);
+    if (roots == listedAt_) return true;
+    const std::lock_guard guard(environment_->handlesMutex);
+    std::map<std::string, MDB_dbi, std::less<>> tables;
+    bool complete = true;
+    const auto visit = [&](Bytes name, Bytes) {
+      if (asText(name) == metaTable) return true;
+      const auto handle = environment_->handles.find(asText(name));
+      complete = complete && handle != environment_->handles.end();
+      if (complete) tables.emplace(asText(name), handle->second);
+      return complete;
+    };
+    check(recordsVisited(txn, 1, visit, {}), environment_->directory());
+    if (!complete) return false;
+    tables_ = std::move(tables);
+    listedAt_ = roots;
+    return true;
+  }
+
+  void openHandles() {
+    const std::lock_guard guard(environment_->handlesMutex);
+    Transaction txn(*environment_, MDB_RDONLY);
+    std::vector<std::string> names;
+    check(
+        recordsVisited(txn.handle(), 1,
+                       [&](Bytes key, Bytes) { return names.emplace_back(asText(key)), true; }, {}),
+        environment_->directory());
+    for (const std::string& name : names) {
+      if (name == metaTable || environment_->handles.contains(name)) continue;
+      MDB_dbi dbi = 0;
+      check(mdb_dbi_open(txn.handle(), name.c_str(), 0, &dbi), environment_->directory());
+      environment_->handles[name] = dbi;
+    }
+    txn.commit();
+  }
+
+  std::shared_ptr<Environment> environment_;
+  ReadTransaction read_;
+  std::map<std::string, MDB_dbi, std::less<>> tables_;
+  size_t listedAt_ = 0;  // the transaction that tables_ is of
+};
+
+}  // namespace
+
+std::unique_ptr<Reader> Reader::open(const std::string& directory) {
+  const StoreOptions options{.directory = directory};
+  return std::make_unique<ReaderImpl>(Environment::open(options, Environment::Mode::read));
+}
+
+}  // namespace Brine
