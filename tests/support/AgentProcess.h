@@ -36,6 +36,7 @@ class AgentProcess {
   bool waitServing(const p4::v1::TableEntry& query = {});
   bool startServing();  // both; what it wrote is in output()
   Process& process() { return *process_; }
+  pid_t pid() const { return process_->pid(); }
   std::string output() const;  // both outputs of all starts
 
   // Runs `korvel ARGUMENTS... --state-dir DIRECTORY`.

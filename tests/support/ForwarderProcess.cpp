@@ -1,6 +1,9 @@
 // See ForwarderProcess.h.
 #include "tests/support/ForwarderProcess.h"
 
+#include <sstream>
+#include <stdexcept>
+
 namespace TestSupport {
 
 ForwarderProcess::ForwarderProcess(std::string stateDirectory, std::vector<std::string> options)
@@ -28,6 +31,25 @@ CommandResult ForwarderProcess::ctl(std::vector<std::string> arguments) const {
   arguments.insert(arguments.begin(), {binaryPath("korvel-forwarder"), "ctl"});
   arguments.insert(arguments.end(), {"--state-dir", stateDirectory_});
   return run(arguments);
+}
+
+std::map<std::string, std::string> ForwarderProcess::stats() const {
+  const CommandResult result = ctl({"stats"});
+  if (result.exit.code != 0) throw std::runtime_error("forwarder: " + result.error);
+  std::map<std::string, std::string> counters;
+  std::istringstream lines(result.output);
+  for (std::string name, value; lines >> name && std::getline(lines >> std::ws, value);) {
+    counters[name] = value;
+  }
+  return counters;
+}
+
+uint64_t ForwarderProcess::programmedChanges() const {
+  const auto counters = stats();
+  uint64_t sum = 0;
+  for (const char* name : {"inserted", "replaced", "deleted"})
+    sum += std::stoull(counters.at(name));
+  return sum;
 }
 
 }  // namespace TestSupport

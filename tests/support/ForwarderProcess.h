@@ -1,6 +1,7 @@
 // The software forwarding agent as a process of its own.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -23,6 +24,9 @@ class ForwarderProcess {
 
   // Runs `korvel-forwarder ctl ARGUMENTS... --state-dir DIRECTORY`.
   CommandResult ctl(std::vector<std::string> arguments) const;
+  // What `ctl stats` counts, by name. Throws std::runtime_error when it does not answer.
+  std::map<std::string, std::string> stats() const;
+  uint64_t programmedChanges() const;  // rows inserted, replaced and deleted since its start
 
  private:
   const std::string stateDirectory_;

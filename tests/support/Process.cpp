@@ -99,10 +99,12 @@ void Process::signal(int number) {
   if (!exitStatus_) ::kill(pid_, number);
 }
 
-std::optional<ExitStatus> Process::exitStatus(std::chrono::milliseconds timeout) {
+std::optional<ExitStatus> Process::exitStatus(std::chrono::microseconds timeout) {
   if (exitStatus_) return exitStatus_;
   pollfd ended{.fd = descriptor_, .events = POLLIN, .revents = 0};
-  if (poll(&ended, 1, static_cast<int>(timeout.count())) <= 0) return std::nullopt;
+  const timespec wait{.tv_sec = timeout.count() / 1000000,
+                      .tv_nsec = timeout.count() % 1000000 * 1000};
+  if (ppoll(&ended, 1, &wait, nullptr) <= 0) return std::nullopt;
   int status = 0;
   if (waitpid(pid_, &status, 0) != pid_) throw systemError("waitpid");
   if (WIFSIGNALED(status)) {

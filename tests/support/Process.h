@@ -34,10 +34,10 @@ class Process {
 
   pid_t pid() const { return pid_; }
   int descriptor() const { return descriptor_; }  // a pidfd: readable once the process has ended
-  bool running() { return !exitStatus(std::chrono::milliseconds(0)); }
+  bool running() { return !exitStatus(std::chrono::microseconds(0)); }
   void signal(int number);
   // Empty when it still runs after `timeout`.
-  std::optional<ExitStatus> exitStatus(std::chrono::milliseconds timeout = patience);
+  std::optional<ExitStatus> exitStatus(std::chrono::microseconds timeout = patience);
   void kill();  // SIGKILL, and waits for its end
 
  private:

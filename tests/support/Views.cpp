@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <optional>
+#include <sstream>
+#include <stdexcept>
 #include <string_view>
 
 #include "platform/brine/Store.h"
@@ -140,7 +142,7 @@ void addRow(const std::string& table, const Lattice::TableType& type, Brine::Byt
   cursor.number<uint64_t>();  // sequence
   try {
     const std::string keyColumns = joined(keyTexts(type, Brine::asText(key)));
-    state.rows[table + "|" + keyColumns] = joined(valueTexts(type, cursor.rest()));
+    state.rows[table + " " + keyColumns] = joined(valueTexts(type, cursor.rest()));
     state.rowHandles[handle] = table;
   } catch (const Lattice::TypeError& e) {
     state.damaged.push_back(fmt::format("row of {}: {}", table, e.what()));
@@ -190,6 +192,19 @@ StoredState storedState(const Pipeline& pipeline, const std::string& stateDirect
     });
   }
   return state;
+}
+
+View forwarderView(const ForwarderProcess& forwarder) {
+  const CommandResult result = forwarder.ctl({"dump"});
+  if (result.exit.code != 0) throw std::runtime_error("forwarder: " + result.error);
+  View view;
+  std::istringstream lines(result.output);
+  for (std::string line; std::getline(lines, line);) {
+    const size_t arrow = line.find(" -> ");
+    if (arrow == std::string::npos) throw std::runtime_error("no row: " + line);
+    view[line.substr(0, arrow)] = line.substr(arrow + 4);
+  }
+  return view;
 }
 
 std::string difference(const std::string& leftName, const View& left, const std::string& rightName,

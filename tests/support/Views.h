@@ -20,8 +20,8 @@ View viewOfEntries(const Pipeline& pipeline, const std::vector<p4::v1::TableEntr
 
 // What stands in the shared memory of one commit.
 struct StoredState {
-  View caches;                                    // spelt as viewOfEntries() does
-  View rows;                                      // "table|columns" to columns, as people read them
+  View caches;  // spelt as viewOfEntries() does
+  View rows;    // "table columns" to columns, as a dump shows them
   std::map<uint64_t, std::string> cachedHandles;  // entry handle to the row table's name
   std::map<uint64_t, std::string> rowHandles;
   size_t unstable = 0;               // cache records in another state than stable
@@ -29,7 +29,8 @@ struct StoredState {
 };
 StoredState storedState(const Pipeline& pipeline, const std::string& stateDirectory);
 
-// The forwarder's tables, spelt as StoredState::rows.
+// The forwarder's tables, spelt as StoredState::rows. Throws std::runtime_error when it does not
+// answer.
 View forwarderView(const ForwarderProcess& forwarder);
 
 // "" when they are equal, else the first differing lines, for people.

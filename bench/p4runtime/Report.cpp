@@ -1,0 +1,131 @@
+// See Report.h.
+#include "bench/p4runtime/Report.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <optional>
+
+namespace Bench {
+namespace {
+
+const Line* smallest(const Results& results, const Line& like) {
+  for (const Line& line : results.lines) {
+    if (line.operation == like.operation &&
+        (line.batch == like.batch || line.operation == "read all")) {
+      return &line;
+    }
+  }
+  return nullptr;
+}
+
+std::optional<double> ofCeiling(const Line& line) {
+  if (line.ceiling.count() == 0) return std::nullopt;
+  return line.rate() / line.ceiling.perSecond(line.batch);
+}
+
+std::optional<double> ofSmallest(const Results& results, const Line& line) {
+  const Line* base = smallest(results, line);
+  if (!base || base->table == line.table) return std::nullopt;
+  return line.rate() / base->rate();
+}
+
+std::string ratio(std::optional<double> value) {
+  return value ? fmt::format("{:.2f}", *value) : "-";
+}
+
+std::string milliseconds(Duration duration) {
+  return fmt::format("{:.3f}", duration.count() / 1000);
+}
+
+std::string rateTable(const Results& results) {
+  std::string text =
+      fmt::format("{:>9} {:>7} {:<9} {:>11} {:>10} {:>10} {:>10} {:>11}\n", "table", "batch",
+                  "operation", "updates/s", "median ms", "p99 ms", "of ceiling", "of smallest");
+  for (const Line& line : results.lines) {
+    const std::string batch = line.operation == "read all" ? "-" : std::to_string(line.batch);
+    text += fmt::format("{:>9} {:>7} {:<9} {:>11.0f} {:>10} {:>10} {:>10} {:>11}\n", line.table,
+                        batch, line.operation, line.rate(), milliseconds(line.agent.median()),
+                        milliseconds(line.agent.p99()), ratio(ofCeiling(line)),
+                        ratio(ofSmallest(results, line)));
+  }
+  return text;
+}
+
+double bytesPerEntry(const TableFigures& figures) {
+  return static_cast<double>(figures.memory.privateBytes + figures.memory.stateBytes) /
+         static_cast<double>(figures.table);
+}
+
+// Pages of the state directory that the agent has mapped are resident in it as well, so the
+// resident size would count them twice; it stands beside for comparison.
+std::string tableFigures(const Results& results) {
+  std::string text =
+      fmt::format("{:>9} {:>13} {:>14} {:>13} {:>12} {:>12} {:>10}\n", "table", "fill, rows/s",
+                  "agent private", "agent RSS", "state dir", "bytes/entry", "restart s");
+  const auto mebibytes = [](size_t bytes) {
+    return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1 << 20));
+  };
+  for (const TableFigures& figures : results.tables) {
+    text +=
+        fmt::format("{:>9} {:>13.0f} {:>14} {:>13} {:>12} {:>12.0f} {:>10.2f}\n", figures.table,
+                    figures.fillRate, mebibytes(figures.memory.privateBytes),
+                    mebibytes(figures.memory.residentBytes), mebibytes(figures.memory.stateBytes),
+                    bytesPerEntry(figures), figures.restartSeconds);
+  }
+  return text +
+         "agent and state dir: growth since the tables were empty; bytes/entry: private and "
+         "state dir\n";
+}
+
+std::string aim(const std::string& what, double value, bool reached, const std::string& wanted) {
+  return fmt::format("{:<11} {}: {:.2f} (aim: {})\n", reached ? "reached" : "FALLS SHORT", what,
+                     value, wanted);
+}
+
+bool isWrite(const Line& line) { return !line.operation.starts_with("read"); }
+
+// Each aim is held against the worst line it speaks of.
+std::string ceilingAim(const Results& results, size_t batch, double least) {
+  const Line* worst = nullptr;
+  for (const Line& line : results.lines) {
+    if (!isWrite(line) || line.batch != batch || !ofCeiling(line)) continue;
+    if (!worst || *ofCeiling(line) < *ofCeiling(*worst)) worst = &line;
+  }
+  if (!worst) return "";
+  return aim(fmt::format("share of the ceiling, {} in batches of {}, {} entries", worst->operation,
+                         batch, worst->table),
+             *ofCeiling(*worst), *ofCeiling(*worst) >= least, fmt::format("{} or more", least));
+}
+
+std::string sizeAim(const Results& results) {
+  const uint64_t largest = results.tables.back().table;
+  const Line* worst = nullptr;
+  for (const Line& line : results.lines) {
+    if (!isWrite(line) || line.table != largest || !ofSmallest(results, line)) continue;
+    if (!worst || *ofSmallest(results, line) < *ofSmallest(results, *worst)) worst = &line;
+  }
+  if (!worst) return "";
+  const double share = *ofSmallest(results, *worst);
+  return aim(fmt::format("rate at {} entries over that at {}, {} in batches of {}", largest,
+                         results.tables.front().table, worst->operation, worst->batch),
+             share, share >= 0.7, "0.7 or more");
+}
+
+std::string aims(const Results& results) {
+  const TableFigures& largest = results.tables.back();
+  return ceilingAim(results, 1, 0.6) + ceilingAim(results, 100, 0.5) +
+         ceilingAim(results, 1000, 0.4) + sizeAim(results) +
+         aim(fmt::format("seconds to restart with {} entries", largest.table),
+             largest.restartSeconds, largest.restartSeconds < 10, "under 10") +
+         aim(fmt::format("bytes an entry, at {} entries", largest.table), bytesPerEntry(largest),
+             bytesPerEntry(largest) < 1024, "under 1024");
+}
+
+}  // namespace
+
+std::string report(const Results& results) {
+  return rateTable(results) + "\n" + tableFigures(results) + "\n" + aims(results);
+}
+
+}  // namespace Bench

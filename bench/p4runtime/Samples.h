@@ -1,0 +1,28 @@
+// Round trips of one kind of request, and what they come to.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <vector>
+
+namespace Bench {
+
+using Clock = std::chrono::steady_clock;
+using Duration = std::chrono::duration<double, std::micro>;
+
+class Samples {
+ public:
+  void add(Clock::duration roundTrip) { roundTrips_.push_back(Duration(roundTrip)); }
+  size_t count() const { return roundTrips_.size(); }
+  Duration total() const;
+  // Of the round trips, by rank; zero when there are none.
+  Duration median() const { return quantile(0.5); }
+  Duration p99() const { return quantile(0.99); }
+  double perSecond(size_t itemsEach) const;  // items, over all round trips
+
+ private:
+  Duration quantile(double part) const;
+  std::vector<Duration> roundTrips_;
+};
+
+}  // namespace Bench
