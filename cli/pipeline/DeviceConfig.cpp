@@ -1,0 +1,202 @@
+// Writing and reading the device JSON.
+#include "cli/pipeline/DeviceConfig.h"
+
+#include "cli/pipeline/Files.h"
+#include "cli/pipeline/Finding.h"
+#include "cli/pipeline/Json.h"
+#include "cli/pipeline/Names.h"
+#include "cli/pipeline/ValueText.h"
+
+namespace Cli {
+namespace {
+
+TableKind kindOf(const std::string& tableClass) {
+  const std::string lower = lowered(tableClass);
+  if (lower == lowered(Cli::tableClass(TableKind::member))) return TableKind::member;
+  if (lower == lowered(Cli::tableClass(TableKind::group))) return TableKind::group;
+  return TableKind::match;
+}
+
+DeviceTable deviceTable(const TableLayout& layout) {
+  DeviceTable table{layout.kind, layout.tableName, layout.typeName, layout.id, {}, {}};
+  for (const Slot& slot : layout.slots) table.fields.push_back({slot.name, slot.type});
+  return table;
+}
+
+void addTable(const DeviceTable& table, cJSON* tables) {
+  cJSON* object = newObjectIn(tables);
+  stringItemIs(object, "table_name", table.name);
+  numberItemIs(object, "table_id", table.id);
+  stringItemIs(object, "table_type", table.type);
+  stringItemIs(object, "table_class", tableClass(table.kind));
+  cJSON* fields = newArrayItem(object, "table_fields");
+  for (const DeviceField& field : table.fields) {
+    cJSON* item = newObjectIn(fields);
+    stringItemIs(item, "field_name", field.name);
+    stringItemIs(item, "field_type", field.type);
+  }
+  cJSON* entries = newArrayItem(object, "table_entries");
+  for (const DeviceEntry& entry : table.entries) {
+    cJSON* item = newObjectIn(entries);
+    stringItemIs(item, "key", entry.key);
+    numberItemIs(item, "action_id", entry.actionId);
+    stringItemIs(item, "action_params", entry.actionParams);
+    if (entry.priority != 0) numberItemIs(item, "priority", entry.priority);
+  }
+}
+
+// Reads the parts of "p4rtc"; what is missing becomes an error that names the element.
+class DeviceReader {
+ public:
+  DeviceReader(const cJSON* root, Findings* findings) : root_(root), findings_(findings) {}
+
+  DeviceConfig run() {
+    forEach(root_, "table_type_definitions", "the device configuration",
+            [this](const cJSON* item) { readType(item); });
+    forEach(root_, "tables", "the device configuration",
+            [this](const cJSON* item) { readTable(item); });
+    if (const cJSON* queries = arrayItem(root_, "queries")) {
+      config_.queryCount = static_cast<size_t>(cJSON_GetArraySize(queries));
+    } else {
+      findings_->error("the device configuration", "has no array \"queries\" (it may be empty)");
+    }
+    return std::move(config_);
+  }
+
+ private:
+  template <typename Visit>
+  void forEach(const cJSON* object, const char* key, const std::string& owner, Visit visit) {
+    const cJSON* array = arrayItem(object, key);
+    if (array == nullptr) {
+      findings_->error(owner, "has no array \"" + std::string(key) + '"');
+      return;
+    }
+    for (const cJSON* item = array->child; item != nullptr; item = item->next) visit(item);
+  }
+
+  std::string text(const cJSON* object, const char* key, const std::string& owner) {
+    if (auto value = stringItem(object, key)) return *value;
+    findings_->error(owner, "has no text \"" + std::string(key) + '"');
+    return "";
+  }
+
+  uint32_t number(const cJSON* object, const char* key, const std::string& owner) {
+    if (const auto value = numberItem(object, key)) return *value;
+    findings_->error(owner, "has no number \"" + std::string(key) + "\" of 32 bits");
+    return 0;
+  }
+
+  void readType(const cJSON* item) {
+    const std::string owner = "table type " + std::to_string(config_.types.size() + 1);
+    std::string name = text(item, "table_type", owner);
+    config_.types.push_back({std::move(name), text(item, "table_type_def", owner)});
+  }
+
+  void readTable(const cJSON* item) {
+    DeviceTable table;
+    table.name = text(item, "table_name",
+                      "element " + std::to_string(config_.tables.size() + 1) + " of \"tables\"");
+    const std::string owner = "table " + table.name;
+    table.type = text(item, "table_type", owner);
+    table.id = number(item, "table_id", owner);
+    table.kind = kindOf(text(item, "table_class", owner));
+    forEach(item, "table_fields", owner, [&](const cJSON* field) {
+      std::string name = text(field, "field_name", owner);
+      table.fields.push_back({std::move(name), text(field, "field_type", owner)});
+    });
+    const cJSON* entries = arrayItem(item, "table_entries");
+    const cJSON* first = entries == nullptr ? nullptr : entries->child;
+    for (const cJSON* entry = first; entry != nullptr; entry = entry->next) {
+      const std::string place =
+          owner + ", constant entry " + std::to_string(table.entries.size() + 1);
+      table.entries.push_back({text(entry, "key", place), number(entry, "action_id", place),
+                               text(entry, "action_params", place),
+                               numberItem(entry, "priority").value_or(0)});
+    }
+    config_.tables.push_back(std::move(table));
+  }
+
+  const cJSON* root_;
+  Findings* findings_;
+  DeviceConfig config_;
+};
+
+void checkPairs(const cJSON* query, const char* array, const char* key, const char* value,
+                const std::string& place) {
+  const cJSON* pairs = arrayItem(query, array);
+  if (pairs == nullptr) throw PipelineError(place + "has no array \"" + array + '"');
+  for (const cJSON* pair = pairs->child; pair != nullptr; pair = pair->next) {
+    if (!stringItem(pair, key) || !stringItem(pair, value)) {
+      throw PipelineError(place + "an element of \"" + array + "\" lacks the text \"" + key +
+                          "\" or \"" + value + '"');
+    }
+  }
+}
+
+}  // namespace
+
+DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<ConstantEntry>& entries) {
+  DeviceConfig config;
+  for (const TableLayout& table : layout.tables) {
+    config.types.push_back({table.typeName, definitionText(table)});
+    DeviceTable device = deviceTable(table);
+    for (const ConstantEntry& entry : entries) {
+      if (table.kind != TableKind::match || entry.tableId != table.id) continue;
+      device.entries.push_back(
+          {hexText(entry.key), entry.actionId, hexText(entry.actionParams), entry.priority});
+    }
+    config.tables.push_back(std::move(device));
+  }
+  return config;
+}
+
+std::string deviceConfigText(const DeviceConfig& config, const std::string& queries) {
+  const JsonPtr document(cJSON_CreateObject());
+  cJSON* root = cJSON_AddObjectToObject(document.get(), "p4rtc");
+  cJSON* types = newArrayItem(root, "table_type_definitions");
+  for (const DeviceType& type : config.types) {
+    cJSON* object = newObjectIn(types);
+    stringItemIs(object, "table_type", type.name);
+    stringItemIs(object, "table_type_def", type.definition);
+  }
+  cJSON* tables = newArrayItem(root, "tables");
+  for (const DeviceTable& table : config.tables) addTable(table, tables);
+  JsonPtr queryArray = parsedJson("queries", queries.empty() ? "[]" : queries);
+  cJSON_AddItemToObject(root, "queries", queryArray.release());
+  return printedJson(*document) + '\n';
+}
+
+std::string queriesText(const std::string& path) {
+  const JsonPtr root = parsedJson(path, fileContents(path));
+  const cJSON* queries =
+      cJSON_IsArray(root.get()) != 0 ? root.get() : arrayItem(root.get(), "queries");
+  if (queries == nullptr) {
+    throw PipelineError(path +
+                        ": expected an array of queries, or an object with one under"
+                        " \"queries\"");
+  }
+  size_t number = 0;
+  for (const cJSON* query = queries->child; query != nullptr; query = query->next) {
+    const std::string place = path + ": query " + std::to_string(++number) + ": ";
+    for (const char* key : {"output_table_path", "output_table_type", "query"}) {
+      if (!stringItem(query, key)) throw PipelineError(place + "has no text \"" + key + '"');
+    }
+    checkPairs(query, "input_tables", "table_key", "table_value", place);
+    checkPairs(query, "params", "param_key", "param_value", place);
+  }
+  return printedJson(*queries);
+}
+
+DeviceConfig parsedDeviceConfig(const std::string& path, std::string_view json,
+                                Findings* findings) {
+  const JsonPtr document = parsedJson(path + ": device configuration", json);
+  const cJSON* root = cJSON_GetObjectItem(document.get(), "p4rtc");
+  if (cJSON_IsObject(root) == 0) {
+    throw PipelineError(path +
+                        ": its device configuration has no object \"p4rtc\"; make the file"
+                        " with 'korvel pipeline build'");
+  }
+  return DeviceReader(root, findings).run();
+}
+
+}  // namespace Cli

@@ -1,0 +1,64 @@
+// The device configuration inside a pipeline file: JSON under "p4rtc" with table type definitions,
+// tables and queries.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cli/pipeline/ConstantEntry.h"
+#include "cli/pipeline/TableLayout.h"
+
+namespace Cli {
+
+class Findings;
+
+struct DeviceType {
+  std::string name;
+  std::string definition;
+};
+
+struct DeviceField {
+  std::string name;
+  std::string type;
+};
+
+// A constant entry as the file holds it: bytes in hexadecimal, not checked.
+struct DeviceEntry {
+  std::string key;
+  uint32_t actionId = 0;
+  std::string actionParams;
+  uint32_t priority = 0;
+};
+
+struct DeviceTable {
+  TableKind kind = TableKind::match;
+  std::string name;
+  std::string type;
+  uint32_t id = 0;
+  std::vector<DeviceField> fields;
+  std::vector<DeviceEntry> entries;
+};
+
+struct DeviceConfig {
+  std::vector<DeviceType> types;
+  std::vector<DeviceTable> tables;
+  size_t queryCount = 0;
+};
+
+DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<ConstantEntry>& entries);
+
+// `queries` is the text of a JSON array, as queriesText() answers it; empty: none.
+std::string deviceConfigText(const DeviceConfig& config, const std::string& queries);
+
+// The queries of a file: an array, or an object with one under "queries". Throws PipelineError that
+// names the query and its missing part.
+std::string queriesText(const std::string& path);
+
+// Reads the device JSON. Throws PipelineError where the agent would find nothing to run (no JSON,
+// no "p4rtc"); what is wrong within comes as findings.
+DeviceConfig parsedDeviceConfig(const std::string& path, std::string_view json, Findings* findings);
+
+}  // namespace Cli

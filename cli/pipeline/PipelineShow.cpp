@@ -1,0 +1,150 @@
+// The pipeline on paper: the view document set as text.
+#include <fmt/core.h>
+
+#include "cli/pipeline/Files.h"
+#include "cli/pipeline/PipelineFile.h"
+#include "cli/pipeline/PipelineView.h"
+#include "p4/v1/p4runtime.pb.h"
+
+namespace Cli {
+namespace {
+
+std::string text(const cJSON* object, const char* key) {
+  return stringItem(object, key).value_or("");
+}
+
+uint32_t number(const cJSON* object, const char* key) {
+  return numberItem(object, key).value_or(0);
+}
+
+bool flag(const cJSON* object, const char* key) {
+  return cJSON_IsTrue(cJSON_GetObjectItem(object, key)) != 0;
+}
+
+// The elements of an array or object item, for range-based loops.
+class Items {
+ public:
+  Items(const cJSON* object, const char* key) : item_(cJSON_GetObjectItem(object, key)) {}
+
+  class Iterator {
+   public:
+    explicit Iterator(const cJSON* item) : item_(item) {}
+    const cJSON* operator*() const { return item_; }
+    void operator++() { item_ = item_->next; }
+    bool operator!=(const Iterator& other) const { return item_ != other.item_; }
+
+   private:
+    const cJSON* item_;
+  };
+  Iterator begin() const { return Iterator(item_ == nullptr ? nullptr : item_->child); }
+  Iterator end() const { return Iterator(nullptr); }
+  int count() const { return cJSON_GetArraySize(item_); }
+
+ private:
+  const cJSON* item_;
+};
+
+std::string countText(int count, const std::string& what) {
+  return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
+}
+
+std::string fieldsText(const cJSON* object, const char* key) {
+  std::string list;
+  for (const cJSON* field : Items(object, key)) {
+    list += fmt::format("{}{}: bit<{}>", list.empty() ? "" : ", ", text(field, "name"),
+                        number(field, "bitwidth"));
+  }
+  return list;
+}
+
+std::string pairsText(const cJSON* object, const char* key) {
+  std::string list;
+  for (const cJSON* pair : Items(object, key)) {
+    list += fmt::format("{}{} = {}", list.empty() ? "" : ", ", pair->string,
+                        cJSON_IsString(pair) != 0 ? pair->valuestring : "");
+  }
+  return list;
+}
+
+std::string entryText(const cJSON* entry) {
+  const std::string error = text(entry, "error");
+  if (!error.empty()) return "cannot be programmed: " + error;
+  const uint32_t priority = number(entry, "priority");
+  return fmt::format("{}{} -> {}({})", pairsText(entry, "match"),
+                     priority == 0 ? "" : fmt::format(" [priority {}]", priority),
+                     text(entry, "action"), pairsText(entry, "params"));
+}
+
+std::string tableHead(const cJSON* table) {
+  std::string head = fmt::format("table {}   id {}", text(table, "name"), number(table, "id"));
+  if (const uint32_t size = number(table, "size"); size != 0)
+    head += fmt::format(", room for {}", size);
+  if (flag(table, "constant")) head += ", constant";
+  if (flag(table, "direct_counter")) head += ", direct counter";
+  if (flag(table, "direct_meter")) head += ", direct meter";
+  const std::string profile = text(table, "action_profile");
+  if (!profile.empty()) head += ", action profile " + profile;
+  return head + '\n';
+}
+
+std::string tableText(const cJSON* table) {
+  std::string page = tableHead(table);
+  if (!flag(table, "programmable"))
+    page += fmt::format("  CANNOT BE PROGRAMMED: {}\n", text(table, "reason"));
+  for (const cJSON* field : Items(table, "match_fields")) {
+    const std::string column = text(field, "column");
+    page += fmt::format("  key     {:<32} {:<9} {:<9}{}\n", text(field, "name"),
+                        fmt::format("bit<{}>", number(field, "bitwidth")), text(field, "match"),
+                        column.empty() ? "" : column + " : " + text(field, "column_type"));
+  }
+  for (const cJSON* action : Items(table, "actions")) {
+    page += fmt::format("  action  {}({}){}\n", text(action, "name"), fieldsText(action, "params"),
+                        flag(action, "default_only") ? "   as default only" : "");
+  }
+  for (const cJSON* entry : Items(table, "constant_entries")) {
+    page += fmt::format("  entry   {}\n", entryText(entry));
+  }
+  return page;
+}
+
+std::string headText(const cJSON* view) {
+  std::string head = "pipeline";
+  for (const char* key : {"name", "version"}) {
+    if (!text(view, key).empty()) head += ' ' + text(view, key);
+  }
+  head += " for device " + text(view, "device_id");
+  const std::string election = text(view, "election_id");
+  if (!election.empty()) head += ", election id " + election;
+  int entries = 0;
+  for (const cJSON* table : Items(view, "tables"))
+    entries += Items(table, "constant_entries").count();
+  return fmt::format("{}\n{}, {}, {}\n", head, countText(Items(view, "tables").count(), "table"),
+                     countText(Items(view, "action_profiles").count(), "action profile"),
+                     fmt::format("{} constant {}", entries, entries == 1 ? "entry" : "entries"));
+}
+
+std::string pageOf(const cJSON* view) {
+  std::string page = headText(view);
+  for (const cJSON* table : Items(view, "tables")) page += '\n' + tableText(table);
+  for (const cJSON* profile : Items(view, "action_profiles")) {
+    page += fmt::format("\naction profile {}   id {}, room for {}{}\n", text(profile, "name"),
+                        number(profile, "id"), number(profile, "size"),
+                        flag(profile, "selector") ? ", with groups" : "");
+  }
+  for (const cJSON* header : Items(view, "packet_headers")) {
+    page +=
+        fmt::format("\npacket header {}({})\n", text(header, "name"), fieldsText(header, "fields"));
+  }
+  return page;
+}
+
+}  // namespace
+
+std::string shownPipeline(const std::string& path, bool json) {
+  p4::v1::SetForwardingPipelineConfigRequest request;
+  readPipelineFile(path, &request);
+  const JsonPtr view = pipelineView(path, request);
+  return json ? printedJson(*view) + '\n' : pageOf(view.get());
+}
+
+}  // namespace Cli

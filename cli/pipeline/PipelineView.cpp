@@ -1,0 +1,190 @@
+// Collecting what 'korvel pipeline show' shows.
+#include "cli/pipeline/PipelineView.h"
+
+#include <map>
+
+#include "cli/pipeline/DeviceConfig.h"
+#include "cli/pipeline/EntryText.h"
+#include "cli/pipeline/Files.h"
+#include "cli/pipeline/Finding.h"
+#include "cli/pipeline/Names.h"
+#include "cli/pipeline/P4InfoIndex.h"
+#include "p4/config/v1/p4info.pb.h"
+#include "p4/v1/p4runtime.pb.h"
+
+namespace Cli {
+namespace {
+
+using p4::config::v1::MatchField;
+
+void boolItemIs(cJSON* object, const char* key, bool value) {
+  cJSON_AddBoolToObject(object, key, value ? 1 : 0);
+}
+
+std::string matchKindText(const MatchField& field) {
+  if (field.match_case() == MatchField::kOtherMatchType) return field.other_match_type();
+  if (!MatchField::MatchType_IsValid(field.match_type())) return "unknown";
+  return lowered(MatchField::MatchType_Name(field.match_type()));
+}
+
+void addPairs(cJSON* object, const char* key,
+              const std::vector<std::pair<std::string, std::string>>& pairs) {
+  cJSON* item = cJSON_AddObjectToObject(object, key);
+  for (const auto& [name, value] : pairs) stringItemIs(item, name.c_str(), value);
+}
+
+class ViewMaker {
+ public:
+  ViewMaker(const p4::v1::SetForwardingPipelineConfigRequest& request, const std::string& path)
+      : request_(request), p4Info_(request.config().p4info()), index_(p4Info_), root_(newRoot()) {
+    Findings findings;
+    checkReferences(index_, &findings);
+    for (const Finding& finding : findings.list()) {
+      throw PipelineError(path + ": " + findingText(finding) + " (see 'korvel pipeline check')");
+    }
+    layout_ = pipelineLayout(index_, &findings);
+    for (DeviceTable& table :
+         parsedDeviceConfig(path, deviceData(path, request), &findings).tables) {
+      if (table.kind == TableKind::match) device_.emplace(table.id, std::move(table));
+    }
+  }
+
+  JsonPtr run() {
+    addHead();
+    cJSON* tables = newArrayItem(root_.get(), "tables");
+    for (const auto& table : p4Info_.tables()) addTable(table, newObjectIn(tables));
+    cJSON* profiles = newArrayItem(root_.get(), "action_profiles");
+    for (const auto& profile : p4Info_.action_profiles())
+      addProfile(profile, newObjectIn(profiles));
+    cJSON* headers = newArrayItem(root_.get(), "packet_headers");
+    for (const auto& header : p4Info_.controller_packet_metadata()) {
+      cJSON* item = newObjectIn(headers);
+      stringItemIs(item, "name", header.preamble().name());
+      addFields(header.metadata(), newArrayItem(item, "fields"));
+    }
+    return std::move(root_);
+  }
+
+ private:
+  static JsonPtr newRoot() { return JsonPtr(cJSON_CreateObject()); }
+
+  void addHead() {
+    // Device ids have 64 bits, more than a JSON number holds exactly.
+    stringItemIs(root_.get(), "device_id", std::to_string(request_.device_id()));
+    if (request_.has_election_id()) {
+      stringItemIs(root_.get(), "election_id",
+                   std::to_string(request_.election_id().high()) + ':' +
+                       std::to_string(request_.election_id().low()));
+    }
+    stringItemIs(root_.get(), "name", p4Info_.pkg_info().name());
+    stringItemIs(root_.get(), "version", p4Info_.pkg_info().version());
+    stringItemIs(root_.get(), "arch", p4Info_.pkg_info().arch());
+  }
+
+  void addTable(const p4::config::v1::Table& table, cJSON* object) {
+    const uint32_t id = table.preamble().id();
+    stringItemIs(object, "name", table.preamble().name());
+    numberItemIs(object, "id", id);
+    numberItemIs(object, "size", static_cast<double>(table.size()));
+    const auto device = device_.find(id);
+    const auto refused = layout_.refused.find(id);
+    const bool programmable = refused == layout_.refused.end() && device != device_.end();
+    boolItemIs(object, "programmable", programmable);
+    if (!programmable) {
+      stringItemIs(object, "reason",
+                   refused != layout_.refused.end() ? refused->second
+                                                    : "it is not in the device configuration");
+    } else {
+      stringItemIs(object, "table", device->second.name);
+    }
+    boolItemIs(object, "constant", table.is_const_table());
+    addMatchFields(table, newArrayItem(object, "match_fields"));
+    addActions(table, newArrayItem(object, "actions"));
+    boolItemIs(object, "direct_counter", index_.hasDirectCounter(table));
+    boolItemIs(object, "direct_meter", index_.hasDirectMeter(table));
+    if (const auto* profile = index_.actionProfile(table.implementation_id()))
+      stringItemIs(object, "action_profile", profile->preamble().name());
+    cJSON* entries = newArrayItem(object, "constant_entries");
+    if (programmable) addEntries(device->second, table, entries);
+  }
+
+  void addMatchFields(const p4::config::v1::Table& table, cJSON* fields) {
+    const TableLayout* layout = layout_.table(TableKind::match, table.preamble().id());
+    for (int i = 0; i < table.match_fields_size(); ++i) {
+      const MatchField& field = table.match_fields(i);
+      cJSON* item = newObjectIn(fields);
+      stringItemIs(item, "name", field.name());
+      numberItemIs(item, "id", field.id());
+      numberItemIs(item, "bitwidth", field.bitwidth());
+      stringItemIs(item, "match", matchKindText(field));
+      if (field.has_type_name()) stringItemIs(item, "type", field.type_name().name());
+      for (const Slot& slot : layout == nullptr ? std::vector<Slot>{} : layout->slots) {
+        if (slot.field != static_cast<size_t>(i)) continue;
+        stringItemIs(item, "column", slot.name);
+        stringItemIs(item, "column_type", slot.type);
+        break;
+      }
+    }
+  }
+
+  void addActions(const p4::config::v1::Table& table, cJSON* actions) {
+    for (const auto& ref : table.action_refs()) {
+      const p4::config::v1::Action& action = *index_.action(ref.id());
+      cJSON* item = newObjectIn(actions);
+      stringItemIs(item, "name", action.preamble().name());
+      numberItemIs(item, "id", ref.id());
+      if (ref.scope() == p4::config::v1::ActionRef::DEFAULT_ONLY)
+        boolItemIs(item, "default_only", true);
+      addFields(action.params(), newArrayItem(item, "params"));
+    }
+  }
+
+  template <typename Fields>
+  void addFields(const Fields& fields, cJSON* array) {
+    for (const auto& field : fields) {
+      cJSON* item = newObjectIn(array);
+      stringItemIs(item, "name", field.name());
+      numberItemIs(item, "id", field.id());
+      numberItemIs(item, "bitwidth", field.bitwidth());
+    }
+  }
+
+  void addEntries(const DeviceTable& device, const p4::config::v1::Table& table, cJSON* entries) {
+    const TableLayout* layout = layout_.table(TableKind::match, device.id);
+    for (const DeviceEntry& entry : device.entries) {
+      cJSON* item = newObjectIn(entries);
+      try {
+        const EntryText text = entryText(entry, table, *layout, index_);
+        addPairs(item, "match", text.match);
+        numberItemIs(item, "priority", entry.priority);
+        stringItemIs(item, "action", text.action);
+        addPairs(item, "params", text.params);
+      } catch (const PipelineError& e) {
+        stringItemIs(item, "error", e.what());
+      }
+    }
+  }
+
+  void addProfile(const p4::config::v1::ActionProfile& profile, cJSON* object) {
+    stringItemIs(object, "name", profile.preamble().name());
+    numberItemIs(object, "id", profile.preamble().id());
+    numberItemIs(object, "size", static_cast<double>(profile.size()));
+    boolItemIs(object, "selector", profile.with_selector());
+  }
+
+  const p4::v1::SetForwardingPipelineConfigRequest& request_;
+  const p4::config::v1::P4Info& p4Info_;
+  const P4InfoIndex index_;
+  JsonPtr root_;
+  PipelineLayout layout_;
+  std::map<uint32_t, DeviceTable> device_;
+};
+
+}  // namespace
+
+JsonPtr pipelineView(const std::string& path,
+                     const p4::v1::SetForwardingPipelineConfigRequest& request) {
+  return ViewMaker(request, path).run();
+}
+
+}  // namespace Cli

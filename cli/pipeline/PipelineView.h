@@ -1,0 +1,19 @@
+// A pipeline as a JSON document, the one source of both forms of 'korvel pipeline show'.
+#pragma once
+
+#include <string>
+
+#include "cli/pipeline/Json.h"
+
+namespace p4::v1 {
+class SetForwardingPipelineConfigRequest;
+}
+
+namespace Cli {
+
+// {"device_id", "election_id", "name", "version", "tables": [...], "action_profiles": [...],
+//  "packet_headers": [...], "queries"}. `path` is for errors. Throws PipelineError.
+JsonPtr pipelineView(const std::string& path,
+                     const p4::v1::SetForwardingPipelineConfigRequest& request);
+
+}  // namespace Cli
