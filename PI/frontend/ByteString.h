@@ -1,0 +1,34 @@
+// P4 numbers as byte strings: what controllers send, what PI wants, and what we send back.
+// All are big-endian and unsigned.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace pi::fe::proto {
+
+inline size_t bytesOf(uint32_t bits) { return (bits + 7) / 8; }
+
+// The value without its leading zero bytes; empty for zero.
+std::string_view significant(std::string_view value);
+
+// Whether the value is a number of at most `bits` bits. Longer forms with leading zeros count by
+// their number; the empty string is no number.
+bool fits(std::string_view value, uint32_t bits);
+
+// Writes a value that fits into exactly `bytes` bytes, zeros in front.
+void putPadded(std::string_view value, uint8_t* out, size_t bytes);
+
+// The shortest form: no leading zero bytes, zero as one byte 00.
+std::string_view shortest(const uint8_t* data, size_t bytes);
+inline void setShortest(const uint8_t* data, size_t bytes, std::string* out) {
+  const std::string_view value = shortest(data, bytes);
+  out->assign(value.data(), value.size());
+}
+
+// "0x1f"; long values are cut, since error texts travel in small headers.
+std::string hexText(std::string_view value);
+
+}  // namespace pi::fe::proto

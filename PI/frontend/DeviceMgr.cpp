@@ -1,0 +1,71 @@
+// The front end as the server sees it.
+#include "PI/frontends/proto/device_mgr.h"
+
+#include "PI/frontend/DeviceMgrImp.h"
+#include "PI/frontend/Permission.h"
+#include "PI/pi.h"
+
+namespace pi::fe::proto {
+
+void DeviceMgr::init(size_t max_devices) { pi_init(max_devices, nullptr); }
+
+void DeviceMgr::destroy() { pi_destroy(); }
+
+void DeviceMgr::set_operation_permission_level(pi_operation_permission_level_t level) {
+  operationPermissionLevelIs(level);
+}
+
+pi_operation_permission_level_t DeviceMgr::get_operation_permission_level() {
+  return operationPermissionLevel();
+}
+
+DeviceMgr::DeviceMgr(pi_dev_id_t device_id) : imp_(std::make_unique<DeviceMgrImp>(device_id)) {}
+
+DeviceMgr::~DeviceMgr() = default;
+
+DeviceMgr::Status DeviceMgr::pipeline_config_set(
+    p4::v1::SetForwardingPipelineConfigRequest::Action action,
+    const p4::v1::ForwardingPipelineConfig& config) {
+  return imp_->pipelineConfigSet(action, config);
+}
+
+DeviceMgr::Status DeviceMgr::pipeline_config_check(
+    p4::v1::SetForwardingPipelineConfigRequest::Action action, bool config_given,
+    const p4::v1::ForwardingPipelineConfig& config) {
+  return imp_->pipelineConfigCheck(action, config_given, config);
+}
+
+DeviceMgr::Status DeviceMgr::pipeline_config_get(
+    p4::v1::GetForwardingPipelineConfigRequest::ResponseType type,
+    p4::v1::ForwardingPipelineConfig* config) {
+  return imp_->pipelineConfig(type, config);
+}
+
+bool DeviceMgr::has_pipeline() const { return imp_->hasPipeline(); }
+
+DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request) {
+  return imp_->write(request);
+}
+
+DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request,
+                                  p4::v1::ReadResponse* response) const {
+  return imp_->read(request, [&](const p4::v1::ReadResponse& part) {
+    response->MergeFrom(part);
+    return true;
+  });
+}
+
+DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request, const ReadSink& sink) const {
+  return imp_->read(request, sink);
+}
+
+DeviceMgr::Status DeviceMgr::stream_message_request_handle(
+    const p4::v1::StreamMessageRequest& request) {
+  return imp_->streamMessage(request);
+}
+
+void DeviceMgr::stream_message_response_register_cb(StreamMessageResponseCb cb, void* cookie) {
+  imp_->streamResponseCbIs(std::move(cb), cookie);
+}
+
+}  // namespace pi::fe::proto

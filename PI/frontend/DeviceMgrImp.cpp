@@ -1,0 +1,182 @@
+// Writes, Reads and the target's own reports on one device.
+#include "PI/frontend/DeviceMgrImp.h"
+
+#include "PI/frontend/Permission.h"
+#include "PI/frontend/ReadRun.h"
+#include "PI/frontend/Refusal.h"
+#include "PI/frontend/StatusText.h"
+#include "PI/frontend/WriteRun.h"
+#include "PI/pi.h"
+
+namespace pi::fe::proto {
+
+namespace {
+
+DeviceMgrImp& imp(void* cookie) { return *static_cast<DeviceMgrImp*>(cookie); }
+
+// A batch's outcome is taken from its status vector, which also says what went wrong.
+void entryStatusChanged(void*, pi_dev_id_t, pi_entry_handle_t, uint32_t) {}
+
+pi_status_t restoreTableEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId,
+                              const pi_match_key_t* key, const pi_table_entry_t* entry,
+                              pi_entry_handle_t handle, uint64_t controllerMetadata,
+                              const char* metadata, size_t metadataSize) {
+  if (key == nullptr || entry == nullptr) return PI_STATUS_BUFFER_ERROR;
+  return imp(cookie).restoredEntryIs(tableId, *key, *entry, handle, controllerMetadata,
+                                     {metadata, metadataSize});
+}
+
+pi_status_t restoreMember(void*, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t*, uint32_t,
+                          pi_indirect_handle_t) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+
+pi_status_t restoreGroup(void*, pi_dev_id_t, pi_p4_id_t, uint32_t, const pi_indirect_handle_t*,
+                         size_t, pi_indirect_handle_t) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+
+pi_status_t restoreDone(void* cookie, pi_dev_id_t) { return imp(cookie).handleRestoreDone(); }
+
+constexpr pi_frontend_hooks_t kHooks{entryStatusChanged, restoreTableEntry, restoreMember,
+                                     restoreGroup, restoreDone};
+
+void requireAtomicity(const p4::v1::WriteRequest& request) {
+  if (!p4::v1::WriteRequest::Atomicity_IsValid(request.atomicity())) {
+    refuse(code::invalidArgument, "the atomicity ", static_cast<int>(request.atomicity()),
+           " is unknown");
+  }
+  if (request.atomicity() == p4::v1::WriteRequest::CONTINUE_ON_ERROR) return;
+  refuse(code::unimplemented, "the atomicity ",
+         p4::v1::WriteRequest::Atomicity_Name(request.atomicity()),
+         " is not supported; use CONTINUE_ON_ERROR");
+}
+
+// Each call of a controller runs through here: no refusal leaves the front end as an exception.
+template <typename Body>
+google::rpc::Status answered(Body body) {
+  try {
+    return body();
+  } catch (const Refusal& refusal) {
+    return plainStatus(refusal.code(), refusal.message());
+  } catch (const std::bad_alloc&) {
+    return plainStatus(code::resourceExhausted, "out of memory");
+  }
+}
+
+}  // namespace
+
+DeviceMgrImp::DeviceMgrImp(pi_dev_id_t deviceId, std::chrono::milliseconds patience)
+    : deviceId_(deviceId), patience_(patience) {
+  pi_session_init(&sessionHandle_);
+  pi_frontend_hooks_set(deviceId_, &kHooks, this);
+}
+
+DeviceMgrImp::~DeviceMgrImp() {
+  pi_frontend_hooks_clear(deviceId_);
+  // PI would otherwise go on handing out our P4Info.
+  if (pi_is_device_assigned(deviceId_)) pi_remove_device(deviceId_);
+  pi_session_cleanup(sessionHandle_);
+}
+
+std::shared_ptr<Pipeline> DeviceMgrImp::pipeline() const {
+  const std::lock_guard lock(mutex_);
+  return pipeline_;
+}
+
+// The pipeline whose entries are being restored, or null.
+std::shared_ptr<Pipeline> DeviceMgrImp::restoringPipeline() const {
+  const std::lock_guard lock(mutex_);
+  return isRestored_ ? nullptr : pipeline_;
+}
+
+// The pipeline once controllers may use it.
+std::shared_ptr<Pipeline> DeviceMgrImp::awaitedPipeline() const {
+  std::unique_lock lock(mutex_);
+  if (pipeline_ == nullptr) {
+    refuse(code::failedPrecondition, "device ", deviceId_, " has no forwarding pipeline yet");
+  }
+  if (!restored_.wait_for(lock, patience_, [this] { return isRestored_; })) {
+    refuse(code::unavailable, "device ", deviceId_, " is still restoring its entries; try again");
+  }
+  return pipeline_;
+}
+
+TargetSession DeviceMgrImp::session(const Pipeline& pipeline) const {
+  return {deviceId_, sessionHandle_, pipeline.p4info()};
+}
+
+DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request) {
+  return answered([&] {
+    requireWritePermission();
+    awaitedPipeline();
+    requireAtomicity(request);
+    const std::lock_guard writing(writeMutex_);
+    requireWritePermission();  // the Write before this one may have brought the critical state
+    if (restoringPipeline() != nullptr) {
+      refuse(code::unavailable, "device ", deviceId_, " is getting a new pipeline; try again");
+    }
+    const std::shared_ptr<Pipeline> current = pipeline();
+    WriteRun run(current->index(), current->store(), session(*current));
+    return run.run(request);
+  });
+}
+
+DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,
+                                        const DeviceMgr::ReadSink& sink) const {
+  return answered([&] {
+    requireReadPermission();
+    const std::shared_ptr<Pipeline> current = awaitedPipeline();
+    ReadRun run(current->index(), current->store(), session(*current));
+    return run.run(request, sink);
+  });
+}
+
+DeviceMgrImp::Status DeviceMgrImp::streamMessage(
+    const p4::v1::StreamMessageRequest& request) const {
+  switch (request.update_case()) {
+    case p4::v1::StreamMessageRequest::kPacket:
+      return plainStatus(code::unimplemented,
+                         absl::StrCat("device ", deviceId_, ": packet-out is not supported"));
+    case p4::v1::StreamMessageRequest::kDigestAck:
+      return plainStatus(code::unimplemented,
+                         absl::StrCat("device ", deviceId_, ": digests are not supported"));
+    case p4::v1::StreamMessageRequest::kOther:
+      return plainStatus(code::unimplemented,
+                         absl::StrCat("device ", deviceId_, ": stream messages of the type ",
+                                      request.other().type_url(), " are not supported"));
+    default:
+      return plainStatus(code::invalidArgument, "the stream message asks for nothing");
+  }
+}
+
+void DeviceMgrImp::streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie) {
+  const std::lock_guard lock(mutex_);
+  streamResponseCb_ = std::move(cb);
+  streamResponseCookie_ = cookie;
+}
+
+pi_status_t DeviceMgrImp::restoredEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
+                                          const pi_table_entry_t& entry, pi_entry_handle_t handle,
+                                          uint64_t controllerMetadata, std::string_view metadata) {
+  const std::shared_ptr<Pipeline> restoring = restoringPipeline();
+  if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
+  return restoring->restoredEntryIs(tableId, key, entry, handle, controllerMetadata, metadata);
+}
+
+pi_status_t DeviceMgrImp::handleRestoreDone() {
+  const std::shared_ptr<Pipeline> restoring = restoringPipeline();
+  if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
+  pi_status_t status = PI_STATUS_SUCCESS;
+  try {
+    restoring->doAdoptInitialEntries(session(*restoring));
+  } catch (const Refusal&) {
+    status = PI_STATUS_INVALID_ENTRY_TYPE;  // controllers get in all the same
+  }
+  const std::lock_guard lock(mutex_);
+  if (pipeline_ == restoring) isRestored_ = true;
+  restored_.notify_all();
+  return status;
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,76 @@
+// What a DeviceMgr does: the order in which Writes, Reads, pipeline changes and the target's own
+// reports meet.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+#include "PI/frontend/Pipeline.h"
+#include "PI/frontends/proto/device_mgr.h"
+#include "PI/int/pi_frontend_hooks.h"
+
+namespace pi::fe::proto {
+
+class DeviceMgrImp {
+ public:
+  using Status = google::rpc::Status;
+  using Action = p4::v1::SetForwardingPipelineConfigRequest::Action;
+  using Config = p4::v1::ForwardingPipelineConfig;
+
+  // How long controllers' calls wait for the end of a restore before they hear UNAVAILABLE.
+  explicit DeviceMgrImp(pi_dev_id_t deviceId,
+                        std::chrono::milliseconds patience = std::chrono::seconds(5));
+  ~DeviceMgrImp();
+  DeviceMgrImp(const DeviceMgrImp&) = delete;
+  DeviceMgrImp& operator=(const DeviceMgrImp&) = delete;
+
+  Status pipelineConfigSet(Action action, const Config& config);
+  Status pipelineConfigCheck(Action action, bool configGiven, const Config& config);
+  Status pipelineConfig(p4::v1::GetForwardingPipelineConfigRequest::ResponseType type,
+                        Config* config) const;
+  bool hasPipeline() const { return pipeline() != nullptr; }
+
+  Status write(const p4::v1::WriteRequest& request);
+  Status read(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink) const;
+  Status streamMessage(const p4::v1::StreamMessageRequest& request) const;
+  void streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie);
+
+  // The target's reports; it may hold its lock.
+  pi_status_t restoredEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
+                              const pi_table_entry_t& entry, pi_entry_handle_t handle,
+                              uint64_t controllerMetadata, std::string_view metadata);
+  pi_status_t handleRestoreDone();
+
+  std::shared_ptr<Pipeline> pipeline() const;
+
+ private:
+  std::shared_ptr<Pipeline> restoringPipeline() const;
+  std::shared_ptr<Pipeline> awaitedPipeline() const;
+  TargetSession session(const Pipeline& pipeline) const;
+  void doCommit(std::shared_ptr<Pipeline> next);
+  void doInstall(const Pipeline& pipeline);
+  void doApply(Action action, const Config& config);
+  void doCheckPush(Action action, bool configGiven, const Config& config);
+
+  const pi_dev_id_t deviceId_;
+  const std::chrono::milliseconds patience_;
+  pi_session_handle_t sessionHandle_ = 0;
+
+  // One Write or change of pipeline at a time. Held while the target is called, which takes the
+  // target's lock: nothing that the target calls may take it.
+  std::mutex writeMutex_;
+
+  // A leaf: taken by the target's reports, never held while the target is called.
+  mutable std::mutex mutex_;
+  mutable std::condition_variable restored_;
+  std::shared_ptr<Pipeline> pipeline_;  // null: none yet
+  bool isRestored_ = false;
+  std::shared_ptr<Pipeline> saved_;  // to be committed
+  bool equalSaved_ = false;          // a controller saved the running pipeline once more
+  DeviceMgr::StreamMessageResponseCb streamResponseCb_;
+  void* streamResponseCookie_ = nullptr;
+};
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,116 @@
+// One table entry as the front end keeps it: a single block of memory with the PI bytes of key and
+// action behind a small header. A million of them are kept, so every byte counts.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+#include <utility>
+
+namespace pi::fe::proto {
+
+class EntryPtr;
+
+// What tells entries apart. The bytes belong to someone else.
+struct EntryKey {
+  uint32_t tableId = 0;
+  uint32_t priority = 0;
+  std::string_view bytes;  // PI match key
+
+  size_t hash() const;
+  bool operator==(const EntryKey&) const = default;
+};
+
+// Filled in by its maker; nobody changes it once it is in the store. Any thread may then read it.
+class Entry {
+ public:
+  // Sizes in bytes. The bytes of key, action data and metadata are left for the caller to fill in.
+  static EntryPtr make(uint32_t tableId, size_t keySize, size_t actionSize, size_t metadataSize);
+
+  EntryKey key() const { return {tableId, priority, {bytes(), keySize_}}; }
+  uint8_t* keyData() { return reinterpret_cast<uint8_t*>(bytes()); }
+  const uint8_t* keyData() const { return reinterpret_cast<const uint8_t*>(bytes()); }
+  uint8_t* actionData() { return keyData() + keySize_; }
+  const uint8_t* actionData() const { return keyData() + keySize_; }
+  size_t actionSize() const { return actionSize_; }
+  char* metadataData() { return bytes() + keySize_ + actionSize_; }
+  std::string_view metadata() const { return {bytes() + keySize_ + actionSize_, metadataSize_}; }
+  bool hasMetadata() const { return metadataSize_ != 0 || controllerMetadata != 0; }
+  size_t memoryBytes() const { return sizeof(Entry) + keySize_ + actionSize_ + metadataSize_; }
+
+  uint64_t handle = 0;  // the target's
+  uint64_t controllerMetadata = 0;
+  uint32_t tableId = 0;
+  uint32_t priority = 0;
+  uint32_t actionId = 0;
+
+ private:
+  friend class EntryPtr;
+  Entry(size_t keySize, size_t actionSize, size_t metadataSize)
+      : keySize_(static_cast<uint32_t>(keySize)),
+        actionSize_(static_cast<uint32_t>(actionSize)),
+        metadataSize_(static_cast<uint32_t>(metadataSize)) {}
+  char* bytes() { return reinterpret_cast<char*>(this + 1); }
+  const char* bytes() const { return reinterpret_cast<const char*>(this + 1); }
+
+  std::atomic<uint32_t> references_{0};
+  uint32_t keySize_;
+  uint32_t actionSize_;
+  uint32_t metadataSize_;
+};
+
+// Shares an entry; the last one frees it.
+class EntryPtr {
+ public:
+  EntryPtr() = default;
+  explicit EntryPtr(Entry* entry) : entry_(entry) { take(); }
+  EntryPtr(const EntryPtr& other) : entry_(other.entry_) { take(); }
+  EntryPtr(EntryPtr&& other) noexcept : entry_(std::exchange(other.entry_, nullptr)) {}
+  EntryPtr& operator=(EntryPtr other) noexcept {
+    std::swap(entry_, other.entry_);
+    return *this;
+  }
+  ~EntryPtr() { release(); }
+
+  Entry* get() const { return entry_; }
+  Entry& operator*() const { return *entry_; }
+  Entry* operator->() const { return entry_; }
+  explicit operator bool() const { return entry_ != nullptr; }
+
+ private:
+  void take() {
+    if (entry_ != nullptr) entry_->references_.fetch_add(1, std::memory_order_relaxed);
+  }
+  void release();
+
+  Entry* entry_ = nullptr;
+};
+
+// An entry with the hash of its key, which is costly to compute. The element of our hash tables.
+struct EntrySlot {
+  EntryPtr entry;
+  size_t hash = 0;
+};
+struct EntryLookup {
+  EntryKey key;
+  size_t hash = 0;
+};
+
+struct EntrySlotHash {
+  using is_transparent = void;
+  size_t operator()(const EntrySlot& slot) const { return slot.hash; }
+  size_t operator()(const EntryLookup& lookup) const { return lookup.hash; }
+};
+struct EntrySlotEqual {
+  using is_transparent = void;
+  bool operator()(const EntrySlot& a, const EntrySlot& b) const {
+    return a.hash == b.hash && a.entry->key() == b.entry->key();
+  }
+  bool operator()(const EntrySlot& a, const EntryLookup& b) const {
+    return a.hash == b.hash && a.entry->key() == b.key;
+  }
+  bool operator()(const EntryLookup& a, const EntrySlot& b) const { return (*this)(b, a); }
+};
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,52 @@
+// The objects of one P4Info by id, with the plans of its tables and actions.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "PI/frontend/Plans.h"
+#include "absl/container/flat_hash_map.h"
+#include "p4/config/v1/p4info.pb.h"
+
+namespace pi::fe::proto {
+
+// Constant after construction; any thread. Plans live as long as the index.
+class P4InfoIndex {
+ public:
+  // Throws a Refusal (INVALID_ARGUMENT) that names the object when the P4Info cannot be realised:
+  // id 0, an id used twice, a reference to what is not there, an unknown enum number.
+  explicit P4InfoIndex(const p4::config::v1::P4Info& p4Info);
+
+  const TablePlan* table(uint32_t id) const;    // null: no such table
+  const ActionPlan* action(uint32_t id) const;  // null: no such action
+  const std::vector<std::unique_ptr<TablePlan>>& tables() const { return tables_; }  // P4Info order
+
+  // "counter ingress.hits", or "0x12000001, which is not in the P4Info".
+  std::string objectText(uint32_t id) const;
+
+ private:
+  struct Object {
+    const char* kind;
+    std::string name;
+  };
+
+  void objectIs(const char* kind, const p4::config::v1::Preamble& preamble);
+  void doIndexObjects(const p4::config::v1::P4Info& p4Info);
+  void doCheckProfiles(const p4::config::v1::P4Info& p4Info) const;
+  void requireKind(uint32_t id, const char* kind, const std::string& user) const;
+  std::unique_ptr<ActionPlan> actionPlan(const p4::config::v1::Action& action) const;
+  std::unique_ptr<TablePlan> tablePlan(const p4::config::v1::Table& table) const;
+  void fieldPlanIs(TablePlan* plan, const p4::config::v1::MatchField& field) const;
+  void actionUsesAre(TablePlan* plan, const p4::config::v1::Table& table) const;
+  void defaultActionIs(TablePlan* plan, const p4::config::v1::Table& table) const;
+  void directResourcesAre(TablePlan* plan, const p4::config::v1::Table& table) const;
+  bool isKind(uint32_t id, const char* kind) const;
+
+  absl::flat_hash_map<uint32_t, Object> objects_;
+  absl::flat_hash_map<uint32_t, std::unique_ptr<ActionPlan>> actions_;
+  std::vector<std::unique_ptr<TablePlan>> tables_;
+  absl::flat_hash_map<uint32_t, const TablePlan*> tableById_;
+};
+
+}  // namespace pi::fe::proto

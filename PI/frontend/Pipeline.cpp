@@ -1,0 +1,66 @@
+// One pipeline of a device and the entries written to it.
+#include "PI/frontend/Pipeline.h"
+
+#include <google/protobuf/util/message_differencer.h>
+
+#include <cstring>
+
+#include "PI/frontend/FetchedTable.h"
+#include "PI/frontend/Refusal.h"
+#include "p4/tmp/p4config.pb.h"
+
+namespace pi::fe::proto {
+
+namespace {
+
+std::string deviceDataOf(const p4::v1::ForwardingPipelineConfig& config) {
+  p4::tmp::P4DeviceConfig device;
+  if (!device.ParseFromString(config.p4_device_config())) {
+    refuse(code::invalidArgument,
+           "the pipeline's p4_device_config is no serialized p4.tmp.P4DeviceConfig");
+  }
+  return device.device_data();
+}
+
+}  // namespace
+
+Pipeline::Pipeline(const p4::v1::ForwardingPipelineConfig& config)
+    : config_(config),
+      index_(config_.p4info()),
+      deviceData_(deviceDataOf(config_)),
+      p4info_{const_cast<P4InfoIndex*>(&index_)} {}
+
+bool Pipeline::equals(const p4::v1::ForwardingPipelineConfig& config) const {
+  return config.p4_device_config() == config_.p4_device_config() &&
+         google::protobuf::util::MessageDifferencer::Equals(config.p4info(), config_.p4info());
+}
+
+pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& key,
+                                      const pi_table_entry_t& given, uint64_t handle,
+                                      uint64_t controllerMetadata, std::string_view metadata) {
+  const TablePlan* table = index_.table(tableId);
+  if (table == nullptr) return PI_STATUS_NETV_INVALID_OBJ_ID;
+  if ((key.priority != 0) != table->needsPriority || key.priority > INT32_MAX) {
+    return PI_STATUS_UNSUPPORTED_ENTRY_PRIORITY;
+  }
+  std::optional<EntryPtr> entry = entryOf(*table, key, given, metadata.size());
+  if (!entry) return PI_STATUS_INVALID_ENTRY_TYPE;
+  (*entry)->handle = handle;
+  (*entry)->controllerMetadata = controllerMetadata;
+  if (!metadata.empty()) std::memcpy((*entry)->metadataData(), metadata.data(), metadata.size());
+  store_.entryIs(*std::move(entry));
+  return PI_STATUS_SUCCESS;
+}
+
+void Pipeline::doAdoptInitialEntries(const TargetSession& session) {
+  for (const auto& table : index_.tables()) {
+    if (!table->isConst && !table->hasInitialEntries) continue;
+    if (!table->unsupported.empty()) continue;
+    FetchedTable fetched(session, *table);
+    while (EntryPtr entry = fetched.next()) {
+      if (!store_.entry(entry->key())) store_.entryIs(std::move(entry));
+    }
+  }
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,42 @@
+// One pipeline of a device and the entries written to it; a new pipeline starts without any.
+#pragma once
+
+#include "PI/frontend/EntryStore.h"
+#include "PI/frontend/P4InfoIndex.h"
+#include "PI/frontend/TargetSession.h"
+#include "PI/int/pi_int.h"
+
+namespace pi::fe::proto {
+
+// Shared by the device and the calls that began while it was the device's pipeline. All but the
+// store is constant after construction.
+class Pipeline {
+ public:
+  // Throws a Refusal (INVALID_ARGUMENT) when the configuration cannot be realised.
+  explicit Pipeline(const p4::v1::ForwardingPipelineConfig& config);
+
+  const p4::v1::ForwardingPipelineConfig& config() const { return config_; }
+  const P4InfoIndex& index() const { return index_; }
+  EntryStore& store() { return store_; }
+  const pi_p4info_t* p4info() const { return &p4info_; }
+  const std::string& deviceData() const { return deviceData_; }  // for the target
+
+  // Whether P4Info and device configuration are the same.
+  bool equals(const p4::v1::ForwardingPipelineConfig& config) const;
+
+  // Takes over what the target holds after a restart, before controllers get in.
+  pi_status_t restoredEntryIs(uint32_t tableId, const pi_match_key_t& key,
+                              const pi_table_entry_t& given, uint64_t handle,
+                              uint64_t controllerMetadata, std::string_view metadata);
+  // The target programs constant and initial entries by itself. Takes the target's lock.
+  void doAdoptInitialEntries(const TargetSession& session);
+
+ private:
+  const p4::v1::ForwardingPipelineConfig config_;
+  const P4InfoIndex index_;
+  const std::string deviceData_;
+  pi_p4info_t p4info_;
+  EntryStore store_;
+};
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,149 @@
+// The pipeline of a device: how the agent installs it, and what controllers may do about it.
+#include "PI/frontend/DeviceMgrImp.h"
+#include "PI/frontend/Refusal.h"
+#include "PI/frontend/StatusText.h"
+#include "PI/pi.h"
+
+namespace pi::fe::proto {
+
+using Request = p4::v1::SetForwardingPipelineConfigRequest;
+using GetRequest = p4::v1::GetForwardingPipelineConfigRequest;
+
+namespace {
+
+bool bringsConfig(Request::Action action) {
+  return action == Request::VERIFY || action == Request::VERIFY_AND_SAVE ||
+         action == Request::VERIFY_AND_COMMIT || action == Request::RECONCILE_AND_COMMIT;
+}
+
+void requireKnown(Request::Action action) {
+  if (bringsConfig(action) || action == Request::COMMIT) return;
+  refuse(code::invalidArgument, "the action ", static_cast<int>(action), " is unknown");
+}
+
+void requireSuccess(pi_status_t status, const char* step) {
+  if (status == PI_STATUS_SUCCESS) return;
+  refuse(code::internal, "the target refused the pipeline: ", step, " answered ", status);
+}
+
+}  // namespace
+
+DeviceMgrImp::Status DeviceMgrImp::pipelineConfigSet(Action action, const Config& config) {
+  try {
+    requireKnown(action);
+    const std::lock_guard writing(writeMutex_);
+    doApply(action, config);
+    return okStatus();
+  } catch (const Refusal& refusal) {
+    return plainStatus(refusal.code(), refusal.message());
+  }
+}
+
+// With the write mutex held.
+void DeviceMgrImp::doApply(Action action, const Config& config) {
+  if (action == Request::RECONCILE_AND_COMMIT) {
+    refuse(code::unimplemented,
+           "RECONCILE_AND_COMMIT is not supported; VERIFY_AND_COMMIT starts without entries");
+  }
+  std::shared_ptr<Pipeline> next;
+  if (action == Request::COMMIT) {
+    const std::lock_guard lock(mutex_);
+    next = saved_;
+    if (next == nullptr) refuse(code::notFound, "no pipeline is saved; use VERIFY_AND_SAVE first");
+  } else {
+    next = std::make_shared<Pipeline>(config);
+  }
+  if (action == Request::VERIFY) return;
+  if (action == Request::VERIFY_AND_SAVE) {
+    const std::lock_guard lock(mutex_);
+    saved_ = std::move(next);
+    return;
+  }
+  doCommit(std::move(next));
+}
+
+void DeviceMgrImp::doCommit(std::shared_ptr<Pipeline> next) {
+  std::shared_ptr<Pipeline> former;
+  bool wasRestored = false;
+  {
+    const std::lock_guard lock(mutex_);
+    former = std::exchange(pipeline_, next);
+    wasRestored = std::exchange(isRestored_, false);
+  }
+  try {
+    doInstall(*next);
+  } catch (const Refusal&) {
+    const std::lock_guard lock(mutex_);
+    pipeline_ = former;
+    isRestored_ = wasRestored;
+    restored_.notify_all();
+    throw;
+  }
+  const std::lock_guard lock(mutex_);
+  saved_ = nullptr;
+  equalSaved_ = false;
+}
+
+void DeviceMgrImp::doInstall(const Pipeline& pipeline) {
+  if (!pi_is_device_assigned(deviceId_)) {
+    pi_assign_extra_t noExtras{1, nullptr, nullptr};
+    requireSuccess(pi_assign_device(deviceId_, pipeline.p4info(), &noExtras), "pi_assign_device");
+  }
+  const std::string& data = pipeline.deviceData();
+  requireSuccess(pi_update_device_start(deviceId_, pipeline.p4info(), data.data(), data.size()),
+                 "pi_update_device_start");
+  requireSuccess(pi_update_device_end(deviceId_), "pi_update_device_end");
+}
+
+DeviceMgrImp::Status DeviceMgrImp::pipelineConfigCheck(Action action, bool configGiven,
+                                                       const Config& config) {
+  try {
+    requireKnown(action);
+    doCheckPush(action, configGiven, config);
+    return okStatus();
+  } catch (const Refusal& refusal) {
+    return plainStatus(refusal.code(), refusal.message());
+  }
+}
+
+void DeviceMgrImp::doCheckPush(Action action, bool configGiven, const Config& config) {
+  if (action == Request::COMMIT) {
+    if (configGiven) refuse(code::invalidArgument, "COMMIT takes no config; it commits the saved");
+    const std::lock_guard lock(mutex_);
+    if (!std::exchange(equalSaved_, false)) {
+      refuse(code::notFound, "device ", deviceId_, ": no pipeline is saved");
+    }
+    return;
+  }
+  if (!configGiven) refuse(code::invalidArgument, "the request has no config");
+  const std::shared_ptr<Pipeline> running = pipeline();
+  if (running == nullptr || !running->equals(config)) {
+    refuse(code::unimplemented, "the pipeline of device ", deviceId_,
+           " is fixed by configuration; only the running one may be pushed");
+  }
+  const std::lock_guard lock(mutex_);
+  if (action != Request::VERIFY) equalSaved_ = action == Request::VERIFY_AND_SAVE;
+}
+
+DeviceMgrImp::Status DeviceMgrImp::pipelineConfig(GetRequest::ResponseType type,
+                                                  Config* config) const {
+  config->Clear();
+  if (!GetRequest::ResponseType_IsValid(type)) {
+    return plainStatus(code::invalidArgument,
+                       absl::StrCat("the response type ", static_cast<int>(type), " is unknown"));
+  }
+  const std::shared_ptr<Pipeline> running = pipeline();
+  if (running == nullptr) return okStatus();
+  const Config& all = running->config();
+  const bool everything = type == GetRequest::ALL;
+  if (everything || type == GetRequest::P4INFO_AND_COOKIE) {
+    *config->mutable_p4info() = all.p4info();
+  }
+  if (everything || type == GetRequest::DEVICE_CONFIG_AND_COOKIE) {
+    config->set_p4_device_config(all.p4_device_config());
+  }
+  if (all.has_cookie()) *config->mutable_cookie() = all.cookie();
+  return okStatus();
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,20 @@
+// The google.rpc.Status of a call: a plain one, or one p4.v1.Error for each update or query.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "google/rpc/status.pb.h"
+#include "p4/v1/p4runtime.pb.h"
+
+namespace pi::fe::proto {
+
+google::rpc::Status okStatus();
+google::rpc::Status plainStatus(int code, std::string message);
+
+// OK when all errors have code 0, else UNKNOWN with every one of them, in order. The details
+// travel in a header that takes 8 KiB unless the client allows for more (100 bytes an update are
+// advised): the messages of later errors are left out when they would not fit, never their codes.
+google::rpc::Status itemisedStatus(std::vector<p4::v1::Error>* errors, const char* what);
+
+}  // namespace pi::fe::proto
