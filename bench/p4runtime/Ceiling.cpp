@@ -40,13 +40,24 @@ class EmptyHandler final : public p4::v1::P4Runtime::Service {
   }
 };
 
+// As in PI/server/Server.cpp, so that only what stands behind the service differs.
+void settingsAre(grpc::ServerBuilder& builder) {
+  using Option = grpc::ServerBuilder::SyncServerOption;
+  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+  builder.SetMaxReceiveMessageSize(256 << 20);
+  builder.SetMaxSendMessageSize(256 << 20);
+  builder.SetSyncServerOption(Option::NUM_CQS, 1);
+  builder.SetSyncServerOption(Option::MIN_POLLERS, 1);
+  builder.SetSyncServerOption(Option::MAX_POLLERS, 4);
+}
+
 }  // namespace
 
 int serveCeiling(const std::string& address) {
   EmptyHandler handler;
   grpc::ServerBuilder builder;
   builder.AddListeningPort(address, grpc::InsecureServerCredentials());
-  builder.SetMaxReceiveMessageSize(-1);
+  settingsAre(builder);
   builder.RegisterService(&handler);
   const auto server = builder.BuildAndStart();
   if (!server) {
