@@ -1,6 +1,6 @@
 /* The PI library: its life, its devices, sessions, batches and packets. Every function may be
- * called from any thread. No lock of the library is held while it calls the target or a callback,
- * so either may call back into it. */
+ * called from any thread. No lock of the library is held while it calls the target, which may
+ * therefore call back into it. */
 #pragma once
 
 #include "PI/pi_base.h"

@@ -1,0 +1,34 @@
+// Which update of a batch each thread is running.
+#include "PI/pi_extensions.h"
+
+namespace {
+
+struct BatchContext {
+  uint32_t offset = 0;
+  uint32_t controllerId = 0;
+  uint64_t controllerMetadata = 0;
+  const char* metadata = nullptr;
+  size_t metadataSize = 0;
+};
+
+thread_local BatchContext current;
+
+}  // namespace
+
+uint32_t pi_batch_current_offset() { return current.offset; }
+
+uint32_t pi_batch_current_controller_id() { return current.controllerId; }
+
+uint64_t pi_batch_current_controller_metadata() { return current.controllerMetadata; }
+
+void pi_batch_current_metadata(const char** data, size_t* size) {
+  *data = current.metadata;
+  *size = current.metadataSize;
+}
+
+void pi_batch_current_set(uint32_t offset, uint32_t controller_id, uint64_t controller_metadata,
+                          const char* metadata, size_t metadata_size) {
+  current = {offset, controller_id, controller_metadata, metadata, metadata_size};
+}
+
+void pi_batch_current_clear() { current = {}; }

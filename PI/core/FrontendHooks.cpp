@@ -1,0 +1,104 @@
+// Takes what targets report on their own account to the front end of the device.
+#include "PI/int/pi_frontend_hooks.h"
+
+#include <map>
+#include <mutex>
+#include <shared_mutex>
+
+#include "PI/pi_extensions.h"
+
+namespace {
+
+struct Frontend {
+  pi_frontend_hooks_t hooks;
+  void* cookie;
+};
+
+// Held shared while a hook runs, so that none runs any more once its hooks are cleared.
+struct Frontends {
+  std::shared_mutex mutex;
+  std::map<pi_dev_id_t, Frontend> ofDevice;
+};
+
+Frontends& TheFrontends() {
+  static Frontends* const frontends = new Frontends;  // threads may outlive static destruction
+  return *frontends;
+}
+
+// Calls `call(frontend)` when the device has one.
+template <typename Call>
+pi_status_t toFrontend(pi_dev_id_t id, Call call) {
+  const std::shared_lock lock(TheFrontends().mutex);
+  const auto frontend = TheFrontends().ofDevice.find(id);
+  if (frontend == TheFrontends().ofDevice.end()) return PI_STATUS_DEV_NOT_ASSIGNED;
+  return call(frontend->second);
+}
+
+}  // namespace
+
+pi_status_t pi_frontend_hooks_set(pi_dev_id_t dev_id, const pi_frontend_hooks_t* hooks,
+                                  void* cookie) {
+  if (!hooks->entry_status_changed || !hooks->restore_table_entry ||
+      !hooks->restore_action_profile_member || !hooks->restore_action_profile_group ||
+      !hooks->restore_done) {
+    return PI_STATUS_BUFFER_ERROR;
+  }
+  const std::unique_lock lock(TheFrontends().mutex);
+  TheFrontends().ofDevice[dev_id] = {*hooks, cookie};
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t pi_frontend_hooks_clear(pi_dev_id_t dev_id) {
+  const std::unique_lock lock(TheFrontends().mutex);
+  return TheFrontends().ofDevice.erase(dev_id) ? PI_STATUS_SUCCESS : PI_STATUS_DEV_NOT_ASSIGNED;
+}
+
+pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
+                                                  const pi_entry_handle_t* entry_handle,
+                                                  uint32_t error_code) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    frontend.hooks.entry_status_changed(frontend.cookie, dev_id, *entry_handle, error_code);
+    return PI_STATUS_SUCCESS;
+  });
+}
+
+pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                         const pi_match_key_t* match_key,
+                                         const pi_table_entry_t* table_entry,
+                                         pi_entry_handle_t entry_handle,
+                                         uint64_t controller_metadata, const char* metadata,
+                                         size_t metadata_size) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    return frontend.hooks.restore_table_entry(frontend.cookie, dev_id, table_id, match_key,
+                                              table_entry, entry_handle, controller_metadata,
+                                              metadata, metadata_size);
+  });
+}
+
+pi_status_t pi_restore_action_profile_member_state(pi_dev_id_t dev_id, pi_p4_id_t act_prof_id,
+                                                   const pi_action_data_t* action_data,
+                                                   uint32_t controller_member_id,
+                                                   pi_indirect_handle_t mbr_handle) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    return frontend.hooks.restore_action_profile_member(
+        frontend.cookie, dev_id, act_prof_id, action_data, controller_member_id, mbr_handle);
+  });
+}
+
+pi_status_t pi_restore_action_profile_group_state(pi_dev_id_t dev_id, pi_p4_id_t act_prof_id,
+                                                  uint32_t controller_group_id,
+                                                  const pi_indirect_handle_t* members,
+                                                  size_t num_members,
+                                                  pi_indirect_handle_t grp_handle) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    return frontend.hooks.restore_action_profile_group(frontend.cookie, dev_id, act_prof_id,
+                                                       controller_group_id, members, num_members,
+                                                       grp_handle);
+  });
+}
+
+pi_status_t pi_restore_done(pi_dev_id_t dev_id) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    return frontend.hooks.restore_done(frontend.cookie, dev_id);
+  });
+}

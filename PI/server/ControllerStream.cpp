@@ -1,0 +1,187 @@
+#include "PI/server/ControllerStream.h"
+
+#include <chrono>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "PI/server/PacketCounts.h"
+#include "PI/server/Requester.h"
+
+namespace pi::server {
+
+using grpc::Status;
+using grpc::StatusCode;
+
+namespace {
+
+// How long a stream that ends may take to send what is queued.
+constexpr std::chrono::seconds kDrainTime{1};
+
+constexpr size_t kReportBytes = 512;  // what a report counts for beyond the request in it
+
+void detailsFrom(const p4::v1::StreamMessageRequest& request, p4::v1::StreamError* error) {
+  switch (request.update_case()) {
+    case p4::v1::StreamMessageRequest::kPacket:
+      *error->mutable_packet_out()->mutable_packet_out() = request.packet();
+      break;
+    case p4::v1::StreamMessageRequest::kDigestAck:
+      *error->mutable_digest_list_ack()->mutable_digest_list_ack() = request.digest_ack();
+      break;
+    case p4::v1::StreamMessageRequest::kOther:
+      *error->mutable_other()->mutable_other() = request.other();
+      break;
+    default:
+      error->mutable_other();
+  }
+}
+
+}  // namespace
+
+Status ControllerStream::run() {
+  std::thread writer;
+  try {
+    writer = std::thread([this] { writeToEnd(); });
+  } catch (const std::system_error&) {
+    return Status(StatusCode::RESOURCE_EXHAUSTED,
+                  "no thread left for another stream; close one first");
+  }
+  const Status status = readToEnd();
+  arbitration_.clientDel(*this);
+  queue_.close();
+  awaitWriter();
+  writer.join();
+  return status;
+}
+
+Status ControllerStream::readToEnd() {
+  p4::v1::StreamMessageRequest request;
+  while (call_.Read(&request)) {
+    const Status status = handle(request);
+    if (!status.ok()) return status;
+  }
+  return Status::OK;
+}
+
+void ControllerStream::writeToEnd() {
+  while (const OutgoingQueue::Message message = queue_.next()) {
+    if (!call_.Write(*message)) break;  // the controller has gone
+  }
+  const std::lock_guard lock(mutex_);
+  if (finishing_) context_.TryCancel();
+  written_ = true;
+  changed_.notify_all();
+}
+
+void ControllerStream::awaitWriter() {
+  std::unique_lock lock(mutex_);
+  if (changed_.wait_for(lock, kDrainTime, [this] { return written_; })) return;
+  context_.TryCancel();  // it does not read: a write that waits for it fails now
+}
+
+void ControllerStream::finish() {
+  const std::lock_guard lock(mutex_);
+  finishing_ = true;
+  queue_.close();
+  if (written_) context_.TryCancel();
+}
+
+void ControllerStream::cancel() { context_.TryCancel(); }
+
+void ControllerStream::arbitrationNoticeIs(const ArbitrationNotice& notice) {
+  auto message = std::make_shared<p4::v1::StreamMessageResponse>();
+  p4::v1::MasterArbitrationUpdate* update = message->mutable_arbitration();
+  update->set_device_id(role_->deviceId);
+  if (roleAsGiven_) *update->mutable_role() = *roleAsGiven_;
+  if (notice.highest) {
+    update->mutable_election_id()->set_high(notice.highest->high);
+    update->mutable_election_id()->set_low(notice.highest->low);
+  }
+  update->mutable_status()->set_code(notice.code);
+  switch (notice.code) {
+    case StatusCode::OK:
+      update->mutable_status()->set_message("you are the primary");
+      break;
+    case StatusCode::ALREADY_EXISTS:
+      update->mutable_status()->set_message("you are a backup; another client is the primary");
+      break;
+    default:
+      update->mutable_status()->set_message("you are a backup; there is no primary");
+  }
+  queue_.noticeIs(std::move(message));
+}
+
+bool ControllerStream::messageIs(OutgoingQueue::Message message, size_t bytes) {
+  return queue_.messageIs(std::move(message), bytes);
+}
+
+Status ControllerStream::handle(const p4::v1::StreamMessageRequest& request) {
+  switch (request.update_case()) {
+    case p4::v1::StreamMessageRequest::kArbitration:
+      return handleArbitration(request.arbitration());
+    case p4::v1::StreamMessageRequest::kPacket:
+    case p4::v1::StreamMessageRequest::kDigestAck:
+      handleForDevice(request);
+      break;
+    case p4::v1::StreamMessageRequest::kOther:
+      report(request, StatusCode::UNIMPLEMENTED,
+             "stream messages of type '" + request.other().type_url() + "' are not supported");
+      break;
+    default:
+      report(request, StatusCode::INVALID_ARGUMENT,
+             "the stream message is empty; set arbitration, packet, digest_ack or other");
+  }
+  return Status::OK;
+}
+
+Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate& update) {
+  const RoleOfDevice role = roleOf(update);
+  const bool otherDevice = role_ && role_->deviceId != role.deviceId;  // worse than unknown
+  if (!otherDevice) {
+    const Status known = devices_.requireKnown(role.deviceId);
+    if (!known.ok()) return known;
+  }
+  if (update.role().has_config()) {
+    return Status(StatusCode::INVALID_ARGUMENT, "role '" + role.role + "' has a config of type '" +
+                                                    update.role().config().type_url() +
+                                                    "', which is not supported; leave it unset");
+  }
+  if (!role_) {
+    role_ = role;
+    if (update.has_role()) roleAsGiven_ = update.role();
+  }
+  return arbitration_.clientIs(*this, role, electionIdOf(update));
+}
+
+void ControllerStream::handleForDevice(const p4::v1::StreamMessageRequest& request) {
+  if (!arbitration_.isPrimary(*this)) {
+    report(request, StatusCode::PERMISSION_DENIED,
+           "not primary; become primary by an arbitration update first");
+    return;
+  }
+  const auto device = devices_.device(role_->deviceId);
+  if (!device) {
+    report(request, StatusCode::FAILED_PRECONDITION,
+           "no pipeline on device " + std::to_string(role_->deviceId) +
+               " yet; wait until the switch has installed it");
+    return;
+  }
+  const auto status = device->stream_message_request_handle(request);
+  if (status.code() != 0) {
+    report(request, static_cast<StatusCode>(status.code()), status.message());
+  } else if (request.has_packet()) {
+    ThePacketCounts().packetOutTaken(role_->deviceId);
+  }
+}
+
+void ControllerStream::report(const p4::v1::StreamMessageRequest& request, StatusCode code,
+                              const std::string& message) {
+  auto response = std::make_shared<p4::v1::StreamMessageResponse>();
+  p4::v1::StreamError* error = response->mutable_error();
+  error->set_canonical_code(code);
+  error->set_message(message);
+  detailsFrom(request, error);
+  queue_.messageIs(std::move(response), kReportBytes + request.ByteSizeLong());
+}
+
+}  // namespace pi::server

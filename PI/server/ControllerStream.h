@@ -1,0 +1,70 @@
+// One StreamChannel call: reads what the controller sends on the call's own thread, and sends what
+// is queued for it on another, so that neither a slow controller nor its silence holds up anyone.
+#pragma once
+
+#include <grpcpp/impl/codegen/proto_utils.h>
+#include <grpcpp/server_context.h>
+#include <grpcpp/support/sync_stream.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "PI/server/Arbitration.h"
+#include "PI/server/Devices.h"
+#include "PI/server/OutgoingQueue.h"
+#include "p4/v1/p4runtime.pb.h"
+
+namespace pi::server {
+
+class ControllerStream : public ArbitrationClient {
+ public:
+  using Call =
+      grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, p4::v1::StreamMessageRequest>;
+
+  // The references outlive the object; context and call are those of the running RPC.
+  ControllerStream(grpc::ServerContext& context, Call& call, Arbitration& arbitration,
+                   Devices& devices)
+      : context_(context), call_(call), arbitration_(arbitration), devices_(devices) {}
+
+  // Serves the stream until the controller, an arbitration update that ends it, or cancel() does.
+  grpc::Status run();
+
+  void arbitrationNoticeIs(const ArbitrationNotice& notice) override;
+  // False when it is dropped because the controller is too slow.
+  bool messageIs(OutgoingQueue::Message message, size_t bytes);
+
+  // Sends what is queued, then cancels the call; does not wait for either.
+  void finish();
+  void cancel();
+
+ private:
+  grpc::Status readToEnd();
+  void writeToEnd();
+  void awaitWriter();
+
+  // Each a status other than OK when the stream ends with it.
+  grpc::Status handle(const p4::v1::StreamMessageRequest& request);
+  grpc::Status handleArbitration(const p4::v1::MasterArbitrationUpdate& update);
+  void handleForDevice(const p4::v1::StreamMessageRequest& request);
+  void report(const p4::v1::StreamMessageRequest& request, grpc::StatusCode code,
+              const std::string& message);
+
+  grpc::ServerContext& context_;
+  Call& call_;
+  Arbitration& arbitration_;
+  Devices& devices_;
+  OutgoingQueue queue_;
+
+  // Written once, before the stream is a client of the arbitration.
+  std::optional<RoleOfDevice> role_;
+  std::optional<p4::v1::Role> roleAsGiven_;
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool finishing_ = false;
+  bool written_ = false;
+};
+
+}  // namespace pi::server

@@ -1,0 +1,43 @@
+#include "PI/server/Devices.h"
+
+#include <string>
+
+namespace pi::server {
+
+Devices::DeviceMgr::Status Devices::pipelineIs(
+    const p4::v1::SetForwardingPipelineConfigRequest& request) {
+  const std::lock_guard installing(installing_);
+  std::shared_ptr<DeviceMgr> target = device(request.device_id());
+  if (!target) {
+    target = std::make_shared<DeviceMgr>(request.device_id());
+    target->stream_message_response_register_cb(&Devices::onResponse, this);
+  }
+  const DeviceMgr::Status status = target->pipeline_config_set(request.action(), request.config());
+  if (status.code() != 0) return status;
+  const std::lock_guard lock(mutex_);
+  devices_[request.device_id()] = std::move(target);
+  return status;
+}
+
+grpc::Status Devices::requireKnown(uint64_t deviceId) const {
+  const std::lock_guard lock(mutex_);
+  if (deviceId != 0 && (devices_.empty() || devices_.count(deviceId))) return grpc::Status::OK;
+  std::string hint = "use the device id that the switch is configured with";
+  if (!devices_.empty())
+    hint = "this switch serves device " + std::to_string(devices_.begin()->first);
+  return grpc::Status(grpc::StatusCode::NOT_FOUND,
+                      "unknown device " + std::to_string(deviceId) + "; " + hint);
+}
+
+std::shared_ptr<Devices::DeviceMgr> Devices::device(uint64_t deviceId) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = devices_.find(deviceId);
+  return found == devices_.end() ? nullptr : found->second;
+}
+
+void Devices::onResponse(pi_dev_id_t deviceId, p4::v1::StreamMessageResponse* response,
+                         void* devices) {
+  static_cast<Devices*>(devices)->receiver_(deviceId, *response);
+}
+
+}  // namespace pi::server

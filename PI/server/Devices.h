@@ -1,0 +1,45 @@
+// The devices that the server serves. A device is there once its pipeline has been installed; as
+// long as none is, any device id but 0 passes for one that is still to come.
+// Thread-safe; holds its locks only while it looks.
+#pragma once
+
+#include <grpcpp/support/status.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "PI/frontends/proto/device_mgr.h"
+
+namespace pi::server {
+
+class Devices {
+ public:
+  using DeviceMgr = pi::fe::proto::DeviceMgr;
+  // A message of the device for its controllers; lasts for the call.
+  using Receiver = std::function<void(uint64_t deviceId, const p4::v1::StreamMessageResponse&)>;
+
+  explicit Devices(Receiver receiver) : receiver_(std::move(receiver)) {}
+
+  // Installs the pipeline on a device, a new one if need be; waits for another installation. A
+  // status other than OK leaves the devices as they were.
+  DeviceMgr::Status pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request);
+
+  // NOT_FOUND for 0, and for an id that is none of the devices when there are any.
+  grpc::Status requireKnown(uint64_t deviceId) const;
+  std::shared_ptr<DeviceMgr> device(uint64_t deviceId) const;  // null when not (yet) there
+
+ private:
+  static void onResponse(pi_dev_id_t deviceId, p4::v1::StreamMessageResponse* response,
+                         void* devices);
+
+  const Receiver receiver_;
+  std::mutex installing_;
+  mutable std::mutex mutex_;
+  std::map<uint64_t, std::shared_ptr<DeviceMgr>> devices_;
+};
+
+}  // namespace pi::server

@@ -1,0 +1,60 @@
+// The p4.v1.P4Runtime service: checks who asks, hands requests to the device, and answers.
+#pragma once
+
+#include <grpcpp/impl/codegen/proto_utils.h>
+#include <grpcpp/impl/rpc_service_method.h>
+#include <grpcpp/impl/service_type.h>
+#include <grpcpp/server_context.h>
+#include <grpcpp/support/sync_stream.h>
+
+#include <memory>
+#include <string>
+
+#include "PI/server/Arbitration.h"
+#include "PI/server/ArenaRequest.h"
+#include "PI/server/Devices.h"
+#include "PI/server/StreamSet.h"
+#include "p4/v1/p4runtime.pb.h"
+
+namespace pi::server {
+
+class P4RuntimeService final : public grpc::Service {
+ public:
+  // The arbitration outlives the object. Whoever presents the token installs pipelines without
+  // arbitration.
+  P4RuntimeService(Arbitration& arbitration, std::string localToken);
+
+  StreamSet& streams() { return streams_; }
+
+ private:
+  using WriteCall = ArenaRequest<p4::v1::WriteRequest>;
+  using DeviceMgr = pi::fe::proto::DeviceMgr;
+
+  template <typename Handler>
+  void methodIs(const char* name, grpc::internal::RpcMethod::RpcType type, Handler* handler);
+  void methodsAre();
+
+  grpc::Status write(const p4::v1::WriteRequest& request);
+  grpc::Status read(const p4::v1::ReadRequest& request,
+                    grpc::ServerWriter<p4::v1::ReadResponse>& writer);
+  grpc::Status setPipeline(const grpc::ServerContext& context,
+                           const p4::v1::SetForwardingPipelineConfigRequest& request);
+  grpc::Status getPipeline(const p4::v1::GetForwardingPipelineConfigRequest& request,
+                           p4::v1::GetForwardingPipelineConfigResponse* response);
+  grpc::Status streamChannel(
+      grpc::ServerContext& context,
+      grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, p4::v1::StreamMessageRequest>& call);
+  grpc::Status capabilities(const p4::v1::CapabilitiesRequest& request,
+                            p4::v1::CapabilitiesResponse* response);
+
+  bool hasLocalToken(const grpc::ServerContext& context) const;
+  grpc::Status requirePipeline(uint64_t deviceId, std::shared_ptr<DeviceMgr>* device) const;
+  void toPrimaries(uint64_t deviceId, const p4::v1::StreamMessageResponse& response);
+
+  Arbitration& arbitration_;
+  const std::string localToken_;
+  Devices devices_;
+  StreamSet streams_;
+};
+
+}  // namespace pi::server

@@ -1,0 +1,50 @@
+// The gRPC server around the P4Runtime service: listens from its construction until shutDown().
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace grpc {
+class Server;
+class ServerCredentials;
+}  // namespace grpc
+
+namespace pi::server {
+
+class P4RuntimeService;
+
+// Thread-safe.
+class Server {
+ public:
+  // Throws std::runtime_error with a line for the user when it cannot listen.
+  Server(const std::string& address, std::shared_ptr<grpc::ServerCredentials> credentials,
+         const std::string& localToken);
+  // After shutDown(); waits for the last call to return.
+  ~Server();
+
+  int port() const { return port_; }
+
+  // Takes no new calls, ends streams, cancels what still runs after `cancelAfter`, and returns once
+  // all calls have returned, or after `patience` with some of them left behind.
+  void shutDown(std::chrono::milliseconds cancelAfter, std::chrono::milliseconds patience);
+  // Until it has been shut down and the last call has returned.
+  void wait();
+
+ private:
+  void begin(std::chrono::milliseconds cancelAfter);
+
+  std::unique_ptr<P4RuntimeService> service_;
+  std::unique_ptr<grpc::Server> server_;
+  int port_ = 0;
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool down_ = false;
+  std::thread closing_;  // runs from the first shutDown() until all calls have returned
+};
+
+}  // namespace pi::server

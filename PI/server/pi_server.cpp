@@ -1,0 +1,147 @@
+// The C functions that start and stop the one server of the process.
+#include "PI/proto/pi_server.h"
+
+#include <grpcpp/security/server_credentials.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+#include "PI/server/LocalToken.h"
+#include "PI/server/PacketCounts.h"
+#include "PI/server/Server.h"
+
+namespace {
+
+using pi::server::Server;
+using Credentials = std::shared_ptr<grpc::ServerCredentials>;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr seconds kPatience{10};
+// Past it gRPC drops the answers of calls that still run; nobody waits that long for them.
+constexpr seconds kCancelAfter{10};
+
+struct Process {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::shared_ptr<Server> server;
+  std::string error;                     // of the last start
+  uint64_t failures = 0;                 // starts that failed
+  std::deque<std::string> tokens{{""}};  // all, since pointers to them have been given away
+};
+
+Process& TheProcess() {
+  static Process* const process = new Process;  // threads may outlive static destruction
+  return *process;
+}
+
+// The server is published only when it listens. Throws std::runtime_error.
+void start(const char* address, const Credentials& credentials) {
+  if (TheProcess().server) {
+    throw std::runtime_error("a server is running already; shut it down and clean it up first");
+  }
+  std::string token = pi::server::randomToken();
+  if (token.empty()) throw std::runtime_error("the kernel gives no random numbers; try again");
+  TheProcess().server = std::make_shared<Server>(address ? address : "", credentials, token);
+  TheProcess().tokens.push_back(std::move(token));
+}
+
+int run(const char* address, const Credentials& credentials) {
+  const std::lock_guard lock(TheProcess().mutex);
+  TheProcess().error.clear();
+  try {
+    start(address, credentials);
+  } catch (const std::exception& e) {
+    TheProcess().error = e.what();
+    ++TheProcess().failures;
+  }
+  TheProcess().changed.notify_all();
+  return TheProcess().error.empty() ? 0 : -1;
+}
+
+std::shared_ptr<Server> server() {
+  const std::lock_guard lock(TheProcess().mutex);
+  return TheProcess().server;
+}
+
+Credentials sslCredentials(const PIGrpcServerSSLOptions_t& options) {
+  const auto text = [](const char* pem) { return std::string(pem ? pem : ""); };
+  grpc::SslServerCredentialsOptions ssl(
+      static_cast<grpc_ssl_client_certificate_request_type>(options.client_auth));
+  ssl.pem_root_certs = text(options.pem_root_certs);
+  ssl.pem_key_cert_pairs.push_back({text(options.pem_private_key), text(options.pem_cert_chain)});
+  return grpc::SslServerCredentials(ssl);
+}
+
+}  // namespace
+
+int PIGrpcServerRunAddr(const char* server_address) {
+  return run(server_address, grpc::InsecureServerCredentials());
+}
+
+int PIGrpcServerRunAddrSSL(const char* server_address, const PIGrpcServerSSLOptions_t* options) {
+  return run(server_address, sslCredentials(*options));
+}
+
+const char* PIGrpcServerLastError() {
+  thread_local std::string error;
+  const std::lock_guard lock(TheProcess().mutex);
+  error = TheProcess().error;
+  return error.c_str();
+}
+
+int PIGrpcServerWaitStarted(int timeout_seconds) {
+  std::unique_lock lock(TheProcess().mutex);
+  const uint64_t failures = TheProcess().failures;
+  TheProcess().changed.wait_for(lock, seconds(timeout_seconds), [&] {
+    return TheProcess().server || TheProcess().failures != failures;
+  });
+  return TheProcess().server ? 0 : -1;
+}
+
+void PIGrpcServerWait() {
+  if (const auto running = server()) running->wait();
+}
+
+void PIGrpcServerShutdown() {
+  if (const auto running = server()) running->shutDown(kCancelAfter, kPatience);
+}
+
+void PIGrpcServerForceShutdown(int deadline_seconds) {
+  const milliseconds deadline = seconds(deadline_seconds > 0 ? deadline_seconds : 0);
+  if (const auto running = server()) running->shutDown(deadline, deadline + seconds(1));
+}
+
+void PIGrpcServerCleanup() {
+  const auto running = server();
+  if (!running) return;
+  running->shutDown(kCancelAfter, kPatience);
+  running->wait();
+  const std::lock_guard lock(TheProcess().mutex);
+  if (TheProcess().server == running) TheProcess().server.reset();
+}
+
+int PIGrpcServerGetPort() {
+  const auto running = server();
+  return running ? running->port() : 0;
+}
+
+uint64_t PIGrpcServerGetPacketInCount(uint64_t device_id) {
+  return pi::server::ThePacketCounts().packetsIn(device_id);
+}
+
+uint64_t PIGrpcServerGetPacketOutCount(uint64_t device_id) {
+  return pi::server::ThePacketCounts().packetsOut(device_id);
+}
+
+const char* PIGrpcServerLocalToken() {
+  const std::lock_guard lock(TheProcess().mutex);
+  return TheProcess().tokens.back().c_str();
+}
+
+const char* PIGrpcServerLocalTokenKey() { return "x-local-pipeline-token"; }
