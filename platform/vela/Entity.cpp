@@ -57,6 +57,8 @@ void AttributeBase::notify(const std::string& key) {
   if (!owner_.observers_.empty()) owner_.observers_.notify(name_);
 }
 
+AttributeBase::EntryTexts AttributeBase::entryTexts(size_t) const { return {}; }
+
 bool AttributeBase::observed() const { return !observers_.empty() || !owner_.observers_.empty(); }
 
 void AttributeBase::refuse(std::string_view text) const {

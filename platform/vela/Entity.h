@@ -3,6 +3,7 @@
 // `call` reach. Everything here runs with the activity lock held.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -71,6 +72,9 @@ class AttributeBase {
   Access access() const { return access_; }
   virtual const char* typeName() const = 0;
   virtual std::string text() const = 0;
+  // Keys and values of a collection as text, by key; at most `most` of them.
+  using EntryTexts = std::vector<std::pair<std::string, std::string>>;
+  virtual EntryTexts entryTexts(size_t most) const;
   // Throws BadValue when the attribute is read-only or the text is no value of its type.
   virtual void textIs(std::string_view text) = 0;
 
@@ -154,6 +158,15 @@ class Collection final : public AttributeBase {
   }
   const Map& values() const { return map_; }
 
+  EntryTexts entryTexts(size_t most) const override {
+    EntryTexts texts;
+    for (const auto& [key, value] : map_) {
+      if (texts.size() == most) break;
+      texts.emplace_back(TextForm<K>::toText(key), TextForm<V>::toText(value));
+    }
+    std::sort(texts.begin(), texts.end());
+    return texts;
+  }
   const char* typeName() const override { return "collection"; }
   std::string text() const override { return std::to_string(map_.size()) + " entries"; }
   void textIs(std::string_view text) override { refuse(text); }

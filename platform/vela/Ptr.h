@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <type_traits>
 #include <utility>
 
 namespace Vela {
@@ -38,7 +39,8 @@ class Ptr {
   Ptr(const Ptr& other) : Ptr(other.object_) {}
   Ptr(Ptr&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
   template <typename U>
-  Ptr(const Ptr<U>& other) : Ptr(other.get()) {}  // NOLINT: derived to base
+  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other)
+      : Ptr(other.get()) {}  // NOLINT: derived to base
   ~Ptr() {
     if (object_) object_->release();
   }

@@ -1,0 +1,153 @@
+#include "platform/orrery/Client.h"
+
+#include <cjson/cJSON.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace Orrery {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+Json requestJson(const char* what, const std::string& path) {
+  Json json(cJSON_CreateObject());
+  cJSON_AddStringToObject(json.get(), "request", what);
+  cJSON_AddStringToObject(json.get(), "path", path.c_str());
+  return json;
+}
+
+void addAttribute(cJSON* request, const std::string& attribute) {
+  const bool number =
+      attribute.size() < 7 && !attribute.empty() &&
+      std::all_of(attribute.begin(), attribute.end(), [](char c) { return c >= '0' && c <= '9'; });
+  if (number) {
+    cJSON_AddNumberToObject(request, "attribute", std::stoi(attribute));
+  } else {
+    cJSON_AddStringToObject(request, "attribute", attribute.c_str());
+  }
+}
+
+[[noreturn]] void failConnect(int error, const std::string& path) {
+  if (error == ENOENT || error == ECONNREFUSED || error == ENOTDIR) {
+    throw NoAgentError("no agent answers on " + path +
+                       "; start one with 'korvel agent', or name its --state-dir");
+  }
+  if (error == EACCES || error == EPERM) {
+    throw ClientError("no permission to use " + path + "; run this as the agent's user");
+  }
+  throw ClientError("cannot use " + path + ": " + strerror(error) + "; name another --state-dir");
+}
+
+}  // namespace
+
+Client::Client(const std::string& stateDirectory) : path_(stateDirectory + "/orrery.sock") {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path_.size() >= sizeof address.sun_path) failConnect(ENAMETOOLONG, path_);
+  std::memcpy(address.sun_path, path_.data(), path_.size());
+  socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (socket_ < 0) failConnect(errno, path_);
+  if (connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    const int error = errno;
+    close(socket_);
+    failConnect(error, path_);
+  }
+}
+
+Client::~Client() { close(socket_); }
+
+int64_t Client::agentPid() const {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return getsockopt(socket_, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+}
+
+Json Client::request(const cJSON& request, milliseconds timeout) {
+  const std::string text = jsonLine(request) + "\n";
+  for (size_t sent = 0; sent < text.size();) {
+    const ssize_t n = send(socket_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw ClientError("the agent closed " + path_ + "; look whether it still runs");
+    sent += n;
+  }
+  const auto received = line(timeout);
+  if (!received) {
+    throw ClientError("the agent gave no answer on " + path_ + "; look at 'korvel trace'");
+  }
+  Json answer = parsedJson(*received);
+  if (!answer) throw ClientError("what answers on " + path_ + " is no agent");
+  if (!cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(answer.get(), "ok"))) {
+    const char* error = stringMember(*answer, "error");
+    throw ClientError(error ? error : "the agent refused the request without a reason");
+  }
+  return answer;
+}
+
+Json Client::next(std::optional<milliseconds> timeout) {
+  const auto received = line(timeout);
+  return received ? parsedJson(*received) : nullptr;
+}
+
+std::optional<std::string> Client::line(std::optional<milliseconds> timeout) {
+  const auto deadline = steady_clock::now() + timeout.value_or(milliseconds(0));
+  for (;;) {
+    if (const size_t end = input_.find('\n'); end != std::string::npos) {
+      std::string found = input_.substr(0, end);
+      input_.erase(0, end + 1);
+      return found;
+    }
+    int wait = -1;
+    if (timeout) {
+      const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
+      wait = static_cast<int>(std::max<int64_t>(left.count(), 0));
+    }
+    pollfd watched{socket_, POLLIN, 0};
+    const int ready = poll(&watched, 1, wait);
+    if (ready == 0) return std::nullopt;
+    if (ready < 0 && errno != EINTR) return std::nullopt;
+    if (ready < 0) continue;
+    char block[65536];
+    const ssize_t got = recv(socket_, block, sizeof block, 0);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return std::nullopt;
+    input_.append(block, got);
+  }
+}
+
+Json Client::get(const std::string& path, const std::string& attribute) {
+  const Json json = requestJson("get", path);
+  if (!attribute.empty()) addAttribute(json.get(), attribute);
+  return request(*json);
+}
+
+Json Client::set(const std::string& path, const std::string& attribute, const std::string& value) {
+  const Json json = requestJson("set", path);
+  addAttribute(json.get(), attribute);
+  cJSON_AddStringToObject(json.get(), "value", value.c_str());
+  return request(*json);
+}
+
+Json Client::call(const std::string& path, const std::string& operation,
+                  const std::vector<std::string>& arguments) {
+  const Json json = requestJson("call", path);
+  cJSON_AddStringToObject(json.get(), "operation", operation.c_str());
+  cJSON* array = cJSON_AddArrayToObject(json.get(), "arguments");
+  for (const auto& argument : arguments) {
+    cJSON_AddItemToArray(array, cJSON_CreateString(argument.c_str()));
+  }
+  return request(*json);
+}
+
+Json Client::list(const std::string& path) { return request(*requestJson("list", path)); }
+
+Json Client::watch(const std::string& path) { return request(*requestJson("watch", path)); }
+
+}  // namespace Orrery

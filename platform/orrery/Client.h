@@ -1,0 +1,57 @@
+// The other end of the server, for commands: asks and waits for the answer.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "platform/orrery/Json.h"
+
+namespace Orrery {
+
+// No agent answers, or it refused the request; the message says what to do.
+class ClientError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+// No agent listens on the socket.
+class NoAgentError : public ClientError {
+ public:
+  using ClientError::ClientError;
+};
+
+// One thread uses it.
+class Client {
+ public:
+  // `stateDirectory` is the agent's. Throws NoAgentError, ClientError.
+  explicit Client(const std::string& stateDirectory);
+  ~Client();
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+
+  // Sends a request and waits at most `timeout` for the answer. Throws ClientError also when the
+  // answer says {"ok": false}.
+  Json request(const cJSON& request, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  // The next line after a "watch"; waits for good without a timeout. Null when the agent is gone or
+  // the time is up.
+  Json next(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
+  int64_t agentPid() const;  // 0 when not known
+
+  // Requests, spelt out. An attribute of nothing but digits is a number.
+  Json get(const std::string& path, const std::string& attribute = {});
+  Json set(const std::string& path, const std::string& attribute, const std::string& value);
+  Json call(const std::string& path, const std::string& operation,
+            const std::vector<std::string>& arguments);
+  Json list(const std::string& path);
+  Json watch(const std::string& path);
+
+ private:
+  std::optional<std::string> line(std::optional<std::chrono::milliseconds> timeout);
+  std::string path_;
+  int socket_ = -1;
+  std::string input_;
+};
+
+}  // namespace Orrery

@@ -1,0 +1,102 @@
+#include "platform/orrery/Config.h"
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "platform/orrery/Json.h"
+#include "platform/scrivel/Trace.h"
+
+static Scrivel::TraceHandle trace("OrreryConfig");
+
+namespace Orrery {
+namespace {
+
+constexpr size_t maxFileBytes = 16 * 1024 * 1024;
+
+std::string attributeNames(const Vela::Entity& entity) {
+  std::string names;
+  for (const auto* attribute : entity.attributes()) {
+    if (attribute->access() == Vela::AttributeBase::Access::readOnly) continue;
+    names += (names.empty() ? "" : ", ") + std::string(attribute->name());
+  }
+  return names.empty() ? "it has none to set" : "it has " + names;
+}
+
+void setAttribute(Vela::Entity& entity, const cJSON& value, const std::string& where) {
+  Vela::AttributeBase* attribute = entity.attribute(value.string);
+  if (!attribute) {
+    throw ConfigError(fmt::format("{}: \"{}\" is no attribute of {}; {}", where, value.string,
+                                  entity.typeName(), attributeNames(entity)));
+  }
+  std::string text;
+  if (!attributeText(value, attribute->typeName(), &text)) {
+    throw ConfigError(fmt::format("{}: \"{}\": expected a value of type {}, found {}", where,
+                                  value.string, attribute->typeName(), kindOf(value)));
+  }
+  try {
+    attribute->textIs(text);
+  } catch (const Vela::BadValue& e) {
+    throw ConfigError(fmt::format("{}: \"{}\": {}", where, value.string, e.what()));
+  }
+  SCRIVEL_TRACE(0, "config ", entity.name(), " ", value.string, " ", text);
+}
+
+void setEntity(Database& database, const cJSON& attributes, const std::string& fileName) {
+  const std::string where = fmt::format("{}: \"{}\"", fileName, attributes.string);
+  const Vela::Ptr<Vela::Entity> entity = database.entity(attributes.string);
+  if (!entity) {
+    throw ConfigError(where +
+                      " is no path of the state database; expected a path such as "
+                      "\"p4runtime/config/system\"");
+  }
+  if (!cJSON_IsObject(&attributes)) {
+    throw ConfigError(
+        fmt::format("{}: expected an object of attributes, found {}", where, kindOf(attributes)));
+  }
+  const cJSON* value = nullptr;
+  cJSON_ArrayForEach(value, &attributes) setAttribute(*entity, *value, where);
+}
+
+}  // namespace
+
+void loadConfigText(Database& database, const std::string& text, const std::string& fileName) {
+  size_t line = 0;
+  const Json json = parsedJson(text, &line);
+  if (!json) {
+    throw ConfigError(
+        fmt::format("{}: line {}: expected a JSON object, keys are paths of the state database",
+                    fileName, line));
+  }
+  if (!cJSON_IsObject(json.get())) {
+    throw ConfigError(fmt::format("{}: expected a JSON object, keys are paths, found {}", fileName,
+                                  kindOf(*json)));
+  }
+  const cJSON* attributes = nullptr;
+  cJSON_ArrayForEach(attributes, json.get()) setEntity(database, *attributes, fileName);
+}
+
+void loadConfig(Database& database, const std::string& fileName) {
+  errno = 0;
+  std::ifstream file(fileName, std::ios::binary);
+  std::string text;
+  char block[65536];
+  while (file && text.size() <= maxFileBytes) {
+    file.read(block, sizeof block);
+    text.append(block, file.gcount());
+  }
+  if (!file.is_open() || file.bad()) {
+    throw ConfigError(fmt::format("{}: cannot read the configuration file: {}", fileName,
+                                  strerror(errno ? errno : EIO)));
+  }
+  if (text.size() > maxFileBytes) {
+    throw ConfigError(fileName + ": is larger than a configuration file may be (16 MiB)");
+  }
+  loadConfigText(database, text, fileName);
+}
+
+}  // namespace Orrery

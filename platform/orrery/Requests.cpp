@@ -1,0 +1,219 @@
+#include "platform/orrery/Requests.h"
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
+
+#include <cmath>
+#include <vector>
+
+#include "platform/scrivel/Trace.h"
+
+static Scrivel::TraceHandle trace("OrreryRequests");
+
+namespace Orrery {
+namespace {
+
+using Vela::AttributeBase;
+using Vela::Entity;
+using Vela::Ptr;
+
+constexpr size_t mostListed = 10000;
+constexpr int maxListDepth = 32;
+
+Json okAnswer() {
+  Json answer(cJSON_CreateObject());
+  cJSON_AddTrueToObject(answer.get(), "ok");
+  return answer;
+}
+
+const char* requiredString(const cJSON& request, const char* key) {
+  const char* text = stringMember(request, key);
+  if (!text) throw RequestError(fmt::format("the request has no \"{}\"; add it as a string", key));
+  return text;
+}
+
+std::string joined(const std::vector<std::string>& names) {
+  return names.empty() ? "none" : fmt::format("{}", fmt::join(names, ", "));
+}
+
+AttributeBase& requestedAttribute(const Entity& entity, const cJSON& request) {
+  const cJSON* wanted = cJSON_GetObjectItemCaseSensitive(&request, "attribute");
+  AttributeBase* found = nullptr;
+  std::string what;
+  if (cJSON_IsNumber(wanted)) {
+    const double number = wanted->valuedouble;
+    what = fmt::format("number {}", number);
+    if (number >= 0 && number < 1e6) found = entity.attribute(static_cast<size_t>(number));
+  } else {
+    what = requiredString(request, "attribute");
+    found = entity.attribute(what);
+  }
+  if (found) return *found;
+  std::vector<std::string> names;
+  for (const auto* attribute : entity.attributes()) names.push_back(attribute->name());
+  throw RequestError(
+      fmt::format("{} has no attribute {}; it has: {}", entity.name(), what, joined(names)));
+}
+
+Json operationsJson(const Entity& entity) {
+  Json array(cJSON_CreateArray());
+  for (const auto& operation : entity.operations()) {
+    cJSON* one = cJSON_CreateObject();
+    cJSON_AddStringToObject(one, "name", operation.name.c_str());
+    cJSON* arguments = cJSON_AddArrayToObject(one, "arguments");
+    for (const auto& name : operation.argumentNames) {
+      cJSON_AddItemToArray(arguments, cJSON_CreateString(name.c_str()));
+    }
+    cJSON_AddItemToArray(array.get(), one);
+  }
+  return array;
+}
+
+Json namesJson(const std::vector<std::string>& names) {
+  Json array(cJSON_CreateArray());
+  for (const auto& name : names) {
+    cJSON_AddItemToArray(array.get(), cJSON_CreateString(name.c_str()));
+  }
+  return array;
+}
+
+// A directory's own collection of children is shown as "children".
+Json entityJson(const Entity& entity, const char* path) {
+  Json answer = okAnswer();
+  cJSON_AddStringToObject(answer.get(), "path", path);
+  cJSON_AddStringToObject(answer.get(), "type", entity.typeName());
+  const auto* directory = dynamic_cast<const Directory*>(&entity);
+  cJSON* attributes = cJSON_AddObjectToObject(answer.get(), "attributes");
+  for (const auto* attribute : entity.attributes()) {
+    if (directory && attribute == &directory->entityCollection()) continue;
+    cJSON_AddItemToObject(attributes, attribute->name(), valueJson(*attribute).release());
+  }
+  cJSON_AddItemToObject(answer.get(), "operations", operationsJson(entity).release());
+  if (directory) {
+    cJSON_AddItemToObject(answer.get(), "children", namesJson(directory->entityNames()).release());
+  }
+  return answer;
+}
+
+Json attributeJson(const char* path, const AttributeBase& attribute) {
+  Json answer = okAnswer();
+  cJSON_AddStringToObject(answer.get(), "path", path);
+  cJSON_AddStringToObject(answer.get(), "attribute", attribute.name());
+  cJSON_AddStringToObject(answer.get(), "type", attribute.typeName());
+  cJSON_AddItemToObject(answer.get(), "value", valueJson(attribute).release());
+  return answer;
+}
+
+Json answeredGet(Database& database, const cJSON& request) {
+  const Ptr<Entity> entity = requestedEntity(database, request);
+  const char* path = requiredString(request, "path");
+  if (!cJSON_HasObjectItem(&request, "attribute")) return entityJson(*entity, path);
+  return attributeJson(path, requestedAttribute(*entity, request));
+}
+
+Json answeredSet(Database& database, const cJSON& request) {
+  const Ptr<Entity> entity = requestedEntity(database, request);
+  AttributeBase& attribute = requestedAttribute(*entity, request);
+  const cJSON* value = cJSON_GetObjectItemCaseSensitive(&request, "value");
+  if (!value) throw RequestError("the request has no \"value\"; add it");
+  std::string text;
+  if (cJSON_IsString(value)) {
+    text = value->valuestring;  // the text form, whatever the type
+  } else if (!attributeText(*value, attribute.typeName(), &text)) {
+    throw RequestError(fmt::format("attribute {} of {} takes a {}, not {}", attribute.name(),
+                                   entity->name(), attribute.typeName(), kindOf(*value)));
+  }
+  SCRIVEL_TRACE(0, "set ", entity->name(), " ", attribute.name(), " ", text);
+  attribute.textIs(text);
+  return attributeJson(requiredString(request, "path"), attribute);
+}
+
+std::vector<std::string> requestedArguments(const cJSON& request) {
+  std::vector<std::string> arguments;
+  const cJSON* array = cJSON_GetObjectItemCaseSensitive(&request, "arguments");
+  const cJSON* argument = nullptr;
+  cJSON_ArrayForEach(argument, array) {
+    if (!cJSON_IsString(argument)) throw RequestError("the arguments of a call are all strings");
+    arguments.push_back(argument->valuestring);
+  }
+  return arguments;
+}
+
+Json answeredCall(Database& database, const cJSON& request) {
+  const Ptr<Entity> entity = requestedEntity(database, request);
+  const std::string name = requiredString(request, "operation");
+  const Vela::Operation* operation = entity->operation(name);
+  if (!operation) {
+    std::vector<std::string> names;
+    for (const auto& one : entity->operations()) names.push_back(one.name);
+    throw RequestError(
+        fmt::format("{} has no operation {}; it has: {}", entity->name(), name, joined(names)));
+  }
+  const auto arguments = requestedArguments(request);
+  if (arguments.size() != operation->argumentNames.size()) {
+    throw RequestError(fmt::format("{} takes {} arguments ({}), not {}", name,
+                                   operation->argumentNames.size(),
+                                   joined(operation->argumentNames), arguments.size()));
+  }
+  SCRIVEL_TRACE(0, "call ", entity->name(), " ", name);
+  Json answer = okAnswer();
+  cJSON_AddStringToObject(answer.get(), "answer", operation->run(arguments).c_str());
+  return answer;
+}
+
+void listBelow(const Directory& directory, const std::string& path, int depth, cJSON* paths) {
+  for (const auto& name : directory.entityNames()) {
+    if (static_cast<size_t>(cJSON_GetArraySize(paths)) >= mostListed) return;
+    const Ptr<Entity> entity = directory.entity(name);
+    if (!entity) continue;
+    const std::string below = path.empty() ? name : path + "/" + name;
+    cJSON* one = cJSON_CreateObject();
+    cJSON_AddStringToObject(one, "path", below.c_str());
+    cJSON_AddStringToObject(one, "type", entity->typeName());
+    cJSON_AddItemToArray(paths, one);
+    const auto* inner = dynamic_cast<const Directory*>(entity.get());
+    if (inner && depth < maxListDepth) listBelow(*inner, below, depth + 1, paths);
+  }
+}
+
+Json answeredList(Database& database, const cJSON& request) {
+  const Ptr<Entity> entity = requestedEntity(database, request);
+  Json answer = okAnswer();
+  cJSON* paths = cJSON_AddArrayToObject(answer.get(), "paths");
+  const auto* directory = dynamic_cast<const Directory*>(entity.get());
+  if (directory) listBelow(*directory, requiredString(request, "path"), 0, paths);
+  return answer;
+}
+
+}  // namespace
+
+Ptr<Entity> requestedEntity(Database& database, const cJSON& request) {
+  const std::string path = requiredString(request, "path");
+  Ptr<Entity> entity = database.entity(path);
+  if (!entity) {
+    throw RequestError("there is no path '" + path + "'; 'korvel get' without a path lists them");
+  }
+  return entity;
+}
+
+Json errorAnswer(const std::string& message) {
+  Json answer(cJSON_CreateObject());
+  cJSON_AddFalseToObject(answer.get(), "ok");
+  cJSON_AddStringToObject(answer.get(), "error", message.c_str());
+  return answer;
+}
+
+Json answered(Database& database, const cJSON& request) {
+  if (!cJSON_IsObject(&request)) throw RequestError("a request is a JSON object, one a line");
+  const std::string what = requiredString(request, "request");
+  if (what == "get") return answeredGet(database, request);
+  if (what == "set") return answeredSet(database, request);
+  if (what == "call") return answeredCall(database, request);
+  if (what == "list") return answeredList(database, request);
+  if (what == "watch") {
+    return entityJson(*requestedEntity(database, request), requiredString(request, "path"));
+  }
+  throw RequestError("there is no request '" + what + "'; use get, set, call, list or watch");
+}
+
+}  // namespace Orrery
