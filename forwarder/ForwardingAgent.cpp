@@ -189,7 +189,8 @@ bool ForwardingAgent::maybeFail(const ProgrammedTable& table, std::string_view k
 std::string ForwardingAgent::logLine(const ProgrammedTable& table, const Lattice::RowChange& change,
                                      const Verdict& verdict) {
   std::string line = fmt::format("{} {} {}", outcomeName(verdict.outcome), table.name(),
-                                 rowText(table.type(), change.key, change.value));
+                                 change.deleted ? keyText(table.type(), change.key)
+                                                : rowText(table.type(), change.key, change.value));
   if (verdict.errorCode != 0) {
     line += fmt::format(": error code {}: {}", verdict.errorCode, verdict.message);
   }

@@ -29,18 +29,24 @@ std::string columnsText(const std::vector<Lattice::ColumnText>& columns) {
 
 }  // namespace
 
+std::string keyText(const Lattice::TableType* type, std::string_view key) {
+  try {
+    if (type) return columnsText(Lattice::keyTexts(*type, key));
+  } catch (const Lattice::TypeError&) {
+    // The bytes are all there is to show.
+  }
+  return hex(key);
+}
+
 std::string rowText(const Lattice::TableType* type, std::string_view key, std::string_view value) {
   try {
     if (type) {
-      std::string text = columnsText(Lattice::keyTexts(*type, key));
-      if (value.empty()) return text;
-      return text + (text.empty() ? "-> " : " -> ") +
-             columnsText(Lattice::valueTexts(*type, value));
+      return keyText(type, key) + " -> " + columnsText(Lattice::valueTexts(*type, value));
     }
   } catch (const Lattice::TypeError&) {
-    // Shown below, as the bytes are.
+    // As above.
   }
-  return hex(key) + " -> " + hex(value);
+  return keyText(type, key) + " -> " + hex(value);
 }
 
 std::string dumpText(const ProgrammedTable& table) {

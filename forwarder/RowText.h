@@ -11,9 +11,10 @@ namespace Forwarder {
 class MatchTable;
 class ProgrammedTable;
 
-// "vrf_id=1 ipv4_dst=10.0.0.0/8 -> action=set_nexthop nexthop_id=7"; the key alone when `value` is
-// empty. Bytes that do not have the layout of the type (which may be null) are shown in hex.
+// "vrf_id=1 ipv4_dst=10.0.0.0/8 -> action=set_nexthop nexthop_id=7". Bytes that do not have the
+// layout of the type (which may be null) are shown in hex.
 std::string rowText(const Lattice::TableType* type, std::string_view key, std::string_view value);
+std::string keyText(const Lattice::TableType* type, std::string_view key);  // the first half
 
 // Each row the table holds, a line "TABLE KEY COLUMNS -> VALUE COLUMNS", in the order of the keys.
 std::string dumpText(const ProgrammedTable& table);

@@ -73,12 +73,16 @@ void TernaryTable::handleRowAdded(const StoredRow& row) {
   const Bytes value = valueOf(row, mask);
   const size_t hash = hashOf(value);
   Group& group = groupOf(mask);
+  bool alone = false;
   const auto slot = group.slots.lazy_emplace(Probe{value, mask, hash}, [&](const auto& construct) {
-    construct(Slot{{}, hash});
+    construct(row, hash);
+    alone = true;
   });
-  const auto byRank = [this](const auto* a, const auto* b) { return better(*a, *b); };
-  auto& rows = const_cast<Slot&>(*slot).rows;  // the value they share stays as it is
-  rows.insert(std::lower_bound(rows.begin(), rows.end(), &row, byRank), &row);
+  if (!alone) {
+    const auto byRank = [this](const auto* a, const auto* b) { return better(*a, *b); };
+    auto& rows = const_cast<Slot&>(*slot).rows;  // the value they share stays as it is
+    rows.insert(std::lower_bound(rows.begin(), rows.end(), &row, byRank), &row);
+  }
   const uint64_t priority = layout().priority(row.key());
   if (priority > group.priorityBound) {
     group.priorityBound = priority;

@@ -25,6 +25,7 @@ class TernaryTable final : public MatchTable {
   using Bytes = absl::InlinedVector<uint8_t, 128>;
   // The rows of one value under the mask, the best first: they differ in priority.
   struct Slot {
+    Slot(const StoredRow& row, size_t hash) : rows{&row}, hash(hash) {}
     absl::InlinedVector<const StoredRow*, 1> rows;
     size_t hash;
   };

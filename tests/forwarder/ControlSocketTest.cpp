@@ -1,0 +1,121 @@
+// The control socket with real sockets, in the test's own folder.
+#include "forwarder/ControlSocket.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+namespace Forwarder {
+namespace {
+
+namespace fs = std::filesystem;
+
+class ControlSocketTest : public testing::Test {
+ protected:
+  ControlSocketTest() {
+    std::string pattern = fs::temp_directory_path() / "korvel-control-XXXXXX";
+    directory_ = mkdtemp(pattern.data());
+    path_ = controlPath(directory_, "x");
+  }
+  ~ControlSocketTest() override { fs::remove_all(directory_); }
+
+  ControlSocket echo() {
+    return ControlSocket(path_, [](std::string_view line) {
+      if (line == "no") return Answer{false, "no means no"};
+      if (line == "much") return Answer{true, std::string(10'000'000, 'x')};
+      return Answer{true, std::string(line)};
+    });
+  }
+  // Asks from another thread while this one serves, until the answer is there.
+  Answer askedOf(ControlSocket& control, const std::string& line) {
+    auto answer = std::async(std::launch::async, [&] { return asked(path_, line); });
+    while (answer.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+      std::vector<pollfd> descriptors;
+      control.pollDescriptors(descriptors);
+      poll(descriptors.data(), descriptors.size(), 1);
+      control.serve();
+    }
+    return answer.get();
+  }
+  int connected() {
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    path_.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return descriptor;
+  }
+
+  std::string directory_;
+  std::string path_;
+};
+
+TEST_F(ControlSocketTest, AnswersTextRefusalsAndMuch) {
+  ControlSocket control = echo();
+  control.maybeListen();
+  EXPECT_EQ(askedOf(control, "hello").text, "hello");
+  const Answer refusal = askedOf(control, "no");
+  EXPECT_FALSE(refusal.ok);
+  EXPECT_EQ(refusal.text, "no means no");
+  EXPECT_FALSE(askedOf(control, std::string(100'000, 'a')).ok);
+  EXPECT_EQ(askedOf(control, "much").text.size(), 10'000'000u);
+}
+
+TEST_F(ControlSocketTest, SleepingClientsHoldNobodyUp) {
+  ControlSocket control = echo();
+  control.maybeListen();
+  std::vector<int> sleepers;
+  for (int i = 0; i < 20; ++i) {
+    sleepers.push_back(connected());
+    const std::string line = i % 2 ? "much\n" : "half a li";
+    ASSERT_EQ(send(sleepers.back(), line.data(), line.size(), MSG_NOSIGNAL), ssize_t(line.size()));
+    control.serve();
+  }
+  EXPECT_EQ(askedOf(control, "hello").text, "hello");
+  for (const int sleeper : sleepers) close(sleeper);
+  EXPECT_EQ(askedOf(control, "again").text, "again");
+}
+
+TEST_F(ControlSocketTest, TakesThePlaceOfTheDeadButNotOfTheLiving) {
+  { std::ofstream(directory_ + "/forwarder-file.sock") << "mine"; }
+  ControlSocket onFile(controlPath(directory_, "file"), {});
+  EXPECT_THROW(onFile.maybeListen(), ControlError);
+
+  const int dead = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  path_.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(dead, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  close(dead);
+  ControlSocket control = echo();
+  control.maybeListen();
+  EXPECT_EQ(askedOf(control, "hello").text, "hello");
+  ControlSocket rival = echo();
+  EXPECT_THROW(rival.maybeListen(), ControlError);
+  EXPECT_EQ(askedOf(control, "hello").text, "hello");
+}
+
+TEST_F(ControlSocketTest, FollowsItsDirectoryAsItComesAndGoes) {
+  fs::remove_all(directory_);
+  ControlSocket control = echo();
+  control.maybeListen();
+  EXPECT_FALSE(control.listening());
+  for (int life = 0; life < 2; ++life) {
+    fs::create_directory(directory_);
+    control.maybeListen();
+    ASSERT_TRUE(control.listening());
+    EXPECT_EQ(askedOf(control, "hello").text, "hello");
+    fs::remove_all(directory_);
+  }
+}
+
+TEST_F(ControlSocketTest, PathsTooLongForASocketAreRefused) {
+  EXPECT_THROW(ControlSocket(std::string(200, 'd'), {}), ControlError);
+}
+
+}  // namespace
+}  // namespace Forwarder
