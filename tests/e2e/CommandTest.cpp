@@ -24,7 +24,7 @@ TEST(KorvelCommand, ExitsWithZeroOneOrTwo) {
       {"status as JSON", {"status", "--json"}, 0},
       {"get an entity", {"get", config}, 0},
       {"get an attribute", {"get", config, "deviceId"}, 0},
-      {"dump a table", {"table", "dump", Router::routeTable}, 0},
+      {"dump a table", {"table", "dump", Router::rowTable(Router::routeTable)}, 0},
       {"get a path that is not there", {"get", "p4runtime/config/nowhere"}, 1},
       {"get an attribute that is not there", {"get", config, "colour"}, 1},
       {"set a value of the wrong type", {"set", config, "grpcServerPort", "many"}, 1},

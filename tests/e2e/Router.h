@@ -15,6 +15,12 @@ constexpr const char* aclTable = "acl";
 
 inline Pipeline pipeline() { return Pipeline(KORVEL_ROUTER_PIPELINE); }
 
+// The platform's name of a P4 table, by which forwarder and commands know it.
+inline std::string rowTable(const std::string& table) {
+  const Pipeline router = pipeline();
+  return router.rowTable(router.table(table).preamble().id());
+}
+
 // Route number `i`: a /24 of its own.
 inline p4::v1::TableEntry route(const Pipeline& pipeline, uint32_t i, uint32_t nexthop) {
   return EntryOf(pipeline, routeTable)

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "platform/brine/Store.h"
+#include "platform/lattice/StoreLayout.h"
 #include "platform/lattice/TableType.h"
 
 namespace TestSupport {
@@ -137,28 +138,27 @@ std::string joined(const std::vector<Lattice::ColumnText>& columns) {
 
 void addRow(const std::string& table, const Lattice::TableType& type, Brine::Bytes key,
             Brine::Bytes value, StoredState& state) {
-  Cursor cursor(value);
-  const auto handle = cursor.number<uint64_t>();
-  cursor.number<uint64_t>();  // sequence
+  const auto row = Lattice::StoredRow::decode(Brine::asText(value));
+  if (!row) {
+    state.damaged.push_back("row of " + table);
+    return;
+  }
   try {
     const std::string keyColumns = joined(keyTexts(type, Brine::asText(key)));
-    state.rows[table + " " + keyColumns] = joined(valueTexts(type, cursor.rest()));
-    state.rowHandles[handle] = table;
+    state.rows[table + " " + keyColumns] = joined(valueTexts(type, row->value));
+    state.rowHandles[row->entryHandle] = table;
   } catch (const Lattice::TypeError& e) {
     state.damaged.push_back(fmt::format("row of {}: {}", table, e.what()));
   }
 }
 
-// Table name to type, as the agent tells forwarding agents: "type name\0definition".
 std::shared_ptr<const Lattice::TableType> typeOf(Brine::Snapshot& snapshot,
                                                  const std::string& table) {
-  const auto record = snapshot.get("lattice/types", Brine::asBytes(table));
+  const auto bytes = snapshot.get(Lattice::typesTable, Brine::asBytes(table));
+  if (!bytes) return nullptr;
+  const auto record = Lattice::TableRecord::decode(Brine::asText(*bytes));
   if (!record) return nullptr;
-  const std::string_view text = Brine::asText(*record);
-  const size_t end = text.find('\0');
-  if (end == std::string_view::npos) return nullptr;
-  return Lattice::TableType::compile(std::string(text.substr(0, end)),
-                                     std::string(text.substr(end + 1)));
+  return Lattice::TableType::compile(record->typeName, record->definition);
 }
 
 }  // namespace
@@ -186,7 +186,7 @@ StoredState storedState(const Pipeline& pipeline, const std::string& stateDirect
   for (const auto& [id, table] : pipeline.rowTables()) {
     const auto type = typeOf(*snapshot, table);
     if (!type) continue;
-    snapshot->forEach("row/" + table, [&](Brine::Bytes key, Brine::Bytes value) {
+    snapshot->forEach(Lattice::rowTable(table), [&](Brine::Bytes key, Brine::Bytes value) {
       addRow(table, *type, key, value, state);
       return true;
     });
