@@ -1,6 +1,7 @@
 #include "forwarder/Commands.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 

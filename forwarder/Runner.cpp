@@ -26,6 +26,7 @@ int openSignals() {
   sigemptyset(&set);
   for (const int signal : {SIGTERM, SIGINT, SIGUSR1}) sigaddset(&set, signal);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  signal(SIGPIPE, SIG_IGN);  // whoever reads our output may leave
   return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
 }
 
