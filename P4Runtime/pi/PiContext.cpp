@@ -3,12 +3,6 @@
 #include <cassert>
 #include <utility>
 
-#include "P4Runtime/agent/KorvelPiServer.h"
-#include "P4Runtime/table/TableImpl.h"
-#include "platform/companion/BatchStatus.h"
-#include "platform/companion/P4HandleMgr.h"
-#include "platform/companion/P4RtSystemConfig.h"
-
 namespace P4Runtime {
 namespace {
 

@@ -1,18 +1,14 @@
 // The process-wide context through which the PI entry points reach the agent's objects.
 #pragma once
 
+#include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "platform/companion/BatchStatus.h"
+#include "platform/companion/P4HandleMgr.h"
+#include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 
-namespace P4RuntimeConfig {
-class P4RtSystemStatus;
-}
-
 namespace P4Runtime {
-
-class BatchStatus;
-class KorvelPiServer;
-class P4HandleMgr;
-class TableImpl;
 
 // Created empty and filled by the agent before the server starts; read without locking after that.
 class PiContext : public Vela::Entity {

@@ -63,4 +63,27 @@ std::string P4TableInfo::nameOf(ResourceId rid) const {
   return name.empty() ? toText(rid) : name;
 }
 
+std::shared_ptr<const Lattice::TableType> P4TableInfo::typeOfTable(
+    const std::string& tableName) const {
+  for (const auto& [rid, interface] : latticeTableInterfaceCollection().values()) {
+    if (interface->tableName() == tableName) {
+      return Lattice::TheTypeRegistry().type(interface->typeName());
+    }
+  }
+  return nullptr;
+}
+
+std::string P4TableInfo::tableFillText() const {
+  std::map<std::string, std::string> lines;
+  for (const auto& [rid, interface] : latticeTableInterfaceCollection().values()) {
+    if (!interface->ready()) continue;
+    std::string line = interface->tableName() + " " + std::to_string(interface->rowCount());
+    if (const uint32_t most = maxTableSize(rid)) line += "/" + std::to_string(most);
+    lines[interface->tableName()] = line;
+  }
+  std::string text;
+  for (const auto& [name, line] : lines) text += (text.empty() ? "" : "\n") + line;
+  return text;
+}
+
 }  // namespace P4Runtime

@@ -75,6 +75,10 @@ class P4TableInfo : public Vela::Entity {
   void modelDel();
   // The object's name, or what kind it is and its id when it has none.
   std::string nameOf(ResourceId rid) const;
+  // The type of the table of that name; null when the pipeline has none.
+  std::shared_ptr<const Lattice::TableType> typeOfTable(const std::string& tableName) const;
+  // "name entries/size" a line, for operators.
+  std::string tableFillText() const;
 
  private:
   std::string parentPath_;

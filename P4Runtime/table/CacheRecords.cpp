@@ -118,8 +118,8 @@ std::span<const uint8_t> bytesOf(const char* data, size_t size) {
 
 TableCacheEntry::TableCacheEntry(const std::string&) { refuseText("TableCacheEntry"); }
 
-void TableCacheEntry::cloneTableEntry(const pi_match_key_s& matchKey,
-                                      const pi_table_entry_s& tableEntry) {
+void TableCacheEntry::cloneTableEntry(const pi_match_key_t& matchKey,
+                                      const pi_table_entry_t& tableEntry) {
   matchKeyPriority = static_cast<int32_t>(matchKey.priority);
   matchKeyData.elementsAre(bytesOf(matchKey.data, matchKey.data_size));
   entryType = static_cast<uint8_t>(tableEntry.entry_type);
@@ -192,7 +192,7 @@ ActionProfileMemberCacheEntry::ActionProfileMemberCacheEntry(const std::string&)
   refuseText("ActionProfileMemberCacheEntry");
 }
 
-void ActionProfileMemberCacheEntry::cloneActionProfileMemberEntry(const pi_action_data_s& action) {
+void ActionProfileMemberCacheEntry::cloneActionProfileMemberEntry(const pi_action_data_t& action) {
   actionId = action.action_id;
   actionData.elementsAre(bytesOf(action.data, action.data_size));
 }

@@ -17,10 +17,7 @@
 
 #include "P4Runtime/table/CacheKey.h"
 #include "P4Runtime/table/CachePodArray.h"
-
-struct pi_match_key_s;
-struct pi_action_data_s;
-struct pi_table_entry_s;
+#include "PI/pi_tables.h"
 
 namespace P4Runtime {
 
@@ -58,7 +55,7 @@ struct TableCacheEntry {
 
   // Everything but the key and the controller metadata. Throws std::range_error for more bytes
   // than a record holds.
-  void cloneTableEntry(const pi_match_key_s& matchKey, const pi_table_entry_s& tableEntry);
+  void cloneTableEntry(const pi_match_key_t& matchKey, const pi_table_entry_t& tableEntry);
 
   size_t serializeLen() const;
   void serialize(uint8_t* buffer) const;  // of serializeLen() bytes
@@ -106,7 +103,7 @@ struct ActionProfileMemberCacheEntry {
   void actionDataDel(CachePodArrayIndex i) { actionData.elementDel(i); }
   void actionDataDelAll() { actionData.elementDelAll(); }
 
-  void cloneActionProfileMemberEntry(const pi_action_data_s& action);  // actionId and actionData
+  void cloneActionProfileMemberEntry(const pi_action_data_t& action);  // actionId and actionData
 
   size_t serializeLen() const;
   void serialize(uint8_t* buffer) const;

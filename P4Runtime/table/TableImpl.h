@@ -105,6 +105,8 @@ class TableImpl : public Vela::Entity {
   ActionProfileMemberCache* memberCache() const { return memberCache_.get(); }
   ActionProfileGroupCache* groupCache() const { return groupCache_.get(); }
 
+  // A report that no batch was waiting for: keeps a failure, and forgets one that has been mended.
+  void handleStrayReport(const Lattice::Report& report);
   // What forwarding agents reported as failed when no batch was waiting for it.
   const Vela::Ptr<EntryFailures>& failures() const { return failures_; }
   // "table ingress.ipv4, ipv4_dst=10.0.0.0/8"; for messages and the list of failures.

@@ -167,6 +167,20 @@ void TableImpl::restoreRecord(EntryHandle handle, const PendingOperation& operat
   cachedMetadataIs(operation.rid, handle, operation.oldMetadata);
 }
 
+void TableImpl::handleStrayReport(const Lattice::Report& report) {
+  if (report.errorCode == 0) {
+    if (!failures_->empty()) failures_->failureDel(report.entryHandle);
+    return;
+  }
+  if (!handleMgr_->entryHandleToResourceIdHas(report.entryHandle)) return;
+  if (pendingOperations_.count(report.entryHandle) > 0) return;  // of an earlier write of it
+  failures_->failureIs(report.entryHandle,
+                       fmt::format("{}: error {} {}", entryText(report.entryHandle),
+                                   report.errorCode, report.message));
+  fmt::print(stderr, "korvel: the forwarding plane could not program {}: error {} {}\n",
+             entryText(report.entryHandle), report.errorCode, report.message);
+}
+
 std::string TableImpl::entryText(EntryHandle handle) const {
   const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
   std::string text = fmt::format("table {}", tableInfo_->nameOf(rid));

@@ -69,7 +69,11 @@ void BatchStatus::onBatchUpdateComplete() {
   SCRIVEL_TRACE(5, "onBatchUpdateComplete", " pending: ", pending_.size());
 }
 
-void BatchStatus::onBatchRollback() { pending_.clear(); }
+void BatchStatus::onBatchRollback() {
+  const auto pending = std::exchange(pending_, {});
+  if (!rollBack_) return;
+  for (const auto& [handle, sequence] : pending) rollBack_(handle);
+}
 
 void BatchStatus::cleanUpBatchState() {
   uint64_t left = 0;

@@ -59,7 +59,7 @@ class BatchStatus : public Vela::Entity {
   void onBatchBegin();           // empties the descriptor and the maps, opens the shared batch
   void onBatchEnd();             // makes the batch's rows and records visible, all at once
   void onBatchUpdateComplete();  // the waiting begins
-  void onBatchRollback();        // gives up on what is still pending; nothing of it counts any more
+  void onBatchRollback();        // puts back what is still pending; reports on it count no more
   void cleanUpBatchState();
 
   void newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset);
@@ -86,6 +86,10 @@ class BatchStatus : public Vela::Entity {
   // A group of reports from the forwarding agents, and their word that they are in step.
   void reportsAre(std::span<const Lattice::Report> reports);
   void inStepIs(uint64_t sequence);
+  // Puts an entry back that onBatchRollback() gives up on.
+  void rollbackHandlerIs(std::function<void(EntryHandle)> handler) {
+    rollBack_ = std::move(handler);
+  }
   // Told of each report that belonged to no pending operation, before it is dropped.
   void strayReportHandlerIs(std::function<void(const Lattice::Report&)> handler) {
     strayReport_ = std::move(handler);
@@ -105,6 +109,7 @@ class BatchStatus : public Vela::Entity {
   std::unordered_map<EntryHandle, uint64_t> pending_;  // to sequence; completed ones leave
   std::unordered_map<EntryHandle, BatchStatusEntry> completed_;
   uint64_t baseline_ = 0;
+  std::function<void(EntryHandle)> rollBack_;
   std::function<void(const Lattice::Report&)> strayReport_;
 };
 

@@ -1,0 +1,84 @@
+// The agent process object: mounts what it needs of the state database, builds the agent's parts in
+// their order and wires them.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "P4Runtime/agent/AgentConfigSm.h"
+#include "P4Runtime/agent/AgentRuntime.h"
+#include "P4Runtime/agent/AgentStatus.h"
+#include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/agent/KorvelPiServerInitSm.h"
+#include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "platform/companion/BatchStatus.h"
+#include "platform/lattice/Database.h"
+#include "platform/orrery/MountGroup.h"
+#include "platform/pollen/QueryConfigSm.h"
+#include "platform/pollen/TypeService.h"
+#include "platform/vela/Entity.h"
+#include "platform/vela/Timer.h"
+
+namespace P4Runtime {
+
+// Runs on the reactor. One a process.
+class Agent : public Vela::Entity {
+ public:
+  Agent(std::string name, AgentRuntime runtime);
+  ~Agent() override;
+  const char* typeName() const override { return "P4Runtime::Agent"; }
+
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServer>, piServer, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServerInitSm>, piServerInitSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4TableInfo>, p4TableInfo, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4TableInfoSm>, p4TableInfoSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::QueryConfigDir>, queryConfigDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::QueryStatusDir>, queryStatusDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::QueryConfigSm>, queryConfigSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::TypeConfigDir>, typeConfigDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::TypeStatusDir>, typeStatusDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig>, p4RtSystemConfig,
+                          nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus>, p4RtSystemStatus, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<BatchStatus>, batchStatus, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4HandleMgr>, p4HandleMgr, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<AgentConfig>, agentConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<AgentConfigSm>, agentConfigSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(PiContext::Ptr, piContext, nullptr)
+
+ public:
+  // Starts tracing and declares the mounts.
+  void doInit();
+  // Mounts them; doMountsComplete() follows on a later turn.
+  void doMount();
+  void doMountsComplete(const Orrery::MountStatus& status,
+                        const Vela::Ptr<Orrery::EntityManager>& entityManager);
+
+ private:
+  void doFetchMounts(const Orrery::EntityManager& entityManager);
+  void doBuildTableProgramming();
+  void doBuildPipeline();
+  void doBuildServer();
+  void doPublish();
+  void doFollowReports();
+  void doUpdateStatus();
+
+  AgentRuntime runtime_;
+  Orrery::MountGroup mountGroup_;
+  std::unique_ptr<Lattice::Database> tables_;
+  Vela::Ptr<Pollen::TypeService> typeService_;
+  Vela::Ptr<AgentStatus> status_;
+  std::unique_ptr<Vela::Timer> statusTimer_;
+  std::vector<Vela::Observation> changes_;
+};
+
+Vela::Ptr<Agent> agentFactory(const std::string& name, const AgentRuntime& runtime);
+
+}  // namespace P4Runtime
+
+// For the launcher, which finds it by this name in the library: registers the entity types that the
+// configuration file may name, makes an agent and starts it. It lives as long as the process.
+extern "C" void korvelAgentStart(const char* name, const P4Runtime::AgentRuntime* runtime);
+extern "C" void korvelAgentRegisterTypes();

@@ -1,0 +1,34 @@
+#include "P4Runtime/agent/AgentConfigSm.h"
+
+#include <cassert>
+#include <utility>
+
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("AgentConfigSm");
+
+}  // namespace
+
+AgentConfigSm::AgentConfigSm(AgentRuntime& runtime, Vela::Ptr<AgentConfig> agentConfig)
+    : runtime_(runtime), agentConfig_(std::move(agentConfig)) {
+  exitChange_ = agentConfig_->exitRequestedAttribute().observe([this] {
+    if (agentConfig_->exitRequested()) handleAgentExitRequest();  // taking it back changes nothing
+  });
+  if (agentConfig_->exitRequested()) handleAgentExitRequest();
+}
+
+void AgentConfigSm::handleAgentExitRequest() {
+  assert(agentConfig()->exitRequested());
+  SCRIVEL_TRACE(0, " Exit Requested ");
+  runtime_.flushEntityLog([this] { handleFlushEntityLogComplete(); });
+}
+
+void AgentConfigSm::handleFlushEntityLogComplete() {
+  assert(agentConfig()->exitRequested());
+  runtime_.exit(0);
+}
+
+}  // namespace P4Runtime

@@ -1,0 +1,24 @@
+// What the launcher gives the agent that it loads, and takes care of on its behalf.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "platform/brine/Store.h"
+#include "platform/orrery/Database.h"
+#include "platform/vela/ReactorLoop.h"
+
+namespace P4Runtime {
+
+// All of it outlives the agent. Functions are called on the reactor with the activity lock held.
+struct AgentRuntime {
+  Vela::ReactorLoop& loop;
+  Orrery::Database& stateDatabase;
+  Brine::Store& store;
+  std::string stateDirectory;
+  // Hands the traces and the like to the file system; `complete` runs on a later turn.
+  std::function<void(std::function<void()> complete)> flushEntityLog;
+  std::function<void(int status)> exit;  // does not return
+};
+
+}  // namespace P4Runtime

@@ -1,0 +1,33 @@
+// What the agent says of itself to operators.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// At "p4runtime/status/agent"; brought up to date twice a second.
+class AgentStatus : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "P4Runtime::AgentStatus"; }
+
+  VELA_READONLY_ATTRIBUTE(int64_t, pid, 0)
+  VELA_READONLY_ATTRIBUTE(uint32_t, deviceId, 0)
+  VELA_READONLY_ATTRIBUTE(std::string, serverAddress, "")
+  VELA_READONLY_ATTRIBUTE(bool, serverReady, false)
+  VELA_READONLY_ATTRIBUTE(std::string, pipelineFile, "")
+  VELA_READONLY_ATTRIBUTE(std::string, pipelineState, "")
+  VELA_READONLY_ATTRIBUTE(std::string, permissionLevel, "")  // what requests may do, in words
+  VELA_READONLY_ATTRIBUTE(std::string, tables, "")       // "name entries/size", one a line
+  VELA_READONLY_ATTRIBUTE(std::string, subscribers, "")  // forwarding agents, one a line
+  VELA_READONLY_ATTRIBUTE(uint64_t, reportsAccepted, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, doorbellMessagesDropped, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, failedEntries, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, stateDirectoryBytes, 0)
+};
+
+}  // namespace P4Runtime

@@ -1,0 +1,200 @@
+#include "P4Runtime/agent/KorvelPiServer.h"
+
+#include <grpcpp/grpcpp.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <semaphore>
+
+#include "P4Runtime/agent/P4RuntimeLocalController.h"
+#include "P4Runtime/pi/P4RuntimeException.h"
+#include "PI/frontends/proto/device_mgr.h"
+#include "PI/pi.h"
+#include "PI/proto/pi_server.h"
+#include "platform/scrivel/Trace.h"
+#include "platform/vela/ActivityLock.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("KorvelPiServer");
+
+using pi::fe::proto::DeviceMgr;
+
+constexpr int secondsToStart = 10;
+
+pthread_t serverThread{};
+std::binary_semaphore serverThreadHasArguments(0);
+
+// The address is read before startProcessing() returns; the object may be gone after that.
+void* piServiceThreadMain(void* arg) {
+  const auto* piServer = static_cast<const KorvelPiServer*>(arg);
+  assert(piServer);
+  const std::string address = piServer->serverAddressPortStr();
+  serverThreadHasArguments.release();
+  if (PIGrpcServerRunAddr(address.c_str()) != 0) {
+    std::fprintf(stderr, "korvel: %s\n", PIGrpcServerLastError());
+    Scrivel::flush();
+    _exit(1);  // other threads are running: no destructors
+  }
+  PIGrpcServerWait();
+  PIGrpcServerCleanup();
+  return nullptr;
+}
+
+}  // namespace
+
+KorvelPiServer::KorvelPiServer(Vela::ReactorLoop& loop,
+                               Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> config)
+    : Entity("piServer"), loop_(loop) {
+  p4RtSystemConfigIs(std::move(config));
+  operationIs({"setOperationPermissionLevel", {"permissionLevel"}, [this](const auto& arguments) {
+                 const auto level = Vela::TextForm<uint32_t>::fromText(arguments.at(0));
+                 if (!level || *level > writesAllowed) {
+                   throw Vela::BadValue("permissionLevel is 0, 1 or 2, not '" + arguments.at(0) +
+                                        "'");
+                 }
+                 setOperationPermissionLevel(*level);
+                 return "permission level is " + std::to_string(*level);
+               }});
+  handleInitialized();
+}
+
+KorvelPiServer::~KorvelPiServer() {
+  doCleanup();
+  serverReadySmIs(nullptr);
+  fileDescIs(nullptr);
+  close(signalFd());
+}
+
+Vela::Ptr<KorvelPiServer> korvelPiServerFactory(
+    Vela::ReactorLoop& loop, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> config) {
+  return Vela::make<KorvelPiServer>(loop, std::move(config));
+}
+
+void KorvelPiServer::handleInitialized() {
+  signalFdIs(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (signalFd() < 0) assert(!"Cannot open eventfd");
+  auto descriptor = Vela::make<Vela::FileDescriptor>(loop_, "signalFd");
+  descriptor->descriptorIs(signalFd());
+  descriptor->nonBlockingIs(true);
+  fileDescIs(descriptor);
+  serverReadySmIs(Vela::make<ServerReadySm>(*this, descriptor));
+  initializedIs(true);
+}
+
+IpAddress KorvelPiServer::piServerAddr() const {
+  return p4RtSystemConfig() ? p4RtSystemConfig()->grpcServerAddress() : IpAddress();
+}
+
+uint16_t KorvelPiServer::piServerPort() const {
+  return p4RtSystemConfig() ? p4RtSystemConfig()->grpcServerPort() : 0;
+}
+
+uint32_t KorvelPiServer::deviceId() const {
+  return p4RtSystemConfig() ? p4RtSystemConfig()->deviceId() : 0;
+}
+
+std::string KorvelPiServer::serverAddressPortStr() const {
+  const IpAddress address = piServerAddr();
+  const std::string host = address.isIpv6() ? "[" + address.text() + "]" : address.text();
+  return host + ":" + std::to_string(piServerPort());
+}
+
+void KorvelPiServer::startProcessing() {
+  SCRIVEL_TRACE(1, "startProcessing");
+  const Vela::ActivityLockReleased released;
+  const int error = pthread_create(&serverThread, nullptr, piServiceThreadMain, this);
+  if (error != 0) {
+    errno = error;
+    std::perror("Failed to create thread");
+    _exit(-1);
+  }
+  serverThreadHasArguments.acquire();
+}
+
+void KorvelPiServer::signal() {
+  const uint64_t one = 1;
+  if (write(signalFd(), &one, sizeof one) != sizeof one) {
+    assert(!"Failed to signal the parent process");
+  }
+}
+
+KorvelPiServer::ServerReadySm::ServerReadySm(KorvelPiServer& server,
+                                             Vela::Ptr<Vela::FileDescriptor> fileDesc)
+    : server_(server), fileDesc_(std::move(fileDesc)) {
+  fileDesc_->onReadableIs([this] { handleReadable(); });
+}
+
+void KorvelPiServer::ServerReadySm::handleReadable() {
+  SCRIVEL_TRACE(1, "handleReadable");
+  uint64_t count = 0;
+  if (read(fileDesc_->descriptor(), &count, sizeof count) != sizeof count) return;
+  server_.sendPipelineConfigMsg();
+  server_.serverReadyIs(true);
+}
+
+void KorvelPiServer::sendPipelineConfigMsg() {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(1, "sendPipelineConfigMsg");
+  assert(maxDevices() == 1);
+  serverReadyIs(false);  // a second pipeline is restored into like the first
+  DeviceMgr::init(1);
+  SCRIVEL_TRACE(1, "sendPipelineConfigMsg", " server thread is: ",
+                static_cast<uint64_t>(serverThread));
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
+  const auto channel = grpc::CreateCustomChannel(serverAddressPortStr(),
+                                                 grpc::InsecureChannelCredentials(), arguments);
+  const std::string path = p4RtSystemConfig()->forwardingPipelineConfigFilePath();
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    SCRIVEL_TRACE(0, "sendPipelineConfigMsg", " Failed to open file ", path);
+    std::fprintf(stderr, "korvel:  Failed to open file %s\n", path.c_str());
+    assert(!"pipeline configuration file can be opened");
+  }
+  p4::v1::SetForwardingPipelineConfigRequest request;
+  if (!request.ParseFromIstream(&file)) {
+    SCRIVEL_TRACE(0, "sendPipelineConfigMsg", " Failed to read pipeline configuration file ", path);
+    std::fprintf(stderr, "korvel:  Failed to read pipeline configuration file %s\n", path.c_str());
+    assert(!"pipeline configuration file can be read");
+  }
+  P4RuntimeLocalController controller(p4::v1::P4Runtime::NewStub(channel));
+  controller.setForwardingPipelineConfigRequest(request);
+  serverReadyIs(true);
+}
+
+void KorvelPiServer::setOperationPermissionLevel(uint32_t level) {
+  const auto previous = DeviceMgr::get_operation_permission_level();
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(1, "setOperationPermissionLevel", " previous permission level was ", previous,
+                "%s and it is set to ", level);
+  DeviceMgr::set_operation_permission_level(level);
+}
+
+void KorvelPiServer::doCleanup() {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(1, "doCleanup", " server thread id: ", static_cast<uint64_t>(serverThread));
+  serverReadyIs(false);
+  {
+    // Calls in progress need the lock to finish.
+    const Vela::ActivityLockReleased released;
+    PIGrpcServerWaitStarted(secondsToStart);
+    PIGrpcServerShutdown();
+  }
+  pi_remove_device(deviceId());
+  pi_destroy();
+  {
+    const Vela::ActivityLockReleased released;
+    pthread_join(serverThread, nullptr);
+  }
+  startProcessing();
+}
+
+}  // namespace P4Runtime

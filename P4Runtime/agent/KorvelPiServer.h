@@ -1,0 +1,66 @@
+// Owns the P4Runtime gRPC server: runs it on a thread of its own, installs the pipeline in it, and
+// takes it down.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/companion/P4RtSystemConfig.h"
+#include "platform/vela/Entity.h"
+#include "platform/vela/FileDescriptor.h"
+#include "platform/vela/ReactorLoop.h"
+
+namespace P4Runtime {
+
+// Used on the reactor; there is one server thread in a process at most.
+class KorvelPiServer : public Vela::Entity {
+ public:
+  // Pushes the pipeline once the server object has been signalled, on a later pass of the reactor
+  // than the notice that signalled it.
+  class ServerReadySm : public Vela::RefCounted {
+   public:
+    ServerReadySm(KorvelPiServer& server, Vela::Ptr<Vela::FileDescriptor> fileDesc);
+    void handleReadable();
+
+   private:
+    KorvelPiServer& server_;
+    const Vela::Ptr<Vela::FileDescriptor> fileDesc_;
+  };
+
+  // `loop` outlives this. `config` may be null (tests).
+  KorvelPiServer(Vela::ReactorLoop& loop, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> config);
+  ~KorvelPiServer() override;
+  const char* typeName() const override { return "P4Runtime::KorvelPiServer"; }
+
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig>, p4RtSystemConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(uint32_t, maxDevices, 1)  // must stay 1
+  VELA_READONLY_ATTRIBUTE(int, signalFd, -1)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Vela::FileDescriptor>, fileDesc, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<ServerReadySm>, serverReadySm, nullptr)
+  VELA_READONLY_ATTRIBUTE(bool, serverReady, false)  // the pipeline has been accepted
+  VELA_READONLY_ATTRIBUTE(bool, initialized, false)
+
+ public:
+  IpAddress piServerAddr() const;
+  uint16_t piServerPort() const;
+  uint32_t deviceId() const;  // 0 without a configuration
+
+  std::string serverAddressPortStr() const;  // "10.1.2.3:700", "[::1]:700"
+  // Starts the server thread. An address that cannot be bound ends the process with status 1.
+  void startProcessing();
+  void signal();
+  // Aborts the process when the pipeline file cannot be used, or the server rejects it.
+  void sendPipelineConfigMsg();
+  void setOperationPermissionLevel(uint32_t level);
+  // Shuts the server down and starts a fresh one, without pipeline, on the configured address.
+  void doCleanup();
+
+ private:
+  void handleInitialized();
+  Vela::ReactorLoop& loop_;
+};
+
+Vela::Ptr<KorvelPiServer> korvelPiServerFactory(
+    Vela::ReactorLoop& loop, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> config);
+
+}  // namespace P4Runtime

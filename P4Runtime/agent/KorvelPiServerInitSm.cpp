@@ -1,0 +1,191 @@
+#include "P4Runtime/agent/KorvelPiServerInitSm.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pi/PiContext.h"
+#include "PI/int/pi_int.h"
+#include "PI/pi.h"
+#include "PI/pi_extensions.h"
+#include "PI/target/pi_tables_imp.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("KorvelPiServerInitSm");
+
+}  // namespace
+
+std::string bytesFromHexadecimal(const std::string& text) {
+  std::string bytes;
+  for (size_t at = 0; at < text.size(); at += 2) {
+    bytes += static_cast<char>(std::strtoul(text.substr(at, 2).c_str(), nullptr, 16));
+  }
+  return bytes;
+}
+
+KorvelPiServerInitSm::KorvelPiServerInitSm(
+    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+    Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus, Vela::Ptr<KorvelPiServer> server,
+    Vela::Ptr<TableImpl> tableImpl)
+    : Entity("piServerInitSm") {
+  observeReferences();
+  tableInfoIs(std::move(tableInfo));
+  p4RtSystemConfigIs(std::move(systemConfig));
+  p4RtSystemStatusIs(std::move(systemStatus));
+  serverIs(std::move(server));
+  tableImplIs(std::move(tableImpl));
+}
+
+Vela::Ptr<KorvelPiServerInitSm> korvelPiServerInitSmFactory(
+    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+    Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus, Vela::Ptr<KorvelPiServer> server,
+    Vela::Ptr<TableImpl> tableImpl) {
+  auto sm = Vela::make<KorvelPiServerInitSm>(std::move(tableInfo), std::move(systemConfig),
+                                             std::move(systemStatus), std::move(server),
+                                             std::move(tableImpl));
+  sm->handleInitialized();
+  sm->initializedIs(true);
+  return sm;
+}
+
+void KorvelPiServerInitSm::observeReferences() {
+  references_.push_back(tableInfoAttribute().observe([this] {
+    tableInfoChange_ = tableInfo() ? tableInfo()->tableInfoStateAttribute().observe(
+                                         [this] { handleTableInfoState(); })
+                                   : Vela::Observation();
+  }));
+  references_.push_back(p4RtSystemConfigAttribute().observe([this] {
+    configChange_ = p4RtSystemConfig() ? p4RtSystemConfig()->grpcServerPortAttribute().observe(
+                                             [this] { doKillPiServerThread(); })
+                                       : Vela::Observation();
+  }));
+  references_.push_back(serverAttribute().observe([this] {
+    serverChange_ = server() ? server()->serverReadyAttribute().observe(
+                                   [this] { handleServerReady(); })
+                             : Vela::Observation();
+  }));
+}
+
+void KorvelPiServerInitSm::handleInitialized() {
+  SCRIVEL_TRACE(1, "handleInitialized");
+  doSpawnServerThread();
+}
+
+void KorvelPiServerInitSm::doSpawnServerThread() {
+  SCRIVEL_TRACE(1, "doSpawnServerThread");
+  server()->startProcessing();
+}
+
+void KorvelPiServerInitSm::handleTableInfoState() {
+  SCRIVEL_TRACE(1, "handleTableInfoState",
+                " tableInfoState: ", static_cast<int>(tableInfo()->tableInfoState()));
+  try {
+    doApplyTableInfoState();
+  } catch (const P4RuntimeBrokenInvariantException& e) {
+    P4RuntimeBrokenInvariantException::handleException(e);
+  }
+}
+
+void KorvelPiServerInitSm::doApplyTableInfoState() {
+  if (!server()) {
+    throw P4RuntimeBrokenInvariantException(
+        "Server is not ready. Yet we are trying to handle table info state");
+  }
+  switch (tableInfo()->tableInfoState()) {
+    case P4TableInfoState::tableInfoReady: {
+      // The critical state is left by revertCriticalState() alone.
+      const bool distrusted =
+          p4RtSystemStatus()->brokenInvariant() || p4RtSystemStatus()->critical();
+      server()->setOperationPermissionLevel(distrusted ? readsAllowed : writesAllowed);
+      server()->signal();
+      return;
+    }
+    case P4TableInfoState::tableInfoNotReady:
+    case P4TableInfoState::tableInfoError:
+      server()->setOperationPermissionLevel(nothingAllowed);
+      return;
+  }
+  throw P4RuntimeBrokenInvariantException(fmt::format(
+      "Unrecognized tableInfoState {}", static_cast<int>(tableInfo()->tableInfoState())));
+}
+
+void KorvelPiServerInitSm::handleServerReady() {
+  SCRIVEL_TRACE(1, "handleServerReady");
+  if (!server()->serverReady()) return;
+  tableImpl()->restoreCachedEntries();
+  programConstantTables();
+  pi_restore_done(server()->deviceId());
+}
+
+void KorvelPiServerInitSm::programConstantTables() {
+  SCRIVEL_TRACE(1, "programConstantTables");
+  tableImpl()->constTablesProgrammedIs(false);
+  const auto& tables = tableInfo()->constEntriesCollection().values();
+  std::vector<ResourceId> rids;
+  for (const auto& [rid, entries] : tables) {
+    if (rid.type == tableResource) rids.push_back(rid);
+  }
+  std::sort(rids.begin(), rids.end());
+  for (const ResourceId& rid : rids) {
+    for (const P4TableInfoConstEntry& entry : tables.at(rid).entry()) {
+      programConstantEntry(rid.id, entry);
+    }
+  }
+  tableImpl()->constTablesProgrammedIs(true);
+}
+
+void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
+                                                const P4TableInfoConstEntry& entry) {
+  std::string key = bytesFromHexadecimal(entry.key);
+  const EntryHandle known =
+      TheP4HandleMgr()->matchKeyToEntryHandle(tableId, key, entry.priority);
+  if (known != 0) {
+    SCRIVEL_TRACE(5, "programConstantTables",
+                  " Constant entry is already in cache with entryhandle ", known);
+    return;
+  }
+  std::string parameters = bytesFromHexadecimal(entry.actionParams);
+  const pi_dev_id_t deviceId = server()->deviceId();
+  const pi_p4info_t* p4info = pi_get_device_p4info(deviceId);
+  const pi_match_key_t matchKey{p4info, tableId, entry.priority, key.size(), key.data()};
+  pi_action_data_t action{p4info, entry.actionId, parameters.size(), parameters.data()};
+  pi_table_entry_t tableEntry{};
+  tableEntry.entry_type = PI_ACTION_ENTRY_TYPE_DATA;
+  tableEntry.entry.action_data = &action;
+  pi_entry_handle_t handle = 0;
+  const pi_status_t status =
+      _pi_table_entry_add(0, pi_dev_tgt_t{deviceId, 0}, tableId, &matchKey, &tableEntry, 0, &handle);
+  tableImpl()->updateCachedEntryState(handle, false);
+  if (status == PI_STATUS_SUCCESS) return;
+  fmt::print(stderr, "korvel: a constant entry of table {} (key {}) could not be added\n",
+             tableInfo()->nameOf({tableResource, tableId}), entry.key);
+  if (status != updateFailedStatus) {
+    SCRIVEL_TRACE(0, "programConstantTables", "Failed to add const entry to table: ", tableId,
+                  " return code: ", static_cast<int>(status));
+  }
+}
+
+void KorvelPiServerInitSm::doKillPiServerThread() {
+  SCRIVEL_TRACE(1, "doKillPiServerThread");
+  if (movingServer_) {  // the lock is given up while the server goes down
+    moveAgain_ = true;
+    return;
+  }
+  movingServer_ = true;
+  do {
+    moveAgain_ = false;
+    server()->setOperationPermissionLevel(nothingAllowed);
+    server()->doCleanup();
+  } while (moveAgain_);
+  movingServer_ = false;
+  handleTableInfoState();
+}
+
+}  // namespace P4Runtime

@@ -1,0 +1,59 @@
+// Ties the P4Runtime server to the readiness of the pipeline: starts it, sets what it may do, has
+// the pipeline pushed, restores entries, and moves it to another port.
+#pragma once
+
+#include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/pipeline/P4TableInfo.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "platform/companion/P4RtSystemConfig.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// Runs on the reactor.
+class KorvelPiServerInitSm : public Vela::Entity {
+ public:
+  KorvelPiServerInitSm(Vela::Ptr<P4TableInfo> tableInfo,
+                       Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+                       Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus,
+                       Vela::Ptr<KorvelPiServer> server, Vela::Ptr<TableImpl> tableImpl);
+  const char* typeName() const override { return "P4Runtime::KorvelPiServerInitSm"; }
+
+  // A new entity in one of these is observed in place of the former.
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4TableInfo>, tableInfo, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig>, p4RtSystemConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus>, p4RtSystemStatus, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServer>, server, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
+  VELA_READONLY_ATTRIBUTE(bool, initialized, false)
+
+ public:
+  void handleInitialized();
+  void doSpawnServerThread();
+  void handleTableInfoState();
+  void handleServerReady();
+  void programConstantTables();
+  void doKillPiServerThread();
+
+ private:
+  void observeReferences();
+  void doApplyTableInfoState();
+  void programConstantEntry(uint32_t tableId, const P4TableInfoConstEntry& entry);
+
+  Vela::Observation tableInfoChange_;
+  Vela::Observation configChange_;
+  Vela::Observation serverChange_;
+  std::vector<Vela::Observation> references_;
+  bool movingServer_ = false;  // the port changed again while the server was going down
+  bool moveAgain_ = false;
+};
+
+Vela::Ptr<KorvelPiServerInitSm> korvelPiServerInitSmFactory(
+    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+    Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus, Vela::Ptr<KorvelPiServer> server,
+    Vela::Ptr<TableImpl> tableImpl);
+
+// Pairs of hexadecimal characters to bytes; a last single character is a byte of its own.
+std::string bytesFromHexadecimal(const std::string& text);
+
+}  // namespace P4Runtime

@@ -1,0 +1,28 @@
+// The small client by which the agent installs its own pipeline in its own server.
+#pragma once
+
+#include <memory>
+
+#include "p4/v1/p4runtime.grpc.pb.h"
+
+namespace P4Runtime {
+
+// For one request, on the stack. Answers 0 when the server accepted it; aborts the process when it
+// did not, after saying why on standard error: without its pipeline the agent is of no use.
+class P4RuntimeLocalController {
+ public:
+  explicit P4RuntimeLocalController(std::unique_ptr<p4::v1::P4Runtime::Stub> stub);
+
+  // Waits for the server to listen. Gives the activity lock up for the whole call, since the server
+  // enters the agent under it.
+  int setForwardingPipelineConfigRequest(
+      const p4::v1::SetForwardingPipelineConfigRequest& request);
+  // Keeps the activity lock. Answers 9 when the server has no pipeline.
+  int getForwardingPipelineConfigRequest(
+      const p4::v1::GetForwardingPipelineConfigRequest& request);
+
+ private:
+  const std::unique_ptr<p4::v1::P4Runtime::Stub> stub_;
+};
+
+}  // namespace P4Runtime

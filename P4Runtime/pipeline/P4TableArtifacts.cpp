@@ -1,0 +1,310 @@
+// From the device configuration to what the write path needs: types are compiled, interfaces become
+// ready, row constructors are built, queries are checked; then the model is ready.
+#include <fmt/format.h>
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <utility>
+
+#include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("P4TableInfoSm");
+
+using Pollen::CompilationStatus;
+
+ResourceId resourceIdOf(const cJSON* table) {
+  const uint32_t id = jsonNumber(table, "table_id").value_or(0);
+  const std::string tableClass = jsonString(table, "table_class").value_or("");
+  const auto is = [&](const char* name) { return strcasecmp(tableClass.c_str(), name) == 0; };
+  if (is("TABLE_CLASS_ACTION_PROFILE_MEMBER")) return {actionProfileResource, id};
+  if (is("TABLE_CLASS_ACTION_PROFILE_GROUP")) return {groupTableResource, id};
+  return {tableResource, id};
+}
+
+bool keptInNetworkOrder(const std::string& fieldType) {
+  return fieldType == "IpAddr" || fieldType == "Ip6Addr" || fieldType == "EthAddr" ||
+         fieldType == "IpGenPrefix";
+}
+
+// A string that the document must have.
+std::string required(const cJSON* parent, const char* key, const char* toDoWhat) {
+  const auto value = jsonString(parent, key);
+  if (!value) {
+    throw P4RuntimeParsingException({}, fmt::format("Cannot parse {}{}", key, toDoWhat), {});
+  }
+  return *value;
+}
+
+P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table) {
+  P4TableInfoConstEntries entries(rid);
+  for (const cJSON* entry : JsonElements(jsonArray(table, "table_entries"))) {
+    entries.entryEnq({jsonString(entry, "key").value_or(""),
+                      jsonNumber(entry, "action_id").value_or(0),
+                      jsonString(entry, "action_params").value_or(""),
+                      jsonNumber(entry, "priority").value_or(0)});
+  }
+  return entries;
+}
+
+}  // namespace
+
+void P4TableInfoSm::createLatticeTableTypes() {
+  const cJSON* definitions = jsonArray(jsonRoot_, "table_type_definitions");
+  if (!definitions) {
+    throw P4RuntimeParsingException(
+        {}, "Cannot parse table_type_definitions to create table types", {});
+  }
+  for (const cJSON* definition : JsonElements(definitions)) {
+    const std::string name = required(definition, "table_type", " to create table types");
+    const std::string text = required(definition, "table_type_def", " to create table types");
+    SCRIVEL_TRACE(5, "Lattice table type:", name, " definition", text);
+    services_.typeConfigDir->typeConfigIs(name, text);
+  }
+  if (!definitions->child) {
+    allTypesCompiledIs(true);  // a pipeline without tables: no type will ever report
+    return;
+  }
+  handleTypeCompileStatus();
+}
+
+void P4TableInfoSm::watchTypeStatus(const std::string& name) {
+  typeStatusChanges_.erase(name);
+  if (const auto status = services_.typeStatusDir->typeStatus(name)) {
+    typeStatusChanges_[name] =
+        status->compilationStatusAttribute().observe([this] { handleTypeCompileStatus(); });
+    handleTypeCompileStatus();
+  }
+}
+
+void P4TableInfoSm::handleTypeCompileStatus() {
+  if (!jsonRoot_ || allTypesCompiled()) return;
+  const auto names = services_.typeConfigDir->typeConfigNames();
+  if (names.empty()) {
+    SCRIVEL_TRACE(1, "handleTypeCompileStatus", "no typeConfigs in typeConfigDir");
+    return;
+  }
+  guarded([&] {
+    for (const std::string& name : names) {
+      const auto status = services_.typeStatusDir->typeStatus(name);
+      if (!status) {
+        SCRIVEL_TRACE(5, "handleTypeCompileStatus", "status entry does not yet exist for", name);
+        return;
+      }
+      if (status->compilationStatus() == CompilationStatus::inProgress) {
+        SCRIVEL_TRACE(5, "handleTypeCompileStatus", "compilation is still in progress for", name);
+        return;
+      }
+      if (status->compilationStatus() == CompilationStatus::failed) {
+        throw P4RuntimeParsingException(status->reason(), "Compilation failed for " + name, {});
+      }
+    }
+    allTypesCompiledIs(true);
+  });
+}
+
+void P4TableInfoSm::handleAllTypesCompiled() {
+  if (allTypesCompiled()) guarded([&] { createLatticeTableInterfaces(); });
+}
+
+void P4TableInfoSm::createLatticeTableInterfaces() {
+  const cJSON* tables = jsonArray(jsonRoot_, "tables");
+  if (!tables) {
+    const std::unique_ptr<char, decltype(&std::free)> text(cJSON_Print(jsonRoot_), &std::free);
+    SCRIVEL_TRACE(0, "createLatticeTableInterfaces", " cannot parse ", "tables",
+                  text ? text.get() : "");
+    return;
+  }
+  for (const cJSON* table : JsonElements(tables)) createTableInterface(table);
+  for (const std::string& name : services_.tables->removeUnboundTables()) {
+    SCRIVEL_TRACE(0, "createLatticeTableInterfaces", " removed the rows of table ", name,
+                  ", which the pipeline no longer has");
+    fmt::print(stderr, "korvel: removed table {}, which the pipeline no longer has\n", name);
+  }
+  allArInterfacesCreatedIs(true);
+}
+
+void P4TableInfoSm::createTableInterface(const cJSON* table) {
+  const ResourceId rid = resourceIdOf(table);
+  const std::string name = required(table, "table_name", " to create tables");
+  const std::string type = required(table, "table_type", " to create tables");
+  const auto ready = [this, rid, generation = generation_] {
+    if (generation == generation_) onArInterfaceReady(rid);
+  };
+  auto interface = Vela::make<Lattice::ArTableInterface>(name, type, ready);
+  tableInfo_->latticeTableInterfaceIs(rid, interface);
+  services_.tables->bindInterface(interface, name, true);
+  tableInfo_->constEntriesIs(rid, constEntriesOf(rid, table));
+}
+
+void P4TableInfoSm::onArInterfaceReady(ResourceId tableId) {
+  tableInfo_->latticeTableInterface(tableId)->maybeInitialize();
+  SCRIVEL_TRACE(5, "onArInterfaceReady", " tableId:", tableId.id);
+  arInterfaceReadyIs(tableId, true);
+  maybeUpdateAllArInterfacesReady();
+}
+
+void P4TableInfoSm::maybeUpdateAllArInterfacesReady() {
+  if (!allArInterfacesCreated()) return;
+  for (const auto& [rid, interface] : tableInfo_->latticeTableInterfaceCollection().values()) {
+    if (!arInterfaceReady(rid)) return;
+  }
+  allArInterfacesReadyIs(true);
+}
+
+void P4TableInfoSm::handleAllArInterfacesReady() {
+  if (!jsonRoot_) return;  // a new pipeline is on its way
+  guarded([&] {
+    createRowConstructors();
+    createLatticeQueries();
+  });
+}
+
+void P4TableInfoSm::createRowConstructors() {
+  for (const cJSON* table : JsonElements(jsonArray(jsonRoot_, "tables"))) {
+    createRowConstructor(table);
+  }
+  doFindUnprogrammable();
+}
+
+void P4TableInfoSm::createRowConstructor(const cJSON* table) {
+  const ResourceId rid = resourceIdOf(table);
+  const std::string name = required(table, "table_name", " to create rows");
+  const std::string type = required(table, "table_type", " to create rows");
+  SCRIVEL_TRACE(5, "------------ Pass the following to lattice for creating table", name, " type",
+                type);
+  const cJSON* fields = jsonArray(table, "table_fields");
+  if (!fields) {
+    throw P4RuntimeParsingException(
+        {}, fmt::format("table_fields token is missing in JSON file, table {} to create rows", name),
+        {});
+  }
+  FieldBitwidths widths = tableInfo_->fieldBitwidths(rid);
+  std::vector<std::string> fieldNames;
+  std::vector<std::string> fieldTypes;
+  for (const cJSON* field : JsonElements(fields)) {
+    const auto slot = static_cast<uint32_t>(fieldTypes.size());
+    fieldNames.push_back(required(field, "field_name", " to create rows"));
+    fieldTypes.push_back(required(field, "field_type", " to create rows"));
+    if (keptInNetworkOrder(fieldTypes.back())) widths.fieldInNetworkByteOrderIs(slot, true);
+  }
+  tableInfo_->fieldBitwidthsIs(rid, widths);
+  if (std::getenv("LATTICE_TYPES_CREATION_FAKED")) return;
+  SCRIVEL_TRACE(5, "Checking if tableInfo is ready");
+  if (!tableInfo_->latticeTableInterface(rid)->ready()) {
+    throw P4RuntimeParsingException(
+        {}, "latticeTableInterface not ready for " + name + " to create rows", {});
+  }
+  try {
+    tableInfo_->rowConstructorIs(
+        rid, Vela::make<Lattice::RowConstructor>(type, fieldNames, fieldTypes));
+  } catch (const Lattice::TypeError& e) {
+    throw P4RuntimeParsingException(e.what(), "Cannot parse table " + name + " to create rows", {});
+  }
+  SCRIVEL_TRACE(5, "Created row constructor");
+}
+
+void P4TableInfoSm::doFindUnprogrammable() {
+  for (const auto& [rid, widths] : tableInfo_->fieldBitwidthsCollection().values()) {
+    if (rid.type != tableResource && rid.type != actionResource) continue;
+    const std::string why = tableInfo_->whyUnprogrammable(rid);
+    if (!why.empty() && !tableInfo_->unprogrammableHas(rid)) tableInfo_->unprogrammableIs(rid, why);
+  }
+  for (const auto& [rid, why] : tableInfo_->unprogrammableCollection().values()) {
+    SCRIVEL_TRACE(0, "P4TableInfoSm", tableInfo_->nameOf(rid), " cannot be programmed: ", why);
+    fmt::print(stderr, "korvel: {} {} cannot be programmed: {}; writes of it will be refused\n",
+               rid.type == tableResource ? "table" : "action", tableInfo_->nameOf(rid), why);
+  }
+}
+
+void P4TableInfoSm::createLatticeQueries() {
+  for (const cJSON* query : JsonElements(jsonArray(jsonRoot_, "queries"))) createQuery(query);
+  allQueriesReceivedIs(true);
+}
+
+void P4TableInfoSm::createQuery(const cJSON* query) {
+  const char* const toDoWhat = " to create queries";
+  const auto config = services_.queryConfigDir->queryConfigIs(
+      required(query, "output_table_path", toDoWhat), required(query, "output_table_type", toDoWhat));
+  const std::string text = required(query, "query", toDoWhat);
+  SCRIVEL_TRACE(5, "Lattice query:", text);
+  config->oneShotIs(true);
+  config->queryTextIs(text);
+  for (const cJSON* pair : JsonElements(jsonArray(query, "input_tables"))) {
+    const std::string key = required(pair, "table_key", toDoWhat);
+    const std::string value = required(pair, "table_value", toDoWhat);
+    SCRIVEL_TRACE(5, "Query table map:", key, " =>", value);
+    config->inputTableIs(key, value);
+  }
+  for (const cJSON* pair : JsonElements(jsonArray(query, "params"))) {
+    const std::string key = required(pair, "param_key", toDoWhat);
+    const std::string value = required(pair, "param_value", toDoWhat);
+    SCRIVEL_TRACE(5, "Query parameter map:", key, " =>", value);
+    config->parameterIs(key, value);
+  }
+  services_.queryConfigDir->activeQueryConfigIs(config);
+}
+
+// Its rows follow from others, so those of an earlier process are worth nothing.
+void P4TableInfoSm::queryOutputIs(const std::string& path, const std::string& typeName) {
+  auto interface = Vela::make<Lattice::ArTableInterface>(path, typeName, [] {});
+  queryOutputs_[path] = interface;
+  services_.tables->bindInterface(interface, path, false);
+}
+
+void P4TableInfoSm::watchQueryStatus(const std::string& name) {
+  queryStatusChanges_.erase(name);
+  if (const auto status = services_.queryStatusDir->queryStatus(name)) {
+    queryStatusChanges_[name] =
+        status->observeAll([this](const std::string&) { handleQueryCompileStatus(); });
+    handleQueryCompileStatus();
+  }
+}
+
+void P4TableInfoSm::handleAllQueriesReceived() {
+  if (allQueriesReceived()) handleQueryCompileStatus();
+}
+
+void P4TableInfoSm::handleQueryCompileStatus() {
+  if (!allQueriesReceived()) {
+    SCRIVEL_TRACE(5, "handleQueryCompileStatus", " all queries not received yet");
+    return;
+  }
+  if (allQueriesCompiled()) return;
+  guarded([&] {
+    for (const auto& name : services_.queryConfigDir->entityNames()) {
+      const auto status = services_.queryStatusDir->queryStatus(name);
+      if (!status) {
+        SCRIVEL_TRACE(5, "handleQueryCompileStatus", "status entry does not yet exist for", name);
+        return;
+      }
+      if (!status->reason().empty()) {
+        throw P4RuntimeParsingException(status->reason(), "Query compilation failed for " + name,
+                                        {});
+      }
+      if (!status->defined()) {
+        SCRIVEL_TRACE(5, "handleQueryCompileStatus", "Query is not defined yet:", name);
+        return;
+      }
+      if (!status->active()) {
+        SCRIVEL_TRACE(5, "handleQueryCompileStatus", "Query is not active yet", name);
+        return;
+      }
+    }
+    allQueriesCompiledIs(true);
+  });
+}
+
+void P4TableInfoSm::handleAllQueriesCompiled() {
+  if (!allQueriesCompiled()) return;
+  jsonRoot_ = nullptr;
+  jsonRootToDelete_.reset();
+  tableInfo_->tableInfoStateIs(P4TableInfoState::tableInfoReady);
+}
+
+}  // namespace P4Runtime

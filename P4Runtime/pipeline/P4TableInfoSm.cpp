@@ -1,0 +1,161 @@
+#include "P4Runtime/pipeline/P4TableInfoSm.h"
+
+#include <fmt/format.h>
+#include <google/protobuf/util/json_util.h>
+#include <p4/tmp/p4config.pb.h>
+#include <p4/v1/p4runtime.pb.h>
+
+#include <cstdio>
+#include <fstream>
+#include <utility>
+
+#include "P4Runtime/pipeline/ParsingStatus.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("P4TableInfoSm");
+
+// For people only, so a file that cannot be written stops nothing.
+void writeForPeople(const std::string& path, const std::string& text) {
+  if (path.empty()) return;
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << text;
+  file.close();
+  if (file) return;
+  SCRIVEL_TRACE(0, "P4TableInfoSm", " cannot write ", path);
+  fmt::print(stderr,
+             "korvel: cannot write {}: the running pipeline cannot be read there; set "
+             "p4InfoJsonPath and deviceJsonPath of p4runtime/config/agent to writable places\n",
+             path);
+}
+
+}  // namespace
+
+void throwParsingException(const std::string& what, const std::string& detail) {
+  const char* stopped = cJSON_GetErrorPtr();
+  throw P4RuntimeParsingException({}, what + detail, stopped ? stopped : "");
+}
+
+P4TableInfoSm::P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
+                             Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+                             PipelineServices services, PipelineFiles files)
+    : Entity("p4TableInfoSm"),
+      tableInfo_(std::move(tableInfo)),
+      systemConfig_(std::move(systemConfig)),
+      services_(std::move(services)),
+      files_(std::move(files)) {
+  changes_.push_back(allTypesCompiledAttribute().observe([this] { handleAllTypesCompiled(); }));
+  changes_.push_back(
+      allArInterfacesCreatedAttribute().observe([this] { maybeUpdateAllArInterfacesReady(); }));
+  changes_.push_back(
+      allArInterfacesReadyAttribute().observe([this] { handleAllArInterfacesReady(); }));
+  changes_.push_back(
+      allQueriesReceivedAttribute().observe([this] { handleAllQueriesReceived(); }));
+  changes_.push_back(
+      allQueriesCompiledAttribute().observe([this] { handleAllQueriesCompiled(); }));
+  changes_.push_back(
+      tableInfo_->cleanupRequestIdAttribute().observe([this] { handleCleanupRequest(); }));
+  changes_.push_back(systemConfig_->forwardingPipelineConfigFilePathAttribute().observe(
+      [this] { handlePipelineConfigFile(); }));
+  changes_.push_back(services_.typeStatusDir->entityCollection().observeKeys(
+      [this](const std::string& name) { watchTypeStatus(name); }));
+  changes_.push_back(services_.queryStatusDir->entityCollection().observeKeys(
+      [this](const std::string& name) { watchQueryStatus(name); }));
+  handleInitialized();
+}
+
+Vela::Ptr<P4TableInfoSm> p4TableInfoSmFactory(
+    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+    PipelineServices services, PipelineFiles files) {
+  return Vela::make<P4TableInfoSm>(std::move(tableInfo), std::move(systemConfig),
+                                   std::move(services), std::move(files));
+}
+
+void P4TableInfoSm::handleInitialized() {
+  handleCleanupRequest();
+  handlePipelineConfigFile();
+  initializedIs(true);
+}
+
+void P4TableInfoSm::handlePipelineConfigFile() {
+  const std::string path = systemConfig_->forwardingPipelineConfigFilePath();
+  SCRIVEL_TRACE(1, "handlePipelineConfigFile", " File ", path);
+  guarded([&] { readPipelineConfigFile(path); });
+}
+
+void P4TableInfoSm::readPipelineConfigFile(const std::string& path) {
+  const auto fail = [](const std::string& text) {
+    throw P4RuntimeParsingException({}, text, {});
+  };
+  if (path.empty()) fail("Pipeline Configuration not available yet: " + path);
+  std::ifstream file(path, std::ios::binary);
+  if (!file) fail("Failed to open file " + path);
+  p4::v1::SetForwardingPipelineConfigRequest request;
+  if (!request.ParseFromIstream(&file)) fail("Failed to read pipeline configuration file " + path);
+  if (request.device_id() != systemConfig_->deviceId()) {
+    fail(fmt::format(
+        "Device id in the pipeline configuration {} does not match the configured device id {}",
+        request.device_id(), systemConfig_->deviceId()));
+  }
+  std::string p4InfoJson;
+  const auto converted =
+      google::protobuf::util::MessageToJsonString(request.config().p4info(), &p4InfoJson);
+  if (!converted.ok()) fail("Failed to convert p4Info to JSON " + converted.ToString());
+  doForgetPipeline();
+  writeForPeople(files_.p4InfoJsonPath, p4InfoJson);
+  handleP4InfoStr(p4InfoJson);
+  p4::tmp::P4DeviceConfig device;
+  if (!device.ParseFromString(request.config().p4_device_config())) {
+    fail("Failed to read device configuration " + path);
+  }
+  writeForPeople(files_.deviceJsonPath, device.device_data());
+  TheParsingStatus()->failureCleared();
+  handlePipelineConfigStr(device.device_data());
+}
+
+// A new pipeline starts from nothing; the rows and records of the former one stay where they are
+// until its tables are known.
+void P4TableInfoSm::doForgetPipeline() {
+  ++generation_;
+  tableInfo_->tableInfoStateIs(P4TableInfoState::tableInfoNotReady);
+  bitwidthsInitializedIs(false);
+  allTypesCompiledIs(false);
+  allArInterfacesCreatedIs(false);
+  arInterfaceReadyDelAll();
+  allArInterfacesReadyIs(false);
+  allQueriesReceivedIs(false);
+  allQueriesCompiledIs(false);
+  services_.queryConfigDir->activeQueryConfigDelAll();
+  services_.queryConfigDir->queryConfigDelAll();
+  services_.typeConfigDir->typeConfigDelAll();
+  tableInfo_->modelDel();
+  queryOutputs_.clear();
+  jsonRoot_ = nullptr;
+  jsonRootToDelete_.reset();
+}
+
+void P4TableInfoSm::handlePipelineConfigStr(const std::string& deviceConfigJson) {
+  JsonDocument document(cJSON_Parse(deviceConfigJson.c_str()));
+  if (!document) throwParsingException("Cannot parse JSON file");
+  const cJSON* root = jsonObject(document.get(), "p4rtc");
+  if (!root) {
+    throw P4RuntimeParsingException({}, "Cannot find root token in the pipeline file", {});
+  }
+  jsonRoot_ = root;
+  jsonRootToDelete_ = std::move(document);
+  createLatticeTableTypes();
+}
+
+void P4TableInfoSm::handleCleanupRequest() {
+  const uint32_t request = tableInfo_->cleanupRequestId();
+  SCRIVEL_TRACE(1, "P4TableInfoSm::", "handleCleanupRequest", request, " query status count",
+                services_.queryStatusDir->entityCollection().values().size());
+  services_.queryConfigDir->activeQueryConfigDelAll();
+  services_.queryConfigDir->queryConfigDelAll();
+  services_.typeConfigDir->typeConfigDelAll();
+  tableInfo_->cleanupResponseIdIs(request);
+}
+
+}  // namespace P4Runtime

@@ -1,0 +1,128 @@
+// Turns the pipeline configuration file into the model of the pipeline and brings up what the
+// write path needs: table types, interfaces, row constructors and queries.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pipeline/Json.h"
+#include "P4Runtime/pipeline/P4TableInfo.h"
+#include "platform/companion/P4RtSystemConfig.h"
+#include "platform/lattice/Database.h"
+#include "platform/pollen/QueryConfig.h"
+#include "platform/pollen/QueryStatus.h"
+#include "platform/pollen/TypeConfig.h"
+#include "platform/pollen/TypeStatus.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// The services it drives; all outlive it.
+struct PipelineServices {
+  Vela::Ptr<Pollen::TypeConfigDir> typeConfigDir;
+  Vela::Ptr<Pollen::TypeStatusDir> typeStatusDir;
+  Vela::Ptr<Pollen::QueryConfigDir> queryConfigDir;
+  Vela::Ptr<Pollen::QueryStatusDir> queryStatusDir;
+  Lattice::Database* tables = nullptr;
+};
+
+// Where the running pipeline is written for people to read.
+struct PipelineFiles {
+  std::string p4InfoJsonPath;
+  std::string deviceJsonPath;
+};
+
+// Runs on the reactor. Progress comes from the services' notices and the interfaces' ready
+// callbacks. Every failure is a P4RuntimeParsingException that ends with its handler: the model
+// then stays as far as it came, and is not ready.
+class P4TableInfoSm : public Vela::Entity {
+ public:
+  P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
+                Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+                PipelineServices services, PipelineFiles files);
+  const char* typeName() const override { return "P4Runtime::P4TableInfoSm"; }
+
+  VELA_READONLY_ATTRIBUTE(bool, bitwidthsInitialized, false)
+  VELA_READONLY_ATTRIBUTE(bool, allTypesCompiled, false)
+  VELA_READONLY_ATTRIBUTE(bool, allArInterfacesCreated, false)
+  VELA_COLLECTION(ResourceId, bool, arInterfaceReady)
+  VELA_READONLY_ATTRIBUTE(bool, allArInterfacesReady, false)
+  VELA_READONLY_ATTRIBUTE(bool, allQueriesReceived, false)
+  VELA_READONLY_ATTRIBUTE(bool, allQueriesCompiled, false)
+  VELA_READONLY_ATTRIBUTE(bool, initialized, false)
+
+ public:
+  // The system configuration names another pipeline file, or the agent starts. A file that cannot
+  // be used leaves the running pipeline alone.
+  void handlePipelineConfigFile();
+  void handleP4InfoStr(const std::string& p4InfoJson);
+  void handlePipelineConfigStr(const std::string& deviceConfigJson);
+
+  void createLatticeTableTypes();
+  void handleTypeCompileStatus();
+  void handleAllTypesCompiled();
+  void createLatticeTableInterfaces();
+  void onArInterfaceReady(ResourceId tableId);
+  void maybeUpdateAllArInterfacesReady();
+  void createRowConstructors();
+  void createLatticeQueries();
+  void handleQueryCompileStatus();
+  void handleAllQueriesReceived();
+  void handleAllQueriesCompiled();
+  void handleCleanupRequest();
+  // Makes the table that an active query's rows go to.
+  void queryOutputIs(const std::string& path, const std::string& typeName);
+
+ private:
+  void handleInitialized();
+  void handleAllArInterfacesReady();
+  // Runs `step`; a parsing failure ends with its handler.
+  template <typename Step>
+  void guarded(Step step) {
+    try {
+      step();
+    } catch (const P4RuntimeParsingException& e) {
+      P4RuntimeParsingException::handleException(e);
+    }
+  }
+
+  void readPipelineConfigFile(const std::string& path);
+  void doForgetPipeline();
+
+  void parseP4InfoActions(const cJSON* p4Info);
+  void parseP4InfoDirectResources(const cJSON* p4Info);
+  void parseP4InfoTables(const cJSON* p4Info);
+  void parseP4InfoActionProfiles(const cJSON* p4Info);
+
+  void createTableInterface(const cJSON* table);
+  void createRowConstructor(const cJSON* table);
+  void createQuery(const cJSON* query);
+  void doFindUnprogrammable();
+  void watchTypeStatus(const std::string& name);
+  void watchQueryStatus(const std::string& name);
+
+  const Vela::Ptr<P4TableInfo> tableInfo_;
+  const Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig_;
+  const PipelineServices services_;
+  const PipelineFiles files_;
+
+  JsonDocument jsonRootToDelete_;    // the device configuration, until the model is ready
+  const cJSON* jsonRoot_ = nullptr;  // its "p4rtc" object
+  uint32_t generation_ = 0;          // of pipelines; callbacks of former ones are ignored
+
+  std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> queryOutputs_;
+  std::map<std::string, Vela::Observation> typeStatusChanges_;
+  std::map<std::string, Vela::Observation> queryStatusChanges_;
+  std::vector<Vela::Observation> changes_;
+};
+
+// Throws a P4RuntimeParsingException of `what` and `detail`, with the text at which cJSON stopped.
+[[noreturn]] void throwParsingException(const std::string& what, const std::string& detail = {});
+
+Vela::Ptr<P4TableInfoSm> p4TableInfoSmFactory(
+    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+    PipelineServices services, PipelineFiles files);
+
+}  // namespace P4Runtime

@@ -1,0 +1,203 @@
+#include "cli/AgentCommand.h"
+
+#include <dlfcn.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
+
+#include "P4Runtime/agent/AgentRuntime.h"
+#include "cli/StateDirectory.h"
+#include "platform/brine/Store.h"
+#include "platform/companion/P4RtSystemConfig.h"
+#include "platform/orrery/Config.h"
+#include "platform/orrery/Database.h"
+#include "platform/orrery/Server.h"
+#include "platform/scrivel/Trace.h"
+#include "platform/vela/ActivityLock.h"
+#include "platform/vela/FileDescriptor.h"
+#include "platform/vela/ReactorLoop.h"
+
+namespace {
+
+constexpr int failed = 1;
+constexpr int usage = 2;
+
+struct Options {
+  std::string config;
+  std::string stateDirectory;
+  std::string library;
+};
+
+// What ends a start that cannot succeed: a line for standard error, and an exit status.
+struct StartFailure {
+  std::string line;
+  int status;
+};
+
+// The agent lies beside the command, in ../lib, when it was built or installed that way.
+std::string libraryPath(const Options& options) {
+  if (!options.library.empty()) return options.library;
+  std::error_code error;
+  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+  const auto beside = self.parent_path().parent_path() / "lib" / "libP4Runtime.so";
+  return !error && std::filesystem::exists(beside) ? beside.string() : "libP4Runtime.so";
+}
+
+struct AgentLibrary {
+  void (*registerTypes)() = nullptr;
+  void (*start)(const char* name, const P4Runtime::AgentRuntime* runtime) = nullptr;
+};
+
+AgentLibrary load(const Options& options) {
+  const std::string path = libraryPath(options);
+  void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
+  if (!handle) {
+    throw StartFailure{fmt::format("cannot load the agent: {}; name it with --library", dlerror()),
+                       failed};
+  }
+  AgentLibrary library;
+  library.registerTypes =
+      reinterpret_cast<decltype(library.registerTypes)>(dlsym(handle, "korvelAgentRegisterTypes"));
+  library.start = reinterpret_cast<decltype(library.start)>(dlsym(handle, "korvelAgentStart"));
+  if (!library.registerTypes || !library.start) {
+    throw StartFailure{fmt::format("{} is no agent library: {}", path, dlerror()), failed};
+  }
+  return library;
+}
+
+// Entries are worth more than a start without questions, so what cannot be read is kept aside.
+std::unique_ptr<Brine::Store> openStore(const Options& options) {
+  Brine::StoreOptions storeOptions;
+  storeOptions.directory = options.stateDirectory;
+  try {
+    return Brine::Store::open(storeOptions);
+  } catch (const Brine::StoreError& e) {
+    if (e.trouble != Brine::Trouble::damaged && e.trouble != Brine::Trouble::wrongVersion) {
+      throw StartFailure{e.what(), failed};
+    }
+    fmt::print(stderr, "korvel: {}; what is there is moved aside, and the agent starts empty\n",
+               e.what());
+  }
+  try {
+    return Brine::Store::rebuild(storeOptions);
+  } catch (const Brine::StoreError& e) {
+    throw StartFailure{e.what(), failed};
+  }
+}
+
+void doLoadConfig(Orrery::Database& database, const Options& options) {
+  database.entityIs("p4runtime/config/system", Vela::make<P4RuntimeConfig::P4RtSystemConfig>(
+                                                   "p4runtime/config/system"));
+  database.entityIs("p4runtime/config/agent",
+                    Vela::make<P4Runtime::AgentConfig>("p4runtime/config/agent"));
+  try {
+    Orrery::loadConfig(database, options.config);
+  } catch (const Orrery::ConfigError& e) {
+    throw StartFailure{e.what(), usage};
+  }
+}
+
+// SIGTERM and SIGINT take the same way out as an exit request.
+class StopSignals {
+ public:
+  StopSignals(Vela::ReactorLoop& loop, Orrery::Database& database)
+      : descriptor_(Vela::make<Vela::FileDescriptor>(loop, "stopSignals")) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);  // also of every thread made later
+    fd_ = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
+    descriptor_->descriptorIs(fd_);
+    descriptor_->onReadableIs([this, &database] {
+      signalfd_siginfo info;
+      if (read(fd_, &info, sizeof info) != sizeof info) return;
+      const auto config = database.entity("p4runtime/config/agent");
+      static_cast<P4Runtime::AgentConfig*>(config.get())->exitRequestedIs(true);
+    });
+  }
+
+ private:
+  const Vela::Ptr<Vela::FileDescriptor> descriptor_;
+  int fd_ = -1;
+};
+
+P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& database,
+                                  Brine::Store& store, const Options& options) {
+  const auto flushEntityLog = [&loop](std::function<void()> complete) {
+    Scrivel::flush();
+    loop.post(std::move(complete));
+  };
+  // Server threads are running, so nothing is destroyed; what was written is committed already.
+  const auto exit = [&store](int status) {
+    if (store.dirty()) store.commit();
+    std::fflush(nullptr);
+    _exit(status);
+  };
+  return {loop, database, store, options.stateDirectory, flushEntityLog, exit};
+}
+
+void runAgent(const Options& options) {
+  Vela::ReactorLoop loop;
+  Vela::TheReactorLoopIs(&loop);
+  const auto database = Orrery::embeddedDatabase(loop);
+  std::unique_ptr<Brine::Store> store;
+  std::unique_ptr<Orrery::Server> server;
+  std::unique_ptr<P4Runtime::AgentRuntime> runtime;
+  std::unique_ptr<StopSignals> stopSignals;
+  {
+    const Vela::ActivityLock lock;
+    const AgentLibrary library = load(options);
+    library.registerTypes();
+    doLoadConfig(*database, options);
+    store = openStore(options);
+    server = std::make_unique<Orrery::Server>(loop, *database,
+                                              options.stateDirectory + "/orrery.sock");
+    stopSignals = std::make_unique<StopSignals>(loop, *database);
+    runtime = std::make_unique<P4Runtime::AgentRuntime>(
+        runtimeOf(loop, *database, *store, options));
+    library.start("p4runtime", runtime.get());
+  }
+  loop.run();
+}
+
+int agentMain(const Options& options) {
+  try {
+    runAgent(options);
+    return 0;
+  } catch (const StartFailure& failure) {
+    fmt::print(stderr, "korvel: {}\n", failure.line);
+    return failure.status;
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "korvel: {}\n", e.what());
+    return failed;
+  }
+}
+
+}  // namespace
+
+void addAgentCommand(CLI::App& app) {
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app.add_subcommand("agent", "Run the P4Runtime agent");
+  command->add_option("--config", options->config, "Configuration file (JSON)")->required();
+  command
+      ->add_option("--state-dir", options->stateDirectory,
+                   "Where entries, sockets and traces live; best on a tmpfs")
+      ->default_str(defaultStateDirectory());
+  command->add_option("--library", options->library, "The agent's library, libP4Runtime.so");
+  command->callback([options] {
+    if (options->stateDirectory.empty()) options->stateDirectory = defaultStateDirectory();
+    const int status = agentMain(*options);
+    std::fflush(nullptr);
+    _exit(status);
+  });
+}

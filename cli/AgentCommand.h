@@ -1,0 +1,7 @@
+// `korvel agent`: the launcher. Prepares what the agent runs on, loads libP4Runtime.so and runs the
+// reactor until the agent exits.
+#pragma once
+
+#include <CLI/App.hpp>
+
+void addAgentCommand(CLI::App& app);
