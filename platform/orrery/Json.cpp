@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 
 #include "platform/vela/Entity.h"
 
@@ -18,9 +19,10 @@ bool isInteger(std::string_view typeName) {
   return typeName.starts_with("int") || typeName.starts_with("uint");
 }
 
-// What cJSON takes over as it stands must be a number in JSON's eyes: no "inf".
-bool isJsonNumber(std::string_view text) {
-  return !text.empty() && text.find_first_not_of("-+.0123456789eE") == std::string_view::npos;
+// A number in JSON's eyes (no "inf") that a reader who makes a double of it gets right.
+bool isJsonNumber(const std::string& text) {
+  if (text.empty() || text.find_first_not_of("-+.0123456789eE") != std::string::npos) return false;
+  return std::abs(std::strtod(text.c_str(), nullptr)) < exactLimit;
 }
 
 Json entriesJson(const Vela::AttributeBase& attribute) {

@@ -27,7 +27,7 @@ std::string jsonText(const cJSON& json);  // for people: indented, several lines
 const char* stringMember(const cJSON& object, const char* key);
 
 // An attribute's value: a number or true/false where its type is one, an object of texts for a
-// collection, a string otherwise.
+// collection, a string otherwise (also for a number of 2^53 and more, which readers would round).
 Json valueJson(const Vela::AttributeBase& attribute);
 // The text form that an attribute of type `typeName` takes, from a JSON value of the fitting kind.
 // Answers false and what was expected when it is of another kind.

@@ -1,0 +1,93 @@
+// The configuration file: what it sets, and the one line it earns when it is wrong.
+#include "platform/orrery/Config.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/platform/orrery/Support.h"
+
+namespace Orrery {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class ConfigTest : public testing::Test, public DatabaseFixture {
+ protected:
+  ConfigTest() { port = portIs("config/port"); }
+
+  std::string trouble(const std::string& text) {
+    try {
+      loadConfigText(*database, text, "agent.json");
+    } catch (const ConfigError& e) {
+      return e.what();
+    }
+    return "none";
+  }
+
+  Vela::Ptr<Port> port;
+  const Vela::ActivityLock lock_;
+};
+
+TEST_F(ConfigTest, SetsTheAttributesOfEachPath) {
+  EXPECT_EQ(trouble(R"({"config/port": {"enabled": true, "mtuBytes": 9000, "loss": 0.25,
+                        "cookie": "18446744073709551615", "alias": "uplink"}})"),
+            "none");
+  EXPECT_TRUE(port->enabled());
+  EXPECT_EQ(port->mtuBytes(), 9000);
+  EXPECT_EQ(port->loss(), 0.25);
+  EXPECT_EQ(port->cookie(), UINT64_MAX);
+  EXPECT_EQ(port->alias(), "uplink");
+  EXPECT_EQ(trouble("{}"), "none");
+}
+
+TEST_F(ConfigTest, FaultsAreNamedInOneLine) {
+  const struct {
+    const char* text;
+    const char* trouble;
+  } cases[] = {
+      {"", "line 1: expected a JSON object"},
+      {"{\n\"config/port\": {\n\"mtuBytes\": }}", "line 3: expected a JSON object"},
+      {"{} {}", "line 1: expected a JSON object"},
+      {"[1]", "expected a JSON object, keys are paths, found an array"},
+      {R"({"config/none": {}})", "\"config/none\" is no path"},
+      {R"({"config/port": 5})",
+       "\"config/port\": expected an object of attributes, found a number"},
+      {R"({"config/port": {"mtu": 5}})",
+       "\"mtu\" is no attribute of Test::Port; it has enabled, mtuBytes, cookie, loss, alias"},
+      {R"({"config/port": {"mtuBytes": "5"}})",
+       "\"mtuBytes\": expected a value of type uint16, found a string"},
+      {R"({"config/port": {"mtuBytes": 1.5}})", "expected a value of type uint16, found a number"},
+      {R"({"config/port": {"mtuBytes": 70000}})", "mtuBytes of config/port takes a uint16, not"},
+      {R"({"config/port": {"mtuBytes": -1}})", "takes a uint16, not '-1'"},
+      {R"({"config/port": {"mtuBytes": 1e300}})", "expected a value of type uint16"},
+      {R"({"config/port": {"cookie": 18446744073709551615}})", "expected a value of type uint64"},
+      {R"({"config/port": {"enabled": 1}})", "expected a value of type bool, found a number"},
+      {R"({"config/port": {"alias": null}})", "expected a value of type string, found null"},
+      {R"({"config/port": {"loss": "high"}})", "expected a value of type number, found a string"},
+      {R"({"config/port": {"drops": 1}})", "read-only"},
+      {R"({"config/port": {"neighbour": {"1": "x"}}})", "expected a value of type collection"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_THAT(trouble(c.text), AllOf(testing::StartsWith("agent.json: "), HasSubstr(c.trouble),
+                                       Not(HasSubstr("\n"))));
+  }
+  EXPECT_THAT(trouble(std::string(100000, '[')), HasSubstr("line 1"));
+  EXPECT_THAT(trouble(std::string("{}\0{}", 5)), HasSubstr("expected a JSON object"));
+}
+
+TEST_F(ConfigTest, AFileThatCannotBeReadIsNamed) {
+  for (const char* name : {"/nonexistent/agent.json", "/"}) {
+    try {
+      loadConfig(*database, name);
+      FAIL() << name;
+    } catch (const ConfigError& e) {
+      EXPECT_THAT(e.what(), AllOf(testing::StartsWith(name), HasSubstr("cannot read")));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace Orrery

@@ -1,0 +1,224 @@
+// Client and server over a real socket, with clients of every manner.
+#include "platform/orrery/Server.h"
+
+#include <cjson/cJSON.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <system_error>
+#include <thread>
+
+#include "platform/orrery/Client.h"
+#include "tests/platform/orrery/Support.h"
+
+namespace Orrery {
+namespace {
+
+using ::testing::HasSubstr;
+
+class ServerTest : public testing::Test, public DatabaseFixture {
+ protected:
+  ServerTest() {
+    char name[] = "/tmp/orrery-test-XXXXXX";
+    directory = mkdtemp(name);
+    port = portIs("status/port");
+    const Vela::ActivityLock lock;
+    server.emplace(loop, *database, directory + "/orrery.sock");
+    thread = std::thread([this] { loop.run(); });
+  }
+  ~ServerTest() override {
+    loop.stop();
+    thread.join();
+    const Vela::ActivityLock lock;
+    server.reset();
+    std::filesystem::remove_all(directory);
+  }
+
+  int rawClient() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, server->socketPath().c_str());
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    return fd;
+  }
+  // What comes until the server closes.
+  static std::string conversation(int fd, const std::string& said) {
+    send(fd, said.data(), said.size(), MSG_NOSIGNAL);
+    shutdown(fd, SHUT_WR);
+    std::string heard;
+    char block[4096];
+    for (ssize_t got; (got = recv(fd, block, sizeof block, 0)) > 0;) heard.append(block, got);
+    close(fd);
+    return heard;
+  }
+  std::string refusal(auto ask) {
+    try {
+      Client client(directory);
+      ask(client);
+    } catch (const ClientError& e) {
+      return e.what();
+    }
+    return "none";
+  }
+
+  std::string directory;
+  Vela::Ptr<Port> port;
+  std::optional<Server> server;
+  std::thread thread;
+};
+
+TEST_F(ServerTest, GetsSetsAndCalls) {
+  Client client(directory);
+  EXPECT_EQ(client.agentPid(), getpid());
+  {
+    const Vela::ActivityLock lock;
+    port->neighbourIs(7, "leaf7");
+    port->cookieIs(UINT64_MAX);
+  }
+  EXPECT_THAT(
+      jsonLine(*client.get("status/port")),
+      testing::StrEq(
+          R"({"ok":true,"path":"status/port","type":"Test::Port","attributes":{"enabled":false,)"
+          R"("mtuBytes":1500,"cookie":"18446744073709551615","loss":0,"alias":"","drops":3,)"
+          R"("neighbour":{"7":"leaf7"}},"operations":[{"name":"greet","arguments":["name"]}]})"));
+  client.set("status/port", "mtuBytes", "9000");
+  EXPECT_THAT(jsonLine(*client.get("status/port", "mtuBytes")), HasSubstr("\"value\":9000"));
+  EXPECT_THAT(jsonLine(*client.get("status/port", "1")), HasSubstr("\"attribute\":\"mtuBytes\""));
+  EXPECT_THAT(jsonLine(*client.call("status/port", "greet", {"ann"})), HasSubstr("hello ann"));
+  EXPECT_THAT(jsonLine(*client.get("status")), HasSubstr(R"("children":["port"])"));
+  EXPECT_THAT(jsonLine(*client.list("")),
+              HasSubstr(R"([{"path":"status","type":"Orrery::Directory"},)"
+                        R"({"path":"status/port","type":"Test::Port"}])"));
+  const Vela::ActivityLock lock;
+  EXPECT_EQ(port->mtuBytes(), 9000);
+}
+
+TEST_F(ServerTest, RefusalsNameTheThingAndAWayOut) {
+  EXPECT_THAT(refusal([](Client& c) { c.get("status/none"); }), HasSubstr("no path 'status/none'"));
+  EXPECT_THAT(refusal([](Client& c) { c.get("status/port", "mtu"); }),
+              HasSubstr("no attribute mtu; it has: enabled, mtuBytes"));
+  EXPECT_THAT(refusal([](Client& c) { c.get("status/port", "99"); }),
+              HasSubstr("no attribute number 99"));
+  EXPECT_THAT(refusal([](Client& c) { c.set("status/port", "mtuBytes", "big"); }),
+              HasSubstr("takes a uint16, not 'big'"));
+  EXPECT_THAT(refusal([](Client& c) { c.set("status/port", "drops", "1"); }),
+              HasSubstr("read-only"));
+  EXPECT_THAT(refusal([](Client& c) { c.call("status/port", "explode", {}); }),
+              HasSubstr("no operation explode; it has: greet"));
+  EXPECT_THAT(refusal([](Client& c) { c.call("status/port", "greet", {}); }),
+              HasSubstr("takes 1 arguments (name), not 0"));
+  EXPECT_THAT(refusal([](Client& c) { c.call("status/port", "greet", {"nobody"}); }),
+              HasSubstr("greet wants a name"));
+  EXPECT_THROW(Client(directory + "/elsewhere"), NoAgentError);
+}
+
+TEST_F(ServerTest, WatchStreamsChangesAndChildren) {
+  Client ports(directory), directories(directory);
+  ports.watch("status/port");
+  directories.watch("status");
+  {
+    const Vela::ActivityLock lock;
+    port->aliasIs("a \"quoted\"\nname");
+    port->enabledIs(true);
+    database->entityIs("status/new", Vela::make<Port>("status/new"));
+    database->entityDel("status/new");
+  }
+  EXPECT_EQ(jsonLine(*ports.next()),
+            R"({"path":"status/port","attribute":"alias","value":"a \"quoted\"\nname"})");
+  EXPECT_EQ(jsonLine(*ports.next()),
+            R"({"path":"status/port","attribute":"enabled","value":true})");
+  EXPECT_EQ(jsonLine(*directories.next()), R"({"path":"status","child":"new","present":true})");
+  EXPECT_EQ(jsonLine(*directories.next()), R"({"path":"status","child":"new","present":false})");
+}
+
+TEST_F(ServerTest, GarbageIsAnsweredAndTheConnectionClosed) {
+  const std::string get = "{\"request\": \"get\", \"path\": \"status/port\"}\n";
+  const struct {
+    const char* what;
+    std::string said;
+    const char* heard;
+  } cases[] = {
+      {"no JSON", "hello\n" + get, "not JSON"},
+      {"no object", "[1]\n", "a request is a JSON object"},
+      {"no request", "{}\n", "has no \\\"request\\\""},
+      {"unknown request", "{\"request\": \"erase\", \"path\": \"x\"}\n", "no request 'erase'"},
+      {"no path", "{\"request\": \"get\"}\n", "has no \\\"path\\\""},
+      {"path of another kind", "{\"request\": \"get\", \"path\": 5}\n", "has no \\\"path\\\""},
+      {"absurd number", "{\"request\":\"get\",\"path\":\"status/port\",\"attribute\":-1e308}\n",
+       "no attribute"},
+      {"argument of another kind",
+       "{\"request\":\"call\",\"path\":\"status/"
+       "port\",\"operation\":\"greet\",\"arguments\":[1]}\n",
+       "all strings"},
+      {"endless line", std::string(200000, 'x'), "longer than"},
+      {"deep nesting", std::string(60000, '[') + "\n", "not JSON"},
+      {"bytes", std::string("\0\xff\n", 3), "not JSON"},
+      {"nothing at all", "", ""},
+      {"half a line, then the end", "{\"request\":", ""},
+      {"blank lines and a good one", "\n\n" + get, "\"ok\":true"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string heard = conversation(rawClient(), c.said);
+    EXPECT_THAT(heard, HasSubstr(c.heard));
+    EXPECT_LE(std::count(heard.begin(), heard.end(), '\n'), 1);
+  }
+}
+
+// A client that asks and watches but never reads must cost the agent neither time nor memory.
+TEST_F(ServerTest, AClientThatTakesNothingIsClosed) {
+  const int idle = rawClient();
+  const std::string watch = "{\"request\": \"watch\", \"path\": \"status/port\"}\n";
+  ASSERT_EQ(send(idle, watch.data(), watch.size(), 0), static_cast<ssize_t>(watch.size()));
+  Client(directory).get("status/port");  // by now the watch stands, too
+  const std::string large(100000, 'n');
+  for (int i = 0; i < 100; ++i) {
+    const Vela::ActivityLock lock;
+    port->aliasIs(large + std::to_string(i));
+  }
+  EXPECT_THAT(jsonLine(*Client(directory).get("status/port", "drops")), HasSubstr("\"value\":3"));
+  char block[65536];
+  ssize_t got;
+  size_t heard = 0;
+  while ((got = recv(idle, block, sizeof block, 0)) > 0) heard += got;
+  EXPECT_LT(heard, 100 * large.size()) << "closed before everything was kept for it";
+  close(idle);
+}
+
+TEST_F(ServerTest, ManyClientsAreTurnedAwayAndLetInAgain) {
+  std::vector<int> clients;
+  for (size_t i = 0; i < Server::maxConnections; ++i) clients.push_back(rawClient());
+  EXPECT_THAT(conversation(rawClient(), ""), HasSubstr("too many clients"));
+  for (const int fd : clients) EXPECT_EQ(conversation(fd, ""), "");
+  EXPECT_EQ(refusal([](Client& c) { c.get("status/port"); }), "none");
+}
+
+TEST_F(ServerTest, SocketIsTheOwnersAloneAndNotTakenFromALivingAgent) {
+  struct stat status {};
+  ASSERT_EQ(stat(server->socketPath().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600u);
+  const Vela::ActivityLock lock;
+  EXPECT_THROW(Server(loop, *database, server->socketPath()), std::system_error);
+  EXPECT_THROW(Server(loop, *database, directory + "/" + std::string(200, 'x')), std::system_error);
+  const std::string stale = directory + "/stale.sock";
+  {
+    const int dead = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, stale.c_str());
+    ASSERT_EQ(bind(dead, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    close(dead);
+  }
+  EXPECT_NO_THROW(Server(loop, *database, stale));
+}
+
+}  // namespace
+}  // namespace Orrery
