@@ -11,7 +11,8 @@ namespace {
 
 struct Hook {
   uint64_t id;
-  std::function<void()> run;  // empty once removed
+  std::function<void()> run;
+  bool removed = false;  // the function goes later: it may be the one that is running
 };
 
 std::mutex& lockMutex() {
@@ -33,13 +34,10 @@ void runHooks() {
   bool removed = false;
   for (size_t i = 0; i < hooks().size(); ++i) {
     const std::shared_ptr<Hook> hook = hooks()[i];  // survives hooks that come and go meanwhile
-    if (const auto run = hook->run) {
-      run();
-    } else {
-      removed = true;
-    }
+    if (!hook->removed) hook->run();
+    removed = removed || hook->removed;
   }
-  if (removed) std::erase_if(hooks(), [](const auto& hook) { return !hook->run; });
+  if (removed) std::erase_if(hooks(), [](const auto& hook) { return hook->removed; });
   --lockDepth;
 }
 
@@ -77,12 +75,12 @@ ActivityLockReleased::~ActivityLockReleased() {
 }
 
 ScopeEndHook::ScopeEndHook(std::function<void()> hook) : id_(++lastHookId) {
-  hooks().push_back(std::make_shared<Hook>(Hook{id_, std::move(hook)}));
+  hooks().push_back(std::make_shared<Hook>(Hook{id_, std::move(hook), false}));
 }
 
 ScopeEndHook::~ScopeEndHook() {
   for (const auto& hook : hooks()) {
-    if (hook->id == id_) hook->run = nullptr;  // its place goes when the hooks have run
+    if (hook->id == id_) hook->removed = true;
   }
 }
 
