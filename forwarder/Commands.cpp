@@ -45,8 +45,8 @@ Answer dump(const ForwardingAgent& agent, const std::string& name) {
 
 Answer stats(const ForwardingAgent& agent, const ReportQueue& reports, const Following& following) {
   std::string text =
-      fmt::format("attached {}\nsequence {}\nsnapshots {}\n", following.attached ? "yes" : "no",
-                  following.sequence, agent.snapshotCount());
+      fmt::format("pid {}\nattached {}\nsequence {}\nsnapshots {}\n", getpid(),
+                  following.attached ? "yes" : "no", following.sequence, agent.snapshotCount());
   uint64_t all = 0;
   for (size_t i = 0; i < outcomeCount; ++i) all += agent.changes(static_cast<Outcome>(i));
   text += fmt::format("changes {}\n", all);

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
+#include <optional>
 #include <utility>
 
 #include "forwarder/RowText.h"
@@ -13,10 +15,27 @@ namespace {
 constexpr uint16_t codeFull = 1;
 constexpr uint16_t codeUnreadable = 2;
 
+std::optional<uint64_t> numberIn(std::string_view text) {
+  const bool hex = text.starts_with("0x") || text.starts_with("0X");
+  if (hex) text.remove_prefix(2);
+  uint64_t number = 0;
+  const auto [end, error] =
+      std::from_chars(text.data(), text.data() + text.size(), number, hex ? 16 : 10);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+// Numbers may be written as people do: 1 is 0x0001.
+bool sameText(const std::string& wanted, const std::string& shown) {
+  if (wanted == shown) return true;
+  const auto number = numberIn(wanted);
+  return number && number == numberIn(shown);
+}
+
 bool matches(const KeyRule& rule, const std::vector<Lattice::ColumnText>& key) {
   return std::all_of(rule.columns.begin(), rule.columns.end(), [&](const auto& wanted) {
     return std::any_of(key.begin(), key.end(), [&](const Lattice::ColumnText& column) {
-      return column.name == wanted.first && column.text == wanted.second;
+      return column.name == wanted.first && sameText(wanted.second, column.text);
     });
   });
 }

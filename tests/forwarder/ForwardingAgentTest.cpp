@@ -1,6 +1,7 @@
 // The forwarding agent, fed by hand: what it programs, what it refuses, what it reports and when.
 #include "forwarder/ForwardingAgent.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -69,6 +70,14 @@ class ForwardingAgentTest : public testing::Test {
     EXPECT_EQ(lastReport().sequence, sequence_) << "no report on the last change";
     return lastReport().errorCode;
   }
+  // How a dump shows rows of ports and their speeds.
+  static std::string rows(const std::map<int, int>& speeds) {
+    std::string text;
+    for (const auto& [port, speed] : speeds) {
+      text += fmt::format("ports port={:#06x} -> speed={:#010x}\n", port, speed);
+    }
+    return text;
+  }
   std::string held() const {
     const ProgrammedTable* ports = agent_.table("ports");
     return ports ? dumpText(*ports) : "";
@@ -103,7 +112,7 @@ TEST_F(ForwardingAgentTest, ProgramsChangesAndReportsEachOnce) {
   write(2, 100);
   erase(2);
   erase(2);
-  EXPECT_EQ(held(), "ports port=1 -> speed=400\n");
+  EXPECT_EQ(held(), rows({{1, 400}}));
   ASSERT_EQ(subscriber_.reports.size(), 6u);
   for (size_t i = 0; i < 6; ++i) {
     EXPECT_EQ(subscriber_.reports[i].sequence, i + 1);
@@ -129,7 +138,7 @@ TEST_F(ForwardingAgentTest, FullTableRefusesInsertsOnly) {
   erase(1);
   write(3, 100);
   EXPECT_EQ(lastCode(), 0);
-  EXPECT_EQ(held(), "ports port=2 -> speed=400\nports port=3 -> speed=100\n");
+  EXPECT_EQ(held(), rows({{2, 400}, {3, 100}}));
   EXPECT_EQ(counter("full"), "1");
 }
 
@@ -145,19 +154,19 @@ TEST_F(ForwardingAgentTest, FailedWritesKeepTheFormerRowAndTheirRollbackSucceeds
     write(1, 400);
     EXPECT_EQ(lastCode(), 8);
     EXPECT_NE(lastReport().message, "");
-    EXPECT_EQ(held(), "ports port=1 -> speed=100\n");
+    EXPECT_EQ(held(), rows({{1, 100}}));
     write(1, 100);  // the agent puts the former row back
     EXPECT_EQ(lastCode(), 0);
     erase(1);
     EXPECT_EQ(lastCode(), 8);
-    EXPECT_EQ(held(), "ports port=1 -> speed=100\n");
+    EXPECT_EQ(held(), rows({{1, 100}}));
   }
   rule("fail-table", "ports");
   write(2, 100);
   EXPECT_EQ(lastCode(), 8);
   erase(2);  // the agent takes the failed row away
   EXPECT_EQ(lastCode(), 0);
-  EXPECT_EQ(held(), "ports port=1 -> speed=100\n");
+  EXPECT_EQ(held(), rows({{1, 100}}));
 }
 
 TEST_F(ForwardingAgentTest, FailsTheKeysAndTheSharesAskedFor) {
@@ -188,8 +197,7 @@ TEST_F(ForwardingAgentTest, SnapshotReplacesWhatIsHeld) {
   write(3, 400);  // fails: the former row stays
   write(4, 100);
   agent_.snapshotEnd();
-  EXPECT_EQ(held(),
-            "ports port=2 -> speed=100\nports port=3 -> speed=100\nports port=4 -> speed=100\n");
+  EXPECT_EQ(held(), rows({{2, 100}, {3, 100}, {4, 100}}));
   EXPECT_EQ(counter("snapshots"), "1");
   EXPECT_EQ(counter("swept"), "1");
 
@@ -198,7 +206,7 @@ TEST_F(ForwardingAgentTest, SnapshotReplacesWhatIsHeld) {
   agent_.snapshotBegin();  // the agent went away under the first
   write(4, 100);
   agent_.snapshotEnd();
-  EXPECT_EQ(held(), "ports port=4 -> speed=100\n");
+  EXPECT_EQ(held(), rows({{4, 100}}));
 }
 
 // Rows that the snapshot will show to be gone hold the room of the new ones until its end.
@@ -211,7 +219,7 @@ TEST_F(ForwardingAgentTest, SnapshotFillsATableToItsCapacityAndNoFurther) {
   const uint64_t fourth = write(4, 100);
   write(2, 100);
   agent_.snapshotEnd();
-  EXPECT_EQ(held(), "ports port=2 -> speed=100\nports port=3 -> speed=100\n");
+  EXPECT_EQ(held(), rows({{2, 100}, {3, 100}}));
   ASSERT_EQ(subscriber_.reports.size(), 5u);
   EXPECT_EQ(subscriber_.reports[3].sequence, third);
   EXPECT_EQ(subscriber_.reports[3].errorCode, 0);
@@ -233,7 +241,7 @@ TEST_F(ForwardingAgentTest, UnreadableRowsAreReportedAndDoNotStopTheRest) {
                      .entryHandle = 1000 + ++sequence_,
                      .sequence = sequence_});
   EXPECT_EQ(lastCode(), 2);
-  EXPECT_EQ(held(), "ports port=1 -> speed=100\n");
+  EXPECT_EQ(held(), rows({{1, 100}}));
   write(2, 100);
   EXPECT_EQ(lastCode(), 0);
   EXPECT_EQ(counter("unreadable"), "3");
@@ -243,12 +251,12 @@ TEST_F(ForwardingAgentTest, TablesSurviveAnAgentThatComesBackUnlessTheirTypeChan
   write(1, 100);
   const Lattice::FollowedTable again{"ports", typeOf("key port : U16; speed : U32;")};
   agent_.tableAdded(again);
-  EXPECT_EQ(held(), "ports port=1 -> speed=100\n");
-  const Lattice::FollowedTable other{"ports", typeOf("key port : U16; speed : U64;")};
+  EXPECT_EQ(held(), rows({{1, 100}}));
+  const Lattice::FollowedTable other{"ports", typeOf("key port : U16; mtu : U32;")};
   agent_.tableAdded(other);
   EXPECT_EQ(held(), "");
-  change(other, 1, little(100, 8));
-  EXPECT_EQ(held(), "ports port=1 -> speed=100\n");
+  change(other, 1, little(100, 4));
+  EXPECT_EQ(held(), "ports port=0x0001 -> mtu=0x00000064\n");
   agent_.tableRemoved(other);
   EXPECT_EQ(agent_.table("ports"), nullptr);
 }
@@ -256,7 +264,7 @@ TEST_F(ForwardingAgentTest, TablesSurviveAnAgentThatComesBackUnlessTheirTypeChan
 TEST_F(ForwardingAgentTest, LateReportsKeepTheirOrderAndHoldNothingUp) {
   rule("latency", "100");
   write(1, 100);
-  EXPECT_EQ(held(), "ports port=1 -> speed=100\n");
+  EXPECT_EQ(held(), rows({{1, 100}}));
   now_ += 60ms;
   rule("latency", "0");  // does not overtake
   write(2, 100);
@@ -279,7 +287,7 @@ TEST_F(ForwardingAgentTest, SilenceProgramsButNeverReports) {
   rule("silent", "off");
   reports_.sendDue();
   EXPECT_TRUE(subscriber_.reports.empty());
-  EXPECT_EQ(held(), "ports port=1 -> speed=100\n");
+  EXPECT_EQ(held(), rows({{1, 100}}));
   EXPECT_EQ(counter("reports-dropped"), "1");
 }
 
@@ -290,8 +298,8 @@ TEST_F(ForwardingAgentTest, CommandsAnswerOrSayWhatIsWrong) {
     bool ok;
     const char* text;
   } cases[] = {
-      {"dump", true, "ports port=1 -> speed=100\n"},
-      {" dump  ports \r", true, "port=1"},
+      {"dump", true, "ports port=0x0001 -> speed=0x00000064\n"},
+      {" dump  ports \r", true, "port=0x0001"},
       {"dump nowhere", false, "there are: ports"},
       {"capacity ports=1", true, ""},
       {"stats", true, "table ports rows 1 capacity 1\n"},

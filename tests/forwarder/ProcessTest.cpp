@@ -58,7 +58,7 @@ class Agent {
     database_->batchBegin();
     for (uint16_t port = from; port < to; ++port) {
       ports_->rowIs({big(port, 2), little(speed, 4)}, 1000 + port);
-      rows_[port] = fmt::format("ports port={} -> speed={}\n", port, speed);
+      rows_[port] = fmt::format("ports port={:#06x} -> speed={:#010x}\n", port, speed);
     }
     ASSERT_EQ(database_->batchEnd(), std::nullopt);
   }
