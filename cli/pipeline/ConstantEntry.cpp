@@ -28,11 +28,8 @@ uint32_t prefixLengthOf(std::string_view text, uint32_t bits) {
 }
 
 const TableLayout& directLayout(const p4::config::v1::Table& table, const PipelineLayout& layout) {
-  const auto refused = layout.refused.find(table.preamble().id());
-  if (refused != layout.refused.end())
-    throw PipelineError("the table cannot be programmed: " + refused->second);
   const TableLayout* found = layout.table(TableKind::match, table.preamble().id());
-  if (found == nullptr) throw PipelineError("the table is not in the pipeline");
+  if (found == nullptr) throw PipelineError("the table cannot be programmed");
   if (found->indirect) {
     throw PipelineError(
         "the table takes members of an action profile; constant entries hold actions only");

@@ -207,32 +207,46 @@ EntryDraft draftOf(const p4::v1::Update& update, const P4InfoIndex& index) {
   return draft;
 }
 
-// Encodes entry after entry and puts its number and table before every error.
+// Encodes entry after entry and puts its number and table before every error. The entries of a
+// table that cannot be programmed are left out, like the table.
 class EntryList {
  public:
-  EntryList(const std::string& path, const PipelineLayout& layout) : path_(path), layout_(layout) {}
+  EntryList(const std::string& path, const PipelineLayout& layout, Findings* findings)
+      : path_(path), layout_(layout), findings_(findings) {}
 
   // `make` answers the next entry's draft; `table` is its name as far as it is known.
   template <typename Make>
   void add(const std::string& table, Make make) {
-    const size_t number = entries_.size() + 1;
+    ++number_;
+    const std::string place = path_ + ": entry " + std::to_string(number_) +
+                              (table.empty() ? "" : " (table " + table + ')') + ": ";
     try {
-      ConstantEntry entry = encodedEntry(make(), layout_);
-      const auto key = std::make_tuple(entry.tableId, entry.key, entry.priority);
-      const auto [other, isNew] = numbers_.emplace(key, number);
-      if (!isNew) throw PipelineError("it has the key of entry " + std::to_string(other->second));
-      entries_.push_back(std::move(entry));
+      const EntryDraft draft = make();
+      if (layout_.refused.count(draft.table->preamble().id()) != 0) {
+        findings_->warning("", place + "left out, because the table cannot be programmed");
+      } else {
+        append(encodedEntry(draft, layout_));
+      }
     } catch (const PipelineError& e) {
-      const std::string place = table.empty() ? "" : " (table " + table + ')';
-      throw PipelineError(path_ + ": entry " + std::to_string(number) + place + ": " + e.what());
+      throw PipelineError(place + e.what());
     }
   }
 
+  size_t count() const { return number_; }
   std::vector<ConstantEntry> take() { return std::move(entries_); }
 
  private:
+  void append(ConstantEntry entry) {
+    const auto key = std::make_tuple(entry.tableId, entry.key, entry.priority);
+    const auto [other, isNew] = numbers_.emplace(key, number_);
+    if (!isNew) throw PipelineError("it has the key of entry " + std::to_string(other->second));
+    entries_.push_back(std::move(entry));
+  }
+
   const std::string& path_;
   const PipelineLayout& layout_;
+  Findings* findings_;
+  size_t number_ = 0;  // of the newest entry, from 1
   std::vector<ConstantEntry> entries_;
   std::map<std::tuple<uint32_t, std::string, uint32_t>, size_t> numbers_;
 };
@@ -273,16 +287,15 @@ void readWriteRequest(const std::string& path, const std::string& contents,
 std::vector<ConstantEntry> readConstantEntries(const std::string& path, const P4InfoIndex& index,
                                                const PipelineLayout& layout, Findings* findings) {
   const std::string contents = fileContents(path);
-  EntryList list(path, layout);
+  EntryList list(path, layout, findings);
   const size_t start = contents.find_first_not_of(" \t\r\n");
   if (start != std::string::npos && (contents[start] == '[' || contents[start] == '{')) {
     readJsonEntries(path, contents, index, &list);
   } else {
     readWriteRequest(path, contents, index, &list, findings);
   }
-  std::vector<ConstantEntry> entries = list.take();
-  if (entries.empty()) findings->warning("", path + ": holds no entries");
-  return entries;
+  if (list.count() == 0) findings->warning("", path + ": holds no entries");
+  return list.take();
 }
 
 }  // namespace Cli

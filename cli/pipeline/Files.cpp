@@ -34,6 +34,7 @@ class TextErrors : public pb::io::ErrorCollector {
     if (error_.empty()) error_ = place(line, column) + ": " + message;
   }
   void AddWarning(int line, pb::io::ColumnNumber column, const std::string& message) override {
+    if (message.find(pb::Empty::descriptor()->full_name()) != std::string::npos) return;  // an Any
     findings_->warning("", place(line, column) + ": " + message + " It is left out.");
   }
   const std::string& error() const { return error_; }
