@@ -1,0 +1,197 @@
+// The pipeline of a device: installing it, what controllers may do about it, and what the target
+// hands back after a restart.
+#include <thread>
+
+#include "tests/PI/frontend/FrontendTest.h"
+
+namespace pi::fe::proto {
+namespace {
+
+using p4::v1::TableEntry;
+using p4::v1::Update;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
+using namespace std::string_literals;
+
+using PipelineTest = FrontendTest;
+using Get = p4::v1::GetForwardingPipelineConfigRequest;
+
+TEST_F(PipelineTest, NothingIsServedBeforeThereIsOne) {
+  Entries entries;
+  p4::v1::ForwardingPipelineConfig none;
+  EXPECT_FALSE(device->hasPipeline());
+  EXPECT_EQ(inserted(test::exact(test::kCounted, 1)).code(), code::failedPrecondition);
+  EXPECT_EQ(read({test::query(0)}, &entries).code(), code::failedPrecondition);
+  EXPECT_EQ(device->pipelineConfig(Get::ALL, &none).code(), code::ok);
+  EXPECT_THAT(none, EqualsProto(p4::v1::ForwardingPipelineConfig()));
+}
+
+TEST_F(PipelineTest, PartsAreReturnedAsAskedFor) {
+  pipelineIsUp();
+  const struct {
+    Get::ResponseType type;
+    bool p4Info, device;
+  } cases[] = {{Get::ALL, true, true},
+               {Get::COOKIE_ONLY, false, false},
+               {Get::P4INFO_AND_COOKIE, true, false},
+               {Get::DEVICE_CONFIG_AND_COOKIE, false, true}};
+  for (const auto& c : cases) {
+    p4::v1::ForwardingPipelineConfig got;
+    EXPECT_EQ(device->pipelineConfig(c.type, &got).code(), code::ok);
+    p4::v1::ForwardingPipelineConfig expected = config;
+    if (!c.p4Info) expected.clear_p4info();
+    if (!c.device) expected.clear_p4_device_config();
+    EXPECT_THAT(got, EqualsProto(expected));
+  }
+  p4::v1::ForwardingPipelineConfig got;
+  EXPECT_EQ(device->pipelineConfig(static_cast<Get::ResponseType>(9), &got).code(),
+            code::invalidArgument);
+}
+
+TEST_F(PipelineTest, ControllersMayOnlyPushTheRunningOne) {
+  pipelineIsUp();
+  p4::v1::ForwardingPipelineConfig other = config;
+  other.mutable_p4info()->mutable_tables(0)->set_size(5);
+  p4::v1::ForwardingPipelineConfig otherDevice = config;
+  otherDevice.clear_p4_device_config();
+  const p4::v1::ForwardingPipelineConfig none;
+  const struct {
+    const char* what;
+    Push::Action action;
+    const p4::v1::ForwardingPipelineConfig& pushed;
+    int code;
+  } steps[] = {
+      {"unspecified", Push::UNSPECIFIED, config, code::invalidArgument},
+      {"unknown", static_cast<Push::Action>(9), config, code::invalidArgument},
+      {"VERIFY of nothing", Push::VERIFY, none, code::invalidArgument},
+      {"VERIFY", Push::VERIFY, config, code::ok},
+      {"COMMIT of nothing", Push::COMMIT, none, code::notFound},
+      {"COMMIT with a config", Push::COMMIT, config, code::invalidArgument},
+      {"another P4Info", Push::VERIFY_AND_COMMIT, other, code::unimplemented},
+      {"another device config", Push::VERIFY_AND_SAVE, otherDevice, code::unimplemented},
+      {"nothing was saved by that", Push::COMMIT, none, code::notFound},
+      {"SAVE", Push::VERIFY_AND_SAVE, config, code::ok},
+      {"COMMIT", Push::COMMIT, none, code::ok},
+      {"COMMIT counts once", Push::COMMIT, none, code::notFound},
+      {"SAVE again", Push::VERIFY_AND_SAVE, config, code::ok},
+      {"RECONCILE drops what is saved", Push::RECONCILE_AND_COMMIT, config, code::ok},
+      {"so there is nothing", Push::COMMIT, none, code::notFound},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.what);
+    EXPECT_EQ(device->pipelineConfigCheck(step.action, &step.pushed != &none, step.pushed).code(),
+              step.code);
+  }
+  EXPECT_THAT(device->pipelineConfigCheck(Push::VERIFY, true, other).message(),
+              HasSubstr("the pipeline of device 1 is fixed by configuration"));
+}
+
+TEST_F(PipelineTest, FailedInstallLeavesTheFormerOne) {
+  pipelineIsUp();
+  ASSERT_EQ(inserted(test::exact(test::kCounted, 1)).code(), code::ok);
+  p4::v1::ForwardingPipelineConfig broken = config;
+  broken.mutable_p4info()->mutable_tables(0)->mutable_preamble()->set_id(0);
+  EXPECT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, broken).code(),
+            code::invalidArgument);
+  broken = config;
+  broken.set_p4_device_config("\xff no message");
+  EXPECT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, broken).code(),
+            code::invalidArgument);
+  target.updateDeviceStatusIs(PI_STATUS_TARGET_ERROR);
+  EXPECT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::internal);
+  EXPECT_THAT(found(test::query(test::kCounted)), SizeIs(1));
+}
+
+TEST_F(PipelineTest, SavedOneIsCommittedOnce) {
+  EXPECT_EQ(device->pipelineConfigSet(Push::COMMIT, {}).code(), code::notFound);
+  EXPECT_EQ(device->pipelineConfigSet(Push::VERIFY, config).code(), code::ok);
+  EXPECT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_SAVE, config).code(), code::ok);
+  EXPECT_FALSE(device->hasPipeline());
+  EXPECT_EQ(device->pipelineConfigSet(Push::COMMIT, {}).code(), code::ok);
+  EXPECT_TRUE(device->hasPipeline());
+  EXPECT_EQ(device->pipelineConfigSet(Push::COMMIT, {}).code(), code::notFound);
+}
+
+TEST_F(PipelineTest, ControllersWaitUntilTheTargetHasRestoredAll) {
+  device.reset();
+  device.emplace(1, std::chrono::hours(1));
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
+  Status status;
+  std::thread writer([&] { status = inserted(test::exact(test::kCounted, 1)); });
+  target.restored(0, "");
+  writer.join();
+  EXPECT_EQ(status.code(), code::ok);
+}
+
+TEST_F(PipelineTest, ControllersHearUnavailableWhenTheRestoreTakesTooLong) {
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
+  Entries entries;
+  EXPECT_EQ(inserted(test::exact(test::kCounted, 1)).code(), code::unavailable);
+  EXPECT_EQ(read({test::query(0)}, &entries).code(), code::unavailable);
+}
+
+TEST_F(PipelineTest, RestoredEntriesAreKnownAgain) {
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
+  target.rowIs({test::kCounted, 0, "\0\7"s}, {50, test::kDrop, ""});
+  EXPECT_THAT(target.restored(9, "blue"), ElementsAre(PI_STATUS_SUCCESS));
+  TableEntry expected = test::exact(test::kCounted, 7);
+  expected.set_controller_metadata(9);
+  expected.set_metadata("blue");
+  EXPECT_THAT(found(test::query(0)), ElementsAre(EqualsProto(expected)));
+  EXPECT_THAT(test::codesOf(inserted(expected)), ElementsAre(code::alreadyExists));
+  EXPECT_EQ(written({test::update(Update::DELETE, expected)}).code(), code::ok);
+  EXPECT_THAT(target.restored(0, ""), IsEmpty());
+}
+
+TEST_F(PipelineTest, RestoredEntriesThatDoNotFitAreRefused) {
+  const struct {
+    const char* what;
+    FakeTarget::Key key;
+    FakeTarget::Row row;
+  } cases[] = {
+      {"unknown table", {0x02000099, 0, "\1"s}, {1, test::kDrop, ""}},
+      {"short key", {test::kCounted, 0, "\1"s}, {1, test::kDrop, ""}},
+      {"action of another table", {test::kCounted, 0, "\0\1"s}, {1, test::kForward, "12345678"}},
+      {"action data too long", {test::kCounted, 0, "\0\2"s}, {1, test::kDrop, "1"}},
+      {"priority where none is due", {test::kCounted, 1, "\0\1"s}, {1, test::kDrop, ""}},
+      {"table of an action profile", {test::kWcmp, 0, "\1"s}, {1, test::kDrop, ""}},
+  };
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
+  for (const auto& c : cases) target.rowIs(c.key, c.row);
+  EXPECT_THAT(
+      target.restored(0, ""),
+      testing::AllOf(SizeIs(std::size(cases)), testing::Each(testing::Ne(PI_STATUS_SUCCESS))));
+  EXPECT_EQ(device->pipeline()->store().size(), 0u);
+}
+
+TEST_F(PipelineTest, ConstantAndInitialEntriesAreTakenOver) {
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
+  target.rowIs({test::kConst, 0, "\1"s}, {60, test::kDrop, ""});
+  target.rowIs({test::kInitial, 0, "\2"s}, {61, test::kDrop, ""});
+  ASSERT_EQ(pi_restore_done(1), PI_STATUS_SUCCESS);
+  TableEntry constant = test::exact(test::kConst, 1);
+  constant.set_is_const(true);
+  const TableEntry initial = test::exact(test::kInitial, 2);
+  EXPECT_THAT(found(test::query(0)),
+              UnorderedElementsAre(EqualsProto(constant), EqualsProto(initial)));
+  EXPECT_THAT(test::codesOf(inserted(initial)), ElementsAre(code::alreadyExists));
+  EXPECT_EQ(written({test::update(Update::DELETE, initial)}).code(), code::ok);
+  EXPECT_THAT(test::codesOf(written({test::update(Update::DELETE, test::exact(test::kConst, 1))})),
+              ElementsAre(code::permissionDenied));
+}
+
+TEST_F(PipelineTest, StreamMessagesAreRefusedByName) {
+  p4::v1::StreamMessageRequest request;
+  EXPECT_EQ(device->streamMessage(request).code(), code::invalidArgument);
+  request.mutable_packet();
+  EXPECT_EQ(device->streamMessage(request).code(), code::unimplemented);
+  EXPECT_THAT(device->streamMessage(request).message(), HasSubstr("packet-out"));
+  request.mutable_digest_ack();
+  EXPECT_THAT(device->streamMessage(request).message(), HasSubstr("digests"));
+}
+
+}  // namespace
+}  // namespace pi::fe::proto

@@ -1,0 +1,220 @@
+// Reads: what the filters take, what is refused, and how the answer is cut.
+#include <atomic>
+#include <thread>
+
+#include "tests/PI/frontend/FrontendTest.h"
+
+namespace pi::fe::proto {
+namespace {
+
+using p4::v1::TableEntry;
+using p4::v1::Update;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class ReadTest : public FrontendTest {
+ protected:
+  ReadTest() { pipelineIsUp(); }
+
+  static TableEntry defaultOf(uint32_t table) {
+    TableEntry entry = test::query(table);
+    entry.set_is_default_action(true);
+    return entry;
+  }
+};
+
+TEST_F(ReadTest, FiltersTakeWhatTheyName) {
+  TableEntry tagged = test::ipv4(1, 0x0a000000, 8, 1);
+  tagged.set_metadata("tag");
+  tagged.set_controller_metadata(5);
+  TableEntry dropped = test::ipv4(2, 0x0a000000, 8, 1);
+  dropped.mutable_action()->mutable_action()->Clear();
+  dropped.mutable_action()->mutable_action()->set_action_id(test::kDrop);
+  std::vector<Update> updates;
+  for (const TableEntry& entry : {tagged, dropped, test::ipv4(1, 0, 0, 2), test::acl(1, 0xff, 10),
+                                  test::acl(1, 0xff, 20), test::exact(test::kCounted, 4)}) {
+    updates.push_back(test::update(Update::INSERT, entry));
+  }
+  ASSERT_EQ(written(updates).code(), code::ok);
+  const auto with = [](uint32_t table, const std::function<void(TableEntry&)>& change) {
+    TableEntry query = test::query(table);
+    change(query);
+    return query;
+  };
+  TableEntry anyPriority = test::acl(1, 0xff, 0);
+  anyPriority.clear_action();
+  TableEntry oneAcl = test::acl(1, 0xff, 20);
+  const struct {
+    const char* what;
+    TableEntry query;
+    size_t entries;
+  } cases[] = {
+      {"all tables", test::query(0), 6},
+      {"one table", test::query(test::kIpv4), 3},
+      {"a whole key", test::ipv4Key(1, 0x0a000000, 8), 1},
+      {"a whole key with a field left out", test::ipv4Key(1, 0, 0), 1},
+      {"a key that is not there", test::ipv4Key(1, 0x0a000000, 9), 0},
+      {"a match with any priority", anyPriority, 2},
+      {"a match with its priority", oneAcl, 1},
+      {"a priority", with(test::kAcl, [](auto& q) { q.set_priority(10); }), 1},
+      {"an action",
+       with(test::kIpv4,
+            [](auto& q) { q.mutable_action()->mutable_action()->set_action_id(test::kDrop); }),
+       1},
+      {"metadata", with(test::kIpv4, [](auto& q) { q.set_metadata("tag"); }), 1},
+      {"controller metadata", with(test::kIpv4, [](auto& q) { q.set_controller_metadata(5); }), 1},
+      {"filters together",
+       with(test::kIpv4,
+            [](auto& q) {
+              q.set_metadata("tag");
+              q.set_controller_metadata(6);
+            }),
+       0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_THAT(found(c.query), SizeIs(c.entries));
+  }
+  EXPECT_THAT(found(test::ipv4Key(1, 0x0a000000, 8)), ElementsAre(EqualsProto(tagged)));
+}
+
+TEST_F(ReadTest, DefaultEntriesAreTheProgramsOwn) {
+  TableEntry ofIpv4 = defaultOf(test::kIpv4);
+  auto* action = ofIpv4.mutable_action()->mutable_action();
+  action->set_action_id(test::kForward);
+  for (const uint64_t value : {1, 2}) {
+    auto* param = action->add_params();
+    param->set_param_id(action->params_size());
+    param->set_value(test::number(value));
+  }
+  TableEntry ofAcl = defaultOf(test::kAcl);
+  ofAcl.mutable_action()->mutable_action()->set_action_id(test::kNoAction);
+  TableEntry ofConst = defaultOf(test::kConst);
+  ofConst.mutable_action()->mutable_action()->set_action_id(test::kDrop);
+  ofConst.set_is_const(true);
+  for (const TableEntry& expected : {ofIpv4, ofAcl, ofConst, defaultOf(test::kPort)}) {
+    EXPECT_THAT(found(defaultOf(expected.table_id())), ElementsAre(EqualsProto(expected)));
+  }
+}
+
+TEST_F(ReadTest, EachQueryIsAnsweredByItself) {
+  ASSERT_EQ(inserted(test::exact(test::kCounted, 1)).code(), code::ok);
+  const auto with = [](TableEntry query, const std::function<void(TableEntry&)>& change) {
+    change(query);
+    return query;
+  };
+  const TableEntry counted = test::query(test::kCounted);
+  p4::v1::ReadRequest request = test::readOf({
+      counted,
+      test::query(0x02000099),
+      test::query(test::kWcmp),
+      with(test::query(0), [](auto& q) { q.set_priority(1); }),
+      with(test::query(test::kIpv4), [](auto& q) { q.set_priority(1); }),
+      with(test::query(test::kIpv4), [](auto& q) { q.add_match()->set_field_id(1); }),
+      with(counted, [](auto& q) { q.mutable_action()->set_action_profile_group_id(1); }),
+      with(counted, [](auto& q) { q.mutable_counter_data(); }),
+      with(test::query(test::kIpv4), [](auto& q) { q.mutable_counter_data(); }),
+      with(test::query(test::kIpv4), [](auto& q) { q.mutable_time_since_last_hit(); }),
+      with(defaultOf(test::kIpv4), [](auto& q) { q.set_priority(1); }),
+  });
+  request.add_entities();
+  request.add_entities()->mutable_register_entry();
+  size_t entries = 0;
+  const Status status = device->read(request, [&](const p4::v1::ReadResponse& response) {
+    entries += response.entities_size();
+    return true;
+  });
+  EXPECT_EQ(status.code(), code::unknown);
+  EXPECT_EQ(entries, 1u);
+  EXPECT_THAT(
+      test::codesOf(status),
+      ElementsAre(code::ok, code::invalidArgument, code::unimplemented, code::invalidArgument,
+                  code::invalidArgument, code::invalidArgument, code::invalidArgument,
+                  code::unimplemented, code::ok, code::invalidArgument, code::invalidArgument,
+                  code::invalidArgument, code::unimplemented));
+}
+
+TEST_F(ReadTest, TargetThatCannotAnswerIsAnInternalErrorOfItsQuery) {
+  ASSERT_EQ(inserted(test::exact(test::kCounted, 1)).code(), code::ok);
+  target.rowIs({test::kIpv4, 0, "short"}, {7, test::kDrop, ""});
+  Entries entries;
+  EXPECT_THAT(
+      test::codesOf(read({test::query(test::kIpv4), test::query(test::kCounted)}, &entries)),
+      ElementsAre(code::internal, code::ok));
+  EXPECT_THAT(entries, SizeIs(1));
+  target.fetchStatusIs(PI_STATUS_TARGET_ERROR);
+  EXPECT_THAT(test::codesOf(read({test::query(test::kCounted)}, &entries)),
+              ElementsAre(code::internal));
+}
+
+TEST_F(ReadTest, LargeTablesComeInPiecesBelowOneMebibyte) {
+  std::vector<Update> updates;
+  for (uint32_t n = 0; n < 3000; ++n) {
+    TableEntry entry = test::ipv4(1, n << 8, 24, 1);
+    entry.set_metadata(std::string(1000, 'm'));
+    updates.push_back(test::update(Update::INSERT, entry));
+  }
+  ASSERT_EQ(written(updates).code(), code::ok);
+  std::vector<size_t> sizes;
+  size_t entities = 0;
+  const auto request = test::readOf({test::query(0)});
+  EXPECT_EQ(device
+                ->read(request,
+                       [&](const p4::v1::ReadResponse& response) {
+                         sizes.push_back(response.ByteSizeLong());
+                         entities += response.entities_size();
+                         return true;
+                       })
+                .code(),
+            code::ok);
+  EXPECT_EQ(entities, 3000u);
+  EXPECT_EQ(sizes.size(), 4u);
+  EXPECT_THAT(sizes, testing::Each(testing::Lt(1u << 20)));
+  int calls = 0;
+  EXPECT_EQ(device->read(request, [&](const p4::v1::ReadResponse&) { return ++calls < 2; }).code(),
+            code::cancelled);
+  EXPECT_EQ(calls, 2) << "the client had gone";
+}
+
+// Every Write moves all entries to the next port, or replaces them by others. A read that shows two
+// ports at once, or half of the entries, saw half of a Write.
+TEST_F(ReadTest, SeesEachWriteWhollyOrNotAtAll) {
+  constexpr uint32_t kEntries = 50;
+  constexpr uint32_t kWrites = 60;
+  const auto all = [](Update::Type type, uint32_t vrf, uint32_t port) {
+    std::vector<Update> updates;
+    for (uint32_t n = 0; n < kEntries; ++n) {
+      updates.push_back(test::update(type, test::ipv4(vrf, n << 8, 24, port)));
+    }
+    return updates;
+  };
+  ASSERT_EQ(written(all(Update::INSERT, 1, 1)).code(), code::ok);
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    for (uint32_t i = 1; i < kWrites; ++i) {
+      std::vector<Update> updates = all(Update::MODIFY, i, i + 1);  // again in a second batch
+      const std::vector<Update> gone = all(Update::DELETE, i, 0);
+      const std::vector<Update> fresh = all(Update::INSERT, i + 1, i + 1);
+      updates.insert(updates.end(), gone.begin(), gone.end());
+      updates.insert(updates.end(), fresh.begin(), fresh.end());
+      EXPECT_EQ(written(updates).code(), code::ok);
+    }
+    done = true;
+  });
+  size_t reads = 0;
+  while (!done || reads == 0) {
+    const Entries entries = found(test::query(0));
+    ASSERT_EQ(entries.size(), kEntries);
+    for (const TableEntry& entry : entries) {
+      ASSERT_EQ(entry.match(0).exact().value(), entries[0].match(0).exact().value());
+      ASSERT_EQ(entry.action().action().params(0).value(),
+                entries[0].action().action().params(0).value());
+    }
+    ++reads;
+  }
+  writer.join();
+}
+
+}  // namespace
+}  // namespace pi::fe::proto
