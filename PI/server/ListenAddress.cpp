@@ -24,7 +24,7 @@ std::optional<HostPort> parsed(const std::string& address) {
   HostPort out{address.substr(0, colon), address.substr(colon + 1)};
   if (out.host.front() == '[' && out.host.back() == ']') {
     out.host = out.host.substr(1, out.host.size() - 2);
-  } else if (out.host.find(':') != std::string::npos) {
+  } else if (out.host.find_first_of(":[]") != std::string::npos) {
     return std::nullopt;  // IPv6 without brackets: where does the port begin?
   }
   unsigned number = 0;

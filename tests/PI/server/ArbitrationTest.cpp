@@ -1,0 +1,336 @@
+// Who is primary, and who hears of it: the rules one by one and as stories.
+#include "PI/server/Arbitration.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace pi::server {
+namespace {
+
+using grpc::StatusCode;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+constexpr std::nullopt_t kNone = std::nullopt;
+
+std::optional<ElectionId> eid(uint64_t low, uint64_t high = 0) {
+  return ElectionId{.high = high, .low = low};
+}
+
+class ArbitrationTest : public testing::Test {
+ protected:
+  // A controller's stream; notices of all controllers land in one log, in their order.
+  class Controller : public ArbitrationClient {
+   public:
+    Controller(ArbitrationTest& test, std::string name, RoleOfDevice role = {1, ""})
+        : test_(test), name_(std::move(name)), role_(std::move(role)) {}
+    ~Controller() override { disconnect(); }
+
+    StatusCode arbitrate(std::optional<ElectionId> id) {
+      return test_.arbitration_.clientIs(*this, role_, id).error_code();
+    }
+    StatusCode arbitrateAs(const RoleOfDevice& role, std::optional<ElectionId> id) {
+      return test_.arbitration_.clientIs(*this, role, id).error_code();
+    }
+    void disconnect() { test_.arbitration_.clientDel(*this); }
+    bool isPrimary() const { return test_.arbitration_.isPrimary(*this); }
+
+    void arbitrationNoticeIs(const ArbitrationNotice& notice) override {
+      const char* const code = notice.code == StatusCode::OK               ? "OK"
+                               : notice.code == StatusCode::ALREADY_EXISTS ? "ALREADY_EXISTS"
+                               : notice.code == StatusCode::NOT_FOUND      ? "NOT_FOUND"
+                                                                           : "?";
+      test_.log_.push_back(
+          name_ + ": " + code +
+          (notice.highest ? ", " + std::to_string(notice.highest->low) : ", unset"));
+    }
+
+   private:
+    ArbitrationTest& test_;
+    const std::string name_;
+    const RoleOfDevice role_;
+  };
+
+  // The notices since the last look.
+  std::vector<std::string> notices() { return std::exchange(log_, {}); }
+
+  // A Write that begins now; it runs as long as the result lives.
+  Arbitration::WritePermit write(std::optional<ElectionId> id, StatusCode expected,
+                                 const RoleOfDevice& role = {1, ""}) {
+    Arbitration::WritePermit permit;
+    EXPECT_EQ(arbitration_.writePermit(role, id, &permit).error_code(), expected);
+    return permit;
+  }
+  std::string refusal(std::optional<ElectionId> id, const RoleOfDevice& role = {1, ""}) {
+    return arbitration_.requirePrimary(role, id).error_message();
+  }
+
+  Arbitration arbitration_;
+  std::vector<std::string> log_;
+};
+
+TEST_F(ArbitrationTest, TheStandardsWorkedExample) {
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  Controller c(*this, "C");
+  Controller d(*this, "D");
+  EXPECT_EQ(a.arbitrate(eid(10)), StatusCode::OK);
+  EXPECT_THAT(notices(), ElementsAre("A: OK, 10"));
+  EXPECT_EQ(b.arbitrate(eid(5)), StatusCode::OK);
+  EXPECT_THAT(notices(), ElementsAre("B: ALREADY_EXISTS, 10"));
+  EXPECT_EQ(b.arbitrate(eid(11)), StatusCode::OK);
+  EXPECT_THAT(notices(), ElementsAre("A: ALREADY_EXISTS, 11", "B: OK, 11"));
+  write(eid(10), StatusCode::PERMISSION_DENIED);
+  b.disconnect();
+  EXPECT_THAT(notices(), ElementsAre("A: NOT_FOUND, 11"));
+  EXPECT_EQ(a.arbitrate(eid(10)), StatusCode::OK);
+  EXPECT_THAT(notices(), ElementsAre("A: NOT_FOUND, 11"));
+  EXPECT_EQ(c.arbitrate(eid(10)), StatusCode::INVALID_ARGUMENT);
+  c.disconnect();
+  EXPECT_THAT(notices(), IsEmpty());
+  EXPECT_EQ(d.arbitrate(kNone), StatusCode::OK);
+  EXPECT_THAT(notices(), ElementsAre("D: NOT_FOUND, 11"));
+  EXPECT_EQ(a.arbitrate(eid(11)), StatusCode::OK);
+  EXPECT_THAT(notices(), UnorderedElementsAre("A: OK, 11", "D: ALREADY_EXISTS, 11"));
+  EXPECT_EQ(a.arbitrate(eid(11)), StatusCode::OK);
+  EXPECT_THAT(notices(), ElementsAre("D: ALREADY_EXISTS, 11", "A: OK, 11"));
+  EXPECT_EQ(a.arbitrate(kNone), StatusCode::OK);
+  EXPECT_THAT(notices(), UnorderedElementsAre("A: NOT_FOUND, 11", "D: NOT_FOUND, 11"));
+}
+
+TEST_F(ArbitrationTest, ElectionIdsCompareAsUnsigned128BitNumbers) {
+  const struct {
+    const char* what;
+    ElectionId first;
+    ElectionId second;
+    bool secondWins;
+  } cases[] = {
+      {"high counts before low", {1, 0}, {0, ~0ull}, false},
+      {"low decides among equal highs", {1, 5}, {1, 6}, true},
+      {"unsigned", {0, 1ull << 63}, {0, 1}, false},
+      {"unsigned in high", {1ull << 63, 0}, {1, 0}, false},
+      {"zero is the lowest", {0, 0}, {0, 1}, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const RoleOfDevice role{1, c.what};
+    Controller first(*this, "first", role);
+    Controller second(*this, "second", role);
+    first.arbitrate(c.first);
+    EXPECT_TRUE(first.isPrimary());
+    second.arbitrate(c.second);
+    EXPECT_EQ(second.isPrimary(), c.secondWins);
+    EXPECT_NE(first.isPrimary(), second.isPrimary());
+  }
+}
+
+TEST_F(ArbitrationTest, AnAbsentElectionIdIsNoZero) {
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  Controller c(*this, "C");
+  a.arbitrate(kNone);
+  b.arbitrate(kNone);  // any number may have none
+  EXPECT_THAT(notices(), ElementsAre("A: NOT_FOUND, unset", "B: NOT_FOUND, unset"));
+  write(kNone, StatusCode::PERMISSION_DENIED);
+  a.arbitrate(eid(0));
+  EXPECT_TRUE(a.isPrimary());
+  EXPECT_EQ(c.arbitrate(eid(0)), StatusCode::INVALID_ARGUMENT);
+  write(kNone, StatusCode::PERMISSION_DENIED);
+  write(eid(0), StatusCode::OK);
+}
+
+TEST_F(ArbitrationTest, ABackupThatLeavesOrChangesConcernsNobodyElse) {
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  a.arbitrate(eid(10));
+  b.arbitrate(eid(5));
+  notices();
+  b.arbitrate(eid(6));
+  EXPECT_THAT(notices(), ElementsAre("B: ALREADY_EXISTS, 10"));
+  b.disconnect();
+  EXPECT_THAT(notices(), IsEmpty());
+}
+
+TEST_F(ArbitrationTest, BackupBelowHighestElectionIdDoesNotInherit) {
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  a.arbitrate(eid(7));
+  b.arbitrate(eid(5));
+  notices();
+  a.disconnect();
+  EXPECT_THAT(notices(), ElementsAre("B: NOT_FOUND, 7"));
+  b.arbitrate(eid(6));
+  EXPECT_FALSE(b.isPrimary());
+  write(eid(7), StatusCode::PERMISSION_DENIED);  // the id of a primary that has gone
+}
+
+TEST_F(ArbitrationTest, HighestElectionIdOutlivesAllClientsAndEqualitySuffices) {
+  {
+    Controller a(*this, "A");
+    a.arbitrate(eid(7));
+  }
+  Controller b(*this, "B");
+  b.arbitrate(eid(6));
+  EXPECT_FALSE(b.isPrimary());
+  b.arbitrate(eid(7));
+  EXPECT_TRUE(b.isPrimary());
+}
+
+TEST_F(ArbitrationTest, AnIdIsFreeAgainOnceItsHolderTookAnotherOrHasGone) {
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  a.arbitrate(eid(5));
+  a.arbitrate(eid(6));
+  EXPECT_EQ(b.arbitrate(eid(5)), StatusCode::OK);
+  EXPECT_EQ(a.arbitrate(eid(5)), StatusCode::INVALID_ARGUMENT);
+  b.disconnect();
+  EXPECT_EQ(a.arbitrate(eid(5)), StatusCode::OK);
+}
+
+TEST_F(ArbitrationTest, APrimaryWhoseUpdateIsRefusedLeavesLikeAnyOther) {
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  a.arbitrate(eid(10));
+  b.arbitrate(eid(5));
+  notices();
+  EXPECT_EQ(a.arbitrate(eid(5)), StatusCode::INVALID_ARGUMENT);
+  a.disconnect();
+  EXPECT_THAT(notices(), ElementsAre("B: NOT_FOUND, 10"));
+}
+
+TEST_F(ArbitrationTest, AStreamKeepsItsDeviceAndRole) {
+  Controller a(*this, "A", {1, "routing"});
+  a.arbitrate(eid(1));
+  EXPECT_EQ(a.arbitrateAs({2, "routing"}, eid(1)), StatusCode::FAILED_PRECONDITION);
+  EXPECT_EQ(a.arbitrateAs({1, ""}, eid(1)), StatusCode::FAILED_PRECONDITION);
+  EXPECT_TRUE(a.isPrimary());  // until its stream ends
+}
+
+TEST_F(ArbitrationTest, RolesAndDevicesAreIndependent) {
+  Controller a(*this, "A", {1, ""});
+  Controller b(*this, "B", {1, "routing"});
+  Controller c(*this, "C", {2, ""});
+  a.arbitrate(eid(5));
+  b.arbitrate(eid(5));
+  c.arbitrate(eid(5));
+  EXPECT_TRUE(a.isPrimary() && b.isPrimary() && c.isPrimary());
+  write(eid(5), StatusCode::OK, {1, "routing"});
+  write(eid(5), StatusCode::NOT_FOUND, {1, "switching"});
+  std::vector<ArbitrationClient*> primaries;
+  arbitration_.forEachPrimary(1, [&](ArbitrationClient& client) { primaries.push_back(&client); });
+  EXPECT_THAT(primaries, UnorderedElementsAre(&a, &b));
+}
+
+TEST_F(ArbitrationTest, RefusalsSayWhoIsPrimary) {
+  EXPECT_EQ(refusal(eid(7)),
+            "not primary: election id 7 of role '' on device 1; there is no primary");
+  Controller a(*this, "A");
+  a.arbitrate(eid(10));
+  EXPECT_EQ(refusal(eid(7)),
+            "not primary: election id 7 of role '' on device 1; the primary has 10");
+  EXPECT_THAT(refusal(kNone), HasSubstr("no election id of role ''"));
+  EXPECT_THAT(refusal(eid(2, 1)), HasSubstr("{high: 1, low: 2}"));
+  a.disconnect();
+  EXPECT_THAT(refusal(eid(10)), HasSubstr("there is no primary; an arbitration update with 10"));
+  EXPECT_THAT(refusal(eid(1), {1, "x"}), HasSubstr("unknown role 'x' on device 1"));
+}
+
+TEST_F(ArbitrationTest, StreamsAndRolesAreLimited) {
+  Arbitration small({.clientsOfRole = 2, .roles = 2});
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  Controller c(*this, "C");
+  EXPECT_TRUE(small.clientIs(a, {1, ""}, kNone).ok());
+  EXPECT_TRUE(small.clientIs(b, {1, ""}, kNone).ok());
+  EXPECT_EQ(small.clientIs(c, {1, ""}, kNone).error_code(), StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_TRUE(small.clientIs(c, {1, "x"}, kNone).ok());
+  small.clientDel(b);
+  EXPECT_EQ(small.clientIs(b, {1, "y"}, kNone).error_code(), StatusCode::RESOURCE_EXHAUSTED);
+  small.clientDel(c);  // a role without primary goes with its last client
+  EXPECT_TRUE(small.clientIs(b, {1, "y"}, kNone).ok());
+  small.clientDel(a);
+  small.clientDel(b);
+}
+
+// While Writes of the former primary run, nobody's are taken.
+class HandOverTest : public ArbitrationTest {
+ protected:
+  HandOverTest() {
+    a_.arbitrate(eid(10));
+    b_.arbitrate(eid(5));
+    running_ = write(eid(10), StatusCode::OK);
+    notices();
+  }
+  void writeEnds() { running_ = {}; }
+
+  Controller a_{*this, "A"};
+  Controller b_{*this, "B"};
+  Controller c_{*this, "C"};
+  Arbitration::WritePermit running_;
+};
+
+TEST_F(HandOverTest, NewPrimaryIsInstalledOnceTheOldOnesWritesAreDone) {
+  Arbitration::WritePermit second = write(eid(10), StatusCode::OK);
+  b_.arbitrate(eid(11));
+  EXPECT_THAT(notices(), ElementsAre("A: ALREADY_EXISTS, 11"));
+  write(eid(10), StatusCode::PERMISSION_DENIED);
+  write(eid(11), StatusCode::PERMISSION_DENIED);
+  EXPECT_FALSE(b_.isPrimary());
+  writeEnds();
+  EXPECT_THAT(notices(), IsEmpty());
+  second = {};
+  EXPECT_THAT(notices(), ElementsAre("B: OK, 11"));
+  write(eid(11), StatusCode::OK);
+  write(eid(10), StatusCode::PERMISSION_DENIED);
+}
+
+TEST_F(HandOverTest, APrimaryThatRepeatsItsIdWaitsForItsOwnWrites) {
+  a_.arbitrate(eid(10));
+  EXPECT_THAT(notices(), ElementsAre("B: ALREADY_EXISTS, 10"));
+  write(eid(10), StatusCode::PERMISSION_DENIED);
+  writeEnds();
+  EXPECT_THAT(notices(), ElementsAre("A: OK, 10"));
+  write(eid(10), StatusCode::OK);
+}
+
+TEST_F(HandOverTest, WritesOfAPrimaryThatHasGoneStillHoldUpTheNext) {
+  a_.disconnect();
+  EXPECT_THAT(notices(), ElementsAre("B: NOT_FOUND, 10"));
+  b_.arbitrate(eid(11));
+  EXPECT_THAT(notices(), IsEmpty());
+  writeEnds();
+  EXPECT_THAT(notices(), ElementsAre("B: OK, 11"));
+}
+
+TEST_F(HandOverTest, AHigherOneOvertakesTheOneThatWaits) {
+  b_.arbitrate(eid(11));
+  c_.arbitrate(eid(12));
+  EXPECT_THAT(notices(), UnorderedElementsAre("A: ALREADY_EXISTS, 11", "A: ALREADY_EXISTS, 12",
+                                              "B: ALREADY_EXISTS, 12"));
+  writeEnds();
+  EXPECT_THAT(notices(), ElementsAre("C: OK, 12"));
+}
+
+TEST_F(HandOverTest, TheOneThatWaitsMayLeaveOrStepDown) {
+  for (const bool leaves : {true, false}) {
+    SCOPED_TRACE(leaves);
+    Controller waiting(*this, "W");
+    waiting.arbitrate(eid(leaves ? 11 : 12));
+    notices();
+    leaves ? waiting.disconnect() : (void)waiting.arbitrate(kNone);
+    EXPECT_THAT(notices(), testing::Contains(HasSubstr("A: NOT_FOUND")));
+  }
+  writeEnds();
+  EXPECT_THAT(notices(), IsEmpty());
+  write(eid(12), StatusCode::PERMISSION_DENIED);
+}
+
+}  // namespace
+}  // namespace pi::server

@@ -1,0 +1,66 @@
+#include "tests/PI/server/FakeDeviceMgr.h"
+
+FakeDevice& TheFakeDevice() {
+  static FakeDevice device;
+  return device;
+}
+
+void FakeDevice::emit(uint64_t deviceId, const p4::v1::StreamMessageResponse& response) {
+  p4::v1::StreamMessageResponse copy = response;
+  callback(deviceId, &copy, cookie);
+}
+
+FakeDevice::Status statusOf(int code, const std::string& message) {
+  FakeDevice::Status status;
+  status.set_code(code);
+  status.set_message(message);
+  return status;
+}
+
+namespace pi::fe::proto {
+
+class DeviceMgrImp {};
+
+DeviceMgr::DeviceMgr(pi_dev_id_t) { ++TheFakeDevice().alive; }
+DeviceMgr::~DeviceMgr() { --TheFakeDevice().alive; }
+
+DeviceMgr::Status DeviceMgr::pipeline_config_set(p4::v1::SetForwardingPipelineConfigRequest::Action,
+                                                 const p4::v1::ForwardingPipelineConfig& config) {
+  if (TheFakeDevice().pipelineStatus.code() == 0) TheFakeDevice().pipelines.push_back(config);
+  return TheFakeDevice().pipelineStatus;
+}
+
+DeviceMgr::Status DeviceMgr::pipeline_config_check(
+    p4::v1::SetForwardingPipelineConfigRequest::Action, bool,
+    const p4::v1::ForwardingPipelineConfig&) {
+  return statusOf(12, "the pipeline is fixed");
+}
+
+DeviceMgr::Status DeviceMgr::pipeline_config_get(
+    p4::v1::GetForwardingPipelineConfigRequest::ResponseType,
+    p4::v1::ForwardingPipelineConfig* config) {
+  *config = TheFakeDevice().pipelines.back();
+  return {};
+}
+
+bool DeviceMgr::has_pipeline() const { return true; }
+
+DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request) {
+  return TheFakeDevice().onWrite ? TheFakeDevice().onWrite(request) : Status();
+}
+
+DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request, const ReadSink& sink) const {
+  return TheFakeDevice().onRead ? TheFakeDevice().onRead(request, sink) : Status();
+}
+
+DeviceMgr::Status DeviceMgr::stream_message_request_handle(
+    const p4::v1::StreamMessageRequest& request) {
+  return TheFakeDevice().onStreamMessage ? TheFakeDevice().onStreamMessage(request) : Status();
+}
+
+void DeviceMgr::stream_message_response_register_cb(StreamMessageResponseCb cb, void* cookie) {
+  TheFakeDevice().callback = cb;
+  TheFakeDevice().cookie = cookie;
+}
+
+}  // namespace pi::fe::proto

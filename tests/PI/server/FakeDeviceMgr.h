@@ -1,0 +1,33 @@
+// Stands in for the front end: the DeviceMgr of this test program does what the test tells it to.
+#pragma once
+
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "PI/frontends/proto/device_mgr.h"
+
+struct FakeDevice {
+  using DeviceMgr = pi::fe::proto::DeviceMgr;
+  using Status = DeviceMgr::Status;
+
+  std::function<Status(const p4::v1::WriteRequest&)> onWrite;
+  std::function<Status(const p4::v1::ReadRequest&, const DeviceMgr::ReadSink&)> onRead;
+  std::function<Status(const p4::v1::StreamMessageRequest&)> onStreamMessage;
+  Status pipelineStatus;  // of the next push
+
+  // What DeviceMgr objects saw. Pushes come one after another; reading them needs no lock then.
+  std::vector<p4::v1::ForwardingPipelineConfig> pipelines;
+  int alive = 0;
+
+  // As if the device had something for its controllers.
+  void emit(uint64_t deviceId, const p4::v1::StreamMessageResponse& response);
+
+  DeviceMgr::StreamMessageResponseCb callback;
+  void* cookie = nullptr;
+};
+
+// Reset it before each test, while no server runs.
+FakeDevice& TheFakeDevice();
+
+FakeDevice::Status statusOf(int code, const std::string& message = "");

@@ -1,0 +1,99 @@
+// Starting and stopping the server, with calls under way.
+#include <gmock/gmock.h>
+
+#include <future>
+#include <vector>
+
+#include "PI/proto/pi_server.h"
+#include "tests/PI/server/ServerFixture.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+TEST(ServerStart, SaysWhyItCannotListenAndCanStartAfterwards) {
+  EXPECT_EQ(PIGrpcServerRunAddr("nonsense"), -1);
+  EXPECT_THAT(PIGrpcServerLastError(), HasSubstr("cannot listen on nonsense: "));
+  EXPECT_EQ(PIGrpcServerRunAddr(nullptr), -1);
+  EXPECT_EQ(PIGrpcServerGetPort(), 0);
+  const PIGrpcServerSSLOptions_t nothing{};
+  EXPECT_EQ(PIGrpcServerRunAddrSSL("127.0.0.1:0", &nothing), -1);
+  EXPECT_THAT(PIGrpcServerLastError(), HasSubstr("certificate"));
+
+  ASSERT_EQ(PIGrpcServerRunAddr("127.0.0.1:0"), 0);
+  EXPECT_STREQ(PIGrpcServerLastError(), "");
+  EXPECT_EQ(PIGrpcServerWaitStarted(0), 0);
+  EXPECT_NE(PIGrpcServerGetPort(), 0);
+  EXPECT_EQ(PIGrpcServerRunAddr("127.0.0.1:0"), -1);
+  EXPECT_THAT(PIGrpcServerLastError(), HasSubstr("running already"));
+  PIGrpcServerCleanup();
+  EXPECT_EQ(PIGrpcServerWaitStarted(0), -1);
+}
+
+TEST(ServerStart, StoppingWhatDoesNotRunDoesNothing) {
+  PIGrpcServerShutdown();
+  PIGrpcServerWait();
+  PIGrpcServerForceShutdown(1);
+  PIGrpcServerCleanup();
+}
+
+TEST_F(ServerTest, ShutDownEndsOpenStreamsAndWaitReturns) {
+  std::vector<std::unique_ptr<Controller>> controllers;
+  for (uint64_t id = 1; id <= 8; ++id) {
+    controllers.push_back(std::make_unique<Controller>(*stub_, deviceId_));
+    EXPECT_EQ(controllers.back()->arbitrate(id), StatusCode::OK);
+  }
+  auto waiting = std::async(std::launch::async, [] { PIGrpcServerWait(); });
+  PIGrpcServerShutdown();
+  waiting.wait();
+  for (const auto& controller : controllers) EXPECT_FALSE(controller->ended().ok());
+}
+
+TEST_F(ServerTest, ShutDownLetsARunningWriteFinish) {
+  const auto primary = served();
+  std::promise<void> begun;
+  std::promise<void> release;
+  TheFakeDevice().onWrite = [&](const p4::v1::WriteRequest&) {
+    begun.set_value();
+    release.get_future().wait();
+    return statusOf(0);
+  };
+  auto running = std::async(std::launch::async, [&] { return write(10); });
+  begun.get_future().wait();
+  auto shutDown = std::async(std::launch::async, [] { PIGrpcServerShutdown(); });
+  EXPECT_FALSE(primary->ended().ok());  // by now the server is going down
+  release.set_value();
+  EXPECT_TRUE(running.get().ok());
+  shutDown.wait();
+}
+
+// A Write once waited for a lock that the thread which shut the server down held.
+TEST_F(ServerTest, ForcedShutDownReturnsThoughAWriteDoesNot) {
+  const auto primary = served();
+  std::promise<void> begun;
+  std::promise<void> release;
+  TheFakeDevice().onWrite = [&](const p4::v1::WriteRequest&) {
+    begun.set_value();
+    release.get_future().wait();
+    return statusOf(0);
+  };
+  auto running = std::async(std::launch::async, [&] { return write(10); });
+  begun.get_future().wait();
+  PIGrpcServerForceShutdown(0);
+  EXPECT_EQ(TheFakeDevice().alive, 1);  // the Write still has its device
+  EXPECT_FALSE(running.get().ok());
+  release.set_value();
+}
+
+TEST_F(ServerTest, ElectionIdsAreRememberedOverARestart) {
+  const auto primary = served(10);
+  stop();
+  start();
+  ASSERT_TRUE(push().ok());
+  Controller lower(*stub_, deviceId_);
+  EXPECT_EQ(lower.arbitrate(9), StatusCode::NOT_FOUND);
+  Controller same(*stub_, deviceId_);
+  EXPECT_EQ(same.arbitrate(10), StatusCode::OK);
+}
+
+}  // namespace

@@ -1,0 +1,61 @@
+#include "PI/server/ListenAddress.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace pi::server {
+namespace {
+
+using testing::HasSubstr;
+
+TEST(ListenObstacle, NamesTheAddressAndAWayOut) {
+  const struct {
+    const char* address;
+    const char* obstacle;  // null: none
+  } cases[] = {
+      {"127.0.0.1:0", nullptr},
+      {"localhost:0", nullptr},
+      {"unix:/no/such/folder/socket", nullptr},  // gRPC's to judge
+      {"", "not an address"},
+      {":", "not an address"},
+      {"127.0.0.1", "not an address"},
+      {"127.0.0.1:", "not an address"},
+      {"127.0.0.1:http", "not an address"},
+      {"127.0.0.1:65536", "not an address"},
+      {"127.0.0.1:-1", "not an address"},
+      {"::1:9559", "not an address"},
+      {"[:9559", "not an address"},
+      {"192.0.2.1:0", "no interface has this address"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.address);
+    const std::string obstacle = listenObstacle(c.address);
+    if (!c.obstacle) {
+      EXPECT_EQ(obstacle, "");
+      continue;
+    }
+    EXPECT_THAT(obstacle, HasSubstr("cannot listen on " + std::string(c.address) + ": "));
+    EXPECT_THAT(obstacle, HasSubstr(c.obstacle));
+  }
+}
+
+TEST(ListenObstacle, SeesAPortInUse) {
+  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), size), 0);
+  ASSERT_EQ(listen(fd, 1), 0);
+  ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
+  const std::string text = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  EXPECT_EQ(listenObstacle(text),
+            "cannot listen on " + text + ": address in use; choose another port");
+  close(fd);
+}
+
+}  // namespace
+}  // namespace pi::server
