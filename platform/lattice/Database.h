@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,7 @@
 namespace Lattice {
 
 class Database;
+class DatabaseImpl;
 
 // The typed access interface of one table. Call with the activity lock held.
 class ArTableInterface : public Vela::RefCounted {
@@ -45,7 +47,7 @@ class ArTableInterface : public Vela::RefCounted {
   struct Impl;
 
  private:
-  friend class Database;
+  friend class DatabaseImpl;
   std::unique_ptr<Impl> impl_;
 };
 

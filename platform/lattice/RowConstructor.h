@@ -38,7 +38,9 @@ class RowConstructor : public Vela::RefCounted {
   std::string constructKey(std::span<const uint8_t* const> keyFields) const;
 
  private:
+  struct Plan;
   std::shared_ptr<const TableType> type_;
+  std::shared_ptr<const Plan> plan_;  // each column's copying, worked out once
 };
 
 }  // namespace Lattice

@@ -1,0 +1,342 @@
+#include "platform/lattice/Database.h"
+
+#include <algorithm>
+#include <map>
+#include <new>
+#include <random>
+#include <set>
+#include <stdexcept>
+
+#include "platform/lattice/ArTable.h"
+#include "platform/lattice/Doorbell.h"
+#include "platform/lattice/Journal.h"
+#include "platform/lattice/Packing.h"
+#include "platform/lattice/StoreLayout.h"
+#include "platform/scrivel/Trace.h"
+#include "platform/vela/ActivityLock.h"
+
+namespace Lattice {
+namespace {
+
+Scrivel::TraceHandle trace("LatticeDatabase");
+
+StoreIdentity randomIdentity() {
+  StoreIdentity identity;
+  std::random_device device;
+  for (char& byte : identity) byte = static_cast<char>(device());
+  return identity;
+}
+
+// A store keeps its identity for life; one without gets one.
+StoreIdentity identityOf(Brine::Store& store) {
+  const Brine::TableNumber meta = store.table(metaTable);
+  StoreIdentity identity{};
+  const auto stored = store.get(meta, Brine::asBytes(identityKey));
+  if (stored && stored->size() == identity.size()) {
+    std::copy(stored->begin(), stored->end(), identity.begin());
+    return identity;
+  }
+  identity = randomIdentity();
+  store.put(meta, Brine::asBytes(identityKey),
+            Brine::asBytes(std::string_view(identity.data(), identity.size())));
+  store.commit();
+  return identity;
+}
+
+// With followers attached the journal may grow beyond the bound, but not until the state directory
+// is full: one that lags this far takes a snapshot.
+constexpr size_t laggingFactor = 10;
+
+}  // namespace
+
+class DatabaseImpl final : public Database {
+ public:
+  DatabaseImpl(Vela::ReactorLoop& loop, Brine::Store& store, const DatabaseOptions& options)
+      : loop_(loop),
+        store_(store),
+        options_(options),
+        types_(store.table(typesTable)),
+        journal_(store),
+        doorbell_(loop, options.doorbellPath, identityOf(store), journal_),
+        scopeEnd_([this] { handleScopeEnd(); }) {}
+  ~DatabaseImpl() override {
+    for (const auto& [name, table] : bound_) table->database = nullptr;
+  }
+
+  Brine::Store& store() override { return store_; }
+  void bindInterface(const Vela::Ptr<ArTableInterface>& interface, const std::string& name,
+                     bool persistent) override;
+  std::vector<std::string> removeUnboundTables() override;
+  void batchBegin() override;
+  std::optional<std::string> batchEnd() override;
+  bool inBatch() const override { return inBatch_; }
+  uint64_t lastSequence() const override { return journal_.lastSequence(); }
+  void observerIs(Observer observer) override { doorbell_.observerIs(std::move(observer)); }
+  std::vector<SubscriberInfo> subscribers() const override { return doorbell_.subscribers(); }
+  uint64_t droppedMessages() const override { return doorbell_.droppedMessages(); }
+
+  // For the interfaces.
+  void maybeInitialize(const Vela::Ptr<ArTableInterface>& interface, ArTableInterface::Impl& table);
+  void unbind(ArTableInterface::Impl& table);
+  std::optional<Brine::Bytes> stored(const ArTableInterface::Impl& table, std::string_view key) {
+    return store_.get(table.rows, Brine::asBytes(key));
+  }
+  uint64_t rowIs(const ArTableInterface::Impl& table, const Row& row, uint64_t entryHandle);
+  uint64_t rowDel(const ArTableInterface::Impl& table, std::string_view key, uint64_t entryHandle);
+
+ private:
+  void handleScopeEnd();
+  bool dirty() const { return store_.dirty() || !journal_.empty(); }
+  std::optional<std::string> committed();
+  void doCommit();
+  void announce(ArTableInterface::Impl& table);
+  void announceAgain();
+  bool survives(const ArTableInterface::Impl& table, uint32_t* number);
+  void putRow(const ArTableInterface::Impl& table, const Row& row, uint64_t entryHandle,
+              uint64_t sequence);
+
+  Vela::ReactorLoop& loop_;
+  Brine::Store& store_;
+  const DatabaseOptions options_;
+  const Brine::TableNumber types_;
+  Journal journal_;
+  Doorbell doorbell_;
+  std::map<std::string, ArTableInterface::Impl*> bound_;
+  bool inBatch_ = false;
+  bool typesChanged_ = false;  // in this commit
+  const Vela::ScopeEndHook scopeEnd_;
+};
+
+std::unique_ptr<Database> Database::create(Vela::ReactorLoop& loop, Brine::Store& store,
+                                           const DatabaseOptions& options) {
+  return std::make_unique<DatabaseImpl>(loop, store, options);
+}
+
+void DatabaseImpl::bindInterface(const Vela::Ptr<ArTableInterface>& interface,
+                                 const std::string& name, bool persistent) {
+  ArTableInterface::Impl& table = *interface->impl_;
+  if (table.database) table.database->unbind(table);
+  if (const auto former = bound_.find(name); former != bound_.end()) unbind(*former->second);
+  bound_[name] = &table;
+  table.database = this;
+  table.boundName = name;
+  table.persistent = persistent;
+  maybeInitialize(interface, table);
+}
+
+void DatabaseImpl::unbind(ArTableInterface::Impl& table) {
+  bound_.erase(table.boundName);
+  table.database = nullptr;
+  table.initialised = false;
+}
+
+void DatabaseImpl::maybeInitialize(const Vela::Ptr<ArTableInterface>& interface,
+                                   ArTableInterface::Impl& table) {
+  if (table.initialised) return;
+  table.type = TheTypeRegistry().type(table.typeName);
+  if (!table.type) return;  // whoever compiles it calls maybeInitialize() again
+  table.rows = store_.table(rowTable(table.boundName));
+  table.announced = survives(table, &table.number);
+  if (!table.announced) {
+    table.number = journal_.nextTableNumber();
+    announce(table);
+  }
+  table.initialised = true;
+  loop_.post([interface] {
+    if (interface->ready() && interface->impl_->onReady) interface->impl_->onReady();
+  });
+}
+
+// Whether the rows in the store are this table's to keep.
+bool DatabaseImpl::survives(const ArTableInterface::Impl& table, uint32_t* number) {
+  const auto bytes = store_.get(types_, Brine::asBytes(table.boundName));
+  const auto record = bytes ? TableRecord::decode(Brine::asText(*bytes)) : std::nullopt;
+  if (!record) return false;
+  *number = record->number;
+  const bool same =
+      record->typeName == table.type->name() && record->definition == table.type->definition();
+  if (!same) {
+    SCRIVEL_TRACE(0, "table ", table.boundName, " has another type than before; its ",
+                  store_.count(table.rows), " rows are dropped");
+  }
+  return same && (table.persistent || store_.count(table.rows) == 0);
+}
+
+// A table with a number of its own and no rows, which followers take for a new one.
+void DatabaseImpl::announce(ArTableInterface::Impl& table) {
+  store_.eraseAll(table.rows);
+  const TableRecord record{table.number, table.type->name(), table.type->definition()};
+  store_.put(types_, Brine::asBytes(table.boundName), Brine::asBytes(record.encode()));
+  journal_.typesChanged();
+  typesChanged_ = true;
+}
+
+std::vector<std::string> DatabaseImpl::removeUnboundTables() {
+  std::set<std::string> names;
+  store_.forEach(types_, [&](Brine::Bytes key, Brine::Bytes) {
+    names.emplace(Brine::asText(key));
+    return true;
+  });
+  for (const std::string& name : store_.tableNames()) {
+    if (name.starts_with(rowTablePrefix)) names.insert(name.substr(rowTablePrefix.size()));
+  }
+  std::erase_if(names, [this](const std::string& name) { return bound_.contains(name); });
+  for (const std::string& name : names) {
+    if (store_.erase(types_, Brine::asBytes(name))) {
+      journal_.typesChanged();
+      typesChanged_ = true;
+    }
+  }
+  // The records go first: a table without a record counts as empty, should we be killed here.
+  if (!inBatch_) committed();
+  for (const std::string& name : names) store_.tableDel(rowTable(name));
+  return {names.begin(), names.end()};
+}
+
+void DatabaseImpl::batchBegin() {
+  if (inBatch_) return;
+  if (dirty()) committed();  // what came before does not share the batch's fate
+  inBatch_ = true;
+}
+
+std::optional<std::string> DatabaseImpl::batchEnd() {
+  inBatch_ = false;
+  return committed();
+}
+
+void DatabaseImpl::handleScopeEnd() {
+  if (!inBatch_ && dirty()) committed();
+}
+
+// Empty, or why the writes since the last commit are lost.
+std::optional<std::string> DatabaseImpl::committed() try {
+  if (dirty()) doCommit();
+  return std::nullopt;
+} catch (const std::exception& error) {
+  SCRIVEL_TRACE(0, "commit failed: ", error.what());
+  store_.discard();
+  journal_.discarded();
+  announceAgain();
+  return error.what();
+}
+
+void DatabaseImpl::doCommit() {
+  const bool anyChange = !journal_.empty() || typesChanged_;
+  if (anyChange) {
+    const size_t bound = options_.journalChangesWithoutSubscriber;
+    const bool attached = doorbell_.anyAttached();
+    journal_.trimTo(attached ? doorbell_.receivedByAll() : 0,
+                    attached ? bound * laggingFactor : bound);
+    journal_.flush();
+  }
+  store_.commit();
+  if (!anyChange) return;
+  typesChanged_ = false;
+  for (const auto& [name, table] : bound_) table->announced |= table->initialised;
+  const auto& changes = journal_.committed();
+  doorbell_.ring(journal_.lastSequence(), changes);
+}
+
+// Tables that were bound in the commit that failed must not be without a record.
+void DatabaseImpl::announceAgain() try {
+  typesChanged_ = false;
+  for (const auto& [name, table] : bound_) {
+    if (table->initialised && !table->announced) announce(*table);
+  }
+} catch (const Brine::StoreError& error) {
+  SCRIVEL_TRACE(0, "cannot announce tables: ", error.what());
+}
+
+uint64_t DatabaseImpl::rowIs(const ArTableInterface::Impl& table, const Row& row,
+                             uint64_t entryHandle) {
+  const auto bytes = stored(table, row.key);
+  const auto former = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
+  const bool same = former && former->value == row.value;
+  if (same && !inBatch_) {
+    // No change for the followers; yet later ones report under the handle that stands here.
+    const uint64_t sequence = former->sequence;
+    if (former->entryHandle != entryHandle) putRow(table, row, entryHandle, sequence);
+    return 0;
+  }
+  putRow(table, row, entryHandle, journal_.nextSequence());
+  return journal_.add(table.number, row.key, row.value, entryHandle, false, same);
+}
+
+void DatabaseImpl::putRow(const ArTableInterface::Impl& table, const Row& row, uint64_t entryHandle,
+                          uint64_t sequence) {
+  const auto room =
+      store_.reserve(table.rows, Brine::asBytes(row.key), StoredRow::headSize + row.value.size());
+  storeAt(room.data(), entryHandle);
+  storeAt(room.data() + 8, sequence);
+  std::memcpy(room.data() + StoredRow::headSize, row.value.data(), row.value.size());
+}
+
+uint64_t DatabaseImpl::rowDel(const ArTableInterface::Impl& table, std::string_view key,
+                              uint64_t entryHandle) {
+  const bool there = store_.erase(table.rows, Brine::asBytes(key));
+  if (!there && !inBatch_) return 0;
+  return journal_.add(table.number, key, {}, entryHandle, true, !there);
+}
+
+ArTableInterface::ArTableInterface(std::string tableName, std::string typeName,
+                                   std::function<void()> ready)
+    : impl_(std::make_unique<Impl>()) {
+  impl_->tableName = std::move(tableName);
+  impl_->typeName = std::move(typeName);
+  impl_->onReady = std::move(ready);
+}
+
+ArTableInterface::~ArTableInterface() {
+  if (impl_->database) impl_->database->unbind(*impl_);
+}
+
+const std::string& ArTableInterface::tableName() const { return impl_->tableName; }
+const std::string& ArTableInterface::typeName() const { return impl_->typeName; }
+bool ArTableInterface::ready() const { return impl_->database && impl_->initialised; }
+
+void ArTableInterface::maybeInitialize() {
+  if (impl_->database) impl_->database->maybeInitialize(Vela::Ptr<ArTableInterface>(this), *impl_);
+}
+
+namespace {
+
+const ArTableInterface::Impl& required(const ArTableInterface& interface,
+                                       const std::unique_ptr<ArTableInterface::Impl>& impl) {
+  if (interface.ready()) return *impl;
+  throw std::logic_error("table " + interface.tableName() +
+                         " is not ready; wait for its ready callback before using its rows");
+}
+
+}  // namespace
+
+std::optional<Row> ArTableInterface::row(std::string_view key) const {
+  const Impl& table = required(*this, impl_);
+  const auto bytes = table.database->stored(table, key);
+  const auto stored = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
+  if (!stored) return std::nullopt;
+  return Row{std::string(key), std::string(stored->value)};
+}
+
+uint64_t ArTableInterface::rowEntryHandle(std::string_view key) const {
+  const Impl& table = required(*this, impl_);
+  const auto bytes = table.database->stored(table, key);
+  const auto stored = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
+  return stored ? stored->entryHandle : 0;
+}
+
+uint64_t ArTableInterface::rowIs(const Row& row, uint64_t entryHandle) {
+  const Impl& table = required(*this, impl_);
+  return table.database->rowIs(table, row, entryHandle);
+}
+
+uint64_t ArTableInterface::rowDel(std::string_view key, uint64_t entryHandle) {
+  const Impl& table = required(*this, impl_);
+  return table.database->rowDel(table, key, entryHandle);
+}
+
+size_t ArTableInterface::rowCount() const {
+  const Impl& table = required(*this, impl_);
+  return table.database->store().count(table.rows);
+}
+
+}  // namespace Lattice

@@ -1,0 +1,227 @@
+#include "platform/lattice/Doorbell.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cctype>
+
+#include "platform/scrivel/Trace.h"
+
+namespace Lattice {
+namespace {
+
+Scrivel::TraceHandle trace("LatticeDoorbell");
+
+constexpr size_t maxPeers = 64;      // a bit each
+constexpr int messagesPerTurn = 64;  // so that one subscriber cannot keep the reactor
+constexpr uint64_t neverInStep = UINT64_MAX;
+
+std::string printable(std::string_view name) {
+  std::string text(name);
+  for (char& c : text) {
+    if (!std::isprint(static_cast<unsigned char>(c))) c = '?';
+  }
+  return text;
+}
+
+std::pair<uint64_t, uint64_t> fileAt(const std::string& path) {
+  struct stat status {};
+  stat(path.c_str(), &status);
+  return {status.st_dev, status.st_ino};
+}
+
+}  // namespace
+
+struct Doorbell::Peer {
+  Socket socket;
+  Vela::Ptr<Vela::FileDescriptor> watch;
+  Subscribers bit = 0;
+  bool attached = false;
+  bool gone = false;
+  SubscriberInfo info;                // sequence: received up to here
+  uint64_t inStepUpTo = neverInStep;  // said after a snapshot; neverInStep: not said
+};
+
+Doorbell::Doorbell(Vela::ReactorLoop& loop, const std::string& path, const StoreIdentity& identity,
+                   const Journal& journal)
+    : loop_(loop),
+      path_(path),
+      identity_(identity),
+      journal_(journal),
+      listener_(listeningAt(path)),
+      watch_(Vela::make<Vela::FileDescriptor>(loop, "doorbell")),
+      buffer_(maxMessageBytes, '\0') {
+  file_ = fileAt(path);
+  watch_->descriptorIs(listener_.descriptor());
+  watch_->onReadableIs([this] { handleConnection(); });
+}
+
+Doorbell::~Doorbell() {
+  watch_->onReadableIs(nullptr);
+  watch_->descriptorIs(-1);
+  for (const auto& peer : peers_) {
+    peer->watch->onReadableIs(nullptr);
+    peer->watch->descriptorIs(-1);
+  }
+  // Unless the directory was made anew meanwhile, and the socket there is another agent's.
+  if (fileAt(path_) == file_) unlink(path_.c_str());
+}
+
+void Doorbell::handleConnection() {
+  Socket socket(accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!socket) return;
+  auto peer = std::make_unique<Peer>();
+  peer->socket = std::move(socket);
+  int pid = 0;
+  if (!peerMayAttach(peer->socket.descriptor(), &pid)) {
+    return refuse(*peer, "only processes of the agent's user may attach");
+  }
+  Subscribers taken = 0;
+  for (const auto& other : peers_) taken |= other->bit;
+  if (peers_.size() >= maxPeers) return refuse(*peer, "64 subscribers are attached already");
+  peer->bit = Subscribers{1} << std::countr_one(taken);
+  peer->info.pid = pid;
+  peer->watch = Vela::make<Vela::FileDescriptor>(loop_, "subscriber");
+  peer->watch->descriptorIs(peer->socket.descriptor());
+  Peer* raw = peer.get();
+  peer->watch->onReadableIs([this, raw] { handleReadable(*raw); });
+  peers_.push_back(std::move(peer));
+}
+
+void Doorbell::refuse(Peer& peer, std::string_view reason) {
+  SCRIVEL_TRACE(0, "refused a subscriber: ", reason);
+  peer.socket.send(RefusedMessage{reason}.encode());
+}
+
+void Doorbell::handleReadable(Peer& peer) {
+  for (int i = 0; i < messagesPerTurn; ++i) {
+    std::string_view message;
+    const auto received = peer.socket.receive(buffer_, &message);
+    if (received == Socket::Received::nothing) return;
+    if (received == Socket::Received::gone) return drop(peer, false);
+    if (received == Socket::Received::oversized || !handleMessage(peer, message)) {
+      return drop(peer, true);
+    }
+  }
+}
+
+bool Doorbell::handleMessage(Peer& peer, std::string_view message) {
+  if (!peer.attached) return handleAttach(peer, message);
+  if (messageKind(message) == MessageKind::reports) return handleReports(peer, message);
+  if (messageKind(message) == MessageKind::inStep) return handleInStep(peer, message);
+  return false;
+}
+
+bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
+  const auto attach = AttachMessage::decode(message);
+  if (!attach) {
+    if (isForeignAttach(message)) refuse(peer, "the agent speaks another version");
+    return false;
+  }
+  const uint64_t last = journal_.lastSequence();
+  const bool continues = attach->identity == identity_ && attach->sequence <= last &&
+                         attach->sequence >= journal_.trimmedUpTo();
+  peer.info.name = printable(attach->name);
+  peer.info.takingSnapshot = !continues;
+  // What it reads from now on is at least what is committed now.
+  peer.info.sequence = continues ? attach->sequence : last;
+  peer.attached = true;
+  SCRIVEL_TRACE(0, "subscriber attached: ", peer.info.name, " continues: ", continues,
+                " sequence: ", attach->sequence);
+  return peer.socket.send(AttachedMessage{identity_}.encode()) == Socket::Sent::all;
+}
+
+bool Doorbell::handleReports(Peer& peer, std::string_view message) {
+  const auto header = decodeReports(message);
+  if (!header || header->receivedUpTo > journal_.lastSequence()) return false;
+  reports_.clear();
+  const bool sound = eachReport(*header, [this](const PackedReport& report) {
+    reports_.push_back({report.entryHandle, report.sequence, report.errorCode, report.text});
+  });
+  if (!sound) return false;
+  peer.info.reports += reports_.size();
+  peer.info.sequence = std::max(peer.info.sequence, header->receivedUpTo);
+  if (header->flags & ReportsMessage::takingSnapshot) peer.info.takingSnapshot = true;
+  if (!book_.empty()) {
+    std::erase_if(reports_, [&](const Report& r) { return !book_.settles(peer.bit, r); });
+  }
+  tell(reports_);
+  return true;
+}
+
+bool Doorbell::handleInStep(Peer& peer, std::string_view message) {
+  const auto inStep = InStepMessage::decode(message);
+  if (!inStep || inStep->sequence > journal_.lastSequence()) return false;
+  peer.info.takingSnapshot = false;
+  peer.inStepUpTo = inStep->sequence;
+  tell(book_.released(peer.bit, inStep->sequence));
+  maybeTellInStep();
+  return true;
+}
+
+void Doorbell::maybeTellInStep() {
+  uint64_t upTo = neverInStep;
+  for (const auto& peer : peers_) {
+    if (!peer->attached || peer->gone) continue;
+    if (peer->inStepUpTo == neverInStep) return;  // it comes when that one says so
+    upTo = std::min(upTo, peer->inStepUpTo);
+  }
+  if (upTo != neverInStep && observer_.inStep) observer_.inStep(upTo);
+}
+
+void Doorbell::tell(std::span<const Report> reports) {
+  if (!reports.empty() && observer_.reports) observer_.reports(reports);
+}
+
+void Doorbell::drop(Peer& peer, bool malformed) {
+  if (malformed) ++droppedMessages_;
+  SCRIVEL_TRACE(0, "subscriber detached: ", peer.info.name, " malformed message: ", malformed);
+  peer.gone = true;
+  peer.watch->onReadableIs(nullptr);
+  peer.watch->descriptorIs(-1);
+  const Subscribers bit = peer.bit;
+  std::erase_if(peers_, [&](const auto& other) { return other.get() == &peer; });
+  tell(book_.left(bit));
+}
+
+void Doorbell::ring(uint64_t lastSequence, std::span<const Committed> changes) {
+  const Subscribers attached = attachedSet();
+  if (attached == 0) return;
+  if (!changes.empty() && !std::has_single_bit(attached)) book_.committed(changes, attached);
+  const std::string message = RingMessage{lastSequence}.encode();
+  for (const auto& peer : peers_) {
+    // A full queue holds rings that will wake it; one that is gone is noticed by its watch.
+    if (peer->attached) peer->socket.send(message);
+  }
+}
+
+Subscribers Doorbell::attachedSet() const {
+  Subscribers set = 0;
+  for (const auto& peer : peers_) {
+    if (peer->attached) set |= peer->bit;
+  }
+  return set;
+}
+
+bool Doorbell::anyAttached() const { return attachedSet() != 0; }
+
+uint64_t Doorbell::receivedByAll() const {
+  uint64_t least = UINT64_MAX;
+  for (const auto& peer : peers_) {
+    if (peer->attached) least = std::min(least, peer->info.sequence);
+  }
+  return least;
+}
+
+std::vector<SubscriberInfo> Doorbell::subscribers() const {
+  std::vector<SubscriberInfo> infos;
+  for (const auto& peer : peers_) {
+    if (peer->attached) infos.push_back(peer->info);
+  }
+  return infos;
+}
+
+}  // namespace Lattice

@@ -1,0 +1,66 @@
+// The agent's end of the doorbell socket: who is attached, waking them, and what they report.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/lattice/Database.h"
+#include "platform/lattice/DoorbellMessage.h"
+#include "platform/lattice/DoorbellSocket.h"
+#include "platform/lattice/Journal.h"
+#include "platform/lattice/ReportBook.h"
+#include "platform/vela/FileDescriptor.h"
+
+namespace Lattice {
+
+// Call with the activity lock held; calls back on the reactor with it held.
+class Doorbell {
+ public:
+  // Throws std::system_error.
+  Doorbell(Vela::ReactorLoop& loop, const std::string& path, const StoreIdentity& identity,
+           const Journal& journal);
+  ~Doorbell();
+
+  void observerIs(Database::Observer observer) { observer_ = std::move(observer); }
+  // Wakes every subscriber; never waits for one.
+  void ring(uint64_t lastSequence, std::span<const Committed> changes);
+  bool anyAttached() const;
+  uint64_t receivedByAll() const;  // UINT64_MAX when none is attached
+  std::vector<SubscriberInfo> subscribers() const;
+  uint64_t droppedMessages() const { return droppedMessages_; }
+
+ private:
+  struct Peer;
+  void handleConnection();
+  void handleReadable(Peer& peer);
+  bool handleMessage(Peer& peer, std::string_view message);
+  bool handleAttach(Peer& peer, std::string_view message);
+  bool handleReports(Peer& peer, std::string_view message);
+  bool handleInStep(Peer& peer, std::string_view message);
+  void maybeTellInStep();
+  void tell(std::span<const Report> reports);
+  void refuse(Peer& peer, std::string_view reason);
+  void drop(Peer& peer, bool malformed);
+  Subscribers attachedSet() const;
+
+  Vela::ReactorLoop& loop_;
+  const std::string path_;
+  const StoreIdentity identity_;
+  const Journal& journal_;
+  Database::Observer observer_;
+  Socket listener_;
+  std::pair<uint64_t, uint64_t> file_;  // device and inode of the socket's file
+  Vela::Ptr<Vela::FileDescriptor> watch_;
+  std::vector<std::unique_ptr<Peer>> peers_;
+  ReportBook book_;
+  std::string buffer_;           // of the message being read
+  std::vector<Report> reports_;  // of the message being read
+  uint64_t droppedMessages_ = 0;
+};
+
+}  // namespace Lattice
