@@ -1,0 +1,122 @@
+// What one table entry costs in shared memory, end to end: its cache record, its row with the
+// journal, reading both back, and the cache record's change of state when the report has come.
+// Entries come in batches of 100 into a table that already holds 10 thousand to 1 million; keys
+// are random, so that each touches pages of its own. Time is per entry.
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <random>
+#include <string>
+
+#include "platform/brine/Store.h"
+#include "platform/lattice/Database.h"
+#include "platform/vela/ActivityLock.h"
+#include "platform/vela/ReactorLoop.h"
+
+namespace {
+
+constexpr size_t batchSize = 100;
+constexpr const char* routeType = R"(
+  key vrf_id : U16;
+  key ipv4_dst : IpGenPrefix;
+  action { set_nexthop 16777218 { nexthop_id : U32; } drop 16777219 { none : Void; } }
+)";
+
+std::string temporaryDirectory() {
+  std::string path = "/dev/shm/korvel-bench-XXXXXX";
+  if (!mkdtemp(path.data())) throw std::runtime_error("cannot make " + path);
+  return path;
+}
+
+// A switch's state directory, filled up to `entries`.
+class Switch {
+ public:
+  explicit Switch(size_t entries)
+      : directory_(temporaryDirectory()), store_(Brine::Store::open({.directory = directory_})) {
+    const Vela::ActivityLock lock;
+    database_ = Lattice::Database::create(
+        loop_, *store_,
+        {.doorbellPath = directory_ + "/doorbell.sock", .journalChangesWithoutSubscriber = 1000});
+    Lattice::TheTypeRegistry().typeIs(Lattice::TableType::compile("RouteType", routeType));
+    routes_ = Vela::make<Lattice::ArTableInterface>("routes", "RouteType", nullptr);
+    database_->bindInterface(routes_, "routes", true);
+    cache_ = store_->table("p4runtime/cache/table");
+    for (size_t done = 0; done < entries; done += batchSize) batch();
+  }
+  ~Switch() {
+    const Vela::ActivityLock lock;
+    routes_ = nullptr;
+    database_.reset();
+    store_.reset();
+    std::filesystem::remove_all(directory_);
+  }
+
+  // The scope ends once for the rows and records of the batch, and once for the changes of state
+  // that the reports bring.
+  void batch() {
+    {
+      const Vela::ActivityLock lock;
+      database_->batchBegin();
+      for (size_t i = 0; i < batchSize; ++i) write(i);
+      if (const auto trouble = database_->batchEnd()) throw std::runtime_error(*trouble);
+    }
+    const Vela::ActivityLock lock;
+    for (size_t i = 0; i < batchSize; ++i) acknowledge(i);
+  }
+  size_t bytesUsed() const { return store_->bytesUsed(); }
+
+ private:
+  void write(size_t i) {
+    Lattice::Row& row = rows_[i];
+    row.key.assign(26, '\0');
+    for (size_t at : {1, 10, 11, 12, 13}) row.key[at] = static_cast<char>(random_());
+    row.value.assign("\2\0\0\1\5\0\0\0", 8);
+    std::string& key = cacheKeys_[i];
+    key.assign("\1\0\0\2", 4).append(row.key);
+    if (store_->get(cache_, Brine::asBytes(key))) return;
+    benchmark::DoNotOptimize(routes_->row(row.key));
+    putRecord(key, 1);
+    routes_->rowIs(row, ++handle_);
+    benchmark::DoNotOptimize(routes_->rowCount());
+  }
+  void acknowledge(size_t i) {
+    benchmark::DoNotOptimize(store_->get(cache_, Brine::asBytes(cacheKeys_[i])));
+    putRecord(cacheKeys_[i], 0);
+  }
+  void putRecord(const std::string& key, uint8_t state) {
+    const auto room = store_->reserve(cache_, Brine::asBytes(key), 45);
+    std::fill(room.begin(), room.end(), state);
+  }
+
+  const std::string directory_;
+  std::unique_ptr<Brine::Store> store_;
+  Vela::ReactorLoop loop_;
+  std::unique_ptr<Lattice::Database> database_;
+  Vela::Ptr<Lattice::ArTableInterface> routes_;
+  Brine::TableNumber cache_ = 0;
+  std::mt19937_64 random_{7};
+  uint64_t handle_ = 0;
+  Lattice::Row rows_[batchSize];
+  std::string cacheKeys_[batchSize];
+};
+
+void entryInFilledTable(benchmark::State& state) {
+  Switch filled(static_cast<size_t>(state.range(0)));
+  for (auto _ : state) filled.batch();
+  state.counters["perEntry"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * batchSize),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["bytesPerEntry"] =
+      static_cast<double>(filled.bytesUsed()) / (state.range(0) + state.iterations() * batchSize);
+}
+BENCHMARK(entryInFilledTable)
+    ->ArgName("entries")
+    ->Arg(10'000)
+    ->Arg(100'000)
+    ->Arg(1'000'000)
+    ->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
