@@ -56,6 +56,7 @@ class SubscriberImpl final : public Subscriber {
   void flush() override;
   uint64_t sequence() const override { return sequence_; }
   int descriptor() const override { return attached_ ? socket_.descriptor() : -1; }
+  bool sending() const override { return !outbox_.empty(); }
 
  private:
   void step(Clock::time_point deadline);
@@ -290,15 +291,18 @@ void SubscriberImpl::removeTablesBut(
   }
 }
 
-void SubscriberImpl::addTable(const std::string& name, const TableRecord& record) try {
+void SubscriberImpl::addTable(const std::string& name, const TableRecord& record) {
   auto table = std::make_unique<FollowedTable>();
   table->name = name;
-  table->type = TableType::compile(record.typeName, record.definition);
+  try {
+    table->type = TableType::compile(record.typeName, record.definition);
+  } catch (const TypeError& error) {
+    // The handler refuses its rows: unreported, they would cost the agent its time-out.
+    trouble_ = "cannot read the type of table " + name + ": " + error.what();
+  }
   tables_[record.number] = table.get();
   allTables_.push_back(std::move(table));
   handler_.tableAdded(*allTables_.back());
-} catch (const TypeError& error) {
-  trouble_ = "table " + name + " is passed over: " + error.what();
 }
 
 void SubscriberImpl::takeSnapshot(std::unique_ptr<Brine::Snapshot> snapshot, uint64_t sequence) {

@@ -15,6 +15,7 @@ namespace Lattice {
 // A table of the agent, as followers know it. Lives as long as the Subscriber.
 struct FollowedTable {
   std::string name;
+  // Null when this program cannot read the definition; its rows are to be reported on all the same.
   std::shared_ptr<const TableType> type;
 };
 
@@ -63,6 +64,8 @@ class Subscriber {
   virtual void flush() = 0;
   virtual uint64_t sequence() const = 0;  // passed on to the handler so far
   virtual int descriptor() const = 0;     // readable when follow() has something to do; -1: none
+  // Whether reports wait for room in the socket: follow() goes on once descriptor() is writable.
+  virtual bool sending() const { return false; }
 };
 
 }  // namespace Lattice
