@@ -37,7 +37,7 @@ void TypeService::handleDefinition(const std::string& name) {
   const Ptr<TypeConfig> config = watched_[name].config;
   const Ptr<TypeStatus> status = statuses_->typeStatusIs(name);
   status->compilationStatusIs(CompilationStatus::inProgress);
-  status->reasonIs("");
+  status->reasonIs({});
   loop_.post([self = Ptr<TypeService>(this), config, definition = config->definition()] {
     // A newer definition, or a newer type of that name, has its own turn coming.
     if (self->configs_->typeConfig(config->name()) != config) return;

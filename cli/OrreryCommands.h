@@ -1,0 +1,8 @@
+// `korvel get`, `set`, `watch` and `call`: the state database of a running agent.
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+void addOrreryCommands(CLI::App& app);

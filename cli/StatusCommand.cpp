@@ -1,0 +1,133 @@
+#include "cli/StatusCommand.h"
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "cli/AttributeText.h"
+#include "cli/ClientOptions.h"
+#include "platform/orrery/Client.h"
+
+namespace {
+
+using Orrery::Json;
+
+constexpr const char* systemPath = "p4runtime/status/system";
+constexpr const char* agentPath = "p4runtime/status/agent";
+
+// The attributes of an entity; null when the agent does not have it (yet).
+Json attributes(Orrery::Client& client, const char* path) {
+  try {
+    const Json answer = client.get(path);
+    return Json(cJSON_DetachItemFromObjectCaseSensitive(answer.get(), "attributes"));
+  } catch (const Orrery::NoAgentError&) {
+    throw;
+  } catch (const Orrery::ClientError&) {
+    return nullptr;
+  }
+}
+
+std::string textOf(const Json& object, const char* name) {
+  const cJSON* value = object ? cJSON_GetObjectItemCaseSensitive(object.get(), name) : nullptr;
+  return value ? valueText(*value) : "";
+}
+
+// Where an operation is found by name, so that the hint says what to type.
+std::string pathOfOperation(Orrery::Client& client, const char* operation) {
+  const Json list = client.list("");
+  const cJSON* one = nullptr;
+  cJSON_ArrayForEach(one, cJSON_GetObjectItemCaseSensitive(list.get(), "paths")) {
+    const char* path = Orrery::stringMember(*one, "path");
+    if (!path) continue;
+    const Json entity = client.get(path);
+    const cJSON* known = nullptr;
+    cJSON_ArrayForEach(known, cJSON_GetObjectItemCaseSensitive(entity.get(), "operations")) {
+      const char* name = Orrery::stringMember(*known, "name");
+      if (name && std::strcmp(name, operation) == 0) return path;
+    }
+  }
+  return {};
+}
+
+void printCritical(Orrery::Client& client, const Json& system) {
+  const bool critical = textOf(system, "critical") == "true";
+  if (!critical && textOf(system, "brokenInvariant") != "true") return;
+  const std::string since = textOf(system, "criticalSince");
+  const std::string reason = textOf(system, "criticalReason");
+  fmt::print("CRITICAL{}{}: writes are refused\n", since.empty() ? "" : " since ", since);
+  if (!reason.empty()) fmt::print("  why: {}\n", reason);
+  const std::string path = pathOfOperation(client, "revertCriticalState");
+  if (!path.empty()) {
+    fmt::print("  once the forwarding plane is sound: korvel call {} revertCriticalState\n", path);
+  }
+}
+
+// What printCritical() says, or nobody wants to see twice.
+bool shownElsewhere(const char* name) {
+  for (const char* known : {"pid", "criticalSince", "criticalReason"}) {
+    if (std::strcmp(name, known) == 0) return true;
+  }
+  return false;
+}
+
+void printAll(const Json& object) {
+  const cJSON* attribute = nullptr;
+  cJSON_ArrayForEach(attribute, object.get()) {
+    if (!shownElsewhere(attribute->string)) {
+      printAttribute(spacedName(attribute->string), *attribute);
+    }
+  }
+}
+
+void printForPeople(Orrery::Client& client, const Json& system, const Json& agent) {
+  printAttribute(
+      "agent",
+      *Json(cJSON_CreateString(fmt::format("running, pid {}", client.agentPid()).c_str())));
+  printCritical(client, system);
+  if (agent) {
+    printAll(agent);
+  } else {
+    fmt::print("the agent is starting: there is no {} yet\n", agentPath);
+  }
+  if (system) printAll(system);
+}
+
+void printJson(int64_t pid, Json system, Json agent) {
+  const Json json(cJSON_CreateObject());
+  cJSON_AddBoolToObject(json.get(), "running", pid != 0);
+  if (pid != 0) cJSON_AddNumberToObject(json.get(), "pid", static_cast<double>(pid));
+  if (system) cJSON_AddItemToObject(json.get(), "system", system.release());
+  if (agent) cJSON_AddItemToObject(json.get(), "agent", agent.release());
+  fmt::print("{}\n", Orrery::jsonText(*json));
+}
+
+void runStatus(const ClientOptions& options) {
+  try {
+    Orrery::Client client(options.stateDirectory);
+    Json system = attributes(client, systemPath);
+    Json agent = attributes(client, agentPath);
+    if (options.json) {
+      printJson(client.agentPid(), std::move(system), std::move(agent));
+    } else {
+      printForPeople(client, system, agent);
+    }
+  } catch (const Orrery::NoAgentError&) {
+    if (options.json) printJson(0, nullptr, nullptr);
+    throw;
+  }
+}
+
+}  // namespace
+
+void addStatusCommand(CLI::App& app) {
+  CLI::App* command =
+      app.add_subcommand("status", "Show whether the switch serves, and what failed");
+  const auto options = std::make_shared<ClientOptions>();
+  addClientOptions(*command, *options);
+  command->callback([options] { runStatus(*options); });
+}

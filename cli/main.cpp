@@ -1,0 +1,64 @@
+// The `korvel` command: one subcommand a file. Exit status 0: done, 1: failed, 2: wrong usage.
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include "cli/AgentCommand.h"
+#include "cli/OrreryCommands.h"
+#include "cli/PipelineCommand.h"
+#include "cli/StatusCommand.h"
+#include "cli/TableCommand.h"
+#include "cli/TraceCommand.h"
+
+namespace {
+
+constexpr int failed = 1;
+constexpr int usage = 2;
+
+void addCommands(CLI::App& app) {
+  addAgentCommand(app);
+  addPipelineCommand(app);
+  addStatusCommand(app);
+  addOrreryCommands(app);
+  addTableCommand(app);
+  addTraceCommand(app);
+}
+
+// The subcommand that was being parsed, for the hint.
+std::string commandName(const CLI::App& app) {
+  std::string name = "korvel";
+  for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
+    at = at->get_subcommands().front();
+    name += " " + at->get_name();
+  }
+  return name;
+}
+
+int usageStatus(const CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
+  std::fprintf(stderr, "korvel: %s; see '%s --help'\n", error.what(), commandName(app).c_str());
+  return usage;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_DFL);  // `korvel trace | head` just ends
+  CLI::App app("Runs, watches and asks the Korvel P4Runtime agent", "korvel");
+  app.require_subcommand(1);
+  app.set_version_flag("--version", KORVEL_VERSION);
+  addCommands(app);
+  try {
+    app.parse(argc, argv);
+    return 0;
+  } catch (const CLI::RuntimeError& e) {
+    return e.get_exit_code();
+  } catch (const CLI::ParseError& e) {
+    return usageStatus(app, e);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "korvel: %s\n", e.what());
+    return failed;
+  }
+}
