@@ -171,6 +171,7 @@ void runAgent(const Options& options) {
 }
 
 int agentMain(const Options& options) {
+  signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write
   try {
     runAgent(options);
     return 0;
