@@ -36,6 +36,10 @@ std::string commandName(const CLI::App& app) {
   return name;
 }
 
+bool hasSubcommand(CLI::App& app, const std::string& name) {
+  return !app.get_subcommands([&](CLI::App* one) { return one->get_name() == name; }).empty();
+}
+
 int usageStatus(const CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
   std::fprintf(stderr, "korvel: %s; see '%s --help'\n", error.what(), commandName(app).c_str());
@@ -50,6 +54,10 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", KORVEL_VERSION);
   addCommands(app);
+  if (argc > 1 && argv[1][0] != '-' && !hasSubcommand(app, argv[1])) {
+    std::fprintf(stderr, "korvel: '%s' is no subcommand; see 'korvel --help'\n", argv[1]);
+    return usage;
+  }
   try {
     app.parse(argc, argv);
     return 0;

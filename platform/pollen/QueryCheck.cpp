@@ -69,12 +69,13 @@ std::string createStatement(const std::string& table, const TableType& type) {
 }
 
 // Reading is all a query may do, and of its inputs only.
-int authorize(void*, int action, const char* object, const char*, const char*, const char*) {
+int authorize(void*, int action, const char* object, const char* detail, const char*, const char*) {
   switch (action) {
     case SQLITE_SELECT:
-    case SQLITE_FUNCTION:
     case SQLITE_RECURSIVE:
       return SQLITE_OK;
+    case SQLITE_FUNCTION:
+      return detail && std::string_view(detail) == "load_extension" ? SQLITE_DENY : SQLITE_OK;
     case SQLITE_READ:
       return object && std::string_view(object).starts_with("sqlite_") ? SQLITE_DENY : SQLITE_OK;
     default:
@@ -128,8 +129,11 @@ std::string statementTrouble(sqlite3* database, const CheckedQuery& query) {
   const char* tail = nullptr;
   const int result = sqlite3_prepare_v2(database, query.text.c_str(), -1, &raw, &tail);
   const Statement statement(raw);
-  if (result == SQLITE_AUTH) return onlySelect;
-  if (result != SQLITE_OK) return sqlite3_errmsg(database);
+  if (result != SQLITE_OK) {
+    const std::string trouble = sqlite3_errmsg(database);
+    return trouble == "not authorized" ? onlySelect
+                                       : trouble;  // of a table or function, it says so
+  }
   if (!statement) return "the query is empty";
   if (!sqlite3_stmt_readonly(raw) || sqlite3_stmt_isexplain(raw) || hasMore(database, tail)) {
     return onlySelect;

@@ -11,6 +11,16 @@ namespace Pollen {
 
 using Vela::Ptr;
 
+namespace {
+
+// The reason first: observers of the status read it.
+void publish(TypeStatus& status, CompilationStatus compilation, const std::string& reason) {
+  status.reasonIs(reason);
+  status.compilationStatusIs(compilation);
+}
+
+}  // namespace
+
 TypeService::TypeService(Vela::ReactorLoop& loop, Ptr<TypeConfigDir> configs,
                          Ptr<TypeStatusDir> statuses)
     : loop_(loop), configs_(std::move(configs)), statuses_(std::move(statuses)) {
@@ -36,8 +46,7 @@ void TypeService::handleConfig(const std::string& name) {
 void TypeService::handleDefinition(const std::string& name) {
   const Ptr<TypeConfig> config = watched_[name].config;
   const Ptr<TypeStatus> status = statuses_->typeStatusIs(name);
-  status->compilationStatusIs(CompilationStatus::inProgress);
-  status->reasonIs({});
+  publish(*status, CompilationStatus::inProgress, "");
   loop_.post([self = Ptr<TypeService>(this), config, definition = config->definition()] {
     // A newer definition, or a newer type of that name, has its own turn coming.
     if (self->configs_->typeConfig(config->name()) != config) return;
@@ -46,18 +55,16 @@ void TypeService::handleDefinition(const std::string& name) {
 }
 
 void TypeService::doCompile(const std::string& name, const std::string& definition) {
-  const Ptr<TypeStatus> status = statuses_->typeStatusIs(name);
+  const Ptr<TypeStatus> status = statuses_->typeStatusIs(name);  // lives, whatever observers do
   try {
     Lattice::TheTypeRegistry().typeIs(Lattice::TableType::compile(name, definition));
   } catch (const Lattice::TypeError& e) {
     SCRIVEL_TRACE(0, "type does not compile: ", name, " ", e.what());
     Lattice::TheTypeRegistry().typeDel(name);
-    status->reasonIs(e.what());
-    status->compilationStatusIs(CompilationStatus::failed);
-    return;
+    return publish(*status, CompilationStatus::failed, e.what());
   }
   SCRIVEL_TRACE(1, "type compiled: ", name);
-  status->compilationStatusIs(CompilationStatus::compiled);
+  publish(*status, CompilationStatus::compiled, "");
 }
 
 }  // namespace Pollen
