@@ -1,12 +1,15 @@
 // How a PI entry point that may refuse an update runs its body.
 #pragma once
 
+#include <exception>
+
 #include "P4Runtime/pi/P4RuntimeException.h"
+#include "PI/pi_extensions.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace P4Runtime {
 
-// Runs `body` under the activity lock; no refusal escapes into C.
+// Runs `body` under the activity lock; no exception escapes into C.
 template <typename Body>
 pi_status_t entered(Body body) {
   const Vela::ActivityLock lock;
@@ -15,6 +18,9 @@ pi_status_t entered(Body body) {
     return PI_STATUS_SUCCESS;
   } catch (const P4RuntimeException& e) {
     return P4RuntimeException::handleException(e);
+  } catch (const std::exception& e) {  // of a library; nothing of the update stands yet
+    return P4RuntimeException::handleException(
+        {e.what(), 0, pi_batch_current_offset(), ErrorCode::internalError});
   }
 }
 

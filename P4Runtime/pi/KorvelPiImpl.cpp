@@ -32,6 +32,7 @@ namespace {
 Scrivel::TraceHandle trace("KorvelPiImpl");
 
 constexpr int pendingCode = 4;  // the canonical code of an exceeded deadline
+constexpr double longestTimeout = 24 * 60 * 60;  // seconds
 
 StatusVector& pendingStatus() {
   static auto* list = new StatusVector;  // guarded by the activity lock
@@ -57,7 +58,8 @@ TimeoutOrReady waitForBatchStatusActivityOrTimeout(uint64_t* completedOps) {
   BatchStatus& batchStatus = *TheBatchStatus();
   const int notifyFd = batchStatus.notifyFd();
   timeval timeout{};
-  timeout.tv_sec = static_cast<time_t>(batchStatus.batchTimeout());
+  // Operators may set any number.
+  timeout.tv_sec = static_cast<time_t>(std::clamp(batchStatus.batchTimeout(), 0.0, longestTimeout));
   fd_set readSet;
   FD_ZERO(&readSet);
   FD_SET(notifyFd, &readSet);
@@ -71,7 +73,7 @@ TimeoutOrReady waitForBatchStatusActivityOrTimeout(uint64_t* completedOps) {
   if (ready == -1) assert(0 && "select failed");
   if (ready == 0) return TimeoutOrReady::timeout;
   uint64_t count = 0;
-  if (read(notifyFd, &count, sizeof count) != sizeof count) count = 0;
+  if (read(notifyFd, &count, sizeof count) != sizeof count) return TimeoutOrReady::ready;
   const uint64_t baseline = batchStatus.completedOperationBaseline();
   *completedOps = count >= baseline ? count - baseline : count;
   return TimeoutOrReady::ready;

@@ -1,0 +1,69 @@
+// Counters: only traced and acknowledged; the server refuses what would need more.
+#include "P4Runtime/pipeline/PiDebug.h"
+#include "PI/target/pi_counter_imp.h"
+#include "platform/scrivel/Trace.h"
+#include "platform/vela/ActivityLock.h"
+
+namespace {
+Scrivel::TraceHandle trace("KorvelPiCounter");
+}
+
+extern "C" {
+
+pi_status_t _pi_counter_read(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                             pi_p4_id_t counter_id, size_t index, int flags,
+                             pi_counter_data_t* counter_data) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_counter_read", " session_handle: ", session_handle,
+                " dev_tgt: ", P4Runtime::piDevTgtToString(dev_tgt), " counter_id: ", counter_id,
+                " index: ", index, " flags: ", Scrivel::hex(flags),
+                " counter_data=", P4Runtime::piCounterDataToString(counter_data));
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_counter_write(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                              pi_p4_id_t counter_id, size_t index,
+                              const pi_counter_data_t* counter_data) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_counter_write", " session_handle: ", session_handle,
+                " dev_tgt: ", P4Runtime::piDevTgtToString(dev_tgt), " counter_id: ", counter_id,
+                " index: ", index,
+                " counter_data=", P4Runtime::piCounterDataToString(counter_data));
+  return PI_STATUS_SUCCESS;
+}
+
+// No entry has a counter in the forwarding plane yet, so all have counted nothing.
+pi_status_t _pi_counter_read_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                    pi_p4_id_t counter_id, pi_entry_handle_t entry_handle,
+                                    int flags, pi_counter_data_t* counter_data) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_counter_read_direct", " session_handle: ", session_handle,
+                " dev_tgt: ", P4Runtime::piDevTgtToString(dev_tgt), " counter_id: ", counter_id,
+                " entry_handle: ", entry_handle, " flags: ", Scrivel::hex(flags));
+  counter_data->valid = PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES;
+  counter_data->bytes = 0;
+  counter_data->packets = 0;
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_counter_write_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                     pi_p4_id_t counter_id, pi_entry_handle_t entry_handle,
+                                     const pi_counter_data_t* counter_data) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_counter_write_direct", " session_handle: ", session_handle,
+                " dev_tgt: ", P4Runtime::piDevTgtToString(dev_tgt), " counter_id: ", counter_id,
+                " entry_handle: ", entry_handle,
+                " counter_data=", P4Runtime::piCounterDataToString(counter_data));
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_counter_hw_sync(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                pi_p4_id_t counter_id, PICounterHwSyncCb cb, void* cb_cookie) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_counter_hw_sync", " session_handle: ", session_handle,
+                " dev_tgt: ", P4Runtime::piDevTgtToString(dev_tgt), " counter_id: ", counter_id,
+                " cb: ", reinterpret_cast<const void*>(cb), " cb_cookie: ", cb_cookie);
+  return PI_STATUS_SUCCESS;
+}
+
+}  // extern "C"
