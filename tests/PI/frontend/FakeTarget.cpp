@@ -110,6 +110,7 @@ pi_status_t FakeTarget::handleDelete(const pi_match_key_t& key) {
 
 pi_status_t FakeTarget::handleFetch(uint32_t tableId, pi_table_fetch_res_t* result) {
   const std::lock_guard lock(lock_);
+  if (fetchStatus_ != PI_STATUS_SUCCESS) return fetchStatus_;
   std::string bytes;
   result->num_entries = 0;
   for (const auto& [key, row] : rows_) {
@@ -128,7 +129,7 @@ pi_status_t FakeTarget::handleFetch(uint32_t tableId, pi_table_fetch_res_t* resu
   result->entries_size = bytes.size();
   result->entries = new char[bytes.size()];
   std::memcpy(result->entries, bytes.data(), bytes.size());
-  return fetchStatus_;
+  return PI_STATUS_SUCCESS;
 }
 
 std::map<uint32_t, std::pair<int, std::string>> FakeTarget::outcome(
