@@ -1,0 +1,85 @@
+// A target that confirms everything at once, keeps nothing, and shows a table of made-up entries.
+#include "bench/frontend/NullTarget.h"
+
+#include <cstring>
+
+#include "PI/int/pi_int.h"
+#include "PI/target/pi_imp.h"
+#include "PI/target/pi_pending_imp.h"
+#include "PI/target/pi_tables_imp.h"
+#include "p4/v1/p4runtime.pb.h"
+
+std::string* theNullTargetTable = nullptr;
+size_t theNullTargetEntries = 0;
+size_t theNullTargetKeyBytes = 0;
+
+pi_status_t _pi_init(void*) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_assign_device(pi_dev_id_t, const pi_p4info_t*, pi_assign_extra_t*) {
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_update_device_start(pi_dev_id_t, const pi_p4info_t*, const char*, size_t) {
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_update_device_end(pi_dev_id_t) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_remove_device(pi_dev_id_t) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_destroy() { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_session_init(pi_session_handle_t* handle) {
+  *handle = 0;
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_session_cleanup(pi_session_handle_t) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_batch_begin(pi_session_handle_t) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_batch_end(pi_session_handle_t, bool) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_packetout_send(pi_dev_id_t, const char*, size_t) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+
+pi_status_t _pi_table_entry_add(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+                                const pi_match_key_t*, const pi_table_entry_t*, int,
+                                pi_entry_handle_t* handle) {
+  *handle = 1;
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_table_entry_delete_wkey(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                        const pi_match_key_t*) {
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_table_entries_fetch(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                    pi_table_fetch_res_t* result) {
+  result->num_entries = theNullTargetEntries;
+  result->mkey_nbytes = theNullTargetKeyBytes;
+  result->entries_size = theNullTargetTable->size();
+  result->entries = new char[result->entries_size];
+  std::memcpy(result->entries, theNullTargetTable->data(), result->entries_size);
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_table_entries_fetch_done(pi_session_handle_t, pi_table_fetch_res_t* result) {
+  delete[] result->entries;
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_table_entry_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                   pi_entry_handle_t) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+pi_status_t _pi_table_entry_modify(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t, pi_entry_handle_t,
+                                   const pi_table_entry_t*) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+pi_status_t _pi_table_default_action_set(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+                                         const pi_table_entry_t*) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+pi_status_t _pi_table_default_action_reset(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+pi_status_t _pi_table_default_action_get(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                         pi_table_entry_t*) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+pi_status_t _pi_table_default_action_done(pi_session_handle_t, pi_table_entry_t*) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+
+void _pi_update_pending_status(std::vector<std::pair<uint32_t, p4::v1::Error>>* statuses) {
+  statuses->clear();
+}
