@@ -12,6 +12,8 @@ namespace pi::fe::proto {
 
 namespace {
 
+constexpr int kMaxElements = 100000;
+
 DeviceMgrImp& imp(void* cookie) { return *static_cast<DeviceMgrImp*>(cookie); }
 
 // A batch's outcome is taken from its status vector, which also says what went wrong.
@@ -50,6 +52,13 @@ void requireAtomicity(const p4::v1::WriteRequest& request) {
   refuse(code::unimplemented, "the atomicity ",
          p4::v1::WriteRequest::Atomicity_Name(request.atomicity()),
          " is not supported; use CONTINUE_ON_ERROR");
+}
+
+// Bounds the memory that one call can take; errors are told for each element.
+void requireSize(int elements, const char* what) {
+  if (elements <= kMaxElements) return;
+  refuse(code::resourceExhausted, "the request has ", elements, " ", what, "; send at most ",
+         kMaxElements, " at once");
 }
 
 // Each call of a controller runs through here: no refusal leaves the front end as an exception.
@@ -111,6 +120,7 @@ DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request) {
     requireWritePermission();
     awaitedPipeline();
     requireAtomicity(request);
+    requireSize(request.updates_size(), "updates");
     const std::lock_guard writing(writeMutex_);
     requireWritePermission();  // the Write before this one may have brought the critical state
     if (restoringPipeline() != nullptr) {
@@ -127,6 +137,7 @@ DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,
   return answered([&] {
     requireReadPermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
+    requireSize(request.entities_size(), "queries");
     ReadRun run(current->index(), current->store(), session(*current));
     return run.run(request, sink);
   });
@@ -167,16 +178,12 @@ pi_status_t DeviceMgrImp::restoredEntryIs(pi_p4_id_t tableId, const pi_match_key
 pi_status_t DeviceMgrImp::handleRestoreDone() {
   const std::shared_ptr<Pipeline> restoring = restoringPipeline();
   if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
-  pi_status_t status = PI_STATUS_SUCCESS;
-  try {
-    restoring->doAdoptInitialEntries(session(*restoring));
-  } catch (const Refusal&) {
-    status = PI_STATUS_INVALID_ENTRY_TYPE;  // controllers get in all the same
-  }
+  const bool complete = restoring->doAdoptInitialEntries(session(*restoring));
   const std::lock_guard lock(mutex_);
   if (pipeline_ == restoring) isRestored_ = true;
   restored_.notify_all();
-  return status;
+  // Controllers get in all the same.
+  return complete ? PI_STATUS_SUCCESS : PI_STATUS_INVALID_ENTRY_TYPE;
 }
 
 }  // namespace pi::fe::proto

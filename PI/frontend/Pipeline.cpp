@@ -52,15 +52,21 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   return PI_STATUS_SUCCESS;
 }
 
-void Pipeline::doAdoptInitialEntries(const TargetSession& session) {
+bool Pipeline::doAdoptInitialEntries(const TargetSession& session) {
+  bool all = true;
   for (const auto& table : index_.tables()) {
     if (!table->isConst && !table->hasInitialEntries) continue;
     if (!table->unsupported.empty()) continue;
-    FetchedTable fetched(session, *table);
-    while (EntryPtr entry = fetched.next()) {
-      if (!store_.entry(entry->key())) store_.entryIs(std::move(entry));
+    try {
+      FetchedTable fetched(session, *table);
+      while (EntryPtr entry = fetched.next()) {
+        if (!store_.entry(entry->key())) store_.entryIs(std::move(entry));
+      }
+    } catch (const Refusal&) {
+      all = false;
     }
   }
+  return all;
 }
 
 }  // namespace pi::fe::proto

@@ -28,8 +28,9 @@ class Pipeline {
   pi_status_t restoredEntryIs(uint32_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t& given, uint64_t handle,
                               uint64_t controllerMetadata, std::string_view metadata);
-  // The target programs constant and initial entries by itself. Takes the target's lock.
-  void doAdoptInitialEntries(const TargetSession& session);
+  // The target programs constant and initial entries by itself. Takes the target's lock. False
+  // when it could not tell those of some table.
+  bool doAdoptInitialEntries(const TargetSession& session);
 
  private:
   const p4::v1::ForwardingPipelineConfig config_;

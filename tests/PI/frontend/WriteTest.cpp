@@ -176,6 +176,9 @@ TEST_F(WriteTest, WholeRequestIsRefused) {
   EXPECT_EQ(device->write(request).code(), code::unimplemented);
   request.set_atomicity(static_cast<p4::v1::WriteRequest::Atomicity>(9));
   EXPECT_EQ(device->write(request).code(), code::invalidArgument);
+  request.clear_atomicity();
+  for (int n = 0; n < 100000; ++n) request.add_updates();
+  EXPECT_EQ(device->write(request).code(), code::resourceExhausted);
   DeviceMgr::set_operation_permission_level(0);
   EXPECT_EQ(inserted(route(1)).code(), code::failedPrecondition);
   Entries none;
