@@ -93,7 +93,7 @@ void ControlSocket::maybeListen() {
   doListen();
 }
 
-// Without the directory there is nothing to do yet; the next call tries again.
+// Without the directory there is nothing to do yet: the next call tries again.
 void ControlSocket::doListen() {
   const sockaddr_un address = addressOf(path_);
   const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -101,8 +101,11 @@ void ControlSocket::doListen() {
   struct stat made {};
   if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       listen(descriptor, maxClients) != 0 || stat(path_.c_str(), &made) != 0) {
+    const int error = errno;
     close(descriptor);
-    return;
+    if (error == ENOENT) return;
+    throw ControlError("cannot listen on " + path_ + ": " + std::strerror(error) +
+                       "; check the state directory's permissions");
   }
   listener_ = descriptor;
   device_ = made.st_dev;

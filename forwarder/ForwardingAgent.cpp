@@ -14,6 +14,7 @@ namespace {
 
 constexpr uint16_t codeFull = 1;
 constexpr uint16_t codeUnreadable = 2;
+constexpr unsigned changesBetweenProgress = 1024;
 
 std::optional<uint64_t> numberIn(std::string_view text) {
   const bool hex = text.starts_with("0x") || text.starts_with("0X");
@@ -128,8 +129,10 @@ void ForwardingAgent::snapshotEnd() {
 
 void ForwardingAgent::rowChanged(const Lattice::RowChange& change) {
   ProgrammedTable& table = tableOf(*change.table);
-  if (inSnapshot_ && maybeDefer(table, change)) return;
-  doProgram(table, change);
+  if (!inSnapshot_ || !maybeDefer(table, change)) doProgram(table, change);
+  if (++sinceProgress_ < changesBetweenProgress) return;
+  sinceProgress_ = 0;
+  if (progress_) progress_();
 }
 
 bool ForwardingAgent::maybeDefer(const ProgrammedTable& table, const Lattice::RowChange& change) {

@@ -57,6 +57,8 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void rulesIs(Rules rules);  // counts for changes from now on
   using Log = std::function<void(const std::string& line)>;
   void logIs(Log log) { log_ = std::move(log); }  // told of each change; empty: of none
+  // Called after each thousand changes or so, between two of them; what it throws goes through.
+  void progressIs(std::function<void()> progress) { progress_ = std::move(progress); }
 
   const ProgrammedTable* table(const std::string& name) const;  // null when not there
   const std::map<std::string, std::unique_ptr<ProgrammedTable>>& tables() const { return tables_; }
@@ -98,6 +100,8 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   ReportQueue& reports_;
   Rules rules_;
   Log log_;
+  std::function<void()> progress_;
+  unsigned sinceProgress_ = 0;                                      // changes
   std::map<std::string, std::unique_ptr<ProgrammedTable>> tables_;  // by name
   std::unordered_map<const Lattice::FollowedTable*, ProgrammedTable*> followed_;
   uint32_t snapshotNumber_ = 0;  // of the newest one begun; rows keep the last that showed them

@@ -18,8 +18,10 @@ namespace {
 using std::chrono::milliseconds;
 
 // An agent that appears has no way to wake us; one that is there has.
-constexpr milliseconds detachedTick{50};
+constexpr milliseconds detachedTick{20};
 constexpr milliseconds attachedTick{1000};
+
+struct Stopped {};
 
 int openSignals() {
   sigset_t set;
@@ -43,6 +45,7 @@ Runner::Runner(RunnerOptions options)
                }),
       signals_(openSignals()) {
   reports_.subscriberIs(subscriber_.get());
+  agent_.progressIs([this] { handleProgress(); });
   if (options_.verbose) agent_.logIs([this](const std::string& line) { say(line); });
   agent_.rulesIs(options_.rules);
 }
@@ -52,22 +55,31 @@ Runner::~Runner() {
   if (signals_ >= 0) close(signals_);
 }
 
-void Runner::run() {
+void Runner::run() try {
   while (handleSignals()) {
     control_.maybeListen();
     control_.serve();
-    subscriber_->follow(milliseconds(0));
+    subscriber_->follow(subscriber_->attached() ? milliseconds(0) : detachedTick);
     handleAttachment();
     reports_.sendDue();
-    doWait();
+    if (subscriber_->attached()) doWait();
   }
+} catch (const Stopped&) {
+  // In the middle of a long way to catch up; nothing that is lost was kept anyway.
+}
+
+void Runner::handleProgress() {
+  if (!handleSignals()) throw Stopped();
+  control_.serve();
+  reports_.sendDue();
 }
 
 void Runner::doWait() {
   std::vector<pollfd> descriptors{{signals_, POLLIN, 0}};
   control_.pollDescriptors(descriptors);
-  if (subscriber_->descriptor() >= 0) descriptors.push_back({subscriber_->descriptor(), POLLIN, 0});
-  milliseconds timeout = subscriber_->descriptor() >= 0 ? attachedTick : detachedTick;
+  const int events = subscriber_->sending() ? POLLIN | POLLOUT : POLLIN;
+  descriptors.push_back({subscriber_->descriptor(), static_cast<short>(events), 0});
+  milliseconds timeout = attachedTick;
   if (const auto due = reports_.nextDue()) {
     const auto left = std::chrono::ceil<milliseconds>(*due - ReportQueue::Clock::now());
     timeout = std::clamp(left, milliseconds(0), timeout);
@@ -92,15 +104,16 @@ bool Runner::handleSignals() {
 // Says each thing once, however often it is tried.
 void Runner::handleAttachment() {
   const bool attached = subscriber_->attached();
-  if (attached) {
-    if (!attached_) say("attached to the agent at " + options_.stateDirectory);
-    waitingFor_.clear();
-  } else if (const std::string trouble = subscriber_->trouble();
-             attached_ || waitingFor_.empty() || trouble != waitingFor_) {
-    waitingFor_ = trouble.empty() ? "no agent" : trouble;
-    say("waiting for the agent at " + options_.stateDirectory + ": " + waitingFor_);
+  const std::string& trouble = subscriber_->trouble();
+  if (attached && !attached_) say("attached to the agent at " + options_.stateDirectory);
+  if (attached == attached_ && trouble == saidTrouble_) return;
+  if (!attached) {
+    say("waiting for the agent at " + options_.stateDirectory + ": " + trouble);
+  } else if (!trouble.empty()) {
+    say(trouble);
   }
   attached_ = attached;
+  saidTrouble_ = trouble;
 }
 
 void Runner::say(const std::string& line) const {

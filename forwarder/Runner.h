@@ -29,6 +29,7 @@ class Runner {
  private:
   bool handleSignals();  // false when it is time to go
   void handleAttachment();
+  void handleProgress();  // within follow(), which may take a while
   void doWait();
   void say(const std::string& line) const;
 
@@ -39,7 +40,7 @@ class Runner {
   ControlSocket control_;
   int signals_ = -1;
   bool attached_ = false;
-  std::string waitingFor_;  // what was last said to be waited for
+  std::string saidTrouble_;
 };
 
 }  // namespace Forwarder
