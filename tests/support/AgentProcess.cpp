@@ -51,7 +51,11 @@ void AgentProcess::kill() { process_->kill(); }
 
 bool AgentProcess::waitServing(const p4::v1::TableEntry& query) {
   TestController controller(address(), 0, options_.deviceId);
-  return waitUntil([&] { return controller.read(query).status.ok(); }, process_->descriptor());
+  const auto serving = [&] {
+    return controller.waitConnected(std::chrono::milliseconds(100)) &&
+           controller.read(query).status.ok();
+  };
+  return waitUntil(serving, process_->descriptor());
 }
 
 bool AgentProcess::startServing() {

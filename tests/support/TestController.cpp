@@ -15,7 +15,7 @@ std::shared_ptr<grpc::Channel> newChannel(const std::string& address) {
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
   arguments.SetInt(GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, 20);
-  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 20);
+  arguments.SetInt(GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, 2000);  // also how long a handshake may take
   arguments.SetInt(GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, 100);
   arguments.SetInt(GRPC_ARG_MAX_METADATA_SIZE, 16 << 20);  // an error an update
   arguments.SetMaxReceiveMessageSize(-1);
@@ -77,6 +77,10 @@ TestController::TestController(const std::string& address, uint64_t electionIdLo
       electionIdLow_(electionIdLow) {}
 
 TestController::~TestController() { disconnect(); }
+
+bool TestController::waitConnected(std::chrono::milliseconds timeout) {
+  return channel_->WaitForConnected(std::chrono::system_clock::now() + timeout);
+}
 
 void TestController::disconnect() {
   if (context_) context_->TryCancel();

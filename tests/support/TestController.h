@@ -50,6 +50,9 @@ class TestController {
   void electionIdIs(uint64_t low) { electionIdLow_ = low; }  // the next arbitrate() brings it
   // The next arbitration message that nobody asked for.
   std::optional<grpc::StatusCode> arbitrationNotice();
+  // A channel makes no progress unless somebody waits on it, so calls that fail fast are no way to
+  // wait for a server.
+  bool waitConnected(std::chrono::milliseconds timeout);
   void disconnect();
 
   WriteOutcome write(const std::vector<p4::v1::Update>& updates,
