@@ -31,7 +31,8 @@ std::string bytesFromHexadecimal(const std::string& text) {
 }
 
 KorvelPiServerInitSm::KorvelPiServerInitSm(
-    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+    Vela::Ptr<P4TableInfo> tableInfo,
+    Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
     Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus, Vela::Ptr<KorvelPiServer> server,
     Vela::Ptr<TableImpl> tableImpl)
     : Entity("piServerInitSm") {
@@ -44,7 +45,8 @@ KorvelPiServerInitSm::KorvelPiServerInitSm(
 }
 
 Vela::Ptr<KorvelPiServerInitSm> korvelPiServerInitSmFactory(
-    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+    Vela::Ptr<P4TableInfo> tableInfo,
+    Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
     Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus, Vela::Ptr<KorvelPiServer> server,
     Vela::Ptr<TableImpl> tableImpl) {
   auto sm = Vela::make<KorvelPiServerInitSm>(std::move(tableInfo), std::move(systemConfig),
@@ -57,9 +59,10 @@ Vela::Ptr<KorvelPiServerInitSm> korvelPiServerInitSmFactory(
 
 void KorvelPiServerInitSm::observeReferences() {
   references_.push_back(tableInfoAttribute().observe([this] {
-    tableInfoChange_ = tableInfo() ? tableInfo()->tableInfoStateAttribute().observe(
-                                         [this] { handleTableInfoState(); })
-                                   : Vela::Observation();
+    tableInfoChange_ =
+        tableInfo()
+            ? tableInfo()->tableInfoStateAttribute().observe([this] { handleTableInfoState(); })
+            : Vela::Observation();
   }));
   references_.push_back(p4RtSystemConfigAttribute().observe([this] {
     configChange_ = p4RtSystemConfig() ? p4RtSystemConfig()->grpcServerPortAttribute().observe(
@@ -67,9 +70,9 @@ void KorvelPiServerInitSm::observeReferences() {
                                        : Vela::Observation();
   }));
   references_.push_back(serverAttribute().observe([this] {
-    serverChange_ = server() ? server()->serverReadyAttribute().observe(
-                                   [this] { handleServerReady(); })
-                             : Vela::Observation();
+    serverChange_ = server()
+                        ? server()->serverReadyAttribute().observe([this] { handleServerReady(); })
+                        : Vela::Observation();
   }));
 }
 
@@ -119,8 +122,13 @@ void KorvelPiServerInitSm::doApplyTableInfoState() {
 void KorvelPiServerInitSm::handleServerReady() {
   SCRIVEL_TRACE(1, "handleServerReady");
   if (!server()->serverReady()) return;
-  tableImpl()->restoreCachedEntries();
-  programConstantTables();
+  try {
+    tableImpl()->restoreCachedEntries();
+    programConstantTables();
+  } catch (const std::exception& e) {  // of the store
+    P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
+        fmt::format("the surviving entries could not be restored: {}", e.what())));
+  }
   pi_restore_done(server()->deviceId());
 }
 
@@ -144,8 +152,7 @@ void KorvelPiServerInitSm::programConstantTables() {
 void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
                                                 const P4TableInfoConstEntry& entry) {
   std::string key = bytesFromHexadecimal(entry.key);
-  const EntryHandle known =
-      TheP4HandleMgr()->matchKeyToEntryHandle(tableId, key, entry.priority);
+  const EntryHandle known = TheP4HandleMgr()->matchKeyToEntryHandle(tableId, key, entry.priority);
   if (known != 0) {
     SCRIVEL_TRACE(5, "programConstantTables",
                   " Constant entry is already in cache with entryhandle ", known);
@@ -160,8 +167,8 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   tableEntry.entry_type = PI_ACTION_ENTRY_TYPE_DATA;
   tableEntry.entry.action_data = &action;
   pi_entry_handle_t handle = 0;
-  const pi_status_t status =
-      _pi_table_entry_add(0, pi_dev_tgt_t{deviceId, 0}, tableId, &matchKey, &tableEntry, 0, &handle);
+  const pi_status_t status = _pi_table_entry_add(0, pi_dev_tgt_t{deviceId, 0}, tableId, &matchKey,
+                                                 &tableEntry, 0, &handle);
   tableImpl()->updateCachedEntryState(handle, false);
   if (status == PI_STATUS_SUCCESS) return;
   fmt::print(stderr, "korvel: a constant entry of table {} (key {}) could not be added\n",

@@ -35,13 +35,30 @@ void enterCriticalState(const char* why) {
              why);
 }
 
+// An earlier write of the entry in the same batch is undone, too: it fails with this one.
+void restoreEntry(const P4RuntimeException& e) {
+  const auto& offsetsOf = TheBatchStatus()->entryHandleToBatchOffset();
+  if (const auto found = offsetsOf.find(e.entryHandle); found != offsetsOf.end()) {
+    for (const BatchOffset offset : found->second) {
+      if (offset == e.offset()) continue;
+      setPendingStatusForOffset(offset, static_cast<uint32_t>(e.errorCode), e.what());
+    }
+  }
+  try {
+    TheTableImpl()->restoreTableEntryOnFailure(e.entryHandle);
+  } catch (const std::exception& trouble) {
+    P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
+        fmt::format("an entry could not be put back as it was: {}", trouble.what())));
+  }
+}
+
 }  // namespace
 
 pi_status_t P4RuntimeException::handleException(const P4RuntimeException& e) {
   SCRIVEL_TRACE(0, "P4RuntimeException", " errorCode: ", static_cast<uint32_t>(e.errorCode),
                 " errorMessage: ", e.what(), " offset: ", e.offset());
   setPendingStatusForOffset(e.offset(), static_cast<uint32_t>(e.errorCode), e.what());
-  if (e.entryHandle != 0) TheTableImpl()->restoreTableEntryOnFailure(e.entryHandle);
+  if (e.entryHandle != 0) restoreEntry(e);
   return updateFailedStatus;
 }
 
@@ -49,9 +66,8 @@ void P4RuntimeParsingException::handleException(const P4RuntimeParsingException&
   SCRIVEL_TRACE(0, "P4RuntimeParsingException", " latticeError: ", e.latticeError,
                 " error: ", e.error, " jsonError: ", e.jsonError);
   TheParsingStatus()->failureIs(e.latticeError, e.error, e.jsonError);
-  fmt::print(stderr, "korvel: pipeline: {}{}{}{}{}\n", e.error,
-             e.latticeError.empty() ? "" : ": ", e.latticeError,
-             e.jsonError.empty() ? "" : "; JSON stops making sense at: ",
+  fmt::print(stderr, "korvel: pipeline: {}{}{}{}{}\n", e.error, e.latticeError.empty() ? "" : ": ",
+             e.latticeError, e.jsonError.empty() ? "" : "; JSON stops making sense at: ",
              e.jsonError.substr(0, 60));
 }
 

@@ -29,8 +29,10 @@ class EntryFailures : public Vela::Entity {
   bool empty() const { return texts_.empty(); }
 
  private:
-  void publish();
+  void publishFrom(EntryHandle handle);
   std::map<EntryHandle, std::string> texts_;
+  size_t listed_ = 0;
+  EntryHandle lastListed_ = 0;
 };
 
 }  // namespace P4Runtime

@@ -69,14 +69,25 @@ EntryHandle addEntry(TableImpl& tableImpl, pi_p4_id_t tableId, const pi_match_ke
   }
   if (entry.entry_type == PI_ACTION_ENTRY_TYPE_INDIRECT) {
     const uint64_t handle = entry.entry.indirect_handle;
-    return tableImpl.indirectTableEntryAdd(
-        tableId, matchKey.priority, matchKey.data_size, matchKey.data,
-        reinterpret_cast<const char*>(&handle), sizeof handle, handle >> 32 == 1,
-        resources.meter.get(), resources.counter.get());
+    return tableImpl.indirectTableEntryAdd(tableId, matchKey.priority, matchKey.data_size,
+                                           matchKey.data, reinterpret_cast<const char*>(&handle),
+                                           sizeof handle, handle >> 32 == 1, resources.meter.get(),
+                                           resources.counter.get());
   }
   throw P4RuntimeException(
       fmt::format("Unhandled table_entry type: {}", static_cast<int>(entry.entry_type)), 0,
       pi_batch_current_offset(), ErrorCode::invalidArgument);
+}
+
+// What the store has no room for fails the update, whose row is put back.
+template <typename Body>
+void storing(EntryHandle handle, Body body) {
+  try {
+    body();
+  } catch (const std::exception& e) {
+    throw P4RuntimeException(e.what(), handle, pi_batch_current_offset(),
+                             ErrorCode::outOfResources);
+  }
 }
 
 void cacheEntry(TableImpl& tableImpl, pi_p4_id_t tableId, EntryHandle handle,
@@ -85,14 +96,10 @@ void cacheEntry(TableImpl& tableImpl, pi_p4_id_t tableId, EntryHandle handle,
   const char* metadata = nullptr;
   size_t metadataSize = 0;
   pi_batch_current_metadata(&metadata, &metadataSize);
-  try {
-    tableImpl.addCachedEntry(rid, handle, matchKey, entry,
-                             pi_batch_current_controller_metadata());
+  storing(handle, [&] {
+    tableImpl.addCachedEntry(rid, handle, matchKey, entry, pi_batch_current_controller_metadata());
     tableImpl.cachedMetadataIs(rid, handle, {metadata, metadataSize});
-  } catch (const Brine::StoreError& e) {
-    throw P4RuntimeException(e.what(), handle, pi_batch_current_offset(),
-                             ErrorCode::outOfResources);
-  }
+  });
 }
 
 // Appends fetched entries to a buffer, each field little-endian, none padded.
@@ -207,7 +214,7 @@ pi_status_t _pi_table_entry_delete_wkey(pi_session_handle_t session_handle, pi_d
     TableImpl& tableImpl = *TheTableImpl();
     const EntryHandle handle = tableImpl.tableEntryDeleteWithKey(
         table_id, match_key->priority, match_key->data_size, match_key->data);
-    tableImpl.deleteCachedEntry({tableResource, table_id}, handle);
+    storing(handle, [&] { tableImpl.deleteCachedEntry({tableResource, table_id}, handle); });
     TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
   });
 }
@@ -226,8 +233,7 @@ pi_status_t _pi_table_entry_modify(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
 }
 
 pi_status_t _pi_table_default_action_set(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
-                                         pi_p4_id_t table_id,
-                                         const pi_table_entry_t* table_entry) {
+                                         pi_p4_id_t table_id, const pi_table_entry_t* table_entry) {
   const Vela::ActivityLock lock;
   SCRIVEL_TRACE(6, "_pi_table_default_action_set", " session_handle: ", session_handle,
                 " dev_tgt: ", piDevTgtToString(dev_tgt), " table_id: ", table_id,
@@ -235,8 +241,8 @@ pi_status_t _pi_table_default_action_set(pi_session_handle_t session_handle, pi_
   return PI_STATUS_SUCCESS;
 }
 
-pi_status_t _pi_table_default_action_reset(pi_session_handle_t session_handle,
-                                           pi_dev_tgt_t dev_tgt, pi_p4_id_t table_id) {
+pi_status_t _pi_table_default_action_reset(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                           pi_p4_id_t table_id) {
   const Vela::ActivityLock lock;
   SCRIVEL_TRACE(6, "_pi_table_default_action_reset", " session_handle: ", session_handle,
                 " dev_tgt: ", piDevTgtToString(dev_tgt), " table_id: ", table_id);

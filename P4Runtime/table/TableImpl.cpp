@@ -156,8 +156,7 @@ void TableImpl::appendMeters(const ResourceId& rid, const P4MeterConfig* meter,
                              RowFields& fields) const {
   if (tableInfo_->hasDirectMeter(rid)) {
     meters.meterGiven = meter != nullptr;
-    meters.defaultMeter =
-        p4MeterConfigFactory(0, 0, 0, 0, MeterUnitBytes, MeterTypeDefault);
+    meters.defaultMeter = p4MeterConfigFactory(0, 0, 0, 0, MeterUnitBytes, MeterTypeDefault);
     fields.append(&meters.meterGiven);
     (meter ? meter : meters.defaultMeter.get())->stuffFields(fields.count, fields.pointers.data());
   }
@@ -218,9 +217,8 @@ EntryHandle TableImpl::tableEntryAdd(uint32_t tableId, uint32_t priority, size_t
 }
 
 EntryHandle TableImpl::indirectTableEntryAdd(uint32_t tableId, uint32_t priority, size_t keySize,
-                                             const char* key, const char* handle,
-                                             size_t handleSize, bool isGroup,
-                                             const P4MeterConfig* meter,
+                                             const char* key, const char* handle, size_t handleSize,
+                                             bool isGroup, const P4MeterConfig* meter,
                                              const P4CounterData* counter) {
   validateKeySize(keySize);
   return addEntry(tableId, priority, keySize, key, meter, counter,
@@ -235,17 +233,16 @@ EntryHandle TableImpl::indirectTableEntryAdd(uint32_t tableId, uint32_t priority
                   });
 }
 
-EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle,
-                                  const RowFields& fields) {
+EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle, const RowFields& fields) {
   SCRIVEL_TRACE(7, "TableImpl", "Calling rowConstructor for tableId: ", table.rid.id);
   try {
     Lattice::Row row = table.constructor.construct({fields.pointers.data(), fields.count});
     auto oldRow = table.interface.row(row.key);
     if (restoring_) {
       // What a direct meter was set to stands only in the surviving row.
-      const bool keep = oldRow && table.interface.rowEntryHandle(row.key) == handle &&
-                        (tableInfo_->hasDirectMeter(table.rid) ||
-                         tableInfo_->hasDirectCounter(table.rid));
+      const bool keep =
+          oldRow && table.interface.rowEntryHandle(row.key) == handle &&
+          (tableInfo_->hasDirectMeter(table.rid) || tableInfo_->hasDirectCounter(table.rid));
       if (!keep) table.interface.rowIs(row, handle);
       return handle;
     }
@@ -259,11 +256,14 @@ EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle,
            fmt::format("table {}: {}", tableInfo_->nameOf(table.rid), e.what()));
   } catch (const Brine::StoreError& e) {
     refuse(ErrorCode::outOfResources, e.what(), handle);
+  } catch (const std::exception& e) {  // a key that the store cannot hold
+    refuse(ErrorCode::cannotProgram,
+           fmt::format("table {}: {}", tableInfo_->nameOf(table.rid), e.what()), handle);
   }
 }
 
-EntryHandle TableImpl::tableEntryDeleteWithKey(uint32_t tableId, uint32_t priority,
-                                               size_t keySize, const char* key) {
+EntryHandle TableImpl::tableEntryDeleteWithKey(uint32_t tableId, uint32_t priority, size_t keySize,
+                                               const char* key) {
   validateKeySize(keySize);
   const Table table = requireTable({tableResource, tableId});
   RowFields& fields = startRow(table, keySize, key);
@@ -275,13 +275,17 @@ EntryHandle TableImpl::tableEntryDeleteWithKey(uint32_t tableId, uint32_t priori
   const EntryHandle handle =
       handleMgr_->getEntryHandleFromMatchKey(tableId, keySize, key, priority);
   if (handle == 0) {
-    refuse(ErrorCode::invalidKey, fmt::format("table {} has no entry with this match key",
-                                              tableInfo_->nameOf(table.rid)));
+    refuse(ErrorCode::invalidKey,
+           fmt::format("table {} has no entry with this match key", tableInfo_->nameOf(table.rid)));
   }
   auto oldRow = table.interface.row(rowKey);
   newPendingOperation(handle, PendingOperationType::tableEntryDelete, table.rid, std::move(oldRow),
                       std::nullopt, rowKey);
-  pendingSequenceIs(handle, table.interface.rowDel(rowKey, handle));
+  try {
+    pendingSequenceIs(handle, table.interface.rowDel(rowKey, handle));
+  } catch (const Brine::StoreError& e) {
+    refuse(ErrorCode::outOfResources, e.what(), handle);
+  }
   return handle;
 }
 
@@ -309,19 +313,21 @@ void TableImpl::pendingSequenceIs(EntryHandle handle, uint64_t sequence) {
   if (sequence != 0) TheBatchStatus()->pendingOperationIs(handle, sequence);
 }
 
-void TableImpl::clearPendingOperations() { pendingOperations_.clear(); }
+void TableImpl::clearPendingOperations() {
+  pendingOperations_.clear();
+  TheBatchStatus()->pendingOperationDelAll();
+}
 
 void TableImpl::handleConstTablesProgrammed() {
   if (!constTablesProgrammed()) return;
-  SCRIVEL_TRACE(1, "TableImpl", " Finished programming const entries - num:: ",
-                numPendingEntries());
+  SCRIVEL_TRACE(1, "TableImpl",
+                " Finished programming const entries - num:: ", numPendingEntries());
   clearPendingOperations();
 }
 
 void TableImpl::triggerCriticalState() {
   try {
-    throw P4RuntimeBrokenInvariantException(
-        "WRITE operation is not allowed due to critical state");
+    throw P4RuntimeBrokenInvariantException("WRITE operation is not allowed due to critical state");
   } catch (const P4RuntimeBrokenInvariantException& e) {
     P4RuntimeBrokenInvariantException::handleException(e);
   }

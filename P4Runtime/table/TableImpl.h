@@ -74,7 +74,8 @@ class TableImpl : public Vela::Entity {
   void cachedMetadataIs(const ResourceId& rid, EntryHandle handle, std::string_view metadata);
   std::string cachedMetadata(const CacheKey& key) const;
   void deleteCachedEntry(const ResourceId& rid, EntryHandle handle);
-  // The outcome of the entry's programming; `abort`: it failed.
+  // The outcome of the entry's programming; `abort`: it failed, and is undone. An undoing that
+  // cannot be stored brings the critical state.
   void updateCachedEntryState(EntryHandle handle, bool abort);
   void entryCacheDel(const ResourceId& rid, EntryHandle handle);
   void restoreTableEntryOnFailure(EntryHandle handle);
@@ -140,6 +141,7 @@ class TableImpl : public Vela::Entity {
                                         std::optional<Lattice::Row> newRow, std::string rowKey);
   void pendingSequenceIs(EntryHandle handle, uint64_t sequence);
   void rememberRecord(EntryHandle handle, PendingOperation& operation) const;
+  void doUpdateCachedEntryState(EntryHandle handle, bool abort);
   void restoreRow(EntryHandle handle, const PendingOperation& operation);
   void restoreRecord(EntryHandle handle, const PendingOperation& operation);
   void handleInitialized();

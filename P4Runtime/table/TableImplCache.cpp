@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/RowFields.h"
@@ -86,14 +87,26 @@ void TableImpl::rememberRecord(EntryHandle handle, PendingOperation& operation) 
   operation.oldMetadata = cachedMetadata(key);
 }
 
-void TableImpl::updateCachedEntryState(EntryHandle handle, bool abort) {
+// One entry whose outcome cannot be stored must not keep the others of its batch from theirs.
+void TableImpl::updateCachedEntryState(EntryHandle handle, bool abort) try {
+  doUpdateCachedEntryState(handle, abort);
+} catch (const std::exception& e) {
+  SCRIVEL_TRACE(0, "TableImpl", " entryHandle: ", handle, " abort: ", abort, " ", e.what());
+  if (!abort) return;  // what was written stands; a restart makes its record stable
+  P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
+      fmt::format("a failed entry of {} could not be undone: {}",
+                  tableInfo_->nameOf(handleMgr_->entryHandleToResourceId(handle)), e.what())));
+}
+
+void TableImpl::doUpdateCachedEntryState(EntryHandle handle, bool abort) {
   if (abort) {
     SCRIVEL_TRACE(1, "TableImpl", " restoring old entry for entryHandle: ", handle);
-    restoreTableEntryOnFailure(handle);
+    if (handleMgr_->entryHandleToResourceIdHas(handle)) restoreTableEntryOnFailure(handle);
   } else {
     SCRIVEL_TRACE(7, "TableImpl", " erasing entryHandle: ", handle, " on success");
     pendingOperations_.erase(handle);
-    failures_->failureDel(handle);
+    TheBatchStatus()->pendingOperationDel(handle);  // of a constant entry, which nobody waits for
+    if (!failures_->empty()) failures_->failureDel(handle);
   }
   const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
   if (rid.type != tableResource) {
@@ -138,6 +151,7 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
   } else {
     const PendingOperation operation = std::move(found->second);
     pendingOperations_.erase(found);
+    TheBatchStatus()->pendingOperationDel(handle);
     SCRIVEL_TRACE(1, "TableImpl", " restore table entry for entryHandle: ", handle,
                   operation.type == PendingOperationType::tableEntryAdd ? " add" : " delete");
     restoreRow(handle, operation);
@@ -160,11 +174,23 @@ void TableImpl::restoreRow(EntryHandle handle, const PendingOperation& operation
   }
 }
 
-// A fresh entry's record is left for updateCachedEntryState() to remove.
+// A store that took nothing of the batch has the former record still: it is not written again, for
+// which there may be no room.
 void TableImpl::restoreRecord(EntryHandle handle, const PendingOperation& operation) {
-  if (!tableCache_ || !operation.oldRecord) return;
-  tableCache_->storedIs({operation.rid, handle}, Brine::asBytes(*operation.oldRecord));
-  cachedMetadataIs(operation.rid, handle, operation.oldMetadata);
+  if (!tableCache_) return;
+  const CacheKey key{operation.rid, handle};
+  TableCacheEntry former;
+  const bool had = operation.oldRecord &&
+                   former.deserialize(reinterpret_cast<const uint8_t*>(operation.oldRecord->data()),
+                                      operation.oldRecord->size());
+  if (!had) {
+    tableCache_->cacheDel(key);
+  } else if (former.entryState = EntryState::stable; tableCache_->cache(key) != former) {
+    tableCache_->cacheIs(former);
+  }
+  if (cachedMetadata(key) != operation.oldMetadata) {
+    cachedMetadataIs(operation.rid, handle, operation.oldMetadata);
+  }
 }
 
 void TableImpl::handleStrayReport(const Lattice::Report& report) {
@@ -181,15 +207,16 @@ void TableImpl::handleStrayReport(const Lattice::Report& report) {
              entryText(report.entryHandle), report.errorCode, report.message);
 }
 
-std::string TableImpl::entryText(EntryHandle handle) const {
+std::string TableImpl::entryText(EntryHandle handle) const try {
   const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
   std::string text = fmt::format("table {}", tableInfo_->nameOf(rid));
   const auto record = tableCache_ ? tableCache_->cache({rid, handle}) : std::nullopt;
   const auto& constructor = tableInfo_->rowConstructor(rid);
-  if (!record || !constructor) return text;
+  if (!record || !constructor || tableInfo_->unprogrammableHas(rid)) return text;
   RowFields fields;
   const FieldBitwidths& widths = tableInfo_->fieldBitwidths(rid);
   if (record->matchKeyData.size() != widths.encodedSize()) return text;
+  if (record->matchKeyData.size() > RowFields::bytes) return text;
   std::copy(record->matchKeyData.begin(), record->matchKeyData.end(), fields.keyBytes.begin());
   tableInfo_->onNewRowStarted();
   tableInfo_->extractFields(rid, widths.slots(), fields.keyBytes.data(), fields.count,
@@ -200,6 +227,8 @@ std::string TableImpl::entryText(EntryHandle handle) const {
     text += fmt::format(", {}={}", column.name, column.text);
   }
   return text;
+} catch (const Lattice::TypeError&) {  // the record is of another pipeline's table
+  return fmt::format("entry {}", handle);
 }
 
 }  // namespace P4Runtime

@@ -9,6 +9,7 @@
 
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/table/RowFields.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
@@ -56,6 +57,8 @@ class TableRestorer {
 
  private:
   static constexpr size_t chunkSize = 4096;
+  // Handles are counted up from 1; one beyond this would not leave room to count on.
+  static constexpr EntryHandle largestHandle = EntryHandle{1} << 62;
 
   // False at the end of the cache.
   bool readChunk(const std::string& from) {
@@ -77,10 +80,9 @@ class TableRestorer {
       if (record->entryState != EntryState::stable) unstable_.push_back(record->key);
       return;
     }
-    SCRIVEL_TRACE(0, "TableImpl", " cannot restore table entry[ rid:",
-                  record ? record->key.rid.id : 0,
+    SCRIVEL_TRACE(0, "TableImpl",
+                  " cannot restore table entry[ rid:", record ? record->key.rid.id : 0,
                   " entryHandle:", record ? record->key.entryHandle : 0, " ]: ", why);
-    if (record) tableImpl_.handleMgr().freeTableEntryHandle(record->key.entryHandle);
     unusable_.emplace_back(Brine::asText(key));
   }
 
@@ -89,33 +91,51 @@ class TableRestorer {
     SCRIVEL_TRACE(6, "TableImpl", " Restoring table entry[ rid:", record.key.rid.id,
                   " entryHandle:", record.key.entryHandle, " ]");
     P4HandleMgr& handles = tableImpl_.handleMgr();
-    handles.reserveUpTo(record.key.entryHandle);
     const uint32_t tableId = record.key.rid.id;
     if (record.key.rid.type != tableResource) return "not a record of a table";
+    if (record.key.entryHandle == 0 || record.key.entryHandle > largestHandle) {
+      return "its handle is none that was ever given out";
+    }
+    handles.reserveUpTo(record.key.entryHandle);
     if (!handles.restoreTableEntryHandle(tableId, record.key.entryHandle,
                                          record.matchKeyData.size(), chars(record.matchKeyData),
                                          record.matchKeyPriority)) {
       return "its handle or match key is another entry's";
     }
+    std::string why;
     try {
       program(record);
+      if (handedBack(record)) return {};
+      why = "the pipeline does not accept it";
+      removeRow(record);
     } catch (const P4RuntimeException& e) {
-      return e.what();
+      if (e.errorCode == ErrorCode::outOfResources) throw;  // the record is good, the store is not
+      why = e.what();
     }
-    return handedBack(record) ? "" : "the pipeline does not accept it";
+    handles.freeTableEntryHandle(record.key.entryHandle);
+    return why;
+  }
+
+  // The row may have been written just now, so that it is not among the committed ones yet.
+  void removeRow(const TableRecordView& record) {
+    const TableImpl::Table table = tableImpl_.requireTable(record.key.rid);
+    RowFields& fields =
+        tableImpl_.startRow(table, record.matchKeyData.size(), chars(record.matchKeyData));
+    tableImpl_.appendPriority(table, record.matchKeyPriority, fields);
+    table.interface.rowDel(table.constructor.constructKey({fields.pointers.data(), fields.count}),
+                           record.key.entryHandle);
   }
 
   void program(const TableRecordView& record) {
     const uint32_t tableId = record.key.rid.id;
     if (record.entryType == TableCacheEntry::directEntry) {
-      tableImpl_.tableEntryAdd(tableId, record.matchKeyPriority, record.matchKeyData.size(),
-                               chars(record.matchKeyData), record.actionId,
-                               record.actionData.size(), chars(record.actionData), nullptr,
-                               nullptr);
+      tableImpl_.tableEntryAdd(
+          tableId, record.matchKeyPriority, record.matchKeyData.size(), chars(record.matchKeyData),
+          record.actionId, record.actionData.size(), chars(record.actionData), nullptr, nullptr);
     } else {
       const uint64_t handle = record.indirectHandle;
-      tableImpl_.indirectTableEntryAdd(tableId, record.matchKeyPriority,
-                                       record.matchKeyData.size(), chars(record.matchKeyData),
+      tableImpl_.indirectTableEntryAdd(tableId, record.matchKeyPriority, record.matchKeyData.size(),
+                                       chars(record.matchKeyData),
                                        reinterpret_cast<const char*>(&handle), sizeof handle,
                                        handle >> 32 == 1, nullptr, nullptr);
     }
@@ -192,9 +212,12 @@ void TableImpl::restoreCachedEntries() { restoreTableCachedEntries(); }
 
 void TableImpl::restoreTableCachedEntries() {
   if (!tableCache_) return;
-  restoring_ = true;
+  struct Restoring {
+    bool& is;
+    explicit Restoring(bool& is) : is(is) { is = true; }
+    ~Restoring() { is = false; }
+  } const restoring(restoring_);
   TableRestorer(*this).restoreAll();
-  restoring_ = false;
 }
 
 }  // namespace P4Runtime

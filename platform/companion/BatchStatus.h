@@ -75,6 +75,9 @@ class BatchStatus : public Vela::Entity {
   // The handle has a pending operation that the report with this sequence number will complete; an
   // earlier one of the batch, and a completion of it, is forgotten.
   void pendingOperationIs(EntryHandle handle, uint64_t sequence);
+  // Nobody waits for the handle's report any more: it was undone, or settled otherwise.
+  void pendingOperationDel(EntryHandle handle) { pending_.erase(handle); }
+  void pendingOperationDelAll() { pending_.clear(); }
 
   // Completes the entry's operation. One with no pending operation is complete without the
   // forwarding plane: the baseline then rises along with the count.
