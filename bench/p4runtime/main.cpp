@@ -24,6 +24,8 @@ int main(int argc, char** argv) {
   app.add_option("--operations", plan.operations, "of insert, modify, delete, read")
       ->delimiter(',')
       ->check(CLI::IsMember({"insert", "modify", "delete", "read"}));
+  app.add_option("--effort", plan.effort, "share of the usual number of requests, e.g. 10")
+      ->check(CLI::Range(0.01, 1000.0));
   app.add_option("--pipeline", plan.pipelineFile, "pipeline file of the router example");
   app.add_option("--serve-ceiling", ceilingAddress)->group("");  // how it starts its own other half
   try {
