@@ -146,8 +146,8 @@ void KorvelPiServer::sendPipelineConfigMsg() {
   assert(maxDevices() == 1);
   serverReadyIs(false);  // a second pipeline is restored into like the first
   DeviceMgr::init(1);
-  SCRIVEL_TRACE(1, "sendPipelineConfigMsg", " server thread is: ",
-                static_cast<uint64_t>(serverThread));
+  SCRIVEL_TRACE(1, "sendPipelineConfigMsg",
+                " server thread is: ", static_cast<uint64_t>(serverThread));
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
   const auto channel = grpc::CreateCustomChannel(serverAddressPortStr(),

@@ -93,8 +93,7 @@ void P4TableInfo::extractFields(ResourceId tableId, uint32_t numFields, uint8_t*
   }
 }
 
-void P4TableInfo::stuffFields(ResourceId tableId, uint32_t& count,
-                              const uint8_t** fields) const {
+void P4TableInfo::stuffFields(ResourceId tableId, uint32_t& count, const uint8_t** fields) const {
   std::memset(zeroBuffer, 0, sizeof zeroBuffer);
   const uint32_t slots = fieldBitwidths(tableId).slots();
   for (uint32_t i = 0; i < slots; ++i) fields[count++] = zeroBuffer;
@@ -118,7 +117,9 @@ std::string P4TableInfo::whyUnprogrammable(ResourceId rid) const {
       return "field " + slotName(*this, rid, slot) + " is " + std::to_string(width) +
              " bits wide; fields of 3 bytes cannot be programmed";
     }
-    if (width == 0 && rid.type == tableResource) {
+    // Only the one slot of an action without parameters, which has no name, is meant to be empty.
+    if (width == 0 &&
+        (rid.type == tableResource || widths.slots() > 1 || !slotName(*this, rid, slot).empty())) {
       return "field " + slotName(*this, rid, slot) + " has no bit width that can be programmed";
     }
   }

@@ -3,12 +3,14 @@
 #include <fmt/format.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
 
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "P4Runtime/pipeline/TypeAgreement.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -41,6 +43,12 @@ std::string required(const cJSON* parent, const char* key, const char* toDoWhat)
   return *value;
 }
 
+bool tableNameTaken(const P4TableInfo& tableInfo, const std::string& name) {
+  const auto& interfaces = tableInfo.latticeTableInterfaceCollection().values();
+  return std::any_of(interfaces.begin(), interfaces.end(),
+                     [&](const auto& one) { return one.second->tableName() == name; });
+}
+
 P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table) {
   P4TableInfoConstEntries entries(rid);
   for (const cJSON* entry : JsonElements(jsonArray(table, "table_entries"))) {
@@ -57,8 +65,8 @@ P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table) {
 void P4TableInfoSm::createLatticeTableTypes() {
   const cJSON* definitions = jsonArray(jsonRoot_, "table_type_definitions");
   if (!definitions) {
-    throw P4RuntimeParsingException(
-        {}, "Cannot parse table_type_definitions to create table types", {});
+    throw P4RuntimeParsingException({}, "Cannot parse table_type_definitions to create table types",
+                                    {});
   }
   for (const cJSON* definition : JsonElements(definitions)) {
     const std::string name = required(definition, "table_type", " to create table types");
@@ -133,6 +141,17 @@ void P4TableInfoSm::createTableInterface(const cJSON* table) {
   const ResourceId rid = resourceIdOf(table);
   const std::string name = required(table, "table_name", " to create tables");
   const std::string type = required(table, "table_type", " to create tables");
+  if (!Lattice::TheTypeRegistry().type(type)) {
+    throw P4RuntimeParsingException(
+        {},
+        fmt::format("Cannot parse table {}: no definition of its type {} to create tables", name,
+                    type),
+        {});
+  }
+  if (tableInfo_->latticeTableInterfaceHas(rid) || tableNameTaken(*tableInfo_, name)) {
+    throw P4RuntimeParsingException(
+        {}, fmt::format("Cannot parse table {}: it stands there twice to create tables", name), {});
+  }
   const auto ready = [this, rid, generation = generation_] {
     if (generation == generation_) onArInterfaceReady(rid);
   };
@@ -181,7 +200,8 @@ void P4TableInfoSm::createRowConstructor(const cJSON* table) {
   const cJSON* fields = jsonArray(table, "table_fields");
   if (!fields) {
     throw P4RuntimeParsingException(
-        {}, fmt::format("table_fields token is missing in JSON file, table {} to create rows", name),
+        {},
+        fmt::format("table_fields token is missing in JSON file, table {} to create rows", name),
         {});
   }
   FieldBitwidths widths = tableInfo_->fieldBitwidths(rid);
@@ -201,8 +221,8 @@ void P4TableInfoSm::createRowConstructor(const cJSON* table) {
         {}, "latticeTableInterface not ready for " + name + " to create rows", {});
   }
   try {
-    tableInfo_->rowConstructorIs(
-        rid, Vela::make<Lattice::RowConstructor>(type, fieldNames, fieldTypes));
+    tableInfo_->rowConstructorIs(rid,
+                                 Vela::make<Lattice::RowConstructor>(type, fieldNames, fieldTypes));
   } catch (const Lattice::TypeError& e) {
     throw P4RuntimeParsingException(e.what(), "Cannot parse table " + name + " to create rows", {});
   }
@@ -212,7 +232,10 @@ void P4TableInfoSm::createRowConstructor(const cJSON* table) {
 void P4TableInfoSm::doFindUnprogrammable() {
   for (const auto& [rid, widths] : tableInfo_->fieldBitwidthsCollection().values()) {
     if (rid.type != tableResource && rid.type != actionResource) continue;
-    const std::string why = tableInfo_->whyUnprogrammable(rid);
+    std::string why = tableInfo_->whyUnprogrammable(rid);
+    if (const auto& constructor = tableInfo_->rowConstructor(rid); why.empty() && constructor) {
+      why = whyTypeDisagrees(*tableInfo_, rid, constructor->type());
+    }
     if (!why.empty() && !tableInfo_->unprogrammableHas(rid)) tableInfo_->unprogrammableIs(rid, why);
   }
   for (const auto& [rid, why] : tableInfo_->unprogrammableCollection().values()) {
@@ -229,8 +252,9 @@ void P4TableInfoSm::createLatticeQueries() {
 
 void P4TableInfoSm::createQuery(const cJSON* query) {
   const char* const toDoWhat = " to create queries";
-  const auto config = services_.queryConfigDir->queryConfigIs(
-      required(query, "output_table_path", toDoWhat), required(query, "output_table_type", toDoWhat));
+  const auto config =
+      services_.queryConfigDir->queryConfigIs(required(query, "output_table_path", toDoWhat),
+                                              required(query, "output_table_type", toDoWhat));
   const std::string text = required(query, "query", toDoWhat);
   SCRIVEL_TRACE(5, "Lattice query:", text);
   config->oneShotIs(true);

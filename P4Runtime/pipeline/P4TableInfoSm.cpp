@@ -51,10 +51,8 @@ P4TableInfoSm::P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
       allArInterfacesCreatedAttribute().observe([this] { maybeUpdateAllArInterfacesReady(); }));
   changes_.push_back(
       allArInterfacesReadyAttribute().observe([this] { handleAllArInterfacesReady(); }));
-  changes_.push_back(
-      allQueriesReceivedAttribute().observe([this] { handleAllQueriesReceived(); }));
-  changes_.push_back(
-      allQueriesCompiledAttribute().observe([this] { handleAllQueriesCompiled(); }));
+  changes_.push_back(allQueriesReceivedAttribute().observe([this] { handleAllQueriesReceived(); }));
+  changes_.push_back(allQueriesCompiledAttribute().observe([this] { handleAllQueriesCompiled(); }));
   changes_.push_back(
       tableInfo_->cleanupRequestIdAttribute().observe([this] { handleCleanupRequest(); }));
   changes_.push_back(systemConfig_->forwardingPipelineConfigFilePathAttribute().observe(
@@ -67,8 +65,9 @@ P4TableInfoSm::P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
 }
 
 Vela::Ptr<P4TableInfoSm> p4TableInfoSmFactory(
-    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
-    PipelineServices services, PipelineFiles files) {
+    Vela::Ptr<P4TableInfo> tableInfo,
+    Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig, PipelineServices services,
+    PipelineFiles files) {
   return Vela::make<P4TableInfoSm>(std::move(tableInfo), std::move(systemConfig),
                                    std::move(services), std::move(files));
 }
@@ -86,9 +85,7 @@ void P4TableInfoSm::handlePipelineConfigFile() {
 }
 
 void P4TableInfoSm::readPipelineConfigFile(const std::string& path) {
-  const auto fail = [](const std::string& text) {
-    throw P4RuntimeParsingException({}, text, {});
-  };
+  const auto fail = [](const std::string& text) { throw P4RuntimeParsingException({}, text, {}); };
   if (path.empty()) fail("Pipeline Configuration not available yet: " + path);
   std::ifstream file(path, std::ios::binary);
   if (!file) fail("Failed to open file " + path);
@@ -119,6 +116,8 @@ void P4TableInfoSm::readPipelineConfigFile(const std::string& path) {
 // until its tables are known.
 void P4TableInfoSm::doForgetPipeline() {
   ++generation_;
+  jsonRoot_ = nullptr;  // first of all: reactions to what follows have nothing left to build
+  jsonRootToDelete_.reset();
   tableInfo_->tableInfoStateIs(P4TableInfoState::tableInfoNotReady);
   bitwidthsInitializedIs(false);
   allTypesCompiledIs(false);
@@ -132,8 +131,6 @@ void P4TableInfoSm::doForgetPipeline() {
   services_.typeConfigDir->typeConfigDelAll();
   tableInfo_->modelDel();
   queryOutputs_.clear();
-  jsonRoot_ = nullptr;
-  jsonRootToDelete_.reset();
 }
 
 void P4TableInfoSm::handlePipelineConfigStr(const std::string& deviceConfigJson) {

@@ -78,13 +78,16 @@ class P4TableInfoSm : public Vela::Entity {
  private:
   void handleInitialized();
   void handleAllArInterfacesReady();
-  // Runs `step`; a parsing failure ends with its handler.
+  // Runs `step`; a parsing failure, or one of the store, ends with the handler of the former.
   template <typename Step>
   void guarded(Step step) {
     try {
       step();
     } catch (const P4RuntimeParsingException& e) {
       P4RuntimeParsingException::handleException(e);
+    } catch (const std::exception& e) {
+      P4RuntimeParsingException::handleException(
+          {e.what(), "the pipeline could not be brought up", {}});
     }
   }
 

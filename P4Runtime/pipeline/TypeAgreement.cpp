@@ -1,0 +1,67 @@
+#include "P4Runtime/pipeline/TypeAgreement.h"
+
+#include <fmt/format.h>
+
+namespace P4Runtime {
+namespace {
+
+using Lattice::Column;
+using Lattice::ColumnRole;
+using Lattice::ColumnType;
+using Part = Lattice::TableType::Part;
+
+uint32_t bytesOf(uint32_t bits) { return (bits + 7) / 8; }
+
+// `prefix`: whether the slot belongs to a prefix, whose length has a slot of its own.
+std::string whySizeDiffers(const Column& column, uint32_t width, bool prefix) {
+  if (prefix && column.type == ColumnType::ipGenPrefix) return {};
+  const bool sized = column.type != ColumnType::ipGenPrefix && column.size == bytesOf(width);
+  if (!prefix && sized) return {};
+  return fmt::format("its type has column {} of {} bytes for a {} of {} bits", column.name,
+                     column.size, prefix ? "prefix" : "field", width);
+}
+
+std::string whyKeyDiffers(const FieldBitwidths& widths, const Lattice::TableType& type) {
+  uint32_t slot = 0;
+  for (const Column& column : type.keyColumns()) {
+    if (column.role == ColumnRole::priority) continue;
+    if (slot >= widths.slots()) return fmt::format("its type has column {} too many", column.name);
+    const bool prefix = widths.fieldIsIpPrefix(slot);
+    const std::string why = whySizeDiffers(column, widths.fieldBitwidth(slot), prefix);
+    if (!why.empty()) return why;
+    slot += prefix ? 2 : 1;
+  }
+  if (slot == widths.slots()) return {};
+  return fmt::format("its type has columns for {} of {} fields of the match key", slot,
+                     widths.slots());
+}
+
+std::string whyActionDiffers(const FieldBitwidths& widths, const Lattice::ActionLayout& action) {
+  if (action.fields.size() != widths.slots()) {
+    return fmt::format("its type gives action {} {} fields instead of {}", action.name,
+                       action.fields.size(), widths.slots());
+  }
+  for (uint32_t slot = 0; slot < widths.slots(); ++slot) {
+    const std::string why = whySizeDiffers(action.fields[slot], widths.fieldBitwidth(slot), false);
+    if (!why.empty()) return fmt::format("action {}: {}", action.name, why);
+  }
+  return {};
+}
+
+}  // namespace
+
+std::string whyTypeDisagrees(const P4TableInfo& tableInfo, ResourceId table,
+                             const Lattice::TableType& type) {
+  const std::string why = whyKeyDiffers(tableInfo.fieldBitwidths(table), type);
+  if (!why.empty()) return why;
+  for (const auto& action : type.actions()) {
+    // An action that the P4Info does not give the table is never asked for.
+    if (!tableInfo.actionIdColForTable(table).actionIdHas(action.actionId)) continue;
+    const auto& widths = tableInfo.fieldBitwidths({actionResource, action.actionId});
+    const std::string reason = whyActionDiffers(widths, action);
+    if (!reason.empty()) return reason;
+  }
+  return {};
+}
+
+}  // namespace P4Runtime
