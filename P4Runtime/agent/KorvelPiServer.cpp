@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <semaphore>
+#include <utility>
 
 #include "P4Runtime/agent/P4RuntimeLocalController.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
@@ -30,6 +31,7 @@ using pi::fe::proto::DeviceMgr;
 constexpr int secondsToStart = 10;
 
 pthread_t serverThread{};
+bool serverThreadStarted = false;
 std::binary_semaphore serverThreadHasArguments(0);
 
 // The address is read before startProcessing() returns; the object may be gone after that.
@@ -117,6 +119,7 @@ void KorvelPiServer::startProcessing() {
     _exit(-1);
   }
   serverThreadHasArguments.acquire();
+  serverThreadStarted = true;
 }
 
 void KorvelPiServer::signal() {
@@ -182,7 +185,7 @@ void KorvelPiServer::doCleanup() {
   const Vela::ActivityLock lock;
   SCRIVEL_TRACE(1, "doCleanup", " server thread id: ", static_cast<uint64_t>(serverThread));
   serverReadyIs(false);
-  {
+  if (serverThreadStarted) {
     // Calls in progress need the lock to finish.
     const Vela::ActivityLockReleased released;
     PIGrpcServerWaitStarted(secondsToStart);
@@ -190,7 +193,7 @@ void KorvelPiServer::doCleanup() {
   }
   pi_remove_device(deviceId());
   pi_destroy();
-  {
+  if (std::exchange(serverThreadStarted, false)) {
     const Vela::ActivityLockReleased released;
     pthread_join(serverThread, nullptr);
   }

@@ -64,6 +64,13 @@ std::string slotName(const P4TableInfo& tableInfo, ResourceId rid, uint32_t slot
   return slot < names.size() ? names[slot] : "number " + std::to_string(slot);
 }
 
+// The one slot of an action without parameters is meant to be empty; it has no name.
+bool isWithoutParameters(const P4TableInfo& tableInfo, ResourceId rid) {
+  if (rid.type != actionResource || tableInfo.fieldBitwidths(rid).slots() != 1) return false;
+  const auto& names = tableInfo.slotNames(rid);
+  return names.empty() || names[0].empty();
+}
+
 }  // namespace
 
 void P4TableInfo::onNewRowStarted() { prefixIndex_ = 0; }
@@ -117,9 +124,7 @@ std::string P4TableInfo::whyUnprogrammable(ResourceId rid) const {
       return "field " + slotName(*this, rid, slot) + " is " + std::to_string(width) +
              " bits wide; fields of 3 bytes cannot be programmed";
     }
-    // Only the one slot of an action without parameters, which has no name, is meant to be empty.
-    if (width == 0 &&
-        (rid.type == tableResource || widths.slots() > 1 || !slotName(*this, rid, slot).empty())) {
+    if (width == 0 && !isWithoutParameters(*this, rid)) {
       return "field " + slotName(*this, rid, slot) + " has no bit width that can be programmed";
     }
   }
