@@ -36,5 +36,7 @@ void printAttribute(const std::string& label, const cJSON& value) {
   }
   fmt::print("{}\n", label);
   std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) fmt::print("  {}\n", line);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.empty()) fmt::print("  {}\n", line);
+  }
 }

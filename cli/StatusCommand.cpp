@@ -19,6 +19,7 @@ using Orrery::Json;
 
 constexpr const char* systemPath = "p4runtime/status/system";
 constexpr const char* agentPath = "p4runtime/status/agent";
+constexpr const char* failuresPath = "p4runtime/status/failures";
 
 // The attributes of an entity; null when the agent does not have it (yet).
 Json attributes(Orrery::Client& client, const char* path) {
@@ -67,6 +68,13 @@ void printCritical(Orrery::Client& client, const Json& system) {
   }
 }
 
+// Failures that no controller was told of, with table and key.
+void printFailures(const Json& failures) {
+  const std::string list = textOf(failures, "list");
+  if (list.empty()) return;
+  printAttribute("not programmed", *Json(cJSON_CreateString(("\n" + list).c_str())));
+}
+
 // What printCritical() says, or nobody wants to see twice.
 bool shownElsewhere(const char* name) {
   for (const char* known : {"pid", "criticalSince", "criticalReason"}) {
@@ -84,7 +92,8 @@ void printAll(const Json& object) {
   }
 }
 
-void printForPeople(Orrery::Client& client, const Json& system, const Json& agent) {
+void printForPeople(Orrery::Client& client, const Json& system, const Json& agent,
+                    const Json& failures) {
   printAttribute(
       "agent",
       *Json(cJSON_CreateString(fmt::format("running, pid {}", client.agentPid()).c_str())));
@@ -95,14 +104,16 @@ void printForPeople(Orrery::Client& client, const Json& system, const Json& agen
     fmt::print("the agent is starting: there is no {} yet\n", agentPath);
   }
   if (system) printAll(system);
+  printFailures(failures);
 }
 
-void printJson(int64_t pid, Json system, Json agent) {
+void printJson(int64_t pid, Json system, Json agent, Json failures) {
   const Json json(cJSON_CreateObject());
   cJSON_AddBoolToObject(json.get(), "running", pid != 0);
   if (pid != 0) cJSON_AddNumberToObject(json.get(), "pid", static_cast<double>(pid));
   if (system) cJSON_AddItemToObject(json.get(), "system", system.release());
   if (agent) cJSON_AddItemToObject(json.get(), "agent", agent.release());
+  if (failures) cJSON_AddItemToObject(json.get(), "failures", failures.release());
   fmt::print("{}\n", Orrery::jsonText(*json));
 }
 
@@ -111,13 +122,14 @@ void runStatus(const ClientOptions& options) {
     Orrery::Client client(options.stateDirectory);
     Json system = attributes(client, systemPath);
     Json agent = attributes(client, agentPath);
+    Json failures = attributes(client, failuresPath);
     if (options.json) {
-      printJson(client.agentPid(), std::move(system), std::move(agent));
+      printJson(client.agentPid(), std::move(system), std::move(agent), std::move(failures));
     } else {
-      printForPeople(client, system, agent);
+      printForPeople(client, system, agent, failures);
     }
   } catch (const Orrery::NoAgentError&) {
-    if (options.json) printJson(0, nullptr, nullptr);
+    if (options.json) printJson(0, nullptr, nullptr, nullptr);
     throw;
   }
 }

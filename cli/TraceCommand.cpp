@@ -69,8 +69,9 @@ std::string levelsText(uint32_t mask) {
   return text.empty() ? "off" : text;
 }
 
-void printFiles(Scrivel::TraceReader& reader) {
+void printFiles(Scrivel::TraceReader& reader, const Options& options) {
   for (const auto& file : reader.files()) {
+    if (options.filter.pid && file.pid != *options.filter.pid) continue;
     fmt::print("{} pid {} {}\n", file.path, file.pid, file.alive ? "running" : "ended");
     for (const auto& handle : file.handles) {
       fmt::print("  {:<32} {}\n", handle.name, levelsText(handle.mask));
@@ -95,7 +96,7 @@ void setLevels(Scrivel::TraceReader& reader, const Options& options) {
 void run(const Options& options) {
   Scrivel::TraceReader reader(traceDirectory(options));
   if (!options.set.empty()) return setLevels(reader, options);
-  if (options.files) return printFiles(reader);
+  if (options.files) return printFiles(reader, options);
   if (reader.files().empty() && !options.follow) {
     throw std::runtime_error("there are no traces in " + traceDirectory(options) +
                              "; name another --state-dir or --dir");

@@ -123,7 +123,7 @@ Json answeredSet(Database& database, const cJSON& request) {
     throw RequestError(fmt::format("attribute {} of {} takes a {}, not {}", attribute.name(),
                                    entity->name(), attribute.typeName(), kindOf(*value)));
   }
-  SCRIVEL_TRACE(0, "set ", entity->name(), " ", attribute.name(), " ", text);
+  SCRIVEL_TRACE(0, "set ", requiredString(request, "path"), " ", attribute.name(), " ", text);
   attribute.textIs(text);
   return attributeJson(requiredString(request, "path"), attribute);
 }
@@ -155,7 +155,7 @@ Json answeredCall(Database& database, const cJSON& request) {
                                    operation->argumentNames.size(),
                                    joined(operation->argumentNames), arguments.size()));
   }
-  SCRIVEL_TRACE(0, "call ", entity->name(), " ", name);
+  SCRIVEL_TRACE(0, "call ", requiredString(request, "path"), " ", name);
   Json answer = okAnswer();
   cJSON_AddStringToObject(answer.get(), "answer", operation->run(arguments).c_str());
   return answer;
