@@ -58,6 +58,7 @@ class Registry {
   void fileIs(TraceFile* file, Levels levels) {
     const std::lock_guard guard(mutex_);
     levels_ = std::move(levels);
+    if (file) files_.push_back(file);
     theFile.store(file, std::memory_order_release);
     for (TraceHandle* handle : handles_) {
       if (file) {
@@ -113,6 +114,7 @@ class Registry {
 
   std::mutex mutex_;
   std::vector<TraceHandle*> handles_;
+  std::vector<TraceFile*> files_;  // all there ever were: a thread may still be storing a record
   Levels levels_;
 };
 
