@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ActivityLock.h"
 
 namespace P4Runtime {
 namespace {
@@ -76,9 +77,14 @@ void BatchStatus::onBatchRollback() {
 }
 
 void BatchStatus::cleanUpBatchState() {
-  uint64_t left = 0;
-  if (notifyFd() >= 0) [[maybe_unused]]
-    const auto drained = read(notifyFd(), &left, sizeof left);
+  {
+    // Counts still on their way to the descriptor belong to the batch before.
+    const std::lock_guard guard(notifyMutex_);
+    ++batch_;
+    uint64_t left = 0;
+    if (notifyFd() >= 0) [[maybe_unused]]
+      const auto drained = read(notifyFd(), &left, sizeof left);
+  }
   handleToOffsets_.clear();
   offsetToHandle_.clear();
   pending_.clear();
@@ -146,11 +152,17 @@ void BatchStatus::inStepIs(uint64_t sequence) {
 
 uint64_t BatchStatus::completedOperationBaseline() { return std::exchange(baseline_, 0); }
 
+// Written once the lock is free, since the thread that wakes needs it at once.
 void BatchStatus::notify(uint64_t count) {
   if (notifyFd() < 0) return;
-  if (write(notifyFd(), &count, sizeof count) != sizeof count) {
-    SCRIVEL_TRACE(0, "BatchStatus", " cannot write the notification descriptor");
-  }
+  auto work = [this, alive = Vela::Ptr<BatchStatus>(this), batch = batch_, count] {
+    const std::lock_guard guard(notifyMutex_);
+    if (batch != batch_) return;
+    if (write(notifyFd(), &count, sizeof count) != sizeof count) {
+      SCRIVEL_TRACE(0, "BatchStatus", " cannot write the notification descriptor");
+    }
+  };
+  Vela::ActivityLock::afterRelease(std::move(work));
 }
 
 }  // namespace P4Runtime

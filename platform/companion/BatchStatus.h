@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <span>
 #include <string>
 #include <unordered_map>
@@ -112,6 +113,8 @@ class BatchStatus : public Vela::Entity {
   std::unordered_map<EntryHandle, uint64_t> pending_;  // to sequence; completed ones leave
   std::unordered_map<EntryHandle, BatchStatusEntry> completed_;
   uint64_t baseline_ = 0;
+  std::mutex notifyMutex_;  // taken last, also without the activity lock
+  uint64_t batch_ = 0;      // changed under both locks: counts of a former batch are dropped
   std::function<void(EntryHandle)> rollBack_;
   std::function<void(const Lattice::Report&)> strayReport_;
 };

@@ -26,6 +26,7 @@ std::vector<std::shared_ptr<Hook>>& hooks() {
 }
 
 thread_local unsigned lockDepth = 0;
+thread_local std::vector<std::function<void()>> releaseWork;
 uint64_t lastHookId = 0;  // guarded by the lock
 
 void runHooks() {
@@ -41,6 +42,14 @@ void runHooks() {
   --lockDepth;
 }
 
+void giveUp() {
+  runHooks();
+  lockDepth = 0;
+  lockMutex().unlock();
+  if (releaseWork.empty()) return;
+  for (const auto& work : std::exchange(releaseWork, {})) work();
+}
+
 }  // namespace
 
 ActivityLock::ActivityLock() {
@@ -50,22 +59,25 @@ ActivityLock::ActivityLock() {
 
 ActivityLock::~ActivityLock() {
   if (lockDepth == 1) {
-    runHooks();
-    lockDepth = 0;
-    lockMutex().unlock();
-    return;
+    giveUp();
+  } else {
+    --lockDepth;
   }
-  --lockDepth;
+}
+
+void ActivityLock::afterRelease(std::function<void()> work) {
+  if (lockDepth == 0) {
+    work();
+  } else {
+    releaseWork.push_back(std::move(work));
+  }
 }
 
 bool ActivityLock::held() { return lockDepth > 0; }
 unsigned ActivityLock::depth() { return lockDepth; }
 
 ActivityLockReleased::ActivityLockReleased() : depth_(lockDepth) {
-  if (depth_ == 0) return;
-  runHooks();
-  lockDepth = 0;
-  lockMutex().unlock();
+  if (depth_ > 0) giveUp();
 }
 
 ActivityLockReleased::~ActivityLockReleased() {

@@ -17,6 +17,11 @@ class ActivityLock {
 
   static bool held();       // by this thread
   static unsigned depth();  // of this thread, 0 when it does not hold the lock
+
+  // Runs `work` once this thread has given the lock up (at the end of its outermost scope, or for
+  // an ActivityLockReleased): to wake a thread that needs the lock without making it wait for it.
+  // `work` must neither throw nor rely on the lock. Runs at once when the lock is not held.
+  static void afterRelease(std::function<void()> work);
 };
 
 // Gives the lock up for a scope, at whatever depth this thread holds it (also at none), and takes
