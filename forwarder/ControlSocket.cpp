@@ -40,12 +40,18 @@ int socketTo(const std::string& path, int flags) {
   return -1;
 }
 
-// Only a forwarder that runs takes a connection.
+// A process that was killed may still be on its way out, and take connections: only an answer
+// counts, or a silence that a busy forwarder may need.
 bool someoneAnswers(const std::string& path) {
+  constexpr int patienceMs = 2000;
   const int descriptor = socketTo(path, SOCK_NONBLOCK);
   if (descriptor < 0) return errno == EAGAIN;
+  pollfd answer{descriptor, POLLIN, 0};
+  char byte;
+  const bool alive = ::send(descriptor, "help\n", 5, MSG_NOSIGNAL) == 5 &&
+                     (poll(&answer, 1, patienceMs) == 0 || recv(descriptor, &byte, 1, 0) == 1);
   close(descriptor);
-  return true;
+  return alive;
 }
 
 }  // namespace
@@ -66,12 +72,12 @@ bool ControlSocket::ours() const {
   return stat(path_.c_str(), &found) == 0 && found.st_dev == device_ && found.st_ino == inode_;
 }
 
+// The path goes first: whoever waits for our end may then make its own.
 void ControlSocket::doClose() {
+  if (listener_ >= 0 && ours()) unlink(path_.c_str());
   for (const Client& client : clients_) close(client.descriptor);
   clients_.clear();
-  if (listener_ < 0) return;
-  if (ours()) unlink(path_.c_str());
-  close(std::exchange(listener_, -1));
+  if (listener_ >= 0) close(std::exchange(listener_, -1));
 }
 
 void ControlSocket::maybeListen() {

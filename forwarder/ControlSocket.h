@@ -32,7 +32,8 @@ class ControlSocket {
   ControlSocket& operator=(const ControlSocket&) = delete;
 
   // Listens if it can and does not yet: the directory may come later, or be made anew. A socket
-  // that a killed forwarder left is replaced. Throws ControlError.
+  // that a killed forwarder left is replaced; to know it, this may wait for an answer. Throws
+  // ControlError.
   void maybeListen();
   bool listening() const { return listener_ >= 0; }
   void pollDescriptors(std::vector<pollfd>& out) const;  // appends what to wait for

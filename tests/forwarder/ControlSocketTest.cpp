@@ -32,16 +32,20 @@ class ControlSocketTest : public testing::Test {
       return Answer{true, std::string(line)};
     });
   }
-  // Asks from another thread while this one serves, until the answer is there.
-  Answer askedOf(ControlSocket& control, const std::string& line) {
-    auto answer = std::async(std::launch::async, [&] { return asked(path_, line); });
-    while (answer.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+  // Runs `work` in another thread while this one serves.
+  template <typename Work>
+  auto servedBy(ControlSocket& control, const Work& work) {
+    auto result = std::async(std::launch::async, work);
+    while (result.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
       std::vector<pollfd> descriptors;
       control.pollDescriptors(descriptors);
       poll(descriptors.data(), descriptors.size(), 1);
       control.serve();
     }
-    return answer.get();
+    return result.get();
+  }
+  Answer askedOf(ControlSocket& control, const std::string& line) {
+    return servedBy(control, [&] { return asked(path_, line); });
   }
   int connected() {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
@@ -95,7 +99,22 @@ TEST_F(ControlSocketTest, TakesThePlaceOfTheDeadButNotOfTheLiving) {
   control.maybeListen();
   EXPECT_EQ(askedOf(control, "hello").text, "hello");
   ControlSocket rival = echo();
-  EXPECT_THROW(rival.maybeListen(), ControlError);
+  EXPECT_THROW(servedBy(control, [&] { rival.maybeListen(); }), ControlError);
+  EXPECT_EQ(askedOf(control, "hello").text, "hello");
+}
+
+// A forwarder was started right after its predecessor had been killed, met the dying process's
+// socket, and gave up.
+TEST_F(ControlSocketTest, TakesThePlaceOfTheDying) {
+  auto dying = std::make_unique<ControlSocket>(path_, [](std::string_view) { return Answer(); });
+  dying->maybeListen();
+  ControlSocket control = echo();
+  auto taken = std::async(std::launch::async, [&] { control.maybeListen(); });
+  std::vector<pollfd> descriptors;
+  dying->pollDescriptors(descriptors);
+  poll(descriptors.data(), descriptors.size(), -1);  // the newcomer has connected
+  dying.reset();
+  taken.get();
   EXPECT_EQ(askedOf(control, "hello").text, "hello");
 }
 
