@@ -10,6 +10,7 @@ import contextlib
 import json
 import os
 import pathlib
+import shutil
 import signal
 import socket
 import subprocess
@@ -39,8 +40,17 @@ def expect(truth, text):
         raise DemoError(text)
 
 
-def command_text(command):
-    return " ".join(str(word) if " " not in str(word) else f"'{word}'" for word in command)
+def command_text(command, folder):
+    """As one would type it in the demo's folder."""
+    words = [pathlib.Path(command[0]).name]
+    words += [str(word).removeprefix(f"{folder}/") for word in command[1:]]
+    return "$ " + " ".join(words)
+
+
+def dying_with_us(command):
+    """Even if the demo itself is killed, nothing stays behind."""
+    setpriv = shutil.which("setpriv")
+    return [setpriv, "--pdeathsig", "KILL", *command] if setpriv else command
 
 
 class Process:
@@ -49,9 +59,8 @@ class Process:
     def __init__(self, name, command, log):
         self.name = name
         self.log = log
-        tell("$ " + command_text(command))
         with open(log, "ab") as output:
-            self._process = subprocess.Popen(command, stdout=output, stderr=output)
+            self._process = subprocess.Popen(dying_with_us(command), stdout=output, stderr=output)
 
     def alive(self):
         return self._process.poll() is None
@@ -114,9 +123,12 @@ class Switch:
         return [process for process in (self.agent, self.forwarder) if process]
 
     def build_pipeline(self):
-        self.run([self.korvel, "pipeline", "build", "--p4info", HERE / "router.p4info.txtpb",
-                  "--entries", HERE / "router.entries.json", "--device-id", "1",
-                  "-o", self.folder / "router.pb.bin"])
+        for name in ("router.p4info.txtpb", "router.entries.json"):
+            shutil.copy(HERE / name, self.folder)
+        self.run([self.korvel, "pipeline", "build",
+                  "--p4info", self.folder / "router.p4info.txtpb",
+                  "--entries", self.folder / "router.entries.json",
+                  "--device-id", "1", "-o", self.folder / "router.pb.bin"])
         self.run([self.korvel, "pipeline", "check", self.folder / "router.pb.bin"])
 
     def write_configuration(self):
@@ -131,14 +143,12 @@ class Switch:
         (self.folder / "agent.json").write_text(json.dumps(configuration, indent=2))
 
     def start_agent(self):
-        self.agent = Process("agent", [self.korvel, "agent", "--config",
-                                       self.folder / "agent.json", "--state-dir", self.state],
-                             self.folder / "agent.log")
+        self.agent = self.start("agent", [self.korvel, "agent", "--config",
+                                          self.folder / "agent.json", "--state-dir", self.state])
 
     def start_forwarder(self):
-        self.forwarder = Process("forwarding agent",
-                                 [self.forwarder_program, "--state-dir", self.state],
-                                 self.folder / "forwarder.log")
+        self.forwarder = self.start("forwarding agent",
+                                    [self.forwarder_program, "--state-dir", self.state])
         wait_until(lambda: self.tell_forwarder("stats", quiet=True) is not None,
                    "answer of the forwarding agent", self.forwarder)
 
@@ -146,13 +156,19 @@ class Switch:
         return self.run([self.forwarder_program, "ctl", "--state-dir", self.state, *words],
                         quiet=quiet)
 
+    def start(self, name, command):
+        tell(command_text(command, self.folder) + " &")
+        return Process(name, command, self.folder / f"{name.replace(' ', '-')}.log")
+
     def run(self, command, quiet=False):
+        spoken = command_text(command, self.folder)
         if not quiet:
-            tell("$ " + command_text(command))
+            tell(spoken)
         done = subprocess.run(command, capture_output=True, text=True, timeout=60)
-        expect(done.returncode == 0, f"{command_text(command)} failed: {done.stderr.strip()}")
-        if not quiet and (done.stdout + done.stderr).strip():
-            tell((done.stdout + done.stderr).strip())
+        expect(done.returncode == 0, f"{spoken} failed: {done.stderr.strip()}")
+        said = (done.stdout + done.stderr).replace(f"{self.folder}/", "").strip()
+        if not quiet and said:
+            tell(said)
         return done.stdout
 
     def end(self):
@@ -287,7 +303,7 @@ class Demo:
             self.controller.write(updates)
         except WriteFailed as failure:
             for number, error in enumerate(failure.errors):
-                tell(f"update {number + 1}: {failure.code(number)} {error.message}")
+                tell(f"update {number + 1}: {failure.code(number)} {error.message}".rstrip())
             return [failure.code(number) for number in range(len(updates))]
         raise DemoError("a batch with bad updates was answered with OK")
 
@@ -335,7 +351,7 @@ class Demo:
         rows = self.switch.tell_forwarder("dump", quiet=True).splitlines()
         expect(len(rows) == len(self.wanted), "the forwarding agent keeps every row")
         tell(f"the forwarding agent still holds {len(rows)} rows")
-        step("Start the agent again: it knows every entry, and who was primary last does not matter")
+        step("Start the agent again: it knows every entry, and its controllers connect anew")
         self.switch.start_agent()
         self.connect(election_id=2)
         self.check_switch()
@@ -372,7 +388,8 @@ def main():
     from entries import Entry, NameOrValueError
 
     # The terminal's signals end the demo through the clean-up below.
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    for ending in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(ending, lambda *_: sys.exit(1))
     with contextlib.ExitStack() as cleanup:
         folder = cleanup.enter_context(
             tempfile.TemporaryDirectory(prefix="korvel-demo-", dir=shared_memory_folder()))
