@@ -4,7 +4,7 @@
     controller.py tables
     controller.py insert ipv4_route vrf_id=1 ipv4_dst=10.0.0.0/8 set_nexthop nexthop_id=7
     controller.py modify ipv4_route vrf_id=1 ipv4_dst=10.0.0.0/8 drop
-    controller.py insert acl --priority 10 src_ip='10.0.0.0&&&255.0.0.0' l4_dst_port=22 acl_drop
+    controller.py insert --priority 10 acl src_ip='10.0.0.0&&&255.0.0.0' l4_dst_port=22 acl_drop
     controller.py read ipv4_route
     controller.py delete ipv4_route vrf_id=1 ipv4_dst=10.0.0.0/8
 """
@@ -236,7 +236,8 @@ def arguments():
     read.add_argument("table", nargs="?")
     for command in ("insert", "modify", "delete"):
         write = commands.add_parser(command, help=f"{command} one entry")
-        write.add_argument("--priority", type=int, default=0, help="of a ternary entry, above 0")
+        write.add_argument("--priority", type=int, default=0,
+                           help="of a ternary entry, above 0; goes before the table")
         write.add_argument("table")
         write.add_argument("words", nargs="*", metavar="FIELD=VALUE... ACTION PARAM=VALUE",
                            help="match fields, then the action and its parameters")

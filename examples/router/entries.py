@@ -4,6 +4,7 @@ P4Runtime addresses everything by number and sends values as bytes; the P4Info o
 says which number is which. `Pipeline` does that translation both ways.
 """
 
+import contextlib
 import dataclasses
 import ipaddress
 import re
@@ -66,6 +67,15 @@ def to_text(value, bits, is_ipv4=False):
     return str(number)
 
 
+@contextlib.contextmanager
+def _naming(name):
+    """Puts the field's name before what is wrong with its value."""
+    try:
+        yield
+    except NameOrValueError as error:
+        raise NameOrValueError(f"{name}: {error}") from None
+
+
 def _is_ipv4(field):
     return any("IPV4_ADDRESS" in annotation for annotation in field.annotations)
 
@@ -108,7 +118,8 @@ class Pipeline:
         message = p4runtime_pb2.TableEntry(table_id=table.preamble.id, priority=entry.priority)
         for name, value in entry.match.items():
             field = self._part("match field", entry.table, table.match_fields, name)
-            self._add_match(field, str(value), message)
+            with _naming(name):
+                self._add_match(field, str(value), message)
         if entry.action:
             message.action.action.CopyFrom(self._action_message(entry))
         return message
@@ -118,7 +129,8 @@ class Pipeline:
         message = p4runtime_pb2.Action(action_id=action.preamble.id)
         for name, value in entry.params.items():
             param = self._part("parameter", entry.action, action.params, name)
-            message.params.add(param_id=param.id, value=to_bytes(value, param.bitwidth))
+            with _naming(name):
+                message.params.add(param_id=param.id, value=to_bytes(value, param.bitwidth))
         return message
 
     @staticmethod
@@ -130,6 +142,8 @@ class Pipeline:
         if field.match_type == MatchField.LPM:
             address, _, length = text.partition("/")
             match.lpm.value = to_bytes(address, bits)
+            if length and not length.isdecimal() or int(length or 0) > bits:
+                raise NameOrValueError(f"'{text}' has no prefix length from 0 to {bits}")
             match.lpm.prefix_len = int(length or bits)
         elif field.match_type == MatchField.TERNARY:
             value, _, mask = text.partition("&&&")
