@@ -59,7 +59,10 @@ void addBuild(CLI::App& pipeline) {
       ->type_name("FILE");
   build->add_option("--device-id", options->deviceId, "device id the agent is configured with")
       ->required()
-      ->check(CLI::PositiveNumber)
+      ->check([](const std::string& id) {
+        return id.find_first_not_of('0') == std::string::npos ? "0 is no device id; ids start at 1"
+                                                              : "";
+      })
       ->type_name("N");
   build
       ->add_option("--entries", options->entriesPath,
