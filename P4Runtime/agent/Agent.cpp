@@ -182,6 +182,7 @@ void Agent::doPublish() {
   database.entityIs("p4runtime/tableInfo", p4TableInfo());
   database.entityIs("p4runtime/batchStatus", batchStatus());
   database.entityIs("p4runtime/piServer", piServer());
+  changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe([this] { doUpdateStatus(); }));
   statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] { doUpdateStatus(); });
   statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
 }

@@ -32,7 +32,7 @@ namespace {
 
 Scrivel::TraceHandle trace("KorvelPiImpl");
 
-constexpr int pendingCode = 4;  // the canonical code of an exceeded deadline
+constexpr int pendingCode = 4;                   // the canonical code of an exceeded deadline
 constexpr double longestTimeout = 24 * 60 * 60;  // seconds
 
 StatusVector& pendingStatus() {
@@ -105,8 +105,7 @@ void waitForStatusUpdates() {
     }
     completed += completedOps;
     SCRIVEL_TRACE(5, "_pi_update_pending_status", " completedOps: ", completedOps,
-                  " current total completed ops ", completed,
-                  " num entries pending: ", pending);
+                  " current total completed ops ", completed, " num entries pending: ", pending);
   }
 }
 
@@ -183,8 +182,7 @@ StatusIter markStatusEntryNotPending(StatusVector& statusVector, EntryHandle han
   const auto& offsetsOf = TheBatchStatus()->entryHandleToBatchOffset();
   const auto offsets = offsetsOf.find(handle);
   if (offsets == offsetsOf.end()) {
-    throw std::out_of_range(
-        fmt::format("Batch offset for entry handle {} does not exist", handle));
+    throw std::out_of_range(fmt::format("Batch offset for entry handle {} does not exist", handle));
   }
   const auto last = statusIterAtOffset(statusVector, offsets->second.back());
   if (last == statusVector.end()) {
@@ -265,8 +263,8 @@ void maybePretendHwProgramming() {
                        offset == batchStatus->pretendHwProgrammingFailedOffset();
     SCRIVEL_TRACE(1, "maybePretendHwProgramming", " Created statusEntry for entryHandle: ", handle,
                   fails ? " Pretend failure for offset " : " Pretend success for offset ", offset);
-    BatchStatusEntry entry(handle,
-                           static_cast<uint16_t>(fails ? ErrorCode::hardwareError : ErrorCode::none));
+    BatchStatusEntry entry(
+        handle, static_cast<uint16_t>(fails ? ErrorCode::hardwareError : ErrorCode::none));
     entry.setErrorMessage();
     batchStatus->completedTransactionStatusIs(entry);
   }
@@ -304,8 +302,8 @@ pi_status_t _pi_init(void* extra) {
 pi_status_t _pi_assign_device(pi_dev_id_t dev_id, const pi_p4info_t* p4info,
                               pi_assign_extra_t* extra) {
   const ActivityLock lock;
-  SCRIVEL_TRACE(1, "_pi_assign_device", " dev_id: ", dev_id, " p4info(ptr): ",
-                static_cast<const void*>(p4info),
+  SCRIVEL_TRACE(1, "_pi_assign_device", " dev_id: ", dev_id,
+                " p4info(ptr): ", static_cast<const void*>(p4info),
                 " extra=", P4Runtime::piAssignExtraToString(extra));
   TheTableImpl()->deviceIdIs(dev_id);
   return PI_STATUS_SUCCESS;
@@ -314,9 +312,9 @@ pi_status_t _pi_assign_device(pi_dev_id_t dev_id, const pi_p4info_t* p4info,
 pi_status_t _pi_update_device_start(pi_dev_id_t dev_id, const pi_p4info_t* p4info,
                                     const char* device_data, size_t device_data_size) {
   const ActivityLock lock;
-  SCRIVEL_TRACE(1, "_pi_update_device_start", " dev_id: ", dev_id, " p4info(ptr): ",
-                static_cast<const void*>(p4info), " device_data=",
-                Scrivel::buffer(device_data, device_data_size));
+  SCRIVEL_TRACE(1, "_pi_update_device_start", " dev_id: ", dev_id,
+                " p4info(ptr): ", static_cast<const void*>(p4info),
+                " device_data=", Scrivel::buffer(device_data, device_data_size));
   return PI_STATUS_SUCCESS;
 }
 

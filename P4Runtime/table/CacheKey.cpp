@@ -20,8 +20,7 @@ std::string toText(const CacheKey& key) {
 
 std::array<uint8_t, 16> storedKey(const CacheKey& key) {
   std::array<uint8_t, 16> bytes;
-  putBigEndian(putBigEndian(putBigEndian(bytes.data(), key.rid.type), key.rid.id),
-               key.entryHandle);
+  putBigEndian(putBigEndian(putBigEndian(bytes.data(), key.rid.type), key.rid.id), key.entryHandle);
   return bytes;
 }
 

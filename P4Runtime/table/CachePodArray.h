@@ -14,7 +14,8 @@ class CachePodArrayIndex {
   static constexpr uint32_t min = 0;
   static constexpr uint32_t max = 2047;
 
-  CachePodArrayIndex(uint32_t value = 0) : value_(checked(value)) {}  // NOLINT: an index is a number
+  CachePodArrayIndex(uint32_t value = 0)
+      : value_(checked(value)) {}  // NOLINT: an index is a number
 
   uint32_t value() const { return value_; }
   CachePodArrayIndex& operator+=(uint32_t n) {

@@ -29,6 +29,7 @@ enum class EntryState : uint32_t {
 
 struct TableCacheEntry {
   static constexpr size_t headerSize = 48;
+  static constexpr size_t stateAt = 16;  // where entryState stands
   static constexpr size_t largestSize = 4152;
   static constexpr uint8_t directEntry = 1;    // entryType: action data
   static constexpr uint8_t indirectEntry = 2;  // entryType: member or group handle

@@ -13,8 +13,8 @@ extern "C" {
 pi_status_t _pi_learn_config_set(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                  pi_p4_id_t learn_id, const pi_learn_config_t* config) {
   const Vela::ActivityLock lock;
-  SCRIVEL_TRACE(6, "_pi_learn_config_set", " session_handle: ", session_handle,
-                " dev_id: ", dev_id, " learn_id: ", learn_id,
+  SCRIVEL_TRACE(6, "_pi_learn_config_set", " session_handle: ", session_handle, " dev_id: ", dev_id,
+                " learn_id: ", learn_id,
                 " config: ", config ? P4Runtime::piLearnConfigToString(config) : "none");
   return PI_STATUS_SUCCESS;
 }

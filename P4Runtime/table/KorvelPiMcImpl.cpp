@@ -67,17 +67,16 @@ pi_status_t _pi_mc_node_delete(pi_mc_session_handle_t session_handle, pi_dev_id_
 pi_status_t _pi_mc_grp_attach_node(pi_mc_session_handle_t session_handle, pi_dev_id_t dev_id,
                                    pi_mc_grp_handle_t grp_handle, pi_mc_node_handle_t) {
   const Vela::ActivityLock lock;
-  SCRIVEL_TRACE(6, "_pi_mc_grp_attach_node", "session_handle: ", session_handle,
-                "dev_id: ", dev_id, "grp_handle: ", grp_handle);
+  SCRIVEL_TRACE(6, "_pi_mc_grp_attach_node", "session_handle: ", session_handle, "dev_id: ", dev_id,
+                "grp_handle: ", grp_handle);
   return PI_STATUS_SUCCESS;
 }
 
 pi_status_t _pi_mc_grp_detach_node(pi_mc_session_handle_t session_handle, pi_dev_id_t dev_id,
-                                   pi_mc_grp_handle_t grp_handle,
-                                   pi_mc_node_handle_t node_handle) {
+                                   pi_mc_grp_handle_t grp_handle, pi_mc_node_handle_t node_handle) {
   const Vela::ActivityLock lock;
-  SCRIVEL_TRACE(6, "_pi_mc_grp_detach_node", "session_handle: ", session_handle,
-                "dev_id: ", dev_id, "grp_handle: ", grp_handle, "node_handle: ", node_handle);
+  SCRIVEL_TRACE(6, "_pi_mc_grp_detach_node", "session_handle: ", session_handle, "dev_id: ", dev_id,
+                "grp_handle: ", grp_handle, "node_handle: ", node_handle);
   return PI_STATUS_SUCCESS;
 }
 

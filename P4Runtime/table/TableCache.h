@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <optional>
 #include <string>
@@ -31,7 +32,9 @@ class EntryCache : public Vela::RefCounted {
   void cacheDel(const CacheKey& key) { store_.erase(table_, storedKey(key)); }
   void cacheDelAll() { store_.eraseAll(table_); }
 
-  bool cacheHas(const CacheKey& key) const { return store_.get(table_, storedKey(key)).has_value(); }
+  bool cacheHas(const CacheKey& key) const {
+    return store_.get(table_, storedKey(key)).has_value();
+  }
   // Nothing when there is no record, or an unreadable one.
   std::optional<Record> cache(const CacheKey& key) const {
     const auto stored = store_.get(table_, storedKey(key));
@@ -42,6 +45,15 @@ class EntryCache : public Vela::RefCounted {
   // The record as it is stored; valid until the next write of the store.
   std::optional<Brine::Bytes> stored(const CacheKey& key) const {
     return store_.get(table_, storedKey(key));
+  }
+  // Changes a few bytes of a record that is there and readable.
+  void storedBytesAre(const CacheKey& key, size_t at, Brine::Bytes bytes) {
+    const auto storedAt = storedKey(key);
+    const auto stored = store_.get(table_, storedAt);
+    std::array<uint8_t, Record::largestSize> changed;  // a write makes `stored` invalid
+    std::copy(stored->begin(), stored->end(), changed.begin());
+    std::copy(bytes.begin(), bytes.end(), changed.begin() + at);
+    store_.put(table_, storedAt, {changed.data(), stored->size()});
   }
   void storedIs(const CacheKey& key, Brine::Bytes bytes) {
     store_.put(table_, storedKey(key), bytes);
@@ -56,8 +68,8 @@ class EntryCache : public Vela::RefCounted {
   void forEachOf(const ResourceId& rid, const Visit& visit) const {
     const auto prefix = storedKeyPrefix(rid);
     const auto within = [&](Brine::Bytes key, Brine::Bytes record) {
-      return key.size() >= prefix.size() &&
-             std::equal(prefix.begin(), prefix.end(), key.begin()) && visit(key, record);
+      return key.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), key.begin()) &&
+             visit(key, record);
     };
     store_.forEach(table_, within, prefix);
   }

@@ -195,7 +195,7 @@ EntryHandle TableImpl::addEntry(uint32_t tableId, uint32_t priority, size_t keyS
     MetersOf meters;
     appendMeters(table.rid, meter, counter, meters, fields);
     appendPriority(table, priority, fields);
-    return writeEntry(table, handle, fields);
+    return writeEntry(table, handle, isNew, fields);
   } catch (const P4RuntimeException& e) {
     // With the handle in it, the exception's handler puts the entry back and frees the handle.
     if (isNew && e.entryHandle == 0) handleMgr_->freeTableEntryHandle(handle);
@@ -233,11 +233,24 @@ EntryHandle TableImpl::indirectTableEntryAdd(uint32_t tableId, uint32_t priority
                   });
 }
 
-EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle, const RowFields& fields) {
+// Where a row holds no priority, entries that differ in nothing else would share one.
+void TableImpl::requireOwnRow(const Table& table, const std::string& rowKey,
+                              EntryHandle handle) const {
+  const EntryHandle owner = table.interface.rowEntryHandle(rowKey);
+  if (owner == handle || !handleMgr_->entryHandleToResourceIdHas(owner)) return;
+  refuse(ErrorCode::alreadyExists,
+         fmt::format("table {} holds an entry with this match and another priority; it can hold "
+                     "only one of them, so delete that entry first",
+                     tableInfo_->nameOf(table.rid)));
+}
+
+EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle, bool isNew,
+                                  const RowFields& fields) {
   SCRIVEL_TRACE(7, "TableImpl", "Calling rowConstructor for tableId: ", table.rid.id);
   try {
     Lattice::Row row = table.constructor.construct({fields.pointers.data(), fields.count});
     auto oldRow = table.interface.row(row.key);
+    if (isNew && oldRow) requireOwnRow(table, row.key, handle);
     if (restoring_) {
       // What a direct meter was set to stands only in the surviving row.
       const bool keep =
@@ -248,9 +261,11 @@ EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle, const 
     }
     const PendingOperation& operation =
         newPendingOperation(handle, PendingOperationType::tableEntryAdd, table.rid,
-                            std::move(oldRow), std::move(row), {});
+                            std::move(oldRow), std::move(row), {}, isNew);
     pendingSequenceIs(handle, table.interface.rowIs(*operation.newRow, handle));
     return handle;
+  } catch (const P4RuntimeException&) {
+    throw;
   } catch (const Lattice::TypeError& e) {
     refuse(ErrorCode::internalError,
            fmt::format("table {}: {}", tableInfo_->nameOf(table.rid), e.what()));
@@ -280,7 +295,7 @@ EntryHandle TableImpl::tableEntryDeleteWithKey(uint32_t tableId, uint32_t priori
   }
   auto oldRow = table.interface.row(rowKey);
   newPendingOperation(handle, PendingOperationType::tableEntryDelete, table.rid, std::move(oldRow),
-                      std::nullopt, rowKey);
+                      std::nullopt, rowKey, false);
   try {
     pendingSequenceIs(handle, table.interface.rowDel(rowKey, handle));
   } catch (const Brine::StoreError& e) {
@@ -294,7 +309,7 @@ PendingOperation& TableImpl::newPendingOperation(EntryHandle handle, PendingOper
                                                  const ResourceId& rid,
                                                  std::optional<Lattice::Row> oldRow,
                                                  std::optional<Lattice::Row> newRow,
-                                                 std::string rowKey) {
+                                                 std::string rowKey, bool isNew) {
   const auto [slot, fresh] = pendingOperations_.try_emplace(handle);
   PendingOperation& operation = slot->second;
   operation.type = type;
@@ -303,7 +318,7 @@ PendingOperation& TableImpl::newPendingOperation(EntryHandle handle, PendingOper
   if (fresh) {
     operation.rid = rid;
     operation.oldRow = std::move(oldRow);
-    rememberRecord(handle, operation);
+    if (!isNew) rememberRecord(handle, operation);
   }
   TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
   return operation;

@@ -6,8 +6,9 @@
 #include <functional>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
+
+#include <absl/container/node_hash_map.h>
 
 #include "P4Runtime/pipeline/P4CounterMeters.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
@@ -31,9 +32,9 @@ struct PendingOperation {
   ResourceId rid;
   std::string rowKey;
   std::optional<Lattice::Row> oldRow;
-  std::optional<Lattice::Row> newRow;      // nothing for a deletion
-  std::optional<std::string> oldRecord;    // the cache record, as stored
-  std::string oldMetadata;                 // the controller's metadata bytes
+  std::optional<Lattice::Row> newRow;    // nothing for a deletion
+  std::optional<std::string> oldRecord;  // the cache record, as stored
+  std::string oldMetadata;               // the controller's metadata bytes
 };
 
 // Call with the activity lock held, on a PI server thread or the reactor. Refusals are
@@ -126,11 +127,13 @@ class TableImpl : public Vela::Entity {
 
   Table requireTable(const ResourceId& rid) const;
   void requireSize(const Table& table, const char* what, size_t size, size_t expected) const;
-  void appendMeters(const ResourceId& rid, const P4MeterConfig* meter,
-                    const P4CounterData* counter, MetersOf& meters, RowFields& fields) const;
+  void appendMeters(const ResourceId& rid, const P4MeterConfig* meter, const P4CounterData* counter,
+                    MetersOf& meters, RowFields& fields) const;
   RowFields& startRow(const Table& table, size_t keySize, const char* key);
   void appendPriority(const Table& table, const uint32_t& priority, RowFields& fields) const;
-  EntryHandle writeEntry(const Table& table, EntryHandle handle, const RowFields& fields);
+  EntryHandle writeEntry(const Table& table, EntryHandle handle, bool isNew,
+                         const RowFields& fields);
+  void requireOwnRow(const Table& table, const std::string& rowKey, EntryHandle handle) const;
   template <typename AppendAction>
   EntryHandle addEntry(uint32_t tableId, uint32_t priority, size_t keySize, const char* key,
                        const P4MeterConfig* meter, const P4CounterData* counter,
@@ -138,9 +141,12 @@ class TableImpl : public Vela::Entity {
 
   PendingOperation& newPendingOperation(EntryHandle handle, PendingOperationType type,
                                         const ResourceId& rid, std::optional<Lattice::Row> oldRow,
-                                        std::optional<Lattice::Row> newRow, std::string rowKey);
+                                        std::optional<Lattice::Row> newRow, std::string rowKey,
+                                        bool isNew);
   void pendingSequenceIs(EntryHandle handle, uint64_t sequence);
   void rememberRecord(EntryHandle handle, PendingOperation& operation) const;
+  std::optional<EntryState> cachedState(const CacheKey& key) const;  // nothing without a record
+  void cachedStateIs(const CacheKey& key, EntryState state);
   void doUpdateCachedEntryState(EntryHandle handle, bool abort);
   void restoreRow(EntryHandle handle, const PendingOperation& operation);
   void restoreRecord(EntryHandle handle, const PendingOperation& operation);
@@ -154,7 +160,7 @@ class TableImpl : public Vela::Entity {
   Vela::Ptr<ActionProfileMemberCache> memberCache_;
   Vela::Ptr<ActionProfileGroupCache> groupCache_;
   std::optional<Brine::TableNumber> metadataTable_;
-  std::unordered_map<EntryHandle, PendingOperation> pendingOperations_;
+  absl::node_hash_map<EntryHandle, PendingOperation> pendingOperations_;
   std::unique_ptr<RowFields> rowFields_;
   Vela::Ptr<EntryFailures> failures_;
   bool restoring_ = false;  // what is written again needs no verification

@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "P4Runtime/pi/P4RuntimeException.h"
@@ -71,11 +72,20 @@ std::string TableImpl::cachedMetadata(const CacheKey& key) const {
 }
 
 void TableImpl::deleteCachedEntry(const ResourceId& rid, EntryHandle handle) {
-  if (!tableCache_) return;
-  auto record = tableCache_->cache({rid, handle});
-  if (!record) return;
-  record->entryState = EntryState::pendingToBeDeleted;
-  tableCache_->cacheIs(*record);
+  if (cachedState({rid, handle})) cachedStateIs({rid, handle}, EntryState::pendingToBeDeleted);
+}
+
+std::optional<EntryState> TableImpl::cachedState(const CacheKey& key) const {
+  const auto stored = tableCache_ ? tableCache_->stored(key) : std::nullopt;
+  const auto record = stored ? TableRecordView::of(*stored) : std::nullopt;
+  if (!record) return std::nullopt;
+  return record->entryState;
+}
+
+void TableImpl::cachedStateIs(const CacheKey& key, EntryState state) {
+  uint8_t bytes[sizeof state];
+  std::memcpy(bytes, &state, sizeof state);
+  tableCache_->storedBytesAre(key, TableCacheEntry::stateAt, bytes);
 }
 
 void TableImpl::rememberRecord(EntryHandle handle, PendingOperation& operation) const {
@@ -113,19 +123,17 @@ void TableImpl::doUpdateCachedEntryState(EntryHandle handle, bool abort) {
     SCRIVEL_TRACE(1, "TableImpl", "Entry handle: ", handle, " already deleted?");
     return;
   }
-  auto record = tableCache_ ? tableCache_->cache({rid, handle}) : std::nullopt;
-  if (!record) {
+  const auto state = cachedState({rid, handle});
+  if (!state) {
     SCRIVEL_TRACE(1, "TableImpl", "Entry handle: ", handle, " does not exist in cache");
     return;
   }
-  const EntryState state = record->entryState;
-  if (state == EntryState::stable) return;
-  if ((state == EntryState::pendingToBeAdded) == abort) {
+  if (*state == EntryState::stable) return;
+  if ((*state == EntryState::pendingToBeAdded) == abort) {
     entryCacheDel(rid, handle);
-    return;
+  } else {
+    cachedStateIs({rid, handle}, EntryState::stable);
   }
-  record->entryState = EntryState::stable;
-  tableCache_->cacheIs(*record);
 }
 
 void TableImpl::entryCacheDel(const ResourceId& rid, EntryHandle handle) {

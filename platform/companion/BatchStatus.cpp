@@ -144,7 +144,7 @@ void BatchStatus::inStepIs(uint64_t sequence) {
       continue;
     }
     completed_.insert_or_assign(next->first, BatchStatusEntry(next->first, 0));
-    next = pending_.erase(next);
+    pending_.erase(next++);
     ++completed;
   }
   if (completed > 0) notify(completed);

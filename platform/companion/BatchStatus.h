@@ -4,12 +4,14 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <span>
 #include <string>
-#include <unordered_map>
 #include <vector>
+
+#include <absl/container/btree_map.h>
+#include <absl/container/flat_hash_map.h>
+#include <absl/container/inlined_vector.h>
 
 #include "platform/companion/ErrorCode.h"
 #include "platform/companion/ResourceId.h"
@@ -46,8 +48,8 @@ class BatchStatus : public Vela::Entity {
   explicit BatchStatus(std::string name, Lattice::Database* database = nullptr);
   const char* typeName() const override { return "P4Runtime::BatchStatus"; }
 
-  VELA_READONLY_ATTRIBUTE(int, notifyFd, -1)    // an eventfd; not owned
-  VELA_ATTRIBUTE(double, batchTimeout, 5.0)     // seconds for each wait; whole seconds count
+  VELA_READONLY_ATTRIBUTE(int, notifyFd, -1)         // an eventfd; not owned
+  VELA_ATTRIBUTE(double, batchTimeout, 5.0)          // seconds for each wait; whole seconds count
   VELA_ATTRIBUTE(bool, pretendHwProgramming, false)  // the switch for the four below
   VELA_ATTRIBUTE(bool, pretendHwProgrammingFailed, false)
   VELA_ATTRIBUTE(uint32_t, pretendHwProgrammingFailedOffset, 0)
@@ -65,11 +67,11 @@ class BatchStatus : public Vela::Entity {
 
   void newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset);
   // A handle written at several offsets stands for all of them, in ascending order.
-  const std::unordered_map<EntryHandle, std::vector<BatchOffset>>& entryHandleToBatchOffset()
-      const {
+  using Offsets = absl::InlinedVector<BatchOffset, 2>;
+  const absl::flat_hash_map<EntryHandle, Offsets>& entryHandleToBatchOffset() const {
     return handleToOffsets_;
   }
-  const std::map<BatchOffset, EntryHandle>& batchOffsetToEntryHandle() const {
+  const absl::btree_map<BatchOffset, EntryHandle>& batchOffsetToEntryHandle() const {
     return offsetToHandle_;
   }
 
@@ -83,7 +85,7 @@ class BatchStatus : public Vela::Entity {
   // Completes the entry's operation. One with no pending operation is complete without the
   // forwarding plane: the baseline then rises along with the count.
   void completedTransactionStatusIs(BatchStatusEntry entry);
-  const std::unordered_map<EntryHandle, BatchStatusEntry>& completedTransactionStatus() const {
+  const absl::flat_hash_map<EntryHandle, BatchStatusEntry>& completedTransactionStatus() const {
     return completed_;
   }
 
@@ -108,10 +110,10 @@ class BatchStatus : public Vela::Entity {
   void failAll(const std::string& reason);
 
   Lattice::Database* database_;
-  std::unordered_map<EntryHandle, std::vector<BatchOffset>> handleToOffsets_;
-  std::map<BatchOffset, EntryHandle> offsetToHandle_;
-  std::unordered_map<EntryHandle, uint64_t> pending_;  // to sequence; completed ones leave
-  std::unordered_map<EntryHandle, BatchStatusEntry> completed_;
+  absl::flat_hash_map<EntryHandle, Offsets> handleToOffsets_;
+  absl::btree_map<BatchOffset, EntryHandle> offsetToHandle_;
+  absl::flat_hash_map<EntryHandle, uint64_t> pending_;  // to sequence; completed ones leave
+  absl::flat_hash_map<EntryHandle, BatchStatusEntry> completed_;
   uint64_t baseline_ = 0;
   std::mutex notifyMutex_;  // taken last, also without the activity lock
   uint64_t batch_ = 0;      // changed under both locks: counts of a former batch are dropped

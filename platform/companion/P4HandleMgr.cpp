@@ -60,7 +60,7 @@ struct P4HandleMgr::Impl {
 
   static uint64_t countKey(ResourceId rid) { return (uint64_t{rid.type} << 32) | rid.id; }
 
-  void bind(EntryHandle handle, const MatchKey& key) {
+  uint32_t newSlot(EntryHandle handle, const MatchKey& key) {
     uint32_t slot = 0;
     if (freeSlots.empty()) {
       slot = static_cast<uint32_t>(slots.size());
@@ -71,8 +71,8 @@ struct P4HandleMgr::Impl {
     }
     slots[slot] = {handle, {tableResource, key.tableId}, key.priority, std::string(key.bytes)};
     slotOfHandle.emplace(handle, slot);
-    slotOfKey.insert(slot);
     ++counts[countKey(slots[slot].rid)];
+    return slot;
   }
 };
 
@@ -82,11 +82,14 @@ P4HandleMgr::~P4HandleMgr() = default;
 EntryHandle P4HandleMgr::getOrCreateTableEntryHandle(uint32_t tableId, size_t keySize,
                                                      const char* key, uint32_t priority,
                                                      bool* isNew) {
-  const EntryHandle bound = getEntryHandleFromMatchKey(tableId, keySize, key, priority);
-  if (isNew) *isNew = bound == 0;
-  if (bound != 0) return bound;
-  impl_->bind(++impl_->lastHandle, {tableId, priority, {key, keySize}});
-  return impl_->lastHandle;
+  const MatchKey matchKey{tableId, priority, {key, keySize}};
+  const EntryHandle next = impl_->lastHandle + 1;
+  const auto slot = impl_->slotOfKey.lazy_emplace(
+      matchKey, [&](const auto& place) { place(impl_->newSlot(next, matchKey)); });
+  const EntryHandle bound = impl_->slots[*slot].handle;
+  if (isNew) *isNew = bound == next;
+  impl_->lastHandle = std::max(impl_->lastHandle, bound);
+  return bound;
 }
 
 EntryHandle P4HandleMgr::getEntryHandleFromMatchKey(uint32_t tableId, size_t keySize,
@@ -100,7 +103,7 @@ bool P4HandleMgr::restoreTableEntryHandle(uint32_t tableId, EntryHandle handle, 
   const EntryHandle bound = getEntryHandleFromMatchKey(tableId, keySize, key, priority);
   if (bound != 0) return bound == handle;
   if (handle == 0 || impl_->slotOfHandle.contains(handle)) return false;
-  impl_->bind(handle, {tableId, priority, {key, keySize}});
+  impl_->slotOfKey.insert(impl_->newSlot(handle, {tableId, priority, {key, keySize}}));
   reserveUpTo(handle);
   return true;
 }
