@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/brine/FileCheck.h"
 #include "platform/brine/Records.h"
 
 namespace Brine {
@@ -70,16 +71,11 @@ void allocateLockFile(const std::string& directory) {
   if (error != 0) failed(error, directory);
 }
 
-// A file cut short would be read past its end.
-void checkLength(MDB_env* env, const std::string& directory, size_t pageSize) {
-  MDB_envinfo info{};
-  check(mdb_env_info(env, &info), directory);
-  struct stat status {};
-  if (stat(dataPath(directory).c_str(), &status) != 0) failed(errno, directory);
-  if (info.me_last_pgno > 1 &&
-      static_cast<uint64_t>(status.st_size) / pageSize <= info.me_last_pgno) {
-    damaged(directory, "the file is cut short");
-  }
+// What the writer sees to before LMDB opens the files.
+void prepare(const std::string& directory) {
+  const std::string damage = damageOf(dataPath(directory));
+  if (!damage.empty()) damaged(directory, damage);
+  allocateLockFile(directory);
 }
 
 // The layout version, written by whoever creates the store and asked for by all others.
@@ -182,7 +178,7 @@ std::shared_ptr<Environment> Environment::open(const StoreOptions& options, Mode
   } else if (mode == Mode::read) {
     failed(ENOENT, options.directory);
   }
-  if (mode == Mode::write) allocateLockFile(options.directory);
+  if (mode == Mode::write) prepare(options.directory);
 
   MDB_env* env = nullptr;
   check(mdb_env_create(&env), options.directory);
@@ -196,7 +192,6 @@ std::shared_ptr<Environment> Environment::open(const StoreOptions& options, Mode
   MDB_stat stat{};
   check(mdb_env_stat(env, &stat), options.directory);
   opened->pageSize_ = stat.ms_psize;
-  checkLength(env, options.directory, stat.ms_psize);
   checkOrCreate(*opened, mode);
   const auto id = fileId(path);
   if (!id) failed(ENOENT, options.directory);
