@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <iostream>
 #include <memory>
 
@@ -15,6 +16,14 @@ struct FileOptions {
   std::string path;
   bool json = false;
 };
+
+// CLI11 itself would wrap -1 around, and take too large a number for the largest.
+std::string deviceIdFault(const std::string& text) {
+  uint64_t id = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
+  if (error == std::errc() && end == text.data() + text.size() && id != 0) return "";
+  return "'" + text + "' is no device id; expected a number from 1 to 18446744073709551615";
+}
 
 void printFindings(std::ostream& out, const Cli::Findings& findings) {
   for (const Cli::Finding& finding : findings.list()) out << Cli::findingText(finding) << '\n';
@@ -59,10 +68,7 @@ void addBuild(CLI::App& pipeline) {
       ->type_name("FILE");
   build->add_option("--device-id", options->deviceId, "device id the agent is configured with")
       ->required()
-      ->check([](const std::string& id) {
-        return id.find_first_not_of('0') == std::string::npos ? "0 is no device id; ids start at 1"
-                                                              : "";
-      })
+      ->check(deviceIdFault)
       ->type_name("N");
   build
       ->add_option("--entries", options->entriesPath,
