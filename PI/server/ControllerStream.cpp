@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "PI/server/Answered.h"
 #include "PI/server/PacketCounts.h"
 #include "PI/server/Requester.h"
 
@@ -46,7 +47,7 @@ Status ControllerStream::run() {
     return Status(StatusCode::RESOURCE_EXHAUSTED,
                   "no thread left for another stream; close one first");
   }
-  const Status status = readToEnd();
+  const Status status = answered([this] { return readToEnd(); });
   arbitration_.clientDel(*this);
   queue_.close();
   awaitWriter();

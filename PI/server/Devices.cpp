@@ -6,13 +6,19 @@ namespace pi::server {
 
 Devices::DeviceMgr::Status Devices::pipelineIs(
     const p4::v1::SetForwardingPipelineConfigRequest& request) {
+  DeviceMgr::Status status;
+  if (request.device_id() == 0) {
+    status.set_code(grpc::StatusCode::NOT_FOUND);
+    status.set_message("the pipeline is for device 0, which is none; name another device id in it");
+    return status;
+  }
   const std::lock_guard installing(installing_);
   std::shared_ptr<DeviceMgr> target = device(request.device_id());
   if (!target) {
     target = std::make_shared<DeviceMgr>(request.device_id());
     target->stream_message_response_register_cb(&Devices::onResponse, this);
   }
-  const DeviceMgr::Status status = target->pipeline_config_set(request.action(), request.config());
+  status = target->pipeline_config_set(request.action(), request.config());
   if (status.code() != 0) return status;
   const std::lock_guard lock(mutex_);
   devices_[request.device_id()] = std::move(target);

@@ -24,8 +24,8 @@ class Devices {
 
   explicit Devices(Receiver receiver) : receiver_(std::move(receiver)) {}
 
-  // Installs the pipeline on a device, a new one if need be; waits for another installation. A
-  // status other than OK leaves the devices as they were.
+  // Installs the pipeline on a device, a new one if need be; waits for another installation.
+  // NOT_FOUND for device 0. A status other than OK leaves the devices as they were.
   DeviceMgr::Status pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request);
 
   // NOT_FOUND for 0, and for an id that is none of the devices when there are any.

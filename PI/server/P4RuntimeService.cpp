@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "PI/proto/pi_server.h"
+#include "PI/server/Answered.h"
 #include "PI/server/ControllerStream.h"
 #include "PI/server/LocalToken.h"
 #include "PI/server/PacketCounts.h"
@@ -76,28 +77,29 @@ void P4RuntimeService::methodsAre() {
   methodIs("/p4.v1.P4Runtime/Write", RpcMethod::NORMAL_RPC,
            new Unary<WriteCall, WriteResponse>(
                [](Self* self, ServerContext*, const WriteCall* request, WriteResponse*) {
-                 return self->write(request->message());
+                 return answered([&] { return self->write(request->message()); });
                },
                this));
-  methodIs(
-      "/p4.v1.P4Runtime/Read", RpcMethod::SERVER_STREAMING,
-      new grpc::internal::ServerStreamingHandler<Self, ReadRequest, ReadResponse>(
-          [](Self* self, ServerContext*, const ReadRequest* request,
-             grpc::ServerWriter<ReadResponse>* writer) { return self->read(*request, *writer); },
-          this));
+  methodIs("/p4.v1.P4Runtime/Read", RpcMethod::SERVER_STREAMING,
+           new grpc::internal::ServerStreamingHandler<Self, ReadRequest, ReadResponse>(
+               [](Self* self, ServerContext*, const ReadRequest* request,
+                  grpc::ServerWriter<ReadResponse>* writer) {
+                 return answered([&] { return self->read(*request, *writer); });
+               },
+               this));
   methodIs(
       "/p4.v1.P4Runtime/SetForwardingPipelineConfig", RpcMethod::NORMAL_RPC,
       new Unary<SetForwardingPipelineConfigRequest, SetForwardingPipelineConfigResponse>(
           [](Self* self, ServerContext* context, const SetForwardingPipelineConfigRequest* request,
              SetForwardingPipelineConfigResponse*) {
-            return self->setPipeline(*context, *request);
+            return answered([&] { return self->setPipeline(*context, *request); });
           },
           this));
   methodIs("/p4.v1.P4Runtime/GetForwardingPipelineConfig", RpcMethod::NORMAL_RPC,
            new Unary<GetForwardingPipelineConfigRequest, GetForwardingPipelineConfigResponse>(
                [](Self* self, ServerContext*, const GetForwardingPipelineConfigRequest* request,
                   GetForwardingPipelineConfigResponse* response) {
-                 return self->getPipeline(*request, response);
+                 return answered([&] { return self->getPipeline(*request, response); });
                },
                this));
   methodIs(
@@ -146,9 +148,9 @@ Status P4RuntimeService::read(const p4::v1::ReadRequest& request,
 
 Status P4RuntimeService::setPipeline(const grpc::ServerContext& context,
                                      const p4::v1::SetForwardingPipelineConfigRequest& request) {
+  if (hasLocalToken(context)) return toGrpc(devices_.pipelineIs(request));
   const Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
-  if (hasLocalToken(context)) return toGrpc(devices_.pipelineIs(request));
   const Status primary = arbitration_.requirePrimary(roleOf(request), electionIdOf(request));
   if (!primary.ok()) return primary;
   const Status action = requireAction(request.action());

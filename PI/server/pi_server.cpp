@@ -31,7 +31,6 @@ struct Process {
   std::condition_variable changed;
   std::shared_ptr<Server> server;
   std::string error;                     // of the last start
-  uint64_t failures = 0;                 // starts that failed
   std::deque<std::string> tokens{{""}};  // all, since pointers to them have been given away
 };
 
@@ -58,7 +57,6 @@ int run(const char* address, const Credentials& credentials) {
     start(address, credentials);
   } catch (const std::exception& e) {
     TheProcess().error = e.what();
-    ++TheProcess().failures;
   }
   TheProcess().changed.notify_all();
   return TheProcess().error.empty() ? 0 : -1;
@@ -85,7 +83,7 @@ int PIGrpcServerRunAddr(const char* server_address) {
 }
 
 int PIGrpcServerRunAddrSSL(const char* server_address, const PIGrpcServerSSLOptions_t* options) {
-  return run(server_address, sslCredentials(*options));
+  return run(server_address, sslCredentials(options ? *options : PIGrpcServerSSLOptions_t{}));
 }
 
 const char* PIGrpcServerLastError() {
@@ -97,10 +95,8 @@ const char* PIGrpcServerLastError() {
 
 int PIGrpcServerWaitStarted(int timeout_seconds) {
   std::unique_lock lock(TheProcess().mutex);
-  const uint64_t failures = TheProcess().failures;
-  TheProcess().changed.wait_for(lock, seconds(timeout_seconds), [&] {
-    return TheProcess().server || TheProcess().failures != failures;
-  });
+  TheProcess().changed.wait_for(lock, seconds(timeout_seconds),
+                                [] { return TheProcess().server || !TheProcess().error.empty(); });
   return TheProcess().server ? 0 : -1;
 }
 

@@ -18,7 +18,9 @@ TEST(ServerStart, SaysWhyItCannotListenAndCanStartAfterwards) {
   EXPECT_EQ(PIGrpcServerGetPort(), 0);
   const PIGrpcServerSSLOptions_t nothing{};
   EXPECT_EQ(PIGrpcServerRunAddrSSL("127.0.0.1:0", &nothing), -1);
+  EXPECT_EQ(PIGrpcServerRunAddrSSL("127.0.0.1:0", nullptr), -1);
   EXPECT_THAT(PIGrpcServerLastError(), HasSubstr("certificate"));
+  EXPECT_EQ(PIGrpcServerWaitStarted(60), -1);  // it has failed: nothing to wait for
 
   ASSERT_EQ(PIGrpcServerRunAddr("127.0.0.1:0"), 0);
   EXPECT_STREQ(PIGrpcServerLastError(), "");

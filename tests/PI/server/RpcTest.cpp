@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <future>
+#include <stdexcept>
 
 #include "PI/proto/pi_server.h"
 #include "google/rpc/status.pb.h"
@@ -86,6 +87,25 @@ TEST_F(ServerTest, AnErrorWithoutDetailsIsPlain) {
   EXPECT_EQ(status.error_code(), StatusCode::FAILED_PRECONDITION);
   EXPECT_EQ(status.error_message(), "critical state");
   EXPECT_EQ(status.error_details(), "");
+}
+
+TEST_F(ServerTest, WhatTheDeviceThrowsIsAnInternalErrorAndTheNextCallIsServed) {
+  const auto primary = served();
+  TheFakeDevice().onWrite = [](const WriteRequest&) -> FakeDevice::Status {
+    throw std::runtime_error("out of luck");
+  };
+  TheFakeDevice().onStreamMessage = [](const p4::v1::StreamMessageRequest&) -> FakeDevice::Status {
+    throw std::runtime_error("out of luck");
+  };
+  const grpc::Status status = write(10);
+  EXPECT_EQ(status.error_code(), StatusCode::INTERNAL);
+  EXPECT_THAT(status.error_message(), HasSubstr("out of luck"));
+  TheFakeDevice().onWrite = nullptr;
+  EXPECT_TRUE(write(10).ok());
+  p4::v1::StreamMessageRequest packet;
+  packet.mutable_packet();
+  primary->send(packet);
+  EXPECT_EQ(primary->ended().error_code(), StatusCode::INTERNAL);
 }
 
 TEST_F(ServerTest, OnlyTheLocalTokenPushesWithoutArbitration) {

@@ -32,8 +32,8 @@ int PIGrpcServerRunAddrSSL(const char* server_address, const PIGrpcServerSSLOpti
 /* Why the last start failed, in one line; empty when it did not. Lasts until the thread calls this
  * function again. */
 const char* PIGrpcServerLastError(void);
-/* Until the start that another thread is about to make has succeeded (0) or failed (-1), or the
- * time is up (-1). */
+/* 0 when the server runs, -1 when its last start failed; else waits for the start that another
+ * thread is about to make: 0 when it succeeds, -1 when it fails or the time is up. */
 int PIGrpcServerWaitStarted(int timeout_seconds);
 
 /* Returns once the server has been shut down and its last call has returned; at once when none
