@@ -1,3 +1,4 @@
+// One function a command; what none of them knows is a rule, or wrong.
 #include "forwarder/Commands.h"
 
 #include <fmt/format.h>

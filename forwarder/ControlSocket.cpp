@@ -1,3 +1,4 @@
+// Both ends of the control socket.
 #include "forwarder/ControlSocket.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// The way of a change: read it, see whether it needs programming, fail it if a rule says so, and
+// report.
 #include "forwarder/ForwardingAgent.h"
 
 #include <fmt/format.h>

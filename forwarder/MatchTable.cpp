@@ -1,3 +1,4 @@
+// What all structures share, and the simplest of them.
 #include "forwarder/MatchTable.h"
 
 #include "forwarder/PrefixTable.h"

@@ -1,3 +1,4 @@
+// Longest prefix match by probing the lengths in use.
 #include "forwarder/PrefixTable.h"
 
 #include <absl/container/inlined_vector.h>

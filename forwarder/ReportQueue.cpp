@@ -1,3 +1,4 @@
+// Reports pass straight through unless something is to hold them up.
 #include "forwarder/ReportQueue.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Rows of one allocation each: head, key and value.
 #include "forwarder/RowSet.h"
 
 #include <absl/hash/hash.h>

@@ -1,3 +1,4 @@
+// Texts come from the table type; bytes it cannot read are shown as they are.
 #include "forwarder/RowText.h"
 
 #include <fmt/format.h>

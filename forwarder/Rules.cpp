@@ -1,3 +1,4 @@
+// One function a rule: parse, then change.
 #include "forwarder/Rules.h"
 
 #include <fmt/format.h>

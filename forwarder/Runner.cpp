@@ -1,3 +1,4 @@
+// The loop, which waits for signals, the control socket and the agent at once.
 #include "forwarder/Runner.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// Groups of rows by mask, hashed by the value under it.
 #include "forwarder/TernaryTable.h"
 
 #include <absl/hash/hash.h>
