@@ -1,0 +1,101 @@
+#include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pipeline/ParsingStatus.h"
+#include "PI/frontends/proto/device_mgr.h"
+#include "PI/pi_extensions.h"
+#include "tests/P4Runtime/support/AgentTest.h"
+
+namespace P4Runtime {
+namespace {
+
+using namespace TestSupport;
+using pi::fe::proto::DeviceMgr;
+
+class CriticalStateTest : public AgentTest {
+ protected:
+  static uint32_t level() { return DeviceMgr::get_operation_permission_level(); }
+};
+
+TEST_F(CriticalStateTest, TimeOutRefusesWritesUntilItIsReverted) {
+  EXPECT_EQ(level(), 2u);
+  agent().begin();
+  agent().add(0, exactEntry(1));
+  agent().end();
+  agent().outcome();
+  EXPECT_EQ(level(), 1u);
+  EXPECT_TRUE(agent().status->critical());
+  EXPECT_FALSE(agent().status->brokenInvariant());
+  EXPECT_EQ(agent().status->criticalReason(),
+            "The switch is in critical state since hardware programming for one or more tables "
+            "could not be verified");
+  EXPECT_EQ(agent().status->criticalSince().size(), std::string("2024-06-07T12:00:00Z").size());
+
+  const Vela::ActivityLock lock;
+  EXPECT_EQ(agent().tableImpl->operation("revertCriticalState")->run({}),
+            "writes are allowed again");
+  EXPECT_EQ(level(), 2u);
+  EXPECT_FALSE(agent().status->critical());
+  EXPECT_EQ(agent().status->criticalReason(), "");
+}
+
+TEST_F(CriticalStateTest, BrokenInvariantIsPublished) {
+  const Vela::ActivityLock lock;
+  agent().tableImpl->triggerCriticalState();
+  EXPECT_EQ(level(), 1u);
+  EXPECT_TRUE(agent().status->brokenInvariant());
+  EXPECT_EQ(agent().status->criticalReason(),
+            "WRITE operation is not allowed due to critical state");
+  P4RuntimeCriticalStateException::handleException({"another", 0, ErrorCode::unverified});
+  EXPECT_EQ(agent().status->criticalReason(),
+            "WRITE operation is not allowed due to critical state")
+      << "the first reason stands";
+  agent().tableImpl->revertCriticalState();
+  EXPECT_FALSE(agent().status->brokenInvariant());
+  EXPECT_EQ(
+      P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException("x")),
+      updateFailedStatus);
+}
+
+TEST_F(CriticalStateTest, ExceptionWithoutEntryRecordsItsErrorOnly) {
+  const uint64_t handle = agent().added(exactEntry(1));
+  agent().begin();
+  agent().add(0, exactEntry(1, 9));
+  EXPECT_EQ(P4RuntimeException::handleException({"refused", 0, 3, ErrorCode::alreadyExists}),
+            updateFailedStatus);
+  EXPECT_EQ(agent().tableImpl->numPendingEntries(), 1u);
+  EXPECT_EQ(agent().handleOf(exactEntry(1)), handle);
+}
+
+TEST_F(CriticalStateTest, RefusalThatTheBatchKnowsOfIsThrown) {
+  agent().begin();
+  pi_batch_current_set(5, 0, 0, nullptr, 0);
+  maybeThrowBatchEntryErrorException(1);
+  agent().batchStatus->completedTransactionStatusIs({1, 0});
+  maybeThrowBatchEntryErrorException(1);
+  agent().batchStatus->completedTransactionStatusIs({2, 13, "full"});
+  try {
+    maybeThrowBatchEntryErrorException(2);
+    FAIL();
+  } catch (const P4RuntimeException& e) {
+    EXPECT_STREQ(e.what(), "full");
+    EXPECT_EQ(e.entryHandle, 2u);
+    EXPECT_EQ(e.offset(), 5u);
+    EXPECT_EQ(e.errorCode, ErrorCode::tableFull);
+  }
+  agent().end();
+}
+
+TEST(ParsingException, IsPublishedForOperators) {
+  const uint32_t before = TheParsingStatus()->failures();
+  P4RuntimeParsingException::handleException({"lattice", "what", "json"});
+  EXPECT_TRUE(TheParsingStatus()->failed());
+  EXPECT_EQ(TheParsingStatus()->latticeError(), "lattice");
+  EXPECT_EQ(TheParsingStatus()->error(), "what");
+  EXPECT_EQ(TheParsingStatus()->jsonError(), "json");
+  EXPECT_EQ(TheParsingStatus()->failures(), before + 1);
+  TheParsingStatus()->failureCleared();
+  EXPECT_FALSE(TheParsingStatus()->failed());
+  EXPECT_EQ(TheParsingStatus()->error(), "");
+}
+
+}  // namespace
+}  // namespace P4Runtime

@@ -1,0 +1,285 @@
+#include "tests/P4Runtime/support/AgentParts.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "PI/frontends/proto/device_mgr.h"
+#include "PI/int/pi_frontend_hooks.h"
+#include "PI/int/pi_int.h"
+#include "PI/pi_extensions.h"
+#include "PI/target/pi_imp.h"
+#include "PI/target/pi_pending_imp.h"
+#include "PI/target/pi_tables_imp.h"
+#include "platform/lattice/StoreLayout.h"
+#include "platform/vela/ActivityLock.h"
+
+namespace TestSupport {
+
+using namespace P4Runtime;
+using Vela::ActivityLock;
+
+namespace {
+
+constexpr pi_dev_id_t deviceId = 1;
+constexpr size_t storeBytes = size_t{16} << 20;
+constexpr pi_dev_id_t noServersDeviceId = 0;  // whose entries settle while there is no server
+
+FakeFrontEnd& frontEndOf(void* cookie) { return *static_cast<FakeFrontEnd*>(cookie); }
+
+pi_status_t takeBack(void* cookie, pi_dev_id_t, pi_p4_id_t table, const pi_match_key_t* key,
+                     const pi_table_entry_t* entry, pi_entry_handle_t handle,
+                     uint64_t controllerMetadata, const char* metadata, size_t metadataSize) {
+  if (frontEndOf(cookie).refuses) return PI_STATUS_INVALID_ENTRY_TYPE;
+  FakeFrontEnd::Restored one{table,
+                             {key->data, key->data_size},
+                             0,
+                             {},
+                             key->priority,
+                             handle,
+                             controllerMetadata,
+                             {metadata, metadataSize}};
+  if (entry->entry_type == PI_ACTION_ENTRY_TYPE_DATA) {
+    one.action = entry->entry.action_data->action_id;
+    one.data.assign(entry->entry.action_data->data, entry->entry.action_data->data_size);
+  }
+  frontEndOf(cookie).restored.push_back(std::move(one));
+  return PI_STATUS_SUCCESS;
+}
+
+constexpr pi_frontend_hooks_t hooks{
+    [](void* cookie, pi_dev_id_t, pi_entry_handle_t handle, uint32_t code) {
+      frontEndOf(cookie).settled.emplace_back(handle, code);
+    },
+    takeBack,
+    [](void*, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t*, uint32_t, pi_indirect_handle_t) {
+      return PI_STATUS_SUCCESS;
+    },
+    [](void*, pi_dev_id_t, pi_p4_id_t, uint32_t, const pi_indirect_handle_t*, size_t,
+       pi_indirect_handle_t) { return PI_STATUS_SUCCESS; },
+    [](void* cookie, pi_dev_id_t) {
+      frontEndOf(cookie).restoreDone = true;
+      return PI_STATUS_SUCCESS;
+    }};
+
+pi_match_key_t matchKey(const Entry& entry) {
+  return {nullptr, entry.table, entry.priority, entry.key.size(),
+          const_cast<char*>(entry.key.data())};
+}
+
+}  // namespace
+
+std::string bytes(std::string_view text) {
+  std::string digits;
+  std::copy_if(text.begin(), text.end(), std::back_inserter(digits),
+               [](unsigned char c) { return std::isxdigit(c); });
+  std::string result;
+  for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+    result += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+  }
+  return result;
+}
+
+std::string prefix(std::string_view address, uint32_t length) {
+  return bytes(address) + std::string(reinterpret_cast<const char*>(&length), sizeof length);
+}
+
+Entry exactEntry(uint8_t id, uint16_t port) {
+  return {exactTable, std::string{'\x08', static_cast<char>(id)} + bytes("00 07"), setPort,
+          std::string{static_cast<char>(port >> 8), static_cast<char>(port)}};
+}
+
+AgentParts::AgentParts(const std::string& directory) : directory(directory) {
+  const ActivityLock lock;
+  store = Brine::Store::open({.directory = directory, .maxBytes = storeBytes});
+  database =
+      Lattice::Database::create(loop, *store, {.doorbellPath = directory + "/doorbell.sock"});
+  doBuild();
+  for (const auto id : {noServersDeviceId, deviceId}) pi_frontend_hooks_set(id, &hooks, &frontEnd);
+  pi::fe::proto::DeviceMgr::set_operation_permission_level(2);
+}
+
+// In the order in which the agent builds itself.
+void AgentParts::doBuild() {
+  config = Vela::make<P4RuntimeConfig::P4RtSystemConfig>("system");
+  config->deviceIdIs(deviceId);
+  status = Vela::make<P4RuntimeConfig::P4RtSystemStatus>("system");
+  auto context = piContextFactory();
+  context->p4RtSystemStatusIs(status);
+  handles = Vela::make<P4HandleMgr>();
+  context->p4HandleMgrIs(handles);
+  batchStatus = Vela::make<BatchStatus>("batchStatus", database.get());
+  batchStatus->notifyFdIs(notifyFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  batchStatus->batchTimeoutIs(0);  // a wait that would be one for ever ends at once
+  context->batchStatusIs(batchStatus);
+  tableInfo = Vela::make<P4TableInfo>("p4TableInfo", "p4runtime");
+  tableImpl = tableImplFactory(tableInfo, handles, database.get());
+  context->tableImplIs(tableImpl);
+  ThePiContextIs(context);
+  tableImpl->initializedIs(true);
+  batchStatus->rollbackHandlerIs(
+      [this](EntryHandle handle) { tableImpl->updateCachedEntryState(handle, true); });
+  batchStatus->strayReportHandlerIs(
+      [this](const Lattice::Report& report) { tableImpl->handleStrayReport(report); });
+  services = {Vela::make<Pollen::TypeConfigDir>("types"),
+              Vela::make<Pollen::TypeStatusDir>("types"),
+              Vela::make<Pollen::QueryConfigDir>("queries"),
+              Vela::make<Pollen::QueryStatusDir>("queries"), database.get()};
+  typeService =
+      Vela::make<Pollen::TypeService>(loop, services.typeConfigDir, services.typeStatusDir);
+  tableInfoSm = p4TableInfoSmFactory(tableInfo, config, services,
+                                     {directory + "/p4info.json", directory + "/device.json"});
+  queryConfigSm = Vela::make<Pollen::QueryConfigSm>(
+      loop, services.queryConfigDir, services.queryStatusDir,
+      Pollen::QueryTables{
+          [this](const auto& name) { return tableInfo->typeOfTable(name); },
+          [this](const auto& path, const auto& type) { tableInfoSm->queryOutputIs(path, type); }});
+  forwarder = std::make_unique<FakeForwarder>(*store, *batchStatus);
+  _pi_assign_device(deviceId, nullptr, nullptr);
+}
+
+AgentParts::~AgentParts() {
+  for (const auto id : {noServersDeviceId, deviceId}) pi_frontend_hooks_clear(id);
+  const ActivityLock lock;
+  ThePiContextIs(piContextFactory());
+  queryConfigSm = nullptr;
+  tableInfoSm = nullptr;
+  typeService = nullptr;
+  tableImpl = nullptr;
+  tableInfo = nullptr;
+  batchStatus = nullptr;
+  close(notifyFd_);
+  database.reset();
+}
+
+void AgentParts::settle() {
+  for (int turn = 0; turn < 50; ++turn) {
+    loop.post([this] { loop.stop(); });
+    loop.run();
+  }
+}
+
+void AgentParts::pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request,
+                            const std::string& fileName) {
+  const std::string path = directory + "/" + fileName;
+  std::ofstream(path, std::ios::binary) << request.SerializeAsString();
+  {
+    const ActivityLock lock;
+    config->forwardingPipelineConfigFilePathIs(path);
+  }
+  settle();
+}
+
+void AgentParts::begin() {
+  offsets_.clear();
+  _pi_batch_begin(0);
+}
+
+void AgentParts::end() {
+  pi_batch_current_clear();
+  _pi_batch_end(0, true);
+}
+
+void AgentParts::outgrowStore() {
+  const ActivityLock lock;
+  store->put(store->table("ballast"), Brine::asBytes("large"),
+             Brine::asBytes(std::string(2 * storeBytes, 'x')));
+}
+
+pi_status_t AgentParts::add(uint32_t offset, const Entry& entry) {
+  offsets_.push_back(offset);
+  pi_batch_current_set(offset, 0, entry.controllerMetadata, entry.metadata.data(),
+                       entry.metadata.size());
+  const pi_match_key_t key = matchKey(entry);
+  pi_action_data_t action{nullptr, entry.action, entry.data.size(),
+                          const_cast<char*>(entry.data.data())};
+  pi_table_entry_t added{};
+  added.direct_res_config = entry.direct;
+  if (entry.indirectHandle != 0) {
+    added.entry_type = PI_ACTION_ENTRY_TYPE_INDIRECT;
+    added.entry.indirect_handle = entry.indirectHandle;
+  } else {
+    added.entry_type = PI_ACTION_ENTRY_TYPE_DATA;
+    added.entry.action_data = &action;
+  }
+  return _pi_table_entry_add(0, {deviceId, 0}, entry.table, &key, &added, 0, &lastHandle);
+}
+
+pi_status_t AgentParts::del(uint32_t offset, const Entry& entry) {
+  offsets_.push_back(offset);
+  pi_batch_current_set(offset, 0, 0, nullptr, 0);
+  const pi_match_key_t key = matchKey(entry);
+  return _pi_table_entry_delete_wkey(0, deviceId, entry.table, &key);
+}
+
+StatusVector AgentParts::outcome() {
+  StatusVector statuses;
+  for (const uint32_t offset : offsets_) {
+    statuses.emplace_back().first = offset;
+    statuses.back().second.set_canonical_code(4);
+  }
+  _pi_update_pending_status(&statuses);
+  return statuses;
+}
+
+uint64_t AgentParts::added(const Entry& entry) {
+  begin();
+  add(0, entry);
+  end();
+  forwarder->programAll();
+  return outcome().empty() ? lastHandle : 0;
+}
+
+void AgentParts::deleted(const Entry& entry) {
+  begin();
+  del(0, entry);
+  end();
+  forwarder->programAll();
+  outcome();
+}
+
+const std::string* AgentParts::row(const std::string& table) {
+  static std::string value;
+  const std::string* found = nullptr;
+  const ActivityLock lock;
+  store->forEach(store->table("row/" + table), [&](Brine::Bytes, Brine::Bytes stored) {
+    const auto row = Lattice::StoredRow::decode(Brine::asText(stored));
+    value = row ? std::string(row->value) : "unreadable";
+    found = &value;
+    return true;
+  });
+  return found;
+}
+
+size_t AgentParts::rowCount(uint32_t table) {
+  const ActivityLock lock;
+  return tableInfo->latticeTableInterface({tableResource, table})->rowCount();
+}
+
+std::optional<TableCacheEntry> AgentParts::record(uint32_t table, uint64_t handle) {
+  const ActivityLock lock;
+  return tableImpl->tableCache()->cache({{tableResource, table}, handle});
+}
+
+size_t AgentParts::recordCount() {
+  const ActivityLock lock;
+  return tableImpl->tableCache()->recordCount();
+}
+
+uint64_t AgentParts::handleOf(const Entry& entry) {
+  const ActivityLock lock;
+  return handles->matchKeyToEntryHandle(entry.table, entry.key, entry.priority);
+}
+
+uint64_t AgentParts::lastSequence() {
+  const ActivityLock lock;
+  return database->lastSequence();
+}
+
+}  // namespace TestSupport
+
+void p4::v1::PrintTo(const Error& error, std::ostream* out) {
+  *out << "code " << error.canonical_code() << " " << error.message();
+}

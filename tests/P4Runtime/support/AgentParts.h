@@ -1,0 +1,120 @@
+// The agent from the PI entry points down to its store, without process, server and sockets: what
+// the tests of P4Runtime/ build their stories on.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "P4Runtime/pi/KorvelPiImpl.h"
+#include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "PI/pi_tables.h"
+#include "p4/v1/p4runtime.pb.h"
+#include "platform/pollen/QueryConfigSm.h"
+#include "platform/pollen/TypeService.h"
+#include "tests/P4Runtime/support/FakeForwarder.h"
+#include "tests/P4Runtime/support/SmallPipeline.h"
+#include "tests/support/TempDir.h"
+
+namespace TestSupport {
+
+// A table entry as the PI library hands it over: bytes in PI encoding.
+struct Entry {
+  uint32_t table = 0;
+  std::string key;
+  uint32_t action = 0;
+  std::string data;
+  uint32_t priority = 0;
+  uint64_t controllerMetadata = 0;
+  std::string metadata;
+  uint64_t indirectHandle = 0;  // in place of an action, unless 0
+  const pi_direct_res_config_t* direct = nullptr;
+};
+
+// "08 00|07" -> bytes; anything but hexadecimal digits is for the reader's eyes.
+std::string bytes(std::string_view text);
+std::string prefix(std::string_view address, uint32_t length);  // a longest-prefix field
+
+Entry exactEntry(uint8_t id, uint16_t port = 1);  // of the table "exact"
+
+// A front end that takes back what survived a restart.
+struct FakeFrontEnd {
+  struct Restored {
+    uint32_t table = 0;
+    std::string key;
+    uint32_t action = 0;
+    std::string data;
+    uint32_t priority = 0;
+    uint64_t handle = 0;
+    uint64_t controllerMetadata = 0;
+    std::string metadata;
+  };
+  std::vector<Restored> restored;
+  bool restoreDone = false;
+  bool refuses = false;
+  std::vector<std::pair<uint64_t, uint32_t>> settled;  // handle and error code
+};
+
+// Builds on what its directory holds; brings up no pipeline of its own. One at a time. Nothing of
+// it runs on another thread, and no lock is held between calls, so that what a call writes is
+// committed when it returns.
+class AgentParts {
+ public:
+  explicit AgentParts(const std::string& directory);
+  // The open batch has more to store than the state directory holds.
+  void outgrowStore();
+  ~AgentParts();
+
+  // Writes the pipeline file and lets the agent read it; turns the reactor until it is done.
+  void pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request,
+                  const std::string& fileName = "pipeline.pb.bin");
+  void settle();  // turns the reactor until nothing more can happen
+
+  void begin();
+  void end();
+  pi_status_t add(uint32_t offset, const Entry& entry);  // the handle stands in lastHandle
+  pi_status_t del(uint32_t offset, const Entry& entry);
+  // What is left in the status vector of the batch's updates.
+  P4Runtime::StatusVector outcome();
+  // A batch of its own for each, programmed and settled.
+  uint64_t added(const Entry& entry);
+  void deleted(const Entry& entry);
+
+  const std::string* row(const std::string& table);  // the only row's value; null when none
+  size_t rowCount(uint32_t table);
+  std::optional<P4Runtime::TableCacheEntry> record(uint32_t table, uint64_t handle);
+  size_t recordCount();
+  uint64_t handleOf(const Entry& entry);
+  uint64_t lastSequence();
+
+  const std::string directory;
+  Vela::ReactorLoop loop;
+  std::unique_ptr<Brine::Store> store;
+  std::unique_ptr<Lattice::Database> database;
+  Vela::Ptr<P4RuntimeConfig::P4RtSystemConfig> config;
+  Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> status;
+  Vela::Ptr<P4Runtime::P4HandleMgr> handles;
+  Vela::Ptr<P4Runtime::BatchStatus> batchStatus;
+  Vela::Ptr<P4Runtime::P4TableInfo> tableInfo;
+  Vela::Ptr<P4Runtime::TableImpl> tableImpl;
+  P4Runtime::PipelineServices services;
+  Vela::Ptr<Pollen::TypeService> typeService;
+  Vela::Ptr<P4Runtime::P4TableInfoSm> tableInfoSm;
+  Vela::Ptr<Pollen::QueryConfigSm> queryConfigSm;
+  std::unique_ptr<FakeForwarder> forwarder;
+  FakeFrontEnd frontEnd;
+  uint64_t lastHandle = 0;
+
+ private:
+  void doBuild();
+  int notifyFd_ = -1;
+  std::vector<uint32_t> offsets_;  // of the batch's updates
+};
+
+}  // namespace TestSupport
+
+namespace p4::v1 {
+void PrintTo(const Error& error, std::ostream* out);
+}

@@ -1,0 +1,55 @@
+// Follows row changes like a forwarding agent, and reports on them when the test says so.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "platform/brine/Store.h"
+#include "platform/companion/BatchStatus.h"
+
+namespace TestSupport {
+
+struct RowChange {
+  std::string table;
+  std::string key;
+  std::string value;
+  bool deleted = false;
+  uint64_t entryHandle = 0;
+  uint64_t sequence = 0;
+};
+
+// Reads the journal's commits in place of a subscriber's socket, and hands its reports straight to
+// the batch status. Both outlive it.
+class FakeForwarder {
+ public:
+  FakeForwarder(Brine::Store& store, P4Runtime::BatchStatus& batchStatus)
+      : store_(store), batchStatus_(batchStatus) {}
+
+  // The changes that were committed and that it has not reported on.
+  size_t pending();
+  const RowChange& next();
+
+  void programNext();
+  void programAll();
+  void failNext(P4Runtime::ErrorCode code, const std::string& message = "");
+  void ignoreNext() { taken(); }  // never to report on it
+  void report(const RowChange& change, P4Runtime::ErrorCode code, const std::string& message = "");
+
+  // What stands in its tables, by table and key.
+  const std::map<std::pair<std::string, std::string>, std::string>& rows() const { return rows_; }
+
+ private:
+  void follow();
+  RowChange taken();
+
+  Brine::Store& store_;
+  P4Runtime::BatchStatus& batchStatus_;
+  std::deque<RowChange> pending_;
+  uint64_t seen_ = 0;
+  std::map<std::pair<std::string, std::string>, std::string> rows_;
+};
+
+}  // namespace TestSupport

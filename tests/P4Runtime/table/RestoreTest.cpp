@@ -1,0 +1,186 @@
+// What survives a restart, and what becomes of what does not fit any more.
+#include "PI/pi_meter.h"
+#include "tests/P4Runtime/support/AgentTest.h"
+
+namespace P4Runtime {
+namespace {
+
+using namespace TestSupport;
+using testing::ElementsAre;
+
+class RestoreTest : public AgentTest {
+ protected:
+  // A new process with this pipeline, after its restore.
+  void restart(const p4::v1::SetForwardingPipelineConfigRequest& pipeline = smallPipeline()) {
+    start(pipeline);
+    restore();
+  }
+  void restore() {
+    const Vela::ActivityLock lock;
+    agent().tableImpl->restoreCachedEntries();
+  }
+  void recordIs(const TableCacheEntry& record) {
+    const Vela::ActivityLock lock;
+    agent().tableImpl->tableCache()->cacheIs(record);
+  }
+};
+
+TEST_F(RestoreTest, UnchangedEntriesComeBackWithoutATrace) {
+  Entry first = exactEntry(1, 5);
+  first.metadata = "kept";
+  first.controllerMetadata = 42;
+  const uint64_t handle = agent().added(first);
+  const Entry acl{aclTable, bytes("0a000000 ff000000 0050 ffff 06"), drop, "", 258};
+  const uint64_t aclHandle = agent().added(acl);
+  agent().added({groupTable, bytes("00000003"), 0, "", 0, 0, "", 0x100000005});
+  const uint64_t before = agent().lastSequence();
+
+  restart();
+  EXPECT_EQ(agent().lastSequence(), before) << "forwarding agents hear of no change";
+  ASSERT_EQ(agent().frontEnd.restored.size(), 3u);
+  const auto& back = agent().frontEnd.restored[0];
+  EXPECT_EQ(back.table, exactTable);
+  EXPECT_EQ(back.key, first.key);
+  EXPECT_EQ(back.action, first.action);
+  EXPECT_EQ(back.data, first.data);
+  EXPECT_EQ(back.handle, handle);
+  EXPECT_EQ(back.metadata, "kept");
+  EXPECT_EQ(back.controllerMetadata, 42u);
+  EXPECT_EQ(agent().frontEnd.restored[1].priority, 258u);
+  EXPECT_EQ(agent().handleOf(acl), aclHandle);
+  EXPECT_EQ(agent().tableImpl->numPendingEntries(), 0u);
+  EXPECT_GT(agent().added(exactEntry(2)), agent().frontEnd.restored[2].handle);
+  EXPECT_EQ(codeOfDelete(first), 0);
+}
+
+TEST_F(RestoreTest, DirectMeterSettingsStandAsTheyWere) {
+  pi_meter_spec_t meter{1, 2, 3, 4, PI_METER_UNIT_BYTES, PI_METER_TYPE_COLOR_AWARE};
+  pi_direct_res_config_one_t config{directMeter, &meter};
+  const pi_direct_res_config_t direct{1, &config};
+  Entry entry{meteredTable, bytes("00000009"), setDmac, bytes("665544332211")};
+  entry.direct = &direct;
+  agent().added(entry);
+  const std::string row = *agent().row("metered");
+  const uint64_t before = agent().lastSequence();
+  restart();
+  EXPECT_EQ(*agent().row("metered"), row);
+  EXPECT_EQ(agent().lastSequence(), before);
+}
+
+TEST_F(RestoreTest, SizeLimitIsNotForRestoredEntries) {
+  for (uint8_t id = 0; id < 4; ++id) agent().added(exactEntry(id));
+  restart(pipelineOf(replaced(smallP4Info(), "size: 4", "size: 2"), smallDeviceConfig()));
+  EXPECT_EQ(agent().frontEnd.restored.size(), 4u);
+  EXPECT_EQ(agent().rowCount(exactTable), 4u);
+}
+
+TEST_F(RestoreTest, EntriesInTheAirWhenTheAgentDiedAreStable) {
+  agent().added(exactEntry(1));
+  agent().begin();
+  agent().del(0, exactEntry(1));
+  agent().add(1, exactEntry(2));
+  agent().end();  // and nobody ever waits for the outcome
+  restart();
+  EXPECT_EQ(agent().frontEnd.restored.size(), 2u);
+  EXPECT_EQ(agent().rowCount(exactTable), 2u) << "what no controller was told is gone is there";
+  for (const auto& back : agent().frontEnd.restored) {
+    EXPECT_EQ(agent().record(exactTable, back.handle)->entryState, EntryState::stable);
+  }
+}
+
+TEST_F(RestoreTest, BatchThatWasNotEndedNeverWas) {
+  agent().begin();
+  agent().add(0, exactEntry(1));
+  restart();
+  EXPECT_TRUE(agent().frontEnd.restored.empty());
+  expectEmpty(exactTable);
+}
+
+TEST_F(RestoreTest, RowsThatAreMissingAreWrittenAgain) {
+  agent().added(exactEntry(1));
+  // The type differs by a blank, so that the table's rows are dropped.
+  restart(pipelineOf(smallP4Info(),
+                     replaced(smallDeviceConfig(), "key ether_type : U16", "key ether_type: U16")));
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
+  forwarder().programAll();
+  EXPECT_EQ(forwarder().rows().count({"exact", exactEntry(1).key}), 1u);
+}
+
+TEST_F(RestoreTest, EntriesOfVanishedTablesGo) {
+  agent().added(exactEntry(1));
+  agent().added({route6Table, prefix("20010db8 00000000 00000000 00000001", 128), drop, ""});
+  // The table is there still under another id, so its row must go with the record.
+  restart(pipelineOf(replaced(smallP4Info(), "id: 0x02000003", "id: 0x02000033"),
+                     replaced(smallDeviceConfig(), "33554435", "33554483")));
+  ASSERT_EQ(agent().frontEnd.restored.size(), 1u);
+  EXPECT_EQ(agent().frontEnd.restored[0].table, exactTable);
+  EXPECT_EQ(agent().recordCount(), 1u);
+  EXPECT_EQ(agent().rowCount(0x02000033), 0u);
+}
+
+TEST_F(RestoreTest, EntryThatTheFrontEndRefusesGoesWholly) {
+  agent().added(exactEntry(1));
+  start();
+  agent().frontEnd.refuses = true;
+  restore();
+  expectEmpty(exactTable);
+  EXPECT_EQ(agent().added(exactEntry(1)), 2u) << "handles are not used twice all the same";
+}
+
+TEST_F(RestoreTest, RecordsThatMakeNoSenseGoAndTheOthersStay) {
+  const uint64_t good = agent().added(exactEntry(1));
+  TableCacheEntry record = *agent().record(exactTable, good);
+  const struct {
+    const char* what;
+    void (*spoil)(TableCacheEntry&);
+  } cases[] = {
+      {"the key of another handle", [](auto& r) { r.key.entryHandle = 900; }},
+      {"a handle beyond counting", [](auto& r) { r.key.entryHandle = UINT64_MAX; }},
+      {"handle 0", [](auto& r) { r.key.entryHandle = 0; }},
+      {"a handle that is taken",
+       [](auto& r) {
+         r.key.rid.id = constantTable;
+         r.matchKeyDataDelAll();
+         r.matchKeyDataIs(0, 77);
+       }},
+      {"a key of another length", [](auto& r) { r.key.entryHandle = 901, r.matchKeyDataIs(9, 1); }},
+      {"a key longer than any",
+       [](auto& r) { r.key.entryHandle = 902, r.matchKeyDataIs(2000, 1); }},
+      {"an action of another table",
+       [](auto& r) { r.key.entryHandle = 903, r.matchKeyDataIs(1, 9), r.actionId = setNexthop; }},
+      {"action data of another length",
+       [](auto& r) { r.key.entryHandle = 904, r.matchKeyDataIs(1, 9), r.actionDataIs(7, 1); }},
+      {"not of a table", [](auto& r) { r.key.rid.type = actionResource; }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TableCacheEntry spoilt = record;
+    c.spoil(spoilt);
+    recordIs(spoilt);
+    restart();
+    EXPECT_EQ(agent().recordCount(), 1u);
+    EXPECT_EQ(agent().frontEnd.restored.size(), 1u);
+    EXPECT_EQ(agent().handleOf(exactEntry(1)), good);
+    EXPECT_EQ(agent().rowCount(exactTable), 1u);
+    EXPECT_EQ(agent().rowCount(constantTable), 0u);
+  }
+  {
+    const Vela::ActivityLock lock;
+    agent().tableImpl->tableCache()->storedIs({{tableResource, exactTable}, 950},
+                                              Brine::asBytes("not a record"));
+  }
+  restart();
+  EXPECT_EQ(agent().recordCount(), 1u);
+}
+
+TEST_F(RestoreTest, CanBeDoneAgainInTheSameProcess) {
+  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t before = agent().lastSequence();
+  restore();  // the server moved to another port
+  EXPECT_EQ(agent().handleOf(exactEntry(1)), handle);
+  EXPECT_EQ(agent().lastSequence(), before);
+  EXPECT_THAT(agent().frontEnd.restored, testing::SizeIs(1));
+}
+
+}  // namespace
+}  // namespace P4Runtime

@@ -1,0 +1,230 @@
+// Whatever fails is as if it had never been asked for: row, record, handle, and the forwarding
+// agent's table.
+#include "P4Runtime/table/EntryFailures.h"
+#include "tests/P4Runtime/support/AgentTest.h"
+
+namespace P4Runtime {
+namespace {
+
+using namespace TestSupport;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class RollBackTest : public AgentTest {
+ protected:
+  // An entry as it is in every place that knows of it.
+  void expectStands(const Entry& entry, uint64_t handle) {
+    EXPECT_EQ(agent().handleOf(entry), handle);
+    const auto record = agent().record(entry.table, handle);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->entryState, EntryState::stable);
+    EXPECT_EQ(std::string(record->actionData.begin(), record->actionData.end()), entry.data);
+    EXPECT_EQ(record->controllerMetadata, entry.controllerMetadata);
+    EXPECT_EQ(agent().tableImpl->cachedMetadata(record->key), entry.metadata);
+    const std::string port{entry.data[1], entry.data[0]};
+    ASSERT_NE(agent().row("exact"), nullptr);
+    EXPECT_EQ(*agent().row("exact"), bytes("01000001") + port);
+    forwarder().programAll();
+    ASSERT_EQ(forwarder().rows().size(), 1u);
+    EXPECT_EQ(forwarder().rows().begin()->second, bytes("01000001") + port);
+    EXPECT_EQ(agent().tableImpl->numPendingEntries(), 0u);
+  }
+  Entry described(Entry entry, const char* text) {
+    entry.metadata = text;
+    entry.controllerMetadata = entry.data[1];
+    return entry;
+  }
+
+  const Entry old_ = described(exactEntry(1, 5), "old");
+  const Entry changed_ = described(exactEntry(1, 6), "changed");
+};
+
+TEST_F(RollBackTest, FailedAddLeavesNothing) {
+  agent().begin();
+  agent().add(0, old_);
+  agent().add(1, exactEntry(2));
+  agent().end();
+  forwarder().failNext(ErrorCode::tableFull, "no room in the chip");
+  forwarder().programNext();
+  const auto left = agent().outcome();
+  ASSERT_THAT(left, ElementsAre(FailedWith(0, 8)));
+  EXPECT_EQ(left[0].second.message(), "no room in the chip");
+  EXPECT_EQ(agent().handleOf(old_), 0u);
+  EXPECT_EQ(agent().recordCount(), 1u);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
+  ASSERT_EQ(forwarder().pending(), 1u) << "the undoing is a change of its own";
+  EXPECT_TRUE(forwarder().next().deleted);
+  EXPECT_THAT(agent().frontEnd.settled,
+              ElementsAre(testing::Pair(agent().lastHandle, 0u), testing::Pair(testing::_, 13u)));
+}
+
+TEST_F(RollBackTest, FailedChangeLeavesTheOldEntry) {
+  const uint64_t handle = agent().added(old_);
+  agent().begin();
+  agent().add(0, changed_);
+  agent().end();
+  EXPECT_EQ(agent().lastHandle, handle);
+  EXPECT_EQ(agent().record(exactTable, handle)->entryState, EntryState::pendingToBeAdded);
+  forwarder().failNext(ErrorCode::hardwareError);
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 13)));
+  expectStands(old_, handle);
+}
+
+TEST_F(RollBackTest, FailedDeleteLeavesTheEntry) {
+  const uint64_t handle = agent().added(old_);
+  agent().begin();
+  agent().del(0, old_);
+  agent().end();
+  EXPECT_EQ(agent().record(exactTable, handle)->entryState, EntryState::pendingToBeDeleted);
+  EXPECT_EQ(agent().handleOf(old_), handle) << "bound until the outcome is known";
+  forwarder().failNext(ErrorCode::notReady);
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 14)));
+  expectStands(old_, handle);
+}
+
+TEST_F(RollBackTest, TimedOutBatchIsUndoneAndTheSwitchIsCritical) {
+  const uint64_t handle = agent().added(old_);
+  agent().begin();
+  agent().add(0, changed_);
+  agent().add(1, exactEntry(2));
+  agent().del(2, exactEntry(7));  // refused: it is not there
+  agent().end();
+  forwarder().ignoreNext();
+  forwarder().programNext();  // in time, though the batch as a whole is not
+  const auto left = agent().outcome();
+  ASSERT_THAT(left, ElementsAre(FailedWith(0, 4), FailedWith(2, 3)));
+  EXPECT_EQ(left[0].second.message(),
+            "Hardware programming for table id:33554433 could not be verified");
+  EXPECT_TRUE(agent().status->critical());
+  EXPECT_EQ(agent().rowCount(exactTable), 2u);
+  agent().deleted(exactEntry(2));
+  expectStands(old_, handle);
+}
+
+TEST_F(RollBackTest, ReportAfterTheTimeOutChangesNothing) {
+  agent().begin();
+  agent().add(0, old_);
+  agent().end();
+  const RowChange late = forwarder().next();
+  forwarder().ignoreNext();
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+  expectEmpty(exactTable);
+  forwarder().report(late, ErrorCode::none);
+
+  const uint64_t handle = agent().added(old_);  // another batch, the same key
+  forwarder().report(late, ErrorCode::hardwareError);
+  EXPECT_GT(handle, late.entryHandle);
+  expectStands(old_, handle);
+  EXPECT_EQ(agent().tableImpl->failures()->failedEntries(), 0u);
+}
+
+TEST_F(RollBackTest, WritesOfOneEntryInABatchShareOneFate) {
+  const struct {
+    const char* what;
+    bool existed;
+    bool deletesFirst;
+    bool deletesLast;
+    bool fails;
+  } cases[] = {
+      {"add, change", false, false, false, false},
+      {"add, change, both fail", false, false, false, true},
+      {"change twice", true, false, false, false},
+      {"change twice, fails", true, false, false, true},
+      {"delete, add", true, true, false, false},
+      {"delete, add, fails", true, true, false, true},
+      {"add, delete", false, false, true, false},
+      {"add, delete, fails", false, false, true, true},
+      {"change, delete, fails", true, false, true, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const uint64_t handle = c.existed ? agent().added(old_) : 0;
+    agent().begin();
+    const Entry first = exactEntry(1, 66);
+    EXPECT_EQ(c.deletesFirst ? agent().del(0, first) : agent().add(0, first), PI_STATUS_SUCCESS);
+    EXPECT_EQ(c.deletesLast ? agent().del(3, changed_) : agent().add(3, changed_),
+              PI_STATUS_SUCCESS);
+    EXPECT_EQ(agent().tableImpl->numPendingEntries(), 1u);
+    agent().end();
+    ASSERT_EQ(forwarder().pending(), 1u) << "one change of one row";
+    if (c.fails) {
+      forwarder().failNext(ErrorCode::hardwareError);
+      EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 13), FailedWith(3, 13)));
+    } else {
+      forwarder().programNext();
+      EXPECT_THAT(agent().outcome(), IsEmpty());
+    }
+    const bool remains = c.fails ? c.existed : !c.deletesLast;
+    if (remains) expectStands(c.fails ? old_ : changed_, agent().handleOf(old_));
+    EXPECT_TRUE(!c.existed || !remains || agent().handleOf(old_) == handle);
+    if (remains) agent().deleted(old_);
+    forwarder().programAll();
+    expectEmpty(exactTable);
+  }
+  EXPECT_FALSE(agent().status->critical());
+}
+
+TEST_F(RollBackTest, UnchangedEntryIsConfirmedLikeAnyOther) {
+  const uint64_t handle = agent().added(old_);
+  EXPECT_EQ(codeOfAdd(old_), 0);
+  expectStands(old_, handle);
+}
+
+// A record that is not confirmed yet when its entry is changed is no reason to forget the entry.
+TEST_F(RollBackTest, FailedChangeOfAnUnconfirmedEntryKeepsIt) {
+  const uint64_t handle = agent().added(old_);
+  {
+    const Vela::ActivityLock lock;
+    auto record = *agent().tableImpl->tableCache()->cache({{tableResource, exactTable}, handle});
+    record.entryState = EntryState::pendingToBeAdded;
+    agent().tableImpl->tableCache()->cacheIs(record);
+  }
+  agent().begin();
+  agent().add(0, changed_);
+  agent().end();
+  forwarder().failNext(ErrorCode::hardwareError);
+  agent().outcome();
+  expectStands(old_, handle);
+}
+
+TEST_F(RollBackTest, FailureThatNoBatchWaitsForIsKeptUntilMended) {
+  const uint64_t handle = agent().added(old_);
+  const EntryFailures& failures = *agent().tableImpl->failures();
+  const RowChange restarted{"exact", "", "", false, handle, 1};
+  forwarder().report(restarted, ErrorCode::hardwareError, "parity error");
+  EXPECT_EQ(failures.failedEntries(), 1u);
+  EXPECT_THAT(failures.list(), testing::AllOf(testing::HasSubstr("table exact, ether_type="),
+                                              testing::HasSubstr("error 3 parity error")));
+  forwarder().report({"", "", "", false, 4711, 1}, ErrorCode::hardwareError);  // nobody's
+  EXPECT_EQ(failures.failedEntries(), 1u);
+  EXPECT_EQ(codeOfAdd(changed_), 0);
+  EXPECT_EQ(failures.failedEntries(), 0u);
+  EXPECT_EQ(failures.list(), "");
+
+  forwarder().report(restarted, ErrorCode::hardwareError);
+  agent().deleted(changed_);
+  EXPECT_EQ(failures.failedEntries(), 0u);
+}
+
+TEST(EntryFailures, ListsTheFirstThousand) {
+  EntryFailures failures("failures");
+  for (uint64_t handle = 5000; handle > 0; --handle)
+    failures.failureIs(handle, std::to_string(handle));
+  const auto lines = [&] {
+    return std::count(failures.list().begin(), failures.list().end(), '\n');
+  };
+  EXPECT_EQ(failures.failedEntries(), 5000u);
+  EXPECT_EQ(lines(), 999);
+  EXPECT_EQ(failures.list().substr(0, 4), "1\n2\n");
+  failures.failureDel(1);
+  failures.failureDel(4000);
+  EXPECT_EQ(failures.failedEntries(), 4998u);
+  EXPECT_EQ(failures.list().substr(0, 4), "2\n3\n");
+  EXPECT_EQ(lines(), 999);
+  for (uint64_t handle = 2; handle <= 5000; ++handle) failures.failureDel(handle);
+  EXPECT_EQ(failures.list(), "");
+  EXPECT_TRUE(failures.empty());
+}
+
+}  // namespace
+}  // namespace P4Runtime
