@@ -97,7 +97,7 @@ Socket listeningAt(const std::string& path) {
     }
   }
   chmod(path.c_str(), 0600);
-  if (listen(listener.descriptor(), 16) != 0) cannotListen(path, "remove what is there");
+  if (listen(listener.descriptor(), 64) != 0) cannotListen(path, "remove what is there");
   return listener;
 }
 

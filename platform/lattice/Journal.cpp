@@ -41,16 +41,21 @@ void Journal::load() {
     if (key.size() == 8) newest = __builtin_bswap64(loadAt<uint64_t>(key.data()));
     return true;
   });
-  if (sound && (records_.empty() || records_.back().last == state_.lastSequence)) return;
+  sound = sound && (records_.empty() || records_.back().last == state_.lastSequence);
+  if (sound && state) return;
+  if (!sound) startAnew(std::max(state_.lastSequence, newest));
+  // Followers look for it from the first moment.
+  store_.put(meta_, Brine::asBytes(JournalState::key), Brine::asBytes(state_.encode()));
+  store_.commit();
+}
+
+void Journal::startAnew(uint64_t lastSequence) {
   SCRIVEL_TRACE(0, "the journal is damaged and is emptied; followers take a snapshot");
   // Well beyond anything a follower has seen, so that none continues across the gap.
-  state_.lastSequence = std::max(state_.lastSequence, newest) + (uint64_t{1} << 32);
-  state_.trimmedUpTo = state_.lastSequence;
+  state_.lastSequence = state_.trimmedUpTo = lastSequence + (uint64_t{1} << 32);
   records_.clear();
   changes_ = 0;
   store_.eraseAll(journal_);
-  store_.put(meta_, Brine::asBytes(JournalState::key), Brine::asBytes(state_.encode()));
-  store_.commit();
 }
 
 bool Journal::loadRecord(Brine::Bytes key, Brine::Bytes value) {

@@ -1,5 +1,6 @@
 // Writing rows, following them, and reporting: one process, several threads.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
 #include "tests/platform/brine/TempDirectory.h"
 #include "tests/platform/lattice/AgentFixture.h"
@@ -12,27 +13,343 @@ using Vela::ActivityLock;
 
 struct DatabaseTest : testing::Test {
   TempDirectory directory;
+  std::unique_ptr<Agent> agent = std::make_unique<Agent>(directory.path());
+  ArTableInterface* routes = &agent->table("routes");
+  std::unique_ptr<Follower> follower = std::make_unique<Follower>(directory.path());
+
+  bool followUntil(const std::function<bool()>& done) {
+    return Agent::followUntil({follower->subscriber.get()}, done);
+  }
+  bool inStep() {
+    return followUntil([&] { return agent->inStep == agent->database->lastSequence(); });
+  }
+  void restartAgent(const char* definition = routeType, bool persistent = true) {
+    agent.reset();
+    agent = std::make_unique<Agent>(directory.path());
+    routes = &agent->table("routes", definition, persistent);
+  }
+  // One commit, outside any batch, of rows numbered `from` up to but not `to`.
+  void write(uint32_t from, uint32_t to, uint32_t nexthop = 1) {
+    const ActivityLock lock;
+    for (uint32_t i = from; i < to; ++i) routes->rowIs(route(i, nexthop), 100 + i);
+  }
+  // What one batch brings the follower.
+  size_t batch(const std::function<void()>& body) {
+    const size_t before = follower->changes;
+    {
+      const ActivityLock lock;
+      agent->database->batchBegin();
+      body();
+      EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
+    }
+    EXPECT_TRUE(received());
+    return follower->changes - before;
+  }
+  bool received() {
+    return followUntil(
+        [&] { return follower->subscriber->sequence() == agent->database->lastSequence(); });
+  }
 };
 
 TEST_F(DatabaseTest, AFollowerSeesABatchAndItsReportsComeBack) {
-  Agent agent(directory.path());
-  Follower follower(directory.path());
-  auto& routes = agent.table("routes");
-  ASSERT_TRUE(Agent::followUntil({follower.subscriber.get()}, [&] { return follower.snapshots; }));
+  ASSERT_TRUE(inStep());
   uint64_t last = 0;
+  EXPECT_EQ(batch([&] {
+              for (uint32_t i = 0; i < 3000; ++i) last = routes->rowIs(route(i, i), 100 + i);
+            }),
+            3000u);
+  ASSERT_TRUE(followUntil([&] { return agent->heard.size() == 3000; }));
+  EXPECT_EQ(follower->rows["routes"].size(), 3000u);
+  EXPECT_EQ(follower->rows["routes"][route(5, 5).key], route(5, 5).value);
+  EXPECT_EQ(agent->heard.back().sequence, last);
+  EXPECT_EQ(agent->heard.back().entryHandle, 3099u);
+}
+
+TEST_F(DatabaseTest, ReportsCarryCodeAndText) {
+  follower->holdBack = true;
+  batch([&] { routes->rowIs(route(1, 1), 7); });
+  follower->reportAll(8, "no such nexthop");
+  ASSERT_TRUE(followUntil([&] { return agent->heard.size() == 1; }));
+  EXPECT_EQ(agent->heard[0].errorCode, 8);
+  EXPECT_EQ(agent->texts[0], "no such nexthop");
+}
+
+TEST_F(DatabaseTest, OutsideABatchAnEqualRowIsNoChange) {
+  const ActivityLock lock;
+  EXPECT_GT(routes->rowIs(route(1, 1), 7), 0u);
+  EXPECT_EQ(routes->rowIs(route(1, 1), 7), 0u);
+  EXPECT_EQ(routes->rowIs(route(1, 1), 8), 0u);
+  EXPECT_EQ(routes->rowEntryHandle(route(1, 1).key), 8u);
+  EXPECT_EQ(routes->rowDel(route(2, 1).key, 7), 0u);
+  EXPECT_GT(routes->rowDel(route(1, 1).key, 7), 0u);
+  EXPECT_EQ(routes->row(route(1, 1).key), std::nullopt);
+}
+
+TEST_F(DatabaseTest, InABatchEveryCallIsReportedOnAndEachRowOnce) {
+  write(1, 3);
+  ASSERT_TRUE(inStep());
+  const struct {
+    const char* what;
+    std::function<void()> calls;
+    size_t changes;
+    size_t unchanged;
+  } cases[] = {
+      {"an equal row", [&] { routes->rowIs(route(1, 1), 101); }, 1, 1},
+      {"a row that is not there to delete", [&] { routes->rowDel(route(9, 1).key, 109); }, 1, 1},
+      {"a row written twice",
+       [&] { routes->rowIs(route(1, 2), 101), routes->rowIs(route(1, 3), 101); }, 1, 0},
+      {"written, then written as it was just written",
+       [&] { routes->rowIs(route(1, 4), 101), routes->rowIs(route(1, 4), 101); }, 1, 0},
+      {"equal twice", [&] { routes->rowIs(route(1, 4), 101), routes->rowIs(route(1, 4), 101); }, 1,
+       1},
+      {"added and deleted",
+       [&] { routes->rowIs(route(5, 1), 105), routes->rowDel(route(5, 1).key, 105); }, 1, 0},
+      {"deleted and added under another handle: both get a report",
+       [&] { routes->rowDel(route(2, 1).key, 102), routes->rowIs(route(2, 1), 202); }, 2, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const size_t unchanged = follower->unchanged;
+    EXPECT_EQ(batch(c.calls), c.changes);
+    EXPECT_EQ(follower->unchanged - unchanged, c.unchanged);
+  }
+  const ActivityLock lock;
+  for (const auto& [key, value] : follower->rows["routes"])
+    EXPECT_EQ(routes->row(key)->value, value);
+  EXPECT_EQ(follower->rows["routes"].size(), routes->rowCount());
+}
+
+// Only batchEnd() commits in a batch, whatever scopes end meanwhile.
+TEST_F(DatabaseTest, AScopeThatEndsInABatchCommitsNothing) {
+  auto reader = Brine::Reader::open(directory.path());
   {
     const ActivityLock lock;
-    agent.database->batchBegin();
-    for (uint32_t i = 0; i < 1000; ++i) last = routes.rowIs(route(i, i), 100 + i);
-    EXPECT_EQ(agent.database->batchEnd(), std::nullopt);
-    EXPECT_EQ(agent.database->lastSequence(), last);
+    agent->database->batchBegin();
   }
-  ASSERT_TRUE(
-      Agent::followUntil({follower.subscriber.get()}, [&] { return agent.heard.size() == 1000; }));
-  EXPECT_EQ(follower.rows["routes"].size(), 1000u);
-  EXPECT_EQ(follower.rows["routes"][route(5, 5).key], route(5, 5).value);
-  EXPECT_EQ(agent.heard.back().sequence, last);
-  EXPECT_EQ(agent.heard.back().entryHandle, 1099u);
+  write(0, 5);
+  EXPECT_EQ(reader->snapshot()->count("row/routes"), 0u);
+  {
+    const ActivityLock lock;
+    EXPECT_EQ(routes->rowCount(), 5u);
+    agent->database->batchEnd();
+  }
+  EXPECT_EQ(reader->snapshot()->count("row/routes"), 5u);
+  write(5, 6);
+  EXPECT_EQ(reader->snapshot()->count("row/routes"), 6u);
+}
+
+TEST_F(DatabaseTest, AFollowerThatComesLateTakesASnapshotAndSaysWhenItIsInStep) {
+  write(0, 2000);
+  follower->holdBack = true;
+  ASSERT_TRUE(followUntil([&] { return follower->held.size() == 2000; }));
+  EXPECT_EQ(follower->snapshots, 1u);
+  {
+    const ActivityLock lock;
+    ASSERT_EQ(agent->database->subscribers().size(), 1u);
+    EXPECT_TRUE(agent->database->subscribers()[0].takingSnapshot);
+  }
+  EXPECT_EQ(agent->inStep, 0u);
+  follower->reportAll();
+  ASSERT_TRUE(inStep());
+  EXPECT_EQ(agent->heard.size(), 2000u);
+}
+
+TEST_F(DatabaseTest, AnAgentThatRestartsWithItsRowsBringsAFollowerNoChanges) {
+  write(0, 50);
+  ASSERT_TRUE(inStep());
+  const size_t before = follower->changes;
+  restartAgent();
+  write(0, 50);  // the agent restores what it had
+  write(50, 51);
+  ASSERT_TRUE(followUntil([&] { return follower->changes > before; }));
+  EXPECT_EQ(follower->changes, before + 1);
+  EXPECT_EQ(follower->snapshots, 1u);
+  EXPECT_EQ(follower->removed, 0u);
+}
+
+TEST_F(DatabaseTest, AStateDirectoryMadeAnewIsFollowedFromASnapshot) {
+  write(0, 50);
+  ASSERT_TRUE(inStep());
+  agent.reset();
+  std::filesystem::remove_all(directory.path());
+  agent = std::make_unique<Agent>(directory.path());
+  routes = &agent->table("routes");
+  write(7, 8);
+  ASSERT_TRUE(inStep());
+  EXPECT_EQ(follower->snapshots, 2u);
+  EXPECT_EQ(follower->rows["routes"].size(), 1u);
+}
+
+TEST_F(DatabaseTest, ATableOfAnotherDefinitionIsANewTable) {
+  write(0, 50);
+  ASSERT_TRUE(inStep());
+  restartAgent("key vrf_id : U16; key dst : U32; nexthop : U64;");
+  {
+    const ActivityLock lock;
+    EXPECT_EQ(routes->rowCount(), 0u);
+  }
+  write(3, 4);
+  ASSERT_TRUE(received());
+  EXPECT_EQ(follower->removed, 1u);
+  EXPECT_EQ(follower->snapshots, 1u);
+  EXPECT_EQ(follower->rows["routes"].size(), 1u);
+}
+
+TEST_F(DatabaseTest, RowsThatAreNotPersistentGoWithTheProcess) {
+  write(0, 50);
+  ASSERT_TRUE(inStep());
+  restartAgent(routeType, false);
+  ASSERT_TRUE(followUntil([&] { return follower->removed == 1; }));
+  EXPECT_TRUE(follower->rows["routes"].empty());
+}
+
+TEST_F(DatabaseTest, TablesThatNobodyBoundAreRemoved) {
+  write(0, 50);
+  ASSERT_TRUE(inStep());
+  agent.reset();
+  agent = std::make_unique<Agent>(directory.path());
+  auto& other = agent->table("other");
+  {
+    const ActivityLock lock;
+    EXPECT_EQ(agent->database->removeUnboundTables(), std::vector<std::string>{"routes"});
+    EXPECT_FALSE(agent->store->hasTable("row/routes"));
+    EXPECT_TRUE(other.ready());
+  }
+  ASSERT_TRUE(followUntil([&] { return follower->removed == 1; }));
+  EXPECT_TRUE(follower->rows.contains("other"));
+}
+
+TEST_F(DatabaseTest, AnInterfaceIsReadyOnceItsTypeIsCompiledAndToldOnce) {
+  std::atomic<int> told = 0;
+  TheTypeRegistry().typeDel("LateType");
+  auto late = Vela::make<ArTableInterface>("late", "LateType", [&] { ++told; });
+  {
+    const ActivityLock lock;
+    agent->database->bindInterface(late, "late", true);
+    EXPECT_FALSE(late->ready());
+    EXPECT_THROW(late->rowCount(), std::logic_error);
+    TheTypeRegistry().typeIs(TableType::compile("LateType", "key k : U8; v : U8;"));
+    late->maybeInitialize();
+    late->maybeInitialize();
+    EXPECT_TRUE(late->ready());
+    EXPECT_EQ(told, 0) << "only on a later turn";
+  }
+  ASSERT_TRUE(followUntil([&] { return told == 1; }));
+  const ActivityLock lock;
+  late = nullptr;
+}
+
+// With a journal of at most 100 changes and nobody attached, a follower that was away too long
+// takes a snapshot; one that missed less goes on from where it was.
+TEST_F(DatabaseTest, TheJournalIsBoundedWithoutFollowers) {
+  agent.reset();
+  agent = std::make_unique<Agent>(directory.path(), 100);
+  routes = &agent->table("routes");
+  ASSERT_TRUE(inStep());
+  const struct {
+    uint32_t missed;
+    size_t snapshots;
+  } cases[] = {{60, 1}, {2000, 2}};
+  uint32_t next = 1;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.missed);
+    agent.reset();  // the follower is let go while its rows are written
+    follower->subscriber->follow(1ms);
+    agent = std::make_unique<Agent>(directory.path(), 100);
+    routes = &agent->table("routes");
+    for (const uint32_t end = next + c.missed; next < end; next += 20) write(next, next + 20);
+    ASSERT_TRUE(received());
+    EXPECT_EQ(follower->snapshots, c.snapshots);
+    EXPECT_EQ(follower->rows["routes"].size(), next - 1);
+  }
+}
+
+TEST_F(DatabaseTest, TheJournalIsTrimmedBehindWhatWasReceived) {
+  ASSERT_TRUE(inStep());
+  for (int i = 0; i < 50; ++i) batch([&] { routes->rowIs(route(1, 10 + i), 7); });
+  ASSERT_TRUE(followUntil([&] { return agent->heard.size() == 50; }));
+  const ActivityLock lock;
+  agent->database->batchBegin();
+  routes->rowIs(route(1, 1), 7);
+  agent->database->batchEnd();
+  EXPECT_LE(agent->store->count(agent->store->table("lattice/journal")), 2u);
+}
+
+TEST_F(DatabaseTest, AStoreWithADamagedJournalMakesFollowersTakeASnapshot) {
+  write(0, 10);
+  ASSERT_TRUE(inStep());
+  agent.reset();
+  {
+    auto store = Brine::Store::open({.directory = directory.path()});
+    const auto journal = store->table("lattice/journal");
+    store->put(journal, Brine::asBytes(std::string_view("\0\0\0\0\0\0\0\2", 8)),
+               Brine::asBytes("garbage"));
+    store->put(store->table("row/routes"), Brine::asBytes("garbage"), Brine::asBytes("short"));
+    store->commit();
+  }
+  agent = std::make_unique<Agent>(directory.path());
+  routes = &agent->table("routes");
+  write(10, 11);
+  ASSERT_TRUE(received());
+  EXPECT_EQ(follower->snapshots, 2u);
+  EXPECT_EQ(follower->rows["routes"].size(), 11u);
+}
+
+// Two followers: a change settles when both have reported, or at the first failure.
+TEST_F(DatabaseTest, SeveralFollowersReportAsOne) {
+  Follower second(directory.path(), "second");
+  const std::vector<Subscriber*> both = {follower->subscriber.get(), second.subscriber.get()};
+  ASSERT_TRUE(Agent::followUntil(
+      both, [&] { return agent->database->subscribers().size() == 2 && second.snapshots; }));
+  follower->holdBack = second.holdBack = true;
+  write(0, 3);
+  ASSERT_TRUE(Agent::followUntil(
+      both, [&] { return follower->held.size() == 3 && second.held.size() == 3; }));
+  follower->reportAll();
+  ASSERT_TRUE(Agent::followUntil(both, [&] {
+    return agent->database->subscribers()[0].reports + agent->database->subscribers()[1].reports ==
+           3;
+  }));
+  EXPECT_EQ(agent->heard.size(), 0u) << "the second has not reported yet";
+  second.held.resize(2);
+  second.reportAll(1, "full");
+  ASSERT_TRUE(Agent::followUntil(both, [&] { return agent->heard.size() == 2; }));
+  EXPECT_EQ(agent->heard[0].errorCode, 1);
+  second.subscriber.reset();  // the third change is then settled by the first's report alone
+  ASSERT_TRUE(followUntil([&] { return agent->heard.size() == 3; }));
+  EXPECT_EQ(agent->heard[2].errorCode, 0);
+}
+
+TEST(FullDatabaseTest, AFullStateDirectoryFailsTheBatchAndLeavesTheFormerRows) {
+  const TempDirectory directory;
+  const std::string small = directory / "small";
+  std::filesystem::create_directory(small);
+  if (mount("korvel-test", small.c_str(), "tmpfs", 0, "size=1m") != 0) {
+    GTEST_SKIP() << "mounting a small tmpfs needs root";
+  }
+  {
+    Agent agent(small);
+    auto& routes = agent.table("routes");
+    Follower follower(small);
+    std::optional<std::string> trouble;
+    size_t rows = 0;
+    for (uint32_t batch = 0; !trouble && batch < 1000; ++batch) {
+      const ActivityLock lock;
+      rows = routes.rowCount();
+      agent.database->batchBegin();
+      for (uint32_t i = 0; i < 100; ++i) routes.rowIs(route(batch * 100 + i, 1), i + 1);
+      trouble = agent.database->batchEnd();
+    }
+    ASSERT_TRUE(trouble);
+    EXPECT_NE(trouble->find(small), std::string::npos);
+    {
+      const ActivityLock lock;
+      EXPECT_EQ(routes.rowCount(), rows);
+    }
+    EXPECT_TRUE(Agent::followUntil({follower.subscriber.get()},
+                                   [&] { return follower.rows["routes"].size() == rows; }));
+  }
+  umount2(small.c_str(), MNT_DETACH);
 }
 
 }  // namespace
