@@ -1,6 +1,7 @@
 // The C functions that start and stop the one server of the process.
 #include "PI/proto/pi_server.h"
 
+#include <grpc/grpc.h>
 #include <grpcpp/security/server_credentials.h>
 
 #include <chrono>
@@ -39,11 +40,19 @@ Process& TheProcess() {
   return *process;
 }
 
+// Keeps gRPC's own threads: letting go of its last object joins them, and one of them may be ten
+// seconds into its sleep when the server is to be restarted.
+void gRpcKept() {
+  static const bool kept = (grpc_init(), true);
+  (void)kept;
+}
+
 // The server is published only when it listens. Throws std::runtime_error.
 void start(const char* address, const Credentials& credentials) {
   if (TheProcess().server) {
     throw std::runtime_error("a server is running already; shut it down and clean it up first");
   }
+  gRpcKept();
   std::string token = pi::server::randomToken();
   if (token.empty()) throw std::runtime_error("the kernel gives no random numbers; try again");
   TheProcess().server = std::make_shared<Server>(address ? address : "", credentials, token);
