@@ -55,8 +55,8 @@ void JournalChange::encode(char* to) const {
   storeAt(to + 20, flags);
   storeAt(to + 21, static_cast<uint16_t>(key.size()));
   storeAt(to + 23, static_cast<uint32_t>(value.size()));
-  std::memcpy(to + headSize, key.data(), key.size());
-  std::memcpy(to + headSize + key.size(), value.data(), value.size());
+  key.copy(to + headSize, key.size());
+  value.copy(to + headSize + key.size(), value.size());
 }
 
 std::optional<JournalChange> JournalChange::taken(std::string_view& bytes) {
