@@ -180,7 +180,8 @@ TEST_F(BatchTest, MarkingAnswersThePositionBehind) {
   EXPECT_EQ(markStatusEntryNotPending(statuses, handleAt(0), 3, "failed")->first, 2u);
   EXPECT_EQ(markStatusEntryNotPending(statuses, handleAt(0), 3, "again")->first, 2u);
   EXPECT_EQ(statuses[0].second.message(), "failed");
-  EXPECT_EQ(markStatusEntryNotPending(statuses, handleAt(2), 0, ""), statuses.end());
+  const auto behindLast = markStatusEntryNotPending(statuses, handleAt(2), 0, "");
+  EXPECT_EQ(behindLast, statuses.end());
   EXPECT_EQ(statuses.size(), 1u);
 }
 

@@ -1,0 +1,180 @@
+// When the server may serve, and what it has then: restored and constant entries.
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/agent/KorvelPiServerInitSm.h"
+#include "P4Runtime/table/EntryFailures.h"
+#include "PI/frontends/proto/device_mgr.h"
+#include "tests/P4Runtime/support/AgentTest.h"
+
+namespace P4Runtime {
+namespace {
+
+using namespace TestSupport;
+using pi::fe::proto::DeviceMgr;
+
+// A server without a thread. It is never let go: its destructor would start one.
+Vela::Ptr<KorvelPiServer> serverOf(AgentParts& agent) {
+  static auto* all = new std::vector<Vela::Ptr<KorvelPiServer>>;
+  static auto* loop = new Vela::ReactorLoop;  // does not run: signals stay to be counted
+  const Vela::ActivityLock lock;
+  all->push_back(korvelPiServerFactory(*loop, agent.config));
+  return all->back();
+}
+
+class ServerInitTest : public AgentTest {
+ protected:
+  ServerInitTest() { make(); }
+
+  void make() {
+    server_ = serverOf(agent());
+    const Vela::ActivityLock lock;
+    initSm_ = Vela::make<KorvelPiServerInitSm>(agent().tableInfo, agent().config, agent().status,
+                                               server_, agent().tableImpl);
+  }
+  void restart() {
+    initSm_ = nullptr;
+    start();
+    make();
+  }
+  void serverReady() {
+    const Vela::ActivityLock lock;
+    server_->serverReadyIs(true);
+  }
+  void stateIs(P4TableInfoState state) {
+    const Vela::ActivityLock lock;
+    agent().tableInfo->tableInfoStateIs(state);
+  }
+  uint64_t signals() {
+    uint64_t count = 0;
+    return read(server_->signalFd(), &count, sizeof count) == sizeof count ? count : 0;
+  }
+  static uint32_t level() { return DeviceMgr::get_operation_permission_level(); }
+
+  Vela::Ptr<KorvelPiServer> server_;
+  Vela::Ptr<KorvelPiServerInitSm> initSm_;
+};
+
+TEST_F(ServerInitTest, AddressIsThatOfTheConfiguration) {
+  const struct {
+    const char* address;
+    uint16_t port;
+    const char* text;
+  } cases[] = {{"10.1.2.3", 700, "10.1.2.3:700"}, {"::1", 9559, "[::1]:9559"}};
+  for (const auto& c : cases) {
+    const Vela::ActivityLock lock;
+    const auto config = Vela::make<P4RuntimeConfig::P4RtSystemConfig>("system");
+    config->grpcServerAddressIs(*IpAddress::fromText(c.address));
+    config->grpcServerPortIs(c.port);
+    server_->p4RtSystemConfigIs(config);
+    EXPECT_EQ(server_->serverAddressPortStr(), c.text);
+  }
+  const Vela::ActivityLock lock;
+  server_->p4RtSystemConfigIs(nullptr);
+  EXPECT_EQ(server_->serverAddressPortStr(), "0.0.0.0:0");
+  EXPECT_EQ(server_->deviceId(), 0u);
+}
+
+TEST_F(ServerInitTest, PermissionFollowsThePipelineAndTheCriticalState) {
+  const struct {
+    const char* what;
+    P4TableInfoState state;
+    bool broken;
+    bool critical;
+    uint32_t level;
+    uint64_t signals;
+  } cases[] = {
+      {"no pipeline", P4TableInfoState::tableInfoNotReady, false, false, 0, 0},
+      {"ready", P4TableInfoState::tableInfoReady, false, false, 2, 1},
+      {"failed", P4TableInfoState::tableInfoError, false, false, 0, 0},
+      {"ready with a broken invariant", P4TableInfoState::tableInfoReady, true, false, 1, 1},
+      {"no pipeline again", P4TableInfoState::tableInfoNotReady, true, false, 0, 0},
+      {"ready in critical state", P4TableInfoState::tableInfoReady, false, true, 1, 1},
+      {"unknown", static_cast<P4TableInfoState>(7), false, false, 1, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    agent().status->criticalCleared();
+    agent().status->brokenInvariantIs(c.broken);
+    if (c.critical) agent().status->criticalIs("why", "since");
+    stateIs(c.state);
+    EXPECT_EQ(level(), c.level);
+    EXPECT_EQ(signals(), c.signals);
+  }
+  EXPECT_EQ(agent().status->criticalReason(), "Unrecognized tableInfoState 7");
+  initSm_->tableInfoIs(nullptr);  // observed no more
+  stateIs(P4TableInfoState::tableInfoReady);
+  EXPECT_EQ(signals(), 0u);
+}
+
+TEST_F(ServerInitTest, MissingServerBreaksAnInvariant) {
+  initSm_->serverIs(nullptr);
+  initSm_->handleTableInfoState();
+  EXPECT_EQ(agent().status->criticalReason(),
+            "Server is not ready. Yet we are trying to handle table info state");
+  EXPECT_TRUE(agent().status->brokenInvariant());
+}
+
+TEST_F(ServerInitTest, SignalsBeforeTheReactorRunsAreOne) {
+  server_->signal();
+  server_->signal();
+  EXPECT_EQ(signals(), 2u) << "one event, read once";
+}
+
+TEST_F(ServerInitTest, ConstantEntriesAreProgrammedOnceInTheLifeOfTheirRows) {
+  serverReady();
+  EXPECT_TRUE(agent().frontEnd.restoreDone);
+  EXPECT_TRUE(agent().tableImpl->constTablesProgrammed());
+  EXPECT_EQ(agent().rowCount(constantTable), 2u);
+  EXPECT_EQ(agent().tableImpl->numPendingEntries(), 0u);
+  const Entry first{constantTable, bytes("0a"), setPort, bytes("00ff")};
+  const uint64_t handle = agent().handleOf(first);
+  EXPECT_EQ(agent().record(constantTable, handle)->entryState, EntryState::stable);
+  const uint64_t before = agent().lastSequence();
+
+  restart();
+  serverReady();
+  EXPECT_EQ(agent().lastSequence(), before);
+  EXPECT_EQ(agent().handleOf(first), handle);
+  EXPECT_EQ(agent().frontEnd.restored.size(), 2u);
+}
+
+// Nobody waits for a constant entry; its failure must be told all the same.
+TEST_F(ServerInitTest, FailedConstantEntryIsKeptForOperators) {
+  serverReady();
+  forwarder().failNext(ErrorCode::tableFull, "no room");
+  forwarder().programNext();
+  EXPECT_EQ(agent().tableImpl->failures()->failedEntries(), 1u);
+  EXPECT_THAT(agent().tableImpl->failures()->list(), testing::HasSubstr("table constant, type="));
+  EXPECT_NE(agent().added(exactEntry(1)), 0u) << "and no write is taken for it";
+}
+
+TEST_F(ServerInitTest, ConstantEntryThatCannotBeAddedKeepsNoOtherFromIt) {
+  initSm_ = nullptr;
+  agent().pipelineIs(pipelineOf(smallP4Info(), replaced(smallDeviceConfig(), "\"0a\"", "\"0a0b\"")),
+                     "other.pb.bin");
+  make();
+  serverReady();
+  EXPECT_EQ(agent().rowCount(constantTable), 1u);
+  EXPECT_TRUE(agent().tableImpl->constTablesProgrammed());
+  EXPECT_FALSE(agent().status->critical());
+}
+
+TEST_F(ServerInitTest, ServerThatIsDownChangesNothing) {
+  serverReady();
+  const uint64_t before = agent().lastSequence();
+  const Vela::ActivityLock lock;
+  server_->serverReadyIs(false);
+  EXPECT_EQ(agent().lastSequence(), before);
+  EXPECT_EQ(level(), 2u);
+}
+
+TEST(BytesFromHexadecimal, TakesTwoCharactersAByte) {
+  EXPECT_EQ(bytesFromHexadecimal("0a0B"), "\x0a\x0b");
+  EXPECT_EQ(bytesFromHexadecimal("0a0Bf"), "\x0a\x0b\x0f");
+  EXPECT_EQ(bytesFromHexadecimal(""), "");
+}
+
+}  // namespace
+}  // namespace P4Runtime

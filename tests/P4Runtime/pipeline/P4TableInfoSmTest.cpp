@@ -1,0 +1,262 @@
+// The pipeline comes up in steps driven by notices; whatever does not fit stops it with a reason.
+#include <cstdlib>
+#include <fstream>
+
+#include "P4Runtime/pipeline/ParsingStatus.h"
+#include "tests/P4Runtime/support/AgentTest.h"
+
+namespace P4Runtime {
+namespace {
+
+using namespace TestSupport;
+using testing::HasSubstr;
+
+class P4TableInfoSmTest : public AgentTest {
+ protected:
+  P4TableInfoSmTest() { TheParsingStatus()->failureCleared(); }
+
+  bool ready() { return agent().tableInfo->tableInfoState() == P4TableInfoState::tableInfoReady; }
+  // Another pipeline file in the running agent.
+  void deviceConfigIs(const std::string& from, const std::string& to) {
+    agent().pipelineIs(pipelineOf(smallP4Info(), replaced(smallDeviceConfig(), from, to)),
+                       "other.pb.bin");
+  }
+  std::string text(const std::string& file) {
+    std::ifstream in(agent().directory + "/" + file);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  const std::string& error() { return TheParsingStatus()->error(); }
+};
+
+TEST_F(P4TableInfoSmTest, BringsUpEveryTable) {
+  EXPECT_TRUE(ready());
+  EXPECT_FALSE(TheParsingStatus()->failed());
+  for (uint32_t id = exactTable; id <= constantTable; ++id) {
+    SCOPED_TRACE(id);
+    const ResourceId rid{tableResource, id};
+    ASSERT_TRUE(agent().tableInfo->latticeTableInterface(rid));
+    EXPECT_TRUE(agent().tableInfo->latticeTableInterface(rid)->ready());
+    EXPECT_TRUE(agent().tableInfo->rowConstructor(rid));
+    EXPECT_EQ(agent().tableInfo->unprogrammableHas(rid), id == labelTable);
+  }
+  const auto& widths = agent().tableInfo->fieldBitwidths({tableResource, aclTable});
+  EXPECT_TRUE(widths.fieldInNetworkByteOrder(0));   // an IpAddr column
+  EXPECT_FALSE(widths.fieldInNetworkByteOrder(2));  // a U16 column
+  EXPECT_THAT(text("p4info.json"), HasSubstr("\"matchType\""));
+  EXPECT_EQ(text("device.json"), smallDeviceConfig());
+  EXPECT_THAT(agent().tableInfo->tableFillText(), HasSubstr("exact 0/4\n"));
+}
+
+TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
+  const uint64_t handle = agent().added(exactEntry(1));
+  const std::string path = agent().directory + "/bad";
+  const struct {
+    const char* what;
+    std::string path;
+    std::string content;
+    std::string error;
+  } cases[] = {
+      {"no path", "", "", "Pipeline Configuration not available yet: "},
+      {"no file", agent().directory + "/absent", "",
+       "Failed to open file " + agent().directory + "/absent"},
+      {"a directory", agent().directory, "",
+       "Failed to read pipeline configuration file " + agent().directory},
+      {"a cut file", path + "1", smallPipeline().SerializeAsString().substr(0, 1000),
+       "Failed to read pipeline configuration file " + path + "1"},
+      {"another device's", path + "2",
+       pipelineOf(smallP4Info(), smallDeviceConfig(), 7).SerializeAsString(),
+       "Device id in the pipeline configuration 7 does not match the configured device id 1"},
+      {"an empty file", path + "3", "",
+       "Device id in the pipeline configuration 0 does not match the configured device id 1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.path.starts_with(path)) std::ofstream(c.path, std::ios::binary) << c.content;
+    {
+      const Vela::ActivityLock lock;
+      agent().config->forwardingPipelineConfigFilePathIs(c.path);
+    }
+    agent().settle();
+    EXPECT_TRUE(TheParsingStatus()->failed());
+    EXPECT_EQ(error(), c.error);
+    EXPECT_TRUE(ready());
+  }
+  EXPECT_EQ(codeOfAdd(exactEntry(1, 9)), 0);
+  EXPECT_EQ(agent().lastHandle, handle);
+}
+
+TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationStopsWithItsReason) {
+  const struct {
+    const char* what;
+    const char* from;
+    const char* to;
+    const char* error;  // or a part of it
+  } cases[] = {
+      {"no JSON", "{\"p4rtc\"", "{p4rtc", "Cannot parse JSON file"},
+      {"another root", "p4rtc", "other", "Cannot find root token in the pipeline file"},
+      {"no types", "\"table_type_definitions\"", "\"defs\"", " to create table types"},
+      {"a type without name", "\"table_type\": \"exact_type\", \"table_type_def\"",
+       "\"table_type_def\"", "Cannot parse table_type to create table types"},
+      {"a type that does not compile", "key ether_type : U16", "key ether_type : U17",
+       "Compilation failed for exact_type"},
+      {"a table of no type", "\"table_type\": \"acl_type\",\n", "\"table_type\": \"other_type\",\n",
+       "Cannot parse table acl: no definition of its type other_type"},
+      {"a name twice", "\"table_name\": \"acl\"", "\"table_name\": \"exact\"",
+       "stands there twice"},
+      {"an id twice", "\"table_id\": 33554436", "\"table_id\": 33554433", "stands there twice"},
+      {"no fields", "\"table_fields\": [{\"field_name\": \"label\"",
+       "\"fields\": [{\"field_name\": \"label\"", "table_fields token is missing in JSON file"},
+      {"another field type", "\"field_name\": \"ether_type\", \"field_type\": \"U16\"",
+       "\"field_name\": \"ether_type\", \"field_type\": \"U32\"", "Cannot parse table exact"},
+      {"a query without text", "\"queries\": []",
+       "\"queries\": [{\"output_table_path\": \"out\", \"output_table_type\": \"exact_type\"}]",
+       "Cannot parse query to create queries"},
+      {"a query that is none", "\"queries\": []",
+       "\"queries\": [{\"output_table_path\": \"out\", \"output_table_type\": \"exact_type\", "
+       "\"query\": \"SELECT nothing\"}]",
+       "Query compilation failed for out"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TheParsingStatus()->failureCleared();
+    agent().pipelineIs(pipelineOf(smallP4Info(), replaced(smallDeviceConfig(), c.from, c.to)),
+                       c.what);
+    EXPECT_TRUE(TheParsingStatus()->failed());
+    EXPECT_THAT(error(), HasSubstr(c.error));
+    EXPECT_FALSE(ready());
+  }
+  agent().pipelineIs(smallPipeline(), "good again");
+  EXPECT_TRUE(ready());
+  EXPECT_FALSE(TheParsingStatus()->failed());
+}
+
+// A column longer than its field would be filled with what stands behind the field.
+TEST_F(P4TableInfoSmTest, TableWhoseTypeDoesNotFitItsP4InfoIsRefused) {
+  const struct {
+    const char* what;
+    const char* p4Info;
+    const char* otherP4Info;
+    Entry entry;
+    const char* why;
+  } cases[] = {
+      {"a shorter key field", "name: \"ether_type\" bitwidth: 16",
+       "name: \"ether_type\" bitwidth: 8", exactEntry(1),
+       "its type has column ether_type of 2 bytes for a field of 8 bits"},
+      {"a key field less", "match_fields { id: 2 name: \"port\" bitwidth: 9 match_type: EXACT }",
+       "", exactEntry(1), "its type has column port too many"},
+      {"a key field more", "match_fields { id: 2 name: \"port\" bitwidth: 9 match_type: EXACT }",
+       "match_fields { id: 2 name: \"port\" bitwidth: 9 match_type: EXACT } "
+       "match_fields { id: 3 name: \"x\" bitwidth: 8 match_type: EXACT }",
+       exactEntry(1), "its type has columns for 2 of 3 fields"},
+      {"a prefix that is none",
+       "name: \"dst\" bitwidth: 32 match_type: LPM",
+       "name: \"dst\" bitwidth: 32 match_type: EXACT",
+       {route4Table, "", drop, ""},
+       "its type has column dst of 24 bytes for a field of 32 bits"},
+      {"a shorter parameter", "name: \"set_port\" } params { id: 1 name: \"port\" bitwidth: 9 }",
+       "name: \"set_port\" } params { id: 1 name: \"port\" bitwidth: 8 }", exactEntry(1),
+       "action set_port: its type has column port of 2 bytes for a field of 8 bits"},
+      {"a parameter less", "name: \"set_port\" } params { id: 1 name: \"port\" bitwidth: 9 }",
+       "name: \"set_port\" } params { id: 1 name: \"port\" bitwidth: 9 } "
+       "params { id: 2 name: \"x\" bitwidth: 8 }",
+       exactEntry(1), "its type gives action set_port 1 fields instead of 2"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    agent().pipelineIs(
+        pipelineOf(replaced(smallP4Info(), c.p4Info, c.otherP4Info), smallDeviceConfig()), c.what);
+    EXPECT_TRUE(ready()) << error();
+    EXPECT_EQ(codeOfAdd(c.entry), 12);
+    EXPECT_THAT(message(), HasSubstr(c.why));
+  }
+}
+
+TEST_F(P4TableInfoSmTest, NewPipelineStartsFromNothing) {
+  agent().added(exactEntry(1));
+  agent().pipelineIs(pipelineOf(replaced(smallP4Info(), "size: 4", "size: 9"), smallDeviceConfig()),
+                     "next");
+  EXPECT_TRUE(ready());
+  EXPECT_EQ(agent().tableInfo->maxTableSize({tableResource, exactTable}), 9u);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u) << "its rows are there still";
+}
+
+// Two pipelines in one turn: the steps of the first are not to be taken for those of the second.
+TEST_F(P4TableInfoSmTest, PipelineThatIsOvertakenNeverComesUp) {
+  const auto write = [&](const std::string& name, const std::string& size) {
+    const std::string path = agent().directory + "/" + name;
+    std::ofstream(path, std::ios::binary)
+        << pipelineOf(replaced(smallP4Info(), "size: 4", size), smallDeviceConfig())
+               .SerializeAsString();
+    const Vela::ActivityLock lock;
+    agent().config->forwardingPipelineConfigFilePathIs(path);
+  };
+  for (int turns = 0; turns < 12; ++turns) {
+    SCOPED_TRACE(turns);
+    write("first" + std::to_string(turns), "size: 5");
+    for (int turn = 0; turn < turns; ++turn) {
+      agent().loop.post([this] { agent().loop.stop(); });
+      agent().loop.run();
+    }
+    write("second" + std::to_string(turns), "size: 6");
+    EXPECT_FALSE(ready());
+    agent().settle();
+    EXPECT_TRUE(ready()) << error();
+    EXPECT_EQ(agent().tableInfo->maxTableSize({tableResource, exactTable}), 6u);
+  }
+}
+
+TEST_F(P4TableInfoSmTest, QueriesComeUpWithTheirTables) {
+  deviceConfigIs("\"queries\": []",
+                 R"("queries": [{"output_table_path": "ports", "output_table_type": "exact_type",
+       "query": "SELECT ether_type, port, action, set_port_port, drop_none FROM e",
+       "input_tables": [{"table_key": "e", "table_value": "exact"}],
+       "params": [{"param_key": "p", "param_value": "1"}]}])");
+  const auto query = agent().services.queryConfigDir->queryConfig("ports");
+  ASSERT_TRUE(query);
+  EXPECT_TRUE(query->oneShot());
+  EXPECT_EQ(query->inputTable("e"), "exact");
+  EXPECT_EQ(query->parameter("p"), "1");
+}
+
+TEST_F(P4TableInfoSmTest, FakedTypesMakeNoRowsYetAReadyModel) {
+  setenv("LATTICE_TYPES_CREATION_FAKED", "1", 1);
+  agent().pipelineIs(smallPipeline(), "faked");
+  unsetenv("LATTICE_TYPES_CREATION_FAKED");
+  EXPECT_TRUE(ready());
+  EXPECT_FALSE(agent().tableInfo->rowConstructorHas({tableResource, exactTable}));
+  EXPECT_EQ(codeOfAdd(exactEntry(1)), 12);
+}
+
+TEST_F(P4TableInfoSmTest, TableClassChoosesTheResource) {
+  const ResourceId profiles[] = {{actionProfileResource, groupTable},
+                                 {groupTableResource, groupTable}};
+  const char* const classes[] = {"table_class_action_profile_member",
+                                 "TABLE_CLASS_ACTION_PROFILE_GROUP"};
+  for (int i = 0; i < 2; ++i) {
+    std::string config = smallDeviceConfig();
+    const size_t at =
+        config.find("\"TABLE_CLASS_TABLE\"", config.find("\"table_name\": \"group\""));
+    config.replace(at, std::string("\"TABLE_CLASS_TABLE\"").size(),
+                   "\"" + std::string(classes[i]) + "\"");
+    agent().pipelineIs(pipelineOf(smallP4Info(), config), classes[i]);
+    EXPECT_TRUE(ready());
+    EXPECT_TRUE(agent().tableInfo->latticeTableInterfaceHas(profiles[i]));
+    EXPECT_FALSE(agent().tableInfo->latticeTableInterfaceHas({tableResource, groupTable}));
+  }
+}
+
+TEST_F(P4TableInfoSmTest, ConstantEntriesAreKeptInOrder) {
+  const auto& entries = agent().tableInfo->constEntries({tableResource, constantTable}).entry();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0], (P4TableInfoConstEntry{"0a", setPort, "00Ff", 0}));
+  EXPECT_EQ(entries[1].priority, 0u) << "unless it says so";
+}
+
+TEST_F(P4TableInfoSmTest, CleanUpTakesTheConfigurationsBack) {
+  agent().tableInfo->cleanupRequestIdInc(1);
+  EXPECT_EQ(agent().tableInfo->cleanupResponseId(), 1u);
+  EXPECT_TRUE(agent().services.typeConfigDir->typeConfigNames().empty());
+}
+
+}  // namespace
+}  // namespace P4Runtime
