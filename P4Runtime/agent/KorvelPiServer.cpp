@@ -181,6 +181,18 @@ void KorvelPiServer::setOperationPermissionLevel(uint32_t level) {
   DeviceMgr::set_operation_permission_level(level);
 }
 
+void KorvelPiServer::doShutDown(std::function<void()> done) {
+  serverReadyIs(false);
+  shutDownThread_ = std::thread([this, done = std::move(done)] {
+    PIGrpcServerWaitStarted(secondsToStart);
+    PIGrpcServerShutdown();
+    loop_.post([this, done] {
+      shutDownThread_.join();
+      done();
+    });
+  });
+}
+
 void KorvelPiServer::doCleanup() {
   const Vela::ActivityLock lock;
   SCRIVEL_TRACE(1, "doCleanup", " server thread id: ", static_cast<uint64_t>(serverThread));

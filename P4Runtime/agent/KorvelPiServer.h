@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <thread>
 
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
@@ -52,12 +54,16 @@ class KorvelPiServer : public Vela::Entity {
   // Aborts the process when the pipeline file cannot be used, or the server rejects it.
   void sendPipelineConfigMsg();
   void setOperationPermissionLevel(uint32_t level);
+  // Lets the calls in progress finish and takes no new ones, without keeping the reactor, which
+  // those calls need to hear of the forwarding plane; `done` runs on the reactor.
+  void doShutDown(std::function<void()> done);
   // Shuts the server down and starts a fresh one, without pipeline, on the configured address.
   void doCleanup();
 
  private:
   void handleInitialized();
   Vela::ReactorLoop& loop_;
+  std::thread shutDownThread_;
 };
 
 Vela::Ptr<KorvelPiServer> korvelPiServerFactory(

@@ -181,18 +181,14 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
 
 void KorvelPiServerInitSm::doKillPiServerThread() {
   SCRIVEL_TRACE(1, "doKillPiServerThread");
-  if (movingServer_) {  // the lock is given up while the server goes down
-    moveAgain_ = true;
-    return;
-  }
+  if (movingServer_) return;  // the fresh server takes the address of the moment it starts
   movingServer_ = true;
-  do {
-    moveAgain_ = false;
-    server()->setOperationPermissionLevel(nothingAllowed);
+  server()->setOperationPermissionLevel(nothingAllowed);
+  server()->doShutDown([this, alive = Vela::Ptr<KorvelPiServerInitSm>(this)] {
+    movingServer_ = false;  // before the address is read: a change from here on moves it again
     server()->doCleanup();
-  } while (moveAgain_);
-  movingServer_ = false;
-  handleTableInfoState();
+    handleTableInfoState();
+  });
 }
 
 }  // namespace P4Runtime

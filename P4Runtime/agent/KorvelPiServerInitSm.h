@@ -44,8 +44,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   Vela::Observation configChange_;
   Vela::Observation serverChange_;
   std::vector<Vela::Observation> references_;
-  bool movingServer_ = false;  // the port changed again while the server was going down
-  bool moveAgain_ = false;
+  bool movingServer_ = false;  // the server is going down to come up elsewhere
 };
 
 Vela::Ptr<KorvelPiServerInitSm> korvelPiServerInitSmFactory(

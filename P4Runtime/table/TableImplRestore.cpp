@@ -43,9 +43,8 @@ class TableRestorer {
       from = chunk_.back().first + '\0';
     }
     for (const CacheKey& key : unstable_) markStable(key);
-    for (const std::string& key : unusable_) {
-      tableImpl_.tableCache()->storedKeyDel(Brine::asBytes(key));
-    }
+    for (const std::string& key : deleted_) forget(key);
+    for (const std::string& key : unusable_) forget(key);
     if (!unusable_.empty()) removeOrphanedRows();
     if (restored_ > 0 || !unusable_.empty()) {
       fmt::print(stderr, "korvel: restored {} entries{}\n", restored_,
@@ -74,6 +73,10 @@ class TableRestorer {
 
   void restore(Brine::Bytes key, Brine::Bytes stored) {
     const auto record = TableRecordView::of(stored);
+    if (record && record->entryState == EntryState::pendingToBeDeleted) {
+      finishDeletion(key, *record);
+      return;
+    }
     const std::string why = record ? restored(*record) : "unreadable record";
     if (why.empty()) {
       ++restored_;
@@ -84,6 +87,15 @@ class TableRestorer {
                   " cannot restore table entry[ rid:", record ? record->key.rid.id : 0,
                   " entryHandle:", record ? record->key.entryHandle : 0, " ]: ", why);
     unusable_.emplace_back(Brine::asText(key));
+  }
+
+  // The row went with the batch that asked for it; bringing the entry back would leave that batch
+  // half done.
+  void finishDeletion(Brine::Bytes key, const TableRecordView& record) {
+    SCRIVEL_TRACE(1, "TableImpl", " finishing the deletion of entry[ rid:", record.key.rid.id,
+                  " entryHandle:", record.key.entryHandle, " ]");
+    tableImpl_.handleMgr().reserveUpTo(record.key.entryHandle);
+    deleted_.emplace_back(Brine::asText(key));
   }
 
   // Empty when the entry is back, else why not.
@@ -166,6 +178,12 @@ class TableRestorer {
                                         metadata.data(), metadata.size()) == PI_STATUS_SUCCESS;
   }
 
+  // The controller's metadata stand under the same key.
+  void forget(const std::string& key) {
+    tableImpl_.tableCache()->storedKeyDel(Brine::asBytes(key));
+    tableImpl_.database_->store().erase(*tableImpl_.metadataTable_, Brine::asBytes(key));
+  }
+
   void markStable(const CacheKey& key) {
     auto record = tableImpl_.tableCache()->cache(key);
     if (!record) return;
@@ -205,6 +223,7 @@ class TableRestorer {
   std::vector<std::pair<std::string, std::string>> chunk_;  // stored keys and records
   size_t restored_ = 0;
   std::vector<CacheKey> unstable_;
+  std::vector<std::string> deleted_;   // stored keys
   std::vector<std::string> unusable_;  // stored keys
 };
 

@@ -114,7 +114,8 @@ void WriteRun::doRunBatch(const std::vector<uint32_t>& batch) {
 
 void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   Operation& operation = operations_[offset];
-  requireWritePermission();  // an earlier batch of this Write may have timed out
+  // An earlier batch of this Write may have timed out; one that has begun runs to its end.
+  if (!batchOpen_) requireWritePermission();
   requireState(&operation);
   if (!batchOpen_) {
     const pi_status_t begun = pi_batch_begin(session_.handle);
