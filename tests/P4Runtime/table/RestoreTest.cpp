@@ -74,18 +74,22 @@ TEST_F(RestoreTest, SizeLimitIsNotForRestoredEntries) {
   EXPECT_EQ(agent().rowCount(exactTable), 4u);
 }
 
-TEST_F(RestoreTest, EntriesInTheAirWhenTheAgentDiedAreStable) {
-  agent().added(exactEntry(1));
+TEST_F(RestoreTest, BatchInTheAirWhenTheAgentDiedIsDoneWholly) {
+  Entry deleted = exactEntry(1);
+  deleted.metadata = "goes with it";
+  const uint64_t handle = agent().added(deleted);
   agent().begin();
-  agent().del(0, exactEntry(1));
+  agent().del(0, deleted);
   agent().add(1, exactEntry(2));
   agent().end();  // and nobody ever waits for the outcome
   restart();
-  EXPECT_EQ(agent().frontEnd.restored.size(), 2u);
-  EXPECT_EQ(agent().rowCount(exactTable), 2u) << "what no controller was told is gone is there";
-  for (const auto& back : agent().frontEnd.restored) {
-    EXPECT_EQ(agent().record(exactTable, back.handle)->entryState, EntryState::stable);
-  }
+  ASSERT_EQ(agent().frontEnd.restored.size(), 1u);
+  EXPECT_EQ(agent().frontEnd.restored[0].key, exactEntry(2).key);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
+  EXPECT_EQ(agent().recordCount(), 1u);
+  EXPECT_EQ(agent().handleOf(deleted), 0u);
+  EXPECT_EQ(agent().tableImpl->cachedMetadata({{tableResource, exactTable}, handle}), "");
+  EXPECT_EQ(agent().record(exactTable, handle + 1)->entryState, EntryState::stable);
 }
 
 TEST_F(RestoreTest, BatchThatWasNotEndedNeverWas) {

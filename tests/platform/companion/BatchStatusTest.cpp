@@ -1,5 +1,6 @@
 #include "platform/companion/BatchStatus.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -143,7 +144,7 @@ TEST_F(BatchStatusTest, UndoneOperationIsNobodysAnyMore) {
 
 TEST_F(BatchStatusTest, HandleStandsForEveryOffsetItWasWrittenAt) {
   for (const BatchOffset offset : {2, 2, 5}) batch_.newEntryHandleForBatchOffset(1, offset);
-  EXPECT_EQ(batch_.entryHandleToBatchOffset().at(1), (std::vector<BatchOffset>{2, 5}));
+  EXPECT_THAT(batch_.entryHandleToBatchOffset().at(1), testing::ElementsAre(2, 5));
   EXPECT_EQ(batch_.batchOffsetToEntryHandle().at(5), 1u);
 }
 
