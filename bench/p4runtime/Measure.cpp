@@ -2,6 +2,7 @@
 #include "bench/p4runtime/Measure.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -75,6 +76,7 @@ class Measurement {
   }
 
   static void progress(const std::string& what) {
+    if (!isatty(STDERR_FILENO)) return;
     std::fprintf(stderr, "\r\033[K%s", what.c_str());
     std::fflush(stderr);
   }

@@ -38,16 +38,21 @@ std::string milliseconds(Duration duration) {
   return fmt::format("{:.3f}", duration.count() / 1000);
 }
 
+std::string ceilingRate(const Line& line) {
+  return line.ceiling.count() ? fmt::format("{:.0f}", line.ceiling.perSecond(line.batch)) : "-";
+}
+
 std::string rateTable(const Results& results) {
   std::string text =
       fmt::format("{:>9} {:>7} {:<9} {:>11} {:>10} {:>10} {:>10} {:>11}\n", "table", "batch",
                   "operation", "updates/s", "median ms", "p99 ms", "of ceiling", "of smallest");
   for (const Line& line : results.lines) {
     const std::string batch = line.operation == "read all" ? "-" : std::to_string(line.batch);
-    text += fmt::format("{:>9} {:>7} {:<9} {:>11.0f} {:>10} {:>10} {:>10} {:>11}\n", line.table,
-                        batch, line.operation, line.rate(), milliseconds(line.agent.median()),
-                        milliseconds(line.agent.p99()), ratio(ofCeiling(line)),
-                        ratio(ofSmallest(results, line)));
+    text +=
+        fmt::format("{:>9} {:>7} {:<9} {:>11.0f} {:>10} {:>10} {:>11} {:>10} {:>11}\n", line.table,
+                    batch, line.operation, line.rate(), milliseconds(line.agent.median()),
+                    milliseconds(line.agent.p99()), ceilingRate(line), ratio(ofCeiling(line)),
+                    ratio(ofSmallest(results, line)));
   }
   return text;
 }

@@ -135,7 +135,10 @@ TEST(AgentStart, SurvivesABrokenPipelineFileAndTakesTheNext) {
         << agent.output();
     TestController controller(agent.address(), 1);
     EXPECT_TRUE(waitUntil(
-        [&] { return controller.readTable(0).status.error_code() == grpc::FAILED_PRECONDITION; },
+        [&] {
+          return controller.waitConnected(std::chrono::milliseconds(100)) &&
+                 controller.readTable(0).status.error_code() == grpc::FAILED_PRECONDITION;
+        },
         agent.process().descriptor()));
     const CommandResult set =
         agent.korvel({"set", "p4runtime/config/system", "forwardingPipelineConfigFilePath",
