@@ -61,21 +61,23 @@ std::shared_ptr<Environment> joined(FileId id, Shared& shared) {
 }
 
 // Readers map the lock file; on a full tmpfs, touching a page it does not have yet would end in
-// SIGBUS. So its pages are allocated before LMDB maps it.
-void allocateLockFile(const std::string& directory) {
+// SIGBUS. So its pages are allocated before LMDB maps it. False when the file system cannot do so.
+bool allocateLockFile(const std::string& directory) {
   constexpr off_t bytes = 32 * 1024;  // about 500 readers
   const int file = ::open(lockPath(directory).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (file < 0) failed(errno, directory);
-  const int error = posix_fallocate(file, 0, bytes);
+  const int error = fallocate(file, 0, 0, bytes) == 0 ? 0 : errno;
   ::close(file);
-  if (error != 0) failed(error, directory);
+  if (error != 0 && error != EOPNOTSUPP) failed(error, directory);
+  return error == 0;
 }
 
-// What the writer sees to before LMDB opens the files.
-void prepare(const std::string& directory) {
+// What the writer sees to before LMDB opens the files. Answers whether memory can be allocated
+// there ahead of its use.
+bool prepared(const std::string& directory) {
   const std::string damage = damageOf(dataPath(directory));
   if (!damage.empty()) damaged(directory, damage);
-  allocateLockFile(directory);
+  return allocateLockFile(directory);
 }
 
 // The layout version, written by whoever creates the store and asked for by all others.
@@ -108,6 +110,7 @@ void checkVersion(Environment& environment) {
 
 void writeVersion(Environment& environment) {
   const std::lock_guard guard(environment.handlesMutex);
+  environment.allocateRoom(0);
   Transaction txn(environment, 0);
   MDB_dbi dbi = 0;
   check(mdb_dbi_open(txn.handle(), std::string(metaTable).c_str(), MDB_CREATE, &dbi),
@@ -178,7 +181,7 @@ std::shared_ptr<Environment> Environment::open(const StoreOptions& options, Mode
   } else if (mode == Mode::read) {
     failed(ENOENT, options.directory);
   }
-  if (mode == Mode::write) prepare(options.directory);
+  const bool intoMapping = mode == Mode::write && prepared(options.directory);
 
   MDB_env* env = nullptr;
   check(mdb_env_create(&env), options.directory);
@@ -188,6 +191,8 @@ std::shared_ptr<Environment> Environment::open(const StoreOptions& options, Mode
   // No syncing: the state directory is memory, and survives processes but not the machine.
   unsigned flags = MDB_NOSUBDIR | MDB_NOTLS | MDB_NOSYNC | MDB_NOMETASYNC | MDB_NORDAHEAD;
   if (mode == Mode::read) flags |= MDB_RDONLY;
+  if (intoMapping) flags |= MDB_WRITEMAP;
+  opened->writesIntoMapping_ = intoMapping;
   check(mdb_env_open(env, path.c_str(), flags, 0600), options.directory);
   MDB_stat stat{};
   check(mdb_env_stat(env, &stat), options.directory);
@@ -199,6 +204,27 @@ std::shared_ptr<Environment> Environment::open(const StoreOptions& options, Mode
   if (entry.environment) return opened;  // a reader's stands there already
   entry = {opened.release(), 0, mode};
   return joined(*id, entry);
+}
+
+void Environment::allocateRoom(uint64_t pages) {
+  if (!writesIntoMapping_) return;  // then LMDB tells in time
+  MDB_envinfo info{};
+  check(mdb_env_info(env_, &info), directory_);
+  // The lists name each free page with 8 bytes, and may be written anew as a whole.
+  const uint64_t wanted = info.me_last_pgno + 1 + pages + info.me_last_pgno / 200 + 32;
+  if (wanted <= allocatedPages_) return;
+  int file = -1;
+  check(mdb_env_get_fd(env_, &file), directory_);
+  // Some more than wanted, if there is, so that not every commit has to ask.
+  for (const uint64_t upTo : {wanted + 64, wanted}) {
+    const auto from = static_cast<off_t>(allocatedPages_ * pageSize_);
+    if (fallocate(file, 0, from, static_cast<off_t>(upTo * pageSize_) - from) == 0) {
+      allocatedPages_ = upTo;
+      return;
+    }
+    if (errno != ENOSPC) break;
+  }
+  failed(errno, directory_);
 }
 
 Environment::~Environment() { mdb_env_close(env_); }

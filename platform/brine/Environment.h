@@ -42,6 +42,11 @@ class Environment {
   const std::string& directory() const { return directory_; }
   size_t pageSize() const { return pageSize_; }
 
+  // The writer writes into the mapping, which on a full tmpfs would end in SIGBUS. So before a
+  // transaction writes, the memory of all the pages it can come to need is allocated: `pages`
+  // beyond the last one in use, and those for the lists of free pages. Throws StoreError{full}.
+  void allocateRoom(uint64_t pages);
+
   // LMDB wants one transaction at a time to open or close database handles. `handles` is guarded
   // by the mutex.
   std::mutex handlesMutex;
@@ -52,6 +57,8 @@ class Environment {
   MDB_env* env_;
   std::string directory_;
   size_t pageSize_ = 4096;
+  bool writesIntoMapping_ = false;
+  uint64_t allocatedPages_ = 0;  // from the file's begin
 };
 
 // Aborts unless commit() ran.

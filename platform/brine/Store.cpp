@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -125,6 +126,8 @@ class StoreImpl final : public Store {
   void resolve(Table& table, PendingRecord& record) const;
   void erasedIs(Table& table, PendingRecord& record, bool erased);
   void writeAll(MDB_txn* txn);
+  uint64_t pagesFor(MDB_txn* txn, const Table& table, std::span<const uint32_t> order) const;
+  std::span<const uint32_t> tableRun(std::span<const uint32_t> order) const;
   void writeTable(MDB_cursor* cursor, const Table& table, std::span<const uint32_t> order);
   void setAside();
 
@@ -169,6 +172,7 @@ TableNumber StoreImpl::table(std::string_view name) {
   setAside();
   const std::string text(name);
   const std::lock_guard guard(environment_->handlesMutex);
+  environment_->allocateRoom(8);
   Transaction txn(*environment_, 0);
   MDB_dbi dbi = 0;
   check(mdb_dbi_open(txn.handle(), text.c_str(), MDB_CREATE, &dbi), environment_->directory());
@@ -193,6 +197,7 @@ void StoreImpl::tableDel(std::string_view name) {
   setAside();
   {
     const std::lock_guard guard(environment_->handlesMutex);
+    environment_->allocateRoom(8);
     Transaction txn(*environment_, 0);
     check(mdb_drop(txn.handle(), table.dbi, 1), environment_->directory());
     txn.commit();
@@ -343,23 +348,67 @@ void StoreImpl::commit() {
   if (++commits_ % 256 == 0) mdb_reader_check(environment_->handle(), nullptr);
 }
 
+// The first records of `order`, as far as they are of one table.
+std::span<const uint32_t> StoreImpl::tableRun(std::span<const uint32_t> order) const {
+  const TableNumber table = writes_.record(order[0]).table;
+  size_t size = 1;
+  while (size < order.size() && writes_.record(order[size]).table == table) ++size;
+  return order.first(size);
+}
+
 void StoreImpl::writeAll(MDB_txn* txn) {
+  const std::vector<uint32_t>& order = writes_.sorted();
+  uint64_t pages = 16;  // for the tree of tables
+  for (std::span rest(order); !rest.empty();) {
+    const auto run = tableRun(rest);
+    const Table& table = tables_[writes_.record(run[0]).table];
+    if (table.exists) pages += pagesFor(txn, table, run);
+    rest = rest.subspan(run.size());
+  }
+  environment_->allocateRoom(pages);
+
   for (const Table& table : tables_) {
     if (table.cleared && table.exists)
       check(mdb_drop(txn, table.dbi, 0), environment_->directory());
   }
-  const std::vector<uint32_t>& order = writes_.sorted();
-  for (size_t from = 0; from < order.size();) {
-    const Table& table = tables_[writes_.record(order[from]).table];
-    size_t to = from + 1;
-    while (to < order.size() && &tables_[writes_.record(order[to]).table] == &table) ++to;
+  for (std::span rest(order); !rest.empty();) {
+    const auto run = tableRun(rest);
+    const Table& table = tables_[writes_.record(run[0]).table];
     if (table.exists) {
       MDB_cursor* cursor = nullptr;
       check(mdb_cursor_open(txn, table.dbi, &cursor), environment_->directory());
-      writeTable(cursor, table, std::span(order).subspan(from, to - from));
+      writeTable(cursor, table, run);
     }
-    from = to;
+    rest = rest.subspan(run.size());
   }
+}
+
+// At most so many pages do the table's writes take: a copy of each page they reach, and what splits
+// add. A page that was split has room for a quarter page of small records before it splits again;
+// each large record may split one of its own.
+uint64_t StoreImpl::pagesFor(MDB_txn* txn, const Table& table,
+                             std::span<const uint32_t> order) const {
+  MDB_stat stat{};
+  check(mdb_stat(txn, table.dbi, &stat), environment_->directory());
+  const size_t pageSize = environment_->pageSize();
+  uint64_t small = 0, large = 0, overflow = 0;
+  for (const uint32_t index : order) {
+    const PendingRecord& record = writes_.record(index);
+    const uint64_t size = 32 + uint64_t{record.keySize} * 2 + record.valueSize;
+    if (size <= pageSize / 8) {
+      small += size;
+    } else {
+      ++large;
+      if (size > pageSize / 4) overflow += 1 + size / pageSize;
+    }
+  }
+  const uint64_t records = order.size();
+  const uint64_t depth = stat.ms_depth + 1;
+  const uint64_t leaves = std::min<uint64_t>(records, stat.ms_leaf_pages);
+  const uint64_t branches = std::min<uint64_t>(records * depth, stat.ms_branch_pages);
+  const uint64_t splits = std::min(2 * records, leaves + 4 * small / pageSize + 2 * large + 1);
+  // Splits reach upwards, but each branch page takes several children first.
+  return leaves + branches + splits + splits / 2 + depth + overflow;
 }
 
 // LMDB closes a write transaction's cursors when the transaction ends.
