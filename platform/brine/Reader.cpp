@@ -71,24 +71,32 @@ class ReaderImpl final : public Reader {
   }
 
  private:
-  // Fills tables_ from the transaction; false when one of them has no handle yet.
+  // Brings tables_ to the transaction's; false when one of them has no handle yet. Mostly they are
+  // what they were, and nothing is allocated.
   bool listed(MDB_txn* txn) {
-    const size_t roots = mdb_txn_id(txn);
-    if (roots == listedAt_) return true;
     const std::lock_guard guard(environment_->handlesMutex);
     std::map<std::string, MDB_dbi, std::less<>> tables;
-    bool complete = true;
-    const auto visit = [&](Bytes name, Bytes) {
-      if (asText(name) == metaTable) return true;
-      const auto handle = environment_->handles.find(asText(name));
-      complete = complete && handle != environment_->handles.end();
-      if (complete) tables.emplace(asText(name), handle->second);
-      return complete;
+    auto known = tables_.begin();
+    bool same = true, complete = true;
+    const auto visit = [&](Bytes key, Bytes) {
+      const std::string_view name = asText(key);
+      if (name == metaTable) return true;
+      const auto handle = environment_->handles.find(name);
+      complete = handle != environment_->handles.end();
+      if (!complete) return false;
+      same = same && known != tables_.end() && *known == *handle;
+      if (same) {
+        ++known;
+      } else {
+        if (tables.empty()) tables.insert(tables_.begin(), known);
+        tables.emplace(*handle);
+      }
+      return true;
     };
     check(recordsVisited(txn, 1, visit, {}), environment_->directory());
     if (!complete) return false;
-    tables_ = std::move(tables);
-    listedAt_ = roots;
+    if (same && known != tables_.end()) tables_.erase(known, tables_.end());
+    if (!same) tables_ = std::move(tables);
     return true;
   }
 
@@ -112,7 +120,6 @@ class ReaderImpl final : public Reader {
   std::shared_ptr<Environment> environment_;
   ReadTransaction read_;
   std::map<std::string, MDB_dbi, std::less<>> tables_;
-  size_t listedAt_ = 0;  // the transaction that tables_ is of
 };
 
 }  // namespace
