@@ -57,13 +57,18 @@ Runner::~Runner() {
 }
 
 void Runner::run() try {
-  while (handleSignals()) {
-    control_.maybeListen();
-    control_.serve();
+  // A batch is waiting for us when the agent rings: signals and clients are looked at only when
+  // they have come, or once in a while.
+  bool agentOnly = false;
+  while (agentOnly || handleSignals()) {
+    if (!agentOnly) {
+      control_.maybeListen();
+      control_.serve();
+    }
     subscriber_->follow(subscriber_->attached() ? milliseconds(0) : detachedTick);
     handleAttachment();
     reports_.sendDue();
-    if (subscriber_->attached()) doWait();
+    agentOnly = subscriber_->attached() && doWait();
   }
 } catch (const Stopped&) {
   // In the middle of a long way to catch up; nothing that is lost was kept anyway.
@@ -75,7 +80,8 @@ void Runner::handleProgress() {
   reports_.sendDue();
 }
 
-void Runner::doWait() {
+// Answers whether the agent was the only one to come.
+bool Runner::doWait() {
   std::vector<pollfd> descriptors{{signals_, POLLIN, 0}};
   control_.pollDescriptors(descriptors);
   const int events = subscriber_->sending() ? POLLIN | POLLOUT : POLLIN;
@@ -85,7 +91,9 @@ void Runner::doWait() {
     const auto left = std::chrono::ceil<milliseconds>(*due - ReportQueue::Clock::now());
     timeout = std::clamp(left, milliseconds(0), timeout);
   }
-  poll(descriptors.data(), descriptors.size(), static_cast<int>(timeout.count()));
+  const int ready =
+      poll(descriptors.data(), descriptors.size(), static_cast<int>(timeout.count()));
+  return ready == 1 && descriptors.back().revents != 0;
 }
 
 bool Runner::handleSignals() {

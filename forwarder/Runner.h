@@ -30,7 +30,7 @@ class Runner {
   bool handleSignals();  // false when it is time to go
   void handleAttachment();
   void handleProgress();  // within follow(), which may take a while
-  void doWait();
+  bool doWait();
   void say(const std::string& line) const;
 
   const RunnerOptions options_;
