@@ -42,8 +42,7 @@ constexpr MountDeclaration mounts[] = {
 constexpr std::chrono::milliseconds statusPeriod(500);
 
 std::string permissionText(uint32_t level) {
-  static const char* const texts[] = {"neither reads nor writes", "reads only",
-                                      "reads and writes"};
+  static const char* const texts[] = {"neither reads nor writes", "reads only", "reads and writes"};
   return level <= writesAllowed ? texts[level] : std::to_string(level);
 }
 
@@ -95,6 +94,7 @@ void Agent::doMountsComplete(const Orrery::MountStatus& status,
   doBuildPipeline();
   doBuildServer();
   doPublish();
+  if (p4RtSystemConfig()->enabled()) p4RtSystemStatus()->enabledIs(true);
 }
 
 void Agent::doFetchMounts(const Orrery::EntityManager& entityManager) {
@@ -102,14 +102,10 @@ void Agent::doFetchMounts(const Orrery::EntityManager& entityManager) {
   p4RtSystemStatusIs(entityManager.entity<P4RtSystemStatus>("p4runtime/status/system"));
   tables_ = Lattice::Database::create(runtime_.loop, runtime_.store,
                                       {.doorbellPath = runtime_.stateDirectory + "/doorbell.sock"});
-  typeConfigDirIs(
-      entityManager.entity<Pollen::TypeConfigDir>("lattice/config/type/p4runtime"));
-  typeStatusDirIs(
-      entityManager.entity<Pollen::TypeStatusDir>("lattice/status/type/p4runtime"));
-  queryConfigDirIs(
-      entityManager.entity<Pollen::QueryConfigDir>("lattice/config/query/p4runtime"));
-  queryStatusDirIs(
-      entityManager.entity<Pollen::QueryStatusDir>("lattice/status/query/p4runtime"));
+  typeConfigDirIs(entityManager.entity<Pollen::TypeConfigDir>("lattice/config/type/p4runtime"));
+  typeStatusDirIs(entityManager.entity<Pollen::TypeStatusDir>("lattice/status/type/p4runtime"));
+  queryConfigDirIs(entityManager.entity<Pollen::QueryConfigDir>("lattice/config/query/p4runtime"));
+  queryStatusDirIs(entityManager.entity<Pollen::QueryStatusDir>("lattice/status/query/p4runtime"));
   agentConfigIs(entityManager.entity<AgentConfig>("p4runtime/config/agent"));
 }
 
@@ -131,7 +127,9 @@ void Agent::doBuildTableProgramming() {
 }
 
 void Agent::doFollowReports() {
-  const auto followTimeout = [this] { batchStatus()->batchTimeoutIs(agentConfig()->batchTimeout()); };
+  const auto followTimeout = [this] {
+    batchStatus()->batchTimeoutIs(agentConfig()->batchTimeout());
+  };
   const auto followSizeCheck = [this] {
     tableImpl()->tableSizeCheckEnabledIs(agentConfig()->tableSizeCheckEnabled());
   };
@@ -169,6 +167,7 @@ void Agent::doBuildServer() {
   piContext()->piServerIs(piServer());
   piServerInitSmIs(korvelPiServerInitSmFactory(p4TableInfo(), p4RtSystemConfig(),
                                                p4RtSystemStatus(), piServer(), tableImpl()));
+  piServerInitSm()->batchStatusIs(batchStatus());
 }
 
 // For `korvel status`, `get` and `call`.

@@ -21,8 +21,8 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, pipelineFile, "")
   VELA_READONLY_ATTRIBUTE(std::string, pipelineState, "")
   VELA_READONLY_ATTRIBUTE(std::string, permissionLevel, "")  // what requests may do, in words
-  VELA_READONLY_ATTRIBUTE(std::string, tables, "")       // "name entries/size", one a line
-  VELA_READONLY_ATTRIBUTE(std::string, subscribers, "")  // forwarding agents, one a line
+  VELA_READONLY_ATTRIBUTE(std::string, tables, "")           // "name entries/size", one a line
+  VELA_READONLY_ATTRIBUTE(std::string, subscribers, "")      // forwarding agents, one a line
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsAccepted, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, doorbellMessagesDropped, 0)

@@ -139,6 +139,7 @@ void KorvelPiServer::ServerReadySm::handleReadable() {
   SCRIVEL_TRACE(1, "handleReadable");
   uint64_t count = 0;
   if (read(fileDesc_->descriptor(), &count, sizeof count) != sizeof count) return;
+  if (server_.shuttingDown_) return;  // nobody would answer; the fresh server is signalled for
   server_.sendPipelineConfigMsg();
   server_.serverReadyIs(true);
 }
@@ -155,6 +156,14 @@ void KorvelPiServer::sendPipelineConfigMsg() {
   arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
   const auto channel = grpc::CreateCustomChannel(serverAddressPortStr(),
                                                  grpc::InsecureChannelCredentials(), arguments);
+  P4RuntimeLocalController controller(p4::v1::P4Runtime::NewStub(channel));
+  controller.setForwardingPipelineConfigRequest(requestToPush());
+  serverReadyIs(true);
+}
+
+p4::v1::SetForwardingPipelineConfigRequest KorvelPiServer::requestToPush() const {
+  p4::v1::SetForwardingPipelineConfigRequest request;
+  if (!pipelineRequest_.empty() && request.ParseFromString(pipelineRequest_)) return request;
   const std::string path = p4RtSystemConfig()->forwardingPipelineConfigFilePath();
   std::ifstream file(path, std::ios::binary);
   if (!file) {
@@ -162,15 +171,12 @@ void KorvelPiServer::sendPipelineConfigMsg() {
     std::fprintf(stderr, "korvel:  Failed to open file %s\n", path.c_str());
     assert(!"pipeline configuration file can be opened");
   }
-  p4::v1::SetForwardingPipelineConfigRequest request;
   if (!request.ParseFromIstream(&file)) {
     SCRIVEL_TRACE(0, "sendPipelineConfigMsg", " Failed to read pipeline configuration file ", path);
     std::fprintf(stderr, "korvel:  Failed to read pipeline configuration file %s\n", path.c_str());
     assert(!"pipeline configuration file can be read");
   }
-  P4RuntimeLocalController controller(p4::v1::P4Runtime::NewStub(channel));
-  controller.setForwardingPipelineConfigRequest(request);
-  serverReadyIs(true);
+  return request;
 }
 
 void KorvelPiServer::setOperationPermissionLevel(uint32_t level) {
@@ -183,11 +189,14 @@ void KorvelPiServer::setOperationPermissionLevel(uint32_t level) {
 
 void KorvelPiServer::doShutDown(std::function<void()> done) {
   serverReadyIs(false);
+  shuttingDown_ = true;
   shutDownThread_ = std::thread([this, done = std::move(done)] {
     PIGrpcServerWaitStarted(secondsToStart);
     PIGrpcServerShutdown();
+    pthread_join(serverThread, nullptr);
     loop_.post([this, done] {
       shutDownThread_.join();
+      serverThreadStarted = false;
       done();
     });
   });
@@ -197,6 +206,7 @@ void KorvelPiServer::doCleanup() {
   const Vela::ActivityLock lock;
   SCRIVEL_TRACE(1, "doCleanup", " server thread id: ", static_cast<uint64_t>(serverThread));
   serverReadyIs(false);
+  shuttingDown_ = false;
   if (serverThreadStarted) {
     // Calls in progress need the lock to finish.
     const Vela::ActivityLockReleased released;

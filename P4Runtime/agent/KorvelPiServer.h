@@ -12,6 +12,10 @@
 #include "platform/vela/FileDescriptor.h"
 #include "platform/vela/ReactorLoop.h"
 
+namespace p4::v1 {
+class SetForwardingPipelineConfigRequest;
+}
+
 namespace P4Runtime {
 
 // Used on the reactor; there is one server thread in a process at most.
@@ -30,11 +34,13 @@ class KorvelPiServer : public Vela::Entity {
   };
 
   // `loop` outlives this. `config` may be null (tests).
-  KorvelPiServer(Vela::ReactorLoop& loop, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> config);
+  KorvelPiServer(Vela::ReactorLoop& loop,
+                 Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> config);
   ~KorvelPiServer() override;
   const char* typeName() const override { return "P4Runtime::KorvelPiServer"; }
 
-  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig>, p4RtSystemConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig>, p4RtSystemConfig,
+                          nullptr)
   VELA_READONLY_ATTRIBUTE(uint32_t, maxDevices, 1)  // must stay 1
   VELA_READONLY_ATTRIBUTE(int, signalFd, -1)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Vela::FileDescriptor>, fileDesc, nullptr)
@@ -46,12 +52,16 @@ class KorvelPiServer : public Vela::Entity {
   IpAddress piServerAddr() const;
   uint16_t piServerPort() const;
   uint32_t deviceId() const;  // 0 without a configuration
+  Vela::ReactorLoop& loop() const { return loop_; }
 
   std::string serverAddressPortStr() const;  // "10.1.2.3:700", "[::1]:700"
   // Starts the server thread. An address that cannot be bound ends the process with status 1.
   void startProcessing();
   void signal();
-  // Aborts the process when the pipeline file cannot be used, or the server rejects it.
+  // What to push: the request that the model was made of, which the file may no longer hold.
+  void pipelineRequestIs(std::string bytes) { pipelineRequest_ = std::move(bytes); }
+  // Without such a request pushes what the file holds. Aborts the process when that cannot be used,
+  // or the server rejects it.
   void sendPipelineConfigMsg();
   void setOperationPermissionLevel(uint32_t level);
   // Lets the calls in progress finish and takes no new ones, without keeping the reactor, which
@@ -62,8 +72,11 @@ class KorvelPiServer : public Vela::Entity {
 
  private:
   void handleInitialized();
+  p4::v1::SetForwardingPipelineConfigRequest requestToPush() const;
   Vela::ReactorLoop& loop_;
+  std::string pipelineRequest_;
   std::thread shutDownThread_;
+  bool shuttingDown_ = false;  // until doCleanup()
 };
 
 Vela::Ptr<KorvelPiServer> korvelPiServerFactory(

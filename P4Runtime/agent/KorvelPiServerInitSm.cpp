@@ -74,6 +74,11 @@ void KorvelPiServerInitSm::observeReferences() {
                         ? server()->serverReadyAttribute().observe([this] { handleServerReady(); })
                         : Vela::Observation();
   }));
+  references_.push_back(batchStatusAttribute().observe([this] {
+    batchChange_ =
+        batchStatus() ? batchStatus()->inProgressAttribute().observe([this] { handleInProgress(); })
+                      : Vela::Observation();
+  }));
 }
 
 void KorvelPiServerInitSm::handleInitialized() {
@@ -89,6 +94,7 @@ void KorvelPiServerInitSm::doSpawnServerThread() {
 void KorvelPiServerInitSm::handleTableInfoState() {
   SCRIVEL_TRACE(1, "handleTableInfoState",
                 " tableInfoState: ", static_cast<int>(tableInfo()->tableInfoState()));
+  if (movingServer_) return;  // the end of the move asks again
   try {
     doApplyTableInfoState();
   } catch (const P4RuntimeBrokenInvariantException& e) {
@@ -102,14 +108,9 @@ void KorvelPiServerInitSm::doApplyTableInfoState() {
         "Server is not ready. Yet we are trying to handle table info state");
   }
   switch (tableInfo()->tableInfoState()) {
-    case P4TableInfoState::tableInfoReady: {
-      // The critical state is left by revertCriticalState() alone.
-      const bool distrusted =
-          p4RtSystemStatus()->brokenInvariant() || p4RtSystemStatus()->critical();
-      server()->setOperationPermissionLevel(distrusted ? readsAllowed : writesAllowed);
-      server()->signal();
+    case P4TableInfoState::tableInfoReady:
+      doPushPipeline();
       return;
-    }
     case P4TableInfoState::tableInfoNotReady:
     case P4TableInfoState::tableInfoError:
       server()->setOperationPermissionLevel(nothingAllowed);
@@ -119,9 +120,37 @@ void KorvelPiServerInitSm::doApplyTableInfoState() {
       "Unrecognized tableInfoState {}", static_cast<int>(tableInfo()->tableInfoState())));
 }
 
+// The critical state is left by revertCriticalState() alone.
+uint32_t KorvelPiServerInitSm::allowedLevel() const {
+  const bool distrusted = p4RtSystemStatus()->brokenInvariant() || p4RtSystemStatus()->critical();
+  return distrusted ? readsAllowed : writesAllowed;
+}
+
+// The server takes a pipeline between two Writes. The push keeps the reactor, and a Write in
+// progress could not hear of the forwarding plane meanwhile; nor may one begin under the former
+// pipeline.
+void KorvelPiServerInitSm::doPushPipeline() {
+  pushWaits_ = batchStatus() && batchStatus()->inProgress();  // handleInProgress() asks again
+  const bool replacesAnother = pushWaits_ || server()->serverReady();
+  server()->setOperationPermissionLevel(replacesAnother ? nothingAllowed : allowedLevel());
+  if (pushWaits_) return;
+  server()->pipelineRequestIs(tableInfo()->pipelineRequest());
+  server()->signal();
+}
+
+void KorvelPiServerInitSm::handleInProgress() {
+  if (!pushWaits_ || batchStatus()->inProgress()) return;
+  server()->loop().post([this, alive = Vela::Ptr<KorvelPiServerInitSm>(this)] {
+    if (pushWaits_) handleTableInfoState();
+  });
+}
+
 void KorvelPiServerInitSm::handleServerReady() {
   SCRIVEL_TRACE(1, "handleServerReady");
   if (!server()->serverReady()) return;
+  if (tableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady) {
+    server()->setOperationPermissionLevel(allowedLevel());
+  }
   try {
     tableImpl()->restoreCachedEntries();
     programConstantTables();

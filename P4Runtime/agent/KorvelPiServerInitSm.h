@@ -5,6 +5,7 @@
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "platform/companion/BatchStatus.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 
@@ -21,11 +22,14 @@ class KorvelPiServerInitSm : public Vela::Entity {
 
   // A new entity in one of these is observed in place of the former.
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4TableInfo>, tableInfo, nullptr)
-  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig>, p4RtSystemConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig>, p4RtSystemConfig,
+                          nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus>, p4RtSystemStatus, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServer>, server, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
+  // A pipeline that takes the place of another waits for the batch in progress; null: for none.
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<BatchStatus>, batchStatus, nullptr)
 
  public:
   void handleInitialized();
@@ -38,17 +42,23 @@ class KorvelPiServerInitSm : public Vela::Entity {
  private:
   void observeReferences();
   void doApplyTableInfoState();
+  void doPushPipeline();
+  void handleInProgress();
+  uint32_t allowedLevel() const;
   void programConstantEntry(uint32_t tableId, const P4TableInfoConstEntry& entry);
 
   Vela::Observation tableInfoChange_;
   Vela::Observation configChange_;
   Vela::Observation serverChange_;
   std::vector<Vela::Observation> references_;
+  Vela::Observation batchChange_;
+  bool pushWaits_ = false;     // for the batch in progress
   bool movingServer_ = false;  // the server is going down to come up elsewhere
 };
 
 Vela::Ptr<KorvelPiServerInitSm> korvelPiServerInitSmFactory(
-    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
+    Vela::Ptr<P4TableInfo> tableInfo,
+    Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
     Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus, Vela::Ptr<KorvelPiServer> server,
     Vela::Ptr<TableImpl> tableImpl);
 

@@ -19,8 +19,7 @@ void requireOk(const grpc::Status& status) {
 
 }  // namespace
 
-P4RuntimeLocalController::P4RuntimeLocalController(
-    std::unique_ptr<p4::v1::P4Runtime::Stub> stub)
+P4RuntimeLocalController::P4RuntimeLocalController(std::unique_ptr<p4::v1::P4Runtime::Stub> stub)
     : stub_(std::move(stub)) {}
 
 int P4RuntimeLocalController::setForwardingPipelineConfigRequest(

@@ -15,11 +15,9 @@ class P4RuntimeLocalController {
 
   // Waits for the server to listen. Gives the activity lock up for the whole call, since the server
   // enters the agent under it.
-  int setForwardingPipelineConfigRequest(
-      const p4::v1::SetForwardingPipelineConfigRequest& request);
+  int setForwardingPipelineConfigRequest(const p4::v1::SetForwardingPipelineConfigRequest& request);
   // Keeps the activity lock. Answers 9 when the server has no pipeline.
-  int getForwardingPipelineConfigRequest(
-      const p4::v1::GetForwardingPipelineConfigRequest& request);
+  int getForwardingPipelineConfigRequest(const p4::v1::GetForwardingPipelineConfigRequest& request);
 
  private:
   const std::unique_ptr<p4::v1::P4Runtime::Stub> stub_;

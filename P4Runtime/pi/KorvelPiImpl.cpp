@@ -288,6 +288,7 @@ void _pi_update_pending_status(StatusVector* statusVector) {
   } catch (const std::exception& e) {
     SCRIVEL_TRACE(0, "_pi_update_pending_status", " dropped exception: ", e.what());
   }
+  TheBatchStatus()->onBatchSettled();
 }
 
 extern "C" {

@@ -56,6 +56,7 @@ void P4TableInfo::modelDel() {
   resourceNameDelAll();
   slotNamesDelAll();
   unprogrammableDelAll();
+  pipelineRequest_.clear();
 }
 
 std::string P4TableInfo::nameOf(ResourceId rid) const {

@@ -71,6 +71,10 @@ class P4TableInfo : public Vela::Entity {
   // can.
   std::string whyUnprogrammable(ResourceId rid) const;
 
+  // The request that the model was made of, as it is pushed to the server; empty before.
+  const std::string& pipelineRequest() const { return pipelineRequest_; }
+  void pipelineRequestIs(std::string bytes) { pipelineRequest_ = std::move(bytes); }
+
   // Everything but the state and the clean-up counters.
   void modelDel();
   // The object's name, or what kind it is and its id when it has none.
@@ -82,6 +86,7 @@ class P4TableInfo : public Vela::Entity {
 
  private:
   std::string parentPath_;
+  std::string pipelineRequest_;
 };
 
 }  // namespace P4Runtime

@@ -101,6 +101,7 @@ void P4TableInfoSm::readPipelineConfigFile(const std::string& path) {
       google::protobuf::util::MessageToJsonString(request.config().p4info(), &p4InfoJson);
   if (!converted.ok()) fail("Failed to convert p4Info to JSON " + converted.ToString());
   doForgetPipeline();
+  tableInfo_->pipelineRequestIs(request.SerializeAsString());
   writeForPeople(files_.p4InfoJsonPath, p4InfoJson);
   handleP4InfoStr(p4InfoJson);
   p4::tmp::P4DeviceConfig device;

@@ -125,7 +125,8 @@ class P4TableInfoSm : public Vela::Entity {
 [[noreturn]] void throwParsingException(const std::string& what, const std::string& detail = {});
 
 Vela::Ptr<P4TableInfoSm> p4TableInfoSmFactory(
-    Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
-    PipelineServices services, PipelineFiles files);
+    Vela::Ptr<P4TableInfo> tableInfo,
+    Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig, PipelineServices services,
+    PipelineFiles files);
 
 }  // namespace P4Runtime

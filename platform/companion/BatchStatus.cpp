@@ -48,8 +48,11 @@ BatchStatus::BatchStatus(std::string name, Lattice::Database* database)
 
 void BatchStatus::onBatchBegin() {
   cleanUpBatchState();
+  inProgressIs(true);
   if (database_) database_->batchBegin();
 }
+
+void BatchStatus::onBatchSettled() { inProgressIs(false); }
 
 void BatchStatus::onBatchEnd() {
   if (!database_ || !database_->inBatch()) return;

@@ -55,6 +55,8 @@ class BatchStatus : public Vela::Entity {
   VELA_ATTRIBUTE(uint32_t, pretendHwProgrammingFailedOffset, 0)
   VELA_ATTRIBUTE(bool, pretendHwProgrammingTimeout, false)
   VELA_ATTRIBUTE(uint32_t, pretendHwProgrammingTimeoutOffset, 0)
+  // From onBatchBegin() to onBatchSettled(); observers run on the thread of the batch.
+  VELA_READONLY_ATTRIBUTE(bool, inProgress, false)
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsAccepted, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)  // late, duplicate, unknown or out of step
 
@@ -62,6 +64,7 @@ class BatchStatus : public Vela::Entity {
   void onBatchBegin();           // empties the descriptor and the maps, opens the shared batch
   void onBatchEnd();             // makes the batch's rows and records visible, all at once
   void onBatchUpdateComplete();  // the waiting begins
+  void onBatchSettled();         // every outcome is known
   void onBatchRollback();        // puts back what is still pending; reports on it count no more
   void cleanUpBatchState();
 

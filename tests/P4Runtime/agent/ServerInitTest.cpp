@@ -14,12 +14,17 @@ namespace {
 using namespace TestSupport;
 using pi::fe::proto::DeviceMgr;
 
+// Runs only when a test says so: signals stay to be counted.
+Vela::ReactorLoop& serverLoop() {
+  static auto* loop = new Vela::ReactorLoop;
+  return *loop;
+}
+
 // A server without a thread. It is never let go: its destructor would start one.
 Vela::Ptr<KorvelPiServer> serverOf(AgentParts& agent) {
   static auto* all = new std::vector<Vela::Ptr<KorvelPiServer>>;
-  static auto* loop = new Vela::ReactorLoop;  // does not run: signals stay to be counted
   const Vela::ActivityLock lock;
-  all->push_back(korvelPiServerFactory(*loop, agent.config));
+  all->push_back(korvelPiServerFactory(serverLoop(), agent.config));
   return all->back();
 }
 
@@ -106,6 +111,30 @@ TEST_F(ServerInitTest, PermissionFollowsThePipelineAndTheCriticalState) {
   initSm_->tableInfoIs(nullptr);  // observed no more
   stateIs(P4TableInfoState::tableInfoReady);
   EXPECT_EQ(signals(), 0u);
+}
+
+// The push keeps the reactor, which the Write needs to hear of the forwarding plane.
+TEST_F(ServerInitTest, PipelineThatReplacesAnotherWaitsForTheWriteInProgress) {
+  initSm_->batchStatusIs(agent().batchStatus);
+  serverReady();
+  agent().begin();
+  agent().add(0, exactEntry(1));
+  stateIs(P4TableInfoState::tableInfoNotReady);
+  stateIs(P4TableInfoState::tableInfoReady);
+  EXPECT_EQ(signals(), 0u);
+  agent().end();
+  forwarder().programAll();
+  EXPECT_TRUE(agent().outcome().empty());
+  serverLoop().stop();  // after what was posted
+  serverLoop().run();
+  EXPECT_EQ(signals(), 1u);
+  EXPECT_EQ(level(), 0u) << "no Write begins under the former pipeline";
+  {
+    const Vela::ActivityLock lock;
+    server_->serverReadyIs(false);
+  }
+  serverReady();
+  EXPECT_EQ(level(), 2u);
 }
 
 TEST_F(ServerInitTest, MissingServerBreaksAnInvariant) {
