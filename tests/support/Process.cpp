@@ -86,8 +86,8 @@ void PrintTo(const ExitStatus& status, std::ostream* out) {
                          : fmt::format("exit status {}", status.code));
 }
 
-Process::Process(std::vector<std::string> arguments, std::string outputPath, std::string errorPath,
-                 std::vector<std::string> environment)
+Process::Process(const std::vector<std::string>& arguments, const std::string& outputPath,
+                 const std::string& errorPath, const std::vector<std::string>& environment)
     : pid_(spawned(arguments, outputPath, errorPath, environment)), descriptor_(opened(pid_)) {}
 
 Process::~Process() {

@@ -26,8 +26,8 @@ class Process {
  public:
   // Standard input is empty; both outputs go to the end of the files named ("": to ours).
   // `environment` holds NAME=VALUE, added to ours. Throws std::system_error.
-  Process(std::vector<std::string> arguments, std::string outputPath, std::string errorPath,
-          std::vector<std::string> environment = {});
+  Process(const std::vector<std::string>& arguments, const std::string& outputPath,
+          const std::string& errorPath, const std::vector<std::string>& environment = {});
   ~Process();  // kills it when it still runs
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
