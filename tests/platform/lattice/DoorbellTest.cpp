@@ -140,6 +140,7 @@ TEST_F(DoorbellTest, WhoDoesNotReadDoesNotBlockTheAgent) {
     const ActivityLock lock;
     routes.rowIs(route(1, i), 7);
   }
+  const ActivityLock lock;
   EXPECT_EQ(attached(), 1u);
 }
 
