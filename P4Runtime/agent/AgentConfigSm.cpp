@@ -23,7 +23,9 @@ AgentConfigSm::AgentConfigSm(AgentRuntime& runtime, Vela::Ptr<AgentConfig> agent
 void AgentConfigSm::handleAgentExitRequest() {
   assert(agentConfig()->exitRequested());
   SCRIVEL_TRACE(0, " Exit Requested ");
-  runtime_.flushEntityLog([this] { handleFlushEntityLogComplete(); });
+  runtime_.flushEntityLog([this] {
+    if (agentConfig()->exitRequested()) handleFlushEntityLogComplete();  // else it was taken back
+  });
 }
 
 void AgentConfigSm::handleFlushEntityLogComplete() {

@@ -38,8 +38,9 @@ class Writer {
   template <typename T>
   Writer& put(const CachePodArray<T>& array) {
     put(array.size());
-    std::memcpy(at_, array.data(), array.size() * sizeof(T));
-    at_ += array.size() * sizeof(T);
+    const size_t bytes = array.size() * sizeof(T);
+    if (bytes > 0) std::memcpy(at_, array.data(), bytes);
+    at_ += bytes;
     return *this;
   }
 

@@ -267,7 +267,7 @@ pi_status_t _pi_table_default_action_done(pi_session_handle_t session_handle,
 }
 
 pi_status_t _pi_table_entries_fetch(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
-                                    pi_p4_id_t table_id, pi_table_fetch_res_t* res) {
+                                    pi_p4_id_t table_id, pi_table_fetch_res_t* res) try {
   const Vela::ActivityLock lock;
   SCRIVEL_TRACE(6, "_pi_table_entries_fetch", " session_handle: ", session_handle,
                 " dev_id: ", dev_id, " table_id: ", table_id);
@@ -281,6 +281,9 @@ pi_status_t _pi_table_entries_fetch(pi_session_handle_t session_handle, pi_dev_i
   res->entries_size = buffer.used();
   res->entries = buffer.release();
   return PI_STATUS_SUCCESS;
+} catch (const std::exception& e) {
+  SCRIVEL_TRACE(0, "_pi_table_entries_fetch", " table_id: ", table_id, " ", e.what());
+  return PI_STATUS_ALLOC_ERROR;
 }
 
 pi_status_t _pi_table_entries_fetch_done(pi_session_handle_t session_handle,

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -113,7 +114,7 @@ RowFields& TableImpl::startRow(const Table& table, size_t keySize, const char* k
   requireSize(table, "the match key", keySize, table.widths.encodedSize());
   RowFields& fields = *rowFields_;
   fields.count = 0;
-  std::memcpy(fields.keyBytes.data(), key, keySize);  // conversion changes them in place
+  std::copy_n(key, keySize, fields.keyBytes.data());  // conversion changes them in place
   tableInfo_->onNewRowStarted();
   tableInfo_->extractFields(table.rid, table.widths.slots(), fields.keyBytes.data(), fields.count,
                             fields.pointers.data());
@@ -210,7 +211,7 @@ EntryHandle TableImpl::tableEntryAdd(uint32_t tableId, uint32_t priority, size_t
   validateKeyAndActionSize(keySize, actionSize);
   return addEntry(tableId, priority, keySize, key, meter, counter,
                   [&](const Table& table, RowFields& fields) {
-                    std::memcpy(fields.actionBytes.data(), action, actionSize);
+                    std::copy_n(action, actionSize, fields.actionBytes.data());
                     extractActionFields(table.rid, actionId, actionSize, fields.actionBytes.data(),
                                         fields.count, fields.pointers.data());
                   });
