@@ -146,6 +146,9 @@ void updatePendingStatus(StatusVector& statusVector) {
   waitForStatusUpdates();
   handleCompletedTransactions(statusVector);
   maybeHandleTimedOutStatusEntries(statusVector);
+  // Only records' states are left to store, which a restart finds out anew; what was put back must
+  // be stored before the controller hears of it.
+  if (!TheTableImpl()->entriesRestored()) TheBatchStatus()->onBatchConfirmed();
 }
 
 void settleStatusEntry(StatusVector& statusVector, StatusIter element, uint32_t errorCode,

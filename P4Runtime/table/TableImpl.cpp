@@ -316,6 +316,7 @@ PendingOperation& TableImpl::newPendingOperation(EntryHandle handle, PendingOper
   operation.type = type;
   operation.newRow = std::move(newRow);
   operation.rowKey = std::move(rowKey);
+  operation.newRecord.clear();
   if (fresh) {
     operation.rid = rid;
     operation.oldRow = std::move(oldRow);
@@ -331,6 +332,7 @@ void TableImpl::pendingSequenceIs(EntryHandle handle, uint64_t sequence) {
 
 void TableImpl::clearPendingOperations() {
   pendingOperations_.clear();
+  entriesRestored_ = false;
   TheBatchStatus()->pendingOperationDelAll();
 }
 

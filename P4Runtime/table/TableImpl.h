@@ -34,6 +34,7 @@ struct PendingOperation {
   std::optional<Lattice::Row> oldRow;
   std::optional<Lattice::Row> newRow;    // nothing for a deletion
   std::optional<std::string> oldRecord;  // the cache record, as stored
+  std::string newRecord;                 // the one written for it; empty for a deletion
   std::string oldMetadata;               // the controller's metadata bytes
 };
 
@@ -89,6 +90,8 @@ class TableImpl : public Vela::Entity {
 
   void clearPendingOperations();
   size_t numPendingEntries() const { return pendingOperations_.size(); }
+  // Whether an entry has been put back since the pending operations were last cleared.
+  bool entriesRestored() const { return entriesRestored_; }
 
   void validateKeySize(size_t bytes) const;
   void validateActionSize(size_t bytes) const;
@@ -163,6 +166,7 @@ class TableImpl : public Vela::Entity {
   absl::node_hash_map<EntryHandle, PendingOperation> pendingOperations_;
   std::unique_ptr<RowFields> rowFields_;
   Vela::Ptr<EntryFailures> failures_;
+  bool entriesRestored_ = false;
   bool restoring_ = false;  // what is written again needs no verification
   Vela::Observation initializedChange_;
   Vela::Observation constTablesChange_;

@@ -50,7 +50,14 @@ void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle,
   record.key = {rid, handle};
   record.cloneTableEntry(matchKey, tableEntry);
   record.controllerMetadata = controllerMetadata;
-  if (tableCache_) tableCache_->cacheIs(record);
+  if (!tableCache_) return;
+  tableCache_->cacheIs(record);
+  const auto pending = pendingOperations_.find(handle);
+  if (pending == pendingOperations_.end()) return;
+  // Kept until the outcome is known: to look the record up again would cost more than this copy.
+  std::string& written = pending->second.newRecord;
+  written.resize(record.serializeLen());
+  record.serialize(reinterpret_cast<uint8_t*>(written.data()));
 }
 
 void TableImpl::cachedMetadataIs(const ResourceId& rid, EntryHandle handle,
@@ -109,18 +116,27 @@ void TableImpl::updateCachedEntryState(EntryHandle handle, bool abort) try {
 }
 
 void TableImpl::doUpdateCachedEntryState(EntryHandle handle, bool abort) {
+  std::string written;
   if (abort) {
     SCRIVEL_TRACE(1, "TableImpl", " restoring old entry for entryHandle: ", handle);
     if (handleMgr_->entryHandleToResourceIdHas(handle)) restoreTableEntryOnFailure(handle);
   } else {
     SCRIVEL_TRACE(7, "TableImpl", " erasing entryHandle: ", handle, " on success");
-    pendingOperations_.erase(handle);
+    if (const auto operation = pendingOperations_.extract(handle)) {
+      written = std::move(operation.mapped().newRecord);
+    }
     TheBatchStatus()->pendingOperationDel(handle);  // of a constant entry, which nobody waits for
     if (!failures_->empty()) failures_->failureDel(handle);
   }
   const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
   if (rid.type != tableResource) {
     SCRIVEL_TRACE(1, "TableImpl", "Entry handle: ", handle, " already deleted?");
+    return;
+  }
+  if (!written.empty()) {
+    const EntryState stable = EntryState::stable;
+    std::memcpy(written.data() + TableCacheEntry::stateAt, &stable, sizeof stable);
+    tableCache_->storedIs({rid, handle}, Brine::asBytes(written));
     return;
   }
   const auto state = cachedState({rid, handle});
@@ -160,6 +176,7 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
     const PendingOperation operation = std::move(found->second);
     pendingOperations_.erase(found);
     TheBatchStatus()->pendingOperationDel(handle);
+    entriesRestored_ = true;
     SCRIVEL_TRACE(1, "TableImpl", " restore table entry for entryHandle: ", handle,
                   operation.type == PendingOperationType::tableEntryAdd ? " add" : " delete");
     restoreRow(handle, operation);

@@ -79,6 +79,10 @@ void BatchStatus::onBatchRollback() {
   for (const auto& [handle, sequence] : pending) rollBack_(handle);
 }
 
+void BatchStatus::onBatchConfirmed() {
+  if (database_) database_->commitSoon();
+}
+
 void BatchStatus::cleanUpBatchState() {
   {
     // Counts still on their way to the descriptor belong to the batch before.

@@ -66,6 +66,7 @@ class BatchStatus : public Vela::Entity {
   void onBatchUpdateComplete();  // the waiting begins
   void onBatchSettled();         // every outcome is known
   void onBatchRollback();        // puts back what is still pending; reports on it count no more
+  void onBatchConfirmed();       // all of it is programmed: what is left to store can wait
   void cleanUpBatchState();
 
   void newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset);

@@ -5,6 +5,7 @@
 #include <new>
 #include <random>
 #include <set>
+#include <utility>
 #include <stdexcept>
 
 #include "platform/lattice/ArTable.h"
@@ -60,6 +61,7 @@ class DatabaseImpl final : public Database {
         doorbell_(loop, options.doorbellPath, identityOf(store), journal_),
         scopeEnd_([this] { handleScopeEnd(); }) {}
   ~DatabaseImpl() override {
+    *alive_ = false;
     for (const auto& [name, table] : bound_) table->database = nullptr;
   }
 
@@ -70,6 +72,7 @@ class DatabaseImpl final : public Database {
   void batchBegin() override;
   std::optional<std::string> batchEnd() override;
   bool inBatch() const override { return inBatch_; }
+  void commitSoon() override;
   uint64_t lastSequence() const override { return journal_.lastSequence(); }
   void observerIs(Observer observer) override { doorbell_.observerIs(std::move(observer)); }
   std::vector<SubscriberInfo> subscribers() const override { return doorbell_.subscribers(); }
@@ -104,6 +107,9 @@ class DatabaseImpl final : public Database {
   std::map<std::string, ArTableInterface::Impl*> bound_;
   bool inBatch_ = false;
   bool typesChanged_ = false;  // in this commit
+  bool commitLater_ = false;   // not at the end of this scope
+  bool commitPosted_ = false;  // the reactor has been asked to
+  const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   const Vela::ScopeEndHook scopeEnd_;
 };
 
@@ -204,8 +210,19 @@ std::optional<std::string> DatabaseImpl::batchEnd() {
   return committed();
 }
 
+void DatabaseImpl::commitSoon() {
+  if (loop_.onThread() || !dirty()) return;
+  commitLater_ = true;
+  if (std::exchange(commitPosted_, true)) return;
+  // The end of the scope that this runs in commits.
+  loop_.post([alive = alive_, this] {
+    if (*alive) commitPosted_ = false;
+  });
+}
+
 void DatabaseImpl::handleScopeEnd() {
-  if (!inBatch_ && dirty()) committed();
+  if (inBatch_ || std::exchange(commitLater_, false)) return;
+  if (dirty()) committed();
 }
 
 // Empty, or why the writes since the last commit are lost.

@@ -94,6 +94,10 @@ class Database {
   // Commits. On a full state directory answers the reason, and the store is as at batchBegin().
   virtual std::optional<std::string> batchEnd() = 0;
   virtual bool inBatch() const = 0;
+  // What this thread's outermost activity scope has written outside a batch need not be committed
+  // at its end, but on the reactor's next turn, or by the next batch, whichever is first. For
+  // writes that a restart can do without.
+  virtual void commitSoon() = 0;
   virtual uint64_t lastSequence() const = 0;
 
   struct Observer {
