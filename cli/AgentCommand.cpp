@@ -95,8 +95,8 @@ std::unique_ptr<Brine::Store> openStore(const Options& options) {
 }
 
 void doLoadConfig(Orrery::Database& database, const Options& options) {
-  database.entityIs("p4runtime/config/system", Vela::make<P4RuntimeConfig::P4RtSystemConfig>(
-                                                   "p4runtime/config/system"));
+  database.entityIs("p4runtime/config/system",
+                    Vela::make<P4RuntimeConfig::P4RtSystemConfig>("p4runtime/config/system"));
   database.entityIs("p4runtime/config/agent",
                     Vela::make<P4Runtime::AgentConfig>("p4runtime/config/agent"));
   try {
@@ -160,11 +160,11 @@ void runAgent(const Options& options) {
     library.registerTypes();
     doLoadConfig(*database, options);
     store = openStore(options);
-    server = std::make_unique<Orrery::Server>(loop, *database,
-                                              options.stateDirectory + "/orrery.sock");
+    server =
+        std::make_unique<Orrery::Server>(loop, *database, options.stateDirectory + "/orrery.sock");
     stopSignals = std::make_unique<StopSignals>(loop, *database);
-    runtime = std::make_unique<P4Runtime::AgentRuntime>(
-        runtimeOf(loop, *database, *store, options));
+    runtime =
+        std::make_unique<P4Runtime::AgentRuntime>(runtimeOf(loop, *database, *store, options));
     library.start("p4runtime", runtime.get());
   }
   loop.run();

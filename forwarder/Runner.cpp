@@ -91,8 +91,7 @@ bool Runner::doWait() {
     const auto left = std::chrono::ceil<milliseconds>(*due - ReportQueue::Clock::now());
     timeout = std::clamp(left, milliseconds(0), timeout);
   }
-  const int ready =
-      poll(descriptors.data(), descriptors.size(), static_cast<int>(timeout.count()));
+  const int ready = poll(descriptors.data(), descriptors.size(), static_cast<int>(timeout.count()));
   return ready == 1 && descriptors.back().revents != 0;
 }
 

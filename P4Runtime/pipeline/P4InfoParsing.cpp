@@ -12,8 +12,8 @@ namespace {
 
 Scrivel::TraceHandle trace("P4TableInfoSm");
 
-constexpr uint32_t widestField = 255;       // bits that a slot can say
-constexpr uint8_t prefixLengthWidth = 32;   // bits of the slot behind a prefix
+constexpr uint32_t widestField = 255;      // bits that a slot can say
+constexpr uint8_t prefixLengthWidth = 32;  // bits of the slot behind a prefix
 
 bool isMatchType(const std::string& text, const char* type) {
   return strcasecmp(text.c_str(), type) == 0;
@@ -100,8 +100,7 @@ void P4TableInfoSm::parseP4InfoActions(const cJSON* p4Info) {
     uint32_t parameters = 0;
     for (const cJSON* parameter : JsonElements(jsonArray(action, "params"))) {
       const std::string name = jsonString(parameter, "name").value_or("");
-      const uint32_t slot =
-          layout.append(jsonNumber(parameter, "bitwidth").value_or(0), name);
+      const uint32_t slot = layout.append(jsonNumber(parameter, "bitwidth").value_or(0), name);
       if (isNetworkOrderParameter(name)) layout.networkOrder(slot);
       ++parameters;
     }
@@ -165,8 +164,8 @@ void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {
       SCRIVEL_TRACE(5, "parseP4InfoActionProfiles", " found table", tableRid.id);
       for (const uint32_t actionId : tableInfo_->actionIdColForTable(tableRid).actionId()) {
         const bool existing = actions.actionIdHas(actionId);
-        SCRIVEL_TRACE(5, "parseP4InfoActionProfiles",
-                      existing ? " existing action" : " add action", actionId);
+        SCRIVEL_TRACE(5, "parseP4InfoActionProfiles", existing ? " existing action" : " add action",
+                      actionId);
         if (!existing) actions.actionIdEnq(actionId);
       }
     }

@@ -51,9 +51,8 @@ std::string piActionDataToString(const pi_action_data_s* data) {
 
 std::string piMatchKeyToString(const pi_match_key_s* key) {
   std::ostringstream out;
-  out << "{pinfo(ptr): " << static_cast<const void*>(key->p4info)
-      << " table_id: " << key->table_id << " priority: " << key->priority
-      << " data_size: " << key->data_size << " data=";
+  out << "{pinfo(ptr): " << static_cast<const void*>(key->p4info) << " table_id: " << key->table_id
+      << " priority: " << key->priority << " data_size: " << key->data_size << " data=";
   dumpBufferToString(out, key->data, key->data_size);
   out << '}';
   return out.str();

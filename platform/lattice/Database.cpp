@@ -5,8 +5,8 @@
 #include <new>
 #include <random>
 #include <set>
-#include <utility>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/lattice/ArTable.h"
 #include "platform/lattice/Doorbell.h"
