@@ -133,7 +133,7 @@ void TableImpl::doUpdateCachedEntryState(EntryHandle handle, bool abort) {
     SCRIVEL_TRACE(1, "TableImpl", "Entry handle: ", handle, " already deleted?");
     return;
   }
-  if (!written.empty()) {
+  if (!written.empty() && tableCache_) {
     const EntryState stable = EntryState::stable;
     std::memcpy(written.data() + TableCacheEntry::stateAt, &stable, sizeof stable);
     tableCache_->storedIs({rid, handle}, Brine::asBytes(written));

@@ -110,6 +110,7 @@ TEST_F(BatchTest, RefusedUpdateIsNotCountedAmongTheReports) {
     const Vela::ActivityLock lock;
     agent().batchStatus->inStepIs(agent().database->lastSequence());
   }
+  EXPECT_EQ(agent().batchStatus->completedTransactionStatus().count(undone), 0u);
   EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 8)));
   EXPECT_FALSE(agent().status->critical());
   EXPECT_EQ(agent().handleOf(routeEntry(0)), 0u);
@@ -183,6 +184,18 @@ TEST_F(BatchTest, MarkingAnswersThePositionBehind) {
   const auto behindLast = markStatusEntryNotPending(statuses, handleAt(2), 0, "");
   EXPECT_EQ(behindLast, statuses.end());
   EXPECT_EQ(statuses.size(), 1u);
+}
+
+TEST_F(BatchTest, MarkingAnEntryOfTwoOffsetsAnswersThePositionBehindTheLast) {
+  agent().begin();
+  agent().add(0, routeEntry(0));
+  agent().add(1, routeEntry(1));
+  agent().add(2, routeEntry(0));
+  agent().end();
+  const Vela::ActivityLock lock;
+  StatusVector statuses = pendingAt({0, 1, 2, 3});
+  EXPECT_EQ(markStatusEntryNotPending(statuses, agent().lastHandle, 0, "")->first, 3u);
+  EXPECT_THAT(statuses, ElementsAre(FailedWith(1, 4), FailedWith(3, 4)));
 }
 
 // The facility by which controllers' tests see failures without a forwarding agent.

@@ -123,12 +123,18 @@ TEST_F(RestoreTest, EntriesOfVanishedTablesGo) {
 }
 
 TEST_F(RestoreTest, EntryThatTheFrontEndRefusesGoesWholly) {
-  agent().added(exactEntry(1));
-  start();
-  agent().frontEnd.refuses = true;
-  restore();
-  expectEmpty(exactTable);
-  EXPECT_EQ(agent().added(exactEntry(1)), 2u) << "handles are not used twice all the same";
+  // The second time the row is written again just before the refusal.
+  const auto otherType = pipelineOf(
+      smallP4Info(), replaced(smallDeviceConfig(), "key ether_type : U16", "key ether_type: U16"));
+  uint64_t handle = 0;
+  for (const auto& pipeline : {smallPipeline(), otherType}) {
+    EXPECT_GT(agent().added(exactEntry(1)), handle) << "handles are not used twice all the same";
+    handle = agent().lastHandle;
+    start(pipeline);
+    agent().frontEnd.refuses = true;
+    restore();
+    expectEmpty(exactTable);
+  }
 }
 
 TEST_F(RestoreTest, RecordsThatMakeNoSenseGoAndTheOthersStay) {
