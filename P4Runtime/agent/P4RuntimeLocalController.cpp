@@ -10,6 +10,8 @@
 namespace P4Runtime {
 namespace {
 
+constexpr int secondsToStart = 10;
+
 void requireOk(const grpc::Status& status) {
   if (status.ok()) return;
   std::fprintf(stderr, "Failed(status.ok())  errorCode %d error %s\n",
@@ -25,6 +27,7 @@ P4RuntimeLocalController::P4RuntimeLocalController(std::unique_ptr<p4::v1::P4Run
 int P4RuntimeLocalController::setForwardingPipelineConfigRequest(
     const p4::v1::SetForwardingPipelineConfigRequest& request) {
   const Vela::ActivityLockReleased released;
+  PIGrpcServerWaitStarted(secondsToStart);  // which makes the token
   grpc::ClientContext context;
   context.set_wait_for_ready(true);
   context.AddMetadata(PIGrpcServerLocalTokenKey(), PIGrpcServerLocalToken());
