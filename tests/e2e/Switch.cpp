@@ -34,6 +34,10 @@ Switch::Switch(const Options& options, std::unique_ptr<TempDir> directory)
       pipeline_(pipelineFor(options, directory_)) {}
 
 Switch::~Switch() {
+  // A process that a sanitizer only warns about goes on; its words must not get lost.
+  const std::string words = agent.output() + forwarder.output();
+  EXPECT_EQ(words.find("runtime error:"), std::string::npos);
+  EXPECT_EQ(words.find("Sanitizer:"), std::string::npos);
   if (!testing::Test::HasFailure()) return;
   std::cerr << "---- agent ----\n"
             << agent.output() << "---- forwarder ----\n"
