@@ -24,13 +24,9 @@ AgentOptions agentOptions(const Switch::Options& options, const TempDir& directo
 
 }  // namespace
 
-Switch::Switch(const Options& options) : Switch(options, std::make_unique<TempDir>()) {}
-
-Switch::Switch(const Options& options, std::unique_ptr<TempDir> directory)
-    : agent(agentOptions(options, *directory)),
-      forwarder(directory->file("state"), options.forwarder),
-      owned_(std::move(directory)),
-      directory_(*owned_),
+Switch::Switch(const Options& options)
+    : agent(agentOptions(options, directory_)),
+      forwarder(directory_.file("state"), options.forwarder),
       pipeline_(pipelineFor(options, directory_)) {}
 
 Switch::~Switch() {

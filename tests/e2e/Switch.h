@@ -17,6 +17,9 @@
 #include "tests/support/Views.h"
 
 class Switch {
+  // Before the processes, so that it is removed after their end.
+  const TestSupport::TempDir directory_;
+
  public:
   struct Options {
     double batchTimeout = 20;  // seconds
@@ -52,11 +55,8 @@ class Switch {
   std::string disagreement();
 
  private:
-  Switch(const Options& options, std::unique_ptr<TestSupport::TempDir> directory);
   std::string disagreementNow();
 
-  const std::unique_ptr<TestSupport::TempDir> owned_;
-  const TestSupport::TempDir& directory_;
   TestSupport::Pipeline pipeline_;
   std::unique_ptr<TestSupport::TestController> controller_;
   uint64_t electionId_ = 1;
