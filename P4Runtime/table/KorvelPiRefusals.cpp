@@ -39,6 +39,11 @@ pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t, pi_dev_id_t, pi_p4_
   return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
 }
 
+pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                          pi_indirect_handle_t) {
+  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+}
+
 pi_status_t _pi_act_prof_entries_fetch(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
                                        pi_act_prof_fetch_res_t*) {
   return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;

@@ -69,6 +69,11 @@ pi_status_t pi_act_prof_grp_remove_mbr(pi_session_handle_t session_handle, pi_de
   return _pi_act_prof_grp_remove_mbr(session_handle, dev_id, act_prof_id, grp_handle, mbr_handle);
 }
 
+pi_status_t pi_act_prof_grp_metadata_set(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                         pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle) {
+  return _pi_act_prof_grp_metadata_set(session_handle, dev_id, act_prof_id, grp_handle);
+}
+
 pi_status_t pi_act_prof_entries_fetch(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                       pi_p4_id_t act_prof_id, pi_act_prof_fetch_res_t** res) {
   *res = nullptr;

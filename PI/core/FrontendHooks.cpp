@@ -78,10 +78,12 @@ pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id
 pi_status_t pi_restore_action_profile_member_state(pi_dev_id_t dev_id, pi_p4_id_t act_prof_id,
                                                    const pi_action_data_t* action_data,
                                                    uint32_t controller_member_id,
-                                                   pi_indirect_handle_t mbr_handle) {
+                                                   pi_indirect_handle_t mbr_handle,
+                                                   const char* metadata, size_t metadata_size) {
   return toFrontend(dev_id, [&](const Frontend& frontend) {
-    return frontend.hooks.restore_action_profile_member(
-        frontend.cookie, dev_id, act_prof_id, action_data, controller_member_id, mbr_handle);
+    return frontend.hooks.restore_action_profile_member(frontend.cookie, dev_id, act_prof_id,
+                                                        action_data, controller_member_id,
+                                                        mbr_handle, metadata, metadata_size);
   });
 }
 
@@ -89,11 +91,12 @@ pi_status_t pi_restore_action_profile_group_state(pi_dev_id_t dev_id, pi_p4_id_t
                                                   uint32_t controller_group_id,
                                                   const pi_indirect_handle_t* members,
                                                   size_t num_members,
-                                                  pi_indirect_handle_t grp_handle) {
+                                                  pi_indirect_handle_t grp_handle,
+                                                  const char* metadata, size_t metadata_size) {
   return toFrontend(dev_id, [&](const Frontend& frontend) {
     return frontend.hooks.restore_action_profile_group(frontend.cookie, dev_id, act_prof_id,
                                                        controller_group_id, members, num_members,
-                                                       grp_handle);
+                                                       grp_handle, metadata, metadata_size);
   });
 }
 

@@ -29,12 +29,12 @@ pi_status_t restoreTableEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId,
 }
 
 pi_status_t restoreMember(void*, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t*, uint32_t,
-                          pi_indirect_handle_t) {
+                          pi_indirect_handle_t, const char*, size_t) {
   return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
 }
 
 pi_status_t restoreGroup(void*, pi_dev_id_t, pi_p4_id_t, uint32_t, const pi_indirect_handle_t*,
-                         size_t, pi_indirect_handle_t) {
+                         size_t, pi_indirect_handle_t, const char*, size_t) {
   return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
 }
 

@@ -32,6 +32,10 @@ pi_status_t pi_act_prof_grp_remove_mbr(pi_session_handle_t session_handle, pi_de
                                        pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle,
                                        pi_indirect_handle_t mbr_handle);
 
+/* This build's: see PI/target/pi_act_prof_imp.h. */
+pi_status_t pi_act_prof_grp_metadata_set(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                         pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle);
+
 /* Members and groups of the profile as they are now. On success *res is the caller's until
  * pi_act_prof_entries_fetch_done(); otherwise *res is NULL. One thread at a time may use it. */
 pi_status_t pi_act_prof_entries_fetch(pi_session_handle_t session_handle, pi_dev_id_t dev_id,

@@ -30,7 +30,10 @@ pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
                                                   uint32_t error_code);
 
 /* After a restart the target hands back what survived, members before groups before table entries,
- * before any controller's request is served; then it says that it has restored all. */
+ * before any controller's request is served; then it says that it has restored all. The metadata
+ * are the bytes that stood in pi_batch_current_metadata() when the object was last written. A
+ * controller's id of 0 is that of a member or group that the front end made on its own account. An
+ * entry with a direct meter that was set comes with its direct_res_config. */
 pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
                                          const pi_match_key_t* match_key,
                                          const pi_table_entry_t* table_entry,
@@ -40,12 +43,14 @@ pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id
 pi_status_t pi_restore_action_profile_member_state(pi_dev_id_t dev_id, pi_p4_id_t act_prof_id,
                                                    const pi_action_data_t* action_data,
                                                    uint32_t controller_member_id,
-                                                   pi_indirect_handle_t mbr_handle);
+                                                   pi_indirect_handle_t mbr_handle,
+                                                   const char* metadata, size_t metadata_size);
 pi_status_t pi_restore_action_profile_group_state(pi_dev_id_t dev_id, pi_p4_id_t act_prof_id,
                                                   uint32_t controller_group_id,
                                                   const pi_indirect_handle_t* members,
                                                   size_t num_members,
-                                                  pi_indirect_handle_t grp_handle);
+                                                  pi_indirect_handle_t grp_handle,
+                                                  const char* metadata, size_t metadata_size);
 pi_status_t pi_restore_done(pi_dev_id_t dev_id);
 
 #ifdef __cplusplus

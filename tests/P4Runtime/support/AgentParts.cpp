@@ -54,11 +54,10 @@ constexpr pi_frontend_hooks_t hooks{
       frontEndOf(cookie).settled.emplace_back(handle, code);
     },
     takeBack,
-    [](void*, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t*, uint32_t, pi_indirect_handle_t) {
-      return PI_STATUS_SUCCESS;
-    },
+    [](void*, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t*, uint32_t, pi_indirect_handle_t,
+       const char*, size_t) { return PI_STATUS_SUCCESS; },
     [](void*, pi_dev_id_t, pi_p4_id_t, uint32_t, const pi_indirect_handle_t*, size_t,
-       pi_indirect_handle_t) { return PI_STATUS_SUCCESS; },
+       pi_indirect_handle_t, const char*, size_t) { return PI_STATUS_SUCCESS; },
     [](void* cookie, pi_dev_id_t) {
       frontEndOf(cookie).restoreDone = true;
       return PI_STATUS_SUCCESS;

@@ -128,6 +128,10 @@ pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t, pi_dev_id_t, pi_p4_
                                         pi_indirect_handle_t, pi_indirect_handle_t) {
   return called("group remove");
 }
+pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                          pi_indirect_handle_t) {
+  return called("group metadata");
+}
 pi_status_t _pi_act_prof_entries_fetch(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
                                        pi_act_prof_fetch_res_t* res) {
   const FakeTarget& target = TheFakeTarget();

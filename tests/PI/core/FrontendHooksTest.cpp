@@ -32,18 +32,19 @@ struct Frontend {
                            std::string(metadata, size));
       return PI_STATUS_SUCCESS;
     };
-    hooks.restore_action_profile_member = [](void* cookie, pi_dev_id_t, pi_p4_id_t,
-                                             const pi_action_data_t*, uint32_t id,
-                                             pi_indirect_handle_t) {
-      of(cookie).push_back("member " + std::to_string(id));
-      return PI_STATUS_SUCCESS;
-    };
-    hooks.restore_action_profile_group = [](void* cookie, pi_dev_id_t, pi_p4_id_t, uint32_t id,
-                                            const pi_indirect_handle_t*, size_t count,
-                                            pi_indirect_handle_t) {
-      of(cookie).push_back("group " + std::to_string(id) + " of " + std::to_string(count));
-      return PI_STATUS_ALLOC_ERROR;
-    };
+    hooks.restore_action_profile_member =
+        [](void* cookie, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t*, uint32_t id,
+           pi_indirect_handle_t, const char* metadata, size_t size) {
+          of(cookie).push_back("member " + std::to_string(id) + " " + std::string(metadata, size));
+          return PI_STATUS_SUCCESS;
+        };
+    hooks.restore_action_profile_group =
+        [](void* cookie, pi_dev_id_t, pi_p4_id_t, uint32_t id, const pi_indirect_handle_t*,
+           size_t count, pi_indirect_handle_t, const char* metadata, size_t size) {
+          of(cookie).push_back("group " + std::to_string(id) + " of " + std::to_string(count) +
+                               " " + std::string(metadata, size));
+          return PI_STATUS_ALLOC_ERROR;
+        };
     hooks.restore_done = [](void* cookie, pi_dev_id_t id) {
       of(cookie).push_back("done " + std::to_string(id));
       return PI_STATUS_SUCCESS;
@@ -64,14 +65,15 @@ TEST(FrontendHooks, HearWhatTheTargetReportsOnTheirDevice) {
   const pi_table_entry_t entry{};
   const pi_entry_handle_t handle = 17;
   const pi_indirect_handle_t members[] = {1, 2};
-  EXPECT_EQ(pi_restore_action_profile_member_state(1, 2, nullptr, 5, 6), PI_STATUS_SUCCESS);
-  EXPECT_EQ(pi_restore_action_profile_group_state(1, 2, 8, members, 2, 9), PI_STATUS_ALLOC_ERROR);
+  EXPECT_EQ(pi_restore_action_profile_member_state(1, 2, nullptr, 5, 6, "m", 1), PI_STATUS_SUCCESS);
+  EXPECT_EQ(pi_restore_action_profile_group_state(1, 2, 8, members, 2, 9, "g", 1),
+            PI_STATUS_ALLOC_ERROR);
   EXPECT_EQ(pi_restore_table_entry_state(1, 2, &key, &entry, handle, 3, "meta", 4),
             PI_STATUS_SUCCESS);
   EXPECT_EQ(pi_restore_done(1), PI_STATUS_SUCCESS);
   EXPECT_EQ(pi_table_pending_entry_status_changed(1, &handle, 13), PI_STATUS_SUCCESS);
   EXPECT_THAT(frontend.told,
-              ElementsAre("member 5", "group 8 of 2", "restore key as 17 with 3 meta", "done 1",
+              ElementsAre("member 5 m", "group 8 of 2 g", "restore key as 17 with 3 meta", "done 1",
                           "entry 17 code 13"));
 
   EXPECT_EQ(pi_restore_done(2), PI_STATUS_DEV_NOT_ASSIGNED);

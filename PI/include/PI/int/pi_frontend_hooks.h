@@ -24,11 +24,13 @@ typedef struct {
                                                pi_p4_id_t act_prof_id,
                                                const pi_action_data_t* action_data,
                                                uint32_t controller_member_id,
-                                               pi_indirect_handle_t mbr_handle);
+                                               pi_indirect_handle_t mbr_handle,
+                                               const char* metadata, size_t metadata_size);
   pi_status_t (*restore_action_profile_group)(void* cookie, pi_dev_id_t dev_id,
                                               pi_p4_id_t act_prof_id, uint32_t controller_group_id,
                                               const pi_indirect_handle_t* members,
-                                              size_t num_members, pi_indirect_handle_t grp_handle);
+                                              size_t num_members, pi_indirect_handle_t grp_handle,
+                                              const char* metadata, size_t metadata_size);
   pi_status_t (*restore_done)(void* cookie, pi_dev_id_t dev_id);
 } pi_frontend_hooks_t;
 

@@ -27,6 +27,11 @@ pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t session_handle, pi_d
                                         pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle,
                                         pi_indirect_handle_t mbr_handle);
 
+/* Keeps pi_batch_current_metadata() with a group, whose members stay as they are; for a change that
+ * concerns the front end alone. It needs no word of the forwarding plane. */
+pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                          pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle);
+
 /* Layout of the result: PI/int/pi_int.h. */
 pi_status_t _pi_act_prof_entries_fetch(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                        pi_p4_id_t act_prof_id, pi_act_prof_fetch_res_t* res);

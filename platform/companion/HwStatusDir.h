@@ -1,0 +1,30 @@
+// What the forwarding agents say of the hardware's state: the counters of the flows they program.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/lattice/FlowCounters.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// Call with the activity lock held.
+class HwStatusDir : public Vela::Entity {
+ public:
+  // `stateDirectory` is where the forwarding agents write their counters; empty: there are none.
+  explicit HwStatusDir(std::string name, const std::string& stateDirectory = {});
+  const char* typeName() const override { return "P4Runtime::HwStatusDir"; }
+
+  // Every flow counter of that name, one for each forwarding agent that has it; valid until the
+  // next call.
+  const std::vector<Lattice::FlowCount>& flowCounterStatus(std::string_view flowName);
+
+ private:
+  std::unique_ptr<Lattice::FlowCounterReader> reader_;
+  std::vector<Lattice::FlowCount> found_;
+};
+
+}  // namespace P4Runtime

@@ -1,0 +1,53 @@
+// What forwarding agents have counted for the flows that they program, by the flow's name: each
+// forwarding agent writes a collection of its own into the state directory, and anyone reads them
+// all.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Lattice {
+
+// The name of the flow that an entry is programmed as. The P4Runtime agent's entries are counted
+// under this name followed by "-p4rt": see flowCounterName().
+std::string buildFlowName(uint64_t entryHandle);
+std::string flowCounterName(uint64_t entryHandle);
+
+struct FlowCount {
+  uint64_t bytes = 0;
+  uint64_t packets = 0;
+  friend bool operator==(const FlowCount&, const FlowCount&) = default;
+};
+
+// A forwarding agent's side. One thread uses it.
+class FlowCounterWriter {
+ public:
+  // `forwarderName` is the one the forwarding agent follows the tables under; a second writer of
+  // that name is refused. What an earlier process of that name had counted is dropped: its counters
+  // went with it. Throws Brine::StoreError.
+  static std::unique_ptr<FlowCounterWriter> create(const std::string& stateDirectory,
+                                                   const std::string& forwarderName);
+  virtual ~FlowCounterWriter() = default;
+
+  virtual void countIs(std::string_view name, const FlowCount& total) = 0;  // since it was made
+  virtual void countDel(std::string_view name) = 0;
+  // Makes the counts visible to readers, all at once. Throws Brine::StoreError when the state
+  // directory is full; what was set since the commit before is then lost.
+  virtual void commit() = 0;
+};
+
+// Reads what all forwarding agents of a state directory have committed, the newest of each. One
+// thread uses it. Collections that come, go or are damaged are no error.
+class FlowCounterReader {
+ public:
+  static std::unique_ptr<FlowCounterReader> create(const std::string& stateDirectory);
+  virtual ~FlowCounterReader() = default;
+
+  // Replaces what is in *out: one count for each forwarding agent that has the name.
+  virtual void counts(std::string_view name, std::vector<FlowCount>* out) = 0;
+};
+
+}  // namespace Lattice
