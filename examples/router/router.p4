@@ -1,7 +1,8 @@
 // A small IPv4 and IPv6 router for one switch, written for readers.
 //
-// A packet's port decides its VRF, the VRF's routes its next hop, the next hop its port and
-// neighbor, and the neighbor its destination MAC address. An access list has the last word.
+// A packet's port decides its VRF, the VRF's routes its next hop, or a group of next hops of which
+// the packet's flow picks one; the next hop its port and neighbor, and the neighbor its destination
+// MAC address. An access list has the last word, and polices what it lets through.
 // router.p4info.txtpb is what a P4 compiler says of this program to controllers;
 // router.entries.json holds the entries that stand in it.
 
@@ -11,6 +12,7 @@
 typedef bit<9> port_t;
 typedef bit<16> vrf_t;
 typedef bit<32> nexthop_t;
+typedef bit<32> wcmp_t;
 typedef bit<32> ipv4_addr_t;
 typedef bit<128> ipv6_addr_t;
 typedef bit<48> mac_addr_t;
@@ -21,6 +23,7 @@ const bit<16> ETHERTYPE_IPV6 = 0x86dd;
 const bit<8> PROTOCOL_TCP = 6;
 const bit<8> PROTOCOL_UDP = 17;
 const port_t CPU_PORT = 510;
+const bit<2> METER_RED = 2;
 
 // What travels before a packet from the controller: the port to send it from, or a wish to have it
 // routed like any other.
@@ -87,9 +90,11 @@ struct metadata_t {
   vrf_t vrf_id;
   bit<1> routed_as_ipv4;
   bit<1> routed_as_ipv6;
+  wcmp_t wcmp_id;
   nexthop_t nexthop_id;
   nexthop_t neighbor_id;
   bit<8> ip_protocol;
+  bit<2> acl_color;
 }
 
 parser packet_parser(packet_in packet, out headers_t hdr, inout metadata_t meta,
@@ -177,6 +182,10 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
   }
 
   @id(0x01000006) action set_nexthop(@id(1) nexthop_t nexthop_id) { meta.nexthop_id = nexthop_id; }
+  @id(0x0100000b) action set_wcmp(@id(1) wcmp_t wcmp_id) { meta.wcmp_id = wcmp_id; }
+
+  @id(0x13000001) direct_counter(CounterType.packets_and_bytes) ipv4_route_counter;
+  @id(0x13000002) direct_counter(CounterType.packets_and_bytes) ipv6_route_counter;
 
   @id(0x02000003)
   table ipv4_route {
@@ -184,8 +193,9 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
       meta.vrf_id : exact @id(1) @name("vrf_id");
       hdr.ipv4.dst_addr : lpm @id(2) @name("ipv4_dst") @format(IPV4_ADDRESS);
     }
-    actions = { set_nexthop; drop; }
+    actions = { set_nexthop; set_wcmp; drop; }
     const default_action = drop;
+    counters = ipv4_route_counter;
     size = 16384;
   }
 
@@ -195,9 +205,34 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
       meta.vrf_id : exact @id(1) @name("vrf_id");
       hdr.ipv6.dst_addr : lpm @id(2) @name("ipv6_dst") @format(IPV6_ADDRESS);
     }
-    actions = { set_nexthop; drop; }
+    actions = { set_nexthop; set_wcmp; drop; }
     const default_action = drop;
+    counters = ipv6_route_counter;
     size = 8192;
+  }
+
+  // Weighted ECMP: a flow keeps to one member of the group, and members get flows by weight.
+  @id(0x11000001) @max_group_size(512) @selector_size_semantics("sum_of_weights")
+  action_selector(HashAlgorithm.crc32, 32w16384, 32w16) wcmp_selector;
+  @id(0x13000003) direct_counter(CounterType.packets_and_bytes) wcmp_counter;
+
+  @id(0x02000008)
+  table wcmp {
+    key = {
+      meta.wcmp_id : exact @id(1) @name("wcmp_id");
+      hdr.ipv4.src_addr : selector;
+      hdr.ipv4.dst_addr : selector;
+      hdr.ipv6.src_addr : selector;
+      hdr.ipv6.dst_addr : selector;
+      meta.ip_protocol : selector;
+      hdr.l4.src_port : selector;
+      hdr.l4.dst_port : selector;
+    }
+    actions = { set_nexthop; @defaultonly NoAction; }
+    const default_action = NoAction;
+    implementation = wcmp_selector;
+    counters = wcmp_counter;
+    size = 4096;
   }
 
   @id(0x01000007) action forward(@id(1) port_t port, @id(2) mac_addr_t smac,
@@ -228,7 +263,10 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
     size = 4096;
   }
 
-  @id(0x01000009) action acl_permit() {}
+  @id(0x13000004) direct_counter(CounterType.packets_and_bytes) acl_counter;
+  @id(0x15000001) direct_meter<bit<2>>(MeterType.bytes) acl_meter;
+
+  @id(0x01000009) action acl_permit() { acl_meter.read(meta.acl_color); }
   @id(0x0100000a) action acl_drop() { mark_to_drop(std); }
 
   // The first match by priority decides; what matches nothing passes.
@@ -243,6 +281,8 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
     }
     actions = { acl_permit; acl_drop; to_controller; }
     const default_action = acl_permit;
+    counters = acl_counter;
+    meters = acl_meter;
     size = 1024;
   }
 
@@ -258,12 +298,14 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
     if (meta.routed_as_ipv4 == 1) ipv4_route.apply();
     if (meta.routed_as_ipv6 == 1) ipv6_route.apply();
     if (meta.routed_as_ipv4 == 1 || meta.routed_as_ipv6 == 1) {
+      if (meta.wcmp_id != 0) wcmp.apply();
       nexthop.apply();
       neighbor.apply();
     }
     if (meta.routed_as_ipv4 == 1) hdr.ipv4.ttl = hdr.ipv4.ttl - 1;
     if (meta.routed_as_ipv6 == 1) hdr.ipv6.hop_limit = hdr.ipv6.hop_limit - 1;
     acl.apply();
+    if (meta.acl_color == METER_RED) mark_to_drop(std);
   }
 }
 
