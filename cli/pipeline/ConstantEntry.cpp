@@ -27,13 +27,9 @@ uint32_t prefixLengthOf(std::string_view text, uint32_t bits) {
   return length;
 }
 
-const TableLayout& directLayout(const p4::config::v1::Table& table, const PipelineLayout& layout) {
+const TableLayout& layoutOf(const p4::config::v1::Table& table, const PipelineLayout& layout) {
   const TableLayout* found = layout.table(TableKind::match, table.preamble().id());
   if (found == nullptr) throw PipelineError("the table cannot be programmed");
-  if (found->indirect) {
-    throw PipelineError(
-        "the table takes members of an action profile; constant entries hold actions only");
-  }
   return *found;
 }
 
@@ -153,6 +149,13 @@ std::string actionData(const EntryDraft& draft) {
 
 }  // namespace
 
+void checkTakesActions(const p4::config::v1::Table& table) {
+  if (table.implementation_id() == 0) return;
+  throw PipelineError(
+      "the table takes members, groups or action sets of an action profile, and constant entries"
+      " hold actions only; let a controller insert it");
+}
+
 MatchValue matchValue(const std::string& text, uint32_t bits) {
   const auto split = [&](const char* separator, Form form) -> std::optional<MatchValue> {
     const size_t at = text.find(separator);
@@ -173,7 +176,7 @@ MatchValue matchValue(const std::string& text, uint32_t bits) {
 }
 
 ConstantEntry encodedEntry(const EntryDraft& draft, const PipelineLayout& layout) {
-  const TableLayout& table = directLayout(*draft.table, layout);
+  const TableLayout& table = layoutOf(*draft.table, layout);
   checkAction(draft, table);
   checkPriority(draft);
   return {table.id, matchKey(draft), draft.priority, draft.action->preamble().id(),

@@ -43,6 +43,10 @@ struct EntryDraft {
   std::vector<std::optional<std::string>> params;
 };
 
+// Throws PipelineError when the table's entries name members, groups or action sets of an action
+// profile: a constant entry holds an action.
+void checkTakesActions(const p4::config::v1::Table& table);
+
 // From the text of one value: "7", "10.0.0.0/8", "0x0800&&&0xffff", "1..7". Throws PipelineError.
 MatchValue matchValue(const std::string& text, uint32_t bits);
 

@@ -63,6 +63,7 @@ class JsonEntry {
   EntryDraft draft() {
     checkKeys();
     draft_.table = &index_.tableNamed(text("table"));
+    checkTakesActions(*draft_.table);
     draft_.match.resize(static_cast<size_t>(draft_.table->match_fields_size()));
     forEachItem("match", [this](const cJSON& item) { addMatch(item); });
     draft_.action = &index_.actionNamed(*draft_.table, text("action"));
@@ -163,13 +164,13 @@ MatchValue matchValueOf(const p4::v1::FieldMatch& match, uint32_t bits) {
 const p4::v1::TableEntry& insertedEntry(const p4::v1::Update& update) {
   if (update.type() != p4::v1::Update::INSERT)
     throw PipelineError("expected an INSERT, not " + p4::v1::Update::Type_Name(update.type()));
-  if (!update.entity().has_table_entry()) throw PipelineError("expected a table_entry");
+  if (!update.entity().has_table_entry())
+    throw PipelineError("expected a table_entry; nothing else can be constant");
   const p4::v1::TableEntry& entry = update.entity().table_entry();
   if (entry.is_default_action())
     throw PipelineError("it sets a default action, which the agent does not do");
   if (entry.has_meter_config() || entry.has_counter_data() || entry.has_meter_counter_data())
     throw PipelineError("constant entries carry no meter or counter");
-  if (!entry.action().has_action()) throw PipelineError("it has no action");
   if (entry.priority() < 0) throw PipelineError("its priority is negative");
   return entry;
 }
@@ -180,6 +181,8 @@ EntryDraft draftOf(const p4::v1::Update& update, const P4InfoIndex& index) {
   draft.table = index.table(entry.table_id());
   if (draft.table == nullptr)
     throw PipelineError("there is no table " + std::to_string(entry.table_id()));
+  checkTakesActions(*draft.table);
+  if (!entry.action().has_action()) throw PipelineError("it has no action");
   draft.priority = static_cast<uint32_t>(entry.priority());
   draft.match.resize(static_cast<size_t>(draft.table->match_fields_size()));
   for (const p4::v1::FieldMatch& match : entry.match()) {

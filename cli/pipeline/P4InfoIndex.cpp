@@ -49,6 +49,8 @@ class ReferenceCheck {
       checkInnerIds("action " + action.preamble().name(), "parameter", action.params());
     }
     for (const auto& profile : p4Info_.action_profiles()) checkProfile(profile);
+    checkDirectResources("direct counter", p4Info_.direct_counters());
+    checkDirectResources("direct meter", p4Info_.direct_meters());
     for (const auto& header : p4Info_.controller_packet_metadata()) {
       checkInnerIds("header " + header.preamble().name(), "metadata field", header.metadata());
     }
@@ -113,11 +115,25 @@ class ReferenceCheck {
         index_.actionProfile(table.implementation_id()) == nullptr)
       dangling(name, "action profile", table.implementation_id());
     for (const uint32_t id : table.direct_resource_ids()) {
-      if (ids_.count(id) == 0) dangling(name, "direct resource", id);
+      if (!isDirectResource(id)) dangling(name, "direct resource", id);
     }
     const uint32_t defaultAction = table.const_default_action_id();
     if (defaultAction != 0 && index_.action(defaultAction) == nullptr)
       dangling(name, "default action", defaultAction);
+  }
+
+  bool isDirectResource(uint32_t id) const {
+    const auto it = ids_.find(id);
+    return it != ids_.end() && it->second.starts_with("direct ");
+  }
+
+  template <typename Resources>
+  void checkDirectResources(const std::string& kind, const Resources& resources) {
+    for (const auto& resource : resources) {
+      const uint32_t id = resource.direct_table_id();
+      if (index_.table(id) == nullptr)
+        dangling(kind + ' ' + resource.preamble().name(), "table", id);
+    }
   }
 
   void checkProfile(const p4::config::v1::ActionProfile& profile) {

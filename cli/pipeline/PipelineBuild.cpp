@@ -11,6 +11,7 @@
 #include "cli/pipeline/Names.h"
 #include "cli/pipeline/P4InfoIndex.h"
 #include "cli/pipeline/PipelineFile.h"
+#include "cli/pipeline/ProfileCheck.h"
 #include "cli/pipeline/TypeCheck.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/tmp/p4config.pb.h"
@@ -73,6 +74,7 @@ void buildPipeline(const BuildOptions& options, Findings* findings) {
   checkMandatorySections(*p4Info, findings);
   if (findings->hasErrors()) return;
 
+  checkProfiles(index, findings);
   const PipelineLayout layout = pipelineLayout(index, findings);
   std::vector<ConstantEntry> entries;
   if (!options.entriesPath.empty())

@@ -9,6 +9,7 @@
 #include "cli/pipeline/Json.h"
 #include "cli/pipeline/P4InfoIndex.h"
 #include "cli/pipeline/PipelineFile.h"
+#include "cli/pipeline/ProfileCheck.h"
 #include "cli/pipeline/TypeCheck.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
@@ -159,6 +160,7 @@ void checkPipeline(const std::string& path, Findings* findings) {
   checkReferences(index, findings);
   checkMandatorySections(request.config().p4info(), findings);
   const bool sound = !findings->hasErrors();
+  if (sound) checkProfiles(index, findings);
 
   const DeviceConfig device = parsedDeviceConfig(path, deviceData(path, request), findings);
   const CompiledTypes types = checkTypes(device, findings);

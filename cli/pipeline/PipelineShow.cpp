@@ -87,6 +87,45 @@ std::string tableHead(const cJSON* table) {
   return head + '\n';
 }
 
+std::string actionsText(const cJSON* owner) {
+  std::string lines;
+  for (const cJSON* action : Items(owner, "actions")) {
+    lines += fmt::format("  action  {}({}){}\n", text(action, "name"), fieldsText(action, "params"),
+                         flag(action, "default_only") ? "   as default only" : "");
+  }
+  return lines;
+}
+
+std::string namesText(const cJSON* object, const char* key) {
+  std::string list;
+  for (const cJSON* name : Items(object, key))
+    list += fmt::format("{}{}", list.empty() ? "" : ", ", name->valuestring);
+  return list;
+}
+
+std::string profileText(const cJSON* profile) {
+  std::string page =
+      fmt::format("action profile {}   id {}", text(profile, "name"), number(profile, "id"));
+  if (const uint32_t size = number(profile, "size"); size != 0)
+    page += fmt::format(", room for {}", size);
+  if (flag(profile, "selector")) {
+    const bool weights = text(profile, "size_semantics") == "sum_of_weights";
+    page += fmt::format(", groups of up to {} members{}", number(profile, "max_group_size"),
+                        weights ? ", counted by weight" : "");
+    if (const uint32_t weight = number(profile, "max_member_weight"); weight != 0)
+      page += fmt::format(" of weight {} at most", weight);
+  } else {
+    page += ", members only";
+  }
+  page += '\n';
+  if (text(profile, "member_table").empty()) page += "  CANNOT BE PROGRAMMED\n";
+  page += fmt::format("  tables  {}\n", namesText(profile, "tables"));
+  const std::string groups = text(profile, "group_table");
+  page += fmt::format("  rows    {}{}\n", text(profile, "member_table"),
+                      flag(profile, "selector") && !groups.empty() ? ", " + groups : "");
+  return page + actionsText(profile);
+}
+
 std::string tableText(const cJSON* table) {
   std::string page = tableHead(table);
   if (!flag(table, "programmable"))
@@ -97,10 +136,8 @@ std::string tableText(const cJSON* table) {
                         fmt::format("bit<{}>", number(field, "bitwidth")), text(field, "match"),
                         column.empty() ? "" : column + " : " + text(field, "column_type"));
   }
-  for (const cJSON* action : Items(table, "actions")) {
-    page += fmt::format("  action  {}({}){}\n", text(action, "name"), fieldsText(action, "params"),
-                        flag(action, "default_only") ? "   as default only" : "");
-  }
+  // The entries of a profile's table name members and groups; these hold the actions.
+  if (text(table, "action_profile").empty()) page += actionsText(table);
   for (const cJSON* entry : Items(table, "constant_entries")) {
     page += fmt::format("  entry   {}\n", entryText(entry));
   }
@@ -126,11 +163,7 @@ std::string headText(const cJSON* view) {
 std::string pageOf(const cJSON* view) {
   std::string page = headText(view);
   for (const cJSON* table : Items(view, "tables")) page += '\n' + tableText(table);
-  for (const cJSON* profile : Items(view, "action_profiles")) {
-    page += fmt::format("\naction profile {}   id {}, room for {}{}\n", text(profile, "name"),
-                        number(profile, "id"), number(profile, "size"),
-                        flag(profile, "selector") ? ", with groups" : "");
-  }
+  for (const cJSON* profile : Items(view, "action_profiles")) page += '\n' + profileText(profile);
   for (const cJSON* header : Items(view, "packet_headers")) {
     page +=
         fmt::format("\npacket header {}({})\n", text(header, "name"), fieldsText(header, "fields"));

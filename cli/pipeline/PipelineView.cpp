@@ -1,7 +1,9 @@
 // Collecting what 'korvel pipeline show' shows.
 #include "cli/pipeline/PipelineView.h"
 
+#include <algorithm>
 #include <map>
+#include <utility>
 
 #include "cli/pipeline/DeviceConfig.h"
 #include "cli/pipeline/EntryText.h"
@@ -9,6 +11,7 @@
 #include "cli/pipeline/Finding.h"
 #include "cli/pipeline/Names.h"
 #include "cli/pipeline/P4InfoIndex.h"
+#include "cli/pipeline/ProfileCheck.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 
@@ -45,7 +48,7 @@ class ViewMaker {
     layout_ = pipelineLayout(index_, &findings);
     for (DeviceTable& table :
          parsedDeviceConfig(path, deviceData(path, request), &findings).tables) {
-      if (table.kind == TableKind::match) device_.emplace(table.id, std::move(table));
+      device_.emplace(std::make_pair(table.kind, table.id), std::move(table));
     }
   }
 
@@ -86,7 +89,7 @@ class ViewMaker {
     stringItemIs(object, "name", table.preamble().name());
     numberItemIs(object, "id", id);
     numberItemIs(object, "size", static_cast<double>(table.size()));
-    const auto device = device_.find(id);
+    const auto device = device_.find({TableKind::match, id});
     const auto refused = layout_.refused.find(id);
     const bool programmable = refused == layout_.refused.end() && device != device_.end();
     boolItemIs(object, "programmable", programmable);
@@ -99,7 +102,7 @@ class ViewMaker {
     }
     boolItemIs(object, "constant", table.is_const_table());
     addMatchFields(table, newArrayItem(object, "match_fields"));
-    addActions(table, newArrayItem(object, "actions"));
+    addActions(table.action_refs(), newArrayItem(object, "actions"));
     boolItemIs(object, "direct_counter", index_.hasDirectCounter(table));
     boolItemIs(object, "direct_meter", index_.hasDirectMeter(table));
     if (const auto* profile = index_.actionProfile(table.implementation_id()))
@@ -127,8 +130,9 @@ class ViewMaker {
     }
   }
 
-  void addActions(const p4::config::v1::Table& table, cJSON* actions) {
-    for (const auto& ref : table.action_refs()) {
+  template <typename ActionRefs>
+  void addActions(const ActionRefs& refs, cJSON* actions) {
+    for (const auto& ref : refs) {
       const p4::config::v1::Action& action = *index_.action(ref.id());
       cJSON* item = newObjectIn(actions);
       stringItemIs(item, "name", action.preamble().name());
@@ -170,6 +174,29 @@ class ViewMaker {
     numberItemIs(object, "id", profile.preamble().id());
     numberItemIs(object, "size", static_cast<double>(profile.size()));
     boolItemIs(object, "selector", profile.with_selector());
+    if (profile.with_selector()) addSelector(profile, object);
+    for (const auto& [key, kind] : {std::pair{"member_table", TableKind::member},
+                                    std::pair{"group_table", TableKind::group}}) {
+      const auto device = device_.find({kind, profile.preamble().id()});
+      if (device != device_.end()) stringItemIs(object, key, device->second.name);
+    }
+    cJSON* tables = newArrayItem(object, "tables");
+    for (const uint32_t id : profile.table_ids())
+      cJSON_AddItemToArray(tables, cJSON_CreateString(index_.table(id)->preamble().name().c_str()));
+    // P4Runtime wants all tables of a profile to have the same actions.
+    if (profile.table_ids().empty()) return;
+    addActions(index_.table(profile.table_ids(0))->action_refs(), newArrayItem(object, "actions"));
+  }
+
+  // The largest group as the agent will hold it, whatever more the P4Info promises.
+  static void addSelector(const p4::config::v1::ActionProfile& profile, cJSON* object) {
+    const int64_t size = profile.max_group_size();
+    numberItemIs(object, "max_group_size",
+                 static_cast<double>(size > 0 ? std::min(size, maxGroupWeight) : maxGroupWeight));
+    stringItemIs(object, "size_semantics",
+                 profile.has_sum_of_members() ? "sum_of_members" : "sum_of_weights");
+    if (profile.sum_of_members().max_member_weight() > 0)
+      numberItemIs(object, "max_member_weight", profile.sum_of_members().max_member_weight());
   }
 
   const p4::v1::SetForwardingPipelineConfigRequest& request_;
@@ -177,7 +204,7 @@ class ViewMaker {
   const P4InfoIndex index_;
   JsonPtr root_;
   PipelineLayout layout_;
-  std::map<uint32_t, DeviceTable> device_;
+  std::map<std::pair<TableKind, uint32_t>, DeviceTable> device_;
 };
 
 }  // namespace

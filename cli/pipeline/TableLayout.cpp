@@ -190,12 +190,11 @@ class LayoutMaker {
   void addProfile(const p4::config::v1::ActionProfile& profile) {
     const std::string object = "action profile " + profile.preamble().name();
     std::vector<uint32_t> actionIds;
-    for (const auto& table : index_.p4Info().tables()) {
-      if (table.implementation_id() != profile.preamble().id()) continue;
-      for (const auto& ref : table.action_refs()) actionIds.push_back(ref.id());
+    for (const uint32_t id : profile.table_ids()) {
+      for (const auto& ref : index_.table(id)->action_refs()) actionIds.push_back(ref.id());
     }
     if (actionIds.empty()) {
-      findings_->warning(object, "is used by no table with actions, and is left out");
+      findings_->warning(object, "lists no table with actions, and is left out");
       return;
     }
     Findings saidOfTheTables;

@@ -22,6 +22,9 @@ class ConstantEntryTest : public ScratchTest {
       match_fields { id: 3 name: "opt" bitwidth: 8 match_type: OPTIONAL } }
     tables { preamble { id: 3 name: "c.refused" } action_refs { id: 17 }
       match_fields { id: 1 name: "x" bitwidth: 20 match_type: EXACT } }
+    tables { preamble { id: 4 name: "c.ecmp" } action_refs { id: 17 } implementation_id: 9
+      match_fields { id: 1 name: "x" bitwidth: 8 match_type: EXACT } }
+    action_profiles { preamble { id: 9 name: "c.p" } table_ids: 4 }
     actions { preamble { id: 17 name: "c.set" alias: "set" }
       params { id: 1 name: "mac" bitwidth: 48 } params { id: 2 name: "n" bitwidth: 12 } }
     actions { preamble { id: 18 name: "c.nop" alias: "nop" } })")),
@@ -128,6 +131,13 @@ TEST_F(ConstantEntryTest, ThatDoNotFitAreRefusedByName) {
        "entry 1 (table c.lpm): expected an INSERT, not MODIFY"},
       {R"(updates { type: INSERT entity { table_entry { table_id: 9 action { action { } } } } })",
        "entry 1: there is no table 9"},
+      {R"([{"table": "ecmp", "match": {"x": 1}, )" + std::string(set) + "}]",
+       "entry 1 (table ecmp): the table takes members, groups or action sets of an action profile"},
+      {R"(updates { type: INSERT entity { table_entry { table_id: 4
+            action { action_profile_group_id: 1 } } } })",
+       "entry 1 (table c.ecmp): the table takes members, groups"},
+      {R"(updates { type: INSERT entity { action_profile_member { member_id: 1 } } })",
+       "entry 1: expected a table_entry; nothing else can be constant"},
       {"updates { type: }", "entries:1:17: "},
   };
   for (const auto& c : cases) {

@@ -294,6 +294,13 @@ TEST_F(PipelineFileTest, OfTheRouterExampleHasNothingToObjectTo) {
   options.outputPath = path("router");
   built(options);
   EXPECT_EQ(checked(options.outputPath), "");
+  EXPECT_THAT(shownPipeline(options.outputPath, false),
+              HasSubstr("action profile ingress.wcmp_selector   id 285212673, room for 16384, "
+                        "groups of up to 512 members, counted by weight\n"
+                        "  tables  ingress.wcmp\n"
+                        "  rows    wcmp_selector.member, wcmp_selector.group\n"
+                        "  action  ingress.set_nexthop(nexthop_id: bit<32>)\n"
+                        "  action  NoAction()   as default only\n"));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "cli/pipeline/TableLayout.h"
 
 #include "cli/pipeline/P4InfoIndex.h"
+#include "cli/pipeline/ProfileCheck.h"
 #include "platform/lattice/TableType.h"
 #include "tests/cli/pipeline/Scratch.h"
 
@@ -159,6 +160,60 @@ TEST(ActionProfiles, GetMemberAndGroupTablesAndTheirTablesIndirectColumns) {
   EXPECT_EQ(member->tableName, "t.member");
 }
 
+TEST(ActionProfiles, ThatDoNotFitTheirTablesOrTheAgentAreWarnedOf) {
+  const auto p4InfoWith = [](const std::string& profile, const std::string& secondTable = "") {
+    return p4InfoOf(
+        R"(tables { preamble { id: 33554433 name: "c.t" } implementation_id: 285212673
+             match_fields { id: 1 name: "f" bitwidth: 8 match_type: EXACT }
+             action_refs { id: 16777217 } } )" +
+        secondTable + R"( actions { preamble { id: 16777217 name: "c.a" } }
+           actions { preamble { id: 16777218 name: "c.b" } }
+           action_profiles { preamble { id: 285212673 name: "c.p" } )" +
+        profile + " }");
+  };
+  const auto second = [](const std::string& rest) {
+    return R"(tables { preamble { id: 33554434 name: "c.u" }
+                match_fields { id: 1 name: "f" bitwidth: 8 match_type: EXACT } )" +
+           rest + " }";
+  };
+  const std::string listed = "table_ids: 33554433 ";
+  const std::string selector = listed + "with_selector: true ";
+  const std::string both = selector + "table_ids: 33554434";
+  const struct {
+    P4Info p4Info;
+    const char* warning;
+  } cases[] = {
+      {p4InfoWith(selector + "size: 4096 max_group_size: 2048"), ""},
+      {p4InfoWith(listed + "size: 16"), ""},
+      {p4InfoWith(selector + "max_group_size: 2049"),
+       "action profile c.p: allows groups of 2049 members, counted with their weights; the agent"
+       " holds 2048 in one group"},
+      {p4InfoWith(selector + "max_group_size: 300 sum_of_members { max_member_weight: 10 }"),
+       "action profile c.p: allows groups of 3000 members"},
+      {p4InfoWith(selector + "size: 100 max_group_size: 101"),
+       "action profile c.p: allows groups of 101 members, but has room for 100 in all"},
+      {p4InfoWith(listed + "max_group_size: 8"),
+       "action profile c.p: has a group size, but no selector: it takes members only"},
+      {p4InfoWith(""), "table c.t: names the action profile c.p, which does not list it"},
+      {p4InfoWith(both, second("action_refs { id: 16777217 }")),
+       "action profile c.p: lists the table c.u, which does not use it"},
+      {p4InfoWith(both, second("implementation_id: 285212673 action_refs { id: 16777218 }")),
+       "action profile c.p: its tables c.t and c.u have different actions"},
+      {p4InfoWith(both, second("implementation_id: 285212673 action_refs { id: 16777217 "
+                               "scope: GROUP_ACTION }")),
+       "table c.u: its group action \"c.a\" is not run: action sets with it are refused"},
+  };
+  for (const auto& c : cases) {
+    Findings findings;
+    const P4InfoIndex index(c.p4Info);
+    checkReferences(index, &findings);
+    checkProfiles(index, &findings);
+    const std::string wanted = *c.warning ? "warning: " + std::string(c.warning) : "";
+    EXPECT_EQ(textOf(findings).substr(0, wanted.size()), wanted) << textOf(findings);
+    EXPECT_EQ(findings.list().size(), *c.warning ? 1u : 0u) << textOf(findings);
+  }
+}
+
 TEST(References, ThatLeadNowhereAreErrors) {
   const std::string action = R"(actions { preamble { id: 16777217 name: "a" } })";
   const struct {
@@ -174,6 +229,11 @@ TEST(References, ThatLeadNowhereAreErrors) {
        "error: table t: names the action profile 9, which is not in the P4Info\n"},
       {R"(tables { preamble { id: 33554433 name: "t" } direct_resource_ids: 9 })",
        "error: table t: names the direct resource 9, which is not in the P4Info\n"},
+      {R"(tables { preamble { id: 33554433 name: "t" } direct_resource_ids: 7 }
+          counters { preamble { id: 7 name: "c" } })",
+       "error: table t: names the direct resource 7, which is not in the P4Info\n"},
+      {R"(direct_meters { preamble { id: 7 name: "m" } direct_table_id: 9 })",
+       "error: direct meter m: names the table 9, which is not in the P4Info\n"},
       {R"(action_profiles { preamble { id: 9 name: "p" } table_ids: 8 })",
        "error: action profile p: names the table 8, which is not in the P4Info\n"},
       {R"(tables { preamble { id: 1 name: "t" } match_fields { id: 1 name: "x" }
