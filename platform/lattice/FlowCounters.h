@@ -27,16 +27,21 @@ class FlowCounterWriter {
  public:
   // `forwarderName` is the one the forwarding agent follows the tables under; a second writer of
   // that name is refused. What an earlier process of that name had counted is dropped: its counters
-  // went with it. Throws Brine::StoreError.
+  // went with it. Makes the state directory when it is not there. A name has 1 to 64 bytes. Throws
+  // Brine::StoreError.
   static std::unique_ptr<FlowCounterWriter> create(const std::string& stateDirectory,
                                                    const std::string& forwarderName);
   virtual ~FlowCounterWriter() = default;
 
+  // Names have 1 to 2,048 bytes.
   virtual void countIs(std::string_view name, const FlowCount& total) = 0;  // since it was made
   virtual void countDel(std::string_view name) = 0;
   // Makes the counts visible to readers, all at once. Throws Brine::StoreError when the state
   // directory is full; what was set since the commit before is then lost.
   virtual void commit() = 0;
+  // False once the state directory was removed or made anew: nobody reads these counts any more.
+  // Create another writer then.
+  virtual bool reachable() const = 0;
 };
 
 // Reads what all forwarding agents of a state directory have committed, the newest of each. One
