@@ -2,7 +2,10 @@
 
 #include <unistd.h>
 
+#include <absl/container/flat_hash_set.h>
+
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
@@ -62,10 +65,13 @@ void BatchStatus::onBatchEnd() {
 // The state directory took nothing of the batch: each of its updates has failed.
 void BatchStatus::failAll(const std::string& reason) {
   SCRIVEL_TRACE(0, "onBatchEnd", " cannot store the batch: ", reason);
-  const auto pending = pending_;
-  for (const auto& [handle, sequence] : pending) {
-    completedTransactionStatusIs(
-        {handle, static_cast<uint16_t>(ErrorCode::outOfResources), reason});
+  for (const EntryHandle handle : handles_) {
+    const BatchStatusEntry failed(handle, static_cast<uint16_t>(ErrorCode::outOfResources), reason);
+    if (pending_.contains(handle)) {
+      completedTransactionStatusIs(failed);
+    } else if (const auto done = completed_.find(handle); done != completed_.end()) {
+      done->second = failed;  // it needed no word of the forwarding plane, but had to be stored
+    }
   }
 }
 
@@ -74,9 +80,27 @@ void BatchStatus::onBatchUpdateComplete() {
 }
 
 void BatchStatus::onBatchRollback() {
-  const auto pending = std::exchange(pending_, {});
+  const std::vector<EntryHandle> unfinished = unfinishedUpdates();
+  pending_.clear();
   if (!rollBack_) return;
-  for (const auto& [handle, sequence] : pending) rollBack_(handle);
+  std::for_each(unfinished.rbegin(), unfinished.rend(), rollBack_);
+}
+
+// The handles of every offset that has one pending, as they were written.
+std::vector<EntryHandle> BatchStatus::unfinishedUpdates() const {
+  absl::flat_hash_set<BatchOffset> offsets;
+  for (const auto& [handle, sequence] : pending_) {
+    const auto found = handleToOffsets_.find(handle);
+    if (found != handleToOffsets_.end()) offsets.insert(found->second.begin(), found->second.end());
+  }
+  const auto isUnfinished = [&](EntryHandle handle) {
+    const Offsets& own = handleToOffsets_.at(handle);
+    return std::any_of(own.begin(), own.end(),
+                       [&](BatchOffset offset) { return offsets.contains(offset); });
+  };
+  std::vector<EntryHandle> unfinished;
+  std::copy_if(handles_.begin(), handles_.end(), std::back_inserter(unfinished), isUnfinished);
+  return unfinished;
 }
 
 void BatchStatus::onBatchConfirmed() {
@@ -92,6 +116,7 @@ void BatchStatus::cleanUpBatchState() {
     if (notifyFd() >= 0) [[maybe_unused]]
       const auto drained = read(notifyFd(), &left, sizeof left);
   }
+  handles_.clear();
   handleToOffsets_.clear();
   offsetToHandle_.clear();
   pending_.clear();
@@ -100,7 +125,9 @@ void BatchStatus::cleanUpBatchState() {
 }
 
 void BatchStatus::newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset) {
-  auto& offsets = handleToOffsets_[handle];
+  const auto [found, isNew] = handleToOffsets_.try_emplace(handle);
+  if (isNew) handles_.push_back(handle);
+  Offsets& offsets = found->second;
   if (std::find(offsets.begin(), offsets.end(), offset) == offsets.end()) offsets.push_back(offset);
   offsetToHandle_[offset] = handle;
 }

@@ -65,10 +65,13 @@ class BatchStatus : public Vela::Entity {
   void onBatchEnd();             // makes the batch's rows and records visible, all at once
   void onBatchUpdateComplete();  // the waiting begins
   void onBatchSettled();         // every outcome is known
-  void onBatchRollback();        // puts back what is still pending; reports on it count no more
-  void onBatchConfirmed();       // all of it is programmed: what is left to store can wait
+  // Puts back each update that has a handle still pending, in the reverse order of its writes;
+  // reports on it count no more.
+  void onBatchRollback();
+  void onBatchConfirmed();  // all of it is programmed: what is left to store can wait
   void cleanUpBatchState();
 
+  // An offset may have several handles: its update then succeeds only with all of them.
   void newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset);
   // A handle written at several offsets stands for all of them, in ascending order.
   using Offsets = absl::InlinedVector<BatchOffset, 2>;
@@ -76,8 +79,10 @@ class BatchStatus : public Vela::Entity {
     return handleToOffsets_;
   }
   const absl::btree_map<BatchOffset, EntryHandle>& batchOffsetToEntryHandle() const {
-    return offsetToHandle_;
+    return offsetToHandle_;  // the one written last
   }
+  // The batch's handles in the order in which they were first written.
+  const std::vector<EntryHandle>& entryHandles() const { return handles_; }
 
   // The handle has a pending operation that the report with this sequence number will complete; an
   // earlier one of the batch, and a completion of it, is forgotten.
@@ -85,6 +90,8 @@ class BatchStatus : public Vela::Entity {
   // Nobody waits for the handle's report any more: it was undone, or settled otherwise.
   void pendingOperationDel(EntryHandle handle) { pending_.erase(handle); }
   void pendingOperationDelAll() { pending_.clear(); }
+  bool pendingOperationHas(EntryHandle handle) const { return pending_.contains(handle); }
+  size_t pendingOperationCount() const { return pending_.size(); }
 
   // Completes the entry's operation. One with no pending operation is complete without the
   // forwarding plane: the baseline then rises along with the count.
@@ -112,8 +119,10 @@ class BatchStatus : public Vela::Entity {
   void notify(uint64_t count);
   bool accept(const Lattice::Report& report);
   void failAll(const std::string& reason);
+  std::vector<EntryHandle> unfinishedUpdates() const;
 
   Lattice::Database* database_;
+  std::vector<EntryHandle> handles_;
   absl::flat_hash_map<EntryHandle, Offsets> handleToOffsets_;
   absl::btree_map<BatchOffset, EntryHandle> offsetToHandle_;
   absl::flat_hash_map<EntryHandle, uint64_t> pending_;  // to sequence; completed ones leave

@@ -5,6 +5,8 @@
 #include <absl/hash/hash.h>
 
 #include <algorithm>
+#include <limits>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,40 @@ struct Binding {
   MatchKey matchKey() const { return {rid.id, priority, bytes}; }
 };
 
+// Table entries count up from 1 and never get this far.
+constexpr EntryHandle indirectMark = EntryHandle{1} << 63;
+constexpr uint64_t groupMark = uint64_t{1} << 32;
+constexpr uint64_t largestId = std::numeric_limits<uint32_t>::max();
+
+// The members, or the groups, of all action profiles.
+struct IndirectHandles {
+  explicit IndirectHandles(uint64_t mark, ResourceType type) : mark(mark), type(type) {}
+
+  uint64_t alloc(uint32_t actProfId) {
+    if (profileOf.size() >= largestId) throw std::length_error("no handle is left");
+    do {
+      lastId = lastId == largestId ? 1 : lastId + 1;
+    } while (profileOf.contains(mark | lastId));
+    profileOf.emplace(mark | lastId, actProfId);
+    return mark | lastId;
+  }
+  bool restore(uint32_t actProfId, uint64_t handle) {
+    const uint64_t id = handle ^ mark;
+    if (id == 0 || id > largestId) return false;
+    if (!profileOf.emplace(handle, actProfId).second) return false;
+    lastId = std::max(lastId, id);
+    return true;
+  }
+  EntryHandle entryHandle(uint64_t handle) const {
+    return profileOf.contains(handle) ? indirectMark | handle : 0;
+  }
+
+  const uint64_t mark;  // the upper half of each handle
+  const ResourceType type;
+  absl::flat_hash_map<uint64_t, uint32_t> profileOf;
+  uint64_t lastId = 0;  // lower half
+};
+
 }  // namespace
 
 // Each binding is stored once, in a slot; the two indexes hold slot numbers.
@@ -57,7 +93,10 @@ struct P4HandleMgr::Impl {
   absl::flat_hash_set<uint32_t, KeyOf, KeyOf> slotOfKey{0, KeyOf{&slots}, KeyOf{&slots}};
   absl::flat_hash_map<uint64_t, size_t> counts;  // by resource
   EntryHandle lastHandle = 0;
+  IndirectHandles members{0, actionProfileResource};
+  IndirectHandles groups{groupMark, groupTableResource};
 
+  IndirectHandles& indirect(EntryHandle handle) { return handle & groupMark ? groups : members; }
   static uint64_t countKey(ResourceId rid) { return (uint64_t{rid.type} << 32) | rid.id; }
 
   uint32_t newSlot(EntryHandle handle, const MatchKey& key) {
@@ -123,11 +162,54 @@ void P4HandleMgr::reserveUpTo(EntryHandle handle) {
   impl_->lastHandle = std::max(impl_->lastHandle, handle);
 }
 
+MemberHandle P4HandleMgr::allocMemberHandle(uint32_t actProfId) {
+  return impl_->members.alloc(actProfId);
+}
+GroupHandle P4HandleMgr::allocGroupHandle(uint32_t actProfId) {
+  return impl_->groups.alloc(actProfId);
+}
+
+EntryHandle P4HandleMgr::memberHandleToEntryHandle(MemberHandle handle) const {
+  return impl_->members.entryHandle(handle);
+}
+EntryHandle P4HandleMgr::groupHandleToEntryHandle(GroupHandle handle) const {
+  return impl_->groups.entryHandle(handle);
+}
+bool P4HandleMgr::memberHandleToEntryHandleHas(MemberHandle handle) const {
+  return memberHandleToEntryHandle(handle) != 0;
+}
+bool P4HandleMgr::groupHandleToEntryHandleHas(GroupHandle handle) const {
+  return groupHandleToEntryHandle(handle) != 0;
+}
+
+bool P4HandleMgr::restoreMemberHandle(uint32_t actProfId, MemberHandle handle) {
+  return impl_->members.restore(actProfId, handle);
+}
+bool P4HandleMgr::restoreGroupHandle(uint32_t actProfId, GroupHandle handle) {
+  return impl_->groups.restore(actProfId, handle);
+}
+
+void P4HandleMgr::freeMemberHandle(MemberHandle handle) { impl_->members.profileOf.erase(handle); }
+void P4HandleMgr::freeGroupHandle(GroupHandle handle) { impl_->groups.profileOf.erase(handle); }
+
+uint64_t P4HandleMgr::cachedHandle(EntryHandle handle) { return handle & ~indirectMark; }
+
+void P4HandleMgr::freeEntryHandle(EntryHandle handle) {
+  if ((handle & indirectMark) == 0) return freeTableEntryHandle(handle);
+  impl_->indirect(handle).profileOf.erase(cachedHandle(handle));
+}
+
 bool P4HandleMgr::entryHandleToResourceIdHas(EntryHandle handle) const {
-  return impl_->slotOfHandle.contains(handle);
+  return entryHandleToResourceId(handle) != ResourceId{};
 }
 
 ResourceId P4HandleMgr::entryHandleToResourceId(EntryHandle handle) const {
+  if ((handle & indirectMark) != 0) {
+    const IndirectHandles& handles = impl_->indirect(handle);
+    const auto found = handles.profileOf.find(cachedHandle(handle));
+    if (found == handles.profileOf.end()) return {};
+    return {handles.type, found->second};
+  }
   const auto found = impl_->slotOfHandle.find(handle);
   return found == impl_->slotOfHandle.end() ? ResourceId{} : impl_->slots[found->second].rid;
 }

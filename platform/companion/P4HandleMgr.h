@@ -1,5 +1,5 @@
-// Allocates entry handles and keeps, both ways, the mapping between a handle and the match key it
-// is bound to. Call with the activity lock held.
+// Allocates entry, member and group handles and keeps, both ways, the mapping between an entry
+// handle and what it stands for. Call with the activity lock held.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,8 @@ namespace P4Runtime {
 
 // Match keys are PI bytes: a size and that many bytes; with the table id and the priority they name
 // an entry. A handle is never used twice in the life of a state directory's entries: new handles
-// start above every restored one.
+// start above every restored one. The entry handle of a member or group follows from its member or
+// group handle, so that it is the same after a restart.
 class P4HandleMgr : public Vela::RefCounted {
  public:
   P4HandleMgr();
@@ -39,6 +40,22 @@ class P4HandleMgr : public Vela::RefCounted {
   // The next handle will be above this one.
   void reserveUpTo(EntryHandle handle);
 
+  // A new handle, mapped to its entry handle. Throws std::length_error when all are taken.
+  MemberHandle allocMemberHandle(uint32_t actProfId);
+  GroupHandle allocGroupHandle(uint32_t actProfId);
+  bool memberHandleToEntryHandleHas(MemberHandle handle) const;
+  bool groupHandleToEntryHandleHas(GroupHandle handle) const;
+  EntryHandle memberHandleToEntryHandle(MemberHandle handle) const;  // 0 when it is free
+  EntryHandle groupHandleToEntryHandle(GroupHandle handle) const;
+  // Take a handle of an earlier process. False when it is none, or taken.
+  bool restoreMemberHandle(uint32_t actProfId, MemberHandle handle);
+  bool restoreGroupHandle(uint32_t actProfId, GroupHandle handle);
+  void freeMemberHandle(MemberHandle handle);  // nothing when it is free already
+  void freeGroupHandle(GroupHandle handle);
+  // The member or group handle that an entry handle stands for; the handle of a table entry itself.
+  static uint64_t cachedHandle(EntryHandle handle);
+
+  void freeEntryHandle(EntryHandle handle);  // of an entry, member or group
   bool entryHandleToResourceIdHas(EntryHandle handle) const;
   ResourceId entryHandleToResourceId(EntryHandle handle) const;  // {} when free
   size_t entryHandleCount(ResourceId rid) const;

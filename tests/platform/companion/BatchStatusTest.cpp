@@ -122,12 +122,13 @@ TEST_F(BatchStatusTest, InStepCompletesWhatItCovers) {
   EXPECT_EQ(completions(), 0u);
 }
 
-TEST_F(BatchStatusTest, RollbackPutsBackWhatIsPendingAndListensNoMore) {
-  pending(1);
-  pending(2);
-  reported(1, 101);
+TEST_F(BatchStatusTest, RollbackPutsBackWholeUpdatesAndListensNoMore) {
+  for (const EntryHandle handle : {1, 2, 3, 4}) pending(handle);
+  batch_.newEntryHandleForBatchOffset(1, 0);
+  for (const EntryHandle handle : {2, 3, 4}) batch_.newEntryHandleForBatchOffset(handle, 7);
+  for (const EntryHandle handle : {1, 3, 4}) reported(handle, handle + 100);
   batch_.onBatchRollback();
-  EXPECT_EQ(rolledBack_, Handles{2});
+  EXPECT_EQ(rolledBack_, (Handles{4, 3, 2})) << "all of the update, the last write first";
   reported(2, 102);
   EXPECT_FALSE(completed(2));
   EXPECT_EQ(strays_, Handles{2});
