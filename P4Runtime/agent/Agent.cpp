@@ -112,6 +112,7 @@ void Agent::doFetchMounts(const Orrery::EntityManager& entityManager) {
 void Agent::doBuildTableProgramming() {
   piContextIs(piContextFactory());
   piContext()->p4RtSystemStatusIs(p4RtSystemStatus());
+  piContext()->hwStatusDirIs(Vela::make<HwStatusDir>("hwStatus", runtime_.stateDirectory));
   ThePiContextIs(piContext());
   p4HandleMgrIs(Vela::make<P4HandleMgr>());
   piContext()->p4HandleMgrIs(p4HandleMgr());

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cassert>
 #include <chrono>
+#include <span>
 #include <stdexcept>
 
 #include "P4Runtime/agent/KorvelPiServer.h"
@@ -50,6 +51,11 @@ pi_dev_id_t configuredDeviceId() {
 
 void tellPiLibrary(EntryHandle handle, uint32_t errorCode) {
   pi_table_pending_entry_status_changed(configuredDeviceId(), &handle, errorCode);
+}
+
+void settleEntry(EntryHandle handle, uint32_t errorCode) {
+  TheTableImpl()->updateCachedEntryState(handle, errorCode != 0);
+  tellPiLibrary(handle, errorCode);
 }
 
 enum class TimeoutOrReady { timeout, ready };
@@ -121,21 +127,64 @@ void copyPendingStatus(StatusVector& statusVector) {
   }
 }
 
-// Later offsets first, so that removing an element moves only those that have failed.
-void handleCompletedTransactions(StatusVector& statusVector) {
-  const BatchStatus& batchStatus = *TheBatchStatus();
-  std::vector<std::pair<BatchOffset, const BatchStatusEntry*>> completed;
-  completed.reserve(batchStatus.completedTransactionStatus().size());
-  for (const auto& [handle, entry] : batchStatus.completedTransactionStatus()) {
-    const auto offsets = batchStatus.entryHandleToBatchOffset().find(handle);
-    const bool known = offsets != batchStatus.entryHandleToBatchOffset().end();
-    completed.emplace_back(known ? offsets->second.back() : 0, &entry);
+// What is known of one handle of the batch.
+struct Outcome {
+  BatchOffset offset = 0;
+  EntryHandle handle = 0;
+  const BatchStatusEntry* entry = nullptr;  // null: not completed
+};
+
+// Later offsets first, so that removing an element moves only those that have failed; within one
+// the later writes first, since they may stand on the earlier ones.
+std::vector<Outcome> outcomes(const BatchStatus& batchStatus) {
+  const auto& handles = batchStatus.entryHandles();
+  const auto& completed = batchStatus.completedTransactionStatus();
+  std::vector<Outcome> result;
+  result.reserve(handles.size());
+  for (auto handle = handles.rbegin(); handle != handles.rend(); ++handle) {
+    const auto done = completed.find(*handle);
+    result.push_back({batchStatus.entryHandleToBatchOffset().at(*handle).back(), *handle,
+                      done == completed.end() ? nullptr : &done->second});
   }
-  std::sort(completed.begin(), completed.end(),
-            [](const auto& a, const auto& b) { return a.first > b.first; });
-  for (const auto& [offset, entry] : completed) {
-    markStatusEntryNotPending(statusVector, entry->entryHandle(), entry->errorCode(),
-                              entry->errorMessage());
+  const auto later = [](const Outcome& a, const Outcome& b) { return a.offset > b.offset; };
+  if (!std::is_sorted(result.begin(), result.end(), later)) {
+    std::stable_sort(result.begin(), result.end(), later);
+  }
+  return result;
+}
+
+// All handles of an update share its fate: one failure undoes them all.
+void settleUpdate(StatusVector& statusVector, std::span<Outcome> update) {
+  const auto failed = [](const Outcome& one) { return one.entry && one.entry->errorCode() != 0; };
+  const auto isOpen = [](const Outcome& one) {
+    return TheBatchStatus()->pendingOperationHas(one.handle);
+  };
+  const auto firstFailed = std::find_if(update.begin(), update.end(), failed);
+  const auto element = statusIterAtOffset(statusVector, update.front().offset);
+  const bool succeeds =
+      firstFailed == update.end() && element != statusVector.end() && isPending(element->second);
+  if (succeeds && std::any_of(update.begin(), update.end(), isOpen)) return;  // it has timed out
+  if (firstFailed != update.end()) std::rotate(update.begin(), firstFailed, firstFailed + 1);
+  bool hasLeft = false;  // the element, the vector
+  for (const Outcome& one : update) {
+    if (!one.entry) continue;
+    if (hasLeft) {
+      settleEntry(one.handle, 0);
+    } else {
+      markStatusEntryNotPending(statusVector, one.handle, one.entry->errorCode(),
+                                one.entry->errorMessage());
+      hasLeft = succeeds;
+    }
+  }
+}
+
+void handleCompletedTransactions(StatusVector& statusVector) {
+  std::vector<Outcome> all = outcomes(*TheBatchStatus());
+  for (auto first = all.begin(); first != all.end();) {
+    const auto next = std::find_if(first, all.end(),
+                                   [&](const Outcome& one) { return one.offset != first->offset; });
+    settleUpdate(statusVector, {first, next});
+    first = next;
   }
 }
 
@@ -209,16 +258,18 @@ StatusIter markStatusEntryNotPending(StatusVector& statusVector, EntryHandle han
     settleStatusEntry(statusVector, earlier, errorCode, message);
     if (errorCode == 0) ++removedBefore;
   }
-  TheTableImpl()->updateCachedEntryState(handle, errorCode != 0);
-  tellPiLibrary(handle, errorCode);
+  settleEntry(handle, errorCode);
   return statusVector.begin() + position - removedBefore + (errorCode != 0 ? 1 : 0);
 }
 
 void maybeHandleTimedOutStatusEntries(StatusVector& statusVector) {
-  const auto pending = [](const auto& element) { return isPending(element.second); };
-  if (std::none_of(statusVector.begin(), statusVector.end(), pending)) return;
   BatchStatus& batchStatus = *TheBatchStatus();
-  std::vector<EntryHandle> timedOut;
+  const auto pending = [](const auto& element) { return isPending(element.second); };
+  // An update may have failed although part of it was never reported on.
+  if (std::none_of(statusVector.begin(), statusVector.end(), pending) &&
+      batchStatus.pendingOperationCount() == 0) {
+    return;
+  }
   for (auto& [offset, error] : statusVector) {
     if (!isPending(error)) {
       SCRIVEL_TRACE(0, "maybeHandleTimedOutStatusEntries", " ignoring offset ", offset,
@@ -236,7 +287,10 @@ void maybeHandleTimedOutStatusEntries(StatusVector& statusVector) {
         fmt::format("Hardware programming for table id:{} could not be verified", tableId));
     SCRIVEL_TRACE(0, "maybeHandleTimedOutStatusEntries", " offset ", offset,
                   " failed due to timeout. ", error.message());
-    timedOut.push_back(found->second);
+  }
+  std::vector<EntryHandle> timedOut;
+  for (const EntryHandle handle : batchStatus.entryHandles()) {
+    if (batchStatus.pendingOperationHas(handle)) timedOut.push_back(handle);
   }
   if (timedOut.empty()) return;
   batchStatus.onBatchRollback();
@@ -256,8 +310,8 @@ void maybePretendHwProgramming() {
          !batchStatus->pretendHwProgrammingTimeout() ||
          (batchStatus->pretendHwProgrammingFailedOffset() !=
           batchStatus->pretendHwProgrammingTimeoutOffset()));
-  const auto entries = batchStatus->batchOffsetToEntryHandle();
-  for (const auto& [offset, handle] : entries) {
+  for (const EntryHandle handle : batchStatus->entryHandles()) {
+    const BatchOffset offset = batchStatus->entryHandleToBatchOffset().at(handle).back();
     if (batchStatus->pretendHwProgrammingTimeout() &&
         offset == batchStatus->pretendHwProgrammingTimeoutOffset()) {
       continue;  // stays pending, so that the time-out takes its course
@@ -351,6 +405,11 @@ pi_status_t _pi_session_cleanup(pi_session_handle_t session_handle) {
   const ActivityLock lock;
   SCRIVEL_TRACE(1, "_pi_session_cleanup", " session_handle: ", session_handle);
   return PI_STATUS_SUCCESS;
+}
+
+// There is no way to the ports yet.
+pi_status_t _pi_packetout_send(pi_dev_id_t, const char*, size_t) {
+  return PI_STATUS_PACKETOUT_SEND_ERROR;
 }
 
 pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {

@@ -4,6 +4,7 @@
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "platform/companion/BatchStatus.h"
+#include "platform/companion/HwStatusDir.h"
 #include "platform/companion/P4HandleMgr.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
@@ -24,6 +25,7 @@ class PiContext : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4HandleMgr>, p4HandleMgr, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus>, p4RtSystemStatus, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<HwStatusDir>, hwStatusDir, nullptr)
 };
 
 PiContext::Ptr piContextFactory();

@@ -146,6 +146,7 @@ void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
       const uint32_t id = jsonNumber(reference).value_or(0);
       if (tableInfo_->directMeterIds({directMeterResource, id})) {
         tableInfo_->hasDirectMeterIs(rid, true);
+        tableInfo_->directMeterOfIs(rid, id);
       } else if (tableInfo_->directCounterIds({directCounterResource, id})) {
         tableInfo_->hasDirectCounterIs(rid, true);
       }
@@ -156,7 +157,10 @@ void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
 void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {
   for (const cJSON* profile : JsonElements(jsonArray(p4Info, "actionProfiles"))) {
     const ResourceId rid{actionProfileResource, jsonPreambleId(profile)};
-    tableInfo_->resourceNameIs(rid, jsonPreambleName(profile));
+    const ResourceId groupRid{groupTableResource, rid.id};
+    for (const ResourceId& one : {rid, groupRid}) {
+      tableInfo_->resourceNameIs(one, jsonPreambleName(profile));
+    }
     ActionIdCol actions(rid);
     const cJSON* tableIds = jsonArray(profile, "tableIds");
     for (const cJSON* reference : JsonElements(tableIds)) {

@@ -231,7 +231,6 @@ void P4TableInfoSm::createRowConstructor(const cJSON* table) {
 
 void P4TableInfoSm::doFindUnprogrammable() {
   for (const auto& [rid, widths] : tableInfo_->fieldBitwidthsCollection().values()) {
-    if (rid.type != tableResource && rid.type != actionResource) continue;
     std::string why = tableInfo_->whyUnprogrammable(rid);
     if (const auto& constructor = tableInfo_->rowConstructor(rid); why.empty() && constructor) {
       why = whyTypeDisagrees(*tableInfo_, rid, constructor->type());
@@ -240,8 +239,8 @@ void P4TableInfoSm::doFindUnprogrammable() {
   }
   for (const auto& [rid, why] : tableInfo_->unprogrammableCollection().values()) {
     SCRIVEL_TRACE(0, "P4TableInfoSm", tableInfo_->nameOf(rid), " cannot be programmed: ", why);
-    fmt::print(stderr, "korvel: {} {} cannot be programmed: {}; writes of it will be refused\n",
-               rid.type == tableResource ? "table" : "action", tableInfo_->nameOf(rid), why);
+    fmt::print(stderr, "korvel: {} cannot be programmed: {}; writes of it will be refused\n",
+               tableInfo_->kindAndName(rid), why);
   }
 }
 

@@ -53,6 +53,7 @@ void P4TableInfo::modelDel() {
   constEntriesDelAll();
   rowConstructorDelAll();
   latticeTableInterfaceDelAll();
+  directMeterOfDelAll();
   resourceNameDelAll();
   slotNamesDelAll();
   unprogrammableDelAll();
@@ -62,6 +63,14 @@ void P4TableInfo::modelDel() {
 std::string P4TableInfo::nameOf(ResourceId rid) const {
   const std::string& name = resourceName(rid);
   return name.empty() ? toText(rid) : name;
+}
+
+std::string P4TableInfo::kindAndName(ResourceId rid) const {
+  const bool isProfile = rid.type == actionProfileResource || rid.type == groupTableResource;
+  const char* const kind = rid.type == actionResource ? "action"
+                           : isProfile                ? "action profile"
+                                                      : "table";
+  return std::string(kind) + ' ' + nameOf(rid);
 }
 
 std::shared_ptr<const Lattice::TableType> P4TableInfo::typeOfTable(

@@ -46,6 +46,8 @@ class P4TableInfo : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(P4TableInfoState, tableInfoState, P4TableInfoState::tableInfoNotReady)
   VELA_READONLY_ATTRIBUTE(uint32_t, cleanupRequestId, 0)
   VELA_READONLY_ATTRIBUTE(uint32_t, cleanupResponseId, 0)
+  // A table's direct meter, by its id in the P4Info; 0 without one.
+  VELA_COLLECTION(ResourceId, uint32_t, directMeterOf)
   // Names for messages: of tables and actions, and of what their slots belong to.
   VELA_COLLECTION(ResourceId, std::string, resourceName)
   VELA_COLLECTION(ResourceId, std::vector<std::string>, slotNames)
@@ -79,6 +81,7 @@ class P4TableInfo : public Vela::Entity {
   void modelDel();
   // The object's name, or what kind it is and its id when it has none.
   std::string nameOf(ResourceId rid) const;
+  std::string kindAndName(ResourceId rid) const;  // "table ingress.acl", for messages
   // The type of the table of that name; null when the pipeline has none.
   std::shared_ptr<const Lattice::TableType> typeOfTable(const std::string& tableName) const;
   // "name entries/size" a line, for operators.

@@ -48,11 +48,38 @@ std::string whyActionDiffers(const FieldBitwidths& widths, const Lattice::Action
   return {};
 }
 
+// The rows of members and groups are found by a 32-bit id.
+std::string whyIdDiffers(const Lattice::TableType& type, const char* id) {
+  const auto& key = type.keyColumns();
+  if (key.size() == 1 && key[0].type == ColumnType::u32 && key[0].role == ColumnRole::exact) {
+    return {};
+  }
+  return fmt::format("its type {} is not keyed by {} : U32 alone", type.name(), id);
+}
+
+std::string whyGroupDiffers(const Lattice::TableType& type) {
+  const auto& parts = type.valueParts();
+  if (parts.size() == 1 && parts[0].part == Part::column &&
+      parts[0].column.type == ColumnType::u32Array) {
+    return whyIdDiffers(type, "group_id");
+  }
+  return fmt::format("its type {} has other columns than member_id : U32[]", type.name());
+}
+
+std::string whyMemberDiffers(const Lattice::TableType& type) {
+  const auto& parts = type.valueParts();
+  if (parts.size() == 1 && parts[0].part == Part::action) return whyIdDiffers(type, "member_id");
+  return fmt::format("its type {} has other columns than the action", type.name());
+}
+
 }  // namespace
 
 std::string whyTypeDisagrees(const P4TableInfo& tableInfo, ResourceId table,
                              const Lattice::TableType& type) {
-  const std::string why = whyKeyDiffers(tableInfo.fieldBitwidths(table), type);
+  if (table.type == groupTableResource) return whyGroupDiffers(type);
+  const std::string why = table.type == actionProfileResource
+                              ? whyMemberDiffers(type)
+                              : whyKeyDiffers(tableInfo.fieldBitwidths(table), type);
   if (!why.empty()) return why;
   for (const auto& action : type.actions()) {
     // An action that the P4Info does not give the table is never asked for.

@@ -1,4 +1,8 @@
-// Counters: only traced and acknowledged; the server refuses what would need more.
+// Counters: direct ones are read from what the forwarding agents have counted; all else is only
+// traced and acknowledged, and the server refuses it.
+#include <string>
+
+#include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/PiDebug.h"
 #include "PI/target/pi_counter_imp.h"
 #include "platform/scrivel/Trace.h"
@@ -32,7 +36,7 @@ pi_status_t _pi_counter_write(pi_session_handle_t session_handle, pi_dev_tgt_t d
   return PI_STATUS_SUCCESS;
 }
 
-// No entry has a counter in the forwarding plane yet, so all have counted nothing.
+// An entry that no forwarding agent has counted for has counted nothing.
 pi_status_t _pi_counter_read_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                     pi_p4_id_t counter_id, pi_entry_handle_t entry_handle,
                                     int flags, pi_counter_data_t* counter_data) {
@@ -43,6 +47,13 @@ pi_status_t _pi_counter_read_direct(pi_session_handle_t session_handle, pi_dev_t
   counter_data->valid = PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES;
   counter_data->bytes = 0;
   counter_data->packets = 0;
+  const auto hwStatusDir = P4Runtime::ThePiContext()->hwStatusDir();
+  if (!hwStatusDir) return PI_STATUS_SUCCESS;
+  const std::string flowName = Lattice::flowCounterName(entry_handle);
+  for (const Lattice::FlowCount& count : hwStatusDir->flowCounterStatus(flowName)) {
+    counter_data->bytes += count.bytes;
+    counter_data->packets += count.packets;
+  }
   return PI_STATUS_SUCCESS;
 }
 

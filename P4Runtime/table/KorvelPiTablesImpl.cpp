@@ -2,12 +2,12 @@
 #include <fmt/format.h>
 
 #include <cassert>
-#include <cstring>
-#include <memory>
 
 #include "P4Runtime/pi/Entered.h"
 #include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pi/Storing.h"
 #include "P4Runtime/pipeline/PiDebug.h"
+#include "P4Runtime/table/FetchBuffer.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi_extensions.h"
@@ -79,51 +79,14 @@ EntryHandle addEntry(TableImpl& tableImpl, pi_p4_id_t tableId, const pi_match_ke
       pi_batch_current_offset(), ErrorCode::invalidArgument);
 }
 
-// What the store has no room for fails the update, whose row is put back.
-template <typename Body>
-void storing(EntryHandle handle, Body body) {
-  try {
-    body();
-  } catch (const std::exception& e) {
-    throw P4RuntimeException(e.what(), handle, pi_batch_current_offset(),
-                             ErrorCode::outOfResources);
-  }
-}
-
 void cacheEntry(TableImpl& tableImpl, pi_p4_id_t tableId, EntryHandle handle,
                 const pi_match_key_t& matchKey, const pi_table_entry_t& entry) {
   const ResourceId rid{tableResource, tableId};
-  const char* metadata = nullptr;
-  size_t metadataSize = 0;
-  pi_batch_current_metadata(&metadata, &metadataSize);
   storing(handle, [&] {
     tableImpl.addCachedEntry(rid, handle, matchKey, entry, pi_batch_current_controller_metadata());
-    tableImpl.cachedMetadataIs(rid, handle, {metadata, metadataSize});
+    tableImpl.cachedMetadataIs(rid, handle, currentMetadata());
   });
 }
-
-// Appends fetched entries to a buffer, each field little-endian, none padded.
-class FetchBuffer {
- public:
-  explicit FetchBuffer(size_t size) : bytes_(new char[size]), size_(size) {}
-
-  template <typename T>
-  void put(T value) {
-    put(&value, sizeof value);
-  }
-  void put(const void* bytes, size_t size) {
-    std::memcpy(bytes_.get() + used_, bytes, size);
-    used_ += size;
-  }
-  bool fits(size_t bytes) const { return used_ + bytes <= size_; }
-  size_t used() const { return used_; }
-  char* release() { return bytes_.release(); }
-
- private:
-  std::unique_ptr<char[]> bytes_;
-  size_t size_;
-  size_t used_ = 0;
-};
 
 constexpr size_t fixedBytesPerEntry = 24;  // handle, priority, type, properties, direct resources
 constexpr size_t directBytes = 8;          // action id and size

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstdint>
 
+#include "platform/lattice/RowConstructor.h"
+
 namespace P4Runtime {
 
 struct RowFields {
@@ -18,6 +20,8 @@ struct RowFields {
   uint32_t actionId = 0;
   uint32_t indirectId = 0;
   uint8_t isGroup = 0;
+  uint32_t id = 0;                // of a member or group
+  Lattice::ArrayField memberIds;  // of a group
 
   template <typename T>
   void append(const T* field) {

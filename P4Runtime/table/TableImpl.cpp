@@ -88,15 +88,15 @@ void TableImpl::maybeCheckTableSizeLimit(const ResourceId& rid, EntryHandle hand
 TableImpl::Table TableImpl::requireTable(const ResourceId& rid) const {
   if (const std::string& why = tableInfo_->unprogrammable(rid); !why.empty()) {
     refuse(ErrorCode::cannotProgram,
-           fmt::format("table {} cannot be programmed: {}", tableInfo_->nameOf(rid), why));
+           fmt::format("{} cannot be programmed: {}", tableInfo_->kindAndName(rid), why));
   }
   const auto& interface = tableInfo_->latticeTableInterface(rid);
   const auto& constructor = tableInfo_->rowConstructor(rid);
   if (!interface || !constructor || !interface->ready()) {
     refuse(ErrorCode::cannotProgram,
-           fmt::format("table {} is not part of the pipeline's device configuration; build the "
-                       "pipeline file anew from its P4Info",
-                       tableInfo_->nameOf(rid)));
+           fmt::format("{} is not part of the pipeline's device configuration; build the pipeline "
+                       "file anew from its P4Info",
+                       tableInfo_->kindAndName(rid)));
   }
   return {rid, tableInfo_->fieldBitwidths(rid), *constructor, *interface,
           tableInfo_->priorityNeeded(rid)};
@@ -130,8 +130,8 @@ void TableImpl::extractActionFields(const ResourceId& tableRid, uint32_t actionI
   const ResourceId actionRid{actionResource, actionId};
   if (const std::string& why = tableInfo_->unprogrammable(actionRid); !why.empty()) {
     refuse(ErrorCode::cannotProgram,
-           fmt::format("action {} of table {} cannot be programmed: {}",
-                       tableInfo_->nameOf(actionRid), tableInfo_->nameOf(tableRid), why));
+           fmt::format("{} of {} cannot be programmed: {}", tableInfo_->kindAndName(actionRid),
+                       tableInfo_->kindAndName(tableRid), why));
   }
   const FieldBitwidths& widths = tableInfo_->fieldBitwidths(actionRid);
   if (actionSize != widths.encodedSize()) {
@@ -260,21 +260,21 @@ EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle, bool i
       if (!keep) table.interface.rowIs(row, handle);
       return handle;
     }
-    const PendingOperation& operation =
-        newPendingOperation(handle, PendingOperationType::tableEntryAdd, table.rid,
-                            std::move(oldRow), std::move(row), {}, isNew);
-    pendingSequenceIs(handle, table.interface.rowIs(*operation.newRow, handle));
+    PendingOperation& operation =
+        newPendingOperation(handle, PendingOperationType::entryAdd, table.rid, std::move(oldRow),
+                            std::move(row), {}, isNew);
+    awaitReport(handle, operation, table.interface.rowIs(*operation.newRow, handle));
     return handle;
   } catch (const P4RuntimeException&) {
     throw;
   } catch (const Lattice::TypeError& e) {
     refuse(ErrorCode::internalError,
-           fmt::format("table {}: {}", tableInfo_->nameOf(table.rid), e.what()));
+           fmt::format("{}: {}", tableInfo_->kindAndName(table.rid), e.what()));
   } catch (const Brine::StoreError& e) {
     refuse(ErrorCode::outOfResources, e.what(), handle);
   } catch (const std::exception& e) {  // a key that the store cannot hold
     refuse(ErrorCode::cannotProgram,
-           fmt::format("table {}: {}", tableInfo_->nameOf(table.rid), e.what()), handle);
+           fmt::format("{}: {}", tableInfo_->kindAndName(table.rid), e.what()), handle);
   }
 }
 
@@ -294,11 +294,16 @@ EntryHandle TableImpl::tableEntryDeleteWithKey(uint32_t tableId, uint32_t priori
     refuse(ErrorCode::invalidKey,
            fmt::format("table {} has no entry with this match key", tableInfo_->nameOf(table.rid)));
   }
+  return deleteRow(table, handle, std::move(rowKey));
+}
+
+EntryHandle TableImpl::deleteRow(const Table& table, EntryHandle handle, std::string rowKey) {
   auto oldRow = table.interface.row(rowKey);
-  newPendingOperation(handle, PendingOperationType::tableEntryDelete, table.rid, std::move(oldRow),
-                      std::nullopt, rowKey, false);
+  PendingOperation& operation =
+      newPendingOperation(handle, PendingOperationType::entryDelete, table.rid, std::move(oldRow),
+                          std::nullopt, rowKey, false);
   try {
-    pendingSequenceIs(handle, table.interface.rowDel(rowKey, handle));
+    awaitReport(handle, operation, table.interface.rowDel(rowKey, handle));
   } catch (const Brine::StoreError& e) {
     refuse(ErrorCode::outOfResources, e.what(), handle);
   }
@@ -326,8 +331,15 @@ PendingOperation& TableImpl::newPendingOperation(EntryHandle handle, PendingOper
   return operation;
 }
 
-void TableImpl::pendingSequenceIs(EntryHandle handle, uint64_t sequence) {
-  if (sequence != 0) TheBatchStatus()->pendingOperationIs(handle, sequence);
+void TableImpl::awaitReport(EntryHandle handle, PendingOperation& operation, uint64_t sequence) {
+  if (sequence == 0) return;
+  operation.awaited = true;
+  TheBatchStatus()->pendingOperationIs(handle, sequence);
+}
+
+size_t TableImpl::numPendingEntries() const {
+  return std::count_if(pendingOperations_.begin(), pendingOperations_.end(),
+                       [](const auto& one) { return one.second.awaited; });
 }
 
 void TableImpl::clearPendingOperations() {
@@ -339,7 +351,7 @@ void TableImpl::clearPendingOperations() {
 void TableImpl::handleConstTablesProgrammed() {
   if (!constTablesProgrammed()) return;
   SCRIVEL_TRACE(1, "TableImpl",
-                " Finished programming const entries - num:: ", numPendingEntries());
+                " Finished programming const entries - num:: ", pendingOperations_.size());
   clearPendingOperations();
 }
 

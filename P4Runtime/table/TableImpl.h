@@ -12,6 +12,7 @@
 
 #include "P4Runtime/pipeline/P4CounterMeters.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
+#include "P4Runtime/table/Restoring.h"
 #include "P4Runtime/table/TableCache.h"
 #include "PI/pi_tables.h"
 #include "platform/companion/ErrorCode.h"
@@ -24,11 +25,12 @@ namespace P4Runtime {
 class EntryFailures;
 struct RowFields;
 
-enum class PendingOperationType { tableEntryAdd, tableEntryDelete };
+enum class PendingOperationType { entryAdd, entryDelete };
 
-// One entry that the current batch has written: how to put it back should it fail.
+// One entry, member or group that the current batch has written: how to put it back should it fail.
 struct PendingOperation {
-  PendingOperationType type = PendingOperationType::tableEntryAdd;
+  PendingOperationType type = PendingOperationType::entryAdd;
+  bool awaited = false;  // by the batch: the forwarding agents report on it
   ResourceId rid;
   std::string rowKey;
   std::optional<Lattice::Row> oldRow;
@@ -70,9 +72,29 @@ class TableImpl : public Vela::Entity {
   EntryHandle tableEntryDeleteWithKey(uint32_t tableId, uint32_t priority, size_t keySize,
                                       const char* key);
 
+  // Members and groups go by their handles: upper half 0 and 1, the lower half keys the row.
+  // `action` as above. All answer the entry handle that batch and pending operations go by.
+  EntryHandle actionProfileMemberEntryAdd(uint32_t actProfId, uint32_t actionId, size_t actionSize,
+                                          const char* action, MemberHandle handle);
+  EntryHandle actionProfileMemberEntryDelete(uint32_t actProfId, MemberHandle handle);
+  // Writes no row: a group has one from its first member on.
+  EntryHandle actionProfileGroupEntryAdd(uint32_t actProfId, GroupHandle handle);
+  EntryHandle actionProfileGroupEntryDelete(uint32_t actProfId, GroupHandle handle);
+  // A member may be in a group several times.
+  EntryHandle actionProfileGroupAddMbr(uint32_t actProfId, GroupHandle group, MemberHandle member);
+  EntryHandle actionProfileGroupDelMbr(uint32_t actProfId, GroupHandle group, MemberHandle member);
+  // Only what is kept beside the group's record changes; complete at once.
+  EntryHandle actionProfileGroupTouch(uint32_t actProfId, GroupHandle handle);
+
   void addCachedEntry(const ResourceId& rid, EntryHandle handle, const pi_match_key_t& matchKey,
                       const pi_table_entry_t& tableEntry, uint64_t controllerMetadata);
-  // The controller's metadata bytes, which a record has no room for; empty removes them.
+  // Of a member; `memberId` is the controller's.
+  void addCachedEntry(const ResourceId& rid, EntryHandle handle, const pi_action_data_t& action,
+                      uint32_t memberId);
+  // Of a group, whose members are read back from its row; `groupId` is the controller's.
+  void addCachedEntry(const ResourceId& rid, EntryHandle handle, uint32_t groupId);
+  // The bytes that the PI library keeps with an entry, member or group, and for which a record has
+  // no room; empty removes them.
   void cachedMetadataIs(const ResourceId& rid, EntryHandle handle, std::string_view metadata);
   std::string cachedMetadata(const CacheKey& key) const;
   void deleteCachedEntry(const ResourceId& rid, EntryHandle handle);
@@ -85,11 +107,13 @@ class TableImpl : public Vela::Entity {
   // Gives what survived a restart back to the PI library and to the handle manager. Rows that are
   // as they were are not written again.
   void restoreCachedEntries();
+  void restoreActionMemberCachedEntries();
+  void restoreActionGroupCachedEntries();
   void restoreTableCachedEntries();
   void cleanupCache();  // lets go of the caches; their records stay
 
   void clearPendingOperations();
-  size_t numPendingEntries() const { return pendingOperations_.size(); }
+  size_t numPendingEntries() const;  // that wait for the forwarding agents
   // Whether an entry has been put back since the pending operations were last cleared.
   bool entriesRestored() const { return entriesRestored_; }
 
@@ -119,6 +143,7 @@ class TableImpl : public Vela::Entity {
 
  private:
   friend class TableRestorer;
+  friend class ActionProfileRestorer;
   struct Table {  // what a write needs of a table's model
     ResourceId rid;
     const FieldBitwidths& widths;
@@ -133,6 +158,13 @@ class TableImpl : public Vela::Entity {
   void appendMeters(const ResourceId& rid, const P4MeterConfig* meter, const P4CounterData* counter,
                     MetersOf& meters, RowFields& fields) const;
   RowFields& startRow(const Table& table, size_t keySize, const char* key);
+  // Of a member or group table.
+  RowFields& startRow(uint32_t id);
+  using GroupMembers = std::vector<uint32_t>;  // row ids, a member as often as it weighs
+  std::optional<GroupMembers> groupMembers(const Table& table, GroupHandle handle) const;
+  EntryHandle writeGroup(const Table& table, GroupHandle handle, const GroupMembers& members);
+  EntryHandle deleteRow(const Table& table, EntryHandle handle, std::string rowKey);
+  EntryHandle completeAtOnce(const Table& table, GroupHandle handle, bool isNew);
   void appendPriority(const Table& table, const uint32_t& priority, RowFields& fields) const;
   EntryHandle writeEntry(const Table& table, EntryHandle handle, bool isNew,
                          const RowFields& fields);
@@ -146,13 +178,20 @@ class TableImpl : public Vela::Entity {
                                         const ResourceId& rid, std::optional<Lattice::Row> oldRow,
                                         std::optional<Lattice::Row> newRow, std::string rowKey,
                                         bool isNew);
-  void pendingSequenceIs(EntryHandle handle, uint64_t sequence);
+  void awaitReport(EntryHandle handle, PendingOperation& operation, uint64_t sequence);
   void rememberRecord(EntryHandle handle, PendingOperation& operation) const;
+  CacheKey cacheKey(EntryHandle handle) const;
+  std::optional<Brine::Bytes> storedRecord(const CacheKey& key) const;
+  void recordDel(EntryHandle handle);
+  std::string profileObjectText(EntryHandle handle) const;
   std::optional<EntryState> cachedState(const CacheKey& key) const;  // nothing without a record
   void cachedStateIs(const CacheKey& key, EntryState state);
   void doUpdateCachedEntryState(EntryHandle handle, bool abort);
   void restoreRow(EntryHandle handle, const PendingOperation& operation);
   void restoreRecord(EntryHandle handle, const PendingOperation& operation);
+  void restoreTableRecord(const CacheKey& key, const PendingOperation& operation);
+  void removeOrphanedRows();
+  std::vector<std::string> orphanedRows(const Lattice::ArTableInterface& interface);
   void handleInitialized();
   void handleConstTablesProgrammed();
 
@@ -167,7 +206,8 @@ class TableImpl : public Vela::Entity {
   std::unique_ptr<RowFields> rowFields_;
   Vela::Ptr<EntryFailures> failures_;
   bool entriesRestored_ = false;
-  bool restoring_ = false;  // what is written again needs no verification
+  bool restoring_ = false;
+  RestoreCounts restored_;
   Vela::Observation initializedChange_;
   Vela::Observation constTablesChange_;
 };

@@ -60,11 +60,34 @@ void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle,
   record.serialize(reinterpret_cast<uint8_t*>(written.data()));
 }
 
+void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle,
+                               const pi_action_data_t& action, uint32_t memberId) {
+  assert(rid.type == actionProfileResource);
+  ActionProfileMemberCacheEntry record;
+  record.key = {rid, P4HandleMgr::cachedHandle(handle)};
+  record.cloneActionProfileMemberEntry(action);
+  record.memberId = memberId;
+  record.memberHandle = record.key.entryHandle;
+  if (memberCache_) memberCache_->cacheIs(record);
+}
+
+void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle, uint32_t groupId) {
+  assert(rid.type == groupTableResource);
+  if (!groupCache_) return;
+  ActionProfileGroupCacheEntry record;
+  record.key = {rid, P4HandleMgr::cachedHandle(handle)};
+  record.groupId = groupId;
+  record.groupHandle = record.key.entryHandle;
+  const auto members = groupMembers(requireTable(rid), record.groupHandle);
+  for (uint32_t i = 0; members && i < members->size(); ++i) record.membersIs(i, (*members)[i]);
+  groupCache_->cacheIs(record);
+}
+
 void TableImpl::cachedMetadataIs(const ResourceId& rid, EntryHandle handle,
                                  std::string_view metadata) {
   if (!metadataTable_) return;
   Brine::Store& store = database_->store();
-  const auto key = storedKey({rid, handle});
+  const auto key = storedKey({rid, P4HandleMgr::cachedHandle(handle)});
   if (!metadata.empty()) {
     store.put(*metadataTable_, key, Brine::asBytes(metadata));
   } else if (store.count(*metadataTable_) > 0) {
@@ -79,6 +102,11 @@ std::string TableImpl::cachedMetadata(const CacheKey& key) const {
 }
 
 void TableImpl::deleteCachedEntry(const ResourceId& rid, EntryHandle handle) {
+  if (rid.type != tableResource) {
+    recordDel(handle);  // the pending operation has a copy
+    cachedMetadataIs(rid, handle, {});
+    return;
+  }
   if (cachedState({rid, handle})) cachedStateIs({rid, handle}, EntryState::pendingToBeDeleted);
 }
 
@@ -95,10 +123,36 @@ void TableImpl::cachedStateIs(const CacheKey& key, EntryState state) {
   tableCache_->storedBytesAre(key, TableCacheEntry::stateAt, bytes);
 }
 
-void TableImpl::rememberRecord(EntryHandle handle, PendingOperation& operation) const {
+CacheKey TableImpl::cacheKey(EntryHandle handle) const {
+  return {handleMgr_->entryHandleToResourceId(handle), P4HandleMgr::cachedHandle(handle)};
+}
+
+// Valid until the next write of the store.
+std::optional<Brine::Bytes> TableImpl::storedRecord(const CacheKey& key) const {
+  if (!tableCache_) return std::nullopt;
+  if (key.rid.type == actionProfileResource) return memberCache_->stored(key);
+  if (key.rid.type == groupTableResource) return groupCache_->stored(key);
+  return tableCache_->stored(key);
+}
+
+void TableImpl::recordDel(EntryHandle handle) {
+  const CacheKey key = cacheKey(handle);
   if (!tableCache_) return;
-  const CacheKey key{operation.rid, handle};
-  if (const auto stored = tableCache_->stored(key)) {
+  if (key.rid.type == actionProfileResource) {
+    memberCache_->cacheDel(key);
+  } else if (key.rid.type == groupTableResource) {
+    groupCache_->cacheDel(key);
+  } else if (key.rid.type == tableResource) {
+    tableCache_->cacheDel(key);
+  } else {
+    fmt::print(stderr, " Unhandled resource id {}\n", toText(key.rid));
+    assert(!"unhandled resource id");
+  }
+}
+
+void TableImpl::rememberRecord(EntryHandle handle, PendingOperation& operation) const {
+  const CacheKey key = cacheKey(handle);
+  if (const auto stored = storedRecord(key)) {
     operation.oldRecord = std::string(Brine::asText(*stored));
   }
   operation.oldMetadata = cachedMetadata(key);
@@ -117,6 +171,7 @@ void TableImpl::updateCachedEntryState(EntryHandle handle, bool abort) try {
 
 void TableImpl::doUpdateCachedEntryState(EntryHandle handle, bool abort) {
   std::string written;
+  bool isDeleted = false;
   if (abort) {
     SCRIVEL_TRACE(1, "TableImpl", " restoring old entry for entryHandle: ", handle);
     if (handleMgr_->entryHandleToResourceIdHas(handle)) restoreTableEntryOnFailure(handle);
@@ -124,13 +179,15 @@ void TableImpl::doUpdateCachedEntryState(EntryHandle handle, bool abort) {
     SCRIVEL_TRACE(7, "TableImpl", " erasing entryHandle: ", handle, " on success");
     if (const auto operation = pendingOperations_.extract(handle)) {
       written = std::move(operation.mapped().newRecord);
+      isDeleted = operation.mapped().type == PendingOperationType::entryDelete;
     }
     TheBatchStatus()->pendingOperationDel(handle);  // of a constant entry, which nobody waits for
     if (!failures_->empty()) failures_->failureDel(handle);
   }
   const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
   if (rid.type != tableResource) {
-    SCRIVEL_TRACE(1, "TableImpl", "Entry handle: ", handle, " already deleted?");
+    SCRIVEL_TRACE(6, "TableImpl", "Entry handle: ", handle, " already deleted?");
+    if (isDeleted) entryCacheDel(rid, handle);  // of a member or group: only the handle is left
     return;
   }
   if (!written.empty() && tableCache_) {
@@ -157,14 +214,10 @@ void TableImpl::entryCacheDel(const ResourceId& rid, EntryHandle handle) {
     SCRIVEL_TRACE(1, "TableImpl", " Entry handle: ", handle, " is not mapped to a riod");
     return;
   }
-  if (rid.type != tableResource) {
-    fmt::print(stderr, " Unhandled resource id {}\n", toText(rid));
-    assert(!"unhandled resource id");
-  }
-  if (tableCache_) tableCache_->cacheDel({rid, handle});
+  recordDel(handle);
   cachedMetadataIs(rid, handle, {});
   failures_->failureDel(handle);
-  handleMgr_->freeTableEntryHandle(handle);
+  handleMgr_->freeEntryHandle(handle);
 }
 
 void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
@@ -178,15 +231,12 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
     TheBatchStatus()->pendingOperationDel(handle);
     entriesRestored_ = true;
     SCRIVEL_TRACE(1, "TableImpl", " restore table entry for entryHandle: ", handle,
-                  operation.type == PendingOperationType::tableEntryAdd ? " add" : " delete");
-    restoreRow(handle, operation);
+                  operation.type == PendingOperationType::entryAdd ? " add" : " delete");
+    if (operation.awaited) restoreRow(handle, operation);
     restoreRecord(handle, operation);
   }
   // A new entry that was refused before it had a record leaves no handle behind either.
-  const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
-  if (!tableCache_ || !tableCache_->cacheHas({rid, handle})) {
-    handleMgr_->freeTableEntryHandle(handle);
-  }
+  if (!storedRecord(cacheKey(handle))) handleMgr_->freeEntryHandle(handle);
 }
 
 void TableImpl::restoreRow(EntryHandle handle, const PendingOperation& operation) {
@@ -203,19 +253,31 @@ void TableImpl::restoreRow(EntryHandle handle, const PendingOperation& operation
 // which there may be no room.
 void TableImpl::restoreRecord(EntryHandle handle, const PendingOperation& operation) {
   if (!tableCache_) return;
-  const CacheKey key{operation.rid, handle};
-  TableCacheEntry former;
-  const bool had = operation.oldRecord &&
-                   former.deserialize(reinterpret_cast<const uint8_t*>(operation.oldRecord->data()),
-                                      operation.oldRecord->size());
-  if (!had) {
-    tableCache_->cacheDel(key);
-  } else if (former.entryState = EntryState::stable; tableCache_->cache(key) != former) {
-    tableCache_->cacheIs(former);
+  const CacheKey key = cacheKey(handle);
+  const auto stored = storedRecord(key);
+  if (!operation.oldRecord) {
+    if (stored) recordDel(handle);
+  } else if (key.rid.type == tableResource) {
+    restoreTableRecord(key, operation);
+  } else if (!stored || Brine::asText(*stored) != *operation.oldRecord) {
+    const Brine::Bytes former = Brine::asBytes(*operation.oldRecord);
+    const bool isMember = key.rid.type == actionProfileResource;
+    isMember ? memberCache_->storedIs(key, former) : groupCache_->storedIs(key, former);
   }
   if (cachedMetadata(key) != operation.oldMetadata) {
     cachedMetadataIs(operation.rid, handle, operation.oldMetadata);
   }
+}
+
+void TableImpl::restoreTableRecord(const CacheKey& key, const PendingOperation& operation) {
+  TableCacheEntry former;
+  if (!former.deserialize(reinterpret_cast<const uint8_t*>(operation.oldRecord->data()),
+                          operation.oldRecord->size())) {
+    tableCache_->cacheDel(key);
+    return;
+  }
+  former.entryState = EntryState::stable;
+  if (tableCache_->cache(key) != former) tableCache_->cacheIs(former);
 }
 
 void TableImpl::handleStrayReport(const Lattice::Report& report) {
@@ -234,6 +296,9 @@ void TableImpl::handleStrayReport(const Lattice::Report& report) {
 
 std::string TableImpl::entryText(EntryHandle handle) const try {
   const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
+  if (rid.type == actionProfileResource || rid.type == groupTableResource) {
+    return profileObjectText(handle);
+  }
   std::string text = fmt::format("table {}", tableInfo_->nameOf(rid));
   const auto record = tableCache_ ? tableCache_->cache({rid, handle}) : std::nullopt;
   const auto& constructor = tableInfo_->rowConstructor(rid);

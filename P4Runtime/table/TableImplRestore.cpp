@@ -1,7 +1,8 @@
-// After a restart: gives the entries that survived in the cache back to the handle manager, the
-// tables and the PI library.
+// After a restart: gives the table entries that survived in the cache back to the handle manager,
+// the tables and the PI library.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -9,11 +10,15 @@
 
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/table/CacheWalk.h"
+#include "P4Runtime/table/Restoring.h"
 #include "P4Runtime/table/RowFields.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
+#include "PI/pi_meter.h"
+#include "platform/lattice/DirectColumns.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -27,49 +32,25 @@ char* chars(std::span<const uint8_t> bytes) {
 
 }  // namespace
 
-// One pass over the table cache. The store must not be written while it is walked, so records are
-// copied out by the thousand; what is to be removed, or to become stable, is done afterwards.
+// One pass over the table cache. What is to be removed, or to become stable, is done afterwards.
 class TableRestorer {
  public:
   explicit TableRestorer(TableImpl& tableImpl)
       : tableImpl_(tableImpl), p4info_(pi_get_device_p4info(tableImpl.deviceId())) {}
 
-  void restoreAll() {
-    std::string from;
-    while (readChunk(from)) {
-      for (const auto& [key, stored] : chunk_) {
-        restore(Brine::asBytes(key), Brine::asBytes(stored));
-      }
-      from = chunk_.back().first + '\0';
-    }
+  void restoreAll(RestoreCounts* counts) {
+    forEachCopied(*tableImpl_.tableCache(),
+                  [this](Brine::Bytes key, Brine::Bytes stored) { restore(key, stored); });
     for (const CacheKey& key : unstable_) markStable(key);
     for (const std::string& key : deleted_) forget(key);
     for (const std::string& key : unusable_) forget(key);
-    if (!unusable_.empty()) removeOrphanedRows();
-    if (restored_ > 0 || !unusable_.empty()) {
-      fmt::print(stderr, "korvel: restored {} entries{}\n", restored_,
-                 unusable_.empty() ? ""
-                                   : fmt::format("; removed {} that the pipeline has no place for",
-                                                 unusable_.size()));
-    }
+    counts->entries += restored_;
+    counts->unusable += unusable_.size();
   }
 
  private:
-  static constexpr size_t chunkSize = 4096;
   // Handles are counted up from 1; one beyond this would not leave room to count on.
   static constexpr EntryHandle largestHandle = EntryHandle{1} << 62;
-
-  // False at the end of the cache.
-  bool readChunk(const std::string& from) {
-    chunk_.clear();
-    tableImpl_.tableCache()->forEach(
-        [this](Brine::Bytes key, Brine::Bytes stored) {
-          chunk_.emplace_back(Brine::asText(key), Brine::asText(stored));
-          return chunk_.size() < chunkSize;
-        },
-        Brine::asBytes(from));
-    return !chunk_.empty();
-  }
 
   void restore(Brine::Bytes key, Brine::Bytes stored) {
     const auto record = TableRecordView::of(stored);
@@ -128,14 +109,32 @@ class TableRestorer {
     return why;
   }
 
-  // The row may have been written just now, so that it is not among the committed ones yet.
-  void removeRow(const TableRecordView& record) {
-    const TableImpl::Table table = tableImpl_.requireTable(record.key.rid);
+  std::string rowKey(const TableImpl::Table& table, const TableRecordView& record) {
     RowFields& fields =
         tableImpl_.startRow(table, record.matchKeyData.size(), chars(record.matchKeyData));
     tableImpl_.appendPriority(table, record.matchKeyPriority, fields);
-    table.interface.rowDel(table.constructor.constructKey({fields.pointers.data(), fields.count}),
-                           record.key.entryHandle);
+    return table.constructor.constructKey({fields.pointers.data(), fields.count});
+  }
+
+  // The row may have been written just now, so that it is not among the committed ones yet.
+  void removeRow(const TableRecordView& record) {
+    const TableImpl::Table table = tableImpl_.requireTable(record.key.rid);
+    table.interface.rowDel(rowKey(table, record), record.key.entryHandle);
+  }
+
+  // What the controller set the entry's meter to stands in its row alone. False when it set none.
+  bool meterOf(const TableRecordView& record, pi_meter_spec_t* spec) {
+    if (!tableImpl_.tableInfo().hasDirectMeter(record.key.rid)) return false;
+    const TableImpl::Table table = tableImpl_.requireTable(record.key.rid);
+    const auto row = table.interface.row(rowKey(table, record));
+    const auto meter =
+        row ? Lattice::meterOfRow(table.constructor.type(), row->value) : std::nullopt;
+    if (!meter || !meter->given) return false;
+    spec->cir = meter->cir;
+    spec->cburst = static_cast<uint32_t>(std::min<uint64_t>(meter->cburst, UINT32_MAX));
+    spec->pir = meter->pir;
+    spec->pburst = static_cast<uint32_t>(std::min<uint64_t>(meter->pburst, UINT32_MAX));
+    return true;
   }
 
   void program(const TableRecordView& record) {
@@ -172,6 +171,10 @@ class TableRestorer {
     } else {
       entry.entry.indirect_handle = record.indirectHandle;
     }
+    pi_meter_spec_t meter{};
+    pi_direct_res_config_one_t one{tableImpl_.tableInfo().directMeterOf(record.key.rid), &meter};
+    const pi_direct_res_config_t direct{1, &one};
+    if (meterOf(record, &meter)) entry.direct_res_config = &direct;
     const std::string metadata = tableImpl_.cachedMetadata(record.key);
     return pi_restore_table_entry_state(tableImpl_.deviceId(), record.key.rid.id, &matchKey, &entry,
                                         record.key.entryHandle, record.controllerMetadata,
@@ -191,52 +194,59 @@ class TableRestorer {
     tableImpl_.tableCache()->cacheIs(*record);
   }
 
-  // Rows whose record could not be used would otherwise stay in the forwarding plane for good.
-  void removeOrphanedRows() {
-    for (const auto& [rid, interface] :
-         tableImpl_.tableInfo().latticeTableInterfaceCollection().values()) {
-      if (rid.type != tableResource || !interface->ready()) continue;
-      for (const std::string& key : orphanedRows(*interface)) interface->rowDel(key, 0);
-    }
-  }
-
-  // A stored row begins with the handle of its entry.
-  std::vector<std::string> orphanedRows(const Lattice::ArTableInterface& interface) {
-    std::vector<std::string> keys;
-    Brine::Store& store = tableImpl_.database_->store();
-    store.forEach(store.table("row/" + interface.tableName()),
-                  [&](Brine::Bytes key, Brine::Bytes row) {
-                    EntryHandle handle = 0;
-                    if (row.size() >= sizeof handle) {
-                      std::memcpy(&handle, row.data(), sizeof handle);
-                    }
-                    if (!tableImpl_.handleMgr().entryHandleToResourceIdHas(handle)) {
-                      keys.emplace_back(Brine::asText(key));
-                    }
-                    return true;
-                  });
-    return keys;
-  }
-
   TableImpl& tableImpl_;
   const pi_p4info_t* p4info_;
-  std::vector<std::pair<std::string, std::string>> chunk_;  // stored keys and records
   size_t restored_ = 0;
   std::vector<CacheKey> unstable_;
   std::vector<std::string> deleted_;   // stored keys
   std::vector<std::string> unusable_;  // stored keys
 };
 
-void TableImpl::restoreCachedEntries() { restoreTableCachedEntries(); }
+void TableImpl::restoreCachedEntries() {
+  restored_ = {};
+  restoreActionMemberCachedEntries();
+  restoreActionGroupCachedEntries();
+  restoreTableCachedEntries();
+  if (restored_.unusable > 0) removeOrphanedRows();
+  if (restored_ == RestoreCounts{}) return;
+  std::string text = fmt::format("korvel: restored {} entries", restored_.entries);
+  if (restored_.members + restored_.groups > 0) {
+    text += fmt::format(", {} members and {} groups", restored_.members, restored_.groups);
+  }
+  if (restored_.unusable > 0) {
+    text += fmt::format("; removed {} that the pipeline has no place for", restored_.unusable);
+  }
+  fmt::print(stderr, "{}\n", text);
+}
 
 void TableImpl::restoreTableCachedEntries() {
   if (!tableCache_) return;
-  struct Restoring {
-    bool& is;
-    explicit Restoring(bool& is) : is(is) { is = true; }
-    ~Restoring() { is = false; }
-  } const restoring(restoring_);
-  TableRestorer(*this).restoreAll();
+  const Restoring restoring(restoring_);
+  TableRestorer(*this).restoreAll(&restored_);
+}
+
+// Rows whose record could not be used would otherwise stay in the forwarding plane for good.
+void TableImpl::removeOrphanedRows() {
+  for (const auto& [rid, interface] : tableInfo_->latticeTableInterfaceCollection().values()) {
+    if (!interface->ready()) continue;
+    for (const std::string& key : orphanedRows(*interface)) interface->rowDel(key, 0);
+  }
+}
+
+// A stored row begins with the handle of its entry.
+std::vector<std::string> TableImpl::orphanedRows(const Lattice::ArTableInterface& interface) {
+  std::vector<std::string> keys;
+  Brine::Store& store = database_->store();
+  store.forEach(store.table("row/" + interface.tableName()),
+                [&](Brine::Bytes key, Brine::Bytes row) {
+                  EntryHandle handle = 0;
+                  if (row.size() >= sizeof handle) std::memcpy(&handle, row.data(), sizeof handle);
+                  if (!handleMgr_->entryHandleToResourceIdHas(handle)) {
+                    keys.emplace_back(Brine::asText(key));
+                  }
+                  return true;
+                });
+  return keys;
 }
 
 }  // namespace P4Runtime

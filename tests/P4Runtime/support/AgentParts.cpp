@@ -41,7 +41,12 @@ pi_status_t takeBack(void* cookie, pi_dev_id_t, pi_p4_id_t table, const pi_match
                              handle,
                              controllerMetadata,
                              {metadata, metadataSize}};
-  if (entry->entry_type == PI_ACTION_ENTRY_TYPE_DATA) {
+  if (entry->direct_res_config != nullptr) {
+    one.meter = *static_cast<const pi_meter_spec_t*>(entry->direct_res_config->configs[0].config);
+  }
+  if (entry->entry_type == PI_ACTION_ENTRY_TYPE_INDIRECT) {
+    one.indirectHandle = entry->entry.indirect_handle;
+  } else {
     one.action = entry->entry.action_data->action_id;
     one.data.assign(entry->entry.action_data->data, entry->entry.action_data->data_size);
   }
@@ -54,10 +59,20 @@ constexpr pi_frontend_hooks_t hooks{
       frontEndOf(cookie).settled.emplace_back(handle, code);
     },
     takeBack,
-    [](void*, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t*, uint32_t, pi_indirect_handle_t,
-       const char*, size_t) { return PI_STATUS_SUCCESS; },
-    [](void*, pi_dev_id_t, pi_p4_id_t, uint32_t, const pi_indirect_handle_t*, size_t,
-       pi_indirect_handle_t, const char*, size_t) { return PI_STATUS_SUCCESS; },
+    [](void* cookie, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t* action, uint32_t id,
+       pi_indirect_handle_t handle, const char* metadata, size_t size) {
+      if (frontEndOf(cookie).refuses) return PI_STATUS_INVALID_ENTRY_TYPE;
+      frontEndOf(cookie).members.push_back(
+          {id, handle, {action->data, action->data_size}, {metadata, size}});
+      return PI_STATUS_SUCCESS;
+    },
+    [](void* cookie, pi_dev_id_t, pi_p4_id_t, uint32_t id, const pi_indirect_handle_t* members,
+       size_t count, pi_indirect_handle_t handle, const char* metadata, size_t size) {
+      std::string text;
+      for (size_t i = 0; i < count; ++i) text += std::to_string(members[i]) + " ";
+      frontEndOf(cookie).groups.push_back({id, handle, text, {metadata, size}});
+      return PI_STATUS_SUCCESS;
+    },
     [](void* cookie, pi_dev_id_t) {
       frontEndOf(cookie).restoreDone = true;
       return PI_STATUS_SUCCESS;
@@ -187,8 +202,13 @@ void AgentParts::outgrowStore() {
              Brine::asBytes(std::string(2 * storeBytes, 'x')));
 }
 
+void AgentParts::updateIs(uint32_t offset, uint32_t controllerId, std::string_view metadata) {
+  if (offsets_.empty() || offsets_.back() != offset) offsets_.push_back(offset);
+  pi_batch_current_set(offset, controllerId, 0, metadata.data(), metadata.size());
+}
+
 pi_status_t AgentParts::add(uint32_t offset, const Entry& entry) {
-  offsets_.push_back(offset);
+  updateIs(offset);
   pi_batch_current_set(offset, 0, entry.controllerMetadata, entry.metadata.data(),
                        entry.metadata.size());
   const pi_match_key_t key = matchKey(entry);
@@ -207,8 +227,7 @@ pi_status_t AgentParts::add(uint32_t offset, const Entry& entry) {
 }
 
 pi_status_t AgentParts::del(uint32_t offset, const Entry& entry) {
-  offsets_.push_back(offset);
-  pi_batch_current_set(offset, 0, 0, nullptr, 0);
+  updateIs(offset);
   const pi_match_key_t key = matchKey(entry);
   return _pi_table_entry_delete_wkey(0, deviceId, entry.table, &key);
 }

@@ -10,6 +10,7 @@
 #include "P4Runtime/pi/KorvelPiImpl.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "PI/pi_meter.h"
 #include "PI/pi_tables.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "platform/pollen/QueryConfigSm.h"
@@ -50,8 +51,20 @@ struct FakeFrontEnd {
     uint64_t handle = 0;
     uint64_t controllerMetadata = 0;
     std::string metadata;
+    uint64_t indirectHandle = 0;
+    std::optional<pi_meter_spec_t> meter;
+  };
+  // A member or group; the action's data, or the members' handles, in `data`.
+  struct RestoredObject {
+    uint32_t id = 0;  // the controller's
+    uint64_t handle = 0;
+    std::string data;
+    std::string metadata;
+    friend bool operator==(const RestoredObject&, const RestoredObject&) = default;
   };
   std::vector<Restored> restored;
+  std::vector<RestoredObject> members;
+  std::vector<RestoredObject> groups;
   bool restoreDone = false;
   bool refuses = false;
   std::vector<std::pair<uint64_t, uint32_t>> settled;  // handle and error code
@@ -76,6 +89,9 @@ class AgentParts {
   void end();
   pi_status_t add(uint32_t offset, const Entry& entry);  // the handle stands in lastHandle
   pi_status_t del(uint32_t offset, const Entry& entry);
+  // What follows is part of the update at the offset, which may consist of several calls; the
+  // controller's id is 0 for a hidden member or group.
+  void updateIs(uint32_t offset, uint32_t controllerId = 0, std::string_view metadata = {});
   // What is left in the status vector of the batch's updates.
   P4Runtime::StatusVector outcome();
   // A batch of its own for each, programmed and settled.

@@ -61,6 +61,7 @@ struct Table {
   const char* type;  // definition
   std::vector<Field> fields;
   const char* entries = "";
+  const char* tableClass = "TABLE_CLASS_TABLE";
 };
 
 const std::vector<Table>& tables() {
@@ -106,6 +107,18 @@ const std::vector<Table>& tables() {
        {{"type", "U8"}},
        R"({"key": "0a", "action_id": 16777217, "action_params": "00Ff", "priority": 0},
           {"key": "0b", "action_id": 16777217, "action_params": "0001"})"},
+      {profile,
+       "profile_member",
+       "key member_id : U32; action { set_port 16777217 { port : U16; } }",
+       {{"member_id", "U32"}},
+       "",
+       "TABLE_CLASS_ACTION_PROFILE_MEMBER"},
+      {profile,
+       "profile_group",
+       "key group_id : U32; member_id : U32[];",
+       {{"group_id", "U32"}},
+       "",
+       "TABLE_CLASS_ACTION_PROFILE_GROUP"},
   };
   return all;
 }
@@ -130,10 +143,10 @@ std::string smallDeviceConfig() {
     const char* comma = types.empty() ? "" : ",\n";
     types += fmt::format(R"({}{{"table_type": "{}_type", "table_type_def": "{}"}})", comma,
                          table.name, table.type);
-    objects +=
-        fmt::format(R"({}{{"table_name": "{}", "table_id": {}, "table_type": "{}_type",
-      "table_class": "TABLE_CLASS_TABLE", "table_fields": [{}], "table_entries": [{}]}})",
-                    comma, table.name, table.id, table.name, fieldsText(table), table.entries);
+    objects += fmt::format(R"({}{{"table_name": "{}", "table_id": {}, "table_type": "{}_type",
+      "table_class": "{}", "table_fields": [{}], "table_entries": [{}]}})",
+                           comma, table.name, table.id, table.name, table.tableClass,
+                           fieldsText(table), table.entries);
   }
   return fmt::format(
       R"({{"p4rtc": {{"table_type_definitions": [{}], "tables": [{}], "queries": []}}}})", types,

@@ -26,6 +26,7 @@ inline constexpr uint32_t setLabel = 0x01000005;    // label 20: cannot be progr
 
 inline constexpr uint32_t directMeter = 0x15000001;
 inline constexpr uint32_t directCounter = 0x13000001;
+// Holds 16 members; its rows stand in the tables "profile_member" and "profile_group".
 inline constexpr uint32_t profile = 0x11000001;
 
 std::string smallP4Info();        // in the text form of protobuf

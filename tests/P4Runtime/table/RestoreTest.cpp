@@ -1,4 +1,6 @@
 // What survives a restart, and what becomes of what does not fit any more.
+#include <tuple>
+
 #include "PI/pi_meter.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
@@ -57,7 +59,9 @@ TEST_F(RestoreTest, DirectMeterSettingsStandAsTheyWere) {
   pi_meter_spec_t meter{1, 2, 3, 4, PI_METER_UNIT_BYTES, PI_METER_TYPE_COLOR_AWARE};
   pi_direct_res_config_one_t config{directMeter, &meter};
   const pi_direct_res_config_t direct{1, &config};
-  Entry entry{meteredTable, bytes("00000009"), setDmac, bytes("665544332211")};
+  Entry entry{meteredTable, bytes("00000008"), setDmac, bytes("665544332211")};
+  agent().added(entry);
+  entry.key = bytes("00000009");
   entry.direct = &direct;
   agent().added(entry);
   const std::string row = *agent().row("metered");
@@ -65,6 +69,11 @@ TEST_F(RestoreTest, DirectMeterSettingsStandAsTheyWere) {
   restart();
   EXPECT_EQ(*agent().row("metered"), row);
   EXPECT_EQ(agent().lastSequence(), before);
+  ASSERT_EQ(agent().frontEnd.restored.size(), 2u);
+  EXPECT_FALSE(agent().frontEnd.restored[0].meter) << "none was set";
+  const auto back = agent().frontEnd.restored[1].meter;
+  ASSERT_TRUE(back);
+  EXPECT_EQ(std::tuple(back->cir, back->cburst, back->pir, back->pburst), std::tuple(1, 2, 3, 4));
 }
 
 TEST_F(RestoreTest, SizeLimitIsNotForRestoredEntries) {

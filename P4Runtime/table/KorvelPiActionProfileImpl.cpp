@@ -1,0 +1,300 @@
+// The action profile functions of the PI target interface.
+#include <cassert>
+#include <exception>
+
+#include "P4Runtime/pi/Entered.h"
+#include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pi/Storing.h"
+#include "P4Runtime/pipeline/PiDebug.h"
+#include "P4Runtime/table/FetchBuffer.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "PI/int/pi_int.h"
+#include "PI/pi_extensions.h"
+#include "PI/target/pi_act_prof_imp.h"
+#include "platform/companion/BatchStatus.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("KorvelPiActionProfile");
+
+P4HandleMgr* handleMgr() { return TheP4HandleMgr(); }
+
+// A handle that was taken for something that was then refused.
+template <typename Body>
+void withNewHandle(EntryHandle handle, Body body) {
+  try {
+    body();
+  } catch (const P4RuntimeException& e) {
+    // With the handle in it, the exception's handler puts all back and frees the handle.
+    if (e.entryHandle == 0) handleMgr()->freeEntryHandle(handle);
+    throw;
+  }
+}
+
+void cacheMember(pi_p4_id_t actProfId, EntryHandle handle, const pi_action_data_t& action) {
+  const ResourceId rid{actionProfileResource, actProfId};
+  storing(handle, [&] {
+    TheTableImpl()->addCachedEntry(rid, handle, action, pi_batch_current_controller_id());
+    TheTableImpl()->cachedMetadataIs(rid, handle, currentMetadata());
+  });
+  TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
+}
+
+// The controller's id stays what it was when the group was made.
+void cacheGroup(pi_p4_id_t actProfId, EntryHandle handle) {
+  const ResourceId rid{groupTableResource, actProfId};
+  const auto known =
+      TheTableImpl()->groupCache()
+          ? TheTableImpl()->groupCache()->cache({rid, handleMgr()->cachedHandle(handle)})
+          : std::nullopt;
+  const uint32_t groupId = known ? known->groupId : pi_batch_current_controller_id();
+  storing(handle, [&] { TheTableImpl()->addCachedEntry(rid, handle, groupId); });
+  TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
+}
+
+void cacheGroupMetadata(pi_p4_id_t actProfId, EntryHandle handle) {
+  storing(handle, [&] {
+    TheTableImpl()->cachedMetadataIs({groupTableResource, actProfId}, handle, currentMetadata());
+  });
+}
+
+void deleteCached(const ResourceId& rid, EntryHandle handle) {
+  storing(handle, [&] { TheTableImpl()->deleteCachedEntry(rid, handle); });
+  TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
+}
+
+constexpr size_t memberBytes = 16;  // handle, action id, size
+constexpr size_t groupBytes = 16;   // handle, number of members, index of the first
+
+// Visits the readable records of a profile's cache whose handle is in use.
+template <typename Record, typename Visit>
+void forEachRecord(const EntryCache<Record>& cache, const ResourceId& rid, Visit visit) {
+  cache.forEachOf(rid, [&](Brine::Bytes, Brine::Bytes stored) {
+    Record record;
+    if (!record.deserialize(stored.data(), stored.size())) {
+      SCRIVEL_TRACE(0, "populateFetchData", " unreadable record of profile ", rid.id);
+      return true;
+    }
+    const uint64_t handle = record.key.entryHandle;
+    const bool used = rid.type == groupTableResource
+                          ? handleMgr()->groupHandleToEntryHandleHas(handle)
+                          : handleMgr()->memberHandleToEntryHandleHas(handle);
+    if (used) visit(record);
+    return true;
+  });
+}
+
+void populateMemberFetchData(const TableImpl& tableImpl, pi_p4_id_t actProfId,
+                             pi_act_prof_fetch_res_t* res) {
+  const ResourceId rid{actionProfileResource, actProfId};
+  size_t count = 0;
+  size_t bytes = 0;
+  forEachRecord(*tableImpl.memberCache(), rid, [&](const ActionProfileMemberCacheEntry& member) {
+    ++count;
+    bytes += memberBytes + member.actionData.size();
+  });
+  FetchBuffer buffer(bytes);
+  forEachRecord(*tableImpl.memberCache(), rid, [&](const ActionProfileMemberCacheEntry& member) {
+    buffer.put(member.memberHandle);
+    buffer.put(member.actionId);
+    buffer.put(member.actionData.size());
+    buffer.put(member.actionData.data(), member.actionData.size());
+  });
+  res->num_members = count;
+  res->entries_members_size = bytes;
+  res->entries_members = buffer.release();
+}
+
+void populateGroupFetchData(const TableImpl& tableImpl, pi_p4_id_t actProfId,
+                            pi_act_prof_fetch_res_t* res) {
+  const ResourceId rid{groupTableResource, actProfId};
+  size_t groups = 0;
+  size_t members = 0;
+  forEachRecord(*tableImpl.groupCache(), rid, [&](const ActionProfileGroupCacheEntry& group) {
+    ++groups;
+    members += group.members.size();
+  });
+  FetchBuffer buffer(groups * groupBytes);
+  auto handles = std::make_unique<pi_indirect_handle_t[]>(members);
+  uint32_t index = 0;
+  forEachRecord(*tableImpl.groupCache(), rid, [&](const ActionProfileGroupCacheEntry& group) {
+    buffer.put(group.groupHandle);
+    buffer.put(group.members.size());
+    buffer.put(index);
+    std::copy(group.members.begin(), group.members.end(), handles.get() + index);
+    index += group.members.size();
+  });
+  res->num_groups = groups;
+  res->entries_groups_size = groups * groupBytes;
+  res->entries_groups = buffer.release();
+  res->num_cumulated_mbr_handles = members;
+  res->mbr_handles = handles.release();
+}
+
+}  // namespace
+}  // namespace P4Runtime
+
+using namespace P4Runtime;  // NOLINT: the entry points below stand outside any namespace
+
+extern "C" {
+
+pi_status_t _pi_act_prof_mbr_create(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                    pi_p4_id_t act_prof_id, const pi_action_data_t* action_data,
+                                    pi_indirect_handle_t* mbr_handle) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_act_prof_mbr_create", " session_handle: ", session_handle,
+                  " dev_tgt: ", piDevTgtToString(dev_tgt), " act_prof_id: ", act_prof_id,
+                  " action_data: ", piActionDataToString(action_data));
+    *mbr_handle = handleMgr()->allocMemberHandle(act_prof_id);
+    assert(handleMgr()->memberHandleToEntryHandleHas(*mbr_handle));
+    const EntryHandle handle = handleMgr()->memberHandleToEntryHandle(*mbr_handle);
+    SCRIVEL_TRACE(6, "_pi_act_prof_mbr_create", " Allocated member handle: ", *mbr_handle,
+                  " entryHandle ", handle);
+    withNewHandle(handle, [&] {
+      maybeThrowBatchEntryErrorException(handle);
+      TheTableImpl()->actionProfileMemberEntryAdd(act_prof_id, action_data->action_id,
+                                                  action_data->data_size, action_data->data,
+                                                  *mbr_handle);
+    });
+    cacheMember(act_prof_id, handle, *action_data);
+  });
+}
+
+pi_status_t _pi_act_prof_mbr_modify(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                    pi_p4_id_t act_prof_id, pi_indirect_handle_t mbr_handle,
+                                    const pi_action_data_t* action_data) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_act_prof_mbr_modify", " session_handle: ", session_handle,
+                  " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " mbr_handle: ", mbr_handle,
+                  " action_data: ", piActionDataToString(action_data));
+    assert(handleMgr()->memberHandleToEntryHandleHas(mbr_handle));
+    const EntryHandle handle = handleMgr()->memberHandleToEntryHandle(mbr_handle);
+    maybeThrowBatchEntryErrorException(handle);
+    TheTableImpl()->actionProfileMemberEntryAdd(
+        act_prof_id, action_data->action_id, action_data->data_size, action_data->data, mbr_handle);
+    cacheMember(act_prof_id, handle, *action_data);
+  });
+}
+
+// The handle is free for others only once the forwarding plane has confirmed.
+pi_status_t _pi_act_prof_mbr_delete(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                    pi_p4_id_t act_prof_id, pi_indirect_handle_t mbr_handle) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_act_prof_mbr_delete", " session_handle: ", session_handle,
+                  " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " mbr_handle: ", mbr_handle);
+    assert(handleMgr()->memberHandleToEntryHandleHas(mbr_handle));
+    const EntryHandle handle = handleMgr()->memberHandleToEntryHandle(mbr_handle);
+    maybeThrowBatchEntryErrorException(handle);
+    TheTableImpl()->actionProfileMemberEntryDelete(act_prof_id, mbr_handle);
+    deleteCached({actionProfileResource, act_prof_id}, handle);
+  });
+}
+
+pi_status_t _pi_act_prof_grp_create(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                    pi_p4_id_t act_prof_id, size_t max_size,
+                                    pi_indirect_handle_t* grp_handle) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_act_prof_grp_create", " session_handle: ", session_handle,
+                  " dev_tgt: ", piDevTgtToString(dev_tgt), " act_prof_id: ", act_prof_id,
+                  " max_size: ", max_size);
+    *grp_handle = handleMgr()->allocGroupHandle(act_prof_id);
+    assert(handleMgr()->groupHandleToEntryHandleHas(*grp_handle));
+    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(*grp_handle);
+    SCRIVEL_TRACE(6, "_pi_act_prof_grp_create", " Allocated group handle: ", *grp_handle,
+                  " entryHandle ", handle);
+    withNewHandle(handle, [&] {
+      maybeThrowBatchEntryErrorException(handle);
+      TheTableImpl()->actionProfileGroupEntryAdd(act_prof_id, *grp_handle);
+    });
+    cacheGroup(act_prof_id, handle);
+    cacheGroupMetadata(act_prof_id, handle);
+  });
+}
+
+pi_status_t _pi_act_prof_grp_delete(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                    pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_act_prof_grp_delete", " session_handle: ", session_handle,
+                  " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle);
+    assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
+    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
+    maybeThrowBatchEntryErrorException(handle);
+    TheTableImpl()->actionProfileGroupEntryDelete(act_prof_id, grp_handle);
+    deleteCached({groupTableResource, act_prof_id}, handle);
+  });
+}
+
+pi_status_t _pi_act_prof_grp_add_mbr(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                     pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle,
+                                     pi_indirect_handle_t mbr_handle) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_act_prof_grp_add_mbr", " session_handle: ", session_handle,
+                  " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
+                  " mbr_handle: ", mbr_handle);
+    assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
+    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
+    maybeThrowBatchEntryErrorException(handle);
+    TheTableImpl()->actionProfileGroupAddMbr(act_prof_id, grp_handle, mbr_handle);
+    cacheGroup(act_prof_id, handle);
+  });
+}
+
+pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                        pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle,
+                                        pi_indirect_handle_t mbr_handle) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_act_prof_grp_remove_mbr", " session_handle: ", session_handle,
+                  " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
+                  " mbr_handle: ", mbr_handle);
+    assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
+    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
+    maybeThrowBatchEntryErrorException(handle);
+    TheTableImpl()->actionProfileGroupDelMbr(act_prof_id, grp_handle, mbr_handle);
+    cacheGroup(act_prof_id, handle);
+  });
+}
+
+pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                          pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle) {
+  return entered([&] {
+    SCRIVEL_TRACE(6, "_pi_act_prof_grp_metadata_set", " session_handle: ", session_handle,
+                  " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle);
+    assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
+    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
+    TheTableImpl()->actionProfileGroupTouch(act_prof_id, grp_handle);
+    cacheGroupMetadata(act_prof_id, handle);
+    TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
+  });
+}
+
+pi_status_t _pi_act_prof_entries_fetch(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
+                                       pi_p4_id_t act_prof_id, pi_act_prof_fetch_res_t* res) try {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_act_prof_entries_fetch", " session_handle: ", session_handle,
+                " dev_id: ", dev_id, " act_prof_id: ", act_prof_id);
+  const TableImpl& tableImpl = *TheTableImpl();
+  if (!tableImpl.memberCache()) return PI_STATUS_SUCCESS;  // nothing is programmed yet
+  populateMemberFetchData(tableImpl, act_prof_id, res);
+  populateGroupFetchData(tableImpl, act_prof_id, res);
+  return PI_STATUS_SUCCESS;
+} catch (const std::exception& e) {
+  SCRIVEL_TRACE(0, "_pi_act_prof_entries_fetch", " act_prof_id: ", act_prof_id, " ", e.what());
+  _pi_act_prof_entries_fetch_done(session_handle, res);
+  return PI_STATUS_ALLOC_ERROR;
+}
+
+pi_status_t _pi_act_prof_entries_fetch_done(pi_session_handle_t session_handle,
+                                            pi_act_prof_fetch_res_t* res) {
+  const Vela::ActivityLock lock;
+  SCRIVEL_TRACE(6, "_pi_act_prof_entries_fetch_done", " session_handle: ", session_handle);
+  delete[] res->entries_members;
+  delete[] res->entries_groups;
+  delete[] res->mbr_handles;
+  res->entries_members = res->entries_groups = nullptr;
+  res->mbr_handles = nullptr;
+  return PI_STATUS_SUCCESS;
+}
+
+}  // extern "C"

@@ -1,0 +1,198 @@
+// After a restart: gives the members and groups that survived in the caches back to the handle
+// manager, the tables and the PI library.
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/table/CacheWalk.h"
+#include "P4Runtime/table/Restoring.h"
+#include "P4Runtime/table/RowFields.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "PI/int/pi_int.h"
+#include "PI/pi.h"
+#include "PI/pi_extensions.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("TableImpl");
+
+}  // namespace
+
+// One pass over the member cache or the group cache. Records that cannot be used are removed once
+// the pass is done, with their rows.
+class ActionProfileRestorer {
+ public:
+  explicit ActionProfileRestorer(TableImpl& tableImpl)
+      : tableImpl_(tableImpl), p4info_(pi_get_device_p4info(tableImpl.deviceId())) {}
+
+  void restoreMembers(RestoreCounts* counts) {
+    using Record = ActionProfileMemberCacheEntry;
+    counts->members +=
+        restoreAll<Record>(*tableImpl_.memberCache(), counts,
+                           [this](const Record& record) { return restored(record); });
+  }
+
+  void restoreGroups(RestoreCounts* counts) {
+    using Record = ActionProfileGroupCacheEntry;
+    counts->groups += restoreAll<Record>(*tableImpl_.groupCache(), counts,
+                                         [this](const Record& record) { return restored(record); });
+  }
+
+ private:
+  // Answers how many are back; `restore` answers why one is not.
+  template <typename Record, typename Restore>
+  size_t restoreAll(EntryCache<Record>& cache, RestoreCounts* counts, Restore restore) {
+    size_t back = 0;
+    std::vector<std::string> unusable;  // stored keys
+    forEachCopied(cache, [&](Brine::Bytes key, Brine::Bytes stored) {
+      Record record;
+      const std::string why = record.deserialize(stored.data(), stored.size())
+                                  ? restore(record)
+                                  : std::string("unreadable record");
+      if (why.empty()) {
+        ++back;
+        return;
+      }
+      SCRIVEL_TRACE(0, "TableImpl", " cannot restore action profile entry[ rid:", record.key.rid.id,
+                    " entryHandle:", record.key.entryHandle, " ]: ", why);
+      unusable.emplace_back(Brine::asText(key));
+    });
+    for (const std::string& key : unusable) {
+      cache.storedKeyDel(Brine::asBytes(key));
+      tableImpl_.database_->store().erase(*tableImpl_.metadataTable_, Brine::asBytes(key));
+    }
+    counts->unusable += unusable.size();
+    return back;
+  }
+
+  std::string restored(const ActionProfileMemberCacheEntry& record) {
+    SCRIVEL_TRACE(6, "TableImpl", " Restoring action member entry[ rid:", record.key.rid.id,
+                  " entryHandle:", record.key.entryHandle, " ]");
+    const ResourceId& rid = record.key.rid;
+    P4HandleMgr& handles = tableImpl_.handleMgr();
+    if (rid.type != actionProfileResource || record.memberHandle != record.key.entryHandle) {
+      return "not a record of a member";
+    }
+    if (!handles.restoreMemberHandle(rid.id, record.memberHandle)) {
+      return "its handle is another member's, or none that was ever given out";
+    }
+    const auto program = [&] {
+      tableImpl_.actionProfileMemberEntryAdd(rid.id, record.actionId, record.actionData.size(),
+                                             chars(record), record.memberHandle);
+    };
+    return programmed(handles.memberHandleToEntryHandle(record.memberHandle), program,
+                      [&] { return handedBack(record); });
+  }
+
+  std::string restored(const ActionProfileGroupCacheEntry& stored) {
+    SCRIVEL_TRACE(6, "TableImpl", " Restoring action group entry[ rid:", stored.key.rid.id,
+                  " entryHandle:", stored.key.entryHandle, " ]");
+    const ResourceId& rid = stored.key.rid;
+    P4HandleMgr& handles = tableImpl_.handleMgr();
+    if (rid.type != groupTableResource || stored.groupHandle != stored.key.entryHandle) {
+      return "not a record of a group";
+    }
+    if (!handles.restoreGroupHandle(rid.id, stored.groupHandle)) {
+      return "its handle is another group's, or none that was ever given out";
+    }
+    const ActionProfileGroupCacheEntry record = withMembersThere(stored);
+    return programmed(
+        handles.groupHandleToEntryHandle(record.groupHandle), [&] { programGroup(record); },
+        [&] { return handedBack(record); });
+  }
+
+  // Common to both kinds: empty when it is back, else why not; then nothing of it is left but its
+  // record.
+  template <typename Program, typename HandBack>
+  std::string programmed(EntryHandle handle, Program program, HandBack handBack) {
+    std::string why;
+    try {
+      program();
+      if (handBack()) return {};
+      why = "the pipeline does not accept it";
+    } catch (const P4RuntimeException& e) {
+      if (e.errorCode == ErrorCode::outOfResources) throw;  // the record is good, the store is not
+      why = e.what();
+    }
+    removeRow(handle);
+    tableImpl_.handleMgr().freeEntryHandle(handle);
+    return why;
+  }
+
+  // A member that could not be restored is in no group any more.
+  ActionProfileGroupCacheEntry withMembersThere(const ActionProfileGroupCacheEntry& stored) {
+    ActionProfileGroupCacheEntry record = stored;
+    std::vector<MemberHandle> there(stored.members.begin(), stored.members.end());
+    std::erase_if(there, [&](MemberHandle member) {
+      return member >> 32 != 0 || !tableImpl_.handleMgr().memberHandleToEntryHandleHas(member);
+    });
+    record.members.elementsAre(there);
+    if (record != stored) tableImpl_.groupCache()->cacheIs(record);
+    return record;
+  }
+
+  // The row is written whole: member by member, every one would be a change for the forwarding
+  // agents. A group that has no row has none yet; one that is empty may have had members before.
+  void programGroup(const ActionProfileGroupCacheEntry& record) {
+    const TableImpl::Table table = tableImpl_.requireTable(record.key.rid);
+    if (record.members.size() == 0 && !tableImpl_.groupMembers(table, record.groupHandle)) return;
+    TableImpl::GroupMembers members(record.members.begin(), record.members.end());
+    tableImpl_.writeGroup(table, record.groupHandle, members);
+  }
+
+  // The row may have been written just now, so that it is not among the committed ones yet.
+  void removeRow(EntryHandle handle) {
+    const ResourceId rid = tableImpl_.handleMgr().entryHandleToResourceId(handle);
+    const auto& interface = tableImpl_.tableInfo().latticeTableInterface(rid);
+    const auto& constructor = tableImpl_.tableInfo().rowConstructor(rid);
+    if (!interface || !constructor || !interface->ready()) return;
+    const auto id = static_cast<uint32_t>(P4HandleMgr::cachedHandle(handle));
+    const auto* field = reinterpret_cast<const uint8_t*>(&id);
+    interface->rowDel(constructor->constructKey({&field, 1}), handle);
+  }
+
+  bool handedBack(const ActionProfileMemberCacheEntry& record) {
+    pi_action_data_t action{};
+    action.p4info = p4info_;
+    action.action_id = record.actionId;
+    action.data_size = record.actionData.size();
+    action.data = chars(record);
+    const std::string metadata = tableImpl_.cachedMetadata(record.key);
+    return pi_restore_action_profile_member_state(
+               tableImpl_.deviceId(), record.key.rid.id, &action, record.memberId,
+               record.memberHandle, metadata.data(), metadata.size()) == PI_STATUS_SUCCESS;
+  }
+
+  bool handedBack(const ActionProfileGroupCacheEntry& record) {
+    const std::string metadata = tableImpl_.cachedMetadata(record.key);
+    return pi_restore_action_profile_group_state(
+               tableImpl_.deviceId(), record.key.rid.id, record.groupId, record.members.data(),
+               record.members.size(), record.groupHandle, metadata.data(),
+               metadata.size()) == PI_STATUS_SUCCESS;
+  }
+
+  static char* chars(const ActionProfileMemberCacheEntry& record) {
+    return const_cast<char*>(reinterpret_cast<const char*>(record.actionData.data()));
+  }
+
+  TableImpl& tableImpl_;
+  const pi_p4info_t* p4info_;
+};
+
+void TableImpl::restoreActionMemberCachedEntries() {
+  if (!memberCache_) return;
+  const Restoring restoring(restoring_);
+  ActionProfileRestorer(*this).restoreMembers(&restored_);
+}
+
+void TableImpl::restoreActionGroupCachedEntries() {
+  if (!groupCache_) return;
+  const Restoring restoring(restoring_);
+  ActionProfileRestorer(*this).restoreGroups(&restored_);
+}
+
+}  // namespace P4Runtime
