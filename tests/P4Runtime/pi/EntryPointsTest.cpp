@@ -2,8 +2,14 @@
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
+#include "PI/target/pi_clone_imp.h"
+#include "PI/target/pi_counter_imp.h"
 #include "PI/target/pi_imp.h"
+#include "PI/target/pi_learn_imp.h"
+#include "PI/target/pi_mc_imp.h"
+#include "PI/target/pi_meter_imp.h"
 #include "PI/target/pi_tables_imp.h"
+#include "platform/lattice/FlowCounters.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
 namespace P4Runtime {
@@ -11,7 +17,10 @@ namespace {
 
 using namespace TestSupport;
 
-class EntryPointsTest : public AgentTest {};
+class EntryPointsTest : public AgentTest {
+ protected:
+  std::vector<std::unique_ptr<Lattice::FlowCounterWriter>> writers_;
+};
 
 TEST_F(EntryPointsTest, EverySessionIsSessionZero) {
   for (int i = 0; i < 2; ++i) {
@@ -54,6 +63,50 @@ TEST_F(EntryPointsTest, InitEmptiesTheBatch) {
 TEST_F(EntryPointsTest, WhatTheTargetCannotDoIsAnAssertion) {
   EXPECT_DEATH(_pi_table_entry_delete(0, 1, exactTable, 1), "0");
   EXPECT_DEATH(_pi_table_entry_modify(0, 1, exactTable, 1, nullptr), "0");
+}
+
+// Controllers know these answers; nothing of what is pointed to is touched.
+TEST_F(EntryPointsTest, WhatIsNotDoneIsAcknowledgedOrRefusedAsEver) {
+  constexpr pi_dev_tgt_t target{1, 0xffff};
+  uint32_t handle = 77;
+  pi_counter_data_t count{0, 5, 6};
+  pi_meter_spec_t meter{1, 2, 3, 4, PI_METER_UNIT_BYTES, PI_METER_TYPE_DEFAULT};
+  const int acknowledged[] = {
+      _pi_mc_session_init(&handle),
+      _pi_mc_grp_create(0, 1, 5, &handle),
+      _pi_mc_node_create(0, 1, 5, 0, nullptr, &handle),
+      _pi_mc_grp_attach_node(0, 1, 5, 6),
+      _pi_learn_config_set(0, 1, 5, nullptr),
+      _pi_learn_msg_ack(0, 1, 5, 6),
+      _pi_counter_read(0, target, 5, 0, PI_COUNTER_FLAGS_HW_SYNC, &count),
+      _pi_counter_write_direct(0, target, directCounter, 5, &count),
+      _pi_counter_hw_sync(0, target, 5, nullptr, nullptr),
+      _pi_meter_set(0, target, 5, 0, &meter),
+      _pi_meter_read_direct(0, target, directMeter, 5, &meter),
+  };
+  EXPECT_THAT(acknowledged, testing::Each(0));
+  EXPECT_EQ(_pi_clone_session_set(0, target, 5, nullptr), 39);
+  EXPECT_EQ(_pi_clone_session_reset(0, target, 5), 39);
+  EXPECT_EQ(handle, 77u);
+  EXPECT_EQ(count.bytes, 5u);
+  EXPECT_EQ(meter.pburst, 4u);
+}
+
+TEST_F(EntryPointsTest, DirectCounterIsWhatAllForwardingAgentsHaveCounted) {
+  const auto read = [](uint64_t handle) {
+    pi_counter_data_t data{0, 1, 1};
+    EXPECT_EQ(_pi_counter_read_direct(0, {1, 0}, directCounter, handle, 0, &data), 0);
+    EXPECT_EQ(data.valid, PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES);
+    return std::pair(data.bytes, data.packets);
+  };
+  EXPECT_EQ(read(7), std::pair(0ul, 0ul)) << "nobody has counted yet";
+  for (const char* name : {"chip-a", "chip-b"}) {
+    writers_.push_back(Lattice::FlowCounterWriter::create(agent().directory, name));
+    writers_.back()->countIs(Lattice::flowCounterName(7), {100, 2});
+    writers_.back()->commit();
+  }
+  EXPECT_EQ(read(7), std::pair(200ul, 4ul));
+  EXPECT_EQ(read(8), std::pair(0ul, 0ul));
 }
 
 TEST(PiContext, IsSharedAndNeverTakenAway) {

@@ -122,6 +122,7 @@ void AgentParts::doBuild() {
   status = Vela::make<P4RuntimeConfig::P4RtSystemStatus>("system");
   auto context = piContextFactory();
   context->p4RtSystemStatusIs(status);
+  context->hwStatusDirIs(Vela::make<HwStatusDir>("hwStatus", directory));
   handles = Vela::make<P4HandleMgr>();
   context->p4HandleMgrIs(handles);
   batchStatus = Vela::make<BatchStatus>("batchStatus", database.get());
