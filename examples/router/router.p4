@@ -2,7 +2,8 @@
 //
 // A packet's port decides its VRF, the VRF's routes its next hop, or a group of next hops of which
 // the packet's flow picks one; the next hop its port and neighbor, and the neighbor its destination
-// MAC address. An access list has the last word, and polices what it lets through.
+// MAC address. A port may be a bundle of links, of which the flow again picks one. An access list
+// has the last word, and polices what it lets through.
 // router.p4info.txtpb is what a P4 compiler says of this program to controllers;
 // router.entries.json holds the entries that stand in it.
 
@@ -263,6 +264,30 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
     size = 4096;
   }
 
+  @id(0x11000002) @max_group_size(16) @selector_size_semantics("sum_of_members")
+  @selector_max_member_weight(8)
+  action_selector(HashAlgorithm.crc32, 32w1024, 32w16) lag_selector;
+
+  @id(0x0100000c) action set_port(@id(1) port_t port) { std.egress_spec = port; }
+
+  // Link aggregation: the links of those ports that are bundles.
+  @id(0x02000009)
+  table lag {
+    key = {
+      std.egress_spec : exact @id(1) @name("port");
+      hdr.ethernet.src_addr : selector;
+      hdr.ethernet.dst_addr : selector;
+      hdr.ipv4.src_addr : selector;
+      hdr.ipv4.dst_addr : selector;
+      hdr.ipv6.src_addr : selector;
+      hdr.ipv6.dst_addr : selector;
+    }
+    actions = { set_port; @defaultonly NoAction; }
+    const default_action = NoAction;
+    implementation = lag_selector;
+    size = 256;
+  }
+
   @id(0x13000004) direct_counter(CounterType.packets_and_bytes) acl_counter;
   @id(0x15000001) direct_meter<bit<2>>(MeterType.bytes) acl_meter;
 
@@ -301,6 +326,7 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
       if (meta.wcmp_id != 0) wcmp.apply();
       nexthop.apply();
       neighbor.apply();
+      lag.apply();
     }
     if (meta.routed_as_ipv4 == 1) hdr.ipv4.ttl = hdr.ipv4.ttl - 1;
     if (meta.routed_as_ipv6 == 1) hdr.ipv6.hop_limit = hdr.ipv6.hop_limit - 1;
