@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "forwarder/RowText.h"
+#include "forwarder/TrafficCommand.h"
 
 namespace Forwarder {
 namespace {
@@ -22,7 +23,13 @@ constexpr const char* helpText =
     "clear                          fail-table, fail-key, fail-every and silent off\n"
     "rules                          the rules in force\n"
     "dump [TABLE]                   the rows held, a line each\n"
-    "stats                          counters\n";
+    "stats                          counters\n"
+    "traffic                        synthetic packets: rate, hits, misses, members of groups\n"
+    "traffic RATE                   so many a second; 0 or off: none\n"
+    "traffic header FIELD=VALUE[,...]  one more packet to take in turn; header none: drawn ones\n"
+    "traffic bytes N                a packet's size\n"
+    "traffic seed N                 begins the drawn packets anew\n"
+    "traffic reset                  counts hits and misses anew; not the flows' counters\n";
 
 Answer refused(std::string why) { return {false, std::move(why)}; }
 
@@ -106,7 +113,7 @@ Answer ruled(ForwardingAgent& agent, const std::string& name, std::string_view a
 }  // namespace
 
 Answer answered(ForwardingAgent& agent, const ReportQueue& reports, const Following& following,
-                std::string_view line) {
+                std::string_view line, Traffic* traffic) {
   const size_t start = std::min(line.find_first_not_of(" \t\r"), line.size());
   line.remove_prefix(start);
   line = line.substr(0, line.find_last_not_of(" \t\r") + 1);
@@ -116,6 +123,7 @@ Answer answered(ForwardingAgent& agent, const ReportQueue& reports, const Follow
   line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
   if (name == "dump") return dump(agent, std::string(line));
   if (name == "stats") return stats(agent, reports, following);
+  if (name == "traffic" && traffic) return trafficAnswered(*traffic, line);
   if (name == "rules") return {true, rulesText(agent.rules())};
   if (name == "help" || name.empty()) return {true, helpText};
   return ruled(agent, name, line);

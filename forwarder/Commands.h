@@ -9,6 +9,8 @@
 
 namespace Forwarder {
 
+class Traffic;
+
 struct Answer {
   bool ok = true;
   std::string text;  // lines, each ended; or, when not ok, the one-line reason
@@ -24,8 +26,10 @@ struct Following {
 //   rules          the rules in force, as commands
 //   dump [TABLE]   the rows held
 //   stats          counters, a line each
+//   traffic ...    synthetic packets: see TrafficCommand.h
 //   help
+// Without `traffic` there is no such command.
 Answer answered(ForwardingAgent& agent, const ReportQueue& reports, const Following& following,
-                std::string_view line);
+                std::string_view line, Traffic* traffic = nullptr);
 
 }  // namespace Forwarder

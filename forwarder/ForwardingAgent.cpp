@@ -54,8 +54,11 @@ const char* outcomeName(Outcome outcome) {
 ProgrammedTable::ProgrammedTable(std::string name, std::shared_ptr<const Lattice::TableType> type)
     : name_(std::move(name)), type_(std::move(type)) {
   if (!type_) return;
+  counted_ = std::ranges::any_of(type_->valueParts(), [](const auto& part) {
+    return part.part == Lattice::TableType::Part::counter;
+  });
   valueCheck_ = std::make_unique<ValueCheck>(*type_);
-  rows_ = matchTableFactory(MatchLayout(*type_));
+  rows_ = matchTableFactory(MatchLayout(*type_), counted_);
 }
 
 void ForwardingAgent::rulesIs(Rules rules) {
@@ -85,6 +88,8 @@ void ForwardingAgent::tableAdded(const Lattice::FollowedTable& followed) {
                     (!followed.type || table->type()->definition() == followed.type->definition());
   if (!same) {
     std::erase_if(followed_, [&](const auto& known) { return known.second == table.get(); });
+    if (table) doForgetFlows(*table);
+    ++tablesVersion_;
     table = std::make_unique<ProgrammedTable>(followed.name, followed.type);
     doCopyRules(*table);
   }
@@ -95,6 +100,8 @@ void ForwardingAgent::tableRemoved(const Lattice::FollowedTable& followed) {
   const auto table = tables_.find(followed.name);
   if (table == tables_.end()) return;
   std::erase_if(followed_, [&](const auto& known) { return known.second == table->second.get(); });
+  doForgetFlows(*table->second);
+  ++tablesVersion_;
   tables_.erase(table);
 }
 
@@ -115,9 +122,7 @@ void ForwardingAgent::snapshotEnd() {
   inSnapshot_ = false;
   ++snapshots_;
   for (auto& [name, table] : tables_) {
-    if (!table->rows()) continue;
-    sweptRows_ += table->rows()->sweep(
-        [this](const StoredRow& row) { return row.snapshot != snapshotNumber_; });
+    if (table->rows()) doSweep(*table);
   }
   for (const Deferred& row : std::exchange(deferred_, {})) {
     const auto table = tables_.find(row.table);
@@ -127,6 +132,61 @@ void ForwardingAgent::snapshotEnd() {
                                .entryHandle = row.entryHandle,
                                .sequence = row.sequence});
   }
+}
+
+// In a state directory made anew a row that stays may have the handle that one of those that go
+// had.
+void ForwardingAgent::doSweep(ProgrammedTable& table) {
+  const size_t swept = table.rows()->sweep([&](const StoredRow& row) {
+    const bool gone = row.snapshot != snapshotNumber_;
+    if (gone) doForgetFlow(table, row);
+    return gone;
+  });
+  sweptRows_ += swept;
+  if (swept > 0 && table.counted()) doRepublishFlows();
+}
+
+bool ForwardingAgent::anyCounted() const {
+  return std::ranges::any_of(tables_, [](const auto& known) { return known.second->counted(); });
+}
+
+void ForwardingAgent::doRepublishFlows() {
+  for (const auto& [name, table] : tables_) {
+    if (!table->counted()) continue;
+    table->rows()->forEach([&](const StoredRow& row) {
+      const RowFlow& flow = *table->rows()->flow(row);
+      if (flow.packets != 0 || flow.bytes != 0) flows_.countIs(flow);
+    });
+  }
+}
+
+void ForwardingAgent::doForgetFlow(const ProgrammedTable& table, const StoredRow& row) {
+  if (table.counted()) flows_.countDel(table.rows()->flow(row)->entryHandle);
+}
+
+void ForwardingAgent::doForgetFlows(const ProgrammedTable& table) {
+  if (!table.counted()) return;
+  table.rows()->forEach([&](const StoredRow& row) { doForgetFlow(table, row); });
+}
+
+// A row of another entry handle is another entry's, whatever stood there. Counter columns count
+// once: those of a change that repeats them say nothing of the packets since.
+void ForwardingAgent::doCount(const ProgrammedTable& table, const StoredRow& row,
+                              uint64_t entryHandle, const Counter& former) {
+  RowFlow& flow = *table.rows()->flow(row);
+  const bool another = flow.entryHandle != entryHandle;
+  if (another) {
+    if (flow.entryHandle != 0) flows_.countDel(flow.entryHandle);
+    flow = {.entryHandle = entryHandle};
+  }
+  const Counter given = Lattice::counterOfRow(*table.type(), row.value());
+  if (!given || !given->given) return;
+  const bool repeated = !another && former && former->given && former->bytes == given->bytes &&
+                        former->packets == given->packets;
+  if (repeated) return;
+  flow.bytes = given->bytes;
+  flow.packets = given->packets;
+  flows_.countIs(flow);
 }
 
 void ForwardingAgent::rowChanged(const Lattice::RowChange& change) {
@@ -152,8 +212,7 @@ void ForwardingAgent::doProgram(ProgrammedTable& table, const Lattice::RowChange
     if (!table.type()) throw Lattice::TypeError("its type is not known here");
     std::string fault = table.rows()->layout().keyFault(change.key);
     if (!fault.empty()) throw Lattice::TypeError(fault);
-    verdict =
-        change.deleted ? deleted(table, change.key) : written(table, change.key, change.value);
+    verdict = change.deleted ? deleted(table, change.key) : written(table, change);
   } catch (const Lattice::TypeError& e) {
     verdict = {Outcome::unreadable, codeUnreadable,
                fmt::format("cannot read a row of table {}: {}", table.name(), e.what())};
@@ -164,21 +223,28 @@ void ForwardingAgent::doProgram(ProgrammedTable& table, const Lattice::RowChange
                   std::move(verdict.message));
 }
 
-ForwardingAgent::Verdict ForwardingAgent::written(ProgrammedTable& table, std::string_view key,
-                                                  std::string_view value) {
-  StoredRow* held = table.rows()->row(key);
+ForwardingAgent::Verdict ForwardingAgent::written(ProgrammedTable& table,
+                                                  const Lattice::RowChange& change) {
+  StoredRow* held = table.rows()->row(change.key);
   if (held) held->snapshot = snapshotNumber_;  // whatever comes of the change, its key is there
-  const std::string fault = table.valueCheck_->fault(value);
+  const std::string fault = table.valueCheck_->fault(change.value);
   if (!fault.empty()) throw Lattice::TypeError(fault);
-  if (held && held->value() == value) return {};
+  Counter former;
+  if (held && table.counted()) former = Lattice::counterOfRow(*table.type(), held->value());
+  if (held && held->value() == change.value) {
+    if (table.counted()) doCount(table, *held, change.entryHandle, former);
+    return {};
+  }
   Verdict verdict{.outcome = held ? Outcome::replaced : Outcome::inserted};
-  if (maybeFail(table, key, verdict)) return verdict;
+  if (maybeFail(table, change.key, verdict)) return verdict;
   if (!held && table.rowCount() >= table.capacity_) {
     return {
         Outcome::full, codeFull,
         fmt::format("table {} is full: its capacity is {} rows", table.name(), table.capacity_)};
   }
-  table.rows()->rowIs(key, value).snapshot = snapshotNumber_;
+  StoredRow& row = table.rows()->rowIs(change.key, change.value);
+  row.snapshot = snapshotNumber_;
+  if (table.counted()) doCount(table, row, change.entryHandle, former);
   return verdict;
 }
 
@@ -187,6 +253,7 @@ ForwardingAgent::Verdict ForwardingAgent::deleted(ProgrammedTable& table, std::s
   if (!held) return {};
   Verdict verdict{.outcome = Outcome::deleted};
   if (maybeFail(table, key, verdict)) return verdict;
+  doForgetFlow(table, *held);
   table.rows()->rowDel(*held);
   return verdict;
 }

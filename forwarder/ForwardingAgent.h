@@ -11,10 +11,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "forwarder/FlowBook.h"
 #include "forwarder/MatchTable.h"
 #include "forwarder/ReportQueue.h"
 #include "forwarder/Rules.h"
 #include "forwarder/ValueCheck.h"
+#include "platform/lattice/DirectColumns.h"
 #include "platform/lattice/Subscriber.h"
 
 namespace Forwarder {
@@ -35,11 +37,13 @@ class ProgrammedTable {
   const Lattice::TableType* type() const { return type_.get(); }
   MatchTable* rows() const { return rows_.get(); }  // null without a type
   size_t rowCount() const { return rows_ ? rows_->rowCount() : 0; }
+  bool counted() const { return counted_; }  // its type has a counter: each row has a flow
 
  private:
   friend class ForwardingAgent;
   const std::string name_;
   const std::shared_ptr<const Lattice::TableType> type_;
+  bool counted_ = false;
   std::unique_ptr<const ValueCheck> valueCheck_;
   std::unique_ptr<MatchTable> rows_;
   // The rules for this table, so that programming a row looks none up by name.
@@ -62,9 +66,16 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
 
   const ProgrammedTable* table(const std::string& name) const;  // null when not there
   const std::map<std::string, std::unique_ptr<ProgrammedTable>>& tables() const { return tables_; }
+  uint64_t tablesVersion() const { return tablesVersion_; }  // moves as tables come and go
   uint64_t changes(Outcome outcome) const { return changes_[static_cast<size_t>(outcome)]; }
   uint64_t snapshotCount() const { return snapshots_; }  // whole ones
   uint64_t sweptRows() const { return sweptRows_; }      // held, but in a snapshot no more
+
+  // The changes of counted rows' totals, to be published: a row starts with what its counter
+  // columns say, keeps counting while its entry handle stays, and goes with its count.
+  FlowBook& flows() { return flows_; }
+  bool anyCounted() const;  // whether a table's rows are
+  void doRepublishFlows();  // puts the counts of all rows into flows()
 
   void tableAdded(const Lattice::FollowedTable& table) override;
   void tableRemoved(const Lattice::FollowedTable& table) override;
@@ -89,7 +100,13 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
 
   ProgrammedTable& tableOf(const Lattice::FollowedTable& followed);
   Verdict deleted(ProgrammedTable& table, std::string_view key);
-  Verdict written(ProgrammedTable& table, std::string_view key, std::string_view value);
+  Verdict written(ProgrammedTable& table, const Lattice::RowChange& change);
+  using Counter = std::optional<Lattice::CounterColumns>;
+  void doCount(const ProgrammedTable& table, const StoredRow& row, uint64_t entryHandle,
+               const Counter& former);
+  void doForgetFlow(const ProgrammedTable& table, const StoredRow& row);
+  void doForgetFlows(const ProgrammedTable& table);
+  void doSweep(ProgrammedTable& table);
   bool maybeDefer(const ProgrammedTable& table, const Lattice::RowChange& change);
   bool maybeFail(const ProgrammedTable& table, std::string_view key, Verdict& verdict);
   void doProgram(ProgrammedTable& table, const Lattice::RowChange& change);
@@ -98,12 +115,14 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
                              const Verdict& verdict);
 
   ReportQueue& reports_;
+  FlowBook flows_;
   Rules rules_;
   Log log_;
   std::function<void()> progress_;
   unsigned sinceProgress_ = 0;                                      // changes
   std::map<std::string, std::unique_ptr<ProgrammedTable>> tables_;  // by name
   std::unordered_map<const Lattice::FollowedTable*, ProgrammedTable*> followed_;
+  uint64_t tablesVersion_ = 1;
   uint32_t snapshotNumber_ = 0;  // of the newest one begun; rows keep the last that showed them
   bool inSnapshot_ = false;
   std::vector<Deferred> deferred_;

@@ -10,7 +10,7 @@ namespace {
 // Without masks and prefixes a packet's fields are the key.
 class ExactTable final : public MatchTable {
  public:
-  explicit ExactTable(const MatchLayout& layout) : MatchTable(layout) {}
+  ExactTable(const MatchLayout& layout, bool counted) : MatchTable(layout, counted) {}
   const StoredRow* lookup(std::span<const uint8_t> packet) const override {
     return row({reinterpret_cast<const char*>(packet.data()), packet.size()});
   }
@@ -37,16 +37,16 @@ size_t MatchTable::sweep(const std::function<bool(const StoredRow&)>& gone) {
   });
 }
 
-std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout) {
+std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout, bool counted) {
   switch (layout.kind()) {
     case MatchKind::longestPrefix:
-      return std::make_unique<PrefixTable>(layout);
+      return std::make_unique<PrefixTable>(layout, counted);
     case MatchKind::ternary:
-      return std::make_unique<TernaryTable>(layout);
+      return std::make_unique<TernaryTable>(layout, counted);
     case MatchKind::exact:
       break;
   }
-  return std::make_unique<ExactTable>(layout);
+  return std::make_unique<ExactTable>(layout, counted);
 }
 
 }  // namespace Forwarder

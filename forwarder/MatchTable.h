@@ -24,6 +24,9 @@ class MatchTable {
   const MatchLayout& layout() const { return layout_; }
   size_t rowCount() const { return rows_.size(); }
   StoredRow* row(std::string_view key) const { return rows_.row(key); }  // null when absent
+  // Any row by a number below rowCount(); numbers change when rows leave.
+  StoredRow& rowAt(size_t number) const { return rows_.at(number); }
+  RowFlow* flow(const StoredRow& row) const { return rows_.flow(row); }  // null unless counted
   // Inserts or replaces. `key` has no fault (MatchLayout::keyFault()).
   StoredRow& rowIs(std::string_view key, std::string_view value);
   void rowDel(const StoredRow& row);  // a row of this table
@@ -37,7 +40,7 @@ class MatchTable {
   virtual const StoredRow* lookup(std::span<const uint8_t> packet) const = 0;
 
  protected:
-  explicit MatchTable(const MatchLayout& layout) : layout_(layout) {}
+  MatchTable(const MatchLayout& layout, bool counted) : layout_(layout), rows_(counted) {}
   const RowSet& rows() const { return rows_; }
 
  private:
@@ -52,7 +55,7 @@ class MatchTable {
   };
 };
 
-// A table that fits the layout's kind.
-std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout);
+// A table that fits the layout's kind. `counted`: its rows have flows.
+std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout, bool counted = false);
 
 }  // namespace Forwarder

@@ -11,7 +11,7 @@ namespace Forwarder {
 
 using Lattice::IpGenPrefix;
 
-PrefixTable::PrefixTable(const MatchLayout& layout) : MatchTable(layout) {
+PrefixTable::PrefixTable(const MatchLayout& layout, bool counted) : MatchTable(layout, counted) {
   for (const MatchField& field : layout.fields()) {
     if (field.kind == MatchField::Kind::prefix) prefixOffset_ = field.keyOffset;
   }

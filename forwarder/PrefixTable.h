@@ -11,7 +11,7 @@ namespace Forwarder {
 // So programming costs what it costs in an exact table, and real tables use a few dozen lengths.
 class PrefixTable final : public MatchTable {
  public:
-  explicit PrefixTable(const MatchLayout& layout);
+  PrefixTable(const MatchLayout& layout, bool counted);
   const StoredRow* lookup(std::span<const uint8_t> packet) const override;
 
  private:

@@ -15,8 +15,11 @@ RowSet::Probe RowSet::probeOf(std::string_view key) {
   return {key, absl::HashOf(absl::string_view(key.data(), key.size()))};
 }
 
-StoredRow* RowSet::allocated(std::string_view key, std::string_view value) {
-  auto* row = new (::operator new(sizeof(StoredRow) + key.size() + value.size())) StoredRow;
+StoredRow* RowSet::allocated(std::string_view key, std::string_view value) const {
+  auto* memory =
+      static_cast<char*>(::operator new(flowSize_ + sizeof(StoredRow) + key.size() + value.size()));
+  if (flowSize_ > 0) new (memory) RowFlow;
+  auto* row = new (memory + flowSize_) StoredRow;
   row->keySize = static_cast<uint32_t>(key.size());
   row->valueSize = static_cast<uint32_t>(value.size());
   char* bytes = reinterpret_cast<char*>(row + 1);
@@ -25,7 +28,16 @@ StoredRow* RowSet::allocated(std::string_view key, std::string_view value) {
   return row;
 }
 
-void RowSet::free(StoredRow* row) { ::operator delete(row); }
+void RowSet::free(StoredRow* row) const {
+  ::operator delete(reinterpret_cast<char*>(row) - flowSize_);
+}
+
+void RowSet::numberDel(const StoredRow& row) {
+  StoredRow* last = rows_.back();
+  last->number = row.number;
+  rows_[row.number] = last;
+  rows_.pop_back();
+}
 
 StoredRow* RowSet::row(std::string_view key) const {
   const auto slot = slots_.find(probeOf(key));
@@ -40,13 +52,20 @@ RowSet::Written RowSet::rowIs(std::string_view key, std::string_view value,
     written = {.row = allocated(key, value), .inserted = true};
     construct(Slot{written.row, probe.hash});
   });
-  if (written.inserted) return written;
+  if (written.inserted) {
+    written.row->number = static_cast<uint32_t>(rows_.size());
+    rows_.push_back(written.row);
+    return written;
+  }
   StoredRow* former = slot->row;
   if (former->valueSize == value.size()) {
     value.copy(reinterpret_cast<char*>(former + 1) + former->keySize, value.size());
     return {.row = former};
   }
   written = {.row = allocated(key, value), .moved = true};
+  written.row->number = former->number;
+  if (flowSize_ > 0) *flow(*written.row) = *flow(*former);
+  rows_[former->number] = written.row;
   leaving(*former);
   const_cast<Slot&>(*slot).row = written.row;  // its hash and key are as before
   free(former);
@@ -57,12 +76,14 @@ void RowSet::rowDel(const StoredRow& row) {
   const auto slot = slots_.find(probeOf(row.key()));
   StoredRow* owned = slot->row;
   slots_.erase(slot);
+  numberDel(*owned);
   free(owned);
 }
 
 void RowSet::rowDelAll() {
-  for (const Slot& slot : slots_) free(slot.row);
   slots_.clear();
+  for (StoredRow* row : rows_) free(row);
+  rows_.clear();
 }
 
 }  // namespace Forwarder

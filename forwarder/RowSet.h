@@ -1,5 +1,5 @@
-// The rows of one table by their packed key: a hash table of pointers to rows of one allocation
-// each.
+// The rows of one table by their packed key, and by number: a hash table of pointers to rows of one
+// allocation each.
 #pragma once
 
 #include <absl/container/flat_hash_set.h>
@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <string_view>
+#include <vector>
 
 namespace Forwarder {
 
@@ -15,16 +16,25 @@ struct StoredRow {
   uint32_t keySize = 0;    // bytes
   uint32_t valueSize = 0;  // bytes
   uint32_t snapshot = 0;   // the last snapshot that showed it; for whoever sweeps
+  uint32_t number = 0;     // its place among the set's rows, for RowSet::at()
   std::string_view key() const { return {bytes(), keySize}; }
   std::string_view value() const { return {bytes() + keySize, valueSize}; }
   const char* bytes() const { return reinterpret_cast<const char*>(this + 1); }
 };
 
-// Owns its rows. A row keeps its address until it is deleted, or replaced by one of another size.
-// One thread uses it.
+// What packets have done to a row of a table with a counter. It lies in front of the row in memory,
+// so that the rows of other tables are none the larger for it.
+struct RowFlow {
+  uint64_t entryHandle = 0;  // 0: not counted yet
+  uint64_t bytes = 0;
+  uint64_t packets = 0;
+};
+
+// Owns its rows. A row keeps its address until it is deleted, or replaced by one of another size;
+// its flow goes with it. One thread uses it.
 class RowSet {
  public:
-  RowSet() = default;
+  explicit RowSet(bool counted = false) : flowSize_(counted ? sizeof(RowFlow) : 0) {}
   ~RowSet();
   RowSet(const RowSet&) = delete;
   RowSet& operator=(const RowSet&) = delete;
@@ -40,11 +50,17 @@ class RowSet {
                 const std::function<void(const StoredRow&)>& leaving);
   void rowDel(const StoredRow& row);
   void rowDelAll();
-  size_t size() const { return slots_.size(); }
+  size_t size() const { return rows_.size(); }
+  StoredRow& at(size_t number) const { return *rows_[number]; }  // below size(); moves as rows go
+  // Null unless the rows are counted.
+  RowFlow* flow(const StoredRow& row) const {
+    if (flowSize_ == 0) return nullptr;
+    return reinterpret_cast<RowFlow*>(const_cast<StoredRow*>(&row)) - 1;
+  }
 
   template <typename Visit>
   void forEach(const Visit& visit) const {
-    for (const Slot& slot : slots_) visit(*slot.row);
+    for (const StoredRow* row : rows_) visit(*row);
   }
   // Deletes the rows that `gone` answers true for; answers how many.
   template <typename Gone>
@@ -55,6 +71,7 @@ class RowSet {
       if (!gone(*here->row)) continue;
       StoredRow* row = here->row;
       slots_.erase(here);
+      numberDel(*row);
       free(row);
     }
     return before - slots_.size();
@@ -84,9 +101,12 @@ class RowSet {
     bool operator()(const Probe& a, const Slot& b) const { return (*this)(b, a); }
   };
   static Probe probeOf(std::string_view key);
-  static StoredRow* allocated(std::string_view key, std::string_view value);
-  static void free(StoredRow* row);
+  StoredRow* allocated(std::string_view key, std::string_view value) const;
+  void free(StoredRow* row) const;
+  void numberDel(const StoredRow& row);  // the last row takes its number
 
+  const size_t flowSize_;
+  std::vector<StoredRow*> rows_;  // by number
   absl::flat_hash_set<Slot, HashOfSlot, SameKey> slots_;
 };
 

@@ -21,6 +21,8 @@ using std::chrono::milliseconds;
 // An agent that appears has no way to wake us; one that is there has.
 constexpr milliseconds detachedTick{20};
 constexpr milliseconds attachedTick{1000};
+// The agent waits no longer than this for us to look up from making packets.
+constexpr std::chrono::microseconds trafficSlice{200};
 
 struct Stopped {};
 
@@ -38,17 +40,22 @@ int openSignals() {
 Runner::Runner(RunnerOptions options)
     : options_(std::move(options)),
       agent_(reports_),
+      traffic_(agent_),
+      publisher_(options_.stateDirectory, options_.name, agent_.flows(),
+                 [this] { agent_.doRepublishFlows(); }),
       subscriber_(Lattice::Subscriber::create(options_.stateDirectory, options_.name, agent_)),
       control_(controlPath(options_.stateDirectory, options_.name),
                [this](std::string_view line) {
                  return answered(agent_, reports_,
-                                 {subscriber_->attached(), subscriber_->sequence()}, line);
+                                 {subscriber_->attached(), subscriber_->sequence()}, line,
+                                 &traffic_);
                }),
       signals_(openSignals()) {
   reports_.subscriberIs(subscriber_.get());
   agent_.progressIs([this] { handleProgress(); });
   if (options_.verbose) agent_.logIs([this](const std::string& line) { say(line); });
   agent_.rulesIs(options_.rules);
+  traffic_.optionsIs(options_.traffic);
 }
 
 Runner::~Runner() {
@@ -65,10 +72,12 @@ void Runner::run() try {
       control_.maybeListen();
       control_.serve();
     }
-    subscriber_->follow(subscriber_->attached() ? milliseconds(0) : detachedTick);
+    const bool busy = subscriber_->attached() || traffic_.running();
+    subscriber_->follow(busy ? milliseconds(0) : detachedTick);
     handleAttachment();
     reports_.sendDue();
-    agentOnly = subscriber_->attached() && doWait();
+    doBackgroundWork();
+    agentOnly = busy && doWait();
   }
 } catch (const Stopped&) {
   // In the middle of a long way to catch up; nothing that is lost was kept anyway.
@@ -80,15 +89,35 @@ void Runner::handleProgress() {
   reports_.sendDue();
 }
 
+void Runner::doBackgroundWork() {
+  traffic_.work(trafficSlice);
+  publisher_.work(FlowPublisher::Clock::now(), agent_.anyCounted());
+  maybeSayTraffic();
+}
+
+void Runner::maybeSayTraffic() {
+  if (traffic_.behind() != saidBehind_) {
+    saidBehind_ = traffic_.behind();
+    const std::string of = std::to_string(traffic_.achievedRate()) + " of " +
+                           std::to_string(traffic_.options().rate) + " packets a second";
+    say(saidBehind_ ? "traffic falls behind: " + of : "traffic keeps up again: " + of);
+  }
+  if (publisher_.trouble() == saidCounterTrouble_) return;
+  saidCounterTrouble_ = publisher_.trouble();
+  say(saidCounterTrouble_.empty() ? "counters are published again" : saidCounterTrouble_);
+}
+
 // Answers whether the agent was the only one to come.
 bool Runner::doWait() {
   std::vector<pollfd> descriptors{{signals_, POLLIN, 0}};
   control_.pollDescriptors(descriptors);
   const int events = subscriber_->sending() ? POLLIN | POLLOUT : POLLIN;
   descriptors.push_back({subscriber_->descriptor(), static_cast<short>(events), 0});
-  milliseconds timeout = attachedTick;
-  if (const auto due = reports_.nextDue()) {
-    const auto left = std::chrono::ceil<milliseconds>(*due - ReportQueue::Clock::now());
+  milliseconds timeout = subscriber_->attached() ? attachedTick : detachedTick;
+  const auto now = ReportQueue::Clock::now();
+  for (const auto& due : {reports_.nextDue(), traffic_.nextDue(), publisher_.nextDue()}) {
+    if (!due) continue;
+    const auto left = std::chrono::ceil<milliseconds>(*due - now);
     timeout = std::clamp(left, milliseconds(0), timeout);
   }
   const int ready = poll(descriptors.data(), descriptors.size(), static_cast<int>(timeout.count()));

@@ -7,7 +7,9 @@
 #include <string>
 
 #include "forwarder/ControlSocket.h"
+#include "forwarder/FlowPublisher.h"
 #include "forwarder/ForwardingAgent.h"
+#include "forwarder/Traffic.h"
 
 namespace Forwarder {
 
@@ -15,6 +17,7 @@ struct RunnerOptions {
   std::string stateDirectory;
   std::string name;
   Rules rules;
+  TrafficOptions traffic;
   bool dumpOnSignal = false;  // SIGUSR1 prints the tables on standard output
   bool verbose = false;       // a line a change on standard error
 };
@@ -31,16 +34,22 @@ class Runner {
   void handleAttachment();
   void handleProgress();  // within follow(), which may take a while
   bool doWait();
+  void doBackgroundWork();  // packets and their counts, in small slices
+  void maybeSayTraffic();
   void say(const std::string& line) const;
 
   const RunnerOptions options_;
   ReportQueue reports_;
   ForwardingAgent agent_;
+  Traffic traffic_;
+  FlowPublisher publisher_;
   std::unique_ptr<Lattice::Subscriber> subscriber_;
   ControlSocket control_;
   int signals_ = -1;
   bool attached_ = false;
   std::string saidTrouble_;
+  bool saidBehind_ = false;
+  std::string saidCounterTrouble_;
 };
 
 }  // namespace Forwarder

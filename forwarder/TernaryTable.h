@@ -17,7 +17,7 @@ namespace Forwarder {
 // A look-up asks the groups from the greatest priority down and stops at the first that cannot win.
 class TernaryTable final : public MatchTable {
  public:
-  explicit TernaryTable(const MatchLayout& layout) : MatchTable(layout) {}
+  TernaryTable(const MatchLayout& layout, bool counted) : MatchTable(layout, counted) {}
   const StoredRow* lookup(std::span<const uint8_t> packet) const override;
   size_t groupCount() const { return groups_.size(); }
 

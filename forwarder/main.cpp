@@ -7,6 +7,7 @@
 
 #include "forwarder/ControlSocket.h"
 #include "forwarder/Runner.h"
+#include "forwarder/TrafficCommand.h"
 
 namespace {
 
@@ -45,6 +46,31 @@ struct RuleOptions {
     }
     rules.silent = silent;
     return rules;
+  }
+};
+
+// So are these, as words of the command `traffic`.
+struct TrafficWords {
+  std::vector<std::string> rate, headers, bytes, seed;
+
+  void add(CLI::App& app) {
+    const auto option = [&](const char* name, std::vector<std::string>& words, const char* what,
+                            const char* help) {
+      app.add_option(name, words, help)->type_name(what)->allow_extra_args(false)->take_all();
+    };
+    option("--traffic", rate, "RATE", "look up so many synthetic packets a second, and count hits");
+    option("--traffic-header", headers, "FIELD=VALUE,...",
+           "a packet to take in turn; fields not given are drawn");
+    option("--traffic-bytes", bytes, "N", "a packet's size (default 64)");
+    option("--traffic-seed", seed, "N", "the same seed draws the same packets (default 1)");
+  }
+  TrafficOptions options() const {
+    TrafficOptions options;
+    for (const std::string& word : rate) applyTraffic(options, word);
+    for (const std::string& word : headers) applyTraffic(options, "header " + word);
+    for (const std::string& word : bytes) applyTraffic(options, "bytes " + word);
+    for (const std::string& word : seed) applyTraffic(options, "seed " + word);
+    return options;
   }
 };
 
@@ -87,6 +113,7 @@ int main(int argc, char** argv) {
       "korvel-forwarder"};
   RunnerOptions options{.stateDirectory = defaultStateDirectory(), .name = "main"};
   RuleOptions ruleOptions;
+  TrafficWords traffic;
   app.add_option("--state-dir", options.stateDirectory, "the agent's state directory")
       ->capture_default_str();
   app.add_option("--name", options.name, "of this forwarder; each of an agent's has its own")
@@ -97,6 +124,7 @@ int main(int argc, char** argv) {
   ruleOptions.add(app, "fail-key", "TABLE:COLUMN=TEXT", "writes of rows with this key fail");
   ruleOptions.add(app, "fail-every", "N", "one write in N fails");
   ruleOptions.add(app, "fail-code", "CODE", "the error code of such failures (default 2)");
+  traffic.add(app);
   app.add_flag("--silent", ruleOptions.silent, "never report");
   app.add_flag("--dump", options.dumpOnSignal, "print the tables on SIGUSR1");
   app.add_flag("--verbose", options.verbose, "print each change");
@@ -112,6 +140,7 @@ int main(int argc, char** argv) {
     const std::string fault = nameFault(options.name);
     if (!fault.empty()) throw CLI::ValidationError("--name", fault);
     options.rules = ruleOptions.rules();
+    options.traffic = traffic.options();
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
   } catch (const std::exception& e) {  // CLI::ParseError, RuleError
