@@ -1,4 +1,4 @@
-// The action of a P4Runtime table entry to PI action data, and back.
+// A P4Runtime action to PI action data, and back.
 #include "PI/frontend/ActionCodec.h"
 
 #include "PI/frontend/ByteString.h"
@@ -9,72 +9,68 @@ namespace pi::fe::proto {
 
 namespace {
 
-void requireScope(const TablePlan& table, const ActionUse& use) {
+void requireScope(const ActionUser& user, const ActionUse& use) {
   if (use.scope == ActionScope::tableAndDefault || use.scope == ActionScope::tableOnly) return;
-  refuse(code::permissionDenied, "table ", table.name, ": action ", use.action->name,
+  refuse(code::permissionDenied, user.kind, " ", user.name, ": action ", use.action->name,
          use.scope == ActionScope::defaultOnly ? " may only be the default action"
                                                : " may only be a group action");
 }
 
 // Controllers mostly send the parameters in P4Info order, so the i-th is tried first.
-size_t paramIndex(const TablePlan& table, const ActionPlan& action, uint32_t id, size_t hint) {
+size_t paramIndex(const ActionUser& user, const ActionPlan& action, uint32_t id, size_t hint) {
   if (hint < action.params.size() && action.params[hint].id == id) return hint;
   for (size_t i = 0; i < action.params.size(); ++i) {
     if (action.params[i].id == id) return i;
   }
-  refuse(code::invalidArgument, "table ", table.name, ": action ", action.name,
+  refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
          " has no parameter with the id ", id);
 }
 
-void requireAll(const TablePlan& table, const ActionPlan& action,
+void requireAll(const ActionUser& user, const ActionPlan& action,
                 const absl::InlinedVector<bool, 32>& seen) {
   for (size_t i = 0; i < seen.size(); ++i) {
     if (seen[i]) continue;
-    refuse(code::invalidArgument, "table ", table.name, ": action ", action.name, ": parameter ",
-           action.params[i].name, " is missing");
+    refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
+           ": parameter ", action.params[i].name, " is missing");
   }
 }
 
 }  // namespace
 
-const ActionPlan& checkedAction(const TablePlan& table, const p4::v1::TableAction& action) {
-  if (!action.has_action()) {
-    refuse(code::invalidArgument, "table ", table.name,
-           " has no action profile: give the action itself, not a member, group or action set");
-  }
-  const uint32_t id = action.action().action_id();
-  const ActionUse* use = table.actionUse(id);
+const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& action) {
+  const uint32_t id = action.action_id();
+  const ActionUse* use = user.actionUse(id);
   if (use == nullptr) {
-    refuse(code::invalidArgument, "table ", table.name, " has no action with the id 0x",
+    refuse(code::invalidArgument, user.kind, " ", user.name, " has no action with the id 0x",
            absl::Hex(id, absl::kZeroPad8));
   }
-  requireScope(table, *use);
+  requireScope(user, *use);
   if (!use->action->unsupported.empty()) {
-    refuse(code::unimplemented, "table ", table.name, ": ", use->action->unsupported);
+    refuse(code::unimplemented, user.kind, " ", user.name, ": ", use->action->unsupported);
   }
   return *use->action;
 }
 
-void encodeActionData(const TablePlan& table, const ActionPlan& action, const p4::v1::Action& given,
+void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4::v1::Action& given,
                       uint8_t* data) {
   absl::InlinedVector<bool, 32> seen(action.params.size(), false);
   size_t hint = 0;
   for (const auto& value : given.params()) {
-    const size_t index = paramIndex(table, action, value.param_id(), hint++);
+    const size_t index = paramIndex(user, action, value.param_id(), hint++);
     const ParamPlan& param = action.params[index];
     if (seen[index]) {
-      refuse(code::invalidArgument, "table ", table.name, ": action ", action.name, ": parameter ",
-             param.name, " is given twice");
+      refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
+             ": parameter ", param.name, " is given twice");
     }
     seen[index] = true;
     if (!fits(value.value(), param.bits)) {
-      refuse(code::outOfRange, "table ", table.name, ": action ", action.name, ": parameter ",
+      refuse(code::outOfRange, user.kind, " ", user.name, ": action ", action.name, ": parameter ",
              param.name, ": the value ", hexText(value.value()), " is not a number of ", param.bits,
              " bits");
     }
     putPadded(value.value(), data + param.offset, param.bytes);
   }
-  if (static_cast<size_t>(given.params_size()) != seen.size()) requireAll(table, action, seen);
+  if (static_cast<size_t>(given.params_size()) != seen.size()) requireAll(user, action, seen);
 }
 
 void decodeAction(const ActionPlan& action, const uint8_t* data, p4::v1::Action* out) {

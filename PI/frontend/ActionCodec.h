@@ -1,4 +1,4 @@
-// The action of a P4Runtime table entry to PI action data, and back.
+// A P4Runtime action to PI action data, and back.
 #pragma once
 
 #include <cstdint>
@@ -7,11 +7,12 @@
 
 namespace pi::fe::proto {
 
-// The action an ordinary entry of the table names, if it may. Throws a Refusal.
-const ActionPlan& checkedAction(const TablePlan& table, const p4::v1::TableAction& action);
+// The action that an ordinary entry of the table, or a member of the profile, names, if it may.
+// Throws a Refusal.
+const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& action);
 
-// Writes action.dataBytes bytes. Throws a Refusal that names table, action and parameter.
-void encodeActionData(const TablePlan& table, const ActionPlan& action, const p4::v1::Action& given,
+// Writes action.dataBytes bytes. Throws a Refusal that names user, action and parameter.
+void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4::v1::Action& given,
                       uint8_t* data);
 
 // Adds id and parameters, values in their shortest form.

@@ -28,14 +28,20 @@ pi_status_t restoreTableEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId,
                                      {metadata, metadataSize});
 }
 
-pi_status_t restoreMember(void*, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t*, uint32_t,
-                          pi_indirect_handle_t, const char*, size_t) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+pi_status_t restoreMember(void* cookie, pi_dev_id_t, pi_p4_id_t profileId,
+                          const pi_action_data_t* action, uint32_t controllerId,
+                          pi_indirect_handle_t handle, const char*, size_t) {
+  return imp(cookie).restoredMemberIs(profileId, action, controllerId, handle);
 }
 
-pi_status_t restoreGroup(void*, pi_dev_id_t, pi_p4_id_t, uint32_t, const pi_indirect_handle_t*,
-                         size_t, pi_indirect_handle_t, const char*, size_t) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+pi_status_t restoreGroup(void* cookie, pi_dev_id_t, pi_p4_id_t profileId, uint32_t controllerId,
+                         const pi_indirect_handle_t* members, size_t count,
+                         pi_indirect_handle_t handle, const char* bytes, size_t size) {
+  if ((members == nullptr && count != 0) || (bytes == nullptr && size != 0)) {
+    return PI_STATUS_BUFFER_ERROR;
+  }
+  return imp(cookie).restoredGroupIs(profileId, controllerId, {members, count}, handle,
+                                     {bytes, size});
 }
 
 pi_status_t restoreDone(void* cookie, pi_dev_id_t) { return imp(cookie).handleRestoreDone(); }
@@ -127,7 +133,7 @@ DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request) {
       refuse(code::unavailable, "device ", deviceId_, " is getting a new pipeline; try again");
     }
     const std::shared_ptr<Pipeline> current = pipeline();
-    WriteRun run(current->index(), current->store(), session(*current));
+    WriteRun run(current->index(), current->store(), current->use(), session(*current));
     return run.run(request);
   });
 }
@@ -167,6 +173,21 @@ void DeviceMgrImp::streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, voi
   streamResponseCookie_ = cookie;
 }
 
+pi_status_t DeviceMgrImp::restoredMemberIs(pi_p4_id_t profileId, const pi_action_data_t* action,
+                                           uint32_t controllerId, pi_indirect_handle_t handle) {
+  const std::shared_ptr<Pipeline> restoring = restoringPipeline();
+  if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
+  return restoring->restoredMemberIs(profileId, action, controllerId, handle);
+}
+
+pi_status_t DeviceMgrImp::restoredGroupIs(pi_p4_id_t profileId, uint32_t controllerId,
+                                          std::span<const pi_indirect_handle_t> members,
+                                          pi_indirect_handle_t handle, std::string_view bytes) {
+  const std::shared_ptr<Pipeline> restoring = restoringPipeline();
+  if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
+  return restoring->restoredGroupIs(profileId, controllerId, members, handle, bytes);
+}
+
 pi_status_t DeviceMgrImp::restoredEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
                                           const pi_table_entry_t& entry, pi_entry_handle_t handle,
                                           uint64_t controllerMetadata, std::string_view metadata) {
@@ -178,7 +199,7 @@ pi_status_t DeviceMgrImp::restoredEntryIs(pi_p4_id_t tableId, const pi_match_key
 pi_status_t DeviceMgrImp::handleRestoreDone() {
   const std::shared_ptr<Pipeline> restoring = restoringPipeline();
   if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
-  const bool complete = restoring->doAdoptInitialEntries(session(*restoring));
+  const bool complete = restoring->doFinishRestore(session(*restoring));
   const std::lock_guard lock(mutex_);
   if (pipeline_ == restoring) isRestored_ = true;
   restored_.notify_all();

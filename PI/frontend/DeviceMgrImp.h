@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <span>
 
 #include "PI/frontend/Pipeline.h"
 #include "PI/frontends/proto/device_mgr.h"
@@ -41,6 +42,11 @@ class DeviceMgrImp {
   pi_status_t restoredEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t& entry, pi_entry_handle_t handle,
                               uint64_t controllerMetadata, std::string_view metadata);
+  pi_status_t restoredMemberIs(pi_p4_id_t profileId, const pi_action_data_t* action,
+                               uint32_t controllerId, pi_indirect_handle_t handle);
+  pi_status_t restoredGroupIs(pi_p4_id_t profileId, uint32_t controllerId,
+                              std::span<const pi_indirect_handle_t> members,
+                              pi_indirect_handle_t handle, std::string_view bytes);
   pi_status_t handleRestoreDone();
 
   std::shared_ptr<Pipeline> pipeline() const;

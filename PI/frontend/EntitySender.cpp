@@ -1,7 +1,8 @@
-// Packs table entries into ReadResponse messages of bounded size.
+// Packs table entries, members and groups into ReadResponse messages of bounded size.
 #include "PI/frontend/EntitySender.h"
 
 #include "PI/frontend/ActionCodec.h"
+#include "PI/frontend/Indirect.h"
 #include "PI/frontend/KeyCodec.h"
 
 namespace pi::fe::proto {
@@ -9,18 +10,71 @@ namespace pi::fe::proto {
 namespace {
 constexpr size_t kMessageBytes = (1 << 20) - 64;
 constexpr size_t kFrameBytes = 6;  // tag and length of an entity, at most
+
+void settingIs(const MeterSetting& setting, p4::v1::MeterConfig* sent) {
+  sent->set_cir(static_cast<int64_t>(setting.cir));
+  sent->set_pir(static_cast<int64_t>(setting.pir));
+  sent->set_cburst(setting.cburst);
+  sent->set_pburst(setting.pburst);
+}
+
 }  // namespace
 
-bool EntitySender::entrySent(const TablePlan& table, const Entry& entry) {
+bool EntitySender::entrySent(const TablePlan& table, const Entry& entry, EntryForm form,
+                             const p4::v1::CounterData& count) {
+  if (form == EntryForm::counter) {
+    keyIs(table, entry, entity_.mutable_direct_counter_entry()->mutable_table_entry());
+    *entity_.mutable_direct_counter_entry()->mutable_data() = count;
+    return entitySent();
+  }
+  const std::optional<MeterSetting> meter = entry.meter();
+  if (form == EntryForm::meter) {
+    keyIs(table, entry, entity_.mutable_direct_meter_entry()->mutable_table_entry());
+    if (meter) settingIs(*meter, entity_.mutable_direct_meter_entry()->mutable_config());
+    return entitySent();
+  }
   p4::v1::TableEntry* sent = entity_.mutable_table_entry();
-  sent->set_table_id(table.id);
-  decodeKey(table, entry.keyData(), sent);
-  sent->set_priority(static_cast<int32_t>(entry.priority));
-  decodeAction(*index_.action(entry.actionId), entry.actionData(),
-               sent->mutable_action()->mutable_action());
+  keyIs(table, entry, sent);
+  actionIs(entry, sent->mutable_action());
   sent->set_controller_metadata(entry.controllerMetadata);
   sent->set_metadata(entry.metadata().data(), entry.metadata().size());
   sent->set_is_const(table.isConst);
+  if (hasCounter(form)) *sent->mutable_counter_data() = count;
+  if (hasMeter(form) && meter) settingIs(*meter, sent->mutable_meter_config());
+  return entitySent();
+}
+
+void EntitySender::keyIs(const TablePlan& table, const Entry& entry,
+                         p4::v1::TableEntry* sent) const {
+  sent->set_table_id(table.id);
+  decodeKey(table, entry.keyData(), sent);
+  sent->set_priority(static_cast<int32_t>(entry.priority));
+}
+
+void EntitySender::actionIs(const Entry& entry, p4::v1::TableAction* sent) const {
+  switch (entry.kind) {
+    case EntryKind::toMember:
+      return sent->set_action_profile_member_id(reference(entry).id);
+    case EntryKind::toGroup:
+      return sent->set_action_profile_group_id(reference(entry).id);
+    case EntryKind::actionSet:
+      *sent->mutable_action_profile_action_set() = actionSet(entry);
+      return;
+    default:
+      decodeAction(*index_.action(entry.actionId), entry.actionData(), sent->mutable_action());
+  }
+}
+
+bool EntitySender::objectSent(const Entry& object) {
+  if (object.kind == EntryKind::groupObject) {
+    *entity_.mutable_action_profile_group() = group(object);
+    return entitySent();
+  }
+  p4::v1::ActionProfileMember* sent = entity_.mutable_action_profile_member();
+  const ObjectId id = objectId(object);
+  sent->set_action_profile_id(id.profileId);
+  sent->set_member_id(id.id);
+  decodeAction(*index_.action(object.actionId), object.actionData(), sent->mutable_action());
   return entitySent();
 }
 

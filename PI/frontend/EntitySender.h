@@ -1,8 +1,9 @@
-// Packs table entries into ReadResponse messages of bounded size.
+// Packs table entries, members and groups into ReadResponse messages of bounded size.
 #pragma once
 
 #include "PI/frontend/Entry.h"
 #include "PI/frontend/P4InfoIndex.h"
+#include "PI/frontend/Query.h"
 #include "PI/frontends/proto/device_mgr.h"
 
 namespace pi::fe::proto {
@@ -14,11 +15,16 @@ class EntitySender {
       : index_(index), sink_(sink) {}
 
   // All answer false once the sink has: nothing more is wanted.
-  bool entrySent(const TablePlan& table, const Entry& entry);
+  // `count` is what the entry's direct counter shows, if the form has that.
+  bool entrySent(const TablePlan& table, const Entry& entry, EntryForm form,
+                 const p4::v1::CounterData& count);
+  bool objectSent(const Entry& object);
   bool defaultEntrySent(const TablePlan& table);
   bool restSent();
 
  private:
+  void keyIs(const TablePlan& table, const Entry& entry, p4::v1::TableEntry* sent) const;
+  void actionIs(const Entry& entry, p4::v1::TableAction* sent) const;
   bool entitySent();
 
   const P4InfoIndex& index_;

@@ -1,6 +1,7 @@
-// One table entry in one block of memory.
+// One table entry, member or group in one block of memory.
 #include "PI/frontend/Entry.h"
 
+#include <cstring>
 #include <new>
 
 #include "absl/hash/hash.h"
@@ -9,11 +10,23 @@ namespace pi::fe::proto {
 
 size_t EntryKey::hash() const { return absl::HashOf(tableId, priority, bytes); }
 
-EntryPtr Entry::make(uint32_t tableId, size_t keySize, size_t actionSize, size_t metadataSize) {
-  void* block = ::operator new(sizeof(Entry) + keySize + actionSize + metadataSize);
-  auto* entry = new (block) Entry(keySize, actionSize, metadataSize);
+static_assert(sizeof(Entry) == 48, "kind and meter flag fit into what was padding");
+
+EntryPtr Entry::make(uint32_t tableId, size_t keySize, size_t actionSize, size_t metadataSize,
+                     const std::optional<MeterSetting>& meter) {
+  const size_t size = keySize + actionSize + metadataSize;
+  void* block = ::operator new(sizeof(Entry) + size + (meter ? sizeof(*meter) : 0));
+  auto* entry = new (block) Entry(keySize, actionSize, metadataSize, meter.has_value());
   entry->tableId = tableId;
+  if (meter) std::memcpy(entry->bytes() + size, &*meter, sizeof(*meter));
   return EntryPtr(entry);
+}
+
+std::optional<MeterSetting> Entry::meter() const {
+  if (!hasMeter_) return std::nullopt;
+  MeterSetting setting;
+  std::memcpy(&setting, bytes() + keySize_ + actionSize_ + metadataSize_, sizeof(setting));
+  return setting;
 }
 
 void EntryPtr::release() {

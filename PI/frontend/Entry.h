@@ -1,16 +1,39 @@
-// One table entry as the front end keeps it: a single block of memory with the PI bytes of key and
-// action behind a small header. A million of them are kept, so every byte counts.
+// One table entry, member or group as the front end keeps it: a single block of memory with the PI
+// bytes of key and action behind a small header. A million entries are kept, so every byte counts.
 #pragma once
 
 #include <atomic>
+#include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <utility>
 
 namespace pi::fe::proto {
 
 class EntryPtr;
+
+// What the action bytes of an entry are.
+enum class EntryKind : uint8_t {
+  action,        // PI action data
+  keyAlone,      // none: to delete the entry, or to change it and keep its action
+  toMember,      // a reference (PI/frontend/Indirect.h)
+  toGroup,       // a reference
+  actionSet,     // hidden members and group, and the set (PI/frontend/Indirect.h)
+  unresolved,    // a reference without an id: as the target shows those
+  memberObject,  // a member itself: PI action data
+  groupObject,   // a group itself: the p4.v1.ActionProfileGroup as it was written
+};
+
+// A direct meter's setting, in the meter's unit; rates per second.
+struct MeterSetting {
+  uint64_t cir = 0;
+  uint64_t pir = 0;
+  uint32_t cburst = 0;
+  uint32_t pburst = 0;
+  bool operator==(const MeterSetting&) const = default;
+};
 
 // What tells entries apart. The bytes belong to someone else.
 struct EntryKey {
@@ -19,14 +42,15 @@ struct EntryKey {
   std::string_view bytes;  // PI match key
 
   size_t hash() const;
-  bool operator==(const EntryKey&) const = default;
+  auto operator<=>(const EntryKey&) const = default;
 };
 
 // Filled in by its maker; nobody changes it once it is in the store. Any thread may then read it.
 class Entry {
  public:
   // Sizes in bytes. The bytes of key, action data and metadata are left for the caller to fill in.
-  static EntryPtr make(uint32_t tableId, size_t keySize, size_t actionSize, size_t metadataSize);
+  static EntryPtr make(uint32_t tableId, size_t keySize, size_t actionSize, size_t metadataSize,
+                       const std::optional<MeterSetting>& meter = std::nullopt);
 
   EntryKey key() const { return {tableId, priority, {bytes(), keySize_}}; }
   uint8_t* keyData() { return reinterpret_cast<uint8_t*>(bytes()); }
@@ -37,23 +61,29 @@ class Entry {
   char* metadataData() { return bytes() + keySize_ + actionSize_; }
   std::string_view metadata() const { return {bytes() + keySize_ + actionSize_, metadataSize_}; }
   bool hasMetadata() const { return metadataSize_ != 0 || controllerMetadata != 0; }
-  size_t memoryBytes() const { return sizeof(Entry) + keySize_ + actionSize_ + metadataSize_; }
+  std::optional<MeterSetting> meter() const;  // nothing: the default
+  bool isObject() const {
+    return kind == EntryKind::memberObject || kind == EntryKind::groupObject;
+  }
 
   uint64_t handle = 0;  // the target's
   uint64_t controllerMetadata = 0;
   uint32_t tableId = 0;
   uint32_t priority = 0;
   uint32_t actionId = 0;
+  EntryKind kind = EntryKind::action;
 
  private:
   friend class EntryPtr;
-  Entry(size_t keySize, size_t actionSize, size_t metadataSize)
-      : keySize_(static_cast<uint32_t>(keySize)),
+  Entry(size_t keySize, size_t actionSize, size_t metadataSize, bool hasMeter)
+      : hasMeter_(hasMeter),
+        keySize_(static_cast<uint32_t>(keySize)),
         actionSize_(static_cast<uint32_t>(actionSize)),
         metadataSize_(static_cast<uint32_t>(metadataSize)) {}
   char* bytes() { return reinterpret_cast<char*>(this + 1); }
   const char* bytes() const { return reinterpret_cast<const char*>(this + 1); }
 
+  bool hasMeter_;  // its setting is behind the metadata
   std::atomic<uint32_t> references_{0};
   uint32_t keySize_;
   uint32_t actionSize_;

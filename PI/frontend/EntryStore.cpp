@@ -1,7 +1,9 @@
-// The committed table entries of a device.
+// The committed entries, members and groups of a device.
 #include "PI/frontend/EntryStore.h"
 
+#include <algorithm>
 #include <mutex>
+#include <string>
 
 namespace pi::fe::proto {
 
@@ -9,8 +11,16 @@ void EntryStore::entryIs(EntryPtr entry) {
   EntrySlot slot{std::move(entry), 0};
   slot.hash = slot.entry->key().hash();
   const std::unique_lock lock(mutex_);
+  objectIs(slot.entry);
   entries_.erase(EntryLookup{slot.entry->key(), slot.hash});
   entries_.insert(std::move(slot));
+}
+
+// The order is by key, so the newer one takes the place of the one with the same key.
+void EntryStore::objectIs(const EntryPtr& entry) {
+  if (!entry->isObject()) return;
+  objects_.erase(entry->key());
+  objects_.insert(entry);
 }
 
 const Entry* EntryStore::committed(const EntryLookup& lookup) const {
@@ -28,6 +38,11 @@ void EntryStore::commit(std::span<Change> changes) {
   const std::unique_lock lock(mutex_);
   for (Change& change : changes) {
     EntryPtr former;
+    if (change.isDelete) {
+      if (change.slot.entry->isObject()) objects_.erase(change.slot.entry->key());
+    } else {
+      objectIs(change.slot.entry);
+    }
     const auto found = entries_.find(EntryLookup{change.slot.entry->key(), change.slot.hash});
     if (found != entries_.end()) {
       former = found->entry;
@@ -108,6 +123,38 @@ EntryPtr EntryStore::Snapshot::entryLocked(const EntryLookup& lookup) const {
     if (found != log->touched().end() && found->second.committed) return found->second.original;
   }
   return store_.entryLocked(lookup);
+}
+
+// Writes may go on between two chunks; what they touched is put right at the end.
+std::vector<EntryPtr> EntryStore::Snapshot::objects(uint32_t profileId, bool groups) const {
+  std::vector<EntryPtr> walked;
+  const uint32_t kind = groups ? 1 : 0;
+  for (bool more = true; more;) {
+    const std::string after(walked.empty() ? std::string_view() : walked.back()->key().bytes);
+    more = objectsAfter({profileId, kind, after}, &walked);
+  }
+  const Touched touched = touchedSince(profileId);
+  std::erase_if(walked, [&](const EntryPtr& entry) {
+    return touched.contains(EntryLookup{entry->key(), entry->key().hash()});
+  });
+  for (const auto& [slot, original] : touched) {
+    if (original && original->priority == kind) walked.push_back(original);
+  }
+  std::sort(walked.begin(), walked.end(), KeyOrder());
+  return walked;
+}
+
+bool EntryStore::Snapshot::objectsAfter(const EntryKey& key, std::vector<EntryPtr>* out) const {
+  constexpr size_t kChunk = 256;
+  const std::shared_lock lock(store_.mutex_);
+  auto object = store_.objects_.upper_bound(key);
+  for (size_t n = 0; n < kChunk; ++n, ++object) {
+    if (object == store_.objects_.end()) return false;
+    const EntryKey next = (*object)->key();
+    if (next.tableId != key.tableId || next.priority != key.priority) return false;
+    out->push_back(*object);
+  }
+  return true;
 }
 
 EntryStore::Snapshot::Touched EntryStore::Snapshot::touchedSince(uint32_t tableId) const {

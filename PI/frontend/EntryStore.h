@@ -1,5 +1,6 @@
-// The committed table entries of a device: what the forwarding plane is known to hold. A Write
-// enters its outcome here once it is known; reads see each Write wholly or not at all.
+// The committed entries, members and groups of a device: what the forwarding plane is known to
+// hold. A Write enters its outcome here once it is known; reads see each Write wholly or not at
+// all.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "PI/frontend/Entry.h"
+#include "absl/container/btree_set.h"
 #include "absl/container/flat_hash_map.h"
 #include "absl/container/flat_hash_set.h"
 
@@ -21,9 +23,9 @@ namespace pi::fe::proto {
 class WriteLog {
  public:
   struct Touched {
-    uint32_t lastUpdate = 0;  // the Write's own: its latest update of this key
-    bool committed = false;   // guarded by the store's lock, as is what follows
-    EntryPtr original;        // what stood there before the Write; null: nothing
+    uint32_t lastLevel = 0;  // the Write's own: the batch of its latest update of this key
+    bool committed = false;  // guarded by the store's lock, as is what follows
+    EntryPtr original;       // what stood there before the Write; null: nothing
   };
   using Map = absl::flat_hash_map<EntrySlot, Touched, EntrySlotHash, EntrySlotEqual>;
 
@@ -67,16 +69,24 @@ class EntryStore {
 
  private:
   using Set = absl::flat_hash_set<EntrySlot, EntrySlotHash, EntrySlotEqual>;
+  struct KeyOrder {
+    using is_transparent = void;
+    bool operator()(const EntryPtr& a, const EntryPtr& b) const { return a->key() < b->key(); }
+    bool operator()(const EntryPtr& a, const EntryKey& b) const { return a->key() < b; }
+    bool operator()(const EntryKey& a, const EntryPtr& b) const { return a < b->key(); }
+  };
   using Logs = std::deque<std::shared_ptr<WriteLog>>;
 
   EntryPtr entryLocked(const EntryLookup& lookup) const;
+  void objectIs(const EntryPtr& entry);
   Logs doTakeUnusedLogs();
 
   mutable std::shared_mutex mutex_;
   Set entries_;
-  uint64_t begun_ = 0;  // number of the latest Write
-  uint64_t ended_ = 0;  // number of the latest that has been answered
-  Logs logs_;           // ascending: those a snapshot needs, and the one in progress
+  absl::btree_set<EntryPtr, KeyOrder> objects_;  // the members and groups among them
+  uint64_t begun_ = 0;                           // number of the latest Write
+  uint64_t ended_ = 0;                           // number of the latest that has been answered
+  Logs logs_;  // ascending: those a snapshot needs, and the one in progress
   std::multiset<uint64_t> snapshots_;
 };
 
@@ -94,13 +104,18 @@ class EntryStore::Snapshot {
   // One for each lookup, in order.
   void entries(std::span<const EntryLookup> lookups, std::vector<EntryPtr>* out) const;
 
-  // The keys of the table that Writes have touched since, with what stood there when the snapshot
-  // was made (null: nothing). What the target was seen to hold under these keys does not count.
+  // The members (or groups) of a profile, by id.
+  std::vector<EntryPtr> objects(uint32_t profileId, bool groups) const;
+
+  // The keys of the table (or profile) that Writes have touched since, with what stood there when
+  // the snapshot was made (null: nothing). What the target was seen to hold under these keys does
+  // not count.
   using Touched = absl::flat_hash_map<EntrySlot, EntryPtr, EntrySlotHash, EntrySlotEqual>;
   Touched touchedSince(uint32_t tableId) const;
 
  private:
   EntryPtr entryLocked(const EntryLookup& lookup) const;
+  bool objectsAfter(const EntryKey& key, std::vector<EntryPtr>* out) const;
 
   EntryStore& store_;
   uint64_t seen_;  // Writes up to this number are in the picture

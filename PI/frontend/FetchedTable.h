@@ -21,7 +21,8 @@ class FetchedTable {
 
   size_t size() const;
 
-  // The next entry, without metadata, which the target does not fetch; null after the last one.
+  // The next entry, without metadata and meter setting, which the target does not fetch; one that
+  // points at a member or group is `unresolved`. Null after the last one.
   // Throws a Refusal (INTERNAL) when it does not fit the table, or cannot be understood.
   EntryPtr next();
 
@@ -31,8 +32,12 @@ class FetchedTable {
   pi_table_fetch_res_t* result_ = nullptr;
 };
 
-// A PI entry of the table as we keep it; nothing when sizes, action or kind do not fit the table.
+// A PI entry of the table as we keep it, or `unresolved` when it points at a member or group;
+// nothing when sizes, action or kind do not fit the table. The metadata are left to fill in.
 std::optional<EntryPtr> entryOf(const TablePlan& table, const pi_match_key_t& key,
                                 const pi_table_entry_t& given, size_t metadataSize);
+
+// The direct meter's setting that comes with a PI entry; nothing: the default.
+std::optional<MeterSetting> meterSettingOf(const TablePlan& table, const pi_table_entry_t& given);
 
 }  // namespace pi::fe::proto

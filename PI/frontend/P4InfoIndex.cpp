@@ -68,6 +68,27 @@ p4::v1::Action defaultActionOf(const ActionPlan& action, const config::TableActi
   return result;
 }
 
+// Counters whose unit is not stated count both.
+DirectCounterPlan counterPlan(const config::DirectCounter& counter) {
+  const auto unit = counter.spec().unit();
+  if (!config::CounterSpec::Unit_IsValid(unit)) {
+    refuse(code::invalidArgument, "P4Info: direct counter ", counter.preamble().name(),
+           " has the unknown unit ", static_cast<int>(unit));
+  }
+  return {counter.preamble().id(), unit != config::CounterSpec::PACKETS,
+          unit != config::CounterSpec::BYTES};
+}
+
+DirectMeterPlan meterPlan(const config::DirectMeter& meter) {
+  const auto& spec = meter.spec();
+  if (!config::MeterSpec::Unit_IsValid(spec.unit()) ||
+      !config::MeterSpec::Type_IsValid(spec.type())) {
+    refuse(code::invalidArgument, "P4Info: direct meter ", meter.preamble().name(),
+           " has an unknown unit or type");
+  }
+  return {meter.preamble().id(), static_cast<DirectMeterPlan::Unit>(spec.unit()), spec.type()};
+}
+
 bool usesPriority(MatchKind kind) {
   return kind == MatchKind::ternary || kind == MatchKind::range || kind == MatchKind::optional;
 }
@@ -76,15 +97,17 @@ bool usesPriority(MatchKind kind) {
 
 P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info) {
   doIndexObjects(p4Info);
-  doCheckProfiles(p4Info);
+  doCheckDirectResources(p4Info);
   for (const auto& action : p4Info.actions()) {
     actions_[action.preamble().id()] = actionPlan(action);
   }
+  profilesAre(p4Info);
   tables_.reserve(p4Info.tables_size());
   for (const auto& table : p4Info.tables()) {
-    tables_.push_back(tablePlan(table));
+    tables_.push_back(tablePlan(p4Info, table));
     tableById_[table.preamble().id()] = tables_.back().get();
   }
+  doCheckTablesOfProfiles(p4Info);
 }
 
 const TablePlan* P4InfoIndex::table(uint32_t id) const {
@@ -97,17 +120,31 @@ const ActionPlan* P4InfoIndex::action(uint32_t id) const {
   return found == actions_.end() ? nullptr : found->second.get();
 }
 
+// A program has a handful of them.
+const ProfilePlan* P4InfoIndex::profile(uint32_t id) const {
+  for (const auto& profile : profiles_) {
+    if (profile->id == id) return profile.get();
+  }
+  return nullptr;
+}
+
+std::optional<int64_t> P4InfoIndex::arraySize(const char* kind, uint32_t id) const {
+  if (!isKind(id, kind)) return std::nullopt;
+  return objects_.at(id).size;
+}
+
 std::string P4InfoIndex::objectText(uint32_t id) const {
   const auto found = objects_.find(id);
   if (found == objects_.end()) return absl::StrCat(idText(id), ", which is not in the P4Info");
   return absl::StrCat(found->second.kind, " ", found->second.name);
 }
 
-void P4InfoIndex::objectIs(const char* kind, const config::Preamble& preamble) {
+void P4InfoIndex::objectIs(const char* kind, const config::Preamble& preamble, int64_t size) {
   if (preamble.id() == 0) {
     refuse(code::invalidArgument, "P4Info: ", kind, " ", preamble.name(), " has the id 0");
   }
-  const auto [other, isNew] = objects_.try_emplace(preamble.id(), Object{kind, preamble.name()});
+  const auto [other, isNew] =
+      objects_.try_emplace(preamble.id(), Object{kind, preamble.name(), size});
   if (isNew) return;
   refuse(code::invalidArgument, "P4Info: ", kind, " ", preamble.name(), " has the id ",
          idText(preamble.id()), " of ", other->second.kind, " ", other->second.name);
@@ -117,26 +154,26 @@ void P4InfoIndex::doIndexObjects(const config::P4Info& p4Info) {
   for (const auto& object : p4Info.tables()) objectIs(kTable, object.preamble());
   for (const auto& object : p4Info.actions()) objectIs(kAction, object.preamble());
   for (const auto& object : p4Info.action_profiles()) objectIs(kProfile, object.preamble());
-  for (const auto& object : p4Info.counters()) objectIs("counter", object.preamble());
+  for (const auto& object : p4Info.counters()) {
+    objectIs("counter", object.preamble(), object.size());
+  }
   for (const auto& object : p4Info.direct_counters()) objectIs(kDirectCounter, object.preamble());
-  for (const auto& object : p4Info.meters()) objectIs("meter", object.preamble());
+  for (const auto& object : p4Info.meters()) objectIs("meter", object.preamble(), object.size());
   for (const auto& object : p4Info.direct_meters()) objectIs(kDirectMeter, object.preamble());
   for (const auto& object : p4Info.controller_packet_metadata()) {
     objectIs("controller header", object.preamble());
   }
   for (const auto& object : p4Info.value_sets()) objectIs("value set", object.preamble());
-  for (const auto& object : p4Info.registers()) objectIs("register", object.preamble());
+  for (const auto& object : p4Info.registers()) {
+    objectIs("register", object.preamble(), object.size());
+  }
   for (const auto& object : p4Info.digests()) objectIs("digest", object.preamble());
   for (const auto& type : p4Info.externs()) {
     for (const auto& object : type.instances()) objectIs("extern", object.preamble());
   }
 }
 
-void P4InfoIndex::doCheckProfiles(const config::P4Info& p4Info) const {
-  for (const auto& profile : p4Info.action_profiles()) {
-    const std::string user = absl::StrCat("action profile ", profile.preamble().name());
-    for (const uint32_t tableId : profile.table_ids()) requireKind(tableId, kTable, user);
-  }
+void P4InfoIndex::doCheckDirectResources(const config::P4Info& p4Info) const {
   for (const auto& counter : p4Info.direct_counters()) {
     requireKind(counter.direct_table_id(), kTable,
                 absl::StrCat("direct counter ", counter.preamble().name()));
@@ -183,7 +220,8 @@ std::unique_ptr<ActionPlan> P4InfoIndex::actionPlan(const config::Action& action
   return plan;
 }
 
-std::unique_ptr<TablePlan> P4InfoIndex::tablePlan(const config::Table& table) const {
+std::unique_ptr<TablePlan> P4InfoIndex::tablePlan(const config::P4Info& p4Info,
+                                                  const config::Table& table) {
   auto plan = std::make_unique<TablePlan>();
   plan->id = table.preamble().id();
   plan->name = table.preamble().name();
@@ -195,16 +233,11 @@ std::unique_ptr<TablePlan> P4InfoIndex::tablePlan(const config::Table& table) co
   plan->hasIdleTimeout = table.idle_timeout_behavior() == config::Table::NOTIFY_CONTROL;
   plan->isConst = table.is_const_table();
   plan->hasInitialEntries = table.has_initial_entries();
-  plan->implementationId = table.implementation_id();
   for (const auto& field : table.match_fields()) fieldPlanIs(plan.get(), field);
   actionUsesAre(plan.get(), table);
   defaultActionIs(plan.get(), table);
-  directResourcesAre(plan.get(), table);
-  if (plan->implementationId != 0) {
-    requireKind(plan->implementationId, kProfile, "table " + plan->name);
-    plan->unsupported =
-        absl::StrCat("entries through ", objectText(plan->implementationId), " are not supported");
-  }
+  directResourcesAre(plan.get(), p4Info, table);
+  if (table.implementation_id() != 0) profileOfTableIs(plan.get(), table.implementation_id());
   return plan;
 }
 
@@ -264,14 +297,22 @@ void P4InfoIndex::defaultActionIs(TablePlan* plan, const config::Table& table) c
   }
 }
 
-void P4InfoIndex::directResourcesAre(TablePlan* plan, const config::Table& table) const {
+void P4InfoIndex::directResourcesAre(TablePlan* plan, const config::P4Info& p4Info,
+                                     const config::Table& table) const {
+  const std::string user = "table " + plan->name;
   for (const uint32_t id : table.direct_resource_ids()) {
-    if (isKind(id, kDirectMeter)) {
-      plan->hasDirectMeter = true;
-      continue;
+    const bool isMeter = isKind(id, kDirectMeter);
+    if (!isMeter) requireKind(id, kDirectCounter, user);
+    if (isMeter ? plan->meter.has_value() : plan->counter.has_value()) {
+      refuse(code::invalidArgument, "P4Info: ", user, " has ", objectText(id),
+             " and another one of that kind; it can have one");
     }
-    requireKind(id, kDirectCounter, "table " + plan->name);
-    plan->hasDirectCounter = true;
+    for (const auto& counter : p4Info.direct_counters()) {
+      if (counter.preamble().id() == id) plan->counter = counterPlan(counter);
+    }
+    for (const auto& meter : p4Info.direct_meters()) {
+      if (meter.preamble().id() == id) plan->meter = meterPlan(meter);
+    }
   }
 }
 

@@ -28,11 +28,26 @@ Pipeline::Pipeline(const p4::v1::ForwardingPipelineConfig& config)
     : config_(config),
       index_(config_.p4info()),
       deviceData_(deviceDataOf(config_)),
-      p4info_{const_cast<P4InfoIndex*>(&index_)} {}
+      p4info_{const_cast<P4InfoIndex*>(&index_)} {
+  restored_.emplace(index_, store_, use_);
+}
 
 bool Pipeline::equals(const p4::v1::ForwardingPipelineConfig& config) const {
   return config.p4_device_config() == config_.p4_device_config() &&
          google::protobuf::util::MessageDifferencer::Equals(config.p4info(), config_.p4info());
+}
+
+pi_status_t Pipeline::restoredMemberIs(uint32_t profileId, const pi_action_data_t* action,
+                                       uint32_t controllerId, uint64_t handle) {
+  if (!restored_) return PI_STATUS_INVALID_TABLE_OPERATION;
+  return restored_->memberIs(profileId, action, controllerId, handle);
+}
+
+pi_status_t Pipeline::restoredGroupIs(uint32_t profileId, uint32_t controllerId,
+                                      std::span<const uint64_t> members, uint64_t handle,
+                                      std::string_view bytes) {
+  if (!restored_) return PI_STATUS_INVALID_TABLE_OPERATION;
+  return restored_->groupIs(profileId, controllerId, members, handle, bytes);
 }
 
 pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& key,
@@ -48,8 +63,28 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   (*entry)->handle = handle;
   (*entry)->controllerMetadata = controllerMetadata;
   if (!metadata.empty()) std::memcpy((*entry)->metadataData(), metadata.data(), metadata.size());
-  store_.entryIs(*std::move(entry));
-  return PI_STATUS_SUCCESS;
+  const bool adopted = entryAdopted(*table, *std::move(entry));
+  return adopted ? PI_STATUS_SUCCESS : PI_STATUS_INVALID_ENTRY_TYPE;
+}
+
+bool Pipeline::entryAdopted(const TablePlan& table, EntryPtr entry) {
+  if (entry->kind == EntryKind::unresolved) {
+    entry = restored_ ? restored_->resolved(table, *entry) : EntryPtr();
+    if (!entry) return false;
+  }
+  if (table.profile != nullptr) {
+    const EntryPtr former = store_.entry(entry->key());
+    use_.changed(*table.profile, former.get(), entry.get());
+  }
+  store_.entryIs(std::move(entry));
+  return true;
+}
+
+bool Pipeline::doFinishRestore(const TargetSession& session) {
+  const bool complete = doAdoptInitialEntries(session);
+  if (restored_) restored_->doDeleteUnclaimed(session);
+  restored_.reset();
+  return complete;
 }
 
 bool Pipeline::doAdoptInitialEntries(const TargetSession& session) {
@@ -60,7 +95,7 @@ bool Pipeline::doAdoptInitialEntries(const TargetSession& session) {
     try {
       FetchedTable fetched(session, *table);
       while (EntryPtr entry = fetched.next()) {
-        if (!store_.entry(entry->key())) store_.entryIs(std::move(entry));
+        if (!store_.entry(entry->key())) all &= entryAdopted(*table, std::move(entry));
       }
     } catch (const Refusal&) {
       all = false;

@@ -3,13 +3,15 @@
 
 #include "PI/frontend/EntryStore.h"
 #include "PI/frontend/P4InfoIndex.h"
+#include "PI/frontend/ProfileUse.h"
+#include "PI/frontend/RestoredProfiles.h"
 #include "PI/frontend/TargetSession.h"
 #include "PI/int/pi_int.h"
 
 namespace pi::fe::proto {
 
 // Shared by the device and the calls that began while it was the device's pipeline. All but the
-// store is constant after construction.
+// store and what goes with it is constant after construction.
 class Pipeline {
  public:
   // Throws a Refusal (INVALID_ARGUMENT) when the configuration cannot be realised.
@@ -18,26 +20,38 @@ class Pipeline {
   const p4::v1::ForwardingPipelineConfig& config() const { return config_; }
   const P4InfoIndex& index() const { return index_; }
   EntryStore& store() { return store_; }
+  ProfileUse& use() { return use_; }  // for the Write in progress
   const pi_p4info_t* p4info() const { return &p4info_; }
   const std::string& deviceData() const { return deviceData_; }  // for the target
 
   // Whether P4Info and device configuration are the same.
   bool equals(const p4::v1::ForwardingPipelineConfig& config) const;
 
-  // Takes over what the target holds after a restart, before controllers get in.
+  // Takes over what the target holds after a restart, before controllers get in: members, groups,
+  // entries, in that order.
+  pi_status_t restoredMemberIs(uint32_t profileId, const pi_action_data_t* action,
+                               uint32_t controllerId, uint64_t handle);
+  pi_status_t restoredGroupIs(uint32_t profileId, uint32_t controllerId,
+                              std::span<const uint64_t> members, uint64_t handle,
+                              std::string_view bytes);
   pi_status_t restoredEntryIs(uint32_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t& given, uint64_t handle,
                               uint64_t controllerMetadata, std::string_view metadata);
-  // The target programs constant and initial entries by itself. Takes the target's lock. False
-  // when it could not tell those of some table.
-  bool doAdoptInitialEntries(const TargetSession& session);
+  // After the last of those. The target programs constant and initial entries by itself. Takes the
+  // target's lock. False when it could not tell those of some table.
+  bool doFinishRestore(const TargetSession& session);
 
  private:
+  bool entryAdopted(const TablePlan& table, EntryPtr entry);
+  bool doAdoptInitialEntries(const TargetSession& session);
+
   const p4::v1::ForwardingPipelineConfig config_;
   const P4InfoIndex index_;
   const std::string deviceData_;
   pi_p4info_t p4info_;
   EntryStore store_;
+  ProfileUse use_;
+  std::optional<RestoredProfiles> restored_;  // until the restore is finished
 };
 
 }  // namespace pi::fe::proto

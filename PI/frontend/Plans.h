@@ -1,12 +1,14 @@
-// How the entries of each table are checked and encoded, compiled once from the P4Info so that
+// How entries, members and groups are checked and encoded, compiled once from the P4Info so that
 // an update costs no search through it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 
 namespace pi::fe::proto {
@@ -59,22 +61,14 @@ struct ActionUse {
   const ActionPlan* action = nullptr;
 };
 
-struct TablePlan {
+// A table, or an action profile on behalf of its tables: what its actions are, and its name.
+struct ActionUser {
+  explicit ActionUser(const char* kind) : kind(kind) {}
+
+  const char* const kind;  // for messages: "table", "action profile"
   uint32_t id = 0;
   std::string name;
-  std::vector<FieldPlan> fields;  // in P4Info order
-  uint32_t keyBytes = 0;
   std::vector<ActionUse> actions;
-  bool needsPriority = false;
-  bool isConst = false;
-  bool hasInitialEntries = false;
-  bool hasIdleTimeout = false;
-  bool hasDirectCounter = false;
-  bool hasDirectMeter = false;
-  uint32_t implementationId = 0;  // an action profile; 0 for a direct table
-  uint32_t constDefaultActionId = 0;
-  p4::v1::Action defaultAction;  // the program's; action id 0 when it has none
-  std::string unsupported;       // why entries cannot be programmed; empty when they can
 
   const ActionUse* actionUse(uint32_t actionId) const {
     for (const ActionUse& use : actions) {
@@ -82,6 +76,51 @@ struct TablePlan {
     }
     return nullptr;
   }
+};
+
+// An action profile. Its size counts the members when it has no selector, else what all groups and
+// action sets together weigh.
+struct ProfilePlan : ActionUser {
+  ProfilePlan() : ActionUser("action profile") {}
+
+  bool withSelector = false;
+  uint64_t size = 0;             // 0: not limited here
+  uint32_t maxGroupSize = 0;     // 0: not limited here
+  bool countsMembers = false;    // whatever their weights; else the weights count
+  uint32_t maxMemberWeight = 0;  // 0: any
+  bool weightsDisallowed = false;
+  bool portsAreStrings = false;  // perhaps: the program has translated types that are strings
+};
+
+struct DirectCounterPlan {
+  uint32_t id = 0;
+  bool countsBytes = false;
+  bool countsPackets = false;
+};
+
+struct DirectMeterPlan {
+  enum class Unit : uint8_t { unspecified, bytes, packets };
+
+  uint32_t id = 0;
+  Unit unit = Unit::unspecified;
+  p4::config::v1::MeterSpec::Type type = p4::config::v1::MeterSpec::TWO_RATE_THREE_COLOR;
+};
+
+struct TablePlan : ActionUser {
+  TablePlan() : ActionUser("table") {}
+
+  std::vector<FieldPlan> fields;  // in P4Info order
+  uint32_t keyBytes = 0;
+  bool needsPriority = false;
+  bool isConst = false;
+  bool hasInitialEntries = false;
+  bool hasIdleTimeout = false;
+  std::optional<DirectCounterPlan> counter;
+  std::optional<DirectMeterPlan> meter;
+  const ProfilePlan* profile = nullptr;  // null: a direct table
+  uint32_t constDefaultActionId = 0;
+  p4::v1::Action defaultAction;  // the program's; action id 0 when it has none
+  std::string unsupported;       // why entries cannot be programmed; empty when they can
 };
 
 }  // namespace pi::fe::proto

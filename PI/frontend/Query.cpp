@@ -1,8 +1,8 @@
 // One element of a Read, checked against the P4Info.
 #include "PI/frontend/Query.h"
 
-#include "PI/frontend/EntityText.h"
 #include "PI/frontend/KeyCodec.h"
+#include "PI/frontend/OtherEntityCheck.h"
 #include "PI/frontend/Refusal.h"
 #include "PI/frontend/UpdateCheck.h"
 
@@ -27,9 +27,7 @@ void checkWanted(const TablePlan& table, const TableEntry& entry) {
   }
   const char* wanted = nullptr;
   if (entry.has_time_since_last_hit()) wanted = "time_since_last_hit";
-  if (entry.has_counter_data() && table.hasDirectCounter) wanted = "counter_data";
-  if (entry.has_meter_config() && table.hasDirectMeter) wanted = "meter_config";
-  if (entry.has_meter_counter_data() && table.hasDirectMeter) wanted = "meter_counter_data";
+  if (entry.has_meter_counter_data() && table.meter) wanted = "meter_counter_data";
   if (wanted == nullptr) return;
   refuse(code::unimplemented, "table ", table.name, ": reading ", wanted, " is not supported");
 }
@@ -40,6 +38,10 @@ void checkWantedOfAll(const P4InfoIndex& index, TableEntry entry) {
 }
 
 uint32_t checkedActionId(const TablePlan& table, const p4::v1::TableAction& action) {
+  if (table.profile != nullptr) {
+    refuse(code::invalidArgument, "table ", table.name, " is that of action profile ",
+           table.profile->name, "; its entries cannot be picked by action");
+  }
   if (!action.has_action()) {
     refuse(code::invalidArgument, "table ", table.name,
            ": entries are picked by action id only, not by member, group or action set");
@@ -73,6 +75,89 @@ void keyIs(Query* query, const TablePlan& table, const TableEntry& entry) {
   if (isWhole) query->kind = Query::Kind::oneEntry;
 }
 
+EntryForm wantedForm(const TableEntry& entry) {
+  return static_cast<EntryForm>((entry.has_counter_data() ? 1 : 0) +
+                                (entry.has_meter_config() ? 2 : 0));
+}
+
+void requireSupported(const TablePlan& table) {
+  if (table.unsupported.empty()) return;
+  refuse(code::unimplemented, "table ", table.name, ": ", table.unsupported);
+}
+
+Query tableQuery(const P4InfoIndex& index, const TableEntry& entry) {
+  Query query;
+  query.form = wantedForm(entry);
+  if (entry.table_id() == 0) {
+    requireNoFilter(entry);
+    checkWantedOfAll(index, entry);
+    return query;
+  }
+  const TablePlan& table = checkedTable(index, entry.table_id());
+  if (entry.is_default_action()) return defaultEntryQuery(table, entry);
+  requireSupported(table);
+  checkWanted(table, entry);
+  query.kind = Query::Kind::table;
+  query.table = &table;
+  if (entry.priority() != 0) query.priority = checkedPriority(table, entry);
+  if (entry.has_action()) query.actionId = checkedActionId(table, entry.action());
+  query.controllerMetadata = entry.controller_metadata();
+  query.metadata = entry.metadata();
+  if (entry.match_size() != 0) keyIs(&query, table, entry);
+  return query;
+}
+
+// Counters or meters of entries: only the entry's key counts.
+Query resourceQuery(const P4InfoIndex& index, const TableEntry& entry, EntryForm form) {
+  Query query;
+  query.form = form;
+  query.mustExist = true;
+  if (entry.table_id() == 0) return query;
+  const char* resource = form == EntryForm::counter ? "counter" : "meter";
+  const TablePlan& table = checkedTable(index, entry.table_id());
+  if (form == EntryForm::counter ? !table.counter.has_value() : !table.meter.has_value()) {
+    refuse(code::invalidArgument, "table ", table.name, " has no direct ", resource);
+  }
+  if (entry.is_default_action()) {
+    refuse(code::unimplemented, "table ", table.name, ": the default entry's direct ", resource,
+           " is not supported");
+  }
+  requireSupported(table);
+  query.kind = Query::Kind::table;
+  query.table = &table;
+  if (entry.priority() != 0) query.priority = checkedPriority(table, entry);
+  if (entry.match_size() != 0) keyIs(&query, table, entry);
+  return query;
+}
+
+Query meterQuery(const P4InfoIndex& index, const p4::v1::DirectMeterEntry& given) {
+  Query query = resourceQuery(index, given.table_entry(), EntryForm::meter);
+  if (!given.has_counter_data()) return query;
+  refuse(code::unimplemented, query.table == nullptr ? "" : "table ",
+         query.table == nullptr ? "" : query.table->name, query.table == nullptr ? "" : ": ",
+         "reading a direct meter's counter_data is not ", "supported");
+}
+
+Query objectQuery(const P4InfoIndex& index, uint32_t profileId, bool groups, uint32_t id) {
+  Query query;
+  query.kind = id == 0 ? Query::Kind::objects : Query::Kind::oneObject;
+  query.groups = groups;
+  query.objectId = id;
+  query.mustExist = true;
+  const char* kind = groups ? "group" : "member";
+  if (profileId == 0) {
+    if (id == 0) return query;
+    refuse(code::invalidArgument, "a query for ", kind, " ", id,
+           " names no action profile; give its action_profile_id");
+  }
+  query.profile = &checkedProfile(index, profileId);
+  if (groups && !query.profile->withSelector) {
+    refuse(code::invalidArgument, "action profile ", query.profile->name,
+           " has no selector, and so no groups");
+  }
+  return query;
+}
+
 }  // namespace
 
 bool Query::takes(const Entry& entry) const {
@@ -83,33 +168,37 @@ bool Query::takes(const Entry& entry) const {
   return !key || key->key().bytes == entry.key().bytes;
 }
 
+bool Query::concerns(const TablePlan& table) const {
+  if (!table.unsupported.empty()) return false;
+  if (form == EntryForm::counter) return table.counter.has_value();
+  return form != EntryForm::meter || table.meter.has_value();
+}
+
+EntryForm Query::formFor(const TablePlan& table) const {
+  if (form == EntryForm::counter || form == EntryForm::meter) return form;
+  const int lacks = (table.counter ? 0 : 1) + (table.meter ? 0 : 2);
+  return static_cast<EntryForm>(static_cast<int>(form) & ~lacks);
+}
+
 Query checkedQuery(const P4InfoIndex& index, const p4::v1::Entity& entity) {
-  if (!entity.has_table_entry()) {
-    const std::string text = entityText(index, entity);
-    if (text.empty()) refuse(code::invalidArgument, "the query names no kind of entity");
-    refuse(code::unimplemented, text, ": reading it is not supported");
+  switch (entity.entity_case()) {
+    case p4::v1::Entity::kTableEntry:
+      return tableQuery(index, entity.table_entry());
+    case p4::v1::Entity::kDirectCounterEntry:
+      return resourceQuery(index, entity.direct_counter_entry().table_entry(), EntryForm::counter);
+    case p4::v1::Entity::kDirectMeterEntry:
+      return meterQuery(index, entity.direct_meter_entry());
+    case p4::v1::Entity::kActionProfileMember: {
+      const auto& member = entity.action_profile_member();
+      return objectQuery(index, member.action_profile_id(), false, member.member_id());
+    }
+    case p4::v1::Entity::kActionProfileGroup: {
+      const auto& group = entity.action_profile_group();
+      return objectQuery(index, group.action_profile_id(), true, group.group_id());
+    }
+    default:
+      refuseOtherQuery(index, entity);
   }
-  const TableEntry& entry = entity.table_entry();
-  Query query;
-  if (entry.table_id() == 0) {
-    requireNoFilter(entry);
-    checkWantedOfAll(index, entry);
-    return query;
-  }
-  const TablePlan& table = checkedTable(index, entry.table_id());
-  if (entry.is_default_action()) return defaultEntryQuery(table, entry);
-  if (!table.unsupported.empty()) {
-    refuse(code::unimplemented, "table ", table.name, ": ", table.unsupported);
-  }
-  checkWanted(table, entry);
-  query.kind = Query::Kind::table;
-  query.table = &table;
-  if (entry.priority() != 0) query.priority = checkedPriority(table, entry);
-  if (entry.has_action()) query.actionId = checkedActionId(table, entry.action());
-  query.controllerMetadata = entry.controller_metadata();
-  query.metadata = entry.metadata();
-  if (entry.match_size() != 0) keyIs(&query, table, entry);
-  return query;
 }
 
 }  // namespace pi::fe::proto

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 
-#include "PI/frontend/EntitySender.h"
+#include "PI/frontend/DirectCounters.h"
 #include "PI/frontend/FetchedTable.h"
+#include "PI/frontend/Indirect.h"
+#include "PI/frontend/KeyCodec.h"
 #include "PI/frontend/Refusal.h"
 #include "PI/frontend/StatusText.h"
 
@@ -40,7 +42,7 @@ void ReadRun::doPlan(size_t query) {
   switch (planned.kind) {
     case Query::Kind::allTables:
       for (const auto& table : index_.tables()) {
-        if (table->unsupported.empty()) tableQueryIs(*table, query);
+        if (planned.concerns(*table)) tableQueryIs(*table, query);
       }
       break;
     case Query::Kind::table:
@@ -51,6 +53,10 @@ void ReadRun::doPlan(size_t query) {
       break;
     case Query::Kind::defaultEntry:
       defaults_.push_back(planned.table);
+      break;
+    case Query::Kind::objects:
+    case Query::Kind::oneObject:
+      objects_.push_back({query, {}});
       break;
   }
 }
@@ -63,8 +69,8 @@ void ReadRun::tableQueryIs(const TablePlan& table, size_t query) {
 
 void ReadRun::doCollect() {
   const EntryStore::Snapshot snapshot(store_);
-  for (const size_t query : oneEntry_)
-    single_.push_back(snapshot.entry(queries_[query].key->key()));
+  for (const size_t query : oneEntry_) doCollectOne(snapshot, query);
+  for (ObjectRead& read : objects_) doCollectObjects(snapshot, &read);
   for (auto& [tableId, read] : tables_) {
     try {
       doCollectTable(snapshot, &read);
@@ -73,6 +79,41 @@ void ReadRun::doCollect() {
       for (const size_t query : read.queries) doFail(query, refusal.code(), refusal.message());
     }
   }
+}
+
+void ReadRun::doCollectOne(const EntryStore::Snapshot& snapshot, size_t query) {
+  const Query& wanted = queries_[query];
+  single_.push_back(snapshot.entry(wanted.key->key()));
+  if (single_.back() || !wanted.mustExist) return;
+  doFail(query, code::notFound,
+         absl::StrCat(keyText(*wanted.table, wanted.key->keyData(), wanted.priority),
+                      ": there is no such entry"));
+}
+
+void ReadRun::doCollectObjects(const EntryStore::Snapshot& snapshot, ObjectRead* read) {
+  const Query& wanted = queries_[read->query];
+  if (wanted.kind == Query::Kind::oneObject) {
+    const ObjectId id{wanted.profile->id, wanted.groups, wanted.objectId};
+    const ObjectLookup lookup(id);
+    read->objects.push_back(snapshot.entry(lookup.lookup().key));
+    if (read->objects.back()) return;
+    read->objects.clear();
+    return doFail(
+        read->query, code::notFound,
+        absl::StrCat("action profile ", wanted.profile->name, ": there is no ", objectText(id)));
+  }
+  for (const auto& profile : index_.profiles()) {
+    if (wanted.profile != nullptr && wanted.profile != profile.get()) continue;
+    const std::vector<EntryPtr> found = snapshot.objects(profile->id, wanted.groups);
+    read->objects.insert(read->objects.end(), found.begin(), found.end());
+  }
+}
+
+// What points at a member or group is known by the store, unless the target made it up.
+void ReadRun::requireResolved(const TablePlan& table, const Entry& entry) const {
+  if (entry.kind != EntryKind::unresolved) return;
+  refuse(code::internal, "table ", table.name, ": the target holds an entry (handle ", entry.handle,
+         ") that points at no known member or group");
 }
 
 void ReadRun::doCollectTable(const EntryStore::Snapshot& snapshot, TableRead* read) const {
@@ -96,7 +137,9 @@ void ReadRun::doCollectTable(const EntryStore::Snapshot& snapshot, TableRead* re
     for (size_t i = 0; i < chunk.size(); ++i) {
       // What the store knows has metadata, too.
       EntryPtr& best = known[i] ? known[i] : chunk[i];
-      if (takenByAny(*read, *best)) read->entries.push_back(std::move(best));
+      if (!takenByAny(*read, *best)) continue;
+      requireResolved(*read->table, *best);
+      read->entries.push_back(std::move(best));
     }
     chunk.clear();
     lookups.clear();
@@ -112,22 +155,59 @@ bool ReadRun::takenByAny(const TableRead& read, const Entry& entry) const {
                      [&](size_t query) { return queries_[query].takes(entry); });
 }
 
-bool ReadRun::sent(const DeviceMgr::ReadSink& sink) const {
+bool ReadRun::sent(const DeviceMgr::ReadSink& sink) {
   EntitySender sender(index_, sink);
   for (const TablePlan* table : defaults_) {
     if (!sender.defaultEntrySent(*table)) return false;
   }
   for (size_t i = 0; i < single_.size(); ++i) {
-    const Query& query = queries_[oneEntry_[i]];
-    if (!single_[i] || !query.takes(*single_[i])) continue;
-    if (!sender.entrySent(*query.table, *single_[i])) return false;
+    if (!single_[i]) continue;
+    const TablePlan& table = *queries_[oneEntry_[i]].table;
+    if (!entrySent(&sender, table, *single_[i], {&oneEntry_[i], 1})) return false;
   }
   for (const auto& [tableId, read] : tables_) {
     for (const EntryPtr& entry : read.entries) {
-      if (!sender.entrySent(*read.table, *entry)) return false;
+      if (!entrySent(&sender, *read.table, *entry, read.queries)) return false;
+    }
+  }
+  for (const ObjectRead& read : objects_) {
+    for (const EntryPtr& object : read.objects) {
+      if (!sender.objectSent(*object)) return false;
     }
   }
   return sender.restSent();
+}
+
+// Once in each form that is asked for, by however many queries.
+bool ReadRun::entrySent(EntitySender* sender, const TablePlan& table, const Entry& entry,
+                        std::span<const size_t> queries) {
+  uint32_t forms = 0;
+  for (const size_t query : queries) {
+    const Query& wanted = queries_[query];
+    if (wanted.takes(entry)) forms |= 1u << static_cast<int>(wanted.formFor(table));
+  }
+  for (int form = 0; form < kEntryForms; ++form) {
+    if ((forms & 1u << form) == 0) continue;
+    if (!formSent(sender, table, entry, static_cast<EntryForm>(form), queries)) return false;
+  }
+  return true;
+}
+
+bool ReadRun::formSent(EntitySender* sender, const TablePlan& table, const Entry& entry,
+                       EntryForm form, std::span<const size_t> queries) {
+  p4::v1::CounterData count;
+  if (!hasCounter(form)) return sender->entrySent(table, entry, form, count);
+  try {
+    count = directCount(session_, store_, table, entry);
+  } catch (const Refusal& refusal) {
+    for (const size_t query : queries) {
+      if (queries_[query].formFor(table) == form) {
+        doFail(query, refusal.code(), refusal.message());
+      }
+    }
+    return true;
+  }
+  return sender->entrySent(table, entry, form, count);
 }
 
 void ReadRun::doFail(size_t query, int code, const std::string& message) {

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <map>
+#include <span>
 #include <vector>
 
+#include "PI/frontend/EntitySender.h"
 #include "PI/frontend/EntryStore.h"
 #include "PI/frontend/Query.h"
 #include "PI/frontend/TargetSession.h"
@@ -29,12 +31,25 @@ class ReadRun {
     std::vector<EntryPtr> entries;
   };
 
+  // The members or groups that a query found.
+  struct ObjectRead {
+    size_t query = 0;
+    std::vector<EntryPtr> objects;
+  };
+
   void doCheck(const p4::v1::ReadRequest& request);
   void doPlan(size_t query);
   void tableQueryIs(const TablePlan& table, size_t query);
   void doCollect();
   void doCollectTable(const EntryStore::Snapshot& snapshot, TableRead* read) const;
-  bool sent(const DeviceMgr::ReadSink& sink) const;
+  void doCollectOne(const EntryStore::Snapshot& snapshot, size_t query);
+  void doCollectObjects(const EntryStore::Snapshot& snapshot, ObjectRead* read);
+  void requireResolved(const TablePlan& table, const Entry& entry) const;
+  bool sent(const DeviceMgr::ReadSink& sink);
+  bool entrySent(EntitySender* sender, const TablePlan& table, const Entry& entry,
+                 std::span<const size_t> queries);
+  bool formSent(EntitySender* sender, const TablePlan& table, const Entry& entry, EntryForm form,
+                std::span<const size_t> queries);
   bool takenByAny(const TableRead& read, const Entry& entry) const;
   void doFail(size_t query, int code, const std::string& message);
 
@@ -47,6 +62,7 @@ class ReadRun {
   std::vector<const TablePlan*> defaults_;
   std::vector<size_t> oneEntry_;  // queries
   std::vector<EntryPtr> single_;  // what they found
+  std::vector<ObjectRead> objects_;
 };
 
 }  // namespace pi::fe::proto

@@ -1,17 +1,13 @@
 // Carries out one Write.
 #include "PI/frontend/WriteRun.h"
 
-#include <algorithm>
-#include <cstring>
-
-#include "PI/frontend/KeyCodec.h"
 #include "PI/frontend/Permission.h"
 #include "PI/frontend/Refusal.h"
 #include "PI/frontend/StatusText.h"
-#include "PI/int/pi_int.h"
+#include "PI/frontend/TargetCalls.h"
+#include "PI/frontend/UpdateRun.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
-#include "PI/pi_tables.h"
 #include "PI/target/pi_pending_imp.h"
 
 namespace pi::fe::proto {
@@ -36,65 +32,50 @@ class WriteScope {
   EntryStore& store_;
 };
 
-pi_match_key_t matchKey(const TargetSession& session, Entry* entry) {
-  const EntryKey key = entry->key();
-  return {session.p4info, key.tableId, key.priority, key.bytes.size(),
-          reinterpret_cast<char*>(entry->keyData())};
-}
-
 }  // namespace
 
 google::rpc::Status WriteRun::run(const p4::v1::WriteRequest& request) {
   operations_.resize(request.updates_size());
   log_ = std::make_shared<WriteLog>(request.updates_size());
   doCheck(request);
-  if (!firstBatch_.empty()) {
+  if (levels_ != 0) {
     const WriteScope scope(store_, log_);
-    doRunBatches();
+    for (const Batch& batch : batches()) doRunBatch(batch);
   }
   if (errors_.empty()) return okStatus();
   return itemisedStatus(&errors_, "updates");
 }
 
 void WriteRun::doCheck(const p4::v1::WriteRequest& request) {
-  firstBatch_.reserve(operations_.size());
   for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
     try {
       operations_[offset].update = checkedUpdate(index_, request.updates(offset));
-      doChain(offset);
+      doOrder(offset);
     } catch (const Refusal& refusal) {
       doFail(offset, refusal.code(), refusal.message());
     }
   }
 }
 
-void WriteRun::doChain(uint32_t offset) {
+void WriteRun::doOrder(uint32_t offset) {
   Operation& operation = operations_[offset];
   const auto [found, isNew] = log_->touched().try_emplace(operation.update.slot);
-  WriteLog::Touched& touched = found->second;
-  operation.touched = &touched;
-  if (isNew) {
-    firstBatch_.push_back(offset);
-  } else {
-    operations_[touched.lastUpdate].next = offset;
-  }
-  touched.lastUpdate = offset;
+  operation.touched = &found->second;
+  operation.level = order_.level(operation.update, operation.touched, isNew);
+  levels_ = std::max(levels_, operation.level + 1);
 }
 
-void WriteRun::doRunBatches() {
-  std::vector<uint32_t> batch = std::move(firstBatch_);
-  while (!batch.empty()) {
-    doRunBatch(batch);
-    std::vector<uint32_t> following;
-    for (const uint32_t offset : batch) {
-      if (operations_[offset].next != kNone) following.push_back(operations_[offset].next);
-    }
-    std::sort(following.begin(), following.end());
-    batch = std::move(following);
+std::vector<WriteRun::Batch> WriteRun::batches() const {
+  std::vector<Batch> batches(levels_);
+  if (levels_ == 1) batches[0].reserve(operations_.size());
+  for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
+    const Operation& operation = operations_[offset];
+    if (operation.touched != nullptr) batches[operation.level].push_back(offset);
   }
+  return batches;
 }
 
-void WriteRun::doRunBatch(const std::vector<uint32_t>& batch) {
+void WriteRun::doRunBatch(const Batch& batch) {
   StatusVector statuses;
   statuses.reserve(batch.size());
   for (const uint32_t offset : batch) {
@@ -104,7 +85,7 @@ void WriteRun::doRunBatch(const std::vector<uint32_t>& batch) {
       doFail(offset, refusal.code(), refusal.message());
     }
   }
-  if (!batchOpen_) return;  // every update was refused before the target heard of it
+  if (!batchOpen_) return;  // no update came to the point where the target hears of it
   batchOpen_ = false;
   pi_batch_current_clear();
   pi_batch_end(session_.handle, true);
@@ -114,21 +95,16 @@ void WriteRun::doRunBatch(const std::vector<uint32_t>& batch) {
 
 void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   Operation& operation = operations_[offset];
+  CheckedUpdate& update = operation.update;
   // An earlier batch of this Write may have timed out; one that has begun runs to its end.
   if (!batchOpen_) requireWritePermission();
-  requireState(&operation);
-  if (!batchOpen_) {
-    const pi_status_t begun = pi_batch_begin(session_.handle);
-    if (begun != PI_STATUS_SUCCESS) {
-      refuse(code::internal, text(operation), ": the target began no batch: status ", begun);
-    }
-    batchOpen_ = true;
-  }
-  const std::string_view metadata = operation.update.slot.entry->metadata();
-  pi_batch_current_set(offset, 0, operation.update.slot.entry->controllerMetadata, metadata.data(),
-                       metadata.size());
-  const pi_status_t status =
-      operation.update.type == Update::DELETE ? deleteStatus(operation) : addStatus(&operation);
+  const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
+  state_.prepare(&update, former);
+  if (update.subject == CheckedUpdate::Subject::directCounter) return;  // nothing to change
+  maybeBeginBatch(operation);
+  TargetCalls calls(session_, offset);
+  doRunUpdate(store_, update, former, &calls);
+  const pi_status_t status = calls.status();
   auto& [position, error] = statuses->emplace_back();
   position = offset;
   operation.pending = true;
@@ -141,57 +117,33 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   error.set_message(absl::StrCat("the target refused it with status ", status));
 }
 
-void WriteRun::requireState(Operation* operation) {
-  const EntrySlot& slot = operation->update.slot;
-  const Entry* committed = store_.committed({slot.entry->key(), slot.hash});
-  const Update::Type type = operation->update.type;
-  if (type == Update::INSERT && committed != nullptr) {
-    refuse(code::alreadyExists, text(*operation), ": there is such an entry; use MODIFY");
+void WriteRun::maybeBeginBatch(const Operation& operation) {
+  if (batchOpen_) return;
+  const pi_status_t begun = pi_batch_begin(session_.handle);
+  if (begun != PI_STATUS_SUCCESS) {
+    refuse(code::internal, updateText(operation.update), ": the target began no batch: status ",
+           begun);
   }
-  if (type != Update::INSERT && committed == nullptr) {
-    refuse(code::notFound, text(*operation), ": there is no such entry");
+  batchOpen_ = true;
+}
+
+void WriteRun::doRecordOutcome(const Batch& batch, const StatusVector& failures) {
+  state_.handleBatchEnd();
+  doRecordFailures(failures);
+  std::vector<Change> changes;
+  changes.reserve(batch.size());
+  for (const uint32_t offset : batch) {
+    Operation& operation = operations_[offset];
+    if (!operation.pending) continue;
+    operation.pending = false;
+    if (operation.update.profile != nullptr) doCountUse(operation.update);
+    changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE,
+                       operation.touched});
   }
-  if (type == Update::MODIFY && operation->update.action == nullptr) {
-    doKeepAction(operation, *committed);
-  }
+  store_.commit(changes);
 }
 
-// The same entry once more, with the action that stands now.
-void WriteRun::doKeepAction(Operation* operation, const Entry& committed) {
-  EntrySlot& slot = operation->update.slot;
-  const EntryKey key = slot.entry->key();
-  const std::string_view metadata = slot.entry->metadata();
-  EntryPtr kept =
-      Entry::make(key.tableId, key.bytes.size(), committed.actionSize(), metadata.size());
-  kept->priority = key.priority;
-  kept->controllerMetadata = slot.entry->controllerMetadata;
-  kept->actionId = committed.actionId;
-  std::memcpy(kept->keyData(), key.bytes.data(), key.bytes.size());
-  std::memcpy(kept->actionData(), committed.actionData(), committed.actionSize());
-  std::memcpy(kept->metadataData(), metadata.data(), metadata.size());
-  slot.entry = std::move(kept);
-}
-
-pi_status_t WriteRun::addStatus(Operation* operation) {
-  Entry* entry = operation->update.slot.entry.get();
-  const pi_match_key_t key = matchKey(session_, entry);
-  pi_action_data_t action{session_.p4info, entry->actionId, entry->actionSize(),
-                          reinterpret_cast<char*>(entry->actionData())};
-  pi_table_entry_t added{};
-  added.entry_type = PI_ACTION_ENTRY_TYPE_DATA;
-  added.entry.action_data = &action;
-  const int overwrite = operation->update.type == Update::MODIFY ? 1 : 0;
-  return pi_table_entry_add(session_.handle, {session_.deviceId, 0xffff}, entry->tableId, &key,
-                            &added, overwrite, &entry->handle);
-}
-
-pi_status_t WriteRun::deleteStatus(const Operation& operation) {
-  Entry* entry = operation.update.slot.entry.get();
-  const pi_match_key_t key = matchKey(session_, entry);
-  return pi_table_entry_delete_wkey(session_.handle, session_.deviceId, entry->tableId, &key);
-}
-
-void WriteRun::doRecordOutcome(const std::vector<uint32_t>& batch, const StatusVector& failures) {
+void WriteRun::doRecordFailures(const StatusVector& failures) {
   for (const auto& [offset, error] : failures) {
     if (error.canonical_code() == code::ok || offset >= operations_.size()) continue;
     Operation& operation = operations_[offset];
@@ -200,32 +152,23 @@ void WriteRun::doRecordOutcome(const std::vector<uint32_t>& batch, const StatusV
     const bool timedOut = error.canonical_code() == code::deadlineExceeded;
     const std::string& why = error.message();
     doFail(offset, error.canonical_code(),
-           absl::StrCat(text(operation), ": ",
+           absl::StrCat(updateText(operation.update), ": ",
                         timedOut && why.empty()
                             ? "the forwarding plane did not confirm it in time; it was undone"
                             : why));
   }
-  std::vector<Change> changes;
-  changes.reserve(batch.size());
-  for (const uint32_t offset : batch) {
-    Operation& operation = operations_[offset];
-    if (!operation.pending) continue;
-    operation.pending = false;
-    changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE,
-                       operation.touched});
-  }
-  store_.commit(changes);
+}
+
+void WriteRun::doCountUse(const CheckedUpdate& update) {
+  const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
+  const bool isDelete = update.type == Update::DELETE;
+  use_.changed(*update.profile, former, isDelete ? nullptr : update.slot.entry.get());
 }
 
 void WriteRun::doFail(uint32_t offset, int code, const std::string& message) {
   if (errors_.empty()) errors_.resize(operations_.size());
   errors_[offset].set_canonical_code(code);
   errors_[offset].set_message(message);
-}
-
-std::string WriteRun::text(const Operation& operation) const {
-  const Entry& entry = *operation.update.slot.entry;
-  return keyText(*operation.update.table, entry.keyData(), entry.priority);
 }
 
 }  // namespace pi::fe::proto

@@ -8,8 +8,11 @@
 #include <vector>
 
 #include "PI/frontend/EntryStore.h"
+#include "PI/frontend/ProfileUse.h"
+#include "PI/frontend/StateCheck.h"
 #include "PI/frontend/TargetSession.h"
 #include "PI/frontend/UpdateCheck.h"
+#include "PI/frontend/WriteOrder.h"
 #include "PI/pi_base.h"
 #include "google/rpc/status.pb.h"
 
@@ -19,42 +22,43 @@ namespace pi::fe::proto {
 // be held, since the target takes its own and waits for the forwarding plane.
 class WriteRun {
  public:
-  WriteRun(const P4InfoIndex& index, EntryStore& store, const TargetSession& session)
-      : index_(index), store_(store), session_(session) {}
+  WriteRun(const P4InfoIndex& index, EntryStore& store, ProfileUse& use,
+           const TargetSession& session)
+      : index_(index), store_(store), use_(use), session_(session), state_(store, use) {}
 
   google::rpc::Status run(const p4::v1::WriteRequest& request);
 
  private:
   using StatusVector = std::vector<std::pair<uint32_t, p4::v1::Error>>;
-  static constexpr uint32_t kNone = UINT32_MAX;
+  using Batch = std::vector<uint32_t>;  // offsets, ascending
 
-  // Updates of one key form a chain: each runs in a batch after the one before it.
   struct Operation {
     CheckedUpdate update;
-    WriteLog::Touched* touched = nullptr;
-    uint32_t next = kNone;
+    WriteLog::Touched* touched = nullptr;  // null: refused by the check
+    uint32_t level = 0;                    // the batch it runs in
     bool pending = false;  // given to the target; ends in its status vector or succeeded
   };
 
   void doCheck(const p4::v1::WriteRequest& request);
-  void doChain(uint32_t offset);
-  void doRunBatches();
-  void doRunBatch(const std::vector<uint32_t>& batch);
+  void doOrder(uint32_t offset);
+  std::vector<Batch> batches() const;
+  void doRunBatch(const Batch& batch);
   void maybeRunUpdate(uint32_t offset, StatusVector* statuses);
-  void requireState(Operation* operation);
-  void doKeepAction(Operation* operation, const Entry& committed);
-  pi_status_t addStatus(Operation* operation);
-  pi_status_t deleteStatus(const Operation& operation);
-  void doRecordOutcome(const std::vector<uint32_t>& batch, const StatusVector& failures);
+  void maybeBeginBatch(const Operation& operation);
+  void doRecordOutcome(const Batch& batch, const StatusVector& failures);
+  void doRecordFailures(const StatusVector& failures);
+  void doCountUse(const CheckedUpdate& update);
   void doFail(uint32_t offset, int code, const std::string& message);
-  std::string text(const Operation& operation) const;
 
   const P4InfoIndex& index_;
   EntryStore& store_;
+  ProfileUse& use_;
   const TargetSession session_;
-  std::vector<Operation> operations_;  // one an update; without a table when refused
+  StateCheck state_;
+  WriteOrder order_{store_, use_};
+  std::vector<Operation> operations_;  // one an update
   std::vector<p4::v1::Error> errors_;  // empty, or one an update
-  std::vector<uint32_t> firstBatch_;   // offsets, ascending
+  uint32_t levels_ = 0;
   std::shared_ptr<WriteLog> log_;
   bool batchOpen_ = false;
 };

@@ -4,6 +4,8 @@
 #include <cstring>
 
 #include "PI/int/pi_int.h"
+#include "PI/target/pi_act_prof_imp.h"
+#include "PI/target/pi_counter_imp.h"
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_pending_imp.h"
 #include "PI/target/pi_tables_imp.h"
@@ -30,9 +32,6 @@ pi_status_t _pi_session_init(pi_session_handle_t* handle) {
 pi_status_t _pi_session_cleanup(pi_session_handle_t) { return PI_STATUS_SUCCESS; }
 pi_status_t _pi_batch_begin(pi_session_handle_t) { return PI_STATUS_SUCCESS; }
 pi_status_t _pi_batch_end(pi_session_handle_t, bool) { return PI_STATUS_SUCCESS; }
-pi_status_t _pi_packetout_send(pi_dev_id_t, const char*, size_t) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
-}
 
 pi_status_t _pi_table_entry_add(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                 const pi_match_key_t*, const pi_table_entry_t*, int,
@@ -57,27 +56,45 @@ pi_status_t _pi_table_entries_fetch_done(pi_session_handle_t, pi_table_fetch_res
   delete[] result->entries;
   return PI_STATUS_SUCCESS;
 }
-pi_status_t _pi_table_entry_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                   pi_entry_handle_t) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+
+pi_status_t _pi_act_prof_mbr_create(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+                                    const pi_action_data_t*, pi_indirect_handle_t* member) {
+  *member = 1;
+  return PI_STATUS_SUCCESS;
 }
-pi_status_t _pi_table_entry_modify(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t, pi_entry_handle_t,
-                                   const pi_table_entry_t*) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+pi_status_t _pi_act_prof_mbr_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                    pi_indirect_handle_t) {
+  return PI_STATUS_SUCCESS;
 }
-pi_status_t _pi_table_default_action_set(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
-                                         const pi_table_entry_t*) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+pi_status_t _pi_act_prof_mbr_modify(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                    pi_indirect_handle_t, const pi_action_data_t*) {
+  return PI_STATUS_SUCCESS;
 }
-pi_status_t _pi_table_default_action_reset(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+pi_status_t _pi_act_prof_grp_create(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t, size_t,
+                                    pi_indirect_handle_t* group) {
+  *group = 1;
+  return PI_STATUS_SUCCESS;
 }
-pi_status_t _pi_table_default_action_get(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                         pi_table_entry_t*) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+pi_status_t _pi_act_prof_grp_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                    pi_indirect_handle_t) {
+  return PI_STATUS_SUCCESS;
 }
-pi_status_t _pi_table_default_action_done(pi_session_handle_t, pi_table_entry_t*) {
-  return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+pi_status_t _pi_act_prof_grp_add_mbr(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                     pi_indirect_handle_t, pi_indirect_handle_t) {
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                        pi_indirect_handle_t, pi_indirect_handle_t) {
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+                                          pi_indirect_handle_t) {
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+                                    pi_entry_handle_t, int, pi_counter_data_t* data) {
+  *data = {};
+  return PI_STATUS_SUCCESS;
 }
 
 void _pi_update_pending_status(std::vector<std::pair<uint32_t, p4::v1::Error>>* statuses) {

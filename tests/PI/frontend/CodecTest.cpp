@@ -25,7 +25,8 @@ class CodecTest : public testing::Test {
     TableEntry result = test::query(entry.tableId);
     decodeKey(*update.table, entry.keyData(), &result);
     result.set_priority(static_cast<int32_t>(entry.priority));
-    decodeAction(*update.action, entry.actionData(), result.mutable_action()->mutable_action());
+    decodeAction(*index.action(entry.actionId), entry.actionData(),
+                 result.mutable_action()->mutable_action());
     return result;
   }
 

@@ -1,16 +1,20 @@
 // A PI target that programs what it is given at once, and confirms, fails or holds back updates as
-// the test tells it to. Like a real one it serves everything under one recursive lock, which it
-// gives up while it waits for the outcome of a batch.
+// the test tells it to. All that was done for a failed update is undone. Like a real one it serves
+// everything under one recursive lock, which it gives up while it waits for the outcome of a batch.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "PI/pi_counter.h"
+#include "PI/pi_meter.h"
 #include "PI/pi_tables.h"
 
 class FakeTarget {
@@ -25,14 +29,32 @@ class FakeTarget {
     uint64_t handle = 0;
     uint32_t actionId = 0;
     std::string action;
+    uint64_t indirect = 0;  // a member or group; then there is no action
+    std::optional<pi_meter_spec_t> meter = std::nullopt;
+    uint64_t controllerMetadata = 0;
+    std::string metadata = {};
+  };
+  struct Member {
+    uint32_t profileId = 0;
+    uint32_t controllerId = 0;
+    uint32_t actionId = 0;
+    std::string action;
+  };
+  struct Group {
+    uint32_t profileId = 0;
+    uint32_t controllerId = 0;
+    std::vector<uint64_t> members;
+    std::string metadata;
   };
   struct Call {
     uint32_t offset = 0;
     bool isDelete = false;
     bool isOverwrite = false;
-    Key key;
+    Key key = {};
+    std::string what =
+        {};  // of members and groups: "add 1 to 2"; handles of groups without 1 << 32
     uint64_t controllerMetadata = 0;
-    std::string metadata;
+    std::string metadata = {};
   };
   using Batch = std::vector<Call>;
 
@@ -42,7 +64,14 @@ class FakeTarget {
   // What becomes of the update at an offset of the Write; the others succeed.
   void failureIs(uint32_t offset, int canonicalCode, std::string message);
   void timeoutIs(uint32_t offset) { failureIs(offset, 4, ""); }
-  void callStatusIs(uint32_t offset, int status) { callStatus_[offset] = status; }
+  // Of the n-th call at the offset, which then does nothing.
+  void callStatusIs(uint32_t offset, int status, size_t n = 0) {
+    callStatus_[offset] = {n, status};
+  }
+  void failuresAreOver() {
+    failures_.clear();
+    callStatus_.clear();
+  }
   void fetchStatusIs(pi_status_t status) { fetchStatus_ = status; }
   void updateDeviceStatusIs(pi_status_t status) { updateDeviceStatus_ = status; }
 
@@ -53,39 +82,70 @@ class FakeTarget {
 
   // By itself, not through a Write: as after a restart, or a constant entry.
   void rowIs(const Key& key, const Row& row) { rows_[key] = row; }
-  // Hands every row back, then says that this was all; the statuses of the rows.
+  void memberIs(uint64_t handle, const Member& member) { members_[handle] = member; }
+  void groupIs(uint64_t handle, const Group& group) { groups_[handle] = group; }
+  void countIs(uint64_t handle, const pi_counter_data_t& data) { counts_[handle] = data; }
+  void counterStatusIs(pi_status_t status) { counterStatus_ = status; }
+
+  // Hands everything back, then says that this was all; the statuses of the rows. The metadata are
+  // those of rows that have none of their own.
   std::vector<pi_status_t> restored(uint64_t controllerMetadata, const std::string& metadata);
 
   const std::map<Key, Row>& rows() const { return rows_; }
+  const std::map<uint64_t, Member>& members() const { return members_; }
+  const std::map<uint64_t, Group>& groups() const { return groups_; }
   const std::vector<Batch>& batches() const { return batches_; }
+  // The calls of the last batch that wrote members and groups.
+  std::vector<std::string> lastCalls() const;
+  // What no target would take: a member that is deleted while it is in a group, and the like.
+  const std::vector<std::string>& faults() const { return faults_; }
 
   // The target's side of the calls.
   pi_status_t handleBatchBegin();
   pi_status_t handleAdd(const pi_match_key_t& key, const pi_table_entry_t& entry, bool overwrite,
                         uint64_t* handle);
   pi_status_t handleDelete(const pi_match_key_t& key);
+  pi_status_t handleMember(const char* verb, uint32_t profileId, const pi_action_data_t* action,
+                           uint64_t* handle);
+  pi_status_t handleGroup(const char* verb, uint32_t profileId, uint64_t member, uint64_t* handle);
+  pi_status_t handleCount(uint64_t handle, pi_counter_data_t* data);
   pi_status_t handleFetch(uint32_t tableId, pi_table_fetch_res_t* result);
   pi_status_t updateDeviceStatus() const { return updateDeviceStatus_; }
-  // The failures among these offsets, after their rows went back to what they were.
-  std::map<uint32_t, std::pair<int, std::string>> outcome(const std::vector<uint32_t>& offsets);
+  // The failures among the pending offsets, after what was done for those and for the refused ones
+  // has been undone.
+  std::map<uint32_t, std::pair<int, std::string>> outcome(const std::vector<uint32_t>& pending,
+                                                          const std::vector<uint32_t>& refused);
 
  private:
   struct Failure {
     int canonicalCode;
     std::string message;
   };
-  pi_status_t recorded(Call call, const Row* row, uint64_t* handle);
+  pi_status_t recorded(Call call);
+  template <typename Map>
+  void doRemember(Map* map, const typename Map::key_type& key);
+  void doUndo(uint32_t offset);
+  bool isUsed(uint64_t handle) const;
+  bool requireThat(bool sane, const std::string& fault);
 
   std::recursive_mutex lock_;
   std::condition_variable_any changed_;
   std::map<Key, Row> rows_;
-  std::map<uint32_t, std::pair<Key, Row>> undo_;  // by offset; Row{} for none
+  std::map<uint64_t, Member> members_;
+  std::map<uint64_t, Group> groups_;
+  std::map<uint64_t, pi_counter_data_t> counts_;
+  std::map<uint32_t, std::vector<std::function<void()>>> undo_;  // by offset
+  std::vector<std::string> faults_;
   std::vector<Batch> batches_;
   std::map<uint32_t, Failure> failures_;
-  std::map<uint32_t, int> callStatus_;
+  std::map<uint32_t, std::pair<size_t, int>> callStatus_;
+  std::map<uint32_t, size_t> calls_;  // in the current batch, by offset
+  pi_status_t counterStatus_ = PI_STATUS_SUCCESS;
   pi_status_t fetchStatus_ = PI_STATUS_SUCCESS;
   pi_status_t updateDeviceStatus_ = PI_STATUS_SUCCESS;
   uint64_t lastHandle_ = 100;
+  uint64_t lastMember_ = 0;
+  uint64_t lastGroup_ = uint64_t{1} << 32;
   bool holding_ = false;
   bool held_ = false;
 };

@@ -30,6 +30,7 @@ class FrontendTest : public testing::Test {
   ~FrontendTest() override {
     device.reset();
     DeviceMgr::destroy();
+    EXPECT_THAT(target.faults(), testing::IsEmpty());
   }
 
   void pipelineIsUp() {
@@ -39,8 +40,47 @@ class FrontendTest : public testing::Test {
   Status written(const std::vector<p4::v1::Update>& updates) {
     return device->write(test::writeOf(updates));
   }
-  Status inserted(const p4::v1::TableEntry& entry) {
-    return written({test::update(p4::v1::Update::INSERT, entry)});
+  template <typename Entity>
+  Status inserted(const Entity& entity) {
+    return written({test::update(p4::v1::Update::INSERT, entity)});
+  }
+  // As when the process starts again over the same target.
+  void restart() {
+    device.reset();
+    device.emplace(1, std::chrono::milliseconds(0));
+    pipelineIsUp();
+  }
+  // The members (or groups) that a query finds, and its code.
+  int objectsRead(const p4::v1::Entity& query, std::vector<p4::v1::Entity>* found) const {
+    found->clear();
+    p4::v1::ReadRequest request;
+    *request.add_entities() = query;
+    const Status status = device->read(request, [&](const p4::v1::ReadResponse& response) {
+      found->insert(found->end(), response.entities().begin(), response.entities().end());
+      return true;
+    });
+    const std::vector<int> codes = test::codesOf(status);
+    return codes.empty() ? status.code() : codes[0];
+  }
+  std::vector<p4::v1::ActionProfileMember> members(uint32_t profile = 0, uint32_t id = 0) const {
+    p4::v1::Entity query;
+    query.mutable_action_profile_member()->set_action_profile_id(profile);
+    query.mutable_action_profile_member()->set_member_id(id);
+    std::vector<p4::v1::Entity> found;
+    EXPECT_EQ(objectsRead(query, &found), code::ok);
+    std::vector<p4::v1::ActionProfileMember> result;
+    for (const auto& entity : found) result.push_back(entity.action_profile_member());
+    return result;
+  }
+  std::vector<p4::v1::ActionProfileGroup> groups(uint32_t profile = 0, uint32_t id = 0) const {
+    p4::v1::Entity query;
+    query.mutable_action_profile_group()->set_action_profile_id(profile);
+    query.mutable_action_profile_group()->set_group_id(id);
+    std::vector<p4::v1::Entity> found;
+    EXPECT_EQ(objectsRead(query, &found), code::ok);
+    std::vector<p4::v1::ActionProfileGroup> result;
+    for (const auto& entity : found) result.push_back(entity.action_profile_group());
+    return result;
   }
   Status read(const Entries& queries, Entries* entries) const {
     entries->clear();

@@ -108,18 +108,21 @@ TEST_F(ReadTest, EachQueryIsAnsweredByItself) {
   p4::v1::ReadRequest request = test::readOf({
       counted,
       test::query(0x02000099),
-      test::query(test::kWcmp),
+      test::query(test::kOther),
       with(test::query(0), [](auto& q) { q.set_priority(1); }),
       with(test::query(test::kIpv4), [](auto& q) { q.set_priority(1); }),
       with(test::query(test::kIpv4), [](auto& q) { q.add_match()->set_field_id(1); }),
       with(counted, [](auto& q) { q.mutable_action()->set_action_profile_group_id(1); }),
-      with(counted, [](auto& q) { q.mutable_counter_data(); }),
+      with(counted, [](auto& q) { q.mutable_meter_counter_data(); }),
       with(test::query(test::kIpv4), [](auto& q) { q.mutable_counter_data(); }),
       with(test::query(test::kIpv4), [](auto& q) { q.mutable_time_since_last_hit(); }),
       with(defaultOf(test::kIpv4), [](auto& q) { q.set_priority(1); }),
   });
   request.add_entities();
   request.add_entities()->mutable_register_entry();
+  auto* cell = request.add_entities()->mutable_counter_entry();
+  cell->set_counter_id(0x12000001);
+  cell->mutable_index()->set_index(8);
   size_t entries = 0;
   const Status status = device->read(request, [&](const p4::v1::ReadResponse& response) {
     entries += response.entities_size();
@@ -132,7 +135,7 @@ TEST_F(ReadTest, EachQueryIsAnsweredByItself) {
       ElementsAre(code::ok, code::invalidArgument, code::unimplemented, code::invalidArgument,
                   code::invalidArgument, code::invalidArgument, code::invalidArgument,
                   code::unimplemented, code::ok, code::invalidArgument, code::invalidArgument,
-                  code::invalidArgument, code::unimplemented));
+                  code::invalidArgument, code::unimplemented, code::outOfRange));
 }
 
 TEST_F(ReadTest, TargetThatCannotAnswerIsAnInternalErrorOfItsQuery) {

@@ -61,13 +61,20 @@ constexpr char kP4Info[] = R"(
   tables {
     preamble { id: 0x02000008 name: "ingress.wcmp" }
     match_fields { id: 1 name: "key" bitwidth: 8 match_type: EXACT }
-    action_refs { id: 0x01000002 }
+    action_refs { id: 0x01000001 } action_refs { id: 0x01000002 }
+    action_refs { id: 0x01000003 scope: DEFAULT_ONLY }
     implementation_id: 0x11000001
   }
   tables {
     preamble { id: 0x02000009 name: "ingress.other" }
     match_fields { id: 1 name: "key" bitwidth: 8 other_match_type: "fuzzy" }
     action_refs { id: 0x01000002 }
+  }
+  tables {
+    preamble { id: 0x0200000a name: "ingress.plain" }
+    match_fields { id: 1 name: "key" bitwidth: 8 match_type: EXACT }
+    action_refs { id: 0x01000001 } action_refs { id: 0x01000002 }
+    implementation_id: 0x11000002
   }
   actions {
     preamble { id: 0x01000001 name: "forward" }
@@ -76,8 +83,14 @@ constexpr char kP4Info[] = R"(
   actions { preamble { id: 0x01000002 name: "drop" } }
   actions { preamble { id: 0x01000003 name: "NoAction" } }
   actions { preamble { id: 0x01000004 name: "group" } }
-  action_profiles { preamble { id: 0x11000001 name: "ingress.nexthops" } table_ids: 0x02000008 }
-  counters { preamble { id: 0x12000001 name: "ingress.hits" } }
+  action_profiles {
+    preamble { id: 0x11000001 name: "ingress.nexthops" } table_ids: 0x02000008
+    with_selector: true size: 40 max_group_size: 16
+  }
+  action_profiles {
+    preamble { id: 0x11000002 name: "ingress.plain_nexthops" } table_ids: 0x0200000a size: 3
+  }
+  counters { preamble { id: 0x12000001 name: "ingress.hits" } size: 8 }
   direct_counters {
     preamble { id: 0x13000001 name: "ingress.counter" } direct_table_id: 0x02000004
   }
@@ -126,12 +139,63 @@ TableEntry ipv4Key(uint32_t vrf, uint32_t dst, int length) {
 
 TableEntry ipv4(uint32_t vrf, uint32_t dst, int length, uint32_t port) {
   TableEntry entry = ipv4Key(vrf, dst, length);
-  auto* action = entry.mutable_action()->mutable_action();
-  action->set_action_id(kForward);
+  *entry.mutable_action()->mutable_action() = forward(port);
+  return entry;
+}
+
+p4::v1::Action forward(uint32_t port) {
+  p4::v1::Action action;
+  action.set_action_id(kForward);
   for (const uint64_t value : {uint64_t{port}, uint64_t{0x0a0b0c0d0e0f}}) {
-    auto* param = action->add_params();
-    param->set_param_id(action->params_size());
+    auto* param = action.add_params();
+    param->set_param_id(action.params_size());
     param->set_value(number(value));
+  }
+  return action;
+}
+
+p4::v1::ActionProfileMember member(uint32_t id, uint32_t port, uint32_t profile) {
+  p4::v1::ActionProfileMember member;
+  member.set_action_profile_id(profile);
+  member.set_member_id(id);
+  *member.mutable_action() = forward(port);
+  return member;
+}
+
+p4::v1::ActionProfileGroup group(uint32_t id, const std::vector<Weight>& members) {
+  p4::v1::ActionProfileGroup group;
+  group.set_action_profile_id(kNexthops);
+  group.set_group_id(id);
+  for (const Weight& one : members) {
+    auto* member = group.add_members();
+    member->set_member_id(one.of);
+    member->set_weight(one.weight);
+  }
+  return group;
+}
+
+TableEntry toMember(uint32_t key, uint32_t member, uint32_t table) {
+  TableEntry entry = query(table);
+  exactIs(&entry, 1, key);
+  entry.mutable_action()->set_action_profile_member_id(member);
+  return entry;
+}
+
+TableEntry toGroup(uint32_t key, uint32_t group) {
+  TableEntry entry = query(kWcmp);
+  exactIs(&entry, 1, key);
+  entry.mutable_action()->set_action_profile_group_id(group);
+  return entry;
+}
+
+TableEntry oneShot(uint32_t key, const std::vector<Weight>& actions) {
+  TableEntry entry = query(kWcmp);
+  exactIs(&entry, 1, key);
+  auto* set = entry.mutable_action()->mutable_action_profile_action_set();
+  for (const Weight& one : actions) {
+    auto* action = set->add_action_profile_actions();
+    *action->mutable_action() = forward(one.of);
+    action->set_weight(one.weight);
   }
   return entry;
 }
@@ -158,6 +222,27 @@ Update update(Update::Type type, const TableEntry& entry) {
   Update result;
   result.set_type(type);
   *result.mutable_entity()->mutable_table_entry() = entry;
+  return result;
+}
+
+Update update(Update::Type type, const p4::v1::ActionProfileMember& member) {
+  Update result;
+  result.set_type(type);
+  *result.mutable_entity()->mutable_action_profile_member() = member;
+  return result;
+}
+
+Update update(Update::Type type, const p4::v1::ActionProfileGroup& group) {
+  Update result;
+  result.set_type(type);
+  *result.mutable_entity()->mutable_action_profile_group() = group;
+  return result;
+}
+
+Update update(Update::Type type, const p4::v1::DirectMeterEntry& meter) {
+  Update result;
+  result.set_type(type);
+  *result.mutable_entity()->mutable_direct_meter_entry() = meter;
   return result;
 }
 

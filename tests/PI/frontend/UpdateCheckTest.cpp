@@ -66,10 +66,13 @@ void expectCases(const std::vector<Case>& cases) {
 TEST(UpdateCheck, OfTheUpdate) {
   Update empty;
   empty.set_type(Update::INSERT);
-  Update counter = empty;
-  counter.mutable_entity()->mutable_counter_entry()->set_counter_id(0x12000001);
-  Update member = empty;
-  member.mutable_entity()->mutable_action_profile_member()->set_action_profile_id(0x11000001);
+  const auto cell = [](Update::Type type, uint32_t id, int64_t index) {
+    Update update;
+    update.set_type(type);
+    update.mutable_entity()->mutable_counter_entry()->set_counter_id(id);
+    update.mutable_entity()->mutable_counter_entry()->mutable_index()->set_index(index);
+    return update;
+  };
   Update multicast = empty;
   multicast.mutable_entity()
       ->mutable_packet_replication_engine_entry()
@@ -83,8 +86,13 @@ TEST(UpdateCheck, OfTheUpdate) {
       {"type unknown", test::update(static_cast<Update::Type>(9), good()), code::invalidArgument,
        "type is 9"},
       {"no entity", empty, code::invalidArgument, "no entity"},
-      {"counter", counter, code::unimplemented, "counter ingress.hits"},
-      {"member", member, code::unimplemented, "member 0 of action profile ingress.nexthops"},
+      {"counter", cell(Update::MODIFY, 0x12000001, 7), code::unimplemented, "counter ingress.hits"},
+      {"counter INSERT", cell(Update::INSERT, 0x12000001, 7), code::invalidArgument, "use MODIFY"},
+      {"cell beyond the end", cell(Update::MODIFY, 0x12000001, 8), code::outOfRange, "8 cells"},
+      {"cell before the start", cell(Update::MODIFY, 0x12000001, -1), code::invalidArgument, "-1"},
+      {"counter 0", cell(Update::MODIFY, 0, 0), code::invalidArgument, "counter id is 0"},
+      {"counter unknown", cell(Update::MODIFY, 0x12000009, 0), code::invalidArgument,
+       "0x12000009, which is not in the P4Info"},
       {"multicast group", multicast, code::unimplemented, "multicast group 7"},
       {"replication of nothing", noReplication, code::invalidArgument, "no entity"},
       {"table 0", test::update(Update::INSERT, test::query(0)), code::invalidArgument, "id is 0"},
@@ -182,8 +190,16 @@ TEST(UpdateCheck, OfTheAction) {
       {"a member in a direct table",
        changed(good(), [](auto& e) { e.mutable_action()->set_action_profile_member_id(1); }),
        code::invalidArgument, "no action profile"},
-      {"an action profile's table", changed(test::exact(test::kWcmp, 1), [](auto&) {}),
-       code::unimplemented, "action profile ingress.nexthops"},
+      {"an action in an action profile's table", changed(test::exact(test::kWcmp, 1), [](auto&) {}),
+       code::invalidArgument, "ingress.nexthops: give a member, group or action set instead"},
+      {"a group without a selector",
+       changed(test::exact(test::kPlain, 1),
+               [](auto& e) { e.mutable_action()->set_action_profile_group_id(1); }),
+       code::invalidArgument, "ingress.plain_nexthops, which has no selector: give a member"},
+      {"member 0",
+       changed(test::exact(test::kWcmp, 1),
+               [](auto& e) { e.mutable_action()->set_action_profile_member_id(0); }),
+       code::invalidArgument, "member id is 0"},
       {"not the table's",
        changed(goodAcl(), [&](auto& e) { action(e)->set_action_id(test::kForward); }),
        code::invalidArgument, "no action with the id 0x01000001"},
@@ -232,12 +248,17 @@ TEST(UpdateCheck, OfTheOtherFields) {
        code::invalidArgument, "time_since_last_hit"},
       {"counter where there is none", changed(good(), [](auto& e) { e.mutable_counter_data(); }),
        code::invalidArgument, "no direct counter"},
-      {"counter", changed(counted(), [](auto& e) { e.mutable_counter_data(); }),
+      {"counter",
+       changed(
+           counted(), [](auto& e) { e.mutable_counter_data(); }, Update::MODIFY),
+       code::unimplemented, "counter_data"},
+      {"counter that starts at 0", changed(counted(), [](auto& e) { e.mutable_counter_data(); }),
+       code::ok, ""},
+      {"counter that starts elsewhere",
+       changed(counted(), [](auto& e) { e.mutable_counter_data()->set_byte_count(1); }),
        code::unimplemented, "counter_data"},
       {"meter where there is none", changed(good(), [](auto& e) { e.mutable_meter_config(); }),
        code::invalidArgument, "no direct meter"},
-      {"meter", changed(counted(), [](auto& e) { e.mutable_meter_config(); }), code::unimplemented,
-       "meter_config"},
       {"colors not zero",
        changed(counted(),
                [](auto& e) { e.mutable_meter_counter_data()->mutable_red()->set_byte_count(1); }),

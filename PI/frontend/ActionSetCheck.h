@@ -1,0 +1,11 @@
+// A one-shot action set of a table entry, checked against the P4Info.
+#pragma once
+
+#include "PI/frontend/Plans.h"
+
+namespace pi::fe::proto {
+
+// For a table whose profile has a selector. Throws a Refusal.
+void checkActionSet(const TablePlan& table, const p4::v1::ActionProfileActionSet& set);
+
+}  // namespace pi::fe::proto

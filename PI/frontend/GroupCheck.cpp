@@ -1,0 +1,127 @@
+// An action profile group of an update.
+#include "PI/frontend/GroupCheck.h"
+
+#include <cstring>
+
+#include "PI/frontend/ByteString.h"
+#include "PI/frontend/Indirect.h"
+#include "PI/frontend/Refusal.h"
+#include "absl/container/flat_hash_set.h"
+
+namespace pi::fe::proto {
+
+using p4::v1::ActionProfileGroup;
+
+namespace {
+
+constexpr uint32_t kPortBits = 32;
+
+void checkMaxSize(const ProfilePlan& profile, const std::string& text, int32_t maxSize) {
+  if (maxSize < 0) {
+    refuse(code::invalidArgument, text, ": max_size is ", maxSize, "; it must not be negative");
+  }
+  const auto given = static_cast<uint32_t>(maxSize);
+  if (profile.maxGroupSize > 0 && given > profile.maxGroupSize) {
+    refuse(code::invalidArgument, text, ": max_size is ", given,
+           "; the program's max_group_size is ", profile.maxGroupSize);
+  }
+  if (given > kMaxRepeats) {
+    refuse(code::resourceExhausted, text, ": max_size is ", given, "; groups of more than ",
+           kMaxRepeats, " are not supported");
+  }
+}
+
+Weighed checkedMembers(const ProfilePlan& profile, const std::string& text,
+                       const ActionProfileGroup& given) {
+  absl::flat_hash_set<uint32_t> seen;
+  Weighed weighed;
+  for (const auto& member : given.members()) {
+    const ElementText at{text, "member", member.member_id()};
+    if (member.member_id() == 0) {
+      refuse(code::invalidArgument, text, ": the id of a member is 0");
+    }
+    if (!seen.insert(member.member_id()).second) {
+      refuse(code::invalidArgument, text, ": member ", member.member_id(),
+             " is listed twice; use its weight instead");
+    }
+    checkWeight(profile, at, member.weight());
+    checkWatchPort(profile, at, member.watch_port());
+    weighed.weights += repeats(member.weight());
+    ++weighed.members;
+  }
+  return weighed;
+}
+
+void checkSize(const ProfilePlan& profile, const std::string& text, int32_t maxSize,
+               const Weighed& weighed) {
+  const uint64_t limit = maxSize > 0 ? static_cast<uint64_t>(maxSize) : profile.maxGroupSize;
+  const uint64_t size = weighed.size(profile);
+  if (limit > 0 && size > limit) {
+    refuse(code::resourceExhausted, text, ": its ", profile.countsMembers ? "members" : "weights",
+           " add up to ", size, "; it may have ", limit);
+  }
+  checkRepeats(text, weighed);
+}
+
+std::string textOf(const ElementText& text) {
+  return absl::StrCat(text.owner, ": ", text.kind, " ", text.number);
+}
+
+}  // namespace
+
+void checkWeight(const ProfilePlan& profile, const ElementText& text, int32_t weight) {
+  if (profile.weightsDisallowed) {
+    if (weight == 0) return;
+    refuse(code::invalidArgument, textOf(text), " has the weight ", weight, "; action profile ",
+           profile.name, " takes no weights: leave it 0");
+  }
+  if (weight <= 0) {
+    refuse(code::invalidArgument, textOf(text), " has the weight ", weight, "; it must be above 0");
+  }
+  const uint32_t max = profile.maxMemberWeight;
+  if (max > 0 && static_cast<uint32_t>(weight) > max) {
+    refuse(code::invalidArgument, textOf(text), " has the weight ", weight, "; action profile ",
+           profile.name, " takes at most ", max);
+  }
+}
+
+// Which ports there are is the forwarding plane's to know, and what controllers call them.
+void checkWatchPort(const ProfilePlan& profile, const ElementText& text, const std::string& port) {
+  if (port.empty() || profile.portsAreStrings) return;
+  if (!fits(port, kPortBits) || significant(port).empty()) {
+    refuse(code::invalidArgument, textOf(text), " has the watch_port ", hexText(port),
+           ", which is no port number; leave it empty to watch none");
+  }
+}
+
+void checkRepeats(const std::string& owner, const Weighed& weighed) {
+  if (weighed.weights <= kMaxRepeats) return;
+  refuse(code::resourceExhausted, owner, ": its weights add up to ", weighed.weights,
+         "; more than ", kMaxRepeats, " in one group are not supported");
+}
+
+CheckedUpdate checkedGroup(const P4InfoIndex& index, const ActionProfileGroup& given,
+                           p4::v1::Update::Type type) {
+  CheckedUpdate result;
+  result.subject = CheckedUpdate::Subject::group;
+  const ProfilePlan& profile = checkedProfile(index, given.action_profile_id());
+  result.profile = &profile;
+  const ObjectId id{profile.id, true, given.group_id()};
+  const std::string text = absl::StrCat("action profile ", profile.name, ": ", objectText(id));
+  if (!profile.withSelector) {
+    refuse(code::invalidArgument, text, ": the profile has no selector, and so no groups");
+  }
+  if (id.id == 0) refuse(code::invalidArgument, text, ": the group id is 0");
+  if (type == p4::v1::Update::DELETE) {
+    result.slot.entry = makeObject(id, 0);
+    return result;
+  }
+  checkMaxSize(profile, text, given.max_size());
+  checkSize(profile, text, given.max_size(), checkedMembers(profile, text, given));
+  const std::string bytes = given.SerializeAsString();
+  result.slot.entry = makeObject(id, bytes.size());
+  std::memcpy(result.slot.entry->actionData(), bytes.data(), bytes.size());
+  return result;
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,92 @@
+// Checks of what is neither programmed nor read here.
+#include "PI/frontend/OtherEntityCheck.h"
+
+#include "PI/frontend/EntityText.h"
+#include "PI/frontend/Refusal.h"
+
+namespace pi::fe::proto {
+
+using p4::v1::Entity;
+using p4::v1::Update;
+
+namespace {
+
+// Cells of an array; id 0 asks a query for all arrays.
+void checkCell(const P4InfoIndex& index, const char* kind, uint32_t id, const p4::v1::Index* cell,
+               bool isQuery) {
+  if (id == 0 && isQuery) return;
+  const std::optional<int64_t> size = index.arraySize(kind, id);
+  if (id == 0) refuse(code::invalidArgument, "the ", kind, " id is 0");
+  if (!size) {
+    refuse(code::invalidArgument, "the ", kind, " id is that of ", index.objectText(id));
+  }
+  if (cell == nullptr) return;
+  if (cell->index() < 0) {
+    refuse(code::invalidArgument, index.objectText(id), ": the index is ", cell->index(),
+           "; it must not be negative");
+  }
+  if (cell->index() >= *size) {
+    refuse(code::outOfRange, index.objectText(id), ": the index is ", cell->index(), "; it has ",
+           *size, " cells");
+  }
+}
+
+template <typename Given>
+const p4::v1::Index* cellOf(const Given& given) {
+  return given.has_index() ? &given.index() : nullptr;
+}
+
+void checkArrays(const P4InfoIndex& index, const Entity& entity, bool isQuery) {
+  if (entity.has_counter_entry()) {
+    const auto& counter = entity.counter_entry();
+    checkCell(index, "counter", counter.counter_id(), cellOf(counter), isQuery);
+  }
+  if (entity.has_meter_entry()) {
+    const auto& meter = entity.meter_entry();
+    checkCell(index, "meter", meter.meter_id(), cellOf(meter), isQuery);
+  }
+  if (entity.has_register_entry()) {
+    const auto& cells = entity.register_entry();
+    checkCell(index, "register", cells.register_id(), cellOf(cells), isQuery);
+  }
+}
+
+void requireModify(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
+  const bool isArray =
+      entity.has_counter_entry() || entity.has_meter_entry() || entity.has_register_entry();
+  if (!isArray && !entity.has_value_set_entry()) return;
+  if (type == Update::MODIFY) return;
+  refuse(code::invalidArgument, entityText(index, entity), " always exists; use MODIFY");
+}
+
+void checkReplication(const p4::v1::PacketReplicationEngineEntry& entry) {
+  if (entry.has_multicast_group_entry() &&
+      entry.multicast_group_entry().multicast_group_id() == 0) {
+    refuse(code::invalidArgument, "the multicast group id is 0");
+  }
+  if (entry.has_clone_session_entry() && entry.clone_session_entry().session_id() == 0) {
+    refuse(code::invalidArgument, "the clone session id is 0");
+  }
+}
+
+}  // namespace
+
+void refuseOtherUpdate(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
+  const std::string text = entityText(index, entity);
+  if (text.empty()) refuse(code::invalidArgument, "the update names no entity");
+  checkArrays(index, entity, false);
+  requireModify(index, entity, type);
+  if (entity.has_packet_replication_engine_entry()) {
+    checkReplication(entity.packet_replication_engine_entry());
+  }
+  refuse(code::unimplemented, text, ": writing it is not supported");
+}
+
+void refuseOtherQuery(const P4InfoIndex& index, const Entity& entity) {
+  const std::string text = entityText(index, entity);
+  if (text.empty()) refuse(code::invalidArgument, "the query names no kind of entity");
+  checkArrays(index, entity, true);
+  refuse(code::unimplemented, text, ": reading it is not supported");
+}
+
+}  // namespace pi::fe::proto

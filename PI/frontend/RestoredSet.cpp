@@ -1,0 +1,79 @@
+// The action set of an entry after a restart.
+#include "PI/frontend/RestoredSet.h"
+
+#include <algorithm>
+#include <optional>
+
+#include "PI/frontend/ActionCodec.h"
+#include "PI/frontend/ActionSetCheck.h"
+#include "PI/frontend/Refusal.h"
+#include "PI/frontend/TargetCalls.h"
+
+namespace pi::fe::proto {
+
+using Set = p4::v1::ActionProfileActionSet;
+
+namespace {
+
+std::optional<Set> writtenSet(const TablePlan& table, std::string_view bytes) {
+  Set set;
+  if (!set.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()))) return std::nullopt;
+  try {
+    checkActionSet(table, set);
+  } catch (const Refusal&) {
+    return std::nullopt;
+  }
+  return set;
+}
+
+bool isElement(const TablePlan& table, const p4::v1::ActionProfileAction& element,
+               const HiddenMember& member) {
+  const ActionPlan& action = checkedAction(table, element.action());
+  std::string data(action.dataBytes, '\0');
+  encodeActionData(table, action, element.action(), reinterpret_cast<uint8_t*>(data.data()));
+  return repeats(element.weight()) == member.repeats &&
+         actionBytes(*member.object) == ActionBytes{action.id, data};
+}
+
+// Each element takes a member of its action and weight; nothing when they do not come out even.
+std::optional<std::vector<uint64_t>> assigned(const TablePlan& table, const Set& set,
+                                              std::vector<HiddenMember> members) {
+  std::vector<uint64_t> handles;
+  for (const auto& element : set.action_profile_actions()) {
+    const auto found =
+        std::find_if(members.begin(), members.end(),
+                     [&](const HiddenMember& member) { return isElement(table, element, member); });
+    if (found == members.end()) return std::nullopt;
+    handles.push_back(found->handle);
+    members.erase(found);
+  }
+  if (!members.empty()) return std::nullopt;
+  return handles;
+}
+
+RestoredSet madeAnew(const TablePlan& table, const std::vector<HiddenMember>& members) {
+  RestoredSet result;
+  for (const HiddenMember& member : members) {
+    auto* element = result.set.add_action_profile_actions();
+    const ActionUse* use = table.profile->actionUse(member.object->actionId);
+    decodeAction(*use->action, member.object->actionData(), element->mutable_action());
+    if (!table.profile->weightsDisallowed) {
+      element->set_weight(static_cast<int32_t>(member.repeats));
+    }
+    result.members.push_back(member.handle);
+  }
+  return result;
+}
+
+}  // namespace
+
+RestoredSet restoredSet(const TablePlan& table, std::vector<HiddenMember> members,
+                        std::string_view bytes) {
+  const std::optional<Set> written = writtenSet(table, bytes);
+  if (!written) return madeAnew(table, members);
+  std::optional<std::vector<uint64_t>> handles = assigned(table, *written, members);
+  if (!handles) return madeAnew(table, members);
+  return {*written, *std::move(handles)};
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,55 @@
+// In which of a Write's batches each update runs: independent ones together, in the first; one that
+// depends on the outcome of earlier ones in a batch after theirs.
+#pragma once
+
+#include "PI/frontend/EntryStore.h"
+#include "PI/frontend/ProfileUse.h"
+#include "PI/frontend/UpdateCheck.h"
+#include "absl/container/flat_hash_set.h"
+
+namespace pi::fe::proto {
+
+// For one Write. An update depends on the earlier ones of its key, on those that write what it
+// points at, and, when it writes a member or group, on those that point there.
+class WriteOrder {
+ public:
+  WriteOrder(const EntryStore& store, const ProfileUse& use) : store_(store), use_(use) {}
+
+  // The batch of the next update, counted from 0. `isNew`: it is the first of its key.
+  uint32_t level(const CheckedUpdate& update, WriteLog::Touched* touched, bool isNew);
+
+ private:
+  // One more than the last level that counts; 0: there is none.
+  struct ObjectLevels {
+    uint32_t afterWrites = 0;
+    uint32_t afterReferences = 0;
+  };
+  struct ProfileLevels {
+    uint32_t afterObjects = 0;
+    uint32_t afterActionSets = 0;
+    uint32_t afterFreeing = 0;  // of room in the profile
+    uint64_t expectedSize = 0;  // if nothing were freed
+  };
+  // All that stood, or may stand, under a key in the course of the Write.
+  struct KeyHistory {
+    absl::flat_hash_set<ObjectId> references;
+    bool hasActionSet = false;
+    uint64_t size = 0;  // of the latest
+  };
+
+  uint32_t levelInProfile(const CheckedUpdate& update, const WriteLog::Touched* key, bool isNew,
+                          uint32_t level);
+  uint32_t levelByReferences(const CheckedUpdate& update, const KeyHistory& history,
+                             uint32_t level);
+  uint32_t levelByProfile(const CheckedUpdate& update, KeyHistory* history, uint32_t level);
+  void doRemember(const CheckedUpdate& update, const KeyHistory& history, uint32_t level);
+  ProfileLevels& profileLevels(uint32_t profileId);
+
+  const EntryStore& store_;
+  const ProfileUse& use_;
+  absl::flat_hash_map<ObjectId, ObjectLevels> objects_;
+  absl::flat_hash_map<uint32_t, ProfileLevels> profiles_;
+  absl::flat_hash_map<const WriteLog::Touched*, KeyHistory> keys_;
+};
+
+}  // namespace pi::fe::proto
