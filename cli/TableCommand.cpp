@@ -2,87 +2,101 @@
 
 #include <cjson/cJSON.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "cli/ClientOptions.h"
+#include "cli/RowView.h"
 #include "cli/TableDump.h"
+#include "platform/lattice/FlowCounters.h"
 #include "platform/orrery/Json.h"
 
 namespace {
 
-using Lattice::ColumnText;
+using Clock = std::chrono::steady_clock;
 using Orrery::Json;
 
-std::string hexText(std::string_view bytes) {
-  std::string text = "0x";
-  for (const char c : bytes) text += fmt::format("{:02x}", static_cast<unsigned char>(c));
-  return text;
-}
+struct DumpOptions : ClientOptions {
+  std::vector<std::string> wanted;
+  bool counters = false;
+  double watch = 0;  // seconds; 0: once
+  unsigned rounds = 0;
+};
 
-// Columns of a key or a value; the raw bytes when they do not have the type's layout.
-std::vector<ColumnText> columns(const DumpedTable& table, const std::string& bytes, bool key) {
-  try {
-    if (table.type) {
-      return key ? keyTexts(*table.type, bytes) : valueTexts(*table.type, bytes);
+// Asks for what forwarding agents have counted, and remembers it for the rate.
+class Counts {
+ public:
+  explicit Counts(const std::string& stateDirectory)
+      : reader_(Lattice::FlowCounterReader::create(stateDirectory)) {}
+
+  void handleRound() { std::swap(before_, now_), now_.clear(); }
+
+  RowCount of(uint64_t entryHandle) {
+    reader_->counts(Lattice::flowCounterName(entryHandle), &found_);
+    RowCount sum;
+    for (const Lattice::FlowCount& count : found_) {
+      sum.packets += count.packets;
+      sum.bytes += count.bytes;
     }
-  } catch (const Lattice::TypeError&) {
+    const auto time = Clock::now();
+    if (const auto known = before_.find(entryHandle); known != before_.end()) {
+      const std::chrono::duration<double> elapsed = time - known->second.time;
+      const uint64_t former = known->second.packets;
+      const uint64_t more = sum.packets > former ? sum.packets - former : 0;
+      sum.packetsPerSecond = static_cast<double>(more) / std::max(elapsed.count(), 1e-6);
+    }
+    now_[entryHandle] = {sum.packets, time};
+    return sum;
   }
-  return {{key ? "key" : "value", hexText(bytes)}};
-}
 
-std::string joined(const std::vector<ColumnText>& columns) {
-  std::string text;
-  for (const auto& column : columns) {
-    text += fmt::format("{}{}={}", text.empty() ? "" : " ", column.name, column.text);
-  }
-  return text;
-}
+ private:
+  struct Seen {
+    uint64_t packets = 0;
+    Clock::time_point time;
+  };
+  const std::unique_ptr<Lattice::FlowCounterReader> reader_;
+  std::vector<Lattice::FlowCount> found_;
+  std::unordered_map<uint64_t, Seen> before_, now_;  // by entry handle
+};
 
-std::string rowLine(const DumpedTable& table, const DumpedRow& row) {
-  std::string line = fmt::format("  {} -> {}", joined(columns(table, row.key, true)),
-                                 joined(columns(table, row.value, false)));
-  if (row.entryHandle != 0) line += fmt::format("  [handle {}", row.entryHandle);
-  if (row.entryHandle != 0) line += row.state.empty() ? "]" : ", " + row.state + "]";
-  return line;
-}
-
-Json columnsJson(const std::vector<ColumnText>& columns) {
-  Json json(cJSON_CreateObject());
-  for (const auto& column : columns) {
-    cJSON_AddStringToObject(json.get(), column.name.c_str(), column.text.c_str());
-  }
-  return json;
-}
-
-std::string rowJson(const DumpedTable& table, const DumpedRow& row) {
-  const Json json(cJSON_CreateObject());
-  cJSON_AddStringToObject(json.get(), "table", table.name.c_str());
-  cJSON_AddItemToObject(json.get(), "key", columnsJson(columns(table, row.key, true)).release());
-  cJSON_AddItemToObject(json.get(), "value",
-                        columnsJson(columns(table, row.value, false)).release());
-  cJSON_AddStringToObject(json.get(), "entryHandle", std::to_string(row.entryHandle).c_str());
-  cJSON_AddStringToObject(json.get(), "sequence", std::to_string(row.sequence).c_str());
-  if (!row.state.empty()) cJSON_AddStringToObject(json.get(), "state", row.state.c_str());
-  return Orrery::jsonLine(*json);
-}
-
-void runDump(const ClientOptions& options, const std::vector<std::string>& wanted) {
-  for (const DumpedTable& table : dumpedTables(options.stateDirectory, wanted, true)) {
+void printRound(const DumpOptions& options, Counts& counts) {
+  const TableDump dump = dumpedTables(options.stateDirectory, options.wanted, true);
+  for (const DumpedTable& table : dump.tables) {
     if (!options.json) fmt::print("{} ({} rows)\n", table.name, table.rows.size());
     for (const DumpedRow& row : table.rows) {
-      fmt::print("{}\n", options.json ? rowJson(table, row) : rowLine(table, row));
+      std::optional<RowCount> count;
+      if (options.counters && table.counted) count = counts.of(row.entryHandle);
+      fmt::print("{}\n", options.json ? rowJson(dump, table, row, count)
+                                      : rowLine(dump, table, row, count));
     }
+  }
+  std::fflush(stdout);
+}
+
+void runDump(const DumpOptions& options) {
+  Counts counts(options.stateDirectory);
+  const bool screen = options.watch > 0 && !options.json && isatty(STDOUT_FILENO);
+  for (unsigned round = 1;; ++round) {
+    if (screen) fmt::print("\033[H\033[J");
+    printRound(options, counts);
+    if (options.watch <= 0 || round == options.rounds) return;
+    counts.handleRound();
+    std::this_thread::sleep_for(std::chrono::duration<double>(options.watch));
+    if (!screen && !options.json) fmt::print("\n");
   }
 }
 
 void runList(const ClientOptions& options) {
   const Json list(cJSON_CreateArray());
-  for (const DumpedTable& table : dumpedTables(options.stateDirectory, {}, false)) {
+  for (const DumpedTable& table : dumpedTables(options.stateDirectory, {}, false).tables) {
     if (!options.json) {
       fmt::print("{:<40} {:>9} {}\n", table.name, table.rowCount, table.typeName);
       continue;
@@ -101,15 +115,25 @@ void runList(const ClientOptions& options) {
 void addTableCommand(CLI::App& app) {
   CLI::App* table = app.add_subcommand("table", "Read the tables that forwarding agents follow");
   table->require_subcommand(1);
-  const auto options = std::make_shared<ClientOptions>();
-  const auto wanted = std::make_shared<std::vector<std::string>>();
 
   CLI::App* dump = table->add_subcommand("dump", "Print the rows of tables, as committed");
-  dump->add_option("TABLE", *wanted, "Tables to print; all without it");
-  addClientOptions(*dump, *options);
-  dump->callback([options, wanted] { runDump(*options, *wanted); });
+  const auto dumping = std::make_shared<DumpOptions>();
+  dump->add_option("TABLE", dumping->wanted, "Tables to print; all without it");
+  dump->add_flag("--counters", dumping->counters,
+                 "Show what forwarding agents have counted for each row of a table with counters");
+  CLI::Option* watch =
+      dump->add_option("--watch", dumping->watch,
+                       "Print again every so many seconds, with --counters also packets a second")
+          ->type_name("SECONDS")
+          ->check(CLI::Range(0.001, 86400.0));
+  dump->add_option("--rounds", dumping->rounds, "With --watch: end after so many times")
+      ->type_name("N")
+      ->needs(watch);
+  addClientOptions(*dump, *dumping);
+  dump->callback([dumping] { runDump(*dumping); });
 
   CLI::App* list = table->add_subcommand("list", "Name the tables, their row counts and types");
-  addClientOptions(*list, *options);
-  list->callback([options] { runList(*options); });
+  const auto listing = std::make_shared<ClientOptions>();
+  addClientOptions(*list, *listing);
+  list->callback([listing] { runList(*listing); });
 }

@@ -3,16 +3,21 @@
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
-#include <unordered_map>
 
 #include "platform/brine/Store.h"
+#include "platform/lattice/Packing.h"
 #include "platform/lattice/StoreLayout.h"
 
 namespace {
 
+using Lattice::ColumnText;
+using Lattice::ColumnType;
+using Lattice::TableType;
 using States = std::unordered_map<uint64_t, std::string>;
 
 constexpr const char* tableCache = "p4runtime/cache/table";
+constexpr const char* memberCache = "p4runtime/cache/actionProfileMember";
+constexpr const char* groupCache = "p4runtime/cache/actionProfileGroup";
 
 // Of a cache record only its head is needed: key (type u32, id u32, handle u64), state u32, all
 // little-endian; see P4Runtime/table/CacheRecords.h.
@@ -35,62 +40,173 @@ States entryStates(Brine::Snapshot& snapshot) {
   return states;
 }
 
-std::shared_ptr<const Lattice::TableType> typeOf(const Lattice::TableRecord& record) {
+std::shared_ptr<const TableType> typeOf(const Lattice::TableRecord& record) {
   try {
-    return Lattice::TableType::compile(record.typeName, record.definition);
+    return TableType::compile(record.typeName, record.definition);
   } catch (const Lattice::TypeError&) {
     return nullptr;
   }
 }
 
-void addRows(Brine::Snapshot& snapshot, const States& states, DumpedTable& table) {
+bool hasColumn(const TableType& type, const char* name) {
+  return std::ranges::any_of(type.valueParts(), [&](const TableType::ValuePart& part) {
+    return part.part == TableType::Part::column && part.column.name == name;
+  });
+}
+
+TableKind kindOf(const std::string& name, const TableType& type) {
+  const bool keyedById =
+      type.keyColumns().size() == 1 && type.keyColumns()[0].type == ColumnType::u32;
+  if (keyedById && name.ends_with(".member")) return TableKind::member;
+  const auto& parts = type.valueParts();
+  const bool isArray = parts.size() == 1 && parts[0].column.type == ColumnType::u32Array;
+  if (keyedById && isArray && name.ends_with(".group")) return TableKind::group;
+  if (hasColumn(type, "indirect_id") && hasColumn(type, "is_group")) return TableKind::indirect;
+  return TableKind::direct;
+}
+
+DumpedTable tableOf(const std::string& name, const Lattice::TableRecord& record) {
+  DumpedTable table{.name = name, .typeName = record.typeName, .type = typeOf(record)};
+  if (!table.type) return table;
+  table.kind = kindOf(name, *table.type);
+  table.counted = std::ranges::any_of(table.type->valueParts(), [](const auto& part) {
+    return part.part == TableType::Part::counter;
+  });
+  return table;
+}
+
+template <typename Visit>
+void eachRow(Brine::Snapshot& snapshot, const DumpedTable& table, const Visit& visit) {
   snapshot.forEach(Lattice::rowTable(table.name), [&](Brine::Bytes key, Brine::Bytes bytes) {
     const auto stored = Lattice::StoredRow::decode(Brine::asText(bytes));
     if (!stored) return true;  // no row of ours
-    DumpedRow row{std::string(Brine::asText(key)), std::string(stored->value), stored->entryHandle,
-                  stored->sequence, ""};
-    if (const auto state = states.find(row.entryHandle); state != states.end()) {
-      row.state = state->second;
-    }
-    table.rows.push_back(std::move(row));
+    visit(DumpedRow{std::string(Brine::asText(key)), std::string(stored->value),
+                    stored->entryHandle, stored->sequence, ""});
     return true;
   });
 }
 
+void addRows(Brine::Snapshot& snapshot, const States& states, DumpedTable& table) {
+  eachRow(snapshot, table, [&](DumpedRow row) {
+    if (const auto state = states.find(row.entryHandle); state != states.end()) {
+      row.state = state->second;
+    }
+    table.rows.push_back(std::move(row));
+  });
+}
+
+DumpedMember memberOf(const DumpedTable& table, const DumpedRow& row) {
+  try {
+    return {.action = valueTexts(*table.type, row.value)};
+  } catch (const Lattice::TypeError&) {
+    return {.action = {{"action", "unreadable"}}};
+  }
+}
+
+// Weights are repeated ids.
+DumpedGroup groupOf(const DumpedRow& row) {
+  DumpedGroup group;
+  Lattice::Unpacker bytes(row.value);
+  const auto count = bytes.take<uint32_t>();
+  for (uint32_t i = 0; i < count; ++i) {
+    const auto id = bytes.take<uint32_t>();
+    if (bytes.bad()) break;  // no more than there are
+    auto known = std::ranges::find(group.members, id, &std::pair<uint32_t, unsigned>::first);
+    if (known == group.members.end()) known = group.members.insert(known, {id, 0});
+    ++known->second;
+  }
+  return group;
+}
+
+// The controller's id stands in a cache record at `idAt`, the agent's handle at `handleAt`.
+template <typename Known>
+void addControllerIds(Brine::Snapshot& snapshot, const char* cache, size_t idAt, size_t handleAt,
+                      Known& known) {
+  snapshot.forEach(cache, [&](Brine::Bytes, Brine::Bytes record) {
+    if (record.size() < handleAt + sizeof(uint64_t)) return true;
+    const auto handle = Lattice::loadAt<uint64_t>(record.data() + handleAt);
+    const auto found = known.find(static_cast<uint32_t>(handle));  // rows have the lower half
+    if (found != known.end()) {
+      found->second.controllerId = Lattice::loadAt<uint32_t>(record.data() + idAt);
+    }
+    return true;
+  });
+}
+
+DumpedProfiles profilesIn(Brine::Snapshot& snapshot, const std::vector<DumpedTable>& tables) {
+  DumpedProfiles profiles;
+  for (const DumpedTable& table : tables) {
+    if (table.kind == TableKind::member) {
+      eachRow(snapshot, table, [&](const DumpedRow& row) {
+        profiles.members[profileId(row)] = memberOf(table, row);
+      });
+    } else if (table.kind == TableKind::group) {
+      eachRow(snapshot, table,
+              [&](const DumpedRow& row) { profiles.groups[profileId(row)] = groupOf(row); });
+    }
+  }
+  addControllerIds(snapshot, memberCache, 20, 24, profiles.members);
+  addControllerIds(snapshot, groupCache, 16, 20, profiles.groups);
+  return profiles;
+}
+
 bool isWanted(const std::vector<std::string>& wanted, const std::string& name) {
-  return wanted.empty() || std::find(wanted.begin(), wanted.end(), name) != wanted.end();
+  return wanted.empty() || std::ranges::find(wanted, name) != wanted.end();
 }
 
 void requireAll(const std::vector<std::string>& wanted, const std::vector<DumpedTable>& tables) {
   for (const std::string& name : wanted) {
-    const bool there = std::any_of(tables.begin(), tables.end(),
-                                   [&](const DumpedTable& table) { return table.name == name; });
-    if (!there) {
-      throw std::runtime_error("there is no table '" + name + "'; 'korvel table list' names them");
-    }
+    if (std::ranges::find(tables, name, &DumpedTable::name) != tables.end()) continue;
+    throw std::runtime_error("there is no table '" + name + "'; 'korvel table list' names them");
   }
 }
 
 }  // namespace
 
-std::vector<DumpedTable> dumpedTables(const std::string& stateDirectory,
-                                      const std::vector<std::string>& wanted, bool withRows) {
+uint32_t profileId(const DumpedRow& row) {
+  uint32_t id = 0;
+  for (size_t i = 0; i < sizeof id && i < row.key.size(); ++i) {
+    id = id << 8 | static_cast<uint8_t>(row.key[i]);
+  }
+  return id;
+}
+
+std::optional<IndirectTarget> indirectTarget(const DumpedTable& table, const DumpedRow& row) {
+  IndirectTarget target;
+  try {
+    for (const ColumnText& column : valueTexts(*table.type, row.value)) {
+      const auto number = std::strtoul(column.text.c_str(), nullptr, 16);
+      if (column.name == "indirect_id") target.id = static_cast<uint32_t>(number);
+      if (column.name == "is_group") target.isGroup = number != 0;
+    }
+    return target;
+  } catch (const Lattice::TypeError&) {
+    return std::nullopt;
+  }
+}
+
+TableDump dumpedTables(const std::string& stateDirectory, const std::vector<std::string>& wanted,
+                       bool withRows) {
   const auto reader = Brine::Reader::open(stateDirectory);
   const auto snapshot = reader->snapshot();
-  std::vector<DumpedTable> tables;
+  std::vector<DumpedTable> all;
   snapshot->forEach(Lattice::typesTable, [&](Brine::Bytes key, Brine::Bytes bytes) {
     const auto record = Lattice::TableRecord::decode(Brine::asText(bytes));
-    const std::string name(Brine::asText(key));
-    if (record && isWanted(wanted, name)) {
-      tables.push_back({name, record->typeName, typeOf(*record), 0, {}});
-    }
+    if (record) all.push_back(tableOf(std::string(Brine::asText(key)), *record));
     return true;
   });
-  requireAll(wanted, tables);
+  requireAll(wanted, all);
+  TableDump dump;
+  std::ranges::copy_if(all, std::back_inserter(dump.tables),
+                       [&](const DumpedTable& table) { return isWanted(wanted, table.name); });
   const States states = withRows ? entryStates(*snapshot) : States();
-  for (DumpedTable& table : tables) {
+  for (DumpedTable& table : dump.tables) {
     table.rowCount = snapshot->count(Lattice::rowTable(table.name));
     if (withRows) addRows(*snapshot, states, table);
   }
-  return tables;
+  const bool leadsThere = std::ranges::any_of(dump.tables, [](const DumpedTable& table) {
+    return table.kind != TableKind::direct && !table.rows.empty();
+  });
+  if (leadsThere) dump.profiles = profilesIn(*snapshot, all);
+  return dump;
 }
