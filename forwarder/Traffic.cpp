@@ -92,6 +92,11 @@ void Traffic::maybePlan() {
   valueOf_.assign(plan_.fieldCount(), 0);
 }
 
+bool Traffic::headerMeetsTables(size_t header) {
+  maybePlan();
+  return !plan_.headers()[header].tables.empty();
+}
+
 void Traffic::work(std::chrono::microseconds atMost) {
   if (!running()) return;
   Clock::time_point now = now_();

@@ -36,6 +36,8 @@ class Traffic {
 
   const TrafficOptions& options() const { return options_; }
   void optionsIs(TrafficOptions options);  // another seed begins its packets anew
+  // Whether a table matches on a field of this header of the options.
+  bool headerMeetsTables(size_t header);
   const TrafficStats& stats() const { return stats_; }
   void statsDel();
 

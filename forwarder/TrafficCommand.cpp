@@ -28,12 +28,15 @@ std::pair<std::string_view, std::string_view> split(std::string_view words) {
   return {words.substr(0, blank), rest};
 }
 
-std::string shown(const Traffic& traffic) {
+std::string shown(Traffic& traffic) {
   const TrafficOptions& options = traffic.options();
   std::string text = fmt::format("rate {}\nachieved {}{}\nbytes {}\nseed {}\n", options.rate,
                                  traffic.achievedRate(), traffic.behind() ? " (behind)" : "",
                                  options.bytes, options.seed);
-  for (const PacketHeader& header : options.headers) text += "header " + header.text + '\n';
+  for (size_t i = 0; i < options.headers.size(); ++i) {
+    const char* note = traffic.headerMeetsTables(i) ? "" : " (no table matches on such a field)";
+    text += fmt::format("header {}{}\n", options.headers[i].text, note);
+  }
   return text + traffic.stats().text();
 }
 

@@ -119,6 +119,9 @@ TEST_F(TrafficTest, GivenHeadersAreTakenInTurnAndMeetTheTablesThatLookAtThem) {
   EXPECT_EQ(flow("acl", 3).packets, 10u);
   EXPECT_EQ(counts("route").misses, 0u);
   EXPECT_EQ(traffic_.stats().packets, 50u);
+  EXPECT_THAT(trafficAnswered(traffic_, "").text,
+              HasSubstr("header proto=17\nheader vrf=65536,dst=10.1.2.3\n"
+                        "header color=3 (no table matches on such a field)\n"));
 }
 
 TEST_F(TrafficTest, ARowCountsFromItsColumnsOnAndAsLongAsItsHandleStays) {
