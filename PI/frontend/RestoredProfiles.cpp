@@ -41,6 +41,18 @@ bool agrees(const ActionProfileGroup& written, const ActionProfileGroup& shown) 
          shares(written) == shares(shown);
 }
 
+// Which ports the members that are left watch.
+void doKeepWatches(const ActionProfileGroup& written, ActionProfileGroup* shown) {
+  absl::flat_hash_map<uint32_t, const ActionProfileGroup::Member*> byId;
+  for (const auto& member : written.members()) byId[member.member_id()] = &member;
+  for (auto& member : *shown->mutable_members()) {
+    const auto found = byId.find(member.member_id());
+    if (found == byId.end()) continue;
+    if (found->second->has_watch()) member.set_watch(found->second->watch());
+    if (found->second->has_watch_port()) member.set_watch_port(found->second->watch_port());
+  }
+}
+
 }  // namespace
 
 pi_status_t RestoredProfiles::memberIs(uint32_t profileId, const pi_action_data_t* action,
@@ -115,7 +127,9 @@ std::string RestoredProfiles::groupBytes(const ProfilePlan& profile, uint32_t id
   ActionProfileGroup written;
   const bool parsed = written.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
   if (parsed && agrees(written, shown)) return std::string(bytes);
-  if (parsed && written.max_size() > 0) shown.set_max_size(written.max_size());
+  if (!parsed) return shown.SerializeAsString();
+  shown.set_max_size(std::max(written.max_size(), 0));
+  doKeepWatches(written, &shown);
   return shown.SerializeAsString();
 }
 

@@ -17,8 +17,8 @@ class StateCheck {
   // of that, and the target's handle of what it points at. Throws a Refusal.
   void prepare(CheckedUpdate* update, const Entry* former);
 
-  // The updates prepared since the last time are committed, or failed.
-  void handleBatchEnd() { promised_.clear(); }
+  // The updates prepared before are committed, or failed.
+  void handleBatchBegin() { promised_.clear(); }
 
  private:
   void prepareMember(const CheckedUpdate& update) const;

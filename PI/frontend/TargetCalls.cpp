@@ -89,6 +89,7 @@ template <typename Call>
 void TargetCalls::call(Call call) {
   if (status_ != PI_STATUS_SUCCESS) return;
   pi_batch_current_set(offset_, controllerId_, controllerMetadata_, bytes_.data(), bytes_.size());
+  anyMade_ = true;
   status_ = call();
 }
 

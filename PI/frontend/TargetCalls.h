@@ -41,6 +41,7 @@ class TargetCalls {
   void groupBytesSet(uint32_t profileId, uint64_t group);
 
   pi_status_t status() const { return status_; }
+  bool anyMade() const { return anyMade_; }
 
  private:
   template <typename Call>
@@ -53,6 +54,7 @@ class TargetCalls {
   uint64_t controllerMetadata_ = 0;
   std::string_view bytes_;
   pi_status_t status_ = PI_STATUS_SUCCESS;
+  bool anyMade_ = false;
 };
 
 }  // namespace pi::fe::proto

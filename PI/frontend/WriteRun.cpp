@@ -78,6 +78,7 @@ std::vector<WriteRun::Batch> WriteRun::batches() const {
 void WriteRun::doRunBatch(const Batch& batch) {
   StatusVector statuses;
   statuses.reserve(batch.size());
+  state_.handleBatchBegin();
   for (const uint32_t offset : batch) {
     try {
       maybeRunUpdate(offset, &statuses);
@@ -104,10 +105,11 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   maybeBeginBatch(operation);
   TargetCalls calls(session_, offset);
   doRunUpdate(store_, update, former, &calls);
+  operation.pending = true;
+  if (!calls.anyMade()) return;  // it is like that already; the target has nothing to confirm
   const pi_status_t status = calls.status();
   auto& [position, error] = statuses->emplace_back();
   position = offset;
-  operation.pending = true;
   if (status == PI_STATUS_SUCCESS || static_cast<int>(status) == kBatchUpdateFailed) {
     error.set_canonical_code(code::deadlineExceeded);
     return;
@@ -128,7 +130,6 @@ void WriteRun::maybeBeginBatch(const Operation& operation) {
 }
 
 void WriteRun::doRecordOutcome(const Batch& batch, const StatusVector& failures) {
-  state_.handleBatchEnd();
   doRecordFailures(failures);
   std::vector<Change> changes;
   changes.reserve(batch.size());

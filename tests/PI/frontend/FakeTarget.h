@@ -82,6 +82,7 @@ class FakeTarget {
 
   // By itself, not through a Write: as after a restart, or a constant entry.
   void rowIs(const Key& key, const Row& row) { rows_[key] = row; }
+  void rowDel(const Key& key) { rows_.erase(key); }
   void memberIs(uint64_t handle, const Member& member) { members_[handle] = member; }
   void groupIs(uint64_t handle, const Group& group) { groups_[handle] = group; }
   void countIs(uint64_t handle, const pi_counter_data_t& data) { counts_[handle] = data; }

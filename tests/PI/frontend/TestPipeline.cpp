@@ -96,6 +96,7 @@ constexpr char kP4Info[] = R"(
   }
   direct_meters {
     preamble { id: 0x15000001 name: "ingress.meter" } direct_table_id: 0x02000004
+    spec { unit: BYTES }
   }
 )";
 
