@@ -272,6 +272,21 @@ TEST_F(ActionProfileTest, FailedUpdateLeavesEverythingAsItWas) {
   }
 }
 
+TEST_F(ActionProfileTest, SilenceOnPartOfAFailedUpdateIsCriticalAllTheSame) {
+  const std::string before = picture();
+  agent().begin();
+  agent().updateIs(0);
+  for (const uint8_t port : {1, 2, 3}) memberCreated(port);
+  agent().end();
+  forwarder().failNext(ErrorCode::hardwareError);
+  forwarder().ignoreNext();
+  forwarder().programNext();
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 13)));
+  EXPECT_TRUE(agent().status->critical());
+  EXPECT_EQ(picture(), before);
+  EXPECT_THAT(handlesInUse(), IsEmpty());
+}
+
 TEST_F(ActionProfileTest, RefusalInTheMiddleOfAnUpdateUndoesItsEarlierCalls) {
   for (uint8_t id = 1; id < 16; ++id) member(id, id);
   const std::string before = picture();
