@@ -17,7 +17,8 @@ p4::v1::CounterData directCount(const TargetSession& session, const EntryStore& 
   p4::v1::CounterData count;
   if (status != PI_STATUS_SUCCESS) {
     // A Write may have deleted it since the Read began.
-    if (!store.entry(entry.key())) return count;
+    const EntryPtr now = store.entry(entry.key());
+    if (!now || now->handle != entry.handle) return count;
     refuse(code::internal, keyText(table, entry.keyData(), entry.priority),
            ": the target did not give the direct counter: status ", status);
   }

@@ -13,10 +13,6 @@ std::string named(const P4InfoIndex& index, const char* kind, uint32_t id) {
   return id == 0 ? absl::StrCat("any ", kind) : index.objectText(id);
 }
 
-std::string ofTable(const P4InfoIndex& index, const char* resource, uint32_t tableId) {
-  return absl::StrCat("direct ", resource, " of ", named(index, "table", tableId));
-}
-
 std::string replicationText(const p4::v1::PacketReplicationEngineEntry& entry) {
   if (entry.has_multicast_group_entry()) {
     return absl::StrCat("multicast group ", entry.multicast_group_entry().multicast_group_id());
@@ -33,26 +29,10 @@ std::string entityText(const P4InfoIndex& index, const Entity& entity) {
   switch (entity.entity_case()) {
     case Entity::kExternEntry:
       return named(index, "extern", entity.extern_entry().extern_id());
-    case Entity::kTableEntry:
-      return named(index, "table", entity.table_entry().table_id());
-    case Entity::kActionProfileMember: {
-      const auto& member = entity.action_profile_member();
-      return absl::StrCat("member ", member.member_id(), " of ",
-                          named(index, "action profile", member.action_profile_id()));
-    }
-    case Entity::kActionProfileGroup: {
-      const auto& group = entity.action_profile_group();
-      return absl::StrCat("group ", group.group_id(), " of ",
-                          named(index, "action profile", group.action_profile_id()));
-    }
     case Entity::kMeterEntry:
       return named(index, "meter", entity.meter_entry().meter_id());
-    case Entity::kDirectMeterEntry:
-      return ofTable(index, "meter", entity.direct_meter_entry().table_entry().table_id());
     case Entity::kCounterEntry:
       return named(index, "counter", entity.counter_entry().counter_id());
-    case Entity::kDirectCounterEntry:
-      return ofTable(index, "counter", entity.direct_counter_entry().table_entry().table_id());
     case Entity::kPacketReplicationEngineEntry:
       return replicationText(entity.packet_replication_engine_entry());
     case Entity::kValueSetEntry:
@@ -61,10 +41,9 @@ std::string entityText(const P4InfoIndex& index, const Entity& entity) {
       return named(index, "register", entity.register_entry().register_id());
     case Entity::kDigestEntry:
       return named(index, "digest", entity.digest_entry().digest_id());
-    case Entity::ENTITY_NOT_SET:
-      break;
+    default:
+      return "";
   }
-  return "";
 }
 
 }  // namespace pi::fe::proto

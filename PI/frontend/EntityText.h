@@ -7,8 +7,8 @@
 
 namespace pi::fe::proto {
 
-// Of an entity that is no table entry: "counter ingress.hits", "multicast group 7". Of one without
-// a member: empty.
+// Of an entity that is neither programmed nor read: "counter ingress.hits", "multicast group 7". Of
+// one without a member: empty.
 std::string entityText(const P4InfoIndex& index, const p4::v1::Entity& entity);
 
 }  // namespace pi::fe::proto

@@ -38,6 +38,17 @@ TEST(P4InfoIndex, RefusesWhatCannotBeRealised) {
       {"a profile's table that is not there",
        [](P4Info& p) { p.mutable_action_profiles(0)->set_table_ids(0, 5); },
        "action profile ingress.nexthops refers to table"},
+      {"a profile's table that names none",
+       [](P4Info& p) { p.mutable_tables(7)->clear_implementation_id(); },
+       "action profile ingress.nexthops is that of table ingress.wcmp, which names none"},
+      {"a profile's table that names another",
+       [](P4Info& p) { p.mutable_tables(7)->set_implementation_id(test::kPlainNexthops); },
+       "which names ingress.plain_nexthops as its implementation"},
+      {"a negative size", [](P4Info& p) { p.mutable_action_profiles(0)->set_size(-1); },
+       "action profile ingress.nexthops: size is -1"},
+      {"two counters",
+       [](P4Info& p) { p.mutable_tables(3)->set_direct_resource_ids(1, 0x13000001); },
+       "table ingress.counted has direct counter ingress.counter and another one"},
       {"a direct resource that is not there",
        [](P4Info& p) { p.mutable_tables(3)->set_direct_resource_ids(0, 0x13000009); },
        "table ingress.counted refers to direct counter"},
@@ -90,6 +101,15 @@ TEST(P4InfoIndex, RefusesWhatCannotBeRealised) {
       EXPECT_THAT(refusal.message(), HasSubstr(c.says));
     }
   }
+}
+
+// Some compilers leave out the list; the table's own word is enough.
+TEST(P4InfoIndex, TakesProfilesThatDoNotListTheirTables) {
+  P4Info p4Info = test::pipelineConfig().p4info();
+  p4Info.mutable_action_profiles(0)->clear_table_ids();
+  const P4InfoIndex index(p4Info);
+  EXPECT_EQ(index.table(test::kWcmp)->profile, index.profile(test::kNexthops));
+  EXPECT_NE(index.profile(test::kNexthops)->actionUse(test::kForward), nullptr);
 }
 
 }  // namespace
