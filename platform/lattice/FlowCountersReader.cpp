@@ -74,6 +74,22 @@ StoreFile storeFile(const std::string& directory) {
   return {data.st_dev, data.st_ino, data.st_size};
 }
 
+// Where LMDB says what its newest commits are.
+std::string headOf(const std::string& path) {
+  std::string head(leastStore, '\0');
+  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const ssize_t size = file.get() < 0 ? 0 : pread(file.get(), head.data(), head.size(), 0);
+  head.resize(size > 0 ? static_cast<size_t>(size) : 0);
+  return head;
+}
+
+// LMDB would trip over a damaged page. A writer that commits meanwhile makes sound pages look
+// damaged; but it has looked through the store itself before it wrote there.
+bool isSound(const std::string& path) {
+  const std::string before = headOf(path);
+  return Brine::damageOf(path).empty() || headOf(path) != before;
+}
+
 // One forwarding agent's store, as far as it can be read.
 class Collection {
  public:
@@ -105,12 +121,9 @@ class Collection {
   }
 
  private:
-  // LMDB would trip over a damaged page. A writer that commits meanwhile leaves the pages of the
-  // commit before alone, and the check is over long before it commits twice; should that be wrong
-  // the store is found damaged once, and sound at the next try.
   void doOpen(Clock::time_point now) {
     try {
-      if (!Brine::damageOf(directory_ + "/brine.mdb").empty()) return handleTrouble(now);
+      if (!isSound(directory_ + "/brine.mdb")) return handleTrouble(now);
       reader_ = Brine::Reader::open(directory_);
       wait_ = {};
     } catch (const Brine::StoreError&) {

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -58,8 +59,11 @@ class FlowCountersTest : public testing::Test {
   }
   // Found at the next look at the folders, which a look-up does now and then.
   bool comesTo(std::string_view name, const std::vector<FlowCount>& wanted) {
+    return comesTo([&] { return counts(name) == wanted; });
+  }
+  static bool comesTo(const std::function<bool()>& done) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (counts(name) != wanted) {
+    while (!done()) {
       if (std::chrono::steady_clock::now() > end) return false;
       std::this_thread::yield();
     }
@@ -229,6 +233,29 @@ TEST_F(FlowCountersTest, ReadersSeeWholeCommits) {
   } while (!last);
   counting.join();
   EXPECT_EQ(newest, 300u);
+}
+
+// Each commit uses pages anew that the one before the last had left, while a reader looks through
+// them.
+TEST_F(FlowCountersTest, AReaderThatComesWhileAWriterIsBusyReadsAtOnce) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const auto busy = writer("busy");
+    for (uint64_t i = 1;; ++i) {
+      for (unsigned flow = 0; flow < 20000; flow += i == 1 ? 1 : 7) {
+        busy->countIs("f" + std::to_string((flow * i) % 20000), {i, i});
+      }
+      busy->commit();
+    }
+  }
+  const bool begun = comesTo([&] { return counts("f0").size() == 1; });
+  for (int i = 0; begun && i < 50; ++i) {
+    reader_ = FlowCounterReader::create(state_.path());
+    EXPECT_EQ(counts("f1").size(), 1u);
+  }
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_TRUE(begun);
 }
 
 TEST_F(FlowCountersTest, TheStoreTakesLittleMemory) {
