@@ -162,7 +162,7 @@ EntryPtr RestoredProfiles::withActionSet(const TablePlan& table, const Entry& un
   }
   for (const HiddenMember& member : members) members_.at(member.handle).claimed = true;
   group->claimed = true;
-  const RestoredSet restored = restoredSet(table, std::move(members), group->bytes);
+  const RestoredSet restored = restoredSet(table, members, group->bytes);
   const std::string bytes = restored.set.SerializeAsString();
   EntryPtr entry = entryAs(unresolved, EntryKind::actionSet,
                            actionSetBytes(restored.members.size(), bytes.size()));

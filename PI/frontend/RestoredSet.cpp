@@ -1,8 +1,9 @@
 // The action set of an entry after a restart.
 #include "PI/frontend/RestoredSet.h"
 
-#include <algorithm>
+#include <map>
 #include <optional>
+#include <tuple>
 
 #include "PI/frontend/ActionCodec.h"
 #include "PI/frontend/ActionSetCheck.h"
@@ -26,28 +27,36 @@ std::optional<Set> writtenSet(const TablePlan& table, std::string_view bytes) {
   return set;
 }
 
-bool isElement(const TablePlan& table, const p4::v1::ActionProfileAction& element,
-               const HiddenMember& member) {
+// What tells members apart: action and weight.
+using Look = std::tuple<uint32_t, std::string, uint32_t>;
+
+Look lookOf(const TablePlan& table, const p4::v1::ActionProfileAction& element) {
   const ActionPlan& action = checkedAction(table, element.action());
   std::string data(action.dataBytes, '\0');
   encodeActionData(table, action, element.action(), reinterpret_cast<uint8_t*>(data.data()));
-  return repeats(element.weight()) == member.repeats &&
-         actionBytes(*member.object) == ActionBytes{action.id, data};
+  return {action.id, std::move(data), repeats(element.weight())};
 }
 
-// Each element takes a member of its action and weight; nothing when they do not come out even.
+Look lookOf(const HiddenMember& member) {
+  const ActionBytes action = actionBytes(*member.object);
+  return {action.actionId, std::string(action.data), member.repeats};
+}
+
+// Each element takes a member of its look; nothing when they do not come out even.
 std::optional<std::vector<uint64_t>> assigned(const TablePlan& table, const Set& set,
-                                              std::vector<HiddenMember> members) {
+                                              const std::vector<HiddenMember>& members) {
+  if (static_cast<size_t>(set.action_profile_actions_size()) != members.size()) {
+    return std::nullopt;
+  }
+  std::multimap<Look, uint64_t> free;
+  for (const HiddenMember& member : members) free.emplace(lookOf(member), member.handle);
   std::vector<uint64_t> handles;
   for (const auto& element : set.action_profile_actions()) {
-    const auto found =
-        std::find_if(members.begin(), members.end(),
-                     [&](const HiddenMember& member) { return isElement(table, element, member); });
-    if (found == members.end()) return std::nullopt;
-    handles.push_back(found->handle);
-    members.erase(found);
+    const auto found = free.find(lookOf(table, element));
+    if (found == free.end()) return std::nullopt;
+    handles.push_back(found->second);
+    free.erase(found);
   }
-  if (!members.empty()) return std::nullopt;
   return handles;
 }
 
@@ -67,7 +76,7 @@ RestoredSet madeAnew(const TablePlan& table, const std::vector<HiddenMember>& me
 
 }  // namespace
 
-RestoredSet restoredSet(const TablePlan& table, std::vector<HiddenMember> members,
+RestoredSet restoredSet(const TablePlan& table, const std::vector<HiddenMember>& members,
                         std::string_view bytes) {
   const std::optional<Set> written = writtenSet(table, bytes);
   if (!written) return madeAnew(table, members);

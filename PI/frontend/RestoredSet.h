@@ -21,7 +21,7 @@ struct RestoredSet {
   std::vector<uint64_t> members;  // handles, one an element
 };
 
-RestoredSet restoredSet(const TablePlan& table, std::vector<HiddenMember> members,
+RestoredSet restoredSet(const TablePlan& table, const std::vector<HiddenMember>& members,
                         std::string_view bytes);
 
 }  // namespace pi::fe::proto
