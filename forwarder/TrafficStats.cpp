@@ -17,6 +17,7 @@ double percent(uint64_t part, uint64_t whole) {
 std::string TrafficStats::text() const {
   std::string text = fmt::format("packets {}\nskipped {}\n", packets, skipped);
   for (const auto& [name, table] : tables) {
+    if (table.hits == 0 && table.misses == 0) continue;
     text += fmt::format("table {} hits {} misses {}", name, table.hits, table.misses);
     if (table.dangling > 0) text += fmt::format(" dangling {}", table.dangling);
     if (table.emptyGroup > 0) text += fmt::format(" empty-group {}", table.emptyGroup);

@@ -249,7 +249,7 @@ TEST_F(FlowCountersTest, AReaderThatComesWhileAWriterIsBusyReadsAtOnce) {
     }
   }
   const bool begun = comesTo([&] { return counts("f0").size() == 1; });
-  for (int i = 0; begun && i < 50; ++i) {
+  for (int i = 0; begun && i < 200; ++i) {
     reader_ = FlowCounterReader::create(state_.path());
     EXPECT_EQ(counts("f1").size(), 1u);
   }
