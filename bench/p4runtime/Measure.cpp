@@ -2,37 +2,20 @@
 #include "bench/p4runtime/Measure.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <functional>
 #include <stdexcept>
+
+#include "bench/p4runtime/Writing.h"
 
 namespace Bench {
 namespace {
 
 using namespace TestSupport;
-using Requests = std::vector<p4::v1::WriteRequest>;
-using MadeUpdate = std::function<p4::v1::Update(uint64_t i)>;
-
-constexpr std::chrono::minutes requestTimeout{5};
 
 // So many requests go to one target before the other's turn: what the machine does meanwhile
 // strikes both alike.
 constexpr size_t turn = 10;
-
-Clock::duration written(TestController& controller, const p4::v1::WriteRequest& request) {
-  const auto start = Clock::now();
-  const WriteOutcome outcome = controller.write(request, requestTimeout);
-  const auto took = Clock::now() - start;
-  if (outcome.ok()) return took;
-  std::string reason = outcome.status.error_message();
-  for (const auto& error : outcome.errors) {
-    if (error.canonical_code() != 0) reason = error.message();
-  }
-  throw std::runtime_error("a Write failed: " + reason);
-}
 
 Clock::duration readOne(TestController& controller, const p4::v1::TableEntry& query) {
   const auto start = Clock::now();
@@ -47,14 +30,15 @@ class Measurement {
  public:
   explicit Measurement(const Plan& plan)
       : plan_(plan),
-        tested_(plan.pipelineFile, static_cast<int64_t>(plan.tables.back() + spare(plan))),
+        tested_(plan.pipelineFile,
+                {.routes = static_cast<int64_t>(plan.tables.back() + spare(plan))}),
         empty_(tested_.memory()) {}
 
   Results results() {
     for (const uint64_t table : plan_.tables) {
       progress(fmt::format("{} entries: filling", table));
       TableFigures figures{.table = table, .fillRate = filled(table)};
-      figures.memory = grown();
+      figures.memory = grownSince(empty_, tested_.memory());
       for (const size_t batch : plan_.batches) measureWrites(table, batch);
       if (plan_.wants("read")) measureReads(table);
       progress(fmt::format("{} entries: restart", table));
@@ -75,12 +59,6 @@ class Measurement {
     return most + 1000;
   }
 
-  static void progress(const std::string& what) {
-    if (!isatty(STDERR_FILENO)) return;
-    std::fprintf(stderr, "\r\033[K%s", what.c_str());
-    std::fflush(stderr);
-  }
-
   // Walks all numbers below `size`, far from one to the next.
   static uint64_t spread(uint64_t i, uint64_t size) {
     const uint64_t step = size % 7919 ? 7919 : 7907;  // primes
@@ -93,35 +71,19 @@ class Measurement {
     const uint64_t first = entries_;
     while (entries_ < table) {
       const uint64_t count = std::min(batch, table - entries_);
-      const auto requests = requestsOf(
-          1, count, [&](uint64_t i) { return insertOf(tested_.route(entries_ + i, 1)); });
+      const auto requests = requestsOf(tested_.controller(), 1, count, [&](uint64_t i) {
+        return insertOf(tested_.route(entries_ + i, 1));
+      });
       samples.add(written(tested_.controller(), requests[0]));
       entries_ += count;
     }
     return static_cast<double>(entries_ - first) / (samples.total().count() / 1e6);
   }
 
-  Memory grown() const {
-    const Memory now = tested_.memory();
-    return {.privateBytes = now.privateBytes - std::min(now.privateBytes, empty_.privateBytes),
-            .residentBytes = now.residentBytes - std::min(now.residentBytes, empty_.residentBytes),
-            .stateBytes = now.stateBytes - std::min(now.stateBytes, empty_.stateBytes)};
-  }
-
-  Requests requestsOf(size_t count, size_t batch, const MadeUpdate& update) {
-    Requests requests;
-    for (size_t r = 0; r < count; ++r) {
-      std::vector<p4::v1::Update> updates;
-      for (size_t i = 0; i < batch; ++i) updates.push_back(update(r * batch + i));
-      requests.push_back(tested_.controller().writeRequest(updates));
-    }
-    return requests;
-  }
-
   void measureWrites(uint64_t table, size_t batch) {
     const size_t count = plan_.requests(batch);
     const auto wanted = [&](const char* operation, const MadeUpdate& update) {
-      const Requests requests = requestsOf(count, batch, update);
+      const Requests requests = requestsOf(tested_.controller(), count, batch, update);
       Line line{.table = table, .batch = batch, .operation = operation};
       progress(fmt::format("{} entries: {} in batches of {}", table, operation, batch));
       writeByTurns(requests, line);

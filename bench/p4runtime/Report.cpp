@@ -64,21 +64,25 @@ double bytesPerEntry(const TableFigures& figures) {
 
 // Pages of the state directory that the agent has mapped are resident in it as well, so the
 // resident size would count them twice; it stands beside for comparison.
-std::string tableFigures(const Results& results) {
+std::string figuresTable(const std::vector<TableFigures>& tables) {
   std::string text =
       fmt::format("{:>9} {:>13} {:>14} {:>13} {:>12} {:>12} {:>10}\n", "table", "fill, rows/s",
                   "agent private", "agent RSS", "state dir", "bytes/entry", "restart s");
   const auto mebibytes = [](size_t bytes) {
     return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1 << 20));
   };
-  for (const TableFigures& figures : results.tables) {
+  for (const TableFigures& figures : tables) {
     text +=
         fmt::format("{:>9} {:>13.0f} {:>14} {:>13} {:>12} {:>12.0f} {:>10.2f}\n", figures.table,
                     figures.fillRate, mebibytes(figures.memory.privateBytes),
                     mebibytes(figures.memory.residentBytes), mebibytes(figures.memory.stateBytes),
                     bytesPerEntry(figures), figures.restartSeconds);
   }
-  return text +
+  return text;
+}
+
+std::string tableFigures(const Results& results) {
+  return figuresTable(results.tables) +
          "agent and state dir: growth since the tables were empty; bytes/entry: private and "
          "state dir\n";
 }
@@ -127,7 +131,48 @@ std::string aims(const Results& results) {
              bytesPerEntry(largest) < 1024, "under 1024");
 }
 
+const Line* directLine(const ProfileResults& profiles, size_t batch) {
+  for (const Line& line : profiles.lines) {
+    if (line.batch == batch && line.operation == "direct") return &line;
+  }
+  return nullptr;
+}
+
+std::string profileRates(const ProfileResults& profiles) {
+  std::string text = fmt::format("{:>7} {:<9} {:>11} {:>10} {:>10} {:>10}\n", "batch", "inserts",
+                                 "updates/s", "median ms", "p99 ms", "of direct");
+  for (const Line& line : profiles.lines) {
+    const Line* direct = directLine(profiles, line.batch);
+    text += fmt::format("{:>7} {:<9} {:>11.0f} {:>10} {:>10} {:>10}\n", line.batch, line.operation,
+                        line.rate(), milliseconds(line.agent.median()),
+                        milliseconds(line.agent.p99()), ratio(line.rate() / direct->rate()));
+  }
+  return text + fmt::format(
+                    "direct: entries with an action; one-shot: entries with a set of {}; group, "
+                    "regroup: groups of {}, made and changed by one member\n",
+                    setSize, groupSize);
+}
+
+std::string referenceFigures(const TableFigures& figures, const Results& results) {
+  const TableFigures& direct = results.tables.back();
+  return fmt::format("\nentries that name {} groups of {}\n", groupCount, groupSize) +
+         figuresTable({figures}) +
+         fmt::format("of those with an action, table of {}: rate {:.2f}, bytes {:.2f}\n",
+                     direct.table, figures.fillRate / direct.fillRate,
+                     bytesPerEntry(figures) / bytesPerEntry(direct)) +
+         aim(fmt::format("seconds to restart with {} entries of groups", figures.table),
+             figures.restartSeconds, figures.restartSeconds < 10, "under 10") +
+         aim("bytes an entry of a group", bytesPerEntry(figures), bytesPerEntry(figures) < 1024,
+             "under 1024");
+}
+
 }  // namespace
+
+std::string report(const ProfileResults& profiles, const Results& results) {
+  std::string text = "\n" + profileRates(profiles);
+  if (profiles.figures.table > 0) text += referenceFigures(profiles.figures, results);
+  return text;
+}
 
 std::string report(const Results& results) {
   return rateTable(results) + "\n" + tableFigures(results) + "\n" + aims(results);

@@ -4,9 +4,12 @@
 #include <string>
 
 #include "bench/p4runtime/Measure.h"
+#include "bench/p4runtime/ProfileMeasure.h"
 
 namespace Bench {
 
 std::string report(const Results& results);
+// Of the same run: entries that name groups are compared with the largest table of others.
+std::string report(const ProfileResults& profiles, const Results& results);
 
 }  // namespace Bench

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 
@@ -14,9 +15,13 @@ namespace {
 using namespace TestSupport;
 
 constexpr const char* routeTable = "ipv4_route";
+constexpr const char* wcmpTable = "wcmp";
+constexpr const char* wcmpProfile = "wcmp_selector";
 
-std::string preparedPipeline(Pipeline& pipeline, int64_t tableSize, const TempDir& directory) {
-  pipeline.tableSizeIs(routeTable, tableSize);
+std::string preparedPipeline(Pipeline& pipeline, const Sizes& sizes, const TempDir& directory) {
+  if (sizes.routes) pipeline.tableSizeIs(routeTable, sizes.routes);
+  if (sizes.references) pipeline.tableSizeIs(wcmpTable, sizes.references);
+  if (sizes.members) pipeline.profileSizeIs(wcmpProfile, sizes.members);
   const std::string path = directory.file("pipeline.pb.bin");
   pipeline.written(path);
   return path;
@@ -34,10 +39,17 @@ size_t statusBytes(pid_t pid, const std::string& field) {
 
 }  // namespace
 
-MeasuredSwitch::MeasuredSwitch(const std::string& pipelineFile, int64_t tableSize)
+Memory grownSince(const Memory& before, const Memory& now) {
+  const auto growth = [](size_t from, size_t to) { return to - std::min(from, to); };
+  return {.privateBytes = growth(before.privateBytes, now.privateBytes),
+          .residentBytes = growth(before.residentBytes, now.residentBytes),
+          .stateBytes = growth(before.stateBytes, now.stateBytes)};
+}
+
+MeasuredSwitch::MeasuredSwitch(const std::string& pipelineFile, const Sizes& sizes)
     : pipeline_(pipelineFile),
       agent_({.stateDirectory = directory_.file("state"),
-              .pipelineFile = preparedPipeline(pipeline_, tableSize, directory_),
+              .pipelineFile = preparedPipeline(pipeline_, sizes, directory_),
               .batchTimeout = 60}),
       forwarder_(directory_.file("state")) {
   if (!agent_.startServing()) throw std::runtime_error("agent: " + agent_.output());
@@ -62,6 +74,28 @@ p4::v1::TableEntry MeasuredSwitch::allRoutes() const {
   p4::v1::TableEntry query;
   query.set_table_id(pipeline_.table(routeTable).preamble().id());
   return query;
+}
+
+p4::v1::ActionProfileMember MeasuredSwitch::member(uint64_t i) const {
+  return memberOf(pipeline_, wcmpProfile, static_cast<uint32_t>(i + 1), "set_nexthop",
+                  {{"nexthop_id", i}});
+}
+
+p4::v1::ActionProfileGroup MeasuredSwitch::group(uint64_t i, uint64_t firstMember,
+                                                 uint64_t members) const {
+  std::map<uint32_t, int> weights;
+  for (uint64_t m = 0; m < members; ++m) weights[static_cast<uint32_t>(firstMember + m + 1)] = 1;
+  return groupOf(pipeline_, wcmpProfile, static_cast<uint32_t>(i + 1), weights);
+}
+
+p4::v1::TableEntry MeasuredSwitch::toGroup(uint64_t i, uint64_t group) const {
+  return EntryOf(pipeline_, wcmpTable).exact("wcmp_id", i).group(static_cast<uint32_t>(group + 1));
+}
+
+p4::v1::TableEntry MeasuredSwitch::oneShot(uint64_t i, uint64_t elements) const {
+  EntryOf entry = EntryOf(pipeline_, wcmpTable).exact("wcmp_id", i).oneShot();
+  for (uint64_t e = 0; e < elements; ++e) entry.oneOf("set_nexthop", {{"nexthop_id", i + e}}, 1);
+  return entry;
 }
 
 Memory MeasuredSwitch::memory() const {

@@ -20,15 +20,29 @@ struct Memory {
   size_t stateBytes = 0;     // allocated in the state directory
 };
 
+Memory grownSince(const Memory& before, const Memory& now);
+
+// Room for so many; 0: as the pipeline file says.
+struct Sizes {
+  int64_t routes = 0;
+  int64_t references = 0;  // entries that name groups, or have sets
+  int64_t members = 0;     // over all groups and sets
+};
+
 // Throws std::runtime_error when a process does not come up; its output is in the message.
 class MeasuredSwitch {
  public:
-  // `pipelineFile`: with a table of routes, whose size is raised to `tableSize`.
-  MeasuredSwitch(const std::string& pipelineFile, int64_t tableSize);
+  // `pipelineFile`: of the router example.
+  MeasuredSwitch(const std::string& pipelineFile, const Sizes& sizes);
 
   TestSupport::TestController& controller() { return *controller_; }
   p4::v1::TableEntry route(uint64_t i, uint32_t nexthop) const;
   p4::v1::TableEntry allRoutes() const;
+  // Of the WCMP profile; members, groups and its table's entries are counted from 0.
+  p4::v1::ActionProfileMember member(uint64_t i) const;
+  p4::v1::ActionProfileGroup group(uint64_t i, uint64_t firstMember, uint64_t members) const;
+  p4::v1::TableEntry toGroup(uint64_t i, uint64_t group) const;
+  p4::v1::TableEntry oneShot(uint64_t i, uint64_t elements) const;
   Memory memory() const;
   // SIGKILL, start, and the time from then until a Read of route 0 is served.
   double restartSeconds();

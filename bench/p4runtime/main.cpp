@@ -6,6 +6,7 @@
 
 #include "bench/p4runtime/Ceiling.h"
 #include "bench/p4runtime/Measure.h"
+#include "bench/p4runtime/ProfileMeasure.h"
 #include "bench/p4runtime/Report.h"
 #include "tests/support/Process.h"
 
@@ -14,16 +15,19 @@ int main(int argc, char** argv) {
   bool quick = false;
   std::string ceilingAddress;
   CLI::App app("Measures agent and forwarder over gRPC, beside an empty handler.", "korvel-bench");
-  app.add_flag("--quick", quick, "tables of 10,000 and 100,000 entries, a fifth of the requests");
+  app.add_flag("--quick", quick, "tables of 100,000 entries at most, a fifth of the requests");
   auto* tables = app.add_option("--tables", plan.tables, "table sizes, in entries")
                      ->delimiter(',')
                      ->check(CLI::Range(uint64_t{1000}, uint64_t{8000000}));
   app.add_option("--batches", plan.batches, "updates a request")
       ->delimiter(',')
       ->check(CLI::Range(size_t{1}, size_t{10000}));
-  app.add_option("--operations", plan.operations, "of insert, modify, delete, read")
+  app.add_option("--operations", plan.operations, "of insert, modify, delete, read, profiles")
       ->delimiter(',')
-      ->check(CLI::IsMember({"insert", "modify", "delete", "read"}));
+      ->check(CLI::IsMember({"insert", "modify", "delete", "read", "profiles"}));
+  auto* references = app.add_option("--references", plan.references,
+                                    "entries that name groups of an action profile; 0: none")
+                         ->check(CLI::Range(uint64_t{0}, uint64_t{8000000}));
   app.add_option("--effort", plan.effort, "share of the usual number of requests, e.g. 10")
       ->check(CLI::Range(0.01, 1000.0));
   app.add_option("--pipeline", plan.pipelineFile, "pipeline file of the router example");
@@ -36,6 +40,7 @@ int main(int argc, char** argv) {
   if (!ceilingAddress.empty()) return Bench::serveCeiling(ceilingAddress);
   if (quick) plan.effort = 0.2;
   if (quick && tables->count() == 0) plan.tables = {10000, 100000};
+  if (quick && references->count() == 0) plan.references = 100000;
   std::sort(plan.tables.begin(), plan.tables.end());
   if (*std::max_element(plan.batches.begin(), plan.batches.end()) > plan.tables.front()) {
     std::fputs(
@@ -45,7 +50,10 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    std::fputs(Bench::report(Bench::measured(plan)).c_str(), stdout);
+    const Bench::Results results = Bench::measured(plan);
+    std::fputs(Bench::report(results).c_str(), stdout);
+    if (!plan.wants("profiles")) return 0;
+    std::fputs(Bench::report(Bench::measuredProfiles(plan), results).c_str(), stdout);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "\nkorvel-bench: %s\n", e.what());
     return 1;

@@ -7,6 +7,20 @@
     controller.py insert --priority 10 acl src_ip='10.0.0.0&&&255.0.0.0' l4_dst_port=22 acl_drop
     controller.py read ipv4_route
     controller.py delete ipv4_route vrf_id=1 ipv4_dst=10.0.0.0/8
+
+A table of an action profile takes members, groups of them, or a one-shot set of actions; a number
+after "@" is a weight:
+
+    controller.py member insert wcmp_selector 1 set_nexthop nexthop_id=7
+    controller.py member insert wcmp_selector 2 set_nexthop nexthop_id=8
+    controller.py group insert wcmp_selector 10 1@3 2
+    controller.py insert wcmp wcmp_id=1 group:10
+    controller.py insert wcmp wcmp_id=2 set_nexthop@3 nexthop_id=7 set_nexthop nexthop_id=8
+
+Direct counters, and direct meters; these go with the entry, or are set later:
+
+    controller.py counters ipv4_route
+    controller.py meter --priority 10 --rate 1000000:64000 acl l4_dst_port=22
 """
 
 import argparse
@@ -20,7 +34,8 @@ from google.rpc import status_pb2
 from p4.config.v1 import p4info_pb2
 from p4.v1 import p4runtime_pb2, p4runtime_pb2_grpc
 
-from entries import Entry, NameOrValueError, Pipeline
+from entries import Count, NameOrValueError, Pipeline, meter_config, meter_of
+from words import entry_of, group_of, member_of, rate
 
 DETAILS_KEY = "grpc-status-details-bin"
 CODE_NAMES = {code.value[0]: code.name for code in grpc.StatusCode}
@@ -131,13 +146,13 @@ class Controller:
             self._pipeline = Pipeline(answer.config.p4info)
         return self._pipeline
 
-    # Entries.
+    # Entries, and the members and groups that entries of some tables name.
 
-    def update(self, kind, entry):
-        """An Update to go into a batch; kind is "INSERT", "MODIFY" or "DELETE"."""
-        update = p4runtime_pb2.Update(type=p4runtime_pb2.Update.Type.Value(kind))
-        update.entity.table_entry.CopyFrom(self.pipeline.table_entry(entry))
-        return update
+    def update(self, kind, thing):
+        """An Update of an Entry, a Member or a Group to go into a batch; kind is "INSERT",
+        "MODIFY" or "DELETE"."""
+        return p4runtime_pb2.Update(type=p4runtime_pb2.Update.Type.Value(kind),
+                                    entity=self.pipeline.entity(thing))
 
     def write(self, updates):
         """A batch. Returns when every update is programmed; raises WriteFailed when some are not."""
@@ -151,36 +166,94 @@ class Controller:
                 raise WriteFailed(updates, errors) from None
             raise ControllerError(f"{error.code().name}: {error.details()}") from None
 
-    def insert(self, *entries):
-        self.write([self.update("INSERT", entry) for entry in entries])
+    def insert(self, *things):
+        self.write([self.update("INSERT", thing) for thing in things])
 
-    def modify(self, *entries):
-        self.write([self.update("MODIFY", entry) for entry in entries])
+    def modify(self, *things):
+        self.write([self.update("MODIFY", thing) for thing in things])
 
-    def delete(self, *entries):
-        self.write([self.update("DELETE", entry) for entry in entries])
+    def delete(self, *things):
+        self.write([self.update("DELETE", thing) for thing in things])
 
     def read(self, table=None):
-        """The Entries of a table, or of all of them."""
-        wanted = p4runtime_pb2.TableEntry()
-        if table is not None:
-            wanted.table_id = self.pipeline.table(table).preamble.id
-        return self._read(wanted)
+        """The Entries of a table, or of all of them, with their meters."""
+        return self._read_entries(p4runtime_pb2.TableEntry(table_id=self._table_id(table)))
 
     def read_one(self, entry):
         """What the switch has under this entry's match and priority; None when nothing."""
-        wanted = self.pipeline.table_entry(entry)
-        wanted.ClearField("action")
-        found = self._read(wanted)
+        found = self._read_entries(self._key(entry))
         return found[0] if found else None
 
+    def members(self, profile=None):
+        """The Members of an action profile, or of all of them."""
+        wanted = p4runtime_pb2.Entity()
+        wanted.action_profile_member.action_profile_id = self._profile_id(profile)
+        return [self.pipeline.thing(entity) for entity in self._read(wanted)]
+
+    def groups(self, profile=None):
+        """The Groups of an action profile, or of all of them."""
+        wanted = p4runtime_pb2.Entity()
+        wanted.action_profile_group.action_profile_id = self._profile_id(profile)
+        return [self.pipeline.thing(entity) for entity in self._read(wanted)]
+
+    def _read_entries(self, query):
+        query.meter_config.SetInParent()  # asks for the meters to be told as well
+        return [self.pipeline.entry(entity.table_entry)
+                for entity in self._read(p4runtime_pb2.Entity(table_entry=query))
+                if not entity.table_entry.is_default_action]
+
+    # Direct counters and meters.
+
+    def count(self, entry):
+        """What has been counted for an entry."""
+        return self._counts(self._key(entry))[0][1]
+
+    def counts(self, table=None):
+        """(Entry without its action, Count) for each entry of a table, or of all that count."""
+        return self._counts(p4runtime_pb2.TableEntry(table_id=self._table_id(table)))
+
+    def _counts(self, key):
+        wanted = p4runtime_pb2.Entity()
+        wanted.direct_counter_entry.table_entry.CopyFrom(key)
+        found = (entity.direct_counter_entry for entity in self._read(wanted))
+        return [(self.pipeline.entry(counted.table_entry),
+                 Count(counted.data.packet_count, counted.data.byte_count)) for counted in found]
+
+    def meter_is(self, entry, meter):
+        """Limits an entry that is there; None takes its limits away."""
+        update = p4runtime_pb2.Update(type=p4runtime_pb2.Update.MODIFY)
+        update.entity.direct_meter_entry.table_entry.CopyFrom(self._key(entry))
+        if meter is not None:
+            update.entity.direct_meter_entry.config.CopyFrom(meter_config(meter))
+        self.write([update])
+
+    def meter(self, entry):
+        """The Meter of an entry; None when it has no limits."""
+        wanted = p4runtime_pb2.Entity()
+        wanted.direct_meter_entry.table_entry.CopyFrom(self._key(entry))
+        found = self._read(wanted)[0].direct_meter_entry
+        return meter_of(found.config) if found.HasField("config") else None
+
+    # What they have in common.
+
+    def _table_id(self, name):
+        return 0 if name is None else self.pipeline.table(name).preamble.id
+
+    def _profile_id(self, name):
+        return 0 if name is None else self.pipeline.profile(name).preamble.id
+
+    def _key(self, entry):
+        key = self.pipeline.table_entry(entry)
+        key.ClearField("action")
+        key.ClearField("meter_config")
+        return key
+
     def _read(self, wanted):
-        request = p4runtime_pb2.ReadRequest(device_id=self.device_id)
-        request.entities.add().table_entry.CopyFrom(wanted)
+        """The p4.v1.Entity messages that answer one."""
+        request = p4runtime_pb2.ReadRequest(device_id=self.device_id, entities=[wanted])
         try:
-            return [self.pipeline.entry(entity.table_entry)
-                    for response in self._stub.Read(request, timeout=self.timeout)
-                    for entity in response.entities if not entity.table_entry.is_default_action]
+            return [entity for response in self._stub.Read(request, timeout=self.timeout)
+                    for entity in response.entities]
         except grpc.RpcError as error:
             raise ControllerError(f"{error.code().name}: {error.details()}") from None
 
@@ -200,8 +273,13 @@ def match_kind(field):
 
 
 def print_tables(pipeline):
+    profiles = {profile.preamble.id: profile for profile in pipeline.p4info.action_profiles}
     for table in pipeline.p4info.tables:
         print(f"{table.preamble.alias} (up to {table.size} entries)")
+        if table.implementation_id:
+            profile = profiles[table.implementation_id]
+            print(f"  profile {profile.preamble.alias} (up to {profile.size} members, "
+                  f"{profile.max_group_size} in a group)")
         for field in table.match_fields:
             print(f"  match   {field.name}: bit<{field.bitwidth}> {match_kind(field)}")
         for ref in table.action_refs:
@@ -210,18 +288,23 @@ def print_tables(pipeline):
             print(f"  action  {action.preamble.alias}({params})")
 
 
-def entry_of(table, words, priority):
-    """FIELD=VALUE... ACTION PARAM=VALUE...: the word without a "=" is the action."""
-    entry = Entry(table, {}, priority=priority)
-    for word in words:
-        name, equals, value = word.partition("=")
-        if not equals:
-            entry.action = name
-        elif entry.action:
-            entry.params[name] = value
-        else:
-            entry.match[name] = value
-    return entry
+def add_key(command):
+    command.add_argument("--priority", type=int, default=0,
+                         help="of a ternary entry, above 0; goes before the table")
+    command.add_argument("--rate", type=rate, metavar="CIR:CBURST[:PIR:PBURST]",
+                         help="direct meter: rates a second and bursts; goes before the table")
+    command.add_argument("table")
+    command.add_argument("words", nargs="*", metavar="FIELD=VALUE... ACTION PARAM=VALUE",
+                         help="match fields, then the action and its parameters; in a table of an"
+                         " action profile member:ID, group:ID or several actions")
+
+
+def add_profile_command(commands, name):
+    command = commands.add_parser(name, help=f"insert, modify or delete a {name}")
+    command.add_argument("kind", choices=("insert", "modify", "delete"))
+    command.add_argument("profile")
+    command.add_argument("id", type=int)
+    return command
 
 
 def arguments():
@@ -234,28 +317,58 @@ def arguments():
     commands.add_parser("tables", help="what the pipeline has")
     read = commands.add_parser("read", help="the entries of a table, or of all")
     read.add_argument("table", nargs="?")
-    for command in ("insert", "modify", "delete"):
-        write = commands.add_parser(command, help=f"{command} one entry")
-        write.add_argument("--priority", type=int, default=0,
-                           help="of a ternary entry, above 0; goes before the table")
-        write.add_argument("table")
-        write.add_argument("words", nargs="*", metavar="FIELD=VALUE... ACTION PARAM=VALUE",
-                           help="match fields, then the action and its parameters")
+    for kind in ("insert", "modify", "delete"):
+        add_key(commands.add_parser(kind, help=f"{kind} one entry"))
+    add_profile_command(commands, "member").add_argument(
+        "words", nargs="*", metavar="ACTION PARAM=VALUE")
+    group = add_profile_command(commands, "group")
+    group.add_argument("--max-size", type=int, default=0)
+    group.add_argument("members", nargs="*", metavar="MEMBER[@WEIGHT]")
+    profiles = commands.add_parser("profiles", help="members and groups of a profile, or of all")
+    profiles.add_argument("profile", nargs="?")
+    counters = commands.add_parser("counters", help="what the entries of a table have counted")
+    counters.add_argument("table", nargs="?")
+    add_key(commands.add_parser("meter", help="limit an entry, or without --rate no more"))
     return parser.parse_args()
+
+
+def print_things(controller, options):
+    """The commands that only read."""
+    if options.command == "tables":
+        print_tables(controller.pipeline)
+    elif options.command == "read":
+        for entry in controller.read(options.table):
+            print(entry)
+    elif options.command == "profiles":
+        for thing in controller.members(options.profile) + controller.groups(options.profile):
+            print(thing)
+    elif options.command == "counters":
+        for entry, count in controller.counts(options.table):
+            print(f"{entry}: {count}")
+    else:
+        return False
+    return True
+
+
+def write_thing(controller, options):
+    """The commands that change something."""
+    if options.command == "member":
+        controller.write([controller.update(options.kind.upper(), member_of(options))])
+    elif options.command == "group":
+        controller.write([controller.update(options.kind.upper(), group_of(options))])
+    elif options.command == "meter":
+        controller.meter_is(entry_of(controller.pipeline, options), options.rate)
+    else:
+        entry = entry_of(controller.pipeline, options)
+        controller.write([controller.update(options.command.upper(), entry)])
 
 
 def main():
     options = arguments()
     with Controller(options.server, options.device_id, options.election_id) as controller:
-        if options.command == "tables":
-            print_tables(controller.pipeline)
-        elif options.command == "read":
-            for entry in controller.read(options.table):
-                print(entry)
-        else:
+        if not print_things(controller, options):
             controller.become_primary()
-            entry = entry_of(options.table, options.words, options.priority)
-            controller.write([controller.update(options.command.upper(), entry)])
+            write_thing(controller, options)
             print(f"{options.command}: done")
 
 

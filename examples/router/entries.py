@@ -1,4 +1,4 @@
-"""Table entries with names and readable values, to and from P4Runtime messages.
+"""Table entries, members and groups with names and readable values, to and from P4Runtime messages.
 
 P4Runtime addresses everything by number and sends values as bytes; the P4Info of the pipeline
 says which number is which. `Pipeline` does that translation both ways.
@@ -8,6 +8,7 @@ import contextlib
 import dataclasses
 import ipaddress
 import re
+from typing import NamedTuple
 
 import stubs  # noqa: F401  (makes the next imports work)
 from p4.config.v1 import p4info_pb2
@@ -20,23 +21,106 @@ class NameOrValueError(ValueError):
     """A name the pipeline does not have, or a value that does not fit its field."""
 
 
+def _call_text(action, params, weight=""):
+    return f"{action}{weight}({', '.join(f'{name}={value}' for name, value in params.items())})"
+
+
+@dataclasses.dataclass
+class Weighted:
+    """An action of a one-shot set, which gets flows by its weight."""
+
+    action: str
+    params: dict = dataclasses.field(default_factory=dict)
+    weight: int = 1
+
+    def __str__(self):
+        return _call_text(self.action, self.params, f"@{self.weight}")
+
+
+@dataclasses.dataclass
+class Meter:
+    """Committed and peak rate a second, and bursts; in bytes or packets, as the P4Info says."""
+
+    cir: int
+    cburst: int
+    pir: int
+    pburst: int
+
+    def __str__(self):
+        return f"cir={self.cir} cburst={self.cburst} pir={self.pir} pburst={self.pburst}"
+
+
 @dataclasses.dataclass
 class Entry:
     """One table entry. Values are text: "7", "0x0800", "10.0.0.0/8", "2001:db8::/32",
-    "00:11:22:33:44:55", "0x0800&&&0xffff". Fields left out of `match` are don't care."""
+    "00:11:22:33:44:55", "0x0800&&&0xffff". Fields left out of `match` are don't care.
+
+    It does one thing: an action with its parameters or, in a table of an action profile, what a
+    member, a group or a one-shot set of actions says."""
 
     table: str
     match: dict
     action: str = ""
     params: dict = dataclasses.field(default_factory=dict)
     priority: int = 0
+    member: int = 0
+    group: int = 0
+    one_shot: list = dataclasses.field(default_factory=list)  # of Weighted
+    meter: Meter | None = None  # None: no limit
 
     def __str__(self):
         match = " ".join(f"{name}={value}" for name, value in self.match.items())
-        params = ", ".join(f"{name}={value}" for name, value in self.params.items())
         priority = f" priority={self.priority}" if self.priority else ""
-        action = f" -> {self.action}({params})" if self.action else ""
-        return f"{self.table}: {match}{priority}{action}"
+        meter = f" meter {self.meter}" if self.meter else ""
+        does = self._does()
+        return f"{self.table}: {match}{priority}{f' -> {does}' if does else ''}{meter}"
+
+    def _does(self):
+        if self.member:
+            return f"member:{self.member}"
+        if self.group:
+            return f"group:{self.group}"
+        if self.one_shot:
+            return ", ".join(map(str, self.one_shot))
+        return _call_text(self.action, self.params) if self.action else ""
+
+
+@dataclasses.dataclass
+class Member:
+    """An action under a number of the controller's choice, for entries and groups to name."""
+
+    profile: str
+    id: int
+    action: str = ""
+    params: dict = dataclasses.field(default_factory=dict)
+
+    def __str__(self):
+        action = f" -> {_call_text(self.action, self.params)}" if self.action else ""
+        return f"{self.profile} member:{self.id}{action}"
+
+
+@dataclasses.dataclass
+class Group:
+    """Members among which each flow gets one, by their weights."""
+
+    profile: str
+    id: int
+    members: dict = dataclasses.field(default_factory=dict)  # member id: weight
+    max_size: int = 0  # 0: as large as the profile allows
+
+    def __str__(self):
+        members = " ".join(f"{member}@{weight}" for member, weight in sorted(self.members.items()))
+        return f"{self.profile} group:{self.id} -> {members or 'nothing'}"
+
+
+class Count(NamedTuple):
+    """What a direct counter has counted."""
+
+    packets: int
+    bytes: int
+
+    def __str__(self):
+        return f"{self.packets} packets, {self.bytes} bytes"
 
 
 def to_bytes(text, bits):
@@ -67,6 +151,14 @@ def to_text(value, bits, is_ipv4=False):
     return str(number)
 
 
+def meter_config(meter):
+    return p4runtime_pb2.MeterConfig(**dataclasses.asdict(meter))
+
+
+def meter_of(config):
+    return Meter(config.cir, config.cburst, config.pir, config.pburst)
+
+
 @contextlib.contextmanager
 def _naming(name):
     """Puts the field's name before what is wrong with its value."""
@@ -80,19 +172,27 @@ def _is_ipv4(field):
     return any("IPV4_ADDRESS" in annotation for annotation in field.annotations)
 
 
+def _by_id(objects):
+    return {candidate.preamble.id: candidate for candidate in objects}
+
+
 class Pipeline:
-    """The tables, fields and actions of a P4Info by name."""
+    """The tables, fields, actions and action profiles of a P4Info by name."""
 
     def __init__(self, p4info):
         self.p4info = p4info
-        self._tables = {table.preamble.id: table for table in p4info.tables}
-        self._actions = {action.preamble.id: action for action in p4info.actions}
+        self._tables = _by_id(p4info.tables)
+        self._actions = _by_id(p4info.actions)
+        self._profiles = _by_id(p4info.action_profiles)
 
     def table(self, name):
         return self._named("table", self.p4info.tables, name)
 
     def action(self, name):
         return self._named("action", self.p4info.actions, name)
+
+    def profile(self, name):
+        return self._named("action profile", self.p4info.action_profiles, name)
 
     @staticmethod
     def _named(kind, objects, name):
@@ -112,6 +212,32 @@ class Pipeline:
 
     # From names to messages.
 
+    def entity(self, thing):
+        """The p4.v1.Entity of an Entry, a Member or a Group."""
+        entity = p4runtime_pb2.Entity()
+        if isinstance(thing, Member):
+            entity.action_profile_member.CopyFrom(self._member_message(thing))
+        elif isinstance(thing, Group):
+            entity.action_profile_group.CopyFrom(self._group_message(thing))
+        else:
+            entity.table_entry.CopyFrom(self.table_entry(thing))
+        return entity
+
+    def _member_message(self, member):
+        message = p4runtime_pb2.ActionProfileMember(
+            action_profile_id=self.profile(member.profile).preamble.id, member_id=member.id)
+        if member.action:
+            message.action.CopyFrom(self._action_message(member.action, member.params))
+        return message
+
+    def _group_message(self, group):
+        message = p4runtime_pb2.ActionProfileGroup(
+            action_profile_id=self.profile(group.profile).preamble.id, group_id=group.id,
+            max_size=group.max_size)
+        for member, weight in group.members.items():
+            message.members.add(member_id=member, weight=weight)
+        return message
+
     def table_entry(self, entry):
         """The p4.v1.TableEntry of an Entry."""
         table = self.table(entry.table)
@@ -121,14 +247,24 @@ class Pipeline:
             with _naming(name):
                 self._add_match(field, str(value), message)
         if entry.action:
-            message.action.action.CopyFrom(self._action_message(entry))
+            message.action.action.CopyFrom(self._action_message(entry.action, entry.params))
+        elif entry.member:
+            message.action.action_profile_member_id = entry.member
+        elif entry.group:
+            message.action.action_profile_group_id = entry.group
+        for weighted in entry.one_shot:
+            message.action.action_profile_action_set.action_profile_actions.add(
+                action=self._action_message(weighted.action, weighted.params),
+                weight=weighted.weight)
+        if entry.meter:
+            message.meter_config.CopyFrom(meter_config(entry.meter))
         return message
 
-    def _action_message(self, entry):
-        action = self.action(entry.action)
+    def _action_message(self, name, params):
+        action = self.action(name)
         message = p4runtime_pb2.Action(action_id=action.preamble.id)
-        for name, value in entry.params.items():
-            param = self._part("parameter", entry.action, action.params, name)
+        for name, value in params.items():
+            param = self._part("parameter", action.preamble.alias, action.params, name)
             with _naming(name):
                 message.params.add(param_id=param.id, value=to_bytes(value, param.bitwidth))
         return message
@@ -160,6 +296,20 @@ class Pipeline:
 
     # From messages to names.
 
+    def thing(self, entity):
+        """The Entry, Member or Group of a p4.v1.Entity."""
+        if entity.HasField("action_profile_member"):
+            message = entity.action_profile_member
+            return Member(self._profiles[message.action_profile_id].preamble.alias,
+                          message.member_id, *self._call(message.action))
+        if entity.HasField("action_profile_group"):
+            message = entity.action_profile_group
+            return Group(self._profiles[message.action_profile_id].preamble.alias,
+                         message.group_id,
+                         {member.member_id: member.weight for member in message.members},
+                         message.max_size)
+        return self.entry(entity.table_entry)
+
     def entry(self, message):
         """The Entry of a p4.v1.TableEntry."""
         table = self._tables[message.table_id]
@@ -168,13 +318,29 @@ class Pipeline:
         for field in table.match_fields:
             if field.id in given:
                 entry.match[field.name] = self._match_text(field, given[field.id])
-        if message.action.HasField("action"):
-            action = self._actions[message.action.action.action_id]
-            values = {param.param_id: param.value for param in message.action.action.params}
-            entry.action = action.preamble.alias
-            entry.params = {param.name: to_text(values[param.id], param.bitwidth)
-                            for param in action.params}
+        self._read_action(message.action, entry)
+        if message.HasField("meter_config"):
+            entry.meter = meter_of(message.meter_config)
         return entry
+
+    def _read_action(self, message, entry):
+        kind = message.WhichOneof("type")
+        if kind == "action":
+            entry.action, entry.params = self._call(message.action)
+        elif kind == "action_profile_member_id":
+            entry.member = message.action_profile_member_id
+        elif kind == "action_profile_group_id":
+            entry.group = message.action_profile_group_id
+        elif kind == "action_profile_action_set":
+            entry.one_shot = [Weighted(*self._call(chosen.action), chosen.weight) for chosen in
+                              message.action_profile_action_set.action_profile_actions]
+
+    def _call(self, message):
+        """Name and parameters of a p4.v1.Action."""
+        action = self._actions[message.action_id]
+        values = {param.param_id: param.value for param in message.params}
+        return action.preamble.alias, {param.name: to_text(values[param.id], param.bitwidth)
+                                       for param in action.params}
 
     @staticmethod
     def _match_text(field, match):

@@ -5,17 +5,21 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/e2e/Switch.h"
 
-// Batches of inserts, modifies and deletes of routes, each key at most once a batch. Call from one
-// thread; between start() and stop() the load has a thread of its own.
+// Batches of inserts, modifies and deletes: routes, metered access rules, members and groups,
+// entries that name these, and entries with one-shot sets. Each key at most once a batch, and no
+// update depends on another of its batch, so that the batch is one commit. Call from one thread;
+// between start() and stop() the load has a thread of its own.
 class Load {
  public:
-  Load(Switch& on, uint32_t seed);
+  Load(Switch& on, uint32_t seed);  // on a switch that serves; what it holds now stays
+  ~Load() { stop(); }
 
   // Writes until stop(), or until a batch is not answered OK.
   void start();
@@ -24,28 +28,42 @@ class Load {
   uint64_t acknowledged() const { return acknowledged_; }  // batches
 
   // After stop(). How the last batch failed; OK when none did.
-  grpc::Status failure() const { return failure_; }
-  // "" when the switch holds each route as last acknowledged, and of the batch that was not
+  const TestSupport::WriteOutcome& failure() const { return failure_; }
+  // "" when the switch holds each thing as last acknowledged, and of the batch that was not
   // answered all updates or none; else what is wrong. Takes what is there for granted afterwards.
   std::string broken();
-  uint64_t sentUpdates() const { return sentUpdates_; }  // acknowledged or not
+  // The most rows that the updates sent may have changed, acknowledged or not; and those of the
+  // last batch alone.
+  uint64_t sentRows() const { return sentRows_; }
+  uint64_t lastBatchRows() const { return lastBatchRows_; }
 
  private:
-  static constexpr uint32_t keys = 300;
-  static constexpr size_t batchSize = 20;
-  using Routes = std::map<uint32_t, uint32_t>;  // number to nexthop
+  using Things = std::map<uint32_t, p4::v1::Entity>;  // by number, which stands for the key
+  using Numbers = std::set<uint32_t>;
 
   void run();
   std::vector<p4::v1::Update> nextBatch();
+  std::optional<p4::v1::Update> nextUpdate(uint32_t number);
+  std::optional<p4::v1::Entity> made(uint32_t number);  // nothing: it has nothing to name yet
+  p4::v1::ActionProfileGroup madeGroup(uint32_t id);
+  std::optional<p4::v1::Entity> madeReference(uint32_t i);
+  uint32_t someOf(uint32_t from, uint32_t to);  // a thing there is; 0: there is none
+  bool isReferenced(uint32_t number) const;
+  bool independent(uint32_t number, const Numbers& references) const;
+  TestSupport::View viewOf(const Things& things) const;
 
   Switch& switch_;
+  const TestSupport::View constant_;  // what the switch held at first
   std::mt19937 random_;
   std::thread thread_;
   std::atomic<bool> stopping_{false};
   std::atomic<bool> writing_{false};
   std::atomic<uint64_t> acknowledged_{0};
-  std::atomic<uint64_t> sentUpdates_{0};
-  Routes before_;  // acknowledged
-  Routes after_;   // if the batch in flight took effect
-  grpc::Status failure_;
+  std::atomic<uint64_t> sentRows_{0};
+  std::atomic<uint64_t> lastBatchRows_{0};
+  Things before_;       // acknowledged
+  Things after_;        // if the batch in flight took effect
+  Numbers written_;     // in the batch being made
+  Numbers referenced_;  // by those, before or after
+  TestSupport::WriteOutcome failure_;
 };

@@ -59,9 +59,13 @@ bool Switch::restartAgent() {
 }
 
 View Switch::controllerView() {
-  const ReadOutcome all = controller_->readTable(0);
+  p4::v1::TableEntry entries;
+  entries.mutable_meter_config();  // asks for the meters too
+  const EntitiesOutcome all =
+      controller_->read(std::vector{entityOf(entries), entityOf(p4::v1::ActionProfileMember()),
+                                    entityOf(p4::v1::ActionProfileGroup())});
   if (!all.status.ok()) return {{"read", all.status.error_message()}};
-  return viewOfEntries(pipeline_, all.entries);
+  return viewOf(pipeline_, all.entities);
 }
 
 ReadOutcome Switch::routes() {
@@ -78,9 +82,8 @@ std::string Switch::disagreementNow() {
   const StoredState stored = storedState(pipeline_, agent.options().stateDirectory);
   std::string text = difference("controller", controllerView(), "caches", stored.caches) +
                      difference("rows", stored.rows, "forwarder", forwarderView(forwarder));
-  if (stored.cachedHandles != stored.rowHandles) text += "caches and rows differ in handles\n";
   if (stored.unstable) text += fmt::format("{} cache records are not stable\n", stored.unstable);
-  for (const std::string& record : stored.damaged) text += "damaged: " + record + "\n";
+  for (const std::string& fault : stored.faults) text += fault + "\n";
   return text;
 }
 

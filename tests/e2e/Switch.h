@@ -12,6 +12,7 @@
 #include "tests/e2e/Router.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/ForwarderProcess.h"
+#include "tests/support/StoredState.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/TestController.h"
 #include "tests/support/Views.h"
@@ -43,7 +44,10 @@ class Switch {
   const TestSupport::Pipeline& pipeline() const { return pipeline_; }
   const TestSupport::TempDir& directory() const { return directory_; }
 
-  TestSupport::View controllerView();  // all tables, read as a controller does
+  TestSupport::View controllerView();  // all tables and profiles, read as a controller does
+  TestSupport::WriteOutcome write(const std::vector<p4::v1::Update>& updates) {
+    return controller_->write(updates);
+  }
   TestSupport::ReadOutcome routes();
   p4::v1::TableEntry route(uint32_t i, uint32_t nexthop) const {
     return Router::route(pipeline_, i, nexthop);

@@ -28,21 +28,26 @@ const auto& withId(const Objects& objects, uint32_t id) {
   throw std::out_of_range("the pipeline has no object with id " + std::to_string(id));
 }
 
-std::map<uint32_t, std::string> rowTablesOf(const std::string& deviceJson) {
+Pipeline::RowTables rowTablesOf(const std::string& deviceJson) {
   struct Delete {
     void operator()(cJSON* json) const { cJSON_Delete(json); }
   };
   const std::unique_ptr<cJSON, Delete> root(cJSON_Parse(deviceJson.c_str()));
   const cJSON* tables = cJSON_GetObjectItem(cJSON_GetObjectItem(root.get(), "p4rtc"), "tables");
-  std::map<uint32_t, std::string> result;
+  Pipeline::RowTables result;
   const cJSON* table = nullptr;
   cJSON_ArrayForEach(table, tables) {
     const cJSON* name = cJSON_GetObjectItem(table, "table_name");
     const cJSON* id = cJSON_GetObjectItem(table, "table_id");
-    if (!cJSON_IsString(name) || !id) continue;
+    const cJSON* kind = cJSON_GetObjectItem(table, "table_class");
+    if (!cJSON_IsString(name) || !cJSON_IsString(kind) || !id) continue;
     const uint32_t number = cJSON_IsString(id) ? static_cast<uint32_t>(std::stoul(id->valuestring))
                                                : static_cast<uint32_t>(id->valuedouble);
-    result[number] = name->valuestring;
+    const std::string_view text = kind->valuestring;
+    auto& names = text == "TABLE_CLASS_ACTION_PROFILE_MEMBER"  ? result.members
+                  : text == "TABLE_CLASS_ACTION_PROFILE_GROUP" ? result.groups
+                                                               : result.match;
+    names[number] = name->valuestring;
   }
   return result;
 }
@@ -87,6 +92,17 @@ const p4::config::v1::Action& Pipeline::action(uint32_t id) const {
   return withId(p4info().actions(), id);
 }
 
+const p4::config::v1::ActionProfile& Pipeline::profile(const std::string& name) const {
+  return named(p4info().action_profiles(), name);
+}
+
+void Pipeline::profileSizeIs(const std::string& name, int64_t size) {
+  const uint32_t id = profile(name).preamble().id();
+  for (auto& profile : *request_.mutable_config()->mutable_p4info()->mutable_action_profiles()) {
+    if (profile.preamble().id() == id) profile.set_size(size);
+  }
+}
+
 void Pipeline::tableSizeIs(const std::string& name, int64_t size) {
   const uint32_t id = table(name).preamble().id();
   for (auto& table : *request_.mutable_config()->mutable_p4info()->mutable_tables()) {
@@ -97,6 +113,42 @@ void Pipeline::tableSizeIs(const std::string& name, int64_t size) {
 void Pipeline::written(const std::string& path) const {
   std::ofstream file(path, std::ios::binary);
   if (!request_.SerializeToOstream(&file)) throw std::runtime_error("cannot write " + path);
+}
+
+p4::v1::Action actionOf(const Pipeline& pipeline, const std::string& name,
+                        const std::map<std::string, uint64_t>& params) {
+  const auto& definition = pipeline.action(name);
+  p4::v1::Action action;
+  action.set_action_id(definition.preamble().id());
+  for (const auto& param : definition.params()) {
+    auto& value = *action.add_params();
+    value.set_param_id(param.id());
+    value.set_value(canonicalBytes(params.at(param.name())));
+  }
+  return action;
+}
+
+p4::v1::ActionProfileMember memberOf(const Pipeline& pipeline, const std::string& profile,
+                                     uint32_t id, const std::string& action,
+                                     const std::map<std::string, uint64_t>& params) {
+  p4::v1::ActionProfileMember member;
+  member.set_action_profile_id(pipeline.profile(profile).preamble().id());
+  member.set_member_id(id);
+  if (!action.empty()) *member.mutable_action() = actionOf(pipeline, action, params);
+  return member;
+}
+
+p4::v1::ActionProfileGroup groupOf(const Pipeline& pipeline, const std::string& profile,
+                                   uint32_t id, const std::map<uint32_t, int>& weights) {
+  p4::v1::ActionProfileGroup group;
+  group.set_action_profile_id(pipeline.profile(profile).preamble().id());
+  group.set_group_id(id);
+  for (const auto& [member, weight] : weights) {
+    auto& added = *group.add_members();
+    added.set_member_id(member);
+    added.set_weight(weight);
+  }
+  return group;
 }
 
 EntryOf::EntryOf(const Pipeline& pipeline, const std::string& table)
@@ -143,15 +195,40 @@ EntryOf& EntryOf::priority(int priority) {
 }
 
 EntryOf& EntryOf::action(const std::string& name, const std::map<std::string, uint64_t>& params) {
-  const auto& definition = pipeline_.action(name);
-  auto& action = *entry_.mutable_action()->mutable_action();
-  action.Clear();
-  action.set_action_id(definition.preamble().id());
-  for (const auto& param : definition.params()) {
-    auto& value = *action.add_params();
-    value.set_param_id(param.id());
-    value.set_value(canonicalBytes(params.at(param.name())));
-  }
+  *entry_.mutable_action()->mutable_action() = actionOf(pipeline_, name, params);
+  return *this;
+}
+
+EntryOf& EntryOf::member(uint32_t id) {
+  entry_.mutable_action()->set_action_profile_member_id(id);
+  return *this;
+}
+
+EntryOf& EntryOf::group(uint32_t id) {
+  entry_.mutable_action()->set_action_profile_group_id(id);
+  return *this;
+}
+
+EntryOf& EntryOf::oneShot() {
+  entry_.mutable_action()->mutable_action_profile_action_set();
+  return *this;
+}
+
+EntryOf& EntryOf::oneOf(const std::string& action, const std::map<std::string, uint64_t>& params,
+                        int weight) {
+  auto& element =
+      *entry_.mutable_action()->mutable_action_profile_action_set()->add_action_profile_actions();
+  *element.mutable_action() = actionOf(pipeline_, action, params);
+  element.set_weight(weight);
+  return *this;
+}
+
+EntryOf& EntryOf::meter(int64_t cir, int64_t cburst, int64_t pir, int64_t pburst) {
+  auto& config = *entry_.mutable_meter_config();
+  config.set_cir(cir);
+  config.set_cburst(cburst);
+  config.set_pir(pir);
+  config.set_pburst(pburst);
   return *this;
 }
 

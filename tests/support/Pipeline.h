@@ -14,7 +14,8 @@ std::string canonicalBytes(uint64_t value);
 // `value` in (bitwidth + 7) / 8 big-endian bytes.
 std::string paddedBytes(const std::string& value, int bitwidth);
 
-// Immutable but for sizeIs(). Looking up a name that is not there throws std::out_of_range with it.
+// Immutable but for xSizeIs(). Looking up a name that is not there throws std::out_of_range with
+// it.
 class Pipeline {
  public:
   explicit Pipeline(const std::string& path);  // throws std::runtime_error
@@ -24,18 +25,27 @@ class Pipeline {
   const p4::config::v1::Table& table(uint32_t id) const;
   const p4::config::v1::Action& action(const std::string& name) const;
   const p4::config::v1::Action& action(uint32_t id) const;
-  // The platform's name of a P4 table: its rows stand under it.
-  const std::string& rowTable(uint32_t tableId) const { return rowTables_.at(tableId); }
-  const std::map<uint32_t, std::string>& rowTables() const { return rowTables_; }
+  const p4::config::v1::ActionProfile& profile(const std::string& name) const;
+
+  // The platform's name of a P4 table: its rows stand under it. A profile has two tables.
+  const std::string& rowTable(uint32_t tableId) const { return rowTables_.match.at(tableId); }
+  struct RowTables {
+    using ById = std::map<uint32_t, std::string>;
+    ById match;    // by P4 table
+    ById members;  // by action profile
+    ById groups;
+  };
+  const RowTables& rowTables() const { return rowTables_; }
 
   // For tests that need a pipeline like the one given, but for one thing.
   void tableSizeIs(const std::string& name, int64_t size);
+  void profileSizeIs(const std::string& name, int64_t size);
   p4::v1::SetForwardingPipelineConfigRequest& request() { return request_; }
   void written(const std::string& path) const;
 
  private:
   p4::v1::SetForwardingPipelineConfigRequest request_;
-  std::map<uint32_t, std::string> rowTables_;
+  RowTables rowTables_;
 };
 
 // Spells a table entry: entryOf(pipeline, "ipv4_route").lpm("dst", 0x0a000000, 8).action("drop").
@@ -48,6 +58,13 @@ class EntryOf {
   EntryOf& ternary(const std::string& field, uint64_t value, uint64_t mask);
   EntryOf& priority(int priority);
   EntryOf& action(const std::string& name, const std::map<std::string, uint64_t>& params = {});
+  // What an entry of an action profile's table does instead of an action of its own.
+  EntryOf& member(uint32_t id);
+  EntryOf& group(uint32_t id);
+  EntryOf& oneShot();  // a set without elements yet
+  EntryOf& oneOf(const std::string& action, const std::map<std::string, uint64_t>& params,
+                 int weight);
+  EntryOf& meter(int64_t cir, int64_t cburst, int64_t pir, int64_t pburst);
   EntryOf& metadata(const std::string& bytes);
 
   const p4::v1::TableEntry& entry() const { return entry_; }
@@ -60,5 +77,13 @@ class EntryOf {
   const p4::config::v1::Table& table_;
   p4::v1::TableEntry entry_;
 };
+
+p4::v1::Action actionOf(const Pipeline& pipeline, const std::string& name,
+                        const std::map<std::string, uint64_t>& params);
+p4::v1::ActionProfileMember memberOf(const Pipeline& pipeline, const std::string& profile,
+                                     uint32_t id, const std::string& action = "",
+                                     const std::map<std::string, uint64_t>& params = {});
+p4::v1::ActionProfileGroup groupOf(const Pipeline& pipeline, const std::string& profile,
+                                   uint32_t id, const std::map<uint32_t, int>& weights = {});
 
 }  // namespace TestSupport

@@ -34,23 +34,37 @@ std::vector<p4::v1::Error> updateErrors(const grpc::Status& status) {
   return errors;
 }
 
-p4::v1::Update updateOf(p4::v1::Update::Type type, const p4::v1::TableEntry& entry) {
-  p4::v1::Update update;
-  update.set_type(type);
-  *update.mutable_entity()->mutable_table_entry() = entry;
-  return update;
+// An entity with the one member of its oneof that `mutableOf` makes.
+template <typename Thing>
+p4::v1::Entity entityWith(const Thing& thing, Thing* (p4::v1::Entity::*mutableOf)()) {
+  p4::v1::Entity entity;
+  *(entity.*mutableOf)() = thing;
+  return entity;
 }
 
 }  // namespace
 
-p4::v1::Update insertOf(const p4::v1::TableEntry& entry) {
-  return updateOf(p4::v1::Update::INSERT, entry);
+p4::v1::Entity entityOf(const p4::v1::TableEntry& entry) {
+  return entityWith(entry, &p4::v1::Entity::mutable_table_entry);
 }
-p4::v1::Update modifyOf(const p4::v1::TableEntry& entry) {
-  return updateOf(p4::v1::Update::MODIFY, entry);
+p4::v1::Entity entityOf(const p4::v1::ActionProfileMember& member) {
+  return entityWith(member, &p4::v1::Entity::mutable_action_profile_member);
 }
-p4::v1::Update deleteOf(const p4::v1::TableEntry& entry) {
-  return updateOf(p4::v1::Update::DELETE, entry);
+p4::v1::Entity entityOf(const p4::v1::ActionProfileGroup& group) {
+  return entityWith(group, &p4::v1::Entity::mutable_action_profile_group);
+}
+p4::v1::Entity entityOf(const p4::v1::DirectCounterEntry& counter) {
+  return entityWith(counter, &p4::v1::Entity::mutable_direct_counter_entry);
+}
+p4::v1::Entity entityOf(const p4::v1::DirectMeterEntry& meter) {
+  return entityWith(meter, &p4::v1::Entity::mutable_direct_meter_entry);
+}
+
+p4::v1::Update updateOf(p4::v1::Update::Type type, const p4::v1::Entity& entity) {
+  p4::v1::Update update;
+  update.set_type(type);
+  *update.mutable_entity() = entity;
+  return update;
 }
 
 grpc::StatusCode WriteOutcome::code(size_t update) const {
@@ -158,18 +172,26 @@ WriteOutcome TestController::write(const p4::v1::WriteRequest& request,
 
 ReadOutcome TestController::read(const p4::v1::TableEntry& query,
                                  std::chrono::milliseconds timeout) {
+  EntitiesOutcome found = read(std::vector{entityOf(query)}, timeout);
+  ReadOutcome outcome{.status = found.status, .entries = {}};
+  for (auto& entity : found.entities) {
+    outcome.entries.push_back(std::move(*entity.mutable_table_entry()));
+  }
+  return outcome;
+}
+
+EntitiesOutcome TestController::read(const std::vector<p4::v1::Entity>& queries,
+                                     std::chrono::milliseconds timeout) {
   grpc::ClientContext context;
   setDeadline(context, timeout);
   p4::v1::ReadRequest request;
   request.set_device_id(deviceId_);
-  *request.add_entities()->mutable_table_entry() = query;
+  request.mutable_entities()->Assign(queries.begin(), queries.end());
   const auto reader = stub_->Read(&context, request);
-  ReadOutcome outcome;
+  EntitiesOutcome outcome;
   p4::v1::ReadResponse response;
   while (reader->Read(&response)) {
-    for (auto& entity : *response.mutable_entities()) {
-      outcome.entries.push_back(std::move(*entity.mutable_table_entry()));
-    }
+    for (auto& entity : *response.mutable_entities()) outcome.entities.push_back(std::move(entity));
   }
   outcome.status = reader->Finish();
   return outcome;

@@ -33,9 +33,31 @@ struct ReadOutcome {
   std::vector<p4::v1::TableEntry> entries;
 };
 
-p4::v1::Update insertOf(const p4::v1::TableEntry& entry);
-p4::v1::Update modifyOf(const p4::v1::TableEntry& entry);
-p4::v1::Update deleteOf(const p4::v1::TableEntry& entry);
+struct EntitiesOutcome {
+  grpc::Status status;
+  std::vector<p4::v1::Entity> entities;
+};
+
+p4::v1::Entity entityOf(const p4::v1::TableEntry& entry);
+p4::v1::Entity entityOf(const p4::v1::ActionProfileMember& member);
+p4::v1::Entity entityOf(const p4::v1::ActionProfileGroup& group);
+p4::v1::Entity entityOf(const p4::v1::DirectCounterEntry& counter);
+p4::v1::Entity entityOf(const p4::v1::DirectMeterEntry& meter);
+inline const p4::v1::Entity& entityOf(const p4::v1::Entity& entity) { return entity; }
+
+p4::v1::Update updateOf(p4::v1::Update::Type type, const p4::v1::Entity& entity);
+template <typename Thing>
+p4::v1::Update insertOf(const Thing& thing) {
+  return updateOf(p4::v1::Update::INSERT, entityOf(thing));
+}
+template <typename Thing>
+p4::v1::Update modifyOf(const Thing& thing) {
+  return updateOf(p4::v1::Update::MODIFY, entityOf(thing));
+}
+template <typename Thing>
+p4::v1::Update deleteOf(const Thing& thing) {
+  return updateOf(p4::v1::Update::DELETE, entityOf(thing));
+}
 
 // Several threads may write and read at once; one thread owns the stream's verbs.
 class TestController {
@@ -62,6 +84,8 @@ class TestController {
   p4::v1::WriteRequest writeRequest(const std::vector<p4::v1::Update>& updates) const;
   ReadOutcome read(const p4::v1::TableEntry& query, std::chrono::milliseconds timeout = patience);
   ReadOutcome readTable(uint32_t tableId);  // 0: all tables
+  EntitiesOutcome read(const std::vector<p4::v1::Entity>& queries,
+                       std::chrono::milliseconds timeout = patience);
   p4::v1::P4Runtime::Stub& stub() { return *stub_; }
 
  private:

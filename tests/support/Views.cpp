@@ -3,24 +3,11 @@
 
 #include <fmt/format.h>
 
-#include <cstring>
-#include <optional>
 #include <sstream>
 #include <stdexcept>
-#include <string_view>
-
-#include "platform/brine/Store.h"
-#include "platform/lattice/StoreLayout.h"
-#include "platform/lattice/TableType.h"
 
 namespace TestSupport {
 namespace {
-
-std::string hex(std::string_view bytes) {
-  std::string text;
-  for (const unsigned char byte : bytes) text += fmt::format("{:02x}", byte);
-  return text;
-}
 
 std::string hostOrder(uint32_t value) {
   return {reinterpret_cast<const char*>(&value), sizeof value};
@@ -69,129 +56,122 @@ std::string actionBytes(const p4::config::v1::Action& definition, const p4::v1::
   return bytes;
 }
 
-std::string keyText(const std::string& table, std::string_view key, int64_t priority) {
-  return fmt::format("{}|{}|{}", table, hex(key), priority);
-}
-std::string actionText(uint32_t actionId, std::string_view action) {
-  return fmt::format("{:#x}|{}", actionId, hex(action));
+std::string actionText(const Pipeline& pipeline, const p4::v1::Action& action) {
+  return Words::action(action.action_id(),
+                       actionBytes(pipeline.action(action.action_id()), action));
 }
 
-// Reads a packed, little-endian record from front to back.
-class Cursor {
- public:
-  explicit Cursor(Brine::Bytes bytes) : rest_(Brine::asText(bytes)) {}
-
-  template <typename Number>
-  Number number() {
-    Number value{};
-    const std::string_view bytes = take(sizeof value);
-    if (intact_) std::memcpy(&value, bytes.data(), sizeof value);
-    return value;
+// Elements with the same action count as one: a picture does not tell in which order they came.
+std::string setText(const Pipeline& pipeline, const p4::v1::ActionProfileActionSet& set) {
+  std::map<std::string, uint64_t> weights;
+  for (const auto& element : set.action_profile_actions()) {
+    weights[actionText(pipeline, element.action())] += static_cast<uint64_t>(element.weight());
   }
-  std::string_view counted() { return take(number<uint32_t>()); }
-  std::string_view take(size_t size) {
-    if (rest_.size() < size) intact_ = false;
-    if (!intact_) return {};
-    const std::string_view taken = rest_.substr(0, size);
-    rest_.remove_prefix(size);
-    return taken;
-  }
-  bool intact() const { return intact_; }
-  std::string_view rest() const { return rest_; }
-
- private:
-  std::string_view rest_;
-  bool intact_ = true;
-};
-
-void addCacheRecord(const Pipeline& pipeline, Brine::Bytes record, StoredState& state) {
-  Cursor cursor(record);
-  cursor.number<uint32_t>();  // resource type: table
-  const auto tableId = cursor.number<uint32_t>();
-  const auto handle = cursor.number<uint64_t>();
-  const auto entryState = cursor.number<uint32_t>();
-  const auto priority = cursor.number<int32_t>();
-  cursor.number<uint32_t>();  // entry type and padding
-  cursor.number<uint64_t>();  // indirect handle
-  const auto actionId = cursor.number<uint32_t>();
-  cursor.number<uint64_t>();  // controller metadata
-  const std::string_view key = cursor.counted();
-  const std::string_view action = cursor.counted();
-  const auto table = pipeline.rowTables().find(tableId);
-  if (!cursor.intact() || !cursor.rest().empty() || table == pipeline.rowTables().end()) {
-    state.damaged.push_back("cache record " + hex(Brine::asText(record)));
-    return;
-  }
-  constexpr uint32_t stable = 2;
-  if (entryState != stable) ++state.unstable;
-  state.caches[keyText(table->second, key, priority)] = actionText(actionId, action);
-  state.cachedHandles[handle] = table->second;
+  return Words::toActionSet(weights);
 }
 
-std::string joined(const std::vector<Lattice::ColumnText>& columns) {
+std::string doesText(const Pipeline& pipeline, const p4::v1::TableAction& action) {
+  switch (action.type_case()) {
+    case p4::v1::TableAction::kActionProfileMemberId:
+      return Words::toMember(action.action_profile_member_id());
+    case p4::v1::TableAction::kActionProfileGroupId:
+      return Words::toGroup(action.action_profile_group_id());
+    case p4::v1::TableAction::kActionProfileActionSet:
+      return setText(pipeline, action.action_profile_action_set());
+    default:
+      return actionText(pipeline, action.action());
+  }
+}
+
+std::string meterText(const p4::v1::TableEntry& entry) {
+  const auto number = [](int64_t value) { return static_cast<uint64_t>(value); };
+  const auto& config = entry.meter_config();
+  return Words::meter({.given = entry.has_meter_config(),
+                       .cir = number(config.cir()),
+                       .cburst = number(config.cburst()),
+                       .pir = number(config.pir()),
+                       .pburst = number(config.pburst())});
+}
+
+void addEntry(const Pipeline& pipeline, const p4::v1::TableEntry& entry, View& view) {
+  const auto& table = pipeline.table(entry.table_id());
+  view[Words::entryKey(pipeline.rowTable(entry.table_id()), matchKeyBytes(table, entry),
+                       entry.priority())] = doesText(pipeline, entry.action()) + meterText(entry);
+}
+
+void addMember(const Pipeline& pipeline, const p4::v1::ActionProfileMember& member, View& view) {
+  const std::string& table = pipeline.rowTables().members.at(member.action_profile_id());
+  view[Words::memberKey(table, member.member_id())] = actionText(pipeline, member.action());
+}
+
+void addGroup(const Pipeline& pipeline, const p4::v1::ActionProfileGroup& group, View& view) {
+  std::map<uint32_t, uint64_t> weights;
+  for (const auto& member : group.members()) {
+    weights[member.member_id()] += static_cast<uint64_t>(member.weight());
+  }
+  const std::string& table = pipeline.rowTables().groups.at(group.action_profile_id());
+  view[Words::groupKey(table, group.group_id())] = Words::shares(weights);
+}
+
+template <typename Key>
+std::string weightsText(const std::map<Key, uint64_t>& weights) {
   std::string text;
-  for (const auto& column : columns) {
-    text += fmt::format("{}{}={}", text.empty() ? "" : " ", column.name, column.text);
-  }
+  for (const auto& [key, weight] : weights) text += fmt::format(" {}*{}", weight, key);
   return text;
-}
-
-void addRow(const std::string& table, const Lattice::TableType& type, Brine::Bytes key,
-            Brine::Bytes value, StoredState& state) {
-  const auto row = Lattice::StoredRow::decode(Brine::asText(value));
-  if (!row) {
-    state.damaged.push_back("row of " + table);
-    return;
-  }
-  try {
-    const std::string keyColumns = joined(keyTexts(type, Brine::asText(key)));
-    state.rows[table + " " + keyColumns] = joined(valueTexts(type, row->value));
-    state.rowHandles[row->entryHandle] = table;
-  } catch (const Lattice::TypeError& e) {
-    state.damaged.push_back(fmt::format("row of {}: {}", table, e.what()));
-  }
-}
-
-std::shared_ptr<const Lattice::TableType> typeOf(Brine::Snapshot& snapshot,
-                                                 const std::string& table) {
-  const auto bytes = snapshot.get(Lattice::typesTable, Brine::asBytes(table));
-  if (!bytes) return nullptr;
-  const auto record = Lattice::TableRecord::decode(Brine::asText(*bytes));
-  if (!record) return nullptr;
-  return Lattice::TableType::compile(record->typeName, record->definition);
 }
 
 }  // namespace
 
-View viewOfEntries(const Pipeline& pipeline, const std::vector<p4::v1::TableEntry>& entries) {
+namespace Words {
+
+std::string hex(std::string_view bytes) {
+  std::string text;
+  for (const unsigned char byte : bytes) text += fmt::format("{:02x}", byte);
+  return text;
+}
+
+std::string entryKey(std::string_view table, std::string_view matchKey, int64_t priority) {
+  return fmt::format("{}|{}|{}", table, hex(matchKey), priority);
+}
+std::string memberKey(std::string_view memberTable, uint32_t id) {
+  return fmt::format("{}|{}", memberTable, id);
+}
+std::string groupKey(std::string_view groupTable, uint32_t id) {
+  return fmt::format("{}|{}", groupTable, id);
+}
+std::string action(uint32_t actionId, std::string_view data) {
+  return fmt::format("{:#x}|{}", actionId, hex(data));
+}
+std::string toMember(uint32_t id) { return fmt::format("member {}", id); }
+std::string toGroup(uint32_t id) { return fmt::format("group {}", id); }
+std::string toActionSet(const std::map<std::string, uint64_t>& weights) {
+  return "set" + weightsText(weights);
+}
+std::string shares(const std::map<uint32_t, uint64_t>& weights) {
+  return "members" + weightsText(weights);
+}
+std::string meter(const Lattice::MeterColumns& meter) {
+  if (!meter.given) return "";
+  return fmt::format(" meter {}/{} {}/{}", meter.cir, meter.cburst, meter.pir, meter.pburst);
+}
+
+}  // namespace Words
+
+View viewOf(const Pipeline& pipeline, const std::vector<p4::v1::Entity>& entities) {
   View view;
-  for (const auto& entry : entries) {
-    const auto& table = pipeline.table(entry.table_id());
-    const auto& action = entry.action().action();
-    view[keyText(pipeline.rowTable(entry.table_id()), matchKeyBytes(table, entry),
-                 entry.priority())] =
-        actionText(action.action_id(), actionBytes(pipeline.action(action.action_id()), action));
+  for (const auto& entity : entities) {
+    if (entity.has_table_entry()) addEntry(pipeline, entity.table_entry(), view);
+    if (entity.has_action_profile_member())
+      addMember(pipeline, entity.action_profile_member(), view);
+    if (entity.has_action_profile_group()) addGroup(pipeline, entity.action_profile_group(), view);
   }
   return view;
 }
 
-StoredState storedState(const Pipeline& pipeline, const std::string& stateDirectory) {
-  const auto reader = Brine::Reader::open(stateDirectory);
-  const auto snapshot = reader->snapshot();
-  StoredState state;
-  snapshot->forEach("p4runtime/cache/table", [&](Brine::Bytes, Brine::Bytes record) {
-    addCacheRecord(pipeline, record, state);
-    return true;
-  });
-  for (const auto& [id, table] : pipeline.rowTables()) {
-    const auto type = typeOf(*snapshot, table);
-    if (!type) continue;
-    snapshot->forEach(Lattice::rowTable(table), [&](Brine::Bytes key, Brine::Bytes value) {
-      addRow(table, *type, key, value, state);
-      return true;
-    });
-  }
-  return state;
+View viewOfEntries(const Pipeline& pipeline, const std::vector<p4::v1::TableEntry>& entries) {
+  View view;
+  for (const auto& entry : entries) addEntry(pipeline, entry, view);
+  return view;
 }
 
 View forwarderView(const ForwarderProcess& forwarder) {

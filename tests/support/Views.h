@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "platform/lattice/DirectColumns.h"
 #include "tests/support/ForwarderProcess.h"
 #include "tests/support/Pipeline.h"
 
@@ -15,19 +17,23 @@ namespace TestSupport {
 // Key text to value text, both with the table's name; two pictures are equal when these are.
 using View = std::map<std::string, std::string>;
 
-// An entry as the agent's PI bytes have it: "table|key bytes|priority" to "action|param bytes".
+// Table entries, members and groups in the words below.
+View viewOf(const Pipeline& pipeline, const std::vector<p4::v1::Entity>& entities);
 View viewOfEntries(const Pipeline& pipeline, const std::vector<p4::v1::TableEntry>& entries);
 
-// What stands in the shared memory of one commit.
-struct StoredState {
-  View caches;  // spelt as viewOfEntries() does
-  View rows;    // "table columns" to columns, as a dump shows them
-  std::map<uint64_t, std::string> cachedHandles;  // entry handle to the row table's name
-  std::map<uint64_t, std::string> rowHandles;
-  size_t unstable = 0;               // cache records in another state than stable
-  std::vector<std::string> damaged;  // records that do not have their layout
-};
-StoredState storedState(const Pipeline& pipeline, const std::string& stateDirectory);
+// How a view spells things, from the agent's PI bytes.
+namespace Words {
+std::string hex(std::string_view bytes);
+std::string entryKey(std::string_view table, std::string_view matchKey, int64_t priority);
+std::string memberKey(std::string_view memberTable, uint32_t id);
+std::string groupKey(std::string_view groupTable, uint32_t id);
+std::string action(uint32_t actionId, std::string_view data);
+std::string toMember(uint32_t id);  // what an entry does instead of an action
+std::string toGroup(uint32_t id);
+std::string toActionSet(const std::map<std::string, uint64_t>& weights);  // of actions, as above
+std::string shares(const std::map<uint32_t, uint64_t>& weights);          // of a group's members
+std::string meter(const Lattice::MeterColumns& meter);                    // "" when none is given
+}  // namespace Words
 
 // The forwarder's tables, spelt as StoredState::rows. Throws std::runtime_error when it does not
 // answer.
