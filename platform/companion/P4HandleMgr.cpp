@@ -54,7 +54,8 @@ struct IndirectHandles {
   bool restore(uint32_t actProfId, uint64_t handle) {
     const uint64_t id = handle ^ mark;
     if (id == 0 || id > largestId) return false;
-    if (!profileOf.emplace(handle, actProfId).second) return false;
+    const auto bound = profileOf.emplace(handle, actProfId).first;
+    if (bound->second != actProfId) return false;
     lastId = std::max(lastId, id);
     return true;
   }

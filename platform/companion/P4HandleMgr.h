@@ -47,7 +47,8 @@ class P4HandleMgr : public Vela::RefCounted {
   bool groupHandleToEntryHandleHas(GroupHandle handle) const;
   EntryHandle memberHandleToEntryHandle(MemberHandle handle) const;  // 0 when it is free
   EntryHandle groupHandleToEntryHandle(GroupHandle handle) const;
-  // Take a handle of an earlier process. False when it is none, or taken.
+  // Take a handle of an earlier process, or of this one, whose server may have moved. False when it
+  // is none, or another profile's.
   bool restoreMemberHandle(uint32_t actProfId, MemberHandle handle);
   bool restoreGroupHandle(uint32_t actProfId, GroupHandle handle);
   void freeMemberHandle(MemberHandle handle);  // nothing when it is free already
