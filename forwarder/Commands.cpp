@@ -28,7 +28,7 @@ constexpr const char* helpText =
     "traffic RATE                   so many a second; 0 or off: none\n"
     "traffic header FIELD=VALUE[,...]  one more packet to take in turn; header none: drawn ones\n"
     "traffic bytes N                a packet's size\n"
-    "traffic seed N                 begins the drawn packets anew\n"
+    "traffic seed N                 what the packets are drawn from\n"
     "traffic reset                  counts hits and misses anew; not the flows' counters\n";
 
 Answer refused(std::string why) { return {false, std::move(why)}; }

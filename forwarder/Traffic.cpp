@@ -66,8 +66,8 @@ Traffic::Traffic(ForwardingAgent& agent, std::function<Clock::time_point()> now)
     : agent_(agent), now_(std::move(now)), random_(options_.seed) {}
 
 void Traffic::optionsIs(TrafficOptions options) {
-  if (options.seed != options_.seed) random_.seed(options.seed);
   options_ = std::move(options);
+  random_.seed(options_.seed);
   plan_ = {};  // it refers to the headers
   nextHeader_ = 0;
   countedFrom_ = secondBegan_ = now_();

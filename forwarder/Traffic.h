@@ -35,7 +35,7 @@ class Traffic {
   explicit Traffic(ForwardingAgent& agent, std::function<Clock::time_point()> now = Clock::now);
 
   const TrafficOptions& options() const { return options_; }
-  void optionsIs(TrafficOptions options);  // another seed begins its packets anew
+  void optionsIs(TrafficOptions options);  // begins the packets anew, from the seed
   // Whether a table matches on a field of this header of the options.
   bool headerMeetsTables(size_t header);
   const TrafficStats& stats() const { return stats_; }
