@@ -12,30 +12,29 @@ namespace {
 
 using namespace TestSupport;
 
-class ProfileMeasurement {
+// The most updates of one kind that are measured at one size of batches.
+int64_t mostUpdates(const Plan& plan) {
+  size_t most = 0;
+  for (const size_t batch : plan.batches) most = std::max(most, plan.requests(batch) * batch);
+  return static_cast<int64_t>(most);
+}
+
+// Updates beside each other: direct entries, sets, members and groups, in batches of each size.
+class BatchMeasurement {
  public:
-  explicit ProfileMeasurement(const Plan& plan)
+  explicit BatchMeasurement(const Plan& plan)
       : plan_(plan),
         tested_(plan.pipelineFile,
-                {.routes = mostUpdates(),
-                 .references = std::max(static_cast<int64_t>(plan.references), mostUpdates()),
-                 .members = 2 * mostUpdates() * static_cast<int64_t>(groupSize)}),
-        empty_(tested_.memory()) {}
+                {.routes = mostUpdates(plan),
+                 .references = mostUpdates(plan),
+                 .members = 2 * mostUpdates(plan) * static_cast<int64_t>(groupSize)}) {}
 
-  ProfileResults results() {
+  std::vector<Line> lines() {
     for (const size_t batch : plan_.batches) measureBatch(batch);
-    if (plan_.references > 0) measureReferences();
-    progress("");
-    return std::move(results_);
+    return std::move(lines_);
   }
 
  private:
-  int64_t mostUpdates() const {
-    size_t most = groupCount * groupSize;
-    for (const size_t batch : plan_.batches) most = std::max(most, plan_.requests(batch) * batch);
-    return static_cast<int64_t>(most);
-  }
-
   // What is measured at one size of batches is gone at the next: a profile takes sets or members,
   // not both at once.
   void measureBatch(size_t batch) {
@@ -62,42 +61,54 @@ class ProfileMeasurement {
     Line line{.batch = batch, .operation = operation};
     const auto requests = requestsOf(tested_.controller(), plan_.requests(batch), batch, update);
     for (const auto& request : requests) line.agent.add(written(tested_.controller(), request));
-    if (!operation.empty()) results_.lines.push_back(std::move(line));
-  }
-
-  void measureReferences() {
-    constexpr size_t batch = 1000;
-    const auto write = [&](uint64_t count, const MadeUpdate& update) {
-      Samples samples;
-      for (uint64_t from = 0; from < count; from += batch) {
-        const auto requests =
-            requestsOf(tested_.controller(), 1, std::min<uint64_t>(batch, count - from),
-                       [&](uint64_t i) { return update(from + i); });
-        samples.add(written(tested_.controller(), requests[0]));
-      }
-      return samples.total().count() / 1e6;
-    };
-    progress(fmt::format("profiles: {} entries that name groups", plan_.references));
-    write(groupCount * groupSize, [&](uint64_t i) { return insertOf(tested_.member(i)); });
-    write(groupCount,
-          [&](uint64_t i) { return insertOf(tested_.group(i, i * groupSize, groupSize)); });
-    const double seconds = write(
-        plan_.references, [&](uint64_t i) { return insertOf(tested_.toGroup(i, i % groupCount)); });
-    results_.figures = {.table = plan_.references,
-                        .fillRate = static_cast<double>(plan_.references) / seconds,
-                        .memory = grownSince(empty_, tested_.memory())};
-    progress("profiles: restart");
-    results_.figures.restartSeconds = tested_.restartSeconds();
+    if (!operation.empty()) lines_.push_back(std::move(line));
   }
 
   const Plan& plan_;
   MeasuredSwitch tested_;
-  const Memory empty_;
-  ProfileResults results_;
+  std::vector<Line> lines_;
 };
+
+// Seconds for `count` updates in batches of 1,000.
+double secondsToWrite(MeasuredSwitch& tested, uint64_t count, const MadeUpdate& update) {
+  constexpr uint64_t batch = 1000;
+  Samples samples;
+  for (uint64_t from = 0; from < count; from += batch) {
+    const auto requests = requestsOf(tested.controller(), 1, std::min(batch, count - from),
+                                     [&](uint64_t i) { return update(from + i); });
+    samples.add(written(tested.controller(), requests[0]));
+  }
+  return samples.total().count() / 1e6;
+}
+
+// Many entries that name few groups.
+TableFigures measuredReferences(const Plan& plan) {
+  constexpr uint64_t members = groupCount * groupSize;
+  MeasuredSwitch tested(plan.pipelineFile, {.references = static_cast<int64_t>(plan.references),
+                                            .members = static_cast<int64_t>(2 * members)});
+  progress(fmt::format("profiles: {} entries that name groups", plan.references));
+  secondsToWrite(tested, members, [&](uint64_t i) { return insertOf(tested.member(i)); });
+  secondsToWrite(tested, groupCount,
+                 [&](uint64_t i) { return insertOf(tested.group(i, i * groupSize, groupSize)); });
+  const Memory before = tested.memory();
+  const double seconds = secondsToWrite(tested, plan.references, [&](uint64_t i) {
+    return insertOf(tested.toGroup(i, i % groupCount));
+  });
+  TableFigures figures{.table = plan.references,
+                       .fillRate = static_cast<double>(plan.references) / seconds,
+                       .memory = grownSince(before, tested.memory())};
+  progress("profiles: restart");
+  figures.restartSeconds = tested.restartSeconds();
+  return figures;
+}
 
 }  // namespace
 
-ProfileResults measuredProfiles(const Plan& plan) { return ProfileMeasurement(plan).results(); }
+ProfileResults measuredProfiles(const Plan& plan) {
+  ProfileResults results{.lines = BatchMeasurement(plan).lines(), .figures = {}};
+  if (plan.references > 0) results.figures = measuredReferences(plan);
+  progress("");
+  return results;
+}
 
 }  // namespace Bench

@@ -17,7 +17,7 @@ struct ProfileResults {
   TableFigures figures;     // of the entries that name groups; table 0: not measured
 };
 
-// On a switch of its own, empty at first. Throws std::runtime_error when a request fails.
+// On switches of their own, empty at first. Throws std::runtime_error when a request fails.
 ProfileResults measuredProfiles(const Plan& plan);
 
 }  // namespace Bench
