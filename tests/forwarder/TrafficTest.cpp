@@ -37,7 +37,9 @@ class TrafficTest : public testing::Test {
     return table;
   }
   const Lattice::FollowedTable& routes() {
-    return table("route", "key vrf : U16; key dst : IpGenPrefix; port : U16; counter;");
+    return table("route",
+                 "key vrf : U16; key dst : IpGenPrefix;"
+                 "action { forward 7 { port : U16; } drop 8 { none : Void; } } counter;");
   }
   const Lattice::FollowedTable& acl() {
     return table("acl",
@@ -56,8 +58,9 @@ class TrafficTest : public testing::Test {
     agent_.rowChanged({.table = &table, .key = key, .deleted = true, .sequence = ++sequence_});
   }
   void route(const char* address, unsigned length, uint64_t handle,
-             const std::string& counted = counter(), uint16_t port = 1) {
-    write(routes(), big(1, 2) + prefix(address, length), little(port, 2) + counted, handle);
+             const std::string& counted = counter(), uint16_t port = 1) {  // 0: drop
+    const std::string action = port == 0 ? little(8, 4) : little(7, 4) + little(port, 2);
+    write(routes(), big(1, 2) + prefix(address, length), action + counted, handle);
   }
   RowFlow flow(const char* name, uint64_t handle) {
     RowFlow found;
@@ -134,8 +137,8 @@ TEST_F(TrafficTest, ARowCountsFromItsColumnsOnAndAsLongAsItsHandleStays) {
   } cases[] = {
       {"nothing given", [&] { route("10.0.0.0", 8, 1); }, 1, 1},
       {"given from the start", [&] { route("10.0.0.0", 8, 2, written); }, 2, 51},
-      {"another action", [&] { route("10.0.0.0", 8, 2, written, 9); }, 2, 52},
-      {"written again as it is", [&] { route("10.0.0.0", 8, 2, written, 9); }, 2, 53},
+      {"another action", [&] { route("10.0.0.0", 8, 2, written, 0); }, 2, 52},
+      {"written again as it is", [&] { route("10.0.0.0", 8, 2, written, 0); }, 2, 53},
       {"nothing given any more", [&] { route("10.0.0.0", 8, 2); }, 2, 54},
       {"given under way",
        [&] {
@@ -260,7 +263,8 @@ TEST_F(TrafficTest, TheSameSeedDrawsTheSamePackets) {
     agent.tableAdded(followed);
     for (uint64_t i = 1; i <= 100; ++i) {
       const std::string key = big(1, 2) + prefix(("10." + std::to_string(i) + ".0.0").c_str(), 16);
-      agent.rowChanged({.table = &followed, .key = key, .value = little(0, 19), .entryHandle = i});
+      agent.rowChanged(
+          {.table = &followed, .key = key, .value = little(8, 4) + counter(), .entryHandle = i});
     }
     Traffic traffic(agent);
     ASSERT_TRUE(trafficAnswered(traffic, seed).ok);
@@ -336,7 +340,7 @@ TEST_F(PublishedTest, WhatIsCountedIsReadAndGoesWithItsRow) {
 
 TEST_F(PublishedTest, ManyFlowsArePublishedInSlices) {
   for (uint32_t i = 1; i <= 5000; ++i) {
-    write(routes(), big(i, 2) + prefix("10.0.0.0", 8), little(1, 2) + counter({{i, i}}), i);
+    write(routes(), big(i, 2) + prefix("10.0.0.0", 8), little(8, 4) + counter({{i, i}}), i);
   }
   publisher_.work(now_ += FlowPublisher::roundInterval, true);
   EXPECT_EQ(publisher_.published(), 1000u);
