@@ -283,6 +283,8 @@ def print_tables(pipeline):
         for field in table.match_fields:
             print(f"  match   {field.name}: bit<{field.bitwidth}> {match_kind(field)}")
         for ref in table.action_refs:
+            if ref.scope == p4info_pb2.ActionRef.DEFAULT_ONLY:
+                continue
             action = next(a for a in pipeline.p4info.actions if a.preamble.id == ref.id)
             params = ", ".join(f"{p.name}: bit<{p.bitwidth}>" for p in action.params)
             print(f"  action  {action.preamble.alias}({params})")
