@@ -49,8 +49,9 @@ class PiEntry {
       entry_.entry_type = PI_ACTION_ENTRY_TYPE_INDIRECT;
       entry_.entry.indirect_handle = indirectHandle(entry);
     }
+    if (!table.meter) return;
     const std::optional<MeterSetting> meter = entry.meter();
-    if (meter && table.meter) meterIs(*table.meter, *meter);
+    if (meter) meterIs(*table.meter, *meter);
   }
   PiEntry(const PiEntry&) = delete;
   PiEntry& operator=(const PiEntry&) = delete;
@@ -66,10 +67,11 @@ class PiEntry {
   }
 
   pi_table_entry_t entry_{};
-  pi_action_data_t action_{};
-  pi_meter_spec_t spec_{};
-  pi_direct_res_config_one_t resource_{};
-  pi_direct_res_config_t resources_{};
+  // What entry_ points to; the rest is never set.
+  pi_action_data_t action_;
+  pi_meter_spec_t spec_;
+  pi_direct_res_config_one_t resource_;
+  pi_direct_res_config_t resources_;
 };
 
 }  // namespace
@@ -90,7 +92,7 @@ void TargetCalls::call(Call call) {
   if (status_ != PI_STATUS_SUCCESS) return;
   pi_batch_current_set(offset_, controllerId_, controllerMetadata_, bytes_.data(), bytes_.size());
   anyMade_ = true;
-  status_ = call();
+  status_ = static_cast<int>(call());
 }
 
 void TargetCalls::entryAdd(const TablePlan& table, Entry* entry, bool overwrite) {

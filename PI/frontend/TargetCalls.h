@@ -40,7 +40,7 @@ class TargetCalls {
   void groupMemberRemove(uint32_t profileId, uint64_t group, uint64_t member);
   void groupBytesSet(uint32_t profileId, uint64_t group);
 
-  pi_status_t status() const { return status_; }
+  int status() const { return status_; }  // a pi_status_t, or a number of the target's own
   bool anyMade() const { return anyMade_; }
 
  private:
@@ -53,7 +53,7 @@ class TargetCalls {
   uint32_t controllerId_ = 0;
   uint64_t controllerMetadata_ = 0;
   std::string_view bytes_;
-  pi_status_t status_ = PI_STATUS_SUCCESS;
+  int status_ = PI_STATUS_SUCCESS;
   bool anyMade_ = false;
 };
 

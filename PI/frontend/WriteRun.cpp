@@ -107,10 +107,10 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   doRunUpdate(store_, update, former, &calls);
   operation.pending = true;
   if (!calls.anyMade()) return;  // it is like that already; the target has nothing to confirm
-  const pi_status_t status = calls.status();
+  const int status = calls.status();
   auto& [position, error] = statuses->emplace_back();
   position = offset;
-  if (status == PI_STATUS_SUCCESS || static_cast<int>(status) == kBatchUpdateFailed) {
+  if (status == PI_STATUS_SUCCESS || status == kBatchUpdateFailed) {
     error.set_canonical_code(code::deadlineExceeded);
     return;
   }
