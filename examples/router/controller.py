@@ -83,6 +83,7 @@ class Controller:
             ("grpc.max_receive_message_length", -1),
             # The errors of a batch come as metadata: about 100 bytes an update.
             ("grpc.max_metadata_size", 1024 * 1024),
+            ("grpc.initial_reconnect_backoff_ms", 100),  # a switch that restarts is back at once
         ])
         self._stub = p4runtime_pb2_grpc.P4RuntimeStub(self._channel)
         self._requests = queue.Queue()
@@ -98,6 +99,15 @@ class Controller:
     def close(self):
         self._requests.put(None)
         self._channel.close()
+
+    def connected(self, seconds):
+        """Whether there is a connection, or comes to be one in so many seconds. Calls that fail at
+        once are no way to wait for a switch: a channel gets nowhere unless somebody waits on it."""
+        try:
+            grpc.channel_ready_future(self._channel).result(timeout=seconds)
+            return True
+        except grpc.FutureTimeoutError:
+            return False
 
     # The stream: who is primary.
 

@@ -42,8 +42,8 @@ class Demo:
         if self.controller:
             self.controller.close()
         self.controller = Controller(self.switch.server, election_id=election_id)
-        wait_until(lambda: self.controller.read() is not None, "P4Runtime server with a pipeline",
-                   *self.switch.processes())
+        wait_until(lambda: self.controller.connected(1) and self.controller.read() is not None,
+                   "P4Runtime server with a pipeline", *self.switch.processes())
         self.controller.become_primary()
         tables = [table.preamble.alias for table in self.controller.pipeline.p4info.tables]
         tell(f"primary on {self.switch.server}; tables: {', '.join(tables)}")
