@@ -1,7 +1,9 @@
 // Members, groups and one-shot sets, seen through to the forwarder's tables, on good days and bad.
 #include <gtest/gtest.h>
 
-#include "tests/e2e/Switch.h"
+#include <random>
+
+#include "tests/e2e/Load.h"
 
 using namespace TestSupport;
 
@@ -175,6 +177,39 @@ TEST_F(ActionProfiles, ComeAndGoInOneWriteInTheOrderTheyDependOnEachOther) {
   EXPECT_EQ(failed.code(3), grpc::NOT_FOUND);
   EXPECT_EQ(difference("before", before, "after", tested.controllerView()), "");
   EXPECT_EQ(tested.disagreement(), "");
+}
+
+// The same with everything at once, and a table that fails at random.
+TEST(EverythingAtOnce, IsLeftAloneByUpdatesThatFailBesideOthers) {
+  const char* tables[] = {"ipv4_route",           "acl", "wcmp",
+                          "wcmp_selector.member", "lag", "wcmp_selector.group",
+                          "lag_selector.member",  "-",   "lag_selector.group"};
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  const uint32_t seed = printedSeed();
+  std::mt19937 random(seed);
+  Load load(tested, seed);
+  size_t failed = 0;
+  for (int round = 0; round < 150; ++round) {
+    SCOPED_TRACE(testing::Message() << "round " << round);
+    const std::string table = tables[random() % std::size(tables)];
+    if (table != "-") {
+      ASSERT_EQ(tested.forwarder.ctl({"fail-table", table}).exit.code, 0);
+    }
+    const WriteOutcome outcome = load.writeOnce();
+    ASSERT_EQ(tested.forwarder.ctl({"clear"}).exit.code, 0);
+    failed += outcome.errors.size();
+    for (size_t i = 0; i < outcome.errors.size(); ++i) {
+      EXPECT_TRUE(outcome.code(i) == grpc::OK || outcome.code(i) == grpc::INTERNAL)
+          << outcome.errors[i].message();
+    }
+    if (round % 25 == 24) {
+      ASSERT_TRUE(tested.restartAgent());
+    }
+    ASSERT_EQ(load.broken(), "");
+    ASSERT_EQ(tested.disagreement(), "");
+  }
+  EXPECT_GT(failed, 100u);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // What survives SIGKILL of the agent or of the forwarder, at any instant.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <random>
 
 #include "tests/e2e/Load.h"
@@ -9,14 +8,6 @@
 using namespace TestSupport;
 
 namespace {
-
-// KORVEL_SEED in the environment repeats a run, or tries another one.
-uint32_t printedSeed() {
-  const char* given = std::getenv("KORVEL_SEED");
-  const auto seed = static_cast<uint32_t>(given ? std::atoi(given) : 20240607);
-  std::cout << "KORVEL_SEED=" << seed << std::endl;
-  return seed;
-}
 
 // Waits until the instant at which to kill: some while into the load, or at once.
 void waitForInstant(Process& process, std::mt19937& random) {

@@ -2,6 +2,8 @@
 #include "tests/e2e/Load.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <iostream>
 #include <numeric>
 
 using namespace TestSupport;
@@ -40,6 +42,13 @@ uint64_t rowsOf(const p4::v1::Entity& entity) {
 
 }  // namespace
 
+uint32_t printedSeed() {
+  const char* given = std::getenv("KORVEL_SEED");
+  const auto seed = static_cast<uint32_t>(given ? std::atoi(given) : 20240607);
+  std::cout << "KORVEL_SEED=" << seed << std::endl;
+  return seed;
+}
+
 Load::Load(Switch& on, uint32_t seed)
     : switch_(on), constant_(on.controllerView()), random_(seed) {}
 
@@ -67,11 +76,24 @@ void Load::run() {
   writing_ = false;
 }
 
+WriteOutcome Load::writeOnce() {
+  const WriteOutcome outcome = switch_.controller().write(nextBatch());
+  for (size_t i = 0; i < order_.size(); ++i) {
+    Things& right = outcome.code(i) == grpc::OK ? after_ : before_;
+    Things& wrong = outcome.code(i) == grpc::OK ? before_ : after_;
+    const auto thing = right.find(order_[i]);
+    wrong.erase(order_[i]);
+    if (thing != right.end()) wrong.insert(*thing);
+  }
+  return outcome;
+}
+
 std::vector<p4::v1::Update> Load::nextBatch() {
   std::vector<uint32_t> shuffled(numbers);
   std::iota(shuffled.begin(), shuffled.end(), 0);
   std::shuffle(shuffled.begin(), shuffled.end(), random_);
   std::vector<p4::v1::Update> batch;
+  order_.clear();
   written_.clear();
   referenced_.clear();
   lastBatchRows_ = 0;
@@ -93,6 +115,7 @@ std::optional<p4::v1::Update> Load::nextUpdate(uint32_t number) {
   Numbers references = referencesOf(*next);
   if (isThere) references.merge(referencesOf(former->second));
   if (!independent(number, references)) return {};
+  order_.push_back(number);
   written_.insert(number);
   referenced_.merge(references);
   lastBatchRows_ += rowsOf(*next) + (isThere ? rowsOf(former->second) : 0);

@@ -12,6 +12,9 @@
 
 #include "tests/e2e/Switch.h"
 
+// KORVEL_SEED in the environment repeats a random story, or tells another one.
+uint32_t printedSeed();
+
 // Batches of inserts, modifies and deletes: routes, metered access rules, members and groups,
 // entries that name these, and entries with one-shot sets. Each key at most once a batch, and no
 // update depends on another of its batch, so that the batch is one commit. Call from one thread;
@@ -26,6 +29,10 @@ class Load {
   void stop();
   bool writing() const { return writing_; }                // false once a batch failed
   uint64_t acknowledged() const { return acknowledged_; }  // batches
+
+  // One batch, while it does not run, whose updates may fail each for itself: those that did are
+  // not expected of the switch.
+  TestSupport::WriteOutcome writeOnce();
 
   // After stop(). How the last batch failed; OK when none did.
   const TestSupport::WriteOutcome& failure() const { return failure_; }
@@ -61,9 +68,10 @@ class Load {
   std::atomic<uint64_t> acknowledged_{0};
   std::atomic<uint64_t> sentRows_{0};
   std::atomic<uint64_t> lastBatchRows_{0};
-  Things before_;       // acknowledged
-  Things after_;        // if the batch in flight took effect
-  Numbers written_;     // in the batch being made
-  Numbers referenced_;  // by those, before or after
+  Things before_;                // acknowledged
+  Things after_;                 // if the batch in flight took effect
+  std::vector<uint32_t> order_;  // the numbers of the batch being made
+  Numbers written_;              // the same
+  Numbers referenced_;           // by those, before or after
   TestSupport::WriteOutcome failure_;
 };
