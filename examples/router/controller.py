@@ -165,7 +165,7 @@ class Controller:
                                     entity=self.pipeline.entity(thing))
 
     def write(self, updates):
-        """A batch. Returns when every update is programmed; raises WriteFailed when some are not."""
+        """A batch. Returns when every update is programmed; raises WriteFailed when not all are."""
         request = p4runtime_pb2.WriteRequest(device_id=self.device_id, updates=updates)
         request.election_id.CopyFrom(self.election_id)
         try:

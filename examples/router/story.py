@@ -23,13 +23,15 @@ class Demo:
         self.refusals()
         self.failure_in_hardware()
         self.weighted_ecmp()
+        self.traffic_and_counters()
         self.failure_in_a_group()
-        self.counters_and_meters()
+        self.meters()
         self.crash_and_restart()
         step("Everything was as expected.")
 
     def start(self):
-        step("Make the pipeline file: what a P4 compiler says of router.p4, and our constant entries")
+        step("Make the pipeline file from what a P4 compiler says of router.p4 and our constant"
+             " entries")
         self.switch.build_pipeline()
         step("Start the agent, which serves P4Runtime, and the forwarding agent, which programs"
              " tables")
@@ -220,6 +222,25 @@ class Demo:
         tell(self.controller.read_one(bundle))
         self.check_switch()
 
+    def traffic_and_counters(self):
+        step("Send traffic through the forwarding agent, and read what routes and groups counted")
+        self.switch.tell_forwarder("traffic", "20000")
+        counts = wait_until(self.moved_counts, "counts that move", *self.switch.processes())
+        self.switch.tell_forwarder("traffic", "0")
+        for entry, count in counts:
+            tell(f"{entry}: {count}")
+        tell("each group's members got their shares; the first one's are as 3 to 1:")
+        shares = [line for line in self.switch.tell_forwarder("traffic", quiet=True).splitlines()
+                  if line.startswith("group")]
+        tell("\n".join(shares))
+        expect(70 < float(shares[0].split()[-1].rstrip("%")) < 80, "the shares are not by weight")
+
+    def moved_counts(self):
+        """What routes and groups have counted, once that is something for each of them."""
+        counts = [counted for table in ("ipv4_route", "ipv6_route", "wcmp")
+                  for counted in self.controller.counts(table)]
+        return counts if all(count.packets > 100 for _, count in counts) else None
+
     def failure_in_a_group(self):
         step("Let the forwarding agent refuse a group's change, and a member's: both are put back")
         group = Group("wcmp_selector", 10, {1: 1, 2: 1})
@@ -239,12 +260,7 @@ class Demo:
         tell(*self.controller.groups())
         self.check_switch()
 
-    def counters_and_meters(self):
-        step("Send traffic through the forwarding agent, and read what the routes counted")
-        self.switch.tell_forwarder("traffic", "1000")
-        self.moved_counts()
-        self.switch.tell_forwarder("traffic", "0")
-
+    def meters(self):
         step("Limit what an access rule lets through: a direct meter, in bytes a second")
         rule = Entry("acl", {"ip_protocol": 17, "l4_dst_port": 53}, "acl_permit", priority=50,
                      meter=Meter(cir=125000, cburst=16000, pir=250000, pburst=32000))
@@ -256,22 +272,6 @@ class Demo:
         self.remember(rule)
         tell(f"changed: {self.controller.meter(rule)}")
         self.check_switch()
-
-    def moved_counts(self):
-        """Waits until every route has counted more; answers and shows what."""
-        counted = lambda: {self.key(entry): (entry, count)
-                           for table in ("ipv4_route", "ipv6_route", "wcmp")
-                           for entry, count in self.controller.counts(table)}
-        before = counted()
-        after = {}
-
-        def all_moved():
-            after.update(counted())
-            return all(after[key][1].packets > before[key][1].packets for key in before)
-
-        wait_until(all_moved, "counts that move", *self.switch.processes())
-        for entry, count in after.values():
-            tell(f"{entry}: {count}")
 
     def crash_and_restart(self):
         step("Kill the agent at once (SIGKILL): its tables stay in shared memory, traffic flows on")

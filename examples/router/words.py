@@ -53,7 +53,8 @@ def one_action(words):
 
 
 def member_of(options):
-    return Member(options.profile, options.id, *(one_action(options.words) if options.words else ()))
+    action = one_action(options.words) if options.words else ()
+    return Member(options.profile, options.id, *action)
 
 
 def group_of(options):
