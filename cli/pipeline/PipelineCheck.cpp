@@ -63,7 +63,7 @@ class DeviceCheck {
     for (const TableLayout& layout : layout_.tables) {
       if (covered_.count({layout.kind, layout.id}) == 0) {
         findings_->warning(nameOf(layout.kind, layout.id),
-                           "is not among the tables of the device configuration: it cannot be"
+                           "the device configuration has no such table: nothing of it can be"
                            " programmed");
       }
     }
@@ -138,7 +138,9 @@ class DeviceCheck {
 
   std::string nameOf(TableKind kind, uint32_t id) const {
     if (kind == TableKind::match) return "table " + index_.table(id)->preamble().name();
-    return "action profile " + index_.actionProfile(id)->preamble().name();
+    return (kind == TableKind::member ? "members of action profile "
+                                      : "groups of action profile ") +
+           index_.actionProfile(id)->preamble().name();
   }
 
   const P4InfoIndex& index_;

@@ -118,11 +118,12 @@ std::string profileText(const cJSON* profile) {
     page += ", members only";
   }
   page += '\n';
-  if (text(profile, "member_table").empty()) page += "  CANNOT BE PROGRAMMED\n";
-  page += fmt::format("  tables  {}\n", namesText(profile, "tables"));
+  const std::string members = text(profile, "member_table");
   const std::string groups = text(profile, "group_table");
-  page += fmt::format("  rows    {}{}\n", text(profile, "member_table"),
-                      flag(profile, "selector") && !groups.empty() ? ", " + groups : "");
+  if (members.empty()) page += "  CANNOT BE PROGRAMMED: it has no table for its members\n";
+  page += fmt::format("  tables  {}\n", namesText(profile, "tables"));
+  if (!members.empty())
+    page += fmt::format("  rows    {}{}\n", members, groups.empty() ? "" : ", " + groups);
   return page + actionsText(profile);
 }
 

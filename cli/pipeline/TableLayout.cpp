@@ -213,12 +213,13 @@ class LayoutMaker {
     member.slots = {{"member_id", "U32", SlotRole::exact, 32, 0}};
     member.actions = shapes;
     name(shortName(profile) + ".member", "profile", &member);
+    result_.tables.push_back(std::move(member));
+    if (!profile.with_selector()) return;  // it has no groups
     TableLayout group;
     group.kind = TableKind::group;
     group.id = profile.preamble().id();
     group.slots = {{"group_id", "U32", SlotRole::exact, 32, 0}};
     name(shortName(profile) + ".group", "profile", &group);
-    result_.tables.push_back(std::move(member));
     result_.tables.push_back(std::move(group));
   }
 

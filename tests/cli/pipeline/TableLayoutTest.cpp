@@ -145,7 +145,8 @@ TEST(ActionProfiles, GetMemberAndGroupTablesAndTheirTablesIndirectColumns) {
       match_fields { id: 1 name: "indirect_id" bitwidth: 32 match_type: EXACT }
       action_refs { id: 16777217 } direct_resource_ids: 318767105 direct_resource_ids: 352321537 }
     actions { preamble { id: 16777217 name: "c.a" alias: "a" } params { id: 1 name: "p" bitwidth: 8 } }
-    action_profiles { preamble { id: 285212673 name: "c.ecmp" alias: "t" } table_ids: 33554433 }
+    action_profiles { preamble { id: 285212673 name: "c.ecmp" alias: "t" } table_ids: 33554433
+      with_selector: true }
     direct_counters { preamble { id: 318767105 name: "c.counter" } direct_table_id: 33554433 }
     direct_meters { preamble { id: 352321537 name: "c.meter" } direct_table_id: 33554433 })"));
   ASSERT_EQ(made.layout.tables.size(), 3u) << made.findings;
