@@ -112,13 +112,18 @@ EntryPtr made(const TablePlan& table, const TableEntry& given, EntryKind kind, s
   return entry;
 }
 
+// The parameters are encoded after the key: messages are fastest read from front to back.
 EntryPtr direct(const TablePlan& table, const TableEntry& given) {
-  const p4::v1::Action& wanted = given.action().action();
-  const ActionPlan& action = checkedAction(table, wanted);
+  const ActionPlan& action = checkedAction(table, given.action().action());
   EntryPtr entry = made(table, given, EntryKind::action, action.dataBytes);
   entry->actionId = action.id;
-  encodeActionData(table, action, wanted, entry->actionData());
   return entry;
+}
+
+void maybeEncodeParams(const TablePlan& table, const TableEntry& given, Entry* entry) {
+  if (entry->kind != EntryKind::action) return;
+  const ActionPlan& action = *table.actionUse(entry->actionId)->action;
+  encodeActionData(table, action, given.action().action(), entry->actionData());
 }
 
 EntryPtr pointing(const TablePlan& table, const TableEntry& given, EntryKind kind, uint32_t id) {
@@ -183,6 +188,7 @@ CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& give
   EntryPtr entry = withoutKey(table, given, type);
   entry->priority = checkedPriority(table, given);
   encodeKey(table, given, entry->keyData());
+  maybeEncodeParams(table, given, entry.get());
   result.slot.entry = std::move(entry);
   return result;
 }
