@@ -162,14 +162,21 @@ TEST(StateDirectory, WhenFullRefusesWritesAndLosesNothing) {
   ASSERT_TRUE(tested.start());
   uint32_t written = 0;
   WriteOutcome outcome;
-  while (written < 1000000) {
-    outcome = tested.insertRoutes(written, written + 1000, 1);
-    if (!outcome.ok()) break;
-    written += 1000;
+  for (const uint32_t step : {1000, 20}) {
+    for (outcome = {}; outcome.ok(); written += outcome.ok() ? step : 0) {
+      outcome = tested.insertRoutes(written, written + step, 1);
+    }
   }
-  ASSERT_GT(written, 0u);
+  ASSERT_GT(written, 1000u);
   EXPECT_EQ(outcome.code(0), grpc::RESOURCE_EXHAUSTED) << testing::PrintToString(outcome);
   EXPECT_EQ(tested.routes().entries.size(), written);
+  EXPECT_EQ(tested.disagreement(), "");
+  // A set takes several rows.
+  std::vector<p4::v1::Update> sets;
+  for (uint32_t i = 0; i < 100; ++i)
+    sets.push_back(insertOf(Router::lag(tested.pipeline(), i, i, 8)));
+  const WriteOutcome full = tested.write(sets);
+  EXPECT_EQ(full.code(99), grpc::RESOURCE_EXHAUSTED) << testing::PrintToString(full);
   EXPECT_EQ(tested.disagreement(), "");
   ASSERT_TRUE(tested.restartAgent()) << tested.agent.output();
   EXPECT_EQ(tested.routes().entries.size(), written);
