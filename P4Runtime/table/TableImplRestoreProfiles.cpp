@@ -43,6 +43,9 @@ class ActionProfileRestorer {
   }
 
  private:
+  static constexpr const char* notTaken =
+      "its handle is another's, or none that was ever given out";
+
   // Answers how many are back; `restore` answers why one is not.
   template <typename Record, typename Restore>
   size_t restoreAll(EntryCache<Record>& cache, RestoreCounts* counts, Restore restore) {
@@ -70,35 +73,31 @@ class ActionProfileRestorer {
   }
 
   std::string restored(const ActionProfileMemberCacheEntry& record) {
-    SCRIVEL_TRACE(6, "TableImpl", " Restoring action member entry[ rid:", record.key.rid.id,
-                  " entryHandle:", record.key.entryHandle, " ]");
     const ResourceId& rid = record.key.rid;
     P4HandleMgr& handles = tableImpl_.handleMgr();
-    if (rid.type != actionProfileResource || record.memberHandle != record.key.entryHandle) {
-      return "not a record of a member";
-    }
-    if (!handles.restoreMemberHandle(rid.id, record.memberHandle)) {
-      return "its handle is another member's, or none that was ever given out";
-    }
+    const bool taken = rid.type == actionProfileResource &&
+                       record.memberHandle == record.key.entryHandle &&
+                       handles.restoreMemberHandle(rid.id, record.memberHandle);
     const auto program = [&] {
       tableImpl_.actionProfileMemberEntryAdd(rid.id, record.actionId, record.actionData.size(),
                                              chars(record), record.memberHandle);
     };
+    SCRIVEL_TRACE(6, "TableImpl", " Restoring action member entry[ rid:", rid.id,
+                  " entryHandle:", record.key.entryHandle, " ]");
+    if (!taken) return notTaken;
     return programmed(handles.memberHandleToEntryHandle(record.memberHandle), program,
                       [&] { return handedBack(record); });
   }
 
   std::string restored(const ActionProfileGroupCacheEntry& stored) {
-    SCRIVEL_TRACE(6, "TableImpl", " Restoring action group entry[ rid:", stored.key.rid.id,
-                  " entryHandle:", stored.key.entryHandle, " ]");
     const ResourceId& rid = stored.key.rid;
     P4HandleMgr& handles = tableImpl_.handleMgr();
-    if (rid.type != groupTableResource || stored.groupHandle != stored.key.entryHandle) {
-      return "not a record of a group";
-    }
-    if (!handles.restoreGroupHandle(rid.id, stored.groupHandle)) {
-      return "its handle is another group's, or none that was ever given out";
-    }
+    const bool taken = rid.type == groupTableResource &&
+                       stored.groupHandle == stored.key.entryHandle &&
+                       handles.restoreGroupHandle(rid.id, stored.groupHandle);
+    SCRIVEL_TRACE(6, "TableImpl", " Restoring action group entry[ rid:", rid.id,
+                  " entryHandle:", stored.key.entryHandle, " ]");
+    if (!taken) return notTaken;
     const ActionProfileGroupCacheEntry record = withMembersThere(stored);
     return programmed(
         handles.groupHandleToEntryHandle(record.groupHandle), [&] { programGroup(record); },
