@@ -21,6 +21,21 @@ Scrivel::TraceHandle trace("KorvelPiActionProfile");
 
 P4HandleMgr* handleMgr() { return TheP4HandleMgr(); }
 
+// The entry handles of what is to be written. Throw what the batch already knows against it.
+EntryHandle writableMember(MemberHandle mbr_handle) {
+  assert(handleMgr()->memberHandleToEntryHandleHas(mbr_handle));
+  const EntryHandle handle = handleMgr()->memberHandleToEntryHandle(mbr_handle);
+  maybeThrowBatchEntryErrorException(handle);
+  return handle;
+}
+
+EntryHandle writableGroup(GroupHandle grp_handle) {
+  assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
+  const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
+  maybeThrowBatchEntryErrorException(handle);
+  return handle;
+}
+
 // A handle that was taken for something that was then refused.
 template <typename Body>
 void withNewHandle(EntryHandle handle, Body body) {
@@ -169,9 +184,7 @@ pi_status_t _pi_act_prof_mbr_modify(pi_session_handle_t session_handle, pi_dev_i
     SCRIVEL_TRACE(6, "_pi_act_prof_mbr_modify", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " mbr_handle: ", mbr_handle,
                   " action_data: ", piActionDataToString(action_data));
-    assert(handleMgr()->memberHandleToEntryHandleHas(mbr_handle));
-    const EntryHandle handle = handleMgr()->memberHandleToEntryHandle(mbr_handle);
-    maybeThrowBatchEntryErrorException(handle);
+    const EntryHandle handle = writableMember(mbr_handle);
     TheTableImpl()->actionProfileMemberEntryAdd(
         act_prof_id, action_data->action_id, action_data->data_size, action_data->data, mbr_handle);
     cacheMember(act_prof_id, handle, *action_data);
@@ -184,9 +197,7 @@ pi_status_t _pi_act_prof_mbr_delete(pi_session_handle_t session_handle, pi_dev_i
   return entered([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_mbr_delete", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " mbr_handle: ", mbr_handle);
-    assert(handleMgr()->memberHandleToEntryHandleHas(mbr_handle));
-    const EntryHandle handle = handleMgr()->memberHandleToEntryHandle(mbr_handle);
-    maybeThrowBatchEntryErrorException(handle);
+    const EntryHandle handle = writableMember(mbr_handle);
     TheTableImpl()->actionProfileMemberEntryDelete(act_prof_id, mbr_handle);
     deleteCached({actionProfileResource, act_prof_id}, handle);
   });
@@ -218,9 +229,7 @@ pi_status_t _pi_act_prof_grp_delete(pi_session_handle_t session_handle, pi_dev_i
   return entered([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_delete", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle);
-    assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
-    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
-    maybeThrowBatchEntryErrorException(handle);
+    const EntryHandle handle = writableGroup(grp_handle);
     TheTableImpl()->actionProfileGroupEntryDelete(act_prof_id, grp_handle);
     deleteCached({groupTableResource, act_prof_id}, handle);
   });
@@ -233,9 +242,7 @@ pi_status_t _pi_act_prof_grp_add_mbr(pi_session_handle_t session_handle, pi_dev_
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_add_mbr", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
                   " mbr_handle: ", mbr_handle);
-    assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
-    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
-    maybeThrowBatchEntryErrorException(handle);
+    const EntryHandle handle = writableGroup(grp_handle);
     TheTableImpl()->actionProfileGroupAddMbr(act_prof_id, grp_handle, mbr_handle);
     cacheGroup(act_prof_id, handle);
   });
@@ -248,9 +255,7 @@ pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t session_handle, pi_d
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_remove_mbr", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
                   " mbr_handle: ", mbr_handle);
-    assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
-    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
-    maybeThrowBatchEntryErrorException(handle);
+    const EntryHandle handle = writableGroup(grp_handle);
     TheTableImpl()->actionProfileGroupDelMbr(act_prof_id, grp_handle, mbr_handle);
     cacheGroup(act_prof_id, handle);
   });
@@ -261,8 +266,7 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t session_handle, pi
   return entered([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_metadata_set", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle);
-    assert(handleMgr()->groupHandleToEntryHandleHas(grp_handle));
-    const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(grp_handle);
+    const EntryHandle handle = writableGroup(grp_handle);
     TheTableImpl()->actionProfileGroupTouch(act_prof_id, grp_handle);
     cacheGroupMetadata(act_prof_id, handle);
     TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
