@@ -45,6 +45,9 @@ void withNewHandle(EntryHandle handle, Body body) {
     // With the handle in it, the exception's handler puts all back and frees the handle.
     if (e.entryHandle == 0) handleMgr()->freeEntryHandle(handle);
     throw;
+  } catch (...) {
+    handleMgr()->freeEntryHandle(handle);
+    throw;
   }
 }
 
