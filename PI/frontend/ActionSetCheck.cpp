@@ -1,7 +1,10 @@
 // A one-shot action set of a table entry, checked against the P4Info.
 #include "PI/frontend/ActionSetCheck.h"
 
+#include <algorithm>
+
 #include "PI/frontend/ActionCodec.h"
+#include "PI/frontend/ByteString.h"
 #include "PI/frontend/GroupCheck.h"
 #include "PI/frontend/Indirect.h"
 #include "PI/frontend/Refusal.h"
@@ -38,6 +41,13 @@ void checkAction(const TablePlan& table, const p4::v1::Action& given) {
   encodeActionData(table, action, given, reinterpret_cast<uint8_t*>(scratch.data()));
 }
 
+bool isCanonical(const ProfilePlan& profile, const p4::v1::ActionProfileAction& element) {
+  const auto& params = element.action().params();
+  return isPortCanonical(profile, element.watch_port()) &&
+         std::all_of(params.begin(), params.end(),
+                     [](const auto& param) { return isShortest(param.value()); });
+}
+
 }  // namespace
 
 void checkActionSet(const TablePlan& table, const Set& set) {
@@ -49,7 +59,7 @@ void checkActionSet(const TablePlan& table, const Set& set) {
     const ElementText at{text, "element", weighed.members};
     checkAction(table, element.action());
     checkWeight(profile, at, element.weight());
-    checkWatchPort(profile, at, element.watch_port());
+    checkWatch(profile, at, element.watch(), element.watch_port());
     weighed.weights += repeats(element.weight());
     ++weighed.members;
   }
@@ -62,6 +72,20 @@ void checkActionSet(const TablePlan& table, const Set& set) {
            " add up to ", size, "; the program's max_group_size is ", profile.maxGroupSize);
   }
   checkRepeats(text, weighed);
+}
+
+std::string canonicalBytes(const ProfilePlan& profile, const Set& set) {
+  const auto& elements = set.action_profile_actions();
+  if (std::all_of(elements.begin(), elements.end(),
+                  [&](const auto& element) { return isCanonical(profile, element); })) {
+    return set.SerializeAsString();
+  }
+  Set canonical = set;
+  for (auto& element : *canonical.mutable_action_profile_actions()) {
+    for (auto& param : *element.mutable_action()->mutable_params()) shorten(param.mutable_value());
+    if (element.has_watch_port()) canonicalPortIs(profile, element.mutable_watch_port());
+  }
+  return canonical.SerializeAsString();
 }
 
 }  // namespace pi::fe::proto

@@ -39,6 +39,12 @@ std::string_view shortest(const uint8_t* data, size_t bytes) {
   return {reinterpret_cast<const char*>(data) + zeros, bytes - zeros};
 }
 
+void shorten(std::string* value) {
+  if (isShortest(*value)) return;
+  const size_t digits = significant(*value).size();
+  value->erase(0, value->size() - (digits == 0 ? 1 : digits));
+}
+
 std::string hexText(std::string_view value) {
   if (value.empty()) return "(empty)";
   std::string text = "0x";

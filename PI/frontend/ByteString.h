@@ -28,6 +28,9 @@ inline void setShortest(const uint8_t* data, size_t bytes, std::string* out) {
   out->assign(value.data(), value.size());
 }
 
+inline bool isShortest(std::string_view value) { return value.size() < 2 || value[0] != '\0'; }
+void shorten(std::string* value);  // to that form; an empty one stays so
+
 // "0x1f"; long values are cut, since error texts travel in small headers.
 std::string hexText(std::string_view value);
 

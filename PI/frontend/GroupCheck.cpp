@@ -1,6 +1,7 @@
 // An action profile group of an update.
 #include "PI/frontend/GroupCheck.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "PI/frontend/ByteString.h"
@@ -45,7 +46,7 @@ Weighed checkedMembers(const ProfilePlan& profile, const std::string& text,
              " is listed twice; use its weight instead");
     }
     checkWeight(profile, at, member.weight());
-    checkWatchPort(profile, at, member.watch_port());
+    checkWatch(profile, at, member.watch(), member.watch_port());
     weighed.weights += repeats(member.weight());
     ++weighed.members;
   }
@@ -67,6 +68,18 @@ std::string textOf(const ElementText& text) {
   return absl::StrCat(text.owner, ": ", text.kind, " ", text.number);
 }
 
+std::string canonicalBytes(const ProfilePlan& profile, const ActionProfileGroup& given) {
+  const bool canonical = std::all_of(
+      given.members().begin(), given.members().end(),
+      [&](const auto& member) { return isPortCanonical(profile, member.watch_port()); });
+  if (canonical) return given.SerializeAsString();
+  ActionProfileGroup group = given;
+  for (auto& member : *group.mutable_members()) {
+    if (member.has_watch_port()) canonicalPortIs(profile, member.mutable_watch_port());
+  }
+  return group.SerializeAsString();
+}
+
 }  // namespace
 
 void checkWeight(const ProfilePlan& profile, const ElementText& text, int32_t weight) {
@@ -86,12 +99,25 @@ void checkWeight(const ProfilePlan& profile, const ElementText& text, int32_t we
 }
 
 // Which ports there are is the forwarding plane's to know, and what controllers call them.
-void checkWatchPort(const ProfilePlan& profile, const ElementText& text, const std::string& port) {
+void checkWatch(const ProfilePlan& profile, const ElementText& text, int32_t watch,
+                const std::string& port) {
+  if (watch < 0) {
+    refuse(code::invalidArgument, textOf(text), " has the watch ", watch,
+           ", which is no port number; it must not be negative");
+  }
   if (port.empty() || profile.portsAreStrings) return;
   if (!fits(port, kPortBits) || significant(port).empty()) {
     refuse(code::invalidArgument, textOf(text), " has the watch_port ", hexText(port),
            ", which is no port number; leave it empty to watch none");
   }
+}
+
+bool isPortCanonical(const ProfilePlan& profile, const std::string& port) {
+  return profile.portsAreStrings || isShortest(port);
+}
+
+void canonicalPortIs(const ProfilePlan& profile, std::string* port) {
+  if (!profile.portsAreStrings) shorten(port);
 }
 
 void checkRepeats(const std::string& owner, const Weighed& weighed) {
@@ -118,7 +144,7 @@ CheckedUpdate checkedGroup(const P4InfoIndex& index, const ActionProfileGroup& g
   }
   checkMaxSize(profile, text, given.max_size());
   checkSize(profile, text, given.max_size(), checkedMembers(profile, text, given));
-  const std::string bytes = given.SerializeAsString();
+  const std::string bytes = canonicalBytes(profile, given);
   result.slot.entry = makeObject(id, bytes.size());
   std::memcpy(result.slot.entry->actionData(), bytes.data(), bytes.size());
   return result;

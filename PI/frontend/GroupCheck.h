@@ -31,7 +31,12 @@ struct ElementText {
 
 // Throws a Refusal (INVALID_ARGUMENT).
 void checkWeight(const ProfilePlan& profile, const ElementText& text, int32_t weight);
-void checkWatchPort(const ProfilePlan& profile, const ElementText& text, const std::string& port);
+void checkWatch(const ProfilePlan& profile, const ElementText& text, int32_t watch,
+                const std::string& port);
+
+// As the port is kept and read back: a number in its shortest form, or a string as it was given.
+bool isPortCanonical(const ProfilePlan& profile, const std::string& port);
+void canonicalPortIs(const ProfilePlan& profile, std::string* port);
 
 // Throws a Refusal (RESOURCE_EXHAUSTED) for what the target has no room for.
 void checkRepeats(const std::string& owner, const Weighed& weighed);

@@ -139,7 +139,7 @@ EntryPtr pointing(const TablePlan& table, const TableEntry& given, EntryKind kin
 EntryPtr oneShot(const TablePlan& table, const TableEntry& given) {
   const auto& set = given.action().action_profile_action_set();
   checkActionSet(table, set);
-  const std::string bytes = set.SerializeAsString();
+  const std::string bytes = canonicalBytes(*table.profile, set);
   const auto members = static_cast<size_t>(set.action_profile_actions_size());
   EntryPtr entry = made(table, given, EntryKind::actionSet, actionSetBytes(members, bytes.size()));
   actionSetIs(entry.get(), {0, std::vector<uint64_t>(members)}, bytes);

@@ -6,6 +6,7 @@ namespace {
 
 using p4::v1::TableEntry;
 using p4::v1::Update;
+using namespace std::string_literals;
 using test::oneShot;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -24,6 +25,14 @@ class OneShotTest : public FrontendTest {
     const Entries entries = found(test::query(test::kWcmp));
     EXPECT_THAT(entries, SizeIs(1));
     return entries.empty() ? TableEntry() : entries[0];
+  }
+  static TableEntry watching(TableEntry entry, const std::string& param, const std::string& port) {
+    auto* element =
+        entry.mutable_action()->mutable_action_profile_action_set()->mutable_action_profile_actions(
+            0);
+    element->mutable_action()->mutable_params(0)->set_value(param);
+    element->set_watch_port(port);
+    return entry;
   }
   void nothingIsLeft() const {
     EXPECT_THAT(target.rows(), IsEmpty());
@@ -49,6 +58,13 @@ TEST_F(OneShotTest, ComesAndGoesWithItsEntry) {
   EXPECT_THAT(target.lastCalls(), ElementsAre("", "delete group 1", "delete member 1",
                                               "delete member 2", "delete member 3"));
   nothingIsLeft();
+}
+
+TEST_F(OneShotTest, IsReadBackInShortestForm) {
+  const TableEntry shortest = watching(oneShot(1, {{5, 2}, {6, 1}}), "\x07", "\x05");
+  const TableEntry longer = watching(shortest, "\0\0\x07"s, "\0\x05"s);
+  ASSERT_EQ(inserted(longer).code(), code::ok);
+  EXPECT_THAT(standing(), EqualsProto(shortest));
 }
 
 TEST_F(OneShotTest, ChangesInPlaceWithTheFewestCalls) {

@@ -187,6 +187,8 @@ TEST(ProfileCheck, OfActionSets) {
        "weights add up to 17; the program's max_group_size is 16"},
       {"watch port", with(entry, [&](auto& e) { first(e)->set_watch_port("\0"s); }),
        code::invalidArgument, "watch_port"},
+      {"watch", with(entry, [&](auto& e) { first(e)->set_watch(-1); }), code::invalidArgument,
+       "element 0 has the watch -1"},
       {"picked by hash, by weights",
        with(entry,
             [&](auto& e) {

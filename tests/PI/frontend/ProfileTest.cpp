@@ -61,7 +61,9 @@ TEST_F(ProfileTest, MembersGroupsAndEntriesReachTargetAndReads) {
   watched.mutable_members(1)->set_watch(9);
   ASSERT_EQ(written({insert(one), insert(two)}).code(), code::ok);
   EXPECT_THAT(target.lastCalls(), ElementsAre("create member 1", "create member 2"));
-  ASSERT_EQ(inserted(watched).code(), code::ok);
+  p4::v1::ActionProfileGroup longer = watched;
+  longer.mutable_members(0)->set_watch_port(std::string("\0\x05", 2));
+  ASSERT_EQ(inserted(longer).code(), code::ok);
   EXPECT_THAT(target.lastCalls(), ElementsAre("create group 1", "add 2 to 1", "add 2 to 1",
                                               "add 2 to 1", "add 1 to 1"));
   EXPECT_EQ(target.batches().back()[0].metadata, watched.SerializeAsString());
