@@ -107,6 +107,9 @@ class SubscriberImpl final : public Subscriber {
   bool needSnapshot_ = true;
   std::map<uint32_t, const FollowedTable*> tables_;  // by number
   std::vector<std::unique_ptr<FollowedTable>> allTables_;
+  // Entries that are not programmed as the agent has them. One that dies may not have heard of it,
+  // or takes what it knew along; the next one hears it with a snapshot.
+  std::unordered_set<uint64_t> failed_;
 
   // The snapshot that is being reported on.
   bool inSnapshot_ = false;
@@ -173,6 +176,7 @@ void SubscriberImpl::sendAttach() {
                "); start the agent with this state directory";
     return;
   }
+  if (!failed_.empty()) needSnapshot_ = true;
   AttachMessage attach{needSnapshot_ ? 0 : sequence_, identity_, name_};
   if (!identityKnown_ || needSnapshot_) attach.identity = {};
   if (socket_.send(attach.encode()) != Socket::Sent::all) throw Detached{"the agent hung up"};
@@ -312,6 +316,7 @@ void SubscriberImpl::takeSnapshot(std::unique_ptr<Brine::Snapshot> snapshot, uin
   snapshot.reset();
 
   needSnapshot_ = false;
+  failed_.clear();
   inSnapshot_ = true;
   delivered_ = false;
   snapshotSequence_ = sequence;
@@ -397,6 +402,11 @@ void SubscriberImpl::passOn(const JournalChange& from) {
 
 void SubscriberImpl::report(uint64_t entryHandle, uint64_t sequence, uint16_t errorCode,
                             std::string_view message) {
+  if (errorCode != 0) {
+    failed_.insert(entryHandle);
+  } else if (!failed_.empty()) {
+    failed_.erase(entryHandle);
+  }
   if (!attached_) return;
   reports_.add({entryHandle, sequence, errorCode, message});
   if (inSnapshot_) unreported_.erase(sequence);

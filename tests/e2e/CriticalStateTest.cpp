@@ -1,4 +1,4 @@
-// A forwarder that goes silent, and the way back.
+// A forwarder that goes silent or keeps failing, and the way back.
 #include <gtest/gtest.h>
 
 #include "tests/e2e/Switch.h"
@@ -52,6 +52,25 @@ TEST(SilentForwarder, TimesTheBatchOutAndPutsTheSwitchIntoCriticalStateUntilReve
   ASSERT_EQ(reverted.exit.code, 0) << reverted.error;
   EXPECT_TRUE(tested.write(updates).ok());
   EXPECT_EQ(tested.disagreement(), "");
+}
+
+// The list of what fails went with the agent that kept it; the forwarder knows.
+TEST(FailingForwarder, IsStillHeardOfWhenTheAgentStartsAnew) {
+  Switch tested({.forwarder = {"--fail-table", "packet_type"}});  // its entries are constant
+  ASSERT_TRUE(tested.start());
+  const auto failedEntriesBecome = [&](const std::string& count) {
+    return waitUntil([&] {
+      return tested.agent.korvel({"status"}).output.find("failed entries             " + count) !=
+             std::string::npos;
+    });
+  };
+  EXPECT_TRUE(failedEntriesBecome("3"));
+  ASSERT_TRUE(tested.restartAgent());
+  EXPECT_TRUE(failedEntriesBecome("3"));
+  ASSERT_EQ(tested.forwarder.ctl({"clear"}).exit.code, 0);
+  ASSERT_TRUE(tested.restartAgent());
+  EXPECT_EQ(tested.disagreement(), "");
+  EXPECT_TRUE(failedEntriesBecome("0"));
 }
 
 }  // namespace

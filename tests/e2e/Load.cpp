@@ -78,6 +78,7 @@ void Load::run() {
 
 WriteOutcome Load::writeOnce() {
   const WriteOutcome outcome = switch_.controller().write(nextBatch());
+  if (!outcome.ok() && outcome.errors.empty()) return outcome;  // for broken() to find out
   for (size_t i = 0; i < order_.size(); ++i) {
     Things& right = outcome.code(i) == grpc::OK ? after_ : before_;
     Things& wrong = outcome.code(i) == grpc::OK ? before_ : after_;
