@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <thread>
 
 #include "tests/e2e/Load.h"
 
@@ -45,6 +46,35 @@ TEST(AgentKilled, UnderLoadKeepsWhatItAcknowledgedAndNothingByHalves) {
     // the one batch in flight taken back.
     const uint64_t sent = load.sentRows() - sentBefore;
     EXPECT_LE(tested.forwarder.programmedChanges() - programmedBefore, sent + load.lastBatchRows());
+  }
+}
+
+TEST(AgentKilled, WhileTablesFailKeepsEachUpdateWholeOrNotAtAll) {
+  const uint32_t seed = printedSeed();
+  std::mt19937 random(seed);
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  Load load(tested, seed);
+  for (int i = 0; i < 20; ++i) ASSERT_TRUE(load.writeOnce().ok());
+  const char* tables[] = {"ipv4_route",        "acl", "wcmp", "lag", "lag_selector.member",
+                          "lag_selector.group"};
+  for (int round = 0; round < 24; ++round) {
+    SCOPED_TRACE(testing::Message() << "round " << round);
+    const std::string failing = tables[random() % std::size(tables)];
+    ASSERT_EQ(tested.forwarder.ctl({"fail-table", failing}).exit.code, 0);
+    std::thread writer([&] {
+      for (WriteOutcome outcome; outcome.ok() || !outcome.errors.empty();) {
+        outcome = load.writeOnce();
+      }
+    });
+    waitForInstant(tested.agent.process(), random);
+    tested.agent.kill();
+    writer.join();
+    ASSERT_EQ(tested.forwarder.ctl({"clear"}).exit.code, 0);
+    ASSERT_TRUE(tested.startAgent());
+    ASSERT_TRUE(tested.connectController());
+    ASSERT_EQ(load.brokenApart(), "");
+    ASSERT_EQ(tested.disagreement(), "");
   }
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <numeric>
 
 using namespace TestSupport;
@@ -215,4 +216,24 @@ std::string Load::broken() {
     return without + with;
   }
   return "";
+}
+
+std::string Load::brokenApart() {
+  const View found = switch_.controllerView();
+  const auto stands = [&](const Things::value_type& thing) {
+    const View wanted = TestSupport::viewOf(switch_.pipeline(), {thing.second});
+    return std::includes(found.begin(), found.end(), wanted.begin(), wanted.end());
+  };
+  Things standing;
+  for (const Things* things : {&before_, &after_}) {
+    std::copy_if(things->begin(), things->end(), std::inserter(standing, standing.end()), stands);
+  }
+  std::string lost;
+  for (const auto& [number, thing] : before_) {
+    if (after_.contains(number) && !standing.contains(number)) {
+      lost += std::to_string(number) + " is lost\n";
+    }
+  }
+  before_ = after_ = standing;
+  return lost + difference("acknowledged or in flight", viewOf(standing), "read", found);
 }

@@ -39,6 +39,8 @@ class Load {
   // "" when the switch holds each thing as last acknowledged, and of the batch that was not
   // answered all updates or none; else what is wrong. Takes what is there for granted afterwards.
   std::string broken();
+  // The same update by update: some of the batch that was not answered may have failed.
+  std::string brokenApart();
   // The most rows that the updates sent may have changed, acknowledged or not; and those of the
   // last batch alone.
   uint64_t sentRows() const { return sentRows_; }
