@@ -119,6 +119,7 @@ std::optional<TableImpl::GroupMembers> TableImpl::groupMembers(const Table& tabl
                                                      groupId, tableInfo_->nameOf(table.rid)));
   }
   GroupMembers members(count);
+  if (count == 0) return members;  // without memory to copy to
   std::memcpy(members.data(), row->value.data() + sizeof count, count * sizeof(uint32_t));
   return members;
 }
