@@ -78,8 +78,9 @@ void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle, uint32
   record.key = {rid, P4HandleMgr::cachedHandle(handle)};
   record.groupId = groupId;
   record.groupHandle = record.key.entryHandle;
-  const auto members = groupMembers(requireTable(rid), record.groupHandle);
-  for (uint32_t i = 0; members && i < members->size(); ++i) record.membersIs(i, (*members)[i]);
+  if (const auto members = groupMembers(requireTable(rid), record.groupHandle)) {
+    record.members.elementsAre(std::vector<MemberHandle>(members->begin(), members->end()));
+  }
   groupCache_->cacheIs(record);
 }
 

@@ -89,8 +89,11 @@ PendingRecord& WriteSet::add(TableNumber table, Bytes key, uint64_t hash) {
 
 void WriteSet::sizeIs(PendingRecord& record, size_t size) {
   if (size > record.capacity || !record.valueBytes) {
-    record.valueBytes = arena_.allocate(size);
-    record.capacity = static_cast<uint32_t>(size);
+    // One that grows again and again must not leave a copy of each size behind.
+    const size_t room =
+        std::max<size_t>(size, std::min<size_t>(size_t{2} * record.capacity, UINT32_MAX));
+    record.valueBytes = arena_.allocate(room);
+    record.capacity = static_cast<uint32_t>(room);
   }
   record.valueSize = static_cast<uint32_t>(size);
 }

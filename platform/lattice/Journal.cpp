@@ -16,6 +16,7 @@ Scrivel::TraceHandle trace("LatticeJournal");
 constexpr size_t recordLimit = 1980;
 // Trimming a long journal is spread over commits.
 constexpr size_t trimmedPerCommit = 256;
+constexpr size_t bytesKept = size_t{16} << 20;
 
 }  // namespace
 
@@ -101,10 +102,7 @@ uint64_t Journal::add(uint32_t table, std::string_view key, std::string_view val
   if (*slot != 0) {
     Pending& former = pending_[*slot - 1];
     unchanged = unchanged && former.unchanged;
-    if (former.entryHandle == entryHandle && former.live) {
-      former.live = false;
-      --live_;
-    }
+    if (former.entryHandle == entryHandle && former.live) doReplace(*slot - 1);
   }
   const JournalChange change{nextSequence_,
                              entryHandle,
@@ -125,6 +123,15 @@ uint64_t Journal::add(uint32_t table, std::string_view key, std::string_view val
   *slot = static_cast<uint32_t>(pending_.size());
   ++live_;
   return nextSequence_++;
+}
+
+// The newest change leaves its place to the one that is to be added; a group that takes its members
+// one by one, each with a longer row, would otherwise fill the memory with rows nobody reads.
+void Journal::doReplace(size_t index) {
+  Pending& former = pending_[index];
+  former.live = false;
+  --live_;
+  if (former.at + size_t{former.size} == bytes_.size()) bytes_.resize(former.at);
 }
 
 void Journal::growIndex() {
@@ -214,6 +221,7 @@ void Journal::discarded() {
 
 void Journal::clear() {
   bytes_.clear();
+  if (bytes_.capacity() > bytesKept) bytes_.shrink_to_fit();
   pending_.clear();
   added_.clear();
   trimmed_ = 0;

@@ -66,6 +66,7 @@ class Journal {
   bool loadRecord(Brine::Bytes key, Brine::Bytes value);
   uint32_t* slotOf(uint32_t table, std::string_view key, uint64_t hash);
   std::string_view keyOf(const Pending& pending) const;
+  void doReplace(size_t index);
   void growIndex();
   void writeRecords();
   void trimRecords();

@@ -102,6 +102,13 @@ TEST_F(DatabaseTest, InABatchEveryCallIsReportedOnAndEachRowOnce) {
        [&] { routes->rowIs(route(1, 4), 101), routes->rowIs(route(1, 4), 101); }, 1, 0},
       {"equal twice", [&] { routes->rowIs(route(1, 4), 101), routes->rowIs(route(1, 4), 101); }, 1,
        1},
+      {"the newest again and again, another in between",
+       [&] {
+         for (const int to : {6, 7}) routes->rowIs(route(1, to), 101);
+         for (const int to : {6, 7}) routes->rowIs(route(3, to), 103);
+         for (const int to : {8, 9}) routes->rowIs(route(1, to), 101);
+       },
+       2, 0},
       {"added and deleted",
        [&] { routes->rowIs(route(5, 1), 105), routes->rowDel(route(5, 1).key, 105); }, 1, 0},
       {"deleted and added under another handle: both get a report",
