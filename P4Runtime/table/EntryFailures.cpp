@@ -5,12 +5,38 @@
 namespace P4Runtime {
 
 void EntryFailures::failureIs(EntryHandle handle, std::string text) {
+  if (const std::string* entry = undone(handle)) unremoved_[*entry] = handle;
   texts_[handle] = std::move(text);
   publishFrom(handle);
 }
 
 void EntryFailures::failureDel(EntryHandle handle) {
   if (texts_.erase(handle) > 0) publishFrom(handle);
+}
+
+void EntryFailures::undoneIs(EntryHandle handle, std::string text) {
+  if (undone_.size() == mostUndone) undone_.erase(undone_.begin());
+  undone_[handle] = std::move(text);
+}
+
+const std::string* EntryFailures::undone(EntryHandle handle) const {
+  const auto found = undone_.find(handle);
+  return found == undone_.end() ? nullptr : &found->second;
+}
+
+void EntryFailures::undoneDel(EntryHandle handle) {
+  const auto found = undone_.find(handle);
+  if (found == undone_.end()) return;
+  unremoved_.erase(found->second);
+  undone_.erase(found);
+}
+
+void EntryFailures::programmedIs(const std::string& text) {
+  const auto found = unremoved_.find(text);
+  if (found == unremoved_.end()) return;
+  const EntryHandle handle = found->second;
+  failureDel(handle);
+  undoneDel(handle);
 }
 
 // A forwarding agent that is full fails a hundred thousand entries in a row: what lies behind the

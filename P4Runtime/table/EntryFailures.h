@@ -1,5 +1,6 @@
 // Failures that forwarding agents reported when no batch was waiting for them (after a restart, in
-// a snapshot, for a constant entry). They stand until the entry is programmed or deleted.
+// a snapshot, for a constant entry, of the removal of what was taken back). They stand until the
+// entry is programmed or deleted.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +19,7 @@ class EntryFailures : public Vela::Entity {
   const char* typeName() const override { return "P4Runtime::EntryFailures"; }
 
   static constexpr size_t mostListed = 1000;
+  static constexpr size_t mostUndone = 10000;
 
   VELA_READONLY_ATTRIBUTE(uint64_t, failedEntries, 0)
   // The entries with table and key, one a line; the first thousand of them.
@@ -28,9 +30,21 @@ class EntryFailures : public Vela::Entity {
   void failureDel(EntryHandle handle);  // nothing when there is none
   bool empty() const { return texts_.empty(); }
 
+  // A new entry was taken back, and has no handle any more; `text` says which. The newest ones are
+  // remembered, as long as their removal may fail.
+  void undoneIs(EntryHandle handle, std::string text);
+  void undoneDel(EntryHandle handle);                   // it was removed
+  const std::string* undone(EntryHandle handle) const;  // null: it is none
+  // Whether the removal of any has failed. Once an entry of the same text is programmed, nothing is
+  // left of the former.
+  bool anyUnremoved() const { return !unremoved_.empty(); }
+  void programmedIs(const std::string& text);
+
  private:
   void publishFrom(EntryHandle handle);
   std::map<EntryHandle, std::string> texts_;
+  std::map<EntryHandle, std::string> undone_;
+  std::map<std::string, EntryHandle> unremoved_;  // by text
   size_t listed_ = 0;
   EntryHandle lastListed_ = 0;
 };

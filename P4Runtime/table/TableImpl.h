@@ -187,11 +187,13 @@ class TableImpl : public Vela::Entity {
   std::optional<EntryState> cachedState(const CacheKey& key) const;  // nothing without a record
   void cachedStateIs(const CacheKey& key, EntryState state);
   void doUpdateCachedEntryState(EntryHandle handle, bool abort);
+  void handleMended(EntryHandle handle);
   void restoreRow(EntryHandle handle, const PendingOperation& operation);
   void restoreRecord(EntryHandle handle, const PendingOperation& operation);
   void restoreTableRecord(const CacheKey& key, const PendingOperation& operation);
   void removeOrphanedRows();
-  std::vector<std::string> orphanedRows(const Lattice::ArTableInterface& interface);
+  std::vector<std::string> orphanedRows(const ResourceId& rid,
+                                        const Lattice::ArTableInterface& interface);
   void handleInitialized();
   void handleConstTablesProgrammed();
 

@@ -183,7 +183,7 @@ void TableImpl::doUpdateCachedEntryState(EntryHandle handle, bool abort) {
       isDeleted = operation.mapped().type == PendingOperationType::entryDelete;
     }
     TheBatchStatus()->pendingOperationDel(handle);  // of a constant entry, which nobody waits for
-    if (!failures_->empty()) failures_->failureDel(handle);
+    if (!failures_->empty()) handleMended(handle);
   }
   const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
   if (rid.type != tableResource) {
@@ -233,6 +233,7 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
     entriesRestored_ = true;
     SCRIVEL_TRACE(1, "TableImpl", " restore table entry for entryHandle: ", handle,
                   operation.type == PendingOperationType::entryAdd ? " add" : " delete");
+    if (operation.awaited && !operation.oldRow) failures_->undoneIs(handle, entryText(handle));
     if (operation.awaited) restoreRow(handle, operation);
     restoreRecord(handle, operation);
   }
@@ -282,17 +283,31 @@ void TableImpl::restoreTableRecord(const CacheKey& key, const PendingOperation& 
 }
 
 void TableImpl::handleStrayReport(const Lattice::Report& report) {
+  const EntryHandle handle = report.entryHandle;
   if (report.errorCode == 0) {
-    if (!failures_->empty()) failures_->failureDel(report.entryHandle);
+    if (!failures_->empty()) failures_->failureDel(handle);
+    failures_->undoneDel(handle);
     return;
   }
-  if (!handleMgr_->entryHandleToResourceIdHas(report.entryHandle)) return;
-  if (pendingOperations_.count(report.entryHandle) > 0) return;  // of an earlier write of it
-  failures_->failureIs(report.entryHandle,
-                       fmt::format("{}: error {} {}", entryText(report.entryHandle),
-                                   report.errorCode, report.message));
-  fmt::print(stderr, "korvel: the forwarding plane could not program {}: error {} {}\n",
-             entryText(report.entryHandle), report.errorCode, report.message);
+  if (pendingOperations_.count(handle) > 0) return;  // of an earlier write of it
+  std::string what;
+  if (handleMgr_->entryHandleToResourceIdHas(handle)) {
+    what = fmt::format("could not program {}", entryText(handle));
+  } else if (const std::string* text = failures_->undone(handle)) {
+    what = fmt::format("could not remove {}, which was taken back", *text);
+  } else {
+    return;  // nobody's
+  }
+  const std::string text = fmt::format("{}: error {} {}", what, report.errorCode, report.message);
+  failures_->failureIs(handle, text);
+  fmt::print(stderr, "korvel: the forwarding plane {}\n", text);
+}
+
+// Programmed or deleted: whatever failed before of the entry, also under a former handle.
+void TableImpl::handleMended(EntryHandle handle) {
+  failures_->failureDel(handle);
+  const bool isEntry = handleMgr_->entryHandleToResourceId(handle).type == tableResource;
+  if (isEntry && failures_->anyUnremoved()) failures_->programmedIs(entryText(handle));
 }
 
 std::string TableImpl::entryText(EntryHandle handle) const try {

@@ -229,19 +229,20 @@ void TableImpl::restoreTableCachedEntries() {
 void TableImpl::removeOrphanedRows() {
   for (const auto& [rid, interface] : tableInfo_->latticeTableInterfaceCollection().values()) {
     if (!interface->ready()) continue;
-    for (const std::string& key : orphanedRows(*interface)) interface->rowDel(key, 0);
+    for (const std::string& key : orphanedRows(rid, *interface)) interface->rowDel(key, 0);
   }
 }
 
 // A stored row begins with the handle of its entry.
-std::vector<std::string> TableImpl::orphanedRows(const Lattice::ArTableInterface& interface) {
+std::vector<std::string> TableImpl::orphanedRows(const ResourceId& rid,
+                                                 const Lattice::ArTableInterface& interface) {
   std::vector<std::string> keys;
   Brine::Store& store = database_->store();
   store.forEach(store.table("row/" + interface.tableName()),
                 [&](Brine::Bytes key, Brine::Bytes row) {
                   EntryHandle handle = 0;
                   if (row.size() >= sizeof handle) std::memcpy(&handle, row.data(), sizeof handle);
-                  if (!handleMgr_->entryHandleToResourceIdHas(handle)) {
+                  if (handleMgr_->entryHandleToResourceId(handle) != rid) {
                     keys.emplace_back(Brine::asText(key));
                   }
                   return true;

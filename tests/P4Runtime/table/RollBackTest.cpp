@@ -206,6 +206,29 @@ TEST_F(RollBackTest, FailureThatNoBatchWaitsForIsKeptUntilMended) {
   EXPECT_EQ(failures.failedEntries(), 0u);
 }
 
+// The entry has no handle any more, but the forwarding plane still has something of it.
+TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
+  const EntryFailures& failures = *agent().tableImpl->failures();
+  for (const bool removedLater : {true, false}) {
+    agent().begin();
+    agent().add(0, old_);
+    agent().end();
+    forwarder().ignoreNext();
+    EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+    const RowChange undoing = forwarder().next();
+    forwarder().failNext(ErrorCode::hardwareError, "stuck");
+    EXPECT_EQ(failures.failedEntries(), 1u);
+    EXPECT_THAT(failures.list(), testing::AllOf(testing::HasSubstr("could not remove table exact"),
+                                                testing::HasSubstr("error 3 stuck")));
+    if (removedLater) {
+      forwarder().report(undoing, ErrorCode::none);
+    } else {
+      agent().added(changed_);
+    }
+    EXPECT_EQ(failures.failedEntries(), 0u);
+  }
+}
+
 TEST(EntryFailures, ListsTheFirstThousand) {
   EntryFailures failures("failures");
   for (uint64_t handle = 5000; handle > 0; --handle)
