@@ -290,17 +290,17 @@ void TableImpl::handleStrayReport(const Lattice::Report& report) {
     return;
   }
   if (pendingOperations_.count(handle) > 0) return;  // of an earlier write of it
-  std::string what;
+  std::string entry;
   if (handleMgr_->entryHandleToResourceIdHas(handle)) {
-    what = fmt::format("could not program {}", entryText(handle));
+    entry = entryText(handle);
   } else if (const std::string* text = failures_->undone(handle)) {
-    what = fmt::format("could not remove {}, which was taken back", *text);
+    entry = *text + " (taken back, but not removed)";
   } else {
     return;  // nobody's
   }
-  const std::string text = fmt::format("{}: error {} {}", what, report.errorCode, report.message);
+  const std::string text = fmt::format("{}: error {} {}", entry, report.errorCode, report.message);
   failures_->failureIs(handle, text);
-  fmt::print(stderr, "korvel: the forwarding plane {}\n", text);
+  fmt::print(stderr, "korvel: the forwarding plane could not program {}\n", text);
 }
 
 // Programmed or deleted: whatever failed before of the entry, also under a former handle.

@@ -218,8 +218,8 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
     const RowChange undoing = forwarder().next();
     forwarder().failNext(ErrorCode::hardwareError, "stuck");
     EXPECT_EQ(failures.failedEntries(), 1u);
-    EXPECT_THAT(failures.list(), testing::AllOf(testing::HasSubstr("could not remove table exact"),
-                                                testing::HasSubstr("error 3 stuck")));
+    EXPECT_THAT(failures.list(), testing::AllOf(testing::HasSubstr("table exact, ether_type="),
+                                                testing::HasSubstr("not removed): error 3 stuck")));
     if (removedLater) {
       forwarder().report(undoing, ErrorCode::none);
     } else {
