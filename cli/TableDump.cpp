@@ -118,17 +118,16 @@ DumpedGroup groupOf(const DumpedRow& row) {
   return group;
 }
 
-// The controller's id stands in a cache record at `idAt`, the agent's handle at `handleAt`.
-template <typename Known>
-void addControllerIds(Brine::Snapshot& snapshot, const char* cache, size_t idAt, size_t handleAt,
-                      Known& known) {
+// Visits id and controller's id of what a cache has a record of. In a record the controller's id
+// stands at `idAt`, the agent's handle at `handleAt`.
+template <typename Visit>
+void eachCached(Brine::Snapshot& snapshot, const char* cache, size_t idAt, size_t handleAt,
+                const Visit& visit) {
   snapshot.forEach(cache, [&](Brine::Bytes, Brine::Bytes record) {
     if (record.size() < handleAt + sizeof(uint64_t)) return true;
     const auto handle = Lattice::loadAt<uint64_t>(record.data() + handleAt);
-    const auto found = known.find(static_cast<uint32_t>(handle));  // rows have the lower half
-    if (found != known.end()) {
-      found->second.controllerId = Lattice::loadAt<uint32_t>(record.data() + idAt);
-    }
+    // Rows have the lower half.
+    visit(static_cast<uint32_t>(handle), Lattice::loadAt<uint32_t>(record.data() + idAt));
     return true;
   });
 }
@@ -145,8 +144,14 @@ DumpedProfiles profilesIn(Brine::Snapshot& snapshot, const std::vector<DumpedTab
               [&](const DumpedRow& row) { profiles.groups[profileId(row)] = groupOf(row); });
     }
   }
-  addControllerIds(snapshot, memberCache, 20, 24, profiles.members);
-  addControllerIds(snapshot, groupCache, 16, 20, profiles.groups);
+  eachCached(snapshot, memberCache, 20, 24, [&](uint32_t id, uint32_t controllerId) {
+    const auto found = profiles.members.find(id);
+    if (found != profiles.members.end()) found->second.controllerId = controllerId;
+  });
+  // A group that has had no members yet has no row, and is there all the same.
+  eachCached(snapshot, groupCache, 16, 20, [&](uint32_t id, uint32_t controllerId) {
+    profiles.groups[id].controllerId = controllerId;
+  });
   return profiles;
 }
 

@@ -39,9 +39,13 @@ void* piServiceThreadMain(void* arg) {
   const auto* piServer = static_cast<const KorvelPiServer*>(arg);
   assert(piServer);
   const std::string address = piServer->serverAddressPortStr();
+  // Any free port would be served, and neither controllers nor the agent itself would find it.
+  const bool hasPort = piServer->piServerPort() != 0;
   serverThreadHasArguments.release();
-  if (PIGrpcServerRunAddr(address.c_str()) != 0) {
-    std::fprintf(stderr, "korvel: %s\n", PIGrpcServerLastError());
+  if (!hasPort || PIGrpcServerRunAddr(address.c_str()) != 0) {
+    std::fprintf(
+        stderr, "korvel: %s\n",
+        hasPort ? PIGrpcServerLastError() : "grpcServerPort is 0; choose a port from 1 to 65535");
     Scrivel::flush();
     _exit(1);  // other threads are running: no destructors
   }

@@ -182,7 +182,7 @@ class TableImpl : public Vela::Entity {
   void rememberRecord(EntryHandle handle, PendingOperation& operation) const;
   CacheKey cacheKey(EntryHandle handle) const;
   std::optional<Brine::Bytes> storedRecord(const CacheKey& key) const;
-  void recordDel(EntryHandle handle);
+  void recordDel(const CacheKey& key);
   std::string profileObjectText(EntryHandle handle) const;
   std::optional<EntryState> cachedState(const CacheKey& key) const;  // nothing without a record
   void cachedStateIs(const CacheKey& key, EntryState state);

@@ -104,7 +104,7 @@ std::string TableImpl::cachedMetadata(const CacheKey& key) const {
 
 void TableImpl::deleteCachedEntry(const ResourceId& rid, EntryHandle handle) {
   if (rid.type != tableResource) {
-    recordDel(handle);  // the pending operation has a copy
+    recordDel({rid, P4HandleMgr::cachedHandle(handle)});  // the pending operation has a copy
     cachedMetadataIs(rid, handle, {});
     return;
   }
@@ -136,8 +136,7 @@ std::optional<Brine::Bytes> TableImpl::storedRecord(const CacheKey& key) const {
   return tableCache_->stored(key);
 }
 
-void TableImpl::recordDel(EntryHandle handle) {
-  const CacheKey key = cacheKey(handle);
+void TableImpl::recordDel(const CacheKey& key) {
   if (!tableCache_) return;
   if (key.rid.type == actionProfileResource) {
     memberCache_->cacheDel(key);
@@ -152,7 +151,7 @@ void TableImpl::recordDel(EntryHandle handle) {
 }
 
 void TableImpl::rememberRecord(EntryHandle handle, PendingOperation& operation) const {
-  const CacheKey key = cacheKey(handle);
+  const CacheKey key{operation.rid, P4HandleMgr::cachedHandle(handle)};
   if (const auto stored = storedRecord(key)) {
     operation.oldRecord = std::string(Brine::asText(*stored));
   }
@@ -171,30 +170,30 @@ void TableImpl::updateCachedEntryState(EntryHandle handle, bool abort) try {
 }
 
 void TableImpl::doUpdateCachedEntryState(EntryHandle handle, bool abort) {
-  std::string written;
-  bool isDeleted = false;
+  PendingOperation done;
   if (abort) {
     SCRIVEL_TRACE(1, "TableImpl", " restoring old entry for entryHandle: ", handle);
     if (handleMgr_->entryHandleToResourceIdHas(handle)) restoreTableEntryOnFailure(handle);
   } else {
     SCRIVEL_TRACE(7, "TableImpl", " erasing entryHandle: ", handle, " on success");
     if (const auto operation = pendingOperations_.extract(handle)) {
-      written = std::move(operation.mapped().newRecord);
-      isDeleted = operation.mapped().type == PendingOperationType::entryDelete;
+      done = std::move(operation.mapped());
     }
     TheBatchStatus()->pendingOperationDel(handle);  // of a constant entry, which nobody waits for
     if (!failures_->empty()) handleMended(handle);
   }
-  const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
+  const bool known = done.rid.type != 0;
+  const ResourceId rid = known ? done.rid : handleMgr_->entryHandleToResourceId(handle);
   if (rid.type != tableResource) {
     SCRIVEL_TRACE(6, "TableImpl", "Entry handle: ", handle, " already deleted?");
-    if (isDeleted) entryCacheDel(rid, handle);  // of a member or group: only the handle is left
+    // Of a member or group only the handle is left.
+    if (done.type == PendingOperationType::entryDelete) entryCacheDel(rid, handle);
     return;
   }
-  if (!written.empty() && tableCache_) {
+  if (!done.newRecord.empty() && tableCache_) {
     const EntryState stable = EntryState::stable;
-    std::memcpy(written.data() + TableCacheEntry::stateAt, &stable, sizeof stable);
-    tableCache_->storedIs({rid, handle}, Brine::asBytes(written));
+    std::memcpy(done.newRecord.data() + TableCacheEntry::stateAt, &stable, sizeof stable);
+    tableCache_->storedIs({rid, handle}, Brine::asBytes(done.newRecord));
     return;
   }
   const auto state = cachedState({rid, handle});
@@ -215,7 +214,7 @@ void TableImpl::entryCacheDel(const ResourceId& rid, EntryHandle handle) {
     SCRIVEL_TRACE(1, "TableImpl", " Entry handle: ", handle, " is not mapped to a riod");
     return;
   }
-  recordDel(handle);
+  recordDel({rid, P4HandleMgr::cachedHandle(handle)});
   cachedMetadataIs(rid, handle, {});
   failures_->failureDel(handle);
   handleMgr_->freeEntryHandle(handle);
@@ -258,7 +257,7 @@ void TableImpl::restoreRecord(EntryHandle handle, const PendingOperation& operat
   const CacheKey key = cacheKey(handle);
   const auto stored = storedRecord(key);
   if (!operation.oldRecord) {
-    if (stored) recordDel(handle);
+    if (stored) recordDel(key);
   } else if (key.rid.type == tableResource) {
     restoreTableRecord(key, operation);
   } else if (!stored || Brine::asText(*stored) != *operation.oldRecord) {

@@ -47,6 +47,7 @@ class TableDumpTest : public testing::Test {
     cache("actionProfileMember", key + little(7, 4) + little(0, 4) + little(5, 8) + little(0, 4));
     cache("actionProfileGroup", key + little(100, 4) + little(1ULL << 32 | 2, 8) + little(0, 4));
     cache("actionProfileGroup", key + little(0, 4) + little(1ULL << 32 | 6, 8) + little(0, 4));
+    cache("actionProfileGroup", key + little(101, 4) + little(1ULL << 32 | 9, 8) + little(0, 4));
     cache("actionProfileGroup", "torn");
     store_->commit();
   }
@@ -116,6 +117,7 @@ TEST_F(TableDumpTest, EntriesOfAProfileShowWhereTheyLead) {
        R"("leadsTo":{"group":2,"controllerId":100,"members":[)"},
       {6, true, "-> group 6 (one-shot: members 5 x1) ", R"("group":6,"oneShot":true)"},
       {7, true, "-> group 7 (empty) ", R"("leadsTo":{"group":7,"members":[]})"},
+      {9, true, "-> group 9 (empty) ", R"("leadsTo":{"group":9,"controllerId":101,"members":[]})"},
       {3, true, "-> group 3 (which is not there) ", R"("leadsTo":{"group":3})"},
       {3, false, "-> member 3 (out port=80) ", R"("leadsTo":{"member":3,"controllerId":17,)"},
       {5, false, "-> member 5 (one-shot: out port=81) ", R"("oneShot":true)"},
