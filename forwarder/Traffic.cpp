@@ -280,8 +280,10 @@ void Traffic::handleDangling(const char* kind, uint32_t id, const PlannedTable& 
   ++counts.dangling;
   if (id == danglingId_ && !stats_.newestDangling.empty()) return;
   danglingId_ = id;
+  // A group gets its row with its first member.
   stats_.newestDangling =
-      fmt::format("{} {}, met in table {}, is not there", kind, id, table.table->name());
+      fmt::format("{} {}, met in table {}, is not there{}", kind, id, table.table->name(),
+                  kind == std::string_view("group") ? ", or has had no members yet" : "");
 }
 
 // Members and groups come and go; their counts do not stay for ever.

@@ -67,6 +67,15 @@ TEST(AgentStart, RefusesAnAddressInUseInOneLine) {
   close(taken);
 }
 
+TEST(AgentStart, RefusesToServeWhereNobodyWouldFindIt) {
+  const TempDir directory;
+  AgentProcess agent({.stateDirectory = directory.file("state"),
+                      .configuration = R"({"p4runtime/config/system": {"grpcServerPort": 0}})"});
+  agent.start();
+  EXPECT_EQ(agent.process().exitStatus(), (ExitStatus{.code = 1})) << agent.output();
+  EXPECT_THAT(agent.output(), HasSubstr("grpcServerPort is 0; choose a port"));
+}
+
 TEST(AgentStart, RefusesABadConfigurationInOneLine) {
   const struct {
     const char* what;
