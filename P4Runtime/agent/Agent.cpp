@@ -182,7 +182,9 @@ void Agent::doPublish() {
   database.entityIs("p4runtime/tableInfo", p4TableInfo());
   database.entityIs("p4runtime/batchStatus", batchStatus());
   database.entityIs("p4runtime/piServer", piServer());
-  changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe([this] { doUpdateStatus(); }));
+  const auto update = [this] { doUpdateStatus(); };
+  changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe(update));
+  changes_.push_back(piServer()->serverReadyAttribute().observe(update));
   statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] { doUpdateStatus(); });
   statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
 }

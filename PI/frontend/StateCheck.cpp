@@ -99,6 +99,7 @@ void StateCheck::prepareGroup(const CheckedUpdate& update, const Entry* former) 
 void StateCheck::prepareEntry(CheckedUpdate* update) const {
   Entry* entry = update->slot.entry.get();
   if (entry->kind == EntryKind::actionSet) return requireNoObjects(*update);
+  requireNoActionSets(*update);
   const uint32_t profileId = update->profile->id;
   for (const ObjectId& object : references(profileId, *entry)) {
     const ObjectLookup lookup(object);
@@ -122,9 +123,9 @@ void StateCheck::requireUnused(const CheckedUpdate& update) const {
 void StateCheck::requireNoActionSets(const CheckedUpdate& update) const {
   const uint64_t others = use_.total(update.profile->id).actionSets;
   if (others == 0) return;
-  refuse(code::invalidArgument, updateText(update), ": ", others,
-         " table entries of the profile have one-shot action sets; delete those first, or use "
-         "action sets only");
+  refuse(code::invalidArgument, updateText(update), ": the profile is used by ", others,
+         others == 1 ? " table entry" : " table entries",
+         " with one-shot action sets; delete those first, or use action sets only");
 }
 
 void StateCheck::requireNoObjects(const CheckedUpdate& update) const {

@@ -158,7 +158,7 @@ TEST_F(OneShotTest, DoesNotMixWithMembersAndGroups) {
                                  test::update(Update::INSERT, test::group(1, {}))});
   EXPECT_THAT(test::codesOf(status), ElementsAre(code::invalidArgument, code::invalidArgument));
   EXPECT_THAT(test::errorsOf(status)[0].message(),
-              HasSubstr("1 table entries of the profile have one-shot action sets"));
+              HasSubstr("used by 1 table entry with one-shot action sets"));
   EXPECT_EQ(inserted(test::member(1, 1, test::kPlainNexthops)).code(), code::ok);
   EXPECT_EQ(written({test::update(Update::DELETE, oneShot(1, {})),
                      test::update(Update::INSERT, test::member(1, 1))})
