@@ -144,7 +144,11 @@ void Agent::doFollowReports() {
       [this](const Lattice::Report& report) { tableImpl()->handleStrayReport(report); });
   tables_->observerIs({
       .reports = [this](auto reports) { batchStatus()->reportsAre(reports); },
-      .inStep = [this](uint64_t sequence) { batchStatus()->inStepIs(sequence); },
+      .inStep =
+          [this](uint64_t sequence) {
+            batchStatus()->inStepIs(sequence);
+            tableImpl()->handleInStep(sequence);
+          },
   });
 }
 

@@ -14,20 +14,20 @@ void EntryFailures::failureDel(EntryHandle handle) {
   if (texts_.erase(handle) > 0) publishFrom(handle);
 }
 
-void EntryFailures::undoneIs(EntryHandle handle, std::string text) {
-  if (undone_.size() == mostUndone) undone_.erase(undone_.begin());
-  undone_[handle] = std::move(text);
+void EntryFailures::undoneIs(EntryHandle handle, std::string text, uint64_t sequence) {
+  if (undone_.size() == mostUndone) undoneDel(undone_.begin()->first);
+  undone_[handle] = {std::move(text), sequence};
 }
 
 const std::string* EntryFailures::undone(EntryHandle handle) const {
   const auto found = undone_.find(handle);
-  return found == undone_.end() ? nullptr : &found->second;
+  return found == undone_.end() ? nullptr : &found->second.text;
 }
 
 void EntryFailures::undoneDel(EntryHandle handle) {
   const auto found = undone_.find(handle);
   if (found == undone_.end()) return;
-  unremoved_.erase(found->second);
+  unremoved_.erase(found->second.text);
   undone_.erase(found);
 }
 
@@ -37,6 +37,16 @@ void EntryFailures::programmedIs(const std::string& text) {
   const EntryHandle handle = found->second;
   failureDel(handle);
   undoneDel(handle);
+}
+
+void EntryFailures::inStepIs(uint64_t sequence) {
+  for (auto next = undone_.begin(); next != undone_.end();) {
+    const EntryHandle handle = next->first;
+    const bool settled = next++->second.sequence <= sequence;
+    if (!settled) continue;
+    failureDel(handle);
+    undoneDel(handle);
+  }
 }
 
 // A forwarding agent that is full fails a hundred thousand entries in a row: what lies behind the

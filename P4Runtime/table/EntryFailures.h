@@ -30,20 +30,26 @@ class EntryFailures : public Vela::Entity {
   void failureDel(EntryHandle handle);  // nothing when there is none
   bool empty() const { return texts_.empty(); }
 
-  // A new entry was taken back, and has no handle any more; `text` says which. The newest ones are
-  // remembered, as long as their removal may fail.
-  void undoneIs(EntryHandle handle, std::string text);
+  // A new entry was taken back by the change `sequence`, and has no handle any more; `text` says
+  // which. The newest ones are remembered, as long as their removal may fail.
+  void undoneIs(EntryHandle handle, std::string text, uint64_t sequence);
   void undoneDel(EntryHandle handle);                   // it was removed
   const std::string* undone(EntryHandle handle) const;  // null: it is none
   // Whether the removal of any has failed. Once an entry of the same text is programmed, nothing is
   // left of the former.
   bool anyUnremoved() const { return !unremoved_.empty(); }
   void programmedIs(const std::string& text);
+  // All forwarding agents hold just what stood in the tables at `sequence`, or later.
+  void inStepIs(uint64_t sequence);
 
  private:
+  struct Undone {
+    std::string text;
+    uint64_t sequence = 0;
+  };
   void publishFrom(EntryHandle handle);
   std::map<EntryHandle, std::string> texts_;
-  std::map<EntryHandle, std::string> undone_;
+  std::map<EntryHandle, Undone> undone_;
   std::map<std::string, EntryHandle> unremoved_;  // by text
   size_t listed_ = 0;
   EntryHandle lastListed_ = 0;

@@ -136,6 +136,8 @@ class TableImpl : public Vela::Entity {
 
   // A report that no batch was waiting for: keeps a failure, and forgets one that has been mended.
   void handleStrayReport(const Lattice::Report& report);
+  // Every forwarding agent has taken a snapshot that shows `sequence`.
+  void handleInStep(uint64_t sequence);
   // What forwarding agents reported as failed when no batch was waiting for it.
   const Vela::Ptr<EntryFailures>& failures() const { return failures_; }
   // "table ingress.ipv4, ipv4_dst=10.0.0.0/8"; for messages and the list of failures.
@@ -188,7 +190,7 @@ class TableImpl : public Vela::Entity {
   void cachedStateIs(const CacheKey& key, EntryState state);
   void doUpdateCachedEntryState(EntryHandle handle, bool abort);
   void handleMended(EntryHandle handle);
-  void restoreRow(EntryHandle handle, const PendingOperation& operation);
+  uint64_t restoreRow(EntryHandle handle, const PendingOperation& operation);
   void restoreRecord(EntryHandle handle, const PendingOperation& operation);
   void restoreTableRecord(const CacheKey& key, const PendingOperation& operation);
   void removeOrphanedRows();

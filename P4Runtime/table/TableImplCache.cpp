@@ -232,22 +232,22 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
     entriesRestored_ = true;
     SCRIVEL_TRACE(1, "TableImpl", " restore table entry for entryHandle: ", handle,
                   operation.type == PendingOperationType::entryAdd ? " add" : " delete");
-    if (operation.awaited && !operation.oldRow) failures_->undoneIs(handle, entryText(handle));
-    if (operation.awaited) restoreRow(handle, operation);
+    const bool vanishes = operation.awaited && !operation.oldRow;
+    std::string text = vanishes ? entryText(handle) : std::string();
+    const uint64_t sequence = operation.awaited ? restoreRow(handle, operation) : 0;
+    if (vanishes) failures_->undoneIs(handle, std::move(text), sequence);
     restoreRecord(handle, operation);
   }
   // A new entry that was refused before it had a record leaves no handle behind either.
   if (!storedRecord(cacheKey(handle))) handleMgr_->freeEntryHandle(handle);
 }
 
-void TableImpl::restoreRow(EntryHandle handle, const PendingOperation& operation) {
+// Answers the sequence number of the change; 0: there was none.
+uint64_t TableImpl::restoreRow(EntryHandle handle, const PendingOperation& operation) {
   const auto& interface = tableInfo_->latticeTableInterface(operation.rid);
-  if (!interface || !interface->ready()) return;
-  if (operation.oldRow) {
-    interface->rowIs(*operation.oldRow, handle);
-  } else {
-    interface->rowDel(operation.newRow ? operation.newRow->key : operation.rowKey, handle);
-  }
+  if (!interface || !interface->ready()) return 0;
+  if (operation.oldRow) return interface->rowIs(*operation.oldRow, handle);
+  return interface->rowDel(operation.newRow ? operation.newRow->key : operation.rowKey, handle);
 }
 
 // A store that took nothing of the batch has the former record still: it is not written again, for
@@ -301,6 +301,8 @@ void TableImpl::handleStrayReport(const Lattice::Report& report) {
   failures_->failureIs(handle, text);
   fmt::print(stderr, "korvel: the forwarding plane could not program {}\n", text);
 }
+
+void TableImpl::handleInStep(uint64_t sequence) { failures_->inStepIs(sequence); }
 
 // Programmed or deleted: whatever failed before of the entry, also under a former handle.
 void TableImpl::handleMended(EntryHandle handle) {

@@ -209,7 +209,7 @@ TEST_F(RollBackTest, FailureThatNoBatchWaitsForIsKeptUntilMended) {
 // The entry has no handle any more, but the forwarding plane still has something of it.
 TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
   const EntryFailures& failures = *agent().tableImpl->failures();
-  for (const bool removedLater : {true, false}) {
+  for (const char* mended : {"removed later", "swept with a snapshot", "written over"}) {
     agent().begin();
     agent().add(0, old_);
     agent().end();
@@ -220,12 +220,12 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
     EXPECT_EQ(failures.failedEntries(), 1u);
     EXPECT_THAT(failures.list(), testing::AllOf(testing::HasSubstr("table exact, ether_type="),
                                                 testing::HasSubstr("not removed): error 3 stuck")));
-    if (removedLater) {
-      forwarder().report(undoing, ErrorCode::none);
-    } else {
-      agent().added(changed_);
-    }
-    EXPECT_EQ(failures.failedEntries(), 0u);
+    agent().tableImpl->handleInStep(undoing.sequence - 1);
+    EXPECT_EQ(failures.failedEntries(), 1u) << "a snapshot from before";
+    if (mended[0] == 'r') forwarder().report(undoing, ErrorCode::none);
+    if (mended[0] == 's') agent().tableImpl->handleInStep(undoing.sequence);
+    if (mended[0] == 'w') agent().added(changed_);
+    EXPECT_EQ(failures.failedEntries(), 0u) << mended;
   }
 }
 
