@@ -25,6 +25,14 @@ std::string_view actionBytes(const Entry& entry, size_t from) {
   return {reinterpret_cast<const char*>(entry.actionData()) + from, entry.actionSize() - from};
 }
 
+// A message that is parsed into again keeps the memory of its elements, which is most of the cost.
+template <typename Message>
+const Message& peeked(std::string_view bytes) {
+  thread_local Message message;
+  message.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
+  return message;
+}
+
 }  // namespace
 
 ObjectLookup::ObjectLookup(const ObjectId& object) {
@@ -101,12 +109,20 @@ p4::v1::ActionProfileActionSet actionSet(const Entry& entry) {
   return set;
 }
 
+const p4::v1::ActionProfileActionSet& peekedActionSet(const Entry& entry) {
+  return peeked<p4::v1::ActionProfileActionSet>(serializedActionSet(entry));
+}
+
 std::string_view serializedGroup(const Entry& group) { return actionBytes(group, 0); }
 
 p4::v1::ActionProfileGroup group(const Entry& group) {
   p4::v1::ActionProfileGroup result;
   result.ParseFromArray(group.actionData(), static_cast<int>(group.actionSize()));
   return result;
+}
+
+const p4::v1::ActionProfileGroup& peekedGroup(const Entry& group) {
+  return peeked<p4::v1::ActionProfileGroup>(serializedGroup(group));
 }
 
 EntryPtr entryAs(const Entry& entry, EntryKind kind, size_t actionSize) {
@@ -129,8 +145,7 @@ ObjectIds references(uint32_t profileId, const Entry& entry) {
     result.push_back({profileId, entry.kind == EntryKind::toGroup, reference(entry).id});
   }
   if (entry.kind == EntryKind::groupObject) {
-    const p4::v1::ActionProfileGroup listed = group(entry);
-    for (const auto& member : listed.members()) {
+    for (const auto& member : peekedGroup(entry).members()) {
       result.push_back({profileId, false, member.member_id()});
     }
   }

@@ -70,10 +70,13 @@ std::string_view serializedActionSet(const Entry& entry);
 // The entry was made with room for exactly that.
 void actionSetIs(Entry* entry, const HiddenHandles& handles, std::string_view serialized);
 p4::v1::ActionProfileActionSet actionSet(const Entry& entry);
+// To look into for a moment: good until the next call of the same function on this thread.
+const p4::v1::ActionProfileActionSet& peekedActionSet(const Entry& entry);
 
 // Of a group object.
 std::string_view serializedGroup(const Entry& group);
 p4::v1::ActionProfileGroup group(const Entry& group);
+const p4::v1::ActionProfileGroup& peekedGroup(const Entry& group);  // as peekedActionSet()
 
 // How often an element with this weight stands in the group as the target has it.
 inline uint32_t repeats(int32_t weight) { return weight > 0 ? static_cast<uint32_t>(weight) : 1; }

@@ -20,9 +20,9 @@ uint64_t sizeTaken(const ProfilePlan& profile, const Entry& entry) {
     case EntryKind::memberObject:
       return profile.withSelector ? 0 : 1;
     case EntryKind::groupObject:
-      return sizeOf(profile, group(entry).members());
+      return sizeOf(profile, peekedGroup(entry).members());
     case EntryKind::actionSet:
-      return sizeOf(profile, actionSet(entry).action_profile_actions());
+      return sizeOf(profile, peekedActionSet(entry).action_profile_actions());
     default:
       return 0;
   }

@@ -89,8 +89,8 @@ void StateCheck::prepareGroup(const CheckedUpdate& update, const Entry* former) 
            "; insert it first");
   }
   if (former == nullptr) return;
-  const int32_t inserted = group(*former).max_size();
-  const int32_t given = group(entry).max_size();
+  const int32_t inserted = peekedGroup(*former).max_size();
+  const int32_t given = peekedGroup(entry).max_size();
   if (given == inserted) return;
   refuse(code::invalidArgument, updateText(update), ": max_size is ", given, "; it was inserted ",
          "with ", inserted, ", which cannot change");

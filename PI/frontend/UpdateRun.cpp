@@ -46,8 +46,7 @@ std::vector<Share> sharesOf(const EntryStore& store, uint32_t profileId, const E
     share(member.member_id()).after = repeats(member.weight());
   }
   if (former == nullptr) return shares;
-  const ActionProfileGroup before = group(*former);
-  for (const auto& member : before.members()) {
+  for (const auto& member : peekedGroup(*former).members()) {
     share(member.member_id()).before = repeats(member.weight());
   }
   return shares;
