@@ -17,7 +17,9 @@ namespace {
 
 constexpr uint32_t kPortBits = 32;
 
-void checkMaxSize(const ProfilePlan& profile, const std::string& text, int32_t maxSize) {
+// A MODIFY has to repeat what was inserted, which is for others to check.
+void checkMaxSize(const ProfilePlan& profile, const std::string& text, int32_t maxSize,
+                  p4::v1::Update::Type type) {
   if (maxSize < 0) {
     refuse(code::invalidArgument, text, ": max_size is ", maxSize, "; it must not be negative");
   }
@@ -26,7 +28,7 @@ void checkMaxSize(const ProfilePlan& profile, const std::string& text, int32_t m
     refuse(code::invalidArgument, text, ": max_size is ", given,
            "; the program's max_group_size is ", profile.maxGroupSize);
   }
-  if (given > kMaxRepeats) {
+  if (given > kMaxRepeats && type == p4::v1::Update::INSERT) {
     refuse(code::resourceExhausted, text, ": max_size is ", given, "; groups of more than ",
            kMaxRepeats, " are not supported");
   }
@@ -142,7 +144,7 @@ CheckedUpdate checkedGroup(const P4InfoIndex& index, const ActionProfileGroup& g
     result.slot.entry = makeObject(id, 0);
     return result;
   }
-  checkMaxSize(profile, text, given.max_size());
+  checkMaxSize(profile, text, given.max_size(), type);
   checkSize(profile, text, given.max_size(), checkedMembers(profile, text, given));
   const std::string bytes = canonicalBytes(profile, given);
   result.slot.entry = makeObject(id, bytes.size());
