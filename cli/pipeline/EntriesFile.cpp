@@ -17,7 +17,6 @@
 namespace Cli {
 namespace {
 
-using p4::config::v1::Action;
 using p4::config::v1::MatchField;
 using p4::config::v1::Table;
 

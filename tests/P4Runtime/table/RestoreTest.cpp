@@ -8,7 +8,6 @@ namespace P4Runtime {
 namespace {
 
 using namespace TestSupport;
-using testing::ElementsAre;
 
 class RestoreTest : public AgentTest {
  protected:

@@ -8,7 +8,6 @@ namespace pi::fe::proto {
 namespace {
 
 using p4::config::v1::ActionProfile;
-using p4::config::v1::DirectMeter;
 using p4::config::v1::MeterSpec;
 using p4::config::v1::P4Info;
 using p4::v1::Update;

@@ -10,7 +10,6 @@ namespace {
 using p4::v1::TableEntry;
 using p4::v1::Update;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 class ReadTest : public FrontendTest {

@@ -12,7 +12,6 @@
 namespace pi::fe::proto {
 namespace {
 
-using p4::v1::FieldMatch;
 using p4::v1::TableEntry;
 using p4::v1::Update;
 using testing::HasSubstr;
