@@ -27,7 +27,7 @@ std::string whyKeyDiffers(const FieldBitwidths& widths, const Lattice::TableType
     if (column.role == ColumnRole::priority) continue;
     if (slot >= widths.slots()) return fmt::format("its type has column {} too many", column.name);
     const bool prefix = widths.fieldIsIpPrefix(slot);
-    const std::string why = whySizeDiffers(column, widths.fieldBitwidth(slot), prefix);
+    std::string why = whySizeDiffers(column, widths.fieldBitwidth(slot), prefix);
     if (!why.empty()) return why;
     slot += prefix ? 2 : 1;
   }
@@ -42,7 +42,7 @@ std::string whyActionDiffers(const FieldBitwidths& widths, const Lattice::Action
                        action.fields.size(), widths.slots());
   }
   for (uint32_t slot = 0; slot < widths.slots(); ++slot) {
-    const std::string why = whySizeDiffers(action.fields[slot], widths.fieldBitwidth(slot), false);
+    std::string why = whySizeDiffers(action.fields[slot], widths.fieldBitwidth(slot), false);
     if (!why.empty()) return fmt::format("action {}: {}", action.name, why);
   }
   return {};
@@ -77,15 +77,15 @@ std::string whyMemberDiffers(const Lattice::TableType& type) {
 std::string whyTypeDisagrees(const P4TableInfo& tableInfo, ResourceId table,
                              const Lattice::TableType& type) {
   if (table.type == groupTableResource) return whyGroupDiffers(type);
-  const std::string why = table.type == actionProfileResource
-                              ? whyMemberDiffers(type)
-                              : whyKeyDiffers(tableInfo.fieldBitwidths(table), type);
+  std::string why = table.type == actionProfileResource
+                        ? whyMemberDiffers(type)
+                        : whyKeyDiffers(tableInfo.fieldBitwidths(table), type);
   if (!why.empty()) return why;
   for (const auto& action : type.actions()) {
     // An action that the P4Info does not give the table is never asked for.
     if (!tableInfo.actionIdColForTable(table).actionIdHas(action.actionId)) continue;
     const auto& widths = tableInfo.fieldBitwidths({actionResource, action.actionId});
-    const std::string reason = whyActionDiffers(widths, action);
+    std::string reason = whyActionDiffers(widths, action);
     if (!reason.empty()) return reason;
   }
   return {};

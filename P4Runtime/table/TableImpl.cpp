@@ -287,17 +287,18 @@ EntryHandle TableImpl::tableEntryDeleteWithKey(uint32_t tableId, uint32_t priori
     SCRIVEL_TRACE(1, "TableImpl", " unexpected non-zero priority for resource ", tableId);
   }
   appendPriority(table, priority, fields);
-  std::string rowKey = table.constructor.constructKey({fields.pointers.data(), fields.count});
+  const std::string rowKey = table.constructor.constructKey({fields.pointers.data(), fields.count});
   const EntryHandle handle =
       handleMgr_->getEntryHandleFromMatchKey(tableId, keySize, key, priority);
   if (handle == 0) {
     refuse(ErrorCode::invalidKey,
            fmt::format("table {} has no entry with this match key", tableInfo_->nameOf(table.rid)));
   }
-  return deleteRow(table, handle, std::move(rowKey));
+  return deleteRow(table, handle, rowKey);
 }
 
-EntryHandle TableImpl::deleteRow(const Table& table, EntryHandle handle, std::string rowKey) {
+EntryHandle TableImpl::deleteRow(const Table& table, EntryHandle handle,
+                                 const std::string& rowKey) {
   auto oldRow = table.interface.row(rowKey);
   PendingOperation& operation =
       newPendingOperation(handle, PendingOperationType::entryDelete, table.rid, std::move(oldRow),

@@ -165,7 +165,7 @@ class TableImpl : public Vela::Entity {
   using GroupMembers = std::vector<uint32_t>;  // row ids, a member as often as it weighs
   std::optional<GroupMembers> groupMembers(const Table& table, GroupHandle handle) const;
   EntryHandle writeGroup(const Table& table, GroupHandle handle, const GroupMembers& members);
-  EntryHandle deleteRow(const Table& table, EntryHandle handle, std::string rowKey);
+  EntryHandle deleteRow(const Table& table, EntryHandle handle, const std::string& rowKey);
   EntryHandle completeAtOnce(const Table& table, GroupHandle handle, bool isNew);
   void appendPriority(const Table& table, const uint32_t& priority, RowFields& fields) const;
   EntryHandle writeEntry(const Table& table, EntryHandle handle, bool isNew,
