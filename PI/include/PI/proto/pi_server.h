@@ -55,6 +55,20 @@ int PIGrpcServerGetPort(void);
 uint64_t PIGrpcServerGetPacketInCount(uint64_t device_id);
 uint64_t PIGrpcServerGetPacketOutCount(uint64_t device_id);
 
+/* The same and what was dropped, by reason. Packets in: punted by the target for controllers; out:
+ * sent by controllers to the target. */
+typedef struct {
+  uint64_t in;               /* handed to a controller's stream, one a role that has a primary */
+  uint64_t in_no_primary;    /* no controller is primary */
+  uint64_t in_slow;          /* that primary's queue is full: it does not read fast enough */
+  uint64_t in_malformed;     /* no packet_in header as the pipeline declares it */
+  uint64_t out;              /* taken by the target */
+  uint64_t out_not_primary;  /* sent by a backup */
+  uint64_t out_bad_metadata; /* refused by the server: not as the pipeline declares packet_out */
+  uint64_t out_refused;      /* by the target: its queue is full, or it cannot use the header */
+} PIGrpcServerPacketCounts_t;
+void PIGrpcServerGetPacketCounts(uint64_t device_id, PIGrpcServerPacketCounts_t* counts);
+
 /* The secret by which the process that runs the server installs its own pipeline: a
  * SetForwardingPipelineConfig whose gRPC metadata holds it under the key needs no arbitration. Made
  * anew by each start; empty before the first. The pointer stays valid. */

@@ -1,0 +1,52 @@
+// The entities by which plugins are configured, asked and heard.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/orrery/Directory.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// At "p4runtime/config/plugin/all": what is asked of every plugin. A request is complete when a
+// plugin's status has its number.
+class AllPluginConfig final : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "P4Runtime::AllPluginConfig"; }
+
+  VELA_READONLY_ATTRIBUTE(uint32_t, cleanupRequestId, 0)
+  VELA_READONLY_ATTRIBUTE(uint32_t, disableRequestId, 0)
+
+ public:
+  void cleanupRequestIdInc(uint32_t n) { cleanupRequestIdIs(cleanupRequestId() + n); }
+  void disableRequestIdInc(uint32_t n) { disableRequestIdIs(disableRequestId() + n); }
+};
+
+// At "p4runtime/config/plugin/NAME".
+class PluginConfig final : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "P4Runtime::PluginConfig"; }
+
+  // The plugin's own: what stands here is its business, "NAME=VALUE NAME=VALUE" by custom.
+  VELA_ATTRIBUTE(std::string, settings, "")
+};
+
+// At "p4runtime/status/plugin/NAME".
+class PluginStatus final : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "P4Runtime::PluginStatus"; }
+
+  VELA_READONLY_ATTRIBUTE(uint32_t, cleanupRequestId, 0)  // completed up to here
+  VELA_READONLY_ATTRIBUTE(uint32_t, disableRequestId, 0)
+  VELA_READONLY_ATTRIBUTE(std::string, library, "")
+  VELA_READONLY_ATTRIBUTE(std::string, version, "")
+  VELA_READONLY_ATTRIBUTE(std::string, state, "")  // for people: "running", "disabled", ...
+  // What the plugin publishes, by names of its own.
+  VELA_COLLECTION(std::string, std::string, published)
+};
+
+}  // namespace P4Runtime

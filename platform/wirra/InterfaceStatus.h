@@ -1,0 +1,48 @@
+// The switch's interfaces, as the operating system publishes and configures them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/orrery/Directory.h"
+#include "platform/vela/Entity.h"
+
+namespace Interface {
+
+// name() is the interface's id, which is its kernel device's name.
+class IntfStatus final : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "Interface::IntfStatus"; }
+
+  VELA_READONLY_ATTRIBUTE(bool, adminUp, false)
+  VELA_READONLY_ATTRIBUTE(bool, operUp, false)
+  VELA_READONLY_ATTRIBUTE(uint32_t, mtu, 0)
+  VELA_READONLY_ATTRIBUTE(std::string, mac, "")
+};
+
+// What an operator wants of an Ethernet port: "interface/config/eth/phy/all/NAME".
+class EthPhyIntfConfig final : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "Interface::EthPhyIntfConfig"; }
+
+  VELA_ATTRIBUTE(bool, enabled, true)  // bring it up, or take it down
+  VELA_ATTRIBUTE(uint32_t, mtu, 0)     // 0: as it is
+};
+
+// Directories by interface id, at "interface/status/all", "interface/status/local",
+// "interface/status/eth/phy/all" and "interface/config/eth/phy/all". Call with the lock held.
+#define KORVEL_INTERFACE_DIRECTORY(Class)                                  \
+  class Class final : public Orrery::Directory {                           \
+   public:                                                                 \
+    explicit Class(std::string name) : Directory(std::move(name)) {}       \
+    const char* typeName() const override { return "Interface::" #Class; } \
+  };
+KORVEL_INTERFACE_DIRECTORY(AllIntfStatusDir)       // every interface but the CPU's and loopback
+KORVEL_INTERFACE_DIRECTORY(AllIntfStatusLocalDir)  // those of this network namespace: the same
+KORVEL_INTERFACE_DIRECTORY(AllEthPhyIntfStatusDir)
+KORVEL_INTERFACE_DIRECTORY(AllEthPhyIntfConfigDir)
+#undef KORVEL_INTERFACE_DIRECTORY
+
+}  // namespace Interface

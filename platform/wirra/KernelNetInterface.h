@@ -1,0 +1,40 @@
+// The kernel's network devices in one network namespace, as entities.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/orrery/Directory.h"
+#include "platform/vela/Entity.h"
+
+namespace Wirra {
+
+// name() is the device's name. Replaced by another entity when a device of that name is another one
+// than before (its index differs).
+class KernelNetInterface final : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  const char* typeName() const override { return "Wirra::KernelNetInterface"; }
+
+  VELA_READONLY_ATTRIBUTE(uint32_t, ifIndex, 0)
+  VELA_READONLY_ATTRIBUTE(bool, adminUp, false)
+  VELA_READONLY_ATTRIBUTE(bool, operUp, false)    // up, and its carrier is there
+  VELA_READONLY_ATTRIBUTE(uint32_t, mtu, 0)       // bytes of payload, the Ethernet header excluded
+  VELA_READONLY_ATTRIBUTE(std::string, mac, "")   // "00:11:22:33:44:55"; "" for other than Ethernet
+  VELA_READONLY_ATTRIBUTE(std::string, kind, "")  // "veth", "tun", "vrf", ...; "" when not known
+  VELA_READONLY_ATTRIBUTE(bool, loopback, false)
+  VELA_READONLY_ATTRIBUTE(uint32_t, vrfTable, 0)  // of kind "vrf": its routing table
+};
+
+// At "kni/ns/NAMESPACE/status": the devices by name. Observe entityCollection() for those that come
+// and go, and each device's attributes. Call with the activity lock held.
+class KernelNetInterfaceStatus final : public Orrery::Directory {
+ public:
+  explicit KernelNetInterfaceStatus(std::string name) : Directory(std::move(name)) {}
+  const char* typeName() const override { return "Wirra::KernelNetInterfaceStatus"; }
+
+  // Null when there is none.
+  Vela::Ptr<KernelNetInterface> device(const std::string& name) const;
+};
+
+}  // namespace Wirra
