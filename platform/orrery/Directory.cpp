@@ -4,6 +4,8 @@
 
 namespace Orrery {
 
+Vela::Ptr<Vela::Entity> Directory::entityMade(const std::string&) const { return nullptr; }
+
 std::vector<std::string> Directory::entityNames() const {
   std::vector<std::string> names;
   for (const auto& [name, entity] : entityCollection().values()) names.push_back(name);

@@ -19,6 +19,10 @@ class Directory : public Vela::Entity {
 
   std::vector<std::string> entityNames() const;  // in ascending order
 
+  // What a configuration file or a command makes here under a name that is not there yet; the
+  // caller puts it in, with its attributes set. Null: nothing can be made here.
+  virtual Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const;
+
   VELA_COLLECTION(std::string, Vela::Ptr<Vela::Entity>, entity)
 };
 
