@@ -10,6 +10,8 @@
 
 namespace Wirra {
 
+class PacketManager;
+
 // Made by the packet manager, which counts its bytes until it dies. Whoever made it may write to
 // it until it is handed on; after that it is only read.
 class Packet final : public Vela::RefCounted {
@@ -24,8 +26,9 @@ class Packet final : public Vela::RefCounted {
 
  private:
   friend class PacketManager;
-  explicit Packet(size_t size);
-  std::unique_ptr<uint8_t[]> head_;
+  Packet(PacketManager& manager, std::unique_ptr<uint8_t[]> head, size_t size);
+  PacketManager& manager_;
+  const std::unique_ptr<uint8_t[]> head_;
   size_t size_;
   const size_t capacity_;
 };

@@ -3,16 +3,17 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "platform/wirra/Packet.h"
 
 namespace Wirra {
 
-// Thread-safe.
+// Thread-safe. Must outlive its packets.
 class PacketManager {
  public:
-  // Null when the packets that live already hold `byteLimit` bytes, or there is no memory. The head
-  // buffer has `size` bytes, not initialised.
+  // Null when the packets that live would then hold more than `byteLimit` bytes, or there is no
+  // memory. The head buffer has `size` bytes, not initialised.
   Packet::Ptr packet(size_t size);
   size_t bytes() const { return bytes_; }
   uint64_t refused() const { return refused_; }  // since the process began
