@@ -154,8 +154,9 @@ void Agent::doFollowReports() {
 
 void Agent::doBuildPipeline() {
   typeService_ = Vela::make<Pollen::TypeService>(runtime_.loop, typeConfigDir(), typeStatusDir());
+  p4ControllerPktMetadataIs(p4ControllerPktMetadataFactory());
   p4TableInfoSmIs(p4TableInfoSmFactory(
-      p4TableInfo(), p4RtSystemConfig(),
+      p4TableInfo(), p4ControllerPktMetadata(), p4RtSystemConfig(),
       {typeConfigDir(), typeStatusDir(), queryConfigDir(), queryStatusDir(), tables_.get()},
       {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
   Pollen::QueryTables queryTables;

@@ -33,6 +33,7 @@ class Agent : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServerInitSm>, piServerInitSm, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4TableInfo>, p4TableInfo, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4TableInfoSm>, p4TableInfoSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(P4ControllerPktMetadata::Ptr, p4ControllerPktMetadata, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::QueryConfigDir>, queryConfigDir, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::QueryStatusDir>, queryStatusDir, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::QueryConfigSm>, queryConfigSm, nullptr)

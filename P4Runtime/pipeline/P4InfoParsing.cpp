@@ -1,4 +1,5 @@
-// From the P4Info's JSON form to the model: slot layouts, actions, sizes and direct resources.
+// From the P4Info's JSON form to the model: slot layouts, actions, sizes, direct resources
+// and the headers of controllers' packets.
 #include <strings.h>
 
 #include <cstdlib>
@@ -88,6 +89,7 @@ void P4TableInfoSm::handleP4InfoStr(const std::string& p4InfoJson) {
   parseP4InfoDirectResources(document.get());
   parseP4InfoTables(document.get());
   parseP4InfoActionProfiles(document.get());
+  parseP4InfoPktMetadata(document.get());
   bitwidthsInitializedIs(true);
 }
 
@@ -183,6 +185,25 @@ void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {
     layout.store(*tableInfo_);
     if (!tableIds || !tableIds->child) {
       SCRIVEL_TRACE(1, "action profile ", rid.id, " not used by any tables");
+    }
+  }
+}
+
+void P4TableInfoSm::parseP4InfoPktMetadata(const cJSON* p4Info) {
+  const cJSON* headers = jsonArray(p4Info, "controllerPacketMetadata");
+  if (!headers) {
+    SCRIVEL_TRACE(1, "parseP4InfoPktMetadata", " no controller packet metadata");
+    return;
+  }
+  for (const cJSON* header : JsonElements(headers)) {
+    const auto entry =
+        controllerPktMetadata_->metadataEntryIs(jsonPreambleName(header), jsonPreambleId(header));
+    for (const cJSON* field : JsonElements(jsonArray(header, "metadata"))) {
+      const P4ControllerPktMetadataField one{jsonNumber(field, "id").value_or(0),
+                                             jsonString(field, "name").value_or(""),
+                                             jsonNumber(field, "bitwidth").value_or(0)};
+      SCRIVEL_TRACE(5, " Metadata Field", one.name, " Bitwidth", one.bitwidth);
+      entry->metadataFieldIs(one);
     }
   }
 }

@@ -39,10 +39,12 @@ void throwParsingException(const std::string& what, const std::string& detail) {
 }
 
 P4TableInfoSm::P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
+                             P4ControllerPktMetadata::Ptr controllerPktMetadata,
                              Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
                              PipelineServices services, PipelineFiles files)
     : Entity("p4TableInfoSm"),
       tableInfo_(std::move(tableInfo)),
+      controllerPktMetadata_(std::move(controllerPktMetadata)),
       systemConfig_(std::move(systemConfig)),
       services_(std::move(services)),
       files_(std::move(files)) {
@@ -65,11 +67,11 @@ P4TableInfoSm::P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
 }
 
 Vela::Ptr<P4TableInfoSm> p4TableInfoSmFactory(
-    Vela::Ptr<P4TableInfo> tableInfo,
+    Vela::Ptr<P4TableInfo> tableInfo, P4ControllerPktMetadata::Ptr controllerPktMetadata,
     Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig, PipelineServices services,
     PipelineFiles files) {
-  return Vela::make<P4TableInfoSm>(std::move(tableInfo), std::move(systemConfig),
-                                   std::move(services), std::move(files));
+  return Vela::make<P4TableInfoSm>(std::move(tableInfo), std::move(controllerPktMetadata),
+                                   std::move(systemConfig), std::move(services), std::move(files));
 }
 
 void P4TableInfoSm::handleInitialized() {
@@ -120,6 +122,7 @@ void P4TableInfoSm::doForgetPipeline() {
   jsonRoot_ = nullptr;  // first of all: reactions to what follows have nothing left to build
   jsonRootToDelete_.reset();
   tableInfo_->tableInfoStateIs(P4TableInfoState::tableInfoNotReady);
+  controllerPktMetadata_->metadataEntryDelAll();
   bitwidthsInitializedIs(false);
   allTypesCompiledIs(false);
   allArInterfacesCreatedIs(false);

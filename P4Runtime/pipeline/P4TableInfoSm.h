@@ -8,6 +8,7 @@
 
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pipeline/Json.h"
+#include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/lattice/Database.h"
@@ -40,6 +41,7 @@ struct PipelineFiles {
 class P4TableInfoSm : public Vela::Entity {
  public:
   P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
+                P4ControllerPktMetadata::Ptr controllerPktMetadata,
                 Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig,
                 PipelineServices services, PipelineFiles files);
   const char* typeName() const override { return "P4Runtime::P4TableInfoSm"; }
@@ -72,6 +74,7 @@ class P4TableInfoSm : public Vela::Entity {
   void handleAllQueriesReceived();
   void handleAllQueriesCompiled();
   void handleCleanupRequest();
+  const P4ControllerPktMetadata& controllerPktMetadata() const { return *controllerPktMetadata_; }
   // Makes the table that an active query's rows go to.
   void queryOutputIs(const std::string& path, const std::string& typeName);
 
@@ -98,6 +101,7 @@ class P4TableInfoSm : public Vela::Entity {
   void parseP4InfoDirectResources(const cJSON* p4Info);
   void parseP4InfoTables(const cJSON* p4Info);
   void parseP4InfoActionProfiles(const cJSON* p4Info);
+  void parseP4InfoPktMetadata(const cJSON* p4Info);
 
   void createTableInterface(const cJSON* table);
   void createRowConstructor(const cJSON* table);
@@ -107,6 +111,7 @@ class P4TableInfoSm : public Vela::Entity {
   void watchQueryStatus(const std::string& name);
 
   const Vela::Ptr<P4TableInfo> tableInfo_;
+  const P4ControllerPktMetadata::Ptr controllerPktMetadata_;
   const Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig_;
   const PipelineServices services_;
   const PipelineFiles files_;
@@ -125,7 +130,7 @@ class P4TableInfoSm : public Vela::Entity {
 [[noreturn]] void throwParsingException(const std::string& what, const std::string& detail = {});
 
 Vela::Ptr<P4TableInfoSm> p4TableInfoSmFactory(
-    Vela::Ptr<P4TableInfo> tableInfo,
+    Vela::Ptr<P4TableInfo> tableInfo, P4ControllerPktMetadata::Ptr controllerPktMetadata,
     Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig, PipelineServices services,
     PipelineFiles files);
 

@@ -144,7 +144,8 @@ void AgentParts::doBuild() {
               Vela::make<Pollen::QueryStatusDir>("queries"), database.get()};
   typeService =
       Vela::make<Pollen::TypeService>(loop, services.typeConfigDir, services.typeStatusDir);
-  tableInfoSm = p4TableInfoSmFactory(tableInfo, config, services,
+  controllerPktMetadata = p4ControllerPktMetadataFactory();
+  tableInfoSm = p4TableInfoSmFactory(tableInfo, controllerPktMetadata, config, services,
                                      {directory + "/p4info.json", directory + "/device.json"});
   queryConfigSm = Vela::make<Pollen::QueryConfigSm>(
       loop, services.queryConfigDir, services.queryStatusDir,

@@ -117,6 +117,7 @@ class AgentParts {
   Vela::Ptr<P4Runtime::TableImpl> tableImpl;
   P4Runtime::PipelineServices services;
   Vela::Ptr<Pollen::TypeService> typeService;
+  P4Runtime::P4ControllerPktMetadata::Ptr controllerPktMetadata;
   Vela::Ptr<P4Runtime::P4TableInfoSm> tableInfoSm;
   Vela::Ptr<Pollen::QueryConfigSm> queryConfigSm;
   std::unique_ptr<FakeForwarder> forwarder;
