@@ -25,7 +25,7 @@ class PiContext : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4HandleMgr>, p4HandleMgr, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus>, p4RtSystemStatus, nullptr)
-  VELA_READONLY_ATTRIBUTE(Vela::Ptr<HwStatusDir>, hwStatusDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const HwStatusDir>, hwStatusDir, nullptr)
 };
 
 PiContext::Ptr piContextFactory();

@@ -5,11 +5,12 @@
 namespace P4Runtime {
 
 HwStatusDir::HwStatusDir(std::string name, const std::string& stateDirectory)
-    : Entity(std::move(name)) {
+    : Directory(std::move(name)) {
   if (!stateDirectory.empty()) reader_ = Lattice::FlowCounterReader::create(stateDirectory);
 }
 
-const std::vector<Lattice::FlowCount>& HwStatusDir::flowCounterStatus(std::string_view flowName) {
+const std::vector<Lattice::FlowCount>& HwStatusDir::flowCounterStatus(
+    std::string_view flowName) const {
   if (reader_) reader_->counts(flowName, &found_);
   return found_;
 }

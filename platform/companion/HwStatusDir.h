@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "platform/lattice/FlowCounters.h"
-#include "platform/vela/Entity.h"
+#include "platform/orrery/Directory.h"
 
 namespace P4Runtime {
 
-// Call with the activity lock held.
-class HwStatusDir : public Vela::Entity {
+// At "openflow/kestrelhwstatusdir". Call with the activity lock held.
+class HwStatusDir : public Orrery::Directory {
  public:
   // `stateDirectory` is where the forwarding agents write their counters; empty: there are none.
   explicit HwStatusDir(std::string name, const std::string& stateDirectory = {});
@@ -20,11 +20,11 @@ class HwStatusDir : public Vela::Entity {
 
   // Every flow counter of that name, one for each forwarding agent that has it; valid until the
   // next call.
-  const std::vector<Lattice::FlowCount>& flowCounterStatus(std::string_view flowName);
+  const std::vector<Lattice::FlowCount>& flowCounterStatus(std::string_view flowName) const;
 
  private:
   std::unique_ptr<Lattice::FlowCounterReader> reader_;
-  std::vector<Lattice::FlowCount> found_;
+  mutable std::vector<Lattice::FlowCount> found_;
 };
 
 }  // namespace P4Runtime

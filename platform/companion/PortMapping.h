@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/orrery/Directory.h"
@@ -18,11 +19,16 @@ class PortMappingConfig final : public Vela::Entity {
   VELA_ATTRIBUTE(std::string, intf, "")  // the interface's id; "": not mapped
 };
 
+// A P4 port id in decimal, without leading zeros: 1 to 4294967295. 0 is none: it stands for "no
+// port" where controllers name one.
+std::optional<uint32_t> portFromText(const std::string& text);
+
 // At "p4runtime/config/port-mapping".
 class PortMappingConfigDir final : public Orrery::Directory {
  public:
   explicit PortMappingConfigDir(std::string name) : Directory(std::move(name)) {}
   const char* typeName() const override { return "P4RuntimeConfig::PortMappingConfigDir"; }
+  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override;
 };
 
 // At "p4runtime/status/port-mapping": the mappings in force. Read with the activity lock held.

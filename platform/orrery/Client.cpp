@@ -135,6 +135,17 @@ Json Client::set(const std::string& path, const std::string& attribute, const st
   return request(*json);
 }
 
+Json Client::create(const std::string& path, const Attributes& attributes) {
+  const Json json = requestJson("create", path);
+  cJSON* object = cJSON_AddObjectToObject(json.get(), "attributes");
+  for (const auto& [name, value] : attributes) {
+    cJSON_AddStringToObject(object, name.c_str(), value.c_str());
+  }
+  return request(*json);
+}
+
+Json Client::del(const std::string& path) { return request(*requestJson("delete", path)); }
+
 Json Client::call(const std::string& path, const std::string& operation,
                   const std::vector<std::string>& arguments) {
   const Json json = requestJson("call", path);

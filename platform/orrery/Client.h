@@ -5,6 +5,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/orrery/Json.h"
@@ -42,6 +43,9 @@ class Client {
   // Requests, spelt out. An attribute of nothing but digits is a number.
   Json get(const std::string& path, const std::string& attribute = {});
   Json set(const std::string& path, const std::string& attribute, const std::string& value);
+  using Attributes = std::vector<std::pair<std::string, std::string>>;  // name, value as text
+  Json create(const std::string& path, const Attributes& attributes);
+  Json del(const std::string& path);
   Json call(const std::string& path, const std::string& operation,
             const std::vector<std::string>& arguments);
   Json list(const std::string& path);

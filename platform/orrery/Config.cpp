@@ -46,20 +46,29 @@ void setAttribute(Vela::Entity& entity, const cJSON& value, const std::string& w
   SCRIVEL_TRACE(0, "config ", entity.name(), " ", value.string, " ", text);
 }
 
+Vela::Ptr<Vela::Entity> madeEntity(const Database& database, const char* path,
+                                   const std::string& where) {
+  try {
+    if (auto made = entityMadeAt(database, path)) return made;
+  } catch (const PathError& e) {
+    throw ConfigError(where + ": " + e.what());
+  }
+  throw ConfigError(where +
+                    " is no path of the state database; expected a path such as "
+                    "\"p4runtime/config/system\"");
+}
+
 void setEntity(Database& database, const cJSON& attributes, const std::string& fileName) {
   const std::string where = fmt::format("{}: \"{}\"", fileName, attributes.string);
-  const Vela::Ptr<Vela::Entity> entity = database.entity(attributes.string);
-  if (!entity) {
-    throw ConfigError(where +
-                      " is no path of the state database; expected a path such as "
-                      "\"p4runtime/config/system\"");
-  }
+  const Vela::Ptr<Vela::Entity> there = database.entity(attributes.string);
+  const auto entity = there ? there : madeEntity(database, attributes.string, where);
   if (!cJSON_IsObject(&attributes)) {
     throw ConfigError(
         fmt::format("{}: expected an object of attributes, found {}", where, kindOf(attributes)));
   }
   const cJSON* value = nullptr;
   cJSON_ArrayForEach(value, &attributes) setAttribute(*entity, *value, where);
+  if (!there) database.entityIs(attributes.string, entity);
 }
 
 }  // namespace

@@ -1,10 +1,12 @@
 // The state database: a tree of typed entities under paths such as "p4runtime/status/system".
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/orrery/Directory.h"
@@ -35,7 +37,24 @@ class Database {
   // Told, on a later turn of the reactor, the path of each entity that entityIs() or entityDel()
   // brought, replaced or removed.
   [[nodiscard]] virtual Vela::Observation observe(Vela::ObserverList::Callback changed) = 0;
+
+  // Asked before a request from outside sets an attribute: "" or why that is refused, and what to
+  // do. The text need not be a value of the attribute's type, which refuses it then.
+  using SettingCheck = std::function<std::string(
+      const std::string& path, const Vela::AttributeBase& attribute, const std::string& text)>;
+  void settingCheckIs(SettingCheck check) { settingCheck_ = std::move(check); }
+  std::string settingRefused(const std::string& path, const Vela::AttributeBase& attribute,
+                             const std::string& text) const {
+    return settingCheck_ ? settingCheck_(path, attribute, text) : std::string();
+  }
+
+ private:
+  SettingCheck settingCheck_;
 };
+
+// What the directory above `path` makes under the path's last name, not put in yet; null when
+// nothing can be made there. Throws PathError for a name that the directory refuses.
+Vela::Ptr<Vela::Entity> entityMadeAt(const Database& database, std::string_view path);
 
 // The database in this process. `loop` delivers its notices and must outlive it.
 std::unique_ptr<Database> embeddedDatabase(Vela::ReactorLoop& loop);

@@ -20,7 +20,8 @@ class Directory : public Vela::Entity {
   std::vector<std::string> entityNames() const;  // in ascending order
 
   // What a configuration file or a command makes here under a name that is not there yet; the
-  // caller puts it in, with its attributes set. Null: nothing can be made here.
+  // caller puts it in, with its attributes set, and may remove it again. Null: nothing can be made
+  // here. Throws Vela::BadValue for a name that cannot be used, saying which can.
   virtual Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const;
 
   VELA_COLLECTION(std::string, Vela::Ptr<Vela::Entity>, entity)

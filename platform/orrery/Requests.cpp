@@ -36,23 +36,27 @@ std::string joined(const std::vector<std::string>& names) {
   return names.empty() ? "none" : fmt::format("{}", fmt::join(names, ", "));
 }
 
-AttributeBase& requestedAttribute(const Entity& entity, const cJSON& request) {
-  const cJSON* wanted = cJSON_GetObjectItemCaseSensitive(&request, "attribute");
-  AttributeBase* found = nullptr;
-  std::string what;
-  if (cJSON_IsNumber(wanted)) {
-    const double number = wanted->valuedouble;
-    what = fmt::format("number {}", number);
-    if (number >= 0 && number < 1e6) found = entity.attribute(static_cast<size_t>(number));
-  } else {
-    what = requiredString(request, "attribute");
-    found = entity.attribute(what);
-  }
-  if (found) return *found;
+[[noreturn]] void refuseAttribute(const Entity& entity, const std::string& what) {
   std::vector<std::string> names;
   for (const auto* attribute : entity.attributes()) names.push_back(attribute->name());
   throw RequestError(
       fmt::format("{} has no attribute {}; it has: {}", entity.name(), what, joined(names)));
+}
+
+AttributeBase& attributeNamed(const Entity& entity, const std::string& name) {
+  AttributeBase* found = entity.attribute(name);
+  if (!found) refuseAttribute(entity, name);
+  return *found;
+}
+
+AttributeBase& requestedAttribute(const Entity& entity, const cJSON& request) {
+  const cJSON* wanted = cJSON_GetObjectItemCaseSensitive(&request, "attribute");
+  if (!cJSON_IsNumber(wanted)) return attributeNamed(entity, requiredString(request, "attribute"));
+  const double number = wanted->valuedouble;
+  AttributeBase* found = nullptr;
+  if (number >= 0 && number < 1e6) found = entity.attribute(static_cast<size_t>(number));
+  if (!found) refuseAttribute(entity, fmt::format("number {}", number));
+  return *found;
 }
 
 Json operationsJson(const Entity& entity) {
@@ -111,21 +115,69 @@ Json answeredGet(Database& database, const cJSON& request) {
   return attributeJson(path, requestedAttribute(*entity, request));
 }
 
+void setAttribute(const Database& database, const std::string& path, const Entity& entity,
+                  AttributeBase& attribute, const cJSON& value) {
+  std::string text;
+  if (cJSON_IsString(&value)) {
+    text = value.valuestring;  // the text form, whatever the type
+  } else if (!attributeText(value, attribute.typeName(), &text)) {
+    throw RequestError(fmt::format("attribute {} of {} takes a {}, not {}", attribute.name(),
+                                   entity.name(), attribute.typeName(), kindOf(value)));
+  }
+  const std::string refused = database.settingRefused(path, attribute, text);
+  if (!refused.empty()) throw RequestError(refused);
+  SCRIVEL_TRACE(0, "set ", path, " ", attribute.name(), " ", text);
+  attribute.textIs(text);
+}
+
+[[noreturn]] void refusePath(const std::string& path) {
+  throw RequestError("there is no path '" + path + "'; 'korvel get' without a path lists them");
+}
+
 Json answeredSet(Database& database, const cJSON& request) {
-  const Ptr<Entity> entity = requestedEntity(database, request);
+  const std::string path = requiredString(request, "path");
+  const Ptr<Entity> there = database.entity(path);
+  const Ptr<Entity> entity = there ? there : entityMadeAt(database, path);
+  if (!entity) refusePath(path);
   AttributeBase& attribute = requestedAttribute(*entity, request);
   const cJSON* value = cJSON_GetObjectItemCaseSensitive(&request, "value");
   if (!value) throw RequestError("the request has no \"value\"; add it");
-  std::string text;
-  if (cJSON_IsString(value)) {
-    text = value->valuestring;  // the text form, whatever the type
-  } else if (!attributeText(*value, attribute.typeName(), &text)) {
-    throw RequestError(fmt::format("attribute {} of {} takes a {}, not {}", attribute.name(),
-                                   entity->name(), attribute.typeName(), kindOf(*value)));
+  setAttribute(database, path, *entity, attribute, *value);
+  if (!there) database.entityIs(path, entity);
+  return attributeJson(path.c_str(), attribute);
+}
+
+// Its observers find it with all of its attributes.
+Json answeredCreate(Database& database, const cJSON& request) {
+  const std::string path = requiredString(request, "path");
+  if (database.entity(path)) {
+    throw RequestError("'" + path + "' is there already; set its attributes, or delete it first");
   }
-  SCRIVEL_TRACE(0, "set ", requiredString(request, "path"), " ", attribute.name(), " ", text);
-  attribute.textIs(text);
-  return attributeJson(requiredString(request, "path"), attribute);
+  const Ptr<Entity> made = entityMadeAt(database, path);
+  if (!made) {
+    throw RequestError("nothing can be made at '" + path +
+                       "'; its directory is not there, or makes nothing on demand");
+  }
+  const cJSON* value = nullptr;
+  cJSON_ArrayForEach(value, cJSON_GetObjectItemCaseSensitive(&request, "attributes")) {
+    // An array's elements have no names.
+    if (!value->string) throw RequestError("\"attributes\" is an object: names and values");
+    setAttribute(database, path, *made, attributeNamed(*made, value->string), *value);
+  }
+  SCRIVEL_TRACE(0, "create ", path);
+  database.entityIs(path, made);
+  return entityJson(*made, path.c_str());
+}
+
+Json answeredDelete(Database& database, const cJSON& request) {
+  const std::string path = requiredString(request, "path");
+  if (!database.entity(path)) refusePath(path);
+  if (!entityMadeAt(database, path)) {
+    throw RequestError("'" + path + "' is always there and cannot be deleted; set its attributes");
+  }
+  SCRIVEL_TRACE(0, "delete ", path);
+  database.entityDel(path);
+  return okAnswer();
 }
 
 std::vector<std::string> requestedArguments(const cJSON& request) {
@@ -190,9 +242,7 @@ Json answeredList(Database& database, const cJSON& request) {
 Ptr<Entity> requestedEntity(Database& database, const cJSON& request) {
   const std::string path = requiredString(request, "path");
   Ptr<Entity> entity = database.entity(path);
-  if (!entity) {
-    throw RequestError("there is no path '" + path + "'; 'korvel get' without a path lists them");
-  }
+  if (!entity) refusePath(path);
   return entity;
 }
 
@@ -208,12 +258,15 @@ Json answered(Database& database, const cJSON& request) {
   const std::string what = requiredString(request, "request");
   if (what == "get") return answeredGet(database, request);
   if (what == "set") return answeredSet(database, request);
+  if (what == "create") return answeredCreate(database, request);
+  if (what == "delete") return answeredDelete(database, request);
   if (what == "call") return answeredCall(database, request);
   if (what == "list") return answeredList(database, request);
   if (what == "watch") {
     return entityJson(*requestedEntity(database, request), requiredString(request, "path"));
   }
-  throw RequestError("there is no request '" + what + "'; use get, set, call, list or watch");
+  throw RequestError("there is no request '" + what +
+                     "'; use get, set, create, delete, call, list or watch");
 }
 
 }  // namespace Orrery

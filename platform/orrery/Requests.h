@@ -19,6 +19,10 @@ class RequestError : public std::runtime_error {
 //                                                         operations and children
 //   {"request": "get", "path": P, "attribute": A}         one attribute, by name or number
 //   {"request": "set", "path": P, "attribute": A, "value": V}
+//                                                         makes the entity where it can be made
+//   {"request": "create", "path": P, "attributes": {A: V, ...}}
+//                                                         what can be made there, with all of these
+//   {"request": "delete", "path": P}                      what could be made there
 //   {"request": "call", "path": P, "operation": O, "arguments": ["text", ...]}
 //   {"request": "list", "path": P}                        all paths below P, with their types
 //   {"request": "watch", "path": P}                       as get; changes follow, a line each

@@ -141,15 +141,19 @@ void ServerConnection::send(const Json& json) {
     SCRIVEL_TRACE(0, "client takes no answers, closed; bytes kept: ", output_.size());
     return close();
   }
-  if (idle) watchSocket();
+  if (idle) doSend();
 }
 
 void ServerConnection::handleWritable() {
   const Vela::Ptr<ServerConnection> alive(this);
+  doSend();
+}
+
+// Answers go out at once, lest the agent end before: a request may be what ends it.
+void ServerConnection::doSend() {
   const ssize_t sent = ::send(socket_, output_.data(), output_.size(), MSG_NOSIGNAL);
-  if (sent < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (sent < 0) return close();
-  output_.erase(0, sent);
+  if (sent < 0 && errno != EAGAIN && errno != EINTR) return close();
+  if (sent > 0) output_.erase(0, sent);
   watchSocket();
 }
 

@@ -35,6 +35,7 @@ class ServerConnection final : public Vela::RefCounted {
   void doWatch(const std::string& path, const Vela::Ptr<Vela::Entity>& entity);
   void doTell(const std::string& path, const Vela::Entity& entity, const std::string& attribute);
   void send(const Json& json);
+  void doSend();
   void watchSocket();
 
   Vela::ReactorLoop& loop_;

@@ -78,6 +78,21 @@ TEST_F(ConfigTest, FaultsAreNamedInOneLine) {
   EXPECT_THAT(trouble(std::string("{}\0{}", 5)), HasSubstr("expected a JSON object"));
 }
 
+TEST_F(ConfigTest, MakesWhatItsDirectoryMakes) {
+  const auto ports = Vela::make<Ports>("ports");
+  database->entityIs("ports", ports);
+  std::string seen;
+  const auto observation = ports->entityCollection().observeKeys([&](const std::string& name) {
+    seen += name + dynamic_cast<Port&>(*ports->entity(name)).alias();
+  });
+  EXPECT_EQ(trouble(R"({"ports/p1": {"alias": "uplink"}, "ports/p2": {}})"), "none");
+  EXPECT_EQ(seen, "p1uplinkp2");
+  EXPECT_THAT(trouble(R"({"ports/1": {}})"), HasSubstr("\"ports/1\": nothing can be made at"));
+  EXPECT_THAT(trouble(R"({"ports/p3": {"colour": 1}})"), HasSubstr("no attribute of Test::Port"));
+  EXPECT_THAT(trouble(R"({"config/p1": {}})"), HasSubstr("is no path"));
+  EXPECT_THAT(ports->entityNames(), testing::ElementsAre("p1", "p2"));
+}
+
 TEST_F(ConfigTest, AFileThatCannotBeReadIsNamed) {
   for (const char* name : {"/nonexistent/agent.json", "/"}) {
     try {

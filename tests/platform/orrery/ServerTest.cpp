@@ -101,6 +101,64 @@ TEST_F(ServerTest, GetsSetsAndCalls) {
   EXPECT_EQ(port->mtuBytes(), 9000);
 }
 
+TEST_F(ServerTest, CreatesAndDeletesWhatADirectoryMakes) {
+  const auto ports = Vela::make<Ports>("ports");
+  std::string seen;
+  Vela::Observation observation;
+  {
+    const Vela::ActivityLock lock;
+    database->entityIs("ports", ports);
+    observation = ports->entityCollection().observeKeys([&](const std::string& name) {
+      const auto entity = ports->entity(name);
+      seen += entity ? "+" + name + dynamic_cast<Port&>(*entity).alias() : "-" + name;
+    });
+  }
+  Client client(directory);
+  client.create("ports/p1", {{"alias", "uplink"}, {"mtuBytes", "9000"}});
+  client.set("ports/p2", "alias", "core");
+  const struct {
+    std::function<void(Client&)> ask;
+    const char* refusal;
+  } cases[] = {
+      {[](Client& c) { c.create("ports/p1", {}); }, "is there already"},
+      {[](Client& c) { c.create("ports/x", {}); }, "a port's name begins with p"},
+      {[](Client& c) { c.set("ports/x", "alias", "y"); }, "a port's name begins with p"},
+      {[](Client& c) {
+         c.create("ports/p3", {{"colour", "1"}});
+       },
+       "no attribute colour"},
+      {[](Client& c) {
+         c.create("ports/p3", {{"mtuBytes", "many"}});
+       },
+       "takes a uint16"},
+      {[](Client& c) { c.set("ports/p3", "drops", "1"); }, "read-only"},
+      {[](Client& c) { c.create("status/p1", {}); }, "makes nothing on demand"},
+      {[](Client& c) { c.create("ports/p1/p2", {}); }, "makes nothing on demand"},
+      {[](Client& c) { c.del("status/port"); }, "cannot be deleted"},
+      {[](Client& c) { c.del("ports/p3"); }, "no path 'ports/p3'"},
+  };
+  for (const auto& c : cases) EXPECT_THAT(refusal(c.ask), HasSubstr(c.refusal));
+  client.del("ports/p1");
+  const Vela::ActivityLock lock;
+  EXPECT_EQ(seen, "+p1uplink+p2core-p1");
+}
+
+TEST_F(ServerTest, SettingsAreCheckedBeforehand) {
+  {
+    const Vela::ActivityLock lock;
+    database->settingCheckIs([](const auto& path, const auto& attribute, const auto& text) {
+      return path == "status/port" && attribute.name() == std::string("mtuBytes") && text == "9001"
+                 ? "choose an even one"
+                 : "";
+    });
+  }
+  Client client(directory);
+  client.set("status/port", "mtuBytes", "9002");
+  EXPECT_EQ(refusal([](Client& c) { c.set("status/port", "mtuBytes", "9001"); }),
+            "choose an even one");
+  EXPECT_THAT(jsonLine(*client.get("status/port", "mtuBytes")), HasSubstr("9002"));
+}
+
 TEST_F(ServerTest, RefusalsNameTheThingAndAWayOut) {
   EXPECT_THAT(refusal([](Client& c) { c.get("status/none"); }), HasSubstr("no path 'status/none'"));
   EXPECT_THAT(refusal([](Client& c) { c.get("status/port", "mtu"); }),

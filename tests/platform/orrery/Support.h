@@ -30,6 +30,17 @@ class Port final : public Vela::Entity {
   VELA_COLLECTION(uint32_t, std::string, neighbour)
 };
 
+// Makes ports on demand, under names that begin with "p".
+class Ports final : public Directory {
+ public:
+  explicit Ports(std::string name) : Directory(std::move(name)) {}
+  const char* typeName() const override { return "Test::Ports"; }
+  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override {
+    if (!name.starts_with('p')) throw Vela::BadValue("a port's name begins with p");
+    return Vela::make<Port>(name);
+  }
+};
+
 struct DatabaseFixture {
   // Runs everything posted so far.
   void turn() {
