@@ -7,6 +7,7 @@
 
 #include "platform/brine/Store.h"
 #include "platform/lattice/Database.h"
+#include "platform/lattice/TableWatch.h"
 
 namespace Lattice {
 
@@ -20,8 +21,9 @@ struct ArTableInterface::Impl {
   bool persistent = true;
   bool initialised = false;
   Brine::TableNumber rows = 0;
-  uint32_t number = 0;     // in the journal
-  bool announced = false;  // its record in the types table is committed
+  uint32_t number = 0;                  // in the journal
+  bool announced = false;               // its record in the types table is committed
+  std::weak_ptr<WatchedTable> watched;  // nothing: nobody derives rows from it
 };
 
 }  // namespace Lattice

@@ -13,6 +13,7 @@
 #include "platform/lattice/Journal.h"
 #include "platform/lattice/Packing.h"
 #include "platform/lattice/StoreLayout.h"
+#include "platform/lattice/TableWatch.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 
@@ -74,6 +75,8 @@ class DatabaseImpl final : public Database {
   bool inBatch() const override { return inBatch_; }
   void commitSoon() override;
   uint64_t lastSequence() const override { return journal_.lastSequence(); }
+  void commitObserverIs(CommitObserver* observer) override { commitObserver_ = observer; }
+  std::unique_ptr<TableWatch> watch(const std::string& table) override;
   void observerIs(Observer observer) override { doorbell_.observerIs(std::move(observer)); }
   std::vector<SubscriberInfo> subscribers() const override { return doorbell_.subscribers(); }
   uint64_t droppedMessages() const override { return doorbell_.droppedMessages(); }
@@ -92,6 +95,9 @@ class DatabaseImpl final : public Database {
   bool dirty() const { return store_.dirty() || !journal_.empty(); }
   std::optional<std::string> committed();
   void doCommit();
+  void doDerive();
+  void settleWatches();
+  void tellWatchers(ArTableInterface::Impl& table);
   void announce(ArTableInterface::Impl& table);
   void announceAgain();
   bool survives(const ArTableInterface::Impl& table, uint32_t* number);
@@ -105,6 +111,8 @@ class DatabaseImpl final : public Database {
   Journal journal_;
   Doorbell doorbell_;
   std::map<std::string, ArTableInterface::Impl*> bound_;
+  CommitObserver* commitObserver_ = nullptr;
+  std::vector<std::weak_ptr<WatchedTable>> watched_;
   bool inBatch_ = false;
   bool typesChanged_ = false;  // in this commit
   bool commitLater_ = false;   // not at the end of this scope
@@ -131,9 +139,33 @@ void DatabaseImpl::bindInterface(const Vela::Ptr<ArTableInterface>& interface,
 }
 
 void DatabaseImpl::unbind(ArTableInterface::Impl& table) {
+  tellWatchers(table);
   bound_.erase(table.boundName);
   table.database = nullptr;
   table.initialised = false;
+}
+
+void DatabaseImpl::tellWatchers(ArTableInterface::Impl& table) {
+  if (table.watched.expired()) return;
+  table.watched.reset();
+  if (commitObserver_) commitObserver_->watchedTableGone(std::string(table.boundName));
+}
+
+std::unique_ptr<TableWatch> DatabaseImpl::watch(const std::string& table) {
+  if (inBatch_) throw std::logic_error("table " + table + " cannot be watched in mid-batch");
+  const auto found = bound_.find(table);
+  if (found == bound_.end() || !found->second->initialised) return nullptr;
+  if (dirty()) {
+    if (auto trouble = committed()) throw Brine::StoreError(Brine::Trouble::full, *trouble);
+  }
+  std::shared_ptr<WatchedTable> watched = found->second->watched.lock();
+  if (!watched) {
+    watched = std::make_shared<WatchedTable>(store_, found->second->rows);
+    found->second->watched = watched;
+    std::erase_if(watched_, [](const auto& one) { return one.expired(); });
+    watched_.push_back(watched);
+  }
+  return std::make_unique<TableWatch>(std::move(watched));
 }
 
 void DatabaseImpl::maybeInitialize(const Vela::Ptr<ArTableInterface>& interface,
@@ -207,7 +239,9 @@ void DatabaseImpl::batchBegin() {
 
 std::optional<std::string> DatabaseImpl::batchEnd() {
   inBatch_ = false;
-  return committed();
+  auto trouble = committed();
+  if (commitObserver_) commitObserver_->batchEnded();
+  return trouble;
 }
 
 void DatabaseImpl::commitSoon() {
@@ -227,14 +261,35 @@ void DatabaseImpl::handleScopeEnd() {
 
 // Empty, or why the writes since the last commit are lost.
 std::optional<std::string> DatabaseImpl::committed() try {
-  if (dirty()) doCommit();
+  if (!dirty()) return std::nullopt;
+  doDerive();
+  doCommit();
+  settleWatches();
+  if (commitObserver_) commitObserver_->committed();
   return std::nullopt;
 } catch (const std::exception& error) {
   SCRIVEL_TRACE(0, "commit failed: ", error.what());
   store_.discard();
   journal_.discarded();
+  settleWatches();
+  if (commitObserver_) commitObserver_->discarded();
   announceAgain();
   return error.what();
+}
+
+void DatabaseImpl::doDerive() {
+  if (!commitObserver_) return;
+  const auto touched = [](const auto& one) {
+    const auto table = one.lock();
+    return table && table->anyTouched();
+  };
+  if (std::ranges::any_of(watched_, touched)) commitObserver_->beforeCommit();
+}
+
+void DatabaseImpl::settleWatches() {
+  for (const auto& one : watched_) {
+    if (const auto table = one.lock()) table->settled();
+  }
 }
 
 void DatabaseImpl::doCommit() {
@@ -275,6 +330,9 @@ uint64_t DatabaseImpl::rowIs(const ArTableInterface::Impl& table, const Row& row
     if (former->entryHandle != entryHandle) putRow(table, row, entryHandle, sequence);
     return 0;
   }
+  if (const auto watched = table.watched.lock(); watched && !same) {
+    watched->touched(row.key, former ? std::optional(former->value) : std::nullopt);
+  }
   putRow(table, row, entryHandle, journal_.nextSequence());
   return journal_.add(table.number, row.key, row.value, entryHandle, false, same);
 }
@@ -290,6 +348,7 @@ void DatabaseImpl::putRow(const ArTableInterface::Impl& table, const Row& row, u
 
 uint64_t DatabaseImpl::rowDel(const ArTableInterface::Impl& table, std::string_view key,
                               uint64_t entryHandle) {
+  if (const auto watched = table.watched.lock()) watched->touched(key, watched->value(key));
   const bool there = store_.erase(table.rows, Brine::asBytes(key));
   if (!there && !inBatch_) return 0;
   return journal_.add(table.number, key, {}, entryHandle, true, !there);

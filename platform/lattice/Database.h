@@ -18,8 +18,10 @@
 
 namespace Lattice {
 
+class CommitObserver;
 class Database;
 class DatabaseImpl;
+class TableWatch;
 
 // The typed access interface of one table. Call with the activity lock held.
 class ArTableInterface : public Vela::RefCounted {
@@ -99,6 +101,13 @@ class Database {
   // writes that a restart can do without.
   virtual void commitSoon() = 0;
   virtual uint64_t lastSequence() const = 0;
+
+  // Rows that follow from others: see TableWatch.h. One observer, which outlives this or is taken
+  // away with null.
+  virtual void commitObserverIs(CommitObserver* observer) = 0;
+  // Commits what is written, so that the watch misses no change. Null: no such table is bound and
+  // initialised. Not within a batch (std::logic_error). Throws StoreError when the commit fails.
+  virtual std::unique_ptr<TableWatch> watch(const std::string& table) = 0;
 
   struct Observer {
     // A group of reports, checked for form only. A change followed by several subscribers is

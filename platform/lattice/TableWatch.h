@@ -1,0 +1,84 @@
+// What others derive from rows: watched tables, and the moment before each commit at which rows
+// that follow from theirs join it.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/brine/Store.h"
+
+namespace Lattice {
+
+// A row that is not as it was at the last commit. Values are packed value columns.
+struct ChangedRow {
+  std::string key;
+  std::optional<std::string> before;  // nothing: there was no such row
+  std::optional<std::string> after;   // nothing: it is deleted
+};
+
+// Collects the changed rows of one table since the last commit. A table that nobody watches costs a
+// branch a write. Call with the activity lock held.
+class WatchedTable {
+ public:
+  WatchedTable(Brine::Store& store, Brine::TableNumber rows) : store_(store), rows_(rows) {}
+
+  // For the database: the row is about to change. Only the first call for a key counts.
+  void touched(std::string_view key, std::optional<std::string_view> before);
+  bool anyTouched() const { return !before_.empty(); }
+  void settled();  // committed or discarded: nothing is changed any more
+
+  const std::vector<ChangedRow>& changes();
+  std::optional<std::string_view> value(std::string_view key);
+  using Visit = std::function<bool(std::string_view key, std::string_view value)>;
+  void forEachCommitted(const Visit& visit, std::string_view from);
+
+ private:
+  Brine::Store& store_;
+  const Brine::TableNumber rows_;
+  std::unordered_map<std::string, std::optional<std::string>> before_;
+  std::vector<ChangedRow> changes_;
+  bool collected_ = false;  // changes_ is of before_
+};
+
+// Watches as long as it lives. See Database::watch().
+class TableWatch {
+ public:
+  explicit TableWatch(std::shared_ptr<WatchedTable> table) : table_(std::move(table)) {}
+
+  // The rows changed since the last commit, ascending by key. Valid until the table's next write.
+  const std::vector<ChangedRow>& changes() { return table_->changes(); }
+  // The packed value columns as written last, committed or not; valid until the next write.
+  std::optional<std::string_view> value(std::string_view key) { return table_->value(key); }
+  // The rows of the last commit, ascending by key, from `from` on, until `visit` answers false.
+  // `visit` must not write.
+  void forEachCommitted(const WatchedTable::Visit& visit, std::string_view from = {}) {
+    table_->forEachCommitted(visit, from);
+  }
+
+ private:
+  std::shared_ptr<WatchedTable> table_;
+};
+
+// Called with the activity lock held, on whatever thread commits.
+class CommitObserver {
+ public:
+  virtual ~CommitObserver() = default;
+  // Rows of watched tables are about to be committed. Rows written now, to any table, are part of
+  // the same commit; changes of watched tables among them can be seen at once, and do not make this
+  // be called again. What it throws fails the commit as a full state directory does.
+  virtual void beforeCommit() = 0;
+  // How that commit ended. discarded(): every row is as at the commit before.
+  virtual void committed() = 0;
+  virtual void discarded() = 0;
+  // A batch has ended, well or not, with or without changes: Database::watch() works again.
+  virtual void batchEnded() = 0;
+  // The table is not bound any more, or to another interface. Its watches see nothing from now on.
+  virtual void watchedTableGone(const std::string& name) = 0;
+};
+
+}  // namespace Lattice
