@@ -14,8 +14,15 @@ struct FileDescriptor::Impl {
   uv_poll_t poll;
   FileDescriptor* owner;  // null once the owner is gone
 
-  void ready(int events) {
+  void start(int events) {
+    uv_poll_start(&poll, events, [](uv_poll_t* handle, int status, int ready) {
+      static_cast<Impl*>(handle->data)->ready(status, ready);
+    });
+  }
+
+  void ready(int status, int events) {
     const ActivityLock lock;
+    if (status < 0) events = UV_READABLE | UV_WRITABLE;  // both would end with the error
     if (!owner) return;
     // A callback may drop the last reference; an object that nobody shares is not ours to hold.
     const Ptr<FileDescriptor> alive(owner->references() > 0 ? owner : nullptr);
@@ -27,8 +34,15 @@ struct FileDescriptor::Impl {
       const auto writable = owner->writable_;
       writable();
     }
+    // libuv watches no more what had an error. But sockets tell of devices that went down, or of
+    // what they had to drop, that way, and live on.
+    if (status < 0 && owner && owner->impl_ == this) start(owner->events());
   }
 };
+
+int FileDescriptor::events() const {
+  return (readable_ ? UV_READABLE | UV_DISCONNECT : 0) | (writable_ ? UV_WRITABLE : 0);
+}
 
 FileDescriptor::FileDescriptor(ReactorLoop& loop, std::string name)
     : Entity(std::move(name)), loop_(loop) {
@@ -64,8 +78,7 @@ void FileDescriptor::rewatch() {
   if (nonBlocking()) {
     fcntl(descriptor(), F_SETFL, fcntl(descriptor(), F_GETFL) | O_NONBLOCK);
   }
-  const int events = (readable_ ? UV_READABLE | UV_DISCONNECT : 0) | (writable_ ? UV_WRITABLE : 0);
-  if (events == 0) return;
+  if (events() == 0) return;
   impl_ = new Impl;
   impl_->owner = this;
   impl_->poll.data = impl_;
@@ -75,9 +88,7 @@ void FileDescriptor::rewatch() {
         -error, std::generic_category(),
         "cannot watch descriptor " + std::to_string(descriptor()) + " of " + name());
   }
-  uv_poll_start(&impl_->poll, events, [](uv_poll_t* poll, int status, int ready) {
-    static_cast<Impl*>(poll->data)->ready(status < 0 ? UV_READABLE : ready);
-  });
+  impl_->start(events());
 }
 
 }  // namespace Vela

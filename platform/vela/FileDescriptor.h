@@ -21,15 +21,17 @@ class FileDescriptor final : public Entity {
   VELA_READONLY_ATTRIBUTE(bool, nonBlocking, false)
 
  public:
-  // `readable` runs on the loop, under the activity lock, as long as the descriptor is readable or
-  // hung up. An empty function stops watching. Throws std::system_error for a descriptor that
-  // cannot be watched (a regular file, or one that is watched already); so does descriptorIs().
+  // `readable` runs on the loop, under the activity lock, as long as the descriptor is readable,
+  // hung up, or has an error to be read. An empty function stops watching. Throws std::system_error
+  // for a descriptor that cannot be watched (a regular file, or one that is watched already); so
+  // does descriptorIs().
   void onReadableIs(std::function<void()> readable);
   void onWritableIs(std::function<void()> writable);
 
  private:
   struct Impl;
   void rewatch();
+  int events() const;  // to watch for, in libuv's terms
   ReactorLoop& loop_;
   Impl* impl_ = nullptr;  // freed by libuv's close callback
   std::function<void()> readable_;

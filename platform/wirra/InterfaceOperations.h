@@ -1,6 +1,7 @@
 // What is done to kernel devices: made, brought up and taken down. Needs CAP_NET_ADMIN.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "platform/vela/Ptr.h"
@@ -33,8 +34,11 @@ class TapDevice final {
   std::string packetIs(const void* bytes, size_t size);
 
  private:
+  void doEmpty();
   const std::string name_;
   int descriptor_ = -1;
+  bool attached_ = false;  // our queue, among those of the device
+  unsigned written_ = 0;
 };
 
 }  // namespace Wirra

@@ -42,7 +42,14 @@ class EthPhyIntfConfig final : public Vela::Entity {
 KORVEL_INTERFACE_DIRECTORY(AllIntfStatusDir)       // every interface but the CPU's and loopback
 KORVEL_INTERFACE_DIRECTORY(AllIntfStatusLocalDir)  // those of this network namespace: the same
 KORVEL_INTERFACE_DIRECTORY(AllEthPhyIntfStatusDir)
-KORVEL_INTERFACE_DIRECTORY(AllEthPhyIntfConfigDir)
 #undef KORVEL_INTERFACE_DIRECTORY
+
+class AllEthPhyIntfConfigDir final : public Orrery::Directory {
+ public:
+  explicit AllEthPhyIntfConfigDir(std::string name) : Directory(std::move(name)) {}
+  const char* typeName() const override { return "Interface::AllEthPhyIntfConfigDir"; }
+  // An EthPhyIntfConfig for any name that a device may have, also of one that is not there yet.
+  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override;
+};
 
 }  // namespace Interface

@@ -52,8 +52,6 @@ struct PacketAccessManager::Impl {
   }
   ~Impl() { watch->descriptorIs(-1); }
 
-  void rewatch();
-  void handleReadable();
   size_t take(size_t most, std::vector<Packet::Ptr>* out);
   void takeFrame(const Frame& frame, std::vector<Packet::Ptr>* out);
   size_t sendRun(std::span<const Packet::Ptr> packets, std::vector<SendResult>* results);
@@ -68,30 +66,11 @@ struct PacketAccessManager::Impl {
   PacketSocket socket;
   const Vela::Ptr<Vela::FileDescriptor> watch;
   Vela::Timer spaceTimer;
-  std::function<void()> packets;
   std::function<void()> space;
   bool full = false;
   std::string trouble;
   Counts counts;
 };
-
-void PacketAccessManager::Impl::rewatch() {
-  if (receives && packets) {
-    watch->onReadableIs([this] { handleReadable(); });
-  } else {
-    watch->onReadableIs({});
-  }
-}
-
-void PacketAccessManager::Impl::handleReadable() {
-  const Ptr alive(owner.references() > 0 ? &owner : nullptr);
-  const uint64_t before = counts.received + counts.refused;
-  const auto callback = packets;
-  if (callback) callback();
-  // The socket was ready, but not with packets: its device went down, and libuv takes a descriptor
-  // with an error for a broken one that it watches no more. This one lives on.
-  if (alive && counts.received + counts.refused == before) rewatch();
-}
 
 size_t PacketAccessManager::Impl::take(size_t most, std::vector<Packet::Ptr>* out) {
   ReceiveBatch& batch = theReceiveBatch();
@@ -221,8 +200,7 @@ PacketAccessManager::~PacketAccessManager() = default;
 int PacketAccessManager::ifIndex() const { return impl_->socket.ifIndex(); }
 
 void PacketAccessManager::onPacketsIs(std::function<void()> packets) {
-  impl_->packets = std::move(packets);
-  impl_->rewatch();
+  if (impl_->receives) impl_->watch->onReadableIs(std::move(packets));
 }
 
 size_t PacketAccessManager::packets(size_t most, std::vector<Packet::Ptr>* out) {
