@@ -57,6 +57,7 @@ P4TableInfoSm::P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
   changes_.push_back(allQueriesCompiledAttribute().observe([this] { handleAllQueriesCompiled(); }));
   changes_.push_back(
       tableInfo_->cleanupRequestIdAttribute().observe([this] { handleCleanupRequest(); }));
+  changes_.push_back(systemConfig_->enabledAttribute().observe([this] { handleEnabled(); }));
   changes_.push_back(systemConfig_->forwardingPipelineConfigFilePathAttribute().observe(
       [this] { handlePipelineConfigFile(); }));
   changes_.push_back(services_.typeStatusDir->entityCollection().observeKeys(
@@ -83,6 +84,7 @@ void P4TableInfoSm::handleInitialized() {
 void P4TableInfoSm::handlePipelineConfigFile() {
   const std::string path = systemConfig_->forwardingPipelineConfigFilePath();
   SCRIVEL_TRACE(1, "handlePipelineConfigFile", " File ", path);
+  if (!systemConfig_->enabled() || cleanupWaits_) return;  // maybeBringUpPipeline() asks again
   guarded([&] { readPipelineConfigFile(path); });
 }
 
@@ -147,16 +149,6 @@ void P4TableInfoSm::handlePipelineConfigStr(const std::string& deviceConfigJson)
   jsonRoot_ = root;
   jsonRootToDelete_ = std::move(document);
   createLatticeTableTypes();
-}
-
-void P4TableInfoSm::handleCleanupRequest() {
-  const uint32_t request = tableInfo_->cleanupRequestId();
-  SCRIVEL_TRACE(1, "P4TableInfoSm::", "handleCleanupRequest", request, " query status count",
-                services_.queryStatusDir->entityCollection().values().size());
-  services_.queryConfigDir->activeQueryConfigDelAll();
-  services_.queryConfigDir->queryConfigDelAll();
-  services_.typeConfigDir->typeConfigDelAll();
-  tableInfo_->cleanupResponseIdIs(request);
 }
 
 }  // namespace P4Runtime

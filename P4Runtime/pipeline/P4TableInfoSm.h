@@ -10,6 +10,7 @@
 #include "P4Runtime/pipeline/Json.h"
 #include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
+#include "platform/companion/BatchStatus.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/lattice/Database.h"
 #include "platform/pollen/QueryConfig.h"
@@ -73,7 +74,12 @@ class P4TableInfoSm : public Vela::Entity {
   void handleQueryCompileStatus();
   void handleAllQueriesReceived();
   void handleAllQueriesCompiled();
+  // Lets the pipeline go, but for rows and records, once the batch in progress is settled, and
+  // answers with the request's number. The pipeline comes up again when the agent is enabled.
   void handleCleanupRequest();
+  void handleEnabled();
+  // Whose batches a clean-up waits for; both outlive this. Without it, for none.
+  void batchStatusIs(Vela::Ptr<BatchStatus> batchStatus, Vela::ReactorLoop& loop);
   const P4ControllerPktMetadata& controllerPktMetadata() const { return *controllerPktMetadata_; }
   // Makes the table that an active query's rows go to.
   void queryOutputIs(const std::string& path, const std::string& typeName);
@@ -96,6 +102,9 @@ class P4TableInfoSm : public Vela::Entity {
 
   void readPipelineConfigFile(const std::string& path);
   void doForgetPipeline();
+  bool maybeFinishCleanup();
+  void doCleanUp();
+  bool maybeBringUpPipeline();
 
   void parseP4InfoActions(const cJSON* p4Info);
   void parseP4InfoDirectResources(const cJSON* p4Info);
@@ -124,6 +133,9 @@ class P4TableInfoSm : public Vela::Entity {
   std::map<std::string, Vela::Observation> typeStatusChanges_;
   std::map<std::string, Vela::Observation> queryStatusChanges_;
   std::vector<Vela::Observation> changes_;
+  Vela::Ptr<BatchStatus> batchStatus_;
+  Vela::Observation batchChange_;
+  bool cleanupWaits_ = false;  // for the batch in progress
 };
 
 // Throws a P4RuntimeParsingException of `what` and `detail`, with the text at which cJSON stopped.

@@ -282,6 +282,7 @@ pi_status_t _pi_act_prof_entries_fetch(pi_session_handle_t session_handle, pi_de
   SCRIVEL_TRACE(6, "_pi_act_prof_entries_fetch", " session_handle: ", session_handle,
                 " dev_id: ", dev_id, " act_prof_id: ", act_prof_id);
   const TableImpl& tableImpl = *TheTableImpl();
+  if (tableImpl.cacheLetGo()) return PI_STATUS_TARGET_TRANSPORT_ERROR;
   if (!tableImpl.memberCache()) return PI_STATUS_SUCCESS;  // nothing is programmed yet
   populateMemberFetchData(tableImpl, act_prof_id, res);
   populateGroupFetchData(tableImpl, act_prof_id, res);

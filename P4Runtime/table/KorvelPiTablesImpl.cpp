@@ -235,6 +235,7 @@ pi_status_t _pi_table_entries_fetch(pi_session_handle_t session_handle, pi_dev_i
   SCRIVEL_TRACE(6, "_pi_table_entries_fetch", " session_handle: ", session_handle,
                 " dev_id: ", dev_id, " table_id: ", table_id);
   const TableImpl& tableImpl = *TheTableImpl();
+  if (tableImpl.cacheLetGo()) return PI_STATUS_TARGET_TRANSPORT_ERROR;
   const ResourceId rid{tableResource, table_id};
   const bool mounted = tableImpl.tableCache() != nullptr;
   const size_t most = mounted ? tableImpl.handleMgr().entryHandleCount(rid) : 0;

@@ -86,6 +86,9 @@ void TableImpl::maybeCheckTableSizeLimit(const ResourceId& rid, EntryHandle hand
 }
 
 TableImpl::Table TableImpl::requireTable(const ResourceId& rid) const {
+  if (cacheLetGo_) {
+    refuse(ErrorCode::notReady, "the agent is disabled; write again once it is enabled");
+  }
   if (const std::string& why = tableInfo_->unprogrammable(rid); !why.empty()) {
     refuse(ErrorCode::cannotProgram,
            fmt::format("{} cannot be programmed: {}", tableInfo_->kindAndName(rid), why));

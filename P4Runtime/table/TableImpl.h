@@ -110,7 +110,12 @@ class TableImpl : public Vela::Entity {
   void restoreActionMemberCachedEntries();
   void restoreActionGroupCachedEntries();
   void restoreTableCachedEntries();
-  void cleanupCache();  // lets go of the caches; their records stay
+  // Lets go of the caches; their records and the rows stay. Waits for the batch in progress, whose
+  // outcome is still to be recorded. Writes are refused from then on.
+  void cleanupCache();
+  void mountCache();  // takes them again, or does not let them go after all
+  // The caches were let go: what they hold cannot be told.
+  bool cacheLetGo() const { return cacheLetGo_; }
 
   void clearPendingOperations();
   size_t numPendingEntries() const;  // that wait for the forwarding agents
@@ -197,6 +202,7 @@ class TableImpl : public Vela::Entity {
   std::vector<std::string> orphanedRows(const ResourceId& rid,
                                         const Lattice::ArTableInterface& interface);
   void handleInitialized();
+  void doLetGoOfCache();
   void handleConstTablesProgrammed();
 
   const Vela::Ptr<P4TableInfo> tableInfo_;
@@ -211,9 +217,11 @@ class TableImpl : public Vela::Entity {
   Vela::Ptr<EntryFailures> failures_;
   bool entriesRestored_ = false;
   bool restoring_ = false;
+  bool cacheLetGo_ = false;
   RestoreCounts restored_;
   Vela::Observation initializedChange_;
   Vela::Observation constTablesChange_;
+  Vela::Observation settledChange_;  // while letting go of the caches waits for a batch
 };
 
 Vela::Ptr<TableImpl> tableImplFactory(Vela::Ptr<P4TableInfo> tableInfo,

@@ -25,17 +25,37 @@ constexpr const char* cachePath = "p4runtime/cache/";
 }  // namespace
 
 void TableImpl::handleInitialized() {
-  if (!initialized() || !database_) return;
+  if (initialized()) mountCache();
+}
+
+void TableImpl::mountCache() {
+  settledChange_.end();
+  if (!database_ || tableCache_) return;
   Brine::Store& store = database_->store();
   const std::string path = cachePath;
   tableCache_ = Vela::make<TableCache>(store, path + "table");
   memberCache_ = Vela::make<ActionProfileMemberCache>(store, path + "actionProfileMember");
   groupCache_ = Vela::make<ActionProfileGroupCache>(store, path + "actionProfileGroup");
   metadataTable_ = store.table(path + "metadata");
+  cacheLetGo_ = false;
 }
 
 void TableImpl::cleanupCache() {
+  if (!database_) return;
+  const auto context = ThePiContext();
+  const auto batchStatus = context ? context->batchStatus() : nullptr;
+  if (!batchStatus || !batchStatus->inProgress()) return doLetGoOfCache();
+  SCRIVEL_TRACE(1, "TableImpl", " the batch in progress still needs the caches");
+  settledChange_ = batchStatus->inProgressAttribute().observe([this, batchStatus] {
+    if (batchStatus->inProgress()) return;
+    settledChange_.end();
+    doLetGoOfCache();
+  });
+}
+
+void TableImpl::doLetGoOfCache() {
   SCRIVEL_TRACE(1, "TableImpl", " unmounting the caches");
+  cacheLetGo_ = true;
   tableCache_ = nullptr;
   memberCache_ = nullptr;
   groupCache_ = nullptr;

@@ -30,6 +30,8 @@ class P4RtSystemStatus : public Vela::Entity {
   const char* typeName() const override { return "P4RuntimeConfig::P4RtSystemStatus"; }
 
   VELA_READONLY_ATTRIBUTE(bool, enabled, false)
+  // For whom a disable, or the enabling after one, is waiting; "": for nobody.
+  VELA_READONLY_ATTRIBUTE(std::string, waitsFor, "")
   VELA_READONLY_ATTRIBUTE(bool, brokenInvariant, false)
   // Writes are refused; since when (UTC, ISO 8601) and why. Empty texts when not critical.
   VELA_READONLY_ATTRIBUTE(bool, critical, false)
@@ -59,6 +61,9 @@ class AgentConfig : public Vela::Entity {
   VELA_ATTRIBUTE(std::string, p4InfoJsonPath, "/etc/pipeline_config_p4info.json")
   VELA_ATTRIBUTE(std::string, deviceJsonPath, "/etc/pipeline_config_device.json")
   VELA_ATTRIBUTE(bool, tableSizeCheckEnabled, true)
+  // Where plugins are looked for when the agent starts; "": "korvel/plugins" beside the agent's
+  // library, if that is there.
+  VELA_ATTRIBUTE(std::string, pluginDirectory, "")
 };
 
 }  // namespace P4Runtime

@@ -34,6 +34,19 @@ class PluginConfig final : public Vela::Entity {
   VELA_ATTRIBUTE(std::string, settings, "")
 };
 
+// At "p4runtime/config/plugin". A configuration file may give a plugin its settings before it is
+// loaded, and name one that is not there.
+class PluginConfigDir final : public Orrery::Directory {
+ public:
+  explicit PluginConfigDir(std::string name) : Directory(std::move(name)) {}
+  const char* typeName() const override { return "P4Runtime::PluginConfigDir"; }
+
+  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override;
+};
+
+// Letters, digits, "-", "_" and "."; not "all", which stands for every plugin.
+bool isPluginName(const std::string& name);
+
 // At "p4runtime/status/plugin/NAME".
 class PluginStatus final : public Vela::Entity {
  public:
