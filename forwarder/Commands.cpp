@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "forwarder/PuntCommand.h"
+#include "forwarder/Punter.h"
 #include "forwarder/RowText.h"
 #include "forwarder/TrafficCommand.h"
 
@@ -29,7 +31,11 @@ constexpr const char* helpText =
     "traffic header FIELD=VALUE[,...]  one more packet to take in turn; header none: drawn ones\n"
     "traffic bytes N                a packet's size\n"
     "traffic seed N                 what the packets are drawn from\n"
-    "traffic reset                  counts hits and misses anew; not the flows' counters\n";
+    "traffic reset                  counts hits and misses anew; not the flows' counters\n"
+    "punt                           packets for the controller: from where, to where, counts\n"
+    "punt PORT HEXBYTES [COUNT]     punts this packet as if it had arrived on the port\n"
+    "punt PORT size=N [count=N] [rate=N]  punts made packets, numbered after the Ethernet header\n"
+    "punt field NAME=VALUE          a value for a field of packet_in, such as reason=1\n";
 
 Answer refused(std::string why) { return {false, std::move(why)}; }
 
@@ -70,6 +76,15 @@ Answer stats(const ForwardingAgent& agent, const ReportQueue& reports, const Fol
                         capacity ? std::to_string(*capacity) : "none");
   }
   return {true, std::move(text)};
+}
+
+std::string punterStats(const Punter& punter) {
+  if (!punter.started()) return {};
+  std::string text = "punt-" + punter.counts().text();
+  for (size_t end = text.find('\n'); end + 1 < text.size(); end = text.find('\n', end + 1)) {
+    text.insert(end + 1, "punt-");
+  }
+  return text;
 }
 
 bool hasKeyColumn(const Lattice::TableType& type, const std::string& name) {
@@ -113,7 +128,7 @@ Answer ruled(ForwardingAgent& agent, const std::string& name, std::string_view a
 }  // namespace
 
 Answer answered(ForwardingAgent& agent, const ReportQueue& reports, const Following& following,
-                std::string_view line, Traffic* traffic) {
+                std::string_view line, Traffic* traffic, Punter* punter) {
   const size_t start = std::min(line.find_first_not_of(" \t\r"), line.size());
   line.remove_prefix(start);
   line = line.substr(0, line.find_last_not_of(" \t\r") + 1);
@@ -122,8 +137,13 @@ Answer answered(ForwardingAgent& agent, const ReportQueue& reports, const Follow
   line.remove_prefix(blank);
   line.remove_prefix(std::min(line.find_first_not_of(" \t"), line.size()));
   if (name == "dump") return dump(agent, std::string(line));
-  if (name == "stats") return stats(agent, reports, following);
+  if (name == "stats") {
+    Answer answer = stats(agent, reports, following);
+    if (punter) answer.text += punterStats(*punter);
+    return answer;
+  }
   if (name == "traffic" && traffic) return trafficAnswered(*traffic, line);
+  if (name == "punt" && punter) return puntAnswered(*punter, line);
   if (name == "rules") return {true, rulesText(agent.rules())};
   if (name == "help" || name.empty()) return {true, helpText};
   return ruled(agent, name, line);

@@ -123,7 +123,8 @@ void ControlSocket::pollDescriptors(std::vector<pollfd>& out) const {
   if (!listening()) return;
   out.push_back({listener_, POLLIN, 0});
   for (const Client& client : clients_) {
-    out.push_back({client.descriptor, static_cast<short>(client.answered ? POLLOUT : POLLIN), 0});
+    const int events = client.later ? 0 : client.answered ? POLLOUT : POLLIN;
+    out.push_back({client.descriptor, static_cast<short>(events), 0});
   }
 }
 
@@ -159,10 +160,26 @@ bool ControlSocket::advanced(Client& client) {
     if (end == client.in.npos && client.in.size() <= maxLine) return true;
     Answer answer{false, "the command is longer than " + std::to_string(maxLine) + " bytes"};
     if (end != client.in.npos) answer = command_(std::string_view(client.in).substr(0, end));
-    client.out = answer.ok ? "ok\n" + answer.text : "error " + answer.text + '\n';
     client.answered = true;
+    client.later = std::move(answer.later);
+    if (!client.later) doAnswer(client, answer);
+  }
+  if (client.later) {
+    const auto answer = client.later();
+    if (!answer) return !gone(client);
+    client.later = {};
+    doAnswer(client, *answer);
   }
   return send(client);
+}
+
+void ControlSocket::doAnswer(Client& client, const Answer& answer) {
+  client.out = answer.ok ? "ok\n" + answer.text : "error " + answer.text + '\n';
+}
+
+bool ControlSocket::gone(const Client& client) {
+  pollfd state{client.descriptor, 0, 0};
+  return poll(&state, 1, 0) == 1;  // it hung up
 }
 
 bool ControlSocket::receive(Client& client) {

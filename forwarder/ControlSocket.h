@@ -37,7 +37,7 @@ class ControlSocket {
   void maybeListen();
   bool listening() const { return listener_ >= 0; }
   void pollDescriptors(std::vector<pollfd>& out) const;  // appends what to wait for
-  void serve();                                          // does what can be done without waiting
+  void serve();  // does what can be done without waiting; asks for answers that are yet to come
 
  private:
   struct Client {
@@ -46,14 +46,17 @@ class ControlSocket {
     std::string out;
     size_t outSent = 0;
     bool answered = false;
+    std::function<std::optional<Answer>()> later;  // set: the answer is yet to come
   };
   bool ours() const;  // whether the path still leads to our socket
   void doListen();
   void doClose();
   void acceptClients();
   static bool receive(Client& client);  // false when the client is gone
-  static bool send(Client& client);     // false when all is sent or the client is gone
-  bool advanced(Client& client);        // false when the connection is over
+  static bool gone(const Client& client);
+  static void doAnswer(Client& client, const Answer& answer);
+  static bool send(Client& client);  // false when all is sent or the client is gone
+  bool advanced(Client& client);     // false when the connection is over
 
   const std::string path_;
   const Command command_;

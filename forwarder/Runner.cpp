@@ -44,11 +44,13 @@ Runner::Runner(RunnerOptions options)
       publisher_(options_.stateDirectory, options_.name, agent_.flows(),
                  [this] { agent_.doRepublishFlows(); }),
       subscriber_(Lattice::Subscriber::create(options_.stateDirectory, options_.name, agent_)),
+      punter_(options_.stateDirectory, options_.punt,
+              [this](const std::string& line) { say(line); }),
       control_(controlPath(options_.stateDirectory, options_.name),
                [this](std::string_view line) {
                  return answered(agent_, reports_,
                                  {subscriber_->attached(), subscriber_->sequence()}, line,
-                                 &traffic_);
+                                 &traffic_, &punter_);
                }),
       signals_(openSignals()) {
   reports_.subscriberIs(subscriber_.get());
@@ -56,6 +58,7 @@ Runner::Runner(RunnerOptions options)
   if (options_.verbose) agent_.logIs([this](const std::string& line) { say(line); });
   agent_.rulesIs(options_.rules);
   traffic_.optionsIs(options_.traffic);
+  if (options_.punt.listens()) punter_.start();  // signals are blocked by now, for its threads too
 }
 
 Runner::~Runner() {
@@ -70,7 +73,7 @@ void Runner::run() try {
   while (agentOnly || handleSignals()) {
     if (!agentOnly) {
       control_.maybeListen();
-      control_.serve();
+      doServe();
     }
     const bool busy = subscriber_->attached() || traffic_.running();
     subscriber_->follow(busy ? milliseconds(0) : detachedTick);
@@ -85,8 +88,13 @@ void Runner::run() try {
 
 void Runner::handleProgress() {
   if (!handleSignals()) throw Stopped();
-  control_.serve();
+  doServe();
   reports_.sendDue();
+}
+
+void Runner::doServe() {
+  punter_.answersSeen();
+  control_.serve();
 }
 
 void Runner::doBackgroundWork() {
@@ -109,7 +117,7 @@ void Runner::maybeSayTraffic() {
 
 // Answers whether the agent was the only one to come.
 bool Runner::doWait() {
-  std::vector<pollfd> descriptors{{signals_, POLLIN, 0}};
+  std::vector<pollfd> descriptors{{signals_, POLLIN, 0}, {punter_.answerDescriptor(), POLLIN, 0}};
   control_.pollDescriptors(descriptors);
   const int events = subscriber_->sending() ? POLLIN | POLLOUT : POLLIN;
   descriptors.push_back({subscriber_->descriptor(), static_cast<short>(events), 0});

@@ -1,5 +1,5 @@
 // The forwarder's process: one thread that follows the agent, sends late reports in time, serves
-// the control socket, and ends on SIGTERM or SIGINT.
+// the control socket, and ends on SIGTERM or SIGINT. Packets for the controller have their own.
 #pragma once
 
 #include <csignal>
@@ -9,6 +9,7 @@
 #include "forwarder/ControlSocket.h"
 #include "forwarder/FlowPublisher.h"
 #include "forwarder/ForwardingAgent.h"
+#include "forwarder/Punter.h"
 #include "forwarder/Traffic.h"
 
 namespace Forwarder {
@@ -18,6 +19,7 @@ struct RunnerOptions {
   std::string name;
   Rules rules;
   TrafficOptions traffic;
+  PuntOptions punt;
   bool dumpOnSignal = false;  // SIGUSR1 prints the tables on standard output
   bool verbose = false;       // a line a change on standard error
 };
@@ -33,6 +35,7 @@ class Runner {
   bool handleSignals();  // false when it is time to go
   void handleAttachment();
   void handleProgress();  // within follow(), which may take a while
+  void doServe();
   bool doWait();
   void doBackgroundWork();  // packets and their counts, in small slices
   void maybeSayTraffic();
@@ -44,6 +47,7 @@ class Runner {
   Traffic traffic_;
   FlowPublisher publisher_;
   std::unique_ptr<Lattice::Subscriber> subscriber_;
+  Punter punter_;
   ControlSocket control_;
   int signals_ = -1;
   bool attached_ = false;

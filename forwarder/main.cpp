@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "forwarder/ControlSocket.h"
+#include "forwarder/PuntCommand.h"
 #include "forwarder/Runner.h"
 #include "forwarder/TrafficCommand.h"
 
@@ -74,6 +75,37 @@ struct TrafficWords {
   }
 };
 
+// And these, of the command `punt`.
+struct PuntWords {
+  std::vector<std::string> ports, etherTypes, fields;
+  std::string device;
+  CLI::Option* punt = nullptr;
+
+  void add(CLI::App& app) {
+    const auto option = [&](const char* name, auto& words, const char* what, const char* help) {
+      return app.add_option(name, words, help)->type_name(what)->allow_extra_args(false);
+    };
+    punt = option("--punt", ports, "[PORT=DEVICE]",
+                  "punt what arrives on the ports that the agent maps, or on this one")
+               ->expected(0, 1)
+               ->take_all();
+    option("--punt-ethertype", etherTypes, "TYPE", "only packets of this EtherType")->take_all();
+    option("--punt-field", fields, "NAME=VALUE", "a value for a field of packet_in")->take_all();
+    option("--punt-device", device, "DEVICE",
+           "send to the controller on this device, not into the TAP p4controller");
+  }
+  PuntOptions options() const {
+    PuntOptions options;
+    // `--punt` by itself stands as an empty word, or as none.
+    if (punt->count() > ports.size()) applyPunt(options, "");
+    for (const std::string& word : ports) applyPunt(options, word);
+    for (const std::string& word : etherTypes) applyPuntEtherType(options, word);
+    for (const std::string& word : fields) applyPuntField(options, word);
+    options.device = device;
+    return options;
+  }
+};
+
 int runCtl(const std::string& stateDirectory, const std::string& name,
            const std::vector<std::string>& words) {
   std::string line;
@@ -114,6 +146,7 @@ int main(int argc, char** argv) {
   RunnerOptions options{.stateDirectory = defaultStateDirectory(), .name = "main"};
   RuleOptions ruleOptions;
   TrafficWords traffic;
+  PuntWords punt;
   app.add_option("--state-dir", options.stateDirectory, "the agent's state directory")
       ->capture_default_str();
   app.add_option("--name", options.name, "of this forwarder; each of an agent's has its own")
@@ -125,6 +158,7 @@ int main(int argc, char** argv) {
   ruleOptions.add(app, "fail-every", "N", "one write in N fails");
   ruleOptions.add(app, "fail-code", "CODE", "the error code of such failures (default 2)");
   traffic.add(app);
+  punt.add(app);
   app.add_flag("--silent", ruleOptions.silent, "never report");
   app.add_flag("--dump", options.dumpOnSignal, "print the tables on SIGUSR1");
   app.add_flag("--verbose", options.verbose, "print each change");
@@ -141,6 +175,7 @@ int main(int argc, char** argv) {
     if (!fault.empty()) throw CLI::ValidationError("--name", fault);
     options.rules = ruleOptions.rules();
     options.traffic = traffic.options();
+    options.punt = punt.options();
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
   } catch (const std::exception& e) {  // CLI::ParseError, RuleError
