@@ -11,16 +11,24 @@
 namespace TestSupport {
 namespace {
 
+std::string portsOf(const AgentOptions& options) {
+  std::string members;
+  for (const auto& [port, intf] : options.ports) {
+    members += fmt::format(R"("p4runtime/config/port-mapping/{}": {{"intf": "{}"}},)", port, intf);
+  }
+  return members;
+}
+
 std::string configurationOf(const AgentOptions& options) {
   if (!options.configuration.empty()) return options.configuration;
   return fmt::format(
-      R"({{"p4runtime/config/system": {{"enabled": true, "deviceId": {},
+      R"({{{} "p4runtime/config/system": {{"enabled": true, "deviceId": {},
  "forwardingPipelineConfigFilePath": "{}", "grpcServerAddress": "127.0.0.1",
  "grpcServerPort": {}}},
 "p4runtime/config/agent": {{"batchTimeout": {}, "p4InfoJsonPath": "{}.p4info.json",
  "deviceJsonPath": "{}.device.json"}}}}
 )",
-      options.deviceId, options.pipelineFile, options.port, options.batchTimeout,
+      portsOf(options), options.deviceId, options.pipelineFile, options.port, options.batchTimeout,
       options.stateDirectory, options.stateDirectory);
 }
 
@@ -41,10 +49,10 @@ std::string AgentProcess::address() const { return fmt::format("127.0.0.1:{}", o
 void AgentProcess::start() {
   std::filesystem::create_directories(options_.stateDirectory);
   std::ofstream(configPath()) << configurationOf(options_);
-  process_ = std::make_unique<Process>(
-      std::vector<std::string>{binaryPath("korvel"), "agent", "--config", configPath(),
-                               "--state-dir", options_.stateDirectory},
-      outputPath(), outputPath(), options_.environment);
+  std::vector<std::string> command{binaryPath("korvel"), "agent",       "--config",
+                                   configPath(),         "--state-dir", options_.stateDirectory};
+  command.insert(command.end(), options_.arguments.begin(), options_.arguments.end());
+  process_ = std::make_unique<Process>(command, outputPath(), outputPath(), options_.environment);
 }
 
 void AgentProcess::kill() { process_->kill(); }

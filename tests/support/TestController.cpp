@@ -6,6 +6,7 @@
 #include <ostream>
 
 #include "google/rpc/status.pb.h"
+#include "tests/support/Pipeline.h"
 
 namespace TestSupport {
 namespace {
@@ -67,6 +68,19 @@ p4::v1::Update updateOf(p4::v1::Update::Type type, const p4::v1::Entity& entity)
   return update;
 }
 
+p4::v1::PacketOut packetOut(uint32_t port, std::string payload, bool submitToIngress) {
+  p4::v1::PacketOut packet;
+  const auto metadata = [&](uint32_t id, uint64_t value) {
+    auto& field = *packet.add_metadata();
+    field.set_metadata_id(id);
+    field.set_value(canonicalBytes(value));
+  };
+  metadata(1, port);
+  metadata(2, submitToIngress ? 1 : 0);
+  packet.set_payload(std::move(payload));
+  return packet;
+}
+
 grpc::StatusCode WriteOutcome::code(size_t update) const {
   if (update < errors.size()) {
     return static_cast<grpc::StatusCode>(errors[update].canonical_code());
@@ -97,19 +111,24 @@ bool TestController::waitConnected(std::chrono::milliseconds timeout) {
 }
 
 void TestController::disconnect() {
+  readsIs(true);
   if (context_) context_->TryCancel();
   if (follower_.joinable()) follower_.join();
   stream_.reset();
   context_.reset();
   notices_.clear();
+  streamErrors_.clear();
+}
+
+void TestController::openStream() {
+  if (stream_) return;
+  context_ = std::make_unique<grpc::ClientContext>();
+  stream_ = stub_->StreamChannel(context_.get());
+  follower_ = std::thread([this] { followStream(); });
 }
 
 grpc::StatusCode TestController::arbitrate() {
-  if (!stream_) {
-    context_ = std::make_unique<grpc::ClientContext>();
-    stream_ = stub_->StreamChannel(context_.get());
-    follower_ = std::thread([this] { followStream(); });
-  }
+  openStream();
   p4::v1::StreamMessageRequest request;
   auto& update = *request.mutable_arbitration();
   update.set_device_id(deviceId_);
@@ -129,19 +148,63 @@ std::optional<grpc::StatusCode> TestController::nextNotice() {
   return code;
 }
 
+bool TestController::send(p4::v1::PacketOut packet) {
+  p4::v1::StreamMessageRequest request;
+  *request.mutable_packet() = std::move(packet);
+  return send(request);
+}
+
+bool TestController::send(const p4::v1::StreamMessageRequest& request) {
+  openStream();
+  return stream_->Write(request);
+}
+
+void TestController::onPacketInIs(std::function<void(const p4::v1::PacketIn&)> packetIn) {
+  packetIn_ = std::move(packetIn);
+}
+
+std::optional<p4::v1::StreamError> TestController::streamError() {
+  std::unique_lock lock(mutex_);
+  if (!changed_.wait_for(lock, patience, [this] { return !streamErrors_.empty(); })) return {};
+  p4::v1::StreamError error = std::move(streamErrors_.front());
+  streamErrors_.pop_front();
+  return error;
+}
+
+void TestController::tell(grpc::StatusCode code) {
+  const std::lock_guard lock(mutex_);
+  notices_.push_back(code);
+  changed_.notify_all();
+}
+
+void TestController::handle(const p4::v1::StreamMessageResponse& response) {
+  if (response.has_packet()) {
+    if (packetIn_) packetIn_(response.packet());
+  } else if (response.has_arbitration()) {
+    tell(static_cast<grpc::StatusCode>(response.arbitration().status().code()));
+  } else if (response.has_error()) {
+    ++streamErrorCount_;
+    const std::lock_guard lock(mutex_);
+    streamErrors_.push_back(response.error());
+    changed_.notify_all();
+  }
+}
+
+void TestController::readsIs(bool reads) {
+  const std::lock_guard lock(mutex_);
+  reads_ = reads;
+  changed_.notify_all();
+}
+
+void TestController::waitUntilReads() {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return reads_; });
+}
+
 // The stream's end stands in the queue like a message, so that nobody waits for one in vain.
 void TestController::followStream() {
-  const auto tell = [this](grpc::StatusCode code) {
-    const std::lock_guard lock(mutex_);
-    notices_.push_back(code);
-    changed_.notify_all();
-  };
   p4::v1::StreamMessageResponse response;
-  while (stream_->Read(&response)) {
-    if (response.has_arbitration()) {
-      tell(static_cast<grpc::StatusCode>(response.arbitration().status().code()));
-    }
-  }
+  for (waitUntilReads(); stream_->Read(&response); waitUntilReads()) handle(response);
   tell(stream_->Finish().error_code());
 }
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -59,6 +60,9 @@ p4::v1::Update deleteOf(const Thing& thing) {
   return updateOf(p4::v1::Update::DELETE, entityOf(thing));
 }
 
+// A packet-out as the router pipeline declares it.
+p4::v1::PacketOut packetOut(uint32_t port, std::string payload, bool submitToIngress = false);
+
 // Several threads may write and read at once; one thread owns the stream's verbs.
 class TestController {
  public:
@@ -77,6 +81,16 @@ class TestController {
   bool waitConnected(std::chrono::milliseconds timeout);
   void disconnect();
 
+  // Packets; the stream is open after arbitrate(). False when it has ended.
+  bool send(p4::v1::PacketOut packet);
+  bool send(const p4::v1::StreamMessageRequest& request);
+  // Called for each packet-in, on the stream's thread; set it before arbitrate().
+  void onPacketInIs(std::function<void(const p4::v1::PacketIn&)> packetIn);
+  // The next stream error; nothing when none comes while a test's patience lasts.
+  std::optional<p4::v1::StreamError> streamError();
+  size_t streamErrorCount() const { return streamErrorCount_; }  // all that came
+  void readsIs(bool reads);  // false: reads at most one more message from the stream
+
   WriteOutcome write(const std::vector<p4::v1::Update>& updates,
                      std::chrono::milliseconds timeout = patience);
   WriteOutcome write(const p4::v1::WriteRequest& request,
@@ -92,7 +106,11 @@ class TestController {
   using Stream =
       grpc::ClientReaderWriter<p4::v1::StreamMessageRequest, p4::v1::StreamMessageResponse>;
   std::optional<grpc::StatusCode> nextNotice();
+  void openStream();
   void followStream();
+  void waitUntilReads();
+  void handle(const p4::v1::StreamMessageResponse& response);
+  void tell(grpc::StatusCode code);
 
   const uint64_t deviceId_;
   std::shared_ptr<grpc::Channel> channel_;
@@ -101,10 +119,14 @@ class TestController {
   std::unique_ptr<grpc::ClientContext> context_;
   std::unique_ptr<Stream> stream_;
   std::thread follower_;
+  std::function<void(const p4::v1::PacketIn&)> packetIn_;
+  std::atomic<size_t> streamErrorCount_{0};
 
   std::mutex mutex_;  // guards what follows
   std::condition_variable changed_;
   std::deque<grpc::StatusCode> notices_;
+  std::deque<p4::v1::StreamError> streamErrors_;
+  bool reads_ = true;
 };
 
 }  // namespace TestSupport

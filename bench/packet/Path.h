@@ -1,0 +1,54 @@
+// A way that packets take from a sender to a receiver, and how fast it is.
+#pragma once
+
+#include <atomic>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "bench/p4runtime/Samples.h"
+#include "tests/support/Window.h"
+
+namespace Bench {
+
+// On their way at once: more would overrun the kernel's queue between the ends of a link.
+constexpr ptrdiff_t packetWindow = 512;
+
+struct PathFigures {
+  size_t bytes = 0;
+  size_t packets = 0;  // sent in all
+  double perSecond = 0;
+  Duration median{};  // of one packet that travels alone, from its sending to its arrival
+};
+
+// Measures throw std::runtime_error when a packet gets lost.
+class Path {
+ public:
+  Path() = default;
+  virtual ~Path() = default;
+  Path(const Path&) = delete;
+  Path& operator=(const Path&) = delete;
+
+  // `packets` at full speed, then `alone` one by one.
+  PathFigures measured(size_t bytes, size_t packets, size_t alone);
+  void waitOpen();  // sends until the first packet arrives
+
+ protected:
+  // Sends them in order.
+  virtual void send(std::span<const std::string_view> packets) = 0;
+  // One packet is there; the receiver's thread says so. Others than those being measured are none.
+  void arrived(std::string_view packet);
+
+ private:
+  double rate(size_t packets);
+  Duration median(size_t alone);
+  void begin(size_t bytes, TestSupport::Window& window);
+  void take(TestSupport::Window& window);
+
+  std::string packet_;
+  uint32_t stream_ = 0;                                // tells measurements apart
+  std::atomic<TestSupport::Window*> window_{nullptr};  // of the one that runs
+  std::atomic<Clock::time_point> lastArrival_{};
+};
+
+}  // namespace Bench

@@ -1,0 +1,106 @@
+// See NetworkNamespace.h.
+#include "tests/support/NetworkNamespace.h"
+
+#include <fmt/format.h>
+#include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include "tests/support/Process.h"
+
+namespace TestSupport {
+namespace {
+
+bool written(const std::string& path, const std::string& text) {
+  std::ofstream file(path);
+  return static_cast<bool>(file << text << std::flush);
+}
+
+// For those who are not root: in a user namespace they may do anything to a network of its own.
+bool enteredAsUser() {
+  const uid_t user = geteuid();
+  const gid_t group = getegid();
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
+  return written("/proc/self/setgroups", "deny") &&
+         written("/proc/self/uid_map", fmt::format("0 {} 1", user)) &&
+         written("/proc/self/gid_map", fmt::format("0 {} 1", group));
+}
+
+}  // namespace
+
+std::string enteredNetworkNamespace() {
+  if (unshare(CLONE_NEWNET) != 0 && !enteredAsUser()) {
+    return fmt::format("no network namespace: {}; run as root, or permit user namespaces",
+                       std::strerror(errno));
+  }
+  for (const char* which : {"all", "default"}) {
+    written(fmt::format("/proc/sys/net/ipv6/conf/{}/disable_ipv6", which), "1");
+  }
+  try {
+    deviceUpIs("lo", true);
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "";
+}
+
+void ip(const std::string& arguments) {
+  std::vector<std::string> command{"ip"};
+  std::istringstream words(arguments);
+  for (std::string word; words >> word;) command.push_back(word);
+  const CommandResult result = run(command);
+  if (result.exit.code != 0) throw std::runtime_error("ip " + arguments + ": " + result.error);
+}
+
+void deviceUpIs(const std::string& device, bool up) {
+  const int descriptor = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);
+  ifreq request{};
+  device.copy(request.ifr_name, IFNAMSIZ - 1);
+  bool done = descriptor >= 0 && ioctl(descriptor, SIOCGIFFLAGS, &request) == 0;
+  if (up) {
+    request.ifr_flags |= IFF_UP;
+  } else {
+    request.ifr_flags &= static_cast<short>(~IFF_UP);
+  }
+  done = done && ioctl(descriptor, SIOCSIFFLAGS, &request) == 0;
+  const int error = errno;
+  if (descriptor >= 0) close(descriptor);
+  if (!done) throw std::runtime_error(fmt::format("{}: {}", device, std::strerror(error)));
+}
+
+VethPair::VethPair(std::string name, std::string peer, unsigned mtuBytes)
+    : name_(std::move(name)), peer_(std::move(peer)), mtuBytes_(mtuBytes) {
+  made();
+}
+
+VethPair::~VethPair() {
+  try {
+    deleted();
+  } catch (const std::exception&) {
+    // A test has deleted it; the namespace takes along what is left.
+  }
+}
+
+void VethPair::made() const {
+  ip(fmt::format("link add {} mtu {} type veth peer name {} mtu {}", name_, mtuBytes_, peer_,
+                 mtuBytes_));
+  deviceUpIs(name_, true);
+  deviceUpIs(peer_, true);
+}
+
+void VethPair::deleted() const { ip("link del " + name_); }
+
+void VethPair::remade() {
+  deleted();
+  made();
+}
+
+}  // namespace TestSupport
