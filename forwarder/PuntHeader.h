@@ -36,7 +36,7 @@ class PuntHeader {
     std::string name;
     uint32_t bits = 0;
     size_t offset = 0;
-    size_t size() const { return (bits + 7) / 8; }
+    size_t size() const { return (size_t{bits} + 7) / 8; }
   };
   void doPlace(const PuntValues& values);
   const Field* field(std::string_view name) const;

@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <memory>
+#include <optional>
 #include <thread>
 
 namespace Forwarder {
@@ -68,6 +70,37 @@ TEST_F(ControlSocketTest, AnswersTextRefusalsAndMuch) {
   EXPECT_EQ(refusal.text, "no means no");
   EXPECT_FALSE(askedOf(control, std::string(100'000, 'a')).ok);
   EXPECT_EQ(askedOf(control, "much").text.size(), 10'000'000u);
+}
+
+TEST_F(ControlSocketTest, AnswersThatTakeLongHoldNobodyUpAndEndWithTheirClient) {
+  const auto ready = std::make_shared<bool>(false);
+  std::weak_ptr<bool> waiting;
+  ControlSocket control(path_, [&](std::string_view line) {
+    if (line == "now") return Answer{true, "at once"};
+    const auto kept = std::make_shared<bool>(true);
+    waiting = kept;
+    Answer answer;
+    answer.later = [ready, kept]() -> std::optional<Answer> {
+      if (!*ready) return std::nullopt;
+      return Answer{false, "in the end"};
+    };
+    return answer;
+  });
+  control.maybeListen();
+  const int impatient = connected();
+  ASSERT_EQ(send(impatient, "later\n", 6, MSG_NOSIGNAL), 6);
+  EXPECT_EQ(askedOf(control, "now").text, "at once");
+  EXPECT_FALSE(waiting.expired());
+  close(impatient);
+  EXPECT_EQ(askedOf(control, "now").text, "at once");
+  EXPECT_TRUE(waiting.expired());
+  std::thread patient([&] { EXPECT_EQ(asked(path_, "later").text, "in the end"); });
+  while (waiting.expired()) control.serve();
+  *ready = true;
+  servedBy(control, [&] {
+    patient.join();
+    return 0;
+  });
 }
 
 TEST_F(ControlSocketTest, SleepingClientsHoldNobodyUp) {
