@@ -407,11 +407,6 @@ pi_status_t _pi_session_cleanup(pi_session_handle_t session_handle) {
   return PI_STATUS_SUCCESS;
 }
 
-// There is no way to the ports yet.
-pi_status_t _pi_packetout_send(pi_dev_id_t, const char*, size_t) {
-  return PI_STATUS_PACKETOUT_SEND_ERROR;
-}
-
 pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
   const ActivityLock lock;
   P4Runtime::pendingStatus().clear();

@@ -2,6 +2,8 @@
 #pragma once
 
 #include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/packet/ControllerTxPktConfig.h"
+#include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "platform/companion/BatchStatus.h"
 #include "platform/companion/HwStatusDir.h"
@@ -22,6 +24,8 @@ class PiContext : public Vela::Entity {
 
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServer>, piServer, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<BatchStatus>, batchStatus, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<ControllerTxPktConfig>, controllerTxPktConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(P4ControllerPktMetadata::Ptr, p4ControllerPktMetadata, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4HandleMgr>, p4HandleMgr, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus>, p4RtSystemStatus, nullptr)

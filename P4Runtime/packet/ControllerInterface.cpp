@@ -1,0 +1,48 @@
+#include "P4Runtime/packet/ControllerInterface.h"
+
+#include <utility>
+
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("ControllerInterface");
+
+// What an operator has given the device stays.
+constexpr bool keepConfigured = true;
+
+}  // namespace
+
+ControllerInterface::ControllerInterface(Vela::Ptr<const Bridging::Config> bridgingConfig)
+    : Entity("controllerInterface"), bridgingConfig_(std::move(bridgingConfig)) {
+  handleInitialized();
+}
+
+Vela::Ptr<ControllerInterface> controllerInterfaceFactory(
+    Vela::Ptr<const Bridging::Config> bridgingConfig) {
+  return Vela::make<ControllerInterface>(std::move(bridgingConfig));
+}
+
+void ControllerInterface::handleInitialized() {
+  intfOperationsIs(Vela::make<Wirra::InterfaceOperations>());
+  initializedIs(true);
+}
+
+std::string ControllerInterface::bringUpIntf() {
+  const std::string& mac = bridgingConfig_->bridgeMacAddr();
+  SCRIVEL_TRACE(1, "bringUpIntf", " mac:", mac);
+  const std::string trouble = intfOperations()->up(controllerIntfName, mac, keepConfigured);
+  if (trouble.empty() || mac.empty()) return trouble;
+  // Packets matter more than the address that they come from.
+  SCRIVEL_TRACE(0, "bringUpIntf", " ", trouble);
+  intfOperations()->up(controllerIntfName, "", keepConfigured);
+  return trouble;
+}
+
+std::string ControllerInterface::bringDownIntf() {
+  SCRIVEL_TRACE(1, "bringDownIntf");
+  return intfOperations()->down(controllerIntfName);
+}
+
+}  // namespace P4Runtime

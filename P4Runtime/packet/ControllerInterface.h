@@ -1,0 +1,40 @@
+// The CPU's own network device, "p4controller": what the forwarding plane punts comes in there.
+#pragma once
+
+#include <string>
+
+#include "platform/companion/BridgingConfig.h"
+#include "platform/vela/Entity.h"
+#include "platform/wirra/InterfaceOperations.h"
+
+namespace P4Runtime {
+
+inline constexpr const char* controllerIntfName = "p4controller";
+
+// Call with the activity lock held.
+class ControllerInterface final : public Vela::Entity {
+ public:
+  explicit ControllerInterface(Vela::Ptr<const Bridging::Config> bridgingConfig);
+  const char* typeName() const override { return "P4Runtime::ControllerInterface"; }
+
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Wirra::InterfaceOperations>, intfOperations, nullptr)
+  VELA_READONLY_ATTRIBUTE(bool, initialized, false)
+
+ public:
+  // With the switch's own MAC address when the bridging configuration has one; an address that the
+  // device does not take leaves it the one it has. "" or why the device is not as it should be.
+  std::string bringUpIntf();
+  std::string bringDownIntf();
+  [[nodiscard]] Vela::Observation observeMac(std::function<void()> changed) const {
+    return bridgingConfig_->bridgeMacAddrAttribute().observe(std::move(changed));
+  }
+
+ private:
+  void handleInitialized();
+  const Vela::Ptr<const Bridging::Config> bridgingConfig_;
+};
+
+Vela::Ptr<ControllerInterface> controllerInterfaceFactory(
+    Vela::Ptr<const Bridging::Config> bridgingConfig);
+
+}  // namespace P4Runtime

@@ -1,0 +1,40 @@
+// The queue of packets that controllers want sent.
+#pragma once
+
+#include <cstddef>
+
+#include "P4Runtime/packet/ControllerTxPktDesc.h"
+#include "P4Runtime/packet/KeyedQueue.h"
+
+namespace P4Runtime {
+
+// Threads of the server put descriptors in, the reactor takes them out; both with the activity lock
+// held. Observe txPktDesc() to hear when it stops being empty.
+class ControllerTxPktConfig final : public Vela::Entity {
+ public:
+  // Descriptors that wait for their turn or for their device, of all ports together.
+  static constexpr size_t capacity = 4096;
+
+  using Entity::Entity;
+  const char* typeName() const override { return "P4Runtime::ControllerTxPktConfig"; }
+
+  // False, and counted in refusedFull(), when `capacity` descriptors wait.
+  bool txPktDescEnq(const ControllerTxPktDesc& desc);
+  KeyedQueue<ControllerTxPktDesc>& txPktDesc() { return txPktDesc_; }
+  const KeyedQueue<ControllerTxPktDesc>& txPktDesc() const { return txPktDesc_; }
+
+ private:
+  KeyedQueue<ControllerTxPktDesc> txPktDesc_{*this, "txPktDesc"};
+
+  // Taken out, but waiting until their device has space; kept by whoever takes them out.
+  VELA_READONLY_ATTRIBUTE(uint64_t, held, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, refusedFull, 0)
+  // Packets that there was no memory for; counted by whoever makes them.
+  VELA_READONLY_ATTRIBUTE(uint64_t, refusedMemory, 0)
+  // Packets whose header is not what the pipeline declares, or that it declares none for.
+  VELA_READONLY_ATTRIBUTE(uint64_t, refusedHeader, 0)
+};
+
+Vela::Ptr<ControllerTxPktConfig> controllerTxPktConfigFactory();
+
+}  // namespace P4Runtime

@@ -1,0 +1,231 @@
+#include "P4Runtime/packet/P4RuntimeCpuPktSm.h"
+
+#include <fmt/format.h>
+
+#include <cassert>
+#include <utility>
+
+#include "PI/pi.h"
+#include "PI/target/pi_imp.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("P4RuntimeCpuPktSm");
+
+constexpr size_t mostPacketsIn = 128;  // a turn; other work of the reactor comes between turns
+
+std::string sourceAddress(const Wirra::Packet& packet) {
+  const auto bytes = packet.bytes();
+  if (bytes.size() < 12) return "none";
+  return fmt::format("{:02x}", fmt::join(bytes.subspan(6, 6), ":"));
+}
+
+}  // namespace
+
+CpuPktSm::CpuPktSm(Vela::ReactorLoop& loop, CpuPktInputs inputs)
+    : Entity("cpuPktSm"), loop_(loop), txPktStatus_(std::move(inputs.controllerTxPktStatus)) {
+  kernelNetInfoRootIs(std::move(inputs.kernelNetInfoRoot));
+  kernelNetInfoStatusIs(std::move(inputs.kernelNetInfoStatus));
+  controllerInterfaceIs(std::move(inputs.controllerInterface));
+  controllerTxPktConfigIs(std::move(inputs.controllerTxPktConfig));
+  p4RtSystemConfigIs(std::move(inputs.p4RtSystemConfig));
+  p4RtPortMappingStatusIs(std::move(inputs.p4RtPortMappingStatus));
+  allIntfStatusDirIs(std::move(inputs.allIntfStatusDir));
+  allIntfStatusLocalDirIs(std::move(inputs.allIntfStatusLocalDir));
+  TxWays& ways = *this;
+  transmitter_ =
+      std::make_unique<PacketTransmitter>(loop, *controllerTxPktConfig(), *txPktStatus_, ways);
+  transmitter_->onTurnIs([this] { pktDeqCountIs(transmitter_->taken()); });
+  handleInitialized();
+}
+
+CpuPktSm::~CpuPktSm() {
+  if (netdevPam()) netdevPam()->onPacketsIs({});
+}
+
+Vela::Ptr<CpuPktSm> cpuPktSmFactory(Vela::ReactorLoop& loop, CpuPktInputs inputs) {
+  return Vela::make<CpuPktSm>(loop, std::move(inputs));
+}
+
+void CpuPktSm::handleInitialized() {
+  pamCollectionIs(Vela::make<PamCollection>("cpuPktInterfaces"));
+  desiredIntfDirIs(Vela::make<Orrery::Directory>("desiredInterfaces"));
+  deviceIntfStatusDirIs(Vela::make<Orrery::Directory>("deviceIntfStatusDir"));
+  netdevNameIs(controllerIntfName);
+  changes_.push_back(kernelNetInfoStatus()->entityCollection().observeKeys(
+      [this](const std::string& name) { handleKernelDevice(name); }));
+  changes_.push_back(controllerInterface()->observeMac([this] { doBringUp(); }));
+  changes_.push_back(controllerTxPktConfig()->txPktDesc().observe([this] { handleTxPktDesc(); }));
+  const auto ways = [this](const std::string&) { handleWays(); };
+  changes_.push_back(p4RtPortMappingStatus()->intfOfPortCollection().observeKeys(ways));
+  changes_.push_back(pamCollection()->pamCollection().observeKeys(ways));
+  handleKernelDevice(netdevName());
+  addDesiredIntfSmIs(Vela::make<AddDesiredIntfSm>(allIntfStatusDir(), desiredIntfDir()));
+  doInitializePamMan();
+  initializedIs(true);
+  handleTxPktDesc();
+}
+
+void CpuPktSm::doInitializePamMan() {
+  intfStatusManagerRootIs(Vela::make<IntfStatusManager>(desiredIntfDir(), kernelNetInfoStatus(),
+                                                        deviceIntfStatusDir()));
+  pamManIs(Vela::make<P4RuntimeCpuPktMgr>(loop_, deviceIntfStatusDir(), pamCollection()));
+}
+
+void CpuPktSm::handleKernelDevice(const std::string& name) {
+  if (name != netdevName()) {
+    SCRIVEL_TRACE(5, "handleKernelDevice", "Ignoring kernel device ", name);
+    return;
+  }
+  const auto device = kernelNetInfoStatus()->device(name);
+  const auto pam = netdevPam();
+  if (pam && device && static_cast<uint32_t>(pam->ifIndex()) == device->ifIndex()) return;
+  if (pam) {
+    SCRIVEL_TRACE(1, "handleKernelDevice", " ", name, " removed ");
+    doDisablePam();
+  }
+  if (!device) return;
+  SCRIVEL_TRACE(1, "handleKernelDevice", " found ::dev ", name, " added ");
+  doBringUp();
+  doEnablePam();
+}
+
+void CpuPktSm::doBringUp() {
+  if (!kernelNetInfoStatus()->device(netdevName())) return;
+  const std::string trouble = controllerInterface()->bringUpIntf();
+  if (trouble.empty()) return;
+  SCRIVEL_TRACE(0, "doBringUp", " ", trouble);
+  fmt::print(stderr, "korvel: {}; packets for controllers come in by it\n", trouble);
+}
+
+void CpuPktSm::doEnablePam() {
+  auto pam =
+      packetAccessOpened(loop_, netdevName(), Wirra::PacketAccessManager::Mode::receiveAndSend);
+  if (!pam) return;  // handleKernelDevice() or handlePeriod() asks again
+  pam->onPacketsIs([this] { handlePktEvent(); });
+  netdevPamIs(std::move(pam));
+  netdevInitializedIs(true);
+  handleWays();
+}
+
+void CpuPktSm::doDisablePam() {
+  updateCounts();
+  const auto& last = netdevPam()->counts();
+  ofFormerPams_.missed += last.missed;
+  ofFormerPams_.refused += last.refused;
+  netdevPam()->onPacketsIs({});
+  netdevPam()->onSpaceIs({});
+  netdevInitializedIs(false);
+  netdevPamIs(nullptr);
+  handleWays();
+}
+
+void CpuPktSm::handlePeriod() {
+  if (!netdevPam() && kernelNetInfoStatus()->device(netdevName())) doEnablePam();
+  pamMan()->retry();
+  updateCounts();
+}
+
+void CpuPktSm::updateCounts() {
+  counts_.missed = ofFormerPams_.missed;
+  counts_.refused = ofFormerPams_.refused;
+  if (!netdevPam()) return;
+  const auto& now = netdevPam()->counts();
+  counts_.missed += now.missed;
+  counts_.refused += now.refused;
+}
+
+void CpuPktSm::handlePktEvent() {
+  if (!initialized()) {
+    SCRIVEL_TRACE(1, "handlePktEvent", " Uninitialized");
+    return;
+  }
+  batch_.clear();
+  const auto pam = netdevPam();
+  const size_t numPkts = pam ? pam->packets(mostPacketsIn, &batch_) : 0;
+  if (numPkts == 0) {
+    SCRIVEL_TRACE(8, "handlePktEvent", "No packets to read ");
+    return;
+  }
+  SCRIVEL_TRACE(8, "handlePktEvent", " numPkts:", numPkts);
+  counts_.received += numPkts;
+  for (const Ptr& pkt : batch_) {
+    SCRIVEL_TRACE(9, "handlePktEvent", "Processing Pkt");
+    processPkt(pkt);
+  }
+  batch_.clear();
+}
+
+void CpuPktSm::processPkt(const Ptr& pkt) {
+  SCRIVEL_TRACE(8, "processPkt", " Packet SA ", sourceAddress(*pkt));
+  const pi_dev_id_t deviceId = p4RtSystemConfig()->deviceId();
+  // Also while the library serves another device than the one that is configured now.
+  if (pi_num_devices() == 0 || !pi_is_device_assigned(deviceId)) {
+    ++counts_.droppedNoDevice;
+    return;
+  }
+  const auto bytes = pkt->bytes();
+  const pi_status_t status =
+      pi_packetin_receive(deviceId, reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  if (status != PI_STATUS_SUCCESS) {
+    fmt::print(stderr, "Failed( status == PI_STATUS_SUCCESS )  packet_in_receive failed with {}\n",
+               static_cast<int>(status));
+    assert(!"( status == PI_STATUS_SUCCESS )");
+  }
+}
+
+// Also on the server's threads: the queue stopped being empty.
+void CpuPktSm::handleTxPktDesc() {
+  if (!controllerTxPktConfig()->txPktDesc().empty()) transmitter_->wake();
+}
+
+void CpuPktSm::handleWays() { transmitter_->waysChanged(); }
+
+TxWays::Way CpuPktSm::processTxPktDesc(const ControllerTxPktDesc& desc) {
+  if (!desc.pkt) {
+    SCRIVEL_TRACE(1, "processTxPktDesc", " no packet to transmit ");
+    return {{}, TxDrop::noPacket};
+  }
+  if (desc.flags.ingressProcessingEnabled()) {
+    if (netdevPam()) return {netdevName(), {}};
+    SCRIVEL_TRACE(5, "processTxPktDesc", " no PAM for ", netdevName());
+    return {{}, TxDrop::noPam};
+  }
+  const std::string& intf = p4RtPortMappingStatus()->intfOfPort(desc.egressP4PortId);
+  if (intf.empty()) {
+    SCRIVEL_TRACE(5, "processTxPktDesc", " no mapping for P4 Port ", desc.egressP4PortId);
+    return {{}, TxDrop::noMapping};
+  }
+  if (!pamCollection()->pamHas(intf)) {
+    SCRIVEL_TRACE(5, "processTxPktDesc", " no PAM for P4 Port ", desc.egressP4PortId);
+    return {{}, TxDrop::noPam};
+  }
+  SCRIVEL_TRACE(8, "processTxPktDesc", " Packet for Port ", desc.egressP4PortId, " intf ", intf);
+  return {intf, {}};
+}
+
+Wirra::PacketAccessManager::Ptr CpuPktSm::pamOf(const std::string& intf) const {
+  return intf == netdevName() ? netdevPam() : pamCollection()->pam(intf);
+}
+
+void CpuPktSm::send(const std::string& intf, std::span<const Ptr> packets,
+                    std::vector<Wirra::SendResult>* results) {
+  const auto pam = pamOf(intf);
+  if (!pam) {
+    results->push_back(Wirra::SendResult::noDevice);
+    return;
+  }
+  pam->send(packets, results);
+  if (!results->empty() && results->back() == Wirra::SendResult::full) {
+    pam->onSpaceIs([this] { handleWays(); });
+  }
+}
+
+std::string CpuPktSm::trouble(const std::string& intf) const {
+  const auto pam = pamOf(intf);
+  return pam ? pam->trouble() : std::string();
+}
+
+}  // namespace P4Runtime
