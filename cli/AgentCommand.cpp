@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <signal.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -15,7 +14,10 @@
 #include <system_error>
 
 #include "P4Runtime/agent/AgentRuntime.h"
+#include "cli/NetworkPlatform.h"
+#include "cli/ProvidedEntities.h"
 #include "cli/StateDirectory.h"
+#include "cli/StopWatcher.h"
 #include "platform/brine/Store.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/orrery/Config.h"
@@ -23,7 +25,6 @@
 #include "platform/orrery/Server.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
-#include "platform/vela/FileDescriptor.h"
 #include "platform/vela/ReactorLoop.h"
 
 namespace {
@@ -35,9 +36,10 @@ struct Options {
   std::string config;
   std::string stateDirectory;
   std::string library;
+  bool createCpuDevice = false;
 };
 
-// What ends a start that cannot succeed: a line for standard error, and an exit status.
+// What ends a start: a line for standard error, and an exit status. Without a line it was stopped.
 struct StartFailure {
   std::string line;
   int status;
@@ -95,10 +97,6 @@ std::unique_ptr<Brine::Store> openStore(const Options& options) {
 }
 
 void doLoadConfig(Orrery::Database& database, const Options& options) {
-  database.entityIs("p4runtime/config/system",
-                    Vela::make<P4RuntimeConfig::P4RtSystemConfig>("p4runtime/config/system"));
-  database.entityIs("p4runtime/config/agent",
-                    Vela::make<P4Runtime::AgentConfig>("p4runtime/config/agent"));
   try {
     Orrery::loadConfig(database, options.config);
   } catch (const Orrery::ConfigError& e) {
@@ -107,65 +105,53 @@ void doLoadConfig(Orrery::Database& database, const Options& options) {
 }
 
 // SIGTERM and SIGINT take the same way out as an exit request.
-class StopSignals {
- public:
-  StopSignals(Vela::ReactorLoop& loop, Orrery::Database& database)
-      : descriptor_(Vela::make<Vela::FileDescriptor>(loop, "stopSignals")) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    sigprocmask(SIG_BLOCK, &signals, nullptr);  // also of every thread made later
-    fd_ = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
-    descriptor_->descriptorIs(fd_);
-    descriptor_->onReadableIs([this, &database] {
-      signalfd_siginfo info;
-      if (read(fd_, &info, sizeof info) != sizeof info) return;
-      const auto config = database.entity("p4runtime/config/agent");
-      static_cast<P4Runtime::AgentConfig*>(config.get())->exitRequestedIs(true);
-    });
-  }
+void doRequestExit(Orrery::Database& database) {
+  const auto config = database.entity("p4runtime/config/agent");
+  static_cast<P4Runtime::AgentConfig*>(config.get())->exitRequestedIs(true);
+}
 
- private:
-  const Vela::Ptr<Vela::FileDescriptor> descriptor_;
-  int fd_ = -1;
-};
+// A start that takes a while looks up between its steps.
+void stopIfRequested(const StopWatcher& stopWatcher) {
+  if (stopWatcher.requested()) throw StartFailure{"", 0};
+}
 
 P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& database,
-                                  Brine::Store& store, const Options& options) {
+                                  Brine::Store& store, StopWatcher& stopWatcher,
+                                  const Options& options) {
   const auto flushEntityLog = [&loop](std::function<void()> complete) {
     Scrivel::flush();
     loop.post(std::move(complete));
   };
-  // Server threads are running, so nothing is destroyed; what was written is committed already.
-  const auto exit = [&store](int status) {
-    if (store.dirty()) store.commit();
-    std::fflush(nullptr);
-    _exit(status);
-  };
-  return {loop, database, store, options.stateDirectory, flushEntityLog, exit};
+  // Server threads are running, so nothing is destroyed. What was confirmed is committed already;
+  // what is not belongs to a batch that is being written, half of which must not last.
+  const auto exit = [](int status) { _exit(status); };
+  const auto exitIsNear = [&stopWatcher](bool near) { stopWatcher.exitIsNear(near); };
+  return {loop, database, store, options.stateDirectory, flushEntityLog, exit, exitIsNear};
 }
 
-void runAgent(const Options& options) {
+void runAgent(const Options& options, StopWatcher& stopWatcher) {
   Vela::ReactorLoop loop;
   Vela::TheReactorLoopIs(&loop);
   const auto database = Orrery::embeddedDatabase(loop);
   std::unique_ptr<Brine::Store> store;
   std::unique_ptr<Orrery::Server> server;
   std::unique_ptr<P4Runtime::AgentRuntime> runtime;
-  std::unique_ptr<StopSignals> stopSignals;
+  std::unique_ptr<NetworkPlatform> network;
   {
     const Vela::ActivityLock lock;
     const AgentLibrary library = load(options);
     library.registerTypes();
+    network = std::make_unique<NetworkPlatform>(loop, *database);
     doLoadConfig(*database, options);
     store = openStore(options);
+    if (options.createCpuDevice) network->cpuDeviceIs();
+    network->start();
     server =
         std::make_unique<Orrery::Server>(loop, *database, options.stateDirectory + "/orrery.sock");
-    stopSignals = std::make_unique<StopSignals>(loop, *database);
-    runtime =
-        std::make_unique<P4Runtime::AgentRuntime>(runtimeOf(loop, *database, *store, options));
+    runtime = std::make_unique<P4Runtime::AgentRuntime>(
+        runtimeOf(loop, *database, *store, stopWatcher, options));
     library.start("p4runtime", runtime.get());
+    stopWatcher.onRequestIs([&] { loop.post([&] { doRequestExit(*database); }); });
   }
   loop.run();
 }
@@ -173,10 +159,10 @@ void runAgent(const Options& options) {
 int agentMain(const Options& options) {
   signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write
   try {
-    runAgent(options);
+    runAgent(options, *new StopWatcher);
     return 0;
   } catch (const StartFailure& failure) {
-    fmt::print(stderr, "korvel: {}\n", failure.line);
+    if (!failure.line.empty()) fmt::print(stderr, "korvel: {}\n", failure.line);
     return failure.status;
   } catch (const std::exception& e) {
     fmt::print(stderr, "korvel: {}\n", e.what());
@@ -195,6 +181,8 @@ void addAgentCommand(CLI::App& app) {
                    "Where entries, sockets and traces live; best on a tmpfs")
       ->default_str(defaultStateDirectory());
   command->add_option("--library", options->library, "The agent's library, libP4Runtime.so");
+  command->add_flag("--create-cpu-device", options->createCpuDevice,
+                    "Make the device packets to the controller come over, a TAP \"p4controller\"");
   command->callback([options] {
     if (options->stateDirectory.empty()) options->stateDirectory = defaultStateDirectory();
     const int status = agentMain(*options);

@@ -26,8 +26,15 @@ class KernelNetInterface final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint32_t, vrfTable, 0)  // of kind "vrf": its routing table
 };
 
-// At "kni/ns/NAMESPACE/status": the devices by name. Observe entityCollection() for those that come
-// and go, and each device's attributes. Call with the activity lock held.
+// Where the state database has the devices of this process's network namespace:
+// "kni/ns/NAMESPACE/status" with the name that `ip netns` has for it, else "default".
+std::string kernelDevicesPath();
+// The same for any namespace, so that whoever has one namespace only need not know its name.
+constexpr const char* defaultKernelDevicesPath = "kni/ns/default/status";
+
+// At kernelDevicesPath() and at defaultKernelDevicesPath: the devices by name. Observe
+// entityCollection() for those that come and go, and each device's attributes. Call with the
+// activity lock held.
 class KernelNetInterfaceStatus final : public Orrery::Directory {
  public:
   explicit KernelNetInterfaceStatus(std::string name) : Directory(std::move(name)) {}
