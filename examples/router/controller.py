@@ -21,9 +21,16 @@ Direct counters, and direct meters; these go with the entry, or are set later:
 
     controller.py counters ipv4_route
     controller.py meter --priority 10 --rate 1000000:64000 acl l4_dst_port=22
+
+Packets, out of a port of the switch, and those that the switch gives to its controller:
+
+    controller.py packet-out 1 --size 100
+    controller.py packet-out 1 020000000002020000000001080045000014
+    controller.py packets
 """
 
 import argparse
+import collections
 import queue
 import sys
 import threading
@@ -35,10 +42,10 @@ from p4.config.v1 import p4info_pb2
 from p4.v1 import p4runtime_pb2, p4runtime_pb2_grpc
 
 from entries import Count, NameOrValueError, Pipeline, meter_config, meter_of
-from words import entry_of, group_of, member_of, rate
+from packets import CODE_NAMES, PacketHeaders, bytes_of, made_packet, stream_error
+from words import entry_of, fields_of, group_of, member_of, rate
 
 DETAILS_KEY = "grpc-status-details-bin"
-CODE_NAMES = {code.value[0]: code.name for code in grpc.StatusCode}
 
 
 class ControllerError(Exception):
@@ -88,7 +95,9 @@ class Controller:
         self._stub = p4runtime_pb2_grpc.P4RuntimeStub(self._channel)
         self._requests = queue.Queue()
         self._responses = queue.Queue()
+        self._arrived = collections.deque()  # packets and errors that came before they were asked
         self._pipeline = None
+        self._headers = None
 
     def __enter__(self):
         return self
@@ -109,7 +118,7 @@ class Controller:
         except grpc.FutureTimeoutError:
             return False
 
-    # The stream: who is primary.
+    # The stream: who is primary, and packets.
 
     def become_primary(self):
         """Only the primary, the live controller with the highest election id, may write."""
@@ -129,19 +138,69 @@ class Controller:
         try:
             for response in stream:
                 self._responses.put(response)
+            self._responses.put(None)
         except grpc.RpcError as error:
             self._responses.put(error)
+
+    def _response(self, seconds):
+        """The next message of the stream; raises queue.Empty when none comes in time."""
+        response = self._responses.get(timeout=seconds)
+        if response is None:
+            raise ControllerError("the switch has ended the stream")
+        if isinstance(response, grpc.RpcError):
+            raise ControllerError(f"{response.code().name}: {response.details()}")
+        return response
 
     def _arbitration_answer(self):
         while True:
             try:
-                response = self._responses.get(timeout=self.timeout)
+                response = self._response(self.timeout)
             except queue.Empty:
                 raise ControllerError("the switch does not answer on the stream") from None
-            if isinstance(response, grpc.RpcError):
-                raise ControllerError(f"{response.code().name}: {response.details()}")
             if response.HasField("arbitration"):
                 return response.arbitration
+            self._arrived.append(response)
+
+    def send_packet(self, port, payload, metadata=None):
+        """Out of a port of the switch, if no StreamError says otherwise; needs to be primary.
+        `metadata` are fields of packet_out by name."""
+        self.send(self.headers.packet_out(payload, {"egress_port": port, **(metadata or {})}))
+
+    def send(self, packet_out):
+        """A p4.v1.PacketOut as it is."""
+        self._requests.put(p4runtime_pb2.StreamMessageRequest(packet=packet_out))
+
+    def arrival(self, seconds=None):
+        """The next PacketIn or StreamError; None when none comes in so many seconds."""
+        while True:
+            try:
+                response = self._arrived.popleft() if self._arrived else self._response(seconds)
+            except queue.Empty:
+                return None
+            if response.HasField("packet"):
+                return self.headers.packet_in(response.packet)
+            if response.HasField("error"):
+                return stream_error(response.error)
+            if response.arbitration.status.code != grpc.StatusCode.OK.value[0]:
+                raise ControllerError("another controller has become primary, and gets the packets"
+                                      f" ({response.arbitration.status.message})")
+
+    def end_stream(self):
+        """Says that no more comes, and waits for the switch to have dealt with what was sent.
+        Returns the StreamErrors there were."""
+        self._requests.put(None)
+        errors = []
+        while True:
+            try:
+                response = self._responses.get(timeout=self.timeout)
+            except queue.Empty:
+                raise ControllerError("the switch does not end the stream") from None
+            if response is None:
+                return errors
+            if isinstance(response, grpc.RpcError):
+                raise ControllerError(f"{response.code().name}: {response.details()}")
+            if response.HasField("error"):
+                errors.append(stream_error(response.error))
 
     # The pipeline.
 
@@ -155,6 +214,13 @@ class Controller:
                 raise ControllerError("the switch has no pipeline yet")
             self._pipeline = Pipeline(answer.config.p4info)
         return self._pipeline
+
+    @property
+    def headers(self):
+        """Of packets, as the pipeline declares them."""
+        if self._headers is None:
+            self._headers = PacketHeaders(self.pipeline.p4info)
+        return self._headers
 
     # Entries, and the members and groups that entries of some tables name.
 
@@ -319,6 +385,19 @@ def add_profile_command(commands, name):
     return command
 
 
+def add_packet_commands(commands):
+    out = commands.add_parser("packet-out", help="send packets out of a port of the switch")
+    out.add_argument("--size", type=int, metavar="BYTES", help="of a made packet")
+    out.add_argument("--count", type=int, default=1, help="default: %(default)s")
+    out.add_argument("--field", action="append", default=[], metavar="NAME=VALUE",
+                     help="of packet_out, such as submit_to_ingress=1; those not given are 0")
+    out.add_argument("port", type=int, help="P4 port id; 'korvel port list' shows those mapped")
+    out.add_argument("packet", nargs="?", metavar="HEX", help="the packet; or give --size")
+    packets = commands.add_parser(
+        "packets", help="print packets that the switch gives to its controller, as they come")
+    packets.add_argument("--count", type=int, default=0, help="end after so many; default: never")
+
+
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -341,6 +420,7 @@ def arguments():
     counters = commands.add_parser("counters", help="what the entries of a table have counted")
     counters.add_argument("table", nargs="?")
     add_key(commands.add_parser("meter", help="limit an entry, or without --rate no more"))
+    add_packet_commands(commands)
     return parser.parse_args()
 
 
@@ -375,11 +455,38 @@ def write_thing(controller, options):
         controller.write([controller.update(options.command.upper(), entry)])
 
 
+def send_packets(controller, options):
+    if (options.packet is None) == (options.size is None):
+        raise NameOrValueError("give either the packet in hexadecimal digits or --size")
+    payload = made_packet(options.size) if options.packet is None else bytes_of(options.packet)
+    for _ in range(options.count):
+        controller.send_packet(options.port, payload, fields_of(options.field))
+    errors = controller.end_stream()
+    if errors:
+        raise ControllerError(f"{len(errors)} of {options.count} packets refused; {errors[0]}")
+    print(f"packet-out: {options.count} of {len(payload)} bytes taken by the switch; what becomes"
+          " of them, 'korvel status' counts")
+
+
+def print_packets(controller, options):
+    print("primary; waiting for packets", flush=True)
+    came = 0
+    while not options.count or came < options.count:
+        print(controller.arrival(), flush=True)
+        came += 1
+
+
 def main():
     options = arguments()
     with Controller(options.server, options.device_id, options.election_id) as controller:
-        if not print_things(controller, options):
-            controller.become_primary()
+        if print_things(controller, options):
+            return
+        controller.become_primary()
+        if options.command == "packet-out":
+            send_packets(controller, options)
+        elif options.command == "packets":
+            print_packets(controller, options)
+        else:
             write_thing(controller, options)
             print(f"{options.command}: done")
 
@@ -389,3 +496,5 @@ if __name__ == "__main__":
         main()
     except (ControllerError, NameOrValueError) as error:
         sys.exit(f"controller: {error}")
+    except KeyboardInterrupt:
+        sys.exit(130)

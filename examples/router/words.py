@@ -65,6 +65,17 @@ def group_of(options):
     return group
 
 
+def fields_of(words):
+    """{NAME: VALUE} of NAME=VALUE..."""
+    fields = {}
+    for word in words:
+        name, equals, value = word.partition("=")
+        if not equals:
+            raise NameOrValueError(f"expected NAME=VALUE, not {word}")
+        fields[name] = value
+    return fields
+
+
 def rate(text):
     """CIR:CBURST, or CIR:CBURST:PIR:PBURST."""
     numbers = [int(number) for number in text.split(":")]
