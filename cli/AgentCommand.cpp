@@ -142,8 +142,11 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
     const AgentLibrary library = load(options);
     library.registerTypes();
     network = std::make_unique<NetworkPlatform>(loop, *database);
+    provideEntities(*database, options.stateDirectory);
     doLoadConfig(*database, options);
+    stopIfRequested(stopWatcher);
     store = openStore(options);
+    stopIfRequested(stopWatcher);
     if (options.createCpuDevice) network->cpuDeviceIs();
     network->start();
     server =

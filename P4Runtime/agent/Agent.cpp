@@ -7,44 +7,15 @@
 #include <cstdlib>
 #include <utility>
 
-#include "P4Runtime/pi/P4RuntimeException.h"
-#include "P4Runtime/pipeline/ParsingStatus.h"
-#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/agent/CliCommands.h"
+#include "P4Runtime/agent/SettingChecks.h"
 #include "P4Runtime/table/TableImpl.h"
-#include "PI/frontends/proto/device_mgr.h"
-#include "platform/orrery/EntityTypes.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
 namespace {
 
 Scrivel::TraceHandle trace("P4RuntimeAgent");
-
-using P4RuntimeConfig::P4RtSystemConfig;
-using P4RuntimeConfig::P4RtSystemStatus;
-
-struct MountDeclaration {
-  const char* path;
-  const char* type;
-  const char* mode;
-};
-
-constexpr MountDeclaration mounts[] = {
-    {"p4runtime/config/system", "P4RuntimeConfig::P4RtSystemConfig", "r"},
-    {"p4runtime/status/system", "P4RuntimeConfig::P4RtSystemStatus", "wc"},
-    {"lattice/config/query/p4runtime", "Pollen::QueryConfigDir", "wc"},
-    {"lattice/status/query/p4runtime", "Pollen::QueryStatusDir", "wc"},
-    {"lattice/config/type/p4runtime", "Pollen::TypeConfigDir", "wc"},
-    {"lattice/status/type/p4runtime", "Pollen::TypeStatusDir", "wc"},
-    {"p4runtime/config/agent", "P4Runtime::AgentConfig", "wc"},
-};
-
-constexpr std::chrono::milliseconds statusPeriod(500);
-
-std::string permissionText(uint32_t level) {
-  static const char* const texts[] = {"neither reads nor writes", "reads only", "reads and writes"};
-  return level <= writesAllowed ? texts[level] : std::to_string(level);
-}
 
 }  // namespace
 
@@ -70,9 +41,7 @@ void Agent::doInit() {
     if (!trouble.empty()) fmt::print(stderr, "korvel: no traces: {}\n", trouble);
     SCRIVEL_TRACE(0, "scvPrefix is: ", options.filePrefix);
   }
-  for (const MountDeclaration& mount : mounts) {
-    mountGroup_.mountIs(mount.path, mount.type, mount.mode);
-  }
+  doDeclareMounts();
 }
 
 void Agent::doMount() {
@@ -90,29 +59,27 @@ void Agent::doMountsComplete(const Orrery::MountStatus& status,
     runtime_.exit(0);
   }
   doFetchMounts(*entityManager);
+  doBuildMappings();
   doBuildTableProgramming();
   doBuildPipeline();
+  doAttachKernelDevices();
+  doBuildPackets();
   doBuildServer();
+  doBuildCommands();
   doPublish();
   if (p4RtSystemConfig()->enabled()) p4RtSystemStatus()->enabledIs(true);
 }
 
-void Agent::doFetchMounts(const Orrery::EntityManager& entityManager) {
-  p4RtSystemConfigIs(entityManager.entity<const P4RtSystemConfig>("p4runtime/config/system"));
-  p4RtSystemStatusIs(entityManager.entity<P4RtSystemStatus>("p4runtime/status/system"));
-  tables_ = Lattice::Database::create(runtime_.loop, runtime_.store,
-                                      {.doorbellPath = runtime_.stateDirectory + "/doorbell.sock"});
-  typeConfigDirIs(entityManager.entity<Pollen::TypeConfigDir>("lattice/config/type/p4runtime"));
-  typeStatusDirIs(entityManager.entity<Pollen::TypeStatusDir>("lattice/status/type/p4runtime"));
-  queryConfigDirIs(entityManager.entity<Pollen::QueryConfigDir>("lattice/config/query/p4runtime"));
-  queryStatusDirIs(entityManager.entity<Pollen::QueryStatusDir>("lattice/status/query/p4runtime"));
-  agentConfigIs(entityManager.entity<AgentConfig>("p4runtime/config/agent"));
+void Agent::doBuildMappings() {
+  vrfIdCollectionIs(Vela::make<VrfIdCollection>("vrfs"));
+  p4RtPortMappingDirSmIs(
+      Vela::make<PortMappingDirSm>(p4RtPortMappingConfigDir(), p4RtPortMappingStatus()));
 }
 
 void Agent::doBuildTableProgramming() {
   piContextIs(piContextFactory());
   piContext()->p4RtSystemStatusIs(p4RtSystemStatus());
-  piContext()->hwStatusDirIs(Vela::make<HwStatusDir>("hwStatus", runtime_.stateDirectory));
+  piContext()->hwStatusDirIs(hwStatusDir_);
   ThePiContextIs(piContext());
   p4HandleMgrIs(Vela::make<P4HandleMgr>());
   piContext()->p4HandleMgrIs(p4HandleMgr());
@@ -168,6 +135,20 @@ void Agent::doBuildPipeline() {
                                                     queryStatusDir(), queryTables));
 }
 
+// The launcher keeps the table; without one there are no devices.
+void Agent::doAttachKernelDevices() {
+  const std::string path = Wirra::kernelDevicesPath();
+  if (!runtime_.stateDatabase.entity(path)) {
+    runtime_.stateDatabase.entityIs(path, Vela::make<Wirra::KernelNetInterfaceStatus>(path));
+  }
+  const auto entity = runtime_.stateDatabase.entity(path);
+  const Vela::Ptr<const Wirra::KernelNetInterfaceStatus> devices(
+      dynamic_cast<const Wirra::KernelNetInterfaceStatus*>(entity.get()));
+  kernelNetInterfaceStatusIs(devices);
+  kernelNetInterfaceInfoIs(devices);
+  if (devices) vrfIdCollection()->kernelNetInterfaceStatusIs(devices);
+}
+
 void Agent::doBuildServer() {
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
   piContext()->piServerIs(piServer());
@@ -176,61 +157,18 @@ void Agent::doBuildServer() {
   piServerInitSm()->batchStatusIs(batchStatus());
 }
 
-// For `korvel status`, `get` and `call`.
-void Agent::doPublish() {
+void Agent::doBuildCommands() {
   Orrery::Database& database = runtime_.stateDatabase;
-  status_ = Vela::make<AgentStatus>("agent");
-  database.entityIs("p4runtime/status/agent", status_);
-  database.entityIs("p4runtime/status/pipeline", Vela::Ptr<Vela::Entity>(TheParsingStatus()));
-  database.entityIs("p4runtime/status/failures", tableImpl()->failures());
-  database.entityIs("p4runtime/tableImpl", tableImpl());
-  database.entityIs("p4runtime/tableInfo", p4TableInfo());
-  database.entityIs("p4runtime/batchStatus", batchStatus());
-  database.entityIs("p4runtime/piServer", piServer());
-  const auto update = [this] { doUpdateStatus(); };
-  changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe(update));
-  changes_.push_back(piServer()->serverReadyAttribute().observe(update));
-  statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] { doUpdateStatus(); });
-  statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
-}
-
-void Agent::doUpdateStatus() {
-  status_->pidIs(getpid());
-  status_->deviceIdIs(p4RtSystemConfig()->deviceId());
-  status_->serverAddressIs(piServer()->serverAddressPortStr());
-  status_->serverReadyIs(piServer()->serverReady());
-  status_->pipelineFileIs(p4RtSystemConfig()->forwardingPipelineConfigFilePath());
-  status_->pipelineStateIs(enumToText(p4TableInfo()->tableInfoState()));
-  status_->permissionLevelIs(
-      permissionText(pi::fe::proto::DeviceMgr::get_operation_permission_level()));
-  status_->tablesIs(p4TableInfo()->tableFillText());
-  std::string subscribers;
-  for (const Lattice::SubscriberInfo& subscriber : tables_->subscribers()) {
-    subscribers += fmt::format("{}{} (pid {}): in step up to change {}, {} reports{}",
-                               subscribers.empty() ? "" : "\n", subscriber.name, subscriber.pid,
-                               subscriber.sequence, subscriber.reports,
-                               subscriber.takingSnapshot ? ", taking a snapshot" : "");
-  }
-  status_->subscribersIs(subscribers);
-  status_->reportsAcceptedIs(batchStatus()->reportsAccepted());
-  status_->reportsDroppedIs(batchStatus()->reportsDropped());
-  status_->doorbellMessagesDroppedIs(tables_->droppedMessages());
-  status_->failedEntriesIs(tableImpl()->failures()->failedEntries());
-  status_->stateDirectoryBytesIs(runtime_.store.bytesUsed());
+  database.settingCheckIs([&database](const auto& path, const auto& attribute, const auto& text) {
+    return settingRefused(database, path, attribute, text);
+  });
+  cliSmIs(Vela::make<CliSm>(runtime_.loop, cliConfigDir(), cliStatusDir(), cliCommands(database)));
+  agentConfigSm()->lastWordsIs([this](std::function<void()> complete) {
+    cliSm()->whenAnswersAreTaken(std::move(complete));
+  });
 }
 
 }  // namespace P4Runtime
-
-extern "C" void korvelAgentRegisterTypes() {
-  Orrery::EntityTypes& types = Orrery::TheEntityTypes();
-  types.typeIs<P4RuntimeConfig::P4RtSystemConfig>("P4RuntimeConfig::P4RtSystemConfig");
-  types.typeIs<P4RuntimeConfig::P4RtSystemStatus>("P4RuntimeConfig::P4RtSystemStatus");
-  types.typeIs<P4Runtime::AgentConfig>("P4Runtime::AgentConfig");
-  types.typeIs<Pollen::QueryConfigDir>("Pollen::QueryConfigDir");
-  types.typeIs<Pollen::QueryStatusDir>("Pollen::QueryStatusDir");
-  types.typeIs<Pollen::TypeConfigDir>("Pollen::TypeConfigDir");
-  types.typeIs<Pollen::TypeStatusDir>("Pollen::TypeStatusDir");
-}
 
 extern "C" void korvelAgentStart(const char* name, const P4Runtime::AgentRuntime* runtime) {
   // Never released: the server's threads may outlive main().

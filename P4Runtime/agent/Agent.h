@@ -6,19 +6,31 @@
 #include <string>
 
 #include "P4Runtime/agent/AgentConfigSm.h"
+#include "P4Runtime/agent/AgentPackets.h"
 #include "P4Runtime/agent/AgentRuntime.h"
 #include "P4Runtime/agent/AgentStatus.h"
+#include "P4Runtime/agent/CliSm.h"
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
+#include "P4Runtime/agent/PortMappingDirSm.h"
+#include "P4Runtime/agent/VrfIdCollection.h"
+#include "P4Runtime/packet/P4RuntimeCpuPktSm.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
 #include "platform/companion/BatchStatus.h"
+#include "platform/companion/BridgingConfig.h"
+#include "platform/companion/Cli.h"
+#include "platform/companion/HwStatusDir.h"
+#include "platform/companion/Plugins.h"
+#include "platform/companion/PortMapping.h"
 #include "platform/lattice/Database.h"
 #include "platform/orrery/MountGroup.h"
 #include "platform/pollen/QueryConfigSm.h"
 #include "platform/pollen/TypeService.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/Timer.h"
+#include "platform/wirra/InterfaceStatus.h"
+#include "platform/wirra/KernelNetInterface.h"
 
 namespace P4Runtime {
 
@@ -33,6 +45,7 @@ class Agent : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServerInitSm>, piServerInitSm, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4TableInfo>, p4TableInfo, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4TableInfoSm>, p4TableInfoSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<VrfIdCollection>, vrfIdCollection, nullptr)
   VELA_READONLY_ATTRIBUTE(P4ControllerPktMetadata::Ptr, p4ControllerPktMetadata, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::QueryConfigDir>, queryConfigDir, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Pollen::QueryStatusDir>, queryStatusDir, nullptr)
@@ -42,11 +55,38 @@ class Agent : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig>, p4RtSystemConfig,
                           nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus>, p4RtSystemStatus, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const P4RuntimeConfig::PortMappingConfigDir>,
+                          p4RtPortMappingConfigDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RuntimeConfig::PortMappingStatus>, p4RtPortMappingStatus,
+                          nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<PortMappingDirSm>, p4RtPortMappingDirSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Orrery::Directory>, pluginConfigDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Orrery::Directory>, pluginStatusDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<Orrery::Directory>, pluginDataDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<AllPluginConfig>, allPluginConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<CliConfigDir>, cliConfigDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<CliStatusDir>, cliStatusDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<CliSm>, cliSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const Bridging::Config>, bridgingConfig, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<BatchStatus>, batchStatus, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4HandleMgr>, p4HandleMgr, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<AgentConfig>, agentConfig, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<AgentConfigSm>, agentConfigSm, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const Interface::AllIntfStatusDir>, allIntfStatusDir, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const Interface::AllIntfStatusLocalDir>, allIntfStatusLocalDir,
+                          nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const Interface::AllEthPhyIntfStatusDir>, ethPhyIntfStatusDir,
+                          nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const Interface::AllEthPhyIntfConfigDir>, ethPhyIntfConfigDir,
+                          nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const Wirra::KernelNetInterfaceStatus>,
+                          kernelNetInterfaceStatus, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<const Wirra::KernelNetInterfaceStatus>, kernelNetInterfaceInfo,
+                          nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<ControllerInterface>, controllerInterface, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<ControllerTxPktConfig>, controllerTxPktConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<CpuPktSm>, cpuPktSm, nullptr)
   VELA_READONLY_ATTRIBUTE(PiContext::Ptr, piContext, nullptr)
 
  public:
@@ -58,10 +98,15 @@ class Agent : public Vela::Entity {
                         const Vela::Ptr<Orrery::EntityManager>& entityManager);
 
  private:
-  void doFetchMounts(const Orrery::EntityManager& entityManager);
+  void doDeclareMounts();
+  void doFetchMounts(const Orrery::EntityManager& manager);
+  void doBuildMappings();
   void doBuildTableProgramming();
   void doBuildPipeline();
+  void doAttachKernelDevices();
+  void doBuildPackets();
   void doBuildServer();
+  void doBuildCommands();
   void doPublish();
   void doFollowReports();
   void doUpdateStatus();
@@ -70,7 +115,9 @@ class Agent : public Vela::Entity {
   Orrery::MountGroup mountGroup_;
   std::unique_ptr<Lattice::Database> tables_;
   Vela::Ptr<Pollen::TypeService> typeService_;
+  Vela::Ptr<const HwStatusDir> hwStatusDir_;
   Vela::Ptr<AgentStatus> status_;
+  std::unique_ptr<AgentPackets> packets_;
   std::unique_ptr<Vela::Timer> statusTimer_;
   std::vector<Vela::Observation> changes_;
 };

@@ -15,7 +15,8 @@ Scrivel::TraceHandle trace("AgentConfigSm");
 AgentConfigSm::AgentConfigSm(AgentRuntime& runtime, Vela::Ptr<AgentConfig> agentConfig)
     : runtime_(runtime), agentConfig_(std::move(agentConfig)) {
   exitChange_ = agentConfig_->exitRequestedAttribute().observe([this] {
-    if (agentConfig_->exitRequested()) handleAgentExitRequest();  // taking it back changes nothing
+    if (agentConfig_->exitRequested()) return handleAgentExitRequest();
+    if (runtime_.exitIsNear) runtime_.exitIsNear(false);
   });
   if (agentConfig_->exitRequested()) handleAgentExitRequest();
 }
@@ -23,8 +24,12 @@ AgentConfigSm::AgentConfigSm(AgentRuntime& runtime, Vela::Ptr<AgentConfig> agent
 void AgentConfigSm::handleAgentExitRequest() {
   assert(agentConfig()->exitRequested());
   SCRIVEL_TRACE(0, " Exit Requested ");
+  if (runtime_.exitIsNear) runtime_.exitIsNear(true);
   runtime_.flushEntityLog([this] {
-    if (agentConfig()->exitRequested()) handleFlushEntityLogComplete();  // else it was taken back
+    const auto complete = [this] {
+      if (agentConfig()->exitRequested()) handleFlushEntityLogComplete();  // else it was taken back
+    };
+    lastWords_ ? lastWords_(complete) : complete();
   });
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <utility>
 
 #include "P4Runtime/agent/AgentRuntime.h"
 #include "platform/companion/P4RtSystemConfig.h"
@@ -12,8 +13,12 @@ namespace P4Runtime {
 // Runs on the reactor.
 class AgentConfigSm : public Vela::RefCounted {
  public:
+  // Runs what it is given once nobody is kept from an answer by the end of the process.
+  using LastWords = std::function<void(std::function<void()>)>;
+
   // `runtime` outlives this.
   AgentConfigSm(AgentRuntime& runtime, Vela::Ptr<AgentConfig> agentConfig);
+  void lastWordsIs(LastWords lastWords) { lastWords_ = std::move(lastWords); }
 
   const Vela::Ptr<AgentConfig>& agentConfig() const { return agentConfig_; }
   void handleAgentExitRequest();
@@ -22,6 +27,7 @@ class AgentConfigSm : public Vela::RefCounted {
  private:
   AgentRuntime& runtime_;
   const Vela::Ptr<AgentConfig> agentConfig_;
+  LastWords lastWords_;
   Vela::Observation exitChange_;
 };
 

@@ -19,6 +19,9 @@ struct AgentRuntime {
   // Hands the traces and the like to the file system; `complete` runs on a later turn.
   std::function<void(std::function<void()> complete)> flushEntityLog;
   std::function<void(int status)> exit;  // does not return
+  // The agent has been asked to exit (true), or that was taken back. The launcher sees to it that
+  // the process ends within two seconds then, whatever keeps the reactor. May be empty.
+  std::function<void(bool)> exitIsNear = nullptr;
 };
 
 }  // namespace P4Runtime

@@ -17,24 +17,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-Json requestJson(const char* what, const std::string& path) {
-  Json json(cJSON_CreateObject());
-  cJSON_AddStringToObject(json.get(), "request", what);
-  cJSON_AddStringToObject(json.get(), "path", path.c_str());
-  return json;
-}
-
-void addAttribute(cJSON* request, const std::string& attribute) {
-  const bool number =
-      attribute.size() < 7 && !attribute.empty() &&
-      std::all_of(attribute.begin(), attribute.end(), [](char c) { return c >= '0' && c <= '9'; });
-  if (number) {
-    cJSON_AddNumberToObject(request, "attribute", std::stoi(attribute));
-  } else {
-    cJSON_AddStringToObject(request, "attribute", attribute.c_str());
-  }
-}
-
 [[noreturn]] void failConnect(int error, const std::string& path) {
   if (error == ENOENT || error == ECONNREFUSED || error == ENOTDIR) {
     throw NoAgentError("no agent answers on " + path +
@@ -123,42 +105,26 @@ std::optional<std::string> Client::line(std::optional<milliseconds> timeout) {
 }
 
 Json Client::get(const std::string& path, const std::string& attribute) {
-  const Json json = requestJson("get", path);
-  if (!attribute.empty()) addAttribute(json.get(), attribute);
-  return request(*json);
+  return request(*getRequest(path, attribute));
 }
 
 Json Client::set(const std::string& path, const std::string& attribute, const std::string& value) {
-  const Json json = requestJson("set", path);
-  addAttribute(json.get(), attribute);
-  cJSON_AddStringToObject(json.get(), "value", value.c_str());
-  return request(*json);
+  return request(*setRequest(path, attribute, value));
 }
 
 Json Client::create(const std::string& path, const Attributes& attributes) {
-  const Json json = requestJson("create", path);
-  cJSON* object = cJSON_AddObjectToObject(json.get(), "attributes");
-  for (const auto& [name, value] : attributes) {
-    cJSON_AddStringToObject(object, name.c_str(), value.c_str());
-  }
-  return request(*json);
+  return request(*createRequest(path, attributes));
 }
 
-Json Client::del(const std::string& path) { return request(*requestJson("delete", path)); }
+Json Client::del(const std::string& path) { return request(*deleteRequest(path)); }
 
 Json Client::call(const std::string& path, const std::string& operation,
                   const std::vector<std::string>& arguments) {
-  const Json json = requestJson("call", path);
-  cJSON_AddStringToObject(json.get(), "operation", operation.c_str());
-  cJSON* array = cJSON_AddArrayToObject(json.get(), "arguments");
-  for (const auto& argument : arguments) {
-    cJSON_AddItemToArray(array, cJSON_CreateString(argument.c_str()));
-  }
-  return request(*json);
+  return request(*callRequest(path, operation, arguments));
 }
 
-Json Client::list(const std::string& path) { return request(*requestJson("list", path)); }
+Json Client::list(const std::string& path) { return request(*listRequest(path)); }
 
-Json Client::watch(const std::string& path) { return request(*requestJson("watch", path)); }
+Json Client::watch(const std::string& path) { return request(*watchRequest(path)); }
 
 }  // namespace Orrery

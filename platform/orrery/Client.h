@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/orrery/Json.h"
+#include "platform/orrery/Requests.h"
 
 namespace Orrery {
 
@@ -40,10 +41,9 @@ class Client {
   Json next(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
   int64_t agentPid() const;  // 0 when not known
 
-  // Requests, spelt out. An attribute of nothing but digits is a number.
+  // The requests of Requests.h.
   Json get(const std::string& path, const std::string& attribute = {});
   Json set(const std::string& path, const std::string& attribute, const std::string& value);
-  using Attributes = std::vector<std::pair<std::string, std::string>>;  // name, value as text
   Json create(const std::string& path, const Attributes& attributes);
   Json del(const std::string& path);
   Json call(const std::string& path, const std::string& operation,

@@ -26,8 +26,10 @@ MountGroup::MountGroup(Database& database, Vela::ReactorLoop& loop)
 
 MountGroup::~MountGroup() { *alive_ = nullptr; }
 
-void MountGroup::mountIs(std::string path, std::string typeName, std::string mode) {
-  mounts_.push_back({std::move(path), std::move(typeName), std::move(mode)});
+void MountGroup::mountIs(std::string path, std::string typeName, std::string mode,
+                         std::string localName) {
+  if (localName.empty()) localName = path;
+  mounts_.push_back({std::move(path), std::move(typeName), std::move(mode), std::move(localName)});
 }
 
 void MountGroup::completeIs(Complete complete) {
@@ -69,7 +71,7 @@ std::string MountGroup::mountedReason(const Mount& mount, EntityManager& manager
   if (!isOfType(*entity, mount.typeName)) {
     return what + "it is a " + entity->typeName() + ", not a " + mount.typeName;
   }
-  manager.mounts_[mount.path] = {entity, writable};
+  manager.mounts_[mount.localName] = {entity, writable};
   return {};
 }
 

@@ -26,7 +26,9 @@ class MountGroup {
   MountGroup(Database& database, Vela::ReactorLoop& loop);
   ~MountGroup();
 
-  void mountIs(std::string path, std::string typeName, std::string mode);
+  // What is mounted is fetched by its local name, which is its path unless given.
+  void mountIs(std::string path, std::string typeName, std::string mode,
+               std::string localName = {});
   using Complete = std::function<void(const MountStatus&, const Vela::Ptr<EntityManager>&)>;
   // Mounts everything declared, in order, on a later turn of the reactor, and then runs `complete`.
   // After a failure the manager has what was mounted before it.
@@ -34,7 +36,7 @@ class MountGroup {
 
  private:
   struct Mount {
-    std::string path, typeName, mode;
+    std::string path, typeName, mode, localName;
   };
   std::string mountedReason(const Mount& mount, EntityManager& manager);  // empty: mounted
   void doMount(const Complete& complete);

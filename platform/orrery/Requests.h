@@ -3,6 +3,8 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/orrery/Database.h"
 #include "platform/orrery/Json.h"
@@ -26,9 +28,20 @@ class RequestError : public std::runtime_error {
 //   {"request": "call", "path": P, "operation": O, "arguments": ["text", ...]}
 //   {"request": "list", "path": P}                        all paths below P, with their types
 //   {"request": "watch", "path": P}                       as get; changes follow, a line each
-// Answers {"ok": true, ...}. Throws RequestError.
+// Answers {"ok": true, ...}. Throws RequestError, and what the entity throws.
 Json answered(Database& database, const cJSON& request);
 Json errorAnswer(const std::string& message);  // {"ok": false, "error": message}
+
+// Requests, spelt out. An attribute of nothing but digits is a number.
+using Attributes = std::vector<std::pair<std::string, std::string>>;  // name, value as text
+Json getRequest(const std::string& path, const std::string& attribute = {});
+Json setRequest(const std::string& path, const std::string& attribute, const std::string& value);
+Json createRequest(const std::string& path, const Attributes& attributes);
+Json deleteRequest(const std::string& path);
+Json callRequest(const std::string& path, const std::string& operation,
+                 const std::vector<std::string>& arguments);
+Json listRequest(const std::string& path);
+Json watchRequest(const std::string& path);
 
 // Throws RequestError when there is no such path.
 Vela::Ptr<Vela::Entity> requestedEntity(Database& database, const cJSON& request);

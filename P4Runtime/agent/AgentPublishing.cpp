@@ -1,0 +1,70 @@
+// What the agent shows of itself and of its parts to operators.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "P4Runtime/agent/Agent.h"
+#include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pipeline/ParsingStatus.h"
+#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "PI/frontends/proto/device_mgr.h"
+
+namespace P4Runtime {
+namespace {
+
+constexpr std::chrono::milliseconds statusPeriod(500);
+
+std::string permissionText(uint32_t level) {
+  static const char* const texts[] = {"neither reads nor writes", "reads only", "reads and writes"};
+  return level <= writesAllowed ? texts[level] : std::to_string(level);
+}
+
+}  // namespace
+
+// For `korvel status`, `get` and `call`.
+void Agent::doPublish() {
+  Orrery::Database& database = runtime_.stateDatabase;
+  status_ = Vela::make<AgentStatus>("agent");
+  database.entityIs("p4runtime/status/agent", status_);
+  database.entityIs("p4runtime/status/pipeline", Vela::Ptr<Vela::Entity>(TheParsingStatus()));
+  database.entityIs("p4runtime/status/failures", tableImpl()->failures());
+  database.entityIs("p4runtime/tableImpl", tableImpl());
+  database.entityIs("p4runtime/tableInfo", p4TableInfo());
+  database.entityIs("p4runtime/batchStatus", batchStatus());
+  database.entityIs("p4runtime/piServer", piServer());
+  database.entityIs("p4runtime/status/vrf", vrfIdCollection());
+  const auto update = [this] { doUpdateStatus(); };
+  changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe(update));
+  changes_.push_back(piServer()->serverReadyAttribute().observe(update));
+  statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] { doUpdateStatus(); });
+  statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
+}
+
+void Agent::doUpdateStatus() {
+  status_->pidIs(getpid());
+  status_->deviceIdIs(p4RtSystemConfig()->deviceId());
+  status_->serverAddressIs(piServer()->serverAddressPortStr());
+  status_->serverReadyIs(piServer()->serverReady());
+  status_->pipelineFileIs(p4RtSystemConfig()->forwardingPipelineConfigFilePath());
+  status_->pipelineStateIs(enumToText(p4TableInfo()->tableInfoState()));
+  status_->permissionLevelIs(
+      permissionText(pi::fe::proto::DeviceMgr::get_operation_permission_level()));
+  status_->tablesIs(p4TableInfo()->tableFillText());
+  std::string subscribers;
+  for (const Lattice::SubscriberInfo& subscriber : tables_->subscribers()) {
+    subscribers += fmt::format("{}{} (pid {}): in step up to change {}, {} reports{}",
+                               subscribers.empty() ? "" : "\n", subscriber.name, subscriber.pid,
+                               subscriber.sequence, subscriber.reports,
+                               subscriber.takingSnapshot ? ", taking a snapshot" : "");
+  }
+  status_->subscribersIs(subscribers);
+  status_->reportsAcceptedIs(batchStatus()->reportsAccepted());
+  status_->reportsDroppedIs(batchStatus()->reportsDropped());
+  status_->doorbellMessagesDroppedIs(tables_->droppedMessages());
+  status_->failedEntriesIs(tableImpl()->failures()->failedEntries());
+  status_->stateDirectoryBytesIs(runtime_.store.bytesUsed());
+}
+
+}  // namespace P4Runtime

@@ -1,0 +1,157 @@
+#include "P4Runtime/agent/CliCommands.h"
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "P4Runtime/agent/PortMappingDirSm.h"
+#include "platform/companion/P4RtSystemConfig.h"
+#include "platform/companion/PortMapping.h"
+#include "platform/orrery/Requests.h"
+
+namespace P4Runtime {
+namespace {
+
+using Orrery::Database;
+using P4RuntimeConfig::P4RtSystemConfig;
+using P4RuntimeConfig::portFromText;
+using P4RuntimeConfig::PortMappingConfig;
+using P4RuntimeConfig::PortMappingStatus;
+using Arguments = std::vector<std::string>;
+
+constexpr const char* mappingPath = "p4runtime/config/port-mapping";
+constexpr const char* mappingStatusPath = "p4runtime/status/port-mapping";
+constexpr size_t anyNumber = 1000;
+
+template <typename T>
+Vela::Ptr<T> entityAt(const Database& database, const std::string& path) {
+  const auto entity = database.entity(path);
+  auto* typed = dynamic_cast<T*>(entity.get());
+  if (!typed) throw std::runtime_error("there is no " + path + " in the state database");
+  return Vela::Ptr<T>(typed);
+}
+
+template <typename... Texts>
+[[noreturn]] void refuse(fmt::format_string<Texts...> format, Texts&&... texts) {
+  throw std::runtime_error(fmt::format(format, std::forward<Texts>(texts)...));
+}
+
+std::string portPath(const std::string& port) { return fmt::format("{}/{}", mappingPath, port); }
+
+void requirePort(const std::string& port) {
+  if (portFromText(port)) return;
+  refuse("'{}' is no P4 port id; write a number from 1 to 4294967295", port.substr(0, 80));
+}
+
+// What is refused leaves the port as it was.
+std::string portMapped(Database& database, const std::string& port, const std::string& intf) {
+  requirePort(port);
+  if (const std::string reason = intfNameRefused(intf); !reason.empty())
+    throw std::runtime_error(reason);
+  const auto status = entityAt<PortMappingStatus>(database, mappingStatusPath);
+  const bool wasThere = database.entity(portPath(port)) != nullptr;
+  const std::string before =
+      wasThere ? entityAt<PortMappingConfig>(database, portPath(port))->intf() : std::string();
+  if (wasThere) {
+    entityAt<PortMappingConfig>(database, portPath(port))->intfIs(intf);
+  } else {
+    const auto config = Vela::make<PortMappingConfig>(port);
+    config->intfIs(intf);
+    database.entityIs(portPath(port), config);
+  }
+  const std::string reason = status->refused(port);
+  if (reason.empty()) return fmt::format("port {} is interface {}", port, intf);
+  if (wasThere) {
+    entityAt<PortMappingConfig>(database, portPath(port))->intfIs(before);
+  } else {
+    database.entityDel(portPath(port));
+  }
+  throw std::runtime_error(reason);
+}
+
+std::string portUnmapped(Database& database, const std::string& port) {
+  requirePort(port);
+  if (!database.entityDel(portPath(port))) {
+    refuse("port {} is not mapped; 'korvel port list' shows those that are", port);
+  }
+  return fmt::format("port {} is not mapped any more", port);
+}
+
+std::string enabled(Database& database) {
+  const auto config = entityAt<P4RtSystemConfig>(database, "p4runtime/config/system");
+  if (config->enabled()) return "the agent is enabled already";
+  config->enabledIs(true);
+  return "the agent is enabled";
+}
+
+std::string disabled(Database& database) {
+  const auto config = entityAt<P4RtSystemConfig>(database, "p4runtime/config/system");
+  if (!config->enabled()) {
+    return "the agent is disabled already, or is about to be; 'korvel status' says what it waits "
+           "for";
+  }
+  config->enabledIs(false);
+  return "the agent cleans up and ends; 'korvel status' says what it waits for";
+}
+
+std::string stopped(Database& database) {
+  entityAt<AgentConfig>(database, "p4runtime/config/agent")->exitRequestedIs(true);
+  return "the agent ends";
+}
+
+std::string answerText(Database& database, const Orrery::Json& request) {
+  const Orrery::Json answer = Orrery::answered(database, *request);
+  const char* text = Orrery::stringMember(*answer, "answer");
+  return text ? text : "";
+}
+
+Orrery::Attributes parsedSettings(const Arguments& arguments) {
+  Orrery::Attributes settings;
+  for (size_t i = 1; i < arguments.size(); ++i) {
+    const size_t sign = arguments[i].find('=');
+    if (sign == std::string::npos) {
+      refuse("'{}' is no setting; write ATTRIBUTE=VALUE", arguments[i].substr(0, 80));
+    }
+    settings.emplace_back(arguments[i].substr(0, sign), arguments[i].substr(sign + 1));
+  }
+  return settings;
+}
+
+}  // namespace
+
+CliCommands cliCommands(Database& database) {
+  Database* db = &database;
+  return {
+      {"port map",
+       {"port map PORT INTERFACE", 2, 2,
+        [db](const Arguments& a) { return portMapped(*db, a[0], a[1]); }}},
+      {"port unmap",
+       {"port unmap PORT", 1, 1, [db](const Arguments& a) { return portUnmapped(*db, a[0]); }}},
+      {"enable", {"enable", 0, 0, [db](const Arguments&) { return enabled(*db); }}},
+      {"disable", {"disable", 0, 0, [db](const Arguments&) { return disabled(*db); }}},
+      {"stop", {"stop", 0, 0, [db](const Arguments&) { return stopped(*db); }}},
+      {"set",
+       {"set PATH ATTRIBUTE VALUE", 3, 3,
+        [db](const Arguments& a) {
+          return answerText(*db, Orrery::setRequest(a[0], a[1], a[2]));
+        }}},
+      {"create",
+       {"create PATH [ATTRIBUTE=VALUE ...]", 1, anyNumber,
+        [db](const Arguments& a) {
+          return answerText(*db, Orrery::createRequest(a[0], parsedSettings(a)));
+        }}},
+      {"delete",
+       {"delete PATH", 1, 1,
+        [db](const Arguments& a) { return answerText(*db, Orrery::deleteRequest(a[0])); }}},
+      {"call",
+       {"call PATH OPERATION [ARGUMENTS ...]", 2, anyNumber,
+        [db](const Arguments& a) {
+          return answerText(*db,
+                            Orrery::callRequest(a[0], a[1], Arguments(a.begin() + 2, a.end())));
+        }}},
+  };
+}
+
+}  // namespace P4Runtime

@@ -1,0 +1,73 @@
+// Executes the requests that stand in the configuration's CLI directory and answers them in the
+// status's.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/companion/Cli.h"
+#include "platform/vela/Entity.h"
+#include "platform/vela/ReactorLoop.h"
+#include "platform/vela/Timer.h"
+
+namespace P4Runtime {
+
+// Runs with the request's arguments and gives the answer for people; throws std::exception, whose
+// words become the answer, when it refuses or fails. Runs on the reactor with the lock held.
+struct CliCommand {
+  std::string usage;  // "port map PORT INTERFACE"
+  size_t fewest;      // of arguments
+  size_t most;
+  std::function<std::string(const std::vector<std::string>& arguments)> run;
+};
+using CliCommands = std::map<std::string, CliCommand>;  // by name: "port map"
+
+// Runs on the reactor. A request is executed once, on a later turn than it came in, also when it
+// was there before this; its answer goes when the request does. An answer that nobody takes goes
+// after some minutes, or when there are many, and its request with it.
+class CliSm : public Vela::RefCounted {
+ public:
+  static constexpr size_t mostAnswers = 100;
+  static constexpr std::chrono::minutes longestAnswer{5};
+  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+  // `loop` outlives this.
+  CliSm(Vela::ReactorLoop& loop, Vela::Ptr<CliConfigDir> configDir,
+        Vela::Ptr<CliStatusDir> statusDir, CliCommands commands,
+        Clock clock = std::chrono::steady_clock::now);
+  ~CliSm() override;
+
+  void handleRequest(const std::string& id);  // came or went
+  void doRemoveOldAnswers();
+
+  // Runs `done` once the answers of the last moments have been taken, or a moment later: a request
+  // may have the process end, and whoever made it waits for the answer.
+  void whenAnswersAreTaken(std::function<void()> done);
+
+ private:
+  using Time = std::chrono::steady_clock::time_point;
+  void doExecute(const std::string& id);
+  std::string answered(const CliRequest& request) const;
+  void doRemove(const std::string& id);
+  bool awaitsTaker() const;
+  void maybeTellTaken();
+
+  Vela::ReactorLoop& loop_;
+  const Vela::Ptr<CliConfigDir> configDir_;
+  const Vela::Ptr<CliStatusDir> statusDir_;
+  const CliCommands commands_;
+  const Clock clock_;
+  std::map<std::string, Time> answers_;  // when each was given
+  std::function<void()> taken_;
+  Vela::Observation requestsChange_;
+  Vela::Timer oldAnswersTimer_;
+  Vela::Timer takenTimer_;
+  std::shared_ptr<CliSm*> alive_;  // what a post holds to see whether this still is
+};
+
+}  // namespace P4Runtime

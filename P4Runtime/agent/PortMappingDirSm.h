@@ -1,0 +1,55 @@
+// Follows the port mapping's configuration and says which mappings are in force.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "platform/companion/PortMapping.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// Runs on the reactor. An interface has one port at most: of several that name it, the one that has
+// it keeps it, and otherwise the one that named it first has it; the others are refused, and the
+// first of them follows when it goes. Ports that are there when this is made come in the order of
+// their ids. Observers of the status never find two ports on one interface.
+class PortMappingDirSm : public Vela::RefCounted {
+ public:
+  PortMappingDirSm(Vela::Ptr<const P4RuntimeConfig::PortMappingConfigDir> configDir,
+                   Vela::Ptr<P4RuntimeConfig::PortMappingStatus> status);
+
+  void handlePortMapping(const std::string& name);  // came, went, or is another entity now
+  void handleIntf(const std::string& name);
+
+ private:
+  struct Wish {
+    Vela::Ptr<const P4RuntimeConfig::PortMappingConfig> config;
+    Vela::Observation change;
+    std::string intf;
+    uint64_t order = 0;  // when it named that interface
+  };
+  struct Mappings {
+    std::map<uint32_t, std::string> intfOfPort;
+    std::map<std::string, uint32_t> portOfIntf;
+    std::map<std::string, std::string> refused;
+  };
+
+  std::vector<const Wish*> wishesByRight() const;
+  Mappings mappings() const;
+  void doApply();
+  void doApplyMappings(const Mappings& mappings);
+  void doApplyRefusals(const Mappings& mappings);
+
+  const Vela::Ptr<const P4RuntimeConfig::PortMappingConfigDir> configDir_;
+  const Vela::Ptr<P4RuntimeConfig::PortMappingStatus> status_;
+  std::map<std::string, Wish> wishes_;  // by port id as text
+  uint64_t lastOrder_ = 0;
+  Vela::Observation configsChange_;
+};
+
+// "" or what is wrong with the name of an interface.
+std::string intfNameRefused(const std::string& intf);
+
+}  // namespace P4Runtime

@@ -1,0 +1,92 @@
+#include "P4Runtime/agent/SettingChecks.h"
+
+#include <fmt/format.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <system_error>
+
+#include "platform/companion/P4RtSystemConfig.h"
+#include "platform/vela/Text.h"
+
+namespace P4Runtime {
+namespace {
+
+using P4RuntimeConfig::P4RtSystemConfig;
+
+constexpr double longestBatchTimeout = 3600;  // seconds
+
+// What the agent reads when it starts, and not again.
+struct ReadAtStart {
+  const char* path;
+  const char* attribute;
+};
+constexpr std::array<ReadAtStart, 5> readAtStart{{
+    {"p4runtime/config/system", "deviceId"},
+    {"p4runtime/config/system", "grpcServerAddress"},
+    {"p4runtime/config/agent", "p4InfoJsonPath"},
+    {"p4runtime/config/agent", "deviceJsonPath"},
+    {"p4runtime/config/agent", "pluginDirectory"},
+}};
+
+// 0 when a server could listen there; the error otherwise.
+int listenError(const std::string& address, uint16_t port) {
+  addrinfo hints{};
+  hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* found = nullptr;
+  if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0)
+    return EINVAL;
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> info(found, freeaddrinfo);
+  const int fd = socket(info->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return errno;
+  const int on = 1;  // connections of a former server do not count
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  const bool listens = bind(fd, info->ai_addr, info->ai_addrlen) == 0 && listen(fd, 1) == 0;
+  const int error = listens ? 0 : errno;
+  close(fd);
+  return error;
+}
+
+std::string portRefused(const P4RtSystemConfig& config, const std::string& text) {
+  const auto port = Vela::TextForm<uint16_t>::fromText(text);
+  if (!port || *port == config.grpcServerPort()) return {};
+  if (*port == 0) return "grpcServerPort 0 is none; choose a port from 1 to 65535";
+  const int error = listenError(config.grpcServerAddress().text(), *port);
+  if (error == 0) return {};
+  return fmt::format("cannot listen on {} port {}: {}; choose another port",
+                     config.grpcServerAddress().text(), *port,
+                     std::generic_category().message(error));
+}
+
+std::string batchTimeoutRefused(const std::string& text) {
+  const auto seconds = Vela::TextForm<double>::fromText(text);
+  if (!seconds || (*seconds >= 1 && *seconds <= longestBatchTimeout)) return {};
+  return fmt::format("batchTimeout {} would fail every write; choose 1 to {} seconds", text,
+                     longestBatchTimeout);
+}
+
+}  // namespace
+
+std::string settingRefused(const Orrery::Database& database, const std::string& path,
+                           const Vela::AttributeBase& attribute, const std::string& text) {
+  const std::string name = attribute.name();
+  for (const ReadAtStart& one : readAtStart) {
+    if (path != one.path || name != one.attribute || attribute.text() == text) continue;
+    return fmt::format(
+        "{} is read when the agent starts; write it into the configuration file and start the "
+        "agent anew",
+        name);
+  }
+  const auto entity = database.entity(path);
+  const auto* config = dynamic_cast<const P4RtSystemConfig*>(entity.get());
+  if (config && name == "grpcServerPort") return portRefused(*config, text);
+  if (path == "p4runtime/config/agent" && name == "batchTimeout") return batchTimeoutRefused(text);
+  return {};
+}
+
+}  // namespace P4Runtime

@@ -1,0 +1,41 @@
+// Ends the agent's process soon after it was asked to stop, whatever it is busy with.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+
+// Watches SIGTERM and SIGINT on a thread of its own. The first of them, at any time from its
+// construction on, has the agent's reactor exit. A reactor that has not come round to it in time is
+// not waited for: it may be restoring a million entries, or wait for a call into its own server.
+// The process then ends with status 0 at once, which harms no more than SIGKILL does: what was
+// confirmed is committed, the shared files show whole commits at any instant, and the next start
+// takes them as they are.
+class StopWatcher {
+ public:
+  // Blocks the signals in this thread and all that it makes later, so make it before others.
+  // Throws std::system_error. Never destroyed: its thread ends with the process.
+  StopWatcher();
+  StopWatcher(const StopWatcher&) = delete;
+  StopWatcher& operator=(const StopWatcher&) = delete;
+
+  bool requested() const { return requested_; }  // by a signal
+  // Runs once a signal came, also when that has happened already; on any thread.
+  void onRequestIs(std::function<void()> request);
+  // The process is about to end by itself, for another reason than a signal (true), or that was
+  // taken back. A signal cannot be taken back.
+  void exitIsNear(bool near);
+
+ private:
+  void run();
+  void handleSignal();
+  int millisecondsLeft();
+
+  std::mutex mutex_;
+  std::function<void()> request_;  // guarded by mutex_, as is the next
+  int64_t deadline_ = 0;           // milliseconds on the steady clock; 0: none
+  std::atomic<bool> requested_{false};
+  int signalFd_ = -1;
+  int wakeFd_ = -1;
+};
