@@ -1,10 +1,10 @@
 // Writes, Reads and the target's own reports on one device.
 #include "PI/frontend/DeviceMgrImp.h"
 
+#include "PI/frontend/Answered.h"
 #include "PI/frontend/Permission.h"
 #include "PI/frontend/ReadRun.h"
 #include "PI/frontend/Refusal.h"
-#include "PI/frontend/StatusText.h"
 #include "PI/frontend/WriteRun.h"
 #include "PI/pi.h"
 
@@ -67,22 +67,11 @@ void requireSize(int elements, const char* what) {
          kMaxElements, " at once");
 }
 
-// Each call of a controller runs through here: no refusal leaves the front end as an exception.
-template <typename Body>
-google::rpc::Status answered(Body body) {
-  try {
-    return body();
-  } catch (const Refusal& refusal) {
-    return plainStatus(refusal.code(), refusal.message());
-  } catch (const std::bad_alloc&) {
-    return plainStatus(code::resourceExhausted, "out of memory");
-  }
-}
-
 }  // namespace
 
 DeviceMgrImp::DeviceMgrImp(pi_dev_id_t deviceId, std::chrono::milliseconds patience)
-    : deviceId_(deviceId), patience_(patience) {
+    : deviceId_(deviceId), patience_(patience), packetCounts_(core::packetCountsOf(deviceId)) {
+  packetInCbIs();  // before the device is there: from then on somebody must take its packets
   pi_session_init(&sessionHandle_);
   pi_frontend_hooks_set(deviceId_, &kHooks, this);
 }
@@ -91,6 +80,7 @@ DeviceMgrImp::~DeviceMgrImp() {
   pi_frontend_hooks_clear(deviceId_);
   // PI would otherwise go on handing out our P4Info.
   if (pi_is_device_assigned(deviceId_)) pi_remove_device(deviceId_);
+  packetInCbDel();
   pi_session_cleanup(sessionHandle_);
 }
 
@@ -147,30 +137,6 @@ DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,
     ReadRun run(current->index(), current->store(), session(*current));
     return run.run(request, sink);
   });
-}
-
-DeviceMgrImp::Status DeviceMgrImp::streamMessage(
-    const p4::v1::StreamMessageRequest& request) const {
-  switch (request.update_case()) {
-    case p4::v1::StreamMessageRequest::kPacket:
-      return plainStatus(code::unimplemented,
-                         absl::StrCat("device ", deviceId_, ": packet-out is not supported"));
-    case p4::v1::StreamMessageRequest::kDigestAck:
-      return plainStatus(code::unimplemented,
-                         absl::StrCat("device ", deviceId_, ": digests are not supported"));
-    case p4::v1::StreamMessageRequest::kOther:
-      return plainStatus(code::unimplemented,
-                         absl::StrCat("device ", deviceId_, ": stream messages of the type ",
-                                      request.other().type_url(), " are not supported"));
-    default:
-      return plainStatus(code::invalidArgument, "the stream message asks for nothing");
-  }
-}
-
-void DeviceMgrImp::streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie) {
-  const std::lock_guard lock(mutex_);
-  streamResponseCb_ = std::move(cb);
-  streamResponseCookie_ = cookie;
 }
 
 pi_status_t DeviceMgrImp::restoredMemberIs(pi_p4_id_t profileId, const pi_action_data_t* action,

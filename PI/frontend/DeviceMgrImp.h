@@ -7,7 +7,9 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string_view>
 
+#include "PI/core/PacketCounts.h"
 #include "PI/frontend/Pipeline.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/int/pi_frontend_hooks.h"
@@ -38,6 +40,10 @@ class DeviceMgrImp {
   Status streamMessage(const p4::v1::StreamMessageRequest& request) const;
   void streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie);
 
+  // A packet that the target punts, with its header; the target may hold its lock. What cannot be
+  // handed on is dropped and counted.
+  void packetIn(std::string_view received) const;
+
   // The target's reports; it may hold its lock.
   pi_status_t restoredEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t& entry, pi_entry_handle_t handle,
@@ -54,6 +60,10 @@ class DeviceMgrImp {
  private:
   std::shared_ptr<Pipeline> restoringPipeline() const;
   std::shared_ptr<Pipeline> awaitedPipeline() const;
+  void packetInCbIs();
+  void packetInCbDel();
+  void doSend(const p4::v1::PacketOut& packet) const;
+  [[noreturn]] void refuseDigestAck(const p4::v1::DigestListAck& ack) const;
   TargetSession session(const Pipeline& pipeline) const;
   void doCommit(std::shared_ptr<Pipeline> next);
   void doInstall(const Pipeline& pipeline);
@@ -62,6 +72,7 @@ class DeviceMgrImp {
 
   const pi_dev_id_t deviceId_;
   const std::chrono::milliseconds patience_;
+  core::PacketCounts& packetCounts_;
   pi_session_handle_t sessionHandle_ = 0;
 
   // One Write or change of pipeline at a time. Held while the target is called, which takes the
@@ -75,7 +86,7 @@ class DeviceMgrImp {
   bool isRestored_ = false;
   std::shared_ptr<Pipeline> saved_;  // to be committed
   bool equalSaved_ = false;          // a controller saved the running pipeline once more
-  DeviceMgr::StreamMessageResponseCb streamResponseCb_;
+  std::shared_ptr<const DeviceMgr::StreamMessageResponseCb> streamResponseCb_;
   void* streamResponseCookie_ = nullptr;
 };
 

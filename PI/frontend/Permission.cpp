@@ -21,6 +21,12 @@ void requireReadPermission() {
          "reads and writes are not allowed: the switch has no usable pipeline now");
 }
 
+void requirePacketPermission() {
+  if (level_.load() != 0) return;
+  refuse(code::failedPrecondition,
+         "packets are not sent: the switch has no usable pipeline now; wait until it has");
+}
+
 void requireWritePermission() {
   requireReadPermission();
   if (level_.load() > 1) return;

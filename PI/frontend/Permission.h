@@ -12,5 +12,6 @@ void operationPermissionLevelIs(pi_operation_permission_level_t level);
 // Throw a Refusal (FAILED_PRECONDITION).
 void requireReadPermission();
 void requireWritePermission();
+void requirePacketPermission();  // to send packets: reads are allowed, if not writes
 
 }  // namespace pi::fe::proto

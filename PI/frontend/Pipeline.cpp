@@ -27,6 +27,7 @@ std::string deviceDataOf(const p4::v1::ForwardingPipelineConfig& config) {
 Pipeline::Pipeline(const p4::v1::ForwardingPipelineConfig& config)
     : config_(config),
       index_(config_.p4info()),
+      packetHeaders_(config_.p4info()),
       deviceData_(deviceDataOf(config_)),
       p4info_{const_cast<P4InfoIndex*>(&index_)} {
   restored_.emplace(index_, store_, use_);

@@ -1,8 +1,11 @@
 // One pipeline of a device and the entries written to it; a new pipeline starts without any.
 #pragma once
 
+#include <atomic>
+
 #include "PI/frontend/EntryStore.h"
 #include "PI/frontend/P4InfoIndex.h"
+#include "PI/frontend/PacketHeaders.h"
 #include "PI/frontend/ProfileUse.h"
 #include "PI/frontend/RestoredProfiles.h"
 #include "PI/frontend/TargetSession.h"
@@ -19,10 +22,17 @@ class Pipeline {
 
   const p4::v1::ForwardingPipelineConfig& config() const { return config_; }
   const P4InfoIndex& index() const { return index_; }
+  const PacketHeaders& packetHeaders() const { return packetHeaders_; }
   EntryStore& store() { return store_; }
   ProfileUse& use() { return use_; }  // for the Write in progress
   const pi_p4info_t* p4info() const { return &p4info_; }
   const std::string& deviceData() const { return deviceData_; }  // for the target
+
+  // Whether the target has ever sent a packet of a controller with this pipeline. Any thread.
+  bool hasSentPackets() const { return hasSentPackets_.load(std::memory_order_relaxed); }
+  void hasSentPacketsIs() {
+    if (!hasSentPackets()) hasSentPackets_.store(true, std::memory_order_relaxed);
+  }
 
   // Whether P4Info and device configuration are the same.
   bool equals(const p4::v1::ForwardingPipelineConfig& config) const;
@@ -47,10 +57,12 @@ class Pipeline {
 
   const p4::v1::ForwardingPipelineConfig config_;
   const P4InfoIndex index_;
+  const PacketHeaders packetHeaders_;
   const std::string deviceData_;
   pi_p4info_t p4info_;
   EntryStore store_;
   ProfileUse use_;
+  std::atomic<bool> hasSentPackets_{false};
   std::optional<RestoredProfiles> restored_;  // until the restore is finished
 };
 

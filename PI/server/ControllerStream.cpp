@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "PI/server/Answered.h"
-#include "PI/server/PacketCounts.h"
 #include "PI/server/Requester.h"
 
 namespace pi::server {
@@ -19,21 +18,27 @@ namespace {
 // How long a stream that ends may take to send what is queued.
 constexpr std::chrono::seconds kDrainTime{1};
 
-constexpr size_t kReportBytes = 512;  // what a report counts for beyond the request in it
+// A request that is longer is not copied into the report on it.
+constexpr size_t kMaxReportedBytes = 16 << 10;
 
-void detailsFrom(const p4::v1::StreamMessageRequest& request, p4::v1::StreamError* error) {
+// The member that names the kind of request, with the request in it if `copied`.
+void detailsFrom(const p4::v1::StreamMessageRequest& request, bool copied,
+                 p4::v1::StreamError* error) {
   switch (request.update_case()) {
-    case p4::v1::StreamMessageRequest::kPacket:
-      *error->mutable_packet_out()->mutable_packet_out() = request.packet();
+    case p4::v1::StreamMessageRequest::kPacket: {
+      auto* details = error->mutable_packet_out();
+      if (copied) *details->mutable_packet_out() = request.packet();
       break;
-    case p4::v1::StreamMessageRequest::kDigestAck:
-      *error->mutable_digest_list_ack()->mutable_digest_list_ack() = request.digest_ack();
+    }
+    case p4::v1::StreamMessageRequest::kDigestAck: {
+      auto* details = error->mutable_digest_list_ack();
+      if (copied) *details->mutable_digest_list_ack() = request.digest_ack();
       break;
-    case p4::v1::StreamMessageRequest::kOther:
-      *error->mutable_other()->mutable_other() = request.other();
-      break;
-    default:
-      error->mutable_other();
+    }
+    default: {
+      auto* details = error->mutable_other();
+      if (copied && request.has_other()) *details->mutable_other() = request.other();
+    }
   }
 }
 
@@ -65,8 +70,11 @@ Status ControllerStream::readToEnd() {
 }
 
 void ControllerStream::writeToEnd() {
-  while (const OutgoingQueue::Message message = queue_.next()) {
-    if (!call_.Write(*message)) break;  // the controller has gone
+  OutgoingQueue::Next next = queue_.next();
+  for (; next.message; next = queue_.next()) {
+    grpc::WriteOptions options;
+    if (next.more) options.set_buffer_hint();  // goes into one packet with what follows at once
+    if (!call_.Write(*next.message, options)) break;  // the controller has gone
   }
   const std::lock_guard lock(mutex_);
   if (finishing_) context_.TryCancel();
@@ -112,8 +120,10 @@ void ControllerStream::arbitrationNoticeIs(const ArbitrationNotice& notice) {
   queue_.noticeIs(std::move(message));
 }
 
-bool ControllerStream::messageIs(OutgoingQueue::Message message, size_t bytes) {
-  return queue_.messageIs(std::move(message), bytes);
+void ControllerStream::messageIs(OutgoingQueue::Message message, size_t bytes) {
+  const bool isPacket = message->has_packet();
+  const bool queued = queue_.packetIs(std::move(message), bytes);
+  if (isPacket) (queued ? packetCounts_->in : packetCounts_->inSlow).add();
 }
 
 Status ControllerStream::handle(const p4::v1::StreamMessageRequest& request) {
@@ -149,40 +159,53 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
   }
   if (!role_) {
     role_ = role;
+    packetCounts_ = &core::packetCountsOf(role.deviceId);
     if (update.has_role()) roleAsGiven_ = update.role();
   }
   return arbitration_.clientIs(*this, role, electionIdOf(update));
 }
 
 void ControllerStream::handleForDevice(const p4::v1::StreamMessageRequest& request) {
+  const bool isPacket = request.has_packet();
   if (!arbitration_.isPrimary(*this)) {
+    if (isPacket && role_) packetCounts_->outNotPrimary.add();
     report(request, StatusCode::PERMISSION_DENIED,
            "not primary; become primary by an arbitration update first");
     return;
   }
   const auto device = devices_.device(role_->deviceId);
   if (!device) {
+    if (isPacket) packetCounts_->outRefused.add();
     report(request, StatusCode::FAILED_PRECONDITION,
            "no pipeline on device " + std::to_string(role_->deviceId) +
                " yet; wait until the switch has installed it");
     return;
   }
   const auto status = device->stream_message_request_handle(request);
-  if (status.code() != 0) {
-    report(request, static_cast<StatusCode>(status.code()), status.message());
-  } else if (request.has_packet()) {
-    ThePacketCounts().packetOutTaken(role_->deviceId);
-  }
+  const auto code = static_cast<StatusCode>(status.code());
+  if (isPacket) countOut(code);
+  if (code != StatusCode::OK) report(request, code, status.message());
 }
 
+void ControllerStream::countOut(StatusCode code) {
+  if (code == StatusCode::OK) return packetCounts_->out.add();
+  const bool isBad = code == StatusCode::INVALID_ARGUMENT || code == StatusCode::UNIMPLEMENTED;
+  (isBad ? packetCounts_->outBadMetadata : packetCounts_->outRefused).add();
+}
+
+// A controller that floods us and does not read costs neither memory nor the work of reporting.
 void ControllerStream::report(const p4::v1::StreamMessageRequest& request, StatusCode code,
                               const std::string& message) {
+  const size_t requestBytes = request.ByteSizeLong();
+  const bool copied = requestBytes <= kMaxReportedBytes;
+  const size_t bytes = (copied ? requestBytes : 0) + message.size();
+  if (!queue_.takesReport(bytes)) return;
   auto response = std::make_shared<p4::v1::StreamMessageResponse>();
   p4::v1::StreamError* error = response->mutable_error();
   error->set_canonical_code(code);
   error->set_message(message);
-  detailsFrom(request, error);
-  queue_.messageIs(std::move(response), kReportBytes + request.ByteSizeLong());
+  detailsFrom(request, copied, error);
+  queue_.reportIs(std::move(response), bytes);
 }
 
 }  // namespace pi::server

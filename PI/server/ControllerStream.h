@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "PI/core/PacketCounts.h"
 #include "PI/server/Arbitration.h"
 #include "PI/server/Devices.h"
 #include "PI/server/OutgoingQueue.h"
@@ -32,8 +33,9 @@ class ControllerStream : public ArbitrationClient {
   grpc::Status run();
 
   void arbitrationNoticeIs(const ArbitrationNotice& notice) override;
-  // False when it is dropped because the controller is too slow.
-  bool messageIs(OutgoingQueue::Message message, size_t bytes);
+  // For the role's primary: a message of the device, shared with other streams. Dropped when the
+  // controller is too slow; packets are counted either way.
+  void messageIs(OutgoingQueue::Message message, size_t bytes);
 
   // Sends what is queued, then cancels the call; does not wait for either.
   void finish();
@@ -48,6 +50,7 @@ class ControllerStream : public ArbitrationClient {
   grpc::Status handle(const p4::v1::StreamMessageRequest& request);
   grpc::Status handleArbitration(const p4::v1::MasterArbitrationUpdate& update);
   void handleForDevice(const p4::v1::StreamMessageRequest& request);
+  void countOut(grpc::StatusCode code);
   void report(const p4::v1::StreamMessageRequest& request, grpc::StatusCode code,
               const std::string& message);
 
@@ -60,6 +63,7 @@ class ControllerStream : public ArbitrationClient {
   // Written once, before the stream is a client of the arbitration.
   std::optional<RoleOfDevice> role_;
   std::optional<p4::v1::Role> roleAsGiven_;
+  core::PacketCounts* packetCounts_ = nullptr;  // of the role's device
 
   std::mutex mutex_;
   std::condition_variable changed_;

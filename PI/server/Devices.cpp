@@ -25,6 +25,13 @@ Devices::DeviceMgr::Status Devices::pipelineIs(
   return status;
 }
 
+void Devices::pipelineDelAll() {
+  std::map<uint64_t, std::shared_ptr<DeviceMgr>> gone;  // they wait for the target: not locked
+  const std::lock_guard installing(installing_);
+  const std::lock_guard lock(mutex_);
+  gone.swap(devices_);
+}
+
 grpc::Status Devices::requireKnown(uint64_t deviceId) const {
   const std::lock_guard lock(mutex_);
   if (deviceId != 0 && (devices_.empty() || devices_.count(deviceId))) return grpc::Status::OK;
@@ -43,7 +50,7 @@ std::shared_ptr<Devices::DeviceMgr> Devices::device(uint64_t deviceId) const {
 
 void Devices::onResponse(pi_dev_id_t deviceId, p4::v1::StreamMessageResponse* response,
                          void* devices) {
-  static_cast<Devices*>(devices)->receiver_(deviceId, *response);
+  static_cast<Devices*>(devices)->receiver_(deviceId, std::move(*response));
 }
 
 }  // namespace pi::server

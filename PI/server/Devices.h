@@ -19,14 +19,17 @@ namespace pi::server {
 class Devices {
  public:
   using DeviceMgr = pi::fe::proto::DeviceMgr;
-  // A message of the device for its controllers; lasts for the call.
-  using Receiver = std::function<void(uint64_t deviceId, const p4::v1::StreamMessageResponse&)>;
+  // A message of the device for its controllers. Called with the target's lock held: must not wait.
+  using Receiver = std::function<void(uint64_t deviceId, p4::v1::StreamMessageResponse&&)>;
 
   explicit Devices(Receiver receiver) : receiver_(std::move(receiver)) {}
 
   // Installs the pipeline on a device, a new one if need be; waits for another installation.
   // NOT_FOUND for device 0. A status other than OK leaves the devices as they were.
   DeviceMgr::Status pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request);
+
+  // Lets all of them go; returns once that is done if no call is running.
+  void pipelineDelAll();
 
   // NOT_FOUND for 0, and for an id that is none of the devices when there are any.
   grpc::Status requireKnown(uint64_t deviceId) const;

@@ -13,14 +13,27 @@ void OutgoingQueue::noticeIs(Message notice) {
   changed_.notify_one();
 }
 
-bool OutgoingQueue::messageIs(Message message, size_t bytes) {
+bool OutgoingQueue::hasRoom(size_t bytes, Kind kind) const {
+  const Share& limit = kind == &Waiting::packets ? limits_.packets : limits_.reports;
+  const Share& waits = waiting_.*kind;
+  const size_t left = limit.bytes - waits.bytes;
+  return !closed_ && waits.messages < limit.messages && left >= kOverhead &&
+         bytes <= left - kOverhead;
+}
+
+bool OutgoingQueue::takesReport(size_t bytes) const {
+  const std::lock_guard lock(mutex_);
+  return hasRoom(bytes, &Waiting::reports);
+}
+
+bool OutgoingQueue::messageIs(Message message, size_t bytes, Kind kind) {
   {
     const std::lock_guard lock(mutex_);
-    if (closed_ || messages_.size() >= limits_.messages || bytes > limits_.bytes - bytes_) {
-      return false;
-    }
-    messages_.push_back({std::move(message), bytes});
-    bytes_ += bytes;
+    if (!hasRoom(bytes, kind)) return false;
+    messages_.push_back({std::move(message), bytes + kOverhead, kind});
+    Share& waits = waiting_.*kind;
+    ++waits.messages;
+    waits.bytes += bytes + kOverhead;
   }
   changed_.notify_one();
   return true;
@@ -34,18 +47,22 @@ void OutgoingQueue::close() {
   changed_.notify_one();
 }
 
-OutgoingQueue::Message OutgoingQueue::next() {
+OutgoingQueue::Next OutgoingQueue::next() {
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return closed_ || !notices_.empty() || !messages_.empty(); });
-  Message next;
+  Next next;
   if (!notices_.empty()) {
-    next = std::move(notices_.front());
+    next.message = std::move(notices_.front());
     notices_.pop_front();
   } else if (!messages_.empty()) {
-    next = std::move(messages_.front().message);
-    bytes_ -= messages_.front().bytes;
+    const Element& first = messages_.front();
+    next.message = first.message;
+    Share& waits = waiting_.*first.kind;
+    --waits.messages;
+    waits.bytes -= first.bytes;
     messages_.pop_front();
   }
+  next.more = !notices_.empty() || !messages_.empty();
   return next;
 }
 

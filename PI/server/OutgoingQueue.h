@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 namespace p4::v1 {
 class StreamMessageResponse;
@@ -18,10 +19,17 @@ class OutgoingQueue {
  public:
   using Message = std::shared_ptr<const p4::v1::StreamMessageResponse>;
 
+  // Bytes are those of the serialized messages; each counts for kOverhead more, which is about what
+  // it takes in memory beside them.
+  static constexpr size_t kOverhead = 512;
+  struct Share {
+    size_t messages;
+    size_t bytes;
+  };
   struct Limits {
     size_t notices = 64;
-    size_t messages = 4096;
-    size_t bytes = 16 << 20;  // of messages
+    Share packets{1 << 16, 64 << 20};
+    Share reports{256, 1 << 20};  // the first to go: they never take the room of packets
   };
 
   OutgoingQueue() = default;
@@ -30,26 +38,47 @@ class OutgoingQueue {
   // An arbitration notice: goes out before messages and is never refused; when too many wait, only
   // the newest stays, which says all that still holds.
   void noticeIs(Message notice);
-  // A packet or a report; false, and the message dropped, when too many wait or after close().
-  bool messageIs(Message message, size_t bytes);
+  // A packet, a report on what the controller sent; false, and the message dropped, when too many
+  // of the kind wait or after close().
+  bool packetIs(Message packet, size_t bytes) {
+    return messageIs(std::move(packet), bytes, &Waiting::packets);
+  }
+  bool reportIs(Message report, size_t bytes) {
+    return messageIs(std::move(report), bytes, &Waiting::reports);
+  }
+  // Whether a report of so many bytes would be taken now.
+  bool takesReport(size_t bytes) const;
   // What is in the queue still goes out.
   void close();
 
-  // Waits for something to send; null when the queue is closed and empty.
-  Message next();
+  struct Next {
+    Message message;    // null: the queue is closed and empty
+    bool more = false;  // another one waits behind it
+  };
+  Next next();  // waits for something to send
 
  private:
+  // How much waits, of which kind.
   struct Waiting {
+    Share packets{0, 0};
+    Share reports{0, 0};
+  };
+  using Kind = Share Waiting::*;
+  struct Element {
     Message message;
     size_t bytes;
+    Kind kind;
   };
 
+  bool messageIs(Message message, size_t bytes, Kind kind);
+  bool hasRoom(size_t bytes, Kind kind) const;
+
   const Limits limits_;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<Message> notices_;
-  std::deque<Waiting> messages_;
-  size_t bytes_ = 0;
+  std::deque<Element> messages_;
+  Waiting waiting_;
   bool closed_ = false;
 };
 

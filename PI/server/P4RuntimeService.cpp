@@ -2,13 +2,14 @@
 
 #include <grpcpp/support/method_handler.h>
 
+#include <functional>
 #include <utility>
 
+#include "PI/core/PacketCounts.h"
 #include "PI/proto/pi_server.h"
 #include "PI/server/Answered.h"
 #include "PI/server/ControllerStream.h"
 #include "PI/server/LocalToken.h"
-#include "PI/server/PacketCounts.h"
 #include "PI/server/Requester.h"
 
 namespace pi::server {
@@ -56,8 +57,8 @@ using Unary =
 P4RuntimeService::P4RuntimeService(Arbitration& arbitration, std::string localToken)
     : arbitration_(arbitration),
       localToken_(std::move(localToken)),
-      devices_([this](uint64_t deviceId, const p4::v1::StreamMessageResponse& response) {
-        toPrimaries(deviceId, response);
+      devices_([this](uint64_t deviceId, p4::v1::StreamMessageResponse&& response) {
+        toPrimaries(deviceId, std::move(response));
       }) {
   methodsAre();
 }
@@ -217,15 +218,19 @@ Status P4RuntimeService::requirePipeline(uint64_t deviceId,
                     " yet; wait until the switch has installed it");
 }
 
-void P4RuntimeService::toPrimaries(uint64_t deviceId,
-                                   const p4::v1::StreamMessageResponse& response) {
+// All streams share the one message; nothing of it is copied before it is serialized.
+void P4RuntimeService::toPrimaries(uint64_t deviceId, p4::v1::StreamMessageResponse&& response) {
+  const bool isPacket = response.has_packet();
   const size_t bytes = response.ByteSizeLong();
-  OutgoingQueue::Message shared;  // copied when somebody wants it
-  arbitration_.forEachPrimary(deviceId, [&](ArbitrationClient& client) {
-    if (!shared) shared = std::make_shared<p4::v1::StreamMessageResponse>(response);
-    const bool queued = static_cast<ControllerStream&>(client).messageIs(shared, bytes);
-    if (queued && response.has_packet()) ThePacketCounts().packetInSent(deviceId);
-  });
+  const OutgoingQueue::Message shared =
+      std::make_shared<const p4::v1::StreamMessageResponse>(std::move(response));
+  bool hasPrimary = false;
+  const auto send = [&](ArbitrationClient& client) {
+    hasPrimary = true;
+    static_cast<ControllerStream&>(client).messageIs(shared, bytes);
+  };
+  arbitration_.forEachPrimary(deviceId, std::ref(send));  // by reference: needs no memory
+  if (isPacket && !hasPrimary) core::packetCountsOf(deviceId).inNoPrimary.add();
 }
 
 }  // namespace pi::server

@@ -25,6 +25,8 @@ class P4RuntimeService final : public grpc::Service {
   P4RuntimeService(Arbitration& arbitration, std::string localToken);
 
   StreamSet& streams() { return streams_; }
+  // Once no call runs any more.
+  void devicesDelAll() { devices_.pipelineDelAll(); }
 
  private:
   using WriteCall = ArenaRequest<p4::v1::WriteRequest>;
@@ -49,7 +51,7 @@ class P4RuntimeService final : public grpc::Service {
 
   bool hasLocalToken(const grpc::ServerContext& context) const;
   grpc::Status requirePipeline(uint64_t deviceId, std::shared_ptr<DeviceMgr>* device) const;
-  void toPrimaries(uint64_t deviceId, const p4::v1::StreamMessageResponse& response);
+  void toPrimaries(uint64_t deviceId, p4::v1::StreamMessageResponse&& response);
 
   Arbitration& arbitration_;
   const std::string localToken_;

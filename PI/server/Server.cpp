@@ -81,4 +81,6 @@ void Server::wait() {
   changed_.wait(lock, [this] { return down_; });
 }
 
+void Server::devicesDelAll() { service_->devicesDelAll(); }
+
 }  // namespace pi::server

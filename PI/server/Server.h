@@ -33,6 +33,8 @@ class Server {
   void shutDown(std::chrono::milliseconds cancelAfter, std::chrono::milliseconds patience);
   // Until it has been shut down and the last call has returned.
   void wait();
+  // After wait(), whoever else still holds the server: the next one's devices may have their ids.
+  void devicesDelAll();
 
  private:
   void begin(std::chrono::milliseconds cancelAfter);

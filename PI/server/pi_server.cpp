@@ -12,8 +12,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "PI/core/PacketCounts.h"
 #include "PI/server/LocalToken.h"
-#include "PI/server/PacketCounts.h"
 #include "PI/server/Server.h"
 
 namespace {
@@ -127,6 +127,7 @@ void PIGrpcServerCleanup() {
   if (!running) return;
   running->shutDown(kCancelAfter, kPatience);
   running->wait();
+  running->devicesDelAll();
   const std::lock_guard lock(TheProcess().mutex);
   if (TheProcess().server == running) TheProcess().server.reset();
 }
@@ -137,11 +138,29 @@ int PIGrpcServerGetPort() {
 }
 
 uint64_t PIGrpcServerGetPacketInCount(uint64_t device_id) {
-  return pi::server::ThePacketCounts().packetsIn(device_id);
+  return pi::core::packetCountsOf(device_id).in.get();
 }
 
 uint64_t PIGrpcServerGetPacketOutCount(uint64_t device_id) {
-  return pi::server::ThePacketCounts().packetsOut(device_id);
+  return pi::core::packetCountsOf(device_id).out.get();
+}
+
+void PIGrpcServerGetPacketCounts(uint64_t device_id, PIGrpcServerPacketCounts_t* counts) {
+  const pi::core::PacketCounts& from = pi::core::packetCountsOf(device_id);
+  *counts = {.in = from.in.get(),
+             .in_no_primary = from.inNoPrimary.get(),
+             .in_slow = from.inSlow.get(),
+             .in_malformed = from.inMalformed.get(),
+             .out = from.out.get(),
+             .out_not_primary = from.outNotPrimary.get(),
+             .out_bad_metadata = from.outBadMetadata.get(),
+             .out_refused = from.outRefused.get()};
+}
+
+const char* PIGrpcServerLastMalformedPacketIn(uint64_t device_id) {
+  thread_local std::string reason;
+  reason = pi::core::packetCountsOf(device_id).lastMalformed();
+  return reason.c_str();
 }
 
 const char* PIGrpcServerLocalToken() {

@@ -32,6 +32,7 @@ pi_status_t _pi_session_init(pi_session_handle_t* handle) {
 pi_status_t _pi_session_cleanup(pi_session_handle_t) { return PI_STATUS_SUCCESS; }
 pi_status_t _pi_batch_begin(pi_session_handle_t) { return PI_STATUS_SUCCESS; }
 pi_status_t _pi_batch_end(pi_session_handle_t, bool) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_packetout_send(pi_dev_id_t, const char*, size_t) { return PI_STATUS_SUCCESS; }
 
 pi_status_t _pi_table_entry_add(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                 const pi_match_key_t*, const pi_table_entry_t*, int,

@@ -283,6 +283,23 @@ pi_status_t FakeTarget::handleFetch(uint32_t tableId, pi_table_fetch_res_t* resu
   return PI_STATUS_SUCCESS;
 }
 
+pi_status_t FakeTarget::punted(const std::string& packet) {
+  const std::lock_guard lock(lock_);
+  return pi_packetin_receive(1, packet.data(), packet.size());
+}
+
+pi_status_t FakeTarget::handleDeviceCall() {
+  const std::lock_guard lock(lock_);
+  if (onDeviceCall_) onDeviceCall_();
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t FakeTarget::handlePacketOut(const char* packet, size_t size) {
+  const std::lock_guard lock(lock_);
+  if (packetStatus_ == PI_STATUS_SUCCESS) sent_.emplace_back(packet, size);
+  return packetStatus_;
+}
+
 std::map<uint32_t, std::pair<int, std::string>> FakeTarget::outcome(
     const std::vector<uint32_t>& pending, const std::vector<uint32_t>& refused) {
   std::unique_lock lock(lock_);
@@ -303,13 +320,13 @@ std::map<uint32_t, std::pair<int, std::string>> FakeTarget::outcome(
 
 pi_status_t _pi_init(void*) { return PI_STATUS_SUCCESS; }
 pi_status_t _pi_assign_device(pi_dev_id_t, const pi_p4info_t*, pi_assign_extra_t*) {
-  return PI_STATUS_SUCCESS;
+  return theTarget->handleDeviceCall();
 }
 pi_status_t _pi_update_device_start(pi_dev_id_t, const pi_p4info_t*, const char*, size_t) {
   return theTarget->updateDeviceStatus();
 }
 pi_status_t _pi_update_device_end(pi_dev_id_t) { return PI_STATUS_SUCCESS; }
-pi_status_t _pi_remove_device(pi_dev_id_t) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_remove_device(pi_dev_id_t) { return theTarget->handleDeviceCall(); }
 pi_status_t _pi_destroy() { return PI_STATUS_SUCCESS; }
 pi_status_t _pi_session_init(pi_session_handle_t* handle) {
   *handle = 0;
@@ -318,6 +335,9 @@ pi_status_t _pi_session_init(pi_session_handle_t* handle) {
 pi_status_t _pi_session_cleanup(pi_session_handle_t) { return PI_STATUS_SUCCESS; }
 pi_status_t _pi_batch_begin(pi_session_handle_t) { return theTarget->handleBatchBegin(); }
 pi_status_t _pi_batch_end(pi_session_handle_t, bool) { return PI_STATUS_SUCCESS; }
+pi_status_t _pi_packetout_send(pi_dev_id_t, const char* packet, size_t size) {
+  return theTarget->handlePacketOut(packet, size);
+}
 
 pi_status_t _pi_table_entry_add(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                 const pi_match_key_t* key, const pi_table_entry_t* entry,

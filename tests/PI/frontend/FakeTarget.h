@@ -101,7 +101,17 @@ class FakeTarget {
   // What no target would take: a member that is deleted while it is in a group, and the like.
   const std::vector<std::string>& faults() const { return faults_; }
 
+  // What the next packets of controllers are answered with.
+  void packetStatusIs(pi_status_t status) { packetStatus_ = status; }
+  const std::vector<std::string>& sent() const { return sent_; }
+  // As targets punt: with the lock held.
+  pi_status_t punted(const std::string& packet);
+  // Runs, with the lock held, when the device is assigned and when it is removed.
+  void onDeviceCallIs(std::function<void()> call) { onDeviceCall_ = std::move(call); }
+
   // The target's side of the calls.
+  pi_status_t handleDeviceCall();
+  pi_status_t handlePacketOut(const char* packet, size_t size);
   pi_status_t handleBatchBegin();
   pi_status_t handleAdd(const pi_match_key_t& key, const pi_table_entry_t& entry, bool overwrite,
                         uint64_t* handle);
@@ -144,6 +154,9 @@ class FakeTarget {
   pi_status_t counterStatus_ = PI_STATUS_SUCCESS;
   pi_status_t fetchStatus_ = PI_STATUS_SUCCESS;
   pi_status_t updateDeviceStatus_ = PI_STATUS_SUCCESS;
+  pi_status_t packetStatus_ = PI_STATUS_SUCCESS;
+  std::vector<std::string> sent_;
+  std::function<void()> onDeviceCall_;
   uint64_t lastHandle_ = 100;
   uint64_t lastMember_ = 0;
   uint64_t lastGroup_ = uint64_t{1} << 32;

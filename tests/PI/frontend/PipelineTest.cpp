@@ -183,15 +183,5 @@ TEST_F(PipelineTest, ConstantAndInitialEntriesAreTakenOver) {
               ElementsAre(code::permissionDenied));
 }
 
-TEST_F(PipelineTest, StreamMessagesAreRefusedByName) {
-  p4::v1::StreamMessageRequest request;
-  EXPECT_EQ(device->streamMessage(request).code(), code::invalidArgument);
-  request.mutable_packet();
-  EXPECT_EQ(device->streamMessage(request).code(), code::unimplemented);
-  EXPECT_THAT(device->streamMessage(request).message(), HasSubstr("packet-out"));
-  request.mutable_digest_ack();
-  EXPECT_THAT(device->streamMessage(request).message(), HasSubstr("digests"));
-}
-
 }  // namespace
 }  // namespace pi::fe::proto

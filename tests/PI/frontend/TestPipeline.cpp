@@ -98,6 +98,16 @@ constexpr char kP4Info[] = R"(
     preamble { id: 0x15000001 name: "ingress.meter" } direct_table_id: 0x02000004
     spec { unit: BYTES }
   }
+  controller_packet_metadata {
+    preamble { id: 0x04000001 name: "packet_in" }
+    metadata { id: 1 name: "ingress_port" bitwidth: 9 }
+  }
+  controller_packet_metadata {
+    preamble { id: 0x04000002 name: "packet_out" }
+    metadata { id: 2 name: "submit_to_ingress" bitwidth: 1 }
+    metadata { id: 1 name: "egress_port" bitwidth: 32 }
+  }
+  digests { preamble { id: 0x17000001 name: "ingress.learn" } }
 )";
 
 void exactIs(TableEntry* entry, uint32_t field, uint64_t value) {

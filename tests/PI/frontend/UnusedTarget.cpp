@@ -9,8 +9,6 @@ namespace {
 constexpr pi_status_t kNever = PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
 }
 
-pi_status_t _pi_packetout_send(pi_dev_id_t, const char*, size_t) { return kNever; }
-
 pi_status_t _pi_table_entry_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
                                    pi_entry_handle_t) {
   return kNever;

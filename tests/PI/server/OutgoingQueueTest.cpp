@@ -22,34 +22,57 @@ OutgoingQueue::Message named(const std::string& name) {
 std::vector<std::string> drained(OutgoingQueue& queue) {
   queue.close();
   std::vector<std::string> names;
-  while (const auto message = queue.next()) names.push_back(message->packet().payload());
+  while (const auto message = queue.next().message) names.push_back(message->packet().payload());
   return names;
 }
 
 TEST(OutgoingQueue, NoticesOvertakePacketsAndKeepTheirOrder) {
   OutgoingQueue queue;
-  queue.messageIs(named("packet 1"), 1);
+  queue.packetIs(named("packet 1"), 1);
   queue.noticeIs(named("notice 1"));
-  queue.messageIs(named("packet 2"), 1);
+  queue.packetIs(named("packet 2"), 1);
   queue.noticeIs(named("notice 2"));
   EXPECT_THAT(drained(queue), ElementsAre("notice 1", "notice 2", "packet 1", "packet 2"));
 }
 
+constexpr size_t kOverhead = OutgoingQueue::kOverhead;
+
 TEST(OutgoingQueue, DropsPacketsWhenFullByCountOrBytesUntilThereIsRoom) {
-  OutgoingQueue queue({.notices = 2, .messages = 2, .bytes = 100});
-  EXPECT_TRUE(queue.messageIs(named("a"), 60));
-  EXPECT_FALSE(queue.messageIs(named("too many bytes"), 41));
-  EXPECT_FALSE(queue.messageIs(named("too big for any queue"), ~size_t{0}));
-  EXPECT_TRUE(queue.messageIs(named("b"), 40));
-  EXPECT_FALSE(queue.messageIs(named("too many"), 0));
+  OutgoingQueue queue({.notices = 2, .packets = {2, 100 + 2 * kOverhead}, .reports = {1, 10}});
+  EXPECT_TRUE(queue.packetIs(named("a"), 60));
+  EXPECT_FALSE(queue.packetIs(named("too many bytes"), 41));
+  EXPECT_FALSE(queue.packetIs(named("too big for any queue"), ~size_t{0}));
+  EXPECT_TRUE(queue.packetIs(named("b"), 40));
+  EXPECT_FALSE(queue.packetIs(named("too many"), 0));
   queue.next();
-  EXPECT_TRUE(queue.messageIs(named("c"), 60));
+  EXPECT_TRUE(queue.packetIs(named("c"), 60));
   queue.noticeIs(named("notice"));
   EXPECT_THAT(drained(queue), ElementsAre("notice", "b", "c"));
 }
 
+TEST(OutgoingQueue, ReportsNeverTakeTheRoomOfPackets) {
+  OutgoingQueue queue({.packets = {1, 10 + kOverhead}, .reports = {2, 10 + 2 * kOverhead}});
+  EXPECT_TRUE(queue.takesReport(10));
+  EXPECT_TRUE(queue.reportIs(named("report"), 5));
+  EXPECT_TRUE(queue.packetIs(named("packet"), 10));
+  EXPECT_FALSE(queue.takesReport(6));
+  EXPECT_FALSE(queue.reportIs(named("too many bytes"), 6));
+  EXPECT_TRUE(queue.reportIs(named("last"), 5));
+  EXPECT_FALSE(queue.takesReport(0));
+  EXPECT_THAT(drained(queue), ElementsAre("report", "packet", "last"));
+}
+
+// What is written while more waits need not be sent at once, what is written last must.
+TEST(OutgoingQueue, SaysWhetherMoreWaits) {
+  OutgoingQueue queue;
+  queue.packetIs(named("a"), 1);
+  queue.noticeIs(named("notice"));
+  EXPECT_TRUE(queue.next().more);
+  EXPECT_FALSE(queue.next().more);
+}
+
 TEST(OutgoingQueue, NeverLosesTheNewestNotice) {
-  OutgoingQueue queue({.notices = 3, .messages = 1, .bytes = 100});
+  OutgoingQueue queue({.notices = 3});
   for (int i = 0; i < 10; ++i) queue.noticeIs(named(std::to_string(i)));
   const auto left = drained(queue);
   EXPECT_LE(left.size(), 3u);
@@ -59,8 +82,8 @@ TEST(OutgoingQueue, NeverLosesTheNewestNotice) {
 TEST(OutgoingQueue, TakesNoPacketsOnceClosed) {
   OutgoingQueue queue;
   queue.close();
-  EXPECT_FALSE(queue.messageIs(named("late"), 1));
-  EXPECT_EQ(queue.next(), nullptr);
+  EXPECT_FALSE(queue.packetIs(named("late"), 1));
+  EXPECT_EQ(queue.next().message, nullptr);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Streams over real gRPC: arbitration, packets and stream errors.
+// Streams over real gRPC: arbitration and stream errors.
 #include <gmock/gmock.h>
 
 #include <future>
@@ -16,12 +16,6 @@ StreamMessageRequest packetOut(const std::string& payload) {
   StreamMessageRequest request;
   request.mutable_packet()->set_payload(payload);
   return request;
-}
-
-StreamMessageResponse packetIn(const std::string& payload) {
-  StreamMessageResponse response;
-  response.mutable_packet()->set_payload(payload);
-  return response;
 }
 
 TEST_F(ServerTest, BackupHearsOfThePrimaryAndOfItsEnd) {
@@ -149,28 +143,6 @@ TEST_F(ServerTest, ANewPrimaryIsInstalledWhenTheFormerOnesWritesAreDone) {
   EXPECT_TRUE(write(11).ok());
 }
 
-TEST_F(ServerTest, PacketsGoBetweenTheDeviceAndItsPrimaries) {
-  std::string taken;
-  TheFakeDevice().onStreamMessage = [&](const StreamMessageRequest& request) {
-    taken += request.packet().payload();
-    return statusOf(0);
-  };
-  const auto primary = served();
-  Controller backup(*stub_, deviceId_);
-  backup.arbitrate(5);
-  const auto outBefore = PIGrpcServerGetPacketOutCount(deviceId_);
-  primary->send(packetOut("out"));
-  TheFakeDevice().emit(deviceId_, packetIn("in"));
-  EXPECT_EQ(primary->next().packet().payload(), "in");
-  EXPECT_EQ(PIGrpcServerGetPacketInCount(deviceId_), 1u);
-  backup.send(packetOut("not mine"));
-  EXPECT_EQ(backup.next().error().canonical_code(), StatusCode::PERMISSION_DENIED);
-  EXPECT_EQ(backup.arbitrate(6), StatusCode::ALREADY_EXISTS);  // no packet came in between
-  EXPECT_EQ(primary->arbitrate(10), StatusCode::OK);           // the packet before it was taken
-  EXPECT_EQ(taken, "out");
-  EXPECT_EQ(PIGrpcServerGetPacketOutCount(deviceId_), outBefore + 1);
-}
-
 TEST_F(ServerTest, StreamErrorsNameTheRequestAndLeaveTheStreamOpen) {
   TheFakeDevice().onStreamMessage = [](const StreamMessageRequest&) {
     return statusOf(StatusCode::UNIMPLEMENTED, "packet out is not supported");
@@ -205,22 +177,6 @@ TEST_F(ServerTest, ABeforeArbitrationPacketIsRefusedAndTheStreamGoesOn) {
   controller.send(packetOut("early"));
   EXPECT_EQ(controller.next().error().canonical_code(), StatusCode::PERMISSION_DENIED);
   EXPECT_EQ(controller.arbitrate(1), StatusCode::OK);
-}
-
-TEST_F(ServerTest, AControllerThatDoesNotReadLosesPacketsButHoldsUpNobody) {
-  const auto slow = served(10);
-  const StreamMessageResponse packet = packetIn(std::string(8192, 'x'));
-  for (int i = 0; i < 8192; ++i) TheFakeDevice().emit(deviceId_, packet);
-  EXPECT_LT(PIGrpcServerGetPacketInCount(deviceId_), 8192u);
-  EXPECT_TRUE(write(10).ok());
-  const auto elsewhere = connected();  // the slow one's connection is full
-  Controller backup(*elsewhere, deviceId_);
-  EXPECT_EQ(backup.arbitrate(5), StatusCode::ALREADY_EXISTS);
-  slow->sendArbitration(std::nullopt);  // a notice for the slow one too
-  EXPECT_EQ(backup.nextNotice(), StatusCode::NOT_FOUND);
-  StreamMessageResponse message = slow->next();
-  while (message.has_packet()) message = slow->next();
-  EXPECT_EQ(message.arbitration().status().code(), StatusCode::NOT_FOUND);
 }
 
 }  // namespace

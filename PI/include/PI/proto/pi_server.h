@@ -68,6 +68,9 @@ typedef struct {
   uint64_t out_refused;      /* by the target: its queue is full, or it cannot use the header */
 } PIGrpcServerPacketCounts_t;
 void PIGrpcServerGetPacketCounts(uint64_t device_id, PIGrpcServerPacketCounts_t* counts);
+/* Why the last packet counted in in_malformed was, in words; empty when none was. Lasts until the
+ * thread calls this function again. */
+const char* PIGrpcServerLastMalformedPacketIn(uint64_t device_id);
 
 /* The secret by which the process that runs the server installs its own pipeline: a
  * SetForwardingPipelineConfig whose gRPC metadata holds it under the key needs no arbitration. Made

@@ -21,6 +21,8 @@ class DeviceMgr {
   using Status = ::google::rpc::Status;
   // False from a sink stops the read (the client has gone).
   using ReadSink = std::function<bool(const p4::v1::ReadResponse&)>;
+  // May take what the response holds. Called with the target's lock held: it must neither wait nor
+  // call the DeviceMgr.
   using StreamMessageResponseCb = std::function<void(
       pi_dev_id_t device_id, p4::v1::StreamMessageResponse* response, void* cookie)>;
 
@@ -54,7 +56,10 @@ class DeviceMgr {
   // The same in pieces of less than 1 MiB each, built and handed over outside every lock.
   Status read(const p4::v1::ReadRequest& request, const ReadSink& sink) const;
 
-  // Packet out and digest acknowledgements.
+  // Packet out and digest acknowledgements. Packets wait for no Write. A PacketOut that is not as
+  // the pipeline's packet_out header has it is INVALID_ARGUMENT (UNIMPLEMENTED: the header itself
+  // cannot be served); what the target refuses is RESOURCE_EXHAUSTED (send it again) or
+  // FAILED_PRECONDITION.
   Status stream_message_request_handle(const p4::v1::StreamMessageRequest& request);
   void stream_message_response_register_cb(StreamMessageResponseCb cb, void* cookie);
 

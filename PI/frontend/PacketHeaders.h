@@ -1,0 +1,65 @@
+// How packets and their metadata travel between controllers and the target: the headers packet_out
+// and packet_in, compiled once from the P4Info so that a packet costs no search through it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "p4/config/v1/p4info.pb.h"
+#include "p4/v1/p4runtime.pb.h"
+
+namespace pi::fe::proto {
+
+// One field of a header, and where its bytes lie in it.
+struct PacketField {
+  uint32_t id = 0;
+  std::string name;
+  uint32_t bits = 0;
+  size_t bytes = 0;
+  size_t offset = 0;
+
+  std::string text() const;  // "egress_port (id 1, 32 bits)"
+};
+
+struct PacketHeader {
+  // A header that cannot be served makes packets unusable, not the pipeline.
+  PacketHeader(const p4::config::v1::P4Info& p4Info, std::string_view name);
+
+  const PacketField* field(uint32_t id) const;  // null: no such field
+
+  std::string name;
+  bool isDeclared = false;
+  std::vector<PacketField> fields;  // in ascending order of their ids
+  size_t bytes = 0;
+  std::string unsupported;  // why packets with it cannot be served; empty when they can
+
+ private:
+  void fieldsAre(const p4::config::v1::ControllerPacketMetadata& declared);
+};
+
+// Constant after construction; any thread.
+class PacketHeaders {
+ public:
+  explicit PacketHeaders(const p4::config::v1::P4Info& p4Info)
+      : out_(p4Info, "packet_out"), in_(p4Info, "packet_in") {}
+
+  // The header and then the payload, as the target wants them. Throws a Refusal (INVALID_ARGUMENT,
+  // UNIMPLEMENTED) that names the field when the metadata are not those of packet_out, when a value
+  // does not fit its field, or when the payload is none.
+  std::string packetOut(const p4::v1::PacketOut& packet) const;
+
+  // Takes the target's header off the packet; values in their shortest form, in order of the ids.
+  // Says what is wrong with it; empty when nothing is, else *packet is of no use.
+  std::string packetIn(std::string_view received, p4::v1::PacketIn* packet) const;
+
+  const PacketHeader& out() const { return out_; }
+
+ private:
+  const PacketHeader out_;
+  const PacketHeader in_;
+};
+
+}  // namespace pi::fe::proto
