@@ -5,8 +5,10 @@
 namespace Interface {
 
 Vela::Ptr<Vela::Entity> AllEthPhyIntfConfigDir::entityMade(const std::string& name) const {
-  if (name.empty() || name.size() >= IFNAMSIZ) return nullptr;
-  if (name.find_first_of("/ \t\n\v\f\r") != std::string::npos) return nullptr;
+  if (name.empty() || name.size() >= IFNAMSIZ ||
+      name.find_first_of("/ \t\n\v\f\r") != std::string::npos) {
+    throw Vela::BadValue("an interface's name has 1 to 15 characters and no blank among them");
+  }
   return Vela::make<EthPhyIntfConfig>(name);
 }
 

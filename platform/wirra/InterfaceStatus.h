@@ -48,7 +48,8 @@ class AllEthPhyIntfConfigDir final : public Orrery::Directory {
  public:
   explicit AllEthPhyIntfConfigDir(std::string name) : Directory(std::move(name)) {}
   const char* typeName() const override { return "Interface::AllEthPhyIntfConfigDir"; }
-  // An EthPhyIntfConfig for any name that a device may have, also of one that is not there yet.
+  // An EthPhyIntfConfig for any name that a device may have, also of one that is not there yet;
+  // BadValue for others.
   Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override;
 };
 

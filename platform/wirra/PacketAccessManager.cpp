@@ -162,10 +162,11 @@ size_t PacketAccessManager::Impl::sendRun(std::span<const Packet::Ptr> packets,
     messages[run].msg_hdr.msg_iov = &bytes[run];
     messages[run].msg_hdr.msg_iovlen = 1;
   }
-  int sent = -1;
-  do {
+  int sent = sendmmsg(socket.descriptor(), messages, static_cast<unsigned>(run), MSG_DONTWAIT);
+  if (sent < 0 && (errno == EINTR || errno == ENETDOWN)) {
+    // The socket may only have remembered that the device was down for a while.
     sent = sendmmsg(socket.descriptor(), messages, static_cast<unsigned>(run), MSG_DONTWAIT);
-  } while (sent < 0 && errno == EINTR);
+  }
   for (int i = 0; i < sent; ++i) {
     ++counts.sent;
     counts.sentBytes += packets[i]->size();
