@@ -1,0 +1,112 @@
+// From the header and packet of a controller to a descriptor in the queue.
+#include <gtest/gtest.h>
+
+#include "PI/target/pi_imp.h"
+#include "platform/vela/ActivityLock.h"
+#include "platform/wirra/PacketManager.h"
+#include "tests/P4Runtime/support/AgentParts.h"
+
+namespace P4Runtime {
+namespace {
+
+using namespace TestSupport;
+using Vela::ActivityLock;
+
+class PacketOutTest : public testing::Test {
+ protected:
+  PacketOutTest() : parts_(directory_.path()) {
+    const ActivityLock lock;
+    ThePiContext()->p4ControllerPktMetadataIs(parts_.controllerPktMetadata);
+    ThePiContext()->controllerTxPktConfigIs(queue_);
+  }
+  void headerIs(const std::vector<P4ControllerPktMetadataField>& fields) {
+    const ActivityLock lock;
+    parts_.controllerPktMetadata->metadataEntryDelAll();
+    const auto header = parts_.controllerPktMetadata->metadataEntryIs("packet_out", 5);
+    for (const auto& field : fields) header->metadataFieldIs(field);
+  }
+  pi_status_t send(const std::string& packet) {
+    // In memory of exactly its size: a sanitizer sees what reads beyond.
+    const std::vector<char> exact(packet.begin(), packet.end());
+    return _pi_packetout_send(1, exact.data(), exact.size());
+  }
+
+  TempDir directory_;
+  AgentParts parts_;
+  const Vela::Ptr<ControllerTxPktConfig> queue_ = controllerTxPktConfigFactory();
+};
+
+const std::vector<P4ControllerPktMetadataField> usable{{1, "port", 32}, {2, "submit", 1}};
+
+TEST_F(PacketOutTest, NeedsTheTwoFieldsThatItReads) {
+  EXPECT_EQ(send(std::string(64, '\0')), PI_STATUS_PACKETOUT_SEND_ERROR) << "no packet_out at all";
+  const struct {
+    const char* what;
+    std::vector<P4ControllerPktMetadataField> fields;
+    pi_status_t status;
+  } cases[] = {
+      {"one field", {{1, "port", 32}}, PI_STATUS_PACKETOUT_SEND_ERROR},
+      {"three fields", {{1, "a", 32}, {2, "b", 1}, {3, "c", 7}}, PI_STATUS_PACKETOUT_SEND_ERROR},
+      {"a short port", {{1, "port", 9}, {2, "submit", 1}}, PI_STATUS_PACKETOUT_SEND_ERROR},
+      {"a long flag", {{1, "port", 32}, {2, "submit", 9}}, PI_STATUS_PACKETOUT_SEND_ERROR},
+      {"other ids", {{1, "port", 32}, {3, "submit", 1}}, PI_STATUS_PACKETOUT_SEND_ERROR},
+      {"widths that fill the same bytes", {{2, "s", 8}, {1, "p", 25}}, PI_STATUS_SUCCESS},
+      {"as it should be", usable, PI_STATUS_SUCCESS},
+  };
+  for (const auto& c : cases) {
+    headerIs(c.fields);
+    EXPECT_EQ(send(std::string(64, '\0')), c.status) << c.what;
+  }
+  EXPECT_EQ(queue_->txPktDesc().size(), 2u);
+  EXPECT_EQ(queue_->refusedHeader(), 6u);
+}
+
+TEST_F(PacketOutTest, QueuesPortFlagAndPayload) {
+  headerIs(usable);
+  const struct {
+    const char* what;
+    const char* bytes;
+    pi_status_t status;
+    uint32_t port;
+    bool ingress;
+    const char* payload;
+  } cases[] = {
+      {"port, most significant byte first", "01020304 00 aabb", PI_STATUS_SUCCESS, 0x01020304,
+       false, "aabb"},
+      {"largest port, flag", "ffffffff 01 aa", PI_STATUS_SUCCESS, 0xffffffff, true, "aa"},
+      {"any flag but zero", "00000007 02 aa", PI_STATUS_SUCCESS, 7, true, "aa"},
+      {"empty payload", "00000007 80", PI_STATUS_SUCCESS, 7, true, ""},
+      {"a byte too short", "00000007", PI_STATUS_PACKETOUT_SEND_ERROR, 0, false, ""},
+      {"nothing", "", PI_STATUS_PACKETOUT_SEND_ERROR, 0, false, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_EQ(send(bytes(c.bytes)), c.status);
+    const ActivityLock lock;
+    ASSERT_EQ(queue_->txPktDesc().empty(), c.status != PI_STATUS_SUCCESS);
+    if (c.status != PI_STATUS_SUCCESS) continue;
+    const auto desc = queue_->txPktDesc().deq().second;
+    EXPECT_EQ(desc.egressP4PortId, c.port);
+    EXPECT_EQ(desc.flags.ingressProcessingEnabled(), c.ingress);
+    const auto payload = desc.pkt->bytes();
+    EXPECT_EQ(std::string(payload.begin(), payload.end()), bytes(c.payload));
+  }
+}
+
+TEST_F(PacketOutTest, RefusesWhatThereIsNoRoomFor) {
+  headerIs(usable);
+  const std::string packet(1000, '\0');
+  const size_t limit = Wirra::ThePacketManager().byteLimit();
+  Wirra::ThePacketManager().byteLimitIs(0);
+  EXPECT_EQ(send(packet), PI_STATUS_ALLOC_ERROR);
+  Wirra::ThePacketManager().byteLimitIs(limit);
+  for (size_t i = 0; i < ControllerTxPktConfig::capacity; ++i) {
+    ASSERT_EQ(send(packet), PI_STATUS_SUCCESS);
+  }
+  EXPECT_EQ(send(packet), PI_STATUS_PACKETOUT_SEND_ERROR);
+  EXPECT_EQ(queue_->refusedMemory(), 1u);
+  EXPECT_EQ(queue_->refusedFull(), 1u);
+}
+
+}  // namespace
+}  // namespace P4Runtime
