@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/AgentRequest.h"
 #include "cli/AttributeText.h"
 #include "cli/ClientOptions.h"
 #include "platform/orrery/Client.h"
@@ -79,17 +80,36 @@ void runGet(const Options& options) {
 }
 
 void runSet(const Options& options) {
-  Orrery::Client client(options.stateDirectory);
-  const auto answer = client.set(options.path, options.attribute, options.value);
-  if (options.json) printJson(*answer);
+  executed(options.stateDirectory, "set", {options.path, options.attribute, options.value});
+  if (!options.json) return;
+  printJson(*Orrery::Client(options.stateDirectory).get(options.path, options.attribute));
+}
+
+void runCreate(const Options& options) {
+  std::vector<std::string> arguments{options.path};
+  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
+  executed(options.stateDirectory, "create", arguments);
+  if (options.json) printJson(*Orrery::Client(options.stateDirectory).get(options.path));
+}
+
+void runDelete(const Options& options) {
+  executed(options.stateDirectory, "delete", {options.path});
+  const Orrery::Json done(cJSON_CreateObject());
+  cJSON_AddTrueToObject(done.get(), "ok");
+  if (options.json) printJson(*done);
 }
 
 void runCall(const Options& options) {
-  Orrery::Client client(options.stateDirectory);
-  const auto answer = client.call(options.path, options.operation, options.arguments);
-  if (options.json) return printJson(*answer);
-  const char* text = Orrery::stringMember(*answer, "answer");
-  if (text && *text) fmt::print("{}\n", text);
+  std::vector<std::string> arguments{options.path, options.operation};
+  arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
+  const std::string text = executed(options.stateDirectory, "call", arguments);
+  if (options.json) {
+    const Orrery::Json answer(cJSON_CreateObject());
+    cJSON_AddTrueToObject(answer.get(), "ok");
+    cJSON_AddStringToObject(answer.get(), "answer", text.c_str());
+    return printJson(*answer);
+  }
+  if (!text.empty()) fmt::print("{}\n", text);
 }
 
 void printChange(const cJSON& change) {
@@ -139,6 +159,16 @@ void addOrreryCommands(CLI::App& app) {
   set.add_option("PATH", options->path, path)->required();
   set.add_option("ATTRIBUTE", options->attribute, attribute)->required();
   set.add_option("VALUE", options->value, "What it shall be")->required();
+
+  CLI::App& create = addCommand(
+      app, "create", "Make an entity of the state database, where its directory makes some",
+      options, runCreate);
+  create.add_option("PATH", options->path, path)->required();
+  create.add_option("ATTRIBUTE=VALUE", options->arguments, "What it shall have from the start");
+
+  CLI::App& del =
+      addCommand(app, "delete", "Remove an entity that could be made", options, runDelete);
+  del.add_option("PATH", options->path, path)->required();
 
   CLI::App& watch =
       addCommand(app, "watch", "Show an entity, and then every change of it", options, runWatch);

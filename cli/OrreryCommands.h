@@ -1,4 +1,5 @@
-// `korvel get`, `set`, `watch` and `call`: the state database of a running agent.
+// `korvel get`, `set`, `create`, `delete`, `watch` and `call`: the state database of a running
+// agent.
 #pragma once
 
 namespace CLI {

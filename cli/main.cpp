@@ -6,6 +6,7 @@
 #include <exception>
 
 #include "cli/AgentCommand.h"
+#include "cli/ControlCommands.h"
 #include "cli/OrreryCommands.h"
 #include "cli/PipelineCommand.h"
 #include "cli/StatusCommand.h"
@@ -21,6 +22,7 @@ void addCommands(CLI::App& app) {
   addAgentCommand(app);
   addPipelineCommand(app);
   addStatusCommand(app);
+  addControlCommands(app);
   addOrreryCommands(app);
   addTableCommand(app);
   addTraceCommand(app);

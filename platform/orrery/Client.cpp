@@ -52,7 +52,7 @@ int64_t Client::agentPid() const {
   return getsockopt(socket_, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
-Json Client::request(const cJSON& request, milliseconds timeout) {
+Json Client::request(const cJSON& request) {
   const std::string text = jsonLine(request) + "\n";
   for (size_t sent = 0; sent < text.size();) {
     const ssize_t n = send(socket_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
@@ -60,7 +60,7 @@ Json Client::request(const cJSON& request, milliseconds timeout) {
     if (n < 0) throw ClientError("the agent closed " + path_ + "; look whether it still runs");
     sent += n;
   }
-  const auto received = line(timeout);
+  const auto received = line(timeout_);
   if (!received) {
     throw ClientError("the agent gave no answer on " + path_ + "; look at 'korvel trace'");
   }

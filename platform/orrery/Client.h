@@ -33,9 +33,10 @@ class Client {
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
-  // Sends a request and waits at most `timeout` for the answer. Throws ClientError also when the
-  // answer says {"ok": false}.
-  Json request(const cJSON& request, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  void timeoutIs(std::chrono::milliseconds timeout) { timeout_ = timeout; }  // of each answer
+  // Sends a request and waits for the answer. Throws ClientError also when the answer says
+  // {"ok": false}.
+  Json request(const cJSON& request);
   // The next line after a "watch"; waits for good without a timeout. Null when the agent is gone or
   // the time is up.
   Json next(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
@@ -54,6 +55,7 @@ class Client {
  private:
   std::optional<std::string> line(std::optional<std::chrono::milliseconds> timeout);
   std::string path_;
+  std::chrono::milliseconds timeout_ = std::chrono::seconds(10);
   int socket_ = -1;
   std::string input_;
 };

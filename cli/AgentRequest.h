@@ -1,0 +1,19 @@
+// Has the running agent execute a command that changes its state.
+#pragma once
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+// The agent refused the command or failed at it; the message is its own.
+class CommandRefused : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Places a request, waits for its answer and takes both away; answers the answer's text. Throws
+// CommandRefused, and Orrery::ClientError when no agent answers within `timeout`.
+std::string executed(const std::string& stateDirectory, const std::string& command,
+                     const std::vector<std::string>& arguments,
+                     std::chrono::milliseconds timeout = std::chrono::seconds(30));
