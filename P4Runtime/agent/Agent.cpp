@@ -9,6 +9,7 @@
 
 #include "P4Runtime/agent/CliCommands.h"
 #include "P4Runtime/agent/SettingChecks.h"
+#include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "platform/scrivel/Trace.h"
 
@@ -61,13 +62,14 @@ void Agent::doMountsComplete(const Orrery::MountStatus& status,
   doFetchMounts(*entityManager);
   doBuildMappings();
   doBuildTableProgramming();
+  doBuildSystemConfig();
+  doLoadPlugins();
   doBuildPipeline();
   doAttachKernelDevices();
   doBuildPackets();
   doBuildServer();
   doBuildCommands();
   doPublish();
-  if (p4RtSystemConfig()->enabled()) p4RtSystemStatus()->enabledIs(true);
 }
 
 void Agent::doBuildMappings() {
@@ -126,11 +128,13 @@ void Agent::doBuildPipeline() {
       p4TableInfo(), p4ControllerPktMetadata(), p4RtSystemConfig(),
       {typeConfigDir(), typeStatusDir(), queryConfigDir(), queryStatusDir(), tables_.get()},
       {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
+  p4TableInfoSm()->batchStatusIs(batchStatus(), runtime_.loop);
   Pollen::QueryTables queryTables;
   queryTables.typeOf = [this](const std::string& name) { return p4TableInfo()->typeOfTable(name); };
   queryTables.outputTableIs = [this](const std::string& path, const std::string& type) {
-    p4TableInfoSm()->queryOutputIs(path, type);
+    return p4TableInfoSm()->queryOutputIs(path, type);
   };
+  queryTables.database = tables_.get();
   queryConfigSmIs(Vela::make<Pollen::QueryConfigSm>(runtime_.loop, queryConfigDir(),
                                                     queryStatusDir(), queryTables));
 }
@@ -155,6 +159,7 @@ void Agent::doBuildServer() {
   piServerInitSmIs(korvelPiServerInitSmFactory(p4TableInfo(), p4RtSystemConfig(),
                                                p4RtSystemStatus(), piServer(), tableImpl()));
   piServerInitSm()->batchStatusIs(batchStatus());
+  if (!p4RtSystemConfig()->enabled()) piServer()->setOperationPermissionLevel(nothingAllowed);
 }
 
 void Agent::doBuildCommands() {

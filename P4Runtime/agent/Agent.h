@@ -12,6 +12,7 @@
 #include "P4Runtime/agent/CliSm.h"
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
+#include "P4Runtime/agent/P4RtSystemConfigSm.h"
 #include "P4Runtime/agent/PortMappingDirSm.h"
 #include "P4Runtime/agent/VrfIdCollection.h"
 #include "P4Runtime/packet/P4RuntimeCpuPktSm.h"
@@ -25,6 +26,7 @@
 #include "platform/companion/PortMapping.h"
 #include "platform/lattice/Database.h"
 #include "platform/orrery/MountGroup.h"
+#include "platform/plugin/PluginLoader.h"
 #include "platform/pollen/QueryConfigSm.h"
 #include "platform/pollen/TypeService.h"
 #include "platform/vela/Entity.h"
@@ -64,6 +66,8 @@ class Agent : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Orrery::Directory>, pluginStatusDir, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Orrery::Directory>, pluginDataDir, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<AllPluginConfig>, allPluginConfig, nullptr)
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<PluginLoader>, context, nullptr)  // of the plugins
+  VELA_READONLY_ATTRIBUTE(Vela::Ptr<P4RtSystemConfigSm>, p4RtSystemConfigSm, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<CliConfigDir>, cliConfigDir, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<CliStatusDir>, cliStatusDir, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<CliSm>, cliSm, nullptr)
@@ -102,6 +106,8 @@ class Agent : public Vela::Entity {
   void doFetchMounts(const Orrery::EntityManager& manager);
   void doBuildMappings();
   void doBuildTableProgramming();
+  void doBuildSystemConfig();
+  void doLoadPlugins();
   void doBuildPipeline();
   void doAttachKernelDevices();
   void doBuildPackets();

@@ -148,9 +148,10 @@ void KorvelPiServerInitSm::handleInProgress() {
 void KorvelPiServerInitSm::handleServerReady() {
   SCRIVEL_TRACE(1, "handleServerReady");
   if (!server()->serverReady()) return;
-  if (tableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady) {
-    server()->setOperationPermissionLevel(allowedLevel());
-  }
+  // Disabled since it was pushed: without its tables every record would look unusable. The pipeline
+  // is pushed again once they are back.
+  if (tableInfo()->tableInfoState() != P4TableInfoState::tableInfoReady) return;
+  server()->setOperationPermissionLevel(allowedLevel());
   try {
     tableImpl()->restoreCachedEntries();
     programConstantTables();
