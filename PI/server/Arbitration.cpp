@@ -96,6 +96,7 @@ Status Arbitration::contestFor(const ArbitrationClient& client, const RoleOfDevi
 // The new primary hears of it last, once nobody else's Write can still take effect.
 void Arbitration::elect(Contest& contest, ArbitrationClient& client, ElectionId electionId) {
   contest.highest = electionId;
+  contest.told = contest.told && contest.primary == &client;
   contest.primary = &client;
   contest.installed = false;
   notifyOthers(contest, &client);
@@ -107,9 +108,7 @@ void Arbitration::backUp(Contest& contest, ArbitrationClient& client) {
     notify(contest, client);
     return;
   }
-  contest.primary = nullptr;
-  contest.installed = false;
-  notifyOthers(contest, nullptr);
+  dethrone(contest);
 }
 
 void Arbitration::clientDel(ArbitrationClient& client) {
@@ -120,17 +119,21 @@ void Arbitration::clientDel(ArbitrationClient& client) {
   Contest& contest = role->second;
   contestOf_.erase(known);
   contest.clients.erase(&client);
-  if (contest.primary == &client) {
-    contest.primary = nullptr;
-    contest.installed = false;
-    notifyOthers(contest, nullptr);
-  }
+  if (contest.primary == &client) dethrone(contest);
   // A role that nobody ever was primary of leaves nothing to remember.
   if (contest.clients.empty() && !contest.highest) contests_.erase(role);
 }
 
+void Arbitration::dethrone(Contest& contest) {
+  contest.primary = nullptr;
+  contest.installed = false;
+  contest.told = false;
+  notifyOthers(contest, nullptr);
+}
+
 void Arbitration::installPrimary(Contest& contest) {
   contest.installed = true;
+  contest.told = true;
   notify(contest, *contest.primary);
 }
 
@@ -212,7 +215,7 @@ bool Arbitration::isPrimary(const ArbitrationClient& client) const {
   const auto known = contestOf_.find(&client);
   if (known == contestOf_.end()) return false;
   const Contest& contest = known->second->second;
-  return contest.primary == &client && contest.installed;
+  return contest.primary == &client && contest.told;
 }
 
 void Arbitration::forEachPrimary(uint64_t deviceId,
@@ -220,7 +223,7 @@ void Arbitration::forEachPrimary(uint64_t deviceId,
   const std::lock_guard lock(mutex_);
   for (auto role = contests_.lower_bound({deviceId, ""});
        role != contests_.end() && role->first.deviceId == deviceId; ++role) {
-    if (role->second.primary && role->second.installed) visit(*role->second.primary);
+    if (role->second.primary && role->second.told) visit(*role->second.primary);
   }
 }
 

@@ -94,8 +94,10 @@ class Arbitration {
   // The default role always exists.
   grpc::Status requireRole(const RoleOfDevice& role) const;
 
+  // Whether packets are the client's: a primary from when it is told so. Unlike Writes they go on
+  // when it repeats its election id while its Write is running.
   bool isPrimary(const ArbitrationClient& client) const;
-  // Calls visit with the lock held for the primary of each role of the device.
+  // Calls visit with the lock held for the primary, in that sense, of each role of the device.
   void forEachPrimary(uint64_t deviceId, const std::function<void(ArbitrationClient&)>& visit);
 
  private:
@@ -104,6 +106,7 @@ class Arbitration {
     std::optional<ElectionId> highest;
     ArbitrationClient* primary = nullptr;  // its election id is `highest`
     bool installed = false;                // the primary's Writes are taken
+    bool told = false;                     // the primary has been told so
     size_t runningWrites = 0;
   };
 
@@ -113,6 +116,7 @@ class Arbitration {
                           Contests::iterator* contest);
   void elect(Contest& contest, ArbitrationClient& client, ElectionId electionId);
   void backUp(Contest& contest, ArbitrationClient& client);
+  static void dethrone(Contest& contest);
   static void installPrimary(Contest& contest);
   static void notifyOthers(const Contest& contest, const ArbitrationClient* except);
   static void notify(const Contest& contest, ArbitrationClient& client);

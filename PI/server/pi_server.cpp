@@ -146,6 +146,7 @@ uint64_t PIGrpcServerGetPacketOutCount(uint64_t device_id) {
 }
 
 void PIGrpcServerGetPacketCounts(uint64_t device_id, PIGrpcServerPacketCounts_t* counts) {
+  if (!counts) return;
   const pi::core::PacketCounts& from = pi::core::packetCountsOf(device_id);
   *counts = {.in = from.in.get(),
              .in_no_primary = from.inNoPrimary.get(),

@@ -100,6 +100,18 @@ TEST_F(PacketStreamTest, OutsThatAreRefusedAreCountedByWhoRefused) {
   EXPECT_EQ(counts().out, 0u);
 }
 
+TEST_F(PacketStreamTest, OutsBeforeThereIsAPipelineAreRefused) {
+  Controller early(*stub_, deviceId_);
+  ASSERT_EQ(early.arbitrate(1), StatusCode::OK);
+  early.send(packetOut("early"));
+  EXPECT_EQ(early.next().error().canonical_code(), StatusCode::FAILED_PRECONDITION);
+  EXPECT_EQ(counts().out_refused, 1u);
+  ASSERT_TRUE(push().ok());
+  early.send(packetOut("now"));
+  settled(early, 1);
+  EXPECT_EQ(counts().out, 1u);
+}
+
 TEST_F(PacketStreamTest, InReachesThePrimaryOfEachRole) {
   const auto primary = served(10);
   Controller backup(*stub_, deviceId_);
