@@ -96,8 +96,11 @@ class CpuPktSmTest : public testing::Test {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!condition()) {
       if (std::chrono::steady_clock::now() > deadline) return false;
-      parts_->loop.post([this] { parts_->loop.stop(); });
-      parts_->loop.run();
+      // What is posted before the loop runs comes before its descriptors; what follows comes with
+      // them.
+      Vela::ReactorLoop& loop = parts_->loop;
+      loop.post([&loop] { loop.post([&loop] { loop.stop(); }); });
+      loop.run();
     }
     return true;
   }
