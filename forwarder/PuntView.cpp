@@ -21,13 +21,6 @@ constexpr const char* mappingPath = "p4runtime/status/port-mapping";
 constexpr milliseconds slice{100};      // between looks at whether to stop
 constexpr milliseconds patience{1000};  // with an agent that is busy
 
-Orrery::Json requested(Orrery::Client& client, const char* what, const char* path) {
-  Orrery::Json json(cJSON_CreateObject());
-  cJSON_AddStringToObject(json.get(), "request", what);
-  cJSON_AddStringToObject(json.get(), "path", path);
-  return client.request(*json, patience);
-}
-
 const cJSON* attribute(const Orrery::Json& entity, const char* name) {
   const cJSON* attributes = cJSON_GetObjectItemCaseSensitive(entity.get(), "attributes");
   return cJSON_GetObjectItemCaseSensitive(attributes, name);
@@ -75,8 +68,10 @@ void PuntView::run() {
 void PuntView::doFollow() {
   Orrery::Client changes(stateDirectory_);
   Orrery::Client questions(stateDirectory_);
-  requested(changes, "watch", metadataPath);
-  requested(changes, "watch", mappingPath);
+  changes.timeoutIs(patience);
+  questions.timeoutIs(patience);
+  changes.watch(metadataPath);
+  changes.watch(mappingPath);
   do {
     publish(asked(questions));
   } while (changeCame(changes) && !stopping_);
@@ -84,10 +79,10 @@ void PuntView::doFollow() {
 
 PuntPicture PuntView::asked(Orrery::Client& client) {
   PuntPicture picture;
-  const Orrery::Json metadata = requested(client, "get", metadataPath);
+  const Orrery::Json metadata = client.get(metadataPath);
   const cJSON* packetIn = attribute(metadata, "packetIn");
   if (cJSON_IsString(packetIn)) picture.packetIn = packetIn->valuestring;
-  const Orrery::Json mapping = requested(client, "get", mappingPath);
+  const Orrery::Json mapping = client.get(mappingPath);
   const cJSON* one = nullptr;
   cJSON_ArrayForEach(one, attribute(mapping, "intfOfPort")) {
     uint32_t port = 0;

@@ -2,7 +2,8 @@
 """Shows what Korvel does, step by step, with the router pipeline; `./dev demo` runs it.
 
 It starts an agent and a forwarding agent, becomes their controller, and checks at every step that
-the switch did what was expected: the exit status is 0 only if all of it was right.
+the switch did what was expected: the exit status is 0 only if all of it was right. It runs in a
+network of its own, and leaves packets out where it cannot have one.
 """
 
 import argparse
@@ -14,6 +15,7 @@ import subprocess
 import sys
 import tempfile
 
+import network
 from stage import DemoError, Switch
 
 
@@ -28,6 +30,16 @@ def shared_memory_folder():
     return "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 
 
+def switch_with_ports(programs, folder, cleanup):
+    """Three cables at it, from its ports to us; the forwarding agent punts our test packets."""
+    cables = [network.Cable(f"port{i}", f"host{i}") for i in (1, 2, 3)]
+    for cable in cables:
+        cleanup.callback(cable.close)
+    agent_options, forwarder_options = network.make_cpu_device()
+    punting = ["--punt", "--punt-ethertype", "0x88b5", "--punt-field", f"reason={network.PUNT_REASON}"]
+    return Switch(programs, folder, cables, agent_options, punting + forwarder_options)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--build-dir", type=pathlib.Path, required=True,
@@ -35,6 +47,7 @@ def main():
     options = parser.parse_args()
     build = options.build_dir.resolve()
     programs = programs_folder(build)
+    without_packets = network.enter()
     os.environ.setdefault("KORVEL_STUBS_DIR", str(build / "python"))
     from controller import ControllerError  # these make their messages in the folder just set
     from entries import NameOrValueError
@@ -46,7 +59,11 @@ def main():
     with contextlib.ExitStack() as cleanup:
         folder = cleanup.enter_context(
             tempfile.TemporaryDirectory(prefix="korvel-demo-", dir=shared_memory_folder()))
-        switch = Switch(programs, pathlib.Path(folder))
+        if without_packets:
+            print(f"demo: packets are left out: {without_packets}")
+            switch = Switch(programs, pathlib.Path(folder))
+        else:
+            switch = switch_with_ports(programs, pathlib.Path(folder), cleanup)
         cleanup.callback(switch.end)
         try:
             demo = Demo(switch)

@@ -95,8 +95,11 @@ def free_port():
 class Switch:
     """Agent and forwarding agent, on a state directory of their own."""
 
-    def __init__(self, programs, folder):
+    def __init__(self, programs, folder, cables=(), agent_options=(), forwarder_options=()):
         self.folder = folder
+        self.cables = cables  # at its ports
+        self.agent_options = agent_options
+        self.forwarder_options = forwarder_options
         self.korvel = programs / "korvel"
         self.forwarder_program = programs / "korvel-forwarder"
         self.state = folder / "state"
@@ -134,17 +137,34 @@ class Switch:
 
     def start_agent(self):
         self.agent = self.start("agent", [self.korvel, "agent", "--config",
-                                          self.folder / "agent.json", "--state-dir", self.state])
+                                          self.folder / "agent.json", "--state-dir", self.state,
+                                          *self.agent_options])
 
     def start_forwarder(self):
         self.forwarder = self.start("forwarding agent",
-                                    [self.forwarder_program, "--state-dir", self.state])
+                                    [self.forwarder_program, "--state-dir", self.state,
+                                     *self.forwarder_options])
         wait_until(lambda: self.tell_forwarder("stats", quiet=True) is not None,
                    "answer of the forwarding agent", self.forwarder)
 
     def tell_forwarder(self, *words, quiet=False):
         return self.run([self.forwarder_program, "ctl", "--state-dir", self.state, *words],
                         quiet=quiet)
+
+    def korvel_run(self, *words, quiet=False):
+        return self.run([self.korvel, *words, "--state-dir", self.state], quiet=quiet)
+
+    def korvel_refused(self, *words):
+        """What a command that must fail says."""
+        command = [self.korvel, *words, "--state-dir", self.state]
+        tell(command_text(command, self.folder))
+        done = subprocess.run(command, capture_output=True, text=True, timeout=60)
+        expect(done.returncode == 1, f"{command_text(command, self.folder)} is not refused")
+        tell(done.stderr.strip())
+        return done.stderr
+
+    def attributes(self, path):
+        return json.loads(self.korvel_run("get", path, "--json", quiet=True))["attributes"]
 
     def start(self, name, command):
         tell(command_text(command, self.folder) + " &")

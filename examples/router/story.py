@@ -4,6 +4,7 @@ import signal
 
 from controller import Controller, WriteFailed
 from entries import Entry, Group, Member, Meter, Weighted
+from packet_story import PacketStory
 from stage import DemoError, expect, step, tell, wait_until
 
 
@@ -26,6 +27,8 @@ class Demo:
         self.traffic_and_counters()
         self.failure_in_a_group()
         self.meters()
+        if self.switch.cables:
+            PacketStory(self.switch, self.controller).run()
         self.crash_and_restart()
         step("Everything was as expected.")
 
