@@ -91,5 +91,6 @@ def make_cpu_device():
                "peer", "name", other_end, "mtu", "9200")
     expect(made.returncode == 0, f"no device {CPU_DEVICE}: {made.stderr.strip()}")
     for end in (CPU_DEVICE, other_end):
+        _ip("link", "set", end, "addrgenmode", "none")  # the kernel itself is to send nothing
         _ip("link", "set", end, "up")
     return [], ["--punt-device", other_end]
