@@ -19,6 +19,8 @@ class IntfStatus final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(bool, operUp, false)
   VELA_READONLY_ATTRIBUTE(uint32_t, mtu, 0)
   VELA_READONLY_ATTRIBUTE(std::string, mac, "")
+  // Why what its configuration wants could not be done; "": it was done, or none is wanted.
+  VELA_READONLY_ATTRIBUTE(std::string, trouble, "")
 };
 
 // What an operator wants of an Ethernet port: "interface/config/eth/phy/all/NAME".

@@ -100,6 +100,8 @@ void InterfaceStatusSm::Impl::handleConfig(const std::string& name) {
       dynamic_cast<EthPhyIntfConfig*>(directories.ethPhyConfig->entity(name).get());
   if (!config) {
     wanted.erase(name);
+    const auto intf = intfs.find(name);
+    if (intf != intfs.end()) intf->second.status->troubleIs("");
     return;
   }
   Wanted& want = wanted[name];
@@ -112,13 +114,17 @@ void InterfaceStatusSm::Impl::handleConfig(const std::string& name) {
 // Both the device and what is wanted of it have to be there; whichever comes second asks again.
 void InterfaceStatusSm::Impl::maybeConfigure(const std::string& name) {
   const auto want = wanted.find(name);
-  if (want == wanted.end() || !intfs.count(name)) return;
+  const auto intf = intfs.find(name);
+  if (want == wanted.end() || intf == intfs.end()) return;
   const auto config = want->second.config;
-  const auto tell = [](const std::string& trouble) {
-    if (!trouble.empty()) SCRIVEL_TRACE(0, trouble);
-  };
-  if (config->mtu() != 0) tell(operations->mtuIs(name, config->mtu()));
-  tell(config->enabled() ? operations->up(name, "", true) : operations->down(name));
+  const auto status = intf->second.status;
+  std::string trouble;
+  if (config->mtu() != 0) trouble = operations->mtuIs(name, config->mtu());
+  const std::string raised =
+      config->enabled() ? operations->up(name, "", true) : operations->down(name);
+  if (trouble.empty()) trouble = raised;
+  if (!trouble.empty()) SCRIVEL_TRACE(0, trouble);
+  status->troubleIs(trouble);
 }
 
 InterfaceStatusSm::InterfaceStatusSm(Vela::Ptr<Wirra::KernelNetInterfaceStatus> devices,

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/wirra/Checksum.h"
+
 namespace Wirra {
 
 namespace {
@@ -16,7 +18,8 @@ constexpr size_t addressBytes = 2 * ETH_ALEN;  // a VLAN tag stands after the ad
 // A little more than a packet, so that the slots do not all fall on the same lines of the cache.
 constexpr size_t slotBytes = ReceiveBatch::mostBytes + 192;
 
-void tagIs(Frame& frame, const tpacket_auxdata& auxiliary) {
+void auxiliaryIs(Frame& frame, const tpacket_auxdata& auxiliary) {
+  frame.checksumMissing = auxiliary.tp_status & TP_STATUS_CSUMNOTREADY;
   if (!(auxiliary.tp_status & TP_STATUS_VLAN_VALID)) return;
   const bool typeKnown = auxiliary.tp_status & TP_STATUS_VLAN_TPID_VALID;
   const uint16_t type = htons(typeKnown ? auxiliary.tp_vlan_tpid : uint16_t{ETH_P_8021Q});
@@ -29,14 +32,13 @@ void tagIs(Frame& frame, const tpacket_auxdata& auxiliary) {
 }  // namespace
 
 void Frame::copyTo(uint8_t* wire) const {
-  if (!tagged) {
-    std::memcpy(wire, bytes.data(), bytes.size());
-    return;
+  const size_t before = tagged ? addressBytes : bytes.size();
+  std::memcpy(wire, bytes.data(), before);
+  if (tagged) {
+    std::memcpy(wire + before, tag, sizeof tag);
+    std::memcpy(wire + before + sizeof tag, bytes.data() + before, bytes.size() - before);
   }
-  std::memcpy(wire, bytes.data(), addressBytes);
-  std::memcpy(wire + addressBytes, tag, sizeof tag);
-  std::memcpy(wire + addressBytes + sizeof tag, bytes.data() + addressBytes,
-              bytes.size() - addressBytes);
+  if (checksumMissing) checksumCompleted({wire, wireSize()});
 }
 
 ReceiveBatch::ReceiveBatch()
@@ -69,7 +71,7 @@ Frame ReceiveBatch::frame(size_t number) const {
   if (control && control->cmsg_level == SOL_PACKET && control->cmsg_type == PACKET_AUXDATA) {
     tpacket_auxdata auxiliary;
     std::memcpy(&auxiliary, CMSG_DATA(control), sizeof auxiliary);
-    tagIs(frame, auxiliary);
+    auxiliaryIs(frame, auxiliary);
   }
   return frame;
 }

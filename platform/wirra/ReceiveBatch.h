@@ -10,11 +10,13 @@
 
 namespace Wirra {
 
-// A packet as it came: the kernel takes a VLAN tag out of the bytes and reports it beside them.
+// A packet as it came: the kernel takes a VLAN tag out of the bytes and reports it beside them, and
+// does not sum up what hardware would.
 struct Frame {
   std::span<const uint8_t> bytes;  // valid until the batch reads again
   bool tooLong = false;            // `bytes` are its beginning only
   bool tagged = false;
+  bool checksumMissing = false;
   uint8_t tag[4] = {};  // as on the wire
 
   size_t wireSize() const { return bytes.size() + (tagged ? sizeof tag : 0); }

@@ -136,6 +136,11 @@ TEST_F(DevicesTest, InterfacesFollowDevicesAndTheirConfiguration) {
   until([&] { return dirs.local->entityNames().size() == 4; });
   EXPECT_THAT(dirs.ethPhy->entityNames(), ElementsAre("early", "late", "latePeer"));
   EXPECT_EQ(status()->mac(), devices->device("late")->mac());
+  late->mtuIs(70000);
+  EXPECT_THAT(status()->trouble(),
+              HasSubstr("cannot give an MTU of 70000 to the network device late"));
+  late->mtuIs(0);
+  EXPECT_EQ(status()->trouble(), "");
   late->enabledIs(false);
   until([&] { return !status()->adminUp(); });
   dirs.ethPhyConfig->entityDel("late");

@@ -61,6 +61,39 @@ TEST_F(PacketAccessTest, VlanTagsComeAsTheyWereSent) {
   for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(bytesOf(right.came[i]), bytesOf(sent[i]));
 }
 
+// The one's complement sum of a datagram and its pseudo header, as a receiver checks it.
+unsigned sumOf(const Packet::Ptr& packet, size_t addresses, size_t transport) {
+  const auto bytes = packet->bytes();
+  unsigned sum = 17 + static_cast<unsigned>(bytes.size() - transport);
+  for (size_t at = addresses; at < bytes.size(); ++at) sum += bytes[at] << (at % 2 ? 0 : 8);
+  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
+  return sum;
+}
+
+TEST_F(PacketAccessTest, ChecksumsLeftToHardwareAreThere) {
+  std::ofstream("/proc/sys/net/ipv6/conf/default/disable_ipv6") << 0;
+  pairIs("left", "right");
+  ip("address add 10.0.0.1/24 dev left");
+  ip("neighbour add 10.0.0.2 lladdr 02:00:00:00:00:02 dev left");
+  ip("address add fd00::1/64 dev left nodad");
+  ip("neighbour add fd00::2 lladdr 02:00:00:00:00:02 dev left");
+  Port right(loop, "right");
+  sh("bash -c 'echo -n odd >/dev/udp/10.0.0.2/7 && echo even. >/dev/udp/fd00::2/7'");
+  const auto datagram = [&](int type, size_t protocolAt) {
+    for (const auto& packet : right.came) {
+      const auto bytes = packet->bytes();
+      if (bytes[12] << 8 == (type & 0xff00) && bytes[13] == (type & 0xff) &&
+          bytes[protocolAt] == 17) {
+        return packet;
+      }
+    }
+    return Packet::Ptr();
+  };
+  until([&] { return datagram(0x0800, 23) && datagram(0x86dd, 20); });
+  EXPECT_EQ(sumOf(datagram(0x0800, 23), 26, 34), 0xffff);
+  EXPECT_EQ(sumOf(datagram(0x86dd, 20), 22, 54), 0xffff);
+}
+
 TEST_F(PacketAccessTest, APacketsOwnFaultHoldsUpNoOther) {
   pairIs("left", "right", 1500);
   Port left(loop, "left");
