@@ -5,7 +5,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 
@@ -20,6 +22,7 @@ using Orrery::Json;
 constexpr const char* systemPath = "p4runtime/status/system";
 constexpr const char* agentPath = "p4runtime/status/agent";
 constexpr const char* failuresPath = "p4runtime/status/failures";
+constexpr const char* packetsPath = "p4runtime/status/packets";
 
 // The attributes of an entity; null when the agent does not have it (yet).
 Json attributes(Orrery::Client& client, const char* path) {
@@ -92,8 +95,25 @@ void printAll(const Json& object) {
   }
 }
 
+// Counts of what may happen, and has not, are no news.
+bool isNews(const cJSON& count) {
+  static const char* const always[] = {"in", "inToControllers", "out"};
+  const auto isIt = [&](const char* name) { return std::strcmp(name, count.string) == 0; };
+  const std::string text = valueText(count);
+  return (text != "0" && !text.empty()) || std::any_of(std::begin(always), std::end(always), isIt);
+}
+
+void printPackets(const Json& packets) {
+  if (!packets) return;
+  fmt::print("packets\n");
+  const cJSON* count = nullptr;
+  cJSON_ArrayForEach(count, packets.get()) {
+    if (isNews(*count)) printAttribute("  " + spacedName(count->string), *count);
+  }
+}
+
 void printForPeople(Orrery::Client& client, const Json& system, const Json& agent,
-                    const Json& failures) {
+                    const Json& failures, const Json& packets) {
   printAttribute(
       "agent",
       *Json(cJSON_CreateString(fmt::format("running, pid {}", client.agentPid()).c_str())));
@@ -104,16 +124,18 @@ void printForPeople(Orrery::Client& client, const Json& system, const Json& agen
     fmt::print("the agent is starting: there is no {} yet\n", agentPath);
   }
   if (system) printAll(system);
+  printPackets(packets);
   printFailures(failures);
 }
 
-void printJson(int64_t pid, Json system, Json agent, Json failures) {
+void printJson(int64_t pid, Json system, Json agent, Json failures, Json packets) {
   const Json json(cJSON_CreateObject());
   cJSON_AddBoolToObject(json.get(), "running", pid != 0);
   if (pid != 0) cJSON_AddNumberToObject(json.get(), "pid", static_cast<double>(pid));
   if (system) cJSON_AddItemToObject(json.get(), "system", system.release());
   if (agent) cJSON_AddItemToObject(json.get(), "agent", agent.release());
   if (failures) cJSON_AddItemToObject(json.get(), "failures", failures.release());
+  if (packets) cJSON_AddItemToObject(json.get(), "packets", packets.release());
   fmt::print("{}\n", Orrery::jsonText(*json));
 }
 
@@ -123,13 +145,15 @@ void runStatus(const ClientOptions& options) {
     Json system = attributes(client, systemPath);
     Json agent = attributes(client, agentPath);
     Json failures = attributes(client, failuresPath);
+    Json packets = attributes(client, packetsPath);
     if (options.json) {
-      printJson(client.agentPid(), std::move(system), std::move(agent), std::move(failures));
+      printJson(client.agentPid(), std::move(system), std::move(agent), std::move(failures),
+                std::move(packets));
     } else {
-      printForPeople(client, system, agent, failures);
+      printForPeople(client, system, agent, failures, packets);
     }
   } catch (const Orrery::NoAgentError&) {
-    if (options.json) printJson(0, nullptr, nullptr, nullptr);
+    if (options.json) printJson(0, nullptr, nullptr, nullptr, nullptr);
     throw;
   }
 }

@@ -33,11 +33,11 @@ AgentPackets::AgentPackets(Vela::ReactorLoop& loop, Orrery::Database& database, 
 void AgentPackets::handlePeriod() {
   const CpuPktSm& sm = *parts_.cpuPktSm;
   parts_.cpuPktSm->handlePeriod();
-  status_->inIs(sm);
-  status_->outIs(*sm.controllerTxPktConfig(), *parts_.txPktStatus);
+  status_->updateIn(sm);
+  status_->updateOut(*sm.controllerTxPktConfig(), *parts_.txPktStatus);
   PIGrpcServerPacketCounts_t counts{};
   PIGrpcServerGetPacketCounts(sm.p4RtSystemConfig()->deviceId(), &counts);
-  status_->serverCountsAre(counts);
+  status_->updateServer(counts);
 }
 
 // An exit may be taken back.

@@ -97,7 +97,10 @@ void CpuPktSm::doBringUp() {
   const std::string trouble = controllerInterface()->bringUpIntf();
   if (trouble.empty()) return;
   SCRIVEL_TRACE(0, "doBringUp", " ", trouble);
-  fmt::print(stderr, "korvel: {}; packets for controllers come in by it\n", trouble);
+  fmt::print(stderr,
+             "korvel: {}; packets for controllers come in there: bring it up by hand, or mend "
+             "bridgeMacAddr of bridging/config\n",
+             trouble);
 }
 
 void CpuPktSm::doEnablePam() {

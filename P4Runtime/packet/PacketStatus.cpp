@@ -25,7 +25,7 @@ std::string fieldLines(const P4ControllerPktMetadataEntry::Ptr& header) {
 
 }  // namespace
 
-void PacketStatus::inIs(const CpuPktSm& sm) {
+void PacketStatus::updateIn(const CpuPktSm& sm) {
   cpuDeviceIs(cpuDeviceText(sm));
   inIs(sm.counts().received);
   inDroppedMissedIs(sm.counts().missed);
@@ -33,7 +33,8 @@ void PacketStatus::inIs(const CpuPktSm& sm) {
   inDroppedNoDeviceIs(sm.counts().droppedNoDevice);
 }
 
-void PacketStatus::outIs(const ControllerTxPktConfig& queue, const ControllerTxPktStatus& status) {
+void PacketStatus::updateOut(const ControllerTxPktConfig& queue,
+                             const ControllerTxPktStatus& status) {
   outWaitingIs(queue.txPktDesc().size() + queue.held());
   outRefusedQueueFullIs(queue.refusedFull());
   outRefusedMemoryIs(queue.refusedMemory());
@@ -48,7 +49,7 @@ void PacketStatus::outIs(const ControllerTxPktConfig& queue, const ControllerTxP
   lastTroubleIs(status.lastTrouble());
 }
 
-void PacketStatus::serverCountsAre(const PIGrpcServerPacketCounts_t& counts) {
+void PacketStatus::updateServer(const PIGrpcServerPacketCounts_t& counts) {
   inToControllersIs(counts.in);
   inDroppedNoPrimaryIs(counts.in_no_primary);
   inDroppedSlowControllerIs(counts.in_slow);

@@ -14,7 +14,8 @@
 namespace P4Runtime {
 
 // At "p4runtime/status/packets"; packets since the agent began, brought up to date twice a second.
-// What a packet is counted in last is what became of it.
+// A packet that came in has gone to controllers or is counted in one inDropped, apart from those
+// missed, which never came in; one from a controller is waiting, out, or in one outDropped.
 class PacketStatus final : public Vela::Entity {
  public:
   using Entity::Entity;
@@ -46,9 +47,9 @@ class PacketStatus final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, lastTrouble, "")  // of a packet that was dropped
 
  public:
-  void inIs(const CpuPktSm& sm);
-  void outIs(const ControllerTxPktConfig& queue, const ControllerTxPktStatus& status);
-  void serverCountsAre(const PIGrpcServerPacketCounts_t& counts);
+  void updateIn(const CpuPktSm& sm);
+  void updateOut(const ControllerTxPktConfig& queue, const ControllerTxPktStatus& status);
+  void updateServer(const PIGrpcServerPacketCounts_t& counts);
 };
 
 // At "p4runtime/status/packet-metadata": the running pipeline's headers, for processes that read or
