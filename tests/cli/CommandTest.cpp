@@ -5,6 +5,8 @@
 #include <optional>
 #include <thread>
 
+#include "P4Runtime/agent/CliCommands.h"
+#include "P4Runtime/agent/CliSm.h"
 #include "platform/brine/Store.h"
 #include "platform/lattice/Database.h"
 #include "platform/lattice/RowConstructor.h"
@@ -48,6 +50,12 @@ class CommandTest : public testing::Test {
     for (const char* name : {"system", "agent", "failures"}) {
       database->entityIs(std::string("p4runtime/status/") + name, Vela::make<Status>(name));
     }
+    const auto requests = Vela::make<P4Runtime::CliConfigDir>("p4runtime/config/cli");
+    const auto answers = Vela::make<P4Runtime::CliStatusDir>("p4runtime/status/cli");
+    database->entityIs(requests->name(), requests);
+    database->entityIs(answers->name(), answers);
+    cliSm =
+        Vela::make<P4Runtime::CliSm>(loop, requests, answers, P4Runtime::cliCommands(*database));
     server.emplace(loop, *database, directory.file("orrery.sock"));
     thread = std::thread([this] { loop.run(); });
   }
@@ -57,6 +65,7 @@ class CommandTest : public testing::Test {
     Scrivel::shutdown();
     const Vela::ActivityLock lock;
     server.reset();
+    cliSm = nullptr;
   }
 
   CommandResult korvel(std::vector<std::string> arguments) {
@@ -72,6 +81,7 @@ class CommandTest : public testing::Test {
   Vela::ReactorLoop loop;
   std::unique_ptr<Orrery::Database> database = Orrery::embeddedDatabase(loop);
   std::optional<Orrery::Server> server;
+  Vela::Ptr<P4Runtime::CliSm> cliSm;
   std::thread thread;
 };
 
