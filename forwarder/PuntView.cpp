@@ -6,6 +6,7 @@
 #include <charconv>
 #include <chrono>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "platform/orrery/Client.h"
@@ -26,14 +27,23 @@ const cJSON* attribute(const Orrery::Json& entity, const char* name) {
   return cJSON_GetObjectItemCaseSensitive(attributes, name);
 }
 
-// Everything that comes is read before we ask: then we ask once for many changes. False when the
-// connection is gone.
-bool changeCame(Orrery::Client& client) {
+bool pipelineRuns(Orrery::Client& client) {
+  const Orrery::Json state = client.get("p4runtime/tableInfo", "tableInfoState");
+  const char* text = Orrery::stringMember(*state, "value");
+  return text && std::string_view(text) == "tableInfoReady";
+}
+
+enum class Came { change, nothing, end };
+
+// Everything that comes is read before we ask: then we ask once for many changes.
+Came waited(Orrery::Client& client) {
   const auto from = steady_clock::now();
-  if (!client.next(slice)) return steady_clock::now() - from >= slice / 2;
+  if (!client.next(slice)) {
+    return steady_clock::now() - from < slice / 2 ? Came::end : Came::nothing;
+  }
   while (client.next(milliseconds(0))) {
   }
-  return true;
+  return Came::change;
 }
 
 }  // namespace
@@ -58,8 +68,7 @@ void PuntView::run() {
     try {
       doFollow();
     } catch (const std::exception& e) {
-      const auto known = picture();
-      if (!known || !known->trouble.empty()) publish({.trouble = e.what()});
+      maybePublish({.trouble = e.what()});
     }
     if (!stopping_) std::this_thread::sleep_for(slice);
   }
@@ -72,9 +81,19 @@ void PuntView::doFollow() {
   questions.timeoutIs(patience);
   changes.watch(metadataPath);
   changes.watch(mappingPath);
-  do {
-    publish(asked(questions));
-  } while (changeCame(changes) && !stopping_);
+  bool known = false;
+  for (Came came = Came::change; came != Came::end && !stopping_; came = waited(changes)) {
+    if (came == Came::nothing && known) continue;
+    known = maybePublish(asked(questions));
+  }
+}
+
+// Trouble does not replace what is known. Answers whether there was none.
+bool PuntView::maybePublish(PuntPicture picture) {
+  const bool good = picture.trouble.empty();
+  const auto former = this->picture();
+  if (good || !former || !former->trouble.empty()) publish(std::move(picture));
+  return good;
 }
 
 PuntPicture PuntView::asked(Orrery::Client& client) {
@@ -82,6 +101,10 @@ PuntPicture PuntView::asked(Orrery::Client& client) {
   const Orrery::Json metadata = client.get(metadataPath);
   const cJSON* packetIn = attribute(metadata, "packetIn");
   if (cJSON_IsString(packetIn)) picture.packetIn = packetIn->valuestring;
+  // A pipeline may have no packet_in; but one that is not there yet has none either.
+  if (picture.packetIn.empty() && !pipelineRuns(client)) {
+    picture.trouble = "the agent runs no pipeline yet";
+  }
   const Orrery::Json mapping = client.get(mappingPath);
   const cJSON* one = nullptr;
   cJSON_ArrayForEach(one, attribute(mapping, "intfOfPort")) {

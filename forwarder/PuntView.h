@@ -42,6 +42,7 @@ class PuntView {
  private:
   void run();
   void doFollow();
+  bool maybePublish(PuntPicture picture);
   static PuntPicture asked(Orrery::Client& client);
   void publish(PuntPicture picture);
 

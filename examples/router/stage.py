@@ -64,6 +64,10 @@ class Process:
             self._process.kill()
             self._process.wait()
 
+    def status(self):
+        """Its exit status, once it has ended by itself."""
+        return self._process.wait(timeout=START_SECONDS)
+
     def last_words(self):
         lines = pathlib.Path(self.log).read_text(errors="replace").splitlines()[-15:]
         return "\n".join(lines) or "(it printed nothing)"
@@ -124,11 +128,11 @@ class Switch:
                   "--device-id", "1", "-o", self.folder / "router.pb.bin"])
         self.run([self.korvel, "pipeline", "check", self.folder / "router.pb.bin"])
 
-    def write_configuration(self):
+    def write_configuration(self, enabled=True):
         """agent.json with our port and places."""
         configuration = json.loads((HERE / "agent.json").read_text())
         configuration["p4runtime/config/system"].update(
-            grpcServerPort=self.port,
+            enabled=enabled, grpcServerPort=self.port,
             forwardingPipelineConfigFilePath=str(self.folder / "router.pb.bin"))
         configuration["p4runtime/config/agent"].update(
             p4InfoJsonPath=str(self.folder / "p4info.json"),

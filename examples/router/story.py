@@ -1,5 +1,6 @@
 """The demo's story, chapter by chapter; each checks what it shows."""
 
+import collections
 import signal
 
 from controller import Controller, WriteFailed
@@ -29,7 +30,9 @@ class Demo:
         self.meters()
         if self.switch.cables:
             PacketStory(self.switch, self.controller).run()
+        self.table_use()
         self.crash_and_restart()
+        self.disable_and_enable()
         step("Everything was as expected.")
 
     def start(self):
@@ -274,6 +277,40 @@ class Demo:
         self.controller.meter_is(rule, rule.meter)
         self.remember(rule)
         tell(f"changed: {self.controller.meter(rule)}")
+        self.check_switch()
+
+    def table_use(self):
+        step("Ask a plugin, a shared library that the agent has loaded: how full is each table?")
+
+        def published():
+            use = self.switch.attributes("p4runtime/status/plugin/table-use")["published"]
+            right = all(use.get(table, "").startswith(f"entries={count} ")
+                        for table, count in self.entry_counts().items())
+            return use if right else None
+
+        use = wait_until(published, "statistics of table use", *self.switch.processes())
+        for table in self.entry_counts():
+            tell(f"{table}: {use[table]}")
+
+    def entry_counts(self):
+        return collections.Counter(thing.table for thing in self.wanted.values()
+                                   if isinstance(thing, Entry))
+
+    def disable_and_enable(self):
+        step("Disable the agent: pipeline and plugins clean up, and it ends; traffic flows on")
+        self.switch.korvel_run("disable")
+        status = self.switch.agent.status()
+        expect(status == 0, f"the agent ends with status 0, not {status}")
+        rows = self.forwarder_rows()
+        expect(len(rows) == self.wanted_rows(), "the forwarding agent keeps every row")
+        step("Start it disabled, as a switch does before it is told to serve, and enable it")
+        self.switch.write_configuration(enabled=False)
+        self.switch.start_agent()
+        status = wait_until(lambda: self.switch.attributes("p4runtime/status/agent"),
+                            "answer of the agent", *self.switch.processes())
+        expect(not status["serverReady"], "a disabled agent serves no controllers")
+        self.switch.korvel_run("enable")
+        self.connect(election_id=3)
         self.check_switch()
 
     def crash_and_restart(self):

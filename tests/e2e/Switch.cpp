@@ -19,7 +19,9 @@ Pipeline pipelineFor(const Switch::Options& options, const TempDir& directory) {
 AgentOptions agentOptions(const Switch::Options& options, const TempDir& directory) {
   return {.stateDirectory = directory.file("state"),
           .pipelineFile = directory.file("pipeline.pb.bin"),
-          .batchTimeout = options.batchTimeout};
+          .batchTimeout = options.batchTimeout,
+          .pluginDirectory = options.pluginDirectory,
+          .enabled = options.enabled};
 }
 
 }  // namespace

@@ -26,6 +26,8 @@ class Switch {
     double batchTimeout = 20;  // seconds
     std::vector<std::string> forwarder;
     int64_t routeTableSize = 0;  // 0: as the pipeline file says
+    std::string pluginDirectory;
+    bool enabled = true;
   };
   Switch() : Switch(Options{}) {}
   explicit Switch(const Options& options);  // starts nothing

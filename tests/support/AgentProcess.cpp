@@ -22,14 +22,15 @@ std::string portsOf(const AgentOptions& options) {
 std::string configurationOf(const AgentOptions& options) {
   if (!options.configuration.empty()) return options.configuration;
   return fmt::format(
-      R"({{{} "p4runtime/config/system": {{"enabled": true, "deviceId": {},
+      R"({{{} "p4runtime/config/system": {{"enabled": {}, "deviceId": {},
  "forwardingPipelineConfigFilePath": "{}", "grpcServerAddress": "127.0.0.1",
  "grpcServerPort": {}}},
-"p4runtime/config/agent": {{"batchTimeout": {}, "p4InfoJsonPath": "{}.p4info.json",
+"p4runtime/config/agent": {{"pluginDirectory": "{}", "batchTimeout": {}, "p4InfoJsonPath": "{}.p4info.json",
  "deviceJsonPath": "{}.device.json"}}}}
 )",
-      portsOf(options), options.deviceId, options.pipelineFile, options.port, options.batchTimeout,
-      options.stateDirectory, options.stateDirectory);
+      portsOf(options), options.enabled, options.deviceId, options.pipelineFile, options.port,
+      options.pluginDirectory, options.batchTimeout, options.stateDirectory,
+      options.stateDirectory);
 }
 
 }  // namespace

@@ -19,6 +19,8 @@ struct AgentOptions {
   double batchTimeout = 20;   // seconds; only a test of the time-out wants a short one
   std::string configuration;  // JSON that stands in for the one made from the above
   std::vector<std::string> environment;
+  std::string pluginDirectory;  // "": the one beside the agent's library
+  bool enabled = true;
   std::map<uint32_t, std::string> ports;  // mapped to interfaces, in the configuration made
   std::vector<std::string> arguments;     // more of them
 };

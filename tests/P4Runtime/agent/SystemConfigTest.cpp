@@ -1,0 +1,162 @@
+// Enabling and disabling: who is asked what, in which order, and what a change of mind does.
+#include <functional>
+
+#include "P4Runtime/agent/P4RtSystemConfigSm.h"
+#include "tests/P4Runtime/support/AgentTest.h"
+
+namespace P4Runtime {
+namespace {
+
+using namespace TestSupport;
+
+class SystemConfigTest : public AgentTest {
+ protected:
+  SystemConfigTest() { make(); }
+
+  void make() {
+    const Vela::ActivityLock lock;
+    agentConfig_ = Vela::make<AgentConfig>("agent");
+    all_ = Vela::make<AllPluginConfig>("all");
+    statuses_ = Vela::make<Orrery::Directory>("status");
+    agent().tableInfoSm->batchStatusIs(agent().batchStatus, agent().loop);
+    sm_ = p4RtSystemConfigSmFactory(agentConfig_, agent().config, agent().status, all_,
+                                    Vela::make<PluginConfigDir>("config"), statuses_,
+                                    agent().tableInfo, agent().tableImpl);
+  }
+  void restart() {  // on the same state
+    sm_ = nullptr;
+    start();
+    make();
+  }
+  void enabledIs(bool enabled) {
+    const Vela::ActivityLock lock;
+    agent().config->enabledIs(enabled);
+  }
+  void pluginIs(const std::string& name) {
+    statuses_->entityIs(name, Vela::make<PluginStatus>(name));
+  }
+  PluginStatus& plugin(const std::string& name) {
+    return dynamic_cast<PluginStatus&>(*statuses_->entity(name));
+  }
+  void answer(const std::string& name) {
+    plugin(name).cleanupRequestIdIs(all_->cleanupRequestId());
+    plugin(name).disableRequestIdIs(all_->disableRequestId());
+  }
+  std::string picture() const {  // enabled, exit, and who was asked how often
+    return std::string(parts().status->enabled() ? "enabled" : "disabled") +
+           (agentConfig_->exitRequested() ? " exit" : "") + " cleanup " +
+           std::to_string(all_->cleanupRequestId()) + " disable " +
+           std::to_string(all_->disableRequestId());
+  }
+  bool ready() const {
+    return parts().tableInfo->tableInfoState() == P4TableInfoState::tableInfoReady;
+  }
+  AgentParts& parts() const { return const_cast<SystemConfigTest*>(this)->agent(); }
+
+  Vela::Ptr<AgentConfig> agentConfig_;
+  Vela::Ptr<AllPluginConfig> all_;
+  Vela::Ptr<Orrery::Directory> statuses_;
+  Vela::Ptr<P4RtSystemConfigSm> sm_;
+};
+
+TEST_F(SystemConfigTest, EveryOrderOfEventsEndsAsTheLastWordSays) {
+  const std::function<void()> steps[] = {
+      [this] { enabledIs(true); }, [this] { enabledIs(false); },          [this] { answer("a"); },
+      [this] { answer("b"); },     [this] { statuses_->entityDel("a"); },
+  };
+  // + enable, - disable, a and b answer, x: plugin a goes away.
+  const struct {
+    const char* what;
+    const char* events;
+    const char* end;
+    const char* waitsFor;
+  } cases[] = {
+      {"nothing", "", "enabled cleanup 0 disable 0", ""},
+      {"disable", "-", "enabled cleanup 0 disable 1", "disable: plugins a, b, to stop"},
+      {"one answers", "-b", "enabled cleanup 0 disable 1", "disable: plugin a, to stop"},
+      {"both answer", "-ba", "disabled exit cleanup 0 disable 1", ""},
+      {"the last one goes away", "-bx", "disabled exit cleanup 0 disable 1", ""},
+      {"enabled again", "-a+", "enabled cleanup 0 disable 1", ""},
+      {"answers come too late", "-+ab", "enabled cleanup 0 disable 1", ""},
+      {"disabled once more", "-+ab-", "enabled cleanup 0 disable 2",
+       "disable: plugins a, b, to stop"},
+      {"and answered", "-+ab-ab", "disabled exit cleanup 0 disable 2", ""},
+      {"answers to the former request", "-a+-b", "enabled cleanup 0 disable 2",
+       "disable: plugin a, to stop"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    restart();
+    pluginIs("a");
+    pluginIs("b");
+    for (const char event : std::string(c.events)) steps[std::string("+-abx").find(event)]();
+    EXPECT_EQ(picture(), c.end);
+    EXPECT_EQ(agent().status->waitsFor(), c.waitsFor);
+    agent().settle();
+    EXPECT_EQ(ready(), agent().config->enabled());
+  }
+}
+
+TEST_F(SystemConfigTest, WithoutPluginsADisableIsCompleteAtOnce) {
+  const uint64_t handle = agent().added(exactEntry(1));
+  enabledIs(false);
+  EXPECT_EQ(picture(), "disabled exit cleanup 0 disable 1");
+  EXPECT_FALSE(ready());
+  EXPECT_EQ(agent().tableImpl->tableCache(), nullptr);
+  restart();
+  agent().tableImpl->restoreCachedEntries();
+  EXPECT_EQ(agent().handleOf(exactEntry(1)), handle);
+}
+
+TEST_F(SystemConfigTest, NothingIsDisabledThatWasNotEnabled) {
+  sm_ = nullptr;
+  start();
+  enabledIs(false);
+  make();
+  EXPECT_EQ(picture(), "disabled cleanup 0 disable 0");
+  enabledIs(true);
+  agent().settle();
+  EXPECT_EQ(picture(), "enabled cleanup 0 disable 0");
+  EXPECT_TRUE(ready());
+  EXPECT_NE(agent().added(exactEntry(1)), 0u);
+}
+
+// Its answer, and what it needs to be put back, come before anything is let go.
+TEST_F(SystemConfigTest, WriteInProgressIsSettledFirst) {
+  agent().added(exactEntry(1, 5));
+  const std::string former = *agent().row("exact");
+  for (const bool enabledAgain : {true, false}) {
+    SCOPED_TRACE(enabledAgain);
+    agent().begin();
+    agent().add(0, exactEntry(1, 6));
+    agent().end();
+    enabledIs(false);
+    EXPECT_EQ(all_->disableRequestId(), 0u);
+    EXPECT_EQ(agent().status->waitsFor(),
+              "disable: the Write in progress, before the tables are let go");
+    if (enabledAgain) enabledIs(true);
+    forwarder().failNext(ErrorCode::hardwareError, "no");
+    forwarder().programNext();
+    EXPECT_EQ(agent().outcome().size(), 1u);
+    agent().settle();
+    if (!enabledAgain) break;
+    EXPECT_EQ(picture(), "enabled cleanup 1 disable 0");
+    EXPECT_TRUE(ready());
+    EXPECT_EQ(*agent().row("exact"), former);
+  }
+  EXPECT_EQ(picture(), "disabled exit cleanup 1 disable 1");
+  agent().begin();
+  EXPECT_NE(agent().add(0, exactEntry(2)), PI_STATUS_SUCCESS);
+  agent().end();
+  const auto refused = agent().outcome();
+  ASSERT_EQ(refused.size(), 1u);
+  EXPECT_THAT(refused[0].second.message(), testing::HasSubstr("the agent is disabled"));
+}
+
+TEST_F(SystemConfigTest, StatusOfAnotherTypeBreaksAnAssertion) {
+  statuses_->entityIs("odd", Vela::make<AllPluginConfig>("odd"));
+  EXPECT_DEATH(enabledIs(false), "pluginStatus");
+}
+
+}  // namespace
+}  // namespace P4Runtime
