@@ -59,4 +59,14 @@ void Agent::doLoadPlugins() {
   runtime_.stateDatabase.entityIs("p4runtime/plugin", pluginDataDir());
 }
 
+std::string Agent::pluginsText() const {
+  std::string text;
+  for (const std::string& name : pluginStatusDir()->entityNames()) {
+    const auto entity = pluginStatusDir()->entity(name);
+    const auto* status = dynamic_cast<const PluginStatus*>(entity.get());
+    if (status) text += (text.empty() ? "" : "\n") + name + " " + status->state();
+  }
+  return text;
+}
+
 }  // namespace P4Runtime

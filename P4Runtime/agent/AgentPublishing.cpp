@@ -52,6 +52,7 @@ void Agent::doUpdateStatus() {
   status_->permissionLevelIs(
       permissionText(pi::fe::proto::DeviceMgr::get_operation_permission_level()));
   status_->tablesIs(p4TableInfo()->tableFillText());
+  status_->pluginsIs(pluginsText());
   std::string subscribers;
   for (const Lattice::SubscriberInfo& subscriber : tables_->subscribers()) {
     subscribers += fmt::format("{}{} (pid {}): in step up to change {}, {} reports{}",
