@@ -108,6 +108,7 @@ class Agent : public Vela::Entity {
   void doBuildTableProgramming();
   void doBuildSystemConfig();
   void doLoadPlugins();
+  std::string pluginsText() const;  // of each plugin its state
   void doBuildPipeline();
   void doAttachKernelDevices();
   void doBuildPackets();

@@ -160,7 +160,7 @@ std::unique_ptr<TableWatch> DatabaseImpl::watch(const std::string& table) {
   }
   std::shared_ptr<WatchedTable> watched = found->second->watched.lock();
   if (!watched) {
-    watched = std::make_shared<WatchedTable>(store_, found->second->rows);
+    watched = std::make_shared<WatchedTable>(store_, table);
     found->second->watched = watched;
     std::erase_if(watched_, [](const auto& one) { return one.expired(); });
     watched_.push_back(watched);
@@ -271,8 +271,8 @@ std::optional<std::string> DatabaseImpl::committed() try {
   SCRIVEL_TRACE(0, "commit failed: ", error.what());
   store_.discard();
   journal_.discarded();
-  settleWatches();
   if (commitObserver_) commitObserver_->discarded();
+  settleWatches();
   announceAgain();
   return error.what();
 }

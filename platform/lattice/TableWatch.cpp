@@ -6,6 +6,9 @@
 
 namespace Lattice {
 
+StoredRows::StoredRows(Brine::Store& store, const std::string& table)
+    : store_(store), rows_(store.table(rowTable(table))) {}
+
 void WatchedTable::touched(std::string_view key, std::optional<std::string_view> before) {
   collected_ = false;
   before_.try_emplace(std::string(key), before);
@@ -32,13 +35,13 @@ const std::vector<ChangedRow>& WatchedTable::changes() {
   return changes_;
 }
 
-std::optional<std::string_view> WatchedTable::value(std::string_view key) {
+std::optional<std::string_view> StoredRows::value(std::string_view key) {
   const auto bytes = store_.get(rows_, Brine::asBytes(key));
   const auto stored = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
   return stored ? std::optional(stored->value) : std::nullopt;
 }
 
-void WatchedTable::forEachCommitted(const Visit& visit, std::string_view from) {
+void StoredRows::forEachCommitted(const Visit& visit, std::string_view from) {
   store_.forEach(
       rows_,
       [&](Brine::Bytes key, Brine::Bytes bytes) {

@@ -21,11 +21,29 @@ struct ChangedRow {
   std::optional<std::string> after;   // nothing: it is deleted
 };
 
+// Reads the rows of one table. Call with the activity lock held.
+class StoredRows {
+ public:
+  StoredRows(Brine::Store& store, const std::string& table);
+
+  // The packed value columns as written last, committed or not; valid until the next write.
+  std::optional<std::string_view> value(std::string_view key);
+  // The rows of the last commit, ascending by key, from `from` on, until `visit` answers false.
+  // `visit` must not write.
+  using Visit = std::function<bool(std::string_view key, std::string_view value)>;
+  void forEachCommitted(const Visit& visit, std::string_view from = {});
+  size_t count() const { return store_.count(rows_); }  // as written last
+
+ private:
+  Brine::Store& store_;
+  const Brine::TableNumber rows_;
+};
+
 // Collects the changed rows of one table since the last commit. A table that nobody watches costs a
 // branch a write. Call with the activity lock held.
-class WatchedTable {
+class WatchedTable final : public StoredRows {
  public:
-  WatchedTable(Brine::Store& store, Brine::TableNumber rows) : store_(store), rows_(rows) {}
+  using StoredRows::StoredRows;
 
   // For the database: the row is about to change. Only the first call for a key counts.
   void touched(std::string_view key, std::optional<std::string_view> before);
@@ -33,13 +51,8 @@ class WatchedTable {
   void settled();  // committed or discarded: nothing is changed any more
 
   const std::vector<ChangedRow>& changes();
-  std::optional<std::string_view> value(std::string_view key);
-  using Visit = std::function<bool(std::string_view key, std::string_view value)>;
-  void forEachCommitted(const Visit& visit, std::string_view from);
 
  private:
-  Brine::Store& store_;
-  const Brine::TableNumber rows_;
   std::unordered_map<std::string, std::optional<std::string>> before_;
   std::vector<ChangedRow> changes_;
   bool collected_ = false;  // changes_ is of before_
@@ -52,13 +65,7 @@ class TableWatch {
 
   // The rows changed since the last commit, ascending by key. Valid until the table's next write.
   const std::vector<ChangedRow>& changes() { return table_->changes(); }
-  // The packed value columns as written last, committed or not; valid until the next write.
-  std::optional<std::string_view> value(std::string_view key) { return table_->value(key); }
-  // The rows of the last commit, ascending by key, from `from` on, until `visit` answers false.
-  // `visit` must not write.
-  void forEachCommitted(const WatchedTable::Visit& visit, std::string_view from = {}) {
-    table_->forEachCommitted(visit, from);
-  }
+  StoredRows& rows() { return *table_; }
 
  private:
   std::shared_ptr<WatchedTable> table_;
@@ -72,7 +79,8 @@ class CommitObserver {
   // the same commit; changes of watched tables among them can be seen at once, and do not make this
   // be called again. What it throws fails the commit as a full state directory does.
   virtual void beforeCommit() = 0;
-  // How that commit ended. discarded(): every row is as at the commit before.
+  // How that commit ended; neither may throw. discarded(): every row is as at the commit before,
+  // and the watches still tell what they told of this one.
   virtual void committed() = 0;
   virtual void discarded() = 0;
   // A batch has ended, well or not, with or without changes: Database::watch() works again.

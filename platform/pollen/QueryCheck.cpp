@@ -1,72 +1,24 @@
 #include "platform/pollen/QueryCheck.h"
 
-#include <sqlite3.h>
-
 #include <algorithm>
+#include <map>
+#include <set>
+
+#include "platform/pollen/Sql.h"
 
 namespace Pollen {
 namespace {
 
-using Lattice::Column;
-using Lattice::ColumnType;
 using Lattice::TableType;
-
-struct DatabaseClose {
-  void operator()(sqlite3* database) const { sqlite3_close(database); }
-};
-struct StatementFinalize {
-  void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
-};
-using SqlDatabase = std::unique_ptr<sqlite3, DatabaseClose>;
-using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalize>;
 
 constexpr const char* onlySelect = "only one SELECT statement is allowed";
 
-const char* sqlType(ColumnType type) {
-  switch (type) {
-    case ColumnType::u8:
-    case ColumnType::u16:
-    case ColumnType::u32:
-    case ColumnType::u64:
-      return "INTEGER";
-    default:
-      return "BLOB";
-  }
-}
-
-void add(std::string name, const char* type, std::vector<SqlColumn>* columns) {
-  std::replace(name.begin(), name.end(), '.', '_');
-  columns->push_back({std::move(name), type});
-}
-
-void addAll(const std::string& part, std::initializer_list<const char*> names,
-            std::vector<SqlColumn>* columns) {
-  for (const char* name : names) add(part + "_" + name, "INTEGER", columns);
-}
-
-void addActions(const TableType& type, std::vector<SqlColumn>* columns) {
-  add("action", "INTEGER", columns);
-  for (const auto& action : type.actions()) {
-    for (const Column& field : action.fields) {
-      if (field.type == ColumnType::none) continue;
-      add(action.name + "_" + field.name, sqlType(field.type), columns);
-    }
-  }
-}
-
-std::string quoted(const std::string& name) {
-  std::string text = "\"";
-  for (const char c : name) text += c == '"' ? std::string("\"\"") : std::string(1, c);
-  return text + "\"";
-}
-
-std::string createStatement(const std::string& table, const TableType& type) {
-  std::string text;
-  for (const SqlColumn& column : sqlColumns(type)) {
-    text += (text.empty() ? "" : ", ") + quoted(column.name) + " " + column.sqlType;
-  }
-  return "CREATE TABLE " + quoted(table) + " (" + text + ")";
-}
+// What they answer depends on more than their arguments.
+const std::set<std::string_view> notOfTheTables = {
+    "changes",        "current_date",  "current_time", "current_timestamp",
+    "date",           "datetime",      "julianday",    "last_insert_rowid",
+    "load_extension", "random",        "randomblob",   "strftime",
+    "time",           "total_changes", "unixepoch"};
 
 // Reading is all a query may do, and of its inputs only.
 int authorize(void*, int action, const char* object, const char* detail, const char*, const char*) {
@@ -75,9 +27,10 @@ int authorize(void*, int action, const char* object, const char* detail, const c
     case SQLITE_RECURSIVE:
       return SQLITE_OK;
     case SQLITE_FUNCTION:
-      return detail && std::string_view(detail) == "load_extension" ? SQLITE_DENY : SQLITE_OK;
+      return detail && notOfTheTables.contains(detail) ? SQLITE_DENY : SQLITE_OK;
     case SQLITE_READ:
-      return object && std::string_view(object).starts_with("sqlite_") ? SQLITE_DENY : SQLITE_OK;
+      if (object && std::string_view(object).starts_with("sqlite_")) return SQLITE_DENY;
+      return detail && std::string_view(detail) == "ROWID" ? SQLITE_DENY : SQLITE_OK;
     default:
       return SQLITE_DENY;
   }
@@ -89,7 +42,7 @@ bool hasMore(sqlite3* database, const char* tail) {
     sqlite3_stmt* raw = nullptr;
     const char* from = tail;
     const int result = sqlite3_prepare_v2(database, tail, -1, &raw, &tail);
-    const Statement next(raw);
+    const SqlStatement next(raw);
     if (result != SQLITE_OK || next) return true;
     if (tail == from) return false;
   }
@@ -128,7 +81,7 @@ std::string statementTrouble(sqlite3* database, const CheckedQuery& query) {
   sqlite3_stmt* raw = nullptr;
   const char* tail = nullptr;
   const int result = sqlite3_prepare_v2(database, query.text.c_str(), -1, &raw, &tail);
-  const Statement statement(raw);
+  const SqlStatement statement(raw);
   if (result != SQLITE_OK) {
     const std::string trouble = sqlite3_errmsg(database);
     return trouble == "not authorized" ? onlySelect
@@ -142,48 +95,151 @@ std::string statementTrouble(sqlite3* database, const CheckedQuery& query) {
   return trouble.empty() ? resultTrouble(raw, *query.output) : trouble;
 }
 
-}  // namespace
-
-std::vector<SqlColumn> sqlColumns(const TableType& type) {
-  std::vector<SqlColumn> columns;
-  for (const Column& column : type.keyColumns()) {
-    if (column.type != ColumnType::none) add(column.name, sqlType(column.type), &columns);
-  }
-  for (const auto& part : type.valueParts()) {
-    switch (part.part) {
-      case TableType::Part::column:
-        if (part.column.type != ColumnType::none) {
-          add(part.column.name, sqlType(part.column.type), &columns);
-        }
-        break;
-      case TableType::Part::action:
-        addActions(type, &columns);
-        break;
-      case TableType::Part::meter:
-        addAll("meter", {"flag", "cir", "cburst", "pir", "pburst"}, &columns);
-        break;
-      case TableType::Part::counter:
-        addAll("counter", {"flag", "bytes", "packets"}, &columns);
-        break;
+// Tables of the inputs' columns, without rows. Empty, or why there cannot be one.
+std::string tablesTrouble(sqlite3* database, const CheckedQuery& query) {
+  sqlite3_exec(database, "PRAGMA automatic_index = OFF", nullptr, nullptr, nullptr);
+  for (const auto& [name, type] : query.inputs) {
+    const std::string create = "CREATE TABLE " + quotedName(name) + " (" + columnList(*type) + ")";
+    if (sqlite3_exec(database, create.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+      return "input table " + name + ": " + sqlite3_errmsg(database);
     }
   }
-  return columns;
+  return {};
 }
 
-std::string queryTrouble(const CheckedQuery& query) {
+SqlDatabase emptyDatabase() {
   sqlite3* raw = nullptr;
   const int opened =
       sqlite3_open_v2(":memory:", &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-  const SqlDatabase database(raw);
-  if (opened != SQLITE_OK) return "SQLite cannot be started";
-  for (const auto& [name, type] : query.inputs) {
-    const std::string create = createStatement(name, *type);
-    if (sqlite3_exec(raw, create.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-      return "input table " + name + ": " + sqlite3_errmsg(raw);
+  SqlDatabase database(raw);
+  return opened == SQLITE_OK ? std::move(database) : nullptr;
+}
+
+// The inputs by the number of the page that their tables begin at.
+std::map<int, std::string> inputsByPage(sqlite3* database) {
+  std::map<int, std::string> inputs;
+  sqlite3_stmt* raw = nullptr;
+  sqlite3_prepare_v2(database, "SELECT rootpage, name FROM sqlite_schema", -1, &raw, nullptr);
+  const SqlStatement statement(raw);
+  while (raw && sqlite3_step(raw) == SQLITE_ROW) {
+    inputs[sqlite3_column_int(raw, 0)] = reinterpret_cast<const char*>(sqlite3_column_text(raw, 1));
+  }
+  return inputs;
+}
+
+// What nested loops over tables and expressions are made of. An operation that is not here, of this
+// or a later SQLite, means that a result row may come from more than one row of a table.
+const std::set<std::string_view> loopOperations = {
+    "Init",     "Transaction", "Goto",      "Halt",       "OpenRead",   "Rewind",   "Next",
+    "Column",   "ResultRow",   "Integer",   "Int64",      "Real",       "String8",  "String",
+    "Null",     "Blob",        "Variable",  "Copy",       "SCopy",      "Move",     "Eq",
+    "Ne",       "Lt",          "Le",        "Gt",         "Ge",         "ElseEq",   "If",
+    "IfNot",    "IsNull",      "NotNull",   "IsTrue",     "And",        "Or",       "Not",
+    "BitAnd",   "BitOr",       "BitNot",    "ShiftLeft",  "ShiftRight", "Add",      "Subtract",
+    "Multiply", "Divide",      "Remainder", "Concat",     "Cast",       "Affinity", "RealAffinity",
+    "Function", "PureFunc",    "CollSeq",   "ZeroOrNull", "Noop",       "Explain"};
+
+const char* reasonOf(std::string_view operation) {
+  if (operation.starts_with("Agg") || operation == "Count") return "it aggregates";
+  if (operation.starts_with("Sorter")) return "it sorts or groups";
+  if (operation == "NullRow" || operation == "IfNullRow") return "it has an outer join";
+  if (operation == "DecrJumpZero" || operation == "OffsetLimit") {
+    return "it has a LIMIT or a sub-query";
+  }
+  if (operation == "OpenEphemeral" || operation == "OpenDup") {
+    return "it has DISTINCT, IN, an order, a compound or a sub-query";
+  }
+  if (operation == "InitCoroutine" || operation == "Gosub" || operation == "Once" ||
+      operation == "BeginSubrtn") {
+    return "it has a sub-query";
+  }
+  return nullptr;
+}
+
+// Looks through the program that SQLite makes of a query.
+class ProgramView {
+ public:
+  explicit ProgramView(const CheckedQuery& query, std::map<int, std::string> inputs)
+      : query_(query), inputs_(std::move(inputs)) {}
+
+  void operationIs(std::string_view name, int p2) {
+    if (name == "OpenRead") {
+      opened_.push_back(inputs_[p2]);
+    } else if (name == "ResultRow") {
+      ++resultRows_;
+    } else if (!loopOperations.contains(name)) {
+      strange_ = true;
+      if (!reason_) reason_ = reasonOf(name);
     }
   }
-  sqlite3_set_authorizer(raw, authorize, nullptr);
-  return statementTrouble(raw, query);
+
+  QueryMethod method() {
+    QueryMethod method;
+    method.why = whyComplete();
+    if (!method.why.empty()) {
+      for (const auto& [name, type] : query_.inputs) method.read.push_back(name);
+      return method;
+    }
+    method.kind = opened_.size() == 1 ? QueryMethod::Kind::oneInput : QueryMethod::Kind::join;
+    method.read = opened_;
+    return method;
+  }
+
+ private:
+  std::string whyComplete() {
+    if (strange_) return reason_ ? reason_ : "it is more than a join";
+    if (resultRows_ != 1) return "it is a compound";
+    if (opened_.empty()) return "it reads no table";
+    std::sort(opened_.begin(), opened_.end());
+    const auto twice = std::adjacent_find(opened_.begin(), opened_.end());
+    if (twice == opened_.end()) return {};
+    return "it reads " + *twice + " twice; a second input name for its table makes it a join";
+  }
+
+  const CheckedQuery& query_;
+  std::map<int, std::string> inputs_;
+  std::vector<std::string> opened_;
+  size_t resultRows_ = 0;
+  bool strange_ = false;
+  const char* reason_ = nullptr;
+};
+
+}  // namespace
+
+void allowReadingOnly(sqlite3* database) { sqlite3_set_authorizer(database, authorize, nullptr); }
+
+std::string queryTrouble(const CheckedQuery& query) {
+  const SqlDatabase database = emptyDatabase();
+  if (!database) return "SQLite cannot be started";
+  if (std::string trouble = tablesTrouble(database.get(), query); !trouble.empty()) return trouble;
+  allowReadingOnly(database.get());
+  return statementTrouble(database.get(), query);
+}
+
+QueryMethod queryMethod(const CheckedQuery& query) {
+  const SqlDatabase database = emptyDatabase();
+  if (!database || !tablesTrouble(database.get(), query).empty()) return {};
+  ProgramView program(query, inputsByPage(database.get()));
+  sqlite3_stmt* raw = nullptr;
+  const std::string text = "EXPLAIN " + query.text;
+  sqlite3_prepare_v2(database.get(), text.c_str(), -1, &raw, nullptr);
+  const SqlStatement statement(raw);
+  while (raw && sqlite3_step(raw) == SQLITE_ROW) {
+    const auto* name = reinterpret_cast<const char*>(sqlite3_column_text(raw, 1));
+    program.operationIs(name ? name : "", sqlite3_column_int(raw, 3));
+  }
+  return program.method();
+}
+
+std::string methodText(const QueryMethod& method) {
+  switch (method.kind) {
+    case QueryMethod::Kind::oneInput:
+      return "incremental: one input";
+    case QueryMethod::Kind::join:
+      return "incremental: join";
+    default:
+      return "complete evaluation: " + method.why;
+  }
 }
 
 }  // namespace Pollen

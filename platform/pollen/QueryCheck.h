@@ -1,25 +1,17 @@
-// Has SQLite decide whether a query is valid for its tables.
+// Has SQLite decide whether a query is valid for its tables, and how it can be kept up to date.
 #pragma once
 
 #include <memory>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "platform/lattice/TableType.h"
+#include "platform/pollen/SqlRow.h"
+
+struct sqlite3;
 
 namespace Pollen {
-
-// The columns that queries see in rows of a type, in order. An action column is "action" (its id)
-// followed by one column a field of each action, "NAME_FIELD"; a meter is "meter_flag",
-// "meter_cir", "meter_cburst", "meter_pir", "meter_pburst"; a counter "counter_flag",
-// "counter_bytes", "counter_packets". Dots in names become underscores.
-struct SqlColumn {
-  std::string name;
-  const char* sqlType;  // INTEGER or BLOB
-};
-std::vector<SqlColumn> sqlColumns(const Lattice::TableType& type);
 
 struct CheckedQuery {
   std::string text;
@@ -29,7 +21,28 @@ struct CheckedQuery {
 };
 
 // Empty when the text is one SELECT over the inputs whose result has the output type's columns, by
-// number and name; else why not, in SQLite's words where they are its.
+// number and name, and follows from the inputs alone; else why not, in SQLite's words where they
+// are its.
 std::string queryTrouble(const CheckedQuery& query);
+
+struct QueryMethod {
+  enum class Kind {
+    oneInput,  // each result row comes from one row of the one table that is read
+    join,      // each comes from one row of each table that is read, none of them read twice
+    complete,  // anything else
+  };
+  Kind kind = Kind::complete;
+  std::string why;                // of complete: "it aggregates"
+  std::vector<std::string> read;  // the inputs that count; for complete all of them
+};
+
+// Of a query without trouble. Told from the program that SQLite makes of it: anything there but
+// nested loops over tables, and expressions, is `complete`.
+QueryMethod queryMethod(const CheckedQuery& query);
+// "incremental: one input", "incremental: join", "complete evaluation: it aggregates"
+std::string methodText(const QueryMethod& method);
+
+// Denies what is no reading of tables, and functions whose results differ from call to call.
+void allowReadingOnly(sqlite3* database);
 
 }  // namespace Pollen

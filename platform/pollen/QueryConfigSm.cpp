@@ -1,6 +1,7 @@
 #include "platform/pollen/QueryConfigSm.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <exception>
 #include <utility>
 
@@ -10,36 +11,18 @@
 static Scrivel::TraceHandle trace("QueryConfigSm");
 
 namespace Pollen {
-namespace {
 
 using Vela::Ptr;
-
-// Empty when the query is valid, else why not.
-std::string checkedTrouble(const QueryConfig& config, const QueryTables& tables) {
-  CheckedQuery query;
-  query.text = config.queryText();
-  query.output = Lattice::TheTypeRegistry().type(config.outputType());
-  if (!query.output) return "output type " + config.outputType() + " is not known";
-  for (const auto& [name, tableName] : config.inputTableCollection().values()) {
-    auto type = tables.typeOf(tableName);
-    if (!type) return "input table " + tableName + " does not exist";
-    query.inputs.emplace_back(name, std::move(type));
-  }
-  std::sort(query.inputs.begin(), query.inputs.end());
-  for (const auto& [name, value] : config.parameterCollection().values()) {
-    query.parameters.push_back(name);
-  }
-  return queryTrouble(query);
-}
-
-}  // namespace
+using State = QueryProgress::State;
 
 QueryConfigSm::QueryConfigSm(Vela::ReactorLoop& loop, Ptr<QueryConfigDir> configs,
                              Ptr<QueryStatusDir> statuses, QueryTables tables)
     : loop_(loop),
       configs_(std::move(configs)),
       statuses_(std::move(statuses)),
-      tables_(std::move(tables)) {
+      tables_(std::move(tables)),
+      engine_(loop, *tables_.database) {
+  engine_.progressHandlerIs([this](const std::string& path) { handleProgress(path); });
   configsChange_ = configs_->entityCollection().observeKeys(
       [this](const std::string& path) { handleQueryConfig(path); });
   activeChange_ = configs_->activeCollection().observeKeys(
@@ -47,49 +30,197 @@ QueryConfigSm::QueryConfigSm(Vela::ReactorLoop& loop, Ptr<QueryConfigDir> config
   for (const std::string& path : configs_->entityNames()) handleQueryConfig(path);
 }
 
+QueryConfigSm::~QueryConfigSm() { *alive_ = false; }
+
 void QueryConfigSm::handleQueryConfig(const std::string& path) {
   const Ptr<QueryConfig> config = configs_->queryConfig(path);
   SCRIVEL_TRACE(1, "handleQueryConfig", " path: ", path, config ? " present" : " gone");
   watched_.erase(path);
+  engine_.queryDel(path);
+  scheduleReaders(path);
   if (!config) return statuses_->queryStatusDel(path);
   watched_[path] = {
       config, config->observeAll([this, path](const std::string&) { maybeScheduleCheck(path); })};
   maybeScheduleCheck(path);
 }
 
+// Its tables may go next.
+void QueryConfigSm::handleActive(const std::string& path) {
+  if (!configs_->activeQueryConfigHas(path)) engine_.queryDel(path);
+  maybeScheduleCheck(path);
+}
+
 void QueryConfigSm::maybeScheduleCheck(const std::string& path) {
   if (!watched_.count(path)) return;            // handleQueryConfig() asks again
   if (!scheduled_.insert(path).second) return;  // the turn to come sees this change, too
-  loop_.post([self = Ptr<QueryConfigSm>(this), path] { self->doCheck(path); });
+  loop_.post([this, alive = alive_, path] {
+    if (*alive) doCheck(path);
+  });
+}
+
+void QueryConfigSm::scheduleReaders(const std::string& path) {
+  for (const auto& [reader, watched] : watched_) {
+    const auto& inputs = watched.config->inputTableCollection().values();
+    const bool reads = std::any_of(inputs.begin(), inputs.end(),
+                                   [&](const auto& input) { return input.second == path; });
+    if (reads && reader != path) maybeScheduleCheck(reader);
+  }
+}
+
+void QueryConfigSm::handleProgress(const std::string& path) {
+  const auto found = watched_.find(path);
+  if (found == watched_.end()) return;  // deleted meanwhile
+  doPublish(*Ptr<QueryConfig>(found->second.config));
+  scheduleReaders(path);
 }
 
 void QueryConfigSm::doCheck(const std::string& path) {
   scheduled_.erase(path);
   const auto found = watched_.find(path);
   if (found == watched_.end()) return;  // deleted meanwhile
-  doPublish(*Ptr<QueryConfig>(found->second.config));
-}
-
-void QueryConfigSm::doPublish(const QueryConfig& config) {
-  const std::string& path = config.name();
+  const Ptr<QueryConfig> config = found->second.config;
   const Ptr<QueryStatus> status = statuses_->queryStatusIs(path);
-  std::string reason = config.queryText().empty() ? "" : checkedTrouble(config, tables_);
-  const bool defined = !config.queryText().empty() && reason.empty();
-  bool active = false;
+  engine_.queryDel(path);
+  QuerySpec spec;
+  std::string reason = config->queryText().empty() ? "" : checked(*config, &spec);
+  const bool defined = !config->queryText().empty() && reason.empty();
+  bool failed = false;
+  std::string waiting;
   if (defined && configs_->activeQueryConfigHas(path)) {
-    try {
-      if (!status->active()) tables_.outputTableIs(path, config.outputType());
-      active = true;
-      SCRIVEL_TRACE(0, "query is active: ", path,
-                    "; its table stays empty: keeping it up to date is not there yet");
-    } catch (const std::exception& e) {
-      reason = std::string("output table: ") + e.what();
-    }
+    waiting = waitedFor(*config, &failed);
+    reason = waiting.empty() ? started(std::move(spec), config->outputType()) : "";
+    if (failed) reason = waiting;
   }
   if (!reason.empty()) SCRIVEL_TRACE(0, "query is not valid: ", path, " ", reason);
   status->reasonIs(reason);
   status->definedIs(defined && reason.empty());
-  status->activeIs(active);
+  doPublish(*config);
+}
+
+std::string QueryConfigSm::checked(const QueryConfig& config, QuerySpec* spec) const {
+  spec->path = config.name();
+  spec->oneShot = config.oneShot();
+  CheckedQuery& query = spec->checked;
+  query.text = config.queryText();
+  query.output = Lattice::TheTypeRegistry().type(config.outputType());
+  if (!query.output) return "output type " + config.outputType() + " is not known";
+  if (tables_.typeOf(spec->path)) {
+    return "output table " + spec->path + " is a table of the pipeline; choose another path";
+  }
+  for (const auto& [name, tableName] : config.inputTableCollection().values()) {
+    const Ptr<QueryConfig> source = configs_->queryConfig(tableName);
+    auto type =
+        source ? Lattice::TheTypeRegistry().type(source->outputType()) : tables_.typeOf(tableName);
+    if (!type) return "input table " + tableName + " does not exist";
+    query.inputs.emplace_back(name, std::move(type));
+    spec->inputTables[name] = tableName;
+  }
+  std::sort(query.inputs.begin(), query.inputs.end());
+  for (const auto& [name, value] : config.parameterCollection().values()) {
+    query.parameters.push_back(name);
+    spec->parameters[name] = value;
+  }
+  if (std::string cycle = cycleThrough(spec->path); !cycle.empty()) return cycle;
+  if (std::string trouble = queryTrouble(query); !trouble.empty()) return trouble;
+  spec->method = queryMethod(query);
+  return {};
+}
+
+// Walks from table to table that the query follows from.
+std::string QueryConfigSm::cycleThrough(const std::string& path) const {
+  std::map<std::string, std::string> readBy;  // what led to a table
+  std::vector<std::string> open{path};
+  while (!open.empty()) {
+    const std::string reader = open.back();
+    open.pop_back();
+    const Ptr<QueryConfig> config = configs_->queryConfig(reader);
+    if (!config) continue;
+    for (const auto& [name, table] : config->inputTableCollection().values()) {
+      if (table == path) {
+        std::string way;
+        for (std::string at = reader; at != path; at = readBy[at]) way = " by way of " + at + way;
+        return "the query reads its own output" + way;
+      }
+      if (readBy.try_emplace(table, reader).second) open.push_back(table);
+    }
+  }
+  return {};
+}
+
+// The query whose output this one reads and that is not active; `failed`: nor will be by itself.
+std::string QueryConfigSm::waitedFor(const QueryConfig& config, bool* failed) const {
+  for (const auto& [name, table] : config.inputTableCollection().values()) {
+    if (!configs_->queryConfig(table)) continue;
+    const Ptr<QueryStatus> status = statuses_->queryStatus(table);
+    if (engine_.progress(table).state == State::active) continue;
+    *failed = !configs_->activeQueryConfigHas(table) || (status && !status->reason().empty());
+    return "input table " + table + " is the output of a query that is not active";
+  }
+  return {};
+}
+
+std::string QueryConfigSm::started(QuerySpec spec, const std::string& outputType) try {
+  const std::string path = spec.path;
+  const auto output = tables_.outputTableIs(path, outputType);
+  if (!output || !output->ready()) return "output table: it is not ready";
+  engine_.queryIs(std::move(spec), output);
+  scheduleReaders(path);  // they come after it
+  return {};
+} catch (const std::exception& e) {
+  return std::string("output table: ") + e.what();
+}
+
+void QueryConfigSm::doPublish(const QueryConfig& config) {
+  const Ptr<QueryStatus> status = statuses_->queryStatusIs(config.name());
+  const QueryProgress progress = engine_.progress(config.name());
+  if (progress.state == State::failed) {
+    status->reasonIs(progress.reason);
+    status->definedIs(false);
+  } else if (progress.state != State::none) {
+    status->reasonIs("");
+    status->definedIs(true);
+  }
+  publishNumbers(*status);
+  status->activeIs(progress.state == State::active);
+}
+
+void QueryConfigSm::publishNumbers(QueryStatus& status) {
+  const QueryProgress progress = engine_.progress(status.name());
+  status.methodIs(progress.method);
+  status.troubleIs(progress.trouble);
+  status.rowsIs(progress.rows);
+  status.evaluationsIs(progress.evaluations);
+  status.evaluationMicrosecondsIs(progress.microseconds);
+  std::string text = status.name() + ": ";
+  if (!status.reason().empty()) {
+    text += "failed: " + status.reason();
+  } else if (progress.state == State::none) {
+    text += status.defined() ? "not active" : "not defined";
+  } else {
+    char took[32];
+    std::snprintf(took, sizeof took, "%.1f ms", static_cast<double>(progress.microseconds) / 1000);
+    text += (progress.state == State::active ? "active, " : "being built, ") + progress.method +
+            ", " + std::to_string(progress.rows) + " rows, " +
+            std::to_string(progress.evaluations) + " evaluations in " + took;
+  }
+  if (!progress.trouble.empty()) text += "; " + progress.trouble;
+  status.textIs(text);
+}
+
+void QueryConfigSm::publishStatuses() {
+  for (const std::string& path : statuses_->entityNames()) {
+    if (const auto status = statuses_->queryStatus(path)) publishNumbers(*status);
+  }
+}
+
+std::string QueryConfigSm::statusText() const {
+  std::set<std::string> lines;
+  for (const std::string& path : statuses_->entityNames()) {
+    if (const auto status = statuses_->queryStatus(path)) lines.insert(status->text());
+  }
+  std::string text;
+  for (const std::string& line : lines) text += (text.empty() ? "" : "\n") + line;
+  return text;
 }
 
 }  // namespace Pollen

@@ -1,4 +1,5 @@
-// Follows the query configurations: checks each query against its tables and publishes how it went.
+// Follows the query configurations: checks each query against its tables, has the active ones
+// evaluated, and publishes how it goes.
 #pragma once
 
 #include <functional>
@@ -8,8 +9,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/Database.h"
 #include "platform/pollen/QueryConfig.h"
+#include "platform/pollen/QueryEngine.h"
 #include "platform/pollen/QueryStatus.h"
 #include "platform/vela/ReactorLoop.h"
 
@@ -17,19 +19,31 @@ namespace Pollen {
 
 // What the queries need of the tables. Called on the reactor with the activity lock held.
 struct QueryTables {
-  // The type of a table that a query reads; null when there is no such table (yet).
+  // The type of a table that a query reads; null when there is no such table (yet). Outputs of
+  // other queries need not be known here.
   std::function<std::shared_ptr<const Lattice::TableType>(const std::string& tableName)> typeOf;
-  // Makes the output table of a query, empty. Throws std::exception with the reason.
-  std::function<void(const std::string& path, const std::string& typeName)> outputTableIs;
+  // Makes the output table of a query, with the rows of before if there are any. Throws
+  // std::exception with the reason.
+  std::function<Vela::Ptr<Lattice::ArTableInterface>(const std::string& path,
+                                                     const std::string& typeName)>
+      outputTableIs;
+  Lattice::Database* database = nullptr;  // outlives the queries
 };
 
 // Queries are checked on a later turn of the reactor than the one that changed them, with all their
-// changes of that turn. The output table of an active query is made and stays empty: its rows are
-// not computed yet, which is traced. Call with the activity lock held; the loop must outlive this.
+// changes of that turn; one that is not active any more stops at once. A query that reads the
+// output of another waits until that is active. Call with the activity lock held; the loop must
+// outlive this.
 class QueryConfigSm final : public Vela::RefCounted {
  public:
   QueryConfigSm(Vela::ReactorLoop& loop, Vela::Ptr<QueryConfigDir> configs,
                 Vela::Ptr<QueryStatusDir> statuses, QueryTables tables);
+  ~QueryConfigSm() override;
+
+  // Brings rows, evaluations and troubles of the statuses up to date.
+  void publishStatuses();
+  std::string statusText() const;  // of all queries, one after the other
+  QueryEngine& engine() { return engine_; }
 
  private:
   struct Watched {
@@ -37,17 +51,27 @@ class QueryConfigSm final : public Vela::RefCounted {
     Vela::Observation change;
   };
   void handleQueryConfig(const std::string& path);
-  void handleActive(const std::string& path) { maybeScheduleCheck(path); }
+  void handleActive(const std::string& path);
+  void handleProgress(const std::string& path);
   void maybeScheduleCheck(const std::string& path);
+  void scheduleReaders(const std::string& path);
   void doCheck(const std::string& path);
   void doPublish(const QueryConfig& config);
+  // Each answers why not; empty: well.
+  std::string checked(const QueryConfig& config, QuerySpec* spec) const;
+  std::string waitedFor(const QueryConfig& config, bool* failed) const;
+  std::string cycleThrough(const std::string& path) const;
+  std::string started(QuerySpec spec, const std::string& outputType);
+  void publishNumbers(QueryStatus& status);
 
   Vela::ReactorLoop& loop_;
   Vela::Ptr<QueryConfigDir> configs_;
   Vela::Ptr<QueryStatusDir> statuses_;
   QueryTables tables_;
+  QueryEngine engine_;
   std::map<std::string, Watched> watched_;
   std::set<std::string> scheduled_;
+  const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   Vela::Observation configsChange_;
   Vela::Observation activeChange_;
 };

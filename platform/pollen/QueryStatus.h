@@ -1,6 +1,7 @@
 // What became of the queries.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -16,8 +17,15 @@ class QueryStatus final : public Vela::Entity {
   const char* typeName() const override { return "Pollen::QueryStatus"; }
 
   VELA_READONLY_ATTRIBUTE(bool, defined, false)  // its text is valid for its tables
-  VELA_READONLY_ATTRIBUTE(bool, active, false)   // its output table is there
+  VELA_READONLY_ATTRIBUTE(bool, active, false)   // its output table is what the query means
   VELA_READONLY_ATTRIBUTE(std::string, reason)   // empty: no failure
+  // Below: brought up to date with QueryConfigSm::publishStatuses().
+  VELA_READONLY_ATTRIBUTE(std::string, method)   // "incremental: join"; how it is kept
+  VELA_READONLY_ATTRIBUTE(std::string, trouble)  // results that cannot stand as rows, and conflicts
+  VELA_READONLY_ATTRIBUTE(uint64_t, rows, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, evaluations, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, evaluationMicroseconds, 0)  // of all of them
+  VELA_READONLY_ATTRIBUTE(std::string, text)                    // all of it, for people
 };
 
 // Observe entityCollection() for statuses that come and go. Call with the activity lock held.

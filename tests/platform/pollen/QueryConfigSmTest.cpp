@@ -4,72 +4,47 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <map>
-#include <stdexcept>
-
-#include "platform/vela/ActivityLock.h"
+#include "tests/platform/pollen/QueryFixture.h"
 
 namespace Pollen {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using TestSupport::Cell;
 
 class QueryConfigSmTest : public testing::Test {
  protected:
   QueryConfigSmTest() {
-    addType("Route",
-            "key vrf : U16; key dst : IpGenPrefix; action { ing.fwd 7 { port : U32; } "
-            "drop 8 { none : Void; } } meter; counter;");
-    addType("Port", "key port : U32; speed : U64; members : U32[];");
-    addType("Out", "key vrf : U16; speed : U64;");
-    QueryTables tables;
-    tables.typeOf = [this](const std::string& name) {
-      const auto found = tableTypes.find(name);
-      return found == tableTypes.end() ? nullptr : Lattice::TheTypeRegistry().type(found->second);
-    };
-    tables.outputTableIs = [this](const std::string& path, const std::string& type) {
-      if (path == "out/broken") throw std::runtime_error("no room");
-      outputs.push_back(path + " " + type);
-    };
-    sm = Vela::make<QueryConfigSm>(loop, configs, statuses, tables);
-  }
-  ~QueryConfigSmTest() override {
-    for (const char* name : {"Route", "Port", "Out"}) Lattice::TheTypeRegistry().typeDel(name);
+    tables.typeIs("Route",
+                  "key vrf : U16; key dst : IpGenPrefix; action { ing.fwd 7 { port : U32; } "
+                  "drop 8 { none : Void; } } meter; counter;");
+    tables.typeIs("Port", "key port : U32; speed : U64; members : U32[];");
+    tables.typeIs("Out", "key vrf : U16; speed : U64;");
+    tables.tableIs("ipv4_route", "Route");
+    tables.tableIs("port_table", "Port");
   }
 
-  static void addType(const char* name, const char* definition) {
-    Lattice::TheTypeRegistry().typeIs(Lattice::TableType::compile(name, definition));
-  }
-  void turn() {
-    loop.post([this] { loop.stop(); });
-    loop.run();
-  }
   Vela::Ptr<QueryConfig> query(const std::string& path, const std::string& text,
                                const std::string& type = "Out") {
-    const auto config = configs->queryConfigIs(path, type);
-    config->queryTextIs(text);
-    config->inputTableIs("routes", "ipv4_route");
-    config->inputTableIs("ports", "port_table");
-    config->parameterIs("minimum", "10");
-    configs->activeQueryConfigIs(config);
-    return config;
+    tables.queryIs({path,
+                    type,
+                    text,
+                    {{"routes", "ipv4_route"}, {"ports", "port_table"}},
+                    {{"minimum", "10"}}});
+    return tables.configs->queryConfig(path);
   }
   // "defined active reason"
   std::string outcome(const std::string& path) {
-    const auto status = statuses->queryStatus(path);
+    const auto status = tables.statuses->queryStatus(path);
     if (!status) return "none";
     return std::string(status->defined() ? "defined " : "") + (status->active() ? "active " : "") +
            status->reason();
   }
+  void turn() { tables.turn(); }
 
   const Vela::ActivityLock lock;
-  Vela::ReactorLoop loop;
-  std::map<std::string, std::string> tableTypes{{"ipv4_route", "Route"}, {"port_table", "Port"}};
-  std::vector<std::string> outputs;
-  Vela::Ptr<QueryConfigDir> configs = Vela::make<QueryConfigDir>("config");
-  Vela::Ptr<QueryStatusDir> statuses = Vela::make<QueryStatusDir>("status");
-  Vela::Ptr<QueryConfigSm> sm;
+  TestSupport::TempDirectory directory;
+  TestSupport::Tables tables{directory.path()};
 };
 
 TEST_F(QueryConfigSmTest, ValidQueriesBecomeDefinedAndActive) {
@@ -80,11 +55,10 @@ TEST_F(QueryConfigSmTest, ValidQueriesBecomeDefinedAndActive) {
   EXPECT_EQ(outcome("out/speeds"), "none");
   turn();
   EXPECT_EQ(outcome("out/speeds"), "defined active ");
-  EXPECT_THAT(outputs, ElementsAre("out/speeds Out"));
-  configs->activeQueryConfigDelAll();
+  tables.configs->activeQueryConfigDelAll();
   turn();
   EXPECT_EQ(outcome("out/speeds"), "defined ");
-  configs->queryConfigDelAll();
+  tables.configs->queryConfigDelAll();
   turn();
   EXPECT_EQ(outcome("out/speeds"), "none");
 }
@@ -110,6 +84,8 @@ TEST_F(QueryConfigSmTest, InvalidQueriesHaveAReason) {
       {"SELECT vrf, speed FROM routes, ports; nonsense", "only one SELECT"},
       {"SELECT type AS vrf, name AS speed FROM sqlite_master", "prohibited"},
       {"SELECT load_extension('x') AS vrf, 1 AS speed", "load_extension"},
+      {"SELECT vrf, random() AS speed FROM routes", "not authorized to use function: random"},
+      {"SELECT vrf, rowid AS speed FROM routes", "prohibited"},
       {"-- nothing", "the query is empty"},
   };
   int number = 0;
@@ -119,10 +95,10 @@ TEST_F(QueryConfigSmTest, InvalidQueriesHaveAReason) {
     query(path, c.text);
     turn();
     EXPECT_THAT(outcome(path), HasSubstr(c.reason));
-    EXPECT_FALSE(statuses->queryStatus(path)->defined());
-    EXPECT_FALSE(statuses->queryStatus(path)->active());
+    EXPECT_FALSE(tables.status(path).defined());
+    EXPECT_FALSE(tables.status(path).active());
+    EXPECT_FALSE(tables.interfaces.contains(path));
   }
-  EXPECT_THAT(outputs, ElementsAre());
 }
 
 TEST_F(QueryConfigSmTest, TablesTypesAndOutputsThatAreMissingAreNamed) {
@@ -130,11 +106,16 @@ TEST_F(QueryConfigSmTest, TablesTypesAndOutputsThatAreMissingAreNamed) {
   query("out/type", text, "Nowhere");
   query("out/input", text)->inputTableIs("more", "absent_table");
   query("out/name", text)->inputTableIs("", "port_table");
-  query("out/broken", text);
+  query("ipv4_route", text);
+  query("out/self", text)->inputTableIs("more", "out/self");
+  query("out/a", text)->inputTableIs("more", "out/b");
+  query("out/b", text)->inputTableIs("more", "out/a");
   turn();
   EXPECT_EQ(outcome("out/type"), "output type Nowhere is not known");
   EXPECT_EQ(outcome("out/input"), "input table absent_table does not exist");
-  EXPECT_EQ(outcome("out/broken"), "output table: no room");
+  EXPECT_THAT(outcome("ipv4_route"), HasSubstr("is a table of the pipeline"));
+  EXPECT_EQ(outcome("out/self"), "the query reads its own output");
+  EXPECT_EQ(outcome("out/a"), "the query reads its own output by way of out/b");
 }
 
 TEST_F(QueryConfigSmTest, AChangeIsCheckedAgain) {
@@ -144,9 +125,93 @@ TEST_F(QueryConfigSmTest, AChangeIsCheckedAgain) {
   config->queryTextIs("SELECT vrf, speed FROM routes, ports");
   turn();
   EXPECT_EQ(outcome("out/q"), "defined active ");
-  configs->queryConfigIs("out/q", "Out");  // a new one without a text yet
+  tables.configs->queryConfigIs("out/q", "Out");  // a new one without a text yet
   turn();
   EXPECT_EQ(outcome("out/q"), "");
+}
+
+TEST_F(QueryConfigSmTest, ConflictsAndBadRowsAreNamedUntilTheyAreGone) {
+  query("out", "SELECT speed AS vrf, port AS speed FROM ports");
+  turn();
+  const auto portIs = [&](int64_t port, int64_t speed, bool deleted = false) {
+    {
+      const TestSupport::Unlocked unlocked;
+      const Vela::ActivityLock scope;
+      tables.write("port_table", {port, speed, std::string()}, deleted);
+    }
+    return tables.status("out").trouble();
+  };
+  EXPECT_EQ(portIs(1, 5), "");
+  EXPECT_EQ(portIs(2, 5),
+            "1 keys have several rows, such as out vrf=0x0005: speed=0x0000000000000001 (this one "
+            "stands) and speed=0x0000000000000002");
+  EXPECT_EQ(portIs(1, 5, true), "");
+  EXPECT_EQ(tables.rows("out").begin()->second[0], 2);
+  EXPECT_EQ(portIs(3, 70000),
+            "1 results are no rows of the output type, such as row vrf=70000: column vrf is 70000, "
+            "which does not fit 16 bits without sign");
+  EXPECT_EQ(tables.status("out").rows(), 1u);
+  EXPECT_EQ(portIs(3, 7), "");
+  EXPECT_THAT(tables.sm->statusText(), HasSubstr("out: active, incremental: one input, 2 rows"));
+}
+
+TEST_F(QueryConfigSmTest, RowsThatSqliteCannotEvaluateStopTheQueryUntilTheyAreGone) {
+  query("out", "SELECT port AS vrf, length(zeroblob(speed)) AS speed FROM ports");
+  turn();
+  const auto portIs = [&](int64_t port, int64_t speed) {
+    {
+      const TestSupport::Unlocked unlocked;
+      const Vela::ActivityLock scope;
+      tables.write("port_table", {port, speed, std::string()});
+    }
+    turn();
+    turn();
+  };
+  portIs(1, 5);
+  EXPECT_EQ(tables.rows("out").size(), 1u);
+  portIs(2, int64_t{1} << 40);
+  EXPECT_EQ(outcome("out"), "string or blob too big");
+  EXPECT_EQ(tables.rows("out").size(), 0u);
+  portIs(2, 3);
+  EXPECT_EQ(outcome("out"), "defined active ");
+  EXPECT_EQ(tables.rows("out").size(), 2u);
+  query("out/wild",
+        "WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n) "
+        "SELECT count(*) AS vrf, 1 AS speed FROM n WHERE x < 0");
+  turn();
+  EXPECT_THAT(outcome("out/wild"), HasSubstr("the query takes too long"));
+}
+
+TEST_F(QueryConfigSmTest, OneShotsStayAsTheyWere) {
+  tables.write("port_table", {int64_t{1}, int64_t{10}, std::string()});
+  const std::string text = "SELECT port AS vrf, speed FROM ports";
+  tables.queryIs({"out", "Out", text, {{"ports", "port_table"}}, {}, true});
+  turn();
+  EXPECT_THAT(tables.status("out").text(), HasSubstr("out: active, one-shot, 1 rows"));
+  {
+    const TestSupport::Unlocked unlocked;
+    const Vela::ActivityLock scope;
+    tables.write("port_table", {int64_t{2}, int64_t{10}, std::string()});
+  }
+  EXPECT_EQ(tables.rows("out").size(), 1u);
+}
+
+TEST_F(QueryConfigSmTest, AQueryEndsWithItsTables) {
+  query("out", "SELECT port AS vrf, speed FROM ports");
+  tables.queryIs({"next", "Out", "SELECT * FROM o", {{"o", "out"}}});
+  tables.settle();
+  EXPECT_EQ(outcome("next"), "defined active ");
+  tables.configs->activeQueryConfigDel("out");
+  turn();
+  turn();
+  EXPECT_EQ(outcome("next"), "input table out is the output of a query that is not active");
+  tables.configs->activeQueryConfigIs(tables.configs->queryConfig("out"));
+  tables.settle();
+  EXPECT_EQ(outcome("next"), "defined active ");
+  tables.tableIs("port_table", "Port");
+  turn();
+  turn();
+  EXPECT_EQ(outcome("out"), "input table port_table is gone");
 }
 
 }  // namespace

@@ -1,0 +1,113 @@
+// Tables in a store that can fail, queries over them, and what SQLite makes of the same rows in
+// plain tables.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "platform/lattice/Database.h"
+#include "platform/lattice/TableWatch.h"
+#include "platform/pollen/QueryConfigSm.h"
+#include "platform/vela/ActivityLock.h"
+#include "tests/platform/brine/TempDirectory.h"
+
+namespace TestSupport {
+
+// Passes everything on, but fails commits on request as a full state directory does.
+class FailingStore final : public Brine::Store {
+ public:
+  explicit FailingStore(const std::string& directory)
+      : store_(Brine::Store::open({.directory = directory})) {}
+  bool failing = false;
+
+  Brine::TableNumber table(std::string_view name) override { return store_->table(name); }
+  bool hasTable(std::string_view name) const override { return store_->hasTable(name); }
+  std::vector<std::string> tableNames() const override { return store_->tableNames(); }
+  void tableDel(std::string_view name) override { store_->tableDel(name); }
+  std::optional<Brine::Bytes> get(Brine::TableNumber table, Brine::Bytes key) override {
+    return store_->get(table, key);
+  }
+  std::span<uint8_t> reserve(Brine::TableNumber table, Brine::Bytes key, size_t size) override {
+    return store_->reserve(table, key, size);
+  }
+  bool erase(Brine::TableNumber table, Brine::Bytes key) override {
+    return store_->erase(table, key);
+  }
+  void eraseAll(Brine::TableNumber table) override { store_->eraseAll(table); }
+  size_t count(Brine::TableNumber table) const override { return store_->count(table); }
+  void forEach(Brine::TableNumber table, const Visit& visit, Brine::Bytes from) override {
+    store_->forEach(table, visit, from);
+  }
+  bool dirty() const override { return store_->dirty(); }
+  void commit() override {
+    if (!failing) return store_->commit();
+    store_->discard();
+    throw Brine::StoreError(Brine::Trouble::full, "the state directory is full");
+  }
+  void discard() override { store_->discard(); }
+  size_t bytesUsed() const override { return store_->bytesUsed(); }
+
+ private:
+  std::unique_ptr<Brine::Store> store_;
+};
+
+// Ends the caller's activity scope for a while, which commits.
+using Unlocked = Vela::ActivityLockReleased;
+
+// NULL, a number, or bytes.
+using Cell = std::variant<std::monostate, int64_t, std::string>;
+using Cells = std::vector<Cell>;  // of a row, as queries see its columns
+
+// The row of simple columns and an action; nothing when a cell does not fit its column.
+std::optional<Lattice::Row> packed(const Lattice::TableType& type, const Cells& cells);
+
+struct QueryText {
+  std::string path;
+  std::string outputType;
+  std::string text;
+  std::map<std::string, std::string> inputs;  // name in the query -> table
+  std::map<std::string, std::string> parameters = {};
+  bool oneShot = false;
+};
+
+using Rows = std::map<std::string, std::string>;  // packed keys and values
+
+class Tables {
+ public:
+  explicit Tables(const std::string& directory);
+  ~Tables();
+
+  void typeIs(const std::string& name, const std::string& definition);
+  void tableIs(const std::string& name, const std::string& type);
+  void queryIs(const QueryText& query);
+  void turn();    // one of the reactor
+  void settle();  // until no query is being built
+  Pollen::QueryStatus& status(const std::string& path);
+
+  // Writes the cells of a row, or removes the row with its key; within the caller's lock.
+  void write(const std::string& table, const Cells& cells, bool deleted = false);
+  Rows rows(const std::string& table);  // committed
+  // What the query would make of the committed rows of its inputs.
+  Rows expected(const QueryText& query);
+
+  FailingStore store;
+  Vela::ReactorLoop loop;
+  std::unique_ptr<Lattice::Database> database;
+  std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> interfaces;
+  Vela::Ptr<Pollen::QueryConfigDir> configs = Vela::make<Pollen::QueryConfigDir>("config");
+  Vela::Ptr<Pollen::QueryStatusDir> statuses = Vela::make<Pollen::QueryStatusDir>("status");
+  Vela::Ptr<Pollen::QueryConfigSm> sm;
+
+ private:
+  std::shared_ptr<const Lattice::TableType> typeOf(const std::string& table) const;
+  std::vector<std::string> types_;
+};
+
+}  // namespace TestSupport
