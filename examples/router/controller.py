@@ -113,9 +113,10 @@ class Controller:
         """Whether there is a connection, or comes to be one in so many seconds. Calls that fail at
         once are no way to wait for a switch: a channel gets nowhere unless somebody waits on it."""
         try:
-            grpc.channel_ready_future(self._channel).result(timeout=seconds)
+            self._stub.Capabilities(p4runtime_pb2.CapabilitiesRequest(), timeout=seconds,
+                                    wait_for_ready=True)
             return True
-        except grpc.FutureTimeoutError:
+        except grpc.RpcError:
             return False
 
     # The stream: who is primary, and packets.
