@@ -157,9 +157,7 @@ TEST_F(DevicesTest, InterfacesFollowDevicesAndTheirConfiguration) {
 }
 
 TEST_F(DevicesTest, FlappingLeaksNothing) {
-  pairIs("left", "right");
   InterfaceOperations operations;
-  Port right(loop, "right");
   std::optional<Port> left;
   // As an agent has it: packet access follows the device.
   const auto changes = devices->entityCollection().observeKeys([&](const std::string& name) {
@@ -167,6 +165,8 @@ TEST_F(DevicesTest, FlappingLeaksNothing) {
     left.reset();
     if (devices->device("left")) left.emplace(loop, "left");
   });
+  pairIs("left", "right");
+  Port right(loop, "right");
   until([&] { return left.has_value(); });
   const size_t files = openFiles();
   const size_t packets = ThePacketManager().bytes();
@@ -176,6 +176,10 @@ TEST_F(DevicesTest, FlappingLeaksNothing) {
     ASSERT_EQ(operations.up("left", "", true), "");
     until([&] { return devices->device("left")->operUp(); });
   }
+  const auto bothUp = [&] {
+    return devices->device("left")->operUp() && devices->device("right")->operUp();
+  };
+  until(bothUp);
   right.send({packetOf(60, 1)});
   until([&] { return left && left->came.size() == 1; });
   for (int i = 0; i < 50; ++i) {
@@ -184,7 +188,7 @@ TEST_F(DevicesTest, FlappingLeaksNothing) {
     ip("link set away name left");
     until([&] { return left.has_value(); });
   }
-  until([&] { return devices->device("left")->operUp(); });
+  until(bothUp);
   right.send({packetOf(60, 2)});
   until([&] { return left && left->came.size() == 1; });
   left->came.clear();

@@ -37,6 +37,7 @@ TEST_F(PacketAccessTest, CarriesAllSizesBothWaysInOrder) {
       given += std::count(results.begin(), results.end(), SendResult::sent);
     }
     until([&] { return to.came.size() == sent.size(); });
+    ASSERT_EQ(to.came.size(), sent.size());
     for (size_t i = 0; i < sent.size(); ++i) ASSERT_EQ(bytesOf(to.came[i]), bytesOf(sent[i])) << i;
     EXPECT_EQ(to.packets->counts().received, sent.size());
     EXPECT_EQ(to.packets->counts().receivedBytes, from->packets->counts().sentBytes);
@@ -170,7 +171,7 @@ TEST_F(PacketAccessTest, FollowsItsDeviceDownAndUpAndUnderAnotherName) {
     turn();
     EXPECT_EQ(left.wakeups + right.wakeups, wakeups) << "a device that is down is left alone";
     if (name != "left") ip("link set left name " + name);
-    ip("link set " + name + " up");
+    upAre(name, "right");
     left.came.clear();
     right.came.clear();
     EXPECT_THAT(left.send({packetOf(60, 1)}), ElementsAre(SendResult::sent));

@@ -17,6 +17,7 @@
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/ReactorLoop.h"
 #include "platform/vela/Timer.h"
+#include "platform/wirra/KernelNetInterfaceSm.h"
 #include "platform/wirra/PacketAccessManager.h"
 #include "platform/wirra/PacketManager.h"
 
@@ -34,8 +35,15 @@ class DeviceTest : public ::testing::Test {
   void pairIs(const std::string& one, const std::string& other, unsigned mtu = 9000) {
     const std::string tail = " mtu " + std::to_string(mtu);
     ip("link add " + one + tail + " type veth peer name " + other + tail);
+    upAre(one, other);
+  }
+  // A device takes packets, and loses them without a word, some time before it has its carrier.
+  void upAre(const std::string& one, const std::string& other) {
+    const auto devices = Vela::make<KernelNetInterfaceStatus>("status");
+    const KernelNetInterfaceSm sm(loop, devices);
     ip("link set " + one + " up");
     ip("link set " + other + " up");
+    until([&] { return devices->device(one)->operUp() && devices->device(other)->operUp(); });
   }
 
   // Runs the reactor until `condition` holds.
