@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <future>
+#include <mutex>
 
 #include "PI/proto/pi_server.h"
 #include "tests/PI/server/ServerFixture.h"
@@ -47,8 +48,10 @@ class PacketStreamTest : public ServerTest {
 };
 
 TEST_F(PacketStreamTest, OutReachesTheDeviceInOrderAndOnlyFromThePrimary) {
+  std::mutex mutex;
   std::vector<std::string> taken;
   TheFakeDevice().onStreamMessage = [&](const StreamMessageRequest& request) {
+    const std::lock_guard lock(mutex);
     taken.push_back(request.packet().payload());
     return statusOf(0);
   };
@@ -66,6 +69,7 @@ TEST_F(PacketStreamTest, OutReachesTheDeviceInOrderAndOnlyFromThePrimary) {
     primary->send(packetOut(sent.back()));
   }
   settled(*primary, 10);
+  const std::lock_guard lock(mutex);
   EXPECT_EQ(taken, sent);
   EXPECT_EQ(counts().out, 1000u);
   EXPECT_EQ(counts().out_not_primary, 1u);
