@@ -134,6 +134,7 @@ void Agent::doBuildPipeline() {
   queryTables.outputTableIs = [this](const std::string& path, const std::string& type) {
     return p4TableInfoSm()->queryOutputIs(path, type);
   };
+  queryTables.database = tables_.get();
   queryConfigSmIs(Vela::make<Pollen::QueryConfigSm>(runtime_.loop, queryConfigDir(),
                                                     queryStatusDir(), queryTables));
 }

@@ -129,6 +129,7 @@ void P4TableInfoSm::createLatticeTableInterfaces() {
     return;
   }
   for (const cJSON* table : JsonElements(tables)) createTableInterface(table);
+  for (const cJSON* query : JsonElements(jsonArray(jsonRoot_, "queries"))) createQueryOutput(query);
   for (const std::string& name : services_.tables->removeUnboundTables()) {
     SCRIVEL_TRACE(0, "createLatticeTableInterfaces", " removed the rows of table ", name,
                   ", which the pipeline no longer has");
@@ -251,12 +252,16 @@ void P4TableInfoSm::createLatticeQueries() {
 
 void P4TableInfoSm::createQuery(const cJSON* query) {
   const char* const toDoWhat = " to create queries";
+  const std::string path = required(query, "output_table_path", toDoWhat);
+  if (services_.queryConfigDir->queryConfig(path)) {
+    throw P4RuntimeParsingException(
+        {}, fmt::format("Cannot parse query {}: it stands there twice{}", path, toDoWhat), {});
+  }
   const auto config =
-      services_.queryConfigDir->queryConfigIs(required(query, "output_table_path", toDoWhat),
-                                              required(query, "output_table_type", toDoWhat));
+      services_.queryConfigDir->queryConfigIs(path, required(query, "output_table_type", toDoWhat));
   const std::string text = required(query, "query", toDoWhat);
   SCRIVEL_TRACE(5, "Lattice query:", text);
-  config->oneShotIs(true);
+  config->oneShotIs(cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(query, "one_shot")) != 0);
   config->queryTextIs(text);
   for (const cJSON* pair : JsonElements(jsonArray(query, "input_tables"))) {
     const std::string key = required(pair, "table_key", toDoWhat);
@@ -273,11 +278,22 @@ void P4TableInfoSm::createQuery(const cJSON* query) {
   services_.queryConfigDir->activeQueryConfigIs(config);
 }
 
-// Its rows follow from others, so those of an earlier process are worth nothing.
-void P4TableInfoSm::queryOutputIs(const std::string& path, const std::string& typeName) {
-  auto interface = Vela::make<Lattice::ArTableInterface>(path, typeName, [] {});
-  queryOutputs_[path] = interface;
-  services_.tables->bindInterface(interface, path, false);
+// Before the tables that nobody has are removed, so that a query finds its rows of before. What is
+// wrong with it is told when it is checked.
+void P4TableInfoSm::createQueryOutput(const cJSON* query) {
+  const auto path = jsonString(query, "output_table_path");
+  const auto type = jsonString(query, "output_table_type");
+  if (!path || !type || !Lattice::TheTypeRegistry().type(*type)) return;
+  if (!tableNameTaken(*tableInfo_, *path)) queryOutputIs(*path, *type);
+}
+
+Vela::Ptr<Lattice::ArTableInterface> P4TableInfoSm::queryOutputIs(const std::string& path,
+                                                                  const std::string& typeName) {
+  auto& output = queryOutputs_[path];
+  if (output && output->ready() && output->typeName() == typeName) return output;
+  output = Vela::make<Lattice::ArTableInterface>(path, typeName, [] {});
+  services_.tables->bindInterface(output, path, true);
+  return output;
 }
 
 void P4TableInfoSm::watchQueryStatus(const std::string& name) {

@@ -81,8 +81,9 @@ class P4TableInfoSm : public Vela::Entity {
   // Whose batches a clean-up waits for; both outlive this. Without it, for none.
   void batchStatusIs(Vela::Ptr<BatchStatus> batchStatus, Vela::ReactorLoop& loop);
   const P4ControllerPktMetadata& controllerPktMetadata() const { return *controllerPktMetadata_; }
-  // Makes the table that an active query's rows go to.
-  void queryOutputIs(const std::string& path, const std::string& typeName);
+  // Makes the table that an active query's rows go to; rows of an earlier process stay in it.
+  Vela::Ptr<Lattice::ArTableInterface> queryOutputIs(const std::string& path,
+                                                     const std::string& typeName);
 
  private:
   void handleInitialized();
@@ -114,6 +115,7 @@ class P4TableInfoSm : public Vela::Entity {
 
   void createTableInterface(const cJSON* table);
   void createRowConstructor(const cJSON* table);
+  void createQueryOutput(const cJSON* query);
   void createQuery(const cJSON* query);
   void doFindUnprogrammable();
   void watchTypeStatus(const std::string& name);

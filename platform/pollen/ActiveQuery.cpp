@@ -97,8 +97,14 @@ bool ActiveQuery::anyChange() {
                              [](const auto& input) { return input->anyChange(); });
 }
 
+// What is known of committed rows stays true without a commit.
 void ActiveQuery::build(size_t rows) {
   startedInCommit_ = true;
+  doStep(rows);
+  if (!output_->wroteSinceCommit()) committed();
+}
+
+void ActiveQuery::doStep(size_t rows) {
   switch (phase_) {
     case Phase::begin:
       doBegin();
@@ -112,7 +118,9 @@ void ActiveQuery::build(size_t rows) {
         readSome(rows);
         if (reading_ < order_.size()) return;
       } else {
+        for (const auto& input : database_.inputs()) input->beforeIs(true);
         evaluateAll();
+        for (const auto& input : database_.inputs()) input->beforeIs(false);
       }
       phase_ = Phase::removing;
       [[fallthrough]];
@@ -245,7 +253,7 @@ void ActiveQuery::committed() {
   output_->committed();
 }
 
-void ActiveQuery::discarded() {
+bool ActiveQuery::discarded() {
   output_->discarded();
   for (const size_t number : indexedInCommit_) {
     InputTable& input = *database_.inputs()[number];
@@ -255,7 +263,9 @@ void ActiveQuery::discarded() {
     input.indexRows(rows);
   }
   indexedInCommit_.clear();
-  if (std::exchange(startedInCommit_, false) || phase_ != Phase::built) phase_ = Phase::begin;
+  const bool lost = std::exchange(startedInCommit_, false);
+  if (lost || phase_ != Phase::built) phase_ = Phase::begin;
+  return lost;
 }
 
 }  // namespace Pollen

@@ -49,7 +49,8 @@ class ActiveQuery {
   void changesAre();
   void clear();  // removes all rows of the output
   void committed();
-  void discarded();  // one that was being built, or was cleared, begins anew
+  // One that was being built, or was cleared, begins anew. Whether rows of that were lost.
+  bool discarded();
 
   uint64_t evaluations() const { return evaluations_; }
   uint64_t microseconds() const { return microseconds_; }  // of all of them
@@ -60,6 +61,7 @@ class ActiveQuery {
   bool incremental() const { return method_ != QueryMethod::Kind::complete; }
   SqlStatement prepared(std::optional<size_t> driver);
   void doBegin();
+  void doStep(size_t rows);
   void readSome(size_t rows);
   void evaluateAll();
   void evaluateChanges();

@@ -154,6 +154,7 @@ void OutputTable::write(const std::string& key, const std::string* value) {
   const uint64_t handle = derivedHandle(table_->tableName(), key);
   const uint64_t sequence =
       value ? table_->rowIs({key, *value}, handle) : table_->rowDel(key, handle);
+  wrote_ = wrote_ || sequence != 0;
   if (sequence != 0 && changed_) changed_(handle, key, sequence, !value);
 }
 
@@ -194,6 +195,7 @@ void OutputTable::committed() {
   severalBefore_.clear();
   badRowsAdded_.clear();
   fresh_.clear();
+  wrote_ = false;
 }
 
 void OutputTable::discarded() {

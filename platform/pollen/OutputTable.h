@@ -54,6 +54,7 @@ class OutputTable {
   // The commit that takes what was written since the last one has succeeded or failed.
   void committed();
   void discarded();
+  bool wroteSinceCommit() const { return wrote_; }
 
   // Whether a row went that never came; a complete picture mends it.
   bool inconsistent() const { return inconsistent_; }
@@ -95,6 +96,7 @@ class OutputTable {
   State state_;
   std::unordered_set<std::string> unconfirmed_;  // keys of stored rows, while a picture is made
   std::string loadedTo_;
+  bool wrote_ = false;  // since the last commit
   bool picturing_ = false;
   std::vector<std::string> fresh_;  // keys written in this commit, while a picture is made
   bool inconsistent_ = false;

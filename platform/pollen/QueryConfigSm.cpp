@@ -46,7 +46,10 @@ void QueryConfigSm::handleQueryConfig(const std::string& path) {
 
 // Its tables may go next.
 void QueryConfigSm::handleActive(const std::string& path) {
-  if (!configs_->activeQueryConfigHas(path)) engine_.queryDel(path);
+  if (!configs_->activeQueryConfigHas(path)) {
+    engine_.queryDel(path);
+    scheduleReaders(path);
+  }
   maybeScheduleCheck(path);
 }
 

@@ -10,9 +10,10 @@
 namespace Pollen {
 namespace {
 
-// A query that runs wild must not stop the agent for good. A million rows take some fifty millions.
-constexpr int operationsAtOnce = 1'000'000;
-constexpr uint64_t mostOperations = 2000;  // in millions
+// A query that runs wild must not stop the agent for good. A join by keys takes some fifty a row.
+constexpr uint64_t freeOperations = 20'000'000;
+constexpr uint64_t operationsARow = 500;
+constexpr uint64_t operationsAtOnce = 1'000'000;
 
 }  // namespace
 
@@ -26,7 +27,7 @@ QueryDatabase::QueryDatabase(std::vector<std::unique_ptr<InputTable>> inputs)
   sqlite3_create_module(raw, "input", &inputModule, this);
   for (size_t i = 0; i < inputs_.size(); ++i) createInput(i);
   allowReadingOnly(raw);
-  sqlite3_progress_handler(raw, operationsAtOnce, progress, this);
+  sqlite3_progress_handler(raw, static_cast<int>(operationsAtOnce), progress, this);
 }
 
 void QueryDatabase::createInput(size_t number) {
@@ -36,7 +37,17 @@ void QueryDatabase::createInput(size_t number) {
 }
 
 int QueryDatabase::progress(void* self) {
-  return ++static_cast<QueryDatabase*>(self)->operations_ > mostOperations ? 1 : 0;
+  auto& database = *static_cast<QueryDatabase*>(self);
+  return ++database.operations_ * operationsAtOnce > database.operationsAllowed() ? 1 : 0;
+}
+
+uint64_t QueryDatabase::operationsAllowed() try {
+  uint64_t rows = 0;
+  for (const auto& input : inputs_) rows += input->rowCount();
+  return freeOperations + rows * operationsARow;
+} catch (...) {
+  thrown_ = std::current_exception();
+  return 0;
 }
 
 void QueryDatabase::fail() {

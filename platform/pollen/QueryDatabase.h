@@ -38,12 +38,13 @@ class QueryDatabase {
   SqlStatement prepared(const std::string& text, std::optional<size_t> driver);
   // Whether there is a row. Throws QueryError, or what reading rows threw.
   bool stepped(sqlite3_stmt* statement);
-  void evaluationBegins() { operations_ = 0; }  // their number is bounded
+  void evaluationBegins() { operations_ = 0; }  // whose operations are bounded in number
 
  private:
   friend struct InputVtab;
   friend struct InputCursor;
   static int progress(void* self);
+  uint64_t operationsAllowed();
   void createInput(size_t number);
   void keepIndexesOf(const std::string& text);
   [[noreturn]] void fail();
@@ -52,7 +53,7 @@ class QueryDatabase {
   std::vector<std::unique_ptr<InputTable>> inputs_;
   std::optional<size_t> driver_;  // of the statement that is being prepared
   std::exception_ptr thrown_;     // by a callback from SQLite, which knows no exceptions
-  uint64_t operations_ = 0;       // in millions
+  uint64_t operations_ = 0;       // in millions, of this evaluation
 };
 
 }  // namespace Pollen

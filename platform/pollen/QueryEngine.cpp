@@ -185,10 +185,10 @@ void QueryEngine::committed() {
 void QueryEngine::discarded() {
   for (const auto& query : queries_) {
     if (!query->active) continue;
-    query->active->discarded();
+    const bool lost = query->active->discarded();
     if (query->active->built() || query->state == State::failed) continue;
     query->finished = false;
-    stateIs(*query, State::failed, "its rows could not be stored");
+    if (lost) stateIs(*query, State::failed, "its rows could not be stored");
   }
 }
 

@@ -213,7 +213,7 @@ TEST_F(P4TableInfoSmTest, QueriesComeUpWithTheirTables) {
        "params": [{"param_key": "p", "param_value": "1"}]}])");
   const auto query = agent().services.queryConfigDir->queryConfig("ports");
   ASSERT_TRUE(query);
-  EXPECT_TRUE(query->oneShot());
+  EXPECT_FALSE(query->oneShot());
   EXPECT_EQ(query->inputTable("e"), "exact");
   EXPECT_EQ(query->parameter("p"), "1");
 }

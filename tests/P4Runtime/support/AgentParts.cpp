@@ -151,7 +151,10 @@ void AgentParts::doBuild() {
       loop, services.queryConfigDir, services.queryStatusDir,
       Pollen::QueryTables{
           [this](const auto& name) { return tableInfo->typeOfTable(name); },
-          [this](const auto& path, const auto& type) { tableInfoSm->queryOutputIs(path, type); }});
+          [this](const auto& path, const auto& type) {
+            return tableInfoSm->queryOutputIs(path, type);
+          },
+          database.get()});
   forwarder = std::make_unique<FakeForwarder>(*store, *batchStatus);
   _pi_assign_device(deviceId, nullptr, nullptr);
 }

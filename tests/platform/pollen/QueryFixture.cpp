@@ -145,9 +145,10 @@ Tables::Tables(const std::string& directory) : store(directory) {
   database = Lattice::Database::create(loop, store, {.doorbellPath = directory + "/doorbell.sock"});
   Pollen::QueryTables tables;
   tables.typeOf = [this](const std::string& name) {
-    return configs->queryConfig(name) ? nullptr : typeOf(name);
+    return outputs_.contains(name) ? nullptr : typeOf(name);
   };
   tables.outputTableIs = [this](const std::string& path, const std::string& type) {
+    outputs_.insert(path);
     tableIs(path, type);
     return interfaces[path];
   };
@@ -217,6 +218,7 @@ void Tables::write(const std::string& table, const Cells& cells, bool deleted) {
 }
 
 Rows Tables::rows(const std::string& table) {
+  const Unlocked commits;
   const ActivityLock lock;
   Rows rows;
   Lattice::StoredRows(store, table).forEachCommitted([&](auto key, auto value) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <variant>
@@ -107,6 +108,7 @@ class Tables {
 
  private:
   std::shared_ptr<const Lattice::TableType> typeOf(const std::string& table) const;
+  std::set<std::string> outputs_;
   std::vector<std::string> types_;
 };
 

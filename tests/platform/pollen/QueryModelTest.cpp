@@ -175,7 +175,8 @@ class QueryModelTest : public testing::TestWithParam<unsigned> {
   void expectAll(const std::string& when) {
     for (const Case& one : cases()) {
       ASSERT_EQ(tables->rows(one.query.path), tables->expected(one.query))
-          << one.query.path << " " << when << ", seed " << GetParam();
+          << one.query.path << " " << when << ", seed " << GetParam() << "\n"
+          << (Vela::ActivityLock(), tables->sm->publishStatuses(), tables->sm->statusText());
     }
   }
 
