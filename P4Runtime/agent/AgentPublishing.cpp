@@ -38,6 +38,7 @@ void Agent::doPublish() {
   const auto update = [this] { doUpdateStatus(); };
   changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe(update));
   changes_.push_back(piServer()->serverReadyAttribute().observe(update));
+  changes_.push_back(p4TableInfo()->tableInfoStateAttribute().observe(update));
   statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] { doUpdateStatus(); });
   statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
 }

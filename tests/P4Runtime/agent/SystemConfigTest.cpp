@@ -136,8 +136,8 @@ TEST_F(SystemConfigTest, WriteInProgressIsSettledFirst) {
               "disable: the Write in progress, before the tables are let go");
     if (enabledAgain) enabledIs(true);
     forwarder().failNext(ErrorCode::hardwareError, "no");
-    forwarder().programNext();
     EXPECT_EQ(agent().outcome().size(), 1u);
+    forwarder().programAll();  // what was put back
     agent().settle();
     if (!enabledAgain) break;
     EXPECT_EQ(picture(), "enabled cleanup 1 disable 0");
