@@ -50,11 +50,13 @@ TEST_F(DevicesTest, TheTableIsAsTheKernelHasIt) {
   ip("link set two down");
   until([&] { return !devices->device("one")->operUp(); });
 
+  const auto one = devices->device("one");
   ip("link add bridge type bridge");
   ip("link set one master bridge");
   ip("link set one nomaster");  // the bridge says that a port of it is gone; the device is not
   ip("link set one down");
   until([&] { return text("bridge", "kind") == "bridge" && !devices->device("one")->adminUp(); });
+  EXPECT_EQ(devices->device("one"), one);
 }
 
 TEST_F(DevicesTest, ADeviceUnderAnotherNameOrMadeAnewIsAnotherEntity) {
