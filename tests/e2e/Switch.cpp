@@ -12,6 +12,7 @@ namespace {
 Pipeline pipelineFor(const Switch::Options& options, const TempDir& directory) {
   Pipeline pipeline = Router::pipeline();
   if (options.routeTableSize) pipeline.tableSizeIs(Router::routeTable, options.routeTableSize);
+  if (options.pipelineChange) options.pipelineChange(pipeline);
   pipeline.written(directory.file("pipeline.pb.bin"));
   return pipeline;
 }
@@ -21,7 +22,9 @@ AgentOptions agentOptions(const Switch::Options& options, const TempDir& directo
           .pipelineFile = directory.file("pipeline.pb.bin"),
           .batchTimeout = options.batchTimeout,
           .pluginDirectory = options.pluginDirectory,
-          .enabled = options.enabled};
+          .enabled = options.enabled,
+          .ports = options.ports,
+          .arguments = options.agent};
 }
 
 }  // namespace
@@ -52,6 +55,7 @@ bool Switch::startForwarder() {
 
 bool Switch::connectController() {
   controller_ = std::make_unique<TestController>(agent.address(), ++electionId_);
+  controller_->onPacketInIs(onPacketIn);
   return controller_->becomePrimary();
 }
 

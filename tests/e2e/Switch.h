@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -28,6 +30,9 @@ class Switch {
     int64_t routeTableSize = 0;  // 0: as the pipeline file says
     std::string pluginDirectory;
     bool enabled = true;
+    std::vector<std::string> agent;
+    std::map<uint32_t, std::string> ports;  // mapped to interfaces
+    std::function<void(TestSupport::Pipeline&)> pipelineChange;
   };
   Switch() : Switch(Options{}) {}
   explicit Switch(const Options& options);  // starts nothing
@@ -43,6 +48,8 @@ class Switch {
   TestSupport::AgentProcess agent;
   TestSupport::ForwarderProcess forwarder;
   TestSupport::TestController& controller() { return *controller_; }
+  // Set it before start(): called for each packet-in, on the stream's thread.
+  std::function<void(const p4::v1::PacketIn&)> onPacketIn;
   const TestSupport::Pipeline& pipeline() const { return pipeline_; }
   const TestSupport::TempDir& directory() const { return directory_; }
 

@@ -1,0 +1,184 @@
+// Packets that cannot go where they should, controllers that do not read, and an agent that is
+// asked to stop: each gets a clear answer, is counted, and harms nobody else.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tests/e2e/WiredSwitch.h"
+
+using namespace TestSupport;
+using grpc::StatusCode;
+
+namespace {
+
+std::string packetOf(uint64_t sequence, size_t size = 100) {
+  return markedPacket({.stream = 1, .port = 1, .sequence = sequence}, size);
+}
+
+// Counts what arrives, wherever it should not.
+struct Arrivals {
+  std::atomic<uint64_t> out{0};
+  std::atomic<uint64_t> in{0};
+  WiredSwitch::AtFarEnd atFarEnd() {
+    return [this](uint32_t, std::span<const uint8_t>) { ++out; };
+  }
+  WiredSwitch::AtController atController() {
+    return [this](const p4::v1::PacketIn&) { ++in; };
+  }
+};
+
+TEST(PacketOut, ThatIsWrongIsRefusedInWordsAndCounted) {
+  using Packet = p4::v1::PacketOut;
+  const struct {
+    const char* what;
+    std::function<void(Packet&)> change;
+    StatusCode code;  // of the stream error; OK: there is none, since the packet has been taken
+    const char* counted;
+  } cases[] = {
+      {"no metadata", [](Packet& p) { p.clear_metadata(); }, StatusCode::INVALID_ARGUMENT,
+       "outRefusedMetadata"},
+      {"one is missing", [](Packet& p) { p.mutable_metadata()->RemoveLast(); },
+       StatusCode::INVALID_ARGUMENT, "outRefusedMetadata"},
+      {"one is unknown", [](Packet& p) { p.mutable_metadata(1)->set_metadata_id(77); },
+       StatusCode::INVALID_ARGUMENT, "outRefusedMetadata"},
+      {"one is there twice", [](Packet& p) { *p.add_metadata() = p.metadata(0); },
+       StatusCode::INVALID_ARGUMENT, "outRefusedMetadata"},
+      {"one stands for another", [](Packet& p) { p.mutable_metadata(1)->set_metadata_id(1); },
+       StatusCode::INVALID_ARGUMENT, "outRefusedMetadata"},
+      {"a value is too wide", [](Packet& p) { p.mutable_metadata(1)->set_value("\1\1"); },
+       StatusCode::INVALID_ARGUMENT, "outRefusedMetadata"},
+      {"a value is empty", [](Packet& p) { p.mutable_metadata(0)->set_value(""); },
+       StatusCode::INVALID_ARGUMENT, "outRefusedMetadata"},
+      {"a port that is not mapped", [](Packet& p) { p.mutable_metadata(0)->set_value("\7"); },
+       StatusCode::OK, "outDroppedNoMapping"},
+      {"longer than the MTU", [](Packet& p) { p.set_payload(packetOf(0, 9015)); }, StatusCode::OK,
+       "outDroppedTooLong"},
+      {"much longer than any packet", [](Packet& p) { p.set_payload(packetOf(0, 60000)); },
+       StatusCode::OK, "outDroppedTooLong"},
+      {"nothing in it", [](Packet& p) { p.clear_payload(); }, StatusCode::INVALID_ARGUMENT,
+       "outRefusedMetadata"},
+      {"less than an Ethernet header", [](Packet& p) { p.set_payload("short"); }, StatusCode::OK,
+       "outDroppedFailed"},
+  };
+  Arrivals arrived;
+  WiredSwitch tested({.ports = 1}, arrived.atFarEnd());
+  ASSERT_TRUE(tested.start());
+  TestController& controller = tested.controller();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const uint64_t before = tested.count(c.counted);
+    Packet packet = packetOut(1, packetOf(0));
+    c.change(packet);
+    ASSERT_TRUE(controller.send(packet));
+    if (c.code != StatusCode::OK) {
+      const auto error = controller.streamError();
+      ASSERT_TRUE(error);
+      EXPECT_EQ(error->canonical_code(), c.code);
+      EXPECT_NE(error->message(), "");
+    }
+    EXPECT_TRUE(waitUntil([&] { return tested.count(c.counted) == before + 1; })) << tested.drops();
+  }
+  TestController stranger(tested.agent.address(), 0);
+  ASSERT_TRUE(stranger.send(packetOut(1, packetOf(0))));  // before any arbitration
+  const auto error = stranger.streamError();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->canonical_code(), StatusCode::PERMISSION_DENIED);
+  EXPECT_TRUE(waitUntil([&] { return tested.count("outRefusedNotPrimary") == 1; }));
+  // The first that is right arrives, and is the first that does.
+  ASSERT_TRUE(controller.send(packetOut(1, packetOf(0))));
+  EXPECT_TRUE(waitUntil([&] { return arrived.out > 0; }));
+  EXPECT_EQ(arrived.out, 1u);
+  EXPECT_EQ(controller.streamErrorCount(), 8u);
+}
+
+// A header longer than an Ethernet header, so that a packet can end within it.
+void longPacketIn(Pipeline& pipeline) {
+  for (auto& header : *pipeline.request()
+                           .mutable_config()
+                           ->mutable_p4info()
+                           ->mutable_controller_packet_metadata()) {
+    if (header.preamble().name() != "packet_in") continue;
+    for (uint32_t id = 3; id < 7; ++id) {
+      auto& field = *header.add_metadata();
+      field.set_id(id);
+      field.set_name("more" + std::to_string(id));
+      field.set_bitwidth(31);
+    }
+  }
+}
+
+TEST(PacketIn, ThatEndsWithinItsHeaderIsCountedAndTheNextOneComes) {
+  Arrivals arrived;
+  WiredSwitch tested({.ports = 1, .pipelineChange = longPacketIn}, arrived.atFarEnd(),
+                     arrived.atController());
+  ASSERT_TRUE(tested.start());
+  const std::string header(21, '\1');
+  for (size_t size = 14; size < header.size(); ++size) {
+    ASSERT_TRUE(tested.cpuFarEnd().send(header.substr(0, size)));
+  }
+  const uint64_t malformed = header.size() - 14;
+  EXPECT_TRUE(waitUntil([&] { return tested.count("inDroppedMalformed") == malformed; }));
+  ASSERT_TRUE(tested.cpuFarEnd().send(header + packetOf(0)));
+  EXPECT_TRUE(waitUntil([&] { return arrived.in > 0; }));
+  EXPECT_EQ(arrived.in, 1u);
+  EXPECT_TRUE(waitUntil([&] { return tested.count("in") == malformed + 1; }));
+}
+
+TEST(SlowController, LosesItsOwnPacketsAndHoldsUpNobody) {
+  Arrivals arrived;
+  WiredSwitch tested({.ports = 1}, arrived.atFarEnd(), arrived.atController());
+  ASSERT_TRUE(tested.start());
+  tested.controller().readsIs(false);
+  std::atomic<bool> done{false};
+  uint64_t sent = 0;
+  std::thread forwardingPlane([&] {
+    const std::string packet = punted(1, packetOf(0, 9000));
+    const std::vector<std::string_view> packets(64, packet);
+    while (!done) sent += tested.cpuFarEnd().send(packets);
+  });
+  // Another channel of the same controller.
+  TestController writer(tested.agent.address(), 2);
+  EXPECT_TRUE(waitUntil([&] { return tested.count("inDroppedSlowController") > 1000; }));
+  for (uint32_t i = 0; i < 50; ++i) {
+    EXPECT_TRUE(writer.write({insertOf(tested.route(i, 1))}).ok());
+  }
+  done = true;
+  forwardingPlane.join();
+  const auto accounted = [&] {
+    return tested.count("inToControllers") + tested.count("inDroppedSlowController") +
+           tested.count("inDroppedMissed") + tested.count("inDroppedRefused");
+  };
+  EXPECT_TRUE(waitUntil([&] { return accounted() == sent; })) << tested.drops();
+  tested.controller().readsIs(true);
+  EXPECT_TRUE(waitUntil([&] { return arrived.in == tested.count("inToControllers"); }));
+  EXPECT_EQ(tested.disagreement(), "");
+}
+
+TEST(AgentStopped, UnderPacketLoadExitsWithZero) {
+  for (int round = 0; round < 4; ++round) {
+    SCOPED_TRACE(testing::Message() << "round " << round);
+    Arrivals arrived;
+    WiredSwitch tested({.ports = 1, .cpuTap = round % 2 == 0}, arrived.atFarEnd(),
+                       arrived.atController());
+    ASSERT_TRUE(tested.start());
+    if (round == 3) tested.controller().readsIs(false);
+    std::atomic<bool> done{false};
+    std::thread controller([&] {
+      while (tested.controller().send(packetOut(1, packetOf(0, 1500)))) continue;
+    });
+    std::thread forwardingPlane([&] {
+      // Punted when it comes through the port, too.
+      while (!done) tested.farEnd(1).send(packetOf(0, 1500));
+    });
+    EXPECT_TRUE(waitUntil([&] { return arrived.out > 1000 && tested.count("in") > 1000; }));
+    tested.agent.process().signal(round % 2 ? SIGTERM : SIGINT);
+    EXPECT_EQ(tested.agent.process().exitStatus(), (ExitStatus{.code = 0}));
+    done = true;
+    tested.controller().readsIs(true);
+    controller.join();
+    forwardingPlane.join();
+  }
+}
+
+}  // namespace
