@@ -168,7 +168,7 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
 void ControllerStream::handleForDevice(const p4::v1::StreamMessageRequest& request) {
   const bool isPacket = request.has_packet();
   if (!arbitration_.isPrimary(*this)) {
-    if (isPacket && role_) packetCounts_->outNotPrimary.add();
+    if (isPacket) countNotPrimary();
     report(request, StatusCode::PERMISSION_DENIED,
            "not primary; become primary by an arbitration update first");
     return;
@@ -185,6 +185,14 @@ void ControllerStream::handleForDevice(const p4::v1::StreamMessageRequest& reque
   const auto code = static_cast<StatusCode>(status.code());
   if (isPacket) countOut(code);
   if (code != StatusCode::OK) report(request, code, status.message());
+}
+
+// Before its first arbitration update a stream belongs to no device; where there is but one, the
+// packet can only have been meant for that.
+void ControllerStream::countNotPrimary() {
+  if (role_) return packetCounts_->outNotPrimary.add();
+  const auto deviceId = devices_.onlyDevice();
+  if (deviceId) core::packetCountsOf(*deviceId).outNotPrimary.add();
 }
 
 void ControllerStream::countOut(StatusCode code) {

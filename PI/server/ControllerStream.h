@@ -50,6 +50,7 @@ class ControllerStream : public ArbitrationClient {
   grpc::Status handle(const p4::v1::StreamMessageRequest& request);
   grpc::Status handleArbitration(const p4::v1::MasterArbitrationUpdate& update);
   void handleForDevice(const p4::v1::StreamMessageRequest& request);
+  void countNotPrimary();
   void countOut(grpc::StatusCode code);
   void report(const p4::v1::StreamMessageRequest& request, grpc::StatusCode code,
               const std::string& message);

@@ -48,6 +48,12 @@ std::shared_ptr<Devices::DeviceMgr> Devices::device(uint64_t deviceId) const {
   return found == devices_.end() ? nullptr : found->second;
 }
 
+std::optional<uint64_t> Devices::onlyDevice() const {
+  const std::lock_guard lock(mutex_);
+  if (devices_.size() != 1) return std::nullopt;
+  return devices_.begin()->first;
+}
+
 void Devices::onResponse(pi_dev_id_t deviceId, p4::v1::StreamMessageResponse* response,
                          void* devices) {
   static_cast<Devices*>(devices)->receiver_(deviceId, std::move(*response));

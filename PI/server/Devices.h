@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "PI/frontends/proto/device_mgr.h"
@@ -34,6 +35,7 @@ class Devices {
   // NOT_FOUND for 0, and for an id that is none of the devices when there are any.
   grpc::Status requireKnown(uint64_t deviceId) const;
   std::shared_ptr<DeviceMgr> device(uint64_t deviceId) const;  // null when not (yet) there
+  std::optional<uint64_t> onlyDevice() const;  // its id, when there is one and no other
 
  private:
   static void onResponse(pi_dev_id_t deviceId, p4::v1::StreamMessageResponse* response,
