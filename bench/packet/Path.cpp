@@ -6,72 +6,77 @@
 #include <stdexcept>
 
 #include "tests/support/MarkedPacket.h"
+#include "tests/support/Waiting.h"
 
 namespace Bench {
 namespace {
-
-using TestSupport::Window;
 
 constexpr size_t batch = 32;
 constexpr size_t headBytes = 46;  // of a marked packet: what tells it from others
 
 }  // namespace
 
-// Packets of an earlier measurement may still come, so each has a mark of its own, and the window
-// is set after the packet, by which the receiver knows whom to tell.
-void Path::begin(size_t bytes, Window& window) {
-  window_ = nullptr;
+// Packets of an earlier measurement may still come, so each has a mark of its own.
+void Path::begin(size_t bytes) {
+  open_ = false;
   packet_ = TestSupport::markedPacket({.stream = ++stream_}, bytes);
-  window_ = &window;
-}
-
-void Path::take(Window& window) {
-  if (window.take()) return;
-  window_ = nullptr;
-  throw std::runtime_error("packets got lost; is the machine overloaded?");
+  arrived_ = 0;
+  awaited_ = 0;
+  open_ = true;
 }
 
 void Path::arrived(std::string_view packet) {
-  Window* const window = window_;
-  if (!window || packet.size() != packet_.size() ||
+  if (!open_ || packet.size() != packet_.size() ||
       packet.substr(0, headBytes) != std::string_view(packet_).substr(0, headBytes)) {
     return;
   }
   lastArrival_ = Clock::now();
-  window->give();
+  if (++arrived_ != awaited_) return;
+  const std::lock_guard lock(mutex_);
+  told_.notify_one();
+}
+
+bool Path::waitArrived(uint64_t count, std::chrono::milliseconds timeout) {
+  if (arrived_ >= count) return true;
+  awaited_ = count;
+  std::unique_lock lock(mutex_);
+  return told_.wait_for(lock, timeout, [&] { return arrived_ >= count; });
+}
+
+void Path::mustArrive(uint64_t count) {
+  if (waitArrived(count, TestSupport::patience)) return;
+  open_ = false;
+  throw std::runtime_error("packets got lost; is the machine overloaded?");
 }
 
 double Path::rate(size_t packets) {
-  Window window(packetWindow);
-  begin(packet_.size(), window);
+  begin(packet_.size());
   std::array<std::string_view, batch> same;
   same.fill(packet_);
   const auto start = Clock::now();
-  for (size_t sent = 0; sent < packets;) {
-    take(window);
-    size_t count = 1;
-    while (count < std::min(batch, packets - sent) && window.maybeTake()) ++count;
+  for (uint64_t sent = 0; sent < packets;) {
+    if (sent - arrived_ + batch > packetWindow) mustArrive(sent - packetWindow / 2);
+    const size_t count = std::min<uint64_t>(batch, packets - sent);
     send({same.data(), count});
     sent += count;
   }
-  for (ptrdiff_t i = 0; i < packetWindow; ++i) take(window);
-  window_ = nullptr;
+  mustArrive(packets);
+  open_ = false;
   const Duration taken = lastArrival_.load() - start;
   return static_cast<double>(packets) / (taken.count() / 1e6);
 }
 
 Duration Path::median(size_t alone) {
-  Window window(0);
-  begin(packet_.size(), window);
+  begin(packet_.size());
   const std::string_view packet = packet_;
   Samples samples;
-  for (size_t i = 0; i < alone; ++i) {
+  for (size_t i = 1; i <= alone; ++i) {
     const auto start = Clock::now();
     send({&packet, 1});
-    take(window);
+    mustArrive(i);
     samples.add(lastArrival_.load() - start);
   }
-  window_ = nullptr;
+  open_ = false;
   return samples.median();
 }
 
@@ -86,14 +91,13 @@ PathFigures Path::measured(size_t bytes, size_t packets, size_t alone) {
 }
 
 void Path::waitOpen() {
-  Window window(0);
-  begin(64, window);
+  begin(64);
   const std::string_view packet = packet_;
   const bool open = TestSupport::waitUntil([&] {
     send({&packet, 1});
-    return window.maybeTake();
+    return arrived_ > 0;
   });
-  window_ = nullptr;
+  open_ = false;
   if (!open) throw std::runtime_error("no packet gets through");
 }
 

@@ -2,17 +2,19 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
 
 #include "bench/p4runtime/Samples.h"
-#include "tests/support/Window.h"
 
 namespace Bench {
 
-// On their way at once: more would overrun the kernel's queue between the ends of a link.
-constexpr ptrdiff_t packetWindow = 512;
+// On their way at once: more would overrun the kernel's queue between the ends of a link. When so
+// many are, the sender waits until half of them have arrived, so that it sends in batches.
+constexpr uint64_t packetWindow = 512;
 
 struct PathFigures {
   size_t bytes = 0;
@@ -42,13 +44,18 @@ class Path {
  private:
   double rate(size_t packets);
   Duration median(size_t alone);
-  void begin(size_t bytes, TestSupport::Window& window);
-  void take(TestSupport::Window& window);
+  void begin(size_t bytes);
+  bool waitArrived(uint64_t count, std::chrono::milliseconds timeout);
+  void mustArrive(uint64_t count);
 
   std::string packet_;
-  uint32_t stream_ = 0;                                // tells measurements apart
-  std::atomic<TestSupport::Window*> window_{nullptr};  // of the one that runs
+  uint32_t stream_ = 0;  // tells measurements apart
+  std::atomic<bool> open_{false};
+  std::atomic<uint64_t> arrived_{0};  // of those being measured
+  std::atomic<uint64_t> awaited_{0};  // at so many the sender is told
   std::atomic<Clock::time_point> lastArrival_{};
+  std::mutex mutex_;
+  std::condition_variable told_;
 };
 
 }  // namespace Bench
