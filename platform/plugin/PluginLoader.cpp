@@ -28,7 +28,11 @@ std::vector<std::string> librariesIn(const std::string& directory, std::error_co
 }  // namespace
 
 PluginLoader::PluginLoader(PluginContext context) : context_(std::move(context)) {}
-PluginLoader::~PluginLoader() = default;
+
+// Plugins know the directories that hold them.
+PluginLoader::~PluginLoader() {
+  for (const auto& plugin : plugins_) context_.pluginDataDir->entityDel(plugin->name());
+}
 
 void PluginLoader::load(const std::string& directory) {
   SCRIVEL_TRACE(1, "load ", directory);
