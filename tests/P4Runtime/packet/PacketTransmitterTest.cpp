@@ -120,6 +120,21 @@ TEST_F(PacketTransmitterTest, AFullDeviceHoldsItsPortsPacketsBackInOrderAndNoOth
   EXPECT_EQ(status_->sent(), 11u);
 }
 
+// More than one call into the kernel takes: what follows the call that the device cut short waits
+// behind what that call left.
+TEST_F(PacketTransmitterTest, AFullDeviceCutsLongRunsShortInOrder) {
+  constexpr int last = 200;
+  enqAll(1, 1, last);
+  for (const int room : {10, 20, 1000}) {
+    space("a", room);
+    settle();
+  }
+  ASSERT_EQ(devices_.all.size(), size_t{last});
+  for (int number = 1; number <= last; ++number) {
+    EXPECT_EQ(devices_.all[static_cast<size_t>(number - 1)].second, number);
+  }
+}
+
 TEST_F(PacketTransmitterTest, WhatWaitsFollowsItsPortToAnotherInterface) {
   devices_.room["a"] = 1;
   enqAll(1, 1, 3);
