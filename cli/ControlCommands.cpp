@@ -9,16 +9,14 @@
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "cli/AgentRequest.h"
-#include "cli/AttributeText.h"
 #include "cli/ClientOptions.h"
+#include "cli/StatusSections.h"
 #include "platform/orrery/Client.h"
 
 namespace {
@@ -49,20 +47,6 @@ void printAnswer(const ClientOptions& options, const std::string& text) {
 void runCommand(const ClientOptions& options, const char* command,
                 const std::vector<std::string>& arguments) {
   printAnswer(options, executed(options.stateDirectory, command, arguments));
-}
-
-// Ports in the order of their ids.
-std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attributes,
-                                                               const char* name) {
-  std::vector<std::pair<std::string, std::string>> entries;
-  const cJSON* one = nullptr;
-  cJSON_ArrayForEach(one, cJSON_GetObjectItemCaseSensitive(attributes, name)) {
-    entries.emplace_back(one->string, valueText(*one));
-  }
-  std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
-    return std::pair(a.first.size(), a.first) < std::pair(b.first.size(), b.first);
-  });
-  return entries;
 }
 
 void runPortList(const Options& options) {

@@ -13,6 +13,7 @@
 
 #include "cli/AttributeText.h"
 #include "cli/ClientOptions.h"
+#include "cli/StatusSections.h"
 #include "platform/orrery/Client.h"
 
 namespace {
@@ -113,7 +114,7 @@ void printPackets(const Json& packets) {
 }
 
 void printForPeople(Orrery::Client& client, const Json& system, const Json& agent,
-                    const Json& failures, const Json& packets) {
+                    const Json& failures, const Json& packets, const Json& sections) {
   printAttribute(
       "agent",
       *Json(cJSON_CreateString(fmt::format("running, pid {}", client.agentPid()).c_str())));
@@ -124,12 +125,14 @@ void printForPeople(Orrery::Client& client, const Json& system, const Json& agen
     fmt::print("the agent is starting: there is no {} yet\n", agentPath);
   }
   if (system) printAll(system);
+  printStatusSections(*sections);
   printPackets(packets);
   printFailures(failures);
 }
 
-void printJson(int64_t pid, Json system, Json agent, Json failures, Json packets) {
-  const Json json(cJSON_CreateObject());
+// Adds to what is in `json` already.
+void printJson(int64_t pid, Json system, Json agent, Json failures, Json packets,
+               const Json& json) {
   cJSON_AddBoolToObject(json.get(), "running", pid != 0);
   if (pid != 0) cJSON_AddNumberToObject(json.get(), "pid", static_cast<double>(pid));
   if (system) cJSON_AddItemToObject(json.get(), "system", system.release());
@@ -146,14 +149,16 @@ void runStatus(const ClientOptions& options) {
     Json agent = attributes(client, agentPath);
     Json failures = attributes(client, failuresPath);
     Json packets = attributes(client, packetsPath);
+    const Json sections(cJSON_CreateObject());
+    addStatusSections(client, sections.get());
     if (options.json) {
       printJson(client.agentPid(), std::move(system), std::move(agent), std::move(failures),
-                std::move(packets));
+                std::move(packets), sections);
     } else {
-      printForPeople(client, system, agent, failures, packets);
+      printForPeople(client, system, agent, failures, packets, sections);
     }
   } catch (const Orrery::NoAgentError&) {
-    if (options.json) printJson(0, nullptr, nullptr, nullptr, nullptr);
+    if (options.json) printJson(0, nullptr, nullptr, nullptr, nullptr, Json(cJSON_CreateObject()));
     throw;
   }
 }

@@ -1,0 +1,19 @@
+// The parts of `korvel status` that tell of ports, queries and VRFs.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/orrery/Client.h"
+#include "platform/orrery/Json.h"
+
+// Entries of a collection of an entity's attributes; names that are numbers in their order.
+std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attributes,
+                                                               const char* name);
+
+// Adds a member a section, with the attributes of its entities; a section of which the agent has
+// nothing is left out.
+void addStatusSections(Orrery::Client& client, cJSON* status);
+// Prints what addStatusSections() found; nothing where there is nothing to say.
+void printStatusSections(const cJSON& status);
