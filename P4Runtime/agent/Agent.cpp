@@ -97,6 +97,7 @@ void Agent::doBuildTableProgramming() {
 }
 
 void Agent::doFollowReports() {
+  derivedFailures_ = std::make_unique<DerivedFailures>(tableImpl()->failures());
   const auto followTimeout = [this] {
     batchStatus()->batchTimeoutIs(agentConfig()->batchTimeout());
   };
@@ -112,11 +113,13 @@ void Agent::doFollowReports() {
   batchStatus()->strayReportHandlerIs(
       [this](const Lattice::Report& report) { tableImpl()->handleStrayReport(report); });
   tables_->observerIs({
-      .reports = [this](auto reports) { batchStatus()->reportsAre(reports); },
+      .reports =
+          [this](auto reports) { batchStatus()->reportsAre(derivedFailures_->taken(reports)); },
       .inStep =
           [this](uint64_t sequence) {
             batchStatus()->inStepIs(sequence);
             tableImpl()->handleInStep(sequence);
+            derivedFailures_->inStepIs(sequence);
           },
   });
 }
@@ -137,6 +140,11 @@ void Agent::doBuildPipeline() {
   queryTables.database = tables_.get();
   queryConfigSmIs(Vela::make<Pollen::QueryConfigSm>(runtime_.loop, queryConfigDir(),
                                                     queryStatusDir(), queryTables));
+  Pollen::QueryEngine& engine = queryConfigSm()->engine();
+  engine.derivedRowHandlerIs([this](uint64_t handle, auto, uint64_t sequence, bool deleted) {
+    if (deleted) derivedFailures_->rowRemoved(handle, sequence);
+  });
+  derivedFailures_->rowTextsIs([&engine](auto handles) { return engine.rowTexts(handles); });
 }
 
 // The launcher keeps the table; without one there are no devices.

@@ -18,6 +18,7 @@
 #include "P4Runtime/packet/P4RuntimeCpuPktSm.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "P4Runtime/table/DerivedFailures.h"
 #include "platform/companion/BatchStatus.h"
 #include "platform/companion/BridgingConfig.h"
 #include "platform/companion/Cli.h"
@@ -124,6 +125,7 @@ class Agent : public Vela::Entity {
   Vela::Ptr<Pollen::TypeService> typeService_;
   Vela::Ptr<const HwStatusDir> hwStatusDir_;
   Vela::Ptr<AgentStatus> status_;
+  std::unique_ptr<DerivedFailures> derivedFailures_;
   std::unique_ptr<AgentPackets> packets_;
   std::unique_ptr<Vela::Timer> statusTimer_;
   std::vector<Vela::Observation> changes_;

@@ -53,6 +53,8 @@ void Agent::doUpdateStatus() {
   status_->permissionLevelIs(
       permissionText(pi::fe::proto::DeviceMgr::get_operation_permission_level()));
   status_->tablesIs(p4TableInfo()->tableFillText());
+  queryConfigSm()->publishStatuses();
+  status_->queriesIs(queryConfigSm()->statusText());
   status_->pluginsIs(pluginsText());
   std::string subscribers;
   for (const Lattice::SubscriberInfo& subscriber : tables_->subscribers()) {

@@ -23,6 +23,7 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, permissionLevel, "")  // what requests may do, in words
   VELA_READONLY_ATTRIBUTE(std::string, tables, "")           // "name entries/size", one a line
   VELA_READONLY_ATTRIBUTE(std::string, plugins, "")          // "name state", one a line
+  VELA_READONLY_ATTRIBUTE(std::string, queries, "")          // how each is kept, one a line
   VELA_READONLY_ATTRIBUTE(std::string, subscribers, "")      // forwarding agents, one a line
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsAccepted, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)

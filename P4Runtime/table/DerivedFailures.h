@@ -1,0 +1,42 @@
+// What forwarding agents report on the rows of queries. No batch waits for it; failures are listed
+// with those of other entries until the row is programmed or gone.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "P4Runtime/table/EntryFailures.h"
+#include "platform/lattice/Database.h"
+
+namespace P4Runtime {
+
+// Call with the activity lock held.
+class DerivedFailures {
+ public:
+  explicit DerivedFailures(Vela::Ptr<EntryFailures> failures) : failures_(std::move(failures)) {}
+
+  // What to call the derived rows with these handles; empty where a row is not there (any more).
+  using RowTexts = std::function<std::vector<std::string>(std::span<const uint64_t> handles)>;
+  void rowTextsIs(RowTexts rowTexts) { rowTexts_ = std::move(rowTexts); }
+
+  // Takes the reports on derived rows, and answers the others, which are valid until the next call.
+  std::span<const Lattice::Report> taken(std::span<const Lattice::Report> reports);
+  void rowRemoved(uint64_t handle, uint64_t sequence);
+  // All forwarding agents hold just what stood in the tables at `sequence`, or later.
+  void inStepIs(uint64_t sequence);
+
+ private:
+  void list(const std::vector<Lattice::Report>& failed);
+  void mended(uint64_t handle);
+
+  const Vela::Ptr<EntryFailures> failures_;
+  RowTexts rowTexts_;
+  std::map<uint64_t, uint64_t> failing_;  // by handle: when the row was removed, 0: it stands
+  std::vector<Lattice::Report> others_;
+};
+
+}  // namespace P4Runtime
