@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "P4Runtime/packet/ControllerInterface.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -23,6 +24,9 @@ std::string intfNameRefused(const std::string& intf) {
   if (intf.size() > longestIntfName) {
     return fmt::format("interface name '{}' is longer than {} characters", intf.substr(0, 80),
                        longestIntfName);
+  }
+  if (intf == controllerIntfName) {
+    return fmt::format("interface {} is the CPU's, and no port's; choose another interface", intf);
   }
   const bool odd = std::any_of(intf.begin(), intf.end(), [](unsigned char c) {
     return c <= ' ' || c == '/' || c == ':' || c == 0x7f;

@@ -91,12 +91,13 @@ TEST_F(PortMappingTest, WhatIsNoPortOrNoInterfaceIsRefusedByName) {
       {"4", "a b", "no name of an interface"},
       {"5", "..", "no name of an interface"},
       {"6", "", nullptr},
+      {"7", "p4controller", "is the CPU's"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.port) + " " + c.intf);
     map(c.port, c.intf);
     EXPECT_EQ(status->refusedHas(c.port), c.reason != nullptr);
-    if (c.reason) EXPECT_THAT(status->refused(c.port), HasSubstr(c.reason));
+    EXPECT_THAT(status->refused(c.port), HasSubstr(c.reason ? c.reason : ""));
     if (c.reason && std::string(c.reason) == "no P4 port id") {
       EXPECT_THROW(configs->entityMade(c.port), Vela::BadValue);
     }
