@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
@@ -53,7 +54,7 @@ class GrpcPath::Service final : public p4::v1::P4Runtime::Service {
       }
       p4::v1::StreamMessageResponse response;
       *response.mutable_arbitration() = request.arbitration();
-      stream->Write(response);
+      write(response);
     }
     return grpc::Status::OK;
   }
@@ -67,12 +68,19 @@ class GrpcPath::Service final : public p4::v1::P4Runtime::Service {
       field.set_value("\1");
     }
     in.set_payload(std::string(packet));
-    stream_.load()->Write(response);
+    write(response);
   }
 
  private:
+  // The stream's own thread may still be writing when its client has what it wrote.
+  void write(const p4::v1::StreamMessageResponse& response) {
+    const std::lock_guard lock(writing_);
+    stream_->Write(response);
+  }
+
   GrpcPath& path_;
-  std::atomic<Stream*> stream_{nullptr};
+  Stream* stream_ = nullptr;
+  std::mutex writing_;
 };
 
 GrpcPath::GrpcPath(Direction direction)
