@@ -55,8 +55,9 @@ class DeviceReader {
             [this](const cJSON* item) { readType(item); });
     forEach(root_, "tables", "the device configuration",
             [this](const cJSON* item) { readTable(item); });
-    if (const cJSON* queries = arrayItem(root_, "queries")) {
-      config_.queryCount = static_cast<size_t>(cJSON_GetArraySize(queries));
+    if (arrayItem(root_, "queries") != nullptr) {
+      forEach(root_, "queries", "the device configuration",
+              [this](const cJSON* item) { readQuery(item); });
     } else {
       findings_->error("the device configuration", "has no array \"queries\" (it may be empty)");
     }
@@ -92,6 +93,15 @@ class DeviceReader {
     config_.types.push_back({std::move(name), text(item, "table_type_def", owner)});
   }
 
+  void readQuery(const cJSON* item) {
+    const auto path = stringItem(item, "output_table_path");
+    try {
+      config_.queries.push_back(deviceQuery(item, ""));
+    } catch (const PipelineError& error) {
+      findings_->error("query " + path.value_or("without a path"), error.what());
+    }
+  }
+
   void readTable(const cJSON* item) {
     DeviceTable table;
     table.name = text(item, "table_name",
@@ -121,18 +131,6 @@ class DeviceReader {
   DeviceConfig config_;
 };
 
-void checkPairs(const cJSON* query, const char* array, const char* key, const char* value,
-                const std::string& place) {
-  const cJSON* pairs = arrayItem(query, array);
-  if (pairs == nullptr) throw PipelineError(place + "has no array \"" + array + '"');
-  for (const cJSON* pair = pairs->child; pair != nullptr; pair = pair->next) {
-    if (!stringItem(pair, key) || !stringItem(pair, value)) {
-      throw PipelineError(place + "an element of \"" + array + "\" lacks the text \"" + key +
-                          "\" or \"" + value + '"');
-    }
-  }
-}
-
 }  // namespace
 
 DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<ConstantEntry>& entries) {
@@ -150,7 +148,7 @@ DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<Consta
   return config;
 }
 
-std::string deviceConfigText(const DeviceConfig& config, const std::string& queries) {
+std::string deviceConfigText(const DeviceConfig& config) {
   const JsonPtr document(cJSON_CreateObject());
   cJSON* root = cJSON_AddObjectToObject(document.get(), "p4rtc");
   cJSON* types = newArrayItem(root, "table_type_definitions");
@@ -161,30 +159,9 @@ std::string deviceConfigText(const DeviceConfig& config, const std::string& quer
   }
   cJSON* tables = newArrayItem(root, "tables");
   for (const DeviceTable& table : config.tables) addTable(table, tables);
-  JsonPtr queryArray = parsedJson("queries", queries.empty() ? "[]" : queries);
-  cJSON_AddItemToObject(root, "queries", queryArray.release());
+  cJSON* queries = newArrayItem(root, "queries");
+  for (const DeviceQuery& query : config.queries) addQuery(query, queries);
   return printedJson(*document) + '\n';
-}
-
-std::string queriesText(const std::string& path) {
-  const JsonPtr root = parsedJson(path, fileContents(path));
-  const cJSON* queries =
-      cJSON_IsArray(root.get()) != 0 ? root.get() : arrayItem(root.get(), "queries");
-  if (queries == nullptr) {
-    throw PipelineError(path +
-                        ": expected an array of queries, or an object with one under"
-                        " \"queries\"");
-  }
-  size_t number = 0;
-  for (const cJSON* query = queries->child; query != nullptr; query = query->next) {
-    const std::string place = path + ": query " + std::to_string(++number) + ": ";
-    for (const char* key : {"output_table_path", "output_table_type", "query"}) {
-      if (!stringItem(query, key)) throw PipelineError(place + "has no text \"" + key + '"');
-    }
-    checkPairs(query, "input_tables", "table_key", "table_value", place);
-    checkPairs(query, "params", "param_key", "param_value", place);
-  }
-  return printedJson(*queries);
 }
 
 DeviceConfig parsedDeviceConfig(const std::string& path, std::string_view json,

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cli/pipeline/ConstantEntry.h"
+#include "cli/pipeline/DeviceQuery.h"
 #include "cli/pipeline/TableLayout.h"
 
 namespace Cli {
@@ -45,17 +46,12 @@ struct DeviceTable {
 struct DeviceConfig {
   std::vector<DeviceType> types;
   std::vector<DeviceTable> tables;
-  size_t queryCount = 0;
+  std::vector<DeviceQuery> queries;
 };
 
 DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<ConstantEntry>& entries);
 
-// `queries` is the text of a JSON array, as queriesText() answers it; empty: none.
-std::string deviceConfigText(const DeviceConfig& config, const std::string& queries);
-
-// The queries of a file: an array, or an object with one under "queries". Throws PipelineError that
-// names the query and its missing part.
-std::string queriesText(const std::string& path);
+std::string deviceConfigText(const DeviceConfig& config);
 
 // Reads the device JSON. Throws PipelineError where the agent would find nothing to run (no JSON,
 // no "p4rtc"); what is wrong within comes as findings.

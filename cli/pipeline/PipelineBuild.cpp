@@ -80,13 +80,15 @@ void buildPipeline(const BuildOptions& options, Findings* findings) {
   if (!options.entriesPath.empty())
     entries = readConstantEntries(options.entriesPath, index, layout, findings);
   checkEntryCounts(index, layout, entries, findings);
-  const DeviceConfig device = deviceConfig(layout, entries);
-  checkTypes(device, findings);
+  DeviceConfig device = deviceConfig(layout, entries);
+  if (!options.queriesPath.empty()) {
+    readQueriesFile(options.queriesPath, &device.types, &device.queries);
+  }
+  checkQueries(device, checkTypes(device, findings), findings);
   if (findings->hasErrors()) return;
 
   p4::tmp::P4DeviceConfig deviceConfig;
-  deviceConfig.set_device_data(deviceConfigText(
-      device, options.queriesPath.empty() ? "" : queriesText(options.queriesPath)));
+  deviceConfig.set_device_data(deviceConfigText(device));
   request.mutable_config()->set_p4_device_config(deviceConfig.SerializeAsString());
   fileContentsIs(options.outputPath, request.SerializeAsString());
 }

@@ -166,6 +166,7 @@ void checkPipeline(const std::string& path, Findings* findings) {
 
   const DeviceConfig device = parsedDeviceConfig(path, deviceData(path, request), findings);
   const CompiledTypes types = checkTypes(device, findings);
+  checkQueries(device, types, findings);
   if (sound) DeviceCheck(index, device, types, findings).run();
 }
 

@@ -145,6 +145,21 @@ std::string tableText(const cJSON* table) {
   return page;
 }
 
+std::string queryText(const cJSON* query) {
+  std::string page =
+      fmt::format("query {}   rows of type {}\n  kept    {}\n", text(query, "output_table_path"),
+                  text(query, "output_table_type"), text(query, "kept"));
+  for (const cJSON* input : Items(query, "input_tables")) {
+    page += fmt::format("  input   {} = table {}\n", text(input, "table_key"),
+                        text(input, "table_value"));
+  }
+  for (const cJSON* param : Items(query, "params")) {
+    page +=
+        fmt::format("  param   :{} = {}\n", text(param, "param_key"), text(param, "param_value"));
+  }
+  return page + fmt::format("  query   {}\n", text(query, "query"));
+}
+
 std::string headText(const cJSON* view) {
   std::string head = "pipeline";
   for (const char* key : {"name", "version"}) {
@@ -165,6 +180,7 @@ std::string pageOf(const cJSON* view) {
   std::string page = headText(view);
   for (const cJSON* table : Items(view, "tables")) page += '\n' + tableText(table);
   for (const cJSON* profile : Items(view, "action_profiles")) page += '\n' + profileText(profile);
+  for (const cJSON* query : Items(view, "queries")) page += '\n' + queryText(query);
   for (const cJSON* header : Items(view, "packet_headers")) {
     page +=
         fmt::format("\npacket header {}({})\n", text(header, "name"), fieldsText(header, "fields"));

@@ -12,6 +12,7 @@
 #include "cli/pipeline/Names.h"
 #include "cli/pipeline/P4InfoIndex.h"
 #include "cli/pipeline/ProfileCheck.h"
+#include "cli/pipeline/TypeCheck.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 
@@ -46,9 +47,10 @@ class ViewMaker {
       throw PipelineError(path + ": " + findingText(finding) + " (see 'korvel pipeline check')");
     }
     layout_ = pipelineLayout(index_, &findings);
-    for (DeviceTable& table :
-         parsedDeviceConfig(path, deviceData(path, request), &findings).tables) {
-      device_.emplace(std::make_pair(table.kind, table.id), std::move(table));
+    config_ = parsedDeviceConfig(path, deviceData(path, request), &findings);
+    types_ = checkTypes(config_, &findings);
+    for (const DeviceTable& table : config_.tables) {
+      device_.emplace(std::make_pair(table.kind, table.id), table);
     }
   }
 
@@ -59,6 +61,8 @@ class ViewMaker {
     cJSON* profiles = newArrayItem(root_.get(), "action_profiles");
     for (const auto& profile : p4Info_.action_profiles())
       addProfile(profile, newObjectIn(profiles));
+    cJSON* queries = newArrayItem(root_.get(), "queries");
+    for (const DeviceQuery& query : config_.queries) addQueryView(query, queries);
     cJSON* headers = newArrayItem(root_.get(), "packet_headers");
     for (const auto& header : p4Info_.controller_packet_metadata()) {
       cJSON* item = newObjectIn(headers);
@@ -82,6 +86,14 @@ class ViewMaker {
     stringItemIs(root_.get(), "name", p4Info_.pkg_info().name());
     stringItemIs(root_.get(), "version", p4Info_.pkg_info().version());
     stringItemIs(root_.get(), "arch", p4Info_.pkg_info().arch());
+  }
+
+  void addQueryView(const DeviceQuery& query, cJSON* queries) {
+    addQuery(query, queries);
+    cJSON* object = cJSON_GetArrayItem(queries, cJSON_GetArraySize(queries) - 1);
+    const std::string method = queryMethodText(query, config_, types_);
+    stringItemIs(object, "kept",
+                 method.empty() ? "it is not valid; see 'korvel pipeline check'" : method);
   }
 
   void addTable(const p4::config::v1::Table& table, cJSON* object) {
@@ -204,6 +216,8 @@ class ViewMaker {
   const P4InfoIndex index_;
   JsonPtr root_;
   PipelineLayout layout_;
+  DeviceConfig config_;
+  CompiledTypes types_;
   std::map<std::pair<TableKind, uint32_t>, DeviceTable> device_;
 };
 

@@ -3,6 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
+#include <cstring>
+
 #include "cli/pipeline/Files.h"
 #include "cli/pipeline/Json.h"
 #include "p4/tmp/p4config.pb.h"
@@ -185,10 +188,30 @@ TEST_F(PipelineFileTest, IsNotWrittenWhenTheAgentCouldNotRunIt) {
 TEST_F(PipelineFileTest, TakesQueriesThatAreWhole) {
   BuildOptions options = this->options();
   const std::string query =
-      R"({"output_table_path": "p", "output_table_type": "t", "query": "select 1",
-          "input_tables": [{"table_key": "a", "table_value": "b"}], "params": []})";
-  options.queriesPath = written("queries", "[" + query + "]");
-  EXPECT_THAT(deviceJson(built(options)), HasSubstr("\"select 1\""));
+      R"({"output_table_path": "p", "output_table_type": "t",
+          "query": "SELECT DISTINCT vrf AS v FROM a", "params": [],
+          "input_tables": [{"table_key": "a", "table_value": "routes"}]})";
+  const std::string types =
+      R"({"table_type_definitions": [{"table_type": "t", "table_type_def": "key v : U16;"}], )";
+  options.queriesPath = written("queries", types + "\"queries\": [" + query + "]}");
+  EXPECT_THAT(deviceJson(built(options)), HasSubstr("\"SELECT DISTINCT vrf AS v FROM a\""));
+  EXPECT_THAT(
+      shownPipeline(options.outputPath, false),
+      HasSubstr("query p   rows of type t\n  kept    complete evaluation: it has DISTINCT"));
+  for (const auto& [good, bad, error] : std::vector<std::array<const char*, 3>>{
+           {"\"t\"", "\"u\"", "error: query p: its output type u is not known"},
+           {"routes", "roots", "error: query p: its input table roots does not exist"},
+           {"\"routes", "\"p", "error: query p: it reads its own output"},
+           {"\"p\"", "\"routes\"", "error: query routes: its output table has the name of"},
+           {"vrf AS", "vfr AS", "error: query p: no such column: vfr"}}) {
+    std::string wrong = query;
+    wrong.replace(wrong.find(good), std::strlen(good), bad);
+    options.queriesPath = written("queries", types + "\"queries\": [" + wrong + "]}");
+    Findings findings;
+    buildPipeline(options, &findings);
+    ASSERT_TRUE(findings.hasErrors()) << error;
+    EXPECT_THAT(findingText(findings.list().front()), HasSubstr(error));
+  }
   options.queriesPath = written("queries", "[" + query + ", {\"query\": \"x\"}]");
   Findings findings;
   EXPECT_THAT(refusal([&] { buildPipeline(options, &findings); }),
