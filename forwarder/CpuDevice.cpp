@@ -109,7 +109,10 @@ void CpuDevice::send(std::span<const Frame> frames, PuntCounts& counts) {
   } else {
     counts.noDevice += frames.size();
   }
+  if (open() && !trouble_.empty() && replaced()) maybeOpen();
 }
+
+bool CpuDevice::replaced() const { return ifIndexOf(name_) != ifIndex_; }
 
 void CpuDevice::sendIntoTap(std::span<const Frame> frames, PuntCounts& counts) {
   uint64_t refused = 0;
@@ -121,7 +124,7 @@ void CpuDevice::sendIntoTap(std::span<const Frame> frames, PuntCounts& counts) {
     ++refused;
   }
   counts.punted += frames.size() - refused;
-  if (refused > 0) (up() ? counts.failed : counts.noDevice) += refused;
+  if (refused > 0) (up() && !replaced() ? counts.failed : counts.noDevice) += refused;
 }
 
 void CpuDevice::sendOnDevice(std::span<const Frame> frames, PuntCounts& counts) {

@@ -40,6 +40,7 @@ class CpuDevice {
   void sendOnDevice(std::span<const Frame> frames, PuntCounts& counts);
   void handleRefused(int error, PuntCounts& counts);
   bool up() const;
+  bool replaced() const;  // what is open is not the device of that name any more
 
   const bool tapWanted_;
   const std::string name_;
