@@ -120,11 +120,12 @@ class Switch:
         return [process for process in (self.agent, self.forwarder) if process]
 
     def build_pipeline(self):
-        for name in ("router.p4info.txtpb", "router.entries.json"):
+        for name in ("router.p4info.txtpb", "router.entries.json", "router.queries.json"):
             shutil.copy(HERE / name, self.folder)
         self.run([self.korvel, "pipeline", "build",
                   "--p4info", self.folder / "router.p4info.txtpb",
                   "--entries", self.folder / "router.entries.json",
+                  "--queries", self.folder / "router.queries.json",
                   "--device-id", "1", "-o", self.folder / "router.pb.bin"])
         self.run([self.korvel, "pipeline", "check", self.folder / "router.pb.bin"])
 

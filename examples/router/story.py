@@ -8,6 +8,8 @@ from entries import Entry, Group, Member, Meter, Weighted
 from packet_story import PacketStory
 from stage import DemoError, expect, step, tell, wait_until
 
+DERIVED = "resolved_route"  # what a query of the pipeline makes from other tables
+
 
 class Demo:
     """The story. Keeps what the switch ought to hold, and compares after every chapter."""
@@ -24,6 +26,7 @@ class Demo:
         self.modify_and_delete()
         self.refusals()
         self.failure_in_hardware()
+        self.derived_table()
         self.weighted_ecmp()
         self.traffic_and_counters()
         self.failure_in_a_group()
@@ -85,7 +88,7 @@ class Demo:
 
     def forwarder_rows(self):
         lines = self.switch.tell_forwarder("dump", quiet=True).splitlines()
-        return [line for line in lines if line.strip()]
+        return [line for line in lines if line.strip() and not line.startswith(DERIVED)]
 
     def check_switch(self):
         """The controller's view against what we asked for, and the forwarding agent's count."""
@@ -194,6 +197,17 @@ class Demo:
         self.remember(refused)
         tell("once there is room, the same route goes in")
         self.check_switch()
+
+    def derived_table(self):
+        step("A query joins routes, next hops and neighbors: its table follows, write by write")
+        route = Entry("ipv4_route", {"vrf_id": 1, "ipv4_dst": "10.67.0.0/16"}, "set_nexthop",
+                      {"nexthop_id": 7})
+        self.controller.insert(route)
+        rows = self.switch.korvel_run("table", "dump", DERIVED)
+        expect("10.67.0.0/16" in rows and "02:00:00:00:07:00" in rows, "the route is resolved")
+        self.controller.delete(route)
+        rows = self.switch.korvel_run("table", "dump", DERIVED)
+        expect("10.67.0.0/16" not in rows, "it goes with its route")
 
     def weighted_ecmp(self):
         step("Weighted ECMP: a group of two next hops, three flows in four to the first of them")
