@@ -2,8 +2,10 @@
 // rows in plain tables.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <functional>
+#include <csignal>
 #include <random>
 
 #include "tests/platform/pollen/QueryFixture.h"
@@ -216,6 +218,35 @@ TEST_P(QueryModelTest, ARestartWritesNoRowAgainAndChangesAtActivationCount) {
   tables->settle();
   expectAll("after a quiet restart");
   EXPECT_EQ(tables->database->lastSequence(), before);
+}
+
+// A writer killed at any instant leaves inputs and outputs of one commit.
+TEST_P(QueryModelTest, AKilledWriterLeavesOutputsThatFitTheirInputs) {
+  tables.reset();
+  int progress[2];
+  ASSERT_EQ(pipe(progress), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    doStart();
+    tables->settle();
+    for (;;) {
+      commitSome();
+      if (write(progress[1], "x", 1) != 1) _exit(1);
+    }
+  }
+  close(progress[1]);
+  char byte = 0;
+  for (unsigned i = 0; i < 20 + 3 * GetParam(); ++i) ASSERT_EQ(read(progress[0], &byte, 1), 1);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  close(progress[0]);
+  doStart();  // and no turn that could mend anything
+  for (const Case& one : cases()) {
+    const ActivityLock lock;
+    tables->tableIs(one.query.path, one.query.outputType);
+  }
+  expectAll("after the kill");
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, QueryModelTest, testing::Range(1u, 9u));
