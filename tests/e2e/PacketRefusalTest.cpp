@@ -92,6 +92,31 @@ TEST(PacketOut, ThatIsWrongIsRefusedInWordsAndCounted) {
   EXPECT_EQ(controller.streamErrorCount(), 8u);
 }
 
+// A controller that does not wait for anything: each packet goes out, or its sender is told.
+TEST(PacketOut, FasterThanThePortTakesThemIsRefusedOneByOne) {
+  constexpr uint64_t packets = 30000;
+  PacketChecker out;
+  WiredSwitch tested({.ports = 1}, [&](uint32_t, std::span<const uint8_t> packet) {
+    const auto mark = markOf(packet);
+    mark ? out.arrived(*mark) : out.foreign();
+  });
+  ASSERT_TRUE(tested.start());
+  for (uint64_t i = 0; i < packets; ++i) {
+    ASSERT_TRUE(tested.controller().send(packetOut(1, packetOf(i, i % 2 ? 60 : 9000))));
+  }
+  const auto refused = [&] { return tested.count("outRefusedQueueFull"); };
+  EXPECT_TRUE(waitUntil([&] { return tested.count("out") + refused() == packets; }))
+      << tested.drops();
+  EXPECT_TRUE(waitUntil([&] { return out.count() + refused() == packets; })) << out.count();
+  EXPECT_EQ(out.faults(true), "");
+  EXPECT_LE(tested.controller().streamErrorCount(), refused());
+  if (refused() > 0) {
+    const auto error = tested.controller().streamError();
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->canonical_code(), StatusCode::RESOURCE_EXHAUSTED);
+  }
+}
+
 // A header longer than an Ethernet header, so that a packet can end within it.
 void longPacketIn(Pipeline& pipeline) {
   for (auto& header : *pipeline.request()

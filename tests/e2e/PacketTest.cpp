@@ -96,7 +96,8 @@ TEST_P(PacketsBothWays, NoneIsLostNorReordered) {
       ASSERT_TRUE(tested.controller().send(packetOut(port, packetOf(1, port, sequence))));
     }
   }
-  EXPECT_TRUE(waitUntil([&] { return in.count() == ports * packetsEach; })) << in.count();
+  EXPECT_TRUE(waitUntil([&] { return in.count() == ports * packetsEach; }))
+      << in.count() << tested.forwarder.ctl({"punt"}).output;
   EXPECT_EQ(out.faults(), "");
   EXPECT_EQ(in.faults(), "");
   EXPECT_EQ(out.count(), ports * packetsEach);

@@ -49,13 +49,27 @@ void WiredSwitch::Link::remade() {
 std::string WiredSwitch::device(uint32_t link) { return fmt::format("link{}", link); }
 
 WiredSwitch::WiredSwitch(const Wiring& wiring, AtFarEnd atFarEnd, AtController atController)
-    : Switch(optionsOf(wiring)), atFarEnd_(std::move(atFarEnd)) {
+    : Switch(optionsOf(wiring)), ports_(wiring.ports), atFarEnd_(std::move(atFarEnd)) {
   onPacketIn = std::move(atController);
   for (uint32_t link = 1; link <= wiring.ports + wiring.spareLinks; ++link) {
     links_.emplace_back(device(link), fmt::format("far{}", link),
                         [this, link](auto packet) { atFarEnd_(link, packet); });
   }
   if (!wiring.cpuTap) cpu_.emplace(cpuDevice, cpuPeer, nullptr);
+}
+
+bool WiredSwitch::start() {
+  return Switch::start() && waitUntil([this] { return punts(); }, forwarder.process().descriptor());
+}
+
+// It finds the devices some time after it is ready to answer, and notes what is amiss in brackets.
+bool WiredSwitch::punts() const {
+  const std::string places = forwarder.ctl({"punt"}).output;
+  bool all = places.find('(') == places.npos;
+  for (uint32_t port = 1; port <= ports_; ++port) {
+    all = all && places.find(fmt::format("port {} on ", port)) != places.npos;
+  }
+  return all;
 }
 
 std::map<std::string, uint64_t> WiredSwitch::counts() const {

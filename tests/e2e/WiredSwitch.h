@@ -33,6 +33,8 @@ class WiredSwitch : public Switch {
   using AtController = std::function<void(const p4::v1::PacketIn& packet)>;
   WiredSwitch(const Wiring& wiring, AtFarEnd atFarEnd, AtController atController = nullptr);
 
+  bool start();  // and the forwarder punts from all ports
+
   static std::string device(uint32_t link);  // that the agent has
   TestSupport::PacketEndpoint& farEnd(uint32_t link) { return *links_.at(link - 1).farEnd; }
   // What is written there, the CPU device receives.
@@ -56,8 +58,10 @@ class WiredSwitch : public Switch {
     const TestSupport::PacketEndpoint::Handler handler;
     std::unique_ptr<TestSupport::PacketEndpoint> farEnd;
   };
+  bool punts() const;
   std::map<std::string, uint64_t> counts() const;
 
+  const uint32_t ports_;
   const AtFarEnd atFarEnd_;
   std::deque<Link> links_;
   std::optional<Link> cpu_;
