@@ -32,6 +32,7 @@ namespace {
 
 constexpr size_t mostSendBatch = 64;
 constexpr std::chrono::milliseconds spaceDelay(1);
+constexpr unsigned mostRefusals = 1000;  // in a row, of packets that are waited with
 
 // One for all devices: it is large, and only read into with the activity lock held.
 ReceiveBatch& theReceiveBatch() {
@@ -56,6 +57,7 @@ struct PacketAccessManager::Impl {
   void takeFrame(const Frame& frame, std::vector<Packet::Ptr>* out);
   size_t sendRun(std::span<const Packet::Ptr> packets, std::vector<SendResult>* results);
   SendResult resultOf(int error);
+  bool isHopeless(size_t size);
   std::optional<SendResult> ownFault(const Packet::Ptr& packet);
   bool deviceRuns() const;
   void maybeTellSpace();
@@ -68,6 +70,8 @@ struct PacketAccessManager::Impl {
   Vela::Timer spaceTimer;
   std::function<void()> space;
   bool full = false;
+  unsigned refusals = 0;           // for want of space, since a packet was sent
+  size_t hopelessSize = SIZE_MAX;  // such packets, and longer ones, are not waited with
   std::string trouble;
   Counts counts;
 };
@@ -171,15 +175,29 @@ size_t PacketAccessManager::Impl::sendRun(std::span<const Packet::Ptr> packets,
     ++counts.sent;
     counts.sentBytes += packets[i]->size();
     results->push_back(SendResult::sent);
+    refusals = 0;
+    if (packets[i]->size() >= hopelessSize) hopelessSize = SIZE_MAX;
   }
   return std::max(sent, 0);
+}
+
+// The kernel says "no space" for good, too: of a veth whose other end has a smaller MTU, of a queue
+// that nobody empties. Whoever waited for that would hold up what waits behind it forever.
+bool PacketAccessManager::Impl::isHopeless(size_t size) {
+  if (size < hopelessSize && ++refusals <= mostRefusals) return false;
+  hopelessSize = std::min(hopelessSize, size);
+  refusals = 0;
+  trouble = owner.name() + " takes no packets of " + std::to_string(size) +
+            " bytes; see whether its other end has the same MTU, and whether its queue is emptied";
+  return true;
 }
 
 // Any thread's view of a socket buffer is old at once, so the question is asked anew each time.
 void PacketAccessManager::Impl::maybeTellSpace() {
   if (!full) return;
   pollfd ready{socket.descriptor(), POLLOUT, 0};
-  if (poll(&ready, 1, 0) == 0) return spaceTimer.start(spaceDelay);
+  const bool isWaitedFor = poll(&ready, 1, 0) == 0 && ++refusals <= mostRefusals;
+  if (isWaitedFor) return spaceTimer.start(spaceDelay);
   full = false;
   const auto callback = space;
   if (callback) callback();
@@ -220,7 +238,10 @@ void PacketAccessManager::send(std::span<const Packet::Ptr> packets,
       packets = packets.subspan(sent);
       continue;
     }
-    const SendResult result = impl_->resultOf(errno);
+    SendResult result = impl_->resultOf(errno);
+    if (result == SendResult::full && impl_->isHopeless(packets.front()->size())) {
+      result = SendResult::failed;
+    }
     results->push_back(result);
     packets = packets.subspan(1);
     if (result == SendResult::noDevice) return;

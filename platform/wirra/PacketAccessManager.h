@@ -20,7 +20,7 @@ enum class SendResult {
   full,      // the device takes no more now: onSpaceIs() tells when it does; not sent
   tooLong,   // longer than the device's MTU allows, or empty
   noDevice,  // it is down or gone
-  failed     // anything else; trouble() says what
+  failed     // anything else, and what was `full` for a second or so; trouble() says what
 };
 
 // Bound to the device it was made for, also when that is renamed; when the device goes, so does the

@@ -157,6 +157,32 @@ TEST_F(PacketAccessTest, NothingIsLostWhenTheDeviceIsFull) {
   EXPECT_EQ(spaces, enough) << "there was space, so nobody waits for any";
 }
 
+TEST_F(PacketAccessTest, WhatTheOtherEndNeverTakesHoldsUpNoOtherForGood) {
+  pairIs("left", "right", 9000);
+  Port left(loop, "left");
+  Port right(loop, "right");
+  ip("link set right mtu 1500");
+  std::vector<SendResult> results;
+  const std::vector<Packet::Ptr> all = {packetOf(60, 1), packetOf(1600), packetOf(60, 2)};
+  size_t done = 0;
+  const std::function<void()> sendRest = [&] {
+    left.packets->onSpaceIs(sendRest);
+    results = left.send({all.begin() + static_cast<ptrdiff_t>(done), all.end()});
+    for (const SendResult result : results) done += result == SendResult::full ? 0 : 1;
+  };
+  sendRest();
+  EXPECT_THAT(results, ElementsAre(SendResult::sent, SendResult::full));
+  until([&] { return done == all.size(); });
+  EXPECT_THAT(results, ElementsAre(SendResult::failed, SendResult::sent));
+  EXPECT_THAT(left.packets->trouble(), HasSubstr("left takes no packets of 1600 bytes"));
+  EXPECT_THAT(left.send({packetOf(9000), packetOf(60, 3)}),
+              ElementsAre(SendResult::failed, SendResult::sent))
+      << "it is known by now";
+  ip("link set right mtu 9000");
+  EXPECT_THAT(left.send({packetOf(9000, 4)}), ElementsAre(SendResult::sent));
+  until([&] { return right.came.size() == 4; });
+}
+
 TEST_F(PacketAccessTest, FollowsItsDeviceDownAndUpAndUnderAnotherName) {
   pairIs("left", "right");
   Port left(loop, "left");
