@@ -32,7 +32,7 @@ namespace {
 
 constexpr size_t mostSendBatch = 64;
 constexpr std::chrono::milliseconds spaceDelay(1);
-constexpr unsigned mostRefusals = 1000;  // in a row, of packets that are waited with
+constexpr unsigned mostDelays = 1000;  // without a packet sent
 
 // One for all devices: it is large, and only read into with the activity lock held.
 ReceiveBatch& theReceiveBatch() {
@@ -70,8 +70,8 @@ struct PacketAccessManager::Impl {
   Vela::Timer spaceTimer;
   std::function<void()> space;
   bool full = false;
-  unsigned refusals = 0;           // for want of space, since a packet was sent
-  size_t hopelessSize = SIZE_MAX;  // such packets, and longer ones, are not waited with
+  unsigned delays = 0;             // since a packet was sent
+  size_t hopelessSize = SIZE_MAX;  // for such packets, and longer ones, no space is waited for
   std::string trouble;
   Counts counts;
 };
@@ -175,7 +175,7 @@ size_t PacketAccessManager::Impl::sendRun(std::span<const Packet::Ptr> packets,
     ++counts.sent;
     counts.sentBytes += packets[i]->size();
     results->push_back(SendResult::sent);
-    refusals = 0;
+    delays = 0;
     if (packets[i]->size() >= hopelessSize) hopelessSize = SIZE_MAX;
   }
   return std::max(sent, 0);
@@ -184,9 +184,9 @@ size_t PacketAccessManager::Impl::sendRun(std::span<const Packet::Ptr> packets,
 // The kernel says "no space" for good, too: of a veth whose other end has a smaller MTU, of a queue
 // that nobody empties. Whoever waited for that would hold up what waits behind it forever.
 bool PacketAccessManager::Impl::isHopeless(size_t size) {
-  if (size < hopelessSize && ++refusals <= mostRefusals) return false;
+  if (size < hopelessSize && delays < mostDelays) return false;
   hopelessSize = std::min(hopelessSize, size);
-  refusals = 0;
+  delays = 0;
   trouble = owner.name() + " takes no packets of " + std::to_string(size) +
             " bytes; see whether its other end has the same MTU, and whether its queue is emptied";
   return true;
@@ -196,7 +196,7 @@ bool PacketAccessManager::Impl::isHopeless(size_t size) {
 void PacketAccessManager::Impl::maybeTellSpace() {
   if (!full) return;
   pollfd ready{socket.descriptor(), POLLOUT, 0};
-  const bool isWaitedFor = poll(&ready, 1, 0) == 0 && ++refusals <= mostRefusals;
+  const bool isWaitedFor = ++delays < mostDelays && poll(&ready, 1, 0) == 0;
   if (isWaitedFor) return spaceTimer.start(spaceDelay);
   full = false;
   const auto callback = space;
