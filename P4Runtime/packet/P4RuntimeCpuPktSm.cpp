@@ -50,18 +50,18 @@ Vela::Ptr<CpuPktSm> cpuPktSmFactory(Vela::ReactorLoop& loop, CpuPktInputs inputs
 }
 
 void CpuPktSm::handleInitialized() {
-  pamCollectionIs(Vela::make<PamCollection>("cpuPktInterfaces"));
-  desiredIntfDirIs(Vela::make<Orrery::Directory>("desiredInterfaces"));
-  deviceIntfStatusDirIs(Vela::make<Orrery::Directory>("deviceIntfStatusDir"));
-  netdevNameIs(controllerIntfName);
   changes_.push_back(kernelNetInfoStatus()->entityCollection().observeKeys(
       [this](const std::string& name) { handleKernelDevice(name); }));
   changes_.push_back(controllerInterface()->observeMac([this] { doBringUp(); }));
   changes_.push_back(controllerTxPktConfig()->txPktDesc().observe([this] { handleTxPktDesc(); }));
+  netdevNameIs(controllerIntfName);
+  handleKernelDevice(netdevName());
+  pamCollectionIs(Vela::make<PamCollection>("cpuPktInterfaces"));
+  desiredIntfDirIs(Vela::make<Orrery::Directory>("desiredInterfaces"));
+  deviceIntfStatusDirIs(Vela::make<Orrery::Directory>("deviceIntfStatusDir"));
   const auto ways = [this](const std::string&) { handleWays(); };
   changes_.push_back(p4RtPortMappingStatus()->intfOfPortCollection().observeKeys(ways));
   changes_.push_back(pamCollection()->pamCollection().observeKeys(ways));
-  handleKernelDevice(netdevName());
   addDesiredIntfSmIs(Vela::make<AddDesiredIntfSm>(allIntfStatusDir(), desiredIntfDir()));
   doInitializePamMan();
   initializedIs(true);

@@ -57,6 +57,11 @@ void PacketStatus::updateServer(const PIGrpcServerPacketCounts_t& counts) {
   outFromControllersIs(counts.out);
   outRefusedNotPrimaryIs(counts.out_not_primary);
   outRefusedMetadataIs(counts.out_bad_metadata);
+  // The server counts what the queue refused, too, but a moment later.
+  const uint64_t byQueue = outRefusedQueueFull() + outRefusedMemory() + outRefusedHeader();
+  if (counts.out_refused > byQueue + outRefusedNoPipeline()) {
+    outRefusedNoPipelineIs(counts.out_refused - byQueue);
+  }
 }
 
 void PacketMetadataStatus::metadataIs(const P4ControllerPktMetadata& metadata) {

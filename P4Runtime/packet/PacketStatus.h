@@ -35,6 +35,7 @@ class PacketStatus final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint64_t, out, 0)                 // sent
   VELA_READONLY_ATTRIBUTE(uint64_t, outRefusedNotPrimary, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, outRefusedMetadata, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, outRefusedNoPipeline, 0)  // none runs, or the agent is disabled
   VELA_READONLY_ATTRIBUTE(uint64_t, outRefusedQueueFull, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, outRefusedMemory, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, outRefusedHeader, 0)    // the agent cannot use the pipeline's
@@ -49,7 +50,7 @@ class PacketStatus final : public Vela::Entity {
  public:
   void updateIn(const CpuPktSm& sm);
   void updateOut(const ControllerTxPktConfig& queue, const ControllerTxPktStatus& status);
-  void updateServer(const PIGrpcServerPacketCounts_t& counts);
+  void updateServer(const PIGrpcServerPacketCounts_t& counts);  // after updateOut()
 };
 
 // At "p4runtime/status/packet-metadata": the running pipeline's headers, for processes that read or
