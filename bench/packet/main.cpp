@@ -46,9 +46,9 @@ BySize measured(
 
 std::string head() {
   return fmt::format(
-      "{:<5} {:>6} {:>11} {:>10} | {:>11} {:>8} {:>10} | {:>11} {:>8} | {:>9} {:>9}\n", "way",
-      "bytes", "packets/s", "median us", "bare/s", "of bare", "median us", "gRPC/s", "of gRPC",
-      "user us", "system us");
+      "{:<5} {:>6} {:>11} {:>10} | {:>11} {:>8} {:>10} | {:>11} {:>8} {:>10} | {:>8} {:>9}\n",
+      "way", "bytes", "packets/s", "median us", "bare/s", "of bare", "median us", "gRPC/s",
+      "of gRPC", "median us", "user us", "system us");
 }
 
 std::string lines(const char* way, const BySize& agent, const BySize& bare, const BySize& grpc) {
@@ -56,12 +56,12 @@ std::string lines(const char* way, const BySize& agent, const BySize& bare, cons
   for (size_t i = 0; i < agent.size(); ++i) {
     const PathFigures& ours = agent[i].path;
     text += fmt::format(
-        "{:<5} {:>6} {:>11.0f} {:>10.1f} | {:>11.0f} {:>8.3f} {:>10.1f} | {:>11.0f} {:>8.2f} | "
-        "{:>9.2f} {:>9.2f}\n",
+        "{:<5} {:>6} {:>11.0f} {:>10.1f} | {:>11.0f} {:>8.3f} {:>10.1f} | {:>11.0f} {:>8.2f} "
+        "{:>10.1f} | {:>8.2f} {:>9.2f}\n",
         way, ours.bytes, ours.perSecond, ours.median.count(), bare[i].path.perSecond,
         ours.perSecond / bare[i].path.perSecond, bare[i].path.median.count(),
         grpc[i].path.perSecond, ours.perSecond / grpc[i].path.perSecond,
-        agent[i].agent.user.count(), agent[i].agent.system.count());
+        grpc[i].path.median.count(), agent[i].agent.user.count(), agent[i].agent.system.count());
   }
   return text;
 }
