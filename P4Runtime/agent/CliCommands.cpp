@@ -45,30 +45,25 @@ void requirePort(const std::string& port) {
   refuse("'{}' is no P4 port id; write a number from 1 to 4294967295", port.substr(0, 80));
 }
 
-// What is refused leaves the port as it was.
+// Refused before it is set: to put it back would come too late when others wait for what the port
+// has now.
 std::string portMapped(Database& database, const std::string& port, const std::string& intf) {
   requirePort(port);
-  if (const std::string reason = intfNameRefused(intf); !reason.empty())
-    throw std::runtime_error(reason);
   const auto status = entityAt<PortMappingStatus>(database, mappingStatusPath);
-  const bool wasThere = database.entity(portPath(port)) != nullptr;
-  const std::string before =
-      wasThere ? entityAt<PortMappingConfig>(database, portPath(port))->intf() : std::string();
-  if (wasThere) {
+  const uint32_t holder = status->portOfIntf(intf);
+  std::string reason = intfNameRefused(intf);
+  if (reason.empty() && holder != 0 && holder != portFromText(port)) {
+    reason = intfHeldBy(intf, holder);
+  }
+  if (!reason.empty()) throw std::runtime_error(reason);
+  if (database.entity(portPath(port))) {
     entityAt<PortMappingConfig>(database, portPath(port))->intfIs(intf);
   } else {
     const auto config = Vela::make<PortMappingConfig>(port);
     config->intfIs(intf);
     database.entityIs(portPath(port), config);
   }
-  const std::string reason = status->refused(port);
-  if (reason.empty()) return fmt::format("port {} is interface {}", port, intf);
-  if (wasThere) {
-    entityAt<PortMappingConfig>(database, portPath(port))->intfIs(before);
-  } else {
-    database.entityDel(portPath(port));
-  }
-  throw std::runtime_error(reason);
+  return fmt::format("port {} is interface {}", port, intf);
 }
 
 std::string portUnmapped(Database& database, const std::string& port) {

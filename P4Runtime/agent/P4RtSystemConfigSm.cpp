@@ -123,13 +123,13 @@ void P4RtSystemConfigSm::doCleanupPlugins() {
 }
 
 void P4RtSystemConfigSm::handlePluginCleanupStatus(const std::string& name) {
-  SCRIVEL_TRACE(1, "handlePluginCleanupStatus", " %s", name);
+  SCRIVEL_TRACE(1, "handlePluginCleanupStatus", " ", name);
   maybeFinishPluginCleanup();
   doTellWhatItWaitsFor();
 }
 
 void P4RtSystemConfigSm::handlePluginDisableStatus(const std::string& name) {
-  SCRIVEL_TRACE(1, "handlePluginDisableStatus", " %s", name);
+  SCRIVEL_TRACE(1, "handlePluginDisableStatus", " ", name);
   maybeFinishPluginDisable();
   doTellWhatItWaitsFor();
 }
@@ -162,8 +162,8 @@ bool P4RtSystemConfigSm::allPluginsHaveCompleted(CompletedId completedId,
     assert(pluginStatus);
     const uint32_t completed = (pluginStatus->*completedId)();
     if (completed == requestId) continue;
-    SCRIVEL_TRACE(1, "allPluginsHaveCompleted", " configRequestId ", requestId, name,
-                  "%s statusRequestId ", completed);
+    SCRIVEL_TRACE(1, "allPluginsHaveCompleted", " configRequestId ", requestId, " ", name,
+                  " statusRequestId ", completed);
     return false;
   }
   SCRIVEL_TRACE(1, "allPluginsHaveCompleted", " all plugins have cleaned up");

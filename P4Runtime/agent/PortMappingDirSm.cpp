@@ -37,6 +37,11 @@ std::string intfNameRefused(const std::string& intf) {
   return {};
 }
 
+std::string intfHeldBy(const std::string& intf, uint32_t port) {
+  return fmt::format("interface {} belongs to port {}; unmap that port or choose another interface",
+                     intf, port);
+}
+
 PortMappingDirSm::PortMappingDirSm(Vela::Ptr<const P4RuntimeConfig::PortMappingConfigDir> configDir,
                                    Vela::Ptr<P4RuntimeConfig::PortMappingStatus> status)
     : configDir_(std::move(configDir)), status_(std::move(status)) {
@@ -104,9 +109,7 @@ PortMappingDirSm::Mappings PortMappingDirSm::mappings() const {
     if (free) {
       mappings.intfOfPort[*port] = wish->intf;
     } else {
-      mappings.refused[name] = fmt::format(
-          "interface {} belongs to port {}; unmap that port or choose another interface",
-          wish->intf, holder->second);
+      mappings.refused[name] = intfHeldBy(wish->intf, holder->second);
     }
   }
   return mappings;

@@ -51,5 +51,7 @@ class PortMappingDirSm : public Vela::RefCounted {
 
 // "" or what is wrong with the name of an interface.
 std::string intfNameRefused(const std::string& intf);
+// Why another port cannot have it.
+std::string intfHeldBy(const std::string& intf, uint32_t port);
 
 }  // namespace P4Runtime

@@ -5,6 +5,7 @@
 #include <random>
 #include <set>
 
+#include "P4Runtime/agent/CliCommands.h"
 #include "P4Runtime/agent/PortMappingDirSm.h"
 #include "P4Runtime/agent/VrfIdCollection.h"
 #include "platform/vela/ActivityLock.h"
@@ -71,6 +72,27 @@ TEST_F(PortMappingTest, TheFirstKeepsTheInterfaceAndTheNextFollows) {
   EXPECT_THAT(inForce(), UnorderedElementsAre(Pair(10u, "veth2")));
   EXPECT_THAT(refused(), IsEmpty());
   EXPECT_EQ(disagreement(), "");
+}
+
+TEST_F(PortMappingTest, ACommandThatIsRefusedChangesNothing) {
+  Vela::ReactorLoop loop;
+  const auto database = Orrery::embeddedDatabase(loop);
+  database->entityIs("p4runtime/config/port-mapping", configs);
+  database->entityIs("p4runtime/status/port-mapping", status);
+  for (const auto& [port, intf] : {std::pair("5", "veth0"), {"6", "veth1"}, {"7", "veth0"}}) {
+    map(port, intf);
+  }
+  start();  // 7 waits for what 5 has
+  const CliCommand command = cliCommands(*database).at("port map");
+  const auto before = inForce();
+  for (const char* intf : {"veth1", "a-name-of-16-chars", "p4controller", ""}) {
+    EXPECT_THROW(command.run({"5", intf}), std::runtime_error) << intf;
+    EXPECT_EQ(inForce(), before) << intf;
+  }
+  EXPECT_EQ(command.run({"5", "veth2"}), "port 5 is interface veth2");
+  EXPECT_EQ(command.run({"8", "veth3"}), "port 8 is interface veth3");
+  EXPECT_THAT(inForce(), UnorderedElementsAre(Pair(5u, "veth2"), Pair(6u, "veth1"),
+                                              Pair(7u, "veth0"), Pair(8u, "veth3")));
 }
 
 TEST_F(PortMappingTest, WhatIsNoPortOrNoInterfaceIsRefusedByName) {
