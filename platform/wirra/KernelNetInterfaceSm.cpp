@@ -2,6 +2,7 @@
 // name.
 #include "platform/wirra/KernelNetInterfaceSm.h"
 
+#include <chrono>
 #include <set>
 #include <system_error>
 #include <unordered_map>
@@ -10,6 +11,7 @@
 
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/FileDescriptor.h"
+#include "platform/vela/Timer.h"
 #include "platform/wirra/LinkSocket.h"
 
 namespace Wirra {
@@ -28,12 +30,15 @@ struct KernelNetInterfaceSm::Impl {
   const Vela::Ptr<KernelNetInterfaceStatus> status;
   LinkEvents events;
   const Vela::Ptr<Vela::FileDescriptor> watch;
+  Vela::Timer again;
   std::unordered_map<uint32_t, Vela::Ptr<KernelNetInterface>> byIndex;
   bool lost = false;  // events, and the devices have not been read anew yet
 };
 
 KernelNetInterfaceSm::Impl::Impl(Vela::ReactorLoop& loop, Vela::Ptr<KernelNetInterfaceStatus> table)
-    : status(std::move(table)), watch(Vela::make<Vela::FileDescriptor>(loop, "kernel devices")) {
+    : status(std::move(table)),
+      watch(Vela::make<Vela::FileDescriptor>(loop, "kernel devices")),
+      again(loop, [this] { handleEvents(); }) {
   doReadAll();  // after events are followed: what changes meanwhile is told again
   watch->descriptorIs(events.descriptor());
   watch->onReadableIs([this] { handleEvents(); });
@@ -52,7 +57,8 @@ void KernelNetInterfaceSm::Impl::handleEvents() {
     doReadAll();
     lost = false;
   } catch (const std::system_error& e) {
-    SCRIVEL_TRACE(0, e.what());  // the next event asks again
+    SCRIVEL_TRACE(0, e.what());
+    again.start(std::chrono::milliseconds(200));
   }
 }
 
