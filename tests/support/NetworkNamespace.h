@@ -6,10 +6,10 @@
 
 namespace TestSupport {
 
-// Moves this process into a new network namespace, as root or in a user namespace of its own, with
-// the loopback device up and no IPv6, so that only what is sent is on the wire. Call it while the
-// process has one thread; its threads and children made later are in there, too. "" or why it is
-// not permitted.
+// Moves this process into a new network namespace, with the loopback device up and no IPv6, so that
+// only what is sent is on the wire. Call it while the process has one thread; its threads and
+// children made later are in there, too. "" or why it is not permitted: it takes root, and not that
+// of a user namespace, whose sockets get no buffers for bursts.
 std::string enteredNetworkNamespace();
 
 // In this process's namespace; each throws std::runtime_error.
