@@ -322,6 +322,8 @@ void P4TableInfoSm::handleQueryCompileStatus() {
         SCRIVEL_TRACE(5, "handleQueryCompileStatus", "status entry does not yet exist for", name);
         return;
       }
+      // What some rows make of a query is no reason to serve none of them.
+      if (!status->reason().empty() && status->defined()) continue;
       if (!status->reason().empty()) {
         throw P4RuntimeParsingException(status->reason(), "Query compilation failed for " + name,
                                         {});

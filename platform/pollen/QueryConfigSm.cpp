@@ -87,16 +87,16 @@ void QueryConfigSm::doCheck(const std::string& path) {
   QuerySpec spec;
   std::string reason = config->queryText().empty() ? "" : checked(*config, &spec);
   const bool defined = !config->queryText().empty() && reason.empty();
-  bool failed = false;
+  bool inputFailed = false;
   std::string waiting;
   if (defined && configs_->activeQueryConfigHas(path)) {
-    waiting = waitedFor(*config, &failed);
+    waiting = waitedFor(*config, &inputFailed);
     reason = waiting.empty() ? started(std::move(spec), config->outputType()) : "";
-    if (failed) reason = waiting;
+    if (inputFailed) reason = waiting;
   }
   if (!reason.empty()) SCRIVEL_TRACE(0, "query is not valid: ", path, " ", reason);
   status->reasonIs(reason);
-  status->definedIs(defined && reason.empty());
+  status->definedIs(defined && (reason.empty() || inputFailed));
   doPublish(*config);
 }
 
@@ -178,7 +178,7 @@ void QueryConfigSm::doPublish(const QueryConfig& config) {
   const QueryProgress progress = engine_.progress(config.name());
   if (progress.state == State::failed) {
     status->reasonIs(progress.reason);
-    status->definedIs(false);
+    status->definedIs(progress.atRows);
   } else if (progress.state != State::none) {
     status->reasonIs("");
     status->definedIs(true);

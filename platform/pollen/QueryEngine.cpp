@@ -61,6 +61,8 @@ QueryProgress QueryEngine::progress(const std::string& path) const {
   QueryProgress progress = query->last;
   progress.state = query->state;
   progress.reason = query->reason;
+  progress.atRows =
+      query->state == State::failed && query->active && !query->spec.method.read.empty();
   progress.method = query->spec.oneShot ? "one-shot" : methodText(query->spec.method);
   if (query->output->ready()) progress.rows = query->output->rowCount();
   if (query->active) {

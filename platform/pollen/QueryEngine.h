@@ -29,6 +29,7 @@ struct QueryProgress {
   uint64_t rows = 0;
   uint64_t evaluations = 0;
   uint64_t microseconds = 0;  // of all evaluations
+  bool atRows = false;        // failed, but with other rows it would not have
 };
 
 // Call with the activity lock held. Rows of inputs and outputs are in the same commits. Queries are

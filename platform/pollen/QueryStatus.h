@@ -9,8 +9,8 @@
 
 namespace Pollen {
 
-// name() is the path of the output table. A query that failed has a `reason` and is neither defined
-// nor active: look at `reason` first.
+// name() is the path of the output table. A query that failed has a `reason` and is not active. It
+// is defined all the same when the rows of its inputs are to blame.
 class QueryStatus final : public Vela::Entity {
  public:
   explicit QueryStatus(std::string path) : Entity(std::move(path)) {}

@@ -130,6 +130,18 @@ TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationStopsWithItsReason) {
   EXPECT_FALSE(TheParsingStatus()->failed());
 }
 
+// Rows that controllers wrote must not keep the next start from serving.
+TEST_F(P4TableInfoSmTest, QueryThatFailsAtTheRowsThereAreIsNoFailure) {
+  agent().added(exactEntry(1));
+  deviceConfigIs("\"queries\": []", R"("queries": [
+      {"output_table_path": "out", "output_table_type": "exact_type",
+       "query": "SELECT * FROM e WHERE abs(ether_type * 0 - 9223372036854775807 - 1) > 0",
+       "input_tables": [{"table_key": "e", "table_value": "exact"}], "params": []}])");
+  EXPECT_FALSE(TheParsingStatus()->failed()) << error();
+  EXPECT_TRUE(ready());
+  EXPECT_EQ(agent().services.queryStatusDir->queryStatus("out")->reason(), "integer overflow");
+}
+
 // A column longer than its field would be filled with what stands behind the field.
 TEST_F(P4TableInfoSmTest, TableWhoseTypeDoesNotFitItsP4InfoIsRefused) {
   const struct {

@@ -156,7 +156,8 @@ TEST_F(QueryConfigSmTest, ConflictsAndBadRowsAreNamedUntilTheyAreGone) {
 }
 
 TEST_F(QueryConfigSmTest, RowsThatSqliteCannotEvaluateStopTheQueryUntilTheyAreGone) {
-  query("out", "SELECT port AS vrf, length(zeroblob(speed)) AS speed FROM ports");
+  const char* const text = "SELECT port AS vrf, length(zeroblob(speed)) AS speed FROM ports";
+  query("out", text);
   turn();
   const auto portIs = [&](int64_t port, int64_t speed) {
     {
@@ -170,9 +171,17 @@ TEST_F(QueryConfigSmTest, RowsThatSqliteCannotEvaluateStopTheQueryUntilTheyAreGo
   portIs(1, 5);
   EXPECT_EQ(tables.rows("out").size(), 1u);
   portIs(2, int64_t{1} << 40);
-  EXPECT_EQ(outcome("out"), "string or blob too big");
+  EXPECT_EQ(outcome("out"), "defined string or blob too big");
   EXPECT_EQ(tables.rows("out").size(), 0u);
+  query("out", text);  // as after a restart, and with a reader of its output
+  query("reader", "SELECT vrf, speed FROM out")->inputTableIs("out", "out");
+  turn();
+  EXPECT_EQ(outcome("out"), "defined string or blob too big");
+  EXPECT_EQ(outcome("reader"),
+            "defined input table out is the output of a query that is not active");
   portIs(2, 3);
+  turn();
+  EXPECT_EQ(outcome("reader"), "defined active ");
   EXPECT_EQ(outcome("out"), "defined active ");
   EXPECT_EQ(tables.rows("out").size(), 2u);
   query("out/wild",
@@ -204,7 +213,7 @@ TEST_F(QueryConfigSmTest, AQueryEndsWithItsTables) {
   tables.configs->activeQueryConfigDel("out");
   turn();
   turn();
-  EXPECT_EQ(outcome("next"), "input table out is the output of a query that is not active");
+  EXPECT_EQ(outcome("next"), "defined input table out is the output of a query that is not active");
   tables.configs->activeQueryConfigIs(tables.configs->queryConfig("out"));
   tables.settle();
   EXPECT_EQ(outcome("next"), "defined active ");
