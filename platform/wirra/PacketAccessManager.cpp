@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ActivityLock.h"
 #include "platform/vela/FileDescriptor.h"
 #include "platform/vela/Timer.h"
 #include "platform/wirra/PacketManager.h"
@@ -33,6 +34,24 @@ namespace {
 constexpr size_t mostSendBatch = 64;
 constexpr std::chrono::milliseconds spaceDelay(1);
 constexpr unsigned mostDelays = 1000;  // without a packet sent
+
+// Gives the activity lock up: the kernel may carry packets all the way to their receiver before it
+// returns, and the threads that bring more need the lock. errno is that of the call.
+int sentUnlocked(int descriptor, mmsghdr* messages, unsigned count) {
+  int sent = -1;
+  int error = 0;
+  {
+    const Vela::ActivityLockReleased released;
+    sent = sendmmsg(descriptor, messages, count, MSG_DONTWAIT);
+    if (sent < 0 && (errno == EINTR || errno == ENETDOWN)) {
+      // The socket may only have remembered that the device was down for a while.
+      sent = sendmmsg(descriptor, messages, count, MSG_DONTWAIT);
+    }
+    error = errno;
+  }
+  errno = error;
+  return sent;
+}
 
 // One for all devices: it is large, and only read into with the activity lock held.
 ReceiveBatch& theReceiveBatch() {
@@ -166,11 +185,7 @@ size_t PacketAccessManager::Impl::sendRun(std::span<const Packet::Ptr> packets,
     messages[run].msg_hdr.msg_iov = &bytes[run];
     messages[run].msg_hdr.msg_iovlen = 1;
   }
-  int sent = sendmmsg(socket.descriptor(), messages, static_cast<unsigned>(run), MSG_DONTWAIT);
-  if (sent < 0 && (errno == EINTR || errno == ENETDOWN)) {
-    // The socket may only have remembered that the device was down for a while.
-    sent = sendmmsg(socket.descriptor(), messages, static_cast<unsigned>(run), MSG_DONTWAIT);
-  }
+  const int sent = sentUnlocked(socket.descriptor(), messages, static_cast<unsigned>(run));
   for (int i = 0; i < sent; ++i) {
     ++counts.sent;
     counts.sentBytes += packets[i]->size();

@@ -45,7 +45,8 @@ class PacketAccessManager final : public Vela::Entity {
 
   // Sends in order until one is not sent for another reason than its own (full, noDevice); one that
   // is tooLong or failed is skipped. Appends a result for each packet it dealt with, `full` and
-  // `noDevice` included; those after it have none and can be given again.
+  // `noDevice` included; those after it have none and can be given again. Gives the activity lock
+  // up while the kernel works: keep this and the packets alive, and believe nothing read before.
   void send(std::span<const Packet::Ptr> packets, std::vector<SendResult>* results);
   void onSpaceIs(std::function<void()> space);  // runs once, when there is space after `full`
   const std::string& trouble() const;           // of the last failure, in the kernel's words
