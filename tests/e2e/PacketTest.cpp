@@ -216,6 +216,7 @@ TEST(PortMapping, ChangesUnderTrafficAndEachPacketLeavesOnceInOrder) {
       tested.controller().send(packetOut(1, packetOf(1, 1, sent)));
     }
   });
+  EXPECT_TRUE(waitUntil([&] { return left.count(1) > 0; }));  // or the first change goes unseen
   for (size_t i = 0; i < remaps; ++i) {
     const uint32_t next = i % 2 ? 1 : 2;
     const size_t before = left.count(next);
