@@ -65,7 +65,7 @@ pi_status_t P4RuntimeException::handleException(const P4RuntimeException& e) {
 void P4RuntimeParsingException::handleException(const P4RuntimeParsingException& e) {
   SCRIVEL_TRACE(0, "P4RuntimeParsingException", " latticeError: ", e.latticeError,
                 " error: ", e.error, " jsonError: ", e.jsonError);
-  TheParsingStatus()->failureIs(e.latticeError, e.error, e.jsonError);
+  if (!TheParsingStatus()->failureIs(e.latticeError, e.error, e.jsonError)) return;
   fmt::print(stderr, "korvel: pipeline: {}{}{}{}{}\n", e.error, e.latticeError.empty() ? "" : ": ",
              e.latticeError, e.jsonError.empty() ? "" : "; JSON stops making sense at: ",
              e.jsonError.substr(0, 60));

@@ -2,13 +2,15 @@
 
 namespace P4Runtime {
 
-void ParsingStatus::failureIs(const std::string& lattice, const std::string& what,
+bool ParsingStatus::failureIs(const std::string& lattice, const std::string& what,
                               const std::string& json) {
+  if (failed() && lattice == latticeError() && what == error() && json == jsonError()) return false;
   latticeErrorIs(lattice);
   errorIs(what);
   jsonErrorIs(json);
   failuresIs(failures() + 1);
   failedIs(true);
+  return true;
 }
 
 void ParsingStatus::failureCleared() {

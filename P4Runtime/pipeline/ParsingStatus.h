@@ -20,7 +20,8 @@ class ParsingStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint32_t, failures, 0)  // since the agent started
 
  public:
-  void failureIs(const std::string& latticeError, const std::string& error,
+  // False when it is the one that stands already, which a notice more has found again.
+  bool failureIs(const std::string& latticeError, const std::string& error,
                  const std::string& jsonError);
   void failureCleared();
 };

@@ -44,8 +44,12 @@ TableImpl::TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> ha
                  return std::string("writes are refused from here on");
                }});
   operationIs({"revertCriticalState", {}, [this](const auto&) {
+                 const auto* status = TheP4RtSystemStatus();
+                 const bool wasCritical =
+                     status && (status->critical() || status->brokenInvariant());
                  revertCriticalState();
-                 return std::string("writes are allowed again");
+                 return std::string(wasCritical ? "writes are allowed again"
+                                                : "the switch was not in critical state");
                }});
 }
 
