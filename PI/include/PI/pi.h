@@ -64,8 +64,8 @@ pi_status_t pi_packetin_deregister_default_cb(void);
 
 /* What travels between the library and its target is the header and then the packet. The header
  * has the metadata fields of packet_out (packet_in) in ascending order of their ids, each in
- * (bitwidth + 7) / 8 bytes of its own, most significant byte first; none when the P4Info has no such
- * header. */
+ * (bitwidth + 7) / 8 bytes of its own, most significant byte first; none when the P4Info has no
+ * such header. */
 pi_status_t pi_packetout_send(pi_dev_id_t dev_id, const char* pkt, size_t size);
 
 #ifdef __cplusplus

@@ -149,12 +149,11 @@ void AgentParts::doBuild() {
                                      {directory + "/p4info.json", directory + "/device.json"});
   queryConfigSm = Vela::make<Pollen::QueryConfigSm>(
       loop, services.queryConfigDir, services.queryStatusDir,
-      Pollen::QueryTables{
-          [this](const auto& name) { return tableInfo->typeOfTable(name); },
-          [this](const auto& path, const auto& type) {
-            return tableInfoSm->queryOutputIs(path, type);
-          },
-          database.get()});
+      Pollen::QueryTables{[this](const auto& name) { return tableInfo->typeOfTable(name); },
+                          [this](const auto& path, const auto& type) {
+                            return tableInfoSm->queryOutputIs(path, type);
+                          },
+                          database.get()});
   forwarder = std::make_unique<FakeForwarder>(*store, *batchStatus);
   _pi_assign_device(deviceId, nullptr, nullptr);
 }
