@@ -3,7 +3,7 @@
 namespace P4Runtime {
 
 bool ControllerTxPktConfig::txPktDescEnq(const ControllerTxPktDesc& desc) {
-  if (txPktDesc_.size() + held() >= capacity) {
+  if (txPktDesc_.size() + held() >= capacity || crowdedLanes_.count(laneOf(desc))) {
     refusedFullIs(refusedFull() + 1);
     return false;
   }

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <set>
+#include <utility>
 
 #include "P4Runtime/packet/ControllerTxPktDesc.h"
 #include "P4Runtime/packet/KeyedQueue.h"
@@ -14,16 +17,21 @@ class ControllerTxPktConfig final : public Vela::Entity {
  public:
   // Descriptors that wait for their turn or for their device, of all ports together.
   static constexpr size_t capacity = 4096;
+  // Of these, what one lane whose device takes no more may keep from the others.
+  static constexpr size_t laneShare = 1024;
 
   using Entity::Entity;
   const char* typeName() const override { return "P4Runtime::ControllerTxPktConfig"; }
 
-  // False, and counted in refusedFull(), when `capacity` descriptors wait.
+  // False, and counted in refusedFull(), when `capacity` descriptors wait, or the lane is crowded.
   bool txPktDescEnq(const ControllerTxPktDesc& desc);
   KeyedQueue<ControllerTxPktDesc>& txPktDesc() { return txPktDesc_; }
   const KeyedQueue<ControllerTxPktDesc>& txPktDesc() const { return txPktDesc_; }
+  // Lanes that have used up their share; kept by whoever takes descriptors out.
+  void crowdedLanesAre(std::set<uint64_t> lanes) { crowdedLanes_ = std::move(lanes); }
 
  private:
+  std::set<uint64_t> crowdedLanes_;
   KeyedQueue<ControllerTxPktDesc> txPktDesc_{*this, "txPktDesc"};
 
   // Taken out, but waiting until their device has space; kept by whoever takes them out.

@@ -37,6 +37,12 @@ struct ControllerTxPktDesc {
   friend bool operator==(const ControllerTxPktDesc&, const ControllerTxPktDesc&) = default;
 };
 
+// Packets of one lane keep their order: a lane a port, and one for ingress processing.
+inline uint64_t laneOf(const ControllerTxPktDesc& desc) {
+  constexpr uint64_t ingressLane = uint64_t{1} << 32;  // beyond all ports
+  return desc.flags.ingressProcessingEnabled() ? ingressLane : desc.egressP4PortId;
+}
+
 enum class ControllerTxPktResult {
   packetTxResultUnknown = 0,
   packetTxResultOk = 1,

@@ -1,6 +1,7 @@
 #include "P4Runtime/packet/PacketTransmitter.h"
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
@@ -13,7 +14,6 @@ Scrivel::TraceHandle trace("P4RuntimeCpuPktSm");
 
 constexpr size_t mostTurn = 256;  // descriptors; other work of the reactor comes between turns
 constexpr size_t mostRun = 64;    // packets that one call into the kernel takes
-constexpr uint64_t ingressLane = uint64_t{1} << 32;  // beyond all ports
 
 TxDrop reasonOf(Wirra::SendResult result) {
   switch (result) {
@@ -54,10 +54,6 @@ void PacketTransmitter::waysChanged() {
   if (hasWork()) wake();
 }
 
-uint64_t PacketTransmitter::laneOf(const ControllerTxPktDesc& desc) {
-  return desc.flags.ingressProcessingEnabled() ? ingressLane : desc.egressP4PortId;
-}
-
 bool PacketTransmitter::hasWork() const {
   const auto canGo = [](const auto& lane) {
     return !lane.second.blocked && !lane.second.waiting.empty();
@@ -72,9 +68,18 @@ void PacketTransmitter::turn() {
   drainQueue(&budget);
   flush();
   std::erase_if(lanes_, [](const auto& lane) { return lane.second.waiting.empty(); });
-  queue_.heldIs(held_);
+  tellHeld();
   if (hasWork()) wake();
   if (turned_) turned_();
+}
+
+void PacketTransmitter::tellHeld() {
+  queue_.heldIs(held_);
+  std::set<uint64_t> crowded;
+  for (const auto& [number, lane] : lanes_) {
+    if (lane.waiting.size() >= ControllerTxPktConfig::laneShare) crowded.insert(number);
+  }
+  queue_.crowdedLanesAre(std::move(crowded));
 }
 
 void PacketTransmitter::drainLanes(size_t* budget) {

@@ -57,7 +57,7 @@ class PacketTransmitter final {
     uint64_t key = 0;
     ControllerTxPktDesc desc;
   };
-  struct Lane {  // of one port, while a packet of it waits
+  struct Lane {  // while a packet of it waits
     std::deque<Entry> waiting;
     bool blocked = false;
   };
@@ -66,9 +66,9 @@ class PacketTransmitter final {
     std::vector<Entry> entries;
     std::vector<Wirra::Packet::Ptr> packets;
   };
-  static uint64_t laneOf(const ControllerTxPktDesc& desc);
 
   void turn();
+  void tellHeld();
   void drainLanes(size_t* budget);
   void drainQueue(size_t* budget);
   bool maybeWait(Entry& entry);

@@ -120,6 +120,20 @@ TEST_F(PacketTransmitterTest, AFullDeviceHoldsItsPortsPacketsBackInOrderAndNoOth
   EXPECT_EQ(status_->sent(), 11u);
 }
 
+// Or one slow port would use up the room of all.
+TEST_F(PacketTransmitterTest, AFullDeviceTakesNoMoreThanItsShareOfTheQueue) {
+  devices_.room["a"] = 0;
+  for (size_t i = 0; i < ControllerTxPktConfig::laneShare; ++i) ASSERT_TRUE(enq(1, 1));
+  settle();
+  EXPECT_EQ(queue_->held(), ControllerTxPktConfig::laneShare);
+  EXPECT_FALSE(enq(1, 1));
+  EXPECT_TRUE(enq(2, 1));
+  space("a", 1);
+  settle();
+  EXPECT_TRUE(enq(1, 1));
+  EXPECT_EQ(queue_->refusedFull(), 1u);
+}
+
 // More than one call into the kernel takes: what follows the call that the device cut short waits
 // behind what that call left.
 TEST_F(PacketTransmitterTest, AFullDeviceCutsLongRunsShortInOrder) {
