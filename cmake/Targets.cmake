@@ -3,7 +3,9 @@
 add_library(korvel_options INTERFACE)
 target_include_directories(korvel_options INTERFACE ${PROJECT_SOURCE_DIR}
                                                     ${PROJECT_SOURCE_DIR}/PI/include)
+# Compilers take strings that are moved and then compared for uninitialised ones.
 target_compile_options(korvel_options INTERFACE -Wall -Wextra -Wno-missing-field-initializers
+                                                -Wno-maybe-uninitialized
                                                 -fno-semantic-interposition)
 if(KORVEL_WERROR)
   target_compile_options(korvel_options INTERFACE -Werror)
