@@ -10,6 +10,7 @@
 #include "P4Runtime/agent/CliCommands.h"
 #include "P4Runtime/agent/SettingChecks.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "platform/scrivel/Trace.h"
 
@@ -88,6 +89,7 @@ void Agent::doBuildTableProgramming() {
   batchStatusIs(Vela::make<BatchStatus>("batchStatus", tables_.get()));
   batchStatus()->notifyFdIs(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   piContext()->batchStatusIs(batchStatus());
+  TheWriteGateIs(Vela::make<WriteGate>(runtime_.loop, batchStatus(), p4RtSystemStatus()));
   agentConfigSmIs(Vela::make<AgentConfigSm>(runtime_, agentConfig()));
   p4TableInfoIs(Vela::make<P4TableInfo>("p4TableInfo", "p4runtime"));
   tableImplIs(tableImplFactory(p4TableInfo(), p4HandleMgr(), tables_.get()));
@@ -131,7 +133,6 @@ void Agent::doBuildPipeline() {
       p4TableInfo(), p4ControllerPktMetadata(), p4RtSystemConfig(),
       {typeConfigDir(), typeStatusDir(), queryConfigDir(), queryStatusDir(), tables_.get()},
       {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
-  p4TableInfoSm()->batchStatusIs(batchStatus(), runtime_.loop);
   Pollen::QueryTables queryTables;
   queryTables.typeOf = [this](const std::string& name) { return p4TableInfo()->typeOfTable(name); };
   queryTables.outputTableIs = [this](const std::string& path, const std::string& type) {
@@ -164,10 +165,10 @@ void Agent::doAttachKernelDevices() {
 void Agent::doBuildServer() {
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
   piContext()->piServerIs(piServer());
+  TheWriteGate()->levelHandlerIs(
+      [server = piServer().get()](uint32_t level) { server->setOperationPermissionLevel(level); });
   piServerInitSmIs(korvelPiServerInitSmFactory(p4TableInfo(), p4RtSystemConfig(),
                                                p4RtSystemStatus(), piServer(), tableImpl()));
-  piServerInitSm()->batchStatusIs(batchStatus());
-  if (!p4RtSystemConfig()->enabled()) piServer()->setOperationPermissionLevel(nothingAllowed);
 }
 
 void Agent::doBuildCommands() {

@@ -6,6 +6,7 @@
 
 #include "P4Runtime/agent/Agent.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/TableImpl.h"
@@ -33,6 +34,7 @@ void Agent::doPublish() {
   database.entityIs("p4runtime/tableImpl", tableImpl());
   database.entityIs("p4runtime/tableInfo", p4TableInfo());
   database.entityIs("p4runtime/batchStatus", batchStatus());
+  database.entityIs("p4runtime/writeGate", Vela::Ptr<Vela::Entity>(TheWriteGate()));
   database.entityIs("p4runtime/piServer", piServer());
   database.entityIs("p4runtime/status/vrf", vrfIdCollection());
   const auto update = [this] { doUpdateStatus(); };

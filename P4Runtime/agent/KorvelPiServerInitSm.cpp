@@ -74,11 +74,6 @@ void KorvelPiServerInitSm::observeReferences() {
                         ? server()->serverReadyAttribute().observe([this] { handleServerReady(); })
                         : Vela::Observation();
   }));
-  references_.push_back(batchStatusAttribute().observe([this] {
-    batchChange_ =
-        batchStatus() ? batchStatus()->inProgressAttribute().observe([this] { handleInProgress(); })
-                      : Vela::Observation();
-  }));
 }
 
 void KorvelPiServerInitSm::handleInitialized() {
@@ -94,7 +89,7 @@ void KorvelPiServerInitSm::doSpawnServerThread() {
 void KorvelPiServerInitSm::handleTableInfoState() {
   SCRIVEL_TRACE(1, "handleTableInfoState",
                 " tableInfoState: ", static_cast<int>(tableInfo()->tableInfoState()));
-  if (movingServer_) return;  // the end of the move asks again
+  if (move_.isClosed()) return;  // the end of the move asks again
   try {
     doApplyTableInfoState();
   } catch (const P4RuntimeBrokenInvariantException& e) {
@@ -113,45 +108,45 @@ void KorvelPiServerInitSm::doApplyTableInfoState() {
       return;
     case P4TableInfoState::tableInfoNotReady:
     case P4TableInfoState::tableInfoError:
-      server()->setOperationPermissionLevel(nothingAllowed);
+      noPipeline_.close();
+      push_.open();  // one that waits for the batch in progress is called off
       return;
   }
   throw P4RuntimeBrokenInvariantException(fmt::format(
       "Unrecognized tableInfoState {}", static_cast<int>(tableInfo()->tableInfoState())));
 }
 
-// The critical state is left by revertCriticalState() alone.
-uint32_t KorvelPiServerInitSm::allowedLevel() const {
-  const bool distrusted = p4RtSystemStatus()->brokenInvariant() || p4RtSystemStatus()->critical();
-  return distrusted ? readsAllowed : writesAllowed;
-}
-
 // The server takes a pipeline between two Writes. The push keeps the reactor, and a Write in
 // progress could not hear of the forwarding plane meanwhile; nor may one begin under the former
-// pipeline.
+// pipeline, or before the entries are back.
 void KorvelPiServerInitSm::doPushPipeline() {
-  pushWaits_ = batchStatus() && batchStatus()->inProgress();  // handleInProgress() asks again
-  const bool replacesAnother = pushWaits_ || server()->serverReady();
-  server()->setOperationPermissionLevel(replacesAnother ? nothingAllowed : allowedLevel());
-  if (pushWaits_) return;
+  if (server()->serverReady()) {
+    push_.close([this] { maybeSignal(); });
+    noPipeline_.open();
+  } else {
+    noPipeline_.open();
+    maybeSignal();
+  }
+}
+
+void KorvelPiServerInitSm::maybeSignal() {
+  if (move_.isClosed()) return;  // the end of the move asks again
+  if (tableInfo()->tableInfoState() != P4TableInfoState::tableInfoReady) return;
   server()->pipelineRequestIs(tableInfo()->pipelineRequest());
   server()->signal();
 }
 
-void KorvelPiServerInitSm::handleInProgress() {
-  if (!pushWaits_ || batchStatus()->inProgress()) return;
-  server()->loop().post([this, alive = Vela::Ptr<KorvelPiServerInitSm>(this)] {
-    if (pushWaits_) handleTableInfoState();
-  });
+void KorvelPiServerInitSm::handleServerReady() {
+  SCRIVEL_TRACE(1, "handleServerReady", " ", server()->serverReady());
+  if (!server()->serverReady()) return;
+  // Disabled since it was pushed: without its tables no record could be restored. The pipeline is
+  // pushed again once they are back.
+  if (tableInfo()->tableInfoState() != P4TableInfoState::tableInfoReady) return;
+  doRestore();
+  push_.open();
 }
 
-void KorvelPiServerInitSm::handleServerReady() {
-  SCRIVEL_TRACE(1, "handleServerReady");
-  if (!server()->serverReady()) return;
-  // Disabled since it was pushed: without its tables every record would look unusable. The pipeline
-  // is pushed again once they are back.
-  if (tableInfo()->tableInfoState() != P4TableInfoState::tableInfoReady) return;
-  server()->setOperationPermissionLevel(allowedLevel());
+void KorvelPiServerInitSm::doRestore() {
   try {
     tableImpl()->restoreCachedEntries();
     programConstantTables();
@@ -209,13 +204,17 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   }
 }
 
+// Calls in progress are answered by the server that took them.
 void KorvelPiServerInitSm::doKillPiServerThread() {
   SCRIVEL_TRACE(1, "doKillPiServerThread");
-  if (movingServer_) return;  // the fresh server takes the address of the moment it starts
-  movingServer_ = true;
-  server()->setOperationPermissionLevel(nothingAllowed);
+  if (move_.isClosed()) return;  // the fresh server takes the address of the moment it starts
+  move_.close([this] { doMoveServer(); });
+}
+
+void KorvelPiServerInitSm::doMoveServer() {
   server()->doShutDown([this, alive = Vela::Ptr<KorvelPiServerInitSm>(this)] {
-    movingServer_ = false;  // before the address is read: a change from here on moves it again
+    push_.open();  // the fresh server has no pipeline that another could replace
+    move_.open();  // before the address is read: a change from here on moves it again
     server()->doCleanup();
     handleTableInfoState();
   });

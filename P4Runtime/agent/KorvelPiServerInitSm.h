@@ -3,9 +3,9 @@
 #pragma once
 
 #include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/TableImpl.h"
-#include "platform/companion/BatchStatus.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 
@@ -28,8 +28,6 @@ class KorvelPiServerInitSm : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServer>, server, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
-  // A pipeline that takes the place of another waits for the batch in progress; null: for none.
-  VELA_READONLY_ATTRIBUTE(Vela::Ptr<BatchStatus>, batchStatus, nullptr)
 
  public:
   void handleInitialized();
@@ -43,17 +41,18 @@ class KorvelPiServerInitSm : public Vela::Entity {
   void observeReferences();
   void doApplyTableInfoState();
   void doPushPipeline();
-  void handleInProgress();
-  uint32_t allowedLevel() const;
+  void maybeSignal();
+  void doRestore();
+  void doMoveServer();
   void programConstantEntry(uint32_t tableId, const P4TableInfoConstEntry& entry);
 
   Vela::Observation tableInfoChange_;
   Vela::Observation configChange_;
   Vela::Observation serverChange_;
   std::vector<Vela::Observation> references_;
-  Vela::Observation batchChange_;
-  bool pushWaits_ = false;     // for the batch in progress
-  bool movingServer_ = false;  // the server is going down to come up elsewhere
+  WriteGate::Closer noPipeline_{"no pipeline is ready"};
+  WriteGate::Closer push_{"a pipeline takes the place of another"};
+  WriteGate::Closer move_{"the server is moving to another address"};
 };
 
 Vela::Ptr<KorvelPiServerInitSm> korvelPiServerInitSmFactory(

@@ -18,6 +18,7 @@
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/PiDebug.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_imp.h"
@@ -333,6 +334,7 @@ using P4Runtime::StatusVector;
 using P4Runtime::TheBatchStatus;
 using P4Runtime::TheTableImpl;
 using P4Runtime::trace;
+using pi::fe::proto::DeviceMgr;
 using Vela::ActivityLock;
 
 void _pi_update_pending_status(StatusVector* statusVector) {
@@ -407,11 +409,17 @@ pi_status_t _pi_session_cleanup(pi_session_handle_t session_handle) {
   return PI_STATUS_SUCCESS;
 }
 
+// A Write may have checked its permission before the gate was closed; asked under the lock, the
+// level is the one that stands.
 pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
   const ActivityLock lock;
+  SCRIVEL_TRACE(5, "_pi_batch_begin", " session_handle: ", session_handle);
+  if (DeviceMgr::get_operation_permission_level() == P4Runtime::nothingAllowed) {
+    SCRIVEL_TRACE(1, "_pi_batch_begin", " refused: Writes are not let in now");
+    return PI_STATUS_TARGET_TRANSPORT_ERROR;
+  }
   P4Runtime::pendingStatus().clear();
   TheTableImpl()->clearPendingOperations();
-  SCRIVEL_TRACE(5, "_pi_batch_begin", " session_handle: ", session_handle);
   TheBatchStatus()->onBatchBegin();
   return PI_STATUS_SUCCESS;
 }

@@ -8,6 +8,7 @@
 
 #include "P4Runtime/pi/KorvelPiImpl.h"
 #include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "PI/frontends/proto/device_mgr.h"
@@ -23,12 +24,18 @@ Scrivel::TraceHandle trace("P4RuntimeException");
 
 using pi::fe::proto::DeviceMgr;
 
+// The critical state never opens a gate that is closed.
+void applyLevel(uint32_t levelWithoutGate) {
+  if (WriteGate* gate = TheWriteGate()) return gate->applyLevel();
+  DeviceMgr::set_operation_permission_level(levelWithoutGate);
+}
+
 // The status entity and the log say the same thing as the refused writes.
 void enterCriticalState(const char* why) {
-  DeviceMgr::set_operation_permission_level(readsAllowed);
   if (P4RuntimeConfig::P4RtSystemStatus* status = TheP4RtSystemStatus()) {
     status->criticalIs(why, fmt::format("{:%FT%TZ}", fmt::gmtime(std::time(nullptr))));
   }
+  applyLevel(readsAllowed);
   fmt::print(stderr,
              "korvel: the switch is critical: {}; WRITE operations are no longer allowed; call "
              "revertCriticalState once the forwarding plane can be trusted again\n",
@@ -88,11 +95,11 @@ pi_status_t P4RuntimeBrokenInvariantException::handleException(
 
 void P4RuntimeBrokenInvariantException::revertCriticalState() {
   const auto before = DeviceMgr::get_operation_permission_level();
-  DeviceMgr::set_operation_permission_level(writesAllowed);
   if (P4RuntimeConfig::P4RtSystemStatus* status = TheP4RtSystemStatus()) {
     status->brokenInvariantIs(false);
     status->criticalCleared();
   }
+  applyLevel(writesAllowed);
   SCRIVEL_TRACE(0, "revertCriticalState", " Permission Level", " before: ", before,
                 " after: ", DeviceMgr::get_operation_permission_level());
 }

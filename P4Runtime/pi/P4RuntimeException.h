@@ -76,7 +76,8 @@ class P4RuntimeBrokenInvariantException : public Vela::Exception {
   using Exception::Exception;
 
   static pi_status_t handleException(const P4RuntimeBrokenInvariantException& e);
-  // Trusts the hardware again: reads and writes are allowed, whatever the level was.
+  // Trusts the hardware again: reads and writes are allowed, as soon as the gate for Writes is
+  // open.
   static void revertCriticalState();
 };
 

@@ -84,11 +84,14 @@ void P4TableInfoSm::handleInitialized() {
 void P4TableInfoSm::handlePipelineConfigFile() {
   const std::string path = systemConfig_->forwardingPipelineConfigFilePath();
   SCRIVEL_TRACE(1, "handlePipelineConfigFile", " File ", path);
-  if (!systemConfig_->enabled() || cleanupWaits_) return;  // maybeBringUpPipeline() asks again
-  guarded([&] { readPipelineConfigFile(path); });
+  if (!systemConfig_->enabled()) return;  // handleEnabled() asks again
+  guarded([&] {
+    next_ = readPipelineConfigFile(path);
+    change_.close([this] { doChange(); });
+  });
 }
 
-void P4TableInfoSm::readPipelineConfigFile(const std::string& path) {
+P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::string& path) const {
   const auto fail = [](const std::string& text) { throw P4RuntimeParsingException({}, text, {}); };
   if (path.empty()) fail("Pipeline Configuration not available yet: " + path);
   std::ifstream file(path, std::ios::binary);
@@ -100,21 +103,37 @@ void P4TableInfoSm::readPipelineConfigFile(const std::string& path) {
         "Device id in the pipeline configuration {} does not match the configured device id {}",
         request.device_id(), systemConfig_->deviceId()));
   }
-  std::string p4InfoJson;
+  NextPipeline next{path, request.SerializeAsString(), {}, {}};
   const auto converted =
-      google::protobuf::util::MessageToJsonString(request.config().p4info(), &p4InfoJson);
+      google::protobuf::util::MessageToJsonString(request.config().p4info(), &next.p4InfoJson);
   if (!converted.ok()) fail("Failed to convert p4Info to JSON " + converted.ToString());
-  doForgetPipeline();
-  tableInfo_->pipelineRequestIs(request.SerializeAsString());
-  writeForPeople(files_.p4InfoJsonPath, p4InfoJson);
-  handleP4InfoStr(p4InfoJson);
   p4::tmp::P4DeviceConfig device;
   if (!device.ParseFromString(request.config().p4_device_config())) {
     fail("Failed to read device configuration " + path);
   }
-  writeForPeople(files_.deviceJsonPath, device.device_data());
+  next.deviceJson = std::move(*device.mutable_device_data());
+  return next;
+}
+
+// No batch is in progress, and none begins: an update that fails is put back through the tables'
+// interfaces, so the Write in progress needed the former model. From here on the gate stays closed
+// for as long as the model is not ready.
+void P4TableInfoSm::doChange() {
+  if (std::exchange(cleanupRequested_, false)) doCleanUp();
+  if (const auto next = std::exchange(next_, std::nullopt)) {
+    guarded([&] { doBringUp(*next); });
+  }
+  change_.open();
+}
+
+void P4TableInfoSm::doBringUp(const NextPipeline& next) {
+  doForgetPipeline();
+  tableInfo_->pipelineRequestIs(next.request);
+  writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
+  handleP4InfoStr(next.p4InfoJson);
+  writeForPeople(files_.deviceJsonPath, next.deviceJson);
   TheParsingStatus()->failureCleared();
-  handlePipelineConfigStr(device.device_data());
+  handlePipelineConfigStr(next.deviceJson);
 }
 
 // A new pipeline starts from nothing; the rows and records of the former one stay where they are

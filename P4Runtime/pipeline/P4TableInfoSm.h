@@ -4,13 +4,14 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/Json.h"
 #include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
-#include "platform/companion/BatchStatus.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/lattice/Database.h"
 #include "platform/pollen/QueryConfig.h"
@@ -58,7 +59,8 @@ class P4TableInfoSm : public Vela::Entity {
 
  public:
   // The system configuration names another pipeline file, or the agent starts. A file that cannot
-  // be used leaves the running pipeline alone.
+  // be used leaves the running pipeline alone; one that can takes its place once the batch in
+  // progress is settled.
   void handlePipelineConfigFile();
   void handleP4InfoStr(const std::string& p4InfoJson);
   void handlePipelineConfigStr(const std::string& deviceConfigJson);
@@ -78,8 +80,6 @@ class P4TableInfoSm : public Vela::Entity {
   // answers with the request's number. The pipeline comes up again when the agent is enabled.
   void handleCleanupRequest();
   void handleEnabled();
-  // Whose batches a clean-up waits for; both outlive this. Without it, for none.
-  void batchStatusIs(Vela::Ptr<BatchStatus> batchStatus, Vela::ReactorLoop& loop);
   const P4ControllerPktMetadata& controllerPktMetadata() const { return *controllerPktMetadata_; }
   // Makes the table that an active query's rows go to; rows of an earlier process stay in it.
   Vela::Ptr<Lattice::ArTableInterface> queryOutputIs(const std::string& path,
@@ -101,9 +101,17 @@ class P4TableInfoSm : public Vela::Entity {
     }
   }
 
-  void readPipelineConfigFile(const std::string& path);
+  // A pipeline file that was read and found usable, until the running pipeline makes room for it.
+  struct NextPipeline {
+    std::string path;
+    std::string request;  // as it is pushed to the server
+    std::string p4InfoJson;
+    std::string deviceJson;
+  };
+  NextPipeline readPipelineConfigFile(const std::string& path) const;
+  void doChange();
+  void doBringUp(const NextPipeline& next);
   void doForgetPipeline();
-  bool maybeFinishCleanup();
   void doCleanUp();
   bool maybeBringUpPipeline();
 
@@ -135,9 +143,9 @@ class P4TableInfoSm : public Vela::Entity {
   std::map<std::string, Vela::Observation> typeStatusChanges_;
   std::map<std::string, Vela::Observation> queryStatusChanges_;
   std::vector<Vela::Observation> changes_;
-  Vela::Ptr<BatchStatus> batchStatus_;
-  Vela::Observation batchChange_;
-  bool cleanupWaits_ = false;  // for the batch in progress
+  std::optional<NextPipeline> next_;
+  bool cleanupRequested_ = false;
+  WriteGate::Closer change_{"the pipeline is changing"};
 };
 
 // Throws a P4RuntimeParsingException of `what` and `detail`, with the text at which cJSON stopped.

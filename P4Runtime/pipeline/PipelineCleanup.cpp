@@ -10,33 +10,15 @@ Scrivel::TraceHandle trace("P4TableInfoSm");
 
 }  // namespace
 
-void P4TableInfoSm::batchStatusIs(Vela::Ptr<BatchStatus> batchStatus, Vela::ReactorLoop& loop) {
-  batchStatus_ = std::move(batchStatus);
-  batchChange_ = batchStatus_->inProgressAttribute().observe([this, &loop] {
-    if (!cleanupWaits_ || batchStatus_->inProgress()) return;
-    // Observers of what follows belong on the reactor.
-    loop.post([this, alive = Vela::Ptr<P4TableInfoSm>(this)] { maybeFinishCleanup(); });
-  });
-}
-
-// An update that fails is put back through the tables' interfaces, so the Write in progress still
-// needs the model; without a ready one no further Write begins.
+// Without a ready model no further Write begins; the one in progress still needs it.
 void P4TableInfoSm::handleCleanupRequest() {
   SCRIVEL_TRACE(1, "P4TableInfoSm::", "handleCleanupRequest", tableInfo_->cleanupRequestId(),
                 " query status count",
                 services_.queryStatusDir->entityCollection().values().size());
   tableInfo_->tableInfoStateIs(P4TableInfoState::tableInfoNotReady);
-  cleanupWaits_ = batchStatus_ && batchStatus_->inProgress();
-  if (!cleanupWaits_) doCleanUp();
-}
-
-bool P4TableInfoSm::maybeFinishCleanup() {
-  if (!cleanupWaits_) return false;              // finished already
-  if (batchStatus_->inProgress()) return false;  // another batch has begun; its end asks again
-  cleanupWaits_ = false;
-  doCleanUp();
-  maybeBringUpPipeline();  // the agent may have been enabled meanwhile
-  return true;
+  next_.reset();
+  cleanupRequested_ = true;
+  change_.close([this] { doChange(); });
 }
 
 void P4TableInfoSm::doCleanUp() {
@@ -44,12 +26,14 @@ void P4TableInfoSm::doCleanUp() {
   tableInfo_->cleanupResponseIdIs(tableInfo_->cleanupRequestId());
 }
 
-void P4TableInfoSm::handleEnabled() { maybeBringUpPipeline(); }
+void P4TableInfoSm::handleEnabled() {
+  SCRIVEL_TRACE(1, "handleEnabled", " ", systemConfig_->enabled());
+  maybeBringUpPipeline();
+}
 
 bool P4TableInfoSm::maybeBringUpPipeline() {
   if (!initialized()) return false;             // handleInitialized() reads the file
   if (!systemConfig_->enabled()) return false;  // handleEnabled() asks again
-  if (cleanupWaits_) return false;              // maybeFinishCleanup() asks again
   handlePipelineConfigFile();
   return true;
 }

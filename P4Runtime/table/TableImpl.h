@@ -10,6 +10,7 @@
 
 #include <absl/container/node_hash_map.h>
 
+#include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/P4CounterMeters.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/Restoring.h"
@@ -221,7 +222,7 @@ class TableImpl : public Vela::Entity {
   RestoreCounts restored_;
   Vela::Observation initializedChange_;
   Vela::Observation constTablesChange_;
-  Vela::Observation settledChange_;  // while letting go of the caches waits for a batch
+  WriteGate::Closer cachesLetGo_{"the agent is disabled"};
 };
 
 Vela::Ptr<TableImpl> tableImplFactory(Vela::Ptr<P4TableInfo> tableInfo,

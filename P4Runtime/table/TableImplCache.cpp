@@ -29,7 +29,7 @@ void TableImpl::handleInitialized() {
 }
 
 void TableImpl::mountCache() {
-  settledChange_.end();
+  cachesLetGo_.open();
   if (!database_ || tableCache_) return;
   Brine::Store& store = database_->store();
   const std::string path = cachePath;
@@ -42,15 +42,10 @@ void TableImpl::mountCache() {
 
 void TableImpl::cleanupCache() {
   if (!database_) return;
-  const auto context = ThePiContext();
-  const auto batchStatus = context ? context->batchStatus() : nullptr;
-  if (!batchStatus || !batchStatus->inProgress()) return doLetGoOfCache();
-  SCRIVEL_TRACE(1, "TableImpl", " the batch in progress still needs the caches");
-  settledChange_ = batchStatus->inProgressAttribute().observe([this, batchStatus] {
-    if (batchStatus->inProgress()) return;
-    settledChange_.end();
-    doLetGoOfCache();
-  });
+  cachesLetGo_.close([this] { doLetGoOfCache(); });
+  if (cachesLetGo_.isWaiting()) {
+    SCRIVEL_TRACE(1, "TableImpl", " the batch in progress still needs the caches");
+  }
 }
 
 void TableImpl::doLetGoOfCache() {

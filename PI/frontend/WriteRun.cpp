@@ -123,6 +123,7 @@ void WriteRun::maybeBeginBatch(const Operation& operation) {
   if (batchOpen_) return;
   const pi_status_t begun = pi_batch_begin(session_.handle);
   if (begun != PI_STATUS_SUCCESS) {
+    requireWritePermission();  // it may have been withdrawn just now
     refuse(code::internal, updateText(operation.update), ": the target began no batch: status ",
            begun);
   }

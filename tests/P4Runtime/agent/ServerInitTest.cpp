@@ -115,7 +115,6 @@ TEST_F(ServerInitTest, PermissionFollowsThePipelineAndTheCriticalState) {
 
 // The push keeps the reactor, which the Write needs to hear of the forwarding plane.
 TEST_F(ServerInitTest, PipelineThatReplacesAnotherWaitsForTheWriteInProgress) {
-  initSm_->batchStatusIs(agent().batchStatus);
   serverReady();
   agent().begin();
   agent().add(0, exactEntry(1));
@@ -125,10 +124,10 @@ TEST_F(ServerInitTest, PipelineThatReplacesAnotherWaitsForTheWriteInProgress) {
   agent().end();
   forwarder().programAll();
   EXPECT_TRUE(agent().outcome().empty());
-  serverLoop().stop();  // after what was posted
-  serverLoop().run();
+  agent().settle();
   EXPECT_EQ(signals(), 1u);
   EXPECT_EQ(level(), 0u) << "no Write begins under the former pipeline";
+  EXPECT_NE(agent().begin(), PI_STATUS_SUCCESS) << "nor one that was let in just before";
   {
     const Vela::ActivityLock lock;
     server_->serverReadyIs(false);

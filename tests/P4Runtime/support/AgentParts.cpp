@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <fstream>
 
-#include "PI/frontends/proto/device_mgr.h"
 #include "PI/int/pi_frontend_hooks.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi_extensions.h"
@@ -112,7 +111,7 @@ AgentParts::AgentParts(const std::string& directory) : directory(directory) {
       Lattice::Database::create(loop, *store, {.doorbellPath = directory + "/doorbell.sock"});
   doBuild();
   for (const auto id : {noServersDeviceId, deviceId}) pi_frontend_hooks_set(id, &hooks, &frontEnd);
-  pi::fe::proto::DeviceMgr::set_operation_permission_level(2);
+  TheWriteGate()->applyLevel();
 }
 
 // In the order in which the agent builds itself.
@@ -129,6 +128,7 @@ void AgentParts::doBuild() {
   batchStatus->notifyFdIs(notifyFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   batchStatus->batchTimeoutIs(0);  // a wait that would be one for ever ends at once
   context->batchStatusIs(batchStatus);
+  TheWriteGateIs(Vela::make<WriteGate>(loop, batchStatus, status));
   tableInfo = Vela::make<P4TableInfo>("p4TableInfo", "p4runtime");
   tableImpl = tableImplFactory(tableInfo, handles, database.get());
   context->tableImplIs(tableImpl);
@@ -167,6 +167,7 @@ AgentParts::~AgentParts() {
   typeService = nullptr;
   tableImpl = nullptr;
   tableInfo = nullptr;
+  TheWriteGateIs(nullptr);
   batchStatus = nullptr;
   close(notifyFd_);
   database.reset();
@@ -190,9 +191,9 @@ void AgentParts::pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& re
   settle();
 }
 
-void AgentParts::begin() {
+pi_status_t AgentParts::begin() {
   offsets_.clear();
-  _pi_batch_begin(0);
+  return _pi_batch_begin(0);
 }
 
 void AgentParts::end() {

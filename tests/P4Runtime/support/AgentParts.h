@@ -85,7 +85,7 @@ class AgentParts {
                   const std::string& fileName = "pipeline.pb.bin");
   void settle();  // turns the reactor until nothing more can happen
 
-  void begin();
+  pi_status_t begin();
   void end();
   pi_status_t add(uint32_t offset, const Entry& entry);  // the handle stands in lastHandle
   pi_status_t del(uint32_t offset, const Entry& entry);
