@@ -16,6 +16,13 @@ if(KORVEL_SANITIZE)
   add_compile_definitions(KORVEL_SANITIZED)
 endif()
 
+# A finding ends the process in which it is made, so that a test fails also when it is the process
+# of an agent or a forwarder that the test has started.
+set(KORVEL_SANITIZER_OPTIONS
+  "ASAN_OPTIONS=abort_on_error=1:detect_stack_use_after_return=1"
+  "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1"
+  "TSAN_OPTIONS=halt_on_error=1:abort_on_error=1:second_deadlock_stack=1:suppressions=${PROJECT_SOURCE_DIR}/cmake/tsan.supp")
+
 # korvel_library(NAME SOURCES a.cpp ... DEPS lib ... [PRIVATE_DEPS lib ...] [STATIC])
 # A library of one folder. Shared unless STATIC: the launcher, the agent's plug-in and the tools
 # run in one process and must find one copy of each singleton.
@@ -40,4 +47,7 @@ function(korvel_test NAME)
     set(A_LABELS unit)
   endif()
   set_tests_properties(${NAME} PROPERTIES LABELS "${A_LABELS}" TIMEOUT 300)
+  if(KORVEL_SANITIZE)
+    set_tests_properties(${NAME} PROPERTIES ENVIRONMENT "${KORVEL_SANITIZER_OPTIONS}")
+  endif()
 endfunction()
