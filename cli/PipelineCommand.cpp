@@ -7,8 +7,10 @@
 #include <iostream>
 #include <memory>
 
-#include "cli/pipeline/Finding.h"
-#include "cli/pipeline/PipelineFile.h"
+#include "cli/pipeline/FindingsJson.h"
+#include "cli/pipeline/PipelineShow.h"
+#include "pipeline/PipelineBuild.h"
+#include "pipeline/PipelineCheck.h"
 
 namespace {
 
@@ -19,19 +21,20 @@ struct FileOptions {
 
 // CLI11 itself would wrap -1 around, and take too large a number for the largest.
 std::string deviceIdFault(const std::string& text) {
-  uint64_t id = 0;
+  uint32_t id = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), id);
-  if (error == std::errc() && end == text.data() + text.size() && id != 0) return "";
-  return "'" + text + "' is no device id; expected a number from 1 to 18446744073709551615";
+  if (error == std::errc() && end == text.data() + text.size() && !text.empty()) return "";
+  return "'" + text + "' is no device id; expected a number from 0 to 4294967295";
 }
 
-void printFindings(std::ostream& out, const Cli::Findings& findings) {
-  for (const Cli::Finding& finding : findings.list()) out << Cli::findingText(finding) << '\n';
+void printFindings(std::ostream& out, const Pipeline::Findings& findings) {
+  for (const Pipeline::Finding& finding : findings.list())
+    out << Pipeline::findingText(finding) << '\n';
 }
 
-void runBuild(const Cli::BuildOptions& options) {
-  Cli::Findings findings;
-  Cli::buildPipeline(options, &findings);
+void runBuild(const Pipeline::BuildOptions& options) {
+  Pipeline::Findings findings;
+  Pipeline::buildPipeline(options, &findings);
   printFindings(std::cerr, findings);
   if (findings.hasErrors()) {
     std::cerr << options.outputPath << " was not written\n";
@@ -40,13 +43,7 @@ void runBuild(const Cli::BuildOptions& options) {
 }
 
 void runCheck(const FileOptions& options) {
-  Cli::Findings findings;
-  try {
-    Cli::checkPipeline(options.path, &findings);
-  } catch (const Cli::PipelineError& e) {
-    if (!options.json) throw;
-    findings.error("", e.what());
-  }
+  const Pipeline::Findings findings = Pipeline::checkPipelineFile(options.path);
   if (options.json) {
     std::cout << Cli::findingsJson(options.path, findings);
   } else {
@@ -62,7 +59,7 @@ void runCheck(const FileOptions& options) {
 
 void addBuild(CLI::App& pipeline) {
   CLI::App* build = pipeline.add_subcommand("build", "Make a pipeline file from a P4Info");
-  const auto options = std::make_shared<Cli::BuildOptions>();
+  const auto options = std::make_shared<Pipeline::BuildOptions>();
   build->add_option("--p4info", options->p4InfoPath, "P4Info of the compiler: text, JSON or binary")
       ->required()
       ->type_name("FILE");

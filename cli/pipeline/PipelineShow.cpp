@@ -1,12 +1,15 @@
 // The pipeline on paper: the view document set as text.
 #include <fmt/core.h>
 
-#include "cli/pipeline/Files.h"
-#include "cli/pipeline/PipelineFile.h"
+#include "cli/pipeline/PipelineShow.h"
 #include "cli/pipeline/PipelineView.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "pipeline/Files.h"
 
 namespace Cli {
+
+using namespace Pipeline;
+
 namespace {
 
 std::string text(const cJSON* object, const char* key) {

@@ -5,18 +5,21 @@
 #include <map>
 #include <utility>
 
-#include "cli/pipeline/DeviceConfig.h"
-#include "cli/pipeline/EntryText.h"
-#include "cli/pipeline/Files.h"
-#include "cli/pipeline/Finding.h"
-#include "cli/pipeline/Names.h"
-#include "cli/pipeline/P4InfoIndex.h"
-#include "cli/pipeline/ProfileCheck.h"
-#include "cli/pipeline/TypeCheck.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "pipeline/DeviceConfig.h"
+#include "pipeline/EntryText.h"
+#include "pipeline/Files.h"
+#include "pipeline/Finding.h"
+#include "pipeline/Names.h"
+#include "pipeline/P4InfoIndex.h"
+#include "pipeline/ProfileCheck.h"
+#include "pipeline/TypeCheck.h"
 
 namespace Cli {
+
+using namespace Pipeline;
+
 namespace {
 
 using p4::config::v1::MatchField;
@@ -47,7 +50,7 @@ class ViewMaker {
       throw PipelineError(path + ": " + findingText(finding) + " (see 'korvel pipeline check')");
     }
     layout_ = pipelineLayout(index_, &findings);
-    config_ = parsedDeviceConfig(path, deviceData(path, request), &findings);
+    config_ = parsedDeviceConfig(deviceData(request), &findings);
     types_ = checkTypes(config_, &findings);
     for (const DeviceTable& table : config_.tables) {
       device_.emplace(std::make_pair(table.kind, table.id), table);

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "cli/pipeline/Json.h"
+#include "pipeline/Json.h"
 
 namespace p4::v1 {
 class SetForwardingPipelineConfigRequest;
@@ -12,8 +12,9 @@ class SetForwardingPipelineConfigRequest;
 namespace Cli {
 
 // {"device_id", "election_id", "name", "version", "tables": [...], "action_profiles": [...],
-//  "packet_headers": [...], "queries"}. `path` is for errors. Throws PipelineError.
-JsonPtr pipelineView(const std::string& path,
-                     const p4::v1::SetForwardingPipelineConfigRequest& request);
+//  "packet_headers": [...], "queries"}. `path` is for errors. Throws
+// Pipeline::PipelineError.
+Pipeline::JsonPtr pipelineView(const std::string& path,
+                               const p4::v1::SetForwardingPipelineConfigRequest& request);
 
 }  // namespace Cli

@@ -1,0 +1,30 @@
+// Which column type holds a match field or an action parameter.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace p4::config::v1 {
+class Action_Param;
+class MatchField;
+}  // namespace p4::config::v1
+
+namespace Pipeline {
+
+// The type, or why there is none.
+struct ColumnChoice {
+  std::string type;
+  std::string refusal;  // empty: there is a type
+};
+
+// Of the value (and the mask) of a match field that is no LPM.
+ColumnChoice keyColumn(const p4::config::v1::MatchField& field);
+// Of an LPM field: IpGenPrefix, or a refusal.
+ColumnChoice prefixColumn(const p4::config::v1::MatchField& field);
+ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter);
+
+// Whether the 32 bits are an IPv4 address, by annotation (@format(IPV4_ADDRESS)) or by name.
+bool isIpv4Address(const p4::config::v1::MatchField& field);
+
+}  // namespace Pipeline

@@ -1,0 +1,60 @@
+// The device configuration inside a pipeline file: JSON under "p4rtc" with table type definitions,
+// tables and queries.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "pipeline/ConstantEntry.h"
+#include "pipeline/DeviceQuery.h"
+#include "pipeline/TableLayout.h"
+
+namespace Pipeline {
+
+class Findings;
+
+struct DeviceType {
+  std::string name;
+  std::string definition;
+};
+
+struct DeviceField {
+  std::string name;
+  std::string type;
+};
+
+// A constant entry as the file holds it: bytes in hexadecimal, not checked.
+struct DeviceEntry {
+  std::string key;
+  uint32_t actionId = 0;
+  std::string actionParams;
+  uint32_t priority = 0;
+};
+
+struct DeviceTable {
+  TableKind kind = TableKind::match;
+  std::string name;
+  std::string type;
+  uint32_t id = 0;
+  std::vector<DeviceField> fields;
+  std::vector<DeviceEntry> entries;
+};
+
+struct DeviceConfig {
+  std::vector<DeviceType> types;
+  std::vector<DeviceTable> tables;
+  std::vector<DeviceQuery> queries;
+};
+
+DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<ConstantEntry>& entries);
+
+std::string deviceConfigText(const DeviceConfig& config);
+
+// Reads the device JSON. Throws PipelineError where the agent would find nothing to run (no JSON,
+// no "p4rtc"); what is wrong within comes as findings.
+DeviceConfig parsedDeviceConfig(std::string_view json, Findings* findings);
+
+}  // namespace Pipeline

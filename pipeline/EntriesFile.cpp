@@ -1,0 +1,303 @@
+// Reading constant entries from JSON and from write requests.
+#include "pipeline/EntriesFile.h"
+
+#include <cmath>
+#include <map>
+
+#include "p4/config/v1/p4info.pb.h"
+#include "p4/v1/p4runtime.pb.h"
+#include "pipeline/Files.h"
+#include "pipeline/Finding.h"
+#include "pipeline/Json.h"
+#include "pipeline/Names.h"
+#include "pipeline/P4InfoIndex.h"
+#include "pipeline/TableLayout.h"
+#include "pipeline/ValueText.h"
+
+namespace Pipeline {
+namespace {
+
+using p4::config::v1::MatchField;
+using p4::config::v1::Table;
+
+uint32_t widthOf(int bitwidth) { return bitwidth > 0 ? static_cast<uint32_t>(bitwidth) : 0; }
+
+template <typename Objects>
+std::vector<std::string> namesOf(const Objects& objects) {
+  std::vector<std::string> names;
+  for (const auto& object : objects) names.push_back(object.name());
+  return names;
+}
+
+template <typename Objects>
+size_t indexById(const char* what, const Objects& objects, uint32_t id) {
+  for (int i = 0; i < objects.size(); ++i) {
+    if (objects[i].id() == id) return static_cast<size_t>(i);
+  }
+  throw PipelineError("there is no " + std::string(what) + ' ' + std::to_string(id));
+}
+
+void set(const char* what, const std::string& name, auto* place, auto value) {
+  if (*place) throw PipelineError(std::string(what) + ' ' + quoted(name) + " is given twice");
+  *place = std::move(value);
+}
+
+// A scalar as people may write it in JSON: 7, "7", true.
+std::string scalarText(const cJSON& value) {
+  constexpr double exactLimit = 9007199254740992.0;  // 2^53: beyond it a JSON number is inexact
+  if (cJSON_IsString(&value) != 0) return value.valuestring;
+  if (cJSON_IsBool(&value) != 0) return cJSON_IsTrue(&value) != 0 ? "1" : "0";
+  if (cJSON_IsNumber(&value) == 0) throw PipelineError("expected a number or a text");
+  const double number = value.valuedouble;
+  if (!(number >= 0) || number != std::floor(number))
+    throw PipelineError("expected a whole number, 0 or above");
+  if (number >= exactLimit) throw PipelineError("write numbers this large in quotes");
+  return std::to_string(static_cast<uint64_t>(number));
+}
+
+class JsonEntry {
+ public:
+  JsonEntry(const cJSON& json, const P4InfoIndex& index) : json_(json), index_(index) {}
+
+  EntryDraft draft() {
+    checkKeys();
+    draft_.table = &index_.tableNamed(text("table"));
+    checkTakesActions(*draft_.table);
+    draft_.match.resize(static_cast<size_t>(draft_.table->match_fields_size()));
+    forEachItem("match", [this](const cJSON& item) { addMatch(item); });
+    draft_.action = &index_.actionNamed(*draft_.table, text("action"));
+    draft_.params.resize(static_cast<size_t>(draft_.action->params_size()));
+    forEachItem("params", [this](const cJSON& item) { addParam(item); });
+    if (cJSON_HasObjectItem(&json_, "priority") != 0) {
+      const auto priority = numberItem(&json_, "priority");
+      if (!priority || *priority > INT32_MAX)
+        throw PipelineError("\"priority\" is no whole number from 0 to 2147483647");
+      draft_.priority = *priority;
+    }
+    return std::move(draft_);
+  }
+
+ private:
+  void checkKeys() const {
+    if (cJSON_IsObject(&json_) == 0) throw PipelineError("expected an object {\"table\": ...}");
+    for (const cJSON* item = json_.child; item != nullptr; item = item->next) {
+      const std::string_view key = item->string;
+      if (key != "table" && key != "match" && key != "priority" && key != "action" &&
+          key != "params") {
+        throw PipelineError("unknown " + quoted(key) +
+                            "; an entry has table, match, priority, action and params");
+      }
+    }
+  }
+
+  std::string text(const char* key) const {
+    const auto value = stringItem(&json_, key);
+    if (!value) throw PipelineError('"' + std::string(key) + "\" is missing, or no text");
+    return *value;
+  }
+
+  template <typename Visit>
+  void forEachItem(const char* key, Visit visit) {
+    const cJSON* object = cJSON_GetObjectItem(&json_, key);
+    if (object == nullptr) return;
+    if (cJSON_IsObject(object) == 0)
+      throw PipelineError('"' + std::string(key) + "\" is no object {\"name\": value}");
+    for (const cJSON* item = object->child; item != nullptr; item = item->next) visit(*item);
+  }
+
+  void addMatch(const cJSON& item) {
+    const auto& fields = draft_.table->match_fields();
+    const size_t i = indexNamed("match field", item.string, namesOf(fields), {});
+    const MatchField& field = fields[static_cast<int>(i)];
+    try {
+      const std::string text = scalarText(item);
+      if (text == "*") return;
+      set("match field", field.name(), &draft_.match[i],
+          matchValue(text, widthOf(field.bitwidth())));
+    } catch (const PipelineError& e) {
+      throw PipelineError("match field " + quoted(field.name()) + ": " + e.what());
+    }
+  }
+
+  void addParam(const cJSON& item) {
+    const auto& params = draft_.action->params();
+    const size_t i = indexNamed("parameter", item.string, namesOf(params), {});
+    const auto& param = params[static_cast<int>(i)];
+    try {
+      set("parameter", param.name(), &draft_.params[i],
+          valueBytes(scalarText(item), widthOf(param.bitwidth())));
+    } catch (const PipelineError& e) {
+      throw PipelineError("parameter " + quoted(param.name()) + ": " + e.what());
+    }
+  }
+
+  const cJSON& json_;
+  const P4InfoIndex& index_;
+  EntryDraft draft_;
+};
+
+MatchValue matchValueOf(const p4::v1::FieldMatch& match, uint32_t bits) {
+  using Form = MatchValue::Form;
+  switch (match.field_match_type_case()) {
+    case p4::v1::FieldMatch::kExact:
+      return {Form::exact, canonicalValue(match.exact().value(), bits), "", 0};
+    case p4::v1::FieldMatch::kOptional:
+      return {Form::exact, canonicalValue(match.optional().value(), bits), "", 0};
+    case p4::v1::FieldMatch::kTernary:
+      return {Form::ternary, canonicalValue(match.ternary().value(), bits),
+              canonicalValue(match.ternary().mask(), bits), 0};
+    case p4::v1::FieldMatch::kRange:
+      return {Form::range, canonicalValue(match.range().low(), bits),
+              canonicalValue(match.range().high(), bits), 0};
+    case p4::v1::FieldMatch::kLpm:
+      if (match.lpm().prefix_len() < 0 || match.lpm().prefix_len() > static_cast<int>(bits))
+        throw PipelineError("its prefix length " + std::to_string(match.lpm().prefix_len()) +
+                            " is beyond its " + std::to_string(bits) + " bits");
+      return {Form::lpm, canonicalValue(match.lpm().value(), bits), "",
+              static_cast<uint32_t>(match.lpm().prefix_len())};
+    default:
+      throw PipelineError("it has no value of a known match kind");
+  }
+}
+
+const p4::v1::TableEntry& insertedEntry(const p4::v1::Update& update) {
+  if (update.type() != p4::v1::Update::INSERT)
+    throw PipelineError("expected an INSERT, not " + p4::v1::Update::Type_Name(update.type()));
+  if (!update.entity().has_table_entry())
+    throw PipelineError("expected a table_entry; nothing else can be constant");
+  const p4::v1::TableEntry& entry = update.entity().table_entry();
+  if (entry.is_default_action())
+    throw PipelineError("it sets a default action, which the agent does not do");
+  if (entry.has_meter_config() || entry.has_counter_data() || entry.has_meter_counter_data())
+    throw PipelineError("constant entries carry no meter or counter");
+  if (entry.priority() < 0) throw PipelineError("its priority is negative");
+  return entry;
+}
+
+EntryDraft draftOf(const p4::v1::Update& update, const P4InfoIndex& index) {
+  const p4::v1::TableEntry& entry = insertedEntry(update);
+  EntryDraft draft;
+  draft.table = index.table(entry.table_id());
+  if (draft.table == nullptr)
+    throw PipelineError("there is no table " + std::to_string(entry.table_id()));
+  checkTakesActions(*draft.table);
+  if (!entry.action().has_action()) throw PipelineError("it has no action");
+  draft.priority = static_cast<uint32_t>(entry.priority());
+  draft.match.resize(static_cast<size_t>(draft.table->match_fields_size()));
+  for (const p4::v1::FieldMatch& match : entry.match()) {
+    const auto& fields = draft.table->match_fields();
+    const size_t i = indexById("match field", fields, match.field_id());
+    const MatchField& field = fields[static_cast<int>(i)];
+    try {
+      set("match field", field.name(), &draft.match[i],
+          matchValueOf(match, widthOf(field.bitwidth())));
+    } catch (const PipelineError& e) {
+      throw PipelineError("match field " + quoted(field.name()) + ": " + e.what());
+    }
+  }
+  const p4::v1::Action& action = entry.action().action();
+  draft.action = index.action(action.action_id());
+  if (draft.action == nullptr)
+    throw PipelineError("there is no action " + std::to_string(action.action_id()));
+  draft.params.resize(static_cast<size_t>(draft.action->params_size()));
+  for (const auto& given : action.params()) {
+    const size_t i = indexById("parameter", draft.action->params(), given.param_id());
+    const auto& param = draft.action->params(static_cast<int>(i));
+    set("parameter", param.name(), &draft.params[i],
+        canonicalValue(given.value(), widthOf(param.bitwidth())));
+  }
+  return draft;
+}
+
+// Encodes entry after entry and puts its number and table before every error. The entries of a
+// table that cannot be programmed are left out, like the table.
+class EntryList {
+ public:
+  EntryList(const std::string& path, const PipelineLayout& layout, Findings* findings)
+      : path_(path), layout_(layout), findings_(findings) {}
+
+  // `make` answers the next entry's draft; `table` is its name as far as it is known.
+  template <typename Make>
+  void add(const std::string& table, Make make) {
+    ++number_;
+    const std::string place = path_ + ": entry " + std::to_string(number_) +
+                              (table.empty() ? "" : " (table " + table + ')') + ": ";
+    try {
+      const EntryDraft draft = make();
+      if (layout_.refused.count(draft.table->preamble().id()) != 0) {
+        findings_->warning("", place + "left out, because the table cannot be programmed");
+      } else {
+        append(encodedEntry(draft, layout_));
+      }
+    } catch (const PipelineError& e) {
+      throw PipelineError(place + e.what());
+    }
+  }
+
+  size_t count() const { return number_; }
+  std::vector<ConstantEntry> take() { return std::move(entries_); }
+
+ private:
+  void append(ConstantEntry entry) {
+    const auto key = std::make_tuple(entry.tableId, entry.key, entry.priority);
+    const auto [other, isNew] = numbers_.emplace(key, number_);
+    if (!isNew) throw PipelineError("it has the key of entry " + std::to_string(other->second));
+    entries_.push_back(std::move(entry));
+  }
+
+  const std::string& path_;
+  const PipelineLayout& layout_;
+  Findings* findings_;
+  size_t number_ = 0;  // of the newest entry, from 1
+  std::vector<ConstantEntry> entries_;
+  std::map<std::tuple<uint32_t, std::string, uint32_t>, size_t> numbers_;
+};
+
+void readJsonEntries(const std::string& path, const std::string& contents, const P4InfoIndex& index,
+                     EntryList* list) {
+  const JsonPtr root = parsedJson(path, contents);
+  const cJSON* entries = cJSON_IsArray(root.get()) != 0 ? root.get() : nullptr;
+  if (entries == nullptr) entries = arrayItem(root.get(), "entries");
+  if (entries == nullptr) {
+    throw PipelineError(path +
+                        ": expected an array of entries [{\"table\": ...}, ...], or an object"
+                        " with such an array under \"entries\"");
+  }
+  for (const cJSON* item = entries->child; item != nullptr; item = item->next) {
+    list->add(stringItem(item, "table").value_or(""),
+              [&] { return JsonEntry(*item, index).draft(); });
+  }
+}
+
+void readWriteRequest(const std::string& path, const std::string& contents,
+                      const P4InfoIndex& index, EntryList* list, Findings* findings) {
+  p4::v1::WriteRequest request;
+  if (looksLikeText(contents)) {
+    parseTextForm(path, contents, &request, findings);
+  } else if (!request.ParseFromString(contents)) {
+    throw PipelineError(path + ": neither JSON entries nor a p4.v1.WriteRequest");
+  }
+  for (const p4::v1::Update& update : request.updates()) {
+    const Table* table = index.table(update.entity().table_entry().table_id());
+    list->add(table == nullptr ? "" : table->preamble().name(),
+              [&] { return draftOf(update, index); });
+  }
+}
+
+}  // namespace
+
+std::vector<ConstantEntry> readConstantEntries(const std::string& path, const P4InfoIndex& index,
+                                               const PipelineLayout& layout, Findings* findings) {
+  const std::string contents = fileContents(path);
+  EntryList list(path, layout, findings);
+  const size_t start = contents.find_first_not_of(" \t\r\n");
+  if (start != std::string::npos && (contents[start] == '[' || contents[start] == '{')) {
+    readJsonEntries(path, contents, index, &list);
+  } else {
+    readWriteRequest(path, contents, index, &list, findings);
+  }
+  if (list.count() == 0) findings->warning("", path + ": holds no entries");
+  return list.take();
+}
+
+}  // namespace Pipeline

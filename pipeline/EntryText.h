@@ -1,0 +1,28 @@
+// Constant entries of a pipeline file, back into what people read; doing so checks them.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "pipeline/DeviceConfig.h"
+
+namespace p4::config::v1 {
+class Table;
+}
+
+namespace Pipeline {
+
+class P4InfoIndex;
+
+struct EntryText {
+  std::vector<std::pair<std::string, std::string>> match;   // P4 field name, value
+  std::string action;                                       // its P4 name
+  std::vector<std::pair<std::string, std::string>> params;  // P4 parameter name, value
+};
+
+// Throws PipelineError when the entry does not fit the table: lengths, widths, action, priority.
+EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table,
+                    const TableLayout& layout, const P4InfoIndex& index);
+
+}  // namespace Pipeline

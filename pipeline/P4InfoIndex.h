@@ -1,0 +1,56 @@
+// The objects of a P4Info by id and by name.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace p4::config::v1 {
+class Action;
+class ActionProfile;
+class MatchField;
+class P4Info;
+class Table;
+}  // namespace p4::config::v1
+
+namespace Pipeline {
+
+class Findings;
+
+// Borrows the P4Info, which must not change meanwhile.
+class P4InfoIndex {
+ public:
+  explicit P4InfoIndex(const p4::config::v1::P4Info& p4Info);
+
+  const p4::config::v1::P4Info& p4Info() const { return p4Info_; }
+  // Null when there is none.
+  const p4::config::v1::Table* table(uint32_t id) const;
+  const p4::config::v1::Action* action(uint32_t id) const;
+  const p4::config::v1::ActionProfile* actionProfile(uint32_t id) const;
+  bool hasDirectCounter(const p4::config::v1::Table& table) const;
+  bool hasDirectMeter(const p4::config::v1::Table& table) const;
+
+  // By name, alias, or the last parts of a name where these are clear. Throw PipelineError that
+  // says what there is. The action and the fields are looked for within the table.
+  const p4::config::v1::Table& tableNamed(std::string_view name) const;
+  const p4::config::v1::Action& actionNamed(const p4::config::v1::Table& table,
+                                            std::string_view name) const;
+
+ private:
+  const p4::config::v1::P4Info& p4Info_;
+  std::map<uint32_t, const p4::config::v1::Table*> tables_;
+  std::map<uint32_t, const p4::config::v1::Action*> actions_;
+  std::map<uint32_t, const p4::config::v1::ActionProfile*> profiles_;
+};
+
+// Errors: id 0, ids given twice, references that lead nowhere, unknown match kinds' numbers. A
+// server refuses such a P4Info as a whole.
+void checkReferences(const P4InfoIndex& index, Findings* findings);
+
+// Position of the one name that `text` names, as tableNamed() does; `what` is for the error.
+size_t indexNamed(std::string_view what, std::string_view text,
+                  const std::vector<std::string>& names, const std::vector<std::string>& aliases);
+
+}  // namespace Pipeline

@@ -1,0 +1,97 @@
+// Building a pipeline file.
+#include "pipeline/PipelineBuild.h"
+
+#include <google/protobuf/util/json_util.h>
+
+#include <charconv>
+#include <map>
+
+#include "p4/config/v1/p4info.pb.h"
+#include "p4/tmp/p4config.pb.h"
+#include "p4/v1/p4runtime.pb.h"
+#include "pipeline/DeviceConfig.h"
+#include "pipeline/EntriesFile.h"
+#include "pipeline/Files.h"
+#include "pipeline/Finding.h"
+#include "pipeline/Names.h"
+#include "pipeline/P4InfoIndex.h"
+#include "pipeline/ProfileCheck.h"
+#include "pipeline/TypeCheck.h"
+
+namespace Pipeline {
+namespace {
+
+uint64_t number64(std::string_view text, const std::string& whole) {
+  uint64_t number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error == std::errc() && end == text.data() + text.size() && !text.empty()) return number;
+  throw PipelineError("election id " + quoted(whole) +
+                      " is no number of 64 bits, nor HIGH:LOW with two of them");
+}
+
+void electionIdIs(const std::string& text, p4::v1::SetForwardingPipelineConfigRequest* request) {
+  if (text.empty()) return;
+  const size_t colon = text.find(':');
+  const std::string_view all = text;
+  p4::v1::Uint128* id = request->mutable_election_id();
+  if (colon != std::string::npos) id->set_high(number64(all.substr(0, colon), text));
+  id->set_low(number64(colon == std::string::npos ? all : all.substr(colon + 1), text));
+}
+
+// A table that only the program fills stays empty without entries; one that is too small takes
+// fewer.
+void checkEntryCounts(const P4InfoIndex& index, const PipelineLayout& layout,
+                      const std::vector<ConstantEntry>& entries, Findings* findings) {
+  std::map<uint32_t, size_t> counts;
+  for (const ConstantEntry& entry : entries) ++counts[entry.tableId];
+  for (const auto& table : index.p4Info().tables()) {
+    if (layout.table(TableKind::match, table.preamble().id()) == nullptr) continue;
+    const std::string object = "table " + table.preamble().name();
+    const size_t count = counts[table.preamble().id()];
+    if (table.has_initial_entries() && count == 0) {
+      findings->warning(object,
+                        "has entries in the P4 program, but none were given; add the"
+                        " entries file of the compiler with --entries");
+    }
+    if (table.size() > 0 && count > static_cast<uint64_t>(table.size())) {
+      findings->warning(object, "has room for " + std::to_string(table.size()) + " entries, but " +
+                                    std::to_string(count) + " constant entries were given");
+    }
+  }
+}
+
+}  // namespace
+
+void buildPipeline(const BuildOptions& options, Findings* findings) {
+  p4::v1::SetForwardingPipelineConfigRequest request;
+  request.set_device_id(options.deviceId);
+  request.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
+  electionIdIs(options.electionId, &request);
+  p4::config::v1::P4Info* p4Info = request.mutable_config()->mutable_p4info();
+  readP4Info(options.p4InfoPath, p4Info, findings);
+
+  const P4InfoIndex index(*p4Info);
+  checkReferences(index, findings);
+  checkMandatorySections(*p4Info, findings);
+  if (findings->hasErrors()) return;
+
+  checkProfiles(index, findings);
+  const PipelineLayout layout = pipelineLayout(index, findings);
+  std::vector<ConstantEntry> entries;
+  if (!options.entriesPath.empty())
+    entries = readConstantEntries(options.entriesPath, index, layout, findings);
+  checkEntryCounts(index, layout, entries, findings);
+  DeviceConfig device = deviceConfig(layout, entries);
+  if (!options.queriesPath.empty()) {
+    readQueriesFile(options.queriesPath, &device.types, &device.queries);
+  }
+  checkQueries(device, checkTypes(device, findings), findings);
+  if (findings->hasErrors()) return;
+
+  p4::tmp::P4DeviceConfig deviceConfig;
+  deviceConfig.set_device_data(deviceConfigText(device));
+  request.mutable_config()->set_p4_device_config(deviceConfig.SerializeAsString());
+  fileContentsIs(options.outputPath, request.SerializeAsString());
+}
+
+}  // namespace Pipeline

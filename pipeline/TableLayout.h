@@ -1,0 +1,72 @@
+// How the agent's shared tables hold a pipeline: for each P4 table and action profile the slots of
+// its key and the fields of its actions; and what cannot be held, with the reason.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Pipeline {
+
+class Findings;
+class P4InfoIndex;
+
+// A part of a match key: an exact field is one slot, a ternary one two (value, mask), an LPM one
+// two (prefix, prefix length), a range one.
+enum class SlotRole : uint8_t { exact, value, mask, range, prefix, prefixLength };
+
+struct Slot {
+  std::string name;  // the column's, legal and unique in its table
+  std::string type;  // "U16", "IpGenPrefix", ...; "PrefixLen" has no column of its own
+  SlotRole role = SlotRole::exact;
+  uint32_t bits = 0;
+  size_t field = 0;  // position among the P4 table's match fields
+};
+
+struct ActionField {
+  std::string name;
+  std::string type;
+  uint32_t bits = 0;
+};
+
+struct ActionShape {
+  std::string name;
+  uint32_t id = 0;
+  std::vector<ActionField> fields;  // empty: the action has no parameters
+};
+
+enum class TableKind : uint8_t { match, member, group };
+
+struct TableLayout {
+  TableKind kind = TableKind::match;
+  std::string tableName;
+  std::string typeName;
+  uint32_t id = 0;  // of the P4 table, or of the action profile
+  std::vector<Slot> slots;
+  bool priority = false;
+  bool indirect = false;  // entries name members or groups of an action profile
+  bool meter = false;
+  bool counter = false;
+  std::vector<ActionShape> actions;
+};
+
+// "TABLE_CLASS_MATCH_ACTION", or the member or group class.
+const char* tableClass(TableKind kind);
+
+// The definition of a layout's table type, in the language of platform/lattice/TableType.h.
+std::string definitionText(const TableLayout& layout);
+
+struct PipelineLayout {
+  std::vector<TableLayout> tables;
+  std::map<uint32_t, std::string> refused;  // P4 tables that cannot be programmed: id -> reason
+
+  const TableLayout* table(TableKind kind, uint32_t id) const;  // null when refused or unknown
+};
+
+// What cannot be programmed comes as warnings and is left out. The references of the P4Info must
+// be sound.
+PipelineLayout pipelineLayout(const P4InfoIndex& index, Findings* findings);
+
+}  // namespace Pipeline
