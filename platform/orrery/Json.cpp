@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "platform/vela/Entity.h"
+#include "platform/vela/PlainText.h"
 
 namespace Orrery {
 namespace {
@@ -18,6 +19,9 @@ constexpr double exactLimit = 9007199254740992;  // beyond 2^53 a JSON number is
 bool isInteger(std::string_view typeName) {
   return typeName.starts_with("int") || typeName.starts_with("uint");
 }
+
+// "number", or which numbers.
+bool isNumber(std::string_view typeName) { return typeName.starts_with("number"); }
 
 // A number in JSON's eyes (no "inf") that a reader who makes a double of it gets right.
 bool isJsonNumber(const std::string& text) {
@@ -31,6 +35,12 @@ Json entriesJson(const Vela::AttributeBase& attribute) {
     cJSON_AddStringToObject(object.get(), key.c_str(), value.c_str());
   }
   return object;
+}
+
+std::string taken(char* printed) {
+  std::string text = Vela::validUtf8(printed ? printed : "");
+  cJSON_free(printed);
+  return text;
 }
 
 }  // namespace
@@ -50,19 +60,9 @@ Json parsedJson(std::string_view text, size_t* line) {
   return nullptr;
 }
 
-std::string jsonLine(const cJSON& json) {
-  char* text = cJSON_PrintUnformatted(&json);
-  std::string line = text ? text : "";
-  cJSON_free(text);
-  return line;
-}
-
-std::string jsonText(const cJSON& json) {
-  char* printed = cJSON_Print(&json);
-  std::string text = printed ? printed : "";
-  cJSON_free(printed);
-  return text;
-}
+// JSON is UTF-8, whatever the strings in it were made of.
+std::string jsonLine(const cJSON& json) { return taken(cJSON_PrintUnformatted(&json)); }
+std::string jsonText(const cJSON& json) { return taken(cJSON_Print(&json)); }
 
 const char* stringMember(const cJSON& object, const char* key) {
   return cJSON_GetStringValue(cJSON_GetObjectItemCaseSensitive(&object, key));
@@ -73,7 +73,7 @@ Json valueJson(const Vela::AttributeBase& attribute) {
   const std::string text = attribute.text();
   if (type == "collection") return entriesJson(attribute);
   if (type == "bool") return Json(cJSON_CreateBool(text == "true"));
-  if ((isInteger(type) || type == "number") && isJsonNumber(text)) {
+  if ((isInteger(type) || isNumber(type)) && isJsonNumber(text)) {
     return Json(cJSON_CreateRaw(text.c_str()));
   }
   return Json(cJSON_CreateString(text.c_str()));
@@ -100,7 +100,7 @@ bool attributeText(const cJSON& value, std::string_view typeName, std::string* t
     *text = fmt::format("{}", static_cast<int64_t>(number));
     return true;
   }
-  if (typeName == "number") {
+  if (isNumber(typeName)) {
     if (!cJSON_IsNumber(&value)) return false;
     *text = Vela::doubleToText(value.valuedouble);
     return true;

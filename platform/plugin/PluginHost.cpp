@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
 namespace {
@@ -20,12 +21,9 @@ constexpr size_t mostVisited = 10000;
 constexpr uint32_t shortestPeriod = 10;  // milliseconds
 constexpr int highestLevel = 9;
 
-// Whatever it holds, it is shown on terminals and in lines.
+// It is shown on terminals and in lines.
 std::string printable(const char* text, size_t longest) {
-  std::string shown(text, strnlen(text, longest));
-  std::replace_if(
-      shown.begin(), shown.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; }, ' ');
-  return shown;
+  return Vela::plainLine({text, strnlen(text, longest)}, longest);
 }
 
 }  // namespace
