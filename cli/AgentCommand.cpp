@@ -37,6 +37,7 @@ struct Options {
   std::string stateDirectory;
   std::string library;
   bool createCpuDevice = false;
+  bool allowPretendedProgramming = false;
 };
 
 // What ends a start: a line for standard error, and an exit status. Without a line it was stopped.
@@ -126,7 +127,8 @@ P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& dat
   // what is not belongs to a batch that is being written, half of which must not last.
   const auto exit = [](int status) { _exit(status); };
   const auto exitIsNear = [&stopWatcher](bool near) { stopWatcher.exitIsNear(near); };
-  return {loop, database, store, options.stateDirectory, flushEntityLog, exit, exitIsNear};
+  return {loop,           database, store,      options.stateDirectory,
+          flushEntityLog, exit,     exitIsNear, options.allowPretendedProgramming};
 }
 
 void runAgent(const Options& options, StopWatcher& stopWatcher) {
@@ -186,6 +188,9 @@ void addAgentCommand(CLI::App& app) {
   command->add_option("--library", options->library, "The agent's library, libP4Runtime.so");
   command->add_flag("--create-cpu-device", options->createCpuDevice,
                     "Make the device packets to the controller come over, a TAP \"p4controller\"");
+  command->add_flag("--allow-pretended-programming", options->allowPretendedProgramming,
+                    "Let `korvel set p4runtime/batchStatus pretendHwProgramming true` confirm "
+                    "entries that nobody programs, for tests of controllers");
   command->callback([options] {
     if (options->stateDirectory.empty()) options->stateDirectory = defaultStateDirectory();
     const int status = agentMain(*options);

@@ -22,6 +22,8 @@ struct AgentRuntime {
   // The agent has been asked to exit (true), or that was taken back. The launcher sees to it that
   // the process ends within two seconds then, whatever keeps the reactor. May be empty.
   std::function<void(bool)> exitIsNear = nullptr;
+  // Operators may let the agent pretend that entries are programmed.
+  bool pretendedProgrammingAllowed = false;
 };
 
 }  // namespace P4Runtime

@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 
+#include "platform/companion/BatchStatus.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Text.h"
 
@@ -17,8 +18,6 @@ namespace P4Runtime {
 namespace {
 
 using P4RuntimeConfig::P4RtSystemConfig;
-
-constexpr double longestBatchTimeout = 3600;  // seconds
 
 // What the agent reads when it starts, and not again.
 struct ReadAtStart {
@@ -63,17 +62,32 @@ std::string portRefused(const P4RtSystemConfig& config, const std::string& text)
                      std::generic_category().message(error));
 }
 
-std::string batchTimeoutRefused(const std::string& text) {
-  const auto seconds = Vela::TextForm<double>::fromText(text);
-  if (!seconds || (*seconds >= 1 && *seconds <= longestBatchTimeout)) return {};
-  return fmt::format("batchTimeout {} would fail every write; choose 1 to {} seconds", text,
-                     longestBatchTimeout);
+// Pretended programming is for tests of controllers: a switch that carries traffic would lie.
+std::string pretendingRefused(const BatchStatus& batchStatus, bool allowed, const std::string& name,
+                              const std::string& text) {
+  if (!allowed) {
+    return fmt::format(
+        "{} is for tests of controllers: entries would be confirmed that nobody programs; start "
+        "the agent with --allow-pretended-programming to allow it",
+        name);
+  }
+  const auto value = [&](const Vela::AttributeBase& attribute) {
+    return name == attribute.name() ? text : attribute.text();
+  };
+  if (value(batchStatus.pretendHwProgrammingFailedAttribute()) != "true" ||
+      value(batchStatus.pretendHwProgrammingTimeoutAttribute()) != "true" ||
+      value(batchStatus.pretendHwProgrammingFailedOffsetAttribute()) !=
+          value(batchStatus.pretendHwProgrammingTimeoutOffsetAttribute())) {
+    return {};
+  }
+  return "the update at an offset can either fail or time out; set the two offsets apart first";
 }
 
 }  // namespace
 
-std::string settingRefused(const Orrery::Database& database, const std::string& path,
-                           const Vela::AttributeBase& attribute, const std::string& text) {
+std::string settingRefused(const Orrery::Database& database, bool pretendingAllowed,
+                           const std::string& path, const Vela::AttributeBase& attribute,
+                           const std::string& text) {
   const std::string name = attribute.name();
   for (const ReadAtStart& one : readAtStart) {
     if (path != one.path || name != one.attribute || attribute.text() == text) continue;
@@ -85,7 +99,10 @@ std::string settingRefused(const Orrery::Database& database, const std::string& 
   const auto entity = database.entity(path);
   const auto* config = dynamic_cast<const P4RtSystemConfig*>(entity.get());
   if (config && name == "grpcServerPort") return portRefused(*config, text);
-  if (path == "p4runtime/config/agent" && name == "batchTimeout") return batchTimeoutRefused(text);
+  const auto* batchStatus = dynamic_cast<const BatchStatus*>(entity.get());
+  if (batchStatus && name.starts_with("pretendHwProgramming")) {
+    return pretendingRefused(*batchStatus, pretendingAllowed, name, text);
+  }
   return {};
 }
 

@@ -11,6 +11,7 @@
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/RowFields.h"
+#include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi_extensions.h"
 #include "platform/companion/BatchStatus.h"
 #include "platform/scrivel/Trace.h"
@@ -19,6 +20,8 @@ namespace P4Runtime {
 namespace {
 
 Scrivel::TraceHandle trace("TableImpl");
+
+using pi::fe::proto::DeviceMgr;
 
 constexpr size_t sizeLimit = 1024;  // bytes of a key or an action, exclusive
 
@@ -48,8 +51,10 @@ TableImpl::TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> ha
                  const bool wasCritical =
                      status && (status->critical() || status->brokenInvariant());
                  revertCriticalState();
-                 return std::string(wasCritical ? "writes are allowed again"
-                                                : "the switch was not in critical state");
+                 if (!wasCritical) return std::string("the switch was not in critical state");
+                 return std::string(DeviceMgr::get_operation_permission_level() == nothingAllowed
+                                        ? "writes are allowed again once a pipeline is in place"
+                                        : "writes are allowed again");
                }});
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/companion/BatchTimeout.h"
 #include "platform/companion/IpAddress.h"
 #include "platform/vela/Entity.h"
 
@@ -55,8 +56,8 @@ class AgentConfig : public Vela::Entity {
   const char* typeName() const override { return "P4Runtime::AgentConfig"; }
 
   VELA_ATTRIBUTE(bool, exitRequested, false)
-  // Seconds to wait for the next report of a batch; whole seconds count.
-  VELA_ATTRIBUTE(double, batchTimeout, 5.0)
+  // For the next report of a batch.
+  VELA_ATTRIBUTE(BatchTimeout, batchTimeout, 5.0)
   // Where the running pipeline is written for people to read.
   VELA_ATTRIBUTE(std::string, p4InfoJsonPath, "/etc/pipeline_config_p4info.json")
   VELA_ATTRIBUTE(std::string, deviceJsonPath, "/etc/pipeline_config_device.json")

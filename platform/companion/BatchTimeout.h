@@ -1,0 +1,40 @@
+// How long a batch waits for the next report; the type of an attribute.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/vela/Text.h"
+
+namespace P4Runtime {
+
+// Seconds, of which whole ones count. Outsiders can only set what leaves forwarding agents time and
+// controllers an answer; the code may take any.
+struct BatchTimeout {
+  static constexpr double shortest = 1;
+  static constexpr double longest = 3600;
+
+  BatchTimeout(double seconds) : seconds(seconds) {}  // NOLINT: reads as a number
+  double seconds;
+
+  friend bool operator==(const BatchTimeout&, const BatchTimeout&) = default;
+};
+
+}  // namespace P4Runtime
+
+template <>
+struct Vela::TextForm<P4Runtime::BatchTimeout> {
+  static const char* typeName() { return "number of seconds from 1 to 3600"; }
+  static std::string toText(const P4Runtime::BatchTimeout& timeout) {
+    return doubleToText(timeout.seconds);
+  }
+  static std::optional<P4Runtime::BatchTimeout> fromText(std::string_view text) {
+    const auto seconds = doubleFromText(text);
+    if (!seconds || *seconds < P4Runtime::BatchTimeout::shortest ||
+        *seconds > P4Runtime::BatchTimeout::longest) {
+      return std::nullopt;
+    }
+    return P4Runtime::BatchTimeout(*seconds);
+  }
+};
