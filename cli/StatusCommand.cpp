@@ -72,6 +72,17 @@ void printCritical(Orrery::Client& client, const Json& system) {
   }
 }
 
+void printForwardingAgents(const Json& agent) {
+  if (textOf(agent, "pretendsProgramming") == "true") {
+    fmt::print("PRETENDING: writes are confirmed whether or not anybody programs them\n");
+    return;
+  }
+  if (textOf(agent, "forwardingAgents") != "0") return;
+  fmt::print(
+      "NO FORWARDING AGENT is attached: writes are refused\n"
+      "  start one with this state directory, such as korvel-forwarder\n");
+}
+
 // Failures that no controller was told of, with table and key.
 void printFailures(const Json& failures) {
   const std::string list = textOf(failures, "list");
@@ -79,9 +90,10 @@ void printFailures(const Json& failures) {
   printAttribute("not programmed", *Json(cJSON_CreateString(("\n" + list).c_str())));
 }
 
-// What printCritical() says, or nobody wants to see twice.
+// What is said before, or nobody wants to see twice.
 bool shownElsewhere(const char* name) {
-  for (const char* known : {"pid", "criticalSince", "criticalReason"}) {
+  for (const char* known :
+       {"pid", "criticalSince", "criticalReason", "forwardingAgents", "pretendsProgramming"}) {
     if (std::strcmp(name, known) == 0) return true;
   }
   return false;
@@ -118,6 +130,7 @@ void printForPeople(Orrery::Client& client, const Json& system, const Json& agen
   printAttribute(
       "agent",
       *Json(cJSON_CreateString(fmt::format("running, pid {}", client.agentPid()).c_str())));
+  printForwardingAgents(agent);
   printCritical(client, system);
   if (agent) {
     printAll(agent);

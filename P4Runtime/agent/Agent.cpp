@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include "P4Runtime/agent/SettingChecks.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/WriteGate.h"
+#include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "platform/scrivel/Trace.h"
 
@@ -18,6 +20,9 @@ namespace P4Runtime {
 namespace {
 
 Scrivel::TraceHandle trace("P4RuntimeAgent");
+
+// A forwarding agent tries ten times a second to attach, and may have to be started again.
+constexpr std::chrono::milliseconds attachGrace(2000);
 
 }  // namespace
 
@@ -116,14 +121,36 @@ void Agent::doFollowReports() {
       [this](const Lattice::Report& report) { tableImpl()->handleStrayReport(report); });
   tables_->observerIs({
       .reports =
-          [this](auto reports) { batchStatus()->reportsAre(derivedFailures_->taken(reports)); },
+          [this](auto reports) {
+            batchStatus()->reportsAre(derivedFailures_->taken(reports, tables_->lastSequence()));
+          },
       .inStep =
           [this](uint64_t sequence) {
             batchStatus()->inStepIs(sequence);
             tableImpl()->handleInStep(sequence);
             derivedFailures_->inStepIs(sequence);
           },
+      .attached =
+          [this](size_t count) {
+            batchStatus()->forwardingAgentsAre(count, attachGrace);
+            if (status_) doUpdateStatus();
+          },
+      .left = [this](const Lattice::SubscriberInfo& agent) { handleAgentLeft(agent); },
   });
+  batchStatus()->forwardingAgentsAre(tables_->subscribers().size(), attachGrace);
+}
+
+// It says what still fails when it is back.
+void Agent::handleAgentLeft(const Lattice::SubscriberInfo& agent) {
+  const size_t failures = tableImpl()->failures()->agentDel(agent.id);
+  derivedFailures_->agentDel(agent.id);
+  SCRIVEL_TRACE(1, "handleAgentLeft", " ", agent.name, " pid: ", agent.pid,
+                " failures: ", failures);
+  if (failures == 0) return;
+  fmt::print(stderr,
+             "korvel: forwarding agent {} has left; what it failed to program is listed again once "
+             "it is back (failures: {})\n",
+             agent.name, failures);
 }
 
 void Agent::doBuildPipeline() {
@@ -173,8 +200,9 @@ void Agent::doBuildServer() {
 
 void Agent::doBuildCommands() {
   Orrery::Database& database = runtime_.stateDatabase;
-  database.settingCheckIs([&database](const auto& path, const auto& attribute, const auto& text) {
-    return settingRefused(database, path, attribute, text);
+  database.settingCheckIs([this](const auto& path, const auto& attribute, const auto& text) {
+    return settingRefused(runtime_.stateDatabase, runtime_.pretendedProgrammingAllowed, path,
+                          attribute, text);
   });
   cliSmIs(Vela::make<CliSm>(runtime_.loop, cliConfigDir(), cliStatusDir(), cliCommands(database)));
   agentConfigSm()->lastWordsIs([this](std::function<void()> complete) {

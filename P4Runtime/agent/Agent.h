@@ -117,6 +117,7 @@ class Agent : public Vela::Entity {
   void doBuildCommands();
   void doPublish();
   void doFollowReports();
+  void handleAgentLeft(const Lattice::SubscriberInfo& agent);
   void doUpdateStatus();
 
   AgentRuntime runtime_;

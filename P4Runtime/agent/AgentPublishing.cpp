@@ -58,18 +58,23 @@ void Agent::doUpdateStatus() {
   queryConfigSm()->publishStatuses();
   status_->queriesIs(queryConfigSm()->statusText());
   status_->pluginsIs(pluginsText());
+  derivedFailures_->list();
   std::string subscribers;
-  for (const Lattice::SubscriberInfo& subscriber : tables_->subscribers()) {
+  const auto attached = tables_->subscribers();
+  for (const Lattice::SubscriberInfo& subscriber : attached) {
     subscribers += fmt::format("{}{} (pid {}): in step up to change {}, {} reports{}",
                                subscribers.empty() ? "" : "\n", subscriber.name, subscriber.pid,
                                subscriber.sequence, subscriber.reports,
                                subscriber.takingSnapshot ? ", taking a snapshot" : "");
   }
   status_->subscribersIs(subscribers);
+  status_->forwardingAgentsIs(attached.size());
+  status_->pretendsProgrammingIs(batchStatus()->pretendHwProgramming());
   status_->reportsAcceptedIs(batchStatus()->reportsAccepted());
   status_->reportsDroppedIs(batchStatus()->reportsDropped());
   status_->doorbellMessagesDroppedIs(tables_->droppedMessages());
   status_->failedEntriesIs(tableImpl()->failures()->failedEntries());
+  status_->reportsOnNoRowIs(tableImpl()->failures()->reportsOnNoRow());
   status_->stateDirectoryBytesIs(runtime_.store.bytesUsed());
 }
 

@@ -25,8 +25,11 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, plugins, "")          // "name state", one a line
   VELA_READONLY_ATTRIBUTE(std::string, queries, "")          // how each is kept, one a line
   VELA_READONLY_ATTRIBUTE(std::string, subscribers, "")      // forwarding agents, one a line
+  VELA_READONLY_ATTRIBUTE(uint64_t, forwardingAgents, 0)     // how many are attached
+  VELA_READONLY_ATTRIBUTE(bool, pretendsProgramming, false)  // nothing is verified
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsAccepted, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, reportsOnNoRow, 0)  // failures of what does not stand
   VELA_READONLY_ATTRIBUTE(uint64_t, doorbellMessagesDropped, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, failedEntries, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, stateDirectoryBytes, 0)

@@ -82,7 +82,8 @@ TimeoutOrReady waitForBatchStatusActivityOrTimeout(uint64_t* completedOps) {
   const int notifyFd = batchStatus.notifyFd();
   timeval timeout{};
   // Operators may set any number.
-  timeout.tv_sec = static_cast<time_t>(std::clamp(batchStatus.batchTimeout(), 0.0, longestTimeout));
+  timeout.tv_sec =
+      static_cast<time_t>(std::clamp(batchStatus.batchTimeout().seconds, 0.0, longestTimeout));
   int ready = 0;
   {
     const Vela::ActivityLockReleased released;
@@ -315,7 +316,8 @@ void maybePretendHwProgramming() {
     const BatchOffset offset = batchStatus->entryHandleToBatchOffset().at(handle).back();
     if (batchStatus->pretendHwProgrammingTimeout() &&
         offset == batchStatus->pretendHwProgrammingTimeoutOffset()) {
-      continue;  // stays pending, so that the time-out takes its course
+      batchStatus->pretendSilence(handle);  // so that the time-out takes its course
+      continue;
     }
     const bool fails = batchStatus->pretendHwProgrammingFailed() &&
                        offset == batchStatus->pretendHwProgrammingFailedOffset();
@@ -414,6 +416,8 @@ pi_status_t _pi_session_cleanup(pi_session_handle_t session_handle) {
 pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
   const ActivityLock lock;
   SCRIVEL_TRACE(5, "_pi_batch_begin", " session_handle: ", session_handle);
+  // Without one, all that a batch writes would time out.
+  if (!TheBatchStatus()->awaitForwardingAgent()) return PI_STATUS_TARGET_TRANSPORT_ERROR;
   if (DeviceMgr::get_operation_permission_level() == P4Runtime::nothingAllowed) {
     SCRIVEL_TRACE(1, "_pi_batch_begin", " refused: Writes are not let in now");
     return PI_STATUS_TARGET_TRANSPORT_ERROR;

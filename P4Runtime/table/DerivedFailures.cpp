@@ -1,53 +1,70 @@
 #include "P4Runtime/table/DerivedFailures.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 
+#include "P4Runtime/table/FailureText.h"
 #include "platform/pollen/OutputTable.h"
 
 namespace P4Runtime {
 
 using Lattice::Report;
 
-std::span<const Report> DerivedFailures::taken(std::span<const Report> reports) {
+std::span<const Report> DerivedFailures::taken(std::span<const Report> reports,
+                                               uint64_t lastSequence) {
   const auto isDerived = [](const Report& report) {
     return Pollen::isDerivedHandle(report.entryHandle);
   };
   if (std::ranges::none_of(reports, isDerived)) return reports;
   others_.clear();
-  std::vector<Report> failed;
   for (const Report& report : reports) {
     if (!isDerived(report)) {
       others_.push_back(report);
-    } else if (report.errorCode != 0) {
-      failed.push_back(report);
-    } else if (!failing_.empty()) {
-      mended(report.entryHandle);
+    } else if (report.sequence > lastSequence) {
+      failures_->reportOnNoRow();
+    } else {
+      report.errorCode != 0 ? failed(report) : programmed(report);
     }
   }
-  if (!failed.empty()) list(failed);
   return others_;
 }
 
-// Rows are looked for only as long as there is room in the list: it means a walk over all of them.
-void DerivedFailures::list(const std::vector<Report>& failed) {
-  std::vector<uint64_t> handles;
-  for (const Report& report : failed) handles.push_back(report.entryHandle);
-  std::vector<std::string> texts(handles.size());
-  if (rowTexts_ && failures_->failedEntries() < EntryFailures::mostListed) {
-    texts = rowTexts_(handles);
+void DerivedFailures::failed(const Report& report) {
+  const std::pair of(report.entryHandle, report.subscriber);
+  if (unlisted_.size() == mostUnlisted && !unlisted_.contains(of)) return;
+  Unlisted& one = unlisted_[of];
+  if (report.sequence >= one.sequence) one = {report.sequence, failureText(report)};
+}
+
+void DerivedFailures::programmed(const Report& report) {
+  const auto waiting = unlisted_.find({report.entryHandle, report.subscriber});
+  if (waiting != unlisted_.end() && report.sequence >= waiting->second.sequence) {
+    unlisted_.erase(waiting);
   }
-  for (size_t i = 0; i < failed.size(); ++i) {
-    const std::string row =
-        texts[i].empty() ? "a row of a query, gone or not looked for" : texts[i];
-    const std::string text =
-        fmt::format("{}: error {} {}", row, failed[i].errorCode, failed[i].message);
-    failing_[handles[i]] = 0;
-    failures_->failureIs(handles[i], text);
-    if (!texts[i].empty()) {
-      fmt::print(stderr, "korvel: the forwarding plane could not program {}\n", text);
+  if (failing_.empty()) return;
+  failures_->programmedIs(report.entryHandle, report.subscriber, report.sequence);
+  if (!failures_->failed(report.entryHandle)) failing_.erase(report.entryHandle);
+}
+
+// One walk over the rows for however many reports have come.
+void DerivedFailures::list() {
+  if (unlisted_.empty()) return;
+  const auto unlisted = std::exchange(unlisted_, {});
+  std::vector<uint64_t> handles;
+  for (const auto& [of, one] : unlisted) {
+    if (handles.empty() || handles.back() != of.first) handles.push_back(of.first);
+  }
+  const auto texts = rowTexts_ ? rowTexts_(handles) : std::vector<std::string>(handles.size());
+  size_t at = 0;
+  for (const auto& [of, one] : unlisted) {
+    const auto [handle, agent] = of;
+    if (handles[at] != handle) ++at;
+    if (texts[at].empty()) {
+      failures_->reportOnNoRow();
+      continue;
     }
+    failing_[handle] = 0;
+    const std::string text = texts[at] + one.text;
+    if (failures_->failureIs(handle, agent, one.sequence, text)) sayNotProgrammed(text);
   }
 }
 
@@ -57,15 +74,17 @@ void DerivedFailures::rowRemoved(uint64_t handle, uint64_t sequence) {
 }
 
 void DerivedFailures::inStepIs(uint64_t sequence) {
-  std::vector<uint64_t> gone;
-  for (const auto& [handle, removed] : failing_) {
-    if (removed != 0 && removed <= sequence) gone.push_back(handle);
+  for (auto next = failing_.begin(); next != failing_.end();) {
+    const auto [handle, removed] = *next;
+    const bool gone = removed != 0 && removed <= sequence;
+    if (gone) failures_->failureDel(handle);
+    next = gone ? failing_.erase(next) : std::next(next);
   }
-  for (const uint64_t handle : gone) mended(handle);
 }
 
-void DerivedFailures::mended(uint64_t handle) {
-  if (failing_.erase(handle) > 0) failures_->failureDel(handle);
+void DerivedFailures::agentDel(uint64_t agent) {
+  std::erase_if(unlisted_, [agent](const auto& one) { return one.first.second == agent; });
+  std::erase_if(failing_, [this](const auto& one) { return !failures_->failed(one.first); });
 }
 
 }  // namespace P4Runtime

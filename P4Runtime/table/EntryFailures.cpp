@@ -1,17 +1,57 @@
 #include "P4Runtime/table/EntryFailures.h"
 
+#include <iterator>
 #include <utility>
 
 namespace P4Runtime {
 
-void EntryFailures::failureIs(EntryHandle handle, std::string text) {
-  if (const std::string* entry = undone(handle)) unremoved_[*entry] = handle;
-  texts_[handle] = std::move(text);
+bool EntryFailures::failed(EntryHandle handle) const {
+  const auto first = failures_.lower_bound({handle, 0});
+  return first != failures_.end() && first->first.first == handle;
+}
+
+bool EntryFailures::failureIs(EntryHandle handle, uint64_t agent, uint64_t sequence,
+                              std::string text) {
+  if (const Undone* entry = undone(handle)) unremoved_[entry->text] = handle;
+  const bool isNewEntry = !failed(handle);
+  const auto [found, isNew] = failures_.try_emplace({handle, agent});
+  Failure& failure = found->second;
+  if (!isNew && (sequence < failure.sequence || text == failure.text)) return false;
+  failure = {sequence, std::move(text)};
+  if (isNewEntry) ++entries_;
   publishFrom(handle);
+  return true;
 }
 
 void EntryFailures::failureDel(EntryHandle handle) {
-  if (texts_.erase(handle) > 0) publishFrom(handle);
+  if (!failed(handle)) return;
+  const auto first = firstOf(handle);
+  auto last = first;
+  while (last != failures_.end() && last->first.first == handle) ++last;
+  failures_.erase(first, last);
+  --entries_;
+  publishFrom(handle);
+}
+
+void EntryFailures::programmedIs(EntryHandle handle, uint64_t agent, uint64_t sequence) {
+  const auto found = failures_.find({handle, agent});
+  if (found == failures_.end() || sequence < found->second.sequence) return;
+  failures_.erase(found);
+  if (!failed(handle)) --entries_;
+  publishFrom(handle);
+}
+
+size_t EntryFailures::agentDel(uint64_t agent) {
+  const size_t before = failures_.size();
+  for (auto next = failures_.begin(); next != failures_.end();) {
+    const auto one = next++;
+    const auto [handle, reporter] = one->first;
+    if (reporter != agent) continue;
+    failures_.erase(one);
+    if (!failed(handle)) --entries_;
+  }
+  if (failures_.size() < before) publishFrom(0);
+  return before - failures_.size();
 }
 
 void EntryFailures::undoneIs(EntryHandle handle, std::string text, uint64_t sequence) {
@@ -19,9 +59,14 @@ void EntryFailures::undoneIs(EntryHandle handle, std::string text, uint64_t sequ
   undone_[handle] = {std::move(text), sequence};
 }
 
-const std::string* EntryFailures::undone(EntryHandle handle) const {
+const EntryFailures::Undone* EntryFailures::undone(EntryHandle handle) const {
   const auto found = undone_.find(handle);
-  return found == undone_.end() ? nullptr : &found->second.text;
+  return found == undone_.end() ? nullptr : &found->second;
+}
+
+void EntryFailures::removedIs(EntryHandle handle, uint64_t sequence) {
+  const Undone* entry = undone(handle);
+  if (entry && sequence >= entry->sequence && !failed(handle)) undoneDel(handle);
 }
 
 void EntryFailures::undoneDel(EntryHandle handle) {
@@ -52,14 +97,14 @@ void EntryFailures::inStepIs(uint64_t sequence) {
 // A forwarding agent that is full fails a hundred thousand entries in a row: what lies behind the
 // listed ones must cost nothing.
 void EntryFailures::publishFrom(EntryHandle handle) {
-  failedEntriesIs(texts_.size());
+  failedEntriesIs(entries_);
   if (listed_ == mostListed && handle > lastListed_) return;
   std::string lines;
   listed_ = 0;
-  for (const auto& [failed, text] : texts_) {
+  for (const auto& [of, failure] : failures_) {
     if (listed_ == mostListed) break;
-    lines += (lines.empty() ? "" : "\n") + text;
-    lastListed_ = failed;
+    lines += (lines.empty() ? "" : "\n") + failure.text;
+    lastListed_ = of.first;
     ++listed_;
   }
   listIs(lines);

@@ -1,18 +1,20 @@
 // Failures that forwarding agents reported when no batch was waiting for them (after a restart, in
 // a snapshot, for a constant entry, of the removal of what was taken back). They stand until the
-// entry is programmed or deleted.
+// entry is programmed or deleted, or the forwarding agent that reported them has left.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 
 #include "platform/companion/ResourceId.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {
 
-// At "p4runtime/status/failures". Used with the activity lock held.
+// At "p4runtime/status/failures". Used with the activity lock held. A failure belongs to an entry
+// and to the forwarding agent, `agent`, that reported it on the change `sequence`.
 class EntryFailures : public Vela::Entity {
  public:
   explicit EntryFailures(std::string name) : Entity(std::move(name)) {}
@@ -22,19 +24,32 @@ class EntryFailures : public Vela::Entity {
   static constexpr size_t mostUndone = 10000;
 
   VELA_READONLY_ATTRIBUTE(uint64_t, failedEntries, 0)
-  // The entries with table and key, one a line; the first thousand of them.
+  // The failures with table and key, one a line; the first thousand of them.
   VELA_READONLY_ATTRIBUTE(std::string, list, "")
+  // Failures that were reported on a row, or a change of it, that does not stand; none is listed.
+  VELA_READONLY_ATTRIBUTE(uint64_t, reportsOnNoRow, 0)
 
  public:
-  void failureIs(EntryHandle handle, std::string text);
-  void failureDel(EntryHandle handle);  // nothing when there is none
-  bool empty() const { return texts_.empty(); }
+  // False if this failure is already recorded, or the agent has said something later.
+  bool failureIs(EntryHandle handle, uint64_t agent, uint64_t sequence, std::string text);
+  void failureDel(EntryHandle handle);  // of all agents; nothing when there is none
+  // The agent has programmed the change, and with it whatever it failed to do before.
+  void programmedIs(EntryHandle handle, uint64_t agent, uint64_t sequence);
+  size_t agentDel(uint64_t agent);  // it has left; how many failures went with it
+  bool empty() const { return failures_.empty(); }
+  bool failed(EntryHandle handle) const;  // for any agent
+  void reportOnNoRow() { reportsOnNoRowIs(reportsOnNoRow() + 1); }
 
   // A new entry was taken back by the change `sequence`, and has no handle any more; `text` says
   // which. The newest ones are remembered, as long as their removal may fail.
+  struct Undone {
+    std::string text;
+    uint64_t sequence = 0;
+  };
   void undoneIs(EntryHandle handle, std::string text, uint64_t sequence);
-  void undoneDel(EntryHandle handle);                   // it was removed
-  const std::string* undone(EntryHandle handle) const;  // null: it is none
+  const Undone* undone(EntryHandle handle) const;  // null: it is none
+  // All forwarding agents have programmed the change `sequence` of the handle.
+  void removedIs(EntryHandle handle, uint64_t sequence);
   // Whether the removal of any has failed. Once an entry of the same text is programmed, nothing is
   // left of the former.
   bool anyUnremoved() const { return !unremoved_.empty(); }
@@ -43,12 +58,17 @@ class EntryFailures : public Vela::Entity {
   void inStepIs(uint64_t sequence);
 
  private:
-  struct Undone {
-    std::string text;
+  struct Failure {
     uint64_t sequence = 0;
+    std::string text;
   };
+  using Failures = std::map<std::pair<EntryHandle, uint64_t>, Failure>;  // by entry and agent
+  Failures::iterator firstOf(EntryHandle handle) { return failures_.lower_bound({handle, 0}); }
+  void undoneDel(EntryHandle handle);
   void publishFrom(EntryHandle handle);
-  std::map<EntryHandle, std::string> texts_;
+
+  Failures failures_;
+  uint64_t entries_ = 0;  // in failures_
   std::map<EntryHandle, Undone> undone_;
   std::map<std::string, EntryHandle> unremoved_;  // by text
   size_t listed_ = 0;

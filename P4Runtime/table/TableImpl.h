@@ -192,6 +192,9 @@ class TableImpl : public Vela::Entity {
   std::optional<Brine::Bytes> storedRecord(const CacheKey& key) const;
   void recordDel(const CacheKey& key);
   std::string profileObjectText(EntryHandle handle) const;
+  std::string failedEntryText(const Lattice::Report& report) const;
+  std::optional<std::string> rowKey(EntryHandle handle) const;
+  uint64_t rowSequence(EntryHandle handle) const;
   std::optional<EntryState> cachedState(const CacheKey& key) const;  // nothing without a record
   void cachedStateIs(const CacheKey& key, EntryState state);
   void doUpdateCachedEntryState(EntryHandle handle, bool abort);

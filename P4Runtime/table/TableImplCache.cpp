@@ -10,6 +10,7 @@
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/FailureText.h"
 #include "P4Runtime/table/RowFields.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "platform/companion/BatchStatus.h"
@@ -299,22 +300,28 @@ void TableImpl::restoreTableRecord(const CacheKey& key, const PendingOperation& 
 void TableImpl::handleStrayReport(const Lattice::Report& report) {
   const EntryHandle handle = report.entryHandle;
   if (report.errorCode == 0) {
-    if (!failures_->empty()) failures_->failureDel(handle);
-    failures_->undoneDel(handle);
+    if (!failures_->empty()) failures_->programmedIs(handle, report.subscriber, report.sequence);
+    if (report.settles) failures_->removedIs(handle, report.sequence);
     return;
   }
   if (pendingOperations_.count(handle) > 0) return;  // of an earlier write of it
-  std::string entry;
-  if (handleMgr_->entryHandleToResourceIdHas(handle)) {
-    entry = entryText(handle);
-  } else if (const std::string* text = failures_->undone(handle)) {
-    entry = *text + " (taken back, but not removed)";
-  } else {
-    return;  // nobody's
+  const std::string entry = failedEntryText(report);
+  if (entry.empty()) return failures_->reportOnNoRow();
+  const std::string text = entry + failureText(report);
+  if (failures_->failureIs(handle, report.subscriber, report.sequence, text)) {
+    sayNotProgrammed(text);
   }
-  const std::string text = fmt::format("{}: error {} {}", entry, report.errorCode, report.message);
-  failures_->failureIs(handle, text);
-  fmt::print(stderr, "korvel: the forwarding plane could not program {}\n", text);
+}
+
+// Empty for a change that does not stand (any more), or never was.
+std::string TableImpl::failedEntryText(const Lattice::Report& report) const {
+  const EntryHandle handle = report.entryHandle;
+  if (handleMgr_->entryHandleToResourceIdHas(handle)) {
+    return rowSequence(handle) == report.sequence ? entryText(handle) : std::string();
+  }
+  const EntryFailures::Undone* undone = failures_->undone(handle);
+  if (!undone || undone->sequence != report.sequence) return {};
+  return undone->text + " (taken back, but not removed)";
 }
 
 void TableImpl::handleInStep(uint64_t sequence) { failures_->inStepIs(sequence); }
@@ -332,25 +339,50 @@ std::string TableImpl::entryText(EntryHandle handle) const try {
     return profileObjectText(handle);
   }
   std::string text = fmt::format("table {}", tableInfo_->nameOf(rid));
-  const auto record = tableCache_ ? tableCache_->cache({rid, handle}) : std::nullopt;
-  const auto& constructor = tableInfo_->rowConstructor(rid);
-  if (!record || !constructor || tableInfo_->unprogrammableHas(rid)) return text;
-  RowFields fields;
-  const FieldBitwidths& widths = tableInfo_->fieldBitwidths(rid);
-  if (record->matchKeyData.size() != widths.encodedSize()) return text;
-  if (record->matchKeyData.size() > RowFields::bytes) return text;
-  std::copy(record->matchKeyData.begin(), record->matchKeyData.end(), fields.keyBytes.begin());
-  tableInfo_->onNewRowStarted();
-  tableInfo_->extractFields(rid, widths.slots(), fields.keyBytes.data(), fields.count,
-                            fields.pointers.data());
-  if (tableInfo_->priorityNeeded(rid)) fields.append(&record->matchKeyPriority);
-  const std::string key = constructor->constructKey({fields.pointers.data(), fields.count});
-  for (const auto& column : Lattice::keyTexts(constructor->type(), key)) {
+  const auto key = rowKey(handle);
+  if (!key) return text;
+  for (const auto& column : Lattice::keyTexts(tableInfo_->rowConstructor(rid)->type(), *key)) {
     text += fmt::format(", {}={}", column.name, column.text);
   }
   return text;
 } catch (const Lattice::TypeError&) {  // the record is of another pipeline's table
   return fmt::format("entry {}", handle);
+}
+
+// Nothing where it cannot be told.
+std::optional<std::string> TableImpl::rowKey(EntryHandle handle) const {
+  const CacheKey cached = cacheKey(handle);
+  const auto& constructor = tableInfo_->rowConstructor(cached.rid);
+  if (!constructor || tableInfo_->unprogrammableHas(cached.rid)) return std::nullopt;
+  RowFields fields;
+  if (cached.rid.type != tableResource) {
+    fields.id = static_cast<uint32_t>(cached.entryHandle);
+    fields.append(&fields.id);
+    return constructor->constructKey({fields.pointers.data(), fields.count});
+  }
+  const auto record = tableCache_ ? tableCache_->cache(cached) : std::nullopt;
+  const FieldBitwidths& widths = tableInfo_->fieldBitwidths(cached.rid);
+  if (!record || record->matchKeyData.size() != widths.encodedSize() ||
+      record->matchKeyData.size() > RowFields::bytes) {
+    return std::nullopt;
+  }
+  std::copy(record->matchKeyData.begin(), record->matchKeyData.end(), fields.keyBytes.begin());
+  tableInfo_->onNewRowStarted();
+  tableInfo_->extractFields(cached.rid, widths.slots(), fields.keyBytes.data(), fields.count,
+                            fields.pointers.data());
+  if (tableInfo_->priorityNeeded(cached.rid)) fields.append(&record->matchKeyPriority);
+  return constructor->constructKey({fields.pointers.data(), fields.count});
+}
+
+// Of the last change of the handle's row; 0 when there is no such row.
+uint64_t TableImpl::rowSequence(EntryHandle handle) const try {
+  const auto& interface =
+      tableInfo_->latticeTableInterface(handleMgr_->entryHandleToResourceId(handle));
+  const auto key = interface && interface->ready() ? rowKey(handle) : std::nullopt;
+  if (!key || interface->rowEntryHandle(*key) != handle) return 0;
+  return interface->rowSequence(*key);
+} catch (const Lattice::TypeError&) {
+  return 0;
 }
 
 }  // namespace P4Runtime

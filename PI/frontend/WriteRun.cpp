@@ -82,6 +82,8 @@ void WriteRun::doRunBatch(const Batch& batch) {
   for (const uint32_t offset : batch) {
     try {
       maybeRunUpdate(offset, &statuses);
+    } catch (const NoBatch& refusal) {
+      return doFailUnrun(batch, refusal);
     } catch (const Refusal& refusal) {
       doFail(offset, refusal.code(), refusal.message());
     }
@@ -122,12 +124,23 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
 void WriteRun::maybeBeginBatch(const Operation& operation) {
   if (batchOpen_) return;
   const pi_status_t begun = pi_batch_begin(session_.handle);
+  if (begun == PI_STATUS_TARGET_TRANSPORT_ERROR) {
+    throw NoBatch(code::unavailable,
+                  "no forwarding agent is attached; write again once one has been started");
+  }
   if (begun != PI_STATUS_SUCCESS) {
     requireWritePermission();  // it may have been withdrawn just now
     refuse(code::internal, updateText(operation.update), ": the target began no batch: status ",
            begun);
   }
   batchOpen_ = true;
+  anyBatchRun_ = true;
+}
+
+// A Write of which nothing has been run is refused as a whole.
+void WriteRun::doFailUnrun(const Batch& batch, const NoBatch& refusal) {
+  if (!anyBatchRun_) throw refusal;
+  for (const uint32_t offset : batch) doFail(offset, refusal.code(), refusal.message());
 }
 
 void WriteRun::doRecordOutcome(const Batch& batch, const StatusVector& failures) {

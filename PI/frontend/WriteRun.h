@@ -9,6 +9,7 @@
 
 #include "PI/frontend/EntryStore.h"
 #include "PI/frontend/ProfileUse.h"
+#include "PI/frontend/Refusal.h"
 #include "PI/frontend/StateCheck.h"
 #include "PI/frontend/TargetSession.h"
 #include "PI/frontend/UpdateCheck.h"
@@ -32,6 +33,10 @@ class WriteRun {
   using StatusVector = std::vector<std::pair<uint32_t, p4::v1::Error>>;
   using Batch = std::vector<uint32_t>;  // offsets, ascending
 
+  // The target takes no batch; the message tells controllers.
+  struct NoBatch : Refusal {
+    using Refusal::Refusal;
+  };
   struct Operation {
     CheckedUpdate update;
     WriteLog::Touched* touched = nullptr;  // null: refused by the check
@@ -45,6 +50,7 @@ class WriteRun {
   void doRunBatch(const Batch& batch);
   void maybeRunUpdate(uint32_t offset, StatusVector* statuses);
   void maybeBeginBatch(const Operation& operation);
+  void doFailUnrun(const Batch& batch, const NoBatch& refusal);
   void doRecordOutcome(const Batch& batch, const StatusVector& failures);
   void doRecordFailures(const StatusVector& failures);
   void doCountUse(const CheckedUpdate& update);
@@ -61,6 +67,7 @@ class WriteRun {
   uint32_t levels_ = 0;
   std::shared_ptr<WriteLog> log_;
   bool batchOpen_ = false;
+  bool anyBatchRun_ = false;
 };
 
 }  // namespace pi::fe::proto

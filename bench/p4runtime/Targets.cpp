@@ -54,7 +54,7 @@ MeasuredSwitch::MeasuredSwitch(const std::string& pipelineFile, const Sizes& siz
       forwarder_(directory_.file("state")) {
   if (!agent_.startServing()) throw std::runtime_error("agent: " + agent_.output());
   forwarder_.start();
-  if (!forwarder_.waitReady()) throw std::runtime_error("forwarder: " + forwarder_.output());
+  if (!forwarder_.waitAttached()) throw std::runtime_error("forwarder: " + forwarder_.output());
   connect();
 }
 

@@ -149,7 +149,7 @@ class Switch:
         self.forwarder = self.start("forwarding agent",
                                     [self.forwarder_program, "--state-dir", self.state,
                                      *self.forwarder_options])
-        wait_until(lambda: self.tell_forwarder("stats", quiet=True) is not None,
+        wait_until(lambda: "attached yes" in (self.tell_forwarder("stats", quiet=True) or ""),
                    "answer of the forwarding agent", self.forwarder)
 
     def tell_forwarder(self, *words, quiet=False):

@@ -49,6 +49,26 @@ void BatchStatusEntry::setErrorMessage() {
 BatchStatus::BatchStatus(std::string name, Lattice::Database* database)
     : Entity(std::move(name)), database_(database) {}
 
+void BatchStatus::forwardingAgentsAre(size_t count, std::chrono::milliseconds grace) {
+  const std::lock_guard guard(agentsMutex_);
+  forwardingAgents_ = count;
+  graceEnd_ = std::chrono::steady_clock::now() + grace;
+  agentsChange_.notify_all();
+}
+
+bool BatchStatus::awaitForwardingAgent() {
+  if (pretendHwProgramming()) return true;
+  {
+    const std::lock_guard guard(agentsMutex_);
+    if (forwardingAgents_ > 0) return true;
+    if (std::chrono::steady_clock::now() >= graceEnd_) return false;
+  }
+  const Vela::ActivityLockReleased released;
+  std::unique_lock guard(agentsMutex_);
+  const auto end = graceEnd_;  // of the one that left, or of the start; a later one has its own
+  return agentsChange_.wait_until(guard, end, [this] { return forwardingAgents_ > 0; });
+}
+
 void BatchStatus::onBatchBegin() {
   cleanUpBatchState();
   inProgressIs(true);
@@ -144,19 +164,29 @@ void BatchStatus::completedTransactionStatusIs(BatchStatusEntry entry) {
   notify(1);
 }
 
+void BatchStatus::pretendSilence(EntryHandle handle) {
+  if (completed_.erase(handle) > 0) ++baseline_;  // its count is on the way
+  pending_[handle] = UINT64_MAX;
+}
+
 void BatchStatus::reportsAre(std::span<const Lattice::Report> reports) {
   uint64_t accepted = 0;
+  uint64_t dropped = 0;
   for (const Lattice::Report& report : reports) {
-    if (accept(report)) ++accepted;
+    if (accept(report)) {
+      ++accepted;
+    } else if (report.settles) {
+      ++dropped;
+    }
   }
   reportsAcceptedIs(reportsAccepted() + accepted);
-  reportsDroppedIs(reportsDropped() + reports.size() - accepted);
+  reportsDroppedIs(reportsDropped() + dropped);
   if (accepted > 0) notify(accepted);
 }
 
 bool BatchStatus::accept(const Lattice::Report& report) {
   const auto found = pending_.find(report.entryHandle);
-  if (found == pending_.end() || found->second != report.sequence) {
+  if (found == pending_.end() || found->second != report.sequence || !report.settles) {
     SCRIVEL_TRACE(5, "stray report", " entryHandle: ", report.entryHandle,
                   " sequence: ", report.sequence, " errorCode: ", report.errorCode);
     if (strayReport_) strayReport_(report);

@@ -2,6 +2,8 @@
 // forwarding agents have answered, and how many answers the waiting thread has yet to see.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -13,6 +15,7 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/inlined_vector.h>
 
+#include "platform/companion/BatchTimeout.h"
 #include "platform/companion/ErrorCode.h"
 #include "platform/companion/ResourceId.h"
 #include "platform/lattice/Database.h"
@@ -49,7 +52,7 @@ class BatchStatus : public Vela::Entity {
   const char* typeName() const override { return "P4Runtime::BatchStatus"; }
 
   VELA_READONLY_ATTRIBUTE(int, notifyFd, -1)         // an eventfd; not owned
-  VELA_ATTRIBUTE(double, batchTimeout, 5.0)          // seconds for each wait; whole seconds count
+  VELA_ATTRIBUTE(BatchTimeout, batchTimeout, 5.0)    // for each wait
   VELA_ATTRIBUTE(bool, pretendHwProgramming, false)  // the switch for the four below
   VELA_ATTRIBUTE(bool, pretendHwProgrammingFailed, false)
   VELA_ATTRIBUTE(uint32_t, pretendHwProgrammingFailedOffset, 0)
@@ -61,6 +64,13 @@ class BatchStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)  // late, duplicate, unknown or out of step
 
  public:
+  // How many forwarding agents are attached. For `grace` from the last change on, one that is on
+  // its way is waited for.
+  void forwardingAgentsAre(size_t count, std::chrono::milliseconds grace);
+  // Whether a batch would find somebody to program it. Waits for as long as the grace lasts, and
+  // gives the activity lock up meanwhile.
+  bool awaitForwardingAgent();
+
   void onBatchBegin();           // empties the descriptor and the maps, opens the shared batch
   void onBatchEnd();             // makes the batch's rows and records visible, all at once
   void onBatchUpdateComplete();  // the waiting begins
@@ -100,6 +110,9 @@ class BatchStatus : public Vela::Entity {
     return completed_;
   }
 
+  // No report on the handle counts in this batch, not even one that has come already.
+  void pretendSilence(EntryHandle handle);
+
   // A group of reports from the forwarding agents, and their word that they are in step.
   void reportsAre(std::span<const Lattice::Report> reports);
   void inStepIs(uint64_t sequence);
@@ -107,7 +120,7 @@ class BatchStatus : public Vela::Entity {
   void rollbackHandlerIs(std::function<void(EntryHandle)> handler) {
     rollBack_ = std::move(handler);
   }
-  // Told of each report that belonged to no pending operation, before it is dropped.
+  // Told of each report that completes no pending operation, before it is dropped.
   void strayReportHandlerIs(std::function<void(const Lattice::Report&)> handler) {
     strayReport_ = std::move(handler);
   }
@@ -130,6 +143,10 @@ class BatchStatus : public Vela::Entity {
   uint64_t baseline_ = 0;
   std::mutex notifyMutex_;  // taken last, also without the activity lock
   uint64_t batch_ = 0;      // changed under both locks: counts of a former batch are dropped
+  std::mutex agentsMutex_;  // taken last
+  std::condition_variable agentsChange_;
+  size_t forwardingAgents_ = 0;                     // under agentsMutex_
+  std::chrono::steady_clock::time_point graceEnd_;  // likewise
   std::function<void(EntryHandle)> rollBack_;
   std::function<void(const Lattice::Report&)> strayReport_;
 };

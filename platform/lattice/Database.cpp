@@ -400,6 +400,13 @@ uint64_t ArTableInterface::rowEntryHandle(std::string_view key) const {
   return stored ? stored->entryHandle : 0;
 }
 
+uint64_t ArTableInterface::rowSequence(std::string_view key) const {
+  const Impl& table = required(*this, impl_);
+  const auto bytes = table.database->stored(table, key);
+  const auto stored = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
+  return stored ? stored->sequence : 0;
+}
+
 uint64_t ArTableInterface::rowIs(const Row& row, uint64_t entryHandle) {
   const Impl& table = required(*this, impl_);
   return table.database->rowIs(table, row, entryHandle);

@@ -39,6 +39,7 @@ class ArTableInterface : public Vela::RefCounted {
   std::optional<Row> row(std::string_view key) const;  // the write set included
   // The entry handle that the stored row was last written with; 0 when there is no row.
   uint64_t rowEntryHandle(std::string_view key) const;
+  uint64_t rowSequence(std::string_view key) const;  // of its last change; 0 when there is no row
   // Both answer the sequence number of the change, which the forwarding agents' reports carry. In a
   // batch every call is a change (so that a report always comes); outside one, a row that equals
   // the stored one, or the deletion of a row that is not there, is none: then 0.
@@ -57,11 +58,17 @@ class ArTableInterface : public Vela::RefCounted {
 struct Report {
   uint64_t entryHandle = 0;
   uint64_t sequence = 0;
-  uint16_t errorCode = 0;  // 0: programmed
-  std::string_view message;
+  uint16_t errorCode = 0;    // 0: programmed
+  std::string_view message;  // one line of UTF-8
+  uint64_t subscriber = 0;   // whose word it is: SubscriberInfo::id; 0: that of all
+  std::string_view subscriberName;
+  // Whether it decides what became of the change: it failed, or everybody has programmed it who
+  // was attached when the change was committed.
+  bool settles = true;
 };
 
 struct SubscriberInfo {
+  uint64_t id = 0;  // of this attachment; none has it again
   std::string name;
   int64_t pid = 0;
   uint64_t sequence = 0;  // in step up to here
@@ -110,11 +117,14 @@ class Database {
   virtual std::unique_ptr<TableWatch> watch(const std::string& table) = 0;
 
   struct Observer {
-    // A group of reports, checked for form only. A change followed by several subscribers is
-    // reported once all of them have, or at the first failure.
+    // A group of reports, checked for form only.
     std::function<void(std::span<const Report>)> reports;
     // Every attached subscriber has everything up to `sequence`, what it did not report included.
     std::function<void(uint64_t sequence)> inStep;
+    // How many subscribers are attached, each time that it changes.
+    std::function<void(size_t)> attached;
+    // A subscriber that was attached has gone.
+    std::function<void(const SubscriberInfo&)> left;
   };
   virtual void observerIs(Observer observer) = 0;
 

@@ -6,9 +6,9 @@
 
 #include <algorithm>
 #include <bit>
-#include <cctype>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/PlainText.h"
 
 namespace Lattice {
 namespace {
@@ -18,14 +18,6 @@ Scrivel::TraceHandle trace("LatticeDoorbell");
 constexpr size_t maxPeers = 64;      // a bit each
 constexpr int messagesPerTurn = 64;  // so that one subscriber cannot keep the reactor
 constexpr uint64_t neverInStep = UINT64_MAX;
-
-std::string printable(std::string_view name) {
-  std::string text(name);
-  for (char& c : text) {
-    if (!std::isprint(static_cast<unsigned char>(c))) c = '?';
-  }
-  return text;
-}
 
 std::pair<uint64_t, uint64_t> fileAt(const std::string& path) {
   struct stat status {};
@@ -42,6 +34,7 @@ struct Doorbell::Peer {
   bool attached = false;
   bool gone = false;
   SubscriberInfo info;                // sequence: received up to here
+  uint64_t attachedAt = 0;            // the last sequence then
   uint64_t inStepUpTo = neverInStep;  // said after a snapshot; neverInStep: not said
 };
 
@@ -124,13 +117,16 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   const uint64_t last = journal_.lastSequence();
   const bool continues = attach->identity == identity_ && attach->sequence <= last &&
                          attach->sequence >= journal_.trimmedUpTo();
-  peer.info.name = printable(attach->name);
+  peer.info.id = ++lastId_;
+  peer.info.name = Vela::plainLine(attach->name, maxSubscriberName);
+  peer.attachedAt = last;
   peer.info.takingSnapshot = !continues;
   // What it reads from now on is at least what is committed now.
   peer.info.sequence = continues ? attach->sequence : last;
   peer.attached = true;
   SCRIVEL_TRACE(0, "subscriber attached: ", peer.info.name, " continues: ", continues,
                 " sequence: ", attach->sequence);
+  tellAttached();
   return peer.socket.send(AttachedMessage{identity_}.encode()) == Socket::Sent::all;
 }
 
@@ -138,18 +134,35 @@ bool Doorbell::handleReports(Peer& peer, std::string_view message) {
   const auto header = decodeReports(message);
   if (!header || header->receivedUpTo > journal_.lastSequence()) return false;
   reports_.clear();
-  const bool sound = eachReport(*header, [this](const PackedReport& report) {
-    reports_.push_back({report.entryHandle, report.sequence, report.errorCode, report.text});
-  });
+  texts_.clear();
+  const bool sound = eachReport(
+      *header, [&](const PackedReport& report) { reports_.push_back(received(peer, report)); });
   if (!sound) return false;
   peer.info.reports += reports_.size();
   peer.info.sequence = std::max(peer.info.sequence, header->receivedUpTo);
   if (header->flags & ReportsMessage::takingSnapshot) peer.info.takingSnapshot = true;
-  if (!book_.empty()) {
-    std::erase_if(reports_, [&](const Report& r) { return !book_.settles(peer.bit, r); });
-  }
+  for (Report& report : reports_) report.settles = settles(peer, report);
   tell(reports_);
   return true;
+}
+
+// The text goes to controllers, into statuses and logs.
+Report Doorbell::received(const Peer& peer, const PackedReport& report) {
+  std::string_view text = report.errorCode != 0 ? report.text : std::string_view();
+  if (!Vela::isPlainLine(text, maxReportText)) {
+    text = texts_.emplace_back(Vela::plainLine(text, maxReportText));
+  }
+  return {report.entryHandle, report.sequence, report.errorCode, text,
+          peer.info.id,       peer.info.name};
+}
+
+bool Doorbell::settles(const Peer& peer, const Report& report) {
+  if (!book_.empty() && !book_.settles(peer.bit, report)) return false;
+  if (report.errorCode != 0 || report.sequence > peer.attachedAt) return true;
+  // It came later, and speaks of what its snapshot showed: the others were there.
+  return std::ranges::none_of(peers_, [&](const auto& other) {
+    return other->attached && other->attachedAt < report.sequence;
+  });
 }
 
 bool Doorbell::handleInStep(Peer& peer, std::string_view message) {
@@ -176,6 +189,10 @@ void Doorbell::tell(std::span<const Report> reports) {
   if (!reports.empty() && observer_.reports) observer_.reports(reports);
 }
 
+void Doorbell::tellAttached() {
+  if (observer_.attached) observer_.attached(std::popcount(attachedSet()));
+}
+
 void Doorbell::drop(Peer& peer, bool malformed) {
   if (malformed) ++droppedMessages_;
   SCRIVEL_TRACE(0, "subscriber detached: ", peer.info.name, " malformed message: ", malformed);
@@ -183,8 +200,14 @@ void Doorbell::drop(Peer& peer, bool malformed) {
   peer.watch->onReadableIs(nullptr);
   peer.watch->descriptorIs(-1);
   const Subscribers bit = peer.bit;
+  const bool wasAttached = peer.attached;
+  const SubscriberInfo info = peer.info;
   std::erase_if(peers_, [&](const auto& other) { return other.get() == &peer; });
   tell(book_.left(bit));
+  if (!wasAttached) return;
+  maybeTellInStep();  // it may have been the one that was not
+  if (observer_.left) observer_.left(info);
+  tellAttached();
 }
 
 void Doorbell::ring(uint64_t lastSequence, std::span<const Committed> changes) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <span>
@@ -42,8 +43,11 @@ class Doorbell {
   bool handleAttach(Peer& peer, std::string_view message);
   bool handleReports(Peer& peer, std::string_view message);
   bool handleInStep(Peer& peer, std::string_view message);
+  Report received(const Peer& peer, const PackedReport& report);
+  bool settles(const Peer& peer, const Report& report);
   void maybeTellInStep();
   void tell(std::span<const Report> reports);
+  void tellAttached();
   void refuse(Peer& peer, std::string_view reason);
   void drop(Peer& peer, bool malformed);
   Subscribers attachedSet() const;
@@ -58,8 +62,10 @@ class Doorbell {
   Vela::Ptr<Vela::FileDescriptor> watch_;
   std::vector<std::unique_ptr<Peer>> peers_;
   ReportBook book_;
-  std::string buffer_;           // of the message being read
-  std::vector<Report> reports_;  // of the message being read
+  std::string buffer_;             // of the message being read
+  std::vector<Report> reports_;    // of the message being read
+  std::deque<std::string> texts_;  // theirs, as far as they had to be mended
+  uint64_t lastId_ = 0;
   uint64_t droppedMessages_ = 0;
 };
 

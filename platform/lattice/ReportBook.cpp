@@ -13,7 +13,7 @@ constexpr size_t maxOpen = 1'000'000;
 
 void ReportBook::committed(std::span<const Committed> changes, Subscribers subscribers) {
   for (const Committed& change : changes) {
-    open_.push_back({change.sequence, change.entryHandle, subscribers, 0});
+    open_.push_back({change.sequence, change.entryHandle, subscribers, 0, false});
   }
   while (open_.size() > maxOpen) open_.pop_front();
 }
@@ -24,11 +24,12 @@ bool ReportBook::settles(Subscribers subscriber, const Report& report) {
       found->entryHandle != report.entryHandle) {
     return true;
   }
-  if ((found->owed & subscriber) == 0) return false;
+  const bool isFailure = report.errorCode != 0;
+  if ((found->owed & subscriber) == 0) return isFailure;
   found->owed &= ~subscriber;
   found->reported |= subscriber;
-  const bool settled = report.errorCode != 0 || found->owed == 0;
-  if (settled) found->owed = 0;
+  found->failed |= isFailure;
+  const bool settled = isFailure || (found->owed == 0 && !found->failed);
   popSettled();
   return settled;
 }
@@ -48,7 +49,7 @@ std::vector<Report> ReportBook::dropped(Subscribers subscriber, uint64_t sequenc
     if ((open.owed & subscriber) == 0) continue;
     open.owed &= ~subscriber;
     if (counts) open.reported |= subscriber;
-    if (open.owed == 0 && open.reported != 0) {
+    if (open.owed == 0 && open.reported != 0 && !open.failed) {
       settled.push_back({open.entryHandle, open.sequence, 0, {}});
     }
   }

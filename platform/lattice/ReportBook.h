@@ -23,8 +23,8 @@ class ReportBook {
   void committed(std::span<const Committed> changes, Subscribers subscribers);
   bool empty() const { return open_.empty(); }
 
-  // Whether the report of `subscriber` settles the change: the first failure does, or the last
-  // success.
+  // Whether the report of `subscriber` settles the change: a failure does, or the last success when
+  // none failed.
   bool settles(Subscribers subscriber, const Report& report);
   // The subscriber owes no report any more, of changes up to `sequence`; answers those that
   // everybody else has reported on, as successes.
@@ -36,8 +36,9 @@ class ReportBook {
   struct Open {
     uint64_t sequence;
     uint64_t entryHandle;
-    Subscribers owed;      // 0: settled
-    Subscribers reported;  // successfully
+    Subscribers owed;
+    Subscribers reported;
+    bool failed;  // for one of them: settled, yet the others' word is still to come
   };
   std::vector<Report> dropped(Subscribers subscriber, uint64_t sequence, bool counts);
   void popSettled();

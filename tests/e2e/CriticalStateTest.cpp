@@ -54,6 +54,21 @@ TEST(SilentForwarder, TimesTheBatchOutAndPutsTheSwitchIntoCriticalStateUntilReve
   EXPECT_EQ(tested.disagreement(), "");
 }
 
+TEST(AbsentForwarder, IsNamedAtOnceAndMakesNothingCritical) {
+  Switch tested;
+  ASSERT_TRUE(tested.startAgent() && tested.connectController());
+  const auto status = [&] { return tested.agent.korvel({"status"}).output; };
+  EXPECT_NE(status().find("NO FORWARDING AGENT is attached"), std::string::npos);
+  const WriteOutcome refused = tested.insertRoutes(0, 3, 1);
+  EXPECT_EQ(refused.status.error_code(), grpc::UNAVAILABLE);
+  EXPECT_NE(refused.status.error_message().find("no forwarding agent is attached"),
+            std::string::npos);
+  ASSERT_TRUE(tested.startForwarder());
+  EXPECT_TRUE(tested.insertRoutes(0, 3, 1).ok());
+  EXPECT_EQ(tested.disagreement(), "");
+  EXPECT_EQ(status().find("CRITICAL"), std::string::npos);
+}
+
 // The list of what fails went with the agent that kept it; the forwarder knows.
 TEST(FailingForwarder, IsStillHeardOfWhenTheAgentStartsAnew) {
   Switch tested({.forwarder = {"--fail-table", "packet_type"}});  // its entries are constant

@@ -41,6 +41,12 @@ uint64_t rowsOf(const p4::v1::Entity& entity) {
          static_cast<uint64_t>(action.action_profile_action_set().action_profile_actions_size());
 }
 
+// Nothing of the Write was run: it may be sent again.
+bool isWithoutForwarder(const WriteOutcome& outcome) {
+  return outcome.status.error_message().find("no forwarding agent is attached") !=
+         std::string::npos;
+}
+
 }  // namespace
 
 uint32_t printedSeed() {
@@ -69,7 +75,9 @@ void Load::run() {
   while (!stopping_ && failure_.ok()) {
     const std::vector<p4::v1::Update> batch = nextBatch();
     sentRows_ += lastBatchRows_;
-    failure_ = switch_.controller().write(batch);
+    do {
+      failure_ = switch_.controller().write(batch);
+    } while (!stopping_ && isWithoutForwarder(failure_));
     if (!failure_.ok()) break;
     before_ = after_;
     ++acknowledged_;

@@ -50,7 +50,7 @@ bool Switch::startAgent() { return agent.startServing(); }
 
 bool Switch::startForwarder() {
   forwarder.start();
-  return forwarder.waitReady();
+  return forwarder.waitAttached();
 }
 
 bool Switch::connectController() {
@@ -61,7 +61,7 @@ bool Switch::connectController() {
 
 bool Switch::restartAgent() {
   agent.kill();
-  return startAgent() && connectController();
+  return startAgent() && forwarder.waitAttached() && connectController();
 }
 
 View Switch::controllerView() {

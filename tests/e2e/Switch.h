@@ -41,9 +41,9 @@ class Switch {
   // Each answers true when its process is up and does its work.
   bool start();  // agent, forwarder and controller
   bool startAgent();
-  bool startForwarder();
+  bool startForwarder();     // to a running agent
   bool connectController();  // becomes primary
-  bool restartAgent();       // SIGKILL, then all that start() does but the forwarder
+  bool restartAgent();       // SIGKILL, then all that start() does; the forwarder stays
 
   TestSupport::AgentProcess agent;
   TestSupport::ForwarderProcess forwarder;

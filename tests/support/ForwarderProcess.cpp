@@ -27,6 +27,13 @@ bool ForwarderProcess::waitReady() {
   return waitUntil([this] { return ctl({"stats"}).exit.code == 0; }, process_->descriptor());
 }
 
+bool ForwarderProcess::waitAttached() {
+  const auto attached = [this] {
+    return ctl({"stats"}).output.find("attached yes") != std::string::npos;
+  };
+  return waitUntil(attached, process_->descriptor());
+}
+
 CommandResult ForwarderProcess::ctl(std::vector<std::string> arguments) const {
   arguments.insert(arguments.begin(), {binaryPath("korvel-forwarder"), "ctl"});
   arguments.insert(arguments.end(), {"--state-dir", stateDirectory_});

@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "P4Runtime/pi/KorvelPiImpl.h"
+#include "PI/frontends/proto/device_mgr.h"
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_pending_imp.h"
 #include "tests/P4Runtime/support/AgentTest.h"
@@ -69,6 +70,33 @@ TEST_F(BatchTest, WithoutPendingEntriesNothingIsWaitedFor) {
   agent().add(4, {labelTable, bytes("000001"), drop, ""});
   agent().end();
   EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(4, 12)));
+}
+
+TEST_F(BatchTest, IsRefusedWithoutAForwardingAgent) {
+  using std::chrono::hours;
+  forwarder().attachedIs(false);
+  EXPECT_EQ(_pi_batch_begin(0), PI_STATUS_TARGET_TRANSPORT_ERROR);
+  EXPECT_FALSE(agent().batchStatus->inProgress());
+  EXPECT_EQ(pi::fe::proto::DeviceMgr::get_operation_permission_level(), 2u);
+
+  // One that has just left may be back in a moment, for which the lock is free.
+  forwarder().attachedIs(false, hours(1));
+  pi_status_t begun = PI_STATUS_BATCH_UPDATE_FAILED;
+  std::thread writer([&] { begun = _pi_batch_begin(0); });
+  {
+    const Vela::ActivityLock lock;
+    forwarder().attachedIs(true, hours(1));
+  }
+  writer.join();
+  EXPECT_EQ(begun, PI_STATUS_SUCCESS);
+
+  // It goes away while the batch waits for it, and comes back.
+  agent().batchStatus->batchTimeoutIs(3600);
+  addMany(2);
+  forwarder().attachedIs(false);
+  forwarder().attachedIs(true);
+  forwarder().programAll();
+  EXPECT_THAT(agent().outcome(), IsEmpty());
 }
 
 TEST_F(BatchTest, WaitEndsWithTheLastReport) {
@@ -214,6 +242,7 @@ TEST_F(BatchTest, PretendedOutcomes) {
   status.pretendHwProgrammingTimeoutIs(true);
   status.pretendHwProgrammingTimeoutOffsetIs(2);
   addMany(3);
+  forwarder().programAll();  // an honest one, which has programmed all before the wait begins
   EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(1, 13), FailedWith(2, 4)));
   EXPECT_TRUE(agent().status->critical());
 

@@ -1,6 +1,7 @@
 // Follows row changes like a forwarding agent, and reports on them when the test says so.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -26,7 +27,12 @@ struct RowChange {
 class FakeForwarder {
  public:
   FakeForwarder(Brine::Store& store, P4Runtime::BatchStatus& batchStatus)
-      : store_(store), batchStatus_(batchStatus) {}
+      : store_(store), batchStatus_(batchStatus) {
+    attachedIs(true);
+  }
+  void attachedIs(bool attached, std::chrono::milliseconds grace = {}) {
+    batchStatus_.forwardingAgentsAre(attached ? 1 : 0, grace);
+  }
 
   // The changes that were committed and that it has not reported on.
   size_t pending();

@@ -190,18 +190,23 @@ TEST_F(RollBackTest, FailedChangeOfAnUnconfirmedEntryKeepsIt) {
 TEST_F(RollBackTest, FailureThatNoBatchWaitsForIsKeptUntilMended) {
   const uint64_t handle = agent().added(old_);
   const EntryFailures& failures = *agent().tableImpl->failures();
-  const RowChange restarted{"exact", "", "", false, handle, 1};
+  const RowChange restarted{"exact", "", "", false, handle, agent().lastSequence()};
   forwarder().report(restarted, ErrorCode::hardwareError, "parity error");
   EXPECT_EQ(failures.failedEntries(), 1u);
   EXPECT_THAT(failures.list(), testing::AllOf(testing::HasSubstr("table exact, ether_type="),
                                               testing::HasSubstr("error 3 parity error")));
   forwarder().report({"", "", "", false, 4711, 1}, ErrorCode::hardwareError);  // nobody's
   EXPECT_EQ(failures.failedEntries(), 1u);
+  EXPECT_EQ(failures.reportsOnNoRow(), 1u);
   EXPECT_EQ(codeOfAdd(changed_), 0);
   EXPECT_EQ(failures.failedEntries(), 0u);
   EXPECT_EQ(failures.list(), "");
 
   forwarder().report(restarted, ErrorCode::hardwareError);
+  EXPECT_EQ(failures.failedEntries(), 0u) << "that row was written over";
+  forwarder().report({"exact", "", "", false, handle, agent().lastSequence()},
+                     ErrorCode::hardwareError);
+  EXPECT_EQ(failures.failedEntries(), 1u);
   agent().deleted(changed_);
   EXPECT_EQ(failures.failedEntries(), 0u);
 }
@@ -229,10 +234,52 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
   }
 }
 
+// Two forwarding agents that disagree: what the one says leaves the other's word as it is.
+TEST_F(RollBackTest, FailureBelongsToTheForwardingAgentThatReportedIt) {
+  const EntryFailures& failures = *agent().tableImpl->failures();
+  const uint64_t handle = agent().added(old_);
+  const auto said = [&](uint64_t by, uint64_t sequence, uint16_t code, bool settles) {
+    const Vela::ActivityLock lock;
+    const Lattice::Report report{handle, sequence, code, "", by, by == 1 ? "one" : "two", settles};
+    agent().batchStatus->reportsAre({&report, 1});
+  };
+  const uint64_t sequence = agent().lastSequence();
+  said(1, sequence, 13, true);
+  said(2, sequence, 3, true);
+  EXPECT_EQ(failures.failedEntries(), 1u);
+  EXPECT_THAT(failures.list(), testing::AllOf(testing::HasSubstr("error 13 (reported by one)"),
+                                              testing::HasSubstr("error 3 (reported by two)")));
+  said(2, sequence, 0, false);
+  EXPECT_THAT(failures.list(), testing::Not(testing::HasSubstr("two")));
+  said(2, sequence, 3, true);
+  EXPECT_EQ(agent().tableImpl->failures()->agentDel(1), 1u);
+  EXPECT_THAT(failures.list(), testing::Not(testing::HasSubstr("one")));
+  EXPECT_EQ(codeOfAdd(changed_), 0) << "programmed by both";
+  EXPECT_EQ(failures.failedEntries(), 0u);
+}
+
+// The late success of the add that timed out says nothing of its removal, which failed.
+TEST_F(RollBackTest, LateSuccessOfATimedOutAddLeavesTheFailureOfItsRemoval) {
+  const EntryFailures& failures = *agent().tableImpl->failures();
+  agent().begin();
+  agent().add(0, old_);
+  agent().end();
+  const RowChange add = forwarder().next();
+  forwarder().ignoreNext();
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+  forwarder().report(add, ErrorCode::none);
+  const RowChange removal = forwarder().next();
+  forwarder().failNext(ErrorCode::hardwareError, "stuck");
+  forwarder().report(add, ErrorCode::none);
+  EXPECT_EQ(failures.failedEntries(), 1u);
+  forwarder().report(removal, ErrorCode::none);
+  EXPECT_EQ(failures.failedEntries(), 0u);
+}
+
 TEST(EntryFailures, ListsTheFirstThousand) {
   EntryFailures failures("failures");
   for (uint64_t handle = 5000; handle > 0; --handle)
-    failures.failureIs(handle, std::to_string(handle));
+    failures.failureIs(handle, 1, 1, std::to_string(handle));
   const auto lines = [&] {
     return std::count(failures.list().begin(), failures.list().end(), '\n');
   };

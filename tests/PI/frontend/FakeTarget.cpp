@@ -99,6 +99,7 @@ std::vector<std::string> FakeTarget::lastCalls() const {
 
 pi_status_t FakeTarget::handleBatchBegin() {
   const std::lock_guard lock(lock_);
+  if (batchStatus_ != PI_STATUS_SUCCESS) return batchStatus_;
   undo_.clear();
   calls_.clear();
   batches_.emplace_back();

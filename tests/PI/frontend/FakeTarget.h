@@ -72,6 +72,7 @@ class FakeTarget {
     failures_.clear();
     callStatus_.clear();
   }
+  void batchStatusIs(pi_status_t status) { batchStatus_ = status; }  // of beginning one
   void fetchStatusIs(pi_status_t status) { fetchStatus_ = status; }
   void updateDeviceStatusIs(pi_status_t status) { updateDeviceStatus_ = status; }
 
@@ -152,6 +153,7 @@ class FakeTarget {
   std::map<uint32_t, std::pair<size_t, int>> callStatus_;
   std::map<uint32_t, size_t> calls_;  // in the current batch, by offset
   pi_status_t counterStatus_ = PI_STATUS_SUCCESS;
+  pi_status_t batchStatus_ = PI_STATUS_SUCCESS;
   pi_status_t fetchStatus_ = PI_STATUS_SUCCESS;
   pi_status_t updateDeviceStatus_ = PI_STATUS_SUCCESS;
   pi_status_t packetStatus_ = PI_STATUS_SUCCESS;

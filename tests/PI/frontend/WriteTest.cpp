@@ -135,6 +135,24 @@ TEST_F(WriteTest, TimeoutIsDeadlineExceededAndStopsTheRestOfACriticalSwitch) {
               UnorderedElementsAre(EqualsProto(route(1, 5)), EqualsProto(route(2))));
 }
 
+TEST_F(WriteTest, WithoutAForwardingAgentIsUnavailableAsFarAsNothingHasBeenRun) {
+  target.batchStatusIs(PI_STATUS_TARGET_TRANSPORT_ERROR);
+  const Status status = written({remove(9), insert(1), insert(2)});
+  EXPECT_EQ(status.code(), code::unavailable);
+  EXPECT_THAT(status.message(), HasSubstr("no forwarding agent is attached"));
+  EXPECT_THAT(found(test::query(test::kIpv4)), IsEmpty());
+
+  target.batchStatusIs(PI_STATUS_SUCCESS);
+  target.batchesAreHeld();
+  Status later;
+  std::thread writer([&] { later = written({insert(1), modify(1, 2), insert(2)}); });
+  target.awaitHeldBatch();
+  target.batchStatusIs(PI_STATUS_TARGET_TRANSPORT_ERROR);
+  target.batchesAreReleased();
+  writer.join();
+  EXPECT_THAT(test::codesOf(later), ElementsAre(code::ok, code::unavailable, code::ok));
+}
+
 TEST_F(WriteTest, ReadsDoNotWaitForAPendingWriteAndSeeTheStateBeforeIt) {
   ASSERT_EQ(written({insert(1, 5), insert(2, 5)}).code(), code::ok);
   target.batchesAreHeld();

@@ -24,8 +24,8 @@ class BatchStatusTest : public testing::Test {
   ~BatchStatusTest() override { close(descriptor_); }
 
   void pending(EntryHandle handle) { batch_.pendingOperationIs(handle, handle + 100); }
-  void reported(EntryHandle handle, uint64_t sequence, uint16_t code = 0) {
-    const Lattice::Report report{handle, sequence, code, ""};
+  void reported(EntryHandle handle, uint64_t sequence, uint16_t code = 0, bool settles = true) {
+    const Lattice::Report report{handle, sequence, code, "", 1, "", settles};
     batch_.reportsAre({&report, 1});
   }
   // Completions as a waiting thread counts them, with one read.
@@ -49,6 +49,9 @@ class BatchStatusTest : public testing::Test {
 TEST_F(BatchStatusTest, ReportCountsOnceAndOnlyForWhatItReportsOn) {
   pending(1);
   pending(2);
+  reported(1, 101, 0, false);  // another forwarding agent owes one
+  EXPECT_EQ(batch_.reportsDropped(), 0u);
+  strays_.clear();
   reported(3, 103);  // nobody's
   reported(1, 99);   // of an earlier write
   EXPECT_EQ(completions(), 0u);

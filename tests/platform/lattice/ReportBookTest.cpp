@@ -26,6 +26,7 @@ TEST_F(ReportBookTest, SettlesWithTheLastSuccessOrTheFirstFailure) {
   EXPECT_FALSE(settles(first, 12));
   EXPECT_TRUE(settles(second, 12, 1));
   EXPECT_TRUE(settles(first, 11, 8));
+  EXPECT_FALSE(settles(second, 11)) << "it has failed for the other";
   EXPECT_TRUE(book.empty());
 }
 
