@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "P4Runtime/agent/CliCommands.h"
+#include "P4Runtime/agent/ProtobufLog.h"
 #include "P4Runtime/agent/SettingChecks.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/WriteGate.h"
@@ -48,6 +49,7 @@ void Agent::doInit() {
     if (!trouble.empty()) fmt::print(stderr, "korvel: no traces: {}\n", trouble);
     SCRIVEL_TRACE(0, "scvPrefix is: ", options.filePrefix);
   }
+  takeProtobufLog();
   doDeclareMounts();
 }
 

@@ -57,6 +57,7 @@ Vela::Ptr<P4RtSystemConfigSm> p4RtSystemConfigSmFactory(
 }
 
 void P4RtSystemConfigSm::handleInitialized() {
+  SCRIVEL_TRACE(1, "handleInitialized");
   handlePluginStatus();
   handleEnabled();
 }
@@ -96,6 +97,8 @@ void P4RtSystemConfigSm::doRequestTableInfoCleanup() {
 }
 
 void P4RtSystemConfigSm::handleTableInfoCleanupDone() {
+  SCRIVEL_TRACE(1, "handleTableInfoCleanupDone", " request ", p4TableInfo_->cleanupRequestId(),
+                " response ", p4TableInfo_->cleanupResponseId());
   if (p4TableInfo_->cleanupRequestId() != p4TableInfo_->cleanupResponseId()) return;
   doCleanupPlugins();
 }
@@ -188,6 +191,7 @@ void P4RtSystemConfigSm::handlePluginStatus(const std::string& name) {
 }
 
 void P4RtSystemConfigSm::handlePluginStatus() {
+  SCRIVEL_TRACE(1, "handlePluginStatus");
   for (const std::string& name : pluginStatusDir_->entityNames()) handlePluginStatus(name);
 }
 

@@ -3,8 +3,14 @@
 #include <utility>
 
 #include "P4Runtime/agent/P4RtSystemConfigSm.h"
+#include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("PluginCleanupStatusSm");
+
+}  // namespace
 
 PluginCleanupStatusSm::PluginCleanupStatusSm(std::string name,
                                              Vela::Ptr<const PluginStatus> pluginStatus,
@@ -16,7 +22,14 @@ PluginCleanupStatusSm::PluginCleanupStatusSm(std::string name,
       pluginStatus_->disableRequestIdAttribute().observe([this] { handleDisableStatus(); });
 }
 
-void PluginCleanupStatusSm::handleCleanupStatus() { owner_.handlePluginCleanupStatus(name_); }
-void PluginCleanupStatusSm::handleDisableStatus() { owner_.handlePluginDisableStatus(name_); }
+void PluginCleanupStatusSm::handleCleanupStatus() {
+  SCRIVEL_TRACE(1, "handleCleanupStatus", " ", name_, " ", pluginStatus_->cleanupRequestId());
+  owner_.handlePluginCleanupStatus(name_);
+}
+
+void PluginCleanupStatusSm::handleDisableStatus() {
+  SCRIVEL_TRACE(1, "handleDisableStatus", " ", name_, " ", pluginStatus_->disableRequestId());
+  owner_.handlePluginDisableStatus(name_);
+}
 
 }  // namespace P4Runtime

@@ -20,6 +20,7 @@ AddDesiredIntfSm::AddDesiredIntfSm(Vela::Ptr<const Interface::AllIntfStatusDir> 
 }
 
 void AddDesiredIntfSm::handleInitialized() {
+  SCRIVEL_TRACE(1, "handleInitialized");
   intfChange_ = this->allIntfStatusDir()->entityCollection().observeKeys(
       [this](const std::string& intf) { handleIntf(intf); });
   for (const std::string& intf : this->allIntfStatusDir()->entityNames()) handleIntf(intf);

@@ -25,6 +25,7 @@ Vela::Ptr<ControllerInterface> controllerInterfaceFactory(
 }
 
 void ControllerInterface::handleInitialized() {
+  SCRIVEL_TRACE(1, "handleInitialized");
   intfOperationsIs(Vela::make<Wirra::InterfaceOperations>());
   initializedIs(true);
 }

@@ -50,6 +50,7 @@ Vela::Ptr<CpuPktSm> cpuPktSmFactory(Vela::ReactorLoop& loop, CpuPktInputs inputs
 }
 
 void CpuPktSm::handleInitialized() {
+  SCRIVEL_TRACE(1, "handleInitialized");
   changes_.push_back(kernelNetInfoStatus()->entityCollection().observeKeys(
       [this](const std::string& name) { handleKernelDevice(name); }));
   changes_.push_back(controllerInterface()->observeMac([this] { doBringUp(); }));
@@ -69,6 +70,7 @@ void CpuPktSm::handleInitialized() {
 }
 
 void CpuPktSm::doInitializePamMan() {
+  SCRIVEL_TRACE(1, "doInitializePamMan");
   intfStatusManagerRootIs(Vela::make<IntfStatusManager>(desiredIntfDir(), kernelNetInfoStatus(),
                                                         deviceIntfStatusDir()));
   pamManIs(Vela::make<P4RuntimeCpuPktMgr>(loop_, deviceIntfStatusDir(), pamCollection()));
@@ -104,6 +106,7 @@ void CpuPktSm::doBringUp() {
 }
 
 void CpuPktSm::doEnablePam() {
+  SCRIVEL_TRACE(1, "doEnablePam", " ", netdevName());
   auto pam =
       packetAccessOpened(loop_, netdevName(), Wirra::PacketAccessManager::Mode::receiveAndSend);
   if (!pam) return;  // handleKernelDevice() or handlePeriod() asks again
@@ -114,6 +117,7 @@ void CpuPktSm::doEnablePam() {
 }
 
 void CpuPktSm::doDisablePam() {
+  SCRIVEL_TRACE(1, "doDisablePam", " ", netdevName());
   updateCounts();
   const auto& last = netdevPam()->counts();
   ofFormerPams_.missed += last.missed;
@@ -126,6 +130,7 @@ void CpuPktSm::doDisablePam() {
 }
 
 void CpuPktSm::handlePeriod() {
+  SCRIVEL_TRACE(9, "handlePeriod");
   if (!netdevPam() && kernelNetInfoStatus()->device(netdevName())) doEnablePam();
   pamMan()->retry();
   updateCounts();
@@ -181,10 +186,14 @@ void CpuPktSm::processPkt(const Ptr& pkt) {
 
 // Also on the server's threads: the queue stopped being empty.
 void CpuPktSm::handleTxPktDesc() {
+  SCRIVEL_TRACE(8, "handleTxPktDesc", " queued ", controllerTxPktConfig()->txPktDesc().size());
   if (!controllerTxPktConfig()->txPktDesc().empty()) transmitter_->wake();
 }
 
-void CpuPktSm::handleWays() { transmitter_->waysChanged(); }
+void CpuPktSm::handleWays() {
+  SCRIVEL_TRACE(5, "handleWays");
+  transmitter_->waysChanged();
+}
 
 TxWays::Way CpuPktSm::processTxPktDesc(const ControllerTxPktDesc& desc) {
   if (!desc.pkt) {

@@ -417,7 +417,7 @@ pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
   const ActivityLock lock;
   SCRIVEL_TRACE(5, "_pi_batch_begin", " session_handle: ", session_handle);
   // Without one, all that a batch writes would time out.
-  if (!TheBatchStatus()->awaitForwardingAgent()) return PI_STATUS_TARGET_TRANSPORT_ERROR;
+  if (!TheBatchStatus()->awaitForwardingAgent()) return PI_STATUS_NO_FORWARDING_AGENT;
   if (DeviceMgr::get_operation_permission_level() == P4Runtime::nothingAllowed) {
     SCRIVEL_TRACE(1, "_pi_batch_begin", " refused: Writes are not let in now");
     return PI_STATUS_TARGET_TRANSPORT_ERROR;

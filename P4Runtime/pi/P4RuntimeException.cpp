@@ -16,11 +16,14 @@
 #include "platform/companion/BatchStatus.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
 namespace {
 
 Scrivel::TraceHandle trace("P4RuntimeException");
+
+constexpr size_t longestText = 2000;  // bytes
 
 using pi::fe::proto::DeviceMgr;
 
@@ -73,9 +76,11 @@ void P4RuntimeParsingException::handleException(const P4RuntimeParsingException&
   SCRIVEL_TRACE(0, "P4RuntimeParsingException", " latticeError: ", e.latticeError,
                 " error: ", e.error, " jsonError: ", e.jsonError);
   if (!TheParsingStatus()->failureIs(e.latticeError, e.error, e.jsonError)) return;
-  fmt::print(stderr, "korvel: pipeline: {}{}{}{}{}\n", e.error, e.latticeError.empty() ? "" : ": ",
-             e.latticeError, e.jsonError.empty() ? "" : "; JSON stops making sense at: ",
-             e.jsonError.substr(0, 60));
+  // Texts that come from files.
+  fmt::print(stderr, "korvel: pipeline: {}{}{}{}{}\n", Vela::plainLine(e.error, longestText),
+             e.latticeError.empty() ? "" : ": ", Vela::plainLine(e.latticeError, longestText),
+             e.jsonError.empty() ? "" : "; JSON stops making sense at: ",
+             Vela::plainLine(e.jsonError, 60));
 }
 
 void P4RuntimeCriticalStateException::handleException(const P4RuntimeCriticalStateException& e) {

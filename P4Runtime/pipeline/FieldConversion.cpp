@@ -33,7 +33,7 @@ void fixByteOrder(uint8_t* field, uint32_t size, bool networkOrder) {
       std::swap(field[1], field[2]);
       return;
     default:
-      SCRIVEL_TRACE(5, "fixByteOrder", " Unhandled field size: ", size, "bytes");
+      SCRIVEL_TRACE(5, "fixByteOrder", " Unhandled field size: ", size, " bytes");
   }
 }
 

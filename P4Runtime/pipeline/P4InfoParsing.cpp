@@ -82,6 +82,7 @@ bool hasSize(const cJSON* element) { return jsonString(element, "size").has_valu
 }  // namespace
 
 void P4TableInfoSm::handleP4InfoStr(const std::string& p4InfoJson) {
+  SCRIVEL_TRACE(1, "handleP4InfoStr", " bytes ", p4InfoJson.size());
   const JsonDocument document(cJSON_Parse(p4InfoJson.c_str()));
   if (!document) throwParsingException("cannot parse JSON root");
   // Tables look up the direct resources, and profiles the actions of their tables.

@@ -91,6 +91,7 @@ void P4TableInfoSm::watchTypeStatus(const std::string& name) {
 }
 
 void P4TableInfoSm::handleTypeCompileStatus() {
+  SCRIVEL_TRACE(5, "handleTypeCompileStatus");
   if (!jsonRoot_ || allTypesCompiled()) return;
   const auto names = services_.typeConfigDir->typeConfigNames();
   if (names.empty()) {
@@ -117,6 +118,7 @@ void P4TableInfoSm::handleTypeCompileStatus() {
 }
 
 void P4TableInfoSm::handleAllTypesCompiled() {
+  SCRIVEL_TRACE(1, "handleAllTypesCompiled", " ", allTypesCompiled());
   if (allTypesCompiled()) guarded([&] { createLatticeTableInterfaces(); });
 }
 
@@ -178,6 +180,7 @@ void P4TableInfoSm::maybeUpdateAllArInterfacesReady() {
 }
 
 void P4TableInfoSm::handleAllArInterfacesReady() {
+  SCRIVEL_TRACE(1, "handleAllArInterfacesReady");
   if (!jsonRoot_) return;  // a new pipeline is on its way
   guarded([&] {
     createRowConstructors();
@@ -306,10 +309,12 @@ void P4TableInfoSm::watchQueryStatus(const std::string& name) {
 }
 
 void P4TableInfoSm::handleAllQueriesReceived() {
+  SCRIVEL_TRACE(1, "handleAllQueriesReceived", " ", allQueriesReceived());
   if (allQueriesReceived()) handleQueryCompileStatus();
 }
 
 void P4TableInfoSm::handleQueryCompileStatus() {
+  SCRIVEL_TRACE(5, "handleQueryCompileStatus");
   if (!allQueriesReceived()) {
     SCRIVEL_TRACE(5, "handleQueryCompileStatus", " all queries not received yet");
     return;
@@ -342,6 +347,7 @@ void P4TableInfoSm::handleQueryCompileStatus() {
 }
 
 void P4TableInfoSm::handleAllQueriesCompiled() {
+  SCRIVEL_TRACE(1, "handleAllQueriesCompiled", " ", allQueriesCompiled());
   if (!allQueriesCompiled()) return;
   jsonRoot_ = nullptr;
   jsonRootToDelete_.reset();

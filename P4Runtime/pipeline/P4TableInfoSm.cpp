@@ -76,6 +76,7 @@ Vela::Ptr<P4TableInfoSm> p4TableInfoSmFactory(
 }
 
 void P4TableInfoSm::handleInitialized() {
+  SCRIVEL_TRACE(1, "handleInitialized");
   handleCleanupRequest();
   handlePipelineConfigFile();
   initializedIs(true);
@@ -159,6 +160,7 @@ void P4TableInfoSm::doForgetPipeline() {
 }
 
 void P4TableInfoSm::handlePipelineConfigStr(const std::string& deviceConfigJson) {
+  SCRIVEL_TRACE(1, "handlePipelineConfigStr", " bytes ", deviceConfigJson.size());
   JsonDocument document(cJSON_Parse(deviceConfigJson.c_str()));
   if (!document) throwParsingException("Cannot parse JSON file");
   const cJSON* root = jsonObject(document.get(), "p4rtc");

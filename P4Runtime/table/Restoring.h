@@ -3,7 +3,12 @@
 
 #include <cstddef>
 
+#include "platform/companion/ResourceId.h"
+
 namespace P4Runtime {
+
+// Entry handles are counted up from 1; one beyond this would not leave room to count on.
+inline constexpr EntryHandle largestEntryHandle = EntryHandle{1} << 61;
 
 // What came back, and what the pipeline has no place for any more.
 struct RestoreCounts {

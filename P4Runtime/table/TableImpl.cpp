@@ -58,7 +58,7 @@ TableImpl::TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> ha
                }});
 }
 
-TableImpl::~TableImpl() = default;
+TableImpl::~TableImpl() { handleMgr_->reservationHandlerIs(nullptr); }
 
 Vela::Ptr<TableImpl> tableImplFactory(Vela::Ptr<P4TableInfo> tableInfo,
                                       Vela::Ptr<P4HandleMgr> handleMgr,

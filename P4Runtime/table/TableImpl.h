@@ -206,6 +206,7 @@ class TableImpl : public Vela::Entity {
   std::vector<std::string> orphanedRows(const ResourceId& rid,
                                         const Lattice::ArTableInterface& interface);
   void handleInitialized();
+  void doContinueHandles();
   void doLetGoOfCache();
   void handleConstTablesProgrammed();
 

@@ -2,7 +2,9 @@
 // what puts an entry back when its programming failed.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -11,9 +13,12 @@
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/FailureText.h"
+#include "P4Runtime/table/Restoring.h"
 #include "P4Runtime/table/RowFields.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "PI/pi_extensions.h"
 #include "platform/companion/BatchStatus.h"
+#include "platform/companion/HwStatusDir.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -22,10 +27,23 @@ namespace {
 Scrivel::TraceHandle trace("TableImpl");
 
 constexpr const char* cachePath = "p4runtime/cache/";
+constexpr const char* reservedHandlesTable = "p4runtime/handles";
+
+// A store that was made anew knows nothing of the handles of the one before, of which forwarding
+// agents may have left counts. More of them than one a microsecond were never given out.
+EntryHandle handlesOfFormerStores() {
+  const auto context = ThePiContext();
+  const auto hwStatus = context ? context->hwStatusDir() : nullptr;
+  if (!hwStatus || !hwStatus->anyFlowCounter()) return 0;
+  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<EntryHandle>(
+      std::chrono::duration_cast<std::chrono::microseconds>(sinceEpoch).count());
+}
 
 }  // namespace
 
 void TableImpl::handleInitialized() {
+  SCRIVEL_TRACE(1, "handleInitialized", " ", initialized());
   if (initialized()) mountCache();
 }
 
@@ -39,6 +57,29 @@ void TableImpl::mountCache() {
   groupCache_ = Vela::make<ActionProfileGroupCache>(store, path + "actionProfileGroup");
   metadataTable_ = store.table(path + "metadata");
   cacheLetGo_ = false;
+  doContinueHandles();
+}
+
+// Counts of forwarding agents that have ended stand under the handles of their time: none may come
+// again, be the entry long deleted.
+void TableImpl::doContinueHandles() {
+  Brine::Store& store = database_->store();
+  const Brine::TableNumber reserved = store.table(reservedHandlesTable);
+  const Brine::Bytes key = Brine::asBytes("entry");
+  EntryHandle upTo = 0;
+  if (const auto stored = store.get(reserved, key); stored && stored->size() == sizeof upTo) {
+    std::memcpy(&upTo, stored->data(), sizeof upTo);
+  }
+  if (upTo == 0) upTo = handlesOfFormerStores();
+  handleMgr_->reserveUpTo(std::min(upTo, largestEntryHandle));
+  handleMgr_->reservationHandlerIs([this, reserved](EntryHandle end) {
+    const std::string_view bytes(reinterpret_cast<const char*>(&end), sizeof end);
+    try {
+      database_->store().put(reserved, Brine::asBytes("entry"), Brine::asBytes(bytes));
+    } catch (const Brine::StoreError& e) {
+      throw P4RuntimeException(e.what(), 0, pi_batch_current_offset(), ErrorCode::outOfResources);
+    }
+  });
 }
 
 void TableImpl::cleanupCache() {
@@ -246,6 +287,7 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
     pendingOperations_.erase(found);
     TheBatchStatus()->pendingOperationDel(handle);
     entriesRestored_ = true;
+    handleMgr_->reservationDel();  // its commit may be what failed
     SCRIVEL_TRACE(1, "TableImpl", " restore table entry for entryHandle: ", handle,
                   operation.type == PendingOperationType::entryAdd ? " add" : " delete");
     const bool vanishes = operation.awaited && !operation.oldRow;
@@ -324,7 +366,10 @@ std::string TableImpl::failedEntryText(const Lattice::Report& report) const {
   return undone->text + " (taken back, but not removed)";
 }
 
-void TableImpl::handleInStep(uint64_t sequence) { failures_->inStepIs(sequence); }
+void TableImpl::handleInStep(uint64_t sequence) {
+  SCRIVEL_TRACE(1, "handleInStep", " sequence: ", sequence);
+  failures_->inStepIs(sequence);
+}
 
 // Programmed or deleted: whatever failed before of the entry, also under a former handle.
 void TableImpl::handleMended(EntryHandle handle) {

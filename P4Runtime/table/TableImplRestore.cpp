@@ -49,9 +49,6 @@ class TableRestorer {
   }
 
  private:
-  // Handles are counted up from 1; one beyond this would not leave room to count on.
-  static constexpr EntryHandle largestHandle = EntryHandle{1} << 62;
-
   void restore(Brine::Bytes key, Brine::Bytes stored) {
     const auto record = TableRecordView::of(stored);
     if (record && record->entryState == EntryState::pendingToBeDeleted) {
@@ -86,7 +83,7 @@ class TableRestorer {
     P4HandleMgr& handles = tableImpl_.handleMgr();
     const uint32_t tableId = record.key.rid.id;
     if (record.key.rid.type != tableResource) return "not a record of a table";
-    if (record.key.entryHandle == 0 || record.key.entryHandle > largestHandle) {
+    if (record.key.entryHandle == 0 || record.key.entryHandle > largestEntryHandle) {
       return "its handle is none that was ever given out";
     }
     handles.reserveUpTo(record.key.entryHandle);

@@ -124,7 +124,7 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
 void WriteRun::maybeBeginBatch(const Operation& operation) {
   if (batchOpen_) return;
   const pi_status_t begun = pi_batch_begin(session_.handle);
-  if (begun == PI_STATUS_TARGET_TRANSPORT_ERROR) {
+  if (begun == PI_STATUS_NO_FORWARDING_AGENT) {
     throw NoBatch(code::unavailable,
                   "no forwarding agent is attached; write again once one has been started");
   }

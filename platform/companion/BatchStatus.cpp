@@ -57,16 +57,19 @@ void BatchStatus::forwardingAgentsAre(size_t count, std::chrono::milliseconds gr
 }
 
 bool BatchStatus::awaitForwardingAgent() {
-  if (pretendHwProgramming()) return true;
+  if (pretendHwProgramming() || anyForwardingAgent()) return true;
   {
-    const std::lock_guard guard(agentsMutex_);
-    if (forwardingAgents_ > 0) return true;
-    if (std::chrono::steady_clock::now() >= graceEnd_) return false;
+    const Vela::ActivityLockReleased released;
+    std::unique_lock guard(agentsMutex_);
+    const auto end = graceEnd_;
+    agentsChange_.wait_until(guard, end, [this] { return forwardingAgents_ > 0; });
   }
-  const Vela::ActivityLockReleased released;
-  std::unique_lock guard(agentsMutex_);
-  const auto end = graceEnd_;  // of the one that left, or of the start; a later one has its own
-  return agentsChange_.wait_until(guard, end, [this] { return forwardingAgents_ > 0; });
+  return anyForwardingAgent();
+}
+
+bool BatchStatus::anyForwardingAgent() {
+  const std::lock_guard guard(agentsMutex_);
+  return forwardingAgents_ > 0;
 }
 
 void BatchStatus::onBatchBegin() {

@@ -129,6 +129,7 @@ class BatchStatus : public Vela::Entity {
   uint64_t completedOperationBaseline();
 
  private:
+  bool anyForwardingAgent();
   void notify(uint64_t count);
   bool accept(const Lattice::Report& report);
   void failAll(const std::string& reason);

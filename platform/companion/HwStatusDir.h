@@ -21,6 +21,8 @@ class HwStatusDir : public Orrery::Directory {
   // Every flow counter of that name, one for each forwarding agent that has it; valid until the
   // next call.
   const std::vector<Lattice::FlowCount>& flowCounterStatus(std::string_view flowName) const;
+  // Whether any forwarding agent has, or has left, flow counters.
+  bool anyFlowCounter() const { return reader_ && !reader_->empty(); }
 
  private:
   std::unique_ptr<Lattice::FlowCounterReader> reader_;

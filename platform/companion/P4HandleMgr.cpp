@@ -36,6 +36,7 @@ struct Binding {
 
 // Table entries count up from 1 and never get this far.
 constexpr EntryHandle indirectMark = EntryHandle{1} << 63;
+constexpr EntryHandle reservedAtOnce = 65536;
 constexpr uint64_t groupMark = uint64_t{1} << 32;
 constexpr uint64_t largestId = std::numeric_limits<uint32_t>::max();
 
@@ -94,11 +95,20 @@ struct P4HandleMgr::Impl {
   absl::flat_hash_set<uint32_t, KeyOf, KeyOf> slotOfKey{0, KeyOf{&slots}, KeyOf{&slots}};
   absl::flat_hash_map<uint64_t, size_t> counts;  // by resource
   EntryHandle lastHandle = 0;
+  EntryHandle reservedUpTo = 0;
+  std::function<void(EntryHandle)> reservation;
   IndirectHandles members{0, actionProfileResource};
   IndirectHandles groups{groupMark, groupTableResource};
 
   IndirectHandles& indirect(EntryHandle handle) { return handle & groupMark ? groups : members; }
   static uint64_t countKey(ResourceId rid) { return (uint64_t{rid.type} << 32) | rid.id; }
+
+  void reserve(EntryHandle next) {
+    if (next <= reservedUpTo) return;
+    const EntryHandle upTo = next + reservedAtOnce - 1;
+    if (reservation) reservation(upTo);
+    reservedUpTo = upTo;
+  }
 
   uint32_t newSlot(EntryHandle handle, const MatchKey& key) {
     uint32_t slot = 0;
@@ -124,6 +134,7 @@ EntryHandle P4HandleMgr::getOrCreateTableEntryHandle(uint32_t tableId, size_t ke
                                                      bool* isNew) {
   const MatchKey matchKey{tableId, priority, {key, keySize}};
   const EntryHandle next = impl_->lastHandle + 1;
+  impl_->reserve(next);
   const auto slot = impl_->slotOfKey.lazy_emplace(
       matchKey, [&](const auto& place) { place(impl_->newSlot(next, matchKey)); });
   const EntryHandle bound = impl_->slots[*slot].handle;
@@ -158,6 +169,13 @@ void P4HandleMgr::freeTableEntryHandle(EntryHandle handle) {
   impl_->slots[slot] = {};
   impl_->freeSlots.push_back(slot);
 }
+
+void P4HandleMgr::reservationHandlerIs(std::function<void(EntryHandle)> handler) {
+  impl_->reservation = std::move(handler);
+  reservationDel();
+}
+
+void P4HandleMgr::reservationDel() { impl_->reservedUpTo = 0; }
 
 void P4HandleMgr::reserveUpTo(EntryHandle handle) {
   impl_->lastHandle = std::max(impl_->lastHandle, handle);

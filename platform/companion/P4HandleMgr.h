@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -14,9 +15,10 @@
 namespace P4Runtime {
 
 // Match keys are PI bytes: a size and that many bytes; with the table id and the priority they name
-// an entry. A handle is never used twice in the life of a state directory's entries: new handles
-// start above every restored one. The entry handle of a member or group follows from its member or
-// group handle, so that it is the same after a restart.
+// an entry. A table entry's handle is never used twice in the life of a state directory: handles
+// are reserved by blocks, and new ones start above every block of an earlier process. The entry
+// handle of a member or group follows from its member or group handle, so that it is the same after
+// a restart.
 class P4HandleMgr : public Vela::RefCounted {
  public:
   P4HandleMgr();
@@ -39,6 +41,11 @@ class P4HandleMgr : public Vela::RefCounted {
   void freeTableEntryHandle(EntryHandle handle);  // nothing when it is free already
   // The next handle will be above this one.
   void reserveUpTo(EntryHandle handle);
+  // Told, before a handle is given out, up to which ones they may be from now on; to be stored with
+  // the entry. When it throws, none is given out.
+  void reservationHandlerIs(std::function<void(EntryHandle upTo)> handler);
+  // What was stored may be lost: the handler is told again.
+  void reservationDel();
 
   // A new handle, mapped to its entry handle. Throws std::length_error when all are taken.
   MemberHandle allocMemberHandle(uint32_t actProfId);

@@ -126,8 +126,9 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   peer.attached = true;
   SCRIVEL_TRACE(0, "subscriber attached: ", peer.info.name, " continues: ", continues,
                 " sequence: ", attach->sequence);
+  if (peer.socket.send(AttachedMessage{identity_}.encode()) != Socket::Sent::all) return false;
   tellAttached();
-  return peer.socket.send(AttachedMessage{identity_}.encode()) == Socket::Sent::all;
+  return true;
 }
 
 bool Doorbell::handleReports(Peer& peer, std::string_view message) {

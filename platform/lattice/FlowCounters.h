@@ -53,6 +53,7 @@ class FlowCounterReader {
 
   // Replaces what is in *out: one count for each forwarding agent that has the name.
   virtual void counts(std::string_view name, std::vector<FlowCount>* out) = 0;
+  virtual bool empty() = 0;  // no forwarding agent has, or has left, any
 };
 
 }  // namespace Lattice

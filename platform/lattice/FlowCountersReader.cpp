@@ -120,6 +120,18 @@ class Collection {
     }
   }
 
+  bool empty() {
+    bool none = true;
+    if (!reader_) return none;
+    try {
+      reader_->snapshot()->forEach(flowCountersTable,
+                                   [&](Brine::Bytes, Brine::Bytes) { return none = false; });
+    } catch (const Brine::StoreError&) {
+      handleTrouble(Clock::now());
+    }
+    return none;
+  }
+
  private:
   void doOpen(Clock::time_point now) {
     try {
@@ -153,6 +165,10 @@ class FlowCounterReaderImpl final : public FlowCounterReader {
     out->clear();
     maybeScan();
     for (auto& [folder, collection] : collections_) collection.read(name, out);
+  }
+  bool empty() override {
+    maybeScan();
+    return std::ranges::all_of(collections_, [](auto& one) { return one.second.empty(); });
   }
 
  private:

@@ -69,23 +69,47 @@ TEST(AbsentForwarder, IsNamedAtOnceAndMakesNothingCritical) {
   EXPECT_EQ(status().find("CRITICAL"), std::string::npos);
 }
 
+bool statusSays(const Switch& tested, const std::string& text) {
+  return waitUntil(
+      [&] { return tested.agent.korvel({"status"}).output.find(text) != std::string::npos; });
+}
+bool failedEntriesBecome(const Switch& tested, const std::string& count) {
+  return statusSays(tested, "failed entries             " + count + "\n");
+}
+
+// Two forwarding agents that disagree: a Write needs both, and each is listed with its own
+// failures.
+TEST(SecondForwarder, CountsAsLongAsItIsThere) {
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  ForwarderProcess second(tested.agent.options().stateDirectory,
+                          {"--name", "second", "--fail-table", "packet_type"});
+  for (const char* time : {"first", "second"}) {
+    SCOPED_TRACE(time);
+    second.start();
+    EXPECT_TRUE(failedEntriesBecome(tested, "3"));  // its entries are constant
+    EXPECT_TRUE(statusSays(tested, "(reported by second)"));
+    EXPECT_TRUE(tested.write({insertOf(tested.route(1, 1)), insertOf(tested.route(2, 1))}).ok());
+    EXPECT_TRUE(tested.write({deleteOf(tested.route(1, 0)), deleteOf(tested.route(2, 0))}).ok());
+    EXPECT_TRUE(failedEntriesBecome(tested, "3"));
+    second.kill();
+    EXPECT_TRUE(failedEntriesBecome(tested, "0"));
+  }
+  EXPECT_TRUE(tested.insertRoutes(0, 5, 1).ok());
+  EXPECT_EQ(tested.disagreement(), "");
+}
+
 // The list of what fails went with the agent that kept it; the forwarder knows.
 TEST(FailingForwarder, IsStillHeardOfWhenTheAgentStartsAnew) {
   Switch tested({.forwarder = {"--fail-table", "packet_type"}});  // its entries are constant
   ASSERT_TRUE(tested.start());
-  const auto failedEntriesBecome = [&](const std::string& count) {
-    return waitUntil([&] {
-      return tested.agent.korvel({"status"}).output.find("failed entries             " + count) !=
-             std::string::npos;
-    });
-  };
-  EXPECT_TRUE(failedEntriesBecome("3"));
+  EXPECT_TRUE(failedEntriesBecome(tested, "3"));
   ASSERT_TRUE(tested.restartAgent());
-  EXPECT_TRUE(failedEntriesBecome("3"));
+  EXPECT_TRUE(failedEntriesBecome(tested, "3"));
   ASSERT_EQ(tested.forwarder.ctl({"clear"}).exit.code, 0);
   ASSERT_TRUE(tested.restartAgent());
   EXPECT_EQ(tested.disagreement(), "");
-  EXPECT_TRUE(failedEntriesBecome("0"));
+  EXPECT_TRUE(failedEntriesBecome(tested, "0"));
 }
 
 }  // namespace

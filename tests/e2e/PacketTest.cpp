@@ -244,6 +244,7 @@ size_t descriptorCount(pid_t pid) {
 TEST(Devices, FlapUnderTrafficWithoutLeakOrHarmToOthers) {
   PacketChecker out;
   std::atomic<uint64_t> in{0};
+  std::atomic<uint64_t> fromPort{0};  // of those that the forwarder takes from port 1's device
   Window window(packetWindow / 2);
   WiredSwitch tested(
       {.ports = 2},
@@ -251,7 +252,10 @@ TEST(Devices, FlapUnderTrafficWithoutLeakOrHarmToOthers) {
         check(out, packet, link);
         if (link == 2) window.give();
       },
-      [&](const p4::v1::PacketIn&) { ++in; });
+      [&](const p4::v1::PacketIn& packet) {
+        const auto mark = markOf(packet.payload());
+        ++(mark && mark->stream == 4 ? fromPort : in);
+      });
   ASSERT_TRUE(tested.start());
   std::atomic<bool> done{false};
   uint64_t sent = 0;
@@ -275,9 +279,11 @@ TEST(Devices, FlapUnderTrafficWithoutLeakOrHarmToOthers) {
   const auto trafficWorks = [&] {
     const uint64_t outBefore = out.count(1, 1);
     const uint64_t inBefore = in;
+    const uint64_t fromPortBefore = fromPort;
     return waitUntil([&] {
       tested.cpuFarEnd().send(punted(1, packetOf(3, 1, 0)));
-      return out.count(1, 1) > outBefore && in > inBefore;
+      tested.farEnd(1).send(packetOf(4, 1, 0));
+      return out.count(1, 1) > outBefore && in > inBefore && fromPort > fromPortBefore;
     });
   };
   for (int round = 0; round < 30; ++round) flap(round);

@@ -9,6 +9,9 @@
 extern "C" {
 #endif
 
+/* What a target says that begins no batch since nobody is there to program it. */
+#define PI_STATUS_NO_FORWARDING_AGENT ((pi_status_t)(PI_STATUS_TARGET_ERROR + 1))
+
 /* The update of a batch that the calling thread is running; each is 0 (metadata empty) outside of
  * one. */
 uint32_t pi_batch_current_offset(void); /* its position in the Write request */

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <net/if.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -226,6 +228,41 @@ TEST_F(CpuPktSmTest, AccessFollowsADeviceThatGoesDownGoesAndIsMadeAnew) {
   EXPECT_EQ(status_->noPam(), 1u);
   EXPECT_TRUE(sm_->desiredIntfDir()->entityNames().empty());
   EXPECT_TRUE(sm_->deviceIntfStatusDir()->entityNames().empty());
+}
+
+// While it lives, this process can open nothing.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &former_);
+    rlimit none = former_;
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    none.rlim_cur = static_cast<rlim_t>(lowestFree);
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &former_); }
+  NoDescriptors(const NoDescriptors&) = delete;
+  NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+  rlimit former_{};
+};
+
+TEST_F(CpuPktSmTest, DevicesThatCouldNotBeOpenedAreTriedAgain) {
+  VethPair a("a0", "a1"), cpu(controllerIntfName, "cpu1");
+  map(1, "a0");
+  {
+    const NoDescriptors none;
+    ASSERT_TRUE(
+        until([&] { return kernel_->device("a0") && kernel_->device(controllerIntfName); }));
+    EXPECT_FALSE(sm_->netdevInitialized());
+    EXPECT_FALSE(sm_->pamCollection()->pamHas("a0"));
+  }
+  const ActivityLock lock;
+  sm_->handlePeriod();
+  EXPECT_TRUE(sm_->netdevInitialized());
+  EXPECT_TRUE(sm_->pamCollection()->pamHas("a0"));
 }
 
 TEST_F(CpuPktSmTest, AThousandFlapsLeaveNothingBehind) {

@@ -1,8 +1,11 @@
 // How the forwarding agents' reports become the answer of a write batch.
+#include <unistd.h>
+
 #include <thread>
 
 #include "P4Runtime/pi/KorvelPiImpl.h"
 #include "PI/frontends/proto/device_mgr.h"
+#include "PI/pi_extensions.h"
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_pending_imp.h"
 #include "tests/P4Runtime/support/AgentTest.h"
@@ -75,7 +78,7 @@ TEST_F(BatchTest, WithoutPendingEntriesNothingIsWaitedFor) {
 TEST_F(BatchTest, IsRefusedWithoutAForwardingAgent) {
   using std::chrono::hours;
   forwarder().attachedIs(false);
-  EXPECT_EQ(_pi_batch_begin(0), PI_STATUS_TARGET_TRANSPORT_ERROR);
+  EXPECT_EQ(_pi_batch_begin(0), PI_STATUS_NO_FORWARDING_AGENT);
   EXPECT_FALSE(agent().batchStatus->inProgress());
   EXPECT_EQ(pi::fe::proto::DeviceMgr::get_operation_permission_level(), 2u);
 
@@ -95,6 +98,21 @@ TEST_F(BatchTest, IsRefusedWithoutAForwardingAgent) {
   addMany(2);
   forwarder().attachedIs(false);
   forwarder().attachedIs(true);
+  forwarder().programAll();
+  EXPECT_THAT(agent().outcome(), IsEmpty());
+}
+
+TEST_F(BatchTest, CountBelowTheBaselineIsThatOfTheReports) {
+  agent().begin();
+  for (const uint64_t handle : {900, 901}) {  // complete without the forwarding plane
+    const Vela::ActivityLock lock;
+    agent().batchStatus->completedTransactionStatusIs({handle, 0});
+  }
+  agent().add(0, routeEntry(0));
+  agent().end();
+  uint64_t taken = 0;
+  ASSERT_EQ(read(agent().batchStatus->notifyFd(), &taken, sizeof taken), ssize_t{sizeof taken});
+  EXPECT_EQ(taken, 2u);
   forwarder().programAll();
   EXPECT_THAT(agent().outcome(), IsEmpty());
 }

@@ -291,6 +291,11 @@ size_t AgentParts::recordCount() {
   return tableImpl->tableCache()->recordCount();
 }
 
+size_t AgentParts::metadataCount() {
+  const ActivityLock lock;
+  return store->count(store->table("p4runtime/cache/metadata"));
+}
+
 uint64_t AgentParts::handleOf(const Entry& entry) {
   const ActivityLock lock;
   return handles->matchKeyToEntryHandle(entry.table, entry.key, entry.priority);

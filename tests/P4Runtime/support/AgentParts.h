@@ -102,6 +102,7 @@ class AgentParts {
   size_t rowCount(uint32_t table);
   std::optional<P4Runtime::TableCacheEntry> record(uint32_t table, uint64_t handle);
   size_t recordCount();
+  size_t metadataCount();  // entries, members and groups whose metadata are kept
   uint64_t handleOf(const Entry& entry);
   uint64_t lastSequence();
 

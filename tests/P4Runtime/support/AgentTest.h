@@ -43,6 +43,7 @@ class AgentTest : public testing::Test {
   void expectEmpty(uint32_t table) {
     EXPECT_EQ(agent().rowCount(table), 0u);
     EXPECT_EQ(agent().recordCount(), 0u);
+    EXPECT_EQ(agent().metadataCount(), 0u);
     EXPECT_EQ(agent().handles->entryHandleCount({P4Runtime::tableResource, table}), 0u);
     EXPECT_EQ(agent().tableImpl->numPendingEntries(), 0u);
   }

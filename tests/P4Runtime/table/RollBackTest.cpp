@@ -50,6 +50,7 @@ TEST_F(RollBackTest, FailedAddLeavesNothing) {
   ASSERT_THAT(left, ElementsAre(FailedWith(0, 8)));
   EXPECT_EQ(left[0].second.message(), "no room in the chip");
   EXPECT_EQ(agent().handleOf(old_), 0u);
+  EXPECT_EQ(agent().metadataCount(), 0u);
   EXPECT_EQ(agent().recordCount(), 1u);
   EXPECT_EQ(agent().rowCount(exactTable), 1u);
   ASSERT_EQ(forwarder().pending(), 1u) << "the undoing is a change of its own";
@@ -207,8 +208,10 @@ TEST_F(RollBackTest, FailureThatNoBatchWaitsForIsKeptUntilMended) {
   forwarder().report({"exact", "", "", false, handle, agent().lastSequence()},
                      ErrorCode::hardwareError);
   EXPECT_EQ(failures.failedEntries(), 1u);
+  EXPECT_EQ(agent().metadataCount(), 1u);
   agent().deleted(changed_);
   EXPECT_EQ(failures.failedEntries(), 0u);
+  EXPECT_EQ(agent().metadataCount(), 0u);
 }
 
 // The entry has no handle any more, but the forwarding plane still has something of it.

@@ -136,7 +136,7 @@ TEST_F(WriteTest, TimeoutIsDeadlineExceededAndStopsTheRestOfACriticalSwitch) {
 }
 
 TEST_F(WriteTest, WithoutAForwardingAgentIsUnavailableAsFarAsNothingHasBeenRun) {
-  target.batchStatusIs(PI_STATUS_TARGET_TRANSPORT_ERROR);
+  target.batchStatusIs(PI_STATUS_NO_FORWARDING_AGENT);
   const Status status = written({remove(9), insert(1), insert(2)});
   EXPECT_EQ(status.code(), code::unavailable);
   EXPECT_THAT(status.message(), HasSubstr("no forwarding agent is attached"));
@@ -147,7 +147,7 @@ TEST_F(WriteTest, WithoutAForwardingAgentIsUnavailableAsFarAsNothingHasBeenRun) 
   Status later;
   std::thread writer([&] { later = written({insert(1), modify(1, 2), insert(2)}); });
   target.awaitHeldBatch();
-  target.batchStatusIs(PI_STATUS_TARGET_TRANSPORT_ERROR);
+  target.batchStatusIs(PI_STATUS_NO_FORWARDING_AGENT);
   target.batchesAreReleased();
   writer.join();
   EXPECT_THAT(test::codesOf(later), ElementsAre(code::ok, code::unavailable, code::ok));

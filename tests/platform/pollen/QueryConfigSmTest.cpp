@@ -145,6 +145,15 @@ TEST_F(QueryConfigSmTest, ConflictsAndBadRowsAreNamedUntilTheyAreGone) {
   EXPECT_EQ(portIs(2, 5),
             "1 keys have several rows, such as out vrf=0x0005: speed=0x0000000000000001 (this one "
             "stands) and speed=0x0000000000000002");
+  // What a full state directory takes back is no conflict, nor the end of one.
+  const std::string conflict = tables.status("out").trouble();
+  tables.store.failing = true;
+  EXPECT_EQ(portIs(1, 5, true), conflict);
+  EXPECT_EQ(portIs(7, 6), conflict);
+  EXPECT_EQ(portIs(8, 5), conflict);
+  tables.store.failing = false;
+  EXPECT_EQ(portIs(9, 6), conflict) << "nothing is left of the row that could not be stored";
+  EXPECT_EQ(portIs(9, 6, true), conflict);
   EXPECT_EQ(portIs(1, 5, true), "");
   EXPECT_EQ(tables.rows("out").begin()->second[0], 2);
   EXPECT_EQ(portIs(3, 70000),

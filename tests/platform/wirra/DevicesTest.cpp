@@ -135,6 +135,9 @@ TEST_F(DevicesTest, InterfacesFollowDevicesAndTheirConfiguration) {
   ip("link add bridge type bridge");
   const auto status = [&] { return static_cast<IntfStatus*>(dirs.all->entity("late").get()); };
   until([&] { return status() && status()->adminUp() && status()->mtu() == 2000; });
+  EXPECT_FALSE(status()->operUp()) << "its other end is down";
+  ip("link set latePeer up");
+  until([&] { return status()->operUp(); });
   until([&] { return dirs.local->entityNames().size() == 4; });
   EXPECT_THAT(dirs.ethPhy->entityNames(), ElementsAre("early", "late", "latePeer"));
   EXPECT_EQ(status()->mac(), devices->device("late")->mac());
@@ -152,6 +155,8 @@ TEST_F(DevicesTest, InterfacesFollowDevicesAndTheirConfiguration) {
   EXPECT_FALSE(status()->adminUp());
   ip("link del late");
   until([&] { return dirs.all->entityNames() == std::vector<std::string>{"bridge", "early"}; });
+  EXPECT_THAT(dirs.local->entityNames(), ElementsAre("bridge", "early"));
+  EXPECT_THAT(dirs.ethPhy->entityNames(), ElementsAre("early"));
 
   for (const std::string name : {"", "a/b", "a b", "0123456789abcdef"}) {
     EXPECT_THROW(dirs.ethPhyConfig->entityMade(name), Vela::BadValue) << name;
