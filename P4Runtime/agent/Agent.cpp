@@ -150,8 +150,8 @@ void Agent::handleAgentLeft(const Lattice::SubscriberInfo& agent) {
                 " failures: ", failures);
   if (failures == 0) return;
   fmt::print(stderr,
-             "korvel: forwarding agent {} has left; what it failed to program is listed again once "
-             "it is back (failures: {})\n",
+             "korvel: forwarding agent {} has left, and its {} failures leave the list; it reports "
+             "them again when it is back\n",
              agent.name, failures);
 }
 

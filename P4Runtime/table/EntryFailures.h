@@ -47,7 +47,7 @@ class EntryFailures : public Vela::Entity {
     uint64_t sequence = 0;
   };
   void undoneIs(EntryHandle handle, std::string text, uint64_t sequence);
-  const Undone* undone(EntryHandle handle) const;  // null: it is none
+  const Undone* undone(EntryHandle handle) const;  // null: was not taken back
   // All forwarding agents have programmed the change `sequence` of the handle.
   void removedIs(EntryHandle handle, uint64_t sequence);
   // Whether the removal of any has failed. Once an entry of the same text is programmed, nothing is

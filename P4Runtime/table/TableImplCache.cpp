@@ -29,8 +29,8 @@ Scrivel::TraceHandle trace("TableImpl");
 constexpr const char* cachePath = "p4runtime/cache/";
 constexpr const char* reservedHandlesTable = "p4runtime/handles";
 
-// A store that was made anew knows nothing of the handles of the one before, of which forwarding
-// agents may have left counts. More of them than one a microsecond were never given out.
+// A new store knows nothing of the handles of its predecessor, under which forwarding agents may
+// have left counts. More of them than one a microsecond were never given out.
 EntryHandle handlesOfFormerStores() {
   const auto context = ThePiContext();
   const auto hwStatus = context ? context->hwStatusDir() : nullptr;
