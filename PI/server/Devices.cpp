@@ -7,11 +7,6 @@ namespace pi::server {
 Devices::DeviceMgr::Status Devices::pipelineIs(
     const p4::v1::SetForwardingPipelineConfigRequest& request) {
   DeviceMgr::Status status;
-  if (request.device_id() == 0) {
-    status.set_code(grpc::StatusCode::NOT_FOUND);
-    status.set_message("the pipeline is for device 0, which is none; name another device id in it");
-    return status;
-  }
   const std::lock_guard installing(installing_);
   std::shared_ptr<DeviceMgr> target = device(request.device_id());
   if (!target) {
@@ -34,12 +29,10 @@ void Devices::pipelineDelAll() {
 
 grpc::Status Devices::requireKnown(uint64_t deviceId) const {
   const std::lock_guard lock(mutex_);
-  if (deviceId != 0 && (devices_.empty() || devices_.count(deviceId))) return grpc::Status::OK;
-  std::string hint = "use the device id that the switch is configured with";
-  if (!devices_.empty())
-    hint = "this switch serves device " + std::to_string(devices_.begin()->first);
+  if (devices_.empty() || devices_.count(deviceId)) return grpc::Status::OK;
   return grpc::Status(grpc::StatusCode::NOT_FOUND,
-                      "unknown device " + std::to_string(deviceId) + "; " + hint);
+                      "unknown device " + std::to_string(deviceId) + "; this switch serves device " +
+                          std::to_string(devices_.begin()->first));
 }
 
 std::shared_ptr<Devices::DeviceMgr> Devices::device(uint64_t deviceId) const {

@@ -1,5 +1,5 @@
 // The devices that the server serves. A device is there once its pipeline has been installed; as
-// long as none is, any device id but 0 passes for one that is still to come.
+// long as none is, any device id passes for one that is still to come.
 // Thread-safe; holds its locks only while it looks.
 #pragma once
 
@@ -26,13 +26,13 @@ class Devices {
   explicit Devices(Receiver receiver) : receiver_(std::move(receiver)) {}
 
   // Installs the pipeline on a device, a new one if need be; waits for another installation.
-  // NOT_FOUND for device 0. A status other than OK leaves the devices as they were.
+  // A status other than OK leaves the devices as they were.
   DeviceMgr::Status pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request);
 
   // Lets all of them go; returns once that is done if no call is running.
   void pipelineDelAll();
 
-  // NOT_FOUND for 0, and for an id that is none of the devices when there are any.
+  // NOT_FOUND for an id that is none of the devices when there are any.
   grpc::Status requireKnown(uint64_t deviceId) const;
   std::shared_ptr<DeviceMgr> device(uint64_t deviceId) const;  // null when not (yet) there
   std::optional<uint64_t> onlyDevice() const;  // its id, when there is one and no other

@@ -194,7 +194,7 @@ Status P4RuntimeService::streamChannel(
 
 Status P4RuntimeService::capabilities(const p4::v1::CapabilitiesRequest& request,
                                       p4::v1::CapabilitiesResponse* response) {
-  if (request.device_id() != 0) {
+  if (request.device_id() != 0) {  // 0 is also what a client sends that names no device
     const Status known = devices_.requireKnown(request.device_id());
     if (!known.ok()) return known;
   }

@@ -13,6 +13,7 @@ class IpAddress {
  public:
   IpAddress() = default;  // 0.0.0.0
   static std::optional<IpAddress> fromText(std::string_view text);
+  static IpAddress loopback() { return *fromText("127.0.0.1"); }
 
   const std::string& text() const { return text_; }
   bool isIpv6() const { return text_.find(':') != std::string::npos; }

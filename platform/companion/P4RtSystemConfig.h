@@ -20,7 +20,10 @@ class P4RtSystemConfig : public Vela::Entity {
   VELA_ATTRIBUTE(bool, enabled, true)
   VELA_ATTRIBUTE(uint32_t, deviceId, 0)
   VELA_ATTRIBUTE(std::string, forwardingPipelineConfigFilePath, "")
-  VELA_ATTRIBUTE(P4Runtime::IpAddress, grpcServerAddress, )
+  // Other machines reach the server only where this is set: calls are neither encrypted nor
+  // authenticated.
+  VELA_ATTRIBUTE(P4Runtime::IpAddress, grpcServerAddress,
+                 P4Runtime::IpAddress::loopback())
   VELA_ATTRIBUTE(uint16_t, grpcServerPort, 9559)
 };
 

@@ -76,6 +76,8 @@ TEST_F(ServerInitTest, AddressIsThatOfTheConfiguration) {
     EXPECT_EQ(server_->serverAddressPortStr(), c.text);
   }
   const Vela::ActivityLock lock;
+  server_->p4RtSystemConfigIs(Vela::make<P4RuntimeConfig::P4RtSystemConfig>("system"));
+  EXPECT_EQ(server_->serverAddressPortStr(), "127.0.0.1:9559");
   server_->p4RtSystemConfigIs(nullptr);
   EXPECT_EQ(server_->serverAddressPortStr(), "0.0.0.0:0");
   EXPECT_EQ(server_->deviceId(), 0u);

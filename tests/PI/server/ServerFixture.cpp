@@ -50,7 +50,9 @@ uint64_t nextDeviceId() {
 
 }  // namespace
 
-ServerTest::ServerTest() : deviceId_(nextDeviceId()) {
+ServerTest::ServerTest() : ServerTest(nextDeviceId()) {}
+
+ServerTest::ServerTest(uint64_t deviceId) : deviceId_(deviceId) {
   TheFakeDevice() = {};
   start();
 }

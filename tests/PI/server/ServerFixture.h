@@ -43,6 +43,7 @@ class Controller {
 class ServerTest : public testing::Test {
  protected:
   ServerTest();
+  explicit ServerTest(uint64_t deviceId);
   ~ServerTest() override;
 
   void start();

@@ -53,7 +53,21 @@ TEST_F(ServerTest, NoticesNameTheRoleAsTheClientGaveIt) {
 #pragma GCC diagnostic pop
 }
 
+class DeviceZeroTest : public ServerTest {
+ protected:
+  DeviceZeroTest() : ServerTest(0) {}
+};
+
+TEST_F(DeviceZeroTest, IsADeviceLikeAnyOther) {
+  const auto primary = served(10);
+  EXPECT_TRUE(write(10).ok());
+  Controller other(*stub_, 1);
+  other.sendArbitration(11);
+  EXPECT_EQ(other.ended().error_code(), StatusCode::NOT_FOUND);
+}
+
 TEST_F(ServerTest, BadArbitrationEndsTheStream) {
+  ASSERT_TRUE(push().ok());
   Controller holder(*stub_, deviceId_);
   ASSERT_EQ(holder.arbitrate(10), StatusCode::OK);
   const struct {
