@@ -43,8 +43,8 @@ DeviceMgr::Status DeviceMgr::pipeline_config_get(
 
 bool DeviceMgr::has_pipeline() const { return imp_->hasPipeline(); }
 
-DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request) {
-  return imp_->write(request);
+DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request, const Admit& admit) {
+  return imp_->write(request, admit);
 }
 
 DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request,

@@ -111,13 +111,16 @@ TargetSession DeviceMgrImp::session(const Pipeline& pipeline) const {
   return {deviceId_, sessionHandle_, pipeline.p4info()};
 }
 
-DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request) {
-  return answered([&] {
+DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
+                                         const DeviceMgr::Admit& admit) {
+  return answered([&]() -> Status {
     requireWritePermission();
     awaitedPipeline();
     requireAtomicity(request);
     requireSize(request.updates_size(), "updates");
     const std::lock_guard writing(writeMutex_);
+    const Status admitted = admit ? admit() : Status();
+    if (admitted.code() != 0) return admitted;
     requireWritePermission();  // the Write before this one may have brought the critical state
     if (restoringPipeline() != nullptr) {
       refuse(code::unavailable, "device ", deviceId_, " is getting a new pipeline; try again");

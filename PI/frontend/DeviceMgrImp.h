@@ -35,7 +35,7 @@ class DeviceMgrImp {
                         Config* config) const;
   bool hasPipeline() const { return pipeline() != nullptr; }
 
-  Status write(const p4::v1::WriteRequest& request);
+  Status write(const p4::v1::WriteRequest& request, const DeviceMgr::Admit& admit = nullptr);
   Status read(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink) const;
   Status streamMessage(const p4::v1::StreamMessageRequest& request) const;
   void streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie);

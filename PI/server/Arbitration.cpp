@@ -1,6 +1,7 @@
 #include "PI/server/Arbitration.h"
 
 #include <utility>
+#include <vector>
 
 namespace pi::server {
 
@@ -14,8 +15,16 @@ std::string text(const ElectionId& id) {
   return "{high: " + std::to_string(id.high) + ", low: " + std::to_string(id.low) + "}";
 }
 
+// Names are cut to a length that fits into a status message, between two characters.
+std::string shortened(const std::string& name) {
+  size_t size = 64;
+  if (name.size() <= size) return name;
+  while (size > 0 && (static_cast<unsigned char>(name[size]) & 0xc0) == 0x80) --size;
+  return name.substr(0, size) + "...";
+}
+
 std::string text(const RoleOfDevice& role) {
-  return "role '" + role.role + "' on device " + std::to_string(role.deviceId);
+  return "role '" + shortened(role.role) + "' on device " + std::to_string(role.deviceId);
 }
 
 std::string text(const std::optional<ElectionId>& id) {
@@ -26,6 +35,18 @@ Status notPrimary(const RoleOfDevice& role, const std::optional<ElectionId>& ele
                   const std::string& situation) {
   return Status(StatusCode::PERMISSION_DENIED,
                 "not primary: " + text(electionId) + " of " + text(role) + "; " + situation);
+}
+
+Status requireNameLength(const RoleOfDevice& role) {
+  if (role.role.size() <= Arbitration::kMaxRoleBytes) return Status::OK;
+  return Status(StatusCode::INVALID_ARGUMENT,
+                "the name of " + text(role) + " has " + std::to_string(role.role.size()) +
+                    " bytes; use at most " + std::to_string(Arbitration::kMaxRoleBytes));
+}
+
+Status unknown(const RoleOfDevice& role) {
+  return Status(StatusCode::NOT_FOUND,
+                "unknown " + text(role) + "; name it in an arbitration update first");
 }
 
 }  // namespace
@@ -43,54 +64,195 @@ Arbitration::WritePermit::~WritePermit() {
   if (arbitration_) arbitration_->writeDone(*contest_);
 }
 
+void Arbitration::limitsAre(const Limits& limits) {
+  const std::lock_guard lock(mutex_);
+  limits_ = limits;
+}
+
+void Arbitration::highestIs(const RoleOfDevice& role, ElectionId highest) {
+  const std::lock_guard lock(mutex_);
+  const auto [place, added] = contests_.try_emplace(role);
+  place->second.highest = highest;
+  place->second.hasWritten = true;
+  if (added && role.role.empty()) ++defaultRoles_;
+}
+
 Status Arbitration::clientIs(ArbitrationClient& client, const RoleOfDevice& role,
                              std::optional<ElectionId> electionId) {
-  const std::lock_guard lock(mutex_);
-  Contests::iterator place;
-  const Status admitted = contestFor(client, role, &place);
-  if (!admitted.ok()) return admitted;
-  Contest& contest = place->second;
-  for (const auto& [other, held] : contest.clients) {
+  const std::lock_guard keeping(keeping_);
+  bool rises = false;
+  {
+    const std::lock_guard lock(mutex_);
+    const Status admitted = admission(client, role, electionId);
+    if (!admitted.ok()) return admitted;
+    rises = raises(role, electionId);
+  }
+  // Meanwhile clients may go, but none comes: what was found admissible still is.
+  if (rises && keeper_.save) keeper_.save(role, *electionId);
+  Forgotten forgotten;
+  {
+    const std::lock_guard lock(mutex_);
+    enter(client, role, electionId, &forgotten);
+  }
+  if (forgotten && keeper_.forget) keeper_.forget(*forgotten);
+  return Status::OK;
+}
+
+size_t Arbitration::forgetHighest() {
+  const std::lock_guard keeping(keeping_);
+  std::vector<RoleOfDevice> forgotten;
+  {
+    const std::lock_guard lock(mutex_);
+    for (auto& [role, contest] : contests_) {
+      if (contest.primary || !contest.highest || contest.runningWrites > 0) continue;
+      contest.highest.reset();
+      contest.hasWritten = false;
+      forgotten.push_back(role);
+    }
+  }
+  for (const RoleOfDevice& role : forgotten) {
+    if (keeper_.forget) keeper_.forget(role);
+  }
+  return forgotten.size();
+}
+
+bool Arbitration::raises(const RoleOfDevice& role,
+                         const std::optional<ElectionId>& electionId) const {
+  const auto found = contests_.find(role);
+  return electionId && (found == contests_.end() || found->second.highest < electionId);
+}
+
+Status Arbitration::admission(const ArbitrationClient& client, const RoleOfDevice& role,
+                              const std::optional<ElectionId>& electionId) {
+  const auto known = contestOf_.find(&client);
+  if (known != contestOf_.end() && known->second->first != role) {
+    return Status(StatusCode::FAILED_PRECONDITION, "this stream is for " +
+                                                       text(known->second->first) +
+                                                       "; open another one for " + text(role));
+  }
+  const Status named = requireNameLength(role);
+  if (!named.ok()) return named;
+  const auto place = contests_.find(role);
+  if (place == contests_.end()) {
+    const Status room = roomForRole(role);
+    return room.ok() ? roomForClient(nullptr, role, electionId) : room;
+  }
+  for (const auto& [other, held] : place->second.clients) {
     if (other == &client || !electionId || held != electionId) continue;
     return Status(StatusCode::INVALID_ARGUMENT,
                   text(electionId) + " of " + text(role) +
                       " is held by another client; choose another election id");
   }
+  if (known != contestOf_.end()) return Status::OK;
+  return roomForClient(&place->second, role, electionId);
+}
+
+Status Arbitration::roomForRole(const RoleOfDevice& role) {
+  const bool isDefault = role.role.empty();
+  const size_t limit = isDefault ? kDevices : limits_.roles;
+  const size_t used = isDefault ? defaultRoles_ : contests_.size() - defaultRoles_;
+  if (used < limit || leastRecent(isDefault) != contests_.end()) return Status::OK;
+  return Status(StatusCode::RESOURCE_EXHAUSTED,
+                "no room for " + text(role) + ": " + std::to_string(limit) + " " +
+                    (isDefault ? "devices" : "roles") + " are in use; use one of them");
+}
+
+Status Arbitration::roomForClient(const Contest* contest, const RoleOfDevice& role,
+                                  const std::optional<ElectionId>& electionId) {
+  if (contest && contest->clients.size() >= limits_.clientsOfRole) {
+    ArbitrationClient* const lowest = lowestBackup(*contest);
+    if (lowest && contest->clients.at(lowest) < electionId) return Status::OK;
+    return Status(StatusCode::RESOURCE_EXHAUSTED,
+                  text(role) + " has " + std::to_string(limits_.clientsOfRole) +
+                      " streams, which is the limit; close one, or come with a higher election id "
+                      "than one of them");
+  }
+  if (contestOf_.size() < limits_.clients) return Status::OK;
+  const bool becomesPrimary = electionId && (!contest || contest->highest <= electionId);
+  const bool isFirstOfDefault = role.role.empty() && (!contest || contest->clients.empty());
+  if (becomesPrimary && (fullest() || isFirstOfDefault)) return Status::OK;
+  return Status(StatusCode::RESOURCE_EXHAUSTED,
+                "the server has " + std::to_string(limits_.clients) +
+                    " controllers' streams, which is the limit; close one first");
+}
+
+// Of those in which nobody is, the one that was left first; of the default ones only those of
+// devices that never took a Write.
+Arbitration::Contests::iterator Arbitration::leastRecent(bool ofDefaultRoles) {
+  auto found = contests_.end();
+  for (auto one = contests_.begin(); one != contests_.end(); ++one) {
+    const Contest& contest = one->second;
+    if (one->first.role.empty() != ofDefaultRoles) continue;
+    if (ofDefaultRoles && contest.hasWritten) continue;
+    if (!contest.clients.empty() || contest.runningWrites > 0) continue;
+    if (found == contests_.end() || contest.leftAt < found->second.leftAt) found = one;
+  }
+  return found;
+}
+
+// The one with the most clients among those that have a backup; null: there is no backup.
+Arbitration::Contest* Arbitration::fullest() {
+  Contest* found = nullptr;
+  for (auto& [role, contest] : contests_) {
+    if (!lowestBackup(contest)) continue;
+    if (!found || contest.clients.size() > found->clients.size()) found = &contest;
+  }
+  return found;
+}
+
+ArbitrationClient* Arbitration::lowestBackup(const Contest& contest) {
+  const std::pair<ArbitrationClient* const, std::optional<ElectionId>>* lowest = nullptr;
+  for (const auto& one : contest.clients) {
+    if (one.first == contest.primary) continue;
+    if (!lowest || one.second < lowest->second) lowest = &one;
+  }
+  return lowest ? lowest->first : nullptr;
+}
+
+void Arbitration::makeRoom(const RoleOfDevice& role, Forgotten* forgotten) {
+  const bool isDefault = role.role.empty();
+  const size_t used = isDefault ? defaultRoles_ : contests_.size() - defaultRoles_;
+  if (used < (isDefault ? kDevices : limits_.roles)) return;
+  const auto gone = leastRecent(isDefault);
+  if (gone == contests_.end()) return;
+  *forgotten = gone->first;
+  contests_.erase(gone);
+  if (isDefault) --defaultRoles_;
+}
+
+void Arbitration::displace(Contest& contest, const std::string& reason) {
+  ArbitrationClient* const lowest = lowestBackup(contest);
+  if (!lowest) return;
+  contest.clients.erase(lowest);
+  contestOf_.erase(lowest);
+  lowest->displaced(reason);
+}
+
+// The client has been admitted.
+void Arbitration::enter(ArbitrationClient& client, const RoleOfDevice& role,
+                        const std::optional<ElectionId>& electionId, Forgotten* forgotten) {
+  auto place = contests_.find(role);
+  if (place == contests_.end()) {
+    makeRoom(role, forgotten);
+    place = contests_.try_emplace(role).first;
+    if (role.role.empty()) ++defaultRoles_;
+  }
+  Contest& contest = place->second;
+  if (!contestOf_.count(&client)) {
+    const std::string reason = "the limit of streams is reached, and a client of " + text(role) +
+                               " with " + text(electionId) + " took the place of this one";
+    if (contest.clients.size() >= limits_.clientsOfRole) displace(contest, reason);
+    if (contestOf_.size() >= limits_.clients) {
+      if (Contest* const full = fullest()) displace(*full, reason);
+    }
+  }
   contestOf_[&client] = place;
   contest.clients[&client] = electionId;
-  if (electionId && (!contest.highest || *electionId >= *contest.highest)) {
+  if (electionId && contest.highest <= electionId) {
     elect(contest, client, *electionId);
   } else {
     backUp(contest, client);
   }
-  return Status::OK;
-}
-
-// Where the client is, or where it may come in.
-Status Arbitration::contestFor(const ArbitrationClient& client, const RoleOfDevice& role,
-                               Contests::iterator* contest) {
-  const auto known = contestOf_.find(&client);
-  if (known != contestOf_.end()) {
-    *contest = known->second;
-    if ((*contest)->first == role) return Status::OK;
-    return Status(StatusCode::FAILED_PRECONDITION, "this stream is for " + text((*contest)->first) +
-                                                       "; open another one for " + text(role));
-  }
-  *contest = contests_.find(role);
-  if (*contest == contests_.end()) {
-    if (contests_.size() >= limits_.roles) {
-      return Status(StatusCode::RESOURCE_EXHAUSTED, "no room for " + text(role) + ": " +
-                                                        std::to_string(limits_.roles) +
-                                                        " roles are in use; use one of them");
-    }
-    *contest = contests_.try_emplace(role).first;
-  }
-  if ((*contest)->second.clients.size() >= limits_.clientsOfRole) {
-    return Status(StatusCode::RESOURCE_EXHAUSTED,
-                  text(role) + " has " + std::to_string(limits_.clientsOfRole) +
-                      " streams, which is the limit; close one first");
-  }
-  return Status::OK;
 }
 
 // The new primary hears of it last, once nobody else's Write can still take effect.
@@ -120,8 +282,12 @@ void Arbitration::clientDel(ArbitrationClient& client) {
   contestOf_.erase(known);
   contest.clients.erase(&client);
   if (contest.primary == &client) dethrone(contest);
+  contest.leftAt = ++leaves_;
   // A role that nobody ever was primary of leaves nothing to remember.
-  if (contest.clients.empty() && !contest.highest) contests_.erase(role);
+  if (contest.clients.empty() && !contest.highest) {
+    if (role->first.role.empty()) --defaultRoles_;
+    contests_.erase(role);
+  }
 }
 
 void Arbitration::dethrone(Contest& contest) {
@@ -152,19 +318,19 @@ void Arbitration::notify(const Contest& contest, ArbitrationClient& client) {
 }
 
 Status Arbitration::requireRole(const RoleOfDevice& role) const {
+  const Status named = requireNameLength(role);
+  if (!named.ok()) return named;
   const std::lock_guard lock(mutex_);
-  if (role.role.empty() || contests_.count(role)) return Status::OK;
-  return Status(StatusCode::NOT_FOUND,
-                "unknown " + text(role) + "; name it in an arbitration update first");
+  return role.role.empty() || contests_.count(role) ? Status::OK : unknown(role);
 }
 
 Status Arbitration::permission(const RoleOfDevice& role,
                                const std::optional<ElectionId>& electionId, Contest** contest) {
+  const Status named = requireNameLength(role);
+  if (!named.ok()) return named;
   const auto found = contests_.find(role);
   if (found == contests_.end()) {
-    if (role.role.empty()) return notPrimary(role, electionId, "there is no primary");
-    return Status(StatusCode::NOT_FOUND,
-                  "unknown " + text(role) + "; name it in an arbitration update first");
+    return role.role.empty() ? notPrimary(role, electionId, "there is no primary") : unknown(role);
   }
   Contest& here = found->second;
   if (!here.primary) {
@@ -199,9 +365,18 @@ Status Arbitration::writePermit(const RoleOfDevice& role, std::optional<Election
     const Status status = permission(role, electionId, &contest);
     if (!status.ok()) return status;
     ++contest->runningWrites;
+    contest->hasWritten = true;
     former = std::exchange(*permit, WritePermit(this, contest));
   }
   return Status::OK;
+}
+
+Status Arbitration::requireHighest(const RoleOfDevice& role,
+                                   std::optional<ElectionId> electionId) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = contests_.find(role);
+  if (found != contests_.end() && found->second.highest == electionId) return Status::OK;
+  return notPrimary(role, electionId, "a higher election id came while this Write waited");
 }
 
 void Arbitration::writeDone(Contest& contest) {

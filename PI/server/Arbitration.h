@@ -41,17 +41,32 @@ class ArbitrationClient {
   // Called with the arbitration's lock held, in the order of events: must neither block nor call
   // the arbitration.
   virtual void arbitrationNoticeIs(const ArbitrationNotice& notice) = 0;
+  // Another client took its place, and it is none any more; its stream is to end. As above.
+  virtual void displaced(const std::string& reason) = 0;
 };
 
-// Thread-safe; no call waits for anything but other calls' look-ups.
+// Where the highest election ids outlive the process. Called from the threads of streams, one call
+// at a time, with no lock held that other calls of the arbitration need; may wait.
+struct ElectionIdKeeper {
+  std::function<void(const RoleOfDevice&, ElectionId)> save;  // before the client is primary
+  std::function<void(const RoleOfDevice&)> forget;
+};
+
+// Thread-safe. Only clientIs() waits, for the keeper; other calls wait for look-ups at most.
 class Arbitration {
   struct Contest;
 
  public:
   struct Limits {
     size_t clientsOfRole = 256;
+    size_t clients = 512;
+    // Named roles that are remembered; the one that was left first makes room for another.
     size_t roles = 1024;
   };
+  // The default role has room of its own, for so many devices. It is forgotten only on a device
+  // that never took a Write of it.
+  static constexpr size_t kDevices = 64;
+  static constexpr size_t kMaxRoleBytes = 256;
 
   // The right to run one Write. While any is held, a newly elected primary of the role is not
   // installed and nobody's Writes are taken.
@@ -75,10 +90,21 @@ class Arbitration {
   Arbitration(const Arbitration&) = delete;
   Arbitration& operator=(const Arbitration&) = delete;
 
+  // What stands beyond new limits stays.
+  void limitsAre(const Limits& limits);
+  // Before the first client comes; a role's highest id, as an earlier process kept it.
+  void keeperIs(ElectionIdKeeper keeper) { keeper_ = std::move(keeper); }
+  void highestIs(const RoleOfDevice& role, ElectionId highest);
+  // Forgets the highest ids of roles without a primary, so that any id makes one again; returns of
+  // how many. Waits like clientIs().
+  size_t forgetHighest();
+
   // A stream's arbitration update: its first one makes it a client of the role, borrowed until
   // clientDel(). A status other than OK ends the stream: INVALID_ARGUMENT when another client holds
-  // the election id, RESOURCE_EXHAUSTED beyond a limit, FAILED_PRECONDITION when device or role are
-  // not those of its first update; the caller then calls clientDel().
+  // the election id or the role's name is too long, RESOURCE_EXHAUSTED beyond a limit,
+  // FAILED_PRECONDITION when device or role are not those of its first update; the caller then
+  // calls clientDel(). Beyond the limits of clients the lowest backup gives way: that of the role
+  // to a higher election id, one of the fullest role to a new primary.
   grpc::Status clientIs(ArbitrationClient& client, const RoleOfDevice& role,
                         std::optional<ElectionId> electionId);
   // The stream has ended. Without effect for one that never became a client. The client gets no
@@ -91,6 +117,9 @@ class Arbitration {
   // The same, and on OK a permit.
   grpc::Status writePermit(const RoleOfDevice& role, std::optional<ElectionId> electionId,
                            WritePermit* permit);
+  // For a Write that has its permit and waited: PERMISSION_DENIED when a higher election id has
+  // come meanwhile, else OK.
+  grpc::Status requireHighest(const RoleOfDevice& role, std::optional<ElectionId> electionId) const;
   // The default role always exists.
   grpc::Status requireRole(const RoleOfDevice& role) const;
 
@@ -107,13 +136,27 @@ class Arbitration {
     ArbitrationClient* primary = nullptr;  // its election id is `highest`
     bool installed = false;                // the primary's Writes are taken
     bool told = false;                     // the primary has been told so
+    bool hasWritten = false;               // or was kept by an earlier process
     size_t runningWrites = 0;
+    uint64_t leftAt = 0;  // when its last client went, by leaves_
   };
 
   using Contests = std::map<RoleOfDevice, Contest>;
+  using Forgotten = std::optional<RoleOfDevice>;
 
-  grpc::Status contestFor(const ArbitrationClient& client, const RoleOfDevice& role,
-                          Contests::iterator* contest);
+  bool raises(const RoleOfDevice& role, const std::optional<ElectionId>& electionId) const;
+  grpc::Status admission(const ArbitrationClient& client, const RoleOfDevice& role,
+                         const std::optional<ElectionId>& electionId);
+  grpc::Status roomForRole(const RoleOfDevice& role);
+  grpc::Status roomForClient(const Contest* contest, const RoleOfDevice& role,
+                             const std::optional<ElectionId>& electionId);
+  Contests::iterator leastRecent(bool ofDefaultRoles);
+  Contest* fullest();
+  static ArbitrationClient* lowestBackup(const Contest& contest);
+  void makeRoom(const RoleOfDevice& role, Forgotten* forgotten);
+  void displace(Contest& contest, const std::string& reason);
+  void enter(ArbitrationClient& client, const RoleOfDevice& role,
+             const std::optional<ElectionId>& electionId, Forgotten* forgotten);
   void elect(Contest& contest, ArbitrationClient& client, ElectionId electionId);
   void backUp(Contest& contest, ArbitrationClient& client);
   static void dethrone(Contest& contest);
@@ -124,10 +167,14 @@ class Arbitration {
                           Contest** contest);
   void writeDone(Contest& contest);
 
-  const Limits limits_;
+  ElectionIdKeeper keeper_;
+  // Held around clientIs(), before mutex_: ids are kept in the order in which they rise.
+  std::mutex keeping_;
   mutable std::mutex mutex_;
-  // A contest that has seen an election id stays as long as this object.
-  Contests contests_;
+  Limits limits_;
+  Contests contests_;  // those with clients, and those whose highest id is remembered
+  size_t defaultRoles_ = 0;
+  uint64_t leaves_ = 0;
   std::unordered_map<const ArbitrationClient*, Contests::iterator> contestOf_;
 };
 

@@ -1,9 +1,9 @@
-// A request that gRPC parses onto an arena of its own: a Write of 100 updates is some two thousand
+// A request parsed onto an arena of its own: a Write of 100 updates is some two thousand
 // small objects, which are then allocated and let go as a few blocks.
 #pragma once
 
 #include <google/protobuf/arena.h>
-#include <grpcpp/impl/codegen/proto_utils.h>
+#include <grpcpp/support/byte_buffer.h>
 #include <grpcpp/support/proto_buffer_reader.h>
 
 #include <algorithm>
@@ -16,7 +16,15 @@ class ArenaRequest {
  public:
   const Message& message() const { return *message_; }
 
-  // The message to parse `size` bytes into; lasts as long as this object.
+  // False when the bytes are no such message. Once; the message lasts as long as this object.
+  bool parse(grpc::ByteBuffer* bytes, size_t size) {
+    Message* const message = messageOfSize(size);
+    if (size == 0) return true;
+    grpc::ProtoBufferReader reader(bytes);
+    return reader.status().ok() && message->ParseFromZeroCopyStream(&reader);
+  }
+
+ private:
   Message* messageOfSize(size_t size) {
     google::protobuf::ArenaOptions options;
     options.start_block_size = std::clamp(size * kGrowth, kMinBlock, kMaxBlock);
@@ -26,7 +34,6 @@ class ArenaRequest {
     return message_;
   }
 
- private:
   // Objects take about so many times the bytes of their serialized form.
   static constexpr size_t kGrowth = 10;
   static constexpr size_t kMinBlock = 1 << 10;
@@ -37,16 +44,3 @@ class ArenaRequest {
 };
 
 }  // namespace pi::server
-
-namespace grpc {
-
-template <typename Message>
-class SerializationTraits<pi::server::ArenaRequest<Message>> {
- public:
-  static Status Deserialize(ByteBuffer* buffer, pi::server::ArenaRequest<Message>* request) {
-    const size_t size = buffer ? buffer->Length() : 0;
-    return GenericDeserialize<ProtoBufferReader, Message>(buffer, request->messageOfSize(size));
-  }
-};
-
-}  // namespace grpc

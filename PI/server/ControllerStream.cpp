@@ -61,9 +61,14 @@ Status ControllerStream::run() {
 }
 
 Status ControllerStream::readToEnd() {
-  p4::v1::StreamMessageRequest request;
+  Request request;
   while (call_.Read(&request)) {
-    const Status status = handle(request);
+    if (request.isTooLarge()) {
+      return Status(StatusCode::RESOURCE_EXHAUSTED,
+                    "the stream message has " + std::to_string(request.size) +
+                        " bytes; send at most " + std::to_string(kMaxMessageBytes));
+    }
+    const Status status = handle(request.message);
     if (!status.ok()) return status;
   }
   return Status::OK;
@@ -93,6 +98,20 @@ void ControllerStream::finish() {
   finishing_ = true;
   queue_.close();
   if (written_) context_.TryCancel();
+}
+
+void ControllerStream::endWith(StatusCode code, const std::string& reason) {
+  auto response = std::make_shared<p4::v1::StreamMessageResponse>();
+  response->mutable_error()->set_canonical_code(code);
+  response->mutable_error()->set_message(reason);
+  response->mutable_error()->mutable_other();
+  queue_.reportIs(std::move(response), reason.size());
+  finish();
+}
+
+void ControllerStream::displaced(const std::string& reason) {
+  endWith(StatusCode::RESOURCE_EXHAUSTED, reason);
+  streams_.endingIs(*this);
 }
 
 void ControllerStream::cancel() { context_.TryCancel(); }
@@ -162,7 +181,17 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
     packetCounts_ = &core::packetCountsOf(role.deviceId);
     if (update.has_role()) roleAsGiven_ = update.role();
   }
+  const Status unended = requireUnended();
+  if (!unended.ok()) return unended;
+  streams_.arbitratedIs(*this);
   return arbitration_.clientIs(*this, role, electionIdOf(update));
+}
+
+// One that is being ended must not come back.
+Status ControllerStream::requireUnended() {
+  const std::lock_guard lock(mutex_);
+  if (!finishing_) return Status::OK;
+  return Status(StatusCode::ABORTED, "the server is ending this stream; open another one");
 }
 
 void ControllerStream::handleForDevice(const p4::v1::StreamMessageRequest& request) {

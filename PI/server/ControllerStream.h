@@ -15,19 +15,26 @@
 #include "PI/server/Arbitration.h"
 #include "PI/server/Devices.h"
 #include "PI/server/OutgoingQueue.h"
+#include "PI/server/ReceivedMessage.h"
+#include "PI/server/StreamSet.h"
 #include "p4/v1/p4runtime.pb.h"
 
 namespace pi::server {
 
 class ControllerStream : public ArbitrationClient {
  public:
-  using Call =
-      grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, p4::v1::StreamMessageRequest>;
+  using Request = StreamedMessage<p4::v1::StreamMessageRequest>;
+  using Call = grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, Request>;
 
   // The references outlive the object; context and call are those of the running RPC.
   ControllerStream(grpc::ServerContext& context, Call& call, Arbitration& arbitration,
-                   Devices& devices)
-      : context_(context), call_(call), arbitration_(arbitration), devices_(devices) {}
+                   Devices& devices, StreamSet& streams)
+      : context_(context),
+        call_(call),
+        arbitration_(arbitration),
+        devices_(devices),
+        streams_(streams),
+        queue_(streams.outgoing()) {}
 
   // Serves the stream until the controller, an arbitration update that ends it, or cancel() does.
   grpc::Status run();
@@ -37,12 +44,17 @@ class ControllerStream : public ArbitrationClient {
   // controller is too slow; packets are counted either way.
   void messageIs(OutgoingQueue::Message message, size_t bytes);
 
+  void displaced(const std::string& reason) override;
+
   // Sends what is queued, then cancels the call; does not wait for either.
   void finish();
+  // The same after an error that says why.
+  void endWith(grpc::StatusCode code, const std::string& reason);
   void cancel();
 
  private:
   grpc::Status readToEnd();
+  grpc::Status requireUnended();
   void writeToEnd();
   void awaitWriter();
 
@@ -59,6 +71,7 @@ class ControllerStream : public ArbitrationClient {
   Call& call_;
   Arbitration& arbitration_;
   Devices& devices_;
+  StreamSet& streams_;
   OutgoingQueue queue_;
 
   // Written once, before the stream is a client of the arbitration.

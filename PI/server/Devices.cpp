@@ -30,9 +30,9 @@ void Devices::pipelineDelAll() {
 grpc::Status Devices::requireKnown(uint64_t deviceId) const {
   const std::lock_guard lock(mutex_);
   if (devices_.empty() || devices_.count(deviceId)) return grpc::Status::OK;
-  return grpc::Status(grpc::StatusCode::NOT_FOUND,
-                      "unknown device " + std::to_string(deviceId) + "; this switch serves device " +
-                          std::to_string(devices_.begin()->first));
+  return grpc::Status(grpc::StatusCode::NOT_FOUND, "unknown device " + std::to_string(deviceId) +
+                                                       "; this switch serves device " +
+                                                       std::to_string(devices_.begin()->first));
 }
 
 std::shared_ptr<Devices::DeviceMgr> Devices::device(uint64_t deviceId) const {

@@ -1,13 +1,16 @@
 #include "PI/server/ListenAddress.h"
 
 #include <netdb.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
 
 namespace pi::server {
@@ -34,15 +37,37 @@ std::optional<HostPort> parsed(const std::string& address) {
   return out;
 }
 
-// 0 when bound; the error otherwise.
-int bindError(const addrinfo& info) {
-  const int fd = socket(info.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return errno;
-  const int on = 1;  // as gRPC sets it: connections of a former server do not count
+void portIs(sockaddr_storage* address, uint16_t port) {
+  if (address->ss_family == AF_INET6) {
+    reinterpret_cast<sockaddr_in6*>(address)->sin6_port = htons(port);
+  } else {
+    reinterpret_cast<sockaddr_in*>(address)->sin_port = htons(port);
+  }
+}
+
+// A failure leaves the socket closed, and -1.
+int closedWith(int fd, int* error) {
+  *error = errno;
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
+// `port`: 0 takes what the address says.
+int listeningSocket(addrinfo info, int backlog, uint16_t port, int* error) {
+  sockaddr_storage address{};
+  std::memcpy(&address, info.ai_addr, info.ai_addrlen);
+  if (port != 0) portIs(&address, port);
+  const int fd = socket(info.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) return closedWith(fd, error);
+  const int on = 1;  // connections of a former server do not count
+  const int off = 0;
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  const int error = bind(fd, info.ai_addr, info.ai_addrlen) == 0 ? 0 : errno;
-  close(fd);
-  return error;
+  if (info.ai_family == AF_INET6) setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &off, sizeof off);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), info.ai_addrlen) != 0 ||
+      listen(fd, backlog) != 0) {
+    return closedWith(fd, error);
+  }
+  return fd;
 }
 
 std::string wayOut(int error) {
@@ -53,19 +78,21 @@ std::string wayOut(int error) {
       return "no interface has this address; choose an address of this machine";
     case EACCES:
       return "permission denied; choose a port above 1023";
+    case EMFILE:
+    case ENFILE:
+      return "no descriptor left; raise the limit of open files";
     default:
       return std::generic_category().message(error) + "; choose another address";
   }
 }
 
-}  // namespace
+using Addresses = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
 
-std::string listenObstacle(const std::string& address) {
-  if (address.rfind("unix:", 0) == 0 || address.rfind("unix-abstract:", 0) == 0) return "";
-  const std::string cannot = "cannot listen on " + address + ": ";
+// Throws std::runtime_error; `cannot` begins its line.
+Addresses addressesOf(const std::string& address, const std::string& cannot) {
   const auto hostPort = parsed(address);
   if (!hostPort) {
-    return cannot + "not an address; write it as 127.0.0.1:9559 or [::]:9559";
+    throw std::runtime_error(cannot + "not an address; write it as 127.0.0.1:9559 or [::]:9559");
   }
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
@@ -73,11 +100,41 @@ std::string listenObstacle(const std::string& address) {
   addrinfo* found = nullptr;
   const int failed = getaddrinfo(hostPort->host.c_str(), hostPort->port.c_str(), &hints, &found);
   if (failed) {
-    return cannot + gai_strerror(failed) + "; write it as 127.0.0.1:9559 or [::]:9559";
+    throw std::runtime_error(cannot + gai_strerror(failed) +
+                             "; write it as 127.0.0.1:9559 or [::]:9559");
   }
-  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
-  const int error = bindError(*found);
-  return error ? cannot + wayOut(error) : "";
+  return {found, &freeaddrinfo};
+}
+
+}  // namespace
+
+int portOf(int socket) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (getsockname(socket, reinterpret_cast<sockaddr*>(&address), &size) != 0) return 0;
+  const in_port_t port = address.ss_family == AF_INET6
+                             ? reinterpret_cast<sockaddr_in6*>(&address)->sin6_port
+                             : reinterpret_cast<sockaddr_in*>(&address)->sin_port;
+  return ntohs(port);
+}
+
+// A name may mean addresses that this machine does not have, such as ::1 without IPv6: one is
+// enough. All get the port that the first one got.
+std::vector<int> listeningSockets(const std::string& address, int backlog) {
+  const std::string cannot = "cannot listen on " + address + ": ";
+  const Addresses addresses = addressesOf(address, cannot);
+  std::vector<int> sockets;
+  int firstError = 0;
+  for (const addrinfo* one = addresses.get(); one; one = one->ai_next) {
+    int error = 0;
+    const uint16_t port = sockets.empty() ? 0 : portOf(sockets.front());
+    const int fd = listeningSocket(*one, backlog, port, &error);
+    if (fd >= 0) sockets.push_back(fd);
+    if (fd < 0 && firstError == 0) firstError = error;
+    if (error == EADDRINUSE && sockets.empty()) break;
+  }
+  if (sockets.empty()) throw std::runtime_error(cannot + wayOut(firstError));
+  return sockets;
 }
 
 }  // namespace pi::server

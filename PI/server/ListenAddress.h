@@ -1,13 +1,16 @@
-// Tells beforehand, in words, why a server could not listen on an address; gRPC only says that it
-// could not.
+// Sockets that listen on an address, or in words why there are none.
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace pi::server {
 
-// Empty when "host:port" (host in brackets if it is IPv6, port 0 for any) can be bound, and for
-// addresses of other kinds, such as "unix:path". Else a line that names the address and a way out.
-std::string listenObstacle(const std::string& address);
+// Non-blocking sockets that listen on each address that "host:port" means (host in brackets if it
+// is IPv6, port 0 for any); at least one, the caller's to close. "[::]" is every address of either
+// family. Throws std::runtime_error with a line that names the address and a way out.
+std::vector<int> listeningSockets(const std::string& address, int backlog);
+
+int portOf(int socket);
 
 }  // namespace pi::server

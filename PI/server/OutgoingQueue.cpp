@@ -17,8 +17,22 @@ bool OutgoingQueue::hasRoom(size_t bytes, Kind kind) const {
   const Share& limit = kind == &Waiting::packets ? limits_.packets : limits_.reports;
   const Share& waits = waiting_.*kind;
   const size_t left = limit.bytes - waits.bytes;
-  return !closed_ && waits.messages < limit.messages && left >= kOverhead &&
-         bytes <= left - kOverhead;
+  if (closed_ || waits.messages >= limit.messages) return false;
+  if (left < kOverhead || bytes > left - kOverhead) return false;
+  const size_t own = waiting_.packets.bytes + waiting_.reports.bytes + bytes + kOverhead;
+  return own <= limits_.own || total_.load() + bytes + kOverhead <= limits_.total;
+}
+
+// Its bytes no longer count.
+void OutgoingQueue::leave(const Element& element) {
+  Share& waits = waiting_.*element.kind;
+  --waits.messages;
+  waits.bytes -= element.bytes;
+  total_.fetch_sub(element.bytes);
+}
+
+OutgoingQueue::~OutgoingQueue() {
+  for (const Element& element : messages_) leave(element);
 }
 
 bool OutgoingQueue::takesReport(size_t bytes) const {
@@ -34,6 +48,7 @@ bool OutgoingQueue::messageIs(Message message, size_t bytes, Kind kind) {
     Share& waits = waiting_.*kind;
     ++waits.messages;
     waits.bytes += bytes + kOverhead;
+    total_.fetch_add(bytes + kOverhead);
   }
   changed_.notify_one();
   return true;
@@ -57,9 +72,7 @@ OutgoingQueue::Next OutgoingQueue::next() {
   } else if (!messages_.empty()) {
     const Element& first = messages_.front();
     next.message = first.message;
-    Share& waits = waiting_.*first.kind;
-    --waits.messages;
-    waits.bytes -= first.bytes;
+    leave(first);
     messages_.pop_front();
   }
   next.more = !notices_.empty() || !messages_.empty();

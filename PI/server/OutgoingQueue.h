@@ -2,6 +2,7 @@
 // more memory and blocks nobody. Thread-safe; only next() waits.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -30,10 +31,16 @@ class OutgoingQueue {
     size_t notices = 64;
     Share packets{1 << 16, 64 << 20};
     Share reports{256, 1 << 20};  // the first to go: they never take the room of packets
+    // Of all queues of one Total together, beside what is each one's own.
+    size_t total = 256 << 20;
+    size_t own = 256 << 10;
   };
+  using Total = std::atomic<size_t>;  // bytes
 
-  OutgoingQueue() = default;
-  explicit OutgoingQueue(Limits limits) : limits_(limits) {}
+  // `total` outlives the queue.
+  explicit OutgoingQueue(Total& total) : total_(total) {}
+  OutgoingQueue(Total& total, Limits limits) : total_(total), limits_(limits) {}
+  ~OutgoingQueue();
 
   // An arbitration notice: goes out before messages and is never refused; when too many wait, only
   // the newest stays, which says all that still holds.
@@ -72,7 +79,9 @@ class OutgoingQueue {
 
   bool messageIs(Message message, size_t bytes, Kind kind);
   bool hasRoom(size_t bytes, Kind kind) const;
+  void leave(const Element& element);
 
+  Total& total_;
   const Limits limits_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;

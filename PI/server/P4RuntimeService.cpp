@@ -2,13 +2,16 @@
 
 #include <grpcpp/support/method_handler.h>
 
+#include <algorithm>
 #include <functional>
 #include <utility>
 
 #include "PI/core/PacketCounts.h"
 #include "PI/proto/pi_server.h"
 #include "PI/server/Answered.h"
+#include "PI/server/ArenaRequest.h"
 #include "PI/server/ControllerStream.h"
+#include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
 #include "PI/server/Requester.h"
 
@@ -27,6 +30,13 @@ Status toGrpc(const google::rpc::Status& status) {
   const auto code = static_cast<StatusCode>(status.code());
   if (status.details_size() == 0) return Status(code, status.message());
   return Status(code, status.message(), status.SerializeAsString());
+}
+
+google::rpc::Status fromGrpc(const Status& status) {
+  google::rpc::Status out;
+  out.set_code(status.error_code());
+  out.set_message(status.error_message());
+  return out;
 }
 
 Status requireAtomicity(p4::v1::WriteRequest::Atomicity atomicity) {
@@ -48,9 +58,42 @@ Status requireAction(p4::v1::SetForwardingPipelineConfigRequest::Action action) 
                                                   "action of the API");
 }
 
-template <typename Request, typename Response>
-using Unary =
-    grpc::internal::RpcMethodHandler<P4RuntimeService, Request, Response, Request, Response>;
+// Whether the query makes the device go through all entities of a kind.
+bool isScan(const p4::v1::Entity& query) {
+  switch (query.entity_case()) {
+    case p4::v1::Entity::kTableEntry:
+      return query.table_entry().match().empty();
+    case p4::v1::Entity::kDirectCounterEntry:
+      return query.direct_counter_entry().table_entry().match().empty();
+    case p4::v1::Entity::kDirectMeterEntry:
+      return query.direct_meter_entry().table_entry().match().empty();
+    case p4::v1::Entity::kActionProfileMember:
+      return query.action_profile_member().member_id() == 0;
+    case p4::v1::Entity::kActionProfileGroup:
+      return query.action_profile_group().group_id() == 0;
+    default:
+      return false;
+  }
+}
+
+constexpr int64_t kMaxScans = 256;
+
+// A single request must not keep a thread for the product of its size and the tables'.
+Status requireFewScans(const p4::v1::ReadRequest& request) {
+  const auto& queries = request.entities();
+  const int64_t scans = std::count_if(queries.begin(), queries.end(), isScan);
+  if (scans <= kMaxScans) return Status::OK;
+  return Status(StatusCode::RESOURCE_EXHAUSTED,
+                "the request has " + std::to_string(scans) +
+                    " queries that each read a whole table, profile or more; send at most " +
+                    std::to_string(kMaxScans) + " of these at once");
+}
+
+Status tooMany(size_t limit, const char* calls) {
+  return Status(StatusCode::RESOURCE_EXHAUSTED,
+                std::to_string(limit) + " " + calls +
+                    " are under way, which is the limit; try again once some have ended");
+}
 
 }  // namespace
 
@@ -69,57 +112,92 @@ void P4RuntimeService::methodIs(const char* name, grpc::internal::RpcMethod::Rpc
   AddMethod(new grpc::internal::RpcServiceMethod(name, type, handler));
 }
 
-// By hand, as the generated service does it, because that one knows no arena.
+template <typename Request, typename Serve>
+Status P4RuntimeService::served(const ReceivedMessage& received, size_t maxBytes, Serve serve) {
+  return answered([&] {
+    const size_t size = received.size();
+    const std::string& name = Request::descriptor()->name();
+    if (size > maxBytes) {
+      return Status(StatusCode::RESOURCE_EXHAUSTED, "the " + name + " has " + std::to_string(size) +
+                                                        " bytes; send at most " +
+                                                        std::to_string(maxBytes));
+    }
+    const auto memory = requestBytes_.take(size, limits().memoryBytes / 4);
+    if (!memory) {
+      return Status(StatusCode::RESOURCE_EXHAUSTED,
+                    "no memory for a " + name + " of " + std::to_string(size) +
+                        " bytes beside the other requests; try again, or send smaller ones");
+    }
+    ArenaRequest<Request> request;
+    if (!request.parse(&received.bytes, size)) {
+      return Status(StatusCode::INVALID_ARGUMENT, "the message is no p4.v1." + name);
+    }
+    received.bytes.Clear();
+    return serve(request.message());
+  });
+}
+
+template <typename Request, typename Response, typename Serve>
+void P4RuntimeService::unaryMethodIs(const char* name, size_t maxBytes, Serve serve) {
+  using Handler = grpc::internal::RpcMethodHandler<P4RuntimeService, ReceivedMessage, Response,
+                                                   ReceivedMessage, Response>;
+  methodIs(name, grpc::internal::RpcMethod::NORMAL_RPC,
+           new Handler(
+               [maxBytes, serve](P4RuntimeService* self, grpc::ServerContext* context,
+                                 const ReceivedMessage* received, Response* response) {
+                 return self->served<Request>(*received, maxBytes, [&](const Request& request) {
+                   return serve(*self, *context, request, response);
+                 });
+               },
+               this));
+}
+
+// By hand, as the generated service does it, because that one parses before it asks.
 void P4RuntimeService::methodsAre() {
   using namespace p4::v1;
   using grpc::ServerContext;
   using grpc::internal::RpcMethod;
   using Self = P4RuntimeService;
-  methodIs("/p4.v1.P4Runtime/Write", RpcMethod::NORMAL_RPC,
-           new Unary<WriteCall, WriteResponse>(
-               [](Self* self, ServerContext*, const WriteCall* request, WriteResponse*) {
-                 return answered([&] { return self->write(request->message()); });
-               },
-               this));
+  unaryMethodIs<WriteRequest, WriteResponse>(
+      "/p4.v1.P4Runtime/Write", kMaxLargeMessageBytes,
+      [](Self& self, const ServerContext& context, const WriteRequest& request, WriteResponse*) {
+        return self.write(context, request);
+      });
   methodIs("/p4.v1.P4Runtime/Read", RpcMethod::SERVER_STREAMING,
-           new grpc::internal::ServerStreamingHandler<Self, ReadRequest, ReadResponse>(
-               [](Self* self, ServerContext*, const ReadRequest* request,
+           new grpc::internal::ServerStreamingHandler<Self, ReceivedMessage, ReadResponse>(
+               [](Self* self, ServerContext*, const ReceivedMessage* received,
                   grpc::ServerWriter<ReadResponse>* writer) {
-                 return answered([&] { return self->read(*request, *writer); });
+                 return self->served<ReadRequest>(
+                     *received, kMaxMessageBytes,
+                     [&](const ReadRequest& request) { return self->read(request, *writer); });
                },
                this));
-  methodIs(
-      "/p4.v1.P4Runtime/SetForwardingPipelineConfig", RpcMethod::NORMAL_RPC,
-      new Unary<SetForwardingPipelineConfigRequest, SetForwardingPipelineConfigResponse>(
-          [](Self* self, ServerContext* context, const SetForwardingPipelineConfigRequest* request,
-             SetForwardingPipelineConfigResponse*) {
-            return answered([&] { return self->setPipeline(*context, *request); });
-          },
-          this));
-  methodIs("/p4.v1.P4Runtime/GetForwardingPipelineConfig", RpcMethod::NORMAL_RPC,
-           new Unary<GetForwardingPipelineConfigRequest, GetForwardingPipelineConfigResponse>(
-               [](Self* self, ServerContext*, const GetForwardingPipelineConfigRequest* request,
-                  GetForwardingPipelineConfigResponse* response) {
-                 return answered([&] { return self->getPipeline(*request, response); });
+  unaryMethodIs<SetForwardingPipelineConfigRequest, SetForwardingPipelineConfigResponse>(
+      "/p4.v1.P4Runtime/SetForwardingPipelineConfig", kMaxLargeMessageBytes,
+      [](Self& self, const ServerContext& context,
+         const SetForwardingPipelineConfigRequest& request,
+         SetForwardingPipelineConfigResponse*) { return self.setPipeline(context, request); });
+  unaryMethodIs<GetForwardingPipelineConfigRequest, GetForwardingPipelineConfigResponse>(
+      "/p4.v1.P4Runtime/GetForwardingPipelineConfig", kMaxMessageBytes,
+      [](Self& self, const ServerContext&, const GetForwardingPipelineConfigRequest& request,
+         GetForwardingPipelineConfigResponse* response) {
+        return self.getPipeline(request, response);
+      });
+  methodIs("/p4.v1.P4Runtime/StreamChannel", RpcMethod::BIDI_STREAMING,
+           new grpc::internal::BidiStreamingHandler<Self, StreamRequest, StreamMessageResponse>(
+               [](Self* self, ServerContext* context,
+                  grpc::ServerReaderWriter<StreamMessageResponse, StreamRequest>* call) {
+                 return self->streamChannel(*context, *call);
                },
                this));
-  methodIs(
-      "/p4.v1.P4Runtime/StreamChannel", RpcMethod::BIDI_STREAMING,
-      new grpc::internal::BidiStreamingHandler<Self, StreamMessageRequest, StreamMessageResponse>(
-          [](Self* self, ServerContext* context,
-             grpc::ServerReaderWriter<StreamMessageResponse, StreamMessageRequest>* call) {
-            return self->streamChannel(*context, *call);
-          },
-          this));
-  methodIs(
-      "/p4.v1.P4Runtime/Capabilities", RpcMethod::NORMAL_RPC,
-      new Unary<CapabilitiesRequest, CapabilitiesResponse>(
-          [](Self* self, ServerContext*, const CapabilitiesRequest* request,
-             CapabilitiesResponse* response) { return self->capabilities(*request, response); },
-          this));
+  unaryMethodIs<CapabilitiesRequest, CapabilitiesResponse>(
+      "/p4.v1.P4Runtime/Capabilities", kMaxMessageBytes,
+      [](Self& self, const ServerContext&, const CapabilitiesRequest& request,
+         CapabilitiesResponse* response) { return self.capabilities(request, response); });
 }
 
-Status P4RuntimeService::write(const p4::v1::WriteRequest& request) {
+Status P4RuntimeService::write(const grpc::ServerContext& context,
+                               const p4::v1::WriteRequest& request) {
   const Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
   Arbitration::WritePermit permit;
@@ -131,7 +209,20 @@ Status P4RuntimeService::write(const p4::v1::WriteRequest& request) {
   if (!ready.ok()) return ready;
   const Status atomicity = requireAtomicity(request.atomicity());
   if (!atomicity.ok()) return atomicity;
-  return toGrpc(device->write(request));
+  const size_t limit = limits().writes;
+  const auto underWay = writes_.take(1, limit);
+  if (!underWay) return tooMany(limit, "Writes");
+  return toGrpc(device->write(request, [&] { return stillWanted(context, request); }));
+}
+
+// A Write may have waited long for its turn.
+google::rpc::Status P4RuntimeService::stillWanted(const grpc::ServerContext& context,
+                                                  const p4::v1::WriteRequest& request) const {
+  if (context.IsCancelled()) {
+    return fromGrpc(Status(StatusCode::CANCELLED,
+                           "nobody waited any longer when the Write's turn came; it was not done"));
+  }
+  return fromGrpc(arbitration_.requireHighest(roleOf(request), electionIdOf(request)));
 }
 
 Status P4RuntimeService::read(const p4::v1::ReadRequest& request,
@@ -143,6 +234,11 @@ Status P4RuntimeService::read(const p4::v1::ReadRequest& request,
   std::shared_ptr<DeviceMgr> device;
   const Status ready = requirePipeline(request.device_id(), &device);
   if (!ready.ok()) return ready;
+  const Status few = requireFewScans(request);
+  if (!few.ok()) return few;
+  const size_t limit = limits().reads;
+  const auto underWay = reads_.take(1, limit);
+  if (!underWay) return tooMany(limit, "Reads");
   return toGrpc(device->read(
       request, [&](const p4::v1::ReadResponse& response) { return writer.Write(response); }));
 }
@@ -184,8 +280,8 @@ Status P4RuntimeService::getPipeline(const p4::v1::GetForwardingPipelineConfigRe
 
 Status P4RuntimeService::streamChannel(
     grpc::ServerContext& context,
-    grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, p4::v1::StreamMessageRequest>& call) {
-  ControllerStream stream(context, call, arbitration_, devices_);
+    grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, StreamRequest>& call) {
+  ControllerStream stream(context, call, arbitration_, devices_, streams_);
   streams_.streamIs(stream);
   const Status status = stream.run();
   streams_.streamDel(stream);

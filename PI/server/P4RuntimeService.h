@@ -10,9 +10,10 @@
 #include <memory>
 #include <string>
 
+#include "PI/server/Admission.h"
 #include "PI/server/Arbitration.h"
-#include "PI/server/ArenaRequest.h"
 #include "PI/server/Devices.h"
+#include "PI/server/ReceivedMessage.h"
 #include "PI/server/StreamSet.h"
 #include "p4/v1/p4runtime.pb.h"
 
@@ -29,14 +30,21 @@ class P4RuntimeService final : public grpc::Service {
   void devicesDelAll() { devices_.pipelineDelAll(); }
 
  private:
-  using WriteCall = ArenaRequest<p4::v1::WriteRequest>;
+  using StreamRequest = StreamedMessage<p4::v1::StreamMessageRequest>;
   using DeviceMgr = pi::fe::proto::DeviceMgr;
 
   template <typename Handler>
   void methodIs(const char* name, grpc::internal::RpcMethod::RpcType type, Handler* handler);
+  template <typename Request, typename Response, typename Serve>
+  void unaryMethodIs(const char* name, size_t maxBytes, Serve serve);
   void methodsAre();
+  // Parses the request and serves it, unless it is too large or there is no memory for it.
+  template <typename Request, typename Serve>
+  grpc::Status served(const ReceivedMessage& received, size_t maxBytes, Serve serve);
 
-  grpc::Status write(const p4::v1::WriteRequest& request);
+  grpc::Status write(const grpc::ServerContext& context, const p4::v1::WriteRequest& request);
+  google::rpc::Status stillWanted(const grpc::ServerContext& context,
+                                  const p4::v1::WriteRequest& request) const;
   grpc::Status read(const p4::v1::ReadRequest& request,
                     grpc::ServerWriter<p4::v1::ReadResponse>& writer);
   grpc::Status setPipeline(const grpc::ServerContext& context,
@@ -45,7 +53,7 @@ class P4RuntimeService final : public grpc::Service {
                            p4::v1::GetForwardingPipelineConfigResponse* response);
   grpc::Status streamChannel(
       grpc::ServerContext& context,
-      grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, p4::v1::StreamMessageRequest>& call);
+      grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, StreamRequest>& call);
   grpc::Status capabilities(const p4::v1::CapabilitiesRequest& request,
                             p4::v1::CapabilitiesResponse* response);
 
@@ -57,6 +65,9 @@ class P4RuntimeService final : public grpc::Service {
   const std::string localToken_;
   Devices devices_;
   StreamSet streams_;
+  Admission requestBytes_;
+  Admission reads_;
+  Admission writes_;
 };
 
 }  // namespace pi::server

@@ -1,26 +1,37 @@
 #include "PI/server/Server.h"
 
 #include <grpcpp/grpcpp.h>
+#include <grpcpp/resource_quota.h>
 
 #include <stdexcept>
 #include <utility>
 
-#include "PI/server/ListenAddress.h"
+#include "PI/server/Limits.h"
+#include "PI/server/Listener.h"
 #include "PI/server/P4RuntimeService.h"
 
 namespace pi::server {
 namespace {
 
-constexpr int kMaxMessageBytes = 256 << 20;
 constexpr std::chrono::milliseconds kStreamGrace{500};
 
-// Finds dead controllers, and bears with clients that ping as often as they like.
+// Finds dead controllers. One that goes on pinging more often than twice a second while nothing
+// else happens is disconnected ("too_many_pings").
 void keepAliveIs(grpc::ServerBuilder& builder) {
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 20'000);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 10'000);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
   builder.AddChannelArgument(GRPC_ARG_HTTP2_MAX_PINGS_WITHOUT_DATA, 0);
-  builder.AddChannelArgument(GRPC_ARG_HTTP2_MAX_PING_STRIKES, 0);
+  builder.AddChannelArgument(GRPC_ARG_HTTP2_MIN_RECV_PING_INTERVAL_WITHOUT_DATA_MS, 500);
+  builder.AddChannelArgument(GRPC_ARG_HTTP2_MAX_PING_STRIKES, 20);
+}
+
+// Connections on which nothing happens go: those that do not speak the protocol, and those without
+// a call, which a client opens again by itself when it has one.
+void connectionsAre(grpc::ServerBuilder& builder) {
+  builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, 10'000);
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONNECTION_IDLE_MS, 120'000);
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 1024);
 }
 
 void threadsAre(grpc::ServerBuilder& builder) {
@@ -34,22 +45,33 @@ void threadsAre(grpc::ServerBuilder& builder) {
 
 Server::Server(const std::string& address, std::shared_ptr<grpc::ServerCredentials> credentials,
                const std::string& localToken)
-    : service_(std::make_unique<P4RuntimeService>(TheArbitration(), localToken)) {
-  const std::string obstacle = listenObstacle(address);
-  if (!obstacle.empty()) throw std::runtime_error(obstacle);
+    : service_(std::make_unique<P4RuntimeService>(TheArbitration(), localToken)),
+      listener_(std::make_unique<Listener>(address)),
+      quota_(std::make_unique<grpc::ResourceQuota>("p4runtime")) {
+  limitsChanged();
+  using External = grpc::ServerBuilder::experimental_type::ExternalConnectionType;
   grpc::ServerBuilder builder;
-  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);  // a port in use is an error
-  builder.AddListeningPort(address, std::move(credentials), &port_);
-  builder.SetMaxReceiveMessageSize(kMaxMessageBytes);
-  builder.SetMaxSendMessageSize(kMaxMessageBytes);
+  acceptor_ = builder.experimental().AddExternalConnectionAcceptor(External::FROM_FD,
+                                                                   std::move(credentials));
+  // The service looks at sizes too, by call, and says what they may be.
+  builder.SetMaxReceiveMessageSize(kMaxLargeMessageBytes);
+  builder.SetMaxSendMessageSize(-1);  // a pipeline with all around it; other calls send small ones
+  builder.SetResourceQuota(*quota_);
   keepAliveIs(builder);
+  connectionsAre(builder);
   threadsAre(builder);
   builder.RegisterService(service_.get());
   server_ = builder.BuildAndStart();
   if (!server_) {
     throw std::runtime_error("cannot listen on " + address +
-                             ": gRPC refused the address or the certificates; check both");
+                             ": gRPC could not start its server");
   }
+  listener_->start([this](int listenerFd, int fd) {
+    grpc::experimental::ExternalConnectionAcceptor::NewConnectionParameters connection;
+    connection.listener_fd = listenerFd;
+    connection.fd = fd;
+    acceptor_->HandleNewConnection(&connection);
+  });
 }
 
 Server::~Server() {
@@ -62,11 +84,24 @@ void Server::shutDown(std::chrono::milliseconds cancelAfter, std::chrono::millis
   changed_.wait_for(lock, patience, [this] { return down_; });
 }
 
+int Server::port() const { return listener_->port(); }
+
+uint64_t Server::refusedConnections() const { return listener_->refused(); }
+
+// A thread for each call that may run, and some for those that are about to be refused.
+void Server::limitsChanged() {
+  const Limits now = limits();
+  quota_->Resize(now.memoryBytes);
+  quota_->SetMaxThreads(
+      static_cast<int>(now.streams + now.reads + now.writes + StreamSet::kMaxUnarbitrated + 128));
+}
+
 // On a thread of its own, because gRPC waits for calls that cannot be cancelled.
 void Server::begin(std::chrono::milliseconds cancelAfter) {
   const std::lock_guard lock(mutex_);
   if (closing_.joinable()) return;
   closing_ = std::thread([this, cancelAfter] {
+    listener_->stop();
     std::thread streams([this] { service_->streams().endAll(kStreamGrace); });
     server_->Shutdown(std::chrono::system_clock::now() + cancelAfter);
     streams.join();

@@ -3,18 +3,24 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 
 namespace grpc {
+class ResourceQuota;
 class Server;
 class ServerCredentials;
+namespace experimental {
+class ExternalConnectionAcceptor;
+}
 }  // namespace grpc
 
 namespace pi::server {
 
+class Listener;
 class P4RuntimeService;
 
 // Thread-safe.
@@ -26,7 +32,9 @@ class Server {
   // After shutDown(); waits for the last call to return.
   ~Server();
 
-  int port() const { return port_; }
+  int port() const;
+  uint64_t refusedConnections() const;  // beyond the limit, or without a descriptor for them
+  void limitsChanged();
 
   // Takes no new calls, ends streams, cancels what still runs after `cancelAfter`, and returns once
   // all calls have returned, or after `patience` with some of them left behind.
@@ -40,8 +48,10 @@ class Server {
   void begin(std::chrono::milliseconds cancelAfter);
 
   std::unique_ptr<P4RuntimeService> service_;
+  std::unique_ptr<Listener> listener_;
+  std::unique_ptr<grpc::ResourceQuota> quota_;
+  std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;
   std::unique_ptr<grpc::Server> server_;
-  int port_ = 0;
 
   std::mutex mutex_;
   std::condition_variable changed_;

@@ -4,16 +4,76 @@
 
 namespace pi::server {
 
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// What a stream that has been told to end may take for its last messages.
+constexpr std::chrono::milliseconds kLastMessages{500};
+
+}  // namespace
+
+StreamSet::StreamSet() : watcher_([this] { watch(); }) {}
+
+StreamSet::~StreamSet() {
+  {
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+  }
+  changed_.notify_all();
+  watcher_.join();
+}
+
 void StreamSet::streamIs(ControllerStream& stream) {
   const std::lock_guard lock(mutex_);
+  if (deadlines_.toArbitrate() >= kMaxUnarbitrated) {
+    end(*deadlines_.first(), "another stream took the place of this one, which is in no role yet");
+  }
   streams_.insert(&stream);
+  deadlines_.openedIs(stream, Clock::now() + limits().arbitrateWithin);
   if (ending_) stream.cancel();
+  changed_.notify_all();
 }
 
 void StreamSet::streamDel(ControllerStream& stream) {
   const std::lock_guard lock(mutex_);
   streams_.erase(&stream);
+  deadlines_.streamDel(stream);
   changed_.notify_all();
+}
+
+void StreamSet::arbitratedIs(ControllerStream& stream) {
+  const std::lock_guard lock(mutex_);
+  deadlines_.arbitratedIs(stream);
+}
+
+void StreamSet::endingIs(ControllerStream& stream) {
+  const std::lock_guard lock(mutex_);
+  if (!streams_.count(&stream)) return;
+  deadlines_.endingIs(stream, Clock::now() + kLastMessages);
+  changed_.notify_all();
+}
+
+void StreamSet::end(ControllerStream& stream, const std::string& reason) {
+  stream.endWith(grpc::StatusCode::DEADLINE_EXCEEDED, reason);
+  deadlines_.endingIs(stream, Clock::now() + kLastMessages);
+}
+
+void StreamSet::watch() {
+  std::unique_lock lock(mutex_);
+  while (!stopped_) {
+    const std::string reason = "no arbitration update within " +
+                               std::to_string(limits().arbitrateWithin.count()) +
+                               " ms; send one first";
+    for (ControllerStream* stream : deadlines_.takeUnarbitrated(Clock::now())) end(*stream, reason);
+    for (ControllerStream* stream : deadlines_.takeLingering(Clock::now())) stream->cancel();
+    const auto next = deadlines_.next();
+    if (next) {
+      changed_.wait_until(lock, *next);
+    } else {
+      changed_.wait(lock);
+    }
+  }
 }
 
 void StreamSet::endAll(std::chrono::milliseconds grace) {

@@ -2,8 +2,10 @@
 #include "PI/proto/pi_server.h"
 
 #include <grpc/grpc.h>
+#include <grpcpp/grpcpp.h>
 #include <grpcpp/security/server_credentials.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -13,6 +15,8 @@
 #include <string>
 
 #include "PI/core/PacketCounts.h"
+#include "PI/server/Arbitration.h"
+#include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
 #include "PI/server/Server.h"
 
@@ -47,23 +51,42 @@ void gRpcKept() {
   (void)kept;
 }
 
+// A server that is handed its connections does not look at its certificates before the first one
+// comes; one that listens does.
+void requireUsable(const Credentials& credentials) {
+  int port = 0;
+  grpc::ServerBuilder builder;
+  const auto queue = builder.AddCompletionQueue();
+  builder.AddListeningPort("127.0.0.1:0", credentials, &port);
+  const auto listening = builder.BuildAndStart();
+  if (listening) listening->Shutdown();
+  queue->Shutdown();
+  void* tag = nullptr;
+  for (bool ok = true; queue->Next(&tag, &ok);) {
+  }
+  if (!listening || port == 0) {
+    throw std::runtime_error("cannot listen: gRPC refused the certificates; check them");
+  }
+}
+
 // The server is published only when it listens. Throws std::runtime_error.
-void start(const char* address, const Credentials& credentials) {
+void start(const char* address, const Credentials& credentials, bool areCertificates) {
   if (TheProcess().server) {
     throw std::runtime_error("a server is running already; shut it down and clean it up first");
   }
   gRpcKept();
+  if (areCertificates) requireUsable(credentials);
   std::string token = pi::server::randomToken();
   if (token.empty()) throw std::runtime_error("the kernel gives no random numbers; try again");
   TheProcess().server = std::make_shared<Server>(address ? address : "", credentials, token);
   TheProcess().tokens.push_back(std::move(token));
 }
 
-int run(const char* address, const Credentials& credentials) {
+int run(const char* address, const Credentials& credentials, bool areCertificates) {
   const std::lock_guard lock(TheProcess().mutex);
   TheProcess().error.clear();
   try {
-    start(address, credentials);
+    start(address, credentials, areCertificates);
   } catch (const std::exception& e) {
     TheProcess().error = e.what();
   }
@@ -88,11 +111,11 @@ Credentials sslCredentials(const PIGrpcServerSSLOptions_t& options) {
 }  // namespace
 
 int PIGrpcServerRunAddr(const char* server_address) {
-  return run(server_address, grpc::InsecureServerCredentials());
+  return run(server_address, grpc::InsecureServerCredentials(), false);
 }
 
 int PIGrpcServerRunAddrSSL(const char* server_address, const PIGrpcServerSSLOptions_t* options) {
-  return run(server_address, sslCredentials(options ? *options : PIGrpcServerSSLOptions_t{}));
+  return run(server_address, sslCredentials(options ? *options : PIGrpcServerSSLOptions_t{}), true);
 }
 
 const char* PIGrpcServerLastError() {
@@ -130,6 +153,61 @@ void PIGrpcServerCleanup() {
   running->devicesDelAll();
   const std::lock_guard lock(TheProcess().mutex);
   if (TheProcess().server == running) TheProcess().server.reset();
+}
+
+void PIGrpcServerDefaultLimits(PIGrpcServerLimits_t* limits) {
+  const pi::server::Limits from;
+  *limits = {.connections = static_cast<uint32_t>(from.connections),
+             .streams = static_cast<uint32_t>(from.streams),
+             .streams_of_role = static_cast<uint32_t>(from.streamsOfRole),
+             .roles = static_cast<uint32_t>(from.roles),
+             .arbitration_timeout_ms = static_cast<uint32_t>(from.arbitrateWithin.count()),
+             .writes = static_cast<uint32_t>(from.writes),
+             .reads = static_cast<uint32_t>(from.reads),
+             .memory_mib = static_cast<uint32_t>(from.memoryBytes >> 20)};
+}
+
+void PIGrpcServerLimitsIs(const PIGrpcServerLimits_t* limits) {
+  const auto atLeastOne = [](uint32_t limit) { return std::max<size_t>(limit, 1); };
+  pi::server::limitsAre(
+      {.connections = atLeastOne(limits->connections),
+       .streams = atLeastOne(limits->streams),
+       .streamsOfRole = atLeastOne(limits->streams_of_role),
+       .roles = atLeastOne(limits->roles),
+       .arbitrateWithin = milliseconds(atLeastOne(limits->arbitration_timeout_ms)),
+       .writes = atLeastOne(limits->writes),
+       .reads = atLeastOne(limits->reads),
+       .memoryBytes = atLeastOne(limits->memory_mib) << 20});
+  if (const auto running = server()) running->limitsChanged();
+}
+
+void PIGrpcServerElectionIdIs(const PIGrpcServerElectionId_t* id) {
+  pi::server::TheArbitration().highestIs({id->device_id, std::string(id->role, id->role_size)},
+                                         {.high = id->high, .low = id->low});
+}
+
+void PIGrpcServerElectionIdKeeperIs(const PIGrpcServerElectionIdKeeper_t* keeper, void* cookie) {
+  using pi::server::ElectionId;
+  using pi::server::RoleOfDevice;
+  const auto told = [cookie](auto* function) {
+    return [cookie, function](const RoleOfDevice& role, ElectionId id = {}) {
+      const PIGrpcServerElectionId_t told{.device_id = role.deviceId,
+                                          .role = role.role.data(),
+                                          .role_size = role.role.size(),
+                                          .high = id.high,
+                                          .low = id.low};
+      function(&told, cookie);
+    };
+  };
+  pi::server::TheArbitration().keeperIs(
+      {.save = told(keeper->save), .forget = told(keeper->forget)});
+}
+
+size_t PIGrpcServerForgetElectionIds() { return pi::server::TheArbitration().forgetHighest(); }
+
+uint64_t PIGrpcServerGetRefusedConnections() {
+  const auto running = server();
+  return running ? running->refusedConnections() : 0;
 }
 
 int PIGrpcServerGetPort() {

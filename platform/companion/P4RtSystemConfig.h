@@ -22,9 +22,17 @@ class P4RtSystemConfig : public Vela::Entity {
   VELA_ATTRIBUTE(std::string, forwardingPipelineConfigFilePath, "")
   // Other machines reach the server only where this is set: calls are neither encrypted nor
   // authenticated.
-  VELA_ATTRIBUTE(P4Runtime::IpAddress, grpcServerAddress,
-                 P4Runtime::IpAddress::loopback())
+  VELA_ATTRIBUTE(P4Runtime::IpAddress, grpcServerAddress, P4Runtime::IpAddress::loopback())
   VELA_ATTRIBUTE(uint16_t, grpcServerPort, 9559)
+  // What the server takes on before it refuses more; at once, unless said otherwise.
+  VELA_ATTRIBUTE(uint32_t, maxConnections, 1024)  // and never more than half of the descriptors
+  VELA_ATTRIBUTE(uint32_t, maxStreams, 512)
+  VELA_ATTRIBUTE(uint32_t, maxStreamsOfRole, 256)
+  VELA_ATTRIBUTE(uint32_t, maxRoles, 1024)          // with a name, remembered
+  VELA_ATTRIBUTE(double, arbitrationTimeout, 10.0)  // seconds
+  VELA_ATTRIBUTE(uint32_t, maxWrites, 256)          // one runs, the others wait
+  VELA_ATTRIBUTE(uint32_t, maxReads, 512)
+  VELA_ATTRIBUTE(uint32_t, maxServerMemory, 512)  // MiB
 };
 
 // At "p4runtime/status/system".

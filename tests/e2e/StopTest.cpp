@@ -157,6 +157,7 @@ TEST(AgentSettings, ThatWouldEndItAreRefused) {
       {"p4runtime/config/agent", "batchTimeout", "0", "takes a number of seconds from 1 to 3600"},
       {"p4runtime/batchStatus", "batchTimeout", "0", "takes a number of seconds from 1 to 3600"},
       {"p4runtime/batchStatus", "pretendHwProgramming", "true", "--allow-pretended-programming"},
+      {"p4runtime/config/system", "maxReads", "0", "choose 1 to 10000"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.attribute) + " " + c.value);

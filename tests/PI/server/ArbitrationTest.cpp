@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -51,6 +52,7 @@ class ArbitrationTest : public testing::Test {
           name_ + ": " + code +
           (notice.highest ? ", " + std::to_string(notice.highest->low) : ", unset"));
     }
+    void displaced(const std::string&) override { test_.log_.push_back(name_ + ": displaced"); }
 
    private:
     ArbitrationTest& test_;
@@ -243,7 +245,7 @@ TEST_F(ArbitrationTest, RefusalsSayWhoIsPrimary) {
 }
 
 TEST_F(ArbitrationTest, StreamsAndRolesAreLimited) {
-  Arbitration small({.clientsOfRole = 2, .roles = 2});
+  Arbitration small({.clientsOfRole = 2, .roles = 1});
   Controller a(*this, "A");
   Controller b(*this, "B");
   Controller c(*this, "C");
@@ -257,6 +259,102 @@ TEST_F(ArbitrationTest, StreamsAndRolesAreLimited) {
   EXPECT_TRUE(small.clientIs(b, {1, "y"}, kNone).ok());
   small.clientDel(a);
   small.clientDel(b);
+}
+
+// 256 silent streams once locked the real controller out of its role.
+TEST_F(ArbitrationTest, AHigherElectionIdTakesTheLowestBackupsPlace) {
+  arbitration_.limitsAre({.clientsOfRole = 3, .clients = 4});
+  Controller primary(*this, "primary");
+  Controller silent(*this, "silent");
+  Controller low(*this, "low");
+  Controller late(*this, "late");
+  Controller later(*this, "later");
+  primary.arbitrate(eid(1));
+  silent.arbitrate(kNone);
+  low.arbitrate(eid(0));
+  notices();
+  EXPECT_EQ(late.arbitrate(kNone), StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_EQ(late.arbitrate(eid(2)), StatusCode::OK);
+  EXPECT_THAT(notices(), UnorderedElementsAre("silent: displaced", "primary: ALREADY_EXISTS, 2",
+                                              "low: ALREADY_EXISTS, 2", "late: OK, 2"));
+  EXPECT_EQ(later.arbitrate(eid(3)), StatusCode::OK);
+  EXPECT_THAT(notices(), testing::Contains("low: displaced"));
+
+  // All places are taken: only who becomes primary of its role gets one, never a primary's.
+  Controller other(*this, "other", {1, "x"});
+  Controller another(*this, "another", {1, "y"});
+  EXPECT_EQ(other.arbitrate(kNone), StatusCode::OK);
+  EXPECT_EQ(another.arbitrate(kNone), StatusCode::RESOURCE_EXHAUSTED);
+  notices();
+  EXPECT_EQ(another.arbitrate(eid(1)), StatusCode::OK);
+  EXPECT_THAT(notices(), ElementsAre("primary: displaced", "another: OK, 1"));
+  EXPECT_TRUE(later.isPrimary());
+}
+
+// The highest ids that a switch keeps on its disk, as it were.
+struct KeptIds {
+  std::map<std::string, uint64_t> ids;
+  std::vector<std::string>* log = nullptr;
+  ElectionIdKeeper keeper() {
+    return {.save =
+                [this](const RoleOfDevice& role, ElectionId id) {
+                  ids[role.role] = id.low;
+                  log->push_back("saved " + role.role + std::to_string(id.low));
+                },
+            .forget = [this](const RoleOfDevice& role) { ids.erase(role.role); }};
+  }
+};
+
+TEST_F(ArbitrationTest, HighestElectionIdsAreKeptBeforeAnyoneHearsOfThem) {
+  KeptIds kept{.log = &log_};
+  arbitration_.keeperIs(kept.keeper());
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  a.arbitrate(eid(7));
+  EXPECT_THAT(notices(), ElementsAre("saved 7", "A: OK, 7"));
+  a.arbitrate(eid(7));
+  b.arbitrate(eid(6));
+  b.arbitrate(eid(7));  // refused
+  EXPECT_THAT(notices(), ElementsAre("A: OK, 7", "B: ALREADY_EXISTS, 7"));
+
+  // The next process.
+  Arbitration next;
+  for (const auto& [role, id] : kept.ids) next.highestIs({1, role}, {.high = 0, .low = id});
+  Controller stale(*this, "stale");
+  EXPECT_TRUE(next.clientIs(stale, {1, ""}, eid(6)).ok());
+  EXPECT_TRUE(next.clientIs(b, {1, ""}, eid(7)).ok());
+  EXPECT_THAT(notices(),
+              ElementsAre("stale: NOT_FOUND, 7", "stale: ALREADY_EXISTS, 7", "B: OK, 7"));
+  next.clientDel(stale);
+  next.clientDel(b);
+}
+
+// Roles without number once stayed for good, and shut new ones out.
+TEST_F(ArbitrationTest, TheRoleThatWasLeftFirstMakesRoomButTheDefaultRoleStays) {
+  KeptIds kept{.log = &log_};
+  arbitration_.keeperIs(kept.keeper());
+  arbitration_.limitsAre({.roles = 2});
+  const auto visit = [&](const std::string& role, uint64_t deviceId = 1) {
+    Controller guest(*this, "guest", {deviceId, role});
+    return guest.arbitrate(eid(5));
+  };
+  visit("");
+  {
+    Controller primary(*this, "primary");
+    primary.arbitrate(eid(5));
+    write(eid(5), StatusCode::OK);
+  }
+  Controller stays(*this, "stays", {1, "a"});
+  stays.arbitrate(eid(5));
+  for (const char* const role : {"b", "c", "d"}) EXPECT_EQ(visit(role), StatusCode::OK) << role;
+  for (uint64_t device = 2; device < 200; ++device) EXPECT_EQ(visit("", device), StatusCode::OK);
+  EXPECT_THAT(kept.ids, testing::Contains(testing::Key("a")));
+  EXPECT_THAT(kept.ids, testing::Not(testing::Contains(testing::Key("b"))));
+  EXPECT_THAT(refusal(eid(4)), HasSubstr("update with 5 or higher"));
+
+  EXPECT_EQ(visit(std::string(257, 'x')), StatusCode::INVALID_ARGUMENT);
+  EXPECT_EQ(visit(std::string(256, 'x')), StatusCode::OK);
+  EXPECT_LT(refusal(eid(5), {1, std::string(100'000, 'x')}).size(), 500u);
 }
 
 // While Writes of the former primary run, nobody's are taken.

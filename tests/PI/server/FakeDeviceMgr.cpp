@@ -45,7 +45,12 @@ DeviceMgr::Status DeviceMgr::pipeline_config_get(
 
 bool DeviceMgr::has_pipeline() const { return true; }
 
-DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request) {
+DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request, const Admit& admit) {
+  static std::mutex writing;
+  ++TheFakeDevice().waiting;
+  const std::lock_guard turn(writing);
+  const Status admitted = admit();
+  if (admitted.code() != 0) return admitted;
   return TheFakeDevice().onWrite ? TheFakeDevice().onWrite(request) : Status();
 }
 

@@ -1,6 +1,7 @@
 // Stands in for the front end: the DeviceMgr of this test program does what the test tells it to.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <vector>
@@ -19,6 +20,7 @@ struct FakeDevice {
   // What DeviceMgr objects saw. Pushes come one after another; reading them needs no lock then.
   std::vector<p4::v1::ForwardingPipelineConfig> pipelines;
   int alive = 0;
+  static inline std::atomic<int> waiting = 0;  // Writes that came, of all devices
 
   // As if the device had something for its controllers.
   void emit(uint64_t deviceId, const p4::v1::StreamMessageResponse& response);

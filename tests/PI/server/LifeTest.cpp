@@ -47,7 +47,7 @@ TEST_F(ServerTest, ShutDownEndsOpenStreamsAndWaitReturns) {
   }
   auto waiting = std::async(std::launch::async, [] { PIGrpcServerWait(); });
   PIGrpcServerShutdown();
-  waiting.wait();
+  awaited(waiting, "PIGrpcServerWait() has returned");
   for (const auto& controller : controllers) EXPECT_FALSE(controller->ended().ok());
 }
 
@@ -57,16 +57,16 @@ TEST_F(ServerTest, ShutDownLetsARunningWriteFinish) {
   std::promise<void> release;
   TheFakeDevice().onWrite = [&](const p4::v1::WriteRequest&) {
     begun.set_value();
-    release.get_future().wait();
+    awaited(release, "the test lets the Write go on");
     return statusOf(0);
   };
   auto running = std::async(std::launch::async, [&] { return write(10); });
-  begun.get_future().wait();
+  awaited(begun, "the Write has begun");
   auto shutDown = std::async(std::launch::async, [] { PIGrpcServerShutdown(); });
   EXPECT_FALSE(primary->ended().ok());  // by now the server is going down
   release.set_value();
-  EXPECT_TRUE(running.get().ok());
-  shutDown.wait();
+  EXPECT_TRUE(awaited(running, "the Write has ended").ok());
+  awaited(shutDown, "PIGrpcServerShutdown() has returned");
 }
 
 // A Write once waited for a lock that the thread which shut the server down held.
@@ -76,14 +76,14 @@ TEST_F(ServerTest, ForcedShutDownReturnsThoughAWriteDoesNot) {
   std::promise<void> release;
   TheFakeDevice().onWrite = [&](const p4::v1::WriteRequest&) {
     begun.set_value();
-    release.get_future().wait();
+    awaited(release, "the test lets the Write go on");
     return statusOf(0);
   };
   auto running = std::async(std::launch::async, [&] { return write(10); });
-  begun.get_future().wait();
+  awaited(begun, "the Write has begun");
   PIGrpcServerForceShutdown(0);
   EXPECT_EQ(TheFakeDevice().alive, 1);  // the Write still has its device
-  EXPECT_FALSE(running.get().ok());
+  EXPECT_FALSE(awaited(running, "the Write has ended").ok());
   release.set_value();
 }
 

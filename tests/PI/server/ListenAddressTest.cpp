@@ -11,14 +11,26 @@ namespace {
 
 using testing::HasSubstr;
 
-TEST(ListenObstacle, NamesTheAddressAndAWayOut) {
+// Empty: the address can be listened on.
+std::string obstacle(const std::string& address) {
+  try {
+    for (const int fd : listeningSockets(address, 1)) {
+      EXPECT_NE(portOf(fd), 0);
+      close(fd);
+    }
+    return "";
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+}
+
+TEST(ListeningSockets, NameTheAddressAndAWayOut) {
   const struct {
     const char* address;
     const char* obstacle;  // null: none
   } cases[] = {
       {"127.0.0.1:0", nullptr},
       {"localhost:0", nullptr},
-      {"unix:/no/such/folder/socket", nullptr},  // gRPC's to judge
       {"", "not an address"},
       {":", "not an address"},
       {"127.0.0.1", "not an address"},
@@ -32,17 +44,17 @@ TEST(ListenObstacle, NamesTheAddressAndAWayOut) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.address);
-    const std::string obstacle = listenObstacle(c.address);
+    const std::string line = obstacle(c.address);
     if (!c.obstacle) {
-      EXPECT_EQ(obstacle, "");
+      EXPECT_EQ(line, "");
       continue;
     }
-    EXPECT_THAT(obstacle, HasSubstr("cannot listen on " + std::string(c.address) + ": "));
-    EXPECT_THAT(obstacle, HasSubstr(c.obstacle));
+    EXPECT_THAT(line, HasSubstr("cannot listen on " + std::string(c.address) + ": "));
+    EXPECT_THAT(line, HasSubstr(c.obstacle));
   }
 }
 
-TEST(ListenObstacle, SeesAPortInUse) {
+TEST(ListeningSockets, SeeAPortInUse) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -52,8 +64,7 @@ TEST(ListenObstacle, SeesAPortInUse) {
   ASSERT_EQ(listen(fd, 1), 0);
   ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
   const std::string text = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-  EXPECT_EQ(listenObstacle(text),
-            "cannot listen on " + text + ": address in use; choose another port");
+  EXPECT_EQ(obstacle(text), "cannot listen on " + text + ": address in use; choose another port");
   close(fd);
 }
 

@@ -13,6 +13,8 @@ namespace {
 
 using testing::ElementsAre;
 
+OutgoingQueue::Total total{0};
+
 OutgoingQueue::Message named(const std::string& name) {
   auto message = std::make_shared<p4::v1::StreamMessageResponse>();
   message->mutable_packet()->set_payload(name);
@@ -27,7 +29,7 @@ std::vector<std::string> drained(OutgoingQueue& queue) {
 }
 
 TEST(OutgoingQueue, NoticesOvertakePacketsAndKeepTheirOrder) {
-  OutgoingQueue queue;
+  OutgoingQueue queue(total);
   queue.packetIs(named("packet 1"), 1);
   queue.noticeIs(named("notice 1"));
   queue.packetIs(named("packet 2"), 1);
@@ -38,7 +40,8 @@ TEST(OutgoingQueue, NoticesOvertakePacketsAndKeepTheirOrder) {
 constexpr size_t kOverhead = OutgoingQueue::kOverhead;
 
 TEST(OutgoingQueue, DropsPacketsWhenFullByCountOrBytesUntilThereIsRoom) {
-  OutgoingQueue queue({.notices = 2, .packets = {2, 100 + 2 * kOverhead}, .reports = {1, 10}});
+  OutgoingQueue queue(total,
+                      {.notices = 2, .packets = {2, 100 + 2 * kOverhead}, .reports = {1, 10}});
   EXPECT_TRUE(queue.packetIs(named("a"), 60));
   EXPECT_FALSE(queue.packetIs(named("too many bytes"), 41));
   EXPECT_FALSE(queue.packetIs(named("too big for any queue"), ~size_t{0}));
@@ -51,7 +54,7 @@ TEST(OutgoingQueue, DropsPacketsWhenFullByCountOrBytesUntilThereIsRoom) {
 }
 
 TEST(OutgoingQueue, ReportsNeverTakeTheRoomOfPackets) {
-  OutgoingQueue queue({.packets = {1, 10 + kOverhead}, .reports = {2, 10 + 2 * kOverhead}});
+  OutgoingQueue queue(total, {.packets = {1, 10 + kOverhead}, .reports = {2, 10 + 2 * kOverhead}});
   EXPECT_TRUE(queue.takesReport(10));
   EXPECT_TRUE(queue.reportIs(named("report"), 5));
   EXPECT_TRUE(queue.packetIs(named("packet"), 10));
@@ -62,9 +65,31 @@ TEST(OutgoingQueue, ReportsNeverTakeTheRoomOfPackets) {
   EXPECT_THAT(drained(queue), ElementsAre("report", "packet", "last"));
 }
 
+// Slow controllers of many roles must not take the memory of all, nor shut the others out.
+TEST(OutgoingQueue, AllTogetherAreBoundedAndEachHasRoomOfItsOwn) {
+  const OutgoingQueue::Limits limits{.total = 10 * kOverhead, .own = 2 * kOverhead};
+  OutgoingQueue::Total all{0};
+  OutgoingQueue other(all, limits);
+  {
+    OutgoingQueue slow(all, limits);
+    while (slow.packetIs(named("slow"), 0)) {
+    }
+    EXPECT_EQ(all, 10 * kOverhead);
+    EXPECT_TRUE(other.packetIs(named("a"), 0));
+    EXPECT_TRUE(other.packetIs(named("b"), 0));
+    EXPECT_FALSE(other.packetIs(named("beyond its own"), 0));
+    slow.next();
+    slow.next();
+    slow.next();
+    EXPECT_TRUE(other.packetIs(named("c"), 0));
+  }
+  EXPECT_EQ(all, 3 * kOverhead);
+  EXPECT_THAT(drained(other), ElementsAre("a", "b", "c"));
+}
+
 // What is written while more waits need not be sent at once, what is written last must.
 TEST(OutgoingQueue, SaysWhetherMoreWaits) {
-  OutgoingQueue queue;
+  OutgoingQueue queue(total);
   queue.packetIs(named("a"), 1);
   queue.noticeIs(named("notice"));
   EXPECT_TRUE(queue.next().more);
@@ -72,7 +97,7 @@ TEST(OutgoingQueue, SaysWhetherMoreWaits) {
 }
 
 TEST(OutgoingQueue, NeverLosesTheNewestNotice) {
-  OutgoingQueue queue({.notices = 3});
+  OutgoingQueue queue(total, {.notices = 3});
   for (int i = 0; i < 10; ++i) queue.noticeIs(named(std::to_string(i)));
   const auto left = drained(queue);
   EXPECT_LE(left.size(), 3u);
@@ -80,7 +105,7 @@ TEST(OutgoingQueue, NeverLosesTheNewestNotice) {
 }
 
 TEST(OutgoingQueue, TakesNoPacketsOnceClosed) {
-  OutgoingQueue queue;
+  OutgoingQueue queue(total);
   queue.close();
   EXPECT_FALSE(queue.packetIs(named("late"), 1));
   EXPECT_EQ(queue.next().message, nullptr);

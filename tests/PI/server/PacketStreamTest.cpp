@@ -198,7 +198,7 @@ TEST_F(PacketStreamTest, TheServerStopsWithPacketsQueuedAndOthersComing) {
   PIGrpcServerShutdown();
   PIGrpcServerWait();
   done = true;
-  punting.get();
+  awaited(punting, "all packets are punted");
   EXPECT_FALSE(slow->ended().ok());
   PIGrpcServerCleanup();
   EXPECT_EQ(TheFakeDevice().alive, 0);

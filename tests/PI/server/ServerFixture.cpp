@@ -5,6 +5,7 @@
 Controller::Controller(p4::v1::P4Runtime::Stub& stub, uint64_t deviceId, std::string role) {
   update.set_device_id(deviceId);
   if (!role.empty()) update.mutable_role()->set_name(role);
+  context_.set_deadline(std::chrono::system_clock::now() + kPatience);
   stream_ = stub.StreamChannel(&context_);
 }
 
@@ -68,9 +69,13 @@ void ServerTest::start() {
 }
 
 void ServerTest::stop() {
-  PIGrpcServerShutdown();
-  PIGrpcServerWait();
-  PIGrpcServerCleanup();
+  awaited(std::async(std::launch::async,
+                     [] {
+                       PIGrpcServerShutdown();
+                       PIGrpcServerWait();
+                       PIGrpcServerCleanup();
+                     }),
+          "the server has stopped");
 }
 
 std::unique_ptr<p4::v1::P4Runtime::Stub> ServerTest::connected() const {
@@ -84,6 +89,7 @@ std::unique_ptr<p4::v1::P4Runtime::Stub> ServerTest::connected() const {
 
 grpc::Status ServerTest::push(const std::string& token, const std::string& deviceConfig) {
   grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + kPatience);
   context.AddMetadata(PIGrpcServerLocalTokenKey(), token);
   p4::v1::SetForwardingPipelineConfigRequest request;
   request.set_device_id(deviceId_);
@@ -115,6 +121,7 @@ p4::v1::WriteRequest ServerTest::writeRequest(std::optional<uint64_t> electionId
 
 grpc::Status ServerTest::write(const p4::v1::WriteRequest& request) {
   grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + kPatience);
   p4::v1::WriteResponse response;
   return stub_->Write(&context, request, &response);
 }

@@ -4,6 +4,10 @@
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,7 +17,25 @@
 
 using grpc::StatusCode;
 
-// One StreamChannel call.
+// Longer than any step of a test takes on a slow machine.
+constexpr std::chrono::seconds kPatience{120};
+
+// What the future brings. Says which step never came about, and ends the program, since the threads
+// that it is about could not be joined.
+template <typename Future>
+auto awaited(Future&& future, const char* step) {
+  if (future.wait_for(kPatience) != std::future_status::ready) {
+    std::cerr << "waited in vain until " << step << std::endl;
+    std::abort();
+  }
+  return future.get();
+}
+template <typename Value>
+auto awaited(std::promise<Value>& promise, const char* step) {
+  return awaited(promise.get_future(), step);
+}
+
+// One StreamChannel call. It ends by itself when the test's patience does.
 class Controller {
  public:
   Controller(p4::v1::P4Runtime::Stub& stub, uint64_t deviceId, std::string role = "");

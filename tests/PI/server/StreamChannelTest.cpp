@@ -137,11 +137,11 @@ TEST_F(ServerTest, ANewPrimaryIsInstalledWhenTheFormerOnesWritesAreDone) {
   std::promise<void> release;
   TheFakeDevice().onWrite = [&](const p4::v1::WriteRequest&) {
     begun.set_value();
-    release.get_future().wait();
+    awaited(release, "the test lets the Write go on");
     return FakeDevice::Status();
   };
   auto running = std::async(std::launch::async, [&] { return write(10); });
-  begun.get_future().wait();
+  awaited(begun, "the Write has begun");
 
   Controller next(*stub_, deviceId_);
   next.sendArbitration(11);
@@ -151,7 +151,7 @@ TEST_F(ServerTest, ANewPrimaryIsInstalledWhenTheFormerOnesWritesAreDone) {
   Controller other(*stub_, deviceId_, "other");
   EXPECT_EQ(other.arbitrate(1), StatusCode::OK);
   release.set_value();
-  EXPECT_TRUE(running.get().ok());
+  EXPECT_TRUE(awaited(running, "the Write has ended").ok());
   EXPECT_EQ(next.nextNotice(), StatusCode::OK);
   TheFakeDevice().onWrite = nullptr;
   EXPECT_TRUE(write(11).ok());

@@ -2,6 +2,7 @@
  * thread; none throws or aborts on what it is given. */
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -46,11 +47,56 @@ void PIGrpcServerShutdown(void);
 /* The same, but cancels all calls after the deadline, and leaves behind what does not heed it. */
 void PIGrpcServerForceShutdown(int deadline_seconds);
 /* Call it after PIGrpcServerWait(): lets devices and server go. Election ids already seen stay
- * known as long as the process lives. */
+ * known as long as the process lives, and longer where they are kept, see below. */
 void PIGrpcServerCleanup(void);
+
+/* What the server takes on before it says RESOURCE_EXHAUSTED. */
+typedef struct {
+  uint32_t connections;            /* and never more than half of the process's descriptors */
+  uint32_t streams;                /* of controllers that have arbitrated */
+  uint32_t streams_of_role;        /* of them in one role of one device */
+  uint32_t roles;                  /* with a name, that are remembered */
+  uint32_t arbitration_timeout_ms; /* for a new stream to name its role */
+  uint32_t writes;                 /* at once: one runs, the others wait for it */
+  uint32_t reads;                  /* at once */
+  uint32_t memory_mib; /* of gRPC's buffers; a quarter of it for requests being served */
+} PIGrpcServerLimits_t;
+/* Those that hold unless others are set. */
+void PIGrpcServerDefaultLimits(PIGrpcServerLimits_t* limits);
+/* At once, also for a server that runs; what stands beyond them stays. 0 counts as 1. */
+void PIGrpcServerLimitsIs(const PIGrpcServerLimits_t* limits);
+
+/* The highest election id of a role of a device: no controller below it becomes primary. It is to
+ * outlive the process wherever entries do. */
+typedef struct {
+  uint64_t device_id;
+  const char* role; /* of role_size bytes; none of them: the default role */
+  size_t role_size;
+  uint64_t high;
+  uint64_t low;
+} PIGrpcServerElectionId_t;
+/* Before the first server starts, once for each one that was saved. */
+void PIGrpcServerElectionIdIs(const PIGrpcServerElectionId_t* election_id);
+/* Both are called by threads of the server, one call at a time, and may wait. */
+typedef struct {
+  /* Whenever one rises, before the controller that raised it becomes primary. What cannot be saved
+   * holds nevertheless, as long as the process lives. */
+  void (*save)(const PIGrpcServerElectionId_t* election_id, void* cookie);
+  /* A role in which nobody is made room for another one; `high` and `low` are 0. */
+  void (*forget)(const PIGrpcServerElectionId_t* election_id, void* cookie);
+} PIGrpcServerElectionIdKeeper_t;
+/* Before the first server starts. */
+void PIGrpcServerElectionIdKeeperIs(const PIGrpcServerElectionIdKeeper_t* keeper, void* cookie);
+
+/* Forgets those of roles that have no primary, so that any id makes one again; returns of how many.
+ * Waits for the keeper. */
+size_t PIGrpcServerForgetElectionIds(void);
 
 /* Where it listens; 0 when no server runs. */
 int PIGrpcServerGetPort(void);
+/* Connections that the running server closed at once: beyond the limit, or for want of descriptors.
+ */
+uint64_t PIGrpcServerGetRefusedConnections(void);
 /* Packets sent to, and taken from, controllers of the device since the process began. */
 uint64_t PIGrpcServerGetPacketInCount(uint64_t device_id);
 uint64_t PIGrpcServerGetPacketOutCount(uint64_t device_id);

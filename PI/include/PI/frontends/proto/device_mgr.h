@@ -50,8 +50,11 @@ class DeviceMgr {
   bool has_pipeline() const;
 
   // Device, role and election id have been checked by the caller. The status carries one
-  // p4.v1.Error an update when any failed (code UNKNOWN).
-  Status write(const p4::v1::WriteRequest& request);
+  // p4.v1.Error an update when any failed (code UNKNOWN). One Write runs at a time. `admit` is
+  // asked when this one's turn has come: a status other than OK is returned as it is, with nothing
+  // done.
+  using Admit = std::function<Status()>;
+  Status write(const p4::v1::WriteRequest& request, const Admit& admit = nullptr);
   Status read(const p4::v1::ReadRequest& request, p4::v1::ReadResponse* response) const;
   // The same in pieces of less than 1 MiB each, built and handed over outside every lock.
   Status read(const p4::v1::ReadRequest& request, const ReadSink& sink) const;

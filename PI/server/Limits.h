@@ -1,0 +1,28 @@
+// How much of everything the server takes on, as operators may set it while it runs.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+namespace pi::server {
+
+// Messages larger than these are refused. Writes and pipelines are the large ones.
+constexpr size_t kMaxLargeMessageBytes = 64 << 20;
+constexpr size_t kMaxMessageBytes = 4 << 20;
+
+struct Limits {
+  size_t connections = 1024;  // and never more than half of the descriptors
+  size_t streams = 512;       // of controllers that have arbitrated
+  size_t streamsOfRole = 256;
+  size_t roles = 1024;  // remembered ones with a name
+  std::chrono::milliseconds arbitrateWithin{10'000};
+  size_t writes = 256;                     // at once: one runs, the others wait
+  size_t reads = 512;                      // at once
+  size_t memoryBytes = size_t{512} << 20;  // of gRPC's buffers, and of requests being served
+};
+
+// Thread-safe. What stands beyond new limits stays.
+Limits limits();
+void limitsAre(const Limits& limits);
+
+}  // namespace pi::server

@@ -1,0 +1,194 @@
+// What the server takes on before anybody is known, and what it says beyond that.
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <future>
+
+#include "PI/proto/pi_server.h"
+#include "tests/PI/server/ServerFixture.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+class LimitsTest : public ServerTest {
+ protected:
+  LimitsTest() { PIGrpcServerDefaultLimits(&limits_); }
+  ~LimitsTest() override {
+    PIGrpcServerDefaultLimits(&limits_);
+    apply();
+  }
+  void apply() { PIGrpcServerLimitsIs(&limits_); }
+
+  grpc::Status readWith(const p4::v1::ReadRequest& request) {
+    grpc::ClientContext context;
+    p4::v1::ReadResponse response;
+    const auto reader = stub_->Read(&context, request);
+    while (reader->Read(&response)) {
+    }
+    return reader->Finish();
+  }
+  p4::v1::ReadRequest readRequest() const {
+    p4::v1::ReadRequest request;
+    request.set_device_id(deviceId_);
+    return request;
+  }
+  // What a stream that the server ends was told last.
+  static p4::v1::StreamError lastError(Controller& controller) {
+    p4::v1::StreamError error;
+    for (auto next = controller.next(); next.update_case(); next = controller.next()) {
+      if (next.has_error()) error = next.error();
+    }
+    return error;
+  }
+
+  PIGrpcServerLimits_t limits_;
+};
+
+TEST_F(LimitsTest, MessagesAreLimitedByCall) {
+  const auto primary = served();
+  const std::string large(5 << 20, 'x');
+  auto write = writeRequest(10);
+  write.mutable_updates(0)->mutable_entity()->mutable_table_entry()->set_metadata(large);
+  EXPECT_TRUE(ServerTest::write(write).ok());
+
+  auto read = readRequest();
+  read.add_entities()->mutable_table_entry()->set_metadata(large);
+  const grpc::Status tooLarge = readWith(read);
+  EXPECT_EQ(tooLarge.error_code(), StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_THAT(tooLarge.error_message(), HasSubstr("the ReadRequest has 52"));
+  EXPECT_THAT(tooLarge.error_message(), HasSubstr("send at most 4194304"));
+
+  p4::v1::StreamMessageRequest packet;
+  packet.mutable_packet()->set_payload(large);
+  primary->send(packet);
+  const grpc::Status ended = primary->ended();
+  EXPECT_EQ(ended.error_code(), StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_THAT(ended.error_message(), HasSubstr("the stream message has 52"));
+}
+
+TEST_F(LimitsTest, OneReadDoesNotScanWithoutEnd) {
+  const auto primary = served();
+  auto request = readRequest();
+  for (int i = 0; i < 256; ++i) request.add_entities()->mutable_table_entry();
+  for (int i = 0; i < 1000; ++i) {
+    request.add_entities()->mutable_table_entry()->add_match()->set_field_id(i);
+  }
+  EXPECT_TRUE(readWith(request).ok());
+  request.add_entities()->mutable_action_profile_member();
+  const grpc::Status status = readWith(request);
+  EXPECT_EQ(status.error_code(), StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_THAT(status.error_message(), HasSubstr("257 queries that each read a whole table"));
+}
+
+TEST_F(LimitsTest, AStreamThatNamesNoRoleInTimeIsEnded) {
+  Controller settled(*stub_, deviceId_);
+  EXPECT_EQ(settled.arbitrate(1), StatusCode::OK);
+  limits_.arbitration_timeout_ms = 1;
+  apply();
+  Controller silent(*stub_, deviceId_);
+  const auto error = lastError(silent);
+  EXPECT_EQ(error.canonical_code(), StatusCode::DEADLINE_EXCEEDED);
+  EXPECT_THAT(error.message(), HasSubstr("no arbitration update within 1 ms"));
+  EXPECT_EQ(settled.arbitrate(2), StatusCode::OK);
+}
+
+TEST_F(LimitsTest, SilentStreamsMakeRoomForOthers) {
+  std::vector<std::unique_ptr<Controller>> silent;
+  for (int i = 0; i < 65; ++i) silent.push_back(std::make_unique<Controller>(*stub_, deviceId_));
+  Controller controller(*stub_, deviceId_);
+  EXPECT_EQ(controller.arbitrate(1), StatusCode::OK);
+}
+
+TEST_F(LimitsTest, ADisplacedBackupIsToldWhy) {
+  limits_.streams_of_role = 2;
+  apply();
+  Controller primary(*stub_, deviceId_);
+  EXPECT_EQ(primary.arbitrate(10), StatusCode::OK);
+  Controller idle(*stub_, deviceId_);
+  EXPECT_EQ(idle.arbitrate(std::nullopt), StatusCode::ALREADY_EXISTS);
+  Controller next(*stub_, deviceId_);
+  EXPECT_EQ(next.arbitrate(11), StatusCode::OK);
+  const auto error = lastError(idle);
+  EXPECT_EQ(error.canonical_code(), StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_THAT(error.message(), HasSubstr("election id 11"));
+  Controller late(*stub_, deviceId_);
+  late.sendArbitration(3);
+  EXPECT_EQ(late.ended().error_code(), StatusCode::RESOURCE_EXHAUSTED);
+}
+
+// One Write runs until the test lets it go on.
+class WritesInLineTest : public LimitsTest {
+ protected:
+  void beginOne() {
+    TheFakeDevice().onWrite = [this](const p4::v1::WriteRequest&) {
+      if (begun_++ == 0) {
+        firstRuns_.set_value();
+        awaited(release_, "the test lets the Write go on");
+      }
+      return FakeDevice::Status();
+    };
+    first_ = std::async(std::launch::async, [this] { return write(10); });
+    awaited(firstRuns_, "the Write has begun");
+  }
+  void endOne() {
+    release_.set_value();
+    EXPECT_TRUE(awaited(first_, "the Write has ended").ok());
+  }
+
+  std::atomic<int> begun_{0};
+  std::promise<void> firstRuns_;
+  std::promise<void> release_;
+  std::future<grpc::Status> first_;
+};
+
+TEST_F(WritesInLineTest, AreLimited) {
+  const auto primary = served(10);
+  beginOne();
+  limits_.writes = 1;
+  apply();
+  const grpc::Status status = write(10);
+  EXPECT_EQ(status.error_code(), StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_THAT(status.error_message(), HasSubstr("1 Writes are under way"));
+  EXPECT_EQ(write(9).error_code(), StatusCode::PERMISSION_DENIED);  // whoever may not write
+  endOne();
+  EXPECT_TRUE(write(10).ok());
+}
+
+TEST_F(WritesInLineTest, AreNotBegunOnceTheirClientHasGone) {
+  const auto primary = served(10);
+  beginOne();
+  const int waiting = TheFakeDevice().waiting;
+  grpc::ClientContext context;
+  auto cancelled = std::async(std::launch::async, [&] {
+    p4::v1::WriteResponse response;
+    return stub_->Write(&context, writeRequest(10), &response);
+  });
+  while (TheFakeDevice().waiting == waiting) std::this_thread::yield();
+  context.TryCancel();
+  EXPECT_EQ(awaited(cancelled, "the Write is cancelled").error_code(), StatusCode::CANCELLED);
+  EXPECT_EQ(write(9).error_code(), StatusCode::PERMISSION_DENIED);  // came after the cancellation
+  endOne();
+  stop();
+  EXPECT_EQ(begun_, 1);
+}
+
+TEST_F(WritesInLineTest, AreNotBegunOnceAHigherElectionIdHasCome) {
+  const auto primary = served(10);
+  beginOne();
+  const int waiting = TheFakeDevice().waiting;
+  auto deposed = std::async(std::launch::async, [&] { return write(10); });
+  while (TheFakeDevice().waiting == waiting) std::this_thread::yield();
+  Controller next(*stub_, deviceId_);
+  next.sendArbitration(11);
+  EXPECT_EQ(primary->nextNotice(), StatusCode::ALREADY_EXISTS);
+  endOne();
+  const grpc::Status status = awaited(deposed, "the Write is refused");
+  EXPECT_EQ(status.error_code(), StatusCode::PERMISSION_DENIED);
+  EXPECT_THAT(status.error_message(), HasSubstr("a higher election id came"));
+  EXPECT_EQ(next.nextNotice(), StatusCode::OK);
+  EXPECT_TRUE(write(11).ok());
+  EXPECT_EQ(begun_, 2);
+}
+
+}  // namespace
