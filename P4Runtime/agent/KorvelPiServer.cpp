@@ -56,10 +56,59 @@ void* piServiceThreadMain(void* arg) {
 
 }  // namespace
 
+// A value of the configuration, shown as an attribute of the server.
+class KorvelPiServer::ConfigValue : public Vela::AttributeBase {
+ public:
+  ConfigValue(KorvelPiServer& server, const char* name, const char* typeName,
+              std::function<std::string()> text)
+      : AttributeBase(server, name, Access::readOnly),
+        typeName_(typeName),
+        text_(std::move(text)) {}
+  const char* typeName() const override { return typeName_; }
+  std::string text() const override { return text_(); }
+  void textIs(std::string_view text) override { refuse(text); }
+
+ private:
+  const char* const typeName_;
+  const std::function<std::string()> text_;
+};
+
 KorvelPiServer::KorvelPiServer(Vela::ReactorLoop& loop,
                                Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> config)
     : Entity("piServer"), loop_(loop) {
   p4RtSystemConfigIs(std::move(config));
+  describeConfigValues();
+  describeOperations();
+  handleInitialized();
+}
+
+void KorvelPiServer::describeConfigValues() {
+  const auto valueIs = [this]<typename Value>(const char* name,
+                                              Value (KorvelPiServer::*value)() const) {
+    using Form = Vela::TextForm<Value>;
+    configValues_.push_back(std::make_unique<ConfigValue>(
+        *this, name, Form::typeName(), [this, value] { return Form::toText((this->*value)()); }));
+  };
+  valueIs("piServerAddr", &KorvelPiServer::piServerAddr);
+  valueIs("piServerPort", &KorvelPiServer::piServerPort);
+  valueIs("deviceId", &KorvelPiServer::deviceId);
+}
+
+// Those that would pull the server from under its calls are there to say so.
+void KorvelPiServer::describeOperations() {
+  const auto refusedIs = [this](const char* name, const std::string& reason) {
+    operationIs({name, {}, [name, reason](const auto&) -> std::string {
+                   throw Vela::BadValue(std::string(name) + " is the agent's own: " + reason);
+                 }});
+  };
+  refusedIs("handleInitialized", "the object is made already");
+  operationIs({"serverAddressPortStr", {}, [this](const auto&) { return serverAddressPortStr(); }});
+  refusedIs("startProcessing", "the server runs; a second one would find its port taken");
+  const std::string pushes =
+      "a push beside a Write in progress would take its pipeline away; set "
+      "forwardingPipelineConfigFilePath of p4runtime/config/system";
+  refusedIs("signal", pushes);
+  refusedIs("sendPipelineConfigMsg", pushes);
   operationIs({"setOperationPermissionLevel", {"permissionLevel"}, [this](const auto& arguments) {
                  const auto level = Vela::TextForm<uint32_t>::fromText(arguments.at(0));
                  if (!level || *level > writesAllowed) {
@@ -69,7 +118,14 @@ KorvelPiServer::KorvelPiServer(Vela::ReactorLoop& loop,
                  setOperationPermissionLevel(*level);
                  return "permission level is " + std::to_string(*level);
                }});
-  handleInitialized();
+  operationIs({"forgetElectionIds", {}, [](const auto&) {
+                 const Vela::ActivityLockReleased released;  // the store is changed under it
+                 return "forgotten for " + std::to_string(PIGrpcServerForgetElectionIds()) +
+                        " roles without a primary";
+               }});
+  refusedIs("doCleanup",
+            "it leaves a server without pipeline and entries; set grpcServerPort of "
+            "p4runtime/config/system to move the server");
 }
 
 KorvelPiServer::~KorvelPiServer() {

@@ -4,8 +4,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
@@ -71,9 +73,14 @@ class KorvelPiServer : public Vela::Entity {
   void doCleanup();
 
  private:
+  class ConfigValue;
+
   void handleInitialized();
+  void describeConfigValues();
+  void describeOperations();
   p4::v1::SetForwardingPipelineConfigRequest requestToPush() const;
   Vela::ReactorLoop& loop_;
+  std::vector<std::unique_ptr<ConfigValue>> configValues_;
   std::string pipelineRequest_;
   std::thread shutDownThread_;
   bool shuttingDown_ = false;  // until doCleanup()

@@ -83,6 +83,28 @@ TEST_F(ServerInitTest, AddressIsThatOfTheConfiguration) {
   EXPECT_EQ(server_->deviceId(), 0u);
 }
 
+// The order is the one by which attributes are called by number.
+TEST_F(ServerInitTest, TheServerShowsItselfAndRefusesWhatWouldTakeItDown) {
+  const Vela::ActivityLock lock;
+  std::vector<std::string> names;
+  for (const auto* attribute : server_->attributes()) names.push_back(attribute->name());
+  EXPECT_THAT(names, testing::ElementsAre("p4RtSystemConfig", "maxDevices", "signalFd", "fileDesc",
+                                          "serverReadySm", "serverReady", "initialized",
+                                          "piServerAddr", "piServerPort", "deviceId"));
+  EXPECT_EQ(server_->attribute("piServerPort")->text(),
+            std::to_string(agent().config->grpcServerPort()));
+  EXPECT_EQ(server_->operation("serverAddressPortStr")->run({}), server_->serverAddressPortStr());
+  server_->operation("setOperationPermissionLevel")->run({"1"});
+  EXPECT_EQ(level(), 1u);
+  for (const char* name :
+       {"handleInitialized", "startProcessing", "signal", "sendPipelineConfigMsg", "doCleanup"}) {
+    SCOPED_TRACE(name);
+    ASSERT_NE(server_->operation(name), nullptr);
+    EXPECT_THROW(server_->operation(name)->run({}), Vela::BadValue);
+  }
+  EXPECT_EQ(signals(), 0u);
+}
+
 TEST_F(ServerInitTest, PermissionFollowsThePipelineAndTheCriticalState) {
   const struct {
     const char* what;
