@@ -10,6 +10,7 @@
 
 #include "P4Runtime/agent/CliCommands.h"
 #include "P4Runtime/agent/ProtobufLog.h"
+#include "P4Runtime/agent/ServerLimits.h"
 #include "P4Runtime/agent/SettingChecks.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/WriteGate.h"
@@ -192,6 +193,12 @@ void Agent::doAttachKernelDevices() {
 }
 
 void Agent::doBuildServer() {
+  electionIds_ =
+      std::make_unique<ElectionIds>(runtime_.store, [this] { return tables_->inBatch(); });
+  keepElectionIdsOfServer(*electionIds_);
+  for (Vela::Observation& one : followServerLimits(*p4RtSystemConfig())) {
+    changes_.push_back(std::move(one));
+  }
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
   piContext()->piServerIs(piServer());
   TheWriteGate()->levelHandlerIs(

@@ -10,6 +10,7 @@
 #include "P4Runtime/agent/AgentRuntime.h"
 #include "P4Runtime/agent/AgentStatus.h"
 #include "P4Runtime/agent/CliSm.h"
+#include "P4Runtime/agent/ElectionIds.h"
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
 #include "P4Runtime/agent/P4RtSystemConfigSm.h"
@@ -128,6 +129,7 @@ class Agent : public Vela::Entity {
   Vela::Ptr<AgentStatus> status_;
   std::unique_ptr<DerivedFailures> derivedFailures_;
   std::unique_ptr<AgentPackets> packets_;
+  std::unique_ptr<ElectionIds> electionIds_;
   std::unique_ptr<Vela::Timer> statusTimer_;
   std::vector<Vela::Observation> changes_;
 };

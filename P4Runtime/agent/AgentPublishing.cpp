@@ -11,6 +11,7 @@
 #include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "PI/frontends/proto/device_mgr.h"
+#include "PI/proto/pi_server.h"
 
 namespace P4Runtime {
 namespace {
@@ -41,7 +42,10 @@ void Agent::doPublish() {
   changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe(update));
   changes_.push_back(piServer()->serverReadyAttribute().observe(update));
   changes_.push_back(p4TableInfo()->tableInfoStateAttribute().observe(update));
-  statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] { doUpdateStatus(); });
+  statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] {
+    doUpdateStatus();
+    status_->electionIdsNotKeptIs(electionIds_->keepUnkept());
+  });
   statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
 }
 
@@ -75,6 +79,7 @@ void Agent::doUpdateStatus() {
   status_->doorbellMessagesDroppedIs(tables_->droppedMessages());
   status_->failedEntriesIs(tableImpl()->failures()->failedEntries());
   status_->reportsOnNoRowIs(tableImpl()->failures()->reportsOnNoRow());
+  status_->connectionsRefusedIs(PIGrpcServerGetRefusedConnections());
   status_->stateDirectoryBytesIs(runtime_.store.bytesUsed());
 }
 

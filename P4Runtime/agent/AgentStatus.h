@@ -33,6 +33,8 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint64_t, doorbellMessagesDropped, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, failedEntries, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, stateDirectoryBytes, 0)
+  VELA_READONLY_ATTRIBUTE(uint64_t, electionIdsNotKept, 0)  // a restart would forget them
+  VELA_READONLY_ATTRIBUTE(uint64_t, connectionsRefused, 0)  // since the server started
 };
 
 }  // namespace P4Runtime

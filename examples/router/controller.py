@@ -129,11 +129,12 @@ class Controller:
         request.arbitration.device_id = self.device_id
         request.arbitration.election_id.CopyFrom(self.election_id)
         self._requests.put(request)
-        status = self._arbitration_answer().status
-        if status.code != grpc.StatusCode.OK.value[0]:
+        answer = self._arbitration_answer()
+        if answer.status.code != grpc.StatusCode.OK.value[0]:
             raise ControllerError(
-                f"another controller is primary with a higher election id than "
-                f"{self.election_id.low}; choose a higher one ({status.message})")
+                f"election id {self.election_id.low} is below {answer.election_id.low}, which the"
+                f" switch knows of an earlier controller; choose that or a higher one"
+                f" ({answer.status.message})")
 
     def _receive(self, stream):
         try:

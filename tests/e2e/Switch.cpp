@@ -12,6 +12,7 @@ namespace {
 Pipeline pipelineFor(const Switch::Options& options, const TempDir& directory) {
   Pipeline pipeline = Router::pipeline();
   if (options.routeTableSize) pipeline.tableSizeIs(Router::routeTable, options.routeTableSize);
+  pipeline.request().set_device_id(options.deviceId);
   if (options.pipelineChange) options.pipelineChange(pipeline);
   pipeline.written(directory.file("pipeline.pb.bin"));
   return pipeline;
@@ -20,6 +21,7 @@ Pipeline pipelineFor(const Switch::Options& options, const TempDir& directory) {
 AgentOptions agentOptions(const Switch::Options& options, const TempDir& directory) {
   return {.stateDirectory = directory.file("state"),
           .pipelineFile = directory.file("pipeline.pb.bin"),
+          .deviceId = options.deviceId,
           .batchTimeout = options.batchTimeout,
           .pluginDirectory = options.pluginDirectory,
           .enabled = options.enabled,
@@ -54,7 +56,8 @@ bool Switch::startForwarder() {
 }
 
 bool Switch::connectController() {
-  controller_ = std::make_unique<TestController>(agent.address(), ++electionId_);
+  controller_ = std::make_unique<TestController>(agent.address(), ++electionId_,
+                                                 agent.options().deviceId);
   controller_->onPacketInIs(onPacketIn);
   return controller_->becomePrimary();
 }

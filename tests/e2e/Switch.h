@@ -27,6 +27,7 @@ class Switch {
   struct Options {
     double batchTimeout = 20;  // seconds
     std::vector<std::string> forwarder;
+    uint64_t deviceId = 1;
     int64_t routeTableSize = 0;  // 0: as the pipeline file says
     std::string pluginDirectory;
     bool enabled = true;
@@ -48,6 +49,7 @@ class Switch {
   TestSupport::AgentProcess agent;
   TestSupport::ForwarderProcess forwarder;
   TestSupport::TestController& controller() { return *controller_; }
+  uint64_t electionId() const { return electionId_; }  // the controller's
   // Set it before start(): called for each packet-in, on the stream's thread.
   std::function<void(const p4::v1::PacketIn&)> onPacketIn;
   const TestSupport::Pipeline& pipeline() const { return pipeline_; }
