@@ -34,6 +34,7 @@ void AgentConfigSm::handleAgentExitRequest() {
 }
 
 void AgentConfigSm::handleFlushEntityLogComplete() {
+  SCRIVEL_TRACE(0, "handleFlushEntityLogComplete");
   assert(agentConfig()->exitRequested());
   runtime_.exit(0);
 }

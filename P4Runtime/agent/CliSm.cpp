@@ -66,6 +66,7 @@ CliSm::CliSm(Vela::ReactorLoop& loop, Vela::Ptr<CliConfigDir> configDir,
 CliSm::~CliSm() { *alive_ = nullptr; }
 
 void CliSm::handleRequest(const std::string& id) {
+  SCRIVEL_TRACE(3, "handleRequest", " ", id);
   if (configDir_->entityHas(id)) {
     loop_.post([alive = alive_, id] {
       if (*alive) (*alive)->doExecute(id);

@@ -46,6 +46,7 @@ void QueryConfigSm::handleQueryConfig(const std::string& path) {
 
 // Its tables may go next.
 void QueryConfigSm::handleActive(const std::string& path) {
+  SCRIVEL_TRACE(5, "handleActive", " ", path);
   if (!configs_->activeQueryConfigHas(path)) {
     engine_.queryDel(path);
     scheduleReaders(path);
@@ -71,6 +72,7 @@ void QueryConfigSm::scheduleReaders(const std::string& path) {
 }
 
 void QueryConfigSm::handleProgress(const std::string& path) {
+  SCRIVEL_TRACE(5, "handleProgress", " ", path);
   const auto found = watched_.find(path);
   if (found == watched_.end()) return;  // deleted meanwhile
   doPublish(*Ptr<QueryConfig>(found->second.config));

@@ -54,6 +54,7 @@ struct InterfaceStatusSm::Impl {
 };
 
 void InterfaceStatusSm::Impl::handleDevice(const std::string& name) {
+  SCRIVEL_TRACE(5, "handleDevice", " ", name);
   const auto device = devices->device(name);
   const auto known = intfs.find(name);
   if (known != intfs.end() && known->second.device == device) return;
@@ -85,6 +86,7 @@ void InterfaceStatusSm::Impl::doRemove(const std::string& name) {
 }
 
 void InterfaceStatusSm::Impl::handleAttributes(const std::string& name) {
+  SCRIVEL_TRACE(5, "handleAttributes", " ", name);
   const auto found = intfs.find(name);
   if (found == intfs.end()) return;
   const auto device = found->second.device;
@@ -96,6 +98,7 @@ void InterfaceStatusSm::Impl::handleAttributes(const std::string& name) {
 }
 
 void InterfaceStatusSm::Impl::handleConfig(const std::string& name) {
+  SCRIVEL_TRACE(5, "handleConfig", " ", name);
   const Vela::Ptr<EthPhyIntfConfig> config =
       dynamic_cast<EthPhyIntfConfig*>(directories.ethPhyConfig->entity(name).get());
   if (!config) {
