@@ -25,12 +25,15 @@
 #include "platform/orrery/Server.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/Descriptors.h"
 #include "platform/vela/ReactorLoop.h"
 
 namespace {
 
 constexpr int failed = 1;
 constexpr int usage = 2;
+// What the agent opens itself; clients come on top.
+constexpr size_t ownDescriptors = 96;
 
 struct Options {
   std::string config;
@@ -164,6 +167,8 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
 int agentMain(const Options& options) {
   signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write
   try {
+    Vela::raiseDescriptorLimit();
+    Vela::requireDescriptors(ownDescriptors);
     runAgent(options, *new StopWatcher);
     return 0;
   } catch (const StartFailure& failure) {

@@ -10,8 +10,9 @@
 #include <cerrno>
 #include <chrono>
 #include <system_error>
-#include <thread>
 #include <utility>
+
+#include "platform/vela/Failure.h"
 
 namespace {
 
@@ -37,7 +38,7 @@ StopWatcher::StopWatcher() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signalFd_ = opened(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
   wakeFd_ = opened(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-  std::thread([this] { run(); }).detach();
+  Vela::startThread("watch for signals", [this] { run(); }).detach();
 }
 
 void StopWatcher::onRequestIs(std::function<void()> request) {

@@ -1,14 +1,10 @@
 // Both ends of the control socket.
 #include "forwarder/ControlSocket.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -18,41 +14,20 @@ namespace {
 constexpr size_t maxLine = 65536;  // bytes
 constexpr size_t maxClients = 16;
 
-sockaddr_un addressOf(const std::string& path) {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof address.sun_path) {
-    throw ControlError("the path " + path + " is too long for a socket; use a shorter --state-dir");
-  }
-  path.copy(address.sun_path, path.size());
-  return address;
-}
-
-int socketTo(const std::string& path, int flags) {
-  const sockaddr_un address = addressOf(path);
-  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
-  if (descriptor < 0) return -1;
-  if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    return descriptor;
-  }
-  const int error = errno;
-  close(descriptor);
-  errno = error;
-  return -1;
-}
-
 // A process that was killed may still be on its way out, and take connections: only an answer
 // counts, or a silence that a busy forwarder may need.
-bool someoneAnswers(const std::string& path) {
+bool forwarderAnswers(int connection) {
   constexpr int patienceMs = 2000;
-  const int descriptor = socketTo(path, SOCK_NONBLOCK);
-  if (descriptor < 0) return errno == EAGAIN;
-  pollfd answer{descriptor, POLLIN, 0};
+  pollfd answer{connection, POLLIN, 0};
   char byte;
-  const bool alive = ::send(descriptor, "help\n", 5, MSG_NOSIGNAL) == 5 &&
-                     (poll(&answer, 1, patienceMs) == 0 || recv(descriptor, &byte, 1, 0) == 1);
-  close(descriptor);
-  return alive;
+  return ::send(connection, "help\n", 5, MSG_NOSIGNAL) == 5 &&
+         (poll(&answer, 1, patienceMs) == 0 || recv(connection, &byte, 1, 0) == 1);
+}
+
+// The directory comes later, or descriptors and memory do.
+bool passes(int error) {
+  return error == ENOENT || error == EMFILE || error == ENFILE || error == ENOBUFS ||
+         error == ENOMEM;
 }
 
 }  // namespace
@@ -62,66 +37,41 @@ std::string controlPath(const std::string& stateDirectory, const std::string& na
 }
 
 ControlSocket::ControlSocket(std::string path, Command command)
-    : path_(std::move(path)), command_(std::move(command)) {
-  addressOf(path_);
-}
+    : path_(std::move(path)), command_(std::move(command)) {}
 
 ControlSocket::~ControlSocket() { doClose(); }
 
-bool ControlSocket::ours() const {
-  struct stat found {};
-  return stat(path_.c_str(), &found) == 0 && found.st_dev == device_ && found.st_ino == inode_;
-}
-
 // The path goes first: whoever waits for our end may then make its own.
 void ControlSocket::doClose() {
-  if (listener_ >= 0 && ours()) unlink(path_.c_str());
+  listener_.reset();
   for (const Client& client : clients_) close(client.descriptor);
   clients_.clear();
-  if (listener_ >= 0) close(std::exchange(listener_, -1));
 }
 
 void ControlSocket::maybeListen() {
   if (listening()) {
-    if (ours()) return;
+    if (listener_->inPlace()) return;
     doClose();
-  }
-  struct stat found {};
-  if (lstat(path_.c_str(), &found) == 0) {
-    if (!S_ISSOCK(found.st_mode)) {
-      throw ControlError(path_ + " is no socket; remove it, or choose another --name");
-    }
-    if (someoneAnswers(path_)) {
-      throw ControlError("a forwarder of this name runs already and listens on " + path_ +
-                         "; choose another --name");
-    }
-    unlink(path_.c_str());
   }
   doListen();
 }
 
-// Without the directory there is nothing to do yet: the next call tries again.
-void ControlSocket::doListen() {
-  const sockaddr_un address = addressOf(path_);
-  const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (descriptor < 0) return;
-  struct stat made {};
-  if (bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      listen(descriptor, maxClients) != 0 || stat(path_.c_str(), &made) != 0) {
-    const int error = errno;
-    close(descriptor);
-    if (error == ENOENT) return;
-    throw ControlError("cannot listen on " + path_ + ": " + std::strerror(error) +
-                       "; check the state directory's permissions");
+void ControlSocket::doListen() try {
+  listener_ = std::make_unique<Vela::UnixListener>(
+      Vela::UnixListenerOptions{.path = path_, .alive = forwarderAnswers});
+} catch (const std::system_error& e) {
+  const int error = e.code().value();
+  if (passes(error)) return;  // the next call tries again
+  if (error == EADDRINUSE) {
+    throw ControlError("a forwarder of this name runs already and listens on " + path_ +
+                       "; choose another --name");
   }
-  listener_ = descriptor;
-  device_ = made.st_dev;
-  inode_ = made.st_ino;
+  throw ControlError(e.what());
 }
 
 void ControlSocket::pollDescriptors(std::vector<pollfd>& out) const {
   if (!listening()) return;
-  out.push_back({listener_, POLLIN, 0});
+  if (!noRoom_) out.push_back({listener_->descriptor(), POLLIN, 0});
   for (const Client& client : clients_) {
     const int events = client.later ? 0 : client.answered ? POLLOUT : POLLIN;
     out.push_back({client.descriptor, static_cast<short>(events), 0});
@@ -143,13 +93,20 @@ void ControlSocket::serve() {
 
 void ControlSocket::acceptClients() {
   for (;;) {
-    const int descriptor = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (descriptor < 0) return;
-    if (clients_.size() == maxClients) {  // whoever waits longest has gone to sleep
+    Vela::UnixListener::Caller caller;
+    const auto turn = listener_->accept(&caller);
+    noRoom_ = turn == Vela::UnixListener::Turn::noRoom;
+    if (turn != Vela::UnixListener::Turn::caller) return;
+    if (!caller.refusal.empty()) {
+      const std::string words = "error " + caller.refusal + '\n';
+      ::send(caller.socket.get(), words.data(), words.size(), MSG_NOSIGNAL);
+      continue;
+    }
+    if (clients_.size() == maxClients) {  // the one that waits longest has gone to sleep
       close(clients_.front().descriptor);
       clients_.pop_front();
     }
-    clients_.push_back({.descriptor = descriptor});
+    clients_.push_back({.descriptor = caller.socket.release()});
   }
 }
 
@@ -206,8 +163,12 @@ bool ControlSocket::send(Client& client) {
 }
 
 Answer asked(const std::string& path, const std::string& line) {
-  const int descriptor = socketTo(path, 0);
-  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), path);
+  const Vela::UnixAddress address(path);
+  const Vela::UniqueFd connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int descriptor = connection.get();
+  if (descriptor < 0 || connect(descriptor, address.get(), Vela::UnixAddress::size()) != 0) {
+    throw std::system_error(errno, std::generic_category(), path);
+  }
   const std::string question = line + '\n';
   std::string text;
   if (::send(descriptor, question.data(), question.size(), MSG_NOSIGNAL) ==
@@ -216,7 +177,6 @@ Answer asked(const std::string& path, const std::string& line) {
     ssize_t got = 0;
     while ((got = recv(descriptor, buffer, sizeof buffer, 0)) > 0) text.append(buffer, got);
   }
-  close(descriptor);
   if (text.starts_with("ok\n")) return {true, text.substr(3)};
   if (text.starts_with("error ") && text.ends_with('\n')) {
     return {false, text.substr(6, text.size() - 7)};

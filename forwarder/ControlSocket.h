@@ -5,24 +5,27 @@
 
 #include <functional>
 #include <list>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "forwarder/Commands.h"
+#include "platform/vela/UnixListener.h"
 
 namespace Forwarder {
 
 // DIRECTORY/forwarder-NAME.sock
 std::string controlPath(const std::string& stateDirectory, const std::string& name);
 
-// Another forwarder answers at the path, or the path cannot be a socket's.
+// Another forwarder listens at the path, or the path cannot be a socket's.
 class ControlError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// Never blocks: a client that reads slowly keeps its answer waiting, and nobody else's.
-// An answer is the line "ok" and the text, or the line "error REASON"; then the connection ends.
+// For this user and root alone. Never blocks: a client that reads slowly keeps its answer waiting,
+// and nobody else's. An answer is the line "ok" and the text, or the line "error REASON"; then the
+// connection ends.
 class ControlSocket {
  public:
   using Command = std::function<Answer(std::string_view line)>;
@@ -35,7 +38,7 @@ class ControlSocket {
   // that a killed forwarder left is replaced; to know it, this may wait for an answer. Throws
   // ControlError.
   void maybeListen();
-  bool listening() const { return listener_ >= 0; }
+  bool listening() const { return listener_ != nullptr; }
   void pollDescriptors(std::vector<pollfd>& out) const;  // appends what to wait for
   void serve();  // does what can be done without waiting; asks for answers that are yet to come
 
@@ -48,7 +51,6 @@ class ControlSocket {
     bool answered = false;
     std::function<std::optional<Answer>()> later;  // set: the answer is yet to come
   };
-  bool ours() const;  // whether the path still leads to our socket
   void doListen();
   void doClose();
   void acceptClients();
@@ -60,13 +62,12 @@ class ControlSocket {
 
   const std::string path_;
   const Command command_;
-  int listener_ = -1;
-  dev_t device_ = 0;  // of the socket's file, to know it again
-  ino_t inode_ = 0;
+  std::unique_ptr<Vela::UnixListener> listener_;
+  bool noRoom_ = false;  // no descriptor for the client that waits: not polled for
   std::list<Client> clients_;
 };
 
-// The client's side. Answers the answer; throws std::system_error when there is no forwarder.
+// The client's side. Throws std::system_error when there is no forwarder.
 Answer asked(const std::string& path, const std::string& line);
 
 }  // namespace Forwarder

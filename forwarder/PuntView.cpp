@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/orrery/Client.h"
+#include "platform/vela/Failure.h"
 
 namespace Forwarder {
 namespace {
@@ -51,7 +52,7 @@ Came waited(Orrery::Client& client) {
 PuntView::PuntView(std::string stateDirectory, std::function<void()> changed)
     : stateDirectory_(std::move(stateDirectory)),
       changed_(std::move(changed)),
-      thread_([this] { run(); }) {}
+      thread_(Vela::startThread("follow the agent's ports", [this] { run(); })) {}
 
 PuntView::~PuntView() {
   stopping_ = true;

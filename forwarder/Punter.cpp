@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "forwarder/Rules.h"
+#include "platform/vela/Failure.h"
 
 namespace Forwarder {
 namespace {
@@ -63,7 +64,7 @@ Punter::~Punter() {
 void Punter::start() {
   if (started()) return;
   ring(wake_);  // it looks around at once
-  thread_ = std::thread([this] { run(); });
+  thread_ = Vela::startThread("punt packets", [this] { run(); });
 }
 
 void Punter::valuesIs(PuntValues values) {

@@ -1,7 +1,6 @@
 #include "P4Runtime/agent/Agent.h"
 
 #include <fmt/format.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -95,7 +94,8 @@ void Agent::doBuildTableProgramming() {
   p4HandleMgrIs(Vela::make<P4HandleMgr>());
   piContext()->p4HandleMgrIs(p4HandleMgr());
   batchStatusIs(Vela::make<BatchStatus>("batchStatus", tables_.get()));
-  batchStatus()->notifyFdIs(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  notifyEvent_ = Vela::selectableEvent("the reports of forwarding agents");
+  batchStatus()->notifyFdIs(notifyEvent_.get());
   piContext()->batchStatusIs(batchStatus());
   TheWriteGateIs(Vela::make<WriteGate>(runtime_.loop, batchStatus(), p4RtSystemStatus()));
   agentConfigSmIs(Vela::make<AgentConfigSm>(runtime_, agentConfig()));

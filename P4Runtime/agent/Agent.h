@@ -31,6 +31,7 @@
 #include "platform/plugin/PluginLoader.h"
 #include "platform/pollen/QueryConfigSm.h"
 #include "platform/pollen/TypeService.h"
+#include "platform/vela/Descriptors.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/Timer.h"
 #include "platform/wirra/InterfaceStatus.h"
@@ -127,6 +128,7 @@ class Agent : public Vela::Entity {
   Vela::Ptr<Pollen::TypeService> typeService_;
   Vela::Ptr<const HwStatusDir> hwStatusDir_;
   Vela::Ptr<AgentStatus> status_;
+  Vela::UniqueFd notifyEvent_;
   std::unique_ptr<DerivedFailures> derivedFailures_;
   std::unique_ptr<AgentPackets> packets_;
   std::unique_ptr<ElectionIds> electionIds_;

@@ -20,6 +20,7 @@
 #include "PI/proto/pi_server.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/Failure.h"
 
 namespace P4Runtime {
 namespace {
@@ -250,7 +251,7 @@ void KorvelPiServer::setOperationPermissionLevel(uint32_t level) {
 void KorvelPiServer::doShutDown(std::function<void()> done) {
   serverReadyIs(false);
   shuttingDown_ = true;
-  shutDownThread_ = std::thread([this, done = std::move(done)] {
+  shutDownThread_ = Vela::startThread("stop the server", [this, done = std::move(done)] {
     PIGrpcServerWaitStarted(secondsToStart);
     PIGrpcServerShutdown();
     pthread_join(serverThread, nullptr);

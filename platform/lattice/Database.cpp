@@ -59,7 +59,7 @@ class DatabaseImpl final : public Database {
         options_(options),
         types_(store.table(typesTable)),
         journal_(store),
-        doorbell_(loop, options.doorbellPath, identityOf(store), journal_),
+        doorbell_(loop, options.doorbellPath, options.attachWithin, identityOf(store), journal_),
         scopeEnd_([this] { handleScopeEnd(); }) {}
   ~DatabaseImpl() override {
     *alive_ = false;

@@ -2,6 +2,7 @@
 // changes, and the doorbell socket on which forwarding agents follow and report.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -79,6 +80,7 @@ struct SubscriberInfo {
 struct DatabaseOptions {
   std::string doorbellPath;                         // Unix socket; replaced when stale
   size_t journalChangesWithoutSubscriber = 100000;  // beyond it a late subscriber takes a snapshot
+  std::chrono::milliseconds attachWithin{10000};    // of connecting; else disconnected
 };
 
 // One a process. Commits what was written outside a batch at the end of the outermost activity

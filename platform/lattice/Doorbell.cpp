@@ -1,13 +1,13 @@
 #include "platform/lattice/Doorbell.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/FileDescriptor.h"
 #include "platform/vela/PlainText.h"
 
 namespace Lattice {
@@ -15,20 +15,24 @@ namespace {
 
 Scrivel::TraceHandle trace("LatticeDoorbell");
 
-constexpr size_t maxPeers = 64;      // a bit each
+constexpr size_t maxClients = 80;    // some more than may attach, who have a bit each
 constexpr int messagesPerTurn = 64;  // so that one subscriber cannot keep the reactor
 constexpr uint64_t neverInStep = UINT64_MAX;
 
-std::pair<uint64_t, uint64_t> fileAt(const std::string& path) {
-  struct stat status {};
-  stat(path.c_str(), &status);
-  return {status.st_dev, status.st_ino};
+Vela::UnixServerOptions serverOptions(const std::string& path, std::chrono::milliseconds silence) {
+  Vela::UnixServerOptions options;
+  options.listener = {.path = path, .type = SOCK_SEQPACKET};
+  options.mostClients = maxClients;
+  options.silence = silence;
+  options.refusal = [](std::string_view reason) { return RefusedMessage{reason}.encode(); };
+  return options;
 }
 
 }  // namespace
 
 struct Doorbell::Peer {
   Socket socket;
+  std::unique_ptr<Vela::UnixSeat> seat;  // goes before the socket
   Vela::Ptr<Vela::FileDescriptor> watch;
   Subscribers bit = 0;
   bool attached = false;
@@ -38,50 +42,38 @@ struct Doorbell::Peer {
   uint64_t inStepUpTo = neverInStep;  // said after a snapshot; neverInStep: not said
 };
 
-Doorbell::Doorbell(Vela::ReactorLoop& loop, const std::string& path, const StoreIdentity& identity,
+Doorbell::Doorbell(Vela::ReactorLoop& loop, const std::string& path,
+                   std::chrono::milliseconds silence, const StoreIdentity& identity,
                    const Journal& journal)
     : loop_(loop),
-      path_(path),
       identity_(identity),
       journal_(journal),
-      listener_(listeningAt(path)),
-      watch_(Vela::make<Vela::FileDescriptor>(loop, "doorbell")),
-      buffer_(maxMessageBytes, '\0') {
-  file_ = fileAt(path);
-  watch_->descriptorIs(listener_.descriptor());
-  watch_->onReadableIs([this] { handleConnection(); });
-}
+      buffer_(maxMessageBytes, '\0'),
+      server_(loop, serverOptions(path, silence),
+              [this](Vela::UnixClient client) { handleClient(std::move(client)); }) {}
 
 Doorbell::~Doorbell() {
-  watch_->onReadableIs(nullptr);
-  watch_->descriptorIs(-1);
   for (const auto& peer : peers_) {
     peer->watch->onReadableIs(nullptr);
     peer->watch->descriptorIs(-1);
   }
-  // Unless the directory was made anew meanwhile, and the socket there is another agent's.
-  if (fileAt(path_) == file_) unlink(path_.c_str());
 }
 
-void Doorbell::handleConnection() {
-  Socket socket(accept4(listener_.descriptor(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!socket) return;
+void Doorbell::handleClient(Vela::UnixClient client) {
   auto peer = std::make_unique<Peer>();
-  peer->socket = std::move(socket);
-  int pid = 0;
-  if (!peerMayAttach(peer->socket.descriptor(), &pid)) {
-    return refuse(*peer, "only processes of the agent's user may attach");
-  }
-  Subscribers taken = 0;
-  for (const auto& other : peers_) taken |= other->bit;
-  if (peers_.size() >= maxPeers) return refuse(*peer, "64 subscribers are attached already");
-  peer->bit = Subscribers{1} << std::countr_one(taken);
-  peer->info.pid = pid;
+  peer->socket = Socket(client.socket.release());
+  peer->seat = std::move(client.seat);
+  peer->info.pid = client.pid;
   peer->watch = Vela::make<Vela::FileDescriptor>(loop_, "subscriber");
   peer->watch->descriptorIs(peer->socket.descriptor());
   Peer* raw = peer.get();
   peer->watch->onReadableIs([this, raw] { handleReadable(*raw); });
   peers_.push_back(std::move(peer));
+}
+
+Subscribers Doorbell::freeBit() const {
+  const Subscribers taken = attachedSet();
+  return taken == ~Subscribers{0} ? 0 : Subscribers{1} << std::countr_one(taken);
 }
 
 void Doorbell::refuse(Peer& peer, std::string_view reason) {
@@ -114,6 +106,13 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
     if (isForeignAttach(message)) refuse(peer, "the agent speaks another version");
     return false;
   }
+  peer.bit = freeBit();
+  if (peer.bit == 0) {
+    refuse(peer, "64 subscribers are attached already");
+    shutdown(peer.socket.descriptor(), SHUT_RDWR);  // what is read next is the end
+    return true;
+  }
+  peer.seat->heard();
   const uint64_t last = journal_.lastSequence();
   const bool continues = attach->identity == identity_ && attach->sequence <= last &&
                          attach->sequence >= journal_.trimmedUpTo();

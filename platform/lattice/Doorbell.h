@@ -1,13 +1,13 @@
 // The agent's end of the doorbell socket: who is attached, waking them, and what they report.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <span>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/lattice/Database.h"
@@ -15,16 +15,16 @@
 #include "platform/lattice/DoorbellSocket.h"
 #include "platform/lattice/Journal.h"
 #include "platform/lattice/ReportBook.h"
-#include "platform/vela/FileDescriptor.h"
+#include "platform/vela/UnixServer.h"
 
 namespace Lattice {
 
 // Call with the activity lock held; calls back on the reactor with it held.
 class Doorbell {
  public:
-  // Throws std::system_error.
-  Doorbell(Vela::ReactorLoop& loop, const std::string& path, const StoreIdentity& identity,
-           const Journal& journal);
+  // A client that does not attach within `silence` is disconnected. Throws std::system_error.
+  Doorbell(Vela::ReactorLoop& loop, const std::string& path, std::chrono::milliseconds silence,
+           const StoreIdentity& identity, const Journal& journal);
   ~Doorbell();
 
   void observerIs(Database::Observer observer) { observer_ = std::move(observer); }
@@ -37,7 +37,8 @@ class Doorbell {
 
  private:
   struct Peer;
-  void handleConnection();
+  void handleClient(Vela::UnixClient client);
+  Subscribers freeBit() const;  // 0: none
   void handleReadable(Peer& peer);
   bool handleMessage(Peer& peer, std::string_view message);
   bool handleAttach(Peer& peer, std::string_view message);
@@ -53,13 +54,9 @@ class Doorbell {
   Subscribers attachedSet() const;
 
   Vela::ReactorLoop& loop_;
-  const std::string path_;
   const StoreIdentity identity_;
   const Journal& journal_;
   Database::Observer observer_;
-  Socket listener_;
-  std::pair<uint64_t, uint64_t> file_;  // device and inode of the socket's file
-  Vela::Ptr<Vela::FileDescriptor> watch_;
   std::vector<std::unique_ptr<Peer>> peers_;
   ReportBook book_;
   std::string buffer_;             // of the message being read
@@ -67,6 +64,7 @@ class Doorbell {
   std::deque<std::string> texts_;  // theirs, as far as they had to be mended
   uint64_t lastId_ = 0;
   uint64_t droppedMessages_ = 0;
+  Vela::UnixServer server_;
 };
 
 }  // namespace Lattice

@@ -30,12 +30,7 @@ class Socket {
   int descriptor_ = -1;
 };
 
-// Listens at `path`, which only its owner may connect to; a socket that nobody listens on any more
-// is replaced. Throws std::system_error.
-Socket listeningAt(const std::string& path);
-// Not a socket when there is nobody; then `error` is the errno.
+// A connection; without one, `error` is the errno.
 Socket connectedTo(const std::string& path, int* error);
-// Whether the other side runs as this user or as root; tells its process id.
-bool peerMayAttach(int descriptor, int* pid);
 
 }  // namespace Lattice

@@ -3,13 +3,14 @@
 #include <cjson/cJSON.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <utility>
+
+#include "platform/vela/UnixListener.h"
 
 namespace Orrery {
 namespace {
@@ -31,31 +32,30 @@ using std::chrono::steady_clock;
 }  // namespace
 
 Client::Client(const std::string& stateDirectory) : path_(stateDirectory + "/orrery.sock") {
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  if (path_.size() >= sizeof address.sun_path) failConnect(ENAMETOOLONG, path_);
-  std::memcpy(address.sun_path, path_.data(), path_.size());
-  socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (socket_ < 0) failConnect(errno, path_);
-  if (connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    const int error = errno;
-    close(socket_);
-    failConnect(error, path_);
+  try {
+    const Vela::UnixAddress address(path_);
+    Vela::UniqueFd made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!made || connect(made.get(), address.get(), Vela::UnixAddress::size()) != 0) {
+      failConnect(errno, path_);
+    }
+    socket_ = std::move(made);
+  } catch (const std::system_error& e) {
+    failConnect(e.code().value(), path_);
   }
 }
 
-Client::~Client() { close(socket_); }
+Client::~Client() = default;
 
 int64_t Client::agentPid() const {
   ucred peer{};
   socklen_t size = sizeof peer;
-  return getsockopt(socket_, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+  return getsockopt(socket_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
 Json Client::request(const cJSON& request) {
   const std::string text = jsonLine(request) + "\n";
   for (size_t sent = 0; sent < text.size();) {
-    const ssize_t n = send(socket_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+    const ssize_t n = send(socket_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) throw ClientError("the agent closed " + path_ + "; look whether it still runs");
     sent += n;
@@ -91,13 +91,13 @@ std::optional<std::string> Client::line(std::optional<milliseconds> timeout) {
       const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
       wait = static_cast<int>(std::max<int64_t>(left.count(), 0));
     }
-    pollfd watched{socket_, POLLIN, 0};
+    pollfd watched{socket_.get(), POLLIN, 0};
     const int ready = poll(&watched, 1, wait);
     if (ready == 0) return std::nullopt;
     if (ready < 0 && errno != EINTR) return std::nullopt;
     if (ready < 0) continue;
     char block[65536];
-    const ssize_t got = recv(socket_, block, sizeof block, 0);
+    const ssize_t got = recv(socket_.get(), block, sizeof block, 0);
     if (got < 0 && errno == EINTR) continue;
     if (got <= 0) return std::nullopt;
     input_.append(block, got);

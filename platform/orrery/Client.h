@@ -10,6 +10,7 @@
 
 #include "platform/orrery/Json.h"
 #include "platform/orrery/Requests.h"
+#include "platform/vela/Descriptors.h"
 
 namespace Orrery {
 
@@ -56,7 +57,7 @@ class Client {
   std::optional<std::string> line(std::optional<std::chrono::milliseconds> timeout);
   std::string path_;
   std::chrono::milliseconds timeout_ = std::chrono::seconds(10);
-  int socket_ = -1;
+  Vela::UniqueFd socket_;
   std::string input_;
 };
 

@@ -2,7 +2,6 @@
 
 #include <cjson/cJSON.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -14,26 +13,24 @@ static Scrivel::TraceHandle trace("OrreryServer");
 
 namespace Orrery {
 
-ServerConnection::ServerConnection(Vela::ReactorLoop& loop, Database& database, int socket,
+ServerConnection::ServerConnection(Vela::ReactorLoop& loop, Database& database,
+                                   Vela::UnixClient client,
                                    std::function<void(ServerConnection*)> closed)
     : loop_(loop),
       database_(database),
-      socket_(socket),
+      client_(std::move(client)),
       closed_(std::move(closed)),
       descriptor_(Vela::make<Vela::FileDescriptor>(loop, "orrery client")) {
-  descriptor_->descriptorIs(socket);
+  descriptor_->descriptorIs(client_.socket.get());
   watchSocket();
 }
 
-ServerConnection::~ServerConnection() {
-  descriptor_->descriptorIs(-1);
-  if (socket_ >= 0) ::close(socket_);
-}
+ServerConnection::~ServerConnection() { descriptor_->descriptorIs(-1); }
 
 void ServerConnection::close() {
-  if (socket_ < 0) return;
+  if (!open()) return;
   descriptor_->descriptorIs(-1);
-  ::close(std::exchange(socket_, -1));
+  client_ = {};
   watches_.clear();
   output_.clear();
   // Not at once: a caller above us may still use this object.
@@ -41,7 +38,7 @@ void ServerConnection::close() {
 }
 
 void ServerConnection::watchSocket() {
-  if (socket_ < 0) return;
+  if (!open()) return;
   if (!reading_ && output_.empty()) return close();
   if (reading_ && output_.size() < pauseBytes) {
     descriptor_->onReadableIs([this] { handleReadable(); });
@@ -58,7 +55,7 @@ void ServerConnection::watchSocket() {
 void ServerConnection::handleReadable() {
   const Vela::Ptr<ServerConnection> alive(this);
   char block[16384];
-  const ssize_t got = recv(socket_, block, sizeof block, 0);
+  const ssize_t got = recv(client_.socket.get(), block, sizeof block, 0);
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (got <= 0) {
     reading_ = false;  // it may still wait for answers
@@ -68,7 +65,10 @@ void ServerConnection::handleReadable() {
   for (size_t end; reading_ && (end = input_.find('\n')) != std::string::npos;) {
     const std::string line = input_.substr(0, end);
     input_.erase(0, end + 1);
-    if (!line.empty()) handleLine(line);
+    if (line.empty()) continue;
+    client_.seat->heard();
+    handleLine(line);
+    if (!open()) return;
   }
   if (reading_ && input_.size() > maxRequestBytes) {
     send(errorAnswer("the request is longer than 65536 bytes; ask for less at a time"));
@@ -134,14 +134,16 @@ void ServerConnection::doTell(const std::string& path, const Vela::Entity& entit
 }
 
 void ServerConnection::send(const Json& json) {
-  if (socket_ < 0) return;
+  if (!open()) return;
   const bool idle = output_.empty();
   output_ += jsonLine(*json) + "\n";
   if (output_.size() > maxAnswerBytes) {
     SCRIVEL_TRACE(0, "client takes no answers, closed; bytes kept: ", output_.size());
     return close();
   }
-  if (idle) doSend();
+  if (!idle) return;  // what waits already takes this along
+  if (loop_.onThread()) return doSend();
+  loop_.post([self = Vela::Ptr<ServerConnection>(this)] { self->doSend(); });
 }
 
 void ServerConnection::handleWritable() {
@@ -151,7 +153,8 @@ void ServerConnection::handleWritable() {
 
 // Answers go out at once, lest the agent end before: a request may be what ends it.
 void ServerConnection::doSend() {
-  const ssize_t sent = ::send(socket_, output_.data(), output_.size(), MSG_NOSIGNAL);
+  if (!open()) return;
+  const ssize_t sent = ::send(client_.socket.get(), output_.data(), output_.size(), MSG_NOSIGNAL);
   if (sent < 0 && errno != EAGAIN && errno != EINTR) return close();
   if (sent > 0) output_.erase(0, sent);
   watchSocket();

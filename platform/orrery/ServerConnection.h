@@ -8,11 +8,13 @@
 #include "platform/orrery/Database.h"
 #include "platform/orrery/Json.h"
 #include "platform/vela/FileDescriptor.h"
+#include "platform/vela/UnixServer.h"
 
 namespace Orrery {
 
 // Reads request lines and writes answer lines, never waiting for the client: what it does not take
-// is kept up to a bound. Runs on the reactor with the activity lock held.
+// is kept up to a bound. Call with the activity lock held. Attributes that it watches change on any
+// thread: that thread's part is to keep the line, which the reactor sends.
 class ServerConnection final : public Vela::RefCounted {
  public:
   static constexpr size_t maxRequestBytes = 64 * 1024;
@@ -20,14 +22,15 @@ class ServerConnection final : public Vela::RefCounted {
   static constexpr size_t maxAnswerBytes = 4 * 1024 * 1024;  // of answers not taken: closed
   static constexpr size_t maxWatches = 64;
 
-  // Takes over `socket`, which is non-blocking. `closed` runs once, on a later turn.
-  ServerConnection(Vela::ReactorLoop& loop, Database& database, int socket,
+  // `closed` runs once, on a later turn.
+  ServerConnection(Vela::ReactorLoop& loop, Database& database, Vela::UnixClient client,
                    std::function<void(ServerConnection*)> closed);
   ~ServerConnection() override;
 
   void close();
 
  private:
+  bool open() const { return bool(client_.socket); }
   void handleReadable();
   void handleWritable();
   void handleLine(std::string_view line);
@@ -40,7 +43,7 @@ class ServerConnection final : public Vela::RefCounted {
 
   Vela::ReactorLoop& loop_;
   Database& database_;
-  int socket_;
+  Vela::UnixClient client_;
   std::function<void(ServerConnection*)> closed_;
   Vela::Ptr<Vela::FileDescriptor> descriptor_;
   std::string input_;

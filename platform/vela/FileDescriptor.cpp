@@ -7,21 +7,50 @@
 #include <utility>
 
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/Failure.h"
 
 namespace Vela {
 
+// Lives until libuv has closed it, which the owner does not wait for.
 struct FileDescriptor::Impl {
   uv_poll_t poll;
-  FileDescriptor* owner;  // null once the owner is gone
+  const int descriptor;
+  FileDescriptor* owner;  // guarded by the activity lock; null once the owner is gone
+  bool watched = false;   // by libuv, like the functions up to close() the loop's thread alone
 
-  void start(int events) {
-    uv_poll_start(&poll, events, [](uv_poll_t* handle, int status, int ready) {
-      static_cast<Impl*>(handle->data)->ready(status, ready);
-    });
+  void watch(uv_loop_t* loop, int events) {
+    if (!watched) {
+      if (events == 0) return;
+      if (const int error = uv_poll_init(loop, &poll, descriptor)) {
+        throw std::system_error(-error, std::generic_category(),
+                                "cannot watch descriptor " + std::to_string(descriptor));
+      }
+      watched = true;
+      poll.data = this;
+    }
+    if (events == 0) {
+      uv_poll_stop(&poll);
+    } else {
+      uv_poll_start(&poll, events, [](uv_poll_t* handle, int status, int ready) {
+        static_cast<Impl*>(handle->data)->ready(status, ready);
+      });
+    }
+  }
+  void close() {
+    if (!watched) {
+      delete this;
+      return;
+    }
+    uv_poll_stop(&poll);
+    uv_close(reinterpret_cast<uv_handle_t*>(&poll),
+             [](uv_handle_t* handle) { delete static_cast<Impl*>(handle->data); });
   }
 
   void ready(int status, int events) {
     const ActivityLock lock;
+    guarded([&] { handleReady(status, events); });
+  }
+  void handleReady(int status, int events) {
     if (status < 0) events = UV_READABLE | UV_WRITABLE;  // both would end with the error
     if (!owner) return;
     // A callback may drop the last reference; an object that nobody shares is not ours to hold.
@@ -36,7 +65,7 @@ struct FileDescriptor::Impl {
     }
     // libuv watches no more what had an error. But sockets tell of devices that went down, or of
     // what they had to drop, that way, and live on.
-    if (status < 0 && owner && owner->impl_ == this) start(owner->events());
+    if (status < 0 && owner && owner->impl_ == this) watch(poll.loop, owner->events());
   }
 };
 
@@ -51,9 +80,7 @@ FileDescriptor::FileDescriptor(ReactorLoop& loop, std::string name)
 }
 
 FileDescriptor::~FileDescriptor() {
-  readable_ = nullptr;
-  writable_ = nullptr;
-  rewatch();
+  if (impl_) letGo();
 }
 
 void FileDescriptor::onReadableIs(std::function<void()> readable) {
@@ -66,29 +93,28 @@ void FileDescriptor::onWritableIs(std::function<void()> writable) {
   rewatch();
 }
 
+void FileDescriptor::letGo() {
+  impl_->owner = nullptr;
+  loop_.touch([impl = std::exchange(impl_, nullptr)] { impl->close(); });
+}
+
 void FileDescriptor::rewatch() {
-  if (impl_) {
-    impl_->owner = nullptr;
-    uv_poll_stop(&impl_->poll);
-    uv_close(reinterpret_cast<uv_handle_t*>(&impl_->poll),
-             [](uv_handle_t* handle) { delete static_cast<Impl*>(handle->data); });
-    impl_ = nullptr;
-  }
+  if (impl_ && impl_->descriptor != descriptor()) letGo();
   if (descriptor() < 0) return;
   if (nonBlocking()) {
     fcntl(descriptor(), F_SETFL, fcntl(descriptor(), F_GETFL) | O_NONBLOCK);
   }
-  if (events() == 0) return;
-  impl_ = new Impl;
-  impl_->owner = this;
-  impl_->poll.data = impl_;
-  if (const int error = uv_poll_init(loop_.handle(), &impl_->poll, descriptor())) {
-    delete std::exchange(impl_, nullptr);
-    throw std::system_error(
-        -error, std::generic_category(),
-        "cannot watch descriptor " + std::to_string(descriptor()) + " of " + name());
+  if (!impl_) {
+    if (events() == 0) return;
+    impl_ = new Impl{.descriptor = descriptor(), .owner = this};
   }
-  impl_->start(events());
+  try {
+    loop_.touch(
+        [loop = &loop_, impl = impl_, events = events()] { impl->watch(loop->handle(), events); });
+  } catch (const std::system_error& e) {
+    letGo();
+    throw std::system_error(e.code(), "cannot watch " + name());
+  }
 }
 
 }  // namespace Vela

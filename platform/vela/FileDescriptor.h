@@ -9,8 +9,8 @@
 
 namespace Vela {
 
-// Does not own the descriptor: whoever opened it closes it, after descriptorIs(-1) or destruction.
-// Use on the loop's thread, or before it runs.
+// Does not own the descriptor: its owner closes it, after descriptorIs(-1) or destruction. Call
+// with the activity lock held, on any thread.
 class FileDescriptor final : public Entity {
  public:
   FileDescriptor(ReactorLoop& loop, std::string name);
@@ -22,15 +22,16 @@ class FileDescriptor final : public Entity {
 
  public:
   // `readable` runs on the loop, under the activity lock, as long as the descriptor is readable,
-  // hung up, or has an error to be read. An empty function stops watching. Throws std::system_error
-  // for a descriptor that cannot be watched (a regular file, or one that is watched already); so
-  // does descriptorIs().
+  // hung up, or has an error to be read. An empty function stops watching. A descriptor that cannot
+  // be watched (a regular file, or one that is watched already) throws std::system_error, here and
+  // from descriptorIs(); on another thread than the loop's it ends the process.
   void onReadableIs(std::function<void()> readable);
   void onWritableIs(std::function<void()> writable);
 
  private:
   struct Impl;
   void rewatch();
+  void letGo();
   int events() const;  // to watch for, in libuv's terms
   ReactorLoop& loop_;
   Impl* impl_ = nullptr;  // freed by libuv's close callback

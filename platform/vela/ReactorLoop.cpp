@@ -1,53 +1,78 @@
-// The loop on libuv: an async handle carries posts from other threads.
+// The loop on libuv: an async handle, all that other threads touch of it, has it look into the
+// queues.
 #include "platform/vela/ReactorLoop.h"
 
 #include <uv.h>
 
 #include <atomic>
+#include <cassert>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/Failure.h"
 
 namespace Vela {
 
 struct ReactorLoop::Impl {
+  using Queue = std::vector<std::function<void()>>;
   uv_loop_t loop;
   uv_async_t wake;
   std::mutex mutex;
-  std::vector<std::function<void()>> posted;  // guarded by mutex
+  Queue touches;  // guarded by mutex, like posted
+  Queue posted;
   std::atomic<bool> stopping{false};
   std::atomic<std::thread::id> thread{};
 
-  void runPosted() {
-    std::vector<std::function<void()>> work;
+  Queue take(Queue& queue) {
+    const std::lock_guard guard(mutex);
+    return std::exchange(queue, {});
+  }
+  void add(Queue& queue, std::function<void()> work) {
     {
       const std::lock_guard guard(mutex);
-      work.swap(posted);
+      queue.push_back(std::move(work));
     }
-    for (auto& one : work) {
+    uv_async_send(&wake);
+  }
+  bool mayTouch() const {
+    const std::thread::id running = thread;
+    return running == std::thread::id() || running == std::this_thread::get_id();
+  }
+  void runTouches() {
+    for (const auto& work : take(touches)) guarded(work);
+  }
+  void runPosted() {
+    runTouches();
+    for (auto& work : take(posted)) {
       const ActivityLock lock;
-      one();
-      one = nullptr;  // what it holds goes under the lock
+      guarded(work);
+      work = nullptr;  // what it holds goes under the lock
     }
     if (stopping) uv_stop(&loop);
   }
 };
 
 ReactorLoop::ReactorLoop() : impl_(std::make_unique<Impl>()) {
-  uv_loop_init(&impl_->loop);
+  const auto succeed = [](int error) {
+    if (error != 0) throw std::system_error(-error, std::generic_category(), "no event loop");
+  };
+  succeed(uv_loop_init(&impl_->loop));
   impl_->wake.data = impl_.get();
-  uv_async_init(&impl_->loop, &impl_->wake,
-                [](uv_async_t* handle) { static_cast<Impl*>(handle->data)->runPosted(); });
+  succeed(uv_async_init(&impl_->loop, &impl_->wake,
+                        [](uv_async_t* handle) { static_cast<Impl*>(handle->data)->runPosted(); }));
 }
 
 ReactorLoop::~ReactorLoop() {
+  impl_->runTouches();
   {
     const ActivityLock lock;
-    impl_->posted.clear();
+    impl_->take(impl_->posted);
   }
+  impl_->runTouches();
   uv_close(reinterpret_cast<uv_handle_t*>(&impl_->wake), nullptr);
   // Timers and descriptors of ours that are closing need a turn to be freed; a stop that libuv
   // still remembers costs another one. A handle that outlives the loop is its owner's fault.
@@ -71,17 +96,20 @@ void ReactorLoop::stop() {
   uv_async_send(&impl_->wake);
 }
 
-void ReactorLoop::post(std::function<void()> work) {
-  {
-    const std::lock_guard guard(impl_->mutex);
-    impl_->posted.push_back(std::move(work));
-  }
-  uv_async_send(&impl_->wake);
+void ReactorLoop::post(std::function<void()> work) { impl_->add(impl_->posted, std::move(work)); }
+
+void ReactorLoop::touch(std::function<void()> work) {
+  if (!impl_->mayTouch()) return impl_->add(impl_->touches, std::move(work));
+  impl_->runTouches();  // those of other threads came first
+  work();
 }
 
 bool ReactorLoop::onThread() const { return impl_->thread.load() == std::this_thread::get_id(); }
 
-uv_loop_s* ReactorLoop::handle() { return &impl_->loop; }
+uv_loop_s* ReactorLoop::handle() {
+  assert(impl_->mayTouch() && "libuv is for the loop's thread");
+  return &impl_->loop;
+}
 
 namespace {
 ReactorLoop* theLoop = nullptr;

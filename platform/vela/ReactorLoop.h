@@ -9,10 +9,14 @@ struct uv_loop_s;
 
 namespace Vela {
 
-// Each callback runs on the thread in run(), with the activity lock held for its duration only.
+class FileDescriptor;
+class Timer;
+
+// Each callback runs on the thread in run(), with the activity lock held for its duration only. An
+// exception that leaves a callback ends the process with one line and status 1.
 class ReactorLoop {
  public:
-  ReactorLoop();
+  ReactorLoop();   // throws std::system_error
   ~ReactorLoop();  // after run() has returned; closes what is still open
   ReactorLoop(const ReactorLoop&) = delete;
   ReactorLoop& operator=(const ReactorLoop&) = delete;
@@ -23,9 +27,15 @@ class ReactorLoop {
   void post(std::function<void()> work);
   bool onThread() const;  // true on the thread in run()
 
-  uv_loop_s* handle();  // for the classes of Vela and for libraries that know libuv
+  // Only the thread in run() may call libuv. Runs `work` at once on that thread, and while no
+  // thread is in run(); else that thread runs it soon, before any post and any later `work`. It
+  // must neither need the activity lock nor take it.
+  void touch(std::function<void()> work);
 
  private:
+  friend class FileDescriptor;
+  friend class Timer;
+  uv_loop_s* handle();  // for a touch() alone
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

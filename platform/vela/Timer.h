@@ -9,7 +9,7 @@
 
 namespace Vela {
 
-// Use on the loop's thread, or before it runs. Destroying a running timer stops it.
+// Call with the activity lock held, on any thread. Destroying a running timer stops it.
 class Timer {
  public:
   Timer(ReactorLoop& loop, std::function<void()> expired);
@@ -23,7 +23,8 @@ class Timer {
 
  private:
   struct Impl;
-  Impl* impl_;  // freed by libuv's close callback
+  ReactorLoop& loop_;
+  Impl* const impl_;  // freed by libuv's close callback
 };
 
 }  // namespace Vela

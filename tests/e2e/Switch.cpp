@@ -26,7 +26,8 @@ AgentOptions agentOptions(const Switch::Options& options, const TempDir& directo
           .pluginDirectory = options.pluginDirectory,
           .enabled = options.enabled,
           .ports = options.ports,
-          .arguments = options.agent};
+          .arguments = options.agent,
+          .descriptorLimit = options.descriptorLimit};
 }
 
 }  // namespace

@@ -32,6 +32,7 @@ class Switch {
     std::string pluginDirectory;
     bool enabled = true;
     std::vector<std::string> agent;
+    unsigned descriptorLimit = 0;           // of the agent; 0: that of the test
     std::map<uint32_t, std::string> ports;  // mapped to interfaces
     std::function<void(TestSupport::Pipeline&)> pipelineChange;
   };

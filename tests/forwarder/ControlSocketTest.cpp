@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -165,8 +166,12 @@ TEST_F(ControlSocketTest, FollowsItsDirectoryAsItComesAndGoes) {
   }
 }
 
-TEST_F(ControlSocketTest, PathsTooLongForASocketAreRefused) {
-  EXPECT_THROW(ControlSocket(std::string(200, 'd'), {}), ControlError);
+TEST_F(ControlSocketTest, IsTheOwnersAlone) {
+  ControlSocket control = echo();
+  const mode_t before = umask(0);
+  control.maybeListen();
+  umask(before);
+  EXPECT_EQ(fs::status(path_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 }  // namespace

@@ -53,6 +53,10 @@ void AgentProcess::start() {
   std::vector<std::string> command{binaryPath("korvel"), "agent",       "--config",
                                    configPath(),         "--state-dir", options_.stateDirectory};
   command.insert(command.end(), options_.arguments.begin(), options_.arguments.end());
+  if (options_.descriptorLimit > 0) {
+    const std::string script = fmt::format("ulimit -n {}; exec \"$@\"", options_.descriptorLimit);
+    command.insert(command.begin(), {"/bin/sh", "-c", script, "sh"});
+  }
   process_ = std::make_unique<Process>(command, outputPath(), outputPath(), options_.environment);
 }
 

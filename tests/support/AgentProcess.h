@@ -23,6 +23,7 @@ struct AgentOptions {
   bool enabled = true;
   std::map<uint32_t, std::string> ports;  // mapped to interfaces, in the configuration made
   std::vector<std::string> arguments;     // more of them
+  unsigned descriptorLimit = 0;           // soft and hard; 0: that of the test
 };
 
 class AgentProcess {

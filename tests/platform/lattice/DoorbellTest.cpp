@@ -9,6 +9,7 @@
 #include "platform/lattice/DoorbellMessage.h"
 #include "platform/lattice/DoorbellSocket.h"
 #include "platform/lattice/Packing.h"
+#include "platform/vela/UnixListener.h"
 #include "tests/platform/brine/TempDirectory.h"
 #include "tests/platform/lattice/AgentFixture.h"
 
@@ -146,7 +147,7 @@ TEST_F(DoorbellTest, WhoDoesNotReadDoesNotBlockTheAgent) {
 
 TEST_F(DoorbellTest, SubscribersSurviveAnAgentThatTalksNonsense) {
   const TempDirectory other;
-  const Socket listener = listeningAt(other / "doorbell.sock");
+  const Vela::UnixListener listener({.path = other / "doorbell.sock", .type = SOCK_SEQPACKET});
   Follower follower(other.path());
   const std::string answers[] = {"garbage", std::string(maxMessageBytes + 1, 'x'),
                                  RingMessage{5}.encode(), RefusedMessage{"not you"}.encode(),
@@ -165,15 +166,28 @@ TEST_F(DoorbellTest, SubscribersSurviveAnAgentThatTalksNonsense) {
   }
 }
 
-TEST(DoorbellSocketTest, LongPathsAndStaleSocketsAreFine) {
-  const TempDirectory directory;
-  const std::string deep = directory / std::string(150, 'd');
-  std::filesystem::create_directory(deep);
-  { const Socket first = listeningAt(deep + "/doorbell.sock"); }
-  const Socket second = listeningAt(deep + "/doorbell.sock");
-  EXPECT_THROW(listeningAt(deep + "/doorbell.sock"), std::system_error);
-  int error = 0;
-  EXPECT_TRUE(connectedTo(deep + "/doorbell.sock", &error));
+// 64 connections that said nothing kept forwarding agents out, for good.
+TEST_F(DoorbellTest, ConnectionsThatNeverAttachKeepNobodyOut) {
+  std::vector<Socket> silent;
+  for (int i = 0; i < 200; ++i) silent.push_back(connect());
+  Follower follower(directory.path());
+  EXPECT_TRUE(Agent::followUntil({follower.subscriber.get()}, [&] { return follower.snapshots; }));
+  EXPECT_EQ(attached(), 1u);
+}
+
+TEST_F(DoorbellTest, NoMoreThan64AreAttached) {
+  std::vector<Socket> many;
+  for (int i = 0; i < 64; ++i) {
+    many.push_back(connect());
+    many.back().send(AttachMessage{0, {}, "one of many"}.encode());
+  }
+  ASSERT_TRUE(eventually([&] { return attached() == 64; }));
+  Follower late(directory.path());
+  EXPECT_TRUE(Agent::followUntil({late.subscriber.get()}, [&] {
+    return late.subscriber->trouble().find("64 subscribers are attached") != std::string::npos;
+  }));
+  many.pop_back();
+  EXPECT_TRUE(Agent::followUntil({late.subscriber.get()}, [&] { return late.snapshots; }));
 }
 
 }  // namespace

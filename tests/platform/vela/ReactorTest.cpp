@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/Failure.h"
 #include "platform/vela/FileDescriptor.h"
 #include "platform/vela/ReactorLoop.h"
 #include "platform/vela/Timer.h"
@@ -190,6 +191,76 @@ TEST(FileDescriptor, WritableAndHangUpAreTold) {
   loop.run();
   EXPECT_TRUE(hungUp);
   close(ends[0]);
+}
+
+// Notices of attributes reach observers on any thread; what these did with their sockets went to
+// libuv at once, beside the loop's thread, until an assertion there ended the agent.
+TEST(FileDescriptor, AnyThreadMayWatchStopAndDestroyIt) {
+  ReactorLoop loop;
+  std::atomic<int> told{0};
+  std::vector<std::thread> threads;
+  std::thread runner([&] { loop.run(); });
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int round = 0; round < 500; ++round) {
+        const Event event;  // its number comes again soon
+        const int before = told;
+        {
+          const ActivityLock lock;
+          auto descriptor = make<FileDescriptor>(loop, "fd");
+          auto timer = std::make_unique<Timer>(loop, [&] { ++told; });
+          descriptor->onReadableIs([] {});
+          descriptor->descriptorIs(event.fd);
+          descriptor->onWritableIs([&] { ++told; });
+          timer->start(milliseconds(0), milliseconds(1));
+          const ActivityLockReleased released;
+          event.raise();
+          while (told == before) std::this_thread::yield();
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  loop.stop();
+  runner.join();
+  EXPECT_GE(told, 500);
+}
+
+TEST(ReactorLoopDeathTest, ExceptionsOfCallbacksEndTheProcessWithALine) {
+  const auto fail = [] { throw std::runtime_error("the state is gone"); };
+  const struct {
+    const char* what;
+    std::function<void()> run;
+  } cases[] = {
+      {"post",
+       [&] {
+         ReactorLoop loop;
+         loop.post(fail);
+         loop.run();
+       }},
+      {"timer",
+       [&] {
+         ReactorLoop loop;
+         Timer timer(loop, fail);
+         timer.start(milliseconds(0));
+         loop.run();
+       }},
+      {"descriptor",
+       [&] {
+         ReactorLoop loop;
+         const Event event;
+         event.raise();
+         FileDescriptor descriptor(loop, "fd");
+         descriptor.descriptorIs(event.fd);
+         descriptor.onReadableIs(fail);
+         loop.run();
+       }},
+      {"thread", [&] { startThread("fail", fail).join(); }},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EXIT(c.run(), testing::ExitedWithCode(1), "vela_test: .*the state is gone\n$");
+  }
 }
 
 TEST(FileDescriptor, RefusesWhatCannotBeWatched) {
