@@ -13,7 +13,7 @@
 namespace Vela {
 
 void endProcess(std::string_view trouble) noexcept {
-  std::fprintf(stderr, "%s: unexpected trouble, ending: %.*s\n", program_invocation_short_name,
+  std::fprintf(stderr, "%s: cannot go on: %.*s\n", program_invocation_short_name,
                static_cast<int>(trouble.size()), trouble.data());
   std::fflush(nullptr);
   _exit(1);

@@ -10,7 +10,7 @@
 
 namespace Vela {
 
-// Prints one line, "PROGRAM: unexpected trouble, ending: TROUBLE", on standard error and ends the
+// Prints one line, "PROGRAM: cannot go on: TROUBLE", on standard error and ends the
 // process with status 1, at once: nothing is destroyed, and no shared-memory write that is half
 // done is committed. From any thread.
 [[noreturn]] void endProcess(std::string_view trouble) noexcept;
