@@ -10,9 +10,9 @@
 
 namespace Vela {
 
-// Prints one line, "PROGRAM: cannot go on: TROUBLE", on standard error and ends the
-// process with status 1, at once: nothing is destroyed, and no shared-memory write that is half
-// done is committed. From any thread.
+// Prints one line, "PROGRAM: cannot go on: TROUBLE", on standard error and ends the process with
+// status 1, at once: nothing is destroyed, and no shared-memory write that is half done is
+// committed. From any thread.
 [[noreturn]] void endProcess(std::string_view trouble) noexcept;
 
 // Runs `work`; an exception that leaves it ends the process. For callbacks that return into C code

@@ -3,25 +3,29 @@
 #include <fcntl.h>
 #include <uv.h>
 
+#include <cerrno>
 #include <system_error>
 #include <utility>
 
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/Descriptors.h"
 #include "platform/vela/Failure.h"
 
 namespace Vela {
 
-// Lives until libuv has closed it, which the owner does not wait for.
+// Lives until libuv has closed it, which the owner does not wait for. libuv ends the process when
+// what it watches is closed before it knows, so it watches a duplicate of the descriptor.
 struct FileDescriptor::Impl {
-  uv_poll_t poll;
   const int descriptor;
+  UniqueFd duplicate;
   FileDescriptor* owner;  // guarded by the activity lock; null once the owner is gone
-  bool watched = false;   // by libuv, like the functions up to close() the loop's thread alone
+  uv_poll_t poll{};       // from here to close(): of the loop's thread alone
+  bool watched = false;
 
   void watch(uv_loop_t* loop, int events) {
     if (!watched) {
       if (events == 0) return;
-      if (const int error = uv_poll_init(loop, &poll, descriptor)) {
+      if (const int error = uv_poll_init(loop, &poll, duplicate.get())) {
         throw std::system_error(-error, std::generic_category(),
                                 "cannot watch descriptor " + std::to_string(descriptor));
       }
@@ -44,6 +48,7 @@ struct FileDescriptor::Impl {
     uv_poll_stop(&poll);
     uv_close(reinterpret_cast<uv_handle_t*>(&poll),
              [](uv_handle_t* handle) { delete static_cast<Impl*>(handle->data); });
+    duplicate = UniqueFd();
   }
 
   void ready(int status, int events) {
@@ -106,7 +111,10 @@ void FileDescriptor::rewatch() {
   }
   if (!impl_) {
     if (events() == 0) return;
-    impl_ = new Impl{.descriptor = descriptor(), .owner = this};
+    UniqueFd duplicate(fcntl(descriptor(), F_DUPFD_CLOEXEC, 0));
+    if (!duplicate)
+      throw std::system_error(errno, std::generic_category(), "cannot watch " + name());
+    impl_ = new Impl{.descriptor = descriptor(), .duplicate = std::move(duplicate), .owner = this};
   }
   try {
     loop_.touch(

@@ -9,8 +9,8 @@
 
 namespace Vela {
 
-// Does not own the descriptor: its owner closes it, after descriptorIs(-1) or destruction. Call
-// with the activity lock held, on any thread.
+// Does not own the descriptor: its owner closes it, after descriptorIs(-1) or destruction. Takes up
+// another one, a duplicate, while it watches. Call with the activity lock held, on any thread.
 class FileDescriptor final : public Entity {
  public:
   FileDescriptor(ReactorLoop& loop, std::string name);
@@ -22,9 +22,9 @@ class FileDescriptor final : public Entity {
 
  public:
   // `readable` runs on the loop, under the activity lock, as long as the descriptor is readable,
-  // hung up, or has an error to be read. An empty function stops watching. A descriptor that cannot
-  // be watched (a regular file, or one that is watched already) throws std::system_error, here and
-  // from descriptorIs(); on another thread than the loop's it ends the process.
+  // hung up, or has an error to be read. An empty function stops watching. Throws
+  // std::system_error, as descriptorIs() does, when no descriptor is left, and for one that cannot
+  // be watched (a regular file); on another thread than the loop's the latter ends the process.
   void onReadableIs(std::function<void()> readable);
   void onWritableIs(std::function<void()> writable);
 

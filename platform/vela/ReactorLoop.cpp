@@ -43,7 +43,10 @@ struct ReactorLoop::Impl {
     return running == std::thread::id() || running == std::this_thread::get_id();
   }
   void runTouches() {
-    for (const auto& work : take(touches)) guarded(work);
+    const Queue works = take(touches);
+    if (works.empty()) return;
+    const ActivityLock lock;
+    for (const auto& work : works) guarded(work);
   }
   void runPosted() {
     runTouches();

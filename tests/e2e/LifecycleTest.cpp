@@ -161,7 +161,7 @@ TEST(StateDirectory, WhenFullRefusesWritesAndLosesNothing) {
   Switch tested({.routeTableSize = 1000000});
   const std::string state = tested.agent.options().stateDirectory;
   std::filesystem::create_directories(state);
-  if (mount("tmpfs", state.c_str(), "tmpfs", 0, "size=12m") != 0) {
+  if (mount("tmpfs", state.c_str(), "tmpfs", 0, "size=12m,mode=0700") != 0) {
     GTEST_SKIP() << "only root can mount a small tmpfs";
   }
   struct Unmount {

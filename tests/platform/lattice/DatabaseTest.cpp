@@ -345,7 +345,7 @@ TEST(FullDatabaseTest, AFullStateDirectoryFailsTheBatchAndLeavesTheFormerRows) {
   const TempDirectory directory;
   const std::string small = directory / "small";
   std::filesystem::create_directory(small);
-  if (mount("korvel-test", small.c_str(), "tmpfs", 0, "size=1m") != 0) {
+  if (mount("korvel-test", small.c_str(), "tmpfs", 0, "size=1m,mode=0700") != 0) {
     GTEST_SKIP() << "mounting a small tmpfs needs root";
   }
   {
