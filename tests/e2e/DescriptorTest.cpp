@@ -55,9 +55,8 @@ TEST(Descriptors, UsedUpByClientsAreServedFromAgainOnceTheyAreBack) {
   for (int round = 0; round < 2; ++round) {
     SCOPED_TRACE(round);
     Connections silent = everywhere(tested);
-    ASSERT_TRUE(waitUntil([&] { return openDescriptors(tested.agent.pid()) > 250; },
-                          tested.agent.process().descriptor()))
-        << openDescriptors(tested.agent.pid());
+    ASSERT_TRUE(waitUntil([&] { return openDescriptors(tested.agent.pid()) > before + 50; },
+                          tested.agent.process().descriptor()));
     EXPECT_TRUE(tested.insertRoutes(10 + round, 11 + round, 1).ok()) << "who is in goes on";
     silent.clear();
     EXPECT_TRUE(waitUntil([&] { return tested.agent.korvel({"status"}).exit.code == 0; }));
@@ -67,7 +66,6 @@ TEST(Descriptors, UsedUpByClientsAreServedFromAgainOnceTheyAreBack) {
     EXPECT_TRUE(waitUntil([&] {
       return tested.agent.korvel({"status"}).output.find("in step") != std::string::npos;
     }));
-    ASSERT_TRUE(tested.connectController()) << "a new connection";
     EXPECT_TRUE(tested.insertRoutes(20 + round, 21 + round, 1).ok());
   }
   EXPECT_EQ(tested.disagreement(), "");
