@@ -74,9 +74,12 @@ TEST_F(ElectionIdsTest, AreKeptLaterWhenThereIsNoRoomNow) {
   uint64_t id = 8;
   while (ids_->idIs({id, std::string(2000, 'r')}, {0, id})) ASSERT_LT(++id, 100'000u);
   EXPECT_EQ(ids_->keepUnkept(), 1u);
-  {
+  // To remove the whole table would take more pages than are left; and what one commit frees, only
+  // the next but one can use.
+  for (const char filler : {0, 1, 2}) {
     const Vela::ActivityLock lock;
-    agent().store->tableDel("filler");
+    const std::string key{'k', filler};
+    agent().store->erase(agent().store->table("filler"), Brine::asBytes(key));
   }
   EXPECT_EQ(ids_->keepUnkept(), 0u);
   EXPECT_EQ(afterRestart().size(), id - 6);
