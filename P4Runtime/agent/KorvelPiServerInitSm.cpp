@@ -177,16 +177,17 @@ void KorvelPiServerInitSm::programConstantTables() {
 void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
                                                 const P4TableInfoConstEntry& entry) {
   std::string key = bytesFromHexadecimal(entry.key);
+  const pi_dev_id_t deviceId = server()->deviceId();
+  const pi_p4info_t* p4info = pi_get_device_p4info(deviceId);
+  const pi_match_key_t matchKey{p4info, tableId, entry.priority, key.size(), key.data()};
   const EntryHandle known = TheP4HandleMgr()->matchKeyToEntryHandle(tableId, key, entry.priority);
   if (known != 0) {
     SCRIVEL_TRACE(5, "programConstantTables",
                   " Constant entry is already in cache with entryhandle ", known);
+    pi_constant_table_entry_state(deviceId, tableId, &matchKey, nullptr, known);
     return;
   }
   std::string parameters = bytesFromHexadecimal(entry.actionParams);
-  const pi_dev_id_t deviceId = server()->deviceId();
-  const pi_p4info_t* p4info = pi_get_device_p4info(deviceId);
-  const pi_match_key_t matchKey{p4info, tableId, entry.priority, key.size(), key.data()};
   pi_action_data_t action{p4info, entry.actionId, parameters.size(), parameters.data()};
   pi_table_entry_t tableEntry{};
   tableEntry.entry_type = PI_ACTION_ENTRY_TYPE_DATA;
@@ -195,7 +196,10 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   const pi_status_t status = _pi_table_entry_add(0, pi_dev_tgt_t{deviceId, 0}, tableId, &matchKey,
                                                  &tableEntry, 0, &handle);
   tableImpl()->updateCachedEntryState(handle, false);
-  if (status == PI_STATUS_SUCCESS) return;
+  if (status == PI_STATUS_SUCCESS) {
+    pi_constant_table_entry_state(deviceId, tableId, &matchKey, &tableEntry, handle);
+    return;
+  }
   fmt::print(stderr, "korvel: a constant entry of table {} (key {}) could not be added\n",
              tableInfo()->nameOf({tableResource, tableId}), entry.key);
   if (status != updateFailedStatus) {

@@ -7,10 +7,27 @@
 #include "PI/target/pi_counter_imp.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/ActivityReadLock.h"
 
 namespace {
 Scrivel::TraceHandle trace("KorvelPiCounter");
 }
+
+namespace {
+
+// An entry that no forwarding agent has counted for has counted nothing.
+pi_counter_data_t countOf(const P4Runtime::HwStatusDir* hwStatusDir, pi_entry_handle_t entry) {
+  pi_counter_data_t count{PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES, 0, 0};
+  if (!hwStatusDir) return count;
+  const std::string flowName = Lattice::flowCounterName(entry);
+  for (const Lattice::FlowCount& flow : hwStatusDir->flowCounterStatus(flowName)) {
+    count.bytes += flow.bytes;
+    count.packets += flow.packets;
+  }
+  return count;
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -36,23 +53,27 @@ pi_status_t _pi_counter_write(pi_session_handle_t session_handle, pi_dev_tgt_t d
   return PI_STATUS_SUCCESS;
 }
 
-// An entry that no forwarding agent has counted for has counted nothing.
 pi_status_t _pi_counter_read_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                     pi_p4_id_t counter_id, pi_entry_handle_t entry_handle,
                                     int flags, pi_counter_data_t* counter_data) {
-  const Vela::ActivityLock lock;
+  const Vela::ActivityReadLock lock;
   SCRIVEL_TRACE(6, "_pi_counter_read_direct", " session_handle: ", session_handle,
                 " dev_tgt: ", P4Runtime::piDevTgtToString(dev_tgt), " counter_id: ", counter_id,
                 " entry_handle: ", entry_handle, " flags: ", Scrivel::hex(flags));
-  counter_data->valid = PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES;
-  counter_data->bytes = 0;
-  counter_data->packets = 0;
+  *counter_data = countOf(P4Runtime::ThePiContext()->hwStatusDir().get(), entry_handle);
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t _pi_counters_read_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                     pi_p4_id_t counter_id, const pi_entry_handle_t* entry_handles,
+                                     size_t count, int flags, pi_counter_data_t* counter_data) {
+  const Vela::ActivityReadLock lock;
+  SCRIVEL_TRACE(6, "_pi_counters_read_direct", " session_handle: ", session_handle,
+                " dev_tgt: ", P4Runtime::piDevTgtToString(dev_tgt), " counter_id: ", counter_id,
+                " entries: ", count, " flags: ", Scrivel::hex(flags));
   const auto hwStatusDir = P4Runtime::ThePiContext()->hwStatusDir();
-  if (!hwStatusDir) return PI_STATUS_SUCCESS;
-  const std::string flowName = Lattice::flowCounterName(entry_handle);
-  for (const Lattice::FlowCount& count : hwStatusDir->flowCounterStatus(flowName)) {
-    counter_data->bytes += count.bytes;
-    counter_data->packets += count.packets;
+  for (size_t i = 0; i < count; ++i) {
+    counter_data[i] = countOf(hwStatusDir.get(), entry_handles[i]);
   }
   return PI_STATUS_SUCCESS;
 }

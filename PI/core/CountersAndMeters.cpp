@@ -1,4 +1,5 @@
 // Counters and meters: calls to the target.
+#include "PI/pi_extensions.h"
 #include "PI/target/pi_counter_imp.h"
 #include "PI/target/pi_meter_imp.h"
 
@@ -19,6 +20,13 @@ pi_status_t pi_counter_read_direct(pi_session_handle_t session_handle, pi_dev_tg
                                    pi_counter_data_t* counter_data) {
   return _pi_counter_read_direct(session_handle, dev_tgt, counter_id, entry_handle, flags,
                                  counter_data);
+}
+
+pi_status_t pi_counters_read_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                    pi_p4_id_t counter_id, const pi_entry_handle_t* entry_handles,
+                                    size_t count, int flags, pi_counter_data_t* counter_data) {
+  return _pi_counters_read_direct(session_handle, dev_tgt, counter_id, entry_handles, count, flags,
+                                  counter_data);
 }
 
 pi_status_t pi_counter_write_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,

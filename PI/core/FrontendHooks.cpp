@@ -40,7 +40,7 @@ pi_status_t pi_frontend_hooks_set(pi_dev_id_t dev_id, const pi_frontend_hooks_t*
                                   void* cookie) {
   if (!hooks->entry_status_changed || !hooks->restore_table_entry ||
       !hooks->restore_action_profile_member || !hooks->restore_action_profile_group ||
-      !hooks->restore_done) {
+      !hooks->constant_table_entry || !hooks->restore_done) {
     return PI_STATUS_BUFFER_ERROR;
   }
   const std::unique_lock lock(TheFrontends().mutex);
@@ -97,6 +97,16 @@ pi_status_t pi_restore_action_profile_group_state(pi_dev_id_t dev_id, pi_p4_id_t
     return frontend.hooks.restore_action_profile_group(frontend.cookie, dev_id, act_prof_id,
                                                        controller_group_id, members, num_members,
                                                        grp_handle, metadata, metadata_size);
+  });
+}
+
+pi_status_t pi_constant_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                          const pi_match_key_t* match_key,
+                                          const pi_table_entry_t* table_entry,
+                                          pi_entry_handle_t entry_handle) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    return frontend.hooks.constant_table_entry(frontend.cookie, dev_id, table_id, match_key,
+                                               table_entry, entry_handle);
   });
 }
 

@@ -1,6 +1,9 @@
 // Writes, Reads and the target's own reports on one device.
 #include "PI/frontend/DeviceMgrImp.h"
 
+#include <algorithm>
+#include <thread>
+
 #include "PI/frontend/Answered.h"
 #include "PI/frontend/Permission.h"
 #include "PI/frontend/ReadRun.h"
@@ -13,6 +16,9 @@ namespace pi::fe::proto {
 namespace {
 
 constexpr int kMaxElements = 100000;
+
+// Half of the processors are for those that do not read.
+size_t readTurnCount() { return std::max(1u, std::thread::hardware_concurrency() / 2); }
 
 DeviceMgrImp& imp(void* cookie) { return *static_cast<DeviceMgrImp*>(cookie); }
 
@@ -44,10 +50,16 @@ pi_status_t restoreGroup(void* cookie, pi_dev_id_t, pi_p4_id_t profileId, uint32
                                      {bytes, size});
 }
 
+pi_status_t constantEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId, const pi_match_key_t* key,
+                          const pi_table_entry_t* entry, pi_entry_handle_t handle) {
+  if (key == nullptr) return PI_STATUS_BUFFER_ERROR;
+  return imp(cookie).constantEntryIs(tableId, *key, entry, handle);
+}
+
 pi_status_t restoreDone(void* cookie, pi_dev_id_t) { return imp(cookie).handleRestoreDone(); }
 
 constexpr pi_frontend_hooks_t kHooks{entryStatusChanged, restoreTableEntry, restoreMember,
-                                     restoreGroup, restoreDone};
+                                     restoreGroup,       constantEntry,     restoreDone};
 
 void requireAtomicity(const p4::v1::WriteRequest& request) {
   if (!p4::v1::WriteRequest::Atomicity_IsValid(request.atomicity())) {
@@ -70,7 +82,10 @@ void requireSize(int elements, const char* what) {
 }  // namespace
 
 DeviceMgrImp::DeviceMgrImp(pi_dev_id_t deviceId, std::chrono::milliseconds patience)
-    : deviceId_(deviceId), patience_(patience), packetCounts_(core::packetCountsOf(deviceId)) {
+    : deviceId_(deviceId),
+      patience_(patience),
+      packetCounts_(core::packetCountsOf(deviceId)),
+      readTurns_(readTurnCount()) {
   packetInCbIs();  // before the device is there: from then on somebody must take its packets
   pi_session_init(&sessionHandle_);
   pi_frontend_hooks_set(deviceId_, &kHooks, this);
@@ -137,7 +152,7 @@ DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,
     requireReadPermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
     requireSize(request.entities_size(), "queries");
-    ReadRun run(current->index(), current->store(), session(*current));
+    ReadRun run(current->index(), current->store(), session(*current), readTurns_);
     return run.run(request, sink);
   });
 }
@@ -163,6 +178,13 @@ pi_status_t DeviceMgrImp::restoredEntryIs(pi_p4_id_t tableId, const pi_match_key
   const std::shared_ptr<Pipeline> restoring = restoringPipeline();
   if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
   return restoring->restoredEntryIs(tableId, key, entry, handle, controllerMetadata, metadata);
+}
+
+pi_status_t DeviceMgrImp::constantEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
+                                          const pi_table_entry_t* entry, pi_entry_handle_t handle) {
+  const std::shared_ptr<Pipeline> restoring = restoringPipeline();
+  if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
+  return restoring->constantEntryIs(tableId, key, entry, handle);
 }
 
 pi_status_t DeviceMgrImp::handleRestoreDone() {

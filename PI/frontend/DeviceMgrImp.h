@@ -6,11 +6,13 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string_view>
 
 #include "PI/core/PacketCounts.h"
 #include "PI/frontend/Pipeline.h"
+#include "PI/frontend/ReadTurns.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/int/pi_frontend_hooks.h"
 
@@ -21,6 +23,7 @@ class DeviceMgrImp {
   using Status = google::rpc::Status;
   using Action = p4::v1::SetForwardingPipelineConfigRequest::Action;
   using Config = p4::v1::ForwardingPipelineConfig;
+  using Cookie = std::optional<Config::Cookie>;  // one that holds 0 is one
 
   // How long controllers' calls wait for the end of a restore before they hear UNAVAILABLE.
   explicit DeviceMgrImp(pi_dev_id_t deviceId,
@@ -53,6 +56,8 @@ class DeviceMgrImp {
   pi_status_t restoredGroupIs(pi_p4_id_t profileId, uint32_t controllerId,
                               std::span<const pi_indirect_handle_t> members,
                               pi_indirect_handle_t handle, std::string_view bytes);
+  pi_status_t constantEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
+                              const pi_table_entry_t* entry, pi_entry_handle_t handle);
   pi_status_t handleRestoreDone();
 
   std::shared_ptr<Pipeline> pipeline() const;
@@ -73,6 +78,7 @@ class DeviceMgrImp {
   const pi_dev_id_t deviceId_;
   const std::chrono::milliseconds patience_;
   core::PacketCounts& packetCounts_;
+  mutable ReadTurns readTurns_;
   pi_session_handle_t sessionHandle_ = 0;
 
   // One Write or change of pipeline at a time. Held while the target is called, which takes the
@@ -86,6 +92,8 @@ class DeviceMgrImp {
   bool isRestored_ = false;
   std::shared_ptr<Pipeline> saved_;  // to be committed
   bool equalSaved_ = false;          // a controller saved the running pipeline once more
+  Cookie cookie_;                    // as it came with the running pipeline last
+  Cookie savedCookie_;               // with the equal one
   std::shared_ptr<const DeviceMgr::StreamMessageResponseCb> streamResponseCb_;
   void* streamResponseCookie_ = nullptr;
 };

@@ -8,7 +8,7 @@
 namespace pi::fe::proto {
 
 namespace {
-constexpr size_t kMessageBytes = (1 << 20) - 64;
+constexpr size_t kMessageBytes = 32 * 1024;
 constexpr size_t kFrameBytes = 6;  // tag and length of an entity, at most
 
 void settingIs(const MeterSetting& setting, p4::v1::MeterConfig* sent) {
@@ -38,7 +38,7 @@ bool EntitySender::entrySent(const TablePlan& table, const Entry& entry, EntryFo
   actionIs(entry, sent->mutable_action());
   sent->set_controller_metadata(entry.controllerMetadata);
   sent->set_metadata(entry.metadata().data(), entry.metadata().size());
-  sent->set_is_const(table.isConst);
+  sent->set_is_const(table.isConst || entry.isConst);
   if (hasCounter(form)) *sent->mutable_counter_data() = count;
   if (hasMeter(form) && meter) settingIs(*meter, sent->mutable_meter_config());
   return entitySent();
@@ -91,7 +91,8 @@ bool EntitySender::defaultEntrySent(const TablePlan& table) {
 
 bool EntitySender::entitySent() {
   const size_t bytes = entity_.ByteSizeLong() + kFrameBytes;
-  if (responseBytes_ + bytes > kMessageBytes && !restSent()) return false;
+  const bool isFull = responseBytes_ != 0 && responseBytes_ + bytes > kMessageBytes;
+  if (isFull && !messageSent()) return false;
   // Swapping keeps the memory of elements already sent in use.
   response_.add_entities()->Swap(&entity_);
   entity_.Clear();
@@ -100,7 +101,13 @@ bool EntitySender::entitySent() {
 }
 
 bool EntitySender::restSent() {
-  if (wanted_ && response_.entities_size() != 0) wanted_ = sink_(response_);
+  if (anySent_ && response_.entities_size() == 0) return wanted_;
+  return messageSent();
+}
+
+bool EntitySender::messageSent() {
+  if (wanted_) wanted_ = sink_(response_);
+  anySent_ = true;
   response_.Clear();
   responseBytes_ = 0;
   return wanted_;

@@ -8,7 +8,8 @@
 
 namespace pi::fe::proto {
 
-// Messages stay below 1 MiB each unless a single entry is larger than that. One thread.
+// Messages stay below 32 KiB each unless a single entry is larger than that: in memory they take
+// ten times that, and many Reads may be under way. One thread.
 class EntitySender {
  public:
   EntitySender(const P4InfoIndex& index, const DeviceMgr::ReadSink& sink)
@@ -20,12 +21,14 @@ class EntitySender {
                  const p4::v1::CounterData& count);
   bool objectSent(const Entry& object);
   bool defaultEntrySent(const TablePlan& table);
+  // What is left. An answer without any entity is one empty message, which some clients wait for.
   bool restSent();
 
  private:
   void keyIs(const TablePlan& table, const Entry& entry, p4::v1::TableEntry* sent) const;
   void actionIs(const Entry& entry, p4::v1::TableAction* sent) const;
   bool entitySent();
+  bool messageSent();
 
   const P4InfoIndex& index_;
   const DeviceMgr::ReadSink& sink_;
@@ -33,6 +36,7 @@ class EntitySender {
   p4::v1::ReadResponse response_;
   size_t responseBytes_ = 0;
   bool wanted_ = true;
+  bool anySent_ = false;
 };
 
 }  // namespace pi::fe::proto

@@ -10,7 +10,7 @@ namespace pi::fe::proto {
 
 size_t EntryKey::hash() const { return absl::HashOf(tableId, priority, bytes); }
 
-static_assert(sizeof(Entry) == 48, "kind and meter flag fit into what was padding");
+static_assert(sizeof(Entry) == 56, "a million are kept");
 
 EntryPtr Entry::make(uint32_t tableId, size_t keySize, size_t actionSize, size_t metadataSize,
                      const std::optional<MeterSetting>& meter) {

@@ -71,7 +71,9 @@ class Entry {
   uint32_t tableId = 0;
   uint32_t priority = 0;
   uint32_t actionId = 0;
+  uint32_t position = 0;  // among those of its table; the store's, under its lock
   EntryKind kind = EntryKind::action;
+  bool isConst = false;  // the target's own: controllers may not change or delete it
 
  private:
   friend class EntryPtr;

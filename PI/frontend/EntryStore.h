@@ -4,47 +4,23 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <memory>
+#include <mutex>
 #include <set>
-#include <shared_mutex>
 #include <span>
 #include <vector>
 
 #include "PI/frontend/Entry.h"
-#include "absl/container/btree_set.h"
+#include "PI/frontend/EntryPages.h"
 #include "absl/container/flat_hash_map.h"
 #include "absl/container/flat_hash_set.h"
 
 namespace pi::fe::proto {
 
-// The keys that one Write touches and, as far as their outcome is in the store, what stood there
-// before. Reads older than the Write's end go by it instead of by what the target shows.
-class WriteLog {
- public:
-  struct Touched {
-    uint32_t lastLevel = 0;  // the Write's own: the batch of its latest update of this key
-    bool committed = false;  // guarded by the store's lock, as is what follows
-    EntryPtr original;       // what stood there before the Write; null: nothing
-  };
-  using Map = absl::flat_hash_map<EntrySlot, Touched, EntrySlotHash, EntrySlotEqual>;
-
-  // References to elements stay valid for as long as there are at most `capacity` of them.
-  explicit WriteLog(size_t capacity) { touched_.reserve(capacity); }
-  Map& touched() { return touched_; }
-  const Map& touched() const { return touched_; }
-
- private:
-  friend class EntryStore;
-  Map touched_;
-  uint64_t number_ = 0;
-};
-
 // One success of a Write: the entry now stands, or (isDelete) no longer does.
 struct Change {
   EntrySlot slot;
   bool isDelete = false;
-  WriteLog::Touched* touched = nullptr;
 };
 
 // Thread-safe; its lock is a leaf and never held while anything waits. One Write at a time.
@@ -55,70 +31,67 @@ class EntryStore {
   // Before controllers get in: adds or replaces.
   void entryIs(EntryPtr entry);
 
-  // For the Write in progress, who alone changes the store: null when nothing stands there.
-  // The pointer is good until that Write commits.
+  // For the Write in progress, which alone changes the store and sees the changes that it has kept:
+  // null when nothing stands there. The pointer is good until that Write's next keep() or commit().
   const Entry* committed(const EntryLookup& lookup) const;
 
-  // A Write begins by saying all the keys it may touch, before the target hears of any.
-  void writeBegin(std::shared_ptr<WriteLog> log);
-  void commit(std::span<Change> changes);  // leaves the slots empty
-  void writeEnd();                         // reads that begin now see the Write
+  // A Write of several batches keeps the outcome of each but the last. Leaves the slots empty.
+  void keep(std::span<Change> changes);
+  // Ends a Write: what it kept, then these. Reads that begin now see all of it. Leaves the slots
+  // empty.
+  void commit(std::span<Change> changes = {});
 
   EntryPtr entry(const EntryKey& key) const;
   size_t size() const;
 
  private:
   using Set = absl::flat_hash_set<EntrySlot, EntrySlotHash, EntrySlotEqual>;
-  struct KeyOrder {
-    using is_transparent = void;
-    bool operator()(const EntryPtr& a, const EntryPtr& b) const { return a->key() < b->key(); }
-    bool operator()(const EntryPtr& a, const EntryKey& b) const { return a->key() < b; }
-    bool operator()(const EntryKey& a, const EntryPtr& b) const { return a < b->key(); }
-  };
-  using Logs = std::deque<std::shared_ptr<WriteLog>>;
+  // Of the Write in progress; true: deleted.
+  using Kept = absl::flat_hash_map<EntrySlot, bool, EntrySlotHash, EntrySlotEqual>;
 
+  void applyLocked(Change change, std::vector<EntryPtr>* gone);
   EntryPtr entryLocked(const EntryLookup& lookup) const;
-  void objectIs(const EntryPtr& entry);
-  Logs doTakeUnusedLogs();
+  EntryPages& pagesOf(const Entry& entry) { return pages_[listOf(entry)]; }
+  // Members and groups of a profile are lists of their own.
+  static uint64_t listOf(uint32_t tableId, bool groups) { return uint64_t{tableId} << 1 | groups; }
+  static uint64_t listOf(const Entry& entry) {
+    return listOf(entry.tableId, entry.kind == EntryKind::groupObject);
+  }
 
-  mutable std::shared_mutex mutex_;
+  mutable std::mutex mutex_;
   Set entries_;
-  absl::btree_set<EntryPtr, KeyOrder> objects_;  // the members and groups among them
-  uint64_t begun_ = 0;                           // number of the latest Write
-  uint64_t ended_ = 0;                           // number of the latest that has been answered
-  Logs logs_;  // ascending: those a snapshot needs, and the one in progress
-  std::multiset<uint64_t> snapshots_;
+  absl::flat_hash_map<uint64_t, EntryPages> pages_;  // by list
+  EntryPages::Snapshots snapshots_;
+  std::set<uint64_t> alive_;  // numbers of snapshots
+
+  Kept kept_;  // for the Write in progress alone, without the lock
 };
 
-// The store as it was when the snapshot was made. Short-lived: while it lives, the store remembers
-// what each Write replaces. The store outlives it. One thread at a time.
+// The store as it was when the snapshot was made. The store outlives it, and remembers what Writes
+// replace for as long as it lives. One thread at a time.
 class EntryStore::Snapshot {
  public:
-  explicit Snapshot(EntryStore& store);
+  // Finds the entries of `lookups` in the same moment: one for each, in order, null when there is
+  // none.
+  explicit Snapshot(EntryStore& store, std::span<const EntryLookup> lookups = {});
   ~Snapshot();
   Snapshot(const Snapshot&) = delete;
   Snapshot& operator=(const Snapshot&) = delete;
 
-  EntryPtr entry(const EntryKey& key) const;  // null when there was none
+  std::span<const EntryPtr> found() const { return found_; }
 
-  // One for each lookup, in order.
-  void entries(std::span<const EntryLookup> lookups, std::vector<EntryPtr>* out) const;
-
+  // The table's entries, in no order.
+  const EntryPages::List& table(uint32_t tableId) const;
   // The members (or groups) of a profile, by id.
-  std::vector<EntryPtr> objects(uint32_t profileId, bool groups) const;
-
-  // The keys of the table (or profile) that Writes have touched since, with what stood there when
-  // the snapshot was made (null: nothing). What the target was seen to hold under these keys does
-  // not count.
-  using Touched = absl::flat_hash_map<EntrySlot, EntryPtr, EntrySlotHash, EntrySlotEqual>;
-  Touched touchedSince(uint32_t tableId) const;
+  std::vector<const Entry*> objects(uint32_t profileId, bool groups) const;
 
  private:
-  EntryPtr entryLocked(const EntryLookup& lookup) const;
-  bool objectsAfter(const EntryKey& key, std::vector<EntryPtr>* out) const;
+  const EntryPages::List& list(uint64_t number) const;
 
   EntryStore& store_;
-  uint64_t seen_;  // Writes up to this number are in the picture
+  uint64_t number_ = 0;
+  std::vector<EntryPtr> found_;
+  absl::flat_hash_map<uint64_t, std::shared_ptr<const EntryPages::List>> lists_;
 };
 
 }  // namespace pi::fe::proto

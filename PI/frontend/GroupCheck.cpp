@@ -16,6 +16,16 @@ using p4::v1::ActionProfileGroup;
 namespace {
 
 constexpr uint32_t kPortBits = 32;
+constexpr uint32_t kFirstReservedPort = 0xffffff00;
+constexpr uint32_t kRecirculationPort = 0xfffffffa;
+constexpr uint32_t kCpuPort = 0xfffffffd;
+
+// Of the reserved numbers two name ports that every switch has.
+bool isReserved(std::string_view port) {
+  uint32_t number = 0;
+  for (const char byte : significant(port)) number = number << 8 | static_cast<uint8_t>(byte);
+  return number >= kFirstReservedPort && number != kRecirculationPort && number != kCpuPort;
+}
 
 // A MODIFY has to repeat what was inserted, which is for others to check.
 void checkMaxSize(const ProfilePlan& profile, const std::string& text, int32_t maxSize,
@@ -112,6 +122,9 @@ void checkWatch(const ProfilePlan& profile, const ElementText& text, int32_t wat
     refuse(code::invalidArgument, textOf(text), " has the watch_port ", hexText(port),
            ", which is no port number; leave it empty to watch none");
   }
+  if (!isReserved(port)) return;
+  refuse(code::invalidArgument, textOf(text), " has the watch_port ", hexText(port),
+         ", which no port of a switch has: the number is reserved");
 }
 
 bool isPortCanonical(const ProfilePlan& profile, const std::string& port) {

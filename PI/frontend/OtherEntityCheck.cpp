@@ -69,6 +69,46 @@ void checkReplication(const p4::v1::PacketReplicationEngineEntry& entry) {
   }
 }
 
+// Of those that could be there only if they could be written, none is.
+void requireNoDelete(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
+  if (type != Update::DELETE) return;
+  if (!entity.has_packet_replication_engine_entry() && !entity.has_digest_entry()) return;
+  refuse(code::notFound, entityText(index, entity), ": there is none");
+}
+
+void checkDigest(const P4InfoIndex& index, const Entity& entity, bool isQuery) {
+  if (!entity.has_digest_entry()) return;
+  const uint32_t id = entity.digest_entry().digest_id();
+  if (id == 0 && isQuery) return;
+  if (id == 0) refuse(code::invalidArgument, "the digest id is 0");
+  if (index.arraySize("digest", id)) return;
+  refuse(code::invalidArgument, "the digest id is that of ", index.objectText(id));
+}
+
+// Whether the query is for all of a kind, of which there are none. Digests may be named, too: none
+// has been started.
+bool asksForNothing(const Entity& entity) {
+  const auto& replication = entity.packet_replication_engine_entry();
+  switch (entity.entity_case()) {
+    case Entity::kExternEntry:
+      return entity.extern_entry().extern_type_id() == 0 && entity.extern_entry().extern_id() == 0;
+    case Entity::kMeterEntry:
+      return entity.meter_entry().meter_id() == 0;
+    case Entity::kCounterEntry:
+      return entity.counter_entry().counter_id() == 0;
+    case Entity::kPacketReplicationEngineEntry:
+      return replication.has_multicast_group_entry()
+                 ? replication.multicast_group_entry().multicast_group_id() == 0
+                 : replication.clone_session_entry().session_id() == 0;
+    case Entity::kValueSetEntry:
+      return entity.value_set_entry().value_set_id() == 0;
+    case Entity::kRegisterEntry:
+      return entity.register_entry().register_id() == 0;
+    default:
+      return entity.has_digest_entry();
+  }
+}
+
 }  // namespace
 
 void refuseOtherUpdate(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
@@ -79,13 +119,17 @@ void refuseOtherUpdate(const P4InfoIndex& index, const Entity& entity, Update::T
   if (entity.has_packet_replication_engine_entry()) {
     checkReplication(entity.packet_replication_engine_entry());
   }
+  checkDigest(index, entity, false);
+  requireNoDelete(index, entity, type);
   refuse(code::unimplemented, text, ": writing it is not supported");
 }
 
-void refuseOtherQuery(const P4InfoIndex& index, const Entity& entity) {
+void checkOtherQuery(const P4InfoIndex& index, const Entity& entity) {
   const std::string text = entityText(index, entity);
   if (text.empty()) refuse(code::invalidArgument, "the query names no kind of entity");
   checkArrays(index, entity, true);
+  checkDigest(index, entity, true);
+  if (asksForNothing(entity)) return;
   refuse(code::unimplemented, text, ": reading it is not supported");
 }
 

@@ -6,9 +6,12 @@
 
 namespace pi::fe::proto {
 
-// Throw a Refusal: UNIMPLEMENTED, unless update or query is wrong in itself.
+// Throws a Refusal: UNIMPLEMENTED, unless the update is wrong in itself, or deletes what cannot be
+// there (NOT_FOUND).
 [[noreturn]] void refuseOtherUpdate(const P4InfoIndex& index, const p4::v1::Entity& entity,
                                     p4::v1::Update::Type type);
-[[noreturn]] void refuseOtherQuery(const P4InfoIndex& index, const p4::v1::Entity& entity);
+// Returns when the answer is right without any entity, as for all of a kind; throws a Refusal
+// otherwise, as above.
+void checkOtherQuery(const P4InfoIndex& index, const p4::v1::Entity& entity);
 
 }  // namespace pi::fe::proto

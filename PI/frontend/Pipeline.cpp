@@ -68,6 +68,18 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   return adopted ? PI_STATUS_SUCCESS : PI_STATUS_INVALID_ENTRY_TYPE;
 }
 
+pi_status_t Pipeline::constantEntryIs(uint32_t tableId, const pi_match_key_t& key,
+                                      const pi_table_entry_t* given, uint64_t handle) {
+  if (given != nullptr) {
+    const pi_status_t status = restoredEntryIs(tableId, key, *given, handle, 0, {});
+    if (status != PI_STATUS_SUCCESS) return status;
+  }
+  const EntryPtr entry = store_.entry({tableId, key.priority, {key.data, key.data_size}});
+  if (!entry) return PI_STATUS_INVALID_ENTRY_TYPE;
+  entry->isConst = true;  // before controllers get in: nobody else has it
+  return PI_STATUS_SUCCESS;
+}
+
 bool Pipeline::entryAdopted(const TablePlan& table, EntryPtr entry) {
   if (entry->kind == EntryKind::unresolved) {
     entry = restored_ ? restored_->resolved(table, *entry) : EntryPtr();

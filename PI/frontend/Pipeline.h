@@ -47,6 +47,9 @@ class Pipeline {
   pi_status_t restoredEntryIs(uint32_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t& given, uint64_t handle,
                               uint64_t controllerMetadata, std::string_view metadata);
+  // `given` is null for an entry that was restored.
+  pi_status_t constantEntryIs(uint32_t tableId, const pi_match_key_t& key,
+                              const pi_table_entry_t* given, uint64_t handle);
   // After the last of those. The target programs constant and initial entries by itself. Takes the
   // target's lock. False when it could not tell those of some table.
   bool doFinishRestore(const TargetSession& session);

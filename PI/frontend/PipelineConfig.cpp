@@ -21,6 +21,11 @@ void requireKnown(Request::Action action) {
   refuse(code::invalidArgument, "the action ", static_cast<int>(action), " is unknown");
 }
 
+DeviceMgrImp::Cookie cookieOf(const DeviceMgrImp::Config& config) {
+  if (!config.has_cookie()) return std::nullopt;
+  return config.cookie();
+}
+
 void requireSuccess(pi_status_t status, const char* step) {
   if (status == PI_STATUS_SUCCESS) return;
   refuse(code::internal, "the target refused the pipeline: ", step, " answered ", status);
@@ -82,6 +87,7 @@ void DeviceMgrImp::doCommit(std::shared_ptr<Pipeline> next) {
   const std::lock_guard lock(mutex_);
   saved_ = nullptr;
   equalSaved_ = false;
+  cookie_ = cookieOf(next->config());
 }
 
 void DeviceMgrImp::doInstall(const Pipeline& pipeline) {
@@ -113,6 +119,7 @@ void DeviceMgrImp::doCheckPush(Action action, bool configGiven, const Config& co
     if (!std::exchange(equalSaved_, false)) {
       refuse(code::notFound, "device ", deviceId_, ": no pipeline is saved");
     }
+    cookie_ = savedCookie_;
     return;
   }
   if (!configGiven) refuse(code::invalidArgument, "the request has no config");
@@ -122,7 +129,9 @@ void DeviceMgrImp::doCheckPush(Action action, bool configGiven, const Config& co
            " is fixed by configuration; only the running one may be pushed");
   }
   const std::lock_guard lock(mutex_);
-  if (action != Request::VERIFY) equalSaved_ = action == Request::VERIFY_AND_SAVE;
+  if (action == Request::VERIFY) return;
+  equalSaved_ = action == Request::VERIFY_AND_SAVE;
+  (equalSaved_ ? savedCookie_ : cookie_) = cookieOf(config);
 }
 
 DeviceMgrImp::Status DeviceMgrImp::pipelineConfig(GetRequest::ResponseType type,
@@ -142,7 +151,8 @@ DeviceMgrImp::Status DeviceMgrImp::pipelineConfig(GetRequest::ResponseType type,
   if (everything || type == GetRequest::DEVICE_CONFIG_AND_COOKIE) {
     config->set_p4_device_config(all.p4_device_config());
   }
-  if (all.has_cookie()) *config->mutable_cookie() = all.cookie();
+  const std::lock_guard lock(mutex_);
+  if (cookie_) *config->mutable_cookie() = *cookie_;
   return okStatus();
 }
 

@@ -1,6 +1,7 @@
 // One element of a Read, checked against the P4Info.
 #include "PI/frontend/Query.h"
 
+#include "PI/frontend/Indirect.h"
 #include "PI/frontend/KeyCodec.h"
 #include "PI/frontend/OtherEntityCheck.h"
 #include "PI/frontend/Refusal.h"
@@ -14,7 +15,7 @@ namespace {
 
 void requireNoFilter(const TableEntry& entry) {
   if (entry.match_size() == 0 && !entry.has_action() && entry.priority() == 0 &&
-      entry.controller_metadata() == 0 && entry.metadata().empty() && !entry.is_default_action()) {
+      entry.controller_metadata() == 0 && entry.metadata().empty()) {
     return;
   }
   refuse(code::invalidArgument, "a query for all tables (table id 0) takes no filter");
@@ -30,11 +31,6 @@ void checkWanted(const TablePlan& table, const TableEntry& entry) {
   if (entry.has_meter_counter_data() && table.meter) wanted = "meter_counter_data";
   if (wanted == nullptr) return;
   refuse(code::unimplemented, "table ", table.name, ": reading ", wanted, " is not supported");
-}
-
-void checkWantedOfAll(const P4InfoIndex& index, TableEntry entry) {
-  entry.clear_time_since_last_hit();  // left out where it is not supported
-  for (const auto& table : index.tables()) checkWanted(*table, entry);
 }
 
 uint32_t checkedActionId(const TablePlan& table, const p4::v1::TableAction& action) {
@@ -89,8 +85,9 @@ Query tableQuery(const P4InfoIndex& index, const TableEntry& entry) {
   Query query;
   query.form = wantedForm(entry);
   if (entry.table_id() == 0) {
+    // Beside the entries, what is not supported is left out.
     requireNoFilter(entry);
-    checkWantedOfAll(index, entry);
+    if (entry.is_default_action()) query.kind = Query::Kind::defaultEntry;
     return query;
   }
   const TablePlan& table = checkedTable(index, entry.table_id());
@@ -132,17 +129,21 @@ Query resourceQuery(const P4InfoIndex& index, const TableEntry& entry, EntryForm
 
 Query meterQuery(const P4InfoIndex& index, const p4::v1::DirectMeterEntry& given) {
   Query query = resourceQuery(index, given.table_entry(), EntryForm::meter);
-  if (!given.has_counter_data()) return query;
-  refuse(code::unimplemented, query.table == nullptr ? "" : "table ",
-         query.table == nullptr ? "" : query.table->name, query.table == nullptr ? "" : ": ",
-         "reading a direct meter's counter_data is not ", "supported");
+  if (!given.has_counter_data() || query.table == nullptr) return query;
+  refuse(code::unimplemented, "table ", query.table->name,
+         ": reading a direct meter's counter_data is not supported");
+}
+
+Query emptyQuery() {
+  Query query;
+  query.kind = Query::Kind::nothing;
+  return query;
 }
 
 Query objectQuery(const P4InfoIndex& index, uint32_t profileId, bool groups, uint32_t id) {
   Query query;
   query.kind = id == 0 ? Query::Kind::objects : Query::Kind::oneObject;
   query.groups = groups;
-  query.objectId = id;
   query.mustExist = true;
   const char* kind = groups ? "group" : "member";
   if (profileId == 0) {
@@ -155,10 +156,20 @@ Query objectQuery(const P4InfoIndex& index, uint32_t profileId, bool groups, uin
     refuse(code::invalidArgument, "action profile ", query.profile->name,
            " has no selector, and so no groups");
   }
+  if (id != 0) query.key = makeObject({profileId, groups, id}, 0);
   return query;
 }
 
 }  // namespace
+
+std::string Query::identity() const {
+  std::string result = absl::StrCat(
+      static_cast<int>(kind), ",", static_cast<int>(form), ",", mustExist, ",",
+      table == nullptr ? 0 : table->id, ",", profile == nullptr ? 0 : profile->id, ",", groups, ",",
+      actionId, ",", priority, ",", controllerMetadata, ",", metadata.size(), ",", metadata);
+  if (key) result.append(",").append(key->key().bytes);
+  return result;
+}
 
 bool Query::takes(const Entry& entry) const {
   if (actionId != 0 && entry.actionId != actionId) return false;
@@ -197,7 +208,8 @@ Query checkedQuery(const P4InfoIndex& index, const p4::v1::Entity& entity) {
       return objectQuery(index, group.action_profile_id(), true, group.group_id());
     }
     default:
-      refuseOtherQuery(index, entity);
+      checkOtherQuery(index, entity);
+      return emptyQuery();
   }
 }
 

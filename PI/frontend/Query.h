@@ -16,20 +16,23 @@ enum class EntryForm : uint8_t {
   meter = 5     // a DirectMeterEntry
 };
 inline constexpr int kEntryForms = 6;
+inline constexpr uint32_t kFormsWithCounter = 1u << static_cast<int>(EntryForm::withCounter) |
+                                              1u << static_cast<int>(EntryForm::withBoth) |
+                                              1u << static_cast<int>(EntryForm::counter);
 inline bool hasCounter(EntryForm form) {
-  return form == EntryForm::withCounter || form == EntryForm::withBoth ||
-         form == EntryForm::counter;
+  return (kFormsWithCounter >> static_cast<int>(form) & 1) != 0;
 }
 inline bool hasMeter(EntryForm form) {
   return form == EntryForm::withMeter || form == EntryForm::withBoth || form == EntryForm::meter;
 }
 
 struct Query {
-  enum class Kind { allTables, table, oneEntry, defaultEntry, objects, oneObject };
+  enum class Kind { allTables, table, oneEntry, defaultEntry, objects, oneObject, nothing };
 
   Kind kind = Kind::allTables;
   const TablePlan* table = nullptr;  // null: all tables
-  EntryPtr key;                      // oneEntry, or a table narrowed to a match; else null
+  // oneEntry, oneObject, or a table narrowed to a match; else null.
+  EntryPtr key;
   EntryForm form = EntryForm::plain;
   bool mustExist = false;  // oneEntry, oneObject: NOT_FOUND otherwise
   // Filters; 0 and empty take everything.
@@ -40,8 +43,9 @@ struct Query {
   // Of members and groups.
   const ProfilePlan* profile = nullptr;  // null: all profiles
   bool groups = false;
-  uint32_t objectId = 0;  // oneObject
 
+  // The same for queries that ask for the same in the same way.
+  std::string identity() const;
   bool takes(const Entry& entry) const;
   // Whether the table has anything of the kind that is asked for.
   bool concerns(const TablePlan& table) const;

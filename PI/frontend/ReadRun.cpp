@@ -1,10 +1,6 @@
 // Carries out one Read.
 #include "PI/frontend/ReadRun.h"
 
-#include <algorithm>
-
-#include "PI/frontend/DirectCounters.h"
-#include "PI/frontend/FetchedTable.h"
 #include "PI/frontend/Indirect.h"
 #include "PI/frontend/KeyCodec.h"
 #include "PI/frontend/Refusal.h"
@@ -13,24 +9,46 @@
 namespace pi::fe::proto {
 
 namespace {
-constexpr size_t kChunk = 256;  // entries looked up under one hold of the store's lock
+
+// Each entry of a table is held against each of them.
+constexpr size_t kMostQueriesOfATable = 256;
+
+uint32_t bitOf(EntryForm form) { return 1u << static_cast<int>(form); }
+
+std::string missingText(const Query& query) {
+  if (query.profile != nullptr) {
+    return absl::StrCat("action profile ", query.profile->name, ": there is no ",
+                        objectText(objectId(*query.key)));
+  }
+  return absl::StrCat(keyText(*query.table, query.key->keyData(), query.priority),
+                      ": there is no such entry");
 }
+
+}  // namespace
 
 google::rpc::Status ReadRun::run(const p4::v1::ReadRequest& request,
                                  const DeviceMgr::ReadSink& sink) {
   doCheck(request);
-  doCollect();
-  if (!sent(sink)) return plainStatus(code::cancelled, "the client takes no more of the answer");
+  const EntryStore::Snapshot snapshot(store_, lookups());
+  doCheckFound(snapshot);
+  if (!sent(snapshot, sink)) {
+    return plainStatus(code::cancelled, "the client takes no more of the answer");
+  }
+  doCopyErrors();
   return itemisedStatus(&errors_, "queries");
 }
 
 void ReadRun::doCheck(const p4::v1::ReadRequest& request) {
-  queries_.resize(request.entities_size());
-  errors_.resize(request.entities_size());
-  for (size_t query = 0; query < queries_.size(); ++query) {
+  const auto count = static_cast<size_t>(request.entities_size());
+  queries_.resize(count);
+  errors_.resize(count);
+  absl::flat_hash_map<std::string, size_t> known;
+  for (size_t query = 0; query < count; ++query) {
+    firstEqual_.push_back(query);
     try {
       queries_[query] = checkedQuery(index_, request.entities(static_cast<int>(query)));
-      doPlan(query);
+      firstEqual_[query] = known.try_emplace(queries_[query].identity(), query).first->second;
+      if (firstEqual_[query] == query) doPlan(query);
     } catch (const Refusal& refusal) {
       doFail(query, refusal.code(), refusal.message());
     }
@@ -39,180 +57,199 @@ void ReadRun::doCheck(const p4::v1::ReadRequest& request) {
 
 void ReadRun::doPlan(size_t query) {
   const Query& planned = queries_[query];
-  switch (planned.kind) {
-    case Query::Kind::allTables:
-      for (const auto& table : index_.tables()) {
-        if (planned.concerns(*table)) tableQueryIs(*table, query);
-      }
-      break;
-    case Query::Kind::table:
-      tableQueryIs(*planned.table, query);
-      break;
-    case Query::Kind::oneEntry:
-      oneEntry_.push_back(query);
-      break;
-    case Query::Kind::defaultEntry:
-      defaults_.push_back(planned.table);
-      break;
-    case Query::Kind::objects:
-    case Query::Kind::oneObject:
-      objects_.push_back({query, {}});
-      break;
+  walks_ |= planned.kind == Query::Kind::allTables || planned.kind == Query::Kind::table ||
+            planned.kind == Query::Kind::objects;
+  if (planned.kind == Query::Kind::oneEntry || planned.kind == Query::Kind::oneObject) {
+    foundAt_[query] = keyed_.size();
+    keyed_.push_back(query);
   }
+  if (planned.kind == Query::Kind::allTables) {
+    for (const auto& table : index_.tables()) {
+      if (planned.concerns(*table)) tableRead(*table).ofAnyKey.push_back(query);
+    }
+  }
+  if (planned.kind != Query::Kind::table) return;
+  TableRead& read = tableRead(*planned.table);
+  if (planned.key) {
+    read.ofOneKey[planned.key->key().bytes].push_back(query);
+    return;
+  }
+  if (read.ofAnyKey.size() >= kMostQueriesOfATable) {
+    refuse(code::resourceExhausted, "table ", planned.table->name, ": a Read may have ",
+           kMostQueriesOfATable, " different queries for many entries of a table; send more Reads");
+  }
+  read.ofAnyKey.push_back(query);
 }
 
-void ReadRun::tableQueryIs(const TablePlan& table, size_t query) {
+ReadRun::TableRead& ReadRun::tableRead(const TablePlan& table) {
   TableRead& read = tables_[table.id];
   read.table = &table;
-  read.queries.push_back(query);
+  return read;
 }
 
-void ReadRun::doCollect() {
-  const EntryStore::Snapshot snapshot(store_);
-  for (const size_t query : oneEntry_) doCollectOne(snapshot, query);
-  for (ObjectRead& read : objects_) doCollectObjects(snapshot, &read);
-  for (auto& [tableId, read] : tables_) {
-    try {
-      doCollectTable(snapshot, &read);
-    } catch (const Refusal& refusal) {
-      read.entries.clear();
-      for (const size_t query : read.queries) doFail(query, refusal.code(), refusal.message());
-    }
+std::vector<EntryLookup> ReadRun::lookups() const {
+  std::vector<EntryLookup> result;
+  result.reserve(keyed_.size());
+  for (const size_t query : keyed_) {
+    const EntryKey key = queries_[query].key->key();
+    result.push_back({key, key.hash()});
   }
+  return result;
 }
 
-void ReadRun::doCollectOne(const EntryStore::Snapshot& snapshot, size_t query) {
-  const Query& wanted = queries_[query];
-  single_.push_back(snapshot.entry(wanted.key->key()));
-  if (single_.back() || !wanted.mustExist) return;
-  doFail(query, code::notFound,
-         absl::StrCat(keyText(*wanted.table, wanted.key->keyData(), wanted.priority),
-                      ": there is no such entry"));
-}
-
-void ReadRun::doCollectObjects(const EntryStore::Snapshot& snapshot, ObjectRead* read) {
-  const Query& wanted = queries_[read->query];
-  if (wanted.kind == Query::Kind::oneObject) {
-    const ObjectId id{wanted.profile->id, wanted.groups, wanted.objectId};
-    const ObjectLookup lookup(id);
-    read->objects.push_back(snapshot.entry(lookup.lookup().key));
-    if (read->objects.back()) return;
-    read->objects.clear();
-    return doFail(
-        read->query, code::notFound,
-        absl::StrCat("action profile ", wanted.profile->name, ": there is no ", objectText(id)));
-  }
-  for (const auto& profile : index_.profiles()) {
-    if (wanted.profile != nullptr && wanted.profile != profile.get()) continue;
-    const std::vector<EntryPtr> found = snapshot.objects(profile->id, wanted.groups);
-    read->objects.insert(read->objects.end(), found.begin(), found.end());
+void ReadRun::doCheckFound(const EntryStore::Snapshot& snapshot) {
+  for (size_t i = 0; i < keyed_.size(); ++i) {
+    const Query& query = queries_[keyed_[i]];
+    if (snapshot.found()[i] || !query.mustExist) continue;
+    doFail(keyed_[i], code::notFound, missingText(query));
   }
 }
 
-// What points at a member or group is known by the store, unless the target made it up.
-void ReadRun::requireResolved(const TablePlan& table, const Entry& entry) const {
-  if (entry.kind != EntryKind::unresolved) return;
-  refuse(code::internal, "table ", table.name, ": the target holds an entry (handle ", entry.handle,
-         ") that points at no known member or group");
-}
-
-void ReadRun::doCollectTable(const EntryStore::Snapshot& snapshot, TableRead* read) const {
-  FetchedTable fetched(session_, *read->table);
-  const EntryStore::Snapshot::Touched touched = snapshot.touchedSince(read->table->id);
-  std::vector<EntryPtr> chunk;
-  std::vector<EntryLookup> lookups;
-  std::vector<EntryPtr> known;
-  bool more = true;
-  while (more) {
-    EntryPtr entry = fetched.next();
-    more = static_cast<bool>(entry);
-    if (entry) {
-      const EntryLookup lookup{entry->key(), entry->key().hash()};
-      if (touched.contains(lookup)) continue;  // as it was, below
-      lookups.push_back(lookup);
-      chunk.push_back(std::move(entry));
-    }
-    if (more && chunk.size() < kChunk) continue;
-    snapshot.entries(lookups, &known);
-    for (size_t i = 0; i < chunk.size(); ++i) {
-      // What the store knows has metadata, too.
-      EntryPtr& best = known[i] ? known[i] : chunk[i];
-      if (!takenByAny(*read, *best)) continue;
-      requireResolved(*read->table, *best);
-      read->entries.push_back(std::move(best));
-    }
-    chunk.clear();
-    lookups.clear();
-    known.clear();
+// In the order in which controllers ask.
+bool ReadRun::sent(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSink& sink) {
+  std::optional<ReadTurn> turn;
+  if (walks_) turn.emplace(turns_);
+  const DeviceMgr::ReadSink inTurn = [&](const p4::v1::ReadResponse& response) {
+    if (!turn) return sink(response);
+    const ReadTurn::Sending sending(*turn);
+    return sink(response);
+  };
+  EntitySender sender(index_, inTurn);
+  for (size_t query = 0; query < queries_.size(); ++query) {
+    if (firstEqual_[query] != query || errors_[query].canonical_code() != code::ok) continue;
+    if (!answerSent(snapshot, query, &sender)) return false;
   }
-  for (const auto& [slot, original] : touched) {
-    if (original && takenByAny(*read, *original)) read->entries.push_back(original);
-  }
-}
-
-bool ReadRun::takenByAny(const TableRead& read, const Entry& entry) const {
-  return std::any_of(read.queries.begin(), read.queries.end(),
-                     [&](size_t query) { return queries_[query].takes(entry); });
-}
-
-bool ReadRun::sent(const DeviceMgr::ReadSink& sink) {
-  EntitySender sender(index_, sink);
-  for (const TablePlan* table : defaults_) {
-    if (!sender.defaultEntrySent(*table)) return false;
-  }
-  for (size_t i = 0; i < single_.size(); ++i) {
-    if (!single_[i]) continue;
-    const TablePlan& table = *queries_[oneEntry_[i]].table;
-    if (!entrySent(&sender, table, *single_[i], {&oneEntry_[i], 1})) return false;
-  }
-  for (const auto& [tableId, read] : tables_) {
-    for (const EntryPtr& entry : read.entries) {
-      if (!entrySent(&sender, *read.table, *entry, read.queries)) return false;
-    }
-  }
-  for (const ObjectRead& read : objects_) {
-    for (const EntryPtr& object : read.objects) {
-      if (!sender.objectSent(*object)) return false;
-    }
-  }
+  turn.reset();
   return sender.restSent();
 }
 
-// Once in each form that is asked for, by however many queries.
-bool ReadRun::entrySent(EntitySender* sender, const TablePlan& table, const Entry& entry,
-                        std::span<const size_t> queries) {
-  uint32_t forms = 0;
-  for (const size_t query : queries) {
-    const Query& wanted = queries_[query];
-    if (wanted.takes(entry)) forms |= 1u << static_cast<int>(wanted.formFor(table));
-  }
-  for (int form = 0; form < kEntryForms; ++form) {
-    if ((forms & 1u << form) == 0) continue;
-    if (!formSent(sender, table, entry, static_cast<EntryForm>(form), queries)) return false;
+bool ReadRun::answerSent(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender) {
+  const Query& wanted = queries_[query];
+  switch (wanted.kind) {
+    case Query::Kind::allTables:
+      for (auto& [tableId, read] : tables_) {
+        if (wanted.concerns(*read.table) && !tableSent(snapshot, &read, sender)) return false;
+      }
+      return true;
+    case Query::Kind::table:
+      return tableSent(snapshot, &tables_[wanted.table->id], sender);
+    case Query::Kind::oneEntry:
+    case Query::Kind::oneObject:
+      return foundSent(query, snapshot.found()[foundAt_.at(query)], sender);
+    case Query::Kind::defaultEntry:
+      return defaultsSent(wanted, sender);
+    case Query::Kind::objects:
+      return objectsSent(snapshot, wanted, sender);
+    case Query::Kind::nothing:
+      return true;
   }
   return true;
 }
 
-bool ReadRun::formSent(EntitySender* sender, const TablePlan& table, const Entry& entry,
-                       EntryForm form, std::span<const size_t> queries) {
-  p4::v1::CounterData count;
-  if (!hasCounter(form)) return sender->entrySent(table, entry, form, count);
-  try {
-    count = directCount(session_, store_, table, entry);
-  } catch (const Refusal& refusal) {
-    for (const size_t query : queries) {
-      if (queries_[query].formFor(table) == form) {
-        doFail(query, refusal.code(), refusal.message());
-      }
-    }
-    return true;
+bool ReadRun::foundSent(size_t number, const EntryPtr& found, EntitySender* sender) {
+  const Query& query = queries_[number];
+  if (!found) return true;
+  if (query.kind == Query::Kind::oneObject) return sender->objectSent(*found);
+  TableRead read;
+  read.table = query.table;
+  read.ofAnyKey.push_back(number);
+  picked_.clear();
+  maybePick(read, *found);
+  return pickedSent(read, sender);
+}
+
+bool ReadRun::defaultsSent(const Query& query, EntitySender* sender) {
+  for (const auto& table : index_.tables()) {
+    if (query.table != nullptr && query.table != table.get()) continue;
+    if (!sender->defaultEntrySent(*table)) return false;
   }
-  return sender->entrySent(table, entry, form, count);
+  return true;
+}
+
+bool ReadRun::objectsSent(const EntryStore::Snapshot& snapshot, const Query& query,
+                          EntitySender* sender) {
+  for (const auto& profile : index_.profiles()) {
+    if (query.profile != nullptr && query.profile != profile.get()) continue;
+    for (const Entry* object : snapshot.objects(profile->id, query.groups)) {
+      if (!sender->objectSent(*object)) return false;
+    }
+  }
+  return true;
+}
+
+bool ReadRun::tableSent(const EntryStore::Snapshot& snapshot, TableRead* read,
+                        EntitySender* sender) {
+  if (std::exchange(read->sent, true)) return true;
+  for (const auto& page : snapshot.table(read->table->id).pages) {
+    picked_.clear();
+    for (const EntryPtr& entry : page->entries) {
+      if (entry) maybePick(*read, *entry);
+    }
+    if (!pickedSent(*read, sender)) return false;
+  }
+  return true;
+}
+
+template <typename Visit>
+void ReadRun::forEachTaking(const TableRead& read, const Entry& entry, Visit visit) const {
+  const auto visitTaking = [&](const Queries& queries) {
+    for (const size_t query : queries) {
+      if (queries_[query].takes(entry)) visit(query);
+    }
+  };
+  visitTaking(read.ofAnyKey);
+  if (read.ofOneKey.empty()) return;
+  const auto keyed = read.ofOneKey.find(entry.key().bytes);
+  if (keyed != read.ofOneKey.end()) visitTaking(keyed->second);
+}
+
+// Once in each form that is asked for, by however many queries.
+void ReadRun::maybePick(const TableRead& read, const Entry& entry) {
+  uint32_t forms = 0;
+  forEachTaking(read, entry,
+                [&](size_t query) { forms |= bitOf(queries_[query].formFor(*read.table)); });
+  if (forms != 0) picked_.push_back({&entry, forms});
+}
+
+// The target is asked once for the counts of all.
+bool ReadRun::pickedSent(const TableRead& read, EntitySender* sender) {
+  counted_.clear();
+  for (const Picked& picked : picked_) {
+    if ((picked.forms & kFormsWithCounter) != 0) counted_.push_back(picked.entry);
+  }
+  if (!counted_.empty()) directCounts(session_, store_, *read.table, counted_, &counts_);
+  const Count* count = counts_.data();
+  for (const Picked& picked : picked_) {
+    for (int number = 0; number < kEntryForms; ++number) {
+      const auto form = static_cast<EntryForm>(number);
+      if ((picked.forms & bitOf(form)) == 0) continue;
+      if (!formSent(read, *picked.entry, form, count, sender)) return false;
+    }
+    if ((picked.forms & kFormsWithCounter) != 0) ++count;
+  }
+  return true;
+}
+
+bool ReadRun::formSent(const TableRead& read, const Entry& entry, EntryForm form,
+                       const Count* count, EntitySender* sender) {
+  if (!hasCounter(form)) return sender->entrySent(*read.table, entry, form, {});
+  if (!count->failure) return sender->entrySent(*read.table, entry, form, count->data);
+  forEachTaking(read, entry, [&](size_t query) {
+    if (queries_[query].formFor(*read.table) != form) return;
+    doFail(query, count->failure->code(), count->failure->message());
+  });
+  return true;
 }
 
 void ReadRun::doFail(size_t query, int code, const std::string& message) {
   errors_[query].set_canonical_code(code);
   errors_[query].set_message(message);
+}
+
+void ReadRun::doCopyErrors() {
+  for (size_t query = 0; query < errors_.size(); ++query) {
+    if (firstEqual_[query] != query) errors_[query] = errors_[firstEqual_[query]];
+  }
 }
 
 }  // namespace pi::fe::proto

@@ -34,6 +34,13 @@ void requireState(const CheckedUpdate& update, const Entry* former) {
   }
 }
 
+// Of a constant entry only the direct resources can be changed.
+void requireResourcesAlone(const CheckedUpdate& update, bool keepsAction) {
+  const bool hasResources = update.table->meter || update.table->counter;
+  if (keepsAction && hasResources && !update.slot.entry->hasMetadata()) return;
+  refuse(code::permissionDenied, updateText(update), ": the entry is constant");
+}
+
 // The same entry once more, with the action that stands now. A TableEntry brings its own metadata
 // and meter setting; a DirectMeterEntry the setting alone.
 void doKeepAction(CheckedUpdate* update, const Entry& former) {
@@ -48,6 +55,7 @@ void doKeepAction(CheckedUpdate* update, const Entry& former) {
   kept->controllerMetadata = described.controllerMetadata;
   kept->actionId = former.actionId;
   kept->kind = former.kind;
+  kept->isConst = former.isConst;
   std::memcpy(kept->keyData(), key.bytes.data(), key.bytes.size());
   std::memcpy(kept->actionData(), former.actionData(), former.actionSize());
   std::memcpy(kept->metadataData(), metadata.data(), metadata.size());
@@ -61,6 +69,7 @@ void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
   if (update->subject == Subject::directCounter) return;
   const bool keeps =
       update->type == Update::MODIFY && update->slot.entry->kind == EntryKind::keyAlone;
+  if (former != nullptr && former->isConst) requireResourcesAlone(*update, keeps);
   if (keeps) return doKeepAction(update, *former);
   if (update->profile == nullptr) return;
   if (update->subject == Subject::member) {

@@ -10,9 +10,10 @@
 namespace pi::fe::proto {
 
 google::rpc::Status okStatus();
-google::rpc::Status plainStatus(int code, std::string message);
+google::rpc::Status plainStatus(int code, const std::string& message);
 
-// OK when all errors have code 0, else UNKNOWN with every one of them, in order. The details
+// OK when all errors have code 0, else UNKNOWN with every one of them, in order; the message of a
+// single failure is that of the status, too. All texts leave as plainText(). The details
 // travel in a header that takes 8 KiB unless the client allows for more (100 bytes an update are
 // advised): the messages of later errors are left out when they would not fit, never their codes.
 google::rpc::Status itemisedStatus(std::vector<p4::v1::Error>* errors, const char* what);

@@ -1,10 +1,14 @@
 // A table entry of an update, checked against the P4Info and encoded for the target.
 #include "PI/frontend/TableEntryCheck.h"
 
+#include <google/protobuf/util/message_differencer.h>
+
+#include <algorithm>
 #include <cstring>
 
 #include "PI/frontend/ActionCodec.h"
 #include "PI/frontend/ActionSetCheck.h"
+#include "PI/frontend/ByteString.h"
 #include "PI/frontend/DirectResourceCheck.h"
 #include "PI/frontend/Indirect.h"
 #include "PI/frontend/KeyCodec.h"
@@ -18,8 +22,23 @@ using p4::v1::Update;
 
 namespace {
 
-[[noreturn]] void refuseDefaultEntry(const TablePlan& table, const TableEntry& entry,
-                                     Update::Type type) {
+// Whether it sets back to what it is anyway; parameters come in any order and length.
+bool isTheDefault(const TablePlan& table, const TableEntry& entry) {
+  if (!entry.metadata().empty() || entry.controller_metadata() != 0) return false;
+  if (entry.has_meter_config() || entry.has_counter_data()) return false;
+  if (!entry.has_action()) return true;
+  p4::v1::Action given = entry.action().action();
+  if (!entry.action().has_action() || given.action_id() == 0) return false;
+  for (auto& param : *given.mutable_params()) shorten(param.mutable_value());
+  const auto byId = [](const auto& a, const auto& b) { return a.param_id() < b.param_id(); };
+  p4::v1::Action programs = table.defaultAction;
+  std::sort(given.mutable_params()->begin(), given.mutable_params()->end(), byId);
+  std::sort(programs.mutable_params()->begin(), programs.mutable_params()->end(), byId);
+  return google::protobuf::util::MessageDifferencer::Equals(given, programs);
+}
+
+// Returns when there is nothing to change.
+void checkDefaultEntry(const TablePlan& table, const TableEntry& entry, Update::Type type) {
   const std::string it = absl::StrCat("table ", table.name, ": the default entry ");
   if (entry.match_size() != 0 || entry.priority() != 0) {
     refuse(code::invalidArgument, it, "has neither match nor priority");
@@ -31,6 +50,7 @@ namespace {
   if (table.constDefaultActionId != 0 || table.profile != nullptr) {
     refuse(code::permissionDenied, it, "is constant");
   }
+  if (isTheDefault(table, entry)) return;
   refuse(code::unimplemented, it, "cannot be changed: not supported");
 }
 
@@ -68,11 +88,13 @@ bool isOfDirectResources(const TablePlan& table, const TableEntry& entry, Update
          entry.idle_timeout_ns() == 0;
 }
 
+void requireNotConst(const TablePlan& table, const TableEntry& entry) {
+  if (!entry.is_const()) return;
+  refuse(code::invalidArgument, "table ", table.name, ": is_const cannot be written");
+}
+
 void checkTable(const TablePlan& table, const TableEntry& entry, Update::Type type) {
-  if (entry.is_const()) {
-    refuse(code::invalidArgument, "table ", table.name, ": is_const cannot be written");
-  }
-  if (entry.is_default_action()) refuseDefaultEntry(table, entry, type);
+  requireNotConst(table, entry);
   if (table.isConst && !isOfDirectResources(table, entry, type)) {
     refuse(code::permissionDenied, "table ", table.name, " is constant");
   }
@@ -183,6 +205,11 @@ CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& give
   result.table = &checkedTable(index, given.table_id());
   const TablePlan& table = *result.table;
   result.profile = table.profile;
+  if (given.is_default_action()) {
+    requireNotConst(table, given);
+    checkDefaultEntry(table, given, type);
+    return result;
+  }
   checkTable(table, given, type);
   checkFields(table, given, type);
   EntryPtr entry = withoutKey(table, given, type);

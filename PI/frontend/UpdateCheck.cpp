@@ -60,7 +60,7 @@ CheckedUpdate checkedUpdate(const P4InfoIndex& index, const Update& update) {
   checkType(update.type());
   CheckedUpdate result = checkedEntity(index, update.entity(), update.type());
   result.type = update.type();
-  result.slot.hash = result.slot.entry->key().hash();
+  if (result.slot.entry) result.slot.hash = result.slot.entry->key().hash();
   return result;
 }
 

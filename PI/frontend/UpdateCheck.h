@@ -14,7 +14,7 @@ struct CheckedUpdate {
   const TablePlan* table = nullptr;      // null for members and groups
   const ProfilePlan* profile = nullptr;  // the table's, or that of the member or group
   // What is to be written, handles left open. The key alone for a DELETE, for a MODIFY that keeps
-  // the action, and for a direct resource.
+  // the action, and for a direct resource. Without an entry there is nothing to change.
   EntrySlot slot;
 };
 

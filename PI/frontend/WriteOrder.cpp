@@ -16,17 +16,20 @@ bool writesObject(const CheckedUpdate& update) {
 
 }  // namespace
 
-uint32_t WriteOrder::level(const CheckedUpdate& update, WriteLog::Touched* touched, bool isNew) {
-  uint32_t level = isNew ? 0 : touched->lastLevel + 1;
-  if (update.profile != nullptr) level = levelInProfile(update, touched, isNew, level);
-  touched->lastLevel = level;
+uint32_t WriteOrder::level(const CheckedUpdate& update) {
+  const auto [key, isNew] = levels_.try_emplace(update.slot);
+  uint32_t level = isNew ? 0 : key->second + 1;
+  if (update.profile != nullptr) {
+    level = levelInProfile(update, key->first.entry.get(), isNew, level);
+  }
+  key->second = level;
   return level;
 }
 
 // Any of the earlier updates of a key may fail, so what each of them names may still be what the
 // entry points at; a key that is updated that often costs a batch each time anyway.
-uint32_t WriteOrder::levelInProfile(const CheckedUpdate& update, const WriteLog::Touched* key,
-                                    bool isNew, uint32_t level) {
+uint32_t WriteOrder::levelInProfile(const CheckedUpdate& update, const Entry* key, bool isNew,
+                                    uint32_t level) {
   KeyHistory& history = keys_[key];
   const auto add = [&](const Entry& entry) {
     const ObjectIds named = references(update.profile->id, entry);

@@ -15,8 +15,10 @@ class WriteOrder {
  public:
   WriteOrder(const EntryStore& store, const ProfileUse& use) : store_(store), use_(use) {}
 
-  // The batch of the next update, counted from 0. `isNew`: it is the first of its key.
-  uint32_t level(const CheckedUpdate& update, WriteLog::Touched* touched, bool isNew);
+  void reserve(size_t updates) { levels_.reserve(updates); }
+
+  // The batch of the next update, counted from 0.
+  uint32_t level(const CheckedUpdate& update);
 
  private:
   // One more than the last level that counts; 0: there is none.
@@ -37,7 +39,7 @@ class WriteOrder {
     uint64_t size = 0;  // of the latest
   };
 
-  uint32_t levelInProfile(const CheckedUpdate& update, const WriteLog::Touched* key, bool isNew,
+  uint32_t levelInProfile(const CheckedUpdate& update, const Entry* key, bool isNew,
                           uint32_t level);
   uint32_t levelByReferences(const CheckedUpdate& update, const KeyHistory& history,
                              uint32_t level);
@@ -49,7 +51,9 @@ class WriteOrder {
   const ProfileUse& use_;
   absl::flat_hash_map<ObjectId, ObjectLevels> objects_;
   absl::flat_hash_map<uint32_t, ProfileLevels> profiles_;
-  absl::flat_hash_map<const WriteLog::Touched*, KeyHistory> keys_;
+  // The batch of the latest update of each key.
+  absl::flat_hash_map<EntrySlot, uint32_t, EntrySlotHash, EntrySlotEqual> levels_;
+  absl::flat_hash_map<const Entry*, KeyHistory> keys_;  // by the entry in levels_
 };
 
 }  // namespace pi::fe::proto

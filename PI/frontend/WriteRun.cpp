@@ -18,13 +18,11 @@ namespace {
 
 constexpr int kBatchUpdateFailed = 40;  // the target writes the error into the status vector
 
-// The store learns of the end of the Write however it comes about.
+// What a Write has kept comes into the store however the Write ends.
 class WriteScope {
  public:
-  WriteScope(EntryStore& store, std::shared_ptr<WriteLog> log) : store_(store) {
-    store_.writeBegin(std::move(log));
-  }
-  ~WriteScope() { store_.writeEnd(); }
+  explicit WriteScope(EntryStore& store) : store_(store) {}
+  ~WriteScope() { store_.commit(); }
   WriteScope(const WriteScope&) = delete;
   WriteScope& operator=(const WriteScope&) = delete;
 
@@ -36,10 +34,10 @@ class WriteScope {
 
 google::rpc::Status WriteRun::run(const p4::v1::WriteRequest& request) {
   operations_.resize(request.updates_size());
-  log_ = std::make_shared<WriteLog>(request.updates_size());
+  order_.reserve(operations_.size());
   doCheck(request);
   if (levels_ != 0) {
-    const WriteScope scope(store_, log_);
+    const WriteScope scope(store_);
     for (const Batch& batch : batches()) doRunBatch(batch);
   }
   if (errors_.empty()) return okStatus();
@@ -50,7 +48,7 @@ void WriteRun::doCheck(const p4::v1::WriteRequest& request) {
   for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
     try {
       operations_[offset].update = checkedUpdate(index_, request.updates(offset));
-      doOrder(offset);
+      if (operations_[offset].update.slot.entry) doOrder(offset);
     } catch (const Refusal& refusal) {
       doFail(offset, refusal.code(), refusal.message());
     }
@@ -59,9 +57,8 @@ void WriteRun::doCheck(const p4::v1::WriteRequest& request) {
 
 void WriteRun::doOrder(uint32_t offset) {
   Operation& operation = operations_[offset];
-  const auto [found, isNew] = log_->touched().try_emplace(operation.update.slot);
-  operation.touched = &found->second;
-  operation.level = order_.level(operation.update, operation.touched, isNew);
+  operation.level = order_.level(operation.update);
+  operation.runs = true;
   levels_ = std::max(levels_, operation.level + 1);
 }
 
@@ -70,7 +67,7 @@ std::vector<WriteRun::Batch> WriteRun::batches() const {
   if (levels_ == 1) batches[0].reserve(operations_.size());
   for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
     const Operation& operation = operations_[offset];
-    if (operation.touched != nullptr) batches[operation.level].push_back(offset);
+    if (operation.runs) batches[operation.level].push_back(offset);
   }
   return batches;
 }
@@ -93,7 +90,8 @@ void WriteRun::doRunBatch(const Batch& batch) {
   pi_batch_current_clear();
   pi_batch_end(session_.handle, true);
   _pi_update_pending_status(&statuses);
-  doRecordOutcome(batch, statuses);
+  std::vector<Change> changes = confirmed(batch, statuses);
+  levels_ == 1 ? store_.commit(changes) : store_.keep(changes);
 }
 
 void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
@@ -143,7 +141,8 @@ void WriteRun::doFailUnrun(const Batch& batch, const NoBatch& refusal) {
   for (const uint32_t offset : batch) doFail(offset, refusal.code(), refusal.message());
 }
 
-void WriteRun::doRecordOutcome(const Batch& batch, const StatusVector& failures) {
+// What the forwarding plane has taken of a batch.
+std::vector<Change> WriteRun::confirmed(const Batch& batch, const StatusVector& failures) {
   doRecordFailures(failures);
   std::vector<Change> changes;
   changes.reserve(batch.size());
@@ -152,10 +151,9 @@ void WriteRun::doRecordOutcome(const Batch& batch, const StatusVector& failures)
     if (!operation.pending) continue;
     operation.pending = false;
     if (operation.update.profile != nullptr) doCountUse(operation.update);
-    changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE,
-                       operation.touched});
+    changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE});
   }
-  store_.commit(changes);
+  return changes;
 }
 
 void WriteRun::doRecordFailures(const StatusVector& failures) {

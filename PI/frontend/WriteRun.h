@@ -39,8 +39,8 @@ class WriteRun {
   };
   struct Operation {
     CheckedUpdate update;
-    WriteLog::Touched* touched = nullptr;  // null: refused by the check
-    uint32_t level = 0;                    // the batch it runs in
+    bool runs = false;     // not refused by the check
+    uint32_t level = 0;    // the batch it runs in
     bool pending = false;  // given to the target; ends in its status vector or succeeded
   };
 
@@ -51,7 +51,7 @@ class WriteRun {
   void maybeRunUpdate(uint32_t offset, StatusVector* statuses);
   void maybeBeginBatch(const Operation& operation);
   void doFailUnrun(const Batch& batch, const NoBatch& refusal);
-  void doRecordOutcome(const Batch& batch, const StatusVector& failures);
+  std::vector<Change> confirmed(const Batch& batch, const StatusVector& failures);
   void doRecordFailures(const StatusVector& failures);
   void doCountUse(const CheckedUpdate& update);
   void doFail(uint32_t offset, int code, const std::string& message);
@@ -65,7 +65,6 @@ class WriteRun {
   std::vector<Operation> operations_;  // one an update
   std::vector<p4::v1::Error> errors_;  // empty, or one an update
   uint32_t levels_ = 0;
-  std::shared_ptr<WriteLog> log_;
   bool batchOpen_ = false;
   bool anyBatchRun_ = false;
 };

@@ -10,7 +10,6 @@
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_imp.h"
-#include "bench/frontend/NullTarget.h"
 
 namespace {
 
@@ -138,33 +137,9 @@ void readOne(benchmark::State& state) {
 }
 BENCHMARK(readOne)->Arg(1000)->Arg(1000000);
 
-template <typename Number>
-void append(std::string* bytes, Number number) {
-  bytes->append(reinterpret_cast<const char*>(&number), sizeof(number));
-}
-
 void readAll(benchmark::State& state) {
   const auto entries = static_cast<uint32_t>(state.range(0));
   const std::unique_ptr<DeviceMgr> device = deviceWith(entries);
-  std::string table;
-  for (uint32_t n = 0; n < entries; ++n) {
-    append(&table, uint64_t{1});
-    append(&table, uint32_t{0});
-    table += "\x01\x23";
-    table += static_cast<char>(n >> 24 | 1);
-    table += static_cast<char>(n >> 16);
-    table += static_cast<char>(n >> 8);
-    table += static_cast<char>(n);
-    append(&table, uint32_t{32});
-    append(&table, uint32_t{PI_ACTION_ENTRY_TYPE_DATA});
-    append(&table, uint32_t{2});
-    append(&table, uint32_t{8});
-    append(&table, uint64_t{7});
-    append(&table, uint64_t{0});
-  }
-  theNullTargetTable = &table;
-  theNullTargetEntries = entries;
-  theNullTargetKeyBytes = 10;
   p4::v1::ReadRequest request;
   request.add_entities()->mutable_table_entry()->set_table_id(1);
   for (auto _ : state) {

@@ -1,7 +1,5 @@
-// A target that confirms everything at once, keeps nothing, and shows a table of made-up entries.
-#include "bench/frontend/NullTarget.h"
-
-#include <cstring>
+// A target that confirms everything at once and keeps nothing.
+#include <algorithm>
 
 #include "PI/int/pi_int.h"
 #include "PI/target/pi_act_prof_imp.h"
@@ -10,10 +8,6 @@
 #include "PI/target/pi_pending_imp.h"
 #include "PI/target/pi_tables_imp.h"
 #include "p4/v1/p4runtime.pb.h"
-
-std::string* theNullTargetTable = nullptr;
-size_t theNullTargetEntries = 0;
-size_t theNullTargetKeyBytes = 0;
 
 pi_status_t _pi_init(void*) { return PI_STATUS_SUCCESS; }
 pi_status_t _pi_assign_device(pi_dev_id_t, const pi_p4info_t*, pi_assign_extra_t*) {
@@ -45,16 +39,10 @@ pi_status_t _pi_table_entry_delete_wkey(pi_session_handle_t, pi_dev_id_t, pi_p4_
   return PI_STATUS_SUCCESS;
 }
 pi_status_t _pi_table_entries_fetch(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                    pi_table_fetch_res_t* result) {
-  result->num_entries = theNullTargetEntries;
-  result->mkey_nbytes = theNullTargetKeyBytes;
-  result->entries_size = theNullTargetTable->size();
-  result->entries = new char[result->entries_size];
-  std::memcpy(result->entries, theNullTargetTable->data(), result->entries_size);
+                                    pi_table_fetch_res_t*) {
   return PI_STATUS_SUCCESS;
 }
-pi_status_t _pi_table_entries_fetch_done(pi_session_handle_t, pi_table_fetch_res_t* result) {
-  delete[] result->entries;
+pi_status_t _pi_table_entries_fetch_done(pi_session_handle_t, pi_table_fetch_res_t*) {
   return PI_STATUS_SUCCESS;
 }
 
@@ -95,6 +83,12 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                     pi_entry_handle_t, int, pi_counter_data_t* data) {
   *data = {};
+  return PI_STATUS_SUCCESS;
+}
+pi_status_t _pi_counters_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+                                     const pi_entry_handle_t*, size_t count, int,
+                                     pi_counter_data_t* data) {
+  std::fill_n(data, count, pi_counter_data_t{});
   return PI_STATUS_SUCCESS;
 }
 

@@ -174,6 +174,23 @@ std::string report(const ProfileResults& profiles, const Results& results) {
   return text;
 }
 
+std::string report(const ReaderResults& readers) {
+  const auto line = [](const char* what, const Samples& samples) {
+    return fmt::format("{:<8} {:>10} {:>10} {:>10}\n", what, milliseconds(samples.median()),
+                       milliseconds(samples.p99()), milliseconds(samples.longest()));
+  };
+  const double longest = readers.beside.longest().count() / 1000;
+  return fmt::format("\nWrites of one update beside {} readers of {} entries, {:.0f} reads/s\n",
+                     readers.readers, readers.table, readers.readsPerSecond) +
+         fmt::format("{:<8} {:>10} {:>10} {:>10}\n", "", "median ms", "p99 ms", "longest ms") +
+         line("alone", readers.alone) + line("beside", readers.beside) +
+         fmt::format("the agent grew by {:.1f} MiB meanwhile, and by {:.1f} MiB for good\n",
+                     static_cast<double>(readers.mostBytes) / (1 << 20),
+                     static_cast<double>(readers.leftBytes) / (1 << 20)) +
+         aim("milliseconds of the longest Write beside readers", longest, longest < 100,
+             "under 100");
+}
+
 std::string report(const Results& results) {
   return rateTable(results) + "\n" + tableFigures(results) + "\n" + aims(results);
 }

@@ -18,6 +18,7 @@ class Samples {
   // Of the round trips, by rank; zero when there are none.
   Duration median() const { return quantile(0.5); }
   Duration p99() const { return quantile(0.99); }
+  Duration longest() const { return quantile(1); }
   double perSecond(size_t itemsEach) const;  // items, over all round trips
 
  private:

@@ -36,6 +36,7 @@ class MeasuredSwitch {
   MeasuredSwitch(const std::string& pipelineFile, const Sizes& sizes);
 
   TestSupport::TestController& controller() { return *controller_; }
+  std::string address() const { return agent_.address(); }
   p4::v1::TableEntry route(uint64_t i, uint32_t nexthop) const;
   p4::v1::TableEntry allRoutes() const;
   // Of the WCMP profile; members, groups and its table's entries are counted from 0.

@@ -7,6 +7,7 @@
 #include "bench/p4runtime/Ceiling.h"
 #include "bench/p4runtime/Measure.h"
 #include "bench/p4runtime/ProfileMeasure.h"
+#include "bench/p4runtime/ReaderMeasure.h"
 #include "bench/p4runtime/Report.h"
 #include "tests/support/Process.h"
 
@@ -22,9 +23,12 @@ int main(int argc, char** argv) {
   app.add_option("--batches", plan.batches, "updates a request")
       ->delimiter(',')
       ->check(CLI::Range(size_t{1}, size_t{10000}));
-  app.add_option("--operations", plan.operations, "of insert, modify, delete, read, profiles")
+  app.add_option("--operations", plan.operations,
+                 "of insert, modify, delete, read, profiles, readers")
       ->delimiter(',')
-      ->check(CLI::IsMember({"insert", "modify", "delete", "read", "profiles"}));
+      ->check(CLI::IsMember({"insert", "modify", "delete", "read", "profiles", "readers"}));
+  app.add_option("--readers", plan.readers, "controllers that read whole tables beside a writer")
+      ->check(CLI::Range(size_t{1}, size_t{1000}));
   auto* references = app.add_option("--references", plan.references,
                                     "entries that name groups of an action profile; 0: none")
                          ->check(CLI::Range(uint64_t{0}, uint64_t{8000000}));
@@ -50,10 +54,15 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    const Bench::Results results = Bench::measured(plan);
-    std::fputs(Bench::report(results).c_str(), stdout);
-    if (!plan.wants("profiles")) return 0;
-    std::fputs(Bench::report(Bench::measuredProfiles(plan), results).c_str(), stdout);
+    if (plan.wantsTables()) {
+      const Bench::Results results = Bench::measured(plan);
+      std::fputs(Bench::report(results).c_str(), stdout);
+      if (plan.wants("profiles")) {
+        std::fputs(Bench::report(Bench::measuredProfiles(plan), results).c_str(), stdout);
+      }
+    }
+    if (!plan.wants("readers")) return 0;
+    std::fputs(Bench::report(Bench::measuredReaders(plan)).c_str(), stdout);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "\nkorvel-bench: %s\n", e.what());
     return 1;

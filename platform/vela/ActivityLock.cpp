@@ -1,10 +1,12 @@
-// The lock itself: a plain mutex with a depth kept by the thread that holds it.
+// The lock itself: a TurnLock with a depth kept by the thread that holds it.
 #include "platform/vela/ActivityLock.h"
 
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
+
+#include "platform/vela/ActivityReadLock.h"
+#include "platform/vela/TurnLock.h"
 
 namespace Vela {
 namespace {
@@ -15,9 +17,9 @@ struct Hook {
   bool removed = false;  // the function goes later: it may be the one that is running
 };
 
-std::mutex& lockMutex() {
-  static auto* mutex = new std::mutex;  // never destroyed: threads may outlive static destructors
-  return *mutex;
+TurnLock& theLock() {
+  static auto* lock = new TurnLock;  // never destroyed: threads may outlive static destructors
+  return *lock;
 }
 
 std::vector<std::shared_ptr<Hook>>& hooks() {
@@ -45,25 +47,30 @@ void runHooks() {
 void giveUp() {
   runHooks();
   lockDepth = 0;
-  lockMutex().unlock();
+  theLock().unlock();
   if (releaseWork.empty()) return;
   for (const auto& work : std::exchange(releaseWork, {})) work();
 }
 
-}  // namespace
-
-ActivityLock::ActivityLock() {
-  if (lockDepth == 0) lockMutex().lock();
+void enter(TurnLock::Turn turn) {
+  if (lockDepth == 0) theLock().lock(turn);
   ++lockDepth;
 }
 
-ActivityLock::~ActivityLock() {
+void leave() {
   if (lockDepth == 1) {
     giveUp();
   } else {
     --lockDepth;
   }
 }
+
+}  // namespace
+
+ActivityLock::ActivityLock() { enter(TurnLock::Turn::own); }
+ActivityLock::~ActivityLock() { leave(); }
+ActivityReadLock::ActivityReadLock() { enter(TurnLock::Turn::afterOthers); }
+ActivityReadLock::~ActivityReadLock() { leave(); }
 
 void ActivityLock::afterRelease(std::function<void()> work) {
   if (lockDepth == 0) {
@@ -82,7 +89,7 @@ ActivityLockReleased::ActivityLockReleased() : depth_(lockDepth) {
 
 ActivityLockReleased::~ActivityLockReleased() {
   if (depth_ == 0) return;
-  lockMutex().lock();
+  theLock().lock();
   lockDepth = depth_;
 }
 

@@ -57,18 +57,40 @@ uint32_t printedSeed() {
 }
 
 Load::Load(Switch& on, uint32_t seed)
-    : switch_(on), constant_(on.controllerView()), random_(seed) {}
+    : switch_(on),
+      constant_(on.controllerView()),
+      random_(seed),
+      others_{{on, 0, seed}, {on, 1, seed}} {}
 
 void Load::start() {
   stopping_ = false;
   writing_ = true;
   failure_ = {};
   thread_ = std::thread([this] { run(); });
+  for (RouteWriter& other : others_) other.start();
 }
 
 void Load::stop() {
   stopping_ = true;
   if (thread_.joinable()) thread_.join();
+  for (RouteWriter& other : others_) other.stop();
+}
+
+const WriteOutcome& Load::failure() const {
+  for (const RouteWriter& other : others_) {
+    if (failure_.ok() && !other.failure().ok()) return other.failure();
+  }
+  return failure_;
+}
+
+uint64_t Load::sentRows() const {
+  return std::accumulate(std::begin(others_), std::end(others_), sentRows_.load(),
+                         [](uint64_t sum, const auto& other) { return sum + other.sentRows(); });
+}
+
+uint64_t Load::lastBatchRows() const {
+  return std::accumulate(std::begin(others_), std::end(others_), lastBatchRows_.load(),
+                         [](uint64_t sum, const auto& other) { return sum + other.lastRows(); });
 }
 
 void Load::run() {
@@ -209,11 +231,13 @@ View Load::viewOf(const Things& things) const {
   for (const auto& [number, thing] : things) entities.push_back(thing);
   View view = TestSupport::viewOf(switch_.pipeline(), entities);
   view.insert(constant_.begin(), constant_.end());
+  for (const RouteWriter& other : others_) view.merge(other.view());
   return view;
 }
 
 std::string Load::broken() {
   const View found = switch_.controllerView();
+  for (RouteWriter& other : others_) other.settle(found);
   const std::string without = difference("acknowledged", viewOf(before_), "read", found);
   const std::string with = difference("acknowledged and in flight", viewOf(after_), "read", found);
   if (without.empty()) {

@@ -1,4 +1,4 @@
-// A controller that writes without pause, and remembers what it was promised.
+// Controllers that write without pause, and remember what they were promised.
 #pragma once
 
 #include <atomic>
@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/e2e/RouteWriter.h"
 #include "tests/e2e/Switch.h"
 
 // KORVEL_SEED in the environment repeats a random story, or tells another one.
@@ -17,8 +18,9 @@ uint32_t printedSeed();
 
 // Batches of inserts, modifies and deletes: routes, metered access rules, members and groups,
 // entries that name these, and entries with one-shot sets. Each key at most once a batch, and no
-// update depends on another of its batch, so that the batch is one commit. Call from one thread;
-// between start() and stop() the load has a thread of its own.
+// update depends on another of its batch, so that the batch is one commit. Beside them others write
+// routes, a few at a time. Call from one thread; between start() and stop() the load has threads of
+// its own.
 class Load {
  public:
   Load(Switch& on, uint32_t seed);  // on a switch that serves; what it holds now stays
@@ -28,23 +30,23 @@ class Load {
   void start();
   void stop();
   bool writing() const { return writing_; }                // false once a batch failed
-  uint64_t acknowledged() const { return acknowledged_; }  // batches
+  uint64_t acknowledged() const { return acknowledged_; }  // batches, not those of the others
 
   // One batch, while it does not run, whose updates may fail each for itself: those that did are
   // not expected of the switch.
   TestSupport::WriteOutcome writeOnce();
 
   // After stop(). How the last batch failed; OK when none did.
-  const TestSupport::WriteOutcome& failure() const { return failure_; }
+  const TestSupport::WriteOutcome& failure() const;
   // "" when the switch holds each thing as last acknowledged, and of the batch that was not
   // answered all updates or none; else what is wrong. Takes what is there for granted afterwards.
   std::string broken();
   // The same update by update: some of the batch that was not answered may have failed.
   std::string brokenApart();
-  // The most rows that the updates sent may have changed, acknowledged or not; and those of the
-  // last batch alone.
-  uint64_t sentRows() const { return sentRows_; }
-  uint64_t lastBatchRows() const { return lastBatchRows_; }
+  // After stop(): the most rows that the updates sent may have changed, acknowledged or not; and
+  // those of the last batch of each thread alone.
+  uint64_t sentRows() const;
+  uint64_t lastBatchRows() const;
 
  private:
   using Things = std::map<uint32_t, p4::v1::Entity>;  // by number, which stands for the key
@@ -70,6 +72,7 @@ class Load {
   std::atomic<uint64_t> acknowledged_{0};
   std::atomic<uint64_t> sentRows_{0};
   std::atomic<uint64_t> lastBatchRows_{0};
+  RouteWriter others_[2];
   Things before_;                // acknowledged
   Things after_;                 // if the batch in flight took effect
   std::vector<uint32_t> order_;  // the numbers of the batch being made

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "PI/pi_base.h"
+#include "PI/pi_counter.h"
 #include "PI/pi_tables.h"
 
 #ifdef __cplusplus
@@ -25,6 +26,12 @@ void pi_batch_current_metadata(const char** data, size_t* size);
 void pi_batch_current_set(uint32_t offset, uint32_t controller_id, uint64_t controller_metadata,
                           const char* metadata, size_t metadata_size);
 void pi_batch_current_clear(void);
+
+/* pi_counter_read_direct() for many entries at once; one count for each handle. When it does not
+ * succeed no count counts. */
+pi_status_t pi_counters_read_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
+                                    pi_p4_id_t counter_id, const pi_entry_handle_t* entry_handles,
+                                    size_t count, int flags, pi_counter_data_t* counter_data);
 
 /* The target's word that an entry's pending status is settled; error code 0 is success.
  * DEV_NOT_ASSIGNED when the device has no front end, as for all functions below. */
@@ -54,6 +61,12 @@ pi_status_t pi_restore_action_profile_group_state(pi_dev_id_t dev_id, pi_p4_id_t
                                                   size_t num_members,
                                                   pi_indirect_handle_t grp_handle,
                                                   const char* metadata, size_t metadata_size);
+/* An entry that the target programs by itself, and that no controller may change or delete: before
+ * the restore is done. A table_entry of NULL: it stands as it was restored. */
+pi_status_t pi_constant_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                          const pi_match_key_t* match_key,
+                                          const pi_table_entry_t* table_entry,
+                                          pi_entry_handle_t entry_handle);
 pi_status_t pi_restore_done(pi_dev_id_t dev_id);
 
 #ifdef __cplusplus

@@ -97,6 +97,11 @@ TEST_F(EntryPointsTest, DirectCounterIsWhatAllForwardingAgentsHaveCounted) {
     pi_counter_data_t data{0, 1, 1};
     EXPECT_EQ(_pi_counter_read_direct(0, {1, 0}, directCounter, handle, 0, &data), 0);
     EXPECT_EQ(data.valid, PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES);
+    const pi_entry_handle_t handles[] = {99, handle};
+    pi_counter_data_t both[] = {{0, 1, 1}, {0, 1, 1}};
+    EXPECT_EQ(_pi_counters_read_direct(0, {1, 0}, directCounter, handles, 2, 0, both), 0);
+    EXPECT_EQ(both[0].bytes, 0u);
+    EXPECT_EQ(both[1].bytes, data.bytes);
     return std::pair(data.bytes, data.packets);
   };
   EXPECT_EQ(read(7), std::pair(0ul, 0ul)) << "nobody has counted yet";

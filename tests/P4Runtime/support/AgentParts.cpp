@@ -72,6 +72,8 @@ constexpr pi_frontend_hooks_t hooks{
       frontEndOf(cookie).groups.push_back({id, handle, text, {metadata, size}});
       return PI_STATUS_SUCCESS;
     },
+    [](void*, pi_dev_id_t, pi_p4_id_t, const pi_match_key_t*, const pi_table_entry_t*,
+       pi_entry_handle_t) { return PI_STATUS_SUCCESS; },
     [](void* cookie, pi_dev_id_t) {
       frontEndOf(cookie).restoreDone = true;
       return PI_STATUS_SUCCESS;

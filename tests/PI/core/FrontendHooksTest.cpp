@@ -45,6 +45,13 @@ struct Frontend {
                                " " + std::string(metadata, size));
           return PI_STATUS_ALLOC_ERROR;
         };
+    hooks.constant_table_entry = [](void* cookie, pi_dev_id_t, pi_p4_id_t,
+                                    const pi_match_key_t* key, const pi_table_entry_t* entry,
+                                    pi_entry_handle_t handle) {
+      of(cookie).push_back("constant " + std::string(key->data, key->data_size) + " is " +
+                           std::to_string(handle) + (entry ? "" : " as before"));
+      return PI_STATUS_SUCCESS;
+    };
     hooks.restore_done = [](void* cookie, pi_dev_id_t id) {
       of(cookie).push_back("done " + std::to_string(id));
       return PI_STATUS_SUCCESS;
@@ -70,11 +77,12 @@ TEST(FrontendHooks, HearWhatTheTargetReportsOnTheirDevice) {
             PI_STATUS_ALLOC_ERROR);
   EXPECT_EQ(pi_restore_table_entry_state(1, 2, &key, &entry, handle, 3, "meta", 4),
             PI_STATUS_SUCCESS);
+  EXPECT_EQ(pi_constant_table_entry_state(1, 2, &key, nullptr, 18), PI_STATUS_SUCCESS);
   EXPECT_EQ(pi_restore_done(1), PI_STATUS_SUCCESS);
   EXPECT_EQ(pi_table_pending_entry_status_changed(1, &handle, 13), PI_STATUS_SUCCESS);
   EXPECT_THAT(frontend.told,
-              ElementsAre("member 5 m", "group 8 of 2 g", "restore key as 17 with 3 meta", "done 1",
-                          "entry 17 code 13"));
+              ElementsAre("member 5 m", "group 8 of 2 g", "restore key as 17 with 3 meta",
+                          "constant key is 18 as before", "done 1", "entry 17 code 13"));
 
   EXPECT_EQ(pi_restore_done(2), PI_STATUS_DEV_NOT_ASSIGNED);
   EXPECT_EQ(pi_frontend_hooks_clear(1), PI_STATUS_SUCCESS);

@@ -4,82 +4,122 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 
 namespace pi::fe::proto {
 namespace {
 
+constexpr uint32_t kEntries = 3 * EntryPages::kPageEntries;
+
 class EntryStoreTest : public testing::Test {
  protected:
-  static EntrySlot slot(char key, uint32_t action) {
-    EntryPtr entry = Entry::make(1, 1, 0, 0);
+  using Actions = std::map<uint32_t, uint32_t>;  // by key
+  using Pages = std::vector<const EntryPages::Page*>;
+
+  EntryStoreTest() {
+    for (uint32_t key = 0; key < kEntries; ++key) store.entryIs(slot(key, 1).entry);
+  }
+
+  static EntrySlot slot(uint32_t key, uint32_t action) {
+    EntryPtr entry = Entry::make(1, sizeof(key), 0, 0);
     entry->actionId = action;
-    *entry->keyData() = static_cast<uint8_t>(key);
+    std::memcpy(entry->keyData(), &key, sizeof(key));
     const size_t hash = entry->key().hash();
     return {std::move(entry), hash};
   }
-  // The action of the entry, 0 when there is none.
-  static uint32_t action(const EntryPtr& entry) { return entry ? entry->actionId : 0; }
-  uint32_t now(char key) const { return action(store.entry(slot(key, 0).entry->key())); }
-  static uint32_t then(const EntryStore::Snapshot& snapshot, char key) {
-    return action(snapshot.entry(slot(key, 0).entry->key()));
+  static Change change(uint32_t key, uint32_t action) { return {slot(key, action), action == 0}; }
+  void keep(uint32_t key, uint32_t action) {
+    Change one = change(key, action);
+    store.keep({&one, 1});
+  }
+  void commit(uint32_t key, uint32_t action) {
+    Change one = change(key, action);
+    store.commit({&one, 1});
   }
 
-  WriteLog::Touched* touched(WriteLog& log, char key) { return &log.touched()[slot(key, 0)]; }
-  void commit(WriteLog& log, char key, uint32_t action, bool isDelete = false) {
-    std::vector<Change> changes;
-    changes.push_back({slot(key, action), isDelete, touched(log, key)});
-    store.commit(changes);
+  // The action of the entry, 0 when there is none.
+  static uint32_t action(const Entry* entry) { return entry ? entry->actionId : 0; }
+  uint32_t inWrite(uint32_t key) const {
+    const EntrySlot wanted = slot(key, 0);
+    return action(store.committed({wanted.entry->key(), wanted.hash}));
+  }
+  uint32_t now(uint32_t key) const { return action(store.entry(slot(key, 0).entry->key()).get()); }
+  static Actions all(const EntryStore::Snapshot& snapshot) {
+    Actions result;
+    for (const auto& page : snapshot.table(1).pages) {
+      for (const EntryPtr& entry : page->entries) {
+        if (!entry) continue;
+        uint32_t key = 0;
+        std::memcpy(&key, entry->keyData(), sizeof(key));
+        result[key] = entry->actionId;
+      }
+    }
+    return result;
+  }
+  Pages pages() {
+    const EntryStore::Snapshot snapshot(store);
+    Pages result;
+    for (const auto& page : snapshot.table(1).pages) result.push_back(page.get());
+    return result;
   }
 
   EntryStore store;
 };
 
 TEST_F(EntryStoreTest, SnapshotOutlivesWritesOfSeveralBatches) {
-  store.entryIs(slot('a', 1).entry);
-  store.entryIs(slot('b', 1).entry);
-  const EntryStore::Snapshot before(store);
-  const auto first = std::make_shared<WriteLog>(2);
-  touched(*first, 'a');
-  touched(*first, 'c');
-  store.writeBegin(first);
-  EXPECT_EQ(then(before, 'a'), 1u) << "touched, not committed";
-  commit(*first, 'a', 2);
-  commit(*first, 'c', 2);
-  commit(*first, 'a', 3);  // a second batch
+  const EntrySlot one = slot(7, 0);
+  const EntryLookup wanted[] = {{one.entry->key(), one.hash}};
+  const EntryStore::Snapshot before(store, wanted);
+  const Actions former = all(before);
+  ASSERT_EQ(former.size(), kEntries);
+  keep(7, 2);
+  keep(8, 0);
+  keep(kEntries, 2);
+  keep(7, 3);  // a second batch
+  EXPECT_EQ(inWrite(7), 3u);
+  EXPECT_EQ(inWrite(8), 0u);
+  EXPECT_EQ(now(7), 1u) << "the Write has not ended";
   const EntryStore::Snapshot during(store);
-  commit(*first, 'c', 0, true);
-  store.writeEnd();
-  const auto second = std::make_shared<WriteLog>(1);
-  touched(*second, 'b');
-  store.writeBegin(second);
-  commit(*second, 'b', 0, true);
-  store.writeEnd();
-
-  for (const auto* snapshot : {&before, &during}) {
-    EXPECT_EQ(then(*snapshot, 'a'), 1u);
-    EXPECT_EQ(then(*snapshot, 'b'), 1u);
-    EXPECT_EQ(then(*snapshot, 'c'), 0u);
-    EXPECT_EQ(snapshot->touchedSince(1).size(), 3u);
-    EXPECT_EQ(snapshot->touchedSince(2).size(), 0u);
-  }
-  EXPECT_EQ(now('a'), 3u);
-  EXPECT_EQ(now('b'), 0u);
-  EXPECT_EQ(now('c'), 0u);
-  EXPECT_EQ(store.size(), 1u);
+  commit(8, 4);
+  commit(200, 0);
+  commit(201, 5);
+  EXPECT_EQ(action(before.found()[0].get()), 1u);
+  EXPECT_EQ(all(before), former);
+  EXPECT_EQ(all(during), former);
+  Actions latter = former;
+  latter[7] = 3;
+  latter[8] = 4;
+  latter[kEntries] = 2;
+  latter[201] = 5;
+  latter.erase(200);
+  EXPECT_EQ(all(EntryStore::Snapshot(store)), latter);
+  EXPECT_EQ(now(7), 3u);
+  EXPECT_EQ(now(200), 0u);
+  EXPECT_EQ(store.size(), latter.size());
 }
 
-TEST_F(EntryStoreTest, ForgetsWhatNoSnapshotNeeds) {
-  const auto log = std::make_shared<WriteLog>(1);
-  touched(*log, 'a');
-  {
-    const EntryStore::Snapshot snapshot(store);
-    store.writeBegin(log);
-    commit(*log, 'a', 1);
-    store.writeEnd();
-    EXPECT_EQ(log.use_count(), 2);
+// Beside a Read that never ends, as beside none, a change costs what it costs.
+TEST_F(EntryStoreTest, AChangeCopiesThePageThatASnapshotSeesAndNoOther) {
+  const Pages former = pages();
+  commit(0, 2);
+  EXPECT_EQ(pages(), former) << "nobody sees it any more";
+  const EntryStore::Snapshot longRead(store);
+  for (uint32_t action = 2; action < 1000; ++action) commit(0, action);
+  const Pages latter = pages();
+  EXPECT_NE(latter[0], former[0]);
+  EXPECT_EQ(latter[1], former[1]);
+  EXPECT_EQ(latter[2], former[2]);
+  EXPECT_EQ(all(longRead).at(0), 2u);
+}
+
+TEST_F(EntryStoreTest, RoomOfDeletedEntriesIsTakenAgain) {
+  const EntryStore::Snapshot longRead(store);
+  for (uint32_t key = 0; key < 10 * kEntries; ++key) {
+    commit(key, 0);
+    commit(key + kEntries, 1);
   }
-  EXPECT_EQ(log.use_count(), 1);
-  EXPECT_EQ(then(EntryStore::Snapshot(store), 'a'), 1u);
+  EXPECT_EQ(pages().size(), 3u);
+  EXPECT_EQ(store.size(), kEntries);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
+#include <utility>
 
 #include "PI/int/pi_int.h"
 #include "PI/pi_extensions.h"
@@ -100,6 +102,7 @@ std::vector<std::string> FakeTarget::lastCalls() const {
 pi_status_t FakeTarget::handleBatchBegin() {
   const std::lock_guard lock(lock_);
   if (batchStatus_ != PI_STATUS_SUCCESS) return batchStatus_;
+  requireThat(!std::exchange(batchOpen_, true), "two batches at once");
   undo_.clear();
   calls_.clear();
   batches_.emplace_back();
@@ -255,6 +258,16 @@ pi_status_t FakeTarget::handleCount(uint64_t handle, pi_counter_data_t* data) {
   return counterStatus_;
 }
 
+pi_status_t FakeTarget::handleCounts(std::span<const uint64_t> handles, pi_counter_data_t* data) {
+  const std::lock_guard lock(lock_);
+  ++countCalls_;
+  for (const uint64_t handle : handles) {
+    const pi_status_t status = handleCount(handle, data++);
+    if (status != PI_STATUS_SUCCESS) return status;
+  }
+  return PI_STATUS_SUCCESS;
+}
+
 pi_status_t FakeTarget::handleFetch(uint32_t tableId, pi_table_fetch_res_t* result) {
   const std::lock_guard lock(lock_);
   if (fetchStatus_ != PI_STATUS_SUCCESS) return fetchStatus_;
@@ -303,11 +316,13 @@ pi_status_t FakeTarget::handlePacketOut(const char* packet, size_t size) {
 
 std::map<uint32_t, std::pair<int, std::string>> FakeTarget::outcome(
     const std::vector<uint32_t>& pending, const std::vector<uint32_t>& refused) {
+  std::this_thread::yield();  // as while it waits
   std::unique_lock lock(lock_);
   held_ = holding_;
   changed_.notify_all();
   changed_.wait(lock, [this] { return !holding_; });
   held_ = false;
+  batchOpen_ = false;
   std::map<uint32_t, std::pair<int, std::string>> result;
   for (const uint32_t offset : refused) doUndo(offset);
   for (const uint32_t offset : pending) {
@@ -395,6 +410,11 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                     pi_entry_handle_t handle, int, pi_counter_data_t* data) {
   return theTarget->handleCount(handle, data);
+}
+pi_status_t _pi_counters_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+                                     const pi_entry_handle_t* handles, size_t count, int,
+                                     pi_counter_data_t* data) {
+  return theTarget->handleCounts({handles, count}, data);
 }
 
 void _pi_update_pending_status(std::vector<std::pair<uint32_t, p4::v1::Error>>* statuses) {

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -88,6 +89,7 @@ class FakeTarget {
   void groupIs(uint64_t handle, const Group& group) { groups_[handle] = group; }
   void countIs(uint64_t handle, const pi_counter_data_t& data) { counts_[handle] = data; }
   void counterStatusIs(pi_status_t status) { counterStatus_ = status; }
+  size_t countCalls() const { return countCalls_; }  // those for many entries
 
   // Hands everything back, then says that this was all; the statuses of the rows. The metadata are
   // those of rows that have none of their own.
@@ -121,6 +123,7 @@ class FakeTarget {
                            uint64_t* handle);
   pi_status_t handleGroup(const char* verb, uint32_t profileId, uint64_t member, uint64_t* handle);
   pi_status_t handleCount(uint64_t handle, pi_counter_data_t* data);
+  pi_status_t handleCounts(std::span<const uint64_t> handles, pi_counter_data_t* data);
   pi_status_t handleFetch(uint32_t tableId, pi_table_fetch_res_t* result);
   pi_status_t updateDeviceStatus() const { return updateDeviceStatus_; }
   // The failures among the pending offsets, after what was done for those and for the refused ones
@@ -154,6 +157,7 @@ class FakeTarget {
   std::map<uint32_t, size_t> calls_;  // in the current batch, by offset
   pi_status_t counterStatus_ = PI_STATUS_SUCCESS;
   pi_status_t batchStatus_ = PI_STATUS_SUCCESS;
+  size_t countCalls_ = 0;
   pi_status_t fetchStatus_ = PI_STATUS_SUCCESS;
   pi_status_t updateDeviceStatus_ = PI_STATUS_SUCCESS;
   pi_status_t packetStatus_ = PI_STATUS_SUCCESS;
@@ -164,4 +168,5 @@ class FakeTarget {
   uint64_t lastGroup_ = uint64_t{1} << 32;
   bool holding_ = false;
   bool held_ = false;
+  bool batchOpen_ = false;
 };

@@ -51,6 +51,32 @@ TEST_F(PipelineTest, PartsAreReturnedAsAskedFor) {
             code::invalidArgument);
 }
 
+// Controllers tell by the cookie whether their own push is what runs.
+TEST_F(PipelineTest, TheCookieOfTheLastPushIsReturned) {
+  pipelineIsUp();
+  p4::v1::ForwardingPipelineConfig zero = config;
+  zero.mutable_cookie()->set_cookie(0);
+  p4::v1::ForwardingPipelineConfig none = config;
+  none.clear_cookie();
+  const struct {
+    Push::Action action;
+    const p4::v1::ForwardingPipelineConfig& pushed;
+    const p4::v1::ForwardingPipelineConfig& now;
+  } steps[] = {{Push::VERIFY, zero, config},
+               {Push::VERIFY_AND_SAVE, zero, config},
+               {Push::COMMIT, none, zero},
+               {Push::VERIFY_AND_COMMIT, none, none},
+               {Push::VERIFY_AND_COMMIT, zero, zero},
+               {Push::VERIFY_AND_COMMIT, config, config}};
+  for (const auto& step : steps) {
+    const bool brings = step.action != Push::COMMIT;
+    ASSERT_EQ(device->pipelineConfigCheck(step.action, brings, step.pushed).code(), code::ok);
+    p4::v1::ForwardingPipelineConfig got;
+    ASSERT_EQ(device->pipelineConfig(Get::ALL, &got).code(), code::ok);
+    EXPECT_THAT(got, EqualsProto(step.now));
+  }
+}
+
 TEST_F(PipelineTest, ControllersMayOnlyPushTheRunningOne) {
   pipelineIsUp();
   p4::v1::ForwardingPipelineConfig other = config;
@@ -181,6 +207,45 @@ TEST_F(PipelineTest, ConstantAndInitialEntriesAreTakenOver) {
   EXPECT_EQ(written({test::update(Update::DELETE, initial)}).code(), code::ok);
   EXPECT_THAT(test::codesOf(written({test::update(Update::DELETE, test::exact(test::kConst, 1))})),
               ElementsAre(code::permissionDenied));
+}
+
+// Wherever a target programs entries of its own, in tables of ordinary ones too.
+TEST_F(PipelineTest, TheTargetsOwnEntriesAreConstant) {
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
+  std::string bytes[] = {"\0\7"s, "\0\10"s};
+  const auto key = [&](int n) {
+    return pi_match_key_t{nullptr, test::kCounted, 0, 2, &bytes[n][0]};
+  };
+  const pi_match_key_t restored = key(0);
+  const pi_match_key_t fresh = key(1);
+  pi_action_data_t action{nullptr, test::kDrop, 0, nullptr};
+  pi_table_entry_t entry{};
+  entry.entry_type = PI_ACTION_ENTRY_TYPE_DATA;
+  entry.entry.action_data = &action;
+  const auto tell = [&](const pi_match_key_t& key, const pi_table_entry_t* entry) {
+    return pi_constant_table_entry_state(1, test::kCounted, &key, entry, 51);
+  };
+  EXPECT_NE(tell(restored, nullptr), PI_STATUS_SUCCESS) << "there is none yet";
+  ASSERT_EQ(pi_restore_table_entry_state(1, test::kCounted, &restored, &entry, 50, 0, "", 0),
+            PI_STATUS_SUCCESS);
+  EXPECT_EQ(tell(restored, nullptr), PI_STATUS_SUCCESS);
+  EXPECT_EQ(tell(fresh, &entry), PI_STATUS_SUCCESS);
+  ASSERT_EQ(pi_restore_done(1), PI_STATUS_SUCCESS);
+
+  TableEntry seven = test::exact(test::kCounted, 7);
+  TableEntry eight = test::exact(test::kCounted, 8);
+  TableEntry keyAlone = seven;
+  keyAlone.clear_action();
+  const std::vector<int> denied{code::permissionDenied};
+  EXPECT_EQ(test::codesOf(written({test::update(Update::DELETE, seven)})), denied);
+  EXPECT_EQ(test::codesOf(written({test::update(Update::MODIFY, eight)})), denied);
+  EXPECT_EQ(written({test::update(Update::MODIFY, keyAlone)}).code(), code::ok)
+      << "its direct resources";
+  EXPECT_THAT(test::codesOf(inserted(seven)), ElementsAre(code::alreadyExists));
+  seven.set_is_const(true);
+  eight.set_is_const(true);
+  EXPECT_THAT(found(test::query(0)), UnorderedElementsAre(EqualsProto(seven), EqualsProto(eight)));
+  EXPECT_THAT(found(keyAlone), ElementsAre(EqualsProto(seven)));
 }
 
 }  // namespace

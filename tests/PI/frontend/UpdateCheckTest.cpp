@@ -77,6 +77,15 @@ TEST(UpdateCheck, OfTheUpdate) {
       ->mutable_packet_replication_engine_entry()
       ->mutable_multicast_group_entry()
       ->set_multicast_group_id(7);
+  const auto deleteOf = [](Update update) {
+    update.set_type(Update::DELETE);
+    return update;
+  };
+  const auto digest = [&](uint32_t id) {
+    Update update = deleteOf({});
+    update.mutable_entity()->mutable_digest_entry()->set_digest_id(id);
+    return update;
+  };
   Update noReplication = empty;
   noReplication.mutable_entity()->mutable_packet_replication_engine_entry();
   expectCases({
@@ -92,6 +101,10 @@ TEST(UpdateCheck, OfTheUpdate) {
       {"counter 0", cell(Update::MODIFY, 0, 0), code::invalidArgument, "counter id is 0"},
       {"counter unknown", cell(Update::MODIFY, 0x12000009, 0), code::invalidArgument,
        "0x12000009, which is not in the P4Info"},
+      {"nothing to delete", deleteOf(multicast), code::notFound,
+       "multicast group 7: there is none"},
+      {"digest that has not begun", digest(0x17000001), code::notFound, "digest ingress.learn"},
+      {"digest unknown", digest(0x17000009), code::invalidArgument, "0x17000009, which is not in"},
       {"multicast group", multicast, code::unimplemented, "multicast group 7"},
       {"replication of nothing", noReplication, code::invalidArgument, "no entity"},
       {"table 0", test::update(Update::INSERT, test::query(0)), code::invalidArgument, "id is 0"},
@@ -281,9 +294,23 @@ TEST(UpdateCheck, OfTheDefaultEntry) {
     entry.set_is_default_action(true);
     return changed(entry, change, type);
   };
+  const auto forwards = [](const std::string& port) {
+    return [port](TableEntry& entry) {
+      auto* action = entry.mutable_action()->mutable_action();
+      action->set_action_id(test::kForward);
+      for (const auto& [id, value] : {std::pair(2, "\2"s), std::pair(1, port)}) {
+        action->add_params()->set_param_id(id);
+        action->mutable_params()->rbegin()->set_value(value);
+      }
+    };
+  };
   expectCases({
-      {"MODIFY", defaultOf(test::kIpv4, Update::MODIFY), code::unimplemented,
-       "table ingress.ipv4: the default entry"},
+      {"back to what it is", defaultOf(test::kIpv4, Update::MODIFY), code::ok, ""},
+      {"to what it is", defaultOf(test::kIpv4, Update::MODIFY, forwards("\0\1"s)), code::ok, ""},
+      {"to another parameter", defaultOf(test::kIpv4, Update::MODIFY, forwards("\2")),
+       code::unimplemented, "table ingress.ipv4: the default entry"},
+      {"to metadata", defaultOf(test::kIpv4, Update::MODIFY, [](auto& e) { e.set_metadata("m"); }),
+       code::unimplemented, "table ingress.ipv4: the default entry"},
       {"INSERT", defaultOf(test::kIpv4, Update::INSERT), code::invalidArgument, "always exists"},
       {"DELETE", defaultOf(test::kIpv4, Update::DELETE), code::invalidArgument, "always exists"},
       {"with a match", defaultOf(test::kIpv4, Update::MODIFY, [](auto& e) { e.add_match(); }),

@@ -204,6 +204,43 @@ TEST_F(WriteTest, WholeRequestIsRefused) {
   EXPECT_THAT(target.batches(), IsEmpty());
 }
 
+// Each Write is a batch of the target's, which knows one at a time.
+TEST_F(WriteTest, ControllersWriteOneAfterAnother) {
+  constexpr uint32_t kThreads = 4;
+  constexpr uint32_t kWrites = 100;
+  {
+    std::vector<std::jthread> controllers;
+    for (uint32_t thread = 0; thread < kThreads; ++thread) {
+      controllers.emplace_back([this, thread] {
+        for (uint32_t n = 0; n < kWrites; ++n) {
+          EXPECT_EQ(written({insert(thread * kWrites + n)}).code(), code::ok);
+        }
+      });
+    }
+  }
+  EXPECT_THAT(target.batches(), SizeIs(kThreads * kWrites));  // the fixture looks for faults
+  EXPECT_THAT(found(test::query(test::kIpv4)), SizeIs(kThreads * kWrites));
+}
+
+// What a forwarding agent says may be any bytes; one that is no text must not cost the whole
+// answer.
+TEST_F(WriteTest, TheOnlyFailureIsToldInTheStatusInPlainText) {
+  target.failureIs(1, code::resourceExhausted, "no room \xff\xc3\n\xc3\xbc");
+  const std::string why = "no room \xef\xbf\xbd\xef\xbf\xbd \xc3\xbc";
+  const Status status = written({insert(1), insert(2)});
+  EXPECT_EQ(status.code(), code::unknown);
+  EXPECT_THAT(status.message(),
+              testing::AllOf(HasSubstr("1 of 2 updates failed: table"), testing::EndsWith(why)));
+  EXPECT_THAT(test::errorsOf(status)[1].message(), testing::EndsWith(why));
+  target.failuresAreOver();
+  target.failureIs(0, code::internal, std::string(4000, 'x'));
+  const Status alone = written({insert(3)});
+  EXPECT_THAT(alone.message(), testing::StartsWith("table ingress.ipv4"));
+  EXPECT_LT(alone.message().size(), 1000u);
+  EXPECT_GT(test::errorsOf(alone)[0].message().size(), 3900u);
+  EXPECT_LT(alone.ByteSizeLong(), 8u * 1024);
+}
+
 // gRPC clients take 8 KiB of error details unless told otherwise.
 TEST_F(WriteTest, DetailsOfAFailedBatchFitTheDefaultHeader) {
   std::vector<Update> updates;

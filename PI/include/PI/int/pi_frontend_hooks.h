@@ -31,6 +31,10 @@ typedef struct {
                                               const pi_indirect_handle_t* members,
                                               size_t num_members, pi_indirect_handle_t grp_handle,
                                               const char* metadata, size_t metadata_size);
+  pi_status_t (*constant_table_entry)(void* cookie, pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                      const pi_match_key_t* match_key,
+                                      const pi_table_entry_t* table_entry,
+                                      pi_entry_handle_t entry_handle);
   pi_status_t (*restore_done)(void* cookie, pi_dev_id_t dev_id);
 } pi_frontend_hooks_t;
 
