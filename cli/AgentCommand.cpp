@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -80,24 +81,46 @@ AgentLibrary load(const Options& options) {
   return library;
 }
 
-// Entries are worth more than a start without questions, so what cannot be read is kept aside.
-std::unique_ptr<Brine::Store> openStore(const Options& options) {
+struct OpenedStore {
+  std::unique_ptr<Brine::Store> store;
+  std::string text;  // for operators
+};
+
+// Entries are worth more than a start without questions, so a store that is lost is kept aside.
+OpenedStore rebuiltStore(const Brine::StoreOptions& options, const Brine::StoreError& loss) {
+  std::string place;
+  auto store = Brine::Store::rebuild(options, loss.trouble, &place);
+  const std::string text = fmt::format("begun empty: {}; it was moved to {}", loss.what(), place);
+  fmt::print(stderr,
+             "korvel: {}; it was moved to {}, and the agent starts empty: controllers write their "
+             "entries again\n",
+             loss.what(), place);
+  return {std::move(store), text};
+}
+
+OpenedStore openedOrRebuilt(const Brine::StoreOptions& options) try {
+  return {Brine::Store::open(options), "taken up as the last process left it"};
+} catch (const Brine::StoreError& e) {
+  if (!Brine::isLoss(e.trouble)) throw;
+  return rebuiltStore(options, e);
+}
+
+OpenedStore openStore(const Options& options) try {
   Brine::StoreOptions storeOptions;
   storeOptions.directory = options.stateDirectory;
-  try {
-    return Brine::Store::open(storeOptions);
-  } catch (const Brine::StoreError& e) {
-    if (e.trouble != Brine::Trouble::damaged && e.trouble != Brine::Trouble::wrongVersion) {
-      throw StartFailure{e.what(), failed};
-    }
-    fmt::print(stderr, "korvel: {}; what is there is moved aside, and the agent starts empty\n",
-               e.what());
-  }
-  try {
-    return Brine::Store::rebuild(storeOptions);
-  } catch (const Brine::StoreError& e) {
-    throw StartFailure{e.what(), failed};
-  }
+  storeOptions.patience = std::chrono::seconds(1);
+  return openedOrRebuilt(storeOptions);
+} catch (const Brine::StoreError& e) {
+  throw StartFailure{e.what(), failed};
+}
+
+void warnUnlessMemory(const std::string& directory) {
+  if (Brine::isMemory(directory)) return;
+  fmt::print(
+      stderr,
+      "korvel: the state directory {} is not on a tmpfs: each commit is written to a device, "
+      "and nothing is kept beyond a boot of the machine\n",
+      directory);
 }
 
 void doLoadConfig(Orrery::Database& database, const Options& options) {
@@ -120,7 +143,7 @@ void stopIfRequested(const StopWatcher& stopWatcher) {
 }
 
 P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& database,
-                                  Brine::Store& store, StopWatcher& stopWatcher,
+                                  const OpenedStore& opened, StopWatcher& stopWatcher,
                                   const Options& options) {
   const auto flushEntityLog = [&loop](std::function<void()> complete) {
     Scrivel::flush();
@@ -130,15 +153,16 @@ P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& dat
   // what is not belongs to a batch that is being written, half of which must not last.
   const auto exit = [](int status) { _exit(status); };
   const auto exitIsNear = [&stopWatcher](bool near) { stopWatcher.exitIsNear(near); };
-  return {loop,           database, store,      options.stateDirectory,
-          flushEntityLog, exit,     exitIsNear, options.allowPretendedProgramming};
+  return {loop,           database, *opened.store, options.stateDirectory,
+          flushEntityLog, exit,     exitIsNear,    options.allowPretendedProgramming,
+          opened.text};
 }
 
 void runAgent(const Options& options, StopWatcher& stopWatcher) {
   Vela::ReactorLoop loop;
   Vela::TheReactorLoopIs(&loop);
   const auto database = Orrery::embeddedDatabase(loop);
-  std::unique_ptr<Brine::Store> store;
+  OpenedStore opened;
   std::unique_ptr<Orrery::Server> server;
   std::unique_ptr<P4Runtime::AgentRuntime> runtime;
   std::unique_ptr<NetworkPlatform> network;
@@ -150,14 +174,15 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
     provideEntities(*database, options.stateDirectory);
     doLoadConfig(*database, options);
     stopIfRequested(stopWatcher);
-    store = openStore(options);
+    opened = openStore(options);
+    warnUnlessMemory(options.stateDirectory);
     stopIfRequested(stopWatcher);
     if (options.createCpuDevice) network->cpuDeviceIs();
     network->start();
     server =
         std::make_unique<Orrery::Server>(loop, *database, options.stateDirectory + "/orrery.sock");
     runtime = std::make_unique<P4Runtime::AgentRuntime>(
-        runtimeOf(loop, *database, *store, stopWatcher, options));
+        runtimeOf(loop, *database, opened, stopWatcher, options));
     library.start("p4runtime", runtime.get());
     stopWatcher.onRequestIs([&] { loop.post([&] { doRequestExit(*database); }); });
   }

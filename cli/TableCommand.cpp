@@ -79,6 +79,14 @@ void printRound(const DumpOptions& options, Counts& counts) {
     }
   }
   std::fflush(stdout);
+  for (const std::string& record : dump.damaged) {
+    fmt::print(stderr, "korvel: {}: the record in shared memory is damaged\n", record);
+  }
+  if (dump.damaged.empty()) return;
+  throw std::runtime_error(fmt::format(
+      "{} records are damaged and were left out; restart the agent, which mends rows and "
+      "lists the entries that are lost",
+      dump.damaged.size()));
 }
 
 void runDump(const DumpOptions& options) {

@@ -1,5 +1,7 @@
 #include "cli/TableDump.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
@@ -159,6 +161,27 @@ bool isWanted(const std::vector<std::string>& wanted, const std::string& name) {
   return wanted.empty() || std::ranges::find(wanted, name) != wanted.end();
 }
 
+std::string damagedText(const Brine::DamagedRecord& record,
+                        const std::vector<DumpedTable>& tables) {
+  std::string key = "0x";
+  for (const char c : record.key) key += fmt::format("{:02x}", static_cast<uint8_t>(c));
+  const auto isIts = [&](const DumpedTable& table) {
+    return record.table == Lattice::rowTable(table.name);
+  };
+  const auto table = std::ranges::find_if(tables, isIts);
+  if (table == tables.end()) return fmt::format("{}, key {}", record.table, key);
+  if (!table->type) return fmt::format("table {}, key {}", table->name, key);
+  std::string text = "table " + table->name;
+  try {
+    for (const ColumnText& column : keyTexts(*table->type, record.key)) {
+      text += fmt::format(", {}={}", column.name, column.text);
+    }
+  } catch (const Lattice::TypeError&) {
+    text += ", key " + key;
+  }
+  return text;
+}
+
 void requireAll(const std::vector<std::string>& wanted, const std::vector<DumpedTable>& tables) {
   for (const std::string& name : wanted) {
     if (std::ranges::find(tables, name, &DumpedTable::name) != tables.end()) continue;
@@ -213,5 +236,8 @@ TableDump dumpedTables(const std::string& stateDirectory, const std::vector<std:
     return table.kind != TableKind::direct && !table.rows.empty();
   });
   if (leadsThere) dump.profiles = profilesIn(*snapshot, all);
+  for (const auto& record : snapshot->damagedRecords()) {
+    dump.damaged.push_back(damagedText(record, all));
+  }
   return dump;
 }

@@ -50,7 +50,8 @@ struct DumpedProfiles {
 
 struct TableDump {
   std::vector<DumpedTable> tables;
-  DumpedProfiles profiles;  // of all tables, when a row of `tables` can lead there
+  DumpedProfiles profiles;           // of all tables, when a row of `tables` can lead there
+  std::vector<std::string> damaged;  // table and key of the records that were left out
 };
 
 // Table names of the store, ascending, with types and row counts; rows of those in `wanted` only

@@ -77,10 +77,12 @@ void Agent::doUpdateStatus() {
   status_->reportsAcceptedIs(batchStatus()->reportsAccepted());
   status_->reportsDroppedIs(batchStatus()->reportsDropped());
   status_->doorbellMessagesDroppedIs(tables_->droppedMessages());
+  tableImpl()->tellDamagedRecords();
   status_->failedEntriesIs(tableImpl()->failures()->failedEntries());
   status_->reportsOnNoRowIs(tableImpl()->failures()->reportsOnNoRow());
   status_->connectionsRefusedIs(PIGrpcServerGetRefusedConnections());
   status_->stateDirectoryBytesIs(runtime_.store.bytesUsed());
+  status_->storeIs(runtime_.storeText);
 }
 
 }  // namespace P4Runtime

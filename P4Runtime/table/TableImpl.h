@@ -111,6 +111,9 @@ class TableImpl : public Vela::Entity {
   void restoreActionMemberCachedEntries();
   void restoreActionGroupCachedEntries();
   void restoreTableCachedEntries();
+  // Names the damaged records that were found since the last call, on standard error and in the list
+  // of failures, with table and key as far as they can be told.
+  std::vector<Brine::DamagedRecord> tellDamagedRecords();
   // Lets go of the caches; their records and the rows stay. Waits for the batch in progress, whose
   // outcome is still to be recorded. Writes are refused from then on.
   void cleanupCache();
@@ -203,6 +206,9 @@ class TableImpl : public Vela::Entity {
   void restoreRecord(EntryHandle handle, const PendingOperation& operation);
   void restoreTableRecord(const CacheKey& key, const PendingOperation& operation);
   void removeOrphanedRows();
+  std::string damagedText(const Brine::DamagedRecord& record);
+  Vela::Ptr<Lattice::ArTableInterface> interfaceOf(const std::string& tableName) const;
+  void removeDamagedRecords();
   std::vector<std::string> orphanedRows(const ResourceId& rid,
                                         const Lattice::ArTableInterface& interface);
   void handleInitialized();

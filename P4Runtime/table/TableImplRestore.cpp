@@ -204,7 +204,9 @@ void TableImpl::restoreCachedEntries() {
   restoreActionMemberCachedEntries();
   restoreActionGroupCachedEntries();
   restoreTableCachedEntries();
+  removeDamagedRecords();
   if (restored_.unusable > 0) removeOrphanedRows();
+  removeDamagedRecords();  // rows that only a look at all of them has found
   if (restored_ == RestoreCounts{}) return;
   std::string text = fmt::format("korvel: restored {} entries", restored_.entries);
   if (restored_.members + restored_.groups > 0) {

@@ -13,19 +13,31 @@
 
 namespace Brine {
 
-// Throws the StoreError that an LMDB or system error code amounts to.
-[[noreturn]] void failed(int error, const std::string& directory);
+// Throws the StoreError that an LMDB or system error code amounts to. Only LMDB's own words for
+// damage count as damage. `file` is the one to name, the store's data unless given.
+[[noreturn]] void failed(int error, const std::string& directory, const std::string& file = {});
 inline void check(int error, const std::string& directory) {
   if (error != MDB_SUCCESS) failed(error, directory);
 }
 
+struct FileFinding;
+
 // Names of LMDB databases that are the store's own, not tables.
 inline constexpr std::string_view metaTable = "brine/meta";
 inline constexpr std::string_view layoutKey = "layoutVersion";
-inline constexpr uint32_t layoutVersion = 1;
+inline constexpr std::string_view bootKey = "boot";
+inline constexpr std::string_view tableKeyPrefix = "table/";  // and the name: an empty record
+inline constexpr uint32_t layoutVersion = 2;
 
 std::string dataPath(const std::string& directory);
 std::string lockPath(const std::string& directory);
+std::string writerPath(const std::string& directory);
+
+// Pages that a transaction can come to need.
+struct Room {
+  uint64_t pages = 0;
+  uint64_t inARow = 0;  // beside these, of large records
+};
 
 // LMDB must not open one file twice in a process: the second one's close would end the first one's
 // locks. So whoever opens the same file here shares one Environment.
@@ -43,9 +55,10 @@ class Environment {
   size_t pageSize() const { return pageSize_; }
 
   // The writer writes into the mapping, which on a full tmpfs would end in SIGBUS. So before a
-  // transaction writes, the memory of all the pages it can come to need is allocated: `pages`
-  // beyond the last one in use, and those for the lists of free pages. Throws StoreError{full}.
-  void allocateRoom(uint64_t pages);
+  // transaction writes, the memory of all the pages it can come to need is allocated behind the
+  // last one in use, with those for the lists of free pages. Where there is no more memory, free
+  // pages serve, which have some. Throws StoreError{full}.
+  void allocateRoom(const Room& room);
 
   // LMDB wants one transaction at a time to open or close database handles. `handles` is guarded
   // by the mutex.
@@ -54,6 +67,13 @@ class Environment {
 
  private:
   Environment(MDB_env* env, std::string directory) : env_(env), directory_(std::move(directory)) {}
+  static std::unique_ptr<Environment> openedToWrite(const StoreOptions& options,
+                                                    FileFinding* finding);
+  static std::unique_ptr<Environment> compacted(std::unique_ptr<Environment> former,
+                                                const StoreOptions& options);
+  static std::unique_ptr<Environment> openedToRead(const StoreOptions& options);
+  static std::unique_ptr<Environment> openedBy(const StoreOptions& options, unsigned mode);
+  uint64_t usableFreePages();
   MDB_env* env_;
   std::string directory_;
   size_t pageSize_ = 4096;

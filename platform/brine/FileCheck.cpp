@@ -5,89 +5,108 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
+#include <cerrno>
 #include <cstring>
 #include <span>
 #include <vector>
 
+#include "platform/brine/Environment.h"
+#include "platform/brine/LmdbFile.h"
+
 namespace Brine {
 namespace {
 
-// LMDB's layout, data version 1, as on 64-bit little-endian machines.
-constexpr uint32_t magic = 0xBEEFC0DE;
-constexpr uint32_t dataVersion = 1;
-constexpr uint64_t noPage = ~uint64_t{0};
-constexpr size_t pageHead = 16;  // number u64 | pad u16 | flags u16 | lower u16 | upper u16
-constexpr size_t nodeHead = 8;   // size u32 (of a branch: page u48) | flags u16 | key size u16
-constexpr uint16_t branchFlag = 1, leafFlag = 2, overflowFlag = 4;
-constexpr uint16_t bigNode = 1, treeNode = 2;
-constexpr uint16_t maxDepth = 32;
-
-struct Tree {
-  uint32_t pad;  // of the free list's tree: the page size
-  uint16_t flags;
-  uint16_t depth;
-  uint64_t branchPages, leafPages, overflowPages;
-  uint64_t entries;
-  uint64_t root;
-};
-static_assert(sizeof(Tree) == 48);
-
-struct Meta {
-  uint32_t magic;
-  uint32_t version;
-  uint64_t address;
-  uint64_t mapSize;
-  Tree free;
-  Tree main;
-  uint64_t lastPage;
-  uint64_t transaction;
-};
-static_assert(sizeof(Meta) == 136);
-
-template <typename T>
-T at(const uint8_t* bytes) {
-  T value;
-  std::memcpy(&value, bytes, sizeof value);
-  return value;
-}
+using namespace LmdbFile;
 
 struct Damage {
   std::string what;
 };
 
+// A file, mapped as it is.
+class MappedFile {
+ public:
+  MappedFile(const std::string& directory, const std::string& path) {
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (file < 0 && errno == ENOENT) return;
+    if (file < 0) failed(errno, directory, path);
+    struct stat status {};
+    int error = fstat(file, &status) == 0 ? 0 : errno;
+    const auto size = static_cast<size_t>(status.st_size);
+    if (error == 0 && size > 0) {
+      void* mapped = mmap(nullptr, size, PROT_READ, MAP_SHARED, file, 0);
+      error = mapped == MAP_FAILED ? errno : 0;
+      if (error == 0) bytes_ = {static_cast<const uint8_t*>(mapped), size};
+    }
+    ::close(file);
+    if (error != 0) failed(error, directory, path);
+  }
+  ~MappedFile() {
+    if (!bytes_.empty()) munmap(const_cast<uint8_t*>(bytes_.data()), bytes_.size());
+  }
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+  std::span<const uint8_t> bytes() const { return bytes_; }
+
+ private:
+  std::span<const uint8_t> bytes_;
+};
+
 class FileCheck {
  public:
-  explicit FileCheck(std::span<const uint8_t> file) : file_(file) {}
+  explicit FileCheck(std::span<const uint8_t> file) : file_(file) { readHeads(); }
 
-  void run() {
-    meta_ = newestMeta();
-    if (meta_.lastPage >= file_.size() / pageSize_) throw Damage{"the file is cut short"};
-    seen_.resize(meta_.lastPage + 1);
+  void checkNewest() {
+    meta_ = heads_[heads_[1].transaction > heads_[0].transaction];
+    begin();
     checkTree(meta_.free, Kind::free);
     checkTree(meta_.main, Kind::main);
   }
+  // LMDB's commits take turns with the two heads.
+  void checkCommit(uint64_t transaction) {
+    meta_ = heads_[transaction & 1];
+    if (meta_.transaction != transaction) throw Damage{"its head is of another commit"};
+    begin();
+    checkTree(meta_.main, Kind::main);
+  }
+  void checkHead() {
+    meta_ = heads_[heads_[1].transaction > heads_[0].transaction];
+    begin();
+  }
+
+  uint64_t pages() const { return meta_.lastPage + 1; }
+  uint64_t freePages() const { return free_; }
 
  private:
   enum class Kind { free, main, table };
 
-  Meta newestMeta() {
-    const Meta first = metaAt(0);
-    pageSize_ = first.free.pad;
+  void readHeads() {
+    pageSize_ = headAt(0).free.pad;
     if (!std::has_single_bit(pageSize_) || pageSize_ < 512 || pageSize_ > 65536) {
       throw Damage{"it has no page size"};
     }
-    const Meta second = metaAt(pageSize_);
-    return second.transaction > first.transaction ? second : first;
+    heads_[0] = headAt(0);
+    heads_[1] = headAt(pageSize_);
+    if (heads_[1].free.pad != pageSize_) throw Damage{"it has two page sizes"};
   }
 
-  Meta metaAt(size_t offset) const {
+  Meta headAt(size_t offset) const {
     if (file_.size() < offset + pageHead + sizeof(Meta)) throw Damage{"the file is cut short"};
     const Meta meta = at<Meta>(file_.data() + offset + pageHead);
     if (meta.magic != magic || meta.version != dataVersion) {
       throw Damage{"it does not begin like a store"};
     }
     return meta;
+  }
+
+  // Of the flags, some are the file's and some the trees'.
+  void begin() {
+    if (meta_.lastPage >= file_.size() / pageSize_) throw Damage{"the file is cut short"};
+    if ((meta_.free.flags & 0xff) != integerKeys || meta_.main.flags != 0) {
+      throw Damage{"its trees are of another kind"};
+    }
+    seen_.resize(meta_.lastPage + 1);
   }
 
   [[noreturn]] static void damagedPage(uint64_t page) {
@@ -108,56 +127,86 @@ class FileCheck {
     }
     if (tree.depth == 0 || tree.depth > maxDepth) throw Damage{"a tree is of impossible depth"};
     uint64_t entries = 0;
-    checkPage(tree.root, tree.depth, kind, &entries);
+    checkPage(tree.root, tree.depth, kind, {}, &entries);
     if (entries != tree.entries) throw Damage{"a tree has lost records"};
   }
 
-  void checkPage(uint64_t number, unsigned levels, Kind kind, uint64_t* entries) {
-    const uint8_t* bytes = page(number);
-    const auto flags = at<uint16_t>(bytes + 10);
-    const auto lower = at<uint16_t>(bytes + 12);
-    const auto upper = at<uint16_t>(bytes + 14);
-    const bool branch = levels > 1;
-    if (at<uint64_t>(bytes) != number || (flags & 0xf) != (branch ? branchFlag : leafFlag) ||
-        (flags & 0x60) != 0 || lower < pageHead || lower % 2 != 0 || upper < lower ||
-        upper > pageSize_) {
-      damagedPage(number);
-    }
-    const size_t nodes = (lower - pageHead) / 2;
+  // The keys that may stand in a page: from the first on, below the second.
+  struct Bounds {
+    std::optional<Key> from;
+    std::optional<Key> below;
+  };
+
+  void checkPage(uint64_t number, unsigned levels, Kind kind, Bounds bounds, uint64_t* entries) {
+    const auto found = pageIn({page(number), pageSize_}, number, levels > 1);
     // LMDB takes it for granted that a branch has two children, but in the list of free pages.
-    if (nodes < (branch && kind != Kind::free ? 2u : 1u)) damagedPage(number);
-    for (size_t i = 0; i < nodes; ++i) {
-      const auto offset = at<uint16_t>(bytes + pageHead + 2 * i);
-      if (offset < upper || offset % 2 != 0 || offset + nodeHead > pageSize_) damagedPage(number);
-      const Node node{bytes + offset, pageSize_ - offset};
-      if (node.keyAndHead() > node.room) damagedPage(number);
-      if (branch) {
-        checkPage(node.child(), levels - 1, kind, entries);
-      } else {
-        checkLeafNode(number, node, kind);
-        ++*entries;
-      }
+    const size_t least = levels > 1 && kind != Kind::free ? 2 : 1;
+    if (!found || found->nodes < least) damagedPage(number);
+    if (found->branch) return checkBranch(*found, number, levels, kind, bounds, entries);
+    std::optional<Key> former;
+    size_t taken = 0;
+    for (size_t i = 0; i < found->nodes; ++i) {
+      const Node node = nodeAt(*found, number, i, kind);
+      requireOrder(number, kind, former, node.key(), bounds);
+      checkLeafNode(number, node, kind);
+      former = node.key();
+      taken += even(node.inLeaf());
+    }
+    requirePacked(*found, number, taken);
+    *entries += found->nodes;
+  }
+
+  void checkBranch(const Page& page, uint64_t number, unsigned levels, Kind kind, Bounds bounds,
+                   uint64_t* entries) {
+    Node node = nodeAt(page, number, 0, kind);
+    size_t taken = even(node.inBranch());
+    std::optional<Key> from;
+    for (size_t i = 1; i < page.nodes; ++i) {
+      const Node next = nodeAt(page, number, i, kind);
+      requireOrder(number, kind, from, next.key(), bounds);
+      checkPage(node.child(), levels - 1, kind, {from ? from : bounds.from, next.key()}, entries);
+      node = next;
+      from = next.key();
+      taken += even(next.inBranch());
+    }
+    requirePacked(page, number, taken);
+    checkPage(node.child(), levels - 1, kind, {from ? from : bounds.from, bounds.below}, entries);
+  }
+
+  Node nodeAt(const Page& page, uint64_t number, size_t i, Kind kind) const {
+    const auto node = page.node(i);
+    if (!node) damagedPage(number);
+    const size_t size = node->key().size();
+    const bool right = kind == Kind::free ? size == sizeof(uint64_t) : size > 0;
+    if (!right && !(page.branch && i == 0)) damagedPage(number);
+    return *node;
+  }
+
+  static size_t even(size_t size) { return size + size % 2; }
+
+  // Nodes fill the end of a page without gaps; LMDB moves them by the sizes that they name.
+  static void requirePacked(const Page& page, uint64_t number, size_t taken) {
+    if (taken != page.size - page.upper) damagedPage(number);
+  }
+
+  // LMDB finds keys by their order.
+  static void requireOrder(uint64_t number, Kind kind, std::optional<Key> former, Key key,
+                           Bounds bounds) {
+    const auto ascend = kind == Kind::free ? numbersAscend : before;
+    const bool above = former ? ascend(*former, key) : !bounds.from || !ascend(key, *bounds.from);
+    if (!above || (bounds.below && !ascend(key, *bounds.below))) {
+      throw Damage{"the keys of page " + std::to_string(number) + " are out of order"};
     }
   }
 
-  struct Node {
-    const uint8_t* bytes;
-    size_t room;  // to the end of the page
-    size_t keyAndHead() const { return nodeHead + at<uint16_t>(bytes + 6); }
-    uint64_t child() const { return at<uint32_t>(bytes) | uint64_t{at<uint16_t>(bytes + 4)} << 32; }
-    uint16_t flags() const { return at<uint16_t>(bytes + 4); }
-    uint32_t size() const { return at<uint32_t>(bytes); }
-    const uint8_t* data() const { return bytes + keyAndHead(); }
-  };
+  static bool numbersAscend(Key a, Key b) {
+    return at<uint64_t>(a.data()) < at<uint64_t>(b.data());
+  }
 
   void checkLeafNode(uint64_t number, const Node& node, Kind kind) {
     const uint16_t flags = node.flags();
-    const size_t inPage = flags == bigNode ? sizeof(uint64_t) : node.size();
     const bool wantsTree = kind == Kind::main;
-    if (node.keyAndHead() + inPage > node.room || node.keyAndHead() == nodeHead ||
-        (wantsTree ? flags != treeNode : flags > bigNode)) {
-      damagedPage(number);
-    }
+    if (!node.fitsLeaf() || (wantsTree ? flags != treeNode : flags > bigNode)) damagedPage(number);
     if (wantsTree) {
       if (node.size() != sizeof(Tree)) damagedPage(number);
       const Tree tree = at<Tree>(node.data());
@@ -183,45 +232,70 @@ class FileCheck {
 
   // A count, then that many page numbers, descending; none of them may be in use.
   void checkFreeList(uint64_t number, const Node& node, const uint8_t* data) {
-    const bool keyed = node.keyAndHead() == nodeHead + sizeof(uint64_t);
-    if (!keyed || node.size() < sizeof(uint64_t)) damagedPage(number);
+    if (node.size() < sizeof(uint64_t)) damagedPage(number);
     const auto count = at<uint64_t>(data);
     if (count > node.size() / sizeof(uint64_t) - 1) damagedPage(number);
-    uint64_t before = meta_.lastPage + 1;
+    uint64_t former = meta_.lastPage + 1;
     for (uint64_t i = 1; i <= count; ++i) {
       const auto free = at<uint64_t>(data + i * sizeof(uint64_t));
-      if (free >= before) damagedPage(number);
-      before = free;
+      if (free >= former) damagedPage(number);
+      former = free;
       page(free);
+      ++free_;
     }
   }
 
   std::span<const uint8_t> file_;
   size_t pageSize_ = 0;
-  Meta meta_{};
+  Meta heads_[2]{};
+  Meta meta_{};  // the head of the commit that is looked at
   std::vector<bool> seen_;
+  uint64_t free_ = 0;
 };
+
+// Empty, or what `check` found.
+template <typename Check>
+std::string damageFound(const MappedFile& file, Check check) {
+  try {
+    FileCheck found(file.bytes());
+    check(found);
+    return {};
+  } catch (const Damage& damage) {
+    return damage.what;
+  }
+}
 
 }  // namespace
 
-std::string damageOf(const std::string& path) {
-  const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0) return {};  // LMDB tells why, or makes one
-  struct stat status {};
-  fstat(file, &status);
-  const auto size = static_cast<size_t>(status.st_size);
-  void* mapped = size > 0 ? mmap(nullptr, size, PROT_READ, MAP_SHARED, file, 0) : MAP_FAILED;
-  ::close(file);
-  if (size == 0) return {};
-  if (mapped == MAP_FAILED) return "it cannot be mapped";
-  std::string damage;
-  try {
-    FileCheck({static_cast<const uint8_t*>(mapped), size}).run();
-  } catch (const Damage& found) {
-    damage = found.what;
-  }
-  munmap(mapped, size);
-  return damage;
+FileFinding checkedFile(const std::string& directory, const std::string& path) {
+  const MappedFile file(directory, path);
+  FileFinding finding;
+  if (file.bytes().empty()) return finding;
+  finding.damage = damageFound(file, [&](FileCheck& check) {
+    check.checkNewest();
+    finding.pages = check.pages();
+    finding.free = check.freePages();
+  });
+  return finding;
+}
+
+namespace {
+
+template <typename Check>
+std::string damageOfStore(const std::string& directory, Check check) {
+  const MappedFile file(directory, dataPath(directory));
+  if (file.bytes().empty()) failed(ENOENT, directory);
+  return damageFound(file, check);
+}
+
+}  // namespace
+
+std::string damageOfCommit(const std::string& directory, uint64_t transaction) {
+  return damageOfStore(directory, [&](FileCheck& check) { check.checkCommit(transaction); });
+}
+
+std::string damageOfHead(const std::string& directory) {
+  return damageOfStore(directory, [](FileCheck& check) { check.checkHead(); });
 }
 
 }  // namespace Brine

@@ -28,17 +28,26 @@ class SnapshotImpl final : public Snapshot {
     if (found == tables_.end() || key.empty() || key.size() > keyLimit) return std::nullopt;
     Bytes value;
     const int error = recordFound(read_.begun(), found->second, key, &value);
+    if (error == damagedRecord) {
+      noteDamage(table, key);
+      return std::nullopt;
+    }
     if (error == MDB_NOTFOUND || error == MDB_BAD_DBI) return std::nullopt;
     check(error, environment_.directory());
     return value;
   }
 
-  void forEach(std::string_view table, const Store::Visit& visit, Bytes from) override {
+  size_t forEach(std::string_view table, const Store::Visit& visit, Bytes from) override {
     const auto found = tables_.find(table);
-    if (found == tables_.end()) return;
-    const int error = recordsVisited(read_.begun(), found->second, visit, from);
-    if (error == MDB_NOTFOUND || error == MDB_BAD_DBI) return;
+    if (found == tables_.end()) return 0;
+    size_t passedOver = 0;
+    const int error = recordsVisited(read_.begun(), found->second, visit, from, [&](Bytes key) {
+      noteDamage(table, key);
+      ++passedOver;
+    });
+    if (error == MDB_NOTFOUND || error == MDB_BAD_DBI) return 0;
     check(error, environment_.directory());
+    return passedOver;
   }
 
   size_t count(std::string_view table) override {
@@ -48,10 +57,17 @@ class SnapshotImpl final : public Snapshot {
     return stat.ms_entries;
   }
 
+  const std::set<DamagedRecord>& damagedRecords() const override { return damaged_; }
+
  private:
+  void noteDamage(std::string_view table, Bytes key) {
+    damaged_.insert({std::string(table), std::string(asText(key))});
+  }
+
   Environment& environment_;
   ReadTransaction& read_;
   const std::map<std::string, MDB_dbi, std::less<>>& tables_;
+  std::set<DamagedRecord> damaged_;
 };
 
 class ReaderImpl final : public Reader {
@@ -78,8 +94,7 @@ class ReaderImpl final : public Reader {
     std::map<std::string, MDB_dbi, std::less<>> tables;
     auto known = tables_.begin();
     bool same = true, complete = true;
-    const auto visit = [&](Bytes key, Bytes) {
-      const std::string_view name = asText(key);
+    const auto visit = [&](std::string_view name) {
       if (name == metaTable) return true;
       const auto handle = environment_->handles.find(name);
       complete = handle != environment_->handles.end();
@@ -93,7 +108,7 @@ class ReaderImpl final : public Reader {
       }
       return true;
     };
-    check(recordsVisited(txn, 1, visit, {}), environment_->directory());
+    check(namesVisited(txn, visit), environment_->directory());
     if (!complete) return false;
     if (same && known != tables_.end()) tables_.erase(known, tables_.end());
     if (!same) tables_ = std::move(tables);
@@ -104,10 +119,8 @@ class ReaderImpl final : public Reader {
     const std::lock_guard guard(environment_->handlesMutex);
     Transaction txn(*environment_, MDB_RDONLY);
     std::vector<std::string> names;
-    check(
-        recordsVisited(txn.handle(), 1,
-                       [&](Bytes key, Bytes) { return names.emplace_back(asText(key)), true; }, {}),
-        environment_->directory());
+    const auto add = [&](std::string_view name) { return names.emplace_back(name), true; };
+    check(namesVisited(txn.handle(), add), environment_->directory());
     for (const std::string& name : names) {
       if (name == metaTable || environment_->handles.contains(name)) continue;
       MDB_dbi dbi = 0;

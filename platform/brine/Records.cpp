@@ -34,18 +34,46 @@ struct Whole {
   Bytes value;
 };
 
-// Takes a long record apart; nothing when its bytes are not of the layout.
+bool same(Bytes a, Bytes b) { return std::ranges::equal(a, b); }
+bool before(Bytes a, Bytes b) { return std::ranges::lexicographical_compare(a, b); }
+
+constexpr size_t sumSize = 4;
+
+uint32_t sumOf(Bytes key, Bytes value) {
+  return static_cast<uint32_t>(hashOf(value, hashOf(key, 0)));
+}
+
+// Takes a long record apart; nothing when its bytes are not what was stored.
 std::optional<Whole> wholeOf(Bytes stored) {
   if (stored.size() < 4) return std::nullopt;
   const uint64_t keySize = loaded<uint32_t>(stored.data());
   if (keySize <= plainKeyLimit || keySize > keyLimit || stored.size() - 4 < keySize) {
     return std::nullopt;
   }
-  return Whole{stored.subspan(4, keySize), stored.subspan(4 + keySize)};
+  const Bytes key = stored.subspan(4, keySize);
+  const auto value = soundValue(key, stored.subspan(4 + keySize));
+  if (!value) return std::nullopt;
+  return Whole{key, *value};
 }
 
-bool same(Bytes a, Bytes b) { return std::ranges::equal(a, b); }
-bool before(Bytes a, Bytes b) { return std::ranges::lexicographical_compare(a, b); }
+// The record that LMDB has under that key; nothing when it is damaged.
+std::optional<Whole> recordAt(Bytes storedKey, Bytes stored) {
+  if (storedKey.size() != longKeySize) {
+    const auto value = soundValue(storedKey, stored);
+    return value ? std::optional(Whole{storedKey, *value}) : std::nullopt;
+  }
+  const auto whole = wholeOf(stored);
+  const bool right = whole && same(storedKey.first(longKeySize - 2),
+                                   Bytes(LongKey(whole->key).bytes).first(longKeySize - 2));
+  return right ? whole : std::nullopt;
+}
+
+// Writes the value and its checksum.
+void writeSummed(uint8_t* room, Bytes key, Bytes value) {
+  const uint32_t sum = sumOf(key, value);
+  if (!value.empty()) std::memcpy(room, value.data(), value.size());
+  std::memcpy(room + value.size(), &sum, sumSize);
+}
 
 // Where a long key stands, or the first free number of its hash (then MDB_NOTFOUND).
 template <typename Get>
@@ -72,20 +100,20 @@ int cursorGet(MDB_cursor* cursor, MDB_val key, MDB_val* value) {
   return mdb_cursor_get(cursor, &key, value, MDB_SET_KEY);
 }
 
-int longPut(MDB_cursor* cursor, Bytes key, size_t size, uint8_t** room) {
+int longPut(MDB_cursor* cursor, Bytes key, Bytes value) {
   LongKey stored(key);
   MDB_val found;
   int error = located(stored, key, &found,
                       [&](MDB_val at, MDB_val* out) { return cursorGet(cursor, at, out); });
   if (error != MDB_SUCCESS && error != MDB_NOTFOUND) return error;
   MDB_val at = stored.val();
-  MDB_val value{4 + key.size() + size, nullptr};
-  if ((error = mdb_cursor_put(cursor, &at, &value, MDB_RESERVE))) return error;
-  auto* bytes = static_cast<uint8_t*>(value.mv_data);
+  MDB_val room{4 + key.size() + value.size() + sumSize, nullptr};
+  if ((error = mdb_cursor_put(cursor, &at, &room, MDB_RESERVE))) return error;
+  auto* bytes = static_cast<uint8_t*>(room.mv_data);
   const auto keySize = static_cast<uint32_t>(key.size());
   std::memcpy(bytes, &keySize, 4);
   std::memcpy(bytes + 4, key.data(), key.size());
-  *room = bytes + 4 + key.size();
+  writeSummed(bytes + 4 + key.size(), key, value);
   return MDB_SUCCESS;
 }
 
@@ -118,9 +146,9 @@ int longErased(MDB_cursor* cursor, Bytes key) {
 // Long keys of one prefix stand in the order of their hashes; gathers them to sort by key.
 class LongGroup {
  public:
-  void add(const MDB_val& key, const MDB_val& value) {
-    prefix_ = asBytes(key).first(plainKeyLimit);
-    if (const auto whole = wholeOf(asBytes(value))) members_.push_back(*whole);
+  void add(Bytes storedKey, const Whole& whole) {
+    prefix_ = storedKey.first(plainKeyLimit);
+    members_.push_back(whole);
   }
   bool takes(const MDB_val& key) const {
     return members_.empty() || same(prefix_, asBytes(key).first(plainKeyLimit));
@@ -140,7 +168,8 @@ class LongGroup {
   std::vector<Whole> members_;
 };
 
-int allVisited(MDB_cursor* cursor, const Store::Visit& visit, Bytes from) {
+int allVisited(MDB_cursor* cursor, const Store::Visit& visit, Bytes from,
+               const DamagedVisit& damaged) {
   MDB_val key = asVal(from.first(std::min(from.size(), plainKeyLimit)));
   MDB_val value;
   LongGroup group;
@@ -148,9 +177,13 @@ int allVisited(MDB_cursor* cursor, const Store::Visit& visit, Bytes from) {
   for (; error == MDB_SUCCESS; error = mdb_cursor_get(cursor, &key, &value, MDB_NEXT)) {
     const bool isLong = key.mv_size == longKeySize;
     if ((!isLong || !group.takes(key)) && !group.visited(visit, from)) return MDB_SUCCESS;
-    if (isLong) {
-      group.add(key, value);
-    } else if (!before(asBytes(key), from) && !visit(asBytes(key), asBytes(value))) {
+    const Bytes at = asBytes(key);
+    const auto found = recordAt(at, asBytes(value));
+    if (!found) {
+      damaged(at);
+    } else if (isLong) {
+      group.add(at, *found);
+    } else if (!before(at, from) && !visit(at, found->value)) {
       return MDB_SUCCESS;
     }
   }
@@ -158,23 +191,41 @@ int allVisited(MDB_cursor* cursor, const Store::Visit& visit, Bytes from) {
   return error == MDB_NOTFOUND ? MDB_SUCCESS : error;
 }
 
+using Cursor = std::unique_ptr<MDB_cursor, void (*)(MDB_cursor*)>;
+
+int opened(MDB_txn* txn, MDB_dbi dbi, Cursor* cursor) {
+  MDB_cursor* raw = nullptr;
+  const int error = mdb_cursor_open(txn, dbi, &raw);
+  cursor->reset(raw);
+  return error;
+}
+
 }  // namespace
+
+std::optional<Bytes> soundValue(Bytes key, Bytes stored) {
+  if (stored.size() < sumSize) return std::nullopt;
+  const Bytes value = stored.first(stored.size() - sumSize);
+  if (loaded<uint32_t>(value.data() + value.size()) != sumOf(key, value)) return std::nullopt;
+  return value;
+}
 
 int recordFound(MDB_txn* txn, MDB_dbi dbi, Bytes key, Bytes* value) {
   if (key.size() > plainKeyLimit) return longFound(txn, dbi, key, value);
   MDB_val at = asVal(key);
   MDB_val found;
-  const int error = mdb_get(txn, dbi, &at, &found);
-  if (error == MDB_SUCCESS) *value = asBytes(found);
-  return error;
+  if (const int error = mdb_get(txn, dbi, &at, &found)) return error;
+  const auto sound = soundValue(key, asBytes(found));
+  if (!sound) return damagedRecord;
+  *value = *sound;
+  return MDB_SUCCESS;
 }
 
-int recordPut(MDB_cursor* cursor, Bytes key, size_t size, uint8_t** room) {
-  if (key.size() > plainKeyLimit) return longPut(cursor, key, size, room);
+int recordPut(MDB_cursor* cursor, Bytes key, Bytes value) {
+  if (key.size() > plainKeyLimit) return longPut(cursor, key, value);
   MDB_val at = asVal(key);
-  MDB_val value{size, nullptr};
-  const int error = mdb_cursor_put(cursor, &at, &value, MDB_RESERVE);
-  *room = static_cast<uint8_t*>(value.mv_data);
+  MDB_val room{value.size() + sumSize, nullptr};
+  const int error = mdb_cursor_put(cursor, &at, &room, MDB_RESERVE);
+  if (error == MDB_SUCCESS) writeSummed(static_cast<uint8_t*>(room.mv_data), key, value);
   return error;
 }
 
@@ -186,11 +237,31 @@ int recordErased(MDB_cursor* cursor, Bytes key) {
   return mdb_cursor_del(cursor, 0);
 }
 
-int recordsVisited(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from) {
-  MDB_cursor* cursor = nullptr;
-  if (const int error = mdb_cursor_open(txn, dbi, &cursor)) return error;
-  const std::unique_ptr<MDB_cursor, void (*)(MDB_cursor*)> owner(cursor, mdb_cursor_close);
-  return allVisited(cursor, visit, from);
+int recordsVisited(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from,
+                   const DamagedVisit& damaged) {
+  Cursor cursor(nullptr, mdb_cursor_close);
+  if (const int error = opened(txn, dbi, &cursor)) return error;
+  return allVisited(cursor.get(), visit, from, damaged);
+}
+
+int damagedErased(MDB_cursor* cursor, Bytes storedKey) {
+  MDB_val at = asVal(storedKey);
+  MDB_val value;
+  if (const int error = mdb_cursor_get(cursor, &at, &value, MDB_SET_KEY)) return error;
+  return recordAt(storedKey, asBytes(value)) ? MDB_SUCCESS : mdb_cursor_del(cursor, 0);
+}
+
+int namesVisited(MDB_txn* txn, const std::function<bool(std::string_view)>& visit) {
+  constexpr MDB_dbi mainDatabase = 1;
+  Cursor cursor(nullptr, mdb_cursor_close);
+  if (const int error = opened(txn, mainDatabase, &cursor)) return error;
+  MDB_val key;
+  MDB_val value;
+  int error = mdb_cursor_get(cursor.get(), &key, &value, MDB_FIRST);
+  while (error == MDB_SUCCESS && visit(asText(asBytes(key)))) {
+    error = mdb_cursor_get(cursor.get(), &key, &value, MDB_NEXT);
+  }
+  return error == MDB_NOTFOUND ? MDB_SUCCESS : error;
 }
 
 void longKeyHashIs(std::optional<uint64_t> hash) { fixedHash = hash; }

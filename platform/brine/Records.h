@@ -1,4 +1,6 @@
-// Records in one LMDB database, with keys longer than LMDB's limit.
+// Records in one LMDB database, each with a checksum, and with keys longer than LMDB's limit.
+//
+// A stored value ends with a checksum of key and value (u32, little-endian).
 //
 // A key of up to 500 bytes stands as it is. A longer one stands under its first 500 bytes, a hash
 // of the whole (8 bytes, big-endian) and a number (2 bytes, big-endian) that tells keys of one hash
@@ -23,13 +25,25 @@ inline Bytes asBytes(const MDB_val& value) {
   return {static_cast<const uint8_t*>(value.mv_data), value.mv_size};
 }
 
-// All answer an LMDB error code, MDB_NOTFOUND for an absent record.
+// What stands under the key is not what was stored there.
+inline constexpr int damagedRecord = -1;
+
+// All answer an LMDB error code, MDB_NOTFOUND for an absent record; recordFound() also
+// damagedRecord.
 int recordFound(MDB_txn* txn, MDB_dbi dbi, Bytes key, Bytes* value);
-// `room` is where the caller puts the value's bytes.
-int recordPut(MDB_cursor* cursor, Bytes key, size_t size, uint8_t** room);
+int recordPut(MDB_cursor* cursor, Bytes key, Bytes value);
 int recordErased(MDB_cursor* cursor, Bytes key);
-// Ascending by whole key, from `from` on. Records that are not of the layout are passed over.
-int recordsVisited(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from);
+// Ascending by whole key, from `from` on. Of a damaged record `damaged` is given the key as LMDB
+// has it.
+using DamagedVisit = std::function<void(Bytes storedKey)>;
+int recordsVisited(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from,
+                   const DamagedVisit& damaged);
+// Erases the record of that stored key if it is damaged.
+int damagedErased(MDB_cursor* cursor, Bytes storedKey);
+// A stored value of a key of up to 500 bytes without its checksum; nothing when that is wrong.
+std::optional<Bytes> soundValue(Bytes key, Bytes stored);
+// The names of all tables, the store's own included. Stops when `visit` answers false.
+int namesVisited(MDB_txn* txn, const std::function<bool(std::string_view)>& visit);
 
 // For tests: all long keys get this hash, so that they collide.
 void longKeyHashIs(std::optional<uint64_t> hash);

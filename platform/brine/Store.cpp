@@ -1,7 +1,6 @@
 // The writer: a write set over one LMDB environment.
 #include "platform/brine/Store.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,10 +10,14 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <system_error>
+#include <thread>
+#include <utility>
 
 #include "platform/brine/Environment.h"
 #include "platform/brine/Records.h"
+#include "platform/brine/StateDirectory.h"
 #include "platform/brine/WriteSet.h"
 
 namespace Brine {
@@ -26,13 +29,11 @@ namespace fs = std::filesystem;
 class WriterLock {
  public:
   explicit WriterLock(const std::string& directory) {
-    const std::string path = directory + "/brine.writer";
-    file_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (file_ < 0) failed(errno == ENOENT ? ENOTDIR : errno, directory);
+    file_ = openedFile(directory, writerPath(directory));
     if (flock(file_, LOCK_EX | LOCK_NB) == 0) return;
     const int error = errno;
     ::close(file_);
-    if (error != EWOULDBLOCK) failed(error, directory);
+    if (error != EWOULDBLOCK) failed(error, directory, writerPath(directory));
     throw StoreError(Trouble::busy, "another process writes to the state directory " + directory +
                                         "; stop it or choose another directory");
   }
@@ -44,22 +45,30 @@ class WriterLock {
   int file_ = -1;
 };
 
-void createDirectory(const std::string& directory) {
-  std::error_code error;
-  if (fs::is_directory(directory, error)) return;
-  fs::create_directories(fs::path(directory).parent_path(), error);
-  if (mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST) return;
-  failed(errno == ENOENT ? ENOTDIR : errno, directory);
+constexpr const char* earlierBoot = "earlier-boot";
+
+// Every boot of a machine whose state directory is on a disk leaves a store: one of them is kept.
+std::string placeFor(const std::string& base, Trouble why) {
+  std::error_code ignored;
+  if (why == Trouble::otherBoot) {
+    fs::remove_all(base + earlierBoot, ignored);
+    return base + earlierBoot;
+  }
+  unsigned number = 1;
+  while (fs::exists(fs::symlink_status(base + "damaged-" + std::to_string(number)))) ++number;
+  return base + "damaged-" + std::to_string(number);
 }
 
-// Where a damaged store goes: beside the directory, or into it when that is a mount point or its
+// Where a lost store goes: beside the directory, or into it when that is a mount point or its
 // parent is not ours to write.
-void moveAside(const std::string& directory) {
-  for (const std::string& base : {directory + ".damaged-", directory + "/damaged-"}) {
-    unsigned number = 1;
-    while (fs::exists(base + std::to_string(number))) ++number;
-    const std::string aside = base + std::to_string(number);
-    if (mkdir(aside.c_str(), 0700) != 0) continue;
+std::string moveAside(const std::string& directory, Trouble why) {
+  int refusal = EACCES;
+  for (const std::string& base : {directory + ".", directory + "/"}) {
+    const std::string aside = placeFor(base, why);
+    if (mkdir(aside.c_str(), 0700) != 0) {
+      refusal = errno;
+      continue;
+    }
     std::error_code error;
     fs::rename(dataPath(directory), dataPath(aside), error);
     if (error && error != std::errc::no_such_file_or_directory) {
@@ -68,9 +77,9 @@ void moveAside(const std::string& directory) {
     }
     fs::rename(lockPath(directory), lockPath(aside), error);
     if (error) fs::remove(lockPath(directory), error);
-    return;
+    return aside;
   }
-  failed(EACCES, directory);
+  failed(refusal, directory, directory);
 }
 
 struct Table {
@@ -89,7 +98,8 @@ struct Found {
   uint64_t hash = 0;
   TableNumber table = 0;
   bool present = false;
-  uint8_t keySize = 0;  // 0: nothing remembered
+  bool damaged = false;  // present, but without a value
+  uint8_t keySize = 0;   // 0: nothing remembered
   std::array<uint8_t, 64> key{};
   Bytes value;
 };
@@ -98,7 +108,7 @@ class StoreImpl final : public Store {
  public:
   StoreImpl(std::unique_ptr<WriterLock> lock, std::shared_ptr<Environment> environment)
       : lock_(std::move(lock)), environment_(std::move(environment)), read_(*environment_) {
-    mdb_reader_check(environment_->handle(), nullptr);
+    releaseDeadReaders();
     openTables();
   }
 
@@ -111,25 +121,37 @@ class StoreImpl final : public Store {
   bool erase(TableNumber table, Bytes key) override;
   void eraseAll(TableNumber table) override;
   size_t count(TableNumber table) const override;
-  void forEach(TableNumber table, const Visit& visit, Bytes from) override;
+  size_t forEach(TableNumber table, const Visit& visit, Bytes from) override;
+  std::vector<DamagedRecord> takeDamagedRecords() override { return std::exchange(damaged_, {}); }
+  void eraseDamaged(std::span<const DamagedRecord> records) override;
   bool dirty() const override { return writes_.size() > 0 || anyCleared_; }
   void commit() override;
+  void handleReaderGone() override;
   void discard() override;
   size_t bytesUsed() const override;
 
  private:
+  enum class Presence { absent, present, damaged };
+  Presence committed(TableNumber table, Bytes key, uint64_t hash, Bytes* value);
+  bool isThere(TableNumber table, Bytes key);
+  void noteDamage(TableNumber table, Bytes key);
+  bool isPending(TableNumber table, Bytes key);
+  template <typename Write>
+  void inTransaction(const Write& write);
+  MDB_cursor* metaCursor(MDB_txn* txn);
   void openTables();
   Table& at(TableNumber table);
   void checkKey(Bytes key) const;
   PendingRecord& pending(TableNumber table, Bytes key);
-  std::optional<Bytes> committed(TableNumber table, Bytes key, uint64_t hash);
   void resolve(Table& table, PendingRecord& record) const;
   void erasedIs(Table& table, PendingRecord& record, bool erased);
   void writeAll(MDB_txn* txn);
-  uint64_t pagesFor(MDB_txn* txn, const Table& table, std::span<const uint32_t> order) const;
+  void addRoomFor(MDB_txn* txn, const Table& table, std::span<const uint32_t> order,
+                  Room* room) const;
   std::span<const uint32_t> tableRun(std::span<const uint32_t> order) const;
   void writeTable(MDB_cursor* cursor, const Table& table, std::span<const uint32_t> order);
   void setAside();
+  void releaseDeadReaders() { mdb_reader_check(environment_->handle(), nullptr); }
 
   // Released last to first: the lock outlives the environment.
   std::unique_ptr<WriterLock> lock_;
@@ -141,16 +163,37 @@ class StoreImpl final : public Store {
   bool anyCleared_ = false;
   std::array<Found, 128> found_;
   uint64_t commits_ = 0;
+  bool readerGone_ = false;             // and perhaps not quite when it was looked for
+  std::vector<DamagedRecord> damaged_;  // not taken yet
+  std::set<DamagedRecord> knownDamaged_;
 };
 
 bool isOwn(std::string_view name) { return name == metaTable; }
 
 std::vector<std::string> namesIn(MDB_txn* txn, const std::string& directory) {
   std::vector<std::string> names;
-  check(recordsVisited(txn, 1,
-                       [&](Bytes key, Bytes) { return names.emplace_back(asText(key)), true; }, {}),
-        directory);
+  const auto add = [&](std::string_view name) { return names.emplace_back(name), true; };
+  check(namesVisited(txn, add), directory);
   return names;
+}
+
+// Runs `write` in a transaction of its own, without regard to the write set. Where there is no
+// room, pages that dead readers held are released first, and `write` runs once more.
+template <typename Write>
+void StoreImpl::inTransaction(const Write& write) {
+  const auto once = [&] {
+    Transaction txn(*environment_, 0);
+    write(txn.handle());
+    txn.commit();
+  };
+  setAside();
+  try {
+    return once();
+  } catch (const StoreError& error) {
+    if (error.trouble != Trouble::full) throw;
+  }
+  releaseDeadReaders();
+  once();
 }
 
 void StoreImpl::openTables() {
@@ -167,16 +210,27 @@ void StoreImpl::openTables() {
   txn.commit();
 }
 
+std::string listKey(const std::string& table) { return std::string(tableKeyPrefix) + table; }
+
+// The transaction closes it.
+MDB_cursor* StoreImpl::metaCursor(MDB_txn* txn) {
+  MDB_dbi dbi = 0;
+  MDB_cursor* cursor = nullptr;
+  check(mdb_dbi_open(txn, std::string(metaTable).c_str(), 0, &dbi), environment_->directory());
+  check(mdb_cursor_open(txn, dbi, &cursor), environment_->directory());
+  return cursor;
+}
+
 TableNumber StoreImpl::table(std::string_view name) {
   if (const auto known = numbers_.find(name); known != numbers_.end()) return known->second;
-  setAside();
   const std::string text(name);
   const std::lock_guard guard(environment_->handlesMutex);
-  environment_->allocateRoom(8);
-  Transaction txn(*environment_, 0);
   MDB_dbi dbi = 0;
-  check(mdb_dbi_open(txn.handle(), text.c_str(), MDB_CREATE, &dbi), environment_->directory());
-  txn.commit();
+  inTransaction([&](MDB_txn* txn) {
+    environment_->allocateRoom({.pages = 8});
+    check(mdb_dbi_open(txn, text.c_str(), MDB_CREATE, &dbi), environment_->directory());
+    check(recordPut(metaCursor(txn), asBytes(listKey(text)), {}), environment_->directory());
+  });
   environment_->handles[text] = dbi;
   const auto number = static_cast<TableNumber>(tables_.size());
   tables_.push_back({text, dbi});
@@ -194,13 +248,13 @@ void StoreImpl::tableDel(std::string_view name) {
   const auto known = numbers_.find(name);
   if (known == numbers_.end()) return;
   Table& table = tables_[known->second];
-  setAside();
   {
     const std::lock_guard guard(environment_->handlesMutex);
-    environment_->allocateRoom(8);
-    Transaction txn(*environment_, 0);
-    check(mdb_drop(txn.handle(), table.dbi, 1), environment_->directory());
-    txn.commit();
+    inTransaction([&](MDB_txn* txn) {
+      environment_->allocateRoom({.pages = 8});
+      check(mdb_drop(txn, table.dbi, 1), environment_->directory());
+      check(recordErased(metaCursor(txn), asBytes(listKey(table.name))), environment_->directory());
+    });
     environment_->handles.erase(table.name);
   }
   table.exists = false;
@@ -235,24 +289,57 @@ std::optional<Bytes> StoreImpl::get(TableNumber table, Bytes key) {
     if (record->erased) return std::nullopt;
     return record->value();
   }
-  return of.cleared ? std::nullopt : committed(table, key, hash);
+  Bytes value;
+  if (of.cleared || committed(table, key, hash, &value) != Presence::present) return std::nullopt;
+  return value;
 }
 
-std::optional<Bytes> StoreImpl::committed(TableNumber table, Bytes key, uint64_t hash) {
+StoreImpl::Presence StoreImpl::committed(TableNumber table, Bytes key, uint64_t hash,
+                                         Bytes* value) {
   Found& slot = found_[hash % found_.size()];
   if (slot.keySize == key.size() && slot.hash == hash && slot.table == table &&
       std::memcmp(slot.key.data(), key.data(), key.size()) == 0) {
-    return slot.present ? std::optional(slot.value) : std::nullopt;
+    *value = slot.value;
+    if (slot.damaged) return Presence::damaged;
+    return slot.present ? Presence::present : Presence::absent;
   }
-  Bytes value;
-  const int error = recordFound(read_.begun(), tables_[table].dbi, key, &value);
-  if (error != MDB_SUCCESS && error != MDB_NOTFOUND) failed(error, environment_->directory());
-  const bool present = error == MDB_SUCCESS;
+  const int error = recordFound(read_.begun(), tables_[table].dbi, key, value);
+  const bool damaged = error == damagedRecord;
+  if (damaged) noteDamage(table, key);
+  if (error != MDB_SUCCESS && error != MDB_NOTFOUND && !damaged) {
+    failed(error, environment_->directory());
+  }
+  const bool present = error != MDB_NOTFOUND;
   if (key.size() <= slot.key.size()) {
-    slot = {hash, table, present, static_cast<uint8_t>(key.size()), slot.key, value};
+    slot = {hash, table, present, damaged, static_cast<uint8_t>(key.size()), slot.key, *value};
     std::memcpy(slot.key.data(), key.data(), key.size());
   }
-  return present ? std::optional(value) : std::nullopt;
+  if (damaged) return Presence::damaged;
+  return present ? Presence::present : Presence::absent;
+}
+
+void StoreImpl::noteDamage(TableNumber table, Bytes key) {
+  const DamagedRecord record{tables_[table].name, std::string(asText(key))};
+  if (knownDamaged_.insert(record).second) damaged_.push_back(record);
+}
+
+bool StoreImpl::isPending(TableNumber table, Bytes key) {
+  return writes_.find(table, key, writes_.hash(table, key)) != nullptr;
+}
+
+void StoreImpl::eraseDamaged(std::span<const DamagedRecord> records) {
+  inTransaction([&](MDB_txn* txn) {
+    environment_->allocateRoom({.pages = 16 + 8 * records.size()});
+    for (const DamagedRecord& record : records) {
+      const auto number = numbers_.find(record.table);
+      if (number == numbers_.end() || isPending(number->second, asBytes(record.key))) continue;
+      MDB_cursor* cursor = nullptr;
+      check(mdb_cursor_open(txn, tables_[number->second].dbi, &cursor), environment_->directory());
+      const int error = damagedErased(cursor, asBytes(record.key));
+      if (error != MDB_NOTFOUND) check(error, environment_->directory());
+    }
+  });
+  for (const DamagedRecord& record : records) knownDamaged_.erase(record);
 }
 
 // The record of the write set, made when there is none; a fresh one does not count yet.
@@ -280,9 +367,10 @@ void StoreImpl::resolve(Table& table, PendingRecord& record) const {
   if (record.committed != Committed::unknown) return;
   Bytes value;
   const int error = recordFound(read_.begun(), table.dbi, record.key(), &value);
-  if (error != MDB_SUCCESS && error != MDB_NOTFOUND) failed(error, environment_->directory());
-  record.committed = error == MDB_SUCCESS ? Committed::present : Committed::absent;
-  table.delta += (record.erased ? 0 : 1) - (error == MDB_SUCCESS ? 1 : 0);
+  const bool absent = error == MDB_NOTFOUND;
+  if (!absent && error != damagedRecord) check(error, environment_->directory());
+  record.committed = absent ? Committed::absent : Committed::present;
+  table.delta += (record.erased ? 0 : 1) - (absent ? 0 : 1);
 }
 
 void StoreImpl::erasedIs(Table& table, PendingRecord& record, bool erased) {
@@ -300,8 +388,18 @@ std::span<uint8_t> StoreImpl::reserve(TableNumber table, Bytes key, size_t size)
   failed(ENOMEM, environment_->directory());
 }
 
+// A damaged record is there all the same.
+bool StoreImpl::isThere(TableNumber table, Bytes key) {
+  checkKey(key);
+  const Table& of = at(table);
+  const uint64_t hash = writes_.hash(table, key);
+  if (const PendingRecord* record = writes_.find(table, key, hash)) return !record->erased;
+  Bytes value;
+  return !of.cleared && committed(table, key, hash, &value) != Presence::absent;
+}
+
 bool StoreImpl::erase(TableNumber table, Bytes key) {
-  if (!get(table, key)) return false;
+  if (!isThere(table, key)) return false;
   erasedIs(tables_[table], pending(table, key), true);
   return true;
 }
@@ -328,24 +426,33 @@ size_t StoreImpl::count(TableNumber table) const {
   return static_cast<size_t>(static_cast<int64_t>(stat.ms_entries) + of.delta);
 }
 
-void StoreImpl::forEach(TableNumber table, const Visit& visit, Bytes from) {
-  check(recordsVisited(read_.begun(), at(table).dbi, visit, from), environment_->directory());
+size_t StoreImpl::forEach(TableNumber table, const Visit& visit, Bytes from) {
+  size_t passedOver = 0;
+  const auto damaged = [&](Bytes key) {
+    noteDamage(table, key);
+    ++passedOver;
+  };
+  check(recordsVisited(read_.begun(), at(table).dbi, visit, from, damaged),
+        environment_->directory());
+  return passedOver;
 }
 
 void StoreImpl::commit() {
   if (!dirty()) return;
-  setAside();
   try {
-    Transaction txn(*environment_, 0);
-    writeAll(txn.handle());
-    txn.commit();
+    inTransaction([this](MDB_txn* txn) { writeAll(txn); });
   } catch (...) {
     discard();
     throw;
   }
   discard();
   // Readers that were killed would keep pages from being used again.
-  if (++commits_ % 256 == 0) mdb_reader_check(environment_->handle(), nullptr);
+  if (++commits_ % 256 == 0 || std::exchange(readerGone_, false)) releaseDeadReaders();
+}
+
+void StoreImpl::handleReaderGone() {
+  releaseDeadReaders();
+  readerGone_ = true;
 }
 
 // The first records of `order`, as far as they are of one table.
@@ -358,14 +465,14 @@ std::span<const uint32_t> StoreImpl::tableRun(std::span<const uint32_t> order) c
 
 void StoreImpl::writeAll(MDB_txn* txn) {
   const std::vector<uint32_t>& order = writes_.sorted();
-  uint64_t pages = 16;  // for the tree of tables
+  Room room{.pages = 16};  // for the tree of tables
   for (std::span rest(order); !rest.empty();) {
     const auto run = tableRun(rest);
     const Table& table = tables_[writes_.record(run[0]).table];
-    if (table.exists) pages += pagesFor(txn, table, run);
+    if (table.exists) addRoomFor(txn, table, run, &room);
     rest = rest.subspan(run.size());
   }
-  environment_->allocateRoom(pages);
+  environment_->allocateRoom(room);
 
   for (const Table& table : tables_) {
     if (table.cleared && table.exists)
@@ -386,8 +493,8 @@ void StoreImpl::writeAll(MDB_txn* txn) {
 // At most so many pages do the table's writes take: a copy of each page they reach, and what splits
 // add. A page that was split has room for a quarter page of small records before it splits again;
 // each large record may split one of its own.
-uint64_t StoreImpl::pagesFor(MDB_txn* txn, const Table& table,
-                             std::span<const uint32_t> order) const {
+void StoreImpl::addRoomFor(MDB_txn* txn, const Table& table, std::span<const uint32_t> order,
+                           Room* room) const {
   MDB_stat stat{};
   check(mdb_stat(txn, table.dbi, &stat), environment_->directory());
   const size_t pageSize = environment_->pageSize();
@@ -408,7 +515,8 @@ uint64_t StoreImpl::pagesFor(MDB_txn* txn, const Table& table,
   const uint64_t branches = std::min<uint64_t>(records * depth, stat.ms_branch_pages);
   const uint64_t splits = std::min(2 * records, leaves + 4 * small / pageSize + 2 * large + 1);
   // Splits reach upwards, but each branch page takes several children first.
-  return leaves + branches + splits + splits / 2 + depth + overflow;
+  room->pages += leaves + branches + splits + splits / 2 + depth;
+  room->inARow += overflow;
 }
 
 // LMDB closes a write transaction's cursors when the transaction ends.
@@ -418,9 +526,7 @@ void StoreImpl::writeTable(MDB_cursor* cursor, const Table& table,
     const PendingRecord& record = writes_.record(index);
     int error = MDB_SUCCESS;
     if (!record.erased) {
-      uint8_t* room = nullptr;
-      error = recordPut(cursor, record.key(), record.valueSize, &room);
-      if (error == MDB_SUCCESS) std::memcpy(room, record.valueBytes, record.valueSize);
+      error = recordPut(cursor, record.key(), record.value());
     } else if (!table.cleared) {
       error = recordErased(cursor, record.key());
       if (error == MDB_NOTFOUND) error = MDB_SUCCESS;
@@ -447,17 +553,44 @@ size_t StoreImpl::bytesUsed() const {
 
 }  // namespace
 
-std::unique_ptr<Store> Store::open(const StoreOptions& options) {
-  createDirectory(options.directory);
+namespace {
+
+std::unique_ptr<Store> openedStore(const StoreOptions& options) {
+  prepareDirectory(options.directory);
+  requireRegularFiles(options.directory, Purpose::write);
   auto lock = std::make_unique<WriterLock>(options.directory);
   auto environment = Environment::open(options, Environment::Mode::write);
   return std::make_unique<StoreImpl>(std::move(lock), std::move(environment));
 }
 
-std::unique_ptr<Store> Store::rebuild(const StoreOptions& options) {
-  createDirectory(options.directory);
+bool mayPass(Trouble trouble) {
+  return trouble == Trouble::unavailable || trouble == Trouble::unwritable ||
+         trouble == Trouble::full;
+}
+
+}  // namespace
+
+std::unique_ptr<Store> Store::open(const StoreOptions& options) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds pause{50};
+  const auto end = Clock::now() + options.patience;
+  for (;;) {
+    try {
+      return openedStore(options);
+    } catch (const StoreError& error) {
+      if (!mayPass(error.trouble) || Clock::now() + pause > end) throw;
+    }
+    std::this_thread::sleep_for(pause);
+  }
+}
+
+std::unique_ptr<Store> Store::rebuild(const StoreOptions& options, Trouble why,
+                                      std::string* movedTo) {
+  prepareDirectory(options.directory);
+  requireRegularFiles(options.directory, Purpose::write);
   auto lock = std::make_unique<WriterLock>(options.directory);
-  moveAside(options.directory);
+  const std::string place = moveAside(options.directory, why);
+  if (movedTo) *movedTo = place;
   auto environment = Environment::open(options, Environment::Mode::write);
   return std::make_unique<StoreImpl>(std::move(lock), std::move(environment));
 }

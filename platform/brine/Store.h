@@ -2,11 +2,14 @@
 // One process writes; any number of processes read whole commits.
 #pragma once
 
+#include <chrono>
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -20,14 +23,22 @@ using TableNumber = uint32_t;  // of this process's opening; names are what last
 
 enum class Trouble {
   full,          // no room in the state directory, or the map is at its maximum
-  unwritable,    // directory missing and not creatable, or no permission
+  unwritable,    // directory or files are missing and not creatable, not ours, or no files
+  unavailable,   // the system refuses for now: no descriptors, no memory, a lock, the device
   wrongVersion,  // written by another version of the layout
   damaged,       // the files are no environment of ours
+  otherBoot,     // written before this boot of the machine
   busy,          // another writer has the state directory open
   missing,       // a reader found no store there (yet)
 };
 
-// The message names the directory and what to do about it.
+// Whether what the store holds is lost: then, and only then, rebuild() is in order.
+constexpr bool isLoss(Trouble trouble) {
+  return trouble == Trouble::wrongVersion || trouble == Trouble::damaged ||
+         trouble == Trouble::otherBoot;
+}
+
+// The message names the directory or file and, unless isLoss(), what to do about it.
 class StoreError : public std::runtime_error {
  public:
   StoreError(Trouble trouble, const std::string& message)
@@ -39,6 +50,16 @@ struct StoreOptions {
   std::string directory;                              // created when absent
   size_t maxBytes = size_t{64} * 1024 * 1024 * 1024;  // of address space, not of memory
   unsigned maxTables = 2048;
+  // How long an opening that the system refuses is tried again, in the calling thread.
+  std::chrono::milliseconds patience{0};
+  std::string bootId = {};  // of this boot of the machine; empty: the kernel's
+};
+
+// A record whose checksum is wrong.
+struct DamagedRecord {
+  std::string table;
+  std::string key;  // as LMDB has it, see Records.h
+  friend auto operator<=>(const DamagedRecord&, const DamagedRecord&) = default;
 };
 
 // The writer. Call with the activity lock held; the thread may change from call to call.
@@ -46,11 +67,14 @@ struct StoreOptions {
 // on.
 class Store {
  public:
-  // Throws StoreError. A damaged store, or one of another version, is left alone: the caller
-  // decides whether to rebuild() it.
+  // Throws StoreError; what is there is then untouched. Only a store that isLoss() says is lost may
+  // be rebuilt, and the caller decides on that.
   static std::unique_ptr<Store> open(const StoreOptions& options);
-  // Moves what is there aside to DIRECTORY.damaged-N and opens an empty store.
-  static std::unique_ptr<Store> rebuild(const StoreOptions& options);
+  // Moves what is there aside and opens an empty store: to DIRECTORY.damaged-N, or, when it is
+  // another boot's, to DIRECTORY.earlier-boot, which takes the place of a former one. `movedTo`,
+  // unless null, is set to the place.
+  static std::unique_ptr<Store> rebuild(const StoreOptions& options, Trouble why = Trouble::damaged,
+                                        std::string* movedTo = nullptr);
   virtual ~Store() = default;
 
   virtual TableNumber table(std::string_view name) = 0;  // creates it when absent
@@ -58,10 +82,10 @@ class Store {
   virtual std::vector<std::string> tableNames() const = 0;
   virtual void tableDel(std::string_view name) = 0;  // with all its records, at once
 
-  // Valid until the next write, commit or discard of this store.
+  // Valid until the next write, commit or discard of this store. A damaged record is none.
   virtual std::optional<Bytes> get(TableNumber table, Bytes key) = 0;
   // Insert or replace; the caller fills the returned bytes before any other call. Keys: 1 to 2,048
-  // bytes. Throws StoreError{full} when there is no memory.
+  // bytes. Throws StoreError{unavailable} when there is no memory.
   virtual std::span<uint8_t> reserve(TableNumber table, Bytes key, size_t size) = 0;
   void put(TableNumber table, Bytes key, Bytes value);
   virtual bool erase(TableNumber table, Bytes key) = 0;  // false when there was none
@@ -70,13 +94,21 @@ class Store {
 
   // Walks the committed records in ascending byte order of their keys, from `from` on (empty: the
   // first). The write set is not seen. Stops when `visit` answers false. `visit` must not write.
+  // Damaged records are passed over; returns how many.
   using Visit = std::function<bool(Bytes key, Bytes value)>;
-  virtual void forEach(TableNumber table, const Visit& visit, Bytes from = {}) = 0;
+  virtual size_t forEach(TableNumber table, const Visit& visit, Bytes from = {}) = 0;
+
+  // The damaged records that get() and forEach() have come upon, each of them once.
+  virtual std::vector<DamagedRecord> takeDamagedRecords() = 0;
+  // Erases the records, at once, as far as they are damaged still.
+  virtual void eraseDamaged(std::span<const DamagedRecord> records) = 0;
 
   virtual bool dirty() const = 0;  // whether the write set holds anything
-  // Makes the write set visible and lasting, as one transaction. Throws StoreError{full}: the write
-  // set is then dropped and the store is as after the commit before.
+  // Makes the write set visible and lasting, as one transaction. Throws StoreError: the write set
+  // is then dropped and the store is as after the commit before.
   virtual void commit() = 0;
+  // A process that may have read the store has gone: what it held can be used again.
+  virtual void handleReaderGone() = 0;
   virtual void discard() = 0;  // drops the write set
   virtual size_t bytesUsed() const = 0;
 };
@@ -85,7 +117,9 @@ class Store {
 class Snapshot;
 class Reader {
  public:
-  static std::unique_ptr<Reader> open(const std::string& directory);  // throws StoreError
+  // Looks through the whole store first, which takes about a microsecond a page: what is damaged is
+  // refused. Throws StoreError.
+  static std::unique_ptr<Reader> open(const std::string& directory);
   virtual ~Reader() = default;
   // One commit's state, the newest. Keep it short: pages it sees cannot be reused meanwhile.
   // At most one at a time.
@@ -99,9 +133,15 @@ class Snapshot {
   virtual bool hasTable(std::string_view name) const = 0;
   // The three below answer nothing for a table that is not there. Bytes live as long as this.
   virtual std::optional<Bytes> get(std::string_view table, Bytes key) = 0;
-  virtual void forEach(std::string_view table, const Store::Visit& visit, Bytes from = {}) = 0;
+  virtual size_t forEach(std::string_view table, const Store::Visit& visit, Bytes from = {}) = 0;
   virtual size_t count(std::string_view table) = 0;
+  // Those that get() and forEach() have passed over.
+  virtual const std::set<DamagedRecord>& damagedRecords() const = 0;
 };
+
+// Whether the directory is memory: only then does what lies there end with this boot of the
+// machine.
+bool isMemory(const std::string& directory);
 
 inline Bytes asBytes(std::string_view text) {
   return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};

@@ -204,6 +204,7 @@ void Doorbell::drop(Peer& peer, bool malformed) {
   const SubscriberInfo info = peer.info;
   std::erase_if(peers_, [&](const auto& other) { return other.get() == &peer; });
   tell(book_.left(bit));
+  journal_.handleFollowerGone();
   if (!wasAttached) return;
   maybeTellInStep();  // it may have been the one that was not
   if (observer_.left) observer_.left(info);

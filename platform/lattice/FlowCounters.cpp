@@ -4,8 +4,10 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 
+#include "platform/brine/StateDirectory.h"
 #include "platform/lattice/FlowCountersLayout.h"
 #include "platform/lattice/Packing.h"
 
@@ -15,6 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t maxNameBytes = 64;
+constexpr size_t maxFlowNameBytes = 500;
 // Of address space and of the file's length, nearly all of it a hole: room for tens of millions.
 constexpr size_t maxStoreBytes = size_t{8} * 1024 * 1024 * 1024;
 
@@ -35,27 +38,28 @@ FileId fileId(const std::string& path) {
   return {status.st_dev, status.st_ino};
 }
 
-// What an earlier process left is of no worth, so a damaged store is not kept.
+// What an earlier process left is of no worth, so a store that is lost is not kept.
 std::unique_ptr<Brine::Store> opened(const std::string& directory) {
   const Brine::StoreOptions options{
       .directory = directory, .maxBytes = maxStoreBytes, .maxTables = 4};
+  auto why = Brine::Trouble::damaged;
   try {
     return Brine::Store::open(options);
   } catch (const Brine::StoreError& error) {
-    const bool worthless =
-        error.trouble == Brine::Trouble::damaged || error.trouble == Brine::Trouble::wrongVersion;
-    if (!worthless) throw;
+    if (!Brine::isLoss(error.trouble)) throw;
+    why = error.trouble;
   }
-  auto store = Brine::Store::rebuild(options);
+  std::string aside;
+  auto store = Brine::Store::rebuild(options, why, &aside);
   std::error_code ignored;
-  for (unsigned number = 1;; ++number) {
-    const std::string suffix = "damaged-" + std::to_string(number);
-    if (fs::remove_all(directory + "." + suffix, ignored) +
-            fs::remove_all(directory + "/" + suffix, ignored) ==
-        0)
-      break;
-  }
+  fs::remove_all(aside, ignored);
   return store;
+}
+
+void requireName(std::string_view name) {
+  if (name.size() <= maxFlowNameBytes) return;
+  throw std::invalid_argument("a flow's name of " + std::to_string(name.size()) +
+                              " bytes cannot be counted under; 500 bytes can");
 }
 
 class FlowCounterWriterImpl final : public FlowCounterWriter {
@@ -70,10 +74,14 @@ class FlowCounterWriterImpl final : public FlowCounterWriter {
   }
 
   void countIs(std::string_view name, const FlowCount& total) override {
+    requireName(name);
     FlowCountRecord::encode(total,
                             store_->reserve(table_, Brine::asBytes(name), FlowCountRecord::size));
   }
-  void countDel(std::string_view name) override { store_->erase(table_, Brine::asBytes(name)); }
+  void countDel(std::string_view name) override {
+    requireName(name);
+    store_->erase(table_, Brine::asBytes(name));
+  }
   void commit() override { store_->commit(); }
   bool reachable() const override { return fileId(directory_) == folder_; }
 
@@ -122,7 +130,7 @@ std::unique_ptr<FlowCounterWriter> FlowCounterWriter::create(const std::string& 
                                 " bytes; choose one of 1 to 64");
   }
   const std::string root = flowCountersRoot(stateDirectory);
-  for (const std::string& directory : {stateDirectory, root}) mkdir(directory.c_str(), 0700);
+  for (const std::string& directory : {stateDirectory, root}) Brine::prepareDirectory(directory);
   return std::make_unique<FlowCounterWriterImpl>(root + "/" + flowCountersFolder(forwarderName));
 }
 

@@ -33,7 +33,7 @@ class FlowCounterWriter {
                                                    const std::string& forwarderName);
   virtual ~FlowCounterWriter() = default;
 
-  // Names have 1 to 2,048 bytes.
+  // Names have 1 to 500 bytes; else std::invalid_argument.
   virtual void countIs(std::string_view name, const FlowCount& total) = 0;  // since it was made
   virtual void countDel(std::string_view name) = 0;
   // Makes the counts visible to readers, all at once. Throws Brine::StoreError when the state

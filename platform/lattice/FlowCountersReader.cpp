@@ -10,7 +10,7 @@
 #include <map>
 #include <utility>
 
-#include "platform/brine/FileCheck.h"
+#include "platform/brine/FileLookup.h"
 #include "platform/lattice/FlowCountersLayout.h"
 
 namespace Lattice {
@@ -25,7 +25,6 @@ constexpr milliseconds scanInterval{100};
 constexpr milliseconds firstRetry{1000};
 constexpr milliseconds lastRetry{60000};
 constexpr int64_t settledAfterNs = 20'000'000;  // more than a tick of the kernel's clock
-constexpr off_t leastStore = 8192;              // bytes; a smaller file is still being made
 
 class Descriptor {
  public:
@@ -56,38 +55,20 @@ struct FolderState {
   friend bool operator==(const FolderState&, const FolderState&) = default;
 };
 
+constexpr off_t leastStore = 8192;  // bytes; a smaller file is still being made
+
 // A store's file, to know it again.
 struct StoreFile {
   dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = -1;  // -1: there is none to read
-  bool same(const StoreFile& other) const { return device == other.device && inode == other.inode; }
+  ino_t inode = 0;  // 0: there is none
+  friend bool operator==(const StoreFile&, const StoreFile&) = default;
 };
 
-// Both files are looked at before LMDB maps them, which trusts their sizes.
 StoreFile storeFile(const std::string& directory) {
-  struct stat data {};
-  struct stat lock {};
-  const std::string path = directory + "/brine.mdb";
-  if (stat(path.c_str(), &data) != 0 || stat((path + "-lock").c_str(), &lock) != 0) return {};
-  if (data.st_size < leastStore || lock.st_size < leastStore) return {};
-  return {data.st_dev, data.st_ino, data.st_size};
-}
-
-// Where LMDB says what its newest commits are.
-std::string headOf(const std::string& path) {
-  std::string head(leastStore, '\0');
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  const ssize_t size = file.get() < 0 ? 0 : pread(file.get(), head.data(), head.size(), 0);
-  head.resize(size > 0 ? static_cast<size_t>(size) : 0);
-  return head;
-}
-
-// LMDB would trip over a damaged page. A writer that commits meanwhile makes sound pages look
-// damaged; but it has looked through the store itself before it wrote there.
-bool isSound(const std::string& path) {
-  const std::string before = headOf(path);
-  return Brine::damageOf(path).empty() || headOf(path) != before;
+  struct stat status {};
+  if (lstat((directory + "/brine.mdb").c_str(), &status) != 0) return {};
+  if (status.st_size < leastStore) return {};
+  return {status.st_dev, status.st_ino};
 }
 
 // One forwarding agent's store, as far as it can be read.
@@ -97,26 +78,25 @@ class Collection {
 
   void maybeOpen(Clock::time_point now) {
     const StoreFile file = storeFile(directory_);
-    const bool cutOff = file.size < file_.size;
-    if (cutOff || !file.same(file_)) {
-      reader_.reset();
+    if (file != file_) {
+      lookup_.reset();
       wait_ = {};
       retryAt_ = now;
     }
     file_ = file;
-    if (reader_ || file_.size < 0 || now < retryAt_) return;
+    if (lookup_ || file_.inode == 0 || now < retryAt_) return;
     doOpen(now);
   }
 
   void read(std::string_view name, std::vector<FlowCount>* out) {
-    if (!reader_) return;
+    if (!lookup_) return;
     try {
-      const auto bytes = reader_->snapshot()->get(flowCountersTable, Brine::asBytes(name));
+      const auto bytes = lookup_->get(flowCountersTable, Brine::asBytes(name));
       if (const auto count = bytes ? FlowCountRecord::decode(*bytes) : std::nullopt) {
         out->push_back(*count);
       }
-    } catch (const Brine::StoreError&) {
-      handleTrouble(Clock::now());
+    } catch (const Brine::StoreError& error) {
+      if (error.trouble != Brine::Trouble::unavailable) handleTrouble(Clock::now());
     }
   }
 
@@ -135,8 +115,7 @@ class Collection {
  private:
   void doOpen(Clock::time_point now) {
     try {
-      if (!isSound(directory_ + "/brine.mdb")) return handleTrouble(now);
-      reader_ = Brine::Reader::open(directory_);
+      lookup_ = Brine::FileLookup::open(directory_);
       wait_ = {};
     } catch (const Brine::StoreError&) {
       handleTrouble(now);
@@ -144,14 +123,14 @@ class Collection {
   }
 
   void handleTrouble(Clock::time_point now) {
-    reader_.reset();
+    lookup_.reset();
     wait_ = std::clamp(2 * wait_, firstRetry, lastRetry);
     retryAt_ = now + wait_;
   }
 
   const std::string directory_;
   StoreFile file_;
-  std::unique_ptr<Brine::Reader> reader_;  // null: it cannot be read (yet)
+  std::unique_ptr<Brine::FileLookup> lookup_;  // null: it cannot be read (yet)
   milliseconds wait_{};
   Clock::time_point retryAt_{};
 };

@@ -37,12 +37,13 @@ void Journal::load() {
   if (state) state_ = *state;
   bool sound = state.has_value() || store_.count(journal_) == 0;
   uint64_t newest = 0;  // of whatever could be read
-  store_.forEach(journal_, [&](Brine::Bytes key, Brine::Bytes value) {
+  const size_t damaged = store_.forEach(journal_, [&](Brine::Bytes key, Brine::Bytes value) {
     if (sound) sound = loadRecord(key, value);
     if (key.size() == 8) newest = __builtin_bswap64(loadAt<uint64_t>(key.data()));
     return true;
   });
-  sound = sound && (records_.empty() || records_.back().last == state_.lastSequence);
+  sound =
+      sound && damaged == 0 && (records_.empty() || records_.back().last == state_.lastSequence);
   if (sound && state) return;
   if (!sound) startAnew(std::max(state_.lastSequence, newest));
   // Followers look for it from the first moment.

@@ -37,6 +37,8 @@ class Journal {
                bool deleted, bool unchanged);
   uint64_t nextSequence() const { return nextSequence_; }  // what add() will answer
 
+  void handleFollowerGone() const { store_.handleReaderGone(); }
+
   // What of the journal may go: all changes up to `sequence`, and the oldest beyond `maxChanges`.
   void trimTo(uint64_t sequence, size_t maxChanges);
   // Puts all of it into the store's write set. Throws StoreError{full}.

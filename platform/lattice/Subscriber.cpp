@@ -40,6 +40,12 @@ struct Detached {
   std::string why;
 };
 
+// Without these rows a snapshot would take them out of the hardware.
+std::string damagedText(const std::string& table, size_t rows) {
+  return "table " + table + " has damaged rows in shared memory: " + std::to_string(rows) +
+         "; restart the agent, which mends them";
+}
+
 class SubscriberImpl final : public Subscriber {
  public:
   SubscriberImpl(std::string directory, std::string name, SubscriberHandler& handler)
@@ -340,7 +346,8 @@ void SubscriberImpl::takeSnapshot(std::unique_ptr<Brine::Snapshot> snapshot, uin
 void SubscriberImpl::copyRows(Brine::Snapshot& snapshot, std::vector<CopiedRow>& rows,
                               std::string& bytes) {
   for (const auto& [number, table] : tables_) {
-    snapshot.forEach(rowTable(table->name), [&](Brine::Bytes key, Brine::Bytes value) {
+    const size_t damaged = snapshot.forEach(rowTable(table->name), [&](Brine::Bytes key,
+                                                                       Brine::Bytes value) {
       const auto row = StoredRow::decode(Brine::asText(value));
       if (!row) return true;  // nothing of ours; the agent writes it anew or never knew it
       rows.push_back({table, bytes.size(), static_cast<uint32_t>(key.size()),
@@ -349,6 +356,7 @@ void SubscriberImpl::copyRows(Brine::Snapshot& snapshot, std::vector<CopiedRow>&
       bytes.append(row->value);
       return true;
     });
+    if (damaged > 0) throw Detached{damagedText(table->name, damaged)};
   }
 }
 
@@ -358,7 +366,7 @@ bool SubscriberImpl::copyJournal(Brine::Snapshot& snapshot, uint64_t last,
   if (sequence_ == last) return false;
   size_t size = 0;
   bool more = false;
-  snapshot.forEach(
+  const size_t damaged = snapshot.forEach(
       journalTable,
       [&](Brine::Bytes, Brine::Bytes value) {
         more = size > journalBytesAtOnce;
@@ -368,6 +376,7 @@ bool SubscriberImpl::copyJournal(Brine::Snapshot& snapshot, uint64_t last,
         return true;
       },
       Brine::asBytes(bigEndian(sequence_ + 1)));
+  if (damaged > 0) needSnapshot_ = true;  // the rows themselves tell
   return more;
 }
 

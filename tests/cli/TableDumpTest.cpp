@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
+#include <random>
 
 #include "platform/brine/Store.h"
 #include "platform/lattice/FlowCounters.h"
@@ -83,7 +85,7 @@ class TableDumpTest : public testing::Test {
   }
 
   TestSupport::TempDir directory_;
-  const std::unique_ptr<Brine::Store> store_;
+  std::unique_ptr<Brine::Store> store_;
   uint64_t cached_ = 0;
 };
 
@@ -160,6 +162,35 @@ TEST_F(TableDumpTest, CountersAreThoseOfAllForwardingAgentsWithTheirRateOnceSeen
   EXPECT_THAT(watched, HasSubstr("packets=20 bytes=1280 (0/s)"));
   EXPECT_THAT(dumped({"route", "--counters", "--json"}),
               HasSubstr(R"("counter":{"packets":"20","bytes":"1280"})"));
+}
+
+// What is read of a damaged store ended in a crash or never.
+TEST_F(TableDumpTest, ADamagedStoreEndsWithAnErrorThatNamesIt) {
+  for (uint32_t id = 1; id < 200; ++id) route(id, 3, false);
+  const size_t size = store_->bytesUsed();
+  store_.reset();
+  const std::string file = directory_.path() + "/brine.mdb";
+  std::string whole(size, '\0');
+  std::ifstream(file, std::ios::binary).read(whole.data(), static_cast<std::streamsize>(size));
+  std::mt19937_64 random(5);
+  int named = 0;
+  for (int round = 0; round < 150; ++round) {
+    SCOPED_TRACE(round);
+    std::string flipped = whole;
+    for (size_t hits = 1 + random() % 3; hits > 0; --hits) {
+      flipped[random() % size] ^= static_cast<char>(1 + random() % 255);
+    }
+    std::ofstream(file, std::ios::binary) << flipped;
+    const CommandResult result = TestSupport::run(
+        {TestSupport::binaryPath("korvel"), "table", "dump", "--state-dir", directory_.path()},
+                         {"SCRIVEL_DISABLE=1"});
+    EXPECT_EQ(result.exit.signal, 0) << result.error;
+    const bool lost = result.output.find("handle 299") == std::string::npos;
+    EXPECT_EQ(result.exit.code, result.error.empty() ? 0 : 1);
+    EXPECT_FALSE(lost && result.error.empty());
+    named += result.error.find("table route, dst=") != std::string::npos;
+  }
+  EXPECT_GT(named, 20);
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // What survives a restart, and what becomes of what does not fit any more.
 #include <tuple>
 
+#include "P4Runtime/table/EntryFailures.h"
 #include "PI/pi_meter.h"
 #include "tests/P4Runtime/support/AgentTest.h"
+#include "tests/platform/brine/Flipping.h"
 
 namespace P4Runtime {
 namespace {
@@ -221,6 +223,27 @@ TEST_F(RestoreTest, RecordsThatMakeNoSenseGoAndTheOthersStay) {
   }
   restart();
   EXPECT_EQ(agent().recordCount(), 1u);
+}
+
+// A flipped byte cost an entry without a word.
+TEST_F(RestoreTest, ADamagedRecordIsNamedWithTableAndKeyAndTheOthersStay) {
+  agent().added(exactEntry(1));
+  const uint64_t lost = agent().added(exactEntry(2));
+  const auto key = storedKey({{tableResource, exactTable}, lost});
+  flipBehind(agent().directory + "/brine.mdb", {key.begin(), key.end()}, key.size() + 30);
+  testing::internal::CaptureStderr();
+  restart();
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_THAT(said, testing::HasSubstr("table exact, handle " + std::to_string(lost)));
+  EXPECT_THAT(said, testing::ContainsRegex("ether_type=[^\n]*damaged"));
+  EXPECT_EQ(agent().tableImpl->failures()->failedEntries(), 1u);
+  EXPECT_EQ(agent().frontEnd.restored.size(), 1u);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
+  EXPECT_EQ(agent().recordCount(), 1u);
+  EXPECT_GT(agent().added(exactEntry(2)), lost);
+  testing::internal::CaptureStderr();
+  restart();
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::Not(testing::HasSubstr("damaged")));
 }
 
 TEST_F(RestoreTest, CanBeDoneAgainInTheSameProcess) {

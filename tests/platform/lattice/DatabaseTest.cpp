@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
+#include "platform/lattice/StoreLayout.h"
+#include "tests/platform/brine/FailingStore.h"
+#include "tests/platform/brine/Flipping.h"
 #include "tests/platform/brine/TempDirectory.h"
 #include "tests/platform/lattice/AgentFixture.h"
 
@@ -339,6 +342,50 @@ TEST_F(DatabaseTest, SeveralFollowersDecideTogether) {
   ASSERT_TRUE(heard(10, 3)) << "the first has not reported on the last row yet";
   follower->reportAll();
   ASSERT_TRUE(heard(11, 4));
+}
+
+// Followers know tables by their numbers: one of two tables would take the other's rows.
+TEST(FullDatabaseTest, ATableNumberOfAFailedCommitIsNotGivenToAnotherTable) {
+  const TempDirectory directory;
+  FailingStore store(directory.path());
+  Vela::ReactorLoop loop;
+  const ActivityLock lock;
+  const auto database =
+      Database::create(loop, store, {.doorbellPath = directory / "doorbell.sock"});
+  TheTypeRegistry().typeIs(TableType::compile("routesType", routeType));
+  std::map<std::string, Vela::Ptr<ArTableInterface>> tables;
+  const auto bind = [&](const std::string& name) {
+    database->batchBegin();
+    tables[name] = Vela::make<ArTableInterface>(name, "routesType", nullptr);
+    database->bindInterface(tables[name], name, true);
+    return database->batchEnd();
+  };
+  store.failing = true;
+  EXPECT_NE(bind("first"), std::nullopt);
+  store.failing = false;
+  EXPECT_EQ(bind("second"), std::nullopt);
+  const auto numberOf = [&](const std::string& name) {
+    const auto bytes = store.get(store.table(typesTable), Brine::asBytes(name));
+    return TableRecord::decode(Brine::asText(bytes.value())).value().number;
+  };
+  EXPECT_NE(numberOf("first"), numberOf("second"));
+}
+
+// A follower that took a snapshot without them would take damaged rows out of the hardware.
+TEST_F(DatabaseTest, DamagedRowsKeepAFollowerFromTakingASnapshotUntilTheyAreMended) {
+  constexpr uint32_t first = 0x0a0b0c00;
+  write(first, first + 10);
+  ASSERT_TRUE(inStep());
+  flipBehind(directory / "brine.mdb", route(first + 5, 1).key, 8);
+  Follower late(directory.path(), "late");
+  const auto trouble = [&] { return late.subscriber->trouble(); };
+  ASSERT_TRUE(Agent::followUntil({late.subscriber.get()}, [&] {
+    return trouble().find("damaged rows") != std::string::npos;
+  })) << trouble();
+  EXPECT_EQ(late.snapshots, 0u);
+  write(first + 5, first + 6);  // as the agent does when it restores the entry
+  ASSERT_TRUE(Agent::followUntil({late.subscriber.get()},
+                                 [&] { return late.rows["routes"].size() == 10; }));
 }
 
 TEST(FullDatabaseTest, AFullStateDirectoryFailsTheBatchAndLeavesTheFormerRows) {

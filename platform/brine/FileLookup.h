@@ -1,0 +1,29 @@
+// Single records out of another process's store, without mapping its file: whatever becomes of the
+// file meanwhile, cut off or overwritten, is an error here and never a signal or a wild access.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/brine/Store.h"
+
+namespace Brine {
+
+// Not registered with the writer as a reader: it keeps no page from being used again. One thread
+// uses it. A look-up takes a handful of system calls.
+class FileLookup {
+ public:
+  // Throws StoreError: missing, unwritable for what is no file, damaged, wrongVersion.
+  static std::unique_ptr<FileLookup> open(const std::string& directory);
+  virtual ~FileLookup() = default;
+
+  // The record of the newest commit; nothing when it is absent. Keys have 1 to 500 bytes. The bytes
+  // last until the next call. Throws StoreError{damaged}, and {unavailable} when the writer commits
+  // faster than can be read.
+  virtual std::optional<Bytes> get(std::string_view table, Bytes key) = 0;
+};
+
+}  // namespace Brine
