@@ -17,6 +17,8 @@ namespace {
 // One beyond it, in a damaged key, would not leave room to count on.
 constexpr EntryHandle largestHandle = EntryHandle{1} << 62;
 
+constexpr uint64_t noAgent = UINT64_MAX;  // no forwarding agent has failed
+
 // See storedKey().
 CacheKey cacheKeyOf(const std::string& stored) {
   const auto number = [&](size_t at, size_t size) {
@@ -59,7 +61,8 @@ std::vector<Brine::DamagedRecord> TableImpl::tellDamagedRecords() {
   for (const Brine::DamagedRecord& record : records) {
     const std::string text = damagedText(record) + ": its record in shared memory was damaged";
     fmt::print(stderr, "korvel: {}\n", text);
-    if (isOfCache(record)) failures_->failureIs(entryHandleOf(cacheKeyOf(record.key)), text);
+    if (!isOfCache(record)) continue;
+    failures_->failureIs(entryHandleOf(cacheKeyOf(record.key)), noAgent, 0, text);
   }
   return records;
 }
