@@ -7,6 +7,7 @@
 #include <bit>
 #include <cerrno>
 #include <optional>
+#include <type_traits>
 
 #include "platform/brine/Environment.h"
 #include "platform/brine/LmdbFile.h"
@@ -43,6 +44,10 @@ class FileLookupImpl final : public FileLookup {
     return value;
   }
 
+  size_t count(std::string_view table) override {
+    return consistent([&](const Meta& head) { return findTable(head, table) ? tree_.entries : 0; });
+  }
+
  private:
   [[noreturn]] void damaged(const std::string& what) const {
     throw StoreError(Trouble::damaged, "the store in " + directory_ + " is damaged (" + what + ")");
@@ -71,22 +76,30 @@ class FileLookupImpl final : public FileLookup {
                      "the store in " + directory_ + " is of another layout version");
   }
 
+  std::optional<Bytes> storedAt(std::string_view table, Bytes key) {
+    return consistent([&](const Meta& head) { return foundIn(head, table, key); });
+  }
+
   // The pages of a commit are used again by the next but two; so what was read counts when not more
   // than one commit came meanwhile. A head that the writer was writing does not stay the same.
-  std::optional<Bytes> storedAt(std::string_view table, Bytes key) {
+  template <typename Read>
+  std::invoke_result_t<Read, const Meta&> consistent(Read readOne) {
     constexpr int triesBesideAWriter = 100;
     for (int i = 0; i < triesBesideAWriter; ++i) {
       const Meta head = newestHead();
-      std::optional<Bytes> found;
+      std::invoke_result_t<Read, const Meta&> found{};
       std::optional<StoreError> trouble;
       try {
-        found = foundIn(head, table, key);
+        found = readOne(head);
       } catch (const StoreError& error) {
         trouble.emplace(error);
       }
       const Meta after = newestHead();
       const bool same = std::memcmp(&head, &heads_[headAt(head.transaction)], sizeof head) == 0;
-      if (!same || after.transaction > head.transaction + 1) continue;
+      if (!same || after.transaction > head.transaction + 1) {
+        treeOf_ = noPage;
+        continue;
+      }
       if (trouble) throw StoreError(*trouble);
       return found;
     }
@@ -109,16 +122,21 @@ class FileLookupImpl final : public FileLookup {
     return second.transaction > first.transaction ? second : first;
   }
 
+  // Brings tree_ to the table's of that commit; false when there is none.
+  bool findTable(const Meta& head, std::string_view table) {
+    if (head.transaction == treeOf_ && table == treeName_) return true;
+    treeOf_ = noPage;
+    const auto node = nodeIn(head.main, asBytes(table));
+    if (!node) return false;
+    if (node->flags() != treeNode || node->size() != sizeof(Tree)) damaged("it lists no tables");
+    tree_ = at<Tree>(node->data());
+    treeName_ = table;
+    treeOf_ = head.transaction;
+    return true;
+  }
+
   std::optional<Bytes> foundIn(const Meta& head, std::string_view table, Bytes key) {
-    if (head.transaction != treeOf_ || table != treeName_) {
-      treeOf_ = noPage;
-      const auto node = nodeIn(head.main, asBytes(table));
-      if (!node) return std::nullopt;
-      if (node->flags() != treeNode || node->size() != sizeof(Tree)) damaged("it lists no tables");
-      tree_ = at<Tree>(node->data());
-      treeName_ = table;
-      treeOf_ = head.transaction;
-    }
+    if (!findTable(head, table)) return std::nullopt;
     const auto node = nodeIn(tree_, key);
     if (!node) return std::nullopt;
     if (node->flags() != 0) damaged("a record is too large");

@@ -24,6 +24,7 @@ class FileLookup {
   // last until the next call. Throws StoreError{damaged}, and {unavailable} when the writer commits
   // faster than can be read.
   virtual std::optional<Bytes> get(std::string_view table, Bytes key) = 0;
+  virtual size_t count(std::string_view table) = 0;  // of the table's records; throws as get() does
 };
 
 }  // namespace Brine

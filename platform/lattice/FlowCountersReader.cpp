@@ -101,15 +101,13 @@ class Collection {
   }
 
   bool empty() {
-    bool none = true;
-    if (!reader_) return none;
+    if (!lookup_) return true;
     try {
-      reader_->snapshot()->forEach(flowCountersTable,
-                                   [&](Brine::Bytes, Brine::Bytes) { return none = false; });
+      return lookup_->count(flowCountersTable) == 0;
     } catch (const Brine::StoreError&) {
       handleTrouble(Clock::now());
+      return true;
     }
-    return none;
   }
 
  private:
