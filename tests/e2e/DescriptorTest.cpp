@@ -66,6 +66,7 @@ TEST(Descriptors, UsedUpByClientsAreServedFromAgainOnceTheyAreBack) {
     EXPECT_TRUE(waitUntil([&] {
       return tested.agent.korvel({"status"}).output.find("in step") != std::string::npos;
     }));
+    ASSERT_TRUE(tested.connectController()) << "a new connection";
     EXPECT_TRUE(tested.insertRoutes(20 + round, 21 + round, 1).ok());
   }
   EXPECT_EQ(tested.disagreement(), "");
