@@ -43,7 +43,7 @@ void runBuild(const Pipeline::BuildOptions& options) {
 }
 
 void runCheck(const FileOptions& options) {
-  const Pipeline::Findings findings = Pipeline::checkPipelineFile(options.path);
+  const Pipeline::Findings findings = Pipeline::checkPipelineFile(options.path).findings;
   if (options.json) {
     std::cout << Cli::findingsJson(options.path, findings);
   } else {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <sstream>
 
 #include "cli/AttributeText.h"
 
@@ -12,6 +13,7 @@ namespace {
 
 using Orrery::Json;
 
+constexpr const char* pipelinePath = "p4runtime/status/pipeline";
 constexpr const char* portsPath = "p4runtime/status/port-mapping";
 constexpr const char* queriesPath = "lattice/status/query/p4runtime";
 constexpr const char* vrfsPath = "p4runtime/status/vrf";
@@ -67,6 +69,14 @@ class Section {
   const char* title_;
 };
 
+// The file that could not be used, and what the running pipeline does not program.
+void printPipeline(const cJSON* pipeline) {
+  Section section("pipeline");
+  if (textOf(pipeline, "failed") == "true") section.line("FAILED: " + textOf(pipeline, "text"));
+  std::istringstream refused(textOf(pipeline, "refused"));
+  for (std::string line; std::getline(refused, line);) section.line(line);
+}
+
 void printPorts(const cJSON* ports) {
   Section section("ports");
   for (const auto& [port, intf] : sortedEntries(ports, "intfOfPort")) {
@@ -121,6 +131,7 @@ std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attr
 }
 
 void addStatusSections(Orrery::Client& client, cJSON* status) {
+  add(status, "pipeline", attributesOf(entityAt(client, pipelinePath)));
   add(status, "ports", attributesOf(entityAt(client, portsPath)));
   add(status, "queries", childrenAt(client, queriesPath));
   add(status, "vrfs", attributesOf(entityAt(client, vrfsPath)));
@@ -130,6 +141,7 @@ void printStatusSections(const cJSON& status) {
   const auto section = [&](const char* name) {
     return cJSON_GetObjectItemCaseSensitive(&status, name);
   };
+  printPipeline(section("pipeline"));
   printPorts(section("ports"));
   printQueries(section("queries"));
   printVrfs(section("vrfs"));

@@ -87,11 +87,17 @@ ColumnChoice prefixColumn(const p4::config::v1::MatchField& field) {
                   " bits; prefixes have 32 (IPv4) or 128 (IPv6)"};
 }
 
+bool isInNetworkOrder(std::string_view name) {
+  return name == "smac" || name == "dmac" || name == "src_addr" || name == "dst_addr";
+}
+
+bool isInNetworkOrder(const p4::config::v1::Action_Param& parameter) {
+  return isInNetworkOrder(parameter.name());
+}
+
 ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter) {
-  constexpr std::array<std::string_view, 4> networkOrder = {"smac", "dmac", "src_addr", "dst_addr"};
   const int bits = parameter.bitwidth();
-  if (std::find(networkOrder.begin(), networkOrder.end(), parameter.name()) == networkOrder.end())
-    return plainColumn(bits);
+  if (!isInNetworkOrder(parameter)) return plainColumn(bits);
   if (const std::string refusal = widthRefusal(bits); !refusal.empty()) return {"", refusal};
   if (bits == 32) return {"IpAddr", ""};
   if (bits == 48 || bits == 128) return plainColumn(bits);

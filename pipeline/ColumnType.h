@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace p4::config::v1 {
 class Action_Param;
@@ -23,6 +24,10 @@ ColumnChoice keyColumn(const p4::config::v1::MatchField& field);
 // Of an LPM field: IpGenPrefix, or a refusal.
 ColumnChoice prefixColumn(const p4::config::v1::MatchField& field);
 ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter);
+
+// Whether a parameter stays in network order whatever its width. Its name says so.
+bool isInNetworkOrder(std::string_view parameterName);
+bool isInNetworkOrder(const p4::config::v1::Action_Param& parameter);
 
 // Whether the 32 bits are an IPv4 address, by annotation (@format(IPV4_ADDRESS)) or by name.
 bool isIpv4Address(const p4::config::v1::MatchField& field);

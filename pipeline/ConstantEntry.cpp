@@ -28,7 +28,7 @@ uint32_t prefixLengthOf(std::string_view text, uint32_t bits) {
 }
 
 const TableLayout& layoutOf(const p4::config::v1::Table& table, const PipelineLayout& layout) {
-  const TableLayout* found = layout.table(TableKind::match, table.preamble().id());
+  const TableLayout* found = layout.table({TableKind::match, table.preamble().id()});
   if (found == nullptr) throw PipelineError("the table cannot be programmed");
   return *found;
 }

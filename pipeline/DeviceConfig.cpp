@@ -1,6 +1,8 @@
 // Writing and reading the device JSON.
 #include "pipeline/DeviceConfig.h"
 
+#include <utility>
+
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Json.h"
@@ -51,46 +53,52 @@ class DeviceReader {
   DeviceReader(const cJSON* root, Findings* findings) : root_(root), findings_(findings) {}
 
   DeviceConfig run() {
-    forEach(root_, "table_type_definitions", "the device configuration",
-            [this](const cJSON* item) { readType(item); });
-    forEach(root_, "tables", "the device configuration",
-            [this](const cJSON* item) { readTable(item); });
-    if (arrayItem(root_, "queries") != nullptr) {
-      forEach(root_, "queries", "the device configuration",
-              [this](const cJSON* item) { readQuery(item); });
-    } else {
-      findings_->error("the device configuration", "has no array \"queries\" (it may be empty)");
-    }
+    step_ = "to create table types";
+    forEach(root_, "table_type_definitions", whole, [this](const cJSON* item) { readType(item); });
+    step_ = "to create tables";
+    forEach(root_, "tables", whole, [this](const cJSON* item) { readTable(item); });
+    step_ = "to create queries";
+    if (cJSON_GetObjectItem(root_, "queries") == nullptr) return std::move(config_);
+    forEach(root_, "queries", whole, [this](const cJSON* item) { readQuery(item); });
     return std::move(config_);
   }
 
  private:
+  static constexpr const char* whole = "the device configuration";
+
+  void missing(const std::string& owner, const std::string& what, const char* key) {
+    findings_->error(owner, "has no " + what + " \"" + key + '"',
+                     {std::string("Cannot parse ") + key + ' ' + step_});
+  }
+
   template <typename Visit>
   void forEach(const cJSON* object, const char* key, const std::string& owner, Visit visit) {
     const cJSON* array = arrayItem(object, key);
-    if (array == nullptr) {
-      findings_->error(owner, "has no array \"" + std::string(key) + '"');
-      return;
-    }
+    if (array == nullptr) return missing(owner, "array", key);
     for (const cJSON* item = array->child; item != nullptr; item = item->next) visit(item);
   }
 
   std::string text(const cJSON* object, const char* key, const std::string& owner) {
-    if (auto value = stringItem(object, key)) return *value;
-    findings_->error(owner, "has no text \"" + std::string(key) + '"');
-    return "";
-  }
-
-  uint32_t number(const cJSON* object, const char* key, const std::string& owner) {
-    if (const auto value = numberItem(object, key)) return *value;
-    findings_->error(owner, "has no number \"" + std::string(key) + "\" of 32 bits");
-    return 0;
+    const auto value = stringItem(object, key);
+    if (!value || value->empty()) {
+      missing(owner, "text", key);
+      return "";
+    }
+    if (value->size() > maxNameBytes) {
+      findings_->error(owner.substr(0, maxNameBytes),
+                       std::string("its \"") + key + "\" is longer than " +
+                           std::to_string(maxNameBytes) + " bytes",
+                       {std::string("Cannot parse ") + key + ' ' + step_});
+    }
+    return *value;
   }
 
   void readType(const cJSON* item) {
     const std::string owner = "table type " + std::to_string(config_.types.size() + 1);
     std::string name = text(item, "table_type", owner);
-    config_.types.push_back({std::move(name), text(item, "table_type_def", owner)});
+    const auto definition = stringItem(item, "table_type_def");
+    if (!definition) missing(owner, "text", "table_type_def");
+    config_.types.push_back({std::move(name), definition.value_or("")});
   }
 
   void readQuery(const cJSON* item) {
@@ -98,7 +106,8 @@ class DeviceReader {
     try {
       config_.queries.push_back(deviceQuery(item, ""));
     } catch (const PipelineError& error) {
-      findings_->error("query " + path.value_or("without a path"), error.what());
+      findings_->error("query " + path.value_or("without a path"), error.what(),
+                       {"Cannot parse query to create queries", error.what()});
     }
   }
 
@@ -108,26 +117,44 @@ class DeviceReader {
                       "element " + std::to_string(config_.tables.size() + 1) + " of \"tables\"");
     const std::string owner = "table " + table.name;
     table.type = text(item, "table_type", owner);
-    table.id = number(item, "table_id", owner);
-    table.kind = kindOf(text(item, "table_class", owner));
+    const auto id = numberItem(item, "table_id");
+    if (!id) missing(owner, "number of 32 bits", "table_id");
+    table.id = id.value_or(0);
+    table.kind = kindOf(stringItem(item, "table_class").value_or(""));
+    readFields(item, owner, &table);
+    readEntries(item, &table);
+    config_.tables.push_back(std::move(table));
+  }
+
+  void readFields(const cJSON* item, const std::string& owner, DeviceTable* table) {
+    if (arrayItem(item, "table_fields") == nullptr) {
+      findings_->error(
+          owner, "has no array \"table_fields\"",
+          {"table_fields token is missing in JSON file, table " + table->name + " to create rows"});
+      return;
+    }
+    const char* const step = std::exchange(step_, "to create rows");
     forEach(item, "table_fields", owner, [&](const cJSON* field) {
       std::string name = text(field, "field_name", owner);
-      table.fields.push_back({std::move(name), text(field, "field_type", owner)});
+      table->fields.push_back({std::move(name), text(field, "field_type", owner)});
     });
+    step_ = step;
+  }
+
+  static void readEntries(const cJSON* item, DeviceTable* table) {
     const cJSON* entries = arrayItem(item, "table_entries");
-    const cJSON* first = entries == nullptr ? nullptr : entries->child;
-    for (const cJSON* entry = first; entry != nullptr; entry = entry->next) {
-      const std::string place =
-          owner + ", constant entry " + std::to_string(table.entries.size() + 1);
-      table.entries.push_back({text(entry, "key", place), number(entry, "action_id", place),
-                               text(entry, "action_params", place),
-                               numberItem(entry, "priority").value_or(0)});
+    const cJSON* entry = entries == nullptr ? nullptr : entries->child;
+    for (; entry != nullptr; entry = entry->next) {
+      table->entries.push_back({stringItem(entry, "key").value_or(""),
+                                numberItem(entry, "action_id").value_or(0),
+                                stringItem(entry, "action_params").value_or(""),
+                                numberItem(entry, "priority").value_or(0)});
     }
-    config_.tables.push_back(std::move(table));
   }
 
   const cJSON* root_;
   Findings* findings_;
+  const char* step_ = "";  // what the agent does with the part being read
   DeviceConfig config_;
 };
 
@@ -164,13 +191,20 @@ std::string deviceConfigText(const DeviceConfig& config) {
   return printedJson(*document) + '\n';
 }
 
-DeviceConfig parsedDeviceConfig(std::string_view json, Findings* findings) {
-  const JsonPtr document = parsedJson("the device configuration", json);
+std::optional<DeviceConfig> parsedDeviceConfig(std::string_view json, Findings* findings) {
+  JsonFault fault;
+  const JsonPtr document = parsedJson(json, &fault);
+  if (!document) {
+    findings->error("the device configuration, line and column " + fault.place, fault.what,
+                    {"Cannot parse JSON file", "", fault.rest});
+    return std::nullopt;
+  }
   const cJSON* root = cJSON_GetObjectItem(document.get(), "p4rtc");
   if (cJSON_IsObject(root) == 0) {
-    throw PipelineError(
-        "its device configuration has no object \"p4rtc\"; make the file with 'korvel pipeline"
-        " build'");
+    findings->error("the device configuration",
+                    "has no object \"p4rtc\"; make the file with 'korvel pipeline build'",
+                    {"Cannot find root token in the pipeline file"});
+    return std::nullopt;
   }
   return DeviceReader(root, findings).run();
 }

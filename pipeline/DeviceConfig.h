@@ -2,6 +2,7 @@
 // tables and queries.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -15,6 +16,9 @@
 namespace Pipeline {
 
 class Findings;
+
+// The store keeps tables by their names, and has no room for longer ones.
+inline constexpr size_t maxNameBytes = 256;
 
 struct DeviceType {
   std::string name;
@@ -53,8 +57,9 @@ DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<Consta
 
 std::string deviceConfigText(const DeviceConfig& config);
 
-// Reads the device JSON. Throws PipelineError where the agent would find nothing to run (no JSON,
-// no "p4rtc"); what is wrong within comes as findings.
-DeviceConfig parsedDeviceConfig(std::string_view json, Findings* findings);
+// Reads the device JSON. Nothing where the agent would find nothing to run (no JSON, no "p4rtc");
+// that, and what is wrong within, are errors. Constant entries are not looked into: a part that is
+// missing there reads as empty.
+std::optional<DeviceConfig> parsedDeviceConfig(std::string_view json, Findings* findings);
 
 }  // namespace Pipeline

@@ -20,8 +20,9 @@ std::string requiredText(const cJSON* object, const char* key, const std::string
 
 Pairs pairsOf(const cJSON* query, const char* array, const char* key, const char* value,
               const std::string& place) {
+  if (cJSON_GetObjectItem(query, array) == nullptr) return {};
   const cJSON* pairs = arrayItem(query, array);
-  if (pairs == nullptr) throw PipelineError(place + "has no array \"" + array + '"');
+  if (pairs == nullptr) throw PipelineError(place + "its \"" + array + "\" is no array");
   Pairs result;
   for (const cJSON* pair = pairs->child; pair != nullptr; pair = pair->next) {
     const auto name = stringItem(pair, key);
@@ -99,7 +100,7 @@ DeviceQuery deviceQuery(const cJSON* element, const std::string& place) {
   query.path = requiredText(element, "output_table_path", place);
   query.type = requiredText(element, "output_table_type", place);
   query.text = requiredText(element, "query", place);
-  query.oneShot = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(element, "one_shot")) != 0;
+  query.oneShot = cJSON_IsTrue(cJSON_GetObjectItem(element, "one_shot")) != 0;
   query.inputs = pairsOf(element, "input_tables", "table_key", "table_value", place);
   query.params = pairsOf(element, "params", "param_key", "param_value", place);
   return query;
@@ -107,7 +108,7 @@ DeviceQuery deviceQuery(const cJSON* element, const std::string& place) {
 
 void readQueriesFile(const std::string& path, std::vector<DeviceType>* types,
                      std::vector<DeviceQuery>* queries) {
-  const JsonPtr root = parsedJson(path, fileContents(path));
+  const JsonPtr root = parsedJsonFile(path, fileContents(path));
   const bool isArray = cJSON_IsArray(root.get()) != 0;
   const cJSON* array = isArray ? root.get() : arrayItem(root.get(), "queries");
   if (array == nullptr) {
@@ -145,18 +146,20 @@ void checkQueries(const DeviceConfig& config, const CompiledTypes& types, Findin
   for (const DeviceTable& table : config.tables) paths.insert(table.name);
   for (const DeviceQuery& query : config.queries) {
     const std::string object = "query " + query.path;
-    if (!paths.insert(query.path).second) {
-      findings->error(object, "its output table has the name of another table");
-      continue;
-    }
-    if (readsItself(query, config)) {
-      findings->error(object, "it reads its own output");
-      continue;
-    }
     Pollen::CheckedQuery checked;
-    std::string trouble = missingPart(query, config, types, &checked);
-    if (trouble.empty()) trouble = Pollen::queryTrouble(checked);
-    if (!trouble.empty()) findings->error(object, trouble);
+    std::string trouble;
+    if (query.path.empty() || query.path.size() > maxNameBytes) {
+      trouble = "its output table needs a name of 1 to " + std::to_string(maxNameBytes) + " bytes";
+    } else if (!paths.insert(query.path).second) {
+      trouble = "its output table has the name of another table";
+    } else if (readsItself(query, config)) {
+      trouble = "it reads its own output";
+    } else {
+      trouble = missingPart(query, config, types, &checked);
+      if (trouble.empty()) trouble = Pollen::queryTrouble(checked);
+    }
+    if (trouble.empty()) continue;
+    findings->error(object, trouble, {"Query compilation failed for " + query.path, trouble});
   }
 }
 

@@ -224,7 +224,7 @@ class EntryList {
                               (table.empty() ? "" : " (table " + table + ')') + ": ";
     try {
       const EntryDraft draft = make();
-      if (layout_.refused.count(draft.table->preamble().id()) != 0) {
+      if (layout_.refused.contains({TableKind::match, draft.table->preamble().id()})) {
         findings_->warning("", place + "left out, because the table cannot be programmed");
       } else {
         append(encodedEntry(draft, layout_));
@@ -255,7 +255,7 @@ class EntryList {
 
 void readJsonEntries(const std::string& path, const std::string& contents, const P4InfoIndex& index,
                      EntryList* list) {
-  const JsonPtr root = parsedJson(path, contents);
+  const JsonPtr root = parsedJsonFile(path, contents);
   const cJSON* entries = cJSON_IsArray(root.get()) != 0 ? root.get() : nullptr;
   if (entries == nullptr) entries = arrayItem(root.get(), "entries");
   if (entries == nullptr) {

@@ -123,6 +123,7 @@ EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table
   }
   data.finish();
   if (layout.priority && entry.priority == 0) throw PipelineError("it needs a priority above 0");
+  if (!layout.priority && entry.priority != 0) throw PipelineError("its priority must be 0");
   return text;
 }
 

@@ -18,13 +18,19 @@
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/tmp/p4config.pb.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "pipeline/FileKind.h"
 #include "pipeline/Finding.h"
+#include "pipeline/Json.h"
 #include "pipeline/Names.h"
 
 namespace Pipeline {
 namespace {
 
 namespace pb = google::protobuf;
+
+constexpr const char* noProperties =
+    "its other_properties mean nothing to the agent and are left out";
+constexpr const char* noExterns = "the agent serves no externs; its info is left out";
 
 // Keeps the first error; each warning (an unknown field) becomes a finding.
 class TextErrors : public pb::io::ErrorCollector {
@@ -63,24 +69,46 @@ void dropUnresolvableAnys(p4::config::v1::P4Info* p4Info, Findings* findings) {
   for (auto& table : *p4Info->mutable_tables()) {
     if (!table.has_other_properties()) continue;
     table.clear_other_properties();
-    findings->warning("table " + table.preamble().name(),
-                      "its other_properties mean nothing to the agent and are left out");
+    findings->warning("table " + table.preamble().name(), noProperties);
   }
   for (auto& external : *p4Info->mutable_externs()) {
     for (auto& instance : *external.mutable_instances()) {
       if (!instance.has_info()) continue;
       instance.clear_info();
-      findings->warning("extern " + instance.preamble().name(),
-                        "the agent serves no externs; its info is left out");
+      findings->warning("extern " + instance.preamble().name(), noExterns);
     }
   }
 }
 
+// In JSON, messages of types that we do not know cannot be read at all; in the other forms their
+// contents are skipped.
+std::string withoutAnys(const std::string& path, const std::string& text, Findings* findings) {
+  const JsonPtr json = parsedJsonFile(path, text);
+  const auto drop = [&](cJSON* object, const char* key, const char* why) {
+    if (cJSON_GetObjectItem(object, key) == nullptr) return;
+    cJSON_DeleteItemFromObject(object, key);
+    const cJSON* preamble = cJSON_GetObjectItem(object, "preamble");
+    findings->warning(stringItem(preamble, "name").value_or("P4Info"), why);
+  };
+  cJSON* object = nullptr;
+  for (const char* key : {"otherProperties", "other_properties"}) {
+    cJSON_ArrayForEach(object, cJSON_GetObjectItem(json.get(), "tables"))
+        drop(object, key, noProperties);
+  }
+  cJSON* external = nullptr;
+  cJSON_ArrayForEach(external, cJSON_GetObjectItem(json.get(), "externs")) {
+    cJSON_ArrayForEach(object, cJSON_GetObjectItem(external, "instances"))
+        drop(object, "info", noExterns);
+  }
+  return printedJson(*json);
+}
+
 void parseP4InfoJson(const std::string& path, const std::string& text,
-                     p4::config::v1::P4Info* p4Info) {
+                     p4::config::v1::P4Info* p4Info, Findings* findings) {
   pb::util::JsonParseOptions options;
   options.ignore_unknown_fields = true;
-  const auto status = pb::util::JsonStringToMessage(text, p4Info, options);
+  const std::string readable = withoutAnys(path, text, findings);
+  const auto status = pb::util::JsonStringToMessage(readable, p4Info, options);
   if (status.ok()) return;
   std::string reason(status.message());
   reason = reason.substr(0, reason.find('\n'));
@@ -142,14 +170,15 @@ void parseTextForm(const std::string& path, std::string_view text, pb::Message* 
 void readP4Info(const std::string& path, p4::config::v1::P4Info* p4Info, Findings* findings) {
   const pb::LogSilencer oneLineOnly;
   const std::string contents = fileContents(path);
-  const size_t start = contents.find_first_not_of(" \t\r\n");
-  if (start == std::string::npos) throw PipelineError(path + ": empty; expected a P4Info");
+  if (const std::string why = whyNoP4Info(contents); !why.empty()) {
+    throw PipelineError(path + ": no P4Info: " + why);
+  }
   if (!looksLikeText(contents)) {
     if (!p4Info->ParseFromString(contents)) {
       throw PipelineError(path + ": not a P4Info: neither its text form nor a whole binary one");
     }
-  } else if (contents[start] == '{') {
-    parseP4InfoJson(path, contents, p4Info);
+  } else if (contents[contents.find_first_not_of(" \t\r\n")] == '{') {
+    parseP4InfoJson(path, contents, p4Info, findings);
   } else {
     Findings skipped;
     parseTextForm(path, contents, p4Info, &skipped);
@@ -169,7 +198,9 @@ void readPipelineFile(const std::string& path,
                       p4::v1::SetForwardingPipelineConfigRequest* request) {
   const pb::LogSilencer oneLineOnly;
   const std::string contents = fileContents(path);
-  if (contents.empty()) throw PipelineError(path + ": empty; expected a pipeline file");
+  if (const std::string why = whyNoPipelineFile(contents); !why.empty()) {
+    throw PipelineError(path + ": no pipeline file: " + why);
+  }
   if (looksLikeText(contents)) {
     throw PipelineError(path +
                         ": a text file; expected a binary pipeline file, as 'korvel pipeline"
@@ -187,18 +218,23 @@ void readPipelineFile(const std::string& path,
   }
 }
 
-std::string deviceData(const p4::v1::SetForwardingPipelineConfigRequest& request) {
+std::optional<std::string> deviceData(const p4::v1::SetForwardingPipelineConfigRequest& request,
+                                      Findings* findings) {
   const std::string remedy = "; make the file with 'korvel pipeline build'";
   const std::string& config = request.config().p4_device_config();
-  if (config.empty())
-    throw PipelineError("it has no device configuration (p4_device_config)" + remedy);
   p4::tmp::P4DeviceConfig device;
-  if (!device.ParseFromString(config)) {
-    throw PipelineError("its device configuration is no p4.tmp.P4DeviceConfig" + remedy);
+  if (config.empty()) {
+    findings->error("", "it has no device configuration (p4_device_config)" + remedy);
+  } else if (!device.ParseFromString(config)) {
+    findings->error("", "its device configuration is no p4.tmp.P4DeviceConfig" + remedy,
+                    {"Failed to read device configuration"});
+  } else if (device.device_data().empty()) {
+    findings->error("", "its device configuration has no device_data" + remedy,
+                    {"Cannot parse JSON file"});
+  } else {
+    return device.device_data();
   }
-  if (device.device_data().empty())
-    throw PipelineError("its device configuration has no device_data" + remedy);
-  return device.device_data();
+  return std::nullopt;
 }
 
 }  // namespace Pipeline

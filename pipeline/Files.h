@@ -2,6 +2,7 @@
 // begin with the file's name.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -38,7 +39,8 @@ void parseTextForm(const std::string& path, std::string_view text,
 // A pipeline file: a binary SetForwardingPipelineConfigRequest that holds a P4Info.
 void readPipelineFile(const std::string& path, p4::v1::SetForwardingPipelineConfigRequest* request);
 
-// The device JSON inside it. The error names no file.
-std::string deviceData(const p4::v1::SetForwardingPipelineConfigRequest& request);
+// The device JSON inside it; nothing, and an error, when there is none.
+std::optional<std::string> deviceData(const p4::v1::SetForwardingPipelineConfigRequest& request,
+                                      Findings* findings);
 
 }  // namespace Pipeline

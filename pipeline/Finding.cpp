@@ -1,12 +1,39 @@
-// The text form of findings.
+// Collecting findings, and their text form.
 #include "pipeline/Finding.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace Pipeline {
+namespace {
+
+std::string text(const std::string& object, const std::string& message) {
+  return object.empty() ? message : object + ": " + message;
+}
+
+}  // namespace
+
+void Findings::error(std::string object, std::string message) {
+  ParsingFailure failure{text(object, message)};
+  error(std::move(object), std::move(message), std::move(failure));
+}
+
+void Findings::error(std::string object, std::string message, ParsingFailure failure) {
+  list_.push_back({Severity::error, std::move(object), std::move(message), std::move(failure)});
+}
+
+void Findings::warning(std::string object, std::string message) {
+  list_.push_back({Severity::warning, std::move(object), std::move(message), {}});
+}
+
+const Finding* Findings::firstError() const {
+  const auto found = std::ranges::find(list_, Severity::error, &Finding::severity);
+  return found == list_.end() ? nullptr : &*found;
+}
 
 std::string findingText(const Finding& finding) {
-  std::string text = finding.severity == Severity::error ? "error: " : "warning: ";
-  if (!finding.object.empty()) text += finding.object + ": ";
-  return text + finding.message;
+  const std::string kind = finding.severity == Severity::error ? "error: " : "warning: ";
+  return kind + text(finding.object, finding.message);
 }
 
 }  // namespace Pipeline

@@ -1,7 +1,6 @@
 // What a look at a pipeline brings up: what would not work, by name, and how bad that is.
 #pragma once
 
-#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -19,24 +18,27 @@ enum class Severity {
   warning,  // it runs, without what is named here
 };
 
+// An error in the words of the agent's parsing status.
+struct ParsingFailure {
+  std::string error;
+  std::string latticeError = {};  // of the compiler of types, or of queries
+  std::string jsonError = {};     // the text at which JSON stops making sense
+};
+
 struct Finding {
   Severity severity = Severity::error;
   std::string object;  // "table ingress.acl"; empty: the pipeline as a whole
   std::string message;
+  ParsingFailure failure;  // of an error
 };
 
 class Findings {
  public:
-  void error(std::string object, std::string message) {
-    list_.push_back({Severity::error, std::move(object), std::move(message)});
-  }
-  void warning(std::string object, std::string message) {
-    list_.push_back({Severity::warning, std::move(object), std::move(message)});
-  }
-  bool hasErrors() const {
-    return std::any_of(list_.begin(), list_.end(),
-                       [](const Finding& f) { return f.severity == Severity::error; });
-  }
+  void error(std::string object, std::string message);
+  void error(std::string object, std::string message, ParsingFailure failure);
+  void warning(std::string object, std::string message);
+  bool hasErrors() const { return firstError() != nullptr; }
+  const Finding* firstError() const;  // null: none
   const std::vector<Finding>& list() const { return list_; }
 
  private:

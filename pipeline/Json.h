@@ -16,12 +16,22 @@ struct JsonDelete {
 };
 using JsonPtr = std::unique_ptr<cJSON, JsonDelete>;
 
-// Throws PipelineError: "FILE:LINE: not JSON". Nothing may follow the document.
-JsonPtr parsedJson(const std::string& path, std::string_view text);
+// A text that is no JSON: where that shows, and what is probably wrong there.
+struct JsonFault {
+  std::string place;  // "3:7", line and column
+  std::string what;   // "not JSON: a comma is missing before \"tables\""
+  std::string rest;   // the text from there on
+};
+
+// Null, and the fault, when `text` does not begin with a JSON document.
+JsonPtr parsedJson(std::string_view text, JsonFault* fault);
+// Throws PipelineError: "FILE:LINE:COLUMN: not JSON ...". Nothing may follow the document.
+JsonPtr parsedJsonFile(const std::string& path, std::string_view text);
 
 std::string printedJson(const cJSON& json);
 
-// A string item of an object; nothing when absent or no string.
+// Items are found by name without regard to case, as cJSON_GetObjectItem() has it; the first
+// counts. A string item of an object; nothing when absent or no string.
 std::optional<std::string> stringItem(const cJSON* object, const char* key);
 // A whole number item that fits 32 bits.
 std::optional<uint32_t> numberItem(const cJSON* object, const char* key);

@@ -1,8 +1,11 @@
 // Lookup in a P4Info, and its consistency.
 #include "pipeline/P4InfoIndex.h"
 
-#include <set>
+#include <google/protobuf/util/json_util.h>
 
+#include <algorithm>
+
+#include "PI/frontends/proto/p4info_fault.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
@@ -10,7 +13,6 @@
 namespace Pipeline {
 namespace {
 
-using p4::config::v1::MatchField;
 using p4::config::v1::P4Info;
 
 template <typename Objects>
@@ -27,132 +29,43 @@ typename Map::mapped_type found(const Map& map, uint32_t id) {
 }
 
 template <typename Resources>
-bool namesOneOf(const p4::config::v1::Table& table, const Resources& resources) {
-  for (const uint32_t id : table.direct_resource_ids()) {
-    for (const auto& resource : resources) {
-      if (resource.preamble().id() == id) return true;
-    }
-  }
-  return false;
+bool hasId(const Resources& resources, uint32_t id) {
+  return std::any_of(resources.begin(), resources.end(),
+                     [&](const auto& resource) { return resource.preamble().id() == id; });
 }
 
-// Looks over one P4Info; each method adds to the findings.
-class ReferenceCheck {
- public:
-  ReferenceCheck(const P4InfoIndex& index, Findings* findings)
-      : index_(index), p4Info_(index.p4Info()), findings_(findings) {}
+template <typename Resources>
+bool namesOneOf(const p4::config::v1::Table& table, const Resources& resources) {
+  const auto& ids = table.direct_resource_ids();
+  return std::any_of(ids.begin(), ids.end(), [&](uint32_t id) { return hasId(resources, id); });
+}
 
-  void run() {
-    checkIds();
-    for (const auto& table : p4Info_.tables()) checkTable(table);
-    for (const auto& action : p4Info_.actions()) {
-      checkInnerIds("action " + action.preamble().name(), "parameter", action.params());
-    }
-    for (const auto& profile : p4Info_.action_profiles()) checkProfile(profile);
-    checkDirectResources("direct counter", p4Info_.direct_counters());
-    checkDirectResources("direct meter", p4Info_.direct_meters());
-    for (const auto& header : p4Info_.controller_packet_metadata()) {
-      checkInnerIds("header " + header.preamble().name(), "metadata field", header.metadata());
-    }
+// The agent finds nothing to start from without them: its P4Info is read as JSON, which leaves
+// empty sections out.
+void checkMandatorySections(const P4Info& p4Info, Findings* findings) {
+  if (p4Info.actions().empty()) {
+    findings->error("P4Info", "has no actions; the agent needs one",
+                    {"Cannot find actions section in the P4Info file"});
   }
-
- private:
-  void checkIds() {
-    checkKind("table", p4Info_.tables());
-    checkKind("action", p4Info_.actions());
-    checkKind("action profile", p4Info_.action_profiles());
-    checkKind("counter", p4Info_.counters());
-    checkKind("direct counter", p4Info_.direct_counters());
-    checkKind("meter", p4Info_.meters());
-    checkKind("direct meter", p4Info_.direct_meters());
-    checkKind("header", p4Info_.controller_packet_metadata());
-    checkKind("value set", p4Info_.value_sets());
-    checkKind("register", p4Info_.registers());
-    checkKind("digest", p4Info_.digests());
+  if (p4Info.tables().empty()) {
+    findings->error("P4Info", "has no tables; the agent needs one",
+                    {"Cannot find tables section in the P4Info file"});
   }
+  std::string json;
+  const auto status = google::protobuf::util::MessageToJsonString(p4Info, &json);
+  if (status.ok()) return;
+  findings->error("P4Info", "has no JSON form: " + std::string(status.message()),
+                  {"Failed to convert p4Info to JSON " + status.ToString()});
+}
 
-  template <typename Objects>
-  void checkKind(const std::string& kind, const Objects& objects) {
-    for (const auto& object : objects) {
-      const std::string name = kind + ' ' + object.preamble().name();
-      const uint32_t id = object.preamble().id();
-      if (id == 0) {
-        findings_->error(name, "has the id 0, which is no id");
-      } else if (!ids_.emplace(id, name).second) {
-        findings_->error(name, "has the id " + std::to_string(id) + ", as " + ids_[id] + " has");
-      }
-    }
+template <typename Resources>
+void checkDirectResources(const char* kind, const Resources& resources, Findings* findings) {
+  for (const auto& resource : resources) {
+    if (resource.direct_table_id() != 0) continue;
+    findings->warning(kind + resource.preamble().name(),
+                      "names no table; it belongs to the tables that name it");
   }
-
-  template <typename Objects>
-  void checkInnerIds(const std::string& owner, const std::string& kind, const Objects& objects) {
-    std::set<uint32_t> seen;
-    for (const auto& object : objects) {
-      const std::string what = kind + ' ' + quoted(object.name());
-      if (object.id() == 0) findings_->error(owner, what + " has the id 0, which is no id");
-      if (!seen.insert(object.id()).second) {
-        findings_->error(
-            owner, what + " has the id " + std::to_string(object.id()) + ", as another one has");
-      }
-    }
-  }
-
-  void checkTable(const p4::config::v1::Table& table) {
-    const std::string name = "table " + table.preamble().name();
-    checkInnerIds(name, "match field", table.match_fields());
-    for (const auto& ref : table.action_refs()) {
-      if (index_.action(ref.id()) == nullptr) dangling(name, "action", ref.id());
-    }
-    for (const MatchField& field : table.match_fields()) {
-      if (field.match_case() == MatchField::kMatchType &&
-          !MatchField::MatchType_IsValid(field.match_type())) {
-        findings_->error(name, "match field " + quoted(field.name()) +
-                                   " has the unknown match type " +
-                                   std::to_string(field.match_type()));
-      }
-    }
-    if (table.implementation_id() != 0 &&
-        index_.actionProfile(table.implementation_id()) == nullptr)
-      dangling(name, "action profile", table.implementation_id());
-    for (const uint32_t id : table.direct_resource_ids()) {
-      if (!isDirectResource(id)) dangling(name, "direct resource", id);
-    }
-    const uint32_t defaultAction = table.const_default_action_id();
-    if (defaultAction != 0 && index_.action(defaultAction) == nullptr)
-      dangling(name, "default action", defaultAction);
-  }
-
-  bool isDirectResource(uint32_t id) const {
-    const auto it = ids_.find(id);
-    return it != ids_.end() && it->second.starts_with("direct ");
-  }
-
-  template <typename Resources>
-  void checkDirectResources(const std::string& kind, const Resources& resources) {
-    for (const auto& resource : resources) {
-      const uint32_t id = resource.direct_table_id();
-      if (index_.table(id) == nullptr)
-        dangling(kind + ' ' + resource.preamble().name(), "table", id);
-    }
-  }
-
-  void checkProfile(const p4::config::v1::ActionProfile& profile) {
-    for (const uint32_t id : profile.table_ids()) {
-      if (index_.table(id) == nullptr)
-        dangling("action profile " + profile.preamble().name(), "table", id);
-    }
-  }
-
-  void dangling(const std::string& object, const std::string& what, uint32_t id) {
-    findings_->error(
-        object, "names the " + what + ' ' + std::to_string(id) + ", which is not in the P4Info");
-  }
-
-  const P4InfoIndex& index_;
-  const P4Info& p4Info_;
-  Findings* findings_;
-  std::map<uint32_t, std::string> ids_;  // and whose they are
-};
+}
 
 std::string listed(const std::vector<std::string>& names) {
   constexpr size_t most = 8;
@@ -174,6 +87,10 @@ const p4::config::v1::Table* P4InfoIndex::table(uint32_t id) const { return foun
 const p4::config::v1::Action* P4InfoIndex::action(uint32_t id) const { return found(actions_, id); }
 const p4::config::v1::ActionProfile* P4InfoIndex::actionProfile(uint32_t id) const {
   return found(profiles_, id);
+}
+
+bool P4InfoIndex::isDirectResource(uint32_t id) const {
+  return hasId(p4Info_.direct_counters(), id) || hasId(p4Info_.direct_meters(), id);
 }
 
 bool P4InfoIndex::hasDirectCounter(const p4::config::v1::Table& table) const {
@@ -227,8 +144,22 @@ const p4::config::v1::Action& P4InfoIndex::actionNamed(const p4::config::v1::Tab
   return *actions[indexNamed("action", name, names, aliases)];
 }
 
-void checkReferences(const P4InfoIndex& index, Findings* findings) {
-  ReferenceCheck(index, findings).run();
+void checkP4Info(const P4InfoIndex& index, Findings* findings) {
+  const P4Info& p4Info = index.p4Info();
+  checkMandatorySections(p4Info, findings);
+  if (const std::string fault = pi::fe::proto::p4info_fault(p4Info); !fault.empty()) {
+    findings->error("", fault);
+  }
+  checkDirectResources("direct counter ", p4Info.direct_counters(), findings);
+  checkDirectResources("direct meter ", p4Info.direct_meters(), findings);
+  for (const auto& table : p4Info.tables()) {
+    for (const uint32_t id : table.direct_resource_ids()) {
+      if (index.isDirectResource(id)) continue;
+      findings->warning("table " + table.preamble().name(),
+                        "names the direct resource " + std::to_string(id) +
+                            ", which is no direct counter or meter of the P4Info; it is ignored");
+    }
+  }
 }
 
 }  // namespace Pipeline

@@ -29,6 +29,7 @@ class P4InfoIndex {
   const p4::config::v1::Table* table(uint32_t id) const;
   const p4::config::v1::Action* action(uint32_t id) const;
   const p4::config::v1::ActionProfile* actionProfile(uint32_t id) const;
+  bool isDirectResource(uint32_t id) const;
   bool hasDirectCounter(const p4::config::v1::Table& table) const;
   bool hasDirectMeter(const p4::config::v1::Table& table) const;
 
@@ -45,9 +46,9 @@ class P4InfoIndex {
   std::map<uint32_t, const p4::config::v1::ActionProfile*> profiles_;
 };
 
-// Errors: id 0, ids given twice, references that lead nowhere, unknown match kinds' numbers. A
-// server refuses such a P4Info as a whole.
-void checkReferences(const P4InfoIndex& index, Findings* findings);
+// Errors: what the agent or its server would refuse such a P4Info for as a whole. Warnings: direct
+// counters and meters that are not tied to their tables.
+void checkP4Info(const P4InfoIndex& index, Findings* findings);
 
 // Position of the one name that `text` names, as tableNamed() does; `what` is for the error.
 size_t indexNamed(std::string_view what, std::string_view text,

@@ -45,7 +45,7 @@ void checkEntryCounts(const P4InfoIndex& index, const PipelineLayout& layout,
   std::map<uint32_t, size_t> counts;
   for (const ConstantEntry& entry : entries) ++counts[entry.tableId];
   for (const auto& table : index.p4Info().tables()) {
-    if (layout.table(TableKind::match, table.preamble().id()) == nullptr) continue;
+    if (layout.table({TableKind::match, table.preamble().id()}) == nullptr) continue;
     const std::string object = "table " + table.preamble().name();
     const size_t count = counts[table.preamble().id()];
     if (table.has_initial_entries() && count == 0) {
@@ -71,8 +71,7 @@ void buildPipeline(const BuildOptions& options, Findings* findings) {
   readP4Info(options.p4InfoPath, p4Info, findings);
 
   const P4InfoIndex index(*p4Info);
-  checkReferences(index, findings);
-  checkMandatorySections(*p4Info, findings);
+  checkP4Info(index, findings);
   if (findings->hasErrors()) return;
 
   checkProfiles(index, findings);

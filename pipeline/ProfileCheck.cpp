@@ -60,10 +60,7 @@ void checkListedTables(const ActionProfile& profile, const P4InfoIndex& index, F
   const Table* first = nullptr;
   for (const uint32_t id : profile.table_ids()) {
     const Table& table = *index.table(id);
-    if (table.implementation_id() != profile.preamble().id()) {
-      findings->warning(objectOf(profile),
-                        "lists the " + objectOf(table) + ", which does not use it");
-    } else if (first == nullptr) {
+    if (first == nullptr) {
       first = &table;
     } else if (actionIds(*first) != actionIds(table)) {
       findings->warning(objectOf(profile),

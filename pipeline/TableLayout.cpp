@@ -118,7 +118,7 @@ ActionShape actionShape(const p4::config::v1::Action& action, std::string name) 
     bytes += byteCount(bits);
     shape.fields.push_back(
         {names.take(legalName(parameter.name(), "param_" + std::to_string(parameter.id()))),
-         choice.type, bits});
+         choice.type, bits, isInNetworkOrder(parameter)});
   }
   if (bytes > maxPiBytes) throw Refusal{"its parameters have " + std::to_string(bytes) + " bytes"};
   return shape;
@@ -140,7 +140,7 @@ class LayoutMaker {
     try {
       result_.tables.push_back(matchTable(table, object));
     } catch (const Refusal& refusal) {
-      result_.refused[table.preamble().id()] = refusal.reason;
+      result_.refused[{TableKind::match, table.preamble().id()}] = refusal.reason;
       findings_->warning(object, "cannot be programmed: " + refusal.reason);
     }
   }
@@ -167,7 +167,7 @@ class LayoutMaker {
 
   // Those that can be programmed, each once; at least one.
   std::vector<ActionShape> actions(const std::vector<uint32_t>& ids, const std::string& object,
-                                   Findings* findings) const {
+                                   Findings* findings) {
     std::vector<ActionShape> shapes;
     UniqueNames names;
     std::set<uint32_t> seen;
@@ -179,6 +179,7 @@ class LayoutMaker {
         shapes.push_back(actionShape(
             action, names.take(legalName(shortName(action), "action_" + std::to_string(id)))));
       } catch (const Refusal& refusal) {
+        result_.refusedActions[id] = refusal.reason;
         refused = "action " + quoted(action.preamble().name()) + ": " + refusal.reason;
         findings->warning(object, "one action cannot be programmed: " + refused);
       }
@@ -193,15 +194,15 @@ class LayoutMaker {
     for (const uint32_t id : profile.table_ids()) {
       for (const auto& ref : index_.table(id)->action_refs()) actionIds.push_back(ref.id());
     }
-    if (actionIds.empty()) {
-      findings_->warning(object, "lists no table with actions, and is left out");
-      return;
-    }
     Findings saidOfTheTables;
     try {
+      if (actionIds.empty()) throw Refusal{"it lists no table with actions"};
       addProfileTables(profile, actions(actionIds, object, &saidOfTheTables));
     } catch (const Refusal& refusal) {
       findings_->warning(object, "cannot be programmed: " + refusal.reason);
+      for (const TableKind kind : {TableKind::member, TableKind::group}) {
+        result_.refused[{kind, profile.preamble().id()}] = refusal.reason;
+      }
     }
   }
 
@@ -284,9 +285,9 @@ std::string definitionText(const TableLayout& layout) {
   return text;
 }
 
-const TableLayout* PipelineLayout::table(TableKind kind, uint32_t id) const {
+const TableLayout* PipelineLayout::table(const TableRef& ref) const {
   for (const TableLayout& layout : tables) {
-    if (layout.kind == kind && layout.id == id) return &layout;
+    if (TableRef{layout.kind, layout.id} == ref) return &layout;
   }
   return nullptr;
 }

@@ -29,6 +29,7 @@ struct ActionField {
   std::string name;
   std::string type;
   uint32_t bits = 0;
+  bool networkOrder = false;  // else its 2 or 4 bytes are turned to host order
 };
 
 struct ActionShape {
@@ -38,6 +39,8 @@ struct ActionShape {
 };
 
 enum class TableKind : uint8_t { match, member, group };
+// A table's place in a device configuration: its class, and the id of the P4 table or profile.
+using TableRef = std::pair<TableKind, uint32_t>;
 
 struct TableLayout {
   TableKind kind = TableKind::match;
@@ -60,9 +63,11 @@ std::string definitionText(const TableLayout& layout);
 
 struct PipelineLayout {
   std::vector<TableLayout> tables;
-  std::map<uint32_t, std::string> refused;  // P4 tables that cannot be programmed: id -> reason
+  // What cannot be programmed, and why. A refused action is in none of the tables.
+  std::map<TableRef, std::string> refused;
+  std::map<uint32_t, std::string> refusedActions;
 
-  const TableLayout* table(TableKind kind, uint32_t id) const;  // null when refused or unknown
+  const TableLayout* table(const TableRef& ref) const;  // null when refused or unknown
 };
 
 // What cannot be programmed comes as warnings and is left out. The references of the P4Info must

@@ -1,5 +1,4 @@
-// What the agent demands of a pipeline as a whole: sections of the P4Info, and table types that
-// compile and agree with their tables.
+// Table types that compile, and tables that agree with them.
 #pragma once
 
 #include <map>
@@ -9,17 +8,11 @@
 namespace Lattice {
 class TableType;
 }
-namespace p4::config::v1 {
-class P4Info;
-}
 
 namespace Pipeline {
 
 class Findings;
 struct DeviceConfig;
-
-// The agent does not start without tables and actions, nor with a P4Info that has no JSON form.
-void checkMandatorySections(const p4::config::v1::P4Info& p4Info, Findings* findings);
 
 // By name; null for a definition that does not compile.
 using CompiledTypes = std::map<std::string, std::shared_ptr<const Lattice::TableType>>;

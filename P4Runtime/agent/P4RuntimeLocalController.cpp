@@ -21,8 +21,9 @@ void requireOk(const grpc::Status& status) {
 
 }  // namespace
 
-P4RuntimeLocalController::P4RuntimeLocalController(std::unique_ptr<p4::v1::P4Runtime::Stub> stub)
-    : stub_(std::move(stub)) {}
+P4RuntimeLocalController::P4RuntimeLocalController(std::unique_ptr<p4::v1::P4Runtime::Stub> stub,
+                                                   std::chrono::milliseconds patience)
+    : stub_(std::move(stub)), patience_(patience) {}
 
 int P4RuntimeLocalController::setForwardingPipelineConfigRequest(
     const p4::v1::SetForwardingPipelineConfigRequest& request) {
@@ -30,6 +31,7 @@ int P4RuntimeLocalController::setForwardingPipelineConfigRequest(
   PIGrpcServerWaitStarted(secondsToStart);  // which makes the token
   grpc::ClientContext context;
   context.set_wait_for_ready(true);
+  context.set_deadline(std::chrono::system_clock::now() + patience_);
   context.AddMetadata(PIGrpcServerLocalTokenKey(), PIGrpcServerLocalToken());
   p4::v1::SetForwardingPipelineConfigResponse response;
   requireOk(stub_->SetForwardingPipelineConfig(&context, request, &response));
@@ -39,6 +41,7 @@ int P4RuntimeLocalController::setForwardingPipelineConfigRequest(
 int P4RuntimeLocalController::getForwardingPipelineConfigRequest(
     const p4::v1::GetForwardingPipelineConfigRequest& request) {
   grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + patience_);
   p4::v1::GetForwardingPipelineConfigResponse response;
   const grpc::Status status = stub_->GetForwardingPipelineConfig(&context, request, &response);
   if (status.error_code() == grpc::StatusCode::FAILED_PRECONDITION) return status.error_code();

@@ -16,14 +16,11 @@
 #include "platform/companion/BatchStatus.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/scrivel/Trace.h"
-#include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
 namespace {
 
 Scrivel::TraceHandle trace("P4RuntimeException");
-
-constexpr size_t longestText = 2000;  // bytes
 
 using pi::fe::proto::DeviceMgr;
 
@@ -75,12 +72,8 @@ pi_status_t P4RuntimeException::handleException(const P4RuntimeException& e) {
 void P4RuntimeParsingException::handleException(const P4RuntimeParsingException& e) {
   SCRIVEL_TRACE(0, "P4RuntimeParsingException", " latticeError: ", e.latticeError,
                 " error: ", e.error, " jsonError: ", e.jsonError);
-  if (!TheParsingStatus()->failureIs(e.latticeError, e.error, e.jsonError)) return;
-  // Texts that come from files.
-  fmt::print(stderr, "korvel: pipeline: {}{}{}{}{}\n", Vela::plainLine(e.error, longestText),
-             e.latticeError.empty() ? "" : ": ", Vela::plainLine(e.latticeError, longestText),
-             e.jsonError.empty() ? "" : "; JSON stops making sense at: ",
-             Vela::plainLine(e.jsonError, 60));
+  if (!TheParsingStatus()->failureIs(e.latticeError, e.error, e.jsonError, e.hint)) return;
+  fmt::print(stderr, "korvel: pipeline: {}\n", TheParsingStatus()->text());
 }
 
 void P4RuntimeCriticalStateException::handleException(const P4RuntimeCriticalStateException& e) {

@@ -43,18 +43,21 @@ class P4RuntimeException : public Vela::Exception {
 // The pipeline configuration could not be read or realised.
 class P4RuntimeParsingException : public Vela::Exception {
  public:
-  P4RuntimeParsingException(std::string latticeError, std::string error, std::string jsonError)
+  P4RuntimeParsingException(std::string latticeError, std::string error, std::string jsonError,
+                            std::string hint = {})
       : Exception(error),
         latticeError(std::move(latticeError)),
         error(std::move(error)),
-        jsonError(std::move(jsonError)) {}
+        jsonError(std::move(jsonError)),
+        hint(std::move(hint)) {}
 
-  // Publishes the three texts in the parsing status and says on standard error what is wrong.
+  // Publishes the texts in the parsing status and says on standard error what is wrong.
   static void handleException(const P4RuntimeParsingException& e);
 
   const std::string latticeError;  // of the table library
   const std::string error;
   const std::string jsonError;  // where the JSON text stopped making sense
+  const std::string hint;       // what to do about it; may be empty
 };
 
 // The hardware's state can no longer be trusted; writes are refused from here on.

@@ -59,18 +59,6 @@ const uint8_t* ipGenPrefixFromAddrLen(const uint8_t* field, uint32_t addrBitWidt
   return reinterpret_cast<const uint8_t*>(&prefix);
 }
 
-std::string slotName(const P4TableInfo& tableInfo, ResourceId rid, uint32_t slot) {
-  const auto& names = tableInfo.slotNames(rid);
-  return slot < names.size() ? names[slot] : "number " + std::to_string(slot);
-}
-
-// The one slot of an action without parameters is meant to be empty; it has no name.
-bool isWithoutParameters(const P4TableInfo& tableInfo, ResourceId rid) {
-  if (rid.type != actionResource || tableInfo.fieldBitwidths(rid).slots() != 1) return false;
-  const auto& names = tableInfo.slotNames(rid);
-  return names.empty() || names[0].empty();
-}
-
 }  // namespace
 
 void P4TableInfo::onNewRowStarted() { prefixIndex_ = 0; }
@@ -104,31 +92,6 @@ void P4TableInfo::stuffFields(ResourceId tableId, uint32_t& count, const uint8_t
   std::memset(zeroBuffer, 0, sizeof zeroBuffer);
   const uint32_t slots = fieldBitwidths(tableId).slots();
   for (uint32_t i = 0; i < slots; ++i) fields[count++] = zeroBuffer;
-}
-
-std::string P4TableInfo::whyUnprogrammable(ResourceId rid) const {
-  const FieldBitwidths& widths = fieldBitwidths(rid);
-  uint32_t prefixCount = 0;
-  for (uint32_t slot = 0; slot < widths.slots(); ++slot) {
-    const uint32_t width = widths.fieldBitwidth(slot);
-    if (widths.fieldIsIpPrefix(slot)) {
-      if (width != 32 && width != 128) {
-        return "longest-prefix field " + slotName(*this, rid, slot) + " is " +
-               std::to_string(width) + " bits wide; only 32 and 128 bits can be programmed";
-      }
-      if (++prefixCount > MaxPrefixes) {
-        return "it has more than " + std::to_string(MaxPrefixes) + " longest-prefix fields";
-      }
-    }
-    if (bytesOf(width) == 3 && !widths.fieldInNetworkByteOrder(slot)) {
-      return "field " + slotName(*this, rid, slot) + " is " + std::to_string(width) +
-             " bits wide; fields of 3 bytes cannot be programmed";
-    }
-    if (width == 0 && !isWithoutParameters(*this, rid)) {
-      return "field " + slotName(*this, rid, slot) + " has no bit width that can be programmed";
-    }
-  }
-  return {};
 }
 
 }  // namespace P4Runtime

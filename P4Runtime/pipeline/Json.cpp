@@ -3,9 +3,7 @@
 namespace P4Runtime {
 namespace {
 
-const cJSON* item(const cJSON* parent, const char* key) {
-  return cJSON_GetObjectItemCaseSensitive(parent, key);
-}
+const cJSON* item(const cJSON* parent, const char* key) { return cJSON_GetObjectItem(parent, key); }
 
 }  // namespace
 

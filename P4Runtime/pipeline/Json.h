@@ -16,7 +16,7 @@ struct JsonDelete {
 using JsonDocument = std::unique_ptr<cJSON, JsonDelete>;
 
 // All take a null parent, and answer null or nothing when the item is absent or of another type.
-// `key` is case-sensitive.
+// `key` is found without regard to case; the first item of that name counts.
 const cJSON* jsonArray(const cJSON* parent, const char* key);
 const cJSON* jsonObject(const cJSON* parent, const char* key);
 std::optional<std::string> jsonString(const cJSON* parent, const char* key);

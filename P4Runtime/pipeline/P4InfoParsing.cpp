@@ -2,10 +2,12 @@
 // and the headers of controllers' packets.
 #include <strings.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "pipeline/ColumnType.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -20,61 +22,48 @@ bool isMatchType(const std::string& text, const char* type) {
   return strcasecmp(text.c_str(), type) == 0;
 }
 
-bool isNetworkOrderParameter(const std::string& name) {
-  return name == "smac" || name == "dmac" || name == "src_addr" || name == "dst_addr";
-}
-
-// Lays out the slots of one resource, in order, and remembers their names for messages.
+// Lays out the slots of one resource, in order.
 class SlotLayout {
  public:
   explicit SlotLayout(ResourceId rid) : widths_(rid) {}
 
-  uint32_t append(uint32_t width, const std::string& name) {
+  uint32_t append(uint32_t width) {
     const uint32_t slot = widths_.slots();
-    if (width > widestField) {
-      tooWide_ = "field " + name + " is " + std::to_string(width) + " bits wide; at most " +
-                 std::to_string(widestField) + " can be programmed";
-      width = 0;
-    }
+    if (width > widestField) width = 0;  // nothing of the kind is programmed
     widths_.fieldBitwidthIs(slot, static_cast<uint8_t>(width));
-    names_.push_back(name);
     return slot;
   }
   void networkOrder(uint32_t slot) { widths_.fieldInNetworkByteOrderIs(slot, true); }
   void ipPrefix(uint32_t slot) { widths_.fieldIsIpPrefixIs(slot, true); }
 
-  void store(P4TableInfo& tableInfo) {
-    if (!tooWide_.empty()) tableInfo.unprogrammableIs(widths_.id, tooWide_);
-    tableInfo.slotNamesIs(widths_.id, std::move(names_));
-    tableInfo.fieldBitwidthsIs(widths_.id, widths_);
-  }
+  void store(P4TableInfo& tableInfo) const { tableInfo.fieldBitwidthsIs(widths_.id, widths_); }
 
  private:
   FieldBitwidths widths_;
-  std::vector<std::string> names_;
-  std::string tooWide_;
 };
 
 // Appends the slots of one match field; answers whether entries need a priority for it.
 bool appendMatchField(SlotLayout& layout, const cJSON* field) {
   const uint32_t width = jsonNumber(field, "bitwidth").value_or(0);
-  const std::string name = jsonString(field, "name").value_or("");
   const std::string type = jsonString(field, "matchType").value_or("");
-  const uint32_t slot = layout.append(width, name);
+  const uint32_t slot = layout.append(width);
   if (isMatchType(type, "TERNARY")) {
-    layout.append(width, name);
+    layout.append(width);
     return true;
   }
   if (isMatchType(type, "LPM")) {
     layout.ipPrefix(slot);
-    layout.networkOrder(layout.append(prefixLengthWidth, name));
+    layout.networkOrder(layout.append(prefixLengthWidth));
   }
   return isMatchType(type, "RANGE");
 }
 
+// Sizes have 64 bits in the P4Info. What is beyond 32 holds more than there can be; what is below 0
+// says as little as 0 does.
 uint32_t sizeOf(const cJSON* element) {
-  const auto text = jsonString(element, "size");
-  return text ? static_cast<uint32_t>(std::strtol(text->c_str(), nullptr, 10)) : 0;
+  const std::string text = jsonString(element, "size").value_or("");
+  const long long size = std::strtoll(text.c_str(), nullptr, 10);
+  return static_cast<uint32_t>(std::clamp<long long>(size, 0, UINT32_MAX));
 }
 
 bool hasSize(const cJSON* element) { return jsonString(element, "size").has_value(); }
@@ -103,11 +92,11 @@ void P4TableInfoSm::parseP4InfoActions(const cJSON* p4Info) {
     uint32_t parameters = 0;
     for (const cJSON* parameter : JsonElements(jsonArray(action, "params"))) {
       const std::string name = jsonString(parameter, "name").value_or("");
-      const uint32_t slot = layout.append(jsonNumber(parameter, "bitwidth").value_or(0), name);
-      if (isNetworkOrderParameter(name)) layout.networkOrder(slot);
+      const uint32_t slot = layout.append(jsonNumber(parameter, "bitwidth").value_or(0));
+      if (Pipeline::isInNetworkOrder(name)) layout.networkOrder(slot);
       ++parameters;
     }
-    if (parameters == 0) layout.append(0, "");
+    if (parameters == 0) layout.append(0);
     layout.store(*tableInfo_);
     tableInfo_->resourceNameIs(rid, jsonPreambleName(action));
   }
@@ -182,7 +171,7 @@ void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {
       SCRIVEL_TRACE(5, "Max size for ActionProfile", rid.id, " is ", sizeOf(profile));
     }
     SlotLayout layout(rid);
-    layout.append(32, "id");  // of the member or group
+    layout.append(32);  // the id of the member or group
     layout.store(*tableInfo_);
     if (!tableIds || !tableIds->child) {
       SCRIVEL_TRACE(1, "action profile ", rid.id, " not used by any tables");

@@ -1,16 +1,18 @@
 // From the device configuration to what the write path needs: types are compiled, interfaces become
 // ready, row constructors are built, queries are checked; then the model is ready.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <set>
 #include <string>
 #include <utility>
 
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
-#include "P4Runtime/pipeline/TypeAgreement.h"
+#include "P4Runtime/pipeline/ParsingStatus.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -27,6 +29,14 @@ ResourceId resourceIdOf(const cJSON* table) {
   if (is("TABLE_CLASS_ACTION_PROFILE_MEMBER")) return {actionProfileResource, id};
   if (is("TABLE_CLASS_ACTION_PROFILE_GROUP")) return {groupTableResource, id};
   return {tableResource, id};
+}
+
+ResourceId resourceIdOf(const Pipeline::TableRef& ref) {
+  const auto& [kind, id] = ref;
+  return {kind == Pipeline::TableKind::match    ? tableResource
+          : kind == Pipeline::TableKind::member ? actionProfileResource
+                                                : groupTableResource,
+          id};
 }
 
 bool keptInNetworkOrder(const std::string& fieldType) {
@@ -49,9 +59,13 @@ bool tableNameTaken(const P4TableInfo& tableInfo, const std::string& name) {
                      [&](const auto& one) { return one.second->tableName() == name; });
 }
 
-P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table) {
+// Without those that cannot be programmed.
+P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table,
+                                       const Pipeline::Refused& refused) {
   P4TableInfoConstEntries entries(rid);
+  size_t place = 0;
   for (const cJSON* entry : JsonElements(jsonArray(table, "table_entries"))) {
+    if (rid.type == tableResource && refused.entries.contains({rid.id, place++})) continue;
     entries.entryEnq({jsonString(entry, "key").value_or(""),
                       jsonNumber(entry, "action_id").value_or(0),
                       jsonString(entry, "action_params").value_or(""),
@@ -161,7 +175,7 @@ void P4TableInfoSm::createTableInterface(const cJSON* table) {
   auto interface = Vela::make<Lattice::ArTableInterface>(name, type, ready);
   tableInfo_->latticeTableInterfaceIs(rid, interface);
   services_.tables->bindInterface(interface, name, true);
-  tableInfo_->constEntriesIs(rid, constEntriesOf(rid, table));
+  tableInfo_->constEntriesIs(rid, constEntriesOf(rid, table, refused_));
 }
 
 void P4TableInfoSm::onArInterfaceReady(ResourceId tableId) {
@@ -192,7 +206,7 @@ void P4TableInfoSm::createRowConstructors() {
   for (const cJSON* table : JsonElements(jsonArray(jsonRoot_, "tables"))) {
     createRowConstructor(table);
   }
-  doFindUnprogrammable();
+  doRefuse();
 }
 
 void P4TableInfoSm::createRowConstructor(const cJSON* table) {
@@ -233,18 +247,21 @@ void P4TableInfoSm::createRowConstructor(const cJSON* table) {
   SCRIVEL_TRACE(5, "Created row constructor");
 }
 
-void P4TableInfoSm::doFindUnprogrammable() {
-  for (const auto& [rid, widths] : tableInfo_->fieldBitwidthsCollection().values()) {
-    std::string why = tableInfo_->whyUnprogrammable(rid);
-    if (const auto& constructor = tableInfo_->rowConstructor(rid); why.empty() && constructor) {
-      why = whyTypeDisagrees(*tableInfo_, rid, constructor->type());
-    }
-    if (!why.empty() && !tableInfo_->unprogrammableHas(rid)) tableInfo_->unprogrammableIs(rid, why);
+void P4TableInfoSm::doRefuse() {
+  for (const auto& [ref, why] : refused_.tables) {
+    tableInfo_->unprogrammableIs(resourceIdOf(ref), why);
   }
+  for (const auto& [id, why] : refused_.actions) {
+    tableInfo_->unprogrammableIs({actionResource, id}, why);
+  }
+  std::set<std::string> lines;  // a profile stands there twice, with its members and its groups
   for (const auto& [rid, why] : tableInfo_->unprogrammableCollection().values()) {
     SCRIVEL_TRACE(0, "P4TableInfoSm", tableInfo_->nameOf(rid), " cannot be programmed: ", why);
-    fmt::print(stderr, "korvel: {} cannot be programmed: {}; writes of it will be refused\n",
-               tableInfo_->kindAndName(rid), why);
+    lines.insert(fmt::format("{} cannot be programmed: {}", tableInfo_->kindAndName(rid), why));
+  }
+  TheParsingStatus()->refusedIs(fmt::format("{}", fmt::join(lines, "\n")));
+  for (const std::string& line : lines) {
+    fmt::print(stderr, "korvel: {}; writes of it will be refused\n", line);
   }
 }
 
@@ -264,7 +281,7 @@ void P4TableInfoSm::createQuery(const cJSON* query) {
       services_.queryConfigDir->queryConfigIs(path, required(query, "output_table_type", toDoWhat));
   const std::string text = required(query, "query", toDoWhat);
   SCRIVEL_TRACE(5, "Lattice query:", text);
-  config->oneShotIs(cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(query, "one_shot")) != 0);
+  config->oneShotIs(cJSON_IsTrue(cJSON_GetObjectItem(query, "one_shot")) != 0);
   config->queryTextIs(text);
   for (const cJSON* pair : JsonElements(jsonArray(query, "input_tables"))) {
     const std::string key = required(pair, "table_key", toDoWhat);

@@ -55,7 +55,6 @@ void P4TableInfo::modelDel() {
   latticeTableInterfaceDelAll();
   directMeterOfDelAll();
   resourceNameDelAll();
-  slotNamesDelAll();
   unprogrammableDelAll();
   pipelineRequest_.clear();
 }

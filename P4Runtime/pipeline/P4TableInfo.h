@@ -48,9 +48,8 @@ class P4TableInfo : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint32_t, cleanupResponseId, 0)
   // A table's direct meter, by its id in the P4Info; 0 without one.
   VELA_COLLECTION(ResourceId, uint32_t, directMeterOf)
-  // Names for messages: of tables and actions, and of what their slots belong to.
+  // Names of tables and actions, for messages.
   VELA_COLLECTION(ResourceId, std::string, resourceName)
-  VELA_COLLECTION(ResourceId, std::vector<std::string>, slotNames)
   // Why writes of a table, or with an action, are refused; absent when they are not.
   VELA_COLLECTION(ResourceId, std::string, unprogrammable)
 
@@ -63,15 +62,11 @@ class P4TableInfo : public Vela::Entity {
   void onNewRowStarted();
   // Appends a pointer a field for the first `numFields` slots of `tableId`, whose PI encoding is in
   // `data` (changed in place where fields go to host order). A prefix is one pointer for its two
-  // slots; a slot of width 0 takes one byte. Asserts what whyUnprogrammable() would have told.
+  // slots; a slot of width 0 takes one byte. Asserts what the check of the pipeline refused before.
   void extractFields(ResourceId tableId, uint32_t numFields, uint8_t* data, uint32_t& count,
                      const uint8_t** fields) const;
   // Appends a pointer to zeroes for each slot of the table.
   void stuffFields(ResourceId tableId, uint32_t& count, const uint8_t** fields) const;
-  // Why extractFields() cannot convert a table's key or an action's data: a 3-byte field in host
-  // order, a prefix not 32 or 128 bits wide, more than MaxPrefixes; names the field. Empty when it
-  // can.
-  std::string whyUnprogrammable(ResourceId rid) const;
 
   // The request that the model was made of, as it is pushed to the server; empty before.
   const std::string& pipelineRequest() const { return pipelineRequest_; }

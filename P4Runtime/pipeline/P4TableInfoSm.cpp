@@ -5,11 +5,16 @@
 #include <p4/tmp/p4config.pb.h>
 #include <p4/v1/p4runtime.pb.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <utility>
 
 #include "P4Runtime/pipeline/ParsingStatus.h"
+#include "pipeline/FileKind.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -29,6 +34,30 @@ void writeForPeople(const std::string& path, const std::string& text) {
              "korvel: cannot write {}: the running pipeline cannot be read there; set "
              "p4InfoJsonPath and deviceJsonPath of p4runtime/config/agent to writable places\n",
              path);
+}
+
+constexpr const char* nameAFile =
+    "set forwardingPipelineConfigFilePath of p4runtime/config/system to a file that 'korvel "
+    "pipeline "
+    "build' has made";
+
+// Of a file that is no pipeline file for this agent; empty when there is nothing to tell.
+std::string whatItIs(const std::string& path) {
+  if (std::filesystem::is_directory(path)) return "it is a directory";
+  std::ifstream file(path, std::ios::binary);
+  const std::string contents(std::istreambuf_iterator<char>(file), {});
+  return Pipeline::whyNoPipelineFile(contents);
+}
+
+// The first thing that keeps the pipeline from running is told; the others are traced.
+void requireRunnable(const Pipeline::Findings& findings) {
+  for (const Pipeline::Finding& finding : findings.list()) {
+    SCRIVEL_TRACE(1, "P4TableInfoSm", " pipeline: ", Pipeline::findingText(finding));
+  }
+  if (const Pipeline::Finding* error = findings.firstError()) {
+    const Pipeline::ParsingFailure& failure = error->failure;
+    throw P4RuntimeParsingException(failure.latticeError, failure.error, failure.jsonError);
+  }
 }
 
 }  // namespace
@@ -93,18 +122,26 @@ void P4TableInfoSm::handlePipelineConfigFile() {
 }
 
 P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::string& path) const {
-  const auto fail = [](const std::string& text) { throw P4RuntimeParsingException({}, text, {}); };
-  if (path.empty()) fail("Pipeline Configuration not available yet: " + path);
+  const auto fail = [](const std::string& text, const std::string& hint = {}) {
+    throw P4RuntimeParsingException({}, text, {}, hint);
+  };
+  if (path.empty()) fail("Pipeline Configuration not available yet: " + path, nameAFile);
   std::ifstream file(path, std::ios::binary);
-  if (!file) fail("Failed to open file " + path);
-  p4::v1::SetForwardingPipelineConfigRequest request;
-  if (!request.ParseFromIstream(&file)) fail("Failed to read pipeline configuration file " + path);
-  if (request.device_id() != systemConfig_->deviceId()) {
-    fail(fmt::format(
-        "Device id in the pipeline configuration {} does not match the configured device id {}",
-        request.device_id(), systemConfig_->deviceId()));
+  if (!file) {
+    fail("Failed to open file " + path, std::strerror(errno) + (", " + std::string(nameAFile)));
   }
-  NextPipeline next{path, request.SerializeAsString(), {}, {}};
+  p4::v1::SetForwardingPipelineConfigRequest request;
+  if (!request.ParseFromIstream(&file)) {
+    fail("Failed to read pipeline configuration file " + path, whatItIs(path));
+  }
+  if (request.device_id() != systemConfig_->deviceId()) {
+    fail(
+        fmt::format(
+            "Device id in the pipeline configuration {} does not match the configured device id {}",
+            request.device_id(), systemConfig_->deviceId()),
+        whatItIs(path));
+  }
+  NextPipeline next{path, request.SerializeAsString(), {}, {}, {}};
   const auto converted =
       google::protobuf::util::MessageToJsonString(request.config().p4info(), &next.p4InfoJson);
   if (!converted.ok()) fail("Failed to convert p4Info to JSON " + converted.ToString());
@@ -113,6 +150,9 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
     fail("Failed to read device configuration " + path);
   }
   next.deviceJson = std::move(*device.mutable_device_data());
+  Pipeline::Verdict verdict = Pipeline::checkPipeline(request);
+  requireRunnable(verdict.findings);
+  next.refused = std::move(verdict.refused);
   return next;
 }
 
@@ -129,6 +169,7 @@ void P4TableInfoSm::doChange() {
 
 void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   doForgetPipeline();
+  refused_ = next.refused;
   tableInfo_->pipelineRequestIs(next.request);
   writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
   handleP4InfoStr(next.p4InfoJson);
@@ -156,6 +197,8 @@ void P4TableInfoSm::doForgetPipeline() {
   services_.queryConfigDir->queryConfigDelAll();
   services_.typeConfigDir->typeConfigDelAll();
   tableInfo_->modelDel();
+  refused_ = {};
+  TheParsingStatus()->refusedIs("");
   queryOutputs_.clear();
 }
 

@@ -12,6 +12,7 @@
 #include "P4Runtime/pipeline/Json.h"
 #include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
+#include "pipeline/PipelineCheck.h"
 #include "platform/companion/P4RtSystemConfig.h"
 #include "platform/lattice/Database.h"
 #include "platform/pollen/QueryConfig.h"
@@ -107,6 +108,7 @@ class P4TableInfoSm : public Vela::Entity {
     std::string request;  // as it is pushed to the server
     std::string p4InfoJson;
     std::string deviceJson;
+    Pipeline::Refused refused;
   };
   NextPipeline readPipelineConfigFile(const std::string& path) const;
   void doChange();
@@ -125,7 +127,7 @@ class P4TableInfoSm : public Vela::Entity {
   void createRowConstructor(const cJSON* table);
   void createQueryOutput(const cJSON* query);
   void createQuery(const cJSON* query);
-  void doFindUnprogrammable();
+  void doRefuse();
   void watchTypeStatus(const std::string& name);
   void watchQueryStatus(const std::string& name);
 
@@ -137,6 +139,7 @@ class P4TableInfoSm : public Vela::Entity {
 
   JsonDocument jsonRootToDelete_;    // the device configuration, until the model is ready
   const cJSON* jsonRoot_ = nullptr;  // its "p4rtc" object
+  Pipeline::Refused refused_;        // of that configuration
   uint32_t generation_ = 0;          // of pipelines; callbacks of former ones are ignored
 
   std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> queryOutputs_;

@@ -1,13 +1,27 @@
 #include "P4Runtime/pipeline/ParsingStatus.h"
 
+#include "platform/vela/PlainText.h"
+
 namespace P4Runtime {
+namespace {
+
+constexpr size_t mostJson = 60;    // bytes of it that are shown
+constexpr size_t mostText = 1000;  // of all
+
+}  // namespace
 
 bool ParsingStatus::failureIs(const std::string& lattice, const std::string& what,
-                              const std::string& json) {
+                              const std::string& json, const std::string& help) {
   if (failed() && lattice == latticeError() && what == error() && json == jsonError()) return false;
   latticeErrorIs(lattice);
   errorIs(what);
   jsonErrorIs(json);
+  hintIs(help);
+  std::string line = what;
+  if (!lattice.empty()) line += ": " + lattice;
+  if (!json.empty()) line += "; JSON stops making sense at: " + json.substr(0, mostJson);
+  if (!help.empty()) line += "; " + help;
+  textIs(Vela::plainLine(line, mostText));
   failuresIs(failures() + 1);
   failedIs(true);
   return true;
@@ -17,6 +31,8 @@ void ParsingStatus::failureCleared() {
   latticeErrorIs("");
   errorIs("");
   jsonErrorIs("");
+  hintIs("");
+  textIs("");
   failedIs(false);
 }
 

@@ -17,12 +17,16 @@ class ParsingStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, latticeError, "")
   VELA_READONLY_ATTRIBUTE(std::string, error, "")
   VELA_READONLY_ATTRIBUTE(std::string, jsonError, "")
+  VELA_READONLY_ATTRIBUTE(std::string, hint, "")
+  VELA_READONLY_ATTRIBUTE(std::string, text, "")  // all of them in one line
   VELA_READONLY_ATTRIBUTE(uint32_t, failures, 0)  // since the agent started
+  // Tables and actions of the running pipeline that cannot be programmed, and why; one a line.
+  VELA_READONLY_ATTRIBUTE(std::string, refused, "")
 
  public:
   // False when it is the one that stands already, which a notice more has found again.
   bool failureIs(const std::string& latticeError, const std::string& error,
-                 const std::string& jsonError);
+                 const std::string& jsonError, const std::string& hint = {});
   void failureCleared();
 };
 

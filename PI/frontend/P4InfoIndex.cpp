@@ -175,10 +175,12 @@ void P4InfoIndex::doIndexObjects(const config::P4Info& p4Info) {
 
 void P4InfoIndex::doCheckDirectResources(const config::P4Info& p4Info) const {
   for (const auto& counter : p4Info.direct_counters()) {
+    if (counter.direct_table_id() == 0) continue;  // a table may name it still
     requireKind(counter.direct_table_id(), kTable,
                 absl::StrCat("direct counter ", counter.preamble().name()));
   }
   for (const auto& meter : p4Info.direct_meters()) {
+    if (meter.direct_table_id() == 0) continue;
     requireKind(meter.direct_table_id(), kTable,
                 absl::StrCat("direct meter ", meter.preamble().name()));
   }
@@ -302,7 +304,7 @@ void P4InfoIndex::directResourcesAre(TablePlan* plan, const config::P4Info& p4In
   const std::string user = "table " + plan->name;
   for (const uint32_t id : table.direct_resource_ids()) {
     const bool isMeter = isKind(id, kDirectMeter);
-    if (!isMeter) requireKind(id, kDirectCounter, user);
+    if (!isMeter && !isKind(id, kDirectCounter)) continue;  // of a kind that we do not serve
     if (isMeter ? plan->meter.has_value() : plan->counter.has_value()) {
       refuse(code::invalidArgument, "P4Info: ", user, " has ", objectText(id),
              " and another one of that kind; it can have one");

@@ -20,6 +20,12 @@ uint32_t number(const cJSON* object, const char* key) {
   return numberItem(object, key).value_or(0);
 }
 
+// Sizes have 64 bits, of which the view holds 53 exactly.
+std::string roomText(const cJSON* object) {
+  const double size = cJSON_GetNumberValue(cJSON_GetObjectItem(object, "size"));
+  return size > 0 ? fmt::format(", room for {:.0f}", size) : "";
+}
+
 bool flag(const cJSON* object, const char* key) {
   return cJSON_IsTrue(cJSON_GetObjectItem(object, key)) != 0;
 }
@@ -80,8 +86,7 @@ std::string entryText(const cJSON* entry) {
 
 std::string tableHead(const cJSON* table) {
   std::string head = fmt::format("table {}   id {}", text(table, "name"), number(table, "id"));
-  if (const uint32_t size = number(table, "size"); size != 0)
-    head += fmt::format(", room for {}", size);
+  head += roomText(table);
   if (flag(table, "constant")) head += ", constant";
   if (flag(table, "direct_counter")) head += ", direct counter";
   if (flag(table, "direct_meter")) head += ", direct meter";
@@ -93,8 +98,11 @@ std::string tableHead(const cJSON* table) {
 std::string actionsText(const cJSON* owner) {
   std::string lines;
   for (const cJSON* action : Items(owner, "actions")) {
-    lines += fmt::format("  action  {}({}){}\n", text(action, "name"), fieldsText(action, "params"),
-                         flag(action, "default_only") ? "   as default only" : "");
+    const std::string reason = text(action, "reason");
+    lines +=
+        fmt::format("  action  {}({}){}{}\n", text(action, "name"), fieldsText(action, "params"),
+                    flag(action, "default_only") ? "   as default only" : "",
+                    reason.empty() ? "" : "   CANNOT BE PROGRAMMED: " + reason);
   }
   return lines;
 }
@@ -109,8 +117,7 @@ std::string namesText(const cJSON* object, const char* key) {
 std::string profileText(const cJSON* profile) {
   std::string page =
       fmt::format("action profile {}   id {}", text(profile, "name"), number(profile, "id"));
-  if (const uint32_t size = number(profile, "size"); size != 0)
-    page += fmt::format(", room for {}", size);
+  page += roomText(profile);
   if (flag(profile, "selector")) {
     const bool weights = text(profile, "size_semantics") == "sum_of_weights";
     page += fmt::format(", groups of up to {} members{}", number(profile, "max_group_size"),
@@ -172,9 +179,14 @@ std::string headText(const cJSON* view) {
   const std::string election = text(view, "election_id");
   if (!election.empty()) head += ", election id " + election;
   int entries = 0;
-  for (const cJSON* table : Items(view, "tables"))
+  int refused = 0;
+  for (const cJSON* table : Items(view, "tables")) {
     entries += Items(table, "constant_entries").count();
-  return fmt::format("{}\n{}, {}, {}\n", head, countText(Items(view, "tables").count(), "table"),
+    if (!flag(table, "programmable")) ++refused;
+  }
+  std::string tables = countText(Items(view, "tables").count(), "table");
+  if (refused != 0) tables += fmt::format(" ({} of them cannot be programmed)", refused);
+  return fmt::format("{}\n{}, {}, {}\n", head, tables,
                      countText(Items(view, "action_profiles").count(), "action profile"),
                      fmt::format("{} constant {}", entries, entries == 1 ? "entry" : "entries"));
 }

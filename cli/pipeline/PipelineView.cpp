@@ -13,6 +13,7 @@
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
 #include "pipeline/P4InfoIndex.h"
+#include "pipeline/PipelineCheck.h"
 #include "pipeline/ProfileCheck.h"
 #include "pipeline/TypeCheck.h"
 
@@ -45,13 +46,18 @@ class ViewMaker {
   ViewMaker(const p4::v1::SetForwardingPipelineConfigRequest& request, const std::string& path)
       : request_(request), p4Info_(request.config().p4info()), index_(p4Info_), root_(newRoot()) {
     Findings findings;
-    checkReferences(index_, &findings);
-    for (const Finding& finding : findings.list()) {
-      throw PipelineError(path + ": " + findingText(finding) + " (see 'korvel pipeline check')");
-    }
+    checkP4Info(index_, &findings);
+    requireNone(findings, path);
+    const auto json = deviceData(request, &findings);
+    requireNone(findings, path);
+    auto config = parsedDeviceConfig(*json, &findings);
+    if (!config) requireNone(findings, path);
+    config_ = *std::move(config);
     layout_ = pipelineLayout(index_, &findings);
-    config_ = parsedDeviceConfig(deviceData(request), &findings);
     types_ = checkTypes(config_, &findings);
+    const Verdict verdict = checkPipeline(request);
+    refused_ = verdict.refused;
+    if (verdict.findings.hasErrors()) refused_.tables = layout_.refused;  // the rest was not tried
     for (const DeviceTable& table : config_.tables) {
       device_.emplace(std::make_pair(table.kind, table.id), table);
     }
@@ -77,6 +83,12 @@ class ViewMaker {
 
  private:
   static JsonPtr newRoot() { return JsonPtr(cJSON_CreateObject()); }
+
+  static void requireNone(const Findings& findings, const std::string& path) {
+    const Finding* error = findings.firstError();
+    if (error == nullptr) return;
+    throw PipelineError(path + ": " + findingText(*error) + " (see 'korvel pipeline check')");
+  }
 
   void addHead() {
     // Device ids have 64 bits, more than a JSON number holds exactly.
@@ -105,12 +117,12 @@ class ViewMaker {
     numberItemIs(object, "id", id);
     numberItemIs(object, "size", static_cast<double>(table.size()));
     const auto device = device_.find({TableKind::match, id});
-    const auto refused = layout_.refused.find(id);
-    const bool programmable = refused == layout_.refused.end() && device != device_.end();
+    const auto refused = refused_.tables.find({TableKind::match, id});
+    const bool programmable = refused == refused_.tables.end() && device != device_.end();
     boolItemIs(object, "programmable", programmable);
     if (!programmable) {
       stringItemIs(object, "reason",
-                   refused != layout_.refused.end() ? refused->second
+                   refused != refused_.tables.end() ? refused->second
                                                     : "it is not in the device configuration");
     } else {
       stringItemIs(object, "table", device->second.name);
@@ -127,7 +139,7 @@ class ViewMaker {
   }
 
   void addMatchFields(const p4::config::v1::Table& table, cJSON* fields) {
-    const TableLayout* layout = layout_.table(TableKind::match, table.preamble().id());
+    const TableLayout* layout = layout_.table({TableKind::match, table.preamble().id()});
     for (int i = 0; i < table.match_fields_size(); ++i) {
       const MatchField& field = table.match_fields(i);
       cJSON* item = newObjectIn(fields);
@@ -154,6 +166,8 @@ class ViewMaker {
       numberItemIs(item, "id", ref.id());
       if (ref.scope() == p4::config::v1::ActionRef::DEFAULT_ONLY)
         boolItemIs(item, "default_only", true);
+      const auto refused = refused_.actions.find(ref.id());
+      if (refused != refused_.actions.end()) stringItemIs(item, "reason", refused->second);
       addFields(action.params(), newArrayItem(item, "params"));
     }
   }
@@ -169,7 +183,7 @@ class ViewMaker {
   }
 
   void addEntries(const DeviceTable& device, const p4::config::v1::Table& table, cJSON* entries) {
-    const TableLayout* layout = layout_.table(TableKind::match, device.id);
+    const TableLayout* layout = layout_.table({TableKind::match, device.id});
     for (const DeviceEntry& entry : device.entries) {
       cJSON* item = newObjectIn(entries);
       try {
@@ -219,6 +233,7 @@ class ViewMaker {
   const P4InfoIndex index_;
   JsonPtr root_;
   PipelineLayout layout_;
+  Refused refused_;
   DeviceConfig config_;
   CompiledTypes types_;
   std::map<std::pair<TableKind, uint32_t>, DeviceTable> device_;

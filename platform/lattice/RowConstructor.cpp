@@ -222,9 +222,10 @@ std::string typeText(const Column& column) {
   }
 }
 
-// The field list names every slot; a mask's slot may go by its value's name.
-void checkFields(const TableType& type, const std::vector<std::string>& names,
-                 const std::vector<std::string>& types) {
+}  // namespace
+
+void requireTableFields(const TableType& type, const std::vector<std::string>& names,
+                        const std::vector<std::string>& types) {
   const auto differ = [&](const std::string& what) {
     throw TypeError("the table fields differ from table type " + type.name() + ": " + what);
   };
@@ -248,14 +249,12 @@ void checkFields(const TableType& type, const std::vector<std::string>& names,
   if (slot != names.size()) differ("field " + names[slot] + " has no column");
 }
 
-}  // namespace
-
 RowConstructor::RowConstructor(const std::string& typeName,
                                const std::vector<std::string>& fieldNames,
                                const std::vector<std::string>& fieldTypes)
     : type_(TheTypeRegistry().type(typeName)) {
   if (!type_) throw TypeError("there is no table type " + typeName);
-  checkFields(*type_, fieldNames, fieldTypes);
+  requireTableFields(*type_, fieldNames, fieldTypes);
   plan_ = std::make_shared<Plan>(*type_);
 }
 

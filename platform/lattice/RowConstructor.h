@@ -18,6 +18,13 @@ struct ArrayField {
   uint32_t count = 0;
 };
 
+// Whether a table's "table_fields", one element a slot, agree with the key columns of its type, in
+// order: names and types alike. A mask may go by its value's name; the priority need not be listed;
+// a slot of type "PrefixLen" belongs to the IpGenPrefix before it and has no column. Throws
+// TypeError.
+void requireTableFields(const TableType& type, const std::vector<std::string>& fieldNames,
+                        const std::vector<std::string>& fieldTypes);
+
 // Fields come in the order: key columns but the priority, value parts, priority. A column of an
 // integer type points to the integer in host order (little-endian, unaligned is fine), one of
 // another type to its bytes; an action part to its id (uint32_t) followed by one pointer a field of
@@ -25,9 +32,7 @@ struct ArrayField {
 // cir, cburst, pir, pburst (uint64_t), five pointers; a counter to flag, bytes, packets, three.
 class RowConstructor : public Vela::RefCounted {
  public:
-  // fieldNames and fieldTypes: the table's "table_fields", one element a slot; a slot of type
-  // "PrefixLen" belongs to the IpGenPrefix before it and has no column. They must agree with the
-  // key columns of the type. Throws TypeError (unknown type name, or a field that differs).
+  // Throws TypeError for an unknown type name, and as requireTableFields() does.
   RowConstructor(const std::string& typeName, const std::vector<std::string>& fieldNames,
                  const std::vector<std::string>& fieldTypes);
 

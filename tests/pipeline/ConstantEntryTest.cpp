@@ -100,7 +100,7 @@ TEST_F(ConstantEntryTest, ThatDoNotFitAreRefusedByName) {
     std::string file;
     const char* error;
   } cases[] = {
-      {"[{", "entries:1: not JSON"},
+      {"[{", "entries:1:3: not JSON: the text ends too early"},
       {"{\"table\": 1}", "expected an array of entries"},
       {"[7]", "entry 1: expected an object"},
       {R"([{"tabel": "lpm"}])", "entry 1: unknown \"tabel\""},

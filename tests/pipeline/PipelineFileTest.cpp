@@ -90,7 +90,8 @@ class PipelineFileTest : public ScratchTest {
     return request;
   }
   std::string deviceJson(const SetForwardingPipelineConfigRequest& request) const {
-    return deviceData(request);
+    Findings findings;
+    return deviceData(request, &findings).value_or("");
   }
   // What check says of the small pipeline once `text` in its device JSON became `other`.
   std::string checkedWith(const std::string& text, const std::string& other) {
@@ -104,7 +105,7 @@ class PipelineFileTest : public ScratchTest {
     request.mutable_config()->set_p4_device_config(config.SerializeAsString());
     return checked(written("changed", request.SerializeAsString()));
   }
-  std::string checked(const std::string& file) { return textOf(checkPipelineFile(file)); }
+  std::string checked(const std::string& file) { return textOf(checkPipelineFile(file).findings); }
 };
 
 TEST_F(PipelineFileTest, IsBuiltByteForByteFromEveryFormOfAP4Info) {
@@ -156,8 +157,15 @@ TEST_F(PipelineFileTest, IsNotWrittenWhenTheAgentCouldNotRunIt) {
     std::string contents;
     const char* error;
   } noP4Infos[] = {
-      {"", "p4info: empty"},
-      {"\n \n", "p4info: empty"},
+      {"", "p4info: no P4Info: it is empty"},
+      {"\n \n", "p4info: no P4Info: it is empty"},
+      {R"({"header_types": [], "parsers": [], "actions": [], "pipelines": []})",
+       "no P4Info: it is the compiler's JSON for a software switch; give the P4Info"},
+      {smallDeviceJson, "no P4Info: it is the JSON of a device configuration"},
+      {"{\"tables\": []\n \"actions\": []}",
+       "p4info:2:2: not JSON: a comma or a colon is missing before \"actions\": []}"},
+      {"{\"tables\": [\n],}", "p4info:2:3: not JSON: there is a comma too many before }"},
+      {"{\"tables\": [", "p4info:1:13: not JSON: the text ends too early"},
       {"tables {", "p4info:1:9: "},
       {"{\"tables\": 7}", "not a P4Info in JSON form"},
       {"hello world", "p4info:1:"},
@@ -222,34 +230,63 @@ TEST_F(PipelineFileTest, IsCheckedAsTheAgentWillReadIt) {
     const char* other;
     const char* finding;
   } cases[] = {
-      {"{\n", "", "device configuration:1: not JSON"},
+      {"{\n", "", "has no object \"p4rtc\""},
+      {"}],\n\t\t\"tables\"", "}]\n\t\t\"tables\"",
+       "error: the device configuration, line and column 7:3: not JSON: a comma or a colon is"
+       " missing before \"tables\""},
       {"p4rtc", "p4rtx", "has no object \"p4rtc\""},
       {"\"tables\"", "\"tablets\"", "error: the device configuration: has no array \"tables\""},
-      {"\"queries\"", "\"query\"", "error: the device configuration: has no array \"queries\""},
+      {"\"queries\"", "\"query\"", ""},
+      {"\"tables\"", "\"TABLES\"", ""},
+      {"\"queries\":\t[]", "\"queries\":\t{}", "has no array \"queries\""},
+      {"}],\n\t\t\"tables\"",
+       "}, {\"table_type\": \"routes\", \"table_type_def\": \"key a : U8;\"}],\"tables\"",
+       "error: table type routes: is defined twice"},
       {"key vrf : U16", "kee vrf : U16", "error: table type routes: does not compile: "},
       {"\"table_type\":\t\"routes\",\n\t\t\t\t\"table_class\"",
        "\"table_type\":\t\"other\",\n\t\t\t\t\"table_class\"",
        "error: table routes: its type \"other\" is not among the definitions"},
       {"\"field_type\":\t\"U16\"", "\"field_type\":\t\"U32\"",
-       "error: table routes: its field \"vrf\" of type U32 is not the key column"},
+       "error: table routes: the table fields differ from table type routes: field vrf is U32"},
       {"33554433", "33554499", "warning: table routes: its id 33554499 is no table of the P4Info"},
       {"33554433", "33554499",
        "warning: table c.routes: the device configuration has no such table"},
       {"\"table_id\":\t33554433", "\"table_id\":\t\"x\"", "error: table routes: has no number"},
-      {"16777217 {", "16777218 {", "its action forward (16777217) is not in the table type"},
-      {"dmac : EthAddr", "dmac : U32", "has other fields in the table type"},
-      {"\\naction", "\\ncounter;\\naction", "warning: table routes: its value columns are not"},
+      {"16777217 {", "16777218 {",
+       "cannot be programmed: its type has none of the table's actions"},
+      {"dmac : EthAddr", "dmac : U32", "column \"dmac\" of 4 bytes is not for 48 bits"},
+      {"\\naction", "\\ncounter;\\naction", "its columns behind the key are not the action\n"},
       {"\"00010a00", "\"000a00", "constant entry 1 cannot be programmed: key has 9 bytes"},
       {"\"00010a00", "\"04010a00", "the value 0x0401 of \"vrf\" does not fit its 10 bits"},
       {"08000000\"", "21000000\"", "the prefix length 33 of \"hdr.ipv4.dst\" is beyond"},
+      {"08000000\"", "00010000\"", "the prefix length 256 of \"hdr.ipv4.dst\" is beyond"},
       {"\"001122334455\"", "\"0011223344\"", "action_params has 5 bytes"},
       {"\"001122334455\"", "\"xy\"", "\"xy\" is not hexadecimal"},
       {"\"action_id\":\t16777217", "\"action_id\":\t3", "the action 3 is not one of the table's"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.text) + " -> " + c.other);
-    EXPECT_THAT(checkedWith(c.text, c.other), HasSubstr(c.finding));
+    const std::string findings = checkedWith(c.text, c.other);
+    EXPECT_THAT(findings, HasSubstr(c.finding));
+    EXPECT_EQ(findings.empty(), !*c.finding) << findings;
   }
+}
+
+// What the agent would not start with, or would start with and lose every entry by.
+TEST_F(PipelineFileTest, RunsOnlyWhenItInstallsThePipeline) {
+  SetForwardingPipelineConfigRequest request = built(options());
+  const auto changed = [&] { return checked(written("changed", request.SerializeAsString())); };
+  for (int action = 0; action <= 6; ++action) {
+    request.set_action(static_cast<SetForwardingPipelineConfigRequest::Action>(action));
+    const bool commits = request.action() == SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT;
+    EXPECT_EQ(changed().find("it must be VERIFY_AND_COMMIT") == std::string::npos, commits)
+        << action;
+  }
+  request.set_action(SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
+  request.set_device_id(0);
+  EXPECT_EQ(changed(), "");
+  request.set_device_id(uint64_t{1} << 32);
+  EXPECT_THAT(changed(), HasSubstr("the device id 4294967296 is none that an agent is"));
 }
 
 TEST_F(PipelineFileTest, IsRefusedWhenBroken) {
@@ -265,8 +302,13 @@ TEST_F(PipelineFileTest, IsRefusedWhenBroken) {
     std::string contents;
     const char* error;
   } cases[] = {
-      {"", "empty; expected a pipeline file"},
-      {smallP4Info, "a text file; expected a binary pipeline file"},
+      {"", "no pipeline file: it is empty"},
+      {smallP4Info, "it is a P4Info; make a pipeline file of it with 'korvel pipeline build"},
+      {p4InfoOf(smallP4Info).SerializeAsString(), "it is a P4Info; make a pipeline file of it"},
+      {R"({"tables": [], "actions": []})", "it is a P4Info; make a pipeline file of it"},
+      {R"({"header_types": [], "parsers": []})", "it is the compiler's JSON for a software switch"},
+      {smallDeviceJson, "it is the JSON of a device configuration alone"},
+      {"a letter to you", "a text file; expected a binary pipeline file"},
       {whole.substr(0, whole.size() - 1), "cut short"},
       {noConfig.SerializeAsString(), "it holds no pipeline configuration"},
       {with(""), "has no device configuration"},
@@ -302,7 +344,7 @@ TEST_F(PipelineFileTest, IsShownToPeopleAndAsJson) {
             "  action  c.forward(dmac: bit<48>)\n"
             "  entry   vrf = 1, hdr.ipv4.dst = 10.0.0.0/8 -> c.forward(dmac = "
             "00:11:22:33:44:55)\n");
-  const JsonPtr json = parsedJson("shown", shownPipeline(path("pipeline"), true));
+  const JsonPtr json = parsedJsonFile("shown", shownPipeline(path("pipeline"), true));
   const cJSON* table = cJSON_GetArrayItem(arrayItem(json.get(), "tables"), 0);
   EXPECT_EQ(stringItem(table, "table"), "routes");
   EXPECT_EQ(cJSON_GetArraySize(arrayItem(table, "constant_entries")), 1);

@@ -131,50 +131,24 @@ TEST_F(FieldConversion, NewRowMakesRoomForEightPrefixes) {
   EXPECT_DEATH(extractPrefixes(1), "prefixIndex_ < MaxPrefixes.*prefixIndex 8");
 }
 
-// What the assertions would abort on is told beforehand, with the field's name.
-TEST_F(FieldConversion, AbortsOnlyOnWhatItTellsOfBeforehand) {
+// No pipeline brings these: its check refuses such tables.
+TEST_F(FieldConversion, AbortsOnWhatTheCheckRefuses) {
   const struct {
     const char* what;
     std::vector<Slot> slots;
     const char* death;
-    const char* why;
   } cases[] = {
-      {"3 bytes", {{24}}, "Size 3 bytes\\?", "field first is 24 bits wide; fields of 3 bytes"},
-      {"17 bits", {{17}}, "Size 3 bytes\\?", "field first is 17 bits wide"},
-      {"an LPM field of 48 bits",
-       {{48, true, true}, {32, true}},
-       "addrBitWidth 48",
-       "longest-prefix field first is 48 bits wide"},
+      {"3 bytes", {{24}}, "Size 3 bytes\\?"},
+      {"17 bits", {{17}}, "Size 3 bytes\\?"},
+      {"an LPM field of 48 bits", {{48, true, true}, {32, true}}, "addrBitWidth 48"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     slotsAre(c.slots);
-    info_.slotNamesIs(table, {"first", "second"});
     info_.onNewRowStarted();
     std::string data(20, '\1');
     EXPECT_DEATH(extracted(data), c.death);
-    EXPECT_NE(info_.whyUnprogrammable(table).find(c.why), std::string::npos)
-        << info_.whyUnprogrammable(table);
   }
-  std::vector<Slot> nine(18, {32, true});
-  for (size_t i = 0; i < nine.size(); i += 2) nine[i].prefix = true;
-  slotsAre(nine);
-  EXPECT_EQ(info_.whyUnprogrammable(table), "it has more than 8 longest-prefix fields");
-  slotsAre({{32, true, true}, {32, true}, {128, true, true}, {32, true}, {24, true}, {9}});
-  EXPECT_EQ(info_.whyUnprogrammable(table), "");
-}
-
-TEST_F(FieldConversion, OnlyTheActionWithoutParametersMayHaveNoBits) {
-  slotsAre({{0}});
-  EXPECT_NE(info_.whyUnprogrammable(table), "");
-  slotsAre({{0}}, action);
-  info_.slotNamesIs(action, {""});
-  EXPECT_EQ(info_.whyUnprogrammable(action), "");
-  info_.slotNamesIs(action, {"port_name"});
-  EXPECT_EQ(info_.whyUnprogrammable(action),
-            "field port_name has no bit width that can be programmed");
-  slotsAre({{0}, {8}}, action);
-  EXPECT_NE(info_.whyUnprogrammable(action), "");
 }
 
 TEST(P4TableInfo, LooksUpAndForgets) {

@@ -70,8 +70,6 @@ TEST_F(P4InfoParsing, ParametersOfFourNamesAreInNetworkOrder) {
   parse("");
   EXPECT_EQ(layout({actionResource, 1}), "0");
   EXPECT_EQ(layout({actionResource, 2}), "48n 32 24n 0");
-  EXPECT_EQ(info().unprogrammable({actionResource, 2}),
-            "field wide is 256 bits wide; at most 255 can be programmed");
   EXPECT_EQ(info().nameOf({actionResource, 1}), "none");
   EXPECT_EQ(info().nameOf({actionResource, 2}), "action 2");
 }
@@ -80,11 +78,15 @@ TEST_F(P4InfoParsing, TablesHaveActionsSizesAndDirectResources) {
   parse(
       R"({"preamble": {"id": 5}, "size": "4294967295", "actionRefs": [{"id": 2}, {"id": 1}],
             "directResourceIds": [70, 99]},
-           {"preamble": {"id": 6}, "directResourceIds": [60, 70]}, {"preamble": {"id": 7}})",
+           {"preamble": {"id": 6}, "size": "4294967296", "directResourceIds": [60, 70]},
+           {"preamble": {"id": 7}}, {"PREAMBLE": {"Id": 8}, "Size": "-1"})",
       R"("directMeters": [{"preamble": {"id": 60}}], "directCounters": [{"preamble": {"id": 70}}])");
   EXPECT_EQ(info().actionIdColForTable({tableResource, 5}).actionId(),
             (std::vector<uint32_t>{2, 1}));
   EXPECT_EQ(info().maxTableSize({tableResource, 5}), UINT32_MAX);
+  EXPECT_EQ(info().maxTableSize({tableResource, 6}), UINT32_MAX) << "more than there can be";
+  EXPECT_TRUE(info().maxTableSizeHas({tableResource, 8})) << "names are found in any case";
+  EXPECT_EQ(info().maxTableSize({tableResource, 8}), 0u);
   EXPECT_FALSE(info().hasDirectMeter({tableResource, 5}));
   EXPECT_TRUE(info().hasDirectCounter({tableResource, 5}));
   EXPECT_TRUE(info().hasDirectMeter({tableResource, 6}));

@@ -10,6 +10,7 @@ namespace {
 
 using namespace TestSupport;
 using testing::HasSubstr;
+using Request = p4::v1::SetForwardingPipelineConfigRequest;
 
 class P4TableInfoSmTest : public AgentTest {
  protected:
@@ -50,24 +51,60 @@ TEST_F(P4TableInfoSmTest, BringsUpEveryTable) {
 TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
   const uint64_t handle = agent().added(exactEntry(1));
   const std::string path = agent().directory + "/bad";
+  const auto withAction = [](Request::Action action) {
+    Request request = smallPipeline();
+    request.set_action(action);
+    return request.SerializeAsString();
+  };
+  const auto withDeviceBytes = [](const std::string& bytes) {
+    Request request = smallPipeline();
+    request.mutable_config()->set_p4_device_config(bytes);
+    return request.SerializeAsString();
+  };
   const struct {
     const char* what;
     std::string path;
     std::string content;
     std::string error;
+    std::string hint = {};
   } cases[] = {
-      {"no path", "", "", "Pipeline Configuration not available yet: "},
+      {"no path", "", "", "Pipeline Configuration not available yet: ",
+       "set forwardingPipelineConfigFilePath of p4runtime/config/system to a file that 'korvel"
+       " pipeline build' has made"},
       {"no file", agent().directory + "/absent", "",
-       "Failed to open file " + agent().directory + "/absent"},
+       "Failed to open file " + agent().directory + "/absent",
+       "No such file or directory, set forwardingPipelineConfigFilePath of p4runtime/config/system"
+       " to a file that 'korvel pipeline build' has made"},
+      {"a P4Info in its place", path + "0", smallP4Info(),
+       "Failed to read pipeline configuration file " + path + "0",
+       "it is a P4Info; make a pipeline file of it with 'korvel pipeline build --p4info FILE"
+       " --device-id N -o PIPELINE'"},
       {"a directory", agent().directory, "",
-       "Failed to read pipeline configuration file " + agent().directory},
+       "Failed to read pipeline configuration file " + agent().directory, "it is a directory"},
       {"a cut file", path + "1", smallPipeline().SerializeAsString().substr(0, 1000),
        "Failed to read pipeline configuration file " + path + "1"},
       {"another device's", path + "2",
        pipelineOf(smallP4Info(), smallDeviceConfig(), 7).SerializeAsString(),
        "Device id in the pipeline configuration 7 does not match the configured device id 1"},
       {"an empty file", path + "3", "",
-       "Device id in the pipeline configuration 0 does not match the configured device id 1"},
+       "Device id in the pipeline configuration 0 does not match the configured device id 1",
+       "it is empty"},
+      {"one that is only to be verified", path + "4", withAction(Request::VERIFY),
+       "the action of the pipeline file is VERIFY, which does not install it; it must be"
+       " VERIFY_AND_COMMIT: make the file with 'korvel pipeline build'"},
+      {"one without an action", path + "5", withAction(Request::UNSPECIFIED),
+       "the action of the pipeline file is UNSPECIFIED, which does not install it; it must be"
+       " VERIFY_AND_COMMIT: make the file with 'korvel pipeline build'"},
+      {"no device configuration", path + "6", withDeviceBytes("\x0a\x05"),
+       "Failed to read device configuration " + path + "6"},
+      {"a P4Info without actions", path + "7",
+       pipelineOf("", smallDeviceConfig()).SerializeAsString(),
+       "Cannot find actions section in the P4Info file"},
+      {"a profile that its table does not name", path + "8",
+       pipelineOf(replaced(smallP4Info(), "implementation_id: 0x11000001", ""), smallDeviceConfig())
+           .SerializeAsString(),
+       "P4Info: action profile profile is that of table group, which names none as its"
+       " implementation"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -79,13 +116,14 @@ TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
     agent().settle();
     EXPECT_TRUE(TheParsingStatus()->failed());
     EXPECT_EQ(error(), c.error);
+    EXPECT_EQ(TheParsingStatus()->hint(), c.hint);
     EXPECT_TRUE(ready());
   }
   EXPECT_EQ(codeOfAdd(exactEntry(1, 9)), 0);
   EXPECT_EQ(agent().lastHandle, handle);
 }
 
-TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationStopsWithItsReason) {
+TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationLeavesTheRunningPipelineAlone) {
   const struct {
     const char* what;
     const char* from;
@@ -99,6 +137,10 @@ TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationStopsWithItsReason) {
        "\"table_type_def\"", "Cannot parse table_type to create table types"},
       {"a type that does not compile", "key ether_type : U16", "key ether_type : U17",
        "Compilation failed for exact_type"},
+      {"a type defined twice", "\"table_type\": \"acl_type\", \"table_type_def\"",
+       "\"table_type\": \"exact_type\", \"table_type_def\"",
+       "Cannot parse table type exact_type: it is defined twice to create table types"},
+      {"no tables", "\"tables\"", "\"tablets\"", "Cannot parse tables to create tables"},
       {"a table of no type", "\"table_type\": \"acl_type\",\n", "\"table_type\": \"other_type\",\n",
        "Cannot parse table acl: no definition of its type other_type"},
       {"a name twice", "\"table_name\": \"acl\"", "\"table_name\": \"exact\"",
@@ -123,7 +165,7 @@ TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationStopsWithItsReason) {
                        c.what);
     EXPECT_TRUE(TheParsingStatus()->failed());
     EXPECT_THAT(error(), HasSubstr(c.error));
-    EXPECT_FALSE(ready());
+    EXPECT_TRUE(ready());
   }
   agent().pipelineIs(smallPipeline(), "good again");
   EXPECT_TRUE(ready());
@@ -153,25 +195,25 @@ TEST_F(P4TableInfoSmTest, TableWhoseTypeDoesNotFitItsP4InfoIsRefused) {
   } cases[] = {
       {"a shorter key field", "name: \"ether_type\" bitwidth: 16",
        "name: \"ether_type\" bitwidth: 8", exactEntry(1),
-       "its type has column ether_type of 2 bytes for a field of 8 bits"},
+       "column \"ether_type\" of 2 bytes is not for 8 bits"},
       {"a key field less", "match_fields { id: 2 name: \"port\" bitwidth: 9 match_type: EXACT }",
-       "", exactEntry(1), "its type has column port too many"},
+       "", exactEntry(1), "no match field fills its key column \"port\""},
       {"a key field more", "match_fields { id: 2 name: \"port\" bitwidth: 9 match_type: EXACT }",
        "match_fields { id: 2 name: \"port\" bitwidth: 9 match_type: EXACT } "
        "match_fields { id: 3 name: \"x\" bitwidth: 8 match_type: EXACT }",
-       exactEntry(1), "its type has columns for 2 of 3 fields"},
+       exactEntry(1), "its key has 2 columns, too few for the match fields"},
       {"a prefix that is none",
        "name: \"dst\" bitwidth: 32 match_type: LPM",
        "name: \"dst\" bitwidth: 32 match_type: EXACT",
        {route4Table, "", drop, ""},
-       "its type has column dst of 24 bytes for a field of 32 bits"},
+       "column \"dst\" of 24 bytes is not for 32 bits"},
       {"a shorter parameter", "name: \"set_port\" } params { id: 1 name: \"port\" bitwidth: 9 }",
        "name: \"set_port\" } params { id: 1 name: \"port\" bitwidth: 8 }", exactEntry(1),
-       "action set_port: its type has column port of 2 bytes for a field of 8 bits"},
+       "its action \"set_port\": column \"port\" of 2 bytes is not for 8 bits"},
       {"a parameter less", "name: \"set_port\" } params { id: 1 name: \"port\" bitwidth: 9 }",
        "name: \"set_port\" } params { id: 1 name: \"port\" bitwidth: 9 } "
        "params { id: 2 name: \"x\" bitwidth: 8 }",
-       exactEntry(1), "its type gives action set_port 1 fields instead of 2"},
+       exactEntry(1), "its action \"set_port\": it has 1 fields for 2 parameters"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -181,6 +223,30 @@ TEST_F(P4TableInfoSmTest, TableWhoseTypeDoesNotFitItsP4InfoIsRefused) {
     EXPECT_EQ(codeOfAdd(c.entry), 12);
     EXPECT_THAT(message(), HasSubstr(c.why));
   }
+}
+
+// Nothing of it can be programmed, and controllers are told so, table by table.
+TEST_F(P4TableInfoSmTest, PipelineWithoutAProgrammableTableComesUp) {
+  const std::string empty =
+      R"({"p4rtc": {"table_type_definitions": [], "tables": [], "queries": []}})";
+  agent().pipelineIs(pipelineOf(smallP4Info(), empty), "empty");
+  EXPECT_TRUE(ready()) << error();
+  EXPECT_FALSE(TheParsingStatus()->failed()) << error();
+  EXPECT_EQ(codeOfAdd(exactEntry(1)), 12);
+  EXPECT_THAT(message(), HasSubstr("table exact is not part of the pipeline's device config"));
+}
+
+TEST_F(P4TableInfoSmTest, ConstantEntriesThatCannotBeProgrammedAreLeftOut) {
+  deviceConfigIs(R"("table_entries": [])", R"("table_entries": [
+      {"key": "08000001", "action_id": 16777219, "action_params": ""},
+      {"key": "08000200", "action_id": 16777219, "action_params": ""},
+      {"key": "08000002", "action_id": 7, "action_params": ""}, {"key": 7},
+      {"key": "08000003", "action_id": 16777217, "action_params": "0001"}])");
+  EXPECT_TRUE(ready()) << error();
+  const auto& entries = agent().tableInfo->constEntries({tableResource, exactTable}).entry();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].key, "08000001");
+  EXPECT_EQ(entries[1].key, "08000003");
 }
 
 TEST_F(P4TableInfoSmTest, NewPipelineStartsFromNothing) {
@@ -220,7 +286,7 @@ TEST_F(P4TableInfoSmTest, PipelineThatIsOvertakenNeverComesUp) {
 TEST_F(P4TableInfoSmTest, QueriesComeUpWithTheirTables) {
   deviceConfigIs("\"queries\": []",
                  R"("queries": [{"output_table_path": "ports", "output_table_type": "exact_type",
-       "query": "SELECT ether_type, port, action, set_port_port, drop_none FROM e",
+       "query": "SELECT ether_type, port, action, set_port_port FROM e",
        "input_tables": [{"table_key": "e", "table_value": "exact"}],
        "params": [{"param_key": "p", "param_value": "1"}]}])");
   const auto query = agent().services.queryConfigDir->queryConfig("ports");

@@ -49,11 +49,8 @@ TEST(P4InfoIndex, RefusesWhatCannotBeRealised) {
       {"two counters",
        [](P4Info& p) { p.mutable_tables(3)->set_direct_resource_ids(1, 0x13000001); },
        "table ingress.counted has direct counter ingress.counter and another one"},
-      {"a direct resource that is not there",
-       [](P4Info& p) { p.mutable_tables(3)->set_direct_resource_ids(0, 0x13000009); },
-       "table ingress.counted refers to direct counter"},
-      {"a direct meter of no table",
-       [](P4Info& p) { p.mutable_direct_meters(0)->set_direct_table_id(0); },
+      {"a direct meter of a table that is not there",
+       [](P4Info& p) { p.mutable_direct_meters(0)->set_direct_table_id(9); },
        "direct meter ingress.meter refers to table"},
       {"a constant default that is not there",
        [](P4Info& p) { p.mutable_tables(4)->set_const_default_action_id(9); },
@@ -101,6 +98,16 @@ TEST(P4InfoIndex, RefusesWhatCannotBeRealised) {
       EXPECT_THAT(refusal.message(), HasSubstr(c.says));
     }
   }
+}
+
+// The table's word ties a direct resource to it; what is no counter and no meter is not served.
+TEST(P4InfoIndex, TakesDirectResourcesThatAreNotTiedBothWays) {
+  P4Info p4Info = test::pipelineConfig().p4info();
+  const auto& counted = p4Info.tables(3);
+  const uint32_t table = counted.preamble().id();
+  p4Info.mutable_direct_counters(0)->set_direct_table_id(0);
+  p4Info.mutable_tables(3)->add_direct_resource_ids(0x99000001);
+  EXPECT_TRUE(P4InfoIndex(p4Info).table(table)->counter.has_value());
 }
 
 // Some compilers leave out the list; the table's own word is enough.
