@@ -145,6 +145,11 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
   const auto converted =
       google::protobuf::util::MessageToJsonString(request.config().p4info(), &next.p4InfoJson);
   if (!converted.ok()) fail("Failed to convert p4Info to JSON " + converted.ToString());
+  constexpr size_t largestRequest = size_t{64} << 20;  // that the P4Runtime server takes
+  if (next.request.size() > largestRequest) {
+    fail(fmt::format("The pipeline configuration {} has {} bytes; a server takes at most {}", path,
+                     next.request.size(), largestRequest));
+  }
   p4::tmp::P4DeviceConfig device;
   if (!device.ParseFromString(request.config().p4_device_config())) {
     fail("Failed to read device configuration " + path);

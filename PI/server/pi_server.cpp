@@ -58,13 +58,15 @@ void requireUsable(const Credentials& credentials) {
   grpc::ServerBuilder builder;
   const auto queue = builder.AddCompletionQueue();
   builder.AddListeningPort("127.0.0.1:0", credentials, &port);
-  const auto listening = builder.BuildAndStart();
-  if (listening) listening->Shutdown();
+  auto server = builder.BuildAndStart();
+  const bool listening = server && port != 0;
+  if (server) server->Shutdown();
+  server.reset();
   queue->Shutdown();
   void* tag = nullptr;
   for (bool ok = true; queue->Next(&tag, &ok);) {
   }
-  if (!listening || port == 0) {
+  if (!listening) {
     throw std::runtime_error("cannot listen: gRPC refused the certificates; check them");
   }
 }
