@@ -84,10 +84,15 @@ void printForwardingAgents(const Json& agent) {
 }
 
 // Failures that no controller was told of, with table and key.
-void printFailures(const Json& failures) {
-  const std::string list = textOf(failures, "list");
+void printList(const Json& failures, const char* attribute, const char* title) {
+  const std::string list = textOf(failures, attribute);
   if (list.empty()) return;
-  printAttribute("not programmed", *Json(cJSON_CreateString(("\n" + list).c_str())));
+  printAttribute(title, *Json(cJSON_CreateString(("\n" + list).c_str())));
+}
+
+void printFailures(const Json& failures) {
+  printList(failures, "list", "not programmed");
+  printList(failures, "notRestoredList", "not restored");
 }
 
 // What is said before, or nobody wants to see twice.

@@ -122,6 +122,11 @@ void Agent::doFollowReports() {
       [this](EntryHandle handle) { tableImpl()->updateCachedEntryState(handle, true); });
   batchStatus()->strayReportHandlerIs(
       [this](const Lattice::Report& report) { tableImpl()->handleStrayReport(report); });
+  tables_->lossHandlerIs([this](const std::string& reason) {
+    if (p4RtSystemStatus()->brokenInvariant()) return;  // it has been said
+    P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
+        fmt::format("what was to be stored is lost: {}", reason)));
+  });
   tables_->observerIs({
       .reports =
           [this](auto reports) {

@@ -54,7 +54,9 @@ void Agent::doUpdateStatus() {
   status_->deviceIdIs(p4RtSystemConfig()->deviceId());
   status_->serverAddressIs(piServer()->serverAddressPortStr());
   status_->serverReadyIs(piServer()->serverReady());
-  status_->pipelineFileIs(p4RtSystemConfig()->forwardingPipelineConfigFilePath());
+  const bool runs = p4TableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady;
+  status_->pipelineFileIs(runs ? TheParsingStatus()->pipelineFile()
+                               : p4RtSystemConfig()->forwardingPipelineConfigFilePath());
   status_->pipelineStateIs(enumToText(p4TableInfo()->tableInfoState()));
   status_->permissionLevelIs(
       permissionText(pi::fe::proto::DeviceMgr::get_operation_permission_level()));

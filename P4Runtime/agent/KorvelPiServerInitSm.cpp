@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <utility>
 
 #include "P4Runtime/pi/P4RuntimeException.h"
@@ -21,14 +20,6 @@ namespace {
 Scrivel::TraceHandle trace("KorvelPiServerInitSm");
 
 }  // namespace
-
-std::string bytesFromHexadecimal(const std::string& text) {
-  std::string bytes;
-  for (size_t at = 0; at < text.size(); at += 2) {
-    bytes += static_cast<char>(std::strtoul(text.substr(at, 2).c_str(), nullptr, 16));
-  }
-  return bytes;
-}
 
 KorvelPiServerInitSm::KorvelPiServerInitSm(
     Vela::Ptr<P4TableInfo> tableInfo,
@@ -150,6 +141,7 @@ void KorvelPiServerInitSm::doRestore() {
   try {
     tableImpl()->restoreCachedEntries();
     programConstantTables();
+    tableImpl()->commitOrThrow();
   } catch (const std::exception& e) {  // of the store
     P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
         fmt::format("the surviving entries could not be restored: {}", e.what())));
@@ -176,6 +168,7 @@ void KorvelPiServerInitSm::programConstantTables() {
 
 void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
                                                 const P4TableInfoConstEntry& entry) {
+  const ResourceId rid{tableResource, tableId};
   std::string key = bytesFromHexadecimal(entry.key);
   const pi_dev_id_t deviceId = server()->deviceId();
   const pi_p4info_t* p4info = pi_get_device_p4info(deviceId);
@@ -185,6 +178,7 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
     SCRIVEL_TRACE(5, "programConstantTables",
                   " Constant entry is already in cache with entryhandle ", known);
     pi_constant_table_entry_state(deviceId, tableId, &matchKey, nullptr, known);
+    tableImpl()->constantEntries().maybeProgrammedIs(rid, known, entry);
     return;
   }
   std::string parameters = bytesFromHexadecimal(entry.actionParams);
@@ -198,10 +192,11 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   tableImpl()->updateCachedEntryState(handle, false);
   if (status == PI_STATUS_SUCCESS) {
     pi_constant_table_entry_state(deviceId, tableId, &matchKey, &tableEntry, handle);
+    tableImpl()->constantEntries().programmedIs(rid, handle, entry);
     return;
   }
   fmt::print(stderr, "korvel: a constant entry of table {} (key {}) could not be added\n",
-             tableInfo()->nameOf({tableResource, tableId}), entry.key);
+             tableInfo()->nameOf(rid), entry.key);
   if (status != updateFailedStatus) {
     SCRIVEL_TRACE(0, "programConstantTables", "Failed to add const entry to table: ", tableId,
                   " return code: ", static_cast<int>(status));

@@ -61,7 +61,4 @@ Vela::Ptr<KorvelPiServerInitSm> korvelPiServerInitSmFactory(
     Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus, Vela::Ptr<KorvelPiServer> server,
     Vela::Ptr<TableImpl> tableImpl);
 
-// Pairs of hexadecimal characters to bytes; a last single character is a byte of its own.
-std::string bytesFromHexadecimal(const std::string& text);
-
 }  // namespace P4Runtime

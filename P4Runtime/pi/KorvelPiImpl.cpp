@@ -197,10 +197,33 @@ void updatePendingStatus(StatusVector& statusVector) {
   waitForStatusUpdates();
   handleCompletedTransactions(statusVector);
   maybeHandleTimedOutStatusEntries(statusVector);
-  // Only records' states are left to store, which a restart finds out anew; what was put back must
-  // be stored before the controller hears of it.
-  if (!TheTableImpl()->entriesRestored()) TheBatchStatus()->onBatchConfirmed();
 }
+
+// What was put back must be stored before the controller hears of it. Without that, only records'
+// states are left to store, which a restart finds out anew.
+void storeOutcome() {
+  if (TheTableImpl()->anyPutBack()) {
+    TheTableImpl()->commitPutBack();
+  } else {
+    TheBatchStatus()->onBatchConfirmed();
+  }
+}
+
+// What is not understood must not be answered as if it were: neither done nor undone is certain.
+void breakInvariant(StatusVector& statusVector, const char* why) {
+  for (auto& [offset, error] : statusVector) {
+    if (!isPending(error)) continue;
+    error.set_canonical_code(canonicalCode(ErrorCode::internalError));
+    error.set_message(fmt::format("its outcome is not known: {}; the switch is critical", why));
+  }
+  P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
+      fmt::format("the outcome of a Write could not be settled: {}", why)));
+}
+
+// Whatever happens, the batch is over, and the gate for Writes hears of it.
+struct BatchSettled {
+  ~BatchSettled() { TheBatchStatus()->onBatchSettled(); }
+};
 
 void settleStatusEntry(StatusVector& statusVector, StatusIter element, uint32_t errorCode,
                        const std::string& message) {
@@ -341,15 +364,17 @@ using Vela::ActivityLock;
 
 void _pi_update_pending_status(StatusVector* statusVector) {
   const ActivityLock lock;
+  const P4Runtime::BatchSettled settled;
   SCRIVEL_TRACE(5, "_pi_update_pending_status", " updates: ", statusVector->size());
   try {
     P4Runtime::updatePendingStatus(*statusVector);
   } catch (const P4Runtime::P4RuntimeCriticalStateException& e) {
     P4Runtime::P4RuntimeCriticalStateException::handleException(e);
   } catch (const std::exception& e) {
-    SCRIVEL_TRACE(0, "_pi_update_pending_status", " dropped exception: ", e.what());
+    SCRIVEL_TRACE(0, "_pi_update_pending_status", " unexpected exception: ", e.what());
+    P4Runtime::breakInvariant(*statusVector, e.what());
   }
-  TheBatchStatus()->onBatchSettled();
+  P4Runtime::storeOutcome();
 }
 
 extern "C" {

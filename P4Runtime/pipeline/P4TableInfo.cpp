@@ -69,7 +69,7 @@ std::string P4TableInfo::kindAndName(ResourceId rid) const {
   const char* const kind = rid.type == actionResource ? "action"
                            : isProfile                ? "action profile"
                                                       : "table";
-  return std::string(kind) + ' ' + nameOf(rid);
+  return resourceNameHas(rid) ? std::string(kind) + ' ' + nameOf(rid) : toText(rid);
 }
 
 std::shared_ptr<const Lattice::TableType> P4TableInfo::typeOfTable(

@@ -176,6 +176,7 @@ void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   doForgetPipeline();
   refused_ = next.refused;
   tableInfo_->pipelineRequestIs(next.request);
+  TheParsingStatus()->pipelineFileIs(next.path);
   writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
   handleP4InfoStr(next.p4InfoJson);
   writeForPeople(files_.deviceJsonPath, next.deviceJson);

@@ -22,6 +22,8 @@ class ParsingStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint32_t, failures, 0)  // since the agent started
   // Tables and actions of the running pipeline that cannot be programmed, and why; one a line.
   VELA_READONLY_ATTRIBUTE(std::string, refused, "")
+  // The file that the pipeline is made of, which need not be the one configured; "": none yet.
+  VELA_READONLY_ATTRIBUTE(std::string, pipelineFile, "")
 
  public:
   // False when it is the one that stands already, which a notice more has found again.

@@ -24,6 +24,17 @@ std::array<uint8_t, 16> storedKey(const CacheKey& key) {
   return bytes;
 }
 
+CacheKey cacheKeyOf(std::span<const uint8_t> stored) {
+  if (stored.size() != 16) return {};
+  const auto number = [&](size_t from, size_t to) {
+    uint64_t value = 0;
+    for (size_t at = from; at < to; ++at) value = value << 8 | stored[at];
+    return value;
+  };
+  return {{static_cast<ResourceType>(number(0, 4)), static_cast<uint32_t>(number(4, 8))},
+          number(8, 16)};
+}
+
 std::array<uint8_t, 8> storedKeyPrefix(const ResourceId& rid) {
   std::array<uint8_t, 8> bytes;
   putBigEndian(putBigEndian(bytes.data(), rid.type), rid.id);

@@ -94,6 +94,15 @@ void EntryFailures::inStepIs(uint64_t sequence) {
   }
 }
 
+void EntryFailures::notRestoredAre(const std::vector<std::string>& texts) {
+  std::string lines;
+  for (size_t i = 0; i < texts.size() && i < mostListed; ++i) {
+    lines += (lines.empty() ? "" : "\n") + texts[i];
+  }
+  notRestoredIs(texts.size());
+  notRestoredListIs(lines);
+}
+
 // A forwarding agent that is full fails a hundred thousand entries in a row: what lies behind the
 // listed ones must cost nothing.
 void EntryFailures::publishFrom(EntryHandle handle) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/companion/ResourceId.h"
 #include "platform/vela/Entity.h"
@@ -28,6 +29,10 @@ class EntryFailures : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, list, "")
   // Failures that were reported on a row, or a change of it, that does not stand; none is listed.
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsOnNoRow, 0)
+  // What survived of the last start or pipeline change and could not be restored: what it was and
+  // why, one a line; the first thousand.
+  VELA_READONLY_ATTRIBUTE(uint64_t, notRestored, 0)
+  VELA_READONLY_ATTRIBUTE(std::string, notRestoredList, "")
 
  public:
   // False if this failure is already recorded, or the agent has said something later.
@@ -39,6 +44,7 @@ class EntryFailures : public Vela::Entity {
   bool empty() const { return failures_.empty(); }
   bool failed(EntryHandle handle) const;  // for any agent
   void reportOnNoRow() { reportsOnNoRowIs(reportsOnNoRow() + 1); }
+  void notRestoredAre(const std::vector<std::string>& texts);
 
   // A new entry was taken back by the change `sequence`, and has no handle any more; `text` says
   // which. The newest ones are remembered, as long as their removal may fail.

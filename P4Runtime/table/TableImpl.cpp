@@ -25,6 +25,11 @@ using pi::fe::proto::DeviceMgr;
 
 constexpr size_t sizeLimit = 1024;  // bytes of a key or an action, exclusive
 
+bool isCritical() {
+  const auto* status = TheP4RtSystemStatus();
+  return status && (status->critical() || status->brokenInvariant());
+}
+
 [[noreturn]] void refuse(ErrorCode code, const std::string& message, EntryHandle handle = 0) {
   throw P4RuntimeException(message, handle, pi_batch_current_offset(), code);
 }
@@ -47,9 +52,7 @@ TableImpl::TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> ha
                  return std::string("writes are refused from here on");
                }});
   operationIs({"revertCriticalState", {}, [this](const auto&) {
-                 const auto* status = TheP4RtSystemStatus();
-                 const bool wasCritical =
-                     status && (status->critical() || status->brokenInvariant());
+                 const bool wasCritical = isCritical();
                  revertCriticalState();
                  if (!wasCritical) return std::string("the switch was not in critical state");
                  return std::string(DeviceMgr::get_operation_permission_level() == nothingAllowed
@@ -97,6 +100,9 @@ void TableImpl::maybeCheckTableSizeLimit(const ResourceId& rid, EntryHandle hand
 TableImpl::Table TableImpl::requireTable(const ResourceId& rid) const {
   if (cacheLetGo_) {
     refuse(ErrorCode::notReady, "the agent is disabled; write again once it is enabled");
+  }
+  if (TheBatchStatus()->inProgress() && isCritical()) {
+    refuse(ErrorCode::inconsistentState, "WRITE operation is not allowed due to critical state");
   }
   if (const std::string& why = tableInfo_->unprogrammable(rid); !why.empty()) {
     refuse(ErrorCode::cannotProgram,
@@ -267,7 +273,8 @@ EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle, bool i
     if (restoring_) {
       // What a direct meter was set to stands only in the surviving row.
       const bool keep =
-          oldRow && table.interface.rowEntryHandle(row.key) == handle &&
+          oldRow && !rewritten_.contains(handle) &&
+          table.interface.rowEntryHandle(row.key) == handle &&
           (tableInfo_->hasDirectMeter(table.rid) || tableInfo_->hasDirectCounter(table.rid));
       if (!keep) table.interface.rowIs(row, handle);
       return handle;
@@ -357,7 +364,6 @@ size_t TableImpl::numPendingEntries() const {
 
 void TableImpl::clearPendingOperations() {
   pendingOperations_.clear();
-  entriesRestored_ = false;
   TheBatchStatus()->pendingOperationDelAll();
 }
 
@@ -376,6 +382,9 @@ void TableImpl::triggerCriticalState() {
   }
 }
 
-void TableImpl::revertCriticalState() { P4RuntimeBrokenInvariantException::revertCriticalState(); }
+void TableImpl::revertCriticalState() {
+  maybePutBackAgain();
+  P4RuntimeBrokenInvariantException::revertCriticalState();
+}
 
 }  // namespace P4Runtime

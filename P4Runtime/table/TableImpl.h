@@ -8,11 +8,13 @@
 #include <string>
 #include <vector>
 
+#include <absl/container/flat_hash_set.h>
 #include <absl/container/node_hash_map.h>
 
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/P4CounterMeters.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
+#include "P4Runtime/table/ConstantEntries.h"
 #include "P4Runtime/table/Restoring.h"
 #include "P4Runtime/table/TableCache.h"
 #include "PI/pi_tables.h"
@@ -105,8 +107,11 @@ class TableImpl : public Vela::Entity {
   void entryCacheDel(const ResourceId& rid, EntryHandle handle);
   void restoreTableEntryOnFailure(EntryHandle handle);
 
-  // Gives what survived a restart back to the PI library and to the handle manager. Rows that are
-  // as they were are not written again.
+  // Gives what survived a restart back to the PI library and to the handle manager: members, then
+  // groups, then the entries that name them. Rows that are as they were are not written again.
+  // Records that the pipeline is known to have no place for are removed, and listed in failures();
+  // so are rows that no entry stands for. Anything else that goes wrong is thrown, and nothing more
+  // is removed.
   void restoreCachedEntries();
   void restoreActionMemberCachedEntries();
   void restoreActionGroupCachedEntries();
@@ -123,8 +128,14 @@ class TableImpl : public Vela::Entity {
 
   void clearPendingOperations();
   size_t numPendingEntries() const;  // that wait for the forwarding agents
-  // Whether an entry has been put back since the pending operations were last cleared.
-  bool entriesRestored() const { return entriesRestored_; }
+  // Whether entries were put back outside a batch, and the store has yet to commit them.
+  bool anyPutBack() const { return !putBack_.empty(); }
+  // Commits them. When the store cannot, the critical state begins: the tables then hold what was
+  // to be undone, until revertCriticalState() can put it back.
+  void commitPutBack();
+  // Commits what was restored and programmed outside a batch. Throws std::runtime_error with the
+  // reason when the store cannot.
+  void commitOrThrow();
 
   void validateKeySize(size_t bytes) const;
   void validateActionSize(size_t bytes) const;
@@ -136,6 +147,8 @@ class TableImpl : public Vela::Entity {
                            uint8_t* action, uint32_t& count, const uint8_t** fields);
 
   void triggerCriticalState();
+  // Throws Vela::Exception, and the state stays, when entries that failed can still not be put
+  // back.
   void revertCriticalState();
 
   // Null until the caches are mounted.
@@ -149,10 +162,13 @@ class TableImpl : public Vela::Entity {
   void handleInStep(uint64_t sequence);
   // What forwarding agents reported as failed when no batch was waiting for it.
   const Vela::Ptr<EntryFailures>& failures() const { return failures_; }
+  // The entries that came with the pipeline.
+  ConstantEntries& constantEntries() { return constantEntries_; }
   // "table ingress.ipv4, ipv4_dst=10.0.0.0/8"; for messages and the list of failures.
   std::string entryText(EntryHandle handle) const;
 
  private:
+  friend class ConstantEntries;
   friend class TableRestorer;
   friend class ActionProfileRestorer;
   struct Table {  // what a write needs of a table's model
@@ -202,10 +218,18 @@ class TableImpl : public Vela::Entity {
   void cachedStateIs(const CacheKey& key, EntryState state);
   void doUpdateCachedEntryState(EntryHandle handle, bool abort);
   void handleMended(EntryHandle handle);
+  // An operation that was undone, until the undoing is committed.
+  struct PutBack {
+    EntryHandle handle = 0;
+    PendingOperation operation;
+  };
+  void putBack(EntryHandle handle, const PendingOperation& operation);
+  void maybePutBackAgain();
   uint64_t restoreRow(EntryHandle handle, const PendingOperation& operation);
   void restoreRecord(EntryHandle handle, const PendingOperation& operation);
   void restoreTableRecord(const CacheKey& key, const PendingOperation& operation);
-  void removeOrphanedRows();
+  size_t removeOrphanedRows();
+  void sayWhatWasRestored() const;
   std::string damagedText(const Brine::DamagedRecord& record);
   Vela::Ptr<Lattice::ArTableInterface> interfaceOf(const std::string& tableName) const;
   void removeDamagedRecords();
@@ -226,10 +250,12 @@ class TableImpl : public Vela::Entity {
   absl::node_hash_map<EntryHandle, PendingOperation> pendingOperations_;
   std::unique_ptr<RowFields> rowFields_;
   Vela::Ptr<EntryFailures> failures_;
-  bool entriesRestored_ = false;
+  std::vector<PutBack> putBack_;
   bool restoring_ = false;
   bool cacheLetGo_ = false;
   RestoreCounts restored_;
+  ConstantEntries constantEntries_{*this};
+  absl::flat_hash_set<EntryHandle> rewritten_;  // while restoring: rows that are not to be kept
   Vela::Observation initializedChange_;
   Vela::Observation constTablesChange_;
   WriteGate::Closer cachesLetGo_{"the agent is disabled"};

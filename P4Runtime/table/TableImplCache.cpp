@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 
 #include "P4Runtime/pi/P4RuntimeException.h"
@@ -286,24 +287,69 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
     const PendingOperation operation = std::move(found->second);
     pendingOperations_.erase(found);
     TheBatchStatus()->pendingOperationDel(handle);
-    entriesRestored_ = true;
     handleMgr_->reservationDel();  // its commit may be what failed
     SCRIVEL_TRACE(1, "TableImpl", " restore table entry for entryHandle: ", handle,
                   operation.type == PendingOperationType::entryAdd ? " add" : " delete");
-    const bool vanishes = operation.awaited && !operation.oldRow;
-    std::string text = vanishes ? entryText(handle) : std::string();
-    const uint64_t sequence = operation.awaited ? restoreRow(handle, operation) : 0;
-    if (vanishes) failures_->undoneIs(handle, std::move(text), sequence);
-    restoreRecord(handle, operation);
+    putBack(handle, operation);
   }
   // A new entry that was refused before it had a record leaves no handle behind either.
   if (!storedRecord(cacheKey(handle))) handleMgr_->freeEntryHandle(handle);
 }
 
-// Answers the sequence number of the change; 0: there was none.
+// In a batch the undoing is committed with the batch, or with it never was.
+void TableImpl::putBack(EntryHandle handle, const PendingOperation& operation) {
+  if (database_ && !database_->inBatch()) putBack_.push_back({handle, operation});
+  const bool vanishes = operation.awaited && !operation.oldRow;
+  std::string text = vanishes ? entryText(handle) : std::string();
+  const uint64_t sequence = operation.awaited ? restoreRow(handle, operation) : 0;
+  if (vanishes) failures_->undoneIs(handle, std::move(text), sequence);
+  restoreRecord(handle, operation);
+}
+
+void TableImpl::commitPutBack() try {
+  // Some may be of an earlier batch, whose undoing could not be stored.
+  if (TheP4RtSystemStatus()->brokenInvariant()) return maybePutBackAgain();
+  const auto trouble = database_->commit(Brine::Store::Filling::takeAll);
+  if (!trouble) {
+    putBack_.clear();
+    return;
+  }
+  P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
+      fmt::format("{} failed {} could not be put back as before: {}", putBack_.size(),
+                  putBack_.size() == 1 ? "entry" : "entries", *trouble)));
+} catch (const Vela::Exception& e) {  // the switch is critical already
+  SCRIVEL_TRACE(0, "TableImpl", " ", e.what());
+}
+
+void TableImpl::maybePutBackAgain() {
+  if (putBack_.empty()) return;
+  for (const auto& [handle, operation] : putBack_) {
+    if (!tableInfo_->latticeTableInterface(operation.rid)) continue;  // rows went with their table
+    if (operation.awaited) restoreRow(handle, operation);
+    restoreRecord(handle, operation);
+  }
+  if (const auto trouble = database_->commit(Brine::Store::Filling::takeAll)) {
+    throw Vela::Exception("the switch stays critical: failed entries can still not be put back: " +
+                          *trouble);
+  }
+  putBack_.clear();
+}
+
+void TableImpl::commitOrThrow() {
+  if (!database_) return;
+  if (const auto trouble = database_->commit(Brine::Store::Filling::leaveSome)) {
+    throw std::runtime_error(*trouble);
+  }
+  putBack_.clear();
+}
+
+// Answers the sequence number of the change; 0: the row was like that already.
 uint64_t TableImpl::restoreRow(EntryHandle handle, const PendingOperation& operation) {
   const auto& interface = tableInfo_->latticeTableInterface(operation.rid);
-  if (!interface || !interface->ready()) return 0;
+  if (!interface || !interface->ready()) {
+    throw std::runtime_error(
+        fmt::format("the rows of {} are gone", tableInfo_->kindAndName(operation.rid)));
+  }
   if (operation.oldRow) return interface->rowIs(*operation.oldRow, handle);
   return interface->rowDel(operation.newRow ? operation.newRow->key : operation.rowKey, handle);
 }
@@ -312,7 +358,7 @@ uint64_t TableImpl::restoreRow(EntryHandle handle, const PendingOperation& opera
 // which there may be no room.
 void TableImpl::restoreRecord(EntryHandle handle, const PendingOperation& operation) {
   if (!tableCache_) return;
-  const CacheKey key = cacheKey(handle);
+  const CacheKey key{operation.rid, P4HandleMgr::cachedHandle(handle)};
   const auto stored = storedRecord(key);
   if (!operation.oldRecord) {
     if (stored) recordDel(key);
@@ -383,7 +429,7 @@ std::string TableImpl::entryText(EntryHandle handle) const try {
   if (rid.type == actionProfileResource || rid.type == groupTableResource) {
     return profileObjectText(handle);
   }
-  std::string text = fmt::format("table {}", tableInfo_->nameOf(rid));
+  std::string text = tableInfo_->kindAndName(rid);
   const auto key = rowKey(handle);
   if (!key) return text;
   for (const auto& column : Lattice::keyTexts(tableInfo_->rowConstructor(rid)->type(), *key)) {

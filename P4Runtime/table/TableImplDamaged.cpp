@@ -114,7 +114,7 @@ void TableImpl::removeDamagedRecords() {
   });
   for (const Brine::DamagedRecord& record : records) {
     if (!isOfCache(record)) continue;
-    ++restored_.unusable;
+    restored_.unusable.push_back(damagedText(record));
     const CacheKey key = cacheKeyOf(record.key);
     const bool isEntry = key.rid.type == tableResource && key.entryHandle <= largestHandle;
     if (isEntry) handleMgr_->reserveUpTo(key.entryHandle);  // the list names it by that

@@ -5,12 +5,15 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/table/CacheWalk.h"
+#include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/Restoring.h"
 #include "P4Runtime/table/RowFields.h"
 #include "P4Runtime/table/TableImpl.h"
@@ -25,6 +28,8 @@ namespace P4Runtime {
 namespace {
 
 Scrivel::TraceHandle trace("TableImpl");
+
+constexpr size_t mostSaid = 20;  // of what could not be restored
 
 char* chars(std::span<const uint8_t> bytes) {
   return const_cast<char*>(reinterpret_cast<const char*>(bytes.data()));
@@ -45,7 +50,7 @@ class TableRestorer {
     for (const std::string& key : deleted_) forget(key);
     for (const std::string& key : unusable_) forget(key);
     counts->entries += restored_;
-    counts->unusable += unusable_.size();
+    std::ranges::move(reasons_, std::back_inserter(counts->unusable));
   }
 
  private:
@@ -55,16 +60,28 @@ class TableRestorer {
       finishDeletion(key, *record);
       return;
     }
+    bound_ = 0;
     const std::string why = record ? restored(*record) : "unreadable record";
     if (why.empty()) {
       ++restored_;
       if (record->entryState != EntryState::stable) unstable_.push_back(record->key);
       return;
     }
-    SCRIVEL_TRACE(0, "TableImpl",
-                  " cannot restore table entry[ rid:", record ? record->key.rid.id : 0,
-                  " entryHandle:", record ? record->key.entryHandle : 0, " ]: ", why);
+    refuse(key, why);
+  }
+
+  // The record, and the row if there is one, go once the pass is through.
+  void refuse(Brine::Bytes key, const std::string& why) {
+    const CacheKey of = cacheKeyOf(key);
+    SCRIVEL_TRACE(0, "TableImpl", " cannot restore table entry[ rid:", of.rid.id,
+                  " entryHandle:", of.entryHandle, " ]: ", why);
     unusable_.emplace_back(Brine::asText(key));
+    const std::string text =
+        bound_ != 0 ? tableImpl_.entryText(bound_)
+                    : fmt::format("{}, entry handle {}", tableImpl_.tableInfo().kindAndName(of.rid),
+                                  of.entryHandle);
+    reasons_.push_back(fmt::format("{}: {}", text, why));
+    tableImpl_.handleMgr().freeTableEntryHandle(bound_);
   }
 
   // The row went with the batch that asked for it; bringing the entry back would leave that batch
@@ -92,17 +109,19 @@ class TableRestorer {
                                          record.matchKeyPriority)) {
       return "its handle or match key is another entry's";
     }
+    bound_ = record.key.entryHandle;
     std::string why;
     try {
       program(record);
-      if (handedBack(record)) return {};
+      if (isTakenBack(handBack(record))) return {};
       why = "the pipeline does not accept it";
       removeRow(record);
     } catch (const P4RuntimeException& e) {
-      if (e.errorCode == ErrorCode::outOfResources) throw;  // the record is good, the store is not
+      if (!isProofAgainstRecord(e)) throw;
+      why = e.what();
+    } catch (const Lattice::TypeError& e) {
       why = e.what();
     }
-    handles.freeTableEntryHandle(record.key.entryHandle);
     return why;
   }
 
@@ -149,7 +168,7 @@ class TableRestorer {
     }
   }
 
-  bool handedBack(const TableRecordView& record) {
+  pi_status_t handBack(const TableRecordView& record) {
     pi_match_key_t matchKey{};
     matchKey.p4info = p4info_;
     matchKey.table_id = record.key.rid.id;
@@ -175,13 +194,14 @@ class TableRestorer {
     const std::string metadata = tableImpl_.cachedMetadata(record.key);
     return pi_restore_table_entry_state(tableImpl_.deviceId(), record.key.rid.id, &matchKey, &entry,
                                         record.key.entryHandle, record.controllerMetadata,
-                                        metadata.data(), metadata.size()) == PI_STATUS_SUCCESS;
+                                        metadata.data(), metadata.size());
   }
 
   // The controller's metadata stand under the same key.
   void forget(const std::string& key) {
     tableImpl_.tableCache()->storedKeyDel(Brine::asBytes(key));
     tableImpl_.database_->store().erase(*tableImpl_.metadataTable_, Brine::asBytes(key));
+    tableImpl_.constantEntries_.forget(cacheKeyOf(Brine::asBytes(key)));
   }
 
   void markStable(const CacheKey& key) {
@@ -197,23 +217,49 @@ class TableRestorer {
   std::vector<CacheKey> unstable_;
   std::vector<std::string> deleted_;   // stored keys
   std::vector<std::string> unusable_;  // stored keys
+  std::vector<std::string> reasons_;   // for each of them
+  EntryHandle bound_ = 0;              // to the record being restored; 0: none
 };
 
 void TableImpl::restoreCachedEntries() {
+  // Without its tables every record would look unusable.
+  if (tableInfo_->tableInfoState() != P4TableInfoState::tableInfoReady) {
+    throw std::runtime_error("the pipeline is not ready");
+  }
   restored_ = {};
+  putBack_.clear();  // from here on the front end has what the store has
+  constantEntries_.followPipeline();
+  commitOrThrow();  // the passes below read what is committed
   restoreActionMemberCachedEntries();
   restoreActionGroupCachedEntries();
   restoreTableCachedEntries();
   removeDamagedRecords();
-  if (restored_.unusable > 0) removeOrphanedRows();
+  restored_.rows = removeOrphanedRows();
   removeDamagedRecords();  // rows that only a look at all of them has found
+  rewritten_.clear();
+  failures_->notRestoredAre(restored_.unusable);
+  sayWhatWasRestored();
+}
+
+void TableImpl::sayWhatWasRestored() const {
   if (restored_ == RestoreCounts{}) return;
   std::string text = fmt::format("korvel: restored {} entries", restored_.entries);
   if (restored_.members + restored_.groups > 0) {
     text += fmt::format(", {} members and {} groups", restored_.members, restored_.groups);
   }
-  if (restored_.unusable > 0) {
-    text += fmt::format("; removed {} that the pipeline has no place for", restored_.unusable);
+  if (!restored_.unusable.empty()) {
+    text +=
+        fmt::format("; removed {} that the pipeline has no place for", restored_.unusable.size());
+  }
+  if (restored_.rows > 0) {
+    text += fmt::format("; removed {} rows that no entry stood for", restored_.rows);
+  }
+  for (size_t i = 0; i < restored_.unusable.size() && i < mostSaid; ++i) {
+    text += "\nkorvel: not restored: " + restored_.unusable[i];
+  }
+  if (restored_.unusable.size() > mostSaid) {
+    text += fmt::format("\nkorvel: not restored: {} more; see p4runtime/status/failures",
+                        restored_.unusable.size() - mostSaid);
   }
   fmt::print(stderr, "{}\n", text);
 }
@@ -224,15 +270,20 @@ void TableImpl::restoreTableCachedEntries() {
   TableRestorer(*this).restoreAll(&restored_);
 }
 
-// Rows whose record could not be used would otherwise stay in the forwarding plane for good.
-void TableImpl::removeOrphanedRows() {
+// They would otherwise stay in the forwarding plane for good. Answers how many there were.
+size_t TableImpl::removeOrphanedRows() {
+  size_t removed = 0;
   for (const auto& [rid, interface] : tableInfo_->latticeTableInterfaceCollection().values()) {
     if (!interface->ready()) continue;
-    for (const std::string& key : orphanedRows(rid, *interface)) interface->rowDel(key, 0);
+    for (const std::string& key : orphanedRows(rid, *interface)) {
+      SCRIVEL_TRACE(0, "TableImpl", " no entry stands for a row of ", interface->tableName());
+      if (interface->rowDel(key, 0) != 0) ++removed;
+    }
   }
+  return removed;
 }
 
-// A stored row begins with the handle of its entry.
+// Rows whose entry has neither handle nor record. A stored row begins with the entry's handle.
 std::vector<std::string> TableImpl::orphanedRows(const ResourceId& rid,
                                                  const Lattice::ArTableInterface& interface) {
   std::vector<std::string> keys;
@@ -241,7 +292,8 @@ std::vector<std::string> TableImpl::orphanedRows(const ResourceId& rid,
                 [&](Brine::Bytes key, Brine::Bytes row) {
                   EntryHandle handle = 0;
                   if (row.size() >= sizeof handle) std::memcpy(&handle, row.data(), sizeof handle);
-                  if (handleMgr_->entryHandleToResourceId(handle) != rid) {
+                  if (handleMgr_->entryHandleToResourceId(handle) != rid &&
+                      !storedRecord({rid, P4HandleMgr::cachedHandle(handle)})) {
                     keys.emplace_back(Brine::asText(key));
                   }
                   return true;

@@ -1,5 +1,7 @@
 // After a restart: gives the members and groups that survived in the caches back to the handle
 // manager, the tables and the PI library.
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -60,16 +62,30 @@ class ActionProfileRestorer {
         ++back;
         return;
       }
-      SCRIVEL_TRACE(0, "TableImpl", " cannot restore action profile entry[ rid:", record.key.rid.id,
-                    " entryHandle:", record.key.entryHandle, " ]: ", why);
+      const CacheKey of = cacheKeyOf(key);
+      SCRIVEL_TRACE(0, "TableImpl", " cannot restore action profile entry[ rid:", of.rid.id,
+                    " entryHandle:", of.entryHandle, " ]: ", why);
       unusable.emplace_back(Brine::asText(key));
+      counts->unusable.push_back(fmt::format("{}: {}", textOf(of, record), why));
     });
     for (const std::string& key : unusable) {
       cache.storedKeyDel(Brine::asBytes(key));
       tableImpl_.database_->store().erase(*tableImpl_.metadataTable_, Brine::asBytes(key));
     }
-    counts->unusable += unusable.size();
     return back;
+  }
+
+  // By the controller's id where the record tells it.
+  std::string textOf(const CacheKey& key, const ActionProfileMemberCacheEntry& record) const {
+    return textOf("member", key, record.memberId);
+  }
+  std::string textOf(const CacheKey& key, const ActionProfileGroupCacheEntry& record) const {
+    return textOf("group", key, record.groupId);
+  }
+  std::string textOf(const char* what, const CacheKey& key, uint32_t id) const {
+    const std::string profile = tableImpl_.tableInfo().nameOf({actionProfileResource, key.rid.id});
+    if (id != 0) return fmt::format("{} {} of action profile {}", what, id, profile);
+    return fmt::format("a {} of action profile {}, handle {}", what, profile, key.entryHandle);
   }
 
   std::string restored(const ActionProfileMemberCacheEntry& record) {
@@ -86,7 +102,7 @@ class ActionProfileRestorer {
                   " entryHandle:", record.key.entryHandle, " ]");
     if (!taken) return notTaken;
     return programmed(handles.memberHandleToEntryHandle(record.memberHandle), program,
-                      [&] { return handedBack(record); });
+                      [&] { return handBack(record); });
   }
 
   std::string restored(const ActionProfileGroupCacheEntry& stored) {
@@ -101,7 +117,7 @@ class ActionProfileRestorer {
     const ActionProfileGroupCacheEntry record = withMembersThere(stored);
     return programmed(
         handles.groupHandleToEntryHandle(record.groupHandle), [&] { programGroup(record); },
-        [&] { return handedBack(record); });
+        [&] { return handBack(record); });
   }
 
   // Common to both kinds: empty when it is back, else why not; then nothing of it is left but its
@@ -111,10 +127,12 @@ class ActionProfileRestorer {
     std::string why;
     try {
       program();
-      if (handBack()) return {};
+      if (isTakenBack(handBack())) return {};
       why = "the pipeline does not accept it";
     } catch (const P4RuntimeException& e) {
-      if (e.errorCode == ErrorCode::outOfResources) throw;  // the record is good, the store is not
+      if (!isProofAgainstRecord(e)) throw;
+      why = e.what();
+    } catch (const Lattice::TypeError& e) {
       why = e.what();
     }
     removeRow(handle);
@@ -138,13 +156,19 @@ class ActionProfileRestorer {
   // agents. A group that has no row has none yet; one that is empty may have had members before.
   void programGroup(const ActionProfileGroupCacheEntry& record) {
     const TableImpl::Table table = tableImpl_.requireTable(record.key.rid);
-    if (record.members.size() == 0 && !tableImpl_.groupMembers(table, record.groupHandle)) return;
+    if (record.members.size() == 0 && !hasRow(table, record.groupHandle)) return;
     TableImpl::GroupMembers members(record.members.begin(), record.members.end());
     tableImpl_.writeGroup(table, record.groupHandle, members);
   }
 
+  static bool hasRow(const TableImpl::Table& table, GroupHandle handle) {
+    const auto id = static_cast<uint32_t>(handle);
+    const auto* field = reinterpret_cast<const uint8_t*>(&id);
+    return table.interface.row(table.constructor.constructKey({&field, 1})).has_value();
+  }
+
   // The row may have been written just now, so that it is not among the committed ones yet.
-  void removeRow(EntryHandle handle) {
+  void removeRow(EntryHandle handle) try {
     const ResourceId rid = tableImpl_.handleMgr().entryHandleToResourceId(handle);
     const auto& interface = tableImpl_.tableInfo().latticeTableInterface(rid);
     const auto& constructor = tableImpl_.tableInfo().rowConstructor(rid);
@@ -152,26 +176,26 @@ class ActionProfileRestorer {
     const auto id = static_cast<uint32_t>(P4HandleMgr::cachedHandle(handle));
     const auto* field = reinterpret_cast<const uint8_t*>(&id);
     interface->rowDel(constructor->constructKey({&field, 1}), handle);
+  } catch (const Lattice::TypeError&) {  // no row of ours has a key of such a type
   }
 
-  bool handedBack(const ActionProfileMemberCacheEntry& record) {
+  pi_status_t handBack(const ActionProfileMemberCacheEntry& record) {
     pi_action_data_t action{};
     action.p4info = p4info_;
     action.action_id = record.actionId;
     action.data_size = record.actionData.size();
     action.data = chars(record);
     const std::string metadata = tableImpl_.cachedMetadata(record.key);
-    return pi_restore_action_profile_member_state(
-               tableImpl_.deviceId(), record.key.rid.id, &action, record.memberId,
-               record.memberHandle, metadata.data(), metadata.size()) == PI_STATUS_SUCCESS;
+    return pi_restore_action_profile_member_state(tableImpl_.deviceId(), record.key.rid.id, &action,
+                                                  record.memberId, record.memberHandle,
+                                                  metadata.data(), metadata.size());
   }
 
-  bool handedBack(const ActionProfileGroupCacheEntry& record) {
+  pi_status_t handBack(const ActionProfileGroupCacheEntry& record) {
     const std::string metadata = tableImpl_.cachedMetadata(record.key);
     return pi_restore_action_profile_group_state(
-               tableImpl_.deviceId(), record.key.rid.id, record.groupId, record.members.data(),
-               record.members.size(), record.groupHandle, metadata.data(),
-               metadata.size()) == PI_STATUS_SUCCESS;
+        tableImpl_.deviceId(), record.key.rid.id, record.groupId, record.members.data(),
+        record.members.size(), record.groupHandle, metadata.data(), metadata.size());
   }
 
   static char* chars(const ActionProfileMemberCacheEntry& record) {

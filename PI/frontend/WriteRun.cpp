@@ -76,22 +76,38 @@ void WriteRun::doRunBatch(const Batch& batch) {
   StatusVector statuses;
   statuses.reserve(batch.size());
   state_.handleBatchBegin();
-  for (const uint32_t offset : batch) {
-    try {
-      maybeRunUpdate(offset, &statuses);
-    } catch (const NoBatch& refusal) {
-      return doFailUnrun(batch, refusal);
-    } catch (const Refusal& refusal) {
-      doFail(offset, refusal.code(), refusal.message());
+  try {
+    for (const uint32_t offset : batch) {
+      try {
+        maybeRunUpdate(offset, &statuses);
+      } catch (const NoBatch& refusal) {
+        return doFailUnrun(batch, refusal);
+      } catch (const Refusal& refusal) {
+        doFail(offset, refusal.code(), refusal.message());
+      }
     }
+  } catch (...) {
+    doAbandonBatch(&statuses);
+    throw;
   }
   if (!batchOpen_) return;  // no update came to the point where the target hears of it
+  doEndBatch(&statuses);
+  std::vector<Change> changes = confirmed(batch, statuses);
+  levels_ == 1 ? store_.commit(changes) : store_.keep(changes);
+}
+
+void WriteRun::doEndBatch(StatusVector* statuses) {
   batchOpen_ = false;
   pi_batch_current_clear();
   pi_batch_end(session_.handle, true);
-  _pi_update_pending_status(&statuses);
-  std::vector<Change> changes = confirmed(batch, statuses);
-  levels_ == 1 ? store_.commit(changes) : store_.keep(changes);
+  _pi_update_pending_status(statuses);
+}
+
+// Out of memory, say. The target must not keep the batch open, and undoes all that has failed.
+void WriteRun::doAbandonBatch(StatusVector* statuses) {
+  if (!batchOpen_) return;
+  for (auto& [offset, error] : *statuses) error.set_canonical_code(code::internal);
+  doEndBatch(statuses);
 }
 
 void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
@@ -104,12 +120,17 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   if (update.subject == CheckedUpdate::Subject::directCounter) return;  // nothing to change
   maybeBeginBatch(operation);
   TargetCalls calls(session_, offset);
-  doRunUpdate(store_, update, former, &calls);
-  operation.pending = true;
-  if (!calls.anyMade()) return;  // it is like that already; the target has nothing to confirm
-  const int status = calls.status();
+  // Before the target hears of the update, which the batch may be abandoned in the midst of.
   auto& [position, error] = statuses->emplace_back();
   position = offset;
+  error.set_canonical_code(code::internal);
+  doRunUpdate(store_, update, former, &calls);
+  operation.pending = true;
+  if (!calls.anyMade()) {  // it is like that already; the target has nothing to confirm
+    statuses->pop_back();
+    return;
+  }
+  const int status = calls.status();
   if (status == PI_STATUS_SUCCESS || status == kBatchUpdateFailed) {
     error.set_canonical_code(code::deadlineExceeded);
     return;

@@ -48,6 +48,8 @@ class WriteRun {
   void doOrder(uint32_t offset);
   std::vector<Batch> batches() const;
   void doRunBatch(const Batch& batch);
+  void doEndBatch(StatusVector* statuses);
+  void doAbandonBatch(StatusVector* statuses);
   void maybeRunUpdate(uint32_t offset, StatusVector* statuses);
   void maybeBeginBatch(const Operation& operation);
   void doFailUnrun(const Batch& batch, const NoBatch& refusal);

@@ -386,13 +386,17 @@ std::unique_ptr<Environment> Environment::openedBy(const StoreOptions& options, 
 }
 
 void Environment::allocateRoom(const Room& room) {
-  if (!writesIntoMapping_) return;  // then LMDB tells in time
   MDB_envinfo info{};
   check(mdb_env_info(env_, &info), directory_);
   // The lists name each free page with 8 bytes, and may be written anew as a whole.
   const uint64_t lists = info.me_last_pgno / 200 + 32;
   const uint64_t least = info.me_last_pgno + 1 + room.inARow + lists;
-  const uint64_t wanted = least + room.pages + lists;
+  const uint64_t wanted = least + room.pages + room.spare + lists;
+  if (room.spare > 0 && wanted > info.me_mapsize / pageSize_ &&
+      usableFreePages() < room.pages + room.spare) {
+    failed(MDB_MAP_FULL, directory_);
+  }
+  if (!writesIntoMapping_) return;  // then LMDB tells in time
   if (wanted <= allocatedPages_) return;
   int file = -1;
   check(mdb_env_get_fd(env_, &file), directory_);
@@ -406,7 +410,9 @@ void Environment::allocateRoom(const Room& room) {
     if (errno != ENOSPC) break;
   }
   const int error = errno;
-  if (error == ENOSPC && least <= allocatedPages_ && usableFreePages() >= room.pages) return;
+  if (error == ENOSPC && least <= allocatedPages_ && usableFreePages() >= room.pages + room.spare) {
+    return;
+  }
   failed(error, directory_);
 }
 

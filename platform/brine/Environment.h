@@ -37,6 +37,7 @@ std::string writerPath(const std::string& directory);
 struct Room {
   uint64_t pages = 0;
   uint64_t inARow = 0;  // beside these, of large records
+  uint64_t spare = 0;   // must be there as well, and is left for a later transaction
 };
 
 // LMDB must not open one file twice in a process: the second one's close would end the first one's

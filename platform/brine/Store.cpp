@@ -82,6 +82,10 @@ std::string moveAside(const std::string& directory, Trouble why) {
   failed(refusal, directory, directory);
 }
 
+// An undo writes the same records again, and may come to need as many pages; the commit itself
+// takes less than half of those it may come to need.
+uint64_t pagesToUndo(uint64_t pages) { return pages / 2 + 16; }
+
 struct Table {
   std::string name;
   MDB_dbi dbi = 0;
@@ -125,7 +129,8 @@ class StoreImpl final : public Store {
   std::vector<DamagedRecord> takeDamagedRecords() override { return std::exchange(damaged_, {}); }
   void eraseDamaged(std::span<const DamagedRecord> records) override;
   bool dirty() const override { return writes_.size() > 0 || anyCleared_; }
-  void commit() override;
+  using Store::commit;
+  void commit(Filling filling) override;
   void handleReaderGone() override;
   void discard() override;
   size_t bytesUsed() const override;
@@ -145,7 +150,7 @@ class StoreImpl final : public Store {
   PendingRecord& pending(TableNumber table, Bytes key);
   void resolve(Table& table, PendingRecord& record) const;
   void erasedIs(Table& table, PendingRecord& record, bool erased);
-  void writeAll(MDB_txn* txn);
+  void writeAll(MDB_txn* txn, Filling filling);
   void addRoomFor(MDB_txn* txn, const Table& table, std::span<const uint32_t> order,
                   Room* room) const;
   std::span<const uint32_t> tableRun(std::span<const uint32_t> order) const;
@@ -437,10 +442,10 @@ size_t StoreImpl::forEach(TableNumber table, const Visit& visit, Bytes from) {
   return passedOver;
 }
 
-void StoreImpl::commit() {
+void StoreImpl::commit(Filling filling) {
   if (!dirty()) return;
   try {
-    inTransaction([this](MDB_txn* txn) { writeAll(txn); });
+    inTransaction([&](MDB_txn* txn) { writeAll(txn, filling); });
   } catch (...) {
     discard();
     throw;
@@ -463,7 +468,7 @@ std::span<const uint32_t> StoreImpl::tableRun(std::span<const uint32_t> order) c
   return order.first(size);
 }
 
-void StoreImpl::writeAll(MDB_txn* txn) {
+void StoreImpl::writeAll(MDB_txn* txn, Filling filling) {
   const std::vector<uint32_t>& order = writes_.sorted();
   Room room{.pages = 16};  // for the tree of tables
   for (std::span rest(order); !rest.empty();) {
@@ -472,6 +477,7 @@ void StoreImpl::writeAll(MDB_txn* txn) {
     if (table.exists) addRoomFor(txn, table, run, &room);
     rest = rest.subspan(run.size());
   }
+  if (filling == Filling::leaveSome) room.spare = pagesToUndo(room.pages);
   environment_->allocateRoom(room);
 
   for (const Table& table : tables_) {

@@ -72,6 +72,10 @@ class DatabaseImpl final : public Database {
   std::vector<std::string> removeUnboundTables() override;
   void batchBegin() override;
   std::optional<std::string> batchEnd() override;
+  std::optional<std::string> commit(Brine::Store::Filling filling) override;
+  void lossHandlerIs(std::function<void(const std::string&)> handler) override {
+    tellLoss_ = std::move(handler);
+  }
   bool inBatch() const override { return inBatch_; }
   void commitSoon() override;
   uint64_t lastSequence() const override { return journal_.lastSequence(); }
@@ -93,8 +97,9 @@ class DatabaseImpl final : public Database {
  private:
   void handleScopeEnd();
   bool dirty() const { return store_.dirty() || !journal_.empty(); }
-  std::optional<std::string> committed();
-  void doCommit();
+  std::optional<std::string> committed(Brine::Store::Filling filling = Brine::Store::Filling::leaveSome);
+  void commitUnasked();
+  void doCommit(Brine::Store::Filling filling);
   void doDerive();
   void settleWatches();
   void tellWatchers(ArTableInterface::Impl& table);
@@ -117,6 +122,7 @@ class DatabaseImpl final : public Database {
   bool typesChanged_ = false;  // in this commit
   bool commitLater_ = false;   // not at the end of this scope
   bool commitPosted_ = false;  // the reactor has been asked to
+  std::function<void(const std::string&)> tellLoss_;
   const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   const Vela::ScopeEndHook scopeEnd_;
 };
@@ -226,14 +232,14 @@ std::vector<std::string> DatabaseImpl::removeUnboundTables() {
     }
   }
   // The records go first: a table without a record counts as empty, should we be killed here.
-  if (!inBatch_) committed();
+  if (!inBatch_) commitUnasked();
   for (const std::string& name : names) store_.tableDel(rowTable(name));
   return {names.begin(), names.end()};
 }
 
 void DatabaseImpl::batchBegin() {
   if (inBatch_) return;
-  if (dirty()) committed();  // what came before does not share the batch's fate
+  commitUnasked();  // what came before does not share the batch's fate
   inBatch_ = true;
 }
 
@@ -248,22 +254,38 @@ void DatabaseImpl::commitSoon() {
   if (loop_.onThread() || !dirty()) return;
   commitLater_ = true;
   if (std::exchange(commitPosted_, true)) return;
-  // The end of the scope that this runs in commits.
   loop_.post([alive = alive_, this] {
-    if (*alive) commitPosted_ = false;
+    if (*alive && !inBatch_) commitUnasked();
   });
+}
+
+std::optional<std::string> DatabaseImpl::commit(Brine::Store::Filling filling) {
+  if (inBatch_) throw std::logic_error("a batch commits at its end");
+  commitPosted_ = false;
+  return committed(filling);
+}
+
+// While a commit is posted, nothing is left to be written but what may be lost.
+void DatabaseImpl::commitUnasked() {
+  const bool dispensable = std::exchange(commitPosted_, false);
+  const bool changesRows = !journal_.empty() || typesChanged_;
+  const auto trouble = committed();
+  if (trouble && changesRows && !dispensable && tellLoss_) tellLoss_(*trouble);
 }
 
 void DatabaseImpl::handleScopeEnd() {
   if (inBatch_ || std::exchange(commitLater_, false)) return;
-  if (dirty()) committed();
+  if (dirty()) {
+    commitPosted_ = false;  // this scope wrote something else
+    commitUnasked();
+  }
 }
 
 // Empty, or why the writes since the last commit are lost.
-std::optional<std::string> DatabaseImpl::committed() try {
+std::optional<std::string> DatabaseImpl::committed(Brine::Store::Filling filling) try {
   if (!dirty()) return std::nullopt;
   doDerive();
-  doCommit();
+  doCommit(filling);
   settleWatches();
   if (commitObserver_) commitObserver_->committed();
   return std::nullopt;
@@ -292,7 +314,7 @@ void DatabaseImpl::settleWatches() {
   }
 }
 
-void DatabaseImpl::doCommit() {
+void DatabaseImpl::doCommit(Brine::Store::Filling filling) {
   const bool anyChange = !journal_.empty() || typesChanged_;
   if (anyChange) {
     const size_t bound = options_.journalChangesWithoutSubscriber;
@@ -301,7 +323,7 @@ void DatabaseImpl::doCommit() {
                     attached ? bound * laggingFactor : bound);
     journal_.flush();
   }
-  store_.commit();
+  store_.commit(filling);
   if (!anyChange) return;
   typesChanged_ = false;
   for (const auto& [name, table] : bound_) table->announced |= table->initialised;

@@ -103,11 +103,17 @@ class Database {
   // A batch gathers every write of the store, rows and other records alike, until batchEnd().
   virtual void batchBegin() = 0;
   // Commits. On a full state directory answers the reason, and the store is as at batchBegin().
-  virtual std::optional<std::string> batchEnd() = 0;
+  [[nodiscard]] virtual std::optional<std::string> batchEnd() = 0;
   virtual bool inBatch() const = 0;
+  // Commits what is written outside a batch now, not at the end of the scope: for writes whose loss
+  // the caller must know of. Answers why they are lost; nothing when they stand.
+  [[nodiscard]] virtual std::optional<std::string> commit(Brine::Store::Filling filling) = 0;
+  // Told, with the reason, when changes of rows or tables outside a batch are lost in a commit that
+  // nobody asked for. Whoever writes other records so looks for them afterwards.
+  virtual void lossHandlerIs(std::function<void(const std::string& reason)> handler) = 0;
   // What this thread's outermost activity scope has written outside a batch need not be committed
   // at its end, but on the reactor's next turn, or by the next batch, whichever is first. For
-  // writes that a restart can do without.
+  // writes that a restart can do without: nobody is told of their loss.
   virtual void commitSoon() = 0;
   virtual uint64_t lastSequence() const = 0;
 

@@ -397,7 +397,10 @@ void SubscriberImpl::passOn(const std::vector<std::string>& records) {
 
 void SubscriberImpl::passOn(const JournalChange& from) {
   const auto table = tables_.find(from.table);
-  if (table == tables_.end()) return;  // removed since
+  if (table == tables_.end()) {  // removed since; handler_.tableRemoved() has told of its rows
+    if (from.flags & JournalChange::deleted) report(from.entryHandle, from.sequence, 0, {});
+    return;
+  }
   RowChange change;
   change.table = table->second;
   change.key = from.key;

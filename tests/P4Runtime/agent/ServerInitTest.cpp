@@ -192,6 +192,54 @@ TEST_F(ServerInitTest, ConstantEntriesAreProgrammedOnceInTheLifeOfTheirRows) {
   EXPECT_EQ(agent().frontEnd.restored.size(), 2u);
 }
 
+// A controller cannot delete what came with the former pipeline, nor change it.
+TEST_F(ServerInitTest, ConstantEntriesFollowThePipeline) {
+  serverReady();
+  const Entry first{constantTable, bytes("0a"), setPort, bytes("00ff")};
+  const Entry second{constantTable, bytes("0b"), setPort, bytes("0001")};
+  const uint64_t stays = agent().handleOf(first);
+  const uint64_t changes = agent().handleOf(second);
+  const std::string one = R"({"key": "0b", "action_id": 16777217, "action_params": "0001"})";
+  const struct {
+    const char* what;
+    std::string config;
+    size_t rows;
+    uint64_t journal;  // changes that forwarding agents hear of
+    std::string port;  // of the second; "": it is gone
+  } cases[] = {
+      {"as before", smallDeviceConfig(), 2, 0, bytes("0001")},
+      {"another action", replaced(smallDeviceConfig(), "\"0001\"", "\"0003\""), 2, 1,
+       bytes("0003")},
+      {"gone", replaced(smallDeviceConfig(), one, one.substr(0, 9) + "0c" + one.substr(11)), 2, 2,
+       ""},
+  };
+  for (const bool inOneProcess : {false, true}) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(std::string(c.what) + (inOneProcess ? " in the running agent" : " at a start"));
+      initSm_ = nullptr;
+      if (!inOneProcess) start();
+      const uint64_t before = agent().lastSequence();
+      agent().pipelineIs(pipelineOf(smallP4Info(), c.config), c.what);
+      make();
+      agent().frontEnd.restored.clear();
+      serverReady();
+      EXPECT_EQ(agent().rowCount(constantTable), c.rows);
+      EXPECT_EQ(agent().lastSequence() - before, c.journal);
+      EXPECT_EQ(agent().handleOf(first), stays);
+      EXPECT_EQ(agent().handleOf(second) != 0, !c.port.empty());
+      for (const auto& back : agent().frontEnd.restored) {
+        if (back.key == second.key) EXPECT_EQ(back.data, c.port);
+      }
+    }
+    // As at first, and unlike it in the handle.
+    initSm_ = nullptr;
+    agent().pipelineIs(smallPipeline(), "first again");
+    make();
+    serverReady();
+    EXPECT_GT(agent().handleOf(second), changes);
+  }
+}
+
 // Nobody waits for a constant entry; its failure must be told all the same.
 TEST_F(ServerInitTest, FailedConstantEntryIsKeptForOperators) {
   serverReady();

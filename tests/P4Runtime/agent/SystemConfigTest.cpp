@@ -148,6 +148,24 @@ TEST_F(SystemConfigTest, WriteInProgressIsSettledFirst) {
   EXPECT_EQ(TheWriteGate()->closedFor(), "the agent is disabled");
 }
 
+TEST_F(SystemConfigTest, CachesAreLetGoOnlyWhenTheBatchHasItsOutcome) {
+  const uint64_t handle = agent().added(exactEntry(1, 5));
+  agent().begin();
+  agent().add(0, exactEntry(1, 6));
+  agent().end();
+  {
+    const Vela::ActivityLock lock;
+    agent().tableImpl->cleanupCache();
+  }
+  ASSERT_NE(agent().tableImpl->tableCache(), nullptr);
+  forwarder().failNext(ErrorCode::hardwareError, "no");
+  EXPECT_EQ(agent().outcome().size(), 1u);
+  EXPECT_EQ(agent().record(exactTable, handle)->entryState, EntryState::stable);
+  agent().settle();
+  EXPECT_EQ(agent().tableImpl->tableCache(), nullptr);
+  EXPECT_NE(agent().begin(), PI_STATUS_SUCCESS);
+}
+
 TEST_F(SystemConfigTest, StatusOfAnotherTypeBreaksAnAssertion) {
   statuses_->entityIs("odd", Vela::make<AllPluginConfig>("odd"));
   EXPECT_DEATH(enabledIs(false), "pluginStatus");

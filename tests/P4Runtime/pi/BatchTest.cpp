@@ -263,6 +263,7 @@ TEST_F(BatchTest, PretendedOutcomes) {
   forwarder().programAll();  // an honest one, which has programmed all before the wait begins
   EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(1, 13), FailedWith(2, 4)));
   EXPECT_TRUE(agent().status->critical());
+  agent().tableImpl->revertCriticalState();
 
   agent().begin();  // a refused update has no entry any more
   agent().add(0, {labelTable, bytes("000001"), drop, ""});
@@ -284,6 +285,7 @@ TEST_F(BatchTest, AnyTimeOutThatCanBeSetIsAWait) {
     agent().batchStatus->batchTimeoutIs(seconds);
     addMany(1);
     EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+    agent().tableImpl->revertCriticalState();
   }
   agent().batchStatus->batchTimeoutIs(1e300);
   addMany(1);

@@ -55,6 +55,36 @@ TEST_F(CriticalStateTest, BrokenInvariantIsPublished) {
       updateFailedStatus);
 }
 
+// Neither done nor undone is certain then, so neither may be said.
+TEST_F(CriticalStateTest, OutcomeThatIsNotUnderstoodBreaksAnInvariant) {
+  agent().begin();
+  agent().add(0, exactEntry(1));
+  agent().add(1, exactEntry(2));
+  agent().end();
+  forwarder().programAll();
+  agent().frontEnd.onSettled = [] { throw std::logic_error("odd"); };
+  const auto left = agent().outcome();
+  agent().frontEnd.onSettled = nullptr;
+  ASSERT_THAT(left, testing::ElementsAre(FailedWith(0, 13)));
+  EXPECT_EQ(left[0].second.message(), "its outcome is not known: odd; the switch is critical");
+  EXPECT_TRUE(agent().status->brokenInvariant());
+  EXPECT_EQ(level(), 1u);
+  EXPECT_FALSE(agent().batchStatus->inProgress());
+}
+
+TEST_F(CriticalStateTest, BatchThatIsOpenWritesNoMore) {
+  agent().begin();
+  EXPECT_EQ(agent().add(0, exactEntry(1)), PI_STATUS_SUCCESS);
+  agent().tableImpl->triggerCriticalState();
+  EXPECT_EQ(agent().add(1, exactEntry(2)), updateFailedStatus);
+  agent().end();
+  forwarder().programAll();
+  const auto left = agent().outcome();
+  ASSERT_THAT(left, testing::ElementsAre(FailedWith(1, 13)));
+  EXPECT_EQ(left[0].second.message(), "WRITE operation is not allowed due to critical state");
+  EXPECT_EQ(agent().rowCount(exactTable), 1u) << "what it has written is settled as ever";
+}
+
 TEST_F(CriticalStateTest, ExceptionWithoutEntryRecordsItsErrorOnly) {
   const uint64_t handle = agent().added(exactEntry(1));
   agent().begin();

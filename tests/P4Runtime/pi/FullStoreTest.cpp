@@ -8,7 +8,16 @@ using namespace TestSupport;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class FullStoreTest : public AgentTest {};
+class FullStoreTest : public AgentTest {
+ protected:
+  static CachePodArray<uint8_t> exactRecord(uint8_t port) {
+    CachePodArray<uint8_t> data;
+    data.elementIs(0, 0);
+    data.elementIs(1, port);
+    return data;
+  }
+  int losses_ = 0;
+};
 
 TEST_F(FullStoreTest, BatchThatDoesNotFitNeverWas) {
   agent().batchStatus->batchTimeoutIs(3600);  // nobody has to wait for it either
@@ -44,6 +53,87 @@ TEST_F(FullStoreTest, BatchThatDoesNotFitNeverWas) {
   EXPECT_FALSE(agent().status->critical());
   EXPECT_EQ(codeOfAdd(exactEntry(3)), 0);
   EXPECT_EQ(codeOfDelete(exactEntry(2)), 0);
+}
+
+// Each commit leaves room for its undoing.
+TEST_F(FullStoreTest, FailedUpdatesArePutBackThoughNothingElseFits) {
+  Entry old = exactEntry(1, 5);
+  old.metadata = "old";
+  const uint64_t changed = agent().added(old);
+  const uint64_t deleted = agent().added(exactEntry(2));
+  agent().begin();
+  agent().add(0, exactEntry(1, 6));
+  agent().del(1, exactEntry(2));
+  agent().add(2, exactEntry(3));
+  agent().end();
+  agent().fillStore();
+  for (int i = 0; i < 3; ++i) forwarder().failNext(ErrorCode::hardwareError, "no");
+  EXPECT_THAT(agent().outcome(),
+              ElementsAre(FailedWith(0, 13), FailedWith(1, 13), FailedWith(2, 13)));
+  EXPECT_FALSE(agent().status->critical()) << agent().status->criticalReason();
+  start();  // as it is stored
+  const Vela::ActivityLock lock;
+  agent().tableImpl->restoreCachedEntries();
+  ASSERT_EQ(agent().frontEnd.restored.size(), 2u);
+  EXPECT_EQ(agent().frontEnd.restored[0].data, old.data);
+  EXPECT_EQ(agent().frontEnd.restored[0].metadata, "old");
+  EXPECT_EQ(agent().handleOf(exactEntry(1)), changed);
+  EXPECT_EQ(agent().handleOf(exactEntry(2)), deleted);
+  EXPECT_EQ(agent().rowCount(exactTable), 2u);
+}
+
+// The controller hears that it failed; the tables must not say otherwise without anybody knowing.
+TEST_F(FullStoreTest, UndoingThatCannotBeStoredIsCriticalUntilItCan) {
+  const uint64_t changed = agent().added(exactEntry(1, 5));
+  const uint64_t deleted = agent().added(exactEntry(2));
+  agent().begin();
+  agent().add(0, exactEntry(1, 6));
+  agent().del(1, exactEntry(2));
+  agent().add(2, exactEntry(3));
+  agent().end();
+  for (int i = 0; i < 3; ++i) forwarder().failNext(ErrorCode::hardwareError, "no");
+  agent().frontEnd.onSettled = [this] { agent().outgrowStore(); };
+  EXPECT_THAT(agent().outcome(), testing::SizeIs(3));
+  agent().frontEnd.onSettled = nullptr;
+  EXPECT_THAT(agent().status->criticalReason(),
+              testing::AllOf(testing::HasSubstr("3 failed entries could not be put back"),
+                             testing::HasSubstr(agent().directory)));
+  EXPECT_EQ(agent().rowCount(exactTable), 2u) << "entries 1 and 3: what was to be undone stands";
+  EXPECT_EQ(agent().record(exactTable, changed)->actionData, exactRecord(6));
+  {
+    const Vela::ActivityLock lock;
+    agent().outgrowStore();
+    EXPECT_THROW(agent().tableImpl->revertCriticalState(), Vela::Exception);
+    EXPECT_TRUE(agent().status->critical());
+    agent().tableImpl->revertCriticalState();
+  }
+  EXPECT_FALSE(agent().status->critical());
+  EXPECT_EQ(agent().rowCount(exactTable), 2u);
+  EXPECT_EQ(agent().recordCount(), 2u);
+  EXPECT_EQ(agent().record(exactTable, changed)->actionData, exactRecord(5));
+  EXPECT_EQ(agent().record(exactTable, deleted)->entryState, EntryState::stable);
+  forwarder().programAll();
+  EXPECT_EQ(forwarder().rows().size(), 2u);
+  EXPECT_EQ(codeOfAdd(exactEntry(3)), 0);
+}
+
+// What is lost in a commit that nobody looks at is no trace in a log.
+TEST_F(FullStoreTest, LossesOfCommitsThatNobodyLooksAtAreTold) {
+  const uint64_t handle = agent().added(exactEntry(1));
+  agent().database->lossHandlerIs([this](const std::string&) { ++losses_; });
+  agent().outgrowStore();
+  EXPECT_EQ(losses_, 0) << "no row was changed";
+  {
+    const Vela::ActivityLock lock;
+    const ResourceId rid{tableResource, exactTable};
+    agent().tableInfo->latticeTableInterface(rid)->rowDel(exactEntry(1).key, handle);
+    agent().outgrowStore();
+  }
+  EXPECT_EQ(losses_, 1);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
+  const Vela::ActivityLock lock;
+  agent().outgrowStore();
+  EXPECT_THROW(agent().tableImpl->commitOrThrow(), std::runtime_error);
 }
 
 TEST_F(FullStoreTest, WritesThatCameBeforeTheBatchStand) {

@@ -31,7 +31,7 @@ FakeFrontEnd& frontEndOf(void* cookie) { return *static_cast<FakeFrontEnd*>(cook
 pi_status_t takeBack(void* cookie, pi_dev_id_t, pi_p4_id_t table, const pi_match_key_t* key,
                      const pi_table_entry_t* entry, pi_entry_handle_t handle,
                      uint64_t controllerMetadata, const char* metadata, size_t metadataSize) {
-  if (frontEndOf(cookie).refuses) return PI_STATUS_INVALID_ENTRY_TYPE;
+  if (frontEndOf(cookie).refusal != PI_STATUS_SUCCESS) return frontEndOf(cookie).refusal;
   FakeFrontEnd::Restored one{table,
                              {key->data, key->data_size},
                              0,
@@ -56,11 +56,12 @@ pi_status_t takeBack(void* cookie, pi_dev_id_t, pi_p4_id_t table, const pi_match
 constexpr pi_frontend_hooks_t hooks{
     [](void* cookie, pi_dev_id_t, pi_entry_handle_t handle, uint32_t code) {
       frontEndOf(cookie).settled.emplace_back(handle, code);
+      if (frontEndOf(cookie).onSettled) frontEndOf(cookie).onSettled();
     },
     takeBack,
     [](void* cookie, pi_dev_id_t, pi_p4_id_t, const pi_action_data_t* action, uint32_t id,
        pi_indirect_handle_t handle, const char* metadata, size_t size) {
-      if (frontEndOf(cookie).refuses) return PI_STATUS_INVALID_ENTRY_TYPE;
+      if (frontEndOf(cookie).refusal != PI_STATUS_SUCCESS) return frontEndOf(cookie).refusal;
       frontEndOf(cookie).members.push_back(
           {id, handle, {action->data, action->data_size}, {metadata, size}});
       return PI_STATUS_SUCCESS;
@@ -207,6 +208,17 @@ void AgentParts::outgrowStore() {
   const ActivityLock lock;
   store->put(store->table("ballast"), Brine::asBytes("large"),
              Brine::asBytes(std::string(2 * storeBytes, 'x')));
+}
+
+void AgentParts::fillStore() {
+  const ActivityLock lock;
+  uint64_t record = 0;
+  for (size_t size = storeBytes / 4; size > 0; size /= 2) {
+    do {
+      store->put(store->table("ballast"), Brine::asBytes(std::to_string(++record)),
+                 Brine::asBytes(std::string(size, 'x')));
+    } while (!database->commit(Brine::Store::Filling::leaveSome));
+  }
 }
 
 void AgentParts::updateIs(uint32_t offset, uint32_t controllerId, std::string_view metadata) {

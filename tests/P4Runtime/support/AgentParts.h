@@ -2,6 +2,7 @@
 // the tests of P4Runtime/ build their stories on.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -66,8 +67,9 @@ struct FakeFrontEnd {
   std::vector<RestoredObject> members;
   std::vector<RestoredObject> groups;
   bool restoreDone = false;
-  bool refuses = false;
+  pi_status_t refusal = PI_STATUS_SUCCESS;             // what each object is refused with
   std::vector<std::pair<uint64_t, uint32_t>> settled;  // handle and error code
+  std::function<void()> onSettled;                     // in the midst of settling a batch
 };
 
 // Builds on what its directory holds; brings up no pipeline of its own. One at a time. Nothing of
@@ -78,6 +80,8 @@ class AgentParts {
   explicit AgentParts(const std::string& directory);
   // The open batch has more to store than the state directory holds.
   void outgrowStore();
+  // Commits until nothing more fits, however little.
+  void fillStore();
   ~AgentParts();
 
   // Writes the pipeline file and lets the agent read it; turns the reactor until it is done.

@@ -3,6 +3,7 @@
 
 #include <functional>
 
+#include "P4Runtime/table/EntryFailures.h"
 #include "PI/int/pi_int.h"
 #include "PI/target/pi_act_prof_imp.h"
 #include "tests/P4Runtime/support/AgentTest.h"
@@ -393,6 +394,25 @@ TEST_F(ActionProfileTest, RestartBringsAllBackWithoutATrace) {
 }
 
 // The profile's members lose their action, or its tables are gone: what depends on them goes, too.
+// The others come back all the same.
+TEST_F(ActionProfileTest, RecordOfAMemberThatCannotBeRestoredStopsNoOther) {
+  const uint64_t good = member(7, 5);
+  const uint64_t bad = member(8, 6);
+  group(9, {good, bad});
+  {
+    const Vela::ActivityLock lock;
+    agent().tableImpl->memberCache()->storedIs({{actionProfileResource, profile}, bad},
+                                               Brine::asBytes("not a record"));
+  }
+  restart();
+  EXPECT_EQ(agent().frontEnd.members.size(), 1u);
+  ASSERT_EQ(agent().frontEnd.groups.size(), 1u);
+  EXPECT_EQ(agent().frontEnd.groups[0].data, std::to_string(good) + " ");
+  EXPECT_EQ(
+      agent().tableImpl->failures()->notRestoredList(),
+      "a member of action profile profile, handle " + std::to_string(bad) + ": unreadable record");
+}
+
 TEST_F(ActionProfileTest, WhatThePipelineHasNoPlaceForGoesWithItsRows) {
   const uint64_t first = member(1, 5);
   const uint64_t held = group(1, {first});

@@ -162,6 +162,9 @@ TEST_F(RestoreTest, EntriesOfVanishedTablesGo) {
   EXPECT_EQ(agent().frontEnd.restored[0].table, exactTable);
   EXPECT_EQ(agent().recordCount(), 1u);
   EXPECT_EQ(agent().rowCount(0x02000033), 0u);
+  EXPECT_EQ(agent().tableImpl->failures()->notRestored(), 1u);
+  EXPECT_THAT(agent().tableImpl->failures()->notRestoredList(),
+              testing::HasSubstr("table 33554435: "));
 }
 
 TEST_F(RestoreTest, EntryThatTheFrontEndRefusesGoesWholly) {
@@ -173,7 +176,7 @@ TEST_F(RestoreTest, EntryThatTheFrontEndRefusesGoesWholly) {
     EXPECT_GT(agent().added(exactEntry(1)), handle) << "handles are not used twice all the same";
     handle = agent().lastHandle;
     start(pipeline);
-    agent().frontEnd.refuses = true;
+    agent().frontEnd.refusal = PI_STATUS_INVALID_ENTRY_TYPE;
     restore();
     expectEmpty(exactTable);
   }
@@ -215,6 +218,7 @@ TEST_F(RestoreTest, RecordsThatMakeNoSenseGoAndTheOthersStay) {
     EXPECT_EQ(agent().handleOf(exactEntry(1)), good);
     EXPECT_EQ(agent().rowCount(exactTable), 1u);
     EXPECT_EQ(agent().rowCount(constantTable), 0u);
+    EXPECT_EQ(agent().tableImpl->failures()->notRestored(), 1u);
   }
   {
     const Vela::ActivityLock lock;
@@ -244,6 +248,45 @@ TEST_F(RestoreTest, ADamagedRecordIsNamedWithTableAndKeyAndTheOthersStay) {
   testing::internal::CaptureStderr();
   restart();
   EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::Not(testing::HasSubstr("damaged")));
+}
+
+// Without its tables every record would look like one that the pipeline has no place for.
+TEST_F(RestoreTest, WithoutAReadyPipelineNothingIsTouched) {
+  agent().added(exactEntry(1));
+  start();
+  {
+    const Vela::ActivityLock lock;
+    agent().tableInfo->cleanupRequestIdInc(1);
+    EXPECT_THROW(agent().tableImpl->restoreCachedEntries(), std::exception);
+  }
+  EXPECT_EQ(agent().recordCount(), 1u);
+  restart();
+  EXPECT_EQ(agent().frontEnd.restored.size(), 1u);
+}
+
+TEST_F(RestoreTest, RefusalThatMayPassRemovesNothing) {
+  agent().added(exactEntry(1));
+  start();
+  agent().frontEnd.refusal = PI_STATUS_INVALID_TABLE_OPERATION;  // no pipeline is being restored
+  EXPECT_THROW(restore(), std::exception);
+  EXPECT_EQ(agent().recordCount(), 1u);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
+}
+
+// It would forward for good, and nobody could delete it.
+TEST_F(RestoreTest, RowThatNoEntryStandsForGoes) {
+  agent().added(exactEntry(1));
+  agent().added(exactEntry(2));
+  {
+    const Vela::ActivityLock lock;
+    agent().tableImpl->tableCache()->cacheDel(
+        {{tableResource, exactTable}, agent().handleOf(exactEntry(2))});
+  }
+  restart();
+  EXPECT_EQ(agent().frontEnd.restored.size(), 1u);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
+  forwarder().programAll();
+  EXPECT_EQ(forwarder().rows().size(), 1u);
 }
 
 TEST_F(RestoreTest, CanBeDoneAgainInTheSameProcess) {

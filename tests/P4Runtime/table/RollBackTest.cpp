@@ -98,6 +98,7 @@ TEST_F(RollBackTest, TimedOutBatchIsUndoneAndTheSwitchIsCritical) {
             "Hardware programming for table id:33554433 could not be verified");
   EXPECT_TRUE(agent().status->critical());
   EXPECT_EQ(agent().rowCount(exactTable), 2u);
+  agent().tableImpl->revertCriticalState();
   agent().deleted(exactEntry(2));
   expectStands(old_, handle);
 }
@@ -111,6 +112,7 @@ TEST_F(RollBackTest, ReportAfterTheTimeOutChangesNothing) {
   EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
   expectEmpty(exactTable);
   forwarder().report(late, ErrorCode::none);
+  agent().tableImpl->revertCriticalState();
 
   const uint64_t handle = agent().added(old_);  // another batch, the same key
   forwarder().report(late, ErrorCode::hardwareError);
@@ -223,6 +225,7 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
     agent().end();
     forwarder().ignoreNext();
     EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+    agent().tableImpl->revertCriticalState();
     const RowChange undoing = forwarder().next();
     forwarder().failNext(ErrorCode::hardwareError, "stuck");
     EXPECT_EQ(failures.failedEntries(), 1u);

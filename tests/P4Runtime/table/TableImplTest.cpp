@@ -136,7 +136,7 @@ TEST_F(TableImplTest, RefusalLeavesNothingBehind) {
       {"a table that is not there",
        {0x020000ff, "", drop, ""},
        12,
-       "table table 33554687 is not part of the pipeline's device configuration"},
+       "table 33554687 is not part of the pipeline's device configuration"},
       {"a member for a table of actions",
        {exactTable, bytes("0800 0001"), 0, "", 0, 0, "", 5},
        13,
@@ -195,6 +195,13 @@ TEST_F(TableImplTest, PrioritiesAreTakenAsTheyCome) {
   Entry exact = exactEntry(1);
   exact.priority = 3;  // the table needs none
   EXPECT_EQ(codeOfAdd(exact), 0);
+  const std::string row = *agent().row("exact");
+  exact.priority = 4;
+  exact.data = bytes("0009");
+  EXPECT_EQ(codeOfAdd(exact), 6) << "both would stand in one row, and the first be lost";
+  EXPECT_EQ(*agent().row("exact"), row);
+  EXPECT_EQ(agent().handleOf(exact), 0u);
+  exact.priority = 3;
   EXPECT_EQ(codeOfDelete(exact), 0);
 }
 

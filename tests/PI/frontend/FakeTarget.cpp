@@ -179,6 +179,11 @@ pi_status_t FakeTarget::handleAdd(const pi_match_key_t& key, const pi_table_entr
   doRemember(&rows_, keyOf(key));
   Row& standing = rows_[keyOf(key)];
   row.handle = *handle = standing.handle != 0 ? standing.handle : ++lastHandle_;
+  if (memoryEndsAt_ == batches_.back().back().offset) {
+    standing = row;
+    memoryEndsAt_.reset();
+    throw std::bad_alloc();
+  }
   standing = row;
   return PI_STATUS_SUCCESS;
 }

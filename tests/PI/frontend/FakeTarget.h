@@ -69,6 +69,8 @@ class FakeTarget {
   void callStatusIs(uint32_t offset, int status, size_t n = 0) {
     callStatus_[offset] = {n, status};
   }
+  // The next entry written at the offset stands, and then memory runs out.
+  void memoryEndsAt(uint32_t offset) { memoryEndsAt_ = offset; }
   void failuresAreOver() {
     failures_.clear();
     callStatus_.clear();
@@ -154,6 +156,7 @@ class FakeTarget {
   std::vector<Batch> batches_;
   std::map<uint32_t, Failure> failures_;
   std::map<uint32_t, std::pair<size_t, int>> callStatus_;
+  std::optional<uint32_t> memoryEndsAt_;
   std::map<uint32_t, size_t> calls_;  // in the current batch, by offset
   pi_status_t counterStatus_ = PI_STATUS_SUCCESS;
   pi_status_t batchStatus_ = PI_STATUS_SUCCESS;

@@ -153,6 +153,19 @@ TEST_F(WriteTest, WithoutAForwardingAgentIsUnavailableAsFarAsNothingHasBeenRun) 
   EXPECT_THAT(test::codesOf(later), ElementsAre(code::ok, code::unavailable, code::ok));
 }
 
+// The remains of an open batch would be taken for the next Write's.
+TEST_F(WriteTest, MemoryThatEndsInMidBatchLeavesNoBatchAndNoEntry) {
+  ASSERT_EQ(inserted(route(1, 5)).code(), code::ok);
+  target.memoryEndsAt(2);
+  EXPECT_EQ(written({modify(1, 6), insert(2), insert(3), insert(4)}).code(),
+            code::resourceExhausted);
+  EXPECT_THAT(target.rows(), SizeIs(1));
+  EXPECT_THAT(found(test::query(test::kIpv4)), ElementsAre(EqualsProto(route(1, 5))));
+  EXPECT_EQ(written({modify(1, 7), insert(3)}).code(), code::ok);
+  EXPECT_THAT(target.rows(), SizeIs(2));
+  EXPECT_THAT(target.faults(), IsEmpty());
+}
+
 TEST_F(WriteTest, ReadsDoNotWaitForAPendingWriteAndSeeTheStateBeforeIt) {
   ASSERT_EQ(written({insert(1, 5), insert(2, 5)}).code(), code::ok);
   target.batchesAreHeld();

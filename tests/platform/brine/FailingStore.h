@@ -45,8 +45,9 @@ class FailingStore final : public Brine::Store {
   }
   void handleReaderGone() override { store_->handleReaderGone(); }
   bool dirty() const override { return store_->dirty(); }
-  void commit() override {
-    if (!failing) return store_->commit();
+  using Brine::Store::commit;
+  void commit(Filling filling) override {
+    if (!failing) return store_->commit(filling);
     store_->discard();
     throw Brine::StoreError(Brine::Trouble::full, "the state directory is full");
   }

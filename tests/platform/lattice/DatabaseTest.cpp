@@ -141,7 +141,7 @@ TEST_F(DatabaseTest, AScopeThatEndsInABatchCommitsNothing) {
   {
     const ActivityLock lock;
     EXPECT_EQ(routes->rowCount(), 5u);
-    agent->database->batchEnd();
+    EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
   }
   EXPECT_EQ(reader->snapshot()->count("row/routes"), 5u);
   write(5, 6);
@@ -281,7 +281,7 @@ TEST_F(DatabaseTest, TheJournalIsTrimmedBehindWhatWasReceived) {
   const ActivityLock lock;
   agent->database->batchBegin();
   routes->rowIs(route(1, 1), 7);
-  agent->database->batchEnd();
+  EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
   EXPECT_LE(agent->store->count(agent->store->table("lattice/journal")), 2u);
 }
 

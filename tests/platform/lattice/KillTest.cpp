@@ -32,7 +32,7 @@ void writeBatch(Agent& agent, ArTableInterface& routes, std::mt19937_64& random)
       agent.store->put(cache, Brine::asBytes(row.key), Brine::asBytes(row.value));
     }
   }
-  agent.database->batchEnd();
+  EXPECT_EQ(agent.database->batchEnd(), std::nullopt);
 }
 
 [[noreturn]] void writeForEver(const std::string& directory, unsigned seed) {

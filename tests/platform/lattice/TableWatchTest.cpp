@@ -118,7 +118,7 @@ TEST_F(TableWatchTest, WatchesEndWithHolderOrTable) {
   EXPECT_EQ(agent->database->watch("nowhere"), nullptr);
   agent->database->batchBegin();
   EXPECT_THROW(agent->database->watch("routes"), std::logic_error);
-  agent->database->batchEnd();
+  EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
   mirrorWatch.reset();
   agent->table("mirror");
   EXPECT_EQ(gone, "");

@@ -1,0 +1,108 @@
+#include "P4Runtime/table/ConstantEntries.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+#include <vector>
+
+#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/TableImpl.h"
+#include "platform/scrivel/Trace.h"
+
+namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("ConstantEntries");
+
+constexpr const char* tableName = "p4runtime/cache/constant";
+
+// An action as it is remembered: its id in decimal, a blank, its data.
+std::string actionOf(const P4TableInfoConstEntry& entry) {
+  return std::to_string(entry.actionId) + ' ' + bytesFromHexadecimal(entry.actionParams);
+}
+
+bool isOf(const P4TableInfoConstEntry& entry, const TableCacheEntry& record) {
+  const std::string key = bytesFromHexadecimal(entry.key);
+  return static_cast<int32_t>(entry.priority) == record.matchKeyPriority &&
+         std::ranges::equal(key, record.matchKeyData,
+                            [](char a, uint8_t b) { return static_cast<uint8_t>(a) == b; });
+}
+
+void actionIs(TableCacheEntry& record, const P4TableInfoConstEntry& entry) {
+  const std::string data = bytesFromHexadecimal(entry.actionParams);
+  record.entryType = TableCacheEntry::directEntry;
+  record.indirectHandle = 0;
+  record.actionId = entry.actionId;
+  record.actionDataDelAll();
+  for (size_t i = 0; i < data.size(); ++i) record.actionDataIs(i, static_cast<uint8_t>(data[i]));
+}
+
+}  // namespace
+
+std::string bytesFromHexadecimal(const std::string& text) {
+  std::string bytes;
+  for (size_t at = 0; at < text.size(); at += 2) {
+    bytes += static_cast<char>(std::strtoul(text.substr(at, 2).c_str(), nullptr, 16));
+  }
+  return bytes;
+}
+
+Brine::Store& ConstantEntries::store() const { return tableImpl_.database_->store(); }
+Brine::TableNumber ConstantEntries::table() const { return store().table(tableName); }
+
+void ConstantEntries::programmedIs(const ResourceId& rid, EntryHandle handle,
+                                   const P4TableInfoConstEntry& entry) {
+  if (!tableImpl_.database_) return;
+  store().put(table(), storedKey({rid, handle}), Brine::asBytes(actionOf(entry)));
+}
+
+void ConstantEntries::maybeProgrammedIs(const ResourceId& rid, EntryHandle handle,
+                                        const P4TableInfoConstEntry& entry) {
+  if (!tableImpl_.tableCache() || store().get(table(), storedKey({rid, handle}))) return;
+  const auto record = tableImpl_.tableCache()->cache({rid, handle});
+  if (!record) return;
+  TableCacheEntry same = *record;
+  actionIs(same, entry);
+  if (same == *record) programmedIs(rid, handle, entry);
+}
+
+void ConstantEntries::forget(const CacheKey& key) { store().erase(table(), storedKey(key)); }
+
+void ConstantEntries::followPipeline() {
+  if (!tableImpl_.tableCache()) return;
+  std::vector<std::pair<CacheKey, std::string>> known;  // the store must not change meanwhile
+  store().forEach(table(), [&](Brine::Bytes key, Brine::Bytes action) {
+    known.emplace_back(cacheKeyOf(key), Brine::asText(action));
+    return true;
+  });
+  for (const auto& [key, formerAction] : known) follow(key, formerAction);
+}
+
+void ConstantEntries::follow(const CacheKey& key, const std::string& formerAction) {
+  auto record = tableImpl_.tableCache()->cache(key);
+  if (!record) return forget(key);  // a controller has deleted it
+  const auto& entries = tableImpl_.tableInfo().constEntries(key.rid).entry();
+  const auto entry =
+      std::ranges::find_if(entries, [&](const auto& one) { return isOf(one, *record); });
+  if (entry == entries.end()) return takeBack(key);
+  if (actionOf(*entry) == formerAction) return;
+  SCRIVEL_TRACE(1, "ConstantEntries", " another action for entry ", key.entryHandle, " of ",
+                tableImpl_.tableInfo().nameOf(key.rid));
+  actionIs(*record, *entry);
+  tableImpl_.tableCache()->cacheIs(*record);
+  tableImpl_.rewritten_.insert(key.entryHandle);
+  programmedIs(key.rid, key.entryHandle, *entry);
+}
+
+void ConstantEntries::takeBack(const CacheKey& key) {
+  SCRIVEL_TRACE(1, "ConstantEntries", " the pipeline no longer has entry ", key.entryHandle, " of ",
+                tableImpl_.tableInfo().nameOf(key.rid));
+  forget(key);
+  tableImpl_.tableCache()->cacheDel(key);
+  tableImpl_.cachedMetadataIs(key.rid, key.entryHandle, {});
+  tableImpl_.failures_->failureDel(key.entryHandle);
+  tableImpl_.handleMgr().reserveUpTo(key.entryHandle);
+  tableImpl_.handleMgr().freeTableEntryHandle(key.entryHandle);
+}
+
+}  // namespace P4Runtime
