@@ -78,7 +78,9 @@ UnixListener::UnixListener(UnixListenerOptions options)
     fail(errno, "its directory must be one, and no symbolic link");
   }
   const bool trusted = geteuid() == 0 || status.st_uid == geteuid() || status.st_uid == 0;
-  if (!trusted || (status.st_mode & 022)) {
+  // Where a directory is sticky, others may add files and replace none of ours.
+  const bool isShared = (status.st_mode & 022) && !(status.st_mode & S_ISVTX);
+  if (!trusted || isShared) {
     fail(EPERM, "other users may write to its directory: choose one of your own, or chmod go-w");
   }
   const UnixAddress address(options_.path);
