@@ -228,7 +228,9 @@ TEST_F(ServerInitTest, ConstantEntriesFollowThePipeline) {
       EXPECT_EQ(agent().handleOf(first), stays);
       EXPECT_EQ(agent().handleOf(second) != 0, !c.port.empty());
       for (const auto& back : agent().frontEnd.restored) {
-        if (back.key == second.key) EXPECT_EQ(back.data, c.port);
+        if (back.key == second.key) {
+          EXPECT_EQ(back.data, c.port);
+        }
       }
     }
     // As at first, and unlike it in the handle.
