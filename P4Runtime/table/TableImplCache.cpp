@@ -337,7 +337,7 @@ void TableImpl::maybePutBackAgain() {
 
 void TableImpl::commitOrThrow() {
   if (!database_) return;
-  if (const auto trouble = database_->commit(Brine::Store::Filling::leaveSome)) {
+  if (const auto trouble = database_->commit(Brine::Store::Filling::leaveRoomToUndo)) {
     throw std::runtime_error(*trouble);
   }
   putBack_.clear();

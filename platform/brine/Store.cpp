@@ -86,6 +86,21 @@ std::string moveAside(const std::string& directory, Trouble why) {
 // takes less than half of those it may come to need.
 uint64_t pagesToUndo(uint64_t pages) { return pages / 2 + 16; }
 
+// A few deletions, whose pages the next commits can use.
+constexpr uint64_t pagesToDelete = 96;
+
+uint64_t pagesLeft(Store::Filling filling, uint64_t pages) {
+  switch (filling) {
+    case Store::Filling::leaveRoomToDelete:
+      return pagesToUndo(pages) + pagesToDelete;
+    case Store::Filling::leaveRoomToUndo:
+      return pagesToUndo(pages);
+    case Store::Filling::takeAll:
+      break;
+  }
+  return 0;
+}
+
 struct Table {
   std::string name;
   MDB_dbi dbi = 0;
@@ -477,7 +492,7 @@ void StoreImpl::writeAll(MDB_txn* txn, Filling filling) {
     if (table.exists) addRoomFor(txn, table, run, &room);
     rest = rest.subspan(run.size());
   }
-  if (filling == Filling::leaveSome) room.spare = pagesToUndo(room.pages);
+  room.spare = pagesLeft(filling, room.pages);
   environment_->allocateRoom(room);
 
   for (const Table& table : tables_) {

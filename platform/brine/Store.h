@@ -104,13 +104,18 @@ class Store {
   virtual void eraseDamaged(std::span<const DamagedRecord> records) = 0;
 
   virtual bool dirty() const = 0;  // whether the write set holds anything
-  // How much of the state directory a commit may fill: a commit that puts former values back may
-  // take the room that each other commit leaves, which is enough to undo that commit.
-  enum class Filling { leaveSome, takeAll };
+  // How much of the state directory a commit may fill. A full store still takes deletions, and the
+  // undoing of each commit.
+  enum class Filling {
+    leaveRoomToDelete,  // for records that are new: some deletions fit afterwards, and their
+                        // undoing
+    leaveRoomToUndo,    // for deletions and changes: their own undoing fits afterwards
+    takeAll,            // for an undoing, and in a store in which nothing is undone
+  };
   // Makes the write set visible and lasting, as one transaction. Throws StoreError: the write set
   // is then dropped and the store is as after the commit before.
   virtual void commit(Filling filling) = 0;
-  void commit() { commit(Filling::leaveSome); }
+  void commit() { commit(Filling::leaveRoomToDelete); }
   // A process that may have read the store has gone: what it held can be used again.
   virtual void handleReaderGone() = 0;
   virtual void discard() = 0;  // drops the write set

@@ -97,7 +97,9 @@ class DatabaseImpl final : public Database {
  private:
   void handleScopeEnd();
   bool dirty() const { return store_.dirty() || !journal_.empty(); }
-  std::optional<std::string> committed(Brine::Store::Filling filling = Brine::Store::Filling::leaveSome);
+  std::optional<std::string> committed(Brine::Store::Filling filling);
+  std::optional<std::string> committed() { return committed(usualFilling()); }
+  Brine::Store::Filling usualFilling() const;
   void commitUnasked();
   void doCommit(Brine::Store::Filling filling);
   void doDerive();
@@ -120,6 +122,7 @@ class DatabaseImpl final : public Database {
   std::vector<std::weak_ptr<WatchedTable>> watched_;
   bool inBatch_ = false;
   bool typesChanged_ = false;  // in this commit
+  bool rowsAdded_ = false;     // in this commit
   bool commitLater_ = false;   // not at the end of this scope
   bool commitPosted_ = false;  // the reactor has been asked to
   std::function<void(const std::string&)> tellLoss_;
@@ -281,11 +284,17 @@ void DatabaseImpl::handleScopeEnd() {
   }
 }
 
+Brine::Store::Filling DatabaseImpl::usualFilling() const {
+  using Filling = Brine::Store::Filling;
+  return rowsAdded_ ? Filling::leaveRoomToDelete : Filling::leaveRoomToUndo;
+}
+
 // Empty, or why the writes since the last commit are lost.
 std::optional<std::string> DatabaseImpl::committed(Brine::Store::Filling filling) try {
   if (!dirty()) return std::nullopt;
   doDerive();
   doCommit(filling);
+  rowsAdded_ = false;
   settleWatches();
   if (commitObserver_) commitObserver_->committed();
   return std::nullopt;
@@ -293,6 +302,7 @@ std::optional<std::string> DatabaseImpl::committed(Brine::Store::Filling filling
   SCRIVEL_TRACE(0, "commit failed: ", error.what());
   store_.discard();
   journal_.discarded();
+  rowsAdded_ = false;
   if (commitObserver_) commitObserver_->discarded();
   settleWatches();
   announceAgain();
@@ -346,6 +356,7 @@ uint64_t DatabaseImpl::rowIs(const ArTableInterface::Impl& table, const Row& row
   const auto bytes = stored(table, row.key);
   const auto former = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
   const bool same = former && former->value == row.value;
+  if (!former) rowsAdded_ = true;
   if (same && !inBatch_) {
     // No change for the followers; yet later ones report under the handle that stands here.
     const uint64_t sequence = former->sequence;

@@ -70,7 +70,7 @@ class FlowCounterWriterImpl final : public FlowCounterWriter {
         directory_(directory),
         folder_(fileId(directory)) {
     store_->eraseAll(table_);
-    store_->commit();
+    commit();
   }
 
   void countIs(std::string_view name, const FlowCount& total) override {
@@ -82,7 +82,9 @@ class FlowCounterWriterImpl final : public FlowCounterWriter {
     requireName(name);
     store_->erase(table_, Brine::asBytes(name));
   }
-  void commit() override { store_->commit(); }
+  void commit() override {
+    store_->commit(Brine::Store::Filling::takeAll);
+  }  // counts are not undone
   bool reachable() const override { return fileId(directory_) == folder_; }
 
  private:

@@ -187,8 +187,34 @@ TEST(StateDirectory, WhenFullRefusesWritesAndLosesNothing) {
   const WriteOutcome full = tested.write(sets);
   EXPECT_EQ(full.code(99), grpc::RESOURCE_EXHAUSTED) << testing::PrintToString(full);
   EXPECT_EQ(tested.disagreement(), "");
+  // The hardware fails on top of that: there is room to put everything back.
+  const auto deleted = [&](uint32_t from, uint32_t to) {
+    std::vector<p4::v1::Update> updates;
+    for (uint32_t i = from; i < to; ++i) updates.push_back(deleteOf(tested.route(i, 1)));
+    return tested.write(updates);
+  };
+  ASSERT_EQ(tested.forwarder.ctl({"fail-table", "ipv4_route"}).exit.code, 0);
+  for (uint32_t i = 0; i < 200; i += 20) {
+    EXPECT_FALSE(deleted(i, i + 20).ok());
+    const p4::v1::TableEntry changed = tested.route(i, 2);
+    EXPECT_FALSE(tested.write({modifyOf(changed)}).ok());
+  }
+  ASSERT_EQ(tested.forwarder.ctl({"clear"}).exit.code, 0);
+  EXPECT_EQ(tested.routes().entries.size(), written);
+  EXPECT_EQ(tested.disagreement(), "");
   ASSERT_TRUE(tested.restartAgent()) << tested.agent.output();
   EXPECT_EQ(tested.routes().entries.size(), written);
+  EXPECT_EQ(tested.disagreement(), "");
+  // Deletions find room, and make more.
+  for (uint32_t i = 0; i < 10000; i += 20) {
+    outcome = deleted(i, i + 20);
+    EXPECT_TRUE(outcome.ok()) << testing::PrintToString(outcome);
+  }
+  for (uint32_t i = 0; i < 100; i += 20) {
+    outcome = tested.insertRoutes(i, i + 20, 3);
+    EXPECT_TRUE(outcome.ok()) << testing::PrintToString(outcome);
+  }
+  EXPECT_EQ(tested.routes().entries.size(), written - 9900);
   EXPECT_EQ(tested.disagreement(), "");
 }
 

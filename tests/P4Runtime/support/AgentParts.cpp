@@ -217,7 +217,7 @@ void AgentParts::fillStore() {
     do {
       store->put(store->table("ballast"), Brine::asBytes(std::to_string(++record)),
                  Brine::asBytes(std::string(size, 'x')));
-    } while (!database->commit(Brine::Store::Filling::leaveSome));
+    } while (!database->commit(Brine::Store::Filling::leaveRoomToUndo));
   }
 }
 
