@@ -22,7 +22,7 @@ using std::chrono::milliseconds;
 // What the folder of folders does not tell by its own times is found this much later.
 constexpr milliseconds scanInterval{100};
 // A store that cannot be read is looked at again after this, and then ever more rarely.
-constexpr milliseconds firstRetry{1000};
+constexpr milliseconds firstRetry{100};
 constexpr milliseconds lastRetry{60000};
 constexpr int64_t settledAfterNs = 20'000'000;  // more than a tick of the kernel's clock
 
