@@ -199,8 +199,8 @@ void updatePendingStatus(StatusVector& statusVector) {
   maybeHandleTimedOutStatusEntries(statusVector);
 }
 
-// What was put back must be stored before the controller hears of it. Without that, only records'
-// states are left to store, which a restart finds out anew.
+// Entries that were put back must be stored before the controller hears of the failure. Otherwise
+// only the states of records remain to be stored, and a restart can derive these.
 void storeOutcome() {
   if (TheTableImpl()->anyPutBack()) {
     TheTableImpl()->commitPutBack();

@@ -33,7 +33,7 @@ class WriteGate : public Vela::Entity {
  public:
   bool isOpen() const { return closers_.empty(); }
   bool isDrained() const { return !isOpen() && !batchStatus_->inProgress(); }
-  // Sets the level anew: after a change of the critical state. Keeps the gate closed if it is.
+  // Call after a change of the critical state: sets the level for it. A closed gate stays closed.
   void applyLevel();
   // Sets the level in place of the PI library's own function, so that it is traced.
   void levelHandlerIs(std::function<void(uint32_t)> handler) { setLevel_ = std::move(handler); }

@@ -59,7 +59,7 @@ bool tableNameTaken(const P4TableInfo& tableInfo, const std::string& name) {
                      [&](const auto& one) { return one.second->tableName() == name; });
 }
 
-// Without those that cannot be programmed.
+// Leaves out constant entries that cannot be programmed.
 P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table,
                                        const Pipeline::Refused& refused) {
   P4TableInfoConstEntries entries(rid);

@@ -23,7 +23,7 @@ std::string toText(const CacheKey& key);
 // The key's bytes in a shared-memory table: type, id and handle, big-endian, so that records sort
 // by resource and then by handle.
 std::array<uint8_t, 16> storedKey(const CacheKey& key);
-CacheKey cacheKeyOf(std::span<const uint8_t> storedKey);        // {} when it is none
+CacheKey cacheKeyOf(std::span<const uint8_t> storedKey);        // {} for a malformed key
 std::array<uint8_t, 8> storedKeyPrefix(const ResourceId& rid);  // what a resource's keys begin with
 
 }  // namespace P4Runtime

@@ -37,7 +37,7 @@ class EntryFailures : public Vela::Entity {
  public:
   // False if this failure is already recorded, or the agent has said something later.
   bool failureIs(EntryHandle handle, uint64_t agent, uint64_t sequence, std::string text);
-  void failureDel(EntryHandle handle);  // of all agents; nothing when there is none
+  void failureDel(EntryHandle handle);  // of all agents, if there is any
   // The agent has programmed the change, and with it whatever it failed to do before.
   void programmedIs(EntryHandle handle, uint64_t agent, uint64_t sequence);
   size_t agentDel(uint64_t agent);  // it has left; how many failures went with it

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kMaxElements = 100000;
 
-// Half of the processors are for those that do not read.
+// The other half of the processors stays free for Writes and the reactor.
 size_t readTurnCount() { return std::max(1u, std::thread::hardware_concurrency() / 2); }
 
 DeviceMgrImp& imp(void* cookie) { return *static_cast<DeviceMgrImp*>(cookie); }

@@ -25,7 +25,7 @@ class EntryPages {
     std::vector<std::shared_ptr<Page>> pages;
   };
 
-  // Which snapshots have been made, and the newest of those that live.
+  // The number of the latest snapshot, and of the newest one that is still in use.
   struct Snapshots {
     uint64_t latest = 0;
     uint64_t newestAlive = 0;  // 0: none lives

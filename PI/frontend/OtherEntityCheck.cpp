@@ -69,7 +69,7 @@ void checkReplication(const p4::v1::PacketReplicationEngineEntry& entry) {
   }
 }
 
-// Of those that could be there only if they could be written, none is.
+// Such entities cannot be written here, so there is nothing to delete.
 void requireNoDelete(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
   if (type != Update::DELETE) return;
   if (!entity.has_packet_replication_engine_entry() && !entity.has_digest_entry()) return;
