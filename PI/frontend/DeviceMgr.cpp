@@ -2,7 +2,7 @@
 #include "PI/frontends/proto/device_mgr.h"
 
 #include "PI/frontend/DeviceMgrImp.h"
-#include "PI/frontend/Permission.h"
+#include "PI/frontend/base/Permission.h"
 #include "PI/pi.h"
 
 namespace pi::fe::proto {

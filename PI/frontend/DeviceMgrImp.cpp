@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <thread>
 
-#include "PI/frontend/Answered.h"
-#include "PI/frontend/Permission.h"
-#include "PI/frontend/ReadRun.h"
-#include "PI/frontend/Refusal.h"
-#include "PI/frontend/WriteRun.h"
+#include "PI/frontend/base/Permission.h"
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/base/StatusText.h"
+#include "PI/frontend/read/ReadRun.h"
+#include "PI/frontend/write/WriteRun.h"
 #include "PI/pi.h"
 
 namespace pi::fe::proto {
@@ -128,7 +128,7 @@ TargetSession DeviceMgrImp::session(const Pipeline& pipeline) const {
 
 DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
                                          const DeviceMgr::Admit& admit) {
-  return answered([&]() -> Status {
+  return statusOf([&]() -> Status {
     requireWritePermission();
     awaitedPipeline();
     requireAtomicity(request);
@@ -148,7 +148,7 @@ DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
 
 DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,
                                         const DeviceMgr::ReadSink& sink) const {
-  return answered([&] {
+  return statusOf([&] {
     requireReadPermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
     requireSize(request.entities_size(), "queries");

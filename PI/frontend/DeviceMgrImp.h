@@ -12,7 +12,7 @@
 
 #include "PI/core/PacketCounts.h"
 #include "PI/frontend/Pipeline.h"
-#include "PI/frontend/ReadTurns.h"
+#include "PI/frontend/read/ReadTurns.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/int/pi_frontend_hooks.h"
 

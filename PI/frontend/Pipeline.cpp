@@ -5,8 +5,8 @@
 
 #include <cstring>
 
-#include "PI/frontend/FetchedTable.h"
-#include "PI/frontend/Refusal.h"
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/restore/FetchedTable.h"
 #include "p4/tmp/p4config.pb.h"
 
 namespace pi::fe::proto {

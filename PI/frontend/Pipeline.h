@@ -3,12 +3,12 @@
 
 #include <atomic>
 
-#include "PI/frontend/EntryStore.h"
-#include "PI/frontend/P4InfoIndex.h"
-#include "PI/frontend/PacketHeaders.h"
-#include "PI/frontend/ProfileUse.h"
-#include "PI/frontend/RestoredProfiles.h"
-#include "PI/frontend/TargetSession.h"
+#include "PI/frontend/model/P4InfoIndex.h"
+#include "PI/frontend/model/PacketHeaders.h"
+#include "PI/frontend/restore/RestoredProfiles.h"
+#include "PI/frontend/store/EntryStore.h"
+#include "PI/frontend/store/ProfileUse.h"
+#include "PI/frontend/target/TargetSession.h"
 #include "PI/int/pi_int.h"
 
 namespace pi::fe::proto {

@@ -1,7 +1,7 @@
 // The pipeline of a device: how the agent installs it, and what controllers may do about it.
 #include "PI/frontend/DeviceMgrImp.h"
-#include "PI/frontend/Refusal.h"
-#include "PI/frontend/StatusText.h"
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/base/StatusText.h"
 #include "PI/pi.h"
 
 namespace pi::fe::proto {

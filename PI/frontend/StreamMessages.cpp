@@ -2,10 +2,10 @@
 #include <new>
 
 #include "PI/core/PacketCounts.h"
-#include "PI/frontend/Answered.h"
 #include "PI/frontend/DeviceMgrImp.h"
-#include "PI/frontend/Permission.h"
-#include "PI/frontend/Refusal.h"
+#include "PI/frontend/base/Permission.h"
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/base/StatusText.h"
 #include "PI/pi.h"
 
 namespace pi::fe::proto {
@@ -72,7 +72,7 @@ void DeviceMgrImp::packetInCbDel() { pi_packetin_deregister_cb(deviceId_); }
 
 DeviceMgrImp::Status DeviceMgrImp::streamMessage(
     const p4::v1::StreamMessageRequest& request) const {
-  return answered([&] {
+  return statusOf([&] {
     switch (request.update_case()) {
       case p4::v1::StreamMessageRequest::kPacket:
         doSend(request.packet());

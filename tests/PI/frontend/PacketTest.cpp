@@ -3,7 +3,7 @@
 
 #include "PI/core/PacketCounts.h"
 #include "PI/pi.h"
-#include "tests/PI/frontend/FrontendTest.h"
+#include "tests/PI/frontend/support/FrontendTest.h"
 
 namespace pi::fe::proto {
 namespace {

@@ -2,7 +2,7 @@
 // hands back after a restart.
 #include <thread>
 
-#include "tests/PI/frontend/FrontendTest.h"
+#include "tests/PI/frontend/support/FrontendTest.h"
 
 namespace pi::fe::proto {
 namespace {

@@ -1,0 +1,73 @@
+// The google.rpc.Status of a call.
+#include "PI/frontend/base/StatusText.h"
+
+#include <algorithm>
+
+#include "PI/frontend/base/PlainText.h"
+#include "absl/strings/str_cat.h"
+
+namespace pi::fe::proto {
+
+namespace {
+
+constexpr int kUnknown = 2;
+// Of the 8 KiB; the rest is for gRPC's other trailers and our own frame around the details.
+constexpr size_t kHeaderBytes = 7 * 1024;
+constexpr size_t kAdvisedBytesPerItem = 100;
+// An Any with the type's name, and the code in it.
+constexpr size_t kItemBytes = 42;
+// Of the only message, in the status message; it travels there percent-encoded, and twice.
+constexpr size_t kOnlyMessageBytes = 512;
+constexpr size_t kEncodedBytesPerByte = 4;
+
+size_t messageBudget(size_t items) {
+  const size_t frame = items * kItemBytes;
+  if (frame < kHeaderBytes) return kHeaderBytes - frame;
+  return kHeaderBytes + items * kAdvisedBytesPerItem - frame;
+}
+
+void doFitMessages(std::vector<p4::v1::Error>* errors, size_t reserved) {
+  const size_t budget = messageBudget(errors->size());
+  size_t left = budget - std::min(budget, reserved);
+  for (p4::v1::Error& error : *errors) {
+    if (error.message().size() > left) error.clear_message();
+    left -= error.message().size();
+  }
+}
+
+bool isFailure(const p4::v1::Error& error) { return error.canonical_code() != 0; }
+
+// The message of a single failure stands in the status itself, where every client shows it.
+std::string summary(const std::vector<p4::v1::Error>& errors, size_t failed, const char* what) {
+  if (failed != 1) {
+    return absl::StrCat(failed, " of ", errors.size(), " ", what, " failed; see the details");
+  }
+  const auto only = std::find_if(errors.begin(), errors.end(), isFailure);
+  const std::string message = plainText(only->message().substr(0, kOnlyMessageBytes));
+  if (errors.size() == 1) return message;
+  return absl::StrCat("1 of ", errors.size(), " ", what, " failed: ", message);
+}
+
+}  // namespace
+
+google::rpc::Status okStatus() { return {}; }
+
+google::rpc::Status plainStatus(int code, const std::string& message) {
+  google::rpc::Status status;
+  status.set_code(code);
+  status.set_message(plainText(message));
+  return status;
+}
+
+google::rpc::Status itemisedStatus(std::vector<p4::v1::Error>* errors, const char* what) {
+  const auto failed = std::count_if(errors->begin(), errors->end(), isFailure);
+  if (failed == 0) return okStatus();
+  for (p4::v1::Error& error : *errors) error.set_message(plainText(error.message()));
+  google::rpc::Status status =
+      plainStatus(kUnknown, summary(*errors, static_cast<size_t>(failed), what));
+  doFitMessages(errors, failed == 1 ? kEncodedBytesPerByte * status.message().size() : 0);
+  for (const p4::v1::Error& error : *errors) status.add_details()->PackFrom(error);
+  return status;
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,187 @@
+// Direct meters and counters in updates.
+#include "PI/frontend/check/DirectResourceCheck.h"
+
+#include <limits>
+
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/store/KeyCodec.h"
+
+namespace pi::fe::proto {
+
+using p4::config::v1::MeterSpec;
+using p4::v1::CounterData;
+using p4::v1::MeterConfig;
+using p4::v1::TableEntry;
+using p4::v1::Update;
+
+namespace {
+
+bool isZero(const CounterData& data) { return data.byte_count() == 0 && data.packet_count() == 0; }
+
+void requireResource(const TablePlan& table, bool present, const char* resource,
+                     const char* field) {
+  if (present) return;
+  refuse(code::invalidArgument, "table ", table.name, " has no direct ", resource, " for ", field);
+}
+
+// Zeros are where a counter starts, so they say nothing new in an INSERT.
+void checkCounter(const TablePlan& table, const TableEntry& entry, Update::Type type) {
+  if (!entry.has_counter_data()) return;
+  requireResource(table, table.counter.has_value(), "counter", "counter_data");
+  if (type == Update::INSERT && isZero(entry.counter_data())) return;
+  refuse(code::unimplemented, "table ", table.name,
+         ": writing counter_data is not supported; counters start at 0 with their entry");
+}
+
+void checkColors(const TablePlan& table, const p4::v1::MeterCounterData& colors,
+                 const char* field) {
+  if (!isZero(colors.green()) || !isZero(colors.yellow()) || !isZero(colors.red())) {
+    refuse(code::invalidArgument, "table ", table.name, ": ", field, " must be zero");
+  }
+  refuse(code::unimplemented, "table ", table.name, ": writing ", field, " is not supported");
+}
+
+template <typename... Texts>
+[[noreturn]] void refuseConfig(const TablePlan& table, const Texts&... texts) {
+  refuse(code::invalidArgument, "table ", table.name, ": direct meter: ", texts...);
+}
+
+void checkRates(const TablePlan& table, const MeterConfig& config) {
+  const struct {
+    const char* name;
+    int64_t value;
+  } fields[] = {{"cir", config.cir()},
+                {"cburst", config.cburst()},
+                {"pir", config.pir()},
+                {"pburst", config.pburst()},
+                {"eburst", config.eburst()}};
+  for (const auto& field : fields) {
+    if (field.value < 0) {
+      refuseConfig(table, field.name, " is ", field.value, "; it must not be negative");
+    }
+  }
+  if (config.pir() < config.cir()) {
+    refuseConfig(table, "pir is ", config.pir(), ", below the cir of ", config.cir());
+  }
+}
+
+void checkAgainstType(const TablePlan& table, const MeterConfig& config) {
+  const MeterSpec::Type type = table.meter->type;
+  const bool oneRate = config.cir() == config.pir() && config.cburst() == config.pburst();
+  if (type != MeterSpec::TWO_RATE_THREE_COLOR && !oneRate) {
+    refuseConfig(table, "a meter of a single rate needs pir equal to cir and pburst to cburst");
+  }
+  if (type != MeterSpec::SINGLE_RATE_THREE_COLOR && config.eburst() != 0) {
+    refuseConfig(table, "eburst is ", config.eburst(), "; a meter of the type ",
+                 MeterSpec::Type_Name(type), " takes 0 only");
+  }
+}
+
+void checkWhatTheTargetTakes(const TablePlan& table, const MeterConfig& config) {
+  constexpr int64_t kMax = std::numeric_limits<uint32_t>::max();
+  if (config.cburst() > kMax || config.pburst() > kMax) {
+    refuse(code::outOfRange, "table ", table.name, ": direct meter: bursts of more than ", kMax,
+           " are not supported");
+  }
+  if (config.eburst() == 0) return;
+  refuse(code::unimplemented, "table ", table.name,
+         ": direct meter: an eburst other than 0 is not supported");
+}
+
+void checkConfig(const TablePlan& table, const MeterConfig& config) {
+  checkRates(table, config);
+  checkAgainstType(table, config);
+  checkWhatTheTargetTakes(table, config);
+}
+
+MeterSetting settingOf(const MeterConfig& config) {
+  return {static_cast<uint64_t>(config.cir()), static_cast<uint64_t>(config.pir()),
+          static_cast<uint32_t>(config.cburst()), static_cast<uint32_t>(config.pburst())};
+}
+
+// The table of a resource's entry; `given` is a DirectMeterEntry or a DirectCounterEntry.
+template <typename Given>
+const TablePlan& checkedTableOf(const P4InfoIndex& index, const Given& given, Update::Type type,
+                                const char* resource) {
+  if (!given.has_table_entry()) {
+    refuse(code::invalidArgument, "the direct ", resource, " entry names no table_entry");
+  }
+  const TablePlan& table = checkedTable(index, given.table_entry().table_id());
+  if (type == Update::MODIFY) return table;
+  refuse(code::invalidArgument, "table ", table.name, ": a direct ", resource,
+         " comes and goes with its entry; use MODIFY");
+}
+
+EntryPtr keyOf(const TablePlan& table, const TableEntry& entry, const char* resource,
+               const std::optional<MeterSetting>& meter) {
+  if (entry.is_default_action()) {
+    if (entry.match_size() != 0 || entry.priority() != 0) {
+      refuse(code::invalidArgument, "table ", table.name,
+             ": the default entry has neither match nor priority");
+    }
+    refuse(code::unimplemented, "table ", table.name, ": the default entry's direct ", resource,
+           " is not supported");
+  }
+  if (!table.unsupported.empty()) {
+    refuse(code::unimplemented, "table ", table.name, ": ", table.unsupported);
+  }
+  EntryPtr key = Entry::make(table.id, table.keyBytes, 0, 0, meter);
+  key->kind = EntryKind::keyAlone;
+  key->priority = checkedPriority(table, entry);
+  encodeKey(table, entry, key->keyData());
+  return key;
+}
+
+}  // namespace
+
+void checkDirectResources(const TablePlan& table, const TableEntry& entry, Update::Type type) {
+  checkCounter(table, entry, type);
+  if (entry.has_meter_config()) {
+    requireResource(table, table.meter.has_value(), "meter", "meter_config");
+    checkConfig(table, entry.meter_config());
+  }
+  if (entry.has_meter_counter_data()) {
+    requireResource(table, table.meter.has_value(), "meter", "meter_counter_data");
+    checkColors(table, entry.meter_counter_data(), "meter_counter_data");
+  }
+}
+
+std::optional<MeterSetting> meterSetting(const TablePlan& table, const TableEntry& entry) {
+  if (!table.meter || !entry.has_meter_config()) return std::nullopt;
+  return settingOf(entry.meter_config());
+}
+
+CheckedUpdate checkedDirectMeter(const P4InfoIndex& index, const p4::v1::DirectMeterEntry& given,
+                                 Update::Type type) {
+  CheckedUpdate result;
+  result.subject = CheckedUpdate::Subject::directMeter;
+  const TablePlan& table = checkedTableOf(index, given, type, "meter");
+  requireResource(table, table.meter.has_value(), "meter", "a direct meter entry");
+  std::optional<MeterSetting> setting;
+  if (given.has_config()) {
+    checkConfig(table, given.config());
+    setting = settingOf(given.config());
+  }
+  if (given.has_counter_data()) checkColors(table, given.counter_data(), "counter_data");
+  result.table = &table;
+  result.profile = table.profile;
+  result.slot.entry = keyOf(table, given.table_entry(), "meter", setting);
+  return result;
+}
+
+CheckedUpdate checkedDirectCounter(const P4InfoIndex& index,
+                                   const p4::v1::DirectCounterEntry& given, Update::Type type) {
+  CheckedUpdate result;
+  result.subject = CheckedUpdate::Subject::directCounter;
+  const TablePlan& table = checkedTableOf(index, given, type, "counter");
+  requireResource(table, table.counter.has_value(), "counter", "a direct counter entry");
+  if (given.has_data()) {
+    refuse(code::unimplemented, "table ", table.name, ": writing direct counters is not supported");
+  }
+  result.table = &table;
+  result.profile = table.profile;
+  result.slot.entry = keyOf(table, given.table_entry(), "counter", std::nullopt);
+  return result;
+}
+
+}  // namespace pi::fe::proto

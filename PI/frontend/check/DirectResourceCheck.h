@@ -1,0 +1,22 @@
+// Direct meters and counters in updates: what may be written to them, and what the target takes.
+#pragma once
+
+#include "PI/frontend/check/UpdateCheck.h"
+
+namespace pi::fe::proto {
+
+// What an INSERT or MODIFY of a table entry says of its direct resources. Throws a Refusal.
+void checkDirectResources(const TablePlan& table, const p4::v1::TableEntry& entry,
+                          p4::v1::Update::Type type);
+
+// The setting that a checked table entry brings; nothing: the default.
+std::optional<MeterSetting> meterSetting(const TablePlan& table, const p4::v1::TableEntry& entry);
+
+// Leave type and hash to the caller. Throw a Refusal.
+CheckedUpdate checkedDirectMeter(const P4InfoIndex& index, const p4::v1::DirectMeterEntry& given,
+                                 p4::v1::Update::Type type);
+CheckedUpdate checkedDirectCounter(const P4InfoIndex& index,
+                                   const p4::v1::DirectCounterEntry& given,
+                                   p4::v1::Update::Type type);
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,44 @@
+// An action profile group of an update, checked against the P4Info; and what groups have in common
+// with action sets.
+#pragma once
+
+#include "PI/frontend/check/UpdateCheck.h"
+
+namespace pi::fe::proto {
+
+// More than these repeats of members in one group the target cannot hold.
+inline constexpr uint64_t kMaxRepeats = 2048;
+
+// Leaves type and hash to the caller. Throws a Refusal.
+CheckedUpdate checkedGroup(const P4InfoIndex& index, const p4::v1::ActionProfileGroup& given,
+                           p4::v1::Update::Type type);
+
+// What the elements of a group or action set add up to.
+struct Weighed {
+  uint64_t members = 0;
+  uint64_t weights = 0;  // one each where weights are disallowed
+  uint64_t size(const ProfilePlan& profile) const {
+    return profile.countsMembers ? members : weights;
+  }
+};
+
+// Where an element stands, for messages: "table ingress.wcmp", ": element 3".
+struct ElementText {
+  const std::string& owner;
+  const char* kind;  // "member", "element"
+  uint64_t number;
+};
+
+// Throws a Refusal (INVALID_ARGUMENT).
+void checkWeight(const ProfilePlan& profile, const ElementText& text, int32_t weight);
+void checkWatch(const ProfilePlan& profile, const ElementText& text, int32_t watch,
+                const std::string& port);
+
+// As the port is kept and read back: a number in its shortest form, or a string as it was given.
+bool isPortCanonical(const ProfilePlan& profile, const std::string& port);
+void canonicalPortIs(const ProfilePlan& profile, std::string* port);
+
+// Throws a Refusal (RESOURCE_EXHAUSTED) for what the target has no room for.
+void checkRepeats(const std::string& owner, const Weighed& weighed);
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,12 @@
+// An action profile member of an update, checked against the P4Info and encoded for the target.
+#pragma once
+
+#include "PI/frontend/check/UpdateCheck.h"
+
+namespace pi::fe::proto {
+
+// Leaves type and hash to the caller. Throws a Refusal.
+CheckedUpdate checkedMember(const P4InfoIndex& index, const p4::v1::ActionProfileMember& given,
+                            p4::v1::Update::Type type);
+
+}  // namespace pi::fe::proto

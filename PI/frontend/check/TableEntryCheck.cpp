@@ -1,0 +1,223 @@
+// A table entry of an update, checked against the P4Info and encoded for the target.
+#include "PI/frontend/check/TableEntryCheck.h"
+
+#include <google/protobuf/util/message_differencer.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "PI/frontend/base/ByteString.h"
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/ActionSetCheck.h"
+#include "PI/frontend/check/DirectResourceCheck.h"
+#include "PI/frontend/store/ActionCodec.h"
+#include "PI/frontend/store/KeyCodec.h"
+#include "PI/frontend/store/ProfileObjects.h"
+
+namespace pi::fe::proto {
+
+using p4::v1::TableAction;
+using p4::v1::TableEntry;
+using p4::v1::Update;
+
+namespace {
+
+// Whether it sets back to what it is anyway; parameters come in any order and length.
+bool isTheDefault(const TablePlan& table, const TableEntry& entry) {
+  if (!entry.metadata().empty() || entry.controller_metadata() != 0) return false;
+  if (entry.has_meter_config() || entry.has_counter_data()) return false;
+  if (!entry.has_action()) return true;
+  p4::v1::Action given = entry.action().action();
+  if (!entry.action().has_action() || given.action_id() == 0) return false;
+  for (auto& param : *given.mutable_params()) shorten(param.mutable_value());
+  const auto byId = [](const auto& a, const auto& b) { return a.param_id() < b.param_id(); };
+  p4::v1::Action programs = table.defaultAction;
+  std::sort(given.mutable_params()->begin(), given.mutable_params()->end(), byId);
+  std::sort(programs.mutable_params()->begin(), programs.mutable_params()->end(), byId);
+  return google::protobuf::util::MessageDifferencer::Equals(given, programs);
+}
+
+// Returns when there is nothing to change.
+void checkDefaultEntry(const TablePlan& table, const TableEntry& entry, Update::Type type) {
+  const std::string it = absl::StrCat("table ", table.name, ": the default entry ");
+  if (entry.match_size() != 0 || entry.priority() != 0) {
+    refuse(code::invalidArgument, it, "has neither match nor priority");
+  }
+  if (type != Update::MODIFY) refuse(code::invalidArgument, it, "always exists; use MODIFY");
+  if (entry.idle_timeout_ns() != 0 || entry.has_time_since_last_hit()) {
+    refuse(code::invalidArgument, it, "has no idle time-out");
+  }
+  if (table.constDefaultActionId != 0 || table.profile != nullptr) {
+    refuse(code::permissionDenied, it, "is constant");
+  }
+  if (isTheDefault(table, entry)) return;
+  refuse(code::unimplemented, it, "cannot be changed: not supported");
+}
+
+void checkIdleTimeout(const TablePlan& table, const TableEntry& entry) {
+  if (entry.has_time_since_last_hit()) {
+    refuse(code::invalidArgument, "table ", table.name, ": time_since_last_hit cannot be written");
+  }
+  if (entry.idle_timeout_ns() == 0) return;
+  if (entry.idle_timeout_ns() < 0 || !table.hasIdleTimeout) {
+    refuse(code::invalidArgument, "table ", table.name, ": the idle time-out is ",
+           entry.idle_timeout_ns(), table.hasIdleTimeout ? "" : "; its entries have none");
+  }
+  refuse(code::unimplemented, "table ", table.name, ": idle time-outs are not supported");
+}
+
+// What does not depend on the key; a DELETE looks at the key alone.
+void checkFields(const TablePlan& table, const TableEntry& entry, Update::Type type) {
+  if (type == Update::DELETE) return;
+  checkIdleTimeout(table, entry);
+  checkDirectResources(table, entry, type);
+  if (type != Update::INSERT) return;
+  if (table.fields.empty()) {
+    refuse(code::invalidArgument, "table ", table.name,
+           " has no match fields and so only a default entry");
+  }
+  if (!entry.has_action()) {
+    refuse(code::invalidArgument, "table ", table.name, ": an INSERT needs an action");
+  }
+}
+
+// Of a constant entry only the direct resources can be changed.
+bool isOfDirectResources(const TablePlan& table, const TableEntry& entry, Update::Type type) {
+  return (table.meter || table.counter) && type == Update::MODIFY && !entry.has_action() &&
+         entry.metadata().empty() && entry.controller_metadata() == 0 &&
+         entry.idle_timeout_ns() == 0;
+}
+
+void requireNotConst(const TablePlan& table, const TableEntry& entry) {
+  if (!entry.is_const()) return;
+  refuse(code::invalidArgument, "table ", table.name, ": is_const cannot be written");
+}
+
+void checkTable(const TablePlan& table, const TableEntry& entry, Update::Type type) {
+  requireNotConst(table, entry);
+  if (table.isConst && !isOfDirectResources(table, entry, type)) {
+    refuse(code::permissionDenied, "table ", table.name, " is constant");
+  }
+  if (!table.unsupported.empty()) {
+    refuse(code::unimplemented, "table ", table.name, ": ", table.unsupported);
+  }
+}
+
+[[noreturn]] void refuseKind(const TablePlan& table, const TableAction& action) {
+  if (table.profile == nullptr) {
+    refuse(code::invalidArgument, "table ", table.name,
+           " has no action profile: give the action itself, not a member, group or action set");
+  }
+  const bool isUnset = action.type_case() == TableAction::TYPE_NOT_SET;
+  refuse(code::invalidArgument, "table ", table.name, " is that of action profile ",
+         table.profile->name, table.profile->withSelector ? "" : ", which has no selector",
+         ": give ", table.profile->withSelector ? "a member, group or action set" : "a member",
+         isUnset ? "" : " instead");
+}
+
+void requireKind(const TablePlan& table, const TableAction& action) {
+  const auto kind = action.type_case();
+  const bool ofProfile = table.profile != nullptr;
+  const bool ofSelector = ofProfile && table.profile->withSelector;
+  const bool fits = (kind == TableAction::kAction && !ofProfile) ||
+                    (kind == TableAction::kActionProfileMemberId && ofProfile) ||
+                    (kind == TableAction::kActionProfileGroupId && ofSelector) ||
+                    (kind == TableAction::kActionProfileActionSet && ofSelector);
+  if (!fits) refuseKind(table, action);
+}
+
+// An entry without its key, with room for the metadata.
+EntryPtr made(const TablePlan& table, const TableEntry& given, EntryKind kind, size_t actionSize) {
+  EntryPtr entry = Entry::make(table.id, table.keyBytes, actionSize, given.metadata().size(),
+                               meterSetting(table, given));
+  entry->kind = kind;
+  return entry;
+}
+
+// The parameters are encoded after the key: messages are fastest read from front to back.
+EntryPtr direct(const TablePlan& table, const TableEntry& given) {
+  const ActionPlan& action = checkedAction(table, given.action().action());
+  EntryPtr entry = made(table, given, EntryKind::action, action.dataBytes);
+  entry->actionId = action.id;
+  return entry;
+}
+
+void maybeEncodeParams(const TablePlan& table, const TableEntry& given, Entry* entry) {
+  if (entry->kind != EntryKind::action) return;
+  const ActionPlan& action = *table.actionUse(entry->actionId)->action;
+  encodeActionData(table, action, given.action().action(), entry->actionData());
+}
+
+EntryPtr pointing(const TablePlan& table, const TableEntry& given, EntryKind kind, uint32_t id) {
+  if (id == 0) {
+    refuse(code::invalidArgument, "table ", table.name, ": the ",
+           kind == EntryKind::toGroup ? "group" : "member", " id is 0");
+  }
+  EntryPtr entry = made(table, given, kind, kReferenceBytes);
+  referenceIs(entry.get(), {0, id});
+  return entry;
+}
+
+EntryPtr oneShot(const TablePlan& table, const TableEntry& given) {
+  const auto& set = given.action().action_profile_action_set();
+  checkActionSet(table, set);
+  const std::string bytes = canonicalBytes(*table.profile, set);
+  const auto members = static_cast<size_t>(set.action_profile_actions_size());
+  EntryPtr entry = made(table, given, EntryKind::actionSet, actionSetBytes(members, bytes.size()));
+  actionSetIs(entry.get(), {0, std::vector<uint64_t>(members)}, bytes);
+  return entry;
+}
+
+EntryPtr withAction(const TablePlan& table, const TableEntry& given) {
+  const TableAction& action = given.action();
+  requireKind(table, action);
+  switch (action.type_case()) {
+    case TableAction::kActionProfileMemberId:
+      return pointing(table, given, EntryKind::toMember, action.action_profile_member_id());
+    case TableAction::kActionProfileGroupId:
+      return pointing(table, given, EntryKind::toGroup, action.action_profile_group_id());
+    case TableAction::kActionProfileActionSet:
+      return oneShot(table, given);
+    default:
+      return direct(table, given);
+  }
+}
+
+EntryPtr withoutKey(const TablePlan& table, const TableEntry& given, Update::Type type) {
+  if (type == Update::DELETE) {
+    EntryPtr entry = Entry::make(table.id, table.keyBytes, 0, 0);
+    entry->kind = EntryKind::keyAlone;
+    return entry;
+  }
+  EntryPtr entry =
+      given.has_action() ? withAction(table, given) : made(table, given, EntryKind::keyAlone, 0);
+  const std::string& metadata = given.metadata();
+  entry->controllerMetadata = given.controller_metadata();
+  std::memcpy(entry->metadataData(), metadata.data(), metadata.size());
+  return entry;
+}
+
+}  // namespace
+
+CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& given,
+                                Update::Type type) {
+  CheckedUpdate result;
+  result.table = &checkedTable(index, given.table_id());
+  const TablePlan& table = *result.table;
+  result.profile = table.profile;
+  if (given.is_default_action()) {
+    requireNotConst(table, given);
+    checkDefaultEntry(table, given, type);
+    return result;
+  }
+  checkTable(table, given, type);
+  checkFields(table, given, type);
+  EntryPtr entry = withoutKey(table, given, type);
+  entry->priority = checkedPriority(table, given);
+  encodeKey(table, given, entry->keyData());
+  maybeEncodeParams(table, given, entry.get());
+  result.slot.entry = std::move(entry);
+  return result;
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,73 @@
+// One update of a Write, checked against the P4Info and encoded for the target.
+#include "PI/frontend/check/UpdateCheck.h"
+
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/DirectResourceCheck.h"
+#include "PI/frontend/check/GroupCheck.h"
+#include "PI/frontend/check/MemberCheck.h"
+#include "PI/frontend/check/OtherEntityCheck.h"
+#include "PI/frontend/check/TableEntryCheck.h"
+#include "PI/frontend/store/KeyCodec.h"
+#include "PI/frontend/store/ProfileObjects.h"
+
+namespace pi::fe::proto {
+
+using p4::v1::Entity;
+using p4::v1::Update;
+
+namespace {
+
+void checkType(Update::Type type) {
+  if (type == Update::INSERT || type == Update::MODIFY || type == Update::DELETE) return;
+  refuse(code::invalidArgument, "the update's type is ", static_cast<int>(type),
+         "; it must be INSERT, MODIFY or DELETE");
+}
+
+CheckedUpdate checkedEntity(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
+  switch (entity.entity_case()) {
+    case Entity::kTableEntry:
+      return checkedTableEntry(index, entity.table_entry(), type);
+    case Entity::kActionProfileMember:
+      return checkedMember(index, entity.action_profile_member(), type);
+    case Entity::kActionProfileGroup:
+      return checkedGroup(index, entity.action_profile_group(), type);
+    case Entity::kDirectMeterEntry:
+      return checkedDirectMeter(index, entity.direct_meter_entry(), type);
+    case Entity::kDirectCounterEntry:
+      return checkedDirectCounter(index, entity.direct_counter_entry(), type);
+    default:
+      refuseOtherUpdate(index, entity, type);
+  }
+}
+
+}  // namespace
+
+const TablePlan& checkedTable(const P4InfoIndex& index, uint32_t tableId) {
+  const TablePlan* table = index.table(tableId);
+  if (table != nullptr) return *table;
+  if (tableId == 0) refuse(code::invalidArgument, "the table id is 0");
+  refuse(code::invalidArgument, "the table id is that of ", index.objectText(tableId));
+}
+
+const ProfilePlan& checkedProfile(const P4InfoIndex& index, uint32_t profileId) {
+  const ProfilePlan* profile = index.profile(profileId);
+  if (profile != nullptr) return *profile;
+  if (profileId == 0) refuse(code::invalidArgument, "the action profile id is 0");
+  refuse(code::invalidArgument, "the action profile id is that of ", index.objectText(profileId));
+}
+
+CheckedUpdate checkedUpdate(const P4InfoIndex& index, const Update& update) {
+  checkType(update.type());
+  CheckedUpdate result = checkedEntity(index, update.entity(), update.type());
+  result.type = update.type();
+  if (result.slot.entry) result.slot.hash = result.slot.entry->key().hash();
+  return result;
+}
+
+std::string updateText(const CheckedUpdate& update) {
+  const Entry& entry = *update.slot.entry;
+  if (update.table != nullptr) return keyText(*update.table, entry.keyData(), entry.priority);
+  return absl::StrCat("action profile ", update.profile->name, ": ", objectText(objectId(entry)));
+}
+
+}  // namespace pi::fe::proto

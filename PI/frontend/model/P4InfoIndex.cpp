@@ -1,0 +1,331 @@
+// Compiles a P4Info into plans, and refuses the ones that cannot be realised.
+#include "PI/frontend/model/P4InfoIndex.h"
+
+#include <cstring>
+
+#include "PI/frontend/base/ByteString.h"
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontends/proto/p4info_fault.h"
+
+namespace pi::fe::proto {
+
+namespace config = p4::config::v1;
+
+namespace {
+
+constexpr int32_t kMaxBits = 1 << 16;  // keeps key sizes sane whatever the file says
+
+constexpr char kTable[] = "table";
+constexpr char kAction[] = "action";
+constexpr char kProfile[] = "action profile";
+constexpr char kDirectCounter[] = "direct counter";
+constexpr char kDirectMeter[] = "direct meter";
+
+std::string idText(uint32_t id) { return absl::StrCat("0x", absl::Hex(id, absl::kZeroPad8)); }
+
+uint32_t checkedBits(int32_t bits, const std::string& owner, const std::string& name) {
+  if (bits < 0 || bits > kMaxBits) {
+    refuse(code::invalidArgument, "P4Info: ", owner, ": ", name, " is ", bits,
+           " bits wide; the width must be from 1 to ", kMaxBits);
+  }
+  return static_cast<uint32_t>(bits);
+}
+
+MatchKind matchKind(const config::MatchField& field, const std::string& table) {
+  if (field.match_case() == config::MatchField::kOtherMatchType) return MatchKind::other;
+  switch (field.match_type()) {
+    case config::MatchField::EXACT:
+      return MatchKind::exact;
+    case config::MatchField::LPM:
+      return MatchKind::lpm;
+    case config::MatchField::TERNARY:
+      return MatchKind::ternary;
+    case config::MatchField::RANGE:
+      return MatchKind::range;
+    case config::MatchField::OPTIONAL:
+      return MatchKind::optional;
+    default:
+      refuse(code::invalidArgument, "P4Info: table ", table, ": field ", field.name(),
+             " has the unknown match type ", static_cast<int>(field.match_type()));
+  }
+}
+
+// The program's default action as we send it: values in their shortest form.
+p4::v1::Action defaultActionOf(const ActionPlan& action, const config::TableActionCall& call,
+                               const std::string& table) {
+  p4::v1::Action result;
+  result.set_action_id(action.id);
+  for (const auto& argument : call.arguments()) {
+    const ParamPlan* param = action.param(argument.param_id());
+    if (param == nullptr || !fits(argument.value(), param->bits)) {
+      refuse(code::invalidArgument, "P4Info: the default of table ", table, ": argument ",
+             argument.param_id(), " of ", action.name, " does not fit the action's parameters");
+    }
+    auto* sent = result.add_params();
+    sent->set_param_id(param->id);
+    setShortest(reinterpret_cast<const uint8_t*>(argument.value().data()), argument.value().size(),
+                sent->mutable_value());
+  }
+  return result;
+}
+
+// Counters whose unit is not stated count both.
+DirectCounterPlan counterPlan(const config::DirectCounter& counter) {
+  const auto unit = counter.spec().unit();
+  if (!config::CounterSpec::Unit_IsValid(unit)) {
+    refuse(code::invalidArgument, "P4Info: direct counter ", counter.preamble().name(),
+           " has the unknown unit ", static_cast<int>(unit));
+  }
+  return {counter.preamble().id(), unit != config::CounterSpec::PACKETS,
+          unit != config::CounterSpec::BYTES};
+}
+
+DirectMeterPlan meterPlan(const config::DirectMeter& meter) {
+  const auto& spec = meter.spec();
+  if (!config::MeterSpec::Unit_IsValid(spec.unit()) ||
+      !config::MeterSpec::Type_IsValid(spec.type())) {
+    refuse(code::invalidArgument, "P4Info: direct meter ", meter.preamble().name(),
+           " has an unknown unit or type");
+  }
+  return {meter.preamble().id(), static_cast<DirectMeterPlan::Unit>(spec.unit()), spec.type()};
+}
+
+bool usesPriority(MatchKind kind) {
+  return kind == MatchKind::ternary || kind == MatchKind::range || kind == MatchKind::optional;
+}
+
+}  // namespace
+
+P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info) {
+  doIndexObjects(p4Info);
+  doCheckDirectResources(p4Info);
+  for (const auto& action : p4Info.actions()) {
+    actions_[action.preamble().id()] = actionPlan(action);
+  }
+  profilesAre(p4Info);
+  tables_.reserve(p4Info.tables_size());
+  for (const auto& table : p4Info.tables()) {
+    tables_.push_back(tablePlan(p4Info, table));
+    tableById_[table.preamble().id()] = tables_.back().get();
+  }
+  doCheckTablesOfProfiles(p4Info);
+}
+
+const TablePlan* P4InfoIndex::table(uint32_t id) const {
+  const auto found = tableById_.find(id);
+  return found == tableById_.end() ? nullptr : found->second;
+}
+
+const ActionPlan* P4InfoIndex::action(uint32_t id) const {
+  const auto found = actions_.find(id);
+  return found == actions_.end() ? nullptr : found->second.get();
+}
+
+// A program has a handful of them.
+const ProfilePlan* P4InfoIndex::profile(uint32_t id) const {
+  for (const auto& profile : profiles_) {
+    if (profile->id == id) return profile.get();
+  }
+  return nullptr;
+}
+
+std::optional<int64_t> P4InfoIndex::arraySize(const char* kind, uint32_t id) const {
+  if (!isKind(id, kind)) return std::nullopt;
+  return objects_.at(id).size;
+}
+
+std::string P4InfoIndex::objectText(uint32_t id) const {
+  const auto found = objects_.find(id);
+  if (found == objects_.end()) return absl::StrCat(idText(id), ", which is not in the P4Info");
+  return absl::StrCat(found->second.kind, " ", found->second.name);
+}
+
+void P4InfoIndex::objectIs(const char* kind, const config::Preamble& preamble, int64_t size) {
+  if (preamble.id() == 0) {
+    refuse(code::invalidArgument, "P4Info: ", kind, " ", preamble.name(), " has the id 0");
+  }
+  const auto [other, isNew] =
+      objects_.try_emplace(preamble.id(), Object{kind, preamble.name(), size});
+  if (isNew) return;
+  refuse(code::invalidArgument, "P4Info: ", kind, " ", preamble.name(), " has the id ",
+         idText(preamble.id()), " of ", other->second.kind, " ", other->second.name);
+}
+
+void P4InfoIndex::doIndexObjects(const config::P4Info& p4Info) {
+  for (const auto& object : p4Info.tables()) objectIs(kTable, object.preamble());
+  for (const auto& object : p4Info.actions()) objectIs(kAction, object.preamble());
+  for (const auto& object : p4Info.action_profiles()) objectIs(kProfile, object.preamble());
+  for (const auto& object : p4Info.counters()) {
+    objectIs("counter", object.preamble(), object.size());
+  }
+  for (const auto& object : p4Info.direct_counters()) objectIs(kDirectCounter, object.preamble());
+  for (const auto& object : p4Info.meters()) objectIs("meter", object.preamble(), object.size());
+  for (const auto& object : p4Info.direct_meters()) objectIs(kDirectMeter, object.preamble());
+  for (const auto& object : p4Info.controller_packet_metadata()) {
+    objectIs("controller header", object.preamble());
+  }
+  for (const auto& object : p4Info.value_sets()) objectIs("value set", object.preamble());
+  for (const auto& object : p4Info.registers()) {
+    objectIs("register", object.preamble(), object.size());
+  }
+  for (const auto& object : p4Info.digests()) objectIs("digest", object.preamble());
+  for (const auto& type : p4Info.externs()) {
+    for (const auto& object : type.instances()) objectIs("extern", object.preamble());
+  }
+}
+
+void P4InfoIndex::doCheckDirectResources(const config::P4Info& p4Info) const {
+  for (const auto& counter : p4Info.direct_counters()) {
+    if (counter.direct_table_id() == 0) continue;  // a table may name it still
+    requireKind(counter.direct_table_id(), kTable,
+                absl::StrCat("direct counter ", counter.preamble().name()));
+  }
+  for (const auto& meter : p4Info.direct_meters()) {
+    if (meter.direct_table_id() == 0) continue;
+    requireKind(meter.direct_table_id(), kTable,
+                absl::StrCat("direct meter ", meter.preamble().name()));
+  }
+}
+
+bool P4InfoIndex::isKind(uint32_t id, const char* kind) const {
+  const auto found = objects_.find(id);
+  return found != objects_.end() && std::strcmp(found->second.kind, kind) == 0;
+}
+
+void P4InfoIndex::requireKind(uint32_t id, const char* kind, const std::string& user) const {
+  if (isKind(id, kind)) return;
+  const bool isOther = objects_.contains(id);
+  refuse(code::invalidArgument, "P4Info: ", user, " refers to ", kind, " ", idText(id),
+         isOther ? ", which is " : ", which is not there",
+         isOther ? objectText(id) : std::string());
+}
+
+std::unique_ptr<ActionPlan> P4InfoIndex::actionPlan(const config::Action& action) const {
+  auto plan = std::make_unique<ActionPlan>();
+  plan->id = action.preamble().id();
+  plan->name = action.preamble().name();
+  for (const auto& param : action.params()) {
+    for (const ParamPlan& other : plan->params) {
+      if (other.id == param.id()) {
+        refuse(code::invalidArgument, "P4Info: action ", plan->name, ": parameters ", other.name,
+               " and ", param.name(), " have the same id ", param.id());
+      }
+    }
+    const uint32_t bits = checkedBits(param.bitwidth(), "action " + plan->name, param.name());
+    if (bits == 0) {
+      plan->unsupported = absl::StrCat("action ", plan->name, ": parameter ", param.name(),
+                                       " has no bit width; translated strings are not supported");
+    }
+    const auto bytes = static_cast<uint32_t>(bytesOf(bits));
+    plan->params.push_back({param.id(), param.name(), bits, bytes, plan->dataBytes});
+    plan->dataBytes += bytes;
+  }
+  return plan;
+}
+
+std::unique_ptr<TablePlan> P4InfoIndex::tablePlan(const config::P4Info& p4Info,
+                                                  const config::Table& table) {
+  auto plan = std::make_unique<TablePlan>();
+  plan->id = table.preamble().id();
+  plan->name = table.preamble().name();
+  if (!config::Table::IdleTimeoutBehavior_IsValid(table.idle_timeout_behavior())) {
+    refuse(code::invalidArgument, "P4Info: table ", plan->name,
+           " has the unknown idle time-out behavior ",
+           static_cast<int>(table.idle_timeout_behavior()));
+  }
+  plan->hasIdleTimeout = table.idle_timeout_behavior() == config::Table::NOTIFY_CONTROL;
+  plan->isConst = table.is_const_table();
+  plan->hasInitialEntries = table.has_initial_entries();
+  for (const auto& field : table.match_fields()) fieldPlanIs(plan.get(), field);
+  actionUsesAre(plan.get(), table);
+  defaultActionIs(plan.get(), table);
+  directResourcesAre(plan.get(), p4Info, table);
+  if (table.implementation_id() != 0) profileOfTableIs(plan.get(), table.implementation_id());
+  return plan;
+}
+
+void P4InfoIndex::fieldPlanIs(TablePlan* plan, const config::MatchField& field) const {
+  for (const FieldPlan& other : plan->fields) {
+    if (other.id == field.id()) {
+      refuse(code::invalidArgument, "P4Info: table ", plan->name, ": fields ", other.name, " and ",
+             field.name(), " have the same id ", field.id());
+    }
+  }
+  FieldPlan added;
+  added.id = field.id();
+  added.name = field.name();
+  added.kind = matchKind(field, plan->name);
+  added.bits = checkedBits(field.bitwidth(), "table " + plan->name, field.name());
+  added.bytes = static_cast<uint32_t>(bytesOf(added.bits));
+  added.offset = plan->keyBytes;
+  plan->keyBytes += static_cast<uint32_t>(added.keyBytes());
+  plan->needsPriority |= usesPriority(added.kind);
+  if (added.kind == MatchKind::other) {
+    plan->unsupported = absl::StrCat("field ", added.name, " is matched as '",
+                                     field.other_match_type(), "', which is not supported");
+  } else if (added.bits == 0) {
+    plan->unsupported = absl::StrCat("field ", added.name,
+                                     " has no bit width; translated strings are not supported");
+  }
+  plan->fields.push_back(std::move(added));
+}
+
+void P4InfoIndex::actionUsesAre(TablePlan* plan, const config::Table& table) const {
+  for (const auto& ref : table.action_refs()) {
+    requireKind(ref.id(), kAction, "table " + plan->name);
+    if (!config::ActionRef::Scope_IsValid(ref.scope())) {
+      refuse(code::invalidArgument, "P4Info: table ", plan->name, " uses ", objectText(ref.id()),
+             " in the unknown scope ", static_cast<int>(ref.scope()));
+    }
+    plan->actions.push_back({ref.id(), static_cast<ActionScope>(ref.scope()), action(ref.id())});
+  }
+}
+
+void P4InfoIndex::defaultActionIs(TablePlan* plan, const config::Table& table) const {
+  plan->constDefaultActionId = table.const_default_action_id();
+  const auto& initial = table.initial_default_action();
+  for (const uint32_t id : {plan->constDefaultActionId, initial.action_id()}) {
+    if (id != 0) requireKind(id, kAction, "the default of table " + plan->name);
+  }
+  if (initial.action_id() != 0) {
+    plan->defaultAction = defaultActionOf(*action(initial.action_id()), initial, plan->name);
+    return;
+  }
+  if (plan->constDefaultActionId != 0) {
+    plan->defaultAction.set_action_id(plan->constDefaultActionId);
+    return;
+  }
+  for (const ActionUse& use : plan->actions) {
+    if (use.action->name == "NoAction") plan->defaultAction.set_action_id(use.id);
+  }
+}
+
+void P4InfoIndex::directResourcesAre(TablePlan* plan, const config::P4Info& p4Info,
+                                     const config::Table& table) const {
+  const std::string user = "table " + plan->name;
+  for (const uint32_t id : table.direct_resource_ids()) {
+    const bool isMeter = isKind(id, kDirectMeter);
+    if (!isMeter && !isKind(id, kDirectCounter)) continue;  // of a kind that we do not serve
+    if (isMeter ? plan->meter.has_value() : plan->counter.has_value()) {
+      refuse(code::invalidArgument, "P4Info: ", user, " has ", objectText(id),
+             " and another one of that kind; it can have one");
+    }
+    for (const auto& counter : p4Info.direct_counters()) {
+      if (counter.preamble().id() == id) plan->counter = counterPlan(counter);
+    }
+    for (const auto& meter : p4Info.direct_meters()) {
+      if (meter.preamble().id() == id) plan->meter = meterPlan(meter);
+    }
+  }
+}
+
+std::string p4info_fault(const config::P4Info& p4Info) {
+  try {
+    const P4InfoIndex index(p4Info);
+    return {};
+  } catch (const Refusal& refusal) {
+    return refusal.message();
+  }
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,67 @@
+// The objects of one P4Info by id, with the plans of its tables, actions and profiles.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "PI/frontend/model/Plans.h"
+#include "absl/container/flat_hash_map.h"
+#include "p4/config/v1/p4info.pb.h"
+
+namespace pi::fe::proto {
+
+// Constant after construction; any thread. Plans live as long as the index.
+class P4InfoIndex {
+ public:
+  // Throws a Refusal (INVALID_ARGUMENT) that names the object when the P4Info cannot be realised:
+  // id 0, an id used twice, a reference to what is not there, an unknown enum number.
+  explicit P4InfoIndex(const p4::config::v1::P4Info& p4Info);
+
+  const TablePlan* table(uint32_t id) const;      // null: no such table
+  const ActionPlan* action(uint32_t id) const;    // null: no such action
+  const ProfilePlan* profile(uint32_t id) const;  // null: no such action profile
+  const std::vector<std::unique_ptr<TablePlan>>& tables() const { return tables_; }  // P4Info order
+  const std::vector<std::unique_ptr<ProfilePlan>>& profiles() const { return profiles_; }
+
+  // An array of cells: an indexed counter or meter, a register. Empty when the id is none of that
+  // kind ("counter", "meter", "register").
+  std::optional<int64_t> arraySize(const char* kind, uint32_t id) const;
+
+  // "counter ingress.hits", or "0x12000001, which is not in the P4Info".
+  std::string objectText(uint32_t id) const;
+
+ private:
+  struct Object {
+    const char* kind;
+    std::string name;
+    int64_t size;  // of an array, else 0
+  };
+
+  void objectIs(const char* kind, const p4::config::v1::Preamble& preamble, int64_t size = 0);
+  void doIndexObjects(const p4::config::v1::P4Info& p4Info);
+  void doCheckDirectResources(const p4::config::v1::P4Info& p4Info) const;
+  void profilesAre(const p4::config::v1::P4Info& p4Info);
+  std::unique_ptr<ProfilePlan> profilePlan(const p4::config::v1::ActionProfile& profile) const;
+  void profileOfTableIs(TablePlan* plan, uint32_t profileId);
+  void doCheckTablesOfProfiles(const p4::config::v1::P4Info& p4Info) const;
+  void requireKind(uint32_t id, const char* kind, const std::string& user) const;
+  std::unique_ptr<ActionPlan> actionPlan(const p4::config::v1::Action& action) const;
+  std::unique_ptr<TablePlan> tablePlan(const p4::config::v1::P4Info& p4Info,
+                                       const p4::config::v1::Table& table);
+  void fieldPlanIs(TablePlan* plan, const p4::config::v1::MatchField& field) const;
+  void actionUsesAre(TablePlan* plan, const p4::config::v1::Table& table) const;
+  void defaultActionIs(TablePlan* plan, const p4::config::v1::Table& table) const;
+  void directResourcesAre(TablePlan* plan, const p4::config::v1::P4Info& p4Info,
+                          const p4::config::v1::Table& table) const;
+  bool isKind(uint32_t id, const char* kind) const;
+
+  absl::flat_hash_map<uint32_t, Object> objects_;
+  absl::flat_hash_map<uint32_t, std::unique_ptr<ActionPlan>> actions_;
+  std::vector<std::unique_ptr<TablePlan>> tables_;
+  absl::flat_hash_map<uint32_t, const TablePlan*> tableById_;
+  std::vector<std::unique_ptr<ProfilePlan>> profiles_;
+};
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,116 @@
+// Packs table entries, members and groups into ReadResponse messages of bounded size.
+#include "PI/frontend/read/EntitySender.h"
+
+#include "PI/frontend/store/ActionCodec.h"
+#include "PI/frontend/store/KeyCodec.h"
+#include "PI/frontend/store/ProfileObjects.h"
+
+namespace pi::fe::proto {
+
+namespace {
+constexpr size_t kMessageBytes = 32 * 1024;
+constexpr size_t kFrameBytes = 6;  // tag and length of an entity, at most
+
+void settingIs(const MeterSetting& setting, p4::v1::MeterConfig* sent) {
+  sent->set_cir(static_cast<int64_t>(setting.cir));
+  sent->set_pir(static_cast<int64_t>(setting.pir));
+  sent->set_cburst(setting.cburst);
+  sent->set_pburst(setting.pburst);
+}
+
+}  // namespace
+
+bool EntitySender::entrySent(const TablePlan& table, const Entry& entry, EntryForm form,
+                             const p4::v1::CounterData& count) {
+  if (form == EntryForm::counter) {
+    keyIs(table, entry, entity_.mutable_direct_counter_entry()->mutable_table_entry());
+    *entity_.mutable_direct_counter_entry()->mutable_data() = count;
+    return entitySent();
+  }
+  const std::optional<MeterSetting> meter = entry.meter();
+  if (form == EntryForm::meter) {
+    keyIs(table, entry, entity_.mutable_direct_meter_entry()->mutable_table_entry());
+    if (meter) settingIs(*meter, entity_.mutable_direct_meter_entry()->mutable_config());
+    return entitySent();
+  }
+  p4::v1::TableEntry* sent = entity_.mutable_table_entry();
+  keyIs(table, entry, sent);
+  actionIs(entry, sent->mutable_action());
+  sent->set_controller_metadata(entry.controllerMetadata);
+  sent->set_metadata(entry.metadata().data(), entry.metadata().size());
+  sent->set_is_const(table.isConst || entry.isConst);
+  if (hasCounter(form)) *sent->mutable_counter_data() = count;
+  if (hasMeter(form) && meter) settingIs(*meter, sent->mutable_meter_config());
+  return entitySent();
+}
+
+void EntitySender::keyIs(const TablePlan& table, const Entry& entry,
+                         p4::v1::TableEntry* sent) const {
+  sent->set_table_id(table.id);
+  decodeKey(table, entry.keyData(), sent);
+  sent->set_priority(static_cast<int32_t>(entry.priority));
+}
+
+void EntitySender::actionIs(const Entry& entry, p4::v1::TableAction* sent) const {
+  switch (entry.kind) {
+    case EntryKind::toMember:
+      return sent->set_action_profile_member_id(reference(entry).id);
+    case EntryKind::toGroup:
+      return sent->set_action_profile_group_id(reference(entry).id);
+    case EntryKind::actionSet:
+      *sent->mutable_action_profile_action_set() = actionSet(entry);
+      return;
+    default:
+      decodeAction(*index_.action(entry.actionId), entry.actionData(), sent->mutable_action());
+  }
+}
+
+bool EntitySender::objectSent(const Entry& object) {
+  if (object.kind == EntryKind::groupObject) {
+    *entity_.mutable_action_profile_group() = group(object);
+    return entitySent();
+  }
+  p4::v1::ActionProfileMember* sent = entity_.mutable_action_profile_member();
+  const ObjectId id = objectId(object);
+  sent->set_action_profile_id(id.profileId);
+  sent->set_member_id(id.id);
+  decodeAction(*index_.action(object.actionId), object.actionData(), sent->mutable_action());
+  return entitySent();
+}
+
+bool EntitySender::defaultEntrySent(const TablePlan& table) {
+  p4::v1::TableEntry* sent = entity_.mutable_table_entry();
+  sent->set_table_id(table.id);
+  sent->set_is_default_action(true);
+  sent->set_is_const(table.constDefaultActionId != 0);
+  if (table.defaultAction.action_id() != 0) {
+    *sent->mutable_action()->mutable_action() = table.defaultAction;
+  }
+  return entitySent();
+}
+
+bool EntitySender::entitySent() {
+  const size_t bytes = entity_.ByteSizeLong() + kFrameBytes;
+  const bool isFull = responseBytes_ != 0 && responseBytes_ + bytes > kMessageBytes;
+  if (isFull && !messageSent()) return false;
+  // Swapping keeps the memory of elements already sent in use.
+  response_.add_entities()->Swap(&entity_);
+  entity_.Clear();
+  responseBytes_ += bytes;
+  return wanted_;
+}
+
+bool EntitySender::restSent() {
+  if (anySent_ && response_.entities_size() == 0) return wanted_;
+  return messageSent();
+}
+
+bool EntitySender::messageSent() {
+  if (wanted_) wanted_ = sink_(response_);
+  anySent_ = true;
+  response_.Clear();
+  responseBytes_ = 0;
+  return wanted_;
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,59 @@
+// One element of a Read, checked against the P4Info.
+#pragma once
+
+#include "PI/frontend/model/P4InfoIndex.h"
+#include "PI/frontend/store/Entry.h"
+
+namespace pi::fe::proto {
+
+// In which form an entry is sent, since direct resources come with the entry or by themselves.
+enum class EntryForm : uint8_t {
+  plain = 0,
+  withCounter = 1,
+  withMeter = 2,
+  withBoth = 3,
+  counter = 4,  // a DirectCounterEntry
+  meter = 5     // a DirectMeterEntry
+};
+inline constexpr int kEntryForms = 6;
+inline constexpr uint32_t kFormsWithCounter = 1u << static_cast<int>(EntryForm::withCounter) |
+                                              1u << static_cast<int>(EntryForm::withBoth) |
+                                              1u << static_cast<int>(EntryForm::counter);
+inline bool hasCounter(EntryForm form) {
+  return (kFormsWithCounter >> static_cast<int>(form) & 1) != 0;
+}
+inline bool hasMeter(EntryForm form) {
+  return form == EntryForm::withMeter || form == EntryForm::withBoth || form == EntryForm::meter;
+}
+
+struct Query {
+  enum class Kind { allTables, table, oneEntry, defaultEntry, objects, oneObject, nothing };
+
+  Kind kind = Kind::allTables;
+  const TablePlan* table = nullptr;  // null: all tables
+  // oneEntry, oneObject, or a table narrowed to a match; else null.
+  EntryPtr key;
+  EntryForm form = EntryForm::plain;
+  bool mustExist = false;  // oneEntry, oneObject: NOT_FOUND otherwise
+  // Filters; 0 and empty take everything.
+  uint32_t actionId = 0;
+  uint32_t priority = 0;
+  uint64_t controllerMetadata = 0;
+  std::string metadata;
+  // Of members and groups.
+  const ProfilePlan* profile = nullptr;  // null: all profiles
+  bool groups = false;
+
+  // The same for queries that ask for the same in the same way.
+  std::string identity() const;
+  bool takes(const Entry& entry) const;
+  // Whether the table has anything of the kind that is asked for.
+  bool concerns(const TablePlan& table) const;
+  // The form in which entries of the table are sent: without what the table lacks.
+  EntryForm formFor(const TablePlan& table) const;
+};
+
+// Throws a Refusal: INVALID_ARGUMENT, or UNIMPLEMENTED for what cannot be read here.
+Query checkedQuery(const P4InfoIndex& index, const p4::v1::Entity& entity);
+
+}  // namespace pi::fe::proto

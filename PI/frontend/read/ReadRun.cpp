@@ -1,0 +1,255 @@
+// Carries out one Read.
+#include "PI/frontend/read/ReadRun.h"
+
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/base/StatusText.h"
+#include "PI/frontend/store/KeyCodec.h"
+#include "PI/frontend/store/ProfileObjects.h"
+
+namespace pi::fe::proto {
+
+namespace {
+
+// Each entry of a table is held against each of them.
+constexpr size_t kMostQueriesOfATable = 256;
+
+uint32_t bitOf(EntryForm form) { return 1u << static_cast<int>(form); }
+
+std::string missingText(const Query& query) {
+  if (query.profile != nullptr) {
+    return absl::StrCat("action profile ", query.profile->name, ": there is no ",
+                        objectText(objectId(*query.key)));
+  }
+  return absl::StrCat(keyText(*query.table, query.key->keyData(), query.priority),
+                      ": there is no such entry");
+}
+
+}  // namespace
+
+google::rpc::Status ReadRun::run(const p4::v1::ReadRequest& request,
+                                 const DeviceMgr::ReadSink& sink) {
+  doCheck(request);
+  const EntryStore::Snapshot snapshot(store_, lookups());
+  doCheckFound(snapshot);
+  if (!sent(snapshot, sink)) {
+    return plainStatus(code::cancelled, "the client takes no more of the answer");
+  }
+  doCopyErrors();
+  return itemisedStatus(&errors_, "queries");
+}
+
+void ReadRun::doCheck(const p4::v1::ReadRequest& request) {
+  const auto count = static_cast<size_t>(request.entities_size());
+  queries_.resize(count);
+  errors_.resize(count);
+  absl::flat_hash_map<std::string, size_t> known;
+  for (size_t query = 0; query < count; ++query) {
+    firstEqual_.push_back(query);
+    try {
+      queries_[query] = checkedQuery(index_, request.entities(static_cast<int>(query)));
+      firstEqual_[query] = known.try_emplace(queries_[query].identity(), query).first->second;
+      if (firstEqual_[query] == query) doPlan(query);
+    } catch (const Refusal& refusal) {
+      doFail(query, refusal.code(), refusal.message());
+    }
+  }
+}
+
+void ReadRun::doPlan(size_t query) {
+  const Query& planned = queries_[query];
+  walks_ |= planned.kind == Query::Kind::allTables || planned.kind == Query::Kind::table ||
+            planned.kind == Query::Kind::objects;
+  if (planned.kind == Query::Kind::oneEntry || planned.kind == Query::Kind::oneObject) {
+    foundAt_[query] = keyed_.size();
+    keyed_.push_back(query);
+  }
+  if (planned.kind == Query::Kind::allTables) {
+    for (const auto& table : index_.tables()) {
+      if (planned.concerns(*table)) tableRead(*table).ofAnyKey.push_back(query);
+    }
+  }
+  if (planned.kind != Query::Kind::table) return;
+  TableRead& read = tableRead(*planned.table);
+  if (planned.key) {
+    read.ofOneKey[planned.key->key().bytes].push_back(query);
+    return;
+  }
+  if (read.ofAnyKey.size() >= kMostQueriesOfATable) {
+    refuse(code::resourceExhausted, "table ", planned.table->name, ": a Read may have ",
+           kMostQueriesOfATable, " different queries for many entries of a table; send more Reads");
+  }
+  read.ofAnyKey.push_back(query);
+}
+
+ReadRun::TableRead& ReadRun::tableRead(const TablePlan& table) {
+  TableRead& read = tables_[table.id];
+  read.table = &table;
+  return read;
+}
+
+std::vector<EntryLookup> ReadRun::lookups() const {
+  std::vector<EntryLookup> result;
+  result.reserve(keyed_.size());
+  for (const size_t query : keyed_) {
+    const EntryKey key = queries_[query].key->key();
+    result.push_back({key, key.hash()});
+  }
+  return result;
+}
+
+void ReadRun::doCheckFound(const EntryStore::Snapshot& snapshot) {
+  for (size_t i = 0; i < keyed_.size(); ++i) {
+    const Query& query = queries_[keyed_[i]];
+    if (snapshot.found()[i] || !query.mustExist) continue;
+    doFail(keyed_[i], code::notFound, missingText(query));
+  }
+}
+
+// In the order in which controllers ask.
+bool ReadRun::sent(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSink& sink) {
+  std::optional<ReadTurn> turn;
+  if (walks_) turn.emplace(turns_);
+  const DeviceMgr::ReadSink inTurn = [&](const p4::v1::ReadResponse& response) {
+    if (!turn) return sink(response);
+    const ReadTurn::Sending sending(*turn);
+    return sink(response);
+  };
+  EntitySender sender(index_, inTurn);
+  for (size_t query = 0; query < queries_.size(); ++query) {
+    if (firstEqual_[query] != query || errors_[query].canonical_code() != code::ok) continue;
+    if (!answerSent(snapshot, query, &sender)) return false;
+  }
+  turn.reset();
+  return sender.restSent();
+}
+
+bool ReadRun::answerSent(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender) {
+  const Query& wanted = queries_[query];
+  switch (wanted.kind) {
+    case Query::Kind::allTables:
+      for (auto& [tableId, read] : tables_) {
+        if (wanted.concerns(*read.table) && !tableSent(snapshot, &read, sender)) return false;
+      }
+      return true;
+    case Query::Kind::table:
+      return tableSent(snapshot, &tables_[wanted.table->id], sender);
+    case Query::Kind::oneEntry:
+    case Query::Kind::oneObject:
+      return foundSent(query, snapshot.found()[foundAt_.at(query)], sender);
+    case Query::Kind::defaultEntry:
+      return defaultsSent(wanted, sender);
+    case Query::Kind::objects:
+      return objectsSent(snapshot, wanted, sender);
+    case Query::Kind::nothing:
+      return true;
+  }
+  return true;
+}
+
+bool ReadRun::foundSent(size_t number, const EntryPtr& found, EntitySender* sender) {
+  const Query& query = queries_[number];
+  if (!found) return true;
+  if (query.kind == Query::Kind::oneObject) return sender->objectSent(*found);
+  TableRead read;
+  read.table = query.table;
+  read.ofAnyKey.push_back(number);
+  picked_.clear();
+  maybePick(read, *found);
+  return pickedSent(read, sender);
+}
+
+bool ReadRun::defaultsSent(const Query& query, EntitySender* sender) {
+  for (const auto& table : index_.tables()) {
+    if (query.table != nullptr && query.table != table.get()) continue;
+    if (!sender->defaultEntrySent(*table)) return false;
+  }
+  return true;
+}
+
+bool ReadRun::objectsSent(const EntryStore::Snapshot& snapshot, const Query& query,
+                          EntitySender* sender) {
+  for (const auto& profile : index_.profiles()) {
+    if (query.profile != nullptr && query.profile != profile.get()) continue;
+    for (const Entry* object : snapshot.objects(profile->id, query.groups)) {
+      if (!sender->objectSent(*object)) return false;
+    }
+  }
+  return true;
+}
+
+bool ReadRun::tableSent(const EntryStore::Snapshot& snapshot, TableRead* read,
+                        EntitySender* sender) {
+  if (std::exchange(read->sent, true)) return true;
+  for (const auto& page : snapshot.table(read->table->id).pages) {
+    picked_.clear();
+    for (const EntryPtr& entry : page->entries) {
+      if (entry) maybePick(*read, *entry);
+    }
+    if (!pickedSent(*read, sender)) return false;
+  }
+  return true;
+}
+
+template <typename Visit>
+void ReadRun::forEachTaking(const TableRead& read, const Entry& entry, Visit visit) const {
+  const auto visitTaking = [&](const Queries& queries) {
+    for (const size_t query : queries) {
+      if (queries_[query].takes(entry)) visit(query);
+    }
+  };
+  visitTaking(read.ofAnyKey);
+  if (read.ofOneKey.empty()) return;
+  const auto keyed = read.ofOneKey.find(entry.key().bytes);
+  if (keyed != read.ofOneKey.end()) visitTaking(keyed->second);
+}
+
+// Once in each form that is asked for, by however many queries.
+void ReadRun::maybePick(const TableRead& read, const Entry& entry) {
+  uint32_t forms = 0;
+  forEachTaking(read, entry,
+                [&](size_t query) { forms |= bitOf(queries_[query].formFor(*read.table)); });
+  if (forms != 0) picked_.push_back({&entry, forms});
+}
+
+// The target is asked once for the counts of all.
+bool ReadRun::pickedSent(const TableRead& read, EntitySender* sender) {
+  counted_.clear();
+  for (const Picked& picked : picked_) {
+    if ((picked.forms & kFormsWithCounter) != 0) counted_.push_back(picked.entry);
+  }
+  if (!counted_.empty()) directCounts(session_, store_, *read.table, counted_, &counts_);
+  const Count* count = counts_.data();
+  for (const Picked& picked : picked_) {
+    for (int number = 0; number < kEntryForms; ++number) {
+      const auto form = static_cast<EntryForm>(number);
+      if ((picked.forms & bitOf(form)) == 0) continue;
+      if (!formSent(read, *picked.entry, form, count, sender)) return false;
+    }
+    if ((picked.forms & kFormsWithCounter) != 0) ++count;
+  }
+  return true;
+}
+
+bool ReadRun::formSent(const TableRead& read, const Entry& entry, EntryForm form,
+                       const Count* count, EntitySender* sender) {
+  if (!hasCounter(form)) return sender->entrySent(*read.table, entry, form, {});
+  if (!count->failure) return sender->entrySent(*read.table, entry, form, count->data);
+  forEachTaking(read, entry, [&](size_t query) {
+    if (queries_[query].formFor(*read.table) != form) return;
+    doFail(query, count->failure->code(), count->failure->message());
+  });
+  return true;
+}
+
+void ReadRun::doFail(size_t query, int code, const std::string& message) {
+  errors_[query].set_canonical_code(code);
+  errors_[query].set_message(message);
+}
+
+void ReadRun::doCopyErrors() {
+  for (size_t query = 0; query < errors_.size(); ++query) {
+    if (firstEqual_[query] != query) errors_[query] = errors_[firstEqual_[query]];
+  }
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,83 @@
+// Carries out one Read: takes a picture of the store, and sends what the queries ask for from it.
+#pragma once
+
+#include <map>
+#include <span>
+#include <vector>
+
+#include "PI/frontend/read/DirectCounters.h"
+#include "PI/frontend/read/EntitySender.h"
+#include "PI/frontend/read/Query.h"
+#include "PI/frontend/read/ReadTurns.h"
+#include "PI/frontend/store/EntryStore.h"
+#include "PI/frontend/target/TargetSession.h"
+#include "PI/frontends/proto/device_mgr.h"
+#include "absl/container/flat_hash_map.h"
+#include "google/rpc/status.pb.h"
+
+namespace pi::fe::proto {
+
+// For one Read, on the thread that answers it, without a lock. Waits for the client, and for a turn
+// when it walks through tables; it asks the target for counts alone. Equal queries are answered
+// once.
+class ReadRun {
+ public:
+  ReadRun(const P4InfoIndex& index, EntryStore& store, const TargetSession& session,
+          ReadTurns& turns)
+      : index_(index), store_(store), session_(session), turns_(turns) {}
+
+  google::rpc::Status run(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink);
+
+ private:
+  using Queries = std::vector<size_t>;
+
+  // Queries on one table share a walk through it.
+  struct TableRead {
+    const TablePlan* table = nullptr;
+    Queries ofAnyKey;
+    absl::flat_hash_map<std::string_view, Queries> ofOneKey;  // of any priority
+    bool sent = false;
+  };
+  struct Picked {
+    const Entry* entry = nullptr;
+    uint32_t forms = 0;  // a bit for each EntryForm
+  };
+
+  void doCheck(const p4::v1::ReadRequest& request);
+  void doPlan(size_t query);
+  TableRead& tableRead(const TablePlan& table);
+  std::vector<EntryLookup> lookups() const;
+  void doCheckFound(const EntryStore::Snapshot& snapshot);
+  bool sent(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSink& sink);
+  bool answerSent(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender);
+  bool foundSent(size_t number, const EntryPtr& found, EntitySender* sender);
+  bool defaultsSent(const Query& query, EntitySender* sender);
+  bool objectsSent(const EntryStore::Snapshot& snapshot, const Query& query, EntitySender* sender);
+  bool tableSent(const EntryStore::Snapshot& snapshot, TableRead* read, EntitySender* sender);
+  template <typename Visit>
+  void forEachTaking(const TableRead& read, const Entry& entry, Visit visit) const;
+  void maybePick(const TableRead& read, const Entry& entry);
+  bool pickedSent(const TableRead& read, EntitySender* sender);
+  bool formSent(const TableRead& read, const Entry& entry, EntryForm form, const Count* count,
+                EntitySender* sender);
+  void doFail(size_t query, int code, const std::string& message);
+  void doCopyErrors();
+
+  const P4InfoIndex& index_;
+  EntryStore& store_;
+  const TargetSession session_;
+  ReadTurns& turns_;
+  bool walks_ = false;  // through whole tables or profiles
+  std::vector<Query> queries_;
+  Queries firstEqual_;                    // of each query, the first that is equal to it
+  std::vector<p4::v1::Error> errors_;     // one a query
+  std::map<uint32_t, TableRead> tables_;  // by table id
+  Queries keyed_;                         // those for one entry, member or group
+  absl::flat_hash_map<size_t, size_t>
+      foundAt_;                        // of those, the place among what the snapshot found
+  std::vector<Picked> picked_;         // of one page
+  std::vector<const Entry*> counted_;  // of these, the entries whose counts are sent
+  std::vector<Count> counts_;          // of those
+};
+
+}  // namespace pi::fe::proto

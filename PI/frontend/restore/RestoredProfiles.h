@@ -1,0 +1,63 @@
+// Members and groups as the target hands them back after a restart, until the entries that point at
+// them have come, too: the target knows handles only.
+#pragma once
+
+#include <span>
+
+#include "PI/frontend/model/P4InfoIndex.h"
+#include "PI/frontend/store/EntryStore.h"
+#include "PI/frontend/store/ProfileUse.h"
+#include "PI/frontend/target/TargetSession.h"
+#include "PI/int/pi_int.h"
+
+namespace pi::fe::proto {
+
+// Used by the thread that restores. Members come before groups, groups before entries. What
+// controllers named goes into the store at once; what is hidden waits for its entry.
+class RestoredProfiles {
+ public:
+  RestoredProfiles(const P4InfoIndex& index, EntryStore& store, ProfileUse& use)
+      : index_(index), store_(store), use_(use) {}
+
+  // Controller's id 0: hidden. INVALID_ENTRY_TYPE when it does not fit the profile, or what it
+  // consists of is not there.
+  pi_status_t memberIs(uint32_t profileId, const pi_action_data_t* action, uint32_t controllerId,
+                       uint64_t handle);
+  // `bytes` as they were given to the target with the group. When they do not agree with the
+  // members, the members count.
+  pi_status_t groupIs(uint32_t profileId, uint32_t controllerId, std::span<const uint64_t> members,
+                      uint64_t handle, std::string_view bytes);
+
+  // The entry that a target's `unresolved` one stands for; null when what it points at is not
+  // there, or is hidden and belongs to another entry already.
+  EntryPtr resolved(const TablePlan& table, const Entry& unresolved);
+
+  // Hidden members and groups to which no entry came. Takes the target's lock.
+  void doDeleteUnclaimed(const TargetSession& session);
+
+ private:
+  struct Member {
+    EntryPtr object;  // id 0 when hidden
+    bool claimed = false;
+  };
+  struct Group {
+    uint32_t profileId = 0;
+    uint32_t id = 0;  // 0 when hidden
+    std::vector<uint64_t> members;
+    std::string bytes;  // when hidden
+    bool claimed = false;
+  };
+
+  bool areMembers(const ProfilePlan& profile, std::span<const uint64_t> members, bool hidden) const;
+  std::string groupBytes(const ProfilePlan& profile, uint32_t id, std::span<const uint64_t> members,
+                         std::string_view bytes) const;
+  EntryPtr withActionSet(const TablePlan& table, const Entry& unresolved, Group* group);
+
+  const P4InfoIndex& index_;
+  EntryStore& store_;
+  ProfileUse& use_;
+  absl::flat_hash_map<uint64_t, Member> members_;  // by handle
+  absl::flat_hash_map<uint64_t, Group> groups_;    // by handle
+};
+
+}  // namespace pi::fe::proto

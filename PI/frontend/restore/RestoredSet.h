@@ -1,0 +1,27 @@
+// The action set of an entry after a restart: as it was written if that agrees with the hidden
+// members that the target has, else made anew from those.
+#pragma once
+
+#include <vector>
+
+#include "PI/frontend/model/Plans.h"
+#include "PI/frontend/store/ProfileObjects.h"
+
+namespace pi::fe::proto {
+
+// A hidden member, and how often it stands in its group.
+struct HiddenMember {
+  uint64_t handle = 0;
+  EntryPtr object;
+  uint32_t repeats = 0;
+};
+
+struct RestoredSet {
+  p4::v1::ActionProfileActionSet set;
+  std::vector<uint64_t> members;  // handles, one an element
+};
+
+RestoredSet restoredSet(const TablePlan& table, const std::vector<HiddenMember>& members,
+                        std::string_view bytes);
+
+}  // namespace pi::fe::proto

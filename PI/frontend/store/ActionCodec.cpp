@@ -1,0 +1,85 @@
+// A P4Runtime action to PI action data, and back.
+#include "PI/frontend/store/ActionCodec.h"
+
+#include "PI/frontend/base/ByteString.h"
+#include "PI/frontend/base/Refusal.h"
+#include "absl/container/inlined_vector.h"
+
+namespace pi::fe::proto {
+
+namespace {
+
+void requireScope(const ActionUser& user, const ActionUse& use) {
+  if (use.scope == ActionScope::tableAndDefault || use.scope == ActionScope::tableOnly) return;
+  refuse(code::permissionDenied, user.kind, " ", user.name, ": action ", use.action->name,
+         use.scope == ActionScope::defaultOnly ? " may only be the default action"
+                                               : " may only be a group action");
+}
+
+// Controllers mostly send the parameters in P4Info order, so the i-th is tried first.
+size_t paramIndex(const ActionUser& user, const ActionPlan& action, uint32_t id, size_t hint) {
+  if (hint < action.params.size() && action.params[hint].id == id) return hint;
+  for (size_t i = 0; i < action.params.size(); ++i) {
+    if (action.params[i].id == id) return i;
+  }
+  refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
+         " has no parameter with the id ", id);
+}
+
+void requireAll(const ActionUser& user, const ActionPlan& action,
+                const absl::InlinedVector<bool, 32>& seen) {
+  for (size_t i = 0; i < seen.size(); ++i) {
+    if (seen[i]) continue;
+    refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
+           ": parameter ", action.params[i].name, " is missing");
+  }
+}
+
+}  // namespace
+
+const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& action) {
+  const uint32_t id = action.action_id();
+  const ActionUse* use = user.actionUse(id);
+  if (use == nullptr) {
+    refuse(code::invalidArgument, user.kind, " ", user.name, " has no action with the id 0x",
+           absl::Hex(id, absl::kZeroPad8));
+  }
+  requireScope(user, *use);
+  if (!use->action->unsupported.empty()) {
+    refuse(code::unimplemented, user.kind, " ", user.name, ": ", use->action->unsupported);
+  }
+  return *use->action;
+}
+
+void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4::v1::Action& given,
+                      uint8_t* data) {
+  absl::InlinedVector<bool, 32> seen(action.params.size(), false);
+  size_t hint = 0;
+  for (const auto& value : given.params()) {
+    const size_t index = paramIndex(user, action, value.param_id(), hint++);
+    const ParamPlan& param = action.params[index];
+    if (seen[index]) {
+      refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
+             ": parameter ", param.name, " is given twice");
+    }
+    seen[index] = true;
+    if (!fits(value.value(), param.bits)) {
+      refuse(code::outOfRange, user.kind, " ", user.name, ": action ", action.name, ": parameter ",
+             param.name, ": the value ", hexText(value.value()), " is not a number of ", param.bits,
+             " bits");
+    }
+    putPadded(value.value(), data + param.offset, param.bytes);
+  }
+  if (static_cast<size_t>(given.params_size()) != seen.size()) requireAll(user, action, seen);
+}
+
+void decodeAction(const ActionPlan& action, const uint8_t* data, p4::v1::Action* out) {
+  out->set_action_id(action.id);
+  for (const ParamPlan& param : action.params) {
+    auto* sent = out->add_params();
+    sent->set_param_id(param.id);
+    setShortest(data + param.offset, param.bytes, sent->mutable_value());
+  }
+}
+
+}  // namespace pi::fe::proto

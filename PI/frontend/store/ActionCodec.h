@@ -1,0 +1,21 @@
+// A P4Runtime action to PI action data, and back.
+#pragma once
+
+#include <cstdint>
+
+#include "PI/frontend/model/Plans.h"
+
+namespace pi::fe::proto {
+
+// The action that an ordinary entry of the table, or a member of the profile, names, if it may.
+// Throws a Refusal.
+const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& action);
+
+// Writes action.dataBytes bytes. Throws a Refusal that names user, action and parameter.
+void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4::v1::Action& given,
+                      uint8_t* data);
+
+// Adds id and parameters, values in their shortest form.
+void decodeAction(const ActionPlan& action, const uint8_t* data, p4::v1::Action* out);
+
+}  // namespace pi::fe::proto

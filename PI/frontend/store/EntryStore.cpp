@@ -1,0 +1,116 @@
+// The committed entries, members and groups of a device.
+#include "PI/frontend/store/EntryStore.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace pi::fe::proto {
+
+void EntryStore::entryIs(EntryPtr entry) {
+  const size_t hash = entry->key().hash();
+  std::vector<EntryPtr> gone;
+  const std::lock_guard lock(mutex_);
+  applyLocked({{std::move(entry), hash}, false}, &gone);
+}
+
+const Entry* EntryStore::committed(const EntryLookup& lookup) const {
+  if (!kept_.empty()) {
+    const auto kept = kept_.find(lookup);
+    if (kept != kept_.end()) return kept->second ? nullptr : kept->first.entry.get();
+  }
+  const auto found = entries_.find(lookup);
+  return found == entries_.end() ? nullptr : found->entry.get();
+}
+
+void EntryStore::keep(std::span<Change> changes) {
+  for (Change& change : changes) {
+    kept_.erase(EntryLookup{change.slot.entry->key(), change.slot.hash});
+    kept_.emplace(std::move(change.slot), change.isDelete);
+  }
+}
+
+void EntryStore::commit(std::span<Change> changes) {
+  std::vector<EntryPtr> gone;  // freed after the lock
+  gone.reserve(changes.size() + kept_.size());
+  const std::lock_guard lock(mutex_);
+  for (const auto& [slot, isDelete] : std::exchange(kept_, {})) {
+    applyLocked({slot, isDelete}, &gone);
+  }
+  for (Change& change : changes) applyLocked(std::move(change), &gone);
+}
+
+void EntryStore::applyLocked(Change change, std::vector<EntryPtr>* gone) {
+  EntryPages& pages = pagesOf(*change.slot.entry);
+  const auto found = entries_.find(EntryLookup{change.slot.entry->key(), change.slot.hash});
+  if (found == entries_.end()) {
+    if (change.isDelete) return;
+    pages.add(snapshots_, change.slot.entry);
+    entries_.insert(std::move(change.slot));
+  } else if (change.isDelete) {
+    gone->push_back(pages.remove(snapshots_, *found->entry));
+    entries_.erase(found);
+  } else {
+    gone->push_back(pages.replace(snapshots_, *found->entry, change.slot.entry));
+    // The key stays as it is, so that the slot may take the new entry in place.
+    const_cast<EntrySlot&>(*found).entry = std::move(change.slot.entry);
+  }
+}
+
+EntryPtr EntryStore::entry(const EntryKey& key) const {
+  const EntryLookup lookup{key, key.hash()};
+  const std::lock_guard lock(mutex_);
+  return entryLocked(lookup);
+}
+
+size_t EntryStore::size() const {
+  const std::lock_guard lock(mutex_);
+  return entries_.size();
+}
+
+EntryPtr EntryStore::entryLocked(const EntryLookup& lookup) const {
+  const auto found = entries_.find(lookup);
+  return found == entries_.end() ? EntryPtr() : found->entry;
+}
+
+EntryStore::Snapshot::Snapshot(EntryStore& store, std::span<const EntryLookup> lookups)
+    : store_(store) {
+  found_.reserve(lookups.size());
+  const std::lock_guard lock(store_.mutex_);
+  for (const EntryLookup& lookup : lookups) found_.push_back(store_.entryLocked(lookup));
+  lists_.reserve(store_.pages_.size());
+  for (const auto& [number, pages] : store_.pages_) lists_.emplace(number, pages.list());
+  number_ = ++store_.snapshots_.latest;
+  store_.snapshots_.newestAlive = number_;
+  store_.alive_.insert(number_);
+}
+
+// From here on the store may change pages in place again, which nobody reads any more.
+EntryStore::Snapshot::~Snapshot() {
+  const std::lock_guard lock(store_.mutex_);
+  store_.alive_.erase(number_);
+  store_.snapshots_.newestAlive = store_.alive_.empty() ? 0 : *store_.alive_.rbegin();
+}
+
+const EntryPages::List& EntryStore::Snapshot::table(uint32_t tableId) const {
+  return list(listOf(tableId, false));
+}
+
+std::vector<const Entry*> EntryStore::Snapshot::objects(uint32_t profileId, bool groups) const {
+  std::vector<const Entry*> result;
+  for (const auto& page : list(listOf(profileId, groups)).pages) {
+    for (const EntryPtr& entry : page->entries) {
+      if (entry) result.push_back(entry.get());
+    }
+  }
+  std::sort(result.begin(), result.end(),
+            [](const Entry* a, const Entry* b) { return a->key() < b->key(); });
+  return result;
+}
+
+const EntryPages::List& EntryStore::Snapshot::list(uint64_t number) const {
+  static const EntryPages::List kNone;
+  const auto found = lists_.find(number);
+  return found == lists_.end() ? kNone : *found->second;
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,97 @@
+// The committed entries, members and groups of a device: what the forwarding plane is known to
+// hold. A Write enters its outcome here once it is known; reads see each Write wholly or not at
+// all.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <span>
+#include <vector>
+
+#include "PI/frontend/store/Entry.h"
+#include "PI/frontend/store/EntryPages.h"
+#include "absl/container/flat_hash_map.h"
+#include "absl/container/flat_hash_set.h"
+
+namespace pi::fe::proto {
+
+// One success of a Write: the entry now stands, or (isDelete) no longer does.
+struct Change {
+  EntrySlot slot;
+  bool isDelete = false;
+};
+
+// Thread-safe; its lock is a leaf and never held while anything waits. One Write at a time.
+class EntryStore {
+ public:
+  class Snapshot;
+
+  // Before controllers get in: adds or replaces.
+  void entryIs(EntryPtr entry);
+
+  // For the Write in progress, which alone changes the store and sees the changes that it has kept:
+  // null when nothing stands there. The pointer is good until that Write's next keep() or commit().
+  const Entry* committed(const EntryLookup& lookup) const;
+
+  // A Write of several batches keeps the outcome of each but the last. Leaves the slots empty.
+  void keep(std::span<Change> changes);
+  // Ends a Write: what it kept, then these. Reads that begin now see all of it. Leaves the slots
+  // empty.
+  void commit(std::span<Change> changes = {});
+
+  EntryPtr entry(const EntryKey& key) const;
+  size_t size() const;
+
+ private:
+  using Set = absl::flat_hash_set<EntrySlot, EntrySlotHash, EntrySlotEqual>;
+  // Of the Write in progress; true: deleted.
+  using Kept = absl::flat_hash_map<EntrySlot, bool, EntrySlotHash, EntrySlotEqual>;
+
+  void applyLocked(Change change, std::vector<EntryPtr>* gone);
+  EntryPtr entryLocked(const EntryLookup& lookup) const;
+  EntryPages& pagesOf(const Entry& entry) { return pages_[listOf(entry)]; }
+  // Members and groups of a profile are lists of their own.
+  static uint64_t listOf(uint32_t tableId, bool groups) { return uint64_t{tableId} << 1 | groups; }
+  static uint64_t listOf(const Entry& entry) {
+    return listOf(entry.tableId, entry.kind == EntryKind::groupObject);
+  }
+
+  mutable std::mutex mutex_;
+  Set entries_;
+  absl::flat_hash_map<uint64_t, EntryPages> pages_;  // by list
+  EntryPages::Snapshots snapshots_;
+  std::set<uint64_t> alive_;  // numbers of snapshots
+
+  Kept kept_;  // for the Write in progress alone, without the lock
+};
+
+// The store as it was when the snapshot was made. The store outlives it, and remembers what Writes
+// replace for as long as it lives. One thread at a time.
+class EntryStore::Snapshot {
+ public:
+  // Finds the entries of `lookups` in the same moment: one for each, in order, null when there is
+  // none.
+  explicit Snapshot(EntryStore& store, std::span<const EntryLookup> lookups = {});
+  ~Snapshot();
+  Snapshot(const Snapshot&) = delete;
+  Snapshot& operator=(const Snapshot&) = delete;
+
+  std::span<const EntryPtr> found() const { return found_; }
+
+  // The table's entries, in no order.
+  const EntryPages::List& table(uint32_t tableId) const;
+  // The members (or groups) of a profile, by id.
+  std::vector<const Entry*> objects(uint32_t profileId, bool groups) const;
+
+ private:
+  const EntryPages::List& list(uint64_t number) const;
+
+  EntryStore& store_;
+  uint64_t number_ = 0;
+  std::vector<EntryPtr> found_;
+  absl::flat_hash_map<uint64_t, std::shared_ptr<const EntryPages::List>> lists_;
+};
+
+}  // namespace pi::fe::proto

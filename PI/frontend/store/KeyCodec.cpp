@@ -1,0 +1,279 @@
+// Match elements of a P4Runtime table entry to PI match key bytes, and back.
+#include "PI/frontend/store/KeyCodec.h"
+
+#include <cstring>
+
+#include "PI/frontend/base/ByteString.h"
+#include "PI/frontend/base/Refusal.h"
+#include "absl/container/inlined_vector.h"
+
+namespace pi::fe::proto {
+
+using p4::v1::FieldMatch;
+using p4::v1::TableEntry;
+
+namespace {
+
+constexpr size_t kTextLength = 120;
+using Seen = absl::InlinedVector<bool, 32>;
+
+template <typename... Texts>
+[[noreturn]] void refuseField(int code, const TablePlan& table, const FieldPlan& field,
+                              const Texts&... texts) {
+  refuse(code, "table ", table.name, ": field ", field.name, ": ", texts...);
+}
+
+void putValue(const TablePlan& table, const FieldPlan& field, const std::string& value,
+              uint8_t* out) {
+  if (!fits(value, field.bits)) {
+    refuseField(code::outOfRange, table, field, "the value ", hexText(value),
+                value.empty() ? " is no number" : " is wider than the field's ",
+                value.empty() ? "" : absl::StrCat(field.bits, " bits"));
+  }
+  putPadded(value, out, field.bytes);
+}
+
+const char* kindText(MatchKind kind) {
+  switch (kind) {
+    case MatchKind::exact:
+      return "exact";
+    case MatchKind::lpm:
+      return "LPM";
+    case MatchKind::ternary:
+      return "ternary";
+    case MatchKind::range:
+      return "range";
+    case MatchKind::optional:
+      return "optional";
+    case MatchKind::other:
+      break;
+  }
+  return "other";
+}
+
+void requireForm(const TablePlan& table, const FieldPlan& field, bool fitsKind) {
+  if (fitsKind) return;
+  refuseField(code::invalidArgument, table, field, "the match must be of the kind ",
+              kindText(field.kind));
+}
+
+bool allZero(const uint8_t* data, size_t bytes) {
+  for (size_t i = 0; i < bytes; ++i) {
+    if (data[i] != 0) return false;
+  }
+  return true;
+}
+
+// Whether the low `bits` bits of the value are all zero.
+bool lowBitsZero(const uint8_t* value, size_t bytes, uint32_t bits) {
+  const size_t whole = bits / 8;
+  if (!allZero(value + bytes - whole, whole)) return false;
+  const uint32_t rest = bits % 8;
+  return rest == 0 || (value[bytes - whole - 1] & ((1U << rest) - 1)) == 0;
+}
+
+void putLpm(const TablePlan& table, const FieldPlan& field, const FieldMatch::LPM& lpm,
+            uint8_t* out) {
+  putValue(table, field, lpm.value(), out);
+  if (lpm.prefix_len() <= 0 || static_cast<uint32_t>(lpm.prefix_len()) > field.bits) {
+    refuseField(code::invalidArgument, table, field, "the prefix length ", lpm.prefix_len(),
+                " is not from 1 to ", field.bits, "; leave the field out to match anything");
+  }
+  const auto length = static_cast<uint32_t>(lpm.prefix_len());
+  if (!lowBitsZero(out, field.bytes, field.bits - length)) {
+    refuseField(code::invalidArgument, table, field, "the value ", hexText(lpm.value()),
+                " has bits below the prefix length ", length);
+  }
+  std::memcpy(out + field.bytes, &length, sizeof(length));
+}
+
+void putTernary(const TablePlan& table, const FieldPlan& field, const FieldMatch::Ternary& ternary,
+                uint8_t* out) {
+  uint8_t* mask = out + field.bytes;
+  putValue(table, field, ternary.value(), out);
+  putValue(table, field, ternary.mask(), mask);
+  if (allZero(mask, field.bytes)) {
+    refuseField(code::invalidArgument, table, field,
+                "the mask is 0; leave the field out to match anything");
+  }
+  for (size_t i = 0; i < field.bytes; ++i) {
+    if ((out[i] & ~mask[i]) == 0) continue;
+    refuseField(code::invalidArgument, table, field, "the value ", hexText(ternary.value()),
+                " has bits outside the mask ", hexText(ternary.mask()));
+  }
+}
+
+bool isFullRange(const FieldPlan& field, const uint8_t* low, std::string_view high) {
+  if (!allZero(low, field.bytes)) return false;
+  std::string top(field.bytes, '\xff');
+  if (field.bits % 8 != 0) top[0] = static_cast<char>((1U << (field.bits % 8)) - 1);
+  return high == top;
+}
+
+void putRange(const TablePlan& table, const FieldPlan& field, const FieldMatch::Range& range,
+              uint8_t* out) {
+  std::string high(field.bytes, '\0');
+  putValue(table, field, range.low(), out);
+  putValue(table, field, range.high(), reinterpret_cast<uint8_t*>(high.data()));
+  const int order = std::memcmp(out, high.data(), field.bytes);
+  if (order > 0) {
+    refuseField(code::invalidArgument, table, field,
+                "the range ends before it begins: ", hexText(range.low()), " to ",
+                hexText(range.high()));
+  }
+  if (isFullRange(field, out, high)) {
+    refuseField(code::invalidArgument, table, field,
+                "the range holds every value; leave the field out to match anything");
+  }
+  if (order != 0) {
+    refuseField(code::unimplemented, table, field,
+                "ranges of more than one value are not supported");
+  }
+}
+
+void putField(const TablePlan& table, const FieldPlan& field, const FieldMatch& match,
+              uint8_t* key) {
+  uint8_t* out = key + field.offset;
+  switch (field.kind) {
+    case MatchKind::exact:
+      requireForm(table, field, match.has_exact());
+      return putValue(table, field, match.exact().value(), out);
+    case MatchKind::lpm:
+      requireForm(table, field, match.has_lpm());
+      return putLpm(table, field, match.lpm(), out);
+    case MatchKind::ternary:
+      requireForm(table, field, match.has_ternary());
+      return putTernary(table, field, match.ternary(), out);
+    case MatchKind::range:
+      requireForm(table, field, match.has_range());
+      return putRange(table, field, match.range(), out);
+    case MatchKind::optional:
+      requireForm(table, field, match.has_optional());
+      return putValue(table, field, match.optional().value(), out);
+    case MatchKind::other:
+      refuseField(code::unimplemented, table, field, "this kind of match is not supported");
+  }
+}
+
+// Controllers mostly send the elements in P4Info order, so the i-th is tried first.
+size_t fieldIndex(const TablePlan& table, const FieldMatch& match, size_t hint) {
+  if (hint < table.fields.size() && table.fields[hint].id == match.field_id()) return hint;
+  for (size_t i = 0; i < table.fields.size(); ++i) {
+    if (table.fields[i].id == match.field_id()) return i;
+  }
+  refuse(code::invalidArgument, "table ", table.name, " has no field with the id ",
+         match.field_id());
+}
+
+// The bytes of a don't-care are zero: value and prefix length, or value and mask.
+void putAbsent(const TablePlan& table, const FieldPlan& field, uint8_t* key) {
+  switch (field.kind) {
+    case MatchKind::exact:
+      refuseField(code::invalidArgument, table, field, "an exact match must be given");
+    case MatchKind::range:
+    case MatchKind::optional:
+      refuseField(code::unimplemented, table, field, kindText(field.kind),
+                  " fields that match anything are not supported; give a value");
+    default:
+      std::memset(key + field.offset, 0, field.keyBytes());
+  }
+}
+
+std::string fieldText(const FieldPlan& field, const uint8_t* key) {
+  const uint8_t* at = key + field.offset;
+  const std::string value = hexText(shortest(at, field.bytes));
+  if (field.kind == MatchKind::lpm) {
+    uint32_t length = 0;
+    std::memcpy(&length, at + field.bytes, sizeof(length));
+    if (length == 0) return "";
+    if (field.bits != 32) return absl::StrCat(field.name, " ", value, "/", length);
+    return absl::StrCat(field.name, " ", at[0], ".", at[1], ".", at[2], ".", at[3], "/", length);
+  }
+  if (field.kind == MatchKind::ternary) {
+    if (allZero(at + field.bytes, field.bytes)) return "";
+    return absl::StrCat(field.name, " ", value, "&",
+                        hexText(shortest(at + field.bytes, field.bytes)));
+  }
+  return absl::StrCat(field.name, " ", value);
+}
+
+void decodeField(const FieldPlan& field, const uint8_t* at, TableEntry* entry) {
+  if (field.kind == MatchKind::lpm) {
+    uint32_t length = 0;
+    std::memcpy(&length, at + field.bytes, sizeof(length));
+    if (length == 0) return;
+    FieldMatch* match = entry->add_match();
+    match->set_field_id(field.id);
+    match->mutable_lpm()->set_prefix_len(static_cast<int32_t>(length));
+    return setShortest(at, field.bytes, match->mutable_lpm()->mutable_value());
+  }
+  if (field.kind == MatchKind::ternary && allZero(at + field.bytes, field.bytes)) return;
+  FieldMatch* match = entry->add_match();
+  match->set_field_id(field.id);
+  switch (field.kind) {
+    case MatchKind::ternary:
+      setShortest(at, field.bytes, match->mutable_ternary()->mutable_value());
+      return setShortest(at + field.bytes, field.bytes, match->mutable_ternary()->mutable_mask());
+    case MatchKind::range:
+      setShortest(at, field.bytes, match->mutable_range()->mutable_low());
+      return setShortest(at, field.bytes, match->mutable_range()->mutable_high());
+    case MatchKind::optional:
+      return setShortest(at, field.bytes, match->mutable_optional()->mutable_value());
+    default:
+      return setShortest(at, field.bytes, match->mutable_exact()->mutable_value());
+  }
+}
+
+}  // namespace
+
+void encodeKey(const TablePlan& table, const TableEntry& entry, uint8_t* key) {
+  Seen seen(table.fields.size(), false);
+  size_t hint = 0;
+  for (const FieldMatch& match : entry.match()) {
+    const size_t index = fieldIndex(table, match, hint++);
+    const FieldPlan& field = table.fields[index];
+    if (seen[index]) refuseField(code::invalidArgument, table, field, "the match is given twice");
+    seen[index] = true;
+    putField(table, field, match, key);
+  }
+  if (static_cast<size_t>(entry.match_size()) == table.fields.size()) return;
+  for (size_t i = 0; i < table.fields.size(); ++i) {
+    if (!seen[i]) putAbsent(table, table.fields[i], key);
+  }
+}
+
+uint32_t checkedPriority(const TablePlan& table, const TableEntry& entry) {
+  const int32_t priority = entry.priority();
+  if (table.needsPriority && priority <= 0) {
+    refuse(code::invalidArgument, "table ", table.name, ": the priority is ", priority,
+           "; tables with ternary, range or optional fields need one above 0");
+  }
+  if (!table.needsPriority && priority != 0) {
+    refuse(code::invalidArgument, "table ", table.name, ": the priority is ", priority,
+           "; tables with only exact and LPM fields have none");
+  }
+  return static_cast<uint32_t>(priority);
+}
+
+void decodeKey(const TablePlan& table, const uint8_t* key, TableEntry* entry) {
+  for (const FieldPlan& field : table.fields) decodeField(field, key + field.offset, entry);
+}
+
+std::string keyText(const TablePlan& table, const uint8_t* key, uint32_t priority) {
+  std::string text = absl::StrCat("table ", table.name, ":");
+  const size_t empty = text.size();
+  for (const FieldPlan& field : table.fields) {
+    const std::string one = fieldText(field, key);
+    if (!one.empty()) absl::StrAppend(&text, text.size() == empty ? " " : ", ", one);
+    if (text.size() > kTextLength) {
+      text.resize(kTextLength);
+      text += "...";
+      break;
+    }
+  }
+  if (text.size() == empty) text += " any packet";
+  if (priority != 0) absl::StrAppend(&text, ", priority ", priority);
+  return text;
+}
+
+}  // namespace pi::fe::proto

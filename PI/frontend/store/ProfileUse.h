@@ -1,0 +1,42 @@
+// What of each action profile is in use: by whom its members and groups, and how much of its room.
+#pragma once
+
+#include "PI/frontend/model/Plans.h"
+#include "PI/frontend/store/ProfileObjects.h"
+#include "absl/container/flat_hash_map.h"
+
+namespace pi::fe::proto {
+
+// How much of the profile's size a member, a group, or an entry with an action set takes up; 0 for
+// everything else.
+uint64_t sizeTaken(const ProfilePlan& profile, const Entry& entry);
+
+// Counts what is committed. For the Write in progress alone, or while entries are being restored.
+class ProfileUse {
+ public:
+  struct Users {
+    uint32_t groups = 0;
+    uint32_t entries = 0;
+    bool any() const { return groups != 0 || entries != 0; }
+  };
+  struct Total {
+    uint64_t size = 0;        // in the profile's own unit
+    uint64_t objects = 0;     // members and groups of controllers
+    uint64_t actionSets = 0;  // entries that have one
+  };
+
+  Users users(const ObjectId& object) const;
+  Total total(uint32_t profileId) const;
+
+  // A member, a group, or an entry of a table of the profile took the place of another. Null:
+  // nothing stood there, or stands there now.
+  void changed(const ProfilePlan& profile, const Entry* former, const Entry* now);
+
+ private:
+  void doCount(const ProfilePlan& profile, const Entry& entry, int by);
+
+  absl::flat_hash_map<ObjectId, Users> users_;
+  absl::flat_hash_map<uint32_t, Total> totals_;
+};
+
+}  // namespace pi::fe::proto

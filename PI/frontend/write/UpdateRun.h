@@ -1,0 +1,15 @@
+// Which target calls an update takes.
+#pragma once
+
+#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/store/EntryStore.h"
+#include "PI/frontend/target/TargetCalls.h"
+
+namespace pi::fe::proto {
+
+// Runs an update that has been checked and prepared, and enters the target's handles into it.
+// `former` is what stands under its key now, null for an INSERT.
+void doRunUpdate(const EntryStore& store, const CheckedUpdate& update, const Entry* former,
+                 TargetCalls* calls);
+
+}  // namespace pi::fe::proto

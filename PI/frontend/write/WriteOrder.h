@@ -1,0 +1,59 @@
+// In which of a Write's batches each update runs: independent ones together, in the first; one that
+// depends on the outcome of earlier ones in a batch after theirs.
+#pragma once
+
+#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/store/EntryStore.h"
+#include "PI/frontend/store/ProfileUse.h"
+#include "absl/container/flat_hash_set.h"
+
+namespace pi::fe::proto {
+
+// For one Write. An update depends on the earlier ones of its key, on those that write what it
+// points at, and, when it writes a member or group, on those that point there.
+class WriteOrder {
+ public:
+  WriteOrder(const EntryStore& store, const ProfileUse& use) : store_(store), use_(use) {}
+
+  void reserve(size_t updates) { levels_.reserve(updates); }
+
+  // The batch of the next update, counted from 0.
+  uint32_t level(const CheckedUpdate& update);
+
+ private:
+  // One more than the last level that counts; 0: there is none.
+  struct ObjectLevels {
+    uint32_t afterWrites = 0;
+    uint32_t afterReferences = 0;
+  };
+  struct ProfileLevels {
+    uint32_t afterObjects = 0;
+    uint32_t afterActionSets = 0;
+    uint32_t afterFreeing = 0;  // of room in the profile
+    uint64_t expectedSize = 0;  // if nothing were freed
+  };
+  // All that stood, or may stand, under a key in the course of the Write.
+  struct KeyHistory {
+    absl::flat_hash_set<ObjectId> references;
+    bool hasActionSet = false;
+    uint64_t size = 0;  // of the latest
+  };
+
+  uint32_t levelInProfile(const CheckedUpdate& update, const Entry* key, bool isNew,
+                          uint32_t level);
+  uint32_t levelByReferences(const CheckedUpdate& update, const KeyHistory& history,
+                             uint32_t level);
+  uint32_t levelByProfile(const CheckedUpdate& update, KeyHistory* history, uint32_t level);
+  void doRemember(const CheckedUpdate& update, const KeyHistory& history, uint32_t level);
+  ProfileLevels& profileLevels(uint32_t profileId);
+
+  const EntryStore& store_;
+  const ProfileUse& use_;
+  absl::flat_hash_map<ObjectId, ObjectLevels> objects_;
+  absl::flat_hash_map<uint32_t, ProfileLevels> profiles_;
+  // The batch of the latest update of each key.
+  absl::flat_hash_map<EntrySlot, uint32_t, EntrySlotHash, EntrySlotEqual> levels_;
+  absl::flat_hash_map<const Entry*, KeyHistory> keys_;  // by the entry in levels_
+};
+
+}  // namespace pi::fe::proto

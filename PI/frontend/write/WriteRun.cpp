@@ -1,0 +1,208 @@
+// Carries out one Write.
+#include "PI/frontend/write/WriteRun.h"
+
+#include "PI/frontend/base/Permission.h"
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/base/StatusText.h"
+#include "PI/frontend/target/TargetCalls.h"
+#include "PI/frontend/write/UpdateRun.h"
+#include "PI/pi.h"
+#include "PI/pi_extensions.h"
+#include "PI/target/pi_pending_imp.h"
+
+namespace pi::fe::proto {
+
+using p4::v1::Update;
+
+namespace {
+
+constexpr int kBatchUpdateFailed = 40;  // the target writes the error into the status vector
+
+// What a Write has kept comes into the store however the Write ends.
+class WriteScope {
+ public:
+  explicit WriteScope(EntryStore& store) : store_(store) {}
+  ~WriteScope() { store_.commit(); }
+  WriteScope(const WriteScope&) = delete;
+  WriteScope& operator=(const WriteScope&) = delete;
+
+ private:
+  EntryStore& store_;
+};
+
+}  // namespace
+
+google::rpc::Status WriteRun::run(const p4::v1::WriteRequest& request) {
+  operations_.resize(request.updates_size());
+  order_.reserve(operations_.size());
+  doCheck(request);
+  if (levels_ != 0) {
+    const WriteScope scope(store_);
+    for (const Batch& batch : batches()) doRunBatch(batch);
+  }
+  if (errors_.empty()) return okStatus();
+  return itemisedStatus(&errors_, "updates");
+}
+
+void WriteRun::doCheck(const p4::v1::WriteRequest& request) {
+  for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
+    try {
+      operations_[offset].update = checkedUpdate(index_, request.updates(offset));
+      if (operations_[offset].update.slot.entry) doOrder(offset);
+    } catch (const Refusal& refusal) {
+      doFail(offset, refusal.code(), refusal.message());
+    }
+  }
+}
+
+void WriteRun::doOrder(uint32_t offset) {
+  Operation& operation = operations_[offset];
+  operation.level = order_.level(operation.update);
+  operation.runs = true;
+  levels_ = std::max(levels_, operation.level + 1);
+}
+
+std::vector<WriteRun::Batch> WriteRun::batches() const {
+  std::vector<Batch> batches(levels_);
+  if (levels_ == 1) batches[0].reserve(operations_.size());
+  for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
+    const Operation& operation = operations_[offset];
+    if (operation.runs) batches[operation.level].push_back(offset);
+  }
+  return batches;
+}
+
+void WriteRun::doRunBatch(const Batch& batch) {
+  StatusVector statuses;
+  statuses.reserve(batch.size());
+  state_.handleBatchBegin();
+  try {
+    for (const uint32_t offset : batch) {
+      try {
+        maybeRunUpdate(offset, &statuses);
+      } catch (const NoBatch& refusal) {
+        return doFailUnrun(batch, refusal);
+      } catch (const Refusal& refusal) {
+        doFail(offset, refusal.code(), refusal.message());
+      }
+    }
+  } catch (...) {
+    doAbandonBatch(&statuses);
+    throw;
+  }
+  if (!batchOpen_) return;  // no update came to the point where the target hears of it
+  doEndBatch(&statuses);
+  std::vector<Change> changes = confirmed(batch, statuses);
+  levels_ == 1 ? store_.commit(changes) : store_.keep(changes);
+}
+
+void WriteRun::doEndBatch(StatusVector* statuses) {
+  batchOpen_ = false;
+  pi_batch_current_clear();
+  pi_batch_end(session_.handle, true);
+  _pi_update_pending_status(statuses);
+}
+
+// Out of memory, say. The target must not keep the batch open, and undoes all that has failed.
+void WriteRun::doAbandonBatch(StatusVector* statuses) {
+  if (!batchOpen_) return;
+  for (auto& [offset, error] : *statuses) error.set_canonical_code(code::internal);
+  doEndBatch(statuses);
+}
+
+void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
+  Operation& operation = operations_[offset];
+  CheckedUpdate& update = operation.update;
+  // An earlier batch of this Write may have timed out; one that has begun runs to its end.
+  if (!batchOpen_) requireWritePermission();
+  const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
+  state_.prepare(&update, former);
+  if (update.subject == CheckedUpdate::Subject::directCounter) return;  // nothing to change
+  maybeBeginBatch(operation);
+  TargetCalls calls(session_, offset);
+  // Before the target hears of the update, which the batch may be abandoned in the midst of.
+  auto& [position, error] = statuses->emplace_back();
+  position = offset;
+  error.set_canonical_code(code::internal);
+  doRunUpdate(store_, update, former, &calls);
+  operation.pending = true;
+  if (!calls.anyMade()) {  // it is like that already; the target has nothing to confirm
+    statuses->pop_back();
+    return;
+  }
+  const int status = calls.status();
+  if (status == PI_STATUS_SUCCESS || status == kBatchUpdateFailed) {
+    error.set_canonical_code(code::deadlineExceeded);
+    return;
+  }
+  const bool isUnimplemented = status == PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+  error.set_canonical_code(isUnimplemented ? code::unimplemented : code::internal);
+  error.set_message(absl::StrCat("the target refused it with status ", status));
+}
+
+void WriteRun::maybeBeginBatch(const Operation& operation) {
+  if (batchOpen_) return;
+  const pi_status_t begun = pi_batch_begin(session_.handle);
+  if (begun == PI_STATUS_NO_FORWARDING_AGENT) {
+    throw NoBatch(code::unavailable,
+                  "no forwarding agent is attached; write again once one has been started");
+  }
+  if (begun != PI_STATUS_SUCCESS) {
+    requireWritePermission();  // it may have been withdrawn just now
+    refuse(code::internal, updateText(operation.update), ": the target began no batch: status ",
+           begun);
+  }
+  batchOpen_ = true;
+  anyBatchRun_ = true;
+}
+
+// A Write of which nothing has been run is refused as a whole.
+void WriteRun::doFailUnrun(const Batch& batch, const NoBatch& refusal) {
+  if (!anyBatchRun_) throw refusal;
+  for (const uint32_t offset : batch) doFail(offset, refusal.code(), refusal.message());
+}
+
+// What the forwarding plane has taken of a batch.
+std::vector<Change> WriteRun::confirmed(const Batch& batch, const StatusVector& failures) {
+  doRecordFailures(failures);
+  std::vector<Change> changes;
+  changes.reserve(batch.size());
+  for (const uint32_t offset : batch) {
+    Operation& operation = operations_[offset];
+    if (!operation.pending) continue;
+    operation.pending = false;
+    if (operation.update.profile != nullptr) doCountUse(operation.update);
+    changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE});
+  }
+  return changes;
+}
+
+void WriteRun::doRecordFailures(const StatusVector& failures) {
+  for (const auto& [offset, error] : failures) {
+    if (error.canonical_code() == code::ok || offset >= operations_.size()) continue;
+    Operation& operation = operations_[offset];
+    if (!operation.pending) continue;
+    operation.pending = false;
+    const bool timedOut = error.canonical_code() == code::deadlineExceeded;
+    const std::string& why = error.message();
+    doFail(offset, error.canonical_code(),
+           absl::StrCat(updateText(operation.update), ": ",
+                        timedOut && why.empty()
+                            ? "the forwarding plane did not confirm it in time; it was undone"
+                            : why));
+  }
+}
+
+void WriteRun::doCountUse(const CheckedUpdate& update) {
+  const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
+  const bool isDelete = update.type == Update::DELETE;
+  use_.changed(*update.profile, former, isDelete ? nullptr : update.slot.entry.get());
+}
+
+void WriteRun::doFail(uint32_t offset, int code, const std::string& message) {
+  if (errors_.empty()) errors_.resize(operations_.size());
+  errors_[offset].set_canonical_code(code);
+  errors_[offset].set_message(message);
+}
+
+}  // namespace pi::fe::proto

@@ -1,0 +1,74 @@
+// Carries out one Write: checks its updates, runs them through the target in batches, and enters
+// what the forwarding plane confirmed into the store.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/StateCheck.h"
+#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/store/EntryStore.h"
+#include "PI/frontend/store/ProfileUse.h"
+#include "PI/frontend/target/TargetSession.h"
+#include "PI/frontend/write/WriteOrder.h"
+#include "PI/pi_base.h"
+#include "google/rpc/status.pb.h"
+
+namespace pi::fe::proto {
+
+// For one Write. One runs at a time for a store, on the thread that answers the Write; no lock may
+// be held, since the target takes its own and waits for the forwarding plane.
+class WriteRun {
+ public:
+  WriteRun(const P4InfoIndex& index, EntryStore& store, ProfileUse& use,
+           const TargetSession& session)
+      : index_(index), store_(store), use_(use), session_(session), state_(store, use) {}
+
+  google::rpc::Status run(const p4::v1::WriteRequest& request);
+
+ private:
+  using StatusVector = std::vector<std::pair<uint32_t, p4::v1::Error>>;
+  using Batch = std::vector<uint32_t>;  // offsets, ascending
+
+  // The target takes no batch; the message tells controllers.
+  struct NoBatch : Refusal {
+    using Refusal::Refusal;
+  };
+  struct Operation {
+    CheckedUpdate update;
+    bool runs = false;     // not refused by the check
+    uint32_t level = 0;    // the batch it runs in
+    bool pending = false;  // given to the target; ends in its status vector or succeeded
+  };
+
+  void doCheck(const p4::v1::WriteRequest& request);
+  void doOrder(uint32_t offset);
+  std::vector<Batch> batches() const;
+  void doRunBatch(const Batch& batch);
+  void doEndBatch(StatusVector* statuses);
+  void doAbandonBatch(StatusVector* statuses);
+  void maybeRunUpdate(uint32_t offset, StatusVector* statuses);
+  void maybeBeginBatch(const Operation& operation);
+  void doFailUnrun(const Batch& batch, const NoBatch& refusal);
+  std::vector<Change> confirmed(const Batch& batch, const StatusVector& failures);
+  void doRecordFailures(const StatusVector& failures);
+  void doCountUse(const CheckedUpdate& update);
+  void doFail(uint32_t offset, int code, const std::string& message);
+
+  const P4InfoIndex& index_;
+  EntryStore& store_;
+  ProfileUse& use_;
+  const TargetSession session_;
+  StateCheck state_;
+  WriteOrder order_{store_, use_};
+  std::vector<Operation> operations_;  // one an update
+  std::vector<p4::v1::Error> errors_;  // empty, or one an update
+  uint32_t levels_ = 0;
+  bool batchOpen_ = false;
+  bool anyBatchRun_ = false;
+};
+
+}  // namespace pi::fe::proto
