@@ -15,12 +15,12 @@
 #include <system_error>
 
 #include "P4Runtime/agent/AgentRuntime.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "cli/NetworkPlatform.h"
 #include "cli/ProvidedEntities.h"
 #include "cli/StateDirectory.h"
 #include "cli/StopWatcher.h"
 #include "platform/brine/Store.h"
-#include "platform/companion/P4RtSystemConfig.h"
 #include "platform/orrery/Config.h"
 #include "platform/orrery/Database.h"
 #include "platform/orrery/Server.h"

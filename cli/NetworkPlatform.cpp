@@ -8,7 +8,7 @@
 #include <string>
 #include <system_error>
 
-#include "platform/companion/BridgingConfig.h"
+#include "P4Runtime/companion/BridgingConfig.h"
 #include "platform/orrery/EntityTypes.h"
 #include "platform/wirra/InterfaceOperations.h"
 #include "platform/wirra/InterfaceStatus.h"

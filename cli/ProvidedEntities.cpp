@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-#include "platform/companion/HwStatusDir.h"
+#include "P4Runtime/companion/HwStatusDir.h"
 #include "platform/orrery/EntityTypes.h"
 
 namespace {

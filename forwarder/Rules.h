@@ -28,7 +28,7 @@ struct Rules {
   std::set<std::string> failingTables;
   std::map<std::string, std::vector<KeyRule>> failingKeys;  // by table
   uint64_t failEvery = 0;                                   // each n-th write fails; 0: none
-  uint16_t failCode = 2;  // of the failures above; platform/companion/ErrorCode.h
+  uint16_t failCode = 2;  // of the failures above; P4Runtime/companion/ErrorCode.h
   std::chrono::milliseconds latency{0};
   bool silent = false;
 

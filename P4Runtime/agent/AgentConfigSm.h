@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "P4Runtime/agent/AgentRuntime.h"
-#include "platform/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

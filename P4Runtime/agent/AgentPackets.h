@@ -3,10 +3,10 @@
 
 #include <vector>
 
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/packet/P4RuntimeCpuPktSm.h"
 #include "P4Runtime/packet/PacketStatus.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
-#include "platform/companion/P4RtSystemConfig.h"
 #include "platform/orrery/Database.h"
 #include "platform/vela/Timer.h"
 

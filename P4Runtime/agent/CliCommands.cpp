@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "P4Runtime/agent/PortMappingDirSm.h"
-#include "platform/companion/P4RtSystemConfig.h"
-#include "platform/companion/PortMapping.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/PortMapping.h"
 #include "platform/orrery/Requests.h"
 
 namespace P4Runtime {

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/companion/Cli.h"
+#include "P4Runtime/companion/Cli.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/ReactorLoop.h"
 #include "platform/vela/Timer.h"

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/FileDescriptor.h"
 #include "platform/vela/ReactorLoop.h"

@@ -3,10 +3,10 @@
 #pragma once
 
 #include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/TableImpl.h"
-#include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

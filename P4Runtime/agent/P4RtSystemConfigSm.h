@@ -6,10 +6,10 @@
 #include <string>
 
 #include "P4Runtime/agent/PluginCleanupStatusSm.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/Plugins.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/TableImpl.h"
-#include "platform/companion/P4RtSystemConfig.h"
-#include "platform/companion/Plugins.h"
 #include "platform/orrery/Directory.h"
 #include "platform/vela/Entity.h"
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/companion/Plugins.h"
+#include "P4Runtime/companion/Plugins.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/companion/PortMapping.h"
+#include "P4Runtime/companion/PortMapping.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

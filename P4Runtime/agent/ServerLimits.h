@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "platform/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

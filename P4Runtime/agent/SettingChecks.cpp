@@ -10,8 +10,8 @@
 #include <memory>
 #include <system_error>
 
-#include "platform/companion/BatchStatus.h"
-#include "platform/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/BatchStatus.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/Text.h"
 
 namespace P4Runtime {

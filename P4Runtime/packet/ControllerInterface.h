@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/companion/BridgingConfig.h"
+#include "P4Runtime/companion/BridgingConfig.h"
 #include "platform/vela/Entity.h"
 #include "platform/wirra/InterfaceOperations.h"
 

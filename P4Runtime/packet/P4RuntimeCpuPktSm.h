@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/PortMapping.h"
 #include "P4Runtime/packet/AddDesiredIntfSm.h"
 #include "P4Runtime/packet/ControllerInterface.h"
 #include "P4Runtime/packet/ControllerTxPktConfig.h"
@@ -15,8 +17,6 @@
 #include "P4Runtime/packet/IntfStatusManager.h"
 #include "P4Runtime/packet/P4RuntimeCpuPktMgr.h"
 #include "P4Runtime/packet/PacketTransmitter.h"
-#include "platform/companion/P4RtSystemConfig.h"
-#include "platform/companion/PortMapping.h"
 #include "platform/wirra/InterfaceStatus.h"
 
 namespace P4Runtime {

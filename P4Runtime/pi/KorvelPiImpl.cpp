@@ -14,6 +14,9 @@
 #include <stdexcept>
 
 #include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/companion/BatchStatus.h"
+#include "P4Runtime/companion/P4HandleMgr.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/PiDebug.h"
@@ -23,9 +26,6 @@
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_pending_imp.h"
-#include "platform/companion/BatchStatus.h"
-#include "platform/companion/P4HandleMgr.h"
-#include "platform/companion/P4RtSystemConfig.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 

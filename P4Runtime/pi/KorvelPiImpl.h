@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/companion/ResourceId.h"
+#include "P4Runtime/companion/ResourceId.h"
 
 namespace p4::v1 {
 class Error;

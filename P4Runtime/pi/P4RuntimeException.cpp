@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstdio>
 
+#include "P4Runtime/companion/BatchStatus.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/KorvelPiImpl.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pi/WriteGate.h"
@@ -13,8 +15,6 @@
 #include "P4Runtime/table/TableImpl.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi_extensions.h"
-#include "platform/companion/BatchStatus.h"
-#include "platform/companion/P4RtSystemConfig.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

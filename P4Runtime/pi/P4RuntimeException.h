@@ -4,9 +4,9 @@
 
 #include <string>
 
+#include "P4Runtime/companion/ErrorCode.h"
+#include "P4Runtime/companion/ResourceId.h"
 #include "PI/pi_base.h"
-#include "platform/companion/ErrorCode.h"
-#include "platform/companion/ResourceId.h"
 #include "platform/vela/Exception.h"
 
 namespace P4Runtime {

@@ -2,13 +2,13 @@
 #pragma once
 
 #include "P4Runtime/agent/KorvelPiServer.h"
+#include "P4Runtime/companion/BatchStatus.h"
+#include "P4Runtime/companion/HwStatusDir.h"
+#include "P4Runtime/companion/P4HandleMgr.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/packet/ControllerTxPktConfig.h"
 #include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/table/TableImpl.h"
-#include "platform/companion/BatchStatus.h"
-#include "platform/companion/HwStatusDir.h"
-#include "platform/companion/P4HandleMgr.h"
-#include "platform/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/companion/BatchStatus.h"
-#include "platform/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/BatchStatus.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/ReactorLoop.h"
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/companion/ResourceId.h"
+#include "P4Runtime/companion/ResourceId.h"
 
 namespace P4Runtime {
 

@@ -7,13 +7,13 @@
 #include <optional>
 #include <string>
 
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/Json.h"
 #include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "pipeline/PipelineCheck.h"
-#include "platform/companion/P4RtSystemConfig.h"
 #include "platform/lattice/Database.h"
 #include "platform/pollen/QueryConfig.h"
 #include "platform/pollen/QueryStatus.h"

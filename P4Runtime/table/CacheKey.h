@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-#include "platform/companion/ResourceId.h"
+#include "P4Runtime/companion/ResourceId.h"
 
 namespace P4Runtime {
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/companion/ResourceId.h"
+#include "P4Runtime/companion/ResourceId.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

@@ -2,6 +2,7 @@
 #include <cassert>
 #include <exception>
 
+#include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/pi/Entered.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pi/Storing.h"
@@ -11,7 +12,6 @@
 #include "PI/int/pi_int.h"
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_act_prof_imp.h"
-#include "platform/companion/BatchStatus.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

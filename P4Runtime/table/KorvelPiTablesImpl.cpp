@@ -3,6 +3,7 @@
 
 #include <cassert>
 
+#include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/pi/Entered.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pi/Storing.h"
@@ -12,7 +13,6 @@
 #include "PI/int/pi_int.h"
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_tables_imp.h"
-#include "platform/companion/BatchStatus.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

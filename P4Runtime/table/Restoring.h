@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "P4Runtime/companion/ResourceId.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "PI/pi_base.h"
-#include "platform/companion/ResourceId.h"
 
 namespace P4Runtime {
 

@@ -7,13 +7,13 @@
 #include <cstring>
 #include <utility>
 
+#include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/RowFields.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi_extensions.h"
-#include "platform/companion/BatchStatus.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

@@ -11,6 +11,8 @@
 #include <absl/container/flat_hash_set.h>
 #include <absl/container/node_hash_map.h>
 
+#include "P4Runtime/companion/ErrorCode.h"
+#include "P4Runtime/companion/P4HandleMgr.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/P4CounterMeters.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
@@ -18,8 +20,6 @@
 #include "P4Runtime/table/Restoring.h"
 #include "P4Runtime/table/TableCache.h"
 #include "PI/pi_tables.h"
-#include "platform/companion/ErrorCode.h"
-#include "platform/companion/P4HandleMgr.h"
 #include "platform/lattice/Database.h"
 #include "platform/vela/Entity.h"
 
@@ -116,8 +116,8 @@ class TableImpl : public Vela::Entity {
   void restoreActionMemberCachedEntries();
   void restoreActionGroupCachedEntries();
   void restoreTableCachedEntries();
-  // Names the damaged records that were found since the last call, on standard error and in the list
-  // of failures, with table and key as far as they can be told.
+  // Names the damaged records that were found since the last call, on standard error and in the
+  // list of failures, with table and key as far as they can be told.
   std::vector<Brine::DamagedRecord> tellDamagedRecords();
   // Lets go of the caches; their records and the rows stay. Waits for the batch in progress, whose
   // outcome is still to be recorded. Writes are refused from then on.

@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "P4Runtime/companion/BatchStatus.h"
+#include "P4Runtime/companion/HwStatusDir.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/table/EntryFailures.h"
@@ -18,8 +20,6 @@
 #include "P4Runtime/table/RowFields.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "PI/pi_extensions.h"
-#include "platform/companion/BatchStatus.h"
-#include "platform/companion/HwStatusDir.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

@@ -16,7 +16,7 @@ namespace {
 
 volatile std::sig_atomic_t stopping = 0;
 
-constexpr uint16_t tableFull = 13;  // see platform/companion/ErrorCode.h
+constexpr uint16_t tableFull = 13;  // see P4Runtime/companion/ErrorCode.h
 constexpr uint16_t invalidArgument = 14;
 
 std::string textOf(const std::vector<Lattice::ColumnText>& columns) {

@@ -57,7 +57,7 @@ class Subscriber {
   virtual const std::string& trouble() const = 0;
   virtual bool attached() const = 0;
 
-  // errorCode 0: programmed; else see platform/companion/ErrorCode.h. Sent with the next follow(),
+  // errorCode 0: programmed; else see P4Runtime/companion/ErrorCode.h. Sent with the next follow(),
   // or by flush(). Reports for an agent that went away are dropped; after ones of failure, the next
   // agent is attached to with a snapshot, so that it hears of what still fails.
   virtual void report(uint64_t entryHandle, uint64_t sequence, uint16_t errorCode,

@@ -8,7 +8,7 @@
 #include <string.h>
 #include <time.h>
 
-#include "platform/plugin/korvel_plugin.h"
+#include "P4Runtime/plugin/korvel_plugin.h"
 
 #define DEFAULT_PERIOD 5.0    /* seconds */
 #define LONGEST_PERIOD 3600.0 /* seconds */

@@ -8,8 +8,8 @@
 #include <string>
 #include <utility>
 
+#include "P4Runtime/companion/BatchStatus.h"
 #include "platform/brine/Store.h"
-#include "platform/companion/BatchStatus.h"
 
 namespace TestSupport {
 

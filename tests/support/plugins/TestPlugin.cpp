@@ -6,7 +6,7 @@
 #include <string_view>
 #include <thread>
 
-#include "platform/plugin/korvel_plugin.h"
+#include "P4Runtime/plugin/korvel_plugin.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "platform/companion/ErrorCode.h"
+#include "P4Runtime/companion/ErrorCode.h"
 
 #include <array>
 

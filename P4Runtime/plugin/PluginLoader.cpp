@@ -1,4 +1,4 @@
-#include "platform/plugin/PluginLoader.h"
+#include "P4Runtime/plugin/PluginLoader.h"
 
 #include <fmt/format.h>
 

@@ -1,4 +1,4 @@
-#include "platform/companion/IpAddress.h"
+#include "P4Runtime/companion/IpAddress.h"
 
 #include <arpa/inet.h>
 

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/plugin/korvel_plugin.h"
+#include "P4Runtime/plugin/korvel_plugin.h"
 #include "platform/vela/Exception.h"
 
 namespace P4Runtime {

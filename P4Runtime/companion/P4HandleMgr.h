@@ -9,7 +9,7 @@
 #include <span>
 #include <string_view>
 
-#include "platform/companion/ResourceId.h"
+#include "P4Runtime/companion/ResourceId.h"
 #include "platform/vela/Ptr.h"
 
 namespace P4Runtime {

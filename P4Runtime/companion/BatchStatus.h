@@ -15,9 +15,9 @@
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/inlined_vector.h>
 
-#include "platform/companion/BatchTimeout.h"
-#include "platform/companion/ErrorCode.h"
-#include "platform/companion/ResourceId.h"
+#include "P4Runtime/companion/BatchTimeout.h"
+#include "P4Runtime/companion/ErrorCode.h"
+#include "P4Runtime/companion/ResourceId.h"
 #include "platform/lattice/Database.h"
 #include "platform/vela/Entity.h"
 

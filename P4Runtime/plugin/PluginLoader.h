@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/plugin/Plugin.h"
-#include "platform/plugin/PluginContext.h"
+#include "P4Runtime/plugin/Plugin.h"
+#include "P4Runtime/plugin/PluginContext.h"
 
 namespace P4Runtime {
 

@@ -1,4 +1,4 @@
-#include "platform/plugin/PluginLibrary.h"
+#include "P4Runtime/plugin/PluginLibrary.h"
 
 #include <dlfcn.h>
 #include <elf.h>

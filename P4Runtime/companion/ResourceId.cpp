@@ -1,4 +1,4 @@
-#include "platform/companion/ResourceId.h"
+#include "P4Runtime/companion/ResourceId.h"
 
 namespace P4Runtime {
 namespace {

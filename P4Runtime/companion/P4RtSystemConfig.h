@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/companion/BatchTimeout.h"
-#include "platform/companion/IpAddress.h"
+#include "P4Runtime/companion/BatchTimeout.h"
+#include "P4Runtime/companion/IpAddress.h"
 #include "platform/vela/Entity.h"
 
 namespace P4RuntimeConfig {

@@ -1,4 +1,4 @@
-#include "platform/companion/HwStatusDir.h"
+#include "P4Runtime/companion/HwStatusDir.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "platform/companion/Cli.h"
+#include "P4Runtime/companion/Cli.h"
 
 namespace P4Runtime {
 namespace {

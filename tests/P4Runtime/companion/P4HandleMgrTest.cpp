@@ -1,4 +1,4 @@
-#include "platform/companion/P4HandleMgr.h"
+#include "P4Runtime/companion/P4HandleMgr.h"
 
 #include <gtest/gtest.h>
 

@@ -8,9 +8,9 @@
 #include <string>
 #include <thread>
 
-#include "platform/companion/Plugins.h"
-#include "platform/plugin/PluginContext.h"
-#include "platform/plugin/korvel_plugin.h"
+#include "P4Runtime/companion/Plugins.h"
+#include "P4Runtime/plugin/PluginContext.h"
+#include "P4Runtime/plugin/korvel_plugin.h"
 #include "platform/vela/Timer.h"
 
 namespace P4Runtime {

@@ -1,4 +1,4 @@
-#include "platform/plugin/Plugin.h"
+#include "P4Runtime/plugin/Plugin.h"
 
 #include <fmt/format.h>
 

@@ -1,4 +1,4 @@
-#include "platform/companion/PortMapping.h"
+#include "P4Runtime/companion/PortMapping.h"
 
 namespace P4RuntimeConfig {
 

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <functional>
 
-#include "platform/plugin/PluginLoader.h"
+#include "P4Runtime/plugin/PluginLoader.h"
 #include "platform/vela/ActivityLock.h"
 #include "tests/support/TempDir.h"
 

@@ -1,4 +1,4 @@
-#include "platform/plugin/PluginHost.h"
+#include "P4Runtime/plugin/PluginHost.h"
 
 #include <fmt/format.h>
 

@@ -1,4 +1,4 @@
-#include "platform/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 
 namespace P4RuntimeConfig {
 

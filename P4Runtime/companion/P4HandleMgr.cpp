@@ -1,4 +1,4 @@
-#include "platform/companion/P4HandleMgr.h"
+#include "P4Runtime/companion/P4HandleMgr.h"
 
 #include <absl/container/flat_hash_map.h>
 #include <absl/container/flat_hash_set.h>

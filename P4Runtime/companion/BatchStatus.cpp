@@ -1,4 +1,4 @@
-#include "platform/companion/BatchStatus.h"
+#include "P4Runtime/companion/BatchStatus.h"
 
 #include <unistd.h>
 

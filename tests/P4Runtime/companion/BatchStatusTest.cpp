@@ -1,4 +1,4 @@
-#include "platform/companion/BatchStatus.h"
+#include "P4Runtime/companion/BatchStatus.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

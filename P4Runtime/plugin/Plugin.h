@@ -7,10 +7,10 @@
 #include <optional>
 #include <string>
 
-#include "platform/companion/Plugins.h"
-#include "platform/plugin/PluginContext.h"
-#include "platform/plugin/PluginHost.h"
-#include "platform/plugin/PluginLibrary.h"
+#include "P4Runtime/companion/Plugins.h"
+#include "P4Runtime/plugin/PluginContext.h"
+#include "P4Runtime/plugin/PluginHost.h"
+#include "P4Runtime/plugin/PluginLibrary.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

@@ -1,8 +1,8 @@
-#include "platform/companion/ErrorCode.h"
+#include "P4Runtime/companion/ErrorCode.h"
 
 #include <gtest/gtest.h>
 
-#include "platform/companion/IpAddress.h"
+#include "P4Runtime/companion/IpAddress.h"
 
 namespace P4Runtime {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/companion/P4RtSystemConfig.h"
-#include "platform/companion/Plugins.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/Plugins.h"
 #include "platform/orrery/Database.h"
 #include "platform/orrery/Directory.h"
 #include "platform/vela/ReactorLoop.h"

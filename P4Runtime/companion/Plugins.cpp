@@ -1,4 +1,4 @@
-#include "platform/companion/Plugins.h"
+#include "P4Runtime/companion/Plugins.h"
 
 #include <algorithm>
 #include <cctype>
