@@ -150,7 +150,7 @@ void Agent::doFollowReports() {
 
 // It says what still fails when it is back.
 void Agent::handleAgentLeft(const Lattice::SubscriberInfo& agent) {
-  const size_t failures = tableImpl()->failures()->agentDel(agent.id);
+  const size_t failures = tableImpl()->forgetReportsOf(agent.id);
   derivedFailures_->agentDel(agent.id);
   SCRIVEL_TRACE(1, "handleAgentLeft", " ", agent.name, " pid: ", agent.pid,
                 " failures: ", failures);

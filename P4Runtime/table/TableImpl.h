@@ -17,6 +17,7 @@
 #include "P4Runtime/pipeline/P4CounterMeters.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/ConstantEntries.h"
+#include "P4Runtime/table/EarlyReports.h"
 #include "P4Runtime/table/Restoring.h"
 #include "P4Runtime/table/TableCache.h"
 #include "PI/pi_tables.h"
@@ -158,6 +159,8 @@ class TableImpl : public Vela::Entity {
 
   // A report that no batch was waiting for: keeps a failure, and forgets one that has been mended.
   void handleStrayReport(const Lattice::Report& report);
+  // A forwarding agent has left; returns the number of its failures, which go with it.
+  size_t forgetReportsOf(uint64_t subscriber);
   // Every forwarding agent has taken a snapshot that shows `sequence`.
   void handleInStep(uint64_t sequence);
   // What forwarding agents reported as failed when no batch was waiting for it.
@@ -212,6 +215,7 @@ class TableImpl : public Vela::Entity {
   void recordDel(const CacheKey& key);
   std::string profileObjectText(EntryHandle handle) const;
   std::string failedEntryText(const Lattice::Report& report) const;
+  void doJudgeEarlyReports();
   std::optional<std::string> rowKey(EntryHandle handle) const;
   uint64_t rowSequence(EntryHandle handle) const;
   std::optional<EntryState> cachedState(const CacheKey& key) const;  // nothing without a record
@@ -250,6 +254,7 @@ class TableImpl : public Vela::Entity {
   absl::node_hash_map<EntryHandle, PendingOperation> pendingOperations_;
   std::unique_ptr<RowFields> rowFields_;
   Vela::Ptr<EntryFailures> failures_;
+  EarlyReports earlyReports_;
   std::vector<PutBack> putBack_;
   bool restoring_ = false;
   bool cacheLetGo_ = false;

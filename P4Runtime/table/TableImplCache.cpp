@@ -58,6 +58,9 @@ void TableImpl::mountCache() {
   groupCache_ = Vela::make<ActionProfileGroupCache>(store, path + "actionProfileGroup");
   metadataTable_ = store.table(path + "metadata");
   cacheLetGo_ = false;
+  const size_t records =
+      tableCache_->recordCount() + memberCache_->recordCount() + groupCache_->recordCount();
+  if (records == 0) earlyReports_.end();
   doContinueHandles();
 }
 
@@ -385,8 +388,13 @@ void TableImpl::restoreTableRecord(const CacheKey& key, const PendingOperation& 
   if (tableCache_->cache(key) != former) tableCache_->cacheIs(former);
 }
 
+// A forwarding agent that outlived the former agent process reports as soon as it is attached.
 void TableImpl::handleStrayReport(const Lattice::Report& report) {
   const EntryHandle handle = report.entryHandle;
+  if (!earlyReports_.isOver()) {
+    if (!earlyReports_.keep(report)) failures_->reportOnNoRow();
+    return;
+  }
   if (report.errorCode == 0) {
     if (!failures_->empty()) failures_->programmedIs(handle, report.subscriber, report.sequence);
     if (report.settles) failures_->removedIs(handle, report.sequence);
@@ -399,6 +407,15 @@ void TableImpl::handleStrayReport(const Lattice::Report& report) {
   if (failures_->failureIs(handle, report.subscriber, report.sequence, text)) {
     sayNotProgrammed(text);
   }
+}
+
+void TableImpl::doJudgeEarlyReports() {
+  for (const EarlyReports::Kept& kept : earlyReports_.end()) handleStrayReport(kept.report());
+}
+
+size_t TableImpl::forgetReportsOf(uint64_t subscriber) {
+  earlyReports_.forgetOf(subscriber);
+  return failures_->agentDel(subscriber);
 }
 
 // Empty for a change that does not stand (any more), or never was.

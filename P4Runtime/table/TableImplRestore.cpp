@@ -239,6 +239,7 @@ void TableImpl::restoreCachedEntries() {
   rewritten_.clear();
   failures_->notRestoredAre(restored_.unusable);
   sayWhatWasRestored();
+  doJudgeEarlyReports();
 }
 
 void TableImpl::sayWhatWasRestored() const {

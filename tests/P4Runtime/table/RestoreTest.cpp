@@ -289,6 +289,33 @@ TEST_F(RestoreTest, RowThatNoEntryStandsForGoes) {
   EXPECT_EQ(forwarder().rows().size(), 1u);
 }
 
+// A forwarding agent that outlived the agent reports as soon as it is attached, which may be before
+// the entries are back.
+TEST_F(RestoreTest, FailuresReportedBeforeTheEntriesAreBackAreListedOnceTheyAre) {
+  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handleSequence = agent().lastSequence();
+  const uint64_t mended = agent().added(exactEntry(2));
+  const uint64_t sequence = agent().lastSequence();
+  start();
+  const EntryFailures& failures = *agent().tableImpl->failures();
+  const auto report = [&](uint64_t of, uint64_t at, ErrorCode code, uint64_t by) {
+    const Vela::ActivityLock lock;
+    const Lattice::Report said{of, at, static_cast<uint16_t>(code), "parity", by, "main"};
+    agent().batchStatus->reportsAre({&said, 1});
+  };
+  report(handle, handleSequence, ErrorCode::hardwareError, 1);
+  report(mended, sequence, ErrorCode::hardwareError, 1);
+  report(mended, sequence, ErrorCode::none, 1);
+  report(4711, sequence, ErrorCode::hardwareError, 1);
+  report(mended, sequence, ErrorCode::hardwareError, 2);
+  EXPECT_EQ(agent().tableImpl->forgetReportsOf(2), 0u);
+  EXPECT_EQ(failures.failedEntries(), 0u);
+  restore();
+  EXPECT_EQ(failures.failedEntries(), 1u);
+  EXPECT_THAT(failures.list(), testing::HasSubstr("error 3 parity (reported by main)"));
+  EXPECT_EQ(failures.reportsOnNoRow(), 1u);
+}
+
 TEST_F(RestoreTest, CanBeDoneAgainInTheSameProcess) {
   const uint64_t handle = agent().added(exactEntry(1));
   const uint64_t before = agent().lastSequence();
