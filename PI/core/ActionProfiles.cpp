@@ -1,4 +1,4 @@
-// Action profiles: calls to the target, and the decoding of what it fetched.
+// Action profiles: calls to the target, and the decoding of fetched members and groups.
 #include "PI/core/FetchReader.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
@@ -8,7 +8,7 @@ namespace {
 
 using pi::core::FetchReader;
 
-// What the target fills in, and room for the member that pi_act_prof_mbrs_next() shows.
+// The target's result, and room for the member that pi_act_prof_mbrs_next() shows.
 struct ActProfFetch : pi_act_prof_fetch_res_s {
   bool membersBroken = false;
   bool groupsBroken = false;

@@ -1,4 +1,4 @@
-// Which devices are assigned, and what their programs are.
+// The assigned devices and their programs.
 // Thread-safe; holds its lock only while it looks, never while it calls out.
 #pragma once
 

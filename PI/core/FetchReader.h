@@ -1,4 +1,4 @@
-// Reads what a target wrote into a fetch buffer: little-endian, unpadded, and not to be trusted.
+// Reads a fetch buffer written by a target: little-endian, unpadded, and not to be trusted.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// Takes what targets report on their own account to the front end of the device.
+// Hands a target's own reports to the front end of the device.
 #include "PI/int/pi_frontend_hooks.h"
 
 #include <map>

@@ -1,5 +1,5 @@
-// Packets between devices and their controllers since the process began, and what was dropped of
-// them, by reason. Thread-safe; counting costs an atomic addition.
+// Packets between devices and their controllers since the process began, and the drops among
+// them by reason. Thread-safe; counting costs an atomic addition.
 #pragma once
 
 #include <atomic>
@@ -9,7 +9,7 @@
 
 namespace pi::core {
 
-// Of one device; PI/proto/pi_server.h says what each stands for.
+// Of one device; PI/proto/pi_server.h gives the meaning of each.
 struct PacketCounts {
   struct Count {
     void add() { value.fetch_add(1, std::memory_order_relaxed); }

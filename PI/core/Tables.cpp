@@ -1,4 +1,4 @@
-// Table entries: calls to the target, and the decoding of what it fetched.
+// Table entries: calls to the target, and the decoding of fetched entries.
 #include "PI/core/FetchReader.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
@@ -8,7 +8,7 @@ namespace {
 
 using pi::core::FetchReader;
 
-// What the target fills in, and room for the entry that pi_table_entries_next() shows.
+// The target's result, and room for the entry that pi_table_entries_next() shows.
 struct TableFetch : pi_table_fetch_res_s {
   bool broken = false;
   pi_match_key_t key{};

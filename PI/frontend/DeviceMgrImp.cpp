@@ -22,7 +22,7 @@ size_t readTurnCount() { return std::max(1u, std::thread::hardware_concurrency()
 
 DeviceMgrImp& imp(void* cookie) { return *static_cast<DeviceMgrImp*>(cookie); }
 
-// A batch's outcome is taken from its status vector, which also says what went wrong.
+// The outcome of a batch comes from its status vector, which also has the errors.
 void entryStatusChanged(void*, pi_dev_id_t, pi_entry_handle_t, uint32_t) {}
 
 pi_status_t restoreTableEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId,
@@ -86,7 +86,7 @@ DeviceMgrImp::DeviceMgrImp(pi_dev_id_t deviceId, std::chrono::milliseconds patie
       patience_(patience),
       packetCounts_(core::packetCountsOf(deviceId)),
       readTurns_(readTurnCount()) {
-  packetInCbIs();  // before the device is there: from then on somebody must take its packets
+  packetInCbIs();  // before the device exists: from then on its packets need a receiver
   pi_session_init(&sessionHandle_);
   pi_frontend_hooks_set(deviceId_, &kHooks, this);
 }

@@ -1,5 +1,5 @@
-// What a DeviceMgr does: the order in which Writes, Reads, pipeline changes and the target's own
-// reports meet.
+// The implementation of DeviceMgr: orders Writes, Reads, pipeline changes and the target's own
+// reports.
 #pragma once
 
 #include <chrono>
@@ -43,8 +43,8 @@ class DeviceMgrImp {
   Status streamMessage(const p4::v1::StreamMessageRequest& request) const;
   void streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie);
 
-  // A packet that the target punts, with its header; the target may hold its lock. What cannot be
-  // handed on is dropped and counted.
+  // A packet that the target punts, with its header; the target may hold its lock. A packet
+  // that nobody takes is dropped and counted.
   void packetIn(std::string_view received) const;
 
   // The target's reports; it may hold its lock.

@@ -64,7 +64,7 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   (*entry)->handle = handle;
   (*entry)->controllerMetadata = controllerMetadata;
   if (!metadata.empty()) std::memcpy((*entry)->metadataData(), metadata.data(), metadata.size());
-  const bool adopted = entryAdopted(*table, *std::move(entry));
+  const bool adopted = adoptEntry(*table, *std::move(entry));
   return adopted ? PI_STATUS_SUCCESS : PI_STATUS_INVALID_ENTRY_TYPE;
 }
 
@@ -80,14 +80,14 @@ pi_status_t Pipeline::constantEntryIs(uint32_t tableId, const pi_match_key_t& ke
   return PI_STATUS_SUCCESS;
 }
 
-bool Pipeline::entryAdopted(const TablePlan& table, EntryPtr entry) {
+bool Pipeline::adoptEntry(const TablePlan& table, EntryPtr entry) {
   if (entry->kind == EntryKind::unresolved) {
-    entry = restored_ ? restored_->resolved(table, *entry) : EntryPtr();
+    entry = restored_ ? restored_->resolve(table, *entry) : EntryPtr();
     if (!entry) return false;
   }
   if (table.profile != nullptr) {
     const EntryPtr former = store_.entry(entry->key());
-    use_.changed(*table.profile, former.get(), entry.get());
+    use_.countChange(*table.profile, former.get(), entry.get());
   }
   store_.entryIs(std::move(entry));
   return true;
@@ -108,7 +108,7 @@ bool Pipeline::doAdoptInitialEntries(const TargetSession& session) {
     try {
       FetchedTable fetched(session, *table);
       while (EntryPtr entry = fetched.next()) {
-        if (!store_.entry(entry->key())) all &= entryAdopted(*table, std::move(entry));
+        if (!store_.entry(entry->key())) all &= adoptEntry(*table, std::move(entry));
       }
     } catch (const Refusal&) {
       all = false;

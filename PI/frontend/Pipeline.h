@@ -13,8 +13,8 @@
 
 namespace pi::fe::proto {
 
-// Shared by the device and the calls that began while it was the device's pipeline. All but the
-// store and what goes with it is constant after construction.
+// Shared by the device and the calls that began while it was the device's pipeline. Constant after
+// construction, except store(), use() and hasSentPackets().
 class Pipeline {
  public:
   // Throws a Refusal (INVALID_ARGUMENT) when the configuration cannot be realised.
@@ -37,8 +37,8 @@ class Pipeline {
   // Whether P4Info and device configuration are the same.
   bool equals(const p4::v1::ForwardingPipelineConfig& config) const;
 
-  // Takes over what the target holds after a restart, before controllers get in: members, groups,
-  // entries, in that order.
+  // Take over the objects that the target holds after a restart, before controllers get in:
+  // members, groups, entries, in that order.
   pi_status_t restoredMemberIs(uint32_t profileId, const pi_action_data_t* action,
                                uint32_t controllerId, uint64_t handle);
   pi_status_t restoredGroupIs(uint32_t profileId, uint32_t controllerId,
@@ -50,12 +50,12 @@ class Pipeline {
   // `given` is null for an entry that was restored.
   pi_status_t constantEntryIs(uint32_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t* given, uint64_t handle);
-  // After the last of those. The target programs constant and initial entries by itself. Takes the
-  // target's lock. False when it could not tell those of some table.
+  // Ends the restore, after the last of those. The target programs constant and initial entries by
+  // itself. Takes the target's lock. False when it could not list those of some table.
   bool doFinishRestore(const TargetSession& session);
 
  private:
-  bool entryAdopted(const TablePlan& table, EntryPtr entry);
+  bool adoptEntry(const TablePlan& table, EntryPtr entry);
   bool doAdoptInitialEntries(const TargetSession& session);
 
   const p4::v1::ForwardingPipelineConfig config_;

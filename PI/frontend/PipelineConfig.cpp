@@ -1,4 +1,4 @@
-// The pipeline of a device: how the agent installs it, and what controllers may do about it.
+// Sets, checks and returns the pipeline of a device, for the agent and for controllers.
 #include "PI/frontend/DeviceMgrImp.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"

@@ -1,4 +1,4 @@
-// What controllers send to the device on their streams, and the packets that the target punts.
+// Messages of controllers on their streams, and the packets that the target punts.
 #include <new>
 
 #include "PI/core/PacketCounts.h"
@@ -51,8 +51,8 @@ bool hasDigest(const p4::config::v1::P4Info& p4Info, uint32_t id) {
   return false;
 }
 
-// For packets that come when no front end of their device does, or not any more: targets take it
-// for a broken switch when nobody takes a packet.
+// Takes packets of devices without a front end: a target takes a packet without a receiver for a
+// broken switch.
 void dropPacketIn(pi_dev_id_t deviceId, const char*, size_t, void*) {
   core::packetCountsOf(deviceId).inNoPrimary.add();
 }
@@ -141,7 +141,7 @@ void DeviceMgrImp::packetIn(std::string_view received) const {
     if (cb == nullptr || !*cb) return packetCounts_.inNoPrimary.add();
     (*cb)(deviceId_, &response, cookie);
   } catch (const std::bad_alloc&) {
-    packetCounts_.inSlow.add();  // memory is full of what controllers have not read
+    packetCounts_.inSlow.add();  // memory is full of messages that controllers have not read
   }
 }
 

@@ -1,4 +1,4 @@
-// Counts what is under way against a limit. Thread-safe.
+// Counts the work under way against a limit. Thread-safe.
 #pragma once
 
 #include <atomic>
@@ -10,7 +10,7 @@ namespace pi::server {
 
 class Admission {
  public:
-  // Gives back what was taken when it goes. The admission outlives it.
+  // Returns its amount to the admission, which outlives it, when it is destroyed.
   class Held {
    public:
     Held(Admission& from, size_t amount) : from_(&from), amount_(amount) {}
@@ -26,7 +26,7 @@ class Admission {
     size_t amount_;
   };
 
-  // Empty when it would be more than the limit; what is larger than that by itself gets in alone.
+  // Empty beyond the limit; an amount larger than the limit is admitted while nothing else is.
   std::optional<Held> take(size_t amount, size_t limit) {
     size_t used = used_.load();
     do {

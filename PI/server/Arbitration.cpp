@@ -87,7 +87,7 @@ Status Arbitration::clientIs(ArbitrationClient& client, const RoleOfDevice& role
     if (!admitted.ok()) return admitted;
     rises = raises(role, electionId);
   }
-  // Meanwhile clients may go, but none comes: what was found admissible still is.
+  // Meanwhile clients may go, but none comes: the update is still admissible.
   if (rises && keeper_.save) keeper_.save(role, *electionId);
   Forgotten forgotten;
   {
@@ -190,7 +190,7 @@ Arbitration::Contests::iterator Arbitration::leastRecent(bool ofDefaultRoles) {
   return found;
 }
 
-// The one with the most clients among those that have a backup; null: there is no backup.
+// Of the contests that have a backup, the one with the most clients; null: no contest has one.
 Arbitration::Contest* Arbitration::fullest() {
   Contest* found = nullptr;
   for (auto& [role, contest] : contests_) {
@@ -358,7 +358,7 @@ Status Arbitration::requirePrimary(const RoleOfDevice& role, std::optional<Elect
 
 Status Arbitration::writePermit(const RoleOfDevice& role, std::optional<ElectionId> electionId,
                                 WritePermit* permit) {
-  WritePermit former;  // what *permit held is given back outside the lock
+  WritePermit former;  // the former *permit, given back outside the lock
   {
     const std::lock_guard lock(mutex_);
     Contest* contest = nullptr;

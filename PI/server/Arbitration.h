@@ -27,8 +27,8 @@ struct RoleOfDevice {
   auto operator<=>(const RoleOfDevice&) const = default;
 };
 
-// What a controller is told: the code (OK: it is the primary; ALREADY_EXISTS: another one is;
-// NOT_FOUND: nobody is), and the highest election id ever seen for the role, if any.
+// An arbitration notice to a controller: the code (OK: it is the primary; ALREADY_EXISTS: another
+// one is; NOT_FOUND: no client is), and the highest election id ever seen for the role, if any.
 struct ArbitrationNotice {
   grpc::StatusCode code = grpc::StatusCode::NOT_FOUND;
   std::optional<ElectionId> highest;
@@ -41,12 +41,13 @@ class ArbitrationClient {
   // Called with the arbitration's lock held, in the order of events: must neither block nor call
   // the arbitration.
   virtual void arbitrationNoticeIs(const ArbitrationNotice& notice) = 0;
-  // Another client took its place, and it is none any more; its stream is to end. As above.
+  // Another client took its place: it is no client any more, and its stream is to end. As above.
   virtual void displaced(const std::string& reason) = 0;
 };
 
-// Where the highest election ids outlive the process. Called from the threads of streams, one call
-// at a time, with no lock held that other calls of the arbitration need; may wait.
+// Keeps the highest election ids beyond the life of the process. Called from the threads of
+// streams, one call at a time, with no lock held that other calls of the arbitration need; may
+// wait.
 struct ElectionIdKeeper {
   std::function<void(const RoleOfDevice&, ElectionId)> save;  // before the client is primary
   std::function<void(const RoleOfDevice&)> forget;
@@ -90,9 +91,9 @@ class Arbitration {
   Arbitration(const Arbitration&) = delete;
   Arbitration& operator=(const Arbitration&) = delete;
 
-  // What stands beyond new limits stays.
+  // Clients and roles beyond new limits stay.
   void limitsAre(const Limits& limits);
-  // Before the first client comes; a role's highest id, as an earlier process kept it.
+  // To be called before the first client comes: a role's highest id, as an earlier process kept it.
   void keeperIs(ElectionIdKeeper keeper) { keeper_ = std::move(keeper); }
   void highestIs(const RoleOfDevice& role, ElectionId highest);
   // Forgets the highest ids of roles without a primary, so that any id makes one again; returns of

@@ -1,4 +1,4 @@
-// Where a call's faults end: no exception gets past it.
+// The last catch of a call: no exception leaves it.
 #pragma once
 
 #include <grpcpp/support/status.h>
@@ -8,9 +8,9 @@
 
 namespace pi::server {
 
-// What serve() answers, or INTERNAL with the words of the exception that it throws.
+// The status that serve() returns, or INTERNAL with the text of the exception that it throws.
 template <typename Serve>
-grpc::Status answered(Serve serve) {
+grpc::Status statusOf(Serve serve) {
   try {
     return serve();
   } catch (const std::exception& e) {

@@ -5,7 +5,7 @@
 #include <thread>
 #include <utility>
 
-#include "PI/server/Answered.h"
+#include "PI/server/CallStatus.h"
 #include "PI/server/Requester.h"
 
 namespace pi::server {
@@ -15,7 +15,7 @@ using grpc::StatusCode;
 
 namespace {
 
-// How long a stream that ends may take to send what is queued.
+// The time that an ending stream has to send its queued messages.
 constexpr std::chrono::seconds kDrainTime{1};
 
 // A request that is longer is not copied into the report on it.
@@ -52,7 +52,7 @@ Status ControllerStream::run() {
     return Status(StatusCode::RESOURCE_EXHAUSTED,
                   "no thread left for another stream; close one first");
   }
-  const Status status = answered([this] { return readToEnd(); });
+  const Status status = statusOf([this] { return readToEnd(); });
   arbitration_.clientDel(*this);
   queue_.close();
   awaitWriter();
@@ -78,7 +78,8 @@ void ControllerStream::writeToEnd() {
   OutgoingQueue::Next next = queue_.next();
   for (; next.message; next = queue_.next()) {
     grpc::WriteOptions options;
-    if (next.more) options.set_buffer_hint();  // goes into one packet with what follows at once
+    if (next.more)
+      options.set_buffer_hint();  // the next message follows at once: one packet for both
     if (!call_.Write(*next.message, options)) break;  // the controller has gone
   }
   const std::lock_guard lock(mutex_);

@@ -1,5 +1,5 @@
-// One StreamChannel call: reads what the controller sends on the call's own thread, and sends what
-// is queued for it on another, so that neither a slow controller nor its silence holds up anyone.
+// One StreamChannel call: reads the controller's messages on the call's own thread, and sends the
+// queued ones on another, so that neither a slow nor a silent controller holds up anyone.
 #pragma once
 
 #include <grpcpp/impl/codegen/proto_utils.h>
@@ -46,7 +46,7 @@ class ControllerStream : public ArbitrationClient {
 
   void displaced(const std::string& reason) override;
 
-  // Sends what is queued, then cancels the call; does not wait for either.
+  // Has the queued messages sent, then the call cancelled; waits for neither.
   void finish();
   // The same after an error that says why.
   void endWith(grpc::StatusCode code, const std::string& reason);

@@ -32,7 +32,7 @@ class Devices {
   // Lets all of them go; returns once that is done if no call is running.
   void pipelineDelAll();
 
-  // NOT_FOUND for an id that is none of the devices when there are any.
+  // NOT_FOUND when there are devices, and none has the id.
   grpc::Status requireKnown(uint64_t deviceId) const;
   std::shared_ptr<DeviceMgr> device(uint64_t deviceId) const;  // null when not (yet) there
   std::optional<uint64_t> onlyDevice() const;  // its id, when there is one and no other

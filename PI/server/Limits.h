@@ -1,4 +1,4 @@
-// How much of everything the server takes on, as operators may set it while it runs.
+// The limits of the server, which operators may change while it runs.
 #pragma once
 
 #include <chrono>
@@ -21,7 +21,7 @@ struct Limits {
   size_t memoryBytes = size_t{512} << 20;  // of gRPC's buffers, and of requests being served
 };
 
-// Thread-safe. What stands beyond new limits stays.
+// Thread-safe. Connections, streams and calls beyond new limits stay.
 Limits limits();
 void limitsAre(const Limits& limits);
 

@@ -52,7 +52,7 @@ int closedWith(int fd, int* error) {
   return -1;
 }
 
-// `port`: 0 takes what the address says.
+// `port`: 0 means the port of the address.
 int listeningSocket(addrinfo info, int backlog, uint16_t port, int* error) {
   sockaddr_storage address{};
   std::memcpy(&address, info.ai_addr, info.ai_addrlen);

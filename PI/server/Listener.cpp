@@ -119,7 +119,7 @@ void Listener::take(int listenerFd, int fd) {
   handler_(listenerFd, fd);
 }
 
-// Counts first, so that whoever sees the connection closed finds it counted.
+// Counts first, so that a client that sees the connection closed finds it counted.
 void Listener::refuse(int fd) {
   refused_.fetch_add(1);
   ::close(fd);

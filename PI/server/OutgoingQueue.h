@@ -1,5 +1,5 @@
-// What waits to be sent on one controller's stream: bounded, so that a slow controller costs no
-// more memory and blocks nobody. Thread-safe; only next() waits.
+// Messages that wait to be sent on one controller's stream: bounded, so that a slow controller
+// costs no more memory and blocks nobody. Thread-safe; only next() waits.
 #pragma once
 
 #include <atomic>
@@ -20,8 +20,8 @@ class OutgoingQueue {
  public:
   using Message = std::shared_ptr<const p4::v1::StreamMessageResponse>;
 
-  // Bytes are those of the serialized messages; each counts for kOverhead more, which is about what
-  // it takes in memory beside them.
+  // Bytes are those of the serialized messages; each counts for kOverhead more, about its other
+  // use of memory.
   static constexpr size_t kOverhead = 512;
   struct Share {
     size_t messages;
@@ -31,7 +31,7 @@ class OutgoingQueue {
     size_t notices = 64;
     Share packets{1 << 16, 64 << 20};
     Share reports{256, 1 << 20};  // the first to go: they never take the room of packets
-    // Of all queues of one Total together, beside what is each one's own.
+    // Shared by all queues of one Total, beside each queue's own share.
     size_t total = 256 << 20;
     size_t own = 256 << 10;
   };
@@ -43,7 +43,7 @@ class OutgoingQueue {
   ~OutgoingQueue();
 
   // An arbitration notice: goes out before messages and is never refused; when too many wait, only
-  // the newest stays, which says all that still holds.
+  // the newest stays, which tells the whole state.
   void noticeIs(Message notice);
   // A packet, a report on what the controller sent; false, and the message dropped, when too many
   // of the kind wait or after close().
@@ -55,7 +55,7 @@ class OutgoingQueue {
   }
   // Whether a report of so many bytes would be taken now.
   bool takesReport(size_t bytes) const;
-  // What is in the queue still goes out.
+  // Messages in the queue still go out.
   void close();
 
   struct Next {

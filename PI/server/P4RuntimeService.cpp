@@ -8,8 +8,8 @@
 
 #include "PI/core/PacketCounts.h"
 #include "PI/proto/pi_server.h"
-#include "PI/server/Answered.h"
 #include "PI/server/ArenaRequest.h"
+#include "PI/server/CallStatus.h"
 #include "PI/server/ControllerStream.h"
 #include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
@@ -114,7 +114,7 @@ void P4RuntimeService::methodIs(const char* name, grpc::internal::RpcMethod::Rpc
 
 template <typename Request, typename Serve>
 Status P4RuntimeService::served(const ReceivedMessage& received, size_t maxBytes, Serve serve) {
-  return answered([&] {
+  return statusOf([&] {
     const size_t size = received.size();
     const std::string& name = Request::descriptor()->name();
     if (size > maxBytes) {
@@ -290,7 +290,7 @@ Status P4RuntimeService::streamChannel(
 
 Status P4RuntimeService::capabilities(const p4::v1::CapabilitiesRequest& request,
                                       p4::v1::CapabilitiesResponse* response) {
-  if (request.device_id() != 0) {  // 0 is also what a client sends that names no device
+  if (request.device_id() != 0) {  // 0: also sent by clients that name no device
     const Status known = devices_.requireKnown(request.device_id());
     if (!known.ok()) return known;
   }

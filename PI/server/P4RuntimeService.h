@@ -1,4 +1,4 @@
-// The p4.v1.P4Runtime service: checks who asks, hands requests to the device, and answers.
+// The p4.v1.P4Runtime service: checks the sender of a request, and hands it to the device.
 #pragma once
 
 #include <grpcpp/impl/codegen/proto_utils.h>
@@ -21,8 +21,8 @@ namespace pi::server {
 
 class P4RuntimeService final : public grpc::Service {
  public:
-  // The arbitration outlives the object. Whoever presents the token installs pipelines without
-  // arbitration.
+  // The arbitration outlives the object. A client that presents the token installs pipelines
+  // without arbitration.
   P4RuntimeService(Arbitration& arbitration, std::string localToken);
 
   StreamSet& streams() { return streams_; }

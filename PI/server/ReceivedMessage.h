@@ -1,4 +1,4 @@
-// Messages as they come in, before anything is known of who sends them.
+// Messages as they come in, before their sender is known.
 #pragma once
 
 #include <grpcpp/impl/codegen/proto_utils.h>

@@ -1,4 +1,4 @@
-// Who a request says it is from.
+// The role and election id that a request names.
 #pragma once
 
 #include <optional>

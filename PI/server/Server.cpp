@@ -26,7 +26,7 @@ void keepAliveIs(grpc::ServerBuilder& builder) {
   builder.AddChannelArgument(GRPC_ARG_HTTP2_MAX_PING_STRIKES, 20);
 }
 
-// Connections on which nothing happens go: those that do not speak the protocol, and those without
+// Idle connections are closed: connections that do not speak the protocol, and connections without
 // a call, which a client opens again by itself when it has one.
 void connectionsAre(grpc::ServerBuilder& builder) {
   builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, 10'000);
@@ -53,7 +53,7 @@ Server::Server(const std::string& address, std::shared_ptr<grpc::ServerCredentia
   grpc::ServerBuilder builder;
   acceptor_ = builder.experimental().AddExternalConnectionAcceptor(External::FROM_FD,
                                                                    std::move(credentials));
-  // The service looks at sizes too, by call, and says what they may be.
+  // The service checks sizes too, for each call, and its error names the limit.
   builder.SetMaxReceiveMessageSize(kMaxLargeMessageBytes);
   builder.SetMaxSendMessageSize(-1);  // a pipeline with all around it; other calls send small ones
   builder.SetResourceQuota(*quota_);
@@ -63,8 +63,7 @@ Server::Server(const std::string& address, std::shared_ptr<grpc::ServerCredentia
   builder.RegisterService(service_.get());
   server_ = builder.BuildAndStart();
   if (!server_) {
-    throw std::runtime_error("cannot listen on " + address +
-                             ": gRPC could not start its server");
+    throw std::runtime_error("cannot listen on " + address + ": gRPC could not start its server");
   }
   listener_->start([this](int listenerFd, int fd) {
     grpc::experimental::ExternalConnectionAcceptor::NewConnectionParameters connection;
@@ -88,7 +87,7 @@ int Server::port() const { return listener_->port(); }
 
 uint64_t Server::refusedConnections() const { return listener_->refused(); }
 
-// A thread for each call that may run, and some for those that are about to be refused.
+// A thread for each call that may run, and some for calls that are about to be refused.
 void Server::limitsChanged() {
   const Limits now = limits();
   quota_->Resize(now.memoryBytes);

@@ -36,12 +36,13 @@ class Server {
   uint64_t refusedConnections() const;  // beyond the limit, or without a descriptor for them
   void limitsChanged();
 
-  // Takes no new calls, ends streams, cancels what still runs after `cancelAfter`, and returns once
-  // all calls have returned, or after `patience` with some of them left behind.
+  // Takes no new calls, ends streams, cancels calls that still run after `cancelAfter`, and returns
+  // once all calls have returned, or after `patience` with some of them left behind.
   void shutDown(std::chrono::milliseconds cancelAfter, std::chrono::milliseconds patience);
   // Until it has been shut down and the last call has returned.
   void wait();
-  // After wait(), whoever else still holds the server: the next one's devices may have their ids.
+  // To be called after wait(), also while others still hold the server: the next server's devices
+  // may then have the same ids.
   void devicesDelAll();
 
  private:

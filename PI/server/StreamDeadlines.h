@@ -1,4 +1,4 @@
-// When streams have to end: those that name no role in time, and those that do not go when told to.
+// Deadlines of streams: to name a role after opening, and to go after being told to end.
 #pragma once
 
 #include <algorithm>
@@ -30,12 +30,12 @@ class StreamDeadlines {
   }
 
   size_t toArbitrate() const { return toArbitrate_.size(); }
-  // The one that has least time left to arbitrate; null when there is none.
+  // The stream with the least time left to arbitrate; null: no stream has yet to arbitrate.
   Stream* first() const {
     const auto* const found = earliest(toArbitrate_);
     return found ? found->first : nullptr;
   }
-  // When to look again; empty: when something has changed.
+  // The time of the next look; empty: not before something changes.
   std::optional<Time> next() const {
     const auto* const one = earliest(toArbitrate_);
     const auto* const other = earliest(toCancel_);
@@ -43,7 +43,7 @@ class StreamDeadlines {
     if (!one || !other) return (one ? one : other)->second;
     return std::min(one->second, other->second);
   }
-  // Those whose time is up; they are no longer here.
+  // Removes and returns the streams whose time is up.
   Streams takeUnarbitrated(Time now) { return taken(&toArbitrate_, now); }
   Streams takeLingering(Time now) { return taken(&toCancel_, now); }
 

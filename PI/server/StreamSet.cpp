@@ -8,7 +8,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What a stream that has been told to end may take for its last messages.
+// The time that a stream told to end has for its last messages.
 constexpr std::chrono::milliseconds kLastMessages{500};
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The streams that are open, and the thread that ends those whose time is up. Thread-safe.
+// The open streams, and the thread that ends them when their time is up. Thread-safe.
 #pragma once
 
 #include <chrono>
@@ -18,25 +18,25 @@ class ControllerStream;
 
 class StreamSet {
  public:
-  // Streams that have not arbitrated; the limit of those that have is the arbitration's.
+  // Streams that have not arbitrated; the arbitration limits the others.
   static constexpr size_t kMaxUnarbitrated = 64;
 
   StreamSet();
   ~StreamSet();  // when no stream is left
 
-  // What waits on all streams together.
+  // Bytes that wait on all streams together.
   OutgoingQueue::Total& outgoing() { return outgoing_; }
 
-  // Borrows the stream until streamDel(). It is to arbitrate in time; where too many have not yet,
-  // the one that has least time left is ended for it.
+  // Borrows the stream until streamDel(). It is to arbitrate in time; when too many have not yet,
+  // the one with the least time left is ended in its favour.
   void streamIs(ControllerStream& stream);
   void streamDel(ControllerStream& stream);
   void arbitratedIs(ControllerStream& stream);
   // The stream has been told to end: it is cancelled if it has not after a short grace.
   void endingIs(ControllerStream& stream);
 
-  // Ends all streams: lets each send what is queued for it, cancels those that have not ended after
-  // the grace, and waits until all have ended. A stream that comes later is ended at once.
+  // Ends all streams: lets each send its queued messages, cancels the streams left after the grace,
+  // and waits until all have ended. A stream that comes later is ended at once.
   void endAll(std::chrono::milliseconds grace);
 
  private:

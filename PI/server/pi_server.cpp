@@ -28,7 +28,7 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr seconds kPatience{10};
-// Past it gRPC drops the answers of calls that still run; nobody waits that long for them.
+// Past it gRPC drops the responses of calls that still run; nobody waits that long for them.
 constexpr seconds kCancelAfter{10};
 
 struct Process {

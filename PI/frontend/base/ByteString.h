@@ -1,5 +1,5 @@
-// P4 numbers as byte strings: what controllers send, what PI wants, and what we send back.
-// All are big-endian and unsigned.
+// P4 numbers as byte strings, as controllers, the PI interface and we write them: big-endian and
+// unsigned.
 #pragma once
 
 #include <cstddef>

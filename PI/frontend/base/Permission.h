@@ -1,4 +1,4 @@
-// What the agent allows the controllers of this process to do.
+// The permission level of this process: which calls of controllers the agent allows.
 #pragma once
 
 #include "PI/pi_base.h"

@@ -6,8 +6,8 @@
 
 namespace pi::fe::proto {
 
-// One line of valid UTF-8, whatever came in: control characters and line breaks become blanks, and
-// bytes that are no UTF-8 become U+FFFD. Anything else would make a whole answer undecodable.
+// Turns any bytes into one line of valid UTF-8: control characters and line breaks become blanks,
+// bytes that are no UTF-8 become U+FFFD. A bad byte would make a whole response undecodable.
 std::string plainText(std::string_view text);
 
 }  // namespace pi::fe::proto

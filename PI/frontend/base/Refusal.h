@@ -1,4 +1,4 @@
-// What the front end refuses, and with which canonical code the controller hears of it.
+// The refusal of an update, a query or a call: a canonical code, and a message for the controller.
 #pragma once
 
 #include <exception>
@@ -27,7 +27,7 @@ inline constexpr int internal = 13;
 inline constexpr int unavailable = 14;
 }  // namespace code
 
-// Thrown by whoever finds the fault; caught where an update, a query or a call is answered.
+// Thrown where the fault is found; becomes the result of its update, query or call.
 class Refusal : public std::exception {
  public:
   Refusal(int code, std::string message) : code_(code), message_(std::move(message)) {}

@@ -54,24 +54,24 @@ void checkActionSet(const TablePlan& table, const Set& set) {
   const ProfilePlan& profile = *table.profile;
   const std::string text = absl::StrCat("table ", table.name, ": action set");
   checkSettings(profile, text, set);
-  Weighed weighed;
+  GroupWeight weight;
   for (const auto& element : set.action_profile_actions()) {
-    const ElementText at{text, "element", weighed.members};
+    const ElementText at{text, "element", weight.members};
     checkAction(table, element.action());
     checkWeight(profile, at, element.weight());
     checkWatch(profile, at, element.watch(), element.watch_port());
-    weighed.weights += repeats(element.weight());
-    ++weighed.members;
+    weight.weights += repeats(element.weight());
+    ++weight.members;
   }
   if (set.has_group_action()) {
     refuse(code::unimplemented, text, ": a group action is not supported");
   }
-  const uint64_t size = weighed.size(profile);
+  const uint64_t size = weight.size(profile);
   if (profile.maxGroupSize > 0 && size > profile.maxGroupSize) {
     refuse(code::invalidArgument, text, ": its ", profile.countsMembers ? "elements" : "weights",
            " add up to ", size, "; the program's max_group_size is ", profile.maxGroupSize);
   }
-  checkRepeats(text, weighed);
+  checkRepeats(text, weight);
 }
 
 std::string canonicalBytes(const ProfilePlan& profile, const Set& set) {

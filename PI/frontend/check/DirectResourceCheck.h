@@ -1,11 +1,12 @@
-// Direct meters and counters in updates: what may be written to them, and what the target takes.
+// Direct meters and counters in updates: checks, and settings encoded for the target.
 #pragma once
 
 #include "PI/frontend/check/UpdateCheck.h"
 
 namespace pi::fe::proto {
 
-// What an INSERT or MODIFY of a table entry says of its direct resources. Throws a Refusal.
+// Checks the meter setting and the count that an INSERT or MODIFY of a table entry brings. Throws a
+// Refusal.
 void checkDirectResources(const TablePlan& table, const p4::v1::TableEntry& entry,
                           p4::v1::Update::Type type);
 

@@ -27,7 +27,7 @@ bool isReserved(std::string_view port) {
   return number >= kFirstReservedPort && number != kRecirculationPort && number != kCpuPort;
 }
 
-// A MODIFY has to repeat what was inserted, which is for others to check.
+// A MODIFY must repeat the size of the INSERT; that check needs the committed group.
 void checkMaxSize(const ProfilePlan& profile, const std::string& text, int32_t maxSize,
                   p4::v1::Update::Type type) {
   if (maxSize < 0) {
@@ -44,10 +44,10 @@ void checkMaxSize(const ProfilePlan& profile, const std::string& text, int32_t m
   }
 }
 
-Weighed checkedMembers(const ProfilePlan& profile, const std::string& text,
-                       const ActionProfileGroup& given) {
+GroupWeight checkedMembers(const ProfilePlan& profile, const std::string& text,
+                           const ActionProfileGroup& given) {
   absl::flat_hash_set<uint32_t> seen;
-  Weighed weighed;
+  GroupWeight weight;
   for (const auto& member : given.members()) {
     const ElementText at{text, "member", member.member_id()};
     if (member.member_id() == 0) {
@@ -59,21 +59,21 @@ Weighed checkedMembers(const ProfilePlan& profile, const std::string& text,
     }
     checkWeight(profile, at, member.weight());
     checkWatch(profile, at, member.watch(), member.watch_port());
-    weighed.weights += repeats(member.weight());
-    ++weighed.members;
+    weight.weights += repeats(member.weight());
+    ++weight.members;
   }
-  return weighed;
+  return weight;
 }
 
 void checkSize(const ProfilePlan& profile, const std::string& text, int32_t maxSize,
-               const Weighed& weighed) {
+               const GroupWeight& weight) {
   const uint64_t limit = maxSize > 0 ? static_cast<uint64_t>(maxSize) : profile.maxGroupSize;
-  const uint64_t size = weighed.size(profile);
+  const uint64_t size = weight.size(profile);
   if (limit > 0 && size > limit) {
     refuse(code::resourceExhausted, text, ": its ", profile.countsMembers ? "members" : "weights",
            " add up to ", size, "; it may have ", limit);
   }
-  checkRepeats(text, weighed);
+  checkRepeats(text, weight);
 }
 
 std::string textOf(const ElementText& text) {
@@ -110,7 +110,7 @@ void checkWeight(const ProfilePlan& profile, const ElementText& text, int32_t we
   }
 }
 
-// Which ports there are is the forwarding plane's to know, and what controllers call them.
+// The forwarding plane alone knows which ports exist; the form of the port is checked here.
 void checkWatch(const ProfilePlan& profile, const ElementText& text, int32_t watch,
                 const std::string& port) {
   if (watch < 0) {
@@ -135,10 +135,10 @@ void canonicalPortIs(const ProfilePlan& profile, std::string* port) {
   if (!profile.portsAreStrings) shorten(port);
 }
 
-void checkRepeats(const std::string& owner, const Weighed& weighed) {
-  if (weighed.weights <= kMaxRepeats) return;
-  refuse(code::resourceExhausted, owner, ": its weights add up to ", weighed.weights,
-         "; more than ", kMaxRepeats, " in one group are not supported");
+void checkRepeats(const std::string& owner, const GroupWeight& weight) {
+  if (weight.weights <= kMaxRepeats) return;
+  refuse(code::resourceExhausted, owner, ": its weights add up to ", weight.weights, "; more than ",
+         kMaxRepeats, " in one group are not supported");
 }
 
 CheckedUpdate checkedGroup(const P4InfoIndex& index, const ActionProfileGroup& given,

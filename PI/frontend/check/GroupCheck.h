@@ -1,20 +1,20 @@
-// An action profile group of an update, checked against the P4Info; and what groups have in common
-// with action sets.
+// An action profile group of an update, checked against the P4Info; and the checks that groups
+// share with action sets.
 #pragma once
 
 #include "PI/frontend/check/UpdateCheck.h"
 
 namespace pi::fe::proto {
 
-// More than these repeats of members in one group the target cannot hold.
+// The target holds at most these repeats of members in one group.
 inline constexpr uint64_t kMaxRepeats = 2048;
 
 // Leaves type and hash to the caller. Throws a Refusal.
 CheckedUpdate checkedGroup(const P4InfoIndex& index, const p4::v1::ActionProfileGroup& given,
                            p4::v1::Update::Type type);
 
-// What the elements of a group or action set add up to.
-struct Weighed {
+// The sums over the elements of a group or action set.
+struct GroupWeight {
   uint64_t members = 0;
   uint64_t weights = 0;  // one each where weights are disallowed
   uint64_t size(const ProfilePlan& profile) const {
@@ -38,7 +38,7 @@ void checkWatch(const ProfilePlan& profile, const ElementText& text, int32_t wat
 bool isPortCanonical(const ProfilePlan& profile, const std::string& port);
 void canonicalPortIs(const ProfilePlan& profile, std::string* port);
 
-// Throws a Refusal (RESOURCE_EXHAUSTED) for what the target has no room for.
-void checkRepeats(const std::string& owner, const Weighed& weighed);
+// Throws a Refusal (RESOURCE_EXHAUSTED) when the target cannot hold so many repeats.
+void checkRepeats(const std::string& owner, const GroupWeight& weight);
 
 }  // namespace pi::fe::proto

@@ -1,4 +1,4 @@
-// Checks of what is neither programmed nor read here.
+// Checks of entities that are neither programmed nor read here.
 #include "PI/frontend/check/OtherEntityCheck.h"
 
 #include "PI/frontend/base/Refusal.h"
@@ -106,7 +106,7 @@ void checkReplication(const p4::v1::PacketReplicationEngineEntry& entry) {
   }
 }
 
-// Such entities cannot be written here, so there is nothing to delete.
+// Such entities cannot be written here, so none can be deleted.
 void requireNoDelete(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
   if (type != Update::DELETE) return;
   if (!entity.has_packet_replication_engine_entry() && !entity.has_digest_entry()) return;

@@ -1,4 +1,4 @@
-// What only the committed entries can tell about an update.
+// Checks of an update against the committed entries.
 #include "PI/frontend/check/StateCheck.h"
 
 #include <cstring>

@@ -1,5 +1,5 @@
-// What only the committed entries can tell about an update: whether it may be run now, and what it
-// keeps or points at.
+// Checks an update against the committed entries: whether it may run now, the parts of the former
+// entry it keeps, and the member or group it points at.
 #pragma once
 
 #include "PI/frontend/check/UpdateCheck.h"
@@ -13,8 +13,9 @@ class StateCheck {
  public:
   StateCheck(const EntryStore& store, const ProfileUse& use) : store_(store), use_(use) {}
 
-  // `former` is what stands under the update's key, or null. Enters into the update what it keeps
-  // of that, and the target's handle of what it points at. Throws a Refusal.
+  // `former` is the entry under the update's key, or null. Completes the update: the action it
+  // keeps of `former`, and the target's handle of the member or group it points at. Throws a
+  // Refusal.
   void prepare(CheckedUpdate* update, const Entry* former);
 
   // The updates prepared before are committed, or failed.

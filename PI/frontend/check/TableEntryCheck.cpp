@@ -22,7 +22,7 @@ using p4::v1::Update;
 
 namespace {
 
-// Whether it sets back to what it is anyway; parameters come in any order and length.
+// Whether the action is the program's default action; parameters come in any order and length.
 bool isTheDefault(const TablePlan& table, const TableEntry& entry) {
   if (!entry.metadata().empty() || entry.controller_metadata() != 0) return false;
   if (entry.has_meter_config() || entry.has_counter_data()) return false;
@@ -66,7 +66,7 @@ void checkIdleTimeout(const TablePlan& table, const TableEntry& entry) {
   refuse(code::unimplemented, "table ", table.name, ": idle time-outs are not supported");
 }
 
-// What does not depend on the key; a DELETE looks at the key alone.
+// The checks that do not depend on the key; a DELETE needs the key alone.
 void checkFields(const TablePlan& table, const TableEntry& entry, Update::Type type) {
   if (type == Update::DELETE) return;
   checkIdleTimeout(table, entry);

@@ -13,18 +13,18 @@ struct CheckedUpdate {
   Subject subject = Subject::entry;
   const TablePlan* table = nullptr;      // null for members and groups
   const ProfilePlan* profile = nullptr;  // the table's, or that of the member or group
-  // What is to be written, handles left open. The key alone for a DELETE, for a MODIFY that keeps
-  // the action, and for a direct resource. Without an entry there is nothing to change.
+  // The entry to write, handles left open. The key alone for a DELETE, for a MODIFY that keeps
+  // the action, and for a direct resource. Null: the update changes nothing.
   EntrySlot slot;
 };
 
-// Everything that can be said without knowing which entries there are. Throws a Refusal.
+// All checks that need no committed entries. Throws a Refusal.
 CheckedUpdate checkedUpdate(const P4InfoIndex& index, const p4::v1::Update& update);
 
 // "table ingress.ipv4: dst 10.0.0.0/8", "action profile ingress.nexthops: member 7".
 std::string updateText(const CheckedUpdate& update);
 
-// The table or profile an update or query names. Throws a Refusal when it is none of the P4Info's.
+// The table or profile an update or query names. Throws a Refusal when the P4Info has no such one.
 const TablePlan& checkedTable(const P4InfoIndex& index, uint32_t tableId);
 const ProfilePlan& checkedProfile(const P4InfoIndex& index, uint32_t profileId);
 

@@ -1,4 +1,4 @@
-// Compiles a P4Info into plans, and refuses the ones that cannot be realised.
+// Compiles a P4Info into plans, and refuses a P4Info that cannot be realised.
 #include "PI/frontend/model/P4InfoIndex.h"
 
 #include <cstring>
@@ -13,7 +13,7 @@ namespace config = p4::config::v1;
 
 namespace {
 
-constexpr int32_t kMaxBits = 1 << 16;  // keeps key sizes sane whatever the file says
+constexpr int32_t kMaxBits = 1 << 16;  // bounds the size of keys
 
 constexpr char kTable[] = "table";
 constexpr char kAction[] = "action";

@@ -16,7 +16,7 @@ namespace pi::fe::proto {
 class P4InfoIndex {
  public:
   // Throws a Refusal (INVALID_ARGUMENT) that names the object when the P4Info cannot be realised:
-  // id 0, an id used twice, a reference to what is not there, an unknown enum number.
+  // id 0, an id used twice, a reference to an object that does not exist, an unknown enum number.
   explicit P4InfoIndex(const p4::config::v1::P4Info& p4Info);
 
   const TablePlan* table(uint32_t id) const;      // null: no such table
@@ -25,8 +25,8 @@ class P4InfoIndex {
   const std::vector<std::unique_ptr<TablePlan>>& tables() const { return tables_; }  // P4Info order
   const std::vector<std::unique_ptr<ProfilePlan>>& profiles() const { return profiles_; }
 
-  // An array of cells: an indexed counter or meter, a register. Empty when the id is none of that
-  // kind ("counter", "meter", "register").
+  // An array of cells: an indexed counter or meter, a register. Empty when no such array of that
+  // kind ("counter", "meter", "register") has the id.
   std::optional<int64_t> arraySize(const char* kind, uint32_t id) const;
 
   // "counter ingress.hits", or "0x12000001, which is not in the P4Info".

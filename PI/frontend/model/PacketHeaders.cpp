@@ -122,7 +122,7 @@ const PacketField* PacketHeader::field(uint32_t id) const {
   return found != fields.end() && found->id == id ? &*found : nullptr;
 }
 
-// As many metadata as fields, and one for each field: then there is none twice and none unknown.
+// As many metadata as fields, and one for each field: so no field comes twice, and none is unknown.
 std::string PacketHeaders::packetOut(const p4::v1::PacketOut& packet) const {
   if (!out_.unsupported.empty()) {
     refuse(code::unimplemented, "packet-out is not supported: ", out_.unsupported);

@@ -48,12 +48,12 @@ class PacketHeaders {
 
   // The header and then the payload, as the target wants them. Throws a Refusal (INVALID_ARGUMENT,
   // UNIMPLEMENTED) that names the field when the metadata are not those of packet_out, when a value
-  // does not fit its field, or when the payload is none.
+  // does not fit its field, or when the payload is empty.
   std::string packetOut(const p4::v1::PacketOut& packet) const;
 
   // Takes the target's header off the packet; values in their shortest form, in order of the ids.
-  // Says what is wrong with it; empty when nothing is, else *packet is of no use.
-  std::string packetIn(std::string_view received, p4::v1::PacketIn* packet) const;
+  // Returns the fault of the packet; empty: none. With a fault *packet has no meaning.
+  [[nodiscard]] std::string packetIn(std::string_view received, p4::v1::PacketIn* packet) const;
 
   const PacketHeader& out() const { return out_; }
 

@@ -61,7 +61,7 @@ struct ActionUse {
   const ActionPlan* action = nullptr;
 };
 
-// A table, or an action profile on behalf of its tables: what its actions are, and its name.
+// A table, or an action profile on behalf of its tables: its name and its actions.
 struct ActionUser {
   explicit ActionUser(const char* kind) : kind(kind) {}
 
@@ -78,15 +78,15 @@ struct ActionUser {
   }
 };
 
-// An action profile. Its size counts the members when it has no selector, else what all groups and
-// action sets together weigh.
+// An action profile. Its size counts the members when it has no selector, else the weights of all
+// groups and action sets together.
 struct ProfilePlan : ActionUser {
   ProfilePlan() : ActionUser("action profile") {}
 
   bool withSelector = false;
   uint64_t size = 0;             // 0: not limited here
   uint32_t maxGroupSize = 0;     // 0: not limited here
-  bool countsMembers = false;    // whatever their weights; else the weights count
+  bool countsMembers = false;    // true: each member counts one; false: its weight
   uint32_t maxMemberWeight = 0;  // 0: any
   bool weightsDisallowed = false;
   bool portsAreStrings = false;  // perhaps: the program has translated types that are strings

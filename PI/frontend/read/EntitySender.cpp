@@ -20,18 +20,18 @@ void settingIs(const MeterSetting& setting, p4::v1::MeterConfig* sent) {
 
 }  // namespace
 
-bool EntitySender::entrySent(const TablePlan& table, const Entry& entry, EntryForm form,
+bool EntitySender::sendEntry(const TablePlan& table, const Entry& entry, EntryForm form,
                              const p4::v1::CounterData& count) {
   if (form == EntryForm::counter) {
     keyIs(table, entry, entity_.mutable_direct_counter_entry()->mutable_table_entry());
     *entity_.mutable_direct_counter_entry()->mutable_data() = count;
-    return entitySent();
+    return addEntity();
   }
   const std::optional<MeterSetting> meter = entry.meter();
   if (form == EntryForm::meter) {
     keyIs(table, entry, entity_.mutable_direct_meter_entry()->mutable_table_entry());
     if (meter) settingIs(*meter, entity_.mutable_direct_meter_entry()->mutable_config());
-    return entitySent();
+    return addEntity();
   }
   p4::v1::TableEntry* sent = entity_.mutable_table_entry();
   keyIs(table, entry, sent);
@@ -41,7 +41,7 @@ bool EntitySender::entrySent(const TablePlan& table, const Entry& entry, EntryFo
   sent->set_is_const(table.isConst || entry.isConst);
   if (hasCounter(form)) *sent->mutable_counter_data() = count;
   if (hasMeter(form) && meter) settingIs(*meter, sent->mutable_meter_config());
-  return entitySent();
+  return addEntity();
 }
 
 void EntitySender::keyIs(const TablePlan& table, const Entry& entry,
@@ -65,20 +65,20 @@ void EntitySender::actionIs(const Entry& entry, p4::v1::TableAction* sent) const
   }
 }
 
-bool EntitySender::objectSent(const Entry& object) {
+bool EntitySender::sendObject(const Entry& object) {
   if (object.kind == EntryKind::groupObject) {
     *entity_.mutable_action_profile_group() = group(object);
-    return entitySent();
+    return addEntity();
   }
   p4::v1::ActionProfileMember* sent = entity_.mutable_action_profile_member();
   const ObjectId id = objectId(object);
   sent->set_action_profile_id(id.profileId);
   sent->set_member_id(id.id);
   decodeAction(*index_.action(object.actionId), object.actionData(), sent->mutable_action());
-  return entitySent();
+  return addEntity();
 }
 
-bool EntitySender::defaultEntrySent(const TablePlan& table) {
+bool EntitySender::sendDefaultEntry(const TablePlan& table) {
   p4::v1::TableEntry* sent = entity_.mutable_table_entry();
   sent->set_table_id(table.id);
   sent->set_is_default_action(true);
@@ -86,13 +86,13 @@ bool EntitySender::defaultEntrySent(const TablePlan& table) {
   if (table.defaultAction.action_id() != 0) {
     *sent->mutable_action()->mutable_action() = table.defaultAction;
   }
-  return entitySent();
+  return addEntity();
 }
 
-bool EntitySender::entitySent() {
+bool EntitySender::addEntity() {
   const size_t bytes = entity_.ByteSizeLong() + kFrameBytes;
   const bool isFull = responseBytes_ != 0 && responseBytes_ + bytes > kMessageBytes;
-  if (isFull && !messageSent()) return false;
+  if (isFull && !sendMessage()) return false;
   // Swapping keeps the memory of elements already sent in use.
   response_.add_entities()->Swap(&entity_);
   entity_.Clear();
@@ -100,12 +100,12 @@ bool EntitySender::entitySent() {
   return wanted_;
 }
 
-bool EntitySender::restSent() {
+bool EntitySender::sendRest() {
   if (anySent_ && response_.entities_size() == 0) return wanted_;
-  return messageSent();
+  return sendMessage();
 }
 
-bool EntitySender::messageSent() {
+bool EntitySender::sendMessage() {
   if (wanted_) wanted_ = sink_(response_);
   anySent_ = true;
   response_.Clear();

@@ -15,20 +15,21 @@ class EntitySender {
   EntitySender(const P4InfoIndex& index, const DeviceMgr::ReadSink& sink)
       : index_(index), sink_(sink) {}
 
-  // All answer false once the sink has: nothing more is wanted.
-  // `count` is what the entry's direct counter shows, if the form has that.
-  bool entrySent(const TablePlan& table, const Entry& entry, EntryForm form,
+  // All return false once the sink has returned false: the client wants no more.
+  // `count` is the value of the entry's direct counter, for forms that show it.
+  bool sendEntry(const TablePlan& table, const Entry& entry, EntryForm form,
                  const p4::v1::CounterData& count);
-  bool objectSent(const Entry& object);
-  bool defaultEntrySent(const TablePlan& table);
-  // What is left. An answer without any entity is one empty message, which some clients wait for.
-  bool restSent();
+  bool sendObject(const Entry& object);
+  bool sendDefaultEntry(const TablePlan& table);
+  // Sends the last message. A Read without any entity gets one empty message, which some clients
+  // wait for.
+  bool sendRest();
 
  private:
   void keyIs(const TablePlan& table, const Entry& entry, p4::v1::TableEntry* sent) const;
   void actionIs(const Entry& entry, p4::v1::TableAction* sent) const;
-  bool entitySent();
-  bool messageSent();
+  bool addEntity();
+  bool sendMessage();
 
   const P4InfoIndex& index_;
   const DeviceMgr::ReadSink& sink_;

@@ -21,7 +21,7 @@ void requireNoFilter(const TableEntry& entry) {
   refuse(code::invalidArgument, "a query for all tables (table id 0) takes no filter");
 }
 
-// What is asked for beside the entry itself.
+// The resources that the query wants beside the entry itself.
 void checkWanted(const TablePlan& table, const TableEntry& entry) {
   if (entry.has_time_since_last_hit() && !table.hasIdleTimeout) {
     refuse(code::invalidArgument, "table ", table.name, ": its entries have no idle time-out");
@@ -85,7 +85,7 @@ Query tableQuery(const P4InfoIndex& index, const TableEntry& entry) {
   Query query;
   query.form = wantedForm(entry);
   if (entry.table_id() == 0) {
-    // Beside the entries, what is not supported is left out.
+    // An unsupported resource is left out beside entries.
     requireNoFilter(entry);
     if (entry.is_default_action()) query.kind = Query::Kind::defaultEntry;
     return query;

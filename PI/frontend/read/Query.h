@@ -44,16 +44,16 @@ struct Query {
   const ProfilePlan* profile = nullptr;  // null: all profiles
   bool groups = false;
 
-  // The same for queries that ask for the same in the same way.
+  // Equal for queries with the same result in the same form.
   std::string identity() const;
   bool takes(const Entry& entry) const;
-  // Whether the table has anything of the kind that is asked for.
+  // Whether the table has resources of the kind that the query wants.
   bool concerns(const TablePlan& table) const;
-  // The form in which entries of the table are sent: without what the table lacks.
+  // The form in which entries of the table are sent: without resources that the table lacks.
   EntryForm formFor(const TablePlan& table) const;
 };
 
-// Throws a Refusal: INVALID_ARGUMENT, or UNIMPLEMENTED for what cannot be read here.
+// Throws a Refusal: INVALID_ARGUMENT, or UNIMPLEMENTED for entities that cannot be read here.
 Query checkedQuery(const P4InfoIndex& index, const p4::v1::Entity& entity);
 
 }  // namespace pi::fe::proto

@@ -31,7 +31,7 @@ google::rpc::Status ReadRun::run(const p4::v1::ReadRequest& request,
   doCheck(request);
   const EntryStore::Snapshot snapshot(store_, lookups());
   doCheckFound(snapshot);
-  if (!sent(snapshot, sink)) {
+  if (!sendAll(snapshot, sink)) {
     return plainStatus(code::cancelled, "the client takes no more of the answer");
   }
   doCopyErrors();
@@ -105,8 +105,8 @@ void ReadRun::doCheckFound(const EntryStore::Snapshot& snapshot) {
   }
 }
 
-// In the order in which controllers ask.
-bool ReadRun::sent(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSink& sink) {
+// In the order of the queries.
+bool ReadRun::sendAll(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSink& sink) {
   std::optional<ReadTurn> turn;
   if (walks_) turn.emplace(turns_);
   const DeviceMgr::ReadSink inTurn = [&](const p4::v1::ReadResponse& response) {
@@ -117,67 +117,67 @@ bool ReadRun::sent(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSi
   EntitySender sender(index_, inTurn);
   for (size_t query = 0; query < queries_.size(); ++query) {
     if (firstEqual_[query] != query || errors_[query].canonical_code() != code::ok) continue;
-    if (!answerSent(snapshot, query, &sender)) return false;
+    if (!sendResult(snapshot, query, &sender)) return false;
   }
   turn.reset();
-  return sender.restSent();
+  return sender.sendRest();
 }
 
-bool ReadRun::answerSent(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender) {
+bool ReadRun::sendResult(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender) {
   const Query& wanted = queries_[query];
   switch (wanted.kind) {
     case Query::Kind::allTables:
       for (auto& [tableId, read] : tables_) {
-        if (wanted.concerns(*read.table) && !tableSent(snapshot, &read, sender)) return false;
+        if (wanted.concerns(*read.table) && !sendTable(snapshot, &read, sender)) return false;
       }
       return true;
     case Query::Kind::table:
-      return tableSent(snapshot, &tables_[wanted.table->id], sender);
+      return sendTable(snapshot, &tables_[wanted.table->id], sender);
     case Query::Kind::oneEntry:
     case Query::Kind::oneObject:
-      return foundSent(query, snapshot.found()[foundAt_.at(query)], sender);
+      return sendFound(query, snapshot.found()[foundAt_.at(query)], sender);
     case Query::Kind::defaultEntry:
-      return defaultsSent(wanted, sender);
+      return sendDefaults(wanted, sender);
     case Query::Kind::objects:
-      return objectsSent(snapshot, wanted, sender);
+      return sendObjects(snapshot, wanted, sender);
     case Query::Kind::nothing:
       return true;
   }
   return true;
 }
 
-bool ReadRun::foundSent(size_t number, const EntryPtr& found, EntitySender* sender) {
+bool ReadRun::sendFound(size_t number, const EntryPtr& found, EntitySender* sender) {
   const Query& query = queries_[number];
   if (!found) return true;
-  if (query.kind == Query::Kind::oneObject) return sender->objectSent(*found);
+  if (query.kind == Query::Kind::oneObject) return sender->sendObject(*found);
   TableRead read;
   read.table = query.table;
   read.ofAnyKey.push_back(number);
   picked_.clear();
   maybePick(read, *found);
-  return pickedSent(read, sender);
+  return sendPicked(read, sender);
 }
 
-bool ReadRun::defaultsSent(const Query& query, EntitySender* sender) {
+bool ReadRun::sendDefaults(const Query& query, EntitySender* sender) {
   for (const auto& table : index_.tables()) {
     if (query.table != nullptr && query.table != table.get()) continue;
-    if (!sender->defaultEntrySent(*table)) return false;
+    if (!sender->sendDefaultEntry(*table)) return false;
   }
   return true;
 }
 
-bool ReadRun::objectsSent(const EntryStore::Snapshot& snapshot, const Query& query,
+bool ReadRun::sendObjects(const EntryStore::Snapshot& snapshot, const Query& query,
                           EntitySender* sender) {
   for (const auto& profile : index_.profiles()) {
     if (query.profile != nullptr && query.profile != profile.get()) continue;
     for (const Entry* object : snapshot.objects(profile->id, query.groups)) {
-      if (!sender->objectSent(*object)) return false;
+      if (!sender->sendObject(*object)) return false;
     }
   }
   return true;
 }
 
-bool ReadRun::tableSent(const EntryStore::Snapshot& snapshot, TableRead* read,
+bool ReadRun::sendTable(const EntryStore::Snapshot& snapshot, TableRead* read,
                         EntitySender* sender) {
   if (std::exchange(read->sent, true)) return true;
   for (const auto& page : snapshot.table(read->table->id).pages) {
@@ -185,7 +185,7 @@ bool ReadRun::tableSent(const EntryStore::Snapshot& snapshot, TableRead* read,
     for (const EntryPtr& entry : page->entries) {
       if (entry) maybePick(*read, *entry);
     }
-    if (!pickedSent(*read, sender)) return false;
+    if (!sendPicked(*read, sender)) return false;
   }
   return true;
 }
@@ -203,7 +203,7 @@ void ReadRun::forEachTaking(const TableRead& read, const Entry& entry, Visit vis
   if (keyed != read.ofOneKey.end()) visitTaking(keyed->second);
 }
 
-// Once in each form that is asked for, by however many queries.
+// Once in each form, however many queries want it.
 void ReadRun::maybePick(const TableRead& read, const Entry& entry) {
   uint32_t forms = 0;
   forEachTaking(read, entry,
@@ -212,7 +212,7 @@ void ReadRun::maybePick(const TableRead& read, const Entry& entry) {
 }
 
 // The target is asked once for the counts of all.
-bool ReadRun::pickedSent(const TableRead& read, EntitySender* sender) {
+bool ReadRun::sendPicked(const TableRead& read, EntitySender* sender) {
   counted_.clear();
   for (const Picked& picked : picked_) {
     if ((picked.forms & kFormsWithCounter) != 0) counted_.push_back(picked.entry);
@@ -223,17 +223,17 @@ bool ReadRun::pickedSent(const TableRead& read, EntitySender* sender) {
     for (int number = 0; number < kEntryForms; ++number) {
       const auto form = static_cast<EntryForm>(number);
       if ((picked.forms & bitOf(form)) == 0) continue;
-      if (!formSent(read, *picked.entry, form, count, sender)) return false;
+      if (!sendForm(read, *picked.entry, form, count, sender)) return false;
     }
     if ((picked.forms & kFormsWithCounter) != 0) ++count;
   }
   return true;
 }
 
-bool ReadRun::formSent(const TableRead& read, const Entry& entry, EntryForm form,
+bool ReadRun::sendForm(const TableRead& read, const Entry& entry, EntryForm form,
                        const Count* count, EntitySender* sender) {
-  if (!hasCounter(form)) return sender->entrySent(*read.table, entry, form, {});
-  if (!count->failure) return sender->entrySent(*read.table, entry, form, count->data);
+  if (!hasCounter(form)) return sender->sendEntry(*read.table, entry, form, {});
+  if (!count->failure) return sender->sendEntry(*read.table, entry, form, count->data);
   forEachTaking(read, entry, [&](size_t query) {
     if (queries_[query].formFor(*read.table) != form) return;
     doFail(query, count->failure->code(), count->failure->message());

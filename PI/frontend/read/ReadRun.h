@@ -1,4 +1,5 @@
-// Carries out one Read: takes a picture of the store, and sends what the queries ask for from it.
+// Carries out one Read: takes a snapshot of the store, and sends the entities that the queries
+// want.
 #pragma once
 
 #include <map>
@@ -17,9 +18,8 @@
 
 namespace pi::fe::proto {
 
-// For one Read, on the thread that answers it, without a lock. Waits for the client, and for a turn
-// when it walks through tables; it asks the target for counts alone. Equal queries are answered
-// once.
+// For one Read, on its thread, without a lock. Waits for the client, and for a turn when it walks
+// through tables; it asks the target for counts alone. Equal queries share one result.
 class ReadRun {
  public:
   ReadRun(const P4InfoIndex& index, EntryStore& store, const TargetSession& session,
@@ -48,17 +48,17 @@ class ReadRun {
   TableRead& tableRead(const TablePlan& table);
   std::vector<EntryLookup> lookups() const;
   void doCheckFound(const EntryStore::Snapshot& snapshot);
-  bool sent(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSink& sink);
-  bool answerSent(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender);
-  bool foundSent(size_t number, const EntryPtr& found, EntitySender* sender);
-  bool defaultsSent(const Query& query, EntitySender* sender);
-  bool objectsSent(const EntryStore::Snapshot& snapshot, const Query& query, EntitySender* sender);
-  bool tableSent(const EntryStore::Snapshot& snapshot, TableRead* read, EntitySender* sender);
+  bool sendAll(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSink& sink);
+  bool sendResult(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender);
+  bool sendFound(size_t number, const EntryPtr& found, EntitySender* sender);
+  bool sendDefaults(const Query& query, EntitySender* sender);
+  bool sendObjects(const EntryStore::Snapshot& snapshot, const Query& query, EntitySender* sender);
+  bool sendTable(const EntryStore::Snapshot& snapshot, TableRead* read, EntitySender* sender);
   template <typename Visit>
   void forEachTaking(const TableRead& read, const Entry& entry, Visit visit) const;
   void maybePick(const TableRead& read, const Entry& entry);
-  bool pickedSent(const TableRead& read, EntitySender* sender);
-  bool formSent(const TableRead& read, const Entry& entry, EntryForm form, const Count* count,
+  bool sendPicked(const TableRead& read, EntitySender* sender);
+  bool sendForm(const TableRead& read, const Entry& entry, EntryForm form, const Count* count,
                 EntitySender* sender);
   void doFail(size_t query, int code, const std::string& message);
   void doCopyErrors();
@@ -69,15 +69,14 @@ class ReadRun {
   ReadTurns& turns_;
   bool walks_ = false;  // through whole tables or profiles
   std::vector<Query> queries_;
-  Queries firstEqual_;                    // of each query, the first that is equal to it
-  std::vector<p4::v1::Error> errors_;     // one a query
-  std::map<uint32_t, TableRead> tables_;  // by table id
-  Queries keyed_;                         // those for one entry, member or group
-  absl::flat_hash_map<size_t, size_t>
-      foundAt_;                        // of those, the place among what the snapshot found
-  std::vector<Picked> picked_;         // of one page
-  std::vector<const Entry*> counted_;  // of these, the entries whose counts are sent
-  std::vector<Count> counts_;          // of those
+  Queries firstEqual_;                           // of each query, the first that is equal to it
+  std::vector<p4::v1::Error> errors_;            // one a query
+  std::map<uint32_t, TableRead> tables_;         // by table id
+  Queries keyed_;                                // those for one entry, member or group
+  absl::flat_hash_map<size_t, size_t> foundAt_;  // of those, the place in Snapshot::found()
+  std::vector<Picked> picked_;                   // of one page
+  std::vector<const Entry*> counted_;            // of these, the entries whose counts are sent
+  std::vector<Count> counts_;                    // of those
 };
 
 }  // namespace pi::fe::proto

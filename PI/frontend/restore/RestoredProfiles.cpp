@@ -1,4 +1,4 @@
-// Members and groups as the target hands them back after a restart.
+// Members and groups that the target hands back after a restart.
 #include "PI/frontend/restore/RestoredProfiles.h"
 
 #include <algorithm>
@@ -26,7 +26,7 @@ std::vector<std::pair<uint64_t, uint32_t>> counted(std::span<const uint64_t> mem
   return counts;
 }
 
-// Without handles of the target, which must be the same multiset of members whatever the order.
+// Without handles of the target, which must be the same multiset of members, in any order.
 bool agrees(const ActionProfileGroup& written, const ActionProfileGroup& shown) {
   const auto shares = [](const ActionProfileGroup& group) {
     std::vector<std::pair<uint32_t, uint32_t>> result;
@@ -41,7 +41,7 @@ bool agrees(const ActionProfileGroup& written, const ActionProfileGroup& shown) 
          shares(written) == shares(shown);
 }
 
-// Which ports the members that are left watch.
+// The watch ports of the members that are left.
 void doKeepWatches(const ActionProfileGroup& written, ActionProfileGroup* shown) {
   absl::flat_hash_map<uint32_t, const ActionProfileGroup::Member*> byId;
   for (const auto& member : written.members()) byId[member.member_id()] = &member;
@@ -73,7 +73,7 @@ pi_status_t RestoredProfiles::memberIs(uint32_t profileId, const pi_action_data_
   if (controllerId != 0) {
     if (store_.entry(object->key())) return PI_STATUS_INVALID_ENTRY_TYPE;
     store_.entryIs(object);
-    use_.changed(*profile, nullptr, object.get());
+    use_.countChange(*profile, nullptr, object.get());
   }
   members_[handle] = {std::move(object), false};
   return PI_STATUS_SUCCESS;
@@ -95,7 +95,7 @@ pi_status_t RestoredProfiles::groupIs(uint32_t profileId, uint32_t controllerId,
     if (store_.entry(object->key())) return PI_STATUS_INVALID_ENTRY_TYPE;
     object->handle = handle;
     std::memcpy(object->actionData(), kept.data(), kept.size());
-    use_.changed(*profile, nullptr, object.get());
+    use_.countChange(*profile, nullptr, object.get());
     store_.entryIs(std::move(object));
   }
   groups_[handle] = std::move(group);
@@ -133,7 +133,7 @@ std::string RestoredProfiles::groupBytes(const ProfilePlan& profile, uint32_t id
   return shown.SerializeAsString();
 }
 
-EntryPtr RestoredProfiles::resolved(const TablePlan& table, const Entry& unresolved) {
+EntryPtr RestoredProfiles::resolve(const TablePlan& table, const Entry& unresolved) {
   const uint64_t handle = reference(unresolved).handle;
   const auto group = groups_.find(handle);
   if (group != groups_.end() && group->second.id == 0) {

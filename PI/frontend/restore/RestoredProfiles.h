@@ -1,4 +1,4 @@
-// Members and groups as the target hands them back after a restart, until the entries that point at
+// Members and groups that the target hands back after a restart, until the entries that point at
 // them have come, too: the target knows handles only.
 #pragma once
 
@@ -12,15 +12,15 @@
 
 namespace pi::fe::proto {
 
-// Used by the thread that restores. Members come before groups, groups before entries. What
-// controllers named goes into the store at once; what is hidden waits for its entry.
+// Used by the thread that restores. Members come before groups, groups before entries. Objects
+// that controllers named go into the store at once; hidden ones wait for their entry.
 class RestoredProfiles {
  public:
   RestoredProfiles(const P4InfoIndex& index, EntryStore& store, ProfileUse& use)
       : index_(index), store_(store), use_(use) {}
 
-  // Controller's id 0: hidden. INVALID_ENTRY_TYPE when it does not fit the profile, or what it
-  // consists of is not there.
+  // Controller's id 0: hidden. INVALID_ENTRY_TYPE when it does not fit the profile, or when a
+  // part of it is missing.
   pi_status_t memberIs(uint32_t profileId, const pi_action_data_t* action, uint32_t controllerId,
                        uint64_t handle);
   // `bytes` as they were given to the target with the group. When they do not agree with the
@@ -28,11 +28,11 @@ class RestoredProfiles {
   pi_status_t groupIs(uint32_t profileId, uint32_t controllerId, std::span<const uint64_t> members,
                       uint64_t handle, std::string_view bytes);
 
-  // The entry that a target's `unresolved` one stands for; null when what it points at is not
-  // there, or is hidden and belongs to another entry already.
-  EntryPtr resolved(const TablePlan& table, const Entry& unresolved);
+  // The entry that a target's `unresolved` one stands for; null when the object it points at is
+  // missing, or is hidden and belongs to another entry already.
+  EntryPtr resolve(const TablePlan& table, const Entry& unresolved);
 
-  // Hidden members and groups to which no entry came. Takes the target's lock.
+  // Deletes hidden members and groups that no entry claimed. Takes the target's lock.
   void doDeleteUnclaimed(const TargetSession& session);
 
  private:

@@ -27,7 +27,7 @@ std::optional<Set> writtenSet(const TablePlan& table, std::string_view bytes) {
   return set;
 }
 
-// What tells members apart: action and weight.
+// The identity of a member here: action and weight.
 using Look = std::tuple<uint32_t, std::string, uint32_t>;
 
 Look lookOf(const TablePlan& table, const p4::v1::ActionProfileAction& element) {

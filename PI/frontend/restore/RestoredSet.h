@@ -1,5 +1,5 @@
 // The action set of an entry after a restart: as it was written if that agrees with the hidden
-// members that the target has, else made anew from those.
+// members that the target has, else rebuilt from them.
 #pragma once
 
 #include <vector>

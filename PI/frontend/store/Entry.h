@@ -14,14 +14,14 @@ namespace pi::fe::proto {
 
 class EntryPtr;
 
-// What the action bytes of an entry are.
+// The meaning of an entry's action bytes.
 enum class EntryKind : uint8_t {
   action,        // PI action data
   keyAlone,      // none: to delete the entry, or to change it and keep its action
   toMember,      // a reference (PI/frontend/store/ProfileObjects.h)
   toGroup,       // a reference
   actionSet,     // hidden members and group, and the set (PI/frontend/store/ProfileObjects.h)
-  unresolved,    // a reference without an id: as the target shows those
+  unresolved,    // a reference without an id, as the target shows it
   memberObject,  // a member itself: PI action data
   groupObject,   // a group itself: the p4.v1.ActionProfileGroup as it was written
 };
@@ -35,7 +35,7 @@ struct MeterSetting {
   bool operator==(const MeterSetting&) const = default;
 };
 
-// What tells entries apart. The bytes belong to someone else.
+// The identity of an entry. The bytes belong to the caller.
 struct EntryKey {
   uint32_t tableId = 0;
   uint32_t priority = 0;

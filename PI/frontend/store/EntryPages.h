@@ -32,7 +32,7 @@ class EntryPages {
   };
 
   void add(const Snapshots& snapshots, EntryPtr entry);
-  // `former` stands in the pages; the other takes its place. Returns what stood there.
+  // `entry` takes the place of `former`, which must be in the pages. Returns the former one.
   EntryPtr replace(const Snapshots& snapshots, const Entry& former, EntryPtr entry);
   EntryPtr remove(const Snapshots& snapshots, const Entry& entry);
 

@@ -1,5 +1,5 @@
-// The committed entries, members and groups of a device: what the forwarding plane is known to
-// hold. A Write enters its outcome here once it is known; reads see each Write wholly or not at
+// The committed entries, members and groups of a device, as the forwarding plane is known to hold
+// them. A Write enters its outcome here once it is known; Reads see each Write wholly or not at
 // all.
 #pragma once
 
@@ -37,8 +37,8 @@ class EntryStore {
 
   // A Write of several batches keeps the outcome of each but the last. Leaves the slots empty.
   void keep(std::span<Change> changes);
-  // Ends a Write: what it kept, then these. Reads that begin now see all of it. Leaves the slots
-  // empty.
+  // Ends a Write: applies the changes it kept, then these. Reads that begin now see all of it.
+  // Leaves the slots empty.
   void commit(std::span<Change> changes = {});
 
   EntryPtr entry(const EntryKey& key) const;
@@ -67,12 +67,12 @@ class EntryStore {
   Kept kept_;  // for the Write in progress alone, without the lock
 };
 
-// The store as it was when the snapshot was made. The store outlives it, and remembers what Writes
-// replace for as long as it lives. One thread at a time.
+// The store as it was when the snapshot was made. The store outlives it, and keeps replaced entries
+// for as long as the snapshot lives. One thread at a time.
 class EntryStore::Snapshot {
  public:
-  // Finds the entries of `lookups` in the same moment: one for each, in order, null when there is
-  // none.
+  // Finds the entries of `lookups` in the same moment: one for each, in order, null for a key
+  // without an entry.
   explicit Snapshot(EntryStore& store, std::span<const EntryLookup> lookups = {});
   ~Snapshot();
   Snapshot(const Snapshot&) = delete;

@@ -8,8 +8,8 @@
 
 namespace pi::fe::proto {
 
-// Writes table.keyBytes bytes to `key`. Throws a Refusal that names table and field; what stands
-// in `key` then has no meaning.
+// Writes table.keyBytes bytes to `key`. Throws a Refusal that names table and field; the bytes
+// of `key` then have no meaning.
 void encodeKey(const TablePlan& table, const p4::v1::TableEntry& entry, uint8_t* key);
 
 // The entry's priority, checked against the match kinds of the table. Throws a Refusal.
@@ -18,7 +18,7 @@ uint32_t checkedPriority(const TablePlan& table, const p4::v1::TableEntry& entry
 // Adds the match elements of `key`: values in their shortest form, don't-cares left out.
 void decodeKey(const TablePlan& table, const uint8_t* key, p4::v1::TableEntry* entry);
 
-// "table ingress.ipv4: dst 10.0.0.0/8", cut to what an error message has room for.
+// "table ingress.ipv4: dst 10.0.0.0/8", cut to fit into an error message.
 std::string keyText(const TablePlan& table, const uint8_t* key, uint32_t priority);
 
 }  // namespace pi::fe::proto

@@ -25,7 +25,8 @@ std::string_view actionBytes(const Entry& entry, size_t from) {
   return {reinterpret_cast<const char*>(entry.actionData()) + from, entry.actionSize() - from};
 }
 
-// A message that is parsed into again keeps the memory of its elements, which is most of the cost.
+// A message that is parsed into again keeps the memory of its elements, which saves most of the
+// cost.
 template <typename Message>
 const Message& peeked(std::string_view bytes) {
   thread_local Message message;

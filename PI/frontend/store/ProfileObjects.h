@@ -1,5 +1,5 @@
-// What stands behind the entries of an action profile's tables: references to members and groups,
-// one-shot action sets, and the members and groups themselves, which the store keeps as entries.
+// Objects of action profiles in the store: references of entries to members and groups, one-shot
+// action sets, and the members and groups themselves, which the store keeps as entries, too.
 #pragma once
 
 #include <functional>
@@ -56,7 +56,8 @@ inline constexpr size_t kReferenceBytes = sizeof(uint64_t) + sizeof(uint32_t);
 Reference reference(const Entry& entry);
 void referenceIs(Entry* entry, const Reference& reference);
 
-// The target's handles of what an action set consists of; the controller never hears of them.
+// The target's handles of the members and the group behind an action set; the controller never
+// hears of them.
 struct HiddenHandles {
   uint64_t group = 0;
   std::vector<uint64_t> members;  // one an element of the set, in order
@@ -70,7 +71,7 @@ std::string_view serializedActionSet(const Entry& entry);
 // The entry was made with room for exactly that.
 void actionSetIs(Entry* entry, const HiddenHandles& handles, std::string_view serialized);
 p4::v1::ActionProfileActionSet actionSet(const Entry& entry);
-// To look into for a moment: good until the next call of the same function on this thread.
+// For a short look: valid until the next call of the same function on this thread.
 const p4::v1::ActionProfileActionSet& peekedActionSet(const Entry& entry);
 
 // Of a group object.
@@ -84,7 +85,7 @@ inline uint32_t repeats(int32_t weight) { return weight > 0 ? static_cast<uint32
 // The same key, metadata, meter setting and handle, with room for other action bytes.
 EntryPtr entryAs(const Entry& entry, EntryKind kind, size_t actionSize);
 
-// What an entry or a group points at; the profile is the entry's table's.
+// The members and groups an entry or a group points at; the profile is the entry's table's.
 using ObjectIds = absl::InlinedVector<ObjectId, 2>;
 ObjectIds references(uint32_t profileId, const Entry& entry);
 

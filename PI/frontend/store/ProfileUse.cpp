@@ -1,4 +1,4 @@
-// What of each action profile is in use.
+// The use of each action profile.
 #include "PI/frontend/store/ProfileUse.h"
 
 namespace pi::fe::proto {
@@ -38,7 +38,7 @@ ProfileUse::Total ProfileUse::total(uint32_t profileId) const {
   return found == totals_.end() ? Total{} : found->second;
 }
 
-void ProfileUse::changed(const ProfilePlan& profile, const Entry* former, const Entry* now) {
+void ProfileUse::countChange(const ProfilePlan& profile, const Entry* former, const Entry* now) {
   if (now != nullptr) doCount(profile, *now, 1);
   if (former != nullptr) doCount(profile, *former, -1);
 }

@@ -1,4 +1,4 @@
-// What of each action profile is in use: by whom its members and groups, and how much of its room.
+// The use of each action profile: the users of its members and groups, and the room taken.
 #pragma once
 
 #include "PI/frontend/model/Plans.h"
@@ -11,7 +11,7 @@ namespace pi::fe::proto {
 // everything else.
 uint64_t sizeTaken(const ProfilePlan& profile, const Entry& entry);
 
-// Counts what is committed. For the Write in progress alone, or while entries are being restored.
+// Counts committed objects. Used by the Write in progress alone, or by the thread that restores.
 class ProfileUse {
  public:
   struct Users {
@@ -28,9 +28,9 @@ class ProfileUse {
   Users users(const ObjectId& object) const;
   Total total(uint32_t profileId) const;
 
-  // A member, a group, or an entry of a table of the profile took the place of another. Null:
-  // nothing stood there, or stands there now.
-  void changed(const ProfilePlan& profile, const Entry* former, const Entry* now);
+  // Counts that `now` took the place of `former`: members, groups, or entries of a table of the
+  // profile. Null: no entry.
+  void countChange(const ProfilePlan& profile, const Entry* former, const Entry* now);
 
  private:
   void doCount(const ProfilePlan& profile, const Entry& entry, int by);

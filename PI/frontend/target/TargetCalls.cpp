@@ -16,7 +16,7 @@ pi_match_key_t matchKey(const TargetSession& session, Entry* entry) {
           reinterpret_cast<char*>(entry->keyData())};
 }
 
-// The interface takes no const bytes; targets only read them.
+// The interface takes bytes that are not const; targets only read them.
 pi_action_data_t actionData(const TargetSession& session, const ActionBytes& action) {
   return {session.p4info, action.actionId, action.data.size(),
           const_cast<char*>(action.data.data())};
@@ -67,7 +67,7 @@ class PiEntry {
   }
 
   pi_table_entry_t entry_{};
-  // What entry_ points to; the rest is never set.
+  // The parts that entry_ points to; the other parts are never set.
   pi_action_data_t action_;
   pi_meter_spec_t spec_;
   pi_direct_res_config_one_t resource_;

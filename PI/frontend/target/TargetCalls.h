@@ -1,5 +1,5 @@
-// The target calls of one update. The first that the target does not answer with success ends them:
-// the later ones are not made, and the target puts back all that was done for the update.
+// The target calls of one update. The first failing call ends them: later calls are not made, and
+// the target puts back all that was done for the update.
 #pragma once
 
 #include "PI/frontend/model/Plans.h"
@@ -10,7 +10,7 @@
 
 namespace pi::fe::proto {
 
-// An action as the target takes it. The bytes belong to someone else.
+// An action as the target takes it. The bytes belong to the caller.
 struct ActionBytes {
   uint32_t actionId = 0;
   std::string_view data;
@@ -18,13 +18,14 @@ struct ActionBytes {
 };
 ActionBytes actionBytes(const Entry& entry);  // of an action or a member
 
-// Within a batch, on the thread that runs it, without a lock.
+// For one update within a batch, on the thread that runs the batch, without a lock. Errors are kept
+// in status(); nothing is thrown.
 class TargetCalls {
  public:
   TargetCalls(const TargetSession& session, uint32_t offset) : session_(session), offset_(offset) {}
 
-  // What the target is to keep with whatever the calls from here on write. The bytes must last
-  // until the last of them.
+  // The context that the target keeps with the writes of the calls from here on. The bytes must
+  // last until the last of these calls.
   void contextIs(uint32_t controllerId, uint64_t controllerMetadata, std::string_view bytes);
 
   void entryAdd(const TablePlan& table, Entry* entry, bool overwrite);  // sets its handle

@@ -7,7 +7,7 @@ namespace pi::fe::proto {
 
 namespace {
 
-// Takes out what is too much, one repeat at a time.
+// Removes the surplus, one repeat at a time.
 class Removal {
  public:
   Removal(TargetCalls* calls, uint32_t profileId, uint64_t group, const std::vector<Share>& shares)

@@ -14,8 +14,8 @@ struct Share {
   uint32_t after = 0;
 };
 
-// Adds come first, so that the group is not empty in between, and packets find at least what both
-// mixes have in common.
+// Adds come first, so that the group is never empty, and packets always find the members that both
+// mixes share.
 void doReshare(TargetCalls* calls, uint32_t profileId, uint64_t group,
                const std::vector<Share>& shares);
 

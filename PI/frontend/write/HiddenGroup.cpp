@@ -34,8 +34,8 @@ std::vector<Element> elementsOf(const TablePlan& table, const Entry& entry) {
   return elements;
 }
 
-// The members, element by element: those that are there already are used again. Those that are not
-// needed any more stay at the end.
+// The members, element by element; existing members are used again. Members no longer needed stay
+// at the end.
 std::vector<Share> builtMembers(uint32_t profileId, const std::vector<Element>& before,
                                 const std::vector<Element>& after, const HiddenHandles& handles,
                                 TargetCalls* calls) {

@@ -6,12 +6,12 @@
 
 namespace pi::fe::proto {
 
-// For an entry with a set: its group and members come to be as the set says. What `former`, which
-// may be null, has of them is used again, changed only where it differs. Enters the handles.
+// For an entry with a set: makes its group and members as the set says, out of those of `former`
+// (may be null), changing only the differences. Enters the handles into `entry`.
 void doBuildHiddenGroup(const TablePlan& table, const Entry* former, Entry* entry,
                         TargetCalls* calls);
 
-// Once no entry points there any more.
+// To be called once no entry points there any more.
 void doDeleteHiddenGroup(uint32_t profileId, const Entry& former, TargetCalls* calls);
 
 }  // namespace pi::fe::proto

@@ -1,4 +1,4 @@
-// Which target calls an update takes.
+// Runs one update: chooses its target calls, and makes them.
 #include "PI/frontend/write/UpdateRun.h"
 
 #include "PI/frontend/store/ProfileObjects.h"

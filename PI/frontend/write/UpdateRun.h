@@ -1,4 +1,4 @@
-// Which target calls an update takes.
+// Runs one update: chooses its target calls, and makes them.
 #pragma once
 
 #include "PI/frontend/check/UpdateCheck.h"
@@ -8,7 +8,7 @@
 namespace pi::fe::proto {
 
 // Runs an update that has been checked and prepared, and enters the target's handles into it.
-// `former` is what stands under its key now, null for an INSERT.
+// `former` is the entry under its key now, null for an INSERT.
 void doRunUpdate(const EntryStore& store, const CheckedUpdate& update, const Entry* former,
                  TargetCalls* calls);
 

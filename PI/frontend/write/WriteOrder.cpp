@@ -26,8 +26,8 @@ uint32_t WriteOrder::level(const CheckedUpdate& update) {
   return level;
 }
 
-// Any of the earlier updates of a key may fail, so what each of them names may still be what the
-// entry points at; a key that is updated that often costs a batch each time anyway.
+// Any earlier update of a key may fail, so the entry may end up pointing at the object of any of
+// them; a key that is updated so often costs a batch each time anyway.
 uint32_t WriteOrder::levelInProfile(const CheckedUpdate& update, const Entry* key, bool isNew,
                                     uint32_t level) {
   KeyHistory& history = keys_[key];
@@ -61,8 +61,8 @@ uint32_t WriteOrder::levelByReferences(const CheckedUpdate& update, const KeyHis
   return own == objects_.end() ? level : std::max(level, own->second.afterReferences);
 }
 
-// A profile is used in one style at a time, so the other style's updates come first; and what needs
-// room that may only just become free waits for it.
+// A profile is used in one style at a time, so the other style's updates come first; an update
+// whose room is freed by an earlier one waits for it.
 uint32_t WriteOrder::levelByProfile(const CheckedUpdate& update, KeyHistory* history,
                                     uint32_t level) {
   ProfileLevels& profile = profileLevels(update.profile->id);

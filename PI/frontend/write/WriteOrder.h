@@ -9,8 +9,8 @@
 
 namespace pi::fe::proto {
 
-// For one Write. An update depends on the earlier ones of its key, on those that write what it
-// points at, and, when it writes a member or group, on those that point there.
+// For one Write. An update depends on earlier updates of its key, on updates of the objects it
+// points at, and, when it writes a member or group, on updates that point there.
 class WriteOrder {
  public:
   WriteOrder(const EntryStore& store, const ProfileUse& use) : store_(store), use_(use) {}
@@ -21,7 +21,7 @@ class WriteOrder {
   uint32_t level(const CheckedUpdate& update);
 
  private:
-  // One more than the last level that counts; 0: there is none.
+  // One more than the last level that counts; 0: no level counts.
   struct ObjectLevels {
     uint32_t afterWrites = 0;
     uint32_t afterReferences = 0;

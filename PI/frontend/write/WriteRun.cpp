@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kBatchUpdateFailed = 40;  // the target writes the error into the status vector
 
-// What a Write has kept comes into the store however the Write ends.
+// Commits the changes that a Write has kept, however the Write ends.
 class WriteScope {
  public:
   explicit WriteScope(EntryStore& store) : store_(store) {}
@@ -103,7 +103,8 @@ void WriteRun::doEndBatch(StatusVector* statuses) {
   _pi_update_pending_status(statuses);
 }
 
-// Out of memory, say. The target must not keep the batch open, and undoes all that has failed.
+// After an exception such as bad_alloc: the target must not keep the batch open, and undoes what
+// failed.
 void WriteRun::doAbandonBatch(StatusVector* statuses) {
   if (!batchOpen_) return;
   for (auto& [offset, error] : *statuses) error.set_canonical_code(code::internal);
@@ -120,13 +121,13 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   if (update.subject == CheckedUpdate::Subject::directCounter) return;  // nothing to change
   maybeBeginBatch(operation);
   TargetCalls calls(session_, offset);
-  // Before the target hears of the update, which the batch may be abandoned in the midst of.
+  // Set before the target hears of the update: the batch may be abandoned in its midst.
   auto& [position, error] = statuses->emplace_back();
   position = offset;
   error.set_canonical_code(code::internal);
   doRunUpdate(store_, update, former, &calls);
   operation.pending = true;
-  if (!calls.anyMade()) {  // it is like that already; the target has nothing to confirm
+  if (!calls.anyMade()) {  // nothing changes, so the target has nothing to confirm
     statuses->pop_back();
     return;
   }
@@ -156,13 +157,13 @@ void WriteRun::maybeBeginBatch(const Operation& operation) {
   anyBatchRun_ = true;
 }
 
-// A Write of which nothing has been run is refused as a whole.
+// A Write none of whose updates ran is refused as a whole.
 void WriteRun::doFailUnrun(const Batch& batch, const NoBatch& refusal) {
   if (!anyBatchRun_) throw refusal;
   for (const uint32_t offset : batch) doFail(offset, refusal.code(), refusal.message());
 }
 
-// What the forwarding plane has taken of a batch.
+// The updates of a batch that the forwarding plane confirmed.
 std::vector<Change> WriteRun::confirmed(const Batch& batch, const StatusVector& failures) {
   doRecordFailures(failures);
   std::vector<Change> changes;
@@ -196,7 +197,7 @@ void WriteRun::doRecordFailures(const StatusVector& failures) {
 void WriteRun::doCountUse(const CheckedUpdate& update) {
   const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
   const bool isDelete = update.type == Update::DELETE;
-  use_.changed(*update.profile, former, isDelete ? nullptr : update.slot.entry.get());
+  use_.countChange(*update.profile, former, isDelete ? nullptr : update.slot.entry.get());
 }
 
 void WriteRun::doFail(uint32_t offset, int code, const std::string& message) {

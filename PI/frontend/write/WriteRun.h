@@ -1,5 +1,5 @@
 // Carries out one Write: checks its updates, runs them through the target in batches, and enters
-// what the forwarding plane confirmed into the store.
+// the confirmed outcome into the store.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@
 
 namespace pi::fe::proto {
 
-// For one Write. One runs at a time for a store, on the thread that answers the Write; no lock may
+// For one Write. One runs at a time for a store, on the thread of the Write; no lock may
 // be held, since the target takes its own and waits for the forwarding plane.
 class WriteRun {
  public:

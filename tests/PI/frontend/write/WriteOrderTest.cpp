@@ -73,7 +73,7 @@ TEST(WriteOrder, RunsTogetherWhatDoesNotDepend) {
     ProfileUse use;
     for (const Update& one : c.committed) {
       const CheckedUpdate checked = checkedUpdate(index, one);
-      use.changed(*checked.profile, nullptr, checked.slot.entry.get());
+      use.countChange(*checked.profile, nullptr, checked.slot.entry.get());
       store.entryIs(checked.slot.entry);
     }
     WriteOrder order(store, use);

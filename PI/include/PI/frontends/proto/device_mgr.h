@@ -1,4 +1,4 @@
-// The P4Runtime front end of one device: validates what controllers send against the P4Info, runs
+// The P4Runtime front end of one device: validates controllers' messages against the P4Info, runs
 // it through the PI target interface, and keeps the mapping between P4Runtime entities and PI
 // handles. All methods are thread-safe. Writes of a device run one after another; no other call
 // waits for a Write that is waiting for the forwarding plane.
@@ -21,7 +21,7 @@ class DeviceMgr {
   using Status = ::google::rpc::Status;
   // False from a sink stops the read (the client has gone).
   using ReadSink = std::function<bool(const p4::v1::ReadResponse&)>;
-  // May take what the response holds. Called with the target's lock held: it must neither wait nor
+  // May move from the response. Called with the target's lock held: it must neither wait nor
   // call the DeviceMgr.
   using StreamMessageResponseCb = std::function<void(
       pi_dev_id_t device_id, p4::v1::StreamMessageResponse* response, void* cookie)>;
@@ -61,7 +61,7 @@ class DeviceMgr {
 
   // Packet out and digest acknowledgements. Packets wait for no Write. A PacketOut that is not as
   // the pipeline's packet_out header has it is INVALID_ARGUMENT (UNIMPLEMENTED: the header itself
-  // cannot be served); what the target refuses is RESOURCE_EXHAUSTED (send it again) or
+  // cannot be served); a refusal of the target is RESOURCE_EXHAUSTED (send it again) or
   // FAILED_PRECONDITION.
   Status stream_message_request_handle(const p4::v1::StreamMessageRequest& request);
   void stream_message_response_register_cb(StreamMessageResponseCb cb, void* cookie);

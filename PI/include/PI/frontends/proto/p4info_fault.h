@@ -1,4 +1,4 @@
-// What a P4Info is refused for before any target sees it.
+// The fault for which a P4Info is refused before any target sees it.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace pi::fe::proto {
 
-// Why DeviceMgr::pipeline_config_set() would refuse the P4Info whatever the target; names the
+// Why DeviceMgr::pipeline_config_set() would refuse the P4Info on any target; names the
 // object. Empty when it would not. Any thread; no target needs to be linked.
 std::string p4info_fault(const p4::config::v1::P4Info& p4Info);
 
