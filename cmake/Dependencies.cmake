@@ -2,12 +2,11 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(Protobuf REQUIRED)
+find_package(absl REQUIRED)
 find_package(fmt REQUIRED)
 find_package(CLI11 REQUIRED)
 find_package(GTest REQUIRED)
 find_package(benchmark REQUIRED)
-pkg_check_modules(ABSL REQUIRED IMPORTED_TARGET absl_btree absl_flat_hash_map absl_flat_hash_set
-                  absl_inlined_vector)
 pkg_check_modules(GRPCXX REQUIRED IMPORTED_TARGET grpc++)
 pkg_check_modules(CJSON REQUIRED IMPORTED_TARGET libcjson)
 pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
