@@ -35,7 +35,7 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint64_t, stateDirectoryBytes, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, electionIdsNotKept, 0)  // a restart would forget them
   VELA_READONLY_ATTRIBUTE(uint64_t, connectionsRefused, 0)  // since the server started
-  VELA_READONLY_ATTRIBUTE(std::string, store, "")  // whether it was begun empty, and why
+  VELA_READONLY_ATTRIBUTE(std::string, store, "")           // whether it was begun empty, and why
 };
 
 }  // namespace P4Runtime

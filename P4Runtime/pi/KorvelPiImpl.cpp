@@ -3,7 +3,6 @@
 #include "P4Runtime/pi/KorvelPiImpl.h"
 
 #include <fmt/format.h>
-#include <p4/v1/p4runtime.pb.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -26,6 +25,7 @@
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_pending_imp.h"
+#include "p4/v1/p4runtime.pb.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 

@@ -2,8 +2,6 @@
 
 #include <fmt/format.h>
 #include <google/protobuf/util/json_util.h>
-#include <p4/tmp/p4config.pb.h>
-#include <p4/v1/p4runtime.pb.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -14,6 +12,8 @@
 #include <utility>
 
 #include "P4Runtime/pipeline/ParsingStatus.h"
+#include "p4/tmp/p4config.pb.h"
+#include "p4/v1/p4runtime.pb.h"
 #include "pipeline/FileKind.h"
 #include "platform/scrivel/Trace.h"
 

@@ -1,11 +1,11 @@
 // Pipeline files that someone has spoilt, in a thousand ways: none ends the agent, and the check of
 // the tool says beforehand what becomes of each.
 #include <cjson/cJSON.h>
-#include <p4/tmp/p4config.pb.h>
 
 #include <random>
 
 #include "P4Runtime/pipeline/ParsingStatus.h"
+#include "p4/tmp/p4config.pb.h"
 #include "pipeline/PipelineCheck.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 

@@ -2,10 +2,11 @@
 
 #include <fmt/format.h>
 #include <google/protobuf/text_format.h>
-#include <p4/tmp/p4config.pb.h>
 
 #include <stdexcept>
 #include <vector>
+
+#include "p4/tmp/p4config.pb.h"
 
 namespace TestSupport {
 namespace {

@@ -1,0 +1,222 @@
+#!/usr/bin/env python3
+"""Checks every #include of the tree against one table of which folder may include which.
+
+  tests/tree/includes.py [ROOT]      # ROOT: the tree to check, by default the one it stands in
+
+A room is a folder with a line in the table. Files of one room include each other freely; another room only
+if the line names it or a folder above it. `FOLDER/*` is one room of all folders below FOLDER. The table
+itself must lead one way: it may hold no circle. Headers of the tree stand in quotes, by their path from the
+root (those below PI/include and proto by their path from there), all others in angle brackets.
+
+Prints a line for each offence, `file:line: from -> to: what to do`, and ends with status 1 if there was any.
+"""
+
+import os
+import pathlib
+import re
+import sys
+
+TABLE = """
+# room                    may include
+proto/*                   -
+
+platform/scrivel          -
+platform/vela             platform/scrivel
+platform/orrery           platform/scrivel platform/vela
+platform/brine            platform/vela
+platform/lattice          platform/scrivel platform/vela platform/brine
+platform/pollen           platform/scrivel platform/vela platform/orrery platform/brine platform/lattice
+platform/wirra            platform/scrivel platform/vela platform/orrery
+
+PI/include/PI             -
+PI/include/PI/*           PI/include/PI proto
+PI/core                   PI/include
+PI/frontend/base          PI/include proto
+PI/frontend/model         PI/frontend/base PI/include proto
+PI/frontend/store         PI/frontend/base PI/frontend/model PI/include proto
+PI/frontend/check         PI/frontend/base PI/frontend/model PI/frontend/store PI/include proto
+PI/frontend/target        PI/frontend/base PI/frontend/model PI/frontend/store PI/frontend/check PI/include proto
+PI/frontend/write         PI/frontend/base PI/frontend/model PI/frontend/store PI/frontend/check PI/frontend/target PI/include proto
+PI/frontend/read          PI/frontend/base PI/frontend/model PI/frontend/store PI/frontend/check PI/frontend/target PI/include proto
+PI/frontend/restore       PI/frontend/base PI/frontend/model PI/frontend/store PI/frontend/check PI/frontend/target PI/include proto
+PI/frontend               PI/frontend PI/core PI/include proto
+PI/server                 PI/core PI/include proto
+
+pipeline                  platform PI/include proto
+
+P4Runtime/companion       platform
+P4Runtime/plugin          P4Runtime/companion platform
+P4Runtime/pipeline        P4Runtime/companion pipeline platform PI/include proto
+P4Runtime/packet          P4Runtime/companion P4Runtime/pipeline platform PI/include proto
+P4Runtime/table           P4Runtime/companion P4Runtime/pipeline platform PI/include proto
+P4Runtime/pi              P4Runtime/companion P4Runtime/pipeline P4Runtime/packet P4Runtime/table platform PI/include proto
+P4Runtime/agent           P4Runtime pipeline platform PI/include proto
+
+forwarder                 platform
+cli/pipeline              pipeline proto
+cli                       cli/pipeline P4Runtime/agent P4Runtime/companion pipeline platform
+
+examples/minimal-forwarder   platform/lattice
+examples/plugins/table-use   P4Runtime/plugin
+
+tests/support             platform proto
+tests/support/plugins     P4Runtime/plugin
+tests/platform/*          platform tests/support
+tests/PI/*                PI proto
+tests/pipeline            pipeline cli/pipeline platform proto tests/support
+tests/P4Runtime/*         P4Runtime pipeline platform PI/include proto tests/support tests/platform
+tests/forwarder           forwarder platform tests/support
+tests/cli                 P4Runtime/agent platform tests/support
+tests/e2e                 platform/vela proto tests/support
+
+bench/brine               platform tests/support
+bench/forwarder           forwarder platform
+bench/frontend            PI/include proto
+bench/p4runtime           proto tests/support
+bench/packet              bench/p4runtime proto tests/support
+"""
+
+# Arrows against the table that are still there; they are not to grow. An arrow that is gone leaves this list.
+EXCEPTIONS = """
+P4Runtime/pipeline        P4Runtime/pi
+P4Runtime/table           P4Runtime/pi
+P4Runtime/pi              P4Runtime/agent
+"""
+
+SOURCE = re.compile(r"\.(h|c|cc|cpp|proto)$")
+INCLUDE = re.compile(r'\s*#\s*include\s*([<"])([^">]+)[>"]')
+GENERATED = re.compile(r"(?:p4|google/rpc)/.*\.pb\.h$")  # built from proto/
+
+
+class Room:
+    def __init__(self, line):
+        self.name, *allowed = line.split()
+        self.folder = self.name.removesuffix("/*")
+        self.allowed = [folder for folder in allowed if folder != "-"]
+
+    def holds(self, folder):
+        if self.name.endswith("/*"):
+            return folder.startswith(self.folder + "/")
+        return folder == self.folder
+
+    def may_include(self, room):
+        return any((room.folder + "/").startswith(folder + "/") for folder in self.allowed)
+
+
+class Table:
+    def __init__(self, text, exceptions=""):
+        lines = (line.split("#")[0].strip() for line in text.splitlines())
+        self.rooms = [Room(line) for line in lines if line]
+        self.exceptions = {tuple(line.split()): False for line in exceptions.splitlines() if line}
+
+    def room_of(self, folder):
+        """The room of exactly this folder, else the nearest FOLDER/* above it, else None."""
+        holders = [room for room in self.rooms if room.holds(folder)]
+        return max(holders, key=lambda room: (room.name == folder, len(room.name)), default=None)
+
+    def circle(self):
+        """Some rooms that may include each other in a circle, or none."""
+        done = set()
+
+        def walk(room, path):
+            if room in path:
+                return path[path.index(room):] + [room]
+            if room in done:
+                return []
+            done.add(room)
+            onward = (other for other in self.rooms if other != room and room.may_include(other))
+            return next(filter(None, (walk(other, path + [room]) for other in onward)), [])
+
+        return next(filter(None, (walk(room, []) for room in self.rooms)), [])
+
+
+def source_files(root):
+    """Paths from the root; hidden folders and build folders are passed over."""
+    for folder, folders, names in os.walk(root):
+        if "CMakeCache.txt" in names:
+            folders.clear()
+            continue
+        folders[:] = sorted(name for name in folders if not name.startswith("."))
+        for name in sorted(filter(SOURCE.search, names)):
+            yield (pathlib.Path(folder) / name).relative_to(root).as_posix()
+
+
+class Check:
+    def __init__(self, root, table):
+        self.root, self.table = root, table
+        self.files = list(source_files(root))
+        self.known = set(self.files)
+        self.offences = []
+
+    def offend(self, place, message):
+        self.offences.append(f"{place}: {message}")
+
+    def run(self):
+        self.check_table()
+        for file in self.files:
+            self.check_file(file)
+        for arrow, used in self.table.exceptions.items():
+            if not used:
+                self.offend("exceptions", f"{' -> '.join(arrow)} is gone; take its line out")
+        return self.offences
+
+    def check_table(self):
+        circle = self.table.circle()
+        if circle:
+            self.offend("table", " -> ".join(room.name for room in circle) +
+                        ": a circle; decide which of these rooms comes first, and take an arrow out")
+        used = {self.table.room_of(os.path.dirname(file)) for file in self.files}
+        for room in self.table.rooms:
+            if room not in used:
+                self.offend("table", f"{room.name} has no sources; take its line out")
+
+    def check_file(self, file):
+        room = self.table.room_of(os.path.dirname(file))
+        if not room:
+            self.offend(file, f"{os.path.dirname(file) or 'the root'} is not in the table; give it a line in {__file__}")
+            return
+        for number, line in enumerate((self.root / file).read_text(encoding="utf-8").splitlines(), 1):
+            found = INCLUDE.match(line)
+            if found:
+                self.check_include(f"{file}:{number}", room, *found.groups())
+
+    def check_include(self, place, room, mark, name):
+        target = self.target_folder(name)
+        if target is None:
+            beside = os.path.normpath(os.path.join(os.path.dirname(place), name))
+            if beside in self.known:
+                self.offend(place, f'name it by its path from the root: #include "{beside}"')
+            elif mark == '"' and not name.startswith("absl/"):
+                self.offend(place, f"not a header of this tree; write #include <{name}>")
+            return
+        if mark == "<":
+            self.offend(place, f'a header of this tree; write #include "{name}"')
+        other = self.table.room_of(target)
+        if not other or other == room or room.may_include(other):
+            return
+        if (room.name, other.name) in self.table.exceptions:
+            self.table.exceptions[room.name, other.name] = True
+        else:
+            self.offend(place, f"{room.name} -> {other.name}: the table has no such arrow; hand in what is "
+                               f"needed, or move it to a room that both may include")
+
+    def target_folder(self, name):
+        """The folder of the tree in which an included header stands; None for headers of others."""
+        if GENERATED.match(name):
+            return "proto/" + os.path.dirname(name)
+        for path in (name, "PI/include/" + name):
+            if path in self.known:
+                return os.path.dirname(path)
+        return None
+
+
+def main():
+    root = pathlib.Path(sys.argv[1] if len(sys.argv) > 1 else pathlib.Path(__file__).parents[2])
+    check = Check(root.resolve(), Table(TABLE, EXCEPTIONS))
+    offences = check.run()
+    print("\n".join(offences) if offences else f"{len(check.files)} files include only what they may")
+    sys.exit(1 if offences else 0)
+
+
+if __name__ == "__main__":
+    main()
