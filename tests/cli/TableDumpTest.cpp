@@ -183,7 +183,7 @@ TEST_F(TableDumpTest, ADamagedStoreEndsWithAnErrorThatNamesIt) {
     std::ofstream(file, std::ios::binary) << flipped;
     const CommandResult result = TestSupport::run(
         {TestSupport::binaryPath("korvel"), "table", "dump", "--state-dir", directory_.path()},
-                         {"SCRIVEL_DISABLE=1"});
+        {"SCRIVEL_DISABLE=1"});
     EXPECT_EQ(result.exit.signal, 0) << result.error;
     const bool lost = result.output.find("handle 299") == std::string::npos;
     EXPECT_EQ(result.exit.code, result.error.empty() ? 0 : 1);

@@ -57,8 +57,8 @@ bool Switch::startForwarder() {
 }
 
 bool Switch::connectController() {
-  controller_ = std::make_unique<TestController>(agent.address(), ++electionId_,
-                                                 agent.options().deviceId);
+  controller_ =
+      std::make_unique<TestController>(agent.address(), ++electionId_, agent.options().deviceId);
   controller_->onPacketInIs(onPacketIn);
   return controller_->becomePrimary();
 }
