@@ -41,8 +41,8 @@ endfunction()
 function(korvel_test NAME)
   cmake_parse_arguments(A "" "" "SOURCES;DEPS;LABELS" ${ARGN})
   add_executable(${NAME} ${A_SOURCES})
-  target_link_libraries(${NAME} PRIVATE korvel_options ${A_DEPS} GTest::gtest GTest::gmock
-                                        GTest::gtest_main)
+  target_link_libraries(${NAME} PRIVATE korvel_options ${A_DEPS} test_files GTest::gtest
+                                        GTest::gmock GTest::gtest_main)
   add_test(NAME ${NAME} COMMAND ${NAME})
   if(NOT A_LABELS)
     set(A_LABELS unit)

@@ -4,16 +4,16 @@
 // keys are random, so that each row touches pages of its own; cache records stand by entry handle.
 // Time is per entry.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <random>
+#include <stdexcept>
 #include <string>
 
 #include "platform/brine/Store.h"
 #include "platform/lattice/Database.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/ReactorLoop.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -24,21 +24,14 @@ constexpr const char* routeType = R"(
   action { set_nexthop 16777218 { nexthop_id : U32; } drop 16777219 { none : Void; } }
 )";
 
-std::string temporaryDirectory() {
-  std::string path = "/dev/shm/korvel-bench-XXXXXX";
-  if (!mkdtemp(path.data())) throw std::runtime_error("cannot make " + path);
-  return path;
-}
-
 // A switch's state directory, filled up to `entries`.
 class Switch {
  public:
-  explicit Switch(size_t entries)
-      : directory_(temporaryDirectory()), store_(Brine::Store::open({.directory = directory_})) {
+  explicit Switch(size_t entries) : store_(Brine::Store::open({.directory = directory_.path()})) {
     const Vela::ActivityLock lock;
-    database_ = Lattice::Database::create(
-        loop_, *store_,
-        {.doorbellPath = directory_ + "/doorbell.sock", .journalChangesWithoutSubscriber = 1000});
+    database_ = Lattice::Database::create(loop_, *store_,
+                                          {.doorbellPath = directory_.file("doorbell.sock"),
+                                           .journalChangesWithoutSubscriber = 1000});
     Lattice::TheTypeRegistry().typeIs(Lattice::TableType::compile("RouteType", routeType));
     routes_ = Vela::make<Lattice::ArTableInterface>("routes", "RouteType", nullptr);
     database_->bindInterface(routes_, "routes", true);
@@ -50,7 +43,6 @@ class Switch {
     routes_ = nullptr;
     database_.reset();
     store_.reset();
-    std::filesystem::remove_all(directory_);
   }
 
   // The scope ends once for the rows and records of the batch, and once for the changes of state
@@ -91,7 +83,7 @@ class Switch {
     std::fill(room.begin(), room.end(), state);
   }
 
-  const std::string directory_;
+  const TestSupport::TempDir directory_;
   std::unique_ptr<Brine::Store> store_;
   Vela::ReactorLoop loop_;
   std::unique_ptr<Lattice::Database> database_;

@@ -14,6 +14,8 @@
 #include <optional>
 #include <thread>
 
+#include "tests/support/TempDir.h"
+
 namespace Forwarder {
 namespace {
 
@@ -21,13 +23,6 @@ namespace fs = std::filesystem;
 
 class ControlSocketTest : public testing::Test {
  protected:
-  ControlSocketTest() {
-    std::string pattern = fs::temp_directory_path() / "korvel-control-XXXXXX";
-    directory_ = mkdtemp(pattern.data());
-    path_ = controlPath(directory_, "x");
-  }
-  ~ControlSocketTest() override { fs::remove_all(directory_); }
-
   ControlSocket echo() {
     return ControlSocket(path_, [](std::string_view line) {
       if (line == "no") return Answer{false, "no means no"};
@@ -58,8 +53,9 @@ class ControlSocketTest : public testing::Test {
     return descriptor;
   }
 
-  std::string directory_;
-  std::string path_;
+  const TestSupport::TempDir folder_;
+  const std::string& directory_ = folder_.path();
+  std::string path_ = controlPath(directory_, "x");
 };
 
 TEST_F(ControlSocketTest, AnswersTextRefusalsAndMuch) {

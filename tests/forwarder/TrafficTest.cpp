@@ -10,7 +10,7 @@
 #include "forwarder/FlowPublisher.h"
 #include "forwarder/TrafficCommand.h"
 #include "tests/forwarder/Packing.h"
-#include "tests/platform/brine/TempDirectory.h"
+#include "tests/support/TempDir.h"
 
 namespace Forwarder {
 namespace {
@@ -308,7 +308,7 @@ class PublishedTest : public TrafficTest {
     return found[0].packets;
   }
 
-  TestSupport::TempDirectory state_;
+  TestSupport::TempDir state_;
   FlowPublisher publisher_{state_.path(), "main", agent_.flows(),
                            [this] { agent_.doRepublishFlows(); }};
   std::unique_ptr<Lattice::FlowCounterReader> reader_ =
@@ -352,7 +352,7 @@ TEST_F(PublishedTest, AnotherStateDirectoryGetsEveryCount) {
   route("10.0.0.0", 8, 1, counter({{1, 1}}));
   route("11.0.0.0", 8, 2, counter({{2, 2}}));
   publish();
-  std::filesystem::remove_all(state_ / "counters");
+  std::filesystem::remove_all(state_.file("counters"));
   route("12.0.0.0", 8, 3, counter({{3, 3}}));
   publish();
   for (const uint64_t handle : {1, 2, 3}) EXPECT_EQ(packets(handle), handle);

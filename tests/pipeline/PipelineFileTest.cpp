@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstring>
+#include <filesystem>
 
 #include "cli/pipeline/PipelineShow.h"
 #include "p4/tmp/p4config.pb.h"

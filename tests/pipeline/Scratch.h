@@ -3,15 +3,14 @@
 
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include "p4/config/v1/p4info.pb.h"
 #include "pipeline/Finding.h"
+#include "tests/support/TempDir.h"
 
 inline p4::config::v1::P4Info p4InfoOf(const std::string& text) {
   p4::config::v1::P4Info p4Info;
@@ -28,12 +27,7 @@ inline std::string textOf(const Pipeline::Findings& findings) {
 
 class ScratchTest : public testing::Test {
  protected:
-  ScratchTest() : folder_(testing::TempDir() + "korvel-pipeline-XXXXXX") {
-    mkdtemp(folder_.data());
-  }
-  ~ScratchTest() override { std::filesystem::remove_all(folder_); }
-
-  std::string path(const std::string& name) const { return folder_ + '/' + name; }
+  std::string path(const std::string& name) const { return folder_.file(name); }
   std::string written(const std::string& name, const std::string& contents) const {
     std::ofstream(path(name), std::ios::binary) << contents;
     return path(name);
@@ -55,5 +49,5 @@ class ScratchTest : public testing::Test {
   }
 
  private:
-  std::string folder_;
+  const TestSupport::TempDir folder_;
 };

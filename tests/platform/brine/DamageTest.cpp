@@ -5,21 +5,22 @@
 #include <lmdb.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <random>
 
 #include "platform/brine/Store.h"
-#include "tests/platform/brine/TempDirectory.h"
+#include "tests/support/TempDir.h"
 
 namespace Brine {
 namespace {
 
-using TestSupport::TempDirectory;
+using TestSupport::TempDir;
 
 struct DamageTest : testing::Test {
-  TempDirectory directory;
-  std::string file = directory / "brine.mdb";
+  TempDir directory;
+  std::string file = directory.file("brine.mdb");
 
   // Answers the bytes that matter: the file itself is as long as the store may grow.
   size_t fill(int records) {

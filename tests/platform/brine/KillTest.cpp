@@ -4,11 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
 #include <random>
 
 #include "platform/brine/Store.h"
-#include "tests/platform/brine/TempDirectory.h"
+#include "tests/support/TempDir.h"
 
 namespace Brine {
 
@@ -18,7 +19,7 @@ int openAndSay(const std::string& directory, int said);
 
 namespace {
 
-using TestSupport::TempDirectory;
+using TestSupport::TempDir;
 
 // Each round r writes, in one commit: the number of the round, a row and a cache record with equal
 // contents under random keys, and now and then erases some.
@@ -57,7 +58,7 @@ std::map<std::string, std::string> contents(Store& store, TableNumber table) {
 }
 
 TEST(KillTest, LeavesTheStateOfOneCommit) {
-  const TempDirectory directory;
+  const TempDir directory;
   std::mt19937 random(4);
   uint64_t lastRound = 0;
   for (int kills = 0; kills < 60; ++kills) {
@@ -92,7 +93,7 @@ TEST(KillTest, LeavesTheStateOfOneCommit) {
 // A store that is mostly free is written anew, without the free pages, when it is opened. A process
 // killed at that leaves the former file or the new one.
 TEST(KillTest, WhileCompactingLosesNothing) {
-  const TempDirectory directory;
+  const TempDir directory;
   std::map<std::string, std::string> expected;
   const auto fill = [&] {
     const auto store = Store::open({.directory = directory.path()});

@@ -9,12 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
 
 #include "platform/brine/Store.h"
-#include "tests/platform/brine/TempDirectory.h"
+#include "tests/support/TempDir.h"
 
 namespace Brine {
 namespace {
@@ -22,11 +23,11 @@ namespace {
 namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::HasSubstr;
-using TestSupport::TempDirectory;
+using TestSupport::TempDir;
 
 struct OpeningTest : testing::Test {
-  TempDirectory parent;
-  std::string directory = parent / "state";
+  TempDir parent;
+  std::string directory = parent.file("state");
   StoreOptions options{.directory = directory};
 
   void fill() const {
@@ -51,7 +52,7 @@ struct OpeningTest : testing::Test {
 
 TEST_F(OpeningTest, WhatIsNoFileIsNamedAndCostsNothing) {
   fill();
-  const std::string aside = parent / "aside", precious = parent / "precious";
+  const std::string aside = parent.file("aside"), precious = parent.file("precious");
   std::ofstream(precious) << "precious";
   const struct {
     const char* what;
@@ -60,7 +61,7 @@ TEST_F(OpeningTest, WhatIsNoFileIsNamedAndCostsNothing) {
       {"a directory", [](auto& path) { fs::create_directory(path); }},
       {"a fifo", [](auto& path) { ASSERT_EQ(mkfifo(path.c_str(), 0600), 0); }},
       {"a symbolic link", [&](auto& path) { fs::create_symlink(precious, path); }},
-      {"a symbolic link", [&](auto& path) { fs::create_symlink(parent / "nowhere", path); }},
+      {"a symbolic link", [&](auto& path) { fs::create_symlink(parent.file("nowhere"), path); }},
       {"a device", [](auto& path) { mknod(path.c_str(), S_IFCHR | 0600, makedev(1, 5)); }},
   };
   for (const char* name : {"brine.mdb", "brine.mdb-lock", "brine.writer"}) {
@@ -83,7 +84,7 @@ TEST_F(OpeningTest, WhatIsNoFileIsNamedAndCostsNothing) {
     }
   }
   EXPECT_EQ(fs::file_size(precious), 8u);
-  EXPECT_FALSE(fs::exists(parent / "nowhere"));
+  EXPECT_FALSE(fs::exists(parent.file("nowhere")));
 }
 
 TEST_F(OpeningTest, FilesAreTheOwnersAloneWhateverTheMask) {
@@ -102,8 +103,8 @@ TEST_F(OpeningTest, ADirectoryThatOthersMayChangeIsRefused) {
   fs::permissions(directory, fs::perms::group_write, fs::perm_options::add);
   EXPECT_THAT(refusal().value().what(), HasSubstr("chmod 0700"));
   fs::permissions(directory, fs::perms::owner_all);
-  fs::create_directory_symlink(directory, parent / "link");
-  options.directory = parent / "link";
+  fs::create_directory_symlink(directory, parent.file("link"));
+  options.directory = parent.file("link");
   EXPECT_THAT(refusal().value().what(), HasSubstr("symbolic link"));
   options.directory = directory;
   EXPECT_EQ(kept(), "kept");

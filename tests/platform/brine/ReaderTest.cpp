@@ -5,15 +5,16 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include "platform/brine/Store.h"
-#include "tests/platform/brine/TempDirectory.h"
+#include "tests/support/TempDir.h"
 
 namespace Brine {
 namespace {
 
-using TestSupport::TempDirectory;
+using TestSupport::TempDir;
 
 void putText(Store& store, TableNumber table, const std::string& key, const std::string& value) {
   store.put(table, asBytes(key), asBytes(value));
@@ -38,7 +39,7 @@ void killReaderInMidSnapshot(const std::string& directory) {
 }
 
 TEST(ReaderTest, SeesOneCommitAtATime) {
-  const TempDirectory directory;
+  const TempDir directory;
   auto store = Store::open({.directory = directory.path()});
   const auto rows = store->table("rows");
   auto reader = Reader::open(directory.path());
@@ -54,7 +55,7 @@ TEST(ReaderTest, SeesOneCommitAtATime) {
 }
 
 TEST(ReaderTest, FollowsTablesThatComeAndGo) {
-  const TempDirectory directory;
+  const TempDir directory;
   auto store = Store::open({.directory = directory.path()});
   auto reader = Reader::open(directory.path());
   for (int round = 0; round < 5; ++round) {
@@ -69,7 +70,7 @@ TEST(ReaderTest, FollowsTablesThatComeAndGo) {
 }
 
 TEST(ReaderTest, IsMissingUntilThereIsAStore) {
-  const TempDirectory directory;
+  const TempDir directory;
   try {
     Reader::open(directory.path());
     FAIL() << "read a store that is not there";
@@ -80,7 +81,7 @@ TEST(ReaderTest, IsMissingUntilThereIsAStore) {
 
 // Readers in another process, and killed there, neither tear a commit nor keep its pages for ever.
 TEST(ReaderTest, OfAnotherProcessSeesWholeCommitsAndMayDie) {
-  const TempDirectory directory;
+  const TempDir directory;
   auto store = Store::open({.directory = directory.path()});
   const auto rows = store->table("rows"), caches = store->table("caches");
   putText(*store, rows, "n", "0");
@@ -124,15 +125,15 @@ TEST(ReaderTest, OfAnotherProcessSeesWholeCommitsAndMayDie) {
 // A reader that was killed in mid-snapshot held its pages for good once the store was full: the
 // check for such readers came with successful commits only.
 TEST(ReaderTest, KilledInMidSnapshotDoesNotFillTheStore) {
-  const TempDirectory directory;
-  const std::string small = directory / "small";
+  const TempDir directory;
+  const std::string small = directory.file("small");
   std::filesystem::create_directory(small);
   const bool mounted = mount("korvel-test", small.c_str(), "tmpfs", 0, "size=3m,mode=0700") == 0;
   const struct {
     const char* what;
     StoreOptions options;
     bool possible;
-  } cases[] = {{"a small map", {.directory = directory / "map", .maxBytes = 2 << 20}, true},
+  } cases[] = {{"a small map", {.directory = directory.file("map"), .maxBytes = 2 << 20}, true},
                {"a small directory", {.directory = small}, mounted}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

@@ -5,16 +5,18 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
+#include <filesystem>
 #include <map>
 #include <random>
+#include <stdexcept>
 
 #include "platform/brine/Records.h"
-#include "tests/platform/brine/TempDirectory.h"
+#include "tests/support/TempDir.h"
 
 namespace Brine {
 namespace {
 
-using TestSupport::TempDirectory;
+using TestSupport::TempDir;
 
 std::string textAt(Store& store, TableNumber table, const std::string& key) {
   const auto found = store.get(table, asBytes(key));
@@ -38,7 +40,7 @@ std::map<std::string, std::string> contents(Store& store, TableNumber table) {
 }
 
 struct StoreTest : testing::Test {
-  TempDirectory directory;
+  TempDir directory;
   std::unique_ptr<Store> store = Store::open({.directory = directory.path()});
   TableNumber table = store->table("rows");
   void reopen() {
@@ -196,7 +198,7 @@ TEST_F(StoreTest, RewritingTheSameRecordsTakesNoMoreRoom) {
 }
 
 struct FullStoreTest : StoreTest {
-  std::string small = directory / "small";
+  std::string small = directory.file("small");
   bool mounted = false;
   void SetUp() override {
     std::filesystem::create_directory(small);

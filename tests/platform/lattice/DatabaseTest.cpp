@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 
+#include <filesystem>
+#include <stdexcept>
+
 #include "platform/lattice/StoreLayout.h"
 #include "tests/platform/brine/FailingStore.h"
 #include "tests/platform/brine/Flipping.h"
-#include "tests/platform/brine/TempDirectory.h"
 #include "tests/platform/lattice/AgentFixture.h"
+#include "tests/support/TempDir.h"
 
 namespace Lattice {
 namespace {
@@ -15,7 +18,7 @@ using namespace TestSupport;
 using Vela::ActivityLock;
 
 struct DatabaseTest : testing::Test {
-  TempDirectory directory;
+  TempDir directory;
   std::unique_ptr<Agent> agent = std::make_unique<Agent>(directory.path());
   ArTableInterface* routes = &agent->table("routes");
   std::unique_ptr<Follower> follower = std::make_unique<Follower>(directory.path());
@@ -346,12 +349,12 @@ TEST_F(DatabaseTest, SeveralFollowersDecideTogether) {
 
 // Followers know tables by their numbers: one of two tables would take the other's rows.
 TEST(FullDatabaseTest, ATableNumberOfAFailedCommitIsNotGivenToAnotherTable) {
-  const TempDirectory directory;
+  const TempDir directory;
   FailingStore store(directory.path());
   Vela::ReactorLoop loop;
   const ActivityLock lock;
   const auto database =
-      Database::create(loop, store, {.doorbellPath = directory / "doorbell.sock"});
+      Database::create(loop, store, {.doorbellPath = directory.file("doorbell.sock")});
   TheTypeRegistry().typeIs(TableType::compile("routesType", routeType));
   std::map<std::string, Vela::Ptr<ArTableInterface>> tables;
   const auto bind = [&](const std::string& name) {
@@ -376,7 +379,7 @@ TEST_F(DatabaseTest, DamagedRowsKeepAFollowerFromTakingASnapshotUntilTheyAreMend
   constexpr uint32_t first = 0x0a0b0c00;
   write(first, first + 10);
   ASSERT_TRUE(inStep());
-  flipBehind(directory / "brine.mdb", route(first + 5, 1).key, 8);
+  flipBehind(directory.file("brine.mdb"), route(first + 5, 1).key, 8);
   Follower late(directory.path(), "late");
   const auto trouble = [&] { return late.subscriber->trouble(); };
   ASSERT_TRUE(Agent::followUntil({late.subscriber.get()}, [&] {
@@ -389,8 +392,8 @@ TEST_F(DatabaseTest, DamagedRowsKeepAFollowerFromTakingASnapshotUntilTheyAreMend
 }
 
 TEST(FullDatabaseTest, AFullStateDirectoryFailsTheBatchAndLeavesTheFormerRows) {
-  const TempDirectory directory;
-  const std::string small = directory / "small";
+  const TempDir directory;
+  const std::string small = directory.file("small");
   std::filesystem::create_directory(small);
   if (mount("korvel-test", small.c_str(), "tmpfs", 0, "size=1m,mode=0700") != 0) {
     GTEST_SKIP() << "mounting a small tmpfs needs root";

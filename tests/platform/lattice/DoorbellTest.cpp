@@ -10,8 +10,8 @@
 #include "platform/lattice/DoorbellSocket.h"
 #include "platform/lattice/Packing.h"
 #include "platform/vela/UnixListener.h"
-#include "tests/platform/brine/TempDirectory.h"
 #include "tests/platform/lattice/AgentFixture.h"
+#include "tests/support/TempDir.h"
 
 namespace Lattice {
 namespace {
@@ -70,13 +70,13 @@ TEST(DoorbellMessage, CarriesReportsUpToItsLimits) {
 }
 
 struct DoorbellTest : testing::Test {
-  TempDirectory directory;
+  TempDir directory;
   Agent agent{directory.path()};
   Socket connect() {
     int error = 0;
     Socket socket;
     do {  // the agent may have others to accept first
-      socket = connectedTo(directory / "doorbell.sock", &error);
+      socket = connectedTo(directory.file("doorbell.sock"), &error);
     } while (!socket && error == EAGAIN);
     EXPECT_TRUE(socket) << error;
     return socket;
@@ -87,7 +87,7 @@ struct DoorbellTest : testing::Test {
 
 TEST_F(DoorbellTest, OnlyItsOwnerMayConnect) {
   struct stat status {};
-  ASSERT_EQ(stat((directory / "doorbell.sock").c_str(), &status), 0);
+  ASSERT_EQ(stat((directory.file("doorbell.sock")).c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600u);
 }
 
@@ -146,8 +146,8 @@ TEST_F(DoorbellTest, WhoDoesNotReadDoesNotBlockTheAgent) {
 }
 
 TEST_F(DoorbellTest, SubscribersSurviveAnAgentThatTalksNonsense) {
-  const TempDirectory other;
-  const Vela::UnixListener listener({.path = other / "doorbell.sock", .type = SOCK_SEQPACKET});
+  const TempDir other;
+  const Vela::UnixListener listener({.path = other.file("doorbell.sock"), .type = SOCK_SEQPACKET});
   Follower follower(other.path());
   const std::string answers[] = {"garbage", std::string(maxMessageBytes + 1, 'x'),
                                  RingMessage{5}.encode(), RefusedMessage{"not you"}.encode(),

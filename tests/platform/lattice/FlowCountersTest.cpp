@@ -16,7 +16,7 @@
 
 #include "platform/brine/Store.h"
 #include "platform/lattice/FlowCountersLayout.h"
-#include "tests/platform/brine/TempDirectory.h"
+#include "tests/support/TempDir.h"
 
 namespace Lattice {
 
@@ -42,7 +42,7 @@ class FlowCountersTest : public testing::Test {
     return found;
   }
   std::string dataOf(const std::string& name) {
-    return state_ / ("counters/" + flowCountersFolder(name) + "/brine.mdb");
+    return state_.file("counters/" + flowCountersFolder(name) + "/brine.mdb");
   }
   // A process of that name counts in `flows` flows, and ends.
   void haveCounted(const std::string& name, unsigned flows) {
@@ -70,7 +70,7 @@ class FlowCountersTest : public testing::Test {
     return true;
   }
 
-  TestSupport::TempDirectory state_;
+  TestSupport::TempDir state_;
   std::unique_ptr<FlowCounterReader> reader_ = FlowCounterReader::create(state_.path());
 };
 
@@ -111,11 +111,11 @@ TEST_F(FlowCountersTest, CollectionsThatGoOrAreReplacedAreNoticed) {
   haveCounted("a", 3);
   haveCounted("b", 2);
   EXPECT_EQ(counts("f1").size(), 2u);
-  fs::remove_all(state_ / "counters/b");
+  fs::remove_all(state_.file("counters/b"));
   EXPECT_EQ(counts("f1").size(), 1u);
   haveCounted("b", 2);
   EXPECT_EQ(counts("f1").size(), 2u);
-  fs::rename(state_ / "counters", state_ / "elsewhere");
+  fs::rename(state_.file("counters"), state_.file("elsewhere"));
   EXPECT_TRUE(comesTo("f1", {}));
   haveCounted("c", 2);
   EXPECT_TRUE(comesTo("f1", {{1, 1}}));
@@ -124,7 +124,7 @@ TEST_F(FlowCountersTest, CollectionsThatGoOrAreReplacedAreNoticed) {
 TEST_F(FlowCountersTest, AWriterKnowsThatTheStateDirectoryWasMadeAnew) {
   const auto lost = writer("main");
   EXPECT_TRUE(lost->reachable());
-  fs::remove_all(state_ / "counters");
+  fs::remove_all(state_.file("counters"));
   EXPECT_FALSE(lost->reachable());
   const auto again = writer("main");
   EXPECT_FALSE(lost->reachable());
@@ -175,7 +175,7 @@ TEST_F(FlowCountersTest, WhateverIsBrokenIsPassedOver) {
     if (!fs::is_directory(folder)) continue;
     if (fs::exists(dataOf("bad")) && !fs::is_regular_file(dataOf("bad"))) continue;
     haveCounted("bad", 2);  // the writer makes a damaged store anew
-    EXPECT_EQ(std::distance(fs::directory_iterator(state_ / "counters"), {}), 2);
+    EXPECT_EQ(std::distance(fs::directory_iterator(state_.file("counters")), {}), 2);
     EXPECT_TRUE(comesTo("f1", {{1, 1}, {10, 10}}));
   }
 }
@@ -210,7 +210,7 @@ TEST_F(FlowCountersTest, NamesBecomeFoldersOfTheirOwn) {
   }
   EXPECT_EQ(counts("f").size(), std::size(names));
   EXPECT_EQ(std::distance(fs::directory_iterator(state_.path()), {}), 1);
-  EXPECT_EQ(std::distance(fs::directory_iterator(state_ / "counters"), {}),
+  EXPECT_EQ(std::distance(fs::directory_iterator(state_.file("counters")), {}),
             static_cast<long>(std::size(names)));
   for (const std::string& name : {std::string(), std::string(65, 'n')}) {
     EXPECT_THROW(writer(name), Brine::StoreError);

@@ -7,8 +7,8 @@
 
 #include <random>
 
-#include "tests/platform/brine/TempDirectory.h"
 #include "tests/platform/lattice/AgentFixture.h"
+#include "tests/support/TempDir.h"
 
 namespace Lattice {
 namespace {
@@ -43,7 +43,7 @@ void writeBatch(Agent& agent, ArTableInterface& routes, std::mt19937_64& random)
 }
 
 TEST(LatticeKillTest, AFollowerHoldsWhatTheTablesHold) {
-  const TempDirectory directory;
+  const TempDir directory;
   Follower follower(directory.path());
   std::mt19937_64 random(8);
   for (unsigned kills = 0; kills < 25; ++kills) {

@@ -5,8 +5,8 @@
 
 #include <stdexcept>
 
-#include "tests/platform/brine/TempDirectory.h"
 #include "tests/platform/lattice/AgentFixture.h"
+#include "tests/support/TempDir.h"
 
 namespace Lattice {
 namespace {
@@ -16,7 +16,7 @@ using Vela::ActivityLock;
 
 // Keeps `mirror` equal to `routes`, and `last` to `mirror`, which it watches as well.
 struct TableWatchTest : testing::Test, CommitObserver {
-  TempDirectory directory;
+  TempDir directory;
   std::unique_ptr<Agent> agent = std::make_unique<Agent>(directory.path());
   ArTableInterface* routes = &agent->table("routes");
   ArTableInterface* mirror = &agent->table("mirror");

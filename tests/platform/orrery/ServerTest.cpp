@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -16,6 +15,7 @@
 #include "platform/orrery/Client.h"
 #include "tests/platform/orrery/Support.h"
 #include "tests/support/DescriptorLimit.h"
+#include "tests/support/TempDir.h"
 
 namespace Orrery {
 namespace {
@@ -25,8 +25,6 @@ using ::testing::HasSubstr;
 class ServerTest : public testing::Test, public DatabaseFixture {
  protected:
   ServerTest() {
-    char name[] = "/tmp/orrery-test-XXXXXX";
-    directory = mkdtemp(name);
     port = portIs("status/port");
     const Vela::ActivityLock lock;
     server.emplace(loop, *database, directory + "/orrery.sock");
@@ -37,7 +35,6 @@ class ServerTest : public testing::Test, public DatabaseFixture {
     thread.join();
     const Vela::ActivityLock lock;
     server.reset();
-    std::filesystem::remove_all(directory);
   }
 
   int connected(int fd) {
@@ -73,7 +70,8 @@ class ServerTest : public testing::Test, public DatabaseFixture {
     return "none";
   }
 
-  std::string directory;
+  const TestSupport::TempDir folder;
+  const std::string& directory = folder.path();
   Vela::Ptr<Port> port;
   std::optional<Server> server;
   std::thread thread;

@@ -43,7 +43,7 @@ class QueryConfigSmTest : public testing::Test {
   void turn() { tables.turn(); }
 
   const Vela::ActivityLock lock;
-  TestSupport::TempDirectory directory;
+  TestSupport::TempDir directory;
   TestSupport::Tables tables{directory.path()};
 };
 

@@ -18,7 +18,7 @@
 #include "platform/pollen/QueryConfigSm.h"
 #include "platform/vela/ActivityLock.h"
 #include "tests/platform/brine/FailingStore.h"
-#include "tests/platform/brine/TempDirectory.h"
+#include "tests/support/TempDir.h"
 
 namespace TestSupport {
 

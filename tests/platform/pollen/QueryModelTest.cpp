@@ -182,7 +182,7 @@ class QueryModelTest : public testing::TestWithParam<unsigned> {
     }
   }
 
-  TempDirectory directory;
+  TempDir directory;
   std::mt19937_64 random{GetParam()};
   std::unique_ptr<Tables> tables;
 };

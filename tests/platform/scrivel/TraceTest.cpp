@@ -15,6 +15,7 @@
 
 #include "platform/scrivel/FileLayout.h"
 #include "platform/scrivel/TraceReader.h"
+#include "tests/support/TempDir.h"
 
 namespace Scrivel {
 namespace {
@@ -28,16 +29,11 @@ static TraceHandle trace("TraceTest");
 class TraceTest : public testing::Test {
  protected:
   TraceTest() {
-    char name[] = "/tmp/scrivel-test-XXXXXX";
-    directory_ = mkdtemp(name);
     unsetenv("SCRIVEL_DISABLE");
     unsetenv("SCRIVELDIR");
     setenv("KORVEL_TRACE", "TraceTest/all,*/off", 1);
   }
-  ~TraceTest() override {
-    shutdown();
-    fs::remove_all(directory_);
-  }
+  ~TraceTest() override { shutdown(); }
 
   void start(Options options = {}) {
     options.directory = directory_;
@@ -50,7 +46,8 @@ class TraceTest : public testing::Test {
     return all;
   }
 
-  std::string directory_;
+  const TestSupport::TempDir folder_;
+  const std::string& directory_ = folder_.path();
 };
 
 TEST_F(TraceTest, EveryKindOfArgumentReadsBackAsText) {

@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "tests/support/DescriptorLimit.h"
+#include "tests/support/TempDir.h"
 
 namespace Vela {
 namespace {
@@ -22,13 +23,6 @@ using Turn = UnixListener::Turn;
 
 class UnixListenerTest : public testing::Test {
  protected:
-  UnixListenerTest() {
-    std::string pattern = fs::temp_directory_path() / "korvel-listener-XXXXXX";
-    directory = mkdtemp(pattern.data());
-    path = directory / "x.sock";
-  }
-  ~UnixListenerTest() override { fs::remove_all(directory); }
-
   std::string refusalAt(const fs::path& at, int* code) {
     try {
       const UnixListener listener({.path = at});
@@ -47,8 +41,9 @@ class UnixListenerTest : public testing::Test {
     return UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   }
 
-  fs::path directory;
-  fs::path path;
+  const TestSupport::TempDir folder;
+  const fs::path directory = folder.path();
+  fs::path path = directory / "x.sock";
   fs::path at;
   std::optional<UnixListener> kept;
 };
