@@ -17,6 +17,7 @@ constexpr size_t recordLimit = 1980;
 // Trimming a long journal is spread over commits.
 constexpr size_t trimmedPerCommit = 256;
 constexpr size_t bytesKept = size_t{16} << 20;
+constexpr uint64_t beyondAllSeen = uint64_t{1} << 32;
 
 }  // namespace
 
@@ -35,7 +36,8 @@ void Journal::load() {
   const auto bytes = store_.get(meta_, Brine::asBytes(JournalState::key));
   const auto state = bytes ? JournalState::decode(Brine::asText(*bytes)) : std::nullopt;
   if (state) state_ = *state;
-  bool sound = state.has_value() || store_.count(journal_) == 0;
+  const bool isNew = store_.count(meta_) == 0 && store_.count(journal_) == 0;
+  bool sound = state.has_value() || isNew;
   uint64_t newest = 0;  // of whatever could be read
   const size_t damaged = store_.forEach(journal_, [&](Brine::Bytes key, Brine::Bytes value) {
     if (sound) sound = loadRecord(key, value);
@@ -54,10 +56,23 @@ void Journal::load() {
 void Journal::startAnew(uint64_t lastSequence) {
   SCRIVEL_TRACE(0, "the journal is damaged and is emptied; followers take a snapshot");
   // Well beyond anything a follower has seen, so that none continues across the gap.
-  state_.lastSequence = state_.trimmedUpTo = lastSequence + (uint64_t{1} << 32);
+  state_.lastSequence = state_.trimmedUpTo = lastSequence + beyondAllSeen;
+  state_.typesVersion += beyondAllSeen;
+  state_.lastTable = std::max(state_.lastTable, highestTable());
   records_.clear();
   changes_ = 0;
   store_.eraseAll(journal_);
+}
+
+// The highest number that a table has.
+uint32_t Journal::highestTable() {
+  uint32_t highest = 0;
+  store_.forEach(store_.table(typesTable), [&](Brine::Bytes, Brine::Bytes value) {
+    const auto record = TableRecord::decode(Brine::asText(value));
+    if (record) highest = std::max(highest, record->number);
+    return true;
+  });
+  return highest;
 }
 
 bool Journal::loadRecord(Brine::Bytes key, Brine::Bytes value) {

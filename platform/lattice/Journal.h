@@ -65,6 +65,7 @@ class Journal {
   };
   void load();
   void startAnew(uint64_t lastSequence);
+  uint32_t highestTable();
   bool loadRecord(Brine::Bytes key, Brine::Bytes value);
   uint32_t* slotOf(uint32_t table, std::string_view key, uint64_t hash);
   std::string_view keyOf(const Pending& pending) const;

@@ -274,11 +274,13 @@ bool SubscriberImpl::readOnce() {
 void SubscriberImpl::learnTables(Brine::Snapshot& snapshot, uint64_t typesVersion) {
   if (typesVersion == typesVersion_) return;
   std::map<uint32_t, std::pair<std::string, TableRecord>> present;
-  snapshot.forEach(typesTable, [&](Brine::Bytes key, Brine::Bytes value) {
+  const size_t damaged = snapshot.forEach(typesTable, [&](Brine::Bytes key, Brine::Bytes value) {
     auto record = TableRecord::decode(Brine::asText(value));
     if (record) present.emplace(record->number, std::pair(Brine::asText(key), std::move(*record)));
     return true;
   });
+  if (damaged > 0)
+    throw Detached{"the list of tables in shared memory is damaged; restart the agent"};
   // Numbers of another store mean other tables.
   if (needSnapshot_ && typesVersion_ == UINT64_MAX) removeTablesBut({});
   removeTablesBut(present);

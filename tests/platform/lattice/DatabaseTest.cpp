@@ -391,6 +391,39 @@ TEST_F(DatabaseTest, DamagedRowsKeepAFollowerFromTakingASnapshotUntilTheyAreMend
                                  [&] { return late.rows["routes"].size() == 10; }));
 }
 
+// Nor may it take a table for removed whose record alone is damaged.
+TEST_F(DatabaseTest, ADamagedListOfTablesTakesNoTableFromAFollower) {
+  write(0, 3);
+  ASSERT_TRUE(inStep());
+  flipBehind(directory / "brine.mdb", "routesType", 3);
+  agent->table("more");
+  ASSERT_TRUE(followUntil([&] {
+    return follower->subscriber->trouble().find("is damaged") != std::string::npos;
+  })) << follower->subscriber->trouble();
+  EXPECT_EQ(follower->removed, 0u);
+  EXPECT_EQ(follower->rows["routes"].size(), 3u);
+}
+
+// Tables go by their numbers, and followers look at the list when its version is another.
+TEST_F(DatabaseTest, ALostJournalStateGivesNoNumberTwice) {
+  write(0, 10);
+  ASSERT_TRUE(inStep());
+  agent.reset();
+  {
+    auto store = Brine::Store::open({.directory = directory.path()});
+    store->eraseAll(store->table("lattice/journal"));
+    store->put(store->table("lattice/meta"), Brine::asBytes("journal"), Brine::asBytes("garbage"));
+    store->commit();
+  }
+  agent = std::make_unique<Agent>(directory.path());
+  routes = &agent->table("routes");
+  agent->table("more");
+  write(10, 11);
+  ASSERT_TRUE(received());
+  EXPECT_EQ(follower->rows["routes"].size(), 11u);
+  EXPECT_TRUE(follower->rows.contains("more"));
+}
+
 TEST(FullDatabaseTest, AFullStateDirectoryFailsTheBatchAndLeavesTheFormerRows) {
   const TempDir directory;
   const std::string small = directory.file("small");
