@@ -336,6 +336,12 @@ std::unique_ptr<Environment> Environment::openedToWrite(const StoreOptions& opti
   const bool intoMapping = allocateLockFile(options.directory);
   close(openedFile(options.directory, dataPath(options.directory)));  // LMDB would follow a link
   auto opened = openedBy(options, intoMapping ? MDB_WRITEMAP : 0);
+  if (!opened->hasOwnLockFile()) {
+    opened.reset();
+    unlink(lockPath(options.directory).c_str());  // whoever uses it keeps it
+    allocateLockFile(options.directory);
+    opened = openedBy(options, intoMapping ? MDB_WRITEMAP : 0);
+  }
   opened->writesIntoMapping_ = intoMapping;
   return opened;
 }
@@ -357,6 +363,17 @@ std::unique_ptr<Environment> Environment::compacted(std::unique_ptr<Environment>
   if (rename(copy.c_str(), path.c_str()) != 0) unlink(copy.c_str());
   FileFinding finding;
   return openedToWrite(options, &finding);
+}
+
+// LMDB believes the lock file in use about which commit is the newest. A process that opened the
+// store while its file was being replaced may use one that counts the former file's commits. A
+// writer that was killed at the end of a commit leaves a lock file that is behind by that one.
+bool Environment::hasOwnLockFile() {
+  const Transaction txn(*this, MDB_RDONLY);
+  MDB_envinfo info{};
+  check(mdb_env_info(env_, &info), directory_);
+  const uint64_t counted = mdb_txn_id(txn.handle());
+  return counted == info.me_last_txnid || counted + 1 == info.me_last_txnid;
 }
 
 std::unique_ptr<Environment> Environment::openedToRead(const StoreOptions& options) {

@@ -75,6 +75,7 @@ class Environment {
   static std::unique_ptr<Environment> openedToRead(const StoreOptions& options);
   static std::unique_ptr<Environment> openedBy(const StoreOptions& options, unsigned mode);
   uint64_t usableFreePages();
+  bool hasOwnLockFile();
   MDB_env* env_;
   std::string directory_;
   size_t pageSize_ = 4096;

@@ -142,6 +142,38 @@ TEST_F(OpeningTest, WantOfDescriptorsIsNoDamageAndMayPass) {
   relief.join();
 }
 
+// A process that opens the store just while another file takes the place of its own makes a lock
+// file that counts the commits of the former. LMDB took the new store for an empty one by that.
+TEST_F(OpeningTest, ALockFileOfAFormerFileCostsNothing) {
+  for (const int commits : {20, 21}) {  // its two heads take turns
+    SCOPED_TRACE(commits);
+    fs::remove_all(directory);
+    fill();
+    for (int i = 0; i < commits; ++i) fill();
+    int ready[2], hold[2];
+    for (int* ends : {ready, hold}) ASSERT_EQ(pipe(ends), 0);
+    const pid_t reader = fork();
+    if (reader == 0) {
+      execl("/proc/self/exe", "brine_test", "--hold", directory.c_str(),
+            std::to_string(ready[1]).c_str(), std::to_string(hold[0]).c_str(), nullptr);
+      _exit(1);
+    }
+    char byte = 0;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    const std::string former = directory;
+    directory = options.directory = parent / "other";
+    fill();
+    fs::rename(directory + "/brine.mdb", former + "/brine.mdb");
+    fs::remove_all(directory);
+    directory = options.directory = former;
+    EXPECT_EQ(kept(), "kept");
+    EXPECT_EQ(write(hold[1], "e", 1), 1);
+    waitpid(reader, nullptr, 0);
+    for (const int end : {ready[0], ready[1], hold[0], hold[1]}) close(end);
+    EXPECT_EQ(kept(), "kept");
+  }
+}
+
 // Runs this program as the first process of a PID namespace of its own; answers its process as the
 // test sees it, or -1.
 pid_t startAlone(const std::vector<const char*>& arguments) {
