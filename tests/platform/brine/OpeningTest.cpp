@@ -161,7 +161,7 @@ TEST_F(OpeningTest, ALockFileOfAFormerFileCostsNothing) {
     char byte = 0;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
     const std::string former = directory;
-    directory = options.directory = parent / "other";
+    directory = options.directory = parent.file("other");
     fill();
     fs::rename(directory + "/brine.mdb", former + "/brine.mdb");
     fs::remove_all(directory);

@@ -395,7 +395,7 @@ TEST_F(DatabaseTest, DamagedRowsKeepAFollowerFromTakingASnapshotUntilTheyAreMend
 TEST_F(DatabaseTest, ADamagedListOfTablesTakesNoTableFromAFollower) {
   write(0, 3);
   ASSERT_TRUE(inStep());
-  flipBehind(directory / "brine.mdb", "routesType", 3);
+  flipBehind(directory.file("brine.mdb"), "routesType", 3);
   agent->table("more");
   ASSERT_TRUE(followUntil([&] {
     return follower->subscriber->trouble().find("is damaged") != std::string::npos;
