@@ -38,8 +38,27 @@ std::string commandName(const CLI::App& app) {
   return name;
 }
 
-bool hasSubcommand(CLI::App& app, const std::string& name) {
-  return !app.get_subcommands([&](CLI::App* one) { return one->get_name() == name; }).empty();
+CLI::App* subcommand(CLI::App& app, const std::string& name) {
+  const auto found = app.get_subcommands([&](CLI::App* one) { return one->get_name() == name; });
+  return found.empty() ? nullptr : found.front();
+}
+
+// The first word that stands in a subcommand's place and is none, for which CLI11 would ask for
+// one.
+int unknownSubcommand(CLI::App& app, int argc, char** argv) {
+  std::string command = app.get_name();
+  CLI::App* at = &app;
+  for (int i = 1; i < argc && argv[i][0] != '-' && at->get_require_subcommand_min() > 0; ++i) {
+    CLI::App* const next = subcommand(*at, argv[i]);
+    if (next == nullptr) {
+      std::fprintf(stderr, "korvel: '%s' is no subcommand; see '%s --help'\n", argv[i],
+                   command.c_str());
+      return usage;
+    }
+    at = next;
+    command += " " + at->get_name();
+  }
+  return 0;
 }
 
 int usageStatus(const CLI::App& app, const CLI::ParseError& error) {
@@ -56,10 +75,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", KORVEL_VERSION);
   addCommands(app);
-  if (argc > 1 && argv[1][0] != '-' && !hasSubcommand(app, argv[1])) {
-    std::fprintf(stderr, "korvel: '%s' is no subcommand; see 'korvel --help'\n", argv[1]);
-    return usage;
-  }
+  if (const int status = unknownSubcommand(app, argc, argv); status != 0) return status;
   try {
     app.parse(argc, argv);
     return 0;

@@ -8,6 +8,7 @@
 #include "pipeline/Json.h"
 #include "pipeline/Names.h"
 #include "pipeline/ValueText.h"
+#include "platform/vela/PlainText.h"
 
 namespace Pipeline {
 namespace {
@@ -84,6 +85,10 @@ class DeviceReader {
       missing(owner, "text", key);
       return "";
     }
+    if (!Vela::isPlainLine(*value, value->size())) {
+      findings_->error(owner, std::string("its \"") + key + "\" is no line of plain text",
+                       {std::string("Cannot parse ") + key + ' ' + step_});
+    }
     if (value->size() > maxNameBytes) {
       findings_->error(owner.substr(0, maxNameBytes),
                        std::string("its \"") + key + "\" is longer than " +
@@ -122,7 +127,7 @@ class DeviceReader {
     table.id = id.value_or(0);
     table.kind = kindOf(stringItem(item, "table_class").value_or(""));
     readFields(item, owner, &table);
-    readEntries(item, &table);
+    readEntries(item, owner, &table);
     config_.tables.push_back(std::move(table));
   }
 
@@ -141,15 +146,21 @@ class DeviceReader {
     step_ = step;
   }
 
-  static void readEntries(const cJSON* item, DeviceTable* table) {
-    const cJSON* entries = arrayItem(item, "table_entries");
-    const cJSON* entry = entries == nullptr ? nullptr : entries->child;
-    for (; entry != nullptr; entry = entry->next) {
-      table->entries.push_back({stringItem(entry, "key").value_or(""),
-                                numberItem(entry, "action_id").value_or(0),
-                                stringItem(entry, "action_params").value_or(""),
-                                numberItem(entry, "priority").value_or(0)});
+  void readEntries(const cJSON* item, const std::string& owner, DeviceTable* table) {
+    const cJSON* entries = cJSON_GetObjectItem(item, "table_entries");
+    if (entries == nullptr) return;
+    if (cJSON_IsArray(entries) == 0) {
+      findings_->warning(owner, "gets no constant entries: its \"table_entries\" is no array");
+      return;
     }
+    forEach(item, "table_entries", owner, [&](const cJSON* entry) {
+      const auto priority = numberItem(entry, "priority");
+      const bool isNumber = priority || cJSON_GetObjectItem(entry, "priority") == nullptr;
+      table->entries.push_back(
+          {stringItem(entry, "key").value_or(""), numberItem(entry, "action_id").value_or(0),
+           stringItem(entry, "action_params").value_or(""), priority.value_or(0),
+           isNumber ? "" : "its priority is no whole number of 32 bits"});
+    });
   }
 
   const cJSON* root_;

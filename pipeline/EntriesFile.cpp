@@ -273,7 +273,12 @@ void readWriteRequest(const std::string& path, const std::string& contents,
                       const P4InfoIndex& index, EntryList* list, Findings* findings) {
   p4::v1::WriteRequest request;
   if (looksLikeText(contents)) {
-    parseTextForm(path, contents, &request, findings);
+    Findings skipped;
+    parseTextForm(path, contents, &request, &skipped);
+    if (request.ByteSizeLong() == 0 && !skipped.list().empty()) {
+      throw PipelineError(path + ": neither JSON entries nor the text of a p4.v1.WriteRequest");
+    }
+    for (const Finding& finding : skipped.list()) findings->warning("", finding.message);
   } else if (!request.ParseFromString(contents)) {
     throw PipelineError(path + ": neither JSON entries nor a p4.v1.WriteRequest");
   }

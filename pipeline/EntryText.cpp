@@ -108,6 +108,7 @@ const ActionShape& shapeOf(uint32_t actionId, const TableLayout& layout) {
 
 EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table,
                     const TableLayout& layout, const P4InfoIndex& index) {
+  if (!entry.trouble.empty()) throw PipelineError(entry.trouble);
   if (layout.indirect)
     throw PipelineError("the table takes no actions, but action profile members");
   EntryText text;
@@ -124,6 +125,7 @@ EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table
   data.finish();
   if (layout.priority && entry.priority == 0) throw PipelineError("it needs a priority above 0");
   if (!layout.priority && entry.priority != 0) throw PipelineError("its priority must be 0");
+  if (entry.priority > INT32_MAX) throw PipelineError("its priority is above 2147483647");
   return text;
 }
 

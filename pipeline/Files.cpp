@@ -135,14 +135,22 @@ std::string fileContents(const std::string& path) {
   return contents.str();
 }
 
+// A link stays, and a device or a pipe is written to: no file may take their place.
 void fileContentsIs(const std::string& path, std::string_view contents) {
-  const std::string temporary = path + ".new-" + std::to_string(getpid());
-  std::ofstream file(temporary, std::ios::binary | std::ios::trunc);
+  using std::filesystem::file_type;
+  std::error_code none;
+  const file_type there = std::filesystem::status(path, none).type();
+  const bool isFile = there == file_type::regular;
+  const bool replaces = isFile || there == file_type::not_found;
+  const std::string target = isFile ? std::filesystem::canonical(path, none).string() : path;
+  const std::string written = replaces ? target + ".new-" + std::to_string(getpid()) : target;
+  errno = 0;
+  std::ofstream file(written, std::ios::binary | std::ios::trunc);
   file << contents;
   file.close();
-  if (file && std::rename(temporary.c_str(), path.c_str()) == 0) return;
+  if (file && (!replaces || std::rename(written.c_str(), target.c_str()) == 0)) return;
   const int error = errno;
-  std::remove(temporary.c_str());
+  if (replaces) std::remove(written.c_str());
   throw PipelineError(path + ": cannot be written: " + std::strerror(error != 0 ? error : EIO));
 }
 

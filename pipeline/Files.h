@@ -21,7 +21,8 @@ namespace Pipeline {
 class Findings;
 
 std::string fileContents(const std::string& path);
-// Written beside and renamed, so that a reader finds the old or the new file, never half of one.
+// Written beside and renamed, so that a reader finds the old or the new file, never half of one;
+// a device or a pipe is written to.
 void fileContentsIs(const std::string& path, std::string_view contents);
 
 // Whether the contents could be text: no control characters but white space.

@@ -4,8 +4,13 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/vela/PlainText.h"
+
 namespace Pipeline {
 namespace {
+
+// Names come from the file, and a terminal or a JSON reader has to live with them.
+std::string plain(const std::string& text) { return Vela::plainLine(text, text.size() * 3); }
 
 std::string text(const std::string& object, const std::string& message) {
   return object.empty() ? message : object + ": " + message;
@@ -19,11 +24,11 @@ void Findings::error(std::string object, std::string message) {
 }
 
 void Findings::error(std::string object, std::string message, ParsingFailure failure) {
-  list_.push_back({Severity::error, std::move(object), std::move(message), std::move(failure)});
+  list_.push_back({Severity::error, plain(object), plain(message), std::move(failure)});
 }
 
 void Findings::warning(std::string object, std::string message) {
-  list_.push_back({Severity::warning, std::move(object), std::move(message), {}});
+  list_.push_back({Severity::warning, plain(object), plain(message), {}});
 }
 
 const Finding* Findings::firstError() const {

@@ -15,6 +15,7 @@
 #include "pipeline/ProfileCheck.h"
 #include "pipeline/RowCheck.h"
 #include "pipeline/TypeCheck.h"
+#include "pipeline/ValueText.h"
 
 namespace Pipeline {
 namespace {
@@ -109,6 +110,7 @@ class DeviceCheck {
       findings_->warning("table " + table.name, "its constant entries cannot be programmed");
       return;
     }
+    places_.clear();
     for (size_t i = 0; i < table.entries.size(); ++i) checkEntry(table, i, *layout);
     const int64_t room = index_.table(table.id)->size();
     if (room > 0 && table.entries.size() > static_cast<uint64_t>(room)) {
@@ -122,8 +124,12 @@ class DeviceCheck {
     const DeviceEntry& entry = table.entries[place];
     try {
       entryText(entry, *index_.table(table.id), layout, index_);
-      if (types_.at(table.type)->action(entry.actionId) != nullptr) return;
-      throw PipelineError("its action is not in the type of the table");
+      if (types_.at(table.type)->action(entry.actionId) == nullptr) {
+        throw PipelineError("its action is not in the type of the table");
+      }
+      const auto [first, isNew] =
+          places_.try_emplace({bytesOfHex(entry.key), entry.priority}, place + 1);
+      if (!isNew) throw PipelineError(fmt::format("it has the match of entry {}", first->second));
     } catch (const PipelineError& e) {
       refused_->entries.insert({table.id, place});
       findings_->warning(
@@ -147,6 +153,7 @@ class DeviceCheck {
   Refused* refused_;
   PipelineLayout layout_;
   std::set<TableRef> covered_;
+  std::map<std::pair<std::string, uint32_t>, size_t> places_;  // of a table's entries, by match
 };
 
 void checkRequest(const Request& request, Verdict* verdict) {

@@ -192,6 +192,19 @@ TEST_F(PipelineFileTest, IsNotWrittenWhenTheAgentCouldNotRunIt) {
   EXPECT_THAT(refusedBuild(), HasSubstr("election id"));
 }
 
+TEST_F(PipelineFileTest, IsWrittenToADeviceAndThroughALink) {
+  BuildOptions options = this->options();
+  std::filesystem::create_symlink("/dev/null", path("null"));
+  std::filesystem::create_symlink(written("file", "old"), path("link"));
+  for (const char* name : {"null", "link"}) {
+    options.outputPath = path(name);
+    Findings findings;
+    buildPipeline(options, &findings);
+    EXPECT_TRUE(std::filesystem::is_symlink(path(name))) << name;
+  }
+  EXPECT_EQ(checked(path("file")), "");
+}
+
 TEST_F(PipelineFileTest, TakesQueriesThatAreWhole) {
   BuildOptions options = this->options();
   const std::string query =
@@ -264,6 +277,16 @@ TEST_F(PipelineFileTest, IsCheckedAsTheAgentWillReadIt) {
       {"\"001122334455\"", "\"0011223344\"", "action_params has 5 bytes"},
       {"\"001122334455\"", "\"xy\"", "\"xy\" is not hexadecimal"},
       {"\"action_id\":\t16777217", "\"action_id\":\t3", "the action 3 is not one of the table's"},
+      {"\"action_id\"", "\"priority\": 1.5, \"action_id\"",
+       "constant entry 1 cannot be programmed: its priority is no whole number of 32 bits"},
+      {"\"table_entries\":\t[",
+       "\"table_entries\": [{\"key\": \"00010A00000008000000\", \"action_id\": 16777217,"
+       " \"action_params\": \"001122334455\"}, ",
+       "constant entry 2 cannot be programmed: it has the match of entry 1"},
+      {"\"table_entries\":\t[", "\"table_entries\": 7, \"x\": [",
+       "warning: table routes: gets no constant entries: its \"table_entries\" is no array"},
+      {"\"table_name\":\t\"routes", "\"table_name\": \"ro\\u001butes",
+       "error: element 1 of \"tables\": its \"table_name\" is no line of plain text"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.text) + " -> " + c.other);
