@@ -115,6 +115,7 @@ void P4TableInfoSm::handlePipelineConfigFile() {
   const std::string path = systemConfig_->forwardingPipelineConfigFilePath();
   SCRIVEL_TRACE(1, "handlePipelineConfigFile", " File ", path);
   if (!systemConfig_->enabled()) return;  // handleEnabled() asks again
+  next_.reset();  // one that waits for a Write is overtaken, whatever this is
   guarded([&] {
     next_ = readPipelineConfigFile(path);
     change_.close([this] { doChange(); });

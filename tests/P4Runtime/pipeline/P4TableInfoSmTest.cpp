@@ -283,6 +283,22 @@ TEST_F(P4TableInfoSmTest, PipelineThatIsOvertakenNeverComesUp) {
   }
 }
 
+// It came up beside a configuration that names the broken file, and took its failure back.
+TEST_F(P4TableInfoSmTest, PipelineThatABrokenFileOvertakesNeverComesUp) {
+  agent().begin();
+  agent().pipelineIs(pipelineOf(replaced(smallP4Info(), "size: 4", "size: 5"), smallDeviceConfig()),
+                     "waits for the Write");
+  agent().pipelineIs({}, "broken");
+  agent().end();
+  agent().outcome();
+  agent().settle();
+  EXPECT_TRUE(ready());
+  EXPECT_EQ(agent().tableInfo->maxTableSize({tableResource, exactTable}), 4u);
+  EXPECT_TRUE(TheParsingStatus()->failed());
+  EXPECT_EQ(codeOfAdd(exactEntry(1)), 0);
+  EXPECT_EQ(TheWriteGate()->closedFor(), "");
+}
+
 TEST_F(P4TableInfoSmTest, QueriesComeUpWithTheirTables) {
   deviceConfigIs("\"queries\": []",
                  R"("queries": [{"output_table_path": "ports", "output_table_type": "exact_type",
