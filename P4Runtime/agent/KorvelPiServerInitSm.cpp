@@ -65,6 +65,12 @@ void KorvelPiServerInitSm::observeReferences() {
                         ? server()->serverReadyAttribute().observe([this] { handleServerReady(); })
                         : Vela::Observation();
   }));
+  references_.push_back(tableImplAttribute().observe([this] {
+    restoreRequest_ =
+        tableImpl()
+            ? tableImpl()->restoreRequestsAttribute().observe([this] { handleRestoreRequests(); })
+            : Vela::Observation();
+  }));
 }
 
 void KorvelPiServerInitSm::handleInitialized() {
@@ -137,12 +143,22 @@ void KorvelPiServerInitSm::handleServerReady() {
   push_.open();
 }
 
+// The server takes entries back only after a push.
+void KorvelPiServerInitSm::handleRestoreRequests() {
+  SCRIVEL_TRACE(1, "handleRestoreRequests", " ", tableImpl()->restoreRequests());
+  handleTableInfoState();
+}
+
+// Where the restore has failed, the server would delete members and groups that none of its entries
+// claims, although the entries stand.
 void KorvelPiServerInitSm::doRestore() {
+  tableImpl()->restoreNeededIs(false);
   try {
     tableImpl()->restoreCachedEntries();
     programConstantTables();
     tableImpl()->commitOrThrow();
   } catch (const std::exception& e) {  // of the store
+    tableImpl()->restoreNeededIs(true);
     P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
         fmt::format("the surviving entries could not be restored: {}", e.what())));
   }

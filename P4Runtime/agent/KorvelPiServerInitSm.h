@@ -34,6 +34,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   void doSpawnServerThread();
   void handleTableInfoState();
   void handleServerReady();
+  void handleRestoreRequests();
   void programConstantTables();
   void doKillPiServerThread();
 
@@ -49,6 +50,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   Vela::Observation tableInfoChange_;
   Vela::Observation configChange_;
   Vela::Observation serverChange_;
+  Vela::Observation restoreRequest_;
   std::vector<Vela::Observation> references_;
   WriteGate::Closer noPipeline_{"no pipeline is ready"};
   WriteGate::Closer push_{"a pipeline takes the place of another"};

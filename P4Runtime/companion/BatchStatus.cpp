@@ -74,8 +74,8 @@ bool BatchStatus::anyForwardingAgent() {
 
 void BatchStatus::onBatchBegin() {
   cleanUpBatchState();
-  inProgressIs(true);
   if (database_) database_->batchBegin();
+  inProgressIs(true);
 }
 
 void BatchStatus::onBatchSettled() { inProgressIs(false); }

@@ -18,6 +18,7 @@
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/PiDebug.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "PI/frontends/proto/device_mgr.h"
@@ -209,6 +210,13 @@ void storeOutcome() {
   }
 }
 
+// The PI library takes for undone what may stand.
+void loseTrack(const char* why) {
+  TheTableImpl()->restoreNeededIs(true);
+  P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
+      fmt::format("the outcome of a Write could not be settled: {}", why)));
+}
+
 // What is not understood must not be answered as if it were: neither done nor undone is certain.
 void breakInvariant(StatusVector& statusVector, const char* why) {
   for (auto& [offset, error] : statusVector) {
@@ -216,8 +224,7 @@ void breakInvariant(StatusVector& statusVector, const char* why) {
     error.set_canonical_code(canonicalCode(ErrorCode::internalError));
     error.set_message(fmt::format("its outcome is not known: {}; the switch is critical", why));
   }
-  P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
-      fmt::format("the outcome of a Write could not be settled: {}", why)));
+  loseTrack(why);
 }
 
 // Whatever happens, the batch is over, and the gate for Writes hears of it.
@@ -374,7 +381,11 @@ void _pi_update_pending_status(StatusVector* statusVector) {
     SCRIVEL_TRACE(0, "_pi_update_pending_status", " unexpected exception: ", e.what());
     P4Runtime::breakInvariant(*statusVector, e.what());
   }
-  P4Runtime::storeOutcome();
+  try {
+    P4Runtime::storeOutcome();
+  } catch (const std::exception& e) {  // the controller shall hear the outcome all the same
+    P4Runtime::loseTrack(e.what());
+  }
 }
 
 extern "C" {
@@ -436,14 +447,16 @@ pi_status_t _pi_session_cleanup(pi_session_handle_t session_handle) {
   return PI_STATUS_SUCCESS;
 }
 
-// A Write may have checked its permission before the gate was closed; asked under the lock, the
-// level is the one that stands.
+// A Write may have checked its permission before the gate was closed, and operators set levels
+// whatever the gate says; asked under the lock, level and gate are those that stand.
 pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
   const ActivityLock lock;
   SCRIVEL_TRACE(5, "_pi_batch_begin", " session_handle: ", session_handle);
   // Without one, all that a batch writes would time out.
   if (!TheBatchStatus()->awaitForwardingAgent()) return PI_STATUS_NO_FORWARDING_AGENT;
-  if (DeviceMgr::get_operation_permission_level() == P4Runtime::nothingAllowed) {
+  const P4Runtime::WriteGate* const gate = P4Runtime::TheWriteGate();
+  if (DeviceMgr::get_operation_permission_level() == P4Runtime::nothingAllowed ||
+      (gate && !gate->isOpen())) {
     SCRIVEL_TRACE(1, "_pi_batch_begin", " refused: Writes are not let in now");
     return PI_STATUS_TARGET_TRANSPORT_ERROR;
   }
@@ -456,7 +469,11 @@ pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
 pi_status_t _pi_batch_end(pi_session_handle_t session_handle, bool hw_sync) {
   const ActivityLock lock;
   SCRIVEL_TRACE(5, "_pi_batch_end", " session_handle: ", session_handle, " hw_sync: ", hw_sync);
-  TheBatchStatus()->onBatchEnd();
+  try {
+    TheBatchStatus()->onBatchEnd();
+  } catch (const std::exception& e) {  // the settling, which ends the batch, follows all the same
+    P4Runtime::loseTrack(e.what());
+  }
   return PI_STATUS_SUCCESS;
 }
 

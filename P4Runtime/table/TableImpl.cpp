@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 #include <utility>
 
 #include "P4Runtime/companion/BatchStatus.h"
@@ -55,6 +56,9 @@ TableImpl::TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> ha
                  const bool wasCritical = isCritical();
                  revertCriticalState();
                  if (!wasCritical) return std::string("the switch was not in critical state");
+                 if (restoreNeeded_) {
+                   return std::string("writes are allowed again once the entries are restored");
+                 }
                  return std::string(DeviceMgr::get_operation_permission_level() == nothingAllowed
                                         ? "writes are allowed again once a pipeline is in place"
                                         : "writes are allowed again");
@@ -104,13 +108,22 @@ TableImpl::Table TableImpl::requireTable(const ResourceId& rid) const {
   if (TheBatchStatus()->inProgress() && isCritical()) {
     refuse(ErrorCode::inconsistentState, "WRITE operation is not allowed due to critical state");
   }
+  if (restoreNeeded_ && !restoring_) {
+    refuse(ErrorCode::notReady,
+           "the surviving entries have not been restored; call revertCriticalState, which restores "
+           "them");
+  }
   if (const std::string& why = tableInfo_->unprogrammable(rid); !why.empty()) {
     refuse(ErrorCode::cannotProgram,
            fmt::format("{} cannot be programmed: {}", tableInfo_->kindAndName(rid), why));
   }
   const auto& interface = tableInfo_->latticeTableInterface(rid);
   const auto& constructor = tableInfo_->rowConstructor(rid);
-  if (!interface || !constructor || !interface->ready()) {
+  if (interface && !interface->ready()) {  // no word of the pipeline against the entry
+    refuse(ErrorCode::notReady,
+           fmt::format("the rows of {} are not ready; try again", tableInfo_->kindAndName(rid)));
+  }
+  if (!interface || !constructor) {
     refuse(ErrorCode::cannotProgram,
            fmt::format("{} is not part of the pipeline's device configuration; build the pipeline "
                        "file anew from its P4Info",
@@ -289,11 +302,11 @@ EntryHandle TableImpl::writeEntry(const Table& table, EntryHandle handle, bool i
   } catch (const Lattice::TypeError& e) {
     refuse(ErrorCode::internalError,
            fmt::format("{}: {}", tableInfo_->kindAndName(table.rid), e.what()));
-  } catch (const Brine::StoreError& e) {
-    refuse(ErrorCode::outOfResources, e.what(), handle);
-  } catch (const std::exception& e) {  // a key that the store cannot hold
+  } catch (const std::invalid_argument& e) {  // a key that the store cannot hold
     refuse(ErrorCode::cannotProgram,
            fmt::format("{}: {}", tableInfo_->kindAndName(table.rid), e.what()), handle);
+  } catch (const std::exception& e) {  // no room or no memory, which says nothing of the entry
+    refuse(ErrorCode::outOfResources, e.what(), handle);
   }
 }
 
@@ -318,19 +331,19 @@ EntryHandle TableImpl::tableEntryDeleteWithKey(uint32_t tableId, uint32_t priori
 
 EntryHandle TableImpl::deleteRow(const Table& table, EntryHandle handle,
                                  const std::string& rowKey) {
-  auto oldRow = table.interface.row(rowKey);
-  PendingOperation& operation =
-      newPendingOperation(handle, PendingOperationType::entryDelete, table.rid, std::move(oldRow),
-                          std::nullopt, rowKey, false);
   try {
+    PendingOperation& operation =
+        newPendingOperation(handle, PendingOperationType::entryDelete, table.rid,
+                            table.interface.row(rowKey), std::nullopt, rowKey, false);
     awaitReport(handle, operation, table.interface.rowDel(rowKey, handle));
-  } catch (const Brine::StoreError& e) {
+  } catch (const std::exception& e) {  // no room or no memory; the row may be gone already
     refuse(ErrorCode::outOfResources, e.what(), handle);
   }
   return handle;
 }
 
-// A second write of an entry in one batch keeps what stood before the first.
+// A second write of an entry in one batch keeps what stood before the first. An operation that does
+// not know what stood before would put back nothing, so there is none.
 PendingOperation& TableImpl::newPendingOperation(EntryHandle handle, PendingOperationType type,
                                                  const ResourceId& rid,
                                                  std::optional<Lattice::Row> oldRow,
@@ -338,15 +351,20 @@ PendingOperation& TableImpl::newPendingOperation(EntryHandle handle, PendingOper
                                                  std::string rowKey, bool isNew) {
   const auto [slot, fresh] = pendingOperations_.try_emplace(handle);
   PendingOperation& operation = slot->second;
+  if (fresh) {
+    operation.rid = rid;
+    operation.oldRow = std::move(oldRow);
+    try {
+      if (!isNew) rememberRecord(handle, operation);
+    } catch (...) {
+      pendingOperations_.erase(slot);
+      throw;
+    }
+  }
   operation.type = type;
   operation.newRow = std::move(newRow);
   operation.rowKey = std::move(rowKey);
   operation.newRecord.clear();
-  if (fresh) {
-    operation.rid = rid;
-    operation.oldRow = std::move(oldRow);
-    if (!isNew) rememberRecord(handle, operation);
-  }
   TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
   return operation;
 }
@@ -384,6 +402,7 @@ void TableImpl::triggerCriticalState() {
 
 void TableImpl::revertCriticalState() {
   maybePutBackAgain();
+  if (restoreNeeded_) restoreRequestsIs(restoreRequests() + 1);
   P4RuntimeBrokenInvariantException::revertCriticalState();
 }
 

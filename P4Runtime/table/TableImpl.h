@@ -59,6 +59,8 @@ class TableImpl : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
   VELA_ATTRIBUTE(bool, tableSizeCheckEnabled, true)
   VELA_READONLY_ATTRIBUTE(bool, constTablesProgrammed, false)
+  // Counts the times that entries are to be restored once more; whoever restores them observes it.
+  VELA_READONLY_ATTRIBUTE(uint32_t, restoreRequests, 0)
 
  public:
   P4TableInfo& tableInfo() const { return *tableInfo_; }
@@ -124,6 +126,11 @@ class TableImpl : public Vela::Entity {
   // outcome is still to be recorded. Writes are refused from then on.
   void cleanupCache();
   void mountCache();  // takes them again, or does not let them go after all
+  // The PI library may know other entries than the store: a restore has failed, or the outcome of a
+  // batch is not known. Nothing is written until a restore has succeeded, which
+  // revertCriticalState() asks for.
+  bool restoreNeeded() const { return restoreNeeded_; }
+  void restoreNeededIs(bool needed) { restoreNeeded_ = needed; }
   // The caches were let go: what they hold cannot be told.
   bool cacheLetGo() const { return cacheLetGo_; }
 
@@ -149,7 +156,7 @@ class TableImpl : public Vela::Entity {
 
   void triggerCriticalState();
   // Throws Vela::Exception, and the state stays, when entries that failed can still not be put
-  // back.
+  // back. Where a restore is needed, asks for it first.
   void revertCriticalState();
 
   // Null until the caches are mounted.
@@ -233,6 +240,7 @@ class TableImpl : public Vela::Entity {
   void restoreRecord(EntryHandle handle, const PendingOperation& operation);
   void restoreTableRecord(const CacheKey& key, const PendingOperation& operation);
   size_t removeOrphanedRows();
+  bool anyEntryFor(const ResourceId& rid, EntryHandle handle) const;
   void sayWhatWasRestored() const;
   std::string damagedText(const Brine::DamagedRecord& record);
   Vela::Ptr<Lattice::ArTableInterface> interfaceOf(const std::string& tableName) const;
@@ -257,6 +265,7 @@ class TableImpl : public Vela::Entity {
   EarlyReports earlyReports_;
   std::vector<PutBack> putBack_;
   bool restoring_ = false;
+  bool restoreNeeded_ = false;
   bool cacheLetGo_ = false;
   RestoreCounts restored_;
   ConstantEntries constantEntries_{*this};

@@ -320,7 +320,7 @@ void TableImpl::commitPutBack() try {
   P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
       fmt::format("{} failed {} could not be put back as before: {}", putBack_.size(),
                   putBack_.size() == 1 ? "entry" : "entries", *trouble)));
-} catch (const Vela::Exception& e) {  // the switch is critical already
+} catch (const std::exception& e) {  // the switch is critical already
   SCRIVEL_TRACE(0, "TableImpl", " ", e.what());
 }
 
@@ -341,6 +341,7 @@ void TableImpl::maybePutBackAgain() {
 void TableImpl::commitOrThrow() {
   if (!database_) return;
   if (const auto trouble = database_->commit(Brine::Store::Filling::leaveRoomToUndo)) {
+    handleMgr_->reservationDel();  // lost with the rest
     throw std::runtime_error(*trouble);
   }
   putBack_.clear();

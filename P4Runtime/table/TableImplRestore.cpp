@@ -90,6 +90,7 @@ class TableRestorer {
     SCRIVEL_TRACE(1, "TableImpl", " finishing the deletion of entry[ rid:", record.key.rid.id,
                   " entryHandle:", record.key.entryHandle, " ]");
     tableImpl_.handleMgr().reserveUpTo(record.key.entryHandle);
+    tableImpl_.handleMgr().freeTableEntryHandle(record.key.entryHandle);  // of this very process
     deleted_.emplace_back(Brine::asText(key));
   }
 
@@ -226,6 +227,8 @@ void TableImpl::restoreCachedEntries() {
   if (tableInfo_->tableInfoState() != P4TableInfoState::tableInfoReady) {
     throw std::runtime_error("the pipeline is not ready");
   }
+  // Without the records every row would look like one that no entry stands for.
+  if (cacheLetGo_) throw std::runtime_error("the agent is disabled");
   restored_ = {};
   putBack_.clear();  // from here on the front end has what the store has
   constantEntries_.followPipeline();
@@ -277,6 +280,8 @@ size_t TableImpl::removeOrphanedRows() {
   for (const auto& [rid, interface] : tableInfo_->latticeTableInterfaceCollection().values()) {
     if (!interface->ready()) continue;
     for (const std::string& key : orphanedRows(rid, *interface)) {
+      // The restore may have just written it anew, for an entry that stands.
+      if (anyEntryFor(rid, interface->rowEntryHandle(key))) continue;
       SCRIVEL_TRACE(0, "TableImpl", " no entry stands for a row of ", interface->tableName());
       if (interface->rowDel(key, 0) != 0) ++removed;
     }
@@ -284,7 +289,13 @@ size_t TableImpl::removeOrphanedRows() {
   return removed;
 }
 
-// Rows whose entry has neither handle nor record. A stored row begins with the entry's handle.
+bool TableImpl::anyEntryFor(const ResourceId& rid, EntryHandle handle) const {
+  return handleMgr_->entryHandleToResourceId(handle) == rid ||
+         storedRecord({rid, P4HandleMgr::cachedHandle(handle)});
+}
+
+// Committed rows whose entry has neither handle nor record. A stored row begins with the entry's
+// handle.
 std::vector<std::string> TableImpl::orphanedRows(const ResourceId& rid,
                                                  const Lattice::ArTableInterface& interface) {
   std::vector<std::string> keys;
@@ -293,10 +304,7 @@ std::vector<std::string> TableImpl::orphanedRows(const ResourceId& rid,
                 [&](Brine::Bytes key, Brine::Bytes row) {
                   EntryHandle handle = 0;
                   if (row.size() >= sizeof handle) std::memcpy(&handle, row.data(), sizeof handle);
-                  if (handleMgr_->entryHandleToResourceId(handle) != rid &&
-                      !storedRecord({rid, P4HandleMgr::cachedHandle(handle)})) {
-                    keys.emplace_back(Brine::asText(key));
-                  }
+                  if (!anyEntryFor(rid, handle)) keys.emplace_back(Brine::asText(key));
                   return true;
                 });
   return keys;

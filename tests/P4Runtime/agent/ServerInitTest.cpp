@@ -6,6 +6,8 @@
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
 #include "P4Runtime/table/EntryFailures.h"
 #include "PI/frontends/proto/device_mgr.h"
+#include "PI/int/pi_int.h"
+#include "PI/target/pi_act_prof_imp.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
 namespace P4Runtime {
@@ -152,12 +154,55 @@ TEST_F(ServerInitTest, PipelineThatReplacesAnotherWaitsForTheWriteInProgress) {
   EXPECT_EQ(signals(), 1u);
   EXPECT_EQ(level(), 0u) << "no Write begins under the former pipeline";
   EXPECT_NE(agent().begin(), PI_STATUS_SUCCESS) << "nor one that was let in just before";
+  server_->setOperationPermissionLevel(2);
+  EXPECT_NE(agent().begin(), PI_STATUS_SUCCESS) << "nor at an operator's word";
   {
     const Vela::ActivityLock lock;
     server_->serverReadyIs(false);
   }
   serverReady();
   EXPECT_EQ(level(), 2u);
+}
+
+// The front end deletes hidden members that no entry claims, when it is told that all is restored:
+// here the entry that claims one was not taken back.
+TEST_F(ServerInitTest, RestoreThatFailsCostsNothingAndIsDoneAgainOnRevert) {
+  agent().begin();
+  agent().updateIs(0);  // of a one-shot action set
+  const std::string port = bytes("0001");
+  const pi_action_data_t action{nullptr, setPort, port.size(), const_cast<char*>(port.data())};
+  uint64_t member = 0;
+  ASSERT_EQ(_pi_act_prof_mbr_create(0, {1, 0xffff}, profile, &action, &member), PI_STATUS_SUCCESS);
+  const Entry entry{groupTable, bytes("00000003"), 0, "", 0, 0, "", member};
+  agent().add(1, entry);
+  agent().end();
+  forwarder().programAll();
+  ASSERT_TRUE(agent().outcome().empty());
+
+  restart();
+  agent().frontEnd.entryRefusal = PI_STATUS_INVALID_TABLE_OPERATION;
+  serverReady();
+  EXPECT_TRUE(agent().status->brokenInvariant());
+  EXPECT_EQ(level(), 1u);
+  EXPECT_EQ(agent().frontEnd.members.size(), 1u);
+  EXPECT_NE(_pi_act_prof_mbr_delete(0, 1, profile, member), PI_STATUS_SUCCESS);
+  EXPECT_EQ(signals(), 0u);
+
+  agent().frontEnd.entryRefusal = PI_STATUS_SUCCESS;
+  agent().tableImpl->revertCriticalState();
+  EXPECT_EQ(signals(), 1u) << "the pipeline is pushed once more";
+  EXPECT_EQ(level(), 0u) << "until the entries are back";
+  agent().frontEnd.members.clear();
+  {
+    const Vela::ActivityLock lock;
+    server_->serverReadyIs(false);
+  }
+  serverReady();
+  EXPECT_EQ(level(), 2u);
+  EXPECT_EQ(agent().frontEnd.members.size(), 1u);
+  EXPECT_EQ(agent().frontEnd.restored.front().indirectHandle, member);
+  EXPECT_EQ(agent().rowCount(groupTable), 1u);
+  EXPECT_NE(agent().added(exactEntry(1)), 0u);
 }
 
 TEST_F(ServerInitTest, MissingServerBreaksAnInvariant) {

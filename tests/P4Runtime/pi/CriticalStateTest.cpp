@@ -70,6 +70,10 @@ TEST_F(CriticalStateTest, OutcomeThatIsNotUnderstoodBreaksAnInvariant) {
   EXPECT_TRUE(agent().status->brokenInvariant());
   EXPECT_EQ(level(), 1u);
   EXPECT_FALSE(agent().batchStatus->inProgress());
+  agent().tableImpl->revertCriticalState();
+  EXPECT_EQ(agent().tableImpl->restoreRequests(), 1u)
+      << "the front end takes for undone what stands";
+  EXPECT_NE(codeOfAdd(exactEntry(3)), 0) << "before that";
 }
 
 TEST_F(CriticalStateTest, BatchThatIsOpenWritesNoMore) {

@@ -31,7 +31,9 @@ FakeFrontEnd& frontEndOf(void* cookie) { return *static_cast<FakeFrontEnd*>(cook
 pi_status_t takeBack(void* cookie, pi_dev_id_t, pi_p4_id_t table, const pi_match_key_t* key,
                      const pi_table_entry_t* entry, pi_entry_handle_t handle,
                      uint64_t controllerMetadata, const char* metadata, size_t metadataSize) {
-  if (frontEndOf(cookie).refusal != PI_STATUS_SUCCESS) return frontEndOf(cookie).refusal;
+  for (const pi_status_t refusal : {frontEndOf(cookie).refusal, frontEndOf(cookie).entryRefusal}) {
+    if (refusal != PI_STATUS_SUCCESS) return refusal;
+  }
   FakeFrontEnd::Restored one{table,
                              {key->data, key->data_size},
                              0,

@@ -68,6 +68,7 @@ struct FakeFrontEnd {
   std::vector<RestoredObject> groups;
   bool restoreDone = false;
   pi_status_t refusal = PI_STATUS_SUCCESS;             // what each object is refused with
+  pi_status_t entryRefusal = PI_STATUS_SUCCESS;        // what entries are
   std::vector<std::pair<uint64_t, uint32_t>> settled;  // handle and error code
   std::function<void()> onSettled;                     // in the midst of settling a batch
 };

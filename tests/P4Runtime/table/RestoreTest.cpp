@@ -273,6 +273,35 @@ TEST_F(RestoreTest, RefusalThatMayPassRemovesNothing) {
   EXPECT_EQ(agent().rowCount(exactTable), 1u);
 }
 
+// A table that is not ready says nothing against the entries that belong there.
+TEST_F(RestoreTest, TableThatIsNotReadyCostsNoEntry) {
+  agent().added(exactEntry(1));
+  start();
+  {
+    const Vela::ActivityLock lock;
+    const auto& own = agent().tableInfo->latticeTableInterface({tableResource, exactTable});
+    const auto other = Vela::make<Lattice::ArTableInterface>("exact", own->typeName(), [] {});
+    agent().database->bindInterface(other, "exact", true);  // it takes the place of the own
+    EXPECT_THROW(agent().tableImpl->restoreCachedEntries(), std::exception);
+  }
+  EXPECT_EQ(agent().recordCount(), 1u);
+  restart();
+  EXPECT_EQ(agent().frontEnd.restored.size(), 1u);
+}
+
+// The committed row names a handle that nobody has; the one that the restore writes does not.
+TEST_F(RestoreTest, RowThatStoodUnderAnotherHandleStaysWithItsEntry) {
+  const uint64_t handle = agent().added(exactEntry(1));
+  {
+    const Vela::ActivityLock lock;
+    const auto& rows = agent().tableInfo->latticeTableInterface({tableResource, exactTable});
+    rows->rowIs(*rows->row(exactEntry(1).key), handle + 7);
+  }
+  restart();
+  EXPECT_EQ(agent().frontEnd.restored.size(), 1u);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
+}
+
 // It would forward for good, and nobody could delete it.
 TEST_F(RestoreTest, RowThatNoEntryStandsForGoes) {
   agent().added(exactEntry(1));
