@@ -15,6 +15,8 @@
 
 #include "P4Runtime/agent/P4RuntimeLocalController.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pi/WriteGate.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi.h"
 #include "PI/proto/pi_server.h"
@@ -30,6 +32,20 @@ Scrivel::TraceHandle trace("KorvelPiServer");
 using pi::fe::proto::DeviceMgr;
 
 constexpr int secondsToStart = 10;
+
+// A Write that came in beside a change of the pipeline would lose its tables midway.
+void requireThatTheGateAllows(uint32_t level) {
+  const WriteGate* gate = TheWriteGate();
+  const auto* status = TheP4RtSystemStatus();
+  if (gate && !gate->isOpen() && level > nothingAllowed) {
+    throw Vela::BadValue("permissionLevel is 0 now: Writes wait for " + gate->closedFor());
+  }
+  if (status && (status->critical() || status->brokenInvariant()) && level == writesAllowed) {
+    throw Vela::BadValue(
+        "permissionLevel is 1 at most: the switch is critical; call revertCriticalState of "
+        "p4runtime/tableImpl");
+  }
+}
 
 pthread_t serverThread{};
 bool serverThreadStarted = false;
@@ -116,6 +132,7 @@ void KorvelPiServer::describeOperations() {
                    throw Vela::BadValue("permissionLevel is 0, 1 or 2, not '" + arguments.at(0) +
                                         "'");
                  }
+                 requireThatTheGateAllows(*level);
                  setOperationPermissionLevel(*level);
                  return "permission level is " + std::to_string(*level);
                }});
@@ -142,6 +159,7 @@ Vela::Ptr<KorvelPiServer> korvelPiServerFactory(
 }
 
 void KorvelPiServer::handleInitialized() {
+  SCRIVEL_TRACE(1, "handleInitialized");
   signalFdIs(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   if (signalFd() < 0) assert(!"Cannot open eventfd");
   auto descriptor = Vela::make<Vela::FileDescriptor>(loop_, "signalFd");

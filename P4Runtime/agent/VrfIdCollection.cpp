@@ -2,7 +2,14 @@
 
 #include <utility>
 
+#include "platform/scrivel/Trace.h"
+
 namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("VrfIdCollection");
+
+}  // namespace
 
 void VrfIdCollection::kernelNetInterfaceStatusIs(
     Vela::Ptr<const Wirra::KernelNetInterfaceStatus> status) {
@@ -16,6 +23,7 @@ void VrfIdCollection::kernelNetInterfaceStatusIs(
 }
 
 void VrfIdCollection::handleKernelNetInterface(const std::string& name) {
+  SCRIVEL_TRACE(5, "handleKernelNetInterface", " ", name);
   const auto device = status_->device(name);
   if (!device) {
     deviceChanges_.erase(name);

@@ -2,7 +2,14 @@
 
 #include <utility>
 
+#include "platform/scrivel/Trace.h"
+
 namespace P4Runtime {
+namespace {
+
+Scrivel::TraceHandle trace("IntfStatusManager");
+
+}  // namespace
 
 IntfStatusManager::IntfStatusManager(Vela::Ptr<const Orrery::Directory> desiredIntfDir,
                                      Vela::Ptr<const Wirra::KernelNetInterfaceStatus> kernelDevices,
@@ -18,6 +25,7 @@ IntfStatusManager::IntfStatusManager(Vela::Ptr<const Orrery::Directory> desiredI
 }
 
 void IntfStatusManager::handleIntf(const std::string& intf) {
+  SCRIVEL_TRACE(5, "handleIntf", " ", intf);
   const auto device = kernelDevices_->device(intf);
   if (device && desiredIntfDir_->entityHas(intf)) {
     deviceIntfStatusDir_->entityIs(intf, device);

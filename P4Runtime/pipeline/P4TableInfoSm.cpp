@@ -41,9 +41,16 @@ constexpr const char* nameAFile =
     "pipeline "
     "build' has made";
 
+// A pipe would keep the reactor until somebody writes to it; empty: a file, or nothing at all.
+std::string whyNoFile(const std::string& path) {
+  std::error_code none;
+  const auto there = std::filesystem::status(path, none);
+  if (!std::filesystem::exists(there) || std::filesystem::is_regular_file(there)) return {};
+  return std::filesystem::is_directory(there) ? "it is a directory" : "it is no regular file";
+}
+
 // Of a file that is no pipeline file for this agent; empty when there is nothing to tell.
 std::string whatItIs(const std::string& path) {
-  if (std::filesystem::is_directory(path)) return "it is a directory";
   std::ifstream file(path, std::ios::binary);
   const std::string contents(std::istreambuf_iterator<char>(file), {});
   return Pipeline::whyNoPipelineFile(contents);
@@ -127,14 +134,20 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
     throw P4RuntimeParsingException({}, text, {}, hint);
   };
   if (path.empty()) fail("Pipeline Configuration not available yet: " + path, nameAFile);
+  const std::string unreadable = "Failed to read pipeline configuration file " + path;
+  if (const std::string why = whyNoFile(path); !why.empty()) fail(unreadable, why);
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     fail("Failed to open file " + path, std::strerror(errno) + (", " + std::string(nameAFile)));
   }
-  p4::v1::SetForwardingPipelineConfigRequest request;
-  if (!request.ParseFromIstream(&file)) {
-    fail("Failed to read pipeline configuration file " + path, whatItIs(path));
+  std::error_code none;
+  if (const auto bytes = std::filesystem::file_size(path, none);
+      !none && bytes > Pipeline::maxPipelineBytes) {
+    fail(unreadable, fmt::format("it has {} bytes; the server takes at most {}", bytes,
+                                 Pipeline::maxPipelineBytes));
   }
+  p4::v1::SetForwardingPipelineConfigRequest request;
+  if (!request.ParseFromIstream(&file)) fail(unreadable, whatItIs(path));
   if (request.device_id() != systemConfig_->deviceId()) {
     fail(
         fmt::format(
@@ -146,11 +159,6 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
   const auto converted =
       google::protobuf::util::MessageToJsonString(request.config().p4info(), &next.p4InfoJson);
   if (!converted.ok()) fail("Failed to convert p4Info to JSON " + converted.ToString());
-  constexpr size_t largestRequest = size_t{64} << 20;  // that the P4Runtime server takes
-  if (next.request.size() > largestRequest) {
-    fail(fmt::format("The pipeline configuration {} has {} bytes; a server takes at most {}", path,
-                     next.request.size(), largestRequest));
-  }
   p4::tmp::P4DeviceConfig device;
   if (!device.ParseFromString(request.config().p4_device_config())) {
     fail("Failed to read device configuration " + path);
@@ -181,7 +189,10 @@ void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
   handleP4InfoStr(next.p4InfoJson);
   writeForPeople(files_.deviceJsonPath, next.deviceJson);
-  TheParsingStatus()->failureCleared();
+  // One that was named after it, and cannot be used, is still to be told of.
+  if (next.path == systemConfig_->forwardingPipelineConfigFilePath()) {
+    TheParsingStatus()->failureCleared();
+  }
   handlePipelineConfigStr(next.deviceJson);
 }
 

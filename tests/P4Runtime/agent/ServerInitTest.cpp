@@ -4,6 +4,7 @@
 
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
+#include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/table/EntryFailures.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/int/pi_int.h"
@@ -105,6 +106,10 @@ TEST_F(ServerInitTest, TheServerShowsItselfAndRefusesWhatWouldTakeItDown) {
     EXPECT_THROW(server_->operation(name)->run({}), Vela::BadValue);
   }
   EXPECT_EQ(signals(), 0u);
+  WriteGate::Closer change("a new pipeline");
+  change.close();
+  EXPECT_THROW(server_->operation("setOperationPermissionLevel")->run({"2"}), Vela::BadValue);
+  EXPECT_EQ(level(), 0u) << "no operator opens a closed gate";
 }
 
 TEST_F(ServerInitTest, PermissionFollowsThePipelineAndTheCriticalState) {
@@ -306,6 +311,19 @@ TEST_F(ServerInitTest, ConstantEntryThatCannotBeAddedKeepsNoOtherFromIt) {
   EXPECT_EQ(agent().rowCount(constantTable), 1u);
   EXPECT_TRUE(agent().tableImpl->constTablesProgrammed());
   EXPECT_FALSE(agent().status->critical());
+}
+
+// Disabled while its pipeline was pushed: without tables, every record would look unusable.
+TEST_F(ServerInitTest, WithoutItsTablesNothingIsRestoredAndNothingRemoved) {
+  const uint64_t handle = agent().added(exactEntry(1));
+  restart();
+  agent().tableInfo->cleanupRequestIdInc(1);
+  serverReady();
+  EXPECT_FALSE(agent().frontEnd.restoreDone);
+  restart();
+  serverReady();
+  EXPECT_EQ(agent().handleOf(exactEntry(1)), handle);
+  EXPECT_EQ(agent().rowCount(exactTable), 1u);
 }
 
 TEST_F(ServerInitTest, ServerThatIsDownChangesNothing) {

@@ -1,5 +1,8 @@
 // The pipeline comes up in steps driven by notices; whatever does not fit stops it with a reason.
+#include <sys/stat.h>
+
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 #include "P4Runtime/pipeline/ParsingStatus.h"
@@ -51,6 +54,11 @@ TEST_F(P4TableInfoSmTest, BringsUpEveryTable) {
 TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
   const uint64_t handle = agent().added(exactEntry(1));
   const std::string path = agent().directory + "/bad";
+  const std::string pipe = agent().directory + "/pipe";
+  const std::string huge = agent().directory + "/huge";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::ofstream(huge).close();
+  std::filesystem::resize_file(huge, (size_t{64} << 20) + 1);
   const auto withAction = [](Request::Action action) {
     Request request = smallPipeline();
     request.set_action(action);
@@ -81,6 +89,10 @@ TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
        " --device-id N -o PIPELINE'"},
       {"a directory", agent().directory, "",
        "Failed to read pipeline configuration file " + agent().directory, "it is a directory"},
+      {"a pipe", pipe, "", "Failed to read pipeline configuration file " + pipe,
+       "it is no regular file"},
+      {"a huge file", huge, "", "Failed to read pipeline configuration file " + huge,
+       "it has 67108865 bytes; the server takes at most 67108864"},
       {"a cut file", path + "1", smallPipeline().SerializeAsString().substr(0, 1000),
        "Failed to read pipeline configuration file " + path + "1"},
       {"another device's", path + "2",
@@ -121,6 +133,24 @@ TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
   }
   EXPECT_EQ(codeOfAdd(exactEntry(1, 9)), 0);
   EXPECT_EQ(agent().lastHandle, handle);
+}
+
+// The one named before it waits for a Write, and comes up after it has failed.
+TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedIsToldOfWhateverComesUp) {
+  agent().begin();
+  agent().add(0, exactEntry(1));
+  agent().pipelineIs(smallPipeline(), "good");
+  {
+    const Vela::ActivityLock lock;
+    agent().config->forwardingPipelineConfigFilePathIs("/absent");
+  }
+  agent().end();
+  forwarder().programAll();
+  EXPECT_TRUE(agent().outcome().empty());
+  agent().settle();
+  EXPECT_TRUE(ready());
+  EXPECT_EQ(TheParsingStatus()->pipelineFile(), agent().directory + "/good");
+  EXPECT_EQ(error(), "Failed to open file /absent");
 }
 
 TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationLeavesTheRunningPipelineAlone) {
