@@ -3,6 +3,7 @@
 #include <grpcpp/support/method_handler.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <functional>
 #include <utility>
 
@@ -113,7 +114,8 @@ void P4RuntimeService::methodIs(const char* name, grpc::internal::RpcMethod::Rpc
 }
 
 template <typename Request, typename Serve>
-Status P4RuntimeService::served(const ReceivedMessage& received, size_t maxBytes, Serve serve) {
+Status P4RuntimeService::served(const grpc::ServerContext& context, const ReceivedMessage& received,
+                                size_t maxBytes, Serve serve) {
   return statusOf([&] {
     const size_t size = received.size();
     const std::string& name = Request::descriptor()->name();
@@ -122,7 +124,9 @@ Status P4RuntimeService::served(const ReceivedMessage& received, size_t maxBytes
                                                         " bytes; send at most " +
                                                         std::to_string(maxBytes));
     }
-    const auto memory = requestBytes_.take(size, limits().memoryBytes / 4);
+    // The process that runs us ends when its own push is refused: nobody's requests may do that.
+    const size_t mostBytes = hasLocalToken(context) ? SIZE_MAX : limits().memoryBytes / 4;
+    const auto memory = requestBytes_.take(size, mostBytes);
     if (!memory) {
       return Status(StatusCode::RESOURCE_EXHAUSTED,
                     "no memory for a " + name + " of " + std::to_string(size) +
@@ -145,9 +149,10 @@ void P4RuntimeService::unaryMethodIs(const char* name, size_t maxBytes, Serve se
            new Handler(
                [maxBytes, serve](P4RuntimeService* self, grpc::ServerContext* context,
                                  const ReceivedMessage* received, Response* response) {
-                 return self->served<Request>(*received, maxBytes, [&](const Request& request) {
-                   return serve(*self, *context, request, response);
-                 });
+                 return self->served<Request>(*context, *received, maxBytes,
+                                              [&](const Request& request) {
+                                                return serve(*self, *context, request, response);
+                                              });
                },
                this));
 }
@@ -165,10 +170,10 @@ void P4RuntimeService::methodsAre() {
       });
   methodIs("/p4.v1.P4Runtime/Read", RpcMethod::SERVER_STREAMING,
            new grpc::internal::ServerStreamingHandler<Self, ReceivedMessage, ReadResponse>(
-               [](Self* self, ServerContext*, const ReceivedMessage* received,
+               [](Self* self, ServerContext* context, const ReceivedMessage* received,
                   grpc::ServerWriter<ReadResponse>* writer) {
                  return self->served<ReadRequest>(
-                     *received, kMaxMessageBytes,
+                     *context, *received, kMaxMessageBytes,
                      [&](const ReadRequest& request) { return self->read(request, *writer); });
                },
                this));

@@ -40,7 +40,8 @@ class P4RuntimeService final : public grpc::Service {
   void methodsAre();
   // Parses the request and serves it, unless it is too large or there is no memory for it.
   template <typename Request, typename Serve>
-  grpc::Status served(const ReceivedMessage& received, size_t maxBytes, Serve serve);
+  grpc::Status served(const grpc::ServerContext& context, const ReceivedMessage& received,
+                      size_t maxBytes, Serve serve);
 
   grpc::Status write(const grpc::ServerContext& context, const p4::v1::WriteRequest& request);
   google::rpc::Status stillWanted(const grpc::ServerContext& context,

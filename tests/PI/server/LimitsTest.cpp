@@ -155,6 +155,20 @@ TEST_F(WritesInLineTest, AreLimited) {
   EXPECT_TRUE(write(10).ok());
 }
 
+// The agent ends when its own push is refused.
+TEST_F(WritesInLineTest, TakeNoMemoryFromTheAgentsPipeline) {
+  const auto primary = served(10);
+  beginOne();
+  limits_.memory_mib = 64;  // a quarter of it for requests
+  apply();
+  const std::string large(17 << 20, 'x');
+  auto another = writeRequest(10);
+  another.mutable_updates(0)->mutable_entity()->mutable_table_entry()->set_metadata(large);
+  EXPECT_EQ(ServerTest::write(another).error_code(), StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_TRUE(push(PIGrpcServerLocalToken(), large).ok());
+  endOne();
+}
+
 TEST_F(WritesInLineTest, AreNotBegunOnceTheirClientHasGone) {
   const auto primary = served(10);
   beginOne();

@@ -258,6 +258,7 @@ pi_status_t FakeTarget::handleGroup(const char* verb, uint32_t profileId, uint64
 
 pi_status_t FakeTarget::handleCount(uint64_t handle, pi_counter_data_t* data) {
   const std::lock_guard lock(lock_);
+  if (const auto call = std::exchange(onCount_, nullptr)) call();
   *data = {PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES, 0, 0};
   if (counts_.contains(handle)) *data = counts_[handle];
   return counterStatus_;

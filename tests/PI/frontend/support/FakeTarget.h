@@ -91,6 +91,8 @@ class FakeTarget {
   void groupIs(uint64_t handle, const Group& group) { groups_[handle] = group; }
   void countIs(uint64_t handle, const pi_counter_data_t& data) { counts_[handle] = data; }
   void counterStatusIs(pi_status_t status) { counterStatus_ = status; }
+  // Runs once, with the lock held, before the next count is given.
+  void onCountIs(std::function<void()> call) { onCount_ = std::move(call); }
   size_t countCalls() const { return countCalls_; }  // those for many entries
 
   // Hands everything back, then says that this was all; the statuses of the rows. The metadata are
@@ -159,6 +161,7 @@ class FakeTarget {
   std::optional<uint32_t> memoryEndsAt_;
   std::map<uint32_t, size_t> calls_;  // in the current batch, by offset
   pi_status_t counterStatus_ = PI_STATUS_SUCCESS;
+  std::function<void()> onCount_;
   pi_status_t batchStatus_ = PI_STATUS_SUCCESS;
   size_t countCalls_ = 0;
   pi_status_t fetchStatus_ = PI_STATUS_SUCCESS;

@@ -169,6 +169,23 @@ TEST_F(DirectResourceTest, ReadsThatCannotBeAnswered) {
   EXPECT_EQ(objectsRead(countersOf(keyOf(1)), &found), code::internal);
 }
 
+TEST_F(DirectResourceTest, CountersOfEntriesThatGoMeanwhileFailNoRead) {
+  ASSERT_EQ(
+      written({test::update(Update::INSERT, counted(1)), test::update(Update::INSERT, counted(2))})
+          .code(),
+      code::ok);
+  target.counterStatusIs(PI_STATUS_TARGET_ERROR);
+  target.onCountIs([&] {
+    EXPECT_EQ(
+        written({test::update(Update::DELETE, keyOf(1)), test::update(Update::DELETE, keyOf(2))})
+            .code(),
+        code::ok);
+  });
+  std::vector<p4::v1::Entity> counters;
+  EXPECT_EQ(objectsRead(countersOf(test::query(test::kCounted)), &counters), code::ok);
+  EXPECT_THAT(counters, SizeIs(2)) << "as they were when the Read began";
+}
+
 // Queries of one table share the walk, yet each gets what it asked for.
 TEST_F(DirectResourceTest, QueriesOfOneTableGetTheirOwnForms) {
   ASSERT_EQ(inserted(metered(1, 5)).code(), code::ok);
