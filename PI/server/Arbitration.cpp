@@ -1,5 +1,6 @@
 #include "PI/server/Arbitration.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -15,8 +16,11 @@ std::string text(const ElectionId& id) {
   return "{high: " + std::to_string(id.high) + ", low: " + std::to_string(id.low) + "}";
 }
 
-// Names are cut to a length that fits into a status message, between two characters.
-std::string shortened(const std::string& name) {
+// Names are cut to a length that fits into a status message, between two characters, and stay on
+// one line.
+std::string shortened(std::string name) {
+  const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+  std::replace_if(name.begin(), name.end(), isControl, ' ');
   size_t size = 64;
   if (name.size() <= size) return name;
   while (size > 0 && (static_cast<unsigned char>(name[size]) & 0xc0) == 0x80) --size;

@@ -21,6 +21,9 @@ constexpr std::chrono::seconds kDrainTime{1};
 // A request that is longer is not copied into the report on it.
 constexpr size_t kMaxReportedBytes = 16 << 10;
 
+// Bytes of a controller's own text in a status message, which has no room for any length.
+constexpr size_t kMostShown = 128;
+
 // The member that names the kind of request, with the request in it if `copied`.
 void detailsFrom(const p4::v1::StreamMessageRequest& request, bool copied,
                  p4::v1::StreamError* error) {
@@ -173,9 +176,11 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
     if (!known.ok()) return known;
   }
   if (update.role().has_config()) {
-    return Status(StatusCode::INVALID_ARGUMENT, "role '" + role.role + "' has a config of type '" +
-                                                    update.role().config().type_url() +
-                                                    "', which is not supported; leave it unset");
+    const std::string& type = update.role().config().type_url();
+    return Status(StatusCode::INVALID_ARGUMENT,
+                  "the role has a config of type '" +
+                      (type.size() <= kMostShown ? type : std::string("...")) +
+                      "', which is not supported; leave it unset");
   }
   if (!role_) {
     role_ = role;

@@ -4,6 +4,25 @@
 
 namespace pi::server {
 
+namespace {
+
+struct ToCome {
+  std::mutex mutex;
+  std::optional<uint64_t> only;
+
+  std::optional<uint64_t> get() {
+    const std::lock_guard lock(mutex);
+    return only;
+  }
+};
+
+ToCome& toCome() {
+  static ToCome* const one = new ToCome;  // threads may outlive static destruction
+  return *one;
+}
+
+}  // namespace
+
 Devices::DeviceMgr::Status Devices::pipelineIs(
     const p4::v1::SetForwardingPipelineConfigRequest& request) {
   DeviceMgr::Status status;
@@ -27,12 +46,20 @@ void Devices::pipelineDelAll() {
   gone.swap(devices_);
 }
 
+void Devices::onlyDeviceIs(std::optional<uint64_t> deviceId) {
+  const std::lock_guard lock(toCome().mutex);
+  toCome().only = deviceId;
+}
+
 grpc::Status Devices::requireKnown(uint64_t deviceId) const {
   const std::lock_guard lock(mutex_);
-  if (devices_.empty() || devices_.count(deviceId)) return grpc::Status::OK;
+  if (devices_.count(deviceId)) return grpc::Status::OK;
+  const std::optional<uint64_t> served =
+      devices_.empty() ? toCome().get() : std::optional(devices_.begin()->first);
+  if (!served || served == deviceId) return grpc::Status::OK;
   return grpc::Status(grpc::StatusCode::NOT_FOUND, "unknown device " + std::to_string(deviceId) +
                                                        "; this switch serves device " +
-                                                       std::to_string(devices_.begin()->first));
+                                                       std::to_string(*served));
 }
 
 std::shared_ptr<Devices::DeviceMgr> Devices::device(uint64_t deviceId) const {

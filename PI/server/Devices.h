@@ -1,5 +1,6 @@
 // The devices that the server serves. A device is there once its pipeline has been installed; as
-// long as none is, any device id passes for one that is still to come.
+// long as none is, any device id passes for one that is still to come, or only that of
+// onlyDeviceIs().
 // Thread-safe; holds its locks only while it looks.
 #pragma once
 
@@ -29,10 +30,13 @@ class Devices {
   // A status other than OK leaves the devices as they were.
   DeviceMgr::Status pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request);
 
+  // For the process: no other device will come, so that before its pipeline no other id passes.
+  static void onlyDeviceIs(std::optional<uint64_t> deviceId);
+
   // Lets all of them go; returns once that is done if no call is running.
   void pipelineDelAll();
 
-  // NOT_FOUND when there are devices, and none has the id.
+  // NOT_FOUND for an id that neither is a device's nor passes for one.
   grpc::Status requireKnown(uint64_t deviceId) const;
   std::shared_ptr<DeviceMgr> device(uint64_t deviceId) const;  // null when not (yet) there
   std::optional<uint64_t> onlyDevice() const;  // its id, when there is one and no other

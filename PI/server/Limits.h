@@ -16,9 +16,10 @@ struct Limits {
   size_t streamsOfRole = 256;
   size_t roles = 1024;  // remembered ones with a name
   std::chrono::milliseconds arbitrateWithin{10'000};
-  size_t writes = 256;                     // at once: one runs, the others wait
-  size_t reads = 512;                      // at once
-  size_t memoryBytes = size_t{512} << 20;  // of gRPC's buffers, and of requests being served
+  size_t writes = 256;                           // at once: one runs, the others wait
+  size_t reads = 512;                            // at once
+  std::chrono::milliseconds takeWithin{60'000};  // for a client to take a message of a Read
+  size_t memoryBytes = size_t{512} << 20;        // of gRPC's buffers, and of requests being served
 };
 
 // Thread-safe. Connections, streams and calls beyond new limits stay.

@@ -11,8 +11,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "PI/server/Limits.h"
@@ -36,6 +42,46 @@ size_t connectionLimit() {
   rlimit descriptors{};
   if (getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return limits().connections;
   return std::min<size_t>(limits().connections, descriptors.rlim_cur / 2);
+}
+
+struct End {
+  std::array<uint8_t, 16> address{};  // IPv4 as IPv6 shows it
+  in_port_t port = 0;
+  bool operator==(const End&) const = default;
+};
+
+// One end of a TCP connection, getsockname() or getpeername(); nothing for other files.
+std::optional<End> endOf(int fd, int (*name)(int, sockaddr*, socklen_t*)) {
+  sockaddr_storage storage{};
+  socklen_t size = sizeof storage;
+  if (name(fd, reinterpret_cast<sockaddr*>(&storage), &size) != 0) return std::nullopt;
+  End end;
+  if (storage.ss_family == AF_INET) {
+    const auto& address = reinterpret_cast<const sockaddr_in&>(storage);
+    end.address[10] = end.address[11] = 0xff;
+    std::memcpy(&end.address[12], &address.sin_addr, sizeof address.sin_addr);
+    end.port = address.sin_port;
+  } else if (storage.ss_family == AF_INET6) {
+    const auto& address = reinterpret_cast<const sockaddr_in6&>(storage);
+    std::memcpy(end.address.data(), &address.sin6_addr, sizeof address.sin6_addr);
+    end.port = address.sin6_port;
+  } else {
+    return std::nullopt;
+  }
+  return end;
+}
+
+// Whether the other end of the connection is this process's, too.
+bool isOwn(int fd) {
+  const auto other = endOf(fd, &getpeername);
+  if (!other) return false;
+  std::error_code error;
+  std::filesystem::directory_iterator file("/proc/self/fd", error);
+  for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
+    const int descriptor = std::atoi(file->path().filename().c_str());
+    if (endOf(descriptor, &getsockname) == other) return true;
+  }
+  return false;
 }
 
 bool isShortage(int error) {
@@ -109,7 +155,7 @@ void Listener::acceptFrom(int socket) {
 }
 
 void Listener::take(int listenerFd, int fd) {
-  if (!hasRoom()) {
+  if (!hasRoom() && !(ownAreTaken_ && isOwn(fd))) {
     refuse(fd);
     return;
   }

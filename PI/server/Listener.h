@@ -31,6 +31,9 @@ class Listener {
   void start(Handler handler);
   void stop();  // no call of the handler is running when it returns
 
+  // While it is on, the process's own connections are taken also beyond the limit.
+  void ownConnectionsAre(bool on) { ownAreTaken_ = on; }
+
   uint64_t refused() const { return refused_.load(); }
 
  private:
@@ -56,6 +59,7 @@ class Listener {
   Handler handler_;
   std::vector<Connection> connections_;  // the thread's own; some have ended
   std::atomic<uint64_t> refused_{0};
+  std::atomic<bool> ownAreTaken_{false};
   std::thread thread_;
 };
 

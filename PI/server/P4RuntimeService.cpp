@@ -172,9 +172,10 @@ void P4RuntimeService::methodsAre() {
            new grpc::internal::ServerStreamingHandler<Self, ReceivedMessage, ReadResponse>(
                [](Self* self, ServerContext* context, const ReceivedMessage* received,
                   grpc::ServerWriter<ReadResponse>* writer) {
-                 return self->served<ReadRequest>(
-                     *context, *received, kMaxMessageBytes,
-                     [&](const ReadRequest& request) { return self->read(request, *writer); });
+                 return self->served<ReadRequest>(*context, *received, kMaxMessageBytes,
+                                                  [&](const ReadRequest& request) {
+                                                    return self->read(*context, request, *writer);
+                                                  });
                },
                this));
   unaryMethodIs<SetForwardingPipelineConfigRequest, SetForwardingPipelineConfigResponse>(
@@ -230,7 +231,7 @@ google::rpc::Status P4RuntimeService::stillWanted(const grpc::ServerContext& con
   return fromGrpc(arbitration_.requireHighest(roleOf(request), electionIdOf(request)));
 }
 
-Status P4RuntimeService::read(const p4::v1::ReadRequest& request,
+Status P4RuntimeService::read(grpc::ServerContext& context, const p4::v1::ReadRequest& request,
                               grpc::ServerWriter<p4::v1::ReadResponse>& writer) {
   const Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
@@ -244,8 +245,10 @@ Status P4RuntimeService::read(const p4::v1::ReadRequest& request,
   const size_t limit = limits().reads;
   const auto underWay = reads_.take(1, limit);
   if (!underWay) return tooMany(limit, "Reads");
-  return toGrpc(device->read(
-      request, [&](const p4::v1::ReadResponse& response) { return writer.Write(response); }));
+  return toGrpc(device->read(request, [&](const p4::v1::ReadResponse& response) {
+    const SendDeadlines::Sending sending(sendDeadlines_, context);
+    return writer.Write(response);
+  }));
 }
 
 Status P4RuntimeService::setPipeline(const grpc::ServerContext& context,

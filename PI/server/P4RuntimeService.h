@@ -14,6 +14,7 @@
 #include "PI/server/Arbitration.h"
 #include "PI/server/Devices.h"
 #include "PI/server/ReceivedMessage.h"
+#include "PI/server/SendDeadlines.h"
 #include "PI/server/StreamSet.h"
 #include "p4/v1/p4runtime.pb.h"
 
@@ -46,7 +47,7 @@ class P4RuntimeService final : public grpc::Service {
   grpc::Status write(const grpc::ServerContext& context, const p4::v1::WriteRequest& request);
   google::rpc::Status stillWanted(const grpc::ServerContext& context,
                                   const p4::v1::WriteRequest& request) const;
-  grpc::Status read(const p4::v1::ReadRequest& request,
+  grpc::Status read(grpc::ServerContext& context, const p4::v1::ReadRequest& request,
                     grpc::ServerWriter<p4::v1::ReadResponse>& writer);
   grpc::Status setPipeline(const grpc::ServerContext& context,
                            const p4::v1::SetForwardingPipelineConfigRequest& request);
@@ -66,6 +67,7 @@ class P4RuntimeService final : public grpc::Service {
   const std::string localToken_;
   Devices devices_;
   StreamSet streams_;
+  SendDeadlines sendDeadlines_;
   Admission requestBytes_;
   Admission reads_;
   Admission writes_;

@@ -4,6 +4,7 @@
 #include <grpcpp/resource_quota.h>
 
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "PI/server/Limits.h"
@@ -87,6 +88,8 @@ int Server::port() const { return listener_->port(); }
 
 uint64_t Server::refusedConnections() const { return listener_->refused(); }
 
+void Server::ownConnectionsAre(bool on) { listener_->ownConnectionsAre(on); }
+
 // A thread for each call that may run, and some for calls that are about to be refused.
 void Server::limitsChanged() {
   const Limits now = limits();
@@ -101,9 +104,15 @@ void Server::begin(std::chrono::milliseconds cancelAfter) {
   if (closing_.joinable()) return;
   closing_ = std::thread([this, cancelAfter] {
     listener_->stop();
-    std::thread streams([this] { service_->streams().endAll(kStreamGrace); });
+    std::thread streams;
+    const auto endStreams = [this] { service_->streams().endAll(kStreamGrace); };
+    try {
+      streams = std::thread(endStreams);
+    } catch (const std::system_error&) {  // no thread is left: one after the other
+      endStreams();
+    }
     server_->Shutdown(std::chrono::system_clock::now() + cancelAfter);
-    streams.join();
+    if (streams.joinable()) streams.join();
     const std::lock_guard lock(mutex_);
     down_ = true;
     changed_.notify_all();

@@ -35,6 +35,8 @@ class Server {
   int port() const;
   uint64_t refusedConnections() const;  // beyond the limit, or without a descriptor for them
   void limitsChanged();
+  // While it is on, connections of this process are taken also beyond the limit.
+  void ownConnectionsAre(bool on);
 
   // Takes no new calls, ends streams, cancels calls that still run after `cancelAfter`, and returns
   // once all calls have returned, or after `patience` with some of them left behind.

@@ -15,7 +15,9 @@
 #include <string>
 
 #include "PI/core/PacketCounts.h"
+#include "PI/proto/pi_server_process.h"
 #include "PI/server/Arbitration.h"
+#include "PI/server/Devices.h"
 #include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
 #include "PI/server/Server.h"
@@ -183,6 +185,8 @@ void PIGrpcServerLimitsIs(const PIGrpcServerLimits_t* limits) {
   if (const auto running = server()) running->limitsChanged();
 }
 
+void PIGrpcServerOnlyDeviceIs(uint64_t device_id) { pi::server::Devices::onlyDeviceIs(device_id); }
+
 void PIGrpcServerElectionIdIs(const PIGrpcServerElectionId_t* id) {
   pi::server::TheArbitration().highestIs({id->device_id, std::string(id->role, id->role_size)},
                                          {.high = id->high, .low = id->low});
@@ -210,6 +214,10 @@ size_t PIGrpcServerForgetElectionIds() { return pi::server::TheArbitration().for
 uint64_t PIGrpcServerGetRefusedConnections() {
   const auto running = server();
   return running ? running->refusedConnections() : 0;
+}
+
+void PIGrpcServerOwnConnectionsAre(int on) {
+  if (const auto running = server()) running->ownConnectionsAre(on != 0);
 }
 
 int PIGrpcServerGetPort() {

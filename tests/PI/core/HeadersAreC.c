@@ -12,6 +12,7 @@
 #include "PI/pi_meter.h"
 #include "PI/pi_tables.h"
 #include "PI/proto/pi_server.h"
+#include "PI/proto/pi_server_process.h"
 #include "PI/target/pi_act_prof_imp.h"
 #include "PI/target/pi_clone_imp.h"
 #include "PI/target/pi_counter_imp.h"

@@ -5,6 +5,8 @@
 #include <future>
 
 #include "PI/proto/pi_server.h"
+#include "PI/server/Devices.h"
+#include "PI/server/Limits.h"
 #include "tests/PI/server/ServerFixture.h"
 
 namespace {
@@ -81,6 +83,28 @@ TEST_F(LimitsTest, OneReadDoesNotScanWithoutEnd) {
   EXPECT_THAT(status.error_message(), HasSubstr("257 queries that each read a whole table"));
 }
 
+// It would hold its place, a thread and its picture of the tables for good.
+TEST_F(LimitsTest, AReadWhoseClientTakesNothingIsEnded) {
+  const auto primary = served();
+  pi::server::limitsAre({.takeWithin = std::chrono::milliseconds(1)});
+  std::promise<void> ended;
+  TheFakeDevice().onRead = [&](const p4::v1::ReadRequest&, const auto& sink) {
+    p4::v1::ReadResponse response;
+    response.add_entities()->mutable_table_entry()->set_metadata(std::string(1 << 20, 'x'));
+    while (sink(response)) {
+    }
+    ended.set_value();
+    return statusOf(1);
+  };
+  grpc::ClientContext context;
+  const auto reader = stub_->Read(&context, readRequest());
+  awaited(ended, "the Read has ended");
+  p4::v1::ReadResponse response;
+  while (reader->Read(&response)) {
+  }
+  EXPECT_EQ(reader->Finish().error_code(), StatusCode::CANCELLED);
+}
+
 TEST_F(LimitsTest, AStreamThatNamesNoRoleInTimeIsEnded) {
   Controller settled(*stub_, deviceId_);
   EXPECT_EQ(settled.arbitrate(1), StatusCode::OK);
@@ -115,6 +139,17 @@ TEST_F(LimitsTest, ADisplacedBackupIsToldWhy) {
   Controller late(*stub_, deviceId_);
   late.sendArbitration(3);
   EXPECT_EQ(late.ended().error_code(), StatusCode::RESOURCE_EXHAUSTED);
+}
+
+// Devices that will never come would use up the room that default roles have.
+TEST_F(LimitsTest, OtherDevicesAreUnknownBeforeThePipelineToo) {
+  pi::server::Devices::onlyDeviceIs(deviceId_);
+  Controller stranger(*stub_, deviceId_ + 1);
+  stranger.sendArbitration(1);
+  EXPECT_EQ(stranger.ended().error_code(), StatusCode::NOT_FOUND);
+  Controller controller(*stub_, deviceId_);
+  EXPECT_EQ(controller.arbitrate(1), StatusCode::OK);
+  pi::server::Devices::onlyDeviceIs(std::nullopt);
 }
 
 // One Write runs until the test lets it go on.

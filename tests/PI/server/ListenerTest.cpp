@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -80,6 +81,30 @@ TEST_F(ListenerTest, ClosesConnectionsBeyondTheLimitUntilOneEnds) {
   EXPECT_EQ(other, first);
   connectTo(clients[3]);
   EXPECT_GE(accepted(), 0);
+}
+
+// However many connections others hold, the process that runs the server reaches it.
+TEST_F(ListenerTest, TakesConnectionsOfItsOwnProcessBeyondTheLimitWhenItIsToldTo) {
+  limitsAre({.connections = 1});
+  int clients[3];
+  for (int& fd : clients) fd = client();
+  connectTo(clients[0]);
+  ASSERT_GE(accepted(), 0);
+  listener_.ownConnectionsAre(true);
+  connectTo(clients[1]);
+  EXPECT_GE(accepted(), 0);
+  const pid_t other = fork();
+  if (other == 0) {
+    const int fd = client();
+    connectTo(fd);
+    _exit(isClosedByOtherEnd(fd) ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(other, &status, 0), other);
+  EXPECT_EQ(status, 0) << "another process's is closed";
+  listener_.ownConnectionsAre(false);
+  connectTo(clients[2]);
+  EXPECT_TRUE(isClosedByOtherEnd(clients[2]));
 }
 
 // A listener that met the end of descriptors once was deaf for good.

@@ -1,0 +1,21 @@
+/* What the process that runs the P4Runtime gRPC server tells it of itself. Functions may be called
+ * from any thread. */
+#pragma once
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Before the first server starts: no other device will come. Until the first pipeline is there, any
+ * other id passes for a device that is still to come, unless this was called. */
+void PIGrpcServerOnlyDeviceIs(uint64_t device_id);
+
+/* While `on` is not 0, the running server takes connections of its own process also beyond the
+ * limit, so that others cannot keep the process from installing its pipeline. */
+void PIGrpcServerOwnConnectionsAre(int on);
+
+#ifdef __cplusplus
+}
+#endif
