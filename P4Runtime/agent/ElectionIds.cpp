@@ -1,5 +1,7 @@
 #include "P4Runtime/agent/ElectionIds.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include "PI/proto/pi_server.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
 namespace {
@@ -17,6 +20,7 @@ Scrivel::TraceHandle trace("ElectionIds");
 
 constexpr char tableName[] = "agent/electionId";
 constexpr size_t numberSize = 8;
+constexpr size_t longestRoleShown = 64;
 
 std::string bigEndian(uint64_t number) {
   std::string bytes;
@@ -146,10 +150,11 @@ RoleKey roleOf(const PIGrpcServerElectionId_t& id) {
 void save(const PIGrpcServerElectionId_t* id, void* cookie) {
   auto& ids = *static_cast<ElectionIds*>(cookie);
   if (ids.idIs(roleOf(*id), {id->high, id->low})) return;
-  std::fprintf(stderr,
-               "korvel: the state directory has no room for election id %llu of role '%.*s'; it "
-               "holds, but a restart may forget it until there is room\n",
-               static_cast<unsigned long long>(id->low), static_cast<int>(id->role_size), id->role);
+  // The name comes from whoever may connect.
+  fmt::print(stderr,
+             "korvel: the state directory has no room for election id {} of role '{}'; it holds, "
+             "but a restart may forget it until there is room\n",
+             id->low, Vela::plainLine({id->role, id->role_size}, longestRoleShown));
 }
 
 void forget(const PIGrpcServerElectionId_t* id, void* cookie) {

@@ -2,15 +2,24 @@
 
 #include <cassert>
 #include <cstdio>
+#include <thread>
 #include <utility>
 
 #include "PI/proto/pi_server.h"
+#include "PI/proto/pi_server_process.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace P4Runtime {
 namespace {
 
 constexpr int secondsToStart = 10;
+constexpr std::chrono::milliseconds pause(100);
+
+// For a scope: whoever has taken all connections that there may be does not keep the agent out.
+struct OwnConnectionTaken {
+  OwnConnectionTaken() { PIGrpcServerOwnConnectionsAre(1); }
+  ~OwnConnectionTaken() { PIGrpcServerOwnConnectionsAre(0); }
+};
 
 void requireOk(const grpc::Status& status) {
   if (status.ok()) return;
@@ -29,13 +38,27 @@ int P4RuntimeLocalController::setForwardingPipelineConfigRequest(
     const p4::v1::SetForwardingPipelineConfigRequest& request) {
   const Vela::ActivityLockReleased released;
   PIGrpcServerWaitStarted(secondsToStart);  // which makes the token
+  const OwnConnectionTaken taken;
+  const auto deadline = std::chrono::system_clock::now() + patience_;
+  grpc::Status status = pushed(request, deadline);
+  while (status.error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED &&
+         std::chrono::system_clock::now() + pause < deadline) {
+    std::this_thread::sleep_for(pause);  // the server is busy with what others sent
+    status = pushed(request, deadline);
+  }
+  requireOk(status);
+  return 0;
+}
+
+grpc::Status P4RuntimeLocalController::pushed(
+    const p4::v1::SetForwardingPipelineConfigRequest& request,
+    std::chrono::system_clock::time_point deadline) {
   grpc::ClientContext context;
   context.set_wait_for_ready(true);
-  context.set_deadline(std::chrono::system_clock::now() + patience_);
+  context.set_deadline(deadline);
   context.AddMetadata(PIGrpcServerLocalTokenKey(), PIGrpcServerLocalToken());
   p4::v1::SetForwardingPipelineConfigResponse response;
-  requireOk(stub_->SetForwardingPipelineConfig(&context, request, &response));
-  return 0;
+  return stub_->SetForwardingPipelineConfig(&context, request, &response);
 }
 
 int P4RuntimeLocalController::getForwardingPipelineConfigRequest(

@@ -16,13 +16,16 @@ class P4RuntimeLocalController {
   explicit P4RuntimeLocalController(std::unique_ptr<p4::v1::P4Runtime::Stub> stub,
                                     std::chrono::milliseconds patience = std::chrono::minutes(1));
 
-  // Waits for the server to listen. Gives the activity lock up for the whole call, since the server
-  // enters the agent under it.
+  // Waits for the server to listen, and tries again as long as it is out of resources. Gives the
+  // activity lock up for the whole call, since the server enters the agent under it.
   int setForwardingPipelineConfigRequest(const p4::v1::SetForwardingPipelineConfigRequest& request);
   // Keeps the activity lock. Returns 9 when the server has no pipeline.
   int getForwardingPipelineConfigRequest(const p4::v1::GetForwardingPipelineConfigRequest& request);
 
  private:
+  grpc::Status pushed(const p4::v1::SetForwardingPipelineConfigRequest& request,
+                      std::chrono::system_clock::time_point deadline);
+
   const std::unique_ptr<p4::v1::P4Runtime::Stub> stub_;
   const std::chrono::milliseconds patience_;
 };

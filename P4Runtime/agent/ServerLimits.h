@@ -1,6 +1,8 @@
 // The limits of the P4Runtime server, as the system configuration has them.
 #pragma once
 
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "P4Runtime/companion/P4RtSystemConfig.h"
@@ -8,8 +10,12 @@
 
 namespace P4Runtime {
 
-// Gives the server its limits, at once and whenever one changes, as long as the observations live.
-// Call with the activity lock held; `config` outlives them.
+// "" or why the limit `name` of the configuration cannot be `text`; "" for what is no limit.
+std::string limitRefused(std::string_view name, const std::string& text);
+
+// Gives the server its device and its limits, these at once and whenever one changes, as long as
+// the observations live. Call with the activity lock held, before the server starts; `config`
+// outlives them. Throws Vela::Exception, in words for operators, for a limit that cannot be.
 std::vector<Vela::Observation> followServerLimits(const P4RuntimeConfig::P4RtSystemConfig& config);
 
 }  // namespace P4Runtime

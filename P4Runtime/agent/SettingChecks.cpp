@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 
+#include "P4Runtime/agent/ServerLimits.h"
 #include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/Text.h"
@@ -81,32 +82,6 @@ std::string pretendingRefused(const BatchStatus& batchStatus, bool allowed, cons
     return {};
   }
   return "the update at an offset can either fail or time out; set the two offsets apart first";
-}
-
-// Limits of the server that would shut everybody out, or let a stream idle for good.
-std::string limitRefused(const std::string& name, const std::string& text) {
-  struct Range {
-    const char* attribute;
-    double least;
-    double most;
-  };
-  constexpr double any = 1e6;
-  static constexpr std::array<Range, 8> ranges{{{"maxConnections", 4, any},
-                                                {"maxStreams", 1, any},
-                                                {"maxStreamsOfRole", 1, any},
-                                                {"maxRoles", 1, any},
-                                                {"arbitrationTimeout", 0.1, 3600},
-                                                {"maxWrites", 1, 10000},
-                                                {"maxReads", 1, 10000},
-                                                {"maxServerMemory", 64, any}}};
-  for (const Range& range : ranges) {
-    if (name != range.attribute) continue;
-    const auto value = Vela::TextForm<double>::fromText(text);
-    if (!value || (*value >= range.least && *value <= range.most)) return {};
-    return fmt::format("{} {} is out of range; choose {} to {}", name, text, range.least,
-                       range.most);
-  }
-  return {};
 }
 
 }  // namespace

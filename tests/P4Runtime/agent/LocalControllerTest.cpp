@@ -5,9 +5,11 @@
 #include <grpcpp/grpcpp.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
-#include <optional>
 #include <thread>
+#include <vector>
 
 #include "PI/proto/pi_server.h"
 #include "platform/vela/ActivityLock.h"
@@ -21,10 +23,11 @@ using grpc::ServerContext;
 using grpc::Status;
 using grpc::StatusCode;
 
-// Returns one status to every request, or, without one, nothing as long as the caller waits.
+// Returns its statuses, the last one to all further requests, or, without any, nothing as long as
+// the caller waits.
 class StubbornServer : public p4::v1::P4Runtime::Service {
  public:
-  explicit StubbornServer(std::optional<Status> status) : status_(std::move(status)) {
+  explicit StubbornServer(std::vector<Status> statuses) : statuses_(std::move(statuses)) {
     grpc::ServerBuilder builder;
     builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port_);
     builder.RegisterService(this);
@@ -36,17 +39,21 @@ class StubbornServer : public p4::v1::P4Runtime::Service {
   Status SetForwardingPipelineConfig(ServerContext* context,
                                      const p4::v1::SetForwardingPipelineConfigRequest*,
                                      p4::v1::SetForwardingPipelineConfigResponse*) override {
-    while (!status_ && !context->IsCancelled()) std::this_thread::sleep_for(10ms);
-    return status_.value_or(Status::CANCELLED);
+    while (statuses_.empty() && !context->IsCancelled()) std::this_thread::sleep_for(10ms);
+    return statuses_.empty() ? Status::CANCELLED : next();
   }
   Status GetForwardingPipelineConfig(ServerContext*,
                                      const p4::v1::GetForwardingPipelineConfigRequest*,
                                      p4::v1::GetForwardingPipelineConfigResponse*) override {
-    return *status_;
+    return next();
   }
+  size_t served() const { return served_; }
 
  private:
-  const std::optional<Status> status_;
+  Status next() { return statuses_[std::min(served_++, statuses_.size() - 1)]; }
+
+  const std::vector<Status> statuses_;
+  std::atomic<size_t> served_ = 0;
   int port_ = 0;
   std::unique_ptr<grpc::Server> server_;
 };
@@ -87,22 +94,34 @@ TEST_F(LocalControllerDeathTest, AgentEndsWhenItsServerDoesNotAnswer) {
       {
         const Vela::ActivityLock lock;
         startServer();
-        const StubbornServer server(std::nullopt);
+        const StubbornServer server({});
         controllerOf(server.port(), 100ms)
             .setForwardingPipelineConfigRequest(TestSupport::smallPipeline());
       },
       "Failed\\(status.ok\\(\\)\\)  errorCode 4 error ");
 }
 
+// What others send may exhaust the server for a while.
+TEST_F(LocalControllerDeathTest, AgentTriesAgainWhileItsServerIsOutOfResources) {
+  const Status busy(StatusCode::RESOURCE_EXHAUSTED, "too much to do");
+  const StubbornServer server({busy, busy, Status::OK});
+  startServer();
+  EXPECT_EQ(controllerOf(server.port()).setForwardingPipelineConfigRequest({}), 0);
+  EXPECT_EQ(server.served(), 3u);
+  PIGrpcServerShutdown();
+  PIGrpcServerWait();
+  PIGrpcServerCleanup();
+}
+
 TEST_F(LocalControllerDeathTest, ServerWithoutPipelineIsNoReasonToEnd) {
   const p4::v1::GetForwardingPipelineConfigRequest request;
-  const StubbornServer well(Status::OK);
+  const StubbornServer well({Status::OK});
   EXPECT_EQ(controllerOf(well.port()).getForwardingPipelineConfigRequest(request), 0);
-  const StubbornServer empty(Status(StatusCode::FAILED_PRECONDITION, "no pipeline"));
+  const StubbornServer empty({Status(StatusCode::FAILED_PRECONDITION, "no pipeline")});
   EXPECT_EQ(controllerOf(empty.port()).getForwardingPipelineConfigRequest(request), 9);
   EXPECT_DEATH(
       {
-        const StubbornServer ill(Status(StatusCode::INTERNAL, "out of order"));
+        const StubbornServer ill({Status(StatusCode::INTERNAL, "out of order")});
         controllerOf(ill.port()).getForwardingPipelineConfigRequest(request);
       },
       "Failed\\(status.ok\\(\\)\\)  errorCode 13 error out of order");

@@ -4,11 +4,13 @@
 
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
+#include "P4Runtime/agent/ServerLimits.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/table/EntryFailures.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/int/pi_int.h"
 #include "PI/target/pi_act_prof_imp.h"
+#include "platform/vela/Exception.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
 namespace P4Runtime {
@@ -110,6 +112,35 @@ TEST_F(ServerInitTest, TheServerShowsItselfAndRefusesWhatWouldTakeItDown) {
   change.close();
   EXPECT_THROW(server_->operation("setOperationPermissionLevel")->run({"2"}), Vela::BadValue);
   EXPECT_EQ(level(), 0u) << "no operator opens a closed gate";
+}
+
+// A configuration file may say what `korvel set` refuses.
+TEST_F(ServerInitTest, LimitsThatShutEverybodyOutEndTheStart) {
+  const Vela::ActivityLock lock;
+  const auto config = Vela::make<P4RuntimeConfig::P4RtSystemConfig>("system");
+  EXPECT_EQ(followServerLimits(*config).size(), 8u);
+  const struct {
+    const char* attribute;
+    const char* value;
+  } cases[] = {{"maxConnections", "0"},
+               {"maxStreams", "4294967295"},
+               {"arbitrationTimeout", "-1"},
+               {"arbitrationTimeout", "1e300"},
+               {"maxServerMemory", "1"}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.attribute);
+    Vela::AttributeBase* attribute = config->attribute(c.attribute);
+    const std::string former = attribute->text();
+    attribute->textIs(c.value);
+    try {
+      followServerLimits(*config);
+      ADD_FAILURE() << c.value;
+    } catch (const Vela::Exception& e) {
+      EXPECT_THAT(e.what(), testing::HasSubstr(std::string(c.attribute) + " "));
+      EXPECT_THAT(e.what(), testing::HasSubstr("out of range; choose "));
+    }
+    attribute->textIs(former);
+  }
 }
 
 TEST_F(ServerInitTest, PermissionFollowsThePipelineAndTheCriticalState) {
