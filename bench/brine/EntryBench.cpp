@@ -1,4 +1,4 @@
-// What one table entry costs in shared memory, end to end: its cache record, its row with the
+// The cost of one table entry in shared memory, end to end: its cache record, its row with the
 // journal, reading both back, and the cache record's change of state when the report has come.
 // Entries come in batches of 100 into a table that already holds 10 thousand to 1 million; row
 // keys are random, so that each row touches pages of its own; cache records stand by entry handle.

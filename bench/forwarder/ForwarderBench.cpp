@@ -1,5 +1,5 @@
-// What the forwarder's structures cost an entry, by match kind and size: programming a change with
-// its checks and its report, and looking a packet up.
+// The cost of the forwarder's structures for an entry, by match kind and size: programming a change
+// with its checks and its report, and looking a packet up.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // Writes and reads of an IPv4 routing table: 100 updates a Write, at several table sizes; packets.
-// The target costs nothing: what is measured is validation, encoding, the store, and the answer.
+// The target costs nothing: this measures validation, encoding, the store, and the response.
 #include <benchmark/benchmark.h>
 #include <google/protobuf/text_format.h>
 #include <malloc.h>

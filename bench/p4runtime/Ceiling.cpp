@@ -17,7 +17,7 @@ class EmptyHandler final : public p4::v1::P4Runtime::Service {
     return grpc::Status::OK;
   }
 
-  // Answers with the query itself, which is as long as the entry it asks for, but for the action.
+  // Returns the query itself, which is as long as the entry it asks for, but for the action.
   grpc::Status Read(grpc::ServerContext*, const p4::v1::ReadRequest* request,
                     grpc::ServerWriter<p4::v1::ReadResponse>* writer) override {
     p4::v1::ReadResponse response;
@@ -40,7 +40,7 @@ class EmptyHandler final : public p4::v1::P4Runtime::Service {
   }
 };
 
-// As in PI/server/Server.cpp, so that only what stands behind the service differs.
+// As in PI/server/Server.cpp, so that the two differ only behind the service.
 void settingsAre(grpc::ServerBuilder& builder) {
   using Option = grpc::ServerBuilder::SyncServerOption;
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);

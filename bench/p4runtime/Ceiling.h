@@ -8,7 +8,7 @@
 namespace Bench {
 
 // Serves until the process is killed. A Write is answered OK; a Read of a table with one entity,
-// the same each time. Arbitration is answered as to a primary. Answers the exit status.
+// the same each time. Arbitration is answered as to a primary. Returns the exit status.
 int serveCeiling(const std::string& address);
 
 }  // namespace Bench

@@ -16,7 +16,7 @@ struct Line {
   size_t batch = 0;    // updates a request; for a wildcard read, entries an answer
   std::string operation;
   Samples agent;
-  Samples ceiling;  // empty where there is none to compare with
+  Samples ceiling;  // empty: nothing to compare with
 
   double rate() const { return agent.perSecond(batch); }  // updates or entries a second
 };

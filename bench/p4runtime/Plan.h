@@ -1,4 +1,4 @@
-// What to measure.
+// The measurements to make.
 #pragma once
 
 #include <cstddef>

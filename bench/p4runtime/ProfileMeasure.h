@@ -1,4 +1,4 @@
-// What action profiles cost: members, groups, one-shot sets, and entries that name groups, each
+// The cost of action profiles: members, groups, one-shot sets, and entries that name groups, each
 // beside entries with an action of their own.
 #pragma once
 

@@ -20,7 +20,7 @@ constexpr uint64_t mostEntries = 100000;
 constexpr auto span = std::chrono::seconds(10);
 constexpr size_t readersAChannel = 25;
 
-// Read a table over and over until they are stopped. What comes is counted, not parsed: the
+// Read a table over and over until they are stopped. Responses are counted, not parsed: the
 // readers' own work would slow the agent down on the same machine.
 class Readers {
  public:

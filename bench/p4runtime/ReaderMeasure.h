@@ -1,4 +1,4 @@
-// What readers cost the one who writes, and the agent's memory.
+// The cost of readers to a writer, and to the agent's memory.
 #pragma once
 
 #include "bench/p4runtime/Plan.h"

@@ -1,4 +1,4 @@
-// What is measured: a switch of agent and forwarder, and the ceiling beside it.
+// The targets measured: a switch of agent and forwarder, and the ceiling beside it.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What all measurements do: make requests beforehand, time them one by one, and say how far they
+// Shared by all measurements: make requests beforehand, time them one by one, and say how far they
 // are.
 #pragma once
 

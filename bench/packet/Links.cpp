@@ -37,7 +37,7 @@ BarePath::BarePath(const TestSupport::VethPair& link)
     : sender_(link.name()),
       receiver_(link.peer(), [this](auto packet) { arrived(textOf(packet)); }) {}
 
-// Answers the arbitration as an agent would, and hands on what comes.
+// Replies to the arbitration as an agent would, and hands packets on.
 class GrpcPath::Service final : public p4::v1::P4Runtime::Service {
  public:
   explicit Service(GrpcPath& path) : path_(path) {}
@@ -72,7 +72,7 @@ class GrpcPath::Service final : public p4::v1::P4Runtime::Service {
   }
 
  private:
-  // The stream's own thread may still be writing when its client has what it wrote.
+  // The stream's own thread may still be writing when its client already has the message.
   void write(const p4::v1::StreamMessageResponse& response) {
     const std::lock_guard lock(writing_);
     stream_->Write(response);

@@ -1,4 +1,4 @@
-// The ways that are measured: what the kernel can do, what gRPC alone can do, and the agent's.
+// The ways that are measured: the kernel alone, gRPC alone, and the agent.
 #pragma once
 
 #include <memory>
@@ -54,7 +54,7 @@ class PacketSwitch {
   PacketSwitch(const std::string& pipelineFile, const std::string& port);
 
   TestSupport::TestController& controller() { return *controller_; }
-  Cpu cpu() const;  // what the agent's threads have used since it started
+  Cpu cpu() const;  // used by the agent's threads since it started
 
   std::function<void(const p4::v1::PacketIn&)> packetIn;
 

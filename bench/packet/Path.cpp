@@ -12,7 +12,7 @@ namespace Bench {
 namespace {
 
 constexpr size_t batch = 32;
-constexpr size_t headBytes = 46;  // of a marked packet: what tells it from others
+constexpr size_t headBytes = 46;  // of a marked packet: its identity
 
 }  // namespace
 

@@ -46,7 +46,7 @@ class MinimalForwarder final : public Lattice::SubscriberHandler {
   void tableAdded(const Lattice::FollowedTable& table) override { hardware_[table.name]; }
   void tableRemoved(const Lattice::FollowedTable& table) override { hardware_.erase(table.name); }
 
-  // A whole picture comes. What we have programmed and is not in it must go.
+  // A snapshot begins. Rows that we have programmed and that are not in it must go.
   void snapshotBegin() override {
     stale_.clear();
     for (const auto& [name, rows] : hardware_) {
@@ -70,7 +70,7 @@ class MinimalForwarder final : public Lattice::SubscriberHandler {
   }
 
  private:
-  // Here your hardware is told. A change that fails leaves what stood there before; the agent then
+  // Here your hardware is told. A change that fails leaves the former row in place; the agent then
   // writes the former row again.
   uint16_t program(const Lattice::RowChange& change, const std::string& key, std::string* reason) {
     std::set<std::string>& rows = hardware_[change.table->name];

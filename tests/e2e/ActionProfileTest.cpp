@@ -167,7 +167,7 @@ TEST_F(ActionProfiles, ComeAndGoInOneWriteInTheOrderTheyDependOnEachOther) {
           .ok());
   EXPECT_EQ(difference("before", before, "after", tested.controllerView()), "");
 
-  // What depends on something that fails, fails with it.
+  // An update that depends on a failing one fails with it.
   tellForwarder({"fail-table", "wcmp_selector.member"});
   const WriteOutcome failed = tested.write(coming());
   tellForwarder({"clear"});

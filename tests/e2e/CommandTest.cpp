@@ -1,4 +1,4 @@
-// The korvel command against a running agent: what it answers with, and its exit status.
+// The korvel command against a running agent: its output and exit status.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

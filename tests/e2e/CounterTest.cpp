@@ -1,4 +1,4 @@
-// Direct counters: what the forwarder counts is what the controller reads.
+// Direct counters: the controller reads the forwarder's counts.
 #include <gtest/gtest.h>
 
 #include "tests/e2e/Switch.h"

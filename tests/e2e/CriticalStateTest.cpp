@@ -31,7 +31,7 @@ TEST(SilentForwarder, TimesTheBatchOutAndPutsTheSwitchIntoCriticalStateUntilReve
   const WriteOutcome timedOut = tested.write(updates);
   EXPECT_EQ(timedOut.status.error_code(), grpc::UNKNOWN);
   for (size_t i = 0; i < updates.size(); ++i) {
-    // What would have followed in a batch of its own was not begun.
+    // The update in a later batch was not begun.
     const bool followed = updates[i].entity().table_entry().action().action_profile_group_id();
     EXPECT_NE(timedOut.code(i), grpc::OK);
     if (!followed) {
@@ -99,7 +99,7 @@ TEST(SecondForwarder, CountsAsLongAsItIsThere) {
   EXPECT_EQ(tested.disagreement(), "");
 }
 
-// The list of what fails went with the agent that kept it; the forwarder knows.
+// The list of failures went with the agent that kept it; the forwarder knows them.
 TEST(FailingForwarder, IsStillHeardOfWhenTheAgentStartsAnew) {
   Switch tested({.forwarder = {"--fail-table", "packet_type"}});  // its entries are constant
   ASSERT_TRUE(tested.start());

@@ -1,4 +1,4 @@
-// What survives SIGKILL of the agent or of the forwarder, at any instant.
+// SIGKILL of the agent or of the forwarder, at any instant, loses nothing confirmed.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -101,7 +101,7 @@ TEST(AgentKilled, WhileNobodyWritesCostsTheForwarderNothing) {
     EXPECT_EQ(tested.disagreement(), "");
   }
   EXPECT_EQ(tested.forwarder.programmedChanges(), programmed);
-  // Handles are fresh ones: what is written now harms nothing that was restored.
+  // Handles are fresh ones: entries written now harm no restored one.
   EXPECT_TRUE(tested.insertRoutes(500, 600, 8).ok());
   EXPECT_TRUE(tested
                   .write({insertOf(Router::member(router, 1, 1)),

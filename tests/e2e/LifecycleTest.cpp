@@ -1,4 +1,4 @@
-// Starting, moving and refusing to start: what an operator meets.
+// Starting, moving and refusing to start, as an operator meets it.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -80,7 +80,7 @@ TEST(AgentStart, RefusesABadConfigurationInOneLine) {
   const struct {
     const char* what;
     std::string configuration;
-    const char* named;  // what the line must name
+    const char* named;  // which the line must name
   } cases[] = {
       {"no JSON", "{\"p4runtime", "config.json"},
       {"unknown path", R"({"p4runtime/config/sytem": {"deviceId": 1}})", "p4runtime/config/sytem"},

@@ -11,7 +11,7 @@ using namespace TestSupport;
 
 namespace {
 
-// Which numbers stand for what; those of members and groups are their ids too.
+// Ranges of numbers by kind; numbers of members and groups are their ids, too.
 constexpr uint32_t routes = 0;
 constexpr uint32_t rules = 160;  // of the access list, with meters
 constexpr uint32_t members = 200;

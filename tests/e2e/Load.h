@@ -1,4 +1,4 @@
-// Controllers that write without pause, and remember what they were promised.
+// Controllers that write without pause, and remember the confirmed entries.
 #pragma once
 
 #include <atomic>
@@ -23,7 +23,7 @@ uint32_t printedSeed();
 // its own.
 class Load {
  public:
-  Load(Switch& on, uint32_t seed);  // on a switch that serves; what it holds now stays
+  Load(Switch& on, uint32_t seed);  // on a switch that serves; its present entries stay
   ~Load() { stop(); }
 
   // Writes until stop(), or until a batch is not answered OK.
@@ -64,7 +64,7 @@ class Load {
   TestSupport::View viewOf(const Things& things) const;
 
   Switch& switch_;
-  const TestSupport::View constant_;  // what the switch held at first
+  const TestSupport::View constant_;  // the entries of the switch at first
   std::mt19937 random_;
   std::thread thread_;
   std::atomic<bool> stopping_{false};

@@ -16,7 +16,7 @@ std::string packetOf(uint64_t sequence, size_t size = 100) {
   return markedPacket({.stream = 1, .port = 1, .sequence = sequence}, size);
 }
 
-// Counts what arrives, wherever it should not.
+// Counts arrivals, also at wrong places.
 struct Arrivals {
   std::atomic<uint64_t> out{0};
   std::atomic<uint64_t> in{0};
@@ -33,7 +33,7 @@ TEST(PacketOut, ThatIsWrongIsRefusedInWordsAndCounted) {
   const struct {
     const char* what;
     std::function<void(Packet&)> change;
-    StatusCode code;  // of the stream error; OK: there is none, since the packet has been taken
+    StatusCode code;  // of the stream error; OK: no error, the packet is accepted
     const char* counted;
   } cases[] = {
       {"no metadata", [](Packet& p) { p.clear_metadata(); }, StatusCode::INVALID_ARGUMENT,

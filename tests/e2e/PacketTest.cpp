@@ -68,7 +68,7 @@ TEST(MarkedPackets, TellWhatIsWrongWithTheirOrder) {
   EXPECT_FALSE(markOf(whole + '\0'));
 }
 
-// Whatever leaves a port is sent back by its far end, so each packet goes both ways.
+// The far end of a port sends packets back, so each packet goes both ways.
 class PacketsBothWays : public testing::TestWithParam<bool> {};
 
 TEST_P(PacketsBothWays, NoneIsLostNorReordered) {
@@ -109,7 +109,7 @@ TEST_P(PacketsBothWays, NoneIsLostNorReordered) {
 INSTANTIATE_TEST_SUITE_P(CpuDevice, PacketsBothWays, testing::Bool(),
                          [](const auto& info) { return info.param ? "Tap" : "Veth"; });
 
-// Sends what a program of its own sends (see PacketFlood.cpp) until it is killed.
+// A program of its own that sends packets (see PacketFlood.cpp) until it is killed.
 struct Flood {
   Flood(const WiredSwitch& tested, uint32_t stream, uint64_t electionId)
       : process({binaryPath("packet-flood"), tested.agent.address(), std::to_string(stream),
@@ -142,7 +142,7 @@ TEST(ControllerKilled, InMidStreamLeavesThePortToTheNext) {
     SCOPED_TRACE(testing::Message() << "controller " << stream);
     Flood flood(tested, stream, electionId + stream);
     ASSERT_TRUE(waitUntil([&] { return out.count(stream, 1) > 2000; }, flood.process.descriptor()));
-    // Ours is a backup by now: what it sends stays inside, and it is told so.
+    // Ours is a backup by now: its packets go nowhere, and it is told so.
     const uint64_t before = toBackup;
     for (uint64_t i = 0; i < 10; ++i) {
       ASSERT_TRUE(tested.controller().send(packetOut(1, packetOf(99, 1, i))));
@@ -244,7 +244,7 @@ size_t descriptorCount(pid_t pid) {
 TEST(Devices, FlapUnderTrafficWithoutLeakOrHarmToOthers) {
   PacketChecker out;
   std::atomic<uint64_t> in{0};
-  std::atomic<uint64_t> fromPort{0};  // of those that the forwarder takes from port 1's device
+  std::atomic<uint64_t> fromPort{0};  // packets that the forwarder takes from port 1's device
   Window window(packetWindow / 2);
   WiredSwitch tested(
       {.ports = 2},

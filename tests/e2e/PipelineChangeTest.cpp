@@ -15,7 +15,7 @@ namespace {
 
 constexpr uint32_t routesOfAWriter = 500;
 
-// Writes routes of its own until it is stopped, and remembers what it was promised.
+// Writes routes of its own until it is stopped, and remembers the confirmed ones.
 class Writer {
  public:
   Writer(Switch& on, uint32_t number)

@@ -31,11 +31,11 @@ bool heedsSignals(Process& process) {
       process.descriptor());
 }
 
-// One way to stop the agent, by number; "" or what was wrong with it.
+// Stops the agent in one way, by number; returns the fault, or "".
 std::string stopped(AgentProcess& agent, unsigned way) {
   if (way == 0) agent.process().signal(SIGTERM);
   if (way == 1) agent.process().signal(SIGINT);
-  if (way == 2) {  // which may come before the agent answers: the signal follows
+  if (way == 2) {  // it may come before the agent serves: the signal follows
     agent.korvel({"set", "p4runtime/config/agent", "exitRequested", "true"});
     agent.process().signal(SIGTERM);
   }
@@ -93,7 +93,7 @@ TEST(AgentStopped, WhileAWriteWaitsEndsTheControllersCall) {
   EXPECT_THAT(tested.agent.korvel({"stop"}).error, HasSubstr("no agent answers"));
 }
 
-// The reactor is kept by a state directory that takes long, or by whatever: the process is stopped
+// The reactor is kept, by a slow state directory or anything else: the process is stopped
 // as a whole for a while, so that several requests wait for it at once.
 TEST(AgentStopped, ByEveryoneAtOnceEndsOnce) {
   Switch tested;
@@ -135,7 +135,7 @@ TEST(AgentStopped, WhileItIsStuckEndsAllTheSame) {
   }
 }
 
-// A port that cannot be had leaves the agent where it is; so does what only a start would heed.
+// A port in use leaves the agent where it is; so does a setting that only a start would heed.
 TEST(AgentSettings, ThatWouldEndItAreRefused) {
   Switch tested;
   ASSERT_TRUE(tested.start());

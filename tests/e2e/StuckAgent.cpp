@@ -1,4 +1,4 @@
-// An agent's library that never comes back to whoever calls it.
+// An agent's library that never returns to its caller.
 #include <unistd.h>
 
 #include <cstdio>

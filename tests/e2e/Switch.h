@@ -40,7 +40,7 @@ class Switch {
   explicit Switch(const Options& options);  // starts nothing
   ~Switch();                                // shows the processes' words if the test has failed
 
-  // Each answers true when its process is up and does its work.
+  // Each returns true once its process is up and does its work.
   bool start();  // agent, forwarder and controller
   bool startAgent();
   bool startForwarder();     // to a running agent

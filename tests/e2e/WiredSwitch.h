@@ -37,7 +37,7 @@ class WiredSwitch : public Switch {
 
   static std::string device(uint32_t link);  // that the agent has
   TestSupport::PacketEndpoint& farEnd(uint32_t link) { return *links_.at(link - 1).farEnd; }
-  // What is written there, the CPU device receives.
+  // The CPU device receives the packets written there.
   TestSupport::PacketEndpoint& cpuFarEnd() { return *cpu_->farEnd; }
   // Deletes the devices and makes new ones of the same names.
   void linkRemade(uint32_t link) { links_.at(link - 1).remade(); }

@@ -40,7 +40,7 @@ class AgentProcess {
   // Whether it answers a Read, which it does once all is restored. `query`: what to read; unless
   // given, all tables.
   bool waitServing(const p4::v1::TableEntry& query = {});
-  bool startServing();  // both; what it wrote is in output()
+  bool startServing();  // both; its output is in output()
   Process& process() { return *process_; }
   pid_t pid() const { return process_->pid(); }
   std::string output() const;  // both outputs of all starts

@@ -9,7 +9,7 @@
 
 namespace TestSupport {
 
-// Lowers the limit of this process, and gives back what it was at the end.
+// Lowers the limit of this process, and restores it at the end.
 class DescriptorLimit {
  public:
   explicit DescriptorLimit(rlim_t limit) {

@@ -25,7 +25,7 @@ class ForwarderProcess {
 
   // Runs `korvel-forwarder ctl ARGUMENTS... --state-dir DIRECTORY`.
   CommandResult ctl(std::vector<std::string> arguments) const;
-  // What `ctl stats` counts, by name. Throws std::runtime_error when it does not answer.
+  // The counts of `ctl stats`, by name. Throws std::runtime_error when there is no reply.
   std::map<std::string, std::string> stats() const;
   uint64_t programmedChanges() const;  // rows inserted, replaced and deleted since its start
 

@@ -74,7 +74,7 @@ VethPair::~VethPair() {
   try {
     deleted();
   } catch (const std::exception&) {
-    // A test has deleted it; the namespace takes along what is left.
+    // A test has deleted it; the namespace takes the rest along.
   }
 }
 

@@ -24,7 +24,7 @@ class PacketEndpoint {
   // How many went out, from the first on; fewer when the device is down or gone. Any thread.
   size_t send(std::span<const std::string_view> packets);
   bool send(std::string_view packet) { return send({&packet, 1}) == 1; }
-  // What the socket had no room for since it was last asked.
+  // The packets dropped for want of room since the last call.
   size_t missed();
 
  private:

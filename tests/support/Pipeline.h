@@ -58,7 +58,7 @@ class EntryOf {
   EntryOf& ternary(const std::string& field, uint64_t value, uint64_t mask);
   EntryOf& priority(int priority);
   EntryOf& action(const std::string& name, const std::map<std::string, uint64_t>& params = {});
-  // What an entry of an action profile's table does instead of an action of its own.
+  // The member, group or set of an entry that has no action of its own.
   EntryOf& member(uint32_t id);
   EntryOf& group(uint32_t id);
   EntryOf& oneShot();  // a set without elements yet

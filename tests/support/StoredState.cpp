@@ -198,7 +198,7 @@ class StateReader {
     return text;
   }
 
-  // The row that belongs to a record; what is left over at the end belongs to none.
+  // The row that belongs to a record; rows left over at the end belong to no record.
   std::optional<StoredRow> takeRow(uint64_t handle, const std::string& table) {
     const auto row = rows_.extract(handle);
     if (!row.empty() && row.mapped().table == table) return std::move(row.mapped());
@@ -219,7 +219,7 @@ class StateReader {
     }
   }
 
-  // Looks through what is hidden, and marks it as used.
+  // Looks through hidden objects, and marks them as used.
   std::string indirectText(const EntryRecord& entry) {
     const auto member = members_.find(entry.indirect);
     const auto group = groups_.find(entry.indirect);

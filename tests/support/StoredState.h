@@ -1,4 +1,4 @@
-// What the agent keeps in shared memory: cache records and rows, and whether they fit together.
+// The agent's cache records and rows in shared memory, and whether they fit together.
 #pragma once
 
 #include <string>

@@ -24,7 +24,7 @@ struct WriteOutcome {
   std::vector<p4::v1::Error> errors;  // one an update when the status is UNKNOWN, else none
 
   bool ok() const { return status.ok(); }
-  // The canonical code of one update, whatever form the answer took.
+  // The canonical code of one update, in every form of a response.
   grpc::StatusCode code(size_t update) const;
 };
 void PrintTo(const WriteOutcome& outcome, std::ostream* out);

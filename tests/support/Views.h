@@ -28,7 +28,7 @@ std::string entryKey(std::string_view table, std::string_view matchKey, int64_t 
 std::string memberKey(std::string_view memberTable, uint32_t id);
 std::string groupKey(std::string_view groupTable, uint32_t id);
 std::string action(uint32_t actionId, std::string_view data);
-std::string toMember(uint32_t id);  // what an entry does instead of an action
+std::string toMember(uint32_t id);  // in place of an action
 std::string toGroup(uint32_t id);
 std::string toActionSet(const std::map<std::string, uint64_t>& weights);  // of actions, as above
 std::string shares(const std::map<uint32_t, uint64_t>& weights);          // of a group's members

@@ -1,4 +1,4 @@
-// Waiting for what another process or thread does: until it is so, and no longer than a deadline.
+// Waits until another process or thread has done its work, no longer than a deadline.
 #pragma once
 
 #include <chrono>

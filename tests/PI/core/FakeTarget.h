@@ -1,4 +1,4 @@
-// A target that remembers what it was told and fetches what the test gives it.
+// A target that records its calls, and fetches the bytes that the test gives it.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Decoding of what targets fetch, whole and broken.
+// Decoding of fetch buffers of targets, whole and broken.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -13,7 +13,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// A front end that writes down what it is told.
+// A front end that records its calls.
 struct Frontend {
   std::vector<std::string> told;
 

@@ -27,7 +27,7 @@ StreamMessageRequest packetOut(const std::string& payload, const std::string& po
 
 class PacketTest : public FrontendTest {
  protected:
-  // What the device hands on to controllers from now on.
+  // The messages that the device hands to controllers from now on.
   void controllersListen() {
     device->streamResponseCbIs(
         [this](pi_dev_id_t, StreamMessageResponse* response, void* cookie) {

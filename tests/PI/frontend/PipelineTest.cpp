@@ -1,4 +1,4 @@
-// The pipeline of a device: installing it, what controllers may do about it, and what the target
+// The pipeline of a device: installing it, requests of controllers, and reports of the target
 // hands back after a restart.
 #include <thread>
 
@@ -51,7 +51,7 @@ TEST_F(PipelineTest, PartsAreReturnedAsAskedFor) {
             code::invalidArgument);
 }
 
-// Controllers tell by the cookie whether their own push is what runs.
+// Controllers tell by the cookie whether their own pipeline is running.
 TEST_F(PipelineTest, TheCookieOfTheLastPushIsReturned) {
   pipelineIsUp();
   p4::v1::ForwardingPipelineConfig zero = config;

@@ -1,4 +1,4 @@
-// Stands in for the front end: the DeviceMgr of this test program does what the test tells it to.
+// Stands in for the front end: the DeviceMgr of this test program follows the test's script.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,8 @@ struct FakeDevice {
   std::function<Status(const p4::v1::StreamMessageRequest&)> onStreamMessage;
   Status pipelineStatus;  // of the next push
 
-  // What DeviceMgr objects saw. Pushes come one after another; reading them needs no lock then.
+  // The calls that DeviceMgr objects saw. Pushes come one after another; reading them needs no lock
+  // then.
   std::vector<p4::v1::ForwardingPipelineConfig> pipelines;
   int alive = 0;
   static inline std::atomic<int> waiting = 0;  // Writes that came, of all devices

@@ -1,4 +1,4 @@
-// What the server takes on before anybody is known, and what it says beyond that.
+// The server's limits before a client is known, and its errors beyond them.
 #include <gmock/gmock.h>
 
 #include <atomic>
@@ -35,7 +35,7 @@ class LimitsTest : public ServerTest {
     request.set_device_id(deviceId_);
     return request;
   }
-  // What a stream that the server ends was told last.
+  // The last status of a stream that the server ends.
   static p4::v1::StreamError lastError(Controller& controller) {
     p4::v1::StreamError error;
     for (auto next = controller.next(); next.update_case(); next = controller.next()) {
@@ -185,7 +185,8 @@ TEST_F(WritesInLineTest, AreLimited) {
   const grpc::Status status = write(10);
   EXPECT_EQ(status.error_code(), StatusCode::RESOURCE_EXHAUSTED);
   EXPECT_THAT(status.error_message(), HasSubstr("1 Writes are under way"));
-  EXPECT_EQ(write(9).error_code(), StatusCode::PERMISSION_DENIED);  // whoever may not write
+  EXPECT_EQ(write(9).error_code(),
+            StatusCode::PERMISSION_DENIED);  // by a client that may not write
   endOne();
   EXPECT_TRUE(write(10).ok());
 }

@@ -87,7 +87,7 @@ TEST(OutgoingQueue, AllTogetherAreBoundedAndEachHasRoomOfItsOwn) {
   EXPECT_THAT(drained(other), ElementsAre("a", "b", "c"));
 }
 
-// What is written while more waits need not be sent at once, what is written last must.
+// A message written while more wait need not be sent at once; the last one must.
 TEST(OutgoingQueue, SaysWhetherMoreWaits) {
   OutgoingQueue queue(total);
   queue.packetIs(named("a"), 1);

@@ -15,7 +15,7 @@ using p4::v1::StreamMessageResponse;
 using testing::ElementsAre;
 
 constexpr int kFlood = 8192;
-constexpr size_t kFloodBytes = 16 << 10;  // of each: what nobody reads is 128 MiB
+constexpr size_t kFloodBytes = 16 << 10;  // of each; 128 MiB that nobody reads
 
 class PacketStreamTest : public ServerTest {
  protected:
@@ -39,7 +39,7 @@ class PacketStreamTest : public ServerTest {
     PIGrpcServerGetPacketCounts(deviceId_, &counts);
     return counts;
   }
-  // Whatever the controller sent before has been dealt with.
+  // All earlier messages of the controller have been dealt with.
   static void settled(Controller& controller, uint64_t electionId) {
     controller.sendArbitration(electionId);
     while (!controller.next().has_arbitration()) {
@@ -96,7 +96,7 @@ TEST_F(PacketStreamTest, OutsThatAreRefusedAreCountedByWhoRefused) {
     EXPECT_EQ(primary->next().error().canonical_code(), c.code);
     EXPECT_EQ(counts().*c.count, before + 1) << c.code;
   }
-  // An answer as long as what it refuses would be a burden; it says what it is about all the same.
+  // An error as long as the refused message would be a burden; it names its subject all the same.
   primary->send(packetOut(std::string(1 << 20, 'x')));
   const StreamMessageResponse answer = primary->next();
   EXPECT_TRUE(answer.error().has_packet_out());

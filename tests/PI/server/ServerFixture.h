@@ -45,14 +45,14 @@ class Controller {
   void sendArbitration(std::optional<uint64_t> electionId);
   // Waits for the next message; empty when the stream has ended.
   p4::v1::StreamMessageResponse next();
-  // Sends an update, and the code of the notice that answers it.
+  // Sends an update, and returns the code of the notice that follows.
   int arbitrate(std::optional<uint64_t> electionId);
   int nextNotice() { return next().arbitration().status().code(); }
   void disconnect();
   // Waits for the server to end the stream.
   grpc::Status ended();
 
-  p4::v1::MasterArbitrationUpdate update;  // what sendArbitration() sends, but for the id
+  p4::v1::MasterArbitrationUpdate update;  // sent by sendArbitration(), with its own id
 
  private:
   grpc::ClientContext context_;

@@ -1,4 +1,4 @@
-// What is checked of members, groups, action sets and direct meters before any other entry matters.
+// The checks of members, groups, action sets and direct meters that need no other entry.
 #include <functional>
 
 #include "PI/frontend/check/UpdateCheck.h"

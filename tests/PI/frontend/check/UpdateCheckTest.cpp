@@ -1,4 +1,4 @@
-// What is checked of an update before any other entry matters: each rule with its code.
+// The checks of an update that need no other entry: each rule with its code.
 #include "PI/frontend/check/UpdateCheck.h"
 
 #include <gmock/gmock.h>

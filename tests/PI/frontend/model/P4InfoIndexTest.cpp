@@ -100,7 +100,7 @@ TEST(P4InfoIndex, RefusesWhatCannotBeRealised) {
   }
 }
 
-// The table's word ties a direct resource to it; what is no counter and no meter is not served.
+// The table ties a direct resource to itself; resources but counters and meters are not served.
 TEST(P4InfoIndex, TakesDirectResourcesThatAreNotTiedBothWays) {
   P4Info p4Info = test::pipelineConfig().p4info();
   const auto& counted = p4Info.tables(3);

@@ -1,4 +1,4 @@
-// The headers of packets: what controllers must give, and the bytes that targets see.
+// The headers of packets: metadata of controllers, and the bytes that targets see.
 #include "PI/frontend/model/PacketHeaders.h"
 
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-// Reads: what the filters take, what is refused, and how the answer is cut.
+// Reads: filters, refusals, and the division into messages.
 #include <atomic>
 #include <latch>
 #include <thread>
@@ -149,7 +149,7 @@ TEST_F(ReadTest, EachQueryIsAnsweredByItself) {
                   code::invalidArgument, code::unimplemented, code::outOfRange));
 }
 
-// Controllers begin with "delete everything", whatever the switch can do.
+// Controllers begin with "delete everything", on any switch.
 TEST_F(ReadTest, OfKindsThatAreNotThereAllIsNothing) {
   p4::v1::ReadRequest request;
   const auto add = [&] { return request.add_entities(); };

@@ -1,4 +1,4 @@
-// A snapshot of the store keeps showing what stood there, whatever Writes do meanwhile.
+// A snapshot of the store keeps showing the former entries while Writes go on.
 #include "PI/frontend/store/EntryStore.h"
 
 #include <gtest/gtest.h>
@@ -37,7 +37,7 @@ class EntryStoreTest : public testing::Test {
     store.commit({&one, 1});
   }
 
-  // The action of the entry, 0 when there is none.
+  // The action of the entry; 0: no entry.
   static uint32_t action(const Entry* entry) { return entry ? entry->actionId : 0; }
   uint32_t inWrite(uint32_t key) const {
     const EntrySlot wanted = slot(key, 0);
@@ -98,7 +98,7 @@ TEST_F(EntryStoreTest, SnapshotOutlivesWritesOfSeveralBatches) {
   EXPECT_EQ(store.size(), latter.size());
 }
 
-// Beside a Read that never ends, as beside none, a change costs what it costs.
+// A change costs the same beside a Read that never ends as without a Read.
 TEST_F(EntryStoreTest, AChangeCopiesThePageThatASnapshotSeesAndNoOther) {
   const Pages former = pages();
   commit(0, 2);

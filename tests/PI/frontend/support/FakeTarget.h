@@ -1,4 +1,4 @@
-// A PI target that programs what it is given at once, and confirms, fails or holds back updates as
+// A PI target that programs entries at once, and confirms, fails or holds back updates as
 // the test tells it to. All that was done for a failed update is undone. Like a real one it serves
 // everything under one recursive lock, which it gives up while it waits for the outcome of a batch.
 #pragma once
@@ -62,7 +62,7 @@ class FakeTarget {
   FakeTarget();  // becomes the process's target
   ~FakeTarget();
 
-  // What becomes of the update at an offset of the Write; the others succeed.
+  // The outcome of the update at an offset of the Write; the others succeed.
   void failureIs(uint32_t offset, int canonicalCode, std::string message);
   void timeoutIs(uint32_t offset) { failureIs(offset, 4, ""); }
   // Of the n-th call at the offset, which then does nothing.
@@ -105,10 +105,10 @@ class FakeTarget {
   const std::vector<Batch>& batches() const { return batches_; }
   // The calls of the last batch that wrote members and groups.
   std::vector<std::string> lastCalls() const;
-  // What no target would take: a member that is deleted while it is in a group, and the like.
+  // Calls that no target would take, such as deleting a member that is in a group.
   const std::vector<std::string>& faults() const { return faults_; }
 
-  // What the next packets of controllers are answered with.
+  // The result of sending the next packets of controllers.
   void packetStatusIs(pi_status_t status) { packetStatus_ = status; }
   const std::vector<std::string>& sent() const { return sent_; }
   // As targets punt: with the lock held.

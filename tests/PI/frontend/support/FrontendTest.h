@@ -89,7 +89,7 @@ class FrontendTest : public testing::Test {
       return true;
     });
   }
-  // What a query that must succeed finds.
+  // The entries of a query that must succeed.
   Entries found(const p4::v1::TableEntry& query) const {
     Entries entries;
     const Status status = read({query}, &entries);

@@ -186,7 +186,7 @@ TEST_F(DirectResourceTest, CountersOfEntriesThatGoMeanwhileFailNoRead) {
   EXPECT_THAT(counters, SizeIs(2)) << "as they were when the Read began";
 }
 
-// Queries of one table share the walk, yet each gets what it asked for.
+// Queries of one table share the walk, yet each gets its own result.
 TEST_F(DirectResourceTest, QueriesOfOneTableGetTheirOwnForms) {
   ASSERT_EQ(inserted(metered(1, 5)).code(), code::ok);
   const TableEntry all = test::query(test::kCounted);
