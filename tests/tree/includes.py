@@ -3,12 +3,14 @@
 
   tests/tree/includes.py [ROOT]      # ROOT: the tree to check, by default the one it stands in
 
-A room is a folder with a line in the table. Files of one room include each other freely; another room only
-if the line names it or a folder above it. `FOLDER/*` is one room of all folders below FOLDER. The table
-itself must lead one way: it may hold no circle. Headers of the tree stand in quotes, by their path from the
-root (those below PI/include and proto by their path from there), all others in angle brackets.
+A room is a folder with a line in the table, and `FOLDER/*` one room of all folders below FOLDER. Files of
+one room include each other freely, and those of another only if the line names that room or a folder above
+it; `ROOM+` names a room and all that it may include. The table leads one way: it may hold no circle.
 
-Prints a line for each offence, `file:line: from -> to: what to do`, and ends with status 1 if there was any.
+Headers of the tree stand in quotes, by their path from the root (those below PI/include, and those generated
+from proto, by their path from there); all others stand in angle brackets.
+
+Prints a line for each offence, with its place and what to do, and ends with status 1 if there was any.
 """
 
 import os
@@ -22,35 +24,35 @@ proto/*                   -
 
 platform/scrivel          -
 platform/vela             platform/scrivel
-platform/orrery           platform/scrivel platform/vela
-platform/brine            platform/vela
-platform/lattice          platform/scrivel platform/vela platform/brine
-platform/pollen           platform/scrivel platform/vela platform/orrery platform/brine platform/lattice
-platform/wirra            platform/scrivel platform/vela platform/orrery
+platform/orrery           platform/vela+
+platform/brine            platform/vela+
+platform/lattice          platform/brine+
+platform/pollen           platform/orrery+ platform/lattice+
+platform/wirra            platform/orrery+
 
 PI/include/PI             -
 PI/include/PI/*           PI/include/PI proto
 PI/core                   PI/include
 PI/frontend/base          PI/include proto
-PI/frontend/model         PI/frontend/base PI/include proto
-PI/frontend/store         PI/frontend/base PI/frontend/model PI/include proto
-PI/frontend/check         PI/frontend/base PI/frontend/model PI/frontend/store PI/include proto
-PI/frontend/target        PI/frontend/base PI/frontend/model PI/frontend/store PI/frontend/check PI/include proto
-PI/frontend/write         PI/frontend/base PI/frontend/model PI/frontend/store PI/frontend/check PI/frontend/target PI/include proto
-PI/frontend/read          PI/frontend/base PI/frontend/model PI/frontend/store PI/frontend/check PI/frontend/target PI/include proto
-PI/frontend/restore       PI/frontend/base PI/frontend/model PI/frontend/store PI/frontend/check PI/frontend/target PI/include proto
+PI/frontend/model         PI/frontend/base+
+PI/frontend/store         PI/frontend/model+
+PI/frontend/check         PI/frontend/store+
+PI/frontend/target        PI/frontend/check+
+PI/frontend/write         PI/frontend/target+
+PI/frontend/read          PI/frontend/target+
+PI/frontend/restore       PI/frontend/target+
 PI/frontend               PI/frontend PI/core PI/include proto
 PI/server                 PI/core PI/include proto
 
 pipeline                  platform PI/include proto
 
 P4Runtime/companion       platform
-P4Runtime/plugin          P4Runtime/companion platform
-P4Runtime/pipeline        P4Runtime/companion pipeline platform PI/include proto
-P4Runtime/packet          P4Runtime/companion P4Runtime/pipeline platform PI/include proto
-P4Runtime/table           P4Runtime/companion P4Runtime/pipeline platform PI/include proto
-P4Runtime/pi              P4Runtime/companion P4Runtime/pipeline P4Runtime/packet P4Runtime/table platform PI/include proto
-P4Runtime/agent           P4Runtime pipeline platform PI/include proto
+P4Runtime/plugin          P4Runtime/companion+
+P4Runtime/pipeline        P4Runtime/companion+ pipeline+
+P4Runtime/packet          P4Runtime/pipeline+
+P4Runtime/table           P4Runtime/pipeline+
+P4Runtime/pi              P4Runtime/packet+ P4Runtime/table+
+P4Runtime/agent           P4Runtime/pi+ P4Runtime/plugin+
 
 forwarder                 platform
 cli/pipeline              pipeline proto
@@ -63,8 +65,8 @@ tests/support             platform proto
 tests/support/plugins     P4Runtime/plugin
 tests/platform/*          platform tests/support
 tests/PI/*                PI proto
-tests/pipeline            pipeline cli/pipeline platform proto tests/support
-tests/P4Runtime/*         P4Runtime pipeline platform PI/include proto tests/support tests/platform
+tests/pipeline            cli/pipeline+ platform tests/support
+tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
 tests/forwarder           forwarder platform tests/support
 tests/cli                 P4Runtime/agent platform tests/support
 tests/e2e                 platform/vela proto tests/support
@@ -73,7 +75,7 @@ bench/brine               platform tests/support
 bench/forwarder           forwarder platform
 bench/frontend            PI/include proto
 bench/p4runtime           proto tests/support
-bench/packet              bench/p4runtime proto tests/support
+bench/packet              bench/p4runtime+
 """
 
 # Arrows against the table that are still there; they are not to grow. An arrow that is gone leaves this list.
@@ -107,7 +109,26 @@ class Table:
     def __init__(self, text, exceptions=""):
         lines = (line.split("#")[0].strip() for line in text.splitlines())
         self.rooms = [Room(line) for line in lines if line]
+        for room in self.rooms:
+            room.allowed = sorted(self.spelt_out(room.allowed))
         self.exceptions = {tuple(line.split()): False for line in exceptions.splitlines() if line}
+
+    def spelt_out(self, allowed):
+        """The allowed folders, with each ROOM+ as the room and all that it may include."""
+        seen = set()
+        left = list(allowed)
+        while left:
+            folder = left.pop()
+            if folder not in seen and folder.endswith("+"):
+                left += [folder[:-1]] + self.room_named(folder[:-1]).allowed
+            seen.add(folder)
+        return {folder for folder in seen if not folder.endswith("+")}
+
+    def room_named(self, name):
+        for room in self.rooms:
+            if room.name == name:
+                return room
+        sys.exit(f"table: {name}+ is the name of no room; give it a line")
 
     def room_of(self, folder):
         """The room of exactly this folder, else the nearest FOLDER/* above it, else None."""
