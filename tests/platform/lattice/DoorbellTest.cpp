@@ -82,7 +82,10 @@ struct DoorbellTest : testing::Test {
     return socket;
   }
   static bool eventually(const std::function<bool()>& done) { return Agent::followUntil({}, done); }
-  size_t attached() { return agent.database->subscribers().size(); }
+  size_t attached() {
+    const Vela::ActivityLock lock;
+    return agent.database->subscribers().size();
+  }
 };
 
 TEST_F(DoorbellTest, OnlyItsOwnerMayConnect) {
