@@ -189,10 +189,7 @@ void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
   handleP4InfoStr(next.p4InfoJson);
   writeForPeople(files_.deviceJsonPath, next.deviceJson);
-  // One that was named after it, and cannot be used, is still to be told of.
-  if (next.path == systemConfig_->forwardingPipelineConfigFilePath()) {
-    TheParsingStatus()->failureCleared();
-  }
+  TheParsingStatus()->failureCleared();
   handlePipelineConfigStr(next.deviceJson);
 }
 

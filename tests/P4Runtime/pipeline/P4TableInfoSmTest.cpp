@@ -135,24 +135,6 @@ TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
   EXPECT_EQ(agent().lastHandle, handle);
 }
 
-// The one named before it waits for a Write, and comes up after it has failed.
-TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedIsToldOfWhateverComesUp) {
-  agent().begin();
-  agent().add(0, exactEntry(1));
-  agent().pipelineIs(smallPipeline(), "good");
-  {
-    const Vela::ActivityLock lock;
-    agent().config->forwardingPipelineConfigFilePathIs("/absent");
-  }
-  agent().end();
-  forwarder().programAll();
-  EXPECT_TRUE(agent().outcome().empty());
-  agent().settle();
-  EXPECT_TRUE(ready());
-  EXPECT_EQ(TheParsingStatus()->pipelineFile(), agent().directory + "/good");
-  EXPECT_EQ(error(), "Failed to open file /absent");
-}
-
 TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationLeavesTheRunningPipelineAlone) {
   const struct {
     const char* what;
