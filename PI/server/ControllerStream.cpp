@@ -7,6 +7,7 @@
 
 #include "PI/server/CallStatus.h"
 #include "PI/server/Requester.h"
+#include "PI/server/Thread.h"
 
 namespace pi::server {
 
@@ -50,7 +51,7 @@ void detailsFrom(const p4::v1::StreamMessageRequest& request, bool copied,
 Status ControllerStream::run() {
   std::thread writer;
   try {
-    writer = std::thread([this] { writeToEnd(); });
+    writer = startThread([this] { writeToEnd(); });
   } catch (const std::system_error&) {
     return Status(StatusCode::RESOURCE_EXHAUSTED,
                   "no thread left for another stream; close one first");

@@ -23,6 +23,7 @@
 
 #include "PI/server/Limits.h"
 #include "PI/server/ListenAddress.h"
+#include "PI/server/Thread.h"
 
 namespace pi::server {
 namespace {
@@ -114,7 +115,7 @@ void Listener::close() {
 
 void Listener::start(Handler handler) {
   handler_ = std::move(handler);
-  thread_ = std::thread([this] { run(); });
+  thread_ = startThread([this] { run(); });
 }
 
 void Listener::stop() {

@@ -5,10 +5,11 @@
 #include <algorithm>
 
 #include "PI/server/Limits.h"
+#include "PI/server/Thread.h"
 
 namespace pi::server {
 
-SendDeadlines::SendDeadlines() : watcher_([this] { watch(); }) {}
+SendDeadlines::SendDeadlines() : watcher_(startThread([this] { watch(); })) {}
 
 SendDeadlines::~SendDeadlines() {
   {

@@ -10,6 +10,7 @@
 #include "PI/server/Limits.h"
 #include "PI/server/Listener.h"
 #include "PI/server/P4RuntimeService.h"
+#include "PI/server/Thread.h"
 
 namespace pi::server {
 namespace {
@@ -102,12 +103,12 @@ void Server::limitsChanged() {
 void Server::begin(std::chrono::milliseconds cancelAfter) {
   const std::lock_guard lock(mutex_);
   if (closing_.joinable()) return;
-  closing_ = std::thread([this, cancelAfter] {
+  closing_ = startThread([this, cancelAfter] {
     listener_->stop();
     std::thread streams;
     const auto endStreams = [this] { service_->streams().endAll(kStreamGrace); };
     try {
-      streams = std::thread(endStreams);
+      streams = startThread(endStreams);
     } catch (const std::system_error&) {  // no thread is left: one after the other
       endStreams();
     }

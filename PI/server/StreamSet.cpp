@@ -1,6 +1,7 @@
 #include "PI/server/StreamSet.h"
 
 #include "PI/server/ControllerStream.h"
+#include "PI/server/Thread.h"
 
 namespace pi::server {
 
@@ -13,7 +14,7 @@ constexpr std::chrono::milliseconds kLastMessages{500};
 
 }  // namespace
 
-StreamSet::StreamSet() : watcher_([this] { watch(); }) {}
+StreamSet::StreamSet() : watcher_(startThread([this] { watch(); })) {}
 
 StreamSet::~StreamSet() {
   {
