@@ -5,7 +5,6 @@
 #include <chrono>
 
 #include "P4Runtime/agent/Agent.h"
-#include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "P4Runtime/table/EntryFailures.h"
@@ -68,7 +67,7 @@ void Agent::doUpdateStatus() {
   std::string subscribers;
   const auto attached = tables_->subscribers();
   for (const Lattice::SubscriberInfo& subscriber : attached) {
-    subscribers += fmt::format("{}{} (pid {}): in step up to change {}, {} reports{}",
+    subscribers += fmt::format("{}{} (pid {}): received up to change {}, {} reports{}",
                                subscribers.empty() ? "" : "\n", subscriber.name, subscriber.pid,
                                subscriber.sequence, subscriber.reports,
                                subscriber.takingSnapshot ? ", taking a snapshot" : "");

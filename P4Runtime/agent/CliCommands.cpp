@@ -47,7 +47,7 @@ void requirePort(const std::string& port) {
 
 // Refused before it is set: to put it back would come too late when others wait for what the port
 // has now.
-std::string portMapped(Database& database, const std::string& port, const std::string& intf) {
+std::string mapPort(Database& database, const std::string& port, const std::string& intf) {
   requirePort(port);
   const auto status = entityAt<PortMappingStatus>(database, mappingStatusPath);
   const uint32_t holder = status->portOfIntf(intf);
@@ -66,7 +66,7 @@ std::string portMapped(Database& database, const std::string& port, const std::s
   return fmt::format("port {} is interface {}", port, intf);
 }
 
-std::string portUnmapped(Database& database, const std::string& port) {
+std::string unmapPort(Database& database, const std::string& port) {
   requirePort(port);
   if (!database.entityDel(portPath(port))) {
     refuse("port {} is not mapped; 'korvel port list' shows those that are", port);
@@ -74,14 +74,14 @@ std::string portUnmapped(Database& database, const std::string& port) {
   return fmt::format("port {} is not mapped any more", port);
 }
 
-std::string enabled(Database& database) {
+std::string enable(Database& database) {
   const auto config = entityAt<P4RtSystemConfig>(database, "p4runtime/config/system");
   if (config->enabled()) return "the agent is enabled already";
   config->enabledIs(true);
   return "the agent is enabled";
 }
 
-std::string disabled(Database& database) {
+std::string disable(Database& database) {
   const auto config = entityAt<P4RtSystemConfig>(database, "p4runtime/config/system");
   if (!config->enabled()) {
     return "the agent is disabled already, or is about to be; 'korvel status' says what it waits "
@@ -91,7 +91,7 @@ std::string disabled(Database& database) {
   return "the agent cleans up and ends; 'korvel status' says what it waits for";
 }
 
-std::string stopped(Database& database) {
+std::string requestStop(Database& database) {
   entityAt<AgentConfig>(database, "p4runtime/config/agent")->exitRequestedIs(true);
   return "the agent ends";
 }
@@ -121,12 +121,12 @@ CliCommands cliCommands(Database& database) {
   return {
       {"port map",
        {"port map PORT INTERFACE", 2, 2,
-        [db](const Arguments& a) { return portMapped(*db, a[0], a[1]); }}},
+        [db](const Arguments& a) { return mapPort(*db, a[0], a[1]); }}},
       {"port unmap",
-       {"port unmap PORT", 1, 1, [db](const Arguments& a) { return portUnmapped(*db, a[0]); }}},
-      {"enable", {"enable", 0, 0, [db](const Arguments&) { return enabled(*db); }}},
-      {"disable", {"disable", 0, 0, [db](const Arguments&) { return disabled(*db); }}},
-      {"stop", {"stop", 0, 0, [db](const Arguments&) { return stopped(*db); }}},
+       {"port unmap PORT", 1, 1, [db](const Arguments& a) { return unmapPort(*db, a[0]); }}},
+      {"enable", {"enable", 0, 0, [db](const Arguments&) { return enable(*db); }}},
+      {"disable", {"disable", 0, 0, [db](const Arguments&) { return disable(*db); }}},
+      {"stop", {"stop", 0, 0, [db](const Arguments&) { return requestStop(*db); }}},
       {"set",
        {"set PATH ATTRIBUTE VALUE", 3, 3,
         [db](const Arguments& a) {

@@ -86,7 +86,7 @@ void CliSm::doExecute(const std::string& id) {
   const auto answer = Vela::make<CliAnswer>(id);
   answer->commandIs(request->command());
   try {
-    answer->textIs(answered(*request));
+    answer->textIs(runCommand(*request));
     answer->okIs(true);
   } catch (const std::exception& e) {
     SCRIVEL_TRACE(0, "doExecute ", id, " refused: ", e.what());
@@ -98,7 +98,7 @@ void CliSm::doExecute(const std::string& id) {
   if (answers_.size() > mostAnswers) doRemoveOldAnswers();
 }
 
-std::string CliSm::answered(const CliRequest& request) const {
+std::string CliSm::runCommand(const CliRequest& request) const {
   const auto found = commands_.find(request.command());
   if (found == commands_.end()) {
     throw std::runtime_error(fmt::format("there is no command '{}'; there are: {}",

@@ -52,7 +52,7 @@ class CliSm : public Vela::RefCounted {
  private:
   using Time = std::chrono::steady_clock::time_point;
   void doExecute(const std::string& id);
-  std::string answered(const CliRequest& request) const;
+  std::string runCommand(const CliRequest& request) const;
   void doRemove(const std::string& id);
   bool awaitsTaker() const;
   void maybeTellTaken();

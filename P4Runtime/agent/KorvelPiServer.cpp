@@ -14,7 +14,6 @@
 #include <utility>
 
 #include "P4Runtime/agent/P4RuntimeLocalController.h"
-#include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "PI/frontends/proto/device_mgr.h"
@@ -92,7 +91,7 @@ class KorvelPiServer::ConfigValue : public Vela::AttributeBase {
 
 KorvelPiServer::KorvelPiServer(Vela::ReactorLoop& loop,
                                Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> config)
-    : Entity("piServer"), loop_(loop) {
+    : DeviceServer("piServer"), loop_(loop) {
   p4RtSystemConfigIs(std::move(config));
   describeConfigValues();
   describeOperations();

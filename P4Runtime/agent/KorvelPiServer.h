@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "P4Runtime/pi/BatchEntries.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/FileDescriptor.h"
 #include "platform/vela/ReactorLoop.h"
@@ -21,7 +22,7 @@ class SetForwardingPipelineConfigRequest;
 namespace P4Runtime {
 
 // Used on the reactor; there is one server thread in a process at most.
-class KorvelPiServer : public Vela::Entity {
+class KorvelPiServer : public DeviceServer {
  public:
   // Pushes the pipeline once the server object has been signalled, on a later pass of the reactor
   // than the notice that signalled it.
@@ -53,7 +54,7 @@ class KorvelPiServer : public Vela::Entity {
  public:
   IpAddress piServerAddr() const;
   uint16_t piServerPort() const;
-  uint32_t deviceId() const;  // 0 without a configuration
+  uint32_t deviceId() const override;
   Vela::ReactorLoop& loop() const { return loop_; }
 
   std::string serverAddressPortStr() const;  // "10.1.2.3:700", "[::1]:700"

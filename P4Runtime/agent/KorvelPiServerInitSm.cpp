@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "P4Runtime/pi/P4RuntimeException.h"
-#include "P4Runtime/pi/PiContext.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
@@ -189,7 +188,8 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   const pi_dev_id_t deviceId = server()->deviceId();
   const pi_p4info_t* p4info = pi_get_device_p4info(deviceId);
   const pi_match_key_t matchKey{p4info, tableId, entry.priority, key.size(), key.data()};
-  const EntryHandle known = TheP4HandleMgr()->matchKeyToEntryHandle(tableId, key, entry.priority);
+  const EntryHandle known =
+      tableImpl()->handleMgr().matchKeyToEntryHandle(tableId, key, entry.priority);
   if (known != 0) {
     SCRIVEL_TRACE(5, "programConstantTables",
                   " Constant entry is already in cache with entryhandle ", known);

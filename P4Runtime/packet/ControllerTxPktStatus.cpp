@@ -2,8 +2,8 @@
 
 namespace P4Runtime {
 
-void ControllerTxPktStatus::dropped(uint64_t key, const ControllerTxPktDesc& desc, TxDrop reason,
-                                    const std::string& trouble) {
+void ControllerTxPktStatus::recordDrop(uint64_t key, const ControllerTxPktDesc& desc, TxDrop reason,
+                                       const std::string& trouble) {
   switch (reason) {
     case TxDrop::noPacket:
       noPacketIs(noPacket() + 1);

@@ -24,8 +24,8 @@ class ControllerTxPktStatus final : public Vela::Entity {
 
   void sentInc(uint64_t n) { sentIs(sent() + n); }
   // `trouble`: in words, for people; "": the reason says it all.
-  void dropped(uint64_t key, const ControllerTxPktDesc& desc, TxDrop reason,
-               const std::string& trouble = {});
+  void recordDrop(uint64_t key, const ControllerTxPktDesc& desc, TxDrop reason,
+                  const std::string& trouble = {});
   using Entries = std::map<uint64_t, ControllerTxPktStatusEntry>;
   const Entries& statusEntry() const { return statusEntry_.values(); }
   const ControllerTxPktStatusEntry& statusEntry(uint64_t key) const {

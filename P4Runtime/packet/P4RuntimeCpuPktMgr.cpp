@@ -25,13 +25,12 @@ void tellOnce(const std::system_error& e) {
 
 }  // namespace
 
-Wirra::PacketAccessManager::Ptr packetAccessOpened(Vela::ReactorLoop& loop,
-                                                   const std::string& device,
-                                                   Wirra::PacketAccessManager::Mode mode) {
+Wirra::PacketAccessManager::Ptr openPacketAccess(Vela::ReactorLoop& loop, const std::string& device,
+                                                 Wirra::PacketAccessManager::Mode mode) {
   try {
     return Vela::make<Wirra::PacketAccessManager>(loop, device, mode);
   } catch (const std::system_error& e) {
-    SCRIVEL_TRACE(1, "packetAccessOpened", " intf ", device, " ", e.what());
+    SCRIVEL_TRACE(1, "openPacketAccess", " intf ", device, " ", e.what());
     tellOnce(e);
     return nullptr;
   }
@@ -63,7 +62,7 @@ void P4RuntimeCpuPktMgr::handleDevice(const std::string& intf) {
 }
 
 void P4RuntimeCpuPktMgr::doOpen(const std::string& intf) {
-  auto pam = packetAccessOpened(loop_, intf, Wirra::PacketAccessManager::Mode::sendOnly);
+  auto pam = openPacketAccess(loop_, intf, Wirra::PacketAccessManager::Mode::sendOnly);
   if (!pam) {
     refused_.insert(intf);
     return;

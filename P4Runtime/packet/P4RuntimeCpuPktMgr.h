@@ -48,8 +48,7 @@ class P4RuntimeCpuPktMgr final : public Vela::Entity {
 
 // Opens packets of the device; null, and said on standard error the first time that it is for this
 // reason, when the system does not let us.
-Wirra::PacketAccessManager::Ptr packetAccessOpened(Vela::ReactorLoop& loop,
-                                                   const std::string& device,
-                                                   Wirra::PacketAccessManager::Mode mode);
+Wirra::PacketAccessManager::Ptr openPacketAccess(Vela::ReactorLoop& loop, const std::string& device,
+                                                 Wirra::PacketAccessManager::Mode mode);
 
 }  // namespace P4Runtime

@@ -108,7 +108,7 @@ void CpuPktSm::doBringUp() {
 void CpuPktSm::doEnablePam() {
   SCRIVEL_TRACE(1, "doEnablePam", " ", netdevName());
   auto pam =
-      packetAccessOpened(loop_, netdevName(), Wirra::PacketAccessManager::Mode::receiveAndSend);
+      openPacketAccess(loop_, netdevName(), Wirra::PacketAccessManager::Mode::receiveAndSend);
   if (!pam) return;  // handleKernelDevice() or handlePeriod() asks again
   pam->onPacketsIs([this] { handlePktEvent(); });
   netdevPamIs(std::move(pam));
@@ -192,7 +192,7 @@ void CpuPktSm::handleTxPktDesc() {
 
 void CpuPktSm::handleWays() {
   SCRIVEL_TRACE(5, "handleWays");
-  transmitter_->waysChanged();
+  transmitter_->retryWaiting();
 }
 
 TxWays::Way CpuPktSm::processTxPktDesc(const ControllerTxPktDesc& desc) {

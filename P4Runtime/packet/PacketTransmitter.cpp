@@ -49,7 +49,7 @@ void PacketTransmitter::wake() {
   });
 }
 
-void PacketTransmitter::waysChanged() {
+void PacketTransmitter::retryWaiting() {
   for (auto& [port, lane] : lanes_) lane.blocked = false;
   if (hasWork()) wake();
 }
@@ -129,7 +129,7 @@ void PacketTransmitter::prepareRun(const TxWays::Way& way) {
 
 void PacketTransmitter::append(Entry entry, const TxWays::Way& way) {
   if (way.drop) {
-    status_.dropped(entry.key, entry.desc, *way.drop);
+    status_.recordDrop(entry.key, entry.desc, *way.drop);
     return;
   }
   run_.intf = way.intf;
@@ -162,7 +162,7 @@ void PacketTransmitter::settle(const Entry& entry, Wirra::SendResult result) {
     status_.sentInc(1);
     return;
   }
-  status_.dropped(entry.key, entry.desc, reasonOf(result), ways_.trouble(run_.intf));
+  status_.recordDrop(entry.key, entry.desc, reasonOf(result), ways_.trouble(run_.intf));
 }
 
 // They are older than whatever of their ports waits.

@@ -47,7 +47,7 @@ class PacketTransmitter final {
   // Any thread that holds the lock: a turn follows, however often this is called until then.
   void wake();
   // What waits for a device is tried again: it has space, came, went, or a port means another one.
-  void waysChanged();
+  void retryWaiting();
   uint64_t taken() const { return taken_; }  // descriptors, from the queue
   // Runs after each turn.
   void onTurnIs(std::function<void()> turned) { turned_ = std::move(turned); }

@@ -1,5 +1,6 @@
-// The failures of the write path and of pipeline parsing, and what the edge does with each. Their
-// handlers run on the thread that raised the exception, with the activity lock held.
+// The failures of the write path and of pipeline parsing. Each carries a message for people. The
+// handlers run on the thread that raised the exception, with the activity lock held; each one is
+// defined beside the state that it changes.
 #pragma once
 
 #include <string>
@@ -11,13 +12,8 @@
 
 namespace P4Runtime {
 
-// What a failed update answers; its error stands in the batch's status vector.
+// The status of a failed update; its error stands in the batch's status vector.
 inline constexpr pi_status_t updateFailedStatus = static_cast<pi_status_t>(40);
-
-// Permission levels of the PI server.
-inline constexpr uint32_t nothingAllowed = 0;
-inline constexpr uint32_t readsAllowed = 1;
-inline constexpr uint32_t writesAllowed = 2;
 
 // The error of one update of a batch.
 class P4RuntimeException : public Vela::Exception {
@@ -26,8 +22,8 @@ class P4RuntimeException : public Vela::Exception {
                      ErrorCode errorCode)
       : Exception(message), entryHandle(entryHandle), offset_(offset), errorCode(errorCode) {}
 
-  // Records the error for the update's offset, puts the entry back, and answers the status of a
-  // failed update.
+  // Records the error for the update's offset, puts the entry back, and returns
+  // updateFailedStatus. Defined in RunUpdate.cpp.
   static pi_status_t handleException(const P4RuntimeException& e);
 
   const EntryHandle entryHandle;  // 0: of no entry
@@ -51,7 +47,8 @@ class P4RuntimeParsingException : public Vela::Exception {
         jsonError(std::move(jsonError)),
         hint(std::move(hint)) {}
 
-  // Publishes the texts in the parsing status and says on standard error what is wrong.
+  // Publishes the texts in the parsing status and says on standard error what is wrong. Defined
+  // with ParsingStatus.
   static void handleException(const P4RuntimeParsingException& e);
 
   const std::string latticeError;  // of the table library
@@ -67,6 +64,7 @@ class P4RuntimeCriticalStateException : public Vela::Exception {
                                   ErrorCode errorCode)
       : Exception(message), entryHandle(entryHandle), errorCode(errorCode) {}
 
+  // Enters the critical state. Defined in CriticalState.cpp, as are those below.
   static void handleException(const P4RuntimeCriticalStateException& e);
 
   const EntryHandle entryHandle;
@@ -78,13 +76,12 @@ class P4RuntimeBrokenInvariantException : public Vela::Exception {
  public:
   using Exception::Exception;
 
+  // Enters the critical state, publishes that an invariant is broken, and returns
+  // updateFailedStatus.
   static pi_status_t handleException(const P4RuntimeBrokenInvariantException& e);
   // Trusts the hardware again: reads and writes are allowed, as soon as the gate for Writes is
   // open.
   static void revertCriticalState();
 };
-
-// Throws the error that the batch has already recorded for the handle, if any.
-void maybeThrowBatchEntryErrorException(EntryHandle handle);
 
 }  // namespace P4Runtime

@@ -26,11 +26,11 @@ void ThePiContextIs(PiContext::Ptr pic) {
 
 PiContext::Ptr ThePiContext() { return theContext(); }
 
-TableImpl* TheTableImpl() { return theContext()->tableImpl().get(); }
 BatchStatus* TheBatchStatus() { return theContext()->batchStatus().get(); }
 P4HandleMgr* TheP4HandleMgr() { return theContext()->p4HandleMgr().get(); }
 P4RuntimeConfig::P4RtSystemStatus* TheP4RtSystemStatus() {
   return theContext()->p4RtSystemStatus().get();
 }
+BatchEntries* TheBatchEntries() { return theContext()->tableImpl().base(); }
 
 }  // namespace P4Runtime

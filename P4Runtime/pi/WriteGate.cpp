@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "P4Runtime/pi/P4RuntimeException.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "platform/scrivel/Trace.h"
 

@@ -3,6 +3,7 @@
 // its work is done.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <utility>
@@ -14,6 +15,11 @@
 #include "platform/vela/ReactorLoop.h"
 
 namespace P4Runtime {
+
+// Permission levels of the PI server.
+inline constexpr uint32_t nothingAllowed = 0;
+inline constexpr uint32_t readsAllowed = 1;
+inline constexpr uint32_t writesAllowed = 2;
 
 // Decides the permission level of the PI library: 0 while anybody keeps the gate closed, else 1 in
 // the critical state, else 2. At level 0 no batch begins, so a closed gate without a batch in

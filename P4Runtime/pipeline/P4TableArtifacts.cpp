@@ -45,7 +45,7 @@ bool keptInNetworkOrder(const std::string& fieldType) {
 }
 
 // A string that the document must have.
-std::string required(const cJSON* parent, const char* key, const char* toDoWhat) {
+std::string requireText(const cJSON* parent, const char* key, const char* toDoWhat) {
   const auto value = jsonString(parent, key);
   if (!value) {
     throw P4RuntimeParsingException({}, fmt::format("Cannot parse {}{}", key, toDoWhat), {});
@@ -83,8 +83,8 @@ void P4TableInfoSm::createLatticeTableTypes() {
                                     {});
   }
   for (const cJSON* definition : JsonElements(definitions)) {
-    const std::string name = required(definition, "table_type", " to create table types");
-    const std::string text = required(definition, "table_type_def", " to create table types");
+    const std::string name = requireText(definition, "table_type", " to create table types");
+    const std::string text = requireText(definition, "table_type_def", " to create table types");
     SCRIVEL_TRACE(5, "Lattice table type:", name, " definition", text);
     services_.typeConfigDir->typeConfigIs(name, text);
   }
@@ -112,7 +112,7 @@ void P4TableInfoSm::handleTypeCompileStatus() {
     SCRIVEL_TRACE(1, "handleTypeCompileStatus", "no typeConfigs in typeConfigDir");
     return;
   }
-  guarded([&] {
+  runGuarded([&] {
     for (const std::string& name : names) {
       const auto status = services_.typeStatusDir->typeStatus(name);
       if (!status) {
@@ -133,7 +133,7 @@ void P4TableInfoSm::handleTypeCompileStatus() {
 
 void P4TableInfoSm::handleAllTypesCompiled() {
   SCRIVEL_TRACE(1, "handleAllTypesCompiled", " ", allTypesCompiled());
-  if (allTypesCompiled()) guarded([&] { createLatticeTableInterfaces(); });
+  if (allTypesCompiled()) runGuarded([&] { createLatticeTableInterfaces(); });
 }
 
 void P4TableInfoSm::createLatticeTableInterfaces() {
@@ -156,8 +156,8 @@ void P4TableInfoSm::createLatticeTableInterfaces() {
 
 void P4TableInfoSm::createTableInterface(const cJSON* table) {
   const ResourceId rid = resourceIdOf(table);
-  const std::string name = required(table, "table_name", " to create tables");
-  const std::string type = required(table, "table_type", " to create tables");
+  const std::string name = requireText(table, "table_name", " to create tables");
+  const std::string type = requireText(table, "table_type", " to create tables");
   if (!Lattice::TheTypeRegistry().type(type)) {
     throw P4RuntimeParsingException(
         {},
@@ -196,7 +196,7 @@ void P4TableInfoSm::maybeUpdateAllArInterfacesReady() {
 void P4TableInfoSm::handleAllArInterfacesReady() {
   SCRIVEL_TRACE(1, "handleAllArInterfacesReady");
   if (!jsonRoot_) return;  // a new pipeline is on its way
-  guarded([&] {
+  runGuarded([&] {
     createRowConstructors();
     createLatticeQueries();
   });
@@ -211,8 +211,8 @@ void P4TableInfoSm::createRowConstructors() {
 
 void P4TableInfoSm::createRowConstructor(const cJSON* table) {
   const ResourceId rid = resourceIdOf(table);
-  const std::string name = required(table, "table_name", " to create rows");
-  const std::string type = required(table, "table_type", " to create rows");
+  const std::string name = requireText(table, "table_name", " to create rows");
+  const std::string type = requireText(table, "table_type", " to create rows");
   SCRIVEL_TRACE(5, "------------ Pass the following to lattice for creating table", name, " type",
                 type);
   const cJSON* fields = jsonArray(table, "table_fields");
@@ -227,8 +227,8 @@ void P4TableInfoSm::createRowConstructor(const cJSON* table) {
   std::vector<std::string> fieldTypes;
   for (const cJSON* field : JsonElements(fields)) {
     const auto slot = static_cast<uint32_t>(fieldTypes.size());
-    fieldNames.push_back(required(field, "field_name", " to create rows"));
-    fieldTypes.push_back(required(field, "field_type", " to create rows"));
+    fieldNames.push_back(requireText(field, "field_name", " to create rows"));
+    fieldTypes.push_back(requireText(field, "field_type", " to create rows"));
     if (keptInNetworkOrder(fieldTypes.back())) widths.fieldInNetworkByteOrderIs(slot, true);
   }
   tableInfo_->fieldBitwidthsIs(rid, widths);
@@ -272,26 +272,26 @@ void P4TableInfoSm::createLatticeQueries() {
 
 void P4TableInfoSm::createQuery(const cJSON* query) {
   const char* const toDoWhat = " to create queries";
-  const std::string path = required(query, "output_table_path", toDoWhat);
+  const std::string path = requireText(query, "output_table_path", toDoWhat);
   if (services_.queryConfigDir->queryConfig(path)) {
     throw P4RuntimeParsingException(
         {}, fmt::format("Cannot parse query {}: it stands there twice{}", path, toDoWhat), {});
   }
-  const auto config =
-      services_.queryConfigDir->queryConfigIs(path, required(query, "output_table_type", toDoWhat));
-  const std::string text = required(query, "query", toDoWhat);
+  const auto config = services_.queryConfigDir->queryConfigIs(
+      path, requireText(query, "output_table_type", toDoWhat));
+  const std::string text = requireText(query, "query", toDoWhat);
   SCRIVEL_TRACE(5, "Lattice query:", text);
   config->oneShotIs(cJSON_IsTrue(cJSON_GetObjectItem(query, "one_shot")) != 0);
   config->queryTextIs(text);
   for (const cJSON* pair : JsonElements(jsonArray(query, "input_tables"))) {
-    const std::string key = required(pair, "table_key", toDoWhat);
-    const std::string value = required(pair, "table_value", toDoWhat);
+    const std::string key = requireText(pair, "table_key", toDoWhat);
+    const std::string value = requireText(pair, "table_value", toDoWhat);
     SCRIVEL_TRACE(5, "Query table map:", key, " =>", value);
     config->inputTableIs(key, value);
   }
   for (const cJSON* pair : JsonElements(jsonArray(query, "params"))) {
-    const std::string key = required(pair, "param_key", toDoWhat);
-    const std::string value = required(pair, "param_value", toDoWhat);
+    const std::string key = requireText(pair, "param_key", toDoWhat);
+    const std::string value = requireText(pair, "param_value", toDoWhat);
     SCRIVEL_TRACE(5, "Query parameter map:", key, " =>", value);
     config->parameterIs(key, value);
   }
@@ -337,7 +337,7 @@ void P4TableInfoSm::handleQueryCompileStatus() {
     return;
   }
   if (allQueriesCompiled()) return;
-  guarded([&] {
+  runGuarded([&] {
     for (const auto& name : services_.queryConfigDir->entityNames()) {
       const auto status = services_.queryStatusDir->queryStatus(name);
       if (!status) {

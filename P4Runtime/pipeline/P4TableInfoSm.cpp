@@ -123,7 +123,7 @@ void P4TableInfoSm::handlePipelineConfigFile() {
   SCRIVEL_TRACE(1, "handlePipelineConfigFile", " File ", path);
   if (!systemConfig_->enabled()) return;  // handleEnabled() asks again
   next_.reset();  // one that waits for a Write is overtaken, whatever this is
-  guarded([&] {
+  runGuarded([&] {
     next_ = readPipelineConfigFile(path);
     change_.close([this] { doChange(); });
   });
@@ -176,7 +176,7 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
 void P4TableInfoSm::doChange() {
   if (std::exchange(cleanupRequested_, false)) doCleanUp();
   if (const auto next = std::exchange(next_, std::nullopt)) {
-    guarded([&] { doBringUp(*next); });
+    runGuarded([&] { doBringUp(*next); });
   }
   change_.open();
 }

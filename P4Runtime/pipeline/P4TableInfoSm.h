@@ -91,7 +91,7 @@ class P4TableInfoSm : public Vela::Entity {
   void handleAllArInterfacesReady();
   // Runs `step`; a parsing failure, or one of the store, ends with the handler of the former.
   template <typename Step>
-  void guarded(Step step) {
+  void runGuarded(Step step) {
     try {
       step();
     } catch (const P4RuntimeParsingException& e) {

@@ -1,9 +1,17 @@
 #include "P4Runtime/pipeline/ParsingStatus.h"
 
+#include <fmt/format.h>
+
+#include <cstdio>
+
+#include "P4Runtime/pi/P4RuntimeException.h"
+#include "platform/scrivel/Trace.h"
 #include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
 namespace {
+
+Scrivel::TraceHandle trace("P4RuntimeException");
 
 constexpr size_t mostJson = 60;    // bytes of it that are shown
 constexpr size_t mostText = 1000;  // of all
@@ -39,6 +47,13 @@ void ParsingStatus::failureCleared() {
 ParsingStatus* TheParsingStatus() {
   static const auto* status = new Vela::Ptr<ParsingStatus>(Vela::make<ParsingStatus>("pipeline"));
   return status->get();
+}
+
+void P4RuntimeParsingException::handleException(const P4RuntimeParsingException& e) {
+  SCRIVEL_TRACE(0, "P4RuntimeParsingException", " latticeError: ", e.latticeError,
+                " error: ", e.error, " jsonError: ", e.jsonError);
+  if (!TheParsingStatus()->failureIs(e.latticeError, e.error, e.jsonError, e.hint)) return;
+  fmt::print(stderr, "korvel: pipeline: {}\n", TheParsingStatus()->text());
 }
 
 }  // namespace P4Runtime

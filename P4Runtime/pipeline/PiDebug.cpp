@@ -107,15 +107,4 @@ std::string piMeterSpecToString(const pi_meter_spec_t* spec) {
   return out.str();
 }
 
-std::string piAssignExtraToString(const pi_assign_extra_t* extra) {
-  std::ostringstream out;
-  out << '{';
-  for (const pi_assign_extra_t* one = extra; one && !one->end_of_extras; ++one) {
-    if (one != extra) out << ',';
-    out << (one->key ? one->key : "") << '=' << (one->v ? one->v : "");
-  }
-  out << '}';
-  return out.str();
-}
-
 }  // namespace P4Runtime

@@ -26,6 +26,5 @@ std::string piTableEntryToString(const pi_table_entry_t* entry);
 std::string piLearnConfigToString(const pi_learn_config_t* config);
 std::string piLearnMsgToString(const pi_learn_msg_t* msg);
 std::string piMeterSpecToString(const pi_meter_spec_t* spec);
-std::string piAssignExtraToString(const pi_assign_extra_t* extra);
 
 }  // namespace P4Runtime

@@ -33,7 +33,7 @@ Plugin::Plugin(const std::string& name, PluginLibrary library, const PluginConte
   const char* version = library_->descriptor().version;
   status_->versionIs(version ? version : "");
   PluginHost::Owner owner;
-  owner.guarded = [this](const char* what, const auto& code) { guarded(what, code); };
+  owner.runGuarded = [this](const char* what, const auto& code) { runGuarded(what, code); };
   owner.cleanupDone = [this](uint32_t id) { return cleanupDone(id); };
   owner.disableDone = [this](uint32_t id) { return disableDone(id); };
   host_ = &PluginHost::make(name, context_, status_, std::move(owner));
@@ -75,7 +75,7 @@ void Plugin::handleSettings() {
   if (!running() || !library_->descriptor().settings_changed) return;
   int answer = 0;
   const std::string text = settings();
-  const bool returned = guarded("settings_changed", [&] {
+  const bool returned = runGuarded("settings_changed", [&] {
     answer = library_->descriptor().settings_changed(instance_, text.c_str());
   });
   if (!returned) return;
@@ -109,7 +109,7 @@ void Plugin::doStart() {
   host_->open();
   int answer = 0;
   const std::string text = settings();
-  const bool returned = guarded("start", [&] {
+  const bool returned = runGuarded("start", [&] {
     answer = library_->descriptor().start(host_->functions(), text.c_str(), &instance_);
   });
   if (!returned) return;
@@ -149,7 +149,7 @@ void Plugin::doFail(const std::string& why) {
   doAnswerRequests();
 }
 
-bool Plugin::guarded(const char* what, const std::function<void()>& code) {
+bool Plugin::runGuarded(const char* what, const std::function<void()>& code) {
   std::string why;
   try {
     code();
@@ -169,7 +169,7 @@ void Plugin::handleCleanupRequest() {
   SCRIVEL_TRACE(1, "handleCleanupRequest ", name(), " ", id);
   const auto ask = library_->descriptor().cleanup_requested;
   if (!ask) return status_->cleanupRequestIdIs(id);
-  guarded("cleanup_requested", [&] { ask(instance_, id); });
+  runGuarded("cleanup_requested", [&] { ask(instance_, id); });
 }
 
 void Plugin::handleDisableRequest() {
@@ -180,7 +180,7 @@ void Plugin::handleDisableRequest() {
   const auto ask = library_->descriptor().disable_requested;
   if (!ask) return status_->disableRequestIdIs(id);
   stateIs("asked to stop");
-  guarded("disable_requested", [&] { ask(instance_, id); });
+  runGuarded("disable_requested", [&] { ask(instance_, id); });
 }
 
 void Plugin::doAnswerRequests() {

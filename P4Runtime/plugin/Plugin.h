@@ -48,7 +48,7 @@ class Plugin final : public Vela::Entity {
   void doStop();
   void doFail(const std::string& why);
   // Runs code of the plugin's; false when an exception left it, which has stopped the plugin then.
-  bool guarded(const char* what, const std::function<void()>& code);
+  bool runGuarded(const char* what, const std::function<void()>& code);
   void stateIs(const std::string& state);
   void doAnswerRequests();
   int cleanupDone(uint32_t id);  // both answer as the host's functions do

@@ -47,33 +47,33 @@ PluginHost::PluginHost(std::string name, const PluginContext& context,
   handle_.host = this;
   handle_.functions.interface_version = KORVEL_PLUGIN_INTERFACE_VERSION;
   handle_.functions.publish = [](Host h, const char* name, const char* value) {
-    return served(h, [&](PluginHost& host) { return host.publish(name, value); });
+    return serve(h, [&](PluginHost& host) { return host.publish(name, value); });
   };
   handle_.functions.cleanup_done = [](Host h, uint32_t id) {
-    return served(h, [&](PluginHost& host) { return host.owner_.cleanupDone(id); });
+    return serve(h, [&](PluginHost& host) { return host.owner_.cleanupDone(id); });
   };
   handle_.functions.disable_done = [](Host h, uint32_t id) {
-    return served(h, [&](PluginHost& host) { return host.owner_.disableDone(id); });
+    return serve(h, [&](PluginHost& host) { return host.owner_.disableDone(id); });
   };
   handle_.functions.read_attribute = [](Host h, const char* path, const char* attribute,
                                         char* buffer, size_t size) {
-    return served(
+    return serve(
         h, [&](PluginHost& host) { return host.readAttribute(path, attribute, buffer, size); });
   };
   handle_.functions.read_collection = [](Host h, const char* path, const char* attribute,
                                          korvel_entry_visitor visit, void* cookie) {
-    return served(
+    return serve(
         h, [&](PluginHost& host) { return host.readCollection(path, attribute, visit, cookie); });
   };
   handle_.functions.list = [](Host h, const char* path, korvel_name_visitor visit, void* cookie) {
-    return served(h, [&](PluginHost& host) { return host.list(path, visit, cookie); });
+    return serve(h, [&](PluginHost& host) { return host.list(path, visit, cookie); });
   };
   handle_.functions.table_use = [](Host h, korvel_table_visitor visit, void* cookie) {
-    return served(h, [&](PluginHost& host) { return host.tableUse(visit, cookie); });
+    return serve(h, [&](PluginHost& host) { return host.tableUse(visit, cookie); });
   };
   handle_.functions.timer = [](Host h, uint32_t milliseconds, korvel_callback expired,
                                void* cookie) {
-    return served(h, [&](PluginHost& host) { return host.timerIs(milliseconds, expired, cookie); });
+    return serve(h, [&](PluginHost& host) { return host.timerIs(milliseconds, expired, cookie); });
   };
   handle_.functions.post = [](Host h, korvel_callback work, void* cookie) {
     PluginHost* host = of(h);
@@ -92,7 +92,7 @@ PluginHost* PluginHost::of(const korvel_host* functions) {
 }
 
 template <typename Body>
-auto PluginHost::served(const korvel_host* functions, Body body) -> decltype(body(*of(functions))) {
+auto PluginHost::serve(const korvel_host* functions, Body body) -> decltype(body(*of(functions))) {
   PluginHost* host = of(functions);
   if (!host) return KORVEL_BAD_ARGUMENT;
   if (const int refused = host->refusal()) return refused;
@@ -212,7 +212,7 @@ int PluginHost::timerIs(uint32_t milliseconds, korvel_callback expired, void* co
   if (!timer_) {
     timer_ = std::make_unique<Vela::Timer>(context_->loop, [this] {
       const auto code = expired_;  // may set another one
-      if (code) owner_.guarded("timer", code);
+      if (code) owner_.runGuarded("timer", code);
     });
   }
   expired_ = [expired, cookie] { expired(cookie); };
@@ -226,7 +226,7 @@ int PluginHost::post(korvel_callback work, void* cookie) {
   if (!open_ || !context_) return KORVEL_STOPPED;
   context_->loop.post([this, work, cookie, life = opened_] {
     if (refusal() != KORVEL_OK || life != opened_) return;
-    owner_.guarded("posted work", [work, cookie] { work(cookie); });
+    owner_.runGuarded("posted work", [work, cookie] { work(cookie); });
   });
   return KORVEL_OK;
 }

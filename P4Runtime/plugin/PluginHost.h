@@ -22,7 +22,7 @@ class PluginHost {
   // What the owner does for it.
   struct Owner {
     // Runs code of the plugin's; an exception that leaves it stops the plugin.
-    std::function<void(const char* what, const std::function<void()>& code)> guarded;
+    std::function<void(const char* what, const std::function<void()>& code)> runGuarded;
     std::function<int(uint32_t id)> cleanupDone;
     std::function<int(uint32_t id)> disableDone;
   };
@@ -50,7 +50,7 @@ class PluginHost {
 
   static PluginHost* of(const korvel_host* functions);
   template <typename Body>
-  static auto served(const korvel_host* functions, Body body) -> decltype(body(*of(functions)));
+  static auto serve(const korvel_host* functions, Body body) -> decltype(body(*of(functions)));
   int refusal() const;  // KORVEL_OK when calls of this thread are served
 
   int publish(const char* name, const char* value);

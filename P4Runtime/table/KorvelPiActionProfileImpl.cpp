@@ -3,9 +3,8 @@
 #include <exception>
 
 #include "P4Runtime/companion/BatchStatus.h"
-#include "P4Runtime/pi/Entered.h"
 #include "P4Runtime/pi/PiContext.h"
-#include "P4Runtime/pi/Storing.h"
+#include "P4Runtime/pi/RunUpdate.h"
 #include "P4Runtime/pipeline/PiDebug.h"
 #include "P4Runtime/table/FetchBuffer.h"
 #include "P4Runtime/table/TableImpl.h"
@@ -53,7 +52,7 @@ void withNewHandle(EntryHandle handle, Body body) {
 
 void cacheMember(pi_p4_id_t actProfId, EntryHandle handle, const pi_action_data_t& action) {
   const ResourceId rid{actionProfileResource, actProfId};
-  storing(handle, [&] {
+  storeOrFail(handle, [&] {
     TheTableImpl()->addCachedEntry(rid, handle, action, pi_batch_current_controller_id());
     TheTableImpl()->cachedMetadataIs(rid, handle, currentMetadata());
   });
@@ -68,18 +67,18 @@ void cacheGroup(pi_p4_id_t actProfId, EntryHandle handle) {
           ? TheTableImpl()->groupCache()->cache({rid, handleMgr()->cachedHandle(handle)})
           : std::nullopt;
   const uint32_t groupId = known ? known->groupId : pi_batch_current_controller_id();
-  storing(handle, [&] { TheTableImpl()->addCachedEntry(rid, handle, groupId); });
+  storeOrFail(handle, [&] { TheTableImpl()->addCachedEntry(rid, handle, groupId); });
   TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
 }
 
 void cacheGroupMetadata(pi_p4_id_t actProfId, EntryHandle handle) {
-  storing(handle, [&] {
+  storeOrFail(handle, [&] {
     TheTableImpl()->cachedMetadataIs({groupTableResource, actProfId}, handle, currentMetadata());
   });
 }
 
 void deleteCached(const ResourceId& rid, EntryHandle handle) {
-  storing(handle, [&] { TheTableImpl()->deleteCachedEntry(rid, handle); });
+  storeOrFail(handle, [&] { TheTableImpl()->deleteCachedEntry(rid, handle); });
   TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
 }
 
@@ -161,7 +160,7 @@ extern "C" {
 pi_status_t _pi_act_prof_mbr_create(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                     pi_p4_id_t act_prof_id, const pi_action_data_t* action_data,
                                     pi_indirect_handle_t* mbr_handle) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_mbr_create", " session_handle: ", session_handle,
                   " dev_tgt: ", piDevTgtToString(dev_tgt), " act_prof_id: ", act_prof_id,
                   " action_data: ", piActionDataToString(action_data));
@@ -183,7 +182,7 @@ pi_status_t _pi_act_prof_mbr_create(pi_session_handle_t session_handle, pi_dev_t
 pi_status_t _pi_act_prof_mbr_modify(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                     pi_p4_id_t act_prof_id, pi_indirect_handle_t mbr_handle,
                                     const pi_action_data_t* action_data) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_mbr_modify", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " mbr_handle: ", mbr_handle,
                   " action_data: ", piActionDataToString(action_data));
@@ -197,7 +196,7 @@ pi_status_t _pi_act_prof_mbr_modify(pi_session_handle_t session_handle, pi_dev_i
 // The handle is free for others only once the forwarding plane has confirmed.
 pi_status_t _pi_act_prof_mbr_delete(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                     pi_p4_id_t act_prof_id, pi_indirect_handle_t mbr_handle) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_mbr_delete", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " mbr_handle: ", mbr_handle);
     const EntryHandle handle = writableMember(mbr_handle);
@@ -209,7 +208,7 @@ pi_status_t _pi_act_prof_mbr_delete(pi_session_handle_t session_handle, pi_dev_i
 pi_status_t _pi_act_prof_grp_create(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                     pi_p4_id_t act_prof_id, size_t max_size,
                                     pi_indirect_handle_t* grp_handle) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_create", " session_handle: ", session_handle,
                   " dev_tgt: ", piDevTgtToString(dev_tgt), " act_prof_id: ", act_prof_id,
                   " max_size: ", max_size);
@@ -229,7 +228,7 @@ pi_status_t _pi_act_prof_grp_create(pi_session_handle_t session_handle, pi_dev_t
 
 pi_status_t _pi_act_prof_grp_delete(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                     pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_delete", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle);
     const EntryHandle handle = writableGroup(grp_handle);
@@ -241,7 +240,7 @@ pi_status_t _pi_act_prof_grp_delete(pi_session_handle_t session_handle, pi_dev_i
 pi_status_t _pi_act_prof_grp_add_mbr(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                      pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle,
                                      pi_indirect_handle_t mbr_handle) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_add_mbr", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
                   " mbr_handle: ", mbr_handle);
@@ -254,7 +253,7 @@ pi_status_t _pi_act_prof_grp_add_mbr(pi_session_handle_t session_handle, pi_dev_
 pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                         pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle,
                                         pi_indirect_handle_t mbr_handle) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_remove_mbr", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
                   " mbr_handle: ", mbr_handle);
@@ -266,7 +265,7 @@ pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t session_handle, pi_d
 
 pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                           pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_metadata_set", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle);
     const EntryHandle handle = writableGroup(grp_handle);

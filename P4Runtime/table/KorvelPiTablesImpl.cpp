@@ -4,9 +4,8 @@
 #include <cassert>
 
 #include "P4Runtime/companion/BatchStatus.h"
-#include "P4Runtime/pi/Entered.h"
 #include "P4Runtime/pi/PiContext.h"
-#include "P4Runtime/pi/Storing.h"
+#include "P4Runtime/pi/RunUpdate.h"
 #include "P4Runtime/pipeline/PiDebug.h"
 #include "P4Runtime/table/FetchBuffer.h"
 #include "P4Runtime/table/TableImpl.h"
@@ -82,7 +81,7 @@ EntryHandle addEntry(TableImpl& tableImpl, pi_p4_id_t tableId, const pi_match_ke
 void cacheEntry(TableImpl& tableImpl, pi_p4_id_t tableId, EntryHandle handle,
                 const pi_match_key_t& matchKey, const pi_table_entry_t& entry) {
   const ResourceId rid{tableResource, tableId};
-  storing(handle, [&] {
+  storeOrFail(handle, [&] {
     tableImpl.addCachedEntry(rid, handle, matchKey, entry, pi_batch_current_controller_metadata());
     tableImpl.cachedMetadataIs(rid, handle, currentMetadata());
   });
@@ -155,7 +154,7 @@ pi_status_t _pi_table_entry_add(pi_session_handle_t session_handle, pi_dev_tgt_t
                                 pi_p4_id_t table_id, const pi_match_key_t* match_key,
                                 const pi_table_entry_t* table_entry, int overwrite,
                                 pi_entry_handle_t* entry_handle) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_table_entry_add", " session_handle: ", session_handle,
                   " dev_tgt: ", piDevTgtToString(dev_tgt), " table_id: ", table_id,
                   " match_key: ", piMatchKeyToString(match_key),
@@ -170,14 +169,14 @@ pi_status_t _pi_table_entry_add(pi_session_handle_t session_handle, pi_dev_tgt_t
 
 pi_status_t _pi_table_entry_delete_wkey(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                         pi_p4_id_t table_id, const pi_match_key_t* match_key) {
-  return entered([&] {
+  return runUpdate([&] {
     SCRIVEL_TRACE(6, "_pi_table_entry_delete_wkey", " session_handle: ", session_handle,
                   " dev_id: ", dev_id, " table_id: ", table_id,
                   " match_key: ", piMatchKeyToString(match_key));
     TableImpl& tableImpl = *TheTableImpl();
     const EntryHandle handle = tableImpl.tableEntryDeleteWithKey(
         table_id, match_key->priority, match_key->data_size, match_key->data);
-    storing(handle, [&] { tableImpl.deleteCachedEntry({tableResource, table_id}, handle); });
+    storeOrFail(handle, [&] { tableImpl.deleteCachedEntry({tableResource, table_id}, handle); });
     TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
   });
 }

@@ -39,7 +39,7 @@ bool isCritical() {
 
 TableImpl::TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> handleMgr,
                      Lattice::Database* database)
-    : Entity("tableImpl"),
+    : BatchEntries("tableImpl"),
       tableInfo_(std::move(tableInfo)),
       handleMgr_(std::move(handleMgr)),
       database_(database),
@@ -391,6 +391,8 @@ void TableImpl::handleConstTablesProgrammed() {
                 " Finished programming const entries - num:: ", pendingOperations_.size());
   clearPendingOperations();
 }
+
+TableImpl* TheTableImpl() { return ThePiContext()->tableImpl().get(); }
 
 void TableImpl::triggerCriticalState() {
   try {

@@ -13,6 +13,7 @@
 
 #include "P4Runtime/companion/ErrorCode.h"
 #include "P4Runtime/companion/P4HandleMgr.h"
+#include "P4Runtime/pi/BatchEntries.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/P4CounterMeters.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
@@ -46,7 +47,7 @@ struct PendingOperation {
 
 // Call with the activity lock held, on a PI server thread or the reactor. Refusals are
 // P4RuntimeExceptions, thrown before anything has changed.
-class TableImpl : public Vela::Entity {
+class TableImpl : public BatchEntries {
  public:
   // `database` may be null until the caches are mounted by initializedIs(true) (tests without
   // shared tables); all three outlive this.
@@ -104,11 +105,9 @@ class TableImpl : public Vela::Entity {
   void cachedMetadataIs(const ResourceId& rid, EntryHandle handle, std::string_view metadata);
   std::string cachedMetadata(const CacheKey& key) const;
   void deleteCachedEntry(const ResourceId& rid, EntryHandle handle);
-  // The outcome of the entry's programming; `abort`: it failed, and is undone. An undoing that
-  // cannot be stored brings the critical state.
-  void updateCachedEntryState(EntryHandle handle, bool abort);
+  void updateCachedEntryState(EntryHandle handle, bool abort) override;
   void entryCacheDel(const ResourceId& rid, EntryHandle handle);
-  void restoreTableEntryOnFailure(EntryHandle handle);
+  void restoreTableEntryOnFailure(EntryHandle handle) override;
 
   // Gives what survived a restart back to the PI library and to the handle manager: members, then
   // groups, then the entries that name them. Rows that are as they were are not written again.
@@ -130,17 +129,17 @@ class TableImpl : public Vela::Entity {
   // batch is not known. Nothing is written until a restore has succeeded, which
   // revertCriticalState() asks for.
   bool restoreNeeded() const { return restoreNeeded_; }
-  void restoreNeededIs(bool needed) { restoreNeeded_ = needed; }
+  void restoreNeededIs(bool needed) override { restoreNeeded_ = needed; }
   // The caches were let go: what they hold cannot be told.
   bool cacheLetGo() const { return cacheLetGo_; }
 
-  void clearPendingOperations();
-  size_t numPendingEntries() const;  // that wait for the forwarding agents
-  // Whether entries were put back outside a batch, and the store has yet to commit them.
-  bool anyPutBack() const { return !putBack_.empty(); }
-  // Commits them. When the store cannot, the critical state begins: the tables then hold what was
-  // to be undone, until revertCriticalState() can put it back.
-  void commitPutBack();
+  void assignDevice(uint64_t deviceId) override { deviceIdIs(deviceId); }
+  void clearPendingOperations() override;
+  size_t numPendingEntries() const override;
+  bool anyPutBack() const override { return !putBack_.empty(); }
+  // Commits what was put back. When the store cannot, the critical state begins: the tables then
+  // hold what was to be undone, until revertCriticalState() can put it back.
+  void commitPutBack() override;
   // Commits what was restored and programmed outside a batch. Throws std::runtime_error with the
   // reason when the store cannot.
   void commitOrThrow();
@@ -278,5 +277,8 @@ class TableImpl : public Vela::Entity {
 Vela::Ptr<TableImpl> tableImplFactory(Vela::Ptr<P4TableInfo> tableInfo,
                                       Vela::Ptr<P4HandleMgr> handleMgr,
                                       Lattice::Database* database);
+
+// Of the process's context, which must have been set; null until the agent has filled it in.
+TableImpl* TheTableImpl();
 
 }  // namespace P4Runtime

@@ -66,7 +66,7 @@ TEST(ControllerTxPktStatus, KeepsTheLatestFailuresAndNoPackets) {
   constexpr uint64_t last = 3 * ControllerTxPktStatus::mostEntries;
   for (uint64_t key = 1; key <= last; ++key) {
     const ControllerTxPktDesc desc{7, Wirra::ThePacketManager().packet(1000), {}};
-    status->dropped(key, desc, TxDrop::noMapping);
+    status->recordDrop(key, desc, TxDrop::noMapping);
   }
   EXPECT_EQ(status->noMapping(), last);
   EXPECT_EQ(status->statusEntry().size(), ControllerTxPktStatus::mostEntries);

@@ -77,7 +77,7 @@ class PacketTransmitterTest : public testing::Test {
   void space(const std::string& intf, int room) {
     const ActivityLock lock;
     devices_.room[intf] = room;
-    transmitter_.waysChanged();
+    transmitter_.retryWaiting();
   }
   std::string took(const std::string& intf, int port) {
     std::string text;

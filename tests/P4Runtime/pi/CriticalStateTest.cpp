@@ -1,5 +1,4 @@
-#include "P4Runtime/pi/P4RuntimeException.h"
-#include "P4Runtime/pipeline/ParsingStatus.h"
+#include "P4Runtime/pi/RunUpdate.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi_extensions.h"
 #include "tests/P4Runtime/support/AgentTest.h"
@@ -116,19 +115,6 @@ TEST_F(CriticalStateTest, RefusalThatTheBatchKnowsOfIsThrown) {
     EXPECT_EQ(e.errorCode, ErrorCode::tableFull);
   }
   agent().end();
-}
-
-TEST(ParsingException, IsPublishedForOperators) {
-  const uint32_t before = TheParsingStatus()->failures();
-  P4RuntimeParsingException::handleException({"lattice", "what", "json"});
-  EXPECT_TRUE(TheParsingStatus()->failed());
-  EXPECT_EQ(TheParsingStatus()->latticeError(), "lattice");
-  EXPECT_EQ(TheParsingStatus()->error(), "what");
-  EXPECT_EQ(TheParsingStatus()->jsonError(), "json");
-  EXPECT_EQ(TheParsingStatus()->failures(), before + 1);
-  TheParsingStatus()->failureCleared();
-  EXPECT_FALSE(TheParsingStatus()->failed());
-  EXPECT_EQ(TheParsingStatus()->error(), "");
 }
 
 }  // namespace

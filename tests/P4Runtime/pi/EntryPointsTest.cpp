@@ -32,7 +32,9 @@ TEST_F(EntryPointsTest, EverySessionIsSessionZero) {
 }
 
 TEST_F(EntryPointsTest, LastAssignedDeviceCounts) {
-  const pi_assign_extra_t extras[] = {{0, "key", "value"}, {1, nullptr, nullptr}};
+  const pi_assign_extra_t extras[] = {{0, "a", "1"}, {0, "b", nullptr}, {1, nullptr, nullptr}};
+  EXPECT_EQ(piAssignExtraToString(extras), "{a=1,b=}");
+  EXPECT_EQ(piAssignExtraToString(nullptr), "{}");
   _pi_assign_device(5, nullptr, const_cast<pi_assign_extra_t*>(extras));
   _pi_assign_device(6, nullptr, nullptr);
   EXPECT_EQ(agent().tableImpl->deviceId(), 6u);

@@ -11,6 +11,7 @@
 #include "P4Runtime/pi/KorvelPiImpl.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "P4Runtime/table/TableImpl.h"
 #include "PI/pi_meter.h"
 #include "PI/pi_tables.h"
 #include "p4/v1/p4runtime.pb.h"

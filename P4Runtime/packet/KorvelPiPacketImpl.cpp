@@ -2,7 +2,9 @@
 #include <cstring>
 #include <exception>
 
+#include "P4Runtime/packet/ControllerTxPktConfig.h"
 #include "P4Runtime/pi/PiContext.h"
+#include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/pipeline/PiDebug.h"
 #include "PI/pi.h"
 #include "PI/target/pi_imp.h"
@@ -29,8 +31,7 @@ bool fieldHasSize(const P4ControllerPktMetadataEntry& header, uint32_t id, uint3
 }
 
 // The running pipeline's packet_out header; null, traced, when it is not as we read it.
-P4ControllerPktMetadataEntry::Ptr packetOutHeader() {
-  const auto metadata = ThePiContext()->p4ControllerPktMetadata();
+P4ControllerPktMetadataEntry::Ptr packetOutHeader(const P4ControllerPktMetadata* metadata) {
   const auto header = metadata ? metadata->metadataEntry("packet_out") : nullptr;
   if (!header) {
     SCRIVEL_TRACE(1, "_pi_packetout_send", " packet_out metadata not present");
@@ -50,12 +51,13 @@ uint32_t bigEndian32(const uint8_t* bytes) {
   return uint32_t{bytes[0]} << 24 | uint32_t{bytes[1]} << 16 | uint32_t{bytes[2]} << 8 | bytes[3];
 }
 
-pi_status_t packetQueued(ControllerTxPktConfig& queue, const uint8_t* bytes, size_t size) {
+pi_status_t queuePacket(ControllerTxPktConfig& queue, const P4ControllerPktMetadata* metadata,
+                        const uint8_t* bytes, size_t size) {
   const auto refuseHeader = [&queue] {
     queue.refusedHeaderIs(queue.refusedHeader() + 1);
     return PI_STATUS_PACKETOUT_SEND_ERROR;
   };
-  const auto header = packetOutHeader();
+  const auto header = packetOutHeader(metadata);
   if (!header) return refuseHeader();
   const uint64_t metadataSize = header->metadataEntryFieldsBytes();
   if (size < metadataSize) {
@@ -86,10 +88,12 @@ extern "C" pi_status_t _pi_packetout_send(pi_dev_id_t dev_id, const char* pkt, s
   const Vela::ActivityLock lock;
   SCRIVEL_TRACE(8, "_pi_packetout_send", " dev_id: ", dev_id,
                 " pkt=", P4Runtime::stringRepOfBuffer(pkt, static_cast<uint32_t>(size)));
-  const auto queue = P4Runtime::ThePiContext()->controllerTxPktConfig();
+  const auto context = P4Runtime::ThePiContext();
+  const auto queue = context->controllerTxPktConfig();
   if (!queue) return PI_STATUS_PACKETOUT_SEND_ERROR;
   try {
-    return P4Runtime::packetQueued(*queue, reinterpret_cast<const uint8_t*>(pkt), size);
+    return P4Runtime::queuePacket(*queue, context->p4ControllerPktMetadata().get(),
+                                  reinterpret_cast<const uint8_t*>(pkt), size);
   } catch (const std::exception& e) {  // no memory for the descriptor; nothing is queued
     SCRIVEL_TRACE(0, "_pi_packetout_send", " unable to allocate packet buffer ", e.what());
     queue->refusedMemoryIs(queue->refusedMemory() + 1);

@@ -1,6 +1,7 @@
 // From the header and packet of a controller to a descriptor in the queue.
 #include <gtest/gtest.h>
 
+#include "P4Runtime/packet/ControllerTxPktConfig.h"
 #include "PI/target/pi_imp.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/wirra/PacketManager.h"

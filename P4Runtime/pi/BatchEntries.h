@@ -1,0 +1,41 @@
+// What the settling of a batch needs of the objects above it, which the context holds: the tables
+// that the batch has written, and the server whose device it was.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "P4Runtime/companion/ResourceId.h"
+#include "platform/vela/Entity.h"
+
+namespace P4Runtime {
+
+// The entries that batches write. The table implementation is the one. Call with the activity lock
+// held.
+class BatchEntries : public Vela::Entity {
+ public:
+  using Entity::Entity;
+
+  virtual void assignDevice(uint64_t deviceId) = 0;
+  virtual void clearPendingOperations() = 0;
+  virtual size_t numPendingEntries() const = 0;  // that wait for the forwarding agents
+  // The outcome of the entry's programming; `abort`: it failed, and is undone. An undoing that
+  // cannot be stored brings the critical state.
+  virtual void updateCachedEntryState(EntryHandle handle, bool abort) = 0;
+  virtual void restoreTableEntryOnFailure(EntryHandle handle) = 0;
+  // Whether entries were put back outside a batch, and the store has yet to commit them.
+  virtual bool anyPutBack() const = 0;
+  virtual void commitPutBack() = 0;
+  // The PI library may know other entries than the store; nothing is written until a restore has
+  // succeeded.
+  virtual void restoreNeededIs(bool needed) = 0;
+};
+
+// The server that the entries are written for.
+class DeviceServer : public Vela::Entity {
+ public:
+  using Entity::Entity;
+  virtual uint32_t deviceId() const = 0;  // 0 without a configuration
+};
+
+}  // namespace P4Runtime
