@@ -48,11 +48,11 @@ pipeline                  platform PI/include proto
 
 P4Runtime/companion       platform
 P4Runtime/plugin          P4Runtime/companion+
-P4Runtime/pipeline        P4Runtime/companion+ pipeline+
+P4Runtime/pi              P4Runtime/companion+ PI/include proto
+P4Runtime/pipeline        P4Runtime/pi+ pipeline+
 P4Runtime/packet          P4Runtime/pipeline+
 P4Runtime/table           P4Runtime/pipeline+
-P4Runtime/pi              P4Runtime/packet+ P4Runtime/table+
-P4Runtime/agent           P4Runtime/pi+ P4Runtime/plugin+
+P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+
 
 forwarder                 platform
 cli/pipeline              pipeline proto
@@ -80,9 +80,6 @@ bench/packet              bench/p4runtime+
 
 # Arrows against the table that are still there; they are not to grow. An arrow that is gone leaves this list.
 EXCEPTIONS = """
-P4Runtime/pipeline        P4Runtime/pi
-P4Runtime/table           P4Runtime/pi
-P4Runtime/pi              P4Runtime/agent
 """
 
 SOURCE = re.compile(r"\.(h|c|cc|cpp|proto)$")
