@@ -38,9 +38,9 @@ pi_status_t toFrontend(pi_dev_id_t id, Call call) {
 
 pi_status_t pi_frontend_hooks_set(pi_dev_id_t dev_id, const pi_frontend_hooks_t* hooks,
                                   void* cookie) {
-  if (!hooks->entry_status_changed || !hooks->restore_table_entry ||
-      !hooks->restore_action_profile_member || !hooks->restore_action_profile_group ||
-      !hooks->constant_table_entry || !hooks->restore_done) {
+  if (!hooks->restore_table_entry || !hooks->restore_action_profile_member ||
+      !hooks->restore_action_profile_group || !hooks->constant_table_entry ||
+      !hooks->restore_done) {
     return PI_STATUS_BUFFER_ERROR;
   }
   const std::unique_lock lock(TheFrontends().mutex);
@@ -57,7 +57,9 @@ pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
                                                   const pi_entry_handle_t* entry_handle,
                                                   uint32_t error_code) {
   return toFrontend(dev_id, [&](const Frontend& frontend) {
-    frontend.hooks.entry_status_changed(frontend.cookie, dev_id, *entry_handle, error_code);
+    if (const auto changed = frontend.hooks.entry_status_changed) {
+      changed(frontend.cookie, dev_id, *entry_handle, error_code);
+    }
     return PI_STATUS_SUCCESS;
   });
 }

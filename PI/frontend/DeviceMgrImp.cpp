@@ -22,9 +22,6 @@ size_t readTurnCount() { return std::max(1u, std::thread::hardware_concurrency()
 
 DeviceMgrImp& imp(void* cookie) { return *static_cast<DeviceMgrImp*>(cookie); }
 
-// The outcome of a batch comes from its status vector, which also has the errors.
-void entryStatusChanged(void*, pi_dev_id_t, pi_entry_handle_t, uint32_t) {}
-
 pi_status_t restoreTableEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId,
                               const pi_match_key_t* key, const pi_table_entry_t* entry,
                               pi_entry_handle_t handle, uint64_t controllerMetadata,
@@ -58,8 +55,13 @@ pi_status_t constantEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId, const p
 
 pi_status_t restoreDone(void* cookie, pi_dev_id_t) { return imp(cookie).handleRestoreDone(); }
 
-constexpr pi_frontend_hooks_t kHooks{entryStatusChanged, restoreTableEntry, restoreMember,
-                                     restoreGroup,       constantEntry,     restoreDone};
+// The outcome of a batch comes from its status vector, so nothing hears of entries one by one.
+constexpr pi_frontend_hooks_t kHooks{.entry_status_changed = nullptr,
+                                     .restore_table_entry = restoreTableEntry,
+                                     .restore_action_profile_member = restoreMember,
+                                     .restore_action_profile_group = restoreGroup,
+                                     .constant_table_entry = constantEntry,
+                                     .restore_done = restoreDone};
 
 void requireAtomicity(const p4::v1::WriteRequest& request) {
   if (!p4::v1::WriteRequest::Atomicity_IsValid(request.atomicity())) {

@@ -90,8 +90,13 @@ TEST(FrontendHooks, HearWhatTheTargetReportsOnTheirDevice) {
   EXPECT_EQ(pi_frontend_hooks_clear(1), PI_STATUS_DEV_NOT_ASSIGNED);
 }
 
-TEST(FrontendHooks, MustBeComplete) {
+TEST(FrontendHooks, MustBeCompleteButForTheStatusOfEntries) {
   pi_frontend_hooks_t hooks = Frontend::hooks();
+  hooks.entry_status_changed = nullptr;
+  ASSERT_EQ(pi_frontend_hooks_set(1, &hooks, nullptr), PI_STATUS_SUCCESS);
+  const pi_entry_handle_t handle = 17;
+  EXPECT_EQ(pi_table_pending_entry_status_changed(1, &handle, 13), PI_STATUS_SUCCESS);
+  EXPECT_EQ(pi_frontend_hooks_clear(1), PI_STATUS_SUCCESS);
   hooks.restore_done = nullptr;
   EXPECT_EQ(pi_frontend_hooks_set(1, &hooks, nullptr), PI_STATUS_BUFFER_ERROR);
   EXPECT_EQ(pi_restore_done(1), PI_STATUS_DEV_NOT_ASSIGNED);

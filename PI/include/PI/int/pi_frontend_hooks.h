@@ -10,9 +10,10 @@ extern "C" {
 #endif
 
 /* Called on the target's threads, as a rule with the target's lock held: a hook must not wait for
- * anything that waits for the target. Pointers last for the call. No member is NULL; the arguments
- * are those of the functions of PI/pi_extensions.h. */
+ * anything that waits for the target. Pointers last for the call. No member but the first is NULL;
+ * the arguments are those of the functions of PI/pi_extensions.h. */
 typedef struct {
+  /* NULL for a front end to which the status vector of a batch says enough. */
   void (*entry_status_changed)(void* cookie, pi_dev_id_t dev_id, pi_entry_handle_t entry_handle,
                                uint32_t error_code);
   pi_status_t (*restore_table_entry)(void* cookie, pi_dev_id_t dev_id, pi_p4_id_t table_id,
@@ -39,7 +40,7 @@ typedef struct {
 } pi_frontend_hooks_t;
 
 /* Replaces the device's former hooks; copies *hooks, borrows the cookie. The device need not be
- * assigned yet. BUFFER_ERROR when a member is NULL. */
+ * assigned yet. BUFFER_ERROR when a member but the first is NULL. */
 pi_status_t pi_frontend_hooks_set(pi_dev_id_t dev_id, const pi_frontend_hooks_t* hooks,
                                   void* cookie);
 /* No hook of the device is running any more when this returns: call it without a lock that a hook
