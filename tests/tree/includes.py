@@ -204,7 +204,7 @@ class Check:
             beside = os.path.normpath(os.path.join(os.path.dirname(place), name))
             if beside in self.known:
                 self.offend(place, f'name it by its path from the root: #include "{beside}"')
-            elif mark == '"' and not name.startswith("absl/"):
+            elif mark == '"':
                 self.offend(place, f"not a header of this tree; write #include <{name}>")
             return
         if mark == "<":

@@ -1,10 +1,10 @@
 // P4 numbers as byte strings.
 #include "PI/frontend/base/ByteString.h"
 
+#include <absl/strings/str_cat.h>
+
 #include <bit>
 #include <cstring>
-
-#include "absl/strings/str_cat.h"
 
 namespace pi::fe::proto {
 

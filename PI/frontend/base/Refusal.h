@@ -1,11 +1,11 @@
 // The refusal of an update, a query or a call: a canonical code, and a message for the controller.
 #pragma once
 
+#include <absl/strings/str_cat.h>
+
 #include <exception>
 #include <string>
 #include <utility>
-
-#include "absl/strings/str_cat.h"
 
 namespace pi::fe::proto {
 

@@ -1,10 +1,11 @@
 // The google.rpc.Status of a call.
 #include "PI/frontend/base/StatusText.h"
 
+#include <absl/strings/str_cat.h>
+
 #include <algorithm>
 
 #include "PI/frontend/base/PlainText.h"
-#include "absl/strings/str_cat.h"
 
 namespace pi::fe::proto {
 

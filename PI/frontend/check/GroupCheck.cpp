@@ -1,13 +1,14 @@
 // An action profile group of an update.
 #include "PI/frontend/check/GroupCheck.h"
 
+#include <absl/container/flat_hash_set.h>
+
 #include <algorithm>
 #include <cstring>
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/store/ProfileObjects.h"
-#include "absl/container/flat_hash_set.h"
 
 namespace pi::fe::proto {
 

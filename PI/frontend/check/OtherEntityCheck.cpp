@@ -1,8 +1,9 @@
 // Checks of entities that are neither programmed nor read here.
 #include "PI/frontend/check/OtherEntityCheck.h"
 
+#include <absl/strings/str_cat.h>
+
 #include "PI/frontend/base/Refusal.h"
-#include "absl/strings/str_cat.h"
 
 namespace pi::fe::proto {
 

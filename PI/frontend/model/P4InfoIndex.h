@@ -1,13 +1,14 @@
 // The objects of one P4Info by id, with the plans of its tables, actions and profiles.
 #pragma once
 
+#include <absl/container/flat_hash_map.h>
+
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "PI/frontend/model/Plans.h"
-#include "absl/container/flat_hash_map.h"
 #include "p4/config/v1/p4info.pb.h"
 
 namespace pi::fe::proto {

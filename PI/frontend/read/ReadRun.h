@@ -2,6 +2,8 @@
 // want.
 #pragma once
 
+#include <absl/container/flat_hash_map.h>
+
 #include <map>
 #include <span>
 #include <vector>
@@ -13,7 +15,6 @@
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/target/TargetSession.h"
 #include "PI/frontends/proto/device_mgr.h"
-#include "absl/container/flat_hash_map.h"
 #include "google/rpc/status.pb.h"
 
 namespace pi::fe::proto {

@@ -1,9 +1,10 @@
 // A P4Runtime action to PI action data, and back.
 #include "PI/frontend/store/ActionCodec.h"
 
+#include <absl/container/inlined_vector.h>
+
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
-#include "absl/container/inlined_vector.h"
 
 namespace pi::fe::proto {
 

@@ -1,10 +1,10 @@
 // One table entry, member or group in one block of memory.
 #include "PI/frontend/store/Entry.h"
 
+#include <absl/hash/hash.h>
+
 #include <cstring>
 #include <new>
-
-#include "absl/hash/hash.h"
 
 namespace pi::fe::proto {
 

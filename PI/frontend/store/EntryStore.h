@@ -3,6 +3,9 @@
 // all.
 #pragma once
 
+#include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
+
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -12,8 +15,6 @@
 
 #include "PI/frontend/store/Entry.h"
 #include "PI/frontend/store/EntryPages.h"
-#include "absl/container/flat_hash_map.h"
-#include "absl/container/flat_hash_set.h"
 
 namespace pi::fe::proto {
 

@@ -1,11 +1,12 @@
 // Match elements of a P4Runtime table entry to PI match key bytes, and back.
 #include "PI/frontend/store/KeyCodec.h"
 
+#include <absl/container/inlined_vector.h>
+
 #include <cstring>
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
-#include "absl/container/inlined_vector.h"
 
 namespace pi::fe::proto {
 

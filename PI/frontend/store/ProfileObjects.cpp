@@ -1,9 +1,9 @@
 // References, action sets, and members and groups as entries.
 #include "PI/frontend/store/ProfileObjects.h"
 
-#include <cstring>
+#include <absl/strings/str_cat.h>
 
-#include "absl/strings/str_cat.h"
+#include <cstring>
 
 namespace pi::fe::proto {
 

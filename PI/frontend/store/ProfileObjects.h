@@ -2,12 +2,13 @@
 // action sets, and the members and groups themselves, which the store keeps as entries, too.
 #pragma once
 
+#include <absl/container/inlined_vector.h>
+
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "PI/frontend/store/Entry.h"
-#include "absl/container/inlined_vector.h"
 #include "p4/v1/p4runtime.pb.h"
 
 namespace pi::fe::proto {

@@ -1,9 +1,10 @@
 // The use of each action profile: the users of its members and groups, and the room taken.
 #pragma once
 
+#include <absl/container/flat_hash_map.h>
+
 #include "PI/frontend/model/Plans.h"
 #include "PI/frontend/store/ProfileObjects.h"
-#include "absl/container/flat_hash_map.h"
 
 namespace pi::fe::proto {
 

@@ -1,10 +1,11 @@
 // Runs one update: chooses its target calls, and makes them.
 #include "PI/frontend/write/UpdateRun.h"
 
+#include <absl/container/flat_hash_map.h>
+
 #include "PI/frontend/store/ProfileObjects.h"
 #include "PI/frontend/target/TargetGroup.h"
 #include "PI/frontend/write/HiddenGroup.h"
-#include "absl/container/flat_hash_map.h"
 
 namespace pi::fe::proto {
 

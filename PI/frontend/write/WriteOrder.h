@@ -2,10 +2,11 @@
 // depends on the outcome of earlier ones in a batch after theirs.
 #pragma once
 
+#include <absl/container/flat_hash_set.h>
+
 #include "PI/frontend/check/UpdateCheck.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/store/ProfileUse.h"
-#include "absl/container/flat_hash_set.h"
 
 namespace pi::fe::proto {
 
