@@ -21,7 +21,7 @@ StatusVector pendingAt(std::initializer_list<uint32_t> offsets) {
   StatusVector statuses;
   for (const uint32_t offset : offsets) {
     statuses.emplace_back().first = offset;
-    statuses.back().second.set_canonical_code(4);
+    statuses.back().second.set_canonical_code(grpc::StatusCode::DEADLINE_EXCEEDED);
   }
   return statuses;
 }
@@ -59,7 +59,8 @@ TEST_F(BatchTest, OnlyFailuresRemainInOrderWithTheirMessages) {
     }
   }
   const auto left = agent().outcome();
-  EXPECT_THAT(left, ElementsAre(FailedWith(1, 13), FailedWith(3, 13), FailedWith(5, 13)));
+  EXPECT_THAT(
+      left, ElementsAre(FailedWith(1, INTERNAL), FailedWith(3, INTERNAL), FailedWith(5, INTERNAL)));
   EXPECT_EQ(left[1].second.message(), "at 3");
   EXPECT_EQ(agent().rowCount(route4Table), 3u);
 }
@@ -72,7 +73,7 @@ TEST_F(BatchTest, WithoutPendingEntriesNothingIsWaitedFor) {
   agent().begin();
   agent().add(4, {labelTable, bytes("000001"), drop, ""});
   agent().end();
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(4, 12)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(4, UNIMPLEMENTED)));
 }
 
 TEST_F(BatchTest, IsRefusedWithoutAForwardingAgent) {
@@ -138,7 +139,7 @@ TEST_F(BatchTest, InStepCompletesWhatWasNotReportedOn) {
     const Vela::ActivityLock lock;
     agent().batchStatus->inStepIs(agent().database->lastSequence());
   }
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 13)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, INTERNAL)));
 }
 
 // An update that is refused after its row was written must not be taken for a completion.
@@ -157,7 +158,7 @@ TEST_F(BatchTest, RefusedUpdateIsNotCountedAmongTheReports) {
     agent().batchStatus->inStepIs(agent().database->lastSequence());
   }
   EXPECT_EQ(agent().batchStatus->completedTransactionStatus().count(undone), 0u);
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 8)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED)));
   EXPECT_FALSE(agent().status->critical());
   EXPECT_EQ(agent().handleOf(routeEntry(0)), 0u);
   EXPECT_EQ(agent().rowCount(route4Table), 1u);
@@ -175,7 +176,8 @@ TEST_F(BatchTest, RefusalUndoesEarlierWritesOfTheEntryAndFailsThem) {
   }
   agent().end();
   forwarder().programAll();
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 8), FailedWith(2, 8)));
+  EXPECT_THAT(agent().outcome(),
+              ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED), FailedWith(2, RESOURCE_EXHAUSTED)));
   EXPECT_FALSE(agent().status->critical());
 }
 
@@ -187,7 +189,8 @@ TEST_F(BatchTest, CopyingOfRefusalsStopsAtAnOffsetWithoutElement) {
   agent().end();
   StatusVector statuses = pendingAt({0, 1});
   _pi_update_pending_status(&statuses);
-  EXPECT_THAT(statuses, ElementsAre(FailedWith(0, 3), FailedWith(1, 4)));
+  EXPECT_THAT(statuses,
+              ElementsAre(FailedWith(0, INVALID_ARGUMENT), FailedWith(1, DEADLINE_EXCEEDED)));
   EXPECT_FALSE(agent().status->critical()) << "no entry stands behind it";
 }
 
@@ -200,7 +203,8 @@ TEST_F(BatchTest, BatchThatNobodyAskedAboutIsForgotten) {
   agent().add(0, routeEntry(7));
   agent().end();
   const auto statuses = agent().outcome();
-  EXPECT_THAT(statuses, ElementsAre(FailedWith(0, 4))) << "nobody has reported on it";
+  EXPECT_THAT(statuses, ElementsAre(FailedWith(0, DEADLINE_EXCEEDED)))
+      << "nobody has reported on it";
 }
 
 TEST_F(BatchTest, HandleWithoutOffsetIsAnError) {
@@ -241,7 +245,8 @@ TEST_F(BatchTest, MarkingAnEntryOfTwoOffsetsAnswersThePositionBehindTheLast) {
   const Vela::ActivityLock lock;
   StatusVector statuses = pendingAt({0, 1, 2, 3});
   EXPECT_EQ(markStatusEntryNotPending(statuses, agent().lastHandle, 0, "")->first, 3u);
-  EXPECT_THAT(statuses, ElementsAre(FailedWith(1, 4), FailedWith(3, 4)));
+  EXPECT_THAT(statuses,
+              ElementsAre(FailedWith(1, DEADLINE_EXCEEDED), FailedWith(3, DEADLINE_EXCEEDED)));
 }
 
 // The facility by which controllers' tests see failures without a forwarding agent.
@@ -254,21 +259,22 @@ TEST_F(BatchTest, PretendedOutcomes) {
   status.pretendHwProgrammingFailedIs(true);
   status.pretendHwProgrammingFailedOffsetIs(1);
   addMany(3);
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(1, 13)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(1, INTERNAL)));
   EXPECT_FALSE(agent().status->critical());
 
   status.pretendHwProgrammingTimeoutIs(true);
   status.pretendHwProgrammingTimeoutOffsetIs(2);
   addMany(3);
   forwarder().programAll();  // an honest one, which has programmed all before the wait begins
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(1, 13), FailedWith(2, 4)));
+  EXPECT_THAT(agent().outcome(),
+              ElementsAre(FailedWith(1, INTERNAL), FailedWith(2, DEADLINE_EXCEEDED)));
   EXPECT_TRUE(agent().status->critical());
   agent().tableImpl->revertCriticalState();
 
   agent().begin();  // a refused update has no entry any more
   agent().add(0, {labelTable, bytes("000001"), drop, ""});
   agent().end();
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 12)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, UNIMPLEMENTED)));
 }
 
 TEST_F(BatchTest, PretendingTwoOutcomesOfOneUpdateAborts) {
@@ -284,7 +290,7 @@ TEST_F(BatchTest, AnyTimeOutThatCanBeSetIsAWait) {
     SCOPED_TRACE(seconds);
     agent().batchStatus->batchTimeoutIs(seconds);
     addMany(1);
-    EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+    EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, DEADLINE_EXCEEDED)));
     agent().tableImpl->revertCriticalState();
   }
   agent().batchStatus->batchTimeoutIs(1e300);

@@ -64,7 +64,7 @@ TEST_F(CriticalStateTest, OutcomeThatIsNotUnderstoodBreaksAnInvariant) {
   agent().frontEnd.onSettled = [] { throw std::logic_error("odd"); };
   const auto left = agent().outcome();
   agent().frontEnd.onSettled = nullptr;
-  ASSERT_THAT(left, testing::ElementsAre(FailedWith(0, 13)));
+  ASSERT_THAT(left, testing::ElementsAre(FailedWith(0, INTERNAL)));
   EXPECT_EQ(left[0].second.message(), "its outcome is not known: odd; the switch is critical");
   EXPECT_TRUE(agent().status->brokenInvariant());
   EXPECT_EQ(level(), 1u);
@@ -83,7 +83,7 @@ TEST_F(CriticalStateTest, BatchThatIsOpenWritesNoMore) {
   agent().end();
   forwarder().programAll();
   const auto left = agent().outcome();
-  ASSERT_THAT(left, testing::ElementsAre(FailedWith(1, 13)));
+  ASSERT_THAT(left, testing::ElementsAre(FailedWith(1, INTERNAL)));
   EXPECT_EQ(left[0].second.message(), "WRITE operation is not allowed due to critical state");
   EXPECT_EQ(agent().rowCount(exactTable), 1u) << "what it has written is settled as ever";
 }

@@ -36,7 +36,9 @@ TEST_F(FullStoreTest, BatchThatDoesNotFitNeverWas) {
     agent().outgrowStore();
     agent().end();
     const auto left = agent().outcome();
-    EXPECT_THAT(left, ElementsAre(FailedWith(0, 8), FailedWith(1, 8), FailedWith(2, 8)));
+    EXPECT_THAT(left,
+                ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED), FailedWith(1, RESOURCE_EXHAUSTED),
+                            FailedWith(2, RESOURCE_EXHAUSTED)));
     EXPECT_THAT(left[0].second.message(), testing::HasSubstr(agent().directory));
     EXPECT_EQ(forwarder().pending(), 0u);
     EXPECT_EQ(agent().lastSequence(), before);
@@ -51,8 +53,8 @@ TEST_F(FullStoreTest, BatchThatDoesNotFitNeverWas) {
     EXPECT_EQ(agent().rowCount(exactTable), 2u);
   }
   EXPECT_FALSE(agent().status->critical());
-  EXPECT_EQ(codeOfAdd(exactEntry(3)), 0);
-  EXPECT_EQ(codeOfDelete(exactEntry(2)), 0);
+  EXPECT_EQ(codeOfAdd(exactEntry(3)), OK);
+  EXPECT_EQ(codeOfDelete(exactEntry(2)), OK);
 }
 
 // Each commit leaves room for its undoing.
@@ -68,8 +70,8 @@ TEST_F(FullStoreTest, FailedUpdatesArePutBackThoughNothingElseFits) {
   agent().end();
   agent().fillStore();
   for (int i = 0; i < 3; ++i) forwarder().failNext(ErrorCode::hardwareError, "no");
-  EXPECT_THAT(agent().outcome(),
-              ElementsAre(FailedWith(0, 13), FailedWith(1, 13), FailedWith(2, 13)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, INTERNAL), FailedWith(1, INTERNAL),
+                                             FailedWith(2, INTERNAL)));
   EXPECT_FALSE(agent().status->critical()) << agent().status->criticalReason();
   start();  // as it is stored
   const Vela::ActivityLock lock;
@@ -114,7 +116,7 @@ TEST_F(FullStoreTest, UndoingThatCannotBeStoredIsCriticalUntilItCan) {
   EXPECT_EQ(agent().record(exactTable, deleted)->entryState, EntryState::stable);
   forwarder().programAll();
   EXPECT_EQ(forwarder().rows().size(), 2u);
-  EXPECT_EQ(codeOfAdd(exactEntry(3)), 0);
+  EXPECT_EQ(codeOfAdd(exactEntry(3)), OK);
 }
 
 // What is lost in a commit that nobody looks at is no trace in a log.

@@ -131,7 +131,7 @@ TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
     EXPECT_EQ(TheParsingStatus()->hint(), c.hint);
     EXPECT_TRUE(ready());
   }
-  EXPECT_EQ(codeOfAdd(exactEntry(1, 9)), 0);
+  EXPECT_EQ(codeOfAdd(exactEntry(1, 9)), OK);
   EXPECT_EQ(agent().lastHandle, handle);
 }
 
@@ -232,7 +232,7 @@ TEST_F(P4TableInfoSmTest, TableWhoseTypeDoesNotFitItsP4InfoIsRefused) {
     agent().pipelineIs(
         pipelineOf(replaced(smallP4Info(), c.p4Info, c.otherP4Info), smallDeviceConfig()), c.what);
     EXPECT_TRUE(ready()) << error();
-    EXPECT_EQ(codeOfAdd(c.entry), 12);
+    EXPECT_EQ(codeOfAdd(c.entry), UNIMPLEMENTED);
     EXPECT_THAT(message(), HasSubstr(c.why));
   }
 }
@@ -244,7 +244,7 @@ TEST_F(P4TableInfoSmTest, PipelineWithoutAProgrammableTableComesUp) {
   agent().pipelineIs(pipelineOf(smallP4Info(), empty), "empty");
   EXPECT_TRUE(ready()) << error();
   EXPECT_FALSE(TheParsingStatus()->failed()) << error();
-  EXPECT_EQ(codeOfAdd(exactEntry(1)), 12);
+  EXPECT_EQ(codeOfAdd(exactEntry(1)), UNIMPLEMENTED);
   EXPECT_THAT(message(), HasSubstr("table exact is not part of the pipeline's device config"));
 }
 
@@ -330,7 +330,7 @@ TEST_F(P4TableInfoSmTest, FakedTypesMakeNoRowsYetAReadyModel) {
   unsetenv("LATTICE_TYPES_CREATION_FAKED");
   EXPECT_TRUE(ready());
   EXPECT_FALSE(agent().tableInfo->rowConstructorHas({tableResource, exactTable}));
-  EXPECT_EQ(codeOfAdd(exactEntry(1)), 12);
+  EXPECT_EQ(codeOfAdd(exactEntry(1)), UNIMPLEMENTED);
 }
 
 TEST_F(P4TableInfoSmTest, TableClassChoosesTheResource) {

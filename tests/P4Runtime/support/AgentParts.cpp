@@ -1,5 +1,6 @@
 #include "tests/P4Runtime/support/AgentParts.h"
 
+#include <grpcpp/support/status.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -257,7 +258,7 @@ StatusVector AgentParts::outcome() {
   StatusVector statuses;
   for (const uint32_t offset : offsets_) {
     statuses.emplace_back().first = offset;
-    statuses.back().second.set_canonical_code(4);
+    statuses.back().second.set_canonical_code(grpc::StatusCode::DEADLINE_EXCEEDED);
   }
   _pi_update_pending_status(&statuses);
   return statuses;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gmock/gmock.h>
+#include <grpcpp/support/status.h>
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -11,6 +12,8 @@
 #include "tests/P4Runtime/support/AgentParts.h"
 
 namespace TestSupport {
+
+using enum grpc::StatusCode;  // canonical codes
 
 class AgentTest : public testing::Test {
  protected:
@@ -26,7 +29,7 @@ class AgentTest : public testing::Test {
   AgentParts& agent() { return *parts_; }
   FakeForwarder& forwarder() { return *parts_->forwarder; }
 
-  // A batch of one update; the canonical code of its outcome, 0 for success.
+  // A batch of one update; the canonical code of its outcome.
   int codeOfAdd(const Entry& entry) {
     agent().begin();
     agent().add(0, entry);
@@ -54,7 +57,7 @@ class AgentTest : public testing::Test {
     forwarder().programAll();
     const auto left = agent().outcome();
     message_ = left.empty() ? "" : left[0].second.message();
-    return left.empty() ? 0 : left[0].second.canonical_code();
+    return left.empty() ? OK : left[0].second.canonical_code();
   }
 
   TempDir directory_;

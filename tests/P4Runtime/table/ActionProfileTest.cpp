@@ -157,7 +157,7 @@ TEST_F(ActionProfileTest, GroupIsThereAtOnceAndHasARowFromItsFirstMemberOn) {
     agent().updateIs(4);
     removed(empty, one);
   });
-  ASSERT_THAT(left, ElementsAre(FailedWith(4, 3)));
+  ASSERT_THAT(left, ElementsAre(FailedWith(4, INVALID_ARGUMENT)));
   EXPECT_EQ(left[0].second.message(), "group id 1 not found, cannot delete");
 
   EXPECT_THAT(done([&] {
@@ -263,7 +263,8 @@ TEST_F(ActionProfileTest, FailedUpdateLeavesEverythingAsItWas) {
           silent ? forwarder().ignoreNext() : forwarder().failNext(ErrorCode::hardwareError);
         }
       }
-      EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, silent ? 4 : 13)));
+      EXPECT_THAT(agent().outcome(),
+                  ElementsAre(FailedWith(0, silent ? DEADLINE_EXCEEDED : INTERNAL)));
       EXPECT_EQ(agent().status->critical(), silent);
       agent().tableImpl->revertCriticalState();
       EXPECT_EQ(picture(), before);
@@ -282,7 +283,7 @@ TEST_F(ActionProfileTest, SilenceOnPartOfAFailedUpdateIsCriticalAllTheSame) {
   forwarder().failNext(ErrorCode::hardwareError);
   forwarder().ignoreNext();
   forwarder().programNext();
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 13)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, INTERNAL)));
   EXPECT_TRUE(agent().status->critical());
   EXPECT_EQ(picture(), before);
   EXPECT_THAT(handlesInUse(), IsEmpty());
@@ -297,7 +298,7 @@ TEST_F(ActionProfileTest, RefusalInTheMiddleOfAnUpdateUndoesItsEarlierCalls) {
     added(made, memberCreated(1));
     memberCreated(2);  // the profile holds sixteen
   });
-  ASSERT_THAT(left, ElementsAre(FailedWith(2, 8)));
+  ASSERT_THAT(left, ElementsAre(FailedWith(2, RESOURCE_EXHAUSTED)));
   EXPECT_EQ(left[0].second.message(), "table id 285212673 size limit reached");
   EXPECT_EQ(picture(), before);
   EXPECT_EQ(handlesInUse().size(), 15u);
@@ -318,7 +319,7 @@ TEST_F(ActionProfileTest, GroupHoldsAsManyMembersAsItsRecord) {
     agent().updateIs(0);
     added(full, one);
   });
-  EXPECT_THAT(left, ElementsAre(FailedWith(0, 8)));
+  EXPECT_THAT(left, ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED)));
   EXPECT_EQ(forwarder().rows().at({"profile_group", bytes("00000001")}).size(), 4 + 2048 * 4u);
 }
 
@@ -329,7 +330,7 @@ TEST_F(ActionProfileTest, StoreThatTakesNothingFailsTheGroupThatNeedsNoForwarder
   groupCreated();
   agent().outgrowStore();
   agent().end();
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 8)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED)));
   EXPECT_EQ(picture(), before);
   EXPECT_THAT(handlesInUse(), IsEmpty());
 }

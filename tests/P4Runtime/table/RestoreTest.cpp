@@ -53,7 +53,7 @@ TEST_F(RestoreTest, UnchangedEntriesComeBackWithoutATrace) {
   EXPECT_EQ(agent().handleOf(acl), aclHandle);
   EXPECT_EQ(agent().tableImpl->numPendingEntries(), 0u);
   EXPECT_GT(agent().added(exactEntry(2)), agent().frontEnd.restored[2].handle);
-  EXPECT_EQ(codeOfDelete(first), 0);
+  EXPECT_EQ(codeOfDelete(first), OK);
 }
 
 TEST_F(RestoreTest, DirectMeterSettingsStandAsTheyWere) {

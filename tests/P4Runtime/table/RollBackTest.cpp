@@ -47,7 +47,7 @@ TEST_F(RollBackTest, FailedAddLeavesNothing) {
   forwarder().failNext(ErrorCode::tableFull, "no room in the chip");
   forwarder().programNext();
   const auto left = agent().outcome();
-  ASSERT_THAT(left, ElementsAre(FailedWith(0, 8)));
+  ASSERT_THAT(left, ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED)));
   EXPECT_EQ(left[0].second.message(), "no room in the chip");
   EXPECT_EQ(agent().handleOf(old_), 0u);
   EXPECT_EQ(agent().metadataCount(), 0u);
@@ -67,7 +67,7 @@ TEST_F(RollBackTest, FailedChangeLeavesTheOldEntry) {
   EXPECT_EQ(agent().lastHandle, handle);
   EXPECT_EQ(agent().record(exactTable, handle)->entryState, EntryState::pendingToBeAdded);
   forwarder().failNext(ErrorCode::hardwareError);
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 13)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, INTERNAL)));
   expectStands(old_, handle);
 }
 
@@ -79,7 +79,7 @@ TEST_F(RollBackTest, FailedDeleteLeavesTheEntry) {
   EXPECT_EQ(agent().record(exactTable, handle)->entryState, EntryState::pendingToBeDeleted);
   EXPECT_EQ(agent().handleOf(old_), handle) << "bound until the outcome is known";
   forwarder().failNext(ErrorCode::notReady);
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 14)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, UNAVAILABLE)));
   expectStands(old_, handle);
 }
 
@@ -93,7 +93,7 @@ TEST_F(RollBackTest, TimedOutBatchIsUndoneAndTheSwitchIsCritical) {
   forwarder().ignoreNext();
   forwarder().programNext();  // in time, though the batch as a whole is not
   const auto left = agent().outcome();
-  ASSERT_THAT(left, ElementsAre(FailedWith(0, 4), FailedWith(2, 3)));
+  ASSERT_THAT(left, ElementsAre(FailedWith(0, DEADLINE_EXCEEDED), FailedWith(2, INVALID_ARGUMENT)));
   EXPECT_EQ(left[0].second.message(),
             "Hardware programming for table id:33554433 could not be verified");
   EXPECT_TRUE(agent().status->critical());
@@ -109,7 +109,7 @@ TEST_F(RollBackTest, ReportAfterTheTimeOutChangesNothing) {
   agent().end();
   const RowChange late = forwarder().next();
   forwarder().ignoreNext();
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, DEADLINE_EXCEEDED)));
   expectEmpty(exactTable);
   forwarder().report(late, ErrorCode::none);
   agent().tableImpl->revertCriticalState();
@@ -152,7 +152,7 @@ TEST_F(RollBackTest, WritesOfOneEntryInABatchShareOneFate) {
     ASSERT_EQ(forwarder().pending(), 1u) << "one change of one row";
     if (c.fails) {
       forwarder().failNext(ErrorCode::hardwareError);
-      EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 13), FailedWith(3, 13)));
+      EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, INTERNAL), FailedWith(3, INTERNAL)));
     } else {
       forwarder().programNext();
       EXPECT_THAT(agent().outcome(), IsEmpty());
@@ -169,7 +169,7 @@ TEST_F(RollBackTest, WritesOfOneEntryInABatchShareOneFate) {
 
 TEST_F(RollBackTest, UnchangedEntryIsConfirmedLikeAnyOther) {
   const uint64_t handle = agent().added(old_);
-  EXPECT_EQ(codeOfAdd(old_), 0);
+  EXPECT_EQ(codeOfAdd(old_), OK);
   expectStands(old_, handle);
 }
 
@@ -201,7 +201,7 @@ TEST_F(RollBackTest, FailureThatNoBatchWaitsForIsKeptUntilMended) {
   forwarder().report({"", "", "", false, 4711, 1}, ErrorCode::hardwareError);  // nobody's
   EXPECT_EQ(failures.failedEntries(), 1u);
   EXPECT_EQ(failures.reportsOnNoRow(), 1u);
-  EXPECT_EQ(codeOfAdd(changed_), 0);
+  EXPECT_EQ(codeOfAdd(changed_), OK);
   EXPECT_EQ(failures.failedEntries(), 0u);
   EXPECT_EQ(failures.list(), "");
 
@@ -224,7 +224,7 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
     agent().add(0, old_);
     agent().end();
     forwarder().ignoreNext();
-    EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+    EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, DEADLINE_EXCEEDED)));
     agent().tableImpl->revertCriticalState();
     const RowChange undoing = forwarder().next();
     forwarder().failNext(ErrorCode::hardwareError, "stuck");
@@ -260,7 +260,7 @@ TEST_F(RollBackTest, FailureBelongsToTheForwardingAgentThatReportedIt) {
   said(2, sequence, 3, true);
   EXPECT_EQ(agent().tableImpl->failures()->agentDel(1), 1u);
   EXPECT_THAT(failures.list(), testing::Not(testing::HasSubstr("one")));
-  EXPECT_EQ(codeOfAdd(changed_), 0) << "programmed by both";
+  EXPECT_EQ(codeOfAdd(changed_), OK) << "programmed by both";
   EXPECT_EQ(failures.failedEntries(), 0u);
 }
 
@@ -272,7 +272,7 @@ TEST_F(RollBackTest, LateSuccessOfATimedOutAddLeavesTheFailureOfItsRemoval) {
   agent().end();
   const RowChange add = forwarder().next();
   forwarder().ignoreNext();
-  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, 4)));
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, DEADLINE_EXCEEDED)));
   forwarder().report(add, ErrorCode::none);
   const RowChange removal = forwarder().next();
   forwarder().failNext(ErrorCode::hardwareError, "stuck");

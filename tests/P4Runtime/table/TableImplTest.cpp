@@ -60,13 +60,13 @@ TEST_F(TableImplTest, RowsHoldWhatPiBytesSay) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    ASSERT_EQ(codeOfAdd(c.entry), 0) << message();
+    ASSERT_EQ(codeOfAdd(c.entry), OK) << message();
     const auto programmed = forwarder().rows().find({c.table, c.rowKey});
     ASSERT_NE(programmed, forwarder().rows().end());
     EXPECT_EQ(programmed->second, c.value);
     EXPECT_EQ(agent().record(c.entry.table, agent().handleOf(c.entry))->entryState,
               EntryState::stable);
-    EXPECT_EQ(codeOfDelete(c.entry), 0) << message();
+    EXPECT_EQ(codeOfDelete(c.entry), OK) << message();
     expectEmpty(c.entry.table);
     EXPECT_TRUE(forwarder().rows().empty());
   }
@@ -87,7 +87,7 @@ TEST_F(TableImplTest, DirectMeterAndCounterStandInTheRow) {
                   "01 0100000000000000 0200000000000000 0300000000000000 0400000000000000"
                   "01 0500000000000000 0600000000000000"));
   configs[1].res_id = profile;
-  EXPECT_EQ(codeOfAdd(entry), 3);
+  EXPECT_EQ(codeOfAdd(entry), INVALID_ARGUMENT);
   EXPECT_EQ(message(), "Invalid resource type: 17 res_id: 285212673");
 }
 
@@ -102,44 +102,44 @@ TEST_F(TableImplTest, RefusalLeavesNothingBehind) {
   } cases[] = {
       {"key of 1023 bytes",
        {exactTable, long1023, setPort, bytes("0001")},
-       3,
+       INVALID_ARGUMENT,
        "table exact: the match key has 1023 bytes instead of 4"},
       {"key of 1024 bytes",
        {exactTable, long1024, setPort, bytes("0001")},
-       12,
+       UNIMPLEMENTED,
        "Key size larger than 2014 not supported"},
       {"action of 1023 bytes",
        {exactTable, bytes("0800 0001"), setPort, long1023},
-       3,
+       INVALID_ARGUMENT,
        "action set_port: its data has 1023 bytes instead of 2"},
       {"action of 1024 bytes",
        {exactTable, bytes("0800 0001"), setPort, long1024},
-       12,
+       UNIMPLEMENTED,
        "Action size larger than 1024 not supported"},
       {"both: the key is looked at first",
        {exactTable, long1024, setPort, long1024},
-       12,
+       UNIMPLEMENTED,
        "Key size"},
       {"an action of another table",
        {exactTable, bytes("0800 0001"), setDmac, bytes("000000000001")},
-       3,
+       INVALID_ARGUMENT,
        "no known action id found"},
       {"a field of 3 bytes",
        {labelTable, bytes("000001"), drop, ""},
-       12,
+       UNIMPLEMENTED,
        "table label cannot be programmed: match field \"label\": it is 24 bits wide"},
       {"a parameter of 3 bytes",
        {meteredTable, bytes("00000001"), setLabel, bytes("000001")},
-       12,
+       UNIMPLEMENTED,
        "action set_label of table metered cannot be programmed: parameter \"label\": it is 20 bits "
        "wide"},
       {"a table that is not there",
        {0x020000ff, "", drop, ""},
-       12,
+       UNIMPLEMENTED,
        "table 33554687 is not part of the pipeline's device configuration"},
       {"a member for a table of actions",
        {exactTable, bytes("0800 0001"), 0, "", 0, 0, "", 5},
-       13,
+       INTERNAL,
        "table exact: "},
   };
   for (const auto& c : cases) {
@@ -159,18 +159,18 @@ TEST_F(TableImplTest, RefusalLeavesNothingBehind) {
 }
 
 TEST_F(TableImplTest, DeleteOfWhatIsNotThereIsRefused) {
-  EXPECT_EQ(codeOfDelete(exactEntry(1)), 3);
+  EXPECT_EQ(codeOfDelete(exactEntry(1)), INVALID_ARGUMENT);
   EXPECT_EQ(message(), "table exact has no entry with this match key");
-  EXPECT_EQ(codeOfDelete({exactTable, std::string(1024, 'x')}), 12);
+  EXPECT_EQ(codeOfDelete({exactTable, std::string(1024, 'x')}), UNIMPLEMENTED);
   expectEmpty(exactTable);
 }
 
 TEST_F(TableImplTest, FullTableRefusesNewEntriesOnly) {
   for (uint8_t id = 0; id < 4; ++id) ASSERT_NE(agent().added(exactEntry(id)), 0u);
-  EXPECT_EQ(codeOfAdd(exactEntry(9)), 8);
+  EXPECT_EQ(codeOfAdd(exactEntry(9)), RESOURCE_EXHAUSTED);
   EXPECT_EQ(message(), "table id 33554433 size limit reached");
   EXPECT_EQ(agent().handleOf(exactEntry(9)), 0u);
-  EXPECT_EQ(codeOfAdd(exactEntry(1, 77)), 0) << "a change of an entry always fits";
+  EXPECT_EQ(codeOfAdd(exactEntry(1, 77)), OK) << "a change of an entry always fits";
 
   agent().begin();  // room that the same batch makes
   agent().del(0, exactEntry(0));
@@ -180,29 +180,30 @@ TEST_F(TableImplTest, FullTableRefusesNewEntriesOnly) {
   EXPECT_TRUE(agent().outcome().empty());
 
   agent().tableImpl->tableSizeCheckEnabledIs(false);
-  EXPECT_EQ(codeOfAdd(exactEntry(10)), 0);
+  EXPECT_EQ(codeOfAdd(exactEntry(10)), OK);
   agent().tableImpl->tableSizeCheckEnabledIs(true);
-  EXPECT_EQ(codeOfAdd(exactEntry(11)), 0) << "above the limit it passes";
+  EXPECT_EQ(codeOfAdd(exactEntry(11)), OK) << "above the limit it passes";
 }
 
 TEST_F(TableImplTest, PrioritiesAreTakenAsTheyCome) {
   const Entry acl{aclTable, bytes("0a000000 ff000000 0050 ffff 06"), drop, "", 0};
-  EXPECT_EQ(codeOfAdd(acl), 0);
+  EXPECT_EQ(codeOfAdd(acl), OK);
   Entry other = acl;
   other.priority = 9;
-  EXPECT_EQ(codeOfAdd(other), 0);
+  EXPECT_EQ(codeOfAdd(other), OK);
   EXPECT_EQ(agent().rowCount(aclTable), 2u);
   Entry exact = exactEntry(1);
   exact.priority = 3;  // the table needs none
-  EXPECT_EQ(codeOfAdd(exact), 0);
+  EXPECT_EQ(codeOfAdd(exact), OK);
   const std::string row = *agent().row("exact");
   exact.priority = 4;
   exact.data = bytes("0009");
-  EXPECT_EQ(codeOfAdd(exact), 6) << "both would stand in one row, and the first be lost";
+  EXPECT_EQ(codeOfAdd(exact), ALREADY_EXISTS)
+      << "both would stand in one row, and the first be lost";
   EXPECT_EQ(*agent().row("exact"), row);
   EXPECT_EQ(agent().handleOf(exact), 0u);
   exact.priority = 3;
-  EXPECT_EQ(codeOfDelete(exact), 0);
+  EXPECT_EQ(codeOfDelete(exact), OK);
 }
 
 TEST_F(TableImplTest, DefaultActionsAreAcknowledgedOnly) {
@@ -224,7 +225,7 @@ TEST_F(TableImplTest, ControllerMetadataIsKeptWithTheEntry) {
   EXPECT_EQ(agent().record(exactTable, handle)->controllerMetadata, entry.controllerMetadata);
   EXPECT_EQ(agent().tableImpl->cachedMetadata(key), entry.metadata);
   entry.metadata = "";
-  EXPECT_EQ(codeOfAdd(entry), 0);
+  EXPECT_EQ(codeOfAdd(entry), OK);
   EXPECT_EQ(agent().tableImpl->cachedMetadata(key), "");
 }
 
