@@ -123,7 +123,7 @@ void Agent::doFollowReports() {
   batchStatus()->strayReportHandlerIs(
       [this](const Lattice::Report& report) { tableImpl()->handleStrayReport(report); });
   tables_->lossHandlerIs([this](const std::string& reason) {
-    if (p4RtSystemStatus()->brokenInvariant()) return;  // it has been said
+    if (p4RtSystemStatus()->brokenInvariant()) return;  // already reported
     P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
         fmt::format("what was to be stored is lost: {}", reason)));
   });
@@ -148,7 +148,7 @@ void Agent::doFollowReports() {
   batchStatus()->forwardingAgentsAre(tables_->subscribers().size(), attachGrace);
 }
 
-// It says what still fails when it is back.
+// Its failures leave the list; it reports them again when it attaches again.
 void Agent::handleAgentLeft(const Lattice::SubscriberInfo& agent) {
   const size_t failures = tableImpl()->forgetReportsOf(agent.id);
   derivedFailures_->agentDel(agent.id);

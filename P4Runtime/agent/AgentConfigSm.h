@@ -13,7 +13,7 @@ namespace P4Runtime {
 // Runs on the reactor.
 class AgentConfigSm : public Vela::RefCounted {
  public:
-  // Runs what it is given once nobody is kept from an answer by the end of the process.
+  // Calls back once requesters have taken their answers: the process may end then.
   using LastWords = std::function<void(std::function<void()>)>;
 
   // `runtime` outlives this.

@@ -1,4 +1,4 @@
-// What the agent needs of the state database, and where it stands.
+// The entities of the state database that the agent needs, and their paths.
 #include <cstddef>
 
 #include "P4Runtime/agent/Agent.h"

@@ -1,4 +1,4 @@
-// What the agent shows of packets, and the CPU device's part in its life.
+// Publishes the status of packets, and brings the CPU device up and down with the agent.
 #pragma once
 
 #include <vector>

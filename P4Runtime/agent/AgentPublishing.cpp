@@ -1,4 +1,4 @@
-// What the agent shows of itself and of its parts to operators.
+// Publishes the agent and its parts in the state database, for operators.
 #include <fmt/format.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// What the launcher gives the agent that it loads, and takes care of on its behalf.
+// The services that the launcher gives the agent.
 #pragma once
 
 #include <functional>

@@ -1,4 +1,4 @@
-// What the agent says of itself to operators.
+// The agent's own status, for operators.
 #pragma once
 
 #include <cstdint>

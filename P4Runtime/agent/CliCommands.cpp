@@ -45,8 +45,8 @@ void requirePort(const std::string& port) {
   refuse("'{}' is no P4 port id; write a number from 1 to 4294967295", port.substr(0, 80));
 }
 
-// Refused before it is set: to put it back would come too late when others wait for what the port
-// has now.
+// Checks before it sets: undoing a refused mapping would come too late once another port has taken
+// the old interface.
 std::string mapPort(Database& database, const std::string& port, const std::string& intf) {
   requirePort(port);
   const auto status = entityAt<PortMappingStatus>(database, mappingStatusPath);

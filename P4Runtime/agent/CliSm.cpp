@@ -17,7 +17,7 @@ namespace {
 Scrivel::TraceHandle trace("CliSm");
 
 constexpr std::chrono::seconds removalPeriod{30};
-constexpr std::chrono::milliseconds takingTime{300};  // of an answer, by a requester who is there
+constexpr std::chrono::milliseconds takingTime{300};  // for a live requester to take its answer
 
 std::vector<std::string> parsedArguments(const std::string& text) {
   std::vector<std::string> arguments;
@@ -81,7 +81,7 @@ void CliSm::handleRequest(const std::string& id) {
 void CliSm::doExecute(const std::string& id) {
   const Vela::Ptr<Vela::Entity> entity = configDir_->entity(id);
   const auto* request = dynamic_cast<const CliRequest*>(entity.get());
-  if (!request || statusDir_->entityHas(id)) return;  // it went, or is another one's
+  if (!request || statusDir_->entityHas(id)) return;  // gone, or already answered
   SCRIVEL_TRACE(0, "doExecute ", id, " ", request->command(), " ", request->arguments());
   const auto answer = Vela::make<CliAnswer>(id);
   answer->commandIs(request->command());
@@ -92,7 +92,7 @@ void CliSm::doExecute(const std::string& id) {
     SCRIVEL_TRACE(0, "doExecute ", id, " refused: ", e.what());
     answer->textIs(e.what());
   }
-  if (configDir_->entity(id) != entity) return;  // the command itself removed it
+  if (configDir_->entity(id) != entity) return;  // the command itself removed the request
   answers_[id] = clock_();
   statusDir_->entityIs(id, answer);
   if (answers_.size() > mostAnswers) doRemoveOldAnswers();
@@ -113,7 +113,7 @@ std::string CliSm::runCommand(const CliRequest& request) const {
   return command.run(arguments);
 }
 
-// Oldest first, until the others are neither too many nor too old.
+// Removes the oldest answers until the rest are few and young enough.
 void CliSm::doRemoveOldAnswers() {
   std::vector<std::pair<Time, std::string>> byAge;
   for (const auto& [id, given] : answers_) byAge.emplace_back(given, id);
@@ -143,7 +143,7 @@ void CliSm::whenAnswersAreTaken(std::function<void()> done) {
   takenTimer_.start(takingTime);
 }
 
-// On a later turn: whoever removed the request has not got its answer to that yet.
+// On a later turn: the requester still waits for the outcome of its removal.
 void CliSm::maybeTellTaken() {
   if (!taken_ || awaitsTaker()) return;
   takenTimer_.start(std::chrono::milliseconds(0));

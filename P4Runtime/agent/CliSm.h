@@ -45,8 +45,8 @@ class CliSm : public Vela::RefCounted {
   void handleRequest(const std::string& id);  // came or went
   void doRemoveOldAnswers();
 
-  // Runs `done` once the answers of the last moments have been taken, or a moment later: a request
-  // may have the process end, and whoever made it waits for the answer.
+  // Runs `done` once requesters have taken the latest answers, or a moment later. A request may end
+  // the process, and its requester waits for the answer.
   void whenAnswersAreTaken(std::function<void()> done);
 
  private:

@@ -42,7 +42,7 @@ class ElectionIds {
   // `store` outlives this.
   ElectionIds(Brine::Store& store, InBatch inBatch) : store_(store), inBatch_(std::move(inBatch)) {}
 
-  // What an earlier process kept. Call with the activity lock held.
+  // The ids that an earlier process stored. Call with the activity lock held.
   std::map<RoleKey, ElectionNumber> kept();
 
   // Waits for the end of a batch's writing, which is a matter of milliseconds. False when the store

@@ -110,7 +110,7 @@ void KorvelPiServer::describeConfigValues() {
   valueIs("deviceId", &KorvelPiServer::deviceId);
 }
 
-// Those that would pull the server from under its calls are there to say so.
+// Operations that would take the server away from its calls exist only to refuse with a reason.
 void KorvelPiServer::describeOperations() {
   const auto refusedIs = [this](const char* name, const std::string& reason) {
     operationIs({name, {}, [name, reason](const auto&) -> std::string {
@@ -217,7 +217,7 @@ void KorvelPiServer::ServerReadySm::handleReadable() {
   SCRIVEL_TRACE(1, "handleReadable");
   uint64_t count = 0;
   if (read(fileDesc_->descriptor(), &count, sizeof count) != sizeof count) return;
-  if (server_.shuttingDown_) return;  // nobody would answer; the fresh server is signalled for
+  if (server_.shuttingDown_) return;  // the fresh server gets a signal of its own
   server_.sendPipelineConfigMsg();
   server_.serverReadyIs(true);
 }
@@ -226,7 +226,7 @@ void KorvelPiServer::sendPipelineConfigMsg() {
   const Vela::ActivityLock lock;
   SCRIVEL_TRACE(1, "sendPipelineConfigMsg");
   assert(maxDevices() == 1);
-  serverReadyIs(false);  // a second pipeline is restored into like the first
+  serverReadyIs(false);  // entries are restored into each new pipeline
   DeviceMgr::init(1);
   SCRIVEL_TRACE(1, "sendPipelineConfigMsg",
                 " server thread is: ", static_cast<uint64_t>(serverThread));

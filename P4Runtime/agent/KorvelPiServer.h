@@ -61,7 +61,7 @@ class KorvelPiServer : public DeviceServer {
   // Starts the server thread. An address that cannot be bound ends the process with status 1.
   void startProcessing();
   void signal();
-  // What to push: the request that the model was made of, which the file may no longer hold.
+  // The request to push: the one that the model was made of, which the file may no longer hold.
   void pipelineRequestIs(std::string bytes) { pipelineRequest_ = std::move(bytes); }
   // Without such a request pushes what the file holds. Aborts the process when that cannot be used,
   // or the server rejects it.

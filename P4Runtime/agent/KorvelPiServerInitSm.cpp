@@ -105,16 +105,16 @@ void KorvelPiServerInitSm::doApplyTableInfoState() {
     case P4TableInfoState::tableInfoNotReady:
     case P4TableInfoState::tableInfoError:
       noPipeline_.close();
-      push_.open();  // one that waits for the batch in progress is called off
+      push_.open();  // cancels a push that still waits for the batch in progress
       return;
   }
   throw P4RuntimeBrokenInvariantException(fmt::format(
       "Unrecognized tableInfoState {}", static_cast<int>(tableInfo()->tableInfoState())));
 }
 
-// The server takes a pipeline between two Writes. The push keeps the reactor, and a Write in
-// progress could not hear of the forwarding plane meanwhile; nor may one begin under the former
-// pipeline, or before the entries are back.
+// The server takes a pipeline between two Writes. The push blocks the reactor, so a Write in
+// progress would hear nothing from the forwarding plane. No Write may begin under the former
+// pipeline, or before the entries are restored.
 void KorvelPiServerInitSm::doPushPipeline() {
   if (server()->serverReady()) {
     push_.close([this] { maybeSignal(); });
@@ -135,8 +135,8 @@ void KorvelPiServerInitSm::maybeSignal() {
 void KorvelPiServerInitSm::handleServerReady() {
   SCRIVEL_TRACE(1, "handleServerReady", " ", server()->serverReady());
   if (!server()->serverReady()) return;
-  // Disabled since it was pushed: without its tables no record could be restored. The pipeline is
-  // pushed again once they are back.
+  // The agent was disabled after the push: without tables no record can be restored. The pipeline
+  // is pushed again once the tables are back.
   if (tableInfo()->tableInfoState() != P4TableInfoState::tableInfoReady) return;
   doRestore();
   push_.open();
@@ -148,7 +148,7 @@ void KorvelPiServerInitSm::handleRestoreRequests() {
   handleTableInfoState();
 }
 
-// Where the restore has failed, the server would delete members and groups that none of its entries
+// After a failed restore the server would delete members and groups that none of its entries
 // claims, although the entries stand.
 void KorvelPiServerInitSm::doRestore() {
   tableImpl()->restoreNeededIs(false);
@@ -219,7 +219,7 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   }
 }
 
-// Calls in progress are answered by the server that took them.
+// The server that took a call also answers it.
 void KorvelPiServerInitSm::doKillPiServerThread() {
   SCRIVEL_TRACE(1, "doKillPiServerThread");
   if (move_.isClosed()) return;  // the fresh server takes the address of the moment it starts

@@ -73,8 +73,8 @@ void P4RtSystemConfigSm::handleEnabled() {
   tableImpl_->cleanupCache();
 }
 
-// A plugin that was asked to disable itself is started anew by whoever runs it; a clean-up of the
-// table information that is under way is completed first.
+// Plugins that were asked to disable themselves start again on their own. A clean-up of the table
+// information that is under way is completed first.
 void P4RtSystemConfigSm::doEnablePlugins() {
   SCRIVEL_TRACE(1, "doEnablePlugins");
   if (step_ == Step::pluginDisable) stepIs(Step::none);
@@ -184,7 +184,7 @@ void P4RtSystemConfigSm::handlePluginStatus(const std::string& name) {
     SCRIVEL_TRACE(1, "handlePluginStatus", "Delete plugin", name);
     pluginStatusSmDel(name);
   }
-  // The one that went, or was replaced, may have been the last to wait for.
+  // The removed or replaced plugin may have been the last one to wait for.
   maybeFinishPluginCleanup();
   maybeFinishPluginDisable();
   doTellWhatItWaitsFor();

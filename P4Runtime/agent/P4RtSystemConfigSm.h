@@ -15,11 +15,12 @@
 
 namespace P4Runtime {
 
-// Runs on the reactor. A disable has two steps, each a request with a number that whoever does it
-// answers with: the table information lets the pipeline go, then every plugin disables itself; the
-// agent's exit is requested after that. Enabled again during the first step, the plugins are asked
-// to clean up instead; during the second, the request is taken back. There is no time-out: a plugin
-// that never answers keeps the agent, and the status says for whom it waits.
+// Runs on the reactor. A disable has two steps: the table information lets the pipeline go, then
+// every plugin disables itself; the agent's exit is requested after that. Each step is a request
+// with a number, and is complete when the response has that number. Enabled again during the first
+// step, the plugins are asked to clean up instead; during the second, the request is taken back.
+// There is no time-out: a plugin that never responds keeps the agent alive, and the status names
+// that plugin.
 class P4RtSystemConfigSm : public Vela::Entity {
  public:
   // `p4TableInfo` may be null: there is nothing to clean up then.
@@ -48,7 +49,7 @@ class P4RtSystemConfigSm : public Vela::Entity {
   void doCleanupPlugins();
 
  private:
-  // What has been asked for and is not complete.
+  // The request that is not complete yet.
   enum class Step { none, tableInfoCleanup, pluginCleanup, pluginDisable };
   using CompletedId = const uint32_t& (PluginStatus::*)() const;
 

@@ -77,7 +77,7 @@ void PortMappingDirSm::handleIntf(const std::string& name) {
   doApply();
 }
 
-// Those in force first, then those that wait, as they came.
+// Mappings in force first, then the waiting ones in the order of arrival.
 std::vector<const PortMappingDirSm::Wish*> PortMappingDirSm::wishesByRight() const {
   std::vector<const Wish*> wishes;
   for (const auto& [name, wish] : wishes_) wishes.push_back(&wish);

@@ -1,4 +1,4 @@
-// What the protobuf library has to say, such as of strings that are not UTF-8: it goes to the
+// Messages of the protobuf library, such as of strings that are not UTF-8: they go to the
 // traces, and a few lines of it to standard error.
 #pragma once
 

@@ -20,7 +20,7 @@ namespace {
 
 using P4RuntimeConfig::P4RtSystemConfig;
 
-// What the agent reads when it starts, and not again.
+// Settings that the agent reads only when it starts.
 struct ReadAtStart {
   const char* path;
   const char* attribute;
@@ -33,7 +33,7 @@ constexpr std::array<ReadAtStart, 5> readAtStart{{
     {"p4runtime/config/agent", "pluginDirectory"},
 }};
 
-// 0 when a server could listen there; the error otherwise.
+// 0 if a server can listen there, else the errno.
 int listenError(const std::string& address, uint16_t port) {
   addrinfo hints{};
   hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
@@ -44,7 +44,7 @@ int listenError(const std::string& address, uint16_t port) {
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> info(found, freeaddrinfo);
   const int fd = socket(info->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return errno;
-  const int on = 1;  // connections of a former server do not count
+  const int on = 1;  // ignore connections of a former server
   setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   const bool listens = bind(fd, info->ai_addr, info->ai_addrlen) == 0 && listen(fd, 1) == 0;
   const int error = listens ? 0 : errno;
@@ -63,7 +63,7 @@ std::string portRefused(const P4RtSystemConfig& config, const std::string& text)
                      std::generic_category().message(error));
 }
 
-// Pretended programming is for tests of controllers: a switch that carries traffic would lie.
+// Pretended programming is for tests of controllers: it confirms entries that nobody programs.
 std::string pretendingRefused(const BatchStatus& batchStatus, bool allowed, const std::string& name,
                               const std::string& text) {
   if (!allowed) {

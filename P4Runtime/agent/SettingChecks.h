@@ -1,4 +1,4 @@
-// What an operator may set while the agent runs.
+// Checks of the settings that an operator makes while the agent runs.
 #pragma once
 
 #include "platform/orrery/Database.h"

@@ -1,5 +1,5 @@
-// What is known of the write batch in progress: which entries it wrote, which of them the
-// forwarding agents have answered, and how many answers the waiting thread has yet to see.
+// The state of the write batch in progress: the entries that it wrote, the reports of forwarding
+// agents on them, and the number of reports that the waiting thread has yet to see.
 #pragma once
 
 #include <chrono>
@@ -41,8 +41,8 @@ class BatchStatusEntry {
   std::string errorMessage_;
 };
 
-// A report counts once, and only for what it reports on: a handle with a pending operation of the
-// current batch, and that operation's sequence number. Each accepted report adds 1 to the
+// A report counts once, and only if it matches a pending operation of the current batch: its handle
+// and its sequence number. Each accepted report adds 1 to the
 // notification descriptor. Call with the activity lock held; only the descriptor may be waited on
 // without it.
 class BatchStatus : public Vela::Entity {
@@ -64,11 +64,11 @@ class BatchStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)  // late, duplicate, unknown or out of step
 
  public:
-  // How many forwarding agents are attached. For `grace` from the last change on, one that is on
-  // its way is waited for.
+  // The number of attached forwarding agents. For `grace` after each change,
+  // awaitForwardingAgent() waits for another one to attach.
   void forwardingAgentsAre(size_t count, std::chrono::milliseconds grace);
-  // Whether a batch would find somebody to program it. Waits for as long as the grace lasts, and
-  // gives the activity lock up meanwhile.
+  // Whether any forwarding agent is attached that can program a batch. Waits as long as the grace
+  // lasts, and gives the activity lock up meanwhile.
   bool awaitForwardingAgent();
 
   void onBatchBegin();           // empties the descriptor and the maps, opens the shared batch
@@ -97,7 +97,7 @@ class BatchStatus : public Vela::Entity {
   // The handle has a pending operation that the report with this sequence number will complete; an
   // earlier one of the batch, and a completion of it, is forgotten.
   void pendingOperationIs(EntryHandle handle, uint64_t sequence);
-  // Nobody waits for the handle's report any more: it was undone, or settled otherwise.
+  // The handle's report is no longer awaited: the operation was undone, or settled otherwise.
   void pendingOperationDel(EntryHandle handle) { pending_.erase(handle); }
   void pendingOperationDelAll() { pending_.clear(); }
   bool pendingOperationHas(EntryHandle handle) const { return pending_.contains(handle); }

@@ -1,4 +1,4 @@
-// What the operating system's bridging configuration gives the agent.
+// The part of the operating system's bridging configuration that the agent reads.
 #pragma once
 
 #include <string>

@@ -9,8 +9,8 @@
 
 namespace P4Runtime {
 
-// At "p4runtime/config/cli/ID": one request. Whoever places it chooses an id that no other has and
-// removes it once it is answered.
+// At "p4runtime/config/cli/ID": one request. The requester chooses a unique id, and
+// removes the request once it is answered.
 class CliRequest final : public Vela::Entity {
  public:
   using Entity::Entity;

@@ -9,16 +9,31 @@ namespace {
 
 Scrivel::TraceHandle trace("ErrorCode");
 
-constexpr int unknownCode = 2;
-constexpr std::array<int, 16> canonicalCodes = {0, 8, 13, 13, 13, 14, 12, 12,
-                                                3, 3, 13, 3,  6,  8,  3,  unknownCode};
+// gRPC's numbers.
+enum CanonicalCode : int {
+  ok = 0,
+  unknown = 2,
+  invalidArgument = 3,
+  alreadyExists = 6,
+  resourceExhausted = 8,
+  unimplemented = 12,
+  internal = 13,
+  unavailable = 14,
+};
+
+// By error code.
+constexpr std::array<CanonicalCode, 16> canonicalCodes = {
+    ok,          resourceExhausted, internal,      internal,          internal,
+    unavailable, unimplemented,     unimplemented, invalidArgument,   invalidArgument,
+    internal,    invalidArgument,   alreadyExists, resourceExhausted, invalidArgument,
+    unknown};
 
 }  // namespace
 
 int canonicalCode(uint32_t errorCode) {
   if (errorCode < canonicalCodes.size()) return canonicalCodes[errorCode];
   SCRIVEL_TRACE(0, "canonicalCode", " error code out of range: ", errorCode);
-  return unknownCode;
+  return unknown;
 }
 
 }  // namespace P4Runtime

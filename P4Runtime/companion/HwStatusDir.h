@@ -1,4 +1,4 @@
-// What the forwarding agents say of the hardware's state: the counters of the flows they program.
+// The hardware's state as forwarding agents publish it: the counters of the flows they program.
 #pragma once
 
 #include <memory>

@@ -44,7 +44,7 @@ class P4HandleMgr : public Vela::RefCounted {
   // Told, before a handle is given out, up to which ones they may be from now on; to be stored with
   // the entry. When it throws, none is given out.
   void reservationHandlerIs(std::function<void(EntryHandle upTo)> handler);
-  // What was stored may be lost: the handler is told again.
+  // The stored reservation may be lost: the handler gets it again.
   void reservationDel();
 
   // A new handle, mapped to its entry handle. Throws std::length_error when all are taken.

@@ -24,7 +24,7 @@ class P4RtSystemConfig : public Vela::Entity {
   // authenticated.
   VELA_ATTRIBUTE(P4Runtime::IpAddress, grpcServerAddress, P4Runtime::IpAddress::loopback())
   VELA_ATTRIBUTE(uint16_t, grpcServerPort, 9559)
-  // What the server takes on before it refuses more; at once, unless said otherwise.
+  // Limits of the server, at any one time unless said otherwise; it refuses more.
   VELA_ATTRIBUTE(uint32_t, maxConnections, 1024)  // and never more than half of the descriptors
   VELA_ATTRIBUTE(uint32_t, maxStreams, 512)
   VELA_ATTRIBUTE(uint32_t, maxStreamsOfRole, 256)

@@ -58,7 +58,7 @@ class PluginStatus final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, library, "")
   VELA_READONLY_ATTRIBUTE(std::string, version, "")
   VELA_READONLY_ATTRIBUTE(std::string, state, "")  // for people: "running", "disabled", ...
-  // What the plugin publishes, by names of its own.
+  // Values that the plugin publishes, by names of its own.
   VELA_COLLECTION(std::string, std::string, published)
 };
 

@@ -1,4 +1,4 @@
-// What an entry belongs to: a kind of object and its id in the P4Info.
+// The object that an entry belongs to: its kind and its id in the P4Info.
 #pragma once
 
 #include <compare>

@@ -9,7 +9,7 @@ namespace {
 
 Scrivel::TraceHandle trace("ControllerInterface");
 
-// What an operator has given the device stays.
+// Addresses that an operator gave the device stay.
 constexpr bool keepConfigured = true;
 
 }  // namespace

@@ -27,17 +27,17 @@ class ControllerTxPktConfig final : public Vela::Entity {
   bool txPktDescEnq(const ControllerTxPktDesc& desc);
   KeyedQueue<ControllerTxPktDesc>& txPktDesc() { return txPktDesc_; }
   const KeyedQueue<ControllerTxPktDesc>& txPktDesc() const { return txPktDesc_; }
-  // Lanes that have used up their share; kept by whoever takes descriptors out.
+  // Lanes that have used up their share; set by the consumer of the queue.
   void crowdedLanesAre(std::set<uint64_t> lanes) { crowdedLanes_ = std::move(lanes); }
 
  private:
   std::set<uint64_t> crowdedLanes_;
   KeyedQueue<ControllerTxPktDesc> txPktDesc_{*this, "txPktDesc"};
 
-  // Taken out, but waiting until their device has space; kept by whoever takes them out.
+  // Taken out, but waiting until their device has space; set by the consumer of the queue.
   VELA_READONLY_ATTRIBUTE(uint64_t, held, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, refusedFull, 0)
-  // Packets that there was no memory for; counted by whoever makes them.
+  // Packets lost for want of memory; counted by the producer.
   VELA_READONLY_ATTRIBUTE(uint64_t, refusedMemory, 0)
   // Packets whose header is not what the pipeline declares, or that it declares none for.
   VELA_READONLY_ATTRIBUTE(uint64_t, refusedHeader, 0)

@@ -1,4 +1,4 @@
-// What is to be sent for a controller, and how it went: plain values with texts for people.
+// A packet to send for a controller, and its result: plain values with texts for people.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What became of the packets that controllers wanted sent.
+// Counts of the packets that controllers wanted sent: sent, or dropped and why.
 #pragma once
 
 #include <cstdint>
@@ -15,15 +15,15 @@ enum class TxDrop { noPacket, noMapping, noPam, deviceDown, tooLong, failed };
 // At "p4runtime/status/packet-out". Counts since the agent began; call with the activity lock held.
 class ControllerTxPktStatus final : public Vela::Entity {
  public:
-  // Packets sent are only counted. Of those that were not, the latest few are kept, by their key in
-  // the queue and without their bytes: what fails must not keep memory.
+  // Sent packets are only counted. The latest dropped ones are kept by their key in the queue,
+  // without their bytes: failures must not hold memory.
   static constexpr size_t mostEntries = 64;
 
   using Entity::Entity;
   const char* typeName() const override { return "P4Runtime::ControllerTxPktStatus"; }
 
   void sentInc(uint64_t n) { sentIs(sent() + n); }
-  // `trouble`: in words, for people; "": the reason says it all.
+  // Counts and keeps a dropped packet. `trouble`: a text for people; "" if the reason says it all.
   void recordDrop(uint64_t key, const ControllerTxPktDesc& desc, TxDrop reason,
                   const std::string& trouble = {});
   using Entries = std::map<uint64_t, ControllerTxPktStatusEntry>;

@@ -10,7 +10,8 @@
 namespace P4Runtime {
 
 // Keeps `deviceIntfStatusDir` equal to the kernel's devices of the names that stand in
-// `desiredIntfDir`. A device made anew takes the place of its namesake. Runs on the reactor.
+// `desiredIntfDir`. A new device of the same name takes the place of the former. Runs on the
+// reactor.
 class IntfStatusManager final : public Vela::Entity {
  public:
   IntfStatusManager(Vela::Ptr<const Orrery::Directory> desiredIntfDir,

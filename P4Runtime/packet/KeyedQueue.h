@@ -9,8 +9,8 @@
 
 namespace P4Runtime {
 
-// Observers are told when it stops being empty, and of nothing else: whoever takes elements out
-// goes on until there are none. Call with the activity lock held.
+// Observers are told when the queue stops being empty, and of nothing else: consumers take elements
+// out until none is left. Call with the activity lock held.
 template <typename T>
 class KeyedQueue final : public Vela::AttributeBase {
  public:

@@ -12,7 +12,7 @@ namespace {
 
 Scrivel::TraceHandle trace("P4RuntimeCpuPktMgr");
 
-// The same trouble with every device, and anew twice a second, is worth one line.
+// Trouble that every device has, twice a second, is worth one line.
 void tellOnce(const std::system_error& e) {
   static auto* told = new std::set<int>;  // guarded by the activity lock
   if (e.code() == std::errc::no_such_device || !told->insert(e.code().value()).second) return;

@@ -32,7 +32,7 @@ class P4RuntimeCpuPktMgr final : public Vela::Entity {
                      Vela::Ptr<PamCollection> pamCollection);
   const char* typeName() const override { return "P4Runtime::P4RuntimeCpuPktMgr"; }
 
-  // Tries anew what the system refused (memory, descriptors, permissions). Costs nothing else.
+  // Opens the devices again that the system refused (memory, descriptors, permissions).
   void retry();
 
  private:
@@ -46,8 +46,8 @@ class P4RuntimeCpuPktMgr final : public Vela::Entity {
   Vela::Observation deviceChange_;
 };
 
-// Opens packets of the device; null, and said on standard error the first time that it is for this
-// reason, when the system does not let us.
+// Opens packet access on the device. Null when the system refuses; the first refusal for a reason
+// is a line on standard error.
 Wirra::PacketAccessManager::Ptr openPacketAccess(Vela::ReactorLoop& loop, const std::string& device,
                                                  Wirra::PacketAccessManager::Mode mode);
 

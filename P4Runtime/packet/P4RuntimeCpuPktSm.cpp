@@ -169,7 +169,7 @@ void CpuPktSm::handlePktEvent() {
 void CpuPktSm::processPkt(const Ptr& pkt) {
   SCRIVEL_TRACE(8, "processPkt", " Packet SA ", sourceAddress(*pkt));
   const pi_dev_id_t deviceId = p4RtSystemConfig()->deviceId();
-  // Also while the library serves another device than the one that is configured now.
+  // Also when the library serves another device than the configured one.
   if (pi_num_devices() == 0 || !pi_is_device_assigned(deviceId)) {
     ++counts_.droppedNoDevice;
     return;
@@ -184,7 +184,7 @@ void CpuPktSm::processPkt(const Ptr& pkt) {
   }
 }
 
-// Also on the server's threads: the queue stopped being empty.
+// The queue stopped being empty. Also runs on the server's threads.
 void CpuPktSm::handleTxPktDesc() {
   SCRIVEL_TRACE(8, "handleTxPktDesc", " queued ", controllerTxPktConfig()->txPktDesc().size());
   if (!controllerTxPktConfig()->txPktDesc().empty()) transmitter_->wake();

@@ -21,7 +21,7 @@
 
 namespace P4Runtime {
 
-// What the packets depend on.
+// The entities that packet access depends on.
 struct CpuPktInputs {
   Vela::Ptr<const Orrery::Directory> kernelNetInfoRoot;
   Vela::Ptr<const Wirra::KernelNetInterfaceStatus> kernelNetInfoStatus;
@@ -81,13 +81,13 @@ class CpuPktSm final : public Vela::Entity, private TxWays {
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
 
  public:
-  // Packets of the CPU device can be read. Those that it leaves are told again.
+  // The CPU device has packets to read. The event repeats while any are left.
   void handlePktEvent();
   void handleKernelDevice(const std::string& name);
   void handleTxPktDesc();
   // Aborts when the library does not take the packet.
   void processPkt(const Ptr& pkt);
-  // What the system refused before is tried again; what the kernel counts is looked up.
+  // Retries opens that the system refused, and reads the kernel's counters.
   void handlePeriod();
   const CpuPktCounts& counts() const { return counts_; }
 

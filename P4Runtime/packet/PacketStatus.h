@@ -1,4 +1,4 @@
-// What the agent says of packets to operators and to other processes.
+// The status of packets, for operators and other processes.
 #pragma once
 
 #include <cstdint>

@@ -41,7 +41,7 @@ PacketTransmitter::~PacketTransmitter() { *self_ = nullptr; }
 void PacketTransmitter::wake() {
   if (posted_) return;
   posted_ = true;
-  // Whoever queues holds the lock that the turn needs.
+  // The caller holds the lock that the turn needs.
   Vela::ActivityLock::afterRelease([&loop = loop_, self = self_] {
     loop.post([self] {
       if (*self) (*self)->turn();
@@ -112,7 +112,7 @@ void PacketTransmitter::drainQueue(size_t* budget) {
   }
 }
 
-// Behind those of its port that wait already.
+// Queues the entry behind waiting packets of its port.
 bool PacketTransmitter::maybeWait(Entry& entry) {
   const auto lane = lanes_.find(laneOf(entry.desc));
   if (lane == lanes_.end() || lane->second.waiting.empty()) return false;
@@ -121,7 +121,7 @@ bool PacketTransmitter::maybeWait(Entry& entry) {
   return true;
 }
 
-// What comes next has room in the run; the run may be sent for that.
+// Makes room in the run for the next packet; may send the run for that.
 void PacketTransmitter::prepareRun(const TxWays::Way& way) {
   if (way.drop || run_.entries.empty()) return;
   if (run_.intf != way.intf || run_.entries.size() == mostRun) flush();
@@ -165,7 +165,7 @@ void PacketTransmitter::settle(const Entry& entry, Wirra::SendResult result) {
   status_.recordDrop(entry.key, entry.desc, reasonOf(result), ways_.trouble(run_.intf));
 }
 
-// They are older than whatever of their ports waits.
+// These packets are older than the waiting ones of their ports.
 void PacketTransmitter::hold(std::span<Entry> entries) {
   for (auto entry = entries.rbegin(); entry != entries.rend(); ++entry) {
     Lane& lane = lanes_[laneOf(entry->desc)];

@@ -18,7 +18,7 @@
 
 namespace P4Runtime {
 
-// Where packets go; asked on the reactor with the activity lock held.
+// Where packets go. Called on the reactor with the activity lock held.
 class TxWays {
  public:
   virtual ~TxWays() = default;
@@ -34,9 +34,9 @@ class TxWays {
   virtual std::string trouble(const std::string& intf) const = 0;
 };
 
-// Packets of one port keep their order, whatever happens to their device or its mapping; those to
-// be processed by the forwarding plane count as a port of their own. While a device takes no more,
-// its ports' packets wait, which others' do not. Call on the reactor with the activity lock held.
+// Packets of one port keep their order, whatever happens to their device or its mapping; packets
+// for ingress processing count as a port of their own. While a device takes no more, only its
+// ports' packets wait. Call on the reactor with the activity lock held.
 class PacketTransmitter final {
  public:
   // All must outlive it.
@@ -46,7 +46,7 @@ class PacketTransmitter final {
 
   // Any thread that holds the lock: a turn follows, however often this is called until then.
   void wake();
-  // What waits for a device is tried again: it has space, came, went, or a port means another one.
+  // Tries waiting packets again: a device has space, came or went, or a port means another device.
   void retryWaiting();
   uint64_t taken() const { return taken_; }  // descriptors, from the queue
   // Runs after each turn.
@@ -75,7 +75,7 @@ class PacketTransmitter final {
   void prepareRun(const TxWays::Way& way);
   void append(Entry entry, const TxWays::Way& way);
   void flush();
-  // From the one that the device had no space for.
+  // `entries` begins with the packet that the device had no space for.
   void hold(std::span<Entry> entries);
   void settle(const Entry& entry, Wirra::SendResult result);
   bool hasWork() const;

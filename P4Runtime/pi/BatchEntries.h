@@ -1,5 +1,5 @@
-// What the settling of a batch needs of the objects above it, which the context holds: the tables
-// that the batch has written, and the server whose device it was.
+// The interfaces through which a batch is settled: the tables that it has written, and the server
+// whose device it was.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,7 @@
 
 namespace P4Runtime {
 
-// The entries that batches write. The table implementation is the one. Call with the activity lock
-// held.
+// The entries that batches write; the table implementation. Call with the activity lock held.
 class BatchEntries : public Vela::Entity {
  public:
   using Entity::Entity;

@@ -37,7 +37,7 @@ void BatchSettling::settle(const StatusVector& known) {
   maybeHandleTimedOut();
 }
 
-// Entries that were put back must be stored before the controller hears of the failure. Otherwise
+// Entries that were put back are stored before the controller hears of the failure. Without them
 // only the states of records remain to be stored, and a restart can derive these.
 void BatchSettling::storeOutcome() {
   if (entries_.anyPutBack()) {
@@ -47,8 +47,8 @@ void BatchSettling::storeOutcome() {
   }
 }
 
-// Later offsets first, so that removing an element moves only those that have failed; within one
-// the later writes first, since they may stand on the earlier ones.
+// Later offsets first, so that removing an element moves only failed elements; within an offset
+// later writes first, since they may depend on earlier ones.
 std::vector<BatchSettling::Outcome> BatchSettling::outcomes() const {
   const auto& handles = batchStatus_.entryHandles();
   const auto& completed = batchStatus_.completedTransactionStatus();

@@ -1,5 +1,5 @@
-// Folds the forwarding agents' reports into the answer to a write batch: what succeeded becomes
-// stable, what failed or was never reported on is put back.
+// Folds the forwarding agents' reports into the answer to a write batch: entries that
+// succeeded become stable; entries that failed, or were never reported on, are put back.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@
 
 namespace P4Runtime {
 
-// Settles one batch, on the thread that asks for its outcome, with the activity lock held. What it
-// is given outlives it.
+// Settles one batch, on the thread that asks for its outcome, with the activity lock held. The
+// objects given to the constructor outlive this.
 class BatchSettling {
  public:
   // `server` may be null: the device is then 0.

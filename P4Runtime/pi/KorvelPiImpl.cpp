@@ -36,14 +36,14 @@ BatchSettling batchSettling(StatusVector& statusVector) {
           ThePiContext()->piServer().base()};
 }
 
-// The PI library takes for undone what may stand.
+// Entries may stand that the PI library takes for undone.
 void loseTrack(const char* why) {
   TheBatchEntries()->restoreNeededIs(true);
   P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
       fmt::format("the outcome of a Write could not be settled: {}", why)));
 }
 
-// What is not understood must not be answered as if it were: neither done nor undone is certain.
+// After an unknown failure neither success nor undoing is certain: the answer says so.
 void breakInvariant(StatusVector& statusVector, const char* why) {
   for (auto& [offset, error] : statusVector) {
     if (!isPending(error)) continue;
@@ -53,7 +53,7 @@ void breakInvariant(StatusVector& statusVector, const char* why) {
   loseTrack(why);
 }
 
-// Whatever happens, the batch is over, and the gate for Writes hears of it.
+// Ends the batch on every path; the gate for Writes observes it.
 struct EndOfBatch {
   ~EndOfBatch() { TheBatchStatus()->onBatchSettled(); }
 };
@@ -113,7 +113,7 @@ void _pi_update_pending_status(StatusVector* statusVector) {
   }
   try {
     settling.storeOutcome();
-  } catch (const std::exception& e) {  // the controller shall hear the outcome all the same
+  } catch (const std::exception& e) {  // the controller hears the outcome all the same
     P4Runtime::loseTrack(e.what());
   }
 }
@@ -178,12 +178,12 @@ pi_status_t _pi_session_cleanup(pi_session_handle_t session_handle) {
   return PI_STATUS_SUCCESS;
 }
 
-// A Write may have checked its permission before the gate was closed, and operators set levels
-// whatever the gate says; asked under the lock, level and gate are those that stand.
+// A Write may have checked its permission before the gate closed, and operators may set the level,
+// so level and gate are read again under the lock.
 pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
   const ActivityLock lock;
   SCRIVEL_TRACE(5, "_pi_batch_begin", " session_handle: ", session_handle);
-  // Without one, all that a batch writes would time out.
+  // Without a forwarding agent the whole batch would time out.
   if (!TheBatchStatus()->awaitForwardingAgent()) return PI_STATUS_NO_FORWARDING_AGENT;
   const P4Runtime::WriteGate* const gate = P4Runtime::TheWriteGate();
   if (DeviceMgr::get_operation_permission_level() == P4Runtime::nothingAllowed ||
@@ -202,7 +202,7 @@ pi_status_t _pi_batch_end(pi_session_handle_t session_handle, bool hw_sync) {
   SCRIVEL_TRACE(5, "_pi_batch_end", " session_handle: ", session_handle, " hw_sync: ", hw_sync);
   try {
     TheBatchStatus()->onBatchEnd();
-  } catch (const std::exception& e) {  // the settling, which ends the batch, follows all the same
+  } catch (const std::exception& e) {  // settling follows, and ends the batch
     P4Runtime::loseTrack(e.what());
   }
   return PI_STATUS_SUCCESS;

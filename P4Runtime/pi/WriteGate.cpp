@@ -58,7 +58,7 @@ void WriteGate::publish() {
   applyLevel();
 }
 
-// Runs on the thread of the batch; what waits belongs on the reactor.
+// Runs on the thread of the batch; waiting closers belong to the reactor.
 void WriteGate::handleInProgress() {
   SCRIVEL_TRACE(7, "handleInProgress", " ", batchStatus_->inProgress());
   if (isOpen() || batchStatus_->inProgress()) return;

@@ -1,6 +1,6 @@
 // The gate through which Writes come to the agent. Each part that takes the model, the caches or
-// the server away closes it first, waits until the batch in progress is settled, and opens it when
-// its work is done.
+// the server away closes the gate first, waits until the batch in progress is settled, and opens
+// the gate when its work is done.
 #pragma once
 
 #include <cstdint>

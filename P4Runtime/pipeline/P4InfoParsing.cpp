@@ -29,7 +29,7 @@ class SlotLayout {
 
   uint32_t append(uint32_t width) {
     const uint32_t slot = widths_.slots();
-    if (width > widestField) width = 0;  // nothing of the kind is programmed
+    if (width > widestField) width = 0;  // entries with such a field are refused
     widths_.fieldBitwidthIs(slot, static_cast<uint8_t>(width));
     return slot;
   }
@@ -42,7 +42,7 @@ class SlotLayout {
   FieldBitwidths widths_;
 };
 
-// Appends the slots of one match field; answers whether entries need a priority for it.
+// Appends the slots of one match field; returns whether entries need a priority for it.
 bool appendMatchField(SlotLayout& layout, const cJSON* field) {
   const uint32_t width = jsonNumber(field, "bitwidth").value_or(0);
   const std::string type = jsonString(field, "matchType").value_or("");
@@ -58,8 +58,8 @@ bool appendMatchField(SlotLayout& layout, const cJSON* field) {
   return isMatchType(type, "RANGE");
 }
 
-// Sizes have 64 bits in the P4Info. What is beyond 32 holds more than there can be; what is below 0
-// says as little as 0 does.
+// Sizes have 64 bits in the P4Info. A size beyond 32 bits is clamped: no table grows so large. A
+// negative size counts as 0.
 uint32_t sizeOf(const cJSON* element) {
   const std::string text = jsonString(element, "size").value_or("");
   const long long size = std::strtoll(text.c_str(), nullptr, 10);

@@ -254,7 +254,7 @@ void P4TableInfoSm::doRefuse() {
   for (const auto& [id, why] : refused_.actions) {
     tableInfo_->unprogrammableIs({actionResource, id}, why);
   }
-  std::set<std::string> lines;  // a profile stands there twice, with its members and its groups
+  std::set<std::string> lines;  // a profile occurs twice: as members and as groups
   for (const auto& [rid, why] : tableInfo_->unprogrammableCollection().values()) {
     SCRIVEL_TRACE(0, "P4TableInfoSm", tableInfo_->nameOf(rid), " cannot be programmed: ", why);
     lines.insert(fmt::format("{} cannot be programmed: {}", tableInfo_->kindAndName(rid), why));
@@ -298,8 +298,8 @@ void P4TableInfoSm::createQuery(const cJSON* query) {
   services_.queryConfigDir->activeQueryConfigIs(config);
 }
 
-// Before the tables that nobody has are removed, so that a query finds its rows of before. What is
-// wrong with it is told when it is checked.
+// Runs before unused tables are removed, so that a query keeps its rows of an earlier process.
+// Faults of the query are reported when it is checked.
 void P4TableInfoSm::createQueryOutput(const cJSON* query) {
   const auto path = jsonString(query, "output_table_path");
   const auto type = jsonString(query, "output_table_type");
@@ -344,7 +344,7 @@ void P4TableInfoSm::handleQueryCompileStatus() {
         SCRIVEL_TRACE(5, "handleQueryCompileStatus", "status entry does not yet exist for", name);
         return;
       }
-      // What some rows make of a query is no reason to serve none of them.
+      // A query that fails on some rows still serves the others.
       if (!status->reason().empty() && status->defined()) continue;
       if (!status->reason().empty()) {
         throw P4RuntimeParsingException(status->reason(), "Query compilation failed for " + name,

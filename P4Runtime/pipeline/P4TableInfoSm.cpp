@@ -41,7 +41,8 @@ constexpr const char* nameAFile =
     "pipeline "
     "build' has made";
 
-// A pipe would keep the reactor until somebody writes to it; empty: a file, or nothing at all.
+// Empty for a regular file, or when nothing stands there. A pipe would block the reactor until
+// somebody writes to it.
 std::string whyNoFile(const std::string& path) {
   std::error_code none;
   const auto there = std::filesystem::status(path, none);
@@ -49,14 +50,14 @@ std::string whyNoFile(const std::string& path) {
   return std::filesystem::is_directory(there) ? "it is a directory" : "it is no regular file";
 }
 
-// Of a file that is no pipeline file for this agent; empty when there is nothing to tell.
+// Names the kind of a file that is no pipeline file for this agent; empty when it is unknown.
 std::string whatItIs(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   const std::string contents(std::istreambuf_iterator<char>(file), {});
   return Pipeline::whyNoPipelineFile(contents);
 }
 
-// The first thing that keeps the pipeline from running is told; the others are traced.
+// Throws the first finding that keeps the pipeline from running; all findings are traced.
 void requireRunnable(const Pipeline::Findings& findings) {
   for (const Pipeline::Finding& finding : findings.list()) {
     SCRIVEL_TRACE(1, "P4TableInfoSm", " pipeline: ", Pipeline::findingText(finding));
@@ -122,7 +123,7 @@ void P4TableInfoSm::handlePipelineConfigFile() {
   const std::string path = systemConfig_->forwardingPipelineConfigFilePath();
   SCRIVEL_TRACE(1, "handlePipelineConfigFile", " File ", path);
   if (!systemConfig_->enabled()) return;  // handleEnabled() asks again
-  next_.reset();  // one that waits for a Write is overtaken, whatever this is
+  next_.reset();                          // a change that waits for a Write is overtaken
   runGuarded([&] {
     next_ = readPipelineConfigFile(path);
     change_.close([this] { doChange(); });
@@ -170,9 +171,9 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
   return next;
 }
 
-// No batch is in progress, and none begins: an update that fails is put back through the tables'
-// interfaces, so the Write in progress needed the former model. From here on the gate stays closed
-// for as long as the model is not ready.
+// No batch is in progress, and none begins: a Write in progress needs the former model, since a
+// failed update is put back through the tables' interfaces. The gate stays closed until the new
+// model is ready.
 void P4TableInfoSm::doChange() {
   if (std::exchange(cleanupRequested_, false)) doCleanUp();
   if (const auto next = std::exchange(next_, std::nullopt)) {
@@ -193,11 +194,11 @@ void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   handlePipelineConfigStr(next.deviceJson);
 }
 
-// A new pipeline starts from nothing; the rows and records of the former one stay where they are
-// until its tables are known.
+// A new pipeline starts from nothing. Rows and records of the former one stay until the new one's
+// tables are known.
 void P4TableInfoSm::doForgetPipeline() {
   ++generation_;
-  jsonRoot_ = nullptr;  // first of all: reactions to what follows have nothing left to build
+  jsonRoot_ = nullptr;  // first: the reactions to the changes below must find nothing to build
   jsonRootToDelete_.reset();
   tableInfo_->tableInfoStateIs(P4TableInfoState::tableInfoNotReady);
   controllerPktMetadata_->metadataEntryDelAll();

@@ -77,8 +77,9 @@ class P4TableInfoSm : public Vela::Entity {
   void handleQueryCompileStatus();
   void handleAllQueriesReceived();
   void handleAllQueriesCompiled();
-  // Lets the pipeline go, but for rows and records, once the batch in progress is settled, and
-  // answers with the request's number. The pipeline comes up again when the agent is enabled.
+  // Lets the pipeline go, but for rows and records, once the batch in progress is settled, then
+  // copies the request's number into the response. The pipeline comes up again when the agent is
+  // enabled.
   void handleCleanupRequest();
   void handleEnabled();
   const P4ControllerPktMetadata& controllerPktMetadata() const { return *controllerPktMetadata_; }

@@ -84,7 +84,7 @@ void Plugin::handleSettings() {
   stateIs(state);
 }
 
-// Whoever was asked to disable itself is started anew: it need not know a way back.
+// A plugin that was asked to disable itself is stopped and started again: it knows no way back.
 void Plugin::handleEnabled() {
   if (!context_.p4RtSystemConfig->enabled()) return;
   if (askedToDisable_) doStop();

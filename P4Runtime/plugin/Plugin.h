@@ -16,7 +16,8 @@
 namespace P4Runtime {
 
 // Runs on the reactor. Its status is in the directory from its construction on, so that no disable
-// misses it. One that does not run has nothing to clean up, and its status answers at once.
+// misses it. A plugin that does not run has nothing to clean up: its status completes each request
+// at once.
 class Plugin final : public Vela::Entity {
  public:
   // Starts it if the agent is enabled.
@@ -47,7 +48,7 @@ class Plugin final : public Vela::Entity {
   void doStart();
   void doStop();
   void doFail(const std::string& why);
-  // Runs code of the plugin's; false when an exception left it, which has stopped the plugin then.
+  // Runs code of the plugin. False when an exception left the code; the plugin is stopped then.
   bool runGuarded(const char* what, const std::function<void()>& code);
   void stateIs(const std::string& state);
   void doAnswerRequests();

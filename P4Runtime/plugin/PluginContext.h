@@ -1,4 +1,4 @@
-// What the agent gives its plugins to work with.
+// The services that the agent gives its plugins.
 #pragma once
 
 #include <cstdint>

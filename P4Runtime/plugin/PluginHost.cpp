@@ -150,7 +150,7 @@ int PluginHost::publish(const char* name, const char* value) {
   return KORVEL_OK;
 }
 
-// Null when there is none, and for what is no path.
+// Null when nothing stands at the path, or the text is no path.
 Vela::Ptr<Vela::Entity> PluginHost::entity(const char* path) const try {
   return path ? context_->stateDatabase.entity(path) : nullptr;
 } catch (const Orrery::PathError&) {

@@ -1,5 +1,5 @@
-// The functions that the agent offers one plugin, behind the pointer that it holds: who calls from
-// the wrong thread, after the end, or with bad arguments gets an error and changes nothing.
+// The functions that the agent offers one plugin, behind the pointer that it holds. A call from the
+// wrong thread, after the end, or with bad arguments gets an error and changes nothing.
 #pragma once
 
 #include <functional>
@@ -15,11 +15,11 @@
 
 namespace P4Runtime {
 
-// Made on the reactor, and used there but for what any thread may call. Never freed, since a
-// plugin may keep its pointer for good.
+// Made and used on the reactor; post(), log() and trace() may be called from any thread. Never
+// freed, since a plugin may keep its pointer for good.
 class PluginHost {
  public:
-  // What the owner does for it.
+  // Callbacks to the owner.
   struct Owner {
     // Runs code of the plugin's; an exception that leaves it stops the plugin.
     std::function<void(const char* what, const std::function<void()>& code)> runGuarded;
@@ -33,7 +33,7 @@ class PluginHost {
 
   const korvel_host* functions() const { return &handle_.functions; }
   void open();    // calls are served
-  void close();   // and refused from here on, also those that were posted; what was published stays
+  void close();   // calls are refused, also posted ones; published values stay
   void retire();  // the owner goes away
   uint64_t refusedCalls() const { return refusedCalls_; }
   // The last line that the plugin logged since open().
@@ -81,7 +81,7 @@ class PluginHost {
   // The mutex.
   mutable std::mutex mutex_;
   bool open_ = false;
-  uint64_t opened_ = 0;  // how often: what was posted before belongs to another life
+  uint64_t opened_ = 0;  // how often; work posted before the last open() is dropped
   std::string lastWords_;
 };
 

@@ -21,7 +21,7 @@ struct CloseLibrary {
 };
 using Library = std::unique_ptr<void, CloseLibrary>;
 
-// To open a pipe would wait for whoever writes it.
+// Opening a pipe would block until a writer opens it.
 uint64_t sizeOfFile(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) throw PluginError(strerror(errno));

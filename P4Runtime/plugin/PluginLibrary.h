@@ -1,4 +1,4 @@
-// A plugin's shared library: opened, looked through, and refused by name when it is none.
+// A plugin's shared library: opened and checked; a file that is no plugin is refused.
 #pragma once
 
 #include <memory>

@@ -9,8 +9,8 @@
 
 namespace P4Runtime {
 
-// Runs on the reactor, where plugins are called. What cannot be loaded is one line on standard
-// error and a status that says why; the others are loaded all the same.
+// Runs on the reactor, where plugins are called. A plugin that cannot be loaded is one line on
+// standard error and a status that says why; the others are loaded all the same.
 class PluginLoader final : public Vela::RefCounted {
  public:
   explicit PluginLoader(PluginContext context);

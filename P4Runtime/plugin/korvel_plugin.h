@@ -6,7 +6,7 @@
  * Threads: the agent calls a plugin on one thread, its reactor, and one call at a time. A call
  * should return within a millisecond or so: nothing else of the agent's runs meanwhile. Functions
  * of the host may be called on that thread only, from within a call of the agent's; elsewhere they
- * do nothing and answer KORVEL_WRONG_THREAD. The exception is post(), with which threads of the
+ * do nothing and return KORVEL_WRONG_THREAD. The exception is post(), with which threads of the
  * plugin's own get onto the reactor.
  *
  * Texts are UTF-8 and end with a zero byte. Those that the agent passes last for the call. */
@@ -24,7 +24,7 @@ extern "C" {
  * loads plugins of its own version only. */
 #define KORVEL_PLUGIN_INTERFACE_VERSION 1u
 
-/* What host functions answer. */
+/* Results of host functions. */
 #define KORVEL_OK 0
 #define KORVEL_WRONG_THREAD (-1)  /* not called on the reactor */
 #define KORVEL_STOPPED (-2)       /* the plugin has been stopped */
@@ -44,8 +44,8 @@ typedef void (*korvel_name_visitor)(void* cookie, const char* name);
 typedef void (*korvel_table_visitor)(void* cookie, const korvel_table_use* use);
 typedef void (*korvel_callback)(void* cookie);
 
-/* What the agent does for a plugin. The pointer stays valid as long as the process lives; after
- * stop() all its functions answer KORVEL_STOPPED. */
+/* The agent's services to a plugin. The pointer stays valid as long as the process lives; after
+ * stop() all its functions return KORVEL_STOPPED. */
 typedef struct korvel_host korvel_host;
 struct korvel_host {
   uint32_t interface_version; /* KORVEL_PLUGIN_INTERFACE_VERSION of the agent */
@@ -60,7 +60,7 @@ struct korvel_host {
   int (*disable_done)(const korvel_host* host, uint32_t id);
 
   /* Reads the state database: the text of the attribute of the entity at the path goes into
-   * `buffer`, cut to size - 1 bytes and ended with a zero byte. Answers the length of the whole
+   * `buffer`, cut to size - 1 bytes and ended with a zero byte. Returns the length of the whole
    * text, or one of the errors above. */
   long (*read_attribute)(const korvel_host* host, const char* path, const char* attribute,
                          char* buffer, size_t size);
@@ -87,7 +87,7 @@ struct korvel_host {
   void (*trace)(const korvel_host* host, int level, const char* text);
 };
 
-/* What a plugin is. Function pointers said to be optional may be null. A C++ exception that leaves
+/* A plugin. Function pointers said to be optional may be null. A C++ exception that leaves
  * one of the functions counts as a failure: the agent stops the plugin, says so by name, and goes
  * on without it. */
 typedef struct korvel_plugin {
@@ -97,11 +97,11 @@ typedef struct korvel_plugin {
 
   /* Starts the plugin: when the agent does, and again each time the agent is enabled after a
    * disable that this plugin was asked for. `settings` is the text at p4runtime/config/plugin/NAME.
-   * What it stores in *instance is passed to the other functions. Answers 0; anything else is a
+   * The value stored in *instance is passed to the other functions. Returns 0; anything else is a
    * failure, for which it should log() the reason. stop() is not called then. */
   int (*start)(const korvel_host* host, const char* settings, void** instance);
 
-  /* Optional. The settings are another text now. Answers 0, or anything else when it cannot use
+  /* Optional. The settings have changed. Returns 0, or anything else when it cannot use
    * them and goes on with the former ones; it should log() why. */
   int (*settings_changed)(void* instance, const char* settings);
 
