@@ -25,18 +25,6 @@ constexpr const char* agentPath = "p4runtime/status/agent";
 constexpr const char* failuresPath = "p4runtime/status/failures";
 constexpr const char* packetsPath = "p4runtime/status/packets";
 
-// The attributes of an entity; null when the agent does not have it (yet).
-Json attributes(Orrery::Client& client, const char* path) {
-  try {
-    const Json answer = client.get(path);
-    return Json(cJSON_DetachItemFromObjectCaseSensitive(answer.get(), "attributes"));
-  } catch (const Orrery::NoAgentError&) {
-    throw;
-  } catch (const Orrery::ClientError&) {
-    return nullptr;
-  }
-}
-
 std::string textOf(const Json& object, const char* name) {
   const cJSON* value = object ? cJSON_GetObjectItemCaseSensitive(object.get(), name) : nullptr;
   return value ? valueText(*value) : "";
@@ -163,10 +151,10 @@ void printJson(int64_t pid, Json system, Json agent, Json failures, Json packets
 void runStatus(const ClientOptions& options) {
   try {
     Orrery::Client client(options.stateDirectory);
-    Json system = attributes(client, systemPath);
-    Json agent = attributes(client, agentPath);
-    Json failures = attributes(client, failuresPath);
-    Json packets = attributes(client, packetsPath);
+    Json system = attributesAt(client, systemPath);
+    Json agent = attributesAt(client, agentPath);
+    Json failures = attributesAt(client, failuresPath);
+    Json packets = attributesAt(client, packetsPath);
     const Json sections(cJSON_CreateObject());
     addStatusSections(client, sections.get());
     if (options.json) {

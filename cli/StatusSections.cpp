@@ -29,11 +29,6 @@ Json entityAt(Orrery::Client& client, const std::string& path) {
   }
 }
 
-Json attributesOf(const Json& entity) {
-  return Json(entity ? cJSON_DetachItemFromObjectCaseSensitive(entity.get(), "attributes")
-                     : nullptr);
-}
-
 // The attributes of each child of a directory, by name; null without children.
 Json childrenAt(Orrery::Client& client, const std::string& path) {
   const Json directory = entityAt(client, path);
@@ -41,7 +36,7 @@ Json childrenAt(Orrery::Client& client, const std::string& path) {
   const cJSON* name = nullptr;
   cJSON_ArrayForEach(name, cJSON_GetObjectItemCaseSensitive(directory.get(), "children")) {
     const std::string child = name->valuestring ? name->valuestring : "";
-    Json attributes = attributesOf(entityAt(client, fmt::format("{}/{}", path, child)));
+    Json attributes = attributesAt(client, fmt::format("{}/{}", path, child));
     if (attributes) cJSON_AddItemToObject(all.get(), child.c_str(), attributes.release());
   }
   return cJSON_GetArraySize(all.get()) == 0 ? nullptr : std::move(all);
@@ -117,6 +112,12 @@ void printVrfs(const cJSON* vrfs) {
 
 }  // namespace
 
+Json attributesAt(Orrery::Client& client, const std::string& path) {
+  const Json entity = entityAt(client, path);
+  return Json(entity ? cJSON_DetachItemFromObjectCaseSensitive(entity.get(), "attributes")
+                     : nullptr);
+}
+
 std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attributes,
                                                                const char* name) {
   std::vector<std::pair<std::string, std::string>> entries;
@@ -131,10 +132,10 @@ std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attr
 }
 
 void addStatusSections(Orrery::Client& client, cJSON* status) {
-  add(status, "pipeline", attributesOf(entityAt(client, pipelinePath)));
-  add(status, "ports", attributesOf(entityAt(client, portsPath)));
+  add(status, "pipeline", attributesAt(client, pipelinePath));
+  add(status, "ports", attributesAt(client, portsPath));
   add(status, "queries", childrenAt(client, queriesPath));
-  add(status, "vrfs", attributesOf(entityAt(client, vrfsPath)));
+  add(status, "vrfs", attributesAt(client, vrfsPath));
 }
 
 void printStatusSections(const cJSON& status) {

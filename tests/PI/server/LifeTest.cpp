@@ -51,17 +51,30 @@ TEST_F(ServerTest, ShutDownEndsOpenStreamsAndWaitReturns) {
   for (const auto& controller : controllers) EXPECT_FALSE(controller->ended().ok());
 }
 
-TEST_F(ServerTest, ShutDownLetsARunningWriteFinish) {
-  const auto primary = served();
-  std::promise<void> begun;
+// A server that goes down while a Write runs.
+class RunningWriteTest : public ServerTest {
+ protected:
+  // A Write that has begun, and goes on once `release` has a value.
+  std::future<grpc::Status> begunWrite() {
+    TheFakeDevice().onWrite = [this](const p4::v1::WriteRequest&) {
+      begun_.set_value();
+      awaited(release, "the test lets the Write go on");
+      return statusOf(0);
+    };
+    auto running = std::async(std::launch::async, [this] { return write(10); });
+    awaited(begun_, "the Write has begun");
+    return running;
+  }
+
   std::promise<void> release;
-  TheFakeDevice().onWrite = [&](const p4::v1::WriteRequest&) {
-    begun.set_value();
-    awaited(release, "the test lets the Write go on");
-    return statusOf(0);
-  };
-  auto running = std::async(std::launch::async, [&] { return write(10); });
-  awaited(begun, "the Write has begun");
+
+ private:
+  std::promise<void> begun_;
+};
+
+TEST_F(RunningWriteTest, FinishesBeforeAShutDown) {
+  const auto primary = served();
+  auto running = begunWrite();
   auto shutDown = std::async(std::launch::async, [] { PIGrpcServerShutdown(); });
   EXPECT_FALSE(primary->ended().ok());  // by now the server is going down
   release.set_value();
@@ -70,17 +83,9 @@ TEST_F(ServerTest, ShutDownLetsARunningWriteFinish) {
 }
 
 // A Write once waited for a lock that the thread which shut the server down held.
-TEST_F(ServerTest, ForcedShutDownReturnsThoughAWriteDoesNot) {
+TEST_F(RunningWriteTest, HoldsUpNoForcedShutDown) {
   const auto primary = served();
-  std::promise<void> begun;
-  std::promise<void> release;
-  TheFakeDevice().onWrite = [&](const p4::v1::WriteRequest&) {
-    begun.set_value();
-    awaited(release, "the test lets the Write go on");
-    return statusOf(0);
-  };
-  auto running = std::async(std::launch::async, [&] { return write(10); });
-  awaited(begun, "the Write has begun");
+  auto running = begunWrite();
   PIGrpcServerForceShutdown(0);
   EXPECT_EQ(TheFakeDevice().alive, 1);  // the Write still has its device
   EXPECT_FALSE(awaited(running, "the Write has ended").ok());
