@@ -11,17 +11,18 @@
 #include <utility>
 #include <vector>
 
-#include "forwarder/RowText.h"
+#include "forwarder/control/Commands.h"
+#include "forwarder/table/RowText.h"
 
 namespace Forwarder {
 namespace {
 
 using std::chrono::milliseconds;
 
-// An agent that appears has no way to wake us; one that is there has.
+// An attached agent wakes us; an agent that appears cannot.
 constexpr milliseconds detachedTick{20};
 constexpr milliseconds attachedTick{1000};
-// The agent waits no longer than this for us to look up from making packets.
+// The agent waits no longer than this while we make packets.
 constexpr std::chrono::microseconds trafficSlice{200};
 
 struct Stopped {};
@@ -31,7 +32,7 @@ int openSignals() {
   sigemptyset(&set);
   for (const int signal : {SIGTERM, SIGINT, SIGUSR1}) sigaddset(&set, signal);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signal(SIGPIPE, SIG_IGN);  // whoever reads our output may leave
+  signal(SIGPIPE, SIG_IGN);  // the reader of our output may leave
   return signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
 }
 
@@ -42,15 +43,19 @@ Runner::Runner(RunnerOptions options)
       agent_(reports_),
       traffic_(agent_),
       publisher_(options_.stateDirectory, options_.name, agent_.flows(),
-                 [this] { agent_.doRepublishFlows(); }),
+                 [this] { agent_.republishFlows(); }),
       subscriber_(Lattice::Subscriber::create(options_.stateDirectory, options_.name, agent_)),
       punter_(options_.stateDirectory, options_.punt,
               [this](const std::string& line) { say(line); }),
       control_(controlPath(options_.stateDirectory, options_.name),
                [this](std::string_view line) {
-                 return answered(agent_, reports_,
-                                 {subscriber_->attached(), subscriber_->sequence()}, line,
-                                 &traffic_, &punter_);
+                 return runCommand({.agent = agent_,
+                                    .reports = reports_,
+                                    .attached = subscriber_->attached(),
+                                    .sequence = subscriber_->sequence(),
+                                    .traffic = &traffic_,
+                                    .punter = &punter_},
+                                   line);
                }),
       signals_(openSignals()) {
   reports_.subscriberIs(subscriber_.get());
@@ -67,8 +72,8 @@ Runner::~Runner() {
 }
 
 void Runner::run() try {
-  // A batch is waiting for us when the agent rings: signals and clients are looked at only when
-  // they have come, or once in a while.
+  // The agent waits for us when it rings: its changes go first, and signals and clients are served
+  // only when they have come, or once in a while.
   bool agentOnly = false;
   while (agentOnly || handleSignals()) {
     if (!agentOnly) {
@@ -83,7 +88,7 @@ void Runner::run() try {
     agentOnly = busy && doWait();
   }
 } catch (const Stopped&) {
-  // In the middle of a long way to catch up; nothing that is lost was kept anyway.
+  // In the middle of a long catch-up. The forwarder keeps nothing on disk, so nothing is lost.
 }
 
 void Runner::handleProgress() {
@@ -93,20 +98,21 @@ void Runner::handleProgress() {
 }
 
 void Runner::doServe() {
-  punter_.answersSeen();
+  punter_.clearAnswerSignal();
   control_.serve();
 }
 
 void Runner::doBackgroundWork() {
   traffic_.work(trafficSlice);
-  publisher_.work(FlowPublisher::Clock::now(), agent_.anyCounted());
+  publisher_.work(FlowPublisher::Clock::now(), agent_.hasCounters());
   maybeSayTraffic();
 }
 
 void Runner::maybeSayTraffic() {
-  if (traffic_.behind() != saidBehind_) {
-    saidBehind_ = traffic_.behind();
-    const std::string of = std::to_string(traffic_.achievedRate()) + " of " +
+  const TrafficPace& pace = traffic_.pace();
+  if (pace.behind() != saidBehind_) {
+    saidBehind_ = pace.behind();
+    const std::string of = std::to_string(pace.achievedRate()) + " of " +
                            std::to_string(traffic_.options().rate) + " packets a second";
     say(saidBehind_ ? "traffic falls behind: " + of : "traffic keeps up again: " + of);
   }
@@ -115,7 +121,7 @@ void Runner::maybeSayTraffic() {
   say(saidCounterTrouble_.empty() ? "counters are published again" : saidCounterTrouble_);
 }
 
-// Answers whether the agent was the only one to come.
+// Returns whether the agent alone has rung.
 bool Runner::doWait() {
   std::vector<pollfd> descriptors{{signals_, POLLIN, 0}, {punter_.answerDescriptor(), POLLIN, 0}};
   control_.pollDescriptors(descriptors);
@@ -137,7 +143,7 @@ bool Runner::handleSignals() {
   while (read(signals_, &info, sizeof info) == sizeof info) {
     if (info.ssi_signo != SIGUSR1) return false;
     if (!options_.dumpOnSignal) continue;
-    for (const auto& [name, table] : agent_.tables()) {
+    for (const ProgrammedTable* table : agent_.tables()) {
       const std::string text = dumpText(*table);
       std::fwrite(text.data(), 1, text.size(), stdout);
     }
@@ -146,7 +152,7 @@ bool Runner::handleSignals() {
   return true;
 }
 
-// Says each thing once, however often it is tried.
+// Says each state once, however often it is tried.
 void Runner::handleAttachment() {
   const bool attached = subscriber_->attached();
   const std::string& trouble = subscriber_->trouble();

@@ -1,16 +1,18 @@
 // The forwarder's process: one thread that follows the agent, sends late reports in time, serves
-// the control socket, and ends on SIGTERM or SIGINT. Packets for the controller have their own.
+// the control socket, and ends on SIGTERM or SIGINT. Packets for the controller have another
+// thread.
 #pragma once
 
 #include <csignal>
 #include <memory>
 #include <string>
 
-#include "forwarder/ControlSocket.h"
-#include "forwarder/FlowPublisher.h"
-#include "forwarder/ForwardingAgent.h"
-#include "forwarder/Punter.h"
-#include "forwarder/Traffic.h"
+#include "forwarder/control/ControlSocket.h"
+#include "forwarder/counters/FlowPublisher.h"
+#include "forwarder/follow/ForwardingAgent.h"
+#include "forwarder/punt/Punter.h"
+#include "forwarder/traffic/Traffic.h"
+#include "platform/lattice/Subscriber.h"
 
 namespace Forwarder {
 
@@ -24,17 +26,18 @@ struct RunnerOptions {
   bool verbose = false;       // a line a change on standard error
 };
 
+// Threads: one, from the constructor on; the constructor blocks the process's signals in it.
 class Runner {
  public:
   explicit Runner(RunnerOptions options);
   ~Runner();
-  // Until a signal ends it. Throws ControlError when another forwarder has this name.
+  // Runs until a signal ends it. Throws ControlError when another forwarder has this name.
   void run();
 
  private:
-  bool handleSignals();  // false when it is time to go
+  bool handleSignals();  // false when a signal ends the process
   void handleAttachment();
-  void handleProgress();  // within follow(), which may take a while
+  void handleProgress();  // called within follow(), which may take long
   void doServe();
   bool doWait();
   void doBackgroundWork();  // packets and their counts, in small slices

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "forwarder/ForwardingAgent.h"
+#include "forwarder/follow/ForwardingAgent.h"
 #include "platform/lattice/IpGenPrefix.h"
 
 namespace {

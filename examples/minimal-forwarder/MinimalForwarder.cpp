@@ -1,5 +1,5 @@
-// A forwarding agent as small as can be: it "programs" each row by printing it, refuses what goes
-// beyond a capacity, and reports on every row. docs/forwarding-agents.md explains it; a hardware
+// The smallest forwarding agent: it "programs" each row by printing it, refuses rows beyond a
+// capacity, and reports on every row. docs/forwarding-agents.md explains it; a hardware
 // vendor's agent begins here and puts its SDK where the printing is.
 //
 //   minimal-forwarder STATE-DIRECTORY [CAPACITY]
@@ -70,7 +70,7 @@ class MinimalForwarder final : public Lattice::SubscriberHandler {
   }
 
  private:
-  // Here your hardware is told. A change that fails leaves the former row in place; the agent then
+  // Program your hardware here. A change that fails leaves the former row in place; the agent then
   // writes the former row again.
   uint16_t program(const Lattice::RowChange& change, const std::string& key, std::string* reason) {
     std::set<std::string>& rows = hardware_[change.table->name];

@@ -8,7 +8,6 @@
 #include <mutex>
 #include <thread>
 
-#include "forwarder/ControlSocket.h"
 #include "platform/brine/Store.h"
 #include "platform/lattice/Database.h"
 #include "platform/lattice/FlowCounters.h"
@@ -34,7 +33,7 @@ using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
-// What an agent does with the tables: a database with the table "ports", and what is said of it.
+// The agent's part: a database with the table "ports", and the reports on it by error code.
 class Agent {
  public:
   explicit Agent(const std::string& stateDirectory, bool counted = false)

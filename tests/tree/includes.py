@@ -54,7 +54,15 @@ P4Runtime/packet          P4Runtime/pipeline+
 P4Runtime/table           P4Runtime/pipeline+
 P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+
 
-forwarder                 platform
+forwarder/base            -
+forwarder/table           platform
+forwarder/counters        forwarder/table platform
+forwarder/follow          forwarder/base forwarder/table forwarder/counters platform
+forwarder/traffic         forwarder/base forwarder/table forwarder/follow platform
+forwarder/device          platform
+forwarder/punt            forwarder/base forwarder/device platform
+forwarder/control         forwarder/base forwarder/table forwarder/follow forwarder/traffic forwarder/punt platform
+forwarder                 forwarder platform
 cli/pipeline              pipeline proto
 cli                       cli/pipeline P4Runtime/agent P4Runtime/companion pipeline platform
 
@@ -68,6 +76,7 @@ tests/PI/*                PI proto
 tests/pipeline            cli/pipeline+ platform tests/support
 tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
 tests/forwarder           forwarder platform tests/support
+tests/forwarder/*         forwarder platform tests/forwarder tests/support
 tests/cli                 P4Runtime/agent platform tests/support
 tests/e2e                 platform/vela proto tests/support
 

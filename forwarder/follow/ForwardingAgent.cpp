@@ -1,0 +1,216 @@
+// The way of a change: check it, see whether it needs programming, fail it if a rule says so, and
+// report.
+#include "forwarder/follow/ForwardingAgent.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "forwarder/table/RowText.h"
+
+namespace Forwarder {
+namespace {
+
+constexpr uint16_t codeFull = 1;
+constexpr uint16_t codeUnreadable = 2;
+constexpr unsigned changesBetweenProgress = 1024;
+
+bool sameType(const Lattice::TableType* a, const Lattice::TableType* b) {
+  if (!a || !b) return a == b;
+  return a->definition() == b->definition();
+}
+
+}  // namespace
+
+const char* outcomeName(Outcome outcome) {
+  static constexpr std::array<const char*, outcomeCount> names = {
+      "inserted", "replaced", "deleted", "unchanged", "failed", "full", "unreadable"};
+  return names[static_cast<size_t>(outcome)];
+}
+
+void ForwardingAgent::rulesIs(Rules rules) {
+  rules_ = std::move(rules);
+  reports_.latencyIs(rules_.latency);
+  reports_.silentIs(rules_.silent);
+  for (auto& [name, held] : tables_) held->rules = TableRules(rules_, name);
+}
+
+const ProgrammedTable* ForwardingAgent::table(const std::string& name) const {
+  const auto found = tables_.find(name);
+  return found == tables_.end() ? nullptr : &found->second->table;
+}
+
+std::vector<const ProgrammedTable*> ForwardingAgent::tables() const {
+  std::vector<const ProgrammedTable*> tables;
+  for (const auto& [name, held] : tables_) tables.push_back(&held->table);
+  return tables;
+}
+
+void ForwardingAgent::forgetFollowed(const Held& held) {
+  std::erase_if(followed_, [&](const auto& known) { return known.second == &held; });
+  flows_.forgetTable(held.table);
+  ++tablesVersion_;
+}
+
+// An agent that comes back shows the tables it had before; their rows stay while the type is the
+// same.
+void ForwardingAgent::tableAdded(const Lattice::FollowedTable& followed) {
+  auto& held = tables_[followed.name];
+  if (!held || !sameType(held->table.type(), followed.type.get())) {
+    if (held) forgetFollowed(*held);
+    ++tablesVersion_;
+    held = std::make_unique<Held>(
+        Held{ProgrammedTable(followed.name, followed.type), TableRules(rules_, followed.name)});
+  }
+  followed_[&followed] = held.get();
+}
+
+void ForwardingAgent::tableRemoved(const Lattice::FollowedTable& followed) {
+  const auto held = tables_.find(followed.name);
+  if (held == tables_.end()) return;
+  forgetFollowed(*held->second);
+  tables_.erase(held);
+}
+
+ForwardingAgent::Held& ForwardingAgent::heldTable(const Lattice::FollowedTable& followed) {
+  const auto known = followed_.find(&followed);
+  if (known != followed_.end()) return *known->second;
+  tableAdded(followed);
+  return *followed_[&followed];
+}
+
+void ForwardingAgent::snapshotBegin() {
+  ++snapshotNumber_;
+  inSnapshot_ = true;
+  deferred_.clear();  // of a snapshot that was cut off
+}
+
+void ForwardingAgent::snapshotEnd() {
+  inSnapshot_ = false;
+  ++snapshots_;
+  for (auto& [name, held] : tables_) {
+    if (held->table.rows()) sweep(held->table);
+  }
+  for (const Deferred& row : std::exchange(deferred_, {})) {
+    const auto held = tables_.find(row.table);
+    if (held == tables_.end()) continue;
+    program(*held->second, {.key = row.key,
+                            .value = row.value,
+                            .entryHandle = row.entryHandle,
+                            .sequence = row.sequence});
+  }
+}
+
+// Removes the rows that the snapshot lacks. In a new state directory, a row that stays may have the
+// entry handle of a row that goes: its count is published again.
+void ForwardingAgent::sweep(ProgrammedTable& table) {
+  const size_t swept = table.rows()->sweep([&](const StoredRow& row) {
+    const bool gone = row.snapshot != snapshotNumber_;
+    if (gone) flows_.forgetRow(table, row);
+    return gone;
+  });
+  sweptRows_ += swept;
+  if (swept > 0 && table.hasCounter()) republishFlows();
+}
+
+bool ForwardingAgent::hasCounters() const {
+  return std::ranges::any_of(tables_,
+                             [](const auto& known) { return known.second->table.hasCounter(); });
+}
+
+void ForwardingAgent::republishFlows() {
+  for (const auto& [name, held] : tables_) flows_.republishTable(held->table);
+}
+
+void ForwardingAgent::rowChanged(const Lattice::RowChange& change) {
+  Held& held = heldTable(*change.table);
+  if (!inSnapshot_ || !maybeDefer(held, change)) program(held, change);
+  if (++changesSinceProgress_ < changesBetweenProgress) return;
+  changesSinceProgress_ = 0;
+  if (progress_) progress_();
+}
+
+bool ForwardingAgent::maybeDefer(const Held& held, const Lattice::RowChange& change) {
+  const ProgrammedTable& table = held.table;
+  if (table.rowCount() < held.rules.capacity()) return false;
+  if (change.deleted || !table.rows()) return false;
+  if (table.rows()->row(change.key)) return false;  // it replaces that row
+  deferred_.push_back({table.name(), std::string(change.key), std::string(change.value),
+                       change.entryHandle, change.sequence});
+  return true;  // snapshotEnd() programs it
+}
+
+void ForwardingAgent::program(Held& held, const Lattice::RowChange& change) {
+  Verdict verdict;
+  try {
+    held.table.checkKey(change.key);
+    verdict = change.deleted ? deleteRow(held, change.key) : writeRow(held, change);
+  } catch (const Lattice::TypeError& e) {
+    verdict = {Outcome::unreadable, codeUnreadable,
+               fmt::format("cannot read a row of table {}: {}", held.table.name(), e.what())};
+  }
+  ++changes_[static_cast<size_t>(verdict.outcome)];
+  if (log_) log_(logLine(held.table, change, verdict));
+  reports_.report(change.entryHandle, change.sequence, verdict.errorCode,
+                  std::move(verdict.message));
+}
+
+ForwardingAgent::Verdict ForwardingAgent::writeRow(Held& held, const Lattice::RowChange& change) {
+  ProgrammedTable& table = held.table;
+  StoredRow* former = table.rows()->row(change.key);
+  if (former)
+    former->snapshot = snapshotNumber_;  // the agent has the key, even if this write fails
+  table.checkValue(change.value);
+  FlowBook::CounterColumns formerCounters;
+  if (former) formerCounters = FlowBook::countersOf(table, *former);
+  if (former && former->value() == change.value) {
+    flows_.handleRowWritten(table, *former, change.entryHandle, formerCounters);
+    return {};
+  }
+  if (auto failure = maybeFail(held, change.key)) return *std::move(failure);
+  const size_t capacity = held.rules.capacity();
+  if (!former && table.rowCount() >= capacity) {
+    return {Outcome::full, codeFull,
+            fmt::format("table {} is full: its capacity is {} rows", table.name(), capacity)};
+  }
+  const Outcome outcome = former ? Outcome::replaced : Outcome::inserted;
+  StoredRow& row = table.rows()->rowIs(change.key, change.value);
+  row.snapshot = snapshotNumber_;
+  flows_.handleRowWritten(table, row, change.entryHandle, formerCounters);
+  return {.outcome = outcome};
+}
+
+ForwardingAgent::Verdict ForwardingAgent::deleteRow(Held& held, std::string_view key) {
+  const StoredRow* row = held.table.rows()->row(key);
+  if (!row) return {};
+  if (auto failure = maybeFail(held, key)) return *std::move(failure);
+  flows_.forgetRow(held.table, *row);
+  held.table.rows()->rowDel(*row);
+  return {.outcome = Outcome::deleted};
+}
+
+// The verdict on a write that a rule makes fail.
+std::optional<ForwardingAgent::Verdict> ForwardingAgent::maybeFail(const Held& held,
+                                                                   std::string_view key) {
+  ++writes_;
+  std::optional<std::string> failure = held.rules.failureOf(held.table, key);
+  if (!failure && rules_.failEvery != 0 && writes_ % rules_.failEvery == 0) {
+    failure = fmt::format("write {} fails: one in {} does", writes_, rules_.failEvery);
+  }
+  if (!failure) return std::nullopt;
+  return Verdict{Outcome::failed, rules_.failCode, *std::move(failure)};
+}
+
+std::string ForwardingAgent::logLine(const ProgrammedTable& table, const Lattice::RowChange& change,
+                                     const Verdict& verdict) {
+  std::string line = fmt::format("{} {} {}", outcomeName(verdict.outcome), table.name(),
+                                 change.deleted ? keyText(table.type(), change.key)
+                                                : rowText(table.type(), change.key, change.value));
+  if (verdict.errorCode != 0) {
+    line += fmt::format(": error code {}: {}", verdict.errorCode, verdict.message);
+  }
+  return line;
+}
+
+}  // namespace Forwarder

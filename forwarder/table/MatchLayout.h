@@ -1,0 +1,68 @@
+// How packets are matched against a table's keys: derived once from the table's type.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/lattice/TableType.h"
+
+namespace Forwarder {
+
+struct MatchField {
+  enum class Kind : uint8_t { exact, ternary, prefix };
+  std::string name;
+  Kind kind = Kind::exact;
+  uint32_t size = 0;          // bytes, in key and packet alike
+  uint32_t keyOffset = 0;     // of the value in a packed key
+  uint32_t maskOffset = 0;    // ternary only: of the mask in a packed key
+  uint32_t packetOffset = 0;  // of the field in a packet
+};
+
+// The structure in which a table's look-ups stay cheap.
+enum class MatchKind : uint8_t {
+  exact,          // exact fields alone, or no key at all
+  longestPrefix,  // one prefix, exact fields beside it
+  ternary,        // masks, ranges, priorities, or several prefixes
+};
+
+// A packet's fields are packed like a key without its mask and priority columns: integers
+// big-endian, addresses in network order, and for a prefix an IpGenPrefix that holds the packet's
+// family and address (its length is not read). A range holds one value and matches that value.
+// Immutable: any thread may read it.
+class MatchLayout {
+ public:
+  explicit MatchLayout(const Lattice::TableType& type);
+
+  MatchKind kind() const { return kind_; }
+  const std::vector<MatchField>& fields() const { return fields_; }
+  uint32_t keySize() const { return keySize_; }        // bytes
+  uint32_t packetSize() const { return packetSize_; }  // bytes
+
+  // Throws Lattice::TypeError when a key does not have the type's size, or holds a prefix that no
+  // packet could match.
+  void checkKey(std::string_view key) const;
+
+  // The functions below take only keys that have passed checkKey().
+  uint64_t priority(std::string_view key) const;  // the greatest wins; 0 without such a column
+  // The mask and the masked value of a key, laid out like a packet. A packet matches the key when
+  // the packet under `mask` equals `value`. Both have packetSize() bytes.
+  void maskOf(std::string_view key, uint8_t* mask) const;
+  void valueUnder(const uint8_t* mask, std::string_view key, uint8_t* value) const;
+
+ private:
+  std::vector<MatchField> fields_;
+  std::optional<uint32_t> priorityOffset_;
+  uint32_t prioritySize_ = 0;
+  uint32_t keySize_ = 0;
+  uint32_t packetSize_ = 0;
+  bool hasPrefix_ = false;
+  MatchKind kind_ = MatchKind::exact;
+};
+
+// Clears all bits of an address but the first `length`.
+void clearHostBits(uint8_t* address, uint32_t addressSize, uint32_t length);
+
+}  // namespace Forwarder
