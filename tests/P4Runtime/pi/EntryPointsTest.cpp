@@ -116,6 +116,19 @@ TEST_F(EntryPointsTest, DirectCounterIsWhatAllForwardingAgentsHaveCounted) {
   EXPECT_EQ(read(8), std::pair(0ul, 0ul));
 }
 
+TEST_F(EntryPointsTest, ContextTellsWhatItHolds) {
+  std::vector<std::string> held;
+  for (const Vela::AttributeBase* attribute : ThePiContext()->attributes()) {
+    held.push_back(attribute->name() + (": " + attribute->text()));
+  }
+  EXPECT_THAT(held, testing::ElementsAre(
+                        "piServer: none", "batchStatus: set", "controllerTxPktConfig: none",
+                        "p4ControllerPktMetadata: none", "tableImpl: set", "p4HandleMgr: set",
+                        "p4RtSystemStatus: set", "hwStatusDir: set"));
+  EXPECT_EQ(TheTableImpl(), agent().tableImpl.get());
+  EXPECT_EQ(TheBatchEntries(), TheTableImpl()) << "one object, known above and below";
+}
+
 TEST(PiContext, IsSharedAndNeverTakenAway) {
   const auto context = piContextFactory();
   EXPECT_EQ(context->references(), 1u);
