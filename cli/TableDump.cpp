@@ -22,7 +22,7 @@ constexpr const char* memberCache = "p4runtime/cache/actionProfileMember";
 constexpr const char* groupCache = "p4runtime/cache/actionProfileGroup";
 
 // Of a cache record only its head is needed: key (type u32, id u32, handle u64), state u32, all
-// little-endian; see P4Runtime/table/CacheRecords.h.
+// little-endian; see P4Runtime/table/records/CacheRecords.h.
 void addState(Brine::Bytes record, States& states) {
   uint64_t handle = 0;
   uint32_t state = 0;

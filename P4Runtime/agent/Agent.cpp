@@ -13,8 +13,8 @@
 #include "P4Runtime/agent/SettingChecks.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/WriteGate.h"
-#include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

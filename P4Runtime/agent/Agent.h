@@ -26,7 +26,7 @@
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
 #include "P4Runtime/plugin/PluginLoader.h"
-#include "P4Runtime/table/DerivedFailures.h"
+#include "P4Runtime/table/failures/DerivedFailures.h"
 #include "platform/lattice/Database.h"
 #include "platform/orrery/MountGroup.h"
 #include "platform/pollen/QueryConfigSm.h"

@@ -7,8 +7,8 @@
 #include "P4Runtime/agent/Agent.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
-#include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/proto/pi_server.h"
 

@@ -9,8 +9,8 @@
 #include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
-#include "P4Runtime/table/RowFields.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "P4Runtime/table/rows/RowFields.h"
 #include "PI/pi_extensions.h"
 #include "platform/scrivel/Trace.h"
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 #include "platform/lattice/Packing.h"
 #include "platform/lattice/StoreLayout.h"
 

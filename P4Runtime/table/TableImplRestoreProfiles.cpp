@@ -8,10 +8,10 @@
 
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/PiContext.h"
-#include "P4Runtime/table/CacheWalk.h"
 #include "P4Runtime/table/Restoring.h"
-#include "P4Runtime/table/RowFields.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "P4Runtime/table/records/CacheWalk.h"
+#include "P4Runtime/table/rows/RowFields.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"

@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 #include "PI/int/pi_int.h"
 #include "PI/target/pi_act_prof_imp.h"
 #include "tests/P4Runtime/support/AgentTest.h"

@@ -1,12 +1,12 @@
-#include "P4Runtime/table/ConstantEntries.h"
+#include "P4Runtime/table/restore/ConstantEntries.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <utility>
 #include <vector>
 
-#include "P4Runtime/table/EntryFailures.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

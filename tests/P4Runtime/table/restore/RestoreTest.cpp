@@ -1,7 +1,7 @@
 // What survives a restart, and what becomes of what does not fit any more.
 #include <tuple>
 
-#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 #include "PI/pi_meter.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 #include "tests/platform/brine/Flipping.h"

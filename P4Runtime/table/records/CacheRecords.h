@@ -15,8 +15,8 @@
 #include <span>
 #include <string>
 
-#include "P4Runtime/table/CacheKey.h"
-#include "P4Runtime/table/CachePodArray.h"
+#include "P4Runtime/table/records/CacheKey.h"
+#include "P4Runtime/table/records/CachePodArray.h"
 #include "PI/pi_tables.h"
 
 namespace P4Runtime {

@@ -1,4 +1,4 @@
-#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 
 #include <iterator>
 #include <utility>

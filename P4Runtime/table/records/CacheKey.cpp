@@ -1,4 +1,4 @@
-#include "P4Runtime/table/CacheKey.h"
+#include "P4Runtime/table/records/CacheKey.h"
 
 #include <fmt/format.h>
 

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "P4Runtime/table/CacheRecords.h"
+#include "P4Runtime/table/records/CacheRecords.h"
 #include "platform/brine/Store.h"
 #include "platform/vela/Ptr.h"
 

@@ -1,4 +1,4 @@
-#include "P4Runtime/table/FailureText.h"
+#include "P4Runtime/table/failures/FailureText.h"
 
 #include <fmt/format.h>
 

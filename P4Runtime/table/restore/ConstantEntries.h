@@ -5,7 +5,7 @@
 #include <string>
 
 #include "P4Runtime/pipeline/P4TableInfo.h"
-#include "P4Runtime/table/CacheKey.h"
+#include "P4Runtime/table/records/CacheKey.h"
 #include "platform/brine/Store.h"
 
 namespace P4Runtime {

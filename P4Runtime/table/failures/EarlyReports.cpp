@@ -1,5 +1,5 @@
 // Failures that are reported before the entries are restored.
-#include "P4Runtime/table/EarlyReports.h"
+#include "P4Runtime/table/failures/EarlyReports.h"
 
 #include <algorithm>
 

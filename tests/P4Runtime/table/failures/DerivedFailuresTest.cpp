@@ -1,5 +1,5 @@
 // What is made of reports on the rows of queries.
-#include "P4Runtime/table/DerivedFailures.h"
+#include "P4Runtime/table/failures/DerivedFailures.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Whatever fails is as if it had never been asked for: row, record, handle, and the forwarding
 // agent's table.
-#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
 namespace P4Runtime {

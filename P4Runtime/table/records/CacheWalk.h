@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "P4Runtime/table/TableCache.h"
+#include "P4Runtime/table/records/TableCache.h"
 
 namespace P4Runtime {
 

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "P4Runtime/table/EntryFailures.h"
+#include "P4Runtime/table/failures/EntryFailures.h"
 #include "platform/lattice/Database.h"
 
 namespace P4Runtime {

@@ -1,8 +1,8 @@
-#include "P4Runtime/table/DerivedFailures.h"
+#include "P4Runtime/table/failures/DerivedFailures.h"
 
 #include <algorithm>
 
-#include "P4Runtime/table/FailureText.h"
+#include "P4Runtime/table/failures/FailureText.h"
 #include "platform/pollen/OutputTable.h"
 
 namespace P4Runtime {

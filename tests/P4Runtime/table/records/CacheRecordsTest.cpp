@@ -1,4 +1,4 @@
-#include "P4Runtime/table/CacheRecords.h"
+#include "P4Runtime/table/records/CacheRecords.h"
 
 #include <gtest/gtest.h>
 
