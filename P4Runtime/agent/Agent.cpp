@@ -100,7 +100,10 @@ void Agent::doBuildTableProgramming() {
   TheWriteGateIs(Vela::make<WriteGate>(runtime_.loop, batchStatus(), p4RtSystemStatus()));
   agentConfigSmIs(Vela::make<AgentConfigSm>(runtime_, agentConfig()));
   p4TableInfoIs(Vela::make<P4TableInfo>("p4TableInfo", "p4runtime"));
-  tableImplIs(tableImplFactory(p4TableInfo(), p4HandleMgr(), tables_.get()));
+  tableImplIs(tableImplFactory(p4TableInfo(), p4HandleMgr(), tables_.get(),
+                               {.batchStatus = batchStatus(),
+                                .systemStatus = p4RtSystemStatus(),
+                                .hwStatusDir = hwStatusDir_}));
   piContext()->tableImplIs(tableImpl());
   tableImpl()->initializedIs(true);
   doFollowReports();
@@ -130,7 +133,8 @@ void Agent::doFollowReports() {
   tables_->observerIs({
       .reports =
           [this](auto reports) {
-            batchStatus()->reportsAre(derivedFailures_->taken(reports, tables_->lastSequence()));
+            batchStatus()->reportsAre(
+                derivedFailures_->takeDerived(reports, tables_->lastSequence()));
           },
       .inStep =
           [this](uint64_t sequence) {
@@ -178,7 +182,7 @@ void Agent::doBuildPipeline() {
                                                     queryStatusDir(), queryTables));
   Pollen::QueryEngine& engine = queryConfigSm()->engine();
   engine.derivedRowHandlerIs([this](uint64_t handle, auto, uint64_t sequence, bool deleted) {
-    if (deleted) derivedFailures_->rowRemoved(handle, sequence);
+    if (deleted) derivedFailures_->noteRemovedRow(handle, sequence);
   });
   derivedFailures_->rowTextsIs([&engine](auto handles) { return engine.rowTexts(handles); });
 }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "P4Runtime/pi/P4RuntimeException.h"
+#include "P4Runtime/table/restore/ConstantEntries.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"

@@ -1,48 +1,38 @@
 // The table-programming engine: turns PI table entries into rows that the forwarding agents read,
-// remembers what it wrote, and puts back what failed.
+// remembers what it wrote, and puts back what failed. This is its face; the work is done in the
+// folders beside it.
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <optional>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include <absl/container/flat_hash_set.h>
-#include <absl/container/node_hash_map.h>
-
-#include "P4Runtime/companion/ErrorCode.h"
+#include "P4Runtime/companion/BatchStatus.h"
+#include "P4Runtime/companion/HwStatusDir.h"
 #include "P4Runtime/companion/P4HandleMgr.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/BatchEntries.h"
 #include "P4Runtime/pi/WriteGate.h"
-#include "P4Runtime/pipeline/P4CounterMeters.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
-#include "P4Runtime/table/failures/EarlyReports.h"
-#include "P4Runtime/table/Restoring.h"
 #include "P4Runtime/table/records/TableCache.h"
-#include "P4Runtime/table/restore/ConstantEntries.h"
+#include "P4Runtime/table/rows/EntryToWrite.h"
 #include "PI/pi_tables.h"
 #include "platform/lattice/Database.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {
 
+class ConstantEntries;
 class EntryFailures;
 struct RowFields;
 
-enum class PendingOperationType { entryAdd, entryDelete };
-
-// One entry, member or group that the current batch has written: how to put it back should it fail.
-struct PendingOperation {
-  PendingOperationType type = PendingOperationType::entryAdd;
-  bool awaited = false;  // by the batch: the forwarding agents report on it
-  ResourceId rid;
-  std::string rowKey;
-  std::optional<Lattice::Row> oldRow;
-  std::optional<Lattice::Row> newRow;    // nothing for a deletion
-  std::optional<std::string> oldRecord;  // the cache record, as stored
-  std::string newRecord;                 // the one written for it; empty for a deletion
-  std::string oldMetadata;               // the controller's metadata bytes
+// The parts of the agent that table programming listens to and tells.
+struct TableImplPeers {
+  Vela::Ptr<BatchStatus> batchStatus;
+  Vela::Ptr<P4RuntimeConfig::P4RtSystemStatus> systemStatus;
+  Vela::Ptr<const HwStatusDir> hwStatusDir;  // may be null: there are no counters
 };
 
 // Call with the activity lock held, on a PI server thread or the reactor. Refusals are
@@ -50,9 +40,9 @@ struct PendingOperation {
 class TableImpl : public BatchEntries {
  public:
   // `database` may be null until the caches are mounted by initializedIs(true) (tests without
-  // shared tables); all three outlive this.
+  // shared tables), and outlives this.
   TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> handleMgr,
-            Lattice::Database* database);
+            Lattice::Database* database, TableImplPeers peers);
   ~TableImpl() override;
   const char* typeName() const override { return "P4Runtime::TableImpl"; }
 
@@ -67,22 +57,17 @@ class TableImpl : public BatchEntries {
   P4TableInfo& tableInfo() const { return *tableInfo_; }
   P4HandleMgr& handleMgr() const { return *handleMgr_; }
 
-  // Key and action bytes are in PI encoding; `priority` as the controller gave it. A null meter or
-  // counter means that the entry came without one.
-  EntryHandle tableEntryAdd(uint32_t tableId, uint32_t priority, size_t keySize, const char* key,
-                            uint32_t actionId, size_t actionSize, const char* action,
-                            const P4MeterConfig* meter, const P4CounterData* counter);
-  EntryHandle indirectTableEntryAdd(uint32_t tableId, uint32_t priority, size_t keySize,
-                                    const char* key, const char* handle, size_t handleSize,
-                                    bool isGroup, const P4MeterConfig* meter,
-                                    const P4CounterData* counter);
-  EntryHandle tableEntryDeleteWithKey(uint32_t tableId, uint32_t priority, size_t keySize,
-                                      const char* key);
+  // Add an entry, or change the one that is there. All return its handle.
+  EntryHandle tableEntryAdd(const MatchKey& key, const ActionData& action,
+                            const DirectResources& direct);
+  EntryHandle indirectTableEntryAdd(const MatchKey& key, const MemberOrGroup& target,
+                                    const DirectResources& direct);
+  EntryHandle tableEntryDeleteWithKey(const MatchKey& key);
 
-  // Members and groups go by their handles: upper half 0 and 1, the lower half keys the row.
-  // `action` as above. All answer the entry handle that batch and pending operations go by.
-  EntryHandle actionProfileMemberEntryAdd(uint32_t actProfId, uint32_t actionId, size_t actionSize,
-                                          const char* action, MemberHandle handle);
+  // Members and groups go by their handles: upper half 0 and 1, the lower half keys the row. All
+  // return the entry handle that batch and pending operations go by.
+  EntryHandle actionProfileMemberEntryAdd(uint32_t actProfId, const ActionData& action,
+                                          MemberHandle handle);
   EntryHandle actionProfileMemberEntryDelete(uint32_t actProfId, MemberHandle handle);
   // Writes no row: a group has one from its first member on.
   EntryHandle actionProfileGroupEntryAdd(uint32_t actProfId, GroupHandle handle);
@@ -90,7 +75,7 @@ class TableImpl : public BatchEntries {
   // A member may be in a group several times.
   EntryHandle actionProfileGroupAddMbr(uint32_t actProfId, GroupHandle group, MemberHandle member);
   EntryHandle actionProfileGroupDelMbr(uint32_t actProfId, GroupHandle group, MemberHandle member);
-  // Only what is kept beside the group's record changes; complete at once.
+  // For a change of the bytes beside the group's record alone; complete at once.
   EntryHandle actionProfileGroupTouch(uint32_t actProfId, GroupHandle handle);
 
   void addCachedEntry(const ResourceId& rid, EntryHandle handle, const pi_match_key_t& matchKey,
@@ -110,10 +95,7 @@ class TableImpl : public BatchEntries {
   void restoreTableEntryOnFailure(EntryHandle handle) override;
 
   // Gives what survived a restart back to the PI library and to the handle manager: members, then
-  // groups, then the entries that name them. Rows that are as they were are not written again.
-  // Records that the pipeline is known to have no place for are removed, and listed in failures();
-  // so are rows that no entry stands for. Anything else that goes wrong is thrown, and nothing more
-  // is removed.
+  // groups, then the entries that name them. See Restorer.
   void restoreCachedEntries();
   void restoreActionMemberCachedEntries();
   void restoreActionGroupCachedEntries();
@@ -128,15 +110,15 @@ class TableImpl : public BatchEntries {
   // The PI library may know other entries than the store: a restore has failed, or the outcome of a
   // batch is not known. Nothing is written until a restore has succeeded, which
   // revertCriticalState() asks for.
-  bool restoreNeeded() const { return restoreNeeded_; }
-  void restoreNeededIs(bool needed) override { restoreNeeded_ = needed; }
-  // The caches were let go: what they hold cannot be told.
-  bool cacheLetGo() const { return cacheLetGo_; }
+  bool restoreNeeded() const;
+  void restoreNeededIs(bool needed) override;
+  // The caches were let go: their records cannot be told.
+  bool cacheLetGo() const;
 
   void assignDevice(uint64_t deviceId) override { deviceIdIs(deviceId); }
   void clearPendingOperations() override;
   size_t numPendingEntries() const override;
-  bool anyPutBack() const override { return !putBack_.empty(); }
+  bool anyPutBack() const override;
   // Commits what was put back. When the store cannot, the critical state begins: the tables then
   // hold what was to be undone, until revertCriticalState() can put it back.
   void commitPutBack() override;
@@ -149,9 +131,8 @@ class TableImpl : public BatchEntries {
   void validateKeyAndActionSize(size_t keyBytes, size_t actionBytes) const;
   // Refuses a new entry of a table that holds exactly as many rows as the P4Info says.
   void maybeCheckTableSizeLimit(const ResourceId& rid, EntryHandle handle) const;
-  // Appends the action-selecting value and the action's fields; `action` is changed in place.
-  void extractActionFields(const ResourceId& tableRid, uint32_t actionId, size_t actionSize,
-                           uint8_t* action, uint32_t& count, const uint8_t** fields);
+  // Appends the action-selecting value and the action's fields.
+  void extractActionFields(const ResourceId& tableRid, const ActionData& action, RowFields& fields);
 
   void triggerCriticalState();
   // Throws Vela::Exception, and the state stays, when entries that failed can still not be put
@@ -159,11 +140,12 @@ class TableImpl : public BatchEntries {
   void revertCriticalState();
 
   // Null until the caches are mounted.
-  TableCache* tableCache() const { return tableCache_.get(); }
-  ActionProfileMemberCache* memberCache() const { return memberCache_.get(); }
-  ActionProfileGroupCache* groupCache() const { return groupCache_.get(); }
+  TableCache* tableCache() const;
+  ActionProfileMemberCache* memberCache() const;
+  ActionProfileGroupCache* groupCache() const;
 
   // A report that no batch was waiting for: keeps a failure, and forgets one that has been mended.
+  // Before the entries are restored, failures wait for that.
   void handleStrayReport(const Lattice::Report& report);
   // A forwarding agent has left; returns the number of its failures, which go with it.
   size_t forgetReportsOf(uint64_t subscriber);
@@ -172,111 +154,31 @@ class TableImpl : public BatchEntries {
   // What forwarding agents reported as failed when no batch was waiting for it.
   const Vela::Ptr<EntryFailures>& failures() const { return failures_; }
   // The entries that came with the pipeline.
-  ConstantEntries& constantEntries() { return constantEntries_; }
-  // "table ingress.ipv4, ipv4_dst=10.0.0.0/8"; for messages and the list of failures.
-  std::string entryText(EntryHandle handle) const;
+  ConstantEntries& constantEntries();
 
  private:
-  friend class ConstantEntries;
-  friend class TableRestorer;
-  friend class ActionProfileRestorer;
-  struct Table {  // what a write needs of a table's model
-    ResourceId rid;
-    const FieldBitwidths& widths;
-    Lattice::RowConstructor& constructor;
-    Lattice::ArTableInterface& interface;
-    bool needsPriority;
-  };
-  struct MetersOf;  // the meter and counter parameters of a row
+  struct Rooms;
 
-  Table requireTable(const ResourceId& rid) const;
-  void requireSize(const Table& table, const char* what, size_t size, size_t expected) const;
-  void appendMeters(const ResourceId& rid, const P4MeterConfig* meter, const P4CounterData* counter,
-                    MetersOf& meters, RowFields& fields) const;
-  RowFields& startRow(const Table& table, size_t keySize, const char* key);
-  // Of a member or group table.
-  RowFields& startRow(uint32_t id);
-  using GroupMembers = std::vector<uint32_t>;  // row ids, a member as often as it weighs
-  std::optional<GroupMembers> groupMembers(const Table& table, GroupHandle handle) const;
-  EntryHandle writeGroup(const Table& table, GroupHandle handle, const GroupMembers& members);
-  EntryHandle deleteRow(const Table& table, EntryHandle handle, const std::string& rowKey);
-  EntryHandle completeAtOnce(const Table& table, GroupHandle handle, bool isNew);
-  void appendPriority(const Table& table, const uint32_t& priority, RowFields& fields) const;
-  EntryHandle writeEntry(const Table& table, EntryHandle handle, bool isNew,
-                         const RowFields& fields);
-  void requireOwnRow(const Table& table, const std::string& rowKey, EntryHandle handle) const;
-  template <typename AppendAction>
-  EntryHandle addEntry(uint32_t tableId, uint32_t priority, size_t keySize, const char* key,
-                       const P4MeterConfig* meter, const P4CounterData* counter,
-                       AppendAction appendAction);
-
-  PendingOperation& newPendingOperation(EntryHandle handle, PendingOperationType type,
-                                        const ResourceId& rid, std::optional<Lattice::Row> oldRow,
-                                        std::optional<Lattice::Row> newRow, std::string rowKey,
-                                        bool isNew);
-  void awaitReport(EntryHandle handle, PendingOperation& operation, uint64_t sequence);
-  void rememberRecord(EntryHandle handle, PendingOperation& operation) const;
-  CacheKey cacheKey(EntryHandle handle) const;
-  std::optional<Brine::Bytes> storedRecord(const CacheKey& key) const;
-  void recordDel(const CacheKey& key);
-  std::string profileObjectText(EntryHandle handle) const;
-  std::string failedEntryText(const Lattice::Report& report) const;
-  void doJudgeEarlyReports();
-  std::optional<std::string> rowKey(EntryHandle handle) const;
-  uint64_t rowSequence(EntryHandle handle) const;
-  std::optional<EntryState> cachedState(const CacheKey& key) const;  // nothing without a record
-  void cachedStateIs(const CacheKey& key, EntryState state);
-  void doUpdateCachedEntryState(EntryHandle handle, bool abort);
-  void handleMended(EntryHandle handle);
-  // An operation that was undone, until the undoing is committed.
-  struct PutBack {
-    EntryHandle handle = 0;
-    PendingOperation operation;
-  };
-  void putBack(EntryHandle handle, const PendingOperation& operation);
-  void maybePutBackAgain();
-  uint64_t restoreRow(EntryHandle handle, const PendingOperation& operation);
-  void restoreRecord(EntryHandle handle, const PendingOperation& operation);
-  void restoreTableRecord(const CacheKey& key, const PendingOperation& operation);
-  size_t removeOrphanedRows();
-  bool anyEntryFor(const ResourceId& rid, EntryHandle handle) const;
-  void sayWhatWasRestored() const;
-  std::string damagedText(const Brine::DamagedRecord& record);
-  Vela::Ptr<Lattice::ArTableInterface> interfaceOf(const std::string& tableName) const;
-  void removeDamagedRecords();
-  std::vector<std::string> orphanedRows(const ResourceId& rid,
-                                        const Lattice::ArTableInterface& interface);
+  void publishOperations();
   void handleInitialized();
-  void doContinueHandles();
   void doLetGoOfCache();
+  void judgeReport(const Lattice::Report& report);
   void handleConstTablesProgrammed();
 
   const Vela::Ptr<P4TableInfo> tableInfo_;
   const Vela::Ptr<P4HandleMgr> handleMgr_;
   Lattice::Database* const database_;
-  Vela::Ptr<TableCache> tableCache_;
-  Vela::Ptr<ActionProfileMemberCache> memberCache_;
-  Vela::Ptr<ActionProfileGroupCache> groupCache_;
-  std::optional<Brine::TableNumber> metadataTable_;
-  absl::node_hash_map<EntryHandle, PendingOperation> pendingOperations_;
-  std::unique_ptr<RowFields> rowFields_;
-  Vela::Ptr<EntryFailures> failures_;
-  EarlyReports earlyReports_;
-  std::vector<PutBack> putBack_;
-  bool restoring_ = false;
-  bool restoreNeeded_ = false;
-  bool cacheLetGo_ = false;
-  RestoreCounts restored_;
-  ConstantEntries constantEntries_{*this};
-  absl::flat_hash_set<EntryHandle> rewritten_;  // while restoring: rows that are not to be kept
+  const TableImplPeers peers_;
+  const Vela::Ptr<EntryFailures> failures_;
+  const std::unique_ptr<Rooms> rooms_;
   Vela::Observation initializedChange_;
   Vela::Observation constTablesChange_;
   WriteGate::Closer cachesLetGo_{"the agent is disabled"};
 };
 
 Vela::Ptr<TableImpl> tableImplFactory(Vela::Ptr<P4TableInfo> tableInfo,
-                                      Vela::Ptr<P4HandleMgr> handleMgr,
-                                      Lattice::Database* database);
+                                      Vela::Ptr<P4HandleMgr> handleMgr, Lattice::Database* database,
+                                      TableImplPeers peers);
 
 // Of the process's context, which must have been set; null until the agent has filled it in.
 TableImpl* TheTableImpl();

@@ -9,8 +9,8 @@ namespace P4Runtime {
 
 using Lattice::Report;
 
-std::span<const Report> DerivedFailures::taken(std::span<const Report> reports,
-                                               uint64_t lastSequence) {
+std::span<const Report> DerivedFailures::takeDerived(std::span<const Report> reports,
+                                                     uint64_t lastSequence) {
   const auto isDerived = [](const Report& report) {
     return Pollen::isDerivedHandle(report.entryHandle);
   };
@@ -20,29 +20,29 @@ std::span<const Report> DerivedFailures::taken(std::span<const Report> reports,
     if (!isDerived(report)) {
       others_.push_back(report);
     } else if (report.sequence > lastSequence) {
-      failures_->reportOnNoRow();
+      failures_->countReportOnNoRow();
     } else {
-      report.errorCode != 0 ? failed(report) : programmed(report);
+      report.errorCode != 0 ? recordFailed(report) : recordProgrammed(report);
     }
   }
   return others_;
 }
 
-void DerivedFailures::failed(const Report& report) {
+void DerivedFailures::recordFailed(const Report& report) {
   const std::pair of(report.entryHandle, report.subscriber);
   if (unlisted_.size() == mostUnlisted && !unlisted_.contains(of)) return;
   Unlisted& one = unlisted_[of];
   if (report.sequence >= one.sequence) one = {report.sequence, failureText(report)};
 }
 
-void DerivedFailures::programmed(const Report& report) {
+void DerivedFailures::recordProgrammed(const Report& report) {
   const auto waiting = unlisted_.find({report.entryHandle, report.subscriber});
   if (waiting != unlisted_.end() && report.sequence >= waiting->second.sequence) {
     unlisted_.erase(waiting);
   }
   if (failing_.empty()) return;
   failures_->programmedIs(report.entryHandle, report.subscriber, report.sequence);
-  if (!failures_->failed(report.entryHandle)) failing_.erase(report.entryHandle);
+  if (!failures_->isFailing(report.entryHandle)) failing_.erase(report.entryHandle);
 }
 
 // One walk over the rows for however many reports have come.
@@ -59,7 +59,7 @@ void DerivedFailures::list() {
     const auto [handle, agent] = of;
     if (handles[at] != handle) ++at;
     if (texts[at].empty()) {
-      failures_->reportOnNoRow();
+      failures_->countReportOnNoRow();
       continue;
     }
     failing_[handle] = 0;
@@ -68,7 +68,7 @@ void DerivedFailures::list() {
   }
 }
 
-void DerivedFailures::rowRemoved(uint64_t handle, uint64_t sequence) {
+void DerivedFailures::noteRemovedRow(uint64_t handle, uint64_t sequence) {
   const auto found = failing_.find(handle);
   if (found != failing_.end()) found->second = sequence;
 }
@@ -84,7 +84,7 @@ void DerivedFailures::inStepIs(uint64_t sequence) {
 
 void DerivedFailures::agentDel(uint64_t agent) {
   std::erase_if(unlisted_, [agent](const auto& one) { return one.first.second == agent; });
-  std::erase_if(failing_, [this](const auto& one) { return !failures_->failed(one.first); });
+  std::erase_if(failing_, [this](const auto& one) { return !failures_->isFailing(one.first); });
 }
 
 }  // namespace P4Runtime

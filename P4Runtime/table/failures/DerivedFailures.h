@@ -1,5 +1,5 @@
-// What forwarding agents report on the rows of queries. No batch waits for it; failures are listed
-// with those of other entries until the row is programmed or gone.
+// The reports of forwarding agents on the rows of queries. No batch waits for them; failures are
+// listed with those of other entries until the row is programmed or gone.
 #pragma once
 
 #include <cstdint>
@@ -20,19 +20,19 @@ class DerivedFailures {
  public:
   explicit DerivedFailures(Vela::Ptr<EntryFailures> failures) : failures_(std::move(failures)) {}
 
-  // What to call the derived rows with these handles; empty where a row is not there (any more).
-  // Walks over all of them.
+  // The names of the derived rows with these handles; empty where a row is not there (any more).
+  // Walks over all rows.
   using RowTexts = std::function<std::vector<std::string>(std::span<const uint64_t> handles)>;
   void rowTextsIs(RowTexts rowTexts) { rowTexts_ = std::move(rowTexts); }
 
-  // Takes the reports on derived rows, and returns the others, which are valid until the next call.
-  // No change beyond `lastSequence` was ever made.
-  std::span<const Lattice::Report> taken(std::span<const Lattice::Report> reports,
-                                         uint64_t lastSequence);
-  // Lists what has been reported as failed since the last call, if there is such a row.
+  // Records the reports on derived rows, and returns the others, which are valid until the next
+  // call. No change beyond `lastSequence` was ever made.
+  std::span<const Lattice::Report> takeDerived(std::span<const Lattice::Report> reports,
+                                               uint64_t lastSequence);
+  // Lists the failures that were reported since the last call, if their rows are there.
   void list();
-  void rowRemoved(uint64_t handle, uint64_t sequence);
-  // All forwarding agents hold just what stood in the tables at `sequence`, or later.
+  void noteRemovedRow(uint64_t handle, uint64_t sequence);
+  // The forwarding agents all hold the tables as of `sequence`, or later.
   void inStepIs(uint64_t sequence);
   void agentDel(uint64_t agent);  // it has left, and its failures with it
 
@@ -42,8 +42,8 @@ class DerivedFailures {
     uint64_t sequence = 0;
     std::string text;  // of the failure, without the row's name
   };
-  void failed(const Lattice::Report& report);
-  void programmed(const Lattice::Report& report);
+  void recordFailed(const Lattice::Report& report);
+  void recordProgrammed(const Lattice::Report& report);
 
   const Vela::Ptr<EntryFailures> failures_;
   RowTexts rowTexts_;

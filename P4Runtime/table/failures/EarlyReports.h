@@ -1,5 +1,5 @@
-// Failures that forwarding agents report while a starting agent has not restored its entries yet:
-// to whom they belong can only be told afterwards.
+// Failures that forwarding agents report while a starting agent has not restored its entries yet.
+// Their entries are known only afterwards.
 #pragma once
 
 #include <cstddef>
@@ -31,7 +31,7 @@ class EarlyReports {
   // False when too many are kept: the failure is dropped.
   [[nodiscard]] bool keep(const Lattice::Report& report);
   void forgetOf(uint64_t subscriber);  // it has left
-  // The entries are restored, or there is none to restore: returns the kept failures, in the order
+  // The entries are restored, or none survived: returns the kept failures, in the order
   // of their changes, and keeps no more.
   std::vector<Kept> end();
 

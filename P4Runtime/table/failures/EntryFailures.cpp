@@ -5,7 +5,7 @@
 
 namespace P4Runtime {
 
-bool EntryFailures::failed(EntryHandle handle) const {
+bool EntryFailures::isFailing(EntryHandle handle) const {
   const auto first = failures_.lower_bound({handle, 0});
   return first != failures_.end() && first->first.first == handle;
 }
@@ -13,7 +13,7 @@ bool EntryFailures::failed(EntryHandle handle) const {
 bool EntryFailures::failureIs(EntryHandle handle, uint64_t agent, uint64_t sequence,
                               std::string text) {
   if (const Undone* entry = undone(handle)) unremoved_[entry->text] = handle;
-  const bool isNewEntry = !failed(handle);
+  const bool isNewEntry = !isFailing(handle);
   const auto [found, isNew] = failures_.try_emplace({handle, agent});
   Failure& failure = found->second;
   if (!isNew && (sequence < failure.sequence || text == failure.text)) return false;
@@ -24,7 +24,7 @@ bool EntryFailures::failureIs(EntryHandle handle, uint64_t agent, uint64_t seque
 }
 
 void EntryFailures::failureDel(EntryHandle handle) {
-  if (!failed(handle)) return;
+  if (!isFailing(handle)) return;
   const auto first = firstOf(handle);
   auto last = first;
   while (last != failures_.end() && last->first.first == handle) ++last;
@@ -37,7 +37,7 @@ void EntryFailures::programmedIs(EntryHandle handle, uint64_t agent, uint64_t se
   const auto found = failures_.find({handle, agent});
   if (found == failures_.end() || sequence < found->second.sequence) return;
   failures_.erase(found);
-  if (!failed(handle)) --entries_;
+  if (!isFailing(handle)) --entries_;
   publishFrom(handle);
 }
 
@@ -48,7 +48,7 @@ size_t EntryFailures::agentDel(uint64_t agent) {
     const auto [handle, reporter] = one->first;
     if (reporter != agent) continue;
     failures_.erase(one);
-    if (!failed(handle)) --entries_;
+    if (!isFailing(handle)) --entries_;
   }
   if (failures_.size() < before) publishFrom(0);
   return before - failures_.size();
@@ -66,7 +66,7 @@ const EntryFailures::Undone* EntryFailures::undone(EntryHandle handle) const {
 
 void EntryFailures::removedIs(EntryHandle handle, uint64_t sequence) {
   const Undone* entry = undone(handle);
-  if (entry && sequence >= entry->sequence && !failed(handle)) undoneDel(handle);
+  if (entry && sequence >= entry->sequence && !isFailing(handle)) undoneDel(handle);
 }
 
 void EntryFailures::undoneDel(EntryHandle handle) {
@@ -103,7 +103,7 @@ void EntryFailures::notRestoredAre(const std::vector<std::string>& texts) {
   notRestoredListIs(lines);
 }
 
-// A forwarding agent that is full fails a hundred thousand entries in a row: what lies behind the
+// A forwarding agent that is full fails a hundred thousand entries in a row: a failure behind the
 // listed ones must cost nothing.
 void EntryFailures::publishFrom(EntryHandle handle) {
   failedEntriesIs(entries_);

@@ -1,6 +1,6 @@
 // Failures that forwarding agents reported when no batch was waiting for them (after a restart, in
-// a snapshot, for a constant entry, of the removal of what was taken back). They stand until the
-// entry is programmed or deleted, or the forwarding agent that reported them has left.
+// a snapshot, for a constant entry, of the removal of entries that were taken back). They stand
+// until the entry is programmed or deleted, or the forwarding agent that reported them has left.
 #pragma once
 
 #include <cstdint>
@@ -29,8 +29,8 @@ class EntryFailures : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, list, "")
   // Failures that were reported on a row, or a change of it, that does not stand; none is listed.
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsOnNoRow, 0)
-  // What survived of the last start or pipeline change and could not be restored: what it was and
-  // why, one a line; the first thousand.
+  // Objects that the last start or pipeline change found and could not restore, and why: one a
+  // line; the first thousand of them.
   VELA_READONLY_ATTRIBUTE(uint64_t, notRestored, 0)
   VELA_READONLY_ATTRIBUTE(std::string, notRestoredList, "")
 
@@ -38,16 +38,16 @@ class EntryFailures : public Vela::Entity {
   // False if this failure is already recorded, or the agent has said something later.
   bool failureIs(EntryHandle handle, uint64_t agent, uint64_t sequence, std::string text);
   void failureDel(EntryHandle handle);  // of all agents, if there is any
-  // The agent has programmed the change, and with it whatever it failed to do before.
+  // The agent has programmed the change, and with it every earlier one of the entry.
   void programmedIs(EntryHandle handle, uint64_t agent, uint64_t sequence);
   size_t agentDel(uint64_t agent);  // it has left; how many failures went with it
   bool empty() const { return failures_.empty(); }
-  bool failed(EntryHandle handle) const;  // for any agent
-  void reportOnNoRow() { reportsOnNoRowIs(reportsOnNoRow() + 1); }
+  bool isFailing(EntryHandle handle) const;  // for any agent
+  void countReportOnNoRow() { reportsOnNoRowIs(reportsOnNoRow() + 1); }
   void notRestoredAre(const std::vector<std::string>& texts);
 
-  // A new entry was taken back by the change `sequence`, and has no handle any more; `text` says
-  // which. The newest ones are remembered, as long as their removal may fail.
+  // A new entry was taken back by the change `sequence`, and has no handle any more; `text` names
+  // it. The newest ones are remembered as long as their removal may fail.
   struct Undone {
     std::string text;
     uint64_t sequence = 0;
@@ -56,11 +56,11 @@ class EntryFailures : public Vela::Entity {
   const Undone* undone(EntryHandle handle) const;  // null: was not taken back
   // All forwarding agents have programmed the change `sequence` of the handle.
   void removedIs(EntryHandle handle, uint64_t sequence);
-  // Whether the removal of any has failed. Once an entry of the same text is programmed, nothing is
-  // left of the former.
+  // Whether the removal of any has failed. Its failure ends once an entry of the same text is
+  // programmed.
   bool anyUnremoved() const { return !unremoved_.empty(); }
   void programmedIs(const std::string& text);
-  // All forwarding agents hold just what stood in the tables at `sequence`, or later.
+  // The forwarding agents all hold the tables as of `sequence`, or later.
   void inStepIs(uint64_t sequence);
 
  private:

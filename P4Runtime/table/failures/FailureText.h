@@ -1,4 +1,4 @@
-// What is said of an entry that a forwarding agent failed to program.
+// The words about an entry that a forwarding agent failed to program.
 #pragma once
 
 #include <string>

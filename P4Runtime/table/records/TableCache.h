@@ -1,9 +1,9 @@
-// The entry caches: what the agent remembers of each entry, in shared memory; they outlive the
-// process. Call with the activity lock held. Other processes read them, and see whole commits only.
+// The entry caches: the agent's record of truth about each entry, member and group, in shared
+// memory; they outlive the process. Call with the activity lock held. Other processes read them,
+// and see whole commits only.
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <functional>
 #include <optional>
 #include <string>
@@ -46,20 +46,11 @@ class EntryCache : public Vela::RefCounted {
   std::optional<Brine::Bytes> stored(const CacheKey& key) const {
     return store_.get(table_, storedKey(key));
   }
-  // Changes a few bytes of a record that is there and readable.
-  void storedBytesAre(const CacheKey& key, size_t at, Brine::Bytes bytes) {
-    const auto storedAt = storedKey(key);
-    const auto stored = store_.get(table_, storedAt);
-    std::array<uint8_t, Record::largestSize> changed;  // a write makes `stored` invalid
-    std::copy(stored->begin(), stored->end(), changed.begin());
-    std::copy(bytes.begin(), bytes.end(), changed.begin() + at);
-    store_.put(table_, storedAt, {changed.data(), stored->size()});
-  }
   void storedIs(const CacheKey& key, Brine::Bytes bytes) {
     store_.put(table_, storedKey(key), bytes);
   }
 
-  // Visits the committed records, as they are stored; `visit` answers false to stop, and must not
+  // Visits the committed records, as they are stored; `visit` returns false to stop, and must not
   // write. The prefix chooses a resource; the handles come in ascending order.
   using Visit = std::function<bool(Brine::Bytes storedKey, Brine::Bytes record)>;
   void forEach(const Visit& visit, Brine::Bytes from = {}) const {

@@ -5,8 +5,6 @@
 #include <utility>
 #include <vector>
 
-#include "P4Runtime/table/TableImpl.h"
-#include "P4Runtime/table/failures/EntryFailures.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -47,19 +45,19 @@ std::string bytesFromHexadecimal(const std::string& text) {
   return bytes;
 }
 
-Brine::Store& ConstantEntries::store() const { return tableImpl_.database_->store(); }
+Brine::Store& ConstantEntries::store() const { return tools_.database->store(); }
 Brine::TableNumber ConstantEntries::table() const { return store().table(tableName); }
 
 void ConstantEntries::programmedIs(const ResourceId& rid, EntryHandle handle,
                                    const P4TableInfoConstEntry& entry) {
-  if (!tableImpl_.database_) return;
+  if (!tools_.database) return;
   store().put(table(), storedKey({rid, handle}), Brine::asBytes(actionOf(entry)));
 }
 
 void ConstantEntries::maybeProgrammedIs(const ResourceId& rid, EntryHandle handle,
                                         const P4TableInfoConstEntry& entry) {
-  if (!tableImpl_.tableCache() || store().get(table(), storedKey({rid, handle}))) return;
-  const auto record = tableImpl_.tableCache()->cache({rid, handle});
+  if (!tools_.records.isMounted() || store().get(table(), storedKey({rid, handle}))) return;
+  const auto record = tools_.records.tableCache()->cache({rid, handle});
   if (!record) return;
   TableCacheEntry same = *record;
   actionIs(same, entry);
@@ -69,7 +67,7 @@ void ConstantEntries::maybeProgrammedIs(const ResourceId& rid, EntryHandle handl
 void ConstantEntries::forget(const CacheKey& key) { store().erase(table(), storedKey(key)); }
 
 void ConstantEntries::followPipeline() {
-  if (!tableImpl_.tableCache()) return;
+  if (!tools_.records.isMounted()) return;
   std::vector<std::pair<CacheKey, std::string>> known;  // the store must not change meanwhile
   store().forEach(table(), [&](Brine::Bytes key, Brine::Bytes action) {
     known.emplace_back(cacheKeyOf(key), Brine::asText(action));
@@ -79,30 +77,30 @@ void ConstantEntries::followPipeline() {
 }
 
 void ConstantEntries::follow(const CacheKey& key, const std::string& formerAction) {
-  auto record = tableImpl_.tableCache()->cache(key);
+  auto record = tools_.records.tableCache()->cache(key);
   if (!record) return forget(key);  // a controller has deleted it
-  const auto& entries = tableImpl_.tableInfo().constEntries(key.rid).entry();
+  const auto& entries = tools_.tableInfo.constEntries(key.rid).entry();
   const auto entry =
       std::ranges::find_if(entries, [&](const auto& one) { return isOf(one, *record); });
   if (entry == entries.end()) return takeBack(key);
   if (actionOf(*entry) == formerAction) return;
   SCRIVEL_TRACE(1, "ConstantEntries", " another action for entry ", key.entryHandle, " of ",
-                tableImpl_.tableInfo().nameOf(key.rid));
+                tools_.tableInfo.nameOf(key.rid));
   actionIs(*record, *entry);
-  tableImpl_.tableCache()->cacheIs(*record);
-  tableImpl_.rewritten_.insert(key.entryHandle);
+  tools_.records.tableCache()->cacheIs(*record);
+  tools_.mode.rewrite(key.entryHandle);
   programmedIs(key.rid, key.entryHandle, *entry);
 }
 
 void ConstantEntries::takeBack(const CacheKey& key) {
   SCRIVEL_TRACE(1, "ConstantEntries", " the pipeline no longer has entry ", key.entryHandle, " of ",
-                tableImpl_.tableInfo().nameOf(key.rid));
+                tools_.tableInfo.nameOf(key.rid));
   forget(key);
-  tableImpl_.tableCache()->cacheDel(key);
-  tableImpl_.cachedMetadataIs(key.rid, key.entryHandle, {});
-  tableImpl_.failures_->failureDel(key.entryHandle);
-  tableImpl_.handleMgr().reserveUpTo(key.entryHandle);
-  tableImpl_.handleMgr().freeTableEntryHandle(key.entryHandle);
+  tools_.records.tableCache()->cacheDel(key);
+  tools_.records.metadataIs(key, {});
+  tools_.failures.failureDel(key.entryHandle);
+  tools_.handles.reserveUpTo(key.entryHandle);
+  tools_.handles.freeTableEntryHandle(key.entryHandle);
 }
 
 }  // namespace P4Runtime

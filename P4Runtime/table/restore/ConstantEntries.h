@@ -4,31 +4,28 @@
 
 #include <string>
 
-#include "P4Runtime/pipeline/P4TableInfo.h"
-#include "P4Runtime/table/records/CacheKey.h"
-#include "platform/brine/Store.h"
+#include "P4Runtime/table/restore/RestoreTools.h"
 
 namespace P4Runtime {
-
-class TableImpl;
 
 // Pairs of hexadecimal characters to bytes; a last single character is a byte of its own.
 std::string bytesFromHexadecimal(const std::string& text);
 
 // Kept beside the entry caches, keyed like their records. Call with the activity lock held, outside
-// a batch, while the caches are mounted. What it changes is committed with the caller's scope.
+// a batch, while the caches are mounted. Its changes are committed with the caller's scope.
 class ConstantEntries {
  public:
-  explicit ConstantEntries(TableImpl& tableImpl) : tableImpl_(tableImpl) {}
+  // The tools outlive this.
+  explicit ConstantEntries(const RestoreTools& tools) : tools_(tools) {}
 
-  // Before a restore: forgets the entries that the pipeline no longer has, whose rows the restore
-  // then removes, and gives those whose action differs from the former pipeline's the new action.
+  // Call before a restore. Entries that the pipeline no longer has are forgotten; the restore then
+  // removes their rows. Entries whose action differs from the former pipeline's get the new action.
   // Entries that the pipelines agree on stay as they are, also if a controller has changed them.
   void followPipeline();
   // The entry of the pipeline has this handle.
   void programmedIs(const ResourceId& table, EntryHandle handle,
                     const P4TableInfoConstEntry& entry);
-  // The same, if the entry of that handle has the action; else it is taken for a controller's.
+  // The same, if the entry of that handle has the action; else the entry counts as a controller's.
   void maybeProgrammedIs(const ResourceId& table, EntryHandle handle,
                          const P4TableInfoConstEntry& entry);
   void forget(const CacheKey& key);
@@ -39,7 +36,7 @@ class ConstantEntries {
   void follow(const CacheKey& key, const std::string& formerAction);
   void takeBack(const CacheKey& key);
 
-  TableImpl& tableImpl_;
+  const RestoreTools& tools_;
 };
 
 }  // namespace P4Runtime

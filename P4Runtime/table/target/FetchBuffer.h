@@ -1,4 +1,4 @@
-// What a fetch of the PI library is answered with: fields appended little-endian, none padded.
+// The bytes that a fetch returns to the PI library: fields appended little-endian, none padded.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 
 namespace P4Runtime {
 
-// Room for `size` bytes, which the caller has worked out beforehand.
+// Room for `size` bytes, which the caller works out beforehand.
 class FetchBuffer {
  public:
   explicit FetchBuffer(size_t size) : bytes_(new char[size]), size_(size) {}

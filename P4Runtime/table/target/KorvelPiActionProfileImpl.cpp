@@ -20,7 +20,8 @@ Scrivel::TraceHandle trace("KorvelPiActionProfile");
 
 P4HandleMgr* handleMgr() { return TheP4HandleMgr(); }
 
-// The entry handles of what is to be written. Throw what the batch already knows against it.
+// The entry handle of the member or group to be written. Throw the error that the batch has already
+// recorded for it.
 EntryHandle writableMember(MemberHandle mbr_handle) {
   assert(handleMgr()->memberHandleToEntryHandleHas(mbr_handle));
   const EntryHandle handle = handleMgr()->memberHandleToEntryHandle(mbr_handle);
@@ -35,7 +36,7 @@ EntryHandle writableGroup(GroupHandle grp_handle) {
   return handle;
 }
 
-// A handle that was taken for something that was then refused.
+// Runs `body`; frees the new handle again when the member or group is refused.
 template <typename Body>
 void withNewHandle(EntryHandle handle, Body body) {
   try {
@@ -50,6 +51,10 @@ void withNewHandle(EntryHandle handle, Body body) {
   }
 }
 
+ActionData dataOf(const pi_action_data_t& action) {
+  return {.actionId = action.action_id, .bytes = {action.data, action.data_size}};
+}
+
 void cacheMember(pi_p4_id_t actProfId, EntryHandle handle, const pi_action_data_t& action) {
   const ResourceId rid{actionProfileResource, actProfId};
   storeOrFail(handle, [&] {
@@ -59,7 +64,7 @@ void cacheMember(pi_p4_id_t actProfId, EntryHandle handle, const pi_action_data_
   TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
 }
 
-// The controller's id stays what it was when the group was made.
+// The group keeps the controller's id of its creation.
 void cacheGroup(pi_p4_id_t actProfId, EntryHandle handle) {
   const ResourceId rid{groupTableResource, actProfId};
   const auto known =
@@ -171,9 +176,7 @@ pi_status_t _pi_act_prof_mbr_create(pi_session_handle_t session_handle, pi_dev_t
                   " entryHandle ", handle);
     withNewHandle(handle, [&] {
       maybeThrowBatchEntryErrorException(handle);
-      TheTableImpl()->actionProfileMemberEntryAdd(act_prof_id, action_data->action_id,
-                                                  action_data->data_size, action_data->data,
-                                                  *mbr_handle);
+      TheTableImpl()->actionProfileMemberEntryAdd(act_prof_id, dataOf(*action_data), *mbr_handle);
     });
     cacheMember(act_prof_id, handle, *action_data);
   });
@@ -187,8 +190,7 @@ pi_status_t _pi_act_prof_mbr_modify(pi_session_handle_t session_handle, pi_dev_i
                   " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " mbr_handle: ", mbr_handle,
                   " action_data: ", piActionDataToString(action_data));
     const EntryHandle handle = writableMember(mbr_handle);
-    TheTableImpl()->actionProfileMemberEntryAdd(
-        act_prof_id, action_data->action_id, action_data->data_size, action_data->data, mbr_handle);
+    TheTableImpl()->actionProfileMemberEntryAdd(act_prof_id, dataOf(*action_data), mbr_handle);
     cacheMember(act_prof_id, handle, *action_data);
   });
 }

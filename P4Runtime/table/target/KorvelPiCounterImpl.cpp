@@ -1,5 +1,5 @@
-// Counters: direct ones are read from what the forwarding agents have counted; all else is only
-// traced and acknowledged, and the server refuses it.
+// Counters: direct ones are read from the counts of the forwarding agents; all else is only traced
+// and acknowledged, and the server refuses it.
 #include <string>
 
 #include "P4Runtime/pi/PiContext.h"

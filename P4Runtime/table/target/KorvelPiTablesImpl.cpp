@@ -21,11 +21,6 @@ Scrivel::TraceHandle trace("KorvelPiTables");
 
 constexpr uint32_t resourcePrefix(pi_p4_id_t id) { return id >> 24; }
 
-struct DirectResources {
-  Vela::Ptr<P4MeterConfig> meter;
-  Vela::Ptr<P4CounterData> counter;
-};
-
 MeterUnit meterUnitOf(const pi_meter_spec_t& spec) {
   return spec.meter_unit <= PI_METER_UNIT_BYTES ? static_cast<MeterUnit>(spec.meter_unit)
                                                 : MeterUnitDefault;
@@ -57,21 +52,25 @@ DirectResources directResources(const pi_table_entry_t& entry) {
   return resources;
 }
 
+MatchKey keyOf(pi_p4_id_t tableId, const pi_match_key_t& matchKey) {
+  return {.tableId = tableId,
+          .priority = matchKey.priority,
+          .bytes = {matchKey.data, matchKey.data_size}};
+}
+
 EntryHandle addEntry(TableImpl& tableImpl, pi_p4_id_t tableId, const pi_match_key_t& matchKey,
                      const pi_table_entry_t& entry) {
   const DirectResources resources = directResources(entry);
   if (entry.entry_type == PI_ACTION_ENTRY_TYPE_DATA) {
     const pi_action_data_t& action = *entry.entry.action_data;
-    return tableImpl.tableEntryAdd(tableId, matchKey.priority, matchKey.data_size, matchKey.data,
-                                   action.action_id, action.data_size, action.data,
-                                   resources.meter.get(), resources.counter.get());
+    return tableImpl.tableEntryAdd(
+        keyOf(tableId, matchKey),
+        {.actionId = action.action_id, .bytes = {action.data, action.data_size}}, resources);
   }
   if (entry.entry_type == PI_ACTION_ENTRY_TYPE_INDIRECT) {
     const uint64_t handle = entry.entry.indirect_handle;
-    return tableImpl.indirectTableEntryAdd(tableId, matchKey.priority, matchKey.data_size,
-                                           matchKey.data, reinterpret_cast<const char*>(&handle),
-                                           sizeof handle, handle >> 32 == 1, resources.meter.get(),
-                                           resources.counter.get());
+    return tableImpl.indirectTableEntryAdd(
+        keyOf(tableId, matchKey), {.handle = handle, .isGroup = handle >> 32 == 1}, resources);
   }
   throw P4RuntimeException(
       fmt::format("Unhandled table_entry type: {}", static_cast<int>(entry.entry_type)), 0,
@@ -121,7 +120,7 @@ void putEntry(FetchBuffer& buffer, const TableRecordView& record) {
   buffer.put(uint32_t{0});  // direct resources
 }
 
-// Answers how many entries were put. A record that cannot be one of this table's is passed over.
+// Returns how many entries were put. A record that cannot be one of this table's is passed over.
 size_t populateFetchData(const TableImpl& tableImpl, const ResourceId& rid, FetchBuffer& buffer) {
   const size_t keySize = tableImpl.tableInfo().fieldBitwidths(rid).encodedSize();
   size_t entries = 0;
@@ -174,8 +173,7 @@ pi_status_t _pi_table_entry_delete_wkey(pi_session_handle_t session_handle, pi_d
                   " dev_id: ", dev_id, " table_id: ", table_id,
                   " match_key: ", piMatchKeyToString(match_key));
     TableImpl& tableImpl = *TheTableImpl();
-    const EntryHandle handle = tableImpl.tableEntryDeleteWithKey(
-        table_id, match_key->priority, match_key->data_size, match_key->data);
+    const EntryHandle handle = tableImpl.tableEntryDeleteWithKey(keyOf(table_id, *match_key));
     storeOrFail(handle, [&] { tableImpl.deleteCachedEntry({tableResource, table_id}, handle); });
     TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
   });

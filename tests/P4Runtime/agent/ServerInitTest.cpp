@@ -7,6 +7,7 @@
 #include "P4Runtime/agent/ServerLimits.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/table/failures/EntryFailures.h"
+#include "P4Runtime/table/restore/ConstantEntries.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/int/pi_int.h"
 #include "PI/target/pi_act_prof_imp.h"

@@ -127,7 +127,8 @@ void AgentParts::doBuild() {
   status = Vela::make<P4RuntimeConfig::P4RtSystemStatus>("system");
   auto context = piContextFactory();
   context->p4RtSystemStatusIs(status);
-  context->hwStatusDirIs(Vela::make<HwStatusDir>("hwStatus", directory));
+  const auto hwStatusDir = Vela::make<HwStatusDir>("hwStatus", directory);
+  context->hwStatusDirIs(hwStatusDir);
   handles = Vela::make<P4HandleMgr>();
   context->p4HandleMgrIs(handles);
   batchStatus = Vela::make<BatchStatus>("batchStatus", database.get());
@@ -136,7 +137,9 @@ void AgentParts::doBuild() {
   context->batchStatusIs(batchStatus);
   TheWriteGateIs(Vela::make<WriteGate>(loop, batchStatus, status));
   tableInfo = Vela::make<P4TableInfo>("p4TableInfo", "p4runtime");
-  tableImpl = tableImplFactory(tableInfo, handles, database.get());
+  tableImpl = tableImplFactory(
+      tableInfo, handles, database.get(),
+      {.batchStatus = batchStatus, .systemStatus = status, .hwStatusDir = hwStatusDir});
   context->tableImplIs(tableImpl);
   ThePiContextIs(context);
   tableImpl->initializedIs(true);

@@ -1,4 +1,4 @@
-// Members and groups: what is written of them, how they are put back, and what survives.
+// Members and groups: their rows, how they are put back, and how they survive.
 #include <fmt/format.h>
 
 #include <functional>
@@ -50,7 +50,9 @@ class ActionProfileTest : public AgentTest {
     return _pi_act_prof_grp_remove_mbr(0, 1, profile, group, member);
   }
   static Entry entryTo(uint64_t handle, uint8_t id = 3) {
-    return {groupTable, std::string(3, '\0') + static_cast<char>(id), 0, "", 0, 0, "", handle};
+    return {.table = groupTable,
+            .key = std::string(3, '\0') + static_cast<char>(id),
+            .indirectHandle = handle};
   }
 
   // A batch that the forwarding agents confirm.
@@ -396,7 +398,7 @@ TEST_F(ActionProfileTest, RestartBringsAllBackWithoutATrace) {
   EXPECT_GT(group(11, {}), empty);
 }
 
-// The profile's members lose their action, or its tables are gone: what depends on them goes, too.
+// The profile's members lose their action, or its tables are gone: their dependents go, too.
 // The others come back all the same.
 TEST_F(ActionProfileTest, RecordOfAMemberThatCannotBeRestoredStopsNoOther) {
   const uint64_t good = member(7, 5);

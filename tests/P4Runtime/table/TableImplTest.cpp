@@ -54,7 +54,7 @@ TEST_F(TableImplTest, RowsHoldWhatPiBytesSay) {
        bytes("04000001 665544332211") + std::string(33 + 17, '\0')},
       {"a group's lower half",
        "group",
-       {groupTable, bytes("00000003"), 0, "", 0, 0, "", 0x100000005},
+       {.table = groupTable, .key = bytes("00000003"), .indirectHandle = 0x100000005},
        bytes("00000003"),
        bytes("05000000 01")},
   };
@@ -138,7 +138,7 @@ TEST_F(TableImplTest, RefusalLeavesNothingBehind) {
        UNIMPLEMENTED,
        "table 33554687 is not part of the pipeline's device configuration"},
       {"a member for a table of actions",
-       {exactTable, bytes("0800 0001"), 0, "", 0, 0, "", 5},
+       {.table = exactTable, .key = bytes("0800 0001"), .indirectHandle = 5},
        INTERNAL,
        "table exact: "},
   };

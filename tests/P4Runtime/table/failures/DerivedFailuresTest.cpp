@@ -1,4 +1,4 @@
-// What is made of reports on the rows of queries.
+// Reports on the rows of queries.
 #include "P4Runtime/table/failures/DerivedFailures.h"
 
 #include <gmock/gmock.h>
@@ -25,8 +25,13 @@ class DerivedFailuresTest : public testing::Test {
     });
   }
   void said(uint64_t handle, uint64_t agent, uint16_t code, uint64_t sequence = 50) {
-    const Report report{handle, sequence, code, code ? "full" : "", agent, "main"};
-    EXPECT_TRUE(derived_.taken({&report, 1}, lastSequence).empty());
+    const Report report{.entryHandle = handle,
+                        .sequence = sequence,
+                        .errorCode = code,
+                        .message = code ? "full" : "",
+                        .subscriber = agent,
+                        .subscriberName = "main"};
+    EXPECT_TRUE(derived_.takeDerived({&report, 1}, lastSequence).empty());
   }
   void expectListed(uint64_t entries) {
     derived_.list();
@@ -45,7 +50,7 @@ TEST_F(DerivedFailuresTest, RowsThatDoNotStandAreCountedByOneWalk) {
     reports.push_back({Pollen::derivedHandle("out", "no row " + std::to_string(i)), 50, 3, "", 1});
   }
   reports.push_back({row_, lastSequence + 1, 3, "of the future", 1});
-  const auto others = derived_.taken(reports, lastSequence);
+  const auto others = derived_.takeDerived(reports, lastSequence);
   ASSERT_EQ(others.size(), 1u);
   EXPECT_EQ(others[0].entryHandle, 7u);
   expectListed(1);
@@ -68,7 +73,7 @@ TEST_F(DerivedFailuresTest, StandUntilTheAgentMendsThemOrLeavesOrTheRowIsGone) {
   expectListed(0);
   said(row_, 1, 13);
   expectListed(1);
-  derived_.rowRemoved(row_, 60);
+  derived_.noteRemovedRow(row_, 60);
   derived_.inStepIs(59);
   expectListed(1);
   derived_.inStepIs(60);

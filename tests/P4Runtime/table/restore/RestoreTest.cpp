@@ -1,4 +1,4 @@
-// What survives a restart, and what becomes of what does not fit any more.
+// Entries that survive a restart, and the end of those that no longer fit.
 #include <tuple>
 
 #include "P4Runtime/table/failures/EntryFailures.h"
@@ -35,7 +35,7 @@ TEST_F(RestoreTest, UnchangedEntriesComeBackWithoutATrace) {
   const uint64_t handle = agent().added(first);
   const Entry acl{aclTable, bytes("0a000000 ff000000 0050 ffff 06"), drop, "", 258};
   const uint64_t aclHandle = agent().added(acl);
-  agent().added({groupTable, bytes("00000003"), 0, "", 0, 0, "", 0x100000005});
+  agent().added({.table = groupTable, .key = bytes("00000003"), .indirectHandle = 0x100000005});
   const uint64_t before = agent().lastSequence();
 
   restart();

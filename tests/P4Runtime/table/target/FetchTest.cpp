@@ -11,7 +11,7 @@ using namespace TestSupport;
 
 class FetchTest : public AgentTest {
  protected:
-  // What a fetch of the table answers.
+  // The bytes that a fetch of the table returns.
   std::string fetched(uint32_t table) {
     pi_table_fetch_res_t result{};
     EXPECT_EQ(_pi_table_entries_fetch(0, 1, table, &result), PI_STATUS_SUCCESS);
@@ -40,7 +40,7 @@ TEST_F(FetchTest, LaysEntriesOutWithoutPadding) {
   EXPECT_EQ(keySize_, 4u);
 
   const uint64_t indirect =
-      agent().added({groupTable, bytes("00000003"), 0, "", 0, 0, "", 0x100000005});
+      agent().added({.table = groupTable, .key = bytes("00000003"), .indirectHandle = 0x100000005});
   EXPECT_EQ(fetched(groupTable), number(indirect, 8) + number(0, 4) + bytes("00000003") +
                                      number(2, 4) + number(0x100000005, 8) + number(0, 8));
   EXPECT_EQ(fetched(groupTable).size(), 36u);

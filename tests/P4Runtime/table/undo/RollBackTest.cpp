@@ -240,7 +240,7 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
   }
 }
 
-// Two forwarding agents that disagree: what the one says leaves the other's word as it is.
+// Two forwarding agents disagree: the report of one leaves the other's as it is.
 TEST_F(RollBackTest, FailureBelongsToTheForwardingAgentThatReportedIt) {
   const EntryFailures& failures = *agent().tableImpl->failures();
   const uint64_t handle = agent().added(old_);

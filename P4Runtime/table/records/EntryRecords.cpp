@@ -1,0 +1,94 @@
+#include "P4Runtime/table/records/EntryRecords.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cassert>
+#include <cstdio>
+#include <cstring>
+
+#include "P4Runtime/companion/P4HandleMgr.h"
+
+namespace P4Runtime {
+
+CacheKey recordKey(const ResourceId& rid, EntryHandle handle) {
+  return {rid, P4HandleMgr::cachedHandle(handle)};
+}
+
+std::optional<EntryState> storedState(Brine::Bytes record) {
+  const auto view = TableRecordView::of(record);
+  if (!view) return std::nullopt;
+  return view->entryState;
+}
+
+void EntryRecords::mount() {
+  const std::string path = cachePath;
+  tableCache_ = Vela::make<TableCache>(*store_, path + "table");
+  memberCache_ = Vela::make<ActionProfileMemberCache>(*store_, path + "actionProfileMember");
+  groupCache_ = Vela::make<ActionProfileGroupCache>(*store_, path + "actionProfileGroup");
+  metadataTable_ = store_->table(path + "metadata");
+  letGo_ = false;
+}
+
+void EntryRecords::letGo() {
+  letGo_ = true;
+  tableCache_ = nullptr;
+  memberCache_ = nullptr;
+  groupCache_ = nullptr;
+  metadataTable_.reset();
+}
+
+bool EntryRecords::isEmpty() const {
+  return tableCache_->recordCount() + memberCache_->recordCount() + groupCache_->recordCount() == 0;
+}
+
+std::optional<Brine::Bytes> EntryRecords::stored(const CacheKey& key) const {
+  if (!isMounted()) return std::nullopt;
+  if (key.rid.type == actionProfileResource) return memberCache_->stored(key);
+  if (key.rid.type == groupTableResource) return groupCache_->stored(key);
+  return tableCache_->stored(key);
+}
+
+void EntryRecords::recordDel(const CacheKey& key) {
+  if (!isMounted()) return;
+  if (key.rid.type == actionProfileResource) {
+    memberCache_->cacheDel(key);
+  } else if (key.rid.type == groupTableResource) {
+    groupCache_->cacheDel(key);
+  } else if (key.rid.type == tableResource) {
+    tableCache_->cacheDel(key);
+  } else {
+    fmt::print(stderr, " Unhandled resource id {}\n", toText(key.rid));
+    assert(!"unhandled resource id");
+  }
+}
+
+void EntryRecords::stateIs(const CacheKey& key, Brine::Bytes record, EntryState state) {
+  std::array<uint8_t, TableCacheEntry::largestSize> changed;  // a write makes `record` invalid
+  assert(record.size() <= changed.size());
+  std::copy(record.begin(), record.end(), changed.begin());
+  std::memcpy(changed.data() + TableCacheEntry::stateAt, &state, sizeof state);
+  tableCache_->storedIs(key, {changed.data(), record.size()});
+}
+
+void EntryRecords::metadataIs(const CacheKey& key, std::string_view metadata) {
+  if (!metadataTable_) return;
+  if (!metadata.empty()) {
+    store_->put(*metadataTable_, storedKey(key), Brine::asBytes(metadata));
+  } else if (store_->count(*metadataTable_) > 0) {
+    store_->erase(*metadataTable_, storedKey(key));
+  }
+}
+
+std::string EntryRecords::metadata(const CacheKey& key) const {
+  if (!metadataTable_ || store_->count(*metadataTable_) == 0) return {};
+  const auto stored = store_->get(*metadataTable_, storedKey(key));
+  return stored ? std::string(Brine::asText(*stored)) : std::string();
+}
+
+void EntryRecords::metadataDel(Brine::Bytes storedKey) {
+  store_->erase(*metadataTable_, storedKey);
+}
+
+}  // namespace P4Runtime

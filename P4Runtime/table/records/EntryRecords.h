@@ -1,0 +1,64 @@
+// The records of all programmed entries: the three entry caches, and beside them the bytes that the
+// PI library keeps with an entry, member or group.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "P4Runtime/table/records/TableCache.h"
+
+namespace P4Runtime {
+
+// Where the caches stand in the store.
+inline constexpr const char* cachePath = "p4runtime/cache/";
+
+// The key of the record of an entry, member or group.
+CacheKey recordKey(const ResourceId& rid, EntryHandle handle);
+// The state that a stored table record tells; nothing when it is not readable.
+std::optional<EntryState> storedState(Brine::Bytes record);
+
+// Call with the activity lock held. Throws Brine::StoreError when the state directory is full; the
+// former record then stands. Unless a function says otherwise, it does nothing, and finds nothing,
+// while the caches are not mounted.
+class EntryRecords {
+ public:
+  // `store` outlives this; null: the caches are never mounted.
+  explicit EntryRecords(Brine::Store* store) : store_(store) {}
+
+  void mount();  // the caches; call with a store
+  void letGo();  // of the caches; their records stay
+  bool isMounted() const { return tableCache_ != nullptr; }
+  bool isEmpty() const;  // call while the caches are mounted
+  // The caches were mounted, and are not any more.
+  bool isLetGo() const { return letGo_; }
+
+  // Null until the caches are mounted.
+  TableCache* tableCache() const { return tableCache_.get(); }
+  ActionProfileMemberCache* memberCache() const { return memberCache_.get(); }
+  ActionProfileGroupCache* groupCache() const { return groupCache_.get(); }
+
+  // The record as it is stored; valid until the next write of the store.
+  std::optional<Brine::Bytes> stored(const CacheKey& key) const;
+  // Asserts that the resource is a table, an action profile or its groups.
+  void recordDel(const CacheKey& key);
+
+  // Stores `record`, a readable record of the table entry, in another state. Call while the caches
+  // are mounted.
+  void stateIs(const CacheKey& key, Brine::Bytes record, EntryState state);
+
+  // The bytes of the PI library for which a record has no room; empty removes them.
+  void metadataIs(const CacheKey& key, std::string_view metadata);
+  std::string metadata(const CacheKey& key) const;
+  void metadataDel(Brine::Bytes storedKey);  // call while the caches are mounted
+
+ private:
+  Brine::Store* const store_;
+  Vela::Ptr<TableCache> tableCache_;
+  Vela::Ptr<ActionProfileMemberCache> memberCache_;
+  Vela::Ptr<ActionProfileGroupCache> groupCache_;
+  std::optional<Brine::TableNumber> metadataTable_;
+  bool letGo_ = false;
+};
+
+}  // namespace P4Runtime

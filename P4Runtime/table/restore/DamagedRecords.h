@@ -1,0 +1,37 @@
+// Records and rows whose bytes are not those that were stored: named, listed, and, after a restart,
+// removed or written again.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "P4Runtime/table/restore/RestoreCounts.h"
+#include "P4Runtime/table/restore/RestoreTools.h"
+
+namespace P4Runtime {
+
+// Call with the activity lock held; the tools outlive this.
+class DamagedRecords {
+ public:
+  explicit DamagedRecords(const RestoreTools& tools) : tools_(tools) {}
+
+  // Names the damaged records that were found since the last call, on standard error and in the
+  // list of failures, with table and key as far as they can be told.
+  std::vector<Brine::DamagedRecord> tell();
+  // Tells and removes them; counts those of entries, members and groups as unusable. A row
+  // that the restore has written again stays.
+  void removeAll(RestoreCounts& counts);
+
+ private:
+  std::string text(const Brine::DamagedRecord& record) const;
+  std::string rowText(const std::string& tableName, const std::string& key) const;
+  std::string recordText(const CacheKey& key) const;
+  std::string columnsOfEntry(const Lattice::ArTableInterface& interface,
+                             const Lattice::TableType& type, EntryHandle handle) const;
+  Vela::Ptr<Lattice::ArTableInterface> interfaceOf(const std::string& tableName) const;
+  bool removeRow(const Brine::DamagedRecord& record);
+
+  const RestoreTools& tools_;
+};
+
+}  // namespace P4Runtime
