@@ -1,6 +1,7 @@
 // Walks a type's key columns once, so that matching needs nothing but offsets.
 #include "forwarder/table/MatchLayout.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -50,37 +51,45 @@ void clearHostBits(uint8_t* address, uint32_t addressSize, uint32_t length) {
 }
 
 MatchLayout::MatchLayout(const Lattice::TableType& type) : keySize_(type.keySize()) {
-  unsigned prefixes = 0;
-  bool ranked = false;  // has masks, ranges or a priority
   uint32_t offset = 0;
   for (const Lattice::Column& column : type.keyColumns()) {
     if (column.role == ColumnRole::priority) {
       priorityOffset_ = offset;
       prioritySize_ = column.size;
-      ranked = true;
     } else if (column.role == ColumnRole::mask && !fields_.empty()) {
       fields_.back().kind = MatchField::Kind::ternary;
       fields_.back().maskOffset = offset;
-      ranked = true;
     } else {
-      const bool isPrefix = column.type == ColumnType::ipGenPrefix;
-      prefixes += isPrefix;
-      ranked |= column.role == ColumnRole::range;
-      fields_.push_back({.name = column.name,
-                         .kind = isPrefix ? MatchField::Kind::prefix : MatchField::Kind::exact,
-                         .size = column.size,
-                         .keyOffset = offset,
-                         .packetOffset = packetSize_});
-      packetSize_ += column.size;
+      addField(column, offset);
     }
     offset += column.size;
   }
-  hasPrefix_ = prefixes > 0;
-  if (ranked || prefixes > 1) {
-    kind_ = MatchKind::ternary;
-  } else if (prefixes == 1) {
-    kind_ = MatchKind::longestPrefix;
-  }
+  hasPrefix_ = fieldCount(MatchField::Kind::prefix) > 0;
+  kind_ = kindOf(type);
+}
+
+void MatchLayout::addField(const Lattice::Column& column, uint32_t keyOffset) {
+  const bool isPrefix = column.type == ColumnType::ipGenPrefix;
+  fields_.push_back({.name = column.name,
+                     .kind = isPrefix ? MatchField::Kind::prefix : MatchField::Kind::exact,
+                     .size = column.size,
+                     .keyOffset = keyOffset,
+                     .packetOffset = packetSize_});
+  packetSize_ += column.size;
+}
+
+size_t MatchLayout::fieldCount(MatchField::Kind kind) const {
+  return std::ranges::count(fields_, kind, &MatchField::kind);
+}
+
+MatchKind MatchLayout::kindOf(const Lattice::TableType& type) const {
+  const size_t prefixes = fieldCount(MatchField::Kind::prefix);
+  const bool hasRange =
+      std::ranges::count(type.keyColumns(), ColumnRole::range, &Lattice::Column::role) > 0;
+  const bool ranked =
+      hasRange || priorityOffset_.has_value() || fieldCount(MatchField::Kind::ternary) > 0;
+  if (ranked || prefixes > 1) return MatchKind::ternary;
+  return prefixes == 1 ? MatchKind::longestPrefix : MatchKind::exact;
 }
 
 uint64_t MatchLayout::priority(std::string_view key) const {

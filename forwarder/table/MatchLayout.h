@@ -53,6 +53,10 @@ class MatchLayout {
   void valueUnder(const uint8_t* mask, std::string_view key, uint8_t* value) const;
 
  private:
+  void addField(const Lattice::Column& column, uint32_t keyOffset);
+  size_t fieldCount(MatchField::Kind kind) const;
+  MatchKind kindOf(const Lattice::TableType& type) const;  // once the fields are known
+
   std::vector<MatchField> fields_;
   std::optional<uint32_t> priorityOffset_;
   uint32_t prioritySize_ = 0;

@@ -108,7 +108,7 @@ void TernaryTable::handleRowLeaving(const StoredRow& row) {
   }
 }
 
-// Walks the group. As many rows have left before, so each of them pays for one step.
+// Walks the whole group. Called once for as many deletions: each pays for one step.
 void TernaryTable::doTightenBound(Group& group) {
   group.priorityBound = 0;
   for (const Slot& slot : group.slots) {
