@@ -136,7 +136,7 @@ std::string keyRuleText(const KeyRule& rule) {
   std::string text;
   for (const auto& [name, value] : rule.columns) {
     if (!text.empty()) text += ' ';
-    text += name + '=' + value;
+    text += fmt::format("{}={}", name, value);
   }
   return text;
 }
