@@ -13,7 +13,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "cli/ClientOptions.h"
+#include "cli/client/ClientOptions.h"
 #include "platform/orrery/Json.h"
 #include "platform/scrivel/TraceReader.h"
 

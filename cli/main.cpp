@@ -5,13 +5,13 @@
 #include <cstdio>
 #include <exception>
 
-#include "cli/AgentCommand.h"
-#include "cli/ControlCommands.h"
-#include "cli/OrreryCommands.h"
-#include "cli/PipelineCommand.h"
-#include "cli/StatusCommand.h"
-#include "cli/TableCommand.h"
 #include "cli/TraceCommand.h"
+#include "cli/agent/AgentCommand.h"
+#include "cli/client/ControlCommands.h"
+#include "cli/client/OrreryCommands.h"
+#include "cli/client/StatusCommand.h"
+#include "cli/pipeline/PipelineCommand.h"
+#include "cli/table/TableCommand.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "pipeline/DeviceConfig.h"
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
-#include "platform/pollen/QueryCheck.h"
+#include "platform/pollen/sql/QueryCheck.h"
 
 namespace Pipeline {
 namespace {

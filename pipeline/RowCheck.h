@@ -7,7 +7,7 @@
 
 #include "pipeline/DeviceConfig.h"
 #include "pipeline/TableLayout.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace Pipeline {
 

@@ -58,7 +58,7 @@ struct TableLayout {
 // "TABLE_CLASS_MATCH_ACTION", or the member or group class.
 const char* tableClass(TableKind kind);
 
-// The definition of a layout's table type, in the language of platform/lattice/TableType.h.
+// The definition of a layout's table type, in the language of platform/lattice/types/TableType.h.
 std::string definitionText(const TableLayout& layout);
 
 struct PipelineLayout {

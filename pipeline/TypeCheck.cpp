@@ -7,8 +7,8 @@
 #include "pipeline/DeviceConfig.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
-#include "platform/lattice/RowConstructor.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/RowConstructor.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace Pipeline {
 namespace {

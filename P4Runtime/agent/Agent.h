@@ -34,8 +34,8 @@
 #include "platform/vela/Descriptors.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/Timer.h"
-#include "platform/wirra/InterfaceStatus.h"
-#include "platform/wirra/KernelNetInterface.h"
+#include "platform/wirra/devices/KernelNetInterface.h"
+#include "platform/wirra/interfaces/InterfaceStatus.h"
 
 namespace P4Runtime {
 

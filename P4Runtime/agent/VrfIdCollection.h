@@ -6,7 +6,7 @@
 #include <string>
 
 #include "platform/vela/Entity.h"
-#include "platform/wirra/KernelNetInterface.h"
+#include "platform/wirra/devices/KernelNetInterface.h"
 
 namespace P4Runtime {
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/lattice/FlowCounters.h"
+#include "platform/lattice/counters/FlowCounters.h"
 #include "platform/orrery/Directory.h"
 
 namespace P4Runtime {

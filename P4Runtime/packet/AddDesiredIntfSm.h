@@ -5,7 +5,7 @@
 
 #include "platform/orrery/Directory.h"
 #include "platform/vela/Entity.h"
-#include "platform/wirra/InterfaceStatus.h"
+#include "platform/wirra/interfaces/InterfaceStatus.h"
 
 namespace P4Runtime {
 

@@ -5,7 +5,7 @@
 
 #include "P4Runtime/companion/BridgingConfig.h"
 #include "platform/vela/Entity.h"
-#include "platform/wirra/InterfaceOperations.h"
+#include "platform/wirra/devices/InterfaceOperations.h"
 
 namespace P4Runtime {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "platform/vela/Entity.h"
-#include "platform/wirra/Packet.h"
+#include "platform/wirra/packets/Packet.h"
 
 namespace P4Runtime {
 

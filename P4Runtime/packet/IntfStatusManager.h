@@ -5,7 +5,7 @@
 
 #include "platform/orrery/Directory.h"
 #include "platform/vela/Entity.h"
-#include "platform/wirra/KernelNetInterface.h"
+#include "platform/wirra/devices/KernelNetInterface.h"
 
 namespace P4Runtime {
 

@@ -10,7 +10,7 @@
 #include "PI/target/pi_imp.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
-#include "platform/wirra/PacketManager.h"
+#include "platform/wirra/packets/PacketManager.h"
 
 namespace P4Runtime {
 namespace {

@@ -8,8 +8,8 @@
 #include "platform/orrery/Directory.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/ReactorLoop.h"
-#include "platform/wirra/KernelNetInterface.h"
-#include "platform/wirra/PacketAccessManager.h"
+#include "platform/wirra/devices/KernelNetInterface.h"
+#include "platform/wirra/packets/PacketAccessManager.h"
 
 namespace P4Runtime {
 

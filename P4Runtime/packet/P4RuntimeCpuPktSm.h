@@ -17,7 +17,7 @@
 #include "P4Runtime/packet/IntfStatusManager.h"
 #include "P4Runtime/packet/P4RuntimeCpuPktMgr.h"
 #include "P4Runtime/packet/PacketTransmitter.h"
-#include "platform/wirra/InterfaceStatus.h"
+#include "platform/wirra/interfaces/InterfaceStatus.h"
 
 namespace P4Runtime {
 

@@ -14,7 +14,7 @@
 #include "P4Runtime/packet/ControllerTxPktConfig.h"
 #include "P4Runtime/packet/ControllerTxPktStatus.h"
 #include "platform/vela/ReactorLoop.h"
-#include "platform/wirra/PacketAccessManager.h"
+#include "platform/wirra/packets/PacketAccessManager.h"
 
 namespace P4Runtime {
 

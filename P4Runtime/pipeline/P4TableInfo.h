@@ -10,8 +10,8 @@
 
 #include "P4Runtime/pipeline/FieldBitwidths.h"
 #include "platform/lattice/Database.h"
-#include "platform/lattice/IpGenPrefix.h"
-#include "platform/lattice/RowConstructor.h"
+#include "platform/lattice/types/IpGenPrefix.h"
+#include "platform/lattice/types/RowConstructor.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

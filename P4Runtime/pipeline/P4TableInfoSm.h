@@ -15,10 +15,10 @@
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "pipeline/PipelineCheck.h"
 #include "platform/lattice/Database.h"
-#include "platform/pollen/QueryConfig.h"
-#include "platform/pollen/QueryStatus.h"
-#include "platform/pollen/TypeConfig.h"
-#include "platform/pollen/TypeStatus.h"
+#include "platform/pollen/entities/QueryConfig.h"
+#include "platform/pollen/entities/QueryStatus.h"
+#include "platform/pollen/entities/TypeConfig.h"
+#include "platform/pollen/entities/TypeStatus.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "forwarder/follow/ForwardingAgent.h"
-#include "platform/lattice/IpGenPrefix.h"
+#include "platform/lattice/types/IpGenPrefix.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "forwarder/table/ProgrammedTable.h"
-#include "platform/lattice/DirectColumns.h"
+#include "platform/lattice/types/DirectColumns.h"
 
 namespace Forwarder {
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "forwarder/counters/FlowBook.h"
-#include "platform/lattice/FlowCounters.h"
+#include "platform/lattice/counters/FlowCounters.h"
 
 namespace Forwarder {
 

@@ -8,7 +8,7 @@
 
 #include "forwarder/device/Frames.h"
 #include "platform/vela/Descriptors.h"
-#include "platform/wirra/InterfaceOperations.h"
+#include "platform/wirra/devices/InterfaceOperations.h"
 
 namespace Forwarder {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace Forwarder {
 

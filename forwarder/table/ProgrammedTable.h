@@ -6,7 +6,7 @@
 
 #include "forwarder/table/MatchTable.h"
 #include "forwarder/table/ValueCheck.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace Forwarder {
 

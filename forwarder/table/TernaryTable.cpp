@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "platform/lattice/IpGenPrefix.h"
+#include "platform/lattice/types/IpGenPrefix.h"
 
 namespace Forwarder {
 namespace {

@@ -7,7 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace Forwarder {
 

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "platform/lattice/IpGenPrefix.h"
+#include "platform/lattice/types/IpGenPrefix.h"
 
 namespace Forwarder {
 namespace {

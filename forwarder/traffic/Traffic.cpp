@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "platform/lattice/Packing.h"
+#include "platform/lattice/records/Packing.h"
 
 namespace Forwarder {
 namespace {

@@ -9,11 +9,11 @@
 #include <utility>
 
 #include "platform/lattice/ArTable.h"
-#include "platform/lattice/Doorbell.h"
-#include "platform/lattice/Journal.h"
-#include "platform/lattice/Packing.h"
-#include "platform/lattice/StoreLayout.h"
 #include "platform/lattice/TableWatch.h"
+#include "platform/lattice/doorbell/Doorbell.h"
+#include "platform/lattice/records/Journal.h"
+#include "platform/lattice/records/Packing.h"
+#include "platform/lattice/records/StoreLayout.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 

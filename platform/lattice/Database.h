@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/brine/Store.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 #include "platform/vela/Ptr.h"
 #include "platform/vela/ReactorLoop.h"
 

@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "platform/brine/Store.h"
-#include "platform/lattice/DoorbellMessage.h"
-#include "platform/lattice/DoorbellSocket.h"
-#include "platform/lattice/Packing.h"
-#include "platform/lattice/StoreLayout.h"
+#include "platform/lattice/doorbell/DoorbellMessage.h"
+#include "platform/lattice/doorbell/DoorbellSocket.h"
+#include "platform/lattice/records/Packing.h"
+#include "platform/lattice/records/StoreLayout.h"
 
 namespace Lattice {
 namespace {

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace Lattice {
 

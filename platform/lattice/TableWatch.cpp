@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/lattice/StoreLayout.h"
+#include "platform/lattice/records/StoreLayout.h"
 
 namespace Lattice {
 

@@ -5,7 +5,7 @@
 #include <exception>
 #include <utility>
 
-#include "platform/pollen/QueryCheck.h"
+#include "platform/pollen/sql/QueryCheck.h"
 #include "platform/scrivel/Trace.h"
 
 static Scrivel::TraceHandle trace("QueryConfigSm");

@@ -10,9 +10,9 @@
 #include <string_view>
 
 #include "platform/lattice/Database.h"
-#include "platform/pollen/QueryConfig.h"
-#include "platform/pollen/QueryEngine.h"
-#include "platform/pollen/QueryStatus.h"
+#include "platform/pollen/engine/QueryEngine.h"
+#include "platform/pollen/entities/QueryConfig.h"
+#include "platform/pollen/entities/QueryStatus.h"
 #include "platform/vela/ReactorLoop.h"
 
 namespace Pollen {

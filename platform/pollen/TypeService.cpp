@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 #include "platform/scrivel/Trace.h"
 
 static Scrivel::TraceHandle trace("TypeService");

@@ -5,8 +5,8 @@
 #include <map>
 #include <string>
 
-#include "platform/pollen/TypeConfig.h"
-#include "platform/pollen/TypeStatus.h"
+#include "platform/pollen/entities/TypeConfig.h"
+#include "platform/pollen/entities/TypeStatus.h"
 #include "platform/vela/ReactorLoop.h"
 
 namespace Pollen {

@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/lattice/IpGenPrefix.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/IpGenPrefix.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace ForwarderTest {
 

@@ -10,7 +10,7 @@
 
 #include "platform/brine/Store.h"
 #include "platform/lattice/Database.h"
-#include "platform/lattice/FlowCounters.h"
+#include "platform/lattice/counters/FlowCounters.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/ReactorLoop.h"
 #include "tests/forwarder/Packing.h"

@@ -5,7 +5,7 @@
 
 #include "pipeline/P4InfoIndex.h"
 #include "pipeline/ProfileCheck.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 #include "tests/pipeline/Scratch.h"
 
 namespace Pipeline {

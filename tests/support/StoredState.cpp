@@ -11,8 +11,8 @@
 #include <string_view>
 
 #include "platform/brine/Store.h"
-#include "platform/lattice/StoreLayout.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/records/StoreLayout.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace TestSupport {
 namespace {

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/lattice/DirectColumns.h"
+#include "platform/lattice/types/DirectColumns.h"
 #include "tests/support/ForwarderProcess.h"
 #include "tests/support/Pipeline.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "P4Runtime/table/failures/FailureText.h"
-#include "platform/pollen/OutputTable.h"
+#include "platform/pollen/engine/OutputTable.h"
 
 namespace P4Runtime {
 

@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "P4Runtime/table/records/HandleReservation.h"
-#include "platform/lattice/Packing.h"
-#include "platform/lattice/StoreLayout.h"
+#include "platform/lattice/records/Packing.h"
+#include "platform/lattice/records/StoreLayout.h"
 
 namespace P4Runtime {
 namespace {

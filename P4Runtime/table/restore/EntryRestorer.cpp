@@ -10,7 +10,7 @@
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
-#include "platform/lattice/DirectColumns.h"
+#include "platform/lattice/types/DirectColumns.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

@@ -7,7 +7,7 @@
 
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "PI/pi_base.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace P4Runtime {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/lattice/StoreLayout.h"
+#include "platform/lattice/records/StoreLayout.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {

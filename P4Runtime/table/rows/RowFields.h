@@ -6,7 +6,7 @@
 #include <span>
 
 #include "P4Runtime/pipeline/P4CounterMeters.h"
-#include "platform/lattice/RowConstructor.h"
+#include "platform/lattice/types/RowConstructor.h"
 
 namespace P4Runtime {
 

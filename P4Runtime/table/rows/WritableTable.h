@@ -4,7 +4,7 @@
 #include "P4Runtime/companion/ResourceId.h"
 #include "P4Runtime/pipeline/FieldBitwidths.h"
 #include "platform/lattice/Database.h"
-#include "platform/lattice/RowConstructor.h"
+#include "platform/lattice/types/RowConstructor.h"
 
 namespace P4Runtime {
 

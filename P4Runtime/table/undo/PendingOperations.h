@@ -9,7 +9,7 @@
 
 #include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/table/records/EntryRecords.h"
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 
 namespace P4Runtime {
 

@@ -5,7 +5,7 @@
 #include "P4Runtime/packet/ControllerTxPktStatus.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/Exception.h"
-#include "platform/wirra/PacketManager.h"
+#include "platform/wirra/packets/PacketManager.h"
 
 namespace P4Runtime {
 namespace {

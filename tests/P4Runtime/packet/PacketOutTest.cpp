@@ -4,7 +4,7 @@
 #include "P4Runtime/packet/ControllerTxPktConfig.h"
 #include "PI/target/pi_imp.h"
 #include "platform/vela/ActivityLock.h"
-#include "platform/wirra/PacketManager.h"
+#include "platform/wirra/packets/PacketManager.h"
 #include "tests/P4Runtime/support/AgentParts.h"
 
 namespace P4Runtime {

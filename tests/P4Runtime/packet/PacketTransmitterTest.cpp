@@ -7,7 +7,7 @@
 
 #include "P4Runtime/packet/PacketTransmitter.h"
 #include "platform/vela/ActivityLock.h"
-#include "platform/wirra/PacketManager.h"
+#include "platform/wirra/packets/PacketManager.h"
 
 namespace P4Runtime {
 namespace {

@@ -9,7 +9,7 @@
 #include "PI/target/pi_mc_imp.h"
 #include "PI/target/pi_meter_imp.h"
 #include "PI/target/pi_tables_imp.h"
-#include "platform/lattice/FlowCounters.h"
+#include "platform/lattice/counters/FlowCounters.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
 namespace P4Runtime {

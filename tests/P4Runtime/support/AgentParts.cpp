@@ -13,7 +13,7 @@
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_pending_imp.h"
 #include "PI/target/pi_tables_imp.h"
-#include "platform/lattice/StoreLayout.h"
+#include "platform/lattice/records/StoreLayout.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace TestSupport {

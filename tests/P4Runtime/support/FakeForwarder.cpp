@@ -2,7 +2,7 @@
 
 #include <stdexcept>
 
-#include "platform/lattice/StoreLayout.h"
+#include "platform/lattice/records/StoreLayout.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace TestSupport {

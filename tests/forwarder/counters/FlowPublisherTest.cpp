@@ -9,7 +9,7 @@
 #include <optional>
 #include <vector>
 
-#include "platform/lattice/FlowCounters.h"
+#include "platform/lattice/counters/FlowCounters.h"
 #include "tests/forwarder/AgentFixture.h"
 #include "tests/support/TempDir.h"
 

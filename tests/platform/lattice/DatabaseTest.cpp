@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "platform/lattice/StoreLayout.h"
+#include "platform/lattice/records/StoreLayout.h"
 #include "tests/platform/brine/FailingStore.h"
 #include "tests/platform/brine/Flipping.h"
 #include "tests/platform/lattice/AgentFixture.h"

@@ -1,7 +1,7 @@
 #include "tests/platform/pollen/QueryFixture.h"
 
-#include "platform/pollen/ActiveQuery.h"
-#include "platform/pollen/Sql.h"
+#include "platform/pollen/engine/ActiveQuery.h"
+#include "platform/pollen/sql/Sql.h"
 
 namespace TestSupport {
 

@@ -4,9 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/lattice/TableType.h"
+#include "platform/lattice/types/TableType.h"
 #include "platform/orrery/EntityTypes.h"
-#include "platform/pollen/EntityTypes.h"
+#include "platform/pollen/entities/EntityTypes.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace Pollen {

@@ -17,9 +17,9 @@
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/ReactorLoop.h"
 #include "platform/vela/Timer.h"
-#include "platform/wirra/KernelNetInterfaceSm.h"
-#include "platform/wirra/PacketAccessManager.h"
-#include "platform/wirra/PacketManager.h"
+#include "platform/wirra/devices/KernelNetInterfaceSm.h"
+#include "platform/wirra/packets/PacketAccessManager.h"
+#include "platform/wirra/packets/PacketManager.h"
 
 namespace Wirra {
 

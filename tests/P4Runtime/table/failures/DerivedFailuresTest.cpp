@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/pollen/OutputTable.h"
+#include "platform/pollen/engine/OutputTable.h"
 
 namespace P4Runtime {
 namespace {

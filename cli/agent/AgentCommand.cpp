@@ -1,0 +1,230 @@
+#include "cli/agent/AgentCommand.h"
+
+#include <dlfcn.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <system_error>
+
+#include "P4Runtime/agent/AgentRuntime.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "cli/agent/NetworkPlatform.h"
+#include "cli/agent/ProvidedEntities.h"
+#include "cli/agent/StopWatcher.h"
+#include "cli/client/ClientOptions.h"
+#include "platform/brine/Store.h"
+#include "platform/orrery/Config.h"
+#include "platform/orrery/Database.h"
+#include "platform/orrery/Server.h"
+#include "platform/scrivel/Trace.h"
+#include "platform/vela/ActivityLock.h"
+#include "platform/vela/Descriptors.h"
+#include "platform/vela/ReactorLoop.h"
+
+namespace {
+
+constexpr int failed = 1;
+constexpr int usage = 2;
+// What the agent opens itself; clients come on top.
+constexpr size_t ownDescriptors = 96;
+
+struct Options {
+  std::string config;
+  std::string stateDirectory;
+  std::string library;
+  bool createCpuDevice = false;
+  bool allowPretendedProgramming = false;
+};
+
+// What ends a start: a line for standard error, and an exit status. Without a line it was stopped.
+struct StartFailure {
+  std::string line;
+  int status;
+};
+
+// The agent lies beside the command, in ../lib, when it was built or installed that way.
+std::string libraryPath(const Options& options) {
+  if (!options.library.empty()) return options.library;
+  std::error_code error;
+  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+  const auto beside = self.parent_path().parent_path() / "lib" / "libP4Runtime.so";
+  return !error && std::filesystem::exists(beside) ? beside.string() : "libP4Runtime.so";
+}
+
+struct AgentLibrary {
+  void (*registerTypes)() = nullptr;
+  void (*start)(const char* name, const P4Runtime::AgentRuntime* runtime) = nullptr;
+};
+
+AgentLibrary load(const Options& options) {
+  const std::string path = libraryPath(options);
+  void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
+  if (!handle) {
+    throw StartFailure{fmt::format("cannot load the agent: {}; name it with --library", dlerror()),
+                       failed};
+  }
+  AgentLibrary library;
+  library.registerTypes =
+      reinterpret_cast<decltype(library.registerTypes)>(dlsym(handle, "korvelAgentRegisterTypes"));
+  library.start = reinterpret_cast<decltype(library.start)>(dlsym(handle, "korvelAgentStart"));
+  if (!library.registerTypes || !library.start) {
+    throw StartFailure{fmt::format("{} is no agent library: {}", path, dlerror()), failed};
+  }
+  return library;
+}
+
+struct OpenedStore {
+  std::unique_ptr<Brine::Store> store;
+  std::string text;  // for operators
+};
+
+// Entries are worth more than a start without questions, so a store that is lost is kept aside.
+OpenedStore rebuiltStore(const Brine::StoreOptions& options, const Brine::StoreError& loss) {
+  std::string place;
+  auto store = Brine::Store::rebuild(options, loss.trouble, &place);
+  const std::string text = fmt::format("begun empty: {}; it was moved to {}", loss.what(), place);
+  fmt::print(stderr,
+             "korvel: {}; it was moved to {}, and the agent starts empty: controllers write their "
+             "entries again\n",
+             loss.what(), place);
+  return {std::move(store), text};
+}
+
+OpenedStore openedOrRebuilt(const Brine::StoreOptions& options) try {
+  return {Brine::Store::open(options), "taken up as the last process left it"};
+} catch (const Brine::StoreError& e) {
+  if (!Brine::isLoss(e.trouble)) throw;
+  return rebuiltStore(options, e);
+}
+
+OpenedStore openStore(const Options& options) try {
+  Brine::StoreOptions storeOptions;
+  storeOptions.directory = options.stateDirectory;
+  storeOptions.patience = std::chrono::seconds(1);
+  return openedOrRebuilt(storeOptions);
+} catch (const Brine::StoreError& e) {
+  throw StartFailure{e.what(), failed};
+}
+
+void warnUnlessMemory(const std::string& directory) {
+  if (Brine::isMemory(directory)) return;
+  fmt::print(
+      stderr,
+      "korvel: the state directory {} is not on a tmpfs: each commit is written to a device, "
+      "and nothing is kept beyond a boot of the machine\n",
+      directory);
+}
+
+void doLoadConfig(Orrery::Database& database, const Options& options) {
+  try {
+    Orrery::loadConfig(database, options.config);
+  } catch (const Orrery::ConfigError& e) {
+    throw StartFailure{e.what(), usage};
+  }
+}
+
+// SIGTERM and SIGINT take the same way out as an exit request.
+void doRequestExit(Orrery::Database& database) {
+  const auto config = database.entity("p4runtime/config/agent");
+  static_cast<P4Runtime::AgentConfig*>(config.get())->exitRequestedIs(true);
+}
+
+// A start that takes a while looks up between its steps.
+void stopIfRequested(const StopWatcher& stopWatcher) {
+  if (stopWatcher.requested()) throw StartFailure{"", 0};
+}
+
+P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& database,
+                                  const OpenedStore& opened, StopWatcher& stopWatcher,
+                                  const Options& options) {
+  const auto flushEntityLog = [&loop](std::function<void()> complete) {
+    Scrivel::flush();
+    loop.post(std::move(complete));
+  };
+  // Server threads are running, so nothing is destroyed. What was confirmed is committed already;
+  // what is not belongs to a batch that is being written, half of which must not last.
+  const auto exit = [](int status) { _exit(status); };
+  const auto exitIsNear = [&stopWatcher](bool near) { stopWatcher.exitIsNear(near); };
+  return {loop,           database, *opened.store, options.stateDirectory,
+          flushEntityLog, exit,     exitIsNear,    options.allowPretendedProgramming,
+          opened.text};
+}
+
+void runAgent(const Options& options, StopWatcher& stopWatcher) {
+  Vela::ReactorLoop loop;
+  Vela::TheReactorLoopIs(&loop);
+  const auto database = Orrery::embeddedDatabase(loop);
+  OpenedStore opened;
+  std::unique_ptr<Orrery::Server> server;
+  std::unique_ptr<P4Runtime::AgentRuntime> runtime;
+  std::unique_ptr<NetworkPlatform> network;
+  {
+    const Vela::ActivityLock lock;
+    const AgentLibrary library = load(options);
+    library.registerTypes();
+    network = std::make_unique<NetworkPlatform>(loop, *database);
+    provideEntities(*database, options.stateDirectory);
+    doLoadConfig(*database, options);
+    stopIfRequested(stopWatcher);
+    opened = openStore(options);
+    warnUnlessMemory(options.stateDirectory);
+    stopIfRequested(stopWatcher);
+    if (options.createCpuDevice) network->cpuDeviceIs();
+    network->start();
+    server =
+        std::make_unique<Orrery::Server>(loop, *database, options.stateDirectory + "/orrery.sock");
+    runtime = std::make_unique<P4Runtime::AgentRuntime>(
+        runtimeOf(loop, *database, opened, stopWatcher, options));
+    library.start("p4runtime", runtime.get());
+    stopWatcher.onRequestIs([&] { loop.post([&] { doRequestExit(*database); }); });
+  }
+  loop.run();
+}
+
+int agentMain(const Options& options) {
+  signal(SIGPIPE, SIG_IGN);  // a peer that went away is an error of the write
+  try {
+    Vela::raiseDescriptorLimit();
+    Vela::requireDescriptors(ownDescriptors);
+    runAgent(options, *new StopWatcher);
+    return 0;
+  } catch (const StartFailure& failure) {
+    if (!failure.line.empty()) fmt::print(stderr, "korvel: {}\n", failure.line);
+    return failure.status;
+  } catch (const std::exception& e) {
+    fmt::print(stderr, "korvel: {}\n", e.what());
+    return failed;
+  }
+}
+
+}  // namespace
+
+void addAgentCommand(CLI::App& app) {
+  auto options = std::make_shared<Options>();
+  CLI::App* command = app.add_subcommand("agent", "Run the P4Runtime agent");
+  command->add_option("--config", options->config, "Configuration file (JSON)")->required();
+  command
+      ->add_option("--state-dir", options->stateDirectory,
+                   "Where entries, sockets and traces live; best on a tmpfs")
+      ->default_str(defaultStateDirectory());
+  command->add_option("--library", options->library, "The agent's library, libP4Runtime.so");
+  command->add_flag("--create-cpu-device", options->createCpuDevice,
+                    "Make the device packets to the controller come over, a TAP \"p4controller\"");
+  command->add_flag("--allow-pretended-programming", options->allowPretendedProgramming,
+                    "Let `korvel set p4runtime/batchStatus pretendHwProgramming true` confirm "
+                    "entries that nobody programs, for tests of controllers");
+  command->callback([options] {
+    if (options->stateDirectory.empty()) options->stateDirectory = defaultStateDirectory();
+    const int status = agentMain(*options);
+    std::fflush(nullptr);
+    _exit(status);
+  });
+}

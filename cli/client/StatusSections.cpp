@@ -1,0 +1,149 @@
+#include "cli/client/StatusSections.h"
+
+#include <cjson/cJSON.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+
+#include "cli/client/AttributeText.h"
+
+namespace {
+
+using Orrery::Json;
+
+constexpr const char* pipelinePath = "p4runtime/status/pipeline";
+constexpr const char* portsPath = "p4runtime/status/port-mapping";
+constexpr const char* queriesPath = "lattice/status/query/p4runtime";
+constexpr const char* vrfsPath = "p4runtime/status/vrf";
+
+// An entity as the agent shows it; null when it has none there.
+Json entityAt(Orrery::Client& client, const std::string& path) {
+  try {
+    return client.get(path);
+  } catch (const Orrery::NoAgentError&) {
+    throw;
+  } catch (const Orrery::ClientError&) {
+    return nullptr;
+  }
+}
+
+// The attributes of each child of a directory, by name; null without children.
+Json childrenAt(Orrery::Client& client, const std::string& path) {
+  const Json directory = entityAt(client, path);
+  Json all(cJSON_CreateObject());
+  const cJSON* name = nullptr;
+  cJSON_ArrayForEach(name, cJSON_GetObjectItemCaseSensitive(directory.get(), "children")) {
+    const std::string child = name->valuestring ? name->valuestring : "";
+    Json attributes = attributesAt(client, fmt::format("{}/{}", path, child));
+    if (attributes) cJSON_AddItemToObject(all.get(), child.c_str(), attributes.release());
+  }
+  return cJSON_GetArraySize(all.get()) == 0 ? nullptr : std::move(all);
+}
+
+std::string textOf(const cJSON* attributes, const char* name) {
+  const cJSON* value = cJSON_GetObjectItemCaseSensitive(attributes, name);
+  return value ? valueText(*value) : "";
+}
+
+void add(cJSON* status, const char* name, Json section) {
+  if (section) cJSON_AddItemToObject(status, name, section.release());
+}
+
+// A title, once there is something to say below it.
+class Section {
+ public:
+  explicit Section(const char* title) : title_(title) {}
+  void line(const std::string& text) {
+    if (title_) fmt::print("{}\n", std::exchange(title_, nullptr));
+    fmt::print("  {}\n", text);
+  }
+
+ private:
+  const char* title_;
+};
+
+// The file that could not be used, and what the running pipeline does not program.
+void printPipeline(const cJSON* pipeline) {
+  Section section("pipeline");
+  if (textOf(pipeline, "failed") == "true") section.line("FAILED: " + textOf(pipeline, "text"));
+  std::istringstream refused(textOf(pipeline, "refused"));
+  for (std::string line; std::getline(refused, line);) section.line(line);
+}
+
+void printPorts(const cJSON* ports) {
+  Section section("ports");
+  for (const auto& [port, intf] : sortedEntries(ports, "intfOfPort")) {
+    section.line(fmt::format("{} {}", port, intf));
+  }
+  for (const auto& [port, reason] : sortedEntries(ports, "refused")) {
+    section.line(fmt::format("{} refused: {}", port, reason));
+  }
+}
+
+std::string queryText(const cJSON* query) {
+  const std::string reason = textOf(query, "reason");
+  if (!reason.empty()) return "failed: " + reason;
+  if (textOf(query, "active") != "true") {
+    return textOf(query, "defined") == "true" ? "not active" : "waits for its tables";
+  }
+  std::string text = fmt::format("{} rows, {}", textOf(query, "rows"), textOf(query, "method"));
+  const std::string trouble = textOf(query, "trouble");
+  return trouble.empty() ? text : text + "; " + trouble;
+}
+
+void printQueries(const cJSON* queries) {
+  Section section("queries");
+  const cJSON* query = nullptr;
+  cJSON_ArrayForEach(query, queries) {
+    std::string text = fmt::format("{}: {}", query->string, queryText(query));
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    section.line(text);
+  }
+}
+
+void printVrfs(const cJSON* vrfs) {
+  Section section("vrfs");
+  for (const auto& [name, id] : sortedEntries(vrfs, "vrfId")) {
+    section.line(fmt::format("{} {}", name, id));
+  }
+}
+
+}  // namespace
+
+Json attributesAt(Orrery::Client& client, const std::string& path) {
+  const Json entity = entityAt(client, path);
+  return Json(entity ? cJSON_DetachItemFromObjectCaseSensitive(entity.get(), "attributes")
+                     : nullptr);
+}
+
+std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attributes,
+                                                               const char* name) {
+  std::vector<std::pair<std::string, std::string>> entries;
+  const cJSON* one = nullptr;
+  cJSON_ArrayForEach(one, cJSON_GetObjectItemCaseSensitive(attributes, name)) {
+    entries.emplace_back(one->string, valueText(*one));
+  }
+  std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
+    return std::pair(a.first.size(), a.first) < std::pair(b.first.size(), b.first);
+  });
+  return entries;
+}
+
+void addStatusSections(Orrery::Client& client, cJSON* status) {
+  add(status, "pipeline", attributesAt(client, pipelinePath));
+  add(status, "ports", attributesAt(client, portsPath));
+  add(status, "queries", childrenAt(client, queriesPath));
+  add(status, "vrfs", attributesAt(client, vrfsPath));
+}
+
+void printStatusSections(const cJSON& status) {
+  const auto section = [&](const char* name) {
+    return cJSON_GetObjectItemCaseSensitive(&status, name);
+  };
+  printPipeline(section("pipeline"));
+  printPorts(section("ports"));
+  printQueries(section("queries"));
+  printVrfs(section("vrfs"));
+}

@@ -1,0 +1,243 @@
+#include "cli/table/TableDump.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+#include "platform/brine/Store.h"
+#include "platform/lattice/records/Packing.h"
+#include "platform/lattice/records/StoreLayout.h"
+
+namespace {
+
+using Lattice::ColumnText;
+using Lattice::ColumnType;
+using Lattice::TableType;
+using States = std::unordered_map<uint64_t, std::string>;
+
+constexpr const char* tableCache = "p4runtime/cache/table";
+constexpr const char* memberCache = "p4runtime/cache/actionProfileMember";
+constexpr const char* groupCache = "p4runtime/cache/actionProfileGroup";
+
+// Of a cache record only its head is needed: key (type u32, id u32, handle u64), state u32, all
+// little-endian; see P4Runtime/table/records/CacheRecords.h.
+void addState(Brine::Bytes record, States& states) {
+  uint64_t handle = 0;
+  uint32_t state = 0;
+  if (record.size() < 20) return;
+  std::memcpy(&handle, record.data() + 8, sizeof handle);
+  std::memcpy(&state, record.data() + 16, sizeof state);
+  static const char* const names[] = {"pending to be added", "pending to be deleted", "stable"};
+  states[handle] = state < std::size(names) ? names[state] : "unknown";
+}
+
+States entryStates(Brine::Snapshot& snapshot) {
+  States states;
+  snapshot.forEach(tableCache, [&](Brine::Bytes, Brine::Bytes record) {
+    addState(record, states);
+    return true;
+  });
+  return states;
+}
+
+std::shared_ptr<const TableType> typeOf(const Lattice::TableRecord& record) {
+  try {
+    return TableType::compile(record.typeName, record.definition);
+  } catch (const Lattice::TypeError&) {
+    return nullptr;
+  }
+}
+
+bool hasColumn(const TableType& type, const char* name) {
+  return std::ranges::any_of(type.valueParts(), [&](const TableType::ValuePart& part) {
+    return part.part == TableType::Part::column && part.column.name == name;
+  });
+}
+
+TableKind kindOf(const std::string& name, const TableType& type) {
+  const bool keyedById =
+      type.keyColumns().size() == 1 && type.keyColumns()[0].type == ColumnType::u32;
+  if (keyedById && name.ends_with(".member")) return TableKind::member;
+  const auto& parts = type.valueParts();
+  const bool isArray = parts.size() == 1 && parts[0].column.type == ColumnType::u32Array;
+  if (keyedById && isArray && name.ends_with(".group")) return TableKind::group;
+  if (hasColumn(type, "indirect_id") && hasColumn(type, "is_group")) return TableKind::indirect;
+  return TableKind::direct;
+}
+
+DumpedTable tableOf(const std::string& name, const Lattice::TableRecord& record) {
+  DumpedTable table{.name = name, .typeName = record.typeName, .type = typeOf(record)};
+  if (!table.type) return table;
+  table.kind = kindOf(name, *table.type);
+  table.counted = std::ranges::any_of(table.type->valueParts(), [](const auto& part) {
+    return part.part == TableType::Part::counter;
+  });
+  return table;
+}
+
+template <typename Visit>
+void eachRow(Brine::Snapshot& snapshot, const DumpedTable& table, const Visit& visit) {
+  snapshot.forEach(Lattice::rowTable(table.name), [&](Brine::Bytes key, Brine::Bytes bytes) {
+    const auto stored = Lattice::StoredRow::decode(Brine::asText(bytes));
+    if (!stored) return true;  // no row of ours
+    visit(DumpedRow{std::string(Brine::asText(key)), std::string(stored->value),
+                    stored->entryHandle, stored->sequence, ""});
+    return true;
+  });
+}
+
+void addRows(Brine::Snapshot& snapshot, const States& states, DumpedTable& table) {
+  eachRow(snapshot, table, [&](DumpedRow row) {
+    if (const auto state = states.find(row.entryHandle); state != states.end()) {
+      row.state = state->second;
+    }
+    table.rows.push_back(std::move(row));
+  });
+}
+
+DumpedMember memberOf(const DumpedTable& table, const DumpedRow& row) {
+  try {
+    return {.action = valueTexts(*table.type, row.value)};
+  } catch (const Lattice::TypeError&) {
+    return {.action = {{"action", "unreadable"}}};
+  }
+}
+
+// Weights are repeated ids.
+DumpedGroup groupOf(const DumpedRow& row) {
+  DumpedGroup group;
+  Lattice::Unpacker bytes(row.value);
+  const auto count = bytes.take<uint32_t>();
+  for (uint32_t i = 0; i < count; ++i) {
+    const auto id = bytes.take<uint32_t>();
+    if (bytes.bad()) break;  // no more than there are
+    auto known = std::ranges::find(group.members, id, &std::pair<uint32_t, unsigned>::first);
+    if (known == group.members.end()) known = group.members.insert(known, {id, 0});
+    ++known->second;
+  }
+  return group;
+}
+
+// Visits id and controller's id of what a cache has a record of. In a record the controller's id
+// stands at `idAt`, the agent's handle at `handleAt`.
+template <typename Visit>
+void eachCached(Brine::Snapshot& snapshot, const char* cache, size_t idAt, size_t handleAt,
+                const Visit& visit) {
+  snapshot.forEach(cache, [&](Brine::Bytes, Brine::Bytes record) {
+    if (record.size() < handleAt + sizeof(uint64_t)) return true;
+    const auto handle = Lattice::loadAt<uint64_t>(record.data() + handleAt);
+    // Rows have the lower half.
+    visit(static_cast<uint32_t>(handle), Lattice::loadAt<uint32_t>(record.data() + idAt));
+    return true;
+  });
+}
+
+DumpedProfiles profilesIn(Brine::Snapshot& snapshot, const std::vector<DumpedTable>& tables) {
+  DumpedProfiles profiles;
+  for (const DumpedTable& table : tables) {
+    if (table.kind == TableKind::member) {
+      eachRow(snapshot, table, [&](const DumpedRow& row) {
+        profiles.members[profileId(row)] = memberOf(table, row);
+      });
+    } else if (table.kind == TableKind::group) {
+      eachRow(snapshot, table,
+              [&](const DumpedRow& row) { profiles.groups[profileId(row)] = groupOf(row); });
+    }
+  }
+  eachCached(snapshot, memberCache, 20, 24, [&](uint32_t id, uint32_t controllerId) {
+    const auto found = profiles.members.find(id);
+    if (found != profiles.members.end()) found->second.controllerId = controllerId;
+  });
+  // A group that has had no members yet has no row, and is there all the same.
+  eachCached(snapshot, groupCache, 16, 20, [&](uint32_t id, uint32_t controllerId) {
+    profiles.groups[id].controllerId = controllerId;
+  });
+  return profiles;
+}
+
+bool isWanted(const std::vector<std::string>& wanted, const std::string& name) {
+  return wanted.empty() || std::ranges::find(wanted, name) != wanted.end();
+}
+
+std::string damagedText(const Brine::DamagedRecord& record,
+                        const std::vector<DumpedTable>& tables) {
+  std::string key = "0x";
+  for (const char c : record.key) key += fmt::format("{:02x}", static_cast<uint8_t>(c));
+  const auto isIts = [&](const DumpedTable& table) {
+    return record.table == Lattice::rowTable(table.name);
+  };
+  const auto table = std::ranges::find_if(tables, isIts);
+  if (table == tables.end()) return fmt::format("{}, key {}", record.table, key);
+  if (!table->type) return fmt::format("table {}, key {}", table->name, key);
+  std::string text = "table " + table->name;
+  try {
+    for (const ColumnText& column : keyTexts(*table->type, record.key)) {
+      text += fmt::format(", {}={}", column.name, column.text);
+    }
+  } catch (const Lattice::TypeError&) {
+    text += ", key " + key;
+  }
+  return text;
+}
+
+void requireAll(const std::vector<std::string>& wanted, const std::vector<DumpedTable>& tables) {
+  for (const std::string& name : wanted) {
+    if (std::ranges::find(tables, name, &DumpedTable::name) != tables.end()) continue;
+    throw std::runtime_error("there is no table '" + name + "'; 'korvel table list' names them");
+  }
+}
+
+}  // namespace
+
+uint32_t profileId(const DumpedRow& row) {
+  uint32_t id = 0;
+  for (size_t i = 0; i < sizeof id && i < row.key.size(); ++i) {
+    id = id << 8 | static_cast<uint8_t>(row.key[i]);
+  }
+  return id;
+}
+
+std::optional<IndirectTarget> indirectTarget(const DumpedTable& table, const DumpedRow& row) {
+  IndirectTarget target;
+  try {
+    for (const ColumnText& column : valueTexts(*table.type, row.value)) {
+      const auto number = std::strtoul(column.text.c_str(), nullptr, 16);
+      if (column.name == "indirect_id") target.id = static_cast<uint32_t>(number);
+      if (column.name == "is_group") target.isGroup = number != 0;
+    }
+    return target;
+  } catch (const Lattice::TypeError&) {
+    return std::nullopt;
+  }
+}
+
+TableDump dumpedTables(const std::string& stateDirectory, const std::vector<std::string>& wanted,
+                       bool withRows) {
+  const auto reader = Brine::Reader::open(stateDirectory);
+  const auto snapshot = reader->snapshot();
+  std::vector<DumpedTable> all;
+  snapshot->forEach(Lattice::typesTable, [&](Brine::Bytes key, Brine::Bytes bytes) {
+    const auto record = Lattice::TableRecord::decode(Brine::asText(bytes));
+    if (record) all.push_back(tableOf(std::string(Brine::asText(key)), *record));
+    return true;
+  });
+  requireAll(wanted, all);
+  TableDump dump;
+  std::ranges::copy_if(all, std::back_inserter(dump.tables),
+                       [&](const DumpedTable& table) { return isWanted(wanted, table.name); });
+  const States states = withRows ? entryStates(*snapshot) : States();
+  for (DumpedTable& table : dump.tables) {
+    table.rowCount = snapshot->count(Lattice::rowTable(table.name));
+    if (withRows) addRows(*snapshot, states, table);
+  }
+  const bool leadsThere = std::ranges::any_of(dump.tables, [](const DumpedTable& table) {
+    return table.kind != TableKind::direct && !table.rows.empty();
+  });
+  if (leadsThere) dump.profiles = profilesIn(*snapshot, all);
+  for (const auto& record : snapshot->damagedRecords()) {
+    dump.damaged.push_back(damagedText(record, all));
+  }
+  return dump;
+}

@@ -1,0 +1,166 @@
+#include "platform/lattice/doorbell/DoorbellMessage.h"
+
+#include "platform/lattice/records/Packing.h"
+
+namespace Lattice {
+namespace {
+
+std::string begun(MessageKind kind) {
+  return {static_cast<char>(kind), static_cast<char>(doorbellVersion)};
+}
+
+// The bytes after kind and version, when the message is of this kind.
+std::optional<Unpacker> bodyOf(std::string_view message, MessageKind kind) {
+  if (messageKind(message) != kind) return std::nullopt;
+  return Unpacker(message.substr(2));
+}
+
+StoreIdentity takeIdentity(Unpacker& from) {
+  StoreIdentity identity{};
+  const std::string_view bytes = from.takeBytes(identity.size());
+  if (bytes.size() == identity.size()) std::memcpy(identity.data(), bytes.data(), bytes.size());
+  return identity;
+}
+
+std::string numberMessage(MessageKind kind, uint64_t number) {
+  std::string bytes = begun(kind);
+  append(bytes, number);
+  return bytes;
+}
+
+std::optional<uint64_t> numberOf(std::string_view message, MessageKind kind) {
+  auto body = bodyOf(message, kind);
+  if (!body) return std::nullopt;
+  const auto number = body->take<uint64_t>();
+  return body->finished() ? std::optional(number) : std::nullopt;
+}
+
+constexpr size_t reportsHead = 2 + 8 + 1 + 2;
+
+}  // namespace
+
+std::optional<MessageKind> messageKind(std::string_view message) {
+  if (message.size() < 2 || message[1] != static_cast<char>(doorbellVersion)) return std::nullopt;
+  const auto kind = static_cast<uint8_t>(message[0]);
+  if (kind < static_cast<uint8_t>(MessageKind::attach) ||
+      kind > static_cast<uint8_t>(MessageKind::inStep)) {
+    return std::nullopt;
+  }
+  return static_cast<MessageKind>(kind);
+}
+
+bool isForeignAttach(std::string_view message) {
+  return message.size() >= 2 && message[0] == static_cast<char>(MessageKind::attach) &&
+         message[1] != static_cast<char>(doorbellVersion);
+}
+
+std::string AttachMessage::encode() const {
+  std::string bytes = begun(MessageKind::attach);
+  append(bytes, sequence);
+  bytes.append(identity.data(), identity.size());
+  appendText(bytes, name.substr(0, maxSubscriberName));
+  return bytes;
+}
+
+std::optional<AttachMessage> AttachMessage::decode(std::string_view message) {
+  auto body = bodyOf(message, MessageKind::attach);
+  if (!body) return std::nullopt;
+  AttachMessage attach;
+  attach.sequence = body->take<uint64_t>();
+  attach.identity = takeIdentity(*body);
+  attach.name = body->takeText();
+  if (!body->finished() || attach.name.size() > maxSubscriberName) return std::nullopt;
+  return attach;
+}
+
+std::string AttachedMessage::encode() const {
+  return begun(MessageKind::attached).append(identity.data(), identity.size());
+}
+
+std::optional<AttachedMessage> AttachedMessage::decode(std::string_view message) {
+  auto body = bodyOf(message, MessageKind::attached);
+  if (!body) return std::nullopt;
+  const AttachedMessage attached{takeIdentity(*body)};
+  return body->finished() ? std::optional(attached) : std::nullopt;
+}
+
+std::string RefusedMessage::encode() const {
+  std::string bytes = begun(MessageKind::refused);
+  appendText(bytes, reason);
+  return bytes;
+}
+
+std::optional<RefusedMessage> RefusedMessage::decode(std::string_view message) {
+  auto body = bodyOf(message, MessageKind::refused);
+  if (!body) return std::nullopt;
+  const RefusedMessage refused{body->takeText()};
+  return body->finished() ? std::optional(refused) : std::nullopt;
+}
+
+std::string RingMessage::encode() const { return numberMessage(MessageKind::ring, sequence); }
+
+std::optional<RingMessage> RingMessage::decode(std::string_view message) {
+  const auto number = numberOf(message, MessageKind::ring);
+  return number ? std::optional(RingMessage{*number}) : std::nullopt;
+}
+
+std::string InStepMessage::encode() const { return numberMessage(MessageKind::inStep, sequence); }
+
+std::optional<InStepMessage> InStepMessage::decode(std::string_view message) {
+  const auto number = numberOf(message, MessageKind::inStep);
+  return number ? std::optional(InStepMessage{*number}) : std::nullopt;
+}
+
+void ReportsWriter::clear() {
+  bytes_ = begun(MessageKind::reports);
+  bytes_.reserve(maxMessageBytes);
+  bytes_.resize(reportsHead);
+  count_ = 0;
+}
+
+void ReportsWriter::add(const PackedReport& report) {
+  const std::string_view text = report.text.substr(0, maxReportText);
+  append(bytes_, report.entryHandle);
+  append(bytes_, report.sequence);
+  append(bytes_, report.errorCode);
+  append(bytes_, static_cast<uint16_t>(text.size()));
+  bytes_.append(text);
+  ++count_;
+}
+
+std::string ReportsWriter::finished(uint64_t receivedUpTo, uint8_t flags) {
+  storeAt(bytes_.data() + 2, receivedUpTo);
+  storeAt(bytes_.data() + 10, flags);
+  storeAt(bytes_.data() + 11, count_);
+  std::string message = bytes_;
+  clear();
+  return message;
+}
+
+std::optional<ReportsMessage> decodeReports(std::string_view message) {
+  auto body = bodyOf(message, MessageKind::reports);
+  if (!body) return std::nullopt;
+  ReportsMessage reports;
+  reports.receivedUpTo = body->take<uint64_t>();
+  reports.flags = body->take<uint8_t>();
+  reports.count = body->take<uint16_t>();
+  if (body->bad() || reports.count > maxReportsPerMessage) return std::nullopt;
+  reports.packed = message.substr(reportsHead);
+  return reports;
+}
+
+bool eachReport(const ReportsMessage& message,
+                const std::function<void(const PackedReport&)>& each) {
+  Unpacker from(message.packed);
+  for (unsigned i = 0; i < message.count && !from.bad(); ++i) {
+    PackedReport report;
+    report.entryHandle = from.take<uint64_t>();
+    report.sequence = from.take<uint64_t>();
+    report.errorCode = from.take<uint16_t>();
+    report.text = from.takeBytes(from.take<uint16_t>());
+    if (!from.bad()) each(report);
+  }
+  return from.finished();
+}
+
+}  // namespace Lattice

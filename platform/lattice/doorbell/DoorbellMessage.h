@@ -1,0 +1,107 @@
+// The messages on the doorbell socket, one to a packet. All begin with kind u8 and version u8;
+// numbers are little-endian. Every decode answers nothing for a message of another kind, of another
+// version, cut short, or too long.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/lattice/records/StoreLayout.h"
+
+namespace Lattice {
+
+inline constexpr uint8_t doorbellVersion = 1;
+inline constexpr size_t maxMessageBytes = 32 * 1024;
+inline constexpr size_t maxReportsPerMessage = 512;
+inline constexpr size_t maxReportText = 1024;  // longer ones are cut
+inline constexpr size_t maxSubscriberName = 64;
+
+enum class MessageKind : uint8_t { attach = 1, attached, refused, ring, reports, inStep };
+
+// From a subscriber, first of all: what it knows.  sequence u64 | identity | name
+struct AttachMessage {
+  uint64_t sequence = 0;
+  StoreIdentity identity{};
+  std::string_view name;
+  std::string encode() const;
+  static std::optional<AttachMessage> decode(std::string_view message);
+};
+
+// The answer: the tables are open to it.  identity
+struct AttachedMessage {
+  StoreIdentity identity{};
+  std::string encode() const;
+  static std::optional<AttachedMessage> decode(std::string_view message);
+};
+
+// Or else why not; the connection then ends.  text
+struct RefusedMessage {
+  std::string_view reason;
+  std::string encode() const;
+  static std::optional<RefusedMessage> decode(std::string_view message);
+};
+
+// From the agent: there are changes up to `sequence`.
+struct RingMessage {
+  uint64_t sequence = 0;
+  std::string encode() const;
+  static std::optional<RingMessage> decode(std::string_view message);
+};
+
+// From a subscriber: it has received everything up to `receivedUpTo`, and reports on some.
+// receivedUpTo u64 | flags u8 | count u16 | per report: entryHandle u64 | sequence u64 |
+// errorCode u16 | textSize u16 | text
+struct ReportsMessage {
+  static constexpr uint8_t takingSnapshot = 1;
+  uint64_t receivedUpTo = 0;
+  uint8_t flags = 0;
+  uint16_t count = 0;
+  std::string_view packed;
+};
+
+struct PackedReport {
+  uint64_t entryHandle = 0;
+  uint64_t sequence = 0;
+  uint16_t errorCode = 0;
+  std::string_view text;
+};
+
+// Gathers reports into one message.
+class ReportsWriter {
+ public:
+  ReportsWriter() { clear(); }
+  size_t count() const { return count_; }
+  bool full() const {
+    return count_ == maxReportsPerMessage || bytes_.size() + 20 + maxReportText > maxMessageBytes;
+  }
+  void add(const PackedReport& report);                        // unless full()
+  std::string finished(uint64_t receivedUpTo, uint8_t flags);  // and begins anew
+  void clear();
+
+ private:
+  std::string bytes_;
+  uint16_t count_ = 0;
+};
+
+std::optional<ReportsMessage> decodeReports(std::string_view message);
+// The reports of a message that decodeReports() took, in order; false when the bytes do not hold
+// what the message promises.
+bool eachReport(const ReportsMessage& message,
+                const std::function<void(const PackedReport&)>& each);
+
+// From a subscriber that took a snapshot and has reported on all of it.  sequence u64
+struct InStepMessage {
+  uint64_t sequence = 0;
+  std::string encode() const;
+  static std::optional<InStepMessage> decode(std::string_view message);
+};
+
+std::optional<MessageKind> messageKind(std::string_view message);  // of this version
+// Whether it is an attach message of another version: that sender is worth an answer.
+bool isForeignAttach(std::string_view message);
+
+}  // namespace Lattice

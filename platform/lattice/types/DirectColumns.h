@@ -1,0 +1,29 @@
+// The meter and counter columns of a row, taken out of its packed value.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "platform/lattice/types/TableType.h"
+
+namespace Lattice {
+
+struct MeterColumns {
+  bool given = false;  // false: the entry came without a setting, and what follows is the default
+  uint64_t cir = 0;
+  uint64_t cburst = 0;
+  uint64_t pir = 0;
+  uint64_t pburst = 0;
+};
+struct CounterColumns {
+  bool given = false;
+  uint64_t bytes = 0;
+  uint64_t packets = 0;
+};
+
+// Nothing when the type has no such part, or the bytes do not have the type's layout.
+std::optional<MeterColumns> meterOfRow(const TableType& type, std::string_view value);
+std::optional<CounterColumns> counterOfRow(const TableType& type, std::string_view value);
+
+}  // namespace Lattice
