@@ -14,8 +14,8 @@
 #include <string>
 
 #include "cli/client/ClientOptions.h"
-#include "platform/orrery/Json.h"
 #include "platform/scrivel/TraceReader.h"
+#include "platform/vela/Json.h"
 
 namespace {
 
@@ -37,17 +37,17 @@ std::string traceDirectory(const Options& options) {
 }
 
 std::string jsonRecord(const Scrivel::TraceRecord& record) {
-  const Orrery::Json json(cJSON_CreateObject());
+  const Vela::Json json(cJSON_CreateObject());
   cJSON_AddStringToObject(json.get(), "timeNs", std::to_string(record.timeNs).c_str());
   cJSON_AddNumberToObject(json.get(), "pid", static_cast<double>(record.pid));
   cJSON_AddNumberToObject(json.get(), "thread", record.threadId);
   cJSON_AddStringToObject(json.get(), "handle", record.handle.c_str());
   cJSON_AddNumberToObject(json.get(), "level", record.level);
   cJSON_AddStringToObject(json.get(), "text", record.text.c_str());
-  return Orrery::jsonLine(*json);
+  return Vela::jsonLine(*json);
 }
 
-// At most `last` of them, the newest. Answers how many came, the filtered ones included.
+// Prints at most `last` records, the newest. Returns how many came, the filtered ones included.
 size_t printRecords(Scrivel::TraceReader& reader, const Options& options,
                     std::optional<size_t> last) {
   auto records = reader.records();
@@ -83,8 +83,7 @@ void setLevels(Scrivel::TraceReader& reader, const Options& options) {
   size_t changed = 0;
   for (const auto& file : reader.files()) {
     if (!file.alive || (options.filter.pid && file.pid != *options.filter.pid)) continue;
-    const std::string trouble = Scrivel::setLevels(file.path, options.set);
-    if (!trouble.empty()) throw std::runtime_error(trouble);
+    Scrivel::setLevels(file.path, options.set);
     ++changed;
   }
   if (changed == 0) {

@@ -26,7 +26,7 @@ std::string widthRefusal(int bits) {
   return "";
 }
 
-// Integers in host order up to 32 bits; what is wider stays in network order.
+// Integers in host order up to 32 bits; wider values stay in network order.
 ColumnChoice plainColumn(int bits) {
   if (const std::string refusal = widthRefusal(bits); !refusal.empty()) return {"", refusal};
   if (bits <= 8) return {"U8", ""};

@@ -13,10 +13,10 @@ class MatchField;
 
 namespace Pipeline {
 
-// The type, or why there is none.
+// The type, or else the reason for a refusal.
 struct ColumnChoice {
   std::string type;
-  std::string refusal;  // empty: there is a type
+  std::string refusal;  // empty: `type` counts
 };
 
 // Of the value (and the mask) of a match field that is no LPM.

@@ -175,7 +175,7 @@ MatchValue matchValue(const std::string& text, uint32_t bits) {
   return {Form::exact, valueBytes(text, bits), "", 0};
 }
 
-ConstantEntry encodedEntry(const EntryDraft& draft, const PipelineLayout& layout) {
+ConstantEntry encodeEntry(const EntryDraft& draft, const PipelineLayout& layout) {
   const TableLayout& table = layoutOf(*draft.table, layout);
   checkAction(draft, table);
   checkPriority(draft);

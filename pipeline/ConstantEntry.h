@@ -1,4 +1,4 @@
-// Constant entries: from what people write to the bytes that the agent programs at start.
+// Constant entries: from the text that people write to the bytes that the agent programs at start.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ struct ConstantEntry {
   std::string actionParams;
 };
 
-// What one match field of an entry says; values are (bits + 7) / 8 bytes.
+// One match field of an entry; values are (bits + 7) / 8 bytes.
 struct MatchValue {
   enum class Form : uint8_t { exact, ternary, lpm, range };
   Form form = Form::exact;
@@ -51,6 +51,6 @@ void checkTakesActions(const p4::config::v1::Table& table);
 MatchValue matchValue(const std::string& text, uint32_t bits);
 
 // Throws PipelineError when the entry does not fit the table, its action or the agent.
-ConstantEntry encodedEntry(const EntryDraft& draft, const PipelineLayout& layout);
+ConstantEntry encodeEntry(const EntryDraft& draft, const PipelineLayout& layout);
 
 }  // namespace Pipeline

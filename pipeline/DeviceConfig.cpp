@@ -5,9 +5,10 @@
 
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
-#include "pipeline/Json.h"
+#include "pipeline/JsonFault.h"
 #include "pipeline/Names.h"
 #include "pipeline/ValueText.h"
+#include "platform/vela/Json.h"
 #include "platform/vela/PlainText.h"
 
 namespace Pipeline {
@@ -27,28 +28,28 @@ DeviceTable deviceTable(const TableLayout& layout) {
 }
 
 void addTable(const DeviceTable& table, cJSON* tables) {
-  cJSON* object = newObjectIn(tables);
-  stringItemIs(object, "table_name", table.name);
-  numberItemIs(object, "table_id", table.id);
-  stringItemIs(object, "table_type", table.type);
-  stringItemIs(object, "table_class", tableClass(table.kind));
-  cJSON* fields = newArrayItem(object, "table_fields");
+  cJSON* object = Vela::addObjectTo(tables);
+  Vela::addString(object, "table_name", table.name);
+  Vela::addNumber(object, "table_id", table.id);
+  Vela::addString(object, "table_type", table.type);
+  Vela::addString(object, "table_class", tableClass(table.kind));
+  cJSON* fields = Vela::addArray(object, "table_fields");
   for (const DeviceField& field : table.fields) {
-    cJSON* item = newObjectIn(fields);
-    stringItemIs(item, "field_name", field.name);
-    stringItemIs(item, "field_type", field.type);
+    cJSON* item = Vela::addObjectTo(fields);
+    Vela::addString(item, "field_name", field.name);
+    Vela::addString(item, "field_type", field.type);
   }
-  cJSON* entries = newArrayItem(object, "table_entries");
+  cJSON* entries = Vela::addArray(object, "table_entries");
   for (const DeviceEntry& entry : table.entries) {
-    cJSON* item = newObjectIn(entries);
-    stringItemIs(item, "key", entry.key);
-    numberItemIs(item, "action_id", entry.actionId);
-    stringItemIs(item, "action_params", entry.actionParams);
-    if (entry.priority != 0) numberItemIs(item, "priority", entry.priority);
+    cJSON* item = Vela::addObjectTo(entries);
+    Vela::addString(item, "key", entry.key);
+    Vela::addNumber(item, "action_id", entry.actionId);
+    Vela::addString(item, "action_params", entry.actionParams);
+    if (entry.priority != 0) Vela::addNumber(item, "priority", entry.priority);
   }
 }
 
-// Reads the parts of "p4rtc"; what is missing becomes an error that names the element.
+// Reads the parts of "p4rtc"; a missing part becomes an error that names the element.
 class DeviceReader {
  public:
   DeviceReader(const cJSON* root, Findings* findings) : root_(root), findings_(findings) {}
@@ -74,13 +75,13 @@ class DeviceReader {
 
   template <typename Visit>
   void forEach(const cJSON* object, const char* key, const std::string& owner, Visit visit) {
-    const cJSON* array = arrayItem(object, key);
+    const cJSON* array = Vela::jsonArray(object, key);
     if (array == nullptr) return missing(owner, "array", key);
     for (const cJSON* item = array->child; item != nullptr; item = item->next) visit(item);
   }
 
   std::string text(const cJSON* object, const char* key, const std::string& owner) {
-    const auto value = stringItem(object, key);
+    const auto value = Vela::jsonString(object, key);
     if (!value || value->empty()) {
       missing(owner, "text", key);
       return "";
@@ -101,13 +102,13 @@ class DeviceReader {
   void readType(const cJSON* item) {
     const std::string owner = "table type " + std::to_string(config_.types.size() + 1);
     std::string name = text(item, "table_type", owner);
-    const auto definition = stringItem(item, "table_type_def");
+    const auto definition = Vela::jsonString(item, "table_type_def");
     if (!definition) missing(owner, "text", "table_type_def");
     config_.types.push_back({std::move(name), definition.value_or("")});
   }
 
   void readQuery(const cJSON* item) {
-    const auto path = stringItem(item, "output_table_path");
+    const auto path = Vela::jsonString(item, "output_table_path");
     try {
       config_.queries.push_back(deviceQuery(item, ""));
     } catch (const PipelineError& error) {
@@ -122,17 +123,17 @@ class DeviceReader {
                       "element " + std::to_string(config_.tables.size() + 1) + " of \"tables\"");
     const std::string owner = "table " + table.name;
     table.type = text(item, "table_type", owner);
-    const auto id = numberItem(item, "table_id");
+    const auto id = Vela::jsonNumber(item, "table_id");
     if (!id) missing(owner, "number of 32 bits", "table_id");
     table.id = id.value_or(0);
-    table.kind = kindOf(stringItem(item, "table_class").value_or(""));
+    table.kind = kindOf(Vela::jsonString(item, "table_class").value_or(""));
     readFields(item, owner, &table);
     readEntries(item, owner, &table);
     config_.tables.push_back(std::move(table));
   }
 
   void readFields(const cJSON* item, const std::string& owner, DeviceTable* table) {
-    if (arrayItem(item, "table_fields") == nullptr) {
+    if (Vela::jsonArray(item, "table_fields") == nullptr) {
       findings_->error(
           owner, "has no array \"table_fields\"",
           {"table_fields token is missing in JSON file, table " + table->name + " to create rows"});
@@ -154,12 +155,13 @@ class DeviceReader {
       return;
     }
     forEach(item, "table_entries", owner, [&](const cJSON* entry) {
-      const auto priority = numberItem(entry, "priority");
+      const auto priority = Vela::jsonNumber(entry, "priority");
       const bool isNumber = priority || cJSON_GetObjectItem(entry, "priority") == nullptr;
-      table->entries.push_back(
-          {stringItem(entry, "key").value_or(""), numberItem(entry, "action_id").value_or(0),
-           stringItem(entry, "action_params").value_or(""), priority.value_or(0),
-           isNumber ? "" : "its priority is no whole number of 32 bits"});
+      table->entries.push_back({Vela::jsonString(entry, "key").value_or(""),
+                                Vela::jsonNumber(entry, "action_id").value_or(0),
+                                Vela::jsonString(entry, "action_params").value_or(""),
+                                priority.value_or(0),
+                                isNumber ? "" : "its priority is no whole number of 32 bits"});
     });
   }
 
@@ -187,24 +189,24 @@ DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<Consta
 }
 
 std::string deviceConfigText(const DeviceConfig& config) {
-  const JsonPtr document(cJSON_CreateObject());
+  const Vela::Json document(cJSON_CreateObject());
   cJSON* root = cJSON_AddObjectToObject(document.get(), "p4rtc");
-  cJSON* types = newArrayItem(root, "table_type_definitions");
+  cJSON* types = Vela::addArray(root, "table_type_definitions");
   for (const DeviceType& type : config.types) {
-    cJSON* object = newObjectIn(types);
-    stringItemIs(object, "table_type", type.name);
-    stringItemIs(object, "table_type_def", type.definition);
+    cJSON* object = Vela::addObjectTo(types);
+    Vela::addString(object, "table_type", type.name);
+    Vela::addString(object, "table_type_def", type.definition);
   }
-  cJSON* tables = newArrayItem(root, "tables");
+  cJSON* tables = Vela::addArray(root, "tables");
   for (const DeviceTable& table : config.tables) addTable(table, tables);
-  cJSON* queries = newArrayItem(root, "queries");
+  cJSON* queries = Vela::addArray(root, "queries");
   for (const DeviceQuery& query : config.queries) addQuery(query, queries);
-  return printedJson(*document) + '\n';
+  return Vela::jsonBytes(*document) + '\n';
 }
 
-std::optional<DeviceConfig> parsedDeviceConfig(std::string_view json, Findings* findings) {
+std::optional<DeviceConfig> parseDeviceConfig(std::string_view json, Findings* findings) {
   JsonFault fault;
-  const JsonPtr document = parsedJson(json, &fault);
+  const Vela::Json document = parseJson(json, &fault);
   if (!document) {
     findings->error("the device configuration, line and column " + fault.place, fault.what,
                     {"Cannot parse JSON file", "", fault.rest});

@@ -59,8 +59,8 @@ DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<Consta
 std::string deviceConfigText(const DeviceConfig& config);
 
 // Reads the device JSON. Nothing where the agent would find nothing to run (no JSON, no "p4rtc");
-// that, and what is wrong within, are errors. Constant entries are not looked into: a part that is
-// missing there reads as empty.
-std::optional<DeviceConfig> parsedDeviceConfig(std::string_view json, Findings* findings);
+// that is an error, and so is each fault within. Constant entries are not looked into: a missing
+// part reads as empty.
+std::optional<DeviceConfig> parseDeviceConfig(std::string_view json, Findings* findings);
 
 }  // namespace Pipeline

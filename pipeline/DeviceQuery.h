@@ -5,8 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "pipeline/Json.h"
 #include "pipeline/TypeCheck.h"
+#include "platform/vela/Json.h"
 
 namespace Pipeline {
 
@@ -33,7 +33,7 @@ void readQueriesFile(const std::string& path, std::vector<DeviceType>* types,
 DeviceQuery deviceQuery(const cJSON* element, const std::string& place);
 void addQuery(const DeviceQuery& query, cJSON* queries);
 
-// Errors: what the agent would say of the queries when it starts.
+// Errors: the agent's refusals of the queries when it starts.
 void checkQueries(const DeviceConfig& config, const CompiledTypes& types, Findings* findings);
 // How the agent keeps the query's output up to date; empty when it cannot.
 std::string queryMethodText(const DeviceQuery& query, const DeviceConfig& config,

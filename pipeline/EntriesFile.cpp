@@ -8,11 +8,12 @@
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
-#include "pipeline/Json.h"
+#include "pipeline/JsonFault.h"
 #include "pipeline/Names.h"
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 #include "pipeline/TableLayout.h"
 #include "pipeline/ValueText.h"
+#include "platform/vela/Json.h"
 
 namespace Pipeline {
 namespace {
@@ -57,7 +58,7 @@ std::string scalarText(const cJSON& value) {
 
 class JsonEntry {
  public:
-  JsonEntry(const cJSON& json, const P4InfoIndex& index) : json_(json), index_(index) {}
+  JsonEntry(const cJSON& json, const P4InfoLookup& index) : json_(json), index_(index) {}
 
   EntryDraft draft() {
     checkKeys();
@@ -69,7 +70,7 @@ class JsonEntry {
     draft_.params.resize(static_cast<size_t>(draft_.action->params_size()));
     forEachItem("params", [this](const cJSON& item) { addParam(item); });
     if (cJSON_HasObjectItem(&json_, "priority") != 0) {
-      const auto priority = numberItem(&json_, "priority");
+      const auto priority = Vela::jsonNumber(&json_, "priority");
       if (!priority || *priority > INT32_MAX)
         throw PipelineError("\"priority\" is no whole number from 0 to 2147483647");
       draft_.priority = *priority;
@@ -91,7 +92,7 @@ class JsonEntry {
   }
 
   std::string text(const char* key) const {
-    const auto value = stringItem(&json_, key);
+    const auto value = Vela::jsonString(&json_, key);
     if (!value) throw PipelineError('"' + std::string(key) + "\" is missing, or no text");
     return *value;
   }
@@ -132,7 +133,7 @@ class JsonEntry {
   }
 
   const cJSON& json_;
-  const P4InfoIndex& index_;
+  const P4InfoLookup& index_;
   EntryDraft draft_;
 };
 
@@ -174,7 +175,7 @@ const p4::v1::TableEntry& insertedEntry(const p4::v1::Update& update) {
   return entry;
 }
 
-EntryDraft draftOf(const p4::v1::Update& update, const P4InfoIndex& index) {
+EntryDraft draftOf(const p4::v1::Update& update, const P4InfoLookup& index) {
   const p4::v1::TableEntry& entry = insertedEntry(update);
   EntryDraft draft;
   draft.table = index.table(entry.table_id());
@@ -216,7 +217,7 @@ class EntryList {
   EntryList(const std::string& path, const PipelineLayout& layout, Findings* findings)
       : path_(path), layout_(layout), findings_(findings) {}
 
-  // `make` answers the next entry's draft; `table` is its name as far as it is known.
+  // `make` returns the next entry's draft; `table` is its name as far as it is known.
   template <typename Make>
   void add(const std::string& table, Make make) {
     ++number_;
@@ -227,7 +228,7 @@ class EntryList {
       if (layout_.refused.contains({TableKind::match, draft.table->preamble().id()})) {
         findings_->warning("", place + "left out, because the table cannot be programmed");
       } else {
-        append(encodedEntry(draft, layout_));
+        append(encodeEntry(draft, layout_));
       }
     } catch (const PipelineError& e) {
       throw PipelineError(place + e.what());
@@ -253,24 +254,24 @@ class EntryList {
   std::map<std::tuple<uint32_t, std::string, uint32_t>, size_t> numbers_;
 };
 
-void readJsonEntries(const std::string& path, const std::string& contents, const P4InfoIndex& index,
-                     EntryList* list) {
-  const JsonPtr root = parsedJsonFile(path, contents);
+void readJsonEntries(const std::string& path, const std::string& contents,
+                     const P4InfoLookup& index, EntryList* list) {
+  const Vela::Json root = parseJsonFile(path, contents);
   const cJSON* entries = cJSON_IsArray(root.get()) != 0 ? root.get() : nullptr;
-  if (entries == nullptr) entries = arrayItem(root.get(), "entries");
+  if (entries == nullptr) entries = Vela::jsonArray(root.get(), "entries");
   if (entries == nullptr) {
     throw PipelineError(path +
                         ": expected an array of entries [{\"table\": ...}, ...], or an object"
                         " with such an array under \"entries\"");
   }
   for (const cJSON* item = entries->child; item != nullptr; item = item->next) {
-    list->add(stringItem(item, "table").value_or(""),
+    list->add(Vela::jsonString(item, "table").value_or(""),
               [&] { return JsonEntry(*item, index).draft(); });
   }
 }
 
 void readWriteRequest(const std::string& path, const std::string& contents,
-                      const P4InfoIndex& index, EntryList* list, Findings* findings) {
+                      const P4InfoLookup& index, EntryList* list, Findings* findings) {
   p4::v1::WriteRequest request;
   if (looksLikeText(contents)) {
     Findings skipped;
@@ -291,7 +292,7 @@ void readWriteRequest(const std::string& path, const std::string& contents,
 
 }  // namespace
 
-std::vector<ConstantEntry> readConstantEntries(const std::string& path, const P4InfoIndex& index,
+std::vector<ConstantEntry> readConstantEntries(const std::string& path, const P4InfoLookup& index,
                                                const PipelineLayout& layout, Findings* findings) {
   const std::string contents = fileContents(path);
   EntryList list(path, layout, findings);

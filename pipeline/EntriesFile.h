@@ -10,11 +10,11 @@
 namespace Pipeline {
 
 class Findings;
-class P4InfoIndex;
+class P4InfoLookup;
 
 // In file order. Errors are PipelineError and name the file, the entry by its number from 1, and
 // its table. Two entries of the same key are an error.
-std::vector<ConstantEntry> readConstantEntries(const std::string& path, const P4InfoIndex& index,
+std::vector<ConstantEntry> readConstantEntries(const std::string& path, const P4InfoLookup& index,
                                                const PipelineLayout& layout, Findings* findings);
 
 }  // namespace Pipeline

@@ -6,7 +6,7 @@
 #include "p4/config/v1/p4info.pb.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 #include "pipeline/ValueText.h"
 
 namespace Pipeline {
@@ -107,7 +107,7 @@ const ActionShape& shapeOf(uint32_t actionId, const TableLayout& layout) {
 }  // namespace
 
 EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table,
-                    const TableLayout& layout, const P4InfoIndex& index) {
+                    const TableLayout& layout, const P4InfoLookup& index) {
   if (!entry.trouble.empty()) throw PipelineError(entry.trouble);
   if (layout.indirect)
     throw PipelineError("the table takes no actions, but action profile members");

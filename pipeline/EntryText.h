@@ -1,4 +1,4 @@
-// Constant entries of a pipeline file, back into what people read; doing so checks them.
+// Constant entries of a pipeline file as text for people; the conversion checks them.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ class Table;
 
 namespace Pipeline {
 
-class P4InfoIndex;
+class P4InfoLookup;
 
 struct EntryText {
   std::vector<std::pair<std::string, std::string>> match;   // P4 field name, value
@@ -23,6 +23,6 @@ struct EntryText {
 
 // Throws PipelineError when the entry does not fit the table: lengths, widths, action, priority.
 EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table,
-                    const TableLayout& layout, const P4InfoIndex& index);
+                    const TableLayout& layout, const P4InfoLookup& index);
 
 }  // namespace Pipeline

@@ -7,7 +7,8 @@
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/Files.h"
-#include "pipeline/Json.h"
+#include "pipeline/JsonFault.h"
+#include "platform/vela/Json.h"
 
 namespace Pipeline {
 namespace {
@@ -31,7 +32,7 @@ bool isP4InfoText(std::string_view contents) {
 
 FileKind kindOfJson(std::string_view contents) {
   JsonFault fault;
-  const JsonPtr json = parsedJson(contents, &fault);
+  const Vela::Json json = parseJson(contents, &fault);
   const auto has = [&](const char* key) { return cJSON_HasObjectItem(json.get(), key) != 0; };
   if (has("header_types") || has("parsers") || has("pipelines")) return FileKind::programJson;
   if (has("p4rtc")) return FileKind::deviceJson;

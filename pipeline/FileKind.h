@@ -1,4 +1,4 @@
-// What a file is that someone has named in place of another one.
+// Recognises a file that was named in place of another one.
 #pragma once
 
 #include <string>
@@ -6,8 +6,8 @@
 
 namespace Pipeline {
 
-// For a file that is no pipeline file, or that may be none: what it is instead, and how a pipeline
-// file is made of it ("it is a P4Info; ..."). Empty when nothing is known of it.
+// For a file that is no pipeline file, or may not be one: its kind, and how to make a pipeline file
+// of it ("it is a P4Info; ..."). Empty for a file of unknown kind.
 std::string whyNoPipelineFile(std::string_view contents);
 
 // The same for a file that is no P4Info.

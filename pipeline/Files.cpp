@@ -20,8 +20,9 @@
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/FileKind.h"
 #include "pipeline/Finding.h"
-#include "pipeline/Json.h"
+#include "pipeline/JsonFault.h"
 #include "pipeline/Names.h"
+#include "platform/vela/Json.h"
 
 namespace Pipeline {
 namespace {
@@ -83,12 +84,12 @@ void dropUnresolvableAnys(p4::config::v1::P4Info* p4Info, Findings* findings) {
 // In JSON, messages of types that we do not know cannot be read at all; in the other forms their
 // contents are skipped.
 std::string withoutAnys(const std::string& path, const std::string& text, Findings* findings) {
-  const JsonPtr json = parsedJsonFile(path, text);
+  const Vela::Json json = parseJsonFile(path, text);
   const auto drop = [&](cJSON* object, const char* key, const char* why) {
     if (cJSON_GetObjectItem(object, key) == nullptr) return;
     cJSON_DeleteItemFromObject(object, key);
     const cJSON* preamble = cJSON_GetObjectItem(object, "preamble");
-    findings->warning(stringItem(preamble, "name").value_or("P4Info"), why);
+    findings->warning(Vela::jsonString(preamble, "name").value_or("P4Info"), why);
   };
   cJSON* object = nullptr;
   for (const char* key : {"otherProperties", "other_properties"}) {
@@ -100,7 +101,7 @@ std::string withoutAnys(const std::string& path, const std::string& text, Findin
     cJSON_ArrayForEach(object, cJSON_GetObjectItem(external, "instances"))
         drop(object, "info", noExterns);
   }
-  return printedJson(*json);
+  return Vela::jsonBytes(*json);
 }
 
 void parseP4InfoJson(const std::string& path, const std::string& text,

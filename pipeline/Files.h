@@ -40,7 +40,7 @@ void parseTextForm(const std::string& path, std::string_view text,
 // A pipeline file: a binary SetForwardingPipelineConfigRequest that holds a P4Info.
 void readPipelineFile(const std::string& path, p4::v1::SetForwardingPipelineConfigRequest* request);
 
-// The device JSON inside it; nothing, and an error, when there is none.
+// The device JSON inside it; nothing, and an error, without one.
 std::optional<std::string> deviceData(const p4::v1::SetForwardingPipelineConfigRequest& request,
                                       Findings* findings);
 

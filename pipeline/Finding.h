@@ -1,4 +1,4 @@
-// What a look at a pipeline brings up: what would not work, by name, and how bad that is.
+// The findings of a check: the parts of a pipeline that would not work, by name, and how bad it is.
 #pragma once
 
 #include <stdexcept>
@@ -7,7 +7,7 @@
 
 namespace Pipeline {
 
-// One line for people: what is wrong, with which file or object, and what was expected.
+// One line for people: the file or object, its fault, and the expectation.
 class PipelineError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -38,7 +38,7 @@ class Findings {
   void error(std::string object, std::string message, ParsingFailure failure);
   void warning(std::string object, std::string message);
   bool hasErrors() const { return firstError() != nullptr; }
-  const Finding* firstError() const;  // null: none
+  const Finding* firstError() const;  // null without errors
   const std::vector<Finding>& list() const { return list_; }
 
  private:

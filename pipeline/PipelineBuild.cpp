@@ -14,7 +14,7 @@
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 #include "pipeline/ProfileCheck.h"
 #include "pipeline/TypeCheck.h"
 
@@ -40,7 +40,7 @@ void electionIdIs(const std::string& text, p4::v1::SetForwardingPipelineConfigRe
 
 // A table that only the program fills stays empty without entries; one that is too small takes
 // fewer.
-void checkEntryCounts(const P4InfoIndex& index, const PipelineLayout& layout,
+void checkEntryCounts(const P4InfoLookup& index, const PipelineLayout& layout,
                       const std::vector<ConstantEntry>& entries, Findings* findings) {
   std::map<uint32_t, size_t> counts;
   for (const ConstantEntry& entry : entries) ++counts[entry.tableId];
@@ -70,7 +70,7 @@ void buildPipeline(const BuildOptions& options, Findings* findings) {
   p4::config::v1::P4Info* p4Info = request.mutable_config()->mutable_p4info();
   readP4Info(options.p4InfoPath, p4Info, findings);
 
-  const P4InfoIndex index(*p4Info);
+  const P4InfoLookup index(*p4Info);
   checkP4Info(index, findings);
   if (findings->hasErrors()) return;
 

@@ -11,7 +11,7 @@
 #include "pipeline/DeviceConfig.h"
 #include "pipeline/EntryText.h"
 #include "pipeline/Files.h"
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 #include "pipeline/ProfileCheck.h"
 #include "pipeline/RowCheck.h"
 #include "pipeline/TypeCheck.h"
@@ -48,7 +48,7 @@ void checkHead(const Request& request, Findings* findings) {
 // One device configuration beside the P4Info that comes with it. Both are sound in themselves.
 class DeviceCheck {
  public:
-  DeviceCheck(const P4InfoIndex& index, const DeviceConfig& device, const CompiledTypes& types,
+  DeviceCheck(const P4InfoLookup& index, const DeviceConfig& device, const CompiledTypes& types,
               Verdict* verdict)
       : index_(index),
         device_(device),
@@ -88,10 +88,10 @@ class DeviceCheck {
 
   void checkRows(const DeviceTable& table, const TableLayout& layout) {
     const Lattice::TableType& type = *types_.at(table.type);
-    const std::string why = whyRowsDiffer(table, type, layout);
-    if (!why.empty()) {
-      findings_->warning("table " + table.name, "cannot be programmed: " + why);
-      refused_->tables[{table.kind, table.id}] = why;
+    const Vela::Outcome same = Pipeline::checkRows(table, type, layout);
+    if (!same.ok()) {
+      findings_->warning("table " + table.name, "cannot be programmed: " + same.reason());
+      refused_->tables[{table.kind, table.id}] = same.reason();
       return;
     }
     for (const ActionShape& shape : layout.actions) {
@@ -146,7 +146,7 @@ class DeviceCheck {
            index_.actionProfile(id)->preamble().name();
   }
 
-  const P4InfoIndex& index_;
+  const P4InfoLookup& index_;
   const DeviceConfig& device_;
   const CompiledTypes& types_;
   Findings* findings_;
@@ -159,11 +159,11 @@ class DeviceCheck {
 void checkRequest(const Request& request, Verdict* verdict) {
   Findings* const findings = &verdict->findings;
   checkHead(request, findings);
-  const P4InfoIndex index(request.config().p4info());
+  const P4InfoLookup index(request.config().p4info());
   checkP4Info(index, findings);
   const std::optional<std::string> json = deviceData(request, findings);
   if (!json) return;
-  const std::optional<DeviceConfig> device = parsedDeviceConfig(*json, findings);
+  const std::optional<DeviceConfig> device = parseDeviceConfig(*json, findings);
   if (!device) return;
   const CompiledTypes types = checkTypes(*device, findings);
   checkQueries(*device, types, findings);

@@ -1,4 +1,4 @@
-// Whether a pipeline runs, and what of it does not: one check for the agent and for the tool.
+// Whether a pipeline runs, and which parts of it do not: one check for the agent and for the tool.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +19,7 @@ namespace Pipeline {
 // The largest pipeline file that the server takes.
 inline constexpr size_t maxPipelineBytes = size_t{64} << 20;
 
-// What the agent does not program of a pipeline that runs, and why. The rest works.
+// The parts of a running pipeline that the agent does not program, and why. The rest works.
 struct Refused {
   std::map<TableRef, std::string> tables;         // of the P4Info, and of the rows of profiles
   std::map<uint32_t, std::string> actions;        // of the P4Info, in any table
@@ -36,7 +36,7 @@ struct Verdict {
 // Changes nothing and may be called on any thread; no contents make it throw.
 Verdict checkPipeline(const p4::v1::SetForwardingPipelineConfigRequest& request);
 
-// The same of a file; one that is none is an error, too.
+// The same of a file; one that is no pipeline file gives an error.
 Verdict checkPipelineFile(const std::string& path);
 
 }  // namespace Pipeline

@@ -7,7 +7,7 @@
 #include "p4/config/v1/p4info.pb.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 
 namespace Pipeline {
 namespace {
@@ -40,7 +40,7 @@ int64_t largestWeight(const ActionProfile& profile) {
 }
 
 // The agent takes a profile's actions from the tables that the profile lists.
-void checkTable(const Table& table, const P4InfoIndex& index, Findings* findings) {
+void checkTable(const Table& table, const P4InfoLookup& index, Findings* findings) {
   const ActionProfile* profile = index.actionProfile(table.implementation_id());
   if (profile == nullptr) return;
   if (!lists(*profile, table)) {
@@ -56,7 +56,8 @@ void checkTable(const Table& table, const P4InfoIndex& index, Findings* findings
   }
 }
 
-void checkListedTables(const ActionProfile& profile, const P4InfoIndex& index, Findings* findings) {
+void checkListedTables(const ActionProfile& profile, const P4InfoLookup& index,
+                       Findings* findings) {
   const Table* first = nullptr;
   for (const uint32_t id : profile.table_ids()) {
     const Table& table = *index.table(id);
@@ -92,7 +93,7 @@ void checkSizes(const ActionProfile& profile, Findings* findings) {
 
 }  // namespace
 
-void checkProfiles(const P4InfoIndex& index, Findings* findings) {
+void checkProfiles(const P4InfoLookup& index, Findings* findings) {
   for (const Table& table : index.p4Info().tables()) checkTable(table, index, findings);
   for (const ActionProfile& profile : index.p4Info().action_profiles()) {
     checkListedTables(profile, index, findings);

@@ -16,6 +16,7 @@ using Lattice::Column;
 using Lattice::ColumnRole;
 using Lattice::ColumnType;
 using Lattice::TableType;
+using Vela::Outcome;
 
 uint32_t byteCount(uint32_t bits) { return (bits + 7) / 8; }
 
@@ -29,18 +30,18 @@ bool isInteger(ColumnType type) {
 
 // The conversion turns fields of 2 and 4 bytes to host order unless they are marked, and leaves all
 // others in network order; integers of 8 bytes would come out reversed.
-std::string whyValueDiffers(const Column& column, uint32_t bits, bool networkOrder) {
+Outcome checkValue(const Column& column, uint32_t bits, bool networkOrder) {
   const bool turned = (column.size == 2 || column.size == 4) && !networkOrder;
   const bool ordered = column.size == 1 || turned == isInteger(column.type);
   const bool fits = column.type != ColumnType::ipGenPrefix && column.size == byteCount(bits);
   if (fits && ordered && column.type != ColumnType::u64) return {};
   if (!fits) {
-    return fmt::format("column {} of {} bytes is not for {} bits", quoted(column.name), column.size,
-                       bits);
+    return Outcome::failure(fmt::format("column {} of {} bytes is not for {} bits",
+                                        quoted(column.name), column.size, bits));
   }
-  return fmt::format(
+  return Outcome::failure(fmt::format(
       "column {} would hold its bytes reversed; use {}", quoted(column.name),
-      turned ? "U" + std::to_string(8 * column.size) : fmt::format("Bytes<{}>", column.size));
+      turned ? "U" + std::to_string(8 * column.size) : fmt::format("Bytes<{}>", column.size)));
 }
 
 ColumnRole roleOf(SlotRole role) {
@@ -62,22 +63,22 @@ const char* nameOf(ColumnRole role) {
 }
 
 // Marks of byte order go by the place in "table_fields", so that each slot needs its own field.
-std::string whySlotDiffers(const Slot& slot, const DeviceField& field, const Column& column) {
+Outcome checkSlot(const Slot& slot, const DeviceField& field, const Column& column) {
   if (slot.role == SlotRole::prefix) {
     if (column.type == ColumnType::ipGenPrefix) return {};
-    return fmt::format("column {} is no IpGenPrefix, which an LPM field needs",
-                       quoted(column.name));
+    return Outcome::failure(
+        fmt::format("column {} is no IpGenPrefix, which an LPM field needs", quoted(column.name)));
   }
   if (column.role != roleOf(slot.role)) {
-    return fmt::format("column {} is {}; the P4Info asks for {} there", quoted(column.name),
-                       nameOf(column.role), nameOf(roleOf(slot.role)));
+    return Outcome::failure(fmt::format("column {} is {}; the P4Info asks for {} there",
+                                        quoted(column.name), nameOf(column.role),
+                                        nameOf(roleOf(slot.role))));
   }
   const bool marked = isAddress(column.type) && field.type != "PrefixLen";
-  return whyValueDiffers(column, slot.bits, marked);
+  return checkValue(column, slot.bits, marked);
 }
 
-std::string whyKeyDiffers(const DeviceTable& table, const TableType& type,
-                          const TableLayout& layout) {
+Outcome checkKey(const DeviceTable& table, const TableType& type, const TableLayout& layout) {
   std::vector<Column> columns = type.keyColumns();
   const bool priority = !columns.empty() && columns.back().role == ColumnRole::priority;
   if (priority) columns.pop_back();
@@ -87,32 +88,35 @@ std::string whyKeyDiffers(const DeviceTable& table, const TableType& type,
     const bool present = i < table.fields.size();
     if (slot.role == SlotRole::prefixLength) {
       if (present && table.fields[i].type == "PrefixLen") continue;
-      return fmt::format("behind its field {} there is none of type PrefixLen",
-                         quoted(columns[column - 1].name));
+      return Outcome::failure(fmt::format("behind its field {} there is none of type PrefixLen",
+                                          quoted(columns[column - 1].name)));
     }
     if (!present || column == columns.size()) {
-      return fmt::format("its key has {} columns, too few for the match fields", columns.size());
+      return Outcome::failure(
+          fmt::format("its key has {} columns, too few for the match fields", columns.size()));
     }
-    std::string why = whySlotDiffers(slot, table.fields[i], columns[column++]);
-    if (!why.empty()) return why;
+    Outcome same = checkSlot(slot, table.fields[i], columns[column++]);
+    if (!same.ok()) return same;
   }
   if (column < columns.size()) {
-    return fmt::format("no match field fills its key column {}", quoted(columns[column].name));
+    return Outcome::failure(
+        fmt::format("no match field fills its key column {}", quoted(columns[column].name)));
   }
   if (priority != layout.priority) {
-    return priority ? "its key has a priority, but its match fields ask for none"
-                    : "its key has no priority, as its ternary or range fields ask for";
+    return Outcome::failure(
+        priority ? "its key has a priority, but its match fields ask for none"
+                 : "its key has no priority, as its ternary or range fields ask for");
   }
   return {};
 }
 
 // The agent makes these ids up, in host order.
-std::string whyIdDiffers(const TableType& type) {
+Outcome checkId(const TableType& type) {
   const auto& key = type.keyColumns();
   if (key.size() == 1 && key[0].type == ColumnType::u32 && key[0].role == ColumnRole::exact) {
     return {};
   }
-  return "its key is not one column of type U32";
+  return Outcome::failure("its key is not one column of type U32");
 }
 
 std::string partsText(const TableLayout& layout) {
@@ -125,7 +129,7 @@ std::string partsText(const TableLayout& layout) {
   return text;
 }
 
-std::string whyPartsDiffer(const TableType& type, const TableLayout& layout) {
+Outcome checkParts(const TableType& type, const TableLayout& layout) {
   using Part = TableType::Part;
   std::vector<std::pair<Part, ColumnType>> wanted;
   if (layout.kind == TableKind::group) {
@@ -142,49 +146,52 @@ std::string whyPartsDiffer(const TableType& type, const TableLayout& layout) {
         return part.part == want.first &&
                (part.part != Part::column || part.column.type == want.second);
       });
-  return same ? "" : "its columns behind the key are not " + partsText(layout);
+  if (same) return {};
+  return Outcome::failure("its columns behind the key are not " + partsText(layout));
 }
 
-std::string whyActionDiffers(const Lattice::ActionLayout& action, const ActionShape& shape) {
+Outcome checkAction(const Lattice::ActionLayout& action, const ActionShape& shape) {
   const size_t wanted =
       std::max<size_t>(shape.fields.size(), 1);  // one of type Void stands for none
   if (action.fields.size() != wanted) {
-    return fmt::format("it has {} fields for {} parameters", action.fields.size(),
-                       shape.fields.size());
+    return Outcome::failure(fmt::format("it has {} fields for {} parameters", action.fields.size(),
+                                        shape.fields.size()));
   }
   if (shape.fields.empty()) {
-    return action.fields[0].type == ColumnType::none ? "" : "it needs the one field none : Void";
+    if (action.fields[0].type == ColumnType::none) return {};
+    return Outcome::failure("it needs the one field none : Void");
   }
   for (size_t i = 0; i < wanted; ++i) {
     const ActionField& field = shape.fields[i];
-    std::string why = whyValueDiffers(action.fields[i], field.bits, field.networkOrder);
-    if (!why.empty()) return why;
+    Outcome same = checkValue(action.fields[i], field.bits, field.networkOrder);
+    if (!same.ok()) return same;
   }
   return {};
 }
 
 // An action that the type lacks is refused by itself, unless it lacks all of them.
-std::string whyActionsDiffer(const TableType& type, const TableLayout& layout) {
+Outcome checkActions(const TableType& type, const TableLayout& layout) {
   bool any = layout.actions.empty();
   for (const ActionShape& shape : layout.actions) {
     const Lattice::ActionLayout* action = type.action(shape.id);
     if (action == nullptr) continue;
     any = true;
-    const std::string why = whyActionDiffers(*action, shape);
-    if (!why.empty()) return fmt::format("its action {}: {}", quoted(shape.name), why);
+    const Outcome same = checkAction(*action, shape);
+    if (same.ok()) continue;
+    return Outcome::failure(fmt::format("its action {}: {}", quoted(shape.name), same.reason()));
   }
-  return any ? "" : "its type has none of the table's actions";
+  if (any) return {};
+  return Outcome::failure("its type has none of the table's actions");
 }
 
 }  // namespace
 
-std::string whyRowsDiffer(const DeviceTable& table, const TableType& type,
-                          const TableLayout& layout) {
-  std::string why =
-      layout.kind == TableKind::match ? whyKeyDiffers(table, type, layout) : whyIdDiffers(type);
-  if (why.empty()) why = whyPartsDiffer(type, layout);
-  if (why.empty()) why = whyActionsDiffer(type, layout);
-  return why;
+Vela::Outcome checkRows(const DeviceTable& table, const TableType& type,
+                        const TableLayout& layout) {
+  Outcome same = layout.kind == TableKind::match ? checkKey(table, type, layout) : checkId(type);
+  if (same.ok()) same = checkParts(type, layout);
+  if (same.ok()) same = checkActions(type, layout);
+  return same;
 }
 
 }  // namespace Pipeline

@@ -7,7 +7,7 @@
 #include "pipeline/ColumnType.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 
 namespace Pipeline {
 namespace {
@@ -17,7 +17,7 @@ using p4::config::v1::MatchField;
 constexpr size_t maxPrefixes = 8;    // of one row, in the agent's conversion
 constexpr size_t maxPiBytes = 1023;  // of a match key, and of an action's data
 
-// Thrown within this file: what of a table cannot be programmed.
+// Thrown within this file: a part of a table cannot be programmed.
 struct Refusal {
   std::string reason;
 };
@@ -126,7 +126,7 @@ ActionShape actionShape(const p4::config::v1::Action& action, std::string name) 
 
 class LayoutMaker {
  public:
-  LayoutMaker(const P4InfoIndex& index, Findings* findings) : index_(index), findings_(findings) {}
+  LayoutMaker(const P4InfoLookup& index, Findings* findings) : index_(index), findings_(findings) {}
 
   PipelineLayout run() {
     for (const auto& table : index_.p4Info().tables()) addTable(table);
@@ -230,7 +230,7 @@ class LayoutMaker {
     layout->typeName = typeNames_.take(legalName(p4Name, plain));
   }
 
-  const P4InfoIndex& index_;
+  const P4InfoLookup& index_;
   Findings* findings_;
   PipelineLayout result_;
   UniqueNames tableNames_;
@@ -292,7 +292,7 @@ const TableLayout* PipelineLayout::table(const TableRef& ref) const {
   return nullptr;
 }
 
-PipelineLayout pipelineLayout(const P4InfoIndex& index, Findings* findings) {
+PipelineLayout pipelineLayout(const P4InfoLookup& index, Findings* findings) {
   return LayoutMaker(index, findings).run();
 }
 

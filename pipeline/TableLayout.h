@@ -1,5 +1,5 @@
 // How the agent's shared tables hold a pipeline: for each P4 table and action profile the slots of
-// its key and the fields of its actions; and what cannot be held, with the reason.
+// its key and the fields of its actions; and the parts that cannot be held, with the reason.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 namespace Pipeline {
 
 class Findings;
-class P4InfoIndex;
+class P4InfoLookup;
 
 // A part of a match key: an exact field is one slot, a ternary one two (value, mask), an LPM one
 // two (prefix, prefix length), a range one.
@@ -63,15 +63,15 @@ std::string definitionText(const TableLayout& layout);
 
 struct PipelineLayout {
   std::vector<TableLayout> tables;
-  // What cannot be programmed, and why. A refused action is in none of the tables.
+  // The parts that cannot be programmed, and why. No table has a refused action.
   std::map<TableRef, std::string> refused;
   std::map<uint32_t, std::string> refusedActions;
 
   const TableLayout* table(const TableRef& ref) const;  // null when refused or unknown
 };
 
-// What cannot be programmed comes as warnings and is left out. The references of the P4Info must
+// Parts that cannot be programmed give warnings and are left out. The references of the P4Info must
 // be sound.
-PipelineLayout pipelineLayout(const P4InfoIndex& index, Findings* findings);
+PipelineLayout pipelineLayout(const P4InfoLookup& index, Findings* findings);
 
 }  // namespace Pipeline

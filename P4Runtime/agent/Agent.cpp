@@ -45,8 +45,11 @@ void Agent::doInit() {
     options.filePrefix = name();
     if (!directory) options.filePrefix += "-%d.scv";
     options.directory = directory ? directory : runtime_.stateDirectory;
-    const std::string trouble = Scrivel::initialize(options);
-    if (!trouble.empty()) fmt::print(stderr, "korvel: no traces: {}\n", trouble);
+    try {
+      Scrivel::initialize(options);
+    } catch (const Scrivel::TraceError& e) {
+      fmt::print(stderr, "korvel: no traces: {}\n", e.what());
+    }
     SCRIVEL_TRACE(0, "scvPrefix is: ", options.filePrefix);
   }
   takeProtobufLog();
@@ -54,16 +57,16 @@ void Agent::doInit() {
 }
 
 void Agent::doMount() {
-  mountGroup_.completeIs([this](const auto& status, const auto& entityManager) {
-    doMountsComplete(status, entityManager);
+  mountGroup_.completeIs([this](const auto& mounts, const auto& entityManager) {
+    doMountsComplete(mounts, entityManager);
   });
 }
 
-void Agent::doMountsComplete(const Orrery::MountStatus& status,
+void Agent::doMountsComplete(const Vela::Outcome& mounts,
                              const Vela::Ptr<Orrery::EntityManager>& entityManager) {
-  if (!status.ok()) {
+  if (!mounts.ok()) {
     SCRIVEL_TRACE(0, name(), " Mounts failed, exiting\n");
-    fmt::print(stderr, "{} Mounts failed, exiting: {}\n", name(), status.reason);
+    fmt::print(stderr, "{} Mounts failed, exiting: {}\n", name(), mounts.reason());
     sleep(1);
     runtime_.exit(0);
   }
@@ -219,8 +222,8 @@ void Agent::doBuildServer() {
 void Agent::doBuildCommands() {
   Orrery::Database& database = runtime_.stateDatabase;
   database.settingCheckIs([this](const auto& path, const auto& attribute, const auto& text) {
-    return settingRefused(runtime_.stateDatabase, runtime_.pretendedProgrammingAllowed, path,
-                          attribute, text);
+    return checkSetting(runtime_.stateDatabase, runtime_.pretendedProgrammingAllowed, path,
+                        attribute, text);
   });
   cliSmIs(Vela::make<CliSm>(runtime_.loop, cliConfigDir(), cliStatusDir(), cliCommands(database)));
   agentConfigSm()->lastWordsIs([this](std::function<void()> complete) {

@@ -101,7 +101,7 @@ class Agent : public Vela::Entity {
   void doInit();
   // Mounts them; doMountsComplete() follows on a later turn.
   void doMount();
-  void doMountsComplete(const Orrery::MountStatus& status,
+  void doMountsComplete(const Vela::Outcome& mounts,
                         const Vela::Ptr<Orrery::EntityManager>& entityManager);
 
  private:

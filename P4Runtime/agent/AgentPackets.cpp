@@ -45,9 +45,9 @@ void AgentPackets::handleExitRequested() {
   const CpuPktSm& sm = *parts_.cpuPktSm;
   if (!sm.kernelNetInfoStatus()->device(sm.netdevName())) return;
   if (parts_.agentConfig->exitRequested()) {
-    sm.controllerInterface()->bringDownIntf();
+    (void)sm.controllerInterface()->bringDownIntf();
   } else {
-    sm.controllerInterface()->bringUpIntf();
+    (void)sm.controllerInterface()->bringUpIntf();
   }
 }
 

@@ -96,9 +96,9 @@ std::string requestStop(Database& database) {
   return "the agent ends";
 }
 
-std::string answerText(Database& database, const Orrery::Json& request) {
-  const Orrery::Json answer = Orrery::answered(database, *request);
-  const char* text = Orrery::stringMember(*answer, "answer");
+std::string answerText(Database& database, const Vela::Json& request) {
+  const Vela::Json answer = Orrery::answerRequest(database, *request);
+  const char* text = Vela::stringMember(*answer, "answer");
   return text ? text : "";
 }
 

@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/orrery/Json.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/Json.h"
 
 namespace P4Runtime {
 namespace {
@@ -22,7 +22,7 @@ constexpr std::chrono::milliseconds takingTime{300};  // for a live requester to
 std::vector<std::string> parsedArguments(const std::string& text) {
   std::vector<std::string> arguments;
   if (text.empty()) return arguments;
-  const Orrery::Json array = Orrery::parsedJson(text);
+  const Vela::Json array = Vela::parseJson(text);
   if (!cJSON_IsArray(array.get())) {
     throw std::runtime_error("the request's arguments are no JSON array of strings");
   }

@@ -33,9 +33,9 @@ constexpr std::array<Range, 8> ranges{{{"maxConnections", 4, any},
 // The configuration file may say what `korvel set` would refuse.
 void requireLimits(const P4RtSystemConfig& config) {
   for (const Range& range : ranges) {
-    const std::string refused =
-        limitRefused(range.attribute, config.attribute(range.attribute)->text());
-    if (!refused.empty()) throw Vela::Exception("p4runtime/config/system: " + refused);
+    const Vela::Outcome fits =
+        checkLimit(range.attribute, config.attribute(range.attribute)->text());
+    if (!fits.ok()) throw Vela::Exception("p4runtime/config/system: " + fits.reason());
   }
 }
 
@@ -55,13 +55,13 @@ void limitsFrom(const P4RtSystemConfig& config) {
 
 }  // namespace
 
-std::string limitRefused(std::string_view name, const std::string& text) {
+Vela::Outcome checkLimit(std::string_view name, const std::string& text) {
   for (const Range& range : ranges) {
     if (name != range.attribute) continue;
     const auto value = Vela::TextForm<double>::fromText(text);
     if (!value || (*value >= range.least && *value <= range.most)) return {};
-    return fmt::format("{} {} is out of range; choose {} to {}", name, text, range.least,
-                       range.most);
+    return Vela::Outcome::failure(
+        fmt::format("{} {} is out of range; choose {} to {}", name, text, range.least, range.most));
   }
   return {};
 }

@@ -7,11 +7,12 @@
 
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
+#include "platform/vela/Outcome.h"
 
 namespace P4Runtime {
 
-// "" or why the limit `name` of the configuration cannot be `text`; "" for what is no limit.
-std::string limitRefused(std::string_view name, const std::string& text);
+// Fails when the limit `name` of the configuration cannot be `text`. Other attributes pass.
+Vela::Outcome checkLimit(std::string_view name, const std::string& text);
 
 // Gives the server its device and its limits, these at once and whenever one changes, as long as
 // the observations live. Call with the activity lock held, before the server starts; `config`

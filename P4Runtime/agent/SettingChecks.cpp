@@ -19,6 +19,7 @@ namespace P4Runtime {
 namespace {
 
 using P4RuntimeConfig::P4RtSystemConfig;
+using Vela::Outcome;
 
 // Settings that the agent reads only when it starts.
 struct ReadAtStart {
@@ -52,25 +53,26 @@ int listenError(const std::string& address, uint16_t port) {
   return error;
 }
 
-std::string portRefused(const P4RtSystemConfig& config, const std::string& text) {
+Outcome checkPort(const P4RtSystemConfig& config, const std::string& text) {
   const auto port = Vela::TextForm<uint16_t>::fromText(text);
   if (!port || *port == config.grpcServerPort()) return {};
-  if (*port == 0) return "grpcServerPort 0 is none; choose a port from 1 to 65535";
+  if (*port == 0)
+    return Outcome::failure("grpcServerPort 0 is none; choose a port from 1 to 65535");
   const int error = listenError(config.grpcServerAddress().text(), *port);
   if (error == 0) return {};
-  return fmt::format("cannot listen on {} port {}: {}; choose another port",
-                     config.grpcServerAddress().text(), *port,
-                     std::generic_category().message(error));
+  return Outcome::failure(fmt::format("cannot listen on {} port {}: {}; choose another port",
+                                      config.grpcServerAddress().text(), *port,
+                                      std::generic_category().message(error)));
 }
 
 // Pretended programming is for tests of controllers: it confirms entries that nobody programs.
-std::string pretendingRefused(const BatchStatus& batchStatus, bool allowed, const std::string& name,
-                              const std::string& text) {
+Outcome checkPretending(const BatchStatus& batchStatus, bool allowed, const std::string& name,
+                        const std::string& text) {
   if (!allowed) {
-    return fmt::format(
+    return Outcome::failure(fmt::format(
         "{} is for tests of controllers: entries would be confirmed that nobody programs; start "
         "the agent with --allow-pretended-programming to allow it",
-        name);
+        name));
   }
   const auto value = [&](const Vela::AttributeBase& attribute) {
     return name == attribute.name() ? text : attribute.text();
@@ -81,30 +83,31 @@ std::string pretendingRefused(const BatchStatus& batchStatus, bool allowed, cons
           value(batchStatus.pretendHwProgrammingTimeoutOffsetAttribute())) {
     return {};
   }
-  return "the update at an offset can either fail or time out; set the two offsets apart first";
+  return Outcome::failure(
+      "the update at an offset can either fail or time out; set the two offsets apart first");
 }
 
 }  // namespace
 
-std::string settingRefused(const Orrery::Database& database, bool pretendingAllowed,
+Vela::Outcome checkSetting(const Orrery::Database& database, bool pretendingAllowed,
                            const std::string& path, const Vela::AttributeBase& attribute,
                            const std::string& text) {
   const std::string name = attribute.name();
   for (const ReadAtStart& one : readAtStart) {
     if (path != one.path || name != one.attribute || attribute.text() == text) continue;
-    return fmt::format(
+    return Outcome::failure(fmt::format(
         "{} is read when the agent starts; write it into the configuration file and start the "
         "agent anew",
-        name);
+        name));
   }
   const auto entity = database.entity(path);
   const auto* config = dynamic_cast<const P4RtSystemConfig*>(entity.get());
-  if (config && name == "grpcServerPort") return portRefused(*config, text);
+  if (config && name == "grpcServerPort") return checkPort(*config, text);
   const auto* batchStatus = dynamic_cast<const BatchStatus*>(entity.get());
   if (batchStatus && name.starts_with("pretendHwProgramming")) {
-    return pretendingRefused(*batchStatus, pretendingAllowed, name, text);
+    return checkPretending(*batchStatus, pretendingAllowed, name, text);
   }
-  if (config) return limitRefused(name, text);
+  if (config) return checkLimit(name, text);
   return {};
 }
 

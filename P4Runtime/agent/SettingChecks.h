@@ -5,10 +5,9 @@
 
 namespace P4Runtime {
 
-// "" or why a setting is refused, and what to do: one that would end the agent, one that only the
-// next start would heed, and pretended programming unless it is allowed. For
-// Orrery::Database::settingCheckIs().
-std::string settingRefused(const Orrery::Database& database, bool pretendingAllowed,
+// Refuses a setting that would end the agent, one that only the next start would heed, and
+// pretended programming unless it is allowed. For Orrery::Database::settingCheckIs().
+Vela::Outcome checkSetting(const Orrery::Database& database, bool pretendingAllowed,
                            const std::string& path, const Vela::AttributeBase& attribute,
                            const std::string& text);
 

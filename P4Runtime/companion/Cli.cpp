@@ -9,7 +9,7 @@ constexpr const char* idCharacters =
 
 }  // namespace
 
-Vela::Ptr<Vela::Entity> CliConfigDir::entityMade(const std::string& name) const {
+Vela::Ptr<Vela::Entity> CliConfigDir::makeEntity(const std::string& name) const {
   if (name.size() > longestId || name.find_first_not_of(idCharacters) != std::string::npos) {
     throw Vela::BadValue("a request's id is 1 to 64 letters, digits, dots, dashes and underscores");
   }

@@ -35,7 +35,7 @@ class CliConfigDir final : public Orrery::Directory {
  public:
   explicit CliConfigDir(std::string name) : Directory(std::move(name)) {}
   const char* typeName() const override { return "P4Runtime::CliConfigDir"; }
-  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override;
+  Vela::Ptr<Vela::Entity> makeEntity(const std::string& name) const override;
 };
 
 class CliStatusDir final : public Orrery::Directory {

@@ -19,7 +19,7 @@ bool isPluginName(const std::string& name) {
          std::all_of(name.begin(), name.end(), isNameCharacter);
 }
 
-Vela::Ptr<Vela::Entity> PluginConfigDir::entityMade(const std::string& name) const {
+Vela::Ptr<Vela::Entity> PluginConfigDir::makeEntity(const std::string& name) const {
   if (!isPluginName(name)) {
     throw Vela::BadValue("'" + name +
                          "' is no name of a plugin; use letters, digits, '-', '_' and '.', at most "

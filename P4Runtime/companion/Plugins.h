@@ -41,7 +41,7 @@ class PluginConfigDir final : public Orrery::Directory {
   explicit PluginConfigDir(std::string name) : Directory(std::move(name)) {}
   const char* typeName() const override { return "P4Runtime::PluginConfigDir"; }
 
-  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override;
+  Vela::Ptr<Vela::Entity> makeEntity(const std::string& name) const override;
 };
 
 // Letters, digits, "-", "_" and "."; not "all", which stands for every plugin.

@@ -8,7 +8,7 @@ std::optional<uint32_t> portFromText(const std::string& text) {
   return port;
 }
 
-Vela::Ptr<Vela::Entity> PortMappingConfigDir::entityMade(const std::string& name) const {
+Vela::Ptr<Vela::Entity> PortMappingConfigDir::makeEntity(const std::string& name) const {
   if (!portFromText(name)) {
     throw Vela::BadValue("'" + name.substr(0, 80) +
                          "' is no P4 port id; write a number from 1 to 4294967295");

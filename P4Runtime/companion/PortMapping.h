@@ -28,7 +28,7 @@ class PortMappingConfigDir final : public Orrery::Directory {
  public:
   explicit PortMappingConfigDir(std::string name) : Directory(std::move(name)) {}
   const char* typeName() const override { return "P4RuntimeConfig::PortMappingConfigDir"; }
-  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override;
+  Vela::Ptr<Vela::Entity> makeEntity(const std::string& name) const override;
 };
 
 // At "p4runtime/status/port-mapping": the mappings in force. Read with the activity lock held.

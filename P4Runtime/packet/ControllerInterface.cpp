@@ -30,18 +30,18 @@ void ControllerInterface::handleInitialized() {
   initializedIs(true);
 }
 
-std::string ControllerInterface::bringUpIntf() {
+Vela::Outcome ControllerInterface::bringUpIntf() {
   const std::string& mac = bridgingConfig_->bridgeMacAddr();
   SCRIVEL_TRACE(1, "bringUpIntf", " mac:", mac);
-  const std::string trouble = intfOperations()->up(controllerIntfName, mac, keepConfigured);
-  if (trouble.empty() || mac.empty()) return trouble;
+  Vela::Outcome withMac = intfOperations()->up(controllerIntfName, mac, keepConfigured);
+  if (withMac.ok() || mac.empty()) return withMac;
   // Packets matter more than the address that they come from.
-  SCRIVEL_TRACE(0, "bringUpIntf", " ", trouble);
-  intfOperations()->up(controllerIntfName, "", keepConfigured);
-  return trouble;
+  SCRIVEL_TRACE(0, "bringUpIntf", " ", withMac.reason());
+  (void)intfOperations()->up(controllerIntfName, "", keepConfigured);  // the first reason is told
+  return withMac;
 }
 
-std::string ControllerInterface::bringDownIntf() {
+Vela::Outcome ControllerInterface::bringDownIntf() {
   SCRIVEL_TRACE(1, "bringDownIntf");
   return intfOperations()->down(controllerIntfName);
 }

@@ -21,10 +21,10 @@ class ControllerInterface final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
 
  public:
-  // With the switch's own MAC address when the bridging configuration has one; an address that the
-  // device does not take leaves it the one it has. "" or why the device is not as it should be.
-  std::string bringUpIntf();
-  std::string bringDownIntf();
+  // With the switch's own MAC address when the bridging configuration has one; the device keeps its
+  // own when it does not take that.
+  Vela::Outcome bringUpIntf();
+  Vela::Outcome bringDownIntf();
   [[nodiscard]] Vela::Observation observeMac(std::function<void()> changed) const {
     return bridgingConfig_->bridgeMacAddrAttribute().observe(std::move(changed));
   }

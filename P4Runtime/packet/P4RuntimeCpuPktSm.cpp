@@ -96,13 +96,13 @@ void CpuPktSm::handleKernelDevice(const std::string& name) {
 
 void CpuPktSm::doBringUp() {
   if (!kernelNetInfoStatus()->device(netdevName())) return;
-  const std::string trouble = controllerInterface()->bringUpIntf();
-  if (trouble.empty()) return;
-  SCRIVEL_TRACE(0, "doBringUp", " ", trouble);
+  const Vela::Outcome up = controllerInterface()->bringUpIntf();
+  if (up.ok()) return;
+  SCRIVEL_TRACE(0, "doBringUp", " ", up.reason());
   fmt::print(stderr,
              "korvel: {}; packets for controllers come in there: bring it up by hand, or mend "
              "bridgeMacAddr of bridging/config\n",
-             trouble);
+             up.reason());
 }
 
 void CpuPktSm::doEnablePam() {

@@ -42,10 +42,18 @@ class SlotLayout {
   FieldBitwidths widths_;
 };
 
+uint32_t preambleId(const cJSON* element) {  // 0 when absent
+  return Vela::jsonNumber(Vela::jsonObject(element, "preamble"), "id").value_or(0);
+}
+
+std::string preambleName(const cJSON* element) {
+  return Vela::jsonString(Vela::jsonObject(element, "preamble"), "name").value_or("");
+}
+
 // Appends the slots of one match field; returns whether entries need a priority for it.
 bool appendMatchField(SlotLayout& layout, const cJSON* field) {
-  const uint32_t width = jsonNumber(field, "bitwidth").value_or(0);
-  const std::string type = jsonString(field, "matchType").value_or("");
+  const uint32_t width = Vela::jsonNumber(field, "bitwidth").value_or(0);
+  const std::string type = Vela::jsonString(field, "matchType").value_or("");
   const uint32_t slot = layout.append(width);
   if (isMatchType(type, "TERNARY")) {
     layout.append(width);
@@ -61,18 +69,18 @@ bool appendMatchField(SlotLayout& layout, const cJSON* field) {
 // Sizes have 64 bits in the P4Info. A size beyond 32 bits is clamped: no table grows so large. A
 // negative size counts as 0.
 uint32_t sizeOf(const cJSON* element) {
-  const std::string text = jsonString(element, "size").value_or("");
+  const std::string text = Vela::jsonString(element, "size").value_or("");
   const long long size = std::strtoll(text.c_str(), nullptr, 10);
   return static_cast<uint32_t>(std::clamp<long long>(size, 0, UINT32_MAX));
 }
 
-bool hasSize(const cJSON* element) { return jsonString(element, "size").has_value(); }
+bool hasSize(const cJSON* element) { return Vela::jsonString(element, "size").has_value(); }
 
 }  // namespace
 
 void P4TableInfoSm::handleP4InfoStr(const std::string& p4InfoJson) {
   SCRIVEL_TRACE(1, "handleP4InfoStr", " bytes ", p4InfoJson.size());
-  const JsonDocument document(cJSON_Parse(p4InfoJson.c_str()));
+  const Vela::Json document(cJSON_Parse(p4InfoJson.c_str()));
   if (!document) throwParsingException("cannot parse JSON root");
   // Tables look up the direct resources, and profiles the actions of their tables.
   parseP4InfoActions(document.get());
@@ -84,58 +92,57 @@ void P4TableInfoSm::handleP4InfoStr(const std::string& p4InfoJson) {
 }
 
 void P4TableInfoSm::parseP4InfoActions(const cJSON* p4Info) {
-  const cJSON* actions = jsonArray(p4Info, "actions");
+  const cJSON* actions = Vela::jsonArray(p4Info, "actions");
   if (!actions) throwParsingException("Cannot find actions section in the P4Info file");
-  for (const cJSON* action : JsonElements(actions)) {
-    const ResourceId rid{actionResource, jsonPreambleId(action)};
+  for (const cJSON* action : Vela::JsonElements(actions)) {
+    const ResourceId rid{actionResource, preambleId(action)};
     SlotLayout layout(rid);
     uint32_t parameters = 0;
-    for (const cJSON* parameter : JsonElements(jsonArray(action, "params"))) {
-      const std::string name = jsonString(parameter, "name").value_or("");
-      const uint32_t slot = layout.append(jsonNumber(parameter, "bitwidth").value_or(0));
+    for (const cJSON* parameter : Vela::JsonElements(Vela::jsonArray(action, "params"))) {
+      const std::string name = Vela::jsonString(parameter, "name").value_or("");
+      const uint32_t slot = layout.append(Vela::jsonNumber(parameter, "bitwidth").value_or(0));
       if (Pipeline::isInNetworkOrder(name)) layout.networkOrder(slot);
       ++parameters;
     }
     if (parameters == 0) layout.append(0);
     layout.store(*tableInfo_);
-    tableInfo_->resourceNameIs(rid, jsonPreambleName(action));
+    tableInfo_->resourceNameIs(rid, preambleName(action));
   }
 }
 
 void P4TableInfoSm::parseP4InfoDirectResources(const cJSON* p4Info) {
-  for (const cJSON* meter : JsonElements(jsonArray(p4Info, "directMeters"))) {
-    SCRIVEL_TRACE(5, "parseP4InfoDirectResources", " Add directMeterId:", jsonPreambleId(meter));
-    tableInfo_->directMeterIdsIs({directMeterResource, jsonPreambleId(meter)}, true);
+  for (const cJSON* meter : Vela::JsonElements(Vela::jsonArray(p4Info, "directMeters"))) {
+    SCRIVEL_TRACE(5, "parseP4InfoDirectResources", " Add directMeterId:", preambleId(meter));
+    tableInfo_->directMeterIdsIs({directMeterResource, preambleId(meter)}, true);
   }
-  for (const cJSON* counter : JsonElements(jsonArray(p4Info, "directCounters"))) {
-    SCRIVEL_TRACE(5, "parseP4InfoDirectResources",
-                  " Add directCounterId:", jsonPreambleId(counter));
-    tableInfo_->directCounterIdsIs({directCounterResource, jsonPreambleId(counter)}, true);
+  for (const cJSON* counter : Vela::JsonElements(Vela::jsonArray(p4Info, "directCounters"))) {
+    SCRIVEL_TRACE(5, "parseP4InfoDirectResources", " Add directCounterId:", preambleId(counter));
+    tableInfo_->directCounterIdsIs({directCounterResource, preambleId(counter)}, true);
   }
 }
 
 void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
-  const cJSON* tables = jsonArray(p4Info, "tables");
+  const cJSON* tables = Vela::jsonArray(p4Info, "tables");
   if (!tables) throwParsingException("Cannot find tables section in the P4Info file");
-  for (const cJSON* table : JsonElements(tables)) {
-    const ResourceId rid{tableResource, jsonPreambleId(table)};
-    tableInfo_->resourceNameIs(rid, jsonPreambleName(table));
+  for (const cJSON* table : Vela::JsonElements(tables)) {
+    const ResourceId rid{tableResource, preambleId(table)};
+    tableInfo_->resourceNameIs(rid, preambleName(table));
     SlotLayout layout(rid);
-    for (const cJSON* field : JsonElements(jsonArray(table, "matchFields"))) {
+    for (const cJSON* field : Vela::JsonElements(Vela::jsonArray(table, "matchFields"))) {
       if (appendMatchField(layout, field)) tableInfo_->priorityNeededIs(rid, true);
     }
     layout.store(*tableInfo_);
     ActionIdCol actions(rid);
-    for (const cJSON* reference : JsonElements(jsonArray(table, "actionRefs"))) {
-      actions.actionIdEnq(jsonNumber(reference, "id").value_or(0));
+    for (const cJSON* reference : Vela::JsonElements(Vela::jsonArray(table, "actionRefs"))) {
+      actions.actionIdEnq(Vela::jsonNumber(reference, "id").value_or(0));
     }
     tableInfo_->actionIdColForTableIs(rid, std::move(actions));
     if (hasSize(table)) {
       tableInfo_->maxTableSizeIs(rid, sizeOf(table));
       SCRIVEL_TRACE(5, "Max Table size for table ", rid.id, " is ", sizeOf(table));
     }
-    for (const cJSON* reference : JsonElements(jsonArray(table, "directResourceIds"))) {
-      const uint32_t id = jsonNumber(reference).value_or(0);
+    for (const cJSON* reference : Vela::JsonElements(Vela::jsonArray(table, "directResourceIds"))) {
+      const uint32_t id = Vela::jsonNumber(reference).value_or(0);
       if (tableInfo_->directMeterIds({directMeterResource, id})) {
         tableInfo_->hasDirectMeterIs(rid, true);
         tableInfo_->directMeterOfIs(rid, id);
@@ -147,16 +154,16 @@ void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
 }
 
 void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {
-  for (const cJSON* profile : JsonElements(jsonArray(p4Info, "actionProfiles"))) {
-    const ResourceId rid{actionProfileResource, jsonPreambleId(profile)};
+  for (const cJSON* profile : Vela::JsonElements(Vela::jsonArray(p4Info, "actionProfiles"))) {
+    const ResourceId rid{actionProfileResource, preambleId(profile)};
     const ResourceId groupRid{groupTableResource, rid.id};
     for (const ResourceId& one : {rid, groupRid}) {
-      tableInfo_->resourceNameIs(one, jsonPreambleName(profile));
+      tableInfo_->resourceNameIs(one, preambleName(profile));
     }
     ActionIdCol actions(rid);
-    const cJSON* tableIds = jsonArray(profile, "tableIds");
-    for (const cJSON* reference : JsonElements(tableIds)) {
-      const ResourceId tableRid{tableResource, jsonNumber(reference).value_or(0)};
+    const cJSON* tableIds = Vela::jsonArray(profile, "tableIds");
+    for (const cJSON* reference : Vela::JsonElements(tableIds)) {
+      const ResourceId tableRid{tableResource, Vela::jsonNumber(reference).value_or(0)};
       SCRIVEL_TRACE(5, "parseP4InfoActionProfiles", " found table", tableRid.id);
       for (const uint32_t actionId : tableInfo_->actionIdColForTable(tableRid).actionId()) {
         const bool existing = actions.actionIdHas(actionId);
@@ -180,18 +187,18 @@ void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {
 }
 
 void P4TableInfoSm::parseP4InfoPktMetadata(const cJSON* p4Info) {
-  const cJSON* headers = jsonArray(p4Info, "controllerPacketMetadata");
+  const cJSON* headers = Vela::jsonArray(p4Info, "controllerPacketMetadata");
   if (!headers) {
     SCRIVEL_TRACE(1, "parseP4InfoPktMetadata", " no controller packet metadata");
     return;
   }
-  for (const cJSON* header : JsonElements(headers)) {
+  for (const cJSON* header : Vela::JsonElements(headers)) {
     const auto entry =
-        controllerPktMetadata_->metadataEntryIs(jsonPreambleName(header), jsonPreambleId(header));
-    for (const cJSON* field : JsonElements(jsonArray(header, "metadata"))) {
-      const P4ControllerPktMetadataField one{jsonNumber(field, "id").value_or(0),
-                                             jsonString(field, "name").value_or(""),
-                                             jsonNumber(field, "bitwidth").value_or(0)};
+        controllerPktMetadata_->metadataEntryIs(preambleName(header), preambleId(header));
+    for (const cJSON* field : Vela::JsonElements(Vela::jsonArray(header, "metadata"))) {
+      const P4ControllerPktMetadataField one{Vela::jsonNumber(field, "id").value_or(0),
+                                             Vela::jsonString(field, "name").value_or(""),
+                                             Vela::jsonNumber(field, "bitwidth").value_or(0)};
       SCRIVEL_TRACE(5, " Metadata Field", one.name, " Bitwidth", one.bitwidth);
       entry->metadataFieldIs(one);
     }

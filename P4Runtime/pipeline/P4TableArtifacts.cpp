@@ -23,8 +23,8 @@ Scrivel::TraceHandle trace("P4TableInfoSm");
 using Pollen::CompilationStatus;
 
 ResourceId resourceIdOf(const cJSON* table) {
-  const uint32_t id = jsonNumber(table, "table_id").value_or(0);
-  const std::string tableClass = jsonString(table, "table_class").value_or("");
+  const uint32_t id = Vela::jsonNumber(table, "table_id").value_or(0);
+  const std::string tableClass = Vela::jsonString(table, "table_class").value_or("");
   const auto is = [&](const char* name) { return strcasecmp(tableClass.c_str(), name) == 0; };
   if (is("TABLE_CLASS_ACTION_PROFILE_MEMBER")) return {actionProfileResource, id};
   if (is("TABLE_CLASS_ACTION_PROFILE_GROUP")) return {groupTableResource, id};
@@ -46,7 +46,7 @@ bool keptInNetworkOrder(const std::string& fieldType) {
 
 // A string that the document must have.
 std::string requireText(const cJSON* parent, const char* key, const char* toDoWhat) {
-  const auto value = jsonString(parent, key);
+  const auto value = Vela::jsonString(parent, key);
   if (!value) {
     throw P4RuntimeParsingException({}, fmt::format("Cannot parse {}{}", key, toDoWhat), {});
   }
@@ -64,12 +64,12 @@ P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table,
                                        const Pipeline::Refused& refused) {
   P4TableInfoConstEntries entries(rid);
   size_t place = 0;
-  for (const cJSON* entry : JsonElements(jsonArray(table, "table_entries"))) {
+  for (const cJSON* entry : Vela::JsonElements(Vela::jsonArray(table, "table_entries"))) {
     if (rid.type == tableResource && refused.entries.contains({rid.id, place++})) continue;
-    entries.entryEnq({jsonString(entry, "key").value_or(""),
-                      jsonNumber(entry, "action_id").value_or(0),
-                      jsonString(entry, "action_params").value_or(""),
-                      jsonNumber(entry, "priority").value_or(0)});
+    entries.entryEnq({Vela::jsonString(entry, "key").value_or(""),
+                      Vela::jsonNumber(entry, "action_id").value_or(0),
+                      Vela::jsonString(entry, "action_params").value_or(""),
+                      Vela::jsonNumber(entry, "priority").value_or(0)});
   }
   return entries;
 }
@@ -77,12 +77,12 @@ P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table,
 }  // namespace
 
 void P4TableInfoSm::createLatticeTableTypes() {
-  const cJSON* definitions = jsonArray(jsonRoot_, "table_type_definitions");
+  const cJSON* definitions = Vela::jsonArray(jsonRoot_, "table_type_definitions");
   if (!definitions) {
     throw P4RuntimeParsingException({}, "Cannot parse table_type_definitions to create table types",
                                     {});
   }
-  for (const cJSON* definition : JsonElements(definitions)) {
+  for (const cJSON* definition : Vela::JsonElements(definitions)) {
     const std::string name = requireText(definition, "table_type", " to create table types");
     const std::string text = requireText(definition, "table_type_def", " to create table types");
     SCRIVEL_TRACE(5, "Lattice table type:", name, " definition", text);
@@ -137,15 +137,16 @@ void P4TableInfoSm::handleAllTypesCompiled() {
 }
 
 void P4TableInfoSm::createLatticeTableInterfaces() {
-  const cJSON* tables = jsonArray(jsonRoot_, "tables");
+  const cJSON* tables = Vela::jsonArray(jsonRoot_, "tables");
   if (!tables) {
     const std::unique_ptr<char, decltype(&std::free)> text(cJSON_Print(jsonRoot_), &std::free);
     SCRIVEL_TRACE(0, "createLatticeTableInterfaces", " cannot parse ", "tables",
                   text ? text.get() : "");
     return;
   }
-  for (const cJSON* table : JsonElements(tables)) createTableInterface(table);
-  for (const cJSON* query : JsonElements(jsonArray(jsonRoot_, "queries"))) createQueryOutput(query);
+  for (const cJSON* table : Vela::JsonElements(tables)) createTableInterface(table);
+  for (const cJSON* query : Vela::JsonElements(Vela::jsonArray(jsonRoot_, "queries")))
+    createQueryOutput(query);
   for (const std::string& name : services_.tables->removeUnboundTables()) {
     SCRIVEL_TRACE(0, "createLatticeTableInterfaces", " removed the rows of table ", name,
                   ", which the pipeline no longer has");
@@ -203,7 +204,7 @@ void P4TableInfoSm::handleAllArInterfacesReady() {
 }
 
 void P4TableInfoSm::createRowConstructors() {
-  for (const cJSON* table : JsonElements(jsonArray(jsonRoot_, "tables"))) {
+  for (const cJSON* table : Vela::JsonElements(Vela::jsonArray(jsonRoot_, "tables"))) {
     createRowConstructor(table);
   }
   doRefuse();
@@ -215,7 +216,7 @@ void P4TableInfoSm::createRowConstructor(const cJSON* table) {
   const std::string type = requireText(table, "table_type", " to create rows");
   SCRIVEL_TRACE(5, "------------ Pass the following to lattice for creating table", name, " type",
                 type);
-  const cJSON* fields = jsonArray(table, "table_fields");
+  const cJSON* fields = Vela::jsonArray(table, "table_fields");
   if (!fields) {
     throw P4RuntimeParsingException(
         {},
@@ -225,7 +226,7 @@ void P4TableInfoSm::createRowConstructor(const cJSON* table) {
   FieldBitwidths widths = tableInfo_->fieldBitwidths(rid);
   std::vector<std::string> fieldNames;
   std::vector<std::string> fieldTypes;
-  for (const cJSON* field : JsonElements(fields)) {
+  for (const cJSON* field : Vela::JsonElements(fields)) {
     const auto slot = static_cast<uint32_t>(fieldTypes.size());
     fieldNames.push_back(requireText(field, "field_name", " to create rows"));
     fieldTypes.push_back(requireText(field, "field_type", " to create rows"));
@@ -266,7 +267,8 @@ void P4TableInfoSm::doRefuse() {
 }
 
 void P4TableInfoSm::createLatticeQueries() {
-  for (const cJSON* query : JsonElements(jsonArray(jsonRoot_, "queries"))) createQuery(query);
+  for (const cJSON* query : Vela::JsonElements(Vela::jsonArray(jsonRoot_, "queries")))
+    createQuery(query);
   allQueriesReceivedIs(true);
 }
 
@@ -283,13 +285,13 @@ void P4TableInfoSm::createQuery(const cJSON* query) {
   SCRIVEL_TRACE(5, "Lattice query:", text);
   config->oneShotIs(cJSON_IsTrue(cJSON_GetObjectItem(query, "one_shot")) != 0);
   config->queryTextIs(text);
-  for (const cJSON* pair : JsonElements(jsonArray(query, "input_tables"))) {
+  for (const cJSON* pair : Vela::JsonElements(Vela::jsonArray(query, "input_tables"))) {
     const std::string key = requireText(pair, "table_key", toDoWhat);
     const std::string value = requireText(pair, "table_value", toDoWhat);
     SCRIVEL_TRACE(5, "Query table map:", key, " =>", value);
     config->inputTableIs(key, value);
   }
-  for (const cJSON* pair : JsonElements(jsonArray(query, "params"))) {
+  for (const cJSON* pair : Vela::JsonElements(Vela::jsonArray(query, "params"))) {
     const std::string key = requireText(pair, "param_key", toDoWhat);
     const std::string value = requireText(pair, "param_value", toDoWhat);
     SCRIVEL_TRACE(5, "Query parameter map:", key, " =>", value);
@@ -301,8 +303,8 @@ void P4TableInfoSm::createQuery(const cJSON* query) {
 // Runs before unused tables are removed, so that a query keeps its rows of an earlier process.
 // Faults of the query are reported when it is checked.
 void P4TableInfoSm::createQueryOutput(const cJSON* query) {
-  const auto path = jsonString(query, "output_table_path");
-  const auto type = jsonString(query, "output_table_type");
+  const auto path = Vela::jsonString(query, "output_table_path");
+  const auto type = Vela::jsonString(query, "output_table_type");
   if (!path || !type || !Lattice::TheTypeRegistry().type(*type)) return;
   if (!tableNameTaken(*tableInfo_, *path)) queryOutputIs(*path, *type);
 }

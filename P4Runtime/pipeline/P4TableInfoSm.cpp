@@ -220,9 +220,9 @@ void P4TableInfoSm::doForgetPipeline() {
 
 void P4TableInfoSm::handlePipelineConfigStr(const std::string& deviceConfigJson) {
   SCRIVEL_TRACE(1, "handlePipelineConfigStr", " bytes ", deviceConfigJson.size());
-  JsonDocument document(cJSON_Parse(deviceConfigJson.c_str()));
+  Vela::Json document(cJSON_Parse(deviceConfigJson.c_str()));
   if (!document) throwParsingException("Cannot parse JSON file");
-  const cJSON* root = jsonObject(document.get(), "p4rtc");
+  const cJSON* root = Vela::jsonObject(document.get(), "p4rtc");
   if (!root) {
     throw P4RuntimeParsingException({}, "Cannot find root token in the pipeline file", {});
   }

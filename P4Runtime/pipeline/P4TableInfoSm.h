@@ -10,7 +10,6 @@
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/WriteGate.h"
-#include "P4Runtime/pipeline/Json.h"
 #include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "pipeline/PipelineCheck.h"
@@ -20,6 +19,7 @@
 #include "platform/pollen/entities/TypeConfig.h"
 #include "platform/pollen/entities/TypeStatus.h"
 #include "platform/vela/Entity.h"
+#include "platform/vela/Json.h"
 
 namespace P4Runtime {
 
@@ -138,7 +138,7 @@ class P4TableInfoSm : public Vela::Entity {
   const PipelineServices services_;
   const PipelineFiles files_;
 
-  JsonDocument jsonRootToDelete_;    // the device configuration, until the model is ready
+  Vela::Json jsonRootToDelete_;      // the device configuration, until the model is ready
   const cJSON* jsonRoot_ = nullptr;  // its "p4rtc" object
   Pipeline::Refused refused_;        // of that configuration
   uint32_t generation_ = 0;          // of pipelines; callbacks of former ones are ignored

@@ -33,7 +33,7 @@ namespace {
 
 constexpr int failed = 1;
 constexpr int usage = 2;
-// What the agent opens itself; clients come on top.
+// Descriptors of the agent's own; clients come on top.
 constexpr size_t ownDescriptors = 96;
 
 struct Options {
@@ -44,7 +44,7 @@ struct Options {
   bool allowPretendedProgramming = false;
 };
 
-// What ends a start: a line for standard error, and an exit status. Without a line it was stopped.
+// Ends a start with a line for standard error and an exit status. Without a line it was stopped.
 struct StartFailure {
   std::string line;
   int status;
@@ -149,8 +149,8 @@ P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& dat
     Scrivel::flush();
     loop.post(std::move(complete));
   };
-  // Server threads are running, so nothing is destroyed. What was confirmed is committed already;
-  // what is not belongs to a batch that is being written, half of which must not last.
+  // Server threads are running, so nothing is destroyed. Confirmed entries are committed already;
+  // the others belong to a batch that is being written, half of which must not last.
   const auto exit = [](int status) { _exit(status); };
   const auto exitIsNear = [&stopWatcher](bool near) { stopWatcher.exitIsNear(near); };
   return {loop,           database, *opened.store, options.stateDirectory,

@@ -66,7 +66,7 @@ NetworkPlatform::~NetworkPlatform() = default;
 
 void NetworkPlatform::cpuDeviceIs() {
   try {
-    // Also when it is there: whoever made it may go.
+    // Attach even if it exists: it vanishes when its last user exits.
     impl_->tap.emplace(cpuDevice);
   } catch (const std::system_error& e) {
     if (if_nametoindex(cpuDevice) != 0) return;

@@ -1,5 +1,5 @@
-// What the operating system gives the agent of its network: kernel devices, interfaces and their
-// configuration, in the state database.
+// The network of the operating system in the state database: kernel devices, interfaces and their
+// configuration.
 #pragma once
 
 #include <memory>
@@ -14,11 +14,11 @@ class NetworkPlatform {
   NetworkPlatform(Vela::ReactorLoop& loop, Orrery::Database& database);
   ~NetworkPlatform();
 
-  // The device over which packets come to the agent, a TAP, is there from now until this dies; one
-  // that is there already will do, whatever it is. Throws std::system_error.
+  // Makes the device over which packets come to the agent, a TAP, until this dies. An existing
+  // device of the name will do, of any kind. Throws std::system_error.
   void cpuDeviceIs();
-  // Devices are followed, and interfaces configured as the state database says, from now on. Where
-  // the kernel gives no netlink socket there are no devices: a line on standard error says so.
+  // Follows devices, and configures interfaces as the state database says, from now on. Without a
+  // netlink socket of the kernel there are no devices: a line on standard error says so.
   void start();
 
  private:

@@ -1,5 +1,5 @@
-// What the operating system has in the state database before its agents start; here the launcher
-// puts it there.
+// The entities that an operating system has in the state database before its agents start; here the
+// launcher adds them.
 #pragma once
 
 #include <string>

@@ -23,7 +23,7 @@ int64_t nowMs() {
   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-int opened(int descriptor) {
+int requireDescriptor(int descriptor) {
   if (descriptor >= 0) return descriptor;
   throw std::system_error(errno, std::generic_category(), "cannot watch for signals");
 }
@@ -36,8 +36,8 @@ StopWatcher::StopWatcher() {
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signalFd_ = opened(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
-  wakeFd_ = opened(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  signalFd_ = requireDescriptor(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
+  wakeFd_ = requireDescriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
   Vela::startThread("watch for signals", [this] { run(); }).detach();
 }
 

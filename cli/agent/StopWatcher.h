@@ -7,11 +7,11 @@
 #include <mutex>
 
 // Watches SIGTERM and SIGINT on a thread of its own. The first of them, at any time from its
-// construction on, has the agent's reactor exit. A reactor that has not come round to it in time is
-// not waited for: it may be restoring a million entries, or wait for a call into its own server.
-// The process then ends with status 0 at once, which harms no more than SIGKILL does: what was
-// confirmed is committed, the shared files show whole commits at any instant, and the next start
-// takes them as they are.
+// construction on, has the agent's reactor exit. A reactor that does not exit in time is not waited
+// for: it may be restoring a million entries, or wait for a call into its own server. The process
+// then ends with status 0 at once, which harms no more than SIGKILL does: confirmed entries are
+// committed, the shared files show whole commits at any instant, and the next start takes them as
+// they are.
 class StopWatcher {
  public:
   // Blocks the signals in this thread and all that it makes later, so make it before others.
@@ -23,8 +23,8 @@ class StopWatcher {
   bool requested() const { return requested_; }  // by a signal
   // Runs once a signal came, also when that has happened already; on any thread.
   void onRequestIs(std::function<void()> request);
-  // The process is about to end by itself, for another reason than a signal (true), or that was
-  // taken back. A signal cannot be taken back.
+  // True: the process is about to end for another reason than a signal. False: it will not after
+  // all. A signal cannot be taken back.
   void exitIsNear(bool near);
 
  private:
@@ -32,9 +32,9 @@ class StopWatcher {
   void handleSignal();
   int millisecondsLeft();
 
-  std::mutex mutex_;
-  std::function<void()> request_;  // guarded by mutex_, as is the next
-  int64_t deadline_ = 0;           // milliseconds on the steady clock; 0: none
+  std::mutex mutex_;  // guards request_ and deadline_
+  std::function<void()> request_;
+  int64_t deadline_ = 0;  // milliseconds on the steady clock; 0: no deadline
   std::atomic<bool> requested_{false};
   int signalFd_ = -1;
   int wakeFd_ = -1;

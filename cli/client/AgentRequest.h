@@ -12,8 +12,8 @@ class CommandRefused : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Places a request, waits for its answer and takes both away; answers the answer's text. Throws
-// CommandRefused, and Orrery::ClientError when no agent answers within `timeout`.
-std::string executed(const std::string& stateDirectory, const std::string& command,
-                     const std::vector<std::string>& arguments,
-                     std::chrono::milliseconds timeout = std::chrono::seconds(30));
+// Places a request, waits for its answer, removes both and returns the answer's text. Throws
+// CommandRefused, and Orrery::ClientError without an answer within `timeout`.
+std::string execute(const std::string& stateDirectory, const std::string& command,
+                    const std::vector<std::string>& arguments,
+                    std::chrono::milliseconds timeout = std::chrono::seconds(30));

@@ -6,11 +6,11 @@
 #include <cctype>
 #include <sstream>
 
-#include "platform/orrery/Json.h"
+#include "platform/vela/Json.h"
 
 std::string valueText(const cJSON& value) {
   if (cJSON_IsString(&value)) return value.valuestring;
-  return Orrery::jsonLine(value);
+  return Vela::jsonLine(value);
 }
 
 std::string spacedName(const std::string& name) {

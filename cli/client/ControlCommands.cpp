@@ -38,25 +38,25 @@ void printAnswer(const ClientOptions& options, const std::string& text) {
     fmt::print("{}\n", text);
     return;
   }
-  const Orrery::Json json(cJSON_CreateObject());
+  const Vela::Json json(cJSON_CreateObject());
   cJSON_AddTrueToObject(json.get(), "ok");
   cJSON_AddStringToObject(json.get(), "answer", text.c_str());
-  fmt::print("{}\n", Orrery::jsonText(*json));
+  fmt::print("{}\n", Vela::jsonText(*json));
 }
 
 void runCommand(const ClientOptions& options, const char* command,
                 const std::vector<std::string>& arguments) {
-  printAnswer(options, executed(options.stateDirectory, command, arguments));
+  printAnswer(options, execute(options.stateDirectory, command, arguments));
 }
 
 void runPortList(const Options& options) {
   Orrery::Client client(options.stateDirectory);
-  const Orrery::Json answer = client.get(mappingStatusPath);
+  const Vela::Json answer = client.get(mappingStatusPath);
   const cJSON* attributes = cJSON_GetObjectItemCaseSensitive(answer.get(), "attributes");
   const auto mapped = sortedEntries(attributes, "intfOfPort");
   const auto refused = sortedEntries(attributes, "refused");
   if (options.json) {
-    const Orrery::Json json(cJSON_CreateObject());
+    const Vela::Json json(cJSON_CreateObject());
     const auto add = [&](const char* name, const auto& entries) {
       cJSON* object = cJSON_AddObjectToObject(json.get(), name);
       for (const auto& [port, text] : entries) {
@@ -65,7 +65,7 @@ void runPortList(const Options& options) {
     };
     add("ports", mapped);
     add("refused", refused);
-    fmt::print("{}\n", Orrery::jsonText(*json));
+    fmt::print("{}\n", Vela::jsonText(*json));
     return;
   }
   if (mapped.empty() && refused.empty()) {
@@ -75,7 +75,7 @@ void runPortList(const Options& options) {
   for (const auto& [port, why] : refused) fmt::print("{:<12} refused: {}\n", port, why);
 }
 
-// A handle of the agent's process, which stays its own when it has ended.
+// A handle of the agent's process; never of another process, even after its end.
 class AgentHandle {
  public:
   explicit AgentHandle(pid_t pid)
@@ -87,11 +87,11 @@ class AgentHandle {
   AgentHandle& operator=(const AgentHandle&) = delete;
 
   // False when there is no permission.
-  bool terminated() const {
+  bool terminate() const {
     return descriptor_ < 0 ||
            syscall(SYS_pidfd_send_signal, descriptor_, SIGTERM, nullptr, 0) == 0 || errno == ESRCH;
   }
-  bool ended(milliseconds timeout) const {
+  bool waitForEnd(milliseconds timeout) const {
     pollfd watched{descriptor_, POLLIN, 0};
     return descriptor_ < 0 || poll(&watched, 1, static_cast<int>(timeout.count())) == 1;
   }
@@ -100,16 +100,16 @@ class AgentHandle {
   const int descriptor_;
 };
 
-// An agent that is too busy to answer hears of the signal all the same.
+// A signal ends an agent that is too busy to answer.
 void runStop(const ClientOptions& options) {
   const auto pid = static_cast<pid_t>(Orrery::Client(options.stateDirectory).agentPid());
   const AgentHandle agent(pid);
   try {
-    executed(options.stateDirectory, "stop", {}, stopAnswerTime);
+    execute(options.stateDirectory, "stop", {}, stopAnswerTime);
   } catch (const Orrery::ClientError&) {
-    if (!agent.ended(milliseconds(0)) && !agent.terminated()) throw;
+    if (!agent.waitForEnd(milliseconds(0)) && !agent.terminate()) throw;
   }
-  if (!agent.ended(endTime)) {
+  if (!agent.waitForEnd(endTime)) {
     throw std::runtime_error(fmt::format("the agent still runs; end it with 'kill -9 {}'", pid));
   }
   printAnswer(options, fmt::format("the agent (pid {}) has ended", pid));

@@ -1,4 +1,4 @@
-// `korvel port`, `enable`, `disable` and `stop`: what an operator does to a running agent.
+// `korvel port`, `enable`, `disable` and `stop`: commands to a running agent.
 #pragma once
 
 namespace CLI {

@@ -27,13 +27,13 @@ struct Options : ClientOptions {
 };
 using SharedOptions = std::shared_ptr<Options>;
 
-void printJson(const cJSON& answer) { fmt::print("{}\n", Orrery::jsonText(answer)); }
+void printJson(const cJSON& answer) { fmt::print("{}\n", Vela::jsonText(answer)); }
 
 void printPaths(const cJSON& answer) {
   const cJSON* one = nullptr;
   cJSON_ArrayForEach(one, cJSON_GetObjectItemCaseSensitive(&answer, "paths")) {
-    const char* path = Orrery::stringMember(*one, "path");
-    const char* type = Orrery::stringMember(*one, "type");
+    const char* path = Vela::stringMember(*one, "path");
+    const char* type = Vela::stringMember(*one, "type");
     if (path && type) fmt::print("{:<40} {}\n", path, type);
   }
 }
@@ -48,7 +48,7 @@ void printNames(const char* what, const cJSON* names) {
 void printOperations(const cJSON* operations) {
   const cJSON* one = nullptr;
   cJSON_ArrayForEach(one, operations) {
-    const char* name = Orrery::stringMember(*one, "name");
+    const char* name = Vela::stringMember(*one, "name");
     std::string line = fmt::format("operation {}", name ? name : "?");
     const cJSON* argument = nullptr;
     cJSON_ArrayForEach(argument, cJSON_GetObjectItemCaseSensitive(one, "arguments")) {
@@ -70,7 +70,7 @@ void printEntity(const cJSON& answer) {
 void runGet(const Options& options) {
   Orrery::Client client(options.stateDirectory);
   const bool list = options.path.empty();
-  const Orrery::Json answer = list ? client.list("") : client.get(options.path, options.attribute);
+  const Vela::Json answer = list ? client.list("") : client.get(options.path, options.attribute);
   if (options.json) return printJson(*answer);
   if (list) return printPaths(*answer);
   if (options.attribute.empty()) return printEntity(*answer);
@@ -80,7 +80,7 @@ void runGet(const Options& options) {
 }
 
 void runSet(const Options& options) {
-  executed(options.stateDirectory, "set", {options.path, options.attribute, options.value});
+  execute(options.stateDirectory, "set", {options.path, options.attribute, options.value});
   if (!options.json) return;
   printJson(*Orrery::Client(options.stateDirectory).get(options.path, options.attribute));
 }
@@ -88,13 +88,13 @@ void runSet(const Options& options) {
 void runCreate(const Options& options) {
   std::vector<std::string> arguments{options.path};
   arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
-  executed(options.stateDirectory, "create", arguments);
+  execute(options.stateDirectory, "create", arguments);
   if (options.json) printJson(*Orrery::Client(options.stateDirectory).get(options.path));
 }
 
 void runDelete(const Options& options) {
-  executed(options.stateDirectory, "delete", {options.path});
-  const Orrery::Json done(cJSON_CreateObject());
+  execute(options.stateDirectory, "delete", {options.path});
+  const Vela::Json done(cJSON_CreateObject());
   cJSON_AddTrueToObject(done.get(), "ok");
   if (options.json) printJson(*done);
 }
@@ -102,9 +102,9 @@ void runDelete(const Options& options) {
 void runCall(const Options& options) {
   std::vector<std::string> arguments{options.path, options.operation};
   arguments.insert(arguments.end(), options.arguments.begin(), options.arguments.end());
-  const std::string text = executed(options.stateDirectory, "call", arguments);
+  const std::string text = execute(options.stateDirectory, "call", arguments);
   if (options.json) {
-    const Orrery::Json answer(cJSON_CreateObject());
+    const Vela::Json answer(cJSON_CreateObject());
     cJSON_AddTrueToObject(answer.get(), "ok");
     cJSON_AddStringToObject(answer.get(), "answer", text.c_str());
     return printJson(*answer);
@@ -113,11 +113,11 @@ void runCall(const Options& options) {
 }
 
 void printChange(const cJSON& change) {
-  const char* path = Orrery::stringMember(change, "path");
-  if (const char* child = Orrery::stringMember(change, "child")) {
+  const char* path = Vela::stringMember(change, "path");
+  if (const char* child = Vela::stringMember(change, "child")) {
     const bool present = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(&change, "present"));
     fmt::print("{} {} {}\n", path ? path : "", child, present ? "came" : "went");
-  } else if (const char* name = Orrery::stringMember(change, "attribute")) {
+  } else if (const char* name = Vela::stringMember(change, "attribute")) {
     const cJSON* value = cJSON_GetObjectItemCaseSensitive(&change, "value");
     fmt::print("{} {} {}\n", path ? path : "", name, value ? valueText(*value) : "");
   }
@@ -125,11 +125,11 @@ void printChange(const cJSON& change) {
 
 void runWatch(const Options& options) {
   Orrery::Client client(options.stateDirectory);
-  Orrery::Json answer = client.watch(options.path);
-  options.json ? fmt::print("{}\n", Orrery::jsonLine(*answer)) : printEntity(*answer);
+  Vela::Json answer = client.watch(options.path);
+  options.json ? fmt::print("{}\n", Vela::jsonLine(*answer)) : printEntity(*answer);
   std::fflush(stdout);
-  while (Orrery::Json change = client.next()) {
-    options.json ? fmt::print("{}\n", Orrery::jsonLine(*change)) : printChange(*change);
+  while (Vela::Json change = client.next()) {
+    options.json ? fmt::print("{}\n", Vela::jsonLine(*change)) : printChange(*change);
     std::fflush(stdout);
   }
   throw std::runtime_error("the agent closed the connection; see 'korvel status'");

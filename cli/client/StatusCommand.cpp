@@ -18,7 +18,7 @@
 
 namespace {
 
-using Orrery::Json;
+using Vela::Json;
 
 constexpr const char* systemPath = "p4runtime/status/system";
 constexpr const char* agentPath = "p4runtime/status/agent";
@@ -35,12 +35,12 @@ std::string pathOfOperation(Orrery::Client& client, const char* operation) {
   const Json list = client.list("");
   const cJSON* one = nullptr;
   cJSON_ArrayForEach(one, cJSON_GetObjectItemCaseSensitive(list.get(), "paths")) {
-    const char* path = Orrery::stringMember(*one, "path");
+    const char* path = Vela::stringMember(*one, "path");
     if (!path) continue;
     const Json entity = client.get(path);
     const cJSON* known = nullptr;
     cJSON_ArrayForEach(known, cJSON_GetObjectItemCaseSensitive(entity.get(), "operations")) {
-      const char* name = Orrery::stringMember(*known, "name");
+      const char* name = Vela::stringMember(*known, "name");
       if (name && std::strcmp(name, operation) == 0) return path;
     }
   }
@@ -83,7 +83,7 @@ void printFailures(const Json& failures) {
   printList(failures, "notRestoredList", "not restored");
 }
 
-// What is said before, or nobody wants to see twice.
+// Attributes that have lines of their own.
 bool shownElsewhere(const char* name) {
   for (const char* known :
        {"pid", "criticalSince", "criticalReason", "forwardingAgents", "pretendsProgramming"}) {
@@ -101,7 +101,7 @@ void printAll(const Json& object) {
   }
 }
 
-// Counts of what may happen, and has not, are no news.
+// A count of 0 is no news, except for the counts that are always shown.
 bool isNews(const cJSON& count) {
   static const char* const always[] = {"in", "inToControllers", "out"};
   const auto isIt = [&](const char* name) { return std::strcmp(name, count.string) == 0; };
@@ -145,7 +145,7 @@ void printJson(int64_t pid, Json system, Json agent, Json failures, Json packets
   if (agent) cJSON_AddItemToObject(json.get(), "agent", agent.release());
   if (failures) cJSON_AddItemToObject(json.get(), "failures", failures.release());
   if (packets) cJSON_AddItemToObject(json.get(), "packets", packets.release());
-  fmt::print("{}\n", Orrery::jsonText(*json));
+  fmt::print("{}\n", Vela::jsonText(*json));
 }
 
 void runStatus(const ClientOptions& options) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-using Orrery::Json;
+using Vela::Json;
 
 constexpr const char* pipelinePath = "p4runtime/status/pipeline";
 constexpr const char* portsPath = "p4runtime/status/port-mapping";

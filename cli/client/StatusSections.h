@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "platform/orrery/Client.h"
-#include "platform/orrery/Json.h"
+#include "platform/vela/Json.h"
 
 // The attributes of an entity; null when the agent does not have it (yet). Throws NoAgentError.
-Orrery::Json attributesAt(Orrery::Client& client, const std::string& path);
+Vela::Json attributesAt(Orrery::Client& client, const std::string& path);
 
 // Entries of a collection of an entity's attributes; names that are numbers in their order.
 std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attributes,

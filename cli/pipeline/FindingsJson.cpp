@@ -2,24 +2,24 @@
 #include "cli/pipeline/FindingsJson.h"
 
 #include "pipeline/Finding.h"
-#include "pipeline/Json.h"
+#include "platform/vela/Json.h"
 
 namespace Cli {
 
 using namespace Pipeline;
 
 std::string findingsJson(const std::string& path, const Findings& findings) {
-  const JsonPtr root(cJSON_CreateObject());
-  stringItemIs(root.get(), "file", path);
+  const Vela::Json root(cJSON_CreateObject());
+  Vela::addString(root.get(), "file", path);
   cJSON_AddBoolToObject(root.get(), "runs", findings.hasErrors() ? 0 : 1);
-  cJSON* list = newArrayItem(root.get(), "findings");
+  cJSON* list = Vela::addArray(root.get(), "findings");
   for (const Finding& finding : findings.list()) {
-    cJSON* item = newObjectIn(list);
-    stringItemIs(item, "severity", finding.severity == Severity::error ? "error" : "warning");
-    stringItemIs(item, "object", finding.object);
-    stringItemIs(item, "message", finding.message);
+    cJSON* item = Vela::addObjectTo(list);
+    Vela::addString(item, "severity", finding.severity == Severity::error ? "error" : "warning");
+    Vela::addString(item, "object", finding.object);
+    Vela::addString(item, "message", finding.message);
   }
-  return printedJson(*root) + '\n';
+  return Vela::jsonBytes(*root) + '\n';
 }
 
 }  // namespace Cli

@@ -13,11 +13,11 @@ using namespace Pipeline;
 namespace {
 
 std::string text(const cJSON* object, const char* key) {
-  return stringItem(object, key).value_or("");
+  return Vela::jsonString(object, key).value_or("");
 }
 
 uint32_t number(const cJSON* object, const char* key) {
-  return numberItem(object, key).value_or(0);
+  return Vela::jsonNumber(object, key).value_or(0);
 }
 
 // Sizes have 64 bits, of which the view holds 53 exactly.
@@ -208,8 +208,8 @@ std::string pageOf(const cJSON* view) {
 std::string shownPipeline(const std::string& path, bool json) {
   p4::v1::SetForwardingPipelineConfigRequest request;
   readPipelineFile(path, &request);
-  const JsonPtr view = pipelineView(path, request);
-  return json ? printedJson(*view) + '\n' : pageOf(view.get());
+  const Vela::Json view = pipelineView(path, request);
+  return json ? Vela::jsonBytes(*view) + '\n' : pageOf(view.get());
 }
 
 }  // namespace Cli

@@ -5,7 +5,7 @@
 
 namespace Cli {
 
-// The pipeline for people, or as JSON. Throws Pipeline::PipelineError where there is none to show.
+// The pipeline for people, or as JSON. Throws Pipeline::PipelineError for a file that holds none.
 std::string shownPipeline(const std::string& path, bool json);
 
 }  // namespace Cli

@@ -12,7 +12,7 @@
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 #include "pipeline/PipelineCheck.h"
 #include "pipeline/ProfileCheck.h"
 #include "pipeline/TypeCheck.h"
@@ -38,7 +38,7 @@ std::string matchKindText(const MatchField& field) {
 void addPairs(cJSON* object, const char* key,
               const std::vector<std::pair<std::string, std::string>>& pairs) {
   cJSON* item = cJSON_AddObjectToObject(object, key);
-  for (const auto& [name, value] : pairs) stringItemIs(item, name.c_str(), value);
+  for (const auto& [name, value] : pairs) Vela::addString(item, name.c_str(), value);
 }
 
 class ViewMaker {
@@ -50,7 +50,7 @@ class ViewMaker {
     requireNone(findings, path);
     const auto json = deviceData(request, &findings);
     requireNone(findings, path);
-    auto config = parsedDeviceConfig(*json, &findings);
+    auto config = parseDeviceConfig(*json, &findings);
     if (!config) requireNone(findings, path);
     config_ = *std::move(config);
     layout_ = pipelineLayout(index_, &findings);
@@ -63,26 +63,26 @@ class ViewMaker {
     }
   }
 
-  JsonPtr run() {
+  Vela::Json run() {
     addHead();
-    cJSON* tables = newArrayItem(root_.get(), "tables");
-    for (const auto& table : p4Info_.tables()) addTable(table, newObjectIn(tables));
-    cJSON* profiles = newArrayItem(root_.get(), "action_profiles");
+    cJSON* tables = Vela::addArray(root_.get(), "tables");
+    for (const auto& table : p4Info_.tables()) addTable(table, Vela::addObjectTo(tables));
+    cJSON* profiles = Vela::addArray(root_.get(), "action_profiles");
     for (const auto& profile : p4Info_.action_profiles())
-      addProfile(profile, newObjectIn(profiles));
-    cJSON* queries = newArrayItem(root_.get(), "queries");
+      addProfile(profile, Vela::addObjectTo(profiles));
+    cJSON* queries = Vela::addArray(root_.get(), "queries");
     for (const DeviceQuery& query : config_.queries) addQueryView(query, queries);
-    cJSON* headers = newArrayItem(root_.get(), "packet_headers");
+    cJSON* headers = Vela::addArray(root_.get(), "packet_headers");
     for (const auto& header : p4Info_.controller_packet_metadata()) {
-      cJSON* item = newObjectIn(headers);
-      stringItemIs(item, "name", header.preamble().name());
-      addFields(header.metadata(), newArrayItem(item, "fields"));
+      cJSON* item = Vela::addObjectTo(headers);
+      Vela::addString(item, "name", header.preamble().name());
+      addFields(header.metadata(), Vela::addArray(item, "fields"));
     }
     return std::move(root_);
   }
 
  private:
-  static JsonPtr newRoot() { return JsonPtr(cJSON_CreateObject()); }
+  static Vela::Json newRoot() { return Vela::Json(cJSON_CreateObject()); }
 
   static void requireNone(const Findings& findings, const std::string& path) {
     const Finding* error = findings.firstError();
@@ -92,49 +92,49 @@ class ViewMaker {
 
   void addHead() {
     // Device ids have 64 bits, more than a JSON number holds exactly.
-    stringItemIs(root_.get(), "device_id", std::to_string(request_.device_id()));
+    Vela::addString(root_.get(), "device_id", std::to_string(request_.device_id()));
     if (request_.has_election_id()) {
-      stringItemIs(root_.get(), "election_id",
-                   std::to_string(request_.election_id().high()) + ':' +
-                       std::to_string(request_.election_id().low()));
+      Vela::addString(root_.get(), "election_id",
+                      std::to_string(request_.election_id().high()) + ':' +
+                          std::to_string(request_.election_id().low()));
     }
-    stringItemIs(root_.get(), "name", p4Info_.pkg_info().name());
-    stringItemIs(root_.get(), "version", p4Info_.pkg_info().version());
-    stringItemIs(root_.get(), "arch", p4Info_.pkg_info().arch());
+    Vela::addString(root_.get(), "name", p4Info_.pkg_info().name());
+    Vela::addString(root_.get(), "version", p4Info_.pkg_info().version());
+    Vela::addString(root_.get(), "arch", p4Info_.pkg_info().arch());
   }
 
   void addQueryView(const DeviceQuery& query, cJSON* queries) {
     addQuery(query, queries);
     cJSON* object = cJSON_GetArrayItem(queries, cJSON_GetArraySize(queries) - 1);
     const std::string method = queryMethodText(query, config_, types_);
-    stringItemIs(object, "kept",
-                 method.empty() ? "it is not valid; see 'korvel pipeline check'" : method);
+    Vela::addString(object, "kept",
+                    method.empty() ? "it is not valid; see 'korvel pipeline check'" : method);
   }
 
   void addTable(const p4::config::v1::Table& table, cJSON* object) {
     const uint32_t id = table.preamble().id();
-    stringItemIs(object, "name", table.preamble().name());
-    numberItemIs(object, "id", id);
-    numberItemIs(object, "size", static_cast<double>(table.size()));
+    Vela::addString(object, "name", table.preamble().name());
+    Vela::addNumber(object, "id", id);
+    Vela::addNumber(object, "size", static_cast<double>(table.size()));
     const auto device = device_.find({TableKind::match, id});
     const auto refused = refused_.tables.find({TableKind::match, id});
     const bool programmable = refused == refused_.tables.end() && device != device_.end();
     boolItemIs(object, "programmable", programmable);
     if (!programmable) {
-      stringItemIs(object, "reason",
-                   refused != refused_.tables.end() ? refused->second
-                                                    : "it is not in the device configuration");
+      Vela::addString(object, "reason",
+                      refused != refused_.tables.end() ? refused->second
+                                                       : "it is not in the device configuration");
     } else {
-      stringItemIs(object, "table", device->second.name);
+      Vela::addString(object, "table", device->second.name);
     }
     boolItemIs(object, "constant", table.is_const_table());
-    addMatchFields(table, newArrayItem(object, "match_fields"));
-    addActions(table.action_refs(), newArrayItem(object, "actions"));
+    addMatchFields(table, Vela::addArray(object, "match_fields"));
+    addActions(table.action_refs(), Vela::addArray(object, "actions"));
     boolItemIs(object, "direct_counter", index_.hasDirectCounter(table));
     boolItemIs(object, "direct_meter", index_.hasDirectMeter(table));
     if (const auto* profile = index_.actionProfile(table.implementation_id()))
-      stringItemIs(object, "action_profile", profile->preamble().name());
-    cJSON* entries = newArrayItem(object, "constant_entries");
+      Vela::addString(object, "action_profile", profile->preamble().name());
+    cJSON* entries = Vela::addArray(object, "constant_entries");
     if (programmable) addEntries(device->second, table, entries);
   }
 
@@ -142,16 +142,16 @@ class ViewMaker {
     const TableLayout* layout = layout_.table({TableKind::match, table.preamble().id()});
     for (int i = 0; i < table.match_fields_size(); ++i) {
       const MatchField& field = table.match_fields(i);
-      cJSON* item = newObjectIn(fields);
-      stringItemIs(item, "name", field.name());
-      numberItemIs(item, "id", field.id());
-      numberItemIs(item, "bitwidth", field.bitwidth());
-      stringItemIs(item, "match", matchKindText(field));
-      if (field.has_type_name()) stringItemIs(item, "type", field.type_name().name());
+      cJSON* item = Vela::addObjectTo(fields);
+      Vela::addString(item, "name", field.name());
+      Vela::addNumber(item, "id", field.id());
+      Vela::addNumber(item, "bitwidth", field.bitwidth());
+      Vela::addString(item, "match", matchKindText(field));
+      if (field.has_type_name()) Vela::addString(item, "type", field.type_name().name());
       for (const Slot& slot : layout == nullptr ? std::vector<Slot>{} : layout->slots) {
         if (slot.field != static_cast<size_t>(i)) continue;
-        stringItemIs(item, "column", slot.name);
-        stringItemIs(item, "column_type", slot.type);
+        Vela::addString(item, "column", slot.name);
+        Vela::addString(item, "column_type", slot.type);
         break;
       }
     }
@@ -161,77 +161,79 @@ class ViewMaker {
   void addActions(const ActionRefs& refs, cJSON* actions) {
     for (const auto& ref : refs) {
       const p4::config::v1::Action& action = *index_.action(ref.id());
-      cJSON* item = newObjectIn(actions);
-      stringItemIs(item, "name", action.preamble().name());
-      numberItemIs(item, "id", ref.id());
+      cJSON* item = Vela::addObjectTo(actions);
+      Vela::addString(item, "name", action.preamble().name());
+      Vela::addNumber(item, "id", ref.id());
       if (ref.scope() == p4::config::v1::ActionRef::DEFAULT_ONLY)
         boolItemIs(item, "default_only", true);
       const auto refused = refused_.actions.find(ref.id());
-      if (refused != refused_.actions.end()) stringItemIs(item, "reason", refused->second);
-      addFields(action.params(), newArrayItem(item, "params"));
+      if (refused != refused_.actions.end()) Vela::addString(item, "reason", refused->second);
+      addFields(action.params(), Vela::addArray(item, "params"));
     }
   }
 
   template <typename Fields>
   void addFields(const Fields& fields, cJSON* array) {
     for (const auto& field : fields) {
-      cJSON* item = newObjectIn(array);
-      stringItemIs(item, "name", field.name());
-      numberItemIs(item, "id", field.id());
-      numberItemIs(item, "bitwidth", field.bitwidth());
+      cJSON* item = Vela::addObjectTo(array);
+      Vela::addString(item, "name", field.name());
+      Vela::addNumber(item, "id", field.id());
+      Vela::addNumber(item, "bitwidth", field.bitwidth());
     }
   }
 
   void addEntries(const DeviceTable& device, const p4::config::v1::Table& table, cJSON* entries) {
     const TableLayout* layout = layout_.table({TableKind::match, device.id});
     for (const DeviceEntry& entry : device.entries) {
-      cJSON* item = newObjectIn(entries);
+      cJSON* item = Vela::addObjectTo(entries);
       try {
         const EntryText text = entryText(entry, table, *layout, index_);
         addPairs(item, "match", text.match);
-        numberItemIs(item, "priority", entry.priority);
-        stringItemIs(item, "action", text.action);
+        Vela::addNumber(item, "priority", entry.priority);
+        Vela::addString(item, "action", text.action);
         addPairs(item, "params", text.params);
       } catch (const PipelineError& e) {
-        stringItemIs(item, "error", e.what());
+        Vela::addString(item, "error", e.what());
       }
     }
   }
 
   void addProfile(const p4::config::v1::ActionProfile& profile, cJSON* object) {
-    stringItemIs(object, "name", profile.preamble().name());
-    numberItemIs(object, "id", profile.preamble().id());
-    numberItemIs(object, "size", static_cast<double>(profile.size()));
+    Vela::addString(object, "name", profile.preamble().name());
+    Vela::addNumber(object, "id", profile.preamble().id());
+    Vela::addNumber(object, "size", static_cast<double>(profile.size()));
     boolItemIs(object, "selector", profile.with_selector());
     if (profile.with_selector()) addSelector(profile, object);
     for (const auto& [key, kind] : {std::pair{"member_table", TableKind::member},
                                     std::pair{"group_table", TableKind::group}}) {
       const auto device = device_.find({kind, profile.preamble().id()});
-      if (device != device_.end()) stringItemIs(object, key, device->second.name);
+      if (device != device_.end()) Vela::addString(object, key, device->second.name);
     }
-    cJSON* tables = newArrayItem(object, "tables");
+    cJSON* tables = Vela::addArray(object, "tables");
     for (const uint32_t id : profile.table_ids())
       cJSON_AddItemToArray(tables, cJSON_CreateString(index_.table(id)->preamble().name().c_str()));
     // P4Runtime wants all tables of a profile to have the same actions.
     if (profile.table_ids().empty()) return;
-    addActions(index_.table(profile.table_ids(0))->action_refs(), newArrayItem(object, "actions"));
+    addActions(index_.table(profile.table_ids(0))->action_refs(),
+               Vela::addArray(object, "actions"));
   }
 
   // The largest group as the agent will hold it, whatever more the P4Info promises.
   static void addSelector(const p4::config::v1::ActionProfile& profile, cJSON* object) {
     const int64_t size = profile.max_group_size();
-    numberItemIs(object, "max_group_size",
-                 static_cast<double>(size > 0 ? std::min(size, maxGroupWeight) : maxGroupWeight));
-    stringItemIs(object, "size_semantics",
-                 profile.has_sum_of_members() ? "sum_of_members" : "sum_of_weights");
+    Vela::addNumber(
+        object, "max_group_size",
+        static_cast<double>(size > 0 ? std::min(size, maxGroupWeight) : maxGroupWeight));
+    Vela::addString(object, "size_semantics",
+                    profile.has_sum_of_members() ? "sum_of_members" : "sum_of_weights");
     if (profile.sum_of_members().max_member_weight() > 0)
-      numberItemIs(object, "max_member_weight", profile.sum_of_members().max_member_weight());
+      Vela::addNumber(object, "max_member_weight", profile.sum_of_members().max_member_weight());
   }
 
   const p4::v1::SetForwardingPipelineConfigRequest& request_;
   const p4::config::v1::P4Info& p4Info_;
-  const P4InfoIndex index_;
-  JsonPtr root_;
+  const P4InfoLookup index_;
+  Vela::Json root_;
   PipelineLayout layout_;
   Refused refused_;
   DeviceConfig config_;
@@ -241,8 +243,8 @@ class ViewMaker {
 
 }  // namespace
 
-JsonPtr pipelineView(const std::string& path,
-                     const p4::v1::SetForwardingPipelineConfigRequest& request) {
+Vela::Json pipelineView(const std::string& path,
+                        const p4::v1::SetForwardingPipelineConfigRequest& request) {
   return ViewMaker(request, path).run();
 }
 

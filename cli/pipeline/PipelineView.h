@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "pipeline/Json.h"
+#include "platform/vela/Json.h"
 
 namespace p4::v1 {
 class SetForwardingPipelineConfigRequest;
@@ -14,7 +14,7 @@ namespace Cli {
 // {"device_id", "election_id", "name", "version", "tables": [...], "action_profiles": [...],
 //  "packet_headers": [...], "queries"}. `path` is for errors. Throws
 // Pipeline::PipelineError.
-Pipeline::JsonPtr pipelineView(const std::string& path,
-                               const p4::v1::SetForwardingPipelineConfigRequest& request);
+Vela::Json pipelineView(const std::string& path,
+                        const p4::v1::SetForwardingPipelineConfigRequest& request);
 
 }  // namespace Cli

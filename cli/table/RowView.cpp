@@ -8,12 +8,12 @@
 #include <vector>
 
 #include "platform/lattice/types/DirectColumns.h"
-#include "platform/orrery/Json.h"
+#include "platform/vela/Json.h"
 
 namespace {
 
 using Lattice::ColumnText;
-using Orrery::Json;
+using Vela::Json;
 
 std::string hexText(std::string_view bytes) {
   std::string text = "0x";
@@ -245,5 +245,5 @@ std::string rowJson(const TableDump& dump, const DumpedTable& table, const Dumpe
   addNumber(json.get(), "entryHandle", row.entryHandle);
   addNumber(json.get(), "sequence", row.sequence);
   if (!row.state.empty()) cJSON_AddStringToObject(json.get(), "state", row.state.c_str());
-  return Orrery::jsonLine(*json);
+  return Vela::jsonLine(*json);
 }

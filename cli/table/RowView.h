@@ -7,7 +7,7 @@
 
 #include "cli/table/TableDump.h"
 
-// What forwarding agents have counted for a row, all of them together.
+// The counts of all forwarding agents for a row, added up.
 struct RowCount {
   uint64_t packets = 0;
   uint64_t bytes = 0;

@@ -17,12 +17,12 @@
 #include "cli/table/RowView.h"
 #include "cli/table/TableDump.h"
 #include "platform/lattice/counters/FlowCounters.h"
-#include "platform/orrery/Json.h"
+#include "platform/vela/Json.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using Orrery::Json;
+using Vela::Json;
 
 struct DumpOptions : ClientOptions {
   std::vector<std::string> wanted;
@@ -68,7 +68,7 @@ class Counts {
 };
 
 void printRound(const DumpOptions& options, Counts& counts) {
-  const TableDump dump = dumpedTables(options.stateDirectory, options.wanted, true);
+  const TableDump dump = dumpTables(options.stateDirectory, options.wanted, true);
   for (const DumpedTable& table : dump.tables) {
     if (!options.json) fmt::print("{} ({} rows)\n", table.name, table.rows.size());
     for (const DumpedRow& row : table.rows) {
@@ -104,7 +104,7 @@ void runDump(const DumpOptions& options) {
 
 void runList(const ClientOptions& options) {
   const Json list(cJSON_CreateArray());
-  for (const DumpedTable& table : dumpedTables(options.stateDirectory, {}, false).tables) {
+  for (const DumpedTable& table : dumpTables(options.stateDirectory, {}, false).tables) {
     if (!options.json) {
       fmt::print("{:<40} {:>9} {}\n", table.name, table.rowCount, table.typeName);
       continue;
@@ -115,7 +115,7 @@ void runList(const ClientOptions& options) {
     cJSON_AddStringToObject(one, "type", table.typeName.c_str());
     cJSON_AddItemToArray(list.get(), one);
   }
-  if (options.json) fmt::print("{}\n", Orrery::jsonText(*list));
+  if (options.json) fmt::print("{}\n", Vela::jsonText(*list));
 }
 
 }  // namespace

@@ -9,6 +9,8 @@
 #include "platform/brine/Store.h"
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
+#include "platform/lattice/types/DirectColumns.h"
+#include "platform/lattice/types/RowWalk.h"
 
 namespace {
 
@@ -71,9 +73,7 @@ DumpedTable tableOf(const std::string& name, const Lattice::TableRecord& record)
   DumpedTable table{.name = name, .typeName = record.typeName, .type = typeOf(record)};
   if (!table.type) return table;
   table.kind = kindOf(name, *table.type);
-  table.counted = std::ranges::any_of(table.type->valueParts(), [](const auto& part) {
-    return part.part == TableType::Part::counter;
-  });
+  table.counted = Lattice::isCounted(*table.type);
   return table;
 }
 
@@ -108,11 +108,7 @@ DumpedMember memberOf(const DumpedTable& table, const DumpedRow& row) {
 // Weights are repeated ids.
 DumpedGroup groupOf(const DumpedRow& row) {
   DumpedGroup group;
-  Lattice::Unpacker bytes(row.value);
-  const auto count = bytes.take<uint32_t>();
-  for (uint32_t i = 0; i < count; ++i) {
-    const auto id = bytes.take<uint32_t>();
-    if (bytes.bad()) break;  // no more than there are
+  for (const uint32_t id : Lattice::elementsOfArray(row.value)) {
     auto known = std::ranges::find(group.members, id, &std::pair<uint32_t, unsigned>::first);
     if (known == group.members.end()) known = group.members.insert(known, {id, 0});
     ++known->second;
@@ -182,6 +178,22 @@ std::string damagedText(const Brine::DamagedRecord& record,
   return text;
 }
 
+uint64_t littleEndian(std::string_view bytes) {
+  uint64_t number = 0;
+  for (size_t i = bytes.size(); i > 0; --i) {
+    number = number << 8 | static_cast<uint8_t>(bytes[i - 1]);
+  }
+  return number;
+}
+
+struct TargetColumns : IndirectTarget {
+  void column(const TableType::ValuePart&, const Lattice::Column& column, std::string_view bytes) {
+    if (column.name == "indirect_id") id = static_cast<uint32_t>(littleEndian(bytes));
+    if (column.name == "is_group") isGroup = littleEndian(bytes) != 0;
+  }
+  static void action(const Lattice::ActionLayout&) {}
+};
+
 void requireAll(const std::vector<std::string>& wanted, const std::vector<DumpedTable>& tables) {
   for (const std::string& name : wanted) {
     if (std::ranges::find(tables, name, &DumpedTable::name) != tables.end()) continue;
@@ -200,21 +212,13 @@ uint32_t profileId(const DumpedRow& row) {
 }
 
 std::optional<IndirectTarget> indirectTarget(const DumpedTable& table, const DumpedRow& row) {
-  IndirectTarget target;
-  try {
-    for (const ColumnText& column : valueTexts(*table.type, row.value)) {
-      const auto number = std::strtoul(column.text.c_str(), nullptr, 16);
-      if (column.name == "indirect_id") target.id = static_cast<uint32_t>(number);
-      if (column.name == "is_group") target.isGroup = number != 0;
-    }
-    return target;
-  } catch (const Lattice::TypeError&) {
-    return std::nullopt;
-  }
+  TargetColumns target;
+  if (!Lattice::walkValue(*table.type, row.value, target)) return std::nullopt;
+  return target;
 }
 
-TableDump dumpedTables(const std::string& stateDirectory, const std::vector<std::string>& wanted,
-                       bool withRows) {
+TableDump dumpTables(const std::string& stateDirectory, const std::vector<std::string>& wanted,
+                     bool withRows) {
   const auto reader = Brine::Reader::open(stateDirectory);
   const auto snapshot = reader->snapshot();
   std::vector<DumpedTable> all;

@@ -16,10 +16,10 @@ struct DumpedRow {
   std::string value;  // packed
   uint64_t entryHandle = 0;
   uint64_t sequence = 0;
-  std::string state;  // of the entry's cache record; empty: there is none
+  std::string state;  // of the entry's cache record; empty without one
 };
 
-// What a table's rows are: entries that hold their action, entries that name a member or a group,
+// The rows of a table: entries that hold their action, entries that name a member or a group,
 // or the members or groups of an action profile.
 enum class TableKind { direct, indirect, member, group };
 
@@ -33,8 +33,8 @@ struct DumpedTable {
   std::vector<DumpedRow> rows;
 };
 
-// The ids that key rows are the agent's own; controllers know members and groups by others. 0 is
-// the controller's id of what a one-shot action set made, which no controller knows.
+// Rows are keyed by ids of the agent's own; controllers know members and groups by other ids. The
+// members and groups of a one-shot action set have the controller's id 0.
 struct DumpedMember {
   std::optional<uint32_t> controllerId;  // empty: the agent remembers no such member
   std::vector<Lattice::ColumnText> action;
@@ -57,8 +57,8 @@ struct TableDump {
 // Table names of the store, ascending, with types and row counts; rows of those in `wanted` only
 // (all when it is empty and `withRows`). Throws Brine::StoreError, and std::runtime_error for a
 // wanted table that is not there.
-TableDump dumpedTables(const std::string& stateDirectory, const std::vector<std::string>& wanted,
-                       bool withRows);
+TableDump dumpTables(const std::string& stateDirectory, const std::vector<std::string>& wanted,
+                     bool withRows);
 
 // Where a row of an indirect table leads; nothing when it does not have the layout.
 struct IndirectTarget {

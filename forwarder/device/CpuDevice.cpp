@@ -74,9 +74,9 @@ SendCounts CpuDevice::sendIntoTap(std::span<const Frame> frames) {
   uint64_t refused = 0;
   trouble_.clear();
   for (const Frame& frame : frames) {
-    std::string why = tap_->packetIs(frame.start, frame.size);
-    if (why.empty()) continue;
-    trouble_ = std::move(why);
+    const Vela::Outcome given = tap_->packetIs(frame.start, frame.size);
+    if (given.ok()) continue;
+    trouble_ = given.reason();
     ++refused;
   }
   SendCounts counts{.sent = frames.size() - refused};

@@ -23,14 +23,14 @@ constexpr const char* mappingPath = "p4runtime/status/port-mapping";
 constexpr milliseconds slice{100};      // between looks at whether to stop
 constexpr milliseconds patience{1000};  // with an agent that is busy
 
-const cJSON* attribute(const Orrery::Json& entity, const char* name) {
+const cJSON* attribute(const Vela::Json& entity, const char* name) {
   const cJSON* attributes = cJSON_GetObjectItemCaseSensitive(entity.get(), "attributes");
   return cJSON_GetObjectItemCaseSensitive(attributes, name);
 }
 
 bool pipelineRuns(Orrery::Client& client) {
-  const Orrery::Json state = client.get("p4runtime/tableInfo", "tableInfoState");
-  const char* text = Orrery::stringMember(*state, "value");
+  const Vela::Json state = client.get("p4runtime/tableInfo", "tableInfoState");
+  const char* text = Vela::stringMember(*state, "value");
   return text && std::string_view(text) == "tableInfoReady";
 }
 
@@ -100,14 +100,14 @@ bool PuntView::maybePublish(PuntPicture picture) {
 
 PuntPicture PuntView::fetchPicture(Orrery::Client& client) {
   PuntPicture picture;
-  const Orrery::Json metadata = client.get(metadataPath);
+  const Vela::Json metadata = client.get(metadataPath);
   const cJSON* packetIn = attribute(metadata, "packetIn");
   if (cJSON_IsString(packetIn)) picture.packetIn = packetIn->valuestring;
   // A pipeline without packet_in and a missing pipeline look alike.
   if (picture.packetIn.empty() && !pipelineRuns(client)) {
     picture.trouble = "the agent runs no pipeline yet";
   }
-  const Orrery::Json mapping = client.get(mappingPath);
+  const Vela::Json mapping = client.get(mappingPath);
   const cJSON* one = nullptr;
   cJSON_ArrayForEach(one, attribute(mapping, "intfOfPort")) {
     uint32_t port = 0;

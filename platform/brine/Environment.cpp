@@ -29,7 +29,7 @@ struct Shared {
   Environment::Mode mode = Environment::Mode::read;
 };
 
-std::mutex& registryMutex() {
+std::mutex& registryMutex() {  // guards registry()
   static auto* mutex = new std::mutex;
   return *mutex;
 }
@@ -182,12 +182,12 @@ void requireTables(Environment& environment, MDB_txn* txn, MDB_dbi meta) {
   };
   bool sound = true;
   const auto damagedOne = [&](Bytes key) { sound &= !asText(key).starts_with(tableKeyPrefix); };
-  check(recordsVisited(txn, meta, list, {}, damagedOne), environment.directory());
+  check(visitRecords(txn, meta, list, {}, damagedOne), environment.directory());
   const auto add = [&](std::string_view name) {
     if (name != metaTable) there.emplace(name);
     return true;
   };
-  check(namesVisited(txn, add), environment.directory());
+  check(visitNames(txn, add), environment.directory());
   if (!sound || listed != there) damaged(environment.directory(), "it has lost tables");
 }
 
@@ -220,7 +220,7 @@ std::string checkedHead(Environment& environment) {
   }
   requireTables(environment, txn.handle(), dbi);
   Bytes boot;
-  if (recordFound(txn.handle(), dbi, asBytes(bootKey), &boot) != MDB_SUCCESS) return {};
+  if (findRecord(txn.handle(), dbi, asBytes(bootKey), &boot) != MDB_SUCCESS) return {};
   return std::string(asText(boot));
 }
 
@@ -237,7 +237,7 @@ void writeHead(Environment& environment, const std::string& boot) {
   check(mdb_put(txn.handle(), dbi, &key, &value, 0), environment.directory());
   MDB_cursor* cursor = nullptr;
   check(mdb_cursor_open(txn.handle(), dbi, &cursor), environment.directory());
-  check(recordPut(cursor, asBytes(bootKey), asBytes(boot)), environment.directory());
+  check(putRecord(cursor, asBytes(bootKey), asBytes(boot)), environment.directory());
   txn.commit();
 }
 
@@ -316,10 +316,10 @@ std::shared_ptr<Environment> Environment::open(const StoreOptions& options, Mode
     failed(ENOENT, directory);
   }
   FileFinding finding;
-  auto opened = mode == Mode::write ? openedToWrite(options, &finding) : openedToRead(options);
+  auto opened = mode == Mode::write ? openToWrite(options, &finding) : openToRead(options);
   checkOrCreate(*opened, mode, options.bootId);
   if (finding.free > finding.pages / 2 && finding.pages >= leastToCompact && !readHere) {
-    opened = compacted(std::move(opened), options);
+    opened = compact(std::move(opened), options);
   }
   const auto id = fileId(dataPath(directory));
   if (!id) failed(ENOENT, directory);
@@ -329,18 +329,18 @@ std::shared_ptr<Environment> Environment::open(const StoreOptions& options, Mode
   return joined(*id, entry);
 }
 
-std::unique_ptr<Environment> Environment::openedToWrite(const StoreOptions& options,
-                                                        FileFinding* finding) {
-  *finding = checkedFile(options.directory, dataPath(options.directory));
+std::unique_ptr<Environment> Environment::openToWrite(const StoreOptions& options,
+                                                      FileFinding* finding) {
+  *finding = checkFile(options.directory, dataPath(options.directory));
   if (!finding->damage.empty()) damaged(options.directory, finding->damage);
   const bool intoMapping = allocateLockFile(options.directory);
   close(openedFile(options.directory, dataPath(options.directory)));  // LMDB would follow a link
-  auto opened = openedBy(options, intoMapping ? MDB_WRITEMAP : 0);
+  auto opened = openWith(options, intoMapping ? MDB_WRITEMAP : 0);
   if (!opened->hasOwnLockFile()) {
     opened.reset();
-    unlink(lockPath(options.directory).c_str());  // whoever uses it keeps it
+    unlink(lockPath(options.directory).c_str());  // its present users keep it
     allocateLockFile(options.directory);
-    opened = openedBy(options, intoMapping ? MDB_WRITEMAP : 0);
+    opened = openWith(options, intoMapping ? MDB_WRITEMAP : 0);
   }
   opened->writesIntoMapping_ = intoMapping;
   return opened;
@@ -349,12 +349,12 @@ std::unique_ptr<Environment> Environment::openedToWrite(const StoreOptions& opti
 // A copy without the free pages takes the file's place, whole, from one moment to the next. Readers
 // of the former file keep it, with the lock file that belongs to it, until they open the store
 // again. Without room for the copy all stays as it is.
-std::unique_ptr<Environment> Environment::compacted(std::unique_ptr<Environment> former,
-                                                    const StoreOptions& options) {
+std::unique_ptr<Environment> Environment::compact(std::unique_ptr<Environment> former,
+                                                  const StoreOptions& options) {
   const std::string path = dataPath(options.directory);
   const std::string copy = path + "-compact";
   unlink(copy.c_str());  // of a process that was killed here
-  if (!copiedTo(copy, former->env_) || !checkedFile(options.directory, copy).damage.empty()) {
+  if (!copiedTo(copy, former->env_) || !checkFile(options.directory, copy).damage.empty()) {
     unlink(copy.c_str());
     return former;
   }
@@ -362,7 +362,7 @@ std::unique_ptr<Environment> Environment::compacted(std::unique_ptr<Environment>
   unlink(lockPath(options.directory).c_str());
   if (rename(copy.c_str(), path.c_str()) != 0) unlink(copy.c_str());
   FileFinding finding;
-  return openedToWrite(options, &finding);
+  return openToWrite(options, &finding);
 }
 
 // LMDB believes the lock file in use about which commit is the newest. A process that opened the
@@ -376,15 +376,15 @@ bool Environment::hasOwnLockFile() {
   return counted == info.me_last_txnid || counted + 1 == info.me_last_txnid;
 }
 
-std::unique_ptr<Environment> Environment::openedToRead(const StoreOptions& options) {
+std::unique_ptr<Environment> Environment::openToRead(const StoreOptions& options) {
   const std::string damage = damageOfHead(options.directory);
   if (!damage.empty()) damaged(options.directory, damage);
-  auto opened = openedBy(options, MDB_RDONLY);
+  auto opened = openWith(options, MDB_RDONLY);
   requireSoundCommit(*opened);
   return opened;
 }
 
-std::unique_ptr<Environment> Environment::openedBy(const StoreOptions& options, unsigned mode) {
+std::unique_ptr<Environment> Environment::openWith(const StoreOptions& options, unsigned mode) {
   MDB_env* env = nullptr;
   check(mdb_env_create(&env), options.directory);
   std::unique_ptr<Environment> opened(new Environment(env, options.directory));
@@ -405,7 +405,7 @@ std::unique_ptr<Environment> Environment::openedBy(const StoreOptions& options, 
 void Environment::allocateRoom(const Room& room) {
   MDB_envinfo info{};
   check(mdb_env_info(env_, &info), directory_);
-  // The lists name each free page with 8 bytes, and may be written anew as a whole.
+  // The lists name each free page with 8 bytes, and may be rewritten as a whole.
   const uint64_t lists = info.me_last_pgno / 200 + 32;
   const uint64_t least = info.me_last_pgno + 1 + room.inARow + lists;
   const uint64_t wanted = least + room.pages + room.spare + lists;
@@ -470,7 +470,7 @@ ReadTransaction::~ReadTransaction() {
   if (txn_) mdb_txn_abort(txn_);
 }
 
-MDB_txn* ReadTransaction::begun() {
+MDB_txn* ReadTransaction::begin() {
   if (active_) return txn_;
   const int error =
       txn_ ? mdb_txn_renew(txn_) : mdb_txn_begin(environment_.handle(), nullptr, MDB_RDONLY, &txn_);

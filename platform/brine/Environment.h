@@ -13,8 +13,8 @@
 
 namespace Brine {
 
-// Throws the StoreError that an LMDB or system error code amounts to. Only LMDB's own words for
-// damage count as damage. `file` is the one to name, the store's data unless given.
+// Throws the StoreError for an LMDB or system error code. Only LMDB's own codes for damage count as
+// damage. The message names `file`, or the store's data unless given.
 [[noreturn]] void failed(int error, const std::string& directory, const std::string& file = {});
 inline void check(int error, const std::string& directory) {
   if (error != MDB_SUCCESS) failed(error, directory);
@@ -41,7 +41,8 @@ struct Room {
 };
 
 // LMDB must not open one file twice in a process: the second one's close would end the first one's
-// locks. So whoever opens the same file here shares one Environment.
+// locks. So all users of a file in this process share one Environment. Readers and the writer may
+// be on different threads; each transaction belongs to one thread.
 class Environment {
  public:
   enum class Mode { write, read };
@@ -56,24 +57,23 @@ class Environment {
   size_t pageSize() const { return pageSize_; }
 
   // The writer writes into the mapping, which on a full tmpfs would end in SIGBUS. So before a
-  // transaction writes, the memory of all the pages it can come to need is allocated behind the
-  // last one in use, with those for the lists of free pages. Where there is no more memory, free
-  // pages serve, which have some. Throws StoreError{full}.
+  // transaction writes, this allocates memory behind the last page in use for all the pages that
+  // the transaction can come to need, those for the lists of free pages included. When memory runs
+  // out, free pages serve, which have some. Throws StoreError{full}.
   void allocateRoom(const Room& room);
 
-  // LMDB wants one transaction at a time to open or close database handles. `handles` is guarded
-  // by the mutex.
-  std::mutex handlesMutex;
+  // LMDB wants one transaction at a time to open or close database handles.
+  std::mutex handlesMutex;  // guards `handles`
   std::map<std::string, MDB_dbi, std::less<>> handles;
 
  private:
   Environment(MDB_env* env, std::string directory) : env_(env), directory_(std::move(directory)) {}
-  static std::unique_ptr<Environment> openedToWrite(const StoreOptions& options,
-                                                    FileFinding* finding);
-  static std::unique_ptr<Environment> compacted(std::unique_ptr<Environment> former,
-                                                const StoreOptions& options);
-  static std::unique_ptr<Environment> openedToRead(const StoreOptions& options);
-  static std::unique_ptr<Environment> openedBy(const StoreOptions& options, unsigned mode);
+  static std::unique_ptr<Environment> openToWrite(const StoreOptions& options,
+                                                  FileFinding* finding);
+  static std::unique_ptr<Environment> compact(std::unique_ptr<Environment> former,
+                                              const StoreOptions& options);
+  static std::unique_ptr<Environment> openToRead(const StoreOptions& options);
+  static std::unique_ptr<Environment> openWith(const StoreOptions& options, unsigned mode);
   uint64_t usableFreePages();
   bool hasOwnLockFile();
   MDB_env* env_;
@@ -105,7 +105,7 @@ class ReadTransaction {
   ~ReadTransaction();
   ReadTransaction(const ReadTransaction&) = delete;
   ReadTransaction& operator=(const ReadTransaction&) = delete;
-  MDB_txn* begun();  // begins when set aside; throws StoreError
+  MDB_txn* begin();  // returns the running transaction if there is one; throws StoreError
   void setAside();
 
  private:

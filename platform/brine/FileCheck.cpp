@@ -267,7 +267,7 @@ std::string damageFound(const MappedFile& file, Check check) {
 
 }  // namespace
 
-FileFinding checkedFile(const std::string& directory, const std::string& path) {
+FileFinding checkFile(const std::string& directory, const std::string& path) {
   const MappedFile file(directory, path);
   FileFinding finding;
   if (file.bytes().empty()) return finding;

@@ -122,7 +122,7 @@ class FileLookupImpl final : public FileLookup {
     return second.transaction > first.transaction ? second : first;
   }
 
-  // Brings tree_ to the table's of that commit; false when there is none.
+  // Finds the table's tree in that commit; false without such a table.
   bool findTable(const Meta& head, std::string_view table) {
     if (head.transaction == treeOf_ && table == treeName_) return true;
     treeOf_ = noPage;

@@ -27,7 +27,7 @@ class SnapshotImpl final : public Snapshot {
     const auto found = tables_.find(table);
     if (found == tables_.end() || key.empty() || key.size() > keyLimit) return std::nullopt;
     Bytes value;
-    const int error = recordFound(read_.begun(), found->second, key, &value);
+    const int error = findRecord(read_.begin(), found->second, key, &value);
     if (error == damagedRecord) {
       noteDamage(table, key);
       return std::nullopt;
@@ -41,7 +41,7 @@ class SnapshotImpl final : public Snapshot {
     const auto found = tables_.find(table);
     if (found == tables_.end()) return 0;
     size_t passedOver = 0;
-    const int error = recordsVisited(read_.begun(), found->second, visit, from, [&](Bytes key) {
+    const int error = visitRecords(read_.begin(), found->second, visit, from, [&](Bytes key) {
       noteDamage(table, key);
       ++passedOver;
     });
@@ -53,7 +53,7 @@ class SnapshotImpl final : public Snapshot {
   size_t count(std::string_view table) override {
     const auto found = tables_.find(table);
     MDB_stat stat{};
-    if (found == tables_.end() || mdb_stat(read_.begun(), found->second, &stat) != 0) return 0;
+    if (found == tables_.end() || mdb_stat(read_.begin(), found->second, &stat) != 0) return 0;
     return stat.ms_entries;
   }
 
@@ -79,7 +79,7 @@ class ReaderImpl final : public Reader {
     read_.setAside();
     // A handle serves only transactions begun after it was opened; so when tables came in between,
     // look again.
-    while (!listed(read_.begun())) {
+    while (!listed(read_.begin())) {
       read_.setAside();
       openHandles();
     }
@@ -108,7 +108,7 @@ class ReaderImpl final : public Reader {
       }
       return true;
     };
-    check(namesVisited(txn, visit), environment_->directory());
+    check(visitNames(txn, visit), environment_->directory());
     if (!complete) return false;
     if (same && known != tables_.end()) tables_.erase(known, tables_.end());
     if (!same) tables_ = std::move(tables);
@@ -120,7 +120,7 @@ class ReaderImpl final : public Reader {
     Transaction txn(*environment_, MDB_RDONLY);
     std::vector<std::string> names;
     const auto add = [&](std::string_view name) { return names.emplace_back(name), true; };
-    check(namesVisited(txn.handle(), add), environment_->directory());
+    check(visitNames(txn.handle(), add), environment_->directory());
     for (const std::string& name : names) {
       if (name == metaTable || environment_->handles.contains(name)) continue;
       MDB_dbi dbi = 0;

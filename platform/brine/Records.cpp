@@ -209,7 +209,7 @@ std::optional<Bytes> soundValue(Bytes key, Bytes stored) {
   return value;
 }
 
-int recordFound(MDB_txn* txn, MDB_dbi dbi, Bytes key, Bytes* value) {
+int findRecord(MDB_txn* txn, MDB_dbi dbi, Bytes key, Bytes* value) {
   if (key.size() > plainKeyLimit) return longFound(txn, dbi, key, value);
   MDB_val at = asVal(key);
   MDB_val found;
@@ -220,7 +220,7 @@ int recordFound(MDB_txn* txn, MDB_dbi dbi, Bytes key, Bytes* value) {
   return MDB_SUCCESS;
 }
 
-int recordPut(MDB_cursor* cursor, Bytes key, Bytes value) {
+int putRecord(MDB_cursor* cursor, Bytes key, Bytes value) {
   if (key.size() > plainKeyLimit) return longPut(cursor, key, value);
   MDB_val at = asVal(key);
   MDB_val room{value.size() + sumSize, nullptr};
@@ -229,7 +229,7 @@ int recordPut(MDB_cursor* cursor, Bytes key, Bytes value) {
   return error;
 }
 
-int recordErased(MDB_cursor* cursor, Bytes key) {
+int eraseRecord(MDB_cursor* cursor, Bytes key) {
   if (key.size() > plainKeyLimit) return longErased(cursor, key);
   MDB_val at = asVal(key);
   MDB_val value;
@@ -237,21 +237,21 @@ int recordErased(MDB_cursor* cursor, Bytes key) {
   return mdb_cursor_del(cursor, 0);
 }
 
-int recordsVisited(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from,
-                   const DamagedVisit& damaged) {
+int visitRecords(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from,
+                 const DamagedVisit& damaged) {
   Cursor cursor(nullptr, mdb_cursor_close);
   if (const int error = opened(txn, dbi, &cursor)) return error;
   return allVisited(cursor.get(), visit, from, damaged);
 }
 
-int damagedErased(MDB_cursor* cursor, Bytes storedKey) {
+int eraseDamagedRecord(MDB_cursor* cursor, Bytes storedKey) {
   MDB_val at = asVal(storedKey);
   MDB_val value;
   if (const int error = mdb_cursor_get(cursor, &at, &value, MDB_SET_KEY)) return error;
   return recordAt(storedKey, asBytes(value)) ? MDB_SUCCESS : mdb_cursor_del(cursor, 0);
 }
 
-int namesVisited(MDB_txn* txn, const std::function<bool(std::string_view)>& visit) {
+int visitNames(MDB_txn* txn, const std::function<bool(std::string_view)>& visit) {
   constexpr MDB_dbi mainDatabase = 1;
   Cursor cursor(nullptr, mdb_cursor_close);
   if (const int error = opened(txn, mainDatabase, &cursor)) return error;

@@ -25,25 +25,25 @@ inline Bytes asBytes(const MDB_val& value) {
   return {static_cast<const uint8_t*>(value.mv_data), value.mv_size};
 }
 
-// What stands under the key is not what was stored there.
+// The record under the key is not the one that was stored there.
 inline constexpr int damagedRecord = -1;
 
-// All answer an LMDB error code, MDB_NOTFOUND for an absent record; recordFound() also
+// All return an LMDB error code, MDB_NOTFOUND for an absent record; findRecord() also
 // damagedRecord.
-int recordFound(MDB_txn* txn, MDB_dbi dbi, Bytes key, Bytes* value);
-int recordPut(MDB_cursor* cursor, Bytes key, Bytes value);
-int recordErased(MDB_cursor* cursor, Bytes key);
-// Ascending by whole key, from `from` on. Of a damaged record `damaged` is given the key as LMDB
-// has it.
+int findRecord(MDB_txn* txn, MDB_dbi dbi, Bytes key, Bytes* value);
+int putRecord(MDB_cursor* cursor, Bytes key, Bytes value);
+int eraseRecord(MDB_cursor* cursor, Bytes key);
+// Ascending by whole key, from `from` on. `damaged` gets the key of a damaged record as LMDB has
+// it.
 using DamagedVisit = std::function<void(Bytes storedKey)>;
-int recordsVisited(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from,
-                   const DamagedVisit& damaged);
+int visitRecords(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from,
+                 const DamagedVisit& damaged);
 // Erases the record of that stored key if it is damaged.
-int damagedErased(MDB_cursor* cursor, Bytes storedKey);
+int eraseDamagedRecord(MDB_cursor* cursor, Bytes storedKey);
 // A stored value of a key of up to 500 bytes without its checksum; nothing when that is wrong.
 std::optional<Bytes> soundValue(Bytes key, Bytes stored);
-// The names of all tables, the store's own included. Stops when `visit` answers false.
-int namesVisited(MDB_txn* txn, const std::function<bool(std::string_view)>& visit);
+// The names of all tables, the store's own included. Stops when `visit` returns false.
+int visitNames(MDB_txn* txn, const std::function<bool(std::string_view)>& visit);
 
 // For tests: all long keys get this hash, so that they collide.
 void longKeyHashIs(std::optional<uint64_t> hash);

@@ -193,7 +193,7 @@ bool isOwn(std::string_view name) { return name == metaTable; }
 std::vector<std::string> namesIn(MDB_txn* txn, const std::string& directory) {
   std::vector<std::string> names;
   const auto add = [&](std::string_view name) { return names.emplace_back(name), true; };
-  check(namesVisited(txn, add), directory);
+  check(visitNames(txn, add), directory);
   return names;
 }
 
@@ -249,7 +249,7 @@ TableNumber StoreImpl::table(std::string_view name) {
   inTransaction([&](MDB_txn* txn) {
     environment_->allocateRoom({.pages = 8});
     check(mdb_dbi_open(txn, text.c_str(), MDB_CREATE, &dbi), environment_->directory());
-    check(recordPut(metaCursor(txn), asBytes(listKey(text)), {}), environment_->directory());
+    check(putRecord(metaCursor(txn), asBytes(listKey(text)), {}), environment_->directory());
   });
   environment_->handles[text] = dbi;
   const auto number = static_cast<TableNumber>(tables_.size());
@@ -273,7 +273,7 @@ void StoreImpl::tableDel(std::string_view name) {
     inTransaction([&](MDB_txn* txn) {
       environment_->allocateRoom({.pages = 8});
       check(mdb_drop(txn, table.dbi, 1), environment_->directory());
-      check(recordErased(metaCursor(txn), asBytes(listKey(table.name))), environment_->directory());
+      check(eraseRecord(metaCursor(txn), asBytes(listKey(table.name))), environment_->directory());
     });
     environment_->handles.erase(table.name);
   }
@@ -323,7 +323,7 @@ StoreImpl::Presence StoreImpl::committed(TableNumber table, Bytes key, uint64_t 
     if (slot.damaged) return Presence::damaged;
     return slot.present ? Presence::present : Presence::absent;
   }
-  const int error = recordFound(read_.begun(), tables_[table].dbi, key, value);
+  const int error = findRecord(read_.begin(), tables_[table].dbi, key, value);
   const bool damaged = error == damagedRecord;
   if (damaged) noteDamage(table, key);
   if (error != MDB_SUCCESS && error != MDB_NOTFOUND && !damaged) {
@@ -355,14 +355,14 @@ void StoreImpl::eraseDamaged(std::span<const DamagedRecord> records) {
       if (number == numbers_.end() || isPending(number->second, asBytes(record.key))) continue;
       MDB_cursor* cursor = nullptr;
       check(mdb_cursor_open(txn, tables_[number->second].dbi, &cursor), environment_->directory());
-      const int error = damagedErased(cursor, asBytes(record.key));
+      const int error = eraseDamagedRecord(cursor, asBytes(record.key));
       if (error != MDB_NOTFOUND) check(error, environment_->directory());
     }
   });
   for (const DamagedRecord& record : records) knownDamaged_.erase(record);
 }
 
-// The record of the write set, made when there is none; a fresh one does not count yet.
+// The record of the write set; a new one does not count yet.
 PendingRecord& StoreImpl::pending(TableNumber table, Bytes key) {
   checkKey(key);
   Table& of = at(table);
@@ -372,10 +372,10 @@ PendingRecord& StoreImpl::pending(TableNumber table, Bytes key) {
   record.erased = true;
   const Found& slot = found_[hash % found_.size()];
   if (of.cleared) {
-    record.committed = Committed::absent;
+    record.storedBefore = StoredBefore::absent;
   } else if (slot.keySize == key.size() && slot.hash == hash && slot.table == table &&
              std::memcmp(slot.key.data(), key.data(), key.size()) == 0) {
-    record.committed = slot.present ? Committed::present : Committed::absent;
+    record.storedBefore = slot.present ? StoredBefore::present : StoredBefore::absent;
     of.delta -= slot.present ? 1 : 0;
   } else {
     of.unresolved.push_back(writes_.indexOf(record));
@@ -384,19 +384,19 @@ PendingRecord& StoreImpl::pending(TableNumber table, Bytes key) {
 }
 
 void StoreImpl::resolve(Table& table, PendingRecord& record) const {
-  if (record.committed != Committed::unknown) return;
+  if (record.storedBefore != StoredBefore::unknown) return;
   Bytes value;
-  const int error = recordFound(read_.begun(), table.dbi, record.key(), &value);
+  const int error = findRecord(read_.begin(), table.dbi, record.key(), &value);
   const bool absent = error == MDB_NOTFOUND;
   if (!absent && error != damagedRecord) check(error, environment_->directory());
-  record.committed = absent ? Committed::absent : Committed::present;
+  record.storedBefore = absent ? StoredBefore::absent : StoredBefore::present;
   table.delta += (record.erased ? 0 : 1) - (absent ? 0 : 1);
 }
 
 void StoreImpl::erasedIs(Table& table, PendingRecord& record, bool erased) {
   if (record.erased == erased) return;
   record.erased = erased;
-  if (record.committed != Committed::unknown) table.delta += erased ? -1 : 1;
+  if (record.storedBefore != StoredBefore::unknown) table.delta += erased ? -1 : 1;
 }
 
 std::span<uint8_t> StoreImpl::reserve(TableNumber table, Bytes key, size_t size) try {
@@ -430,7 +430,7 @@ void StoreImpl::eraseAll(TableNumber table) {
     PendingRecord& record = writes_.record(i);
     if (record.table != table) continue;
     record.erased = true;
-    record.committed = Committed::absent;
+    record.storedBefore = StoredBefore::absent;
   }
   of.unresolved.clear();
   of.delta = 0;
@@ -442,7 +442,7 @@ size_t StoreImpl::count(TableNumber table) const {
   for (const uint32_t index : of.unresolved) resolve(of, writes_.record(index));
   of.unresolved.clear();
   MDB_stat stat{};
-  if (!of.cleared) check(mdb_stat(read_.begun(), of.dbi, &stat), environment_->directory());
+  if (!of.cleared) check(mdb_stat(read_.begin(), of.dbi, &stat), environment_->directory());
   return static_cast<size_t>(static_cast<int64_t>(stat.ms_entries) + of.delta);
 }
 
@@ -452,7 +452,7 @@ size_t StoreImpl::forEach(TableNumber table, const Visit& visit, Bytes from) {
     noteDamage(table, key);
     ++passedOver;
   };
-  check(recordsVisited(read_.begun(), at(table).dbi, visit, from, damaged),
+  check(visitRecords(read_.begin(), at(table).dbi, visit, from, damaged),
         environment_->directory());
   return passedOver;
 }
@@ -547,9 +547,9 @@ void StoreImpl::writeTable(MDB_cursor* cursor, const Table& table,
     const PendingRecord& record = writes_.record(index);
     int error = MDB_SUCCESS;
     if (!record.erased) {
-      error = recordPut(cursor, record.key(), record.value());
+      error = putRecord(cursor, record.key(), record.value());
     } else if (!table.cleared) {
-      error = recordErased(cursor, record.key());
+      error = eraseRecord(cursor, record.key());
       if (error == MDB_NOTFOUND) error = MDB_SUCCESS;
     }
     check(error, environment_->directory());
@@ -576,7 +576,7 @@ size_t StoreImpl::bytesUsed() const {
 
 namespace {
 
-std::unique_ptr<Store> openedStore(const StoreOptions& options) {
+std::unique_ptr<Store> openStore(const StoreOptions& options) {
   prepareDirectory(options.directory);
   requireRegularFiles(options.directory, Purpose::write);
   auto lock = std::make_unique<WriterLock>(options.directory);
@@ -597,7 +597,7 @@ std::unique_ptr<Store> Store::open(const StoreOptions& options) {
   const auto end = Clock::now() + options.patience;
   for (;;) {
     try {
-      return openedStore(options);
+      return openStore(options);
     } catch (const StoreError& error) {
       if (!mayPass(error.trouble) || Clock::now() + pause > end) throw;
     }

@@ -32,7 +32,7 @@ enum class Trouble {
   missing,       // a reader found no store there (yet)
 };
 
-// Whether what the store holds is lost: then, and only then, rebuild() is in order.
+// Whether the contents of the store are lost: then, and only then, rebuild() is in order.
 constexpr bool isLoss(Trouble trouble) {
   return trouble == Trouble::wrongVersion || trouble == Trouble::damaged ||
          trouble == Trouble::otherBoot;
@@ -67,12 +67,12 @@ struct DamagedRecord {
 // on.
 class Store {
  public:
-  // Throws StoreError; what is there is then untouched. Only a store that isLoss() says is lost may
-  // be rebuilt, and the caller decides on that.
+  // Throws StoreError; existing files are then untouched. Only after an error with isLoss() may the
+  // caller decide to rebuild.
   static std::unique_ptr<Store> open(const StoreOptions& options);
-  // Moves what is there aside and opens an empty store: to DIRECTORY.damaged-N, or, when it is
-  // another boot's, to DIRECTORY.earlier-boot, which takes the place of a former one. `movedTo`,
-  // unless null, is set to the place.
+  // Moves the files aside and opens an empty store: to DIRECTORY.damaged-N, or, when they are of
+  // another boot, to DIRECTORY.earlier-boot, replacing a former one. `movedTo`, unless null, is set
+  // to the place.
   static std::unique_ptr<Store> rebuild(const StoreOptions& options, Trouble why = Trouble::damaged,
                                         std::string* movedTo = nullptr);
   virtual ~Store() = default;
@@ -82,25 +82,25 @@ class Store {
   virtual std::vector<std::string> tableNames() const = 0;
   virtual void tableDel(std::string_view name) = 0;  // with all its records, at once
 
-  // Valid until the next write, commit or discard of this store. A damaged record is none.
+  // Valid until the next write, commit or discard of this store. A damaged record counts as absent.
   virtual std::optional<Bytes> get(TableNumber table, Bytes key) = 0;
   // Insert or replace; the caller fills the returned bytes before any other call. Keys: 1 to 2,048
   // bytes. Throws StoreError{unavailable} when there is no memory.
   virtual std::span<uint8_t> reserve(TableNumber table, Bytes key, size_t size) = 0;
   void put(TableNumber table, Bytes key, Bytes value);
-  virtual bool erase(TableNumber table, Bytes key) = 0;  // false when there was none
+  virtual bool erase(TableNumber table, Bytes key) = 0;  // false for an absent record
   virtual void eraseAll(TableNumber table) = 0;
   virtual size_t count(TableNumber table) const = 0;  // records, the write set included
 
   // Walks the committed records in ascending byte order of their keys, from `from` on (empty: the
-  // first). The write set is not seen. Stops when `visit` answers false. `visit` must not write.
+  // first). The write set is not seen. Stops when `visit` returns false. `visit` must not write.
   // Damaged records are passed over; returns how many.
   using Visit = std::function<bool(Bytes key, Bytes value)>;
   virtual size_t forEach(TableNumber table, const Visit& visit, Bytes from = {}) = 0;
 
   // The damaged records that get() and forEach() have come upon, each of them once.
   virtual std::vector<DamagedRecord> takeDamagedRecords() = 0;
-  // Erases the records, at once, as far as they are damaged still.
+  // Erases those of the records that are still damaged, at once.
   virtual void eraseDamaged(std::span<const DamagedRecord> records) = 0;
 
   virtual bool dirty() const = 0;  // whether the write set holds anything
@@ -116,7 +116,7 @@ class Store {
   // is then dropped and the store is as after the commit before.
   virtual void commit(Filling filling) = 0;
   void commit() { commit(Filling::leaveRoomToDelete); }
-  // A process that may have read the store has gone: what it held can be used again.
+  // A process that may have read the store has gone: the pages it held can be used again.
   virtual void handleReaderGone() = 0;
   virtual void discard() = 0;  // drops the write set
   virtual size_t bytesUsed() const = 0;
@@ -126,8 +126,8 @@ class Store {
 class Snapshot;
 class Reader {
  public:
-  // Looks through the whole store first, which takes about a microsecond a page: what is damaged is
-  // refused. Throws StoreError.
+  // Looks through the whole store first, which takes about a microsecond a page, and refuses a
+  // damaged one. Throws StoreError.
   static std::unique_ptr<Reader> open(const std::string& directory);
   virtual ~Reader() = default;
   // One commit's state, the newest. Keep it short: pages it sees cannot be reused meanwhile.
@@ -140,16 +140,15 @@ class Snapshot {
   virtual ~Snapshot() = default;
   virtual std::vector<std::string> tableNames() const = 0;
   virtual bool hasTable(std::string_view name) const = 0;
-  // The three below answer nothing for a table that is not there. Bytes live as long as this.
+  // The three below return nothing, or 0, for an absent table. Bytes live as long as this.
   virtual std::optional<Bytes> get(std::string_view table, Bytes key) = 0;
   virtual size_t forEach(std::string_view table, const Store::Visit& visit, Bytes from = {}) = 0;
   virtual size_t count(std::string_view table) = 0;
-  // Those that get() and forEach() have passed over.
+  // The records that get() and forEach() have passed over.
   virtual const std::set<DamagedRecord>& damagedRecords() const = 0;
 };
 
-// Whether the directory is memory: only then does what lies there end with this boot of the
-// machine.
+// Whether the directory is memory: only then do its files end with this boot of the machine.
 bool isMemory(const std::string& directory);
 
 inline Bytes asBytes(std::string_view text) {

@@ -26,7 +26,7 @@ class Arena {
 };
 
 // Whether the store held a record before this write set.
-enum class Committed : uint8_t { unknown, present, absent };
+enum class StoredBefore : uint8_t { unknown, present, absent };
 
 struct PendingRecord {
   const uint8_t* keyBytes = nullptr;
@@ -37,12 +37,13 @@ struct PendingRecord {
   uint32_t valueSize = 0;
   uint32_t capacity = 0;  // of valueBytes
   bool erased = false;
-  Committed committed = Committed::unknown;
+  StoredBefore storedBefore = StoredBefore::unknown;
 
   Bytes key() const { return {keyBytes, keySize}; }
   std::span<uint8_t> value() const { return {valueBytes, valueSize}; }
 };
 
+// Call with the activity lock held. Functions that add records throw std::bad_alloc.
 class WriteSet {
  public:
   WriteSet();

@@ -1,4 +1,4 @@
-// What stands behind an ArTableInterface: its table in the store, once bound and initialised.
+// The inside of an ArTableInterface: its table in the store, once bound and initialised.
 #pragma once
 
 #include <functional>
@@ -22,8 +22,8 @@ struct ArTableInterface::Impl {
   bool initialised = false;
   Brine::TableNumber rows = 0;
   uint32_t number = 0;                  // in the journal
-  bool announced = false;               // its record in the types table is committed
-  std::weak_ptr<WatchedTable> watched;  // nothing: nobody derives rows from it
+  bool announced = false;               // the table's record in the types table is committed
+  std::weak_ptr<WatchedTable> watched;  // empty: no rows are derived from it
 };
 
 }  // namespace Lattice

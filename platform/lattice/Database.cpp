@@ -97,8 +97,8 @@ class DatabaseImpl final : public Database {
  private:
   void handleScopeEnd();
   bool dirty() const { return store_.dirty() || !journal_.empty(); }
-  std::optional<std::string> committed(Brine::Store::Filling filling);
-  std::optional<std::string> committed() { return committed(usualFilling()); }
+  std::optional<std::string> tryCommit(Brine::Store::Filling filling);
+  std::optional<std::string> tryCommit() { return tryCommit(usualFilling()); }
   Brine::Store::Filling usualFilling() const;
   void commitUnasked();
   void doCommit(Brine::Store::Filling filling);
@@ -157,7 +157,7 @@ void DatabaseImpl::unbind(ArTableInterface::Impl& table) {
 void DatabaseImpl::tellWatchers(ArTableInterface::Impl& table) {
   if (table.watched.expired()) return;
   table.watched.reset();
-  if (commitObserver_) commitObserver_->watchedTableGone(std::string(table.boundName));
+  if (commitObserver_) commitObserver_->onWatchedTableGone(std::string(table.boundName));
 }
 
 std::unique_ptr<TableWatch> DatabaseImpl::watch(const std::string& table) {
@@ -165,7 +165,7 @@ std::unique_ptr<TableWatch> DatabaseImpl::watch(const std::string& table) {
   const auto found = bound_.find(table);
   if (found == bound_.end() || !found->second->initialised) return nullptr;
   if (dirty()) {
-    if (auto trouble = committed()) throw Brine::StoreError(Brine::Trouble::full, *trouble);
+    if (auto trouble = tryCommit()) throw Brine::StoreError(Brine::Trouble::full, *trouble);
   }
   std::shared_ptr<WatchedTable> watched = found->second->watched.lock();
   if (!watched) {
@@ -181,7 +181,7 @@ void DatabaseImpl::maybeInitialize(const Vela::Ptr<ArTableInterface>& interface,
                                    ArTableInterface::Impl& table) {
   if (table.initialised) return;
   table.type = TheTypeRegistry().type(table.typeName);
-  if (!table.type) return;  // whoever compiles it calls maybeInitialize() again
+  if (!table.type) return;  // maybeInitialize() is called again after its compilation
   table.rows = store_.table(rowTable(table.boundName));
   table.announced = survives(table, &table.number);
   if (!table.announced) {
@@ -194,7 +194,7 @@ void DatabaseImpl::maybeInitialize(const Vela::Ptr<ArTableInterface>& interface,
   });
 }
 
-// Whether the rows in the store are this table's to keep.
+// Whether the table keeps the rows in the store.
 bool DatabaseImpl::survives(const ArTableInterface::Impl& table, uint32_t* number) {
   const auto bytes = store_.get(types_, Brine::asBytes(table.boundName));
   const auto record = bytes ? TableRecord::decode(Brine::asText(*bytes)) : std::nullopt;
@@ -242,14 +242,14 @@ std::vector<std::string> DatabaseImpl::removeUnboundTables() {
 
 void DatabaseImpl::batchBegin() {
   if (inBatch_) return;
-  commitUnasked();  // what came before does not share the batch's fate
+  commitUnasked();  // earlier writes do not share the batch's fate
   inBatch_ = true;
 }
 
 std::optional<std::string> DatabaseImpl::batchEnd() {
   inBatch_ = false;
-  auto trouble = committed();
-  if (commitObserver_) commitObserver_->batchEnded();
+  auto trouble = tryCommit();
+  if (commitObserver_) commitObserver_->onBatchEnded();
   return trouble;
 }
 
@@ -265,14 +265,14 @@ void DatabaseImpl::commitSoon() {
 std::optional<std::string> DatabaseImpl::commit(Brine::Store::Filling filling) {
   if (inBatch_) throw std::logic_error("a batch commits at its end");
   commitPosted_ = false;
-  return committed(filling);
+  return tryCommit(filling);
 }
 
-// While a commit is posted, nothing is left to be written but what may be lost.
+// While a commit is posted, all pending writes are dispensable.
 void DatabaseImpl::commitUnasked() {
   const bool dispensable = std::exchange(commitPosted_, false);
   const bool changesRows = !journal_.empty() || typesChanged_;
-  const auto trouble = committed();
+  const auto trouble = tryCommit();
   if (trouble && changesRows && !dispensable && tellLoss_) tellLoss_(*trouble);
 }
 
@@ -289,21 +289,21 @@ Brine::Store::Filling DatabaseImpl::usualFilling() const {
   return rowsAdded_ ? Filling::leaveRoomToDelete : Filling::leaveRoomToUndo;
 }
 
-// Empty, or why the writes since the last commit are lost.
-std::optional<std::string> DatabaseImpl::committed(Brine::Store::Filling filling) try {
+// Returns the reason when the writes since the last commit are lost.
+std::optional<std::string> DatabaseImpl::tryCommit(Brine::Store::Filling filling) try {
   if (!dirty()) return std::nullopt;
   doDerive();
   doCommit(filling);
   rowsAdded_ = false;
   settleWatches();
-  if (commitObserver_) commitObserver_->committed();
+  if (commitObserver_) commitObserver_->onCommitted();
   return std::nullopt;
 } catch (const std::exception& error) {
   SCRIVEL_TRACE(0, "commit failed: ", error.what());
   store_.discard();
-  journal_.discarded();
+  journal_.discard();
   rowsAdded_ = false;
-  if (commitObserver_) commitObserver_->discarded();
+  if (commitObserver_) commitObserver_->onDiscarded();
   settleWatches();
   announceAgain();
   return error.what();
@@ -313,14 +313,14 @@ void DatabaseImpl::doDerive() {
   if (!commitObserver_) return;
   const auto touched = [](const auto& one) {
     const auto table = one.lock();
-    return table && table->anyTouched();
+    return table && table->anyNoted();
   };
-  if (std::ranges::any_of(watched_, touched)) commitObserver_->beforeCommit();
+  if (std::ranges::any_of(watched_, touched)) commitObserver_->onBeforeCommit();
 }
 
 void DatabaseImpl::settleWatches() {
   for (const auto& one : watched_) {
-    if (const auto table = one.lock()) table->settled();
+    if (const auto table = one.lock()) table->forgetChanges();
   }
 }
 
@@ -337,7 +337,7 @@ void DatabaseImpl::doCommit(Brine::Store::Filling filling) {
   if (!anyChange) return;
   typesChanged_ = false;
   for (const auto& [name, table] : bound_) table->announced |= table->initialised;
-  const auto& changes = journal_.committed();
+  const auto& changes = journal_.finishCommit();
   doorbell_.ring(journal_.lastSequence(), changes);
 }
 
@@ -364,7 +364,7 @@ uint64_t DatabaseImpl::rowIs(const ArTableInterface::Impl& table, const Row& row
     return 0;
   }
   if (const auto watched = table.watched.lock(); watched && !same) {
-    watched->touched(row.key, former ? std::optional(former->value) : std::nullopt);
+    watched->noteChange(row.key, former ? std::optional(former->value) : std::nullopt);
   }
   putRow(table, row, entryHandle, journal_.nextSequence());
   return journal_.add(table.number, row.key, row.value, entryHandle, false, same);
@@ -381,7 +381,7 @@ void DatabaseImpl::putRow(const ArTableInterface::Impl& table, const Row& row, u
 
 uint64_t DatabaseImpl::rowDel(const ArTableInterface::Impl& table, std::string_view key,
                               uint64_t entryHandle) {
-  if (const auto watched = table.watched.lock()) watched->touched(key, watched->value(key));
+  if (const auto watched = table.watched.lock()) watched->noteChange(key, watched->value(key));
   const bool there = store_.erase(table.rows, Brine::asBytes(key));
   if (!there && !inBatch_) return 0;
   return journal_.add(table.number, key, {}, entryHandle, true, !there);

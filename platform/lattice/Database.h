@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/brine/Store.h"
+#include "platform/lattice/doorbell/Report.h"
 #include "platform/lattice/types/TableType.h"
 #include "platform/vela/Ptr.h"
 #include "platform/vela/ReactorLoop.h"
@@ -24,7 +25,9 @@ class Database;
 class DatabaseImpl;
 class TableWatch;
 
-// The typed access interface of one table. Call with the activity lock held.
+// The typed access interface of one table. Call with the activity lock held, on any thread. May
+// outlive the database: it is then no longer ready. Functions that need ready() throw
+// std::logic_error without it, and Brine::StoreError when the store does.
 class ArTableInterface : public Vela::RefCounted {
  public:
   // `ready` runs once, on a later turn of the reactor than the one that binds the interface.
@@ -41,9 +44,9 @@ class ArTableInterface : public Vela::RefCounted {
   // The entry handle that the stored row was last written with; 0 when there is no row.
   uint64_t rowEntryHandle(std::string_view key) const;
   uint64_t rowSequence(std::string_view key) const;  // of its last change; 0 when there is no row
-  // Both answer the sequence number of the change, which the forwarding agents' reports carry. In a
-  // batch every call is a change (so that a report always comes); outside one, a row that equals
-  // the stored one, or the deletion of a row that is not there, is none: then 0.
+  // Both return the sequence number of the change, which the forwarding agents' reports carry. In a
+  // batch every call is a change (so that a report always comes). Outside a batch they return 0 for
+  // a row that equals the stored one, and for the deletion of an absent row: these change nothing.
   uint64_t rowIs(const Row& row, uint64_t entryHandle);
   uint64_t rowDel(std::string_view key, uint64_t entryHandle);
   size_t rowCount() const;
@@ -55,36 +58,14 @@ class ArTableInterface : public Vela::RefCounted {
   std::unique_ptr<Impl> impl_;
 };
 
-// What a forwarding agent said of one row change.
-struct Report {
-  uint64_t entryHandle = 0;
-  uint64_t sequence = 0;
-  uint16_t errorCode = 0;    // 0: programmed
-  std::string_view message;  // one line of UTF-8
-  uint64_t subscriber = 0;   // whose word it is: SubscriberInfo::id; 0: that of all
-  std::string_view subscriberName;
-  // Whether it decides what became of the change: it failed, or everybody has programmed it who
-  // was attached when the change was committed.
-  bool settles = true;
-};
-
-struct SubscriberInfo {
-  uint64_t id = 0;  // of this attachment; none has it again
-  std::string name;
-  int64_t pid = 0;
-  uint64_t sequence = 0;  // in step up to here
-  bool takingSnapshot = false;
-  uint64_t reports = 0;
-};
-
 struct DatabaseOptions {
   std::string doorbellPath;                         // Unix socket; replaced when stale
   size_t journalChangesWithoutSubscriber = 100000;  // beyond it a late subscriber takes a snapshot
   std::chrono::milliseconds attachWithin{10000};    // of connecting; else disconnected
 };
 
-// One a process. Commits what was written outside a batch at the end of the outermost activity
-// scope. Call with the activity lock held; callbacks run on the reactor with it held.
+// One a process. Writes outside a batch are committed at the end of the outermost activity scope.
+// Call with the activity lock held, on any thread; callbacks run on the reactor with it held.
 class Database {
  public:
   // The store must outlive this. Throws Brine::StoreError, std::system_error for the socket.
@@ -93,47 +74,38 @@ class Database {
   virtual ~Database() = default;
 
   virtual Brine::Store& store() = 0;
-  // Makes `interface` the way to table `name`. A surviving table of another definition is emptied,
-  // and that is traced. `persistent` false: rows of an earlier process are dropped.
+  // Gives access to table `name` through `interface`. A surviving table of another definition is
+  // emptied, and that is traced. `persistent` false: rows of an earlier process are dropped.
   virtual void bindInterface(const Vela::Ptr<ArTableInterface>& interface, const std::string& name,
                              bool persistent) = 0;
-  // Removes the surviving tables that nobody has bound; answers their names.
+  // Removes the surviving tables without an interface; returns their names.
   virtual std::vector<std::string> removeUnboundTables() = 0;
 
   // A batch gathers every write of the store, rows and other records alike, until batchEnd().
   virtual void batchBegin() = 0;
-  // Commits. On a full state directory answers the reason, and the store is as at batchBegin().
+  // Commits. On a full state directory returns the reason, and the store is as at batchBegin().
   [[nodiscard]] virtual std::optional<std::string> batchEnd() = 0;
   virtual bool inBatch() const = 0;
-  // Commits what is written outside a batch now, not at the end of the scope: for writes whose loss
-  // the caller must know of. Answers why they are lost; nothing when they stand.
+  // Commits the writes outside a batch now, not at the end of the scope: for writes whose loss the
+  // caller must know of. Returns the reason when they are lost, and nothing when they stand.
   [[nodiscard]] virtual std::optional<std::string> commit(Brine::Store::Filling filling) = 0;
-  // Told, with the reason, when changes of rows or tables outside a batch are lost in a commit that
-  // nobody asked for. Whoever writes other records so looks for them afterwards.
+  // Told, with the reason, when changes of rows or tables outside a batch are lost in a commit at
+  // the end of a scope. Nobody is told of lost writes of other records: look for them afterwards.
   virtual void lossHandlerIs(std::function<void(const std::string& reason)> handler) = 0;
-  // What this thread's outermost activity scope has written outside a batch need not be committed
-  // at its end, but on the reactor's next turn, or by the next batch, whichever is first. For
-  // writes that a restart can do without: nobody is told of their loss.
+  // Lets the writes of this thread's outermost activity scope outside a batch be committed on the
+  // reactor's next turn, or by the next batch, rather than at the scope's end. For writes that a
+  // restart can do without: nobody is told of their loss.
   virtual void commitSoon() = 0;
   virtual uint64_t lastSequence() const = 0;
 
   // Rows that follow from others: see TableWatch.h. One observer, which outlives this or is taken
   // away with null.
   virtual void commitObserverIs(CommitObserver* observer) = 0;
-  // Commits what is written, so that the watch misses no change. Null: no such table is bound and
+  // Commits first, so that the watch misses no change. Null: no such table is bound and
   // initialised. Not within a batch (std::logic_error). Throws StoreError when the commit fails.
   virtual std::unique_ptr<TableWatch> watch(const std::string& table) = 0;
 
-  struct Observer {
-    // A group of reports, checked for form only.
-    std::function<void(std::span<const Report>)> reports;
-    // Every attached subscriber has everything up to `sequence`, what it did not report included.
-    std::function<void(uint64_t sequence)> inStep;
-    // How many subscribers are attached, each time that it changes.
-    std::function<void(size_t)> attached;
-    // A subscriber that was attached has gone.
-    std::function<void(const SubscriberInfo&)> left;
-  };
+  using Observer = SubscriberObserver;
   virtual void observerIs(Observer observer) = 0;
 
   virtual std::vector<SubscriberInfo> subscribers() const = 0;

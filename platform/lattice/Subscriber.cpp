@@ -351,7 +351,7 @@ void SubscriberImpl::copyRows(Brine::Snapshot& snapshot, std::vector<CopiedRow>&
     const size_t damaged = snapshot.forEach(rowTable(table->name), [&](Brine::Bytes key,
                                                                        Brine::Bytes value) {
       const auto row = StoredRow::decode(Brine::asText(value));
-      if (!row) return true;  // nothing of ours; the agent writes it anew or never knew it
+      if (!row) return true;  // not a row; the agent writes it again or never knew it
       rows.push_back({table, bytes.size(), static_cast<uint32_t>(key.size()),
                       static_cast<uint32_t>(row->value.size()), row->entryHandle, row->sequence});
       bytes.append(Brine::asText(key));
@@ -386,7 +386,7 @@ void SubscriberImpl::passOn(const std::vector<std::string>& records) {
   for (const std::string& record : records) {
     std::string_view rest = record;
     while (!rest.empty()) {
-      const auto change = JournalChange::taken(rest);
+      const auto change = JournalChange::takeFrom(rest);
       if (!change || change->sequence <= sequence_) {
         needSnapshot_ = true;  // a damaged record; the rows themselves tell
         return;
@@ -444,7 +444,7 @@ void SubscriberImpl::queueReports() {
   const uint8_t flags = inSnapshot_ ? ReportsMessage::takingSnapshot : 0;
   // Before a snapshot is through, the sequence number may be another store's.
   const bool known = !needSnapshot_ && (!inSnapshot_ || delivered_);
-  outbox_.push_back(reports_.finished(known ? sequence_ : 0, flags));
+  outbox_.push_back(reports_.finish(known ? sequence_ : 0, flags));
   receivedSaid_ = sequence_;
 }
 

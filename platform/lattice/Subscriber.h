@@ -35,7 +35,8 @@ class SubscriberHandler {
   virtual ~SubscriberHandler() = default;
   virtual void tableAdded(const FollowedTable& table) = 0;
   virtual void tableRemoved(const FollowedTable& table) = 0;
-  // A whole picture follows as rowChanged() calls: what is not in it by snapshotEnd() is gone.
+  // A whole picture follows as rowChanged() calls: rows that are not in it by snapshotEnd() are
+  // gone.
   virtual void snapshotBegin() = 0;
   virtual void snapshotEnd() = 0;
   // Program it, and sooner or later report() on it, once.

@@ -9,12 +9,12 @@ namespace Lattice {
 StoredRows::StoredRows(Brine::Store& store, const std::string& table)
     : store_(store), rows_(store.table(rowTable(table))) {}
 
-void WatchedTable::touched(std::string_view key, std::optional<std::string_view> before) {
+void WatchedTable::noteChange(std::string_view key, std::optional<std::string_view> before) {
   collected_ = false;
   before_.try_emplace(std::string(key), before);
 }
 
-void WatchedTable::settled() {
+void WatchedTable::forgetChanges() {
   before_.clear();
   changes_.clear();
   collected_ = false;

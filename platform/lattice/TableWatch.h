@@ -1,5 +1,5 @@
-// What others derive from rows: watched tables, and the moment before each commit at which rows
-// that follow from theirs join it.
+// For rows that are derived from others: watched tables, and a call before each commit in which
+// derived rows join it.
 #pragma once
 
 #include <functional>
@@ -28,7 +28,7 @@ class StoredRows {
 
   // The packed value columns as written last, committed or not; valid until the next write.
   std::optional<std::string_view> value(std::string_view key);
-  // The rows of the last commit, ascending by key, from `from` on, until `visit` answers false.
+  // The rows of the last commit, ascending by key, from `from` on, until `visit` returns false.
   // `visit` must not write.
   using Visit = std::function<bool(std::string_view key, std::string_view value)>;
   void forEachCommitted(const Visit& visit, std::string_view from = {});
@@ -39,16 +39,16 @@ class StoredRows {
   const Brine::TableNumber rows_;
 };
 
-// Collects the changed rows of one table since the last commit. A table that nobody watches costs a
+// Collects the changed rows of one table since the last commit. A table without a watch costs a
 // branch a write. Call with the activity lock held.
 class WatchedTable final : public StoredRows {
  public:
   using StoredRows::StoredRows;
 
   // For the database: the row is about to change. Only the first call for a key counts.
-  void touched(std::string_view key, std::optional<std::string_view> before);
-  bool anyTouched() const { return !before_.empty(); }
-  void settled();  // committed or discarded: nothing is changed any more
+  void noteChange(std::string_view key, std::optional<std::string_view> before);
+  bool anyNoted() const { return !before_.empty(); }
+  void forgetChanges();  // after a commit or a roll-back
 
   const std::vector<ChangedRow>& changes();
 
@@ -77,16 +77,16 @@ class CommitObserver {
   virtual ~CommitObserver() = default;
   // Rows of watched tables are about to be committed. Rows written now, to any table, are part of
   // the same commit; changes of watched tables among them can be seen at once, and do not make this
-  // be called again. What it throws fails the commit as a full state directory does.
-  virtual void beforeCommit() = 0;
-  // How that commit ended; neither may throw. discarded(): every row is as at the commit before,
+  // be called again. An exception fails the commit as a full state directory does.
+  virtual void onBeforeCommit() = 0;
+  // The end of that commit; neither may throw. onDiscarded(): every row is as at the commit before,
   // and the watches still tell what they told of this one.
-  virtual void committed() = 0;
-  virtual void discarded() = 0;
+  virtual void onCommitted() = 0;
+  virtual void onDiscarded() = 0;
   // A batch has ended, well or not, with or without changes: Database::watch() works again.
-  virtual void batchEnded() = 0;
+  virtual void onBatchEnded() = 0;
   // The table is not bound any more, or to another interface. Its watches see nothing from now on.
-  virtual void watchedTableGone(const std::string& name) = 0;
+  virtual void onWatchedTableGone(const std::string& name) = 0;
 };
 
 }  // namespace Lattice

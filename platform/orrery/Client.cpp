@@ -52,8 +52,8 @@ int64_t Client::agentPid() const {
   return getsockopt(socket_.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
 }
 
-Json Client::request(const cJSON& request) {
-  const std::string text = jsonLine(request) + "\n";
+Vela::Json Client::request(const cJSON& request) {
+  const std::string text = Vela::jsonLine(request) + "\n";
   for (size_t sent = 0; sent < text.size();) {
     const ssize_t n = send(socket_.get(), text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
     if (n < 0 && errno == EINTR) continue;
@@ -64,18 +64,18 @@ Json Client::request(const cJSON& request) {
   if (!received) {
     throw ClientError("the agent gave no answer on " + path_ + "; look at 'korvel trace'");
   }
-  Json answer = parsedJson(*received);
+  Vela::Json answer = Vela::parseJson(*received);
   if (!answer) throw ClientError("what answers on " + path_ + " is no agent");
   if (!cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(answer.get(), "ok"))) {
-    const char* error = stringMember(*answer, "error");
+    const char* error = Vela::stringMember(*answer, "error");
     throw ClientError(error ? error : "the agent refused the request without a reason");
   }
   return answer;
 }
 
-Json Client::next(std::optional<milliseconds> timeout) {
+Vela::Json Client::next(std::optional<milliseconds> timeout) {
   const auto received = line(timeout);
-  return received ? parsedJson(*received) : nullptr;
+  return received ? Vela::parseJson(*received) : nullptr;
 }
 
 std::optional<std::string> Client::line(std::optional<milliseconds> timeout) {
@@ -104,27 +104,28 @@ std::optional<std::string> Client::line(std::optional<milliseconds> timeout) {
   }
 }
 
-Json Client::get(const std::string& path, const std::string& attribute) {
+Vela::Json Client::get(const std::string& path, const std::string& attribute) {
   return request(*getRequest(path, attribute));
 }
 
-Json Client::set(const std::string& path, const std::string& attribute, const std::string& value) {
+Vela::Json Client::set(const std::string& path, const std::string& attribute,
+                       const std::string& value) {
   return request(*setRequest(path, attribute, value));
 }
 
-Json Client::create(const std::string& path, const Attributes& attributes) {
+Vela::Json Client::create(const std::string& path, const Attributes& attributes) {
   return request(*createRequest(path, attributes));
 }
 
-Json Client::del(const std::string& path) { return request(*deleteRequest(path)); }
+Vela::Json Client::del(const std::string& path) { return request(*deleteRequest(path)); }
 
-Json Client::call(const std::string& path, const std::string& operation,
-                  const std::vector<std::string>& arguments) {
+Vela::Json Client::call(const std::string& path, const std::string& operation,
+                        const std::vector<std::string>& arguments) {
   return request(*callRequest(path, operation, arguments));
 }
 
-Json Client::list(const std::string& path) { return request(*listRequest(path)); }
+Vela::Json Client::list(const std::string& path) { return request(*listRequest(path)); }
 
-Json Client::watch(const std::string& path) { return request(*watchRequest(path)); }
+Vela::Json Client::watch(const std::string& path) { return request(*watchRequest(path)); }
 
 }  // namespace Orrery

@@ -1,4 +1,4 @@
-// The other end of the server, for commands: asks and waits for the answer.
+// The other end of the server, for commands: sends a request and waits for its answer.
 #pragma once
 
 #include <chrono>
@@ -8,13 +8,13 @@
 #include <utility>
 #include <vector>
 
-#include "platform/orrery/Json.h"
 #include "platform/orrery/Requests.h"
 #include "platform/vela/Descriptors.h"
+#include "platform/vela/Json.h"
 
 namespace Orrery {
 
-// No agent answers, or it refused the request; the message says what to do.
+// There is no agent, or it refused the request; the message says what to do.
 class ClientError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -37,21 +37,21 @@ class Client {
   void timeoutIs(std::chrono::milliseconds timeout) { timeout_ = timeout; }  // of each answer
   // Sends a request and waits for the answer. Throws ClientError also when the answer says
   // {"ok": false}.
-  Json request(const cJSON& request);
+  Vela::Json request(const cJSON& request);
   // The next line after a "watch"; waits for good without a timeout. Null when the agent is gone or
   // the time is up.
-  Json next(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
+  Vela::Json next(std::optional<std::chrono::milliseconds> timeout = std::nullopt);
   int64_t agentPid() const;  // 0 when not known
 
   // The requests of Requests.h.
-  Json get(const std::string& path, const std::string& attribute = {});
-  Json set(const std::string& path, const std::string& attribute, const std::string& value);
-  Json create(const std::string& path, const Attributes& attributes);
-  Json del(const std::string& path);
-  Json call(const std::string& path, const std::string& operation,
-            const std::vector<std::string>& arguments);
-  Json list(const std::string& path);
-  Json watch(const std::string& path);
+  Vela::Json get(const std::string& path, const std::string& attribute = {});
+  Vela::Json set(const std::string& path, const std::string& attribute, const std::string& value);
+  Vela::Json create(const std::string& path, const Attributes& attributes);
+  Vela::Json del(const std::string& path);
+  Vela::Json call(const std::string& path, const std::string& operation,
+                  const std::vector<std::string>& arguments);
+  Vela::Json list(const std::string& path);
+  Vela::Json watch(const std::string& path);
 
  private:
   std::optional<std::string> line(std::optional<std::chrono::milliseconds> timeout);

@@ -8,8 +8,9 @@
 #include <fstream>
 #include <iterator>
 
-#include "platform/orrery/Json.h"
+#include "platform/orrery/AttributeJson.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/Json.h"
 
 static Scrivel::TraceHandle trace("OrreryConfig");
 
@@ -33,23 +34,23 @@ void setAttribute(Vela::Entity& entity, const cJSON& value, const std::string& w
     throw ConfigError(fmt::format("{}: \"{}\" is no attribute of {}; {}", where, value.string,
                                   entity.typeName(), attributeNames(entity)));
   }
-  std::string text;
-  if (!attributeText(value, attribute->typeName(), &text)) {
+  const auto text = attributeText(value, attribute->typeName());
+  if (!text) {
     throw ConfigError(fmt::format("{}: \"{}\": expected a value of type {}, found {}", where,
                                   value.string, attribute->typeName(), kindOf(value)));
   }
   try {
-    attribute->textIs(text);
+    attribute->textIs(*text);
   } catch (const Vela::BadValue& e) {
     throw ConfigError(fmt::format("{}: \"{}\": {}", where, value.string, e.what()));
   }
-  SCRIVEL_TRACE(0, "config ", entity.name(), " ", value.string, " ", text);
+  SCRIVEL_TRACE(0, "config ", entity.name(), " ", value.string, " ", *text);
 }
 
 Vela::Ptr<Vela::Entity> madeEntity(const Database& database, const char* path,
                                    const std::string& where) {
   try {
-    if (auto made = entityMadeAt(database, path)) return made;
+    if (auto made = makeEntityAt(database, path)) return made;
   } catch (const PathError& e) {
     throw ConfigError(where + ": " + e.what());
   }
@@ -75,7 +76,7 @@ void setEntity(Database& database, const cJSON& attributes, const std::string& f
 
 void loadConfigText(Database& database, const std::string& text, const std::string& fileName) {
   size_t line = 0;
-  const Json json = parsedJson(text, &line);
+  const Vela::Json json = Vela::parseJson(text, &line);
   if (!json) {
     throw ConfigError(
         fmt::format("{}: line {}: expected a JSON object, keys are paths of the state database",

@@ -112,14 +112,14 @@ class EmbeddedDatabase final : public Database {
 
 }  // namespace
 
-Ptr<Entity> entityMadeAt(const Database& database, std::string_view path) {
+Ptr<Entity> makeEntityAt(const Database& database, std::string_view path) {
   if (path.empty() || path.size() > maxPathBytes) return nullptr;
   const auto [above, name] = split(path);
   const Ptr<Entity> holder = database.entity(above);
   const Directory* directory = asDirectory(holder);
   if (!directory || name.empty()) return nullptr;
   try {
-    return directory->entityMade(std::string(name));
+    return directory->makeEntity(std::string(name));
   } catch (const Vela::BadValue& e) {
     throw PathError("nothing can be made at '" + std::string(path) + "': " + e.what());
   }

@@ -11,6 +11,7 @@
 
 #include "platform/orrery/Directory.h"
 #include "platform/vela/Entity.h"
+#include "platform/vela/Outcome.h"
 #include "platform/vela/ReactorLoop.h"
 
 namespace Orrery {
@@ -21,7 +22,7 @@ class PathError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// What providers of the database offer. Paths have no slash at either end; the empty path is the
+// The interface of a state database. Paths have no slash at either end; the empty path is the
 // root directory. Below a directory whose names contain slashes the path just goes on. Call with
 // the activity lock held.
 class Database {
@@ -29,32 +30,33 @@ class Database {
   virtual ~Database() = default;
 
   virtual Vela::Ptr<Vela::Entity> entity(std::string_view path) const = 0;  // null when absent
-  // Takes the place of what is there. Directories above it are created when absent.
+  // Takes the place of a former entity. Directories above it are created when absent.
   virtual void entityIs(std::string_view path, Vela::Ptr<Vela::Entity> entity) = 0;
-  virtual Vela::Ptr<Vela::Entity> entityDel(std::string_view path) = 0;  // what was there, or null
+  virtual Vela::Ptr<Vela::Entity> entityDel(
+      std::string_view path) = 0;  // returns the former, or null
   // Names below a directory, ascending; empty for anything else.
   virtual std::vector<std::string> children(std::string_view path) const = 0;
   // Told, on a later turn of the reactor, the path of each entity that entityIs() or entityDel()
   // brought, replaced or removed.
   [[nodiscard]] virtual Vela::Observation observe(Vela::ObserverList::Callback changed) = 0;
 
-  // Asked before a request from outside sets an attribute: "" or why that is refused, and what to
-  // do. The text need not be a value of the attribute's type, which refuses it then.
-  using SettingCheck = std::function<std::string(
+  // Runs before a request from outside sets an attribute; a failure refuses the request. The text
+  // may be no value of the attribute's type, which refuses it afterwards.
+  using SettingCheck = std::function<Vela::Outcome(
       const std::string& path, const Vela::AttributeBase& attribute, const std::string& text)>;
   void settingCheckIs(SettingCheck check) { settingCheck_ = std::move(check); }
-  std::string settingRefused(const std::string& path, const Vela::AttributeBase& attribute,
+  Vela::Outcome checkSetting(const std::string& path, const Vela::AttributeBase& attribute,
                              const std::string& text) const {
-    return settingCheck_ ? settingCheck_(path, attribute, text) : std::string();
+    return settingCheck_ ? settingCheck_(path, attribute, text) : Vela::Outcome();
   }
 
  private:
   SettingCheck settingCheck_;
 };
 
-// What the directory above `path` makes under the path's last name, not put in yet; null when
+// Has the directory above `path` make an entity of the path's last name, not put in yet; null when
 // nothing can be made there. Throws PathError for a name that the directory refuses.
-Vela::Ptr<Vela::Entity> entityMadeAt(const Database& database, std::string_view path);
+Vela::Ptr<Vela::Entity> makeEntityAt(const Database& database, std::string_view path);
 
 // The database in this process. `loop` delivers its notices and must outlive it.
 std::unique_ptr<Database> embeddedDatabase(Vela::ReactorLoop& loop);

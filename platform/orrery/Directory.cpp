@@ -4,7 +4,7 @@
 
 namespace Orrery {
 
-Vela::Ptr<Vela::Entity> Directory::entityMade(const std::string&) const { return nullptr; }
+Vela::Ptr<Vela::Entity> Directory::makeEntity(const std::string&) const { return nullptr; }
 
 std::vector<std::string> Directory::entityNames() const {
   std::vector<std::string> names;

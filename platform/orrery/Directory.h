@@ -19,10 +19,10 @@ class Directory : public Vela::Entity {
 
   std::vector<std::string> entityNames() const;  // in ascending order
 
-  // What a configuration file or a command makes here under a name that is not there yet; the
-  // caller puts it in, with its attributes set, and may remove it again. Null: nothing can be made
-  // here. Throws Vela::BadValue for a name that cannot be used, saying which can.
-  virtual Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const;
+  // Makes the entity that a configuration file or a command may add here under a new name. The
+  // caller puts it in, with its attributes set, and may remove it again. Null: this directory makes
+  // none. Throws Vela::BadValue for a name that cannot be used, saying which can.
+  virtual Vela::Ptr<Vela::Entity> makeEntity(const std::string& name) const;
 
   VELA_COLLECTION(std::string, Vela::Ptr<Vela::Entity>, entity)
 };

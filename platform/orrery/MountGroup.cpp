@@ -40,36 +40,38 @@ void MountGroup::completeIs(Complete complete) {
 
 void MountGroup::doMount(const Complete& complete) {
   const auto manager = Vela::make<EntityManager>();
-  MountStatus status;
+  Vela::Outcome outcome;
   for (const Mount& mount : mounts_) {
-    status.reason = mountedReason(mount, *manager);
+    outcome = tryMount(mount, *manager);
     SCRIVEL_TRACE(0, "mount ", mount.path, " type ", mount.typeName, " mode ", mount.mode, " ",
-                  status.reason);
-    if (!status.ok()) break;
+                  outcome.reason());
+    if (!outcome.ok()) break;
   }
-  complete(status, manager);
+  complete(outcome, manager);
 }
 
-std::string MountGroup::mountedReason(const Mount& mount, EntityManager& manager) {
-  const std::string what = "cannot mount " + mount.path + ": ";
+Vela::Outcome MountGroup::tryMount(const Mount& mount, EntityManager& manager) {
+  const auto failure = [&](const std::string& why) {
+    return Vela::Outcome::failure("cannot mount " + mount.path + ": " + why);
+  };
   const bool writable = hasMode(mount.mode, 'w');
   if (mount.mode.find_first_not_of("rwci") != std::string::npos ||
       (!writable && !hasMode(mount.mode, 'r'))) {
-    return what + "mode '" + mount.mode + "' is not made of r or w, c and i";
+    return failure("mode '" + mount.mode + "' is not made of r or w, c and i");
   }
   Vela::Ptr<Vela::Entity> entity = database_.entity(mount.path);
-  if (!entity && !hasMode(mount.mode, 'c')) return what + "there is no such path";
+  if (!entity && !hasMode(mount.mode, 'c')) return failure("there is no such path");
   if (!entity) {
     entity = TheEntityTypes().make(mount.typeName, mount.path);
-    if (!entity) return what + "type " + mount.typeName + " is not known";
+    if (!entity) return failure("type " + mount.typeName + " is not known");
     try {
       database_.entityIs(mount.path, entity);
     } catch (const PathError& e) {
-      return what + e.what();
+      return failure(e.what());
     }
   }
   if (!isOfType(*entity, mount.typeName)) {
-    return what + "it is a " + entity->typeName() + ", not a " + mount.typeName;
+    return failure(std::string("it is a ") + entity->typeName() + ", not a " + mount.typeName);
   }
   manager.mounts_[mount.localName] = {entity, writable};
   return {};

@@ -8,8 +8,8 @@
 namespace Orrery {
 namespace {
 
-Json requestJson(const char* what, const std::string& path) {
-  Json json(cJSON_CreateObject());
+Vela::Json requestJson(const char* what, const std::string& path) {
+  Vela::Json json(cJSON_CreateObject());
   cJSON_AddStringToObject(json.get(), "request", what);
   cJSON_AddStringToObject(json.get(), "path", path.c_str());
   return json;
@@ -28,21 +28,22 @@ void addAttribute(cJSON* request, const std::string& attribute) {
 
 }  // namespace
 
-Json getRequest(const std::string& path, const std::string& attribute) {
-  Json json = requestJson("get", path);
+Vela::Json getRequest(const std::string& path, const std::string& attribute) {
+  Vela::Json json = requestJson("get", path);
   if (!attribute.empty()) addAttribute(json.get(), attribute);
   return json;
 }
 
-Json setRequest(const std::string& path, const std::string& attribute, const std::string& value) {
-  Json json = requestJson("set", path);
+Vela::Json setRequest(const std::string& path, const std::string& attribute,
+                      const std::string& value) {
+  Vela::Json json = requestJson("set", path);
   addAttribute(json.get(), attribute);
   cJSON_AddStringToObject(json.get(), "value", value.c_str());
   return json;
 }
 
-Json createRequest(const std::string& path, const Attributes& attributes) {
-  Json json = requestJson("create", path);
+Vela::Json createRequest(const std::string& path, const Attributes& attributes) {
+  Vela::Json json = requestJson("create", path);
   cJSON* object = cJSON_AddObjectToObject(json.get(), "attributes");
   for (const auto& [name, value] : attributes) {
     cJSON_AddStringToObject(object, name.c_str(), value.c_str());
@@ -50,11 +51,11 @@ Json createRequest(const std::string& path, const Attributes& attributes) {
   return json;
 }
 
-Json deleteRequest(const std::string& path) { return requestJson("delete", path); }
+Vela::Json deleteRequest(const std::string& path) { return requestJson("delete", path); }
 
-Json callRequest(const std::string& path, const std::string& operation,
-                 const std::vector<std::string>& arguments) {
-  Json json = requestJson("call", path);
+Vela::Json callRequest(const std::string& path, const std::string& operation,
+                       const std::vector<std::string>& arguments) {
+  Vela::Json json = requestJson("call", path);
   cJSON_AddStringToObject(json.get(), "operation", operation.c_str());
   cJSON* array = cJSON_AddArrayToObject(json.get(), "arguments");
   for (const auto& argument : arguments) {
@@ -63,7 +64,7 @@ Json callRequest(const std::string& path, const std::string& operation,
   return json;
 }
 
-Json listRequest(const std::string& path) { return requestJson("list", path); }
-Json watchRequest(const std::string& path) { return requestJson("watch", path); }
+Vela::Json listRequest(const std::string& path) { return requestJson("list", path); }
+Vela::Json watchRequest(const std::string& path) { return requestJson("watch", path); }
 
 }  // namespace Orrery

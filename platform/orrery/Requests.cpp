@@ -6,6 +6,7 @@
 #include <cmath>
 #include <vector>
 
+#include "platform/orrery/AttributeJson.h"
 #include "platform/scrivel/Trace.h"
 
 static Scrivel::TraceHandle trace("OrreryRequests");
@@ -20,14 +21,14 @@ using Vela::Ptr;
 constexpr size_t mostListed = 10000;
 constexpr int maxListDepth = 32;
 
-Json okAnswer() {
-  Json answer(cJSON_CreateObject());
+Vela::Json okAnswer() {
+  Vela::Json answer(cJSON_CreateObject());
   cJSON_AddTrueToObject(answer.get(), "ok");
   return answer;
 }
 
 const char* requiredString(const cJSON& request, const char* key) {
-  const char* text = stringMember(request, key);
+  const char* text = Vela::stringMember(request, key);
   if (!text) throw RequestError(fmt::format("the request has no \"{}\"; add it as a string", key));
   return text;
 }
@@ -59,8 +60,8 @@ AttributeBase& requestedAttribute(const Entity& entity, const cJSON& request) {
   return *found;
 }
 
-Json operationsJson(const Entity& entity) {
-  Json array(cJSON_CreateArray());
+Vela::Json operationsJson(const Entity& entity) {
+  Vela::Json array(cJSON_CreateArray());
   for (const auto& operation : entity.operations()) {
     cJSON* one = cJSON_CreateObject();
     cJSON_AddStringToObject(one, "name", operation.name.c_str());
@@ -73,8 +74,8 @@ Json operationsJson(const Entity& entity) {
   return array;
 }
 
-Json namesJson(const std::vector<std::string>& names) {
-  Json array(cJSON_CreateArray());
+Vela::Json namesJson(const std::vector<std::string>& names) {
+  Vela::Json array(cJSON_CreateArray());
   for (const auto& name : names) {
     cJSON_AddItemToArray(array.get(), cJSON_CreateString(name.c_str()));
   }
@@ -82,8 +83,8 @@ Json namesJson(const std::vector<std::string>& names) {
 }
 
 // A directory's own collection of children is shown as "children".
-Json entityJson(const Entity& entity, const char* path) {
-  Json answer = okAnswer();
+Vela::Json entityJson(const Entity& entity, const char* path) {
+  Vela::Json answer = okAnswer();
   cJSON_AddStringToObject(answer.get(), "path", path);
   cJSON_AddStringToObject(answer.get(), "type", entity.typeName());
   const auto* directory = dynamic_cast<const Directory*>(&entity);
@@ -99,8 +100,8 @@ Json entityJson(const Entity& entity, const char* path) {
   return answer;
 }
 
-Json attributeJson(const char* path, const AttributeBase& attribute) {
-  Json answer = okAnswer();
+Vela::Json attributeJson(const char* path, const AttributeBase& attribute) {
+  Vela::Json answer = okAnswer();
   cJSON_AddStringToObject(answer.get(), "path", path);
   cJSON_AddStringToObject(answer.get(), "attribute", attribute.name());
   cJSON_AddStringToObject(answer.get(), "type", attribute.typeName());
@@ -108,7 +109,7 @@ Json attributeJson(const char* path, const AttributeBase& attribute) {
   return answer;
 }
 
-Json answeredGet(Database& database, const cJSON& request) {
+Vela::Json answerGet(Database& database, const cJSON& request) {
   const Ptr<Entity> entity = requestedEntity(database, request);
   const char* path = requiredString(request, "path");
   if (!cJSON_HasObjectItem(&request, "attribute")) return entityJson(*entity, path);
@@ -117,27 +118,27 @@ Json answeredGet(Database& database, const cJSON& request) {
 
 void setAttribute(const Database& database, const std::string& path, const Entity& entity,
                   AttributeBase& attribute, const cJSON& value) {
-  std::string text;
-  if (cJSON_IsString(&value)) {
-    text = value.valuestring;  // the text form, whatever the type
-  } else if (!attributeText(value, attribute.typeName(), &text)) {
+  // A string is the text form, whatever the type.
+  const auto text = cJSON_IsString(&value) ? std::optional<std::string>(value.valuestring)
+                                           : attributeText(value, attribute.typeName());
+  if (!text) {
     throw RequestError(fmt::format("attribute {} of {} takes a {}, not {}", attribute.name(),
                                    entity.name(), attribute.typeName(), kindOf(value)));
   }
-  const std::string refused = database.settingRefused(path, attribute, text);
-  if (!refused.empty()) throw RequestError(refused);
-  SCRIVEL_TRACE(0, "set ", path, " ", attribute.name(), " ", text);
-  attribute.textIs(text);
+  const Vela::Outcome allowed = database.checkSetting(path, attribute, *text);
+  if (!allowed.ok()) throw RequestError(allowed.reason());
+  SCRIVEL_TRACE(0, "set ", path, " ", attribute.name(), " ", *text);
+  attribute.textIs(*text);
 }
 
 [[noreturn]] void refusePath(const std::string& path) {
   throw RequestError("there is no path '" + path + "'; 'korvel get' without a path lists them");
 }
 
-Json answeredSet(Database& database, const cJSON& request) {
+Vela::Json answerSet(Database& database, const cJSON& request) {
   const std::string path = requiredString(request, "path");
   const Ptr<Entity> there = database.entity(path);
-  const Ptr<Entity> entity = there ? there : entityMadeAt(database, path);
+  const Ptr<Entity> entity = there ? there : makeEntityAt(database, path);
   if (!entity) refusePath(path);
   AttributeBase& attribute = requestedAttribute(*entity, request);
   const cJSON* value = cJSON_GetObjectItemCaseSensitive(&request, "value");
@@ -148,12 +149,12 @@ Json answeredSet(Database& database, const cJSON& request) {
 }
 
 // Its observers find it with all of its attributes.
-Json answeredCreate(Database& database, const cJSON& request) {
+Vela::Json answerCreate(Database& database, const cJSON& request) {
   const std::string path = requiredString(request, "path");
   if (database.entity(path)) {
     throw RequestError("'" + path + "' is there already; set its attributes, or delete it first");
   }
-  const Ptr<Entity> made = entityMadeAt(database, path);
+  const Ptr<Entity> made = makeEntityAt(database, path);
   if (!made) {
     throw RequestError("nothing can be made at '" + path +
                        "'; its directory is not there, or makes nothing on demand");
@@ -169,10 +170,10 @@ Json answeredCreate(Database& database, const cJSON& request) {
   return entityJson(*made, path.c_str());
 }
 
-Json answeredDelete(Database& database, const cJSON& request) {
+Vela::Json answerDelete(Database& database, const cJSON& request) {
   const std::string path = requiredString(request, "path");
   if (!database.entity(path)) refusePath(path);
-  if (!entityMadeAt(database, path)) {
+  if (!makeEntityAt(database, path)) {
     throw RequestError("'" + path + "' is always there and cannot be deleted; set its attributes");
   }
   SCRIVEL_TRACE(0, "delete ", path);
@@ -191,7 +192,7 @@ std::vector<std::string> requestedArguments(const cJSON& request) {
   return arguments;
 }
 
-Json answeredCall(Database& database, const cJSON& request) {
+Vela::Json answerCall(Database& database, const cJSON& request) {
   const Ptr<Entity> entity = requestedEntity(database, request);
   const std::string name = requiredString(request, "operation");
   const Vela::Operation* operation = entity->operation(name);
@@ -208,7 +209,7 @@ Json answeredCall(Database& database, const cJSON& request) {
                                    joined(operation->argumentNames), arguments.size()));
   }
   SCRIVEL_TRACE(0, "call ", requiredString(request, "path"), " ", name);
-  Json answer = okAnswer();
+  Vela::Json answer = okAnswer();
   cJSON_AddStringToObject(answer.get(), "answer", operation->run(arguments).c_str());
   return answer;
 }
@@ -228,9 +229,9 @@ void listBelow(const Directory& directory, const std::string& path, int depth, c
   }
 }
 
-Json answeredList(Database& database, const cJSON& request) {
+Vela::Json answerList(Database& database, const cJSON& request) {
   const Ptr<Entity> entity = requestedEntity(database, request);
-  Json answer = okAnswer();
+  Vela::Json answer = okAnswer();
   cJSON* paths = cJSON_AddArrayToObject(answer.get(), "paths");
   const auto* directory = dynamic_cast<const Directory*>(entity.get());
   if (directory) listBelow(*directory, requiredString(request, "path"), 0, paths);
@@ -246,22 +247,22 @@ Ptr<Entity> requestedEntity(Database& database, const cJSON& request) {
   return entity;
 }
 
-Json errorAnswer(const std::string& message) {
-  Json answer(cJSON_CreateObject());
+Vela::Json errorAnswer(const std::string& message) {
+  Vela::Json answer(cJSON_CreateObject());
   cJSON_AddFalseToObject(answer.get(), "ok");
   cJSON_AddStringToObject(answer.get(), "error", message.c_str());
   return answer;
 }
 
-Json answered(Database& database, const cJSON& request) {
+Vela::Json answerRequest(Database& database, const cJSON& request) {
   if (!cJSON_IsObject(&request)) throw RequestError("a request is a JSON object, one a line");
   const std::string what = requiredString(request, "request");
-  if (what == "get") return answeredGet(database, request);
-  if (what == "set") return answeredSet(database, request);
-  if (what == "create") return answeredCreate(database, request);
-  if (what == "delete") return answeredDelete(database, request);
-  if (what == "call") return answeredCall(database, request);
-  if (what == "list") return answeredList(database, request);
+  if (what == "get") return answerGet(database, request);
+  if (what == "set") return answerSet(database, request);
+  if (what == "create") return answerCreate(database, request);
+  if (what == "delete") return answerDelete(database, request);
+  if (what == "call") return answerCall(database, request);
+  if (what == "list") return answerList(database, request);
   if (what == "watch") {
     return entityJson(*requestedEntity(database, request), requiredString(request, "path"));
   }

@@ -1,4 +1,4 @@
-// What other processes may ask of the state database: one JSON object a request, one an answer.
+// The requests of other processes to the state database: one JSON object a request, one an answer.
 #pragma once
 
 #include <stdexcept>
@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/orrery/Database.h"
-#include "platform/orrery/Json.h"
+#include "platform/vela/Json.h"
 
 namespace Orrery {
 
@@ -23,25 +23,26 @@ class RequestError : public std::runtime_error {
 //   {"request": "set", "path": P, "attribute": A, "value": V}
 //                                                         makes the entity where it can be made
 //   {"request": "create", "path": P, "attributes": {A: V, ...}}
-//                                                         what can be made there, with all of these
-//   {"request": "delete", "path": P}                      what could be made there
+//                                                         makes the entity, with all of these
+//   {"request": "delete", "path": P}                      an entity that could be made there
 //   {"request": "call", "path": P, "operation": O, "arguments": ["text", ...]}
 //   {"request": "list", "path": P}                        all paths below P, with their types
 //   {"request": "watch", "path": P}                       as get; changes follow, a line each
-// Answers {"ok": true, ...}. Throws RequestError, and what the entity throws.
-Json answered(Database& database, const cJSON& request);
-Json errorAnswer(const std::string& message);  // {"ok": false, "error": message}
+// Returns {"ok": true, ...}. Throws RequestError, and any exception of the entity.
+Vela::Json answerRequest(Database& database, const cJSON& request);
+Vela::Json errorAnswer(const std::string& message);  // {"ok": false, "error": message}
 
 // Requests, spelt out. An attribute of nothing but digits is a number.
 using Attributes = std::vector<std::pair<std::string, std::string>>;  // name, value as text
-Json getRequest(const std::string& path, const std::string& attribute = {});
-Json setRequest(const std::string& path, const std::string& attribute, const std::string& value);
-Json createRequest(const std::string& path, const Attributes& attributes);
-Json deleteRequest(const std::string& path);
-Json callRequest(const std::string& path, const std::string& operation,
-                 const std::vector<std::string>& arguments);
-Json listRequest(const std::string& path);
-Json watchRequest(const std::string& path);
+Vela::Json getRequest(const std::string& path, const std::string& attribute = {});
+Vela::Json setRequest(const std::string& path, const std::string& attribute,
+                      const std::string& value);
+Vela::Json createRequest(const std::string& path, const Attributes& attributes);
+Vela::Json deleteRequest(const std::string& path);
+Vela::Json callRequest(const std::string& path, const std::string& operation,
+                       const std::vector<std::string>& arguments);
+Vela::Json listRequest(const std::string& path);
+Vela::Json watchRequest(const std::string& path);
 
 // Throws RequestError when there is no such path.
 Vela::Ptr<Vela::Entity> requestedEntity(Database& database, const cJSON& request);

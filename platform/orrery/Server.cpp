@@ -16,7 +16,7 @@ Vela::UnixServerOptions serverOptions(std::string path, std::chrono::millisecond
   options.mostClients = Server::maxConnections;
   options.silence = silence;
   options.refusal = [](std::string_view reason) {
-    return jsonLine(*errorAnswer(std::string(reason))) + "\n";
+    return Vela::jsonLine(*errorAnswer(std::string(reason))) + "\n";
   };
   return options;
 }

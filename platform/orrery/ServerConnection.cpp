@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/orrery/AttributeJson.h"
 #include "platform/orrery/Requests.h"
 #include "platform/scrivel/Trace.h"
 
@@ -66,7 +67,7 @@ void ServerConnection::handleReadable() {
     const std::string line = input_.substr(0, end);
     input_.erase(0, end + 1);
     if (line.empty()) continue;
-    client_.seat->heard();
+    client_.seat->endSilence();
     handleLine(line);
     if (!open()) return;
   }
@@ -78,7 +79,7 @@ void ServerConnection::handleReadable() {
 }
 
 void ServerConnection::handleLine(std::string_view line) {
-  const Json request = line.size() > maxRequestBytes ? nullptr : parsedJson(line);
+  const Vela::Json request = line.size() > maxRequestBytes ? nullptr : Vela::parseJson(line);
   if (!request) {
     send(errorAnswer("the request is not JSON; write one JSON object a line"));
     reading_ = false;
@@ -89,14 +90,14 @@ void ServerConnection::handleLine(std::string_view line) {
 
 void ServerConnection::doAnswer(const cJSON& request) {
   try {
-    const Json answer = answered(database_, request);
-    const char* what = stringMember(request, "request");
+    const Vela::Json answer = answerRequest(database_, request);
+    const char* what = Vela::stringMember(request, "request");
     const bool watch = what && std::string_view(what) == "watch";
     if (watch && watches_.size() >= maxWatches) {
       throw RequestError("a connection watches 64 paths at most; open another one");
     }
     send(answer);
-    if (watch) doWatch(stringMember(request, "path"), requestedEntity(database_, request));
+    if (watch) doWatch(Vela::stringMember(request, "path"), requestedEntity(database_, request));
   } catch (const std::exception& e) {
     SCRIVEL_TRACE(1, "request refused: ", e.what());
     send(errorAnswer(e.what()));
@@ -111,7 +112,7 @@ void ServerConnection::doWatch(const std::string& path, const Vela::Ptr<Vela::En
   if (const auto* directory = dynamic_cast<const Directory*>(entity.get())) {
     watch.children =
         directory->entityCollection().observeKeys([this, path, directory](const std::string& name) {
-          Json line(cJSON_CreateObject());
+          Vela::Json line(cJSON_CreateObject());
           cJSON_AddStringToObject(line.get(), "path", path.c_str());
           cJSON_AddStringToObject(line.get(), "child", name.c_str());
           cJSON_AddBoolToObject(line.get(), "present", directory->entityHas(name));
@@ -126,17 +127,17 @@ void ServerConnection::doTell(const std::string& path, const Vela::Entity& entit
   const Vela::AttributeBase* attribute = entity.attribute(name);
   const auto* directory = dynamic_cast<const Directory*>(&entity);
   if (!attribute || (directory && attribute == &directory->entityCollection())) return;
-  Json line(cJSON_CreateObject());
+  Vela::Json line(cJSON_CreateObject());
   cJSON_AddStringToObject(line.get(), "path", path.c_str());
   cJSON_AddStringToObject(line.get(), "attribute", name.c_str());
   cJSON_AddItemToObject(line.get(), "value", valueJson(*attribute).release());
   send(line);
 }
 
-void ServerConnection::send(const Json& json) {
+void ServerConnection::send(const Vela::Json& json) {
   if (!open()) return;
   const bool idle = output_.empty();
-  output_ += jsonLine(*json) + "\n";
+  output_ += Vela::jsonLine(*json) + "\n";
   if (output_.size() > maxAnswerBytes) {
     SCRIVEL_TRACE(0, "client takes no answers, closed; bytes kept: ", output_.size());
     return close();
@@ -151,7 +152,7 @@ void ServerConnection::handleWritable() {
   doSend();
 }
 
-// Answers go out at once, lest the agent end before: a request may be what ends it.
+// Answers go out at once: the request may be one that ends the agent.
 void ServerConnection::doSend() {
   if (!open()) return;
   const ssize_t sent = ::send(client_.socket.get(), output_.data(), output_.size(), MSG_NOSIGNAL);

@@ -6,15 +6,15 @@
 #include <vector>
 
 #include "platform/orrery/Database.h"
-#include "platform/orrery/Json.h"
 #include "platform/vela/FileDescriptor.h"
+#include "platform/vela/Json.h"
 #include "platform/vela/UnixServer.h"
 
 namespace Orrery {
 
-// Reads request lines and writes answer lines, never waiting for the client: what it does not take
-// is kept up to a bound. Call with the activity lock held. Attributes that it watches change on any
-// thread: that thread's part is to keep the line, which the reactor sends.
+// Reads request lines and writes answer lines, never waiting for the client: answers that it does
+// not take are kept up to a bound. Call with the activity lock held. Watched attributes change on
+// any thread: that thread keeps the line, and the reactor sends it.
 class ServerConnection final : public Vela::RefCounted {
  public:
   static constexpr size_t maxRequestBytes = 64 * 1024;
@@ -37,7 +37,7 @@ class ServerConnection final : public Vela::RefCounted {
   void doAnswer(const cJSON& request);
   void doWatch(const std::string& path, const Vela::Ptr<Vela::Entity>& entity);
   void doTell(const std::string& path, const Vela::Entity& entity, const std::string& attribute);
-  void send(const Json& json);
+  void send(const Vela::Json& json);
   void doSend();
   void watchSocket();
 

@@ -12,6 +12,7 @@ static Scrivel::TraceHandle trace("QueryConfigSm");
 
 namespace Pollen {
 
+using Vela::Outcome;
 using Vela::Ptr;
 using State = QueryProgress::State;
 
@@ -87,36 +88,39 @@ void QueryConfigSm::doCheck(const std::string& path) {
   const Ptr<QueryStatus> status = statuses_->queryStatusIs(path);
   engine_.queryDel(path);
   QuerySpec spec;
-  std::string reason = config->queryText().empty() ? "" : checked(*config, &spec);
-  const bool defined = !config->queryText().empty() && reason.empty();
+  Outcome valid = config->queryText().empty() ? Outcome() : check(*config, &spec);
+  const bool defined = !config->queryText().empty() && valid.ok();
   bool inputFailed = false;
-  std::string waiting;
   if (defined && configs_->activeQueryConfigHas(path)) {
-    waiting = waitedFor(*config, &inputFailed);
-    reason = waiting.empty() ? started(std::move(spec), config->outputType()) : "";
-    if (inputFailed) reason = waiting;
+    const Outcome inputsActive = checkInputsActive(*config, &inputFailed);
+    if (inputsActive.ok()) valid = start(std::move(spec), config->outputType());
+    if (inputFailed) valid = inputsActive;
   }
+  const std::string& reason = valid.reason();
   if (!reason.empty()) SCRIVEL_TRACE(0, "query is not valid: ", path, " ", reason);
   status->reasonIs(reason);
   status->definedIs(defined && (reason.empty() || inputFailed));
   doPublish(*config);
 }
 
-std::string QueryConfigSm::checked(const QueryConfig& config, QuerySpec* spec) const {
+Outcome QueryConfigSm::check(const QueryConfig& config, QuerySpec* spec) const {
   spec->path = config.name();
   spec->oneShot = config.oneShot();
   CheckedQuery& query = spec->checked;
   query.text = config.queryText();
   query.output = Lattice::TheTypeRegistry().type(config.outputType());
-  if (!query.output) return "output type " + config.outputType() + " is not known";
+  if (!query.output) {
+    return Outcome::failure("output type " + config.outputType() + " is not known");
+  }
   if (tables_.typeOf(spec->path)) {
-    return "output table " + spec->path + " is a table of the pipeline; choose another path";
+    return Outcome::failure("output table " + spec->path +
+                            " is a table of the pipeline; choose another path");
   }
   for (const auto& [name, tableName] : config.inputTableCollection().values()) {
     const Ptr<QueryConfig> source = configs_->queryConfig(tableName);
     auto type =
         source ? Lattice::TheTypeRegistry().type(source->outputType()) : tables_.typeOf(tableName);
-    if (!type) return "input table " + tableName + " does not exist";
+    if (!type) return Outcome::failure("input table " + tableName + " does not exist");
     query.inputs.emplace_back(name, std::move(type));
     spec->inputTables[name] = tableName;
   }
@@ -125,15 +129,15 @@ std::string QueryConfigSm::checked(const QueryConfig& config, QuerySpec* spec) c
     query.parameters.push_back(name);
     spec->parameters[name] = value;
   }
-  if (std::string cycle = cycleThrough(spec->path); !cycle.empty()) return cycle;
-  if (std::string trouble = queryTrouble(query); !trouble.empty()) return trouble;
+  if (Outcome noCycle = checkNoCycle(spec->path); !noCycle.ok()) return noCycle;
+  if (Outcome sound = checkQuery(query); !sound.ok()) return sound;
   spec->method = queryMethod(query);
   return {};
 }
 
-// Walks from table to table that the query follows from.
-std::string QueryConfigSm::cycleThrough(const std::string& path) const {
-  std::map<std::string, std::string> readBy;  // what led to a table
+// Walks from the query's inputs to their queries' inputs, and so on.
+Outcome QueryConfigSm::checkNoCycle(const std::string& path) const {
+  std::map<std::string, std::string> readBy;  // a reader of each table
   std::vector<std::string> open{path};
   while (!open.empty()) {
     const std::string reader = open.back();
@@ -144,7 +148,7 @@ std::string QueryConfigSm::cycleThrough(const std::string& path) const {
       if (table == path) {
         std::string way;
         for (std::string at = reader; at != path; at = readBy[at]) way = " by way of " + at + way;
-        return "the query reads its own output" + way;
+        return Outcome::failure("the query reads its own output" + way);
       }
       if (readBy.try_emplace(table, reader).second) open.push_back(table);
     }
@@ -152,27 +156,29 @@ std::string QueryConfigSm::cycleThrough(const std::string& path) const {
   return {};
 }
 
-// The query whose output this one reads and that is not active; `failed`: nor will be by itself.
-std::string QueryConfigSm::waitedFor(const QueryConfig& config, bool* failed) const {
+// Fails while an input is the output of a query that is not active; `failed`: and will not become
+// active by itself.
+Outcome QueryConfigSm::checkInputsActive(const QueryConfig& config, bool* failed) const {
   for (const auto& [name, table] : config.inputTableCollection().values()) {
     if (!configs_->queryConfig(table)) continue;
     const Ptr<QueryStatus> status = statuses_->queryStatus(table);
     if (engine_.progress(table).state == State::active) continue;
     *failed = !configs_->activeQueryConfigHas(table) || (status && !status->reason().empty());
-    return "input table " + table + " is the output of a query that is not active";
+    return Outcome::failure("input table " + table +
+                            " is the output of a query that is not active");
   }
   return {};
 }
 
-std::string QueryConfigSm::started(QuerySpec spec, const std::string& outputType) try {
+Outcome QueryConfigSm::start(QuerySpec spec, const std::string& outputType) try {
   const std::string path = spec.path;
   const auto output = tables_.outputTableIs(path, outputType);
-  if (!output || !output->ready()) return "output table: it is not ready";
+  if (!output || !output->ready()) return Outcome::failure("output table: it is not ready");
   engine_.queryIs(std::move(spec), output);
   scheduleReaders(path);  // they come after it
   return {};
 } catch (const std::exception& e) {
-  return std::string("output table: ") + e.what();
+  return Outcome::failure(std::string("output table: ") + e.what());
 }
 
 void QueryConfigSm::doPublish(const QueryConfig& config) {

@@ -17,7 +17,7 @@
 
 namespace Pollen {
 
-// What the queries need of the tables. Called on the reactor with the activity lock held.
+// The access of queries to tables. Called on the reactor with the activity lock held.
 struct QueryTables {
   // The type of a table that a query reads; null when there is no such table (yet). Outputs of
   // other queries need not be known here.
@@ -57,11 +57,10 @@ class QueryConfigSm final : public Vela::RefCounted {
   void scheduleReaders(const std::string& path);
   void doCheck(const std::string& path);
   void doPublish(const QueryConfig& config);
-  // Each answers why not; empty: well.
-  std::string checked(const QueryConfig& config, QuerySpec* spec) const;
-  std::string waitedFor(const QueryConfig& config, bool* failed) const;
-  std::string cycleThrough(const std::string& path) const;
-  std::string started(QuerySpec spec, const std::string& outputType);
+  Vela::Outcome check(const QueryConfig& config, QuerySpec* spec) const;
+  Vela::Outcome checkInputsActive(const QueryConfig& config, bool* failed) const;
+  Vela::Outcome checkNoCycle(const std::string& path) const;
+  Vela::Outcome start(QuerySpec spec, const std::string& outputType);
   void publishNumbers(QueryStatus& status);
 
   Vela::ReactorLoop& loop_;

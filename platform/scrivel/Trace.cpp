@@ -112,9 +112,9 @@ class Registry {
     return levels_.mask(name);
   }
 
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards all below; taken last
   std::vector<TraceHandle*> handles_;
-  std::vector<TraceFile*> files_;  // all there ever were: a thread may still be storing a record
+  std::vector<TraceFile*> files_;  // all ever opened: a thread may still be storing a record
   Levels levels_;
 };
 
@@ -122,8 +122,8 @@ TraceHandle::TraceHandle(const char* name) : name_(name), mask_(&off) { Registry
 
 TraceHandle::~TraceHandle() { Registry::get().remove(this); }
 
-std::string initialize(const Options& options) {
-  if (getenv("SCRIVEL_DISABLE")) return {};
+void initialize(const Options& options) {
+  if (getenv("SCRIVEL_DISABLE")) return;
   const char* text = getenv("KORVEL_TRACE");
   std::string trouble;
   auto levels = Levels::parse(text ? text : "*/0", &trouble);
@@ -134,9 +134,8 @@ std::string initialize(const Options& options) {
   try {
     Registry::get().fileIs(createTraceFile(options), *levels);
   } catch (const std::system_error& e) {
-    return std::string(e.what()) + "; nothing is traced";
+    throw TraceError(std::string(e.what()) + "; nothing is traced");
   }
-  return {};
 }
 
 void shutdown() { Registry::get().fileIs(nullptr, Levels()); }
@@ -150,11 +149,11 @@ void flush() {
   if (const TraceFile* file = theFile.load()) msync(file->header, file->bytes(), MS_SYNC);
 }
 
-std::string levelsAre(std::string_view text) {
+void levelsAre(std::string_view text) {
   std::string trouble;
   const auto levels = Levels::parse(text, &trouble);
-  if (levels) Registry::get().levelsAre(*levels);
-  return trouble;
+  if (!levels) throw TraceError(trouble);
+  Registry::get().levelsAre(*levels);
 }
 
 Recorder::Recorder(const TraceHandle& handle, unsigned level) {

@@ -1,5 +1,5 @@
 // Tracing: each source file has a handle of its name, and its traces go, unformatted, into rings in
-// a memory-mapped file that the last ones survive in when the process dies. A trace that is off
+// a memory-mapped file. The last traces survive there when the process dies. A trace that is off
 // costs one branch and evaluates nothing.
 //
 //   static Scrivel::TraceHandle trace("KorvelPiTables");
@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -18,6 +19,12 @@
 #include "platform/scrivel/FileLayout.h"
 
 namespace Scrivel {
+
+// Tracing cannot be set up as asked; the message says why.
+class TraceError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 struct Options {
   unsigned rings = 10;            // one a level; levels beyond the last ring share it
@@ -28,15 +35,15 @@ struct Options {
 };
 
 // Starts tracing, at the levels that $KORVEL_TRACE says ("KorvelPiTables/0-5,*/0-1"; "*/0" unless
-// set; see Levels.h). Answers an empty text, or why tracing stays off. Does nothing when
-// $SCRIVEL_DISABLE is set. Files of dead processes with the same prefix are removed, but the
-// newest three. Later calls open a new file.
-std::string initialize(const Options& options);
+// set; see Levels.h). Does nothing when $SCRIVEL_DISABLE is set. Files of dead processes with the
+// same prefix are removed, but the newest three. Later calls open a new file. Throws TraceError;
+// tracing then stays as it was.
+void initialize(const Options& options);
 void shutdown();            // traces are dropped from now on; the file stays
 std::string currentFile();  // empty when tracing is off
 void flush();               // hands the rings to the file system (msync)
-// As $KORVEL_TRACE, while running. Answers an empty text or what is wrong with `levels`.
-std::string levelsAre(std::string_view levels);
+// As $KORVEL_TRACE, while running. Throws TraceError for malformed `levels`.
+void levelsAre(std::string_view levels);
 
 class TraceHandle {
  public:
@@ -120,7 +127,7 @@ class Recorder {
   void text(std::string_view value);
   void bytes(const Buffer& value);
   void put(Tag tag, const void* value, size_t size);
-  void close();  // what follows does not fit
+  void close();  // later arguments do not fit
   void putLong(Tag whole, Tag cut, const void* value, size_t size);
 
   SlotHeader* slot_ = nullptr;  // null when the record is dropped

@@ -15,13 +15,14 @@
 
 #include "platform/scrivel/FileLayout.h"
 #include "platform/scrivel/Levels.h"
+#include "platform/scrivel/Trace.h"
 
 namespace Scrivel {
 namespace {
 
 namespace fs = std::filesystem;
 
-// Takes values off the front of stored bytes; answers false when they run out.
+// Takes values off the front of stored bytes; returns false when they run out.
 class Cursor {
  public:
   explicit Cursor(std::string_view bytes) : bytes_(bytes) {}
@@ -44,7 +45,7 @@ class Cursor {
   std::string_view bytes_;
 };
 
-// A record is one line: what would break it, or the terminal, is shown as \xNN.
+// A record is one line: bytes that would break it, or the terminal, are shown as \xNN.
 void appendPrintable(std::string_view text, std::string* out) {
   for (const char c : text) {
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
@@ -345,24 +346,24 @@ void writeLevels(char* base, std::string_view text, const Levels& levels) {
 
 }  // namespace
 
-std::string setLevels(const std::string& path, std::string_view text) {
+void setLevels(const std::string& path, std::string_view text) {
   std::string trouble;
   const auto levels = Levels::parse(text, &trouble);
-  if (!levels) return trouble;
+  if (!levels) throw TraceError(trouble);
   if (text.size() >= sizeof(FileHeader::levels)) {
-    return fmt::format("the trace levels are longer than {} characters; set fewer at a time",
-                       sizeof(FileHeader::levels) - 1);
+    throw TraceError(
+        fmt::format("the trace levels are longer than {} characters; set fewer at a time",
+                    sizeof(FileHeader::levels) - 1));
   }
   const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return fmt::format("cannot open {}: {}", path, strerror(errno));
+  if (fd < 0) throw TraceError(fmt::format("cannot open {}: {}", path, strerror(errno)));
   const size_t size = sizeof(FileHeader) + maxHandles * sizeof(HandleEntry);
   void* base = MAP_FAILED;
   if (readHeader(fd)) base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   close(fd);
-  if (base == MAP_FAILED) return path + " is no trace file";
+  if (base == MAP_FAILED) throw TraceError(path + " is no trace file");
   writeLevels(static_cast<char*>(base), text, *levels);
   munmap(base, size);
-  return {};
 }
 
 }  // namespace Scrivel

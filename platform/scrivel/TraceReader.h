@@ -48,7 +48,7 @@ class TraceReader {
   explicit TraceReader(std::string directory);
   ~TraceReader();
 
-  // The files found now, oldest first. What is no trace file is passed over.
+  // The files found now, oldest first. Other files are passed over.
   std::vector<TraceFileInfo> files();
   // The records that the last call did not give (all, the first time), by time. Files that came
   // since are read too.
@@ -68,8 +68,9 @@ class TraceReader {
 std::string toLine(const TraceRecord& record);
 std::string argumentsText(std::string_view stored);  // the text of a record's stored arguments
 
-// Changes what a living process traces: the handles that `levels` names, those of later libraries
-// included; others stay. Answers an empty text or what is wrong.
-std::string setLevels(const std::string& path, std::string_view levels);
+// Changes the levels of a living process: of the handles that `levels` names, those of libraries
+// loaded later included; other handles keep theirs. Throws TraceError for malformed levels and for
+// a path that is no trace file.
+void setLevels(const std::string& path, std::string_view levels);
 
 }  // namespace Scrivel

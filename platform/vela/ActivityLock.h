@@ -1,5 +1,5 @@
 // The activity lock: one recursive lock that serialises the reactor thread and the threads that
-// enter through the PI entry points. Whoever waits for anything gives it up wholly.
+// enter through the PI entry points. A thread gives it up wholly before it waits for anything.
 #pragma once
 
 #include <cstdint>

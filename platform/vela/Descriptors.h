@@ -11,8 +11,8 @@ namespace Vela {
 size_t raiseDescriptorLimit();
 
 // Opens `count` descriptors and closes them again. Throws Exception, with the limit and a way out,
-// when there is no room for them. Libraries that end the process for want of one are thus met by a
-// clear word first; call it before they start.
+// when there is no room for them. Call it before libraries start that end the process for want of
+// one: the user then reads a clear message.
 void requireDescriptors(size_t count);
 
 // Owns a descriptor, or none (-1).
@@ -35,8 +35,8 @@ class UniqueFd {
 };
 
 // An eventfd that select() can wait for: below FD_SETSIZE, as a larger number would write beyond
-// the set. Descriptors get the lowest free number, so make it before many are open. `purpose` goes
-// into the message of the std::system_error when there is none.
+// the set. Descriptors get the lowest free number, so make it before many are open. Throws
+// std::system_error, naming `purpose`, when no such descriptor is left.
 UniqueFd selectableEvent(const std::string& purpose);
 
 }  // namespace Vela

@@ -38,7 +38,7 @@ class Observation {
   std::shared_ptr<Slot> slot_;
 };
 
-// Whom to tell of a change. A notice may add observers (told from the next change on) and remove
+// The observers of a change. A notice may add observers (told from the next change on) and remove
 // them (not told any more, this notice included).
 class ObserverList {
  public:
@@ -58,7 +58,7 @@ class BadValue : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// What every attribute offers whoever does not know its type.
+// The part of an attribute that does not depend on its type.
 class AttributeBase {
  public:
   enum class Access { readWrite, readOnly };  // of the generic interface; code may always write
@@ -78,7 +78,7 @@ class AttributeBase {
   // Throws BadValue when the attribute is read-only or the text is no value of its type.
   virtual void textIs(std::string_view text) = 0;
 
-  // Who may only read may observe, too.
+  // Const: a reader may observe, too.
   [[nodiscard]] Observation observe(std::function<void()> changed) const {
     return observers_.observe([changed = std::move(changed)](const std::string&) { changed(); });
   }
@@ -178,7 +178,7 @@ class Collection final : public AttributeBase {
   Map map_;
 };
 
-// An operation that outsiders may call by name. Arguments and answer are texts; throws BadValue for
+// An operation that outsiders may call by name. Arguments and result are texts; throws BadValue for
 // arguments it cannot use.
 struct Operation {
   std::string name;
@@ -195,7 +195,7 @@ class Entity : public RefCounted {
 
   // In declaration order, numbered from 0.
   const std::vector<AttributeBase*>& attributes() const { return attributes_; }
-  AttributeBase* attribute(std::string_view name) const;  // null when there is none
+  AttributeBase* attribute(std::string_view name) const;  // null when absent
   AttributeBase* attribute(size_t number) const;
   const std::vector<Operation>& operations() const { return operations_; }
   const Operation* operation(std::string_view name) const;

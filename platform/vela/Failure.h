@@ -16,7 +16,7 @@ namespace Vela {
 [[noreturn]] void endProcess(std::string_view trouble) noexcept;
 
 // Runs `work`; an exception that leaves it ends the process. For callbacks that return into C code
-// and for the bodies of threads, where nobody else can catch.
+// and for the bodies of threads, which have no caller to catch it.
 template <typename Work>
 void guarded(const Work& work) noexcept {
   try {

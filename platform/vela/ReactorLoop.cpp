@@ -21,8 +21,8 @@ struct ReactorLoop::Impl {
   using Queue = std::vector<std::function<void()>>;
   uv_loop_t loop;
   uv_async_t wake;
-  std::mutex mutex;
-  Queue touches;  // guarded by mutex, like posted
+  std::mutex mutex;  // guards touches and posted
+  Queue touches;
   Queue posted;
   std::atomic<bool> stopping{false};
   std::atomic<std::thread::id> thread{};

@@ -27,9 +27,9 @@ class ReactorLoop {
   void post(std::function<void()> work);
   bool onThread() const;  // true on the thread in run()
 
-  // Only the thread in run() may call libuv. Runs `work` at once on that thread, and while no
-  // thread is in run(); else that thread runs it soon, before any post and any later `work`, with
-  // the activity lock held. Call with the lock held.
+  // Only the thread in run() may call libuv. touch() runs `work` at once on that thread, and while
+  // no thread is in run(); else that thread runs it soon, before any post and any later `work`,
+  // with the activity lock held. Call with the lock held.
   void touch(std::function<void()> work);
 
  private:

@@ -18,7 +18,7 @@ std::optional<double> doubleFromText(std::string_view text);
 std::string doubleToText(double value);
 
 // Specialise for a type that attributes hold: a name for messages, a text form, and a parse that
-// answers nothing when the text is not a value of the type.
+// returns nothing when the text is not a value of the type.
 template <typename T>
 struct TextForm {
   static const char* typeName() { return "value"; }

@@ -5,15 +5,15 @@ namespace Vela {
 
 void TurnLock::lock(Turn turn) {
   uint32_t free = 0;
-  if (state_.compare_exchange_strong(free, kHeld, std::memory_order_acquire)) return;
+  if (state_.compare_exchange_strong(free, heldBit, std::memory_order_acquire)) return;
   lockSlowly(turn);
 }
 
 void TurnLock::unlock() {
-  uint32_t held = kHeld;
-  if (state_.compare_exchange_strong(held, 0, std::memory_order_release)) return;
+  uint32_t uncontended = heldBit;
+  if (state_.compare_exchange_strong(uncontended, 0, std::memory_order_release)) return;
   const std::lock_guard guard(mutex_);
-  state_.fetch_sub(kHeld, std::memory_order_release);
+  state_.fetch_sub(heldBit, std::memory_order_release);
   wakeNext();
 }
 
@@ -22,12 +22,12 @@ void TurnLock::lockSlowly(Turn turn) {
   if (turn == Turn::own && maybePass()) return;
   Waiter me;
   (turn == Turn::own ? own_ : afterOthers_).push_back(&me);
-  state_.fetch_add(kWaiter, std::memory_order_relaxed);
+  state_.fetch_add(oneWaiter, std::memory_order_relaxed);
   while (next() != &me || !maybeTake()) {
     me.told = false;
     me.wake.wait(guard);
   }
-  state_.fetch_sub(kWaiter, std::memory_order_relaxed);
+  state_.fetch_sub(oneWaiter, std::memory_order_relaxed);
   if (!own_.empty()) {
     own_.pop_front();
     countPasses();
@@ -36,17 +36,18 @@ void TurnLock::lockSlowly(Turn turn) {
   }
 }
 
-// With mutex_ held, as are all functions below.
+// Call with mutex_ held, as all functions below.
 bool TurnLock::maybeTake() {
   uint32_t state = state_.load(std::memory_order_relaxed);
-  while ((state & kHeld) == 0) {
-    if (state_.compare_exchange_weak(state, state | kHeld, std::memory_order_acquire)) return true;
+  while ((state & heldBit) == 0) {
+    if (state_.compare_exchange_weak(state, state | heldBit, std::memory_order_acquire))
+      return true;
   }
   return false;
 }
 
 bool TurnLock::maybePass() {
-  if (!own_.empty() && own_.front()->passed >= kMostPasses) return false;
+  if (!own_.empty() && own_.front()->passed >= mostPasses) return false;
   if (!maybeTake()) return false;
   if (!own_.empty()) ++own_.front()->passed;
   countPasses();
@@ -60,8 +61,8 @@ TurnLock::Waiter* TurnLock::next() const {
 
 // Of the one that has given way for long: it gets a turn of its own.
 void TurnLock::countPasses() {
-  if (afterOthers_.empty() || ++afterOthers_.front()->passed < kMostPassesOfOthers) return;
-  afterOthers_.front()->passed = kMostPasses;
+  if (afterOthers_.empty() || ++afterOthers_.front()->passed < mostPassesOfOthers) return;
+  afterOthers_.front()->passed = mostPasses;
   own_.push_back(afterOthers_.front());
   afterOthers_.pop_front();
 }

@@ -1,5 +1,5 @@
-// A mutex that nobody waits for in vain: threads that only look give way to those that act, and
-// each waiter is passed a bounded number of times.
+// A mutex with bounded waiting: threads that only read give way to threads that act, and each
+// waiter is passed a bounded number of times.
 #pragma once
 
 #include <atomic>
@@ -14,17 +14,17 @@ namespace Vela {
 class TurnLock {
  public:
   enum class Turn {
-    own,          // before all of those that come after others
-    afterOthers,  // once nobody waits for a turn of their own
+    own,          // before all waiters of the other kind
+    afterOthers,  // once no thread waits for a turn of its own
   };
   // A waiter gets the lock at the latest after so many holds that began after it came. Threads that
   // take the lock again and again may pass others meanwhile: waking one for each hold is slow.
-  static constexpr unsigned kMostPasses = 16;
-  static constexpr unsigned kMostPassesOfOthers = 256;  // of one that came after others
+  static constexpr unsigned mostPasses = 16;
+  static constexpr unsigned mostPassesOfOthers = 256;  // of a waiter of the other kind
 
   void lock(Turn turn = Turn::own);
   void unlock();
-  size_t waiting() const { return state_.load(std::memory_order_relaxed) / kWaiter; }
+  size_t waiting() const { return state_.load(std::memory_order_relaxed) / oneWaiter; }
 
  private:
   struct Waiter {
@@ -32,8 +32,8 @@ class TurnLock {
     bool told = false;  // that it is its turn
     unsigned passed = 0;
   };
-  static constexpr uint32_t kHeld = 1;
-  static constexpr uint32_t kWaiter = 2;
+  static constexpr uint32_t heldBit = 1;
+  static constexpr uint32_t oneWaiter = 2;
 
   void lockSlowly(Turn turn);
   bool maybeTake();
@@ -42,8 +42,8 @@ class TurnLock {
   void countPasses();
   void wakeNext();
 
-  std::atomic<uint32_t> state_{0};  // kHeld, and kWaiter for each that waits
-  std::mutex mutex_;                // guards what follows
+  std::atomic<uint32_t> state_{0};  // heldBit, and oneWaiter for each that waits
+  std::mutex mutex_;                // guards own_ and afterOthers_
   std::deque<Waiter*> own_;
   std::deque<Waiter*> afterOthers_;
 };

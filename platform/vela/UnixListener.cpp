@@ -29,7 +29,7 @@ bool concernsCaller(int error) {
 
 UniqueFd spareDescriptor() { return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
-UniqueFd accepted(int listener) {
+UniqueFd acceptFrom(int listener) {
   return UniqueFd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
 }
 
@@ -126,7 +126,7 @@ bool UnixListener::inPlace() const {
 UnixListener::Turn UnixListener::accept(Caller* caller) {
   if (!reserve_) reserve_ = spareDescriptor();
   for (;;) {
-    *caller = {.socket = accepted(socket_.get())};
+    *caller = {.socket = acceptFrom(socket_.get())};
     if (caller->socket) {
       checkCredentials(*caller);
       return Turn::caller;
@@ -140,7 +140,7 @@ UnixListener::Turn UnixListener::accept(Caller* caller) {
 UnixListener::Turn UnixListener::acceptByReserve(Caller* caller) {
   if (!reserve_) return Turn::noRoom;
   reserve_ = UniqueFd();
-  caller->socket = accepted(socket_.get());
+  caller->socket = acceptFrom(socket_.get());
   if (!caller->socket) return errno == EAGAIN ? Turn::nobody : Turn::noRoom;
   caller->refusal = "no file descriptor is left; try again later, or raise the limit (ulimit -n)";
   return Turn::caller;

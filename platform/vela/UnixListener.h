@@ -29,7 +29,7 @@ class UnixAddress {
 struct UnixListenerOptions {
   std::string path;
   int type = SOCK_STREAM;  // or SOCK_SEQPACKET
-  // Whether `connection`, to what listens at the path already, proves a living process there.
+  // Whether `connection`, to the present listener at the path, proves a living process there.
   // Unless given, being connected does.
   std::function<bool(int connection)> alive;
 };
@@ -50,14 +50,14 @@ class UnixListener {
   int descriptor() const { return socket_.get(); }
   bool inPlace() const;  // false once the path leads elsewhere: its directory may be made again
 
-  // Somebody who connected. With a refusal: say it, and hang up before the next call.
+  // A process that connected. With a refusal: say it, and hang up before the next call.
   struct Caller {
     UniqueFd socket;  // non-blocking
     pid_t pid = 0;
-    std::string refusal;  // empty: come in. Only this user and root may; with no descriptor left
-                          // nobody does
+    std::string refusal;  // empty: welcome. Other users but root are refused; with no descriptor
+                          // left everybody is
   };
-  // noRoom: somebody waits for a descriptor, and the socket remains readable; rest before the next
+  // noRoom: a caller waits for a descriptor, and the socket remains readable; rest before the next
   // call.
   enum class Turn { caller, nobody, noRoom };
   Turn accept(Caller* caller);
@@ -72,7 +72,7 @@ class UnixListener {
   const std::string name_;  // in the directory
   UniqueFd directory_;
   UniqueFd socket_;
-  UniqueFd reserve_;  // given up to let a caller know when no other descriptor is left
+  UniqueFd reserve_;  // given up to refuse a caller when no other descriptor is left
   FileId file_{};
 };
 

@@ -48,11 +48,11 @@ UnixSeat::UnixSeat(std::shared_ptr<Seats> seats, int socket)
 }
 
 UnixSeat::~UnixSeat() {
-  heard();
+  endSilence();
   --seats_->taken;
 }
 
-void UnixSeat::heard() { seats_->silent.erase(number_); }
+void UnixSeat::endSilence() { seats_->silent.erase(number_); }
 
 struct UnixServer::Impl {
   Impl(ReactorLoop& loop, UnixServerOptions given, std::function<void(UnixClient)> handler)

@@ -1,5 +1,5 @@
-// Serves clients on a Unix socket, from the reactor: a bounded number of them, and none that says
-// nothing.
+// Serves a bounded number of clients on a Unix socket, from the reactor. Silent clients are hung up
+// on.
 #pragma once
 
 #include <chrono>
@@ -16,19 +16,19 @@ namespace Vela {
 struct UnixServerOptions {
   UnixListenerOptions listener;
   size_t mostClients = 64;
-  // A client that has not said by then what it wants is hung up on.
+  // A client without a request by then is hung up on.
   std::chrono::milliseconds silence = std::chrono::seconds(10);
-  // How a client is told, in its own language, why it is turned away.
+  // Puts the reason for a refusal into the clients' language.
   std::function<std::string(std::string_view reason)> refusal;
 };
 
-// A client's place among the most that there may be, from its coming until this dies.
+// A client's place among the most that there may be; free again when this dies.
 class UnixSeat {
  public:
   ~UnixSeat();
   UnixSeat(const UnixSeat&) = delete;
   UnixSeat& operator=(const UnixSeat&) = delete;
-  void heard();  // it has said what it wants, and may be silent from now on
+  void endSilence();  // the client has made a request, and may be silent from now on
 
  private:
   friend class UnixServer;

@@ -67,7 +67,7 @@ TEST(Descriptors, UsedUpByClientsAreServedFromAgainOnceTheyAreBack) {
     tested.forwarder.kill();
     ASSERT_TRUE(tested.startForwarder());
     EXPECT_TRUE(waitUntil([&] {
-      return tested.agent.korvel({"status"}).output.find("in step") != std::string::npos;
+      return tested.agent.korvel({"status"}).output.find("received up to") != std::string::npos;
     }));
     ASSERT_TRUE(tested.connectController()) << "a new connection";
     EXPECT_TRUE(tested.insertRoutes(20 + round, 21 + round, 1).ok());

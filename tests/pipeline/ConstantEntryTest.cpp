@@ -1,6 +1,6 @@
 // Constant entries from both kinds of file, to the bytes that the agent programs.
 #include "pipeline/EntriesFile.h"
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 #include "pipeline/TableLayout.h"
 #include "pipeline/ValueText.h"
 #include "tests/pipeline/Scratch.h"
@@ -41,7 +41,7 @@ class ConstantEntryTest : public ScratchTest {
   }
 
   p4::config::v1::P4Info p4Info_;
-  P4InfoIndex index_;
+  P4InfoLookup index_;
   PipelineLayout layout_;
   Findings findings_;
 };

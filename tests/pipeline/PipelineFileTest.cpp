@@ -9,9 +9,10 @@
 #include "p4/tmp/p4config.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/Files.h"
-#include "pipeline/Json.h"
+#include "pipeline/JsonFault.h"
 #include "pipeline/PipelineBuild.h"
 #include "pipeline/PipelineCheck.h"
+#include "platform/vela/Json.h"
 #include "tests/pipeline/Scratch.h"
 
 namespace Pipeline {
@@ -368,10 +369,10 @@ TEST_F(PipelineFileTest, IsShownToPeopleAndAsJson) {
             "  action  c.forward(dmac: bit<48>)\n"
             "  entry   vrf = 1, hdr.ipv4.dst = 10.0.0.0/8 -> c.forward(dmac = "
             "00:11:22:33:44:55)\n");
-  const JsonPtr json = parsedJsonFile("shown", shownPipeline(path("pipeline"), true));
-  const cJSON* table = cJSON_GetArrayItem(arrayItem(json.get(), "tables"), 0);
-  EXPECT_EQ(stringItem(table, "table"), "routes");
-  EXPECT_EQ(cJSON_GetArraySize(arrayItem(table, "constant_entries")), 1);
+  const Vela::Json json = parseJsonFile("shown", shownPipeline(path("pipeline"), true));
+  const cJSON* table = cJSON_GetArrayItem(Vela::jsonArray(json.get(), "tables"), 0);
+  EXPECT_EQ(Vela::jsonString(table, "table"), "routes");
+  EXPECT_EQ(cJSON_GetArraySize(Vela::jsonArray(table, "constant_entries")), 1);
 }
 
 TEST_F(PipelineFileTest, OfTheRouterExampleHasNothingToObjectTo) {

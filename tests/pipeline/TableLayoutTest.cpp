@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 #include "pipeline/ProfileCheck.h"
 #include "platform/lattice/types/TableType.h"
 #include "tests/pipeline/Scratch.h"
@@ -20,7 +20,7 @@ struct Made {
 
 Made madeOf(const P4Info& p4Info) {
   Findings findings;
-  const P4InfoIndex index(p4Info);
+  const P4InfoLookup index(p4Info);
   PipelineLayout layout = pipelineLayout(index, &findings);
   for (const TableLayout& table : layout.tables) {
     EXPECT_NO_THROW(Lattice::TableType::compile(table.typeName, definitionText(table)))
@@ -204,7 +204,7 @@ TEST(ActionProfiles, ThatDoNotFitTheirTablesOrTheAgentAreWarnedOf) {
   };
   for (const auto& c : cases) {
     Findings findings;
-    const P4InfoIndex index(c.p4Info);
+    const P4InfoLookup index(c.p4Info);
     checkP4Info(index, &findings);
     checkProfiles(index, &findings);
     const std::string wanted = *c.warning ? "warning: " + std::string(c.warning) : "";
@@ -235,7 +235,7 @@ TEST(P4Infos, ThatTheServerRefusesAreErrors) {
   for (const auto& c : cases) {
     const P4Info p4Info = p4InfoOf(c.p4Info);
     Findings findings;
-    checkP4Info(P4InfoIndex(p4Info), &findings);
+    checkP4Info(P4InfoLookup(p4Info), &findings);
     const std::string text = textOf(findings);
     EXPECT_EQ(*c.finding ? text.substr(0, std::strlen(c.finding)) : text, c.finding) << text;
   }

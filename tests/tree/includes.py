@@ -26,9 +26,18 @@ platform/scrivel          -
 platform/vela             platform/scrivel
 platform/orrery           platform/vela+
 platform/brine            platform/vela+
-platform/lattice          platform/brine+
-platform/pollen           platform/orrery+ platform/lattice+
-platform/wirra            platform/orrery+
+platform/lattice/records  platform/brine+
+platform/lattice/types    platform/lattice/records+
+platform/lattice/counters platform/lattice/records+
+platform/lattice/doorbell platform/lattice/records+
+platform/lattice          platform/lattice/types+ platform/lattice/doorbell+
+platform/pollen/entities  platform/orrery+
+platform/pollen/sql       platform/lattice+
+platform/pollen/engine    platform/pollen/sql+
+platform/pollen           platform/pollen/entities+ platform/pollen/engine+
+platform/wirra/packets    platform/vela+
+platform/wirra/devices    platform/orrery+
+platform/wirra/interfaces platform/wirra/devices+
 
 PI/include/PI             -
 PI/include/PI/*           PI/include/PI proto
@@ -70,8 +79,11 @@ forwarder/device          platform
 forwarder/punt            forwarder/base forwarder/device platform
 forwarder/control         forwarder/base forwarder/table forwarder/follow forwarder/traffic forwarder/punt platform
 forwarder                 forwarder platform
-cli/pipeline              pipeline proto
-cli                       cli/pipeline P4Runtime/agent P4Runtime/companion pipeline platform
+cli/client                platform
+cli/agent                 cli/client+ P4Runtime/agent P4Runtime/companion
+cli/table                 cli/client+
+cli/pipeline              pipeline platform proto
+cli                       cli/agent+ cli/table+ cli/pipeline+
 
 examples/minimal-forwarder   platform/lattice
 examples/plugins/table-use   P4Runtime/plugin
@@ -85,6 +97,7 @@ tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
 tests/forwarder           forwarder platform tests/support
 tests/forwarder/*         forwarder platform tests/forwarder tests/support
 tests/cli                 P4Runtime/agent platform tests/support
+tests/cli/table           platform tests/support
 tests/e2e                 platform/vela proto tests/support
 
 bench/brine               platform tests/support

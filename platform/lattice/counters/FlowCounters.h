@@ -1,6 +1,5 @@
-// What forwarding agents have counted for the flows that they program, by the flow's name: each
-// forwarding agent writes a collection of its own into the state directory, and anyone reads them
-// all.
+// Counts of flows, by the flow's name: each forwarding agent writes a collection of its own into
+// the state directory, and any process reads them all.
 #pragma once
 
 #include <cstdint>
@@ -26,34 +25,35 @@ struct FlowCount {
 class FlowCounterWriter {
  public:
   // `forwarderName` is the one the forwarding agent follows the tables under; a second writer of
-  // that name is refused. What an earlier process of that name had counted is dropped: its counters
-  // went with it. Makes the state directory when it is not there. A name has 1 to 64 bytes. Throws
+  // that name is refused. The counts of an earlier process of that name are dropped: its counters
+  // ended with it. Makes the state directory when it is not there. A name has 1 to 64 bytes. Throws
   // Brine::StoreError.
   static std::unique_ptr<FlowCounterWriter> create(const std::string& stateDirectory,
                                                    const std::string& forwarderName);
   virtual ~FlowCounterWriter() = default;
 
   // Names have 1 to 500 bytes; else std::invalid_argument.
-  virtual void countIs(std::string_view name, const FlowCount& total) = 0;  // since it was made
+  virtual void countIs(std::string_view name,
+                       const FlowCount& total) = 0;  // since the flow was made
   virtual void countDel(std::string_view name) = 0;
   // Makes the counts visible to readers, all at once. Throws Brine::StoreError when the state
-  // directory is full; what was set since the commit before is then lost.
+  // directory is full; counts set since the commit before are then lost.
   virtual void commit() = 0;
-  // False once the state directory was removed or made anew: nobody reads these counts any more.
+  // False once the state directory was removed or made again: nobody reads these counts any more.
   // Create another writer then.
   virtual bool reachable() const = 0;
 };
 
-// Reads what all forwarding agents of a state directory have committed, the newest of each. One
+// Reads the newest committed counts of all forwarding agents of a state directory. One
 // thread uses it. Collections that come, go or are damaged are no error.
 class FlowCounterReader {
  public:
   static std::unique_ptr<FlowCounterReader> create(const std::string& stateDirectory);
   virtual ~FlowCounterReader() = default;
 
-  // Replaces what is in *out: one count for each forwarding agent that has the name.
+  // Replaces the contents of *out: one count for each forwarding agent that has the name.
   virtual void counts(std::string_view name, std::vector<FlowCount>* out) = 0;
-  virtual bool empty() = 0;  // no forwarding agent has, or has left, any
+  virtual bool empty() = 0;  // there are no counts of any forwarding agent
 };
 
 }  // namespace Lattice

@@ -60,7 +60,7 @@ constexpr off_t leastStore = 8192;  // bytes; a smaller file is still being made
 // A store's file, to know it again.
 struct StoreFile {
   dev_t device = 0;
-  ino_t inode = 0;  // 0: there is none
+  ino_t inode = 0;  // 0: no file
   friend bool operator==(const StoreFile&, const StoreFile&) = default;
 };
 

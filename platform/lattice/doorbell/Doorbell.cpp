@@ -15,7 +15,7 @@ namespace {
 
 Scrivel::TraceHandle trace("LatticeDoorbell");
 
-constexpr size_t maxClients = 80;    // some more than may attach, who have a bit each
+constexpr size_t maxClients = 80;    // above the 64 subscribers that have a bit each
 constexpr int messagesPerTurn = 64;  // so that one subscriber cannot keep the reactor
 constexpr uint64_t neverInStep = UINT64_MAX;
 
@@ -109,10 +109,10 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   peer.bit = freeBit();
   if (peer.bit == 0) {
     refuse(peer, "64 subscribers are attached already");
-    shutdown(peer.socket.descriptor(), SHUT_RDWR);  // what is read next is the end
+    shutdown(peer.socket.descriptor(), SHUT_RDWR);  // the next read finds the end
     return true;
   }
-  peer.seat->heard();
+  peer.seat->endSilence();
   const uint64_t last = journal_.lastSequence();
   const bool continues = attach->identity == identity_ && attach->sequence <= last &&
                          attach->sequence >= journal_.trimmedUpTo();
@@ -120,7 +120,7 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   peer.info.name = Vela::plainLine(attach->name, maxSubscriberName);
   peer.attachedAt = last;
   peer.info.takingSnapshot = !continues;
-  // What it reads from now on is at least what is committed now.
+  // Its next reads show at least the changes committed so far.
   peer.info.sequence = continues ? attach->sequence : last;
   peer.attached = true;
   SCRIVEL_TRACE(0, "subscriber attached: ", peer.info.name, " continues: ", continues,
@@ -136,7 +136,7 @@ bool Doorbell::handleReports(Peer& peer, std::string_view message) {
   reports_.clear();
   texts_.clear();
   const bool sound = eachReport(
-      *header, [&](const PackedReport& report) { reports_.push_back(received(peer, report)); });
+      *header, [&](const PackedReport& report) { reports_.push_back(readReport(peer, report)); });
   if (!sound) return false;
   peer.info.reports += reports_.size();
   peer.info.sequence = std::max(peer.info.sequence, header->receivedUpTo);
@@ -147,7 +147,7 @@ bool Doorbell::handleReports(Peer& peer, std::string_view message) {
 }
 
 // The text goes to controllers, into statuses and logs.
-Report Doorbell::received(const Peer& peer, const PackedReport& report) {
+Report Doorbell::readReport(const Peer& peer, const PackedReport& report) {
   std::string_view text = report.errorCode != 0 ? report.text : std::string_view();
   if (!Vela::isPlainLine(text, maxReportText)) {
     text = texts_.emplace_back(Vela::plainLine(text, maxReportText));
@@ -159,7 +159,7 @@ Report Doorbell::received(const Peer& peer, const PackedReport& report) {
 bool Doorbell::settles(const Peer& peer, const Report& report) {
   if (!book_.empty() && !book_.settles(peer.bit, report)) return false;
   if (report.errorCode != 0 || report.sequence > peer.attachedAt) return true;
-  // It came later, and speaks of what its snapshot showed: the others were there.
+  // A latecomer reports on its snapshot: the subscribers before it decide.
   return std::ranges::none_of(peers_, [&](const auto& other) {
     return other->attached && other->attachedAt < report.sequence;
   });
@@ -170,7 +170,7 @@ bool Doorbell::handleInStep(Peer& peer, std::string_view message) {
   if (!inStep || inStep->sequence > journal_.lastSequence()) return false;
   peer.info.takingSnapshot = false;
   peer.inStepUpTo = inStep->sequence;
-  tell(book_.released(peer.bit, inStep->sequence));
+  tell(book_.release(peer.bit, inStep->sequence));
   maybeTellInStep();
   return true;
 }
@@ -179,7 +179,7 @@ void Doorbell::maybeTellInStep() {
   uint64_t upTo = neverInStep;
   for (const auto& peer : peers_) {
     if (!peer->attached || peer->gone) continue;
-    if (peer->inStepUpTo == neverInStep) return;  // it comes when that one says so
+    if (peer->inStepUpTo == neverInStep) return;  // handleInStep() asks again
     upTo = std::min(upTo, peer->inStepUpTo);
   }
   if (upTo != neverInStep && observer_.inStep) observer_.inStep(upTo);
@@ -203,21 +203,21 @@ void Doorbell::drop(Peer& peer, bool malformed) {
   const bool wasAttached = peer.attached;
   const SubscriberInfo info = peer.info;
   std::erase_if(peers_, [&](const auto& other) { return other.get() == &peer; });
-  tell(book_.left(bit));
+  tell(book_.remove(bit));
   journal_.handleFollowerGone();
   if (!wasAttached) return;
-  maybeTellInStep();  // it may have been the one that was not
+  maybeTellInStep();  // the others may have waited for it
   if (observer_.left) observer_.left(info);
   tellAttached();
 }
 
-void Doorbell::ring(uint64_t lastSequence, std::span<const Committed> changes) {
+void Doorbell::ring(uint64_t lastSequence, std::span<const CommittedChange> changes) {
   const Subscribers attached = attachedSet();
   if (attached == 0) return;
-  if (!changes.empty() && !std::has_single_bit(attached)) book_.committed(changes, attached);
+  if (!changes.empty() && !std::has_single_bit(attached)) book_.expect(changes, attached);
   const std::string message = RingMessage{lastSequence}.encode();
   for (const auto& peer : peers_) {
-    // A full queue holds rings that will wake it; one that is gone is noticed by its watch.
+    // A full queue holds rings that will wake the peer; its watch notices a peer that is gone.
     if (peer->attached) peer->socket.send(message);
   }
 }

@@ -1,4 +1,4 @@
-// The agent's end of the doorbell socket: who is attached, waking them, and what they report.
+// The agent's end of the doorbell socket: attaches subscribers, wakes them and takes their reports.
 #pragma once
 
 #include <chrono>
@@ -10,16 +10,17 @@
 #include <string>
 #include <vector>
 
-#include "platform/lattice/Database.h"
 #include "platform/lattice/doorbell/DoorbellMessage.h"
 #include "platform/lattice/doorbell/DoorbellSocket.h"
+#include "platform/lattice/doorbell/Report.h"
 #include "platform/lattice/doorbell/ReportBook.h"
 #include "platform/lattice/records/Journal.h"
 #include "platform/vela/UnixServer.h"
 
 namespace Lattice {
 
-// Call with the activity lock held; calls back on the reactor with it held.
+// Call with the activity lock held, on any thread; calls back on the reactor with it held. Loop,
+// journal and observer outlive it.
 class Doorbell {
  public:
   // A client that does not attach within `silence` is disconnected. Throws std::system_error.
@@ -27,24 +28,24 @@ class Doorbell {
            const StoreIdentity& identity, const Journal& journal);
   ~Doorbell();
 
-  void observerIs(Database::Observer observer) { observer_ = std::move(observer); }
+  void observerIs(SubscriberObserver observer) { observer_ = std::move(observer); }
   // Wakes every subscriber; never waits for one.
-  void ring(uint64_t lastSequence, std::span<const Committed> changes);
+  void ring(uint64_t lastSequence, std::span<const CommittedChange> changes);
   bool anyAttached() const;
-  uint64_t receivedByAll() const;  // UINT64_MAX when none is attached
+  uint64_t receivedByAll() const;  // UINT64_MAX without subscribers
   std::vector<SubscriberInfo> subscribers() const;
   uint64_t droppedMessages() const { return droppedMessages_; }
 
  private:
   struct Peer;
   void handleClient(Vela::UnixClient client);
-  Subscribers freeBit() const;  // 0: none
+  Subscribers freeBit() const;  // 0: all are taken
   void handleReadable(Peer& peer);
   bool handleMessage(Peer& peer, std::string_view message);
   bool handleAttach(Peer& peer, std::string_view message);
   bool handleReports(Peer& peer, std::string_view message);
   bool handleInStep(Peer& peer, std::string_view message);
-  Report received(const Peer& peer, const PackedReport& report);
+  Report readReport(const Peer& peer, const PackedReport& report);
   bool settles(const Peer& peer, const Report& report);
   void maybeTellInStep();
   void tell(std::span<const Report> reports);
@@ -56,12 +57,12 @@ class Doorbell {
   Vela::ReactorLoop& loop_;
   const StoreIdentity identity_;
   const Journal& journal_;
-  Database::Observer observer_;
+  SubscriberObserver observer_;
   std::vector<std::unique_ptr<Peer>> peers_;
   ReportBook book_;
   std::string buffer_;             // of the message being read
   std::vector<Report> reports_;    // of the message being read
-  std::deque<std::string> texts_;  // theirs, as far as they had to be mended
+  std::deque<std::string> texts_;  // of reports_, those that had to be mended
   uint64_t lastId_ = 0;
   uint64_t droppedMessages_ = 0;
   Vela::UnixServer server_;

@@ -128,7 +128,7 @@ void ReportsWriter::add(const PackedReport& report) {
   ++count_;
 }
 
-std::string ReportsWriter::finished(uint64_t receivedUpTo, uint8_t flags) {
+std::string ReportsWriter::finish(uint64_t receivedUpTo, uint8_t flags) {
   storeAt(bytes_.data() + 2, receivedUpTo);
   storeAt(bytes_.data() + 10, flags);
   storeAt(bytes_.data() + 11, count_);

@@ -1,5 +1,5 @@
 // The messages on the doorbell socket, one to a packet. All begin with kind u8 and version u8;
-// numbers are little-endian. Every decode answers nothing for a message of another kind, of another
+// numbers are little-endian. Every decode returns nothing for a message of another kind, of another
 // version, cut short, or too long.
 #pragma once
 
@@ -22,7 +22,7 @@ inline constexpr size_t maxSubscriberName = 64;
 
 enum class MessageKind : uint8_t { attach = 1, attached, refused, ring, reports, inStep };
 
-// From a subscriber, first of all: what it knows.  sequence u64 | identity | name
+// A subscriber's first message: the state it knows.  sequence u64 | identity | name
 struct AttachMessage {
   uint64_t sequence = 0;
   StoreIdentity identity{};
@@ -31,14 +31,14 @@ struct AttachMessage {
   static std::optional<AttachMessage> decode(std::string_view message);
 };
 
-// The answer: the tables are open to it.  identity
+// The agent's answer: the tables are open to the subscriber.  identity
 struct AttachedMessage {
   StoreIdentity identity{};
   std::string encode() const;
   static std::optional<AttachedMessage> decode(std::string_view message);
 };
 
-// Or else why not; the connection then ends.  text
+// Or the reason for a refusal; the connection then ends.  text
 struct RefusedMessage {
   std::string_view reason;
   std::string encode() const;
@@ -52,7 +52,7 @@ struct RingMessage {
   static std::optional<RingMessage> decode(std::string_view message);
 };
 
-// From a subscriber: it has received everything up to `receivedUpTo`, and reports on some.
+// From a subscriber: it has received all changes up to `receivedUpTo`, and reports on some.
 // receivedUpTo u64 | flags u8 | count u16 | per report: entryHandle u64 | sequence u64 |
 // errorCode u16 | textSize u16 | text
 struct ReportsMessage {
@@ -78,8 +78,8 @@ class ReportsWriter {
   bool full() const {
     return count_ == maxReportsPerMessage || bytes_.size() + 20 + maxReportText > maxMessageBytes;
   }
-  void add(const PackedReport& report);                        // unless full()
-  std::string finished(uint64_t receivedUpTo, uint8_t flags);  // and begins anew
+  void add(const PackedReport& report);                      // unless full()
+  std::string finish(uint64_t receivedUpTo, uint8_t flags);  // clears, too
   void clear();
 
  private:
@@ -88,8 +88,8 @@ class ReportsWriter {
 };
 
 std::optional<ReportsMessage> decodeReports(std::string_view message);
-// The reports of a message that decodeReports() took, in order; false when the bytes do not hold
-// what the message promises.
+// Visits the reports of a message from decodeReports(), in order; false when the bytes hold fewer
+// reports than the message says.
 bool eachReport(const ReportsMessage& message,
                 const std::function<void(const PackedReport&)>& each);
 

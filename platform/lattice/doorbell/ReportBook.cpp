@@ -11,8 +11,8 @@ constexpr size_t maxOpen = 1'000'000;
 
 }  // namespace
 
-void ReportBook::committed(std::span<const Committed> changes, Subscribers subscribers) {
-  for (const Committed& change : changes) {
+void ReportBook::expect(std::span<const CommittedChange> changes, Subscribers subscribers) {
+  for (const CommittedChange& change : changes) {
     open_.push_back({change.sequence, change.entryHandle, subscribers, 0, false});
   }
   while (open_.size() > maxOpen) open_.pop_front();
@@ -34,15 +34,15 @@ bool ReportBook::settles(Subscribers subscriber, const Report& report) {
   return settled;
 }
 
-std::vector<Report> ReportBook::released(Subscribers subscriber, uint64_t sequence) {
-  return dropped(subscriber, sequence, true);
+std::vector<Report> ReportBook::release(Subscribers subscriber, uint64_t sequence) {
+  return drop(subscriber, sequence, true);
 }
 
-std::vector<Report> ReportBook::left(Subscribers subscriber) {
-  return dropped(subscriber, UINT64_MAX, false);
+std::vector<Report> ReportBook::remove(Subscribers subscriber) {
+  return drop(subscriber, UINT64_MAX, false);
 }
 
-std::vector<Report> ReportBook::dropped(Subscribers subscriber, uint64_t sequence, bool counts) {
+std::vector<Report> ReportBook::drop(Subscribers subscriber, uint64_t sequence, bool counts) {
   std::vector<Report> settled;
   for (Open& open : open_) {
     if (open.sequence > sequence) break;

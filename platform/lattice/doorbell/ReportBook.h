@@ -1,4 +1,4 @@
-// What several subscribers at once say of a change, made one answer.
+// Settles changes on which several subscribers report.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/lattice/Database.h"
+#include "platform/lattice/doorbell/Report.h"
 #include "platform/lattice/records/Journal.h"
 
 namespace Lattice {
@@ -15,22 +15,22 @@ namespace Lattice {
 // A set of subscribers, a bit each.
 using Subscribers = uint64_t;
 
-// Knows the changes that were committed while several subscribers were attached and that not all of
-// them have reported on. Everything else passes as it comes.
+// Holds the changes that were committed while several subscribers were attached, until all of these
+// have reported. Reports on other changes settle at once. Call with the activity lock held.
 class ReportBook {
  public:
-  // `owed` by each subscriber in `subscribers`, at least two.
-  void committed(std::span<const Committed> changes, Subscribers subscribers);
+  // Each of `subscribers`, at least two, owes a report on each change.
+  void expect(std::span<const CommittedChange> changes, Subscribers subscribers);
   bool empty() const { return open_.empty(); }
 
   // Whether the report of `subscriber` settles the change: a failure does, or the last success when
   // none failed.
   bool settles(Subscribers subscriber, const Report& report);
-  // The subscriber owes no report any more, of changes up to `sequence`; answers those that
-  // everybody else has reported on, as successes.
-  std::vector<Report> released(Subscribers subscriber, uint64_t sequence);
-  // It went away: a change that nobody is left to report on stays unsettled.
-  std::vector<Report> left(Subscribers subscriber);
+  // The subscriber owes no more reports on changes up to `sequence`. Returns, as successes, the
+  // changes on which all others have reported.
+  std::vector<Report> release(Subscribers subscriber, uint64_t sequence);
+  // The subscriber has gone. A change stays unsettled when none of its reporters is left.
+  std::vector<Report> remove(Subscribers subscriber);
 
  private:
   struct Open {
@@ -40,7 +40,7 @@ class ReportBook {
     Subscribers reported;
     bool failed;  // for one of them: settled, yet the others' word is still to come
   };
-  std::vector<Report> dropped(Subscribers subscriber, uint64_t sequence, bool counts);
+  std::vector<Report> drop(Subscribers subscriber, uint64_t sequence, bool counts);
   void popSettled();
   std::deque<Open> open_;  // ascending sequence
 };

@@ -38,7 +38,7 @@ void Journal::load() {
   if (state) state_ = *state;
   const bool isNew = store_.count(meta_) == 0 && store_.count(journal_) == 0;
   bool sound = state.has_value() || isNew;
-  uint64_t newest = 0;  // of whatever could be read
+  uint64_t newest = 0;  // of the records that can be read
   const size_t damaged = store_.forEach(journal_, [&](Brine::Bytes key, Brine::Bytes value) {
     if (sound) sound = loadRecord(key, value);
     if (key.size() == 8) newest = __builtin_bswap64(loadAt<uint64_t>(key.data()));
@@ -47,13 +47,13 @@ void Journal::load() {
   sound =
       sound && damaged == 0 && (records_.empty() || records_.back().last == state_.lastSequence);
   if (sound && state) return;
-  if (!sound) startAnew(std::max(state_.lastSequence, newest));
+  if (!sound) startOver(std::max(state_.lastSequence, newest));
   // Followers look for it from the first moment.
   store_.put(meta_, Brine::asBytes(JournalState::key), Brine::asBytes(state_.encode()));
   store_.commit();
 }
 
-void Journal::startAnew(uint64_t lastSequence) {
+void Journal::startOver(uint64_t lastSequence) {
   SCRIVEL_TRACE(0, "the journal is damaged and is emptied; followers take a snapshot");
   // Well beyond anything a follower has seen, so that none continues across the gap.
   state_.lastSequence = state_.trimmedUpTo = lastSequence + beyondAllSeen;
@@ -80,7 +80,7 @@ bool Journal::loadRecord(Brine::Bytes key, Brine::Bytes value) {
   std::string_view rest = Brine::asText(value);
   Record record{__builtin_bswap64(loadAt<uint64_t>(key.data())), 0, 0};
   while (!rest.empty()) {
-    const auto change = JournalChange::taken(rest);
+    const auto change = JournalChange::takeFrom(rest);
     if (!change || change->sequence <= record.last) return false;
     if (record.changes == 0 && change->sequence != record.first) return false;
     record.last = change->sequence;
@@ -209,7 +209,7 @@ void Journal::trimRecords() {
   }
 }
 
-const std::vector<Committed>& Journal::committed() {
+const std::vector<CommittedChange>& Journal::finishCommit() {
   committed_.clear();
   for (const Pending& pending : pending_) {
     if (pending.live) committed_.push_back({pending.sequence, pending.entryHandle});
@@ -227,7 +227,7 @@ const std::vector<Committed>& Journal::committed() {
   return committed_;
 }
 
-void Journal::discarded() {
+void Journal::discard() {
   // Table numbers and sequence numbers that were given out are not given out again.
   const uint32_t lastTable = fresh_.lastTable;
   fresh_ = state_;

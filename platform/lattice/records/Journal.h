@@ -1,5 +1,5 @@
 // The writer's side of the journal: gathers the changes of a commit, writes them as records small
-// enough to share a page, and trims what nobody needs any more.
+// enough to share a page, and trims changes that every follower has.
 #pragma once
 
 #include <cstdint>
@@ -13,12 +13,14 @@
 
 namespace Lattice {
 
-struct Committed {
+// A change of the last commit.
+struct CommittedChange {
   uint64_t sequence = 0;
   uint64_t entryHandle = 0;
 };
 
-// Call with the activity lock held.
+// Call with the activity lock held, on any thread. The store outlives it. Functions that read or
+// write records throw Brine::StoreError.
 class Journal {
  public:
   // Reads where the store's journal stands. A damaged journal is emptied: followers that were to
@@ -31,21 +33,22 @@ class Journal {
   uint32_t nextTableNumber() { return ++fresh_.lastTable; }
   void typesChanged() { ++fresh_.typesVersion; }
 
-  // Adds a change to this commit and answers its sequence number. A former change of the same row
-  // for the same entry handle gives way to it; `unchanged` holds only if that one had it too.
+  // Adds a change to this commit and returns its sequence number. It replaces a former change of
+  // the same row for the same entry handle; `unchanged` then holds only if the former had it, too.
   uint64_t add(uint32_t table, std::string_view key, std::string_view value, uint64_t entryHandle,
                bool deleted, bool unchanged);
-  uint64_t nextSequence() const { return nextSequence_; }  // what add() will answer
+  uint64_t nextSequence() const { return nextSequence_; }  // of the next add()
 
   void handleFollowerGone() const { store_.handleReaderGone(); }
 
-  // What of the journal may go: all changes up to `sequence`, and the oldest beyond `maxChanges`.
+  // Changes that may go: all up to `sequence`, and the oldest beyond `maxChanges`.
   void trimTo(uint64_t sequence, size_t maxChanges);
   // Puts all of it into the store's write set. Throws StoreError{full}.
   void flush();
-  // The store has committed, or dropped its write set. committed() answers the changes in order.
-  const std::vector<Committed>& committed();
-  void discarded();
+  // Call when the store has committed, or dropped its write set. finishCommit() returns the changes
+  // in order.
+  const std::vector<CommittedChange>& finishCommit();
+  void discard();
 
  private:
   struct Pending {
@@ -64,7 +67,7 @@ class Journal {
     uint32_t changes;
   };
   void load();
-  void startAnew(uint64_t lastSequence);
+  void startOver(uint64_t lastSequence);
   uint32_t highestTable();
   bool loadRecord(Brine::Bytes key, Brine::Bytes value);
   uint32_t* slotOf(uint32_t table, std::string_view key, uint64_t hash);
@@ -93,7 +96,7 @@ class Journal {
   size_t trimmed_ = 0;  // records that this commit takes off the front
   uint64_t trimSequence_ = 0;
   size_t maxChanges_ = SIZE_MAX;
-  std::vector<Committed> committed_;
+  std::vector<CommittedChange> committed_;
   uint64_t seed_;
 };
 

@@ -61,6 +61,7 @@ class Unpacker {
 
   bool bad() const { return bad_; }
   bool empty() const { return rest_.empty(); }
+  size_t left() const { return rest_.size(); }              // bytes
   bool finished() const { return !bad_ && rest_.empty(); }  // nothing missing, nothing left over
 
  private:

@@ -59,7 +59,7 @@ void JournalChange::encode(char* to) const {
   value.copy(to + headSize + key.size(), value.size());
 }
 
-std::optional<JournalChange> JournalChange::taken(std::string_view& bytes) {
+std::optional<JournalChange> JournalChange::takeFrom(std::string_view& bytes) {
   Unpacker from(bytes);
   JournalChange change;
   change.sequence = from.take<uint64_t>();

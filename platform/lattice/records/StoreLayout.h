@@ -1,5 +1,5 @@
-// What Lattice keeps in the store: table names and record layouts. docs/shared-memory.md shows them
-// together. Every decode answers nothing when the bytes are cut short, run long, or make no sense.
+// Lattice's records in the store: table names and record layouts. docs/shared-memory.md shows them
+// together. Every decode returns nothing when the bytes are cut short, run long, or make no sense.
 #pragma once
 
 #include <array>
@@ -30,7 +30,7 @@ struct JournalState {
   uint64_t lastSequence = 0;  // of all changes committed
   uint64_t trimmedUpTo = 0;   // the journal holds the changes after this one
   uint64_t typesVersion = 0;  // rises with each change of typesTable
-  uint32_t lastTable = 0;     // the highest table number given out; none is used twice
+  uint32_t lastTable = 0;     // the highest table number given out; numbers are used once
 
   std::string encode() const;
   static std::optional<JournalState> decode(std::string_view bytes);
@@ -74,7 +74,7 @@ struct JournalChange {
   size_t encodedSize() const { return headSize + key.size() + value.size(); }
   void encode(char* to) const;
   // Takes the first change off `bytes`.
-  static std::optional<JournalChange> taken(std::string_view& bytes);
+  static std::optional<JournalChange> takeFrom(std::string_view& bytes);
 };
 
 }  // namespace Lattice

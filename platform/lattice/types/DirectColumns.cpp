@@ -1,71 +1,54 @@
 #include "platform/lattice/types/DirectColumns.h"
 
-#include "platform/lattice/records/Packing.h"
+#include <algorithm>
+
+#include "platform/lattice/types/RowWalk.h"
 
 namespace Lattice {
 namespace {
 
 using Part = TableType::Part;
 
-void skipColumn(const Column& column, Unpacker& bytes) {
-  if (column.type == ColumnType::u32Array) {
-    bytes.takeBytes(size_t{bytes.take<uint32_t>()} * sizeof(uint32_t));
-  } else if (column.type == ColumnType::u64Array) {
-    bytes.takeBytes(size_t{bytes.take<uint32_t>()} * sizeof(uint64_t));
-  } else {
-    bytes.takeBytes(column.size);
+// Collects the flag and the numbers of one part.
+struct PartNumbers {
+  Part wanted;
+  std::vector<uint64_t> numbers;
+
+  void column(const TableType::ValuePart& part, const Column& column, std::string_view bytes) {
+    if (part.part != wanted) return;
+    numbers.push_back(column.size == 1 ? loadAt<uint8_t>(bytes.data())
+                                       : loadAt<uint64_t>(bytes.data()));
   }
-}
-
-// False for an action that the type does not have.
-bool skipAction(const TableType& type, Unpacker& bytes) {
-  const ActionLayout* action = type.action(bytes.take<uint32_t>());
-  if (action == nullptr) return false;
-  for (const Column& field : action->fields) skipColumn(field, bytes);
-  return true;
-}
-
-MeterColumns takeMeter(Unpacker& bytes) {
-  MeterColumns meter;
-  meter.given = bytes.take<uint8_t>() != 0;
-  for (uint64_t* number : {&meter.cir, &meter.cburst, &meter.pir, &meter.pburst}) {
-    *number = bytes.take<uint64_t>();
-  }
-  return meter;
-}
-
-CounterColumns takeCounter(Unpacker& bytes) {
-  CounterColumns counter;
-  counter.given = bytes.take<uint8_t>() != 0;
-  for (uint64_t* number : {&counter.bytes, &counter.packets}) *number = bytes.take<uint64_t>();
-  return counter;
-}
-
-struct DirectColumns {
-  std::optional<MeterColumns> meter;
-  std::optional<CounterColumns> counter;
+  static void action(const ActionLayout&) {}
 };
 
-DirectColumns directColumns(const TableType& type, std::string_view value) {
-  Unpacker bytes(value);
-  DirectColumns result;
-  for (const auto& part : type.valueParts()) {
-    if (part.part == Part::column) skipColumn(part.column, bytes);
-    if (part.part == Part::action && !skipAction(type, bytes)) return {};
-    if (part.part == Part::meter) result.meter = takeMeter(bytes);
-    if (part.part == Part::counter) result.counter = takeCounter(bytes);
-  }
-  return bytes.finished() ? result : DirectColumns{};
+// Empty without such a part, and for a value of another layout.
+std::vector<uint64_t> partNumbers(Part part, const TableType& type, std::string_view value) {
+  PartNumbers visitor{part, {}};
+  return walkValue(type, value, visitor) ? std::move(visitor.numbers) : std::vector<uint64_t>();
 }
 
 }  // namespace
 
+bool isCounted(const TableType& type) {
+  return std::ranges::find(type.valueParts(), Part::counter, &TableType::ValuePart::part) !=
+         type.valueParts().end();
+}
+
 std::optional<MeterColumns> meterOfRow(const TableType& type, std::string_view value) {
-  return directColumns(type, value).meter;
+  const auto numbers = partNumbers(Part::meter, type, value);
+  if (numbers.empty()) return std::nullopt;
+  return MeterColumns{.given = numbers[0] != 0,
+                      .cir = numbers[1],
+                      .cburst = numbers[2],
+                      .pir = numbers[3],
+                      .pburst = numbers[4]};
 }
 
 std::optional<CounterColumns> counterOfRow(const TableType& type, std::string_view value) {
-  return directColumns(type, value).counter;
+  const auto numbers = partNumbers(Part::counter, type, value);
+  if (numbers.empty()) return std::nullopt;
+  return CounterColumns{.given = numbers[0] != 0, .bytes = numbers[1], .packets = numbers[2]};
 }
 
 }  // namespace Lattice

@@ -1,4 +1,4 @@
-// The meter and counter columns of a row, taken out of its packed value.
+// The meter and counter columns of a row's packed value.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,10 @@
 
 namespace Lattice {
 
+bool isCounted(const TableType& type);  // whether its rows have a counter
+
 struct MeterColumns {
-  bool given = false;  // false: the entry came without a setting, and what follows is the default
+  bool given = false;  // false: the entry came without a setting; the numbers are the defaults
   uint64_t cir = 0;
   uint64_t cburst = 0;
   uint64_t pir = 0;

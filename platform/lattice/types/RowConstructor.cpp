@@ -3,6 +3,7 @@
 #include <unordered_map>
 
 #include "platform/lattice/records/Packing.h"
+#include "platform/lattice/types/RowWalk.h"
 
 namespace Lattice {
 namespace {
@@ -55,17 +56,10 @@ Step valueStep(const Column& column) {
   }
 }
 
-Steps flagAndNumbers(unsigned numbers) {
-  Steps steps;
-  steps.add({Step::Kind::bytes, 1});
-  for (unsigned i = 0; i < numbers; ++i) steps.add({Step::Kind::bytes, 8});
-  return steps;
-}
-
 size_t elementSize(Step step) { return step.kind == Step::Kind::array4 ? 4 : 8; }
 
-// Copies one field and answers where the next one goes.
-char* copied(char* to, const Step& step, const uint8_t* field) {
+// Copies one field and returns the place of the next one.
+char* copyField(char* to, const Step& step, const uint8_t* field) {
   switch (step.kind) {
     case Step::Kind::bytes:
       std::memcpy(to, field, step.size);
@@ -96,7 +90,7 @@ char* copied(char* to, const Step& step, const uint8_t* field) {
 
 using Fields = std::span<const uint8_t* const>;
 
-// What the arrays among the fields need beyond the fixed size.
+// The bytes of the arrays among the fields, beyond the fixed size.
 size_t arrayBytes(const Steps& steps, Fields fields) {
   if (!steps.arrays) return 0;
   size_t bytes = 0;
@@ -132,25 +126,14 @@ struct RowConstructor::Plan {
       Steps& steps = actions[action.actionId];
       for (const Column& field : action.fields) steps.add(valueStep(field));
     }
-    for (const auto& part : type.valueParts()) parts.push_back(planned(part));
+    for (const auto& part : type.valueParts()) parts.push_back(planOf(part));
   }
 
-  static Part planned(const TableType::ValuePart& part) {
+  static Part planOf(const TableType::ValuePart& part) {
     Part plan;
-    switch (part.part) {
-      case TableType::Part::column:
-        plan.steps.add(valueStep(part.column));
-        break;
-      case TableType::Part::action:
-        plan.action = true;
-        break;
-      case TableType::Part::meter:
-        plan.steps = flagAndNumbers(4);
-        break;
-      case TableType::Part::counter:
-        plan.steps = flagAndNumbers(2);
-        break;
-    }
+    plan.action = part.part == TableType::Part::action;
+    if (plan.action) return plan;
+    for (const Column& column : fixedColumns(part)) plan.steps.add(valueStep(column));
     return plan;
   }
 };
@@ -194,8 +177,8 @@ class FieldCursor {
   size_t at_ = 0;
 };
 
-char* copiedAll(char* to, const Steps& steps, Fields fields) {
-  for (size_t i = 0; i < fields.size(); ++i) to = copied(to, steps.steps[i], fields[i]);
+char* copyFields(char* to, const Steps& steps, Fields fields) {
+  for (size_t i = 0; i < fields.size(); ++i) to = copyField(to, steps.steps[i], fields[i]);
   return to;
 }
 
@@ -287,8 +270,8 @@ Row RowConstructor::construct(Fields fields) const {
 
   Row row;
   row.key.resize(type_->keySize());
-  char* to = copiedAll(row.key.data(), plan_->key, keyFields);
-  if (priority) copied(to, plan_->priority, priority);
+  char* to = copyFields(row.key.data(), plan_->key, keyFields);
+  if (priority) copyField(to, plan_->priority, priority);
   row.value.resize(size);
   to = row.value.data();
   FieldCursor again(*type_, fields.subspan(partsAt));
@@ -298,7 +281,7 @@ Row RowConstructor::construct(Fields fields) const {
         storeAt(to, id);
         to += 4;
       },
-      [&](const Steps& steps, Fields part) { to = copiedAll(to, steps, part); });
+      [&](const Steps& steps, Fields part) { to = copyFields(to, steps, part); });
   return row;
 }
 
@@ -308,8 +291,8 @@ std::string RowConstructor::constructKey(Fields keyFields) const {
   const uint8_t* priority = plan_->hasPriority ? cursor.takeOne() : nullptr;
   cursor.finish();
   std::string key(type_->keySize(), '\0');
-  char* to = copiedAll(key.data(), plan_->key, fields);
-  if (priority) copied(to, plan_->priority, priority);
+  char* to = copyFields(key.data(), plan_->key, fields);
+  if (priority) copyField(to, plan_->priority, priority);
   return key;
 }
 

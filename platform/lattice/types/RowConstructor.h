@@ -12,7 +12,7 @@
 
 namespace Lattice {
 
-// What a field pointer of an array column points to.
+// A field pointer of an array column points to this.
 struct ArrayField {
   const void* elements = nullptr;  // uint32_t or uint64_t, host order
   uint32_t count = 0;

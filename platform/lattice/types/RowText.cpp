@@ -6,6 +6,7 @@
 
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/types/IpGenPrefix.h"
+#include "platform/lattice/types/RowWalk.h"
 #include "platform/lattice/types/TableType.h"
 
 namespace Lattice {
@@ -63,108 +64,60 @@ std::string columnText(const Column& column, std::string_view bytes) {
 
 std::string reversed(std::string_view bytes) { return {bytes.rbegin(), bytes.rend()}; }
 
-std::string priorityText(std::string_view bytes) {
+std::string decimalText(std::string_view bytes) {
   uint64_t value = 0;
   for (const char c : bytes) value = value << 8 | static_cast<unsigned char>(c);
   return std::to_string(value);
 }
 
-// Takes the columns of a value apart, front to back.
-class ValueTexts {
- public:
-  ValueTexts(const TableType& type, std::string_view value) : type_(type), bytes_(value) {}
+template <typename T>
+std::string arrayText(std::string_view elements) {
+  std::string text = "[";
+  for (size_t i = 0; i < elements.size(); i += sizeof(T)) {
+    if (i > 0) text += ", ";
+    text += std::to_string(loadAt<T>(elements.data() + i));
+  }
+  return text + "]";
+}
 
-  std::vector<ColumnText> all() {
-    for (const auto& part : type_.valueParts()) {
-      switch (part.part) {
-        case TableType::Part::column:
-          add(part.column);
-          break;
-        case TableType::Part::action:
-          addAction();
-          break;
-        case TableType::Part::meter:
-          addFlag("meter.flag");
-          for (const char* name : {"meter.cir", "meter.cburst", "meter.pir", "meter.pburst"}) {
-            addNumber(name);
-          }
-          break;
-        case TableType::Part::counter:
-          addFlag("counter.flag");
-          for (const char* name : {"counter.bytes", "counter.packets"}) addNumber(name);
-          break;
-      }
+std::string valueText(const Column& column, std::string_view bytes) {
+  if (column.type == ColumnType::u32Array) return arrayText<uint32_t>(bytes);
+  if (column.type == ColumnType::u64Array) return arrayText<uint64_t>(bytes);
+  return column.type <= ColumnType::u64 ? columnText(column, reversed(bytes))
+                                        : columnText(column, bytes);
+}
+
+struct ValueTexts {
+  std::vector<ColumnText> texts;
+
+  void column(const TableType::ValuePart& part, const Column& column, std::string_view bytes) {
+    const bool counting =
+        part.part == TableType::Part::meter || part.part == TableType::Part::counter;
+    if (counting) {
+      texts.push_back({part.column.name + "." + column.name, decimalText(reversed(bytes))});
+    } else if (&column != &fixedColumns(part).front() || part.part != TableType::Part::action) {
+      texts.push_back({column.name, valueText(column, bytes)});
     }
-    if (!bytes_.finished()) wrong();
-    return std::move(texts_);
   }
-
- private:
-  [[noreturn]] void wrong() const {
-    throw TypeError("a row's value does not have the layout of table type " + type_.name());
-  }
-
-  void add(const Column& column) {
-    if (column.type == ColumnType::none) return;
-    if (column.type == ColumnType::u32Array) return addArray<uint32_t>(column);
-    if (column.type == ColumnType::u64Array) return addArray<uint64_t>(column);
-    const std::string_view bytes = bytes_.takeBytes(column.size);
-    if (bytes_.bad()) wrong();
-    const bool number = column.type <= ColumnType::u64;
-    texts_.push_back(
-        {column.name, number ? columnText(column, reversed(bytes)) : columnText(column, bytes)});
-  }
-
-  template <typename T>
-  void addArray(const Column& column) {
-    const auto count = bytes_.take<uint32_t>();
-    const std::string_view elements = bytes_.takeBytes(size_t{count} * sizeof(T));
-    if (bytes_.bad()) wrong();
-    std::string text = "[";
-    for (size_t i = 0; i < count; ++i) {
-      if (i > 0) text += ", ";
-      text += std::to_string(loadAt<T>(elements.data() + i * sizeof(T)));
-    }
-    texts_.push_back({column.name, text + "]"});
-  }
-
-  void addAction() {
-    const ActionLayout* action = type_.action(bytes_.take<uint32_t>());
-    if (bytes_.bad() || !action) wrong();
-    texts_.push_back({"action", action->name});
-    for (const Column& field : action->fields) add(field);
-  }
-
-  void addFlag(const char* name) {
-    texts_.push_back({name, std::to_string(bytes_.take<uint8_t>())});
-  }
-  void addNumber(const char* name) {
-    texts_.push_back({name, std::to_string(bytes_.take<uint64_t>())});
-  }
-
-  const TableType& type_;
-  Unpacker bytes_;
-  std::vector<ColumnText> texts_;
+  void action(const ActionLayout& action) { texts.push_back({"action", action.name}); }
 };
 
 }  // namespace
 
 std::vector<ColumnText> keyTexts(const TableType& type, std::string_view key) {
-  if (key.size() != type.keySize()) {
-    throw TypeError("a row's key does not have the layout of table type " + type.name());
-  }
   std::vector<ColumnText> texts;
-  for (const Column& column : type.keyColumns()) {
-    const std::string_view bytes = key.substr(0, column.size);
-    key.remove_prefix(column.size);
-    texts.push_back({column.name, column.role == ColumnRole::priority ? priorityText(bytes)
-                                                                      : columnText(column, bytes)});
-  }
-  return texts;
+  const bool fits = walkKey(type, key, [&](const Column& column, std::string_view bytes) {
+    const bool priority = column.role == ColumnRole::priority;
+    texts.push_back({column.name, priority ? decimalText(bytes) : columnText(column, bytes)});
+  });
+  if (fits) return texts;
+  throw TypeError("a row's key does not have the layout of table type " + type.name());
 }
 
 std::vector<ColumnText> valueTexts(const TableType& type, std::string_view value) {
-  return ValueTexts(type, value).all();
+  ValueTexts visitor;
+  if (walkValue(type, value, visitor)) return std::move(visitor.texts);
+  throw TypeError("a row's value does not have the layout of table type " + type.name());
 }
 
 }  // namespace Lattice

@@ -25,7 +25,7 @@ class SharedRegistry final : public TypeRegistry {
   }
 
  private:
-  mutable std::mutex mutex_;
+  mutable std::mutex mutex_;  // guards types_
   std::map<std::string, std::shared_ptr<const TableType>, std::less<>> types_;
 };
 

@@ -66,7 +66,7 @@ struct ActionLayout {
   std::vector<Column> fields;
 };
 
-// Immutable once compiled; share it freely between threads.
+// Immutable once compiled; share it freely between threads. compile() throws, nothing else does.
 class TableType {
  public:
   // Throws TypeError.
@@ -116,7 +116,7 @@ struct ColumnText {
 std::vector<ColumnText> keyTexts(const TableType& type, std::string_view key);
 std::vector<ColumnText> valueTexts(const TableType& type, std::string_view value);
 
-// Types by name. The process-wide registry holds those that Pollen has compiled.
+// Types by name. The process-wide registry holds the types that Pollen has compiled.
 class TypeRegistry {
  public:
   virtual ~TypeRegistry() = default;

@@ -98,7 +98,7 @@ class TypeCompiler {
     type_->definition_ = std::move(definition);
   }
 
-  std::shared_ptr<const TableType> compiled() {
+  std::shared_ptr<const TableType> compile() {
     Tokens tokens(type_->definition_);
     tokens_ = &tokens;
     while (!tokens.atEnd()) statement();
@@ -297,7 +297,7 @@ class TypeCompiler {
 };
 
 std::shared_ptr<const TableType> TableType::compile(std::string name, std::string definition) {
-  return TypeCompiler(std::move(name), std::move(definition)).compiled();
+  return TypeCompiler(std::move(name), std::move(definition)).compile();
 }
 
 }  // namespace Lattice

@@ -8,7 +8,7 @@
 namespace Pollen {
 namespace {
 
-bool boundAsInteger(sqlite3_stmt* statement, int number, std::string_view text) {
+bool bindAsInteger(sqlite3_stmt* statement, int number, std::string_view text) {
   const bool hex = text.starts_with("0x");
   const std::string_view digits = hex ? text.substr(2) : text;
   int64_t value = 0;
@@ -20,7 +20,7 @@ bool boundAsInteger(sqlite3_stmt* statement, int number, std::string_view text) 
   return true;
 }
 
-bool boundAsBytes(sqlite3_stmt* statement, int number, std::string_view text) {
+bool bindAsBytes(sqlite3_stmt* statement, int number, std::string_view text) {
   if (text.size() % 2 == 0 || !text.starts_with("x'") || !text.ends_with('\'')) return false;
   const std::string_view digits = text.substr(2, text.size() - 3);
   std::string bytes;
@@ -44,7 +44,7 @@ void bindParameters(sqlite3_stmt* statement, const std::map<std::string, std::st
     const auto found = name ? parameters.find(name + 1) : parameters.end();
     if (found == parameters.end()) continue;
     const std::string& text = found->second;
-    if (boundAsInteger(statement, i, text) || boundAsBytes(statement, i, text)) continue;
+    if (bindAsInteger(statement, i, text) || bindAsBytes(statement, i, text)) continue;
     sqlite3_bind_text(statement, i, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
   }
 }
@@ -52,7 +52,7 @@ void bindParameters(sqlite3_stmt* statement, const std::map<std::string, std::st
 // Counts an evaluation and the time that it takes.
 class ActiveQuery::Measured {
  public:
-  explicit Measured(ActiveQuery& query) : query_(query) { query_.database_.evaluationBegins(); }
+  explicit Measured(ActiveQuery& query) : query_(query) { query_.database_.beginEvaluation(); }
   ~Measured() {
     const auto took = std::chrono::steady_clock::now() - begin_;
     query_.microseconds_ +=
@@ -75,14 +75,14 @@ ActiveQuery::ActiveQuery(const QuerySpec& spec, std::vector<std::unique_ptr<Inpu
       database_(std::move(inputs)),
       output_(std::move(output)) {
   if (!incremental()) {
-    statements_.push_back(prepared(std::nullopt));
+    statements_.push_back(prepare(std::nullopt));
     return;
   }
-  for (size_t i = 0; i < database_.inputs().size(); ++i) statements_.push_back(prepared(i));
+  for (size_t i = 0; i < database_.inputs().size(); ++i) statements_.push_back(prepare(i));
 }
 
-SqlStatement ActiveQuery::prepared(std::optional<size_t> driver) {
-  SqlStatement statement = database_.prepared(text_, driver);
+SqlStatement ActiveQuery::prepare(std::optional<size_t> driver) {
+  SqlStatement statement = database_.prepare(text_, driver);
   bindParameters(statement.get(), parameters_);
   return statement;
 }
@@ -97,11 +97,11 @@ bool ActiveQuery::anyChange() {
                              [](const auto& input) { return input->anyChange(); });
 }
 
-// What is known of committed rows stays true without a commit.
+// Without a write there is nothing to roll back: knowledge of committed rows stays true.
 void ActiveQuery::build(size_t rows) {
   startedInCommit_ = true;
   doStep(rows);
-  if (!output_->wroteSinceCommit()) committed();
+  if (!output_->wroteSinceCommit()) finishCommit();
 }
 
 void ActiveQuery::doStep(size_t rows) {
@@ -125,7 +125,7 @@ void ActiveQuery::doStep(size_t rows) {
       phase_ = Phase::removing;
       [[fallthrough]];
     case Phase::removing:
-      if (output_->pictureEnds(rows)) return;
+      if (output_->endPicture(rows)) return;
       phase_ = Phase::built;
       [[fallthrough]];
     case Phase::built:
@@ -138,7 +138,7 @@ void ActiveQuery::doStep(size_t rows) {
 void ActiveQuery::doBegin() {
   phase_ = Phase::loading;
   reading_ = 0;
-  output_->pictureBegins();
+  output_->beginPicture();
   if (!incremental()) return;
   const auto& inputs = database_.inputs();
   order_.resize(inputs.size());
@@ -181,10 +181,10 @@ void ActiveQuery::changesAre() {
   if (phase_ == Phase::begin) return;
   if (incremental()) return evaluateChanges();
   if (phase_ != Phase::built || !anyChange()) return;
-  output_->pictureBegins();
+  output_->beginPicture();
   while (output_->loadPicture(SIZE_MAX)) continue;
   evaluateAll();
-  while (output_->pictureEnds(SIZE_MAX)) continue;
+  while (output_->endPicture(SIZE_MAX)) continue;
 }
 
 void ActiveQuery::evaluateAll() {
@@ -228,13 +228,13 @@ void ActiveQuery::run(sqlite3_stmt* statement, InputTable* driver) {
     ~Reset() { sqlite3_reset(statement); }
   } const reset{statement};
   Lattice::Row row;
-  while (database_.stepped(statement)) {
+  while (database_.step(statement)) {
     const int sign = driver ? driver->currentSign() : 1;
-    std::string trouble = rowTrouble(output_->type(), statement, &row);
-    if (!trouble.empty()) {
-      output_->badRow(std::move(trouble), sign);
-    } else {
+    const Vela::Outcome built = buildRow(output_->type(), statement, &row);
+    if (built.ok()) {
       output_->add(std::move(row), sign);
+    } else {
+      output_->badRow(built.reason(), sign);
     }
   }
 }
@@ -242,19 +242,19 @@ void ActiveQuery::run(sqlite3_stmt* statement, InputTable* driver) {
 void ActiveQuery::clear() {
   startedInCommit_ = true;
   phase_ = Phase::begin;
-  output_->pictureBegins();
+  output_->beginPicture();
   while (output_->loadPicture(SIZE_MAX)) continue;
-  while (output_->pictureEnds(SIZE_MAX)) continue;
+  while (output_->endPicture(SIZE_MAX)) continue;
 }
 
-void ActiveQuery::committed() {
+void ActiveQuery::finishCommit() {
   startedInCommit_ = false;
   indexedInCommit_.clear();
-  output_->committed();
+  output_->finishCommit();
 }
 
-bool ActiveQuery::discarded() {
-  output_->discarded();
+bool ActiveQuery::rollBack() {
+  output_->rollBack();
   for (const size_t number : indexedInCommit_) {
     InputTable& input = *database_.inputs()[number];
     std::vector<SignedRow> rows = input.signedChanges();

@@ -13,7 +13,7 @@
 
 namespace Pollen {
 
-// What a query says, checked.
+// A checked query.
 struct QuerySpec {
   std::string path;  // of the output table
   CheckedQuery checked;
@@ -28,12 +28,11 @@ struct QuerySpec {
 void bindParameters(sqlite3_stmt* statement, const std::map<std::string, std::string>& parameters);
 
 // First build() is called again and again, on turns of the reactor outside any batch; from then
-// on, changesAre() before each commit keeps the output equal to what the query means. Both throw
-// QueryError, after which only clear() makes sense, and what the store throws. Call with the
-// activity lock held.
+// on, changesAre() before each commit keeps the output up to date. Both throw QueryError, after
+// which only clear() makes sense, and Brine::StoreError. Call with the activity lock held.
 class ActiveQuery {
  public:
-  // The inputs are the ones that count (QueryMethod::read).
+  // The inputs are those in QueryMethod::read.
   ActiveQuery(const QuerySpec& spec, std::vector<std::unique_ptr<InputTable>> inputs,
               std::unique_ptr<OutputTable> output);
 
@@ -42,15 +41,16 @@ class ActiveQuery {
   bool reads(const std::string& table) const;
   bool anyChange();
 
-  // Brings the output nearer to what the committed rows give, by a step of some so many rows where
-  // the query is incremental. Changes that are committed meanwhile are taken into account.
+  // Brings the output nearer to the result over the committed rows, by a step of about `rows` rows
+  // where the query is incremental. Takes changes into account that are committed meanwhile.
   void build(size_t rows);
-  // To be called in CommitObserver::beforeCommit().
+  // To be called in CommitObserver::onBeforeCommit().
   void changesAre();
   void clear();  // removes all rows of the output
-  void committed();
-  // One that was being built, or was cleared, begins anew. Whether rows of that were lost.
-  bool discarded();
+  void finishCommit();
+  // Undoes this commit. A query that was being built, or was cleared, starts over. Returns whether
+  // rows of that work were lost.
+  bool rollBack();
 
   uint64_t evaluations() const { return evaluations_; }
   uint64_t microseconds() const { return microseconds_; }  // of all of them
@@ -59,7 +59,7 @@ class ActiveQuery {
   enum class Phase { begin, loading, reading, removing, built };
   class Measured;
   bool incremental() const { return method_ != QueryMethod::Kind::complete; }
-  SqlStatement prepared(std::optional<size_t> driver);
+  SqlStatement prepare(std::optional<size_t> driver);
   void doBegin();
   void doStep(size_t rows);
   void readSome(size_t rows);
@@ -77,7 +77,7 @@ class ActiveQuery {
   Phase phase_ = Phase::begin;
   std::vector<size_t> order_;     // of reading the inputs, the largest last
   size_t reading_ = 0;            // in order_
-  bool startedInCommit_ = false;  // began or went on building, or was cleared
+  bool startedInCommit_ = false;  // was built further, or cleared
   std::vector<size_t> indexedInCommit_;
   uint64_t evaluations_ = 0;
   uint64_t microseconds_ = 0;

@@ -1,4 +1,4 @@
-// One table that a query reads, as the query shall see it at the moment.
+// One table that a query reads, in the state that the query shall see at the moment.
 #pragma once
 
 #include <memory>
@@ -21,7 +21,8 @@ struct SignedRow {
   int sign = 1;
 };
 
-// Call with the activity lock held.
+// Call with the activity lock held. Throws Brine::StoreError where the store does; row views last
+// until the next write of the table.
 class InputTable {
  public:
   InputTable(std::string name, std::string tableName,
@@ -35,7 +36,8 @@ class InputTable {
   size_t columnCount() const { return isInteger_.size(); }
   size_t rowCount() { return watch_->rows().count(); }
 
-  // What is seen: the rows as of the last commit, or as they are; of those, the ones below a key.
+  // Sets the rows that are seen: those of the last commit, or the present ones; all, or those below
+  // a key.
   void beforeIs(bool before) { before_ = before; }
   enum class Seen { none, belowLimit, all };
   void seenIs(Seen seen, std::string limit = {});
@@ -43,8 +45,8 @@ class InputTable {
   const std::string& limit() const { return limit_; }
 
   std::optional<std::string_view> row(std::string_view key);  // valid until the next call
-  // A key and value a row that is seen and begins with `prefix`, ascending by key from `from` on
-  // (after it, if `from` is not to be had again), until enough.
+  // Key and value of each seen row whose key begins with `prefix`, ascending by key, after the key
+  // `after`; at most `most`.
   struct OwnedRow {
     std::string key;
     std::string value;
@@ -60,7 +62,7 @@ class InputTable {
   // The committed rows from the limit on, at most so many; they are not seen yet.
   void unseenRows(size_t most, std::vector<OwnedRow>* rows);
 
-  // What a delta statement runs over in place of the table.
+  // The rows that a delta statement runs over in place of the table.
   void driverRowsAre(std::span<const SignedRow> rows) { driverRows_ = rows; }
   std::span<const SignedRow> driverRows() const { return driverRows_; }
   void currentSignIs(int sign) { currentSign_ = sign; }
@@ -70,7 +72,7 @@ class InputTable {
   size_t indexNumber(const std::vector<size_t>& columns);
   SecondaryIndex& index(size_t number) { return *indexes_[number].index; }
   bool indexReady(size_t number) const { return indexes_[number].kept || indexes_[number].filled; }
-  // A kept index follows the rows; another one is filled when it is first used, with what is seen
+  // A kept index follows the rows. Another index is filled at its first use, with the rows seen
   // then, and emptied by dropUnkept().
   void keepIndex(size_t number) { indexes_[number].kept = true; }
   bool keepsIndexes() const;

@@ -10,7 +10,7 @@ namespace {
 constexpr size_t firstFetch = 16;
 constexpr size_t largestFetch = 1024;
 
-// No exception passes through SQLite: it is kept, and thrown again by QueryDatabase::stepped().
+// No exception passes through SQLite: it is kept, and thrown again by QueryDatabase::step().
 template <typename Body>
 int guarded(std::exception_ptr& thrown, Body body) {
   try {
@@ -252,7 +252,7 @@ int openCursor(sqlite3_vtab* vtab, sqlite3_vtab_cursor** cursor) {
       *cursor = new InputCursor(table);
       return;
     }
-    table.spare.back()->reopened();
+    table.spare.back()->reopen();
     *cursor = table.spare.back().release();
     table.spare.pop_back();
   });

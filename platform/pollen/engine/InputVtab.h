@@ -1,4 +1,4 @@
-// What SQLite calls to read an input.
+// The callbacks by which SQLite reads an input.
 #pragma once
 
 #include <sqlite3.h>
@@ -39,7 +39,7 @@ struct InputVtab : sqlite3_vtab {
 struct InputCursor : sqlite3_vtab_cursor {
   explicit InputCursor(InputVtab& table);
 
-  void reopened() { filters_ = 0; }
+  void reopen() { filters_ = 0; }
   void filter(int plan, int argc, sqlite3_value** argv);
   void next();
   bool atEnd() const { return atEnd_; }

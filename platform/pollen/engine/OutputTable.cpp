@@ -64,7 +64,7 @@ void OutputTable::apply() {
   gathered_.clear();
 }
 
-// What comes and goes of each value, without those of which as many come as go.
+// Net count per value; values that cancel out are dropped.
 OutputTable::Values OutputTable::netValues(Group group) const {
   Values net;
   for (size_t i = group.first; i < group.second; ++i) {
@@ -97,8 +97,7 @@ void OutputTable::applyGroup(Group group) {
   if (!stood || values.front().value != former) write(key, &values.front().value);
 }
 
-// The values that result rows of the key have. A stored row that a picture has not confirmed yet
-// has none.
+// The values of the key's result rows. Empty for a stored row that a picture has not confirmed yet.
 OutputTable::Values OutputTable::known(const std::string& key, bool* confirmed) {
   *confirmed = !unconfirmed_.contains(key);
   if (const auto found = state_.several.find(key); found != state_.several.end()) {
@@ -158,7 +157,7 @@ void OutputTable::write(const std::string& key, const std::string* value) {
   if (sequence != 0 && changed_) changed_(handle, key, sequence, !value);
 }
 
-void OutputTable::pictureBegins() {
+void OutputTable::beginPicture() {
   gathered_.clear();
   unconfirmed_.clear();
   unconfirmed_.insert(fresh_.begin(), fresh_.end());
@@ -181,7 +180,7 @@ bool OutputTable::loadPicture(size_t most) {
   return loaded >= most;
 }
 
-bool OutputTable::pictureEnds(size_t most) {
+bool OutputTable::endPicture(size_t most) {
   for (; most > 0 && !unconfirmed_.empty(); --most) {
     const auto node = unconfirmed_.extract(unconfirmed_.begin());
     write(node.value(), nullptr);
@@ -190,7 +189,7 @@ bool OutputTable::pictureEnds(size_t most) {
   return picturing_;
 }
 
-void OutputTable::committed() {
+void OutputTable::finishCommit() {
   former_.reset();
   severalBefore_.clear();
   badRowsAdded_.clear();
@@ -198,7 +197,7 @@ void OutputTable::committed() {
   wrote_ = false;
 }
 
-void OutputTable::discarded() {
+void OutputTable::rollBack() {
   gathered_.clear();
   unconfirmed_.clear();
   if (former_) {
@@ -209,7 +208,7 @@ void OutputTable::discarded() {
     }
     for (const auto& [trouble, count] : badRowsAdded_) addBadRow(trouble, -count);
   }
-  committed();
+  finishCommit();
 }
 
 std::string OutputTable::trouble() const {

@@ -25,9 +25,10 @@ inline bool isDerivedHandle(uint64_t handle) { return handle >> 62 == 1; }
 using DerivedRowHandler =
     std::function<void(uint64_t handle, std::string_view key, uint64_t sequence, bool deleted)>;
 
-// Result rows are counted: a row stands as long as one result row gives it. Of rows that have the
-// same key but differ in their values, the one with the smallest value bytes stands. Keys with one
-// result row cost no memory here. Call with the activity lock held.
+// Result rows are counted: a row stands as long as one result row gives it. Of rows with the same
+// key and different values, the one with the smallest value bytes stands. Keys with one result row
+// cost no memory here. Call with the activity lock held. Database and handler outlive it; functions
+// that write throw Brine::StoreError.
 class OutputTable {
  public:
   OutputTable(Lattice::Database& database, Vela::Ptr<Lattice::ArTableInterface> table,
@@ -37,28 +38,28 @@ class OutputTable {
   bool ready() const { return table_->ready(); }
   size_t rowCount() const { return table_->rowCount(); }
 
-  // A result row comes (count 1) or goes (-1); a bad one is none, but `trouble` tells of it.
+  // A result row comes (count 1) or goes (-1). A bad row only shows in trouble().
   void add(Lattice::Row row, int count) { gathered_.push_back({std::move(row), count}); }
   void badRow(std::string trouble, int count);
-  // Writes what follows from the rows added since.
+  // Writes the changes that follow from the rows added since.
   void apply();
   void forget() { gathered_.clear(); }  // the rows added since the last apply()
 
-  // A complete picture takes the place of what is known: the rows that stood there, and that no
-  // row added before pictureEnds() confirms, go. loadPicture() and pictureEnds() take steps of at
-  // most so many rows, and answer whether there is more to do.
-  void pictureBegins();
+  // A complete picture replaces the known rows: rows that stood before, and that no row added
+  // before endPicture() confirms, are deleted. loadPicture() and endPicture() take steps of at most
+  // so many rows, and return whether there is more to do.
+  void beginPicture();
   bool loadPicture(size_t most);
-  bool pictureEnds(size_t most);
+  bool endPicture(size_t most);
 
-  // The commit that takes what was written since the last one has succeeded or failed.
-  void committed();
-  void discarded();
+  // Call when the commit of the writes since the last one has succeeded, or failed.
+  void finishCommit();
+  void rollBack();
   bool wroteSinceCommit() const { return wrote_; }
 
-  // Whether a row went that never came; a complete picture mends it.
+  // Whether a row that never came was to go; a complete picture mends that.
   bool inconsistent() const { return inconsistent_; }
-  // What keeps results from being rows, one a line; empty: nothing.
+  // Why results cannot be rows, a reason a line; empty when all can.
   std::string trouble() const;
 
  private:
@@ -73,8 +74,8 @@ class OutputTable {
   using Values = std::vector<Counted>;  // ascending by value
   struct State {
     std::unordered_map<std::string, Values> several;  // keys with other than one result row
-    std::set<std::string> conflicts;                  // those with different values
-    std::map<std::string, int64_t> badRows;           // the first ones of them
+    std::set<std::string> conflicts;                  // keys with different values
+    std::map<std::string, int64_t> badRows;           // the first ones
     int64_t badRowCount = 0;
   };
   using Group = std::pair<size_t, size_t>;  // of gathered_, of one key

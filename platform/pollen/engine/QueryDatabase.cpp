@@ -58,7 +58,7 @@ void QueryDatabase::fail() {
   throw QueryError(sqlite3_errmsg(database_.get()));
 }
 
-SqlStatement QueryDatabase::prepared(const std::string& text, std::optional<size_t> driver) {
+SqlStatement QueryDatabase::prepare(const std::string& text, std::optional<size_t> driver) {
   driver_ = driver;
   if (driver) keepIndexesOf(text);
   sqlite3_stmt* raw = nullptr;
@@ -69,15 +69,14 @@ SqlStatement QueryDatabase::prepared(const std::string& text, std::optional<size
   return statement;
 }
 
-// "SCAN r VIRTUAL TABLE INDEX 5:2": what bestIndex() answered of the plans that SQLite asked for,
-// for those that it chose.
+// "SCAN r VIRTUAL TABLE INDEX 5:2": the answer of bestIndex() for a plan that SQLite chose.
 void QueryDatabase::keepIndexesOf(const std::string& text) {
   constexpr std::string_view mark = "VIRTUAL TABLE INDEX ";
   sqlite3_stmt* raw = nullptr;
   const std::string explain = "EXPLAIN QUERY PLAN " + text;
   if (sqlite3_prepare_v2(database_.get(), explain.c_str(), -1, &raw, nullptr) != SQLITE_OK) fail();
   const SqlStatement statement(raw);
-  while (stepped(raw)) {
+  while (step(raw)) {
     const auto* detail = reinterpret_cast<const char*>(sqlite3_column_text(raw, 3));
     const std::string line = detail ? detail : "";
     const size_t at = line.find(mark);
@@ -90,7 +89,7 @@ void QueryDatabase::keepIndexesOf(const std::string& text) {
   }
 }
 
-bool QueryDatabase::stepped(sqlite3_stmt* statement) {
+bool QueryDatabase::step(sqlite3_stmt* statement) {
   const int result = sqlite3_step(statement);
   if (result == SQLITE_ROW) return true;
   if (result == SQLITE_DONE) return false;

@@ -13,7 +13,7 @@
 
 namespace Pollen {
 
-// SQLite's words on why a query cannot be evaluated.
+// A query cannot be evaluated; the message is SQLite's.
 class QueryError : public std::runtime_error {
  public:
   explicit QueryError(const std::string& words, bool hopeless = false)
@@ -35,10 +35,10 @@ class QueryDatabase {
   // A statement that reads input number `driver` from its driverRows(), in the outermost loop; the
   // indexes that it uses of the others are kept from now on. Without a driver it reads all inputs
   // as they are seen. Throws QueryError.
-  SqlStatement prepared(const std::string& text, std::optional<size_t> driver);
-  // Whether there is a row. Throws QueryError, or what reading rows threw.
-  bool stepped(sqlite3_stmt* statement);
-  void evaluationBegins() { operations_ = 0; }  // whose operations are bounded in number
+  SqlStatement prepare(const std::string& text, std::optional<size_t> driver);
+  // Advances to the next row; false at the end. Throws QueryError, and exceptions of reading rows.
+  bool step(sqlite3_stmt* statement);
+  void beginEvaluation() { operations_ = 0; }  // bounds the operations from now on
 
  private:
   friend struct InputVtab;

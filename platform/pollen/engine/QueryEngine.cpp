@@ -11,7 +11,7 @@ static Scrivel::TraceHandle trace("QueryEngine");
 namespace Pollen {
 namespace {
 
-// Some 20 ms a step, so that whoever else needs the reactor is not kept waiting.
+// Some 20 ms a step, so that the reactor's other work is not kept waiting.
 constexpr size_t rowsAStep = 4000;
 
 }  // namespace
@@ -46,7 +46,7 @@ void QueryEngine::queryIs(QuerySpec spec, Vela::Ptr<Lattice::ArTableInterface> o
   Query& query = *queries_.back();
   query.spec = std::move(spec);
   query.output = std::move(output);
-  if (database_.inBatch()) return;  // batchEnded() goes on
+  if (database_.inBatch()) return;  // onBatchEnded() goes on
   stepGuarded(query);
   if (query.state == State::building) schedule();
 }
@@ -120,7 +120,7 @@ void QueryEngine::stepGuarded(Query& query) try {
   stateIs(query, State::failed, error.what());
 }
 
-// Rows of a query that means nothing would be wrong ones.
+// Rows of a failed query would be wrong.
 void QueryEngine::doFail(Query& query, const std::string& reason, bool hopeless) {
   SCRIVEL_TRACE(0, "query failed: ", query.spec.path, " ", reason);
   query.hopeless = hopeless || !query.active;
@@ -136,7 +136,7 @@ void QueryEngine::schedule() {
 // One step of one query a turn.
 void QueryEngine::handleTurn() {
   scheduled_ = false;
-  if (database_.inBatch()) return;  // batchEnded() goes on
+  if (database_.inBatch()) return;  // onBatchEnded() goes on
   const auto building = [](const auto& query) { return query->state == State::building; };
   const auto next = std::ranges::find_if(queries_, building);
   if (next == queries_.end()) return;
@@ -144,12 +144,12 @@ void QueryEngine::handleTurn() {
   if (std::ranges::any_of(queries_, building)) schedule();
 }
 
-void QueryEngine::batchEnded() {
+void QueryEngine::onBatchEnded() {
   const auto building = [](const auto& query) { return query->state == State::building; };
   if (std::ranges::any_of(queries_, building)) schedule();
 }
 
-void QueryEngine::beforeCommit() {
+void QueryEngine::onBeforeCommit() {
   for (const auto& query : queries_) {
     if (query->active && !query->finished) update(*query);
   }
@@ -172,29 +172,29 @@ void QueryEngine::update(Query& query) try {
   doFail(query, error.what(), error.hopeless);
 }
 
-void QueryEngine::committed() {
+void QueryEngine::onCommitted() {
   for (const auto& query : queries_) {
     if (!query->active) continue;
-    query->active->committed();
+    query->active->finishCommit();
     if (!query->finished) continue;
     query->last = progress(query->spec.path);
     query->active.reset();
   }
 }
 
-// What was built or failed in this commit starts anew, but not before there is a chance that it
-// goes better: batchEnded(), or the next change.
-void QueryEngine::discarded() {
+// A query that was built or failed in this commit starts over, but not before a second attempt may
+// succeed: at onBatchEnded(), or at the next change.
+void QueryEngine::onDiscarded() {
   for (const auto& query : queries_) {
     if (!query->active) continue;
-    const bool lost = query->active->discarded();
+    const bool lost = query->active->rollBack();
     if (query->active->built() || query->state == State::failed) continue;
     query->finished = false;
     if (lost) stateIs(*query, State::failed, "its rows could not be stored");
   }
 }
 
-void QueryEngine::watchedTableGone(const std::string& name) {
+void QueryEngine::onWatchedTableGone(const std::string& name) {
   for (const auto& query : queries_) {
     const bool reads = query->active && query->active->reads(name) && !query->finished;
     if (!reads) continue;

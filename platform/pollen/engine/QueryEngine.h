@@ -33,9 +33,9 @@ struct QueryProgress {
 };
 
 // Call with the activity lock held. Rows of inputs and outputs are in the same commits. Queries are
-// brought up to date in the order in which they came, so that one which reads another's output
-// comes after it. Building a query takes turns of the reactor, with commits between them. One that
-// failed at some rows is tried again when its inputs change.
+// brought up to date in the order of their queryIs(), so that a query comes after those whose
+// output it reads. Building a query takes turns of the reactor, with commits between them. A query
+// that failed at some rows is tried again when its inputs change.
 class QueryEngine final : public Lattice::CommitObserver {
  public:
   // Loop and database outlive it.
@@ -49,8 +49,8 @@ class QueryEngine final : public Lattice::CommitObserver {
   // Told of every derived row that is written.
   void derivedRowHandlerIs(DerivedRowHandler handler) { derivedRowHandler_ = std::move(handler); }
 
-  // Begins; small tables are done when it returns. A former query with that path goes. The output
-  // table's rows of before are taken over as far as the query gives them, too.
+  // Starts a query; small tables are done when it returns. Replaces a former query with that path,
+  // and takes over those rows of the output table that the new query gives, too.
   void queryIs(QuerySpec spec, Vela::Ptr<Lattice::ArTableInterface> output);
   void queryDel(const std::string& path);  // the rows stay
   QueryProgress progress(const std::string& path) const;
@@ -60,11 +60,11 @@ class QueryEngine final : public Lattice::CommitObserver {
   // there is no such row. Walks all outputs.
   std::vector<std::string> rowTexts(std::span<const uint64_t> handles);
 
-  void beforeCommit() override;
-  void committed() override;
-  void discarded() override;
-  void batchEnded() override;
-  void watchedTableGone(const std::string& name) override;
+  void onBeforeCommit() override;
+  void onCommitted() override;
+  void onDiscarded() override;
+  void onBatchEnded() override;
+  void onWatchedTableGone(const std::string& name) override;
 
  private:
   struct Query {

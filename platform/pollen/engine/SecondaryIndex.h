@@ -13,8 +13,8 @@
 namespace Pollen {
 
 // Keeps, for each row, a hash of the columns' values and the row's key, ascending: some 25 bytes
-// beyond the key. Whoever looks rows up compares the values once more. All keys are of one size.
-// Not thread-safe.
+// beyond the key. Callers compare the values of the rows they find once more. All keys are of one
+// size. Not thread-safe.
 class SecondaryIndex {
  public:
   SecondaryIndex(std::vector<size_t> columns, size_t keySize);

@@ -1,4 +1,4 @@
-// What became of the queries.
+// The states of the queries.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What the type service is asked to compile: table types by name.
+// The table types, by name, that the type service shall compile.
 #pragma once
 
 #include <string>

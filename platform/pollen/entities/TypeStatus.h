@@ -1,4 +1,4 @@
-// What became of the types that the type service was asked to compile.
+// The states of the types that the type service compiles.
 #pragma once
 
 #include <string>

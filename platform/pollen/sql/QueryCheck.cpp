@@ -10,10 +10,11 @@ namespace Pollen {
 namespace {
 
 using Lattice::TableType;
+using Vela::Outcome;
 
 constexpr const char* onlySelect = "only one SELECT statement is allowed";
 
-// What they answer depends on more than their arguments.
+// Their results depend on more than their arguments.
 const std::set<std::string_view> notOfTheTables = {
     "changes",        "current_date",  "current_time", "current_timestamp",
     "date",           "datetime",      "julianday",    "last_insert_rowid",
@@ -49,59 +50,61 @@ bool hasMore(sqlite3* database, const char* tail) {
   return false;
 }
 
-std::string parameterTrouble(sqlite3_stmt* statement, const CheckedQuery& query) {
+Outcome checkParameters(sqlite3_stmt* statement, const CheckedQuery& query) {
   for (int i = 1; i <= sqlite3_bind_parameter_count(statement); ++i) {
     const char* name = sqlite3_bind_parameter_name(statement, i);
-    if (!name || *name == '?') return "parameters are named, such as :name, not numbered";
+    if (!name || *name == '?')
+      return Outcome::failure("parameters are named, such as :name, not numbered");
     const auto& known = query.parameters;
     if (std::find(known.begin(), known.end(), name + 1) == known.end()) {
-      return std::string("parameter ") + name + " has no value";
+      return Outcome::failure(std::string("parameter ") + name + " has no value");
     }
   }
   return {};
 }
 
-std::string resultTrouble(sqlite3_stmt* statement, const TableType& output) {
+Outcome checkResult(sqlite3_stmt* statement, const TableType& output) {
   const auto columns = sqlColumns(output);
   const int count = sqlite3_column_count(statement);
   if (static_cast<size_t>(count) != columns.size()) {
-    return "the query gives " + std::to_string(count) + " columns, but type " + output.name() +
-           " has " + std::to_string(columns.size());
+    return Outcome::failure("the query gives " + std::to_string(count) + " columns, but type " +
+                            output.name() + " has " + std::to_string(columns.size()));
   }
   for (int i = 0; i < count; ++i) {
     const char* name = sqlite3_column_name(statement, i);
     if (name && columns[i].name == name) continue;
-    return "column " + std::to_string(i + 1) + " of the query is " + (name ? name : "unnamed") +
-           ", but that of type " + output.name() + " is " + columns[i].name;
+    return Outcome::failure("column " + std::to_string(i + 1) + " of the query is " +
+                            (name ? name : "unnamed") + ", but that of type " + output.name() +
+                            " is " + columns[i].name);
   }
   return {};
 }
 
-std::string statementTrouble(sqlite3* database, const CheckedQuery& query) {
+Outcome checkStatement(sqlite3* database, const CheckedQuery& query) {
   sqlite3_stmt* raw = nullptr;
   const char* tail = nullptr;
   const int result = sqlite3_prepare_v2(database, query.text.c_str(), -1, &raw, &tail);
   const SqlStatement statement(raw);
   if (result != SQLITE_OK) {
     const std::string trouble = sqlite3_errmsg(database);
-    return trouble == "not authorized" ? onlySelect
-                                       : trouble;  // of a table or function, it says so
+    // Where a table or function is to blame, the text says so.
+    return Outcome::failure(trouble == "not authorized" ? onlySelect : trouble);
   }
-  if (!statement) return "the query is empty";
+  if (!statement) return Outcome::failure("the query is empty");
   if (!sqlite3_stmt_readonly(raw) || sqlite3_stmt_isexplain(raw) || hasMore(database, tail)) {
-    return onlySelect;
+    return Outcome::failure(onlySelect);
   }
-  const std::string trouble = parameterTrouble(raw, query);
-  return trouble.empty() ? resultTrouble(raw, *query.output) : trouble;
+  Outcome parameters = checkParameters(raw, query);
+  return parameters.ok() ? checkResult(raw, *query.output) : parameters;
 }
 
-// Tables of the inputs' columns, without rows. Empty, or why there cannot be one.
-std::string tablesTrouble(sqlite3* database, const CheckedQuery& query) {
+// Creates tables of the inputs' columns, without rows.
+Outcome createTables(sqlite3* database, const CheckedQuery& query) {
   sqlite3_exec(database, "PRAGMA automatic_index = OFF", nullptr, nullptr, nullptr);
   for (const auto& [name, type] : query.inputs) {
     const std::string create = "CREATE TABLE " + quotedName(name) + " (" + columnList(*type) + ")";
     if (sqlite3_exec(database, create.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
-      return "input table " + name + ": " + sqlite3_errmsg(database);
+      return Outcome::failure("input table " + name + ": " + sqlite3_errmsg(database));
     }
   }
   return {};
@@ -127,8 +130,8 @@ std::map<int, std::string> inputsByPage(sqlite3* database) {
   return inputs;
 }
 
-// What nested loops over tables and expressions are made of. An operation that is not here, of this
-// or a later SQLite, means that a result row may come from more than one row of a table.
+// The operations of nested loops over tables, and of expressions. Any other operation, of this or a
+// later SQLite, means that a result row may come from more than one row of a table.
 const std::set<std::string_view> loopOperations = {
     "Init",     "Transaction", "Goto",      "Halt",       "OpenRead",   "Rewind",   "Next",
     "Column",   "ResultRow",   "Integer",   "Int64",      "Real",       "String8",  "String",
@@ -208,17 +211,17 @@ class ProgramView {
 
 void allowReadingOnly(sqlite3* database) { sqlite3_set_authorizer(database, authorize, nullptr); }
 
-std::string queryTrouble(const CheckedQuery& query) {
+Vela::Outcome checkQuery(const CheckedQuery& query) {
   const SqlDatabase database = emptyDatabase();
-  if (!database) return "SQLite cannot be started";
-  if (std::string trouble = tablesTrouble(database.get(), query); !trouble.empty()) return trouble;
+  if (!database) return Outcome::failure("SQLite cannot be started");
+  if (Outcome tables = createTables(database.get(), query); !tables.ok()) return tables;
   allowReadingOnly(database.get());
-  return statementTrouble(database.get(), query);
+  return checkStatement(database.get(), query);
 }
 
 QueryMethod queryMethod(const CheckedQuery& query) {
   const SqlDatabase database = emptyDatabase();
-  if (!database || !tablesTrouble(database.get(), query).empty()) return {};
+  if (!database || !createTables(database.get(), query).ok()) return {};
   ProgramView program(query, inputsByPage(database.get()));
   sqlite3_stmt* raw = nullptr;
   const std::string text = "EXPLAIN " + query.text;

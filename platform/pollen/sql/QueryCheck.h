@@ -8,6 +8,7 @@
 
 #include "platform/lattice/types/TableType.h"
 #include "platform/pollen/sql/SqlRow.h"
+#include "platform/vela/Outcome.h"
 
 struct sqlite3;
 
@@ -20,10 +21,10 @@ struct CheckedQuery {
   std::shared_ptr<const Lattice::TableType> output;
 };
 
-// Empty when the text is one SELECT over the inputs whose result has the output type's columns, by
-// number and name, and follows from the inputs alone; else why not, in SQLite's words where they
-// are its.
-std::string queryTrouble(const CheckedQuery& query);
+// Succeeds when the text is one SELECT over the inputs whose result has the output type's columns,
+// by number and name, and follows from the inputs alone. Reasons are in SQLite's words where it
+// finds the fault.
+Vela::Outcome checkQuery(const CheckedQuery& query);
 
 struct QueryMethod {
   enum class Kind {
@@ -36,13 +37,13 @@ struct QueryMethod {
   std::vector<std::string> read;  // the inputs that count; for complete all of them
 };
 
-// Of a query without trouble. Told from the program that SQLite makes of it: anything there but
+// Of a query that passes checkQuery(). Told from the program that SQLite makes of it: anything but
 // nested loops over tables, and expressions, is `complete`.
 QueryMethod queryMethod(const CheckedQuery& query);
 // "incremental: one input", "incremental: join", "complete evaluation: it aggregates"
 std::string methodText(const QueryMethod& method);
 
-// Denies what is no reading of tables, and functions whose results differ from call to call.
+// Denies everything but reading tables, and functions whose results differ from call to call.
 void allowReadingOnly(sqlite3* database);
 
 }  // namespace Pollen

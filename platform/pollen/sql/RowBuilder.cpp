@@ -5,6 +5,7 @@
 
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/types/IpGenPrefix.h"
+#include "platform/lattice/types/RowWalk.h"
 #include "platform/pollen/sql/SqlRow.h"
 
 namespace Pollen {
@@ -52,26 +53,32 @@ const char* sqlTypeName(int type) {
   }
 }
 
-std::string prefixTrouble(std::string_view bytes) {
+Vela::Outcome checkPrefix(std::string_view bytes) {
+  using Vela::Outcome;
   Lattice::IpGenPrefix prefix;
   std::memcpy(&prefix, bytes.data(), sizeof prefix);
   const bool v4 = prefix.family == Lattice::IpGenPrefix::ipv4;
   if (!v4 && prefix.family != Lattice::IpGenPrefix::ipv6)
-    return "is no prefix: its family is unknown";
-  if (prefix.length > (v4 ? 32 : 128)) return "is no prefix: its length is above its family's";
+    return Outcome::failure("is no prefix: its family is unknown");
+  if (prefix.length > (v4 ? 32 : 128)) {
+    return Outcome::failure("is no prefix: its length is above its family's");
+  }
   for (size_t bit = prefix.length; bit < 128; ++bit) {
-    if (prefix.address[bit / 8] >> (7 - bit % 8) & 1) return "is no prefix: bits below it are set";
+    if (prefix.address[bit / 8] >> (7 - bit % 8) & 1) {
+      return Outcome::failure("is no prefix: bits below it are set");
+    }
   }
   const auto isZero = [](uint8_t byte) { return byte == 0; };
-  return std::ranges::all_of(prefix.padding, isZero) ? "" : "is no prefix: its padding is not zero";
+  if (std::ranges::all_of(prefix.padding, isZero)) return {};
+  return Outcome::failure("is no prefix: its padding is not zero");
 }
 
-// Puts the columns of a result one by one behind each other.
+// Appends the columns of a result to a row, one after the other.
 class RowBuilder {
  public:
   RowBuilder(const TableType& type, sqlite3_stmt* result) : type_(type), result_(result) {}
 
-  std::string run(Lattice::Row* row) {
+  Vela::Outcome run(Lattice::Row* row) {
     row->key.clear();
     row->value.clear();
     row->key.reserve(type_.keySize());
@@ -81,7 +88,8 @@ class RowBuilder {
     to_ = &row->value;
     inKey_ = false;
     for (const auto& part : type_.valueParts()) addPart(part);
-    return trouble_.empty() ? "" : "row " + rowName() + ": " + trouble_;
+    if (trouble_.empty()) return {};
+    return Vela::Outcome::failure("row " + rowName() + ": " + trouble_);
   }
 
  private:
@@ -101,20 +109,8 @@ class RowBuilder {
   }
 
   void addPart(const TableType::ValuePart& part) {
-    switch (part.part) {
-      case TableType::Part::column:
-        return add(part.column);
-      case TableType::Part::action:
-        return addAction();
-      case TableType::Part::meter:
-        return addNumbers(4);
-      case TableType::Part::counter:
-        return addNumbers(2);
-    }
-  }
-  void addNumbers(int numbers) {
-    addInteger(1);
-    for (int i = 0; i < numbers; ++i) addInteger(8);
+    if (part.part == TableType::Part::action) return addAction();
+    for (const Column& column : Lattice::fixedColumns(part)) add(column);
   }
   // The columns of the other actions' fields do not count.
   void addAction() {
@@ -144,7 +140,8 @@ class RowBuilder {
       wrong("has " + std::to_string(size) + " bytes, not " + std::to_string(column.size));
     } else {
       if (column.type == ColumnType::ipGenPrefix) {
-        if (const std::string why = prefixTrouble({bytes, size}); !why.empty()) wrong(why);
+        const Vela::Outcome sound = checkPrefix({bytes, size});
+        if (!sound.ok()) wrong(sound.reason());
       }
       to_->append(bytes, size);
     }
@@ -185,7 +182,7 @@ class RowBuilder {
 
 }  // namespace
 
-std::string rowTrouble(const TableType& type, sqlite3_stmt* result, Lattice::Row* row) {
+Vela::Outcome buildRow(const TableType& type, sqlite3_stmt* result, Lattice::Row* row) {
   return RowBuilder(type, result).run(row);
 }
 

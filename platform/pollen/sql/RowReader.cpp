@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "platform/lattice/records/Packing.h"
+#include "platform/lattice/types/RowWalk.h"
 #include "platform/pollen/sql/SqlRow.h"
 
 namespace Pollen {
@@ -12,53 +12,29 @@ using Lattice::Column;
 using Lattice::ColumnType;
 using Lattice::TableType;
 
-// Fills the cells of a value, front to back.
-class RowReader::Taker {
+// Fills the cells of a value. Those of the actions that the row does not have stay absent.
+class RowReader::Filler {
  public:
-  Taker(std::string_view bytes, std::vector<Cell>& cells, size_t at)
-      : bytes_(bytes), cells_(cells), at_(at) {}
+  explicit Filler(RowReader& reader) : reader_(reader), at_(reader.keyCells_) {}
 
-  void take(const Column& column) {
-    if (column.type != ColumnType::none) fill(at_++, column);
-  }
-  void takeNumbers(size_t numbers) {
-    put(at_++, bytes_.takeBytes(1));
-    for (size_t i = 0; i < numbers; ++i) put(at_++, bytes_.takeBytes(8));
-  }
-  // The cells of the other actions stay absent.
-  void takeAction(const TableType& type, const std::vector<ActionCells>& actions) {
-    const std::string_view id = bytes_.takeBytes(4);
-    put(at_++, id);
-    const size_t end = at_;
-    const auto* chosen = bytes_.bad() ? nullptr : type.action(Lattice::loadAt<uint32_t>(id.data()));
-    size_t after = end;
-    for (const ActionCells& one : actions) {
-      size_t cell = one.first;
-      for (const Column& field : one.action->fields) {
-        if (field.type == ColumnType::none) continue;
-        if (one.action == chosen) fill(cell, field);
-        ++cell;
-      }
-      after = std::max(after, cell);
+  void column(const TableType::ValuePart& part, const Column&, std::string_view bytes) {
+    if (inAction_ && part.part != TableType::Part::action) {
+      inAction_ = false;
+      at_ = reader_.behindActions_;
     }
-    at_ = after;
+    Cell& cell = reader_.cells_[at_++];
+    cell.present = true;
+    cell.bytes = bytes;
+  }
+  void action(const Lattice::ActionLayout& action) {
+    inAction_ = true;
+    at_ = reader_.actionCells_.at(&action);
   }
 
  private:
-  void fill(size_t cell, const Column& column) {
-    size_t size = column.size;
-    if (column.type == ColumnType::u32Array) size = size_t{bytes_.take<uint32_t>()} * 4;
-    if (column.type == ColumnType::u64Array) size = size_t{bytes_.take<uint32_t>()} * 8;
-    put(cell, bytes_.takeBytes(size));
-  }
-  void put(size_t cell, std::string_view bytes) {
-    cells_[cell].present = !bytes_.bad();
-    cells_[cell].bytes = bytes;
-  }
-
-  Lattice::Unpacker bytes_;
-  std::vector<Cell>& cells_;
+  RowReader& reader_;
   size_t at_;
+  bool inAction_ = false;
 };
 
 namespace {
@@ -79,41 +55,29 @@ RowReader::RowReader(std::shared_ptr<const TableType> type) : type_(std::move(ty
   addCells(type_->keyColumns());
   keyCells_ = cells_.size();
   for (const auto& part : type_->valueParts()) {
-    switch (part.part) {
-      case TableType::Part::column:
-        addCells({part.column});
-        break;
-      case TableType::Part::action:
-        cells_.push_back({ColumnType::u32});
-        for (const auto& action : type_->actions()) {
-          actions_.push_back({&action, cells_.size()});
-          addCells(action.fields);
-        }
-        break;
-      case TableType::Part::meter:
-      case TableType::Part::counter:
-        cells_.push_back({ColumnType::u8});
-        cells_.resize(cells_.size() + (part.part == TableType::Part::meter ? 4 : 2),
-                      {ColumnType::u64});
-        break;
+    for (const Column& column : Lattice::fixedColumns(part)) addCell(column);
+    if (part.part != TableType::Part::action) continue;
+    for (const auto& action : type_->actions()) {
+      actionCells_[&action] = cells_.size();
+      addCells(action.fields);
     }
+    behindActions_ = cells_.size();
   }
 }
 
+void RowReader::addCell(const Column& column) {
+  if (column.type != ColumnType::none) cells_.push_back({column.type});
+}
+
 void RowReader::addCells(const std::vector<Column>& columns) {
-  for (const Column& column : columns) {
-    if (column.type != ColumnType::none) cells_.push_back({column.type});
-  }
+  for (const Column& column : columns) addCell(column);
 }
 
 void RowReader::rowIs(std::string_view key, std::string_view value) {
   size_t cell = 0;
-  Lattice::Unpacker bytes(key);
-  for (const Column& column : type_->keyColumns()) {
-    if (column.type == ColumnType::none) continue;
-    cells_[cell].bytes = bytes.takeBytes(column.size);
-    cells_[cell++].present = !bytes.bad();
-  }
+  const bool fits = Lattice::walkKey(
+      *type_, key, [&](const Column&, std::string_view bytes) { cells_[cell++].bytes = bytes; });
+  for (size_t i = 0; i < keyCells_; ++i) cells_[i].present = fits;
   valueBytes_ = value;
   valueTaken_ = false;
 }
@@ -121,23 +85,7 @@ void RowReader::rowIs(std::string_view key, std::string_view value) {
 void RowReader::takeValue() {
   valueTaken_ = true;
   for (size_t i = keyCells_; i < cells_.size(); ++i) cells_[i].present = false;
-  Taker taker(valueBytes_, cells_, keyCells_);
-  for (const auto& part : type_->valueParts()) {
-    switch (part.part) {
-      case TableType::Part::column:
-        taker.take(part.column);
-        break;
-      case TableType::Part::action:
-        taker.takeAction(*type_, actions_);
-        break;
-      case TableType::Part::meter:
-        taker.takeNumbers(4);
-        break;
-      case TableType::Part::counter:
-        taker.takeNumbers(2);
-        break;
-    }
-  }
+  Lattice::walkValue(*type_, valueBytes_, Filler(*this));
 }
 
 SqlValue RowReader::value(size_t column) {

@@ -1,6 +1,7 @@
 // The columns that queries see.
 #include <algorithm>
 
+#include "platform/lattice/types/RowWalk.h"
 #include "platform/pollen/sql/SqlRow.h"
 
 namespace Pollen {
@@ -15,11 +16,6 @@ const char* sqlType(ColumnType type) { return type <= ColumnType::u64 ? "INTEGER
 void add(std::string name, const char* type, std::vector<SqlColumn>* columns) {
   std::replace(name.begin(), name.end(), '.', '_');
   columns->push_back({std::move(name), type});
-}
-
-void addAll(const std::string& part, std::initializer_list<const char*> names,
-            std::vector<SqlColumn>* columns) {
-  for (const char* name : names) add(part + "_" + name, "INTEGER", columns);
 }
 
 void addActions(const TableType& type, std::vector<SqlColumn>* columns) {
@@ -40,21 +36,15 @@ std::vector<SqlColumn> sqlColumns(const TableType& type) {
     if (column.type != ColumnType::none) add(column.name, sqlType(column.type), &columns);
   }
   for (const auto& part : type.valueParts()) {
-    switch (part.part) {
-      case TableType::Part::column:
-        if (part.column.type != ColumnType::none) {
-          add(part.column.name, sqlType(part.column.type), &columns);
-        }
-        break;
-      case TableType::Part::action:
-        addActions(type, &columns);
-        break;
-      case TableType::Part::meter:
-        addAll("meter", {"flag", "cir", "cburst", "pir", "pburst"}, &columns);
-        break;
-      case TableType::Part::counter:
-        addAll("counter", {"flag", "bytes", "packets"}, &columns);
-        break;
+    if (part.part == TableType::Part::action) {
+      addActions(type, &columns);
+      continue;
+    }
+    const bool whole = part.part == TableType::Part::column;
+    for (const Column& column : Lattice::fixedColumns(part)) {
+      if (column.type == ColumnType::none) continue;
+      add(whole ? column.name : part.column.name + "_" + column.name, sqlType(column.type),
+          &columns);
     }
   }
   return columns;

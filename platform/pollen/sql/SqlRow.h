@@ -5,9 +5,11 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/lattice/types/TableType.h"
+#include "platform/vela/Outcome.h"
 
 struct sqlite3_stmt;
 struct sqlite3_value;
@@ -37,7 +39,7 @@ struct SqlValue {
   std::string_view blob;  // of the row's bytes
 };
 
-// Takes rows of one type apart.
+// Gives SQL the columns of rows of one type. One thread uses it.
 class RowReader {
  public:
   explicit RowReader(std::shared_ptr<const Lattice::TableType> type);
@@ -53,17 +55,15 @@ class RowReader {
     bool present = false;
     std::string_view bytes;
   };
-  struct ActionCells {
-    const Lattice::ActionLayout* action;
-    size_t first;  // of its cells
-  };
+  void addCell(const Lattice::Column& column);
   void addCells(const std::vector<Lattice::Column>& columns);
   void takeValue();
-  class Taker;
+  class Filler;
 
   const std::shared_ptr<const Lattice::TableType> type_;
   std::vector<Cell> cells_;
-  std::vector<ActionCells> actions_;
+  std::unordered_map<const Lattice::ActionLayout*, size_t> actionCells_;  // the first of each
+  size_t behindActions_ = 0;                                              // number of the cell
   size_t keyCells_ = 0;
   std::string_view valueBytes_;
   bool valueTaken_ = true;
@@ -74,8 +74,8 @@ bool appendKeyBytes(const Lattice::Column& column, sqlite3_value* value, std::st
 // The number that an INTEGER column of this value compares equal with; false: none.
 bool asInteger(sqlite3_value* value, int64_t* number);
 
-// Puts the result of a query together to a row of a type. Empty: `row` is it; else which column of
-// which row is wrong, and how.
-std::string rowTrouble(const Lattice::TableType& type, sqlite3_stmt* result, Lattice::Row* row);
+// Builds a row of a type from the result of a query. A failure says which column of which row is
+// wrong, and how; `row` then has no meaning.
+Vela::Outcome buildRow(const Lattice::TableType& type, sqlite3_stmt* result, Lattice::Row* row);
 
 }  // namespace Pollen

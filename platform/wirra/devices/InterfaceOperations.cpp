@@ -20,6 +20,7 @@ namespace Wirra {
 
 namespace {
 
+using Vela::Outcome;
 using LinkPtr = std::unique_ptr<rtnl_link, decltype(&rtnl_link_put)>;
 using AddressPtr = std::unique_ptr<nl_addr, decltype(&nl_addr_put)>;
 
@@ -64,20 +65,20 @@ class Change {
   int error_ = 0;
 };
 
-std::string answer(const char* what, const std::string& device, int error) {
-  if (error >= 0) return "";
-  return std::string("cannot ") + what + " the network device " + device + ": " +
-         nl_geterror(error);
+Outcome outcomeOf(const char* what, const std::string& device, int error) {
+  if (error >= 0) return {};
+  return Outcome::failure(std::string("cannot ") + what + " the network device " + device + ": " +
+                          nl_geterror(error));
 }
 
-// Runs under a Change of the device; "" or why not.
-std::string changed(const char* what, const std::string& device,
+// Runs `work` with a Change of the device.
+Outcome applyChange(const char* what, const std::string& device,
                     const std::function<int(Change&)>& work) {
   try {
     Change change(device);
-    return answer(what, device, work(change));
+    return outcomeOf(what, device, work(change));
   } catch (const std::system_error& e) {
-    return e.what();
+    return Outcome::failure(e.what());
   }
 }
 
@@ -86,14 +87,14 @@ void lower(rtnl_link* change) { rtnl_link_unset_flags(change, IFF_UP); }
 
 }  // namespace
 
-std::string InterfaceOperations::up(const std::string& device, const std::string& mac,
-                                    bool keepConfigured) {
+Outcome InterfaceOperations::up(const std::string& device, const std::string& mac,
+                                bool keepConfigured) {
   const AddressPtr wanted = address(mac);
   if (!mac.empty() && !wanted) {
-    return "cannot bring up the network device " + device + ": " + mac +
-           " is no MAC address of a device (02:00:00:00:00:01 is one)";
+    return Outcome::failure("cannot bring up the network device " + device + ": " + mac +
+                            " is no MAC address of a device (02:00:00:00:00:01 is one)");
   }
-  return changed("bring up", device, [&](Change& change) {
+  return applyChange("bring up", device, [&](Change& change) {
     if (!keepConfigured) {
       // A kernel without IPv6 refuses, and needs no telling.
       change.apply(
@@ -111,15 +112,15 @@ std::string InterfaceOperations::up(const std::string& device, const std::string
   });
 }
 
-std::string InterfaceOperations::down(const std::string& device) {
-  return changed("take down", device, [](Change& change) { return change.apply(lower); });
+Outcome InterfaceOperations::down(const std::string& device) {
+  return applyChange("take down", device, [](Change& change) { return change.apply(lower); });
 }
 
-std::string InterfaceOperations::mtuIs(const std::string& device, unsigned mtu) {
-  return changed(("give an MTU of " + std::to_string(mtu) + " to").c_str(), device,
-                 [mtu](Change& change) {
-                   return change.apply([mtu](rtnl_link* set) { rtnl_link_set_mtu(set, mtu); });
-                 });
+Outcome InterfaceOperations::mtuIs(const std::string& device, unsigned mtu) {
+  return applyChange(("give an MTU of " + std::to_string(mtu) + " to").c_str(), device,
+                     [mtu](Change& change) {
+                       return change.apply([mtu](rtnl_link* set) { rtnl_link_set_mtu(set, mtu); });
+                     });
 }
 
 }  // namespace Wirra

@@ -1,26 +1,27 @@
-// What is done to kernel devices: made, brought up and taken down. Needs CAP_NET_ADMIN.
+// Makes kernel devices, brings them up and takes them down. Needs CAP_NET_ADMIN.
 #pragma once
 
 #include <cstddef>
 #include <string>
 
+#include "platform/vela/Outcome.h"
 #include "platform/vela/Ptr.h"
 
 namespace Wirra {
 
-// Each answers "" or why not, naming the device. Any thread; each call asks the kernel anew.
+// Failures name the device. Any thread; each call asks the kernel again.
 class InterfaceOperations final : public Vela::RefCounted {
  public:
   // `mac` "": as it is. `keepConfigured` true: addresses and the like that the kernel has given to
   // the device stay; false: it gets no IPv6 link-local address, so that the kernel itself sends
   // nothing through it.
-  std::string up(const std::string& device, const std::string& mac, bool keepConfigured);
-  std::string down(const std::string& device);
-  std::string mtuIs(const std::string& device, unsigned mtu);
+  Vela::Outcome up(const std::string& device, const std::string& mac, bool keepConfigured);
+  Vela::Outcome down(const std::string& device);
+  Vela::Outcome mtuIs(const std::string& device, unsigned mtu);
 };
 
-// A TAP device that this process keeps. Others may attach to it, too, and write packets that the
-// device then receives. It lives as long as anyone is attached.
+// A TAP device that this process keeps. Other processes may attach to it, too, and write packets
+// that the device then receives. The device lives as long as a process is attached.
 class TapDevice final {
  public:
   // Makes it, or attaches to the one that is there. Throws std::system_error: no permission, or a
@@ -30,8 +31,8 @@ class TapDevice final {
   TapDevice(const TapDevice&) = delete;
   TapDevice& operator=(const TapDevice&) = delete;
 
-  // The device receives the packet. "" or why not (it must be up).
-  std::string packetIs(const void* bytes, size_t size);
+  // The device receives the packet. Fails while it is down.
+  Vela::Outcome packetIs(const void* bytes, size_t size);
 
  private:
   void doEmpty();

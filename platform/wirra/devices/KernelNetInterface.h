@@ -9,8 +9,7 @@
 
 namespace Wirra {
 
-// name() is the device's name. Replaced by another entity when a device of that name is another one
-// than before (its index differs).
+// name() is the device's name. A new device of the same name (its index differs) gets a new entity.
 class KernelNetInterface final : public Vela::Entity {
  public:
   using Entity::Entity;
@@ -29,18 +28,18 @@ class KernelNetInterface final : public Vela::Entity {
 // Where the state database has the devices of this process's network namespace:
 // "kni/ns/NAMESPACE/status" with the name that `ip netns` has for it, else "default".
 std::string kernelDevicesPath();
-// The same for any namespace, so that whoever has one namespace only need not know its name.
+// The same for any namespace: with a single namespace nobody needs to know its name.
 constexpr const char* defaultKernelDevicesPath = "kni/ns/default/status";
 
 // At kernelDevicesPath() and at defaultKernelDevicesPath: the devices by name. Observe
-// entityCollection() for those that come and go, and each device's attributes. Call with the
+// entityCollection() for devices that come and go, and each device's attributes. Call with the
 // activity lock held.
 class KernelNetInterfaceStatus final : public Orrery::Directory {
  public:
   explicit KernelNetInterfaceStatus(std::string name) : Directory(std::move(name)) {}
   const char* typeName() const override { return "Wirra::KernelNetInterfaceStatus"; }
 
-  // Null when there is none.
+  // Null when absent.
   Vela::Ptr<KernelNetInterface> device(const std::string& name) const;
 };
 

@@ -32,14 +32,14 @@ struct KernelNetInterfaceSm::Impl {
   const Vela::Ptr<Vela::FileDescriptor> watch;
   Vela::Timer again;
   std::unordered_map<uint32_t, Vela::Ptr<KernelNetInterface>> byIndex;
-  bool lost = false;  // events, and the devices have not been read anew yet
+  bool lost = false;  // events were; the devices are to be read again
 };
 
 KernelNetInterfaceSm::Impl::Impl(Vela::ReactorLoop& loop, Vela::Ptr<KernelNetInterfaceStatus> table)
     : status(std::move(table)),
       watch(Vela::make<Vela::FileDescriptor>(loop, "kernel devices")),
       again(loop, [this] { handleEvents(); }) {
-  doReadAll();  // after events are followed: what changes meanwhile is told again
+  doReadAll();  // events are followed already: changes from here on are told
   watch->descriptorIs(events.descriptor());
   watch->onReadableIs([this] { handleEvents(); });
 }

@@ -9,8 +9,8 @@
 namespace Wirra {
 
 // Fills the table before the constructor returns and follows the kernel from then on; after an
-// overrun of the netlink socket it reads all devices anew. Throws std::system_error when the kernel
-// gives no netlink socket. Call with the activity lock held; the loop must outlive it.
+// overrun of the netlink socket it reads all devices again. Throws std::system_error when the
+// kernel gives no netlink socket. Call with the activity lock held; the loop must outlive it.
 class KernelNetInterfaceSm final {
  public:
   KernelNetInterfaceSm(Vela::ReactorLoop& loop, Vela::Ptr<KernelNetInterfaceStatus> status);

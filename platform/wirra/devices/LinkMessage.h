@@ -1,4 +1,4 @@
-// What an rtnetlink message says of a network device.
+// A network device as an rtnetlink message describes it.
 #pragma once
 
 #include <cstdint>
@@ -22,8 +22,8 @@ struct Link {
   uint32_t vrfTable = 0;
 };
 
-// Empty for a message that does not describe a whole device, or none at all: a bridge's word on one
-// of its ports, a wireless event.
+// Nothing for a message that does not describe a whole device: a bridge's message on one of its
+// ports, a wireless event.
 std::optional<Link> linkOf(const nlmsghdr& message);
 
 }  // namespace Wirra

@@ -1,4 +1,4 @@
-// An rtnetlink socket that reads what there is of network devices.
+// An rtnetlink socket that reads network devices.
 #pragma once
 
 #include <cstddef>
@@ -27,8 +27,8 @@ class LinkEvents final {
  public:
   LinkEvents();  // throws std::system_error
   int descriptor() const;
-  // What happened, oldest first, at most `most`, onto the end of `links`. False: some was lost, and
-  // so is now all that was waiting; ask for all devices.
+  // Appends the events, oldest first, at most `most`, to `links`. False: events were lost, those
+  // that waited included; ask for all devices.
   bool read(size_t most, std::vector<Link>* links);
 
  private:

@@ -1,6 +1,6 @@
-// The device has a queue for each process that is attached, and the kernel puts what is sent out of
-// the device into any of them. Nobody reads ours: it stays detached until it is written to, and is
-// emptied then.
+// The device has a queue for each attached process, and the kernel puts packets sent out of the
+// device into any of these queues. Nobody reads ours: it stays detached until we write to it, and
+// is emptied at each write from then on.
 #include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>
@@ -23,7 +23,7 @@ namespace {
                           "cannot make the network device " + name + " as a TAP");
 }
 
-int queueAttached(int descriptor, bool attached) {
+int attachQueue(int descriptor, bool attached) {
   ifreq request{};
   request.ifr_flags = attached ? IFF_ATTACH_QUEUE : IFF_DETACH_QUEUE;
   return ioctl(descriptor, TUNSETQUEUE, &request);
@@ -39,18 +39,18 @@ TapDevice::TapDevice(const std::string& name) : name_(name) {
   const int descriptor = open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (descriptor < 0) fail(name, descriptor, errno);
   if (ioctl(descriptor, TUNSETIFF, &request) != 0) fail(name, descriptor, errno);
-  if (queueAttached(descriptor, false) != 0) fail(name, descriptor, errno);
+  if (attachQueue(descriptor, false) != 0) fail(name, descriptor, errno);
   descriptor_ = descriptor;
 }
 
 TapDevice::~TapDevice() { close(descriptor_); }
 
-std::string TapDevice::packetIs(const void* bytes, size_t size) {
-  if (!attached_ && queueAttached(descriptor_, true) == 0) attached_ = true;
+Vela::Outcome TapDevice::packetIs(const void* bytes, size_t size) {
+  if (!attached_ && attachQueue(descriptor_, true) == 0) attached_ = true;
   if (++written_ % 16 == 0) doEmpty();
-  if (write(descriptor_, bytes, size) == static_cast<ssize_t>(size)) return "";
-  return "cannot give a packet to the network device " + name_ + ": " +
-         (errno == EIO ? "it is down" : std::strerror(errno));
+  if (write(descriptor_, bytes, size) == static_cast<ssize_t>(size)) return {};
+  return Vela::Outcome::failure("cannot give a packet to the network device " + name_ + ": " +
+                                (errno == EIO ? "it is down" : std::strerror(errno)));
 }
 
 void TapDevice::doEmpty() {

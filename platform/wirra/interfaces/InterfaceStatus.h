@@ -19,11 +19,11 @@ class IntfStatus final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(bool, operUp, false)
   VELA_READONLY_ATTRIBUTE(uint32_t, mtu, 0)
   VELA_READONLY_ATTRIBUTE(std::string, mac, "")
-  // Why what its configuration wants could not be done; "": it was done, or none is wanted.
+  // Why its configuration could not be applied; "": it was applied, or there is no configuration.
   VELA_READONLY_ATTRIBUTE(std::string, trouble, "")
 };
 
-// What an operator wants of an Ethernet port: "interface/config/eth/phy/all/NAME".
+// An operator's configuration of an Ethernet port: "interface/config/eth/phy/all/NAME".
 class EthPhyIntfConfig final : public Vela::Entity {
  public:
   using Entity::Entity;
@@ -41,8 +41,9 @@ class EthPhyIntfConfig final : public Vela::Entity {
     explicit Class(std::string name) : Directory(std::move(name)) {}       \
     const char* typeName() const override { return "Interface::" #Class; } \
   };
-KORVEL_INTERFACE_DIRECTORY(AllIntfStatusDir)       // every interface but the CPU's and loopback
-KORVEL_INTERFACE_DIRECTORY(AllIntfStatusLocalDir)  // those of this network namespace: the same
+KORVEL_INTERFACE_DIRECTORY(AllIntfStatusDir)  // every interface but the CPU's and loopback
+KORVEL_INTERFACE_DIRECTORY(
+    AllIntfStatusLocalDir)  // every interface of this network namespace: the same
 KORVEL_INTERFACE_DIRECTORY(AllEthPhyIntfStatusDir)
 #undef KORVEL_INTERFACE_DIRECTORY
 
@@ -52,7 +53,7 @@ class AllEthPhyIntfConfigDir final : public Orrery::Directory {
   const char* typeName() const override { return "Interface::AllEthPhyIntfConfigDir"; }
   // An EthPhyIntfConfig for any name that a device may have, also of one that is not there yet;
   // BadValue for others.
-  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override;
+  Vela::Ptr<Vela::Entity> makeEntity(const std::string& name) const override;
 };
 
 }  // namespace Interface

@@ -15,7 +15,7 @@ namespace {
 
 using Wirra::KernelNetInterface;
 
-// What the kernel builds out of other devices is no port.
+// A device that the kernel builds out of others is no port.
 bool ethernetPort(const KernelNetInterface& device) {
   static const char* const built[] = {"bond", "bridge", "ipvlan", "macsec",
                                       "team", "vlan",   "vrf",    "vxlan"};
@@ -114,18 +114,18 @@ void InterfaceStatusSm::Impl::handleConfig(const std::string& name) {
   maybeConfigure(name);
 }
 
-// Both the device and what is wanted of it have to be there; whichever comes second asks again.
+// Needs both the device and its configuration; the one that comes second asks again.
 void InterfaceStatusSm::Impl::maybeConfigure(const std::string& name) {
   const auto want = wanted.find(name);
   const auto intf = intfs.find(name);
   if (want == wanted.end() || intf == intfs.end()) return;
   const auto config = want->second.config;
   const auto status = intf->second.status;
-  std::string trouble;
-  if (config->mtu() != 0) trouble = operations->mtuIs(name, config->mtu());
-  const std::string raised =
+  Vela::Outcome mtu;
+  if (config->mtu() != 0) mtu = operations->mtuIs(name, config->mtu());
+  const Vela::Outcome state =
       config->enabled() ? operations->up(name, "", true) : operations->down(name);
-  if (trouble.empty()) trouble = raised;
+  const std::string& trouble = mtu.ok() ? state.reason() : mtu.reason();
   if (!trouble.empty()) SCRIVEL_TRACE(0, trouble);
   status->troubleIs(trouble);
 }

@@ -18,9 +18,9 @@ struct Directories {
   Vela::Ptr<AllEthPhyIntfConfigDir> ethPhyConfig;
 };
 
-// An interface stands as one entity in each directory it belongs to. What the configuration says of
-// a device is done when the entry is made or changed and when the device comes; a device without an
-// entry is left as it is. Call with the activity lock held.
+// An interface stands as one entity in each directory it belongs to. A configuration entry is
+// applied when it is made or changed, and when its device comes; a device without an entry is left
+// as it is. Call with the activity lock held.
 class InterfaceStatusSm final {
  public:
   // `cpuDevice` is no interface of the switch: it leads to the agent.

@@ -58,14 +58,14 @@ uint16_t sum(std::span<const uint8_t> bytes) {
 
 }  // namespace
 
-void checksumCompleted(std::span<uint8_t> packet) {
+void completeChecksum(std::span<uint8_t> packet) {
   const auto found = transport(packet);
   if (!found || (found->protocol != IPPROTO_TCP && found->protocol != IPPROTO_UDP)) return;
   const size_t field = found->begin + (found->protocol == IPPROTO_TCP ? 16 : 6);
   if (found->end > packet.size() || field + 2 > found->end) return;
   uint16_t checksum = ~sum(packet.subspan(found->begin, found->end - found->begin));
   if (checksum == 0 && found->protocol == IPPROTO_UDP)
-    checksum = 0xffff;  // 0 says that there is none
+    checksum = 0xffff;  // 0 would mean no checksum
   packet[field] = static_cast<uint8_t>(checksum >> 8);
   packet[field + 1] = static_cast<uint8_t>(checksum);
 }

@@ -12,8 +12,8 @@ namespace Wirra {
 
 class PacketManager;
 
-// Made by the packet manager, which counts its bytes until it dies. Whoever made it may write to
-// it until it is handed on; after that it is only read.
+// Made by the packet manager, which counts its bytes until it dies. Its maker may write to it until
+// it is handed on; after that it is only read.
 class Packet final : public Vela::RefCounted {
  public:
   using Ptr = Vela::Ptr<Packet>;

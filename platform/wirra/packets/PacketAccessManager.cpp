@@ -207,7 +207,7 @@ bool PacketAccessManager::Impl::isHopeless(size_t size) {
   return true;
 }
 
-// Any thread's view of a socket buffer is old at once, so the question is asked anew each time.
+// Any view of a socket buffer is out of date at once, so each call asks again.
 void PacketAccessManager::Impl::maybeTellSpace() {
   if (!full) return;
   pollfd ready{socket.descriptor(), POLLOUT, 0};
@@ -222,7 +222,7 @@ void PacketAccessManager::Impl::updateMissed() {
   tpacket_stats stats{};
   socklen_t size = sizeof stats;
   if (getsockopt(socket.descriptor(), SOL_PACKET, PACKET_STATISTICS, &stats, &size) != 0) return;
-  counts.missed += stats.tp_drops;  // the kernel starts anew at zero
+  counts.missed += stats.tp_drops;  // the kernel starts again at zero
 }
 
 PacketAccessManager::PacketAccessManager(Vela::ReactorLoop& loop, const std::string& device,

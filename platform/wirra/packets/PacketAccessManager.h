@@ -14,17 +14,17 @@
 
 namespace Wirra {
 
-// What became of a packet that was to be sent.
+// The result of sending a packet.
 enum class SendResult {
   sent,
   full,      // the device takes no more now: onSpaceIs() tells when it does; not sent
   tooLong,   // longer than the device's MTU allows, or empty
   noDevice,  // it is down or gone
-  failed     // anything else, and what was `full` for a second or so; trouble() says what
+  failed     // anything else, and a packet that was `full` for a second or so; see trouble()
 };
 
-// Bound to the device it was made for, also when that is renamed; when the device goes, so does the
-// way: it has to be made anew for one of the same name. Call on the reactor with the lock held.
+// Bound to its device, also when that is renamed. It ends with the device: make another one for a
+// new device of the same name. Call on the reactor with the lock held.
 class PacketAccessManager final : public Vela::Entity {
  public:
   using Ptr = Vela::Ptr<PacketAccessManager>;
@@ -39,8 +39,8 @@ class PacketAccessManager final : public Vela::Entity {
   // `packets` runs as long as there is something to read. Packets that this host sends out of the
   // device are not among them.
   void onPacketsIs(std::function<void()> packets);
-  // Takes what has come, at most `most`, oldest first, onto the end of `out`; how many. What is
-  // longer than a packet may be, or cannot get memory, is dropped and counted.
+  // Appends the packets that have come, at most `most`, oldest first, to `out`; returns their
+  // number. A packet that is too long, or cannot get memory, is dropped and counted.
   size_t packets(size_t most, std::vector<Packet::Ptr>* out);
 
   // Sends in order until one is not sent for another reason than its own (full, noDevice); one that

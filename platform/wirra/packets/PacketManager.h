@@ -1,4 +1,4 @@
-// Gives out packets, as long as not too much memory is in them.
+// Gives out packets up to a limit of memory.
 #pragma once
 
 #include <atomic>

@@ -9,8 +9,8 @@ namespace Wirra {
 // down; when the device goes for good, nothing comes and nothing can be sent any more.
 class PacketSocket final {
  public:
-  // `receive` false: nothing ever comes. Throws std::system_error, naming the device: there is none
-  // of that name, or no permission.
+  // `receive` false: nothing ever comes. Throws std::system_error, naming the device, when it is
+  // absent or permission is missing.
   PacketSocket(const std::string& device, bool receive);
   ~PacketSocket();
   PacketSocket(const PacketSocket&) = delete;

@@ -38,7 +38,7 @@ void Frame::copyTo(uint8_t* wire) const {
     std::memcpy(wire + before, tag, sizeof tag);
     std::memcpy(wire + before + sizeof tag, bytes.data() + before, bytes.size() - before);
   }
-  if (checksumMissing) checksumCompleted({wire, wireSize()});
+  if (checksumMissing) completeChecksum({wire, wireSize()});
 }
 
 ReceiveBatch::ReceiveBatch()

@@ -30,10 +30,10 @@ class ReceiveBatch final {
   static constexpr size_t mostBytes = 64 << 10;  // of a packet
 
   ReceiveBatch();
-  // At most `most` packets that wait in the socket, without waiting for any. Negative: an error, in
-  // errno; EAGAIN when there is none.
+  // Reads at most `most` packets that wait in the socket, without waiting for any. Negative: an
+  // error, in errno; EAGAIN when no packet waits.
   int read(int descriptor, size_t most);
-  Frame frame(size_t number) const;  // of those that the last read() gave
+  Frame frame(size_t number) const;  // of the last read()
 
  private:
   struct Slot {

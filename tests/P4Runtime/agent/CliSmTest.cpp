@@ -42,7 +42,7 @@ class CliSmTest : public testing::Test {
   }
   void place(const std::string& id, const std::string& command, const std::string& arguments) {
     const Vela::ActivityLock lock;
-    const auto entity = requests->entityMade(id);
+    const auto entity = requests->makeEntity(id);
     dynamic_cast<CliRequest&>(*entity).commandIs(command);
     dynamic_cast<CliRequest&>(*entity).argumentsIs(arguments);
     requests->entityIs(id, entity);
@@ -102,7 +102,7 @@ TEST_F(CliSmTest, AnswersWhateverIsAsked) {
   take("good");
   EXPECT_EQ(answer("good"), "");
   for (const char* id : {"a/b", "a b", "\n"}) {
-    EXPECT_THROW(requests->entityMade(id), Vela::BadValue) << id;
+    EXPECT_THROW(requests->makeEntity(id), Vela::BadValue) << id;
   }
 }
 

@@ -121,7 +121,7 @@ TEST_F(PortMappingTest, WhatIsNoPortOrNoInterfaceIsRefusedByName) {
     EXPECT_EQ(status->refusedHas(c.port), c.reason != nullptr);
     EXPECT_THAT(status->refused(c.port), HasSubstr(c.reason ? c.reason : ""));
     if (c.reason && std::string(c.reason) == "no P4 port id") {
-      EXPECT_THROW(configs->entityMade(c.port), Vela::BadValue);
+      EXPECT_THROW(configs->makeEntity(c.port), Vela::BadValue);
     }
   }
   EXPECT_THAT(inForce(), ElementsAre(Pair(4294967295u, "fifteen.letters")));

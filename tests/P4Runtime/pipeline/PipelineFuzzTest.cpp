@@ -7,6 +7,7 @@
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "p4/tmp/p4config.pb.h"
 #include "pipeline/PipelineCheck.h"
+#include "platform/vela/Json.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
 namespace P4Runtime {
@@ -143,7 +144,7 @@ class Spoiler {
     p4::tmp::P4DeviceConfig device;
     if (!device.ParseFromString(request.config().p4_device_config())) return;
     std::string& json = *device.mutable_device_data();
-    const JsonDocument document(cJSON_Parse(json.c_str()));
+    const Vela::Json document(cJSON_Parse(json.c_str()));
     if (!document || below(20) == 0) {
       spoilBytes(json);
     } else {

@@ -21,7 +21,7 @@ void FakeForwarder::follow() {
   store_.forEach(store_.table(Lattice::typesTable), remember);
   const auto read = [&](Brine::Bytes, Brine::Bytes record) {
     std::string_view rest = Brine::asText(record);
-    while (const auto change = Lattice::JournalChange::taken(rest)) {
+    while (const auto change = Lattice::JournalChange::takeFrom(rest)) {
       if (change->sequence <= seen_) continue;
       seen_ = change->sequence;
       const bool deleted = change->flags & Lattice::JournalChange::deleted;

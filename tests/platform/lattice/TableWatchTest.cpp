@@ -42,7 +42,7 @@ struct TableWatchTest : testing::Test, CommitObserver {
       row.after ? to.rowIs({row.key, *row.after}, 5) : to.rowDel(row.key, 5);
     }
   }
-  void beforeCommit() override {
+  void onBeforeCommit() override {
     ++asked;
     for (const ChangedRow& row : routesWatch->changes()) {
       seen += std::to_string(static_cast<int>(row.key.back()));
@@ -52,10 +52,10 @@ struct TableWatchTest : testing::Test, CommitObserver {
     copyChanges(*mirrorWatch, *last);
     if (failing) throw std::runtime_error("no room");
   }
-  void committed() override { ++commits; }
-  void discarded() override { ++discards; }
-  void batchEnded() override { ++batches; }
-  void watchedTableGone(const std::string& name) override { gone += name; }
+  void onCommitted() override { ++commits; }
+  void onDiscarded() override { ++discards; }
+  void onBatchEnded() override { ++batches; }
+  void onWatchedTableGone(const std::string& name) override { gone += name; }
 
   std::string sawSince() { return std::exchange(seen, ""); }
   size_t copies() const {

@@ -23,8 +23,8 @@ class MountGroupTest : public testing::Test, public DatabaseFixture {
     MountGroup group(*database, loop);
     group.mountIs(path, type, mode);
     std::string result = "never completed";
-    group.completeIs([&](const MountStatus& status, const Vela::Ptr<EntityManager>& manager) {
-      result = status.ok() ? "mounted" : status.reason;
+    group.completeIs([&](const Vela::Outcome& outcome, const Vela::Ptr<EntityManager>& manager) {
+      result = outcome.ok() ? "mounted" : outcome.reason();
       entities = manager;
     });
     EXPECT_EQ(result, "never completed");
@@ -79,9 +79,9 @@ TEST_F(MountGroupTest, FirstFailureStopsAndADeadGroupStaysSilent) {
   group.mountIs("two", "Test::Port", "w");
   group.mountIs("three", "Test::Port", "wc");
   std::string reason;
-  group.completeIs([&](const MountStatus& status, const auto&) { reason = status.reason; });
+  group.completeIs([&](const Vela::Outcome& outcome, const auto&) { reason = outcome.reason(); });
   std::optional<MountGroup> dead(std::in_place, *database, loop);
-  dead->completeIs([](const MountStatus&, const auto&) { FAIL(); });
+  dead->completeIs([](const Vela::Outcome&, const auto&) { FAIL(); });
   dead.reset();
   turn();
   EXPECT_THAT(reason, HasSubstr("two"));

@@ -86,17 +86,19 @@ TEST_F(ServerTest, GetsSetsAndCalls) {
     port->cookieIs(UINT64_MAX);
   }
   EXPECT_THAT(
-      jsonLine(*client.get("status/port")),
+      Vela::jsonLine(*client.get("status/port")),
       testing::StrEq(
           R"({"ok":true,"path":"status/port","type":"Test::Port","attributes":{"enabled":false,)"
           R"("mtuBytes":1500,"cookie":"18446744073709551615","loss":0,"alias":"","drops":3,)"
           R"("neighbour":{"7":"leaf7"}},"operations":[{"name":"greet","arguments":["name"]}]})"));
   client.set("status/port", "mtuBytes", "9000");
-  EXPECT_THAT(jsonLine(*client.get("status/port", "mtuBytes")), HasSubstr("\"value\":9000"));
-  EXPECT_THAT(jsonLine(*client.get("status/port", "1")), HasSubstr("\"attribute\":\"mtuBytes\""));
-  EXPECT_THAT(jsonLine(*client.call("status/port", "greet", {"ann"})), HasSubstr("hello ann"));
-  EXPECT_THAT(jsonLine(*client.get("status")), HasSubstr(R"("children":["port"])"));
-  EXPECT_THAT(jsonLine(*client.list("")),
+  EXPECT_THAT(Vela::jsonLine(*client.get("status/port", "mtuBytes")), HasSubstr("\"value\":9000"));
+  EXPECT_THAT(Vela::jsonLine(*client.get("status/port", "1")),
+              HasSubstr("\"attribute\":\"mtuBytes\""));
+  EXPECT_THAT(Vela::jsonLine(*client.call("status/port", "greet", {"ann"})),
+              HasSubstr("hello ann"));
+  EXPECT_THAT(Vela::jsonLine(*client.get("status")), HasSubstr(R"("children":["port"])"));
+  EXPECT_THAT(Vela::jsonLine(*client.list("")),
               HasSubstr(R"([{"path":"status","type":"Orrery::Directory"},)"
                         R"({"path":"status/port","type":"Test::Port"}])"));
   const Vela::ActivityLock lock;
@@ -150,15 +152,15 @@ TEST_F(ServerTest, SettingsAreCheckedBeforehand) {
     const Vela::ActivityLock lock;
     database->settingCheckIs([](const auto& path, const auto& attribute, const auto& text) {
       return path == "status/port" && attribute.name() == std::string("mtuBytes") && text == "9001"
-                 ? "choose an even one"
-                 : "";
+                 ? Vela::Outcome::failure("choose an even one")
+                 : Vela::Outcome();
     });
   }
   Client client(directory);
   client.set("status/port", "mtuBytes", "9002");
   EXPECT_EQ(refusal([](Client& c) { c.set("status/port", "mtuBytes", "9001"); }),
             "choose an even one");
-  EXPECT_THAT(jsonLine(*client.get("status/port", "mtuBytes")), HasSubstr("9002"));
+  EXPECT_THAT(Vela::jsonLine(*client.get("status/port", "mtuBytes")), HasSubstr("9002"));
 }
 
 TEST_F(ServerTest, RefusalsNameTheThingAndAWayOut) {
@@ -191,12 +193,14 @@ TEST_F(ServerTest, WatchStreamsChangesAndChildren) {
     database->entityIs("status/new", Vela::make<Port>("status/new"));
     database->entityDel("status/new");
   }
-  EXPECT_EQ(jsonLine(*ports.next()),
+  EXPECT_EQ(Vela::jsonLine(*ports.next()),
             R"({"path":"status/port","attribute":"alias","value":"a \"quoted\"\nname"})");
-  EXPECT_EQ(jsonLine(*ports.next()),
+  EXPECT_EQ(Vela::jsonLine(*ports.next()),
             R"({"path":"status/port","attribute":"enabled","value":true})");
-  EXPECT_EQ(jsonLine(*directories.next()), R"({"path":"status","child":"new","present":true})");
-  EXPECT_EQ(jsonLine(*directories.next()), R"({"path":"status","child":"new","present":false})");
+  EXPECT_EQ(Vela::jsonLine(*directories.next()),
+            R"({"path":"status","child":"new","present":true})");
+  EXPECT_EQ(Vela::jsonLine(*directories.next()),
+            R"({"path":"status","child":"new","present":false})");
 }
 
 TEST_F(ServerTest, GarbageIsAnsweredAndTheConnectionClosed) {
@@ -244,7 +248,8 @@ TEST_F(ServerTest, AClientThatTakesNothingIsClosed) {
     const Vela::ActivityLock lock;
     port->aliasIs(large + std::to_string(i));
   }
-  EXPECT_THAT(jsonLine(*Client(directory).get("status/port", "drops")), HasSubstr("\"value\":3"));
+  EXPECT_THAT(Vela::jsonLine(*Client(directory).get("status/port", "drops")),
+              HasSubstr("\"value\":3"));
   char block[65536];
   ssize_t got;
   size_t heard = 0;
@@ -320,7 +325,7 @@ TEST_F(ServerTest, WatchersHearOfChangesFromAnyThread) {
   }
   for (const auto& watcher : watchers) {
     for (int i = 0; i < threads * changes; ++i) {
-      const Json line = watcher->next();
+      const Vela::Json line = watcher->next();
       ASSERT_TRUE(line) << "closed after " << i << " changes";
     }
   }

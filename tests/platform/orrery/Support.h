@@ -35,7 +35,7 @@ class Ports final : public Directory {
  public:
   explicit Ports(std::string name) : Directory(std::move(name)) {}
   const char* typeName() const override { return "Test::Ports"; }
-  Vela::Ptr<Vela::Entity> entityMade(const std::string& name) const override {
+  Vela::Ptr<Vela::Entity> makeEntity(const std::string& name) const override {
     if (!name.starts_with('p')) throw Vela::BadValue("a port's name begins with p");
     return Vela::make<Port>(name);
   }

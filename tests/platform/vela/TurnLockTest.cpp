@@ -61,8 +61,8 @@ TEST_F(TurnLockTest, ThoseThatComeAfterOthersDoSo) {
 }
 
 TEST_F(TurnLockTest, NobodyIsPassedForEver) {
-  EXPECT_LE(passesOf(Turn::own), TurnLock::kMostPasses + 1);
-  EXPECT_LE(passesOf(Turn::afterOthers), TurnLock::kMostPassesOfOthers + 1);
+  EXPECT_LE(passesOf(Turn::own), TurnLock::mostPasses + 1);
+  EXPECT_LE(passesOf(Turn::afterOthers), TurnLock::mostPassesOfOthers + 1);
 }
 
 TEST_F(TurnLockTest, IsHeldByOneThreadAtATime) {

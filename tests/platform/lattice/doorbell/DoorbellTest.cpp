@@ -23,7 +23,7 @@ std::string someReports(uint64_t receivedUpTo) {
   ReportsWriter writer;
   writer.add({1, 2, 3, "text"});
   writer.add({4, 5, 0, ""});
-  return writer.finished(receivedUpTo, 0);
+  return writer.finish(receivedUpTo, 0);
 }
 
 TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
@@ -56,7 +56,7 @@ TEST(DoorbellMessage, CarriesReportsUpToItsLimits) {
   const std::string longText(5000, 't');
   size_t added = 0;
   for (; !writer.full(); ++added) writer.add({added, added, 1, longText});
-  const std::string message = writer.finished(77, 0);
+  const std::string message = writer.finish(77, 0);
   EXPECT_LE(message.size(), maxMessageBytes);
   const auto reports = decodeReports(message);
   ASSERT_TRUE(reports);

@@ -11,8 +11,8 @@ constexpr Subscribers first = 1, second = 2;
 struct ReportBookTest : testing::Test {
   ReportBook book;
   void SetUp() override {
-    const Committed changes[] = {{10, 100}, {11, 101}, {12, 102}};
-    book.committed(changes, first | second);
+    const CommittedChange changes[] = {{10, 100}, {11, 101}, {12, 102}};
+    book.expect(changes, first | second);
   }
   bool settles(Subscribers who, uint64_t sequence, uint16_t code = 0) {
     return book.settles(who, {sequence + 90, sequence, code, {}});
@@ -37,7 +37,7 @@ TEST_F(ReportBookTest, PassesWhatItDoesNotKnow) {
 
 TEST_F(ReportBookTest, InStepIsSuccessOnAllBefore) {
   EXPECT_FALSE(settles(first, 11));
-  const auto settled = book.released(second, 11);
+  const auto settled = book.release(second, 11);
   ASSERT_EQ(settled.size(), 1u);
   EXPECT_EQ(settled[0].sequence, 11u);
   EXPECT_TRUE(settles(first, 10));
@@ -45,11 +45,11 @@ TEST_F(ReportBookTest, InStepIsSuccessOnAllBefore) {
 
 TEST_F(ReportBookTest, WhoLeavesIsNotWaitedForButSettlesNothing) {
   EXPECT_FALSE(settles(first, 10));
-  const auto settled = book.left(second);
+  const auto settled = book.remove(second);
   ASSERT_EQ(settled.size(), 1u);
   EXPECT_EQ(settled[0].entryHandle, 100u);
   EXPECT_TRUE(settles(first, 11)) << "the last one left";
-  EXPECT_TRUE(book.left(first).empty()) << "nobody has reported on 12";
+  EXPECT_TRUE(book.remove(first).empty()) << "nobody has reported on 12";
 }
 
 }  // namespace

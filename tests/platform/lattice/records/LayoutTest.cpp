@@ -40,10 +40,10 @@ TEST(StoreLayout, TakesBackWhatItWroteAndNothingCutShort) {
   const std::string change = encoded({1, 2, 3, JournalChange::deleted, "key", ""});
   for (size_t size = 0; size < change.size(); ++size) {
     std::string_view cut = std::string_view(change).substr(0, size);
-    EXPECT_FALSE(JournalChange::taken(cut));
+    EXPECT_FALSE(JournalChange::takeFrom(cut));
   }
   std::string_view rest = change;
-  EXPECT_EQ(JournalChange::taken(rest)->key, "key");
+  EXPECT_EQ(JournalChange::takeFrom(rest)->key, "key");
   EXPECT_TRUE(rest.empty());
   for (size_t size = 0; size < StoredRow::headSize; ++size) {
     EXPECT_FALSE(StoredRow::decode(std::string(size, 'r')));
@@ -58,7 +58,7 @@ TEST(StoreLayout, SurvivesGarbage) {
     JournalState::decode(bytes);
     TableRecord::decode(bytes);
     std::string_view rest = bytes;
-    while (const auto change = JournalChange::taken(rest)) {
+    while (const auto change = JournalChange::takeFrom(rest)) {
       EXPECT_LE(change->key.size() + change->value.size(), bytes.size());
     }
   }

@@ -85,10 +85,10 @@ TEST_F(DevicesTest, WhatWasLostInAnOverrunIsReadAnew) {
   InterfaceOperations operations;
   ip("link del gone");
   for (int i = 0; i < 2000; ++i) {  // while nobody reads, until the kernel drops the news
-    ASSERT_EQ(operations.mtuIs("stays", 1000 + i), "");
+    ASSERT_EQ(operations.mtuIs("stays", 1000 + i).reason(), "");
   }
   ip("link add fresh type veth peer name freshPeer");
-  ASSERT_EQ(operations.down("stays"), "");
+  ASSERT_EQ(operations.down("stays").reason(), "");
   untilNames({"fresh", "freshPeer", "lo", "peer", "stays"});
   until([&] { return text("stays", "mtu") == "2999" && !devices->device("stays")->adminUp(); });
   ip("link del fresh");  // the news still come
@@ -100,21 +100,22 @@ TEST_F(DevicesTest, OperationsDoAsAskedOrSayWhyNot) {
   ip("link add one type veth peer name two");
   ip("link set two up");
   InterfaceOperations operations;
-  EXPECT_EQ(operations.up("one", "02:00:00:00:00:07", false), "");
+  EXPECT_EQ(operations.up("one", "02:00:00:00:00:07", false).reason(), "");
   until([&] {
     return text("one", "mac") == "02:00:00:00:00:07" && devices->device("one")->operUp();
   });
   EXPECT_NE(std::system("ip -6 address show dev one | grep -q fe80"), 0);
-  EXPECT_EQ(operations.up("one", "02:00:00:00:00:07", true), "");
-  EXPECT_EQ(operations.mtuIs("one", 1400), "");
-  EXPECT_EQ(operations.down("one"), "");
+  EXPECT_EQ(operations.up("one", "02:00:00:00:00:07", true).reason(), "");
+  EXPECT_EQ(operations.mtuIs("one", 1400).reason(), "");
+  EXPECT_EQ(operations.down("one").reason(), "");
   until([&] { return !devices->device("one")->adminUp() && text("one", "mtu") == "1400"; });
 
   for (const char* mac : {"01:00:00:00:00:07", "02:00", "no address"}) {
-    EXPECT_THAT(operations.up("one", mac, true), HasSubstr("is no MAC address of a device"));
+    EXPECT_THAT(operations.up("one", mac, true).reason(),
+                HasSubstr("is no MAC address of a device"));
   }
-  EXPECT_THAT(operations.up("none", "", true), HasSubstr("network device none: "));
-  EXPECT_THAT(operations.mtuIs("one", 100000), HasSubstr("give an MTU of 100000 to"));
+  EXPECT_THAT(operations.up("none", "", true).reason(), HasSubstr("network device none: "));
+  EXPECT_THAT(operations.mtuIs("one", 100000).reason(), HasSubstr("give an MTU of 100000 to"));
 }
 
 TEST_F(DevicesTest, InterfacesFollowDevicesAndTheirConfiguration) {
@@ -128,7 +129,7 @@ TEST_F(DevicesTest, InterfacesFollowDevicesAndTheirConfiguration) {
   EXPECT_THAT(dirs.all->entityNames(), ElementsAre("early"));
 
   const auto late = Vela::Ptr<EthPhyIntfConfig>(
-      static_cast<EthPhyIntfConfig*>(dirs.ethPhyConfig->entityMade("late").get()));
+      static_cast<EthPhyIntfConfig*>(dirs.ethPhyConfig->makeEntity("late").get()));
   late->mtuIs(2000);
   dirs.ethPhyConfig->entityIs("late", late);  // acts when the device comes
   ip("link add late type veth peer name latePeer");
@@ -159,7 +160,7 @@ TEST_F(DevicesTest, InterfacesFollowDevicesAndTheirConfiguration) {
   EXPECT_THAT(dirs.ethPhy->entityNames(), ElementsAre("early"));
 
   for (const std::string name : {"", "a/b", "a b", "0123456789abcdef"}) {
-    EXPECT_THROW(dirs.ethPhyConfig->entityMade(name), Vela::BadValue) << name;
+    EXPECT_THROW(dirs.ethPhyConfig->makeEntity(name), Vela::BadValue) << name;
   }
 }
 
@@ -178,9 +179,9 @@ TEST_F(DevicesTest, FlappingLeaksNothing) {
   const size_t files = openFiles();
   const size_t packets = ThePacketManager().bytes();
   for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(operations.down("left"), "");
+    ASSERT_EQ(operations.down("left").reason(), "");
     until([&] { return !devices->device("left")->adminUp(); });
-    ASSERT_EQ(operations.up("left", "", true), "");
+    ASSERT_EQ(operations.up("left", "", true).reason(), "");
     until([&] { return devices->device("left")->operUp(); });
   }
   const auto bothUp = [&] {

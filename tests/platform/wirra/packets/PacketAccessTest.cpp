@@ -230,21 +230,21 @@ TEST_F(PacketAccessTest, ATapReceivesWhatIsWrittenToIt) {
   TapDevice launcher("tap0");
   auto forwarder = std::make_optional<TapDevice>("tap0");  // as another process has it
   const auto small = packetOf(60);
-  EXPECT_THAT(forwarder->packetIs(small->head(), 60), HasSubstr("tap0: it is down"));
-  ASSERT_EQ(operations.up("tap0", "02:00:00:00:00:09", true), "");
+  EXPECT_THAT(forwarder->packetIs(small->head(), 60).reason(), HasSubstr("tap0: it is down"));
+  ASSERT_EQ(operations.up("tap0", "02:00:00:00:00:09", true).reason(), "");
   Port cpu(loop, "tap0");
   const auto large = packetOf(20000);  // whatever the device's MTU
   for (int i = 0; i < 100; ++i) {
     // What goes out of the device is read by nobody, and must not fill anything.
     EXPECT_THAT(cpu.send(std::vector<Packet::Ptr>(50, small)), Each(SendResult::sent));
-    ASSERT_EQ(forwarder->packetIs(small->head(), small->size()), "");
-    ASSERT_EQ(forwarder->packetIs(large->head(), large->size()), "");
+    ASSERT_EQ(forwarder->packetIs(small->head(), small->size()).reason(), "");
+    ASSERT_EQ(forwarder->packetIs(large->head(), large->size()).reason(), "");
   }
   until([&] { return cpu.came.size() == 200; });
   EXPECT_EQ(bytesOf(cpu.came[199]), bytesOf(large));
 
   forwarder.reset();  // the device stays, and the launcher can write, too
-  ASSERT_EQ(launcher.packetIs(small->head(), small->size()), "");
+  ASSERT_EQ(launcher.packetIs(small->head(), small->size()).reason(), "");
   until([&] { return cpu.came.size() == 201; });
   ip("link add other type veth peer name another");
   EXPECT_THROW(TapDevice("other"), std::system_error);

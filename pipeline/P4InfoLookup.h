@@ -19,13 +19,14 @@ namespace Pipeline {
 
 class Findings;
 
-// Borrows the P4Info, which must not change meanwhile.
-class P4InfoIndex {
+// Borrows the P4Info, which must not change meanwhile. Any thread may read it. Names that lead
+// nowhere throw PipelineError; ids that lead nowhere give null.
+class P4InfoLookup {
  public:
-  explicit P4InfoIndex(const p4::config::v1::P4Info& p4Info);
+  explicit P4InfoLookup(const p4::config::v1::P4Info& p4Info);
 
   const p4::config::v1::P4Info& p4Info() const { return p4Info_; }
-  // Null when there is none.
+  // Null when absent.
   const p4::config::v1::Table* table(uint32_t id) const;
   const p4::config::v1::Action* action(uint32_t id) const;
   const p4::config::v1::ActionProfile* actionProfile(uint32_t id) const;
@@ -46,9 +47,9 @@ class P4InfoIndex {
   std::map<uint32_t, const p4::config::v1::ActionProfile*> profiles_;
 };
 
-// Errors: what the agent or its server would refuse such a P4Info for as a whole. Warnings: direct
-// counters and meters that are not tied to their tables.
-void checkP4Info(const P4InfoIndex& index, Findings* findings);
+// Errors: reasons for which the agent or its server would refuse the P4Info as a whole. Warnings:
+// direct counters and meters that are not tied to their tables.
+void checkP4Info(const P4InfoLookup& index, Findings* findings);
 
 // Position of the one name that `text` names, as tableNamed() does; `what` is for the error.
 size_t indexNamed(std::string_view what, std::string_view text,

@@ -1,5 +1,5 @@
 // Lookup in a P4Info, and its consistency.
-#include "pipeline/P4InfoIndex.h"
+#include "pipeline/P4InfoLookup.h"
 
 #include <google/protobuf/util/json_util.h>
 
@@ -77,27 +77,29 @@ std::string listed(const std::vector<std::string>& names) {
 
 }  // namespace
 
-P4InfoIndex::P4InfoIndex(const P4Info& p4Info)
+P4InfoLookup::P4InfoLookup(const P4Info& p4Info)
     : p4Info_(p4Info),
       tables_(byId(p4Info.tables())),
       actions_(byId(p4Info.actions())),
       profiles_(byId(p4Info.action_profiles())) {}
 
-const p4::config::v1::Table* P4InfoIndex::table(uint32_t id) const { return found(tables_, id); }
-const p4::config::v1::Action* P4InfoIndex::action(uint32_t id) const { return found(actions_, id); }
-const p4::config::v1::ActionProfile* P4InfoIndex::actionProfile(uint32_t id) const {
+const p4::config::v1::Table* P4InfoLookup::table(uint32_t id) const { return found(tables_, id); }
+const p4::config::v1::Action* P4InfoLookup::action(uint32_t id) const {
+  return found(actions_, id);
+}
+const p4::config::v1::ActionProfile* P4InfoLookup::actionProfile(uint32_t id) const {
   return found(profiles_, id);
 }
 
-bool P4InfoIndex::isDirectResource(uint32_t id) const {
+bool P4InfoLookup::isDirectResource(uint32_t id) const {
   return hasId(p4Info_.direct_counters(), id) || hasId(p4Info_.direct_meters(), id);
 }
 
-bool P4InfoIndex::hasDirectCounter(const p4::config::v1::Table& table) const {
+bool P4InfoLookup::hasDirectCounter(const p4::config::v1::Table& table) const {
   return namesOneOf(table, p4Info_.direct_counters());
 }
 
-bool P4InfoIndex::hasDirectMeter(const p4::config::v1::Table& table) const {
+bool P4InfoLookup::hasDirectMeter(const p4::config::v1::Table& table) const {
   return namesOneOf(table, p4Info_.direct_meters());
 }
 
@@ -119,7 +121,7 @@ size_t indexNamed(std::string_view what, std::string_view text,
                       quoted(names[matches[1]]) + "; write more of the name");
 }
 
-const p4::config::v1::Table& P4InfoIndex::tableNamed(std::string_view name) const {
+const p4::config::v1::Table& P4InfoLookup::tableNamed(std::string_view name) const {
   std::vector<std::string> names;
   std::vector<std::string> aliases;
   for (const auto& table : p4Info_.tables()) {
@@ -129,8 +131,8 @@ const p4::config::v1::Table& P4InfoIndex::tableNamed(std::string_view name) cons
   return p4Info_.tables(static_cast<int>(indexNamed("table", name, names, aliases)));
 }
 
-const p4::config::v1::Action& P4InfoIndex::actionNamed(const p4::config::v1::Table& table,
-                                                       std::string_view name) const {
+const p4::config::v1::Action& P4InfoLookup::actionNamed(const p4::config::v1::Table& table,
+                                                        std::string_view name) const {
   std::vector<std::string> names;
   std::vector<std::string> aliases;
   std::vector<const p4::config::v1::Action*> actions;
@@ -144,7 +146,7 @@ const p4::config::v1::Action& P4InfoIndex::actionNamed(const p4::config::v1::Tab
   return *actions[indexNamed("action", name, names, aliases)];
 }
 
-void checkP4Info(const P4InfoIndex& index, Findings* findings) {
+void checkP4Info(const P4InfoLookup& index, Findings* findings) {
   const P4Info& p4Info = index.p4Info();
   checkMandatorySections(p4Info, findings);
   if (const std::string fault = pi::fe::proto::p4info_fault(p4Info); !fault.empty()) {

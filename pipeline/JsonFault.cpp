@@ -1,9 +1,8 @@
-// Small steps over cJSON.
-#include "pipeline/Json.h"
+// Finds the mistake in a JSON document.
+#include "pipeline/JsonFault.h"
 
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 
 #include "pipeline/Finding.h"
 
@@ -59,12 +58,14 @@ JsonFault faultAt(std::string_view text, size_t at) {
           "not JSON: " + likelyMistake(text, at), std::string(text.substr(at))};
 }
 
-JsonPtr parsed(std::string_view text, bool nothingFollows, JsonFault* fault) {
-  const std::string copy(text);  // cJSON wants the terminator
-  const char* end = nullptr;
-  JsonPtr json(cJSON_ParseWithOpts(copy.c_str(), &end, nothingFollows));
-  if (json) return json;
-  size_t at = end == nullptr ? 0 : static_cast<size_t>(end - copy.c_str());
+bool isBlank(char c) { return static_cast<unsigned char>(c) <= ' '; }
+
+// The terminator belongs to the text: the parser then stops at the place of a mistake, not before.
+Vela::Json parse(std::string_view text, bool nothingFollows, JsonFault* fault) {
+  const std::string copy(text.substr(0, text.find('\0')));
+  size_t at = 0;
+  Vela::Json json = Vela::parseJsonPrefix({copy.c_str(), copy.size() + 1}, &at);
+  if (json && (!nothingFollows || std::all_of(copy.begin() + at, copy.end(), isBlank))) return json;
   at = std::min(copy.find_first_not_of(blanks, at), copy.size());
   *fault = faultAt(copy, mistakeAt(copy, at));
   return nullptr;
@@ -72,54 +73,12 @@ JsonPtr parsed(std::string_view text, bool nothingFollows, JsonFault* fault) {
 
 }  // namespace
 
-JsonPtr parsedJson(std::string_view text, JsonFault* fault) { return parsed(text, false, fault); }
+Vela::Json parseJson(std::string_view text, JsonFault* fault) { return parse(text, false, fault); }
 
-JsonPtr parsedJsonFile(const std::string& path, std::string_view text) {
+Vela::Json parseJsonFile(const std::string& path, std::string_view text) {
   JsonFault fault;
-  if (JsonPtr json = parsed(text, true, &fault)) return json;
+  if (Vela::Json json = parse(text, true, &fault)) return json;
   throw PipelineError(path + ':' + fault.place + ": " + fault.what);
-}
-
-std::string printedJson(const cJSON& json) {
-  char* text = cJSON_Print(&json);
-  const std::string result = text == nullptr ? "" : text;
-  cJSON_free(text);
-  return result;
-}
-
-std::optional<std::string> stringItem(const cJSON* object, const char* key) {
-  const cJSON* item = cJSON_GetObjectItem(object, key);
-  if (cJSON_IsString(item) == 0) return std::nullopt;
-  return std::string(item->valuestring);
-}
-
-std::optional<uint32_t> numberItem(const cJSON* object, const char* key) {
-  const cJSON* item = cJSON_GetObjectItem(object, key);
-  if (cJSON_IsNumber(item) == 0) return std::nullopt;
-  const double number = item->valuedouble;
-  if (!(number >= 0 && number <= UINT32_MAX) || number != std::floor(number)) return std::nullopt;
-  return static_cast<uint32_t>(number);
-}
-
-const cJSON* arrayItem(const cJSON* object, const char* key) {
-  const cJSON* item = cJSON_GetObjectItem(object, key);
-  return cJSON_IsArray(item) != 0 ? item : nullptr;
-}
-
-void stringItemIs(cJSON* object, const char* key, std::string_view value) {
-  cJSON_AddStringToObject(object, key, std::string(value).c_str());
-}
-
-void numberItemIs(cJSON* object, const char* key, double value) {
-  cJSON_AddNumberToObject(object, key, value);
-}
-
-cJSON* newArrayItem(cJSON* object, const char* key) { return cJSON_AddArrayToObject(object, key); }
-
-cJSON* newObjectIn(cJSON* array) {
-  cJSON* object = cJSON_CreateObject();
-  cJSON_AddItemToArray(array, object);
-  return object;
 }
 
 }  // namespace Pipeline

@@ -1,0 +1,47 @@
+// The reports of forwarding agents on row changes, and the state of each attached agent.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace Lattice {
+
+// A forwarding agent's word on one row change.
+struct Report {
+  uint64_t entryHandle = 0;
+  uint64_t sequence = 0;
+  uint16_t errorCode = 0;    // 0: programmed
+  std::string_view message;  // one line of UTF-8
+  uint64_t subscriber = 0;   // SubscriberInfo::id of the reporter; 0: all of them together
+  std::string_view subscriberName;
+  // Whether it decides the fate of the change: the change failed, or every agent has programmed it
+  // that was attached when it was committed.
+  bool settles = true;
+};
+
+struct SubscriberInfo {
+  uint64_t id = 0;  // of this attachment; never given out again
+  std::string name;
+  int64_t pid = 0;
+  uint64_t sequence = 0;  // received up to here
+  bool takingSnapshot = false;
+  uint64_t reports = 0;
+};
+
+// Called on the reactor with the activity lock held.
+struct SubscriberObserver {
+  // A group of reports, checked for form only.
+  std::function<void(std::span<const Report>)> reports;
+  // Every attached subscriber has all changes up to `sequence`, those without a report included.
+  std::function<void(uint64_t sequence)> inStep;
+  // The number of attached subscribers, each time that it changes.
+  std::function<void(size_t)> attached;
+  // An attached subscriber has gone.
+  std::function<void(const SubscriberInfo&)> left;
+};
+
+}  // namespace Lattice
