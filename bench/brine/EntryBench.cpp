@@ -102,7 +102,8 @@ void entryInFilledTable(benchmark::State& state) {
       benchmark::Counter(static_cast<double>(state.iterations() * batchSize),
                          benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
   state.counters["bytesPerEntry"] =
-      static_cast<double>(filled.bytesUsed()) / (state.range(0) + state.iterations() * batchSize);
+      static_cast<double>(filled.bytesUsed()) /
+      static_cast<double>(state.range(0) + state.iterations() * batchSize);
 }
 BENCHMARK(entryInFilledTable)
     ->ArgName("entries")

@@ -178,7 +178,8 @@ TEST_F(TableDumpTest, ADamagedStoreEndsWithAnErrorThatNamesIt) {
     SCOPED_TRACE(round);
     std::string flipped = whole;
     for (size_t hits = 1 + random() % 3; hits > 0; --hits) {
-      flipped[random() % size] ^= static_cast<char>(1 + random() % 255);
+      char& byte = flipped[random() % size];
+      byte = static_cast<char>(byte ^ (1 + random() % 255));
     }
     std::ofstream(file, std::ios::binary) << flipped;
     const CommandResult result = TestSupport::run(
