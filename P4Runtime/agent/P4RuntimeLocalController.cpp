@@ -40,17 +40,17 @@ int P4RuntimeLocalController::setForwardingPipelineConfigRequest(
   PIGrpcServerWaitStarted(secondsToStart);  // which makes the token
   const OwnConnectionTaken taken;
   const auto deadline = std::chrono::system_clock::now() + patience_;
-  grpc::Status status = pushed(request, deadline);
+  grpc::Status status = push(request, deadline);
   while (status.error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED &&
          std::chrono::system_clock::now() + pause < deadline) {
     std::this_thread::sleep_for(pause);  // the server is busy with what others sent
-    status = pushed(request, deadline);
+    status = push(request, deadline);
   }
   requireOk(status);
   return 0;
 }
 
-grpc::Status P4RuntimeLocalController::pushed(
+grpc::Status P4RuntimeLocalController::push(
     const p4::v1::SetForwardingPipelineConfigRequest& request,
     std::chrono::system_clock::time_point deadline) {
   grpc::ClientContext context;

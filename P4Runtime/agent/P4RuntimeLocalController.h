@@ -23,8 +23,8 @@ class P4RuntimeLocalController {
   int getForwardingPipelineConfigRequest(const p4::v1::GetForwardingPipelineConfigRequest& request);
 
  private:
-  grpc::Status pushed(const p4::v1::SetForwardingPipelineConfigRequest& request,
-                      std::chrono::system_clock::time_point deadline);
+  grpc::Status push(const p4::v1::SetForwardingPipelineConfigRequest& request,
+                    std::chrono::system_clock::time_point deadline);
 
   const std::unique_ptr<p4::v1::P4Runtime::Stub> stub_;
   const std::chrono::milliseconds patience_;

@@ -239,7 +239,7 @@ TEST_F(ServerInitTest, RestoreThatFailsCostsNothingAndIsDoneAgainOnRevert) {
   EXPECT_EQ(agent().frontEnd.members.size(), 1u);
   EXPECT_EQ(agent().frontEnd.restored.front().indirectHandle, member);
   EXPECT_EQ(agent().rowCount(groupTable), 1u);
-  EXPECT_NE(agent().added(exactEntry(1)), 0u);
+  EXPECT_NE(agent().program(exactEntry(1)), 0u);
 }
 
 TEST_F(ServerInitTest, MissingServerBreaksAnInvariant) {
@@ -331,7 +331,7 @@ TEST_F(ServerInitTest, FailedConstantEntryIsKeptForOperators) {
   forwarder().programNext();
   EXPECT_EQ(agent().tableImpl->failures()->failedEntries(), 1u);
   EXPECT_THAT(agent().tableImpl->failures()->list(), testing::HasSubstr("table constant, type="));
-  EXPECT_NE(agent().added(exactEntry(1)), 0u) << "and no write is taken for it";
+  EXPECT_NE(agent().program(exactEntry(1)), 0u) << "and no write is taken for it";
 }
 
 TEST_F(ServerInitTest, ConstantEntryThatCannotBeAddedKeepsNoOtherFromIt) {
@@ -347,7 +347,7 @@ TEST_F(ServerInitTest, ConstantEntryThatCannotBeAddedKeepsNoOtherFromIt) {
 
 // Disabled while its pipeline was pushed: without tables, every record would look unusable.
 TEST_F(ServerInitTest, WithoutItsTablesNothingIsRestoredAndNothingRemoved) {
-  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(1));
   restart();
   agent().tableInfo->cleanupRequestIdInc(1);
   serverReady();

@@ -97,7 +97,7 @@ TEST_F(SystemConfigTest, EveryOrderOfEventsEndsAsTheLastWordSays) {
 }
 
 TEST_F(SystemConfigTest, WithoutPluginsADisableIsCompleteAtOnce) {
-  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(1));
   enabledIs(false);
   EXPECT_EQ(picture(), "disabled exit cleanup 0 disable 1");
   EXPECT_FALSE(ready());
@@ -117,12 +117,12 @@ TEST_F(SystemConfigTest, NothingIsDisabledThatWasNotEnabled) {
   agent().settle();
   EXPECT_EQ(picture(), "enabled cleanup 0 disable 0");
   EXPECT_TRUE(ready());
-  EXPECT_NE(agent().added(exactEntry(1)), 0u);
+  EXPECT_NE(agent().program(exactEntry(1)), 0u);
 }
 
 // Its answer, and what it needs to be put back, come before anything is let go.
 TEST_F(SystemConfigTest, WriteInProgressIsSettledFirst) {
-  agent().added(exactEntry(1, 5));
+  agent().program(exactEntry(1, 5));
   const std::string former = *agent().row("exact");
   for (const bool enabledAgain : {true, false}) {
     SCOPED_TRACE(enabledAgain);
@@ -149,7 +149,7 @@ TEST_F(SystemConfigTest, WriteInProgressIsSettledFirst) {
 }
 
 TEST_F(SystemConfigTest, CachesAreLetGoOnlyWhenTheBatchHasItsOutcome) {
-  const uint64_t handle = agent().added(exactEntry(1, 5));
+  const uint64_t handle = agent().program(exactEntry(1, 5));
   agent().begin();
   agent().add(0, exactEntry(1, 6));
   agent().end();

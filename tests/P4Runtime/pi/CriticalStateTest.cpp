@@ -89,7 +89,7 @@ TEST_F(CriticalStateTest, BatchThatIsOpenWritesNoMore) {
 }
 
 TEST_F(CriticalStateTest, ExceptionWithoutEntryRecordsItsErrorOnly) {
-  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(1));
   agent().begin();
   agent().add(0, exactEntry(1, 9));
   EXPECT_EQ(P4RuntimeException::handleException({"refused", 0, 3, ErrorCode::alreadyExists}),

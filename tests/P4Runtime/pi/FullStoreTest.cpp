@@ -23,8 +23,8 @@ TEST_F(FullStoreTest, BatchThatDoesNotFitNeverWas) {
   agent().batchStatus->batchTimeoutIs(3600);  // nobody has to wait for it either
   Entry old = exactEntry(1, 5);
   old.metadata = "old";
-  const uint64_t changed = agent().added(old);
-  const uint64_t deleted = agent().added(exactEntry(2));
+  const uint64_t changed = agent().program(old);
+  const uint64_t deleted = agent().program(exactEntry(2));
   const uint64_t before = agent().lastSequence();
   agent().frontEnd.settled.clear();
   for (const char* once : {"once", "and again"}) {
@@ -61,8 +61,8 @@ TEST_F(FullStoreTest, BatchThatDoesNotFitNeverWas) {
 TEST_F(FullStoreTest, FailedUpdatesArePutBackThoughNothingElseFits) {
   Entry old = exactEntry(1, 5);
   old.metadata = "old";
-  const uint64_t changed = agent().added(old);
-  const uint64_t deleted = agent().added(exactEntry(2));
+  const uint64_t changed = agent().program(old);
+  const uint64_t deleted = agent().program(exactEntry(2));
   agent().begin();
   agent().add(0, exactEntry(1, 6));
   agent().del(1, exactEntry(2));
@@ -86,8 +86,8 @@ TEST_F(FullStoreTest, FailedUpdatesArePutBackThoughNothingElseFits) {
 
 // The controller hears that it failed; the tables must not say otherwise without anybody knowing.
 TEST_F(FullStoreTest, UndoingThatCannotBeStoredIsCriticalUntilItCan) {
-  const uint64_t changed = agent().added(exactEntry(1, 5));
-  const uint64_t deleted = agent().added(exactEntry(2));
+  const uint64_t changed = agent().program(exactEntry(1, 5));
+  const uint64_t deleted = agent().program(exactEntry(2));
   agent().begin();
   agent().add(0, exactEntry(1, 6));
   agent().del(1, exactEntry(2));
@@ -121,7 +121,7 @@ TEST_F(FullStoreTest, UndoingThatCannotBeStoredIsCriticalUntilItCan) {
 
 // What is lost in a commit that nobody looks at is no trace in a log.
 TEST_F(FullStoreTest, LossesOfCommitsThatNobodyLooksAtAreTold) {
-  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(1));
   agent().database->lossHandlerIs([this](const std::string&) { ++losses_; });
   agent().outgrowStore();
   EXPECT_EQ(losses_, 0) << "no row was changed";
@@ -139,7 +139,7 @@ TEST_F(FullStoreTest, LossesOfCommitsThatNobodyLooksAtAreTold) {
 }
 
 TEST_F(FullStoreTest, WritesThatCameBeforeTheBatchStand) {
-  agent().added(exactEntry(1));
+  agent().program(exactEntry(1));
   agent().begin();
   agent().add(0, exactEntry(1, 9));
   agent().end();

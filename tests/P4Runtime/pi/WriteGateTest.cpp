@@ -51,7 +51,7 @@ TEST_F(WriteGateTest, LetsTheWriteInProgressSettleAndOpensWhenTheLastCloserDoes)
   open(server);
   EXPECT_EQ(level(), 2u);
   EXPECT_EQ(TheWriteGate()->closedFor(), "");
-  EXPECT_NE(agent().added(exactEntry(2)), 0u);
+  EXPECT_NE(agent().program(exactEntry(2)), 0u);
 }
 
 TEST_F(WriteGateTest, CriticalStateComesAndGoesBehindAClosedGate) {

@@ -52,7 +52,7 @@ TEST_F(P4TableInfoSmTest, BringsUpEveryTable) {
 }
 
 TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
-  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(1));
   const std::string path = agent().directory + "/bad";
   const std::string pipe = agent().directory + "/pipe";
   const std::string huge = agent().directory + "/huge";
@@ -186,7 +186,7 @@ TEST_F(P4TableInfoSmTest, BrokenDeviceConfigurationLeavesTheRunningPipelineAlone
 
 // Rows that controllers wrote must not keep the next start from serving.
 TEST_F(P4TableInfoSmTest, QueryThatFailsAtTheRowsThereAreIsNoFailure) {
-  agent().added(exactEntry(1));
+  agent().program(exactEntry(1));
   deviceConfigIs("\"queries\": []", R"("queries": [
       {"output_table_path": "out", "output_table_type": "exact_type",
        "query": "SELECT * FROM e WHERE abs(ether_type * 0 - 9223372036854775807 - 1) > 0",
@@ -262,7 +262,7 @@ TEST_F(P4TableInfoSmTest, ConstantEntriesThatCannotBeProgrammedAreLeftOut) {
 }
 
 TEST_F(P4TableInfoSmTest, NewPipelineStartsFromNothing) {
-  agent().added(exactEntry(1));
+  agent().program(exactEntry(1));
   agent().pipelineIs(pipelineOf(replaced(smallP4Info(), "size: 4", "size: 9"), smallDeviceConfig()),
                      "next");
   EXPECT_TRUE(ready());

@@ -267,7 +267,7 @@ StatusVector AgentParts::outcome() {
   return statuses;
 }
 
-uint64_t AgentParts::added(const Entry& entry) {
+uint64_t AgentParts::program(const Entry& entry) {
   begin();
   add(0, entry);
   end();
@@ -275,7 +275,7 @@ uint64_t AgentParts::added(const Entry& entry) {
   return outcome().empty() ? lastHandle : 0;
 }
 
-void AgentParts::deleted(const Entry& entry) {
+void AgentParts::remove(const Entry& entry) {
   begin();
   del(0, entry);
   end();

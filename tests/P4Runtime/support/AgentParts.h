@@ -100,9 +100,10 @@ class AgentParts {
   void updateIs(uint32_t offset, uint32_t controllerId = 0, std::string_view metadata = {});
   // What is left in the status vector of the batch's updates.
   P4Runtime::StatusVector outcome();
-  // A batch of its own for each, programmed and settled.
-  uint64_t added(const Entry& entry);
-  void deleted(const Entry& entry);
+  // A batch of its own for each, programmed and settled. program() returns the handle; 0: it
+  // failed.
+  uint64_t program(const Entry& entry);
+  void remove(const Entry& entry);
 
   const std::string* row(const std::string& table);  // the only row's value; null when none
   size_t rowCount(uint32_t table);

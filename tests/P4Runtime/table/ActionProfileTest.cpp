@@ -20,33 +20,33 @@ constexpr pi_dev_tgt_t target{1, 0xffff};
 class ActionProfileTest : public AgentTest {
  protected:
   // The calls of a batch, in the update that agent().updateIs() named last.
-  static uint64_t memberCreated(uint8_t port) {
+  static uint64_t createMember(uint8_t port) {
     uint64_t handle = 0;
     withAction(port, [&](const pi_action_data_t& action) {
       return _pi_act_prof_mbr_create(0, target, profile, &action, &handle);
     });
     return handle;
   }
-  static pi_status_t memberModified(uint64_t handle, uint8_t port) {
+  static pi_status_t modifyMember(uint64_t handle, uint8_t port) {
     return withAction(port, [&](const pi_action_data_t& action) {
       return _pi_act_prof_mbr_modify(0, 1, profile, handle, &action);
     });
   }
-  static pi_status_t memberDeleted(uint64_t handle) {
+  static pi_status_t deleteMember(uint64_t handle) {
     return _pi_act_prof_mbr_delete(0, 1, profile, handle);
   }
-  static uint64_t groupCreated() {
+  static uint64_t createGroup() {
     uint64_t handle = 0;
     _pi_act_prof_grp_create(0, target, profile, 0, &handle);
     return handle;
   }
-  static pi_status_t groupDeleted(uint64_t handle) {
+  static pi_status_t deleteGroup(uint64_t handle) {
     return _pi_act_prof_grp_delete(0, 1, profile, handle);
   }
-  static pi_status_t added(uint64_t group, uint64_t member) {
+  static pi_status_t addToGroup(uint64_t group, uint64_t member) {
     return _pi_act_prof_grp_add_mbr(0, 1, profile, group, member);
   }
-  static pi_status_t removed(uint64_t group, uint64_t member) {
+  static pi_status_t removeFromGroup(uint64_t group, uint64_t member) {
     return _pi_act_prof_grp_remove_mbr(0, 1, profile, group, member);
   }
   static Entry entryTo(uint64_t handle, uint8_t id = 3) {
@@ -56,7 +56,7 @@ class ActionProfileTest : public AgentTest {
   }
 
   // A batch that the forwarding agents confirm.
-  StatusVector done(const std::function<void()>& calls) {
+  StatusVector runBatch(const std::function<void()>& calls) {
     agent().begin();
     calls();
     agent().end();
@@ -65,18 +65,18 @@ class ActionProfileTest : public AgentTest {
   }
   uint64_t member(uint32_t id, uint8_t port) {
     uint64_t handle = 0;
-    done([&] {
+    runBatch([&] {
       agent().updateIs(0, id, "of the member");
-      handle = memberCreated(port);
+      handle = createMember(port);
     });
     return handle;
   }
   uint64_t group(uint32_t id, const std::vector<uint64_t>& members) {
     uint64_t handle = 0;
-    done([&] {
+    runBatch([&] {
       agent().updateIs(0, id, "of the group");
-      handle = groupCreated();
-      for (const uint64_t one : members) added(handle, one);
+      handle = createGroup();
+      for (const uint64_t one : members) addToGroup(handle, one);
     });
     return handle;
   }
@@ -139,11 +139,11 @@ TEST_F(ActionProfileTest, RowsAreKeyedByTheLowerHalvesOfHandles) {
   EXPECT_EQ(forwarder().rows().at({"profile_group", bytes("00000001")}),
             bytes("03000000 01000000 02000000 01000000"));
 
-  EXPECT_THAT(done([&] { memberModified(first, 7); }), IsEmpty());
+  EXPECT_THAT(runBatch([&] { modifyMember(first, 7); }), IsEmpty());
   EXPECT_EQ(forwarder().rows().at({"profile_member", bytes("00000001")}), bytes("01000001 0700"));
-  done([&] {
+  runBatch([&] {
     agent().updateIs(0);
-    removed(both, first);  // one of the two
+    removeFromGroup(both, first);  // one of the two
   });
   EXPECT_EQ(forwarder().rows().at({"profile_group", bytes("00000001")}),
             bytes("02000000 02000000 01000000"));
@@ -155,16 +155,16 @@ TEST_F(ActionProfileTest, GroupIsThereAtOnceAndHasARowFromItsFirstMemberOn) {
   const uint64_t empty = group(1, {});
   EXPECT_TRUE(agent().handles->groupHandleToEntryHandleHas(empty));
   EXPECT_EQ(agent().lastSequence(), before) << "there is nothing to program";
-  const auto left = done([&] {
+  const auto left = runBatch([&] {
     agent().updateIs(4);
-    removed(empty, one);
+    removeFromGroup(empty, one);
   });
   ASSERT_THAT(left, ElementsAre(FailedWith(4, INVALID_ARGUMENT)));
   EXPECT_EQ(left[0].second.message(), "group id 1 not found, cannot delete");
 
-  EXPECT_THAT(done([&] {
+  EXPECT_THAT(runBatch([&] {
                 agent().updateIs(0);
-                added(empty, one);
+                addToGroup(empty, one);
               }),
               IsEmpty());
   EXPECT_EQ(forwarder().rows().count({"profile_group", bytes("00000001")}), 1u);
@@ -176,10 +176,10 @@ TEST_F(ActionProfileTest, GroupLivesItsLifeInOneBatchOrInFour) {
   const uint64_t one = member(1, 5);
   const std::string before = picture();
   uint64_t handle = 0;
-  const std::function<void()> steps[] = {[&] { handle = groupCreated(); },
-                                         [&] { added(handle, one); }, [&] { removed(handle, one); },
-                                         [&] { groupDeleted(handle); }};
-  EXPECT_THAT(done([&] {
+  const std::function<void()> steps[] = {
+      [&] { handle = createGroup(); }, [&] { addToGroup(handle, one); },
+      [&] { removeFromGroup(handle, one); }, [&] { deleteGroup(handle); }};
+  EXPECT_THAT(runBatch([&] {
                 for (uint32_t offset = 0; offset < 4; ++offset) {
                   agent().updateIs(offset, 1);
                   steps[offset]();
@@ -189,7 +189,7 @@ TEST_F(ActionProfileTest, GroupLivesItsLifeInOneBatchOrInFour) {
   EXPECT_EQ(picture(), before);
   EXPECT_THAT(handlesInUse(), ElementsAre(one));
   for (const auto& step : steps) {
-    EXPECT_THAT(done([&] {
+    EXPECT_THAT(runBatch([&] {
                   agent().updateIs(0, 1);
                   step();
                 }),
@@ -206,44 +206,44 @@ TEST_F(ActionProfileTest, FailedUpdateLeavesEverythingAsItWas) {
   const uint64_t two = member(2, 6);
   const uint64_t held = group(1, {one, two});
   const uint64_t empty = group(2, {});
-  done([&] { agent().add(0, entryTo(held)); });
+  runBatch([&] { agent().add(0, entryTo(held)); });
   const struct {
     const char* what;
     size_t changes;
     std::function<void()> calls;
   } cases[] = {
-      {"member create", 1, [&] { memberCreated(9); }},
-      {"member modify", 1, [&] { memberModified(one, 9); }},
-      {"member delete", 1, [&] { memberDeleted(two); }},
+      {"member create", 1, [&] { createMember(9); }},
+      {"member modify", 1, [&] { modifyMember(one, 9); }},
+      {"member delete", 1, [&] { deleteMember(two); }},
       {"group create", 1,
        [&] {
-         const uint64_t made = groupCreated();
-         for (const uint64_t member : {one, one, two}) added(made, member);
+         const uint64_t made = createGroup();
+         for (const uint64_t member : {one, one, two}) addToGroup(made, member);
        }},
-      {"group grows", 1, [&] { added(held, one); }},
-      {"empty group grows", 1, [&] { added(empty, one); }},
-      {"group is emptied", 1, [&] { removed(held, one), removed(held, two); }},
-      {"group delete", 1, [&] { groupDeleted(held); }},
-      {"empty group delete", 1, [&] { groupDeleted(empty); }},
-      {"group made and deleted", 1, [&] { groupDeleted(groupCreated()); }},
+      {"group grows", 1, [&] { addToGroup(held, one); }},
+      {"empty group grows", 1, [&] { addToGroup(empty, one); }},
+      {"group is emptied", 1, [&] { removeFromGroup(held, one), removeFromGroup(held, two); }},
+      {"group delete", 1, [&] { deleteGroup(held); }},
+      {"empty group delete", 1, [&] { deleteGroup(empty); }},
+      {"group made and deleted", 1, [&] { deleteGroup(createGroup()); }},
       {"kept bytes and members change", 1,
        [&] {
-         added(held, one);
+         addToGroup(held, one);
          _pi_act_prof_grp_metadata_set(0, 1, profile, held);
        }},
       {"several objects in one update", 4,
        [&] {
-         const uint64_t first = memberCreated(7);
-         const uint64_t second = memberCreated(8);
-         const uint64_t made = groupCreated();
-         added(made, first), added(made, second);
+         const uint64_t first = createMember(7);
+         const uint64_t second = createMember(8);
+         const uint64_t made = createGroup();
+         addToGroup(made, first), addToGroup(made, second);
          agent().add(0, entryTo(made, 4));
        }},
       {"several deletions in one update", 3,
        [&] {
          agent().del(0, entryTo(held));
-         groupDeleted(held);
-         memberDeleted(two);
+         deleteGroup(held);
+         deleteMember(two);
        }},
   };
   const std::string before = picture();
@@ -280,7 +280,7 @@ TEST_F(ActionProfileTest, SilenceOnPartOfAFailedUpdateIsCriticalAllTheSame) {
   const std::string before = picture();
   agent().begin();
   agent().updateIs(0);
-  for (const uint8_t port : {1, 2, 3}) memberCreated(port);
+  for (const uint8_t port : {1, 2, 3}) createMember(port);
   agent().end();
   forwarder().failNext(ErrorCode::hardwareError);
   forwarder().ignoreNext();
@@ -294,11 +294,11 @@ TEST_F(ActionProfileTest, SilenceOnPartOfAFailedUpdateIsCriticalAllTheSame) {
 TEST_F(ActionProfileTest, RefusalInTheMiddleOfAnUpdateUndoesItsEarlierCalls) {
   for (uint8_t id = 1; id < 16; ++id) member(id, id);
   const std::string before = picture();
-  const auto left = done([&] {
+  const auto left = runBatch([&] {
     agent().updateIs(2, 0, "set");
-    const uint64_t made = groupCreated();
-    added(made, memberCreated(1));
-    memberCreated(2);  // the profile holds sixteen
+    const uint64_t made = createGroup();
+    addToGroup(made, createMember(1));
+    createMember(2);  // the profile holds sixteen
   });
   ASSERT_THAT(left, ElementsAre(FailedWith(2, RESOURCE_EXHAUSTED)));
   EXPECT_EQ(left[0].second.message(), "table id 285212673 size limit reached");
@@ -306,9 +306,9 @@ TEST_F(ActionProfileTest, RefusalInTheMiddleOfAnUpdateUndoesItsEarlierCalls) {
   EXPECT_EQ(handlesInUse().size(), 15u);
 
   member(16, 1);
-  EXPECT_THAT(done([&] {
+  EXPECT_THAT(runBatch([&] {
                 agent().updateIs(0);
-                memberModified(1, 77);  // no new row
+                modifyMember(1, 77);  // no new row
               }),
               IsEmpty());
 }
@@ -317,9 +317,9 @@ TEST_F(ActionProfileTest, GroupHoldsAsManyMembersAsItsRecord) {
   const uint64_t one = member(1, 5);
   const uint64_t full = group(1, std::vector<uint64_t>(2048, one));
   ASSERT_EQ(forwarder().rows().at({"profile_group", bytes("00000001")}).size(), 4 + 2048 * 4u);
-  const auto left = done([&] {
+  const auto left = runBatch([&] {
     agent().updateIs(0);
-    added(full, one);
+    addToGroup(full, one);
   });
   EXPECT_THAT(left, ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED)));
   EXPECT_EQ(forwarder().rows().at({"profile_group", bytes("00000001")}).size(), 4 + 2048 * 4u);
@@ -329,7 +329,7 @@ TEST_F(ActionProfileTest, StoreThatTakesNothingFailsTheGroupThatNeedsNoForwarder
   const std::string before = picture();
   agent().begin();
   agent().updateIs(0, 1);
-  groupCreated();
+  createGroup();
   agent().outgrowStore();
   agent().end();
   EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED)));
@@ -345,7 +345,7 @@ TEST_F(ActionProfileTest, HandlesOfTheOtherKindOrOfNoneStopTheProcess) {
   EXPECT_DEATH(agent().tableImpl->actionProfileMemberEntryDelete(profile, 0), "memberId > 0");
   EXPECT_DEATH(agent().tableImpl->actionProfileGroupEntryDelete(profile, uint64_t{1} << 32),
                "groupId > 0");
-  EXPECT_DEATH(groupDeleted(uint64_t{1} << 32 | 77), "groupHandleToEntryHandleHas");
+  EXPECT_DEATH(deleteGroup(uint64_t{1} << 32 | 77), "groupHandleToEntryHandleHas");
 }
 
 TEST_F(ActionProfileTest, FetchLaysMembersAndGroupsOutWithoutPadding) {
@@ -378,7 +378,7 @@ TEST_F(ActionProfileTest, RestartBringsAllBackWithoutATrace) {
   const uint64_t hidden = member(0, 6);
   const uint64_t both = group(9, {hidden, first, first});
   const uint64_t empty = group(10, {});
-  done([&] { agent().add(0, entryTo(both)); });
+  runBatch([&] { agent().add(0, entryTo(both)); });
   const std::string before = picture();
   const uint64_t sequence = agent().lastSequence();
   restart();
@@ -421,7 +421,7 @@ TEST_F(ActionProfileTest, RecordOfAMemberThatCannotBeRestoredStopsNoOther) {
 TEST_F(ActionProfileTest, WhatThePipelineHasNoPlaceForGoesWithItsRows) {
   const uint64_t first = member(1, 5);
   const uint64_t held = group(1, {first});
-  done([&] { agent().add(0, entryTo(held)); });
+  runBatch([&] { agent().add(0, entryTo(held)); });
   restart(pipelineOf(replaced(smallP4Info(),
                               "match_type: EXACT } action_refs { id: 0x01000001 } }\ntables { "
                               "preamble { id: 0x02000008",

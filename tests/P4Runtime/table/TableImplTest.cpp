@@ -81,7 +81,7 @@ TEST_F(TableImplTest, DirectMeterAndCounterStandInTheRow) {
   const pi_direct_res_config_t direct{2, configs};
   Entry entry{meteredTable, bytes("00000009"), setDmac, bytes("665544332211")};
   entry.direct = &direct;
-  ASSERT_NE(agent().added(entry), 0u);
+  ASSERT_NE(agent().program(entry), 0u);
   EXPECT_EQ(*agent().row("metered"),
             bytes("04000001 665544332211"
                   "01 0100000000000000 0200000000000000 0300000000000000 0400000000000000"
@@ -166,7 +166,7 @@ TEST_F(TableImplTest, DeleteOfWhatIsNotThereIsRefused) {
 }
 
 TEST_F(TableImplTest, FullTableRefusesNewEntriesOnly) {
-  for (uint8_t id = 0; id < 4; ++id) ASSERT_NE(agent().added(exactEntry(id)), 0u);
+  for (uint8_t id = 0; id < 4; ++id) ASSERT_NE(agent().program(exactEntry(id)), 0u);
   EXPECT_EQ(codeOfAdd(exactEntry(9)), RESOURCE_EXHAUSTED);
   EXPECT_EQ(message(), "table id 33554433 size limit reached");
   EXPECT_EQ(agent().handleOf(exactEntry(9)), 0u);
@@ -220,7 +220,7 @@ TEST_F(TableImplTest, ControllerMetadataIsKeptWithTheEntry) {
   Entry entry = exactEntry(1);
   entry.controllerMetadata = 0x1122334455667788;
   entry.metadata = "who asked for it";
-  const uint64_t handle = agent().added(entry);
+  const uint64_t handle = agent().program(entry);
   const CacheKey key{{tableResource, exactTable}, handle};
   EXPECT_EQ(agent().record(exactTable, handle)->controllerMetadata, entry.controllerMetadata);
   EXPECT_EQ(agent().tableImpl->cachedMetadata(key), entry.metadata);

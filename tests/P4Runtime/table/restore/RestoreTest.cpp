@@ -32,10 +32,10 @@ TEST_F(RestoreTest, UnchangedEntriesComeBackWithoutATrace) {
   Entry first = exactEntry(1, 5);
   first.metadata = "kept";
   first.controllerMetadata = 42;
-  const uint64_t handle = agent().added(first);
+  const uint64_t handle = agent().program(first);
   const Entry acl{aclTable, bytes("0a000000 ff000000 0050 ffff 06"), drop, "", 258};
-  const uint64_t aclHandle = agent().added(acl);
-  agent().added({.table = groupTable, .key = bytes("00000003"), .indirectHandle = 0x100000005});
+  const uint64_t aclHandle = agent().program(acl);
+  agent().program({.table = groupTable, .key = bytes("00000003"), .indirectHandle = 0x100000005});
   const uint64_t before = agent().lastSequence();
 
   restart();
@@ -52,7 +52,7 @@ TEST_F(RestoreTest, UnchangedEntriesComeBackWithoutATrace) {
   EXPECT_EQ(agent().frontEnd.restored[1].priority, 258u);
   EXPECT_EQ(agent().handleOf(acl), aclHandle);
   EXPECT_EQ(agent().tableImpl->numPendingEntries(), 0u);
-  EXPECT_GT(agent().added(exactEntry(2)), agent().frontEnd.restored[2].handle);
+  EXPECT_GT(agent().program(exactEntry(2)), agent().frontEnd.restored[2].handle);
   EXPECT_EQ(codeOfDelete(first), OK);
 }
 
@@ -61,10 +61,10 @@ TEST_F(RestoreTest, DirectMeterSettingsStandAsTheyWere) {
   pi_direct_res_config_one_t config{directMeter, &meter};
   const pi_direct_res_config_t direct{1, &config};
   Entry entry{meteredTable, bytes("00000008"), setDmac, bytes("665544332211")};
-  agent().added(entry);
+  agent().program(entry);
   entry.key = bytes("00000009");
   entry.direct = &direct;
-  agent().added(entry);
+  agent().program(entry);
   const std::string row = *agent().row("metered");
   const uint64_t before = agent().lastSequence();
   restart();
@@ -78,7 +78,7 @@ TEST_F(RestoreTest, DirectMeterSettingsStandAsTheyWere) {
 }
 
 TEST_F(RestoreTest, SizeLimitIsNotForRestoredEntries) {
-  for (uint8_t id = 0; id < 4; ++id) agent().added(exactEntry(id));
+  for (uint8_t id = 0; id < 4; ++id) agent().program(exactEntry(id));
   restart(pipelineOf(replaced(smallP4Info(), "size: 4", "size: 2"), smallDeviceConfig()));
   EXPECT_EQ(agent().frontEnd.restored.size(), 4u);
   EXPECT_EQ(agent().rowCount(exactTable), 4u);
@@ -87,7 +87,7 @@ TEST_F(RestoreTest, SizeLimitIsNotForRestoredEntries) {
 TEST_F(RestoreTest, BatchInTheAirWhenTheAgentDiedIsDoneWholly) {
   Entry deleted = exactEntry(1);
   deleted.metadata = "goes with it";
-  const uint64_t handle = agent().added(deleted);
+  const uint64_t handle = agent().program(deleted);
   agent().begin();
   agent().del(0, deleted);
   agent().add(1, exactEntry(2));
@@ -104,11 +104,11 @@ TEST_F(RestoreTest, BatchInTheAirWhenTheAgentDiedIsDoneWholly) {
 
 // Counts of forwarding agents that have ended stand under the handles of their time.
 TEST_F(RestoreTest, HandlesOfDeletedEntriesNeverComeAgain) {
-  agent().added(exactEntry(1));
-  uint64_t last = agent().added(exactEntry(2));
-  agent().deleted(exactEntry(2));
+  agent().program(exactEntry(1));
+  uint64_t last = agent().program(exactEntry(2));
+  agent().remove(exactEntry(2));
   restart();
-  const uint64_t next = agent().added(exactEntry(2));
+  const uint64_t next = agent().program(exactEntry(2));
   EXPECT_GT(next, last);
   last = next;
   agent().begin();  // a failed batch may be one whose reservation was not stored either
@@ -116,10 +116,10 @@ TEST_F(RestoreTest, HandlesOfDeletedEntriesNeverComeAgain) {
   agent().outgrowStore();
   agent().end();
   EXPECT_FALSE(agent().outcome().empty());
-  last = std::max(last, agent().added(exactEntry(3)));
-  agent().deleted(exactEntry(3));
+  last = std::max(last, agent().program(exactEntry(3)));
+  agent().remove(exactEntry(3));
   restart();
-  EXPECT_GT(agent().added(exactEntry(3)), last);
+  EXPECT_GT(agent().program(exactEntry(3)), last);
 
   // A deletion that a restart finishes, in a store without reservations.
   last = agent().lastHandle;
@@ -131,7 +131,7 @@ TEST_F(RestoreTest, HandlesOfDeletedEntriesNeverComeAgain) {
     agent().store->eraseAll(agent().store->table("p4runtime/handles"));
   }
   restart();
-  EXPECT_GT(agent().added(exactEntry(4)), last);
+  EXPECT_GT(agent().program(exactEntry(4)), last);
 }
 
 TEST_F(RestoreTest, BatchThatWasNotEndedNeverWas) {
@@ -143,7 +143,7 @@ TEST_F(RestoreTest, BatchThatWasNotEndedNeverWas) {
 }
 
 TEST_F(RestoreTest, RowsThatAreMissingAreWrittenAgain) {
-  agent().added(exactEntry(1));
+  agent().program(exactEntry(1));
   // The type differs by a blank, so that the table's rows are dropped.
   restart(pipelineOf(smallP4Info(),
                      replaced(smallDeviceConfig(), "key ether_type : U16", "key ether_type: U16")));
@@ -153,8 +153,8 @@ TEST_F(RestoreTest, RowsThatAreMissingAreWrittenAgain) {
 }
 
 TEST_F(RestoreTest, EntriesOfVanishedTablesGo) {
-  agent().added(exactEntry(1));
-  agent().added({route6Table, prefix("20010db8 00000000 00000000 00000001", 128), drop, ""});
+  agent().program(exactEntry(1));
+  agent().program({route6Table, prefix("20010db8 00000000 00000000 00000001", 128), drop, ""});
   // The table is there still under another id, so its row must go with the record.
   restart(pipelineOf(replaced(smallP4Info(), "id: 0x02000003", "id: 0x02000033"),
                      replaced(smallDeviceConfig(), "33554435", "33554483")));
@@ -173,7 +173,7 @@ TEST_F(RestoreTest, EntryThatTheFrontEndRefusesGoesWholly) {
       smallP4Info(), replaced(smallDeviceConfig(), "key ether_type : U16", "key ether_type: U16"));
   uint64_t handle = 0;
   for (const auto& pipeline : {smallPipeline(), otherType}) {
-    EXPECT_GT(agent().added(exactEntry(1)), handle) << "handles are not used twice all the same";
+    EXPECT_GT(agent().program(exactEntry(1)), handle) << "handles are not used twice all the same";
     handle = agent().lastHandle;
     start(pipeline);
     agent().frontEnd.refusal = PI_STATUS_INVALID_ENTRY_TYPE;
@@ -183,7 +183,7 @@ TEST_F(RestoreTest, EntryThatTheFrontEndRefusesGoesWholly) {
 }
 
 TEST_F(RestoreTest, RecordsThatMakeNoSenseGoAndTheOthersStay) {
-  const uint64_t good = agent().added(exactEntry(1));
+  const uint64_t good = agent().program(exactEntry(1));
   TableCacheEntry record = *agent().record(exactTable, good);
   const struct {
     const char* what;
@@ -231,8 +231,8 @@ TEST_F(RestoreTest, RecordsThatMakeNoSenseGoAndTheOthersStay) {
 
 // A flipped byte cost an entry without a word.
 TEST_F(RestoreTest, ADamagedRecordIsNamedWithTableAndKeyAndTheOthersStay) {
-  agent().added(exactEntry(1));
-  const uint64_t lost = agent().added(exactEntry(2));
+  agent().program(exactEntry(1));
+  const uint64_t lost = agent().program(exactEntry(2));
   const auto key = storedKey({{tableResource, exactTable}, lost});
   flipBehind(agent().directory + "/brine.mdb", {key.begin(), key.end()}, key.size() + 30);
   testing::internal::CaptureStderr();
@@ -244,7 +244,7 @@ TEST_F(RestoreTest, ADamagedRecordIsNamedWithTableAndKeyAndTheOthersStay) {
   EXPECT_EQ(agent().frontEnd.restored.size(), 1u);
   EXPECT_EQ(agent().rowCount(exactTable), 1u);
   EXPECT_EQ(agent().recordCount(), 1u);
-  EXPECT_GT(agent().added(exactEntry(2)), lost);
+  EXPECT_GT(agent().program(exactEntry(2)), lost);
   testing::internal::CaptureStderr();
   restart();
   EXPECT_THAT(testing::internal::GetCapturedStderr(), testing::Not(testing::HasSubstr("damaged")));
@@ -252,7 +252,7 @@ TEST_F(RestoreTest, ADamagedRecordIsNamedWithTableAndKeyAndTheOthersStay) {
 
 // Without its tables every record would look like one that the pipeline has no place for.
 TEST_F(RestoreTest, WithoutAReadyPipelineNothingIsTouched) {
-  agent().added(exactEntry(1));
+  agent().program(exactEntry(1));
   start();
   {
     const Vela::ActivityLock lock;
@@ -265,7 +265,7 @@ TEST_F(RestoreTest, WithoutAReadyPipelineNothingIsTouched) {
 }
 
 TEST_F(RestoreTest, RefusalThatMayPassRemovesNothing) {
-  agent().added(exactEntry(1));
+  agent().program(exactEntry(1));
   start();
   agent().frontEnd.refusal = PI_STATUS_INVALID_TABLE_OPERATION;  // no pipeline is being restored
   EXPECT_THROW(restore(), std::exception);
@@ -275,7 +275,7 @@ TEST_F(RestoreTest, RefusalThatMayPassRemovesNothing) {
 
 // A table that is not ready says nothing against the entries that belong there.
 TEST_F(RestoreTest, TableThatIsNotReadyCostsNoEntry) {
-  agent().added(exactEntry(1));
+  agent().program(exactEntry(1));
   start();
   {
     const Vela::ActivityLock lock;
@@ -291,7 +291,7 @@ TEST_F(RestoreTest, TableThatIsNotReadyCostsNoEntry) {
 
 // The committed row names a handle that nobody has; the one that the restore writes does not.
 TEST_F(RestoreTest, RowThatStoodUnderAnotherHandleStaysWithItsEntry) {
-  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(1));
   {
     const Vela::ActivityLock lock;
     const auto& rows = agent().tableInfo->latticeTableInterface({tableResource, exactTable});
@@ -304,8 +304,8 @@ TEST_F(RestoreTest, RowThatStoodUnderAnotherHandleStaysWithItsEntry) {
 
 // It would forward for good, and nobody could delete it.
 TEST_F(RestoreTest, RowThatNoEntryStandsForGoes) {
-  agent().added(exactEntry(1));
-  agent().added(exactEntry(2));
+  agent().program(exactEntry(1));
+  agent().program(exactEntry(2));
   {
     const Vela::ActivityLock lock;
     agent().tableImpl->tableCache()->cacheDel(
@@ -321,9 +321,9 @@ TEST_F(RestoreTest, RowThatNoEntryStandsForGoes) {
 // A forwarding agent that outlived the agent reports as soon as it is attached, which may be before
 // the entries are back.
 TEST_F(RestoreTest, FailuresReportedBeforeTheEntriesAreBackAreListedOnceTheyAre) {
-  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(1));
   const uint64_t handleSequence = agent().lastSequence();
-  const uint64_t mended = agent().added(exactEntry(2));
+  const uint64_t mended = agent().program(exactEntry(2));
   const uint64_t sequence = agent().lastSequence();
   start();
   const EntryFailures& failures = *agent().tableImpl->failures();
@@ -346,7 +346,7 @@ TEST_F(RestoreTest, FailuresReportedBeforeTheEntriesAreBackAreListedOnceTheyAre)
 }
 
 TEST_F(RestoreTest, CanBeDoneAgainInTheSameProcess) {
-  const uint64_t handle = agent().added(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(1));
   const uint64_t before = agent().lastSequence();
   restore();  // the server moved to another port
   EXPECT_EQ(agent().handleOf(exactEntry(1)), handle);

@@ -31,7 +31,7 @@ class FetchTest : public AgentTest {
 
 TEST_F(FetchTest, LaysEntriesOutWithoutPadding) {
   const uint64_t direct =
-      agent().added({meteredTable, bytes("00000009"), setDmac, bytes("665544332211")});
+      agent().program({meteredTable, bytes("00000009"), setDmac, bytes("665544332211")});
   EXPECT_EQ(fetched(meteredTable), number(direct, 8) + number(0, 4) + bytes("00000009") +
                                        number(1, 4) + number(setDmac, 4) + number(6, 4) +
                                        bytes("665544332211") + number(0, 8));
@@ -39,8 +39,8 @@ TEST_F(FetchTest, LaysEntriesOutWithoutPadding) {
   EXPECT_EQ(entries_, 1u);
   EXPECT_EQ(keySize_, 4u);
 
-  const uint64_t indirect =
-      agent().added({.table = groupTable, .key = bytes("00000003"), .indirectHandle = 0x100000005});
+  const uint64_t indirect = agent().program(
+      {.table = groupTable, .key = bytes("00000003"), .indirectHandle = 0x100000005});
   EXPECT_EQ(fetched(groupTable), number(indirect, 8) + number(0, 4) + bytes("00000003") +
                                      number(2, 4) + number(0x100000005, 8) + number(0, 8));
   EXPECT_EQ(fetched(groupTable).size(), 36u);
@@ -50,10 +50,10 @@ TEST_F(FetchTest, AnswersTheTableAskedForInTheOrderOfItsHandles) {
   std::string expected;
   for (const uint8_t id : {9, 1, 5}) {
     const Entry entry = exactEntry(id);
-    expected += number(agent().added(entry), 8) + number(0, 4) + entry.key + number(1, 4) +
+    expected += number(agent().program(entry), 8) + number(0, 4) + entry.key + number(1, 4) +
                 number(setPort, 4) + number(2, 4) + entry.data + number(0, 8);
   }
-  agent().added({aclTable, bytes("0a000000 ff000000 0050 ffff 06"), drop, "", 258});
+  agent().program({aclTable, bytes("0a000000 ff000000 0050 ffff 06"), drop, "", 258});
   EXPECT_EQ(fetched(exactTable), expected);
   EXPECT_EQ(fetched(aclTable).substr(8, 4), number(258, 4));
   for (const uint32_t empty : {route4Table, labelTable, 0u, 0x02ffffffu}) {
@@ -63,10 +63,10 @@ TEST_F(FetchTest, AnswersTheTableAskedForInTheOrderOfItsHandles) {
 }
 
 TEST_F(FetchTest, PassesOverWhatCannotBeAnEntry) {
-  const uint64_t good = agent().added(exactEntry(1));
-  const uint64_t damaged = agent().added(exactEntry(2));
-  const uint64_t foreign = agent().added(exactEntry(3));
-  const uint64_t tooLarge = agent().added(exactEntry(4));
+  const uint64_t good = agent().program(exactEntry(1));
+  const uint64_t damaged = agent().program(exactEntry(2));
+  const uint64_t foreign = agent().program(exactEntry(3));
+  const uint64_t tooLarge = agent().program(exactEntry(4));
   {
     const Vela::ActivityLock lock;
     TableCache& cache = *agent().tableImpl->tableCache();

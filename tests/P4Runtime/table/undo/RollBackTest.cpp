@@ -60,7 +60,7 @@ TEST_F(RollBackTest, FailedAddLeavesNothing) {
 }
 
 TEST_F(RollBackTest, FailedChangeLeavesTheOldEntry) {
-  const uint64_t handle = agent().added(old_);
+  const uint64_t handle = agent().program(old_);
   agent().begin();
   agent().add(0, changed_);
   agent().end();
@@ -72,7 +72,7 @@ TEST_F(RollBackTest, FailedChangeLeavesTheOldEntry) {
 }
 
 TEST_F(RollBackTest, FailedDeleteLeavesTheEntry) {
-  const uint64_t handle = agent().added(old_);
+  const uint64_t handle = agent().program(old_);
   agent().begin();
   agent().del(0, old_);
   agent().end();
@@ -84,7 +84,7 @@ TEST_F(RollBackTest, FailedDeleteLeavesTheEntry) {
 }
 
 TEST_F(RollBackTest, TimedOutBatchIsUndoneAndTheSwitchIsCritical) {
-  const uint64_t handle = agent().added(old_);
+  const uint64_t handle = agent().program(old_);
   agent().begin();
   agent().add(0, changed_);
   agent().add(1, exactEntry(2));
@@ -99,7 +99,7 @@ TEST_F(RollBackTest, TimedOutBatchIsUndoneAndTheSwitchIsCritical) {
   EXPECT_TRUE(agent().status->critical());
   EXPECT_EQ(agent().rowCount(exactTable), 2u);
   agent().tableImpl->revertCriticalState();
-  agent().deleted(exactEntry(2));
+  agent().remove(exactEntry(2));
   expectStands(old_, handle);
 }
 
@@ -114,7 +114,7 @@ TEST_F(RollBackTest, ReportAfterTheTimeOutChangesNothing) {
   forwarder().report(late, ErrorCode::none);
   agent().tableImpl->revertCriticalState();
 
-  const uint64_t handle = agent().added(old_);  // another batch, the same key
+  const uint64_t handle = agent().program(old_);  // another batch, the same key
   forwarder().report(late, ErrorCode::hardwareError);
   EXPECT_GT(handle, late.entryHandle);
   expectStands(old_, handle);
@@ -141,7 +141,7 @@ TEST_F(RollBackTest, WritesOfOneEntryInABatchShareOneFate) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    const uint64_t handle = c.existed ? agent().added(old_) : 0;
+    const uint64_t handle = c.existed ? agent().program(old_) : 0;
     agent().begin();
     const Entry first = exactEntry(1, 66);
     EXPECT_EQ(c.deletesFirst ? agent().del(0, first) : agent().add(0, first), PI_STATUS_SUCCESS);
@@ -160,7 +160,7 @@ TEST_F(RollBackTest, WritesOfOneEntryInABatchShareOneFate) {
     const bool remains = c.fails ? c.existed : !c.deletesLast;
     if (remains) expectStands(c.fails ? old_ : changed_, agent().handleOf(old_));
     EXPECT_TRUE(!c.existed || !remains || agent().handleOf(old_) == handle);
-    if (remains) agent().deleted(old_);
+    if (remains) agent().remove(old_);
     forwarder().programAll();
     expectEmpty(exactTable);
   }
@@ -168,14 +168,14 @@ TEST_F(RollBackTest, WritesOfOneEntryInABatchShareOneFate) {
 }
 
 TEST_F(RollBackTest, UnchangedEntryIsConfirmedLikeAnyOther) {
-  const uint64_t handle = agent().added(old_);
+  const uint64_t handle = agent().program(old_);
   EXPECT_EQ(codeOfAdd(old_), OK);
   expectStands(old_, handle);
 }
 
 // A record that is not confirmed yet when its entry is changed is no reason to forget the entry.
 TEST_F(RollBackTest, FailedChangeOfAnUnconfirmedEntryKeepsIt) {
-  const uint64_t handle = agent().added(old_);
+  const uint64_t handle = agent().program(old_);
   {
     const Vela::ActivityLock lock;
     auto record = *agent().tableImpl->tableCache()->cache({{tableResource, exactTable}, handle});
@@ -191,7 +191,7 @@ TEST_F(RollBackTest, FailedChangeOfAnUnconfirmedEntryKeepsIt) {
 }
 
 TEST_F(RollBackTest, FailureThatNoBatchWaitsForIsKeptUntilMended) {
-  const uint64_t handle = agent().added(old_);
+  const uint64_t handle = agent().program(old_);
   const EntryFailures& failures = *agent().tableImpl->failures();
   const RowChange restarted{"exact", "", "", false, handle, agent().lastSequence()};
   forwarder().report(restarted, ErrorCode::hardwareError, "parity error");
@@ -211,7 +211,7 @@ TEST_F(RollBackTest, FailureThatNoBatchWaitsForIsKeptUntilMended) {
                      ErrorCode::hardwareError);
   EXPECT_EQ(failures.failedEntries(), 1u);
   EXPECT_EQ(agent().metadataCount(), 1u);
-  agent().deleted(changed_);
+  agent().remove(changed_);
   EXPECT_EQ(failures.failedEntries(), 0u);
   EXPECT_EQ(agent().metadataCount(), 0u);
 }
@@ -235,7 +235,7 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
     EXPECT_EQ(failures.failedEntries(), 1u) << "a snapshot from before";
     if (mended[0] == 'r') forwarder().report(undoing, ErrorCode::none);
     if (mended[0] == 's') agent().tableImpl->handleInStep(undoing.sequence);
-    if (mended[0] == 'w') agent().added(changed_);
+    if (mended[0] == 'w') agent().program(changed_);
     EXPECT_EQ(failures.failedEntries(), 0u) << mended;
   }
 }
@@ -243,7 +243,7 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
 // Two forwarding agents disagree: the report of one leaves the other's as it is.
 TEST_F(RollBackTest, FailureBelongsToTheForwardingAgentThatReportedIt) {
   const EntryFailures& failures = *agent().tableImpl->failures();
-  const uint64_t handle = agent().added(old_);
+  const uint64_t handle = agent().program(old_);
   const auto said = [&](uint64_t by, uint64_t sequence, uint16_t code, bool settles) {
     const Vela::ActivityLock lock;
     const Lattice::Report report{handle, sequence, code, "", by, by == 1 ? "one" : "two", settles};
