@@ -50,14 +50,15 @@ class TableImpl : public BatchEntries {
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
   VELA_ATTRIBUTE(bool, tableSizeCheckEnabled, true)
   VELA_READONLY_ATTRIBUTE(bool, constTablesProgrammed, false)
-  // Counts the times that entries are to be restored once more; whoever restores them observes it.
+  // Counts the requests to restore the entries once more; the state machine that restores observes
+  // it.
   VELA_READONLY_ATTRIBUTE(uint32_t, restoreRequests, 0)
 
  public:
   P4TableInfo& tableInfo() const { return *tableInfo_; }
   P4HandleMgr& handleMgr() const { return *handleMgr_; }
 
-  // Add an entry, or change the one that is there. All return its handle.
+  // Add an entry, or change it if it exists. All return its handle.
   EntryHandle tableEntryAdd(const MatchKey& key, const ActionData& action,
                             const DirectResources& direct);
   EntryHandle indirectTableEntryAdd(const MatchKey& key, const MemberOrGroup& target,
@@ -94,8 +95,8 @@ class TableImpl : public BatchEntries {
   void entryCacheDel(const ResourceId& rid, EntryHandle handle);
   void restoreTableEntryOnFailure(EntryHandle handle) override;
 
-  // Gives what survived a restart back to the PI library and to the handle manager: members, then
-  // groups, then the entries that name them. See Restorer.
+  // Gives all that survived a restart back to the PI library and to the handle manager: members,
+  // then groups, then the entries that name them. See Restorer.
   void restoreCachedEntries();
   void restoreActionMemberCachedEntries();
   void restoreActionGroupCachedEntries();
@@ -119,11 +120,11 @@ class TableImpl : public BatchEntries {
   void clearPendingOperations() override;
   size_t numPendingEntries() const override;
   bool anyPutBack() const override;
-  // Commits what was put back. When the store cannot, the critical state begins: the tables then
-  // hold what was to be undone, until revertCriticalState() can put it back.
+  // Commits all that was put back. When the store cannot, the critical state begins: the tables
+  // then hold the failed entries, until revertCriticalState() can put them back.
   void commitPutBack() override;
-  // Commits what was restored and programmed outside a batch. Throws std::runtime_error with the
-  // reason when the store cannot.
+  // Commits all writes outside a batch: restored and constant entries. Throws std::runtime_error
+  // with the reason when the store cannot.
   void commitOrThrow();
 
   void validateKeySize(size_t bytes) const;
@@ -151,7 +152,7 @@ class TableImpl : public BatchEntries {
   size_t forgetReportsOf(uint64_t subscriber);
   // Every forwarding agent has taken a snapshot that shows `sequence`.
   void handleInStep(uint64_t sequence);
-  // What forwarding agents reported as failed when no batch was waiting for it.
+  // The failures that forwarding agents reported when no batch was waiting.
   const Vela::Ptr<EntryFailures>& failures() const { return failures_; }
   // The entries that came with the pipeline.
   ConstantEntries& constantEntries();

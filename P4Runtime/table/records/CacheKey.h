@@ -24,7 +24,7 @@ std::string toText(const CacheKey& key);
 // by resource and then by handle.
 std::array<uint8_t, 16> storedKey(const CacheKey& key);
 CacheKey cacheKeyOf(std::span<const uint8_t> storedKey);        // {} for a malformed key
-std::array<uint8_t, 8> storedKeyPrefix(const ResourceId& rid);  // what a resource's keys begin with
+std::array<uint8_t, 8> storedKeyPrefix(const ResourceId& rid);  // how a resource's keys begin
 
 }  // namespace P4Runtime
 

@@ -1,5 +1,5 @@
-// What the agent remembers of each table entry, action-profile member and group that it has
-// programmed: the records of the three entry caches.
+// The agent's record of truth about each table entry, action-profile member and group that it has
+// programmed; the three entry caches hold them.
 //
 // Packed, little-endian:
 //   table entry  key 16 (rid type u32, rid id u32, entryHandle u64) | entryState u32 |

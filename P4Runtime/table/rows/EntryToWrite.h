@@ -1,5 +1,5 @@
-// What an entry or member is made of, as the PI library gives it: bytes in PI encoding, which last
-// for the call.
+// The parts of an entry or member, as the PI library gives them: bytes in PI encoding, valid for
+// the call.
 #pragma once
 
 #include <cstdint>
