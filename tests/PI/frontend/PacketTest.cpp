@@ -4,6 +4,7 @@
 #include "PI/core/PacketCounts.h"
 #include "PI/pi.h"
 #include "tests/PI/frontend/support/FrontendTest.h"
+#include "tests/PI/support/RefusedWith.h"
 
 namespace pi::fe::proto {
 namespace {
@@ -12,6 +13,7 @@ using p4::v1::StreamMessageRequest;
 using p4::v1::StreamMessageResponse;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using TestSupport::RefusedWith;
 using namespace std::string_literals;
 
 StreamMessageRequest packetOut(const std::string& payload, const std::string& port = "\7") {
@@ -71,8 +73,7 @@ TEST_F(PacketTest, OutIsRefusedWithAWayOut) {
     SCOPED_TRACE(c.what);
     target.packetStatusIs(c.status);
     const Status status = device->streamMessage(packetOut("frame"));
-    EXPECT_EQ(status.code(), c.code);
-    EXPECT_THAT(status.message(), HasSubstr(c.message));
+    EXPECT_THAT(status, RefusedWith(c.code, c.message));
   }
 }
 
@@ -139,11 +140,10 @@ TEST_F(PacketTest, OtherStreamMessagesAreRefusedByName) {
   StreamMessageRequest request;
   EXPECT_EQ(device->streamMessage(request).code(), code::invalidArgument);
   request.mutable_digest_ack()->set_digest_id(0x17000001);
-  EXPECT_EQ(device->streamMessage(request).code(), code::unimplemented);
-  EXPECT_THAT(device->streamMessage(request).message(), HasSubstr("digests"));
+  EXPECT_THAT(device->streamMessage(request), RefusedWith(code::unimplemented, "digests"));
   request.mutable_digest_ack()->set_digest_id(test::kIpv4);
-  EXPECT_EQ(device->streamMessage(request).code(), code::invalidArgument);
-  EXPECT_THAT(device->streamMessage(request).message(), HasSubstr("table ingress.ipv4"));
+  EXPECT_THAT(device->streamMessage(request),
+              RefusedWith(code::invalidArgument, "table ingress.ipv4"));
   request.mutable_other()->set_type_url("x/y");
   EXPECT_EQ(device->streamMessage(request).code(), code::unimplemented);
 }

@@ -8,10 +8,12 @@
 #include "PI/server/Devices.h"
 #include "PI/server/Limits.h"
 #include "tests/PI/server/ServerFixture.h"
+#include "tests/PI/support/RefusedWith.h"
 
 namespace {
 
 using testing::HasSubstr;
+using TestSupport::RefusedWith;
 
 class LimitsTest : public ServerTest {
  protected:
@@ -57,16 +59,14 @@ TEST_F(LimitsTest, MessagesAreLimitedByCall) {
   auto read = readRequest();
   read.add_entities()->mutable_table_entry()->set_metadata(large);
   const grpc::Status tooLarge = readWith(read);
-  EXPECT_EQ(tooLarge.error_code(), StatusCode::RESOURCE_EXHAUSTED);
-  EXPECT_THAT(tooLarge.error_message(), HasSubstr("the ReadRequest has 52"));
+  EXPECT_THAT(tooLarge, RefusedWith(StatusCode::RESOURCE_EXHAUSTED, "the ReadRequest has 52"));
   EXPECT_THAT(tooLarge.error_message(), HasSubstr("send at most 4194304"));
 
   p4::v1::StreamMessageRequest packet;
   packet.mutable_packet()->set_payload(large);
   primary->send(packet);
   const grpc::Status ended = primary->ended();
-  EXPECT_EQ(ended.error_code(), StatusCode::RESOURCE_EXHAUSTED);
-  EXPECT_THAT(ended.error_message(), HasSubstr("the stream message has 52"));
+  EXPECT_THAT(ended, RefusedWith(StatusCode::RESOURCE_EXHAUSTED, "the stream message has 52"));
 }
 
 TEST_F(LimitsTest, OneReadDoesNotScanWithoutEnd) {
@@ -79,8 +79,8 @@ TEST_F(LimitsTest, OneReadDoesNotScanWithoutEnd) {
   EXPECT_TRUE(readWith(request).ok());
   request.add_entities()->mutable_action_profile_member();
   const grpc::Status status = readWith(request);
-  EXPECT_EQ(status.error_code(), StatusCode::RESOURCE_EXHAUSTED);
-  EXPECT_THAT(status.error_message(), HasSubstr("257 queries that each read a whole table"));
+  EXPECT_THAT(status, RefusedWith(StatusCode::RESOURCE_EXHAUSTED,
+                                  "257 queries that each read a whole table"));
 }
 
 // It would hold its place, a thread and its picture of the tables for good.
@@ -183,8 +183,7 @@ TEST_F(WritesInLineTest, AreLimited) {
   limits_.writes = 1;
   apply();
   const grpc::Status status = write(10);
-  EXPECT_EQ(status.error_code(), StatusCode::RESOURCE_EXHAUSTED);
-  EXPECT_THAT(status.error_message(), HasSubstr("1 Writes are under way"));
+  EXPECT_THAT(status, RefusedWith(StatusCode::RESOURCE_EXHAUSTED, "1 Writes are under way"));
   EXPECT_EQ(write(9).error_code(),
             StatusCode::PERMISSION_DENIED);  // by a client that may not write
   endOne();
@@ -234,8 +233,7 @@ TEST_F(WritesInLineTest, AreNotBegunOnceAHigherElectionIdHasCome) {
   EXPECT_EQ(primary->nextNotice(), StatusCode::ALREADY_EXISTS);
   endOne();
   const grpc::Status status = awaited(deposed, "the Write is refused");
-  EXPECT_EQ(status.error_code(), StatusCode::PERMISSION_DENIED);
-  EXPECT_THAT(status.error_message(), HasSubstr("a higher election id came"));
+  EXPECT_THAT(status, RefusedWith(StatusCode::PERMISSION_DENIED, "a higher election id came"));
   EXPECT_EQ(next.nextNotice(), StatusCode::OK);
   EXPECT_TRUE(write(11).ok());
   EXPECT_EQ(begun_, 2);

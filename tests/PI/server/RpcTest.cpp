@@ -7,6 +7,7 @@
 #include "PI/proto/pi_server.h"
 #include "google/rpc/status.pb.h"
 #include "tests/PI/server/ServerFixture.h"
+#include "tests/PI/support/RefusedWith.h"
 
 namespace {
 
@@ -15,7 +16,7 @@ using p4::v1::GetForwardingPipelineConfigResponse;
 using p4::v1::ReadRequest;
 using p4::v1::ReadResponse;
 using p4::v1::WriteRequest;
-using testing::HasSubstr;
+using TestSupport::RefusedWith;
 
 TEST_F(ServerTest, WriteChecksDeviceRolePrimaryPipelineAtomicityInThisOrder) {
   Controller primary(*stub_, deviceId_);
@@ -53,8 +54,7 @@ TEST_F(ServerTest, WriteChecksDeviceRolePrimaryPipelineAtomicityInThisOrder) {
     SCOPED_TRACE(c.what);
     c.spoil(request);
     const grpc::Status status = write(request);
-    EXPECT_EQ(status.error_code(), c.code);
-    EXPECT_THAT(status.error_message(), HasSubstr(c.message));
+    EXPECT_THAT(status, RefusedWith(c.code, c.message));
     EXPECT_EQ(status.error_details(), "");
   }
 }
@@ -70,8 +70,7 @@ TEST_F(ServerTest, AFailedUpdateComesWithOneErrorAnUpdate) {
   TheFakeDevice().onWrite = [&](const WriteRequest&) { return answer; };
 
   const grpc::Status status = write(writeRequest(10, 2));
-  EXPECT_EQ(status.error_code(), StatusCode::UNKNOWN);
-  EXPECT_EQ(status.error_message(), "1 of 2 updates failed");
+  EXPECT_THAT(status, RefusedWith(StatusCode::UNKNOWN, "1 of 2 updates failed"));
   google::rpc::Status details;
   ASSERT_TRUE(details.ParseFromString(status.error_details()));
   EXPECT_EQ(details.SerializeAsString(), answer.SerializeAsString());
@@ -82,8 +81,7 @@ TEST_F(ServerTest, AnErrorWithoutDetailsIsPlain) {
   const auto primary = served();
   TheFakeDevice().onWrite = [](const WriteRequest&) { return statusOf(9, "critical state"); };
   const grpc::Status status = write(10);
-  EXPECT_EQ(status.error_code(), StatusCode::FAILED_PRECONDITION);
-  EXPECT_EQ(status.error_message(), "critical state");
+  EXPECT_THAT(status, RefusedWith(StatusCode::FAILED_PRECONDITION, "critical state"));
   EXPECT_EQ(status.error_details(), "");
 }
 
@@ -96,8 +94,7 @@ TEST_F(ServerTest, WhatTheDeviceThrowsIsAnInternalErrorAndTheNextCallIsServed) {
     throw std::runtime_error("out of luck");
   };
   const grpc::Status status = write(10);
-  EXPECT_EQ(status.error_code(), StatusCode::INTERNAL);
-  EXPECT_THAT(status.error_message(), HasSubstr("out of luck"));
+  EXPECT_THAT(status, RefusedWith(StatusCode::INTERNAL, "out of luck"));
   TheFakeDevice().onWrite = nullptr;
   EXPECT_TRUE(write(10).ok());
   p4::v1::StreamMessageRequest packet;

@@ -5,12 +5,14 @@
 
 #include "PI/proto/pi_server.h"
 #include "tests/PI/server/ServerFixture.h"
+#include "tests/PI/support/RefusedWith.h"
 
 namespace {
 
 using p4::v1::StreamMessageRequest;
 using p4::v1::StreamMessageResponse;
 using testing::HasSubstr;
+using TestSupport::RefusedWith;
 
 StreamMessageRequest packetOut(const std::string& payload) {
   StreamMessageRequest request;
@@ -110,8 +112,7 @@ TEST_F(ServerTest, BadArbitrationEndsTheStream) {
     Controller controller(*stub_, deviceId_);
     c.send(controller);
     const grpc::Status status = controller.ended();
-    EXPECT_EQ(status.error_code(), c.code);
-    EXPECT_THAT(status.error_message(), HasSubstr(c.message));
+    EXPECT_THAT(status, RefusedWith(c.code, c.message));
   }
 }
 

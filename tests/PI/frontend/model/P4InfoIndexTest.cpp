@@ -8,12 +8,13 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "tests/PI/frontend/support/TestPipeline.h"
+#include "tests/PI/support/RefusedWith.h"
 
 namespace pi::fe::proto {
 namespace {
 
 using p4::config::v1::P4Info;
-using testing::HasSubstr;
+using TestSupport::RefusedWith;
 
 TEST(P4InfoIndex, RefusesWhatCannotBeRealised) {
   const struct {
@@ -94,8 +95,7 @@ TEST(P4InfoIndex, RefusesWhatCannotBeRealised) {
       const P4InfoIndex index(p4Info);
       ADD_FAILURE() << "not refused";
     } catch (const Refusal& refusal) {
-      EXPECT_EQ(refusal.code(), code::invalidArgument);
-      EXPECT_THAT(refusal.message(), HasSubstr(c.says));
+      EXPECT_THAT(refusal, RefusedWith(code::invalidArgument, c.says));
     }
   }
 }

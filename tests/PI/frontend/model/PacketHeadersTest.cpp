@@ -6,11 +6,13 @@
 #include <gtest/gtest.h>
 
 #include "PI/frontend/base/Refusal.h"
+#include "tests/PI/support/RefusedWith.h"
 
 namespace pi::fe::proto {
 namespace {
 
 using testing::HasSubstr;
+using TestSupport::RefusedWith;
 using namespace std::string_literals;
 
 struct Field {
@@ -236,8 +238,7 @@ TEST(PacketHeaders, RefusePacketOutsThatAreNotAsDeclared) {
       headers.packetOut(packetOf<p4::v1::PacketOut>(c.given, c.payload));
       ADD_FAILURE() << "not refused";
     } catch (const Refusal& refusal) {
-      EXPECT_EQ(refusal.code(), c.code);
-      EXPECT_THAT(refusal.message(), HasSubstr(c.message));
+      EXPECT_THAT(refusal, RefusedWith(c.code, c.message));
     }
   }
   EXPECT_EQ(PacketHeaders({}).packetOut(packetOf<p4::v1::PacketOut>({}, "raw")), "raw");

@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "tests/PI/frontend/support/FrontendTest.h"
+#include "tests/PI/support/RefusedWith.h"
 
 namespace pi::fe::proto {
 namespace {
@@ -12,6 +13,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 using testing::UnorderedElementsAre;
+using TestSupport::RefusedWith;
 
 class WriteTest : public FrontendTest {
  protected:
@@ -129,8 +131,8 @@ TEST_F(WriteTest, TimeoutIsDeadlineExceededAndStopsTheRestOfACriticalSwitch) {
               ElementsAre(code::deadlineExceeded, code::ok, code::failedPrecondition));
   EXPECT_THAT(test::errorsOf(status)[0].message(), HasSubstr("dst 0.0.1.0/24"));
   const Status refused = inserted(route(3));
-  EXPECT_EQ(refused.code(), code::failedPrecondition);
-  EXPECT_EQ(refused.message(), "WRITE operation is not allowed due to critical state");
+  EXPECT_THAT(refused, RefusedWith(code::failedPrecondition,
+                                   "WRITE operation is not allowed due to critical state"));
   EXPECT_THAT(found(test::query(test::kIpv4)),
               UnorderedElementsAre(EqualsProto(route(1, 5)), EqualsProto(route(2))));
 }
@@ -138,8 +140,7 @@ TEST_F(WriteTest, TimeoutIsDeadlineExceededAndStopsTheRestOfACriticalSwitch) {
 TEST_F(WriteTest, WithoutAForwardingAgentIsUnavailableAsFarAsNothingHasBeenRun) {
   target.batchStatusIs(PI_STATUS_NO_FORWARDING_AGENT);
   const Status status = written({remove(9), insert(1), insert(2)});
-  EXPECT_EQ(status.code(), code::unavailable);
-  EXPECT_THAT(status.message(), HasSubstr("no forwarding agent is attached"));
+  EXPECT_THAT(status, RefusedWith(code::unavailable, "no forwarding agent is attached"));
   EXPECT_THAT(found(test::query(test::kIpv4)), IsEmpty());
 
   target.batchStatusIs(PI_STATUS_SUCCESS);
