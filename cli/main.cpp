@@ -43,9 +43,8 @@ CLI::App* subcommand(CLI::App& app, const std::string& name) {
   return found.empty() ? nullptr : found.front();
 }
 
-// The first word that stands in a subcommand's place and is none, for which CLI11 would ask for
-// one.
-int unknownSubcommand(CLI::App& app, int argc, char** argv) {
+// Refuses a mistyped subcommand by name, since CLI11 would only ask for a subcommand. 0: no fault.
+int refuseUnknownSubcommand(CLI::App& app, int argc, char** argv) {
   std::string command = app.get_name();
   CLI::App* at = &app;
   for (int i = 1; i < argc && argv[i][0] != '-' && at->get_require_subcommand_min() > 0; ++i) {
@@ -75,7 +74,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_version_flag("--version", KORVEL_VERSION);
   addCommands(app);
-  if (const int status = unknownSubcommand(app, argc, argv); status != 0) return status;
+  if (const int status = refuseUnknownSubcommand(app, argc, argv); status != 0) return status;
   try {
     app.parse(argc, argv);
     return 0;

@@ -150,7 +150,7 @@ RoleKey roleOf(const PIGrpcServerElectionId_t& id) {
 void save(const PIGrpcServerElectionId_t* id, void* cookie) {
   auto& ids = *static_cast<ElectionIds*>(cookie);
   if (ids.idIs(roleOf(*id), {id->high, id->low})) return;
-  // The name comes from whoever may connect.
+  // Any client may choose the name, so it is printed as one plain line.
   fmt::print(stderr,
              "korvel: the state directory has no room for election id {} of role '{}'; it holds, "
              "but a restart may forget it until there is room\n",

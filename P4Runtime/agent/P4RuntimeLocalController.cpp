@@ -15,7 +15,8 @@ namespace {
 constexpr int secondsToStart = 10;
 constexpr std::chrono::milliseconds pause(100);
 
-// For a scope: whoever has taken all connections that there may be does not keep the agent out.
+// For a scope: the server accepts the agent's own connection beyond its limit, so that clients that
+// use up the limit do not keep the agent out.
 struct OwnConnectionTaken {
   OwnConnectionTaken() { PIGrpcServerOwnConnectionsAre(1); }
   ~OwnConnectionTaken() { PIGrpcServerOwnConnectionsAre(0); }

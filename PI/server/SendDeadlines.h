@@ -1,5 +1,5 @@
-// Ends calls whose clients do not take what is sent to them: each holds a thread, a place among
-// those that may run, and what its answer is made of.
+// Ends calls whose clients stop reading: each such call holds a thread, a place under the limit of
+// calls, and the snapshot that it sends.
 #pragma once
 
 #include <chrono>

@@ -150,7 +150,7 @@ P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& dat
     loop.post(std::move(complete));
   };
   // Server threads are running, so nothing is destroyed. Confirmed entries are committed already;
-  // the others belong to a batch that is being written, half of which must not last.
+  // a batch that is half written must not be.
   const auto exit = [](int status) { _exit(status); };
   const auto exitIsNear = [&stopWatcher](bool near) { stopWatcher.exitIsNear(near); };
   return {loop,           database, *opened.store, options.stateDirectory,

@@ -1,5 +1,5 @@
-// Records and rows whose bytes are not those that were stored: named, listed, and, after a restart,
-// removed or written again.
+// Records and rows that fail their checksum: names and lists them, and removes them or writes them
+// again after a restart.
 #pragma once
 
 #include <string>

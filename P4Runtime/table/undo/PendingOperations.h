@@ -54,7 +54,7 @@ class PendingOperations {
 
   bool has(EntryHandle handle) const { return operations_.contains(handle); }
   bool isAwaited(EntryHandle handle) const;
-  // Removes it; nothing when there is none.
+  // Removes and returns the operation of the handle, if any.
   std::optional<PendingOperation> take(EntryHandle handle);
   void clear();
   size_t count() const { return operations_.size(); }
