@@ -1,7 +1,4 @@
 // Members, groups and the entries that point at them, from Write to target to Read.
-#include <atomic>
-#include <thread>
-
 #include "tests/PI/frontend/support/FrontendTest.h"
 
 namespace pi::fe::proto {
@@ -292,56 +289,6 @@ TEST_F(ProfileTest, ReadsOfMembersAndGroups) {
   byAction.mutable_action()->mutable_action()->set_action_id(test::kForward);
   Entries none;
   EXPECT_THAT(test::codesOf(read({byAction}, &none)), ElementsAre(code::invalidArgument));
-}
-
-TEST_F(ProfileTest, ReadsSeeTheStateBeforeAPendingWrite) {
-  ASSERT_EQ(written({insert(one), insert(two), insert(test::group(7, {{1, 1}}))}).code(), code::ok);
-  target.batchesAreHeld();
-  const auto changed = test::member(1, 5);
-  std::thread writer([&] {
-    written({modify(changed), insert(three), modify(test::group(7, {{3, 1}})), remove(two)});
-  });
-  target.awaitHeldBatch();
-  EXPECT_THAT(members(), ElementsAre(EqualsProto(one), EqualsProto(two)));
-  EXPECT_THAT(groups(), ElementsAre(EqualsProto(test::group(7, {{1, 1}}))));
-  target.batchesAreReleased();
-  writer.join();
-  EXPECT_THAT(members(), ElementsAre(EqualsProto(changed), EqualsProto(three)));
-  EXPECT_THAT(groups(), ElementsAre(EqualsProto(test::group(7, {{3, 1}}))));
-}
-
-// Every Write gives all members another port and replaces half of them; a read that shows two
-// ports, or another number of members, saw part of a Write.
-TEST_F(ProfileTest, ReadsSeeEachWriteWhollyOrNotAtAll) {
-  constexpr uint32_t kMembers = 600;
-  constexpr uint32_t kWrites = 40;
-  const auto all = [](Update::Type type, uint32_t first, uint32_t step, uint32_t port) {
-    std::vector<Update> updates;
-    for (uint32_t n = 0; n < kMembers; n += step) {
-      updates.push_back(test::update(type, test::member(first + n, port)));
-    }
-    return updates;
-  };
-  ASSERT_EQ(written(all(Update::INSERT, 1, 1, 0)).code(), code::ok);
-  std::atomic<bool> done{false};
-  std::jthread writer([&] {
-    for (uint32_t i = 1; i < kWrites; ++i) {
-      std::vector<Update> updates = all(Update::MODIFY, 1, 1, i);
-      for (const auto type : {Update::DELETE, Update::INSERT}) {
-        const std::vector<Update> more = all(type, 1, 2, i);
-        updates.insert(updates.end(), more.begin(), more.end());
-      }
-      EXPECT_EQ(written(updates).code(), code::ok);
-    }
-    done = true;
-  });
-  for (size_t reads = 0; !done || reads == 0; ++reads) {
-    const auto read = members();
-    ASSERT_EQ(read.size(), kMembers);
-    for (const auto& member : read) {
-      ASSERT_EQ(member.action().params(0).value(), read[0].action().params(0).value());
-    }
-  }
 }
 
 TEST_F(ProfileTest, EverythingIsKnownAgainAfterARestart) {
