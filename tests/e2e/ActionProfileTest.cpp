@@ -125,28 +125,6 @@ TEST_F(ActionProfiles, StandAsTheyWereWhenTheForwarderRefusesAChange) {
   }
 }
 
-TEST_F(ActionProfiles, TakeAGroupFromEmptyToFullAndBackInOneWriteOrInFour) {
-  const View before = tested.controllerView();
-  const std::vector<p4::v1::Update> life{insertOf(group(12, {})),
-                                         modifyOf(group(12, {{1, 2}, {4, 1}})),
-                                         modifyOf(group(12, {})), deleteOf(group(12, {}))};
-  for (const auto& step : life) {
-    const WriteOutcome outcome = tested.write({step});
-    EXPECT_TRUE(outcome.ok()) << testing::PrintToString(outcome);
-    EXPECT_EQ(tested.disagreement(), "");
-  }
-  EXPECT_EQ(difference("before", before, "after four", tested.controllerView()), "");
-  for (size_t length = 1; length <= life.size(); ++length) {
-    SCOPED_TRACE(testing::Message() << "the first " << length << " in one Write");
-    const WriteOutcome outcome = tested.write({life.begin(), life.begin() + length});
-    EXPECT_TRUE(outcome.ok()) << testing::PrintToString(outcome);
-    EXPECT_EQ(tested.disagreement(), "");
-    const WriteOutcome gone = tested.write({deleteOf(group(12, {}))});
-    EXPECT_EQ(gone.ok(), length < life.size());
-    EXPECT_EQ(difference("before", before, "after", tested.controllerView()), "");
-  }
-}
-
 TEST_F(ActionProfiles, ComeAndGoInOneWriteInTheOrderTheyDependOnEachOther) {
   const View before = tested.controllerView();
   const auto coming = [&] {

@@ -10,7 +10,6 @@
 
 #include "platform/brine/Store.h"
 #include "platform/lattice/Database.h"
-#include "platform/lattice/counters/FlowCounters.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/ReactorLoop.h"
 #include "tests/forwarder/Packing.h"
@@ -18,34 +17,24 @@
 #include "tests/support/TempDir.h"
 #include "tests/support/Waiting.h"
 
-namespace Lattice {
-void PrintTo(const FlowCount& count, std::ostream* out) {
-  *out << count.packets << " packets, " << count.bytes << " bytes";
-}
-}  // namespace Lattice
-
 namespace Forwarder {
 namespace {
 
 using namespace ForwarderTest;
 using namespace TestSupport;
-using testing::AllOf;
-using testing::ContainsRegex;
 using testing::HasSubstr;
 
 // The agent's part: a database with the table "ports", and the reports on it by error code.
 class Agent {
  public:
-  explicit Agent(const std::string& stateDirectory, bool counted = false)
-      : counter_(counted ? 17 : 0, '\0') {
+  explicit Agent(const std::string& stateDirectory) {
     const Vela::ActivityLock lock;
     store_ = Brine::Store::open({.directory = stateDirectory});
     database_ = Lattice::Database::create(loop_, *store_,
                                           {.doorbellPath = stateDirectory + "/doorbell.sock"});
     database_->observerIs(
         {.reports = [this](auto reports) { handleReports(reports); }, .inStep = [](uint64_t) {}});
-    Lattice::TheTypeRegistry().typeIs(
-        typeOf(counted ? "key port : U16; speed : U32; counter;" : "key port : U16; speed : U32;"));
+    Lattice::TheTypeRegistry().typeIs(typeOf("key port : U16; speed : U32;"));
     ports_ = Vela::make<Lattice::ArTableInterface>("ports", "test_type",
                                                    [this] { ports_->maybeInitialize(); });
     database_->bindInterface(ports_, "ports", true);
@@ -67,7 +56,7 @@ class Agent {
     const Vela::ActivityLock lock;
     database_->batchBegin();
     for (uint16_t port = from; port < to; ++port) {
-      ports_->rowIs({big(port, 2), little(speed, 4) + counter_}, 1000 + port);
+      ports_->rowIs({big(port, 2), little(speed, 4)}, 1000 + port);
       rows_[port] = fmt::format("ports port={:#06x} -> speed={:#010x}\n", port, speed);
     }
     ASSERT_EQ(database_->batchEnd(), std::nullopt);
@@ -100,7 +89,6 @@ class Agent {
   std::unique_ptr<Brine::Store> store_;
   std::unique_ptr<Lattice::Database> database_;
   Vela::Ptr<Lattice::ArTableInterface> ports_;
-  const std::string counter_;            // a row's, when the table has one
   std::map<uint16_t, size_t> reported_;  // how many, by error code
   std::map<uint16_t, std::string> rows_;
   std::thread thread_;
@@ -126,7 +114,8 @@ class ForwarderProcessTest : public testing::Test {
 
 TEST_F(ForwarderProcessTest, WaitsForTheAgentThenProgramsReportsAndRefuses) {
   ForwarderProcess forwarder(
-      state_, {"--capacity", "ports=10", "--fail-key", "ports:port=3", "--fail-code", "8"});
+      state_, {"--capacity", "ports=10", "--fail-key", "ports:port=3", "--fail-code", "8",
+               "--traffic", "50", "--traffic-header", "port=9", "--traffic-bytes", "100"});
   forwarder.start();
   ASSERT_TRUE(waitUntil([&] { return !forwarder.output().empty(); }));
   EXPECT_THAT(forwarder.output(), HasSubstr("waiting for the agent at " + state_));
@@ -142,6 +131,8 @@ TEST_F(ForwarderProcessTest, WaitsForTheAgentThenProgramsReportsAndRefuses) {
   agent.erase(11, 12);
   EXPECT_TRUE(converges(forwarder, agent));
   EXPECT_THAT(forwarder.output(), HasSubstr("attached to the agent"));
+  EXPECT_THAT(forwarder.ctl({"traffic"}).output,
+              testing::AllOf(HasSubstr("rate 50\n"), HasSubstr("header port=9\n")));
   forwarder.process().signal(SIGTERM);
   EXPECT_EQ(forwarder.process().exitStatus(), ExitStatus{.code = 0});
 }
@@ -173,40 +164,6 @@ TEST_F(ForwarderProcessTest, KilledOrLeftByTheAgentItIsInStepAgain) {
   EXPECT_EQ(forwarder.ctl({"dump", "ports"}).output, before);
   agent->write(0, next, 8);
   EXPECT_TRUE(converges(forwarder, *agent));
-}
-
-TEST_F(ForwarderProcessTest, TrafficIsCountedForReadersUntilTheRowOrTheForwarderGoes) {
-  Agent agent(state_, true);
-  ASSERT_TRUE(waitUntil([&] { return agent.ready(); }));
-  ForwarderProcess forwarder(state_, {"--traffic", "5000", "--traffic-header", "port=1",
-                                      "--traffic-header", "port=0x0009", "--traffic-bytes", "100"});
-  forwarder.start();
-  ASSERT_TRUE(forwarder.waitReady());
-  agent.write(1, 3, 7);
-  const auto reader = Lattice::FlowCounterReader::create(state_);
-  const auto counted = [&](uint16_t port) {
-    std::vector<Lattice::FlowCount> found;
-    reader->counts(Lattice::flowCounterName(1000 + port), &found);
-    return found.empty() ? Lattice::FlowCount() : found[0];
-  };
-  EXPECT_TRUE(waitUntil([&] { return counted(1).packets >= 100; }));
-  const Lattice::FlowCount count = counted(1);
-  EXPECT_EQ(count.bytes, 100 * count.packets);
-  EXPECT_EQ(counted(2), Lattice::FlowCount());
-  EXPECT_THAT(forwarder.ctl({"traffic"}).output,
-              AllOf(HasSubstr("rate 5000\n"), HasSubstr("header port=0x0009\n"),
-                    ContainsRegex("table ports hits [0-9]+ misses [1-9]")));
-  agent.erase(1, 2);
-  EXPECT_TRUE(waitUntil([&] { return counted(1).packets == 0; }));
-  forwarder.ctl({"traffic", "header", "port=2"});
-  EXPECT_TRUE(waitUntil([&] { return counted(2).packets > 0; }));
-  EXPECT_EQ(forwarder.ctl({"traffic", "off"}).exit, ExitStatus{.code = 0});
-  forwarder.kill();
-  EXPECT_GT(counted(2).packets, 0u);
-  ForwarderProcess idle(state_);
-  idle.start();
-  ASSERT_TRUE(idle.waitReady());
-  EXPECT_TRUE(waitUntil([&] { return counted(2).packets == 0; }));
 }
 
 TEST_F(ForwarderProcessTest, UsageErrorsExitWithTwoAndOneLine) {

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <optional>
@@ -115,16 +114,7 @@ TEST_F(ControlSocketTest, SleepingClientsHoldNobodyUp) {
   EXPECT_EQ(ask(control, "again").text, "again");
 }
 
-TEST_F(ControlSocketTest, TakesThePlaceOfTheDeadButNotOfTheLiving) {
-  { std::ofstream(directory_ + "/forwarder-file.sock") << "mine"; }
-  ControlSocket onFile(controlPath(directory_, "file"), {});
-  EXPECT_THROW(onFile.maybeListen(), ControlError);
-
-  const int dead = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  path_.copy(address.sun_path, sizeof address.sun_path - 1);
-  ASSERT_EQ(bind(dead, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  close(dead);
+TEST_F(ControlSocketTest, TakesNoLivingOnesPlace) {
   ControlSocket control = echo();
   control.maybeListen();
   EXPECT_EQ(ask(control, "hello").text, "hello");
@@ -160,14 +150,6 @@ TEST_F(ControlSocketTest, FollowsItsDirectoryAsItComesAndGoes) {
     EXPECT_EQ(ask(control, "hello").text, "hello");
     fs::remove_all(directory_);
   }
-}
-
-TEST_F(ControlSocketTest, IsTheOwnersAlone) {
-  ControlSocket control = echo();
-  const mode_t before = umask(0);
-  control.maybeListen();
-  umask(before);
-  EXPECT_EQ(fs::status(path_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 }  // namespace

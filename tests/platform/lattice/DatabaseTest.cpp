@@ -71,15 +71,6 @@ TEST_F(DatabaseTest, AFollowerSeesABatchAndItsReportsComeBack) {
   EXPECT_EQ(agent->heard.back().entryHandle, 3099u);
 }
 
-TEST_F(DatabaseTest, ReportsCarryCodeAndText) {
-  follower->holdBack = true;
-  batch([&] { routes->rowIs(route(1, 1), 7); });
-  follower->reportAll(8, "no such nexthop");
-  ASSERT_TRUE(followUntil([&] { return agent->heard.size() == 1; }));
-  EXPECT_EQ(agent->heard[0].errorCode, 8);
-  EXPECT_EQ(agent->texts[0], "no such nexthop");
-}
-
 TEST_F(DatabaseTest, OutsideABatchAnEqualRowIsNoChange) {
   const ActivityLock lock;
   EXPECT_GT(routes->rowIs(route(1, 1), 7), 0u);

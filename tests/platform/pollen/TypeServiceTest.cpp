@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/lattice/types/TableType.h"
-#include "platform/orrery/EntityTypes.h"
-#include "platform/pollen/entities/EntityTypes.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace Pollen {
@@ -85,16 +83,6 @@ TEST_F(TypeServiceTest, OnlyTheLastDefinitionOfATurnCounts) {
   EXPECT_EQ(status("Gone"), "none");
   ASSERT_EQ(status("Changing"), "compiled");
   EXPECT_EQ(Lattice::TheTypeRegistry().type("Changing")->keySize(), 1u);
-}
-
-TEST(PollenEntityTypes, MountsCanCreateTheDirectories) {
-  registerEntityTypes();
-  for (const char* type : {"Pollen::TypeConfigDir", "Pollen::TypeStatusDir",
-                           "Pollen::QueryConfigDir", "Pollen::QueryStatusDir"}) {
-    const auto made = Orrery::TheEntityTypes().make(type, "path");
-    ASSERT_TRUE(made) << type;
-    EXPECT_STREQ(made->typeName(), type);
-  }
 }
 
 }  // namespace

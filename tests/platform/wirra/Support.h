@@ -63,10 +63,6 @@ class DeviceTest : public ::testing::Test {
     int turns = 0;
     until([&] { return ++turns == 3; });
   }
-  static size_t openFiles() {
-    const std::filesystem::directory_iterator files("/proc/self/fd");
-    return std::distance(begin(files), end(files));
-  }
 
   Vela::ReactorLoop loop;
 };

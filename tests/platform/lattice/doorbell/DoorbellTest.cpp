@@ -88,12 +88,6 @@ struct DoorbellTest : testing::Test {
   }
 };
 
-TEST_F(DoorbellTest, OnlyItsOwnerMayConnect) {
-  struct stat status {};
-  ASSERT_EQ(stat((directory.file("doorbell.sock")).c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0600u);
-}
-
 TEST_F(DoorbellTest, DropsWhoSendsNonsense) {
   const std::string attach = AttachMessage{0, {}, "rude"}.encode();
   std::string foreign = attach;

@@ -164,46 +164,5 @@ TEST_F(DevicesTest, InterfacesFollowDevicesAndTheirConfiguration) {
   }
 }
 
-TEST_F(DevicesTest, FlappingLeaksNothing) {
-  InterfaceOperations operations;
-  std::optional<Port> left;
-  // As an agent has it: packet access follows the device.
-  const auto changes = devices->entityCollection().observeKeys([&](const std::string& name) {
-    if (name != "left") return;
-    left.reset();
-    if (devices->device("left")) left.emplace(loop, "left");
-  });
-  pairIs("left", "right");
-  Port right(loop, "right");
-  until([&] { return left.has_value(); });
-  const size_t files = openFiles();
-  const size_t packets = ThePacketManager().bytes();
-  for (int i = 0; i < 1000; ++i) {
-    ASSERT_EQ(operations.down("left").reason(), "");
-    until([&] { return !devices->device("left")->adminUp(); });
-    ASSERT_EQ(operations.up("left", "", true).reason(), "");
-    until([&] { return devices->device("left")->operUp(); });
-  }
-  const auto bothUp = [&] {
-    return devices->device("left")->operUp() && devices->device("right")->operUp();
-  };
-  until(bothUp);
-  right.send({packetOf(60, 1)});
-  until([&] { return left && left->came.size() == 1; });
-  for (int i = 0; i < 50; ++i) {
-    ip("link set left name away");
-    until([&] { return !left; });
-    ip("link set away name left");
-    until([&] { return left.has_value(); });
-  }
-  until(bothUp);
-  right.send({packetOf(60, 2)});
-  until([&] { return left && left->came.size() == 1; });
-  left->came.clear();
-  EXPECT_EQ(openFiles(), files);
-  EXPECT_EQ(ThePacketManager().bytes(), packets);
-  EXPECT_EQ(devices->entityNames().size(), 3);
-}
-
 }  // namespace
 }  // namespace Wirra
