@@ -242,20 +242,6 @@ TEST_F(ServerInitTest, RestoreThatFailsCostsNothingAndIsDoneAgainOnRevert) {
   EXPECT_NE(agent().program(exactEntry(1)), 0u);
 }
 
-TEST_F(ServerInitTest, MissingServerBreaksAnInvariant) {
-  initSm_->serverIs(nullptr);
-  initSm_->handleTableInfoState();
-  EXPECT_EQ(agent().status->criticalReason(),
-            "Server is not ready. Yet we are trying to handle table info state");
-  EXPECT_TRUE(agent().status->brokenInvariant());
-}
-
-TEST_F(ServerInitTest, SignalsBeforeTheReactorRunsAreOne) {
-  server_->signal();
-  server_->signal();
-  EXPECT_EQ(signals(), 2u) << "one event, read once";
-}
-
 TEST_F(ServerInitTest, ConstantEntriesAreProgrammedOnceInTheLifeOfTheirRows) {
   serverReady();
   EXPECT_TRUE(agent().frontEnd.restoreDone);
@@ -356,15 +342,6 @@ TEST_F(ServerInitTest, WithoutItsTablesNothingIsRestoredAndNothingRemoved) {
   serverReady();
   EXPECT_EQ(agent().handleOf(exactEntry(1)), handle);
   EXPECT_EQ(agent().rowCount(exactTable), 1u);
-}
-
-TEST_F(ServerInitTest, ServerThatIsDownChangesNothing) {
-  serverReady();
-  const uint64_t before = agent().lastSequence();
-  const Vela::ActivityLock lock;
-  server_->serverReadyIs(false);
-  EXPECT_EQ(agent().lastSequence(), before);
-  EXPECT_EQ(level(), 2u);
 }
 
 TEST(BytesFromHexadecimal, TakesTwoCharactersAByte) {

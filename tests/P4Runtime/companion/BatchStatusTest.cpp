@@ -90,28 +90,12 @@ TEST_F(BatchStatusTest, OperationCompleteWithoutTheForwardingPlaneIsNotWaitedFor
   EXPECT_EQ(completions(), 1u);
 }
 
-TEST_F(BatchStatusTest, BaselineComesOffTheReadThatSeesIt) {
-  pending(1);
-  batch_.completedTransactionStatusIs({9, 0});
-  reported(1, 101);
-  EXPECT_EQ(completions(), 1u);
-}
-
 TEST_F(BatchStatusTest, CompleteHandleThatIsWrittenForRealIsPendingAgain) {
   batch_.completedTransactionStatusIs({9, 0});
   pending(9);
   EXPECT_FALSE(completed(9));
   reported(9, 109);
   EXPECT_TRUE(completed(9));
-  EXPECT_EQ(completions(), 1u);
-}
-
-TEST_F(BatchStatusTest, SecondWriteIsReportedOnUnderItsOwnSequence) {
-  batch_.pendingOperationIs(1, 10);
-  batch_.pendingOperationIs(1, 11);
-  reported(1, 10);
-  EXPECT_EQ(completions(), 0u);
-  reported(1, 11);
   EXPECT_EQ(completions(), 1u);
 }
 
@@ -135,21 +119,6 @@ TEST_F(BatchStatusTest, RollbackPutsBackWholeUpdatesAndListensNoMore) {
   reported(2, 102);
   EXPECT_FALSE(completed(2));
   EXPECT_EQ(strays_, Handles{2});
-}
-
-TEST_F(BatchStatusTest, UndoneOperationIsNobodysAnyMore) {
-  pending(1);
-  batch_.pendingOperationDel(1);
-  reported(1, 101);
-  batch_.inStepIs(1000);
-  EXPECT_EQ(completions(), 0u);
-  EXPECT_FALSE(completed(1));
-}
-
-TEST_F(BatchStatusTest, HandleStandsForEveryOffsetItWasWrittenAt) {
-  for (const BatchOffset offset : {2, 2, 5}) batch_.newEntryHandleForBatchOffset(1, offset);
-  EXPECT_THAT(batch_.entryHandleToBatchOffset().at(1), testing::ElementsAre(2, 5));
-  EXPECT_EQ(batch_.batchOffsetToEntryHandle().at(5), 1u);
 }
 
 TEST(BatchStatusEntry, HasAMessageForEveryFailure) {

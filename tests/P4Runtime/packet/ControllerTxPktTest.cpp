@@ -1,4 +1,4 @@
-// The values of the packet-out queue, their texts, and how much of them is kept.
+// The packet-out queue, its flags, and how many of its failures are kept.
 #include <gtest/gtest.h>
 
 #include "P4Runtime/packet/ControllerTxPktConfig.h"
@@ -9,23 +9,6 @@
 
 namespace P4Runtime {
 namespace {
-
-template <typename T>
-std::string textOf(const T& value) {
-  return Vela::TextForm<T>::toText(value);
-}
-
-TEST(ControllerTxPktValues, AreShownWithAllTheyHold) {
-  ControllerTxPktDesc desc{4294967295u, Wirra::ThePacketManager().packet(60),
-                           ControllerTxPktFlags(1)};
-  const std::string descText =
-      "Value('P4Runtime::ControllerTxPktDesc', ** {'egressP4PortId': 4294967295, "
-      "'pkt': 60 bytes, 'flags': Value('P4Runtime::ControllerTxPktFlags', ** {'value': 1})})";
-  EXPECT_EQ(textOf(desc), descText);
-  EXPECT_EQ(textOf(ControllerTxPktStatusEntry{desc, ControllerTxPktResult::packetTxResultFailed}),
-            "Value('P4Runtime::ControllerTxPktStatusEntry', ** {'txPktDesc': " + descText +
-                ", 'result': packetTxResultFailed})");
-}
 
 TEST(ControllerTxPktValues, FlagsRefuseBitsThatMeanNothing) {
   ControllerTxPktFlags flags(1);

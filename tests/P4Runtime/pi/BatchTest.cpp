@@ -26,16 +26,6 @@ StatusVector pendingAt(std::initializer_list<uint32_t> offsets) {
   return statuses;
 }
 
-TEST(StatusVector, ElementIsFoundByItsOffset) {
-  StatusVector statuses = pendingAt({2, 5, 9});
-  for (const uint32_t offset : {2, 5, 9}) {
-    EXPECT_EQ(statusIterAtOffset(statuses, offset)->first, offset);
-  }
-  for (const uint32_t offset : {0, 3, 10}) {
-    EXPECT_EQ(statusIterAtOffset(statuses, offset), statuses.end()) << offset;
-  }
-}
-
 class BatchTest : public AgentTest {
  protected:
   // Entries 0 to n - 1 at offsets 0 to n - 1.

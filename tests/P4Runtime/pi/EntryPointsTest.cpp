@@ -22,15 +22,6 @@ class EntryPointsTest : public AgentTest {
   std::vector<std::unique_ptr<Lattice::FlowCounterWriter>> writers_;
 };
 
-TEST_F(EntryPointsTest, EverySessionIsSessionZero) {
-  for (int i = 0; i < 2; ++i) {
-    pi_session_handle_t session = 77;
-    EXPECT_EQ(_pi_session_init(&session), PI_STATUS_SUCCESS);
-    EXPECT_EQ(session, 0u);
-  }
-  EXPECT_EQ(_pi_session_cleanup(0), PI_STATUS_SUCCESS);
-}
-
 TEST_F(EntryPointsTest, LastAssignedDeviceCounts) {
   const pi_assign_extra_t extras[] = {{0, "a", "1"}, {0, "b", nullptr}, {1, nullptr, nullptr}};
   EXPECT_EQ(piAssignExtraToString(extras), "{a=1,b=}");
@@ -52,14 +43,6 @@ TEST_F(EntryPointsTest, DestroyRemovesTheConfiguredDevice) {
   EXPECT_TRUE(pi_is_device_assigned(1));
   EXPECT_EQ(_pi_destroy(), PI_STATUS_DEV_NOT_ASSIGNED) << "the library's answer as it is";
   pi_destroy();
-}
-
-TEST_F(EntryPointsTest, InitEmptiesTheBatch) {
-  agent().begin();
-  agent().batchStatus->completedTransactionStatusIs({1, 3});
-  EXPECT_EQ(_pi_init(nullptr), PI_STATUS_SUCCESS);
-  EXPECT_TRUE(agent().batchStatus->completedTransactionStatus().empty());
-  agent().end();
 }
 
 TEST_F(EntryPointsTest, WhatTheTargetCannotDoIsAnAssertion) {
@@ -127,19 +110,6 @@ TEST_F(EntryPointsTest, ContextTellsWhatItHolds) {
                         "p4RtSystemStatus: set", "hwStatusDir: set"));
   EXPECT_EQ(TheTableImpl(), agent().tableImpl.get());
   EXPECT_EQ(TheBatchEntries(), TheTableImpl()) << "one object, known above and below";
-}
-
-TEST(PiContext, IsSharedAndNeverTakenAway) {
-  const auto context = piContextFactory();
-  EXPECT_EQ(context->references(), 1u);
-  ThePiContextIs(context);
-  ThePiContextIs(context);
-  EXPECT_EQ(ThePiContext(), context);
-  EXPECT_EQ(context->references(), 2u);
-  EXPECT_EQ(TheTableImpl(), nullptr);
-  EXPECT_DEATH(ThePiContextIs(nullptr), "pic");
-  ThePiContextIs(piContextFactory());
-  EXPECT_EQ(context->references(), 1u);
 }
 
 }  // namespace

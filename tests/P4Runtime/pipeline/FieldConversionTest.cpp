@@ -113,16 +113,6 @@ TEST_F(FieldConversion, FieldWithoutBitsTakesAByteAndIsZero) {
   EXPECT_TRUE(extracted(none, {tableResource, 99}).empty()) << "of an unknown table";
 }
 
-TEST_F(FieldConversion, StuffedFieldsAreZeroes) {
-  slotsAre({{48}, {128}, {8}});
-  const uint8_t* fields[8] = {};
-  uint32_t count = 1;
-  info_.stuffFields(table, count, fields);
-  ASSERT_EQ(count, 4u);
-  EXPECT_EQ(fields[0], nullptr);
-  for (size_t i = 0; i < 64; ++i) EXPECT_EQ(fields[3][i], 0);
-}
-
 TEST_F(FieldConversion, NewRowMakesRoomForEightPrefixes) {
   info_.onNewRowStarted();
   extractPrefixes(8);
@@ -151,21 +141,6 @@ TEST_F(FieldConversion, AbortsOnWhatTheCheckRefuses) {
   }
 }
 
-TEST(P4TableInfo, LooksUpAndForgets) {
-  P4TableInfo info("info", "parent");
-  EXPECT_EQ(info.tableInfoState(), P4TableInfoState::tableInfoNotReady);
-  EXPECT_FALSE(info.priorityNeeded(table));
-  EXPECT_EQ(info.maxTableSize(table), 0u);
-  info.maxTableSizeIs(table, 7);
-  EXPECT_EQ(info.maxTableSizeDel(table), 7u);
-  EXPECT_EQ(info.maxTableSizeDel(table), 0u);
-  info.cleanupRequestIdInc(2);
-  EXPECT_EQ(info.cleanupRequestId(), 2u);
-  EXPECT_EQ(enumToText(P4TableInfoState::tableInfoError), "tableInfoError");
-  EXPECT_EQ(tableInfoStateFromText("tableInfoReady"), P4TableInfoState::tableInfoReady);
-  EXPECT_THROW(tableInfoStateFromText("ready"), Vela::Exception);
-}
-
 TEST(P4TableInfoConstEntry, ComesBackFromItsText) {
   const P4TableInfoConstEntry entry{"0a0B", 16777217, "", 5};
   const std::string text = toText(entry);
@@ -179,12 +154,6 @@ TEST(P4TableInfoConstEntry, ComesBackFromItsText) {
         TestSupport::replaced(text, "16777217", "99999999999999999999")}) {
     EXPECT_FALSE(P4TableInfoConstEntry::fromText(wrong)) << wrong;
   }
-}
-
-TEST(PipelineValues, WithCollectionsCannotBeReadFromText) {
-  EXPECT_DEATH(FieldBitwidths("text"), "No String constructor for FieldBitwidths");
-  EXPECT_DEATH(ActionIdCol("text"), "No String constructor for ActionIdCol");
-  EXPECT_DEATH(P4TableInfoConstEntries("text"), "No String constructor for P4TableInfoConst");
 }
 
 }  // namespace

@@ -142,18 +142,5 @@ TEST_F(P4InfoParsing, OddElementsAreNoReasonToStop) {
   EXPECT_EQ(info().maxTableSize({tableResource, 5}), 0u);
 }
 
-TEST(ParsingException, IsPublishedForOperators) {
-  const uint32_t before = TheParsingStatus()->failures();
-  P4RuntimeParsingException::handleException({"lattice", "what", "json"});
-  EXPECT_TRUE(TheParsingStatus()->failed());
-  EXPECT_EQ(TheParsingStatus()->latticeError(), "lattice");
-  EXPECT_EQ(TheParsingStatus()->error(), "what");
-  EXPECT_EQ(TheParsingStatus()->jsonError(), "json");
-  EXPECT_EQ(TheParsingStatus()->failures(), before + 1);
-  TheParsingStatus()->failureCleared();
-  EXPECT_FALSE(TheParsingStatus()->failed());
-  EXPECT_EQ(TheParsingStatus()->error(), "");
-}
-
 }  // namespace
 }  // namespace P4Runtime

@@ -70,32 +70,5 @@ TEST(PiDebug, RendersRecordsOnOneLine) {
   for (const auto& c : cases) EXPECT_EQ(c.actual, c.expected);
 }
 
-TEST(PiDebug, NamesMatchTypesUnitsAndKindsOfMeters) {
-  const char* const types[] = {"valid???", "exact", "LPM", "Ternary", "range", "END???", "", ""};
-  for (int type = 0; type < 8; ++type) EXPECT_EQ(piMatchTypeToString(type), types[type]);
-  EXPECT_EQ(piMatchTypeToString(-1), "");
-  const char* const units[] = {"default", "packets", "bytes", "default"};
-  const char* const kinds[] = {"default", "color-aware", "color-unaware", "default"};
-  for (int i = 0; i < 4; ++i) {
-    pi_meter_spec_t spec{};
-    spec.cir = 1;
-    spec.cburst = 2;
-    spec.pir = 3;
-    spec.pburst = 4;
-    spec.meter_unit = static_cast<pi_meter_unit_t>(i);
-    spec.meter_type = static_cast<pi_meter_type_t>(i);
-    EXPECT_EQ(piMeterSpecToString(&spec), std::string("{cir: 1 cburst: 2 pir: 3 pburst: 4 "
-                                                      "meter_unit: ") +
-                                              units[i] + "meter_type: " + kinds[i] + "}");
-  }
-}
-
-TEST(PiDebug, LeavesTheStreamDecimal) {
-  std::ostringstream out;
-  dumpBufferToString(out, "\x10", 1);
-  out << " " << 16;
-  EXPECT_EQ(out.str(), "10 16");
-}
-
 }  // namespace
 }  // namespace P4Runtime

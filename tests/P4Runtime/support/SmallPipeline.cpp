@@ -113,7 +113,7 @@ const std::vector<Table>& tables() {
        "key member_id : U32; action { set_port 16777217 { port : U16; } }",
        {{"member_id", "U32"}},
        "",
-       "TABLE_CLASS_ACTION_PROFILE_MEMBER"},
+       "table_class_action_profile_member"},
       {profile,
        "profile_group",
        "key group_id : U32; member_id : U32[];",

@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <set>
 #include <string>
 
-#include "PI/int/pi_int.h"
-#include "platform/vela/Exception.h"
 #include "tests/P4Runtime/support/AgentParts.h"
 
 namespace P4Runtime {
@@ -129,33 +125,6 @@ TEST(CacheRecords, OfUnknownStateOrTypeAreRefused) {
   }
 }
 
-TEST(CacheRecords, ReserveTheLargestSizeForAcceptableCounts) {
-  const auto reserved = [](Stored bytes, size_t at, uint32_t count) {
-    std::memcpy(bytes.data() + at, &count, sizeof count);
-    return TableCacheEntry::deserializeLen(bytes.data(), bytes.size());
-  };
-  const Stored entry = stored(tableEntry(8, 8));
-  EXPECT_EQ(TableCacheEntry::deserializeLen(entry.data(), entry.size()), 0u)
-      << "bytes 4 to 8 of the key stand where the second count is looked for";
-  EXPECT_EQ(reserved(entry, 48 + 8, 2048), 4152u);
-  EXPECT_EQ(reserved(entry, 48 + 8, 2049), 0u);
-  Stored acceptable = entry;
-  for (size_t i = 56; i < 60; ++i) acceptable.at(i) = 0;
-  EXPECT_EQ(reserved(acceptable, 48, 2049), 0u);
-  EXPECT_EQ(reserved(acceptable, 60, 2049), 4152u) << "the real second count is not looked at";
-  EXPECT_EQ(TableCacheEntry::deserializeLen(acceptable.data(), 51), 0u);
-  EXPECT_EQ(TableCacheEntry::deserializeLen(acceptable.data(), 59), 0u);
-
-  Stored oneMember = stored(member(1));
-  EXPECT_EQ(ActionProfileMemberCacheEntry::deserializeLen(oneMember.data(), oneMember.size()),
-            2084u);
-  oneMember[33] = 0x10;
-  EXPECT_EQ(ActionProfileMemberCacheEntry::deserializeLen(oneMember.data(), oneMember.size()), 0u);
-  const Stored oneGroup = stored(group(1));
-  EXPECT_EQ(ActionProfileGroupCacheEntry::deserializeLen(oneGroup.data(), oneGroup.size()), 16416u);
-  EXPECT_EQ(ActionProfileGroupCacheEntry::deserializeLen(oneGroup.data(), 31), 0u);
-}
-
 TEST(CachePodArrayIndex, EndsAt2047) {
   TableCacheEntry entry;
   entry.actionDataIs(2047, 1);
@@ -182,36 +151,6 @@ TEST(CacheKey, OrdersByResourceThenByUnsignedHandle) {
     EXPECT_LT(ascending[i], ascending[i + 1]);
     EXPECT_LT(storedKey(ascending[i]), storedKey(ascending[i + 1]));  // as the store sorts
   }
-}
-
-TEST(CacheRecords, AreBuiltFromPiRecords) {
-  std::string key = "key";
-  std::string data = "data";
-  const pi_match_key_t matchKey{nullptr, 1, 77, key.size(), key.data()};
-  pi_action_data_t action{nullptr, 5, data.size(), data.data()};
-  pi_table_entry_t entry{};
-  entry.entry_type = PI_ACTION_ENTRY_TYPE_DATA;
-  entry.entry.action_data = &action;
-  TableCacheEntry direct = tableEntry(1, 1);
-  direct.cloneTableEntry(matchKey, entry);
-  EXPECT_EQ(direct.matchKeyPriority, 77);
-  EXPECT_EQ(direct.actionId, 5u);
-  EXPECT_EQ(std::string(direct.actionData.begin(), direct.actionData.end()), data);
-  EXPECT_EQ(direct.entryState, EntryState::pendingToBeAdded);
-  EXPECT_EQ(direct.controllerMetadata, 0x2122232425262728u) << "the caller's to set";
-
-  entry.entry_type = PI_ACTION_ENTRY_TYPE_INDIRECT;
-  entry.entry.indirect_handle = 0x100000004;
-  TableCacheEntry indirect;
-  indirect.cloneTableEntry(matchKey, entry);
-  EXPECT_EQ(indirect.entryType, TableCacheEntry::indirectEntry);
-  EXPECT_EQ(indirect.indirectHandle, 0x100000004u);
-  EXPECT_EQ(indirect.actionData.size(), 0u);
-
-  std::string tooLong(2049, 'x');
-  const pi_match_key_t longKey{nullptr, 1, 0, tooLong.size(), tooLong.data()};
-  EXPECT_THROW(indirect.cloneTableEntry(longKey, entry), std::range_error);
-  EXPECT_THROW(TableCacheEntry("text"), Vela::Exception);
 }
 
 }  // namespace
