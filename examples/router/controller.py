@@ -31,6 +31,7 @@ Packets, out of a port of the switch, and those that the switch gives to its con
 
 import argparse
 import collections
+import os
 import queue
 import sys
 import threading
@@ -43,9 +44,11 @@ from p4.v1 import p4runtime_pb2, p4runtime_pb2_grpc
 
 from entries import Count, NameOrValueError, Pipeline, meter_config, meter_of
 from packets import CODE_NAMES, PacketHeaders, bytes_of, made_packet, stream_error
-from words import entry_of, fields_of, group_of, member_of, rate
+from words import (MAX_ID, MAX_INT32, entry_of, fields_of, group_of, member_of, number, rate,
+                   server)
 
 DETAILS_KEY = "grpc-status-details-bin"
+MAX_PACKET = 65535
 
 
 class ControllerError(Exception):
@@ -369,7 +372,7 @@ def print_tables(pipeline):
 
 
 def add_key(command):
-    command.add_argument("--priority", type=int, default=0,
+    command.add_argument("--priority", type=number(0, MAX_INT32), default=0,
                          help="of a ternary entry, above 0; goes before the table")
     command.add_argument("--rate", type=rate, metavar="CIR:CBURST[:PIR:PBURST]",
                          help="direct meter: rates a second and bursts; goes before the table")
@@ -383,29 +386,35 @@ def add_profile_command(commands, name):
     command = commands.add_parser(name, help=f"insert, modify or delete a {name}")
     command.add_argument("kind", choices=("insert", "modify", "delete"))
     command.add_argument("profile")
-    command.add_argument("id", type=int)
+    command.add_argument("id", type=number(1, MAX_ID))
     return command
 
 
 def add_packet_commands(commands):
     out = commands.add_parser("packet-out", help="send packets out of a port of the switch")
-    out.add_argument("--size", type=int, metavar="BYTES", help="of a made packet")
-    out.add_argument("--count", type=int, default=1, help="default: %(default)s")
+    out.add_argument("--size", type=number(0, MAX_PACKET), metavar="BYTES",
+                     help="of a made packet")
+    out.add_argument("--count", type=number(1, MAX_INT32), default=1, help="default: %(default)s")
     out.add_argument("--field", action="append", default=[], metavar="NAME=VALUE",
                      help="of packet_out, such as submit_to_ingress=1; those not given are 0")
-    out.add_argument("port", type=int, help="P4 port id; 'korvel port list' shows those mapped")
+    out.add_argument("port", type=number(0, MAX_ID),
+                     help="P4 port id; 'korvel port list' shows those mapped")
     out.add_argument("packet", nargs="?", metavar="HEX", help="the packet; or give --size")
     packets = commands.add_parser(
         "packets", help="print packets that the switch gives to its controller, as they come")
-    packets.add_argument("--count", type=int, default=0, help="end after so many; default: never")
+    packets.add_argument("--count", type=number(0, MAX_INT32), default=0,
+                         help="end after so many; default: never")
 
 
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--server", default="127.0.0.1:9559", help="default: %(default)s")
-    parser.add_argument("--device-id", type=int, default=1)
-    parser.add_argument("--election-id", type=int, default=1)
+    parser.add_argument("--server", type=server, default="127.0.0.1:9559", metavar="HOST:PORT",
+                        help="default: %(default)s")
+    parser.add_argument("--device-id", type=number(0, MAX_ID), default=1,
+                        help="that the switch is configured with; default: %(default)s")
+    parser.add_argument("--election-id", type=number(1, 2**64 - 1), default=1,
+                        help="the highest one is primary; default: %(default)s")
     commands = parser.add_subparsers(dest="command", required=True)
     commands.add_parser("tables", help="what the pipeline has")
     read = commands.add_parser("read", help="the entries of a table, or of all")
@@ -415,7 +424,7 @@ def arguments():
     add_profile_command(commands, "member").add_argument(
         "words", nargs="*", metavar="ACTION PARAM=VALUE")
     group = add_profile_command(commands, "group")
-    group.add_argument("--max-size", type=int, default=0)
+    group.add_argument("--max-size", type=number(0, MAX_INT32), default=0)
     group.add_argument("members", nargs="*", metavar="MEMBER[@WEIGHT]")
     profiles = commands.add_parser("profiles", help="members and groups of a profile, or of all")
     profiles.add_argument("profile", nargs="?")
@@ -500,3 +509,6 @@ if __name__ == "__main__":
         sys.exit(f"controller: {error}")
     except KeyboardInterrupt:
         sys.exit(130)
+    except BrokenPipeError:  # nobody reads on, as behind 'head'
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        sys.exit(1)

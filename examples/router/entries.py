@@ -160,8 +160,8 @@ def meter_of(config):
 
 
 @contextlib.contextmanager
-def _naming(name):
-    """Puts the field's name before what is wrong with its value."""
+def naming(name):
+    """Puts a name before what is wrong with its value."""
     try:
         yield
     except NameOrValueError as error:
@@ -244,7 +244,7 @@ class Pipeline:
         message = p4runtime_pb2.TableEntry(table_id=table.preamble.id, priority=entry.priority)
         for name, value in entry.match.items():
             field = self._part("match field", entry.table, table.match_fields, name)
-            with _naming(name):
+            with naming(name):
                 self._add_match(field, str(value), message)
         if entry.action:
             message.action.action.CopyFrom(self._action_message(entry.action, entry.params))
@@ -265,7 +265,7 @@ class Pipeline:
         message = p4runtime_pb2.Action(action_id=action.preamble.id)
         for name, value in params.items():
             param = self._part("parameter", action.preamble.alias, action.params, name)
-            with _naming(name):
+            with naming(name):
                 message.params.add(param_id=param.id, value=to_bytes(value, param.bitwidth))
         return message
 
@@ -278,7 +278,8 @@ class Pipeline:
         if field.match_type == MatchField.LPM:
             address, _, length = text.partition("/")
             match.lpm.value = to_bytes(address, bits)
-            if length and not length.isdecimal() or int(length or 0) > bits:
+            if length and not (length.isascii() and length.isdecimal()
+                               and len(length) < 4 and int(length) <= bits):
                 raise NameOrValueError(f"'{text}' has no prefix length from 0 to {bits}")
             match.lpm.prefix_len = int(length or bits)
         elif field.match_type == MatchField.TERNARY:

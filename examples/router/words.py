@@ -3,13 +3,53 @@
 Words with a "=" are match fields first, and parameters after an action.
 """
 
-from entries import Entry, Group, Member, Meter, NameOrValueError, Weighted
+import argparse
+import re
+
+from entries import Entry, Group, Member, Meter, NameOrValueError, Weighted, naming
+
+MAX_INT32 = 2**31 - 1  # of sizes, priorities and weights
+MAX_ID = 2**32 - 1
+MAX_RATE = 2**63 - 1
 
 
-def number_of(text):
-    if not text.isdecimal():
-        raise NameOrValueError(f"'{text}' is no number")
+def number_in(text, low, high):
+    if not (text.isascii() and text.isdecimal() and len(text) < 40 and low <= int(text) <= high):
+        raise NameOrValueError(f"'{text}' is no number from {low} to {high}")
     return int(text)
+
+
+def number(low, high):
+    """For argparse: the type of an option that is a number in a range."""
+    def number_of(text):
+        try:
+            return number_in(text, low, high)
+        except NameOrValueError as error:
+            raise argparse.ArgumentTypeError(error) from None
+    return number_of
+
+
+def weight_of(text):
+    with naming("weight"):
+        return number_in(text or "1", 1, MAX_INT32)
+
+
+def id_of(kind, text):
+    with naming(kind):
+        return number_in(text, 1, MAX_ID)
+
+
+def server(text):
+    """For argparse: gRPC would take port 443 where none is given."""
+    if re.fullmatch(r"(\[.+\]|[^:]+):[0-9]+|(unix|dns|ipv4|ipv6):.+", text):
+        return text
+    raise argparse.ArgumentTypeError(f"'{text}' is no HOST:PORT, such as 127.0.0.1:9559")
+
+
+def put_once(values, name, value):
+    if name in values:
+        raise NameOrValueError(f"{name} is given twice: {values[name]} and {value}")
+    values[name] = value
 
 
 def actions_of(words):
@@ -19,9 +59,9 @@ def actions_of(words):
         name, equals, value = word.partition("=")
         if not equals:
             name, _, weight = word.partition("@")
-            actions.append(Weighted(name, weight=number_of(weight or "1")))
+            actions.append(Weighted(name, weight=weight_of(weight)))
         elif actions:
-            actions[-1].params[name] = value
+            put_once(actions[-1].params, name, value)
         else:
             raise NameOrValueError(f"expected an action before {word}")
     return actions
@@ -33,10 +73,12 @@ def entry_of(pipeline, options):
     words = list(options.words)
     while words and "=" in words[0]:
         name, _, value = words.pop(0).partition("=")
-        entry.match[name] = value
-    kind, colon, number = words[0].partition(":") if words else ("", "", "")
+        put_once(entry.match, name, value)
+    kind, colon, number_text = words[0].partition(":") if words else ("", "", "")
     if colon and kind in ("member", "group"):
-        setattr(entry, kind, number_of(number))
+        if len(words) > 1:
+            raise NameOrValueError(f"expected nothing after {words[0]}, not {words[1]}")
+        setattr(entry, kind, id_of(kind, number_text))
     elif pipeline.table(options.table).implementation_id:
         entry.one_shot = actions_of(words)
     elif words:
@@ -61,7 +103,7 @@ def group_of(options):
     group = Group(options.profile, options.id, max_size=options.max_size)
     for word in options.members:
         member, _, weight = word.partition("@")
-        group.members[number_of(member)] = number_of(weight or "1")
+        put_once(group.members, id_of("member", member), weight_of(weight))
     return group
 
 
@@ -72,13 +114,14 @@ def fields_of(words):
         name, equals, value = word.partition("=")
         if not equals:
             raise NameOrValueError(f"expected NAME=VALUE, not {word}")
-        fields[name] = value
+        put_once(fields, name, value)
     return fields
 
 
 def rate(text):
     """CIR:CBURST, or CIR:CBURST:PIR:PBURST."""
-    numbers = [int(number) for number in text.split(":")]
-    if len(numbers) == 2:
-        numbers *= 2
-    return Meter(*numbers)
+    numbers = [number(0, MAX_RATE)(word) for word in text.split(":")]
+    if len(numbers) not in (2, 4):
+        raise argparse.ArgumentTypeError(
+            f"'{text}' has {len(numbers)} numbers; write CIR:CBURST or CIR:CBURST:PIR:PBURST")
+    return Meter(*numbers) if len(numbers) == 4 else Meter(*numbers, *numbers)
