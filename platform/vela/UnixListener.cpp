@@ -27,10 +27,18 @@ bool concernsCaller(int error) {
   return error == ECONNABORTED || error == EINTR || error == EPROTO || error == EPERM;
 }
 
+constexpr char noDescriptorLeft[] =
+    "no file descriptor is left; try again later, or raise the limit (ulimit -n)";
+
 UniqueFd spareDescriptor() { return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
 UniqueFd acceptFrom(int listener) {
   return UniqueFd(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+}
+
+void refuseForDescriptors(UnixListener::Caller* caller) {
+  caller->refusal = noDescriptorLeft;
+  caller->isOutOfDescriptors = true;
 }
 
 void checkCredentials(UnixListener::Caller& caller) {
@@ -129,6 +137,8 @@ UnixListener::Turn UnixListener::accept(Caller* caller) {
     *caller = {.socket = acceptFrom(socket_.get())};
     if (caller->socket) {
       checkCredentials(*caller);
+      // Serving it takes another one: it would be hung up on without a word.
+      if (!spareDescriptor()) refuseForDescriptors(caller);
       return Turn::caller;
     }
     if (errno == EAGAIN) return Turn::nobody;
@@ -142,7 +152,7 @@ UnixListener::Turn UnixListener::acceptByReserve(Caller* caller) {
   reserve_ = UniqueFd();
   caller->socket = acceptFrom(socket_.get());
   if (!caller->socket) return errno == EAGAIN ? Turn::nobody : Turn::noRoom;
-  caller->refusal = "no file descriptor is left; try again later, or raise the limit (ulimit -n)";
+  refuseForDescriptors(caller);
   return Turn::caller;
 }
 

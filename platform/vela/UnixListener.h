@@ -56,6 +56,7 @@ class UnixListener {
     pid_t pid = 0;
     std::string refusal;  // empty: welcome. Other users but root are refused; with no descriptor
                           // left everybody is
+    bool isOutOfDescriptors = false;  // the reason for the refusal
   };
   // noRoom: a caller waits for a descriptor, and the socket remains readable; rest before the next
   // call.

@@ -3,11 +3,14 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <map>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/FileDescriptor.h"
+#include "platform/vela/LineBudget.h"
 #include "platform/vela/Timer.h"
 
 static Scrivel::TraceHandle trace("UnixServer");
@@ -77,6 +80,7 @@ struct UnixServer::Impl {
   void admit(UnixListener::Caller& caller);
   bool makeSeat();
   void refuse(const UnixListener::Caller& caller, const std::string& reason) const;
+  void tellOutOfDescriptors();
   void handleSilence();
   void startSilenceTimer();
 
@@ -87,6 +91,7 @@ struct UnixServer::Impl {
   Timer restOver;
   Timer silenceOver;
   const std::shared_ptr<UnixSeat::Seats> seats;
+  LineBudget lines{1, std::chrono::minutes(1)};
 };
 
 void UnixServer::Impl::handleCallers() {
@@ -95,6 +100,7 @@ void UnixServer::Impl::handleCallers() {
     const auto turn = listener.accept(&caller);
     if (turn == UnixListener::Turn::nobody) return;
     if (turn == UnixListener::Turn::noRoom) {
+      tellOutOfDescriptors();
       watch->onReadableIs({});
       return restOver.start(rest);
     }
@@ -103,6 +109,7 @@ void UnixServer::Impl::handleCallers() {
 }
 
 void UnixServer::Impl::handleCaller(UnixListener::Caller& caller) {
+  if (caller.isOutOfDescriptors) tellOutOfDescriptors();
   if (!caller.refusal.empty()) return refuse(caller, caller.refusal);
   if (!makeSeat()) {
     return refuse(caller,
@@ -134,6 +141,14 @@ void UnixServer::Impl::refuse(const UnixListener::Caller& caller, const std::str
   SCRIVEL_TRACE(0, "refused a client of ", listener.path(), ": ", reason);
   const std::string words = options.refusal(reason);
   send(caller.socket.get(), words.data(), words.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+void UnixServer::Impl::tellOutOfDescriptors() {
+  if (lines.take(Clock::now()) == LineBudget::Verdict::silent) return;
+  std::fprintf(stderr,
+               "%s: clients of %s are turned away, because no file descriptor is left; close "
+               "connections, or raise the limit (ulimit -n, or LimitNOFILE of a systemd unit)\n",
+               program_invocation_short_name, listener.path().c_str());
 }
 
 void UnixServer::Impl::handleSilence() {

@@ -27,6 +27,10 @@ class DescriptorLimit {
   void exhaust() {  // no descriptor is left
     for (int one; (one = open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) taken_.push_back(one);
   }
+  void releaseOne() {
+    close(taken_.back());
+    taken_.pop_back();
+  }
   void release() {
     for (const int one : taken_) close(one);
     taken_.clear();

@@ -295,6 +295,7 @@ TEST_F(ServerTest, ServesAgainOnceThereAreDescriptors) {
   Client before(directory);
   before.get("status/port");
   const int late = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  testing::internal::CaptureStderr();
   {
     TestSupport::DescriptorLimit limit(256);
     limit.exhaust();
@@ -302,6 +303,8 @@ TEST_F(ServerTest, ServesAgainOnceThereAreDescriptors) {
     EXPECT_THAT(conversation(late, ""), HasSubstr("no file descriptor is left"));
     before.get("status/port");
   }
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("orrery.sock are turned away, because no file descriptor is left"));
   EXPECT_TRUE(servedInTheEnd());
 }
 

@@ -122,7 +122,7 @@ TEST_F(UnixListenerTest, TurnsCallersAwayWithoutDescriptorsAndTakesThemLater) {
     pollfd watched{listener.descriptor(), POLLIN, 0};
     return poll(&watched, 1, 0) == 1;
   };
-  const UniqueFd callers[] = {streamSocket(), streamSocket(), streamSocket()};
+  const UniqueFd callers[] = {streamSocket(), streamSocket(), streamSocket(), streamSocket()};
   UnixListener::Caller caller;
   {
     TestSupport::DescriptorLimit limit(128);
@@ -135,8 +135,14 @@ TEST_F(UnixListenerTest, TurnsCallersAwayWithoutDescriptorsAndTakesThemLater) {
       EXPECT_EQ(listener.accept(&caller), Turn::nobody) << "the spare one is back";
       EXPECT_FALSE(readable());
     }
+    limit.releaseOne();
+    connectTo(callers[2], path);
+    ASSERT_EQ(listener.accept(&caller), Turn::caller);
+    EXPECT_THAT(caller.refusal, testing::HasSubstr("no file descriptor is left"))
+        << "it has the last one";
+    caller = {};
   }
-  connectTo(callers[2], path);
+  connectTo(callers[3], path);
   ASSERT_EQ(listener.accept(&caller), Turn::caller);
   EXPECT_EQ(caller.refusal, "");
   EXPECT_EQ(caller.pid, getpid());
