@@ -1,11 +1,11 @@
 // Texts as they may leave in error messages.
-#include "PI/frontend/base/PlainText.h"
+#include "PI/core/PlainText.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 
-namespace pi::fe::proto {
+namespace pi::core {
 
 namespace {
 
@@ -58,4 +58,10 @@ std::string plainText(std::string_view text) {
   return result;
 }
 
-}  // namespace pi::fe::proto
+std::string plainText(std::string_view text, size_t most) {
+  if (text.size() <= most) return plainText(text);
+  while (most > 0 && (static_cast<uint8_t>(text[most]) & 0xc0) == 0x80) --most;
+  return plainText(text.substr(0, most)) + "...";
+}
+
+}  // namespace pi::core

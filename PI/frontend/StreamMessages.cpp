@@ -2,6 +2,7 @@
 #include <new>
 
 #include "PI/core/PacketCounts.h"
+#include "PI/core/PlainText.h"
 #include "PI/frontend/DeviceMgrImp.h"
 #include "PI/frontend/base/Permission.h"
 #include "PI/frontend/base/Refusal.h"
@@ -11,6 +12,8 @@
 namespace pi::fe::proto {
 
 namespace {
+
+constexpr size_t kShownBytes = 128;  // of a controller's own text in a message
 
 // The target says "not sent" both of a header that it cannot use and of a full queue. It refuses
 // every packet of a pipeline whose header it cannot use, and only a queue of its packets gets full.
@@ -81,7 +84,7 @@ DeviceMgrImp::Status DeviceMgrImp::streamMessage(
         refuseDigestAck(request.digest_ack());
       case p4::v1::StreamMessageRequest::kOther:
         refuse(code::unimplemented, "device ", deviceId_, ": stream messages of the type ",
-               request.other().type_url(), " are not supported");
+               core::plainText(request.other().type_url(), kShownBytes), " are not supported");
       default:
         refuse(code::invalidArgument, "the stream message asks for nothing");
     }

@@ -1,8 +1,9 @@
 #include "PI/server/Arbitration.h"
 
-#include <algorithm>
 #include <utility>
 #include <vector>
+
+#include "PI/core/PlainText.h"
 
 namespace pi::server {
 
@@ -16,19 +17,11 @@ std::string text(const ElectionId& id) {
   return "{high: " + std::to_string(id.high) + ", low: " + std::to_string(id.low) + "}";
 }
 
-// Names are cut to a length that fits into a status message, between two characters, and stay on
-// one line.
-std::string shortened(std::string name) {
-  const auto isControl = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
-  std::replace_if(name.begin(), name.end(), isControl, ' ');
-  size_t size = 64;
-  if (name.size() <= size) return name;
-  while (size > 0 && (static_cast<unsigned char>(name[size]) & 0xc0) == 0x80) --size;
-  return name.substr(0, size) + "...";
-}
+constexpr size_t kShownBytes = 64;  // of a name in a message
 
 std::string text(const RoleOfDevice& role) {
-  return "role '" + shortened(role.role) + "' on device " + std::to_string(role.deviceId);
+  return "role '" + core::plainText(role.role, kShownBytes) + "' on device " +
+         std::to_string(role.deviceId);
 }
 
 std::string text(const std::optional<ElectionId>& id) {

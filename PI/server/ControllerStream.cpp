@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "PI/core/PlainText.h"
 #include "PI/server/CallStatus.h"
 #include "PI/server/Requester.h"
 #include "PI/server/Thread.h"
@@ -160,7 +161,8 @@ Status ControllerStream::handle(const p4::v1::StreamMessageRequest& request) {
       break;
     case p4::v1::StreamMessageRequest::kOther:
       report(request, StatusCode::UNIMPLEMENTED,
-             "stream messages of type '" + request.other().type_url() + "' are not supported");
+             "stream messages of type '" + core::plainText(request.other().type_url(), kMostShown) +
+                 "' are not supported");
       break;
     default:
       report(request, StatusCode::INVALID_ARGUMENT,
@@ -178,10 +180,9 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
   }
   if (update.role().has_config()) {
     const std::string& type = update.role().config().type_url();
-    return Status(StatusCode::INVALID_ARGUMENT,
-                  "the role has a config of type '" +
-                      (type.size() <= kMostShown ? type : std::string("...")) +
-                      "', which is not supported; leave it unset");
+    return Status(StatusCode::INVALID_ARGUMENT, "the role has a config of type '" +
+                                                    core::plainText(type, kMostShown) +
+                                                    "', which is not supported; leave it unset");
   }
   if (!role_) {
     role_ = role;

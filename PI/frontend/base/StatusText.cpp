@@ -5,9 +5,11 @@
 
 #include <algorithm>
 
-#include "PI/frontend/base/PlainText.h"
+#include "PI/core/PlainText.h"
 
 namespace pi::fe::proto {
+
+using core::plainText;
 
 namespace {
 
@@ -20,6 +22,8 @@ constexpr size_t kItemBytes = 42;
 // Of the only message, in the status message; it travels there percent-encoded, and twice.
 constexpr size_t kOnlyMessageBytes = 512;
 constexpr size_t kEncodedBytesPerByte = 4;
+// Of the message of a whole call's refusal, three bytes each when none of it is ASCII.
+constexpr size_t kPlainMessageBytes = 2 * 1024;
 
 size_t messageBudget(size_t items) {
   const size_t frame = items * kItemBytes;
@@ -44,7 +48,7 @@ std::string summary(const std::vector<p4::v1::Error>& errors, size_t failed, con
     return absl::StrCat(failed, " of ", errors.size(), " ", what, " failed; see the details");
   }
   const auto only = std::find_if(errors.begin(), errors.end(), isFailure);
-  const std::string message = plainText(only->message().substr(0, kOnlyMessageBytes));
+  const std::string message = plainText(only->message(), kOnlyMessageBytes);
   if (errors.size() == 1) return message;
   return absl::StrCat("1 of ", errors.size(), " ", what, " failed: ", message);
 }
@@ -56,7 +60,7 @@ google::rpc::Status okStatus() { return {}; }
 google::rpc::Status plainStatus(int code, const std::string& message) {
   google::rpc::Status status;
   status.set_code(code);
-  status.set_message(plainText(message));
+  status.set_message(plainText(message, kPlainMessageBytes));
   return status;
 }
 

@@ -180,6 +180,10 @@ TEST_F(ServerTest, StreamErrorsNameTheRequestAndLeaveTheStreamOpen) {
   answer = primary->next();
   EXPECT_EQ(answer.error().canonical_code(), StatusCode::UNIMPLEMENTED);
   EXPECT_EQ(answer.error().other().other().type_url(), "x/y");
+  request.mutable_other()->set_type_url("x\n" + std::string(100'000, 'y'));
+  primary->send(request);
+  EXPECT_EQ(primary->next().error().message(),
+            "stream messages of type 'x " + std::string(126, 'y') + "...' are not supported");
 
   primary->send(StreamMessageRequest());
   EXPECT_EQ(primary->next().error().canonical_code(), StatusCode::INVALID_ARGUMENT);
