@@ -58,6 +58,27 @@ struct EndOfBatch {
   ~EndOfBatch() { TheBatchStatus()->onBatchSettled(); }
 };
 
+void endBatch() {
+  try {
+    TheBatchStatus()->onBatchEnd();
+  } catch (const std::exception& e) {  // settling follows, and ends the batch
+    loseTrack(e.what());
+  }
+}
+
+// A batch that is open in part is ended: the next Write would otherwise commit its remains.
+void beginBatch() {
+  pendingStatus().clear();
+  TheBatchEntries()->clearPendingOperations();
+  try {
+    TheBatchStatus()->onBatchBegin();
+  } catch (...) {
+    const EndOfBatch end;
+    endBatch();
+    throw;
+  }
+}
+
 }  // namespace
 
 void setPendingStatusForOffset(unsigned int offset, unsigned int errorCode, std::string message) {
@@ -191,20 +212,19 @@ pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
     SCRIVEL_TRACE(1, "_pi_batch_begin", " refused: Writes are not let in now");
     return PI_STATUS_TARGET_TRANSPORT_ERROR;
   }
-  P4Runtime::pendingStatus().clear();
-  TheBatchEntries()->clearPendingOperations();
-  TheBatchStatus()->onBatchBegin();
+  try {
+    P4Runtime::beginBatch();
+  } catch (const std::exception& e) {
+    SCRIVEL_TRACE(0, "_pi_batch_begin", " unexpected exception: ", e.what());
+    return PI_STATUS_TARGET_ERROR;
+  }
   return PI_STATUS_SUCCESS;
 }
 
 pi_status_t _pi_batch_end(pi_session_handle_t session_handle, bool hw_sync) {
   const ActivityLock lock;
   SCRIVEL_TRACE(5, "_pi_batch_end", " session_handle: ", session_handle, " hw_sync: ", hw_sync);
-  try {
-    TheBatchStatus()->onBatchEnd();
-  } catch (const std::exception& e) {  // settling follows, and ends the batch
-    P4Runtime::loseTrack(e.what());
-  }
+  P4Runtime::endBatch();
   return PI_STATUS_SUCCESS;
 }
 

@@ -1,6 +1,7 @@
 // Carries out one Write.
 #include "PI/frontend/write/WriteRun.h"
 
+#include "PI/core/EndProcess.h"
 #include "PI/frontend/base/Permission.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
@@ -22,7 +23,9 @@ constexpr int kBatchUpdateFailed = 40;  // the target writes the error into the 
 class WriteScope {
  public:
   explicit WriteScope(EntryStore& store) : store_(store) {}
-  ~WriteScope() { store_.commit(); }
+  ~WriteScope() {
+    core::runOrEndProcess([this] { store_.commit(); });
+  }
   WriteScope(const WriteScope&) = delete;
   WriteScope& operator=(const WriteScope&) = delete;
 
@@ -92,8 +95,8 @@ void WriteRun::doRunBatch(const Batch& batch) {
   }
   if (!batchOpen_) return;  // no update came to the point where the target hears of it
   doEndBatch(&statuses);
-  std::vector<Change> changes = confirmed(batch, statuses);
-  levels_ == 1 ? store_.commit(changes) : store_.keep(changes);
+  core::runOrEndProcess([&] { doEnter(batch, statuses); });
+  doRecordFailures(statuses);
 }
 
 void WriteRun::doEndBatch(StatusVector* statuses) {
@@ -163,9 +166,10 @@ void WriteRun::doFailUnrun(const Batch& batch, const NoBatch& refusal) {
   for (const uint32_t offset : batch) doFail(offset, refusal.code(), refusal.message());
 }
 
-// The updates of a batch that the forwarding plane confirmed.
-std::vector<Change> WriteRun::confirmed(const Batch& batch, const StatusVector& failures) {
-  doRecordFailures(failures);
+// Enters the updates of a batch that the forwarding plane confirmed. The target has them for good:
+// a front end that does not know of them would refuse and overwrite the wrong entries.
+void WriteRun::doEnter(const Batch& batch, const StatusVector& failures) {
+  doMarkFailed(failures);
   std::vector<Change> changes;
   changes.reserve(batch.size());
   for (const uint32_t offset : batch) {
@@ -175,19 +179,26 @@ std::vector<Change> WriteRun::confirmed(const Batch& batch, const StatusVector& 
     if (operation.update.profile != nullptr) doCountUse(operation.update);
     changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE});
   }
-  return changes;
+  levels_ == 1 ? store_.commit(changes) : store_.keep(changes);
 }
 
-void WriteRun::doRecordFailures(const StatusVector& failures) {
+void WriteRun::doMarkFailed(const StatusVector& failures) {
   for (const auto& [offset, error] : failures) {
     if (error.canonical_code() == code::ok || offset >= operations_.size()) continue;
     Operation& operation = operations_[offset];
     if (!operation.pending) continue;
     operation.pending = false;
+    operation.failed = true;
+  }
+}
+
+void WriteRun::doRecordFailures(const StatusVector& failures) {
+  for (const auto& [offset, error] : failures) {
+    if (offset >= operations_.size() || !operations_[offset].failed) continue;
     const bool timedOut = error.canonical_code() == code::deadlineExceeded;
     const std::string& why = error.message();
     doFail(offset, error.canonical_code(),
-           absl::StrCat(updateText(operation.update), ": ",
+           absl::StrCat(updateText(operations_[offset].update), ": ",
                         timedOut && why.empty()
                             ? "the forwarding plane did not confirm it in time; it was undone"
                             : why));

@@ -42,6 +42,7 @@ class WriteRun {
     bool runs = false;     // not refused by the check
     uint32_t level = 0;    // the batch it runs in
     bool pending = false;  // given to the target; ends in its status vector or succeeded
+    bool failed = false;   // there
   };
 
   void doCheck(const p4::v1::WriteRequest& request);
@@ -53,7 +54,8 @@ class WriteRun {
   void maybeRunUpdate(uint32_t offset, StatusVector* statuses);
   void maybeBeginBatch(const Operation& operation);
   void doFailUnrun(const Batch& batch, const NoBatch& refusal);
-  std::vector<Change> confirmed(const Batch& batch, const StatusVector& failures);
+  void doEnter(const Batch& batch, const StatusVector& failures);
+  void doMarkFailed(const StatusVector& failures);
   void doRecordFailures(const StatusVector& failures);
   void doCountUse(const CheckedUpdate& update);
   void doFail(uint32_t offset, int code, const std::string& message);

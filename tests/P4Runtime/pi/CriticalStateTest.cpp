@@ -1,6 +1,7 @@
 #include "P4Runtime/pi/RunUpdate.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi_extensions.h"
+#include "PI/target/pi_imp.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
 namespace P4Runtime {
@@ -73,6 +74,17 @@ TEST_F(CriticalStateTest, OutcomeThatIsNotUnderstoodBreaksAnInvariant) {
   EXPECT_EQ(agent().tableImpl->restoreRequests(), 1u)
       << "the front end takes for undone what stands";
   EXPECT_NE(codeOfAdd(exactEntry(3)), 0) << "before that";
+}
+
+TEST_F(CriticalStateTest, BatchThatCouldNotBeginIsNotLeftOpen) {
+  int begun = 0;
+  const auto observed = agent().batchStatus->inProgressAttribute().observe([&] {
+    if (begun++ == 0) throw std::bad_alloc();
+  });
+  EXPECT_EQ(_pi_batch_begin(0), PI_STATUS_TARGET_ERROR);
+  EXPECT_FALSE(agent().batchStatus->inProgress());
+  EXPECT_FALSE(agent().database->inBatch());
+  EXPECT_EQ(codeOfAdd(exactEntry(1)), 0);
 }
 
 TEST_F(CriticalStateTest, BatchThatIsOpenWritesNoMore) {

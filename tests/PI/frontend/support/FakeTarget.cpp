@@ -337,6 +337,7 @@ std::map<uint32_t, std::pair<int, std::string>> FakeTarget::outcome(
     result[offset] = {failure->second.canonicalCode, failure->second.message};
     doUndo(offset);
   }
+  if (onSettled_) std::exchange(onSettled_, nullptr)();
   return result;
 }
 

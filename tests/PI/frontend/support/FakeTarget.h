@@ -71,6 +71,8 @@ class FakeTarget {
   }
   // The next entry written at the offset stands, and then memory runs out.
   void memoryEndsAt(uint32_t offset) { memoryEndsAt_ = offset; }
+  // Runs when the next batch has been settled.
+  void onSettledIs(std::function<void()> call) { onSettled_ = std::move(call); }
   void failuresAreOver() {
     failures_.clear();
     callStatus_.clear();
@@ -159,6 +161,7 @@ class FakeTarget {
   std::map<uint32_t, Failure> failures_;
   std::map<uint32_t, std::pair<size_t, int>> callStatus_;
   std::optional<uint32_t> memoryEndsAt_;
+  std::function<void()> onSettled_;
   std::map<uint32_t, size_t> calls_;  // in the current batch, by offset
   pi_status_t counterStatus_ = PI_STATUS_SUCCESS;
   std::function<void()> onCount_;

@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "tests/PI/frontend/support/FrontendTest.h"
+#include "tests/PI/frontend/support/Memory.h"
 #include "tests/PI/support/RefusedWith.h"
 
 namespace pi::fe::proto {
@@ -165,6 +166,13 @@ TEST_F(WriteTest, MemoryThatEndsInMidBatchLeavesNoBatchAndNoEntry) {
   EXPECT_EQ(written({modify(1, 7), insert(3)}).code(), code::ok);
   EXPECT_THAT(target.rows(), SizeIs(2));
   EXPECT_THAT(target.faults(), IsEmpty());
+}
+
+// The target has the entries for good, and the front end would not know of them. A new process
+// gets them back.
+TEST_F(WriteTest, MemoryThatEndsAfterTheSettlementEndsTheProcess) {
+  target.onSettledIs([] { Memory::isUsedUp = true; });
+  EXPECT_EXIT(written({insert(1), insert(2)}), testing::ExitedWithCode(1), "cannot go on: ");
 }
 
 TEST_F(WriteTest, ReadsDoNotWaitForAPendingWriteAndSeeTheStateBeforeIt) {

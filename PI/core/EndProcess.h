@@ -1,0 +1,24 @@
+// The last resort where neither a caller nor a client can be told of an exception.
+#pragma once
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <exception>
+
+namespace pi::core {
+
+// Runs `body`. An exception that leaves it, such as bad_alloc, ends the process with one line on
+// standard error and status 1: whoever supervises it starts it again, from what is stored.
+template <typename Body>
+void runOrEndProcess(Body body) noexcept {
+  try {
+    body();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s: cannot go on: %s\n", program_invocation_short_name, e.what());
+    _exit(1);
+  }
+}
+
+}  // namespace pi::core
