@@ -18,8 +18,10 @@ struct Limits {
   std::chrono::milliseconds arbitrateWithin{10'000};
   size_t writes = 256;                           // at once: one runs, the others wait
   size_t reads = 512;                            // at once
-  std::chrono::milliseconds takeWithin{60'000};  // for a client to take a message of a Read
-  size_t memoryBytes = size_t{512} << 20;        // of gRPC's buffers, and of requests being served
+  size_t otherCalls = 128;                       // at once: pipelines and capabilities
+  std::chrono::milliseconds takeWithin{60'000};  // for a client to take an answer, or a Read's next
+  std::chrono::milliseconds stalledAfter{1'000};  // then its call may give way to another
+  size_t memoryBytes = size_t{512} << 20;         // of gRPC's buffers, and of requests being served
 };
 
 // Thread-safe. Connections, streams and calls beyond new limits stay.

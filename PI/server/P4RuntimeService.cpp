@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <utility>
 
 #include "PI/core/PacketCounts.h"
@@ -90,12 +91,6 @@ Status requireFewScans(const p4::v1::ReadRequest& request) {
                     std::to_string(kMaxScans) + " of these at once");
 }
 
-Status tooMany(size_t limit, const char* calls) {
-  return Status(StatusCode::RESOURCE_EXHAUSTED,
-                std::to_string(limit) + " " + calls +
-                    " are under way, which is the limit; try again once some have ended");
-}
-
 }  // namespace
 
 P4RuntimeService::P4RuntimeService(Arbitration& arbitration, std::string localToken)
@@ -142,19 +137,18 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const Receiv
 }
 
 template <typename Request, typename Response, typename Serve>
-void P4RuntimeService::unaryMethodIs(const char* name, size_t maxBytes, Serve serve) {
-  using Handler = grpc::internal::RpcMethodHandler<P4RuntimeService, ReceivedMessage, Response,
-                                                   ReceivedMessage, Response>;
-  methodIs(name, grpc::internal::RpcMethod::NORMAL_RPC,
-           new Handler(
-               [maxBytes, serve](P4RuntimeService* self, grpc::ServerContext* context,
-                                 const ReceivedMessage* received, Response* response) {
-                 return self->served<Request>(*context, *received, maxBytes,
-                                              [&](const Request& request) {
-                                                return serve(*self, *context, request, response);
-                                              });
-               },
-               this));
+void P4RuntimeService::unaryMethodIs(const char* name, CallKind kind, size_t maxBytes,
+                                     Serve serve) {
+  const auto serveReceived = [this, maxBytes, serve](UnaryCall& call,
+                                                     const ReceivedMessage& received,
+                                                     Response* response) {
+    return served<Request>(call.context, received, maxBytes, [&](const Request& request) {
+      return serve(*this, call, request, response);
+    });
+  };
+  methodIs(
+      name, grpc::internal::RpcMethod::NORMAL_RPC,
+      new UnaryHandler<Response, decltype(serveReceived)>(sendDeadlines_, kind, serveReceived));
 }
 
 // By hand, as the generated service does it, because that one parses before it asks.
@@ -164,9 +158,9 @@ void P4RuntimeService::methodsAre() {
   using grpc::internal::RpcMethod;
   using Self = P4RuntimeService;
   unaryMethodIs<WriteRequest, WriteResponse>(
-      "/p4.v1.P4Runtime/Write", kMaxLargeMessageBytes,
-      [](Self& self, const ServerContext& context, const WriteRequest& request, WriteResponse*) {
-        return self.write(context, request);
+      "/p4.v1.P4Runtime/Write", CallKind::write, kMaxLargeMessageBytes,
+      [](Self& self, UnaryCall& call, const WriteRequest& request, WriteResponse*) {
+        return self.write(call, request);
       });
   methodIs("/p4.v1.P4Runtime/Read", RpcMethod::SERVER_STREAMING,
            new grpc::internal::ServerStreamingHandler<Self, ReceivedMessage, ReadResponse>(
@@ -179,15 +173,14 @@ void P4RuntimeService::methodsAre() {
                },
                this));
   unaryMethodIs<SetForwardingPipelineConfigRequest, SetForwardingPipelineConfigResponse>(
-      "/p4.v1.P4Runtime/SetForwardingPipelineConfig", kMaxLargeMessageBytes,
-      [](Self& self, const ServerContext& context,
-         const SetForwardingPipelineConfigRequest& request,
-         SetForwardingPipelineConfigResponse*) { return self.setPipeline(context, request); });
+      "/p4.v1.P4Runtime/SetForwardingPipelineConfig", CallKind::other, kMaxLargeMessageBytes,
+      [](Self& self, UnaryCall& call, const SetForwardingPipelineConfigRequest& request,
+         SetForwardingPipelineConfigResponse*) { return self.setPipeline(call, request); });
   unaryMethodIs<GetForwardingPipelineConfigRequest, GetForwardingPipelineConfigResponse>(
-      "/p4.v1.P4Runtime/GetForwardingPipelineConfig", kMaxMessageBytes,
-      [](Self& self, const ServerContext&, const GetForwardingPipelineConfigRequest& request,
+      "/p4.v1.P4Runtime/GetForwardingPipelineConfig", CallKind::other, kMaxMessageBytes,
+      [](Self& self, UnaryCall& call, const GetForwardingPipelineConfigRequest& request,
          GetForwardingPipelineConfigResponse* response) {
-        return self.getPipeline(request, response);
+        return self.getPipeline(call, request, response);
       });
   methodIs("/p4.v1.P4Runtime/StreamChannel", RpcMethod::BIDI_STREAMING,
            new grpc::internal::BidiStreamingHandler<Self, StreamRequest, StreamMessageResponse>(
@@ -197,13 +190,12 @@ void P4RuntimeService::methodsAre() {
                },
                this));
   unaryMethodIs<CapabilitiesRequest, CapabilitiesResponse>(
-      "/p4.v1.P4Runtime/Capabilities", kMaxMessageBytes,
-      [](Self& self, const ServerContext&, const CapabilitiesRequest& request,
-         CapabilitiesResponse* response) { return self.capabilities(request, response); });
+      "/p4.v1.P4Runtime/Capabilities", CallKind::other, kMaxMessageBytes,
+      [](Self& self, UnaryCall& call, const CapabilitiesRequest& request,
+         CapabilitiesResponse* response) { return self.capabilities(call, request, response); });
 }
 
-Status P4RuntimeService::write(const grpc::ServerContext& context,
-                               const p4::v1::WriteRequest& request) {
+Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& request) {
   const Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
   Arbitration::WritePermit permit;
@@ -215,10 +207,9 @@ Status P4RuntimeService::write(const grpc::ServerContext& context,
   if (!ready.ok()) return ready;
   const Status atomicity = requireAtomicity(request.atomicity());
   if (!atomicity.ok()) return atomicity;
-  const size_t limit = limits().writes;
-  const auto underWay = writes_.take(1, limit);
-  if (!underWay) return tooMany(limit, "Writes");
-  return toGrpc(device->write(request, [&] { return stillWanted(context, request); }));
+  const Status placed = writes_.take(call.context.peer(), limits().writes, &call.place);
+  if (!placed.ok()) return placed;
+  return toGrpc(device->write(request, [&] { return stillWanted(call.context, request); }));
 }
 
 // A Write may have waited long for its turn.
@@ -242,18 +233,24 @@ Status P4RuntimeService::read(grpc::ServerContext& context, const p4::v1::ReadRe
   if (!ready.ok()) return ready;
   const Status few = requireFewScans(request);
   if (!few.ok()) return few;
-  const size_t limit = limits().reads;
-  const auto underWay = reads_.take(1, limit);
-  if (!underWay) return tooMany(limit, "Reads");
+  std::optional<CallPlaces::Place> place;
+  const Status placed = reads_.take(context.peer(), limits().reads, &place);
+  if (!placed.ok()) return placed;
   return toGrpc(device->read(request, [&](const p4::v1::ReadResponse& response) {
-    const SendDeadlines::Sending sending(sendDeadlines_, context);
+    const SendDeadlines::Sending sending(sendDeadlines_, context, CallKind::read);
     return writer.Write(response);
   }));
 }
 
-Status P4RuntimeService::setPipeline(const grpc::ServerContext& context,
+Status P4RuntimeService::takeOther(UnaryCall& call) {
+  return others_.take(call.context.peer(), limits().otherCalls, &call.place);
+}
+
+Status P4RuntimeService::setPipeline(UnaryCall& call,
                                      const p4::v1::SetForwardingPipelineConfigRequest& request) {
-  if (hasLocalToken(context)) return toGrpc(devices_.pipelineIs(request));
+  if (hasLocalToken(call.context)) return toGrpc(devices_.pipelineIs(request));
+  const Status placed = takeOther(call);
+  if (!placed.ok()) return placed;
   const Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
   const Status primary = arbitration_.requirePrimary(roleOf(request), electionIdOf(request));
@@ -271,9 +268,12 @@ Status P4RuntimeService::setPipeline(const grpc::ServerContext& context,
       device->pipeline_config_check(request.action(), request.has_config(), request.config()));
 }
 
-Status P4RuntimeService::getPipeline(const p4::v1::GetForwardingPipelineConfigRequest& request,
+Status P4RuntimeService::getPipeline(UnaryCall& call,
+                                     const p4::v1::GetForwardingPipelineConfigRequest& request,
                                      p4::v1::GetForwardingPipelineConfigResponse* response) {
   using Request = p4::v1::GetForwardingPipelineConfigRequest;
+  const Status placed = takeOther(call);
+  if (!placed.ok()) return placed;
   const Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
   if (!Request::ResponseType_IsValid(request.response_type())) {
@@ -296,8 +296,10 @@ Status P4RuntimeService::streamChannel(
   return status;
 }
 
-Status P4RuntimeService::capabilities(const p4::v1::CapabilitiesRequest& request,
+Status P4RuntimeService::capabilities(UnaryCall& call, const p4::v1::CapabilitiesRequest& request,
                                       p4::v1::CapabilitiesResponse* response) {
+  const Status placed = takeOther(call);
+  if (!placed.ok()) return placed;
   if (request.device_id() != 0) {  // 0: also sent by clients that name no device
     const Status known = devices_.requireKnown(request.device_id());
     if (!known.ok()) return known;

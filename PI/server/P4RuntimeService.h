@@ -12,10 +12,12 @@
 
 #include "PI/server/Admission.h"
 #include "PI/server/Arbitration.h"
+#include "PI/server/CallPlaces.h"
 #include "PI/server/Devices.h"
 #include "PI/server/ReceivedMessage.h"
 #include "PI/server/SendDeadlines.h"
 #include "PI/server/StreamSet.h"
+#include "PI/server/UnaryHandler.h"
 #include "p4/v1/p4runtime.pb.h"
 
 namespace pi::server {
@@ -37,28 +39,30 @@ class P4RuntimeService final : public grpc::Service {
   template <typename Handler>
   void methodIs(const char* name, grpc::internal::RpcMethod::RpcType type, Handler* handler);
   template <typename Request, typename Response, typename Serve>
-  void unaryMethodIs(const char* name, size_t maxBytes, Serve serve);
+  void unaryMethodIs(const char* name, CallKind kind, size_t maxBytes, Serve serve);
   void methodsAre();
   // Parses the request and serves it, unless it is too large or there is no memory for it.
   template <typename Request, typename Serve>
   grpc::Status served(const grpc::ServerContext& context, const ReceivedMessage& received,
                       size_t maxBytes, Serve serve);
 
-  grpc::Status write(const grpc::ServerContext& context, const p4::v1::WriteRequest& request);
+  grpc::Status write(UnaryCall& call, const p4::v1::WriteRequest& request);
   google::rpc::Status stillWanted(const grpc::ServerContext& context,
                                   const p4::v1::WriteRequest& request) const;
   grpc::Status read(grpc::ServerContext& context, const p4::v1::ReadRequest& request,
                     grpc::ServerWriter<p4::v1::ReadResponse>& writer);
-  grpc::Status setPipeline(const grpc::ServerContext& context,
+  grpc::Status setPipeline(UnaryCall& call,
                            const p4::v1::SetForwardingPipelineConfigRequest& request);
-  grpc::Status getPipeline(const p4::v1::GetForwardingPipelineConfigRequest& request,
+  grpc::Status getPipeline(UnaryCall& call,
+                           const p4::v1::GetForwardingPipelineConfigRequest& request,
                            p4::v1::GetForwardingPipelineConfigResponse* response);
   grpc::Status streamChannel(
       grpc::ServerContext& context,
       grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, StreamRequest>& call);
-  grpc::Status capabilities(const p4::v1::CapabilitiesRequest& request,
+  grpc::Status capabilities(UnaryCall& call, const p4::v1::CapabilitiesRequest& request,
                             p4::v1::CapabilitiesResponse* response);
 
+  grpc::Status takeOther(UnaryCall& call);
   bool hasLocalToken(const grpc::ServerContext& context) const;
   grpc::Status requirePipeline(uint64_t deviceId, std::shared_ptr<DeviceMgr>* device) const;
   void toPrimaries(uint64_t deviceId, p4::v1::StreamMessageResponse&& response);
@@ -69,8 +73,9 @@ class P4RuntimeService final : public grpc::Service {
   StreamSet streams_;
   SendDeadlines sendDeadlines_;
   Admission requestBytes_;
-  Admission reads_;
-  Admission writes_;
+  CallPlaces reads_{CallKind::read, "Reads", sendDeadlines_};
+  CallPlaces writes_{CallKind::write, "Writes", sendDeadlines_};
+  CallPlaces others_{CallKind::other, "calls that are neither Write nor Read", sendDeadlines_};
 };
 
 }  // namespace pi::server

@@ -20,28 +20,30 @@ SendDeadlines::~SendDeadlines() {
   watcher_.join();
 }
 
-SendDeadlines::Sending::Sending(SendDeadlines& deadlines, grpc::ServerContext& context)
+SendDeadlines::Sending::Sending(SendDeadlines& deadlines, grpc::ServerContext& context,
+                                CallKind kind)
     : deadlines_(deadlines), context_(&context) {
-  const auto until = Clock::now() + limits().takeWithin;
+  const auto now = Clock::now();
+  const auto until = now + limits().takeWithin;
   const std::lock_guard lock(deadlines_.mutex_);
-  deadlines_.until_[context_] = until;
-  if (deadlines_.sleeps_) deadlines_.changed_.notify_all();
+  deadlines_.sends_[context_] = {kind, now, until};
+  if (until < deadlines_.wakes_) deadlines_.changed_.notify_all();
 }
 
 SendDeadlines::Sending::~Sending() {
   const std::lock_guard lock(deadlines_.mutex_);
-  deadlines_.until_.erase(context_);
+  deadlines_.sends_.erase(context_);
 }
 
 void SendDeadlines::watch() {
   std::unique_lock lock(mutex_);
   while (!stopped_) {
     const auto next = cancelLate(Clock::now());
-    sleeps_ = !next;
+    wakes_ = next.value_or(Clock::time_point::max());
     if (next) {
       changed_.wait_until(lock, *next);
     } else {
-      changed_.wait(lock, [this] { return stopped_ || !until_.empty(); });
+      changed_.wait(lock, [this] { return stopped_ || !sends_.empty(); });
     }
   }
 }
@@ -49,16 +51,31 @@ void SendDeadlines::watch() {
 // Returns when to look again; nothing: once something is sent.
 std::optional<SendDeadlines::Clock::time_point> SendDeadlines::cancelLate(Clock::time_point now) {
   std::optional<Clock::time_point> next;
-  for (auto one = until_.begin(); one != until_.end();) {
-    if (one->second > now) {
-      next = std::min(one->second, next.value_or(one->second));
+  for (auto one = sends_.begin(); one != sends_.end();) {
+    const auto until = one->second.until;
+    if (until > now) {
+      next = std::min(until, next.value_or(until));
       ++one;
       continue;
     }
     one->first->TryCancel();
-    one = until_.erase(one);
+    one = sends_.erase(one);
   }
   return next;
+}
+
+bool SendDeadlines::endStalled(CallKind kind) {
+  const auto latest = Clock::now() - limits().stalledAfter;
+  const std::lock_guard lock(mutex_);
+  auto stalled = sends_.end();
+  for (auto one = sends_.begin(); one != sends_.end(); ++one) {
+    if (one->second.kind != kind || one->second.since > latest) continue;
+    if (stalled == sends_.end() || one->second.since < stalled->second.since) stalled = one;
+  }
+  if (stalled == sends_.end()) return false;
+  stalled->first->TryCancel();
+  sends_.erase(stalled);
+  return true;
 }
 
 }  // namespace pi::server

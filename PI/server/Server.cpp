@@ -95,8 +95,8 @@ void Server::ownConnectionsAre(bool on) { listener_->ownConnectionsAre(on); }
 void Server::limitsChanged() {
   const Limits now = limits();
   quota_->Resize(now.memoryBytes);
-  quota_->SetMaxThreads(
-      static_cast<int>(now.streams + now.reads + now.writes + StreamSet::kMaxUnarbitrated + 128));
+  quota_->SetMaxThreads(static_cast<int>(now.streams + now.reads + now.writes + now.otherCalls +
+                                         StreamSet::kMaxUnarbitrated + 128));
 }
 
 // On a thread of its own, because gRPC waits for calls that cannot be cancelled.

@@ -8,6 +8,7 @@
 #include "PI/server/Devices.h"
 #include "PI/server/Limits.h"
 #include "tests/PI/server/ServerFixture.h"
+#include "tests/PI/server/WindowlessClient.h"
 #include "tests/PI/support/RefusedWith.h"
 
 namespace {
@@ -103,6 +104,91 @@ TEST_F(LimitsTest, AReadWhoseClientTakesNothingIsEnded) {
   while (reader->Read(&response)) {
   }
   EXPECT_EQ(reader->Finish().error_code(), StatusCode::CANCELLED);
+}
+
+// Each of its calls waits on a thread for it to take the answer, and all threads are bounded.
+TEST_F(LimitsTest, AClientThatTakesNoAnswersKeepsNobodyFromWriting) {
+  const auto primary = served(10);
+  pi::server::limitsAre({.streams = 4, .writes = 1, .reads = 1, .otherCalls = 4});
+  WindowlessClient client(PIGrpcServerGetPort());
+  for (int i = 0; i < 500; ++i) client.call("Capabilities");
+  client.awaitEnds(250);
+  EXPECT_TRUE(write(10).ok());
+  Controller another(*stub_, deviceId_);
+  EXPECT_EQ(another.arbitrate(11), StatusCode::OK);
+}
+
+TEST_F(LimitsTest, ACallWhoseAnswerIsNotTakenIsEnded) {
+  pi::server::limitsAre({.takeWithin = std::chrono::milliseconds(1)});
+  WindowlessClient client(PIGrpcServerGetPort());
+  client.call("Capabilities");
+  client.awaitEnds(1);
+}
+
+TEST_F(LimitsTest, StalledCallsGiveWayToOthers) {
+  const auto primary = served();
+  pi::server::limitsAre({.reads = 1,
+                         .otherCalls = 1,
+                         .takeWithin = std::chrono::hours(1),
+                         .stalledAfter = std::chrono::milliseconds(1)});
+  TheFakeDevice().onRead = [&](const p4::v1::ReadRequest& request, const auto& sink) {
+    p4::v1::ReadResponse response;
+    response.add_entities()->mutable_table_entry()->set_metadata(std::string(1 << 20, 'x'));
+    while (request.entities().empty() && sink(response)) {
+    }
+    return statusOf(0);
+  };
+  WindowlessClient client(PIGrpcServerGetPort());
+  client.call("Capabilities");
+  grpc::ClientContext context;
+  const auto reader = stub_->Read(&context, readRequest());
+  auto request = readRequest();
+  request.add_entities()->mutable_table_entry();
+  while (!readWith(request).ok()) std::this_thread::yield();
+  grpc::Status asked;
+  do {
+    grpc::ClientContext capabilities;
+    p4::v1::CapabilitiesResponse response;
+    asked = stub_->Capabilities(&capabilities, {}, &response);
+  } while (!asked.ok());
+  client.awaitEnds(1);
+  p4::v1::ReadResponse response;
+  while (reader->Read(&response)) {
+  }
+  EXPECT_EQ(reader->Finish().error_code(), StatusCode::CANCELLED);
+}
+
+// Others have a quarter of the places left.
+TEST_F(LimitsTest, OneConnectionDoesNotTakeAllPlaces) {
+  const auto primary = served();
+  limits_.reads = 4;
+  apply();
+  std::promise<void> release;
+  const std::shared_future<void> released(release.get_future());
+  std::atomic<int> begun = 0;
+  TheFakeDevice().onRead = [&](const p4::v1::ReadRequest& request, const auto&) {
+    if (!request.entities().empty()) return statusOf(0);
+    ++begun;
+    awaited(released, "the test lets the Reads go on");
+    return statusOf(0);
+  };
+  std::vector<std::future<grpc::Status>> reads;
+  for (int i = 0; i < 3; ++i) {
+    reads.push_back(std::async(std::launch::async, [this] { return readWith(readRequest()); }));
+  }
+  while (begun < 3) std::this_thread::yield();
+  auto request = readRequest();
+  request.add_entities()->mutable_table_entry();
+  EXPECT_THAT(readWith(request), RefusedWith(StatusCode::RESOURCE_EXHAUSTED,
+                                             "3 Reads of this connection are under way"));
+  const auto elsewhere = connected();
+  grpc::ClientContext context;
+  p4::v1::ReadResponse response;
+  const auto reader = elsewhere->Read(&context, request);
+  EXPECT_FALSE(reader->Read(&response));
+  EXPECT_TRUE(reader->Finish().ok());
+  release.set_value();
+  for (auto& read : reads) EXPECT_TRUE(awaited(read, "the Read has ended").ok());
 }
 
 TEST_F(LimitsTest, AStreamThatNamesNoRoleInTimeIsEnded) {
