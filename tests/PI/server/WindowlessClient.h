@@ -1,4 +1,5 @@
-// An HTTP/2 client that lets the server send it no byte of an answer: it opens no window.
+// An HTTP/2 client that lets the server send it no byte of an answer: it opens no window, and goes
+// on saying that it lives.
 #pragma once
 
 #include <arpa/inet.h>
@@ -7,8 +8,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <string>
+#include <thread>
 
 class WindowlessClient {
  public:
@@ -20,8 +24,16 @@ class WindowlessClient {
     EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     const std::string noWindow("\0\4\0\0\0\0", 6);
     send("PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(kSettings, 0, 0, noWindow));
+    reader_ = std::thread([this] {
+      while (read()) {
+      }
+    });
   }
-  ~WindowlessClient() { close(socket_); }
+  ~WindowlessClient() {
+    shutdown(socket_, SHUT_RDWR);
+    reader_.join();
+    close(socket_);
+  }
   WindowlessClient(const WindowlessClient&) = delete;
   WindowlessClient& operator=(const WindowlessClient&) = delete;
 
@@ -36,18 +48,13 @@ class WindowlessClient {
   }
   // Waits until so many calls have ended, by an error or by a reset.
   void awaitEnds(int count) {
-    while (count > 0) {
-      const std::string head = received(9);
-      if (head.size() < 9) FAIL() << "the server has hung up";
-      const auto byte = [&](size_t at) { return static_cast<uint8_t>(head[at]); };
-      received(size_t{byte(0)} << 16 | size_t{byte(1)} << 8 | byte(2));
-      const bool isEnd = byte(3) == kReset || (byte(3) == kHeaders && (byte(4) & 1));
-      if (isEnd) --count;
-    }
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return ends_ >= count || hungUp_; });
+    EXPECT_FALSE(hungUp_);
   }
 
  private:
-  enum Type : uint8_t { kData = 0, kHeaders = 1, kReset = 3, kSettings = 4 };
+  enum Type : uint8_t { kData = 0, kHeaders = 1, kReset = 3, kSettings = 4, kPing = 6 };
 
   static std::string frame(Type type, uint8_t flags, uint32_t call, const std::string& payload) {
     const uint32_t length = htonl(static_cast<uint32_t>(payload.size()) << 8);
@@ -59,6 +66,20 @@ class WindowlessClient {
   static std::string field(const std::string& name, const std::string& value) {
     return std::string(1, '\0') + static_cast<char>(name.size()) + name +
            static_cast<char>(value.size()) + value;
+  }
+  // A frame; false: the server has hung up.
+  bool read() {
+    const std::string head = received(9);
+    const auto byte = [&](size_t at) { return static_cast<uint8_t>(head[at]); };
+    const bool hasCome = head.size() == 9;
+    const std::string payload =
+        hasCome ? received(size_t{byte(0)} << 16 | size_t{byte(1)} << 8 | byte(2)) : "";
+    if (hasCome && byte(3) == kPing && !(byte(4) & 1)) send(frame(kPing, 1, 0, payload));
+    const std::lock_guard lock(mutex_);
+    if (hasCome && (byte(3) == kReset || (byte(3) == kHeaders && (byte(4) & 1)))) ++ends_;
+    hungUp_ = !hasCome;
+    changed_.notify_all();
+    return hasCome;
   }
   void send(const std::string& bytes) const {
     EXPECT_EQ(::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
@@ -73,4 +94,9 @@ class WindowlessClient {
 
   const int socket_;
   uint32_t nextCall_ = 1;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int ends_ = 0;
+  bool hungUp_ = false;
+  std::thread reader_;
 };
