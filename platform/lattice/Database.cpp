@@ -14,6 +14,7 @@
 #include "platform/lattice/records/Journal.h"
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
+#include "platform/lattice/types/RowWalk.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 
@@ -95,6 +96,11 @@ class DatabaseImpl final : public Database {
   uint64_t rowDel(const ArTableInterface::Impl& table, std::string_view key, uint64_t entryHandle);
 
  private:
+  struct OwnedRow {
+    Row row;
+    uint64_t entryHandle;
+  };
+
   void handleScopeEnd();
   bool dirty() const { return store_.dirty() || !journal_.empty(); }
   std::optional<std::string> tryCommit(Brine::Store::Filling filling);
@@ -105,6 +111,7 @@ class DatabaseImpl final : public Database {
   void doDerive();
   void settleWatches();
   void tellWatchers(ArTableInterface::Impl& table);
+  std::vector<OwnedRow> rowsOfDamagedRecord(const ArTableInterface::Impl& table);
   void announce(ArTableInterface::Impl& table);
   void announceAgain();
   bool survives(const ArTableInterface::Impl& table, uint32_t* number);
@@ -209,13 +216,36 @@ bool DatabaseImpl::survives(const ArTableInterface::Impl& table, uint32_t* numbe
   return same && (table.persistent || store_.count(table.rows) == 0);
 }
 
-// A table with a number of its own and no rows, which followers take for a new one.
+// A table with a number of its own, which followers take for a new one: it has the rows that the
+// journal tells of from here on.
 void DatabaseImpl::announce(ArTableInterface::Impl& table) {
+  const std::vector<OwnedRow> kept = rowsOfDamagedRecord(table);
   store_.eraseAll(table.rows);
   const TableRecord record{table.number, table.type->name(), table.type->definition()};
   store_.put(types_, Brine::asBytes(table.boundName), Brine::asBytes(record.encode()));
   journal_.typesChanged();
   typesChanged_ = true;
+  for (const OwnedRow& one : kept) rowIs(table, one.row, one.entryHandle);
+}
+
+// The settings of direct meters stand in rows alone. Without its record, a table keeps them if each
+// has the layout of the type; an absent record means that the table was being removed.
+std::vector<DatabaseImpl::OwnedRow> DatabaseImpl::rowsOfDamagedRecord(
+    const ArTableInterface::Impl& table) {
+  const Brine::Bytes name = Brine::asBytes(table.boundName);
+  if (!table.persistent || store_.get(types_, name) || !store_.erase(types_, name)) return {};
+  std::vector<OwnedRow> rows;
+  bool allFit = true;
+  store_.forEach(table.rows, [&](Brine::Bytes key, Brine::Bytes bytes) {
+    const auto row = StoredRow::decode(Brine::asText(bytes));
+    allFit = row && key.size() == table.type->keySize() && fitOfValue(*table.type, row->value);
+    if (allFit) {
+      rows.push_back(
+          {{std::string(Brine::asText(key)), std::string(row->value)}, row->entryHandle});
+    }
+    return allFit;
+  });
+  return allFit ? std::move(rows) : std::vector<OwnedRow>();
 }
 
 std::vector<std::string> DatabaseImpl::removeUnboundTables() {

@@ -7,11 +7,13 @@
 #include "P4Runtime/table/records/HandleReservation.h"
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
+#include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
 namespace {
 
 constexpr uint64_t noAgent = UINT64_MAX;  // no forwarding agent has failed
+constexpr size_t mostNameBytes = 256;
 
 // Members and groups have entry handles of their own, with the highest bit set.
 EntryHandle entryHandleOf(const CacheKey& key) {
@@ -63,6 +65,9 @@ std::vector<Brine::DamagedRecord> DamagedRecords::tell() {
 std::string DamagedRecords::text(const Brine::DamagedRecord& record) const {
   if (isRow(record)) return rowText(tableOfRow(record), record.key);
   if (isOfCache(record)) return recordText(cacheKeyOf(Brine::asBytes(record.key)));
+  if (record.table == Lattice::typesTable) {
+    return "list of tables, table " + Vela::plainLine(record.key, mostNameBytes);
+  }
   return fmt::format("{}, key {}", record.table, hexText(record.key));
 }
 

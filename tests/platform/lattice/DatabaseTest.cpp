@@ -395,6 +395,22 @@ TEST_F(DatabaseTest, ADamagedListOfTablesTakesNoTableFromAFollower) {
   EXPECT_EQ(follower->rows["routes"].size(), 3u);
 }
 
+// Rows hold settings that stand nowhere else.
+TEST_F(DatabaseTest, ADamagedListOfTablesCostsNoRows) {
+  write(0, 3, 7);
+  ASSERT_TRUE(inStep());
+  flipBehind(directory.file("brine.mdb"), "routesType", 3);
+  restartAgent();
+  EXPECT_EQ(routes->row(route(2, 7).key), route(2, 7));
+  EXPECT_EQ(routes->rowEntryHandle(route(2, 7).key), 102u);
+  write(3, 4, 7);
+  ASSERT_TRUE(followUntil([&] { return follower->rows["routes"].size() == 4; }));
+  agent.reset();
+  flipBehind(directory.file("brine.mdb"), "routesType", 3);
+  restartAgent("key dst : U32; nexthop_id : U32;");
+  EXPECT_FALSE(routes->row(route(2, 7).key)) << "of another type";
+}
+
 // Tables go by their numbers, and followers look at the list when its version is another.
 TEST_F(DatabaseTest, ALostJournalStateGivesNoNumberTwice) {
   write(0, 10);

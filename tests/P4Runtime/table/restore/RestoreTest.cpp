@@ -75,6 +75,15 @@ TEST_F(RestoreTest, DirectMeterSettingsStandAsTheyWere) {
   const auto back = agent().frontEnd.restored[1].meter;
   ASSERT_TRUE(back);
   EXPECT_EQ(std::tuple(back->cir, back->cburst, back->pir, back->pburst), std::tuple(1, 2, 3, 4));
+
+  flipBehind(agent().directory + "/brine.mdb", "metered_type", 3);  // in the list of tables
+  testing::internal::CaptureStderr();
+  restart();
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              testing::HasSubstr("list of tables, table metered: its record in shared memory was"));
+  EXPECT_EQ(*agent().row("metered"), row);
+  ASSERT_EQ(agent().frontEnd.restored.size(), 2u);
+  EXPECT_TRUE(agent().frontEnd.restored[1].meter);
 }
 
 TEST_F(RestoreTest, SizeLimitIsNotForRestoredEntries) {
