@@ -68,9 +68,12 @@ class DeviceReader {
  private:
   static constexpr const char* whole = "the device configuration";
 
+  std::string cannotParse(const char* key) const {
+    return std::string("Cannot parse ") + key + ' ' + step_;
+  }
+
   void missing(const std::string& owner, const std::string& what, const char* key) {
-    findings_->error(owner, "has no " + what + " \"" + key + '"',
-                     {std::string("Cannot parse ") + key + ' ' + step_});
+    findings_->error(owner, "has no " + what + " \"" + key + '"', {cannotParse(key)});
   }
 
   template <typename Visit>
@@ -88,13 +91,13 @@ class DeviceReader {
     }
     if (!Vela::isPlainLine(*value, value->size())) {
       findings_->error(owner, std::string("its \"") + key + "\" is no line of plain text",
-                       {std::string("Cannot parse ") + key + ' ' + step_});
+                       {cannotParse(key)});
     }
     if (value->size() > maxNameBytes) {
       findings_->error(owner.substr(0, maxNameBytes),
                        std::string("its \"") + key + "\" is longer than " +
                            std::to_string(maxNameBytes) + " bytes",
-                       {std::string("Cannot parse ") + key + ' ' + step_});
+                       {cannotParse(key)});
     }
     return *value;
   }

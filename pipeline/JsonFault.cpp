@@ -81,4 +81,9 @@ Vela::Json parseJsonFile(const std::string& path, std::string_view text) {
   throw PipelineError(path + ':' + fault.place + ": " + fault.what);
 }
 
+std::string requiredText(const cJSON* object, const char* key, const std::string& place) {
+  if (auto value = Vela::jsonString(object, key)) return *value;
+  throw PipelineError(place + "has no text \"" + key + '"');
+}
+
 }  // namespace Pipeline

@@ -20,4 +20,7 @@ Vela::Json parseJson(std::string_view text, JsonFault* fault);
 // Throws PipelineError: "FILE:LINE:COLUMN: not JSON ...". Nothing may follow the document.
 Vela::Json parseJsonFile(const std::string& path, std::string_view text);
 
+// Throws PipelineError, which begins with `place`, when the object has no text there.
+std::string requiredText(const cJSON* object, const char* key, const std::string& place);
+
 }  // namespace Pipeline

@@ -16,6 +16,8 @@
 #include "pipeline/Names.h"
 #include "pipeline/P4InfoLookup.h"
 #include "pipeline/ProfileCheck.h"
+#include "pipeline/QueriesFile.h"
+#include "pipeline/QueryCheck.h"
 #include "pipeline/TypeCheck.h"
 
 namespace Pipeline {

@@ -13,6 +13,7 @@
 #include "pipeline/Files.h"
 #include "pipeline/P4InfoLookup.h"
 #include "pipeline/ProfileCheck.h"
+#include "pipeline/QueryCheck.h"
 #include "pipeline/RowCheck.h"
 #include "pipeline/TypeCheck.h"
 #include "pipeline/ValueText.h"

@@ -4,7 +4,6 @@
 #include <set>
 #include <vector>
 
-#include "pipeline/DeviceConfig.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
 #include "platform/lattice/types/RowConstructor.h"

@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "pipeline/DeviceConfig.h"
+
 namespace Lattice {
 class TableType;
 }
@@ -12,7 +14,6 @@ class TableType;
 namespace Pipeline {
 
 class Findings;
-struct DeviceConfig;
 
 // By name; null for a definition that does not compile.
 using CompiledTypes = std::map<std::string, std::shared_ptr<const Lattice::TableType>>;

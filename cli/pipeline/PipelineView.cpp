@@ -15,6 +15,7 @@
 #include "pipeline/P4InfoLookup.h"
 #include "pipeline/PipelineCheck.h"
 #include "pipeline/ProfileCheck.h"
+#include "pipeline/QueryCheck.h"
 #include "pipeline/TypeCheck.h"
 
 namespace Cli {

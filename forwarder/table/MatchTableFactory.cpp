@@ -1,9 +1,21 @@
 // Which structure holds which kind of table.
-#include "forwarder/table/ExactTable.h"
+#include "forwarder/table/MatchTable.h"
 #include "forwarder/table/PrefixTable.h"
 #include "forwarder/table/TernaryTable.h"
 
 namespace Forwarder {
+namespace {
+
+// Without masks and prefixes a packet's fields are the key: the hash table of rows is enough.
+class ExactTable final : public MatchTable {
+ public:
+  ExactTable(const MatchLayout& layout, bool counted) : MatchTable(layout, counted) {}
+  const StoredRow* lookup(std::span<const uint8_t> packet) const override {
+    return row({reinterpret_cast<const char*>(packet.data()), packet.size()});
+  }
+};
+
+}  // namespace
 
 std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout, bool counted) {
   switch (layout.kind()) {

@@ -1,17 +1,30 @@
 #include "forwarder/table/ProgrammedTable.h"
 
-#include <algorithm>
 #include <utility>
 
+#include "platform/lattice/types/DirectColumns.h"
+#include "platform/lattice/types/RowWalk.h"
+
 namespace Forwarder {
+namespace {
+
+std::string faultText(const Lattice::ValueFit& fit, size_t valueSize) {
+  switch (fit.fault) {
+    case Lattice::ValueFit::Fault::unknownAction:
+      return "its action " + std::to_string(fit.actionId) + " is none of the table's type";
+    case Lattice::ValueFit::Fault::tooLong:
+      return "its value has " + std::to_string(fit.surplus) + " bytes too many";
+    default:
+      return "its value of " + std::to_string(valueSize) + " bytes is cut short";
+  }
+}
+
+}  // namespace
 
 ProgrammedTable::ProgrammedTable(std::string name, std::shared_ptr<const Lattice::TableType> type)
     : name_(std::move(name)), type_(std::move(type)) {
   if (!type_) return;
-  hasCounter_ = std::ranges::any_of(type_->valueParts(), [](const auto& part) {
-    return part.part == Lattice::TableType::Part::counter;
-  });
-  valueCheck_ = std::make_unique<ValueCheck>(*type_);
+  hasCounter_ = Lattice::isCounted(*type_);
   rows_ = matchTableFactory(MatchLayout(*type_), hasCounter_);
 }
 
@@ -20,6 +33,9 @@ void ProgrammedTable::checkKey(std::string_view key) const {
   rows_->layout().checkKey(key);
 }
 
-void ProgrammedTable::checkValue(std::string_view value) const { valueCheck_->check(value); }
+void ProgrammedTable::checkValue(std::string_view value) const {
+  const Lattice::ValueFit fit = Lattice::fitOfValue(*type_, value);
+  if (!fit) throw Lattice::TypeError(faultText(fit, value.size()));
+}
 
 }  // namespace Forwarder

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "forwarder/table/MatchTable.h"
-#include "forwarder/table/ValueCheck.h"
 #include "platform/lattice/types/TableType.h"
 
 namespace Forwarder {
@@ -23,7 +22,7 @@ class ProgrammedTable {
   bool hasCounter() const { return hasCounter_; }  // then each row has a flow
 
   // Throw Lattice::TypeError when the bytes do not have the layout of the type, or there is no
-  // type.
+  // type. Another process wrote them, so nothing is taken on trust.
   void checkKey(std::string_view key) const;
   void checkValue(std::string_view value) const;  // after checkKey()
 
@@ -31,7 +30,6 @@ class ProgrammedTable {
   const std::string name_;
   const std::shared_ptr<const Lattice::TableType> type_;
   bool hasCounter_ = false;
-  std::unique_ptr<const ValueCheck> valueCheck_;
   std::unique_ptr<MatchTable> rows_;
 };
 
