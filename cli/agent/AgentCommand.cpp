@@ -20,6 +20,7 @@
 #include "cli/agent/ProvidedEntities.h"
 #include "cli/agent/StopWatcher.h"
 #include "cli/client/ClientOptions.h"
+#include "platform/brine/StateDirectory.h"
 #include "platform/brine/Store.h"
 #include "platform/orrery/Config.h"
 #include "platform/orrery/Database.h"

@@ -1,15 +1,14 @@
 #include "platform/brine/Environment.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <set>
 #include <utility>
 
+#include "platform/brine/Failure.h"
 #include "platform/brine/FileCheck.h"
 #include "platform/brine/Hash.h"
 #include "platform/brine/Records.h"
@@ -18,75 +17,6 @@
 namespace Brine {
 namespace {
 
-using FileId = std::pair<dev_t, ino_t>;
-
-// Pages; in a smaller file there is nothing to be gained.
-constexpr uint64_t leastToCompact = 256;
-
-struct Shared {
-  Environment* environment = nullptr;
-  size_t users = 0;
-  Environment::Mode mode = Environment::Mode::read;
-};
-
-std::mutex& registryMutex() {  // guards registry()
-  static auto* mutex = new std::mutex;
-  return *mutex;
-}
-
-std::map<FileId, Shared>& registry() {
-  static auto* map = new std::map<FileId, Shared>;
-  return *map;
-}
-
-std::optional<FileId> fileId(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return std::nullopt;
-  return FileId{status.st_dev, status.st_ino};
-}
-
-// The registry's mutex is held, also while LMDB closes: a second opening in between would lose its
-// locks to that close.
-std::shared_ptr<Environment> joined(FileId id, Shared& shared) {
-  ++shared.users;
-  return {shared.environment, [id](Environment* environment) {
-            const std::lock_guard guard(registryMutex());
-            const auto entry = registry().find(id);
-            if (entry == registry().end() || entry->second.environment != environment) {
-              delete environment;  // was opened beside the registered one
-            } else if (--entry->second.users == 0) {
-              registry().erase(entry);
-              delete environment;
-            }
-          }};
-}
-
-[[noreturn]] void damaged(const std::string& directory, const std::string& what) {
-  throw StoreError(Trouble::damaged, "the store in " + directory + " is damaged (" + what + ")");
-}
-
-// LMDB locks a byte of the lock file by the process's number, which processes in two PID namespaces
-// may share. Closing the file drops this process's locks on it; the opening has failed anyway.
-bool isPidTaken(const std::string& directory) {
-  const int file = open(lockPath(directory).c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
-  if (file < 0) return false;
-  struct flock lock {};
-  lock.l_type = F_WRLCK;
-  lock.l_whence = SEEK_SET;
-  lock.l_start = getpid();
-  lock.l_len = 1;
-  const bool taken = fcntl(file, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-  close(file);
-  return taken;
-}
-
-std::string pidTaken(const std::string& directory) {
-  return "a process of another PID namespace uses " + dataPath(directory) +
-         " under this process's number, " + std::to_string(getpid()) + " (errno " +
-         std::to_string(EAGAIN) +
-         "); let the containers of the agent and of the forwarding agents share one PID namespace";
-}
-
 // The data have been looked at by then, so LMDB's complaint is of the lock file, which it makes
 // anew unless somebody uses it.
 [[noreturn]] void lockUnusable(const std::string& directory) {
@@ -94,32 +24,6 @@ std::string pidTaken(const std::string& directory) {
                    lockPath(directory) +
                        " is in use and damaged, or of another version of LMDB; "
                        "stop the processes that use it, or remove it");
-}
-
-const char* wayOut(int error) {
-  switch (error) {
-    case EMFILE:
-      return "raise the process's limit of open files (ulimit -n)";
-    case ENFILE:
-      return "raise the system's limit of open files (sysctl fs.file-max)";
-    case ENOMEM:
-    case ENOBUFS:
-      return "free memory, or raise the process's limit (ulimit -v)";
-    case EACCES:
-    case EPERM:
-      return "check its owner and permissions";
-    case EROFS:
-      return "mount it writable";
-    case ENOTDIR:
-      return "name a directory that is one or can be made";
-    case ELOOP:
-    case EISDIR:
-      return "remove it";
-    case EIO:
-      return "look for errors of the device with dmesg, and for room with df";
-    default:
-      return "the store is as it was; try again";
-  }
 }
 
 // Readers map the lock file; on a full tmpfs, touching a page it does not have yet would end in
@@ -132,14 +36,6 @@ bool allocateLockFile(const std::string& directory) {
   ::close(file);
   if (error != 0 && error != EOPNOTSUPP) failed(error, directory, path);
   return error == 0;
-}
-
-bool copiedTo(const std::string& path, MDB_env* env) {
-  const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (file < 0) return false;
-  const int error = mdb_env_copyfd2(env, file, MDB_CP_COMPACT);
-  close(file);
-  return error == MDB_SUCCESS;
 }
 
 // A commit that a reader has begun upon stays as it is; a head may change under the look at it, so
@@ -172,162 +68,7 @@ int lookAtReader(const char* line, void* oldest) {
   return 0;
 }
 
-// LMDB's list of tables has no checksums; ours has.
-void requireTables(Environment& environment, MDB_txn* txn, MDB_dbi meta) {
-  std::set<std::string, std::less<>> listed, there;
-  const auto list = [&](Bytes key, Bytes) {
-    const std::string_view name = asText(key);
-    if (name.starts_with(tableKeyPrefix)) listed.emplace(name.substr(tableKeyPrefix.size()));
-    return true;
-  };
-  bool sound = true;
-  const auto damagedOne = [&](Bytes key) { sound &= !asText(key).starts_with(tableKeyPrefix); };
-  check(visitRecords(txn, meta, list, {}, damagedOne), environment.directory());
-  const auto add = [&](std::string_view name) {
-    if (name != metaTable) there.emplace(name);
-    return true;
-  };
-  check(visitNames(txn, add), environment.directory());
-  if (!sound || listed != there) damaged(environment.directory(), "it has lost tables");
-}
-
-// The layout version is written with the store, and asked for by all others. Returns the boot that
-// the store was written in; empty when that cannot be read.
-std::string checkedHead(Environment& environment) {
-  const std::lock_guard guard(environment.handlesMutex);
-  const Transaction txn(environment, MDB_RDONLY);
-  MDB_dbi dbi = 0;
-  MDB_stat stat{};
-  const int error = mdb_dbi_open(txn.handle(), std::string(metaTable).c_str(), 0, &dbi);
-  if (error == MDB_NOTFOUND) {
-    check(mdb_stat(txn.handle(), 1, &stat), environment.directory());
-    if (stat.ms_entries == 0) throw StoreError(Trouble::missing, "no store yet");
-    damaged(environment.directory(), "it is no store of this program");
-  }
-  check(error, environment.directory());
-  MDB_val key = asVal(asBytes(layoutKey));
-  MDB_val version;
-  if (mdb_get(txn.handle(), dbi, &key, &version) != MDB_SUCCESS ||
-      version.mv_size != sizeof layoutVersion) {
-    damaged(environment.directory(), "it has no layout version");
-  }
-  const auto number = loaded<uint32_t>(asBytes(version).data());
-  if (number != layoutVersion) {
-    throw StoreError(Trouble::wrongVersion, "the store in " + environment.directory() +
-                                                " has layout version " + std::to_string(number) +
-                                                ", this program reads " +
-                                                std::to_string(layoutVersion));
-  }
-  requireTables(environment, txn.handle(), dbi);
-  Bytes boot;
-  if (findRecord(txn.handle(), dbi, asBytes(bootKey), &boot) != MDB_SUCCESS) return {};
-  return std::string(asText(boot));
-}
-
-void writeHead(Environment& environment, const std::string& boot) {
-  const std::lock_guard guard(environment.handlesMutex);
-  environment.allocateRoom({});
-  Transaction txn(environment, 0);
-  MDB_dbi dbi = 0;
-  check(mdb_dbi_open(txn.handle(), std::string(metaTable).c_str(), MDB_CREATE, &dbi),
-        environment.directory());
-  MDB_val key = asVal(asBytes(layoutKey));
-  uint32_t number = layoutVersion;
-  MDB_val value{sizeof number, &number};
-  check(mdb_put(txn.handle(), dbi, &key, &value, 0), environment.directory());
-  MDB_cursor* cursor = nullptr;
-  check(mdb_cursor_open(txn.handle(), dbi, &cursor), environment.directory());
-  check(putRecord(cursor, asBytes(bootKey), asBytes(boot)), environment.directory());
-  txn.commit();
-}
-
-// A store on a disk outlives the machine's memory, from which LMDB's pages come to it in any order.
-void requireThisBoot(Environment& environment, const std::string& written,
-                     const std::string& boot) {
-  if (written == boot || written.empty() || boot.empty()) return;
-  throw StoreError(Trouble::otherBoot,
-                   "the store in " + environment.directory() +
-                       " was written before this boot of the machine, and may not be whole");
-}
-
-void checkOrCreate(Environment& environment, Environment::Mode mode, const std::string& bootId) {
-  const std::string boot = bootId.empty() ? currentBootId() : bootId;
-  try {
-    const std::string written = checkedHead(environment);
-    if (mode == Environment::Mode::write) requireThisBoot(environment, written, boot);
-  } catch (const StoreError& error) {
-    if (error.trouble != Trouble::missing) throw;
-    if (mode == Environment::Mode::read) failed(ENOENT, environment.directory());
-    writeHead(environment, boot);
-  }
-}
-
 }  // namespace
-
-void failed(int error, const std::string& directory, const std::string& named) {
-  const std::string where = " in the state directory " + directory;
-  const std::string file = named.empty() ? dataPath(directory) : named;
-  switch (error) {
-    case ENOSPC:
-    case EDQUOT:
-    case MDB_MAP_FULL:
-    case MDB_TXN_FULL:
-      throw StoreError(Trouble::full,
-                       "no room" + where + "; free space in it or enlarge its tmpfs");
-    case MDB_DBS_FULL:
-      throw StoreError(Trouble::full, "too many tables" + where + "; raise the number of tables");
-    case MDB_READERS_FULL:
-      throw StoreError(Trouble::full, "too many readers" + where + "; stop some of them");
-    case ENOENT:
-      throw StoreError(Trouble::missing, "no store" + where + "; start the agent first");
-    case MDB_VERSION_MISMATCH:
-      throw StoreError(Trouble::wrongVersion,
-                       "the store" + where + " was written by another version of LMDB");
-    case MDB_CORRUPTED:
-    case MDB_INVALID:
-    case MDB_PAGE_NOTFOUND:
-      damaged(directory, mdb_strerror(error));
-    case EAGAIN:
-      if (isPidTaken(directory)) throw StoreError(Trouble::unavailable, pidTaken(directory));
-  }
-  const bool refused = error == EACCES || error == EPERM || error == EROFS || error == ENOTDIR ||
-                       error == EISDIR || error == ELOOP;
-  throw StoreError(refused ? Trouble::unwritable : Trouble::unavailable,
-                   "cannot use " + file + ": " + mdb_strerror(error) + " (errno " +
-                       std::to_string(error) + "); " + wayOut(error));
-}
-
-std::string dataPath(const std::string& directory) { return directory + "/brine.mdb"; }
-std::string lockPath(const std::string& directory) { return dataPath(directory) + "-lock"; }
-std::string writerPath(const std::string& directory) { return directory + "/brine.writer"; }
-
-std::shared_ptr<Environment> Environment::open(const StoreOptions& options, Mode mode) {
-  const std::lock_guard guard(registryMutex());
-  const std::string& directory = options.directory;
-  requireRegularFiles(directory, mode == Mode::write ? Purpose::write : Purpose::read);
-  bool readHere = false;
-  if (const auto id = fileId(dataPath(directory))) {
-    const auto known = registry().find(*id);
-    readHere = known != registry().end();
-    if (readHere && (mode == Mode::read || known->second.mode == Mode::write)) {
-      return joined(*id, known->second);
-    }
-  } else if (mode == Mode::read) {
-    failed(ENOENT, directory);
-  }
-  FileFinding finding;
-  auto opened = mode == Mode::write ? openToWrite(options, &finding) : openToRead(options);
-  checkOrCreate(*opened, mode, options.bootId);
-  if (finding.free > finding.pages / 2 && finding.pages >= leastToCompact && !readHere) {
-    opened = compact(std::move(opened), options);
-  }
-  const auto id = fileId(dataPath(directory));
-  if (!id) failed(ENOENT, directory);
-  Shared& entry = registry()[*id];
-  if (entry.environment) return opened;  // a reader's stands there already
-  entry = {opened.release(), 0, mode};
-  return joined(*id, entry);
-}
 
 std::unique_ptr<Environment> Environment::openToWrite(const StoreOptions& options,
                                                       FileFinding* finding) {
@@ -344,25 +85,6 @@ std::unique_ptr<Environment> Environment::openToWrite(const StoreOptions& option
   }
   opened->writesIntoMapping_ = intoMapping;
   return opened;
-}
-
-// A copy without the free pages takes the file's place, whole, from one moment to the next. Readers
-// of the former file keep it, with the lock file that belongs to it, until they open the store
-// again. Without room for the copy all stays as it is.
-std::unique_ptr<Environment> Environment::compact(std::unique_ptr<Environment> former,
-                                                  const StoreOptions& options) {
-  const std::string path = dataPath(options.directory);
-  const std::string copy = path + "-compact";
-  unlink(copy.c_str());  // of a process that was killed here
-  if (!copiedTo(copy, former->env_) || !checkFile(options.directory, copy).damage.empty()) {
-    unlink(copy.c_str());
-    return former;
-  }
-  former.reset();
-  unlink(lockPath(options.directory).c_str());
-  if (rename(copy.c_str(), path.c_str()) != 0) unlink(copy.c_str());
-  FileFinding finding;
-  return openToWrite(options, &finding);
 }
 
 // LMDB believes the lock file in use about which commit is the newest. A process that opened the

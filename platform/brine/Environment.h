@@ -1,4 +1,4 @@
-// One opened LMDB environment, its transactions, and the translation of LMDB's errors.
+// One opened LMDB environment and its transactions.
 #pragma once
 
 #include <lmdb.h>
@@ -9,29 +9,11 @@
 #include <string>
 #include <string_view>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/StoreTerms.h"
 
 namespace Brine {
 
-// Throws the StoreError for an LMDB or system error code. Only LMDB's own codes for damage count as
-// damage. The message names `file`, or the store's data unless given.
-[[noreturn]] void failed(int error, const std::string& directory, const std::string& file = {});
-inline void check(int error, const std::string& directory) {
-  if (error != MDB_SUCCESS) failed(error, directory);
-}
-
 struct FileFinding;
-
-// Names of LMDB databases that are the store's own, not tables.
-inline constexpr std::string_view metaTable = "brine/meta";
-inline constexpr std::string_view layoutKey = "layoutVersion";
-inline constexpr std::string_view bootKey = "boot";
-inline constexpr std::string_view tableKeyPrefix = "table/";  // and the name: an empty record
-inline constexpr uint32_t layoutVersion = 2;
-
-std::string dataPath(const std::string& directory);
-std::string lockPath(const std::string& directory);
-std::string writerPath(const std::string& directory);
 
 // Pages that a transaction can come to need.
 struct Room {
@@ -40,14 +22,14 @@ struct Room {
   uint64_t spare = 0;   // must be there as well, and is left for a later transaction
 };
 
-// LMDB must not open one file twice in a process: the second one's close would end the first one's
-// locks. So all users of a file in this process share one Environment. Readers and the writer may
-// be on different threads; each transaction belongs to one thread.
+// Readers and the writer may be on different threads; each transaction belongs to one thread. For
+// how it is opened and shared see SharedEnvironment.h.
 class Environment {
  public:
-  enum class Mode { write, read };
-  // Throws StoreError. A file that is no sound environment is not touched.
-  static std::shared_ptr<Environment> open(const StoreOptions& options, Mode mode);
+  // Both throw StoreError. A file that is no sound environment is not touched.
+  static std::unique_ptr<Environment> openToWrite(const StoreOptions& options,
+                                                  FileFinding* finding);
+  static std::unique_ptr<Environment> openToRead(const StoreOptions& options);
   ~Environment();
   Environment(const Environment&) = delete;
   Environment& operator=(const Environment&) = delete;
@@ -68,11 +50,6 @@ class Environment {
 
  private:
   Environment(MDB_env* env, std::string directory) : env_(env), directory_(std::move(directory)) {}
-  static std::unique_ptr<Environment> openToWrite(const StoreOptions& options,
-                                                  FileFinding* finding);
-  static std::unique_ptr<Environment> compact(std::unique_ptr<Environment> former,
-                                              const StoreOptions& options);
-  static std::unique_ptr<Environment> openToRead(const StoreOptions& options);
   static std::unique_ptr<Environment> openWith(const StoreOptions& options, unsigned mode);
   uint64_t usableFreePages();
   bool hasOwnLockFile();

@@ -12,7 +12,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/brine/Environment.h"
+#include "platform/brine/Failure.h"
 #include "platform/brine/LmdbFile.h"
 
 namespace Brine {

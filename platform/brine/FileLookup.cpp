@@ -9,10 +9,11 @@
 #include <optional>
 #include <type_traits>
 
-#include "platform/brine/Environment.h"
+#include "platform/brine/Failure.h"
 #include "platform/brine/LmdbFile.h"
 #include "platform/brine/Records.h"
 #include "platform/brine/StateDirectory.h"
+#include "platform/brine/StoreHead.h"
 
 namespace Brine {
 namespace {

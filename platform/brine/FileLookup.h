@@ -4,11 +4,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/StoreTerms.h"
 
 namespace Brine {
 

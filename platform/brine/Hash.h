@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/StoreTerms.h"
 
 namespace Brine {
 

@@ -1,9 +1,11 @@
 // Snapshots of a store, for this process and others.
 #include <cstring>
 
-#include "platform/brine/Environment.h"
+#include "platform/brine/Failure.h"
 #include "platform/brine/Records.h"
+#include "platform/brine/SharedEnvironment.h"
 #include "platform/brine/Store.h"
+#include "platform/brine/StoreHead.h"
 
 namespace Brine {
 namespace {
@@ -139,7 +141,7 @@ class ReaderImpl final : public Reader {
 
 std::unique_ptr<Reader> Reader::open(const std::string& directory) {
   const StoreOptions options{.directory = directory};
-  return std::make_unique<ReaderImpl>(Environment::open(options, Environment::Mode::read));
+  return std::make_unique<ReaderImpl>(sharedEnvironment(options, Purpose::read));
 }
 
 }  // namespace Brine

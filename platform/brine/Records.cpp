@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "platform/brine/Hash.h"
@@ -153,7 +154,7 @@ class LongGroup {
   bool takes(const MDB_val& key) const {
     return members_.empty() || same(prefix_, asBytes(key).first(plainKeyLimit));
   }
-  bool visited(const Store::Visit& visit, Bytes from) {
+  bool visited(const RecordVisit& visit, Bytes from) {
     std::ranges::sort(members_,
                       [](const Whole& a, const Whole& b) { return before(a.key, b.key); });
     for (const Whole& member : members_) {
@@ -168,7 +169,7 @@ class LongGroup {
   std::vector<Whole> members_;
 };
 
-int allVisited(MDB_cursor* cursor, const Store::Visit& visit, Bytes from,
+int allVisited(MDB_cursor* cursor, const RecordVisit& visit, Bytes from,
                const DamagedVisit& damaged) {
   MDB_val key = asVal(from.first(std::min(from.size(), plainKeyLimit)));
   MDB_val value;
@@ -237,7 +238,7 @@ int eraseRecord(MDB_cursor* cursor, Bytes key) {
   return mdb_cursor_del(cursor, 0);
 }
 
-int visitRecords(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from,
+int visitRecords(MDB_txn* txn, MDB_dbi dbi, const RecordVisit& visit, Bytes from,
                  const DamagedVisit& damaged) {
   Cursor cursor(nullptr, mdb_cursor_close);
   if (const int error = opened(txn, dbi, &cursor)) return error;

@@ -12,7 +12,7 @@
 
 #include <optional>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/StoreTerms.h"
 
 namespace Brine {
 
@@ -36,7 +36,7 @@ int eraseRecord(MDB_cursor* cursor, Bytes key);
 // Ascending by whole key, from `from` on. `damaged` gets the key of a damaged record as LMDB has
 // it.
 using DamagedVisit = std::function<void(Bytes storedKey)>;
-int visitRecords(MDB_txn* txn, MDB_dbi dbi, const Store::Visit& visit, Bytes from,
+int visitRecords(MDB_txn* txn, MDB_dbi dbi, const RecordVisit& visit, Bytes from,
                  const DamagedVisit& damaged);
 // Erases the record of that stored key if it is damaged.
 int eraseDamagedRecord(MDB_cursor* cursor, Bytes storedKey);

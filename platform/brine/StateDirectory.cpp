@@ -11,8 +11,8 @@
 #include <fstream>
 #include <system_error>
 
-#include "platform/brine/Environment.h"
-#include "platform/brine/Store.h"
+#include "platform/brine/Failure.h"
+#include "platform/brine/StoreTerms.h"
 
 namespace Brine {
 namespace {

@@ -20,6 +20,9 @@ void requireRegularFiles(const std::string& directory, Purpose purpose);
 // mode 0600. Follows no link and waits for nobody. Throws StoreError.
 int openedFile(const std::string& directory, const std::string& path);
 
+// Whether the directory is memory: only then do its files end with this boot of the machine.
+bool isMemory(const std::string& directory);
+
 // The kernel's id of this boot; empty when it tells none.
 std::string currentBootId();
 

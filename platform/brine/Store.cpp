@@ -1,105 +1,24 @@
 // The writer: a write set over one LMDB environment.
 #include "platform/brine/Store.h"
 
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <set>
-#include <system_error>
 #include <thread>
 #include <utility>
 
-#include "platform/brine/Environment.h"
+#include "platform/brine/CommitRoom.h"
+#include "platform/brine/Failure.h"
 #include "platform/brine/Records.h"
-#include "platform/brine/StateDirectory.h"
+#include "platform/brine/SharedEnvironment.h"
+#include "platform/brine/StoreFiles.h"
+#include "platform/brine/StoreHead.h"
 #include "platform/brine/WriteSet.h"
 
 namespace Brine {
 namespace {
-
-namespace fs = std::filesystem;
-
-// Who holds it is the one writer of the directory. The kernel drops it with the process.
-class WriterLock {
- public:
-  explicit WriterLock(const std::string& directory) {
-    file_ = openedFile(directory, writerPath(directory));
-    if (flock(file_, LOCK_EX | LOCK_NB) == 0) return;
-    const int error = errno;
-    ::close(file_);
-    if (error != EWOULDBLOCK) failed(error, directory, writerPath(directory));
-    throw StoreError(Trouble::busy, "another process writes to the state directory " + directory +
-                                        "; stop it or choose another directory");
-  }
-  ~WriterLock() { ::close(file_); }
-  WriterLock(const WriterLock&) = delete;
-  WriterLock& operator=(const WriterLock&) = delete;
-
- private:
-  int file_ = -1;
-};
-
-constexpr const char* earlierBoot = "earlier-boot";
-
-// Every boot of a machine whose state directory is on a disk leaves a store: one of them is kept.
-std::string placeFor(const std::string& base, Trouble why) {
-  std::error_code ignored;
-  if (why == Trouble::otherBoot) {
-    fs::remove_all(base + earlierBoot, ignored);
-    return base + earlierBoot;
-  }
-  unsigned number = 1;
-  while (fs::exists(fs::symlink_status(base + "damaged-" + std::to_string(number)))) ++number;
-  return base + "damaged-" + std::to_string(number);
-}
-
-// Where a lost store goes: beside the directory, or into it when that is a mount point or its
-// parent is not ours to write.
-std::string moveAside(const std::string& directory, Trouble why) {
-  int refusal = EACCES;
-  for (const std::string& base : {directory + ".", directory + "/"}) {
-    const std::string aside = placeFor(base, why);
-    if (mkdir(aside.c_str(), 0700) != 0) {
-      refusal = errno;
-      continue;
-    }
-    std::error_code error;
-    fs::rename(dataPath(directory), dataPath(aside), error);
-    if (error && error != std::errc::no_such_file_or_directory) {
-      fs::remove(aside);
-      continue;
-    }
-    fs::rename(lockPath(directory), lockPath(aside), error);
-    if (error) fs::remove(lockPath(directory), error);
-    return aside;
-  }
-  failed(refusal, directory, directory);
-}
-
-// An undo writes the same records again, and may come to need as many pages; the commit itself
-// takes less than half of those it may come to need.
-uint64_t pagesToUndo(uint64_t pages) { return pages / 2 + 16; }
-
-// A few deletions, whose pages the next commits can use.
-constexpr uint64_t pagesToDelete = 96;
-
-uint64_t pagesLeft(Store::Filling filling, uint64_t pages) {
-  switch (filling) {
-    case Store::Filling::leaveRoomToDelete:
-      return pagesToUndo(pages) + pagesToDelete;
-    case Store::Filling::leaveRoomToUndo:
-      return pagesToUndo(pages);
-    case Store::Filling::takeAll:
-      break;
-  }
-  return 0;
-}
 
 struct Table {
   std::string name;
@@ -166,8 +85,6 @@ class StoreImpl final : public Store {
   void resolve(Table& table, PendingRecord& record) const;
   void erasedIs(Table& table, PendingRecord& record, bool erased);
   void writeAll(MDB_txn* txn, Filling filling);
-  void addRoomFor(MDB_txn* txn, const Table& table, std::span<const uint32_t> order,
-                  Room* room) const;
   std::span<const uint32_t> tableRun(std::span<const uint32_t> order) const;
   void writeTable(MDB_cursor* cursor, const Table& table, std::span<const uint32_t> order);
   void setAside();
@@ -489,7 +406,11 @@ void StoreImpl::writeAll(MDB_txn* txn, Filling filling) {
   for (std::span rest(order); !rest.empty();) {
     const auto run = tableRun(rest);
     const Table& table = tables_[writes_.record(run[0]).table];
-    if (table.exists) addRoomFor(txn, table, run, &room);
+    if (table.exists) {
+      MDB_stat tree{};
+      check(mdb_stat(txn, table.dbi, &tree), environment_->directory());
+      addRoomFor(tree, writes_, run, environment_->pageSize(), &room);
+    }
     rest = rest.subspan(run.size());
   }
   room.spare = pagesLeft(filling, room.pages);
@@ -509,35 +430,6 @@ void StoreImpl::writeAll(MDB_txn* txn, Filling filling) {
     }
     rest = rest.subspan(run.size());
   }
-}
-
-// At most so many pages do the table's writes take: a copy of each page they reach, and what splits
-// add. A page that was split has room for a quarter page of small records before it splits again;
-// each large record may split one of its own.
-void StoreImpl::addRoomFor(MDB_txn* txn, const Table& table, std::span<const uint32_t> order,
-                           Room* room) const {
-  MDB_stat stat{};
-  check(mdb_stat(txn, table.dbi, &stat), environment_->directory());
-  const size_t pageSize = environment_->pageSize();
-  uint64_t small = 0, large = 0, overflow = 0;
-  for (const uint32_t index : order) {
-    const PendingRecord& record = writes_.record(index);
-    const uint64_t size = 32 + uint64_t{record.keySize} * 2 + record.valueSize;
-    if (size <= pageSize / 8) {
-      small += size;
-    } else {
-      ++large;
-      if (size > pageSize / 4) overflow += 1 + size / pageSize;
-    }
-  }
-  const uint64_t records = order.size();
-  const uint64_t depth = stat.ms_depth + 1;
-  const uint64_t leaves = std::min<uint64_t>(records, stat.ms_leaf_pages);
-  const uint64_t branches = std::min<uint64_t>(records * depth, stat.ms_branch_pages);
-  const uint64_t splits = std::min(2 * records, leaves + 4 * small / pageSize + 2 * large + 1);
-  // Splits reach upwards, but each branch page takes several children first.
-  room->pages += leaves + branches + splits + splits / 2 + depth;
-  room->inARow += overflow;
 }
 
 // LMDB closes a write transaction's cursors when the transaction ends.
@@ -580,7 +472,7 @@ std::unique_ptr<Store> openStore(const StoreOptions& options) {
   prepareDirectory(options.directory);
   requireRegularFiles(options.directory, Purpose::write);
   auto lock = std::make_unique<WriterLock>(options.directory);
-  auto environment = Environment::open(options, Environment::Mode::write);
+  auto environment = sharedEnvironment(options, Purpose::write);
   return std::make_unique<StoreImpl>(std::move(lock), std::move(environment));
 }
 
@@ -612,7 +504,7 @@ std::unique_ptr<Store> Store::rebuild(const StoreOptions& options, Trouble why,
   auto lock = std::make_unique<WriterLock>(options.directory);
   const std::string place = moveAside(options.directory, why);
   if (movedTo) *movedTo = place;
-  auto environment = Environment::open(options, Environment::Mode::write);
+  auto environment = sharedEnvironment(options, Purpose::write);
   return std::make_unique<StoreImpl>(std::move(lock), std::move(environment));
 }
 

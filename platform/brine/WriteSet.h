@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/StoreTerms.h"
 
 namespace Brine {
 
