@@ -215,7 +215,8 @@ uint64_t P4HandleMgr::cachedHandle(EntryHandle handle) { return handle & ~indire
 
 void P4HandleMgr::freeEntryHandle(EntryHandle handle) {
   if ((handle & indirectMark) == 0) return freeTableEntryHandle(handle);
-  impl_->indirect(handle).profileOf.erase(cachedHandle(handle));
+  const uint64_t cached = cachedHandle(handle);
+  return (cached & groupMark) != 0 ? freeGroupHandle(cached) : freeMemberHandle(cached);
 }
 
 bool P4HandleMgr::entryHandleToResourceIdHas(EntryHandle handle) const {

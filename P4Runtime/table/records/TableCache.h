@@ -32,9 +32,6 @@ class EntryCache : public Vela::RefCounted {
   void cacheDel(const CacheKey& key) { store_.erase(table_, storedKey(key)); }
   void cacheDelAll() { store_.eraseAll(table_); }
 
-  bool cacheHas(const CacheKey& key) const {
-    return store_.get(table_, storedKey(key)).has_value();
-  }
   // Nothing when there is no record, or an unreadable one.
   std::optional<Record> cache(const CacheKey& key) const {
     const auto stored = store_.get(table_, storedKey(key));

@@ -54,7 +54,6 @@ class QueryEngine final : public Lattice::CommitObserver {
   void queryIs(QuerySpec spec, Vela::Ptr<Lattice::ArTableInterface> output);
   void queryDel(const std::string& path);  // the rows stay
   QueryProgress progress(const std::string& path) const;
-  bool anyQuery() const { return !queries_.empty(); }
 
   // "table resolved_route, vrf=1, dst=10.0.0.0/8" for each handle of a derived row; empty where
   // there is no such row. Walks all outputs.

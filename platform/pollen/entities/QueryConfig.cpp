@@ -16,11 +16,6 @@ Ptr<QueryConfig> QueryConfigDir::queryConfigIs(const std::string& path,
   return query;
 }
 
-void QueryConfigDir::queryConfigDel(const std::string& path) {
-  activeQueryConfigDel(path);
-  entityDel(path);
-}
-
 void QueryConfigDir::queryConfigDelAll() {
   activeQueryConfigDelAll();
   entityDelAll();

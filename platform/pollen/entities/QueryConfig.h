@@ -34,7 +34,6 @@ class QueryConfigDir final : public Orrery::Directory {
   Vela::Ptr<QueryConfig> queryConfig(const std::string& path) const;  // null when absent
   // A new query; it takes the place of one with the same path, which is then no longer active.
   Vela::Ptr<QueryConfig> queryConfigIs(const std::string& path, const std::string& outputType);
-  void queryConfigDel(const std::string& path);
   void queryConfigDelAll();  // the active ones, too
 
   bool activeQueryConfigHas(const std::string& path) const { return activeHas(path); }
