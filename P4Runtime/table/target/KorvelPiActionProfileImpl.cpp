@@ -36,10 +36,12 @@ EntryHandle writableGroup(GroupHandle grp_handle) {
   return handle;
 }
 
-// Runs `body`; frees the new handle again when the member or group is refused.
+// Runs `body`, unless the batch has recorded an error for the new handle already; frees the handle
+// again when the member or group is refused.
 template <typename Body>
 void withNewHandle(EntryHandle handle, Body body) {
   try {
+    maybeThrowBatchEntryErrorException(handle);
     body();
   } catch (const P4RuntimeException& e) {
     // With the handle in it, the exception's handler puts all back and frees the handle.
@@ -82,6 +84,24 @@ void cacheGroupMetadata(pi_p4_id_t actProfId, EntryHandle handle) {
   });
 }
 
+using MemberChange = EntryHandle (TableImpl::*)(uint32_t actProfId, GroupHandle group,
+                                                MemberHandle member);
+
+// Gives a group one member more, or one fewer; its record follows.
+pi_status_t changeMembers(const char* function, pi_session_handle_t session_handle,
+                          pi_dev_id_t dev_id, pi_p4_id_t act_prof_id,
+                          pi_indirect_handle_t grp_handle, pi_indirect_handle_t mbr_handle,
+                          MemberChange change) {
+  return runUpdate([&] {
+    SCRIVEL_TRACE(6, function, " session_handle: ", session_handle, " dev_id: ", dev_id,
+                  " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
+                  " mbr_handle: ", mbr_handle);
+    const EntryHandle handle = writableGroup(grp_handle);
+    (TheTableImpl()->*change)(act_prof_id, grp_handle, mbr_handle);
+    cacheGroup(act_prof_id, handle);
+  });
+}
+
 void deleteCached(const ResourceId& rid, EntryHandle handle) {
   storeOrFail(handle, [&] { TheTableImpl()->deleteCachedEntry(rid, handle); });
   TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
@@ -107,7 +127,6 @@ pi_status_t _pi_act_prof_mbr_create(pi_session_handle_t session_handle, pi_dev_t
     SCRIVEL_TRACE(6, "_pi_act_prof_mbr_create", " Allocated member handle: ", *mbr_handle,
                   " entryHandle ", handle);
     withNewHandle(handle, [&] {
-      maybeThrowBatchEntryErrorException(handle);
       TheTableImpl()->actionProfileMemberEntryAdd(act_prof_id, dataOf(*action_data), *mbr_handle);
     });
     cacheMember(act_prof_id, handle, *action_data);
@@ -151,10 +170,8 @@ pi_status_t _pi_act_prof_grp_create(pi_session_handle_t session_handle, pi_dev_t
     const EntryHandle handle = handleMgr()->groupHandleToEntryHandle(*grp_handle);
     SCRIVEL_TRACE(6, "_pi_act_prof_grp_create", " Allocated group handle: ", *grp_handle,
                   " entryHandle ", handle);
-    withNewHandle(handle, [&] {
-      maybeThrowBatchEntryErrorException(handle);
-      TheTableImpl()->actionProfileGroupEntryAdd(act_prof_id, *grp_handle);
-    });
+    withNewHandle(handle,
+                  [&] { TheTableImpl()->actionProfileGroupEntryAdd(act_prof_id, *grp_handle); });
     cacheGroup(act_prof_id, handle);
     cacheGroupMetadata(act_prof_id, handle);
   });
@@ -174,27 +191,15 @@ pi_status_t _pi_act_prof_grp_delete(pi_session_handle_t session_handle, pi_dev_i
 pi_status_t _pi_act_prof_grp_add_mbr(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                      pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle,
                                      pi_indirect_handle_t mbr_handle) {
-  return runUpdate([&] {
-    SCRIVEL_TRACE(6, "_pi_act_prof_grp_add_mbr", " session_handle: ", session_handle,
-                  " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
-                  " mbr_handle: ", mbr_handle);
-    const EntryHandle handle = writableGroup(grp_handle);
-    TheTableImpl()->actionProfileGroupAddMbr(act_prof_id, grp_handle, mbr_handle);
-    cacheGroup(act_prof_id, handle);
-  });
+  return changeMembers("_pi_act_prof_grp_add_mbr", session_handle, dev_id, act_prof_id, grp_handle,
+                       mbr_handle, &TableImpl::actionProfileGroupAddMbr);
 }
 
 pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                         pi_p4_id_t act_prof_id, pi_indirect_handle_t grp_handle,
                                         pi_indirect_handle_t mbr_handle) {
-  return runUpdate([&] {
-    SCRIVEL_TRACE(6, "_pi_act_prof_grp_remove_mbr", " session_handle: ", session_handle,
-                  " dev_id: ", dev_id, " act_prof_id: ", act_prof_id, " grp_handle: ", grp_handle,
-                  " mbr_handle: ", mbr_handle);
-    const EntryHandle handle = writableGroup(grp_handle);
-    TheTableImpl()->actionProfileGroupDelMbr(act_prof_id, grp_handle, mbr_handle);
-    cacheGroup(act_prof_id, handle);
-  });
+  return changeMembers("_pi_act_prof_grp_remove_mbr", session_handle, dev_id, act_prof_id,
+                       grp_handle, mbr_handle, &TableImpl::actionProfileGroupDelMbr);
 }
 
 pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
