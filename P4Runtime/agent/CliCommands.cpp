@@ -51,11 +51,11 @@ std::string mapPort(Database& database, const std::string& port, const std::stri
   requirePort(port);
   const auto status = entityAt<PortMappingStatus>(database, mappingStatusPath);
   const uint32_t holder = status->portOfIntf(intf);
-  std::string reason = intfNameRefused(intf);
-  if (reason.empty() && holder != 0 && holder != portFromText(port)) {
-    reason = intfHeldBy(intf, holder);
+  const Vela::Outcome fit = checkIntfName(intf);
+  if (!fit.ok()) throw std::runtime_error(fit.reason());
+  if (holder != 0 && holder != portFromText(port)) {
+    throw std::runtime_error(intfHeldBy(intf, holder));
   }
-  if (!reason.empty()) throw std::runtime_error(reason);
   if (database.entity(portPath(port))) {
     entityAt<PortMappingConfig>(database, portPath(port))->intfIs(intf);
   } else {

@@ -20,19 +20,22 @@ constexpr size_t longestIntfName = 15;  // of the kernel's
 
 }  // namespace
 
-std::string intfNameRefused(const std::string& intf) {
+Vela::Outcome checkIntfName(const std::string& intf) {
+  using Vela::Outcome;
   if (intf.size() > longestIntfName) {
-    return fmt::format("interface name '{}' is longer than {} characters", intf.substr(0, 80),
-                       longestIntfName);
+    return Outcome::failure(fmt::format("interface name '{}' is longer than {} characters",
+                                        intf.substr(0, 80), longestIntfName));
   }
   if (intf == controllerIntfName) {
-    return fmt::format("interface {} is the CPU's, and no port's; choose another interface", intf);
+    return Outcome::failure(
+        fmt::format("interface {} is the CPU's, and no port's; choose another interface", intf));
   }
   const bool odd = std::any_of(intf.begin(), intf.end(), [](unsigned char c) {
     return c <= ' ' || c == '/' || c == ':' || c == 0x7f;
   });
   if (odd || intf.empty() || intf == "." || intf == "..") {
-    return fmt::format("'{}' is no name of an interface; 'ip link' lists them", intf);
+    return Outcome::failure(
+        fmt::format("'{}' is no name of an interface; 'ip link' lists them", intf));
   }
   return {};
 }
@@ -101,8 +104,8 @@ PortMappingDirSm::Mappings PortMappingDirSm::mappings() const {
       continue;
     }
     if (wish->intf.empty()) continue;
-    if (std::string reason = intfNameRefused(wish->intf); !reason.empty()) {
-      mappings.refused[name] = std::move(reason);
+    if (const Vela::Outcome fit = checkIntfName(wish->intf); !fit.ok()) {
+      mappings.refused[name] = fit.reason();
       continue;
     }
     const auto [holder, free] = mappings.portOfIntf.try_emplace(wish->intf, *port);

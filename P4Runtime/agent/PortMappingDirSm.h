@@ -8,6 +8,7 @@
 
 #include "P4Runtime/companion/PortMapping.h"
 #include "platform/vela/Entity.h"
+#include "platform/vela/Outcome.h"
 
 namespace P4Runtime {
 
@@ -49,8 +50,8 @@ class PortMappingDirSm : public Vela::RefCounted {
   Vela::Observation configsChange_;
 };
 
-// "" or what is wrong with the name of an interface.
-std::string intfNameRefused(const std::string& intf);
+// Whether an interface may have that name, and be a port's.
+Vela::Outcome checkIntfName(const std::string& intf);
 // Why another port cannot have it.
 std::string intfHeldBy(const std::string& intf, uint32_t port);
 

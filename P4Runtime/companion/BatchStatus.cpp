@@ -82,7 +82,8 @@ void BatchStatus::onBatchSettled() { inProgressIs(false); }
 
 void BatchStatus::onBatchEnd() {
   if (!database_ || !database_->inBatch()) return;
-  if (const auto trouble = database_->batchEnd()) failAll(*trouble);
+  const Vela::Outcome stored = database_->batchEnd();
+  if (!stored.ok()) failAll(stored.reason());
 }
 
 // The state directory took nothing of the batch: each of its updates has failed.

@@ -297,10 +297,11 @@ void TableImpl::commitPutBack() try {
   EntryUndo& undo = rooms_->undo;
   // Some may be of an earlier batch, whose undoing could not be stored.
   if (peers_.systemStatus->brokenInvariant()) return undo.maybePutBackAgain();
-  if (const auto trouble = undo.commit()) {
+  const Vela::Outcome stored = undo.commit();
+  if (!stored.ok()) {
     breakInvariant(fmt::format("{} failed {} could not be put back as before: {}",
                                undo.putBackCount(), undo.putBackCount() == 1 ? "entry" : "entries",
-                               *trouble));
+                               stored.reason()));
   }
 } catch (const std::exception& e) {  // the switch is critical already
   SCRIVEL_TRACE(0, "TableImpl", " ", e.what());

@@ -52,7 +52,8 @@ class Switch {
       const Vela::ActivityLock lock;
       database_->batchBegin();
       for (size_t i = 0; i < batchSize; ++i) write(i);
-      if (const auto trouble = database_->batchEnd()) throw std::runtime_error(*trouble);
+      const Vela::Outcome stored = database_->batchEnd();
+      if (!stored.ok()) throw std::runtime_error(stored.reason());
     }
     const Vela::ActivityLock lock;
     for (size_t i = 0; i < batchSize; ++i) acknowledge(i);

@@ -72,8 +72,8 @@ class DatabaseImpl final : public Database {
                      bool persistent) override;
   std::vector<std::string> removeUnboundTables() override;
   void batchBegin() override;
-  std::optional<std::string> batchEnd() override;
-  std::optional<std::string> commit(Brine::Store::Filling filling) override;
+  Vela::Outcome batchEnd() override;
+  Vela::Outcome commit(Brine::Store::Filling filling) override;
   void lossHandlerIs(std::function<void(const std::string&)> handler) override {
     tellLoss_ = std::move(handler);
   }
@@ -103,8 +103,8 @@ class DatabaseImpl final : public Database {
 
   void handleScopeEnd();
   bool dirty() const { return store_.dirty() || !journal_.empty(); }
-  std::optional<std::string> tryCommit(Brine::Store::Filling filling);
-  std::optional<std::string> tryCommit() { return tryCommit(usualFilling()); }
+  Vela::Outcome tryCommit(Brine::Store::Filling filling);
+  Vela::Outcome tryCommit() { return tryCommit(usualFilling()); }
   Brine::Store::Filling usualFilling() const;
   void commitUnasked();
   void doCommit(Brine::Store::Filling filling);
@@ -172,7 +172,8 @@ std::unique_ptr<TableWatch> DatabaseImpl::watch(const std::string& table) {
   const auto found = bound_.find(table);
   if (found == bound_.end() || !found->second->initialised) return nullptr;
   if (dirty()) {
-    if (auto trouble = tryCommit()) throw Brine::StoreError(Brine::Trouble::full, *trouble);
+    const Vela::Outcome stored = tryCommit();
+    if (!stored.ok()) throw Brine::StoreError(Brine::Trouble::full, stored.reason());
   }
   std::shared_ptr<WatchedTable> watched = found->second->watched.lock();
   if (!watched) {
@@ -276,11 +277,11 @@ void DatabaseImpl::batchBegin() {
   inBatch_ = true;
 }
 
-std::optional<std::string> DatabaseImpl::batchEnd() {
+Vela::Outcome DatabaseImpl::batchEnd() {
   inBatch_ = false;
-  auto trouble = tryCommit();
+  Vela::Outcome stored = tryCommit();
   if (commitObserver_) commitObserver_->onBatchEnded();
-  return trouble;
+  return stored;
 }
 
 void DatabaseImpl::commitSoon() {
@@ -292,7 +293,7 @@ void DatabaseImpl::commitSoon() {
   });
 }
 
-std::optional<std::string> DatabaseImpl::commit(Brine::Store::Filling filling) {
+Vela::Outcome DatabaseImpl::commit(Brine::Store::Filling filling) {
   if (inBatch_) throw std::logic_error("a batch commits at its end");
   commitPosted_ = false;
   return tryCommit(filling);
@@ -302,8 +303,8 @@ std::optional<std::string> DatabaseImpl::commit(Brine::Store::Filling filling) {
 void DatabaseImpl::commitUnasked() {
   const bool dispensable = std::exchange(commitPosted_, false);
   const bool changesRows = !journal_.empty() || typesChanged_;
-  const auto trouble = tryCommit();
-  if (trouble && changesRows && !dispensable && tellLoss_) tellLoss_(*trouble);
+  const Vela::Outcome stored = tryCommit();
+  if (!stored.ok() && changesRows && !dispensable && tellLoss_) tellLoss_(stored.reason());
 }
 
 void DatabaseImpl::handleScopeEnd() {
@@ -319,15 +320,15 @@ Brine::Store::Filling DatabaseImpl::usualFilling() const {
   return rowsAdded_ ? Filling::leaveRoomToDelete : Filling::leaveRoomToUndo;
 }
 
-// Returns the reason when the writes since the last commit are lost.
-std::optional<std::string> DatabaseImpl::tryCommit(Brine::Store::Filling filling) try {
-  if (!dirty()) return std::nullopt;
+// When it fails the writes since the last commit are lost.
+Vela::Outcome DatabaseImpl::tryCommit(Brine::Store::Filling filling) try {
+  if (!dirty()) return {};
   doDerive();
   doCommit(filling);
   rowsAdded_ = false;
   settleWatches();
   if (commitObserver_) commitObserver_->onCommitted();
-  return std::nullopt;
+  return {};
 } catch (const std::exception& error) {
   SCRIVEL_TRACE(0, "commit failed: ", error.what());
   store_.discard();
@@ -336,7 +337,7 @@ std::optional<std::string> DatabaseImpl::tryCommit(Brine::Store::Filling filling
   if (commitObserver_) commitObserver_->onDiscarded();
   settleWatches();
   announceAgain();
-  return error.what();
+  return Vela::Outcome::failure(error.what());
 }
 
 void DatabaseImpl::doDerive() {

@@ -15,6 +15,7 @@
 #include "platform/brine/Store.h"
 #include "platform/lattice/doorbell/Report.h"
 #include "platform/lattice/types/TableType.h"
+#include "platform/vela/Outcome.h"
 #include "platform/vela/Ptr.h"
 #include "platform/vela/ReactorLoop.h"
 
@@ -83,12 +84,12 @@ class Database {
 
   // A batch gathers every write of the store, rows and other records alike, until batchEnd().
   virtual void batchBegin() = 0;
-  // Commits. On a full state directory returns the reason, and the store is as at batchBegin().
-  [[nodiscard]] virtual std::optional<std::string> batchEnd() = 0;
+  // Commits. It fails on a full state directory: the store is then as at batchBegin().
+  virtual Vela::Outcome batchEnd() = 0;
   virtual bool inBatch() const = 0;
   // Commits the writes outside a batch now, not at the end of the scope: for writes whose loss the
-  // caller must know of. Returns the reason when they are lost, and nothing when they stand.
-  [[nodiscard]] virtual std::optional<std::string> commit(Brine::Store::Filling filling) = 0;
+  // caller must know of. When it fails they are lost.
+  virtual Vela::Outcome commit(Brine::Store::Filling filling) = 0;
   // Told, with the reason, when changes of rows or tables outside a batch are lost in a commit at
   // the end of a scope. Nobody is told of lost writes of other records: look for them afterwards.
   virtual void lossHandlerIs(std::function<void(const std::string& reason)> handler) = 0;

@@ -59,7 +59,7 @@ class Agent {
       ports_->rowIs({big(port, 2), little(speed, 4)}, 1000 + port);
       rows_[port] = fmt::format("ports port={:#06x} -> speed={:#010x}\n", port, speed);
     }
-    ASSERT_EQ(database_->batchEnd(), std::nullopt);
+    ASSERT_EQ(database_->batchEnd().reason(), "");
   }
   void erase(uint16_t from, uint16_t to) {
     const Vela::ActivityLock lock;
@@ -68,7 +68,7 @@ class Agent {
       ports_->rowDel(big(port, 2), 1000 + port);
       rows_.erase(port);
     }
-    ASSERT_EQ(database_->batchEnd(), std::nullopt);
+    ASSERT_EQ(database_->batchEnd().reason(), "");
   }
   // The rows as the forwarder's dump shows them.
   std::string dump() const {

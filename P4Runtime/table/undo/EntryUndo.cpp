@@ -18,10 +18,10 @@ void EntryUndo::putBack(EntryHandle handle, const PendingOperation& operation) {
   restoreRecord(handle, operation);
 }
 
-std::optional<std::string> EntryUndo::commit() {
-  auto trouble = database_->commit(Brine::Store::Filling::takeAll);
-  if (!trouble) putBack_.clear();
-  return trouble;
+Vela::Outcome EntryUndo::commit() {
+  Vela::Outcome stored = database_->commit(Brine::Store::Filling::takeAll);
+  if (stored.ok()) putBack_.clear();
+  return stored;
 }
 
 void EntryUndo::maybePutBackAgain() {
@@ -31,17 +31,18 @@ void EntryUndo::maybePutBackAgain() {
     if (operation.awaited) restoreRow(handle, operation);
     restoreRecord(handle, operation);
   }
-  if (const auto trouble = commit()) {
-    throw Vela::Exception("the switch stays critical: failed entries can still not be put back: " +
-                          *trouble);
-  }
+  const Vela::Outcome stored = commit();
+  if (stored.ok()) return;
+  throw Vela::Exception("the switch stays critical: failed entries can still not be put back: " +
+                        stored.reason());
 }
 
 void EntryUndo::commitOrThrow() {
   if (!database_) return;
-  if (const auto trouble = database_->commit(Brine::Store::Filling::leaveRoomToUndo)) {
+  const Vela::Outcome stored = database_->commit(Brine::Store::Filling::leaveRoomToUndo);
+  if (!stored.ok()) {
     handles_.reservationDel();  // lost with the rest
-    throw std::runtime_error(*trouble);
+    throw std::runtime_error(stored.reason());
   }
   putBack_.clear();
 }

@@ -2,7 +2,6 @@
 // has them so.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,6 +11,7 @@
 #include "P4Runtime/table/failures/EntryNames.h"
 #include "P4Runtime/table/undo/PendingOperations.h"
 #include "platform/lattice/Database.h"
+#include "platform/vela/Outcome.h"
 
 namespace P4Runtime {
 
@@ -36,8 +36,8 @@ class EntryUndo {
   // Whether anything was put back outside a batch, and the store has yet to commit it.
   bool anyPutBack() const { return !putBack_.empty(); }
   size_t putBackCount() const { return putBack_.size(); }
-  // Commits all that was put back. Returns why the store cannot, if so, and remembers all of it.
-  [[nodiscard]] std::optional<std::string> commit();
+  // Commits all that was put back. When the store cannot, all of it is remembered.
+  Vela::Outcome commit();
   // Once more all that is remembered. Throws Vela::Exception when the store still cannot commit it.
   void maybePutBackAgain();
   // Commits all writes outside a batch. Throws std::runtime_error with the reason when the

@@ -223,7 +223,7 @@ void AgentParts::fillStore() {
     do {
       store->put(store->table("ballast"), Brine::asBytes(std::to_string(++record)),
                  Brine::asBytes(std::string(size, 'x')));
-    } while (!database->commit(Brine::Store::Filling::leaveRoomToUndo));
+    } while (database->commit(Brine::Store::Filling::leaveRoomToUndo).ok());
   }
 }
 

@@ -46,7 +46,7 @@ struct DatabaseTest : testing::Test {
       const ActivityLock lock;
       agent->database->batchBegin();
       body();
-      EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
+      EXPECT_EQ(agent->database->batchEnd().reason(), "");
     }
     EXPECT_TRUE(received());
     return follower->changes - before;
@@ -135,7 +135,7 @@ TEST_F(DatabaseTest, AScopeThatEndsInABatchCommitsNothing) {
   {
     const ActivityLock lock;
     EXPECT_EQ(routes->rowCount(), 5u);
-    EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
+    EXPECT_EQ(agent->database->batchEnd().reason(), "");
   }
   EXPECT_EQ(reader->snapshot()->count("row/routes"), 5u);
   write(5, 6);
@@ -275,7 +275,7 @@ TEST_F(DatabaseTest, TheJournalIsTrimmedBehindWhatWasReceived) {
   const ActivityLock lock;
   agent->database->batchBegin();
   routes->rowIs(route(1, 1), 7);
-  EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
+  EXPECT_EQ(agent->database->batchEnd().reason(), "");
   EXPECT_LE(agent->store->count(agent->store->table("lattice/journal")), 2u);
 }
 
@@ -355,9 +355,9 @@ TEST(FullDatabaseTest, ATableNumberOfAFailedCommitIsNotGivenToAnotherTable) {
     return database->batchEnd();
   };
   store.failing = true;
-  EXPECT_NE(bind("first"), std::nullopt);
+  EXPECT_FALSE(bind("first").ok());
   store.failing = false;
-  EXPECT_EQ(bind("second"), std::nullopt);
+  EXPECT_TRUE(bind("second").ok());
   const auto numberOf = [&](const std::string& name) {
     const auto bytes = store.get(store.table(typesTable), Brine::asBytes(name));
     return TableRecord::decode(Brine::asText(bytes.value())).value().number;
@@ -442,17 +442,17 @@ TEST(FullDatabaseTest, AFullStateDirectoryFailsTheBatchAndLeavesTheFormerRows) {
     Agent agent(small);
     auto& routes = agent.table("routes");
     Follower follower(small);
-    std::optional<std::string> trouble;
+    Vela::Outcome stored;
     size_t rows = 0;
-    for (uint32_t batch = 0; !trouble && batch < 1000; ++batch) {
+    for (uint32_t batch = 0; stored.ok() && batch < 1000; ++batch) {
       const ActivityLock lock;
       rows = routes.rowCount();
       agent.database->batchBegin();
       for (uint32_t i = 0; i < 100; ++i) routes.rowIs(route(batch * 100 + i, 1), i + 1);
-      trouble = agent.database->batchEnd();
+      stored = agent.database->batchEnd();
     }
-    ASSERT_TRUE(trouble);
-    EXPECT_NE(trouble->find(small), std::string::npos);
+    ASSERT_FALSE(stored.ok());
+    EXPECT_NE(stored.reason().find(small), std::string::npos);
     {
       const ActivityLock lock;
       EXPECT_EQ(routes.rowCount(), rows);

@@ -83,7 +83,7 @@ TEST_F(TableWatchTest, DerivedRowsAreInTheSameCommit) {
     routes->rowIs(route(4, 1), 1);
     routes->rowIs(route(4, 2), 1);
     EXPECT_EQ(copies(), 2u);
-    EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
+    EXPECT_EQ(agent->database->batchEnd().reason(), "");
     EXPECT_EQ(copies(), 2u);
     EXPECT_EQ(last->row(route(4, 2).key)->value, route(4, 2).value);
   }
@@ -103,7 +103,7 @@ TEST_F(TableWatchTest, AFailedCommitLosesDerivedRowsToo) {
     agent->database->batchBegin();
     routes->rowIs(route(1, 2), 1);
     routes->rowIs(route(2, 2), 1);
-    EXPECT_EQ(agent->database->batchEnd(), "no room");
+    EXPECT_EQ(agent->database->batchEnd().reason(), "no room");
     EXPECT_EQ(copies(), 1u);
   }
   EXPECT_EQ(discards, 1u);
@@ -118,7 +118,7 @@ TEST_F(TableWatchTest, WatchesEndWithHolderOrTable) {
   EXPECT_EQ(agent->database->watch("nowhere"), nullptr);
   agent->database->batchBegin();
   EXPECT_THROW(agent->database->watch("routes"), std::logic_error);
-  EXPECT_EQ(agent->database->batchEnd(), std::nullopt);
+  EXPECT_EQ(agent->database->batchEnd().reason(), "");
   mirrorWatch.reset();
   agent->table("mirror");
   EXPECT_EQ(gone, "");
