@@ -42,7 +42,7 @@ platform/wirra/interfaces platform/wirra/devices+
 PI/include/PI             -
 PI/include/PI/*           PI/include/PI proto
 PI/core                   PI/include
-PI/frontend/base          PI/include proto
+PI/frontend/base          PI/core+ proto
 PI/frontend/model         PI/frontend/base+
 PI/frontend/store         PI/frontend/model+
 PI/frontend/check         PI/frontend/store+
