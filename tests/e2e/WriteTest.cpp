@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <fstream>
+#include <list>
 #include <thread>
 
 #include "tests/e2e/Switch.h"
@@ -125,6 +127,55 @@ TEST(Reads, OfAHundredThousandEntriesSeeEachBatchWholeOrNotAtAll) {
   reading = false;
   writer.join();
   EXPECT_FALSE(failed);
+  EXPECT_EQ(tested.disagreement(), "");
+}
+
+// Kilobytes of the process's memory that stand in RAM.
+size_t residentKilobytes(pid_t pid) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:")) return std::stoul(line.substr(6));
+  }
+  return 0;
+}
+
+// A Read of the whole switch of which the client takes the first message alone.
+struct UntakenRead {
+  explicit UntakenRead(p4::v1::P4Runtime::Stub& stub) {
+    p4::v1::ReadRequest request;
+    request.set_device_id(1);
+    request.add_entities()->mutable_table_entry();
+    stream = stub.Read(&context, request);
+    p4::v1::ReadResponse response;
+    EXPECT_TRUE(stream->Read(&response));
+  }
+  ~UntakenRead() {
+    context.TryCancel();
+    stream->Finish();
+  }
+  grpc::ClientContext context;
+  std::unique_ptr<grpc::ClientReader<p4::v1::ReadResponse>> stream;
+};
+
+// Each used to hold a copy of the table, and the lock that Writes and reports need.
+TEST(Reads, ThatNobodyTakesHoldUpNoWriteAndCostLittle) {
+  constexpr uint32_t count = 20000;
+  Switch tested({.routeTableSize = count + 1000});
+  ASSERT_TRUE(tested.start());
+  for (uint32_t from = 0; from < count; from += 5000) {
+    ASSERT_TRUE(tested.insertRoutes(from, from + 5000, 1).ok());
+  }
+  const size_t before = residentKilobytes(tested.agent.pid());
+  TestController reader(tested.agent.address(), 1);
+  std::list<UntakenRead> untaken;
+  for (int i = 0; i < 300; ++i) untaken.emplace_back(reader.stub());
+  for (uint32_t i = 0; i < 100; ++i) {
+    ASSERT_TRUE(tested.insertRoutes(count + i, count + i + 1, 1).ok()) << i;
+  }
+#ifndef KORVEL_SANITIZED
+  EXPECT_LT(residentKilobytes(tested.agent.pid()), before + 300 * 1024);
+#endif
+  untaken.clear();
   EXPECT_EQ(tested.disagreement(), "");
 }
 
