@@ -31,6 +31,9 @@ char* copied(const std::string& bytes) {
 
 }  // namespace
 
+#define NEVER_CALLED(name, ...) \
+  pi_status_t name(__VA_ARGS__) { return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET; }
+
 pi_status_t _pi_init(void*) { return called("init"); }
 pi_status_t _pi_assign_device(pi_dev_id_t id, const pi_p4info_t*, pi_assign_extra_t* extra) {
   called("assign" + of(id) + (extra->end_of_extras ? "" : " with extras"));
@@ -53,37 +56,20 @@ pi_status_t _pi_packetout_send(pi_dev_id_t id, const char*, size_t) {
   return called("packet out" + of(id));
 }
 
-pi_status_t _pi_table_entry_add(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
-                                const pi_match_key_t*, const pi_table_entry_t*, int,
-                                pi_entry_handle_t*) {
-  return called("add");
-}
-pi_status_t _pi_table_entry_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                   pi_entry_handle_t) {
-  return called("delete");
-}
-pi_status_t _pi_table_entry_delete_wkey(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                        const pi_match_key_t*) {
-  return called("delete by key");
-}
-pi_status_t _pi_table_entry_modify(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t, pi_entry_handle_t,
-                                   const pi_table_entry_t*) {
-  return called("modify");
-}
-pi_status_t _pi_table_default_action_set(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
-                                         const pi_table_entry_t*) {
-  return called("default set");
-}
-pi_status_t _pi_table_default_action_reset(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t) {
-  return called("default reset");
-}
-pi_status_t _pi_table_default_action_get(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                         pi_table_entry_t*) {
-  return called("default get");
-}
-pi_status_t _pi_table_default_action_done(pi_session_handle_t, pi_table_entry_t*) {
-  return called("default done");
-}
+NEVER_CALLED(_pi_table_entry_add, pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+             const pi_match_key_t*, const pi_table_entry_t*, int, pi_entry_handle_t*)
+NEVER_CALLED(_pi_table_entry_delete, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_entry_handle_t)
+NEVER_CALLED(_pi_table_entry_delete_wkey, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             const pi_match_key_t*)
+NEVER_CALLED(_pi_table_entry_modify, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_entry_handle_t, const pi_table_entry_t*)
+NEVER_CALLED(_pi_table_default_action_set, pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+             const pi_table_entry_t*)
+NEVER_CALLED(_pi_table_default_action_reset, pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t)
+NEVER_CALLED(_pi_table_default_action_get, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_table_entry_t*)
+NEVER_CALLED(_pi_table_default_action_done, pi_session_handle_t, pi_table_entry_t*)
 
 pi_status_t _pi_table_entries_fetch(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
                                     pi_table_fetch_res_t* res) {
@@ -100,38 +86,22 @@ pi_status_t _pi_table_entries_fetch_done(pi_session_handle_t, pi_table_fetch_res
   return called("fetch done");
 }
 
-pi_status_t _pi_act_prof_mbr_create(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
-                                    const pi_action_data_t*, pi_indirect_handle_t*) {
-  return called("member create");
-}
-pi_status_t _pi_act_prof_mbr_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                    pi_indirect_handle_t) {
-  return called("member delete");
-}
-pi_status_t _pi_act_prof_mbr_modify(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                    pi_indirect_handle_t, const pi_action_data_t*) {
-  return called("member modify");
-}
-pi_status_t _pi_act_prof_grp_create(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t, size_t,
-                                    pi_indirect_handle_t*) {
-  return called("group create");
-}
-pi_status_t _pi_act_prof_grp_delete(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                    pi_indirect_handle_t) {
-  return called("group delete");
-}
-pi_status_t _pi_act_prof_grp_add_mbr(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                     pi_indirect_handle_t, pi_indirect_handle_t) {
-  return called("group add");
-}
-pi_status_t _pi_act_prof_grp_remove_mbr(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                        pi_indirect_handle_t, pi_indirect_handle_t) {
-  return called("group remove");
-}
-pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
-                                          pi_indirect_handle_t) {
-  return called("group metadata");
-}
+NEVER_CALLED(_pi_act_prof_mbr_create, pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
+             const pi_action_data_t*, pi_indirect_handle_t*)
+NEVER_CALLED(_pi_act_prof_mbr_delete, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_indirect_handle_t)
+NEVER_CALLED(_pi_act_prof_mbr_modify, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_indirect_handle_t, const pi_action_data_t*)
+NEVER_CALLED(_pi_act_prof_grp_create, pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t, size_t,
+             pi_indirect_handle_t*)
+NEVER_CALLED(_pi_act_prof_grp_delete, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_indirect_handle_t)
+NEVER_CALLED(_pi_act_prof_grp_add_mbr, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_indirect_handle_t, pi_indirect_handle_t)
+NEVER_CALLED(_pi_act_prof_grp_remove_mbr, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_indirect_handle_t, pi_indirect_handle_t)
+NEVER_CALLED(_pi_act_prof_grp_metadata_set, pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
+             pi_indirect_handle_t)
 pi_status_t _pi_act_prof_entries_fetch(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
                                        pi_act_prof_fetch_res_t* res) {
   const FakeTarget& target = TheFakeTarget();

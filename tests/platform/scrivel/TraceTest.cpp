@@ -187,17 +187,6 @@ TEST_F(TraceTest, LevelsChangeInARunningProcessFromOutside) {
   EXPECT_THAT(refusal(directory_ + "/none.scv", "*/0"), HasSubstr("No such file"));
 }
 
-TEST_F(TraceTest, FilterSelectsByHandleLevelTextAndProcess) {
-  const TraceRecord record{.pid = 7, .level = 3, .handle = "KorvelPiTables", .text = "add entry"};
-  EXPECT_TRUE(TraceFilter{}.passes(record));
-  EXPECT_TRUE(
-      (TraceFilter{.handle = "Korvel*", .maxLevel = 3, .text = "add", .pid = 7}).passes(record));
-  EXPECT_FALSE((TraceFilter{.handle = "Agent"}).passes(record));
-  EXPECT_FALSE((TraceFilter{.maxLevel = 2}).passes(record));
-  EXPECT_FALSE((TraceFilter{.text = "delete"}).passes(record));
-  EXPECT_FALSE((TraceFilter{.pid = 8}).passes(record));
-}
-
 TEST_F(TraceTest, UnwritableDirectoryIsSaidAndHarmless) {
   std::ofstream(directory_ + "/file") << "in the way";
   try {

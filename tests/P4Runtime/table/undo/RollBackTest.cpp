@@ -167,12 +167,6 @@ TEST_F(RollBackTest, WritesOfOneEntryInABatchShareOneFate) {
   EXPECT_FALSE(agent().status->critical());
 }
 
-TEST_F(RollBackTest, UnchangedEntryIsConfirmedLikeAnyOther) {
-  const uint64_t handle = agent().program(old_);
-  EXPECT_EQ(codeOfAdd(old_), OK);
-  expectStands(old_, handle);
-}
-
 // A record that is not confirmed yet when its entry is changed is no reason to forget the entry.
 TEST_F(RollBackTest, FailedChangeOfAnUnconfirmedEntryKeepsIt) {
   const uint64_t handle = agent().program(old_);
