@@ -1,5 +1,4 @@
 // Starting, moving and refusing to start, as an operator meets it.
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -47,26 +46,6 @@ size_t lineCount(const std::string& text) {
   return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
-TEST(AgentStart, RefusesAnAddressInUseInOneLine) {
-  const TempDir directory;
-  const int taken = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(listen(taken, 1), 0);
-  socklen_t size = sizeof address;
-  getsockname(taken, reinterpret_cast<sockaddr*>(&address), &size);
-  AgentProcess agent({.stateDirectory = directory.file("state"),
-                      .pipelineFile = KORVEL_ROUTER_PIPELINE,
-                      .port = ntohs(address.sin_port)});
-  agent.start();
-  EXPECT_EQ(agent.process().exitStatus(), (ExitStatus{.code = 1})) << agent.output();
-  EXPECT_EQ(lineCount(agent.output()), 1u) << agent.output();
-  EXPECT_THAT(agent.output(), HasSubstr(agent.address()));
-  close(taken);
-}
-
 TEST(AgentStart, RefusesToServeWhereNobodyWouldFindIt) {
   const TempDir directory;
   AgentProcess agent({.stateDirectory = directory.file("state"),
@@ -84,11 +63,7 @@ TEST(AgentStart, RefusesABadConfigurationInOneLine) {
   } cases[] = {
       {"no JSON", "{\"p4runtime", "config.json"},
       {"unknown path", R"({"p4runtime/config/sytem": {"deviceId": 1}})", "p4runtime/config/sytem"},
-      {"unknown attribute", R"({"p4runtime/config/system": {"devceId": 1}})", "devceId"},
       {"wrong type", R"({"p4runtime/config/system": {"deviceId": "one"}})", "deviceId"},
-      {"out of range", R"({"p4runtime/config/system": {"grpcServerPort": 70000}})",
-       "grpcServerPort"},
-      {"no object", R"(["p4runtime/config/system"])", "config.json"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -127,8 +102,6 @@ TEST(AgentStart, SurvivesABrokenPipelineFileAndTakesTheNext) {
       {"truncated", truncated, "Failed to read pipeline configuration file "},
       {"other device", [](const auto& path) { writePipeline(path, "{}", 7); },
        "Device id in the pipeline configuration 7 does not match the configured device id 1"},
-      {"broken JSON", [](const auto& path) { writePipeline(path, "{\"p4rtc\": {"); },
-       "Cannot parse JSON file"},
       {"no root", [](const auto& path) { writePipeline(path, "{\"other\": {}}"); },
        "Cannot find root token"},
   };

@@ -3,9 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <map>
-#include <mutex>
 #include <thread>
 
 #include "platform/brine/Store.h"
@@ -135,35 +133,6 @@ TEST_F(ForwarderProcessTest, WaitsForTheAgentThenProgramsReportsAndRefuses) {
               testing::AllOf(HasSubstr("rate 50\n"), HasSubstr("header port=9\n")));
   forwarder.process().signal(SIGTERM);
   EXPECT_EQ(forwarder.process().exitStatus(), ExitStatus{.code = 0});
-}
-
-TEST_F(ForwarderProcessTest, KilledOrLeftByTheAgentItIsInStepAgain) {
-  auto agent = std::make_unique<Agent>(state_);
-  ASSERT_TRUE(waitUntil([&] { return agent->ready(); }));
-  ForwarderProcess forwarder(state_);
-  uint16_t next = 0;
-  for (int life = 0; life < 4; ++life) {
-    SCOPED_TRACE(life);
-    agent->erase(next / 2, next);
-    forwarder.start();
-    agent->write(next / 3, next + 50, 100 + life);
-    next += 50;
-    ASSERT_TRUE(forwarder.waitReady());
-    EXPECT_TRUE(converges(forwarder, *agent));
-    agent->write(next, next + 50, 7);  // it may be anywhere in these when it dies
-    next += 50;
-    forwarder.kill();
-  }
-  forwarder.start();
-  ASSERT_TRUE(forwarder.waitReady());
-  EXPECT_TRUE(converges(forwarder, *agent));
-  const std::string before = agent->dump();
-  agent.reset();
-  agent = std::make_unique<Agent>(state_);
-  ASSERT_TRUE(waitUntil([&] { return agent->ready(); }));
-  EXPECT_EQ(forwarder.ctl({"dump", "ports"}).output, before);
-  agent->write(0, next, 8);
-  EXPECT_TRUE(converges(forwarder, *agent));
 }
 
 TEST_F(ForwarderProcessTest, UsageErrorsExitWithTwoAndOneLine) {
