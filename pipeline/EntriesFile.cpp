@@ -6,6 +6,7 @@
 
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "pipeline/FileKind.h"
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
 #include "pipeline/JsonFault.h"

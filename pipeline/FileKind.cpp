@@ -6,7 +6,6 @@
 
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
-#include "pipeline/Files.h"
 #include "pipeline/JsonFault.h"
 #include "platform/vela/Json.h"
 
@@ -64,6 +63,14 @@ FileKind kindOf(std::string_view contents) {
 }
 
 }  // namespace
+
+bool looksLikeText(std::string_view contents) {
+  for (const char c : contents) {
+    const bool blank = c == '\n' || c == '\r' || c == '\t' || c == '\f' || c == '\v';
+    if (static_cast<unsigned char>(c) < 0x20 && !blank) return false;
+  }
+  return true;
+}
 
 std::string whyNoPipelineFile(std::string_view contents) {
   switch (kindOf(contents)) {

@@ -155,14 +155,6 @@ void fileContentsIs(const std::string& path, std::string_view contents) {
   throw PipelineError(path + ": cannot be written: " + std::strerror(error != 0 ? error : EIO));
 }
 
-bool looksLikeText(std::string_view contents) {
-  for (const char c : contents) {
-    const bool blank = c == '\n' || c == '\r' || c == '\t' || c == '\f' || c == '\v';
-    if (static_cast<unsigned char>(c) < 0x20 && !blank) return false;
-  }
-  return true;
-}
-
 void parseTextForm(const std::string& path, std::string_view text, pb::Message* message,
                    Findings* findings) {
   TextErrors errors(path, findings);

@@ -25,9 +25,6 @@ std::string fileContents(const std::string& path);
 // a device or a pipe is written to.
 void fileContentsIs(const std::string& path, std::string_view contents);
 
-// Whether the contents could be text: no control characters but white space.
-bool looksLikeText(std::string_view contents);
-
 // Text (protobuf text form), JSON or binary, told apart by the contents. Fields newer than ours are
 // skipped with a warning. So is the content of Any fields of unknown type (extern instances, other
 // table properties): the agent could not turn them into JSON.

@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/lattice/ArTable.h"
 #include "platform/lattice/TableWatch.h"
 #include "platform/lattice/doorbell/Doorbell.h"
 #include "platform/lattice/records/Journal.h"
@@ -51,6 +50,22 @@ StoreIdentity identityOf(Brine::Store& store) {
 constexpr size_t laggingFactor = 10;
 
 }  // namespace
+
+// Its table in the store, once bound and initialised.
+struct ArTableInterface::Impl {
+  std::string tableName;
+  std::string typeName;
+  std::function<void()> onReady;
+  DatabaseImpl* database = nullptr;  // null: not bound
+  std::shared_ptr<const TableType> type;
+  std::string boundName;  // the table's name in the database
+  bool persistent = true;
+  bool initialised = false;
+  Brine::TableNumber rows = 0;
+  uint32_t number = 0;                  // in the journal
+  bool announced = false;               // the table's record in the types table is committed
+  std::weak_ptr<WatchedTable> watched;  // empty: no rows are derived from it
+};
 
 class DatabaseImpl final : public Database {
  public:

@@ -5,7 +5,7 @@
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
-#include "PI/frontend/check/GroupCheck.h"
+#include "PI/frontend/check/ProfileCheck.h"
 #include "PI/frontend/store/ActionCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
 

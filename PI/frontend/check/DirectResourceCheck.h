@@ -1,7 +1,7 @@
 // Direct meters and counters in updates: checks, and settings encoded for the target.
 #pragma once
 
-#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 
 namespace pi::fe::proto {
 

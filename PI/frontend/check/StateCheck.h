@@ -2,7 +2,7 @@
 // entry it keeps, and the member or group it points at.
 #pragma once
 
-#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/store/ProfileUse.h"
 

@@ -1,7 +1,7 @@
 // A table entry of an update, checked against the P4Info and encoded for the target.
 #pragma once
 
-#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 
 namespace pi::fe::proto {
 

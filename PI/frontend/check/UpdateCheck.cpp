@@ -3,12 +3,9 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/check/DirectResourceCheck.h"
-#include "PI/frontend/check/GroupCheck.h"
-#include "PI/frontend/check/MemberCheck.h"
 #include "PI/frontend/check/OtherEntityCheck.h"
+#include "PI/frontend/check/ProfileCheck.h"
 #include "PI/frontend/check/TableEntryCheck.h"
-#include "PI/frontend/store/KeyCodec.h"
-#include "PI/frontend/store/ProfileObjects.h"
 
 namespace pi::fe::proto {
 
@@ -42,32 +39,12 @@ CheckedUpdate checkedEntity(const P4InfoIndex& index, const Entity& entity, Upda
 
 }  // namespace
 
-const TablePlan& checkedTable(const P4InfoIndex& index, uint32_t tableId) {
-  const TablePlan* table = index.table(tableId);
-  if (table != nullptr) return *table;
-  if (tableId == 0) refuse(code::invalidArgument, "the table id is 0");
-  refuse(code::invalidArgument, "the table id is that of ", index.objectText(tableId));
-}
-
-const ProfilePlan& checkedProfile(const P4InfoIndex& index, uint32_t profileId) {
-  const ProfilePlan* profile = index.profile(profileId);
-  if (profile != nullptr) return *profile;
-  if (profileId == 0) refuse(code::invalidArgument, "the action profile id is 0");
-  refuse(code::invalidArgument, "the action profile id is that of ", index.objectText(profileId));
-}
-
 CheckedUpdate checkedUpdate(const P4InfoIndex& index, const Update& update) {
   checkType(update.type());
   CheckedUpdate result = checkedEntity(index, update.entity(), update.type());
   result.type = update.type();
   if (result.slot.entry) result.slot.hash = result.slot.entry->key().hash();
   return result;
-}
-
-std::string updateText(const CheckedUpdate& update) {
-  const Entry& entry = *update.slot.entry;
-  if (update.table != nullptr) return keyText(*update.table, entry.keyData(), entry.priority);
-  return absl::StrCat("action profile ", update.profile->name, ": ", objectText(objectId(entry)));
 }
 
 }  // namespace pi::fe::proto

@@ -1,31 +1,11 @@
 // One update of a Write, checked against the P4Info and encoded for the target.
 #pragma once
 
-#include "PI/frontend/model/P4InfoIndex.h"
-#include "PI/frontend/store/Entry.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 
 namespace pi::fe::proto {
 
-struct CheckedUpdate {
-  enum class Subject : uint8_t { entry, directMeter, directCounter, member, group };
-
-  p4::v1::Update::Type type = p4::v1::Update::UNSPECIFIED;  // INSERT, MODIFY or DELETE
-  Subject subject = Subject::entry;
-  const TablePlan* table = nullptr;      // null for members and groups
-  const ProfilePlan* profile = nullptr;  // the table's, or that of the member or group
-  // The entry to write, handles left open. The key alone for a DELETE, for a MODIFY that keeps
-  // the action, and for a direct resource. Null: the update changes nothing.
-  EntrySlot slot;
-};
-
 // All checks that need no committed entries. Throws a Refusal.
 CheckedUpdate checkedUpdate(const P4InfoIndex& index, const p4::v1::Update& update);
-
-// "table ingress.ipv4: dst 10.0.0.0/8", "action profile ingress.nexthops: member 7".
-std::string updateText(const CheckedUpdate& update);
-
-// The table or profile an update or query names. Throws a Refusal when the P4Info has no such one.
-const TablePlan& checkedTable(const P4InfoIndex& index, uint32_t tableId);
-const ProfilePlan& checkedProfile(const P4InfoIndex& index, uint32_t profileId);
 
 }  // namespace pi::fe::proto

@@ -2,8 +2,8 @@
 #include "PI/frontend/read/Query.h"
 
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 #include "PI/frontend/check/OtherEntityCheck.h"
-#include "PI/frontend/check/UpdateCheck.h"
 #include "PI/frontend/store/KeyCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
 

@@ -1,7 +1,7 @@
 // Brings a group of the target from one mix of members to another.
 #include "PI/frontend/target/TargetGroup.h"
 
-#include "PI/frontend/check/GroupCheck.h"
+#include "PI/frontend/check/ProfileCheck.h"
 
 namespace pi::fe::proto {
 

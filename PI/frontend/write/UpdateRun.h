@@ -1,7 +1,7 @@
 // Runs one update: chooses its target calls, and makes them.
 #pragma once
 
-#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/target/TargetCalls.h"
 

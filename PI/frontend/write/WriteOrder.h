@@ -4,7 +4,7 @@
 
 #include <absl/container/flat_hash_set.h>
 
-#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/store/ProfileUse.h"
 

@@ -5,6 +5,7 @@
 #include "PI/frontend/base/Permission.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
+#include "PI/frontend/check/UpdateCheck.h"
 #include "PI/frontend/target/TargetCalls.h"
 #include "PI/frontend/write/UpdateRun.h"
 #include "PI/pi.h"

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 #include "PI/frontend/check/StateCheck.h"
-#include "PI/frontend/check/UpdateCheck.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/store/ProfileUse.h"
 #include "PI/frontend/target/TargetSession.h"

@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/wirra/packets/PacketManager.h"
-
 namespace Wirra {
 
-Packet::Packet(PacketManager& manager, std::unique_ptr<uint8_t[]> head, size_t size)
-    : manager_(manager), head_(std::move(head)), size_(size), capacity_(size) {}
+Packet::Packet(std::atomic<size_t>& liveBytes, std::unique_ptr<uint8_t[]> head, size_t size)
+    : liveBytes_(liveBytes), head_(std::move(head)), size_(size), capacity_(size) {}
 
-Packet::~Packet() { manager_.bytes_.fetch_sub(capacity_, std::memory_order_relaxed); }
+Packet::~Packet() { liveBytes_.fetch_sub(capacity_, std::memory_order_relaxed); }
 
 void Packet::sizeIs(size_t size) { size_ = std::min(size, capacity_); }
 

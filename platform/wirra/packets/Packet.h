@@ -1,6 +1,7 @@
 // A packet: its bytes, as they stand on the wire without preamble and checksum.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -26,8 +27,9 @@ class Packet final : public Vela::RefCounted {
 
  private:
   friend class PacketManager;
-  Packet(PacketManager& manager, std::unique_ptr<uint8_t[]> head, size_t size);
-  PacketManager& manager_;
+  // `liveBytes`: of all packets.
+  Packet(std::atomic<size_t>& liveBytes, std::unique_ptr<uint8_t[]> head, size_t size);
+  std::atomic<size_t>& liveBytes_;
   const std::unique_ptr<uint8_t[]> head_;
   size_t size_;
   const size_t capacity_;

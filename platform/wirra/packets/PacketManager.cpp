@@ -13,7 +13,7 @@ Packet::Ptr PacketManager::packet(size_t size) {
   if (before < limit && size <= limit - before) {
     std::unique_ptr<uint8_t[]> head(new (std::nothrow) uint8_t[size]);
     if (head) {
-      if (auto* made = new (std::nothrow) Packet(*this, std::move(head), size)) return {made};
+      if (auto* made = new (std::nothrow) Packet(bytes_, std::move(head), size)) return {made};
     }
   }
   bytes_.fetch_sub(size, std::memory_order_relaxed);

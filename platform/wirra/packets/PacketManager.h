@@ -21,7 +21,6 @@ class PacketManager {
   void byteLimitIs(size_t bytes) { byteLimit_ = bytes; }
 
  private:
-  friend class Packet;
   std::atomic<size_t> bytes_{0};
   std::atomic<size_t> byteLimit_{256 << 20};
   std::atomic<uint64_t> refused_{0};

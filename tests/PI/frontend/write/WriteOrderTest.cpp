@@ -1,6 +1,7 @@
 // Which updates of a Write run together, and that each one's outcome is that of the order sent.
 #include "PI/frontend/write/WriteOrder.h"
 
+#include "PI/frontend/check/UpdateCheck.h"
 #include "tests/PI/frontend/support/FrontendTest.h"
 
 namespace pi::fe::proto {

@@ -1,5 +1,4 @@
-// An action profile group of an update.
-#include "PI/frontend/check/GroupCheck.h"
+#include "PI/frontend/check/ProfileCheck.h"
 
 #include <absl/container/flat_hash_set.h>
 
@@ -8,6 +7,7 @@
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/store/ActionCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
 
 namespace pi::fe::proto {
@@ -140,6 +140,31 @@ void checkRepeats(const std::string& owner, const GroupWeight& weight) {
   if (weight.weights <= kMaxRepeats) return;
   refuse(code::resourceExhausted, owner, ": its weights add up to ", weight.weights, "; more than ",
          kMaxRepeats, " in one group are not supported");
+}
+
+CheckedUpdate checkedMember(const P4InfoIndex& index, const p4::v1::ActionProfileMember& given,
+                            p4::v1::Update::Type type) {
+  CheckedUpdate result;
+  result.subject = CheckedUpdate::Subject::member;
+  const ProfilePlan& profile = checkedProfile(index, given.action_profile_id());
+  result.profile = &profile;
+  const ObjectId id{profile.id, false, given.member_id()};
+  if (id.id == 0) {
+    refuse(code::invalidArgument, "action profile ", profile.name, ": the member id is 0");
+  }
+  if (type == p4::v1::Update::DELETE) {
+    result.slot.entry = makeObject(id, 0);
+    return result;
+  }
+  if (!given.has_action()) {
+    refuse(code::invalidArgument, "action profile ", profile.name, ": ", objectText(id),
+           " needs an action");
+  }
+  const ActionPlan& action = checkedAction(profile, given.action());
+  result.slot.entry = makeObject(id, action.dataBytes);
+  result.slot.entry->actionId = action.id;
+  encodeActionData(profile, action, given.action(), result.slot.entry->actionData());
+  return result;
 }
 
 CheckedUpdate checkedGroup(const P4InfoIndex& index, const ActionProfileGroup& given,

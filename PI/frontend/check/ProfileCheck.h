@@ -1,15 +1,17 @@
-// An action profile group of an update, checked against the P4Info; and the checks that groups
-// share with action sets.
+// An action profile member or group of an update, checked against the P4Info and encoded for the
+// target; and the checks that groups share with action sets.
 #pragma once
 
-#include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 
 namespace pi::fe::proto {
 
 // The target holds at most these repeats of members in one group.
 inline constexpr uint64_t kMaxRepeats = 2048;
 
-// Leaves type and hash to the caller. Throws a Refusal.
+// Both leave type and hash to the caller, and throw a Refusal.
+CheckedUpdate checkedMember(const P4InfoIndex& index, const p4::v1::ActionProfileMember& given,
+                            p4::v1::Update::Type type);
 CheckedUpdate checkedGroup(const P4InfoIndex& index, const p4::v1::ActionProfileGroup& given,
                            p4::v1::Update::Type type);
 

@@ -1,0 +1,30 @@
+// An update as its check leaves it.
+#pragma once
+
+#include <string>
+
+#include "PI/frontend/model/P4InfoIndex.h"
+#include "PI/frontend/store/Entry.h"
+
+namespace pi::fe::proto {
+
+struct CheckedUpdate {
+  enum class Subject : uint8_t { entry, directMeter, directCounter, member, group };
+
+  p4::v1::Update::Type type = p4::v1::Update::UNSPECIFIED;  // INSERT, MODIFY or DELETE
+  Subject subject = Subject::entry;
+  const TablePlan* table = nullptr;      // null for members and groups
+  const ProfilePlan* profile = nullptr;  // the table's, or that of the member or group
+  // The entry to write, handles left open. The key alone for a DELETE, for a MODIFY that keeps
+  // the action, and for a direct resource. Null: the update changes nothing.
+  EntrySlot slot;
+};
+
+// "table ingress.ipv4: dst 10.0.0.0/8", "action profile ingress.nexthops: member 7".
+std::string updateText(const CheckedUpdate& update);
+
+// The table or profile an update or query names. Throws a Refusal when the P4Info has no such one.
+const TablePlan& checkedTable(const P4InfoIndex& index, uint32_t tableId);
+const ProfilePlan& checkedProfile(const P4InfoIndex& index, uint32_t profileId);
+
+}  // namespace pi::fe::proto
