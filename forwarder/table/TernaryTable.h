@@ -20,7 +20,6 @@ class TernaryTable final : public MatchTable {
  public:
   TernaryTable(const MatchLayout& layout, bool counted) : MatchTable(layout, counted) {}
   const StoredRow* lookup(std::span<const uint8_t> packet) const override;
-  size_t groupCount() const { return groups_.size(); }
 
  private:
   using Bytes = absl::InlinedVector<uint8_t, 128>;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/lattice/types/RowWalk.h"
+
 namespace Forwarder {
 namespace {
 
@@ -28,22 +30,10 @@ bool includes(const std::vector<FieldNumber>& all, const std::vector<FieldNumber
 }  // namespace
 
 std::optional<IndirectColumns> IndirectColumns::of(const TableType& type) {
-  IndirectColumns columns;
-  uint32_t offset = 0;
-  unsigned found = 0;
-  for (const TableType::ValuePart& part : type.valueParts()) {
-    if (part.part != TableType::Part::column || part.column.size == 0) break;
-    if (part.column.name == "indirect_id" && part.column.type == ColumnType::u32) {
-      columns.idOffset = offset;
-      ++found;
-    } else if (part.column.name == "is_group" && part.column.type == ColumnType::u8) {
-      columns.isGroupOffset = offset;
-      ++found;
-    }
-    offset += part.column.size;
-  }
-  if (found != 2) return std::nullopt;
-  return columns;
+  const auto id = Lattice::offsetOfColumn(type, "indirect_id", ColumnType::u32);
+  const auto isGroup = Lattice::offsetOfColumn(type, "is_group", ColumnType::u8);
+  if (!id || !isGroup) return std::nullopt;
+  return IndirectColumns{.idOffset = *id, .isGroupOffset = *isGroup};
 }
 
 TrafficPlan::TrafficPlan(const ForwardingAgent& agent, const std::vector<PacketHeader>& headers)

@@ -464,14 +464,13 @@ size_t StoreImpl::bytesUsed() const {
   return (info.me_last_pgno + 1) * environment_->pageSize();
 }
 
-}  // namespace
+std::unique_ptr<WriterLock> lockDirectory(const std::string& directory) {
+  prepareDirectory(directory);
+  requireRegularFiles(directory, Purpose::write);
+  return std::make_unique<WriterLock>(directory);
+}
 
-namespace {
-
-std::unique_ptr<Store> openStore(const StoreOptions& options) {
-  prepareDirectory(options.directory);
-  requireRegularFiles(options.directory, Purpose::write);
-  auto lock = std::make_unique<WriterLock>(options.directory);
+std::unique_ptr<Store> openStore(std::unique_ptr<WriterLock> lock, const StoreOptions& options) {
   auto environment = sharedEnvironment(options, Purpose::write);
   return std::make_unique<StoreImpl>(std::move(lock), std::move(environment));
 }
@@ -489,7 +488,7 @@ std::unique_ptr<Store> Store::open(const StoreOptions& options) {
   const auto end = Clock::now() + options.patience;
   for (;;) {
     try {
-      return openStore(options);
+      return openStore(lockDirectory(options.directory), options);
     } catch (const StoreError& error) {
       if (!mayPass(error.trouble) || Clock::now() + pause > end) throw;
     }
@@ -499,13 +498,10 @@ std::unique_ptr<Store> Store::open(const StoreOptions& options) {
 
 std::unique_ptr<Store> Store::rebuild(const StoreOptions& options, Trouble why,
                                       std::string* movedTo) {
-  prepareDirectory(options.directory);
-  requireRegularFiles(options.directory, Purpose::write);
-  auto lock = std::make_unique<WriterLock>(options.directory);
+  auto lock = lockDirectory(options.directory);
   const std::string place = moveAside(options.directory, why);
   if (movedTo) *movedTo = place;
-  auto environment = sharedEnvironment(options, Purpose::write);
-  return std::make_unique<StoreImpl>(std::move(lock), std::move(environment));
+  return openStore(std::move(lock), options);
 }
 
 void Store::put(TableNumber table, Bytes key, Bytes value) {

@@ -49,4 +49,15 @@ ValueFit fitOfValue(const TableType& type, std::string_view value) {
   return walkValue(type, value, NoVisitor());
 }
 
+std::optional<uint32_t> offsetOfColumn(const TableType& table, std::string_view name,
+                                       ColumnType type) {
+  uint32_t offset = 0;
+  for (const TableType::ValuePart& part : table.valueParts()) {
+    if (part.part != TableType::Part::column || part.column.size == 0) break;
+    if (part.column.name == name && part.column.type == type) return offset;
+    offset += part.column.size;
+  }
+  return std::nullopt;
+}
+
 }  // namespace Lattice

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -72,6 +73,11 @@ ValueFit walkValue(const TableType& type, std::string_view value, Visitor&& visi
 
 // Looks at nothing but the layout.
 ValueFit fitOfValue(const TableType& type, std::string_view value);
+
+// Where the column of that name and type stands in each value of the table; nothing when there is
+// none, or when the columns before it take different room in different values.
+std::optional<uint32_t> offsetOfColumn(const TableType& table, std::string_view name,
+                                       ColumnType type);
 
 // The elements of a value that is one U32 array; of an array that is cut short those that are
 // there.
