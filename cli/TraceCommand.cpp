@@ -123,12 +123,12 @@ void addTraceCommand(CLI::App& app) {
   auto& filter = options->filter;
   command->add_option("--handle", filter.handle, "Of this handle only; * stands for anything");
   command->add_option("--level", filter.maxLevel, "Up to this level only")->check(CLI::Range(0, 9));
-  command->add_option("--text", filter.text, "Only what contains this text");
+  command->add_option("--text", filter.text, "Only traces that contain this text");
   command->add_option("--pid", filter.pid, "Of this process only");
   command->add_option("-n,--last", options->last, "Only so many, the newest")->type_name("N");
-  command->add_flag("-f,--follow", options->follow, "Go on with what is traced from now on");
+  command->add_flag("-f,--follow", options->follow, "Go on with new traces as they come");
   command->add_flag("--files", options->files, "List trace files, their handles and levels");
-  command->add_option("--set", options->set, "Change what running processes trace")
+  command->add_option("--set", options->set, "Change the levels of running processes")
       ->type_name("HANDLE/LEVELS,...");
   command->add_flag("--json", options->json, "Print JSON, a record a line");
   command->callback([options] { run(*options); });

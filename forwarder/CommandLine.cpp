@@ -62,7 +62,7 @@ TrafficOptions CommandLine::traffic() const {
 
 void CommandLine::addPunt() {
   punt_ = add("punt", "[PORT=DEVICE]",
-              "punt what arrives on the ports that the agent maps, or on this one")
+              "punt packets that arrive on the ports that the agent maps, or on this one")
               ->expected(0, 1);
   add("punt-ethertype", "TYPE", "only packets of this EtherType");
   add("punt-field", "NAME=VALUE", "a value for a field of packet_in");

@@ -15,7 +15,7 @@ constexpr int maxBits = 255;  // the agent keeps a width in 8 bits
 
 std::string bytesType(int bits) { return "Bytes<" + std::to_string((bits + 7) / 8) + ">"; }
 
-// A width that no column can hold, whatever its byte order.
+// A width that no column can hold in any byte order.
 std::string widthRefusal(int bits) {
   if (bits == 0) return "it is a string to the controller (width 0), and only numbers fit a column";
   if (bits < 0) return "its width " + std::to_string(bits) + " is no width";

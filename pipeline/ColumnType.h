@@ -25,7 +25,7 @@ ColumnChoice keyColumn(const p4::config::v1::MatchField& field);
 ColumnChoice prefixColumn(const p4::config::v1::MatchField& field);
 ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter);
 
-// Whether a parameter stays in network order whatever its width. Its name says so.
+// Whether a parameter stays in network order at any width. Its name says so.
 bool isInNetworkOrder(std::string_view parameterName);
 bool isInNetworkOrder(const p4::config::v1::Action_Param& parameter);
 

@@ -170,7 +170,7 @@ class DeviceReader {
 
   const cJSON* root_;
   Findings* findings_;
-  const char* step_ = "";  // what the agent does with the part being read
+  const char* step_ = "";  // the agent's step at the part being read
   DeviceConfig config_;
 };
 

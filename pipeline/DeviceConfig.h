@@ -36,7 +36,7 @@ struct DeviceEntry {
   uint32_t actionId = 0;
   std::string actionParams;
   uint32_t priority = 0;
-  std::string trouble = {};  // what of it could not be read
+  std::string trouble = {};  // why it could not be read
 };
 
 struct DeviceTable {

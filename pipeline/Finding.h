@@ -15,7 +15,7 @@ class PipelineError : public std::runtime_error {
 
 enum class Severity {
   error,    // the agent cannot run this pipeline
-  warning,  // it runs, without what is named here
+  warning,  // it runs, without the named part
 };
 
 // An error in the words of the agent's parsing status.

@@ -7,7 +7,7 @@
 namespace Pipeline {
 namespace {
 
-constexpr size_t maxNameLength = 180;  // leaves room for suffixes within what stores accept
+constexpr size_t maxNameLength = 180;  // leaves room for suffixes in the names of stores
 
 // Of the definition language, and the columns that definitions add themselves.
 constexpr std::array<std::string_view, 11> reservedWords = {

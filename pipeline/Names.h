@@ -1,4 +1,4 @@
-// Names of P4 objects as column, type and table names, and back from what people write.
+// Names of P4 objects as column, type and table names, and back from people's spellings.
 #pragma once
 
 #include <set>

@@ -1,4 +1,4 @@
-// Checking a pipeline against what the agent will do with it.
+// Checks a pipeline as the agent will use it.
 #include "pipeline/PipelineCheck.h"
 
 #include <fmt/format.h>

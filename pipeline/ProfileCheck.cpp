@@ -1,4 +1,4 @@
-// Action profiles beside their tables, and beside what the agent holds.
+// Action profiles beside their tables, and beside the agent's limits.
 #include "pipeline/ProfileCheck.h"
 
 #include <algorithm>

@@ -100,7 +100,7 @@ class SlotMaker {
   size_t field_ = 0;
 };
 
-// The alias is what people use, and is unique among its kind.
+// People use the alias, which is unique among its kind.
 template <typename Object>
 const std::string& shortName(const Object& object) {
   return object.preamble().alias().empty() ? object.preamble().name() : object.preamble().alias();

@@ -1,4 +1,4 @@
-// The agent process object: mounts what it needs of the state database, builds the agent's parts in
+// The agent process object: mounts its entities of the state database, builds the agent's parts in
 // their order and wires them.
 #pragma once
 
@@ -39,7 +39,10 @@
 
 namespace P4Runtime {
 
-// Runs on the reactor. One a process.
+// Threads: the reactor, with the activity lock held. One a process.
+// Errors: when mounts fail, it says why on standard error and ends the process. Bad limits of the
+// server end the start likewise; other trouble is shown in the status.
+// Lifetime: lives as long as the process, and owns all parts that it builds.
 class Agent : public Vela::Entity {
  public:
   Agent(std::string name, AgentRuntime runtime);
@@ -111,7 +114,7 @@ class Agent : public Vela::Entity {
   void doBuildTableProgramming();
   void doBuildSystemConfig();
   void doLoadPlugins();
-  std::string pluginsText() const;  // of each plugin its state
+  std::string pluginsText() const;  // each plugin with its state
   void doBuildPipeline();
   void doAttachKernelDevices();
   void doBuildPackets();

@@ -19,8 +19,8 @@ struct AgentRuntime {
   // Hands the traces and the like to the file system; `complete` runs on a later turn.
   std::function<void(std::function<void()> complete)> flushEntityLog;
   std::function<void(int status)> exit;  // does not return
-  // The agent has been asked to exit (true), or that was taken back. The launcher sees to it that
-  // the process ends within two seconds then, whatever keeps the reactor. May be empty.
+  // The agent has been asked to exit (true), or the request was taken back. After a request the
+  // launcher ends the process within two seconds, even if the reactor is busy. May be empty.
   std::function<void(bool)> exitIsNear = nullptr;
   // Operators may let the agent pretend that entries are programmed.
   bool pretendedProgrammingAllowed = false;

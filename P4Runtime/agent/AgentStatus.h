@@ -8,7 +8,8 @@
 
 namespace P4Runtime {
 
-// At "p4runtime/status/agent"; brought up to date twice a second.
+// At "p4runtime/status/agent"; brought up to date twice a second, on the reactor. Call with the
+// activity lock held. Nothing throws. The agent and the state database share it.
 class AgentStatus : public Vela::Entity {
  public:
   using Entity::Entity;
@@ -20,7 +21,7 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(bool, serverReady, false)
   VELA_READONLY_ATTRIBUTE(std::string, pipelineFile, "")
   VELA_READONLY_ATTRIBUTE(std::string, pipelineState, "")
-  VELA_READONLY_ATTRIBUTE(std::string, permissionLevel, "")  // what requests may do, in words
+  VELA_READONLY_ATTRIBUTE(std::string, permissionLevel, "")  // in words
   VELA_READONLY_ATTRIBUTE(std::string, tables, "")           // "name entries/size", one a line
   VELA_READONLY_ATTRIBUTE(std::string, plugins, "")          // "name state", one a line
   VELA_READONLY_ATTRIBUTE(std::string, queries, "")          // how each is kept, one a line
@@ -29,7 +30,7 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(bool, pretendsProgramming, false)  // nothing is verified
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsAccepted, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsDropped, 0)
-  VELA_READONLY_ATTRIBUTE(uint64_t, reportsOnNoRow, 0)  // failures of what does not stand
+  VELA_READONLY_ATTRIBUTE(uint64_t, reportsOnNoRow, 0)  // failures of rows that do not stand
   VELA_READONLY_ATTRIBUTE(uint64_t, doorbellMessagesDropped, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, failedEntries, 0)
   VELA_READONLY_ATTRIBUTE(uint64_t, stateDirectoryBytes, 0)

@@ -1,4 +1,4 @@
-// Executes the requests that stand in the configuration's CLI directory and answers them in the
+// Executes the requests in the configuration's CLI directory and puts the answers into the
 // status's.
 #pragma once
 
@@ -17,8 +17,8 @@
 
 namespace P4Runtime {
 
-// Runs with the request's arguments and gives the answer for people; throws std::exception, whose
-// words become the answer, when it refuses or fails. Runs on the reactor with the lock held.
+// Runs with the request's arguments and returns the answer for people. A refusal or a failure is a
+// std::exception, whose words become the answer. Runs on the reactor with the lock held.
 struct CliCommand {
   std::string usage;  // "port map PORT INTERFACE"
   size_t fewest;      // of arguments
@@ -27,9 +27,9 @@ struct CliCommand {
 };
 using CliCommands = std::map<std::string, CliCommand>;  // by name: "port map"
 
-// Runs on the reactor. A request is executed once, on a later turn than it came in, also when it
-// was there before this; its answer goes when the request does. An answer that nobody takes goes
-// after some minutes, or when there are many, and its request with it.
+// Runs on the reactor. Each request, also one from before this object, is executed once, on a later
+// turn. Its answer goes with the request. An answer that is not taken goes after some minutes, or
+// when there are many, together with its request.
 class CliSm : public Vela::RefCounted {
  public:
   static constexpr size_t mostAnswers = 100;
@@ -67,7 +67,7 @@ class CliSm : public Vela::RefCounted {
   Vela::Observation requestsChange_;
   Vela::Timer oldAnswersTimer_;
   Vela::Timer takenTimer_;
-  std::shared_ptr<CliSm*> alive_;  // what a post holds to see whether this still is
+  std::shared_ptr<CliSm*> alive_;  // null once this has gone; posts look there first
 };
 
 }  // namespace P4Runtime

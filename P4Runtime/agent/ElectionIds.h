@@ -33,8 +33,8 @@ std::string electionIdValue(const ElectionNumber& id);
 std::optional<RoleKey> roleOfRecord(Brine::Bytes key);  // empty: no such record
 std::optional<ElectionNumber> electionIdOfRecord(Brine::Bytes value);
 
-// Its functions are called without the activity lock, which they take and give up: what they change
-// is committed at the end of their scope, alone.
+// Call its functions without the activity lock. They take it themselves and give it up, so that
+// each change is a commit of its own.
 class ElectionIds {
  public:
   // Whether the store gathers the writes of a batch, whose fate ids must not share.
@@ -49,7 +49,7 @@ class ElectionIds {
   // took nothing: keepUnkept() tries again.
   bool idIs(const RoleKey& role, const ElectionNumber& id);
   bool idDel(const RoleKey& role);
-  // Tries again what could not be kept; returns how much still cannot. Gives the activity lock up.
+  // Tries the unkept ids again; returns the number of ids still unkept. Gives the activity lock up.
   size_t keepUnkept();
 
  private:
@@ -62,10 +62,10 @@ class ElectionIds {
 
   Brine::Store& store_;
   const InBatch inBatch_;
-  std::map<RoleKey, Wanted> unkept_;  // what the store has not taken (yet); the activity lock
+  std::map<RoleKey, Wanted> unkept_;  // not stored yet; guarded by the activity lock
 };
 
-// Gives the server what was kept, and keeps what it tells from then on. `ids` outlives the server.
+// Gives the server the kept ids, and keeps its new ones from then on. `ids` outlives the server.
 // Call it with the activity lock held, before the server starts.
 void keepElectionIdsOfServer(ElectionIds& ids);
 

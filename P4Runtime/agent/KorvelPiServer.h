@@ -21,7 +21,10 @@ class SetForwardingPipelineConfigRequest;
 
 namespace P4Runtime {
 
-// Used on the reactor; there is one server thread in a process at most.
+// Threads: the reactor, with the activity lock held. At most one server thread runs in a process.
+// Errors: without an address, a descriptor or a usable pipeline it says why on standard error and
+// ends the process; setting the permission level throws Vela::BadValue while the level is not free.
+// Lifetime: shared; the loop outlives it. The destructor closes the signal descriptor.
 class KorvelPiServer : public DeviceServer {
  public:
   // Pushes the pipeline once the server object has been signalled, on a later pass of the reactor
@@ -61,14 +64,14 @@ class KorvelPiServer : public DeviceServer {
   // Starts the server thread. An address that cannot be bound ends the process with status 1.
   void startProcessing();
   void signal();
-  // The request to push: the one that the model was made of, which the file may no longer hold.
+  // The request to push: the model was made of it. The file may hold another one by now.
   void pipelineRequestIs(std::string bytes) { pipelineRequest_ = std::move(bytes); }
-  // Without such a request pushes what the file holds. Aborts the process when that cannot be used,
-  // or the server rejects it.
+  // Without such a request pushes the contents of the file. Aborts the process when the file cannot
+  // be used, or the server rejects the request.
   void sendPipelineConfigMsg();
   void setOperationPermissionLevel(uint32_t level);
-  // Lets the calls in progress finish and takes no new ones, without keeping the reactor, which
-  // those calls need to hear of the forwarding plane; `done` runs on the reactor.
+  // Takes no new calls and lets the running ones finish, without blocking the reactor: they need it
+  // for the forwarding plane's reports. `done` runs on the reactor.
   void doShutDown(std::function<void()> done);
   // Shuts the server down and starts a fresh one, without pipeline, on the configured address.
   void doCleanup();

@@ -220,7 +220,7 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   }
 }
 
-// The server that took a call also answers it.
+// Calls that the server took must get their responses from it.
 void KorvelPiServerInitSm::doKillPiServerThread() {
   SCRIVEL_TRACE(1, "doKillPiServerThread");
   if (move_.isClosed()) return;  // the fresh server takes the address of the moment it starts

@@ -1,5 +1,5 @@
-// Ties the P4Runtime server to the readiness of the pipeline: starts it, sets what it may do, has
-// the pipeline pushed, restores entries, and moves it to another port.
+// Ties the P4Runtime server to the readiness of the pipeline: starts the server, sets its
+// permission level, has the pipeline pushed, restores entries, and moves it to another port.
 #pragma once
 
 #include "P4Runtime/agent/KorvelPiServer.h"
@@ -11,7 +11,10 @@
 
 namespace P4Runtime {
 
-// Runs on the reactor.
+// Threads: the reactor, with the activity lock held.
+// Errors: a missing server and an unknown state break an invariant, which ends in the critical
+// state; so does a store that takes no constant entries. Nothing is thrown to the caller.
+// Lifetime: shares all that it is given, and observes it until it is replaced or this goes.
 class KorvelPiServerInitSm : public Vela::Entity {
  public:
   KorvelPiServerInitSm(Vela::Ptr<P4TableInfo> tableInfo,

@@ -112,14 +112,14 @@ void P4RtSystemConfigSm::doCleanupPlugins() {
     stepIs(Step::none);  // nothing was enabled
     return;
   }
-  // The step first: a plugin may answer before the request returns.
+  // The step first: a plugin may complete the request before it returns.
   step_ = configEnabled ? Step::pluginCleanup : Step::pluginDisable;
   if (configEnabled) {
     allPluginConfig_->cleanupRequestIdInc(1);
   } else {
     allPluginConfig_->disableRequestIdInc(1);
   }
-  // Without plugins there is nobody to answer.
+  // Without plugins nothing completes the request.
   maybeFinishPluginCleanup();
   maybeFinishPluginDisable();
   doTellWhatItWaitsFor();
@@ -148,7 +148,7 @@ void P4RtSystemConfigSm::maybeFinishPluginCleanup() {
 }
 
 void P4RtSystemConfigSm::maybeFinishPluginDisable() {
-  if (step_ != Step::pluginDisable) return;  // also an answer after the request was taken back
+  if (step_ != Step::pluginDisable) return;  // a late response, after the request was taken back
   if (!allPluginsHaveCompleted(&PluginStatus::disableRequestId,
                                allPluginConfig_->disableRequestId())) {
     return;  // handlePluginDisableStatus() asks again

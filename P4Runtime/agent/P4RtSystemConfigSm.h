@@ -1,5 +1,5 @@
-// Follows the switch that enables the agent: what is to be cleaned up before it is disabled, in
-// which order, and what happens when it is enabled again meanwhile.
+// Follows the switch that enables the agent: the clean-up before the agent is disabled, step
+// by step, and an enabling meanwhile.
 #pragma once
 
 #include <cstdint>
@@ -15,12 +15,13 @@
 
 namespace P4Runtime {
 
-// Runs on the reactor. A disable has two steps: the table information lets the pipeline go, then
-// every plugin disables itself; the agent's exit is requested after that. Each step is a request
-// with a number, and is complete when the response has that number. Enabled again during the first
-// step, the plugins are asked to clean up instead; during the second, the request is taken back.
-// There is no time-out: a plugin that never responds keeps the agent alive, and the status names
-// that plugin.
+// Runs on the reactor, with the activity lock held. Nothing throws; a status entity of another type
+// than its plugin's is an assertion. Shares all that it is given. A disable has two steps: the
+// table information lets the pipeline go, then every plugin disables itself; the agent's exit is
+// requested after that. Each step is a request with a number, and is complete when the response has
+// that number. Enabled again during the first step, the plugins are asked to clean up instead;
+// during the second, the request is taken back. There is no time-out: a plugin that never responds
+// keeps the agent alive, and the status names that plugin.
 class P4RtSystemConfigSm : public Vela::Entity {
  public:
   // `p4TableInfo` may be null: there is nothing to clean up then.

@@ -44,7 +44,7 @@ int P4RuntimeLocalController::setForwardingPipelineConfigRequest(
   grpc::Status status = push(request, deadline);
   while (status.error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED &&
          std::chrono::system_clock::now() + pause < deadline) {
-    std::this_thread::sleep_for(pause);  // the server is busy with what others sent
+    std::this_thread::sleep_for(pause);  // the server is busy with other requests
     status = push(request, deadline);
   }
   requireOk(status);

@@ -1,4 +1,4 @@
-// Watches how far one plugin has come with what all plugins were asked.
+// Watches how far one plugin has come with the requests to all plugins.
 #pragma once
 
 #include <string>

@@ -12,10 +12,10 @@
 
 namespace P4Runtime {
 
-// Runs on the reactor. An interface has one port at most: of several that name it, the one that has
-// it keeps it, and otherwise the one that named it first has it; the others are refused, and the
-// first of them follows when it goes. Ports that are there when this is made come in the order of
-// their ids. Observers of the status never find two ports on one interface.
+// Runs on the reactor. An interface has one port at most. Of several ports that name it, the port
+// that has it keeps it, else the first to name it gets it. The others are refused; when that port
+// goes, the next one in order follows. Ports from before this object come in the order of their
+// ids. Observers of the status never find two ports on one interface.
 class PortMappingDirSm : public Vela::RefCounted {
  public:
   PortMappingDirSm(Vela::Ptr<const P4RuntimeConfig::PortMappingConfigDir> configDir,
@@ -52,7 +52,7 @@ class PortMappingDirSm : public Vela::RefCounted {
 
 // Whether an interface may have that name, and be a port's.
 Vela::Outcome checkIntfName(const std::string& intf);
-// Why another port cannot have it.
+// The refusal of other ports while `port` has the interface.
 std::string intfHeldBy(const std::string& intf, uint32_t port);
 
 }  // namespace P4Runtime

@@ -26,7 +26,7 @@ Vela::LineBudget::Verdict verdict() {
   return budget->take(std::chrono::steady_clock::now());
 }
 
-// Anybody who sends a message can bring this about.
+// Any sender of a message can cause this.
 void handleMessage(google::protobuf::LogLevel level, const char*, int, const std::string& message) {
   const std::string line = Vela::plainLine(message, longestLine);
   SCRIVEL_TRACE(1, "handleMessage", " level: ", static_cast<int>(level), " ", line);

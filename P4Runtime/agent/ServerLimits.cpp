@@ -30,7 +30,7 @@ constexpr std::array<Range, 8> ranges{{{"maxConnections", 4, any},
                                        {"maxReads", 1, 10000},
                                        {"maxServerMemory", 64, any}}};
 
-// The configuration file may say what `korvel set` would refuse.
+// The configuration file may hold values that `korvel set` would refuse.
 void requireLimits(const P4RtSystemConfig& config) {
   for (const Range& range : ranges) {
     const Vela::Outcome fits =

@@ -10,7 +10,8 @@
 
 namespace P4Runtime {
 
-// Runs on the reactor. Empty until it has the kernel's devices, of which those of kind "vrf" count.
+// Runs on the reactor. Empty until the kernel's devices are known; has the devices of the kind
+// "vrf".
 class VrfIdCollection : public Vela::Entity {
  public:
   using Entity::Entity;

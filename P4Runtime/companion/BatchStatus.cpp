@@ -203,7 +203,7 @@ bool BatchStatus::accept(const Lattice::Report& report) {
   return true;
 }
 
-// Followers that are in step have programmed what they did not report on, deletions above all.
+// Followers that are in step have programmed even changes without a report, such as deletions.
 void BatchStatus::inStepIs(uint64_t sequence) {
   uint64_t completed = 0;
   for (auto next = pending_.begin(); next != pending_.end();) {

@@ -32,7 +32,7 @@ class BatchStatusEntry {
   EntryHandle entryHandle() const { return entryHandle_; }
   uint16_t errorCode() const { return errorCode_; }
   const std::string& errorMessage() const { return errorMessage_; }
-  // Gives an entry without a message one that fits its error code; none for code 0.
+  // Gives an entry without a message the text of its error code; code 0 has no text.
   void setErrorMessage();
 
  private:
@@ -41,10 +41,11 @@ class BatchStatusEntry {
   std::string errorMessage_;
 };
 
-// A report counts once, and only if it matches a pending operation of the current batch: its handle
-// and its sequence number. Each accepted report adds 1 to the
-// notification descriptor. Call with the activity lock held; only the descriptor may be waited on
-// without it.
+// A report counts once, and only if its handle and its sequence number match a pending operation of
+// the current batch. Each accepted report adds 1 to the notification descriptor.
+// Threads: call with the activity lock held; only the descriptor may be waited on without it.
+// Errors: dropped reports are counted; a batch that does not fit the store fails all its updates.
+// Lifetime: shared; the database, if any, outlives it, and so do the objects that the handlers use.
 class BatchStatus : public Vela::Entity {
  public:
   // `database` may be null: the batch then has no shared tables to open and close (tests).
@@ -78,7 +79,7 @@ class BatchStatus : public Vela::Entity {
   // Puts back each update that has a handle still pending, in the reverse order of its writes;
   // reports on it count no more.
   void onBatchRollback();
-  void onBatchConfirmed();  // all of it is programmed: what is left to store can wait
+  void onBatchConfirmed();  // all of it is programmed: its last records may be stored later
   void cleanUpBatchState();
 
   // An offset may have several handles: its update then succeeds only with all of them.
@@ -94,8 +95,8 @@ class BatchStatus : public Vela::Entity {
   // The batch's handles in the order in which they were first written.
   const std::vector<EntryHandle>& entryHandles() const { return handles_; }
 
-  // The handle has a pending operation that the report with this sequence number will complete; an
-  // earlier one of the batch, and a completion of it, is forgotten.
+  // The handle has a pending operation that the report with this sequence number will complete; its
+  // earlier operation in the batch, and the completion of that, are forgotten.
   void pendingOperationIs(EntryHandle handle, uint64_t sequence);
   // The handle's report is no longer awaited: the operation was undone, or settled otherwise.
   void pendingOperationDel(EntryHandle handle) { pending_.erase(handle); }
@@ -103,7 +104,7 @@ class BatchStatus : public Vela::Entity {
   bool pendingOperationHas(EntryHandle handle) const { return pending_.contains(handle); }
   size_t pendingOperationCount() const { return pending_.size(); }
 
-  // Completes the entry's operation. One with no pending operation is complete without the
+  // Completes the entry's operation. An entry without a pending operation is complete without the
   // forwarding plane: the baseline then rises along with the count.
   void completedTransactionStatusIs(BatchStatusEntry entry);
   const absl::flat_hash_map<EntryHandle, BatchStatusEntry>& completedTransactionStatus() const {
@@ -116,7 +117,7 @@ class BatchStatus : public Vela::Entity {
   // A group of reports from the forwarding agents, and their word that they are in step.
   void reportsAre(std::span<const Lattice::Report> reports);
   void inStepIs(uint64_t sequence);
-  // Puts an entry back that onBatchRollback() gives up on.
+  // Called by onBatchRollback() for each entry to put back.
   void rollbackHandlerIs(std::function<void(EntryHandle)> handler) {
     rollBack_ = std::move(handler);
   }
@@ -142,12 +143,12 @@ class BatchStatus : public Vela::Entity {
   absl::flat_hash_map<EntryHandle, uint64_t> pending_;  // to sequence; completed ones leave
   absl::flat_hash_map<EntryHandle, BatchStatusEntry> completed_;
   uint64_t baseline_ = 0;
-  std::mutex notifyMutex_;  // taken last, also without the activity lock
+  std::mutex notifyMutex_;  // guards writes to notifyFd(), and batch_; taken last
   uint64_t batch_ = 0;      // changed under both locks: counts of a former batch are dropped
-  std::mutex agentsMutex_;  // taken last
+  std::mutex agentsMutex_;  // guards the three members below; taken last
   std::condition_variable agentsChange_;
-  size_t forwardingAgents_ = 0;                     // under agentsMutex_
-  std::chrono::steady_clock::time_point graceEnd_;  // likewise
+  size_t forwardingAgents_ = 0;
+  std::chrono::steady_clock::time_point graceEnd_;
   std::function<void(EntryHandle)> rollBack_;
   std::function<void(const Lattice::Report&)> strayReport_;
 };

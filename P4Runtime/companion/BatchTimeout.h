@@ -9,8 +9,8 @@
 
 namespace P4Runtime {
 
-// Seconds, of which whole ones count. Outsiders can only set what leaves forwarding agents time and
-// controllers an answer; the code may take any.
+// Whole seconds count. Operators can only set values that leave forwarding agents time and
+// controllers a response; the code may use any value.
 struct BatchTimeout {
   static constexpr double shortest = 1;
   static constexpr double longest = 3600;

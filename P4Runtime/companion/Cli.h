@@ -28,7 +28,7 @@ class CliAnswer final : public Vela::Entity {
 
   VELA_READONLY_ATTRIBUTE(std::string, command, "")
   VELA_READONLY_ATTRIBUTE(bool, ok, false)
-  VELA_READONLY_ATTRIBUTE(std::string, text, "")  // the answer, or why not and what to do
+  VELA_READONLY_ATTRIBUTE(std::string, text, "")  // the answer, or why not, with a way out
 };
 
 class CliConfigDir final : public Orrery::Directory {

@@ -1,5 +1,5 @@
-// The error codes of the write path: what a forwarding agent reports and what an update's failure
-// carries, and the gRPC canonical code that each becomes.
+// The error codes of the write path, in reports of forwarding agents and in failures of updates,
+// and the gRPC canonical code of each.
 #pragma once
 
 #include <cstdint>

@@ -14,7 +14,7 @@ namespace P4Runtime {
 // At "openflow/kestrelhwstatusdir". Call with the activity lock held.
 class HwStatusDir : public Orrery::Directory {
  public:
-  // `stateDirectory` is where the forwarding agents write their counters; empty: there are none.
+  // `stateDirectory` is where the forwarding agents write their counters; empty: no counters.
   explicit HwStatusDir(std::string name, const std::string& stateDirectory = {});
   const char* typeName() const override { return "P4Runtime::HwStatusDir"; }
 

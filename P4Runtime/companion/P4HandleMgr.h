@@ -1,5 +1,5 @@
 // Allocates entry, member and group handles and keeps, both ways, the mapping between an entry
-// handle and what it stands for. Call with the activity lock held.
+// handle and its entry, member or group.
 #pragma once
 
 #include <cstddef>
@@ -19,6 +19,9 @@ namespace P4Runtime {
 // are reserved by blocks, and new ones start above every block of an earlier process. The entry
 // handle of a member or group follows from its member or group handle, so that it is the same after
 // a restart.
+// Threads: call with the activity lock held. Errors: std::length_error when no handle is left, and
+// exceptions of the reservation handler; nothing is given out then. Lifetime: shared; the objects
+// that the reservation handler uses outlive it.
 class P4HandleMgr : public Vela::RefCounted {
  public:
   P4HandleMgr();
@@ -41,8 +44,8 @@ class P4HandleMgr : public Vela::RefCounted {
   void freeTableEntryHandle(EntryHandle handle);  // nothing when it is free already
   // The next handle will be above this one.
   void reserveUpTo(EntryHandle handle);
-  // Told, before a handle is given out, up to which ones they may be from now on; to be stored with
-  // the entry. When it throws, none is given out.
+  // Called before a handle is given out, with the highest handle that may be given out from now on;
+  // the handler stores it with the entry. When the handler throws, no handle is given out.
   void reservationHandlerIs(std::function<void(EntryHandle upTo)> handler);
   // The stored reservation may be lost: the handler gets it again.
   void reservationDel();
@@ -54,13 +57,13 @@ class P4HandleMgr : public Vela::RefCounted {
   bool groupHandleToEntryHandleHas(GroupHandle handle) const;
   EntryHandle memberHandleToEntryHandle(MemberHandle handle) const;  // 0 when it is free
   EntryHandle groupHandleToEntryHandle(GroupHandle handle) const;
-  // Take a handle of an earlier process, or of this one, whose server may have moved. False when it
-  // is none, or another profile's.
+  // Take a handle of an earlier process, or of this one, whose server may have moved. False for an
+  // impossible handle or one of another profile.
   bool restoreMemberHandle(uint32_t actProfId, MemberHandle handle);
   bool restoreGroupHandle(uint32_t actProfId, GroupHandle handle);
   void freeMemberHandle(MemberHandle handle);  // nothing when it is free already
   void freeGroupHandle(GroupHandle handle);
-  // The member or group handle that an entry handle stands for; the handle of a table entry itself.
+  // The member or group handle behind an entry handle; a table entry has its own handle.
   static uint64_t cachedHandle(EntryHandle handle);
 
   void freeEntryHandle(EntryHandle handle);  // of an entry, member or group

@@ -1,5 +1,6 @@
 // The entities by which the switch operating system configures the agent, and in which the agent
-// publishes its state. All are used with the activity lock held.
+// publishes its state. Call with the activity lock held. The agent and the state database share
+// them. Setters take any value; `korvel set` and the agent's start refuse bad ones.
 #pragma once
 
 #include <cstdint>

@@ -9,7 +9,7 @@
 
 namespace P4Runtime {
 
-// At "p4runtime/config/plugin/all": what is asked of every plugin. A request is complete when a
+// At "p4runtime/config/plugin/all": the requests to every plugin. A request is complete when a
 // plugin's status has its number.
 class AllPluginConfig final : public Vela::Entity {
  public:
@@ -30,7 +30,7 @@ class PluginConfig final : public Vela::Entity {
   using Entity::Entity;
   const char* typeName() const override { return "P4Runtime::PluginConfig"; }
 
-  // The plugin's own: what stands here is its business, "NAME=VALUE NAME=VALUE" by custom.
+  // The plugin alone reads this text; by custom it is "NAME=VALUE NAME=VALUE".
   VELA_ATTRIBUTE(std::string, settings, "")
 };
 

@@ -19,8 +19,8 @@ class PortMappingConfig final : public Vela::Entity {
   VELA_ATTRIBUTE(std::string, intf, "")  // the interface's id; "": not mapped
 };
 
-// A P4 port id in decimal, without leading zeros: 1 to 4294967295. 0 is none: it stands for "no
-// port" where controllers name one.
+// A P4 port id in decimal, without leading zeros: 1 to 4294967295. 0 is not a port id: controllers
+// write it for "no port".
 std::optional<uint32_t> portFromText(const std::string& text);
 
 // At "p4runtime/config/port-mapping".
@@ -40,7 +40,7 @@ class PortMappingStatus final : public Vela::Entity {
   // Both ways of one mapping: an interface has one port at most.
   VELA_COLLECTION(uint32_t, std::string, intfOfPort)
   VELA_COLLECTION(std::string, uint32_t, portOfIntf)
-  // Port id in decimal (or what stands for one) -> why its configuration is refused.
+  // Port id, as the configuration spells it -> why its mapping is refused.
   VELA_COLLECTION(std::string, std::string, refused)
 };
 

@@ -1,4 +1,4 @@
-// The CPU's own network device, "p4controller": what the forwarding plane punts comes in there.
+// The CPU's own network device, "p4controller": punted packets come in there.
 #pragma once
 
 #include <string>

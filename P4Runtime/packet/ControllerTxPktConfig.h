@@ -17,7 +17,7 @@ class ControllerTxPktConfig final : public Vela::Entity {
  public:
   // Descriptors that wait for their turn or for their device, of all ports together.
   static constexpr size_t capacity = 4096;
-  // Of these, what one lane whose device takes no more may keep from the others.
+  // The most of them that one lane may hold while its device takes no more.
   static constexpr size_t laneShare = 1024;
 
   using Entity::Entity;
@@ -39,7 +39,7 @@ class ControllerTxPktConfig final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint64_t, refusedFull, 0)
   // Packets lost for want of memory; counted by the producer.
   VELA_READONLY_ATTRIBUTE(uint64_t, refusedMemory, 0)
-  // Packets whose header is not what the pipeline declares, or that it declares none for.
+  // Packets without the header that the pipeline declares, or for which it declares none.
   VELA_READONLY_ATTRIBUTE(uint64_t, refusedHeader, 0)
 };
 

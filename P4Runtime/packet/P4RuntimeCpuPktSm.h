@@ -42,11 +42,13 @@ struct CpuPktCounts {
   uint64_t refused = 0;          // no memory for them, or too long
 };
 
-// A packet whose descriptor says that it goes through ingress processing leaves by the CPU device,
-// whatever its egress port: at the other end of that device is the forwarding plane's CPU port. It
-// goes as the controller gave it, without its metadata. Without a CPU device it is dropped.
+// A packet for ingress processing leaves by the CPU device and ignores its egress port: at the
+// other end of that device is the forwarding plane's CPU port. It leaves as the controller gave it,
+// without its metadata. Without a CPU device it is dropped.
 //
-// Runs on the reactor; call with the activity lock held.
+// Threads: the reactor, with the activity lock held. Errors: nothing throws; dropped packets are
+// counted by reason; a PI status other than success or "no receiver" is an assertion. Lifetime:
+// shares its inputs; the loop outlives it.
 class CpuPktSm final : public Vela::Entity, private TxWays {
  public:
   using Ptr = Wirra::Packet::Ptr;

@@ -57,7 +57,7 @@ void PacketStatus::updateServer(const PIGrpcServerPacketCounts_t& counts) {
   outFromControllersIs(counts.out);
   outRefusedNotPrimaryIs(counts.out_not_primary);
   outRefusedMetadataIs(counts.out_bad_metadata);
-  // The server counts what the queue refused, too, but a moment later.
+  // The server also counts the packets that the queue refused, a moment later.
   const uint64_t byQueue = outRefusedQueueFull() + outRefusedMemory() + outRefusedHeader();
   if (counts.out_refused > byQueue + outRefusedNoPipeline()) {
     outRefusedNoPipelineIs(counts.out_refused - byQueue);

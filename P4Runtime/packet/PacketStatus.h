@@ -13,9 +13,11 @@
 
 namespace P4Runtime {
 
-// At "p4runtime/status/packets"; packets since the agent began, brought up to date twice a second.
-// A packet that came in has gone to controllers or is counted in one inDropped, apart from those
-// missed, which never came in; one from a controller is waiting, out, or in one outDropped.
+// At "p4runtime/status/packets"; packets since the agent began, brought up to date twice a second,
+// on the reactor. Call with the activity lock held. Nothing throws. The agent and the state
+// database share it. A packet that came in has gone to controllers or is counted in one inDropped,
+// apart from those missed, which never came in; one from a controller is waiting, out, or in one
+// outDropped.
 class PacketStatus final : public Vela::Entity {
  public:
   using Entity::Entity;

@@ -1,4 +1,5 @@
-// Sends what controllers queued: in batches, in order, and never a whole queue in one turn.
+// Sends the packets that controllers queued: in batches, in order, and never a whole queue in one
+// turn.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +25,7 @@ class TxWays {
   virtual ~TxWays() = default;
   struct Way {
     std::string intf;
-    std::optional<TxDrop> drop;  // why there is none
+    std::optional<TxDrop> drop;  // set when there is no way: the reason
   };
   // The way of a descriptor as things are now.
   virtual Way processTxPktDesc(const ControllerTxPktDesc& desc) = 0;
@@ -34,7 +35,7 @@ class TxWays {
   virtual std::string trouble(const std::string& intf) const = 0;
 };
 
-// Packets of one port keep their order, whatever happens to their device or its mapping; packets
+// Packets of one port keep their order, even when their device or its mapping changes; packets
 // for ingress processing count as a port of their own. While a device takes no more, only its
 // ports' packets wait. Call on the reactor with the activity lock held.
 class PacketTransmitter final {

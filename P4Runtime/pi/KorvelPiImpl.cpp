@@ -1,5 +1,5 @@
 // The device, session and batch entry points of the PI target interface. They take the activity
-// lock, and hand what they work on to the units that do the work.
+// lock, and hand the process's objects to the units that do the work.
 #include "P4Runtime/pi/KorvelPiImpl.h"
 
 #include <fmt/format.h>
@@ -43,7 +43,7 @@ void loseTrack(const char* why) {
       fmt::format("the outcome of a Write could not be settled: {}", why)));
 }
 
-// After an unknown failure neither success nor undoing is certain: the answer says so.
+// After an unknown failure neither success nor undoing is certain: the status says so.
 void breakInvariant(StatusVector& statusVector, const char* why) {
   for (auto& [offset, error] : statusVector) {
     if (!isPending(error)) continue;

@@ -1,4 +1,4 @@
-// The batch status protocol: what of a write batch is known before and after it is settled. The
+// The batch status protocol: the status of a write batch before and after it is settled. The
 // functions work on the process's batch status and tables; call them with the activity lock held.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace P4Runtime {
 
-// Remembers, until `_pi_update_pending_status`, what went wrong at the offset while the batch ran.
+// Remembers the error at the offset of the running batch until `_pi_update_pending_status`.
 void setPendingStatusForOffset(unsigned int offset, unsigned int errorCode, std::string message);
 
 // As BatchSettling::markNotPending().

@@ -47,14 +47,14 @@ class P4RuntimeParsingException : public Vela::Exception {
         jsonError(std::move(jsonError)),
         hint(std::move(hint)) {}
 
-  // Publishes the texts in the parsing status and says on standard error what is wrong. Defined
+  // Publishes the texts in the parsing status and writes them to standard error. Defined
   // with ParsingStatus.
   static void handleException(const P4RuntimeParsingException& e);
 
   const std::string latticeError;  // of the table library
   const std::string error;
   const std::string jsonError;  // where the JSON text stopped making sense
-  const std::string hint;       // what to do about it; may be empty
+  const std::string hint;       // the way out; may be empty
 };
 
 // The hardware's state can no longer be trusted; writes are refused from here on.

@@ -1,5 +1,5 @@
 // The process-wide context through which the PI entry points reach the agent's objects. Entry
-// points take what they need from it and hand references on; code inside does not reach for it.
+// points take objects from it and hand references on; code inside does not reach for it.
 #pragma once
 
 #include "P4Runtime/companion/BatchStatus.h"

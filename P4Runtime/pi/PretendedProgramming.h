@@ -5,7 +5,7 @@
 
 namespace P4Runtime {
 
-// Completes the entries of the batch as its settings say; nothing unless they say so. Call with the
+// Completes the entries of the batch as its settings say; by default does nothing. Call with the
 // activity lock held. Asserts that no offset both fails and times out.
 void maybePretendHwProgramming(BatchStatus& batchStatus);
 

@@ -1,4 +1,4 @@
-// The status vector of a write batch: what the PI library gets back of each update that is not
+// The status vector of a write batch: the status, for the PI library, of each update that is not
 // known to be programmed.
 #pragma once
 

@@ -43,7 +43,8 @@ class SlotMap {
 // How the fields of a table's match key, or of an action's data, are encoded. Slots are numbered
 // from 0 in P4Info order. A match field takes one slot of its width; a ternary one takes two, value
 // and mask; a prefix two, address and 32-bit length; a range one. An action parameter takes one; an
-// action without parameters has a single slot of width 0.
+// action without parameters has a single slot of width 0. A plain value: one thread at a time;
+// nothing throws, and absent slots read as a default.
 class FieldBitwidths {
  public:
   FieldBitwidths() = default;

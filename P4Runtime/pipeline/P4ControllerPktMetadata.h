@@ -61,7 +61,7 @@ class P4ControllerPktMetadata final : public Vela::Entity {
   // Made when it is not there; an id that is there stays.
   P4ControllerPktMetadataEntry::Ptr metadataEntryIs(const std::string& name, uint32_t id);
   const P4ControllerPktMetadataEntry::Ptr& metadataEntry(const std::string& name) const {
-    return metadataEntry_.value(name);  // null when there is none
+    return metadataEntry_.value(name);  // null if absent
   }
   void metadataEntryDel(const std::string& name) { metadataEntry_.valueDel(name); }
   void metadataEntryDelAll() { metadataEntry_.valueDelAll(); }

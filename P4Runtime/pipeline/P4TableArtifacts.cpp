@@ -1,5 +1,5 @@
-// From the device configuration to what the write path needs: types are compiled, interfaces become
-// ready, row constructors are built, queries are checked; then the model is ready.
+// From the device configuration to the artifacts of the write path: types are compiled, interfaces
+// become ready, row constructors are built, queries are checked; then the model is ready.
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <strings.h>

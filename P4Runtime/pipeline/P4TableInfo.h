@@ -1,6 +1,5 @@
 // The agent's model of the installed pipeline: for every table how its match key and actions are
-// encoded, what it may hold, and the artifacts through which its rows are written. Used with the
-// activity lock held.
+// encoded, how many rows it may hold, and the artifacts through which its rows are written.
 #pragma once
 
 #include <cstdint>
@@ -25,6 +24,10 @@ P4TableInfoState tableInfoStateFromText(std::string_view text);
 // Prefix fields that one row may have, key and action data together.
 inline constexpr uint32_t MaxPrefixes = 8;
 
+// Threads: call with the activity lock held.
+// Errors: nothing throws; absent resources read as a default. A pipeline that its check should have
+// refused is an assertion.
+// Lifetime: shared; the model inside changes with the pipeline, so keep no references across turns.
 class P4TableInfo : public Vela::Entity {
  public:
   // Name of the entity, and the path of its parent in the agent's tree.
@@ -62,19 +65,19 @@ class P4TableInfo : public Vela::Entity {
   void onNewRowStarted();
   // Appends a pointer a field for the first `numFields` slots of `tableId`, whose PI encoding is in
   // `data` (changed in place where fields go to host order). A prefix is one pointer for its two
-  // slots; a slot of width 0 takes one byte. Asserts what the check of the pipeline refused before.
+  // slots; a slot of width 0 takes one byte.
   void extractFields(ResourceId tableId, uint32_t numFields, uint8_t* data, uint32_t& count,
                      const uint8_t** fields) const;
   // Appends a pointer to zeroes for each slot of the table.
   void stuffFields(ResourceId tableId, uint32_t& count, const uint8_t** fields) const;
 
-  // The request that the model was made of, as it is pushed to the server; empty before.
+  // The request behind the model, as it is pushed to the server; empty before the first.
   const std::string& pipelineRequest() const { return pipelineRequest_; }
   void pipelineRequestIs(std::string bytes) { pipelineRequest_ = std::move(bytes); }
 
   // Everything but the state and the clean-up counters.
   void modelDel();
-  // The object's name, or what kind it is and its id when it has none.
+  // The object's name; without one, its kind and id.
   std::string nameOf(ResourceId rid) const;
   std::string kindAndName(ResourceId rid) const;  // "table ingress.acl", for messages
   // The type of the table of that name; null when the pipeline has none.

@@ -1,5 +1,5 @@
-// Turns the pipeline configuration file into the model of the pipeline and brings up what the
-// write path needs: table types, interfaces, row constructors and queries.
+// Turns the pipeline configuration file into the model of the pipeline and brings up the parts of
+// the write path: table types, interfaces, row constructors and queries.
 #pragma once
 
 #include <map>
@@ -23,7 +23,7 @@
 
 namespace P4Runtime {
 
-// The services it drives; all outlive it.
+// The services that the state machine drives; all outlive it.
 struct PipelineServices {
   Vela::Ptr<Pollen::TypeConfigDir> typeConfigDir;
   Vela::Ptr<Pollen::TypeStatusDir> typeStatusDir;
@@ -38,9 +38,10 @@ struct PipelineFiles {
   std::string deviceJsonPath;
 };
 
-// Runs on the reactor. Progress comes from the services' notices and the interfaces' ready
-// callbacks. Every failure is a P4RuntimeParsingException that ends with its handler: the model
-// then stays as far as it came, and is not ready.
+// Progress comes from the services' notices and the interfaces' ready callbacks.
+// Threads: the reactor, with the activity lock held. Lifetime: shares all that it is given.
+// Errors: every failure is a P4RuntimeParsingException that ends with its handler. The model then
+// stays incomplete and is not ready.
 class P4TableInfoSm : public Vela::Entity {
  public:
   P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,

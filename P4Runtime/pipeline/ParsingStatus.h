@@ -7,7 +7,8 @@
 
 namespace P4Runtime {
 
-// At "p4runtime/status/pipeline". Used with the activity lock held.
+// At "p4runtime/status/pipeline". Call with the activity lock held. Nothing throws. Lives as long
+// as the process.
 class ParsingStatus : public Vela::Entity {
  public:
   using Entity::Entity;
@@ -22,11 +23,11 @@ class ParsingStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint32_t, failures, 0)  // since the agent started
   // Tables and actions of the running pipeline that cannot be programmed, and why; one a line.
   VELA_READONLY_ATTRIBUTE(std::string, refused, "")
-  // The file that the pipeline is made of, which need not be the one configured; "": none yet.
+  // The file of the running pipeline; the configuration may name another. "": none yet.
   VELA_READONLY_ATTRIBUTE(std::string, pipelineFile, "")
 
  public:
-  // False when it is the one that stands already, which a notice more has found again.
+  // False if this failure is already recorded.
   bool failureIs(const std::string& latticeError, const std::string& error,
                  const std::string& jsonError, const std::string& hint = {});
   void failureCleared();

@@ -188,7 +188,8 @@ void Plugin::doAnswerRequests() {
   status_->disableRequestIdIs(context_.allPluginConfig->disableRequestId());
 }
 
-// An answer to an earlier request is stored as such; one to none is the plugin's mistake.
+// A response to an earlier request is stored as such; a response without a request is a mistake of
+// the plugin.
 int Plugin::cleanupDone(uint32_t id) {
   const bool wasAsked = id <= context_.allPluginConfig->cleanupRequestId();
   if (!wasAsked || id <= status_->cleanupRequestId()) return KORVEL_BAD_ARGUMENT;

@@ -1,4 +1,4 @@
-// One plugin of the agent's: started while the agent is enabled, asked what all plugins are asked,
+// One plugin of the agent's: started while the agent is enabled, given the requests to all plugins,
 // stopped by name when it fails.
 #pragma once
 
@@ -22,7 +22,7 @@ class Plugin final : public Vela::Entity {
  public:
   // Starts it if the agent is enabled.
   Plugin(const std::string& name, PluginLibrary library, const PluginContext& context);
-  // Of a library that cannot be used: it is there for its status.
+  // Of a library that cannot be used: the object exists for its status.
   Plugin(const std::string& name, const std::string& path, const std::string& whyNot,
          const PluginContext& context);
   ~Plugin() override;
@@ -52,7 +52,7 @@ class Plugin final : public Vela::Entity {
   bool runGuarded(const char* what, const std::function<void()>& code);
   void stateIs(const std::string& state);
   void doAnswerRequests();
-  int cleanupDone(uint32_t id);  // both answer as the host's functions do
+  int cleanupDone(uint32_t id);  // both return as the host's functions do
   int disableDone(uint32_t id);
   std::string settings() const;
 

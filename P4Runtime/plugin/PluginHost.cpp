@@ -171,7 +171,7 @@ long PluginHost::readAttribute(const char* path, const char* attribute, char* bu
   return static_cast<long>(text.size());
 }
 
-// Visitors may do what they like, so they are shown a copy.
+// Visitors get a copy: they may change anything meanwhile.
 int PluginHost::readCollection(const char* path, const char* attribute, korvel_entry_visitor visit,
                                void* cookie) {
   if (!path || !attribute || !visit) return KORVEL_BAD_ARGUMENT;

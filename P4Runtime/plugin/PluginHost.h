@@ -19,9 +19,9 @@ namespace P4Runtime {
 // freed, since a plugin may keep its pointer for good.
 class PluginHost {
  public:
-  // Callbacks to the owner.
+  // Callbacks into the owner, on the reactor.
   struct Owner {
-    // Runs code of the plugin's; an exception that leaves it stops the plugin.
+    // Runs the plugin's code; an exception that leaves it stops the plugin.
     std::function<void(const char* what, const std::function<void()>& code)> runGuarded;
     std::function<int(uint32_t id)> cleanupDone;
     std::function<int(uint32_t id)> disableDone;
@@ -78,7 +78,7 @@ class PluginHost {
   std::function<void()> expired_;
   uint64_t refusedCalls_ = 0;
 
-  // The mutex.
+  // Any thread, under mutex_.
   mutable std::mutex mutex_;
   bool open_ = false;
   uint64_t opened_ = 0;  // how often; work posted before the last open() is dropped

@@ -9,7 +9,7 @@
 
 namespace P4Runtime {
 
-// Why a file cannot be used as a plugin, and what to do; does not repeat the file's name.
+// Why a file cannot be used as a plugin, and the way out; does not repeat the file's name.
 class PluginError : public Vela::Exception {
  public:
   using Exception::Exception;

@@ -1,4 +1,4 @@
-// The default plugin loader: every NAME.so of a folder becomes a plugin, or is said to be none.
+// The default plugin loader: every NAME.so of a folder becomes a plugin, or gets a refusal.
 #pragma once
 
 #include <string>

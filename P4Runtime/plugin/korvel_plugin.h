@@ -105,13 +105,13 @@ typedef struct korvel_plugin {
    * them and goes on with the former ones; it should log() why. */
   int (*settings_changed)(void* instance, const char* settings);
 
-  /* Optional. The agent was disabled and enabled again: give up what was made of the former
-   * pipeline, stay at work, and answer with cleanup_done(id), now or later. */
+  /* Optional. The agent was disabled and enabled again: give up the objects made of the former
+   * pipeline, stay at work, and call cleanup_done(id), now or later. */
   void (*cleanup_requested)(void* instance, uint32_t id);
 
-  /* Optional. The agent is being disabled, and ends once every plugin has answered: give up what
-   * should not outlive it and answer with disable_done(id), now or later. There is no time-out: a
-   * plugin that does not answer keeps the agent. */
+  /* Optional. The agent is being disabled, and ends once every plugin has called disable_done():
+   * give up all that should not outlive the agent and call disable_done(id), now or later. There is
+   * no time-out: a plugin that does not call it keeps the agent. */
   void (*disable_requested)(void* instance, uint32_t id);
 
   /* Optional. The plugin is stopped: because the agent was enabled again after it was asked to

@@ -1,6 +1,6 @@
 // The table-programming engine: turns PI table entries into rows that the forwarding agents read,
-// remembers what it wrote, and puts back what failed. This is its face; the work is done in the
-// folders beside it.
+// remembers the rows written, and puts failed ones back. This is its face; the folders beside it do
+// the work.
 #pragma once
 
 #include <cstdint>
@@ -35,8 +35,10 @@ struct TableImplPeers {
   Vela::Ptr<const HwStatusDir> hwStatusDir;  // may be null: there are no counters
 };
 
-// Call with the activity lock held, on a PI server thread or the reactor. Refusals are
-// P4RuntimeExceptions, thrown before anything has changed.
+// Threads: call with the activity lock held, on a PI server thread or the reactor.
+// Errors: refusals are P4RuntimeExceptions, thrown before anything has changed. A full store is a
+// P4RuntimeException with the entry's handle, whose handler puts the entry back.
+// Lifetime: shared; owns its caches, and shares the model, the handles and the peers.
 class TableImpl : public BatchEntries {
  public:
   // `database` may be null until the caches are mounted by initializedIs(true) (tests without

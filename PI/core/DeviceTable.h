@@ -27,7 +27,7 @@ class DeviceTable {
   std::vector<pi_dev_id_t> ids() const;
 
  private:
-  mutable std::mutex mutex_;
+  mutable std::mutex mutex_;  // guards the members below
   bool limited_ = false;
   size_t maxDevices_ = 0;
   std::map<pi_dev_id_t, const pi_p4info_t*> devices_;

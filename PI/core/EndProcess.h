@@ -10,7 +10,7 @@
 namespace pi::core {
 
 // Runs `body`. An exception that leaves it, such as bad_alloc, ends the process with one line on
-// standard error and status 1: whoever supervises it starts it again, from what is stored.
+// standard error and status 1: its supervisor starts it again, from the stored state.
 template <typename Body>
 void runOrEndProcess(Body body) noexcept {
   try {

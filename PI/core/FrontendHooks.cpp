@@ -16,7 +16,7 @@ struct Frontend {
 
 // Held shared while a hook runs, so that none runs any more once its hooks are cleared.
 struct Frontends {
-  std::shared_mutex mutex;
+  std::shared_mutex mutex;  // guards ofDevice
   std::map<pi_dev_id_t, Frontend> ofDevice;
 };
 

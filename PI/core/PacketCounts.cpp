@@ -11,7 +11,7 @@ namespace {
 constexpr size_t kMaxDevices = 1024;
 
 struct AllCounts {
-  std::shared_mutex mutex;
+  std::shared_mutex mutex;  // guards which counts there are
   std::map<uint64_t, PacketCounts> ofDevice;
   PacketCounts ofOthers;
 };

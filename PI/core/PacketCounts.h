@@ -30,7 +30,7 @@ struct PacketCounts {
   std::string lastMalformed() const;   // empty when none was
 
  private:
-  mutable std::mutex mutex_;
+  mutable std::mutex mutex_;  // guards lastMalformed_
   std::string lastMalformed_;
 };
 

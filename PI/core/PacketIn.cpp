@@ -15,7 +15,7 @@ struct Callback {
 
 // Held shared while a callback runs, so that none runs any more once its deregistration returned.
 struct Callbacks {
-  std::shared_mutex mutex;
+  std::shared_mutex mutex;  // guards the callbacks
   std::map<pi_dev_id_t, Callback> ofDevice;
   Callback ofOthers;
 };

@@ -18,14 +18,21 @@
 
 namespace pi::fe::proto {
 
+// Threads: any thread may call, several at once. Writes and changes of the pipeline run one after
+// another; Reads, packets and the target's reports wait for none of them. It holds no lock of its
+// own in calls of a sink or of the stream's callback.
+// Errors: statuses with the canonical codes of P4Runtime; nothing is thrown. Until a restore is
+// done controllers' calls wait for `patience`, then get UNAVAILABLE.
+// Lifetime: the target's hooks point here from construction to destruction; destroy it when no call
+// is running.
 class DeviceMgrImp {
  public:
   using Status = google::rpc::Status;
   using Action = p4::v1::SetForwardingPipelineConfigRequest::Action;
   using Config = p4::v1::ForwardingPipelineConfig;
-  using Cookie = std::optional<Config::Cookie>;  // one that holds 0 is one
+  using Cookie = std::optional<Config::Cookie>;  // nothing: not given; a cookie may be 0
 
-  // How long controllers' calls wait for the end of a restore before they hear UNAVAILABLE.
+  // `patience`: how long controllers' calls wait for the end of a restore.
   explicit DeviceMgrImp(pi_dev_id_t deviceId,
                         std::chrono::milliseconds patience = std::chrono::seconds(5));
   ~DeviceMgrImp();
@@ -43,8 +50,8 @@ class DeviceMgrImp {
   Status streamMessage(const p4::v1::StreamMessageRequest& request) const;
   void streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie);
 
-  // A packet that the target punts, with its header; the target may hold its lock. A packet
-  // that nobody takes is dropped and counted.
+  // A packet that the target punts, with its header; the target may hold its lock. A packet without
+  // a receiver is dropped and counted.
   void packetIn(std::string_view received) const;
 
   // The target's reports; it may hold its lock.
@@ -81,11 +88,12 @@ class DeviceMgrImp {
   mutable ReadTurns readTurns_;
   pi_session_handle_t sessionHandle_ = 0;
 
-  // One Write or change of pipeline at a time. Held while the target is called, which takes the
-  // target's lock: nothing that the target calls may take it.
+  // Guards no member: lets one Write or change of pipeline run at a time. Held in calls of the
+  // target, which takes its own lock: no function that the target calls may take this one.
   std::mutex writeMutex_;
 
-  // A leaf: taken by the target's reports, never held while the target is called.
+  // Guards the members below. A leaf: taken by the target's reports, never held in calls of the
+  // target.
   mutable std::mutex mutex_;
   mutable std::condition_variable restored_;
   std::shared_ptr<Pipeline> pipeline_;  // null: none yet

@@ -13,8 +13,12 @@
 
 namespace pi::fe::proto {
 
-// Shared by the device and the calls that began while it was the device's pipeline. Constant after
-// construction, except store(), use() and hasSentPackets().
+// Threads: constant after construction, except store(), which is thread-safe, hasSentPackets(), and
+// use(), which belongs to the Write in progress. The restore functions run before controllers get
+// in.
+// Errors: only the constructor throws; a restore function that returns another status than success
+// has taken nothing over.
+// Lifetime: shared by the device and the calls that began while it was the device's pipeline.
 class Pipeline {
  public:
   // Throws a Refusal (INVALID_ARGUMENT) when the configuration cannot be realised.
@@ -50,8 +54,8 @@ class Pipeline {
   // `given` is null for an entry that was restored.
   pi_status_t constantEntryIs(uint32_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t* given, uint64_t handle);
-  // Ends the restore, after the last of those. The target programs constant and initial entries by
-  // itself. Takes the target's lock. False when it could not list those of some table.
+  // Ends the restore, after the last object. The target programs constant and initial entries by
+  // itself. Takes the target's lock. False when it could not list the entries of some table.
   bool doFinishRestore(const TargetSession& session);
 
  private:

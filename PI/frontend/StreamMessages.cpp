@@ -92,8 +92,8 @@ DeviceMgrImp::Status DeviceMgrImp::streamMessage(
 }
 
 // Takes neither the write mutex nor the store's: packets go out while a Write waits. They also do
-// while Writes are refused in the critical state, since an operator who is to bring the switch back
-// needs the controller's protocols to run.
+// while Writes are refused in the critical state, since an operator who wants to bring the switch
+// back needs the controller's protocols to run.
 void DeviceMgrImp::doSend(const p4::v1::PacketOut& packet) const {
   requirePacketPermission();
   const std::shared_ptr<Pipeline> current = pipeline();

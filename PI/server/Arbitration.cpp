@@ -173,7 +173,7 @@ Status Arbitration::roomForClient(const Contest* contest, const RoleOfDevice& ro
                     " controllers' streams, which is the limit; close one first");
 }
 
-// Of those in which nobody is, the one that was left first; of the default ones only those of
+// The contest without clients that lost its last client first; of default roles only contests of
 // devices that never took a Write.
 Arbitration::Contests::iterator Arbitration::leastRecent(bool ofDefaultRoles) {
   auto found = contests_.end();

@@ -41,7 +41,8 @@ class ArbitrationClient {
   // Called with the arbitration's lock held, in the order of events: must neither block nor call
   // the arbitration.
   virtual void arbitrationNoticeIs(const ArbitrationNotice& notice) = 0;
-  // Another client took its place: it is no client any more, and its stream is to end. As above.
+  // Another client took its place: it is no client any more, and its stream must end. Called like
+  // arbitrationNoticeIs().
   virtual void displaced(const std::string& reason) = 0;
 };
 
@@ -53,7 +54,10 @@ struct ElectionIdKeeper {
   std::function<void(const RoleOfDevice&)> forget;
 };
 
-// Thread-safe. Only clientIs() waits, for the keeper; other calls wait for look-ups at most.
+// Threads: thread-safe. Only clientIs() and forgetHighest() wait, for the keeper; other calls wait
+// for look-ups at most.
+// Errors: refusals are statuses; nothing is thrown.
+// Lifetime: clients are borrowed until clientDel(), permits must go before the arbitration does.
 class Arbitration {
   struct Contest;
 
@@ -93,19 +97,20 @@ class Arbitration {
 
   // Clients and roles beyond new limits stay.
   void limitsAre(const Limits& limits);
-  // To be called before the first client comes: a role's highest id, as an earlier process kept it.
+  // Call before the first client comes. `highest`: a role's highest id, as an earlier process kept
+  // it.
   void keeperIs(ElectionIdKeeper keeper) { keeper_ = std::move(keeper); }
   void highestIs(const RoleOfDevice& role, ElectionId highest);
-  // Forgets the highest ids of roles without a primary, so that any id makes one again; returns of
-  // how many. Waits like clientIs().
+  // Forgets the highest ids of roles without a primary, so that any id can become primary there.
+  // Returns the number of these roles. Waits like clientIs().
   size_t forgetHighest();
 
   // A stream's arbitration update: its first one makes it a client of the role, borrowed until
   // clientDel(). A status other than OK ends the stream: INVALID_ARGUMENT when another client holds
   // the election id or the role's name is too long, RESOURCE_EXHAUSTED beyond a limit,
-  // FAILED_PRECONDITION when device or role are not those of its first update; the caller then
-  // calls clientDel(). Beyond the limits of clients the lowest backup gives way: that of the role
-  // to a higher election id, one of the fullest role to a new primary.
+  // FAILED_PRECONDITION when device or role differ from its first update; the caller then calls
+  // clientDel(). Beyond the limits of clients the lowest backup gives way: the role's own
+  // backup to a higher election id, a backup of the fullest role to a new primary.
   grpc::Status clientIs(ArbitrationClient& client, const RoleOfDevice& role,
                         std::optional<ElectionId> electionId);
   // The stream has ended. Without effect for one that never became a client. The client gets no
@@ -124,10 +129,10 @@ class Arbitration {
   // The default role always exists.
   grpc::Status requireRole(const RoleOfDevice& role) const;
 
-  // Whether packets are the client's: a primary from when it is told so. Unlike Writes they go on
-  // when it repeats its election id while its Write is running.
+  // Whether the client sends and gets packets: it is a primary that has its notice. It stays so
+  // when it repeats its election id during a Write, which makes its next Writes wait.
   bool isPrimary(const ArbitrationClient& client) const;
-  // Calls visit with the lock held for the primary, in that sense, of each role of the device.
+  // Calls `visit`, with the lock held, for each client of the device for which isPrimary() holds.
   void forEachPrimary(uint64_t deviceId, const std::function<void(ArbitrationClient&)>& visit);
 
  private:
@@ -136,7 +141,7 @@ class Arbitration {
     std::optional<ElectionId> highest;
     ArbitrationClient* primary = nullptr;  // its election id is `highest`
     bool installed = false;                // the primary's Writes are taken
-    bool told = false;                     // the primary has been told so
+    bool told = false;                     // the primary has its notice
     bool hasWritten = false;               // or was kept by an earlier process
     size_t runningWrites = 0;
     uint64_t leftAt = 0;  // when its last client went, by leaves_
@@ -169,11 +174,12 @@ class Arbitration {
   void writeDone(Contest& contest);
 
   ElectionIdKeeper keeper_;
-  // Held around clientIs(), before mutex_: ids are kept in the order in which they rise.
+  // Guards the order of the keeper's calls: ids are kept in the order in which they rise. Held
+  // around clientIs(); taken before mutex_.
   std::mutex keeping_;
-  mutable std::mutex mutex_;
+  mutable std::mutex mutex_;  // guards the members below
   Limits limits_;
-  Contests contests_;  // those with clients, and those whose highest id is remembered
+  Contests contests_;  // with clients, or with a remembered highest id
   size_t defaultRoles_ = 0;
   uint64_t leaves_ = 0;
   std::unordered_map<const ArbitrationClient*, Contests::iterator> contestOf_;

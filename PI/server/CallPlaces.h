@@ -48,7 +48,7 @@ class CallPlaces {
   const CallKind kind_;
   const char* const calls_;
   SendDeadlines& deadlines_;
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards the members below
   size_t taken_ = 0;
   std::map<std::string, size_t> takenBy_;  // connections with a place
 };

@@ -26,7 +26,7 @@ class ControllerStream : public ArbitrationClient {
   using Request = StreamedMessage<p4::v1::StreamMessageRequest>;
   using Call = grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, Request>;
 
-  // The references outlive the object; context and call are those of the running RPC.
+  // The references outlive the object; context and call belong to the running RPC.
   ControllerStream(grpc::ServerContext& context, Call& call, Arbitration& arbitration,
                    Devices& devices, StreamSet& streams)
       : context_(context),
@@ -58,7 +58,7 @@ class ControllerStream : public ArbitrationClient {
   void writeToEnd();
   void awaitWriter();
 
-  // Each a status other than OK when the stream ends with it.
+  // Each returns OK, or the status with which the stream ends.
   grpc::Status handle(const p4::v1::StreamMessageRequest& request);
   grpc::Status handleArbitration(const p4::v1::MasterArbitrationUpdate& update);
   void handleForDevice(const p4::v1::StreamMessageRequest& request);
@@ -79,7 +79,7 @@ class ControllerStream : public ArbitrationClient {
   std::optional<p4::v1::Role> roleAsGiven_;
   core::PacketCounts* packetCounts_ = nullptr;  // of the role's device
 
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards finishing_ and written_
   std::condition_variable changed_;
   bool finishing_ = false;
   bool written_ = false;

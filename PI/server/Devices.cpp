@@ -7,7 +7,7 @@ namespace pi::server {
 namespace {
 
 struct ToCome {
-  std::mutex mutex;
+  std::mutex mutex;  // guards only
   std::optional<uint64_t> only;
 
   std::optional<uint64_t> get() {

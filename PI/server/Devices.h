@@ -30,10 +30,10 @@ class Devices {
   // A status other than OK leaves the devices as they were.
   DeviceMgr::Status pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request);
 
-  // For the process: no other device will come, so that before its pipeline no other id passes.
+  // For the whole process: the one device that will come. Before its pipeline no other id passes.
   static void onlyDeviceIs(std::optional<uint64_t> deviceId);
 
-  // Lets all of them go; returns once that is done if no call is running.
+  // Lets all devices go. A device with a running call goes when that call ends.
   void pipelineDelAll();
 
   // NOT_FOUND for an id that neither is a device's nor passes for one.
@@ -46,8 +46,8 @@ class Devices {
                          void* devices);
 
   const Receiver receiver_;
-  std::mutex installing_;
-  mutable std::mutex mutex_;
+  std::mutex installing_;     // guards no member: one installation at a time
+  mutable std::mutex mutex_;  // guards devices_; taken last
   std::map<uint64_t, std::shared_ptr<DeviceMgr>> devices_;
 };
 

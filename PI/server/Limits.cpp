@@ -8,7 +8,7 @@ namespace pi::server {
 namespace {
 
 struct Guarded {
-  std::mutex mutex;
+  std::mutex mutex;  // guards limits
   Limits limits;
 };
 

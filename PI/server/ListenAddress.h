@@ -1,4 +1,4 @@
-// Sockets that listen on an address, or in words why there are none.
+// Opens sockets that listen on an address, or says in words why it cannot.
 #pragma once
 
 #include <string>

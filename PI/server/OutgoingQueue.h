@@ -20,8 +20,7 @@ class OutgoingQueue {
  public:
   using Message = std::shared_ptr<const p4::v1::StreamMessageResponse>;
 
-  // Bytes are those of the serialized messages; each counts for kOverhead more, about its other
-  // use of memory.
+  // A message counts with its serialized bytes and kOverhead, about the rest of its memory.
   static constexpr size_t kOverhead = 512;
   struct Share {
     size_t messages;
@@ -45,8 +44,8 @@ class OutgoingQueue {
   // An arbitration notice: goes out before messages and is never refused; when too many wait, only
   // the newest stays, which tells the whole state.
   void noticeIs(Message notice);
-  // A packet, a report on what the controller sent; false, and the message dropped, when too many
-  // of the kind wait or after close().
+  // A packet for the controller; a report on one of its requests. False, and the message is
+  // dropped, when too many of the kind wait or after close().
   bool packetIs(Message packet, size_t bytes) {
     return messageIs(std::move(packet), bytes, &Waiting::packets);
   }
@@ -83,7 +82,7 @@ class OutgoingQueue {
 
   Total& total_;
   const Limits limits_;
-  mutable std::mutex mutex_;
+  mutable std::mutex mutex_;  // guards the members below
   std::condition_variable changed_;
   std::deque<Message> notices_;
   std::deque<Element> messages_;

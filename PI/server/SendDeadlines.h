@@ -51,7 +51,7 @@ class SendDeadlines {
   void watch();
   std::optional<Clock::time_point> cancelLate(Clock::time_point now);
 
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards stopped_, sleeps_ and until_
   std::condition_variable changed_;
   bool stopped_ = false;
   Clock::time_point wakes_ = Clock::time_point::min();  // when watch() looks again

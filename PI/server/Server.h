@@ -41,10 +41,10 @@ class Server {
   // Takes no new calls, ends streams, cancels calls that still run after `cancelAfter`, and returns
   // once all calls have returned, or after `patience` with some of them left behind.
   void shutDown(std::chrono::milliseconds cancelAfter, std::chrono::milliseconds patience);
-  // Until it has been shut down and the last call has returned.
+  // Waits until it has been shut down and the last call has returned.
   void wait();
-  // To be called after wait(), also while others still hold the server: the next server's devices
-  // may then have the same ids.
+  // Removes all devices. Call after wait(), even if others still hold the server: a successor may
+  // reuse their ids.
   void devicesDelAll();
 
  private:
@@ -56,7 +56,7 @@ class Server {
   std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;
   std::unique_ptr<grpc::Server> server_;
 
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards down_ and the start of closing_
   std::condition_variable changed_;
   bool down_ = false;
   std::thread closing_;  // runs from the first shutDown() until all calls have returned

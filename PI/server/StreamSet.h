@@ -16,6 +16,7 @@ namespace pi::server {
 
 class ControllerStream;
 
+// Thread-safe. Its thread cancels the streams that are late.
 class StreamSet {
  public:
   // Streams that have not arbitrated; the arbitration limits the others.
@@ -44,7 +45,7 @@ class StreamSet {
   void end(ControllerStream& stream, const std::string& reason);
 
   OutgoingQueue::Total outgoing_{0};
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards ending_, stopped_, streams_ and deadlines_
   std::condition_variable changed_;
   bool ending_ = false;
   bool stopped_ = false;

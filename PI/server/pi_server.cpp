@@ -34,7 +34,7 @@ constexpr seconds kPatience{10};
 constexpr seconds kCancelAfter{10};
 
 struct Process {
-  std::mutex mutex;
+  std::mutex mutex;  // guards the members below
   std::condition_variable changed;
   std::shared_ptr<Server> server;
   std::string error;                     // of the last start

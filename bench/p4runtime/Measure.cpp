@@ -13,8 +13,8 @@ namespace {
 
 using namespace TestSupport;
 
-// So many requests go to one target before the other's turn: what the machine does meanwhile
-// strikes both alike.
+// So many requests go to one target before the other's turn: other work of the machine
+// slows both alike.
 constexpr size_t turn = 10;
 
 Clock::duration readOne(TestController& controller, const p4::v1::TableEntry& query) {

@@ -1,4 +1,4 @@
-// The figures as one table, and how they stand to what we aim at.
+// The figures as one table, beside our aims.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// Round trips of one kind of request, and what they come to.
+// Round trips of one kind of request, and their figures.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@ class Samples {
   void add(Clock::duration roundTrip) { roundTrips_.push_back(Duration(roundTrip)); }
   size_t count() const { return roundTrips_.size(); }
   Duration total() const;
-  // Of the round trips, by rank; zero when there are none.
+  // Of the round trips, by rank; zero without round trips.
   Duration median() const { return quantile(0.5); }
   Duration p99() const { return quantile(0.99); }
   Duration longest() const { return quantile(1); }

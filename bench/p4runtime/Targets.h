@@ -16,7 +16,7 @@ namespace Bench {
 
 struct Memory {
   size_t privateBytes = 0;   // of the agent, pages of the state directory not counted
-  size_t residentBytes = 0;  // of the agent, those that it has touched counted
+  size_t residentBytes = 0;  // of the agent: memory that it has touched
   size_t stateBytes = 0;     // allocated in the state directory
 };
 

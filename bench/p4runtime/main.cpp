@@ -1,5 +1,5 @@
-// korvel-bench: how fast a controller gets its writes verified and its reads answered, as shares of
-// what an empty handler of the same service reaches in the same run.
+// korvel-bench: how fast a controller gets its writes verified and its reads served, as shares of
+// the speed of an empty handler of the same service in the same run.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>

@@ -38,7 +38,7 @@ class Path {
  protected:
   // Sends them in order.
   virtual void send(std::span<const std::string_view> packets) = 0;
-  // One packet is there; the receiver's thread says so. Others than those being measured are none.
+  // A packet has arrived. Called by the receiver's thread; packets of no measurement do not count.
   void arrived(std::string_view packet);
 
  private:

@@ -1,5 +1,5 @@
 // korvel-packet-bench: packets a second between controller and ports, and how long one of them
-// takes, as shares of what bare AF_PACKET sockets reach on the same links in the same run.
+// takes, as shares of the figures of bare AF_PACKET sockets on the same links in the same run.
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>

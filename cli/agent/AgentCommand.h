@@ -1,5 +1,5 @@
-// `korvel agent`: the launcher. Prepares what the agent runs on, loads libP4Runtime.so and runs the
-// reactor until the agent exits.
+// `korvel agent`: the launcher. Prepares the agent's surroundings, loads libP4Runtime.so and runs
+// the reactor until the agent exits.
 #pragma once
 
 #include <CLI/App.hpp>

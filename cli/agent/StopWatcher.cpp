@@ -75,8 +75,8 @@ int StopWatcher::millisecondsLeft() {
 void StopWatcher::run() {
   for (;;) {
     const int left = millisecondsLeft();
-    // No flush: traces are shared memory too, and whatever else could be flushed may be locked by
-    // the thread that is not waited for.
+    // No flush: traces are shared memory too, and standard streams may be locked by the thread that
+    // is not waited for.
     if (left == 0) _exit(0);
     pollfd watched[] = {{signalFd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
     if (poll(watched, std::size(watched), left) <= 0) continue;

@@ -1,4 +1,4 @@
-// Ends the agent's process soon after it was asked to stop, whatever it is busy with.
+// Ends the agent's process soon after a request to stop, even if it is busy.
 #pragma once
 
 #include <atomic>

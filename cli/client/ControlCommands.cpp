@@ -126,7 +126,7 @@ void addPortCommands(CLI::App& app, const SharedOptions& options) {
   CLI::App* unmap = port->add_subcommand("unmap", "Have a P4 port mean nothing");
   unmap->add_option("PORT", options->port, "P4 port id")->required();
   unmap->callback([options] { runCommand(*options, "port unmap", {options->port}); });
-  CLI::App* list = port->add_subcommand("list", "Show the mappings, and those that are refused");
+  CLI::App* list = port->add_subcommand("list", "Show the mappings, the refused ones too");
   list->callback([options] { runPortList(*options); });
   for (CLI::App* one : {map, unmap, list}) addClientOptions(*one, *options);
 }

@@ -30,7 +30,7 @@ std::string textOf(const Json& object, const char* name) {
   return value ? valueText(*value) : "";
 }
 
-// Where an operation is found by name, so that the hint says what to type.
+// The path of an operation by its name, so that the hint is a command to type.
 std::string pathOfOperation(Orrery::Client& client, const char* operation) {
   const Json list = client.list("");
   const cJSON* one = nullptr;
@@ -136,7 +136,7 @@ void printForPeople(Orrery::Client& client, const Json& system, const Json& agen
   printFailures(failures);
 }
 
-// Adds to what is in `json` already.
+// Adds members to `json`.
 void printJson(int64_t pid, Json system, Json agent, Json failures, Json packets,
                const Json& json) {
   cJSON_AddBoolToObject(json.get(), "running", pid != 0);
@@ -173,7 +173,7 @@ void runStatus(const ClientOptions& options) {
 
 void addStatusCommand(CLI::App& app) {
   CLI::App* command =
-      app.add_subcommand("status", "Show whether the switch serves, and what failed");
+      app.add_subcommand("status", "Show whether the switch serves, and its failures");
   const auto options = std::make_shared<ClientOptions>();
   addClientOptions(*command, *options);
   command->callback([options] { runStatus(*options); });

@@ -1,4 +1,4 @@
-// `korvel status`: whether the switch serves, what failed, and since when.
+// `korvel status`: whether the switch serves, its failures, and since when.
 #pragma once
 
 namespace CLI {

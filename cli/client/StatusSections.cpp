@@ -64,7 +64,7 @@ class Section {
   const char* title_;
 };
 
-// The file that could not be used, and what the running pipeline does not program.
+// The file that could not be used, and the tables and actions that the running pipeline leaves out.
 void printPipeline(const cJSON* pipeline) {
   Section section("pipeline");
   if (textOf(pipeline, "failed") == "true") section.line("FAILED: " + textOf(pipeline, "text"));

@@ -18,5 +18,5 @@ std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attr
 // Adds a member a section, with the attributes of its entities; a section of which the agent has
 // nothing is left out.
 void addStatusSections(Orrery::Client& client, cJSON* status);
-// Prints what addStatusSections() found; nothing where there is nothing to say.
+// Prints the findings of addStatusSections(); sections without findings print nothing.
 void printStatusSections(const cJSON& status);

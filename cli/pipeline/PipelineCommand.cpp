@@ -88,7 +88,8 @@ void addPipelineCommand(CLI::App& app) {
   pipeline->require_subcommand(1);
   addBuild(*pipeline);
 
-  CLI::App* check = pipeline->add_subcommand("check", "Say what would not work with a pipeline");
+  CLI::App* check =
+      pipeline->add_subcommand("check", "Say which parts of a pipeline would not work");
   const auto checkOptions = std::make_shared<FileOptions>();
   check->add_option("FILE", checkOptions->path, "pipeline file")->required();
   check->add_flag("--json", checkOptions->json, "print JSON");

@@ -1,4 +1,4 @@
-// Collecting what 'korvel pipeline show' shows.
+// Collects the content of 'korvel pipeline show'.
 #include "cli/pipeline/PipelineView.h"
 
 #include <algorithm>
@@ -219,7 +219,7 @@ class ViewMaker {
                Vela::addArray(object, "actions"));
   }
 
-  // The largest group as the agent will hold it, whatever more the P4Info promises.
+  // The largest group that the agent will hold, even if the P4Info promises more.
   static void addSelector(const p4::config::v1::ActionProfile& profile, cJSON* object) {
     const int64_t size = profile.max_group_size();
     Vela::addNumber(

@@ -31,7 +31,7 @@ struct DumpOptions : ClientOptions {
   unsigned rounds = 0;
 };
 
-// Asks for what forwarding agents have counted, and remembers it for the rate.
+// Reads the forwarding agents' counts, and remembers them for the rate.
 class Counts {
  public:
   explicit Counts(const std::string& stateDirectory)
@@ -128,7 +128,7 @@ void addTableCommand(CLI::App& app) {
   const auto dumping = std::make_shared<DumpOptions>();
   dump->add_option("TABLE", dumping->wanted, "Tables to print; all without it");
   dump->add_flag("--counters", dumping->counters,
-                 "Show what forwarding agents have counted for each row of a table with counters");
+                 "Show the forwarding agents' counts for each row of a table with counters");
   CLI::Option* watch =
       dump->add_option("--watch", dumping->watch,
                        "Print again every so many seconds, with --counters also packets a second")

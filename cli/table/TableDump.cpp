@@ -116,7 +116,7 @@ DumpedGroup groupOf(const DumpedRow& row) {
   return group;
 }
 
-// Visits id and controller's id of what a cache has a record of. In a record the controller's id
+// Visits id and controller's id of each record in a cache. In a record the controller's id
 // stands at `idAt`, the agent's handle at `handleAt`.
 template <typename Visit>
 void eachCached(Brine::Snapshot& snapshot, const char* cache, size_t idAt, size_t handleAt,

@@ -54,9 +54,9 @@ struct TableDump {
   std::vector<std::string> damaged;  // table and key of the records that were left out
 };
 
-// Table names of the store, ascending, with types and row counts; rows of those in `wanted` only
-// (all when it is empty and `withRows`). Throws Brine::StoreError, and std::runtime_error for a
-// wanted table that is not there.
+// Table names of the store, ascending, with types and row counts; rows of the tables in `wanted`
+// only (all when it is empty and `withRows`). Throws Brine::StoreError, and std::runtime_error for
+// a wanted table that is not there.
 TableDump dumpTables(const std::string& stateDirectory, const std::vector<std::string>& wanted,
                      bool withRows);
 

@@ -416,7 +416,7 @@ def arguments():
     parser.add_argument("--election-id", type=number(1, 2**64 - 1), default=1,
                         help="the highest one is primary; default: %(default)s")
     commands = parser.add_subparsers(dest="command", required=True)
-    commands.add_parser("tables", help="what the pipeline has")
+    commands.add_parser("tables", help="the pipeline's tables")
     read = commands.add_parser("read", help="the entries of a table, or of all")
     read.add_argument("table", nargs="?")
     for kind in ("insert", "modify", "delete"):
@@ -428,7 +428,7 @@ def arguments():
     group.add_argument("members", nargs="*", metavar="MEMBER[@WEIGHT]")
     profiles = commands.add_parser("profiles", help="members and groups of a profile, or of all")
     profiles.add_argument("profile", nargs="?")
-    counters = commands.add_parser("counters", help="what the entries of a table have counted")
+    counters = commands.add_parser("counters", help="the counts of a table's entries")
     counters.add_argument("table", nargs="?")
     add_key(commands.add_parser("meter", help="limit an entry, or without --rate no more"))
     add_packet_commands(commands)

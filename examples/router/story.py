@@ -1,4 +1,4 @@
-"""The demo's story, chapter by chapter; each checks what it shows."""
+"""The demo's story, chapter by chapter; each checks its claims."""
 
 import collections
 import signal
@@ -12,7 +12,7 @@ DERIVED = "resolved_route"  # what a query of the pipeline makes from other tabl
 
 
 class Demo:
-    """The story. Keeps what the switch ought to hold, and compares after every chapter."""
+    """The story. Keeps the entries that the switch ought to hold, and compares after every chapter."""
 
     def __init__(self, switch):
         self.switch = switch

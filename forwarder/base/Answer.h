@@ -8,7 +8,7 @@
 
 namespace Forwarder {
 
-// The command line or a control command is wrong; the message says what was expected. A function
+// The command line or a control command is wrong; the message names the expected words. A function
 // that throws it has changed nothing.
 class CommandError : public std::runtime_error {
  public:

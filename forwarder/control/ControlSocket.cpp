@@ -14,8 +14,8 @@ namespace {
 constexpr size_t maxLine = 65536;  // bytes
 constexpr size_t maxClients = 16;
 
-// A killed process may still accept connections on its way out: only a reply shows that a forwarder
-// lives, or a silence, as of a busy one.
+// A killed process may still accept connections on its way out. A reply, or the silence of a busy
+// forwarder, shows that one lives.
 bool forwarderReplies(int connection) {
   constexpr int patienceMs = 2000;
   pollfd answer{connection, POLLIN, 0};

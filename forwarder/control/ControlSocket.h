@@ -41,7 +41,7 @@ class ControlSocket {
   void maybeListen();
   bool listening() const { return listener_ != nullptr; }
   void pollDescriptors(std::vector<pollfd>& out) const;  // appends the descriptors to wait for
-  void serve();  // runs new commands, asks for later answers, and sends, all without waiting
+  void serve();  // runs new commands, collects later answers, and sends, all without waiting
 
  private:
   struct Client {

@@ -16,7 +16,7 @@ bool isUp(const std::string& device);
 // The message for people when `action` ("open") fails on a device.
 std::string deviceTrouble(const char* action, const std::string& device, std::error_code error);
 
-// A raw packet socket, bound to no device yet. `flags` are those of socket(2), such as
+// A raw packet socket, bound to no device yet. `flags` are flags of socket(2), such as
 // SOCK_NONBLOCK. Throws std::system_error, for want of CAP_NET_RAW for example.
 Vela::UniqueFd openPacketSocket(int flags);
 

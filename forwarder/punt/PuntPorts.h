@@ -29,7 +29,7 @@ class PuntPorts {
     std::string trouble;                 // "" when all is well
   };
 
-  // Only packets of these EtherTypes are punted; all when there are none.
+  // Only packets of these EtherTypes are punted; without EtherTypes, all packets.
   PuntPorts(std::set<uint16_t> etherTypes, PuntSender& sender)
       : etherTypes_(std::move(etherTypes)), sender_(sender), counts_(sender.counts()) {}
 

@@ -48,8 +48,8 @@ class PuntView {
 
   const std::string stateDirectory_;
   const std::function<void()> changed_;
-  mutable std::mutex mutex_;
-  std::shared_ptr<const PuntPicture> picture_;  // guarded by the mutex
+  mutable std::mutex mutex_;  // guards picture_
+  std::shared_ptr<const PuntPicture> picture_;
   std::atomic<bool> stopping_{false};
   std::thread thread_;
 };

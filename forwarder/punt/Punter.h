@@ -27,7 +27,7 @@ namespace Forwarder {
 // Threads: the public functions are for the thread that made the punter. A thread of its own does
 // all the work, so that packets and tables do not wait for each other.
 // Errors: trouble with devices or the agent is logged once and kept in placesText(); the work goes
-// on when it ends. The devices are those of the process's network namespace; CAP_NET_RAW is needed.
+// on when it ends. The devices belong to the process's network namespace; CAP_NET_RAW is needed.
 // Lifetime: the destructor drops the packets under way and joins the thread.
 class Punter {
  public:

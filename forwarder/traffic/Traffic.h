@@ -49,7 +49,7 @@ class Traffic {
   std::optional<Clock::time_point> nextDue() const;  // nothing while it is not running
   const TrafficPace& pace() const { return pace_; }
 
-  void send(uint64_t packets);  // at once, whatever the rate
+  void send(uint64_t packets);  // at once, in spite of the rate
 
  private:
   void maybePlan();

@@ -14,9 +14,9 @@ constexpr uint64_t pagesToDelete = 96;
 
 }  // namespace
 
-// A copy of each page that the writes reach, and what splits add. A page that was split has room
-// for a quarter page of small records before it splits again; each large record may split one of
-// its own.
+// A copy of each page that the writes reach, and the pages that splits add. A page that was split
+// has room for a quarter page of small records before it splits again; each large record may split
+// one of its own.
 void addRoomFor(const MDB_stat& tree, WriteSet& writes, std::span<const uint32_t> order,
                 size_t pageSize, Room* room) {
   uint64_t small = 0, large = 0, overflow = 0;

@@ -11,8 +11,8 @@
 
 namespace Brine {
 
-// Adds to `room` at most what the writes to one table take: those of `order`, which are indices of
-// records in `writes`. `tree` is the table's.
+// Adds to `room` the most pages that the writes to one table take. `order`: the indices of the
+// table's records in `writes`. `tree` is the table's.
 void addRoomFor(const MDB_stat& tree, WriteSet& writes, std::span<const uint32_t> order,
                 size_t pageSize, Room* room);
 

@@ -17,8 +17,8 @@
 namespace Brine {
 namespace {
 
-// The data have been looked at by then, so LMDB's complaint is of the lock file, which it makes
-// anew unless somebody uses it.
+// The data have been checked by then, so LMDB complains of the lock file, which it replaces unless
+// some process uses it.
 [[noreturn]] void lockUnusable(const std::string& directory) {
   throw StoreError(Trouble::unavailable,
                    lockPath(directory) +

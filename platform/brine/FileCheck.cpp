@@ -253,7 +253,7 @@ class FileCheck {
   uint64_t free_ = 0;
 };
 
-// Empty, or what `check` found.
+// The fault that `check` found; empty without one.
 template <typename Check>
 std::string damageFound(const MappedFile& file, Check check) {
   try {

@@ -81,8 +81,8 @@ class FileLookupImpl final : public FileLookup {
     return consistent([&](const Meta& head) { return foundIn(head, table, key); });
   }
 
-  // The pages of a commit are used again by the next but two; so what was read counts when not more
-  // than one commit came meanwhile. A head that the writer was writing does not stay the same.
+  // The third commit from now uses the pages of this one again, so a result counts when at most one
+  // commit came meanwhile. A head that the writer was writing does not stay the same.
   template <typename Read>
   std::invoke_result_t<Read, const Meta&> consistent(Read readOne) {
     constexpr int triesBesideAWriter = 100;

@@ -1,5 +1,5 @@
-// Single records out of another process's store, without mapping its file: whatever becomes of the
-// file meanwhile, cut off or overwritten, is an error here and never a signal or a wild access.
+// Single records out of another process's store, without mapping its file: a file that is cut off
+// or overwritten meanwhile is an error here, and never a signal or a wild access.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace Brine {
 // uses it. A look-up takes a handful of system calls.
 class FileLookup {
  public:
-  // Throws StoreError: missing, unwritable for what is no file, damaged, wrongVersion.
+  // Throws StoreError: missing, unwritable (not a regular file), damaged, wrongVersion.
   static std::unique_ptr<FileLookup> open(const std::string& directory);
   virtual ~FileLookup() = default;
 

@@ -81,8 +81,8 @@ struct Page {
   uint16_t upper;
   size_t nodes;
 
-  // Nothing when it cannot be one. A branch's first key stands for all smaller ones, whatever it
-  // says.
+  // Nothing when it cannot be a node. A branch's first key stands for all smaller ones; its bytes
+  // do not count.
   std::optional<Node> node(size_t i) const {
     const auto offset = at<uint16_t>(bytes + pageHead + 2 * i);
     if (offset < upper || offset % 2 != 0 || offset + nodeHead > size) return std::nullopt;

@@ -12,7 +12,7 @@ namespace {
 
 class SnapshotImpl final : public Snapshot {
  public:
-  // The tables are those of the transaction.
+  // The transaction decides which tables there are.
   SnapshotImpl(Environment& environment, ReadTransaction& read,
                const std::map<std::string, MDB_dbi, std::less<>>& tables)
       : environment_(environment), read_(read), tables_(tables) {}
@@ -89,8 +89,8 @@ class ReaderImpl final : public Reader {
   }
 
  private:
-  // Brings tables_ to the transaction's; false when one of them has no handle yet. Mostly they are
-  // what they were, and nothing is allocated.
+  // Brings tables_ to the transaction's; false when one of them has no handle yet. Mostly
+  // nothing has changed, and nothing is allocated.
   bool listed(MDB_txn* txn) {
     const std::lock_guard guard(environment_->handlesMutex);
     std::map<std::string, MDB_dbi, std::less<>> tables;

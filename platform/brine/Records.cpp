@@ -44,7 +44,7 @@ uint32_t sumOf(Bytes key, Bytes value) {
   return static_cast<uint32_t>(hashOf(value, hashOf(key, 0)));
 }
 
-// Takes a long record apart; nothing when its bytes are not what was stored.
+// Takes a long record apart; nothing when its bytes have changed since they were stored.
 std::optional<Whole> wholeOf(Bytes stored) {
   if (stored.size() < 4) return std::nullopt;
   const uint64_t keySize = loaded<uint32_t>(stored.data());

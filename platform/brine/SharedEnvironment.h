@@ -9,8 +9,9 @@
 
 namespace Brine {
 
-// Opens the store's file, or joins those who have, and checks its head; a writer's file without one
-// becomes an empty store. Throws StoreError; a file that is no sound environment is not touched.
+// Opens the store's file, or joins its other users in this process, and checks its head; a writer's
+// file without one becomes an empty store. Throws StoreError; a file that is no sound environment
+// is not touched.
 std::shared_ptr<Environment> sharedEnvironment(const StoreOptions& options, Purpose purpose);
 
 }  // namespace Brine

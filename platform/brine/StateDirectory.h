@@ -1,4 +1,4 @@
-// The state directory, looked at before anything in it is opened: whose it is, who may write there,
+// The check of the state directory before anything in it is opened: its owner, its permissions,
 // and whether the store's files are files.
 #pragma once
 

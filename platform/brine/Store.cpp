@@ -26,12 +26,12 @@ struct Table {
   bool exists = true;
   // Of the write set:
   bool cleared = false;              // eraseAll() ran; committed records do not count any more
-  int64_t delta = 0;                 // what the resolved records add to the committed count
+  int64_t delta = 0;                 // added by the resolved records to the committed count
   std::vector<uint32_t> unresolved;  // records of which we do not know whether they were there
 };
 
-// What get() last found in the committed state, so that looking at a record and then writing it
-// costs one descent.
+// The last result of get() in the committed state, so that a look at a record and a write of it
+// cost one descent.
 struct Found {
   uint64_t hash = 0;
   TableNumber table = 0;
@@ -100,7 +100,7 @@ class StoreImpl final : public Store {
   bool anyCleared_ = false;
   std::array<Found, 128> found_;
   uint64_t commits_ = 0;
-  bool readerGone_ = false;             // and perhaps not quite when it was looked for
+  bool readerGone_ = false;             // and perhaps was still there at the last look
   std::vector<DamagedRecord> damaged_;  // not taken yet
   std::set<DamagedRecord> knownDamaged_;
 };

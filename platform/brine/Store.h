@@ -16,9 +16,11 @@
 
 namespace Brine {
 
-// The writer. Call with the activity lock held; the thread may change from call to call.
-// Writes gather in a write set, which get() and count() see at once and others see from commit()
-// on.
+// The writer. Writes gather in a write set, which get() and count() see at once and others see from
+// commit() on.
+// Threads: call with the activity lock held; the thread may change from call to call. Errors:
+// writes throw StoreError, and the records are then as before. Lifetime: returned bytes last until
+// the next write.
 class Store {
  public:
   // Throws StoreError; existing files are then untouched. Only after an error with isLoss() may the
@@ -54,7 +56,7 @@ class Store {
 
   // The damaged records that get() and forEach() have come upon, each of them once.
   virtual std::vector<DamagedRecord> takeDamagedRecords() = 0;
-  // Erases those of the records that are still damaged, at once.
+  // Erases the given records that are still damaged, at once.
   virtual void eraseDamaged(std::span<const DamagedRecord> records) = 0;
 
   virtual bool dirty() const = 0;  // whether the write set holds anything
@@ -63,7 +65,7 @@ class Store {
   // is then dropped and the store is as after the commit before.
   virtual void commit(Filling filling) = 0;
   void commit() { commit(Filling::leaveRoomToDelete); }
-  // A process that may have read the store has gone: the pages it held can be used again.
+  // A process that may have read the store has gone: the store uses its pages again.
   virtual void handleReaderGone() = 0;
   virtual void discard() = 0;  // drops the write set
   virtual size_t bytesUsed() const = 0;

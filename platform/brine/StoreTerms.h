@@ -14,7 +14,7 @@
 namespace Brine {
 
 using Bytes = std::span<const uint8_t>;
-using TableNumber = uint32_t;  // of this process's opening; names are what lasts
+using TableNumber = uint32_t;  // of this process's opening; only names last
 
 enum class Trouble {
   full,          // no room in the state directory, or the map is at its maximum

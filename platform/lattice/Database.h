@@ -66,7 +66,11 @@ struct DatabaseOptions {
 };
 
 // One a process. Writes outside a batch are committed at the end of the outermost activity scope.
-// Call with the activity lock held, on any thread; callbacks run on the reactor with it held.
+// Threads: call with the activity lock held, on any thread; callbacks run on the reactor with the
+// lock held.
+// Errors: a lost commit is a returned reason, or a call of the loss handler; only create() and
+// watch() throw.
+// Lifetime: loop, store and observers outlive it; interfaces that outlive it are not ready.
 class Database {
  public:
   // The store must outlive this. Throws Brine::StoreError, std::system_error for the socket.

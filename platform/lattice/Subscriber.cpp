@@ -113,8 +113,8 @@ class SubscriberImpl final : public Subscriber {
   bool needSnapshot_ = true;
   std::map<uint32_t, const FollowedTable*> tables_;  // by number
   std::vector<std::unique_ptr<FollowedTable>> allTables_;
-  // Entries that are not programmed as the agent has them. One that dies may not have heard of it,
-  // or takes what it knew along; the next one hears it with a snapshot.
+  // Entries that are not programmed as the agent has them. An agent that dies may not have heard of
+  // them, and the next one does not know; it hears of them with a snapshot.
   std::unordered_set<uint64_t> failed_;
 
   // The snapshot that is being reported on.
@@ -252,7 +252,7 @@ void SubscriberImpl::catchUp() {
   }
 }
 
-// Passes on what one look at the store shows; true when there is more.
+// Passes on the changes that one look at the store shows; true when there are more.
 bool SubscriberImpl::readOnce() {
   std::vector<std::string> records;
   auto snapshot = reader_->snapshot();

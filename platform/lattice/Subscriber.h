@@ -52,15 +52,15 @@ class Subscriber {
   virtual ~Subscriber() = default;
 
   // Waits for changes at most `timeout`, passes them on, and sends the reports gathered since.
-  // Never throws for trouble with the agent or its files: it detaches, keeps what it knows, and
+  // Never throws for trouble with the agent or its files: it detaches, keeps its rows, and
   // tries again on a later call. trouble() then says why, else it is empty.
   virtual void follow(std::chrono::milliseconds timeout) = 0;
   virtual const std::string& trouble() const = 0;
   virtual bool attached() const = 0;
 
   // errorCode 0: programmed; else see P4Runtime/companion/ErrorCode.h. Sent with the next follow(),
-  // or by flush(). Reports for an agent that went away are dropped; after ones of failure, the next
-  // agent is attached to with a snapshot, so that it hears of what still fails.
+  // or by flush(). Reports for an agent that went away are dropped. After dropped failures the
+  // subscriber takes a snapshot from the next agent and reports the lasting failures on it.
   virtual void report(uint64_t entryHandle, uint64_t sequence, uint16_t errorCode,
                       std::string_view message) = 0;
   virtual void flush() = 0;

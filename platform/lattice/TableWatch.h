@@ -14,7 +14,7 @@
 
 namespace Lattice {
 
-// A row that is not as it was at the last commit. Values are packed value columns.
+// A row that has changed since the last commit. Values are packed value columns.
 struct ChangedRow {
   std::string key;
   std::optional<std::string> before;  // nothing: there was no such row
@@ -71,16 +71,16 @@ class TableWatch {
   std::shared_ptr<WatchedTable> table_;
 };
 
-// Called with the activity lock held, on whatever thread commits.
+// Called with the activity lock held, on the thread that commits.
 class CommitObserver {
  public:
   virtual ~CommitObserver() = default;
   // Rows of watched tables are about to be committed. Rows written now, to any table, are part of
-  // the same commit; changes of watched tables among them can be seen at once, and do not make this
-  // be called again. An exception fails the commit as a full state directory does.
+  // the same commit; changes of watched tables among them are visible at once, without another
+  // call. An exception fails the commit as a full state directory does.
   virtual void onBeforeCommit() = 0;
   // The end of that commit; neither may throw. onDiscarded(): every row is as at the commit before,
-  // and the watches still tell what they told of this one.
+  // and the watches tell the changes of the failed commit again.
   virtual void onCommitted() = 0;
   virtual void onDiscarded() = 0;
   // A batch has ended, well or not, with or without changes: Database::watch() works again.

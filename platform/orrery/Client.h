@@ -1,4 +1,4 @@
-// The other end of the server, for commands: sends a request and waits for its answer.
+// The other end of the server, for commands: sends a request and waits for its response.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@
 
 namespace Orrery {
 
-// There is no agent, or it refused the request; the message says what to do.
+// No agent listens, or the agent refused the request; the message says what to do.
 class ClientError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -25,7 +25,9 @@ class NoAgentError : public ClientError {
   using ClientError::ClientError;
 };
 
-// One thread uses it.
+// Threads: one at a time. Errors: every request throws ClientError when the agent is gone, slow, or
+// refuses; after a time-out the connection is of no more use. Lifetime: holds one connection, from
+// construction to destruction.
 class Client {
  public:
   // `stateDirectory` is the agent's. Throws NoAgentError, ClientError.

@@ -1,4 +1,4 @@
-// Entity types by name, so that a mount can create what it mounts.
+// Entity types by name, so that a mount can create its entity.
 #pragma once
 
 #include <functional>

@@ -118,7 +118,7 @@ Vela::Json answerGet(Database& database, const cJSON& request) {
 
 void setAttribute(const Database& database, const std::string& path, const Entity& entity,
                   AttributeBase& attribute, const cJSON& value) {
-  // A string is the text form, whatever the type.
+  // A string is the text form of any type.
   const auto text = cJSON_IsString(&value) ? std::optional<std::string>(value.valuestring)
                                            : attributeText(value, attribute.typeName());
   if (!text) {

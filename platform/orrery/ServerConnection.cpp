@@ -59,7 +59,7 @@ void ServerConnection::handleReadable() {
   const ssize_t got = recv(client_.socket.get(), block, sizeof block, 0);
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (got <= 0) {
-    reading_ = false;  // it may still wait for answers
+    reading_ = false;  // it may still wait for responses
     return watchSocket();
   }
   input_.append(block, got);
@@ -142,7 +142,7 @@ void ServerConnection::send(const Vela::Json& json) {
     SCRIVEL_TRACE(0, "client takes no answers, closed; bytes kept: ", output_.size());
     return close();
   }
-  if (!idle) return;  // what waits already takes this along
+  if (!idle) return;  // the line goes with the ones that wait already
   if (loop_.onThread()) return doSend();
   loop_.post([self = Vela::Ptr<ServerConnection>(this)] { self->doSend(); });
 }

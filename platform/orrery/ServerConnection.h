@@ -12,9 +12,9 @@
 
 namespace Orrery {
 
-// Reads request lines and writes answer lines, never waiting for the client: answers that it does
-// not take are kept up to a bound. Call with the activity lock held. Watched attributes change on
-// any thread: that thread keeps the line, and the reactor sends it.
+// Reads request lines and writes response lines, never waiting for the client: responses that it
+// does not take are kept up to a bound. Call with the activity lock held. Watched attributes change
+// on any thread: that thread keeps the line, and the reactor sends it.
 class ServerConnection final : public Vela::RefCounted {
  public:
   static constexpr size_t maxRequestBytes = 64 * 1024;

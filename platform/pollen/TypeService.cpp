@@ -55,7 +55,7 @@ void TypeService::handleDefinition(const std::string& name) {
 }
 
 void TypeService::doCompile(const std::string& name, const std::string& definition) {
-  const Ptr<TypeStatus> status = statuses_->typeStatusIs(name);  // lives, whatever observers do
+  const Ptr<TypeStatus> status = statuses_->typeStatusIs(name);  // lives even if observers drop it
   try {
     Lattice::TheTypeRegistry().typeIs(Lattice::TableType::compile(name, definition));
   } catch (const Lattice::TypeError& e) {

@@ -17,7 +17,7 @@ bool nameMatches(std::string_view pattern, std::string_view name);
 // handle that none names keeps level 0. Example: "KorvelPiTables/0-5,*/0-1".
 class Levels {
  public:
-  // Empty when the text is malformed; `trouble` then says which item and what was expected.
+  // Empty when the text is malformed; `trouble` then names the item and the expected form.
   static std::optional<Levels> parse(std::string_view text, std::string* trouble = nullptr);
 
   uint32_t mask(std::string_view handle) const;                  // bit n: level n

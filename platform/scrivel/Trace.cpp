@@ -20,7 +20,7 @@
 namespace Scrivel {
 namespace {
 
-std::atomic<uint32_t> off{0};  // what handles point to without a file; never written
+std::atomic<uint32_t> off{0};  // handles without a file point here; never written
 std::atomic<TraceFile*> theFile{nullptr};
 
 uint32_t threadId() {

@@ -24,7 +24,7 @@ struct TraceRecord {
 struct TraceFilter {
   std::string handle;                // a name with '*' for any run of characters; empty: all
   std::optional<unsigned> maxLevel;  // this level and those below
-  std::string text;                  // what the text must contain
+  std::string text;                  // the text must contain this
   std::optional<int64_t> pid;
 
   bool passes(const TraceRecord& record) const;
@@ -68,8 +68,8 @@ class TraceReader {
 std::string toLine(const TraceRecord& record);
 std::string argumentsText(std::string_view stored);  // the text of a record's stored arguments
 
-// Changes the levels of a living process: of the handles that `levels` names, those of libraries
-// loaded later included; other handles keep theirs. Throws TraceError for malformed levels and for
+// Changes the levels of a living process, for the handles that `levels` names, also in libraries
+// loaded later; other handles keep theirs. Throws TraceError for malformed levels and for
 // a path that is no trace file.
 void setLevels(const std::string& path, std::string_view levels);
 

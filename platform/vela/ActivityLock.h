@@ -24,7 +24,7 @@ class ActivityLock {
   static void afterRelease(std::function<void()> work);
 };
 
-// Gives the lock up for a scope, at whatever depth this thread holds it (also at none), and takes
+// Gives the lock up for a scope, at any depth at which this thread holds it (or at none), and takes
 // it back to the same depth. Afterwards believe nothing read before.
 class ActivityLockReleased {
  public:

@@ -25,7 +25,7 @@ void Observation::end() {
 }
 
 Observation ObserverList::observe(Callback changed) {
-  // Those who came and went while nothing changed must not pile up.
+  // Slots of observers that have gone must not pile up while nothing changes.
   std::erase_if(slots_, [](const auto& slot) { return !slot->changed; });
   auto slot = std::make_shared<Observation::Slot>();
   slot->changed = std::move(changed);
@@ -34,7 +34,7 @@ Observation ObserverList::observe(Callback changed) {
 }
 
 void ObserverList::notify(const std::string& key) {
-  const auto told = slots_;  // those who come during the notice wait for the next one
+  const auto told = slots_;  // observers that come during this notice wait for the next one
   for (const auto& slot : told) {
     if (!slot->changed) continue;
     const Callback changed = slot->changed;  // survives an observer that ends itself

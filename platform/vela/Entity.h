@@ -22,7 +22,8 @@ namespace Vela {
 
 class Entity;
 
-// Keeps an observer registered; the observer is gone when this dies. May outlive what it observes.
+// Keeps an observer registered; the observer is gone when this dies. May outlive the observed
+// object.
 class Observation {
  public:
   Observation() = default;

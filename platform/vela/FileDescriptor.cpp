@@ -14,7 +14,7 @@
 namespace Vela {
 
 // Lives until libuv has closed it, which the owner does not wait for. libuv ends the process when
-// what it watches is closed before it knows, so it watches a duplicate of the descriptor.
+// a watched descriptor is closed behind its back, so it watches a duplicate.
 struct FileDescriptor::Impl {
   const int descriptor;
   UniqueFd duplicate;
@@ -68,8 +68,8 @@ struct FileDescriptor::Impl {
       const auto writable = owner->writable_;
       writable();
     }
-    // libuv watches no more what had an error. But sockets tell of devices that went down, or of
-    // what they had to drop, that way, and live on.
+    // libuv stops watching after an error. But sockets tell of devices that went down and of
+    // dropped packets that way, and live on.
     if (status < 0 && owner && owner->impl_ == this) watch(poll.loop, owner->events());
   }
 };

@@ -22,8 +22,8 @@ Json parseJsonPrefix(std::string_view text, size_t* stopped);
 // Null when the text is no JSON document, or more than one; `line` is then where it goes wrong.
 Json parseJson(std::string_view text, size_t* line = nullptr);
 
-// The three print a document without a line end. Text is UTF-8 whatever the strings were made of,
-// except that of jsonBytes(), which leaves strings as they are.
+// The three print a document without a line end. Text is UTF-8 even if the strings were not, except
+// in jsonBytes(), which leaves strings as they are.
 std::string jsonLine(const cJSON& json);   // in one line
 std::string jsonText(const cJSON& json);   // for people: indented, several lines
 std::string jsonBytes(const cJSON& json);  // as jsonText()

@@ -10,7 +10,7 @@
 namespace Vela {
 
 // Base of everything a Ptr may hold. The count is atomic; the object itself is guarded by
-// whatever guards its members, usually the activity lock.
+// the lock of its members, usually the activity lock.
 class RefCounted {
  public:
   RefCounted() = default;

@@ -53,7 +53,7 @@ struct ReactorLoop::Impl {
     for (auto& work : take(posted)) {
       const ActivityLock lock;
       guarded(work);
-      work = nullptr;  // what it holds goes under the lock
+      work = nullptr;  // its captures are destroyed under the lock
     }
     if (stopping) uv_stop(&loop);
   }
@@ -103,7 +103,7 @@ void ReactorLoop::post(std::function<void()> work) { impl_->add(impl_->posted, s
 
 void ReactorLoop::touch(std::function<void()> work) {
   if (!impl_->mayTouch()) return impl_->add(impl_->touches, std::move(work));
-  impl_->runTouches();  // those of other threads came first
+  impl_->runTouches();  // other threads' touches came first
   work();
 }
 

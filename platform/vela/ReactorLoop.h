@@ -17,7 +17,7 @@ class Timer;
 class ReactorLoop {
  public:
   ReactorLoop();   // throws std::system_error
-  ~ReactorLoop();  // after run() has returned; closes what is still open
+  ~ReactorLoop();  // after run() has returned; closes all open handles
   ReactorLoop(const ReactorLoop&) = delete;
   ReactorLoop& operator=(const ReactorLoop&) = delete;
 

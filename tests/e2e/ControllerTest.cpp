@@ -13,7 +13,7 @@ using namespace TestSupport;
 
 namespace {
 
-// Entries outlive the agent, and so must the knowledge of who was replaced.
+// Entries outlive the agent, and so must the knowledge of replaced primaries.
 TEST(Controllers, AStaleOneStaysBackupAfterTheAgentWasKilled) {
   Switch tested({.deviceId = 0});
   ASSERT_TRUE(tested.start());

@@ -42,8 +42,8 @@ TEST(AgentKilled, UnderLoadKeepsWhatItAcknowledgedAndNothingByHalves) {
     ASSERT_TRUE(tested.connectController());
     ASSERT_EQ(load.broken(), "");
     ASSERT_EQ(tested.disagreement(), "");
-    // Rows that did not change were not programmed again: at most each that was sent, and those of
-    // the one batch in flight taken back.
+    // Rows that did not change were not programmed again: at most each row that was sent, and
+    // the rows of the one batch in flight taken back.
     const uint64_t sent = load.sentRows() - sentBefore;
     EXPECT_LE(tested.forwarder.programmedChanges() - programmedBefore, sent + load.lastBatchRows());
   }

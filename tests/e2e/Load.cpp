@@ -33,7 +33,7 @@ std::set<uint32_t> referencesOf(const p4::v1::Entity& entity) {
   return named;
 }
 
-// Its own, and those of the members and the group behind a one-shot set.
+// Its own row, and the rows of the members and the group behind a one-shot set.
 uint64_t rowsOf(const p4::v1::Entity& entity) {
   const auto& action = entity.table_entry().action();
   if (!action.has_action_profile_action_set()) return 1;
@@ -217,8 +217,8 @@ bool Load::isReferenced(uint32_t number) const {
   return false;
 }
 
-// Whether an update can stand in the batch so far: whatever it names is there and stays as it is,
-// and nothing in the batch names it.
+// Whether an update can stand in the batch so far: its references exist and stay as they are, and
+// nothing in the batch refers to it.
 bool Load::independent(uint32_t number, const Numbers& references) const {
   return !referenced_.contains(number) &&
          std::all_of(references.begin(), references.end(), [this](uint32_t named) {

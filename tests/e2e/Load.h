@@ -30,21 +30,21 @@ class Load {
   void start();
   void stop();
   bool writing() const { return writing_; }                // false once a batch failed
-  uint64_t acknowledged() const { return acknowledged_; }  // batches, not those of the others
+  uint64_t acknowledged() const { return acknowledged_; }  // batches of its own
 
-  // One batch, while it does not run, whose updates may fail each for itself: those that did are
+  // One batch, while it does not run, whose updates may fail each for itself: failed updates are
   // not expected of the switch.
   TestSupport::WriteOutcome writeOnce();
 
   // After stop(). How the last batch failed; OK when none did.
   const TestSupport::WriteOutcome& failure() const;
-  // "" when the switch holds each thing as last acknowledged, and of the batch that was not
-  // answered all updates or none; else what is wrong. Takes what is there for granted afterwards.
+  // "" when the switch holds each object as last acknowledged, and of the batch without a response
+  // all updates or none; else the fault. Takes the switch's state for granted afterwards.
   std::string broken();
-  // The same update by update: some of the batch that was not answered may have failed.
+  // The same update by update: some of the batch without a response may have failed.
   std::string brokenApart();
   // After stop(): the most rows that the updates sent may have changed, acknowledged or not; and
-  // those of the last batch of each thread alone.
+  // the rows of the last batch of each thread alone.
   uint64_t sentRows() const;
   uint64_t lastBatchRows() const;
 
@@ -58,7 +58,7 @@ class Load {
   std::optional<p4::v1::Entity> made(uint32_t number);  // nothing: it has nothing to name yet
   p4::v1::ActionProfileGroup madeGroup(uint32_t id);
   std::optional<p4::v1::Entity> madeReference(uint32_t i);
-  uint32_t someOf(uint32_t from, uint32_t to);  // a thing there is; 0: there is none
+  uint32_t someOf(uint32_t from, uint32_t to);  // an existing one; 0: none exists
   bool isReferenced(uint32_t number) const;
   bool independent(uint32_t number, const Numbers& references) const;
   TestSupport::View viewOf(const Things& things) const;

@@ -23,7 +23,7 @@ class RouteWriter {
   // Looks whether the last Write, if it was not answered, took effect.
   void settle(const TestSupport::View& found);
   TestSupport::View view() const;  // the entries that the switch must hold, once settled
-  // The most rows that its Writes may have changed; and those of the last one alone.
+  // The most rows that its Writes may have changed; and the rows of the last one alone.
   uint64_t sentRows() const { return sentRows_; }
   uint64_t lastRows() const { return lastRows_; }
 

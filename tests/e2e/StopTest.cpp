@@ -74,7 +74,7 @@ TEST(AgentStopped, AtAnyInstantOfStartAndLoadKeepsWhatItConfirmed) {
   }
 }
 
-// While it waits for a forwarding agent that never answers, and for a Write that is waiting so.
+// While it waits for a silent forwarding agent, and for a Write that waits for the same one.
 TEST(AgentStopped, WhileAWriteWaitsEndsTheControllersCall) {
   Switch tested({.forwarder = {"--silent"}});
   ASSERT_TRUE(tested.start());

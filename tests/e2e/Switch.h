@@ -67,7 +67,7 @@ class Switch {
   TestSupport::WriteOutcome insertRoutes(uint32_t from, uint32_t to, uint32_t nexthop);
 
   // "" when controller, caches, rows and forwarder agree and every record is stable, or do so
-  // within a test's patience; else what differs. Only while nobody writes.
+  // within a test's patience; else the differences. Only while nobody writes.
   std::string disagreement();
 
  private:

@@ -62,7 +62,7 @@ bool WiredSwitch::start() {
   return Switch::start() && waitUntil([this] { return punts(); }, forwarder.process().descriptor());
 }
 
-// It finds the devices some time after it is ready to answer, and notes what is amiss in brackets.
+// It finds the devices some time after it serves `ctl`, and notes faults in brackets.
 bool WiredSwitch::punts() const {
   const std::string places = forwarder.ctl({"punt"}).output;
   bool all = places.find('(') == places.npos;

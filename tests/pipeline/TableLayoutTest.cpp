@@ -1,4 +1,4 @@
-// Table types for what P4 compilers emit, and what is refused by name.
+// Table types for the output of P4 compilers, and refusals by name.
 #include "pipeline/TableLayout.h"
 
 #include <cstring>

@@ -37,8 +37,8 @@ class AgentProcess {
 
   void start();
   void kill();  // SIGKILL
-  // Whether it answers a Read, which it does once all is restored. `query`: what to read; unless
-  // given, all tables.
+  // Whether it serves a Read, which it does once all is restored. `query`: the entries to read; by
+  // default all tables.
   bool waitServing(const p4::v1::TableEntry& query = {});
   bool startServing();  // both; its output is in output()
   Process& process() { return *process_; }

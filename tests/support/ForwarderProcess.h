@@ -18,7 +18,7 @@ class ForwarderProcess {
 
   void start();
   void kill();       // SIGKILL
-  bool waitReady();  // answers `ctl`
+  bool waitReady();  // it serves `ctl`
   bool waitAttached();
   Process& process() { return *process_; }
   std::string output() const;  // both outputs of all starts

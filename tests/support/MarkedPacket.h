@@ -1,4 +1,4 @@
-// Packets that tell which one they are, and a checker who finds what went missing, came twice, came
+// Packets with a number, and a checker that finds packets that went missing, came twice, came
 // out of order or came changed.
 #pragma once
 
@@ -13,7 +13,7 @@
 namespace TestSupport {
 
 struct PacketMark {
-  uint32_t stream = 0;  // who sent it
+  uint32_t stream = 0;  // of the sender
   uint32_t port = 0;
   uint64_t sequence = 0;  // counted from 0 in each stream and port
 };
@@ -35,8 +35,8 @@ class PacketChecker {
   uint64_t count() const;
   uint64_t count(uint32_t stream, uint32_t port) const;
   uint64_t last(uint32_t stream, uint32_t port) const;  // its sequence number
-  // "" when all that came is what was sent, in order, from the first of each stream and port to the
-  // last that came; else what is wrong. `maybeLost`: gaps are no fault.
+  // "" when all packets of each stream and port came in order, from the first to the last that
+  // came; else the fault. `maybeLost`: gaps are no fault.
   std::string faults(bool maybeLost = false) const;
 
  private:

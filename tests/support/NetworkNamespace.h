@@ -1,5 +1,5 @@
 // A network namespace of the test's own, with the devices that it makes there. All of it goes when
-// the test's process and its children have ended, whatever way they end.
+// the test's process and its children have ended, in any way.
 #pragma once
 
 #include <string>
@@ -7,16 +7,17 @@
 namespace TestSupport {
 
 // Moves this process into a new network namespace, with the loopback device up and no IPv6, so that
-// only what is sent is on the wire. Call it while the process has one thread; its threads and
-// children made later are in there, too. "" or why it is not permitted: it takes root, and not that
-// of a user namespace, whose sockets get no buffers for bursts.
+// only the test's packets are on the wire. Call it while the process has one thread; its threads
+// and children made later are in there, too. "" or why it is not permitted: it takes root, and not
+// that of a user namespace, whose sockets get no buffers for bursts.
 std::string enteredNetworkNamespace();
 
 // In this process's namespace; each throws std::runtime_error.
 void ip(const std::string& arguments);                // runs `ip ARGUMENTS`, split at blanks
 void deviceUpIs(const std::string& device, bool up);  // by ioctl: a thousand times a second
 
-// Two devices, each of which receives what is sent through the other; up. Deleted with the object.
+// Two devices, each of which receives the packets sent through the other; up. Deleted with the
+// object.
 class VethPair {
  public:
   VethPair(std::string name, std::string peer, unsigned mtuBytes = 9000);

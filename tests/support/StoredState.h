@@ -15,7 +15,7 @@ struct StoredState {
                 // meters that stand in the rows
   View rows;    // "table columns" to columns, as a dump shows them
   size_t unstable = 0;  // cache records in another state than stable
-  // What is damaged, has no counterpart, points at what is not there, or is pointed at by nobody
+  // Records that are damaged, have no counterpart, point at nothing, or are pointed at by nobody
   // though no controller knows it.
   std::vector<std::string> faults;
 };

@@ -69,8 +69,8 @@ class TestController {
   TestController(const std::string& address, uint64_t electionIdLow, uint64_t deviceId = 1);
   ~TestController();
 
-  // Opens the stream, or sends one more arbitration update, and answers what the server says to
-  // it: the code in the arbitration message, or that with which the stream ended.
+  // Opens the stream, or sends one more arbitration update. Returns the code in the server's
+  // arbitration message, or the code with which the stream ended.
   grpc::StatusCode arbitrate();
   bool becomePrimary() { return arbitrate() == grpc::StatusCode::OK; }
   void electionIdIs(uint64_t low) { electionIdLow_ = low; }  // the next arbitrate() brings it
@@ -122,7 +122,7 @@ class TestController {
   std::function<void(const p4::v1::PacketIn&)> packetIn_;
   std::atomic<size_t> streamErrorCount_{0};
 
-  std::mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // guards the members below
   std::condition_variable changed_;
   std::deque<grpc::StatusCode> notices_;
   std::deque<p4::v1::StreamError> streamErrors_;

@@ -1,5 +1,5 @@
 // The four pictures of the tables' content, which must agree whenever nothing is being written:
-// what a controller reads, the agent's cache records, its rows, and the forwarder's tables.
+// a controller's Reads, the agent's cache records, its rows, and the forwarder's tables.
 #pragma once
 
 #include <cstdint>

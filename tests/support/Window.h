@@ -1,4 +1,4 @@
-// How many packets may be on their way at once; who sends waits until one has arrived.
+// How many packets may be on their way at once; the sender waits until one has arrived.
 #pragma once
 
 #include <semaphore>

@@ -45,7 +45,7 @@ void DerivedFailures::recordProgrammed(const Report& report) {
   if (!failures_->isFailing(report.entryHandle)) failing_.erase(report.entryHandle);
 }
 
-// One walk over the rows for however many reports have come.
+// One walk over the rows for all reports that have come.
 void DerivedFailures::list() {
   if (unlisted_.empty()) return;
   const auto unlisted = std::exchange(unlisted_, {});

@@ -1,5 +1,5 @@
 // The reports of forwarding agents on the rows of queries. No batch waits for them; failures are
-// listed with those of other entries until the row is programmed or gone.
+// listed with the failures of other entries until the row is programmed or gone.
 #pragma once
 
 #include <cstdint>

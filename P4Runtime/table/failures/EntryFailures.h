@@ -14,8 +14,9 @@
 
 namespace P4Runtime {
 
-// At "p4runtime/status/failures". Used with the activity lock held. A failure belongs to an entry
-// and to the forwarding agent, `agent`, that reported it on the change `sequence`.
+// At "p4runtime/status/failures". A failure belongs to an entry and to the forwarding agent,
+// `agent`, that reported it on the change `sequence`.
+// Call with the activity lock held. Nothing throws. The agent and the state database share it.
 class EntryFailures : public Vela::Entity {
  public:
   explicit EntryFailures(std::string name) : Entity(std::move(name)) {}
@@ -27,7 +28,8 @@ class EntryFailures : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint64_t, failedEntries, 0)
   // The failures with table and key, one a line; the first thousand of them.
   VELA_READONLY_ATTRIBUTE(std::string, list, "")
-  // Failures that were reported on a row, or a change of it, that does not stand; none is listed.
+  // Failures that were reported on a row, or a change of it, that does not stand; they are not
+  // listed.
   VELA_READONLY_ATTRIBUTE(uint64_t, reportsOnNoRow, 0)
   // Objects that the last start or pipeline change found and could not restore, and why: one a
   // line; the first thousand of them.
@@ -40,7 +42,7 @@ class EntryFailures : public Vela::Entity {
   void failureDel(EntryHandle handle);  // of all agents, if there is any
   // The agent has programmed the change, and with it every earlier one of the entry.
   void programmedIs(EntryHandle handle, uint64_t agent, uint64_t sequence);
-  size_t agentDel(uint64_t agent);  // it has left; how many failures went with it
+  size_t agentDel(uint64_t agent);  // it has left; returns the number of its failures
   bool empty() const { return failures_.empty(); }
   bool isFailing(EntryHandle handle) const;  // for any agent
   void countReportOnNoRow() { reportsOnNoRowIs(reportsOnNoRow() + 1); }

@@ -27,6 +27,8 @@ enum class EntryState : uint32_t {
   stable = 2,              // programming confirmed
 };
 
+// A plain value: one thread at a time. An index or a size beyond 2,048 throws std::range_error and
+// leaves the record as it was.
 struct TableCacheEntry {
   static constexpr size_t headerSize = 48;
   static constexpr size_t stateAt = 16;  // where entryState stands
@@ -63,9 +65,9 @@ struct TableCacheEntry {
   // False, and nothing certain in the record, when the bytes are cut short, run long, or name an
   // unknown state or entry type.
   bool deserialize(const uint8_t* buffer, size_t length);
-  // How much room a reader should keep for the stored record; 0: the counts are not acceptable. The
-  // second count is looked for four bytes before where serialize() puts it: that is how the format
-  // has always been checked, so a reader that must not lose records asks deserialize() instead.
+  // How much room a reader should keep for the stored record; 0: the counts are not acceptable. It
+  // reads the second count four bytes before the place where serialize() puts it, which is kept for
+  // compatibility. A reader that must not lose records calls deserialize() instead.
   static size_t deserializeLen(const uint8_t* buffer, size_t length);
 
   friend bool operator==(const TableCacheEntry&, const TableCacheEntry&) = default;

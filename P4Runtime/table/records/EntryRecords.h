@@ -18,9 +18,10 @@ CacheKey recordKey(const ResourceId& rid, EntryHandle handle);
 // The state that a stored table record tells; nothing when it is not readable.
 std::optional<EntryState> storedState(Brine::Bytes record);
 
-// Call with the activity lock held. Throws Brine::StoreError when the state directory is full; the
-// former record then stands. Unless a function says otherwise, it does nothing, and finds nothing,
-// while the caches are not mounted.
+// Threads: call with the activity lock held.
+// Errors: throws Brine::StoreError when the state directory is full; the former record then stands.
+// While the caches are not mounted, functions do nothing and find nothing, or say otherwise.
+// Lifetime: the store, if any, outlives it. Caches stay valid until letGo().
 class EntryRecords {
  public:
   // `store` outlives this; null: the caches are never mounted.

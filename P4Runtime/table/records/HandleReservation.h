@@ -9,7 +9,7 @@
 
 namespace P4Runtime {
 
-// Entry handles are counted up from 1; one beyond this would not leave room to count on.
+// Entry handles are counted up from 1; a handle beyond this would leave no room to count on.
 inline constexpr EntryHandle largestEntryHandle = EntryHandle{1} << 61;
 
 // Call with the activity lock held; all that is handed in outlives this.

@@ -14,12 +14,11 @@
 
 namespace P4Runtime {
 
-// A cache of one kind of record. Throws Brine::StoreError when the state directory is full; the
-// former record then stands.
+// A cache of one kind of record. Call with the activity lock held. Throws Brine::StoreError when
+// the state directory is full; the former record then stands. The store outlives it.
 template <typename Record>
 class EntryCache : public Vela::RefCounted {
  public:
-  // `store` outlives this.
   EntryCache(Brine::Store& store, const std::string& tableName)
       : store_(store), table_(store.table(tableName)) {}
 

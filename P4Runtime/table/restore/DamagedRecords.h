@@ -18,7 +18,7 @@ class DamagedRecords {
   // Names the damaged records that were found since the last call, on standard error and in the
   // list of failures, with table and key as far as they can be told.
   std::vector<Brine::DamagedRecord> tell();
-  // Tells and removes them; counts those of entries, members and groups as unusable. A row
+  // Tells and removes them; counts records of entries, members and groups as unusable. A row
   // that the restore has written again stays.
   void removeAll(RestoreCounts& counts);
 

@@ -12,8 +12,8 @@ namespace P4Runtime {
 // handler puts that entry back.
 [[noreturn]] void refuse(ErrorCode code, const std::string& message, EntryHandle handle = 0);
 
-// Refuse with the texts that controllers know. The key's text says 2014 and both say "larger than"
-// although 1024 bytes are refused already: kept for compatibility.
+// Refuse with texts that are kept for compatibility: the key's text says 2014, and both say "larger
+// than" although 1024 bytes are refused already.
 void validateKeySize(size_t bytes);
 void validateActionSize(size_t bytes);
 

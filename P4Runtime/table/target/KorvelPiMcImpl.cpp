@@ -1,5 +1,5 @@
 // Multicast: acknowledged, but nothing is done and no handle is given out. Unlike clone sessions
-// these answer success, which callers rely on.
+// these return success; kept for compatibility.
 #include "PI/target/pi_mc_imp.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"

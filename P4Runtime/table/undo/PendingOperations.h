@@ -32,8 +32,10 @@ struct PendingOperation {
   std::string oldMetadata;               // the controller's metadata bytes
 };
 
-// Call with the activity lock held; all that is handed in outlives this. References to operations
-// are valid until the operation is taken or all are cleared.
+// Threads: call with the activity lock held.
+// Errors: without memory or a readable record newPendingOperation() throws, and nothing is pending.
+// Lifetime: batch status and records outlive it. References to operations are valid until the
+// operation is taken or all are cleared.
 class PendingOperations {
  public:
   PendingOperations(BatchStatus& batchStatus, const EntryRecords& records)

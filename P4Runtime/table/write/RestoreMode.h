@@ -18,7 +18,7 @@ class RestoreMode {
   // A restore runs while it lives.
   class Running;
 
-  // The restore is to write the entry's row, whatever stands there.
+  // The restore must write the entry's row, even over another one.
   void rewrite(EntryHandle handle) { rewritten_.insert(handle); }
   bool isRewritten(EntryHandle handle) const { return rewritten_.contains(handle); }
   void rewriteDelAll() { rewritten_.clear(); }

@@ -123,8 +123,8 @@ void checkDigest(const P4InfoIndex& index, const Entity& entity, bool isQuery) {
   refuse(code::invalidArgument, "the digest id is that of ", index.objectText(id));
 }
 
-// Whether the query is for all of a kind, of which there are none. Digests may be named, too: none
-// has been started.
+// Whether the query is for all entities of a kind that the device does not have. A query may also
+// name a digest: no digest has been started.
 bool asksForNothing(const Entity& entity) {
   const auto& replication = entity.packet_replication_engine_entry();
   switch (entity.entity_case()) {

@@ -47,8 +47,8 @@ class PacketHeaders {
       : out_(p4Info, "packet_out"), in_(p4Info, "packet_in") {}
 
   // The header and then the payload, as the target wants them. Throws a Refusal (INVALID_ARGUMENT,
-  // UNIMPLEMENTED) that names the field when the metadata are not those of packet_out, when a value
-  // does not fit its field, or when the payload is empty.
+  // UNIMPLEMENTED) that names the field when the metadata differ from packet_out's fields, when a
+  // value does not fit its field, or when the payload is empty.
   std::string packetOut(const p4::v1::PacketOut& packet) const;
 
   // Takes the target's header off the packet; values in their shortest form, in order of the ids.

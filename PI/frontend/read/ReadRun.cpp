@@ -10,7 +10,7 @@ namespace pi::fe::proto {
 
 namespace {
 
-// Each entry of a table is held against each of them.
+// Each entry of a table is compared with each of these queries.
 constexpr size_t kMostQueriesOfATable = 256;
 
 uint32_t bitOf(EntryForm form) { return 1u << static_cast<int>(form); }
@@ -203,7 +203,7 @@ void ReadRun::forEachTaking(const TableRead& read, const Entry& entry, Visit vis
   if (keyed != read.ofOneKey.end()) visitTaking(keyed->second);
 }
 
-// Once in each form, however many queries want it.
+// Once in each form, even if many queries want it.
 void ReadRun::maybePick(const TableRead& read, const Entry& entry) {
   uint32_t forms = 0;
   forEachTaking(read, entry,

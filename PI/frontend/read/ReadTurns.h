@@ -45,10 +45,10 @@ class ReadTurns {
   bool maybeTakeFromSender();
   void leaveFirst();
 
-  std::mutex mutex_;
+  std::mutex mutex_;  // guards the members below, and the waiters and senders
   size_t free_;
   std::deque<Waiter*> waiters_;
-  std::deque<Sender*> senders_;  // those whose turns may go to others, by time
+  std::deque<Sender*> senders_;  // their turns may go to others; by time
 };
 
 // A turn for a scope.

@@ -11,7 +11,7 @@
 namespace pi::fe::proto {
 
 // Owns a fetch result of the target. No lock may be held: the target takes its own. Throws a
-// Refusal (INTERNAL) when the target does not answer.
+// Refusal (INTERNAL) when the target fails.
 class FetchedTable {
  public:
   FetchedTable(const TargetSession& session, const TablePlan& table);

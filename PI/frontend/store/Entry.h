@@ -45,7 +45,8 @@ struct EntryKey {
   auto operator<=>(const EntryKey&) const = default;
 };
 
-// Filled in by its maker; nobody changes it once it is in the store. Any thread may then read it.
+// Threads: filled in by one thread; in the store it is constant, and any thread may read it.
+// Errors: only make() throws, when there is no memory. Lives as long as an EntryPtr holds it.
 class Entry {
  public:
   // Sizes in bytes. The bytes of key, action data and metadata are left for the caller to fill in.
@@ -71,7 +72,7 @@ class Entry {
   uint32_t tableId = 0;
   uint32_t priority = 0;
   uint32_t actionId = 0;
-  uint32_t position = 0;  // among those of its table; the store's, under its lock
+  uint32_t position = 0;  // among the entries of its table; set by the store, under its lock
   EntryKind kind = EntryKind::action;
   bool isConst = false;  // the target's own: controllers may not change or delete it
 

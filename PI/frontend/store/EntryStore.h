@@ -59,7 +59,7 @@ class EntryStore {
     return listOf(entry.tableId, entry.kind == EntryKind::groupObject);
   }
 
-  mutable std::mutex mutex_;
+  mutable std::mutex mutex_;  // guards the members up to the next blank line
   Set entries_;
   absl::flat_hash_map<uint64_t, EntryPages> pages_;  // by list
   EntryPages::Snapshots snapshots_;

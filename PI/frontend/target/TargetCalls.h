@@ -19,7 +19,7 @@ struct ActionBytes {
 ActionBytes actionBytes(const Entry& entry);  // of an action or a member
 
 // For one update within a batch, on the thread that runs the batch, without a lock. Errors are kept
-// in status(); nothing is thrown.
+// in status(); nothing is thrown. The session outlives it.
 class TargetCalls {
  public:
   TargetCalls(const TargetSession& session, uint32_t offset) : session_(session), offset_(offset) {}

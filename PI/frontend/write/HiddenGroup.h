@@ -6,8 +6,8 @@
 
 namespace pi::fe::proto {
 
-// For an entry with a set: makes its group and members as the set says, out of those of `former`
-// (may be null), changing only the differences. Enters the handles into `entry`.
+// For an entry with a set: makes the group and members of the set. Those of `former` (may be null)
+// are used again, and only the differences are changed. Enters the handles into `entry`.
 void doBuildHiddenGroup(const TablePlan& table, const Entry* former, Entry* entry,
                         TargetCalls* calls);
 

@@ -107,8 +107,8 @@ void WriteRun::doEndBatch(StatusVector* statuses) {
   _pi_update_pending_status(statuses);
 }
 
-// After an exception such as bad_alloc: the target must not keep the batch open, and undoes what
-// failed.
+// After an exception such as bad_alloc: the target must not keep the batch open, and undoes the
+// failed updates.
 void WriteRun::doAbandonBatch(StatusVector* statuses) {
   if (!batchOpen_) return;
   for (auto& [offset, error] : *statuses) error.set_canonical_code(code::internal);

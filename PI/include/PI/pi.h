@@ -24,8 +24,8 @@ typedef struct {
 /* Initialises the target; without effect while initialised. remote_addr may be NULL; this build
  * has its target in the process and does not use it. */
 pi_status_t pi_init(size_t max_devices, pi_remote_addr_t* remote_addr);
-/* Lets the target go, which removes its device itself; then removes what is still assigned.
- * Answers what the target answered. */
+/* Lets the target go, which removes its device itself; then removes the devices still assigned.
+ * Returns the target's status. */
 pi_status_t pi_destroy(void);
 
 /* The caller owns p4info and keeps it until the device is removed and all its calls returned.

@@ -11,7 +11,7 @@ extern "C" {
 /* Defined in PI/int/pi_int.h. */
 typedef struct pi_act_prof_fetch_res_s pi_act_prof_fetch_res_t;
 
-/* Each hands its arguments to the target function of the same name and answers its status. */
+/* Each hands its arguments to the target function of the same name and returns its status. */
 pi_status_t pi_act_prof_mbr_create(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                    pi_p4_id_t act_prof_id, const pi_action_data_t* action_data,
                                    pi_indirect_handle_t* mbr_handle);
@@ -44,9 +44,9 @@ pi_status_t pi_act_prof_entries_fetch_done(pi_session_handle_t session_handle,
                                            pi_act_prof_fetch_res_t* res);
 size_t pi_act_prof_mbrs_num(const pi_act_prof_fetch_res_t* res);
 size_t pi_act_prof_grps_num(const pi_act_prof_fetch_res_t* res);
-/* The next member or group; what they point to lasts until the next call of the same function with
- * the same result. OUT_OF_BOUND_IDX after the last one. BUFFER_ERROR, for this call and all later
- * ones, when what the target wrote is cut short or inconsistent. */
+/* The next member or group. The objects behind the pointers last until the next call of the same
+ * function with the same result. OUT_OF_BOUND_IDX after the last one. BUFFER_ERROR, for this call
+ * and all later ones, when the target's bytes are cut short or inconsistent. */
 pi_status_t pi_act_prof_mbrs_next(pi_act_prof_fetch_res_t* res, pi_action_data_t** action_data,
                                   pi_indirect_handle_t* mbr_handle);
 pi_status_t pi_act_prof_grps_next(pi_act_prof_fetch_res_t* res, pi_indirect_handle_t** mbr_handles,

@@ -29,7 +29,7 @@ typedef struct pi_p4info_s pi_p4info_t;
 /* 0 neither reads nor writes, 1 reads only, 2 reads and writes. */
 typedef uint32_t pi_operation_permission_level_t;
 
-/* The top 8 bits of an id say what kind of object it names. */
+/* The top 8 bits of an id are the kind of its object. */
 typedef enum {
   PI_ACTION_ID = 0x01,
   PI_TABLE_ID = 0x02,

@@ -24,7 +24,7 @@ typedef struct {
 
 typedef void (*PICounterHwSyncCb)(pi_dev_id_t dev_id, pi_p4_id_t counter_id, void* cb_cookie);
 
-/* Each hands its arguments to the target function of the same name and answers its status. */
+/* Each hands its arguments to the target function of the same name and returns its status. */
 pi_status_t pi_counter_read(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                             pi_p4_id_t counter_id, size_t index, int flags,
                             pi_counter_data_t* counter_data);

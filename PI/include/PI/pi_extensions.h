@@ -1,5 +1,5 @@
-/* What this build of the library tells its target about the update being run, and what the target
- * tells the library on its own account. */
+/* Functions by which the library tells its target about the update being run, and the target tells
+ * the library of events on its own account. */
 #pragma once
 
 #include "PI/pi_base.h"
@@ -39,11 +39,11 @@ pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
                                                   const pi_entry_handle_t* entry_handle,
                                                   uint32_t error_code);
 
-/* After a restart the target hands back what survived, members before groups before table entries,
- * before any controller's request is served; then it says that it has restored all. The metadata
- * are the bytes that stood in pi_batch_current_metadata() when the object was last written. A
- * controller's id of 0 is that of a member or group that the front end made on its own account. An
- * entry with a direct meter that was set comes with its direct_res_config. */
+/* After a restart the target hands back all surviving objects, members before groups before table
+ * entries, before any controller's request is served; then it says that it has restored all. The
+ * metadata are the bytes that stood in pi_batch_current_metadata() when the object was last
+ * written. A member or group that the front end made on its own account has the controller's id 0.
+ * An entry with a direct meter that was set comes with its direct_res_config. */
 pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
                                          const pi_match_key_t* match_key,
                                          const pi_table_entry_t* table_entry,

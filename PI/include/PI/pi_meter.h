@@ -30,7 +30,7 @@ typedef struct {
   pi_meter_type_t meter_type;
 } pi_meter_spec_t;
 
-/* Each hands its arguments to the target function of the same name and answers its status. */
+/* Each hands its arguments to the target function of the same name and returns its status. */
 pi_status_t pi_meter_read(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                           pi_p4_id_t meter_id, size_t index, pi_meter_spec_t* meter_spec);
 pi_status_t pi_meter_set(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,

@@ -70,7 +70,7 @@ typedef struct {
   pi_table_entry_t entry;
 } pi_table_ma_entry_t;
 
-/* Each hands its arguments to the target function of the same name and answers its status. */
+/* Each hands its arguments to the target function of the same name and returns its status. */
 pi_status_t pi_table_entry_add(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                pi_p4_id_t table_id, const pi_match_key_t* match_key,
                                const pi_table_entry_t* table_entry, int overwrite,
@@ -99,9 +99,9 @@ pi_status_t pi_table_entries_fetch(pi_session_handle_t session_handle, pi_dev_id
 pi_status_t pi_table_entries_fetch_done(pi_session_handle_t session_handle,
                                         pi_table_fetch_res_t* res);
 size_t pi_table_entries_num(const pi_table_fetch_res_t* res);
-/* The next entry; what *entry points to lasts until the next call with the same result.
- * OUT_OF_BOUND_IDX after the last entry. BUFFER_ERROR, for this call and all later ones, when what
- * the target wrote is cut short or no entry. */
+/* The next entry. The objects behind the pointers last until the next call with the same result.
+ * OUT_OF_BOUND_IDX after the last entry. BUFFER_ERROR, for this call and all later ones, when the
+ * target's bytes are cut short or no entry. */
 pi_status_t pi_table_entries_next(pi_table_fetch_res_t* res, pi_table_ma_entry_t* entry,
                                   pi_entry_handle_t* entry_handle);
 

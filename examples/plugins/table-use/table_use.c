@@ -47,7 +47,7 @@ static table* table_named(statistics* self, const korvel_table_use* use) {
     return NULL;
   }
   strcpy(one->name, use->name);
-  one->entries = use->entries; /* what was there before is no change */
+  one->entries = use->entries; /* former entries are no change */
   one->next = self->tables;
   self->tables = one;
   return one;

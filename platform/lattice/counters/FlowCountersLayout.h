@@ -18,7 +18,7 @@ inline std::string flowCountersRoot(const std::string& stateDirectory) {
 
 // The folder of a forwarding agent of that name: letters, digits, '-' and '_' stand as they are,
 // any other byte as '%' and two hex digits. So no two names share a folder, none leads out of the
-// root, and whatever else lies there (a damaged store set aside) has a '.' in its name.
+// root, and other folders there (a damaged store set aside) have a '.' in its name.
 std::string flowCountersFolder(std::string_view forwarderName);
 inline bool isFlowCountersFolder(std::string_view file) {
   return file.find('.') == std::string_view::npos;

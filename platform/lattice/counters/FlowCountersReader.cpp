@@ -1,5 +1,5 @@
-// Reads the counts of all forwarding agents: keeps their stores open, and looks for what came, went
-// or was replaced at the price of one fstat() a look-up.
+// Reads the counts of all forwarding agents: keeps their stores open, and looks for stores that
+// came, went or were replaced at the price of one fstat() a look-up.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>

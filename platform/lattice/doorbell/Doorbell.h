@@ -62,7 +62,7 @@ class Doorbell {
   ReportBook book_;
   std::string buffer_;             // of the message being read
   std::vector<Report> reports_;    // of the message being read
-  std::deque<std::string> texts_;  // of reports_, those that had to be mended
+  std::deque<std::string> texts_;  // texts of reports_ that had to be mended
   uint64_t lastId_ = 0;
   uint64_t droppedMessages_ = 0;
   Vela::UnixServer server_;

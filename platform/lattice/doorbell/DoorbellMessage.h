@@ -31,7 +31,7 @@ struct AttachMessage {
   static std::optional<AttachMessage> decode(std::string_view message);
 };
 
-// The agent's answer: the tables are open to the subscriber.  identity
+// The agent's response: the tables are open to the subscriber.  identity
 struct AttachedMessage {
   StoreIdentity identity{};
   std::string encode() const;
@@ -101,7 +101,7 @@ struct InStepMessage {
 };
 
 std::optional<MessageKind> messageKind(std::string_view message);  // of this version
-// Whether it is an attach message of another version: that sender is worth an answer.
+// Whether it is an attach message of another version: its sender gets a refusal in words.
 bool isForeignAttach(std::string_view message);
 
 }  // namespace Lattice

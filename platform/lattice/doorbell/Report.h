@@ -36,7 +36,7 @@ struct SubscriberInfo {
 struct SubscriberObserver {
   // A group of reports, checked for form only.
   std::function<void(std::span<const Report>)> reports;
-  // Every attached subscriber has all changes up to `sequence`, those without a report included.
+  // Every attached subscriber has all changes up to `sequence`, even changes without a report.
   std::function<void(uint64_t sequence)> inStep;
   // The number of attached subscribers, each time that it changes.
   std::function<void(size_t)> attached;

@@ -35,9 +35,9 @@ inline std::string_view takeColumn(Unpacker& bytes, const Column& column) {
   return bytes.takeBytes(column.size);
 }
 
-// Calls visitor.column(part, column, bytes) for each column of the value in order, those without
-// bytes left out, and visitor.action(layout) between an action's id and its fields. Ends at the
-// first fault: the visitor has then seen the columns before it.
+// Calls visitor.column(part, column, bytes) for each column of the value that has bytes, in order,
+// and visitor.action(layout) between an action's id and its fields. Ends at the first fault: the
+// visitor has then seen the columns before it.
 template <typename Visitor>
 ValueFit walkValue(const TableType& type, std::string_view value, Visitor&& visitor) {
   using Fault = ValueFit::Fault;
@@ -74,13 +74,12 @@ ValueFit walkValue(const TableType& type, std::string_view value, Visitor&& visi
 // Looks at nothing but the layout.
 ValueFit fitOfValue(const TableType& type, std::string_view value);
 
-// Where the column of that name and type stands in each value of the table; nothing when there is
-// none, or when the columns before it take different room in different values.
+// Where the column of that name and type stands in each value of the table. Nothing without such a
+// column, or when the columns before it take different room in different values.
 std::optional<uint32_t> offsetOfColumn(const TableType& table, std::string_view name,
                                        ColumnType type);
 
-// The elements of a value that is one U32 array; of an array that is cut short those that are
-// there.
+// The elements of a value that is one U32 array; of a cut array the whole elements.
 std::vector<uint32_t> elementsOfArray(std::string_view value);
 
 // Calls visit(column, bytes) for each key column in order; false, and no call, when the key has

@@ -31,7 +31,7 @@
 
 namespace Lattice {
 
-// The definition, or a field list, is wrong; the message names type, line and what was expected.
+// The definition, or a field list, is wrong; the message names type, line and the expected text.
 class TypeError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -11,7 +11,7 @@ namespace Lattice {
 namespace {
 
 constexpr uint32_t maxBytesColumn = 1024;
-constexpr uint32_t maxKeySize = 2048;  // what the store takes
+constexpr uint32_t maxKeySize = 2048;  // the store takes no longer ones
 constexpr size_t maxColumns = 4096;
 
 // Splits a definition into words, numbers and single punctuation characters.

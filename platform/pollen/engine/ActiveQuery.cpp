@@ -133,8 +133,8 @@ void ActiveQuery::doStep(size_t rows) {
   }
 }
 
-// The inputs come into sight one after the other, and row by row: at any time the output is what
-// the rows in sight give.
+// The inputs come into sight one after the other, and row by row: at any time the output is the
+// result over the rows in sight.
 void ActiveQuery::doBegin() {
   phase_ = Phase::loading;
   reading_ = 0;

@@ -28,11 +28,12 @@ struct QuerySpec {
 void bindParameters(sqlite3_stmt* statement, const std::map<std::string, std::string>& parameters);
 
 // First build() is called again and again, on turns of the reactor outside any batch; from then
-// on, changesAre() before each commit keeps the output up to date. Both throw QueryError, after
-// which only clear() makes sense, and Brine::StoreError. Call with the activity lock held.
+// on, changesAre() before each commit keeps the output up to date.
+// Threads: call with the activity lock held. Errors: both throw QueryError, after which only
+// clear() makes sense, and Brine::StoreError. Lifetime: owns inputs and output.
 class ActiveQuery {
  public:
-  // The inputs are those in QueryMethod::read.
+  // The inputs are the tables in QueryMethod::read.
   ActiveQuery(const QuerySpec& spec, std::vector<std::unique_ptr<InputTable>> inputs,
               std::unique_ptr<OutputTable> output);
 

@@ -21,8 +21,8 @@ struct SignedRow {
   int sign = 1;
 };
 
-// Call with the activity lock held. Throws Brine::StoreError where the store does; row views last
-// until the next write of the table.
+// Threads: call with the activity lock held. Errors: Brine::StoreError from the store. Lifetime:
+// owns its watch; row views last until the next write of the table.
 class InputTable {
  public:
   InputTable(std::string name, std::string tableName,
@@ -36,8 +36,8 @@ class InputTable {
   size_t columnCount() const { return isInteger_.size(); }
   size_t rowCount() { return watch_->rows().count(); }
 
-  // Sets the rows that are seen: those of the last commit, or the present ones; all, or those below
-  // a key.
+  // Choose the rows that are seen: beforeIs(), the rows of the last commit or the present ones;
+  // seenIs(), all rows or the rows below a key.
   void beforeIs(bool before) { before_ = before; }
   enum class Seen { none, belowLimit, all };
   void seenIs(Seen seen, std::string limit = {});

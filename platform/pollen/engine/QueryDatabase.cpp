@@ -69,7 +69,7 @@ SqlStatement QueryDatabase::prepare(const std::string& text, std::optional<size_
   return statement;
 }
 
-// "SCAN r VIRTUAL TABLE INDEX 5:2": the answer of bestIndex() for a plan that SQLite chose.
+// "SCAN r VIRTUAL TABLE INDEX 5:2": a result of bestIndex() in the plan that SQLite chose.
 void QueryDatabase::keepIndexesOf(const std::string& text) {
   constexpr std::string_view mark = "VIRTUAL TABLE INDEX ";
   sqlite3_stmt* raw = nullptr;

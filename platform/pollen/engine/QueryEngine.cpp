@@ -164,7 +164,7 @@ void QueryEngine::update(Query& query) try {
   }
   query.active->changesAre();
   if (!query.active->output().inconsistent()) return;
-  SCRIVEL_TRACE(0, "query is built anew: a row went that never came: ", query.spec.path);
+  SCRIVEL_TRACE(0, "query is built again: a row went that never came: ", query.spec.path);
   query.active->clear();
   stateIs(query, State::building);
   schedule();

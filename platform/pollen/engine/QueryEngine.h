@@ -14,7 +14,7 @@
 
 namespace Pollen {
 
-// What has become of a query.
+// How far a query has come.
 struct QueryProgress {
   enum class State {
     none,      // not known
@@ -32,13 +32,16 @@ struct QueryProgress {
   bool atRows = false;        // failed, but with other rows it would not have
 };
 
-// Call with the activity lock held. Rows of inputs and outputs are in the same commits. Queries are
-// brought up to date in the order of their queryIs(), so that a query comes after those whose
-// output it reads. Building a query takes turns of the reactor, with commits between them. A query
-// that failed at some rows is tried again when its inputs change.
+// Threads: call with the activity lock held; handlers run with it held.
+// Errors: a failed query has a state and a reason, and concerns no other; onBeforeCommit() throws
+// Brine::StoreError, which fails the commit.
+// Lifetime: loop, database and the objects that handlers use outlive it.
+// Rows of inputs and outputs are in the same commits. Queries are brought up to date in the order
+// of their queryIs(), so that a query comes after the queries whose output it reads. Building a
+// query takes turns of the reactor, with commits between them. A query that failed at some rows is
+// tried again when its inputs change.
 class QueryEngine final : public Lattice::CommitObserver {
  public:
-  // Loop and database outlive it.
   QueryEngine(Vela::ReactorLoop& loop, Lattice::Database& database);
   ~QueryEngine() override;
 
@@ -50,7 +53,7 @@ class QueryEngine final : public Lattice::CommitObserver {
   void derivedRowHandlerIs(DerivedRowHandler handler) { derivedRowHandler_ = std::move(handler); }
 
   // Starts a query; small tables are done when it returns. Replaces a former query with that path,
-  // and takes over those rows of the output table that the new query gives, too.
+  // and takes over the rows of the output table that the new query gives, too.
   void queryIs(QuerySpec spec, Vela::Ptr<Lattice::ArTableInterface> output);
   void queryDel(const std::string& path);  // the rows stay
   QueryProgress progress(const std::string& path) const;
@@ -74,7 +77,7 @@ class QueryEngine final : public Lattice::CommitObserver {
     std::string reason;
     bool finished = false;  // a one-shot that is done: `active` goes with the commit
     QueryProgress last;     // of a finished one
-    bool hopeless = false;  // failed whatever the rows
+    bool hopeless = false;  // failed, and would with any rows
   };
   Query* find(const std::string& path);
   void doBegin(Query& query);

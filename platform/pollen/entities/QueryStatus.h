@@ -17,7 +17,7 @@ class QueryStatus final : public Vela::Entity {
   const char* typeName() const override { return "Pollen::QueryStatus"; }
 
   VELA_READONLY_ATTRIBUTE(bool, defined, false)  // its text is valid for its tables
-  VELA_READONLY_ATTRIBUTE(bool, active, false)   // its output table is what the query means
+  VELA_READONLY_ATTRIBUTE(bool, active, false)   // its output table is up to date
   VELA_READONLY_ATTRIBUTE(std::string, reason)   // empty: no failure
   // Below: brought up to date with QueryConfigSm::publishStatuses().
   VELA_READONLY_ATTRIBUTE(std::string, method)   // "incremental: join"; how it is kept

@@ -37,7 +37,7 @@ AddressPtr address(const std::string& mac) {
   return group ? AddressPtr(nullptr, nl_addr_put) : std::move(result);
 }
 
-// One device and what is asked of it.
+// One device and the changes asked of it.
 class Change {
  public:
   explicit Change(const std::string& device) : socket_(routeSocket()) {

@@ -38,7 +38,7 @@ class TapDevice final {
   void doEmpty();
   const std::string name_;
   int descriptor_ = -1;
-  bool attached_ = false;  // our queue, among those of the device
+  bool attached_ = false;  // our queue is one of the device's
   unsigned written_ = 0;
 };
 

@@ -1,5 +1,4 @@
-// Devices are kept by index, which is what the kernel knows them by; the directory has them by
-// name.
+// Devices are kept by index, as the kernel does; the directory has them by name.
 #include "platform/wirra/devices/KernelNetInterfaceSm.h"
 
 #include <chrono>

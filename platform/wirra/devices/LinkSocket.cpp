@@ -91,7 +91,8 @@ bool LinkEvents::read(size_t most, std::vector<Link>* links) {
   return true;
 }
 
-// What waits is older than what was lost, so it must not be applied after all devices were read.
+// Waiting events are older than the lost ones: they must not be applied after all devices were
+// read.
 void LinkEvents::discard() {
   char byte = 0;
   while (recv(descriptor(), &byte, sizeof byte, MSG_DONTWAIT) >= 0 || errno == ENOBUFS ||

@@ -1,5 +1,5 @@
 // Reading and sending go on until the socket has no more or takes no more; the kernel's errors are
-// told apart by what the caller can do about them.
+// told apart by the caller's choices.
 #include "platform/wirra/packets/PacketAccessManager.h"
 
 #include <linux/if_ether.h>
@@ -170,8 +170,8 @@ SendResult PacketAccessManager::Impl::resultOf(int error) {
   }
 }
 
-// Sends the packets up to the first with a fault of its own, as far as the device takes them; how
-// many went. When that is none, errno says why.
+// Sends the packets up to the first with a fault of its own, as far as the device takes them;
+// returns their number. At 0 errno says why.
 size_t PacketAccessManager::Impl::sendRun(std::span<const Packet::Ptr> packets,
                                           std::vector<SendResult>* results) {
   iovec bytes[mostSendBatch];
@@ -197,7 +197,7 @@ size_t PacketAccessManager::Impl::sendRun(std::span<const Packet::Ptr> packets,
 }
 
 // The kernel says "no space" for good, too: of a veth whose other end has a smaller MTU, of a queue
-// that nobody empties. Whoever waited for that would hold up what waits behind it forever.
+// that nobody empties. To wait for that would hold up the packets behind it forever.
 bool PacketAccessManager::Impl::isHopeless(size_t size) {
   if (size < hopelessSize && delays < mostDelays) return false;
   hopelessSize = std::min(hopelessSize, size);

@@ -14,7 +14,7 @@ namespace Wirra {
 
 namespace {
 
-// What the kernel may hold for us while the reactor is busy with something else.
+// The kernel's buffer for packets that come while the reactor is busy.
 constexpr int receiveBufferBytes = 64 << 20;
 constexpr int sendBufferBytes = 4 << 20;
 
@@ -22,7 +22,7 @@ void optionIs(int descriptor, int level, int option, int value) {
   setsockopt(descriptor, level, option, &value, sizeof value);  // best effort
 }
 
-// Beyond the system's limits where we may, up to them otherwise.
+// Goes beyond the system's limit if this process may, and up to it otherwise.
 void bufferIs(int descriptor, int force, int plain, int bytes) {
   if (setsockopt(descriptor, SOL_SOCKET, force, &bytes, sizeof bytes) == 0) return;
   optionIs(descriptor, SOL_SOCKET, plain, bytes);
@@ -49,7 +49,7 @@ void PacketSocket::doPrepareReceive() {
   bufferIs(descriptor_, SO_RCVBUFFORCE, SO_RCVBUF, receiveBufferBytes);
   optionIs(descriptor_, SOL_PACKET, PACKET_IGNORE_OUTGOING, 1);  // since Linux 4.20
   optionIs(descriptor_, SOL_PACKET, PACKET_AUXDATA, 1);
-  // A port of a switch takes what is addressed to others.
+  // A port of a switch takes packets for other addresses.
   packet_mreq promiscuous{};
   promiscuous.mr_ifindex = ifIndex_;
   promiscuous.mr_type = PACKET_MR_PROMISC;

@@ -56,7 +56,7 @@ int ReceiveBatch::read(int descriptor, size_t most) {
   const size_t wanted = std::min(most, mostFrames);
   for (size_t i = 0; i < wanted; ++i)
     messages_[i].msg_hdr.msg_controllen = sizeof slots_[i].control;
-  // MSG_TRUNC: the length as it was, also of what does not fit.
+  // MSG_TRUNC: the whole length, also of a packet that does not fit.
   return recvmmsg(descriptor, messages_, static_cast<unsigned>(wanted), MSG_DONTWAIT | MSG_TRUNC,
                   nullptr);
 }

@@ -11,7 +11,7 @@
 namespace Wirra {
 
 // A packet as it came: the kernel takes a VLAN tag out of the bytes and reports it beside them, and
-// does not sum up what hardware would.
+// leaves out checksums that hardware would compute.
 struct Frame {
   std::span<const uint8_t> bytes;  // valid until the batch reads again
   bool tooLong = false;            // `bytes` are its beginning only

@@ -156,7 +156,7 @@ TEST_F(CliSmTest, TheEndWaitsForAnswersOnTheirWay) {
   EXPECT_EQ(ends, 2);
   place("dead", "echo", R"(["bye"])");
   turn();
-  end();  // and whoever asked takes it never: a timer ends the waiting
+  end();  // and no requester ever takes it: a timer ends the waiting
   loop.run();
   EXPECT_EQ(ends, 3);
 }

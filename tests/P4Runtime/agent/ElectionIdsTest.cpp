@@ -1,4 +1,4 @@
-// Election ids in the store: what a restart finds, and what becomes of them when there is no room
+// Election ids in the store, across restarts and when there is no room
 // or a batch is open.
 #include "P4Runtime/agent/ElectionIds.h"
 
@@ -74,8 +74,8 @@ TEST_F(ElectionIdsTest, AreKeptLaterWhenThereIsNoRoomNow) {
   uint64_t id = 8;
   while (ids_->idIs({id, std::string(2000, 'r')}, {0, id})) ASSERT_LT(++id, 100'000u);
   EXPECT_EQ(ids_->keepUnkept(), 1u);
-  // To remove the whole table would take more pages than are left; and what one commit frees, only
-  // the next but one can use.
+  // To remove the whole table would take more pages than are left; and the pages that one commit
+  // frees, only the next but one can use.
   for (char filler = 0; filler < 8; ++filler) {
     const Vela::ActivityLock lock;
     const std::string key{'k', filler};

@@ -1,4 +1,4 @@
-// What becomes of the agent when its own server refuses its pipeline, or does not answer.
+// The agent's end when its own server refuses its pipeline, or does not respond.
 #include "P4Runtime/agent/P4RuntimeLocalController.h"
 
 #include <gmock/gmock.h>

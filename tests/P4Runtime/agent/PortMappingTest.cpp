@@ -82,7 +82,7 @@ TEST_F(PortMappingTest, ACommandThatIsRefusedChangesNothing) {
   for (const auto& [port, intf] : {std::pair("5", "veth0"), {"6", "veth1"}, {"7", "veth0"}}) {
     map(port, intf);
   }
-  start();  // 7 waits for what 5 has
+  start();  // 7 waits for the interface of 5
   const CliCommand command = cliCommands(*database).at("port map");
   const auto before = inForce();
   for (const char* intf : {"veth1", "a-name-of-16-chars", "p4controller", ""}) {

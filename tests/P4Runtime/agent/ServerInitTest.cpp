@@ -1,4 +1,4 @@
-// When the server may serve, and what it has then: restored and constant entries.
+// When the server may serve, with restored and constant entries.
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -115,7 +115,7 @@ TEST_F(ServerInitTest, TheServerShowsItselfAndRefusesWhatWouldTakeItDown) {
   EXPECT_EQ(level(), 0u) << "no operator opens a closed gate";
 }
 
-// A configuration file may say what `korvel set` refuses.
+// A configuration file may hold values that `korvel set` refuses.
 TEST_F(ServerInitTest, LimitsThatShutEverybodyOutEndTheStart) {
   const Vela::ActivityLock lock;
   const auto config = Vela::make<P4RuntimeConfig::P4RtSystemConfig>("system");
@@ -260,7 +260,7 @@ TEST_F(ServerInitTest, ConstantEntriesAreProgrammedOnceInTheLifeOfTheirRows) {
   EXPECT_EQ(agent().frontEnd.restored.size(), 2u);
 }
 
-// A controller cannot delete what came with the former pipeline, nor change it.
+// A controller can neither delete nor change constant entries of the former pipeline.
 TEST_F(ServerInitTest, ConstantEntriesFollowThePipeline) {
   serverReady();
   const Entry first{constantTable, bytes("0a"), setPort, bytes("00ff")};

@@ -1,4 +1,4 @@
-// Enabling and disabling: who is asked what, in which order, and what a change of mind does.
+// Enabling and disabling: the requests to each part, their order, and a change of mind.
 #include <functional>
 
 #include "P4Runtime/agent/P4RtSystemConfigSm.h"
@@ -41,7 +41,7 @@ class SystemConfigTest : public AgentTest {
     plugin(name).cleanupRequestIdIs(all_->cleanupRequestId());
     plugin(name).disableRequestIdIs(all_->disableRequestId());
   }
-  std::string picture() const {  // enabled, exit, and who was asked how often
+  std::string picture() const {  // enabled, exit, and the requests to each
     return std::string(parts().status->enabled() ? "enabled" : "disabled") +
            (agentConfig_->exitRequested() ? " exit" : "") + " cleanup " +
            std::to_string(all_->cleanupRequestId()) + " disable " +
@@ -120,7 +120,7 @@ TEST_F(SystemConfigTest, NothingIsDisabledThatWasNotEnabled) {
   EXPECT_NE(agent().program(exactEntry(1)), 0u);
 }
 
-// Its answer, and what it needs to be put back, come before anything is let go.
+// Its responses, and the undoing of its failures, come before anything is let go.
 TEST_F(SystemConfigTest, WriteInProgressIsSettledFirst) {
   agent().program(exactEntry(1, 5));
   const std::string former = *agent().row("exact");
@@ -136,7 +136,7 @@ TEST_F(SystemConfigTest, WriteInProgressIsSettledFirst) {
     if (enabledAgain) enabledIs(true);
     forwarder().failNext(ErrorCode::hardwareError, "no");
     EXPECT_EQ(agent().outcome().size(), 1u);
-    forwarder().programAll();  // what was put back
+    forwarder().programAll();  // the entries put back
     agent().settle();
     if (!enabledAgain) break;
     EXPECT_EQ(picture(), "enabled cleanup 1 disable 0");

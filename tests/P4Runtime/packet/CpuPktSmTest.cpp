@@ -98,8 +98,7 @@ class CpuPktSmTest : public testing::Test {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!condition()) {
       if (std::chrono::steady_clock::now() > deadline) return false;
-      // What is posted before the loop runs comes before its descriptors; what follows comes with
-      // them.
+      // Work posted before the loop runs comes before its descriptors; later work comes with them.
       Vela::ReactorLoop& loop = parts_->loop;
       loop.post([&loop] { loop.post([&loop] { loop.stop(); }); });
       loop.run();

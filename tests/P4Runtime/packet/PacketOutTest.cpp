@@ -27,7 +27,7 @@ class PacketOutTest : public testing::Test {
     for (const auto& field : fields) header->metadataFieldIs(field);
   }
   pi_status_t send(const std::string& packet) {
-    // In memory of exactly its size: a sanitizer sees what reads beyond.
+    // In memory of exactly its size: a sanitizer sees reads beyond it.
     const std::vector<char> exact(packet.begin(), packet.end());
     return _pi_packetout_send(1, exact.data(), exact.size());
   }

@@ -1,4 +1,4 @@
-// Order, batches and fairness of what is sent, on devices that do as the test says.
+// Order, batches and fairness of sending, on devices that obey the test.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace {
 using Vela::ActivityLock;
 using Wirra::SendResult;
 
-// Devices with room for so many packets; what they took, as "port:number".
+// Devices with room for so many packets; the packets they took, as "port:number".
 class FakeDevices final : public TxWays {
  public:
   Way processTxPktDesc(const ControllerTxPktDesc& desc) override {
@@ -134,8 +134,8 @@ TEST_F(PacketTransmitterTest, AFullDeviceTakesNoMoreThanItsShareOfTheQueue) {
   EXPECT_EQ(queue_->refusedFull(), 1u);
 }
 
-// More than one call into the kernel takes: what follows the call that the device cut short waits
-// behind what that call left.
+// More packets than one call into the kernel takes: packets after the call that the device cut
+// short wait behind the rest of that call.
 TEST_F(PacketTransmitterTest, AFullDeviceCutsLongRunsShortInOrder) {
   constexpr int last = 200;
   enqAll(1, 1, last);

@@ -1,4 +1,4 @@
-// How the forwarding agents' reports become the answer of a write batch.
+// How the forwarding agents' reports become the statuses of a write batch.
 #include <unistd.h>
 
 #include <thread>

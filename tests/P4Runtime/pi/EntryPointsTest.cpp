@@ -50,7 +50,7 @@ TEST_F(EntryPointsTest, WhatTheTargetCannotDoIsAnAssertion) {
   EXPECT_DEATH(_pi_table_entry_modify(0, 1, exactTable, 1, nullptr), "0");
 }
 
-// Controllers know these answers; nothing of what is pointed to is touched.
+// These results are kept for compatibility; objects behind the pointers are not touched.
 TEST_F(EntryPointsTest, WhatIsNotDoneIsAcknowledgedOrRefusedAsEver) {
   constexpr pi_dev_tgt_t target{1, 0xffff};
   uint32_t handle = 77;

@@ -1,4 +1,4 @@
-// The pipeline comes up in steps driven by notices; whatever does not fit stops it with a reason.
+// The pipeline comes up in steps driven by notices; a misfit stops it with a reason.
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -196,7 +196,7 @@ TEST_F(P4TableInfoSmTest, QueryThatFailsAtTheRowsThereAreIsNoFailure) {
   EXPECT_EQ(agent().services.queryStatusDir->queryStatus("out")->reason(), "integer overflow");
 }
 
-// A column longer than its field would be filled with what stands behind the field.
+// A column longer than its field would be filled with the bytes behind the field.
 TEST_F(P4TableInfoSmTest, TableWhoseTypeDoesNotFitItsP4InfoIsRefused) {
   const struct {
     const char* what;
@@ -256,7 +256,7 @@ TEST_F(P4TableInfoSmTest, NewPipelineStartsFromNothing) {
   EXPECT_EQ(agent().rowCount(exactTable), 1u) << "its rows are there still";
 }
 
-// Two pipelines in one turn: the steps of the first are not to be taken for those of the second.
+// Two pipelines in one turn: the steps of the first must not be taken for steps of the second.
 TEST_F(P4TableInfoSmTest, PipelineThatIsOvertakenNeverComesUp) {
   const auto write = [&](const std::string& name, const std::string& size) {
     const std::string path = agent().directory + "/" + name;

@@ -1,5 +1,5 @@
-// Pipeline files that someone has spoilt, in a thousand ways: none ends the agent, and the check of
-// the tool says beforehand what becomes of each.
+// Pipeline files spoilt in a thousand ways: none ends the agent, and the tool's check foretells the
+// outcome of each.
 #include <cjson/cJSON.h>
 
 #include <random>
@@ -35,7 +35,7 @@ class Spoiler {
  private:
   uint32_t below(uint32_t limit) { return std::uniform_int_distribution(0u, limit - 1)(random_); }
 
-  // Mostly small, and at the edges of what fits somewhere.
+  // Mostly small, and at the edges of some width.
   int64_t number() {
     constexpr int64_t edges[] = {0,          1,
                                  -1,         7,

@@ -1,4 +1,4 @@
-// What a row holds of what a controller wrote, for every kind of column that someone may choose for
+// The row of a controller's entry, for every kind of column that an integrator may choose for
 // a field or a parameter: the value as it was written, or a refusal.
 #include <fmt/format.h>
 

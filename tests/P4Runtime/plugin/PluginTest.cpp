@@ -1,4 +1,4 @@
-// Loading plugins, good and bad, and what passes between them and the agent.
+// Loading plugins, good and bad, and the calls between them and the agent.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -26,7 +26,7 @@ class PluginTest : public testing::Test {
                                     pathOf(as.empty() ? name : as));
   }
   std::string pathOf(const std::string& name) const { return folder_.file(name + ".so"); }
-  // Answers what it wrote on standard error.
+  // Returns its words on standard error.
   std::string load() {
     testing::internal::CaptureStderr();
     loader_->load(folder_.path());
@@ -64,7 +64,7 @@ class PluginTest : public testing::Test {
   std::string said_;
 };
 
-// Whatever lies in the folder, the others are loaded, and nobody waits for what could not be.
+// Bad files in the folder keep no plugin from loading, and nobody waits for them.
 TEST_F(PluginTest, WhatCannotBeLoadedIsRefusedByNameAndHoldsNobodyUp) {
   const auto write = [](const std::string& bytes) {
     return [bytes](const std::string& path) { std::ofstream(path) << bytes; };
@@ -193,7 +193,8 @@ TEST_F(PluginTest, PluginThatThrowsIsStopped) {
   EXPECT_EQ(answer(), "") << "it is not called any more";
 }
 
-// Enabled again, whoever was asked to disable itself starts anew; an answer of before is lost.
+// Enabled again, each plugin that was asked to disable itself starts once more; late responses are
+// lost.
 TEST_F(PluginTest, EnablingAgainStartsWhoeverWasAskedToStop) {
   system_->enabledIs(false);
   install("late");

@@ -1,5 +1,5 @@
-// The agent from the PI entry points down to its store, without process, server and sockets: what
-// the tests of P4Runtime/ build their stories on.
+// The agent from the PI entry points down to its store, without process, server and sockets: the
+// ground of the stories in tests of P4Runtime/.
 #pragma once
 
 #include <functional>
@@ -42,7 +42,7 @@ std::string prefix(std::string_view address, uint32_t length);  // a longest-pre
 
 Entry exactEntry(uint8_t id, uint16_t port = 1);  // of the table "exact"
 
-// A front end that takes back what survived a restart.
+// A front end that takes back the entries that survived a restart.
 struct FakeFrontEnd {
   struct Restored {
     uint32_t table = 0;
@@ -68,15 +68,15 @@ struct FakeFrontEnd {
   std::vector<RestoredObject> members;
   std::vector<RestoredObject> groups;
   bool restoreDone = false;
-  pi_status_t refusal = PI_STATUS_SUCCESS;             // what each object is refused with
-  pi_status_t entryRefusal = PI_STATUS_SUCCESS;        // what entries are
+  pi_status_t refusal = PI_STATUS_SUCCESS;             // of each object
+  pi_status_t entryRefusal = PI_STATUS_SUCCESS;        // of entries alone
   std::vector<std::pair<uint64_t, uint32_t>> settled;  // handle and error code
   std::function<void()> onSettled;                     // in the midst of settling a batch
 };
 
-// Builds on what its directory holds; brings up no pipeline of its own. One at a time. Nothing of
-// it runs on another thread, and no lock is held between calls, so that what a call writes is
-// committed when it returns.
+// Builds on the contents of its directory; brings up no pipeline of its own. One at a time. It runs
+// on no other thread, and no lock is held between calls, so that the writes of a call are committed
+// when it returns.
 class AgentParts {
  public:
   explicit AgentParts(const std::string& directory);

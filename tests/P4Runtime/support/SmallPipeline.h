@@ -37,7 +37,8 @@ p4::v1::SetForwardingPipelineConfigRequest pipelineOf(const std::string& p4Info,
                                                       uint64_t deviceId = 1);
 p4::v1::SetForwardingPipelineConfigRequest smallPipeline();
 
-// `text` with its one occurrence of `from` replaced; throws std::logic_error when there is none.
+// `text` with its one occurrence of `from` replaced; throws std::logic_error when it does not
+// occur.
 std::string replaced(std::string text, const std::string& from, const std::string& to);
 
 }  // namespace TestSupport

@@ -171,7 +171,7 @@ TEST_F(ActionProfileTest, GroupIsThereAtOnceAndHasARowFromItsFirstMemberOn) {
 }
 
 // A group made, filled, emptied and deleted ends where the controller thinks it ends, in one batch
-// or in four, and whatever its earlier steps completed without the forwarding plane.
+// or in four, even if its earlier steps completed without the forwarding plane.
 TEST_F(ActionProfileTest, GroupLivesItsLifeInOneBatchOrInFour) {
   const uint64_t one = member(1, 5);
   const std::string before = picture();

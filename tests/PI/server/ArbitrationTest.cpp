@@ -1,4 +1,4 @@
-// Who is primary, and who hears of it: the rules one by one and as stories.
+// The primary of a role, and the notices of it: the rules one by one and as stories.
 #include "PI/server/Arbitration.h"
 
 #include <gmock/gmock.h>
@@ -280,7 +280,7 @@ TEST_F(ArbitrationTest, AHigherElectionIdTakesTheLowestBackupsPlace) {
   EXPECT_EQ(later.arbitrate(eid(3)), StatusCode::OK);
   EXPECT_THAT(notices(), testing::Contains("low: displaced"));
 
-  // All places are taken: only who becomes primary of its role gets one, never a primary's.
+  // All places are taken: only a new primary of its role gets one, and never another primary's.
   Controller other(*this, "other", {1, "x"});
   Controller another(*this, "another", {1, "y"});
   EXPECT_EQ(other.arbitrate(kNone), StatusCode::OK);

@@ -113,7 +113,7 @@ TEST_F(DamageTest, AFileCutShortIsDamaged) {
   }
 }
 
-// Any page may be overwritten with anything: the store is refused, or works on with what it holds
+// Any page may be overwritten with anything: the store is refused, or works on with its records
 // (the bytes hit may be of a record, or of a free page).
 TEST_F(DamageTest, NoDamagedPageIsACrash) {
   const size_t size = fill(2000);

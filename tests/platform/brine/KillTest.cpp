@@ -90,7 +90,7 @@ TEST(KillTest, LeavesTheStateOfOneCommit) {
   EXPECT_GT(lastRound, 60u);
 }
 
-// A store that is mostly free is written anew, without the free pages, when it is opened. A process
+// Opening rewrites a store that is mostly free, without the free pages. A process
 // killed at that leaves the former file or the new one.
 TEST(KillTest, WhileCompactingLosesNothing) {
   const TempDir directory;

@@ -1,5 +1,5 @@
-// Opening a store: what the system refuses for a while, what others have put in its place, and
-// another boot's. Only a store that is lost may be begun anew; all else stays as it was.
+// Opening a store: refusals of the system that pass, foreign files in its place, and stores of
+// another boot. Only a lost store may begin empty; all others stay as they were.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -110,7 +110,7 @@ TEST_F(OpeningTest, ADirectoryThatOthersMayChangeIsRefused) {
   EXPECT_EQ(kept(), "kept");
 }
 
-// A start that found no descriptor left took the store for damaged, and began anew.
+// A start that found no descriptor left took the store for damaged, and began an empty one.
 TEST_F(OpeningTest, WantOfDescriptorsIsNoDamageAndMayPass) {
   fill();
   rlimit limit{};
@@ -174,8 +174,8 @@ TEST_F(OpeningTest, ALockFileOfAFormerFileCostsNothing) {
   }
 }
 
-// Runs this program as the first process of a PID namespace of its own; answers its process as the
-// test sees it, or -1.
+// Runs this program as the first process of a PID namespace of its own; returns its process id as
+// the test sees it, or -1.
 pid_t startAlone(const std::vector<const char*>& arguments) {
   const pid_t child = fork();
   if (child != 0) return child;
@@ -250,7 +250,7 @@ TEST_F(OpeningTest, AnotherBootsStoreIsKeptAsideOnce) {
 }  // namespace
 
 // The children of the test above: one keeps a snapshot until it is told to end, the other opens the
-// store and says what is in the way.
+// store and names the obstacle.
 int holdSnapshot(const std::string& directory, int ready, int hold) {
   const auto reader = Reader::open(directory);
   const auto snapshot = reader->snapshot();

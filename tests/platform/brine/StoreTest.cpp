@@ -1,5 +1,5 @@
-// The writer's promises: read-your-writes, counts, commit and discard, keys of any length, and what
-// happens when there is no room.
+// The writer's promises: read-your-writes, counts, commit and discard, keys of any length, and want
+// of room.
 #include "platform/brine/Store.h"
 
 #include <gtest/gtest.h>
@@ -184,7 +184,7 @@ TEST_F(StoreTest, HasOneWriter) {
   }
 }
 
-// The memory of the state directory is used again: what is rewritten for ever does not grow.
+// The memory of the state directory is used again: rewriting records for ever takes no more room.
 TEST_F(StoreTest, RewritingTheSameRecordsTakesNoMoreRoom) {
   const auto round = [&] {
     for (int i = 0; i < 300; ++i) putText(*store, table, std::to_string(i), std::string(90, 'r'));
@@ -228,7 +228,7 @@ TEST_F(FullStoreTest, AFullDirectoryIsAnErrorAndTheFormerStateStands) {
   EXPECT_GT(committed, 60) << "most of the memory is put to use";
   EXPECT_FALSE(full->dirty());
   EXPECT_EQ(full->count(rows), committed * 100u);
-  // Room made elsewhere lets it go on, and what it holds is sound.
+  // Room made elsewhere lets it go on, and its records are sound.
   ASSERT_EQ(mount("korvel-test", small.c_str(), "tmpfs", MS_REMOUNT, "size=6m"), 0);
   putText(*full, rows, "more", "room");
   full->commit();

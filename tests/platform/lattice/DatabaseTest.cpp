@@ -123,7 +123,7 @@ TEST_F(DatabaseTest, InABatchEveryCallIsReportedOnAndEachRowOnce) {
   EXPECT_EQ(follower->rows["routes"].size(), routes->rowCount());
 }
 
-// Only batchEnd() commits in a batch, whatever scopes end meanwhile.
+// Only batchEnd() commits in a batch, even when scopes end meanwhile.
 TEST_F(DatabaseTest, AScopeThatEndsInABatchCommitsNothing) {
   auto reader = Brine::Reader::open(directory.path());
   {
@@ -163,7 +163,7 @@ TEST_F(DatabaseTest, AnAgentThatRestartsWithItsRowsBringsAFollowerNoChanges) {
   ASSERT_TRUE(inStep());
   const size_t before = follower->changes;
   restartAgent();
-  write(0, 50);  // the agent restores what it had
+  write(0, 50);  // the agent restores its rows
   write(50, 51);
   ASSERT_TRUE(followUntil([&] { return follower->changes > before; }));
   EXPECT_EQ(follower->changes, before + 1);
@@ -299,8 +299,8 @@ TEST_F(DatabaseTest, AStoreWithADamagedJournalMakesFollowersTakeASnapshot) {
   EXPECT_EQ(follower->rows["routes"].size(), 11u);
 }
 
-// A change settles when all who were there have reported, or at the first failure; but each one's
-// own word comes through.
+// A change settles when all attached followers have reported, or at the first failure; but each
+// one's own word comes through.
 TEST_F(DatabaseTest, SeveralFollowersDecideTogether) {
   Follower second(directory.path(), "second");
   std::vector<Subscriber*> both = {follower->subscriber.get(), second.subscriber.get()};
@@ -331,7 +331,7 @@ TEST_F(DatabaseTest, SeveralFollowersDecideTogether) {
 
   write(3, 4);
   ASSERT_TRUE(followUntil([&] { return follower->held.size() == 1; }));
-  Follower late(directory.path(), "late");  // says at once what its snapshot shows
+  Follower late(directory.path(), "late");  // reports at once on its snapshot
   both.push_back(late.subscriber.get());
   ASSERT_TRUE(heard(10, 3)) << "the first has not reported on the last row yet";
   follower->reportAll();

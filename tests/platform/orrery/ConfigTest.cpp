@@ -1,4 +1,4 @@
-// The configuration file: what it sets, and the one line it earns when it is wrong.
+// The configuration file: the attributes it sets, and the one line about its fault.
 #include "platform/orrery/Config.h"
 
 #include <gmock/gmock.h>

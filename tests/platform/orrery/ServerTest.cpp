@@ -308,8 +308,8 @@ TEST_F(ServerTest, ServesAgainOnceThereAreDescriptors) {
   EXPECT_TRUE(servedInTheEnd());
 }
 
-// gRPC's threads change what is watched. They used to call libuv for the watcher's socket, beside
-// the reactor, which ended the agent within thousands of Writes.
+// gRPC's threads change watched attributes. They used to call libuv for the watcher's socket,
+// beside the reactor, which ended the agent within thousands of Writes.
 TEST_F(ServerTest, WatchersHearOfChangesFromAnyThread) {
   constexpr int threads = 4, changes = 2000;
   std::vector<std::unique_ptr<Client>> watchers;

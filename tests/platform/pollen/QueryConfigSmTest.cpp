@@ -1,4 +1,4 @@
-// Queries: what SQLite says of them, and how their status follows.
+// Queries: SQLite's verdict on them, and how their status follows.
 #include "platform/pollen/QueryConfigSm.h"
 
 #include <gmock/gmock.h>

@@ -84,7 +84,7 @@ void bind(sqlite3_stmt* statement, int number, const Cell& cell) {
   }
 }
 
-// The cells of a stored row, without help of what is tested.
+// The cells of a stored row, without help of the tested code.
 Cells unpacked(const Lattice::TableType& type, std::string_view key, std::string_view value) {
   Cells cells;
   const auto take = [&](std::string_view& bytes, const Column& column, bool bigEndian) {

@@ -1,4 +1,4 @@
-// Tables in a store that can fail, queries over them, and what SQLite makes of the same rows in
+// Tables in a store that can fail, queries over them, and SQLite's results for the same rows in
 // plain tables.
 #pragma once
 
@@ -58,7 +58,7 @@ class Tables {
   // Writes the cells of a row, or removes the row with its key; within the caller's lock.
   void write(const std::string& table, const Cells& cells, bool deleted = false);
   Rows rows(const std::string& table);  // committed
-  // What the query would make of the committed rows of its inputs.
+  // The query's result over the committed rows of its inputs.
   Rows expected(const QueryText& query);
 
   FailingStore store;

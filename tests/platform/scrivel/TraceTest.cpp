@@ -1,4 +1,4 @@
-// Records go in, survive, and come out as text, whatever state the files are in.
+// Records go in, survive, and come out as text, even from damaged files.
 #include "platform/scrivel/Trace.h"
 
 #include <fcntl.h>
@@ -104,7 +104,7 @@ TEST_F(TraceTest, RingKeepsTheNewestAndTheReaderCountsTheRest) {
   EXPECT_EQ(records.back().level, 1u);
   EXPECT_EQ(records.back().handle, "TraceTest");
   EXPECT_EQ(reader.lost(), 12u);
-  EXPECT_TRUE(reader.records().empty());  // following: only what is new
+  EXPECT_TRUE(reader.records().empty());  // following: only new records
   SCRIVEL_TRACE(0, "new");
   const auto followed = reader.records();
   ASSERT_EQ(followed.size(), 1u);
@@ -226,7 +226,7 @@ TEST_F(TraceTest, GarbageIsReadWithoutHarm) {
     try {
       setLevels(directory_ + "/bad.scv", "*/1");
     } catch (const TraceError&) {
-      continue;  // a header that is none
+      continue;  // no valid header
     }
   }
   EXPECT_THAT(argumentsText("\x01\xff\xffshort"), HasSubstr("damaged"));

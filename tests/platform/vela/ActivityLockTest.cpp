@@ -1,4 +1,4 @@
-// The activity lock: recursion, giving it up wholly, and what runs at the end of a scope.
+// The activity lock: recursion, giving it up wholly, and the hooks at the end of a scope.
 #include "platform/vela/ActivityLock.h"
 
 #include <gmock/gmock.h>

@@ -24,7 +24,7 @@ TEST(Descriptors, AreAskedForBeforeTheyAreMissed) {
   } catch (const Exception& e) {
     EXPECT_THAT(e.what(), testing::ContainsRegex("needs 60 .* limit of 40; raise the limit"));
   }
-  requireDescriptors(20);  // those of the failed attempt are closed
+  requireDescriptors(20);  // the failed attempt has closed its own
   raiseDescriptorLimit();
   requireDescriptors(60);
 }

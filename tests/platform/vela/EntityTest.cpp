@@ -1,4 +1,4 @@
-// Attributes, collections, their observers, and the interface of those who know only names.
+// Attributes, collections, their observers, and access by name.
 #include "platform/vela/Entity.h"
 
 #include <gmock/gmock.h>
@@ -44,7 +44,7 @@ class Lamp final : public Entity {
 TEST(Attribute, TellsAfterStoringAndOnlyOfAChange) {
   const auto lamp = make<Lamp>("lamp");
   std::vector<std::string> told;
-  const Ptr<const Lamp> reader(lamp);  // whoever may only read may observe
+  const Ptr<const Lamp> reader(lamp);  // a reader may observe
   auto one = reader->brightnessAttribute().observe(
       [&] { told.push_back(std::to_string(reader->brightness())); });
   auto all = reader->observeAll([&](const std::string& name) { told.push_back(name); });
@@ -83,7 +83,7 @@ TEST(Attribute, ANoticeMayDropTheLastReference) {
   auto all = lamp->observeAll([&](const std::string&) { ++told; });
   bare->litIs(true);
   EXPECT_EQ(told, 2);
-  drop.end();  // observations may outlive what they observe
+  drop.end();  // observations may outlive the observed object
 }
 
 TEST(Attribute, NestedChangesLeaveEachObserverWithTheNewestValue) {

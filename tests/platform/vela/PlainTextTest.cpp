@@ -1,4 +1,4 @@
-// What becomes of text from outside, and of causes that would flood a log.
+// Text from outside made printable, and causes that would flood a log.
 #include "platform/vela/PlainText.h"
 
 #include <gtest/gtest.h>

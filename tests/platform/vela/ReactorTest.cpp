@@ -193,7 +193,7 @@ TEST(FileDescriptor, WritableAndHangUpAreTold) {
   close(ends[0]);
 }
 
-// Notices of attributes reach observers on any thread; what these did with their sockets went to
+// Notices of attributes reach observers on any thread; their calls on sockets went to
 // libuv at once, beside the loop's thread, until an assertion there ended the agent.
 TEST(FileDescriptor, AnyThreadMayWatchStopAndDestroyIt) {
   ReactorLoop loop;

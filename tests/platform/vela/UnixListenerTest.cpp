@@ -1,4 +1,4 @@
-// Where a socket may stand, what it may replace, and callers when descriptors run out.
+// Places where a socket may stand, files that it may replace, and callers when descriptors run out.
 #include "platform/vela/UnixListener.h"
 
 #include <gmock/gmock.h>
@@ -114,8 +114,8 @@ TEST_F(UnixListenerTest, ReplacesTheDeadAndNotTheLiving) {
   EXPECT_FALSE(fs::exists(path));
 }
 
-// Without a descriptor to spare the caller stayed in the queue, and the socket readable: whoever
-// watched it turned round and round, or looked away for good.
+// Without a descriptor to spare the caller stayed in the queue, and the socket readable: the
+// watcher turned round and round, or looked away for good.
 TEST_F(UnixListenerTest, TurnsCallersAwayWithoutDescriptorsAndTakesThemLater) {
   UnixListener listener({.path = path});
   const auto readable = [&] {

@@ -1,4 +1,4 @@
-// A network namespace of the test's own, with what a test does to devices in it.
+// A network namespace of the test's own, and changes of its devices.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -58,7 +58,7 @@ class DeviceTest : public ::testing::Test {
     loop.run();
     ASSERT_TRUE(held);
   }
-  // Runs what the reactor has to do now.
+  // Runs the reactor's waiting work.
   void turn() {
     int turns = 0;
     until([&] { return ++turns == 3; });
@@ -82,7 +82,7 @@ inline std::string bytesOf(const Packet::Ptr& packet) {
   return {reinterpret_cast<const char*>(packet->bytes().data()), packet->size()};
 }
 
-// One end of a wire: sends, and keeps what comes.
+// One end of a wire: sends, and keeps the packets that come.
 struct Port {
   Port(Vela::ReactorLoop& loop, const std::string& device,
        PacketAccessManager::Mode mode = PacketAccessManager::Mode::receiveAndSend)

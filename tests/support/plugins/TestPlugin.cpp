@@ -1,5 +1,5 @@
-// Plugins of tests, one a name: what each does stands beside it. "probe" does what its settings
-// say and publishes the host's answer as "answer".
+// Plugins of tests, one a name, with its behaviour beside it. "probe" obeys its settings and
+// publishes the host's result as "answer".
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -134,7 +134,8 @@ int settingsChanged(void* instance, const char* settings) {
   return did(*static_cast<Instance*>(instance), settings);
 }
 
-// "never" never answers; "late" and "probe" do when their settings say "answer"; others at once.
+// "never" never completes a request; "late" and "probe" do when their settings say "answer"; others
+// at once.
 void cleanupRequested(void* instance, uint32_t id) {
   auto* self = static_cast<Instance*>(instance);
   self->cleanupId = id;

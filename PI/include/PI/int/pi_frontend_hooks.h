@@ -1,5 +1,5 @@
-/* How the front end of a device hears what the target reports on its own account: settled writes
- * and, after a restart, everything that survived it. */
+/* The front end's functions for reports that the target makes on its own account: settled writes
+ * and, after a restart, all surviving objects. */
 #pragma once
 
 #include "PI/pi_base.h"
@@ -11,7 +11,7 @@ extern "C" {
 
 /* Called on the target's threads, as a rule with the target's lock held: a hook must not wait for
  * anything that waits for the target. Pointers last for the call. No member but the first is NULL;
- * the arguments are those of the functions of PI/pi_extensions.h. */
+ * the functions of PI/pi_extensions.h describe the arguments. */
 typedef struct {
   /* NULL for a front end to which the status vector of a batch says enough. */
   void (*entry_status_changed)(void* cookie, pi_dev_id_t dev_id, pi_entry_handle_t entry_handle,

@@ -9,8 +9,8 @@
 extern "C" {
 #endif
 
-/* The library only hands the pointer around; the front end that owns the object attaches what
- * describes the program. */
+/* The library only hands the pointer around; the front end that owns the object attaches its
+ * description of the program. */
 struct pi_p4info_s {
   void* attached;
 };

@@ -1,5 +1,5 @@
 /* The P4Runtime gRPC server. One runs in a process at a time. All functions may be called from any
- * thread; none throws or aborts on what it is given. */
+ * thread; none throws, or aborts on an argument. */
 #pragma once
 
 #include <stddef.h>
@@ -42,9 +42,10 @@ int PIGrpcServerWaitStarted(int timeout_seconds);
 void PIGrpcServerWait(void);
 /* Takes no new calls, cancels streams after a short grace, and lets other calls finish. A call that
  * takes longer than 10 seconds is left behind (PIGrpcServerWait() still waits for it), so that this
- * returns even to a caller who holds the lock that such a call waits for. */
+ * returns even to a caller that holds the lock for which such a call waits. */
 void PIGrpcServerShutdown(void);
-/* The same, but cancels all calls after the deadline, and leaves behind what does not heed it. */
+/* The same, but cancels all calls after the deadline, and leaves calls behind that go on all the
+ * same. */
 void PIGrpcServerForceShutdown(int deadline_seconds);
 /* Call it after PIGrpcServerWait(): lets devices and server go. Election ids already seen stay
  * known as long as the process lives, and longer where they are kept, see below. */
@@ -63,7 +64,7 @@ typedef struct {
 } PIGrpcServerLimits_t;
 /* Those that hold unless others are set. */
 void PIGrpcServerDefaultLimits(PIGrpcServerLimits_t* limits);
-/* At once, also for a server that runs; what stands beyond them stays. 0 counts as 1. */
+/* At once, also for a server that runs; objects beyond the limits stay. 0 counts as 1. */
 void PIGrpcServerLimitsIs(const PIGrpcServerLimits_t* limits);
 
 /* The highest election id of a role of a device: no controller below it becomes primary. It is to
@@ -88,8 +89,8 @@ typedef struct {
 /* Before the first server starts. */
 void PIGrpcServerElectionIdKeeperIs(const PIGrpcServerElectionIdKeeper_t* keeper, void* cookie);
 
-/* Forgets those of roles that have no primary, so that any id makes one again; returns of how many.
- * Waits for the keeper. */
+/* Forgets the highest ids of roles without a primary, so that any id can become primary there.
+ * Returns the number of these roles. Waits for the keeper. */
 size_t PIGrpcServerForgetElectionIds(void);
 
 /* Where it listens; 0 when no server runs. */
@@ -101,8 +102,8 @@ uint64_t PIGrpcServerGetRefusedConnections(void);
 uint64_t PIGrpcServerGetPacketInCount(uint64_t device_id);
 uint64_t PIGrpcServerGetPacketOutCount(uint64_t device_id);
 
-/* The same and what was dropped, by reason. Packets in: punted by the target for controllers; out:
- * sent by controllers to the target. */
+/* The same, and the dropped packets by reason. Packets in: punted by the target for controllers;
+ * out: sent by controllers to the target. */
 typedef struct {
   uint64_t in;               /* handed to a controller's stream, one a role that has a primary */
   uint64_t in_no_primary;    /* no controller is primary */
@@ -119,8 +120,8 @@ void PIGrpcServerGetPacketCounts(uint64_t device_id, PIGrpcServerPacketCounts_t*
 const char* PIGrpcServerLastMalformedPacketIn(uint64_t device_id);
 
 /* The secret by which the process that runs the server installs its own pipeline: a
- * SetForwardingPipelineConfig whose gRPC metadata holds it under the key needs no arbitration. Made
- * anew by each start; empty before the first. The pointer stays valid. */
+ * SetForwardingPipelineConfig whose gRPC metadata holds it under the key needs no arbitration. Each
+ * start makes another one; empty before the first. The pointer stays valid. */
 const char* PIGrpcServerLocalToken(void);
 const char* PIGrpcServerLocalTokenKey(void);
 

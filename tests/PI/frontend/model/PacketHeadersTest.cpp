@@ -51,8 +51,8 @@ Packet packetOf(const std::vector<Value>& values, const std::string& payload) {
   return packet;
 }
 
-// Each field stands in bytes of its own, in the order of the ids, whatever order the P4Info and the
-// controller have; on the way back each value is the shortest.
+// Each field stands in bytes of its own, in the order of the ids, in spite of the order in the
+// P4Info and the controller's; on the way back each value is the shortest.
 TEST(PacketHeaders, TravelInOrderOfTheirIdsAndComeBackInShortestForm) {
   const struct {
     const char* what;

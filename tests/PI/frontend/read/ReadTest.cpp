@@ -240,7 +240,7 @@ TEST_F(ReadTest, LargeTablesComeInSmallPieces) {
 }
 
 // A client that takes its time sees the entries of the moment it asked, with the counts of now;
-// what is deleted meanwhile has counted nothing.
+// entries deleted meanwhile have counted nothing.
 TEST_F(ReadTest, WritesBesideASlowReadDoNotShowInIt) {
   constexpr uint32_t kEntries = 400;
   const std::vector<Update> inserts = longInserts(kEntries);

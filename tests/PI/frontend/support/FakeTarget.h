@@ -97,8 +97,8 @@ class FakeTarget {
   void onCountIs(std::function<void()> call) { onCount_ = std::move(call); }
   size_t countCalls() const { return countCalls_; }  // those for many entries
 
-  // Hands everything back, then says that this was all; the statuses of the rows. The metadata are
-  // those of rows that have none of their own.
+  // Hands everything back, then says that this was all; returns the statuses of the rows. The
+  // metadata are for rows without metadata of their own.
   std::vector<pi_status_t> restored(uint64_t controllerMetadata, const std::string& metadata);
 
   const std::map<Key, Row>& rows() const { return rows_; }
@@ -132,8 +132,8 @@ class FakeTarget {
   pi_status_t handleCounts(std::span<const uint64_t> handles, pi_counter_data_t* data);
   pi_status_t handleFetch(uint32_t tableId, pi_table_fetch_res_t* result);
   pi_status_t updateDeviceStatus() const { return updateDeviceStatus_; }
-  // The failures among the pending offsets, after what was done for those and for the refused ones
-  // has been undone.
+  // The failures among the pending offsets; the calls of failed and refused offsets have then been
+  // undone.
   std::map<uint32_t, std::pair<int, std::string>> outcome(const std::vector<uint32_t>& pending,
                                                           const std::vector<uint32_t>& refused);
 

@@ -103,7 +103,7 @@ TEST_F(OneShotTest, ChangesInPlaceWithTheFewestCalls) {
 }
 
 // Each update is run with a failure at each of its calls, at once or only reported later; none of
-// them may leave a trace, and the entry must still be good for what comes then.
+// them may leave a trace, and the entry must still be usable afterwards.
 TEST_F(OneShotTest, FailureAtAnyStepLeavesNoTrace) {
   const TableEntry before = oneShot(1, {{5, 1}, {6, 1}, {6, 1}});
   const TableEntry after = oneShot(1, {{7, 2}});

@@ -174,13 +174,13 @@ TEST_F(FlowCountersTest, WhateverIsBrokenIsPassedOver) {
     EXPECT_THAT(counts("f1"), ElementsAre(FlowCount{10, 10}));
     if (!fs::is_directory(folder)) continue;
     if (fs::exists(dataOf("bad")) && !fs::is_regular_file(dataOf("bad"))) continue;
-    haveCounted("bad", 2);  // the writer makes a damaged store anew
+    haveCounted("bad", 2);  // the writer replaces a damaged store
     EXPECT_EQ(std::distance(fs::directory_iterator(state_.file("counters")), {}), 2);
     EXPECT_TRUE(comesTo("f1", {{1, 1}, {10, 10}}));
   }
 }
 
-// The reader had mapped what another process cut off: a signal ended the agent.
+// The reader had mapped a file that another process cut off: a signal ended the agent.
 TEST_F(FlowCountersTest, AFileThatIsCutOffWhileItIsReadIsPassedOver) {
   const auto sound = writer("sound");
   sound->countIs("f1", {10, 10});
@@ -259,7 +259,7 @@ TEST_F(FlowCountersTest, ReadersSeeWholeCommits) {
   }));
 }
 
-// Each commit uses pages anew that the one before the last had left, while a reader looks through
+// Each commit reuses pages that the one before the last had left, while a reader looks through
 // them.
 TEST_F(FlowCountersTest, AReaderThatComesWhileAWriterIsBusyReadsAtOnce) {
   const pid_t child = fork();

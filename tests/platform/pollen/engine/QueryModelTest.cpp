@@ -1,4 +1,4 @@
-// Random writes, and after each commit every query's output beside what SQLite makes of the same
+// Random writes, and after each commit every query's output beside SQLite's result for the same
 // rows in plain tables.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The table of kernel devices, the interfaces made of it, and what is done to devices.
+// The table of kernel devices, the interfaces made of it, and operations on devices.
 #include <gmock/gmock.h>
 
 #include "platform/wirra/devices/InterfaceOperations.h"

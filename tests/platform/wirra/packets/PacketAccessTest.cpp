@@ -233,7 +233,7 @@ TEST_F(PacketAccessTest, ATapReceivesWhatIsWrittenToIt) {
   EXPECT_THAT(forwarder->packetIs(small->head(), 60).reason(), HasSubstr("tap0: it is down"));
   ASSERT_EQ(operations.up("tap0", "02:00:00:00:00:09", true).reason(), "");
   Port cpu(loop, "tap0");
-  const auto large = packetOf(20000);  // whatever the device's MTU
+  const auto large = packetOf(20000);  // larger than the device's MTU
   for (int i = 0; i < 100; ++i) {
     // What goes out of the device is read by nobody, and must not fill anything.
     EXPECT_THAT(cpu.send(std::vector<Packet::Ptr>(50, small)), Each(SendResult::sent));
