@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <string>
 
 #include "cli/TraceCommand.h"
 #include "cli/agent/AgentCommand.h"
@@ -60,9 +61,17 @@ int refuseUnknownSubcommand(CLI::App& app, int argc, char** argv) {
   return 0;
 }
 
+// CLI11 says "--name: 1 required TEXT missing".
+std::string wordsOf(const CLI::ParseError& error) {
+  const std::string words = error.what();
+  const auto at = words.find(": 1 required ");
+  return at == std::string::npos ? words : words.substr(0, at) + " needs a value";
+}
+
 int usageStatus(const CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
-  std::fprintf(stderr, "korvel: %s; see '%s --help'\n", error.what(), commandName(app).c_str());
+  std::fprintf(stderr, "korvel: %s; see '%s --help'\n", wordsOf(error).c_str(),
+               commandName(app).c_str());
   return usage;
 }
 

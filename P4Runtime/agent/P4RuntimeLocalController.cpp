@@ -66,6 +66,7 @@ int P4RuntimeLocalController::getForwardingPipelineConfigRequest(
     const p4::v1::GetForwardingPipelineConfigRequest& request) {
   grpc::ClientContext context;
   context.set_deadline(std::chrono::system_clock::now() + patience_);
+  context.AddMetadata(PIGrpcServerLocalTokenKey(), PIGrpcServerLocalToken());
   p4::v1::GetForwardingPipelineConfigResponse response;
   const grpc::Status status = stub_->GetForwardingPipelineConfig(&context, request, &response);
   if (status.error_code() == grpc::StatusCode::FAILED_PRECONDITION) return status.error_code();

@@ -84,6 +84,7 @@ TEST_F(PipelineCommandTest, SaysWhatIsWrongAndTheWayOut) {
       {"the same for programs", {"check", "--json", router}, 1, "\"runs\":\tfalse"},
       {"the same, shown", {"show", router}, 1, "no pipeline file: it is a P4Info"},
       {"a folder", {"check", folder_.path()}, 1, folder_.path() + ": is a directory"},
+      {"an option without its value", {"build", "-o"}, 2, "--output needs a value; see"},
       {"nothing to check", {"check"}, 2, "FILE is required; see 'korvel pipeline check --help'"},
       {"a word that is none",
        {"chek", good},

@@ -131,10 +131,13 @@ TEST_F(LimitsTest, StalledCallsGiveWayToOthers) {
                          .otherCalls = 1,
                          .takeWithin = std::chrono::hours(1),
                          .stalledAfter = std::chrono::milliseconds(1)});
+  std::promise<void> begun;
   TheFakeDevice().onRead = [&](const p4::v1::ReadRequest& request, const auto& sink) {
+    if (!request.entities().empty()) return statusOf(0);
+    begun.set_value();
     p4::v1::ReadResponse response;
     response.add_entities()->mutable_table_entry()->set_metadata(std::string(1 << 20, 'x'));
-    while (request.entities().empty() && sink(response)) {
+    while (sink(response)) {
     }
     return statusOf(0);
   };
@@ -142,6 +145,7 @@ TEST_F(LimitsTest, StalledCallsGiveWayToOthers) {
   client.call("Capabilities");
   grpc::ClientContext context;
   const auto reader = stub_->Read(&context, readRequest());
+  awaited(begun, "the Read has begun");
   auto request = readRequest();
   request.add_entities()->mutable_table_entry();
   while (!readWith(request).ok()) std::this_thread::yield();
@@ -150,8 +154,7 @@ TEST_F(LimitsTest, StalledCallsGiveWayToOthers) {
     grpc::ClientContext capabilities;
     p4::v1::CapabilitiesResponse response;
     asked = stub_->Capabilities(&capabilities, {}, &response);
-  } while (!asked.ok());
-  client.awaitEnds(1);
+  } while (!asked.ok() || client.ends() == 0);
   p4::v1::ReadResponse response;
   while (reader->Read(&response)) {
   }

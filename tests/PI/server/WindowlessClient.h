@@ -52,6 +52,10 @@ class WindowlessClient {
     changed_.wait(lock, [&] { return ends_ >= count || hungUp_; });
     EXPECT_FALSE(hungUp_);
   }
+  int ends() {
+    const std::lock_guard lock(mutex_);
+    return ends_;
+  }
 
  private:
   enum Type : uint8_t { kData = 0, kHeaders = 1, kReset = 3, kSettings = 4, kPing = 6 };

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <memory>
@@ -54,6 +55,8 @@ class ServerTest : public testing::Test, public DatabaseFixture {
   static std::string conversation(int fd, const std::string& said) {
     send(fd, said.data(), said.size(), MSG_NOSIGNAL);
     shutdown(fd, SHUT_WR);
+    const timeval patience{.tv_sec = 60};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     std::string heard;
     char block[4096];
     for (ssize_t got; (got = recv(fd, block, sizeof block, 0)) > 0;) heard.append(block, got);
