@@ -80,7 +80,7 @@ Status Arbitration::clientIs(ArbitrationClient& client, const RoleOfDevice& role
   bool rises = false;
   {
     const std::lock_guard lock(mutex_);
-    const Status admitted = admission(client, role, electionId);
+    Status admitted = admission(client, role, electionId);
     if (!admitted.ok()) return admitted;
     rises = raises(role, electionId);
   }
@@ -127,11 +127,11 @@ Status Arbitration::admission(const ArbitrationClient& client, const RoleOfDevic
                                                        text(known->second->first) +
                                                        "; open another one for " + text(role));
   }
-  const Status named = requireNameLength(role);
+  Status named = requireNameLength(role);
   if (!named.ok()) return named;
   const auto place = contests_.find(role);
   if (place == contests_.end()) {
-    const Status room = roomForRole(role);
+    Status room = roomForRole(role);
     return room.ok() ? roomForClient(nullptr, role, electionId) : room;
   }
   for (const auto& [other, held] : place->second.clients) {
@@ -315,7 +315,7 @@ void Arbitration::notify(const Contest& contest, ArbitrationClient& client) {
 }
 
 Status Arbitration::requireRole(const RoleOfDevice& role) const {
-  const Status named = requireNameLength(role);
+  Status named = requireNameLength(role);
   if (!named.ok()) return named;
   const std::lock_guard lock(mutex_);
   return role.role.empty() || contests_.count(role) ? Status::OK : unknown(role);
@@ -323,7 +323,7 @@ Status Arbitration::requireRole(const RoleOfDevice& role) const {
 
 Status Arbitration::permission(const RoleOfDevice& role,
                                const std::optional<ElectionId>& electionId, Contest** contest) {
-  const Status named = requireNameLength(role);
+  Status named = requireNameLength(role);
   if (!named.ok()) return named;
   const auto found = contests_.find(role);
   if (found == contests_.end()) {
@@ -359,7 +359,7 @@ Status Arbitration::writePermit(const RoleOfDevice& role, std::optional<Election
   {
     const std::lock_guard lock(mutex_);
     Contest* contest = nullptr;
-    const Status status = permission(role, electionId, &contest);
+    Status status = permission(role, electionId, &contest);
     if (!status.ok()) return status;
     ++contest->runningWrites;
     contest->hasWritten = true;

@@ -7,12 +7,12 @@ using grpc::StatusCode;
 
 Status CallPlaces::take(const std::string& connection, size_t limit, std::optional<Place>* place) {
   const std::lock_guard lock(mutex_);
-  const Status status = requirePlaceLocked(connection, limit);
+  Status status = requirePlaceLocked(connection, limit);
   if (!status.ok()) return status;
   ++taken_;
   ++takenBy_[connection];
   place->emplace(*this, connection);
-  return Status::OK;
+  return status;
 }
 
 Status CallPlaces::requirePlaceLocked(const std::string& connection, size_t limit) {

@@ -57,7 +57,7 @@ Status ControllerStream::run() {
     return Status(StatusCode::RESOURCE_EXHAUSTED,
                   "no thread left for another stream; close one first");
   }
-  const Status status = statusOf([this] { return readToEnd(); });
+  Status status = statusOf([this] { return readToEnd(); });
   arbitration_.clientDel(*this);
   queue_.close();
   awaitWriter();
@@ -73,7 +73,7 @@ Status ControllerStream::readToEnd() {
                     "the stream message has " + std::to_string(request.size) +
                         " bytes; send at most " + std::to_string(kMaxMessageBytes));
     }
-    const Status status = handle(request.message);
+    Status status = handle(request.message);
     if (!status.ok()) return status;
   }
   return Status::OK;
@@ -175,7 +175,7 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
   const RoleOfDevice role = roleOf(update);
   const bool otherDevice = role_ && role_->deviceId != role.deviceId;  // worse than unknown
   if (!otherDevice) {
-    const Status known = devices_.requireKnown(role.deviceId);
+    Status known = devices_.requireKnown(role.deviceId);
     if (!known.ok()) return known;
   }
   if (update.role().has_config()) {
@@ -189,7 +189,7 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
     packetCounts_ = &core::packetCountsOf(role.deviceId);
     if (update.has_role()) roleAsGiven_ = update.role();
   }
-  const Status unended = requireUnended();
+  Status unended = requireUnended();
   if (!unended.ok()) return unended;
   streams_.arbitratedIs(*this);
   return arbitration_.clientIs(*this, role, electionIdOf(update));

@@ -196,18 +196,17 @@ void P4RuntimeService::methodsAre() {
 }
 
 Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& request) {
-  const Status known = devices_.requireKnown(request.device_id());
+  Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
   Arbitration::WritePermit permit;
-  const Status permitted =
-      arbitration_.writePermit(roleOf(request), electionIdOf(request), &permit);
+  Status permitted = arbitration_.writePermit(roleOf(request), electionIdOf(request), &permit);
   if (!permitted.ok()) return permitted;
   std::shared_ptr<DeviceMgr> device;
-  const Status ready = requirePipeline(request.device_id(), &device);
+  Status ready = requirePipeline(request.device_id(), &device);
   if (!ready.ok()) return ready;
-  const Status atomicity = requireAtomicity(request.atomicity());
+  Status atomicity = requireAtomicity(request.atomicity());
   if (!atomicity.ok()) return atomicity;
-  const Status placed = writes_.take(call.context.peer(), limits().writes, &call.place);
+  Status placed = writes_.take(call.context.peer(), limits().writes, &call.place);
   if (!placed.ok()) return placed;
   return toGrpc(device->write(request, [&] { return stillWanted(call.context, request); }));
 }
@@ -224,17 +223,17 @@ google::rpc::Status P4RuntimeService::stillWanted(const grpc::ServerContext& con
 
 Status P4RuntimeService::read(grpc::ServerContext& context, const p4::v1::ReadRequest& request,
                               grpc::ServerWriter<p4::v1::ReadResponse>& writer) {
-  const Status known = devices_.requireKnown(request.device_id());
+  Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
-  const Status role = arbitration_.requireRole({request.device_id(), request.role()});
+  Status role = arbitration_.requireRole({request.device_id(), request.role()});
   if (!role.ok()) return role;
   std::shared_ptr<DeviceMgr> device;
-  const Status ready = requirePipeline(request.device_id(), &device);
+  Status ready = requirePipeline(request.device_id(), &device);
   if (!ready.ok()) return ready;
-  const Status few = requireFewScans(request);
+  Status few = requireFewScans(request);
   if (!few.ok()) return few;
   std::optional<CallPlaces::Place> place;
-  const Status placed = reads_.take(context.peer(), limits().reads, &place);
+  Status placed = reads_.take(context.peer(), limits().reads, &place);
   if (!placed.ok()) return placed;
   return toGrpc(device->read(request, [&](const p4::v1::ReadResponse& response) {
     const SendDeadlines::Sending sending(sendDeadlines_, context, CallKind::read);
@@ -250,13 +249,13 @@ Status P4RuntimeService::takeOther(UnaryCall& call) {
 Status P4RuntimeService::setPipeline(UnaryCall& call,
                                      const p4::v1::SetForwardingPipelineConfigRequest& request) {
   if (hasLocalToken(call.context)) return toGrpc(devices_.pipelineIs(request));
-  const Status placed = takeOther(call);
+  Status placed = takeOther(call);
   if (!placed.ok()) return placed;
-  const Status known = devices_.requireKnown(request.device_id());
+  Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
-  const Status primary = arbitration_.requirePrimary(roleOf(request), electionIdOf(request));
+  Status primary = arbitration_.requirePrimary(roleOf(request), electionIdOf(request));
   if (!primary.ok()) return primary;
-  const Status action = requireAction(request.action());
+  Status action = requireAction(request.action());
   if (!action.ok()) return action;
   const auto device = devices_.device(request.device_id());
   if (!device) {
@@ -273,9 +272,9 @@ Status P4RuntimeService::getPipeline(UnaryCall& call,
                                      const p4::v1::GetForwardingPipelineConfigRequest& request,
                                      p4::v1::GetForwardingPipelineConfigResponse* response) {
   using Request = p4::v1::GetForwardingPipelineConfigRequest;
-  const Status placed = takeOther(call);
+  Status placed = takeOther(call);
   if (!placed.ok()) return placed;
-  const Status known = devices_.requireKnown(request.device_id());
+  Status known = devices_.requireKnown(request.device_id());
   if (!known.ok()) return known;
   if (!Request::ResponseType_IsValid(request.response_type())) {
     return Status(StatusCode::INVALID_ARGUMENT,
@@ -292,17 +291,17 @@ Status P4RuntimeService::streamChannel(
     grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, StreamRequest>& call) {
   ControllerStream stream(context, call, arbitration_, devices_, streams_);
   streams_.streamIs(stream);
-  const Status status = stream.run();
+  Status status = stream.run();
   streams_.streamDel(stream);
   return status;
 }
 
 Status P4RuntimeService::capabilities(UnaryCall& call, const p4::v1::CapabilitiesRequest& request,
                                       p4::v1::CapabilitiesResponse* response) {
-  const Status placed = takeOther(call);
+  Status placed = takeOther(call);
   if (!placed.ok()) return placed;
   if (request.device_id() != 0) {  // 0: also sent by clients that name no device
-    const Status known = devices_.requireKnown(request.device_id());
+    Status known = devices_.requireKnown(request.device_id());
     if (!known.ok()) return known;
   }
   response->set_p4runtime_api_version(kApiVersion);

@@ -51,7 +51,7 @@ google::rpc::Status WriteRun::run(const p4::v1::WriteRequest& request) {
 void WriteRun::doCheck(const p4::v1::WriteRequest& request) {
   for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
     try {
-      operations_[offset].update = checkedUpdate(index_, request.updates(offset));
+      operations_[offset].update = checkedUpdate(index_, request.updates(static_cast<int>(offset)));
       if (operations_[offset].update.slot.entry) doOrder(offset);
     } catch (const Refusal& refusal) {
       doFail(offset, refusal.code(), refusal.message());
