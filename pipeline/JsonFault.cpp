@@ -2,6 +2,7 @@
 #include "pipeline/JsonFault.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cctype>
 
 #include "pipeline/Finding.h"
@@ -65,7 +66,9 @@ Vela::Json parse(std::string_view text, bool nothingFollows, JsonFault* fault) {
   const std::string copy(text.substr(0, text.find('\0')));
   size_t at = 0;
   Vela::Json json = Vela::parseJsonPrefix({copy.c_str(), copy.size() + 1}, &at);
-  if (json && (!nothingFollows || std::all_of(copy.begin() + at, copy.end(), isBlank))) return json;
+  if (json && (!nothingFollows ||
+               std::all_of(copy.begin() + static_cast<std::ptrdiff_t>(at), copy.end(), isBlank)))
+    return json;
   at = std::min(copy.find_first_not_of(blanks, at), copy.size());
   *fault = faultAt(copy, mistakeAt(copy, at));
   return nullptr;

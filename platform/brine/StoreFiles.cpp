@@ -47,7 +47,7 @@ WriterLock::~WriterLock() { ::close(file_); }
 std::string moveAside(const std::string& directory, Trouble why) {
   int refusal = EACCES;
   for (const std::string& base : {directory + ".", directory + "/"}) {
-    const std::string aside = placeFor(base, why);
+    std::string aside = placeFor(base, why);
     if (mkdir(aside.c_str(), 0700) != 0) {
       refusal = errno;
       continue;
