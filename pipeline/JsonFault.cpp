@@ -2,8 +2,8 @@
 #include "pipeline/JsonFault.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <cctype>
+#include <cstddef>
 
 #include "pipeline/Finding.h"
 
