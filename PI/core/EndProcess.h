@@ -16,7 +16,8 @@ void runOrEndProcess(Body body) noexcept {
   try {
     body();
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "%s: cannot go on: %s\n", program_invocation_short_name, e.what());
+    std::fprintf(stderr, "%s: cannot go on: %s; start it again\n", program_invocation_short_name,
+                 e.what());
     _exit(1);
   }
 }

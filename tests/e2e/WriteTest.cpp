@@ -139,7 +139,7 @@ size_t residentKilobytes(pid_t pid) {
   return 0;
 }
 
-// A Read of the whole switch of which the client takes the first message alone.
+// A Read of the whole switch. The client takes its first message and no other.
 struct UntakenRead {
   explicit UntakenRead(p4::v1::P4Runtime::Stub& stub) {
     p4::v1::ReadRequest request;

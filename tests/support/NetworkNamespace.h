@@ -16,8 +16,8 @@ std::string enteredNetworkNamespace();
 void ip(const std::string& arguments);                // runs `ip ARGUMENTS`, split at blanks
 void deviceUpIs(const std::string& device, bool up);  // by ioctl: a thousand times a second
 
-// Two devices, each of which receives the packets sent through the other; up. Deleted with the
-// object.
+// Two devices that are up. Each receives the packets sent through the other. Both are deleted with
+// the object.
 class VethPair {
  public:
   VethPair(std::string name, std::string peer, unsigned mtuBytes = 9000);
