@@ -109,7 +109,11 @@ TEST_F(LimitsTest, AReadWhoseClientTakesNothingIsEnded) {
 // Each of its calls waits on a thread for it to take the answer, and all threads are bounded.
 TEST_F(LimitsTest, AClientThatTakesNoAnswersKeepsNobodyFromWriting) {
   const auto primary = served(10);
-  pi::server::limitsAre({.streams = 4, .writes = 1, .reads = 1, .otherCalls = 4});
+  pi::server::limitsAre({.streams = 4,
+                         .writes = 1,
+                         .reads = 1,
+                         .otherCalls = 4,
+                         .takeWithin = std::chrono::hours(1)});
   WindowlessClient client(PIGrpcServerGetPort());
   for (int i = 0; i < 500; ++i) client.call("Capabilities");
   client.awaitEnds(250);
