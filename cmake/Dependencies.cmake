@@ -9,10 +9,17 @@ find_package(GTest REQUIRED)
 find_package(benchmark REQUIRED)
 pkg_check_modules(GRPCXX REQUIRED IMPORTED_TARGET grpc++)
 pkg_check_modules(CJSON REQUIRED IMPORTED_TARGET libcjson)
-pkg_check_modules(LMDB REQUIRED IMPORTED_TARGET lmdb)
 pkg_check_modules(LIBUV REQUIRED IMPORTED_TARGET libuv)
 pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(LIBNL REQUIRED IMPORTED_TARGET libnl-route-3.0)
+# Its header alone is used, so that no program needs the library.
+pkg_check_modules(XXHASH QUIET "libxxhash>=0.8")
+if(NOT XXHASH_FOUND)
+  message(FATAL_ERROR "xxhash.h of libxxhash 0.8 or later is missing: run ./dev setup, or install "
+                      "the package libxxhash-dev.")
+endif()
+add_library(xxhash INTERFACE)
+target_include_directories(xxhash SYSTEM INTERFACE ${XXHASH_INCLUDE_DIRS})
 find_program(PROTOC protoc REQUIRED)
 find_program(GRPC_CPP_PLUGIN grpc_cpp_plugin REQUIRED)
 

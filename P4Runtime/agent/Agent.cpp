@@ -139,6 +139,11 @@ void Agent::doFollowReports() {
             batchStatus()->reportsAre(
                 derivedFailures_->takeDerived(reports, tables_->lastSequence()));
           },
+      .programmed =
+          [this](uint64_t sequence) {
+            batchStatus()->programmedIs(sequence);
+            tableImpl()->handleProgrammed(sequence);
+          },
       .inStep =
           [this](uint64_t sequence) {
             batchStatus()->inStepIs(sequence);

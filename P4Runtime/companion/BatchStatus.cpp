@@ -5,13 +5,15 @@
 #include <absl/container/flat_hash_set.h>
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace P4Runtime {
+
+using Progress = BatchStatus::Written::Progress;
+
 namespace {
 
 Scrivel::TraceHandle trace("BatchStatus");
@@ -72,40 +74,61 @@ bool BatchStatus::anyForwardingAgent() {
   return forwardingAgents_ > 0;
 }
 
-void BatchStatus::onBatchBegin() {
+void BatchStatus::onBatchBegin(bool isUrgent) {
   cleanUpBatchState();
-  if (database_) database_->batchBegin();
+  isUrgent_ = isUrgent;
+  if (database_) {
+    database_->batchBegin();
+    database_->urgentIs(isUrgent);
+  }
   inProgressIs(true);
 }
 
-void BatchStatus::onBatchSettled() { inProgressIs(false); }
+void BatchStatus::onBatchSettled() {
+  if (database_) {
+    database_->stopListening();
+    database_->settle();
+  }
+  inProgressIs(false);
+}
+
+void BatchStatus::lookForReports() {
+  if (!database_ || !isUrgent_) return;
+  {
+    const Vela::ActivityLockReleased released;
+    database_->lookForProgrammed();
+  }
+  database_->stopListening();
+}
 
 void BatchStatus::onBatchEnd() {
   if (!database_ || !database_->inBatch()) return;
+  if (isUrgent_) database_->listen();
   const Vela::Outcome stored = database_->batchEnd();
   if (!stored.ok()) failAll(stored.reason());
 }
 
-// The state directory took nothing of the batch: each of its updates has failed.
+// The state directory took nothing of the batch: each of its updates has failed, even one that
+// needed no word of the forwarding plane.
 void BatchStatus::failAll(const std::string& reason) {
   SCRIVEL_TRACE(0, "onBatchEnd", " cannot store the batch: ", reason);
-  for (const EntryHandle handle : handles_) {
+  for (auto& [handle, one] : written_) {
     const BatchStatusEntry failed(handle, static_cast<uint16_t>(ErrorCode::outOfResources), reason);
-    if (pending_.contains(handle)) {
+    if (one.progress == Progress::pending) {
       completedTransactionStatusIs(failed);
-    } else if (const auto done = completed_.find(handle); done != completed_.end()) {
-      done->second = failed;  // it needed no word of the forwarding plane, but had to be stored
+    } else if (one.progress == Progress::completed) {
+      completedIs(one, failed);
     }
   }
 }
 
 void BatchStatus::onBatchUpdateComplete() {
-  SCRIVEL_TRACE(5, "onBatchUpdateComplete", " pending: ", pending_.size());
+  SCRIVEL_TRACE(5, "onBatchUpdateComplete", " pending: ", pendingCount_);
 }
 
 void BatchStatus::onBatchRollback() {
   const std::vector<EntryHandle> unfinished = unfinishedUpdates();
-  pending_.clear();
+  pendingOperationDelAll();
   if (!rollBack_) return;
   std::for_each(unfinished.rbegin(), unfinished.rend(), rollBack_);
 }
@@ -113,17 +136,18 @@ void BatchStatus::onBatchRollback() {
 // The handles of every offset that has one pending, as they were written.
 std::vector<EntryHandle> BatchStatus::unfinishedUpdates() const {
   absl::flat_hash_set<BatchOffset> offsets;
-  for (const auto& [handle, sequence] : pending_) {
-    const auto found = handleToOffsets_.find(handle);
-    if (found != handleToOffsets_.end()) offsets.insert(found->second.begin(), found->second.end());
+  for (const auto& [handle, one] : written_) {
+    if (one.progress != Progress::pending) continue;
+    const Offsets own = offsetsOf(handle);
+    offsets.insert(own.begin(), own.end());
   }
-  const auto isUnfinished = [&](EntryHandle handle) {
-    const Offsets& own = handleToOffsets_.at(handle);
-    return std::any_of(own.begin(), own.end(),
-                       [&](BatchOffset offset) { return offsets.contains(offset); });
-  };
   std::vector<EntryHandle> unfinished;
-  std::copy_if(handles_.begin(), handles_.end(), std::back_inserter(unfinished), isUnfinished);
+  for (const auto& [handle, one] : written_) {
+    const Offsets own = offsetsOf(handle);
+    const bool isUnfinished = std::any_of(
+        own.begin(), own.end(), [&](BatchOffset offset) { return offsets.contains(offset); });
+    if (isUnfinished) unfinished.push_back(handle);
+  }
   return unfinished;
 }
 
@@ -140,37 +164,93 @@ void BatchStatus::cleanUpBatchState() {
     if (notifyFd() >= 0) [[maybe_unused]]
       const auto drained = read(notifyFd(), &left, sizeof left);
   }
-  handles_.clear();
-  handleToOffsets_.clear();
-  offsetToHandle_.clear();
-  pending_.clear();
-  completed_.clear();
+  written_.clear();
+  earlier_.clear();
+  failures_.clear();
+  pendingCount_ = completedCount_ = firstPending_ = 0;
+  inOrder_ = true;
   baseline_ = 0;
 }
 
 void BatchStatus::newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset) {
-  const auto [found, isNew] = handleToOffsets_.try_emplace(handle);
-  if (isNew) handles_.push_back(handle);
-  Offsets& offsets = found->second;
-  if (std::find(offsets.begin(), offsets.end(), offset) == offsets.end()) offsets.push_back(offset);
-  offsetToHandle_[offset] = handle;
+  Written& one = written_.add(handle).first.value;
+  if (one.hasOffset && one.lastOffset == offset) return;
+  if (one.hasOffset) {
+    earlier_.push_back({one.lastOffset, one.earlier});
+    one.earlier = static_cast<uint32_t>(earlier_.size());
+  }
+  one.hasOffset = true;
+  one.lastOffset = offset;
+}
+
+BatchStatus::Offsets BatchStatus::offsetsOf(EntryHandle handle) const {
+  Offsets offsets;
+  const auto* item = written_.find(handle);
+  if (!item || !item->value.hasOffset) return offsets;
+  offsets.push_back(item->value.lastOffset);
+  for (uint32_t next = item->value.earlier; next != 0; next = earlier_[next - 1].earlier) {
+    offsets.push_back(earlier_[next - 1].offset);
+  }
+  std::reverse(offsets.begin(), offsets.end());
+  return offsets;
+}
+
+void BatchStatus::progressIs(Written& one, Progress progress) {
+  if (one.progress == Progress::pending) --pendingCount_;
+  if (one.progress == Progress::completed) --completedCount_;
+  one.progress = progress;
+  if (progress == Progress::pending) ++pendingCount_;
+  if (progress == Progress::completed) ++completedCount_;
 }
 
 void BatchStatus::pendingOperationIs(EntryHandle handle, uint64_t sequence) {
-  pending_[handle] = sequence;
-  completed_.erase(handle);
+  auto& item = written_.add(handle).first;
+  const size_t position = written_.positionOf(item);
+  inOrder_ = inOrder_ && position == written_.size() - 1 &&
+             (position == 0 || written_[position - 1].value.sequence < sequence);
+  item.value.sequence = sequence;
+  progressIs(item.value, Progress::pending);
+  firstPending_ = std::min(firstPending_, position);
+}
+
+void BatchStatus::pendingOperationDel(EntryHandle handle) {
+  auto* item = written_.find(handle);
+  if (item && item->value.progress == Progress::pending) progressIs(item->value, Progress::none);
+}
+
+void BatchStatus::pendingOperationDelAll() {
+  if (pendingCount_ == 0) return;
+  for (auto& [handle, one] : written_) {
+    if (one.progress == Progress::pending) progressIs(one, Progress::none);
+  }
 }
 
 void BatchStatus::completedTransactionStatusIs(BatchStatusEntry entry) {
-  const EntryHandle handle = entry.entryHandle();
-  if (pending_.erase(handle) == 0) ++baseline_;
-  completed_.insert_or_assign(handle, std::move(entry));
+  Written& one = written_.add(entry.entryHandle()).first.value;
+  if (one.progress != Progress::pending) ++baseline_;
+  completedIs(one, std::move(entry));
   notify(1);
 }
 
+void BatchStatus::completedIs(Written& one, BatchStatusEntry entry) {
+  progressIs(one, Progress::completed);
+  one.failure = 0;
+  if (entry.errorCode() == 0) return;
+  failures_.push_back(std::move(entry));
+  one.failure = static_cast<uint32_t>(failures_.size());
+}
+
+std::optional<BatchStatusEntry> BatchStatus::completedTransactionStatus(EntryHandle handle) const {
+  const auto* item = written_.find(handle);
+  if (!item || item->value.progress != Progress::completed) return std::nullopt;
+  if (item->value.failure == 0) return BatchStatusEntry(handle, 0);
+  return failures_[item->value.failure - 1];
+}
+
 void BatchStatus::pretendSilence(EntryHandle handle) {
-  if (completed_.erase(handle) > 0) ++baseline_;  // its count is on the way
-  pending_[handle] = UINT64_MAX;
+  auto& item = written_.add(handle).first;
+  if (item.value.progress == Progress::completed) ++baseline_;  // its count is on the way
+  pendingOperationIs(handle, UINT64_MAX);
 }
 
 void BatchStatus::reportsAre(std::span<const Lattice::Report> reports) {
@@ -189,33 +269,47 @@ void BatchStatus::reportsAre(std::span<const Lattice::Report> reports) {
 }
 
 bool BatchStatus::accept(const Lattice::Report& report) {
-  const auto found = pending_.find(report.entryHandle);
-  if (found == pending_.end() || found->second != report.sequence || !report.settles) {
+  auto* item = written_.find(report.entryHandle);
+  const bool isAwaited = item && item->value.progress == Progress::pending &&
+                         item->value.sequence == report.sequence && report.settles;
+  if (!isAwaited) {
     SCRIVEL_TRACE(5, "stray report", " entryHandle: ", report.entryHandle,
                   " sequence: ", report.sequence, " errorCode: ", report.errorCode);
     if (strayReport_) strayReport_(report);
     return false;
   }
-  pending_.erase(found);
   BatchStatusEntry entry(report.entryHandle, report.errorCode, std::string(report.message));
   entry.setErrorMessage();
-  completed_.insert_or_assign(report.entryHandle, std::move(entry));
+  completedIs(item->value, std::move(entry));
   return true;
 }
 
 // Followers that are in step have programmed even changes without a report, such as deletions.
-void BatchStatus::inStepIs(uint64_t sequence) {
+void BatchStatus::inStepIs(uint64_t sequence) { completeUpTo(sequence); }
+
+void BatchStatus::programmedIs(uint64_t sequence) {
+  reportsAcceptedIs(reportsAccepted() + completeUpTo(sequence));
+}
+
+// Returns how many operations that completes.
+uint64_t BatchStatus::completeUpTo(uint64_t sequence) {
   uint64_t completed = 0;
-  for (auto next = pending_.begin(); next != pending_.end();) {
-    if (next->second > sequence) {
-      ++next;
-      continue;
+  size_t firstLeft = written_.size();
+  for (size_t i = firstPending_; i < written_.size() && pendingCount_ > 0; ++i) {
+    Written& one = written_[i].value;
+    if (one.progress != Progress::pending) continue;
+    if (one.sequence <= sequence) {
+      one.failure = 0;
+      progressIs(one, Progress::completed);
+      ++completed;
+    } else {
+      firstLeft = std::min(firstLeft, i);
+      if (inOrder_) break;
     }
-    completed_.insert_or_assign(next->first, BatchStatusEntry(next->first, 0));
-    pending_.erase(next++);
-    ++completed;
   }
+  firstPending_ = firstLeft;
   if (completed > 0) notify(completed);
+  return completed;
 }
 
 uint64_t BatchStatus::completedOperationBaseline() { return std::exchange(baseline_, 0); }

@@ -7,16 +7,16 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
-#include <absl/container/btree_map.h>
-#include <absl/container/flat_hash_map.h>
 #include <absl/container/inlined_vector.h>
 
 #include "P4Runtime/companion/BatchTimeout.h"
 #include "P4Runtime/companion/ErrorCode.h"
+#include "P4Runtime/companion/HandleMap.h"
 #include "P4Runtime/companion/ResourceId.h"
 #include "platform/lattice/Database.h"
 #include "platform/vela/Entity.h"
@@ -72,10 +72,15 @@ class BatchStatus : public Vela::Entity {
   // lasts, and gives the activity lock up meanwhile.
   bool awaitForwardingAgent();
 
-  void onBatchBegin();           // empties the descriptor and the maps, opens the shared batch
+  // Empties the descriptor and the maps, opens the shared batch. An urgent one is worth a processor
+  // that looks for its reports.
+  void onBatchBegin(bool isUrgent = true);
   void onBatchEnd();             // makes the batch's rows and records visible, all at once
   void onBatchUpdateComplete();  // the waiting begins
-  void onBatchSettled();         // every outcome is known
+  // Looks for a moment whether the forwarding agents have programmed the batch, and takes in all
+  // that they have said. Gives the activity lock up meanwhile.
+  void lookForReports();
+  void onBatchSettled();  // every outcome is known
   // Puts back each update that has a handle still pending, in the reverse order of its writes;
   // reports on it count no more.
   void onBatchRollback();
@@ -86,30 +91,41 @@ class BatchStatus : public Vela::Entity {
   void newEntryHandleForBatchOffset(EntryHandle handle, BatchOffset offset);
   // A handle written at several offsets stands for all of them, in ascending order.
   using Offsets = absl::InlinedVector<BatchOffset, 2>;
-  const absl::flat_hash_map<EntryHandle, Offsets>& entryHandleToBatchOffset() const {
-    return handleToOffsets_;
-  }
-  const absl::btree_map<BatchOffset, EntryHandle>& batchOffsetToEntryHandle() const {
-    return offsetToHandle_;  // the one written last
-  }
-  // The batch's handles in the order in which they were first written.
-  const std::vector<EntryHandle>& entryHandles() const { return handles_; }
+  Offsets offsetsOf(EntryHandle handle) const;  // none for a handle that the batch has not written
+
+  // An entry, member or group of the batch.
+  struct Written {
+    enum class Progress : uint8_t { none, pending, completed };
+
+    uint64_t sequence = 0;  // of the report that completes it
+    Progress progress = Progress::none;
+    bool hasOffset = false;
+    BatchOffset lastOffset = 0;
+    uint32_t earlier = 0;  // 1 + where its earlier offsets begin; 0: there are none
+    uint32_t failure = 0;  // 1 + the place of its failure; 0: it has none
+  };
+  // In the order in which they were first written.
+  const HandleMap<Written>& written() const { return written_; }
+  // Whether each one is completed without failure.
+  bool allSucceeded() const { return failures_.empty() && completedCount_ == written_.size(); }
 
   // The handle has a pending operation that the report with this sequence number will complete; its
   // earlier operation in the batch, and the completion of that, are forgotten.
   void pendingOperationIs(EntryHandle handle, uint64_t sequence);
   // The handle's report is no longer awaited: the operation was undone, or settled otherwise.
-  void pendingOperationDel(EntryHandle handle) { pending_.erase(handle); }
-  void pendingOperationDelAll() { pending_.clear(); }
-  bool pendingOperationHas(EntryHandle handle) const { return pending_.contains(handle); }
-  size_t pendingOperationCount() const { return pending_.size(); }
+  void pendingOperationDel(EntryHandle handle);
+  void pendingOperationDelAll();
+  bool pendingOperationHas(EntryHandle handle) const {
+    const auto* item = written_.find(handle);
+    return item && item->value.progress == Written::Progress::pending;
+  }
+  size_t pendingOperationCount() const { return pendingCount_; }
 
   // Completes the entry's operation. An entry without a pending operation is complete without the
   // forwarding plane: the baseline then rises along with the count.
   void completedTransactionStatusIs(BatchStatusEntry entry);
-  const absl::flat_hash_map<EntryHandle, BatchStatusEntry>& completedTransactionStatus() const {
-    return completed_;
-  }
+  // Nothing for an operation that is not completed.
+  std::optional<BatchStatusEntry> completedTransactionStatus(EntryHandle handle) const;
 
   // No report on the handle counts in this batch, not even one that has come already.
   void pretendSilence(EntryHandle handle);
@@ -117,6 +133,9 @@ class BatchStatus : public Vela::Entity {
   // A group of reports from the forwarding agents, and their word that they are in step.
   void reportsAre(std::span<const Lattice::Report> reports);
   void inStepIs(uint64_t sequence);
+  // Their word that each change up to `sequence` is programmed whose failure they have not
+  // reported.
+  void programmedIs(uint64_t sequence);
   // Called by onBatchRollback() for each entry to put back.
   void rollbackHandlerIs(std::function<void(EntryHandle)> handler) {
     rollBack_ = std::move(handler);
@@ -133,15 +152,26 @@ class BatchStatus : public Vela::Entity {
   bool anyForwardingAgent();
   void notify(uint64_t count);
   bool accept(const Lattice::Report& report);
+  uint64_t completeUpTo(uint64_t sequence);
+  void progressIs(Written& one, Written::Progress progress);
+  void completedIs(Written& one, BatchStatusEntry entry);
   void failAll(const std::string& reason);
   std::vector<EntryHandle> unfinishedUpdates() const;
 
   Lattice::Database* database_;
-  std::vector<EntryHandle> handles_;
-  absl::flat_hash_map<EntryHandle, Offsets> handleToOffsets_;
-  absl::btree_map<BatchOffset, EntryHandle> offsetToHandle_;
-  absl::flat_hash_map<EntryHandle, uint64_t> pending_;  // to sequence; completed ones leave
-  absl::flat_hash_map<EntryHandle, BatchStatusEntry> completed_;
+  HandleMap<Written> written_;
+  // The offsets of a handle before its last one, as a list: each names the one before it.
+  struct EarlierOffset {
+    BatchOffset offset = 0;
+    uint32_t earlier = 0;  // as in Written
+  };
+  std::vector<EarlierOffset> earlier_;
+  std::vector<BatchStatusEntry> failures_;
+  size_t pendingCount_ = 0;
+  size_t completedCount_ = 0;
+  size_t firstPending_ = 0;  // none before this place of written_ is pending
+  bool inOrder_ = true;      // the sequence numbers ascend along written_
+  bool isUrgent_ = false;
   uint64_t baseline_ = 0;
   std::mutex notifyMutex_;  // guards writes to notifyFd(), and batch_; taken last
   uint64_t batch_ = 0;      // changed under both locks: counts of a former batch are dropped

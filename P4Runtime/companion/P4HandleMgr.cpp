@@ -1,38 +1,15 @@
 #include "P4Runtime/companion/P4HandleMgr.h"
 
 #include <absl/container/flat_hash_map.h>
-#include <absl/container/flat_hash_set.h>
-#include <absl/hash/hash.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <stdexcept>
-#include <string>
-#include <vector>
+#include <utility>
 
 namespace P4Runtime {
 namespace {
-
-struct MatchKey {
-  uint32_t tableId;
-  uint32_t priority;
-  std::string_view bytes;
-
-  friend bool operator==(const MatchKey&, const MatchKey&) = default;
-  template <typename H>
-  friend H AbslHashValue(H state, const MatchKey& key) {
-    return H::combine(std::move(state), key.tableId, key.priority, key.bytes);
-  }
-};
-
-struct Binding {
-  EntryHandle handle = 0;  // 0: the slot is free
-  ResourceId rid;
-  uint32_t priority = 0;
-  std::string bytes;
-
-  MatchKey matchKey() const { return {rid.id, priority, bytes}; }
-};
 
 // Table entries count up from 1 and never get this far.
 constexpr EntryHandle indirectMark = EntryHandle{1} << 63;
@@ -70,30 +47,55 @@ struct IndirectHandles {
   uint64_t lastId = 0;  // lower half
 };
 
-}  // namespace
-
-// Each binding is stored once, in a slot; the two indexes hold slot numbers.
-struct P4HandleMgr::Impl {
-  struct KeyOf {
-    using is_transparent = void;
-    const std::vector<Binding>* slots;
-    MatchKey key(uint32_t slot) const { return (*slots)[slot].matchKey(); }
-    const MatchKey& key(const MatchKey& key) const { return key; }
-    template <typename T>
-    size_t operator()(const T& value) const {
-      return absl::Hash<MatchKey>()(key(value));
-    }
-    template <typename A, typename B>
-    bool operator()(const A& a, const B& b) const {
-      return key(a) == key(b);
-    }
+// The table entries' handles. They count up, so that those of a block lie close together.
+class EntryHandles {
+ public:
+  struct Bound {
+    uint32_t tableId = 0;  // 0: the handle is free
+    uint32_t rowHash = 0;
   };
 
-  std::vector<Binding> slots;
-  std::vector<uint32_t> freeSlots;
-  absl::flat_hash_map<EntryHandle, uint32_t> slotOfHandle;
-  absl::flat_hash_set<uint32_t, KeyOf, KeyOf> slotOfKey{0, KeyOf{&slots}, KeyOf{&slots}};
-  absl::flat_hash_map<uint64_t, size_t> counts;  // by resource
+  Bound* find(EntryHandle handle) {
+    const auto block = blocks_.find(handle / blockSize);
+    if (block == blocks_.end()) return nullptr;
+    Bound& bound = block->second->bound[handle % blockSize];
+    return bound.tableId == 0 ? nullptr : &bound;
+  }
+  void bind(EntryHandle handle, uint32_t tableId) {
+    auto& block = blocks_[handle / blockSize];
+    if (!block) block = std::make_unique<Block>();
+    block->bound[handle % blockSize] = {tableId, 0};
+    ++block->taken;
+    ++counts_[tableId];
+  }
+  void free(EntryHandle handle) {
+    Bound* const bound = find(handle);
+    if (!bound) return;
+    --counts_[bound->tableId];
+    *bound = {};
+    const auto block = blocks_.find(handle / blockSize);
+    if (--block->second->taken == 0) blocks_.erase(block);
+  }
+  size_t count(uint32_t tableId) const {
+    const auto found = counts_.find(tableId);
+    return found == counts_.end() ? 0 : found->second;
+  }
+
+ private:
+  static constexpr size_t blockSize = 1024;
+  struct Block {
+    size_t taken = 0;
+    std::array<Bound, blockSize> bound;
+  };
+  absl::flat_hash_map<EntryHandle, std::unique_ptr<Block>> blocks_;
+  absl::flat_hash_map<uint32_t, size_t> counts_;
+};
+
+}  // namespace
+
+struct P4HandleMgr::Impl {
+  const BoundKeys* keys = nullptr;
+  EntryHandles entries;
   EntryHandle lastHandle = 0;
   EntryHandle reservedUpTo = 0;
   std::function<void(EntryHandle)> reservation;
@@ -101,7 +103,6 @@ struct P4HandleMgr::Impl {
   IndirectHandles groups{groupMark, groupTableResource};
 
   IndirectHandles& indirect(EntryHandle handle) { return handle & groupMark ? groups : members; }
-  static uint64_t countKey(ResourceId rid) { return (uint64_t{rid.type} << 32) | rid.id; }
 
   void reserve(EntryHandle next) {
     if (next <= reservedUpTo) return;
@@ -109,65 +110,53 @@ struct P4HandleMgr::Impl {
     if (reservation) reservation(upTo);
     reservedUpTo = upTo;
   }
-
-  uint32_t newSlot(EntryHandle handle, const MatchKey& key) {
-    uint32_t slot = 0;
-    if (freeSlots.empty()) {
-      slot = static_cast<uint32_t>(slots.size());
-      slots.emplace_back();
-    } else {
-      slot = freeSlots.back();
-      freeSlots.pop_back();
-    }
-    slots[slot] = {handle, {tableResource, key.tableId}, key.priority, std::string(key.bytes)};
-    slotOfHandle.emplace(handle, slot);
-    ++counts[countKey(slots[slot].rid)];
-    return slot;
-  }
 };
 
 P4HandleMgr::P4HandleMgr() : impl_(std::make_unique<Impl>()) {}
 P4HandleMgr::~P4HandleMgr() = default;
 
+void P4HandleMgr::boundKeysAre(const BoundKeys* keys) { impl_->keys = keys; }
+
 EntryHandle P4HandleMgr::getOrCreateTableEntryHandle(uint32_t tableId, size_t keySize,
                                                      const char* key, uint32_t priority,
                                                      bool* isNew) {
-  const MatchKey matchKey{tableId, priority, {key, keySize}};
+  const EntryHandle bound = getEntryHandleFromMatchKey(tableId, keySize, key, priority);
+  if (isNew) *isNew = bound == 0;
+  if (bound != 0) return bound;
   const EntryHandle next = impl_->lastHandle + 1;
   impl_->reserve(next);
-  const auto slot = impl_->slotOfKey.lazy_emplace(
-      matchKey, [&](const auto& place) { place(impl_->newSlot(next, matchKey)); });
-  const EntryHandle bound = impl_->slots[*slot].handle;
-  if (isNew) *isNew = bound == next;
-  impl_->lastHandle = std::max(impl_->lastHandle, bound);
-  return bound;
+  impl_->entries.bind(next, tableId);
+  return impl_->lastHandle = next;
 }
 
 EntryHandle P4HandleMgr::getEntryHandleFromMatchKey(uint32_t tableId, size_t keySize,
                                                     const char* key, uint32_t priority) const {
-  const auto found = impl_->slotOfKey.find(MatchKey{tableId, priority, {key, keySize}});
-  return found == impl_->slotOfKey.end() ? 0 : impl_->slots[*found].handle;
+  if (!impl_->keys) return 0;
+  const EntryHandle bound = impl_->keys->handleOf(tableId, {key, keySize}, priority);
+  const auto* entry = impl_->entries.find(bound);
+  return entry && entry->tableId == tableId ? bound : 0;
 }
 
 bool P4HandleMgr::restoreTableEntryHandle(uint32_t tableId, EntryHandle handle, size_t keySize,
                                           const char* key, uint32_t priority) {
   const EntryHandle bound = getEntryHandleFromMatchKey(tableId, keySize, key, priority);
   if (bound != 0) return bound == handle;
-  if (handle == 0 || impl_->slotOfHandle.contains(handle)) return false;
-  impl_->slotOfKey.insert(impl_->newSlot(handle, {tableId, priority, {key, keySize}}));
+  if (handle == 0 || impl_->entries.find(handle)) return false;
+  impl_->entries.bind(handle, tableId);
   reserveUpTo(handle);
   return true;
 }
 
-void P4HandleMgr::freeTableEntryHandle(EntryHandle handle) {
-  const auto found = impl_->slotOfHandle.find(handle);
-  if (found == impl_->slotOfHandle.end()) return;
-  const uint32_t slot = found->second;
-  impl_->slotOfHandle.erase(found);
-  impl_->slotOfKey.erase(slot);
-  --impl_->counts[Impl::countKey(impl_->slots[slot].rid)];
-  impl_->slots[slot] = {};
-  impl_->freeSlots.push_back(slot);
+void P4HandleMgr::freeTableEntryHandle(EntryHandle handle) { impl_->entries.free(handle); }
+void P4HandleMgr::freeTableEntryHandles() { impl_->entries = {}; }
+
+void P4HandleMgr::rowHashIs(EntryHandle handle, uint32_t hash) {
+  if (auto* bound = impl_->entries.find(handle)) bound->rowHash = hash;
+}
+
+uint32_t P4HandleMgr::rowHash(EntryHandle handle) const {
+  const auto* bound = impl_->entries.find(handle);
+  return bound ? bound->rowHash : 0;
 }
 
 void P4HandleMgr::reservationHandlerIs(std::function<void(EntryHandle)> handler) {
@@ -230,13 +219,15 @@ ResourceId P4HandleMgr::entryHandleToResourceId(EntryHandle handle) const {
     if (found == handles.profileOf.end()) return {};
     return {handles.type, found->second};
   }
-  const auto found = impl_->slotOfHandle.find(handle);
-  return found == impl_->slotOfHandle.end() ? ResourceId{} : impl_->slots[found->second].rid;
+  const auto* bound = impl_->entries.find(handle);
+  return bound ? ResourceId{tableResource, bound->tableId} : ResourceId{};
 }
 
 size_t P4HandleMgr::entryHandleCount(ResourceId rid) const {
-  const auto found = impl_->counts.find(Impl::countKey(rid));
-  return found == impl_->counts.end() ? 0 : found->second;
+  if (rid.type == tableResource) return impl_->entries.count(rid.id);
+  const IndirectHandles& handles = rid.type == groupTableResource ? impl_->groups : impl_->members;
+  return std::ranges::count(handles.profileOf, rid.id,
+                            &std::pair<const uint64_t, uint32_t>::second);
 }
 
 }  // namespace P4Runtime

@@ -14,6 +14,14 @@
 
 namespace P4Runtime {
 
+// Knows which entry stands under a match key. Call with the activity lock held.
+class BoundKeys {
+ public:
+  virtual ~BoundKeys() = default;
+  virtual EntryHandle handleOf(uint32_t tableId, std::string_view key,
+                               uint32_t priority) const = 0;  // 0: none does
+};
+
 // Match keys are PI bytes: a size and that many bytes; with the table id and the priority they name
 // an entry. A table entry's handle is never used twice in the life of a state directory: handles
 // are reserved by blocks, and new ones start above every block of an earlier process. The entry
@@ -27,7 +35,12 @@ class P4HandleMgr : public Vela::RefCounted {
   P4HandleMgr();
   ~P4HandleMgr() override;
 
-  // The handle already bound to the match key, or a new one bound to it; says which, if asked.
+  // Where the bindings of match keys stand; it outlives this, or null is given. Without it no key
+  // is bound.
+  void boundKeysAre(const BoundKeys* keys);
+
+  // The handle already bound to the match key, or a new one, which the entry that is then written
+  // binds to it; says which, if asked.
   EntryHandle getOrCreateTableEntryHandle(uint32_t tableId, size_t keySize, const char* key,
                                           uint32_t priority, bool* isNew = nullptr);
   // 0 when the match key has no handle.
@@ -37,11 +50,16 @@ class P4HandleMgr : public Vela::RefCounted {
                                     uint32_t priority) const {
     return getEntryHandleFromMatchKey(tableId, key.size(), key.data(), priority);
   }
-  // Binds a handle of an earlier process. False when the handle or the match key is taken by
+  // Takes a handle of an earlier process. False when the handle or the match key is taken by
   // another; nothing changes then.
   bool restoreTableEntryHandle(uint32_t tableId, EntryHandle handle, size_t keySize,
                                const char* key, uint32_t priority);
   void freeTableEntryHandle(EntryHandle handle);  // nothing when it is free already
+  void freeTableEntryHandles();                   // all; none of them is given out again
+  // The hash of the key of the entry's row, by which the row is found. 0 until it is set, and for a
+  // free handle.
+  void rowHashIs(EntryHandle handle, uint32_t hash);
+  uint32_t rowHash(EntryHandle handle) const;
   // The next handle will be above this one.
   void reserveUpTo(EntryHandle handle);
   // Called before a handle is given out, with the highest handle that may be given out from now on;

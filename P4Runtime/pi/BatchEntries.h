@@ -21,6 +21,8 @@ class BatchEntries : public Vela::Entity {
   // The outcome of the entry's programming; `abort`: it failed, and is undone. An undoing that
   // cannot be stored brings the critical state.
   virtual void updateCachedEntryState(EntryHandle handle, bool abort) = 0;
+  // Each entry of the batch was programmed.
+  virtual void updateAllCachedEntryStates() = 0;
   virtual void restoreTableEntryOnFailure(EntryHandle handle) = 0;
   // Whether entries were put back outside a batch, and the store has yet to commit them.
   virtual bool anyPutBack() const = 0;

@@ -1,9 +1,12 @@
 #include "P4Runtime/pi/BatchSettling.h"
 
+#include <absl/container/flat_hash_map.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
+#include <optional>
 #include <stdexcept>
 
 #include "P4Runtime/pi/BatchWait.h"
@@ -23,7 +26,7 @@ Scrivel::TraceHandle trace("KorvelPiImpl");
 struct BatchSettling::Outcome {
   BatchOffset offset = 0;
   EntryHandle handle = 0;
-  const BatchStatusEntry* entry = nullptr;  // null: not completed
+  std::optional<BatchStatusEntry> entry;  // nothing: not completed
 
   bool failed() const { return entry && entry->errorCode() != 0; }
 };
@@ -33,8 +36,36 @@ void BatchSettling::settle(const StatusVector& known) {
   maybePretendHwProgramming(batchStatus_);
   copyKnownErrors(known, statusVector_);
   BatchWait(batchStatus_).waitForStatusUpdates(entries_.numPendingEntries());
+  if (allProgrammed()) return settleAll();
   settleCompletedUpdates();
   maybeHandleTimedOut();
+}
+
+// Nearly each batch ends like that: each element of the vector is of an entry that the batch wrote,
+// and each entry is programmed.
+bool BatchSettling::allProgrammed() const {
+  if (!batchStatus_.allSucceeded()) return false;
+  auto element = statusVector_.begin();
+  for (const auto& [handle, written] : batchStatus_.written()) {
+    if (!written.hasOffset || written.earlier != 0) return false;
+    const bool isOfFormer =
+        element != statusVector_.begin() && std::prev(element)->first == written.lastOffset;
+    if (isOfFormer) continue;
+    if (element == statusVector_.end() || element->first != written.lastOffset) return false;
+    if (!isPending(element->second)) return false;
+    ++element;
+  }
+  return element == statusVector_.end();
+}
+
+void BatchSettling::settleAll() {
+  entries_.updateAllCachedEntryStates();
+  const pi_dev_id_t deviceId = server_ ? server_->deviceId() : 0;
+  for (const auto& [handle, written] : batchStatus_.written()) {
+    const uint64_t programmed = handle;
+    pi_table_pending_entry_status_changed(deviceId, &programmed, 0);
+  }
+  statusVector_.clear();  // only now is the outcome certain
 }
 
 // Entries that were put back are stored before the controller hears of the failure. Without them
@@ -50,15 +81,13 @@ void BatchSettling::storeOutcome() {
 // Later offsets first, so that removing an element moves only failed elements; within an offset
 // later writes first, since they may depend on earlier ones.
 std::vector<BatchSettling::Outcome> BatchSettling::outcomes() const {
-  const auto& handles = batchStatus_.entryHandles();
-  const auto& completed = batchStatus_.completedTransactionStatus();
   std::vector<Outcome> result;
-  result.reserve(handles.size());
-  for (auto handle = handles.rbegin(); handle != handles.rend(); ++handle) {
-    const auto done = completed.find(*handle);
-    result.push_back({batchStatus_.entryHandleToBatchOffset().at(*handle).back(), *handle,
-                      done == completed.end() ? nullptr : &done->second});
+  result.reserve(batchStatus_.written().size());
+  for (const auto& [handle, written] : batchStatus_.written()) {
+    if (!written.hasOffset) continue;
+    result.push_back({written.lastOffset, handle, batchStatus_.completedTransactionStatus(handle)});
   }
+  std::ranges::reverse(result);
   const auto later = [](const Outcome& a, const Outcome& b) { return a.offset > b.offset; };
   if (!std::is_sorted(result.begin(), result.end(), later)) {
     std::stable_sort(result.begin(), result.end(), later);
@@ -107,15 +136,14 @@ void BatchSettling::settleUpdate(std::span<Outcome> update) {
 
 StatusIter BatchSettling::markNotPending(EntryHandle handle, uint32_t errorCode,
                                          const std::string& message) {
-  const auto& offsetsOf = batchStatus_.entryHandleToBatchOffset();
-  const auto offsets = offsetsOf.find(handle);
-  if (offsets == offsetsOf.end()) {
+  const BatchStatus::Offsets offsets = batchStatus_.offsetsOf(handle);
+  if (offsets.empty()) {
     throw std::out_of_range(fmt::format("Batch offset for entry handle {} does not exist", handle));
   }
-  const auto last = statusIterAtOffset(statusVector_, offsets->second.back());
+  const auto last = statusIterAtOffset(statusVector_, offsets.back());
   if (last == statusVector_.end()) {
     SCRIVEL_TRACE(0, "markStatusEntryNotPending", " no elements in status vector at offset ",
-                  offsets->second.back());
+                  offsets.back());
     return last;
   }
   if (!isPending(last->second)) {
@@ -126,7 +154,7 @@ StatusIter BatchSettling::markNotPending(EntryHandle handle, uint32_t errorCode,
   }
   const auto position = last - statusVector_.begin();
   settleStatusEntry(statusVector_, last, errorCode, message);
-  const ptrdiff_t removedBefore = settleEarlierOffsets(offsets->second, errorCode, message);
+  const ptrdiff_t removedBefore = settleEarlierOffsets(offsets, errorCode, message);
   settleEntry(handle, errorCode);
   return statusVector_.begin() + position - removedBefore + (errorCode != 0 ? 1 : 0);
 }
@@ -173,9 +201,14 @@ void BatchSettling::maybeHandleTimedOut() {
 }
 
 void BatchSettling::describeTimeouts() {
+  absl::flat_hash_map<BatchOffset, EntryHandle> handles;
+  for (const auto& [handle, written] : batchStatus_.written()) {
+    for (const BatchOffset offset : batchStatus_.offsetsOf(handle)) handles[offset] = handle;
+  }
   for (auto& [offset, error] : statusVector_) {
     if (isPending(error)) {
-      describeTimeout(offset, error);
+      const auto found = handles.find(offset);
+      describeTimeout(offset, found == handles.end() ? 0 : found->second, error);
     } else {
       SCRIVEL_TRACE(0, "maybeHandleTimedOutStatusEntries", " ignoring offset ", offset,
                     " since its error code is not pending, but ", error.canonical_code());
@@ -183,14 +216,14 @@ void BatchSettling::describeTimeouts() {
   }
 }
 
-void BatchSettling::describeTimeout(BatchOffset offset, p4::v1::Error& error) const {
-  const auto found = batchStatus_.batchOffsetToEntryHandle().find(offset);
-  if (found == batchStatus_.batchOffsetToEntryHandle().end()) {
+void BatchSettling::describeTimeout(BatchOffset offset, EntryHandle handle,
+                                    p4::v1::Error& error) const {
+  if (handle == 0) {
     SCRIVEL_TRACE(0, "maybeHandleTimedOutStatusEntries", " offset ", offset,
                   " does not have an entry handle ");
     return;
   }
-  const uint32_t tableId = handleMgr_.entryHandleToResourceId(found->second).id;
+  const uint32_t tableId = handleMgr_.entryHandleToResourceId(handle).id;
   error.set_message(
       fmt::format("Hardware programming for table id:{} could not be verified", tableId));
   SCRIVEL_TRACE(0, "maybeHandleTimedOutStatusEntries", " offset ", offset,
@@ -199,9 +232,9 @@ void BatchSettling::describeTimeout(BatchOffset offset, p4::v1::Error& error) co
 
 std::vector<EntryHandle> BatchSettling::timedOutHandles() const {
   std::vector<EntryHandle> timedOut;
-  std::ranges::copy_if(
-      batchStatus_.entryHandles(), std::back_inserter(timedOut),
-      [this](EntryHandle handle) { return batchStatus_.pendingOperationHas(handle); });
+  for (const auto& [handle, written] : batchStatus_.written()) {
+    if (batchStatus_.pendingOperationHas(handle)) timedOut.push_back(handle);
+  }
   return timedOut;
 }
 

@@ -43,6 +43,8 @@ class BatchSettling {
  private:
   struct Outcome;  // of one handle of the batch
 
+  bool allProgrammed() const;
+  void settleAll();
   std::vector<Outcome> outcomes() const;
   void settleCompletedUpdates();
   void settleUpdate(std::span<Outcome> update);
@@ -55,7 +57,8 @@ class BatchSettling {
   void settleEntry(EntryHandle handle, uint32_t errorCode);
   void tellPiLibrary(EntryHandle handle, uint32_t errorCode) const;
   void describeTimeouts();
-  void describeTimeout(BatchOffset offset, p4::v1::Error& error) const;
+  // The handle is one of the offset's; 0: it has none.
+  void describeTimeout(BatchOffset offset, EntryHandle handle, p4::v1::Error& error) const;
   std::vector<EntryHandle> timedOutHandles() const;
 
   StatusVector& statusVector_;

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cerrno>
-#include <chrono>
 
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
@@ -17,10 +16,6 @@ namespace {
 Scrivel::TraceHandle trace("KorvelPiImpl");
 
 constexpr double longestTimeout = 24 * 60 * 60;  // seconds
-
-// A report is often only some ten microseconds away: a processor that naps until then takes longer
-// to wake than it slept.
-constexpr std::chrono::microseconds worthSpinning(50);
 
 int selectReadable(int fd, timeval timeout) {
   fd_set readSet;
@@ -41,12 +36,7 @@ int BatchWait::selectUntilTimeout(int notifyFd) const {
   timeout.tv_sec =
       static_cast<time_t>(std::clamp(batchStatus_.batchTimeout().seconds, 0.0, longestTimeout));
   const Vela::ActivityLockReleased released;
-  const auto spinUntil = std::chrono::steady_clock::now() + worthSpinning;
-  int ready = 0;
-  do {
-    ready = selectReadable(notifyFd, {});
-  } while (ready == 0 && std::chrono::steady_clock::now() < spinUntil);
-  return ready == 0 ? selectReadable(notifyFd, timeout) : ready;
+  return selectReadable(notifyFd, timeout);
 }
 
 // `completedOps` gets the count of the reports that have come in.
@@ -64,6 +54,7 @@ BatchWait::TimeoutOrReady BatchWait::waitForBatchStatusActivityOrTimeout(uint64_
 
 void BatchWait::waitForStatusUpdates(uint64_t pending) {
   uint64_t completed = 0;
+  if (pending > 0) batchStatus_.lookForReports();
   while (completed < pending) {
     uint64_t completedOps = 0;
     if (waitForBatchStatusActivityOrTimeout(&completedOps) == TimeoutOrReady::timeout) {

@@ -71,7 +71,7 @@ void beginBatch() {
   pendingStatus().clear();
   TheBatchEntries()->clearPendingOperations();
   try {
-    TheBatchStatus()->onBatchBegin();
+    TheBatchStatus()->onBatchBegin(pi_batch_urgent() != 0);
   } catch (...) {
     const EndOfBatch end;
     endBatch();

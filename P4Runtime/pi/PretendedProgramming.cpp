@@ -29,8 +29,8 @@ void maybePretendHwProgramming(BatchStatus& status) {
          !batchStatus->pretendHwProgrammingTimeout() ||
          (batchStatus->pretendHwProgrammingFailedOffset() !=
           batchStatus->pretendHwProgrammingTimeoutOffset()));
-  for (const EntryHandle handle : status.entryHandles()) {
-    const BatchOffset offset = status.entryHandleToBatchOffset().at(handle).back();
+  for (const auto& [handle, written] : status.written()) {
+    const BatchOffset offset = written.lastOffset;
     if (status.pretendHwProgrammingTimeout() &&
         offset == status.pretendHwProgrammingTimeoutOffset()) {
       status.pretendSilence(handle);  // so that the time-out takes its course

@@ -15,10 +15,7 @@ Scrivel::TraceHandle trace("P4RuntimeException");
 
 // An earlier write of the entry in the same batch is undone, too: it fails with this one.
 void failEarlierWrites(const BatchStatus& batchStatus, const P4RuntimeException& e) {
-  const auto& offsetsOf = batchStatus.entryHandleToBatchOffset();
-  const auto found = offsetsOf.find(e.entryHandle);
-  if (found == offsetsOf.end()) return;
-  for (const BatchOffset offset : found->second) {
+  for (const BatchOffset offset : batchStatus.offsetsOf(e.entryHandle)) {
     if (offset == e.offset()) continue;
     setPendingStatusForOffset(offset, static_cast<uint32_t>(e.errorCode), e.what());
   }
@@ -47,11 +44,10 @@ pi_status_t P4RuntimeException::handleException(const P4RuntimeException& e) {
 }
 
 void maybeThrowBatchEntryErrorException(EntryHandle handle) {
-  const auto& completed = TheBatchStatus()->completedTransactionStatus();
-  const auto found = completed.find(handle);
-  if (found == completed.end() || found->second.errorCode() == 0) return;
-  throw P4RuntimeException(found->second.errorMessage(), handle, pi_batch_current_offset(),
-                           static_cast<ErrorCode>(found->second.errorCode()));
+  const auto completed = TheBatchStatus()->completedTransactionStatus(handle);
+  if (!completed || completed->errorCode() == 0) return;
+  throw P4RuntimeException(completed->errorMessage(), handle, pi_batch_current_offset(),
+                           static_cast<ErrorCode>(completed->errorCode()));
 }
 
 std::string_view currentMetadata() {

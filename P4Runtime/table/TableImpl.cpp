@@ -33,19 +33,20 @@ void breakInvariant(const std::string& why) {
 // Each knows only those above it.
 struct TableImpl::Rooms {
   Rooms(TableImpl& face, P4TableInfo& tableInfo, P4HandleMgr& handles, EntryFailures& failures)
-      : records(face.database_ ? &face.database_->store() : nullptr),
+      : records(face.database_ ? &face.database_->store() : nullptr, tableInfo, handles),
         reservation(handles, face.database_ ? &face.database_->store() : nullptr,
                     face.peers_.hwStatusDir.get()),
         names(tableInfo, handles, records),
         strayReports(handles, names, failures),
-        pending(*face.peers_.batchStatus, records),
-        undo(tableInfo, handles, records, names, failures, face.database_),
+        pending(*face.peers_.batchStatus),
+        undo(names, failures, face.database_),
         settler(handles, records, pending, undo, strayReports, failures),
         tables(tableInfo, records, restoreMode, *face.peers_.batchStatus,
                face.peers_.systemStatus.get(), face.tableSizeCheckEnabledAttribute()),
         rowBuilder(tableInfo),
+        entryKeys(tableInfo, rowBuilder),
         rowWriter(tableInfo, handles, restoreMode, pending),
-        entryWriter(tableInfo, handles, tables, rowBuilder, rowWriter),
+        entryWriter(tableInfo, handles, entryKeys, face.database_, tables, rowBuilder, rowWriter),
         profileWriter(tableInfo, handles, tables, rowBuilder, rowWriter),
         restorer({.tableInfo = tableInfo,
                   .handles = handles,
@@ -58,7 +59,11 @@ struct TableImpl::Rooms {
                   .mode = restoreMode,
                   .rowBuilder = rowBuilder,
                   .entryWriter = entryWriter,
-                  .profileWriter = profileWriter}) {}
+                  .profileWriter = profileWriter}),
+        handles(handles) {
+    handles.boundKeysAre(&entryKeys);
+  }
+  ~Rooms() { handles.boundKeysAre(nullptr); }
 
   EntryRecords records;
   HandleReservation reservation;
@@ -71,10 +76,12 @@ struct TableImpl::Rooms {
   RestoreMode restoreMode;
   WritableTables tables;
   RowBuilder rowBuilder;
+  EntryKeys entryKeys;
   RowWriter rowWriter;
   EntryWriter entryWriter;
   ProfileWriter profileWriter;
   Restorer restorer;
+  P4HandleMgr& handles;
 };
 
 TableImpl::TableImpl(Vela::Ptr<P4TableInfo> tableInfo, Vela::Ptr<P4HandleMgr> handleMgr,
@@ -228,7 +235,7 @@ void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle,
   record.controllerMetadata = controllerMetadata;
   if (!tableCache()) return;
   tableCache()->cacheIs(record);
-  rooms_->pending.recordWritten(handle, record);
+  rooms_->pending.noteChange(handle, rooms_->records.lastChange());
 }
 
 void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle,
@@ -239,7 +246,9 @@ void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle,
   record.cloneActionProfileMemberEntry(action);
   record.memberId = memberId;
   record.memberHandle = record.key.entryHandle;
-  if (memberCache()) memberCache()->cacheIs(record);
+  if (!memberCache()) return;
+  memberCache()->cacheIs(record);
+  rooms_->pending.noteChange(handle, rooms_->records.lastChange());
 }
 
 void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle, uint32_t groupId) {
@@ -254,11 +263,15 @@ void TableImpl::addCachedEntry(const ResourceId& rid, EntryHandle handle, uint32
     record.members.elementsAre(std::vector<MemberHandle>(members->begin(), members->end()));
   }
   groupCache()->cacheIs(record);
+  rooms_->pending.noteChange(handle, rooms_->records.lastChange());
 }
 
 void TableImpl::cachedMetadataIs(const ResourceId& rid, EntryHandle handle,
                                  std::string_view metadata) {
-  rooms_->records.metadataIs(recordKey(rid, handle), metadata);
+  const CacheKey key = recordKey(rid, handle);
+  if (metadata.empty() && rooms_->records.metadata(key).empty()) return;
+  rooms_->records.metadataIs(key, metadata);
+  rooms_->pending.noteChange(handle, rooms_->records.lastChange());
 }
 
 std::string TableImpl::cachedMetadata(const CacheKey& key) const {
@@ -269,16 +282,11 @@ void TableImpl::deleteCachedEntry(const ResourceId& rid, EntryHandle handle) {
   rooms_->settler.deleteRecord(rid, handle);
 }
 
-// One entry whose outcome cannot be stored must not keep the others of its batch from theirs.
-void TableImpl::updateCachedEntryState(EntryHandle handle, bool abort) try {
+void TableImpl::updateCachedEntryState(EntryHandle handle, bool abort) {
   rooms_->settler.settle(handle, abort);
-} catch (const std::exception& e) {
-  SCRIVEL_TRACE(0, "TableImpl", " entryHandle: ", handle, " abort: ", abort, " ", e.what());
-  if (!abort) return;  // the write stands; a restart makes its record stable
-  breakInvariant(fmt::format("a failed entry of {} could not be undone: {}",
-                             tableInfo_->nameOf(handleMgr_->entryHandleToResourceId(handle)),
-                             e.what()));
 }
+
+void TableImpl::updateAllCachedEntryStates() { rooms_->settler.settleAll(); }
 
 void TableImpl::entryCacheDel(const ResourceId& rid, EntryHandle handle) {
   rooms_->settler.removeEntry(rid, handle);
@@ -290,21 +298,18 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
 
 void TableImpl::clearPendingOperations() { rooms_->pending.clear(); }
 size_t TableImpl::numPendingEntries() const { return rooms_->pending.awaitedCount(); }
-bool TableImpl::anyPutBack() const { return rooms_->undo.anyPutBack(); }
+bool TableImpl::anyPutBack() const { return rooms_->undo.putBackCount() > 0; }
 void TableImpl::commitOrThrow() { rooms_->undo.commitOrThrow(); }
 
-void TableImpl::commitPutBack() try {
-  EntryUndo& undo = rooms_->undo;
-  // Some may be of an earlier batch, whose undoing could not be stored.
-  if (peers_.systemStatus->brokenInvariant()) return undo.maybePutBackAgain();
-  const Vela::Outcome stored = undo.commit();
-  if (!stored.ok()) {
-    breakInvariant(fmt::format("{} failed {} could not be put back as before: {}",
-                               undo.putBackCount(), undo.putBackCount() == 1 ? "entry" : "entries",
-                               stored.reason()));
-  }
-} catch (const std::exception& e) {  // the switch is critical already
-  SCRIVEL_TRACE(0, "TableImpl", " ", e.what());
+// The front end takes the entries for undone, so that only a restore brings it and the store
+// together.
+void TableImpl::commitPutBack() {
+  const size_t count = rooms_->undo.putBackCount();
+  const Vela::Outcome stored = rooms_->undo.commit();
+  if (stored.ok()) return;
+  restoreNeededIs(true);
+  breakInvariant(fmt::format("{} failed {} could not be put back as before: {}", count,
+                             count == 1 ? "entry" : "entries", stored.reason()));
 }
 
 void TableImpl::handleConstTablesProgrammed() {
@@ -333,7 +338,6 @@ void TableImpl::triggerCriticalState() {
 }
 
 void TableImpl::revertCriticalState() {
-  rooms_->undo.maybePutBackAgain();
   if (restoreNeeded()) restoreRequestsIs(restoreRequests() + 1);
   P4RuntimeBrokenInvariantException::revertCriticalState();
 }
@@ -359,5 +363,7 @@ void TableImpl::handleInStep(uint64_t sequence) {
   SCRIVEL_TRACE(1, "handleInStep", " sequence: ", sequence);
   failures_->inStepIs(sequence);
 }
+
+void TableImpl::handleProgrammed(uint64_t sequence) { failures_->programmedUpToIs(sequence); }
 
 }  // namespace P4Runtime

@@ -16,6 +16,7 @@
 #include "P4Runtime/pi/BatchEntries.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
+#include "P4Runtime/table/records/EntryCache.h"
 #include "P4Runtime/table/records/TableCache.h"
 #include "P4Runtime/table/rows/EntryToWrite.h"
 #include "PI/pi_tables.h"
@@ -94,6 +95,7 @@ class TableImpl : public BatchEntries {
   std::string cachedMetadata(const CacheKey& key) const;
   void deleteCachedEntry(const ResourceId& rid, EntryHandle handle);
   void updateCachedEntryState(EntryHandle handle, bool abort) override;
+  void updateAllCachedEntryStates() override;
   void entryCacheDel(const ResourceId& rid, EntryHandle handle);
   void restoreTableEntryOnFailure(EntryHandle handle) override;
 
@@ -154,6 +156,8 @@ class TableImpl : public BatchEntries {
   size_t forgetReportsOf(uint64_t subscriber);
   // Every forwarding agent has taken a snapshot that shows `sequence`.
   void handleInStep(uint64_t sequence);
+  // Forwarding agents have programmed all changes up to `sequence`, but for those reported failed.
+  void handleProgrammed(uint64_t sequence);
   // The failures that forwarding agents reported when no batch was waiting.
   const Vela::Ptr<EntryFailures>& failures() const { return failures_; }
   // The entries that came with the pipeline.

@@ -12,6 +12,7 @@ struct BatchContext {
 };
 
 thread_local BatchContext current;
+thread_local int batchUrgent = 1;
 
 }  // namespace
 
@@ -32,3 +33,7 @@ void pi_batch_current_set(uint32_t offset, uint32_t controller_id, uint64_t cont
 }
 
 void pi_batch_current_clear() { current = {}; }
+
+int pi_batch_urgent() { return batchUrgent; }
+
+void pi_batch_urgent_set(int urgent) { batchUrgent = urgent; }

@@ -47,8 +47,10 @@ class P4RuntimeService final : public grpc::Service {
                       size_t maxBytes, Serve serve);
 
   grpc::Status write(UnaryCall& call, const p4::v1::WriteRequest& request);
+  using Clock = std::chrono::steady_clock;
   google::rpc::Status stillWanted(const grpc::ServerContext& context,
-                                  const p4::v1::WriteRequest& request) const;
+                                  const p4::v1::WriteRequest& request,
+                                  Clock::time_point came) const;
   grpc::Status read(grpc::ServerContext& context, const p4::v1::ReadRequest& request,
                     grpc::ServerWriter<p4::v1::ReadResponse>& writer);
   grpc::Status setPipeline(UnaryCall& call,

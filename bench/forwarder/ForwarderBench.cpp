@@ -29,6 +29,7 @@ class DeafSubscriber final : public Lattice::Subscriber {
   void flush() override {}
   uint64_t sequence() const override { return 0; }
   int descriptor() const override { return -1; }
+  void lookForIs(std::chrono::microseconds) override {}
 
  private:
   std::string trouble_;

@@ -119,8 +119,8 @@ void warnUnlessMemory(const std::string& directory) {
   if (Brine::isMemory(directory)) return;
   fmt::print(
       stderr,
-      "korvel: the state directory {} is not on a tmpfs: each commit is written to a device, "
-      "and nothing is kept beyond a boot of the machine\n",
+      "korvel: the state directory {} is not on a tmpfs: the kernel writes its files to a "
+      "device now and then, which takes time, and nothing is kept beyond a boot of the machine\n",
       directory);
 }
 

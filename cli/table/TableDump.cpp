@@ -3,10 +3,9 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstring>
 #include <stdexcept>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/Reader.h"
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
 #include "platform/lattice/types/DirectColumns.h"
@@ -17,31 +16,15 @@ namespace {
 using Lattice::ColumnText;
 using Lattice::ColumnType;
 using Lattice::TableType;
-using States = std::unordered_map<uint64_t, std::string>;
 
-constexpr const char* tableCache = "p4runtime/cache/table";
 constexpr const char* memberCache = "p4runtime/cache/actionProfileMember";
 constexpr const char* groupCache = "p4runtime/cache/actionProfileGroup";
 
-// Of a cache record only its head is needed: key (type u32, id u32, handle u64), state u32, all
-// little-endian; see P4Runtime/table/records/CacheRecords.h.
-void addState(Brine::Bytes record, States& states) {
-  uint64_t handle = 0;
-  uint32_t state = 0;
-  if (record.size() < 20) return;
-  std::memcpy(&handle, record.data() + 8, sizeof handle);
-  std::memcpy(&state, record.data() + 16, sizeof state);
-  static const char* const names[] = {"pending to be added", "pending to be deleted", "stable"};
-  states[handle] = state < std::size(names) ? names[state] : "unknown";
-}
-
-States entryStates(Brine::Snapshot& snapshot) {
-  States states;
-  snapshot.forEach(tableCache, [&](Brine::Bytes, Brine::Bytes record) {
-    addState(record, states);
-    return true;
-  });
-  return states;
+// The agent's record of an entry stands behind its row; a row is pending while the outcome of its
+// batch is not known.
+std::string stateOf(const Brine::Snapshot& snapshot, const Brine::Record& row) {
+  if (row.attachment.empty()) return "";
+  return snapshot.isUnsettled(row) ? "pending to be added" : "stable";
 }
 
 std::shared_ptr<const TableType> typeOf(const Lattice::TableRecord& record) {
@@ -79,22 +62,17 @@ DumpedTable tableOf(const std::string& name, const Lattice::TableRecord& record)
 
 template <typename Visit>
 void eachRow(Brine::Snapshot& snapshot, const DumpedTable& table, const Visit& visit) {
-  snapshot.forEach(Lattice::rowTable(table.name), [&](Brine::Bytes key, Brine::Bytes bytes) {
-    const auto stored = Lattice::StoredRow::decode(Brine::asText(bytes));
-    if (!stored) return true;  // no row of ours
-    visit(DumpedRow{std::string(Brine::asText(key)), std::string(stored->value),
-                    stored->entryHandle, stored->sequence, ""});
+  snapshot.forEachRecord(Lattice::rowTable(table.name), [&](const Brine::Record& row) {
+    visit(DumpedRow{std::string(Brine::asText(row.key)), std::string(Brine::asText(row.value)),
+                    row.owner, row.sequence, stateOf(snapshot, row)});
     return true;
   });
 }
 
-void addRows(Brine::Snapshot& snapshot, const States& states, DumpedTable& table) {
-  eachRow(snapshot, table, [&](DumpedRow row) {
-    if (const auto state = states.find(row.entryHandle); state != states.end()) {
-      row.state = state->second;
-    }
-    table.rows.push_back(std::move(row));
-  });
+// Ascending by key.
+void addRows(Brine::Snapshot& snapshot, DumpedTable& table) {
+  eachRow(snapshot, table, [&](DumpedRow row) { table.rows.push_back(std::move(row)); });
+  std::ranges::sort(table.rows, {}, &DumpedRow::key);
 }
 
 DumpedMember memberOf(const DumpedTable& table, const DumpedRow& row) {
@@ -227,14 +205,14 @@ TableDump dumpTables(const std::string& stateDirectory, const std::vector<std::s
     if (record) all.push_back(tableOf(std::string(Brine::asText(key)), *record));
     return true;
   });
+  std::ranges::sort(all, {}, &DumpedTable::name);
   requireAll(wanted, all);
   TableDump dump;
   std::ranges::copy_if(all, std::back_inserter(dump.tables),
                        [&](const DumpedTable& table) { return isWanted(wanted, table.name); });
-  const States states = withRows ? entryStates(*snapshot) : States();
   for (DumpedTable& table : dump.tables) {
     table.rowCount = snapshot->count(Lattice::rowTable(table.name));
-    if (withRows) addRows(*snapshot, states, table);
+    if (withRows) addRows(*snapshot, table);
   }
   const bool leadsThere = std::ranges::any_of(dump.tables, [](const DumpedTable& table) {
     return table.kind != TableKind::direct && !table.rows.empty();

@@ -16,7 +16,7 @@ struct DumpedRow {
   std::string value;  // packed
   uint64_t entryHandle = 0;
   uint64_t sequence = 0;
-  std::string state;  // of the entry's cache record; empty without one
+  std::string state;  // of the entry; empty for a row of no table entry
 };
 
 // The rows of a table: entries that hold their action, entries that name a member or a group,

@@ -8,11 +8,11 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
+#include <string_view>
 #include <system_error>
 
-#include "platform/brine/Failure.h"
-#include "platform/brine/StoreTerms.h"
+#include "platform/brine/Store.h"
+#include "platform/brine/StoreFile.h"
 
 namespace Brine {
 namespace {
@@ -70,8 +70,7 @@ void prepareDirectory(const std::string& directory) {
 }
 
 void requireRegularFiles(const std::string& directory, Purpose purpose) {
-  for (const std::string& path :
-       {dataPath(directory), lockPath(directory), writerPath(directory)}) {
+  for (const std::string& path : {dataPath(directory), writerPath(directory)}) {
     struct stat status {};
     if (lstat(path.c_str(), &status) == 0) {
       requireRegular(status, path);
@@ -103,10 +102,17 @@ bool isMemory(const std::string& directory) {
   return status.f_type == TMPFS_MAGIC || status.f_type == RAMFS_MAGIC;
 }
 
-std::string currentBootId() {
-  std::string id;
-  std::getline(std::ifstream("/proc/sys/kernel/random/boot_id"), id);
-  return id;
+std::string currentBootId(const std::string& directory) {
+  const int file = open("/proc/sys/kernel/random/boot_id", O_RDONLY | O_CLOEXEC);
+  if (file < 0 && errno == ENOENT) return "";
+  if (file < 0) failed(errno, directory);
+  char id[64];
+  const ssize_t got = read(file, id, sizeof id);
+  const int error = errno;
+  close(file);
+  if (got < 0) failed(error, directory);
+  const std::string_view text(id, static_cast<size_t>(got));
+  return std::string(text.substr(0, text.find('\n')));
 }
 
 }  // namespace Brine

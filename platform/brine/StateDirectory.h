@@ -1,4 +1,4 @@
-// The check of the state directory before anything in it is opened: its owner, its permissions,
+// The state directory, looked at before anything in it is opened: whose it is, who may write there,
 // and whether the store's files are files.
 #pragma once
 
@@ -20,10 +20,8 @@ void requireRegularFiles(const std::string& directory, Purpose purpose);
 // mode 0600. Follows no link and waits for nobody. Throws StoreError.
 int openedFile(const std::string& directory, const std::string& path);
 
-// Whether the directory is memory: only then do its files end with this boot of the machine.
-bool isMemory(const std::string& directory);
-
-// The kernel's id of this boot; empty when it tells none.
-std::string currentBootId();
+// The kernel's id of this boot; empty when it tells none. Throws StoreError when it cannot be read
+// for now.
+std::string currentBootId(const std::string& directory);
 
 }  // namespace Brine

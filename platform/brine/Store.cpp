@@ -1,178 +1,224 @@
-// The writer: a write set over one LMDB environment.
+// The writer: tables of records over the slots of one file.
 #include "platform/brine/Store.h"
 
+#include <absl/container/flat_hash_map.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <set>
 #include <thread>
 #include <utility>
 
-#include "platform/brine/CommitRoom.h"
-#include "platform/brine/Failure.h"
-#include "platform/brine/Records.h"
-#include "platform/brine/SharedEnvironment.h"
-#include "platform/brine/StoreFiles.h"
-#include "platform/brine/StoreHead.h"
-#include "platform/brine/WriteSet.h"
+#include "platform/brine/ChangeLog.h"
+#include "platform/brine/KeyIndex.h"
+#include "platform/brine/RecordSum.h"
+#include "platform/brine/Recovery.h"
+#include "platform/brine/SetAside.h"
+#include "platform/brine/SlotSpace.h"
+#include "platform/brine/StateDirectory.h"
+#include "platform/brine/StoreFile.h"
 
 namespace Brine {
 namespace {
 
-struct Table {
-  std::string name;
-  MDB_dbi dbi = 0;
-  bool exists = true;
-  // Of the write set:
-  bool cleared = false;              // eraseAll() ran; committed records do not count any more
-  int64_t delta = 0;                 // added by the resolved records to the committed count
-  std::vector<uint32_t> unresolved;  // records of which we do not know whether they were there
+// Who holds it is the one writer of the directory. The kernel drops it with the process.
+class WriterLock {
+ public:
+  explicit WriterLock(const std::string& directory) {
+    file_ = openedFile(directory, writerPath(directory));
+    if (flock(file_, LOCK_EX | LOCK_NB) == 0) return;
+    const int error = errno;
+    ::close(file_);
+    if (error != EWOULDBLOCK) failed(error, directory, writerPath(directory));
+    throw StoreError(Trouble::busy, "another process writes to the state directory " + directory +
+                                        "; stop it or choose another directory");
+  }
+  ~WriterLock() { ::close(file_); }
+  WriterLock(const WriterLock&) = delete;
+  WriterLock& operator=(const WriterLock&) = delete;
+
+ private:
+  int file_ = -1;
 };
 
-// The last result of get() in the committed state, so that a look at a record and a write of it
-// cost one descent.
-struct Found {
-  uint64_t hash = 0;
-  TableNumber table = 0;
-  bool present = false;
-  bool damaged = false;  // present, but without a value
-  uint8_t keySize = 0;   // 0: nothing remembered
-  std::array<uint8_t, 64> key{};
-  Bytes value;
-};
+// The list of tables is a table itself: under each name its number (u32).
+constexpr TableNumber directoryTable = 1;
 
 class StoreImpl final : public Store {
  public:
-  StoreImpl(std::unique_ptr<WriterLock> lock, std::shared_ptr<Environment> environment)
-      : lock_(std::move(lock)), environment_(std::move(environment)), read_(*environment_) {
-    releaseDeadReaders();
-    openTables();
-  }
+  StoreImpl(std::unique_ptr<WriterLock> lock, StoreFile file);
 
   TableNumber table(std::string_view name) override;
   bool hasTable(std::string_view name) const override { return numbers_.contains(name); }
   std::vector<std::string> tableNames() const override;
   void tableDel(std::string_view name) override;
-  std::optional<Bytes> get(TableNumber table, Bytes key) override;
-  std::span<uint8_t> reserve(TableNumber table, Bytes key, size_t size) override;
+  std::optional<Bytes> get(TableNumber table, Bytes key) const override;
+  std::optional<Record> record(TableNumber table, Bytes key) const override;
+  bool contains(TableNumber table, Bytes key) const override {
+    return at(table).index.find(key) != 0;
+  }
+  uint32_t keyHash(Bytes key) const override { return at(directoryTable).index.hash(key); }
+  std::optional<Record> recordOf(TableNumber table, uint32_t keyHash,
+                                 uint64_t owner) const override;
+  Written write(TableNumber table, Bytes key, size_t valueSize,
+                const WriteOptions& options) override;
   bool erase(TableNumber table, Bytes key) override;
+  uint64_t eraseFor(TableNumber table, Bytes key, uint64_t owner) override;
   void eraseAll(TableNumber table) override;
-  size_t count(TableNumber table) const override;
-  size_t forEach(TableNumber table, const Visit& visit, Bytes from) override;
+  size_t count(TableNumber table) const override { return at(table).index.size(); }
+  using Store::forEachRecord;
+  size_t forEachRecord(TableNumber table, const RecordVisit& visit, Position* position) override;
   std::vector<DamagedRecord> takeDamagedRecords() override { return std::exchange(damaged_, {}); }
   void eraseDamaged(std::span<const DamagedRecord> records) override;
-  bool dirty() const override { return writes_.size() > 0 || anyCleared_; }
-  using Store::commit;
-  void commit(Filling filling) override;
-  void handleReaderGone() override;
+  bool dirty() const override { return log_.anyOpen() || typesChanged_; }
+  void commit() override;
   void discard() override;
-  size_t bytesUsed() const override;
+  uint64_t committedSequence() const override { return log_.committed(); }
+  uint64_t nextSequence() const override { return log_.next(); }
+  uint64_t settledSequence() const override { return log_.settled(); }
+  std::optional<Change> change(uint64_t sequence) const override;
+  uint64_t undo(uint64_t sequence) override;
+  void settle() override { log_.settle(); }
+  bool isUnsettled(const Record& record) const override { return record.sequence > log_.settled(); }
+  void trim(uint64_t sequence, size_t atMost) override { log_.trim(sequence, atMost); }
+  uint64_t trimmedUpTo() const override { return log_.trimmed(); }
+  uint64_t typesVersion() const override { return file_.word(CommitWord::typesVersion); }
+  void typesChanged() override { typesChanged_ = true; }
+  std::string_view identity() const override { return {file_.head().identity, 16}; }
+  size_t bytesUsed() const override { return slots_.pagesUsed() * pageSize; }
 
  private:
-  enum class Presence { absent, present, damaged };
-  Presence committed(TableNumber table, Bytes key, uint64_t hash, Bytes* value);
-  bool isThere(TableNumber table, Bytes key);
-  void noteDamage(TableNumber table, Bytes key);
-  bool isPending(TableNumber table, Bytes key);
-  template <typename Write>
-  void inTransaction(const Write& write);
-  MDB_cursor* metaCursor(MDB_txn* txn);
-  void openTables();
-  Table& at(TableNumber table);
-  void checkKey(Bytes key) const;
-  PendingRecord& pending(TableNumber table, Bytes key);
-  void resolve(Table& table, PendingRecord& record) const;
-  void erasedIs(Table& table, PendingRecord& record, bool erased);
-  void writeAll(MDB_txn* txn, Filling filling);
-  std::span<const uint32_t> tableRun(std::span<const uint32_t> order) const;
-  void writeTable(MDB_cursor* cursor, const Table& table, std::span<const uint32_t> order);
-  void setAside();
-  void releaseDeadReaders() { mdb_reader_check(environment_->handle(), nullptr); }
+  struct Table {
+    Table(std::string name, const StoreFile& file) : name(std::move(name)), index(file) {}
+    std::string name;
+    KeyIndex index;
+  };
 
-  // Released last to first: the lock outlives the environment.
+  void recover();
+  void requireAll(const FormerSlots& former);
+  Table& add(TableNumber number, const std::string& name);
+  Table& at(TableNumber number) const;
+  void list(const std::string& name, TableNumber number);
+  void checkKey(Bytes key) const;
+  Ref soundSlot(TableNumber number, Ref ref) const;
+  Ref allocate(TableNumber table, size_t bytes);
+  Ref newSlot(TableNumber table, Bytes key, size_t valueSize, const WriteOptions& options);
+  Bytes keyOf(Ref ref) const { return {file_.slot(ref).key(), file_.slot(ref).keySize}; }
+  bool isOpen(Ref ref) const { return log_.isOpen(numberIn(file_.slot(ref).begin)); }
+  void endIs(Ref ref, uint64_t sequence);
+  void beginIs(Ref ref, uint64_t sequence);
+  void free(Ref ref);
+  void replaceOpen(Ref former, LoggedChange* change);
+  void takeBack(const LoggedChange& change);
+  void takeBackFrom(uint64_t sequence, Bytes key);
+  void noteDamage(TableNumber table, Ref ref) const;
+  bool isStillDamaged(TableNumber table, Ref ref) const;
+  void index(TableNumber table, const std::set<Ref>& without);
+
+  // Released last to first: the lock outlives the file.
   std::unique_ptr<WriterLock> lock_;
-  std::shared_ptr<Environment> environment_;
-  mutable ReadTransaction read_;
-  mutable std::vector<Table> tables_;
+  mutable StoreFile file_;
+  SlotSpace slots_;
+  ChangeLog log_;
+  RecordSum sum_;
+  std::vector<std::unique_ptr<Table>> tables_;  // by number; null: there is none
   std::map<std::string, TableNumber, std::less<>> numbers_;
-  mutable WriteSet writes_;
-  bool anyCleared_ = false;
-  std::array<Found, 128> found_;
-  uint64_t commits_ = 0;
-  bool readerGone_ = false;             // and perhaps was still there at the last look
-  std::vector<DamagedRecord> damaged_;  // not taken yet
-  std::set<DamagedRecord> knownDamaged_;
+  bool typesChanged_ = false;
+  mutable std::vector<DamagedRecord> damaged_;  // not taken yet
+  mutable std::map<DamagedRecord, std::set<Ref>> damagedSlots_;
 };
 
-bool isOwn(std::string_view name) { return name == metaTable; }
-
-std::vector<std::string> namesIn(MDB_txn* txn, const std::string& directory) {
-  std::vector<std::string> names;
-  const auto add = [&](std::string_view name) { return names.emplace_back(name), true; };
-  check(visitNames(txn, add), directory);
-  return names;
+StoreImpl::StoreImpl(std::unique_ptr<WriterLock> lock, StoreFile file)
+    : lock_(std::move(lock)),
+      file_(std::move(file)),
+      slots_(file_),
+      log_(file_, slots_),
+      sum_(file_) {
+  recover();
 }
 
-// Runs `write` in a transaction of its own, without regard to the write set. Where there is no
-// room, pages that dead readers held are released first, and `write` runs once more.
-template <typename Write>
-void StoreImpl::inTransaction(const Write& write) {
-  const auto once = [&] {
-    Transaction txn(*environment_, 0);
-    write(txn.handle());
-    txn.commit();
+void StoreImpl::recover() {
+  FormerSlots former;
+  const auto recoverOne = [&](TableNumber number) {
+    sum_.tableIs(number, recoverTable(file_, slots_, number, at(number).index, former,
+                                      [&](Ref ref) { noteDamage(number, ref); }));
   };
-  setAside();
-  try {
-    return once();
-  } catch (const StoreError& error) {
-    if (error.trouble != Trouble::full) throw;
+  add(directoryTable, "brine/tables");
+  recoverOne(directoryTable);
+  if (!damagedSlots_.empty()) damaged(file_.directory(), "its list of tables");
+  forEach(directoryTable, [&](Bytes key, Bytes value) {
+    TableNumber number = 0;
+    if (value.size() == sizeof number) std::memcpy(&number, value.data(), sizeof number);
+    const bool wasGivenOut = number <= file_.word(CommitWord::lastTable);
+    if (number <= directoryTable || !wasGivenOut) {
+      damaged(file_.directory(), "its list of tables");
+    }
+    add(number, std::string(asText(key)));
+    numbers_[std::string(asText(key))] = number;
+    return true;
+  });
+  const std::vector<TableNumber> numbers = slots_.tables();
+  const auto isListed = [&](TableNumber number) {
+    return number < tables_.size() && tables_[number] != nullptr;
+  };
+  for (const TableNumber number : numbers) {
+    if (number != directoryTable && isListed(number)) recoverOne(number);
   }
-  releaseDeadReaders();
-  once();
+  requireAll(former);
+  for (const TableNumber number : numbers) {
+    if (isListed(number)) continue;
+    log_.forgetTable(number);  // its writer was killed before it did
+    slots_.releaseTable(number);
+  }
+  std::ranges::sort(former.dead, {}, &DeadSlot::end);
+  for (const DeadSlot& slot : former.dead) log_.deadIs(slot.ref, slot.end);
+  log_.abandon(former.open);
+  commit();
+  slots_.giveBackMemory();
 }
 
-void StoreImpl::openTables() {
-  const std::lock_guard guard(environment_->handlesMutex);
-  Transaction txn(*environment_, MDB_RDONLY);
-  for (const std::string& name : namesIn(txn.handle(), environment_->directory())) {
-    if (isOwn(name)) continue;
-    MDB_dbi dbi = 0;
-    check(mdb_dbi_open(txn.handle(), name.c_str(), 0, &dbi), environment_->directory());
-    environment_->handles[name] = dbi;
-    numbers_[name] = static_cast<TableNumber>(tables_.size());
-    tables_.push_back({name, dbi});
+// Damaged records are in the sum, or, when a writer was killed as it erased them, not any more.
+void StoreImpl::requireAll(const FormerSlots& former) {
+  const uint64_t committed = log_.committed();
+  if (sum_.isRight(committed, 0)) return;
+  if (!former.anyUnreadable && !sum_.isRight(committed, -former.damagedSum)) {
+    damaged(file_.directory(), "records are missing");
   }
-  txn.commit();
+  sum_.write(committed);
 }
 
-std::string listKey(const std::string& table) { return std::string(tableKeyPrefix) + table; }
+StoreImpl::Table& StoreImpl::add(TableNumber number, const std::string& name) {
+  if (number >= tables_.size()) tables_.resize(number + size_t{1});
+  tables_[number] = std::make_unique<Table>(name, file_);
+  return *tables_[number];
+}
 
-// The transaction closes it.
-MDB_cursor* StoreImpl::metaCursor(MDB_txn* txn) {
-  MDB_dbi dbi = 0;
-  MDB_cursor* cursor = nullptr;
-  check(mdb_dbi_open(txn, std::string(metaTable).c_str(), 0, &dbi), environment_->directory());
-  check(mdb_cursor_open(txn, dbi, &cursor), environment_->directory());
-  return cursor;
+StoreImpl::Table& StoreImpl::at(TableNumber number) const {
+  if (number >= tables_.size() || !tables_[number]) {
+    throw std::logic_error("no such table in the store; it was deleted or never opened");
+  }
+  return *tables_[number];
 }
 
 TableNumber StoreImpl::table(std::string_view name) {
   if (const auto known = numbers_.find(name); known != numbers_.end()) return known->second;
+  const auto last = std::max<uint64_t>(file_.word(CommitWord::lastTable), directoryTable);
+  const auto number = static_cast<TableNumber>(last + 1);
+  file_.wordIs(CommitWord::lastTable, number);
   const std::string text(name);
-  const std::lock_guard guard(environment_->handlesMutex);
-  MDB_dbi dbi = 0;
-  inTransaction([&](MDB_txn* txn) {
-    environment_->allocateRoom({.pages = 8});
-    check(mdb_dbi_open(txn, text.c_str(), MDB_CREATE, &dbi), environment_->directory());
-    check(putRecord(metaCursor(txn), asBytes(listKey(text)), {}), environment_->directory());
-  });
-  environment_->handles[text] = dbi;
-  const auto number = static_cast<TableNumber>(tables_.size());
-  tables_.push_back({text, dbi});
+  list(text, number);
+  add(number, text);
   numbers_[text] = number;
   return number;
+}
+
+void StoreImpl::list(const std::string& name, TableNumber number) {
+  std::memcpy(reserve(directoryTable, asBytes(name), sizeof number).data(), &number, sizeof number);
 }
 
 std::vector<std::string> StoreImpl::tableNames() const {
@@ -181,28 +227,19 @@ std::vector<std::string> StoreImpl::tableNames() const {
   return names;
 }
 
+// Its records go once no opening can find the table.
 void StoreImpl::tableDel(std::string_view name) {
   const auto known = numbers_.find(name);
   if (known == numbers_.end()) return;
-  Table& table = tables_[known->second];
-  {
-    const std::lock_guard guard(environment_->handlesMutex);
-    inTransaction([&](MDB_txn* txn) {
-      environment_->allocateRoom({.pages = 8});
-      check(mdb_drop(txn, table.dbi, 1), environment_->directory());
-      check(eraseRecord(metaCursor(txn), asBytes(listKey(table.name))), environment_->directory());
-    });
-    environment_->handles.erase(table.name);
-  }
-  table.exists = false;
+  const TableNumber number = known->second;
+  erase(directoryTable, asBytes(name));
+  sum_.forgetTable(number);
+  commit();
+  log_.forgetTable(number);
+  slots_.releaseTable(number);
+  tables_[number].reset();
   numbers_.erase(known);
-}
-
-Table& StoreImpl::at(TableNumber table) {
-  if (table >= tables_.size() || !tables_[table].exists) {
-    throw std::logic_error("no such table in the store; it was deleted or never opened");
-  }
-  return tables_[table];
+  std::erase_if(damagedSlots_, [&](const auto& one) { return one.first.table == name; });
 }
 
 void StoreImpl::checkKey(Bytes key) const {
@@ -212,267 +249,330 @@ void StoreImpl::checkKey(Bytes key) const {
   }
 }
 
-// The read transaction is set aside before each write to LMDB, lest its pages stay unused.
-void StoreImpl::setAside() {
-  read_.setAside();
-  for (Found& found : found_) found.keySize = 0;
+// 0 for a damaged record, and for 0.
+Ref StoreImpl::soundSlot(TableNumber number, Ref ref) const {
+  // The checksum of an open change is yet to come.
+  if (ref == 0 || isOpen(ref) || isSound(file_, ref, slots_.slotSize(ref), number)) return ref;
+  noteDamage(number, ref);
+  return 0;
 }
 
-std::optional<Bytes> StoreImpl::get(TableNumber table, Bytes key) {
+std::optional<Bytes> StoreImpl::get(TableNumber table, Bytes key) const {
   checkKey(key);
-  const Table& of = at(table);
-  const uint64_t hash = writes_.hash(table, key);
-  if (const PendingRecord* record = writes_.find(table, key, hash)) {
-    if (record->erased) return std::nullopt;
-    return record->value();
-  }
-  Bytes value;
-  if (of.cleared || committed(table, key, hash, &value) != Presence::present) return std::nullopt;
-  return value;
+  const Ref ref = soundSlot(table, at(table).index.find(key));
+  if (ref == 0) return std::nullopt;
+  return Bytes{file_.slot(ref).value(), file_.slot(ref).valueSize};
 }
 
-StoreImpl::Presence StoreImpl::committed(TableNumber table, Bytes key, uint64_t hash,
-                                         Bytes* value) {
-  Found& slot = found_[hash % found_.size()];
-  if (slot.keySize == key.size() && slot.hash == hash && slot.table == table &&
-      std::memcmp(slot.key.data(), key.data(), key.size()) == 0) {
-    *value = slot.value;
-    if (slot.damaged) return Presence::damaged;
-    return slot.present ? Presence::present : Presence::absent;
-  }
-  const int error = findRecord(read_.begin(), tables_[table].dbi, key, value);
-  const bool damaged = error == damagedRecord;
-  if (damaged) noteDamage(table, key);
-  if (error != MDB_SUCCESS && error != MDB_NOTFOUND && !damaged) {
-    failed(error, environment_->directory());
-  }
-  const bool present = error != MDB_NOTFOUND;
-  if (key.size() <= slot.key.size()) {
-    slot = {hash, table, present, damaged, static_cast<uint8_t>(key.size()), slot.key, *value};
-    std::memcpy(slot.key.data(), key.data(), key.size());
-  }
-  if (damaged) return Presence::damaged;
-  return present ? Presence::present : Presence::absent;
-}
-
-void StoreImpl::noteDamage(TableNumber table, Bytes key) {
-  const DamagedRecord record{tables_[table].name, std::string(asText(key))};
-  if (knownDamaged_.insert(record).second) damaged_.push_back(record);
-}
-
-bool StoreImpl::isPending(TableNumber table, Bytes key) {
-  return writes_.find(table, key, writes_.hash(table, key)) != nullptr;
-}
-
-void StoreImpl::eraseDamaged(std::span<const DamagedRecord> records) {
-  inTransaction([&](MDB_txn* txn) {
-    environment_->allocateRoom({.pages = 16 + 8 * records.size()});
-    for (const DamagedRecord& record : records) {
-      const auto number = numbers_.find(record.table);
-      if (number == numbers_.end() || isPending(number->second, asBytes(record.key))) continue;
-      MDB_cursor* cursor = nullptr;
-      check(mdb_cursor_open(txn, tables_[number->second].dbi, &cursor), environment_->directory());
-      const int error = eraseDamagedRecord(cursor, asBytes(record.key));
-      if (error != MDB_NOTFOUND) check(error, environment_->directory());
-    }
-  });
-  for (const DamagedRecord& record : records) knownDamaged_.erase(record);
-}
-
-// The record of the write set; a new one does not count yet.
-PendingRecord& StoreImpl::pending(TableNumber table, Bytes key) {
+std::optional<Record> StoreImpl::record(TableNumber table, Bytes key) const {
   checkKey(key);
-  Table& of = at(table);
-  const uint64_t hash = writes_.hash(table, key);
-  if (PendingRecord* record = writes_.find(table, key, hash)) return *record;
-  PendingRecord& record = writes_.add(table, key, hash);
-  record.erased = true;
-  const Found& slot = found_[hash % found_.size()];
-  if (of.cleared) {
-    record.storedBefore = StoredBefore::absent;
-  } else if (slot.keySize == key.size() && slot.hash == hash && slot.table == table &&
-             std::memcmp(slot.key.data(), key.data(), key.size()) == 0) {
-    record.storedBefore = slot.present ? StoredBefore::present : StoredBefore::absent;
-    of.delta -= slot.present ? 1 : 0;
-  } else {
-    of.unresolved.push_back(writes_.indexOf(record));
+  const Ref ref = soundSlot(table, at(table).index.find(key));
+  if (ref == 0) return std::nullopt;
+  return recordIn(file_, ref);
+}
+
+std::optional<Record> StoreImpl::recordOf(TableNumber table, uint32_t keyHash,
+                                          uint64_t owner) const {
+  const Ref ref = soundSlot(table, at(table).index.findOwner(keyHash, owner));
+  if (ref == 0) return std::nullopt;
+  return recordIn(file_, ref);
+}
+
+void StoreImpl::beginIs(Ref ref, uint64_t sequence) {
+  store(file_.slot(ref).begin, stamped(sequence, beginSalt(ref)));
+}
+
+void StoreImpl::endIs(Ref ref, uint64_t sequence) {
+  store(file_.slot(ref).end, stamped(sequence, endSalt(ref)));
+}
+
+void StoreImpl::free(Ref ref) {
+  store(file_.slot(ref).begin, 0);
+  slots_.release(ref);
+}
+
+// Before a record finds no room, former versions go: followers that lag then take a snapshot.
+Ref StoreImpl::allocate(TableNumber table, size_t bytes) {
+  try {
+    return slots_.allocate(table, bytes);
+  } catch (const StoreError&) {
+    if (!log_.trim(log_.settled(), 0)) throw;
   }
-  return record;
+  return slots_.allocate(table, bytes);
 }
 
-void StoreImpl::resolve(Table& table, PendingRecord& record) const {
-  if (record.storedBefore != StoredBefore::unknown) return;
-  Bytes value;
-  const int error = findRecord(read_.begin(), table.dbi, record.key(), &value);
-  const bool absent = error == MDB_NOTFOUND;
-  if (!absent && error != damagedRecord) check(error, environment_->directory());
-  record.storedBefore = absent ? StoredBefore::absent : StoredBefore::present;
-  table.delta += (record.erased ? 0 : 1) - (absent ? 0 : 1);
+// Key and sizes are entered, value and attachment are left to the caller.
+Ref StoreImpl::newSlot(TableNumber table, Bytes key, size_t valueSize,
+                       const WriteOptions& options) {
+  if (valueSize > valueLimit || options.attachmentSize > attachmentLimit) {
+    throw std::invalid_argument("a record of " + std::to_string(valueSize) + " and " +
+                                std::to_string(options.attachmentSize) + " bytes cannot be stored");
+  }
+  const size_t bytes = SlotHead::size + key.size() + valueSize + options.attachmentSize;
+  const Ref ref = allocate(table, bytes);
+  SlotHead& slot = file_.slot(ref);
+  slot.owner = options.owner;
+  slot.valueSize = static_cast<uint32_t>(valueSize);
+  slot.keySize = static_cast<uint16_t>(key.size());
+  slot.attachmentSize = static_cast<uint16_t>(options.attachmentSize);
+  std::memcpy(const_cast<uint8_t*>(slot.key()), key.data(), key.size());
+  return ref;
 }
 
-void StoreImpl::erasedIs(Table& table, PendingRecord& record, bool erased) {
-  if (record.erased == erased) return;
-  record.erased = erased;
-  if (record.storedBefore != StoredBefore::unknown) table.delta += erased ? -1 : 1;
-}
-
-std::span<uint8_t> StoreImpl::reserve(TableNumber table, Bytes key, size_t size) try {
-  PendingRecord& record = pending(table, key);
-  writes_.sizeIs(record, size);
-  erasedIs(tables_[table], record, false);
-  return record.value();
-} catch (const std::bad_alloc&) {
-  failed(ENOMEM, environment_->directory());
-}
-
-// A damaged record is there all the same.
-bool StoreImpl::isThere(TableNumber table, Bytes key) {
+Store::Written StoreImpl::write(TableNumber number, Bytes key, size_t valueSize,
+                                const WriteOptions& options) {
   checkKey(key);
-  const Table& of = at(table);
-  const uint64_t hash = writes_.hash(table, key);
-  if (const PendingRecord* record = writes_.find(table, key, hash)) return !record->erased;
-  Bytes value;
-  return !of.cleared && committed(table, key, hash, &value) != Presence::absent;
+  Table& table = at(number);
+  const Ref ref = newSlot(number, key, valueSize, options);
+  SlotHead& slot = file_.slot(ref);
+  // The key in the slot outlasts the caller's.
+  LoggedChange change{.owner = options.owner,
+                      .now = ref,
+                      .before = table.index.enter(keyOf(ref), ref),
+                      .table = number,
+                      .flags = options.unchanged ? RingEntry::unchanged : 0};
+  if (change.before != 0 && isOpen(change.before)) replaceOpen(change.before, &change);
+  const uint64_t sequence = log_.next();
+  if (change.before != 0) endIs(change.before, sequence);
+  beginIs(ref, sequence);
+  log_.add(change);
+  const auto value = const_cast<uint8_t*>(slot.value());
+  return {{value, valueSize}, {value + valueSize, options.attachmentSize}, sequence};
 }
 
-bool StoreImpl::erase(TableNumber table, Bytes key) {
-  if (!isThere(table, key)) return false;
-  erasedIs(tables_[table], pending(table, key), true);
+// A record that is written again in the same transaction for the same owner: followers need not
+// hear of the former write. Of another owner's they do.
+void StoreImpl::replaceOpen(Ref former, LoggedChange* change) {
+  const uint64_t sequence = numberIn(file_.slot(former).begin);
+  const LoggedChange logged = log_.at(sequence);
+  if (logged.owner != change->owner || logged.isUndo) return;
+  change->before = logged.before;
+  if (!(logged.flags & RingEntry::unchanged)) change->flags &= ~RingEntry::unchanged;
+  log_.voidIs(sequence);
+  free(former);
+}
+
+bool StoreImpl::erase(TableNumber number, Bytes key) {
+  checkKey(key);
+  const Ref ref = at(number).index.enter(key, 0);
+  if (ref == 0) return false;
+  endIs(ref, log_.next());
+  log_.add({.before = ref, .table = number, .flags = RingEntry::deleted});
   return true;
 }
 
-void StoreImpl::eraseAll(TableNumber table) {
-  Table& of = at(table);
-  for (size_t i = 0; i < writes_.size(); ++i) {
-    PendingRecord& record = writes_.record(i);
-    if (record.table != table) continue;
-    record.erased = true;
-    record.storedBefore = StoredBefore::absent;
+uint64_t StoreImpl::eraseFor(TableNumber number, Bytes key, uint64_t owner) {
+  checkKey(key);
+  const uint64_t sequence = log_.next();
+  Table& table = at(number);
+  LoggedChange change{.owner = owner, .table = number, .flags = RingEntry::deleted};
+  const Ref ref = table.index.enter(key, 0);
+  change.before = ref;
+  if (ref != 0 && isOpen(ref)) replaceOpen(ref, &change);
+  if (change.before == 0) {  // followers read the key in a slot all the same
+    change.now = newSlot(number, key, 0, {.owner = owner});
+    change.flags |= RingEntry::unchanged;
+    endIs(change.now, sequence);
+    beginIs(change.now, sequence);
+  } else {
+    endIs(change.before, sequence);
   }
-  of.unresolved.clear();
-  of.delta = 0;
-  of.cleared = anyCleared_ = true;
+  log_.add(change);
+  return sequence;
 }
 
-size_t StoreImpl::count(TableNumber table) const {
-  Table& of = const_cast<StoreImpl*>(this)->at(table);
-  for (const uint32_t index : of.unresolved) resolve(of, writes_.record(index));
-  of.unresolved.clear();
-  MDB_stat stat{};
-  if (!of.cleared) check(mdb_stat(read_.begin(), of.dbi, &stat), environment_->directory());
-  return static_cast<size_t>(static_cast<int64_t>(stat.ms_entries) + of.delta);
+void StoreImpl::eraseAll(TableNumber number) {
+  std::vector<Ref> all;
+  slots_.forEachSlot(number, [&](Ref ref) {
+    const SlotHead& slot = file_.slot(ref);
+    if (slot.begin != 0 && slot.end == 0) all.push_back(ref);
+    return true;
+  });
+  for (const Ref ref : all) {
+    const Bytes key = keyOf(ref);
+    const bool fits = key.size() <= std::min(keyLimit, slots_.slotSize(ref) - SlotHead::size);
+    if (fits && at(number).index.find(key) == ref) erase(number, key);
+  }
 }
 
-size_t StoreImpl::forEach(TableNumber table, const Visit& visit, Bytes from) {
+size_t StoreImpl::forEachRecord(TableNumber number, const RecordVisit& visit, Position* position) {
   size_t passedOver = 0;
-  const auto damaged = [&](Bytes key) {
-    noteDamage(table, key);
+  const auto look = [&](Ref ref) {
+    if (position) position->next = ref + uint64_t{1};
+    const auto counted = counts(file_.slot(ref), ref, log_.committed());
+    if (counted && !*counted) return true;
+    if (counted && isSound(file_, ref, slots_.slotSize(ref), number)) {
+      return visit(recordIn(file_, ref));
+    }
+    noteDamage(number, ref);
     ++passedOver;
+    return true;
   };
-  check(visitRecords(read_.begin(), at(table).dbi, visit, from, damaged),
-        environment_->directory());
+  slots_.forEachSlot(number, look, position ? static_cast<Ref>(position->next) : 0);
   return passedOver;
 }
 
-void StoreImpl::commit(Filling filling) {
+void StoreImpl::noteDamage(TableNumber number, Ref ref) const {
+  const SlotHead& slot = file_.slot(ref);
+  const size_t room = slots_.slotSize(ref) - SlotHead::size;
+  const size_t keySize = std::min<size_t>({slot.keySize, keyLimit, room});
+  const DamagedRecord record{at(number).name, std::string(asText({slot.key(), keySize})),
+                             slot.owner};
+  if (damagedSlots_[record].insert(ref).second) damaged_.push_back(record);
+}
+
+void StoreImpl::eraseDamaged(std::span<const DamagedRecord> records) {
+  for (const DamagedRecord& record : records) {
+    const auto found = damagedSlots_.find(record);
+    if (found == damagedSlots_.end()) continue;
+    std::set<Ref> slots = std::move(found->second);
+    damagedSlots_.erase(found);
+    const auto number = numbers_.find(record.table);
+    if (number == numbers_.end()) continue;
+    std::erase_if(slots, [&](Ref ref) { return !isStillDamaged(number->second, ref); });
+    index(number->second, slots);
+    for (const Ref ref : slots) free(ref);
+  }
+}
+
+// The slot may be another record's by now, or its record have been written again.
+bool StoreImpl::isStillDamaged(TableNumber number, Ref ref) const {
+  if (slots_.tableOf(ref) != number) return false;
+  const SlotHead& slot = file_.slot(ref);
+  if (slot.begin == 0) return false;
+  if (!isStamped(slot.begin, beginSalt(ref))) return true;
+  if (isOpen(ref)) return false;
+  if (slot.end != 0) return !isStamped(slot.end, endSalt(ref));
+  return !isSound(file_, ref, slots_.slotSize(ref), number);
+}
+
+// Without the damaged slots that are about to go. The key of one may not be that which it was found
+// under.
+void StoreImpl::index(TableNumber number, const std::set<Ref>& without) {
+  KeyIndex fresh(file_);
+  uint64_t sum = 0;
+  slots_.forEachSlot(number, [&](Ref ref) {
+    const SlotHead& slot = file_.slot(ref);
+    if (!isStamped(slot.begin, beginSalt(ref)) || without.contains(ref)) return true;
+    if (counts(slot, ref, log_.committed()).value_or(false)) sum += sum_.of(ref);
+    const bool isNewest = slot.end == 0;
+    if (isNewest && (isOpen(ref) || isSound(file_, ref, slots_.slotSize(ref), number))) {
+      fresh.enter(keyOf(ref), ref);
+    }
+    return true;
+  });
+  sum_.tableIs(number, sum);
+  sum_.write(log_.committed());
+  at(number).index = std::move(fresh);
+}
+
+void StoreImpl::commit() {
   if (!dirty()) return;
-  try {
-    inTransaction([&](MDB_txn* txn) { writeAll(txn, filling); });
-  } catch (...) {
-    discard();
-    throw;
+  const uint64_t seed = file_.head().seed;
+  for (uint64_t sequence = log_.committed() + 1; sequence < log_.next(); ++sequence) {
+    const LoggedChange& change = log_.at(sequence);
+    const bool isTombstone = change.now != 0 && (change.flags & RingEntry::deleted);
+    sum_.change(change.table, isTombstone ? 0 : sum_.of(change.now), sum_.of(change.before));
+    if (change.now == 0 || change.isUndo) continue;
+    SlotHead& slot = file_.slot(change.now);
+    slot.checksum = slotChecksum(slot, seed, change.table);
   }
-  discard();
-  // Readers that were killed would keep pages from being used again.
-  if (++commits_ % 256 == 0 || std::exchange(readerGone_, false)) releaseDeadReaders();
-}
-
-void StoreImpl::handleReaderGone() {
-  releaseDeadReaders();
-  readerGone_ = true;
-}
-
-// The first records of `order`, as far as they are of one table.
-std::span<const uint32_t> StoreImpl::tableRun(std::span<const uint32_t> order) const {
-  const TableNumber table = writes_.record(order[0]).table;
-  size_t size = 1;
-  while (size < order.size() && writes_.record(order[size]).table == table) ++size;
-  return order.first(size);
-}
-
-void StoreImpl::writeAll(MDB_txn* txn, Filling filling) {
-  const std::vector<uint32_t>& order = writes_.sorted();
-  Room room{.pages = 16};  // for the tree of tables
-  for (std::span rest(order); !rest.empty();) {
-    const auto run = tableRun(rest);
-    const Table& table = tables_[writes_.record(run[0]).table];
-    if (table.exists) {
-      MDB_stat tree{};
-      check(mdb_stat(txn, table.dbi, &tree), environment_->directory());
-      addRoomFor(tree, writes_, run, environment_->pageSize(), &room);
-    }
-    rest = rest.subspan(run.size());
+  if (std::exchange(typesChanged_, false)) {
+    file_.wordIs(CommitWord::typesVersion, typesVersion() + 1);
   }
-  room.spare = pagesLeft(filling, room.pages);
-  environment_->allocateRoom(room);
-
-  for (const Table& table : tables_) {
-    if (table.cleared && table.exists)
-      check(mdb_drop(txn, table.dbi, 0), environment_->directory());
-  }
-  for (std::span rest(order); !rest.empty();) {
-    const auto run = tableRun(rest);
-    const Table& table = tables_[writes_.record(run[0]).table];
-    if (table.exists) {
-      MDB_cursor* cursor = nullptr;
-      check(mdb_cursor_open(txn, table.dbi, &cursor), environment_->directory());
-      writeTable(cursor, table, run);
-    }
-    rest = rest.subspan(run.size());
-  }
-}
-
-// LMDB closes a write transaction's cursors when the transaction ends.
-void StoreImpl::writeTable(MDB_cursor* cursor, const Table& table,
-                           std::span<const uint32_t> order) {
-  for (const uint32_t index : order) {
-    const PendingRecord& record = writes_.record(index);
-    int error = MDB_SUCCESS;
-    if (!record.erased) {
-      error = putRecord(cursor, record.key(), record.value());
-    } else if (!table.cleared) {
-      error = eraseRecord(cursor, record.key());
-      if (error == MDB_NOTFOUND) error = MDB_SUCCESS;
-    }
-    check(error, environment_->directory());
-  }
+  sum_.write(log_.next() - 1);
+  log_.commit();
 }
 
 void StoreImpl::discard() {
-  writes_.clear();
-  for (Table& table : tables_) {
-    table.cleared = false;
-    table.delta = 0;
-    table.unresolved.clear();
+  for (uint64_t sequence = log_.next(); sequence-- > log_.committed() + 1;) {
+    takeBack(log_.at(sequence));
   }
-  anyCleared_ = false;
+  log_.dropOpen();
+  typesChanged_ = false;
+  // Tables outlast the transaction that they were made in.
+  for (const auto& [name, number] : numbers_) {
+    if (at(directoryTable).index.find(asBytes(name)) == 0) list(name, number);
+  }
+  commit();
 }
 
-size_t StoreImpl::bytesUsed() const {
-  MDB_envinfo info{};
-  check(mdb_env_info(environment_->handle(), &info), environment_->directory());
-  return (info.me_last_pgno + 1) * environment_->pageSize();
+// Of an open change, the newest of its record.
+void StoreImpl::takeBack(const LoggedChange& change) {
+  if (change.flags & RingEntry::replaced) return;
+  const bool isTombstone = change.now != 0 && (change.flags & RingEntry::deleted);
+  if (!isTombstone) {
+    at(change.table)
+        .index.enter(keyOf(change.now != 0 ? change.now : change.before), change.before);
+  }
+  if (change.before != 0) store(file_.slot(change.before).end, 0);
+  if (change.now == 0) return;
+  if (!change.isUndo) return free(change.now);
+  SlotHead& slot = file_.slot(change.now);
+  store(slot.end, change.formerEnd);
+  store(slot.begin, change.formerBegin);
 }
 
-std::unique_ptr<WriterLock> lockDirectory(const std::string& directory) {
-  prepareDirectory(directory);
-  requireRegularFiles(directory, Purpose::write);
-  return std::make_unique<WriterLock>(directory);
+// The former version counts as long as nothing is committed, so it is not made a new one.
+void StoreImpl::takeBackFrom(uint64_t sequence, Bytes key) {
+  const std::string copied(asText(key));  // of a slot that may be freed
+  const TableNumber table = log_.at(sequence).table;
+  for (uint64_t at = log_.next(); at-- > sequence;) {
+    const LoggedChange change = log_.at(at);
+    const Ref any = change.before != 0 ? change.before : change.now;
+    if (change.table != table || any == 0 || asText(keyOf(any)) != copied) continue;
+    takeBack(change);
+    log_.voidIs(at);
+  }
 }
 
-std::unique_ptr<Store> openStore(std::unique_ptr<WriterLock> lock, const StoreOptions& options) {
-  auto environment = sharedEnvironment(options, Purpose::write);
-  return std::make_unique<StoreImpl>(std::move(lock), std::move(environment));
+std::optional<Change> StoreImpl::change(uint64_t sequence) const {
+  if (sequence < log_.first() || sequence >= log_.next()) return std::nullopt;
+  const LoggedChange& logged = log_.at(sequence);
+  if (logged.flags & RingEntry::replaced) return std::nullopt;
+  Change change{.table = logged.table, .owner = logged.owner, .before = {}, .now = {}};
+  if (logged.before != 0) change.before = recordIn(file_, logged.before);
+  const bool isDeletion = logged.flags & RingEntry::deleted;
+  if (logged.now != 0 && !isDeletion) change.now = recordIn(file_, logged.now);
+  return change;
+}
+
+uint64_t StoreImpl::undo(uint64_t sequence) {
+  if (sequence < log_.first() || sequence >= log_.next()) return 0;
+  const LoggedChange undone = log_.at(sequence);
+  const Ref any = undone.before != 0 ? undone.before : undone.now;
+  if (any == 0 || undone.table >= tables_.size() || !tables_[undone.table]) return 0;
+  const Ref former = undone.before;
+  KeyIndex& index = tables_[undone.table]->index;
+  const Ref current = index.find(keyOf(any));
+  if (current == former) return 0;
+  if (log_.isOpen(sequence)) return takeBackFrom(sequence, keyOf(any)), 0;
+  const uint64_t next = log_.next();
+  LoggedChange change{.now = former, .before = current, .table = undone.table};
+  if (former != 0) {
+    SlotHead& slot = file_.slot(former);
+    change.owner = slot.owner;
+    change.isUndo = true;
+    change.formerBegin = slot.begin;
+    change.formerEnd = slot.end;
+    beginIs(former, next);
+    store(slot.end, 0);
+    index.enter(keyOf(former), former);
+  } else {
+    change.owner = file_.slot(current).owner;
+    change.flags = RingEntry::deleted;
+    index.enter(keyOf(current), 0);
+  }
+  if (current != 0) endIs(current, next);
+  log_.add(change);
+  return next;
+}
+
+std::unique_ptr<Store> openStore(const StoreOptions& options) {
+  prepareDirectory(options.directory);
+  requireRegularFiles(options.directory, Purpose::write);
+  auto lock = std::make_unique<WriterLock>(options.directory);
+  return std::make_unique<StoreImpl>(std::move(lock), StoreFile::openToWrite(options));
 }
 
 bool mayPass(Trouble trouble) {
@@ -488,7 +588,7 @@ std::unique_ptr<Store> Store::open(const StoreOptions& options) {
   const auto end = Clock::now() + options.patience;
   for (;;) {
     try {
-      return openStore(lockDirectory(options.directory), options);
+      return openStore(options);
     } catch (const StoreError& error) {
       if (!mayPass(error.trouble) || Clock::now() + pause > end) throw;
     }
@@ -498,15 +598,22 @@ std::unique_ptr<Store> Store::open(const StoreOptions& options) {
 
 std::unique_ptr<Store> Store::rebuild(const StoreOptions& options, Trouble why,
                                       std::string* movedTo) {
-  auto lock = lockDirectory(options.directory);
-  const std::string place = moveAside(options.directory, why);
+  prepareDirectory(options.directory);
+  requireRegularFiles(options.directory, Purpose::write);
+  auto lock = std::make_unique<WriterLock>(options.directory);
+  const std::string place = setAside(options.directory, why);
   if (movedTo) *movedTo = place;
-  return openStore(std::move(lock), options);
+  return std::make_unique<StoreImpl>(std::move(lock), StoreFile::openToWrite(options));
 }
 
 void Store::put(TableNumber table, Bytes key, Bytes value) {
   const std::span<uint8_t> room = reserve(table, key, value.size());
   if (!value.empty()) std::memcpy(room.data(), value.data(), value.size());
+}
+
+size_t Store::forEach(TableNumber table, const Visit& visit) {
+  return forEachRecord(table,
+                       [&](const Record& record) { return visit(record.key, record.value); });
 }
 
 }  // namespace Brine

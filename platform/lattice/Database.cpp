@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <map>
 #include <new>
-#include <random>
 #include <set>
 #include <stdexcept>
 #include <utility>
 
 #include "platform/lattice/TableWatch.h"
 #include "platform/lattice/doorbell/Doorbell.h"
-#include "platform/lattice/records/Journal.h"
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
 #include "platform/lattice/types/RowWalk.h"
@@ -22,30 +20,7 @@ namespace {
 
 Scrivel::TraceHandle trace("LatticeDatabase");
 
-StoreIdentity randomIdentity() {
-  StoreIdentity identity;
-  std::random_device device;
-  for (char& byte : identity) byte = static_cast<char>(device());
-  return identity;
-}
-
-// A store keeps its identity for life; one without gets one.
-StoreIdentity identityOf(Brine::Store& store) {
-  const Brine::TableNumber meta = store.table(metaTable);
-  StoreIdentity identity{};
-  const auto stored = store.get(meta, Brine::asBytes(identityKey));
-  if (stored && stored->size() == identity.size()) {
-    std::copy(stored->begin(), stored->end(), identity.begin());
-    return identity;
-  }
-  identity = randomIdentity();
-  store.put(meta, Brine::asBytes(identityKey),
-            Brine::asBytes(std::string_view(identity.data(), identity.size())));
-  store.commit();
-  return identity;
-}
-
-// With followers attached the journal may grow beyond the bound, but not until the state directory
+// With followers attached more changes may be kept than without, but not until the state directory
 // is full: one that lags this far takes a snapshot.
 constexpr size_t laggingFactor = 10;
 
@@ -62,7 +37,6 @@ struct ArTableInterface::Impl {
   bool persistent = true;
   bool initialised = false;
   Brine::TableNumber rows = 0;
-  uint32_t number = 0;                  // in the journal
   bool announced = false;               // the table's record in the types table is committed
   std::weak_ptr<WatchedTable> watched;  // empty: no rows are derived from it
 };
@@ -74,8 +48,7 @@ class DatabaseImpl final : public Database {
         store_(store),
         options_(options),
         types_(store.table(typesTable)),
-        journal_(store),
-        doorbell_(loop, options.doorbellPath, options.attachWithin, identityOf(store), journal_),
+        doorbell_(loop, options.doorbellPath, options.attachWithin, store),
         scopeEnd_([this] { handleScopeEnd(); }) {}
   ~DatabaseImpl() override {
     *alive_ = false;
@@ -85,16 +58,25 @@ class DatabaseImpl final : public Database {
   Brine::Store& store() override { return store_; }
   void bindInterface(const Vela::Ptr<ArTableInterface>& interface, const std::string& name,
                      bool persistent) override;
+  Kept kept(const std::string& table) override;
+  std::vector<std::string> keptTables() const override;
+  void keptDel(const std::string& table) override;
   std::vector<std::string> removeUnboundTables() override;
   void batchBegin() override;
   Vela::Outcome batchEnd() override;
-  Vela::Outcome commit(Brine::Store::Filling filling) override;
+  Vela::Outcome commit() override;
+  void settle() override;
+  void urgentIs(bool isUrgent) override { doorbell_.urgentIs(isUrgent); }
+  void listen() override { doorbell_.look(); }
+  void stopListening() override { doorbell_.stopLooking(); }
+  bool lookForProgrammed() const override { return doorbell_.lookForProgrammed(batchEnd_); }
+  uint64_t undo(uint64_t sequence) override;
   void lossHandlerIs(std::function<void(const std::string&)> handler) override {
     tellLoss_ = std::move(handler);
   }
   bool inBatch() const override { return inBatch_; }
   void commitSoon() override;
-  uint64_t lastSequence() const override { return journal_.lastSequence(); }
+  uint64_t lastSequence() const override { return store_.committedSequence(); }
   void commitObserverIs(CommitObserver* observer) override { commitObserver_ = observer; }
   std::unique_ptr<TableWatch> watch(const std::string& table) override;
   void observerIs(Observer observer) override { doorbell_.observerIs(std::move(observer)); }
@@ -104,47 +86,54 @@ class DatabaseImpl final : public Database {
   // For the interfaces.
   void maybeInitialize(const Vela::Ptr<ArTableInterface>& interface, ArTableInterface::Impl& table);
   void unbind(ArTableInterface::Impl& table);
-  std::optional<Brine::Bytes> stored(const ArTableInterface::Impl& table, std::string_view key) {
-    return store_.get(table.rows, Brine::asBytes(key));
+  std::optional<Brine::Record> stored(const ArTableInterface::Impl& table, std::string_view key) {
+    return store_.record(table.rows, Brine::asBytes(key));
   }
-  uint64_t rowIs(const ArTableInterface::Impl& table, const Row& row, uint64_t entryHandle);
+  std::optional<Brine::Record> storedOf(const ArTableInterface::Impl& table, uint64_t entryHandle,
+                                        uint32_t keyHash) {
+    return store_.recordOf(table.rows, keyHash, entryHandle);
+  }
+  StoredRow storedRow(const Brine::Record& record) const;
+  uint64_t rowIs(const ArTableInterface::Impl& table, const Row& row, uint64_t entryHandle,
+                 std::string_view attachment);
   uint64_t rowDel(const ArTableInterface::Impl& table, std::string_view key, uint64_t entryHandle);
 
  private:
   struct OwnedRow {
     Row row;
     uint64_t entryHandle;
+    std::string attachment;
   };
 
   void handleScopeEnd();
-  bool dirty() const { return store_.dirty() || !journal_.empty(); }
-  Vela::Outcome tryCommit(Brine::Store::Filling filling);
-  Vela::Outcome tryCommit() { return tryCommit(usualFilling()); }
-  Brine::Store::Filling usualFilling() const;
+  Vela::Outcome tryCommit();
   void commitUnasked();
-  void doCommit(Brine::Store::Filling filling);
+  void doCommit();
+  void ring(uint64_t committedBefore);
+  void noteUndo(const Brine::Change& change);
+  void maybeSettle();
   void doDerive();
-  void settleWatches();
+  void settleWatches(void (WatchedTable::*outcome)());
   void tellWatchers(ArTableInterface::Impl& table);
   std::vector<OwnedRow> rowsOfDamagedRecord(const ArTableInterface::Impl& table);
+  void keepAttachments(const std::string& table);
   void announce(ArTableInterface::Impl& table);
   void announceAgain();
-  bool survives(const ArTableInterface::Impl& table, uint32_t* number);
-  void putRow(const ArTableInterface::Impl& table, const Row& row, uint64_t entryHandle,
-              uint64_t sequence);
+  bool survives(const ArTableInterface::Impl& table);
 
   Vela::ReactorLoop& loop_;
   Brine::Store& store_;
   const DatabaseOptions options_;
   const Brine::TableNumber types_;
-  Journal journal_;
   Doorbell doorbell_;
   std::map<std::string, ArTableInterface::Impl*> bound_;
   CommitObserver* commitObserver_ = nullptr;
   std::vector<std::weak_ptr<WatchedTable>> watched_;
   bool inBatch_ = false;
+  uint64_t batchEnd_ = 0;      // the last sequence number of the last batch
+  bool unsettled_ = false;     // a batch waits for its outcome
   bool typesChanged_ = false;  // in this commit
-  bool rowsAdded_ = false;     // in this commit
+  bool rowsChanged_ = false;   // in this commit
   bool commitLater_ = false;   // not at the end of this scope
   bool commitPosted_ = false;  // the reactor has been asked to
   std::function<void(const std::string&)> tellLoss_;
@@ -186,7 +175,7 @@ std::unique_ptr<TableWatch> DatabaseImpl::watch(const std::string& table) {
   if (inBatch_) throw std::logic_error("table " + table + " cannot be watched in mid-batch");
   const auto found = bound_.find(table);
   if (found == bound_.end() || !found->second->initialised) return nullptr;
-  if (dirty()) {
+  if (store_.dirty()) {
     const Vela::Outcome stored = tryCommit();
     if (!stored.ok()) throw Brine::StoreError(Brine::Trouble::full, stored.reason());
   }
@@ -206,11 +195,8 @@ void DatabaseImpl::maybeInitialize(const Vela::Ptr<ArTableInterface>& interface,
   table.type = TheTypeRegistry().type(table.typeName);
   if (!table.type) return;  // maybeInitialize() is called again after its compilation
   table.rows = store_.table(rowTable(table.boundName));
-  table.announced = survives(table, &table.number);
-  if (!table.announced) {
-    table.number = journal_.nextTableNumber();
-    announce(table);
-  }
+  table.announced = survives(table);
+  if (!table.announced) announce(table);
   table.initialised = true;
   loop_.post([interface] {
     if (interface->ready() && interface->impl_->onReady) interface->impl_->onReady();
@@ -218,13 +204,12 @@ void DatabaseImpl::maybeInitialize(const Vela::Ptr<ArTableInterface>& interface,
 }
 
 // Whether the table keeps the rows in the store.
-bool DatabaseImpl::survives(const ArTableInterface::Impl& table, uint32_t* number) {
+bool DatabaseImpl::survives(const ArTableInterface::Impl& table) {
   const auto bytes = store_.get(types_, Brine::asBytes(table.boundName));
   const auto record = bytes ? TableRecord::decode(Brine::asText(*bytes)) : std::nullopt;
   if (!record) return false;
-  *number = record->number;
-  const bool same =
-      record->typeName == table.type->name() && record->definition == table.type->definition();
+  const bool same = record->number == table.rows && record->typeName == table.type->name() &&
+                    record->definition == table.type->definition();
   if (!same) {
     SCRIVEL_TRACE(0, "table ", table.boundName, " has another type than before; its ",
                   store_.count(table.rows), " rows are dropped");
@@ -232,16 +217,19 @@ bool DatabaseImpl::survives(const ArTableInterface::Impl& table, uint32_t* numbe
   return same && (table.persistent || store_.count(table.rows) == 0);
 }
 
-// A table with a number of its own, which followers take for a new one: it has the rows that the
-// journal tells of from here on.
+// A table with a number of its own, which followers take for a new one: it has the rows that
+// changes tell of from here on.
 void DatabaseImpl::announce(ArTableInterface::Impl& table) {
   const std::vector<OwnedRow> kept = rowsOfDamagedRecord(table);
-  store_.eraseAll(table.rows);
-  const TableRecord record{table.number, table.type->name(), table.type->definition()};
+  const std::string rows = rowTable(table.boundName);
+  if (kept.empty()) keepAttachments(table.boundName);
+  store_.tableDel(rows);
+  table.rows = store_.table(rows);
+  const TableRecord record{table.rows, table.type->name(), table.type->definition()};
   store_.put(types_, Brine::asBytes(table.boundName), Brine::asBytes(record.encode()));
-  journal_.typesChanged();
+  store_.typesChanged();
   typesChanged_ = true;
-  for (const OwnedRow& one : kept) rowIs(table, one.row, one.entryHandle);
+  for (const OwnedRow& one : kept) rowIs(table, one.row, one.entryHandle, one.attachment);
 }
 
 // The settings of direct meters stand in rows alone. Without its record, a table keeps them if each
@@ -252,16 +240,66 @@ std::vector<DatabaseImpl::OwnedRow> DatabaseImpl::rowsOfDamagedRecord(
   if (!table.persistent || store_.get(types_, name) || !store_.erase(types_, name)) return {};
   std::vector<OwnedRow> rows;
   bool allFit = true;
-  store_.forEach(table.rows, [&](Brine::Bytes key, Brine::Bytes bytes) {
-    const auto row = StoredRow::decode(Brine::asText(bytes));
-    allFit = row && key.size() == table.type->keySize() && fitOfValue(*table.type, row->value);
+  store_.forEachRecord(table.rows, [&](const Brine::Record& row) {
+    const std::string_view value = Brine::asText(row.value);
+    allFit = row.key.size() == table.type->keySize() && fitOfValue(*table.type, value);
     if (allFit) {
-      rows.push_back(
-          {{std::string(Brine::asText(key)), std::string(row->value)}, row->entryHandle});
+      rows.push_back({{std::string(Brine::asText(row.key)), std::string(value)},
+                      row.owner,
+                      std::string(Brine::asText(row.attachment))});
     }
     return allFit;
   });
   return allFit ? std::move(rows) : std::vector<OwnedRow>();
+}
+
+// In the commit in which the rows go. Where there is no room for all of them, the rows stay and
+// none is kept.
+void DatabaseImpl::keepAttachments(const std::string& table) {
+  const std::string rows = rowTable(table);
+  if (!store_.hasTable(rows)) return;
+  std::vector<std::pair<uint64_t, std::string>> found;  // the store must not change meanwhile
+  store_.forEachRecord(store_.table(rows), [&](const Brine::Record& row) {
+    if (!row.attachment.empty()) found.emplace_back(row.owner, Brine::asText(row.attachment));
+    return true;
+  });
+  if (found.empty()) return;
+  const Brine::TableNumber kept = store_.table(std::string(keptPrefix) + table);
+  try {
+    for (const auto& [handle, bytes] : found) {
+      store_.put(kept, Brine::asBytes(bigEndian(handle)), Brine::asBytes(bytes));
+    }
+  } catch (const Brine::StoreError&) {
+    for (const auto& [handle, bytes] : found) store_.erase(kept, Brine::asBytes(bigEndian(handle)));
+    throw;
+  }
+}
+
+Database::Kept DatabaseImpl::kept(const std::string& table) {
+  Kept all;
+  const std::string name = std::string(keptPrefix) + table;
+  if (!store_.hasTable(name)) return all;
+  store_.forEach(store_.table(name), [&](Brine::Bytes key, Brine::Bytes bytes) {
+    const bool isHandle = key.size() == sizeof(uint64_t);
+    if (isHandle) {
+      all.emplace_back(__builtin_bswap64(loadAt<uint64_t>(key.data())), Brine::asText(bytes));
+    }
+    return true;
+  });
+  return all;
+}
+
+std::vector<std::string> DatabaseImpl::keptTables() const {
+  std::vector<std::string> tables;
+  for (const std::string& name : store_.tableNames()) {
+    if (name.starts_with(keptPrefix)) tables.push_back(name.substr(keptPrefix.size()));
+  }
+  return tables;
+}
+
+void DatabaseImpl::keptDel(const std::string& table) {
+  const std::string name = std::string(keptPrefix) + table;
+  if (store_.hasTable(name)) store_.eraseAll(store_.table(name));
 }
 
 std::vector<std::string> DatabaseImpl::removeUnboundTables() {
@@ -276,13 +314,16 @@ std::vector<std::string> DatabaseImpl::removeUnboundTables() {
   std::erase_if(names, [this](const std::string& name) { return bound_.contains(name); });
   for (const std::string& name : names) {
     if (store_.erase(types_, Brine::asBytes(name))) {
-      journal_.typesChanged();
+      store_.typesChanged();
       typesChanged_ = true;
     }
   }
   // The records go first: a table without a record counts as empty, should we be killed here.
   if (!inBatch_) commitUnasked();
-  for (const std::string& name : names) store_.tableDel(rowTable(name));
+  for (const std::string& name : names) {
+    keepAttachments(name);
+    store_.tableDel(rowTable(name));
+  }
   return {names.begin(), names.end()};
 }
 
@@ -294,13 +335,47 @@ void DatabaseImpl::batchBegin() {
 
 Vela::Outcome DatabaseImpl::batchEnd() {
   inBatch_ = false;
+  unsettled_ = true;
   Vela::Outcome stored = tryCommit();
+  batchEnd_ = store_.committedSequence();
   if (commitObserver_) commitObserver_->onBatchEnded();
   return stored;
 }
 
+void DatabaseImpl::settle() {
+  unsettled_ = false;
+  maybeSettle();
+}
+
+uint64_t DatabaseImpl::undo(uint64_t sequence) {
+  const auto change = store_.change(sequence);
+  if (!change) return 0;
+  noteUndo(*change);
+  const uint64_t made = store_.undo(sequence);
+  rowsChanged_ = true;
+  return made;
+}
+
+// Watches of the table hear of it as of any write.
+void DatabaseImpl::noteUndo(const Brine::Change& change) {
+  const auto of = std::ranges::find_if(
+      bound_, [&](const auto& one) { return one.second->rows == change.table; });
+  const auto watched = of == bound_.end() ? nullptr : of->second->watched.lock();
+  if (!watched || (!change.before && !change.now)) return;
+  const std::string key(Brine::asText(change.before ? change.before->key : change.now->key));
+  watched->noteChange(key, watched->value(key));
+}
+
+void DatabaseImpl::maybeSettle() {
+  if (unsettled_) return;
+  store_.settle();
+  const size_t bound = options_.journalChangesWithoutSubscriber;
+  const bool attached = doorbell_.anyAttached();
+  store_.trim(attached ? doorbell_.receivedByAll() : 0, attached ? bound * laggingFactor : bound);
+}
+
 void DatabaseImpl::commitSoon() {
-  if (loop_.onThread() || !dirty()) return;
+  if (loop_.onThread() || !store_.dirty()) return;
   commitLater_ = true;
   if (std::exchange(commitPosted_, true)) return;
   loop_.post([alive = alive_, this] {
@@ -308,49 +383,45 @@ void DatabaseImpl::commitSoon() {
   });
 }
 
-Vela::Outcome DatabaseImpl::commit(Brine::Store::Filling filling) {
+Vela::Outcome DatabaseImpl::commit() {
   if (inBatch_) throw std::logic_error("a batch commits at its end");
   commitPosted_ = false;
-  return tryCommit(filling);
+  return tryCommit();
 }
 
 // While a commit is posted, all pending writes are dispensable.
 void DatabaseImpl::commitUnasked() {
   const bool dispensable = std::exchange(commitPosted_, false);
-  const bool changesRows = !journal_.empty() || typesChanged_;
+  const bool changesRows = rowsChanged_ || typesChanged_;
   const Vela::Outcome stored = tryCommit();
   if (!stored.ok() && changesRows && !dispensable && tellLoss_) tellLoss_(stored.reason());
 }
 
 void DatabaseImpl::handleScopeEnd() {
   if (inBatch_ || std::exchange(commitLater_, false)) return;
-  if (dirty()) {
+  if (store_.dirty()) {
     commitPosted_ = false;  // this scope wrote something else
     commitUnasked();
   }
 }
 
-Brine::Store::Filling DatabaseImpl::usualFilling() const {
-  using Filling = Brine::Store::Filling;
-  return rowsAdded_ ? Filling::leaveRoomToDelete : Filling::leaveRoomToUndo;
-}
-
 // When it fails the writes since the last commit are lost.
-Vela::Outcome DatabaseImpl::tryCommit(Brine::Store::Filling filling) try {
-  if (!dirty()) return {};
+Vela::Outcome DatabaseImpl::tryCommit() try {
+  if (!store_.dirty()) {
+    maybeSettle();  // a batch of an earlier process
+    return {};
+  }
   doDerive();
-  doCommit(filling);
-  rowsAdded_ = false;
-  settleWatches();
+  doCommit();
+  settleWatches(&WatchedTable::handleCommitted);
   if (commitObserver_) commitObserver_->onCommitted();
   return {};
 } catch (const std::exception& error) {
   SCRIVEL_TRACE(0, "commit failed: ", error.what());
   store_.discard();
-  journal_.discard();
-  rowsAdded_ = false;
+  rowsChanged_ = false;
   if (commitObserver_) commitObserver_->onDiscarded();
-  settleWatches();
+  settleWatches(&WatchedTable::forgetChanges);
   announceAgain();
   return Vela::Outcome::failure(error.what());
 }
@@ -364,27 +435,23 @@ void DatabaseImpl::doDerive() {
   if (std::ranges::any_of(watched_, touched)) commitObserver_->onBeforeCommit();
 }
 
-void DatabaseImpl::settleWatches() {
+void DatabaseImpl::settleWatches(void (WatchedTable::*outcome)()) {
   for (const auto& one : watched_) {
-    if (const auto table = one.lock()) table->forgetChanges();
+    if (const auto table = one.lock()) (*table.*outcome)();
   }
 }
 
-void DatabaseImpl::doCommit(Brine::Store::Filling filling) {
-  const bool anyChange = !journal_.empty() || typesChanged_;
-  if (anyChange) {
-    const size_t bound = options_.journalChangesWithoutSubscriber;
-    const bool attached = doorbell_.anyAttached();
-    journal_.trimTo(attached ? doorbell_.receivedByAll() : 0,
-                    attached ? bound * laggingFactor : bound);
-    journal_.flush();
-  }
-  store_.commit(filling);
-  if (!anyChange) return;
-  typesChanged_ = false;
+void DatabaseImpl::doCommit() {
+  const uint64_t before = store_.committedSequence();
+  store_.commit();
+  const bool anyChange = std::exchange(rowsChanged_, false) | std::exchange(typesChanged_, false);
+  if (anyChange) ring(before);
+  maybeSettle();
+}
+
+void DatabaseImpl::ring(uint64_t committedBefore) {
   for (const auto& [name, table] : bound_) table->announced |= table->initialised;
-  const auto& changes = journal_.finishCommit();
-  doorbell_.ring(journal_.lastSequence(), changes);
+  doorbell_.ring(committedBefore);
 }
 
 // Tables that were bound in the commit that failed must not be without a record.
@@ -397,40 +464,43 @@ void DatabaseImpl::announceAgain() try {
   SCRIVEL_TRACE(0, "cannot announce tables: ", error.what());
 }
 
-uint64_t DatabaseImpl::rowIs(const ArTableInterface::Impl& table, const Row& row,
-                             uint64_t entryHandle) {
-  const auto bytes = stored(table, row.key);
-  const auto former = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
-  const bool same = former && former->value == row.value;
-  if (!former) rowsAdded_ = true;
-  if (same && !inBatch_) {
-    // No change for the followers; yet later ones report under the handle that stands here.
-    const uint64_t sequence = former->sequence;
-    if (former->entryHandle != entryHandle) putRow(table, row, entryHandle, sequence);
-    return 0;
-  }
-  if (const auto watched = table.watched.lock(); watched && !same) {
-    watched->noteChange(row.key, former ? std::optional(former->value) : std::nullopt);
-  }
-  putRow(table, row, entryHandle, journal_.nextSequence());
-  return journal_.add(table.number, row.key, row.value, entryHandle, false, same);
+StoredRow DatabaseImpl::storedRow(const Brine::Record& record) const {
+  return {.key = Brine::asText(record.key),
+          .value = Brine::asText(record.value),
+          .attachment = Brine::asText(record.attachment),
+          .entryHandle = record.owner,
+          .sequence = record.sequence,
+          .unsettled = store_.isUnsettled(record)};
 }
 
-void DatabaseImpl::putRow(const ArTableInterface::Impl& table, const Row& row, uint64_t entryHandle,
-                          uint64_t sequence) {
-  const auto room =
-      store_.reserve(table.rows, Brine::asBytes(row.key), StoredRow::headSize + row.value.size());
-  storeAt(room.data(), entryHandle);
-  storeAt(room.data() + 8, sequence);
-  std::memcpy(room.data() + StoredRow::headSize, row.value.data(), row.value.size());
+uint64_t DatabaseImpl::rowIs(const ArTableInterface::Impl& table, const Row& row,
+                             uint64_t entryHandle, std::string_view attachment) {
+  const auto former = stored(table, row.key);
+  const bool same = former && Brine::asText(former->value) == row.value;
+  const bool isAsItWas =
+      same && former->owner == entryHandle && Brine::asText(former->attachment) == attachment;
+  if (isAsItWas && !inBatch_) return 0;
+  if (const auto watched = table.watched.lock(); watched && !same) {
+    watched->noteChange(row.key,
+                        former ? std::optional(Brine::asText(former->value)) : std::nullopt);
+  }
+  const auto written =
+      store_.write(table.rows, Brine::asBytes(row.key), row.value.size(),
+                   {.attachmentSize = attachment.size(), .owner = entryHandle, .unchanged = same});
+  std::memcpy(written.value.data(), row.value.data(), row.value.size());
+  std::memcpy(written.attachment.data(), attachment.data(), attachment.size());
+  rowsChanged_ = true;
+  // Nobody waits for a change that followers do not see.
+  return same && !inBatch_ ? 0 : written.sequence;
 }
 
 uint64_t DatabaseImpl::rowDel(const ArTableInterface::Impl& table, std::string_view key,
                               uint64_t entryHandle) {
   if (const auto watched = table.watched.lock()) watched->noteChange(key, watched->value(key));
-  const bool there = store_.erase(table.rows, Brine::asBytes(key));
-  if (!there && !inBatch_) return 0;
-  return journal_.add(table.number, key, {}, entryHandle, true, !there);
+  if (!inBatch_ && !store_.contains(table.rows, Brine::asBytes(key))) return 0;
+  const uint64_t sequence = store_.eraseFor(table.rows, Brine::asBytes(key), entryHandle);
+  rowsChanged_ = true;
+  return sequence;
 }
 
 ArTableInterface::ArTableInterface(std::string tableName, std::string typeName,
@@ -466,29 +536,64 @@ const ArTableInterface::Impl& required(const ArTableInterface& interface,
 
 std::optional<Row> ArTableInterface::row(std::string_view key) const {
   const Impl& table = required(*this, impl_);
-  const auto bytes = table.database->stored(table, key);
-  const auto stored = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
+  const auto stored = table.database->stored(table, key);
   if (!stored) return std::nullopt;
-  return Row{std::string(key), std::string(stored->value)};
+  return Row{std::string(key), std::string(Brine::asText(stored->value))};
+}
+
+std::optional<StoredRow> ArTableInterface::stored(std::string_view key) const {
+  const Impl& table = required(*this, impl_);
+  const auto stored = table.database->stored(table, key);
+  if (!stored) return std::nullopt;
+  return table.database->storedRow(*stored);
+}
+
+std::optional<StoredRow> ArTableInterface::storedOf(uint64_t entryHandle, uint32_t keyHash) const {
+  const Impl& table = required(*this, impl_);
+  const auto stored = table.database->storedOf(table, entryHandle, keyHash);
+  if (!stored) return std::nullopt;
+  return table.database->storedRow(*stored);
+}
+
+std::optional<StoredRow> ArTableInterface::beingDeleted(uint64_t entryHandle) const {
+  const Impl& table = required(*this, impl_);
+  const Brine::Store& store = table.database->store();
+  for (uint64_t at = store.nextSequence(); --at > store.settledSequence();) {
+    const auto change = store.change(at);
+    const bool isIt = change && change->table == table.rows && change->before && !change->now &&
+                      change->before->owner == entryHandle;
+    if (isIt) return table.database->storedRow(*change->before);
+  }
+  return std::nullopt;
+}
+
+uint32_t ArTableInterface::keyHash(std::string_view key) const {
+  return required(*this, impl_).database->store().keyHash(Brine::asBytes(key));
+}
+
+void ArTableInterface::forEachCommitted(const Visit& visit,
+                                        Brine::Store::Position* position) const {
+  const Impl& table = required(*this, impl_);
+  const auto each = [&](const Brine::Record& row) { return visit(table.database->storedRow(row)); };
+  table.database->store().forEachRecord(table.rows, each, position);
 }
 
 uint64_t ArTableInterface::rowEntryHandle(std::string_view key) const {
   const Impl& table = required(*this, impl_);
-  const auto bytes = table.database->stored(table, key);
-  const auto stored = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
-  return stored ? stored->entryHandle : 0;
+  const auto stored = table.database->stored(table, key);
+  return stored ? stored->owner : 0;
 }
 
 uint64_t ArTableInterface::rowSequence(std::string_view key) const {
   const Impl& table = required(*this, impl_);
-  const auto bytes = table.database->stored(table, key);
-  const auto stored = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
+  const auto stored = table.database->stored(table, key);
   return stored ? stored->sequence : 0;
 }
 
-uint64_t ArTableInterface::rowIs(const Row& row, uint64_t entryHandle) {
+uint64_t ArTableInterface::rowIs(const Row& row, uint64_t entryHandle,
+                                 std::string_view attachment) {
   const Impl& table = required(*this, impl_);
-  return table.database->rowIs(table, row, entryHandle);
+  return table.database->rowIs(table, row, entryHandle, attachment);
 }
 
 uint64_t ArTableInterface::rowDel(std::string_view key, uint64_t entryHandle) {

@@ -1,5 +1,5 @@
-// The agent's side of the shared tables: typed interfaces that write rows, the journal of their
-// changes, and the doorbell socket on which forwarding agents follow and report.
+// The agent's side of the shared tables: typed interfaces that write rows, and the doorbell socket
+// on which forwarding agents hear of changes and report.
 #pragma once
 
 #include <chrono>
@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/brine/Store.h"
@@ -26,6 +27,16 @@ class Database;
 class DatabaseImpl;
 class TableWatch;
 
+// A row as it stands in the store. The views last until the row is written again.
+struct StoredRow {
+  std::string_view key;
+  std::string_view value;
+  std::string_view attachment;  // bytes of the agent's own, which followers do not see
+  uint64_t entryHandle = 0;     // that the row was last written with
+  uint64_t sequence = 0;        // of its last change
+  bool unsettled = false;       // that change waits for its outcome
+};
+
 // The typed access interface of one table. Call with the activity lock held, on any thread. May
 // outlive the database: it is then no longer ready. Functions that need ready() throw
 // std::logic_error without it, and Brine::StoreError when the store does.
@@ -41,14 +52,25 @@ class ArTableInterface : public Vela::RefCounted {
   bool ready() const;      // bound and initialised
 
   // Below: only when ready().
-  std::optional<Row> row(std::string_view key) const;  // the write set included
+  std::optional<Row> row(std::string_view key) const;  // rows not committed included
+  std::optional<StoredRow> stored(std::string_view key) const;
+  // The row of an entry, by the hash of the row's key.
+  std::optional<StoredRow> storedOf(uint64_t entryHandle, uint32_t keyHash) const;
+  uint32_t keyHash(std::string_view key) const;
+  // The row of an entry whose deletion waits for its outcome. Looks through all changes that do.
+  std::optional<StoredRow> beingDeleted(uint64_t entryHandle) const;
+  // Visits the committed rows, in no order, until `visit` returns false; `visit` must not write.
+  // With a `position`, the next walk goes on where this one stopped.
+  using Visit = std::function<bool(const StoredRow& row)>;
+  void forEachCommitted(const Visit& visit, Brine::Store::Position* position = nullptr) const;
   // The entry handle that the stored row was last written with; 0 when there is no row.
   uint64_t rowEntryHandle(std::string_view key) const;
   uint64_t rowSequence(std::string_view key) const;  // of its last change; 0 when there is no row
   // Both return the sequence number of the change, which the forwarding agents' reports carry. In a
   // batch every call is a change (so that a report always comes). Outside a batch they return 0 for
   // a row that equals the stored one, and for the deletion of an absent row: these change nothing.
-  uint64_t rowIs(const Row& row, uint64_t entryHandle);
+  // Throws Brine::StoreError when there is no room; the row is then as it was.
+  uint64_t rowIs(const Row& row, uint64_t entryHandle, std::string_view attachment = {});
   uint64_t rowDel(std::string_view key, uint64_t entryHandle);
   size_t rowCount() const;
 
@@ -66,8 +88,8 @@ struct DatabaseOptions {
 };
 
 // One a process. Writes outside a batch are committed at the end of the outermost activity scope.
-// Threads: call with the activity lock held, on any thread; callbacks run on the reactor with the
-// lock held.
+// Threads: call with the activity lock held, on any thread; callbacks run with the lock held,
+// on the reactor or in stopListening().
 // Errors: a lost commit is a returned reason, or a call of the loss handler; only create() and
 // watch() throw.
 // Lifetime: loop, store and observers outlive it; interfaces that outlive it are not ready.
@@ -83,6 +105,12 @@ class Database {
   // emptied, and that is traced. `persistent` false: rows of an earlier process are dropped.
   virtual void bindInterface(const Vela::Ptr<ArTableInterface>& interface, const std::string& name,
                              bool persistent) = 0;
+  // The attachments of a table's rows that were dropped since the table has another type now, or no
+  // interface, with the entry handles. They stay until they are removed.
+  using Kept = std::vector<std::pair<uint64_t, std::string>>;
+  virtual Kept kept(const std::string& table) = 0;
+  virtual std::vector<std::string> keptTables() const = 0;
+  virtual void keptDel(const std::string& table) = 0;
   // Removes the surviving tables without an interface; returns their names.
   virtual std::vector<std::string> removeUnboundTables() = 0;
 
@@ -93,7 +121,25 @@ class Database {
   virtual bool inBatch() const = 0;
   // Commits the writes outside a batch now, not at the end of the scope: for writes whose loss the
   // caller must know of. When it fails they are lost.
-  virtual Vela::Outcome commit(Brine::Store::Filling filling) = 0;
+  virtual Vela::Outcome commit() = 0;
+  // The outcome of the last batch is known, and what failed is put back.
+  virtual void settle() = 0;
+
+  // Whether followers are to look for the changes of the batch that was begun, and of those that
+  // come soon after it, rather than sleep.
+  virtual void urgentIs(bool isUrgent) = 0;
+  // For the thread of a batch, which waits for the followers' word on it. From listen(), before
+  // batchEnd(), to stopListening(), they need send no message for it.
+  virtual void listen() = 0;
+  // Tells the observer of all that they have said. Nothing when it does not listen.
+  virtual void stopListening() = 0;
+  // Looks for a moment until they have programmed the batch; call it without the lock. Returns
+  // whether they have.
+  virtual bool lookForProgrammed() const = 0;
+  // Makes the row or record as it was before the change of that sequence number, which must not be
+  // settled. Returns the sequence number of the change that this makes; 0: it was so already, or
+  // its table is gone. Needs no room.
+  virtual uint64_t undo(uint64_t sequence) = 0;
   // Told, with the reason, when changes of rows or tables outside a batch are lost in a commit at
   // the end of a scope. Nobody is told of lost writes of other records: look for them afterwards.
   virtual void lossHandlerIs(std::function<void(const std::string& reason)> handler) = 0;

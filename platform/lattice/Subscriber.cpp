@@ -1,5 +1,6 @@
 #include "platform/lattice/Subscriber.h"
 
+#include <absl/container/flat_hash_set.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -8,33 +9,24 @@
 #include <deque>
 #include <map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/Reader.h"
+#include "platform/lattice/doorbell/ChangePace.h"
 #include "platform/lattice/doorbell/DoorbellMessage.h"
+#include "platform/lattice/doorbell/DoorbellPage.h"
 #include "platform/lattice/doorbell/DoorbellSocket.h"
-#include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
+#include "platform/vela/LookFor.h"
 
 namespace Lattice {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds retryInterval{100};
-// How much of the journal is taken from one snapshot: the store's pages are released before the
-// handler, which may be slow, sees the changes.
-constexpr size_t journalBytesAtOnce = size_t{4} << 20;
-
-// The rows of a snapshot, copied for the same reason.
-struct CopiedRow {
-  const FollowedTable* table;
-  size_t keyAt;
-  uint32_t keySize;
-  uint32_t valueSize;
-  uint64_t entryHandle;
-  uint64_t sequence;
-};
-
+constexpr std::chrono::microseconds usuallyWorthLooking{600};
+constexpr std::chrono::milliseconds longestStay{5};  // the caller has other duties, too
 // The agent or its files are not as they should be: detach and try again later.
 struct Detached {
   std::string why;
@@ -60,6 +52,7 @@ class SubscriberImpl final : public Subscriber {
   void report(uint64_t entryHandle, uint64_t sequence, uint16_t errorCode,
               std::string_view message) override;
   void flush() override;
+  void lookForIs(std::chrono::microseconds most) override { worthLooking_ = most; }
   uint64_t sequence() const override { return sequence_; }
   int descriptor() const override { return attached_ ? socket_.descriptor() : -1; }
   bool sending() const override { return !outbox_.empty(); }
@@ -70,23 +63,29 @@ class SubscriberImpl final : public Subscriber {
   bool attachBy(Clock::time_point deadline);
   void sendAttach();
   void receiveAll();
-  void handleMessage(std::string_view message);
-  void handleAttached(const AttachedMessage& attached);
+  void handleMessage(std::string_view message, const Vela::UniqueFd& page);
+  void handleAttached(const AttachedMessage& attached, const Vela::UniqueFd& page);
   void detach(std::string why);
 
   void catchUp();
+  bool maybeLookForChanges();
+  void say();
+  void stay();
+  bool anyChanges() const { return reader_->state().committed != sequence_; }
   bool readOnce();
-  void learnTables(Brine::Snapshot& snapshot, uint64_t typesVersion);
+  void learnTables();
   void removeTablesBut(const std::map<uint32_t, std::pair<std::string, TableRecord>>& present);
   void addTable(const std::string& name, const TableRecord& record);
-  void takeSnapshot(std::unique_ptr<Brine::Snapshot> snapshot, uint64_t sequence);
-  void copyRows(Brine::Snapshot& snapshot, std::vector<CopiedRow>& rows, std::string& bytes);
-  bool copyJournal(Brine::Snapshot& snapshot, uint64_t last, std::vector<std::string>& records);
-  void passOn(const std::vector<std::string>& records);
-  void passOn(const JournalChange& change);
+  void takeSnapshot();
+  void passOn(const Brine::Snapshot& snapshot);
+  void passOn(const Brine::FollowedChange& change);
 
   void maybeSayInStep();
   void queueReports();
+  void queueProgrammed();
+  void maybeStoreWord();
+  bool settleInOrder(uint64_t sequence);
+  void forgetDoneBehind();
   void sendQueued();
 
   const std::string directory_;
@@ -96,14 +95,17 @@ class SubscriberImpl final : public Subscriber {
 
   // The connection.
   Socket socket_;
+  std::shared_ptr<DoorbellPage> page_;  // null: the agent sent none
   bool attached_ = false;
   Clock::time_point nextAttempt_{};
   std::string buffer_;
   std::deque<std::string> outbox_;
   ReportsWriter reports_;
   uint64_t receivedSaid_ = 0;
-  std::unique_ptr<Brine::Reader> reader_;
+  std::shared_ptr<Brine::Reader> reader_;  // shared with catchUp(), in which we may detach
   bool rung_ = false;
+  std::chrono::microseconds worthLooking_ = usuallyWorthLooking;
+  ChangePace pace_;
 
   // What is known; survives a detachment.
   StoreIdentity identity_{};
@@ -111,6 +113,16 @@ class SubscriberImpl final : public Subscriber {
   uint64_t sequence_ = 0;
   uint64_t typesVersion_ = UINT64_MAX;
   bool needSnapshot_ = true;
+  // Changes that were passed on and not reported on yet, ascending; those programmed out of order
+  // stay until the ones before them are through. A snapshot takes their place.
+  struct Open {
+    uint64_t sequence;
+    bool done;
+  };
+  std::deque<Open> open_;
+  size_t doneBehind_ = 0;  // how many of them are done
+  uint64_t programmedSaid_ = 0;
+  bool isWordDue_ = false;                           // the page does not say so yet
   std::map<uint32_t, const FollowedTable*> tables_;  // by number
   std::vector<std::unique_ptr<FollowedTable>> allTables_;
   // Entries that are not programmed as the agent has them. An agent that dies may not have heard of
@@ -121,7 +133,7 @@ class SubscriberImpl final : public Subscriber {
   bool inSnapshot_ = false;
   bool delivered_ = false;  // all its rows were passed on
   uint64_t snapshotSequence_ = 0;
-  std::unordered_set<uint64_t> unreported_;  // sequence numbers of its rows
+  absl::flat_hash_set<uint64_t> unreported_;  // sequence numbers of its rows
 };
 
 void SubscriberImpl::follow(std::chrono::milliseconds timeout) {
@@ -145,10 +157,23 @@ void SubscriberImpl::step(Clock::time_point deadline) {
     receiveAll();
   }
   if (rung_) catchUp();
-  if (!attached_) return;
+  if (attached_) stay();
+}
+
+void SubscriberImpl::say() {
   queueReports();
   maybeSayInStep();
   sendQueued();
+}
+
+// While the changes of one batch soon follow those of another, or a ring without changes has told
+// that a batch is in the making.
+void SubscriberImpl::stay() {
+  const auto end = Clock::now() + longestStay;
+  do {
+    say();
+    pace_.quietIs(Clock::now());
+  } while (Clock::now() < end && maybeLookForChanges());
 }
 
 void SubscriberImpl::waitReadable(Clock::time_point until) {
@@ -191,7 +216,8 @@ void SubscriberImpl::sendAttach() {
 void SubscriberImpl::receiveAll() {
   std::string_view message;
   for (;;) {
-    switch (socket_.receive(buffer_, &message)) {
+    Vela::UniqueFd page;
+    switch (socket_.receive(buffer_, &message, &page)) {
       case Socket::Received::nothing:
         return;
       case Socket::Received::gone:
@@ -199,35 +225,42 @@ void SubscriberImpl::receiveAll() {
       case Socket::Received::oversized:
         throw Detached{"the agent sent an oversized message"};
       case Socket::Received::message:
-        handleMessage(message);
+        handleMessage(message, page);
     }
   }
 }
 
-void SubscriberImpl::handleMessage(std::string_view message) {
+void SubscriberImpl::handleMessage(std::string_view message, const Vela::UniqueFd& page) {
   if (const auto refused = RefusedMessage::decode(message)) {
     throw Detached{"the agent refuses: " + std::string(refused->reason)};
   }
   if (attached_ && RingMessage::decode(message)) {
     rung_ = true;
   } else if (const auto accepted = AttachedMessage::decode(message); accepted && !attached_) {
-    handleAttached(*accepted);
+    handleAttached(*accepted, page);
   } else {
     throw Detached{"the agent sent a message that this program does not know"};
   }
 }
 
-void SubscriberImpl::handleAttached(const AttachedMessage& accepted) {
+void SubscriberImpl::handleAttached(const AttachedMessage& accepted, const Vela::UniqueFd& page) {
+  auto reader = Brine::Reader::open(directory_);
+  // An agent may have ended meanwhile, and the next one have begun another store.
+  if (!std::ranges::equal(reader->identity(), accepted.identity)) {
+    throw Detached{"the store in " + directory_ +
+                   " is another one than the agent's; if this lasts, restart the agent"};
+  }
+  page_ = DoorbellPage::open(page);
   if (!identityKnown_ || accepted.identity != identity_) {
     needSnapshot_ = true;
     typesVersion_ = UINT64_MAX;
   }
   identity_ = accepted.identity;
   identityKnown_ = true;
-  reader_ = Brine::Reader::open(directory_);
+  reader_ = std::move(reader);
   attached_ = true;
   rung_ = true;  // there may be changes that rang before we came
-  receivedSaid_ = 0;
+  receivedSaid_ = programmedSaid_ = 0;
   trouble_.clear();
 }
 
@@ -235,6 +268,8 @@ void SubscriberImpl::detach(std::string why) {
   trouble_ = std::move(why);
   attached_ = false;
   socket_ = Socket();
+  page_.reset();
+  isWordDue_ = false;
   reader_.reset();
   outbox_.clear();
   reports_.clear();
@@ -242,52 +277,79 @@ void SubscriberImpl::detach(std::string why) {
   // Reports on the snapshot are lost with the connection; only a new one leads in step.
   if (inSnapshot_) needSnapshot_ = true;
   inSnapshot_ = false;
-  unreported_.clear();
+  unreported_ = {};
   nextAttempt_ = std::max(nextAttempt_, Clock::now() + retryInterval / 10);
 }
 
 void SubscriberImpl::catchUp() {
   rung_ = false;
+  const auto reader = reader_;
+  const auto began = Clock::now();
+  const uint64_t before = sequence_;
   while (attached_ && readOnce()) {  // a handler that flushes may find the agent gone
   }
+  pace_.ringIs(began, sequence_ != before);
 }
 
-// Passes on the changes that one look at the store shows; true when there are more.
+// Whether changes have come, and were passed on.
+bool SubscriberImpl::maybeLookForChanges() {
+  if (!attached_ || !page_ || !outbox_.empty() || !pace_.comeWithin(worthLooking_)) return false;
+  DoorbellWords& words = page_->words();
+  if (words.worthLooking == 0) return false;
+  words.subscriberLooks = 1;
+  Vela::lookFor(worthLooking_, [&] { return anyChanges() || words.worthLooking == 0; });
+  words.subscriberLooks = 0;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  if (!anyChanges()) return false;
+  catchUp();
+  return attached_;
+}
+
+// Passes on the changes until now; true when there may be more.
 bool SubscriberImpl::readOnce() {
-  std::vector<std::string> records;
-  auto snapshot = reader_->snapshot();
-  const auto bytes = snapshot->get(metaTable, Brine::asBytes(JournalState::key));
-  const auto state = bytes ? JournalState::decode(Brine::asText(*bytes)) : std::nullopt;
-  if (!state) return false;  // the agent has not written anything yet
-  learnTables(*snapshot, state->typesVersion);
-  if (sequence_ < state->trimmedUpTo || sequence_ > state->lastSequence) needSnapshot_ = true;
+  const Brine::Reader::State state = reader_->state();
+  if (state.typesVersion != typesVersion_) learnTables();
+  if (sequence_ < state.trimmed || sequence_ > state.committed) needSnapshot_ = true;
   if (needSnapshot_) {
-    takeSnapshot(std::move(snapshot), state->lastSequence);
+    takeSnapshot();
     return true;
   }
-  const bool more = copyJournal(*snapshot, state->lastSequence, records);
-  snapshot.reset();
-  passOn(records);
-  return more || needSnapshot_;
+  if (sequence_ == state.committed) return false;
+  const auto reached =
+      reader_->follow(sequence_, state.committed, [this](const Brine::FollowedChange& change) {
+        if (!attached_) return;
+        passOn(change);
+        sequence_ = change.sequence;
+      });
+  if (!attached_) return false;
+  if (reached) {
+    sequence_ = *reached;
+  } else {
+    needSnapshot_ = true;  // the rows themselves tell
+  }
+  return true;
 }
 
-void SubscriberImpl::learnTables(Brine::Snapshot& snapshot, uint64_t typesVersion) {
-  if (typesVersion == typesVersion_) return;
+void SubscriberImpl::learnTables() {
+  const uint64_t version = reader_->state().typesVersion;
+  const auto snapshot =
+      reader_->snapshot([](std::string_view table) { return table == typesTable; });
   std::map<uint32_t, std::pair<std::string, TableRecord>> present;
-  const size_t damaged = snapshot.forEach(typesTable, [&](Brine::Bytes key, Brine::Bytes value) {
+  const size_t damaged = snapshot->forEach(typesTable, [&](Brine::Bytes key, Brine::Bytes value) {
     auto record = TableRecord::decode(Brine::asText(value));
     if (record) present.emplace(record->number, std::pair(Brine::asText(key), std::move(*record)));
     return true;
   });
-  if (damaged > 0)
+  if (damaged > 0) {
     throw Detached{"the list of tables in shared memory is damaged; restart the agent"};
+  }
   // Numbers of another store mean other tables.
   if (needSnapshot_ && typesVersion_ == UINT64_MAX) removeTablesBut({});
   removeTablesBut(present);
   for (const auto& [number, table] : present) {
     if (!tables_.contains(number)) addTable(table.first, table.second);
   }
-  typesVersion_ = typesVersion;
+  typesVersion_ = version;
 }
 
 void SubscriberImpl::removeTablesBut(
@@ -317,114 +379,109 @@ void SubscriberImpl::addTable(const std::string& name, const TableRecord& record
   handler_.tableAdded(*allTables_.back());
 }
 
-void SubscriberImpl::takeSnapshot(std::unique_ptr<Brine::Snapshot> snapshot, uint64_t sequence) {
-  std::vector<CopiedRow> rows;
-  std::string bytes;
-  copyRows(*snapshot, rows, bytes);
-  snapshot.reset();
-
+void SubscriberImpl::takeSnapshot() {
+  const auto snapshot =
+      reader_->snapshot([](std::string_view table) { return table.starts_with(rowTablePrefix); },
+                        Brine::Reader::Attachments::leftOut);
+  // It may show rows of tables that we have yet to learn of.
+  if (reader_->state().typesVersion != typesVersion_) return;
+  for (const auto& [number, table] : tables_) {
+    const size_t damaged =
+        snapshot->forEach(rowTable(table->name), [](auto, auto) { return false; });
+    if (damaged > 0) throw Detached{damagedText(table->name, damaged)};
+  }
   needSnapshot_ = false;
   failed_.clear();
   inSnapshot_ = true;
   delivered_ = false;
-  snapshotSequence_ = sequence;
+  snapshotSequence_ = snapshot->sequence();
   unreported_.clear();
-  for (const CopiedRow& row : rows) unreported_.insert(row.sequence);
-  handler_.snapshotBegin();
-  for (const CopiedRow& row : rows) {
-    RowChange change;
-    change.table = row.table;
-    change.key = std::string_view(bytes).substr(row.keyAt, row.keySize);
-    change.value = std::string_view(bytes).substr(row.keyAt + row.keySize, row.valueSize);
-    change.entryHandle = row.entryHandle;
-    change.sequence = row.sequence;
-    handler_.rowChanged(change);
-  }
-  handler_.snapshotEnd();
-  sequence_ = sequence;
+  open_.clear();
+  doneBehind_ = 0;
+  passOn(*snapshot);
+  sequence_ = snapshotSequence_;
   delivered_ = true;
 }
 
-void SubscriberImpl::copyRows(Brine::Snapshot& snapshot, std::vector<CopiedRow>& rows,
-                              std::string& bytes) {
-  for (const auto& [number, table] : tables_) {
-    const size_t damaged = snapshot.forEach(rowTable(table->name), [&](Brine::Bytes key,
-                                                                       Brine::Bytes value) {
-      const auto row = StoredRow::decode(Brine::asText(value));
-      if (!row) return true;  // not a row; the agent writes it again or never knew it
-      rows.push_back({table, bytes.size(), static_cast<uint32_t>(key.size()),
-                      static_cast<uint32_t>(row->value.size()), row->entryHandle, row->sequence});
-      bytes.append(Brine::asText(key));
-      bytes.append(row->value);
-      return true;
-    });
-    if (damaged > 0) throw Detached{damagedText(table->name, damaged)};
-  }
-}
-
-// True when there is more than was copied.
-bool SubscriberImpl::copyJournal(Brine::Snapshot& snapshot, uint64_t last,
-                                 std::vector<std::string>& records) {
-  if (sequence_ == last) return false;
-  size_t size = 0;
-  bool more = false;
-  const size_t damaged = snapshot.forEach(
-      journalTable,
-      [&](Brine::Bytes, Brine::Bytes value) {
-        more = size > journalBytesAtOnce;
-        if (more) return false;
-        records.emplace_back(Brine::asText(value));
-        size += value.size();
+void SubscriberImpl::passOn(const Brine::Snapshot& snapshot) {
+  const auto forEachRow = [&](const auto& visit) {
+    for (const auto& [number, table] : tables_) {
+      const FollowedTable* of = table;
+      snapshot.forEachRecord(rowTable(of->name), [&](const Brine::Record& row) {
+        visit(of, row);
         return true;
-      },
-      Brine::asBytes(bigEndian(sequence_ + 1)));
-  if (damaged > 0) needSnapshot_ = true;  // the rows themselves tell
-  return more;
-}
-
-void SubscriberImpl::passOn(const std::vector<std::string>& records) {
-  for (const std::string& record : records) {
-    std::string_view rest = record;
-    while (!rest.empty()) {
-      const auto change = JournalChange::takeFrom(rest);
-      if (!change || change->sequence <= sequence_) {
-        needSnapshot_ = true;  // a damaged record; the rows themselves tell
-        return;
-      }
-      passOn(*change);
-      sequence_ = change->sequence;
+      });
     }
-  }
+  };
+  forEachRow(
+      [this](const FollowedTable*, const Brine::Record& row) { unreported_.insert(row.sequence); });
+  handler_.snapshotBegin();
+  forEachRow([this](const FollowedTable* table, const Brine::Record& row) {
+    RowChange change;
+    change.table = table;
+    change.key = Brine::asText(row.key);
+    change.value = Brine::asText(row.value);
+    change.entryHandle = row.owner;
+    change.sequence = row.sequence;
+    handler_.rowChanged(change);
+  });
+  handler_.snapshotEnd();
 }
 
-void SubscriberImpl::passOn(const JournalChange& from) {
+void SubscriberImpl::passOn(const Brine::FollowedChange& from) {
   const auto table = tables_.find(from.table);
-  if (table == tables_.end()) {  // removed since; handler_.tableRemoved() has told of its rows
-    if (from.flags & JournalChange::deleted) report(from.entryHandle, from.sequence, 0, {});
+  if (table == tables_.end()) {
+    // A record that is no row, or a row of a table that handler_.tableRemoved() has told of.
+    if (from.deleted && from.owner != 0) report(from.owner, from.sequence, 0, {});
     return;
   }
   RowChange change;
   change.table = table->second;
-  change.key = from.key;
-  change.deleted = from.flags & JournalChange::deleted;
-  change.unchanged = from.flags & JournalChange::unchanged;
-  if (!change.deleted) change.value = from.value;
-  change.entryHandle = from.entryHandle;
+  change.key = Brine::asText(from.key);
+  change.deleted = from.deleted;
+  change.unchanged = from.unchanged;
+  change.value = Brine::asText(from.value);
+  change.entryHandle = from.owner;
   change.sequence = from.sequence;
+  open_.push_back({from.sequence, false});
   handler_.rowChanged(change);
 }
 
 void SubscriberImpl::report(uint64_t entryHandle, uint64_t sequence, uint16_t errorCode,
                             std::string_view message) {
-  if (errorCode != 0) {
-    failed_.insert(entryHandle);
-  } else if (!failed_.empty()) {
-    failed_.erase(entryHandle);
-  }
+  const bool isFailure = errorCode != 0;
+  if (isFailure) failed_.insert(entryHandle);
+  const bool isMended = !isFailure && !failed_.empty() && failed_.erase(entryHandle) > 0;
+  const bool isInOrder = settleInOrder(sequence);
   if (!attached_) return;
+  if (isInOrder && !inSnapshot_ && !isFailure && !isMended) return;
   reports_.add({entryHandle, sequence, errorCode, message});
   if (inSnapshot_) unreported_.erase(sequence);
   if (reports_.full()) flush();
+}
+
+// Whether the word on all changes up to a number covers this one. It does not while an earlier one
+// is open, which may never be reported on. What failed, or had failed before, has a report of its
+// own besides.
+bool SubscriberImpl::settleInOrder(uint64_t sequence) {
+  const auto found = std::ranges::lower_bound(open_, sequence, {}, &Open::sequence);
+  if (found == open_.end() || found->sequence != sequence) return false;  // of a snapshot
+  if (found != open_.begin()) {
+    doneBehind_ += !std::exchange(found->done, true);
+    forgetDoneBehind();
+    return false;
+  }
+  open_.pop_front();
+  for (; !open_.empty() && open_.front().done; --doneBehind_) open_.pop_front();
+  return true;
+}
+
+// So that they do not grow without end behind one that stays open.
+void SubscriberImpl::forgetDoneBehind() {
+  constexpr size_t few = 1024;
+  if (doneBehind_ < few || doneBehind_ < open_.size() / 2) return;
+  std::erase_if(open_, [](const Open& open) { return open.done; });
+  doneBehind_ = 0;
 }
 
 void SubscriberImpl::flush() {
@@ -438,19 +495,44 @@ void SubscriberImpl::flush() {
   }
 }
 
-// Also says, without a report, how far the journal was read, so that it can be trimmed.
+// After the failures among them.
+void SubscriberImpl::queueProgrammed() {
+  if (needSnapshot_ || inSnapshot_) return;
+  const uint64_t programmed = open_.empty() ? sequence_ : open_.front().sequence - 1;
+  if (programmed <= programmedSaid_) return;
+  programmedSaid_ = programmed;
+  if (programmed == sequence_) receivedSaid_ = sequence_;  // it says that, too
+  isWordDue_ = page_ != nullptr;
+  if (!page_) outbox_.push_back(ProgrammedMessage{programmed}.encode());
+}
+
+// By the page, and by a message when the agent does not look there.
+void SubscriberImpl::maybeStoreWord() {
+  if (!isWordDue_ || !outbox_.empty()) return;
+  isWordDue_ = false;
+  DoorbellWords& words = page_->words();
+  words.programmed = programmedSaid_;
+  if (words.agentLooks != 0) return;
+  outbox_.push_back(ProgrammedMessage{programmedSaid_}.encode());
+  sendQueued();
+}
+
+// Also says, without a report, how far the changes were read, so that former rows can go.
 void SubscriberImpl::queueReports() {
+  if (reports_.count() == 0) queueProgrammed();
   if (reports_.count() == 0 && sequence_ == receivedSaid_) return;
   const uint8_t flags = inSnapshot_ ? ReportsMessage::takingSnapshot : 0;
   // Before a snapshot is through, the sequence number may be another store's.
   const bool known = !needSnapshot_ && (!inSnapshot_ || delivered_);
   outbox_.push_back(reports_.finish(known ? sequence_ : 0, flags));
   receivedSaid_ = sequence_;
+  queueProgrammed();
 }
 
 void SubscriberImpl::maybeSayInStep() {
   if (!inSnapshot_ || !delivered_ || !unreported_.empty()) return;
   inSnapshot_ = false;
+  unreported_ = {};
   queueReports();
   outbox_.push_back(InStepMessage{snapshotSequence_}.encode());
 }
@@ -462,6 +544,7 @@ void SubscriberImpl::sendQueued() {
     if (sent == Socket::Sent::wouldBlock) return;  // with the next follow()
     outbox_.pop_front();
   }
+  maybeStoreWord();
 }
 
 }  // namespace

@@ -66,6 +66,9 @@ class Subscriber {
   virtual void flush() = 0;
   virtual uint64_t sequence() const = 0;  // passed on to the handler so far
   virtual int descriptor() const = 0;     // readable when follow() has something to do; -1: none
+  // To wake up costs more than to program an entry: follow() stays awake so long for changes that
+  // are likely to come. 0: never.
+  virtual void lookForIs(std::chrono::microseconds most) = 0;
   // Whether reports wait for room in the socket: follow() goes on once descriptor() is writable.
   virtual bool sending() const { return false; }
 };

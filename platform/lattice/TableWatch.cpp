@@ -37,18 +37,42 @@ const std::vector<ChangedRow>& WatchedTable::changes() {
 
 std::optional<std::string_view> StoredRows::value(std::string_view key) {
   const auto bytes = store_.get(rows_, Brine::asBytes(key));
-  const auto stored = bytes ? StoredRow::decode(Brine::asText(*bytes)) : std::nullopt;
-  return stored ? std::optional(stored->value) : std::nullopt;
+  return bytes ? std::optional(Brine::asText(*bytes)) : std::nullopt;
 }
 
-void StoredRows::forEachCommitted(const Visit& visit, std::string_view from) {
-  store_.forEach(
-      rows_,
-      [&](Brine::Bytes key, Brine::Bytes bytes) {
-        const auto stored = StoredRow::decode(Brine::asText(bytes));
-        return !stored || visit(Brine::asText(key), stored->value);
-      },
-      Brine::asBytes(from));
+void StoredRows::forEachCommitted(const Visit& visit, Brine::Store::Position* position) {
+  const auto each = [&](const Brine::Record& row) {
+    return visit(Brine::asText(row.key), Brine::asText(row.value));
+  };
+  store_.forEachRecord(rows_, each, position);
+}
+
+void WatchedTable::forEachCommittedFrom(std::string_view from, const SortedVisit& visit) {
+  if (!sorted_) {
+    sorted_.emplace();
+    forEachCommitted([this](std::string_view key, std::string_view) {
+      sorted_->emplace(key);
+      return true;
+    });
+  }
+  for (auto at = sorted_->lower_bound(from); at != sorted_->end(); ++at) {
+    const auto changed = before_.find(*at);
+    const auto value = changed == before_.end() ? this->value(*at) : changed->second;
+    if (value && !visit(*at, *value)) return;
+  }
+}
+
+void WatchedTable::handleCommitted() {
+  if (sorted_) {
+    for (const ChangedRow& change : changes()) {
+      if (change.after) {
+        sorted_->insert(change.key);
+      } else {
+        sorted_->erase(change.key);
+      }
+    }
+  }
+  forgetChanges();
 }
 
 }  // namespace Lattice

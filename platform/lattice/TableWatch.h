@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -28,10 +29,10 @@ class StoredRows {
 
   // The packed value columns as written last, committed or not; valid until the next write.
   std::optional<std::string_view> value(std::string_view key);
-  // The rows of the last commit, ascending by key, from `from` on, until `visit` returns false.
-  // `visit` must not write.
+  // The rows of the last commit, in no order, until `visit` returns false. `visit` must not write.
+  // With a `position`, the next walk goes on where this one stopped.
   using Visit = std::function<bool(std::string_view key, std::string_view value)>;
-  void forEachCommitted(const Visit& visit, std::string_view from = {});
+  void forEachCommitted(const Visit& visit, Brine::Store::Position* position = nullptr);
   size_t count() const { return store_.count(rows_); }  // as written last
 
  private:
@@ -48,14 +49,21 @@ class WatchedTable final : public StoredRows {
   // For the database: the row is about to change. Only the first call for a key counts.
   void noteChange(std::string_view key, std::optional<std::string_view> before);
   bool anyNoted() const { return !before_.empty(); }
-  void forgetChanges();  // after a commit or a roll-back
+  void handleCommitted();
+  void forgetChanges();  // after a roll-back
+
+  // The rows of the last commit, ascending by key, from `from` on, until `visit` returns false.
+  // `visit` must not write. The first call sorts the keys, which are then kept in order.
+  using SortedVisit = StoredRows::Visit;
+  void forEachCommittedFrom(std::string_view from, const SortedVisit& visit);
 
   const std::vector<ChangedRow>& changes();
 
  private:
   std::unordered_map<std::string, std::optional<std::string>> before_;
   std::vector<ChangedRow> changes_;
-  bool collected_ = false;  // changes_ is of before_
+  bool collected_ = false;                                    // changes_ is of before_
+  std::optional<std::set<std::string, std::less<>>> sorted_;  // keys of the last commit
 };
 
 // Watches as long as it lives. See Database::watch().
@@ -65,7 +73,7 @@ class TableWatch {
 
   // The rows changed since the last commit, ascending by key. Valid until the table's next write.
   const std::vector<ChangedRow>& changes() { return table_->changes(); }
-  StoredRows& rows() { return *table_; }
+  WatchedTable& rows() { return *table_; }
 
  private:
   std::shared_ptr<WatchedTable> table_;

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <optional>
 #include <thread>
 
@@ -152,19 +153,25 @@ TEST_F(CommandTest, RowsAreReadFromTheStoreOfARunningOrDeadAgent) {
     store->put(store->table(Lattice::typesTable), Brine::asBytes("unreadable"),
                Brine::asBytes(broken.encode()));
     using namespace std::string_literals;
-    const std::string row = "\x05\0\0\0\0\0\0\0\x09\0\0\0\0\0\0\0\x07\0\0\0\x50\0"s;
-    for (const char* table : {"row/route", "row/unreadable"}) {
-      store->put(store->table(table), Brine::asBytes("\x0a\x01\x02\x03"), Brine::asBytes(row));
-    }
-    store->put(store->table("row/route"), Brine::asBytes("\x0a\x01\x02\x04"),
-               Brine::asBytes("torn"));
-    store->put(store->table("p4runtime/cache/table"), Brine::asBytes("key"),
-               Brine::asBytes("\x02\0\0\0\x01\0\0\0\x05\0\0\0\0\0\0\0\x02\0\0\0"s));
+    const std::string value = "\x07\0\0\0\x50\0"s;
+    const auto row = [&](const char* table, const char* key, uint64_t handle, bool isEntry) {
+      const auto to = store->write(store->table(table), Brine::asBytes(key), value.size(),
+                                   {.attachmentSize = isEntry ? 1u : 0u, .owner = handle});
+      std::ranges::copy(value, to.value.begin());
+    };
+    row("row/unreadable", "\x0a\x01\x02\x03", 5, true);
+    row("row/route", "\x0a\x01\x02\x04", 6, false);
+    row("row/route", "\x0a\x01\x02\x03", 5, true);
+    store->commit();
+    store->settle();
+    row("row/route", "\x0a\x01\x02\x05", 7, true);
     store->commit();
   }
   EXPECT_EQ(korvel({"table", "dump", "route"}).output,
-            "route (1 rows)\n"
-            "  dst=10.1.2.3 -> action=forward port=0x0050  [handle 5, stable]\n");
+            "route (3 rows)\n"
+            "  dst=10.1.2.3 -> action=forward port=0x0050  [handle 5, stable]\n"
+            "  dst=10.1.2.4 -> action=forward port=0x0050  [handle 6]\n"
+            "  dst=10.1.2.5 -> action=forward port=0x0050  [handle 7, pending to be added]\n");
   EXPECT_THAT(korvel({"table", "dump", "unreadable"}).output,
               HasSubstr("key=0x0a010203 -> value=0x070000005000"));
   EXPECT_THAT(korvel({"table", "dump", "route", "--json"}).output,

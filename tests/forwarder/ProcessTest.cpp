@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <set>
 #include <thread>
 
 #include "platform/brine/Store.h"
@@ -31,7 +32,8 @@ class Agent {
     database_ = Lattice::Database::create(loop_, *store_,
                                           {.doorbellPath = stateDirectory + "/doorbell.sock"});
     database_->observerIs(
-        {.reports = [this](auto reports) { handleReports(reports); }, .inStep = [](uint64_t) {}});
+        {.reports = [this](auto reports) { handleReports(reports); },
+         .programmed = [this](uint64_t sequence) { handleProgrammed(sequence); }});
     Lattice::TheTypeRegistry().typeIs(typeOf("key port : U16; speed : U32;"));
     ports_ = Vela::make<Lattice::ArTableInterface>("ports", "test_type",
                                                    [this] { ports_->maybeInitialize(); });
@@ -81,13 +83,24 @@ class Agent {
 
  private:
   void handleReports(std::span<const Lattice::Report> reports) {
-    for (const Lattice::Report& report : reports) ++reported_[report.errorCode];
+    for (const Lattice::Report& report : reports) {
+      ++reported_[report.errorCode];
+      if (report.errorCode != 0) failed_.insert(report.sequence);
+    }
+  }
+  void handleProgrammed(uint64_t sequence) {
+    while (programmed_ < sequence) {
+      const auto change = store_->change(++programmed_);
+      if (change && change->owner != 0 && !failed_.contains(programmed_)) ++reported_[0];
+    }
   }
   Vela::ReactorLoop loop_;
   std::unique_ptr<Brine::Store> store_;
   std::unique_ptr<Lattice::Database> database_;
   Vela::Ptr<Lattice::ArTableInterface> ports_;
   std::map<uint16_t, size_t> reported_;  // how many, by error code
+  std::set<uint64_t> failed_;            // sequence numbers of changes
+  uint64_t programmed_ = 0;              // all changes up to here
   std::map<uint16_t, std::string> rows_;
   std::thread thread_;
 };

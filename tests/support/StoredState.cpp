@@ -10,7 +10,7 @@
 #include <set>
 #include <string_view>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/Reader.h"
 #include "platform/lattice/records/StoreLayout.h"
 #include "platform/lattice/types/TableType.h"
 
@@ -52,6 +52,7 @@ class Cursor {
     rest_.remove_prefix(size);
     return taken;
   }
+  std::string_view rest() { return take(rest_.size()); }
   bool whole() const { return intact_ && rest_.empty(); }
 
  private:
@@ -89,10 +90,9 @@ class StateReader {
         snapshot_(reader_->snapshot()) {}
 
   StoredState state() {
-    forEachRecord("table", [this](Cursor& cursor) { return addEntry(cursor); });
     forEachRecord("actionProfileMember", [this](Cursor& cursor) { return addMember(cursor); });
     forEachRecord("actionProfileGroup", [this](Cursor& cursor) { return addGroup(cursor); });
-    for (const auto& [id, table] : tables_.match) addRows(table);
+    for (const auto& [id, table] : tables_.match) addRows(table, true);
     for (const auto& [id, table] : tables_.members) addRows(table);
     for (const auto& [id, table] : tables_.groups) addRows(table);
     for (const auto& [handle, entry] : entries_) compareEntry(handle, entry);
@@ -121,27 +121,28 @@ class StateReader {
     });
   }
 
-  // Each takes the record's key first: resource type, resource id, entry handle.
-  bool addEntry(Cursor& cursor) {
-    cursor.number<uint32_t>();
-    const auto table = tables_.match.find(cursor.number<uint32_t>());
-    const auto handle = cursor.number<uint64_t>();
-    const auto entryState = cursor.number<uint32_t>();
-    const auto priority = cursor.number<int32_t>();
-    cursor.number<uint32_t>();  // entry type and padding
-    EntryRecord entry{.indirect = cursor.number<uint64_t>()};
-    const auto actionId = cursor.number<uint32_t>();
-    cursor.number<uint64_t>();  // controller metadata
-    const std::string_view key = cursor.counted();
-    entry.action = Words::action(actionId, cursor.counted());
-    if (!cursor.whole() || table == tables_.match.end()) return false;
-    entry.table = table->second;
-    entry.key = Words::entryKey(entry.table, key, priority);
-    constexpr uint32_t stable = 2;
-    if (entryState != stable) ++state_.unstable;
-    return entries_.emplace(handle, std::move(entry)).second;
+  // Of a row, behind which it stands.
+  bool addEntry(const std::string& table, const Brine::Record& row) {
+    Cursor cursor(Brine::asText(row.attachment));
+    const auto flags = cursor.number<uint8_t>();
+    EntryRecord entry{.table = table};
+    uint32_t actionId = 0;
+    if (flags & 1) {
+      entry.indirect = cursor.number<uint64_t>();
+    } else {
+      actionId = cursor.number<uint32_t>();
+    }
+    const auto priority = flags & 2 ? cursor.number<int32_t>() : 0;
+    if (flags & 4) cursor.number<uint64_t>();  // controller metadata
+    const std::string_view key = cursor.take(cursor.number<uint16_t>());
+    entry.action = Words::action(actionId, cursor.rest());
+    if (!cursor.whole() || flags > 7) return false;
+    entry.key = Words::entryKey(table, key, priority);
+    if (snapshot_->isUnsettled(row)) ++state_.unstable;
+    return entries_.emplace(row.owner, std::move(entry)).second;
   }
 
+  // Each takes the record's key first: resource type, resource id, handle.
   bool addMember(Cursor& cursor) {
     cursor.number<uint32_t>();
     const auto table = tables_.members.find(cursor.number<uint32_t>());
@@ -167,27 +168,29 @@ class StateReader {
     return groups_.emplace(handle, std::move(group)).second;
   }
 
-  void addRows(const std::string& table) {
+  void addRows(const std::string& table, bool haveRecords = false) {
     const auto bytes = snapshot_->get(Lattice::typesTable, Brine::asBytes(table));
     const auto record = bytes ? Lattice::TableRecord::decode(Brine::asText(*bytes)) : std::nullopt;
     if (!record) return;
     const auto type = Lattice::TableType::compile(record->typeName, record->definition);
-    snapshot_->forEach(Lattice::rowTable(table), [&](Brine::Bytes key, Brine::Bytes value) {
-      addRow(table, *type, Brine::asText(key), Brine::asText(value));
+    snapshot_->forEachRecord(Lattice::rowTable(table), [&](const Brine::Record& row) {
+      addRow(table, *type, row);
+      if (haveRecords && !addEntry(table, row)) {
+        fault("damaged record of {}: {}", table, Words::hex(Brine::asText(row.attachment)));
+      }
       return true;
     });
   }
 
-  void addRow(const std::string& table, const Lattice::TableType& type, std::string_view key,
-              std::string_view value) {
-    const auto row = Lattice::StoredRow::decode(value);
-    if (!row) return fault("damaged row of {}", table);
+  void addRow(const std::string& table, const Lattice::TableType& type, const Brine::Record& row) {
+    const std::string value(Brine::asText(row.value));
     try {
-      state_.rows[table + " " + joined(keyTexts(type, key))] = joined(valueTexts(type, row->value));
+      state_.rows[table + " " + joined(keyTexts(type, Brine::asText(row.key)))] =
+          joined(valueTexts(type, value));
     } catch (const Lattice::TypeError& e) {
       return fault("row of {}: {}", table, e.what());
     }
-    rows_[row->entryHandle] = {table, std::string(row->value), meterOfRow(type, row->value)};
+    rows_[row.owner] = {table, value, meterOfRow(type, value)};
   }
 
   static std::string joined(const std::vector<Lattice::ColumnText>& columns) {

@@ -60,9 +60,9 @@ P4Runtime/plugin          P4Runtime/companion+
 P4Runtime/pi              P4Runtime/companion+ PI/include proto
 P4Runtime/pipeline        P4Runtime/pi+ pipeline+
 P4Runtime/packet          P4Runtime/pipeline+
-P4Runtime/table/records   P4Runtime/pipeline+
 P4Runtime/table/rows      P4Runtime/pipeline+
-P4Runtime/table/failures  P4Runtime/table/records+ P4Runtime/table/rows+
+P4Runtime/table/records   P4Runtime/table/rows+
+P4Runtime/table/failures  P4Runtime/table/records+
 P4Runtime/table/undo      P4Runtime/table/failures+
 P4Runtime/table/write     P4Runtime/table/undo+
 P4Runtime/table/restore   P4Runtime/table/write+

@@ -38,6 +38,7 @@ void EntryFailures::programmedIs(EntryHandle handle, uint64_t agent, uint64_t se
   if (found == failures_.end() || sequence < found->second.sequence) return;
   failures_.erase(found);
   if (!isFailing(handle)) --entries_;
+  maybeForgetUndone(handle);
   publishFrom(handle);
 }
 
@@ -49,14 +50,17 @@ size_t EntryFailures::agentDel(uint64_t agent) {
     if (reporter != agent) continue;
     failures_.erase(one);
     if (!isFailing(handle)) --entries_;
+    maybeForgetUndone(handle);
   }
   if (failures_.size() < before) publishFrom(0);
   return before - failures_.size();
 }
 
 void EntryFailures::undoneIs(EntryHandle handle, std::string text, uint64_t sequence) {
+  undoneDel(handle);
   if (undone_.size() == mostUndone) undoneDel(undone_.begin()->first);
   undone_[handle] = {std::move(text), sequence};
+  notProgrammedYet_.emplace(sequence, handle);
 }
 
 const EntryFailures::Undone* EntryFailures::undone(EntryHandle handle) const {
@@ -69,9 +73,22 @@ void EntryFailures::removedIs(EntryHandle handle, uint64_t sequence) {
   if (entry && sequence >= entry->sequence && !isFailing(handle)) undoneDel(handle);
 }
 
+// Each is looked at once: a removal that failed is forgotten when it is mended.
+void EntryFailures::programmedUpToIs(uint64_t sequence) {
+  programmedUpTo_ = sequence;
+  while (!notProgrammedYet_.empty() && notProgrammedYet_.begin()->first <= sequence) {
+    const EntryHandle handle = notProgrammedYet_.begin()->second;
+    notProgrammedYet_.erase(notProgrammedYet_.begin());
+    maybeForgetUndone(handle);
+  }
+}
+
+void EntryFailures::maybeForgetUndone(EntryHandle handle) { removedIs(handle, programmedUpTo_); }
+
 void EntryFailures::undoneDel(EntryHandle handle) {
   const auto found = undone_.find(handle);
   if (found == undone_.end()) return;
+  notProgrammedYet_.erase({found->second.sequence, handle});
   unremoved_.erase(found->second.text);
   undone_.erase(found);
 }

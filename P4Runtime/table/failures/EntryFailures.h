@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -58,6 +59,9 @@ class EntryFailures : public Vela::Entity {
   const Undone* undone(EntryHandle handle) const;  // null: was not taken back
   // All forwarding agents have programmed the change `sequence` of the handle.
   void removedIs(EntryHandle handle, uint64_t sequence);
+  // They have programmed all changes up to `sequence`, but for those whose failure they reported
+  // before.
+  void programmedUpToIs(uint64_t sequence);
   // Whether the removal of any has failed. Its failure ends once an entry of the same text is
   // programmed.
   bool anyUnremoved() const { return !unremoved_.empty(); }
@@ -73,11 +77,14 @@ class EntryFailures : public Vela::Entity {
   using Failures = std::map<std::pair<EntryHandle, uint64_t>, Failure>;  // by entry and agent
   Failures::iterator firstOf(EntryHandle handle) { return failures_.lower_bound({handle, 0}); }
   void undoneDel(EntryHandle handle);
+  void maybeForgetUndone(EntryHandle handle);
   void publishFrom(EntryHandle handle);
 
   Failures failures_;
   uint64_t entries_ = 0;  // in failures_
   std::map<EntryHandle, Undone> undone_;
+  std::set<std::pair<uint64_t, EntryHandle>> notProgrammedYet_;  // of these, by sequence
+  uint64_t programmedUpTo_ = 0;
   std::map<std::string, EntryHandle> unremoved_;  // by text
   size_t listed_ = 0;
   EntryHandle lastListed_ = 0;

@@ -62,24 +62,11 @@ uint32_t EntryNames::controllersId(const CacheKey& key) const {
 std::optional<std::string> EntryNames::rowKey(const CacheKey& cached) const {
   const auto& constructor = tableInfo_.rowConstructor(cached.rid);
   if (!constructor || tableInfo_.unprogrammableHas(cached.rid)) return std::nullopt;
-  if (cached.rid.type == tableResource) return entryRowKey(cached, *constructor);
-  return profileRowKey(*constructor, static_cast<uint32_t>(cached.entryHandle));
-}
-
-std::optional<std::string> EntryNames::entryRowKey(
-    const CacheKey& cached, const Lattice::RowConstructor& constructor) const {
-  const auto record = records_.isMounted() ? records_.tableCache()->cache(cached) : std::nullopt;
-  const FieldBitwidths& widths = tableInfo_.fieldBitwidths(cached.rid);
-  if (!record || record->matchKeyData.size() != widths.encodedSize() ||
-      record->matchKeyData.size() > RowFields::bytes) {
-    return std::nullopt;
+  if (cached.rid.type == tableResource) {
+    const auto row = records_.isMounted() ? records_.tableCache()->row(cached) : std::nullopt;
+    return row ? std::optional<std::string>(row->key) : std::nullopt;
   }
-  RowFields fields;
-  const std::string_view key(reinterpret_cast<const char*>(record->matchKeyData.data()),
-                             record->matchKeyData.size());
-  startKey(tableInfo_, cached.rid, widths, key, fields);
-  if (tableInfo_.priorityNeeded(cached.rid)) fields.append(&record->matchKeyPriority);
-  return constructor.constructKey(fields.all());
+  return profileRowKey(*constructor, static_cast<uint32_t>(cached.entryHandle));
 }
 
 }  // namespace P4Runtime

@@ -26,8 +26,6 @@ class EntryNames {
   std::string memberOrGroupText(const CacheKey& key) const;
   uint32_t controllersId(const CacheKey& key) const;
   std::optional<std::string> rowKey(const CacheKey& cached) const;
-  std::optional<std::string> entryRowKey(const CacheKey& cached,
-                                         const Lattice::RowConstructor& constructor) const;
 
   P4TableInfo& tableInfo_;
   const P4HandleMgr& handles_;

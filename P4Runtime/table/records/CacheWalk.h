@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "P4Runtime/table/records/TableCache.h"
+#include "P4Runtime/table/records/EntryCache.h"
 
 namespace P4Runtime {
 
@@ -15,17 +15,15 @@ template <typename Record, typename Visit>
 void forEachCopied(const EntryCache<Record>& cache, Visit visit) {
   constexpr size_t chunkSize = 4096;
   std::vector<std::pair<std::string, std::string>> chunk;  // stored keys and records
-  std::string from;
+  Brine::Store::Position position;
   do {
     chunk.clear();
-    cache.forEach(
-        [&](Brine::Bytes key, Brine::Bytes stored) {
-          chunk.emplace_back(Brine::asText(key), Brine::asText(stored));
-          return chunk.size() < chunkSize;
-        },
-        Brine::asBytes(from));
+    const auto copy = [&](Brine::Bytes key, Brine::Bytes stored) {
+      chunk.emplace_back(Brine::asText(key), Brine::asText(stored));
+      return chunk.size() < chunkSize;
+    };
+    cache.forEach(copy, &position);
     for (const auto& [key, stored] : chunk) visit(Brine::asBytes(key), Brine::asBytes(stored));
-    if (!chunk.empty()) from = chunk.back().first + '\0';
   } while (chunk.size() == chunkSize);
 }
 

@@ -3,12 +3,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <cassert>
 #include <cstdio>
-#include <cstring>
 
 #include "P4Runtime/companion/P4HandleMgr.h"
+#include "platform/lattice/records/StoreLayout.h"
 
 namespace P4Runtime {
 
@@ -16,15 +15,9 @@ CacheKey recordKey(const ResourceId& rid, EntryHandle handle) {
   return {rid, P4HandleMgr::cachedHandle(handle)};
 }
 
-std::optional<EntryState> storedState(Brine::Bytes record) {
-  const auto view = TableRecordView::of(record);
-  if (!view) return std::nullopt;
-  return view->entryState;
-}
-
 void EntryRecords::mount() {
   const std::string path = cachePath;
-  tableCache_ = Vela::make<TableCache>(*store_, path + "table");
+  tableCache_ = Vela::make<TableCache>(tableInfo_, handles_);
   memberCache_ = Vela::make<ActionProfileMemberCache>(*store_, path + "actionProfileMember");
   groupCache_ = Vela::make<ActionProfileGroupCache>(*store_, path + "actionProfileGroup");
   metadataTable_ = store_->table(path + "metadata");
@@ -40,14 +33,20 @@ void EntryRecords::letGo() {
 }
 
 bool EntryRecords::isEmpty() const {
-  return tableCache_->recordCount() + memberCache_->recordCount() + groupCache_->recordCount() == 0;
+  const auto hasRows = [this](const std::string& table) {
+    const bool isRowTable =
+        table.starts_with(Lattice::rowTablePrefix) || table.starts_with(Lattice::keptPrefix);
+    return isRowTable && store_->count(store_->table(table)) > 0;
+  };
+  return memberCache_->recordCount() + groupCache_->recordCount() == 0 &&
+         std::ranges::none_of(store_->tableNames(), hasRows);
 }
 
-std::optional<Brine::Bytes> EntryRecords::stored(const CacheKey& key) const {
-  if (!isMounted()) return std::nullopt;
-  if (key.rid.type == actionProfileResource) return memberCache_->stored(key);
-  if (key.rid.type == groupTableResource) return groupCache_->stored(key);
-  return tableCache_->stored(key);
+bool EntryRecords::has(const CacheKey& key) const {
+  if (!isMounted()) return false;
+  if (key.rid.type == actionProfileResource) return memberCache_->stored(key).has_value();
+  if (key.rid.type == groupTableResource) return groupCache_->stored(key).has_value();
+  return tableCache_->cacheHas(key);
 }
 
 void EntryRecords::recordDel(const CacheKey& key) {
@@ -62,14 +61,6 @@ void EntryRecords::recordDel(const CacheKey& key) {
     fmt::print(stderr, " Unhandled resource id {}\n", toText(key.rid));
     assert(!"unhandled resource id");
   }
-}
-
-void EntryRecords::stateIs(const CacheKey& key, Brine::Bytes record, EntryState state) {
-  std::array<uint8_t, TableCacheEntry::largestSize> changed;  // a write makes `record` invalid
-  assert(record.size() <= changed.size());
-  std::copy(record.begin(), record.end(), changed.begin());
-  std::memcpy(changed.data() + TableCacheEntry::stateAt, &state, sizeof state);
-  tableCache_->storedIs(key, {changed.data(), record.size()});
 }
 
 void EntryRecords::metadataIs(const CacheKey& key, std::string_view metadata) {

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "P4Runtime/table/records/EntryCache.h"
 #include "P4Runtime/table/records/TableCache.h"
 
 namespace P4Runtime {
@@ -15,22 +16,20 @@ inline constexpr const char* cachePath = "p4runtime/cache/";
 
 // The key of the record of an entry, member or group.
 CacheKey recordKey(const ResourceId& rid, EntryHandle handle);
-// The state that a stored table record tells; nothing when it is not readable.
-std::optional<EntryState> storedState(Brine::Bytes record);
-
 // Threads: call with the activity lock held.
 // Errors: throws Brine::StoreError when the state directory is full; the former record then stands.
 // While the caches are not mounted, functions do nothing and find nothing, or say otherwise.
-// Lifetime: the store, if any, outlives it. Caches stay valid until letGo().
+// Lifetime: all that is handed in outlives it. Caches stay valid until letGo().
 class EntryRecords {
  public:
-  // `store` outlives this; null: the caches are never mounted.
-  explicit EntryRecords(Brine::Store* store) : store_(store) {}
+  // All outlive this; without a store the caches are never mounted.
+  EntryRecords(Brine::Store* store, const P4TableInfo& tableInfo, const P4HandleMgr& handles)
+      : store_(store), tableInfo_(tableInfo), handles_(handles) {}
 
   void mount();  // the caches; call with a store
   void letGo();  // of the caches; their records stay
   bool isMounted() const { return tableCache_ != nullptr; }
-  bool isEmpty() const;  // call while the caches are mounted
+  bool isEmpty() const;  // whatever tables the pipeline has; call while the caches are mounted
   // The caches were mounted, and are not any more.
   bool isLetGo() const { return letGo_; }
 
@@ -39,22 +38,21 @@ class EntryRecords {
   ActionProfileMemberCache* memberCache() const { return memberCache_.get(); }
   ActionProfileGroupCache* groupCache() const { return groupCache_.get(); }
 
-  // The record as it is stored; valid until the next write of the store.
-  std::optional<Brine::Bytes> stored(const CacheKey& key) const;
+  bool has(const CacheKey& key) const;
   // Asserts that the resource is a table, an action profile or its groups.
   void recordDel(const CacheKey& key);
 
-  // Stores `record`, a readable record of the table entry, in another state. Call while the caches
-  // are mounted.
-  void stateIs(const CacheKey& key, Brine::Bytes record, EntryState state);
-
   // The bytes of the PI library for which a record has no room; empty removes them.
   void metadataIs(const CacheKey& key, std::string_view metadata);
+  // The sequence number of the last write here or of a member's or group's record.
+  uint64_t lastChange() const { return store_ ? store_->nextSequence() - 1 : 0; }
   std::string metadata(const CacheKey& key) const;
   void metadataDel(Brine::Bytes storedKey);  // call while the caches are mounted
 
  private:
   Brine::Store* const store_;
+  const P4TableInfo& tableInfo_;
+  const P4HandleMgr& handles_;
   Vela::Ptr<TableCache> tableCache_;
   Vela::Ptr<ActionProfileMemberCache> memberCache_;
   Vela::Ptr<ActionProfileGroupCache> groupCache_;

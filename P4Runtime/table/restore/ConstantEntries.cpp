@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <map>
+#include <set>
 #include <utility>
 #include <vector>
 
+#include "P4Runtime/table/restore/Obstacle.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -73,7 +76,31 @@ void ConstantEntries::followPipeline() {
     known.emplace_back(cacheKeyOf(key), Brine::asText(action));
     return true;
   });
+  bindAll(known);
   for (const auto& [key, formerAction] : known) follow(key, formerAction);
+}
+
+// Nothing is restored yet, so that the handles are not known.
+void ConstantEntries::bindAll(const std::vector<std::pair<CacheKey, std::string>>& known) {
+  std::map<ResourceId, std::set<EntryHandle>> handles;
+  for (const auto& [key, action] : known) handles[key.rid].insert(key.entryHandle);
+  for (const auto& [rid, of] : handles) {
+    const auto& interface = tools_.tableInfo.latticeTableInterface(rid);
+    if (!interface || !interface->ready()) continue;
+    interface->forEachCommitted([&](const Lattice::StoredRow& row) {
+      if (of.contains(row.entryHandle)) bind(rid, row, interface->keyHash(row.key));
+      return true;
+    });
+  }
+}
+
+void ConstantEntries::bind(const ResourceId& rid, const Lattice::StoredRow& row, uint32_t rowHash) {
+  const auto record = recordOf(rid, row);
+  if (!record || tools_.handles.entryHandleToResourceIdHas(row.entryHandle)) return;
+  const auto* key = reinterpret_cast<const char*>(record->matchKeyData.data());
+  tools_.handles.restoreTableEntryHandle(rid.id, row.entryHandle, record->matchKeyData.size(), key,
+                                         record->matchKeyPriority);
+  tools_.handles.rowHashIs(row.entryHandle, rowHash);
 }
 
 void ConstantEntries::follow(const CacheKey& key, const std::string& formerAction) {
@@ -87,16 +114,33 @@ void ConstantEntries::follow(const CacheKey& key, const std::string& formerActio
   SCRIVEL_TRACE(1, "ConstantEntries", " another action for entry ", key.entryHandle, " of ",
                 tools_.tableInfo.nameOf(key.rid));
   actionIs(*record, *entry);
-  tools_.records.tableCache()->cacheIs(*record);
   tools_.mode.rewrite(key.entryHandle);
+  write(*record);
   programmedIs(key.rid, key.entryHandle, *entry);
+}
+
+// Row and record in one, so that followers hear of one change. A record that makes no row is left
+// to the restore.
+void ConstantEntries::write(const TableCacheEntry& entry) {
+  const RestoreMode::Running running(tools_.mode);
+  std::string bytes;
+  encodeRecord(entry, bytes);
+  const Lattice::StoredRow as{.attachment = bytes, .entryHandle = entry.key.entryHandle};
+  const auto why = obstacleTo([&] {
+    tools_.entryWriter.restoreEntry(tools_.tables.require(entry.key.rid),
+                                    *recordOf(entry.key.rid, as));
+    return Obstacle();
+  });
+  if (why) tools_.records.tableCache()->cacheIs(entry);
 }
 
 void ConstantEntries::takeBack(const CacheKey& key) {
   SCRIVEL_TRACE(1, "ConstantEntries", " the pipeline no longer has entry ", key.entryHandle, " of ",
                 tools_.tableInfo.nameOf(key.rid));
   forget(key);
-  tools_.records.tableCache()->cacheDel(key);
+  if (const auto row = tools_.records.tableCache()->row(key)) {
+    tools_.tableInfo.latticeTableInterface(key.rid)->rowDel(std::string(row->key), key.entryHandle);
+  }
   tools_.records.metadataIs(key, {});
   tools_.failures.failureDel(key.entryHandle);
   tools_.handles.reserveUpTo(key.entryHandle);

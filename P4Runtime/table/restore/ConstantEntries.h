@@ -3,6 +3,8 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "P4Runtime/table/restore/RestoreTools.h"
 
@@ -33,7 +35,10 @@ class ConstantEntries {
  private:
   Brine::Store& store() const;
   Brine::TableNumber table() const;
+  void bindAll(const std::vector<std::pair<CacheKey, std::string>>& known);
+  void bind(const ResourceId& rid, const Lattice::StoredRow& row, uint32_t rowHash);
   void follow(const CacheKey& key, const std::string& formerAction);
+  void write(const TableCacheEntry& entry);
   void takeBack(const CacheKey& key);
 
   const RestoreTools& tools_;

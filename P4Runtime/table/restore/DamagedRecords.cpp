@@ -55,11 +55,18 @@ std::vector<Brine::DamagedRecord> DamagedRecords::tell() {
   for (const Brine::DamagedRecord& record : records) {
     const std::string said = text(record) + ": its record in shared memory was damaged";
     fmt::print(stderr, "korvel: {}\n", said);
-    if (!isOfCache(record)) continue;
-    const CacheKey key = cacheKeyOf(Brine::asBytes(record.key));
-    tools_.failures.failureIs(entryHandleOf(key), noAgent, 0, said);
+    if (const EntryHandle handle = lostEntry(record)) {
+      tools_.failures.failureIs(handle, noAgent, 0, said);
+    }
   }
   return records;
+}
+
+// The handle of the entry, member or group that the record was all there is of; 0: of none.
+EntryHandle DamagedRecords::lostEntry(const Brine::DamagedRecord& record) const {
+  if (isOfCache(record)) return entryHandleOf(cacheKeyOf(Brine::asBytes(record.key)));
+  if (!isRow(record) || record.owner > largestEntryHandle) return 0;
+  return record.owner;
 }
 
 std::string DamagedRecords::text(const Brine::DamagedRecord& record) const {
@@ -79,27 +86,7 @@ std::string DamagedRecords::rowText(const std::string& tableName, const std::str
 }
 
 std::string DamagedRecords::recordText(const CacheKey& key) const {
-  const std::string text =
-      fmt::format("table {}, handle {}", tools_.tableInfo.nameOf(key.rid), key.entryHandle);
-  const auto& interface = tools_.tableInfo.latticeTableInterface(key.rid);
-  const auto type = interface ? Lattice::TheTypeRegistry().type(interface->typeName()) : nullptr;
-  return type ? text + columnsOfEntry(*interface, *type, key.entryHandle) : text;
-}
-
-// The key of an entry whose record is damaged stands in its row. Empty without a row.
-std::string DamagedRecords::columnsOfEntry(const Lattice::ArTableInterface& interface,
-                                           const Lattice::TableType& type,
-                                           EntryHandle handle) const {
-  std::string text;
-  Brine::Store& store = tools_.database->store();
-  store.forEach(store.table(Lattice::rowTable(interface.tableName())),
-                [&](Brine::Bytes at, Brine::Bytes bytes) {
-                  const auto row = Lattice::StoredRow::decode(Brine::asText(bytes));
-                  if (!row || row->entryHandle != handle) return true;
-                  text = columnsText(type, std::string(Brine::asText(at)));
-                  return false;
-                });
-  return text;
+  return fmt::format("table {}, handle {}", tools_.tableInfo.nameOf(key.rid), key.entryHandle);
 }
 
 Vela::Ptr<Lattice::ArTableInterface> DamagedRecords::interfaceOf(
@@ -111,24 +98,21 @@ Vela::Ptr<Lattice::ArTableInterface> DamagedRecords::interfaceOf(
 }
 
 void DamagedRecords::removeAll(RestoreCounts& counts) {
-  std::vector<Brine::DamagedRecord> records = tell();
-  std::erase_if(records, [this](const auto& record) { return isRow(record) && removeRow(record); });
+  const std::vector<Brine::DamagedRecord> records = tell();
   for (const Brine::DamagedRecord& record : records) {
-    if (!isOfCache(record)) continue;
+    if (isRow(record)) removeRow(record);
+    const EntryHandle handle = lostEntry(record);
+    if (handle == 0) continue;
     counts.unusable.push_back(text(record));
-    const CacheKey key = cacheKeyOf(Brine::asBytes(record.key));
-    const bool isEntry = key.rid.type == tableResource && key.entryHandle <= largestEntryHandle;
-    if (isEntry) tools_.handles.reserveUpTo(key.entryHandle);  // the list of failures names it
+    if (handle <= largestEntryHandle) tools_.handles.reserveUpTo(handle);  // the failures name it
   }
   if (!records.empty()) tools_.database->store().eraseDamaged(records);
 }
 
-// Followers hear that the row is gone. False when no table of the pipeline has such rows.
-bool DamagedRecords::removeRow(const Brine::DamagedRecord& record) {
+// Followers hear that the row is gone.
+void DamagedRecords::removeRow(const Brine::DamagedRecord& record) {
   const auto interface = interfaceOf(tableOfRow(record));
-  if (!interface) return false;
-  if (!interface->row(record.key)) interface->rowDel(record.key, 0);
-  return true;
+  if (interface && !interface->row(record.key)) interface->rowDel(record.key, 0);
 }
 
 }  // namespace P4Runtime

@@ -25,11 +25,10 @@ class DamagedRecords {
  private:
   std::string text(const Brine::DamagedRecord& record) const;
   std::string rowText(const std::string& tableName, const std::string& key) const;
+  EntryHandle lostEntry(const Brine::DamagedRecord& record) const;
   std::string recordText(const CacheKey& key) const;
-  std::string columnsOfEntry(const Lattice::ArTableInterface& interface,
-                             const Lattice::TableType& type, EntryHandle handle) const;
   Vela::Ptr<Lattice::ArTableInterface> interfaceOf(const std::string& tableName) const;
-  bool removeRow(const Brine::DamagedRecord& record);
+  void removeRow(const Brine::DamagedRecord& record);
 
   const RestoreTools& tools_;
 };

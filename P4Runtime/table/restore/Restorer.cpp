@@ -19,7 +19,6 @@ void Restorer::restoreAll(uint64_t deviceId) {
   // Without the records every row would look like one that no entry stands for.
   if (tools_.records.isLetGo()) throw std::runtime_error("the agent is disabled");
   restored_ = {};
-  tools_.undo.forgetPutBack();  // from here on the front end and the store agree
   constantEntries_.followPipeline();
   tools_.undo.commitOrThrow();  // the passes below read committed records
   restoreMembers(deviceId);

@@ -77,12 +77,10 @@ EntryHandle addEntry(TableImpl& tableImpl, pi_p4_id_t tableId, const pi_match_ke
       pi_batch_current_offset(), ErrorCode::invalidArgument);
 }
 
-void cacheEntry(TableImpl& tableImpl, pi_p4_id_t tableId, EntryHandle handle,
-                const pi_match_key_t& matchKey, const pi_table_entry_t& entry) {
-  const ResourceId rid{tableResource, tableId};
+// The record itself stands behind the row.
+void cacheMetadata(TableImpl& tableImpl, pi_p4_id_t tableId, EntryHandle handle) {
   storeOrFail(handle, [&] {
-    tableImpl.addCachedEntry(rid, handle, matchKey, entry, pi_batch_current_controller_metadata());
-    tableImpl.cachedMetadataIs(rid, handle, currentMetadata());
+    tableImpl.cachedMetadataIs({tableResource, tableId}, handle, currentMetadata());
   });
 }
 
@@ -104,7 +102,7 @@ pi_status_t _pi_table_entry_add(pi_session_handle_t session_handle, pi_dev_tgt_t
                   " table_entry: ", piTableEntryToString(table_entry), " overwrite: ", overwrite);
     TableImpl& tableImpl = *TheTableImpl();
     const EntryHandle handle = addEntry(tableImpl, table_id, *match_key, *table_entry);
-    cacheEntry(tableImpl, table_id, handle, *match_key, *table_entry);
+    cacheMetadata(tableImpl, table_id, handle);
     TheBatchStatus()->newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
     *entry_handle = handle;
   });

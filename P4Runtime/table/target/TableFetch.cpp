@@ -47,18 +47,17 @@ size_t computeFetchDataSize(const TableImpl& tableImpl, const ResourceId& rid, s
 size_t populateFetchData(const TableImpl& tableImpl, const ResourceId& rid, FetchBuffer& buffer) {
   const size_t keySize = tableImpl.tableInfo().fieldBitwidths(rid).encodedSize();
   size_t entries = 0;
-  tableImpl.tableCache()->forEachOf(rid, [&](Brine::Bytes, Brine::Bytes stored) {
-    const auto record = TableRecordView::of(stored);
-    if (!record || record->matchKeyData.size() != keySize) {
+  tableImpl.tableCache()->forEachOf(rid, [&](const TableRecordView& record) {
+    if (record.matchKeyData.size() != keySize) {
       SCRIVEL_TRACE(0, "populateFetchData", " unreadable record in table ", rid.id);
       return true;
     }
-    if (!tableImpl.handleMgr().entryHandleToResourceIdHas(record->key.entryHandle)) return true;
-    if (!buffer.fits(fixedBytesPerEntry + directBytes + keySize + record->actionData.size())) {
+    if (!tableImpl.handleMgr().entryHandleToResourceIdHas(record.key.entryHandle)) return true;
+    if (!buffer.fits(fixedBytesPerEntry + directBytes + keySize + record.actionData.size())) {
       SCRIVEL_TRACE(0, "populateFetchData", " record too large for table ", rid.id);
       return true;
     }
-    putEntry(buffer, *record);
+    putEntry(buffer, record);
     ++entries;
     return true;
   });

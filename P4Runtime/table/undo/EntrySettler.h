@@ -20,20 +20,20 @@ class EntrySettler {
         strayReports_(strayReports),
         failures_(failures) {}
 
-  // Moves the record on by the outcome. `abort`: the programming failed, and is undone. Throws as
-  // EntryUndo::putBack() does, and Brine::StoreError.
+  // `abort`: the programming failed, and is undone. A success needs nothing of the store: that the
+  // batch is settled makes its records stable.
   void settle(EntryHandle handle, bool abort);
+  void settleAll();  // each pending operation has succeeded
   // Undoes the handle's operation, if there is one. A new entry that was refused before it had a
   // record leaves no handle behind either.
   void undoOperation(EntryHandle handle);
-  // Marks the record of a table entry for deletion; removes that of a member or group at once.
+  // Removes the record of a member or group; that of a table entry goes with its row.
   void deleteRecord(const ResourceId& rid, EntryHandle handle);
   // Removes the record and frees the handle.
   void removeEntry(const ResourceId& rid, EntryHandle handle);
 
  private:
-  PendingOperation confirm(EntryHandle handle);
-  void settleTableRecord(const CacheKey& key, const std::string& written, bool abort);
+  void confirm(EntryHandle handle, const PendingOperation* operation);
 
   P4HandleMgr& handles_;
   EntryRecords& records_;

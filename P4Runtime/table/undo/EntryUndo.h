@@ -2,11 +2,8 @@
 // has them so.
 #pragma once
 
-#include <string>
-#include <vector>
+#include <cstddef>
 
-#include "P4Runtime/companion/P4HandleMgr.h"
-#include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/failures/EntryFailures.h"
 #include "P4Runtime/table/failures/EntryNames.h"
 #include "P4Runtime/table/undo/PendingOperations.h"
@@ -18,50 +15,30 @@ namespace P4Runtime {
 // Call with the activity lock held; all that is handed in outlives this.
 class EntryUndo {
  public:
-  // `database` may be null: nothing is ever committed.
-  EntryUndo(P4TableInfo& tableInfo, P4HandleMgr& handles, EntryRecords& records,
-            const EntryNames& names, EntryFailures& failures, Lattice::Database* database)
-      : tableInfo_(tableInfo),
-        handles_(handles),
-        records_(records),
-        names_(names),
-        failures_(failures),
-        database_(database) {}
+  // `database` may be null: nothing is ever stored.
+  EntryUndo(const EntryNames& names, EntryFailures& failures, Lattice::Database* database)
+      : names_(names), failures_(failures), database_(database) {}
 
-  // Row and record are as before. In a batch the undoing is committed with the batch, or the batch
-  // never was; outside one it is remembered until commit(). Throws std::runtime_error when the
-  // table is gone, Brine::StoreError when the store is full.
+  // Row and record are as before. In a batch the undoing is committed with the batch; outside one
+  // commit() does so.
   void putBack(EntryHandle handle, const PendingOperation& operation);
 
-  // Whether anything was put back outside a batch, and the store has yet to commit it.
-  bool anyPutBack() const { return !putBack_.empty(); }
-  size_t putBackCount() const { return putBack_.size(); }
-  // Commits all that was put back. When the store cannot, all of it is remembered.
+  // How many entries were put back outside a batch since the last commit().
+  size_t putBackCount() const { return putBack_; }
+  // The changes cannot be undone any more when it fails: rows that follow from others could not be
+  // told.
   Vela::Outcome commit();
-  // Once more all that is remembered. Throws Vela::Exception when the store still cannot commit it.
-  void maybePutBackAgain();
   // Commits all writes outside a batch. Throws std::runtime_error with the reason when the
   // store cannot.
   void commitOrThrow();
-  void forgetPutBack() { putBack_.clear(); }
 
  private:
-  struct PutBack {
-    EntryHandle handle = 0;
-    PendingOperation operation;
-  };
-  uint64_t restoreRow(EntryHandle handle, const PendingOperation& operation);
-  void restoreRecord(EntryHandle handle, const PendingOperation& operation);
-  void restoreTableRecord(const CacheKey& key, const std::string& oldRecord);
-  void restoreMemberOrGroup(const CacheKey& key, const std::string& oldRecord);
+  uint64_t undoAll(const PendingOperation& operation);
 
-  P4TableInfo& tableInfo_;
-  P4HandleMgr& handles_;
-  EntryRecords& records_;
   const EntryNames& names_;
   EntryFailures& failures_;
   Lattice::Database* const database_;
-  std::vector<PutBack> putBack_;
+  size_t putBack_ = 0;
 };
 
 }  // namespace P4Runtime

@@ -1,48 +1,28 @@
 #include "P4Runtime/table/undo/PendingOperations.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "PI/pi_extensions.h"
 
 namespace P4Runtime {
 
-// An operation without the former record would put back nothing, so it is dropped with the failure.
 PendingOperation& PendingOperations::newPendingOperation(EntryHandle handle,
-                                                         PendingOperationType type, RowChange row,
-                                                         bool isNew) {
-  const auto [slot, fresh] = operations_.try_emplace(handle);
-  PendingOperation& operation = slot->second;
-  if (fresh) {
-    operation.row.rid = row.rid;
-    operation.row.oldRow = std::move(row.oldRow);
-    try {
-      if (!isNew) rememberRecord(handle, operation);
-    } catch (...) {
-      operations_.erase(slot);
-      throw;
-    }
-  }
+                                                         PendingOperationType type,
+                                                         const ResourceId& rid, bool isNew) {
+  const auto [item, fresh] = operations_.add(handle);
+  PendingOperation& operation = item.value;
+  if (fresh || operation.taken) operation = {.rid = rid, .isNew = isNew};
   operation.type = type;
-  operation.row.newRow = std::move(row.newRow);
-  operation.row.rowKey = std::move(row.rowKey);
-  operation.newRecord.clear();
   batchStatus_.newEntryHandleForBatchOffset(handle, pi_batch_current_offset());
   return operation;
-}
-
-void PendingOperations::rememberRecord(EntryHandle handle, PendingOperation& operation) const {
-  const CacheKey key = recordKey(operation.row.rid, handle);
-  if (const auto stored = records_.stored(key)) {
-    operation.oldRecord = std::string(Brine::asText(*stored));
-  }
-  operation.oldMetadata = records_.metadata(key);
 }
 
 void PendingOperations::awaitReport(EntryHandle handle, PendingOperation& operation,
                                     uint64_t sequence) {
   if (sequence == 0) return;
   operation.awaited = true;
+  operation.changes.push_back(sequence);
+  operation.rowChange = sequence;
   batchStatus_.pendingOperationIs(handle, sequence);
 }
 
@@ -50,23 +30,25 @@ void PendingOperations::complete(EntryHandle handle) {
   batchStatus_.completedTransactionStatusIs({handle, 0});
 }
 
-void PendingOperations::recordWritten(EntryHandle handle, const TableCacheEntry& record) {
-  const auto found = operations_.find(handle);
-  if (found == operations_.end()) return;
-  std::string& written = found->second.newRecord;
-  written.resize(record.serializeLen());
-  record.serialize(reinterpret_cast<uint8_t*>(written.data()));
+PendingOperation* PendingOperations::find(EntryHandle handle) {
+  auto* item = operations_.find(handle);
+  return item && !item->value.taken ? &item->value : nullptr;
+}
+
+void PendingOperations::noteChange(EntryHandle handle, uint64_t sequence) {
+  if (auto* operation = find(handle)) operation->changes.push_back(sequence);
 }
 
 bool PendingOperations::isAwaited(EntryHandle handle) const {
-  const auto found = operations_.find(handle);
-  return found != operations_.end() && found->second.awaited;
+  const auto* item = operations_.find(handle);
+  return item && !item->value.taken && item->value.awaited;
 }
 
 std::optional<PendingOperation> PendingOperations::take(EntryHandle handle) {
-  auto taken = operations_.extract(handle);
-  if (!taken) return std::nullopt;
-  return std::move(taken.mapped());
+  PendingOperation* operation = find(handle);
+  if (!operation) return std::nullopt;
+  operation->taken = true;
+  return *operation;
 }
 
 void PendingOperations::clear() {
@@ -74,9 +56,13 @@ void PendingOperations::clear() {
   batchStatus_.pendingOperationDelAll();
 }
 
+size_t PendingOperations::count() const {
+  return std::ranges::count_if(operations_, [](const auto& item) { return !item.value.taken; });
+}
+
 size_t PendingOperations::awaitedCount() const {
-  return std::count_if(operations_.begin(), operations_.end(),
-                       [](const auto& one) { return one.second.awaited; });
+  return std::ranges::count_if(
+      operations_, [](const auto& item) { return item.value.awaited && !item.value.taken; });
 }
 
 }  // namespace P4Runtime

@@ -2,72 +2,71 @@
 // how to put it back.
 #pragma once
 
+#include <cstdint>
 #include <optional>
-#include <string>
 
-#include <absl/container/node_hash_map.h>
+#include <absl/container/inlined_vector.h>
 
 #include "P4Runtime/companion/BatchStatus.h"
-#include "P4Runtime/table/records/EntryRecords.h"
-#include "platform/lattice/types/TableType.h"
+#include "P4Runtime/companion/HandleMap.h"
+#include "P4Runtime/companion/ResourceId.h"
 
 namespace P4Runtime {
 
 enum class PendingOperationType { entryAdd, entryDelete };
 
-// A row before and after a write.
-struct RowChange {
-  ResourceId rid;
-  std::string rowKey;
-  std::optional<Lattice::Row> oldRow;
-  std::optional<Lattice::Row> newRow;  // nothing for a deletion
-};
-
 struct PendingOperation {
+  ResourceId rid;
   PendingOperationType type = PendingOperationType::entryAdd;
   bool awaited = false;  // by the batch: the forwarding agents report on it
-  RowChange row;
-  std::optional<std::string> oldRecord;  // the cache record, as stored
-  std::string newRecord;                 // the one written for a table entry; else empty
-  std::string oldMetadata;               // the controller's metadata bytes
+  bool isNew = false;    // there was no such entry
+  bool taken = false;    // settled: there is no such operation any more
+  // The changes of row, record and metadata, in their order, by their sequence numbers. The store
+  // can undo each of them.
+  absl::InlinedVector<uint64_t, 2> changes;
+  uint64_t rowChange = 0;  // the last of the row's among them
 };
 
 // Threads: call with the activity lock held.
-// Errors: without memory or a readable record newPendingOperation() throws, and nothing is pending.
-// Lifetime: batch status and records outlive it. References to operations are valid until the
-// operation is taken or all are cleared.
+// Lifetime: the batch status outlives it. References to operations are valid until the next one is
+// begun.
 class PendingOperations {
  public:
-  PendingOperations(BatchStatus& batchStatus, const EntryRecords& records)
-      : batchStatus_(batchStatus), records_(records) {}
+  explicit PendingOperations(BatchStatus& batchStatus) : batchStatus_(batchStatus) {}
 
-  // Call before the row is written. A second write of an entry in one batch keeps the row and
-  // record from before the first. `isNew`: the entry had no record before.
+  // Call before the row is written. A second write of an entry in one batch belongs to the
+  // operation of the first.
   PendingOperation& newPendingOperation(EntryHandle handle, PendingOperationType type,
-                                        RowChange row, bool isNew);
-  // The forwarding agents report on the change `sequence`; 0: there was no change.
+                                        const ResourceId& rid, bool isNew);
+  // The row was changed. The forwarding agents report on the change `sequence`; 0: there was none.
   void awaitReport(EntryHandle handle, PendingOperation& operation, uint64_t sequence);
   void stopAwaiting(EntryHandle handle) { batchStatus_.pendingOperationDel(handle); }
   // The operation needs no word of the forwarding plane.
   void complete(EntryHandle handle);
-  // Remembers the record, so that the outcome need not look it up again. Nothing for a handle
-  // without an operation.
-  void recordWritten(EntryHandle handle, const TableCacheEntry& record);
+  // What stands beside the row was changed. Nothing for a handle without an operation.
+  void noteChange(EntryHandle handle, uint64_t sequence);
 
-  bool has(EntryHandle handle) const { return operations_.contains(handle); }
+  bool has(EntryHandle handle) { return find(handle) != nullptr; }
+  size_t count() const;
   bool isAwaited(EntryHandle handle) const;
   // Removes and returns the operation of the handle, if any.
   std::optional<PendingOperation> take(EntryHandle handle);
+  // Removes all, and gives each to `use(handle, operation)`.
+  template <typename Use>
+  void takeAll(Use use) {
+    for (const auto& [handle, operation] : operations_) {
+      if (!operation.taken) use(handle, operation);
+    }
+    clear();
+  }
   void clear();
-  size_t count() const { return operations_.size(); }
   size_t awaitedCount() const;
 
  private:
-  void rememberRecord(EntryHandle handle, PendingOperation& operation) const;
+  PendingOperation* find(EntryHandle handle);  // null when there is none
 
   BatchStatus& batchStatus_;
-  const EntryRecords& records_;
-  absl::node_hash_map<EntryHandle, PendingOperation> operations_;
+  HandleMap<PendingOperation> operations_;
 };
 
 }  // namespace P4Runtime

@@ -2,8 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <span>
+#include <string_view>
+
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/table/rows/Refuse.h"
+#include "PI/pi_extensions.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -11,35 +15,75 @@ namespace {
 
 Scrivel::TraceHandle trace("TableImpl");
 
+std::string nameOf(const MatchKey& key, const std::string& rowKey) {
+  std::string name(reinterpret_cast<const char*>(&key.tableId), sizeof key.tableId);
+  name.append(reinterpret_cast<const char*>(&key.priority), sizeof key.priority);
+  return name += rowKey;
+}
+
 }  // namespace
 
 EntryHandle EntryWriter::add(const MatchKey& key, const ActionData& action,
                              const DirectResources& direct) {
   validateKeySize(key.bytes.size());
   validateActionSize(action.bytes.size());
-  return addEntry(key, direct, [&](const WritableTable& table, RowFields& fields) {
-    builder_.appendAction(table.rid, action, fields);
-  });
+  const WritableTable table = tables_.require({tableResource, key.tableId});
+  RowFields& fields = builder_.startEntry(table, key.bytes);
+  builder_.appendAction(table.rid, action, fields);
+  builder_.appendDirectResources(table.rid, direct, fields);
+  builder_.appendPriority(table, key.priority, fields);
+  row_.row = writer_.rowOf(table, fields);
+  encodeRecord(key, action, pi_batch_current_controller_metadata(), record_);
+  return addEntry(table, key);
 }
 
 EntryHandle EntryWriter::addIndirect(const MatchKey& key, const MemberOrGroup& target,
                                      const DirectResources& direct) {
   validateKeySize(key.bytes.size());
-  return addEntry(key, direct, [&](const WritableTable&, RowFields& fields) {
-    builder_.appendIndirection(target, fields);
-  });
+  const WritableTable table = tables_.require({tableResource, key.tableId});
+  RowFields& fields = builder_.startEntry(table, key.bytes);
+  builder_.appendIndirection(target, fields);
+  builder_.appendDirectResources(table.rid, direct, fields);
+  builder_.appendPriority(table, key.priority, fields);
+  row_.row = writer_.rowOf(table, fields);
+  encodeRecord(key, target, pi_batch_current_controller_metadata(), record_);
+  return addEntry(table, key);
 }
 
-// Common to both kinds of entry; `appendAction` gives the row its action or its member or group.
-template <typename AppendAction>
-EntryHandle EntryWriter::addEntry(const MatchKey& key, const DirectResources& direct,
-                                  AppendAction appendAction) {
-  const WritableTable table = tables_.require({tableResource, key.tableId});
+// For the handle manager. An entry that the batch has deleted keeps its handle when it is added
+// again: both writes then share one fate, and followers hear of one change.
+void EntryWriter::findEntry(const WritableTable& table, const MatchKey& key,
+                            const std::string& rowKey) {
+  const bool isThere = keys_.find(table, key, rowKey).row.has_value();
+  if (isThere || !anyDeleted()) return;
+  const auto deleted = deleted_.find(nameOf(key, rowKey));
+  if (deleted == deleted_.end()) return;
+  database_->undo(deleted->second.sequence);
+  keys_.seenIs(key, deleted->second.handle);
+  deleted_.erase(deleted);
+}
+
+void EntryWriter::noteDeletion(const MatchKey& key, const std::string& rowKey, EntryHandle handle) {
+  if (!database_) return;
+  if (!anyDeleted()) deleted_.clear();  // another batch's
+  settled_ = database_->store().settledSequence();
+  deleted_[nameOf(key, rowKey)] = {handle, database_->store().nextSequence() - 1};
+}
+
+// Whether the batch in progress has deleted any: a batch ends with its changes settled.
+bool EntryWriter::anyDeleted() const {
+  return !deleted_.empty() && database_->store().settledSequence() == settled_;
+}
+
+// Writes row_ and record_.
+EntryHandle EntryWriter::addEntry(const WritableTable& table, const MatchKey& key) {
+  findEntry(table, key, row_.row.key);
   bool isNew = false;
   const EntryHandle handle = handles_.getOrCreateTableEntryHandle(
       key.tableId, key.bytes.size(), key.bytes.data(), key.priority, &isNew);
   try {
-    return writeEntry(table, key, handle, isNew, direct, appendAction);
+    writeEntry(table, handle, isNew);
+    return handle;
   } catch (const P4RuntimeException& e) {
     // With the handle in it, the exception's handler puts the entry back and frees the handle.
     if (isNew && e.entryHandle == 0) handles_.freeTableEntryHandle(handle);
@@ -47,16 +91,15 @@ EntryHandle EntryWriter::addEntry(const MatchKey& key, const DirectResources& di
   }
 }
 
-template <typename AppendAction>
-EntryHandle EntryWriter::writeEntry(const WritableTable& table, const MatchKey& key,
-                                    EntryHandle handle, bool isNew, const DirectResources& direct,
-                                    AppendAction appendAction) {
-  if (isNew) tables_.maybeCheckTableSizeLimit(table.rid, handle);  // a change always fits
-  RowFields& fields = builder_.startEntry(table, key.bytes);
-  appendAction(table, fields);
-  builder_.appendDirectResources(table.rid, direct, fields);
-  builder_.appendPriority(table, key.priority, fields);
-  return writer_.write(table, handle, isNew, fields);
+void EntryWriter::writeEntry(const WritableTable& table, EntryHandle handle, bool isNew) {
+  if (isNew) {
+    tables_.maybeCheckTableSizeLimit(table.rid, handle);  // a change always fits
+    handles_.rowHashIs(handle, table.interface.keyHash(row_.row.key));
+  }
+  row_.handle = handle;
+  row_.isNew = isNew;
+  row_.attachment = record_;
+  writer_.write(table, row_);
 }
 
 EntryHandle EntryWriter::deleteEntry(const MatchKey& key) {
@@ -68,13 +111,43 @@ EntryHandle EntryWriter::deleteEntry(const MatchKey& key) {
   }
   builder_.appendPriority(table, key.priority, fields);
   const std::string rowKey = table.constructor.constructKey(fields.all());
+  keys_.find(table, key, rowKey);  // for the handle manager
   const EntryHandle handle = handles_.getEntryHandleFromMatchKey(key.tableId, key.bytes.size(),
                                                                  key.bytes.data(), key.priority);
   if (handle == 0) {
     refuse(ErrorCode::invalidKey,
            fmt::format("table {} has no entry with this match key", tableInfo_.nameOf(table.rid)));
   }
-  return writer_.deleteRow(table, handle, rowKey);
+  writer_.deleteRow(table, handle, rowKey);
+  noteDeletion(key, rowKey, handle);
+  return handle;
+}
+
+const Lattice::Row& EntryWriter::rowOf(const WritableTable& table, const TableRecordView& record) {
+  const auto text = [](std::span<const uint8_t> bytes) {
+    return std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  };
+  RowFields& fields = builder_.startEntry(table, text(record.matchKeyData));
+  if (record.entryType == TableCacheEntry::directEntry) {
+    builder_.appendAction(table.rid,
+                          {.actionId = record.actionId, .bytes = text(record.actionData)}, fields);
+  } else {
+    const uint64_t handle = record.indirectHandle;
+    builder_.appendIndirection({.handle = handle, .isGroup = handle >> 32 == 1}, fields);
+  }
+  builder_.appendDirectResources(table.rid, {}, fields);
+  builder_.appendPriority(table, record.matchKeyPriority, fields);
+  row_.row = writer_.rowOf(table, fields);
+  return row_.row;
+}
+
+void EntryWriter::restoreEntry(const WritableTable& table, const TableRecordView& record) {
+  rowOf(table, record);
+  encodeRecord(entryOf(record), record_);
+  row_.handle = record.key.entryHandle;
+  row_.isNew = false;
+  row_.attachment = record_;
+  writer_.write(table, row_);
 }
 
 }  // namespace P4Runtime

@@ -44,9 +44,9 @@ EntryHandle ProfileWriter::touchGroup(uint32_t actProfId, GroupHandle grpHandle)
 EntryHandle ProfileWriter::completeGroupAtOnce(uint32_t actProfId, GroupHandle grpHandle,
                                                bool isNew) {
   const WritableTable table = tables_.require({groupTableResource, actProfId});
-  const RowFields& fields = builder_.startMemberOrGroup(checkedGroupId(grpHandle));
+  checkedGroupId(grpHandle);
   const EntryHandle handle = handles_.groupHandleToEntryHandle(grpHandle);
-  writer_.completeAtOnce(table, handle, table.constructor.constructKey(fields.all()), isNew);
+  writer_.completeAtOnce(table, handle, isNew);
   return handle;
 }
 

@@ -19,20 +19,27 @@ class RowWriter {
             PendingOperations& pending)
       : tableInfo_(tableInfo), handles_(handles), restore_(restore), pending_(pending) {}
 
+  struct RowToWrite {
+    Lattice::Row row;
+    EntryHandle handle = 0;
+    bool isNew = false;           // the entry is
+    std::string_view attachment;  // the entry's record
+  };
   // Returns the handle. A refusal leaves the row as it was, or tells the handle, whose entry is
-  // then to be put back. `isNew`: the entry is.
+  // then to be put back.
+  EntryHandle write(const WritableTable& table, const RowToWrite& row);
+  // The row of a member or group.
   EntryHandle write(const WritableTable& table, EntryHandle handle, bool isNew,
                     const RowFields& fields);
+  // Refuses fields that make no row of the table.
+  Lattice::Row rowOf(const WritableTable& table, const RowFields& fields) const;
   EntryHandle deleteRow(const WritableTable& table, EntryHandle handle, const std::string& rowKey);
   // The entry's update is complete without a change of its row.
-  void completeAtOnce(const WritableTable& table, EntryHandle handle, const std::string& rowKey,
-                      bool isNew);
+  void completeAtOnce(const WritableTable& table, EntryHandle handle, bool isNew);
 
  private:
-  void writeRow(const WritableTable& table, EntryHandle handle, bool isNew,
-                const RowFields& fields);
-  void restoreRow(const WritableTable& table, EntryHandle handle, bool stands,
-                  const Lattice::Row& row);
+  void writeRow(const WritableTable& table, const RowToWrite& row);
+  void restoreRow(const WritableTable& table, const RowToWrite& row);
   void requireOwnRow(const WritableTable& table, const std::string& rowKey,
                      EntryHandle handle) const;
 

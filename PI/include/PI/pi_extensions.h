@@ -26,6 +26,10 @@ void pi_batch_current_metadata(const char** data, size_t* size);
 void pi_batch_current_set(uint32_t offset, uint32_t controller_id, uint64_t controller_metadata,
                           const char* metadata, size_t metadata_size);
 void pi_batch_current_clear(void);
+/* Whether the batches that the thread begins are worth a processor that looks for their outcome, so
+ * that nobody need be woken: there is little else to be done meanwhile. 1 unless set. */
+int pi_batch_urgent(void);
+void pi_batch_urgent_set(int urgent);
 
 /* pi_counter_read_direct() for many entries at once; one count for each handle. When it does not
  * succeed no count counts. */

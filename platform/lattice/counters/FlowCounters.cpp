@@ -1,97 +1,111 @@
 // The names of flows, and the writer of one forwarding agent's counts.
 #include "platform/lattice/counters/FlowCounters.h"
 
+#include <absl/container/flat_hash_map.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
-#include <filesystem>
+#include <algorithm>
+#include <bit>
+#include <optional>
 #include <stdexcept>
-#include <system_error>
+#include <utility>
 
 #include "platform/brine/StateDirectory.h"
-#include "platform/lattice/counters/FlowCountersLayout.h"
-#include "platform/lattice/records/Packing.h"
+#include "platform/brine/Store.h"
+#include "platform/lattice/counters/FlowCountersFile.h"
 
 namespace Lattice {
 namespace {
 
-namespace fs = std::filesystem;
-
 constexpr size_t maxNameBytes = 64;
 constexpr size_t maxFlowNameBytes = 500;
-// Of address space and of the file's length, nearly all of it a hole: room for tens of millions.
-constexpr size_t maxStoreBytes = size_t{8} * 1024 * 1024 * 1024;
+// Files of former versions, which nobody reads any more.
+constexpr const char* formerFiles[] = {"brine.mdb", "brine.mdb-lock", "brine.writer"};
 
 bool isPlain(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
          c == '_';
 }
 
-struct FileId {
-  dev_t device = 0;
-  ino_t inode = 0;
-  friend bool operator==(const FileId&, const FileId&) = default;
-};
-
-FileId fileId(const std::string& path) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) return {};
-  return {status.st_dev, status.st_ino};
-}
-
-// What an earlier process left is of no worth, so a store that is lost is not kept.
-std::unique_ptr<Brine::Store> opened(const std::string& directory) {
-  const Brine::StoreOptions options{
-      .directory = directory, .maxBytes = maxStoreBytes, .maxTables = 4};
-  auto why = Brine::Trouble::damaged;
-  try {
-    return Brine::Store::open(options);
-  } catch (const Brine::StoreError& error) {
-    if (!Brine::isLoss(error.trouble)) throw;
-    why = error.trouble;
-  }
-  std::string aside;
-  auto store = Brine::Store::rebuild(options, why, &aside);
-  std::error_code ignored;
-  fs::remove_all(aside, ignored);
-  return store;
-}
-
 void requireName(std::string_view name) {
-  if (name.size() <= maxFlowNameBytes) return;
+  if (!name.empty() && name.size() <= maxFlowNameBytes) return;
   throw std::invalid_argument("a flow's name of " + std::to_string(name.size()) +
-                              " bytes cannot be counted under; 500 bytes can");
+                              " bytes cannot be counted under; 1 to 500 bytes can");
 }
+
+uint64_t slotsFor(uint64_t counts) { return std::max(fewestSlots, std::bit_ceil(2 * counts)); }
 
 class FlowCounterWriterImpl final : public FlowCounterWriter {
  public:
-  explicit FlowCounterWriterImpl(const std::string& directory)
-      : store_(opened(directory)),
-        table_(store_->table(flowCountersTable)),
-        directory_(directory),
-        folder_(fileId(directory)) {
-    store_->eraseAll(table_);
-    commit();
+  explicit FlowCounterWriterImpl(const std::string& directory) : folder_(directory) {
+    const Vela::UniqueFd former = formerFile();
+    file_ = std::make_unique<FlowCountersFile>(folder_, fewestSlots);
+    file_->takePlace();
+    if (former) sayReplaced(former.get());
+    for (const char* file : formerFiles) unlinkat(folder_.descriptor(), file, 0);
   }
 
   void countIs(std::string_view name, const FlowCount& total) override {
     requireName(name);
-    FlowCountRecord::encode(total,
-                            store_->reserve(table_, Brine::asBytes(name), FlowCountRecord::size));
+    changes_[flowHash(name)] = total;
   }
   void countDel(std::string_view name) override {
     requireName(name);
-    store_->erase(table_, Brine::asBytes(name));
+    changes_[flowHash(name)] = std::nullopt;
   }
   void commit() override {
-    store_->commit(Brine::Store::Filling::takeAll);
-  }  // counts are not undone
-  bool reachable() const override { return fileId(directory_) == folder_; }
+    const Changes changes = std::exchange(changes_, {});
+    makeRoomFor(changes);
+    for (const auto& [hash, count] : changes) {
+      if (count) {
+        file_->countIs(hash, *count);
+      } else {
+        file_->countDel(hash);
+      }
+    }
+    maybeShrink();
+  }
+  bool reachable() const override { return file_->isInPlace(); }
 
  private:
-  const std::unique_ptr<Brine::Store> store_;
-  const Brine::TableNumber table_;
-  const std::string directory_;
-  const FileId folder_;
+  struct Hash {
+    size_t operator()(const FlowHash& hash) const { return hash.low; }
+  };
+  using Changes = absl::flat_hash_map<FlowHash, std::optional<FlowCount>, Hash>;
+
+  // Throws Brine::StoreError when something is there that is no file.
+  Vela::UniqueFd formerFile() const {
+    const std::string path = folder_.path() + "/" + countsName;
+    struct stat status {};
+    if (lstat(path.c_str(), &status) != 0) return {};
+    return Vela::UniqueFd(Brine::openedFile(folder_.path(), path));
+  }
+  void makeRoomFor(const Changes& changes) {
+    const auto isNew = [&](const auto& change) {
+      return change.second && !file_->hasCount(change.first);
+    };
+    const auto more = static_cast<uint64_t>(std::ranges::count_if(changes, isNew));
+    if (!file_->hasRoomFor(more)) replaceFile(slotsFor(file_->counts() + more));
+  }
+  void maybeShrink() {
+    if (file_->slots() == fewestSlots || 8 * file_->counts() >= file_->slots()) return;
+    try {
+      replaceFile(slotsFor(2 * file_->counts()));
+    } catch (const Brine::StoreError&) {  // the next commit tries again
+    }
+  }
+  void replaceFile(uint64_t slots) {
+    auto next = std::make_unique<FlowCountersFile>(folder_, slots);
+    file_->copyCountsTo(*next);
+    next->takePlace();
+    std::swap(file_, next);
+    next->sayReplaced();
+  }
+
+  const CountsFolder folder_;
+  std::unique_ptr<FlowCountersFile> file_;
+  Changes changes_;  // since the last commit; nothing: deleted
 };
 
 }  // namespace
@@ -111,16 +125,6 @@ std::string flowCountersFolder(std::string_view forwarderName) {
     folder.append({'%', digits[byte >> 4], digits[byte & 15]});
   }
   return folder;
-}
-
-void FlowCountRecord::encode(const FlowCount& count, std::span<uint8_t> bytes) {
-  storeAt(bytes.data(), count.bytes);
-  storeAt(bytes.data() + 8, count.packets);
-}
-
-std::optional<FlowCount> FlowCountRecord::decode(Brine::Bytes bytes) {
-  if (bytes.size() != size) return std::nullopt;
-  return FlowCount{loadAt<uint64_t>(bytes.data()), loadAt<uint64_t>(bytes.data() + 8)};
 }
 
 std::unique_ptr<FlowCounterWriter> FlowCounterWriter::create(const std::string& stateDirectory,

@@ -36,16 +36,18 @@ class FlowCounterWriter {
   virtual void countIs(std::string_view name,
                        const FlowCount& total) = 0;  // since the flow was made
   virtual void countDel(std::string_view name) = 0;
-  // Makes the counts visible to readers, all at once. Throws Brine::StoreError when the state
+  // Makes the counts visible to readers, each by itself: a reader sees a count as it was or as it
+  // is, never half of it, but may see some of a commit before the others. A process that is killed
+  // meanwhile leaves each count as it was or as it is, too. Throws Brine::StoreError when the state
   // directory is full; counts set since the commit before are then lost.
   virtual void commit() = 0;
-  // False once the state directory was removed or made again: nobody reads these counts any more.
-  // Create another writer then.
+  // False once the file of the counts was removed or replaced, be it with the state directory:
+  // nobody reads these counts any more. Create another writer then, when this one is gone.
   virtual bool reachable() const = 0;
 };
 
-// Reads the newest committed counts of all forwarding agents of a state directory. One
-// thread uses it. Collections that come, go or are damaged are no error.
+// Reads the newest committed counts of all forwarding agents of a state directory. One thread uses
+// it. Collections that come, go or are damaged are no error.
 class FlowCounterReader {
  public:
   static std::unique_ptr<FlowCounterReader> create(const std::string& stateDirectory);

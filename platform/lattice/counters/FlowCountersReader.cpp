@@ -1,5 +1,5 @@
-// Reads the counts of all forwarding agents: keeps their stores open, and looks for stores that
-// came, went or were replaced at the price of one fstat() a look-up.
+// Reads the counts of all forwarding agents: keeps their files open, and looks for what came, went
+// or was replaced at the price of one fstat() a look-up.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,10 +8,12 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <optional>
 #include <utility>
 
-#include "platform/brine/FileLookup.h"
 #include "platform/lattice/counters/FlowCountersLayout.h"
+#include "platform/lattice/counters/FlowCountersLookup.h"
+#include "platform/vela/Descriptors.h"
 
 namespace Lattice {
 namespace {
@@ -21,27 +23,10 @@ using std::chrono::milliseconds;
 
 // What the folder of folders does not tell by its own times is found this much later.
 constexpr milliseconds scanInterval{100};
-// A store that cannot be read is looked at again after this, and then ever more rarely.
+// A file that cannot be read is looked at again after this, and then ever more rarely.
 constexpr milliseconds firstRetry{100};
 constexpr milliseconds lastRetry{60000};
 constexpr int64_t settledAfterNs = 20'000'000;  // more than a tick of the kernel's clock
-
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor = -1) : descriptor_(descriptor) {}
-  Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
-    std::swap(descriptor_, other.descriptor_);
-    return *this;
-  }
-  ~Descriptor() {
-    if (descriptor_ >= 0) close(descriptor_);
-  }
-  int get() const { return descriptor_; }
-
- private:
-  int descriptor_;
-};
 
 int64_t nanoseconds(const timespec& time) { return time.tv_sec * 1'000'000'000 + time.tv_nsec; }
 
@@ -55,29 +40,26 @@ struct FolderState {
   friend bool operator==(const FolderState&, const FolderState&) = default;
 };
 
-constexpr off_t leastStore = 8192;  // bytes; a smaller file is still being made
-
-// A store's file, to know it again.
-struct StoreFile {
+// A file of counts, to know it again.
+struct FileId {
   dev_t device = 0;
   ino_t inode = 0;  // 0: no file
-  friend bool operator==(const StoreFile&, const StoreFile&) = default;
+  friend bool operator==(const FileId&, const FileId&) = default;
 };
 
-StoreFile storeFile(const std::string& directory) {
+FileId fileId(const std::string& path) {
   struct stat status {};
-  if (lstat((directory + "/brine.mdb").c_str(), &status) != 0) return {};
-  if (status.st_size < leastStore) return {};
+  if (lstat(path.c_str(), &status) != 0) return {};
   return {status.st_dev, status.st_ino};
 }
 
-// One forwarding agent's store, as far as it can be read.
+// The counts of one forwarding agent, as far as they can be read.
 class Collection {
  public:
-  explicit Collection(std::string directory) : directory_(std::move(directory)) {}
+  explicit Collection(std::string path) : path_(std::move(path)) {}
 
   void maybeOpen(Clock::time_point now) {
-    const StoreFile file = storeFile(directory_);
+    const FileId file = fileId(path_);
     if (file != file_) {
       lookup_.reset();
       wait_ = {};
@@ -88,34 +70,41 @@ class Collection {
     doOpen(now);
   }
 
-  void read(std::string_view name, std::vector<FlowCount>* out) {
-    if (!lookup_) return;
-    try {
-      const auto bytes = lookup_->get(flowCountersTable, Brine::asBytes(name));
-      if (const auto count = bytes ? FlowCountRecord::decode(*bytes) : std::nullopt) {
-        out->push_back(*count);
-      }
-    } catch (const Brine::StoreError& error) {
-      if (error.trouble != Brine::Trouble::unavailable) handleTrouble(Clock::now());
+  void read(FlowHash hash, std::vector<FlowCount>* out) {
+    const auto head = newestHead();
+    if (const auto count = head ? lookup_->find(*head, hash) : std::nullopt) {
+      out->push_back(*count);
     }
   }
 
   bool empty() {
-    if (!lookup_) return true;
-    try {
-      return lookup_->count(flowCountersTable) == 0;
-    } catch (const Brine::StoreError&) {
-      handleTrouble(Clock::now());
-      return true;
-    }
+    const auto head = newestHead();
+    return !head || !lookup_->hasAnyCount(*head);
   }
 
  private:
+  // Of the file that is there now. Nothing when it cannot be read.
+  std::optional<CountsHead> newestHead() {
+    auto head = openHead();
+    for (int replaced = 0; head && head->replaced != 0 && replaced < mostReplaced; ++replaced) {
+      maybeOpen(Clock::now());
+      head = openHead();
+    }
+    return head;
+  }
+
+  std::optional<CountsHead> openHead() {
+    if (!lookup_) return std::nullopt;
+    const auto head = lookup_->head();
+    if (!head) handleTrouble(Clock::now());
+    return head;
+  }
+
   void doOpen(Clock::time_point now) {
-    try {
-      lookup_ = Brine::FileLookup::open(directory_);
+    lookup_ = FlowCountersLookup::open(path_);
+    if (lookup_) {
       wait_ = {};
-    } catch (const Brine::StoreError&) {
+    } else {
       handleTrouble(now);
     }
   }
@@ -126,9 +115,11 @@ class Collection {
     retryAt_ = now + wait_;
   }
 
-  const std::string directory_;
-  StoreFile file_;
-  std::unique_ptr<Brine::FileLookup> lookup_;  // null: it cannot be read (yet)
+  static constexpr int mostReplaced = 3;  // in a row, by a writer whose file grows
+
+  const std::string path_;
+  FileId file_;
+  std::unique_ptr<FlowCountersLookup> lookup_;  // null: it cannot be read (yet)
   milliseconds wait_{};
   Clock::time_point retryAt_{};
 };
@@ -141,7 +132,8 @@ class FlowCounterReaderImpl final : public FlowCounterReader {
   void counts(std::string_view name, std::vector<FlowCount>* out) override {
     out->clear();
     maybeScan();
-    for (auto& [folder, collection] : collections_) collection.read(name, out);
+    const FlowHash hash = flowHash(name);
+    for (auto& [folder, collection] : collections_) collection.read(hash, out);
   }
   bool empty() override {
     maybeScan();
@@ -157,7 +149,7 @@ class FlowCounterReaderImpl final : public FlowCounterReader {
 
   void doScan(Clock::time_point now) {
     nextScan_ = now + scanInterval;
-    descriptor_ = Descriptor(open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    descriptor_ = Vela::UniqueFd(open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     seen_ = state(descriptor_.get());
     timespec clock{};
     clock_gettime(CLOCK_REALTIME, &clock);
@@ -167,7 +159,8 @@ class FlowCounterReaderImpl final : public FlowCounterReader {
       return std::ranges::find(folders, known.first) == folders.end();
     });
     for (const std::string& folder : folders) {
-      collections_.try_emplace(folder, root_ + "/" + folder).first->second.maybeOpen(now);
+      const std::string path = root_ + "/" + folder + "/" + countsName;
+      collections_.try_emplace(folder, path).first->second.maybeOpen(now);
     }
   }
 
@@ -189,8 +182,8 @@ class FlowCounterReaderImpl final : public FlowCounterReader {
   }
 
   const std::string root_;
-  Descriptor descriptor_;  // of the root, or none
-  FolderState seen_;       // at the newest scan
+  Vela::UniqueFd descriptor_;  // of the root, or none
+  FolderState seen_;           // at the newest scan
   bool settled_ = false;
   Clock::time_point nextScan_{};
   std::map<std::string, Collection> collections_;  // by folder

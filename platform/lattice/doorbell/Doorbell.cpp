@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <bit>
+#include <climits>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/FileDescriptor.h"
+#include "platform/vela/LookFor.h"
 #include "platform/vela/PlainText.h"
 
 namespace Lattice {
@@ -18,14 +20,23 @@ Scrivel::TraceHandle trace("LatticeDoorbell");
 constexpr size_t maxClients = 80;    // above the 64 subscribers that have a bit each
 constexpr int messagesPerTurn = 64;  // so that one subscriber cannot keep the reactor
 constexpr uint64_t neverInStep = UINT64_MAX;
+constexpr std::chrono::microseconds worthLooking{200};  // of a batch of some hundred entries
 
 Vela::UnixServerOptions serverOptions(const std::string& path, std::chrono::milliseconds silence) {
   Vela::UnixServerOptions options;
   options.listener = {.path = path, .type = SOCK_SEQPACKET};
   options.mostClients = maxClients;
   options.silence = silence;
-  options.refusal = [](std::string_view reason) { return RefusedMessage{reason}.encode(); };
+  options.refusal = [](std::string_view reason) {
+    return RefusedMessage{reason}.encode(oldestDoorbellVersion);
+  };
   return options;
+}
+
+StoreIdentity identityOf(const Brine::Store& store) {
+  StoreIdentity identity{};
+  store.identity().copy(identity.data(), identity.size());
+  return identity;
 }
 
 }  // namespace
@@ -37,17 +48,19 @@ struct Doorbell::Peer {
   Subscribers bit = 0;
   bool attached = false;
   bool gone = false;
-  SubscriberInfo info;                // sequence: received up to here
-  uint64_t attachedAt = 0;            // the last sequence then
-  uint64_t inStepUpTo = neverInStep;  // said after a snapshot; neverInStep: not said
+  uint8_t version = oldestDoorbellVersion;  // until it has attached
+  std::shared_ptr<DoorbellPage> page;       // null: its version has none
+  SubscriberInfo info;                      // sequence: received up to here
+  uint64_t attachedAt = 0;                  // the last sequence then
+  uint64_t inStepUpTo = neverInStep;        // said after a snapshot; neverInStep: not said
+  uint64_t programmedUpTo = 0;              // said; one of the first version never says it
 };
 
 Doorbell::Doorbell(Vela::ReactorLoop& loop, const std::string& path,
-                   std::chrono::milliseconds silence, const StoreIdentity& identity,
-                   const Journal& journal)
+                   std::chrono::milliseconds silence, const Brine::Store& store)
     : loop_(loop),
-      identity_(identity),
-      journal_(journal),
+      store_(store),
+      identity_(identityOf(store)),
       buffer_(maxMessageBytes, '\0'),
       server_(loop, serverOptions(path, silence),
               [this](Vela::UnixClient client) { handleClient(std::move(client)); }) {}
@@ -78,25 +91,30 @@ Subscribers Doorbell::freeBit() const {
 
 void Doorbell::refuse(Peer& peer, std::string_view reason) {
   SCRIVEL_TRACE(0, "refused a subscriber: ", reason);
-  peer.socket.send(RefusedMessage{reason}.encode());
+  peer.socket.send(RefusedMessage{reason}.encode(peer.version));
 }
 
-void Doorbell::handleReadable(Peer& peer) {
-  for (int i = 0; i < messagesPerTurn; ++i) {
+void Doorbell::handleReadable(Peer& peer) { takeMessages(peer, messagesPerTurn); }
+
+bool Doorbell::takeMessages(Peer& peer, int most) {
+  for (int i = 0; i < most; ++i) {
     std::string_view message;
     const auto received = peer.socket.receive(buffer_, &message);
-    if (received == Socket::Received::nothing) return;
-    if (received == Socket::Received::gone) return drop(peer, false);
-    if (received == Socket::Received::oversized || !handleMessage(peer, message)) {
-      return drop(peer, true);
+    if (received == Socket::Received::nothing) return true;
+    const bool hungUp = received == Socket::Received::gone;
+    if (hungUp || received == Socket::Received::oversized || !handleMessage(peer, message)) {
+      drop(peer, !hungUp);
+      return false;
     }
   }
+  return true;
 }
 
 bool Doorbell::handleMessage(Peer& peer, std::string_view message) {
   if (!peer.attached) return handleAttach(peer, message);
   if (messageKind(message) == MessageKind::reports) return handleReports(peer, message);
   if (messageKind(message) == MessageKind::inStep) return handleInStep(peer, message);
+  if (messageKind(message) == MessageKind::programmed) return handleProgrammed(peer, message);
   return false;
 }
 
@@ -106,6 +124,7 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
     if (isForeignAttach(message)) refuse(peer, "the agent speaks another version");
     return false;
   }
+  peer.version = messageVersion(message);
   peer.bit = freeBit();
   if (peer.bit == 0) {
     refuse(peer, "64 subscribers are attached already");
@@ -113,9 +132,9 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
     return true;
   }
   peer.seat->endSilence();
-  const uint64_t last = journal_.lastSequence();
+  const uint64_t last = store_.committedSequence();
   const bool continues = attach->identity == identity_ && attach->sequence <= last &&
-                         attach->sequence >= journal_.trimmedUpTo();
+                         attach->sequence >= store_.trimmedUpTo();
   peer.info.id = ++lastId_;
   peer.info.name = Vela::plainLine(attach->name, maxSubscriberName);
   peer.attachedAt = last;
@@ -125,14 +144,17 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   peer.attached = true;
   SCRIVEL_TRACE(0, "subscriber attached: ", peer.info.name, " continues: ", continues,
                 " sequence: ", attach->sequence);
-  if (peer.socket.send(AttachedMessage{identity_}.encode()) != Socket::Sent::all) return false;
+  if (peer.version > 1) peer.page = DoorbellPage::make();
+  const std::string accepted = AttachedMessage{identity_}.encode(peer.version);
+  const int page = peer.page ? peer.page->descriptor() : -1;
+  if (peer.socket.send(accepted, page) != Socket::Sent::all) return false;
   tellAttached();
   return true;
 }
 
 bool Doorbell::handleReports(Peer& peer, std::string_view message) {
   const auto header = decodeReports(message);
-  if (!header || header->receivedUpTo > journal_.lastSequence()) return false;
+  if (!header || header->receivedUpTo > store_.committedSequence()) return false;
   reports_.clear();
   texts_.clear();
   const bool sound = eachReport(
@@ -167,12 +189,85 @@ bool Doorbell::settles(const Peer& peer, const Report& report) {
 
 bool Doorbell::handleInStep(Peer& peer, std::string_view message) {
   const auto inStep = InStepMessage::decode(message);
-  if (!inStep || inStep->sequence > journal_.lastSequence()) return false;
+  if (!inStep || inStep->sequence > store_.committedSequence()) return false;
   peer.info.takingSnapshot = false;
   peer.inStepUpTo = inStep->sequence;
   tell(book_.release(peer.bit, inStep->sequence));
   maybeTellInStep();
   return true;
+}
+
+bool Doorbell::handleProgrammed(Peer& peer, std::string_view message) {
+  const auto programmed = ProgrammedMessage::decode(message);
+  return programmed && programmedIs(peer, programmed->sequence);
+}
+
+// False for a number that cannot be.
+bool Doorbell::programmedIs(Peer& peer, uint64_t sequence) {
+  if (sequence > store_.committedSequence()) return false;
+  if (sequence <= peer.programmedUpTo) return true;
+  peer.programmedUpTo = sequence;
+  peer.info.sequence = std::max(peer.info.sequence, sequence);
+  if (!book_.empty()) tell(book_.release(peer.bit, sequence));
+  maybeTellProgrammed();
+  return true;
+}
+
+void Doorbell::look() {
+  looked_.clear();
+  for (const auto& peer : peers_) {
+    if (!peer->attached || !peer->page) continue;
+    peer->page->words().agentLooks = 1;
+    looked_.push_back(peer->page);
+  }
+}
+
+bool Doorbell::lookForProgrammed(uint64_t sequence) const {
+  const auto isThere = [sequence](const auto& page) {
+    return page->words().programmed >= sequence;
+  };
+  return !looked_.empty() &&
+         Vela::lookFor(worthLooking, [&] { return std::ranges::all_of(looked_, isThere); });
+}
+
+void Doorbell::stopLooking() {
+  if (looked_.empty()) return;
+  for (const auto& page : looked_) page->words().agentLooks = 0;
+  hear();
+  looked_.clear();
+}
+
+// Failures came by the socket before the word in the page was stored.
+void Doorbell::hear() {
+  for (size_t i = 0; i < peers_.size();) {
+    Peer* const peer = peers_[i].get();
+    if (heard(*peer)) ++i;  // else it has left the list
+  }
+}
+
+bool Doorbell::heard(Peer& peer) {
+  const uint64_t programmed = peer.attached && peer.page ? peer.page->words().programmed.load() : 0;
+  if (programmed <= peer.programmedUpTo) return true;
+  if (!takeMessages(peer, INT_MAX)) return false;
+  if (programmedIs(peer, programmed)) return true;
+  drop(peer, true);
+  return false;
+}
+
+// A change is programmed when each has said so that was there when it was committed, and when one
+// has said so at all.
+void Doorbell::maybeTellProgrammed() {
+  uint64_t most = 0;
+  uint64_t least = UINT64_MAX;
+  for (const auto& peer : peers_) {
+    if (!peer->attached || peer->gone) continue;
+    most = std::max(most, peer->programmedUpTo);
+    least = std::min(least, std::max(peer->attachedAt, peer->programmedUpTo));
+  }
+  const uint64_t upTo = std::min(most, least);
+  if (upTo <= programmedUpTo_ || !observer_.programmed) return;
+  programmedUpTo_ = upTo;
+  observer_.programmed(upTo);
 }
 
 void Doorbell::maybeTellInStep() {
@@ -204,22 +299,47 @@ void Doorbell::drop(Peer& peer, bool malformed) {
   const SubscriberInfo info = peer.info;
   std::erase_if(peers_, [&](const auto& other) { return other.get() == &peer; });
   tell(book_.remove(bit));
-  journal_.handleFollowerGone();
   if (!wasAttached) return;
   maybeTellInStep();  // the others may have waited for it
+  maybeTellProgrammed();
   if (observer_.left) observer_.left(info);
   tellAttached();
 }
 
-void Doorbell::ring(uint64_t lastSequence, std::span<const CommittedChange> changes) {
+void Doorbell::ring(uint64_t committedBefore) {
   const Subscribers attached = attachedSet();
   if (attached == 0) return;
-  if (!changes.empty() && !std::has_single_bit(attached)) book_.expect(changes, attached);
-  const std::string message = RingMessage{lastSequence}.encode();
+  if (!std::has_single_bit(attached)) expectReports(committedBefore, attached);
+  const RingMessage message{store_.committedSequence()};
+  std::atomic_thread_fence(std::memory_order_seq_cst);  // they look for the commit before
   for (const auto& peer : peers_) {
+    if (!peer->attached || looks(*peer)) continue;
     // A full queue holds rings that will wake the peer; its watch notices a peer that is gone.
-    if (peer->attached) peer->socket.send(message);
+    peer->socket.send(message.encode(peer->version));
   }
+}
+
+// The number in the ring is no news.
+void Doorbell::urgentIs(bool isUrgent) {
+  const RingMessage message{store_.committedSequence()};
+  for (const auto& peer : peers_) {
+    if (!peer->attached || !peer->page) continue;
+    peer->page->words().worthLooking = isUrgent;
+    if (isUrgent && !looks(*peer)) peer->socket.send(message.encode());
+  }
+}
+
+bool Doorbell::looks(Peer& peer) { return peer.page && peer.page->words().subscriberLooks != 0; }
+
+// Records that are no rows have no owner, and nobody reports on them.
+void Doorbell::expectReports(uint64_t committedBefore, Subscribers attached) {
+  std::vector<CommittedChange> changes;
+  for (uint64_t sequence = committedBefore + 1; sequence <= store_.committedSequence();
+       ++sequence) {
+    const auto change = store_.change(sequence);
+    if (change && change->owner != 0) changes.push_back({sequence, change->owner});
+  }
+  book_.expect(changes, attached);
 }
 
 Subscribers Doorbell::attachedSet() const {

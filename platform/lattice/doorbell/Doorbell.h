@@ -10,27 +10,40 @@
 #include <string>
 #include <vector>
 
+#include "platform/brine/Store.h"
 #include "platform/lattice/doorbell/DoorbellMessage.h"
+#include "platform/lattice/doorbell/DoorbellPage.h"
 #include "platform/lattice/doorbell/DoorbellSocket.h"
 #include "platform/lattice/doorbell/Report.h"
 #include "platform/lattice/doorbell/ReportBook.h"
-#include "platform/lattice/records/Journal.h"
 #include "platform/vela/UnixServer.h"
 
 namespace Lattice {
 
-// Call with the activity lock held, on any thread; calls back on the reactor with it held. Loop,
-// journal and observer outlive it.
+// Call with the activity lock held, on any thread; calls back with it held, on the reactor or from
+// stopLooking(). Loop, store and observer outlive it.
 class Doorbell {
  public:
   // A client that does not attach within `silence` is disconnected. Throws std::system_error.
   Doorbell(Vela::ReactorLoop& loop, const std::string& path, std::chrono::milliseconds silence,
-           const StoreIdentity& identity, const Journal& journal);
+           const Brine::Store& store);
   ~Doorbell();
 
   void observerIs(SubscriberObserver observer) { observer_ = std::move(observer); }
-  // Wakes every subscriber; never waits for one.
-  void ring(uint64_t lastSequence, std::span<const CommittedChange> changes);
+  // Wakes every subscriber, of which none is waited for. The changes after `committedBefore` are
+  // new.
+  void ring(uint64_t committedBefore);
+  // A batch is in the making. When it is urgent, subscribers wake, and look for its changes.
+  void urgentIs(bool isUrgent);
+
+  // For one thread, that of the batch. While it looks, subscribers say by their pages alone how far
+  // they are.
+  void look();
+  void stopLooking();  // and takes in all that they have said
+  // Until each page says that the changes up to `sequence` are programmed, for a moment at most;
+  // call it without the lock.
+  bool lookForProgrammed(uint64_t sequence) const;
+
   bool anyAttached() const;
   uint64_t receivedByAll() const;  // UINT64_MAX without subscribers
   std::vector<SubscriberInfo> subscribers() const;
@@ -41,29 +54,40 @@ class Doorbell {
   void handleClient(Vela::UnixClient client);
   Subscribers freeBit() const;  // 0: all are taken
   void handleReadable(Peer& peer);
+  // Takes in at most so many messages; false when the peer is gone.
+  bool takeMessages(Peer& peer, int most);
   bool handleMessage(Peer& peer, std::string_view message);
   bool handleAttach(Peer& peer, std::string_view message);
   bool handleReports(Peer& peer, std::string_view message);
   bool handleInStep(Peer& peer, std::string_view message);
+  bool handleProgrammed(Peer& peer, std::string_view message);
+  bool programmedIs(Peer& peer, uint64_t sequence);
+  void hear();
+  bool heard(Peer& peer);
+  static bool looks(Peer& peer);
   Report readReport(const Peer& peer, const PackedReport& report);
   bool settles(const Peer& peer, const Report& report);
   void maybeTellInStep();
+  void maybeTellProgrammed();
   void tell(std::span<const Report> reports);
   void tellAttached();
   void refuse(Peer& peer, std::string_view reason);
   void drop(Peer& peer, bool malformed);
   Subscribers attachedSet() const;
+  void expectReports(uint64_t committedBefore, Subscribers attached);
 
   Vela::ReactorLoop& loop_;
+  const Brine::Store& store_;
   const StoreIdentity identity_;
-  const Journal& journal_;
   SubscriberObserver observer_;
   std::vector<std::unique_ptr<Peer>> peers_;
   ReportBook book_;
-  std::string buffer_;             // of the message being read
-  std::vector<Report> reports_;    // of the message being read
-  std::deque<std::string> texts_;  // texts of reports_ that had to be mended
+  std::string buffer_;                                 // of the message being read
+  std::vector<Report> reports_;                        // of the message being read
+  std::deque<std::string> texts_;                      // texts of reports_ that had to be mended
+  std::vector<std::shared_ptr<DoorbellPage>> looked_;  // changed by the thread that looks
   uint64_t lastId_ = 0;
+  uint64_t programmedUpTo_ = 0;  // told
   uint64_t droppedMessages_ = 0;
   Vela::UnixServer server_;
 };

@@ -5,8 +5,8 @@
 namespace Lattice {
 namespace {
 
-std::string begun(MessageKind kind) {
-  return {static_cast<char>(kind), static_cast<char>(doorbellVersion)};
+std::string begun(MessageKind kind, uint8_t version = doorbellVersion) {
+  return {static_cast<char>(kind), static_cast<char>(version)};
 }
 
 // The bytes after kind and version, when the message is of this kind.
@@ -22,8 +22,8 @@ StoreIdentity takeIdentity(Unpacker& from) {
   return identity;
 }
 
-std::string numberMessage(MessageKind kind, uint64_t number) {
-  std::string bytes = begun(kind);
+std::string numberMessage(MessageKind kind, uint64_t number, uint8_t version = doorbellVersion) {
+  std::string bytes = begun(kind, version);
   append(bytes, number);
   return bytes;
 }
@@ -39,19 +39,24 @@ constexpr size_t reportsHead = 2 + 8 + 1 + 2;
 
 }  // namespace
 
+uint8_t messageVersion(std::string_view message) {
+  if (message.size() < 2) return 0;
+  const auto version = static_cast<uint8_t>(message[1]);
+  return version >= oldestDoorbellVersion && version <= doorbellVersion ? version : 0;
+}
+
 std::optional<MessageKind> messageKind(std::string_view message) {
-  if (message.size() < 2 || message[1] != static_cast<char>(doorbellVersion)) return std::nullopt;
-  const auto kind = static_cast<uint8_t>(message[0]);
-  if (kind < static_cast<uint8_t>(MessageKind::attach) ||
-      kind > static_cast<uint8_t>(MessageKind::inStep)) {
-    return std::nullopt;
-  }
-  return static_cast<MessageKind>(kind);
+  const uint8_t version = messageVersion(message);
+  if (version == 0) return std::nullopt;
+  const auto last = version == 1 ? MessageKind::inStep : MessageKind::programmed;
+  const auto kind = static_cast<MessageKind>(message[0]);
+  if (kind < MessageKind::attach || kind > last) return std::nullopt;
+  return kind;
 }
 
 bool isForeignAttach(std::string_view message) {
   return message.size() >= 2 && message[0] == static_cast<char>(MessageKind::attach) &&
-         message[1] != static_cast<char>(doorbellVersion);
+         messageVersion(message) == 0;
 }
 
 std::string AttachMessage::encode() const {
@@ -73,8 +78,8 @@ std::optional<AttachMessage> AttachMessage::decode(std::string_view message) {
   return attach;
 }
 
-std::string AttachedMessage::encode() const {
-  return begun(MessageKind::attached).append(identity.data(), identity.size());
+std::string AttachedMessage::encode(uint8_t version) const {
+  return begun(MessageKind::attached, version).append(identity.data(), identity.size());
 }
 
 std::optional<AttachedMessage> AttachedMessage::decode(std::string_view message) {
@@ -84,8 +89,8 @@ std::optional<AttachedMessage> AttachedMessage::decode(std::string_view message)
   return body->finished() ? std::optional(attached) : std::nullopt;
 }
 
-std::string RefusedMessage::encode() const {
-  std::string bytes = begun(MessageKind::refused);
+std::string RefusedMessage::encode(uint8_t version) const {
+  std::string bytes = begun(MessageKind::refused, version);
   appendText(bytes, reason);
   return bytes;
 }
@@ -97,7 +102,9 @@ std::optional<RefusedMessage> RefusedMessage::decode(std::string_view message) {
   return body->finished() ? std::optional(refused) : std::nullopt;
 }
 
-std::string RingMessage::encode() const { return numberMessage(MessageKind::ring, sequence); }
+std::string RingMessage::encode(uint8_t version) const {
+  return numberMessage(MessageKind::ring, sequence, version);
+}
 
 std::optional<RingMessage> RingMessage::decode(std::string_view message) {
   const auto number = numberOf(message, MessageKind::ring);
@@ -109,6 +116,15 @@ std::string InStepMessage::encode() const { return numberMessage(MessageKind::in
 std::optional<InStepMessage> InStepMessage::decode(std::string_view message) {
   const auto number = numberOf(message, MessageKind::inStep);
   return number ? std::optional(InStepMessage{*number}) : std::nullopt;
+}
+
+std::string ProgrammedMessage::encode() const {
+  return numberMessage(MessageKind::programmed, sequence);
+}
+
+std::optional<ProgrammedMessage> ProgrammedMessage::decode(std::string_view message) {
+  const auto number = numberOf(message, MessageKind::programmed);
+  return number ? std::optional(ProgrammedMessage{*number}) : std::nullopt;
 }
 
 void ReportsWriter::clear() {

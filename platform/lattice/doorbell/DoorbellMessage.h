@@ -1,6 +1,7 @@
 // The messages on the doorbell socket, one to a packet. All begin with kind u8 and version u8;
-// numbers are little-endian. Every decode returns nothing for a message of another kind, of another
-// version, cut short, or too long.
+// numbers are little-endian. Every decode returns nothing for a message of another kind, of an
+// unknown version, cut short, or too long. The agent speaks the version that a subscriber attaches
+// with.
 #pragma once
 
 #include <cstddef>
@@ -14,13 +15,22 @@
 
 namespace Lattice {
 
-inline constexpr uint8_t doorbellVersion = 1;
+inline constexpr uint8_t doorbellVersion = 2;
+inline constexpr uint8_t oldestDoorbellVersion = 1;  // without ProgrammedMessage
 inline constexpr size_t maxMessageBytes = 32 * 1024;
 inline constexpr size_t maxReportsPerMessage = 512;
 inline constexpr size_t maxReportText = 1024;  // longer ones are cut
 inline constexpr size_t maxSubscriberName = 64;
 
-enum class MessageKind : uint8_t { attach = 1, attached, refused, ring, reports, inStep };
+enum class MessageKind : uint8_t {
+  attach = 1,
+  attached,
+  refused,
+  ring,
+  reports,
+  inStep,
+  programmed
+};
 
 // A subscriber's first message: the state it knows.  sequence u64 | identity | name
 struct AttachMessage {
@@ -34,21 +44,21 @@ struct AttachMessage {
 // The agent's response: the tables are open to the subscriber.  identity
 struct AttachedMessage {
   StoreIdentity identity{};
-  std::string encode() const;
+  std::string encode(uint8_t version = doorbellVersion) const;
   static std::optional<AttachedMessage> decode(std::string_view message);
 };
 
 // Or the reason for a refusal; the connection then ends.  text
 struct RefusedMessage {
   std::string_view reason;
-  std::string encode() const;
+  std::string encode(uint8_t version = doorbellVersion) const;
   static std::optional<RefusedMessage> decode(std::string_view message);
 };
 
 // From the agent: there are changes up to `sequence`.
 struct RingMessage {
   uint64_t sequence = 0;
-  std::string encode() const;
+  std::string encode(uint8_t version = doorbellVersion) const;
   static std::optional<RingMessage> decode(std::string_view message);
 };
 
@@ -100,8 +110,17 @@ struct InStepMessage {
   static std::optional<InStepMessage> decode(std::string_view message);
 };
 
-std::optional<MessageKind> messageKind(std::string_view message);  // of this version
-// Whether it is an attach message of another version: its sender gets a refusal in words.
+// From a subscriber: each change up to `sequence` that it was to program is programmed, but for
+// those of which it has reported the failure before.  sequence u64
+struct ProgrammedMessage {
+  uint64_t sequence = 0;
+  std::string encode() const;
+  static std::optional<ProgrammedMessage> decode(std::string_view message);
+};
+
+std::optional<MessageKind> messageKind(std::string_view message);  // of a known version
+uint8_t messageVersion(std::string_view message);                  // 0: unknown
+// Whether it is an attach message of an unknown version: its sender gets a refusal in words.
 bool isForeignAttach(std::string_view message);
 
 }  // namespace Lattice

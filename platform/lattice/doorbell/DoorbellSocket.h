@@ -5,6 +5,8 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/vela/Descriptors.h"
+
 namespace Lattice {
 
 class Socket {
@@ -21,10 +23,13 @@ class Socket {
   explicit operator bool() const { return descriptor_ >= 0; }
 
   enum class Sent { all, wouldBlock, gone };
-  Sent send(std::string_view message) const;
+  // With a descriptor, the other end gets a copy of it.
+  Sent send(std::string_view message, int descriptor = -1) const;
   enum class Received { message, nothing, gone, oversized };
-  // `message` views `buffer`; a packet that does not fit it is oversized.
-  Received receive(std::string& buffer, std::string_view* message) const;
+  // `message` views `buffer`; a packet that does not fit it is oversized. A descriptor that came
+  // along is put into `descriptor`; without that it is dropped.
+  Received receive(std::string& buffer, std::string_view* message,
+                   Vela::UniqueFd* descriptor = nullptr) const;
 
  private:
   int descriptor_ = -1;

@@ -32,10 +32,13 @@ struct SubscriberInfo {
   uint64_t reports = 0;
 };
 
-// Called on the reactor with the activity lock held.
+// Called with the activity lock held, on the reactor or by Database::stopListening().
 struct SubscriberObserver {
   // A group of reports, checked for form only.
   std::function<void(std::span<const Report>)> reports;
+  // Every attached subscriber has programmed each change up to `sequence` that was committed while
+  // it was attached, but for those of which a failure was reported.
+  std::function<void(uint64_t sequence)> programmed;
   // Every attached subscriber has all changes up to `sequence`, even changes without a report.
   std::function<void(uint64_t sequence)> inStep;
   // The number of attached subscribers, each time that it changes.

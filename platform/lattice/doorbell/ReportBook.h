@@ -8,9 +8,13 @@
 #include <vector>
 
 #include "platform/lattice/doorbell/Report.h"
-#include "platform/lattice/records/Journal.h"
 
 namespace Lattice {
+
+struct CommittedChange {
+  uint64_t sequence = 0;
+  uint64_t entryHandle = 0;
+};
 
 // A set of subscribers, a bit each.
 using Subscribers = uint64_t;

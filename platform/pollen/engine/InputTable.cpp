@@ -52,7 +52,7 @@ void InputTable::committedRows(std::string_view prefix, const std::string& after
     rows->push_back({std::string(key), std::string(value)});
     return rows->size() < most;
   };
-  watch_->rows().forEachCommitted(visit, after.empty() ? prefix : std::string_view(after));
+  watch_->rows().forEachCommittedFrom(after.empty() ? prefix : std::string_view(after), visit);
 }
 
 void InputTable::changedRows(std::string_view prefix, std::vector<OwnedRow>* rows) {
@@ -80,7 +80,7 @@ void InputTable::unseenRows(size_t most, std::vector<OwnedRow>* rows) {
     rows->push_back({std::string(key), std::string(value)});
     return rows->size() < most;
   };
-  watch_->rows().forEachCommitted(visit, limit_);
+  watch_->rows().forEachCommittedFrom(limit_, visit);
 }
 
 size_t InputTable::indexNumber(const std::vector<size_t>& columns) {

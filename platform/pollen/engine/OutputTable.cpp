@@ -161,7 +161,7 @@ void OutputTable::beginPicture() {
   gathered_.clear();
   unconfirmed_.clear();
   unconfirmed_.insert(fresh_.begin(), fresh_.end());
-  loadedTo_.clear();
+  loadedTo_ = {};
   inconsistent_ = false;
   picturing_ = true;
   if (!former_) former_ = std::move(state_);
@@ -170,13 +170,11 @@ void OutputTable::beginPicture() {
 
 bool OutputTable::loadPicture(size_t most) {
   size_t loaded = 0;
-  stored_.forEachCommitted(
-      [&](std::string_view key, std::string_view) {
-        if (key == loadedTo_) return true;
-        unconfirmed_.emplace(key);
-        return ++loaded < most || (loadedTo_ = key, false);
-      },
-      loadedTo_);
+  const auto load = [&](std::string_view key, std::string_view) {
+    unconfirmed_.emplace(key);
+    return ++loaded < most;
+  };
+  stored_.forEachCommitted(load, &loadedTo_);
   return loaded >= most;
 }
 

@@ -96,7 +96,7 @@ class OutputTable {
   std::vector<Gathered> gathered_;
   State state_;
   std::unordered_set<std::string> unconfirmed_;  // keys of stored rows, while a picture is made
-  std::string loadedTo_;
+  Brine::Store::Position loadedTo_;
   bool wrote_ = false;  // since the last commit
   bool picturing_ = false;
   std::vector<std::string> fresh_;  // keys written in this commit, while a picture is made

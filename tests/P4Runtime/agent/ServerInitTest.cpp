@@ -272,7 +272,7 @@ TEST_F(ServerInitTest, ConstantEntriesFollowThePipeline) {
     const char* what;
     std::string config;
     size_t rows;
-    uint64_t journal;  // changes that forwarding agents hear of
+    size_t changes;    // that forwarding agents hear of
     std::string port;  // of the second; "": it is gone
   } cases[] = {
       {"as before", smallDeviceConfig(), 2, 0, bytes("0001")},
@@ -286,13 +286,13 @@ TEST_F(ServerInitTest, ConstantEntriesFollowThePipeline) {
       SCOPED_TRACE(std::string(c.what) + (inOneProcess ? " in the running agent" : " at a start"));
       initSm_ = nullptr;
       if (!inOneProcess) start();
-      const uint64_t before = agent().lastSequence();
+      const size_t before = forwarder().heard();
       agent().pipelineIs(pipelineOf(smallP4Info(), c.config), c.what);
       make();
       agent().frontEnd.restored.clear();
       serverReady();
       EXPECT_EQ(agent().rowCount(constantTable), c.rows);
-      EXPECT_EQ(agent().lastSequence() - before, c.journal);
+      EXPECT_EQ(forwarder().heard() - before, c.changes);
       EXPECT_EQ(agent().handleOf(first), stays);
       EXPECT_EQ(agent().handleOf(second) != 0, !c.port.empty());
       for (const auto& back : agent().frontEnd.restored) {

@@ -36,7 +36,7 @@ class BatchStatusTest : public testing::Test {
     return count >= baseline ? count - baseline : count;
   }
   bool completed(EntryHandle handle) const {
-    return batch_.completedTransactionStatus().count(handle) > 0;
+    return batch_.completedTransactionStatus(handle).has_value();
   }
 
   const int descriptor_ = eventfd(0, EFD_NONBLOCK);
@@ -62,8 +62,8 @@ TEST_F(BatchStatusTest, ReportCountsOnceAndOnlyForWhatItReportsOn) {
   EXPECT_EQ(strays_, (Handles{3, 1, 1}));
   EXPECT_EQ(batch_.reportsAccepted(), 2u);
   EXPECT_EQ(batch_.reportsDropped(), 3u);
-  EXPECT_EQ(batch_.completedTransactionStatus().at(2).errorCode(), 13);
-  EXPECT_NE(batch_.completedTransactionStatus().at(2).errorMessage(), "");
+  EXPECT_EQ(batch_.completedTransactionStatus(2)->errorCode(), 13);
+  EXPECT_NE(batch_.completedTransactionStatus(2)->errorMessage(), "");
 }
 
 TEST_F(BatchStatusTest, NewBatchKnowsNothingOfTheLast) {
@@ -73,9 +73,9 @@ TEST_F(BatchStatusTest, NewBatchKnowsNothingOfTheLast) {
   reported(1, 101);
   batch_.onBatchBegin();
   EXPECT_EQ(completions(), 0u);
-  EXPECT_TRUE(batch_.completedTransactionStatus().empty());
-  EXPECT_TRUE(batch_.entryHandleToBatchOffset().empty());
-  EXPECT_TRUE(batch_.batchOffsetToEntryHandle().empty());
+  EXPECT_EQ(batch_.written().size(), 0u);
+  EXPECT_FALSE(completed(9));
+  EXPECT_TRUE(batch_.offsetsOf(1).empty());
   pending(2);
   reported(1, 101);  // late
   EXPECT_EQ(completions(), 0u);
@@ -107,6 +107,38 @@ TEST_F(BatchStatusTest, InStepCompletesWhatItCovers) {
   EXPECT_FALSE(completed(3));
   batch_.inStepIs(102);
   EXPECT_EQ(completions(), 0u);
+}
+
+// The word on all changes up to a number, whatever the order in which entries were written again.
+TEST_F(BatchStatusTest, ProgrammedCompletesAllThatItCoversButWhatFailed) {
+  for (const EntryHandle handle : {1, 2, 3, 4, 5}) pending(handle);
+  reported(2, 102, 13);
+  batch_.pendingOperationIs(1, 106);  // written again
+  batch_.programmedIs(103);
+  EXPECT_EQ(completions(), 2u);
+  EXPECT_FALSE(completed(1));
+  EXPECT_EQ(batch_.completedTransactionStatus(2)->errorCode(), 13);
+  EXPECT_EQ(batch_.completedTransactionStatus(3)->errorCode(), 0);
+  batch_.programmedIs(103);
+  batch_.programmedIs(105);
+  EXPECT_EQ(completions(), 2u);
+  EXPECT_EQ(batch_.pendingOperationCount(), 1u);
+  EXPECT_FALSE(batch_.allSucceeded());
+  batch_.programmedIs(106);
+  EXPECT_TRUE(completed(1));
+  EXPECT_EQ(batch_.reportsAccepted(), 5u);
+  EXPECT_EQ(batch_.reportsDropped(), 0u);
+}
+
+TEST_F(BatchStatusTest, SilenceOfOneHandleIsThatOfNoOther) {
+  for (const EntryHandle silent : {1, 2, 3}) {
+    batch_.onBatchBegin();
+    for (const EntryHandle handle : {1, 2, 3}) pending(handle);
+    batch_.pretendSilence(silent);
+    batch_.programmedIs(103);
+    for (const EntryHandle handle : {1, 2, 3}) EXPECT_EQ(completed(handle), handle != silent);
+    EXPECT_EQ(batch_.pendingOperationCount(), 1u);
+  }
 }
 
 TEST_F(BatchStatusTest, RollbackPutsBackWholeUpdatesAndListensNoMore) {

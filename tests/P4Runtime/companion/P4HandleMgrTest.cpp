@@ -10,68 +10,78 @@
 namespace P4Runtime {
 namespace {
 
-EntryHandle bound(P4HandleMgr& handles, uint32_t table, const std::string& key,
-                  uint32_t priority = 0) {
-  return handles.getOrCreateTableEntryHandle(table, key.size(), key.data(), priority);
-}
+// The entries that were written, as the rows of the agent's tables know them.
+struct P4HandleMgrTest : testing::Test, BoundKeys {
+  using Key = std::tuple<uint32_t, std::string, uint32_t>;
 
-bool restored(P4HandleMgr& handles, EntryHandle handle, const std::string& key) {
-  return handles.restoreTableEntryHandle(1, handle, key.size(), key.data(), 0);
-}
+  P4HandleMgrTest() { handles.boundKeysAre(this); }
+  EntryHandle handleOf(uint32_t table, std::string_view key, uint32_t priority) const override {
+    const auto found = written.find(Key{table, key, priority});
+    return found == written.end() ? 0 : found->second;
+  }
+  EntryHandle bound(uint32_t table, const std::string& key, uint32_t priority = 0) {
+    return written[{table, key, priority}] =
+               handles.getOrCreateTableEntryHandle(table, key.size(), key.data(), priority);
+  }
+  bool restored(EntryHandle handle, const std::string& key) {
+    const bool taken = handles.restoreTableEntryHandle(1, handle, key.size(), key.data(), 0);
+    if (taken) written[{1, key, 0}] = handle;
+    return taken;
+  }
 
-TEST(P4HandleMgr, TableKeyAndPriorityTogetherNameAnEntry) {
   P4HandleMgr handles;
-  const EntryHandle first = bound(handles, 1, "key", 5);
+  std::map<Key, EntryHandle> written;
+};
+
+TEST_F(P4HandleMgrTest, TableKeyAndPriorityTogetherNameAnEntry) {
+  const EntryHandle first = bound(1, "key", 5);
   EXPECT_NE(first, 0u);
-  EXPECT_EQ(bound(handles, 1, "key", 5), first);
-  EXPECT_NE(bound(handles, 2, "key", 5), first);
-  EXPECT_NE(bound(handles, 1, "key", 6), first);
-  EXPECT_NE(bound(handles, 1, std::string("key\0", 4), 5), first);
+  EXPECT_EQ(bound(1, "key", 5), first);
+  EXPECT_NE(bound(2, "key", 5), first);
+  EXPECT_NE(bound(1, "key", 6), first);
+  EXPECT_NE(bound(1, std::string("key\0", 4), 5), first);
   EXPECT_EQ(handles.entryHandleToResourceId(first), (ResourceId{tableResource, 1}));
   EXPECT_EQ(handles.entryHandleCount({tableResource, 1}), 3u);
   EXPECT_EQ(handles.matchKeyToEntryHandle(1, "other", 5), 0u);
   EXPECT_EQ(handles.entryHandleCount({tableResource, 1}), 3u);  // looking up binds nothing
 }
 
-TEST(P4HandleMgr, FreedHandleIsNeverGivenOutAgain) {
-  P4HandleMgr handles;
-  const EntryHandle first = bound(handles, 1, "a");
+TEST_F(P4HandleMgrTest, FreedHandleIsNeverGivenOutAgain) {
+  const EntryHandle first = bound(1, "a");
   handles.freeTableEntryHandle(first);
   handles.freeTableEntryHandle(first);
   EXPECT_FALSE(handles.entryHandleToResourceIdHas(first));
   EXPECT_EQ(handles.entryHandleToResourceId(first), ResourceId{});
   EXPECT_EQ(handles.entryHandleCount({tableResource, 1}), 0u);
-  EXPECT_GT(bound(handles, 1, "a"), first);
+  EXPECT_GT(bound(1, "a"), first);
 }
 
-TEST(P4HandleMgr, RestoredHandlesComeBackAndNewOnesStartAboveThem) {
-  P4HandleMgr handles;
-  EXPECT_TRUE(restored(handles, 500, "a"));
-  EXPECT_TRUE(restored(handles, 500, "a"));   // once more, after another push of the pipeline
-  EXPECT_FALSE(restored(handles, 501, "a"));  // the key is another handle's
-  EXPECT_FALSE(restored(handles, 500, "b"));  // the handle is another key's
-  EXPECT_FALSE(restored(handles, 0, "c"));
-  EXPECT_TRUE(restored(handles, 7, "d"));
-  EXPECT_EQ(bound(handles, 1, "a"), 500u);
-  EXPECT_EQ(bound(handles, 1, "e"), 501u);
+TEST_F(P4HandleMgrTest, RestoredHandlesComeBackAndNewOnesStartAboveThem) {
+  EXPECT_TRUE(restored(500, "a"));
+  EXPECT_TRUE(restored(500, "a"));   // once more, after another push of the pipeline
+  EXPECT_FALSE(restored(501, "a"));  // the key is another handle's
+  EXPECT_FALSE(restored(500, "b"));  // the handle is another key's
+  EXPECT_FALSE(restored(0, "c"));
+  EXPECT_TRUE(restored(7, "d"));
+  EXPECT_EQ(bound(1, "a"), 500u);
+  EXPECT_EQ(bound(1, "e"), 501u);
   handles.reserveUpTo(1000);
-  EXPECT_EQ(bound(handles, 1, "f"), 1001u);
+  EXPECT_EQ(bound(1, "f"), 1001u);
 }
 
 // Against a model, since slots are used again while handles are not.
-TEST(P4HandleMgr, AgreesWithAMapUnderRandomUse) {
+TEST_F(P4HandleMgrTest, AgreesWithAMapUnderRandomUse) {
   constexpr unsigned seed = 20240607;
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
-  P4HandleMgr handles;
-  std::map<std::tuple<uint32_t, std::string, uint32_t>, EntryHandle> model;
+  std::map<Key, EntryHandle> model;
   for (int step = 0; step < 20000; ++step) {
-    const uint32_t table = random() % 3;
+    const uint32_t table = 1 + random() % 3;
     const std::string key = std::to_string(random() % 100);
     const uint32_t priority = random() % 2;
     const auto known = model.find({table, key, priority});
     if (random() % 2 == 0) {
-      const EntryHandle handle = bound(handles, table, key, priority);
+      const EntryHandle handle = bound(table, key, priority);
       if (known == model.end()) {
         model[{table, key, priority}] = handle;
       } else {
@@ -83,7 +93,7 @@ TEST(P4HandleMgr, AgreesWithAMapUnderRandomUse) {
     }
   }
   size_t entries = 0;
-  for (uint32_t table = 0; table < 3; ++table) {
+  for (uint32_t table = 1; table <= 3; ++table) {
     entries += handles.entryHandleCount({tableResource, table});
   }
   EXPECT_EQ(entries, model.size());

@@ -29,11 +29,11 @@ TEST_F(FullStoreTest, BatchThatDoesNotFitNeverWas) {
   agent().frontEnd.settled.clear();
   for (const char* once : {"once", "and again"}) {
     SCOPED_TRACE(once);
+    agent().failCommits();
     agent().begin();
     agent().add(0, exactEntry(1, 6));
     agent().del(1, exactEntry(2));
     agent().add(2, exactEntry(3));
-    agent().outgrowStore();
     agent().end();
     const auto left = agent().outcome();
     EXPECT_THAT(left,
@@ -57,7 +57,44 @@ TEST_F(FullStoreTest, BatchThatDoesNotFitNeverWas) {
   EXPECT_EQ(codeOfDelete(exactEntry(2)), OK);
 }
 
-// Each commit leaves room for its undoing.
+// What fits of a batch is programmed.
+TEST_F(FullStoreTest, UpdatesThatDoNotFitFailAndTheOthersOfTheirBatchStand) {
+  const uint64_t changed = agent().program(exactEntry(1, 5));
+  const uint64_t kept = agent().program(exactEntry(2, 5));
+  agent().program(exactEntry(3));
+  agent().fillStore();
+  Entry described = exactEntry(4);
+  described.metadata = std::string(3000, 'm');
+  Entry longer = exactEntry(2, 6);
+  longer.metadata = described.metadata;
+  const Entry elsewhere{aclTable, bytes("0a000000 ff000000 0050 ffff 06"), drop, "", 258};
+  agent().begin();
+  EXPECT_EQ(agent().add(0, exactEntry(1, 6)), PI_STATUS_SUCCESS);
+  EXPECT_NE(agent().add(1, described), PI_STATUS_SUCCESS);
+  EXPECT_NE(agent().add(2, longer), PI_STATUS_SUCCESS);
+  EXPECT_NE(agent().add(3, elsewhere), PI_STATUS_SUCCESS);
+  EXPECT_EQ(agent().del(4, exactEntry(3)), PI_STATUS_SUCCESS);
+  agent().end();
+  forwarder().programAll();
+  const auto left = agent().outcome();
+  EXPECT_THAT(left,
+              ElementsAre(FailedWith(1, RESOURCE_EXHAUSTED), FailedWith(2, RESOURCE_EXHAUSTED),
+                          FailedWith(3, RESOURCE_EXHAUSTED)));
+  EXPECT_THAT(left[0].second.message(), testing::HasSubstr(agent().directory));
+  EXPECT_EQ(agent().handleOf(described), 0u);
+  EXPECT_EQ(agent().handleOf(elsewhere), 0u);
+  EXPECT_EQ(agent().handles->entryHandleCount({tableResource, exactTable}), 2u);
+  EXPECT_EQ(agent().metadataCount(), 0u);
+  EXPECT_FALSE(agent().status->critical());
+  start();
+  const Vela::ActivityLock lock;
+  agent().tableImpl->restoreCachedEntries();
+  EXPECT_EQ(agent().rowCount(exactTable), 2u);
+  EXPECT_EQ(agent().record(exactTable, changed)->actionData, exactRecord(6));
+  EXPECT_EQ(agent().record(exactTable, kept)->actionData, exactRecord(5));
+}
+
+// An undoing needs no room.
 TEST_F(FullStoreTest, FailedUpdatesArePutBackThoughNothingElseFits) {
   Entry old = exactEntry(1, 5);
   old.metadata = "old";
@@ -94,47 +131,49 @@ TEST_F(FullStoreTest, UndoingThatCannotBeStoredIsCriticalUntilItCan) {
   agent().add(2, exactEntry(3));
   agent().end();
   for (int i = 0; i < 3; ++i) forwarder().failNext(ErrorCode::hardwareError, "no");
-  agent().frontEnd.onSettled = [this] { agent().outgrowStore(); };
+  agent().failCommits();
   EXPECT_THAT(agent().outcome(), testing::SizeIs(3));
-  agent().frontEnd.onSettled = nullptr;
   EXPECT_THAT(agent().status->criticalReason(),
               testing::AllOf(testing::HasSubstr("3 failed entries could not be put back"),
                              testing::HasSubstr(agent().directory)));
   EXPECT_EQ(agent().rowCount(exactTable), 2u) << "entries 1 and 3: what was to be undone stands";
   EXPECT_EQ(agent().record(exactTable, changed)->actionData, exactRecord(6));
+  EXPECT_TRUE(agent().tableImpl->restoreNeeded());
+  const uint64_t requests = agent().tableImpl->restoreRequests();
   {
     const Vela::ActivityLock lock;
-    agent().outgrowStore();
-    EXPECT_THROW(agent().tableImpl->revertCriticalState(), Vela::Exception);
-    EXPECT_TRUE(agent().status->critical());
     agent().tableImpl->revertCriticalState();
+    EXPECT_EQ(agent().tableImpl->restoreRequests(), requests + 1);
+    agent().tableImpl->restoreNeededIs(false);  // as the server does that is asked to
+    agent().tableImpl->restoreCachedEntries();
   }
   EXPECT_FALSE(agent().status->critical());
+  EXPECT_EQ(agent().frontEnd.restored.size(), 2u) << "front end and store are as one again";
   EXPECT_EQ(agent().rowCount(exactTable), 2u);
-  EXPECT_EQ(agent().recordCount(), 2u);
-  EXPECT_EQ(agent().record(exactTable, changed)->actionData, exactRecord(5));
-  EXPECT_EQ(agent().record(exactTable, deleted)->entryState, EntryState::stable);
-  forwarder().programAll();
-  EXPECT_EQ(forwarder().rows().size(), 2u);
-  EXPECT_EQ(codeOfAdd(exactEntry(3)), OK);
+  EXPECT_EQ(agent().handleOf(exactEntry(1)), changed);
+  EXPECT_EQ(agent().handleOf(exactEntry(2)), 0u);
+  EXPECT_FALSE(agent().handles->entryHandleToResourceIdHas(deleted));
+  EXPECT_NE(agent().handleOf(exactEntry(3)), 0u);
+  EXPECT_EQ(codeOfDelete(exactEntry(3)), OK);
 }
 
 // What is lost in a commit that nobody looks at is no trace in a log.
 TEST_F(FullStoreTest, LossesOfCommitsThatNobodyLooksAtAreTold) {
   const uint64_t handle = agent().program(exactEntry(1));
   agent().database->lossHandlerIs([this](const std::string&) { ++losses_; });
-  agent().outgrowStore();
-  EXPECT_EQ(losses_, 0) << "no row was changed";
-  {
-    const Vela::ActivityLock lock;
+  agent().failCommits(2);
+  const auto deleteRow = [&] {
     const ResourceId rid{tableResource, exactTable};
     agent().tableInfo->latticeTableInterface(rid)->rowDel(exactEntry(1).key, handle);
-    agent().outgrowStore();
+  };
+  {
+    const Vela::ActivityLock lock;
+    deleteRow();
   }
   EXPECT_EQ(losses_, 1);
   EXPECT_EQ(agent().rowCount(exactTable), 1u);
   const Vela::ActivityLock lock;
-  agent().outgrowStore();
+  deleteRow();
   EXPECT_THROW(agent().tableImpl->commitOrThrow(), std::runtime_error);
 }
 
@@ -145,10 +184,11 @@ TEST_F(FullStoreTest, WritesThatCameBeforeTheBatchStand) {
   agent().end();
   forwarder().programAll();  // confirmed; its record is yet to become stable
   EXPECT_THAT(agent().outcome(), IsEmpty());
+  agent().failCommits();
   agent().begin();
-  agent().outgrowStore();
+  agent().add(0, exactEntry(2));
   agent().end();
-  EXPECT_THAT(agent().outcome(), IsEmpty());
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, RESOURCE_EXHAUSTED)));
   start();
   const Vela::ActivityLock lock;
   agent().tableImpl->restoreCachedEntries();

@@ -163,7 +163,7 @@ void AgentParts::doBuild() {
                             return tableInfoSm->queryOutputIs(path, type);
                           },
                           database.get()});
-  forwarder = std::make_unique<FakeForwarder>(*store, *batchStatus);
+  forwarder = std::make_unique<FakeForwarder>(directory, *batchStatus);
   _pi_assign_device(deviceId, nullptr, nullptr);
 }
 
@@ -171,6 +171,8 @@ AgentParts::~AgentParts() {
   for (const auto id : {noServersDeviceId, deviceId}) pi_frontend_hooks_clear(id);
   const ActivityLock lock;
   ThePiContextIs(piContextFactory());
+  watch_ = nullptr;
+  database->commitObserverIs(nullptr);
   queryConfigSm = nullptr;
   tableInfoSm = nullptr;
   typeService = nullptr;
@@ -210,20 +212,30 @@ void AgentParts::end() {
   _pi_batch_end(0, true);
 }
 
-void AgentParts::outgrowStore() {
+void AgentParts::failCommits(int count) {
   const ActivityLock lock;
-  store->put(store->table("ballast"), Brine::asBytes("large"),
-             Brine::asBytes(std::string(2 * storeBytes, 'x')));
+  failures_ = count;
+  database->commitObserverIs(this);  // in place of the queries
+  if (!watch_) watch_ = database->watch("exact");
+}
+
+void AgentParts::onBeforeCommit() {
+  if (failures_ == 0) return;
+  --failures_;
+  throw Brine::StoreError(Brine::Trouble::full, "no room in " + directory);
 }
 
 void AgentParts::fillStore() {
   const ActivityLock lock;
   uint64_t record = 0;
   for (size_t size = storeBytes / 4; size > 0; size /= 2) {
-    do {
-      store->put(store->table("ballast"), Brine::asBytes(std::to_string(++record)),
-                 Brine::asBytes(std::string(size, 'x')));
-    } while (database->commit(Brine::Store::Filling::leaveRoomToUndo).ok());
+    try {
+      for (;;) {
+        store->put(store->table("ballast"), Brine::asBytes(std::to_string(++record)),
+                   Brine::asBytes(std::string(size, 'x')));
+      }
+    } catch (const Brine::StoreError&) {  // no room for one of this size
+    }
   }
 }
 
@@ -288,8 +300,7 @@ const std::string* AgentParts::row(const std::string& table) {
   const std::string* found = nullptr;
   const ActivityLock lock;
   store->forEach(store->table("row/" + table), [&](Brine::Bytes, Brine::Bytes stored) {
-    const auto row = Lattice::StoredRow::decode(Brine::asText(stored));
-    value = row ? std::string(row->value) : "unreadable";
+    value = Brine::asText(stored);
     found = &value;
     return true;
   });
@@ -306,9 +317,26 @@ std::optional<TableCacheEntry> AgentParts::record(uint32_t table, uint64_t handl
   return tableImpl->tableCache()->cache({{tableResource, table}, handle});
 }
 
+void AgentParts::recordBytesAre(const Entry& entry, std::string_view bytes) {
+  const ActivityLock lock;
+  const ResourceId rid{tableResource, entry.table};
+  const uint64_t handle = handles->matchKeyToEntryHandle(entry.table, entry.key, entry.priority);
+  const auto row = tableImpl->tableCache()->row({rid, handle}).value();
+  const Lattice::Row same{std::string(row.key), std::string(row.value)};
+  tableInfo->latticeTableInterface(rid)->rowIs(same, handle, bytes);
+}
+
 size_t AgentParts::recordCount() {
   const ActivityLock lock;
-  return tableImpl->tableCache()->recordCount();
+  size_t count = 0;
+  for (const std::string& table : store->tableNames()) {
+    if (!table.starts_with(Lattice::rowTablePrefix)) continue;
+    store->forEachRecord(store->table(table), [&](const Brine::Record& row) {
+      count += !row.attachment.empty();
+      return true;
+    });
+  }
+  return count;
 }
 
 size_t AgentParts::metadataCount() {
@@ -321,10 +349,7 @@ uint64_t AgentParts::handleOf(const Entry& entry) {
   return handles->matchKeyToEntryHandle(entry.table, entry.key, entry.priority);
 }
 
-uint64_t AgentParts::lastSequence() {
-  const ActivityLock lock;
-  return database->lastSequence();
-}
+uint64_t AgentParts::lastSequence() { return forwarder->lastHeard(); }
 
 }  // namespace TestSupport
 

@@ -15,6 +15,7 @@
 #include "PI/pi_meter.h"
 #include "PI/pi_tables.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "platform/lattice/TableWatch.h"
 #include "platform/pollen/QueryConfigSm.h"
 #include "platform/pollen/TypeService.h"
 #include "tests/P4Runtime/support/FakeForwarder.h"
@@ -77,14 +78,15 @@ struct FakeFrontEnd {
 // Builds on the contents of its directory; brings up no pipeline of its own. One at a time. It runs
 // on no other thread, and no lock is held between calls, so that the writes of a call are committed
 // when it returns.
-class AgentParts {
+class AgentParts : Lattice::CommitObserver {
  public:
   explicit AgentParts(const std::string& directory);
-  // The open batch has more to store than the state directory holds.
-  void outgrowStore();
-  // Commits until nothing more fits, however little.
+  // The next commits that change a row of "exact" fail, as if derived rows had no room. Call
+  // outside a batch.
+  void failCommits(int count = 1);
+  // Writes until nothing more fits, however little; slots that were free before stay so.
   void fillStore();
-  ~AgentParts();
+  ~AgentParts() override;
 
   // Writes the pipeline file and lets the agent read it; turns the reactor until it is done.
   void pipelineIs(const p4::v1::SetForwardingPipelineConfigRequest& request,
@@ -108,10 +110,12 @@ class AgentParts {
   const std::string* row(const std::string& table);  // the only row's value; null when none
   size_t rowCount(uint32_t table);
   std::optional<P4Runtime::TableCacheEntry> record(uint32_t table, uint64_t handle);
-  size_t recordCount();
+  // Writes the bytes in place of the record of an entry that stands.
+  void recordBytesAre(const Entry& entry, std::string_view bytes);
+  size_t recordCount();    // of entries, whether or not the pipeline has their tables
   size_t metadataCount();  // entries, members and groups whose metadata are kept
   uint64_t handleOf(const Entry& entry);
-  uint64_t lastSequence();
+  uint64_t lastSequence();  // of the changes that forwarding agents hear of
 
   const std::string directory;
   Vela::ReactorLoop loop;
@@ -134,6 +138,13 @@ class AgentParts {
 
  private:
   void doBuild();
+  void onBeforeCommit() override;
+  void onCommitted() override {}
+  void onDiscarded() override {}
+  void onBatchEnded() override {}
+  void onWatchedTableGone(const std::string&) override {}
+  std::unique_ptr<Lattice::TableWatch> watch_;
+  int failures_ = 0;  // commits to come that fail
   int notifyFd_ = -1;
   std::vector<uint32_t> offsets_;  // of the batch's updates
 };

@@ -9,8 +9,7 @@ namespace TestSupport {
 
 using P4Runtime::ErrorCode;
 
-void FakeForwarder::follow() {
-  const Vela::ActivityLock lock;
+std::map<uint32_t, std::string> FakeForwarder::tables() {
   std::map<uint32_t, std::string> names;
   const auto remember = [&](Brine::Bytes key, Brine::Bytes record) {
     if (const auto table = Lattice::TableRecord::decode(Brine::asText(record))) {
@@ -18,25 +17,53 @@ void FakeForwarder::follow() {
     }
     return true;
   };
-  store_.forEach(store_.table(Lattice::typesTable), remember);
-  const auto read = [&](Brine::Bytes, Brine::Bytes record) {
-    std::string_view rest = Brine::asText(record);
-    while (const auto change = Lattice::JournalChange::takeFrom(rest)) {
-      if (change->sequence <= seen_) continue;
-      seen_ = change->sequence;
-      const bool deleted = change->flags & Lattice::JournalChange::deleted;
-      pending_.push_back({names[change->table], std::string(change->key),
-                          std::string(change->value), deleted, change->entryHandle,
-                          change->sequence});
-    }
-    return true;
+  reader_->snapshot()->forEach(Lattice::typesTable, remember);
+  return names;
+}
+
+void FakeForwarder::takeSnapshot() {
+  const Vela::ActivityLock lock;
+  pending_.clear();
+  rows_.clear();
+  const auto snapshot = reader_->snapshot();
+  for (const auto& [number, name] : tables()) {
+    snapshot->forEach(Lattice::rowTable(name), [&](Brine::Bytes key, Brine::Bytes value) {
+      rows_[{name, std::string(Brine::asText(key))}] = Brine::asText(value);
+      return true;
+    });
+  }
+  seen_ = snapshot->sequence();
+}
+
+void FakeForwarder::follow() {
+  const Vela::ActivityLock lock;
+  std::map<uint32_t, std::string> names = tables();
+  const auto follow = [&](const Brine::FollowedChange& change) {
+    if (!names.contains(change.table)) return;
+    pending_.push_back({names[change.table], std::string(Brine::asText(change.key)),
+                        std::string(Brine::asText(change.value)), change.deleted, change.owner,
+                        change.sequence});
+    ++heard_;
+    lastHeard_ = change.sequence;
   };
-  store_.forEach(store_.table(Lattice::journalTable), read);
+  const auto reached = reader_->follow(seen_, UINT64_MAX, follow);
+  if (!reached) throw std::logic_error("changes were trimmed that the forwarder has not seen");
+  seen_ = *reached;
 }
 
 size_t FakeForwarder::pending() {
   follow();
   return pending_.size();
+}
+
+size_t FakeForwarder::heard() {
+  follow();
+  return heard_;
+}
+
+uint64_t FakeForwarder::lastHeard() {
+  follow();
+  return lastHeard_;
 }
 
 const RowChange& FakeForwarder::next() {

@@ -5,11 +5,12 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 
 #include "P4Runtime/companion/BatchStatus.h"
-#include "platform/brine/Store.h"
+#include "platform/brine/Reader.h"
 
 namespace TestSupport {
 
@@ -22,21 +23,27 @@ struct RowChange {
   uint64_t sequence = 0;
 };
 
-// Reads the journal's commits in place of a subscriber's socket, and hands its reports straight to
-// the batch status. Both outlive it.
+// Reads the store's changes in place of a subscriber's socket, and hands its reports straight to
+// the batch status, which outlives it.
 class FakeForwarder {
  public:
-  FakeForwarder(Brine::Store& store, P4Runtime::BatchStatus& batchStatus)
-      : store_(store), batchStatus_(batchStatus) {
+  FakeForwarder(const std::string& stateDirectory, P4Runtime::BatchStatus& batchStatus)
+      : reader_(Brine::Reader::open(stateDirectory)), batchStatus_(batchStatus) {
     attachedIs(true);
   }
   void attachedIs(bool attached, std::chrono::milliseconds grace = {}) {
     batchStatus_.forwardingAgentsAre(attached ? 1 : 0, grace);
   }
 
+  // As one must that has not seen changes which are gone.
+  void takeSnapshot();
+
   // The changes that were committed and that it has not reported on.
   size_t pending();
   const RowChange& next();
+  // All changes since the store began, and the sequence number of the last.
+  size_t heard();
+  uint64_t lastHeard();
 
   void programNext();
   void programAll();
@@ -48,13 +55,16 @@ class FakeForwarder {
   const std::map<std::pair<std::string, std::string>, std::string>& rows() const { return rows_; }
 
  private:
+  std::map<uint32_t, std::string> tables();  // names by number
   void follow();
   RowChange taken();
 
-  Brine::Store& store_;
+  std::unique_ptr<Brine::Reader> reader_;
   P4Runtime::BatchStatus& batchStatus_;
   std::deque<RowChange> pending_;
   uint64_t seen_ = 0;
+  size_t heard_ = 0;
+  uint64_t lastHeard_ = 0;
   std::map<std::pair<std::string, std::string>, std::string> rows_;
 };
 

@@ -31,7 +31,7 @@ std::string big(uint64_t number, size_t size) {
 
 class TableDumpTest : public testing::Test {
  protected:
-  TableDumpTest() : store_(Brine::Store::open({.directory = directory_.path()})) {
+  TableDumpTest() : store_(Brine::Store::open({.directory = directory_.path(), .changes = 64})) {
     table("ecmp.member",
           "key member_id : U32; action { out 7 { port : U16; } drop 8 { none : Void; } }");
     table("ecmp.group", "key group_id : U32; member_id : U32[];");
@@ -61,8 +61,9 @@ class TableDumpTest : public testing::Test {
   }
   void row(const std::string& name, const std::string& key, const std::string& value,
            uint64_t handle) {
-    const std::string stored = little(handle, 8) + little(1, 8) + value;
-    store_->put(store_->table("row/" + name), Brine::asBytes(key), Brine::asBytes(stored));
+    const auto to = store_->write(store_->table("row/" + name), Brine::asBytes(key), value.size(),
+                                  {.owner = handle});
+    std::ranges::copy(value, to.value.begin());
   }
   void cache(const std::string& name, const std::string& record) {
     store_->put(store_->table("p4runtime/cache/" + name), Brine::asBytes(big(++cached_, 16)),
@@ -169,7 +170,7 @@ TEST_F(TableDumpTest, ADamagedStoreEndsWithAnErrorThatNamesIt) {
   for (uint32_t id = 1; id < 200; ++id) route(id, 3, false);
   const size_t size = store_->bytesUsed();
   store_.reset();
-  const std::string file = directory_.path() + "/brine.mdb";
+  const std::string file = directory_.path() + "/brine.store";
   std::string whole(size, '\0');
   std::ifstream(file, std::ios::binary).read(whole.data(), static_cast<std::streamsize>(size));
   std::mt19937_64 random(5);

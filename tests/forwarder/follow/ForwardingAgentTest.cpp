@@ -39,6 +39,7 @@ class FakeSubscriber final : public Lattice::Subscriber {
   void flush() override { ++flushes; }
   uint64_t sequence() const override { return 0; }
   int descriptor() const override { return -1; }
+  void lookForIs(std::chrono::microseconds) override {}
 
  private:
   std::string trouble_;

@@ -13,9 +13,7 @@
 
 namespace Brine {
 
-int readUntilEnd(const std::string& directory, int ready);
-int holdSnapshot(const std::string& directory, int ready, int hold);
-int openAndSay(const std::string& directory, int said);
+int audit(const std::string& directory, int looks);
 
 namespace {
 
@@ -90,49 +88,6 @@ TEST(KillTest, LeavesTheStateOfOneCommit) {
   EXPECT_GT(lastRound, 60u);
 }
 
-// Opening rewrites a store that is mostly free, without the free pages. A process
-// killed at that leaves the former file or the new one.
-TEST(KillTest, WhileCompactingLosesNothing) {
-  const TempDir directory;
-  std::map<std::string, std::string> expected;
-  const auto fill = [&] {
-    const auto store = Store::open({.directory = directory.path()});
-    const auto rows = store->table("rows");
-    for (int i = 0; i < 20000; ++i) {
-      store->put(rows, asBytes(std::to_string(i)), asBytes(std::string(100, 'x')));
-    }
-    store->commit();
-    const size_t full = store->bytesUsed();
-    for (int i = 0; i < 20000; ++i) {
-      if (i % 10 != 0) store->erase(rows, asBytes(std::to_string(i)));
-    }
-    store->commit();
-    expected = contents(*store, rows);
-    return full;
-  };
-  std::mt19937 random(9);
-  for (int kills = 0; kills < 20; ++kills) {
-    const size_t full = fill();
-    int said[2];
-    ASSERT_EQ(pipe(said), 0);
-    const pid_t child = fork();
-    if (child == 0) {
-      execl("/proc/self/exe", "brine_test", "--open", directory.path().c_str(),
-            std::to_string(said[1]).c_str(), nullptr);
-      _exit(1);
-    }
-    close(said[1]);
-    for (unsigned i = random() % 300000; i > 0; --i) getppid();
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    close(said[0]);
-    const auto store = Store::open({.directory = directory.path()});
-    EXPECT_EQ(contents(*store, store->table("rows")), expected);
-    EXPECT_LT(store->bytesUsed(), full / 2);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.path()), {}), 3);
-  }
-}
-
 }  // namespace
 }  // namespace Brine
 
@@ -141,11 +96,7 @@ int main(int argc, char** argv) {
     return argc > at && std::string(argv[at]) == text;
   };
   if (is(1, "--write")) Brine::writeForEver(argv[2], std::stoi(argv[3]));
-  if (is(1, "--read")) return Brine::readUntilEnd(argv[2], std::stoi(argv[3]));
-  if (is(1, "--open")) return Brine::openAndSay(argv[2], std::stoi(argv[3]));
-  if (is(1, "--hold")) {
-    return Brine::holdSnapshot(argv[2], std::stoi(argv[3]), std::stoi(argv[4]));
-  }
+  if (is(1, "--audit")) return Brine::audit(argv[2], std::stoi(argv[3]));
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

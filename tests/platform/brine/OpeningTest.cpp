@@ -1,20 +1,20 @@
-// Opening a store: refusals of the system that pass, foreign files in its place, and stores of
-// another boot. Only a lost store may begin empty; all others stay as they were.
+// Opening a store: what the system refuses for a while, what others have put in its place, and
+// another boot's. Only a store that is lost may be begun anew; all else stays as it was.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
 
-#include "platform/brine/Store.h"
+#include "platform/brine/Reader.h"
 #include "tests/support/TempDir.h"
 
 namespace Brine {
@@ -64,7 +64,7 @@ TEST_F(OpeningTest, WhatIsNoFileIsNamedAndCostsNothing) {
       {"a symbolic link", [&](auto& path) { fs::create_symlink(parent.file("nowhere"), path); }},
       {"a device", [](auto& path) { mknod(path.c_str(), S_IFCHR | 0600, makedev(1, 5)); }},
   };
-  for (const char* name : {"brine.mdb", "brine.mdb-lock", "brine.writer"}) {
+  for (const char* name : {"brine.store", "brine.writer"}) {
     for (const auto& obstacle : obstacles) {
       SCOPED_TRACE(std::string(obstacle.what) + " for " + name);
       const std::string path = directory + "/" + name;
@@ -110,7 +110,7 @@ TEST_F(OpeningTest, ADirectoryThatOthersMayChangeIsRefused) {
   EXPECT_EQ(kept(), "kept");
 }
 
-// A start that found no descriptor left took the store for damaged, and began an empty one.
+// A start that found no descriptor left took the store for damaged, and began anew.
 TEST_F(OpeningTest, WantOfDescriptorsIsNoDamageAndMayPass) {
   fill();
   rlimit limit{};
@@ -133,99 +133,47 @@ TEST_F(OpeningTest, WantOfDescriptorsIsNoDamageAndMayPass) {
   }
   EXPECT_EQ(std::distance(fs::directory_iterator(parent.path()), {}), 1);
   options.patience = std::chrono::minutes(1);
-  limitTo(static_cast<rlim_t>(next));
+  std::atomic<bool> isLimited = false;
   std::thread relief([&] {
-    std::this_thread::yield();
+    while (!isLimited) std::this_thread::yield();
     limitTo(usual);
   });
+  limitTo(static_cast<rlim_t>(next));
+  isLimited = true;
   EXPECT_EQ(kept(), "kept");
   relief.join();
 }
 
-// A process that opens the store just while another file takes the place of its own makes a lock
-// file that counts the commits of the former. LMDB took the new store for an empty one by that.
-TEST_F(OpeningTest, ALockFileOfAFormerFileCostsNothing) {
-  for (const int commits : {20, 21}) {  // its two heads take turns
-    SCOPED_TRACE(commits);
-    fs::remove_all(directory);
-    fill();
-    for (int i = 0; i < commits; ++i) fill();
-    int ready[2], hold[2];
-    for (int* ends : {ready, hold}) ASSERT_EQ(pipe(ends), 0);
-    const pid_t reader = fork();
-    if (reader == 0) {
-      execl("/proc/self/exe", "brine_test", "--hold", directory.c_str(),
-            std::to_string(ready[1]).c_str(), std::to_string(hold[0]).c_str(), nullptr);
-      _exit(1);
-    }
-    char byte = 0;
-    ASSERT_EQ(read(ready[0], &byte, 1), 1);
-    const std::string former = directory;
-    directory = options.directory = parent.file("other");
-    fill();
-    fs::rename(directory + "/brine.mdb", former + "/brine.mdb");
-    fs::remove_all(directory);
-    directory = options.directory = former;
-    EXPECT_EQ(kept(), "kept");
-    EXPECT_EQ(write(hold[1], "e", 1), 1);
-    waitpid(reader, nullptr, 0);
-    for (const int end : {ready[0], ready[1], hold[0], hold[1]}) close(end);
-    EXPECT_EQ(kept(), "kept");
-  }
-}
-
-// Runs this program as the first process of a PID namespace of its own; returns its process id as
-// the test sees it, or -1.
-pid_t startAlone(const std::vector<const char*>& arguments) {
-  const pid_t child = fork();
-  if (child != 0) return child;
-  if (unshare(CLONE_NEWPID) != 0) _exit(77);
-  const pid_t first = fork();
-  if (first == 0) {
-    std::vector<char*> all;
-    for (const char* argument : arguments) all.push_back(const_cast<char*>(argument));
-    all.push_back(nullptr);
-    execv("/proc/self/exe", all.data());
-    _exit(1);
-  }
-  int status = 0;
-  waitpid(first, &status, 0);
-  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
-}
-
-std::string textFrom(int pipe) {
-  std::string text;
-  char c = 0;
-  while (read(pipe, &c, 1) == 1) text += c;
-  return text;
-}
-
-// One container for the agent and one for the forwarding agent: both are process 1.
-TEST_F(OpeningTest, ProcessesOfOneNumberInTwoNamespacesAreNamed) {
+// Before the store was a file of slots, brine.mdb was its name.
+TEST_F(OpeningTest, AStoreOfAFormerVersionIsKeptAside) {
+  fs::create_directory(directory);
+  for (const char* name : {"/brine.mdb", "/brine.mdb-lock"}) std::ofstream(directory + name) << "x";
+  const auto error = refusal();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->trouble, Trouble::wrongVersion);
+  EXPECT_TRUE(fs::exists(directory + "/brine.mdb"));
+  std::string place;
+  Store::rebuild(options, error->trouble, &place);
+  EXPECT_EQ(fs::file_size(place + "/brine.mdb"), 1u);
+  EXPECT_EQ(kept(), "(none)");
   fill();
-  int ready[2], said[2], hold[2];
-  for (int* ends : {ready, hold}) ASSERT_EQ(pipe(ends), 0);
-  const auto text = [](int number) { return std::to_string(number); };
-  const pid_t reader = startAlone(
-      {"brine_test", "--hold", directory.c_str(), text(ready[1]).c_str(), text(hold[0]).c_str()});
-  close(ready[1]);
-  char byte = 0;
-  if (read(ready[0], &byte, 1) != 1) {
-    int status = 0;
-    waitpid(reader, &status, 0);
-    ASSERT_EQ(WEXITSTATUS(status), 77);
-    GTEST_SKIP() << "a PID namespace needs root";
-  }
-  ASSERT_EQ(pipe(said), 0);
-  const pid_t writer =
-      startAlone({"brine_test", "--open", directory.c_str(), text(said[1]).c_str()});
-  close(said[1]);
-  EXPECT_THAT(textFrom(said[0]), AllOf(HasSubstr("PID namespace"), HasSubstr("share")));
-  waitpid(writer, nullptr, 0);
-  EXPECT_EQ(write(hold[1], "e", 1), 1);
-  waitpid(reader, nullptr, 0);
-  for (const int end : {ready[0], said[0], hold[0], hold[1]}) close(end);
   EXPECT_EQ(kept(), "kept");
+}
+
+TEST_F(OpeningTest, AStoreLargerThanItsLimitServesWhatItHas) {
+  fill();
+  options.maxBytes = 1;
+  EXPECT_EQ(kept(), "kept");
+  const auto store = Store::open(options);
+  try {
+    store->put(store->table("rows"), asBytes("large"), asBytes(std::string(200000, 'l')));
+    ADD_FAILURE() << "no limit";
+  } catch (const StoreError& error) {
+    EXPECT_EQ(error.trouble, Trouble::full);
+  }
+  store->put(store->table("rows"), asBytes("new"), asBytes("slot"));
+  store->commit();
+  EXPECT_EQ(store->count(store->table("rows")), 2u);
 }
 
 TEST_F(OpeningTest, AnotherBootsStoreIsKeptAsideOnce) {
@@ -238,7 +186,7 @@ TEST_F(OpeningTest, AnotherBootsStoreIsKeptAsideOnce) {
       std::string place;
       Store::rebuild(options, error->trouble, &place);
       EXPECT_EQ(place, directory + ".earlier-boot");
-      EXPECT_TRUE(fs::exists(place + "/brine.mdb"));
+      EXPECT_TRUE(fs::exists(place + "/brine.store"));
     }
     EXPECT_EQ(kept(), "(none)");
     fill();
@@ -248,26 +196,4 @@ TEST_F(OpeningTest, AnotherBootsStoreIsKeptAsideOnce) {
 }
 
 }  // namespace
-
-// The children of the test above: one keeps a snapshot until it is told to end, the other opens the
-// store and names the obstacle.
-int holdSnapshot(const std::string& directory, int ready, int hold) {
-  const auto reader = Reader::open(directory);
-  const auto snapshot = reader->snapshot();
-  char byte = 'r';
-  if (write(ready, &byte, 1) != 1) return 1;
-  close(ready);
-  return read(hold, &byte, 1) == 1 ? 0 : 1;
-}
-
-int openAndSay(const std::string& directory, int said) {
-  std::string text = "opened";
-  try {
-    Store::open({.directory = directory});
-  } catch (const StoreError& error) {
-    text = error.what();
-  }
-  return write(said, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1;
-}
-
 }  // namespace Brine

@@ -37,13 +37,13 @@ class Agent {
     database = Lattice::Database::create(loop, *store,
                                          {.doorbellPath = directory + "/doorbell.sock",
                                           .journalChangesWithoutSubscriber = journalBound});
-    database->observerIs({[this](std::span<const Lattice::Report> reports) {
-                            for (const auto& report : reports) {
-                              heard.push_back(report);
-                              texts.emplace_back(report.message);
-                            }
-                          },
-                          [this](uint64_t sequence) { inStep = sequence; }});
+    programmed = store->committedSequence();
+    database->observerIs({.reports =
+                              [this](std::span<const Lattice::Report> reports) {
+                                for (const auto& report : reports) hear(report);
+                              },
+                          .programmed = [this](uint64_t sequence) { hearAllUpTo(sequence); },
+                          .inStep = [this](uint64_t sequence) { inStep = sequence; }});
     thread = std::thread([this] { loop.run(); });
   }
   ~Agent() {
@@ -63,6 +63,29 @@ class Agent {
     slot = Vela::make<Lattice::ArTableInterface>(name, name + "Type", nullptr);
     database->bindInterface(slot, name, persistent);
     return *slot;
+  }
+
+  void hear(const Lattice::Report& report) {
+    heard.push_back(report);
+    texts.emplace_back(report.message);
+  }
+  // Counts like a report on each change, but for those that were settled by one.
+  void hearAllUpTo(uint64_t sequence) {
+    std::map<uint64_t, uint64_t> owners;  // of changes, by sequence number
+    for (uint64_t next = programmed + 1; next <= sequence; ++next) {
+      if (const auto change = store->change(next)) owners[next] = change->owner;
+    }
+    for (const auto& [name, table] : tables) {  // a change outside a batch is settled at once
+      table->forEachCommitted(
+          [&](const Lattice::StoredRow& row) { return owners[row.sequence] = row.entryHandle; });
+    }
+    for (const auto& report : heard) {
+      if (report.settles) owners.erase(report.sequence);
+    }
+    for (const auto& [at, owner] : owners) {
+      if (at > programmed && at <= sequence) hear({.entryHandle = owner, .sequence = at});
+    }
+    programmed = sequence;
   }
 
   // Follows until `done` holds, or so long that it never will.
@@ -85,6 +108,7 @@ class Agent {
   std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> tables;
   std::vector<Lattice::Report> heard;
   std::vector<std::string> texts;
+  uint64_t programmed = 0;
   uint64_t inStep = 0;
   std::thread thread;
 };

@@ -46,7 +46,7 @@ TEST_F(FetchTest, LaysEntriesOutWithoutPadding) {
   EXPECT_EQ(fetched(groupTable).size(), 36u);
 }
 
-TEST_F(FetchTest, AnswersTheTableAskedForInTheOrderOfItsHandles) {
+TEST_F(FetchTest, HasTheEntriesOfTheTableAskedFor) {
   std::string expected;
   for (const uint8_t id : {9, 1, 5}) {
     const Entry entry = exactEntry(id);
@@ -64,13 +64,13 @@ TEST_F(FetchTest, AnswersTheTableAskedForInTheOrderOfItsHandles) {
 
 TEST_F(FetchTest, PassesOverWhatCannotBeAnEntry) {
   const uint64_t good = agent().program(exactEntry(1));
-  const uint64_t damaged = agent().program(exactEntry(2));
+  agent().program(exactEntry(2));
+  agent().recordBytesAre(exactEntry(2), "\xFF not a record");
   const uint64_t foreign = agent().program(exactEntry(3));
   const uint64_t tooLarge = agent().program(exactEntry(4));
   {
     const Vela::ActivityLock lock;
     TableCache& cache = *agent().tableImpl->tableCache();
-    cache.storedIs({{tableResource, exactTable}, damaged}, Brine::asBytes("not a record"));
     TableCacheEntry record = *cache.cache({{tableResource, exactTable}, foreign});
     record.matchKeyDataIs(7, 1);  // longer than the table's keys
     cache.cacheIs(record);

@@ -77,7 +77,7 @@ TEST_F(RollBackTest, FailedDeleteLeavesTheEntry) {
   agent().del(0, old_);
   agent().end();
   EXPECT_EQ(agent().record(exactTable, handle)->entryState, EntryState::pendingToBeDeleted);
-  EXPECT_EQ(agent().handleOf(old_), handle) << "bound until the outcome is known";
+  EXPECT_TRUE(agent().handles->entryHandleToResourceIdHas(handle)) << "until the outcome is known";
   forwarder().failNext(ErrorCode::notReady);
   EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, UNAVAILABLE)));
   expectStands(old_, handle);
@@ -216,9 +216,11 @@ TEST_F(RollBackTest, FailureToRemoveWhatWasTakenBackIsKeptUntilMended) {
   for (const char* mended : {"removed later", "swept with a snapshot", "written over"}) {
     agent().begin();
     agent().add(0, old_);
+    agent().add(1, changed_);
     agent().end();
     forwarder().ignoreNext();
-    EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, DEADLINE_EXCEEDED)));
+    EXPECT_THAT(agent().outcome(),
+                ElementsAre(FailedWith(0, DEADLINE_EXCEEDED), FailedWith(1, DEADLINE_EXCEEDED)));
     agent().tableImpl->revertCriticalState();
     const RowChange undoing = forwarder().next();
     forwarder().failNext(ErrorCode::hardwareError, "stuck");
@@ -273,6 +275,32 @@ TEST_F(RollBackTest, LateSuccessOfATimedOutAddLeavesTheFailureOfItsRemoval) {
   forwarder().report(add, ErrorCode::none);
   EXPECT_EQ(failures.failedEntries(), 1u);
   forwarder().report(removal, ErrorCode::none);
+  EXPECT_EQ(failures.failedEntries(), 0u);
+}
+
+// Successes come as one word on all changes up to a number, so that no report names the removal.
+TEST(EntryFailures, ForgetsWhatWasTakenBackOnceItsRemovalIsProgrammed) {
+  EntryFailures failures("failures");
+  for (uint64_t handle = 1; handle <= 4; ++handle) failures.undoneIs(handle, "entry", 10 * handle);
+  failures.failureIs(2, 1, 20, "entry not removed");
+  failures.failureIs(3, 1, 30, "entry not removed");
+  failures.programmedUpToIs(30);
+  const auto remembered = [&] {
+    std::vector<uint64_t> handles;
+    for (uint64_t handle = 1; handle <= 4; ++handle) {
+      if (failures.undone(handle)) handles.push_back(handle);
+    }
+    return handles;
+  };
+  EXPECT_THAT(remembered(), ElementsAre(2, 3, 4));
+  failures.programmedIs(2, 1, 20);  // mended
+  EXPECT_THAT(remembered(), ElementsAre(3, 4));
+  failures.agentDel(1);
+  EXPECT_THAT(remembered(), ElementsAre(4));
+  failures.programmedIs(4, 1, 40);
+  EXPECT_THAT(remembered(), ElementsAre(4)) << "another forwarding agent may still fail";
+  failures.programmedUpToIs(40);
+  EXPECT_THAT(remembered(), ElementsAre());
   EXPECT_EQ(failures.failedEntries(), 0u);
 }
 

@@ -32,11 +32,12 @@ TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
                                   RefusedMessage{"why"}.encode(),
                                   RingMessage{7}.encode(),
                                   InStepMessage{7}.encode(),
+                                  ProgrammedMessage{7}.encode(),
                                   someReports(9)};
   const auto accepted = [](const std::string& m) {
     const auto reports = decodeReports(m);
     return AttachMessage::decode(m) || AttachedMessage::decode(m) || RefusedMessage::decode(m) ||
-           RingMessage::decode(m) || InStepMessage::decode(m) ||
+           RingMessage::decode(m) || InStepMessage::decode(m) || ProgrammedMessage::decode(m) ||
            (reports && eachReport(*reports, [](const PackedReport&) {}));
   };
   for (const std::string& message : messages) {
@@ -46,7 +47,7 @@ TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
     }
     EXPECT_FALSE(accepted(message + "x"));
     std::string foreign = message;
-    foreign[1] = 2;
+    foreign[1] = 9;
     EXPECT_FALSE(accepted(foreign));
   }
 }
@@ -103,6 +104,7 @@ TEST_F(DoorbellTest, DropsWhoSendsNonsense) {
       {"attaching twice", {attach, attach}},
       {"reports on what it cannot have received", {attach, someReports(1 << 30)}},
       {"in step with the future", {attach, InStepMessage{1 << 30}.encode()}},
+      {"having programmed the future", {attach, ProgrammedMessage{1 << 30}.encode()}},
       {"cut reports", {attach, someReports(0).substr(0, 30)}},
       {"the agent's own words", {attach, RingMessage{1}.encode()}},
   };
@@ -121,12 +123,169 @@ TEST_F(DoorbellTest, DropsWhoSendsNonsense) {
     if (round % 2) socket.send(attach);
     std::string message(random() % 200, '\0');
     for (char& c : message) c = static_cast<char>(random());
-    if (message.size() > 2 && round % 3) message[0] = random() % 7, message[1] = 1;
+    if (message.size() > 2 && round % 3) message[0] = random() % 8, message[1] = 1 + random() % 2;
     socket.send(message);
   }
   EXPECT_TRUE(eventually([&] { return attached() == 0; }));
   Follower follower(directory.path());
   EXPECT_TRUE(Agent::followUntil({follower.subscriber.get()}, [&] { return follower.snapshots; }));
+}
+
+// As the followers of the first version do, which know no cumulative word.
+std::string asFirstVersion(std::string message) {
+  message[1] = 1;
+  return message;
+}
+
+struct FirstVersionTest : DoorbellTest {
+  ArTableInterface& routes = agent.table("routes");
+  Socket old = connect();
+
+  // The next message of the agent that is no ring.
+  std::string received() {
+    std::string buffer(maxMessageBytes, '\0');
+    std::string_view message;
+    const bool came = eventually([&] {
+      return old.receive(buffer, &message) == Socket::Received::message &&
+             messageKind(message) != MessageKind::ring;
+    });
+    return came ? std::string(message) : std::string();
+  }
+  void attach() {
+    old.send(asFirstVersion(AttachMessage{0, {}, "old"}.encode()));
+    ASSERT_TRUE(eventually([&] { return attached() == 1; }));
+    EXPECT_EQ(received().substr(0, 2), std::string("\2\1", 2));
+  }
+  uint64_t write(uint32_t dst) {
+    const ActivityLock lock;
+    return routes.rowIs(route(dst, 1), 100 + dst);
+  }
+  void report(uint32_t dst, uint64_t sequence, uint16_t code = 0) {
+    ReportsWriter writer;
+    writer.add({100 + dst, sequence, code, ""});
+    old.send(asFirstVersion(writer.finish(sequence, 0)));
+  }
+  // The changes settled so far, in order, by the rows they were written to.
+  std::vector<uint32_t> settled() {
+    std::vector<uint32_t> all;
+    for (const Report& report : agent.heard) {
+      if (report.settles) all.push_back(report.entryHandle - 100);
+    }
+    return all;
+  }
+};
+
+TEST_F(FirstVersionTest, GetsMessagesThatItKnowsAndItsReportsCount) {
+  attach();
+  const uint64_t first = write(1);
+  std::string buffer(maxMessageBytes, '\0');
+  std::string_view ring;
+  ASSERT_TRUE(eventually([&] { return old.receive(buffer, &ring) == Socket::Received::message; }));
+  EXPECT_EQ(ring, asFirstVersion(RingMessage{first}.encode()));
+  report(1, first);
+  report(2, write(2), 7);
+  EXPECT_TRUE(eventually([&] { return settled() == std::vector<uint32_t>{1, 2}; }));
+  EXPECT_EQ(agent.heard.back().errorCode, 7);
+  old.send(asFirstVersion(ProgrammedMessage{first}.encode()));
+  EXPECT_TRUE(eventually([&] { return attached() == 0; })) << "not a word of its version";
+}
+
+// Each decides about the changes that were committed while it was attached.
+TEST_F(FirstVersionTest, DecidesTogetherWithFollowersOfThisVersion) {
+  Follower other(directory.path());
+  const auto settledAre = [&](const std::vector<uint32_t>& rows) {
+    return Agent::followUntil({other.subscriber.get()}, [&] { return settled() == rows; });
+  };
+  ASSERT_TRUE(Agent::followUntil({other.subscriber.get()}, [&] { return other.snapshots; }));
+  other.holdBack = true;
+  write(1);
+  ASSERT_TRUE(Agent::followUntil({other.subscriber.get()}, [&] { return other.held.size(); }));
+  old.send(asFirstVersion(AttachMessage{0, {}, "old"}.encode()));
+  ASSERT_TRUE(eventually([&] { return attached() == 2; }));
+  other.holdBack = false;
+  other.reportAll();
+  EXPECT_TRUE(settledAre({1})) << "the old one has come later";
+  const uint64_t second = write(2);
+  const uint64_t third = write(3);
+  report(3, third);
+  EXPECT_TRUE(settledAre({1, 3}));
+  report(2, second);
+  EXPECT_TRUE(settledAre({1, 3, 2}));
+}
+
+// A follower that has come since has not programmed what the one before it leaves behind.
+TEST_F(DoorbellTest, WhatNobodyProgrammedStaysUnsettledWhenItsFollowerLeaves) {
+  auto& routes = agent.table("routes");
+  auto first = std::make_unique<Follower>(directory.path(), "first");
+  ASSERT_TRUE(Agent::followUntil({first->subscriber.get()}, [&] { return agent.inStep; }));
+  first->holdBack = true;
+  {
+    const ActivityLock lock;
+    routes.rowIs(route(1, 1), 7);
+  }
+  Follower second(directory.path(), "second");
+  second.holdBack = true;
+  ASSERT_TRUE(Agent::followUntil({first->subscriber.get(), second.subscriber.get()},
+                                 [&] { return second.held.size() == 1; }));
+  first.reset();
+  ASSERT_TRUE(Agent::followUntil({second.subscriber.get()}, [&] { return attached() == 1; }));
+  {
+    const ActivityLock lock;
+    EXPECT_TRUE(agent.heard.empty());
+  }
+  second.reportAll();
+  EXPECT_TRUE(Agent::followUntil({second.subscriber.get()}, [&] { return agent.heard.size(); }));
+}
+
+// Its programming goes on when the connection is lost; only when it is through is it programmed.
+TEST_F(DoorbellTest, AFollowerThatComesBackDoesNotSayProgrammedTooEarly) {
+  auto& routes = agent.table("routes");
+  Follower follower(directory.path());
+  const auto follow = [&](const std::function<bool()>& done) {
+    return Agent::followUntil({follower.subscriber.get()}, done);
+  };
+  ASSERT_TRUE(follow([&] { return agent.inStep; }));
+  follower.holdBack = true;
+  for (const uint32_t dst : {1, 2}) {
+    const ActivityLock lock;
+    routes.rowIs(route(dst, 1), 100 + dst);
+  }
+  ASSERT_TRUE(follow([&] { return follower.held.size() == 2; }));
+  shutdown(follower.subscriber->descriptor(), SHUT_RDWR);
+  ASSERT_TRUE(follow([&] { return !follower.subscriber->attached(); }));
+  follower.subscriber->report(101, follower.held[0].second, 0, {});
+  follower.held.erase(follower.held.begin());
+  ASSERT_TRUE(follow([&] { return agent.heard.size(); }));
+  EXPECT_EQ(follower.snapshots, 1u);
+  {
+    const ActivityLock lock;
+    EXPECT_EQ(agent.heard.size(), 1u);
+    EXPECT_EQ(agent.heard[0].entryHandle, 101u);
+  }
+  follower.reportAll();
+  EXPECT_TRUE(follow([&] { return agent.heard.size() == 2; }));
+}
+
+TEST_F(DoorbellTest, AChangeThatIsNeverReportedOnHoldsNoOtherBack) {
+  auto& routes = agent.table("routes");
+  Follower follower(directory.path());
+  const auto follow = [&](const std::function<bool()>& done) {
+    return Agent::followUntil({follower.subscriber.get()}, done);
+  };
+  ASSERT_TRUE(follow([&] { return agent.inStep; }));
+  follower.holdBack = true;
+  for (uint32_t i = 0; i < 5000; ++i) {
+    const ActivityLock lock;
+    routes.rowIs(route(i, 1), 100 + i);
+  }
+  ASSERT_TRUE(follow([&] { return follower.held.size() == 5000; }));
+  const auto first = follower.held[0];
+  follower.held.erase(follower.held.begin());
+  follower.reportAll();
+  ASSERT_TRUE(follow([&] { return agent.heard.size() == 4999; }));
+  follower.subscriber->report(first.first, first.second, 0, {});  // at last
+  ASSERT_TRUE(follow([&] { return agent.heard.size() == 5000; }));
+  EXPECT_EQ(agent.heard.back().entryHandle, 100u);
 }
 
 TEST_F(DoorbellTest, WhoDoesNotReadDoesNotBlockTheAgent) {
@@ -145,6 +304,7 @@ TEST_F(DoorbellTest, WhoDoesNotReadDoesNotBlockTheAgent) {
 TEST_F(DoorbellTest, SubscribersSurviveAnAgentThatTalksNonsense) {
   const TempDir other;
   const Vela::UnixListener listener({.path = other.file("doorbell.sock"), .type = SOCK_SEQPACKET});
+  const auto store = Brine::Store::open({.directory = other.path()});
   Follower follower(other.path());
   const std::string answers[] = {"garbage", std::string(maxMessageBytes + 1, 'x'),
                                  RingMessage{5}.encode(), RefusedMessage{"not you"}.encode(),
@@ -161,6 +321,8 @@ TEST_F(DoorbellTest, SubscribersSurviveAnAgentThatTalksNonsense) {
     EXPECT_FALSE(follower.subscriber->attached());
     EXPECT_NE(follower.subscriber->trouble(), "");
   }
+  // Another agent's store came between the agent's word and our look.
+  EXPECT_NE(follower.subscriber->trouble().find("the store in " + other.path()), std::string::npos);
 }
 
 // 64 connections that said nothing kept forwarding agents out, for good.
