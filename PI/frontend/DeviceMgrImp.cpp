@@ -8,8 +8,9 @@
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
 #include "PI/frontend/read/ReadRun.h"
-#include "PI/frontend/write/WriteRun.h"
+#include "PI/frontend/write/WaitingWrite.h"
 #include "PI/pi.h"
+#include "PI/pi_extensions.h"
 
 namespace pi::fe::proto {
 
@@ -56,6 +57,7 @@ pi_status_t constantEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId, const p
 pi_status_t restoreDone(void* cookie, pi_dev_id_t) { return imp(cookie).handleRestoreDone(); }
 
 // The outcome of a batch comes from its status vector, so nothing hears of entries one by one.
+constexpr size_t kFewUpdates = 32;  // of several Writes: waking up would take longer
 constexpr pi_frontend_hooks_t kHooks{.entry_status_changed = nullptr,
                                      .restore_table_entry = restoreTableEntry,
                                      .restore_action_profile_member = restoreMember,
@@ -132,20 +134,46 @@ DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
                                          const DeviceMgr::Admit& admit) {
   return statusOf([&]() -> Status {
     requireWritePermission();
-    awaitedPipeline();
+    const std::shared_ptr<Pipeline> current = awaitedPipeline();
     requireAtomicity(request);
     requireSize(request.updates_size(), "updates");
+    WaitingWrite write{request, admit, current, checkedWrite(current->index(), request)};
+    writeTurns_.take(write, [this](auto writes) { return runTogether(writes); });
+    if (write.error) std::rethrow_exception(write.error);
+    return write.status;
+  });
+}
+
+// Runs the first Write, and those behind it that can share its batches. Returns how many are done.
+size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
+  std::vector<WaitingWrite*> run;
+  size_t done = 0;
+  try {
     const std::lock_guard writing(writeMutex_);
-    const Status admitted = admit ? admit() : Status();
-    if (admitted.code() != 0) return admitted;
-    requireWritePermission();  // the Write before this one may have brought the critical state
+    requireWritePermission();  // the Write before may have brought the critical state
     if (restoringPipeline() != nullptr) {
       refuse(code::unavailable, "device ", deviceId_, " is getting a new pipeline; try again");
     }
     const std::shared_ptr<Pipeline> current = pipeline();
-    WriteRun run(current->index(), current->store(), current->use(), session(*current));
-    return run.run(request);
-  });
+    WriteRun batches(current->index(), current->store(), current->use(), session(*current));
+    for (; done < writes.size(); ++done) {
+      WaitingWrite& write = *writes[done];
+      if (write.admit) write.status = write.admit();
+      if (write.status.code() != 0) continue;
+      if (write.pipeline != current) write.checked = checkedWrite(current->index(), write.request);
+      if (!batches.add(write.checked, &write.status)) break;
+      run.push_back(&write);
+    }
+    pi_batch_urgent_set(writes.size() == 1 || batches.size() <= kFewUpdates);
+    batches.run();
+  } catch (...) {
+    if (done == 0) {
+      run.push_back(writes.front());
+      done = 1;
+    }
+    for (WaitingWrite* write : run) write->error = std::current_exception();
+  }
+  return done;
 }
 
 DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,

@@ -13,6 +13,7 @@
 #include "PI/core/PacketCounts.h"
 #include "PI/frontend/Pipeline.h"
 #include "PI/frontend/read/ReadTurns.h"
+#include "PI/frontend/write/WriteTurns.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/int/pi_frontend_hooks.h"
 
@@ -70,6 +71,7 @@ class DeviceMgrImp {
   std::shared_ptr<Pipeline> pipeline() const;
 
  private:
+  size_t runTogether(std::span<WaitingWrite* const> writes);
   std::shared_ptr<Pipeline> restoringPipeline() const;
   std::shared_ptr<Pipeline> awaitedPipeline() const;
   void packetInCbIs();
@@ -88,9 +90,10 @@ class DeviceMgrImp {
   mutable ReadTurns readTurns_;
   pi_session_handle_t sessionHandle_ = 0;
 
-  // Guards no member: lets one Write or change of pipeline run at a time. Held in calls of the
-  // target, which takes its own lock: no function that the target calls may take this one.
+  // Guards no member: lets one turn of Writes or change of pipeline run at a time. Held in calls of
+  // the target, which takes its own lock: no function that the target calls may take this one.
   std::mutex writeMutex_;
+  WriteTurns writeTurns_;
 
   // Guards the members below. A leaf: taken by the target's reports, never held in calls of the
   // target.

@@ -1,4 +1,4 @@
-// Carries out one Write.
+// Carries out Writes.
 #include "PI/frontend/write/WriteRun.h"
 
 #include "PI/core/EndProcess.h"
@@ -12,6 +12,9 @@
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_pending_imp.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace pi::fe::proto {
 
 using p4::v1::Update;
@@ -19,8 +22,9 @@ using p4::v1::Update;
 namespace {
 
 constexpr int kBatchUpdateFailed = 40;  // the target writes the error into the status vector
+constexpr size_t kMostTogether = 4096;  // updates of several Writes: each waits for all of them
 
-// Commits the changes that a Write has kept, however the Write ends.
+// Commits the changes that the Writes have kept, however they end.
 class WriteScope {
  public:
   explicit WriteScope(EntryStore& store) : store_(store) {}
@@ -36,33 +40,84 @@ class WriteScope {
 
 }  // namespace
 
-google::rpc::Status WriteRun::run(const p4::v1::WriteRequest& request) {
-  operations_.resize(request.updates_size());
-  order_.reserve(operations_.size());
-  doCheck(request);
+CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request) {
+  CheckedWrite write;
+  write.operations.resize(request.updates_size());
+  for (size_t i = 0; i < write.operations.size(); ++i) {
+    WriteOperation& operation = write.operations[i];
+    try {
+      operation.update = checkedUpdate(index, request.updates(static_cast<int>(i)));
+      operation.runs = static_cast<bool>(operation.update.slot.entry);
+    } catch (const Refusal& refusal) {
+      if (write.errors.empty()) write.errors.resize(write.operations.size());
+      write.errors[i].set_canonical_code(refusal.code());
+      write.errors[i].set_message(refusal.message());
+    }
+  }
+  return write;
+}
+
+bool WriteRun::add(CheckedWrite& write, google::rpc::Status* status) {
+  if (!fits(write)) return false;
+  const auto first = static_cast<uint32_t>(operations_.size());
+  const auto count = static_cast<uint32_t>(write.operations.size());
+  order_.reserve(first + count);
+  if (first == 0) {
+    operations_ = std::move(write.operations);
+  } else {
+    std::ranges::move(write.operations, std::back_inserter(operations_));
+  }
+  parts_.push_back({first, count, status});
+  for (uint32_t offset = first; offset < first + count; ++offset) {
+    if (operations_[offset].runs) doOrder(offset);
+  }
+  if (first > 0 && levels_ > 1) {
+    doRemoveLast(&write);
+    return false;
+  }
+  for (uint32_t i = 0; i < write.errors.size(); ++i) {
+    const p4::v1::Error& error = write.errors[i];
+    if (error.canonical_code() != code::ok)
+      doFail(first + i, error.canonical_code(), error.message());
+  }
+  return true;
+}
+
+bool WriteRun::fits(const CheckedWrite& write) const {
+  if (parts_.empty()) return true;
+  return levels_ <= 1 && operations_.size() + write.operations.size() <= kMostTogether;
+}
+
+void WriteRun::doRemoveLast(CheckedWrite* write) {
+  const uint32_t first = parts_.back().first;
+  for (uint32_t i = 0; i < parts_.back().count; ++i) {
+    write->operations[i] = std::move(operations_[first + i]);
+  }
+  operations_.resize(first);
+  parts_.pop_back();
+  levels_ = 1;
+}
+
+void WriteRun::run() {
   if (levels_ != 0) {
     const WriteScope scope(store_);
     for (const Batch& batch : batches()) doRunBatch(batch);
   }
-  if (errors_.empty()) return okStatus();
-  return itemisedStatus(&errors_, "updates");
+  for (const Part& part : parts_) *part.status = statusOf(part);
 }
 
-void WriteRun::doCheck(const p4::v1::WriteRequest& request) {
-  for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
-    try {
-      operations_[offset].update = checkedUpdate(index_, request.updates(static_cast<int>(offset)));
-      if (operations_[offset].update.slot.entry) doOrder(offset);
-    } catch (const Refusal& refusal) {
-      doFail(offset, refusal.code(), refusal.message());
-    }
-  }
+google::rpc::Status WriteRun::statusOf(const Part& part) const {
+  if (errors_.empty()) return okStatus();
+  const auto first = errors_.begin() + part.first;
+  std::vector<p4::v1::Error> errors(first, first + part.count);
+  const bool isOk = std::ranges::all_of(
+      errors, [](const p4::v1::Error& error) { return error.canonical_code() == code::ok; });
+  return isOk ? okStatus() : itemisedStatus(&errors, "updates");
 }
 
 void WriteRun::doOrder(uint32_t offset) {
   Operation& operation = operations_[offset];
   operation.level = order_.level(operation.update);
-  operation.runs = true;
   levels_ = std::max(levels_, operation.level + 1);
 }
 

@@ -1,5 +1,5 @@
-// Carries out one Write: checks its updates, runs them through the target in batches, and enters
-// the confirmed outcome into the store.
+// Carries out Writes: runs their updates through the target in batches, and enters the confirmed
+// outcome into the store.
 #pragma once
 
 #include <cstdint>
@@ -19,15 +19,37 @@
 
 namespace pi::fe::proto {
 
-// For one Write. One runs at a time for a store, on the thread of the Write; no lock may
-// be held, since the target takes its own and waits for the forwarding plane.
+// An update of a Write on its way.
+struct WriteOperation {
+  CheckedUpdate update;
+  bool runs = false;     // not refused by the check
+  uint32_t level = 0;    // the batch it runs in
+  bool pending = false;  // given to the target; ends in its status vector or succeeded
+  bool failed = false;   // there
+};
+
+// The updates of a Write, checked against the P4Info alone.
+struct CheckedWrite {
+  std::vector<WriteOperation> operations;  // one an update
+  std::vector<p4::v1::Error> errors;       // empty, or one an update
+};
+CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request);
+
+// For one Write, or for several that share their batches. One runs at a time for a store; no lock
+// of the front end but that of its Writes may be held, since the target takes its own and waits for
+// the forwarding plane.
 class WriteRun {
  public:
   WriteRun(const P4InfoIndex& index, EntryStore& store, ProfileUse& use,
            const TargetSession& session)
       : index_(index), store_(store), use_(use), session_(session), state_(store, use) {}
 
-  google::rpc::Status run(const p4::v1::WriteRequest& request);
+  // Adds a Write, whose status run() sets. False for one that must wait for the outcome of those
+  // added before, or makes the batch too large: it is left as it was, and no other can be added.
+  bool add(CheckedWrite& write, google::rpc::Status* status);
+  size_t size() const { return operations_.size(); }  // updates
+  // Throws a Refusal, or an exception of a library, when none of it can be run.
+  void run();
 
  private:
   using StatusVector = std::vector<std::pair<uint32_t, p4::v1::Error>>;
@@ -37,16 +59,18 @@ class WriteRun {
   struct NoBatch : Refusal {
     using Refusal::Refusal;
   };
-  struct Operation {
-    CheckedUpdate update;
-    bool runs = false;     // not refused by the check
-    uint32_t level = 0;    // the batch it runs in
-    bool pending = false;  // given to the target; ends in its status vector or succeeded
-    bool failed = false;   // there
+  using Operation = WriteOperation;
+  // A Write's part of the operations.
+  struct Part {
+    uint32_t first;
+    uint32_t count;
+    google::rpc::Status* status;
   };
 
-  void doCheck(const p4::v1::WriteRequest& request);
+  bool fits(const CheckedWrite& write) const;
   void doOrder(uint32_t offset);
+  void doRemoveLast(CheckedWrite* write);
+  google::rpc::Status statusOf(const Part& part) const;
   std::vector<Batch> batches() const;
   void doRunBatch(const Batch& batch);
   void doEndBatch(StatusVector* statuses);
@@ -66,6 +90,7 @@ class WriteRun {
   const TargetSession session_;
   StateCheck state_;
   WriteOrder order_{store_, use_};
+  std::vector<Part> parts_;
   std::vector<Operation> operations_;  // one an update
   std::vector<p4::v1::Error> errors_;  // empty, or one an update
   uint32_t levels_ = 0;
