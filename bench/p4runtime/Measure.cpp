@@ -13,10 +13,6 @@ namespace {
 
 using namespace TestSupport;
 
-// So many requests go to one target before the other's turn: other work of the machine
-// slows both alike.
-constexpr size_t turn = 10;
-
 Clock::duration readOne(TestController& controller, const p4::v1::TableEntry& query) {
   const auto start = Clock::now();
   const ReadOutcome outcome = controller.read(query, requestTimeout);
@@ -30,8 +26,7 @@ class Measurement {
  public:
   explicit Measurement(const Plan& plan)
       : plan_(plan),
-        tested_(plan.pipelineFile,
-                {.routes = static_cast<int64_t>(plan.tables.back() + spare(plan))}),
+        tested_(plan.pipelineFile, {.routes = static_cast<int64_t>(plan.tables.back())}),
         empty_(tested_.memory()) {}
 
   Results results() {
@@ -39,8 +34,7 @@ class Measurement {
       progress(fmt::format("{} entries: filling", table));
       TableFigures figures{.table = table, .fillRate = filled(table)};
       figures.memory = grownSince(empty_, tested_.memory());
-      for (const size_t batch : plan_.batches) measureWrites(table, batch);
-      if (plan_.wants("read")) measureReads(table);
+      measureReads(table);
       progress(fmt::format("{} entries: restart", table));
       figures.restartSeconds = tested_.restartSeconds();
       results_.tables.push_back(figures);
@@ -50,15 +44,6 @@ class Measurement {
   }
 
  private:
-  // Inserts measured at one size stand in the table until they are deleted.
-  static uint64_t spare(const Plan& plan) {
-    uint64_t most = 0;
-    for (const size_t batch : plan.batches) {
-      most = std::max<uint64_t>(most, plan.requests(batch) * batch);
-    }
-    return most + 1000;
-  }
-
   // Walks all numbers below `size`, far from one to the next.
   static uint64_t spread(uint64_t i, uint64_t size) {
     const uint64_t step = size % 7919 ? 7919 : 7907;  // primes
@@ -78,37 +63,6 @@ class Measurement {
       entries_ += count;
     }
     return static_cast<double>(entries_ - first) / (samples.total().count() / 1e6);
-  }
-
-  void measureWrites(uint64_t table, size_t batch) {
-    const size_t count = plan_.requests(batch);
-    const auto wanted = [&](const char* operation, const MadeUpdate& update) {
-      const Requests requests = requestsOf(tested_.controller(), count, batch, update);
-      Line line{.table = table, .batch = batch, .operation = operation};
-      progress(fmt::format("{} entries: {} in batches of {}", table, operation, batch));
-      writeByTurns(requests, line);
-      if (plan_.wants(operation)) results_.lines.push_back(std::move(line));
-    };
-    if (plan_.wants("modify")) {
-      // Spread over the table, no key twice a batch; never the nexthop that is there already.
-      ++modification_;
-      wanted("modify", [&](uint64_t i) {
-        const uint64_t nexthop = 2 + (i + modification_) % 1000;
-        return modifyOf(tested_.route(spread(i, table), static_cast<uint32_t>(nexthop)));
-      });
-    }
-    if (!plan_.wants("insert") && !plan_.wants("delete")) return;
-    wanted("insert", [&](uint64_t i) { return insertOf(tested_.route(table + i, 1)); });
-    wanted("delete", [&](uint64_t i) { return deleteOf(tested_.route(table + i, 1)); });
-  }
-
-  void writeByTurns(const Requests& requests, Line& line) {
-    for (size_t from = 0; from < requests.size(); from += turn) {
-      const size_t to = std::min(from + turn, requests.size());
-      for (size_t i = from; i < to; ++i)
-        line.ceiling.add(written(ceiling_.controller(), requests[i]));
-      for (size_t i = from; i < to; ++i) line.agent.add(written(tested_.controller(), requests[i]));
-    }
   }
 
   void measureReads(uint64_t table) {
@@ -141,7 +95,6 @@ class Measurement {
   CeilingProcess ceiling_;
   const Memory empty_;
   uint64_t entries_ = 0;
-  uint64_t modification_ = 0;
   Results results_;
 };
 

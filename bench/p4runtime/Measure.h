@@ -1,4 +1,4 @@
-// The measurements themselves: one controller, one request at a time, agent and ceiling by turns.
+// Tables of routes: how fast they are filled, read, and back after a restart, and their memory.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ namespace Bench {
 // One line of the result.
 struct Line {
   uint64_t table = 0;  // entries in it
-  size_t batch = 0;    // updates a request; for a wildcard read, entries an answer
+  size_t batch = 0;    // updates a request; for a Read, entries an answer
   std::string operation;
   Samples agent;
   Samples ceiling;  // empty: nothing to compare with

@@ -15,7 +15,7 @@ using namespace TestSupport;
 // The most updates of one kind that are measured at one size of batches.
 int64_t mostUpdates(const Plan& plan) {
   size_t most = 0;
-  for (const size_t batch : plan.batches) most = std::max(most, plan.requests(batch) * batch);
+  for (const size_t batch : plan.batches()) most = std::max(most, plan.requests(batch) * batch);
   return static_cast<int64_t>(most);
 }
 
@@ -30,7 +30,7 @@ class BatchMeasurement {
                  .members = 2 * mostUpdates(plan) * static_cast<int64_t>(groupSize)}) {}
 
   std::vector<Line> lines() {
-    for (const size_t batch : plan_.batches) measureBatch(batch);
+    for (const size_t batch : plan_.batches()) measureBatch(batch);
     return std::move(lines_);
   }
 

@@ -34,10 +34,6 @@ std::string ratio(std::optional<double> value) {
   return value ? fmt::format("{:.2f}", *value) : "-";
 }
 
-std::string milliseconds(Duration duration) {
-  return fmt::format("{:.3f}", duration.count() / 1000);
-}
-
 std::string ceilingRate(const Line& line) {
   return line.ceiling.count() ? fmt::format("{:.0f}", line.ceiling.perSecond(line.batch)) : "-";
 }
@@ -45,7 +41,7 @@ std::string ceilingRate(const Line& line) {
 std::string rateTable(const Results& results) {
   std::string text =
       fmt::format("{:>9} {:>7} {:<9} {:>11} {:>10} {:>10} {:>10} {:>11}\n", "table", "batch",
-                  "operation", "updates/s", "median ms", "p99 ms", "of ceiling", "of smallest");
+                  "operation", "entries/s", "median ms", "p99 ms", "of ceiling", "of smallest");
   for (const Line& line : results.lines) {
     const std::string batch = line.operation == "read all" ? "-" : std::to_string(line.batch);
     text +=
@@ -58,24 +54,18 @@ std::string rateTable(const Results& results) {
 }
 
 double bytesPerEntry(const TableFigures& figures) {
-  return static_cast<double>(figures.memory.privateBytes + figures.memory.stateBytes) /
-         static_cast<double>(figures.table);
+  return static_cast<double>(figures.memory.allBytes()) / static_cast<double>(figures.table);
 }
 
-// Pages of the state directory that the agent has mapped are resident in it as well, so the
-// resident size would count them twice; it stands beside for comparison.
 std::string figuresTable(const std::vector<TableFigures>& tables) {
   std::string text =
       fmt::format("{:>9} {:>13} {:>14} {:>13} {:>12} {:>12} {:>10}\n", "table", "fill, rows/s",
-                  "agent private", "agent RSS", "state dir", "bytes/entry", "restart s");
-  const auto mebibytes = [](size_t bytes) {
-    return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1 << 20));
-  };
+                  "agent", "forwarder", "state dir", "bytes/entry", "restart s");
   for (const TableFigures& figures : tables) {
     text +=
         fmt::format("{:>9} {:>13.0f} {:>14} {:>13} {:>12} {:>12.0f} {:>10.2f}\n", figures.table,
                     figures.fillRate, mebibytes(figures.memory.privateBytes),
-                    mebibytes(figures.memory.residentBytes), mebibytes(figures.memory.stateBytes),
+                    mebibytes(figures.memory.forwarderBytes), mebibytes(figures.memory.stateBytes),
                     bytesPerEntry(figures), figures.restartSeconds);
   }
   return text;
@@ -83,52 +73,15 @@ std::string figuresTable(const std::vector<TableFigures>& tables) {
 
 std::string tableFigures(const Results& results) {
   return figuresTable(results.tables) +
-         "agent and state dir: growth since the tables were empty; bytes/entry: private and "
-         "state dir\n";
+         "agent, forwarder: private memory; all three: growth since the tables were empty\n";
 }
 
-std::string aim(const std::string& what, double value, bool reached, const std::string& wanted) {
-  return fmt::format("{:<11} {}: {:.2f} (aim: {})\n", reached ? "reached" : "FALLS SHORT", what,
-                     value, wanted);
-}
-
-bool isWrite(const Line& line) { return !line.operation.starts_with("read"); }
-
-// Each aim is held against the worst line it speaks of.
-std::string ceilingAim(const Results& results, size_t batch, double least) {
-  const Line* worst = nullptr;
-  for (const Line& line : results.lines) {
-    if (!isWrite(line) || line.batch != batch || !ofCeiling(line)) continue;
-    if (!worst || *ofCeiling(line) < *ofCeiling(*worst)) worst = &line;
-  }
-  if (!worst) return "";
-  return aim(fmt::format("share of the ceiling, {} in batches of {}, {} entries", worst->operation,
-                         batch, worst->table),
-             *ofCeiling(*worst), *ofCeiling(*worst) >= least, fmt::format("{} or more", least));
-}
-
-std::string sizeAim(const Results& results) {
-  const uint64_t largest = results.tables.back().table;
-  const Line* worst = nullptr;
-  for (const Line& line : results.lines) {
-    if (!isWrite(line) || line.table != largest || !ofSmallest(results, line)) continue;
-    if (!worst || *ofSmallest(results, line) < *ofSmallest(results, *worst)) worst = &line;
-  }
-  if (!worst) return "";
-  const double share = *ofSmallest(results, *worst);
-  return aim(fmt::format("rate at {} entries over that at {}, {} in batches of {}", largest,
-                         results.tables.front().table, worst->operation, worst->batch),
-             share, share >= 0.7, "0.7 or more");
-}
-
+// Tables of other sizes have no aim.
 std::string aims(const Results& results) {
   const TableFigures& largest = results.tables.back();
-  return ceilingAim(results, 1, 0.6) + ceilingAim(results, 100, 0.5) +
-         ceilingAim(results, 1000, 0.4) + sizeAim(results) +
-         aim(fmt::format("seconds to restart with {} entries", largest.table),
-             largest.restartSeconds, largest.restartSeconds < 10, "under 10") +
-         aim(fmt::format("bytes an entry, at {} entries", largest.table), bytesPerEntry(largest),
-             bytesPerEntry(largest) < 1024, "under 1024");
+  if (largest.table != 1000000) return "";
+  return "\n" + aimLine("seconds to restart with 1000000 entries", largest.restartSeconds,
+                        largest.restartSeconds < 2, "under 2");
 }
 
 const Line* directLine(const ProfileResults& profiles, size_t batch) {
@@ -160,13 +113,27 @@ std::string referenceFigures(const TableFigures& figures, const Results& results
          fmt::format("of those with an action, table of {}: rate {:.2f}, bytes {:.2f}\n",
                      direct.table, figures.fillRate / direct.fillRate,
                      bytesPerEntry(figures) / bytesPerEntry(direct)) +
-         aim(fmt::format("seconds to restart with {} entries of groups", figures.table),
-             figures.restartSeconds, figures.restartSeconds < 10, "under 10") +
-         aim("bytes an entry of a group", bytesPerEntry(figures), bytesPerEntry(figures) < 1024,
-             "under 1024");
+         aimLine(fmt::format("seconds to restart with {} entries of groups", figures.table),
+                 figures.restartSeconds, figures.restartSeconds < 10, "under 10") +
+         aimLine("bytes an entry of a group", bytesPerEntry(figures), bytesPerEntry(figures) < 1024,
+                 "under 1024");
 }
 
 }  // namespace
+
+std::string aimLine(const std::string& what, double value, bool reached,
+                    const std::string& wanted) {
+  return fmt::format("{:<11} {}: {:.2f} (aim: {})\n", reached ? "reached" : "FALLS SHORT", what,
+                     value, wanted);
+}
+
+std::string milliseconds(Duration duration) {
+  return fmt::format("{:.3f}", duration.count() / 1000);
+}
+
+std::string mebibytes(size_t bytes) {
+  return fmt::format("{:.1f} MiB", static_cast<double>(bytes) / (1 << 20));
+}
 
 std::string report(const ProfileResults& profiles, const Results& results) {
   std::string text = "\n" + profileRates(profiles);
@@ -187,12 +154,12 @@ std::string report(const ReaderResults& readers) {
          fmt::format("the agent grew by {:.1f} MiB meanwhile, and by {:.1f} MiB for good\n",
                      static_cast<double>(readers.mostBytes) / (1 << 20),
                      static_cast<double>(readers.leftBytes) / (1 << 20)) +
-         aim("milliseconds of the longest Write beside readers", longest, longest < 100,
-             "under 100");
+         aimLine("milliseconds of the longest Write beside readers", longest, longest < 100,
+                 "under 100");
 }
 
 std::string report(const Results& results) {
-  return rateTable(results) + "\n" + tableFigures(results) + "\n" + aims(results);
+  return "\n" + rateTable(results) + "\n" + tableFigures(results) + aims(results);
 }
 
 }  // namespace Bench

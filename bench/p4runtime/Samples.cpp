@@ -7,6 +7,10 @@
 
 namespace Bench {
 
+void Samples::add(const Samples& others) {
+  roundTrips_.insert(roundTrips_.end(), others.roundTrips_.begin(), others.roundTrips_.end());
+}
+
 Duration Samples::total() const {
   return std::accumulate(roundTrips_.begin(), roundTrips_.end(), Duration::zero());
 }

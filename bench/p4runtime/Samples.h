@@ -13,6 +13,7 @@ using Duration = std::chrono::duration<double, std::micro>;
 class Samples {
  public:
   void add(Clock::duration roundTrip) { roundTrips_.push_back(Duration(roundTrip)); }
+  void add(const Samples& others);
   size_t count() const { return roundTrips_.size(); }
   Duration total() const;
   // Of the round trips, by rank; zero without round trips.

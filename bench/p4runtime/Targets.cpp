@@ -17,10 +17,22 @@ using namespace TestSupport;
 constexpr const char* routeTable = "ipv4_route";
 constexpr const char* wcmpTable = "wcmp";
 constexpr const char* wcmpProfile = "wcmp_selector";
+constexpr const char* exactTable = "exact";
+
+// Keys far from each other, in no order: an odd factor makes each 32-bit number another one, and
+// the factor's inverse makes it that number again.
+constexpr uint32_t keyFactor = 2654435761;
+constexpr uint32_t inverseOf(uint32_t factor) {
+  uint32_t inverse = factor;
+  for (int i = 0; i < 5; ++i) inverse *= 2 - factor * inverse;
+  return inverse;
+}
+static_assert(keyFactor * inverseOf(keyFactor) == 1);
 
 std::string preparedPipeline(Pipeline& pipeline, const Sizes& sizes, const TempDir& directory) {
   if (sizes.routes) pipeline.tableSizeIs(routeTable, sizes.routes);
   if (sizes.references) pipeline.tableSizeIs(wcmpTable, sizes.references);
+  if (sizes.exact) pipeline.tableSizeIs(exactTable, sizes.exact);
   if (sizes.members) pipeline.profileSizeIs(wcmpProfile, sizes.members);
   const std::string path = directory.file("pipeline.pb.bin");
   pipeline.written(path);
@@ -42,7 +54,7 @@ size_t statusBytes(pid_t pid, const std::string& field) {
 Memory grownSince(const Memory& before, const Memory& now) {
   const auto growth = [](size_t from, size_t to) { return to - std::min(from, to); };
   return {.privateBytes = growth(before.privateBytes, now.privateBytes),
-          .residentBytes = growth(before.residentBytes, now.residentBytes),
+          .forwarderBytes = growth(before.forwarderBytes, now.forwarderBytes),
           .stateBytes = growth(before.stateBytes, now.stateBytes)};
 }
 
@@ -61,6 +73,22 @@ MeasuredSwitch::MeasuredSwitch(const std::string& pipelineFile, const Sizes& siz
 void MeasuredSwitch::connect() {
   controller_ = std::make_unique<TestController>(agent_.address(), ++electionId_);
   if (!controller_->becomePrimary()) throw std::runtime_error("agent: " + agent_.output());
+}
+
+p4::v1::TableEntry MeasuredSwitch::exact(uint64_t i, uint64_t round) const {
+  const uint64_t value = (i << 20 ^ round) * 0x9e3779b97f4a7c15;
+  return EntryOf(pipeline_, exactTable)
+      .exact("key", static_cast<uint32_t>(i) * keyFactor)
+      .action("set", {{"value", value}});
+}
+
+uint64_t MeasuredSwitch::exactNumber(const p4::v1::TableEntry& entry) {
+  uint32_t key = 0;
+  if (entry.match_size() != 1) return UINT64_MAX;
+  for (const char byte : entry.match(0).exact().value()) {
+    key = key << 8 | static_cast<uint8_t>(byte);
+  }
+  return key * inverseOf(keyFactor);
 }
 
 p4::v1::TableEntry MeasuredSwitch::route(uint64_t i, uint32_t nexthop) const {
@@ -98,10 +126,9 @@ p4::v1::TableEntry MeasuredSwitch::oneShot(uint64_t i, uint64_t elements) const 
   return entry;
 }
 
-Memory MeasuredSwitch::memory() const {
-  const pid_t pid = agent_.pid();
-  return {.privateBytes = statusBytes(pid, "RssAnon"),
-          .residentBytes = statusBytes(pid, "VmRSS"),
+Memory MeasuredSwitch::memory() {
+  return {.privateBytes = statusBytes(agent_.pid(), "RssAnon"),
+          .forwarderBytes = statusBytes(forwarder_.process().pid(), "RssAnon"),
           .stateBytes = allocatedBytes(agent_.options().stateDirectory)};
 }
 

@@ -3,8 +3,11 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "bench/packet/Links.h"
@@ -16,9 +19,10 @@ struct Plan {
   std::string pipelineFile = KORVEL_ROUTER_PIPELINE;
   std::vector<size_t> sizes{64, 512, 1500, 9000};  // bytes
   double effort = 1;
+  size_t rounds = 3;
 
-  size_t packets() const { return static_cast<size_t>(200000 * effort); }
-  size_t alone() const { return static_cast<size_t>(5000 * effort); }
+  size_t packets() const { return static_cast<size_t>(70000 * effort); }  // of a round
+  size_t alone() const { return static_cast<size_t>(2000 * effort); }
 };
 
 struct Figures {
@@ -44,6 +48,21 @@ BySize measured(
   return all;
 }
 
+// Of one round, in which the ways follow each other: other work of the machine slows all alike.
+struct Round {
+  BySize bare, grpcOut, grpcIn, out, in;
+};
+
+// The median of a figure over the rounds.
+template <typename Figure>
+double medianOf(const std::vector<Round>& rounds, const Figure& figure) {
+  std::vector<double> figures;
+  for (const Round& round : rounds) figures.push_back(figure(round));
+  const auto middle = figures.begin() + static_cast<ptrdiff_t>(figures.size() / 2);
+  std::ranges::nth_element(figures, middle);
+  return *middle;
+}
+
 std::string head() {
   return fmt::format(
       "{:<5} {:>6} {:>11} {:>10} | {:>11} {:>8} {:>10} | {:>11} {:>8} {:>10} | {:>8} {:>9}\n",
@@ -51,47 +70,63 @@ std::string head() {
       "of gRPC", "median us", "user us", "system us");
 }
 
-std::string lines(const char* way, const BySize& agent, const BySize& bare, const BySize& grpc) {
-  std::string text;
-  for (size_t i = 0; i < agent.size(); ++i) {
-    const PathFigures& ours = agent[i].path;
-    text += fmt::format(
-        "{:<5} {:>6} {:>11.0f} {:>10.1f} | {:>11.0f} {:>8.3f} {:>10.1f} | {:>11.0f} {:>8.2f} "
-        "{:>10.1f} | {:>8.2f} {:>9.2f}\n",
-        way, ours.bytes, ours.perSecond, ours.median.count(), bare[i].path.perSecond,
-        ours.perSecond / bare[i].path.perSecond, bare[i].path.median.count(),
-        grpc[i].path.perSecond, ours.perSecond / grpc[i].path.perSecond,
-        grpc[i].path.median.count(), agent[i].agent.user.count(), agent[i].agent.system.count());
-  }
-  return text;
+using Way = BySize Round::*;
+
+std::string line(const char* name, const std::vector<Round>& rounds, size_t i, Way agent,
+                 Way grpc) {
+  const auto median = [&](Way way, auto figure) {
+    return medianOf(rounds, [&](const Round& round) { return figure((round.*way)[i]); });
+  };
+  const auto share = [&](Way of) {
+    return medianOf(rounds, [&](const Round& round) {
+      return (round.*agent)[i].path.perSecond / (round.*of)[i].path.perSecond;
+    });
+  };
+  const auto rate = [](const Figures& figures) { return figures.path.perSecond; };
+  const auto delay = [](const Figures& figures) { return figures.path.median.count(); };
+  const auto user = [](const Figures& figures) { return figures.agent.user.count(); };
+  const auto system = [](const Figures& figures) { return figures.agent.system.count(); };
+  return fmt::format(
+      "{:<5} {:>6} {:>11.0f} {:>10.1f} | {:>11.0f} {:>8.3f} {:>10.1f} | {:>11.0f} {:>8.2f} "
+      "{:>10.1f} | {:>8.2f} {:>9.2f}\n",
+      name, (rounds[0].*agent)[i].path.bytes, median(agent, rate), median(agent, delay),
+      median(&Round::bare, rate), share(&Round::bare), median(&Round::bare, delay),
+      median(grpc, rate), share(grpc), median(grpc, delay), median(agent, user),
+      median(agent, system));
 }
 
-std::string legend() {
+std::string legend(size_t rounds) {
   return fmt::format(
       "out: controller to port, in: CPU device to controller; at most {} packets on their way, "
       "median: one at a time\n"
       "bare: AF_PACKET sockets on the port's link; gRPC: a stream whose server does nothing\n"
-      "user, system: CPU time of the agent's threads for each packet, gRPC's included\n",
-      packetWindow);
+      "user, system: CPU time of the agent's threads for each packet, gRPC's included\n"
+      "each figure: the median of {} round{}, in which agent, sockets and stream take turns\n",
+      packetWindow, rounds, rounds == 1 ? "" : "s");
 }
 
 std::string measuredWays(const Plan& plan) {
   using Direction = GrpcPath::Direction;
   const TestSupport::VethPair port("port", "port-far", 9100);
   const TestSupport::VethPair cpu("p4controller", "cpu-far", 9100);
-  BarePath barePath(port);
-  const BySize bare = measured(barePath, plan);
-  GrpcPath grpcOutPath(Direction::out);
-  const BySize grpcOut = measured(grpcOutPath, plan);
-  GrpcPath grpcInPath(Direction::in);
-  const BySize grpcIn = measured(grpcInPath, plan);
   PacketSwitch agent(plan.pipelineFile, port.name());
   const auto agentCpu = [&] { return agent.cpu(); };
-  PacketOutPath outPath(agent, port.peer());
-  const BySize out = measured(outPath, plan, agentCpu);
-  PacketInPath inPath(agent, cpu.peer());
-  const BySize in = measured(inPath, plan, agentCpu);
-  return head() + lines("out", out, bare, grpcOut) + lines("in", in, bare, grpcIn) + legend();
+  std::vector<Round> rounds(plan.rounds);
+  for (Round& round : rounds) {
+    round.bare = measured(*std::make_unique<BarePath>(port), plan);
+    round.grpcOut = measured(*std::make_unique<GrpcPath>(Direction::out), plan);
+    round.out = measured(*std::make_unique<PacketOutPath>(agent, port.peer()), plan, agentCpu);
+    round.grpcIn = measured(*std::make_unique<GrpcPath>(Direction::in), plan);
+    round.in = measured(*std::make_unique<PacketInPath>(agent, cpu.peer()), plan, agentCpu);
+  }
+  std::string text = head();
+  for (size_t i = 0; i < plan.sizes.size(); ++i) {
+    text += line("out", rounds, i, &Round::out, &Round::grpcOut);
+  }
+  for (size_t i = 0; i < plan.sizes.size(); ++i) {
+    text += line("in", rounds, i, &Round::in, &Round::grpcIn);
+  }
+  return text + legend(rounds.size());
 }
 
 }  // namespace
@@ -102,7 +137,7 @@ int main(int argc, char** argv) {
   bool quick = false;
   CLI::App app("Measures packet-out and packet-in, beside bare AF_PACKET sockets.",
                "korvel-packet-bench");
-  app.add_flag("--quick", quick, "a tenth of the packets");
+  app.add_flag("--quick", quick, "one round of fewer packets");
   app.add_option("--sizes", plan.sizes, "packet sizes, in bytes")
       ->delimiter(',')
       ->check(CLI::Range(size_t{60}, size_t{9000}));
@@ -114,7 +149,8 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     return app.exit(e) == 0 ? 0 : 2;
   }
-  if (quick) plan.effort = 0.1;
+  if (quick) plan.effort = 0.3;
+  if (quick) plan.rounds = 1;
   const std::string refusal = TestSupport::enteredNetworkNamespace();
   if (!refusal.empty()) {
     std::fprintf(stderr, "korvel-packet-bench: %s\n", refusal.c_str());
