@@ -464,6 +464,10 @@ void SubscriberImpl::report(uint64_t entryHandle, uint64_t sequence, uint16_t er
 // is open, which may never be reported on. What failed, or had failed before, has a report of its
 // own besides.
 bool SubscriberImpl::settleInOrder(uint64_t sequence) {
+  if (open_.size() == 1 && open_.front().sequence == sequence) {
+    open_.clear();
+    return true;
+  }
   const auto found = std::ranges::lower_bound(open_, sequence, {}, &Open::sequence);
   if (found == open_.end() || found->sequence != sequence) return false;  // of a snapshot
   if (found != open_.begin()) {
