@@ -130,13 +130,21 @@ struct EntryLookup {
   size_t hash = 0;
 };
 
+// Stands for any entry whose key has that hash.
+struct EntryHash {
+  size_t hash = 0;
+};
+
 struct EntrySlotHash {
   using is_transparent = void;
+  size_t operator()(const EntryHash& any) const { return any.hash; }
   size_t operator()(const EntrySlot& slot) const { return slot.hash; }
   size_t operator()(const EntryLookup& lookup) const { return lookup.hash; }
 };
 struct EntrySlotEqual {
   using is_transparent = void;
+  bool operator()(const EntrySlot& a, const EntryHash& b) const { return a.hash == b.hash; }
+  bool operator()(const EntryHash& a, const EntrySlot& b) const { return a.hash == b.hash; }
   bool operator()(const EntrySlot& a, const EntrySlot& b) const {
     return a.hash == b.hash && a.entry->key() == b.entry->key();
   }

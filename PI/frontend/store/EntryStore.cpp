@@ -22,6 +22,13 @@ const Entry* EntryStore::committed(const EntryLookup& lookup) const {
   return found == entries_.end() ? nullptr : found->entry.get();
 }
 
+void EntryStore::prefetchSlot(size_t hash) const { entries_.prefetch(EntryHash{hash}); }
+
+void EntryStore::prefetchEntry(size_t hash) const {
+  const auto found = entries_.find(EntryHash{hash});
+  if (found != entries_.end()) __builtin_prefetch(found->entry.get());
+}
+
 void EntryStore::keep(std::span<Change> changes) {
   for (Change& change : changes) {
     kept_.erase(EntryLookup{change.slot.entry->key(), change.slot.hash});

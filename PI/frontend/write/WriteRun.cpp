@@ -136,7 +136,9 @@ void WriteRun::doRunBatch(const Batch& batch) {
   statuses.reserve(batch.size());
   state_.handleBatchBegin();
   try {
-    for (const uint32_t offset : batch) {
+    for (size_t i = 0; i < batch.size(); ++i) {
+      const uint32_t offset = batch[i];
+      doPrefetch(batch, i);
       try {
         maybeRunUpdate(offset, &statuses);
       } catch (const NoBatch& refusal) {
@@ -153,6 +155,15 @@ void WriteRun::doRunBatch(const Batch& batch) {
   doEndBatch(&statuses);
   core::runOrEndProcess([&] { doEnter(batch, statuses); });
   doRecordFailures(statuses);
+}
+
+// Among a million entries nearly each look-up waits for memory.
+void WriteRun::doPrefetch(const Batch& batch, size_t position) const {
+  constexpr size_t entryAhead = 3;
+  constexpr size_t slotAhead = 6;
+  const auto hashAt = [&](size_t at) { return operations_[batch[at]].update.slot.hash; };
+  if (position + slotAhead < batch.size()) store_.prefetchSlot(hashAt(position + slotAhead));
+  if (position + entryAhead < batch.size()) store_.prefetchEntry(hashAt(position + entryAhead));
 }
 
 void WriteRun::doEndBatch(StatusVector* statuses) {
