@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <string_view>
 
 #include "cli/TraceCommand.h"
 #include "cli/agent/AgentCommand.h"
@@ -13,6 +14,7 @@
 #include "cli/client/StatusCommand.h"
 #include "cli/pipeline/PipelineCommand.h"
 #include "cli/table/TableCommand.h"
+#include "platform/vela/LargePages.h"
 
 namespace {
 
@@ -78,6 +80,7 @@ int usageStatus(const CLI::App& app, const CLI::ParseError& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::string_view(argv[1]) == "agent") Vela::startWithLargePages(argv);
   std::signal(SIGPIPE, SIG_DFL);  // `korvel trace | head` just ends
   CLI::App app("Runs, watches and asks the Korvel P4Runtime agent", "korvel");
   app.require_subcommand(1);

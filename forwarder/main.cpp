@@ -3,11 +3,13 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "forwarder/CommandLine.h"
 #include "forwarder/Runner.h"
 #include "forwarder/control/ControlSocket.h"
+#include "platform/vela/LargePages.h"
 
 namespace {
 
@@ -60,6 +62,7 @@ int runForwarder(RunnerOptions options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 1 || std::string_view(argv[1]) != "ctl") Vela::startWithLargePages(argv);
   CLI::App app{
       "Follows the tables of a Korvel agent, programs them in memory, and reports on each "
       "change; fails on request, for tests of controllers.",

@@ -46,6 +46,23 @@ size_t lineCount(const std::string& text) {
   return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
 }
 
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The C library reads the setting before main(): the program starts once more, as the same process.
+TEST(AgentStart, AsksForLargePagesUnderItsOwnName) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer brings its own allocator";
+#endif
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  const std::string process = "/proc/" + std::to_string(tested.agent.pid());
+  EXPECT_THAT(contentOf(process + "/environ"), HasSubstr("glibc.malloc.hugetlb=1"));
+  EXPECT_EQ(contentOf(process + "/comm"), "korvel\n");
+}
+
 TEST(AgentStart, RefusesToServeWhereNobodyWouldFindIt) {
   const TempDir directory;
   AgentProcess agent({.stateDirectory = directory.file("state"),
