@@ -40,7 +40,6 @@ class HandleMap {
     return slot == 0 ? nullptr : &items_[slot - 1];
   }
   const Item* find(EntryHandle handle) const { return const_cast<HandleMap*>(this)->find(handle); }
-  bool contains(EntryHandle handle) const { return find(handle) != nullptr; }
 
   // In the order of their handles' first coming.
   auto begin() { return items_.begin(); }

@@ -2,6 +2,8 @@
 // handlers that follow it.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -17,6 +19,7 @@
 #include "platform/lattice/Subscriber.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/ReactorLoop.h"
+#include "tests/support/TempDir.h"
 
 namespace TestSupport {
 
@@ -161,6 +164,21 @@ class Follower final : public Lattice::SubscriberHandler {
   bool holdBack = false;
   size_t changes = 0, unchanged = 0, snapshots = 0, removed = 0;
   std::unique_ptr<Lattice::Subscriber> subscriber;
+};
+
+// An agent with a table of routes, and a follower.
+struct FollowedAgentTest : testing::Test {
+  TempDir directory;
+  std::unique_ptr<Agent> agent = std::make_unique<Agent>(directory.path());
+  Lattice::ArTableInterface* routes = &agent->table("routes");
+  std::unique_ptr<Follower> follower = std::make_unique<Follower>(directory.path());
+
+  bool followUntil(const std::function<bool()>& done) {
+    return Agent::followUntil({follower->subscriber.get()}, done);
+  }
+  bool inStep() {
+    return followUntil([&] { return agent->inStep == agent->database->lastSequence(); });
+  }
 };
 
 }  // namespace TestSupport

@@ -18,18 +18,7 @@ namespace {
 using namespace TestSupport;
 using Vela::ActivityLock;
 
-struct DatabaseTest : testing::Test {
-  TempDir directory;
-  std::unique_ptr<Agent> agent = std::make_unique<Agent>(directory.path());
-  ArTableInterface* routes = &agent->table("routes");
-  std::unique_ptr<Follower> follower = std::make_unique<Follower>(directory.path());
-
-  bool followUntil(const std::function<bool()>& done) {
-    return Agent::followUntil({follower->subscriber.get()}, done);
-  }
-  bool inStep() {
-    return followUntil([&] { return agent->inStep == agent->database->lastSequence(); });
-  }
+struct DatabaseTest : FollowedAgentTest {
   void restartAgent(const char* definition = routeType, bool persistent = true) {
     agent.reset();
     agent = std::make_unique<Agent>(directory.path());

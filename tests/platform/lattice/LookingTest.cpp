@@ -14,18 +14,7 @@ using testing::Contains;
 using testing::Field;
 using Vela::ActivityLock;
 
-struct LookingTest : testing::Test {
-  TempDir directory;
-  std::unique_ptr<Agent> agent = std::make_unique<Agent>(directory.path());
-  ArTableInterface* routes = &agent->table("routes");
-  std::unique_ptr<Follower> follower = std::make_unique<Follower>(directory.path());
-
-  bool followUntil(const std::function<bool()>& done) {
-    return Agent::followUntil({follower->subscriber.get()}, done);
-  }
-  bool inStep() {
-    return followUntil([&] { return agent->inStep == agent->database->lastSequence(); });
-  }
+struct LookingTest : FollowedAgentTest {
   bool isProgrammed() const { return agent->programmed == agent->database->lastSequence(); }
   // A batch for whose reports the agent looks. Returns the sequence number of the last change.
   uint64_t urgentBatch(uint32_t from, uint32_t to) {
