@@ -487,8 +487,8 @@ uint64_t DatabaseImpl::rowIs(const ArTableInterface::Impl& table, const Row& row
   const auto written =
       store_.write(table.rows, Brine::asBytes(row.key), row.value.size(),
                    {.attachmentSize = attachment.size(), .owner = entryHandle, .unchanged = same});
-  std::memcpy(written.value.data(), row.value.data(), row.value.size());
-  std::memcpy(written.attachment.data(), attachment.data(), attachment.size());
+  std::ranges::copy(row.value, written.value.begin());
+  std::ranges::copy(attachment, written.attachment.begin());
   rowsChanged_ = true;
   // Nobody waits for a change that followers do not see.
   return same && !inBatch_ ? 0 : written.sequence;
