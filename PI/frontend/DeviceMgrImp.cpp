@@ -146,8 +146,7 @@ DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
 
 // Runs the first Write, and those behind it that can share its batches. Returns how many are done.
 size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
-  std::vector<WaitingWrite*> run;
-  size_t done = 0;
+  size_t done = 0;  // counts a Write before it is added: one that fails there is not run again
   try {
     const std::lock_guard writing(writeMutex_);
     requireWritePermission();  // the Write before may have brought the critical state
@@ -156,22 +155,23 @@ size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
     }
     const std::shared_ptr<Pipeline> current = pipeline();
     WriteRun batches(current->index(), current->store(), current->use(), session(*current));
-    for (; done < writes.size(); ++done) {
-      WaitingWrite& write = *writes[done];
+    while (done < writes.size()) {
+      WaitingWrite& write = *writes[done++];
       if (write.admit) write.status = write.admit();
       if (write.status.code() != 0) continue;
       if (write.pipeline != current) write.checked = checkedWrite(current->index(), write.request);
-      if (!batches.add(write.checked, &write.status)) break;
-      run.push_back(&write);
+      if (!batches.add(write.checked, &write.status)) {
+        --done;
+        break;
+      }
     }
     pi_batch_urgent_set(writes.size() == 1 || batches.size() <= kFewUpdates);
     batches.run();
   } catch (...) {
-    if (done == 0) {
-      run.push_back(writes.front());
-      done = 1;
+    done = std::max<size_t>(done, 1);
+    for (WaitingWrite* write : writes.first(done)) {
+      if (write->status.code() == 0) write->error = std::current_exception();
     }
-    for (WaitingWrite* write : run) write->error = std::current_exception();
   }
   return done;
 }
