@@ -86,7 +86,7 @@ class Arena {
       next_ = blocks_.back().get();
     }
     uint8_t* const at = next_;
-    std::memcpy(at, bytes.data(), bytes.size());
+    if (!bytes.empty()) std::memcpy(at, bytes.data(), bytes.size());
     next_ += bytes.size();
     left_ -= bytes.size();
     return at;
