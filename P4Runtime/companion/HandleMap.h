@@ -23,7 +23,7 @@ class HandleMap {
     Value value{};
   };
 
-  // The handle's item; one with a default value is added when there is none (true).
+  // The handle's item. Adds one with a default value for a new handle, and then returns true.
   std::pair<Item&, bool> add(EntryHandle handle) {
     if (2 * (items_.size() + 1) > slots_.size()) grow();
     uint32_t& slot = slotOf(handle);
@@ -35,7 +35,8 @@ class HandleMap {
     return {items_[slot - 1], isNew};
   }
 
-  Item* find(EntryHandle handle) {  // null: there is none
+  // Null for a handle without an item.
+  Item* find(EntryHandle handle) {
     const uint32_t slot = items_.empty() ? 0 : slotOf(handle);
     return slot == 0 ? nullptr : &items_[slot - 1];
   }

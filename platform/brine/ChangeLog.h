@@ -1,5 +1,5 @@
-// The changes of the writer: those of the transaction, those that are committed and wait for their
-// outcome, and the former versions of records that may still be asked for.
+// The writer's changes: of the open transaction, and of commits that wait for their outcome. It
+// also keeps the former versions of records, as long as a follower may read them.
 #pragma once
 
 #include <cstdint>

@@ -23,7 +23,7 @@ class EntryKeys final : public BoundKeys {
   // handle manager hears the same of this very key without another look-up.
   struct Found {
     std::optional<Lattice::StoredRow> row;
-    EntryHandle handle = 0;  // of the entry; 0: the row is another's, or there is none
+    EntryHandle handle = 0;  // 0 without a row of such an entry
   };
   Found find(const WritableTable& table, const MatchKey& key, const std::string& rowKey) const;
 

@@ -30,7 +30,7 @@ class EntryRestorer {
   // An entry whose row is not the one that its record makes, or that is to be removed.
   struct Entry {
     ResourceId rid;
-    std::string rowKey;  // of the row as it stands; empty: there is none
+    std::string rowKey;  // of the stored row; empty without one
     TableCacheEntry record;
   };
 

@@ -15,7 +15,8 @@ void EntryUndo::putBack(EntryHandle handle, const PendingOperation& operation) {
   if (vanishes) failures_.undoneIs(handle, std::move(text), sequence);
 }
 
-// The latest change first. Returns the sequence number of the row's change; 0: there is none.
+// Undoes the latest change first. Returns the sequence number of the row's change, or 0 without
+// one.
 uint64_t EntryUndo::undoAll(const PendingOperation& operation) {
   uint64_t made = 0;
   for (auto change = operation.changes.rbegin(); change != operation.changes.rend(); ++change) {

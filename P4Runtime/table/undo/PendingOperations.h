@@ -63,7 +63,7 @@ class PendingOperations {
   size_t awaitedCount() const;
 
  private:
-  PendingOperation* find(EntryHandle handle);  // null when there is none
+  PendingOperation* find(EntryHandle handle);  // null without one
 
   BatchStatus& batchStatus_;
   HandleMap<PendingOperation> operations_;
