@@ -61,6 +61,10 @@ class EntryHandles {
     Bound& bound = block->second->bound[handle % blockSize];
     return bound.tableId == 0 ? nullptr : &bound;
   }
+  void load(EntryHandle handle) const {
+    const auto block = blocks_.find(handle / blockSize);
+    if (block != blocks_.end()) __builtin_prefetch(&block->second->bound[handle % blockSize]);
+  }
   void bind(EntryHandle handle, uint32_t tableId) {
     auto& block = blocks_[handle / blockSize];
     if (!block) block = std::make_unique<Block>();
@@ -149,6 +153,10 @@ bool P4HandleMgr::restoreTableEntryHandle(uint32_t tableId, EntryHandle handle, 
 
 void P4HandleMgr::freeTableEntryHandle(EntryHandle handle) { impl_->entries.free(handle); }
 void P4HandleMgr::freeTableEntryHandles() { impl_->entries = {}; }
+
+void P4HandleMgr::load(std::span<const EntryHandle> handles) const {
+  for (const EntryHandle handle : handles) impl_->entries.load(handle);
+}
 
 void P4HandleMgr::rowHashIs(EntryHandle handle, uint32_t hash) {
   if (auto* bound = impl_->entries.find(handle)) bound->rowHash = hash;

@@ -56,6 +56,8 @@ class P4HandleMgr : public Vela::RefCounted {
                                const char* key, uint32_t priority);
   void freeTableEntryHandle(EntryHandle handle);  // nothing when it is free already
   void freeTableEntryHandles();                   // all; none of them is given out again
+  // Has the processor fetch the memory that the next three functions read.
+  void load(std::span<const EntryHandle> handles) const;
   // The hash of the key of the entry's row, by which the row is found. 0 until it is set, and for a
   // free handle.
   void rowHashIs(EntryHandle handle, uint32_t hash);

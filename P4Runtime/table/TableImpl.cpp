@@ -162,6 +162,10 @@ TableCache* TableImpl::tableCache() const { return rooms_->records.tableCache();
 ActionProfileMemberCache* TableImpl::memberCache() const { return rooms_->records.memberCache(); }
 ActionProfileGroupCache* TableImpl::groupCache() const { return rooms_->records.groupCache(); }
 
+void TableImpl::loadEntries(std::span<const EntryHandle> handles) const {
+  if (const TableCache* cache = tableCache()) cache->load(handles);
+}
+
 EntryHandle TableImpl::tableEntryAdd(const MatchKey& key, const ActionData& action,
                                      const DirectResources& direct) {
   return rooms_->entryWriter.add(key, action, direct);

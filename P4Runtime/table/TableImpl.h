@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -67,6 +68,9 @@ class TableImpl : public BatchEntries {
   EntryHandle indirectTableEntryAdd(const MatchKey& key, const MemberOrGroup& target,
                                     const DirectResources& direct);
   EntryHandle tableEntryDeleteWithKey(const MatchKey& key);
+
+  // Has the processor fetch the memory of these entries, for writes that are to come.
+  void loadEntries(std::span<const EntryHandle> handles) const;
 
   // Members and groups go by their handles: upper half 0 and 1, the lower half keys the row. All
   // return the entry handle that batch and pending operations go by.

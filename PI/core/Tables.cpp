@@ -2,6 +2,7 @@
 #include "PI/core/FetchReader.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
+#include "PI/pi_extensions.h"
 #include "PI/target/pi_tables_imp.h"
 
 namespace {
@@ -73,6 +74,11 @@ pi_status_t pi_table_entry_modify(pi_session_handle_t session_handle, pi_dev_id_
                                   pi_p4_id_t table_id, pi_entry_handle_t entry_handle,
                                   const pi_table_entry_t* table_entry) {
   return _pi_table_entry_modify(session_handle, dev_id, table_id, entry_handle, table_entry);
+}
+
+void pi_table_entries_coming(pi_dev_id_t dev_id, const pi_entry_handle_t* entry_handles,
+                             size_t count) {
+  _pi_table_entries_coming(dev_id, entry_handles, count);
 }
 
 pi_status_t pi_table_default_action_set(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,

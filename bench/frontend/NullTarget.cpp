@@ -80,6 +80,7 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p
                                           pi_indirect_handle_t) {
   return PI_STATUS_SUCCESS;
 }
+void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                     pi_entry_handle_t, int, pi_counter_data_t* data) {
   *data = {};

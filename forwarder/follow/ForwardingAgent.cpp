@@ -131,6 +131,17 @@ void ForwardingAgent::rowChanged(const Lattice::RowChange& change) {
   if (progress_) progress_();
 }
 
+// In a table of a million rows, each look-up waits for memory: those of some dozen changes wait
+// together.
+void ForwardingAgent::rowsComing(std::span<const Lattice::RowChange> changes) {
+  for (const Lattice::RowChange& change : changes) {
+    if (const MatchTable* rows = heldTable(*change.table).table.rows()) rows->loadSlot(change.key);
+  }
+  for (const Lattice::RowChange& change : changes) {
+    if (const MatchTable* rows = heldTable(*change.table).table.rows()) rows->loadRow(change.key);
+  }
+}
+
 bool ForwardingAgent::maybeDefer(const Held& held, const Lattice::RowChange& change) {
   const ProgrammedTable& table = held.table;
   if (table.rowCount() < held.rules.capacity()) return false;

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -60,6 +61,7 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void snapshotBegin() override;
   void snapshotEnd() override;
   void rowChanged(const Lattice::RowChange& change) override;
+  void rowsComing(std::span<const Lattice::RowChange> changes) override;
 
  private:
   struct Held {

@@ -28,6 +28,9 @@ class MatchTable {
   const MatchLayout& layout() const { return layout_; }
   size_t rowCount() const { return rows_.size(); }
   StoredRow* row(std::string_view key) const { return rows_.row(key); }  // null when absent
+  // Have memory fetched for coming calls of row(), the first of them a while before the second.
+  void loadSlot(std::string_view key) const { rows_.loadSlot(key); }
+  void loadRow(std::string_view key) const { rows_.loadRow(key); }
   // Any row by a number below rowCount(). Numbers change when rows leave.
   StoredRow& rowAt(size_t number) const { return rows_.at(number); }
   RowFlow* flow(const StoredRow& row) const { return rows_.flow(row); }  // null unless counted

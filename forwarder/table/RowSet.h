@@ -42,6 +42,10 @@ class RowSet {
   RowSet& operator=(const RowSet&) = delete;
 
   StoredRow* row(std::string_view key) const;  // null when absent
+  // Have the processor fetch the memory that look-ups and changes of the keys will need, the first
+  // of them a while before the second.
+  void loadSlot(std::string_view key) const { slots_.prefetch(probeOf(key)); }
+  void loadRow(std::string_view key) const;
   struct Written {
     StoredRow* row = nullptr;
     bool inserted = false;  // else replaced
@@ -89,13 +93,19 @@ class RowSet {
     std::string_view key;
     size_t hash;
   };
+  struct HashProbe {  // finds a row that has the hash, most likely the key's
+    size_t hash;
+  };
   struct HashOfSlot {
     using is_transparent = void;
     size_t operator()(const Slot& slot) const { return slot.hash; }
     size_t operator()(const Probe& probe) const { return probe.hash; }
+    size_t operator()(const HashProbe& probe) const { return probe.hash; }
   };
   struct SameKey {
     using is_transparent = void;
+    bool operator()(const Slot& a, const HashProbe& b) const { return a.hash == b.hash; }
+    bool operator()(const HashProbe& a, const Slot& b) const { return a.hash == b.hash; }
     bool operator()(const Slot& a, const Slot& b) const { return a.row == b.row; }
     bool operator()(const Slot& a, const Probe& b) const {
       return a.hash == b.hash && a.row->key() == b.key;

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "platform/brine/Layout.h"
@@ -29,6 +30,15 @@ class KeyIndex {
   Ref findOwner(uint32_t hash, uint64_t owner) const {
     const auto found = slots_.find(OwnerProbe{file_, owner, hash});
     return found == slots_.end() ? 0 : found->ref;
+  }
+  // Has the processor fetch the slots of the keys with these hashes. Of two keys with one hash, the
+  // other one's slot may be fetched.
+  void load(std::span<const uint32_t> hashes) const {
+    for (const uint32_t hash : hashes) slots_.prefetch(HashProbe{hash});
+    for (const uint32_t hash : hashes) {
+      const auto found = slots_.find(HashProbe{hash});
+      if (found != slots_.end()) file_->loadSlot(found->ref);
+    }
   }
   // The key's record is in `ref` from now on; 0: there is none. Returns the slot that it was in.
   Ref enter(Bytes key, Ref ref) { return enter(key, hash(key), ref); }
@@ -56,12 +66,16 @@ class KeyIndex {
     uint64_t owner;
     uint32_t hash;
   };
+  struct HashProbe {  // any key that has the hash
+    uint32_t hash;
+  };
   struct Hash {
     using is_transparent = void;
     static size_t of(uint32_t hash) { return hash * size_t{0x9e3779b97f4a7c15}; }
     size_t operator()(const Slot& slot) const { return of(slot.hash); }
     size_t operator()(const Probe& probe) const { return of(probe.hash); }
     size_t operator()(const OwnerProbe& probe) const { return of(probe.hash); }
+    size_t operator()(const HashProbe& probe) const { return of(probe.hash); }
   };
   struct Equal {
     using is_transparent = void;
@@ -78,6 +92,12 @@ class KeyIndex {
     }
     bool operator()(const OwnerProbe& probe, const Slot& slot) const {
       return (*this)(slot, probe);
+    }
+    bool operator()(const Slot& slot, const HashProbe& probe) const {
+      return slot.hash == probe.hash;
+    }
+    bool operator()(const HashProbe& probe, const Slot& slot) const {
+      return slot.hash == probe.hash;
     }
   };
   Ref remove(const Probe& probe) {

@@ -146,8 +146,9 @@ static_assert(offsetof(SlotHead, attachmentSize) + 2 == SlotHead::size);
 inline uint64_t beginSalt(Ref ref) { return uint64_t{ref} << 1; }
 inline uint64_t endSalt(Ref ref) { return uint64_t{ref} << 1 | 1; }
 
-// Call when the sizes are known to fit the slot.
-inline uint32_t slotChecksum(const SlotHead& slot, uint64_t seed, uint32_t table) {
+// `key` is where key, value and attachment are, one after another.
+inline uint32_t slotChecksum(const SlotHead& slot, const uint8_t* key, uint64_t seed,
+                             uint32_t table) {
   uint8_t head[20];
   std::memcpy(head, &slot.owner, 8);
   std::memcpy(head + 8, &slot.valueSize, 4);
@@ -155,7 +156,11 @@ inline uint32_t slotChecksum(const SlotHead& slot, uint64_t seed, uint32_t table
   std::memcpy(head + 14, &slot.attachmentSize, 2);
   std::memcpy(head + 16, &table, 4);
   const uint64_t front = hashOf(head, seed);
-  return static_cast<uint32_t>(hashOf({slot.key(), slot.bytes() - SlotHead::size}, front));
+  return static_cast<uint32_t>(hashOf({key, slot.bytes() - SlotHead::size}, front));
+}
+// Call when the sizes are known to fit the slot.
+inline uint32_t slotChecksum(const SlotHead& slot, uint64_t seed, uint32_t table) {
+  return slotChecksum(slot, slot.key(), seed, table);
 }
 
 inline size_t ringBytes(uint32_t changes) { return changes * sizeof(RingEntry); }

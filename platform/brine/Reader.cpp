@@ -53,27 +53,19 @@ class SlotReader {
       bytes.resize(copy.at);
       return std::nullopt;
     }
-    copy.isSound = size == copy.head.bytes() && isSound(copy, bytes, table);
+    const auto* key = reinterpret_cast<const uint8_t*>(bytes.data()) + copy.at;
+    copy.isSound = size == copy.head.bytes() && copy.head.keySize > 0 &&
+                   copy.head.keySize <= keyLimit &&
+                   copy.head.checksum == slotChecksum(copy.head, key, file_.head().seed, table);
     return copy;
   }
 
  private:
-  bool isSound(const Copy& copy, const std::string& bytes, uint32_t table) const {
-    if (copy.head.keySize == 0 || copy.head.keySize > keyLimit) return false;
-    // The checksum is over bytes that follow their head.
-    scratch_.resize(copy.head.bytes());
-    std::memcpy(scratch_.data(), &copy.head, SlotHead::size);
-    std::memcpy(scratch_.data() + SlotHead::size, bytes.data() + copy.at,
-                scratch_.size() - SlotHead::size);
-    const auto& head = *reinterpret_cast<const SlotHead*>(scratch_.data());
-    return head.checksum == slotChecksum(head, file_.head().seed, table);
-  }
   uint64_t roomAt(Ref ref) const {
     const uint64_t end = file_.word(CommitWord::end) * pageSize, at = uint64_t{ref} * refUnit;
     return at < end ? end - at : 0;
   }
   const StoreFile& file_;
-  mutable std::vector<uint8_t> scratch_;
 };
 
 // Bytes that stay at their place as more come.
@@ -370,7 +362,7 @@ class ReaderImpl final : public Reader {
     const auto found = tables.find(name);
     return found == tables.end() ? 0 : found->second;
   }
-  std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangeVisit& visit) override;
+  std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangesVisit& visit) override;
 
  private:
   using Tables = std::map<std::string, TableNumber, std::less<>>;
@@ -381,19 +373,19 @@ class ReaderImpl final : public Reader {
   Copied copied(const TableFilter& filter, Attachments attachments);
   Copied copiedOnce(const TableFilter& filter, Attachments attachments);
   Tables listIn(Copier& copier);
+  void loadAhead(uint64_t sequence) const;
   bool copyChange(uint64_t sequence);
-  void passOn(const ChangeVisit& visit);
+  void passOn(const ChangesVisit& visit);
 
-  struct CopiedChange {
-    FollowedChange change;
-    size_t keyAt = 0;
-    size_t keySize = 0;
-    size_t valueSize = 0;
-  };
   const StoreFile file_;
   const SlotReader slots_;
   std::string bytes_;
-  std::vector<CopiedChange> changes_;
+  struct Sizes {
+    size_t key;
+    size_t value;
+  };
+  std::vector<FollowedChange> changes_;
+  std::vector<Sizes> sizes_;  // of their keys and values, which lie in bytes_ one after another
 };
 
 ReaderImpl::Copied ReaderImpl::copied(const TableFilter& filter, Attachments attachments) {
@@ -446,15 +438,17 @@ std::unique_ptr<Snapshot> ReaderImpl::snapshot(const TableFilter& filter, Attach
   return std::make_unique<SnapshotImpl>(*copy.records, std::move(copy.tables), settled);
 }
 
-std::optional<uint64_t> ReaderImpl::follow(uint64_t from, uint64_t to, const ChangeVisit& visit) {
+std::optional<uint64_t> ReaderImpl::follow(uint64_t from, uint64_t to, const ChangesVisit& visit) {
   to = std::min(to, file_.word(CommitWord::committed));
   while (from < to) {
     bytes_.clear();
     changes_.clear();
+    sizes_.clear();
     uint64_t reached = from;
     if (file_.word(CommitWord::trimmed) > from) return std::nullopt;
     while (reached < to && changes_.size() < changesAtOnce && bytes_.size() < bytesAtOnce) {
-      if (!copyChange(++reached)) return std::nullopt;
+      loadAhead(++reached);
+      if (!copyChange(reached)) return std::nullopt;
     }
     // Slots of changes that were trimmed may have been used again before they were copied.
     if (file_.word(CommitWord::trimmed) > from) return std::nullopt;
@@ -462,6 +456,13 @@ std::optional<uint64_t> ReaderImpl::follow(uint64_t from, uint64_t to, const Cha
     from = reached;
   }
   return from;
+}
+
+// The slots of a million records lie in memory that the processor has yet to fetch.
+void ReaderImpl::loadAhead(uint64_t sequence) const {
+  constexpr uint64_t ahead = 12;
+  const RingEntry& entry = file_.ring(sequence + ahead);
+  file_.loadSlot(entry.now != 0 ? entry.now : entry.before);
 }
 
 // False when the change is lost: its place is a later one's already, or it is damaged.
@@ -484,28 +485,29 @@ bool ReaderImpl::copyChange(uint64_t sequence) {
     bytes_.resize(copy->at);
     return numberIn(begin) > sequence;  // another table's
   }
-  CopiedChange& copied = changes_.emplace_back();
-  copied.change = {.sequence = sequence,
-                   .owner = entry.owner,
-                   .table = entry.table,
-                   .deleted = deleted,
-                   .unchanged = (entry.flags & RingEntry::unchanged) != 0,
-                   .key = {},
-                   .value = {}};
-  copied.keyAt = copy->at;
-  copied.keySize = copy->head.keySize;
-  copied.valueSize = deleted ? 0 : copy->head.valueSize;
-  bytes_.resize(copied.keyAt + copied.keySize + copied.valueSize);
+  const size_t keySize = copy->head.keySize;
+  const size_t valueSize = deleted ? 0 : copy->head.valueSize;
+  sizes_.push_back({keySize, valueSize});
+  changes_.push_back({.sequence = sequence,
+                      .owner = entry.owner,
+                      .table = entry.table,
+                      .deleted = deleted,
+                      .unchanged = (entry.flags & RingEntry::unchanged) != 0,
+                      .key = {},
+                      .value = {}});
+  bytes_.resize(copy->at + keySize + valueSize);
   return true;
 }
 
-void ReaderImpl::passOn(const ChangeVisit& visit) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(bytes_.data());
-  for (CopiedChange& copied : changes_) {
-    copied.change.key = {bytes + copied.keyAt, copied.keySize};
-    copied.change.value = {bytes + copied.keyAt + copied.keySize, copied.valueSize};
-    visit(copied.change);
+void ReaderImpl::passOn(const ChangesVisit& visit) {
+  const auto* at = reinterpret_cast<const uint8_t*>(bytes_.data());
+  for (size_t i = 0; i < changes_.size(); ++i) {
+    const auto [keySize, valueSize] = sizes_[i];
+    changes_[i].key = {at, keySize};
+    changes_[i].value = {at + keySize, valueSize};
+    at += keySize + valueSize;
   }
+  visit(changes_);
 }
 
 }  // namespace
@@ -513,6 +515,12 @@ void ReaderImpl::passOn(const ChangeVisit& visit) {
 std::unique_ptr<Reader> Reader::open(const std::string& directory) {
   requireRegularFiles(directory, Purpose::read);
   return std::make_unique<ReaderImpl>(StoreFile::openToRead(directory));
+}
+
+std::optional<uint64_t> Reader::followEach(uint64_t from, uint64_t to, const ChangeVisit& visit) {
+  return follow(from, to, [&](std::span<const FollowedChange> changes) {
+    for (const FollowedChange& change : changes) visit(change);
+  });
 }
 
 size_t Snapshot::forEach(std::string_view table, const Store::Visit& visit) const {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,7 +41,7 @@ struct FollowedChange {
   TableNumber table = 0;
   bool deleted = false;
   bool unchanged = false;
-  Bytes key;    // both are valid during the call
+  Bytes key;    // both are valid during the visit
   Bytes value;  // empty for a deletion
 };
 
@@ -68,11 +69,14 @@ class Reader {
                                              Attachments attachments = Attachments::copied) = 0;
   virtual TableNumber tableNumber(std::string_view name) = 0;  // 0: there is none
 
-  // Visits the changes after `from` in their order, up to `to` at most, which are copied some
-  // hundred at a time. Returns the sequence number reached, or nothing when changes are lost that
-  // the follower has not seen: a snapshot tells the rest.
+  // Visits the changes after `from` in their order, up to `to` at most, some hundred at a time.
+  // Returns the sequence number reached, or nothing when changes are lost that the follower has not
+  // seen: a snapshot tells the rest.
+  using ChangesVisit = std::function<void(std::span<const FollowedChange> changes)>;
+  virtual std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangesVisit& visit) = 0;
+  // The same, one at a time.
   using ChangeVisit = std::function<void(const FollowedChange& change)>;
-  virtual std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangeVisit& visit) = 0;
+  std::optional<uint64_t> followEach(uint64_t from, uint64_t to, const ChangeVisit& visit);
 };
 
 }  // namespace Brine

@@ -65,6 +65,9 @@ class StoreImpl final : public Store {
   uint32_t keyHash(Bytes key) const override { return at(directoryTable).index.hash(key); }
   std::optional<Record> recordOf(TableNumber table, uint32_t keyHash,
                                  uint64_t owner) const override;
+  void load(TableNumber table, std::span<const uint32_t> keyHashes) const override {
+    at(table).index.load(keyHashes);
+  }
   Written write(TableNumber table, Bytes key, size_t valueSize,
                 const WriteOptions& options) override;
   bool erase(TableNumber table, Bytes key) override;

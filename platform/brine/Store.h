@@ -117,6 +117,9 @@ class Store {
   virtual uint32_t keyHash(Bytes key) const = 0;
   virtual std::optional<Record> recordOf(TableNumber table, uint32_t keyHash,
                                          uint64_t owner) const = 0;
+  // Has the processor fetch the memory of the records whose keys have these hashes, for reads and
+  // writes that are to come.
+  virtual void load(TableNumber table, std::span<const uint32_t> keyHashes) const = 0;
   // Insert or replace; the caller fills the returned bytes before any other call. Keys: 1 to 2,048
   // bytes, else std::invalid_argument. Throws StoreError{full}, and the record is as before.
   struct Written {

@@ -258,7 +258,12 @@ void StoreFile::allocatePages(uint64_t first, uint64_t count) {
   if ((first + count) * pageSize > mappedBytes_) failed(ENOSPC, directory_);
   const int error =
       allocated(file_, static_cast<off_t>(first * pageSize), static_cast<off_t>(count * pageSize));
-  if (error == 0) return;
+  if (error == 0) {
+    // All at once, rather than a page fault each. A kernel that does not know how leaves it to
+    // them.
+    madvise(base_ + first * pageSize, count * pageSize, MADV_POPULATE_WRITE);
+    return;
+  }
   freePages(first, count);  // some may have been allocated
   failed(error, directory_);
 }

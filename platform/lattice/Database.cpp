@@ -555,6 +555,11 @@ std::optional<StoredRow> ArTableInterface::storedOf(uint64_t entryHandle, uint32
   return table.database->storedRow(*stored);
 }
 
+void ArTableInterface::load(std::span<const uint32_t> keyHashes) const {
+  const Impl& table = required(*this, impl_);
+  table.database->store().load(table.rows, keyHashes);
+}
+
 std::optional<StoredRow> ArTableInterface::beingDeleted(uint64_t entryHandle) const {
   const Impl& table = required(*this, impl_);
   const Brine::Store& store = table.database->store();

@@ -57,6 +57,9 @@ class ArTableInterface : public Vela::RefCounted {
   // The row of an entry, by the hash of the row's key.
   std::optional<StoredRow> storedOf(uint64_t entryHandle, uint32_t keyHash) const;
   uint32_t keyHash(std::string_view key) const;
+  // Has the processor fetch the memory of the rows whose keys have these hashes, for writes that
+  // are to come.
+  void load(std::span<const uint32_t> keyHashes) const;
   // The row of an entry whose deletion waits for its outcome. Looks through all changes that do.
   std::optional<StoredRow> beingDeleted(uint64_t entryHandle) const;
   // Visits the committed rows, in no order, until `visit` returns false; `visit` must not write.

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -78,7 +79,9 @@ class SubscriberImpl final : public Subscriber {
   void addTable(const std::string& name, const TableRecord& record);
   void takeSnapshot();
   void passOn(const Brine::Snapshot& snapshot);
-  void passOn(const Brine::FollowedChange& change);
+  void passOn(std::span<const Brine::FollowedChange> changes);
+  RowChange rowChange(const Brine::FollowedChange& change) const;
+  void passOn(const RowChange& change);
 
   void maybeSayInStep();
   void queueReports();
@@ -316,11 +319,8 @@ bool SubscriberImpl::readOnce() {
   }
   if (sequence_ == state.committed) return false;
   const auto reached =
-      reader_->follow(sequence_, state.committed, [this](const Brine::FollowedChange& change) {
-        if (!attached_) return;
-        passOn(change);
-        sequence_ = change.sequence;
-      });
+      reader_->follow(sequence_, state.committed,
+                      [this](std::span<const Brine::FollowedChange> changes) { passOn(changes); });
   if (!attached_) return false;
   if (reached) {
     sequence_ = *reached;
@@ -428,22 +428,44 @@ void SubscriberImpl::passOn(const Brine::Snapshot& snapshot) {
   handler_.snapshotEnd();
 }
 
-void SubscriberImpl::passOn(const Brine::FollowedChange& from) {
-  const auto table = tables_.find(from.table);
-  if (table == tables_.end()) {
-    // A record that is no row, or a row of a table that handler_.tableRemoved() has told of.
-    if (from.deleted && from.owner != 0) report(from.owner, from.sequence, 0, {});
-    return;
+void SubscriberImpl::passOn(std::span<const Brine::FollowedChange> changes) {
+  std::array<RowChange, 32> rows;
+  while (!changes.empty()) {
+    const size_t count = std::min(changes.size(), rows.size());
+    for (size_t i = 0; i < count; ++i) rows[i] = rowChange(changes[i]);
+    changes = changes.subspan(count);
+    const std::span<const RowChange> next(rows.data(), count);
+    if (std::ranges::all_of(next, &RowChange::table)) handler_.rowsComing(next);
+    for (size_t i = 0; i < count; ++i) {
+      if (!attached_) return;
+      passOn(rows[i]);
+      sequence_ = rows[i].sequence;
+    }
   }
+}
+
+RowChange SubscriberImpl::rowChange(const Brine::FollowedChange& from) const {
   RowChange change;
-  change.table = table->second;
+  const auto table = tables_.find(from.table);
+  if (table != tables_.end()) change.table = table->second;
   change.key = Brine::asText(from.key);
   change.deleted = from.deleted;
   change.unchanged = from.unchanged;
   change.value = Brine::asText(from.value);
   change.entryHandle = from.owner;
   change.sequence = from.sequence;
-  open_.push_back({from.sequence, false});
+  return change;
+}
+
+void SubscriberImpl::passOn(const RowChange& change) {
+  if (!change.table) {
+    // A record that is no row, or a row of a table that handler_.tableRemoved() has told of.
+    if (change.deleted && change.entryHandle != 0) {
+      report(change.entryHandle, change.sequence, 0, {});
+    }
+    return;
+  }
+  open_.push_back({change.sequence, false});
   handler_.rowChanged(change);
 }
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -41,6 +42,9 @@ class SubscriberHandler {
   virtual void snapshotEnd() = 0;
   // Program it, and sooner or later report() on it, once.
   virtual void rowChanged(const RowChange& change) = 0;
+  // The next calls of rowChanged(), some dozen, unless the agent goes away: an opportunity to have
+  // memory fetched that they will need. Nothing need be done.
+  virtual void rowsComing(std::span<const RowChange> changes) { static_cast<void>(changes); }
 };
 
 // One thread uses it. Attaches, and attaches again whenever the agent goes away and comes back.

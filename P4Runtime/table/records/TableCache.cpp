@@ -1,6 +1,7 @@
 #include "P4Runtime/table/records/TableCache.h"
 
 #include <string>
+#include <vector>
 
 namespace P4Runtime {
 
@@ -22,6 +23,20 @@ std::optional<Lattice::StoredRow> TableCache::row(const CacheKey& key) const {
   const auto* table = readyTable(key.rid);
   if (!table || handles_.entryHandleToResourceId(key.entryHandle) != key.rid) return std::nullopt;
   return table->storedOf(key.entryHandle, handles_.rowHash(key.entryHandle));
+}
+
+void TableCache::load(std::span<const EntryHandle> handles) const {
+  handles_.load(handles);
+  std::vector<uint32_t> hashes;
+  hashes.reserve(handles.size());
+  for (auto handle = handles.begin(); handle != handles.end();) {
+    const ResourceId rid = handles_.entryHandleToResourceId(*handle);
+    hashes.clear();
+    for (; handle != handles.end() && handles_.entryHandleToResourceId(*handle) == rid; ++handle) {
+      hashes.push_back(handles_.rowHash(*handle));
+    }
+    if (const auto* table = readyTable(rid)) table->load(hashes);
+  }
 }
 
 std::optional<TableCacheEntry> TableCache::cache(const CacheKey& key) const {

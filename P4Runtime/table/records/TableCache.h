@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 
 #include "P4Runtime/companion/P4HandleMgr.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
@@ -26,6 +27,8 @@ class TableCache : public Vela::RefCounted {
   size_t recordCount() const;
   // The row of an entry whose handle is taken; nothing without one.
   std::optional<Lattice::StoredRow> row(const CacheKey& key) const;
+  // Has the processor fetch the memory of these entries' rows. Handles of other kinds do no harm.
+  void load(std::span<const EntryHandle> handles) const;
   // Nothing when there is no record, or an unreadable one. The record of an entry whose deletion
   // waits for its outcome is found, too.
   std::optional<TableCacheEntry> cache(const CacheKey& key) const;

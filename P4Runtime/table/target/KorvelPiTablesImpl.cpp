@@ -134,6 +134,11 @@ pi_status_t _pi_table_entry_modify(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
   return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
 }
 
+void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t* entry_handles, size_t count) {
+  const Vela::ActivityLock lock;
+  if (const TableImpl* tableImpl = TheTableImpl()) tableImpl->loadEntries({entry_handles, count});
+}
+
 pi_status_t _pi_table_default_action_set(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                          pi_p4_id_t table_id, const pi_table_entry_t* table_entry) {
   const Vela::ActivityLock lock;

@@ -26,6 +26,12 @@ EntryPtr EntryPages::remove(const Snapshots& snapshots, const Entry& entry) {
   return std::exchange(writable(snapshots, entry.position), EntryPtr());
 }
 
+void EntryPages::load(uint32_t position) const {
+  const uint32_t number = position / kPageEntries;
+  if (number >= list_->pages.size()) return;
+  __builtin_prefetch(&list_->pages[number]->entries[position % kPageEntries]);
+}
+
 EntryPtr& EntryPages::writable(const Snapshots& snapshots, uint32_t position) {
   List& list = writableList(snapshots);
   const uint32_t number = position / kPageEntries;

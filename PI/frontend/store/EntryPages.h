@@ -34,6 +34,8 @@ class EntryPages {
   void add(const Snapshots& snapshots, EntryPtr entry);
   // `entry` takes the place of `former`, which must be in the pages. Returns the former one.
   EntryPtr replace(const Snapshots& snapshots, const Entry& former, EntryPtr entry);
+  // Has the processor fetch the place of that position.
+  void load(uint32_t position) const;
   EntryPtr remove(const Snapshots& snapshots, const Entry& entry);
 
   std::shared_ptr<const List> list() const { return list_; }

@@ -22,11 +22,19 @@ const Entry* EntryStore::committed(const EntryLookup& lookup) const {
   return found == entries_.end() ? nullptr : found->entry.get();
 }
 
-void EntryStore::prefetchSlot(size_t hash) const { entries_.prefetch(EntryHash{hash}); }
+void EntryStore::loadSlot(size_t hash) const { entries_.prefetch(EntryHash{hash}); }
 
-void EntryStore::prefetchEntry(size_t hash) const {
+const Entry* EntryStore::loadEntry(size_t hash) const {
   const auto found = entries_.find(EntryHash{hash});
-  if (found != entries_.end()) __builtin_prefetch(found->entry.get());
+  if (found == entries_.end()) return nullptr;
+  const Entry* entry = found->entry.get();
+  __builtin_prefetch(entry);
+  return entry;
+}
+
+void EntryStore::loadPlace(const Entry& entry) const {
+  const auto pages = pages_.find(listOf(entry));
+  if (pages != pages_.end()) pages->second.load(entry.position);
 }
 
 void EntryStore::keep(std::span<Change> changes) {

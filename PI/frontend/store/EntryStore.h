@@ -35,10 +35,13 @@ class EntryStore {
   // For the Write in progress, which alone changes the store and sees the changes that it has kept:
   // null when nothing stands there. The pointer is good until that Write's next keep() or commit().
   const Entry* committed(const EntryLookup& lookup) const;
-  // Asks the processor for the memory that such a look-up will need, when it is soon to come: of
-  // the set's slots, and (a while later) of the entry.
-  void prefetchSlot(size_t hash) const;
-  void prefetchEntry(size_t hash) const;
+  // Have the processor fetch the memory that a look-up will need, which is to come: of the set's
+  // slots; a while later of the entry, which is returned; and later of its place among the others
+  // of its table, for a change. An entry of another key with that hash may take its place; null for
+  // none.
+  void loadSlot(size_t hash) const;
+  const Entry* loadEntry(size_t hash) const;
+  void loadPlace(const Entry& entry) const;
 
   // A Write of several batches keeps the outcome of each but the last. Leaves the slots empty.
   void keep(std::span<Change> changes);

@@ -13,6 +13,7 @@
 #include "PI/target/pi_pending_imp.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 
 namespace pi::fe::proto {
@@ -22,6 +23,7 @@ using p4::v1::Update;
 namespace {
 
 constexpr int kBatchUpdateFailed = 40;  // the target writes the error into the status vector
+constexpr size_t kLoadedTogether = 64;  // updates, whose memory is fetched at one time
 constexpr size_t kMostTogether = 4096;  // updates of several Writes: each waits for all of them
 
 // Commits the changes that the Writes have kept, however they end.
@@ -138,7 +140,9 @@ void WriteRun::doRunBatch(const Batch& batch) {
   try {
     for (size_t i = 0; i < batch.size(); ++i) {
       const uint32_t offset = batch[i];
-      doPrefetch(batch, i);
+      if (i % kLoadedTogether == 0) {
+        doLoad(std::span(batch).subspan(i, std::min(kLoadedTogether, batch.size() - i)));
+      }
       try {
         maybeRunUpdate(offset, &statuses);
       } catch (const NoBatch& refusal) {
@@ -157,13 +161,21 @@ void WriteRun::doRunBatch(const Batch& batch) {
   doRecordFailures(statuses);
 }
 
-// Among a million entries nearly each look-up waits for memory.
-void WriteRun::doPrefetch(const Batch& batch, size_t position) const {
-  constexpr size_t entryAhead = 3;
-  constexpr size_t slotAhead = 6;
-  const auto hashAt = [&](size_t at) { return operations_[batch[at]].update.slot.hash; };
-  if (position + slotAhead < batch.size()) store_.prefetchSlot(hashAt(position + slotAhead));
-  if (position + entryAhead < batch.size()) store_.prefetchEntry(hashAt(position + entryAhead));
+// Among a million entries nearly each look-up waits for memory: those of some dozen updates wait
+// together.
+void WriteRun::doLoad(std::span<const uint32_t> offsets) const {
+  std::array<const Entry*, kLoadedTogether> entries{};
+  std::array<pi_entry_handle_t, kLoadedTogether> handles{};
+  const auto hashAt = [&](size_t i) { return operations_[offsets[i]].update.slot.hash; };
+  for (size_t i = 0; i < offsets.size(); ++i) store_.loadSlot(hashAt(i));
+  for (size_t i = 0; i < offsets.size(); ++i) entries[i] = store_.loadEntry(hashAt(i));
+  size_t known = 0;
+  for (const Entry* entry : entries) {
+    if (entry == nullptr) continue;
+    handles[known++] = entry->handle;
+    store_.loadPlace(*entry);
+  }
+  if (known > 0) pi_table_entries_coming(session_.deviceId, handles.data(), known);
 }
 
 void WriteRun::doEndBatch(StatusVector* statuses) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -73,7 +74,7 @@ class WriteRun {
   google::rpc::Status statusOf(const Part& part) const;
   std::vector<Batch> batches() const;
   void doRunBatch(const Batch& batch);
-  void doPrefetch(const Batch& batch, size_t position) const;
+  void doLoad(std::span<const uint32_t> offsets) const;
   void doEndBatch(StatusVector* statuses);
   void doAbandonBatch(StatusVector* statuses);
   void maybeRunUpdate(uint32_t offset, StatusVector* statuses);

@@ -31,6 +31,11 @@ void pi_batch_current_clear(void);
 int pi_batch_urgent(void);
 void pi_batch_urgent_set(int urgent);
 
+/* For the front end: updates of these entries follow soon. A target may have memory fetched that it
+ * will need for them. A handle need not be an entry's. */
+void pi_table_entries_coming(pi_dev_id_t dev_id, const pi_entry_handle_t* entry_handles,
+                             size_t count);
+
 /* pi_counter_read_direct() for many entries at once; one count for each handle. When it does not
  * succeed no count counts. */
 pi_status_t pi_counters_read_direct(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,

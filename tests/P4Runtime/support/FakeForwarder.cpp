@@ -46,7 +46,7 @@ void FakeForwarder::follow() {
     ++heard_;
     lastHeard_ = change.sequence;
   };
-  const auto reached = reader_->follow(seen_, UINT64_MAX, follow);
+  const auto reached = reader_->followEach(seen_, UINT64_MAX, follow);
   if (!reached) throw std::logic_error("changes were trimmed that the forwarder has not seen");
   seen_ = *reached;
 }

@@ -142,7 +142,7 @@ bool DamageTest::expectDamageIsTold(bool mayReadersMissRecords) {
 // lost.
 void DamageTest::expectFollowed(Reader& reader) {
   Contents now = storedFormerly;
-  const auto reached = reader.follow(followed, UINT64_MAX, [&](const FollowedChange& change) {
+  const auto reached = reader.followEach(followed, UINT64_MAX, [&](const FollowedChange& change) {
     now.erase(std::string(asText(change.key)));
     if (!change.deleted) now.emplace(asText(change.key), asText(change.value));
   });

@@ -271,7 +271,7 @@ TEST_F(FullStoreTest, NothingIsLookedForInTheMemoryOfADeletedTable) {
   const auto reader = Reader::open(small);
   full->tableDel("rows");
   const auto isOfRows = [&](const FollowedChange& change) { EXPECT_NE(change.table, rows); };
-  EXPECT_EQ(reader->follow(first, UINT64_MAX, isOfRows), full->committedSequence());
+  EXPECT_EQ(reader->followEach(first, UINT64_MAX, isOfRows), full->committedSequence());
   for (uint64_t at = first; at < full->nextSequence(); ++at) {
     const auto change = full->change(at);
     EXPECT_TRUE(!change || change->table != rows);
@@ -280,7 +280,7 @@ TEST_F(FullStoreTest, NothingIsLookedForInTheMemoryOfADeletedTable) {
   full.reset();
   full = Store::open({.directory = small});
   fillUp();
-  EXPECT_EQ(reader->follow(first, UINT64_MAX, isOfRows), full->committedSequence());
+  EXPECT_EQ(reader->followEach(first, UINT64_MAX, isOfRows), full->committedSequence());
   full->settle();
   full->trim(full->nextSequence(), 0);
 }

@@ -192,7 +192,8 @@ struct Follower {
   size_t changes = 0, snapshots = 0;
 
   void catchUp(Reader& reader) {
-    if (const auto reached = reader.follow(sequence, UINT64_MAX, [&](auto& one) { apply(one); })) {
+    if (const auto reached =
+            reader.followEach(sequence, UINT64_MAX, [&](auto& one) { apply(one); })) {
       sequence = *reached;
     } else {
       copy(reader);

@@ -28,6 +28,9 @@ pi_status_t _pi_table_default_action_get(pi_session_handle_t session_handle, pi_
 pi_status_t _pi_table_default_action_done(pi_session_handle_t session_handle,
                                           pi_table_entry_t* table_entry);
 
+void _pi_table_entries_coming(pi_dev_id_t dev_id, const pi_entry_handle_t* entry_handles,
+                              size_t count);
+
 /* Layout of the result: PI/int/pi_int.h. */
 pi_status_t _pi_table_entries_fetch(pi_session_handle_t session_handle, pi_dev_id_t dev_id,
                                     pi_p4_id_t table_id, pi_table_fetch_res_t* res);
