@@ -43,6 +43,9 @@ class FailingStore final : public Brine::Store {
   std::optional<Record> recordOf(TableNumber table, uint32_t hash, uint64_t owner) const override {
     return store_->recordOf(table, hash, owner);
   }
+  void load(TableNumber table, std::span<const uint32_t> hashes) const override {
+    store_->load(table, hashes);
+  }
   Written write(TableNumber table, Bytes key, size_t size,
                 const Brine::WriteOptions& options) override {
     if (writesFailing || writesLeft == 0) refuse();
