@@ -6,38 +6,44 @@
 #include <string_view>
 
 #include "p4/config/v1/p4info.pb.h"
+#include "pipeline/Extensions.h"
 #include "pipeline/Names.h"
 
 namespace Pipeline {
 namespace {
 
-constexpr int maxBits = 255;  // the agent keeps a width in 8 bits
+constexpr int mostBits = 255;           // without the extension: the agent keeps a width in 8 bits
+constexpr int mostWideBits = 8 * 1023;  // with it: the bytes of a whole key
 
 std::string bytesType(int bits) { return "Bytes<" + std::to_string((bits + 7) / 8) + ">"; }
+std::string bitsType(int bits) { return "Bits<" + std::to_string(bits) + ">"; }
 
 // A width that no column can hold in any byte order.
-std::string widthRefusal(int bits) {
+std::string widthRefusal(int bits, const Extensions& extensions) {
   if (bits == 0) return "it is a string to the controller (width 0), and only numbers fit a column";
   if (bits < 0) return "its width " + std::to_string(bits) + " is no width";
-  if (bits > maxBits) {
-    return "it is " + std::to_string(bits) + " bits wide; " + std::to_string(maxBits) +
-           " is the most";
+  const int most = extensions.fields ? mostWideBits : mostBits;
+  if (bits > most) {
+    return "it is " + std::to_string(bits) + " bits wide; " + std::to_string(most) + " is the most";
   }
   return "";
 }
 
 // Integers in host order up to 32 bits; wider values stay in network order.
-ColumnChoice plainColumn(int bits) {
-  if (const std::string refusal = widthRefusal(bits); !refusal.empty()) return {"", refusal};
+ColumnChoice plainColumn(int bits, const Extensions& extensions) {
+  if (const std::string refusal = widthRefusal(bits, extensions); !refusal.empty()) {
+    return {"", refusal};
+  }
   if (bits <= 8) return {"U8", ""};
   if (bits <= 16) return {"U16", ""};
   if (bits <= 24) {
+    if (extensions.fields) return {bitsType(bits), ""};
     return {"", "it is " + std::to_string(bits) + " bits wide; there are no three-byte integers"};
   }
   if (bits <= 32) return {"U32", ""};
   if (bits == 48) return {"EthAddr", ""};
   if (bits == 128) return {"Ip6Addr", ""};
-  return {bytesType(bits), ""};
+  return {bits > mostBits ? bitsType(bits) : bytesType(bits), ""};
 }
 
 bool annotatedAsIpv4(const p4::config::v1::MatchField& field) {
@@ -74,16 +80,19 @@ bool isIpv4Address(const p4::config::v1::MatchField& field) {
   return field.bitwidth() == 32 && (annotatedAsIpv4(field) || namedLikeIpv4(field.name()));
 }
 
-ColumnChoice keyColumn(const p4::config::v1::MatchField& field) {
+ColumnChoice keyColumn(const p4::config::v1::MatchField& field, const Extensions& extensions) {
   if (isIpv4Address(field)) return {"IpAddr", ""};
-  return plainColumn(field.bitwidth());
+  return plainColumn(field.bitwidth(), extensions);
 }
 
-ColumnChoice prefixColumn(const p4::config::v1::MatchField& field) {
-  if (field.bitwidth() == 32 || field.bitwidth() == 128) return {"IpGenPrefix", ""};
-  if (const std::string refusal = widthRefusal(field.bitwidth()); !refusal.empty())
+ColumnChoice prefixColumn(const p4::config::v1::MatchField& field, const Extensions& extensions) {
+  const int bits = field.bitwidth();
+  if (bits == 32 || bits == 128) return {"IpGenPrefix", ""};
+  if (const std::string refusal = widthRefusal(bits, extensions); !refusal.empty()) {
     return {"", refusal};
-  return {"", "it is an LPM field of " + std::to_string(field.bitwidth()) +
+  }
+  if (extensions.fields) return {bitsType(bits), ""};
+  return {"", "it is an LPM field of " + std::to_string(bits) +
                   " bits; prefixes have 32 (IPv4) or 128 (IPv6)"};
 }
 
@@ -95,12 +104,15 @@ bool isInNetworkOrder(const p4::config::v1::Action_Param& parameter) {
   return isInNetworkOrder(parameter.name());
 }
 
-ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter) {
+ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter,
+                             const Extensions& extensions) {
   const int bits = parameter.bitwidth();
-  if (!isInNetworkOrder(parameter)) return plainColumn(bits);
-  if (const std::string refusal = widthRefusal(bits); !refusal.empty()) return {"", refusal};
+  if (!isInNetworkOrder(parameter)) return plainColumn(bits, extensions);
+  if (const std::string refusal = widthRefusal(bits, extensions); !refusal.empty()) {
+    return {"", refusal};
+  }
   if (bits == 32) return {"IpAddr", ""};
-  if (bits == 48 || bits == 128) return plainColumn(bits);
+  if (bits == 48 || bits == 128 || bits > mostBits) return plainColumn(bits, extensions);
   return {bytesType(bits), ""};
 }
 

@@ -13,17 +13,20 @@ class MatchField;
 
 namespace Pipeline {
 
+struct Extensions;
+
 // The type, or else the reason for a refusal.
 struct ColumnChoice {
   std::string type;
   std::string refusal;  // empty: `type` counts
 };
 
-// Of the value (and the mask) of a match field that is no LPM.
-ColumnChoice keyColumn(const p4::config::v1::MatchField& field);
-// Of an LPM field: IpGenPrefix, or a refusal.
-ColumnChoice prefixColumn(const p4::config::v1::MatchField& field);
-ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter);
+// Of the value (and the mask or the other end) of a match field that is no LPM.
+ColumnChoice keyColumn(const p4::config::v1::MatchField& field, const Extensions& extensions);
+// Of an LPM field: IpGenPrefix, or the value of a prefix that has its length in another column.
+ColumnChoice prefixColumn(const p4::config::v1::MatchField& field, const Extensions& extensions);
+ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter,
+                             const Extensions& extensions);
 
 // Whether a parameter stays in network order at any width. Its name says so.
 bool isInNetworkOrder(std::string_view parameterName);

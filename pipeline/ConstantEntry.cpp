@@ -96,37 +96,56 @@ std::string ternaryKey(const std::optional<MatchValue>& value, uint32_t bits) {
   return value->value + mask;
 }
 
-std::string rangeKey(const std::optional<MatchValue>& value) {
+std::string oneValueRangeKey(const std::optional<MatchValue>& value) {
   const bool one = value && (value->form == Form::exact ||
                              (value->form == Form::range && value->value == value->maskOrHigh));
   if (!one) throw PipelineError("the agent programs ranges of one value only");
   return value->value;
 }
 
-std::string fieldKey(const MatchField& field, const std::optional<MatchValue>& value) {
-  const auto bits = static_cast<uint32_t>(field.bitwidth());
-  switch (field.match_type()) {
-    case MatchField::LPM:
-      return lpmKey(value, bits);
-    case MatchField::TERNARY:
-      return ternaryKey(value, bits);
-    case MatchField::RANGE:
-      return rangeKey(value);
-    case MatchField::OPTIONAL:
-      if (!value) throw PipelineError("the agent cannot leave an optional field out; give a value");
-      return exactKey(*value);
-    default:
-      if (!value) throw PipelineError("missing; an exact field needs a value");
-      return exactKey(*value);
-  }
+std::string rangeKey(const std::optional<MatchValue>& value, uint32_t bits) {
+  if (!value) return prefixMask(0, bits) + fullMask(bits);
+  if (value->form == Form::exact) return value->value + value->value;
+  if (value->form != Form::range) throw PipelineError("expected a range such as 1..7");
+  if (value->value > value->maskOrHigh) throw PipelineError("its range ends before it begins");
+  return value->value + value->maskOrHigh;
 }
 
-std::string matchKey(const EntryDraft& draft) {
+std::string optionalKey(const std::optional<MatchValue>& value, uint32_t bits) {
+  if (!value) return prefixMask(0, bits) + '\0';
+  return exactKey(*value) + '\1';
+}
+
+// `slot` is the field's first.
+std::string fieldKey(const Slot& slot, const MatchField& field,
+                     const std::optional<MatchValue>& value) {
+  switch (slot.role) {
+    case SlotRole::prefix:
+      return lpmKey(value, slot.bits);
+    case SlotRole::value:
+      return ternaryKey(value, slot.bits);
+    case SlotRole::range:
+      return oneValueRangeKey(value);
+    case SlotRole::low:
+      return rangeKey(value, slot.bits);
+    case SlotRole::optional:
+      return optionalKey(value, slot.bits);
+    default:
+      break;
+  }
+  if (value) return exactKey(*value);
+  throw PipelineError(field.match_type() == MatchField::OPTIONAL
+                          ? "the agent cannot leave an optional field out; give a value"
+                          : "missing; an exact field needs a value");
+}
+
+std::string matchKey(const EntryDraft& draft, const TableLayout& layout) {
   std::string key;
-  for (int i = 0; i < draft.table->match_fields_size(); ++i) {
-    const MatchField& field = draft.table->match_fields(i);
+  for (const Slot& slot : layout.slots) {
+    if (!isFirst(slot.role)) continue;
+    const MatchField& field = draft.table->match_fields(static_cast<int>(slot.field));
     try {
-      key += fieldKey(field, draft.match[static_cast<size_t>(i)]);
+      key += fieldKey(slot, field, draft.match[slot.field]);
     } catch (const PipelineError& e) {
       throw PipelineError("match field " + quoted(field.name()) + ": " + e.what());
     }
@@ -179,7 +198,7 @@ ConstantEntry encodeEntry(const EntryDraft& draft, const PipelineLayout& layout)
   const TableLayout& table = layoutOf(*draft.table, layout);
   checkAction(draft, table);
   checkPriority(draft);
-  return {table.id, matchKey(draft), draft.priority, draft.action->preamble().id(),
+  return {table.id, matchKey(draft, table), draft.priority, draft.action->preamble().id(),
           actionData(draft)};
 }
 

@@ -16,7 +16,8 @@ namespace Pipeline {
 struct PipelineLayout;
 
 // As the agent takes it: the key's slots and the action's fields one after another, each in
-// (bits + 7) / 8 big-endian bytes; a prefix length in 4 bytes of host order.
+// (bits + 7) / 8 big-endian bytes; a prefix length in 4 bytes of host order; behind the value of an
+// optional field a byte that tells whether it is present.
 struct ConstantEntry {
   uint32_t tableId = 0;
   std::string key;

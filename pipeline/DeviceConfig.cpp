@@ -55,6 +55,7 @@ class DeviceReader {
   DeviceReader(const cJSON* root, Findings* findings) : root_(root), findings_(findings) {}
 
   DeviceConfig run() {
+    config_.extensions = readExtensions(*root_, findings_);
     step_ = "to create table types";
     forEach(root_, "table_type_definitions", whole, [this](const cJSON* item) { readType(item); });
     step_ = "to create tables";
@@ -176,8 +177,9 @@ class DeviceReader {
 
 }  // namespace
 
-DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<ConstantEntry>& entries) {
-  DeviceConfig config;
+DeviceConfig deviceConfig(const PipelineLayout& layout, const Extensions& extensions,
+                          const std::vector<ConstantEntry>& entries) {
+  DeviceConfig config{extensions, {}, {}, {}};
   for (const TableLayout& table : layout.tables) {
     config.types.push_back({table.typeName, definitionText(table)});
     DeviceTable device = deviceTable(table);
@@ -194,6 +196,7 @@ DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<Consta
 std::string deviceConfigText(const DeviceConfig& config) {
   const Vela::Json document(cJSON_CreateObject());
   cJSON* root = cJSON_AddObjectToObject(document.get(), "p4rtc");
+  addExtensions(config.extensions, root);
   cJSON* types = Vela::addArray(root, "table_type_definitions");
   for (const DeviceType& type : config.types) {
     cJSON* object = Vela::addObjectTo(types);

@@ -11,6 +11,7 @@
 
 #include "pipeline/ConstantEntry.h"
 #include "pipeline/DeviceQuery.h"
+#include "pipeline/Extensions.h"
 #include "pipeline/TableLayout.h"
 
 namespace Pipeline {
@@ -49,12 +50,14 @@ struct DeviceTable {
 };
 
 struct DeviceConfig {
+  Extensions extensions;
   std::vector<DeviceType> types;
   std::vector<DeviceTable> tables;
   std::vector<DeviceQuery> queries;
 };
 
-DeviceConfig deviceConfig(const PipelineLayout& layout, const std::vector<ConstantEntry>& entries);
+DeviceConfig deviceConfig(const PipelineLayout& layout, const Extensions& extensions,
+                          const std::vector<ConstantEntry>& entries);
 
 std::string deviceConfigText(const DeviceConfig& config);
 

@@ -73,26 +73,48 @@ std::string ternaryText(const Slot& slot, const std::string& name, FieldReader* 
          (number ? "0x" + hexText(mask) : valueText(mask, slot.type));
 }
 
+std::string rangeText(const Slot& slot, const std::string& name, FieldReader* key) {
+  const std::string low = key->takeValue(slot.bits, name);
+  const std::string high = key->takeValue(slot.bits, name);
+  if (low > high)
+    throw PipelineError("key: the range of " + quoted(name) + " ends before it begins");
+  if (isZero(low) && high == fullMask(slot.bits)) return "*";
+  if (low == high) return valueText(low, slot.type);
+  return valueText(low, slot.type) + ".." + valueText(high, slot.type);
+}
+
+std::string optionalText(const Slot& slot, const std::string& name, FieldReader* key) {
+  const std::string value = key->takeValue(slot.bits, name);
+  const std::string present = key->take(8);
+  if (present == std::string(1, '\1')) return valueText(value, slot.type);
+  if (!isZero(present + value)) {
+    throw PipelineError("key: " + quoted(name) + " is left out, and has a value or a wrong mark");
+  }
+  return "*";
+}
+
+std::string slotText(const Slot& slot, const std::string& name, FieldReader* key) {
+  switch (slot.role) {
+    case SlotRole::prefix:
+      return prefixText(slot, name, key);
+    case SlotRole::value:
+      return ternaryText(slot, name, key);
+    case SlotRole::low:
+      return rangeText(slot, name, key);
+    case SlotRole::optional:
+      return optionalText(slot, name, key);
+    default:
+      return valueText(key->takeValue(slot.bits, name), slot.type);
+  }
+}
+
 void readKey(const DeviceEntry& entry, const p4::config::v1::Table& table,
              const TableLayout& layout, EntryText* text) {
   FieldReader key("key", bytesOfHex(entry.key));
   for (const Slot& slot : layout.slots) {
+    if (!isFirst(slot.role)) continue;  // taken with the slot before
     const std::string& name = table.match_fields(static_cast<int>(slot.field)).name();
-    switch (slot.role) {
-      case SlotRole::prefix:
-        text->match.emplace_back(name, prefixText(slot, name, &key));
-        break;
-      case SlotRole::value:
-        text->match.emplace_back(name, ternaryText(slot, name, &key));
-        break;
-      case SlotRole::exact:
-      case SlotRole::range:
-        text->match.emplace_back(name, valueText(key.takeValue(slot.bits, name), slot.type));
-        break;
-      case SlotRole::mask:
-      case SlotRole::prefixLength:
-        break;  // taken with the slot before
-    }
+    text->match.emplace_back(name, slotText(slot, name, &key));
   }
   key.finish();
 }

@@ -77,12 +77,13 @@ void buildPipeline(const BuildOptions& options, Findings* findings) {
   if (findings->hasErrors()) return;
 
   checkProfiles(index, findings);
-  const PipelineLayout layout = pipelineLayout(index, findings);
+  const Extensions extensions = extensionsFor(*p4Info);
+  const PipelineLayout layout = pipelineLayout(index, extensions, findings);
   std::vector<ConstantEntry> entries;
   if (!options.entriesPath.empty())
     entries = readConstantEntries(options.entriesPath, index, layout, findings);
   checkEntryCounts(index, layout, entries, findings);
-  DeviceConfig device = deviceConfig(layout, entries);
+  DeviceConfig device = deviceConfig(layout, extensions, entries);
   if (!options.queriesPath.empty()) {
     readQueriesFile(options.queriesPath, &device.types, &device.queries);
   }

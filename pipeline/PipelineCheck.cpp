@@ -56,7 +56,7 @@ class DeviceCheck {
         types_(types),
         findings_(&verdict->findings),
         refused_(&verdict->refused),
-        layout_(pipelineLayout(index, findings_)) {}
+        layout_(pipelineLayout(index, device.extensions, findings_)) {}
 
   void run() {
     refused_->tables = layout_.refused;
@@ -166,6 +166,7 @@ void checkRequest(const Request& request, Verdict* verdict) {
   if (!json) return;
   const std::optional<DeviceConfig> device = parseDeviceConfig(*json, findings);
   if (!device) return;
+  verdict->extensions = device->extensions;
   const CompiledTypes types = checkTypes(*device, findings);
   checkQueries(*device, types, findings);
   if (findings->hasErrors()) return;

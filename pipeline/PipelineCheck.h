@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include "pipeline/Extensions.h"
 #include "pipeline/Finding.h"
 #include "pipeline/TableLayout.h"
 
@@ -27,10 +28,11 @@ struct Refused {
 };
 
 // An error for each reason why no agent can run the pipeline, a warning for each thing that it
-// would run without. `refused` counts when there is no error.
+// would run without. `refused` and `extensions` count when there is no error.
 struct Verdict {
   Findings findings;
   Refused refused;
+  Extensions extensions;  // that the pipeline asks for
 };
 
 // Changes nothing and may be called on any thread; no contents make it throw.

@@ -44,6 +44,18 @@ Outcome checkValue(const Column& column, uint32_t bits, bool networkOrder) {
       turned ? "U" + std::to_string(8 * column.size) : fmt::format("Bytes<{}>", column.size)));
 }
 
+// A prefix is of as many bits as the field: its length counts from the first of them.
+Outcome checkPrefix(const Column& column, uint32_t bits) {
+  if (column.bits == bits) return {};
+  return Outcome::failure(fmt::format("column {} is no Bits<{}>, which its LPM field needs",
+                                      quoted(column.name), bits));
+}
+
+Outcome checkLength(const Column& column) {
+  if (column.type == ColumnType::u32) return {};
+  return Outcome::failure(fmt::format("column {} is no U32", quoted(column.name)));
+}
+
 ColumnRole roleOf(SlotRole role) {
   switch (role) {
     case SlotRole::value:
@@ -52,19 +64,33 @@ ColumnRole roleOf(SlotRole role) {
       return ColumnRole::mask;
     case SlotRole::range:
       return ColumnRole::range;
-    default:
-      return ColumnRole::exact;
+    case SlotRole::low:
+      return ColumnRole::low;
+    case SlotRole::high:
+      return ColumnRole::high;
+    case SlotRole::prefix:
+      return ColumnRole::prefix;
+    case SlotRole::prefixLength:
+      return ColumnRole::length;
+    case SlotRole::optional:
+      return ColumnRole::optional;
+    case SlotRole::present:
+      return ColumnRole::present;
+    case SlotRole::exact:
+      break;
   }
+  return ColumnRole::exact;
 }
 
 const char* nameOf(ColumnRole role) {
-  constexpr const char* names[] = {"exact", "value", "mask", "range", "priority"};
+  constexpr const char* names[] = {"exact", "value",  "mask",   "range",    "priority", "low",
+                                   "high",  "prefix", "length", "optional", "present"};
   return names[static_cast<size_t>(role)];
 }
 
 // Marks of byte order go by the place in "table_fields", so that each slot needs its own field.
 Outcome checkSlot(const Slot& slot, const DeviceField& field, const Column& column) {
-  if (slot.role == SlotRole::prefix) {
+  if (slot.type == "IpGenPrefix") {
     if (column.type == ColumnType::ipGenPrefix) return {};
     return Outcome::failure(
         fmt::format("column {} is no IpGenPrefix, which an LPM field needs", quoted(column.name)));
@@ -74,6 +100,9 @@ Outcome checkSlot(const Slot& slot, const DeviceField& field, const Column& colu
                                         quoted(column.name), nameOf(column.role),
                                         nameOf(roleOf(slot.role))));
   }
+  if (slot.role == SlotRole::prefix) return checkPrefix(column, slot.bits);
+  // A length is in host order in a match key, too.
+  if (slot.role == SlotRole::prefixLength) return checkLength(column);
   const bool marked = isAddress(column.type) && field.type != "PrefixLen";
   return checkValue(column, slot.bits, marked);
 }
@@ -86,7 +115,7 @@ Outcome checkKey(const DeviceTable& table, const TableType& type, const TableLay
   for (size_t i = 0; i < layout.slots.size(); ++i) {
     const Slot& slot = layout.slots[i];
     const bool present = i < table.fields.size();
-    if (slot.role == SlotRole::prefixLength) {
+    if (!slot.hasColumn()) {
       if (present && table.fields[i].type == "PrefixLen") continue;
       return Outcome::failure(fmt::format("behind its field {} there is none of type PrefixLen",
                                           quoted(columns[column - 1].name)));
@@ -105,7 +134,7 @@ Outcome checkKey(const DeviceTable& table, const TableType& type, const TableLay
   if (priority != layout.priority) {
     return Outcome::failure(
         priority ? "its key has a priority, but its match fields ask for none"
-                 : "its key has no priority, as its ternary or range fields ask for");
+                 : "its key has no priority, as its ternary, range or optional fields ask for");
   }
   return {};
 }

@@ -26,6 +26,8 @@ size_t byteCount(uint32_t bits) { return (bits + 7) / 8; }
 
 class SlotMaker {
  public:
+  explicit SlotMaker(const Extensions& extensions) : extensions_(extensions) {}
+
   std::vector<Slot> slots(const p4::config::v1::Table& table) {
     for (int i = 0; i < table.match_fields_size(); ++i) {
       field_ = static_cast<size_t>(i);
@@ -44,7 +46,8 @@ class SlotMaker {
                                           : "the agent knows no match type " + quoted(other))};
     }
     const bool lpm = field.match_type() == MatchField::LPM;
-    const ColumnChoice choice = lpm ? prefixColumn(field) : keyColumn(field);
+    const ColumnChoice choice =
+        lpm ? prefixColumn(field, extensions_) : keyColumn(field, extensions_);
     if (!choice.refusal.empty()) throw Refusal{what + choice.refusal};
     const std::string name =
         names_.take(legalName(field.name(), "field_" + std::to_string(field.id())));
@@ -56,17 +59,24 @@ class SlotMaker {
     switch (field.match_type()) {
       case MatchField::LPM:
         add(name, type, SlotRole::prefix, bits);
-        add(names_.take(name + "_len"), "PrefixLen", SlotRole::prefixLength, 32);
+        add(names_.take(name + "_len"), type == "IpGenPrefix" ? "PrefixLen" : "U32",
+            SlotRole::prefixLength, 32);
         break;
       case MatchField::TERNARY:
         add(name, type, SlotRole::value, bits);
         add(names_.take(name + "_mask"), type, SlotRole::mask, bits);
         break;
       case MatchField::RANGE:
-        add(name, type, SlotRole::range, bits);
+        if (!extensions_.fields) return add(name, type, SlotRole::range, bits);
+        add(name, type, SlotRole::low, bits);
+        add(names_.take(name + "_high"), type, SlotRole::high, bits);
+        break;
+      case MatchField::OPTIONAL:
+        if (!extensions_.fields) return add(name, type, SlotRole::exact, bits);
+        add(name, type, SlotRole::optional, bits);
+        add(names_.take(name + "_present"), "U8", SlotRole::present, 8);
         break;
       case MatchField::EXACT:
-      case MatchField::OPTIONAL:
         add(name, type, SlotRole::exact, bits);
         break;
       default:
@@ -82,7 +92,7 @@ class SlotMaker {
     size_t prefixes = 0;
     size_t bytes = 0;
     for (const Slot& slot : slots_) {
-      prefixes += slot.role == SlotRole::prefix ? 1 : 0;
+      prefixes += slot.type == "IpGenPrefix" ? 1 : 0;
       bytes += byteCount(slot.bits);
     }
     if (prefixes > maxPrefixes) {
@@ -95,6 +105,7 @@ class SlotMaker {
     }
   }
 
+  const Extensions& extensions_;
   std::vector<Slot> slots_;
   UniqueNames names_;
   size_t field_ = 0;
@@ -106,12 +117,13 @@ const std::string& shortName(const Object& object) {
   return object.preamble().alias().empty() ? object.preamble().name() : object.preamble().alias();
 }
 
-ActionShape actionShape(const p4::config::v1::Action& action, std::string name) {
+ActionShape actionShape(const p4::config::v1::Action& action, std::string name,
+                        const Extensions& extensions) {
   ActionShape shape{std::move(name), action.preamble().id(), {}};
   UniqueNames names;
   size_t bytes = 0;
   for (const auto& parameter : action.params()) {
-    const ColumnChoice choice = parameterColumn(parameter);
+    const ColumnChoice choice = parameterColumn(parameter, extensions);
     if (!choice.refusal.empty())
       throw Refusal{"parameter " + quoted(parameter.name()) + ": " + choice.refusal};
     const auto bits = static_cast<uint32_t>(parameter.bitwidth());
@@ -124,9 +136,15 @@ ActionShape actionShape(const p4::config::v1::Action& action, std::string name) 
   return shape;
 }
 
+bool needsPriority(SlotRole role) {
+  return role == SlotRole::value || role == SlotRole::range || role == SlotRole::low ||
+         role == SlotRole::optional;
+}
+
 class LayoutMaker {
  public:
-  LayoutMaker(const P4InfoLookup& index, Findings* findings) : index_(index), findings_(findings) {}
+  LayoutMaker(const P4InfoLookup& index, const Extensions& extensions, Findings* findings)
+      : index_(index), extensions_(extensions), findings_(findings) {}
 
   PipelineLayout run() {
     for (const auto& table : index_.p4Info().tables()) addTable(table);
@@ -150,12 +168,12 @@ class LayoutMaker {
       throw Refusal{"it has no match fields, and the agent sets no default actions"};
     TableLayout layout;
     layout.id = table.preamble().id();
-    layout.slots = SlotMaker().slots(table);
+    layout.slots = SlotMaker(extensions_).slots(table);
     layout.indirect = table.implementation_id() != 0;
     layout.meter = index_.hasDirectMeter(table);
     layout.counter = index_.hasDirectCounter(table);
     for (const Slot& slot : layout.slots) {
-      layout.priority |= slot.role == SlotRole::value || slot.role == SlotRole::range;
+      layout.priority |= needsPriority(slot.role);
     }
     std::vector<uint32_t> actionIds;
     for (const auto& ref : table.action_refs()) actionIds.push_back(ref.id());
@@ -177,7 +195,8 @@ class LayoutMaker {
       const p4::config::v1::Action& action = *index_.action(id);
       try {
         shapes.push_back(actionShape(
-            action, names.take(legalName(shortName(action), "action_" + std::to_string(id)))));
+            action, names.take(legalName(shortName(action), "action_" + std::to_string(id))),
+            extensions_));
       } catch (const Refusal& refusal) {
         result_.refusedActions[id] = refusal.reason;
         refused = "action " + quoted(action.preamble().name()) + ": " + refusal.reason;
@@ -231,18 +250,42 @@ class LayoutMaker {
   }
 
   const P4InfoLookup& index_;
+  const Extensions& extensions_;
   Findings* findings_;
   PipelineLayout result_;
   UniqueNames tableNames_;
   UniqueNames typeNames_;
 };
 
+// The column's role in the language of table types; none for an exact one.
+const char* roleText(const Slot& slot) {
+  switch (slot.role) {
+    case SlotRole::value:
+      return " value";
+    case SlotRole::mask:
+      return " mask";
+    case SlotRole::range:
+      return " range";
+    case SlotRole::prefix:
+      return slot.type == "IpGenPrefix" ? "" : " prefix";
+    case SlotRole::prefixLength:
+      return " length";
+    case SlotRole::low:
+      return " low";
+    case SlotRole::high:
+      return " high";
+    case SlotRole::optional:
+      return " optional";
+    case SlotRole::present:
+      return " present";
+    case SlotRole::exact:
+      break;
+  }
+  return "";
+}
+
 std::string columnText(const Slot& slot) {
-  std::string text = "key " + slot.name + " : " + slot.type;
-  if (slot.role == SlotRole::value) text += " value";
-  if (slot.role == SlotRole::mask) text += " mask";
-  if (slot.role == SlotRole::range) text += " range";
-  return text + ";\n";
+  return "key " + slot.name + " : " + slot.type + roleText(slot) + ";\n";
 }
 
 std::string actionText(const ActionShape& action) {
@@ -270,7 +313,7 @@ const char* tableClass(TableKind kind) {
 std::string definitionText(const TableLayout& layout) {
   std::string text;
   for (const Slot& slot : layout.slots) {
-    if (slot.role != SlotRole::prefixLength) text += columnText(slot);
+    if (slot.hasColumn()) text += columnText(slot);
   }
   if (layout.priority) text += "key priority : U32 priority;\n";
   if (layout.kind == TableKind::group) text += "member_id : U32[];\n";
@@ -292,8 +335,9 @@ const TableLayout* PipelineLayout::table(const TableRef& ref) const {
   return nullptr;
 }
 
-PipelineLayout pipelineLayout(const P4InfoLookup& index, Findings* findings) {
-  return LayoutMaker(index, findings).run();
+PipelineLayout pipelineLayout(const P4InfoLookup& index, const Extensions& extensions,
+                              Findings* findings) {
+  return LayoutMaker(index, extensions, findings).run();
 }
 
 }  // namespace Pipeline

@@ -8,21 +8,43 @@
 #include <utility>
 #include <vector>
 
+#include "pipeline/Extensions.h"
+
 namespace Pipeline {
 
 class Findings;
 class P4InfoLookup;
 
 // A part of a match key: an exact field is one slot, a ternary one two (value, mask), an LPM one
-// two (prefix, prefix length), a range one.
-enum class SlotRole : uint8_t { exact, value, mask, range, prefix, prefixLength };
+// two (prefix, prefix length), a range one. With the extension for fields, a range has two (low,
+// high), and an optional field, too (optional, present).
+enum class SlotRole : uint8_t {
+  exact,
+  value,
+  mask,
+  range,
+  prefix,
+  prefixLength,
+  low,
+  high,
+  optional,
+  present
+};
+
+// Whether such a slot is the first of a field.
+constexpr bool isFirst(SlotRole role) {
+  return role != SlotRole::mask && role != SlotRole::prefixLength && role != SlotRole::high &&
+         role != SlotRole::present;
+}
 
 struct Slot {
   std::string name;  // the column's, legal and unique in its table
-  std::string type;  // "U16", "IpGenPrefix", ...; "PrefixLen" has no column of its own
+  std::string type;  // "U16", "IpGenPrefix", ...
   SlotRole role = SlotRole::exact;
   uint32_t bits = 0;
   size_t field = 0;  // position among the P4 table's match fields
+
+  bool hasColumn() const { return type != "PrefixLen"; }  // else it is in the IpGenPrefix before it
 };
 
 struct ActionField {
@@ -72,6 +94,7 @@ struct PipelineLayout {
 
 // Parts that cannot be programmed give warnings and are left out. The references of the P4Info must
 // be sound.
-PipelineLayout pipelineLayout(const P4InfoLookup& index, Findings* findings);
+PipelineLayout pipelineLayout(const P4InfoLookup& index, const Extensions& extensions,
+                              Findings* findings);
 
 }  // namespace Pipeline

@@ -15,7 +15,7 @@ FieldBitwidths::FieldBitwidths(const std::string&) {
 
 size_t FieldBitwidths::encodedSize() const {
   size_t bytes = 0;
-  for (uint32_t slot = 0; slot < slots(); ++slot) bytes += (fieldBitwidth(slot) + 7) / 8;
+  for (uint32_t slot = 0; slot < slots(); ++slot) bytes += (width(slot) + 7) / 8;
   return bytes;
 }
 

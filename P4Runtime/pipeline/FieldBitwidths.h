@@ -42,9 +42,10 @@ class SlotMap {
 
 // How the fields of a table's match key, or of an action's data, are encoded. Slots are numbered
 // from 0 in P4Info order. A match field takes one slot of its width; a ternary one takes two, value
-// and mask; a prefix two, address and 32-bit length; a range one. An action parameter takes one; an
-// action without parameters has a single slot of width 0. A plain value: one thread at a time;
-// nothing throws, and absent slots read as a default.
+// and mask; a prefix two, address and 32-bit length; a range one. With the pipeline's extension for
+// fields, a range takes two, low and high, and an optional field two, value and an 8-bit presence.
+// An action parameter takes one; an action without parameters has a single slot of width 0. A plain
+// value: one thread at a time; nothing throws, and absent slots read as a default.
 class FieldBitwidths {
  public:
   FieldBitwidths() = default;
@@ -58,6 +59,13 @@ class FieldBitwidths {
   void fieldBitwidthDel(uint32_t slot) { fieldBitwidth_.valueDel(slot); }
   void fieldBitwidthDelAll() { fieldBitwidth_.valueDelAll(); }
   uint32_t slots() const { return static_cast<uint32_t>(fieldBitwidth_.size()); }
+
+  // Of slots wider than 255 bits, whose fieldBitwidth() is 0.
+  void wideFieldBitwidthIs(uint32_t slot, uint32_t width) { wideBitwidth_.valueIs(slot, width); }
+  // Bits of the slot, whichever list has them.
+  uint32_t width(uint32_t slot) const {
+    return wideBitwidth_.has(slot) ? wideBitwidth_.value(slot) : fieldBitwidth(slot);
+  }
 
   bool fieldInNetworkByteOrder(uint32_t slot) const { return networkOrder_.value(slot); }
   void fieldInNetworkByteOrderIs(uint32_t slot, bool is) { networkOrder_.valueIs(slot, is); }
@@ -76,6 +84,7 @@ class FieldBitwidths {
 
  private:
   SlotMap<uint8_t> fieldBitwidth_;
+  SlotMap<uint32_t> wideBitwidth_;
   SlotMap<bool> networkOrder_;
   SlotMap<bool> ipPrefix_;
 };

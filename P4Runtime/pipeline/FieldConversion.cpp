@@ -68,7 +68,7 @@ void P4TableInfo::extractFields(ResourceId tableId, uint32_t numFields, uint8_t*
   const FieldBitwidths& widths = fieldBitwidths(tableId);
   uint32_t offset = 0;
   for (uint32_t i = 0; i < numFields; ++i) {
-    const uint32_t width = widths.fieldBitwidth(i);
+    const uint32_t width = widths.width(i);
     if (width == 0) {
       fields[count++] = &zeroWidthField;
       offset += 1;

@@ -8,6 +8,7 @@
 
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
 #include "pipeline/ColumnType.h"
+#include "pipeline/Extensions.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -17,6 +18,7 @@ Scrivel::TraceHandle trace("P4TableInfoSm");
 
 constexpr uint32_t widestField = 255;      // bits that a slot can say
 constexpr uint8_t prefixLengthWidth = 32;  // bits of the slot behind a prefix
+constexpr uint8_t presenceWidth = 8;       // bits of the slot behind an optional value
 
 bool isMatchType(const std::string& text, const char* type) {
   return strcasecmp(text.c_str(), type) == 0;
@@ -25,14 +27,20 @@ bool isMatchType(const std::string& text, const char* type) {
 // Lays out the slots of one resource, in order.
 class SlotLayout {
  public:
-  explicit SlotLayout(ResourceId rid) : widths_(rid) {}
+  SlotLayout(ResourceId rid, const Pipeline::Extensions& extensions)
+      : widths_(rid), extensions_(extensions) {}
 
   uint32_t append(uint32_t width) {
     const uint32_t slot = widths_.slots();
-    if (width > widestField) width = 0;  // entries with such a field are refused
-    widths_.fieldBitwidthIs(slot, static_cast<uint8_t>(width));
+    const bool isWide = width > widestField;
+    // Without the extension, entries with such a field are refused.
+    widths_.fieldBitwidthIs(slot, static_cast<uint8_t>(isWide ? 0 : width));
+    if (isWide && extensions_.fields) widths_.wideFieldBitwidthIs(slot, width);
+    // There are no three-byte integers in host order.
+    if (extensions_.fields && (width + 7) / 8 == 3) networkOrder(slot);
     return slot;
   }
+  const Pipeline::Extensions& extensions() const { return extensions_; }
   void networkOrder(uint32_t slot) { widths_.fieldInNetworkByteOrderIs(slot, true); }
   void ipPrefix(uint32_t slot) { widths_.fieldIsIpPrefixIs(slot, true); }
 
@@ -40,6 +48,7 @@ class SlotLayout {
 
  private:
   FieldBitwidths widths_;
+  const Pipeline::Extensions& extensions_;
 };
 
 uint32_t preambleId(const cJSON* element) {  // 0 when absent
@@ -60,10 +69,18 @@ bool appendMatchField(SlotLayout& layout, const cJSON* field) {
     return true;
   }
   if (isMatchType(type, "LPM")) {
-    layout.ipPrefix(slot);
+    const bool isValueAndLength = layout.extensions().fields && width != 32 && width != 128;
+    isValueAndLength ? layout.networkOrder(slot) : layout.ipPrefix(slot);
     layout.networkOrder(layout.append(prefixLengthWidth));
+    return false;
   }
-  return isMatchType(type, "RANGE");
+  if (isMatchType(type, "OPTIONAL") && layout.extensions().fields) {
+    layout.append(presenceWidth);
+    return true;
+  }
+  if (!isMatchType(type, "RANGE")) return false;
+  if (layout.extensions().fields) layout.append(width);
+  return true;
 }
 
 // Sizes have 64 bits in the P4Info. A size beyond 32 bits is clamped: no table grows so large. A
@@ -96,7 +113,7 @@ void P4TableInfoSm::parseP4InfoActions(const cJSON* p4Info) {
   if (!actions) throwParsingException("Cannot find actions section in the P4Info file");
   for (const cJSON* action : Vela::JsonElements(actions)) {
     const ResourceId rid{actionResource, preambleId(action)};
-    SlotLayout layout(rid);
+    SlotLayout layout(rid, extensions_);
     uint32_t parameters = 0;
     for (const cJSON* parameter : Vela::JsonElements(Vela::jsonArray(action, "params"))) {
       const std::string name = Vela::jsonString(parameter, "name").value_or("");
@@ -127,7 +144,7 @@ void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
   for (const cJSON* table : Vela::JsonElements(tables)) {
     const ResourceId rid{tableResource, preambleId(table)};
     tableInfo_->resourceNameIs(rid, preambleName(table));
-    SlotLayout layout(rid);
+    SlotLayout layout(rid, extensions_);
     for (const cJSON* field : Vela::JsonElements(Vela::jsonArray(table, "matchFields"))) {
       if (appendMatchField(layout, field)) tableInfo_->priorityNeededIs(rid, true);
     }
@@ -177,7 +194,7 @@ void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {
       tableInfo_->maxTableSizeIs(rid, sizeOf(profile));
       SCRIVEL_TRACE(5, "Max size for ActionProfile", rid.id, " is ", sizeOf(profile));
     }
-    SlotLayout layout(rid);
+    SlotLayout layout(rid, extensions_);
     layout.append(32);  // the id of the member or group
     layout.store(*tableInfo_);
     if (!tableIds || !tableIds->child) {

@@ -156,7 +156,7 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
             request.device_id(), systemConfig_->deviceId()),
         whatItIs(path));
   }
-  NextPipeline next{path, request.SerializeAsString(), {}, {}, {}};
+  NextPipeline next{path, request.SerializeAsString(), {}, {}, {}, {}};
   const auto converted =
       google::protobuf::util::MessageToJsonString(request.config().p4info(), &next.p4InfoJson);
   if (!converted.ok()) fail("Failed to convert p4Info to JSON " + converted.ToString());
@@ -168,6 +168,7 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
   Pipeline::Verdict verdict = Pipeline::checkPipeline(request);
   requireRunnable(verdict.findings);
   next.refused = std::move(verdict.refused);
+  next.extensions = verdict.extensions;
   return next;
 }
 
@@ -185,6 +186,7 @@ void P4TableInfoSm::doChange() {
 void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   doForgetPipeline();
   refused_ = next.refused;
+  extensions_ = next.extensions;
   tableInfo_->pipelineRequestIs(next.request);
   TheParsingStatus()->pipelineFileIs(next.path);
   writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
@@ -214,6 +216,7 @@ void P4TableInfoSm::doForgetPipeline() {
   services_.typeConfigDir->typeConfigDelAll();
   tableInfo_->modelDel();
   refused_ = {};
+  extensions_ = {};
   TheParsingStatus()->refusedIs("");
   queryOutputs_.clear();
 }

@@ -111,6 +111,7 @@ class P4TableInfoSm : public Vela::Entity {
     std::string p4InfoJson;
     std::string deviceJson;
     Pipeline::Refused refused;
+    Pipeline::Extensions extensions;
   };
   NextPipeline readPipelineConfigFile(const std::string& path) const;
   void doChange();
@@ -142,6 +143,7 @@ class P4TableInfoSm : public Vela::Entity {
   Vela::Json jsonRootToDelete_;      // the device configuration, until the model is ready
   const cJSON* jsonRoot_ = nullptr;  // its "p4rtc" object
   Pipeline::Refused refused_;        // of that configuration
+  Pipeline::Extensions extensions_;  // that the pipeline asks for
   uint32_t generation_ = 0;          // of pipelines; callbacks of former ones are ignored
 
   std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> queryOutputs_;

@@ -7,6 +7,7 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/restore/FetchedTable.h"
+#include "PI/target/pi_extensions_imp.h"
 #include "p4/tmp/p4config.pb.h"
 
 namespace pi::fe::proto {
@@ -22,13 +23,19 @@ std::string deviceDataOf(const p4::v1::ForwardingPipelineConfig& config) {
   return device.device_data();
 }
 
+pi_abilities_t abilitiesOf(const std::string& deviceData) {
+  pi_abilities_t abilities{};
+  _pi_abilities(deviceData.data(), deviceData.size(), &abilities);
+  return abilities;
+}
+
 }  // namespace
 
 Pipeline::Pipeline(const p4::v1::ForwardingPipelineConfig& config)
     : config_(config),
-      index_(config_.p4info()),
-      packetHeaders_(config_.p4info()),
       deviceData_(deviceDataOf(config_)),
+      index_(config_.p4info(), abilitiesOf(deviceData_)),
+      packetHeaders_(config_.p4info()),
       p4info_{const_cast<P4InfoIndex*>(&index_)} {
   restored_.emplace(index_, store_, use_);
 }

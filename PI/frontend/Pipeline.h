@@ -63,9 +63,9 @@ class Pipeline {
   bool doAdoptInitialEntries(const TargetSession& session);
 
   const p4::v1::ForwardingPipelineConfig config_;
+  const std::string deviceData_;
   const P4InfoIndex index_;
   const PacketHeaders packetHeaders_;
-  const std::string deviceData_;
   pi_p4info_t p4info_;
   EntryStore store_;
   ProfileUse use_;

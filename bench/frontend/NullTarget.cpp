@@ -4,6 +4,7 @@
 #include "PI/int/pi_int.h"
 #include "PI/target/pi_act_prof_imp.h"
 #include "PI/target/pi_counter_imp.h"
+#include "PI/target/pi_extensions_imp.h"
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_pending_imp.h"
 #include "PI/target/pi_tables_imp.h"
@@ -80,6 +81,7 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p
                                           pi_indirect_handle_t) {
   return PI_STATUS_SUCCESS;
 }
+void _pi_abilities(const char*, size_t, pi_abilities_t*) {}
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                     pi_entry_handle_t, int, pi_counter_data_t* data) {

@@ -54,7 +54,7 @@ class ViewMaker {
     auto config = parseDeviceConfig(*json, &findings);
     if (!config) requireNone(findings, path);
     config_ = *std::move(config);
-    layout_ = pipelineLayout(index_, &findings);
+    layout_ = pipelineLayout(index_, config_.extensions, &findings);
     types_ = checkTypes(config_, &findings);
     const Verdict verdict = checkPipeline(request);
     refused_ = verdict.refused;

@@ -16,7 +16,7 @@ using Lattice::IpGenPrefix;
 using Lattice::TypeError;
 
 constexpr size_t prefixAddress = offsetof(IpGenPrefix, address);
-constexpr size_t prefixLength = offsetof(IpGenPrefix, length);
+constexpr size_t prefixLengthAt = offsetof(IpGenPrefix, length);
 
 uint32_t addressBits(uint8_t family) {
   if (family == IpGenPrefix::ipv4) return 32;
@@ -41,6 +41,19 @@ void checkPrefix(const std::string& name, const uint8_t* bytes) {
   if (canonical != prefix) refuse("bits behind its prefix length");
 }
 
+uint64_t numberAt(std::string_view key, uint32_t offset, uint32_t size) {
+  uint64_t number = 0;
+  for (uint32_t i = 0; i < size; ++i) number = number << 8 | static_cast<uint8_t>(key[offset + i]);
+  return number;
+}
+
+// Sets the first `length` of a number's bits, which end with the last byte.
+void setPrefixMask(const MatchField& field, uint64_t length, uint8_t* mask) {
+  std::memset(mask, 0xff, field.size);
+  if (field.bits % 8 != 0) mask[0] = static_cast<uint8_t>((1u << (field.bits % 8)) - 1);
+  clearHostBits(mask, field.size, field.size * 8 - field.bits + static_cast<uint32_t>(length));
+}
+
 }  // namespace
 
 void clearHostBits(uint8_t* address, uint32_t addressSize, uint32_t length) {
@@ -53,18 +66,26 @@ void clearHostBits(uint8_t* address, uint32_t addressSize, uint32_t length) {
 MatchLayout::MatchLayout(const Lattice::TableType& type) : keySize_(type.keySize()) {
   uint32_t offset = 0;
   for (const Lattice::Column& column : type.keyColumns()) {
-    if (column.role == ColumnRole::priority) {
-      priorityOffset_ = offset;
-      prioritySize_ = column.size;
-    } else if (column.role == ColumnRole::mask && !fields_.empty()) {
-      fields_.back().kind = MatchField::Kind::ternary;
-      fields_.back().maskOffset = offset;
-    } else {
-      addField(column, offset);
+    switch (column.role) {
+      case ColumnRole::priority:
+        priorityOffset_ = offset;
+        prioritySize_ = column.size;
+        break;
+      case ColumnRole::mask:
+      case ColumnRole::high:
+      case ColumnRole::length:
+      case ColumnRole::present:
+        addSecond(column, offset);
+        break;
+      default:
+        addField(column, offset);
     }
     offset += column.size;
   }
-  hasPrefix_ = fieldCount(MatchField::Kind::prefix) > 0;
+  hasRanges_ = fieldCount(MatchField::Kind::range) > 0;
+  isChecked_ = hasRanges_ || fieldCount(MatchField::Kind::prefix) > 0 ||
+               fieldCount(MatchField::Kind::bitPrefix) > 0 ||
+               fieldCount(MatchField::Kind::optional) > 0;
   kind_ = kindOf(type);
 }
 
@@ -73,9 +94,21 @@ void MatchLayout::addField(const Lattice::Column& column, uint32_t keyOffset) {
   fields_.push_back({.name = column.name,
                      .kind = isPrefix ? MatchField::Kind::prefix : MatchField::Kind::exact,
                      .size = column.size,
+                     .bits = column.bits,
                      .keyOffset = keyOffset,
                      .packetOffset = packetSize_});
   packetSize_ += column.size;
+}
+
+void MatchLayout::addSecond(const Lattice::Column& column, uint32_t keyOffset) {
+  MatchField& field = fields_.back();  // the type has the pair
+  field.secondOffset = keyOffset;
+  field.secondSize = column.size;
+  field.kind = column.role == ColumnRole::mask     ? MatchField::Kind::ternary
+               : column.role == ColumnRole::high   ? MatchField::Kind::range
+               : column.role == ColumnRole::length ? MatchField::Kind::bitPrefix
+                                                   : MatchField::Kind::optional;
+  if (field.bits == 0) field.bits = field.size * 8;
 }
 
 size_t MatchLayout::fieldCount(MatchField::Kind kind) const {
@@ -83,42 +116,58 @@ size_t MatchLayout::fieldCount(MatchField::Kind kind) const {
 }
 
 MatchKind MatchLayout::kindOf(const Lattice::TableType& type) const {
-  const size_t prefixes = fieldCount(MatchField::Kind::prefix);
-  const bool hasRange =
+  using Kind = MatchField::Kind;
+  const size_t prefixes = fieldCount(Kind::prefix);
+  const bool hasSingleRange =
       std::ranges::count(type.keyColumns(), ColumnRole::range, &Lattice::Column::role) > 0;
-  const bool ranked =
-      hasRange || priorityOffset_.has_value() || fieldCount(MatchField::Kind::ternary) > 0;
-  if (ranked || prefixes > 1) return MatchKind::ternary;
+  const size_t others = fieldCount(Kind::ternary) + fieldCount(Kind::bitPrefix) +
+                        fieldCount(Kind::range) + fieldCount(Kind::optional);
+  if (hasSingleRange || priorityOffset_.has_value() || others > 0 || prefixes > 1) {
+    return MatchKind::ternary;
+  }
   return prefixes == 1 ? MatchKind::longestPrefix : MatchKind::exact;
 }
 
 uint64_t MatchLayout::priority(std::string_view key) const {
-  uint64_t priority = 0;
-  if (!priorityOffset_) return priority;
-  for (uint32_t i = 0; i < prioritySize_; ++i) {
-    priority = priority << 8 | static_cast<uint8_t>(key[*priorityOffset_ + i]);
+  return priorityOffset_ ? numberAt(key, *priorityOffset_, prioritySize_) : 0;
+}
+
+uint64_t MatchLayout::prefixLength(const MatchField& field, std::string_view key) const {
+  if (field.kind == MatchField::Kind::prefix) {
+    return static_cast<uint8_t>(key[field.keyOffset + prefixLengthAt]);
   }
-  return priority;
+  if (field.kind != MatchField::Kind::bitPrefix) return 0;
+  return numberAt(key, field.secondOffset, field.secondSize);
 }
 
 void MatchLayout::maskOf(std::string_view key, uint8_t* mask) const {
-  for (const MatchField& field : fields_) {
-    uint8_t* out = mask + field.packetOffset;
-    switch (field.kind) {
-      case MatchField::Kind::exact:
-        std::memset(out, 0xff, field.size);
-        break;
-      case MatchField::Kind::ternary:
-        std::memcpy(out, key.data() + field.maskOffset, field.size);
-        break;
-      case MatchField::Kind::prefix:
-        std::memset(out, 0, field.size);
-        out[offsetof(IpGenPrefix, family)] = 0xff;
-        std::memset(out + prefixAddress, 0xff, field.size - prefixAddress);
-        clearHostBits(out + prefixAddress, field.size - prefixAddress,
-                      static_cast<uint8_t>(key[field.keyOffset + prefixLength]));
-        break;
-    }
+  for (const MatchField& field : fields_) maskOf(field, key, mask + field.packetOffset);
+}
+
+void MatchLayout::maskOf(const MatchField& field, std::string_view key, uint8_t* mask) const {
+  switch (field.kind) {
+    case MatchField::Kind::exact:
+      std::memset(mask, 0xff, field.size);
+      break;
+    case MatchField::Kind::ternary:
+      std::memcpy(mask, key.data() + field.secondOffset, field.size);
+      break;
+    case MatchField::Kind::prefix:
+      std::memset(mask, 0, field.size);
+      mask[offsetof(IpGenPrefix, family)] = 0xff;
+      std::memset(mask + prefixAddress, 0xff, field.size - prefixAddress);
+      clearHostBits(mask + prefixAddress, field.size - prefixAddress,
+                    static_cast<uint32_t>(prefixLength(field, key)));
+      break;
+    case MatchField::Kind::bitPrefix:
+      setPrefixMask(field, prefixLength(field, key), mask);
+      break;
+    case MatchField::Kind::range:
+      std::memset(mask, 0, field.size);
+      break;
+    case MatchField::Kind::optional:
+      std::memset(mask, key[field.secondOffset] != 0 ? 0xff : 0, field.size);
+      break;
   }
 }
 
@@ -131,15 +180,60 @@ void MatchLayout::valueUnder(const uint8_t* mask, std::string_view key, uint8_t*
   }
 }
 
+bool MatchLayout::inRanges(const uint8_t* packet, std::string_view key) const {
+  return std::ranges::all_of(fields_, [&](const MatchField& field) {
+    if (field.kind != MatchField::Kind::range) return true;
+    const uint8_t* value = packet + field.packetOffset;
+    return std::memcmp(value, key.data() + field.keyOffset, field.size) >= 0 &&
+           std::memcmp(value, key.data() + field.secondOffset, field.size) <= 0;
+  });
+}
+
 void MatchLayout::checkKey(std::string_view key) const {
   if (key.size() != keySize_) {
     throw TypeError("its key has " + std::to_string(key.size()) + " bytes where the type has " +
                     std::to_string(keySize_));
   }
-  if (!hasPrefix_) return;
-  for (const MatchField& field : fields_) {
-    if (field.kind != MatchField::Kind::prefix) continue;
-    checkPrefix(field.name, reinterpret_cast<const uint8_t*>(key.data()) + field.keyOffset);
+  if (!isChecked_) return;
+  for (const MatchField& field : fields_) checkField(field, key);
+}
+
+void MatchLayout::checkField(const MatchField& field, std::string_view key) const {
+  const auto* value = reinterpret_cast<const uint8_t*>(key.data()) + field.keyOffset;
+  const auto refuse = [&](const std::string& fault) {
+    throw TypeError("key column " + field.name + " holds " + fault);
+  };
+  switch (field.kind) {
+    case MatchField::Kind::prefix:
+      return checkPrefix(field.name, value);
+    case MatchField::Kind::bitPrefix: {
+      const uint64_t length = prefixLength(field, key);
+      if (length > field.bits) {
+        refuse("a prefix of " + std::to_string(length) + " bits, longer than its " +
+               std::to_string(field.bits));
+      }
+      std::string mask(field.size, '\0');
+      setPrefixMask(field, length, reinterpret_cast<uint8_t*>(mask.data()));
+      for (uint32_t i = 0; i < field.size; ++i) {
+        if ((value[i] & ~static_cast<uint8_t>(mask[i])) != 0)
+          refuse("bits behind its prefix length");
+      }
+      return;
+    }
+    case MatchField::Kind::range:
+      if (std::memcmp(value, key.data() + field.secondOffset, field.size) > 0) {
+        refuse("a range that ends before it begins");
+      }
+      return;
+    case MatchField::Kind::optional: {
+      const auto present = static_cast<uint8_t>(key[field.secondOffset]);
+      if (present > 1) refuse("a presence of " + std::to_string(present));
+      const bool isZero = std::all_of(value, value + field.size, [](uint8_t b) { return b == 0; });
+      if (present == 0 && !isZero) refuse("a value that is not present");
+      return;
+    }
+    default:
+      return;
   }
 }
 

@@ -12,12 +12,16 @@
 namespace Forwarder {
 
 struct MatchField {
-  enum class Kind : uint8_t { exact, ternary, prefix };
+  // Of a prefix, the length is in the IpGenPrefix; of a bit prefix, in the column behind the value.
+  enum class Kind : uint8_t { exact, ternary, prefix, bitPrefix, range, optional };
   std::string name;
   Kind kind = Kind::exact;
-  uint32_t size = 0;          // bytes, in key and packet alike
-  uint32_t keyOffset = 0;     // of the value in a packed key
-  uint32_t maskOffset = 0;    // ternary only: of the mask in a packed key
+  uint32_t size = 0;       // bytes, in key and packet alike
+  uint32_t bits = 0;       // bit prefix only: of the field
+  uint32_t keyOffset = 0;  // of the value in a packed key
+  // Of the second column in a packed key: a mask, a high end, a length or a presence.
+  uint32_t secondOffset = 0;
+  uint32_t secondSize = 0;    // bytes
   uint32_t packetOffset = 0;  // of the field in a packet
 };
 
@@ -30,7 +34,7 @@ enum class MatchKind : uint8_t {
 
 // A packet's fields are packed like a key without its mask and priority columns: integers
 // big-endian, addresses in network order, and for a prefix an IpGenPrefix that holds the packet's
-// family and address (its length is not read). A range holds one value and matches that value.
+// family and address (its length is not read). A range of one column matches the value in it.
 // Immutable: any thread may read it.
 class MatchLayout {
  public:
@@ -41,19 +45,26 @@ class MatchLayout {
   uint32_t keySize() const { return keySize_; }        // bytes
   uint32_t packetSize() const { return packetSize_; }  // bytes
 
-  // Throws Lattice::TypeError when a key does not have the type's size, or holds a prefix that no
-  // packet could match.
+  // Throws Lattice::TypeError when a key does not have the type's size, or holds a prefix, a range
+  // or a presence that no packet could match.
   void checkKey(std::string_view key) const;
 
   // The functions below take only keys that have passed checkKey().
   uint64_t priority(std::string_view key) const;  // the greatest wins; 0 without such a column
   // The mask and the masked value of a key, laid out like a packet. A packet matches the key when
-  // the packet under `mask` equals `value`. Both have packetSize() bytes.
+  // the packet under `mask` equals `value`, and inRanges() holds. Both have packetSize() bytes.
   void maskOf(std::string_view key, uint8_t* mask) const;
+  void maskOf(const MatchField& field, std::string_view key, uint8_t* mask) const;  // its bytes
   void valueUnder(const uint8_t* mask, std::string_view key, uint8_t* value) const;
+  bool hasRanges() const { return hasRanges_; }
+  bool inRanges(const uint8_t* packet, std::string_view key) const;
+  // Bits of the key's prefix in that field; 0 for a field of another kind.
+  uint64_t prefixLength(const MatchField& field, std::string_view key) const;
 
  private:
   void addField(const Lattice::Column& column, uint32_t keyOffset);
+  void addSecond(const Lattice::Column& column, uint32_t keyOffset);
+  void checkField(const MatchField& field, std::string_view key) const;
   size_t fieldCount(MatchField::Kind kind) const;
   MatchKind kindOf(const Lattice::TableType& type) const;  // once the fields are known
 
@@ -62,7 +73,8 @@ class MatchLayout {
   uint32_t prioritySize_ = 0;
   uint32_t keySize_ = 0;
   uint32_t packetSize_ = 0;
-  bool hasPrefix_ = false;
+  bool isChecked_ = false;  // some field has keys that match no packet
+  bool hasRanges_ = false;
   MatchKind kind_ = MatchKind::exact;
 };
 

@@ -5,9 +5,6 @@
 #include <absl/types/span.h>
 
 #include <algorithm>
-#include <cstddef>
-
-#include "platform/lattice/types/IpGenPrefix.h"
 
 namespace Forwarder {
 namespace {
@@ -60,10 +57,8 @@ bool TernaryTable::better(const StoredRow& a, const StoredRow& b) const {
   const uint64_t priorityB = layout().priority(b.key());
   if (priorityA != priorityB) return priorityA > priorityB;
   for (const MatchField& field : layout().fields()) {
-    if (field.kind != MatchField::Kind::prefix) continue;
-    const size_t length = field.keyOffset + offsetof(Lattice::IpGenPrefix, length);
-    const auto lengthA = static_cast<uint8_t>(a.key()[length]);
-    const auto lengthB = static_cast<uint8_t>(b.key()[length]);
+    const uint64_t lengthA = layout().prefixLength(field, a.key());
+    const uint64_t lengthB = layout().prefixLength(field, b.key());
     if (lengthA != lengthB) return lengthA > lengthB;
   }
   return a.key() < b.key();
@@ -119,6 +114,17 @@ void TernaryTable::doTightenBound(Group& group) {
   orderStale_ = true;
 }
 
+// The best of the slot's rows that the packet matches; null for none. They differ in priority and
+// ranges.
+const StoredRow* TernaryTable::firstInRanges(const Slot& slot,
+                                             std::span<const uint8_t> packet) const {
+  if (!layout().hasRanges()) return slot.rows.front();
+  const auto hit = std::ranges::find_if(slot.rows, [&](const StoredRow* row) {
+    return layout().inRanges(packet.data(), row->key());
+  });
+  return hit == slot.rows.end() ? nullptr : *hit;
+}
+
 const StoredRow* TernaryTable::lookup(std::span<const uint8_t> packet) const {
   if (orderStale_) {
     order_.clear();
@@ -134,8 +140,8 @@ const StoredRow* TernaryTable::lookup(std::span<const uint8_t> packet) const {
     for (size_t i = 0; i < packet.size(); ++i) value[i] = packet[i] & group->mask[i];
     const auto slot = group->slots.find(Probe{value, group->mask, hashOf(value)});
     if (slot == group->slots.end()) continue;
-    const StoredRow* hit = slot->rows.front();
-    if (!best || better(*hit, *best)) best = hit;
+    const StoredRow* hit = firstInRanges(*slot, packet);
+    if (hit && (!best || better(*hit, *best))) best = hit;
   }
   return best;
 }

@@ -23,7 +23,7 @@ class TernaryTable final : public MatchTable {
 
  private:
   using Bytes = absl::InlinedVector<uint8_t, 128>;
-  // The rows of one value under the mask, the best first: they differ in priority.
+  // The rows of one value under the mask, the best first: they differ in priority, and in ranges.
   struct Slot {
     Slot(const StoredRow& row, size_t hash) : rows{&row}, hash(hash) {}
     absl::InlinedVector<const StoredRow*, 1> rows;
@@ -56,6 +56,7 @@ class TernaryTable final : public MatchTable {
 
   void handleRowAdded(const StoredRow& row) override;
   void handleRowLeaving(const StoredRow& row) override;
+  const StoredRow* firstInRanges(const Slot& slot, std::span<const uint8_t> packet) const;
   Group& groupOf(const Bytes& mask);
   Bytes maskOf(const StoredRow& row) const;
   Bytes valueOf(const StoredRow& row, const Bytes& mask) const;

@@ -37,6 +37,10 @@ bool placeAddress(const FieldValue& value, uint8_t* to) {
   return true;
 }
 
+const uint8_t* keyOf(const StoredRow& row) {
+  return reinterpret_cast<const uint8_t*>(row.key().data());
+}
+
 FieldValue matchedBitsOfPrefix(const uint8_t* prefixBytes) {
   IpGenPrefix prefix{.family = IpGenPrefix::ipv4};
   if (prefixBytes) std::memcpy(&prefix, prefixBytes, sizeof prefix);
@@ -45,15 +49,15 @@ FieldValue matchedBitsOfPrefix(const uint8_t* prefixBytes) {
   return mask;
 }
 
-// A mask of the bits that a row's key matches. Without a key only its size counts.
-FieldValue matchedBits(const MatchField& field, const uint8_t* key) {
+// A mask of the bits that a row's key matches; of a range, its low end. Without a row only its size
+// counts.
+FieldValue matchedBits(const MatchLayout& layout, const MatchField& field, const StoredRow* row) {
   if (field.kind == MatchField::Kind::prefix) {
-    return matchedBitsOfPrefix(key ? key + field.keyOffset : nullptr);
+    return matchedBitsOfPrefix(row ? keyOf(*row) + field.keyOffset : nullptr);
   }
-  if (field.kind == MatchField::Kind::ternary && key) {
-    return {key + field.maskOffset, key + field.maskOffset + field.size};
-  }
-  return FieldValue(field.size, 0xff);
+  FieldValue mask(field.size, 0xff);
+  if (row && field.kind != MatchField::Kind::range) layout.maskOf(field, row->key(), mask.data());
+  return mask;
 }
 
 }  // namespace
@@ -82,7 +86,7 @@ bool SyntheticPacket::assemble(const PlannedTable& table, const StoredRow* model
     const MatchField& field = layout.fields()[i];
     const FieldNumber number = table.fields[i];
     if (definedIn_[number] != number_) {
-      drawField(field, model, values_[number]);
+      drawField(layout, field, model, values_[number]);
       definedIn_[number] = number_;
     }
     uint8_t* to = bytes_.data() + field.packetOffset;
@@ -94,18 +98,18 @@ bool SyntheticPacket::assemble(const PlannedTable& table, const StoredRow* model
   return true;
 }
 
-void SyntheticPacket::drawField(const MatchField& field, const StoredRow* model,
-                                FieldValue& value) {
-  const auto* key = model ? reinterpret_cast<const uint8_t*>(model->key().data()) : nullptr;
-  const FieldValue mask = matchedBits(field, key);
+void SyntheticPacket::drawField(const MatchLayout& layout, const MatchField& field,
+                                const StoredRow* model, FieldValue& value) {
+  const FieldValue mask = matchedBits(layout, field, model);
   value.resize(mask.size());
   for (size_t i = 0; i < value.size(); i += sizeof(uint64_t)) {
     const uint64_t random = random_();
     std::memcpy(value.data() + i, &random, std::min(sizeof random, value.size() - i));
   }
-  if (!key) return;
+  if (!model) return;
   const bool isPrefix = field.kind == MatchField::Kind::prefix;
-  const uint8_t* fixed = key + field.keyOffset + (isPrefix ? offsetof(IpGenPrefix, address) : 0);
+  const uint8_t* fixed =
+      keyOf(*model) + field.keyOffset + (isPrefix ? offsetof(IpGenPrefix, address) : 0);
   for (size_t i = 0; i < value.size(); ++i) value[i] ^= (value[i] ^ fixed[i]) & mask[i];
 }
 

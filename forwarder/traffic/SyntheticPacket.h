@@ -32,7 +32,8 @@ class SyntheticPacket {
   uint64_t hash(uint64_t bound) const;
 
  private:
-  void drawField(const MatchField& field, const StoredRow* model, FieldValue& value);
+  void drawField(const MatchLayout& layout, const MatchField& field, const StoredRow* model,
+                 FieldValue& value);
 
   std::mt19937_64 random_;
   uint64_t number_ = 0;  // of the packet

@@ -10,7 +10,8 @@ using namespace TestSupport;
 namespace {
 
 Pipeline pipelineFor(const Switch::Options& options, const TempDir& directory) {
-  Pipeline pipeline = Router::pipeline();
+  Pipeline pipeline =
+      options.pipelineFile.empty() ? Router::pipeline() : Pipeline(options.pipelineFile);
   if (options.routeTableSize) pipeline.tableSizeIs(Router::routeTable, options.routeTableSize);
   pipeline.request().set_device_id(options.deviceId);
   if (options.pipelineChange) options.pipelineChange(pipeline);

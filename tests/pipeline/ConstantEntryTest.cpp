@@ -30,7 +30,7 @@ class ConstantEntryTest : public ScratchTest {
     actions { preamble { id: 18 name: "c.nop" alias: "nop" } })")),
         index_(p4Info_) {
     Findings refusedTable;
-    layout_ = pipelineLayout(index_, &refusedTable);
+    layout_ = pipelineLayout(index_, {}, &refusedTable);
   }
 
   std::vector<ConstantEntry> read(const std::string& contents) {

@@ -21,7 +21,7 @@ struct Made {
 Made madeOf(const P4Info& p4Info) {
   Findings findings;
   const P4InfoLookup index(p4Info);
-  PipelineLayout layout = pipelineLayout(index, &findings);
+  PipelineLayout layout = pipelineLayout(index, {}, &findings);
   for (const TableLayout& table : layout.tables) {
     EXPECT_NO_THROW(Lattice::TableType::compile(table.typeName, definitionText(table)))
         << definitionText(table);

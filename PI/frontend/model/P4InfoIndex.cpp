@@ -96,7 +96,8 @@ bool usesPriority(MatchKind kind) {
 
 }  // namespace
 
-P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info) {
+P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abilities)
+    : abilities_(abilities) {
   doIndexObjects(p4Info);
   doCheckDirectResources(p4Info);
   for (const auto& action : p4Info.actions()) {
@@ -258,6 +259,7 @@ void P4InfoIndex::fieldPlanIs(TablePlan* plan, const config::MatchField& field) 
   added.bits = checkedBits(field.bitwidth(), "table " + plan->name, field.name());
   added.bytes = static_cast<uint32_t>(bytesOf(added.bits));
   added.offset = plan->keyBytes;
+  added.takesAll = abilities_.fields != 0;
   plan->keyBytes += static_cast<uint32_t>(added.keyBytes());
   plan->needsPriority |= usesPriority(added.kind);
   if (added.kind == MatchKind::other) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "PI/frontend/model/Plans.h"
+#include "PI/target/pi_extensions_imp.h"
 #include "p4/config/v1/p4info.pb.h"
 
 namespace pi::fe::proto {
@@ -18,7 +19,7 @@ class P4InfoIndex {
  public:
   // Throws a Refusal (INVALID_ARGUMENT) that names the object when the P4Info cannot be realised:
   // id 0, an id used twice, a reference to an object that does not exist, an unknown enum number.
-  explicit P4InfoIndex(const p4::config::v1::P4Info& p4Info);
+  explicit P4InfoIndex(const p4::config::v1::P4Info& p4Info, const pi_abilities_t& abilities = {});
 
   const TablePlan* table(uint32_t id) const;      // null: no such table
   const ActionPlan* action(uint32_t id) const;    // null: no such action
@@ -58,6 +59,7 @@ class P4InfoIndex {
                           const p4::config::v1::Table& table) const;
   bool isKind(uint32_t id, const char* kind) const;
 
+  const pi_abilities_t abilities_;
   absl::flat_hash_map<uint32_t, Object> objects_;
   absl::flat_hash_map<uint32_t, std::unique_ptr<ActionPlan>> actions_;
   std::vector<std::unique_ptr<TablePlan>> tables_;

@@ -18,6 +18,8 @@ enum class ActionScope : uint8_t { tableAndDefault, tableOnly, defaultOnly, grou
 
 // One match field, and where its bytes lie in a PI match key: the value in `bytes` bytes,
 // big-endian; for LPM then the prefix length as a host-order 32-bit number, for ternary the mask.
+// Of a range, the low end then the high one, and behind an optional value a byte, whether it is
+// present, where `takesAll`; else the single value that the target can match.
 struct FieldPlan {
   uint32_t id = 0;
   std::string name;
@@ -25,10 +27,12 @@ struct FieldPlan {
   uint32_t bits = 0;
   uint32_t bytes = 0;
   uint32_t offset = 0;
+  bool takesAll = false;  // a range or optional field: also many values, and any value
 
   size_t keyBytes() const {
     if (kind == MatchKind::lpm) return bytes + sizeof(uint32_t);
-    return kind == MatchKind::ternary ? 2 * bytes : bytes;
+    if (kind == MatchKind::ternary || (takesAll && kind == MatchKind::range)) return 2 * bytes;
+    return takesAll && kind == MatchKind::optional ? bytes + 1 : bytes;
   }
 };
 

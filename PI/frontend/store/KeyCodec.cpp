@@ -104,11 +104,26 @@ void putTernary(const TablePlan& table, const FieldPlan& field, const FieldMatch
   }
 }
 
+std::string highestValue(const FieldPlan& field) {
+  std::string highest(field.bytes, '\xff');
+  if (field.bits % 8 != 0) highest[0] = static_cast<char>((1U << (field.bits % 8)) - 1);
+  return highest;
+}
+
 bool isFullRange(const FieldPlan& field, const uint8_t* low, std::string_view high) {
-  if (!allZero(low, field.bytes)) return false;
-  std::string top(field.bytes, '\xff');
-  if (field.bits % 8 != 0) top[0] = static_cast<char>((1U << (field.bits % 8)) - 1);
-  return high == top;
+  return allZero(low, field.bytes) && high == highestValue(field);
+}
+
+// The high end in a key.
+std::string_view highOf(const FieldPlan& field, const uint8_t* at) {
+  const uint8_t* high = field.takesAll ? at + field.bytes : at;
+  return {reinterpret_cast<const char*>(high), field.bytes};
+}
+
+uint32_t prefixLength(const FieldPlan& field, const uint8_t* at) {
+  uint32_t length = 0;
+  std::memcpy(&length, at + field.bytes, sizeof(length));
+  return length;
 }
 
 void putRange(const TablePlan& table, const FieldPlan& field, const FieldMatch::Range& range,
@@ -126,7 +141,9 @@ void putRange(const TablePlan& table, const FieldPlan& field, const FieldMatch::
     refuseField(code::invalidArgument, table, field,
                 "the range holds every value; leave the field out to match anything");
   }
-  if (order != 0) {
+  if (field.takesAll) {
+    std::memcpy(out + field.bytes, high.data(), field.bytes);
+  } else if (order != 0) {
     refuseField(code::unimplemented, table, field,
                 "ranges of more than one value are not supported");
   }
@@ -150,7 +167,9 @@ void putField(const TablePlan& table, const FieldPlan& field, const FieldMatch& 
       return putRange(table, field, match.range(), out);
     case MatchKind::optional:
       requireForm(table, field, match.has_optional());
-      return putValue(table, field, match.optional().value(), out);
+      putValue(table, field, match.optional().value(), out);
+      if (field.takesAll) out[field.bytes] = 1;
+      return;
     case MatchKind::other:
       refuseField(code::unimplemented, table, field, "this kind of match is not supported");
   }
@@ -166,58 +185,77 @@ size_t fieldIndex(const TablePlan& table, const FieldMatch& match, size_t hint) 
          match.field_id());
 }
 
-// The bytes of a don't-care are zero: value and prefix length, or value and mask.
+// The bytes of a don't-care are zero: value and prefix length, value and mask, or value and
+// presence. A range that matches anything has both ends.
 void putAbsent(const TablePlan& table, const FieldPlan& field, uint8_t* key) {
+  if (field.kind == MatchKind::exact) {
+    refuseField(code::invalidArgument, table, field, "an exact match must be given");
+  }
+  const bool isOpen = field.kind != MatchKind::range && field.kind != MatchKind::optional;
+  if (!isOpen && !field.takesAll) {
+    refuseField(code::unimplemented, table, field, kindText(field.kind),
+                " fields that match anything are not supported; give a value");
+  }
+  uint8_t* out = key + field.offset;
+  std::memset(out, 0, field.keyBytes());
+  if (field.kind == MatchKind::range)
+    highestValue(field).copy(reinterpret_cast<char*>(out) + field.bytes, field.bytes);
+}
+
+// Whether the field of a key that is in use matches anything, and is not sent.
+bool matchesAnything(const FieldPlan& field, const uint8_t* at) {
   switch (field.kind) {
-    case MatchKind::exact:
-      refuseField(code::invalidArgument, table, field, "an exact match must be given");
+    case MatchKind::lpm:
+      return prefixLength(field, at) == 0;
+    case MatchKind::ternary:
+      return allZero(at + field.bytes, field.bytes);
     case MatchKind::range:
+      return field.takesAll && isFullRange(field, at, highOf(field, at));
     case MatchKind::optional:
-      refuseField(code::unimplemented, table, field, kindText(field.kind),
-                  " fields that match anything are not supported; give a value");
+      return field.takesAll && at[field.bytes] == 0;
     default:
-      std::memset(key + field.offset, 0, field.keyBytes());
+      return false;
   }
 }
 
+std::string hexOf(const uint8_t* at, const FieldPlan& field) {
+  return hexText(shortest(at, field.bytes));
+}
+
+// Empty for a field that matches anything.
 std::string fieldText(const FieldPlan& field, const uint8_t* key) {
   const uint8_t* at = key + field.offset;
-  const std::string value = hexText(shortest(at, field.bytes));
+  if (matchesAnything(field, at)) return "";
+  const std::string value = hexOf(at, field);
   if (field.kind == MatchKind::lpm) {
-    uint32_t length = 0;
-    std::memcpy(&length, at + field.bytes, sizeof(length));
-    if (length == 0) return "";
+    const uint32_t length = prefixLength(field, at);
     if (field.bits != 32) return absl::StrCat(field.name, " ", value, "/", length);
     return absl::StrCat(field.name, " ", at[0], ".", at[1], ".", at[2], ".", at[3], "/", length);
   }
   if (field.kind == MatchKind::ternary) {
-    if (allZero(at + field.bytes, field.bytes)) return "";
-    return absl::StrCat(field.name, " ", value, "&",
-                        hexText(shortest(at + field.bytes, field.bytes)));
+    return absl::StrCat(field.name, " ", value, "&", hexOf(at + field.bytes, field));
+  }
+  if (field.kind == MatchKind::range && field.takesAll) {
+    return absl::StrCat(field.name, " ", value, "..", hexOf(at + field.bytes, field));
   }
   return absl::StrCat(field.name, " ", value);
 }
 
 void decodeField(const FieldPlan& field, const uint8_t* at, TableEntry* entry) {
-  if (field.kind == MatchKind::lpm) {
-    uint32_t length = 0;
-    std::memcpy(&length, at + field.bytes, sizeof(length));
-    if (length == 0) return;
-    FieldMatch* match = entry->add_match();
-    match->set_field_id(field.id);
-    match->mutable_lpm()->set_prefix_len(static_cast<int32_t>(length));
-    return setShortest(at, field.bytes, match->mutable_lpm()->mutable_value());
-  }
-  if (field.kind == MatchKind::ternary && allZero(at + field.bytes, field.bytes)) return;
+  if (matchesAnything(field, at)) return;
   FieldMatch* match = entry->add_match();
   match->set_field_id(field.id);
   switch (field.kind) {
+    case MatchKind::lpm:
+      match->mutable_lpm()->set_prefix_len(static_cast<int32_t>(prefixLength(field, at)));
+      return setShortest(at, field.bytes, match->mutable_lpm()->mutable_value());
     case MatchKind::ternary:
       setShortest(at, field.bytes, match->mutable_ternary()->mutable_value());
       return setShortest(at + field.bytes, field.bytes, match->mutable_ternary()->mutable_mask());
     case MatchKind::range:
       setShortest(at, field.bytes, match->mutable_range()->mutable_low());
-      return setShortest(at, field.bytes, match->mutable_range()->mutable_high());
+      return setShortest(field.takesAll ? at + field.bytes : at, field.bytes,
+                         match->mutable_range()->mutable_high());
     case MatchKind::optional:
       return setShortest(at, field.bytes, match->mutable_optional()->mutable_value());
     default:

@@ -201,7 +201,8 @@ std::string typeText(const Column& column) {
     case ColumnType::ipGenPrefix:
       return "IpGenPrefix";
     default:
-      return "Bytes<" + std::to_string(column.size) + ">";
+      return column.bits > 0 ? "Bits<" + std::to_string(column.bits) + ">"
+                             : "Bytes<" + std::to_string(column.size) + ">";
   }
 }
 

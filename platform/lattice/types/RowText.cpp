@@ -107,8 +107,9 @@ struct ValueTexts {
 std::vector<ColumnText> keyTexts(const TableType& type, std::string_view key) {
   std::vector<ColumnText> texts;
   const bool fits = walkKey(type, key, [&](const Column& column, std::string_view bytes) {
-    const bool priority = column.role == ColumnRole::priority;
-    texts.push_back({column.name, priority ? decimalText(bytes) : columnText(column, bytes)});
+    const bool isCount = column.role == ColumnRole::priority || column.role == ColumnRole::length ||
+                         column.role == ColumnRole::present;
+    texts.push_back({column.name, isCount ? decimalText(bytes) : columnText(column, bytes)});
   });
   if (fits) return texts;
   throw TypeError("a row's key does not have the layout of table type " + type.name());

@@ -15,10 +15,14 @@
 //   member_id : U32[];             // an array
 //
 // Column types: U8 U16 U32 U64 (host order), IpAddr (4 bytes), Ip6Addr (16), EthAddr (6),
-// Bytes<N> (N bytes, N up to 1024), all in network order; IpGenPrefix (24, see its header);
-// T[] (an array of U32 or U64, `value` columns only); Void (no bytes).
-// Roles of key columns: none (exact), value and mask (in this order, a ternary field), range,
-// priority (last of the key). IpGenPrefix keys match by longest prefix.
+// Bytes<N> (N bytes, N up to 1024), Bits<W> (a number of W bits, in (W + 7) / 8 bytes), all in
+// network order; IpGenPrefix (24, see its header); T[] (an array of U32 or U64, `value` columns
+// only); Void (no bytes).
+// Roles of key columns: none (exact), range (one value), priority (last of the key), and pairs in
+// this order: value and mask, a ternary field; low and high, a range with both its ends; prefix and
+// length, an LPM field; optional and present, a field that matches anything where present is 0 (its
+// value is then 0). The two columns of the first two pairs have one type; length is an unsigned
+// integer, present a U8. IpGenPrefix keys match by longest prefix.
 #pragma once
 
 #include <cstdint>
@@ -51,13 +55,26 @@ enum class ColumnType : uint8_t {
   u64Array,
   none
 };
-enum class ColumnRole : uint8_t { exact, value, mask, range, priority };
+enum class ColumnRole : uint8_t {
+  exact,
+  value,
+  mask,
+  range,
+  priority,
+  low,
+  high,
+  prefix,
+  length,
+  optional,
+  present
+};
 
 struct Column {
   std::string name;
   ColumnType type = ColumnType::none;
   ColumnRole role = ColumnRole::exact;
   uint32_t size = 0;  // bytes; 0 for arrays and none
+  uint32_t bits = 0;  // of a Bits<W>; else 0
 };
 
 struct ActionLayout {

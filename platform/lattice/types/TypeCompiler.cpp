@@ -89,6 +89,33 @@ constexpr NamedType plainTypes[] = {
 
 bool isUnsigned(ColumnType type) { return type <= ColumnType::u64; }
 
+// Two columns of a field: the second comes right behind the first.
+struct Pair {
+  ColumnRole first;
+  ColumnRole second;
+  const char* firstName;
+  const char* secondName;
+};
+constexpr Pair pairs[] = {
+    {ColumnRole::value, ColumnRole::mask, "value", "mask"},
+    {ColumnRole::low, ColumnRole::high, "low", "high"},
+    {ColumnRole::prefix, ColumnRole::length, "prefix", "length"},
+    {ColumnRole::optional, ColumnRole::present, "optional", "present"},
+};
+constexpr std::pair<std::string_view, ColumnRole> singleRoles[] = {
+    {"range", ColumnRole::range},
+    {"priority", ColumnRole::priority},
+};
+
+const Pair* pairBegunBy(const Column& column) {
+  const auto* const found = std::ranges::find(pairs, column.role, &Pair::first);
+  return found == std::end(pairs) ? nullptr : found;
+}
+const Pair* pairEndedBy(const Column& column) {
+  const auto* const found = std::ranges::find(pairs, column.role, &Pair::second);
+  return found == std::end(pairs) ? nullptr : found;
+}
+
 }  // namespace
 
 class TypeCompiler {
@@ -172,11 +199,16 @@ class TypeCompiler {
   }
 
   ColumnRole role() {
-    if (accept("value")) return ColumnRole::value;
-    if (accept("mask")) return ColumnRole::mask;
-    if (accept("range")) return ColumnRole::range;
-    if (accept("priority")) return ColumnRole::priority;
-    if (tokens_->current() != ";") expected("value, mask, range, priority or ';'");
+    for (const auto& [name, role] : singleRoles) {
+      if (accept(name)) return role;
+    }
+    for (const Pair& pair : pairs) {
+      if (accept(pair.firstName)) return pair.first;
+      if (accept(pair.secondName)) return pair.second;
+    }
+    if (tokens_->current() != ";") {
+      expected("value, mask, range, low, high, prefix, length, optional, present, priority or ';'");
+    }
     return ColumnRole::exact;
   }
 
@@ -184,23 +216,45 @@ class TypeCompiler {
     const Column* before = type_->keyColumns_.empty() ? nullptr : &type_->keyColumns_.back();
     if (before && before->role == ColumnRole::priority)
       wrong("the priority is the key's last column");
-    const bool valueBefore = before && before->role == ColumnRole::value;
-    if (valueBefore != (column.role == ColumnRole::mask)) {
-      wrong(valueBefore ? "column " + before->name + " is a value; its mask comes next"
-                        : "mask " + column.name + " comes right after its value");
+    const Pair* begun = before ? pairBegunBy(*before) : nullptr;
+    const Pair* ended = pairEndedBy(column);
+    if (begun != ended) {
+      wrong(begun ? missingSecond(*begun, *before)
+                  : std::string(ended->secondName) + " " + column.name + " comes right after its " +
+                        ended->firstName);
     }
-    if (valueBefore && (before->type != column.type || before->size != column.size)) {
-      wrong("value " + before->name + " and mask " + column.name + " differ in type");
-    }
+    if (begun) checkPair(*begun, *before, column);
     if (column.role == ColumnRole::priority && !isUnsigned(column.type)) {
       wrong("the priority is of type U8, U16, U32 or U64");
     }
   }
 
-  void finishKey() const {
-    if (!type_->keyColumns_.empty() && type_->keyColumns_.back().role == ColumnRole::value) {
-      wrong("value " + type_->keyColumns_.back().name + " has no mask");
+  static std::string missingSecond(const Pair& pair, const Column& first) {
+    return "column " + first.name + " is a " + pair.firstName + "; its " + pair.secondName +
+           " comes next";
+  }
+
+  void checkPair(const Pair& pair, const Column& first, const Column& second) const {
+    if (second.role == ColumnRole::length && !isUnsigned(second.type)) {
+      wrong("the length " + second.name + " is of type U8, U16, U32 or U64");
     }
+    if (second.role == ColumnRole::present && second.type != ColumnType::u8) {
+      wrong("column " + second.name + ", whether a value is present, is of type U8");
+    }
+    const bool isAlike = second.role == ColumnRole::mask || second.role == ColumnRole::high;
+    const bool same =
+        first.type == second.type && first.size == second.size && first.bits == second.bits;
+    if (!isAlike || same) return;
+    wrong(std::string(pair.firstName) + " " + first.name + " and " + pair.secondName + " " +
+          second.name + " differ in type");
+  }
+
+  void finishKey() const {
+    if (type_->keyColumns_.empty()) return;
+    const Column& last = type_->keyColumns_.back();
+    const Pair* begun = pairBegunBy(last);
+    if (!begun) return;
+    wrong(std::string(begun->firstName) + " " + last.name + " has no " + begun->secondName);
   }
 
   void valueColumn(const std::string& name) {
@@ -261,6 +315,7 @@ class TypeCompiler {
   void columnType(Column& column) {
     const std::string typeName = word("the type of column " + column.name);
     if (typeName == "Bytes") return bytesType(column);
+    if (typeName == "Bits") return bitsType(column);
     const auto known = std::ranges::find(plainTypes, typeName, &NamedType::name);
     if (known == std::ranges::end(plainTypes)) {
       wrong("column " + column.name + " has the unknown type " + typeName);
@@ -275,6 +330,17 @@ class TypeCompiler {
     column.size = number("a number of bytes");
     if (column.size == 0 || column.size > maxBytesColumn) {
       wrong("column " + column.name + " has a size out of 1 to 1024");
+    }
+    column.type = ColumnType::bytes;
+    require(">");
+  }
+
+  void bitsType(Column& column) {
+    require("<");
+    column.bits = number("a number of bits");
+    column.size = column.bits / 8 + (column.bits % 8 != 0 ? 1 : 0);
+    if (column.size == 0 || column.size > maxBytesColumn) {
+      wrong("column " + column.name + " has a width out of 1 to 8192 bits");
     }
     column.type = ColumnType::bytes;
     require(">");

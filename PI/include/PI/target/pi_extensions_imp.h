@@ -1,0 +1,24 @@
+/* What a target exports beyond the published interface, for pipelines that ask for more than its
+ * plain encodings. */
+#pragma once
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Each is 0 or 1. */
+typedef struct {
+  /* In match keys, the high end of a range follows its low end, and a byte that is 1 when the value
+   * is present, else 0, the value of an optional field (all zero when it is not present). */
+  int fields;
+} pi_abilities_t;
+
+/* What the pipeline with these device data asks for; nothing when the target does not know them.
+ * Any thread; device_data may be empty. */
+void _pi_abilities(const char* device_data, size_t device_data_size, pi_abilities_t* abilities);
+
+#ifdef __cplusplus
+}
+#endif

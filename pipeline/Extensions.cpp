@@ -1,0 +1,105 @@
+// The keys under "extensions", one an ability, each with the version 1.
+#include "pipeline/Extensions.h"
+
+#include <algorithm>
+#include <iterator>
+#include <string>
+
+#include "p4/config/v1/p4info.pb.h"
+#include "pipeline/ColumnType.h"
+#include "pipeline/Finding.h"
+#include "pipeline/Names.h"
+#include "platform/vela/Json.h"
+
+namespace Pipeline {
+namespace {
+
+using p4::config::v1::Action_Param;
+using p4::config::v1::MatchField;
+
+constexpr uint32_t version = 1;
+
+struct Key {
+  const char* name;
+  bool Extensions::*ability;
+};
+constexpr Key keys[] = {{"fields", &Extensions::fields}};
+
+bool needsFields(const MatchField& field) {
+  if (field.match_case() != MatchField::kMatchType) return false;
+  const auto choice = field.match_type() == MatchField::LPM ? prefixColumn : keyColumn;
+  if (!choice(field, {.fields = true}).refusal.empty()) return false;
+  return field.match_type() == MatchField::RANGE || field.match_type() == MatchField::OPTIONAL ||
+         !choice(field, {}).refusal.empty();
+}
+
+bool needsFields(const Action_Param& parameter) {
+  return parameterColumn(parameter, {.fields = true}).refusal.empty() &&
+         !parameterColumn(parameter, {}).refusal.empty();
+}
+
+void readKey(const cJSON& item, Extensions* extensions, Findings* findings) {
+  const auto* const key = std::ranges::find(keys, std::string_view(item.string), &Key::name);
+  if (key == std::end(keys)) {
+    std::string known;
+    for (const Key& one : keys) known += (known.empty() ? "" : ", ") + quoted(one.name);
+    findings->error("the device configuration",
+                    "asks for the extension " + quoted(item.string) +
+                        ", which this agent does not know; it knows " + known +
+                        ". Make the file with this agent's 'korvel pipeline build'");
+    return;
+  }
+  if (Vela::jsonNumber(&item) == version) {
+    extensions->*(key->ability) = true;
+    return;
+  }
+  findings->error("the device configuration", "asks for a version of the extension " +
+                                                  quoted(item.string) +
+                                                  " that this agent does not know; it knows 1");
+}
+
+}  // namespace
+
+Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
+  Extensions extensions;
+  const auto fieldNeeds = [](const MatchField& field) { return needsFields(field); };
+  const auto parameterNeeds = [](const Action_Param& parameter) { return needsFields(parameter); };
+  for (const auto& table : p4Info.tables()) {
+    extensions.fields |= std::ranges::any_of(table.match_fields(), fieldNeeds);
+  }
+  for (const auto& action : p4Info.actions()) {
+    extensions.fields |= std::ranges::any_of(action.params(), parameterNeeds);
+  }
+  return extensions;
+}
+
+Extensions readExtensions(const cJSON& p4rtc, Findings* findings) {
+  Extensions extensions;
+  const cJSON* object = cJSON_GetObjectItemCaseSensitive(&p4rtc, "extensions");
+  if (object == nullptr) return extensions;
+  if (cJSON_IsObject(object) == 0) {
+    findings->error("the device configuration", "its \"extensions\" is no object");
+    return extensions;
+  }
+  for (const cJSON* item = object->child; item != nullptr; item = item->next) {
+    readKey(*item, &extensions, findings);
+  }
+  return extensions;
+}
+
+Extensions extensionsIn(std::string_view deviceConfig) {
+  const Vela::Json document = Vela::parseJson(deviceConfig);
+  const cJSON* root = Vela::jsonObject(document.get(), "p4rtc");
+  Findings unsaid;
+  return root == nullptr ? Extensions{} : readExtensions(*root, &unsaid);
+}
+
+void addExtensions(const Extensions& extensions, cJSON* p4rtc) {
+  if (!extensions.any()) return;
+  cJSON* object = cJSON_AddObjectToObject(p4rtc, "extensions");
+  for (const Key& key : keys) {
+    if (extensions.*(key.ability)) Vela::addNumber(object, key.name, version);
+  }
+}
+
+}  // namespace Pipeline

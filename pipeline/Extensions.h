@@ -1,0 +1,36 @@
+// The abilities beyond the plain form of a device configuration: a file asks for them by keys under
+// "extensions" of its "p4rtc", and runs without them as files always did.
+#pragma once
+
+#include <string_view>
+
+struct cJSON;
+namespace p4::config::v1 {
+class P4Info;
+}
+
+namespace Pipeline {
+
+class Findings;
+
+struct Extensions {
+  // Fields and parameters of any width; LPM fields of any width; ranges of many values, and range
+  // and optional fields that match anything. Key "fields".
+  bool fields = false;
+
+  bool any() const { return fields; }
+  friend bool operator==(const Extensions&, const Extensions&) = default;
+};
+
+// Those without which something of the program could not be programmed.
+Extensions extensionsFor(const p4::config::v1::P4Info& p4Info);
+
+// Of the object "p4rtc". An unknown key, or another value than 1, is an error: the file would run
+// by half.
+Extensions readExtensions(const cJSON& p4rtc, Findings* findings);
+// Of the text of a device configuration. A text that is none has no extensions.
+Extensions extensionsIn(std::string_view deviceConfig);
+// Adds nothing when there are none.
+void addExtensions(const Extensions& extensions, cJSON* p4rtc);
+
+}  // namespace Pipeline
