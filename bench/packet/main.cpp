@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bench/packet/Links.h"
+#include "bench/packet/Storm.h"
 
 namespace Bench {
 namespace {
@@ -18,7 +19,7 @@ namespace {
 struct Plan {
   std::string pipelineFile = KORVEL_ROUTER_PIPELINE;
   std::vector<size_t> sizes{64, 512, 1500, 9000};  // bytes
-  std::vector<std::string> ways{"out", "in"};
+  std::vector<std::string> ways{"out", "in", "storm"};
   double effort = 1;
   size_t rounds = 3;
 
@@ -148,9 +149,9 @@ int main(int argc, char** argv) {
   app.add_option("--sizes", plan.sizes, "packet sizes, in bytes")
       ->delimiter(',')
       ->check(CLI::Range(size_t{60}, size_t{9000}));
-  app.add_option("--ways", plan.ways, "out, in, or both")
+  app.add_option("--ways", plan.ways, "of out, in, storm")
       ->delimiter(',')
-      ->check(CLI::IsMember({"out", "in"}));
+      ->check(CLI::IsMember({"out", "in", "storm"}));
   app.add_option("--effort", plan.effort, "share of the usual number of packets, e.g. 10")
       ->check(CLI::Range(0.01, 1000.0));
   app.add_option("--rounds", plan.rounds, "figures are the medians of so many rounds")
@@ -169,7 +170,12 @@ int main(int argc, char** argv) {
     return 1;
   }
   try {
-    std::fputs(Bench::measuredWays(plan).c_str(), stdout);
+    if (plan.has("out") || plan.has("in")) std::fputs(Bench::measuredWays(plan).c_str(), stdout);
+    std::fflush(stdout);
+    if (plan.has("storm")) {
+      const auto& storm = Bench::measuredStorm(plan.pipelineFile, plan.effort, plan.rounds);
+      std::fputs(storm.c_str(), stdout);
+    }
   } catch (const std::exception& e) {
     std::fprintf(stderr, "korvel-packet-bench: %s\n", e.what());
     return 1;
