@@ -115,11 +115,11 @@ class StormSwitch {
 
 // Of one round.
 struct StormRound {
-  double alone = 0;     // modifies a second
+  double alone = 0;      // modifies a second
   double elsewhere = 0;  // beside packets that the agent does not see
-  double read = 0;      // beside packets in, which the controller reads
-  double unread = 0;    // the controller does not read
-  double packets = 0;   // a second, to the controller that reads
+  double read = 0;       // beside packets in, which the controller reads
+  double unread = 0;     // the controller does not read
+  double packets = 0;    // a second, to the controller that reads
 };
 
 double medianOf(const std::vector<StormRound>& rounds,
@@ -164,7 +164,8 @@ std::string line(size_t batch, const std::vector<StormRound>& rounds) {
     return medianOf(rounds, [&](const StormRound& round) { return round.*figure / round.*of; });
   };
   return fmt::format(
-      "{:>5} {:>8.1f} | {:>8.1f} {:>8.2f} | {:>8.1f} {:>8.2f} {:>9.2f} {:>9.0f} | {:>8.1f} {:>8.2f} "
+      "{:>5} {:>8.1f} | {:>8.1f} {:>8.2f} | {:>8.1f} {:>8.2f} {:>9.2f} {:>9.0f} | {:>8.1f} "
+      "{:>8.2f} "
       "{:>9.2f}\n",
       batch, rate(&StormRound::alone), rate(&StormRound::elsewhere),
       share(&StormRound::elsewhere, &StormRound::alone), rate(&StormRound::read),
@@ -181,10 +182,10 @@ std::string measuredStorm(const std::string& pipelineFile, double effort, size_t
   const VethPair other("other", "other-far", 9100);
   const PacketEndpoint sink(other.name(), [](auto) {});
   StormSwitch agent(pipelineFile);
-  std::string text = fmt::format(
-      "{:>5} {:>8} | {:>8} {:>8} | {:>8} {:>8} {:>9} {:>9} | {:>8} {:>8} {:>9}\n", "batch", "alone",
-      "elsewhere", "of alone", "read", "of alone", "elsewhere", "packets/s", "unread", "of alone",
-      "elsewhere");
+  std::string text =
+      fmt::format("{:>5} {:>8} | {:>8} {:>8} | {:>8} {:>8} {:>9} {:>9} | {:>8} {:>8} {:>9}\n",
+                  "batch", "alone", "elsewhere", "of alone", "read", "of alone", "elsewhere",
+                  "packets/s", "unread", "of alone", "elsewhere");
   for (const size_t batch : {size_t{100}, size_t{1000}}) {
     std::vector<StormRound> all;
     for (size_t i = 0; i < rounds; ++i) {
