@@ -36,6 +36,7 @@ CpuPktSm::CpuPktSm(Vela::ReactorLoop& loop, CpuPktInputs inputs)
     : Entity("cpuPktSm"),
       loop_(loop),
       txPktStatus_(std::move(inputs.controllerTxPktStatus)),
+      batchStatus_(std::move(inputs.batchStatus)),
       pauseTimer_(loop, [this] { watchPackets(); }) {
   kernelNetInfoRootIs(std::move(inputs.kernelNetInfoRoot));
   kernelNetInfoStatusIs(std::move(inputs.kernelNetInfoStatus));
@@ -45,9 +46,9 @@ CpuPktSm::CpuPktSm(Vela::ReactorLoop& loop, CpuPktInputs inputs)
   p4RtPortMappingStatusIs(std::move(inputs.p4RtPortMappingStatus));
   allIntfStatusDirIs(std::move(inputs.allIntfStatusDir));
   allIntfStatusLocalDirIs(std::move(inputs.allIntfStatusLocalDir));
-  if (inputs.batchStatus) {
-    changes_.push_back(inputs.batchStatus->inProgressAttribute().observe(
-        [this] { pace_.writeSeen(PacketInPace::Clock::now()); }));
+  if (batchStatus_) {
+    changes_.push_back(batchStatus_->inProgressAttribute().observe(
+        [this] { pace_.writingIs(batchStatus_->inProgress(), PacketInPace::Clock::now()); }));
   }
   TxWays& ways = *this;
   transmitter_ =

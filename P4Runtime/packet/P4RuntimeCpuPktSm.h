@@ -118,6 +118,7 @@ class CpuPktSm final : public Vela::Entity, private TxWays {
 
   Vela::ReactorLoop& loop_;
   const Vela::Ptr<ControllerTxPktStatus> txPktStatus_;
+  const Vela::Ptr<const BatchStatus> batchStatus_;
   std::unique_ptr<PacketTransmitter> transmitter_;
   std::vector<Ptr> batch_;
   PacketInPace pace_;

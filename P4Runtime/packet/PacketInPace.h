@@ -12,16 +12,21 @@ namespace P4Runtime {
 class PacketInPace {
  public:
   using Clock = std::chrono::steady_clock;
-  static constexpr int share = 20;                          // one part in so many
-  static constexpr std::chrono::milliseconds burst{20};     // free after a calm of that length
-  static constexpr std::chrono::milliseconds recently{20};  // a Write counts for so long
+  static constexpr int share = 20;                           // one part in so many
+  static constexpr std::chrono::milliseconds burst{20};      // free after a calm of that length
+  static constexpr std::chrono::milliseconds recently{100};  // a Write counts for so long after it
 
-  void writeSeen(Clock::time_point now) { lastWrite_ = now; }
+  // A Write begins or ends.
+  void writingIs(bool writing, Clock::time_point now) {
+    writing_ = writing;
+    lastWrite_ = now;
+  }
   // A turn that took so much processor time has ended. Returns how long packets are to wait; zero:
   // not at all.
   std::chrono::milliseconds turnEnded(Clock::duration cost, Clock::time_point now);
 
  private:
+  bool writing_ = false;
   Clock::time_point lastWrite_;
   Clock::time_point paidUntil_;  // the work done so far has used up the share until then
 };

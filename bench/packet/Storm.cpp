@@ -180,7 +180,6 @@ std::string line(size_t batch, const std::vector<StormRound>& rounds) {
 std::string measuredStorm(const std::string& pipelineFile, double effort, size_t rounds) {
   const VethPair cpu("p4controller", "cpu-far", 9100);
   const VethPair other("other", "other-far", 9100);
-  const PacketEndpoint sink(other.name(), [](auto) {});
   StormSwitch agent(pipelineFile);
   std::string text =
       fmt::format("{:>5} {:>8} | {:>8} {:>8} | {:>8} {:>8} {:>9} {:>9} | {:>8} {:>8} {:>9}\n",
@@ -196,7 +195,8 @@ std::string measuredStorm(const std::string& pipelineFile, double effort, size_t
   return text +
          "thousand modifies a second from one caller, beside packets that come as fast as a thread "
          "sends them\n"
-         "elsewhere: to a socket of this program, which takes the sender's share of the processors "
+         "elsewhere: to a device that nobody reads, which takes the sender's part of the "
+         "processors "
          "away;\n"
          "read, unread: to the agent, whose controller reads its packets, or does not; shares of "
          "both\n";
