@@ -173,7 +173,7 @@ int main(int argc, char** argv) {
     if (plan.has("out") || plan.has("in")) std::fputs(Bench::measuredWays(plan).c_str(), stdout);
     std::fflush(stdout);
     if (plan.has("storm")) {
-      const auto& storm = Bench::measuredStorm(plan.pipelineFile, plan.effort, plan.rounds);
+      const std::string storm = Bench::measuredStorm(plan.pipelineFile, plan.effort, plan.rounds);
       std::fputs(storm.c_str(), stdout);
     }
   } catch (const std::exception& e) {
