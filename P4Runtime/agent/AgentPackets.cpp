@@ -65,7 +65,8 @@ void Agent::doBuildPackets() {
                               .p4RtSystemConfig = p4RtSystemConfig(),
                               .p4RtPortMappingStatus = p4RtPortMappingStatus(),
                               .allIntfStatusDir = allIntfStatusDir(),
-                              .allIntfStatusLocalDir = allIntfStatusLocalDir()}));
+                              .allIntfStatusLocalDir = allIntfStatusLocalDir(),
+                              .batchStatus = batchStatus()}));
   packets_ = std::make_unique<AgentPackets>(
       runtime_.loop, runtime_.stateDatabase,
       AgentPackets::Parts{cpuPktSm(), txPktStatus, p4TableInfoSm(), agentConfig()});

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cassert>
+#include <ctime>
 #include <utility>
 
 #include "PI/pi.h"
@@ -22,10 +23,21 @@ std::string sourceAddress(const Wirra::Packet& packet) {
   return fmt::format("{:02x}", fmt::join(bytes.subspan(6, 6), ":"));
 }
 
+// Of this thread, since it began. Time in which other threads had the processor does not count.
+std::chrono::nanoseconds processorTime() {
+  timespec time{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 }  // namespace
 
 CpuPktSm::CpuPktSm(Vela::ReactorLoop& loop, CpuPktInputs inputs)
-    : Entity("cpuPktSm"), loop_(loop), txPktStatus_(std::move(inputs.controllerTxPktStatus)) {
+    : Entity("cpuPktSm"),
+      loop_(loop),
+      txPktStatus_(std::move(inputs.controllerTxPktStatus)),
+      batchStatus_(std::move(inputs.batchStatus)),
+      pauseTimer_(loop, [this] { watchPackets(); }) {
   kernelNetInfoRootIs(std::move(inputs.kernelNetInfoRoot));
   kernelNetInfoStatusIs(std::move(inputs.kernelNetInfoStatus));
   controllerInterfaceIs(std::move(inputs.controllerInterface));
@@ -34,6 +46,10 @@ CpuPktSm::CpuPktSm(Vela::ReactorLoop& loop, CpuPktInputs inputs)
   p4RtPortMappingStatusIs(std::move(inputs.p4RtPortMappingStatus));
   allIntfStatusDirIs(std::move(inputs.allIntfStatusDir));
   allIntfStatusLocalDirIs(std::move(inputs.allIntfStatusLocalDir));
+  if (batchStatus_) {
+    changes_.push_back(batchStatus_->inProgressAttribute().observe(
+        [this] { pace_.writingIs(batchStatus_->inProgress(), PacketInPace::Clock::now()); }));
+  }
   TxWays& ways = *this;
   transmitter_ =
       std::make_unique<PacketTransmitter>(loop, *controllerTxPktConfig(), *txPktStatus_, ways);
@@ -110,8 +126,8 @@ void CpuPktSm::doEnablePam() {
   auto pam =
       openPacketAccess(loop_, netdevName(), Wirra::PacketAccessManager::Mode::receiveAndSend);
   if (!pam) return;  // handleKernelDevice() or handlePeriod() asks again
-  pam->onPacketsIs([this] { handlePktEvent(); });
   netdevPamIs(std::move(pam));
+  watchPackets();
   netdevInitializedIs(true);
   handleWays();
 }
@@ -150,6 +166,13 @@ void CpuPktSm::handlePktEvent() {
     SCRIVEL_TRACE(1, "handlePktEvent", " Uninitialized");
     return;
   }
+  const auto before = processorTime();
+  readPackets();
+  const auto pause = pace_.turnEnded(processorTime() - before, PacketInPace::Clock::now());
+  if (pause.count() > 0) pausePackets(pause);
+}
+
+void CpuPktSm::readPackets() {
   batch_.clear();
   const auto pam = netdevPam();
   const size_t numPkts = pam ? pam->packets(mostPacketsIn, &batch_) : 0;
@@ -164,6 +187,17 @@ void CpuPktSm::handlePktEvent() {
     processPkt(pkt);
   }
   batch_.clear();
+}
+
+void CpuPktSm::pausePackets(std::chrono::milliseconds pause) {
+  if (!netdevPam()) return;
+  SCRIVEL_TRACE(8, "pausePackets", " ms:", pause.count());
+  netdevPam()->onPacketsIs({});
+  pauseTimer_.start(pause);
+}
+
+void CpuPktSm::watchPackets() {
+  if (netdevPam()) netdevPam()->onPacketsIs([this] { handlePktEvent(); });
 }
 
 void CpuPktSm::processPkt(const Ptr& pkt) {

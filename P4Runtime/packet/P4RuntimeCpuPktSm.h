@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/companion/PortMapping.h"
 #include "P4Runtime/packet/AddDesiredIntfSm.h"
@@ -16,7 +17,9 @@
 #include "P4Runtime/packet/ControllerTxPktStatus.h"
 #include "P4Runtime/packet/IntfStatusManager.h"
 #include "P4Runtime/packet/P4RuntimeCpuPktMgr.h"
+#include "P4Runtime/packet/PacketInPace.h"
 #include "P4Runtime/packet/PacketTransmitter.h"
+#include "platform/vela/Timer.h"
 #include "platform/wirra/interfaces/InterfaceStatus.h"
 
 namespace P4Runtime {
@@ -32,6 +35,7 @@ struct CpuPktInputs {
   Vela::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus;
   Vela::Ptr<const Interface::AllIntfStatusDir> allIntfStatusDir;
   Vela::Ptr<const Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir;
+  Vela::Ptr<const BatchStatus> batchStatus;  // tells of Writes; null: none come (tests)
 };
 
 // Packets since the agent began.
@@ -83,7 +87,8 @@ class CpuPktSm final : public Vela::Entity, private TxWays {
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
 
  public:
-  // The CPU device has packets to read. The event repeats while any are left.
+  // The CPU device has packets to read. The event repeats while any are left; while Writes come,
+  // after a pause (PacketInPace.h).
   void handlePktEvent();
   void handleKernelDevice(const std::string& name);
   void handleTxPktDesc();
@@ -101,6 +106,9 @@ class CpuPktSm final : public Vela::Entity, private TxWays {
   void doDisablePam();
   void doBringUp();
   void updateCounts();
+  void readPackets();
+  void pausePackets(std::chrono::milliseconds pause);
+  void watchPackets();
 
   Way processTxPktDesc(const ControllerTxPktDesc& desc) override;
   void send(const std::string& intf, std::span<const Ptr> packets,
@@ -110,8 +118,11 @@ class CpuPktSm final : public Vela::Entity, private TxWays {
 
   Vela::ReactorLoop& loop_;
   const Vela::Ptr<ControllerTxPktStatus> txPktStatus_;
+  const Vela::Ptr<const BatchStatus> batchStatus_;
   std::unique_ptr<PacketTransmitter> transmitter_;
   std::vector<Ptr> batch_;
+  PacketInPace pace_;
+  Vela::Timer pauseTimer_;
   CpuPktCounts counts_;
   CpuPktCounts ofFormerPams_;  // missed and refused
   std::vector<Vela::Observation> changes_;

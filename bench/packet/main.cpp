@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "bench/packet/Links.h"
+#include "bench/packet/Storm.h"
 
 namespace Bench {
 namespace {
@@ -18,8 +19,11 @@ namespace {
 struct Plan {
   std::string pipelineFile = KORVEL_ROUTER_PIPELINE;
   std::vector<size_t> sizes{64, 512, 1500, 9000};  // bytes
+  std::vector<std::string> ways{"out", "in", "storm"};
   double effort = 1;
   size_t rounds = 3;
+
+  bool has(const char* way) const { return std::ranges::count(ways, way) > 0; }
 
   size_t packets() const { return static_cast<size_t>(70000 * effort); }  // of a round
   size_t alone() const { return static_cast<size_t>(2000 * effort); }
@@ -114,16 +118,20 @@ std::string measuredWays(const Plan& plan) {
   std::vector<Round> rounds(plan.rounds);
   for (Round& round : rounds) {
     round.bare = measured(*std::make_unique<BarePath>(port), plan);
-    round.grpcOut = measured(*std::make_unique<GrpcPath>(Direction::out), plan);
-    round.out = measured(*std::make_unique<PacketOutPath>(agent, port.peer()), plan, agentCpu);
-    round.grpcIn = measured(*std::make_unique<GrpcPath>(Direction::in), plan);
-    round.in = measured(*std::make_unique<PacketInPath>(agent, cpu.peer()), plan, agentCpu);
+    if (plan.has("out")) {
+      round.grpcOut = measured(*std::make_unique<GrpcPath>(Direction::out), plan);
+      round.out = measured(*std::make_unique<PacketOutPath>(agent, port.peer()), plan, agentCpu);
+    }
+    if (plan.has("in")) {
+      round.grpcIn = measured(*std::make_unique<GrpcPath>(Direction::in), plan);
+      round.in = measured(*std::make_unique<PacketInPath>(agent, cpu.peer()), plan, agentCpu);
+    }
   }
   std::string text = head();
-  for (size_t i = 0; i < plan.sizes.size(); ++i) {
+  for (size_t i = 0; plan.has("out") && i < plan.sizes.size(); ++i) {
     text += line("out", rounds, i, &Round::out, &Round::grpcOut);
   }
-  for (size_t i = 0; i < plan.sizes.size(); ++i) {
+  for (size_t i = 0; plan.has("in") && i < plan.sizes.size(); ++i) {
     text += line("in", rounds, i, &Round::in, &Round::grpcIn);
   }
   return text + legend(rounds.size());
@@ -141,8 +149,13 @@ int main(int argc, char** argv) {
   app.add_option("--sizes", plan.sizes, "packet sizes, in bytes")
       ->delimiter(',')
       ->check(CLI::Range(size_t{60}, size_t{9000}));
+  app.add_option("--ways", plan.ways, "of out, in, storm")
+      ->delimiter(',')
+      ->check(CLI::IsMember({"out", "in", "storm"}));
   app.add_option("--effort", plan.effort, "share of the usual number of packets, e.g. 10")
       ->check(CLI::Range(0.01, 1000.0));
+  app.add_option("--rounds", plan.rounds, "figures are the medians of so many rounds")
+      ->check(CLI::Range(size_t{1}, size_t{1000}));
   app.add_option("--pipeline", plan.pipelineFile, "pipeline file of the router example");
   try {
     app.parse(argc, argv);
@@ -157,7 +170,12 @@ int main(int argc, char** argv) {
     return 1;
   }
   try {
-    std::fputs(Bench::measuredWays(plan).c_str(), stdout);
+    if (plan.has("out") || plan.has("in")) std::fputs(Bench::measuredWays(plan).c_str(), stdout);
+    std::fflush(stdout);
+    if (plan.has("storm")) {
+      const std::string storm = Bench::measuredStorm(plan.pipelineFile, plan.effort, plan.rounds);
+      std::fputs(storm.c_str(), stdout);
+    }
   } catch (const std::exception& e) {
     std::fprintf(stderr, "korvel-packet-bench: %s\n", e.what());
     return 1;
