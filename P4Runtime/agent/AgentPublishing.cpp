@@ -22,6 +22,11 @@ std::string permissionText(uint32_t level) {
   return level <= writesAllowed ? texts[level] : std::to_string(level);
 }
 
+std::string restoringText(const TableImpl& tables) {
+  const RestoreProgress progress = tables.restoreProgress();
+  return tables.restoring() ? fmt::format("{} of {} entries", progress.entries, progress.all) : "";
+}
+
 }  // namespace
 
 // For `korvel status`, `get` and `call`.
@@ -40,6 +45,7 @@ void Agent::doPublish() {
   const auto update = [this] { doUpdateStatus(); };
   changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe(update));
   changes_.push_back(piServer()->serverReadyAttribute().observe(update));
+  changes_.push_back(tableImpl()->restoringAttribute().observe(update));
   changes_.push_back(p4TableInfo()->tableInfoStateAttribute().observe(update));
   statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] {
     doUpdateStatus();
@@ -52,7 +58,8 @@ void Agent::doUpdateStatus() {
   status_->pidIs(getpid());
   status_->deviceIdIs(p4RtSystemConfig()->deviceId());
   status_->serverAddressIs(piServer()->serverAddressPortStr());
-  status_->serverReadyIs(piServer()->serverReady());
+  status_->serverReadyIs(piServer()->serverReady() && !tableImpl()->restoring());
+  status_->restoringIs(restoringText(*tableImpl()));
   const bool runs = p4TableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady;
   status_->pipelineFileIs(runs ? TheParsingStatus()->pipelineFile()
                                : p4RtSystemConfig()->forwardingPipelineConfigFilePath());

@@ -61,12 +61,16 @@ class EntryHandles {
     Bound& bound = block->second->bound[handle % blockSize];
     return bound.tableId == 0 ? nullptr : &bound;
   }
-  void bind(EntryHandle handle, uint32_t tableId) {
+  void bind(EntryHandle handle, uint32_t tableId) { maybeBind(handle, {tableId, 0}); }
+  bool maybeBind(EntryHandle handle, const Bound& to) {
     auto& block = blocks_[handle / blockSize];
     if (!block) block = std::make_unique<Block>();
-    block->bound[handle % blockSize] = {tableId, 0};
+    Bound& bound = block->bound[handle % blockSize];
+    if (bound.tableId != 0) return false;
+    bound = to;
     ++block->taken;
-    ++counts_[tableId];
+    ++counts_[to.tableId];
+    return true;
   }
   void free(EntryHandle handle) {
     Bound* const bound = find(handle);
@@ -143,6 +147,12 @@ bool P4HandleMgr::restoreTableEntryHandle(uint32_t tableId, EntryHandle handle, 
   if (bound != 0) return bound == handle;
   if (handle == 0 || impl_->entries.find(handle)) return false;
   impl_->entries.bind(handle, tableId);
+  reserveUpTo(handle);
+  return true;
+}
+
+bool P4HandleMgr::takeTableEntryHandle(uint32_t tableId, EntryHandle handle, uint32_t rowHash) {
+  if (handle == 0 || !impl_->entries.maybeBind(handle, {tableId, rowHash})) return false;
   reserveUpTo(handle);
   return true;
 }

@@ -57,6 +57,18 @@ class ServerInitTest : public AgentTest {
     const Vela::ActivityLock lock;
     agent().tableInfo->tableInfoStateIs(state);
   }
+  // The server has the pipeline once more.
+  void pushAgain() {
+    {
+      const Vela::ActivityLock lock;
+      server_->serverReadyIs(false);
+    }
+    serverReady();
+  }
+  static void turn() {
+    serverLoop().post([] { serverLoop().stop(); });
+    serverLoop().run();
+  }
   uint64_t signals() {
     uint64_t count = 0;
     return read(server_->signalFd(), &count, sizeof count) == sizeof count ? count : 0;
@@ -201,6 +213,86 @@ TEST_F(ServerInitTest, PipelineThatReplacesAnotherWaitsForTheWriteInProgress) {
   EXPECT_EQ(level(), 2u);
 }
 
+// A million entries take more than a second.
+TEST_F(ServerInitTest, ARestoreLetsOthersHaveTheirTurnsAndControllersWait) {
+  for (uint8_t id = 0; id < 3; ++id) agent().program(exactEntry(id));
+  restart();
+  const uint64_t before = agent().lastSequence();
+  initSm_->restoreSliceIs(RestoreSlice::ofObjects(1));
+  serverReady();
+  size_t turns = 0;
+  for (; agent().tableImpl->restoring(); ++turns) {
+    EXPECT_EQ(agent().frontEnd.restored.size(), std::min<size_t>(turns + 1, 3));
+    EXPECT_FALSE(agent().frontEnd.restoreDone);
+    agent().begin();
+    EXPECT_NE(agent().add(0, exactEntry(9)), PI_STATUS_SUCCESS);
+    agent().end();
+    agent().outcome();
+    agent().tableImpl->revertCriticalState();
+    EXPECT_EQ(signals(), 0u) << "the restore is under way already";
+    ASSERT_LT(turns, 100u);
+    turn();
+  }
+  EXPECT_GT(turns, 2u);
+  EXPECT_TRUE(agent().frontEnd.restoreDone);
+  EXPECT_EQ(agent().frontEnd.restored.size(), 3u);
+  EXPECT_NE(agent().program(exactEntry(9)), 0u);
+  turn();
+  EXPECT_EQ(agent().frontEnd.restored.size(), 3u);
+}
+
+// By SIGKILL, or by another pipeline, at any object. Each pipeline has another type of the table
+// than the one before, so that rows are made of records that are kept beside.
+TEST_F(ServerInitTest, ARestoreThatIsInterruptedCostsNothing) {
+  const auto other = pipelineOf(
+      smallP4Info(), replaced(smallDeviceConfig(), "key ether_type : U16", "key ether_type: U16"));
+  agent().begin();
+  agent().updateIs(0, 7);
+  const std::string port = bytes("0001");
+  const pi_action_data_t action{nullptr, setPort, port.size(), const_cast<char*>(port.data())};
+  uint64_t member = 0;
+  ASSERT_EQ(_pi_act_prof_mbr_create(0, {1, 0xffff}, profile, &action, &member), PI_STATUS_SUCCESS);
+  agent().add(1, {groupTable, bytes("00000003"), 0, "", 0, 0, "", member});
+  for (uint8_t id = 0; id < 3; ++id) agent().add(2u + id, exactEntry(id));
+  agent().end();
+  forwarder().programAll();
+  ASSERT_TRUE(agent().outcome().empty());
+  const auto startWith = [&](const p4::v1::SetForwardingPipelineConfigRequest& pipeline) {
+    initSm_ = nullptr;
+    start(pipeline);
+    make();
+  };
+  bool isDone = false;
+  for (size_t turns = 0; !isDone; ++turns) {
+    for (const bool isKilled : {true, false}) {
+      SCOPED_TRACE(testing::Message() << turns << " turns" << (isKilled ? ", then SIGKILL" : ""));
+      startWith(isKilled ? other : smallPipeline());
+      initSm_->restoreSliceIs(RestoreSlice::ofObjects(1));
+      serverReady();
+      for (size_t i = 0; i < turns; ++i) turn();
+      isDone = !agent().tableImpl->restoring();
+      if (isKilled) {
+        startWith(other);
+      } else {
+        agent().pipelineIs(other, "other.pb.bin");
+        EXPECT_FALSE(agent().tableImpl->restoring());
+        turn();  // that the former restore had asked for
+        EXPECT_EQ(agent().frontEnd.restoreDone, isDone);
+      }
+      agent().frontEnd.restored.clear();
+      initSm_->restoreSliceIs(RestoreSlice::whole());
+      pushAgain();
+      EXPECT_EQ(agent().frontEnd.restored.size(), 6u) << "two of them constant";
+      EXPECT_EQ(agent().rowCount(exactTable), 3u);
+      EXPECT_EQ(agent().rowCount(groupTable), 1u);
+      EXPECT_EQ(agent().recordCount(), 6u);
+      EXPECT_EQ(agent().tableImpl->failures()->notRestored(), 0u);
+      EXPECT_FALSE(agent().status->brokenInvariant());
+    }
+    ASSERT_LT(turns, 100u);
+  }
+}
+
 // The front end deletes hidden members that no entry claims, when it is told that all is restored:
 // here the entry that claims one was not taken back.
 TEST_F(ServerInitTest, RestoreThatFailsCostsNothingAndIsDoneAgainOnRevert) {
@@ -230,11 +322,7 @@ TEST_F(ServerInitTest, RestoreThatFailsCostsNothingAndIsDoneAgainOnRevert) {
   EXPECT_EQ(signals(), 1u) << "the pipeline is pushed once more";
   EXPECT_EQ(level(), 0u) << "until the entries are back";
   agent().frontEnd.members.clear();
-  {
-    const Vela::ActivityLock lock;
-    server_->serverReadyIs(false);
-  }
-  serverReady();
+  pushAgain();
   EXPECT_EQ(level(), 2u);
   EXPECT_EQ(agent().frontEnd.members.size(), 1u);
   EXPECT_EQ(agent().frontEnd.restored.front().indirectHandle, member);
