@@ -16,6 +16,7 @@ namespace P4Runtime {
 namespace {
 
 constexpr std::chrono::milliseconds statusPeriod(500);
+constexpr std::chrono::milliseconds progressPeriod(50);
 
 std::string permissionText(uint32_t level) {
   static const char* const texts[] = {"neither reads nor writes", "reads only", "reads and writes"};
@@ -45,13 +46,26 @@ void Agent::doPublish() {
   const auto update = [this] { doUpdateStatus(); };
   changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe(update));
   changes_.push_back(piServer()->serverReadyAttribute().observe(update));
-  changes_.push_back(tableImpl()->restoringAttribute().observe(update));
+  doFollowRestore();
   changes_.push_back(p4TableInfo()->tableInfoStateAttribute().observe(update));
   statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] {
     doUpdateStatus();
     status_->electionIdsNotKeptIs(electionIds_->keepUnkept());
   });
   statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
+}
+
+void Agent::doFollowRestore() {
+  progressTimer_ = std::make_unique<Vela::Timer>(
+      runtime_.loop, [this] { status_->restoringIs(restoringText(*tableImpl())); });
+  changes_.push_back(tableImpl()->restoringAttribute().observe([this] {
+    doUpdateStatus();
+    if (tableImpl()->restoring()) {
+      progressTimer_->start(progressPeriod, progressPeriod);
+    } else {
+      progressTimer_->stop();
+    }
+  }));
 }
 
 void Agent::doUpdateStatus() {

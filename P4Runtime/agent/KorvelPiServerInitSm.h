@@ -61,7 +61,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   Vela::Observation serverChange_;
   Vela::Observation restoreRequest_;
   std::vector<Vela::Observation> references_;
-  RestoreSlice slice_ = RestoreSlice::ofTime(std::chrono::milliseconds(10));
+  RestoreSlice slice_ = RestoreSlice::ofTime(std::chrono::milliseconds(3));
   bool turnIsPosted_ = false;
   WriteGate::Closer noPipeline_{"no pipeline is ready"};
   WriteGate::Closer push_{"a pipeline takes the place of another"};

@@ -327,7 +327,6 @@ void TableImpl::restoreCachedEntries() {
 
 void TableImpl::beginRestore() {
   rooms_->earlyReports.begin();
-  restoringIs(true);
   trackRestore([this] { rooms_->restorer.begin(deviceId()); });
 }
 

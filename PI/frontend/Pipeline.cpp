@@ -90,9 +90,10 @@ bool Pipeline::adoptEntry(const TablePlan& table, EntryPtr entry) {
     if (!entry) return false;
   }
   if (table.profile != nullptr) {
-    enterAdopted();
     const EntryPtr former = store_.entry(entry->key());
     use_.countChange(*table.profile, former.get(), entry.get());
+    store_.entryIs(std::move(entry));
+    return true;
   }
   const size_t hash = entry->key().hash();
   adopted_.push_back({std::move(entry), hash});

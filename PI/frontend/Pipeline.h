@@ -42,7 +42,8 @@ class Pipeline {
   bool equals(const p4::v1::ForwardingPipelineConfig& config) const;
 
   // Take over the objects that the target holds after a restart, before controllers get in:
-  // members, groups, entries, in that order. The store has them all once the restore is finished.
+  // members, groups, entries, in that order. The store has all of them once the restore is
+  // finished.
   void restoreExpects(size_t entries);  // makes room for them
   pi_status_t restoredMemberIs(uint32_t profileId, const pi_action_data_t* action,
                                uint32_t controllerId, uint64_t handle);
@@ -73,7 +74,7 @@ class Pipeline {
   ProfileUse use_;
   std::atomic<bool> hasSentPackets_{false};
   std::optional<RestoredProfiles> restored_;  // until the restore is finished
-  std::vector<EntrySlot> adopted_;            // that the store is yet to get, together
+  std::vector<EntrySlot> adopted_;  // of tables without a profile; the store is yet to get them
 };
 
 }  // namespace pi::fe::proto
