@@ -26,12 +26,21 @@ Vela::ReactorLoop& serverLoop() {
   return *loop;
 }
 
-// A server without a thread. It is never let go: its destructor would start one.
-Vela::Ptr<KorvelPiServer> serverOf(AgentParts& agent) {
+// Servers without a thread. They are never let go: the destructor would start one.
+std::vector<Vela::Ptr<KorvelPiServer>>& servers() {
   static auto* all = new std::vector<Vela::Ptr<KorvelPiServer>>;
+  return *all;
+}
+
+Vela::Ptr<KorvelPiServer> serverOf(AgentParts& agent) {
   const Vela::ActivityLock lock;
-  all->push_back(korvelPiServerFactory(serverLoop(), agent.config));
-  return all->back();
+  servers().push_back(korvelPiServerFactory(serverLoop(), agent.config));
+  return servers().back();
+}
+
+uint64_t takeSignals(const KorvelPiServer& server) {
+  uint64_t count = 0;
+  return read(server.signalFd(), &count, sizeof count) == sizeof count ? count : 0;
 }
 
 class ServerInitTest : public AgentTest {
@@ -65,14 +74,13 @@ class ServerInitTest : public AgentTest {
     }
     serverReady();
   }
+  // Of the reactor, for all but signals, which would push.
   static void turn() {
+    for (const auto& server : servers()) takeSignals(*server);
     serverLoop().post([] { serverLoop().stop(); });
     serverLoop().run();
   }
-  uint64_t signals() {
-    uint64_t count = 0;
-    return read(server_->signalFd(), &count, sizeof count) == sizeof count ? count : 0;
-  }
+  uint64_t signals() { return takeSignals(*server_); }
   static uint32_t level() { return DeviceMgr::get_operation_permission_level(); }
 
   Vela::Ptr<KorvelPiServer> server_;
@@ -248,6 +256,7 @@ TEST_F(ServerInitTest, ARestoreLetsOthersHaveTheirTurnsAndControllersWait) {
 TEST_F(ServerInitTest, ARestoreThatIsInterruptedCostsNothing) {
   const auto other = pipelineOf(
       smallP4Info(), replaced(smallDeviceConfig(), "key ether_type : U16", "key ether_type: U16"));
+  serverReady();
   agent().begin();
   agent().updateIs(0, 7);
   const std::string port = bytes("0001");
@@ -260,6 +269,10 @@ TEST_F(ServerInitTest, ARestoreThatIsInterruptedCostsNothing) {
   forwarder().programAll();
   ASSERT_TRUE(agent().outcome().empty());
   const auto startWith = [&](const p4::v1::SetForwardingPipelineConfigRequest& pipeline) {
+    {
+      const Vela::ActivityLock lock;
+      agent().tableImpl->abandonRestore();  // its turns end with the process
+    }
     initSm_ = nullptr;
     start(pipeline);
     make();
@@ -278,6 +291,7 @@ TEST_F(ServerInitTest, ARestoreThatIsInterruptedCostsNothing) {
       } else {
         agent().pipelineIs(other, "other.pb.bin");
         EXPECT_FALSE(agent().tableImpl->restoring());
+        EXPECT_EQ(signals(), 1u) << "the new one is pushed";
         turn();  // that the former restore had asked for
         EXPECT_EQ(agent().frontEnd.restoreDone, isDone);
       }
