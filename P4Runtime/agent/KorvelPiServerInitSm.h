@@ -2,6 +2,8 @@
 // permission level, has the pipeline pushed, restores entries, and moves it to another port.
 #pragma once
 
+#include <chrono>
+
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/WriteGate.h"
@@ -61,6 +63,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   Vela::Observation serverChange_;
   Vela::Observation restoreRequest_;
   std::vector<Vela::Observation> references_;
+  // Short: `korvel status` makes some fifteen requests, each of which may wait for a slice.
   RestoreSlice slice_ = RestoreSlice::ofTime(std::chrono::milliseconds(3));
   bool turnIsPosted_ = false;
   WriteGate::Closer noPipeline_{"no pipeline is ready"};

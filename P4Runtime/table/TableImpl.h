@@ -57,7 +57,7 @@ class TableImpl : public BatchEntries {
   // Counts the requests to restore the entries once more; the state machine that restores observes
   // it.
   VELA_READONLY_ATTRIBUTE(uint32_t, restoreRequests, 0)
-  VELA_READONLY_ATTRIBUTE(bool, restoring, false)
+  VELA_READONLY_ATTRIBUTE(bool, restoring, false)  // between beginRestore() and its end
 
  public:
   P4TableInfo& tableInfo() const { return *tableInfo_; }

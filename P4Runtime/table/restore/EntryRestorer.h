@@ -21,7 +21,7 @@ namespace P4Runtime {
 
 // One pass over the rows of all tables, in slices. Call with the activity lock held, while the
 // caches are mounted. Nobody else writes rows until the pass is through. A pass that is given up
-// has removed nothing; another one finds all as it was.
+// has removed nothing; another one finds every entry there.
 class EntryRestorer {
  public:
   // Finds the tables: throws std::runtime_error when the rows of one are not ready.

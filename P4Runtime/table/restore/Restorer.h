@@ -27,7 +27,7 @@ class Restorer {
   // nothing else may write rows and records, and the pipeline must stay: else abandon().
   void begin(uint64_t deviceId);     // in place of one that runs
   bool advance(RestoreSlice slice);  // true: it is done. Call while it runs
-  void abandon();                    // the next restore finds all as it was; nothing when none runs
+  void abandon();  // the next restore finds every entry there; nothing when none runs
   bool isRunning() const { return run_ != nullptr; }
   RestoreProgress progress() const;
 
