@@ -124,6 +124,7 @@ class Agent : public Vela::Entity {
   void doFollowReports();
   void handleAgentLeft(const Lattice::SubscriberInfo& agent);
   void doUpdateStatus();
+  void doFollowRestore();
 
   AgentRuntime runtime_;
   Orrery::MountGroup mountGroup_;
@@ -136,6 +137,7 @@ class Agent : public Vela::Entity {
   std::unique_ptr<AgentPackets> packets_;
   std::unique_ptr<ElectionIds> electionIds_;
   std::unique_ptr<Vela::Timer> statusTimer_;
+  std::unique_ptr<Vela::Timer> progressTimer_;  // runs while entries are restored
   std::vector<Vela::Observation> changes_;
 };
 
