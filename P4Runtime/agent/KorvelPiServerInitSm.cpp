@@ -76,6 +76,8 @@ void KorvelPiServerInitSm::observeReferences() {
 void KorvelPiServerInitSm::handleInitialized() {
   SCRIVEL_TRACE(1, "handleInitialized");
   doSpawnServerThread();
+  // A pipeline without tables is ready in the very turn that reads it, before this is there.
+  if (tableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady) handleTableInfoState();
 }
 
 void KorvelPiServerInitSm::doSpawnServerThread() {
