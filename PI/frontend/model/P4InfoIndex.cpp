@@ -109,7 +109,7 @@ P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abi
     tables_.push_back(tablePlan(p4Info, table));
     tableById_[table.preamble().id()] = tables_.back().get();
   }
-  doCheckTablesOfProfiles(p4Info);
+  tablesOfProfilesAre(p4Info);
 }
 
 const TablePlan* P4InfoIndex::table(uint32_t id) const {
