@@ -55,6 +55,8 @@ class P4InfoIndex {
   void fieldPlanIs(TablePlan* plan, const p4::config::v1::MatchField& field) const;
   void actionUsesAre(TablePlan* plan, const p4::config::v1::Table& table) const;
   void defaultActionIs(TablePlan* plan, const p4::config::v1::Table& table) const;
+  void defaultEntriesAre();
+  static std::unique_ptr<TablePlan> defaultEntryPlan(const TablePlan& table);
   void directResourcesAre(TablePlan* plan, const p4::config::v1::P4Info& p4Info,
                           const p4::config::v1::Table& table) const;
   bool isKind(uint32_t id, const char* kind) const;
