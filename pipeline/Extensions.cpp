@@ -46,11 +46,12 @@ bool needsFields(const Action_Param& parameter) {
 
 // The one packet_out that is known without: a port of four bytes, and a flag of one.
 bool isPortAndFlag(const ControllerPacketMetadata& header) {
-  const auto& fields = header.metadata();
-  const auto isField = [](const auto& field, uint32_t id, int bytes) {
-    return field.id() == id && (field.bitwidth() + 7) / 8 == bytes;
+  const auto has = [&](uint32_t id, int bytes) {
+    return std::ranges::any_of(header.metadata(), [&](const auto& field) {
+      return field.id() == id && (field.bitwidth() + 7) / 8 == bytes;
+    });
   };
-  return fields.size() == 2 && isField(fields[0], 1, 4) && isField(fields[1], 2, 1);
+  return header.metadata_size() == 2 && has(1, 4) && has(2, 1);
 }
 
 bool needsPacketHeaders(const ControllerPacketMetadata& header) {
