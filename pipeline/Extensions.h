@@ -20,8 +20,11 @@ struct Extensions {
   bool fields = false;
   // Default entries are written, in tables of their own. Key "default_actions".
   bool defaultActions = false;
+  // Headers of packets have any layout, bit behind bit as the program declares them. Key
+  // "packet_headers".
+  bool packetHeaders = false;
 
-  bool any() const { return fields || defaultActions; }
+  bool any() const { return fields || defaultActions || packetHeaders; }
   friend bool operator==(const Extensions&, const Extensions&) = default;
 };
 
