@@ -50,7 +50,7 @@ class Story {
     }
     std::vector<p4::v1::Update> deletions;
     for (const TableEntry& entry : standing_) deletions.push_back(deleteOf(entry));
-    if (!deletions.empty()) EXPECT_EQ(codesOf(deletions), "");
+    EXPECT_EQ(codesOf(deletions), "");
     EXPECT_THAT(tested_.controller().readTable(0).entries, testing::IsEmpty());
   }
 

@@ -137,7 +137,7 @@ TEST_F(PacketOutTest, DecidesByFieldNamesOfAHeaderOnTheWire) {
     if (c.status != PI_STATUS_SUCCESS) continue;
     const auto desc = queue_->txPktDesc().deq().second;
     EXPECT_EQ(desc.flags.ingressProcessingEnabled(), c.ingress);
-    if (!c.ingress) EXPECT_EQ(desc.egressP4PortId, c.port);
+    EXPECT_EQ(desc.egressP4PortId, c.port);
     const auto packet = desc.pkt->bytes();
     EXPECT_EQ(std::string(packet.begin(), packet.end()), bytes(c.packet));
   }
