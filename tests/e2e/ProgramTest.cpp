@@ -130,9 +130,9 @@ class Story {
 void tryProgram(const std::string& p4InfoPath) {
   const TestSupport::TempDir directory;
   const std::string file = directory.file("built.pb.bin");
-  const TestSupport::AgentProcess command({.stateDirectory = directory.file("state")});
-  const auto built = command.korvel(
-      {"pipeline", "build", "--p4info", p4InfoPath, "--device-id", "1", "--output", file});
+  const auto built =
+      TestSupport::run({TestSupport::binaryPath("korvel"), "pipeline", "build", "--p4info",
+                        p4InfoPath, "--device-id", "1", "--output", file});
   ASSERT_EQ(built.exit.code, 0) << built.error;
   Story(file).run();
 }
