@@ -141,6 +141,7 @@ void KorvelPiServerInitSm::handleServerReady() {
   if (tableInfo()->tableInfoState() != P4TableInfoState::tableInfoReady) return;
   doRestore();
   push_.open();
+  installsIs(installs() + 1);
 }
 
 // The server takes entries back only after a push.

@@ -31,6 +31,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServer>, server, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
+  VELA_READONLY_ATTRIBUTE(uint32_t, installs, 0)  // pipelines that were served with their entries
 
  public:
   void handleInitialized();

@@ -328,6 +328,9 @@ void TableImpl::restoreCachedEntries() {
   for (const EarlyReports::Kept& kept : rooms_->earlyReports.end()) judgeReport(kept.report());
 }
 
+void TableImpl::entriesBelongTo(uint64_t push) { rooms_->restorer.entriesBelongTo(push); }
+uint64_t TableImpl::pushOfEntries() const { return rooms_->restorer.pushOfEntries(); }
+bool TableImpl::hasNoEntries() const { return rooms_->restorer.isEmpty(); }
 void TableImpl::restoreActionMemberCachedEntries() { rooms_->restorer.restoreMembers(deviceId()); }
 void TableImpl::restoreActionGroupCachedEntries() { rooms_->restorer.restoreGroups(deviceId()); }
 void TableImpl::restoreTableCachedEntries() { rooms_->restorer.restoreEntries(deviceId()); }

@@ -106,6 +106,10 @@ class TableImpl : public BatchEntries {
   // Gives all that survived a restart back to the PI library and to the handle manager: members,
   // then groups, then the entries that name them. See Restorer.
   void restoreCachedEntries();
+  // See Restorer.
+  void entriesBelongTo(uint64_t push);
+  uint64_t pushOfEntries() const;
+  bool hasNoEntries() const;
   void restoreActionMemberCachedEntries();
   void restoreActionGroupCachedEntries();
   void restoreTableCachedEntries();

@@ -144,5 +144,10 @@ void addControlCommands(CLI::App& app) {
   disable->callback([options] { runCommand(*options, "disable", {}); });
   CLI::App* stop = app.add_subcommand("stop", "End the agent at once, and wait until it is gone");
   stop->callback([options] { runStop(*options); });
-  for (CLI::App* one : {enable, disable, stop}) addClientOptions(*one, *options);
+  CLI::App* reset = app.get_subcommand("pipeline")
+                        ->add_subcommand("reset",
+                                         "Have the agent go back from the pipeline that a "
+                                         "controller pushed to the configured file");
+  reset->callback([options] { runCommand(*options, "call", {"p4runtime/pipeline", "reset"}); });
+  for (CLI::App* one : {enable, disable, stop, reset}) addClientOptions(*one, *options);
 }

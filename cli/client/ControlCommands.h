@@ -1,8 +1,9 @@
-// `korvel port`, `enable`, `disable` and `stop`: commands to a running agent.
+// `korvel port`, `enable`, `disable`, `stop` and `pipeline reset`: commands to a running agent.
 #pragma once
 
 namespace CLI {
 class App;
 }
 
+// After the commands of `korvel pipeline`.
 void addControlCommands(CLI::App& app);

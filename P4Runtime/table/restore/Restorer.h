@@ -27,6 +27,12 @@ class Restorer {
   void restoreGroups(uint64_t deviceId);
   void restoreEntries(uint64_t deviceId);
 
+  // Removes all that is kept, unless it belongs to the push of that number already. Call while no
+  // table has an interface. Throws when the store cannot; what is left goes the next time.
+  void entriesBelongTo(uint64_t push);
+  uint64_t pushOfEntries() const;  // 0: to none
+  bool isEmpty() const { return !tools_.records.isMounted() || tools_.records.isEmpty(); }
+
   std::vector<Brine::DamagedRecord> tellDamagedRecords() { return damaged_.tell(); }
   ConstantEntries& constantEntries() { return constantEntries_; }
 
