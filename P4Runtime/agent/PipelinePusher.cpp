@@ -1,6 +1,7 @@
 #include "P4Runtime/agent/PipelinePusher.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <google/protobuf/util/message_differencer.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "pipeline/Files.h"
 #include "pipeline/Finding.h"
 #include "pipeline/PushedConfig.h"
 #include "platform/scrivel/Trace.h"
@@ -153,25 +155,27 @@ class PipelinePusher::Change : public AwaitedChange {
 // Back to the configured pipeline.
 class PipelinePusher::Reset : public AwaitedChange {
  public:
-  explicit Reset(const PushedFiles& files) : files_(files) {}
+  explicit Reset(PipelinePusher& pusher) : pusher_(pusher) { pusher_.noteChange(1); }
+  ~Reset() override { pusher_.noteChange(-1); }
   bool takeEffect(NextPipeline&) override {
     try {
-      files_.markDel();
+      pusher_.peers_.files.markDel();
       return true;
     } catch (const std::exception& e) {
       fmt::print(stderr, "korvel: the pushed pipeline stays: {}\n", e.what());
       return false;
     }
   }
-  void succeed() override { removeOthers(files_); }
+  void succeed() override { removeOthers(pusher_.peers_.files); }
   void fail(const std::string&) override {}  // the parsing status tells
 
  private:
-  const PushedFiles& files_;
+  PipelinePusher& pusher_;
 };
 
 PipelinePusher::PipelinePusher(PusherPeers peers) : Entity("pipeline"), peers_(std::move(peers)) {
   operationIs({"reset", {}, [this](const auto&) { return reset(); }});
+  operationIs({"diff", {"file"}, [this](const auto& arguments) { return diff(arguments.at(0)); }});
 }
 
 PushAnswer PipelinePusher::push(int action, std::optional<std::string_view> config) {
@@ -280,21 +284,39 @@ uint64_t PipelinePusher::entriesFor(const Built& built, uint64_t number) const {
 }
 
 void PipelinePusher::requireSameMeaning(const Built& built) const {
-  Request running;
   Request next;
-  if (!running.ParseFromString(peers_.tableInfo->pipelineRequest()) ||
-      !next.ParseFromString(built.next.request)) {
-    throw PushRefused(internalError, "the running pipeline cannot be compared with this one");
+  if (!next.ParseFromString(built.next.request)) {
+    throw PushRefused(internalError, "the pipeline cannot be compared with the running one");
   }
-  std::string text;
-  for (const std::string& line : Pipeline::obstaclesToEntries(running, next, entryCounts())) {
-    text += (text.empty() ? "" : "; ") + line;
-  }
-  if (text.empty()) return;
+  const std::vector<std::string> lines = obstacles(next);
+  if (lines.empty()) return;
   throw PushRefused(invalidArgument,
-                    "entries of the running pipeline have no place in this one; delete them first, "
-                    "or use VERIFY_AND_COMMIT, which starts without entries: " +
-                        text);
+                    fmt::format("entries of the running pipeline have no place in this one; delete "
+                                "them first, or use VERIFY_AND_COMMIT, which starts without "
+                                "entries: {}",
+                                fmt::join(lines, "; ")));
+}
+
+// What keeps the entries of the running pipeline from going over to the next one.
+std::vector<std::string> PipelinePusher::obstacles(const Request& next) const {
+  Request running;
+  if (!running.ParseFromString(peers_.tableInfo->pipelineRequest())) return {};
+  return Pipeline::obstaclesToEntries(running, next, entryCounts());
+}
+
+std::string PipelinePusher::diff(const std::string& path) const {
+  try {
+    Request next;
+    Pipeline::readPipelineFile(path, &next);
+    P4TableInfoSm::checkedPipeline(path, next);
+    const std::vector<std::string> lines = obstacles(next);
+    if (lines.empty()) return "all entries of the running pipeline have their place in " + path;
+    return fmt::format("{}", fmt::join(lines, "\n"));
+  } catch (const P4RuntimeParsingException& e) {
+    throw Vela::BadValue(path + " cannot run: " + textOf(e));
+  } catch (const Pipeline::PipelineError& e) {
+    throw Vela::BadValue(e.what());
+  }
 }
 
 Pipeline::EntryCounts PipelinePusher::entryCounts() const {
@@ -354,7 +376,7 @@ std::string PipelinePusher::reset() {
   try {
     NextPipeline next = peers_.tableInfoSm->configuredPipeline();
     const std::string path = next.path;
-    next.awaited = std::make_shared<Reset>(peers_.files);
+    next.awaited = std::make_shared<Reset>(*this);
     peers_.tableInfoSm->pipelineIs(std::move(next));
     return "going back to " + path;
   } catch (const P4RuntimeParsingException& e) {

@@ -52,7 +52,9 @@ class PipelinePusher : public Vela::Entity, public PipelinePushes {
   uint64_t entriesFor(const Built& built, uint64_t number) const;
   bool runsAlready(const Built& built) const;
   void requireSameMeaning(const Built& built) const;
+  std::vector<std::string> obstacles(const p4::v1::SetForwardingPipelineConfigRequest& next) const;
   Pipeline::EntryCounts entryCounts() const;
+  std::string diff(const std::string& path) const;
   void noteChange(int step);
   std::string reset();
 

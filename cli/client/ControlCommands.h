@@ -1,4 +1,5 @@
-// `korvel port`, `enable`, `disable`, `stop` and `pipeline reset`: commands to a running agent.
+// `korvel port`, `enable`, `disable`, `stop`, `pipeline reset` and `diff`: commands to a running
+// agent.
 #pragma once
 
 namespace CLI {

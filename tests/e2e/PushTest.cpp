@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "p4/tmp/p4config.pb.h"
+#include "pipeline/Files.h"
+#include "pipeline/Finding.h"
 #include "tests/e2e/Router.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/ForwarderProcess.h"
@@ -131,7 +133,7 @@ class PushTest : public testing::Test {
   }
 
   const TempDir directory_;
-  const Pipeline router_ = Router::pipeline();
+  const TestSupport::Pipeline router_ = Router::pipeline();
   AgentProcess agent_;
   ForwarderProcess forwarder_;
   std::unique_ptr<TestController> controller_;
@@ -203,6 +205,17 @@ TEST_F(PushTest, AComparerPushesByTheCookie) {
       controller_
           ->read({entityOf(p4::v1::ActionProfileGroup()), entityOf(p4::v1::ActionProfileMember())})
           .status.ok());
+  std::vector<p4::v1::Update> resets;
+  for (const auto& table : router_.p4info().tables()) {
+    if (table.const_default_action_id() != 0 || table.implementation_id() != 0) continue;
+    TableEntry reset;
+    reset.set_table_id(table.preamble().id());
+    reset.set_is_default_action(true);
+    resets.push_back(modifyOf(reset));
+  }
+  const WriteOutcome reset = controller_->write(resets);
+  EXPECT_TRUE(reset.ok()) << testing::PrintToString(reset);
+  EXPECT_TRUE(controller_->write(std::vector<p4::v1::Update>()).ok());
   Config zero = config(programJson);
   zero.mutable_cookie()->set_cookie(0);
   ASSERT_TRUE(push(zero).ok());
@@ -250,6 +263,76 @@ TEST_F(PushTest, WhatStaysAndWhatGoes) {
           .entities,
       IsEmpty());
   EXPECT_EQ(disagreement(), "");
+}
+
+TEST_F(PushTest, WhatMeansTheSameIsReconciled) {
+  ASSERT_TRUE(push(config()).ok());
+  ASSERT_TRUE(insertRoutes(0, 10).ok());
+  const TableEntry rule = Router::aclRule(router_, 3);
+  ASSERT_TRUE(controller_->write({insertOf(rule)}).ok());
+  const uint64_t changes = forwarder_.programmedChanges();
+  const auto tableOf = [this](Config& config, const char* name) -> p4::config::v1::Table& {
+    for (auto& table : *config.mutable_p4info()->mutable_tables()) {
+      if (table.preamble().id() == router_.table(name).preamble().id()) return table;
+    }
+    throw std::out_of_range(name);
+  };
+  Config larger = config("another program", 20000);
+  EXPECT_CODE(push(larger, Set::RECONCILE_AND_COMMIT), OK);
+  expectRuns(larger);
+  EXPECT_THAT(entries(), SizeIs(11));
+  EXPECT_EQ(forwarder_.programmedChanges(), changes);
+
+  Config smaller = config("", 9);
+  EXPECT_CODE(push(smaller, Set::RECONCILE_AND_COMMIT), INVALID_ARGUMENT);
+  Config other = larger;
+  tableOf(other, Router::aclTable).mutable_match_fields()->RemoveLast();
+  const grpc::Status refused = push(other, Set::RECONCILE_AND_COMMIT);
+  EXPECT_CODE(refused, INVALID_ARGUMENT);
+  EXPECT_THAT(refused.error_message(),
+              HasSubstr(router_.table(Router::aclTable).preamble().name() + ", 1 entries: "));
+  expectRuns(larger);
+  TestSupport::Pipeline smallerFile = Router::pipeline();
+  smallerFile.tableSizeIs(Router::routeTable, 9);
+  smallerFile.written(directory_.file("smaller"));
+  EXPECT_THAT(agent_.korvel({"pipeline", "diff", directory_.file("smaller")}).output,
+              HasSubstr("10 entries: it has room for 9 now"));
+  ASSERT_TRUE(controller_->write({deleteOf(rule)}).ok());
+  EXPECT_CODE(push(other, Set::RECONCILE_AND_COMMIT), OK);
+  EXPECT_THAT(entries(), SizeIs(10));
+
+  Config more = other;  // the rows of that table are made anew
+  auto* action = more.mutable_p4info()->add_actions();
+  action->mutable_preamble()->set_id(0x01aaaaaa);
+  action->mutable_preamble()->set_name("fresh");
+  tableOf(more, Router::routeTable).add_action_refs()->set_id(0x01aaaaaa);
+  EXPECT_CODE(push(more, Set::RECONCILE_AND_COMMIT), OK);
+  EXPECT_THAT(entries(), SizeIs(10));
+  restart();
+  expectRuns(more);
+  EXPECT_THAT(entries(), SizeIs(10));
+  EXPECT_TRUE(insertRoutes(10, 11).ok());
+}
+
+// Programs as public projects ship them, where they lie beside the tree, in turns with others.
+TEST_F(PushTest, EveryPublicProgramIsTaken) {
+  const std::filesystem::path directory(KORVEL_PROGRAMS);
+  if (!std::filesystem::is_directory(directory)) GTEST_SKIP() << "no programs in " << directory;
+  for (const auto& file : std::filesystem::directory_iterator(directory / "p4info")) {
+    const std::string name = file.path().filename().string();
+    SCOPED_TRACE(name);
+    Config pushed;
+    ::Pipeline::Findings findings;
+    ::Pipeline::readP4Info(file.path().string(), pushed.mutable_p4info(), &findings);
+    const auto json = directory / "json" / (name.substr(0, name.find('.')) + ".json");
+    if (std::filesystem::exists(json)) {
+      pushed.set_p4_device_config(::Pipeline::fileContents(json.string()));
+    }
+    EXPECT_CODE(push(pushed), OK);
+    expectRuns(pushed);
+    EXPECT_TRUE(controller_->readTable(0).status.ok());
+  }
+  EXPECT_EQ(controller_->arbitrate(), grpc::OK);
 }
 
 TEST_F(PushTest, RefusedOnesChangeNothing) {
@@ -322,7 +405,9 @@ TEST_F(PushTest, KilledMeanwhileTheFormerOrTheNewOneStands) {
     expectRuns(configs[running]);
     EXPECT_THAT(entries(), SizeIs(isNew ? 0 : 5));
     EXPECT_EQ(disagreement(), "");
-    if (isNew) ASSERT_TRUE(insertRoutes(0, 5).ok());
+    if (isNew) {
+      ASSERT_TRUE(insertRoutes(0, 5).ok());
+    }
   }
 }
 
@@ -337,6 +422,7 @@ TEST_F(ConfiguredPushTest, AResetGoesBackToTheConfiguredFile) {
   EXPECT_CODE(push(configured, Set::RECONCILE_AND_COMMIT), OK);
   const Config pushed = config(programJson, 20000);
   ASSERT_TRUE(push(pushed).ok());
+  EXPECT_EQ(disagreement(), "");
   restart();
   expectRuns(pushed);
   const CommandResult reset = agent_.korvel({"pipeline", "reset"});
