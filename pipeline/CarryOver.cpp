@@ -61,6 +61,10 @@ class Comparison {
       return fmt::format("table {}, {} entries: {}", running_.table(id)->preamble().name(), count,
                          why);
     }
+    if (kind == TableKind::defaultEntry) {
+      return fmt::format("the default entry of table {}: {}", running_.table(id)->preamble().name(),
+                         why);
+    }
     return fmt::format("action profile {}, {} {}: {}",
                        running_.actionProfile(id)->preamble().name(), count,
                        kind == TableKind::member ? "members" : "groups", why);
@@ -71,9 +75,9 @@ class Comparison {
     const DeviceTable* const former = deviceTable(runningDevice_, ref);
     const DeviceTable* const next = deviceTable(nextDevice_, ref);
     if (former == nullptr) return std::nullopt;  // nothing of it was ever programmed
-    if (next == nullptr || former->name != next->name) {
-      return kind == TableKind::match ? "the new pipeline has no such table"
-                                      : "the new pipeline has no such profile";
+    if (next == nullptr || former->name != next->name) return absent(kind);
+    if (kind == TableKind::defaultEntry) {
+      return actionsReason(*running_.table(id), *next_.table(id));
     }
     if (kind == TableKind::member) return reason(*running_.actionProfile(id), count);
     if (kind == TableKind::group) return reason(*running_.actionProfile(id), 0);
@@ -85,6 +89,12 @@ class Comparison {
   }
 
  private:
+  static Reason absent(TableKind kind) {
+    if (kind == TableKind::match) return "the new pipeline has no such table";
+    if (kind == TableKind::defaultEntry) return "the new pipeline has none that can be changed";
+    return "the new pipeline has no such profile";
+  }
+
   Reason reason(const Table& former, size_t count) const {
     const Table* const next = next_.table(former.preamble().id());
     if (next == nullptr) return "the new pipeline has no such table";

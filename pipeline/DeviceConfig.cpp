@@ -14,8 +14,10 @@
 namespace Pipeline {
 namespace {
 
-TableKind kindOf(const std::string& tableClass) {
+TableKind kindOf(const std::string& tableClass, const Extensions& extensions) {
   const std::string lower = lowered(tableClass);
+  const bool isDefault = lower == lowered(Pipeline::tableClass(TableKind::defaultEntry));
+  if (isDefault && extensions.defaultActions) return TableKind::defaultEntry;
   if (lower == lowered(Pipeline::tableClass(TableKind::member))) return TableKind::member;
   if (lower == lowered(Pipeline::tableClass(TableKind::group))) return TableKind::group;
   return TableKind::match;
@@ -130,7 +132,7 @@ class DeviceReader {
     const auto id = Vela::jsonNumber(item, "table_id");
     if (!id) missing(owner, "number of 32 bits", "table_id");
     table.id = id.value_or(0);
-    table.kind = kindOf(Vela::jsonString(item, "table_class").value_or(""));
+    table.kind = kindOf(Vela::jsonString(item, "table_class").value_or(""), config_.extensions);
     readFields(item, owner, &table);
     readEntries(item, owner, &table);
     config_.tables.push_back(std::move(table));

@@ -15,6 +15,7 @@ namespace Pipeline {
 namespace {
 
 using p4::config::v1::Action_Param;
+using p4::config::v1::ActionRef;
 using p4::config::v1::MatchField;
 
 constexpr uint32_t version = 1;
@@ -23,7 +24,11 @@ struct Key {
   const char* name;
   bool Extensions::*ability;
 };
-constexpr Key keys[] = {{"fields", &Extensions::fields}};
+constexpr Key keys[] = {
+    {"fields", &Extensions::fields},
+    {"default_actions", &Extensions::defaultActions},
+    {"no_tables", &Extensions::noTables},
+};
 
 bool needsFields(const MatchField& field) {
   if (field.match_case() != MatchField::kMatchType) return false;
@@ -60,12 +65,21 @@ void readKey(const cJSON& item, Extensions* extensions, Findings* findings) {
 
 }  // namespace
 
+bool hasOpenDefault(const p4::config::v1::Table& table) {
+  return table.const_default_action_id() == 0 && table.implementation_id() == 0 &&
+         std::ranges::any_of(table.action_refs(), [](const ActionRef& ref) {
+           return ref.scope() != ActionRef::TABLE_ONLY && ref.scope() != ActionRef::GROUP_ACTION;
+         });
+}
+
 Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   Extensions extensions;
+  extensions.noTables = p4Info.tables().empty() || p4Info.actions().empty();
   const auto fieldNeeds = [](const MatchField& field) { return needsFields(field); };
   const auto parameterNeeds = [](const Action_Param& parameter) { return needsFields(parameter); };
   for (const auto& table : p4Info.tables()) {
     extensions.fields |= std::ranges::any_of(table.match_fields(), fieldNeeds);
+    extensions.defaultActions |= hasOpenDefault(table);
   }
   for (const auto& action : p4Info.actions()) {
     extensions.fields |= std::ranges::any_of(action.params(), parameterNeeds);

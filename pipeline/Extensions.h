@@ -7,7 +7,8 @@
 struct cJSON;
 namespace p4::config::v1 {
 class P4Info;
-}
+class Table;
+}  // namespace p4::config::v1
 
 namespace Pipeline {
 
@@ -17,10 +18,19 @@ struct Extensions {
   // Fields and parameters of any width; LPM fields of any width; ranges of many values, and range
   // and optional fields that match anything. Key "fields".
   bool fields = false;
+  // Default entries are written, in tables of their own. Key "default_actions".
+  bool defaultActions = false;
 
-  bool any() const { return fields; }
+  // The program may have no tables, or no actions. Key "no_tables".
+  bool noTables = false;
+
+  bool any() const { return fields || defaultActions || noTables; }
   friend bool operator==(const Extensions&, const Extensions&) = default;
 };
+
+// Whether controllers may change the default entry: it is not constant, nor that of a table whose
+// actions are in a profile.
+bool hasOpenDefault(const p4::config::v1::Table& table);
 
 // Those without which something of the program could not be programmed.
 Extensions extensionsFor(const p4::config::v1::P4Info& p4Info);

@@ -71,7 +71,7 @@ void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConf
   electionIdIs(options.electionId, request);
   const p4::config::v1::P4Info& p4Info = request->config().p4info();
   const P4InfoLookup index(p4Info);
-  checkP4Info(index, findings);
+  checkP4Info(index, findings, options.mayHaveNoTables);
   if (findings->hasErrors()) return;
 
   checkProfiles(index, findings);

@@ -19,6 +19,7 @@ struct BuildOptions {
   std::string queriesPath;  // empty: no queries
   std::string electionId;   // decimal, or "HIGH:LOW"; empty: none in the file
   std::string outputPath;
+  bool mayHaveNoTables = false;  // nor actions
 };
 
 // Completes the request of a pipeline file that holds a P4Info so far, unless the findings hold

@@ -71,6 +71,10 @@ class DeviceCheck {
   }
 
  private:
+  static bool isOfTable(TableKind kind) {
+    return kind == TableKind::match || kind == TableKind::defaultEntry;
+  }
+
   void checkTable(const DeviceTable& table) {
     const TableRef ref{table.kind, table.id};
     covered_.insert(ref);
@@ -80,7 +84,7 @@ class DeviceCheck {
       findings_->warning(
           "table " + table.name,
           fmt::format("its id {} is no {} of the P4Info: nothing will be written to it", table.id,
-                      table.kind == TableKind::match    ? "table"
+                      isOfTable(table.kind)             ? "table"
                       : table.kind == TableKind::member ? "action profile"
                                                         : "action profile with a selector"));
     }
@@ -142,6 +146,9 @@ class DeviceCheck {
   std::string nameOf(const TableRef& ref) const {
     const auto& [kind, id] = ref;
     if (kind == TableKind::match) return "table " + index_.table(id)->preamble().name();
+    if (kind == TableKind::defaultEntry) {
+      return "the default entry of table " + index_.table(id)->preamble().name();
+    }
     return (kind == TableKind::member ? "members of action profile "
                                       : "groups of action profile ") +
            index_.actionProfile(id)->preamble().name();
@@ -157,11 +164,19 @@ class DeviceCheck {
   std::map<std::pair<std::string, uint32_t>, size_t> places_;  // of a table's entries, by match
 };
 
+bool mayHaveNoTables(const Request& request) {
+  const auto& p4Info = request.config().p4info();
+  if (!p4Info.tables().empty() && !p4Info.actions().empty()) return true;
+  Findings unsaid;
+  const std::optional<std::string> json = deviceData(request, &unsaid);
+  return json && extensionsIn(*json).noTables;
+}
+
 void checkRequest(const Request& request, Verdict* verdict) {
   Findings* const findings = &verdict->findings;
   checkHead(request, findings);
   const P4InfoLookup index(request.config().p4info());
-  checkP4Info(index, findings);
+  checkP4Info(index, findings, mayHaveNoTables(request));
   const std::optional<std::string> json = deviceData(request, findings);
   if (!json) return;
   const std::optional<DeviceConfig> device = parseDeviceConfig(*json, findings);

@@ -49,6 +49,7 @@ std::optional<p4::v1::SetForwardingPipelineConfigRequest> pipelineOfPush(
   } else {
     BuildOptions options;
     options.deviceId = deviceId;
+    options.mayHaveNoTables = true;
     buildRequest(options, &request, findings);
   }
   if (findings->hasErrors()) return std::nullopt;

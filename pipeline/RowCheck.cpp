@@ -148,6 +148,26 @@ Outcome checkId(const TableType& type) {
   return Outcome::failure("its key is not one column of type U32");
 }
 
+// The key of a default entry says nothing.
+Outcome checkDefaultKey(const TableType& type) {
+  const auto& key = type.keyColumns();
+  if (key.size() == 1 && key[0].type == ColumnType::u8 && key[0].role == ColumnRole::exact) {
+    return {};
+  }
+  return Outcome::failure("its key is not one column of type U8");
+}
+
+Outcome checkKeyOf(const DeviceTable& table, const TableType& type, const TableLayout& layout) {
+  switch (layout.kind) {
+    case TableKind::match:
+      return checkKey(table, type, layout);
+    case TableKind::defaultEntry:
+      return checkDefaultKey(type);
+    default:
+      return checkId(type);
+  }
+}
+
 std::string partsText(const TableLayout& layout) {
   std::string text = layout.kind == TableKind::group ? "one column of type U32[]"
                      : layout.indirect ? "a column of type U32 (member or group) and one of type U8"
@@ -217,7 +237,7 @@ Outcome checkActions(const TableType& type, const TableLayout& layout) {
 
 Vela::Outcome checkRows(const DeviceTable& table, const TableType& type,
                         const TableLayout& layout) {
-  Outcome same = layout.kind == TableKind::match ? checkKey(table, type, layout) : checkId(type);
+  Outcome same = checkKeyOf(table, type, layout);
   if (same.ok()) same = checkParts(type, layout);
   if (same.ok()) same = checkActions(type, layout);
   return same;

@@ -155,11 +155,39 @@ class LayoutMaker {
  private:
   void addTable(const p4::config::v1::Table& table) {
     const std::string object = "table " + table.preamble().name();
+    // A table without a key has its default entry alone.
+    const bool hasEntries = !extensions_.defaultActions || !table.match_fields().empty();
+    if (hasEntries) addMatchTable(table, object);
+    if (extensions_.defaultActions && hasOpenDefault(table)) addDefaultEntry(table, object);
+  }
+
+  void addMatchTable(const p4::config::v1::Table& table, const std::string& object) {
     try {
       result_.tables.push_back(matchTable(table, object));
     } catch (const Refusal& refusal) {
       result_.refused[{TableKind::match, table.preamble().id()}] = refusal.reason;
       findings_->warning(object, "cannot be programmed: " + refusal.reason);
+    }
+  }
+
+  void addDefaultEntry(const p4::config::v1::Table& table, const std::string& object) {
+    TableLayout layout;
+    layout.kind = TableKind::defaultEntry;
+    layout.id = table.preamble().id();
+    layout.slots = {{"entry", "U8", SlotRole::exact, 8, 0}};
+    std::vector<uint32_t> actionIds;
+    for (const auto& ref : table.action_refs()) {
+      if (ref.scope() != p4::config::v1::ActionRef::TABLE_ONLY) actionIds.push_back(ref.id());
+    }
+    Findings saidOfTheTable;
+    const bool isSaid = !table.match_fields().empty();
+    try {
+      layout.actions = actions(actionIds, object, isSaid ? &saidOfTheTable : findings_);
+      name(shortName(table) + ".default", "default", &layout);
+      result_.tables.push_back(std::move(layout));
+    } catch (const Refusal& refusal) {
+      result_.refused[{TableKind::defaultEntry, layout.id}] = refusal.reason;
+      findings_->warning(object, "its default entry cannot be changed: " + refusal.reason);
     }
   }
 
@@ -304,6 +332,8 @@ const char* tableClass(TableKind kind) {
       return "TABLE_CLASS_ACTION_PROFILE_MEMBER";
     case TableKind::group:
       return "TABLE_CLASS_ACTION_PROFILE_GROUP";
+    case TableKind::defaultEntry:
+      return "TABLE_CLASS_DEFAULT_ACTION";
     case TableKind::match:
       break;
   }

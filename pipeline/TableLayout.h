@@ -60,7 +60,8 @@ struct ActionShape {
   std::vector<ActionField> fields;  // empty: the action has no parameters
 };
 
-enum class TableKind : uint8_t { match, member, group };
+// A default entry has a table of one row, with a key that is always 0.
+enum class TableKind : uint8_t { match, member, group, defaultEntry };
 // A table's place in a device configuration: its class, and the id of the P4 table or profile.
 using TableRef = std::pair<TableKind, uint32_t>;
 
@@ -77,7 +78,7 @@ struct TableLayout {
   std::vector<ActionShape> actions;
 };
 
-// "TABLE_CLASS_MATCH_ACTION", or the member or group class.
+// "TABLE_CLASS_MATCH_ACTION", or the member, group or default class.
 const char* tableClass(TableKind kind);
 
 // The definition of a layout's table type, in the language of platform/lattice/types/TableType.h.

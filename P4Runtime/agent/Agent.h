@@ -125,6 +125,7 @@ class Agent : public Vela::Entity {
   void doFollowReports();
   void handleAgentLeft(const Lattice::SubscriberInfo& agent);
   void doUpdateStatus();
+  void doFollowRestore();
 
   AgentRuntime runtime_;
   Orrery::MountGroup mountGroup_;
@@ -139,6 +140,7 @@ class Agent : public Vela::Entity {
   std::unique_ptr<PushedFiles> pushedFiles_;
   Vela::Ptr<PipelinePusher> pipelinePusher_;
   std::unique_ptr<Vela::Timer> statusTimer_;
+  std::unique_ptr<Vela::Timer> progressTimer_;  // runs while entries are restored
   std::vector<Vela::Observation> changes_;
 };
 

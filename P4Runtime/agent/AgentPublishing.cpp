@@ -16,10 +16,16 @@ namespace P4Runtime {
 namespace {
 
 constexpr std::chrono::milliseconds statusPeriod(500);
+constexpr std::chrono::milliseconds progressPeriod(50);
 
 std::string permissionText(uint32_t level) {
   static const char* const texts[] = {"neither reads nor writes", "reads only", "reads and writes"};
   return level <= writesAllowed ? texts[level] : std::to_string(level);
+}
+
+std::string restoringText(const TableImpl& tables) {
+  const RestoreProgress progress = tables.restoreProgress();
+  return tables.restoring() ? fmt::format("{} of {} entries", progress.entries, progress.all) : "";
 }
 
 }  // namespace
@@ -41,6 +47,7 @@ void Agent::doPublish() {
   const auto update = [this] { doUpdateStatus(); };
   changes_.push_back(p4RtSystemStatus()->criticalAttribute().observe(update));
   changes_.push_back(piServer()->serverReadyAttribute().observe(update));
+  doFollowRestore();
   changes_.push_back(p4TableInfo()->tableInfoStateAttribute().observe(update));
   statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] {
     doUpdateStatus();
@@ -49,11 +56,25 @@ void Agent::doPublish() {
   statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
 }
 
+void Agent::doFollowRestore() {
+  progressTimer_ = std::make_unique<Vela::Timer>(
+      runtime_.loop, [this] { status_->restoringIs(restoringText(*tableImpl())); });
+  changes_.push_back(tableImpl()->restoringAttribute().observe([this] {
+    doUpdateStatus();
+    if (tableImpl()->restoring()) {
+      progressTimer_->start(progressPeriod, progressPeriod);
+    } else {
+      progressTimer_->stop();
+    }
+  }));
+}
+
 void Agent::doUpdateStatus() {
   status_->pidIs(getpid());
   status_->deviceIdIs(p4RtSystemConfig()->deviceId());
   status_->serverAddressIs(piServer()->serverAddressPortStr());
-  status_->serverReadyIs(piServer()->serverReady());
+  status_->serverReadyIs(piServer()->serverReady() && !tableImpl()->restoring());
+  status_->restoringIs(restoringText(*tableImpl()));
   const bool runs = p4TableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady;
   status_->pipelineFileIs(runs ? TheParsingStatus()->pipelineFile()
                                : p4RtSystemConfig()->forwardingPipelineConfigFilePath());

@@ -37,6 +37,7 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint64_t, electionIdsNotKept, 0)  // a restart would forget them
   VELA_READONLY_ATTRIBUTE(uint64_t, connectionsRefused, 0)  // since the server started
   VELA_READONLY_ATTRIBUTE(std::string, store, "")           // whether it was begun empty, and why
+  VELA_READONLY_ATTRIBUTE(std::string, restoring, "")       // how far; "": no restore runs
 };
 
 }  // namespace P4Runtime

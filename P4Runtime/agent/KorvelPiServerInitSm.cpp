@@ -76,6 +76,8 @@ void KorvelPiServerInitSm::observeReferences() {
 void KorvelPiServerInitSm::handleInitialized() {
   SCRIVEL_TRACE(1, "handleInitialized");
   doSpawnServerThread();
+  // A pipeline without tables is ready in the very turn that reads it, before this is there.
+  if (tableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady) handleTableInfoState();
 }
 
 void KorvelPiServerInitSm::doSpawnServerThread() {
@@ -105,6 +107,7 @@ void KorvelPiServerInitSm::doApplyTableInfoState() {
       return;
     case P4TableInfoState::tableInfoNotReady:
     case P4TableInfoState::tableInfoError:
+      tableImpl()->abandonRestore();  // the next pipeline begins another one
       noPipeline_.close();
       push_.open();  // cancels a push that still waits for the batch in progress
       return;
@@ -135,27 +138,41 @@ void KorvelPiServerInitSm::maybeSignal() {
 
 void KorvelPiServerInitSm::handleServerReady() {
   SCRIVEL_TRACE(1, "handleServerReady", " ", server()->serverReady());
+  tableImpl()->abandonRestore();  // of entries into a former pipeline of the server
   if (!server()->serverReady()) return;
   // The agent was disabled after the push: without tables no record can be restored. The pipeline
   // is pushed again once the tables are back.
   if (tableInfo()->tableInfoState() != P4TableInfoState::tableInfoReady) return;
-  doRestore();
-  push_.open();
-  installsIs(installs() + 1);
+  doBeginRestore();
 }
 
 // The server takes entries back only after a push.
 void KorvelPiServerInitSm::handleRestoreRequests() {
   SCRIVEL_TRACE(1, "handleRestoreRequests", " ", tableImpl()->restoreRequests());
+  if (tableImpl()->restoring()) return;  // it is under way
   handleTableInfoState();
+}
+
+// Until all is restored nothing may be written, and controllers wait.
+void KorvelPiServerInitSm::doBeginRestore() {
+  tableImpl()->restoreNeededIs(true);
+  doAdvanceRestore(slice_);
+}
+
+void KorvelPiServerInitSm::doAdvanceRestore(const RestoreSlice& slice) {
+  if (!maybeFinishRestore(slice)) return doPostRestoreTurn();
+  pi_restore_done(server()->deviceId());
+  push_.open();
+  installsIs(installs() + 1);
 }
 
 // After a failed restore the server would delete members and groups that none of its entries
 // claims, although the entries stand.
-void KorvelPiServerInitSm::doRestore() {
-  tableImpl()->restoreNeededIs(false);
+bool KorvelPiServerInitSm::maybeFinishRestore(const RestoreSlice& slice) {
   try {
-    tableImpl()->restoreCachedEntries();
+    if (!tableImpl()->restoring()) tableImpl()->beginRestore();
+    if (!tableImpl()->advanceRestore(slice)) return false;
+    tableImpl()->restoreNeededIs(false);
     programConstantTables();
     tableImpl()->commitOrThrow();
   } catch (const std::exception& e) {  // of the store
@@ -163,7 +180,16 @@ void KorvelPiServerInitSm::doRestore() {
     P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(
         fmt::format("the surviving entries could not be restored: {}", e.what())));
   }
-  pi_restore_done(server()->deviceId());
+  return true;
+}
+
+// Commands, signals and forwarding agents get their turns in between.
+void KorvelPiServerInitSm::doPostRestoreTurn() {
+  if (std::exchange(turnIsPosted_, true)) return;
+  server()->loop().post([this, alive = Vela::Ptr<KorvelPiServerInitSm>(this)] {
+    turnIsPosted_ = false;
+    if (tableImpl()->restoring()) doAdvanceRestore(slice_);  // else it was abandoned
+  });
 }
 
 void KorvelPiServerInitSm::programConstantTables() {
@@ -225,6 +251,8 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
 void KorvelPiServerInitSm::doKillPiServerThread() {
   SCRIVEL_TRACE(1, "doKillPiServerThread");
   if (move_.isClosed()) return;  // the fresh server takes the address of the moment it starts
+  // Calls that wait for the end of a restore would keep the server from shutting down.
+  if (tableImpl()->restoring()) doAdvanceRestore(RestoreSlice::whole());
   move_.close([this] { doMoveServer(); });
 }
 

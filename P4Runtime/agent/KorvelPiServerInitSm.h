@@ -2,11 +2,14 @@
 // permission level, has the pipeline pushed, restores entries, and moves it to another port.
 #pragma once
 
+#include <chrono>
+
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/TableImpl.h"
+#include "P4Runtime/table/restore/RestoreSlice.h"
 #include "platform/vela/Entity.h"
 
 namespace P4Runtime {
@@ -34,6 +37,8 @@ class KorvelPiServerInitSm : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint32_t, installs, 0)  // pipelines that were served with their entries
 
  public:
+  // How much of a restore is done in one turn of the reactor; others are served in between.
+  void restoreSliceIs(const RestoreSlice& slice) { slice_ = slice; }
   void handleInitialized();
   void doSpawnServerThread();
   void handleTableInfoState();
@@ -47,7 +52,10 @@ class KorvelPiServerInitSm : public Vela::Entity {
   void doApplyTableInfoState();
   void doPushPipeline();
   void maybeSignal();
-  void doRestore();
+  void doBeginRestore();
+  void doAdvanceRestore(const RestoreSlice& slice);
+  bool maybeFinishRestore(const RestoreSlice& slice);
+  void doPostRestoreTurn();
   void doMoveServer();
   void programConstantEntry(uint32_t tableId, const P4TableInfoConstEntry& entry);
 
@@ -56,6 +64,9 @@ class KorvelPiServerInitSm : public Vela::Entity {
   Vela::Observation serverChange_;
   Vela::Observation restoreRequest_;
   std::vector<Vela::Observation> references_;
+  // Short: `korvel status` makes some fifteen requests, each of which may wait for a slice.
+  RestoreSlice slice_ = RestoreSlice::ofTime(std::chrono::milliseconds(3));
+  bool turnIsPosted_ = false;
   WriteGate::Closer noPipeline_{"no pipeline is ready"};
   WriteGate::Closer push_{"a pipeline takes the place of another"};
   WriteGate::Closer move_{"the server is moving to another address"};

@@ -12,6 +12,7 @@
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "PI/frontends/proto/device_mgr.h"
+#include "PI/target/pi_extensions_imp.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
@@ -52,6 +53,13 @@ std::string faultsOf(const Pipeline::Findings& findings) {
   }
   if (count > mostTold) text += fmt::format("; and {} more", count - mostTold);
   return text;
+}
+
+// Of a table; its default entry has a table of its own.
+Pipeline::TableRef refOf(const ResourceId& rid) {
+  constexpr uint32_t markOfDefaults = PI_DEFAULT_ENTRY_TABLE(0);
+  if ((rid.id & markOfDefaults) == 0) return {Pipeline::TableKind::match, rid.id};
+  return {Pipeline::TableKind::defaultEntry, PI_DEFAULT_ENTRY_TABLE(rid.id)};
 }
 
 // Files that stay are removed with those of the next push.
@@ -322,9 +330,7 @@ std::string PipelinePusher::diff(const std::string& path) const {
 Pipeline::EntryCounts PipelinePusher::entryCounts() const {
   Pipeline::EntryCounts counts;
   for (const auto& [rid, table] : peers_.tableInfo->latticeTableInterfaceCollection().values()) {
-    if (rid.type == tableResource && table->ready()) {
-      counts[{Pipeline::TableKind::match, rid.id}] = table->rowCount();
-    }
+    if (rid.type == tableResource && table->ready()) counts[refOf(rid)] = table->rowCount();
     const auto count = [&counts](Pipeline::TableKind kind, const auto* cache, ResourceId of) {
       if (!cache) return;
       cache->forEachOf(of, [&](auto, auto) { return ++counts[{kind, of.id}], true; });

@@ -65,12 +65,16 @@ class EntryHandles {
     const auto block = blocks_.find(handle / blockSize);
     if (block != blocks_.end()) __builtin_prefetch(&block->second->bound[handle % blockSize]);
   }
-  void bind(EntryHandle handle, uint32_t tableId) {
+  void bind(EntryHandle handle, uint32_t tableId) { maybeBind(handle, {tableId, 0}); }
+  bool maybeBind(EntryHandle handle, const Bound& to) {
     auto& block = blocks_[handle / blockSize];
     if (!block) block = std::make_unique<Block>();
-    block->bound[handle % blockSize] = {tableId, 0};
+    Bound& bound = block->bound[handle % blockSize];
+    if (bound.tableId != 0) return false;
+    bound = to;
     ++block->taken;
-    ++counts_[tableId];
+    ++counts_[to.tableId];
+    return true;
   }
   void free(EntryHandle handle) {
     Bound* const bound = find(handle);
@@ -147,6 +151,12 @@ bool P4HandleMgr::restoreTableEntryHandle(uint32_t tableId, EntryHandle handle, 
   if (bound != 0) return bound == handle;
   if (handle == 0 || impl_->entries.find(handle)) return false;
   impl_->entries.bind(handle, tableId);
+  reserveUpTo(handle);
+  return true;
+}
+
+bool P4HandleMgr::takeTableEntryHandle(uint32_t tableId, EntryHandle handle, uint32_t rowHash) {
+  if (handle == 0 || !impl_->entries.maybeBind(handle, {tableId, rowHash})) return false;
   reserveUpTo(handle);
   return true;
 }

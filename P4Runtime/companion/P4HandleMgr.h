@@ -54,6 +54,9 @@ class P4HandleMgr : public Vela::RefCounted {
   // another; nothing changes then.
   bool restoreTableEntryHandle(uint32_t tableId, EntryHandle handle, size_t keySize,
                                const char* key, uint32_t priority);
+  // The same for an entry whose row stands under its own match key, and rowHashIs(): false when the
+  // handle is taken already, whichever entry has it.
+  bool takeTableEntryHandle(uint32_t tableId, EntryHandle handle, uint32_t rowHash);
   void freeTableEntryHandle(EntryHandle handle);  // nothing when it is free already
   void freeTableEntryHandles();                   // all; none of them is given out again
   // Has the processor fetch the memory that the next three functions read.

@@ -171,7 +171,8 @@ pi_status_t _pi_update_device_start(pi_dev_id_t dev_id, const pi_p4info_t* p4inf
 
 void _pi_abilities(const char* device_data, size_t device_data_size, pi_abilities_t* abilities) {
   const auto extensions = Pipeline::extensionsIn({device_data, device_data_size});
-  *abilities = {.fields = extensions.fields ? 1 : 0};
+  *abilities = {.fields = extensions.fields ? 1 : 0,
+                .default_actions = extensions.defaultActions ? 1 : 0};
 }
 
 pi_status_t _pi_update_device_end(pi_dev_id_t dev_id) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "PI/target/pi_extensions_imp.h"
 #include "pipeline/ColumnType.h"
 #include "pipeline/Extensions.h"
 #include "platform/scrivel/Trace.h"
@@ -110,6 +111,7 @@ void P4TableInfoSm::handleP4InfoStr(const std::string& p4InfoJson) {
 
 void P4TableInfoSm::parseP4InfoActions(const cJSON* p4Info) {
   const cJSON* actions = Vela::jsonArray(p4Info, "actions");
+  if (!actions && extensions_.noTables) return;
   if (!actions) throwParsingException("Cannot find actions section in the P4Info file");
   for (const cJSON* action : Vela::JsonElements(actions)) {
     const ResourceId rid{actionResource, preambleId(action)};
@@ -140,6 +142,7 @@ void P4TableInfoSm::parseP4InfoDirectResources(const cJSON* p4Info) {
 
 void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
   const cJSON* tables = Vela::jsonArray(p4Info, "tables");
+  if (!tables && extensions_.noTables) return;
   if (!tables) throwParsingException("Cannot find tables section in the P4Info file");
   for (const cJSON* table : Vela::JsonElements(tables)) {
     const ResourceId rid{tableResource, preambleId(table)};
@@ -149,6 +152,7 @@ void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
       if (appendMatchField(layout, field)) tableInfo_->priorityNeededIs(rid, true);
     }
     layout.store(*tableInfo_);
+    if (extensions_.defaultActions) parseDefaultEntry(table);
     ActionIdCol actions(rid);
     for (const cJSON* reference : Vela::JsonElements(Vela::jsonArray(table, "actionRefs"))) {
       actions.actionIdEnq(Vela::jsonNumber(reference, "id").value_or(0));
@@ -168,6 +172,23 @@ void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
       }
     }
   }
+}
+
+// Of a table whose default entry has rows of its own: a key of one byte, and the actions that may
+// be the default.
+void P4TableInfoSm::parseDefaultEntry(const cJSON* table) {
+  const ResourceId rid{tableResource, PI_DEFAULT_ENTRY_TABLE(preambleId(table))};
+  tableInfo_->resourceNameIs(rid, preambleName(table) + " (default entry)");
+  tableInfo_->maxTableSizeIs(rid, 1);
+  SlotLayout layout(rid, extensions_);
+  layout.append(8);
+  layout.store(*tableInfo_);
+  ActionIdCol actions(rid);
+  for (const cJSON* reference : Vela::JsonElements(Vela::jsonArray(table, "actionRefs"))) {
+    if (Vela::jsonString(reference, "scope") == "TABLE_ONLY") continue;
+    actions.actionIdEnq(Vela::jsonNumber(reference, "id").value_or(0));
+  }
+  tableInfo_->actionIdColForTableIs(rid, std::move(actions));
 }
 
 void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {

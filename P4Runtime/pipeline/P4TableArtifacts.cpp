@@ -13,6 +13,7 @@
 
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
+#include "PI/target/pi_extensions_imp.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -22,21 +23,31 @@ Scrivel::TraceHandle trace("P4TableInfoSm");
 
 using Pollen::CompilationStatus;
 
-ResourceId resourceIdOf(const cJSON* table) {
+ResourceId resourceIdOf(const cJSON* table, const Pipeline::Extensions& extensions) {
   const uint32_t id = Vela::jsonNumber(table, "table_id").value_or(0);
   const std::string tableClass = Vela::jsonString(table, "table_class").value_or("");
   const auto is = [&](const char* name) { return strcasecmp(tableClass.c_str(), name) == 0; };
   if (is("TABLE_CLASS_ACTION_PROFILE_MEMBER")) return {actionProfileResource, id};
   if (is("TABLE_CLASS_ACTION_PROFILE_GROUP")) return {groupTableResource, id};
+  if (extensions.defaultActions && is("TABLE_CLASS_DEFAULT_ACTION")) {
+    return {tableResource, PI_DEFAULT_ENTRY_TABLE(id)};
+  }
   return {tableResource, id};
 }
 
 ResourceId resourceIdOf(const Pipeline::TableRef& ref) {
   const auto& [kind, id] = ref;
-  return {kind == Pipeline::TableKind::match    ? tableResource
-          : kind == Pipeline::TableKind::member ? actionProfileResource
-                                                : groupTableResource,
-          id};
+  switch (kind) {
+    case Pipeline::TableKind::member:
+      return {actionProfileResource, id};
+    case Pipeline::TableKind::group:
+      return {groupTableResource, id};
+    case Pipeline::TableKind::defaultEntry:
+      return {tableResource, PI_DEFAULT_ENTRY_TABLE(id)};
+    case Pipeline::TableKind::match:
+      break;
+  }
+  return {tableResource, id};
 }
 
 bool keptInNetworkOrder(const std::string& fieldType) {
@@ -156,7 +167,7 @@ void P4TableInfoSm::createLatticeTableInterfaces() {
 }
 
 void P4TableInfoSm::createTableInterface(const cJSON* table) {
-  const ResourceId rid = resourceIdOf(table);
+  const ResourceId rid = resourceIdOf(table, extensions_);
   const std::string name = requireText(table, "table_name", " to create tables");
   const std::string type = requireText(table, "table_type", " to create tables");
   if (!Lattice::TheTypeRegistry().type(type)) {
@@ -211,7 +222,7 @@ void P4TableInfoSm::createRowConstructors() {
 }
 
 void P4TableInfoSm::createRowConstructor(const cJSON* table) {
-  const ResourceId rid = resourceIdOf(table);
+  const ResourceId rid = resourceIdOf(table, extensions_);
   const std::string name = requireText(table, "table_name", " to create rows");
   const std::string type = requireText(table, "table_type", " to create rows");
   SCRIVEL_TRACE(5, "------------ Pass the following to lattice for creating table", name, " type",

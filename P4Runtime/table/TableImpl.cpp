@@ -151,6 +151,7 @@ void TableImpl::cleanupCache() {
 
 void TableImpl::doLetGoOfCache() {
   SCRIVEL_TRACE(1, "TableImpl", " unmounting the caches");
+  abandonRestore();
   rooms_->records.letGo();
 }
 
@@ -324,13 +325,43 @@ void TableImpl::handleConstTablesProgrammed() {
 }
 
 void TableImpl::restoreCachedEntries() {
-  rooms_->restorer.restoreAll(deviceId());
-  for (const EarlyReports::Kept& kept : rooms_->earlyReports.end()) judgeReport(kept.report());
+  beginRestore();
+  advanceRestore(RestoreSlice::whole());
 }
 
 void TableImpl::entriesBelongTo(uint64_t push) { rooms_->restorer.entriesBelongTo(push); }
 uint64_t TableImpl::pushOfEntries() const { return rooms_->restorer.pushOfEntries(); }
 bool TableImpl::hasNoEntries() const { return rooms_->restorer.isEmpty(); }
+
+void TableImpl::beginRestore() {
+  rooms_->earlyReports.begin();
+  trackRestore([this] { rooms_->restorer.begin(deviceId()); });
+}
+
+bool TableImpl::advanceRestore(RestoreSlice slice) {
+  bool isDone = false;
+  trackRestore([&] { isDone = rooms_->restorer.advance(slice); });
+  if (!isDone) return false;
+  for (const EarlyReports::Kept& kept : rooms_->earlyReports.end()) judgeReport(kept.report());
+  return true;
+}
+
+void TableImpl::abandonRestore() {
+  rooms_->restorer.abandon();
+  restoringIs(false);
+}
+
+template <typename Step>
+void TableImpl::trackRestore(Step step) try {
+  step();
+  restoringIs(rooms_->restorer.isRunning());
+} catch (...) {
+  restoringIs(false);
+  throw;
+}
+
+RestoreProgress TableImpl::restoreProgress() const { return rooms_->restorer.progress(); }
+
 void TableImpl::restoreActionMemberCachedEntries() { rooms_->restorer.restoreMembers(deviceId()); }
 void TableImpl::restoreActionGroupCachedEntries() { rooms_->restorer.restoreGroups(deviceId()); }
 void TableImpl::restoreTableCachedEntries() { rooms_->restorer.restoreEntries(deviceId()); }
@@ -349,9 +380,11 @@ void TableImpl::revertCriticalState() {
   P4RuntimeBrokenInvariantException::revertCriticalState();
 }
 
-// A forwarding agent that outlived the former agent process reports as soon as it is attached.
+// A forwarding agent that outlived the former agent process reports as soon as it is attached. A
+// success ends a failure that was listed before a later restore.
 void TableImpl::handleStrayReport(const Lattice::Report& report) {
   if (rooms_->earlyReports.isOver()) return judgeReport(report);
+  if (report.errorCode == 0) rooms_->strayReports.recordProgrammed(report);
   if (!rooms_->earlyReports.keep(report)) failures_->countReportOnNoRow();
 }
 

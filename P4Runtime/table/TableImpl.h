@@ -19,6 +19,7 @@
 #include "P4Runtime/pipeline/P4TableInfo.h"
 #include "P4Runtime/table/records/EntryCache.h"
 #include "P4Runtime/table/records/TableCache.h"
+#include "P4Runtime/table/restore/RestoreSlice.h"
 #include "P4Runtime/table/rows/EntryToWrite.h"
 #include "PI/pi_tables.h"
 #include "platform/lattice/Database.h"
@@ -57,6 +58,7 @@ class TableImpl : public BatchEntries {
   // Counts the requests to restore the entries once more; the state machine that restores observes
   // it.
   VELA_READONLY_ATTRIBUTE(uint32_t, restoreRequests, 0)
+  VELA_READONLY_ATTRIBUTE(bool, restoring, false)  // between beginRestore() and its end
 
  public:
   P4TableInfo& tableInfo() const { return *tableInfo_; }
@@ -106,6 +108,12 @@ class TableImpl : public BatchEntries {
   // Gives all that survived a restart back to the PI library and to the handle manager: members,
   // then groups, then the entries that name them. See Restorer.
   void restoreCachedEntries();
+  // The same in slices, between which others may run, but write nothing. Both throw when the
+  // restore fails, which ends it. Failures that forwarding agents report wait for the end.
+  void beginRestore();
+  bool advanceRestore(RestoreSlice slice);  // true: all is back
+  void abandonRestore();                    // another one must follow; nothing when none runs
+  RestoreProgress restoreProgress() const;
   // See Restorer.
   void entriesBelongTo(uint64_t push);
   uint64_t pushOfEntries() const;
@@ -178,6 +186,8 @@ class TableImpl : public BatchEntries {
   void handleInitialized();
   void doLetGoOfCache();
   void judgeReport(const Lattice::Report& report);
+  template <typename Step>
+  void trackRestore(Step step);
   void handleConstTablesProgrammed();
 
   const Vela::Ptr<P4TableInfo> tableInfo_;

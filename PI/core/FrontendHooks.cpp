@@ -64,6 +64,13 @@ pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
   });
 }
 
+pi_status_t pi_restore_expect(pi_dev_id_t dev_id, size_t table_entries) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    const auto expect = frontend.hooks.restore_expect;
+    return expect ? expect(frontend.cookie, dev_id, table_entries) : PI_STATUS_SUCCESS;
+  });
+}
+
 pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
                                          const pi_match_key_t* match_key,
                                          const pi_table_entry_t* table_entry,

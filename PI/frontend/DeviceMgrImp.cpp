@@ -54,6 +54,10 @@ pi_status_t constantEntry(void* cookie, pi_dev_id_t, pi_p4_id_t tableId, const p
   return imp(cookie).constantEntryIs(tableId, *key, entry, handle);
 }
 
+pi_status_t restoreExpect(void* cookie, pi_dev_id_t, size_t tableEntries) {
+  return imp(cookie).restoreExpects(tableEntries);
+}
+
 pi_status_t restoreDone(void* cookie, pi_dev_id_t) { return imp(cookie).handleRestoreDone(); }
 
 // The outcome of a batch comes from its status vector, so nothing hears of entries one by one.
@@ -63,7 +67,8 @@ constexpr pi_frontend_hooks_t kHooks{.entry_status_changed = nullptr,
                                      .restore_action_profile_member = restoreMember,
                                      .restore_action_profile_group = restoreGroup,
                                      .constant_table_entry = constantEntry,
-                                     .restore_done = restoreDone};
+                                     .restore_done = restoreDone,
+                                     .restore_expect = restoreExpect};
 
 void requireAtomicity(const p4::v1::WriteRequest& request) {
   if (!p4::v1::WriteRequest::Atomicity_IsValid(request.atomicity())) {
@@ -217,6 +222,13 @@ pi_status_t DeviceMgrImp::constantEntryIs(pi_p4_id_t tableId, const pi_match_key
   const std::shared_ptr<Pipeline> restoring = restoringPipeline();
   if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
   return restoring->constantEntryIs(tableId, key, entry, handle);
+}
+
+pi_status_t DeviceMgrImp::restoreExpects(size_t tableEntries) {
+  const std::shared_ptr<Pipeline> restoring = restoringPipeline();
+  if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
+  restoring->restoreExpects(tableEntries);
+  return PI_STATUS_SUCCESS;
 }
 
 pi_status_t DeviceMgrImp::handleRestoreDone() {

@@ -66,6 +66,7 @@ class DeviceMgrImp {
                               pi_indirect_handle_t handle, std::string_view bytes);
   pi_status_t constantEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t* entry, pi_entry_handle_t handle);
+  pi_status_t restoreExpects(size_t tableEntries);
   pi_status_t handleRestoreDone();
 
   std::shared_ptr<Pipeline> pipeline() const;

@@ -14,6 +14,9 @@ namespace pi::fe::proto {
 
 namespace {
 
+// Each entry of a million waits for memory: so many of them wait at the same time.
+constexpr size_t kAdoptedTogether = 64;
+
 std::string deviceDataOf(const p4::v1::ForwardingPipelineConfig& config) {
   p4::tmp::P4DeviceConfig device;
   if (!device.ParseFromString(config.p4_device_config())) {
@@ -81,6 +84,7 @@ pi_status_t Pipeline::constantEntryIs(uint32_t tableId, const pi_match_key_t& ke
     const pi_status_t status = restoredEntryIs(tableId, key, *given, handle, 0, {});
     if (status != PI_STATUS_SUCCESS) return status;
   }
+  enterAdopted();
   const EntryPtr entry = store_.entry({tableId, key.priority, {key.data, key.data_size}});
   if (!entry) return PI_STATUS_INVALID_ENTRY_TYPE;
   entry->isConst = true;  // before controllers get in: nobody else has it
@@ -95,13 +99,25 @@ bool Pipeline::adoptEntry(const TablePlan& table, EntryPtr entry) {
   if (table.profile != nullptr) {
     const EntryPtr former = store_.entry(entry->key());
     use_.countChange(*table.profile, former.get(), entry.get());
+    store_.entryIs(std::move(entry));
+    return true;
   }
-  store_.entryIs(std::move(entry));
+  const size_t hash = entry->key().hash();
+  adopted_.push_back({std::move(entry), hash});
+  if (adopted_.size() >= kAdoptedTogether) enterAdopted();
   return true;
 }
 
+void Pipeline::enterAdopted() {
+  store_.entriesAre(adopted_);
+  adopted_.clear();
+}
+
+void Pipeline::restoreExpects(size_t entries) { store_.reserve(entries); }
+
 bool Pipeline::doFinishRestore(const TargetSession& session) {
   const bool complete = doAdoptInitialEntries(session);
+  enterAdopted();
   if (restored_) restored_->doDeleteUnclaimed(session);
   restored_.reset();
   return complete;
@@ -115,6 +131,7 @@ bool Pipeline::doAdoptInitialEntries(const TargetSession& session) {
     try {
       FetchedTable fetched(session, *table);
       while (EntryPtr entry = fetched.next()) {
+        enterAdopted();
         if (!store_.entry(entry->key())) all &= adoptEntry(*table, std::move(entry));
       }
     } catch (const Refusal&) {

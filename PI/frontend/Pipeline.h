@@ -42,7 +42,9 @@ class Pipeline {
   bool equals(const p4::v1::ForwardingPipelineConfig& config) const;
 
   // Take over the objects that the target holds after a restart, before controllers get in:
-  // members, groups, entries, in that order.
+  // members, groups, entries, in that order. The store has all of them once the restore is
+  // finished.
+  void restoreExpects(size_t entries);  // makes room for them
   pi_status_t restoredMemberIs(uint32_t profileId, const pi_action_data_t* action,
                                uint32_t controllerId, uint64_t handle);
   pi_status_t restoredGroupIs(uint32_t profileId, uint32_t controllerId,
@@ -60,6 +62,7 @@ class Pipeline {
 
  private:
   bool adoptEntry(const TablePlan& table, EntryPtr entry);
+  void enterAdopted();
   bool doAdoptInitialEntries(const TargetSession& session);
 
   const p4::v1::ForwardingPipelineConfig config_;
@@ -71,6 +74,7 @@ class Pipeline {
   ProfileUse use_;
   std::atomic<bool> hasSentPackets_{false};
   std::optional<RestoredProfiles> restored_;  // until the restore is finished
+  std::vector<EntrySlot> adopted_;  // of tables without a profile; the store is yet to get them
 };
 
 }  // namespace pi::fe::proto

@@ -8,10 +8,10 @@
 
 // Watches SIGTERM and SIGINT on a thread of its own. The first of them, at any time from its
 // construction on, has the agent's reactor exit. A reactor that does not exit in time is not waited
-// for: it may be restoring a million entries, or wait for a call into its own server. The process
-// then ends with status 0 at once, which harms no more than SIGKILL does: confirmed entries are
-// committed, the shared files show whole commits at any instant, and the next start takes them as
-// they are.
+// for: it may be opening a store of a million entries, or wait for a call into its own server. The
+// process then ends with status 0 at once, which harms no more than SIGKILL does: confirmed entries
+// are committed, the shared files show whole commits at any instant, and the next start takes them
+// as they are.
 class StopWatcher {
  public:
   // Blocks the signals in this thread and all that it makes later, so make it before others.

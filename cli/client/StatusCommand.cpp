@@ -71,6 +71,11 @@ void printForwardingAgents(const Json& agent) {
       "  start one with this state directory, such as korvel-forwarder\n");
 }
 
+void printRestoring(const Json& agent) {
+  const std::string progress = textOf(agent, "restoring");
+  if (!progress.empty()) fmt::print("RESTORING {}: controllers wait for the end\n", progress);
+}
+
 // Failures that no controller was told of, with table and key.
 void printList(const Json& failures, const char* attribute, const char* title) {
   const std::string list = textOf(failures, attribute);
@@ -85,8 +90,8 @@ void printFailures(const Json& failures) {
 
 // Attributes that have lines of their own.
 bool shownElsewhere(const char* name) {
-  for (const char* known :
-       {"pid", "criticalSince", "criticalReason", "forwardingAgents", "pretendsProgramming"}) {
+  for (const char* known : {"pid", "criticalSince", "criticalReason", "forwardingAgents",
+                            "pretendsProgramming", "restoring"}) {
     if (std::strcmp(name, known) == 0) return true;
   }
   return false;
@@ -123,6 +128,7 @@ void printForPeople(Orrery::Client& client, const Json& system, const Json& agen
   printAttribute(
       "agent",
       *Json(cJSON_CreateString(fmt::format("running, pid {}", client.agentPid()).c_str())));
+  printRestoring(agent);
   printForwardingAgents(agent);
   printCritical(client, system);
   if (agent) {

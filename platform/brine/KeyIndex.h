@@ -49,6 +49,8 @@ class KeyIndex {
     return std::exchange(at->ref, ref);
   }
   size_t size() const { return slots_.size(); }
+  // Asks for the memory that a look-up of a key with that hash will need, when it is soon to come.
+  void loadSlot(uint32_t hash) const { slots_.prefetch(OwnerProbe{file_, 0, hash}); }
   void reserve(size_t records) { slots_.reserve(records); }
 
  private:

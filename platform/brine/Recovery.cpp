@@ -18,7 +18,9 @@ class TableRecovery {
         committed_(file.word(CommitWord::committed)) {}
 
   uint64_t run() {
+    index_.reserve(slots_.mostRecords(table_));
     slots_.forEachSlot(table_, [this](Ref ref) { return look(ref), true; });
+    enterFound();
     // The lowest places are used first.
     for (; !free_.empty(); free_.pop_back()) slots_.release(free_.back());
     return sum_;
@@ -36,7 +38,15 @@ class TableRecovery {
     if (slot.end != 0) return former_.dead.push_back({ref, numberIn(slot.end)});
     sum_ += RecordSum::of(slot.begin, ref);
     if (!sound) return noteDamage(slot, ref);
-    index_.enter({slot.key(), slot.keySize}, ref);
+    const uint32_t hash = index_.hash(keyOf(slot));
+    index_.loadSlot(hash);
+    found_.push_back({ref, hash});
+    if (found_.size() == enteredTogether) enterFound();
+  }
+  // In a table of a million records each of them waits for memory.
+  void enterFound() {
+    for (const Found& one : found_) index_.enter(keyOf(file_.slot(one.ref)), one.hash, one.ref);
+    found_.clear();
   }
   void noteUnreadable(Ref ref) {
     former_.anyUnreadable = true;
@@ -46,11 +56,20 @@ class TableRecovery {
   void noteDamage(const SlotHead& slot, Ref ref) {
     former_.damagedSum += RecordSum::of(slot.begin, ref);
     damage_(ref);
+    enterFound();
     const size_t room = slots_.slotSize(ref) - SlotHead::size;
     const Bytes key{slot.key(), slot.keySize};
     if (key.empty() || key.size() > keyLimit || key.size() > room) return;
     if (index_.find(key) == 0) index_.enter(key, ref);
   }
+
+  static Bytes keyOf(const SlotHead& slot) { return {slot.key(), slot.keySize}; }
+
+  static constexpr size_t enteredTogether = 32;
+  struct Found {
+    Ref ref;
+    uint32_t hash;
+  };
 
   StoreFile& file_;
   SlotSpace& slots_;
@@ -60,6 +79,7 @@ class TableRecovery {
   const std::function<void(Ref)>& damage_;
   const uint64_t committed_;
   std::vector<Ref> free_;
+  std::vector<Found> found_;  // sound records that the index is yet to get
   uint64_t sum_ = 0;
 };
 

@@ -249,6 +249,12 @@ std::vector<uint32_t> SlotSpace::tables() const {
   return tables;
 }
 
+size_t SlotSpace::mostRecords(uint32_t table) const {
+  size_t slots = 0;
+  for (const Extent& extent : extents_) slots += extent.table == table ? extent.fresh : 0;
+  return slots;
+}
+
 uint64_t SlotSpace::pagesUsed() const {
   uint64_t pages = firstExtentPage(file_.head().changes);
   for (const Extent& extent : extents_) pages += extent.pages;

@@ -38,7 +38,8 @@ class SlotSpace {
   // `visit` returns false to stop; it must neither allocate nor release.
   template <typename Visit>
   void forEachSlot(uint32_t table, Visit visit, Ref from = 0) const;
-  std::vector<uint32_t> tables() const;  // that have extents
+  std::vector<uint32_t> tables() const;      // that have extents
+  size_t mostRecords(uint32_t table) const;  // slots that were ever allocated
   uint64_t pagesUsed() const;
 
  private:

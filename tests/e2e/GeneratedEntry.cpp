@@ -55,17 +55,38 @@ std::string GeneratedEntries::obstacle(const Table& table) const {
   return actionsOf(table).empty() ? "it has no action for entries" : "";
 }
 
+bool GeneratedEntries::hasWidths(uint32_t actionId) const {
+  return std::ranges::all_of(pipeline_.action(actionId).params(),
+                             [](const auto& param) { return param.bitwidth() > 0; });
+}
+
 std::vector<uint32_t> GeneratedEntries::actionsOf(const Table& table) const {
   std::vector<uint32_t> ids;
   for (const ActionRef& ref : table.action_refs()) {
     const bool isForEntries =
         ref.scope() == ActionRef::TABLE_AND_DEFAULT || ref.scope() == ActionRef::TABLE_ONLY;
-    const auto& params = pipeline_.action(ref.id()).params();
-    const bool hasWidths =
-        std::ranges::all_of(params, [](auto& one) { return one.bitwidth() > 0; });
-    if (isForEntries && hasWidths) ids.push_back(ref.id());
+    if (isForEntries && hasWidths(ref.id())) ids.push_back(ref.id());
   }
   return ids;
+}
+
+std::vector<uint32_t> GeneratedEntries::defaultActionsOf(const Table& table) const {
+  std::vector<uint32_t> ids;
+  if (table.const_default_action_id() != 0 || table.implementation_id() != 0) return ids;
+  for (const ActionRef& ref : table.action_refs()) {
+    const bool isForDefaults =
+        ref.scope() == ActionRef::TABLE_AND_DEFAULT || ref.scope() == ActionRef::DEFAULT_ONLY;
+    if (isForDefaults && hasWidths(ref.id())) ids.push_back(ref.id());
+  }
+  return ids;
+}
+
+p4::v1::TableEntry GeneratedEntries::defaultEntry(const Table& table, uint32_t actionId) {
+  p4::v1::TableEntry entry;
+  entry.set_table_id(table.preamble().id());
+  entry.set_is_default_action(true);
+  *entry.mutable_action()->mutable_action() = action(actionId);
+  return entry;
 }
 
 void GeneratedEntries::fill(const MatchField& field, p4::v1::FieldMatch* match) {

@@ -22,6 +22,10 @@ class GeneratedEntries {
   // The actions that an entry of the table may have.
   std::vector<uint32_t> actionsOf(const p4::config::v1::Table& table) const;
 
+  // The actions that the default entry may have; none where it cannot be changed.
+  std::vector<uint32_t> defaultActionsOf(const p4::config::v1::Table& table) const;
+  p4::v1::TableEntry defaultEntry(const p4::config::v1::Table& table, uint32_t actionId);
+
   // Of the table's own key, with an action (in an action set where the table wants one).
   p4::v1::TableEntry entry(const p4::config::v1::Table& table, uint32_t actionId);
   p4::v1::TableAction tableAction(const p4::config::v1::Table& table, uint32_t actionId);
@@ -30,6 +34,7 @@ class GeneratedEntries {
                                                        uint32_t actionId);
 
  private:
+  bool hasWidths(uint32_t actionId) const;
   std::string number(uint32_t bits, bool isZeroAllowed = true);
   void fill(const p4::config::v1::MatchField& field, p4::v1::FieldMatch* match);
   p4::v1::Action action(uint32_t actionId);

@@ -38,10 +38,18 @@ class Story {
     ASSERT_TRUE(tested_.start());
     for (const Table& table : tested_.pipeline().p4info().tables()) {
       SCOPED_TRACE(table.preamble().name());
+      tryDefaults(table);
       if (made_.obstacle(table).empty()) tryActions(table);
     }
     ASSERT_TRUE(tested_.restartAgent());
     for (const TableEntry& entry : standing_) expectRead(entry);
+    for (const auto& [written, initial] : defaults_) {
+      expectRead(written);
+      TableEntry reset = written;
+      reset.clear_action();
+      EXPECT_EQ(codesOf({modifyOf(reset)}), "");
+      expectRead(initial);
+    }
     std::vector<p4::v1::Update> deletions;
     for (const TableEntry& entry : standing_) deletions.push_back(deleteOf(entry));
     if (!deletions.empty()) EXPECT_EQ(codesOf(deletions), "");
@@ -49,6 +57,22 @@ class Story {
   }
 
  private:
+  // The last action stays.
+  void tryDefaults(const Table& table) {
+    const std::vector<uint32_t> actions = made_.defaultActionsOf(table);
+    if (actions.empty()) return;
+    const TestSupport::ReadOutcome initial =
+        tested_.controller().read(queryFor(made_.defaultEntry(table, actions[0])));
+    ASSERT_EQ(initial.entries.size(), 1u) << initial.status.error_message();
+    TableEntry written;
+    for (const uint32_t action : actions) {
+      written = made_.defaultEntry(table, action);
+      ASSERT_EQ(codesOf({modifyOf(written)}), "");
+      expectRead(written);
+    }
+    defaults_.emplace_back(written, initial.entries[0]);
+  }
+
   // The last action's entry stays.
   void tryActions(const Table& table) {
     const std::vector<uint32_t> actions = made_.actionsOf(table);
@@ -81,12 +105,17 @@ class Story {
     return outcome.status.error_message();
   }
 
-  void expectRead(const TableEntry& entry) {
+  static TableEntry queryFor(const TableEntry& entry) {
     TableEntry query;
     query.set_table_id(entry.table_id());
+    query.set_is_default_action(entry.is_default_action());
     *query.mutable_match() = entry.match();
     query.set_priority(entry.priority());
-    const TestSupport::ReadOutcome read = tested_.controller().read(query);
+    return query;
+  }
+
+  void expectRead(const TableEntry& entry) {
+    const TestSupport::ReadOutcome read = tested_.controller().read(queryFor(entry));
     ASSERT_TRUE(read.status.ok()) << read.status.error_message();
     ASSERT_EQ(read.entries.size(), 1u);
     EXPECT_TRUE(MessageDifferencer::Equals(read.entries[0], entry))
@@ -97,6 +126,7 @@ class Story {
   Switch tested_;
   GeneratedEntries made_;
   std::vector<TableEntry> standing_;
+  std::vector<std::pair<TableEntry, TableEntry>> defaults_;  // as written, and the program's
 };
 
 void tryProgram(const std::string& p4InfoPath) {

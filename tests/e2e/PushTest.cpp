@@ -335,6 +335,21 @@ TEST_F(PushTest, EveryPublicProgramIsTaken) {
   EXPECT_EQ(controller_->arbitrate(), grpc::OK);
 }
 
+TEST_F(PushTest, AProgramMayHaveNoTables) {
+  Config bare;
+  bare.mutable_p4info()->mutable_pkg_info()->set_arch("v1model");
+  EXPECT_CODE(push(bare), OK);
+  expectRuns(bare);
+  EXPECT_TRUE(controller_->readTable(0).status.ok());
+  restart();
+  expectRuns(bare);
+  EXPECT_CODE(push(config()), OK);
+  EXPECT_TRUE(insertRoutes(0, 3).ok());
+  EXPECT_CODE(push(bare, Set::RECONCILE_AND_COMMIT), INVALID_ARGUMENT);
+  EXPECT_CODE(push(bare), OK);
+  EXPECT_EQ(disagreement(), "");
+}
+
 TEST_F(PushTest, RefusedOnesChangeNothing) {
   const Config running = config();
   ASSERT_TRUE(push(running).ok());

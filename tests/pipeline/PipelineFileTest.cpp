@@ -28,6 +28,7 @@ tables {
   match_fields { id: 1 name: "vrf" bitwidth: 10 match_type: EXACT }
   match_fields { id: 2 name: "hdr.ipv4.dst" bitwidth: 32 match_type: LPM }
   action_refs { id: 16777217 }
+  const_default_action_id: 16777217
   size: 2
 }
 actions {

@@ -18,10 +18,10 @@ struct Made {
   std::string findings;
 };
 
-Made madeOf(const P4Info& p4Info) {
+Made madeOf(const P4Info& p4Info, const Extensions& extensions = {}) {
   Findings findings;
   const P4InfoLookup index(p4Info);
-  PipelineLayout layout = pipelineLayout(index, {}, &findings);
+  PipelineLayout layout = pipelineLayout(index, extensions, &findings);
   for (const TableLayout& table : layout.tables) {
     EXPECT_NO_THROW(Lattice::TableType::compile(table.typeName, definitionText(table)))
         << definitionText(table);
@@ -77,6 +77,63 @@ TEST(Definitions, HoldEveryMatchKindAndWidth) {
     ASSERT_EQ(made.layout.tables.size(), 1u);
     EXPECT_EQ(definitionText(made.layout.tables[0]),
               c.key + "action {\n  a 16777217 { none : Void; }\n}\n");
+  }
+}
+
+TEST(Definitions, HoldFieldsOfAnyWidthWhereAskedTo) {
+  const std::string prioritized = "key priority : U32 priority;\n";
+  const struct {
+    const char* field;
+    std::string key;
+  } cases[] = {
+      {R"(name: "f" bitwidth: 16 match_type: EXACT)", "key f : U16;\n"},
+      {R"(name: "f" bitwidth: 17 match_type: EXACT)", "key f : Bits<17>;\n"},
+      {R"(name: "f" bitwidth: 255 match_type: EXACT)", "key f : Bytes<32>;\n"},
+      {R"(name: "f" bitwidth: 333 match_type: EXACT)", "key f : Bits<333>;\n"},
+      {R"(name: "f" bitwidth: 24 match_type: TERNARY)",
+       "key f : Bits<24> value;\nkey f_mask : Bits<24> mask;\n" + prioritized},
+      {R"(name: "f" bitwidth: 32 match_type: LPM)", "key f : IpGenPrefix;\n"},
+      {R"(name: "f" bitwidth: 9 match_type: LPM)",
+       "key f : Bits<9> prefix;\nkey f_len : U32 length;\n"},
+      {R"(name: "f" bitwidth: 16 match_type: RANGE)",
+       "key f : U16 low;\nkey f_high : U16 high;\n" + prioritized},
+      {R"(name: "f" bitwidth: 48 match_type: OPTIONAL)",
+       "key f : EthAddr optional;\nkey f_present : U8 present;\n" + prioritized},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.field);
+    const Made made = madeOf(oneFieldTable(c.field, R"(name: "p" bitwidth: 24)"), {.fields = true});
+    EXPECT_EQ(made.findings, "");
+    ASSERT_EQ(made.layout.tables.size(), 1u);
+    EXPECT_EQ(definitionText(made.layout.tables[0]),
+              c.key + "action {\n  a 16777217 { p : Bits<24>; }\n}\n");
+  }
+}
+
+// Only what a program needs is asked for, so that agents without the ability run the others.
+TEST(Extensions, AreThoseThatTheProgramNeeds) {
+  const std::string constant =
+      "} const_default_action_id: 16777217 match_fields { id: 2 name: \"g\" "
+      "bitwidth: 8 match_type: EXACT ";
+  const struct {
+    std::string field;
+    std::string param;
+    Extensions needed;
+  } cases[] = {
+      {R"(name: "f" bitwidth: 8 match_type: EXACT )" + constant, "", {}},
+      {R"(name: "f" bitwidth: 8 match_type: EXACT)", "", {.defaultActions = true}},
+      {R"(name: "f" bitwidth: 20 match_type: EXACT )" + constant, "", {.fields = true}},
+      {R"(name: "f" bitwidth: 8 match_type: RANGE )" + constant, "", {.fields = true}},
+      {R"(name: "f" bitwidth: 8 match_type: OPTIONAL )" + constant, "", {.fields = true}},
+      {R"(name: "f" bitwidth: 48 match_type: LPM )" + constant, "", {.fields = true}},
+      {R"(name: "f" bitwidth: 8 match_type: EXACT )" + constant,
+       R"(name: "p" bitwidth: 300)",
+       {.fields = true}},
+      {R"(name: "f" match_type: EXACT )" + constant, "", {}},  // no extension helps
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.field + c.param);
+    EXPECT_EQ(extensionsFor(oneFieldTable(c.field, c.param)), c.needed);
   }
 }
 

@@ -41,6 +41,7 @@ Pipeline::RowTables rowTablesOf(const std::string& deviceJson) {
     const cJSON* id = cJSON_GetObjectItem(table, "table_id");
     const cJSON* kind = cJSON_GetObjectItem(table, "table_class");
     if (!cJSON_IsString(name) || !cJSON_IsString(kind) || !id) continue;
+    if (std::string_view(kind->valuestring) == "TABLE_CLASS_DEFAULT_ACTION") continue;
     const uint32_t number = cJSON_IsString(id) ? static_cast<uint32_t>(std::stoul(id->valuestring))
                                                : static_cast<uint32_t>(id->valuedouble);
     const std::string_view text = kind->valuestring;

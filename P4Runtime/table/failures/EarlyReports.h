@@ -1,5 +1,5 @@
-// Failures that forwarding agents report while a starting agent has not restored its entries yet.
-// Their entries are known only afterwards.
+// Failures that forwarding agents report while the entries are not restored yet. Their entries are
+// known only afterwards.
 #pragma once
 
 #include <cstddef>
@@ -27,6 +27,7 @@ class EarlyReports {
   };
 
   bool isOver() const { return isOver_; }
+  void begin() { isOver_ = false; }  // at first, and when another restore begins
   // Keeps the latest failure of each entry and forwarding agent, until a success takes it back.
   // False when too many are kept: the failure is dropped.
   [[nodiscard]] bool keep(const Lattice::Report& report);

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "P4Runtime/table/records/HandleReservation.h"
 #include "platform/lattice/records/Packing.h"
@@ -59,6 +60,7 @@ std::vector<Brine::DamagedRecord> DamagedRecords::tell() {
       tools_.failures.failureIs(handle, noAgent, 0, said);
     }
   }
+  told_.insert(told_.end(), records.begin(), records.end());
   return records;
 }
 
@@ -98,7 +100,8 @@ Vela::Ptr<Lattice::ArTableInterface> DamagedRecords::interfaceOf(
 }
 
 void DamagedRecords::removeAll(RestoreCounts& counts) {
-  const std::vector<Brine::DamagedRecord> records = tell();
+  tell();
+  const std::vector<Brine::DamagedRecord> records = std::exchange(told_, {});
   for (const Brine::DamagedRecord& record : records) {
     if (isRow(record)) removeRow(record);
     const EntryHandle handle = lostEntry(record);

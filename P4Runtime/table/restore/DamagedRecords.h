@@ -18,8 +18,8 @@ class DamagedRecords {
   // Names the damaged records that were found since the last call, on standard error and in the
   // list of failures, with table and key as far as they can be told.
   std::vector<Brine::DamagedRecord> tell();
-  // Tells and removes them; counts records of entries, members and groups as unusable. A row
-  // that the restore has written again stays.
+  // Tells and removes them, and those that were told before; counts records of entries, members and
+  // groups as unusable. A row that the restore has written again stays.
   void removeAll(RestoreCounts& counts);
 
  private:
@@ -31,6 +31,7 @@ class DamagedRecords {
   void removeRow(const Brine::DamagedRecord& record);
 
   const RestoreTools& tools_;
+  std::vector<Brine::DamagedRecord> told_;  // and not removed
 };
 
 }  // namespace P4Runtime

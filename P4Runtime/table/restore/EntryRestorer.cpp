@@ -10,6 +10,7 @@
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
+#include "platform/lattice/records/StoreLayout.h"
 #include "platform/lattice/types/DirectColumns.h"
 #include "platform/scrivel/Trace.h"
 
@@ -22,6 +23,11 @@ char* chars(std::span<const uint8_t> bytes) {
   return const_cast<char*>(reinterpret_cast<const char*>(bytes.data()));
 }
 
+size_t keptCount(Brine::Store& store, const std::string& table) {
+  const std::string name = std::string(Lattice::keptPrefix) + table;
+  return store.hasTable(name) ? store.count(store.table(name)) : 0;
+}
+
 }  // namespace
 
 EntryRestorer::EntryRestorer(const RestoreTools& tools, ConstantEntries& constantEntries,
@@ -29,20 +35,46 @@ EntryRestorer::EntryRestorer(const RestoreTools& tools, ConstantEntries& constan
     : tools_(tools),
       constantEntries_(constantEntries),
       deviceId_(deviceId),
-      p4info_(pi_get_device_p4info(deviceId)) {}
+      p4info_(pi_get_device_p4info(deviceId)) {
+  findTables();
+}
 
-void EntryRestorer::restoreAll(RestoreCounts& counts) {
-  letHandlesGo();
+void EntryRestorer::findTables() {
   for (const auto& [rid, interface] : tools_.tableInfo.latticeTableInterfaceCollection().values()) {
     if (rid.type != tableResource) continue;
     if (!interface->ready()) {
       throw std::runtime_error(
           fmt::format("the rows of {} are not ready", tools_.tableInfo.kindAndName(rid)));
     }
-    restoreTable(rid, *interface);
-    restoreKept(rid, interface->tableName());
+    tables_.push_back({rid, interface});
+    all_ += interface->rowCount() + keptCount(tools_.database->store(), interface->tableName());
   }
-  for (const Entry& entry : rewritten_) rewrite(entry);
+}
+
+bool EntryRestorer::restore(RestoreSlice& slice) {
+  if (looked_ == 0 && table_ == 0) {
+    letHandlesGo();
+    pi_restore_expect(deviceId_, all_);
+  }
+  for (; table_ < tables_.size(); ++table_) {
+    const Table& table = tables_[table_];
+    if (!rowsAreThrough_ && !restoreTable(table, slice)) return false;
+    rowsAreThrough_ = true;
+    if (!restoreKept(table, slice)) return false;
+    rowsAreThrough_ = false;
+  }
+  return true;
+}
+
+bool EntryRestorer::rewrite(RestoreSlice& slice) {
+  while (nextRewritten_ < rewritten_.size()) {
+    rewrite(rewritten_[nextRewritten_++]);
+    if (slice.isOver()) return false;
+  }
+  return true;
+}
+
+void EntryRestorer::finish(RestoreCounts& counts) {
   for (const Entry& entry : unusable_) remove(entry);
   letKeptGo();
   counts.entries += restored_;
@@ -56,38 +88,76 @@ void EntryRestorer::letHandlesGo() {
   if (!anyBatchWaits) tools_.handles.freeTableEntryHandles();
 }
 
-// Rows without a record are left to the search for orphans.
-void EntryRestorer::restoreTable(const ResourceId& rid,
-                                 const Lattice::ArTableInterface& interface) {
-  interface.forEachCommitted([&](const Lattice::StoredRow& row) {
-    if (row.attachment.empty()) return true;
-    if (const auto record = recordOf(rid, row)) {
-      restore(*record, &row);
-    } else {
-      TableRecordView nothing;
-      nothing.key = {rid, row.entryHandle};
-      bound_ = 0;
-      giveUp(nothing, &row, "unreadable record");
-    }
-    return true;
-  });
+bool EntryRestorer::restoreTable(const Table& table, RestoreSlice& slice) {
+  bool isThrough = true;
+  const auto visit = [&](const Lattice::StoredRow& row) {
+    restoreRow(table, row);
+    return isThrough = !slice.isOver();
+  };
+  table.interface->forEachCommitted(visit, &row_);
+  if (isThrough) row_ = {};
+  return isThrough;
+}
+
+void EntryRestorer::restoreRow(const Table& table, const Lattice::StoredRow& row) {
+  ++looked_;
+  if (row.attachment.empty()) return bareRows_.push_back({table.rid, std::string(row.key)});
+  if (const auto record = recordOf(table.rid, row)) return restore(*record, &row);
+  TableRecordView nothing;
+  nothing.key = {table.rid, row.entryHandle};
+  bound_ = 0;
+  giveUp(nothing, &row, "unreadable record");
 }
 
 // Records of rows that went with a former type of the table. A restore that found no room may have
 // made rows of some.
-void EntryRestorer::restoreKept(const ResourceId& rid, const std::string& tableName) {
-  for (const auto& [handle, bytes] : tools_.database->kept(tableName)) {
-    known_.insert(tableName);
-    if (tools_.handles.entryHandleToResourceIdHas(handle)) continue;
+bool EntryRestorer::restoreKept(const Table& table, RestoreSlice& slice) {
+  const std::string& name = table.interface->tableName();
+  if (nextKept_ == 0) kept_ = tools_.database->kept(name);
+  if (!kept_.empty()) known_.insert(name);
+  while (nextKept_ < kept_.size()) {
+    ++looked_;
+    const auto& [handle, bytes] = kept_[nextKept_++];
     const Lattice::StoredRow row{.attachment = bytes, .entryHandle = handle};
-    if (const auto record = recordOf(rid, row)) restore(*record, nullptr);
+    const bool isBack = tools_.handles.entryHandleToResourceIdHas(handle);
+    const auto record = isBack ? std::nullopt : recordOf(table.rid, row);
+    if (record) restore(*record, nullptr);
+    if (slice.isOver()) return false;
   }
+  nextKept_ = 0;
+  kept_.clear();
+  return true;
+}
+
+// The usual case, without looking for another row: the record makes this very row, and its handle
+// is free. False, and nothing is done, in all others.
+bool EntryRestorer::maybeTakeAsItStands(const TableRecordView& record,
+                                        const Lattice::StoredRow& row) try {
+  const EntryHandle handle = record.key.entryHandle;
+  if (handle == 0 || handle > largestEntryHandle) return false;
+  const WritableTable table = tools_.tables.require(record.key.rid);
+  const Lattice::Row& made = tools_.entryWriter.rowOf(table, record);
+  if (!isAsItShouldBe(record, made, row)) return false;
+  const uint32_t rowHash = table.interface.keyHash(row.key);
+  if (!tools_.handles.takeTableEntryHandle(record.key.rid.id, handle, rowHash)) return false;
+  bound_ = handle;
+  if (const Obstacle why = obstacleOf(handBack(record, &row))) {
+    giveUp(record, &row, *why);
+  } else {
+    ++restored_;
+  }
+  return true;
+} catch (const P4RuntimeException&) {
+  return false;
+} catch (const Lattice::TypeError&) {
+  return false;
 }
 
 void EntryRestorer::restore(const TableRecordView& record, const Lattice::StoredRow* row) {
   SCRIVEL_TRACE(6, "TableImpl", " Restoring table entry[ rid:", record.key.rid.id,
                 " entryHandle:", record.key.entryHandle, " ]");
   bound_ = 0;
+  if (row && maybeTakeAsItStands(record, *row)) return;
   Obstacle why = bindHandle(record);
   if (!why) why = obstacleTo([&] { return restoreBound(record, row); });
   if (why) return giveUp(record, row, *why);

@@ -1,7 +1,6 @@
 #include "P4Runtime/table/restore/OrphanedRows.h"
 
-#include <string>
-#include <vector>
+#include <algorithm>
 
 #include "platform/scrivel/Trace.h"
 
@@ -10,33 +9,49 @@ namespace {
 
 Scrivel::TraceHandle trace("TableImpl");
 
-// A row of a table without a record of an entry, or of a profile whose member or group is gone.
-bool isOrphan(const RestoreTools& tools, const ResourceId& rid, const Lattice::StoredRow& row) {
-  if (tools.handles.entryHandleToResourceId(row.entryHandle) == rid) return false;
-  const bool isEntry = rid.type == tableResource;
-  return isEntry || !tools.records.has(recordKey(rid, row.entryHandle));
-}
-
 }  // namespace
 
-size_t removeOrphanedRows(const RestoreTools& tools) {
-  size_t removed = 0;
-  for (const auto& [rid, interface] : tools.tableInfo.latticeTableInterfaceCollection().values()) {
-    if (!interface->ready()) continue;
-    std::vector<std::string> keys;
-    interface->forEachCommitted([&](const Lattice::StoredRow& row) {
-      if (isOrphan(tools, rid, row)) keys.emplace_back(row.key);
-      return true;
-    });
-    for (const std::string& key : keys) {
-      // The restore may have just rewritten it, for an entry that stands.
-      const auto row = interface->stored(key);
-      if (!row || !isOrphan(tools, rid, *row)) continue;
-      SCRIVEL_TRACE(0, "TableImpl", " no entry stands for a row of ", interface->tableName());
-      if (interface->rowDel(key, 0) != 0) ++removed;
-    }
+OrphanedRows::OrphanedRows(const RestoreTools& tools) : tools_(tools) {
+  for (const auto& [rid, interface] : tools_.tableInfo.latticeTableInterfaceCollection().values()) {
+    if (rid.type != tableResource && interface->ready()) tables_.push_back({rid, interface});
   }
-  return removed;
+}
+
+bool OrphanedRows::search(RestoreSlice& slice) {
+  for (; table_ < tables_.size(); ++table_) {
+    const Table& table = tables_[table_];
+    bool isThrough = true;
+    const auto visit = [&](const Lattice::StoredRow& row) {
+      if (isOrphan(table.rid, row)) found_.push_back({table.rid, std::string(row.key)});
+      return isThrough = !slice.isOver();
+    };
+    table.interface->forEachCommitted(visit, &row_);
+    if (!isThrough) return false;
+    row_ = {};
+  }
+  return true;
+}
+
+// A row of a table without an entry, or of a profile whose member or group is gone.
+bool OrphanedRows::isOrphan(const ResourceId& rid, const Lattice::StoredRow& row) const {
+  if (tools_.handles.entryHandleToResourceId(row.entryHandle) == rid) return false;
+  const bool isEntry = rid.type == tableResource;
+  return isEntry || !tools_.records.has(recordKey(rid, row.entryHandle));
+}
+
+size_t OrphanedRows::remove(const std::vector<RowWithoutEntry>& more) {
+  const auto isRemoved = [this](const RowWithoutEntry& row) { return remove(row); };
+  return static_cast<size_t>(std::ranges::count_if(found_, isRemoved) +
+                             std::ranges::count_if(more, isRemoved));
+}
+
+// The restore may have rewritten it since, for an entry that stands.
+bool OrphanedRows::remove(const RowWithoutEntry& orphan) const {
+  const auto& interface = tools_.tableInfo.latticeTableInterface(orphan.rid);
+  const auto row = interface->stored(orphan.key);
+  if (!row || !isOrphan(orphan.rid, *row)) return false;
+  SCRIVEL_TRACE(0, "TableImpl", " no entry stands for a row of ", interface->tableName());
+  return interface->rowDel(orphan.key, 0) != 0;
 }
 
 }  // namespace P4Runtime

@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
-#include "P4Runtime/table/records/CacheWalk.h"
+#include <algorithm>
+#include <iterator>
+
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
@@ -22,40 +24,53 @@ std::string_view bytes(const CachePodArray<uint8_t>& array) {
 }  // namespace
 
 ProfileRestorer::ProfileRestorer(const RestoreTools& tools, uint64_t deviceId)
-    : tools_(tools), deviceId_(deviceId), p4info_(pi_get_device_p4info(deviceId)) {}
+    : tools_(tools),
+      deviceId_(deviceId),
+      p4info_(pi_get_device_p4info(deviceId)),
+      members_{CacheWalk<Member>(*tools.records.memberCache()), 0, {}, {}},
+      groups_{CacheWalk<Group>(*tools.records.groupCache()), 0, {}, {}} {}
 
-void ProfileRestorer::restoreMembers(RestoreCounts& counts) {
-  counts.members += restoreAll(*tools_.records.memberCache(), counts);
+bool ProfileRestorer::restoreMembers(RestoreSlice& slice, RestoreCounts& counts) {
+  if (!advance(members_, slice)) return false;
+  counts.members += finish(members_, *tools_.records.memberCache(), counts);
+  return true;
 }
 
-void ProfileRestorer::restoreGroups(RestoreCounts& counts) {
-  counts.groups += restoreAll(*tools_.records.groupCache(), counts);
+bool ProfileRestorer::restoreGroups(RestoreSlice& slice, RestoreCounts& counts) {
+  if (!advance(groups_, slice)) return false;
+  counts.groups += finish(groups_, *tools_.records.groupCache(), counts);
+  return true;
+}
+
+template <typename Record>
+bool ProfileRestorer::advance(Pass<Record>& pass, RestoreSlice& slice) {
+  return pass.walk.advance([&](Brine::Bytes key, Brine::Bytes stored) {
+    Record record;
+    const Obstacle why =
+        record.deserialize(stored.data(), stored.size()) ? restore(record) : "unreadable record";
+    if (why) {
+      const CacheKey of = cacheKeyOf(key);
+      SCRIVEL_TRACE(0, "TableImpl", " cannot restore action profile entry[ rid:", of.rid.id,
+                    " entryHandle:", of.entryHandle, " ]: ", *why);
+      pass.unusable.emplace_back(Brine::asText(key));
+      pass.reasons.push_back(fmt::format("{}: {}", text(of, record), *why));
+    } else {
+      ++pass.back;
+    }
+    return !slice.isOver();
+  });
 }
 
 // Returns how many are back.
 template <typename Record>
-size_t ProfileRestorer::restoreAll(EntryCache<Record>& cache, RestoreCounts& counts) {
-  size_t back = 0;
-  std::vector<std::string> unusable;  // stored keys
-  forEachCopied(cache, [&](Brine::Bytes key, Brine::Bytes stored) {
-    Record record;
-    const Obstacle why =
-        record.deserialize(stored.data(), stored.size()) ? restore(record) : "unreadable record";
-    if (!why) {
-      ++back;
-      return;
-    }
-    const CacheKey of = cacheKeyOf(key);
-    SCRIVEL_TRACE(0, "TableImpl", " cannot restore action profile entry[ rid:", of.rid.id,
-                  " entryHandle:", of.entryHandle, " ]: ", *why);
-    unusable.emplace_back(Brine::asText(key));
-    counts.unusable.push_back(fmt::format("{}: {}", text(of, record), *why));
-  });
-  for (const std::string& key : unusable) {
+size_t ProfileRestorer::finish(Pass<Record>& pass, EntryCache<Record>& cache,
+                               RestoreCounts& counts) {
+  for (const std::string& key : pass.unusable) {
     cache.storedKeyDel(Brine::asBytes(key));
     tools_.records.metadataDel(Brine::asBytes(key));
   }
-  return back;
+  std::ranges::move(pass.reasons, std::back_inserter(counts.unusable));
+  return pass.back;
 }
 
 std::string ProfileRestorer::text(const CacheKey& key, const Member& record) const {

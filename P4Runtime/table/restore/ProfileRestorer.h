@@ -5,29 +5,42 @@
 #include <string>
 #include <vector>
 
+#include "P4Runtime/table/records/CacheWalk.h"
 #include "P4Runtime/table/restore/Obstacle.h"
 #include "P4Runtime/table/restore/RestoreCounts.h"
+#include "P4Runtime/table/restore/RestoreSlice.h"
 #include "P4Runtime/table/restore/RestoreTools.h"
 #include "PI/pi_base.h"
 
 namespace P4Runtime {
 
-// One pass over the member cache or the group cache. Call with the activity lock held, while the
-// caches are mounted.
+// One pass over the member cache, and then one over the group cache, in slices. Call with the
+// activity lock held, while the caches are mounted. A pass that is given up has removed no record.
 class ProfileRestorer {
  public:
   ProfileRestorer(const RestoreTools& tools, uint64_t deviceId);
 
-  // Add to the counts. Unusable records are removed with their rows, once the pass is through.
-  void restoreMembers(RestoreCounts& counts);
-  void restoreGroups(RestoreCounts& counts);
+  // Add to the counts, and return false while there is more to do in later slices. Unusable records
+  // are removed with their rows, once the pass is through.
+  bool restoreMembers(RestoreSlice& slice, RestoreCounts& counts);
+  bool restoreGroups(RestoreSlice& slice, RestoreCounts& counts);
 
  private:
   using Member = ActionProfileMemberCacheEntry;
   using Group = ActionProfileGroupCacheEntry;
 
   template <typename Record>
-  size_t restoreAll(EntryCache<Record>& cache, RestoreCounts& counts);
+  struct Pass {
+    CacheWalk<Record> walk;
+    size_t back = 0;
+    std::vector<std::string> unusable;  // stored keys
+    std::vector<std::string> reasons;
+  };
+
+  template <typename Record>
+  bool advance(Pass<Record>& pass, RestoreSlice& slice);
+  template <typename Record>
+  size_t finish(Pass<Record>& pass, EntryCache<Record>& cache, RestoreCounts& counts);
   std::string text(const CacheKey& key, const Member& record) const;
   std::string text(const CacheKey& key, const Group& record) const;
   std::string text(const char* what, const CacheKey& key, uint32_t controllersId) const;
@@ -48,6 +61,8 @@ class ProfileRestorer {
   const RestoreTools& tools_;
   const uint64_t deviceId_;
   const pi_p4info_t* p4info_;
+  Pass<Member> members_;
+  Pass<Group> groups_;
 };
 
 }  // namespace P4Runtime

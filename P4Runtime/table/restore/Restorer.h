@@ -2,12 +2,13 @@
 // library.
 #pragma once
 
-#include <string>
+#include <memory>
 #include <vector>
 
 #include "P4Runtime/table/restore/ConstantEntries.h"
 #include "P4Runtime/table/restore/DamagedRecords.h"
 #include "P4Runtime/table/restore/RestoreCounts.h"
+#include "P4Runtime/table/restore/RestoreSlice.h"
 #include "P4Runtime/table/restore/RestoreTools.h"
 
 namespace P4Runtime {
@@ -15,13 +16,21 @@ namespace P4Runtime {
 // Call with the activity lock held, outside a batch.
 class Restorer {
  public:
-  explicit Restorer(const RestoreTools& tools) : tools_(tools) {}
+  explicit Restorer(const RestoreTools& tools);
+  ~Restorer();
 
-  // Members, then groups, then the entries that name them. Rows that are as they were are not
-  // written again. Records that the pipeline is known to have no place for are removed and listed
-  // in the failures; so are rows that no entry stands for. Anything else that goes wrong is thrown,
-  // and nothing more is removed.
-  void restoreAll(uint64_t deviceId);
+  // A restore of all objects, in slices: members, then groups, then the entries that name them.
+  // Rows that are as they were are not written again. Records that the pipeline is known to have
+  // no place for are removed in the last slice and listed in the failures; so are rows that no
+  // entry stands for. Anything else that goes wrong is thrown, ends the restore, and nothing more
+  // is removed. The changes of each slice are committed when it returns. Between two of them
+  // nothing else may write rows and records, and the pipeline must stay: else abandon().
+  void begin(uint64_t deviceId);     // in place of one that runs
+  bool advance(RestoreSlice slice);  // true: it is done. Call while it runs
+  void abandon();  // the next restore finds every entry there; nothing when none runs
+  bool isRunning() const { return run_ != nullptr; }
+  RestoreProgress progress() const;
+
   // One pass each; nothing without caches.
   void restoreMembers(uint64_t deviceId);
   void restoreGroups(uint64_t deviceId);
@@ -33,16 +42,27 @@ class Restorer {
   uint64_t pushOfEntries() const;  // 0: to none
   bool isEmpty() const { return !tools_.records.isMounted() || tools_.records.isEmpty(); }
 
-  std::vector<Brine::DamagedRecord> tellDamagedRecords() { return damaged_.tell(); }
+  // While a restore runs nothing is told: its end does.
+  std::vector<Brine::DamagedRecord> tellDamagedRecords();
   ConstantEntries& constantEntries() { return constantEntries_; }
 
  private:
-  void removeWhatDoesNotFit();
+  struct Run;
+  using Step = bool (Restorer::*)(RestoreSlice& slice);
+
+  void requireReady() const;
+  bool runSteps(RestoreSlice& slice);
+  bool doMembers(RestoreSlice& slice);
+  bool doGroups(RestoreSlice& slice);
+  bool doEntries(RestoreSlice& slice);
+  bool doRewrite(RestoreSlice& slice);
+  bool doSearchOrphans(RestoreSlice& slice);
+  bool doFinish(RestoreSlice& slice);
 
   const RestoreTools tools_;
   ConstantEntries constantEntries_{tools_};
   DamagedRecords damaged_{tools_};
-  RestoreCounts restored_;
+  std::unique_ptr<Run> run_;  // null: none runs
 };
 
 }  // namespace P4Runtime

@@ -11,7 +11,8 @@ namespace pi::fe::proto {
 struct CheckedUpdate {
   enum class Subject : uint8_t { entry, directMeter, directCounter, member, group };
 
-  p4::v1::Update::Type type = p4::v1::Update::UNSPECIFIED;  // INSERT, MODIFY or DELETE
+  // INSERT, MODIFY or DELETE. A MODIFY that sets a default entry back is a DELETE.
+  p4::v1::Update::Type type = p4::v1::Update::UNSPECIFIED;
   Subject subject = Subject::entry;
   const TablePlan* table = nullptr;      // null for members and groups
   const ProfilePlan* profile = nullptr;  // the table's, or that of the member or group

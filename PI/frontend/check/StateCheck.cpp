@@ -24,6 +24,7 @@ const char* subjectText(Subject subject) {
 }
 
 void requireState(const CheckedUpdate& update, const Entry* former) {
+  if (update.table != nullptr && update.table->isDefaultEntry) return;  // the program's stands else
   const char* what = subjectText(update.subject);
   if (update.type == Update::INSERT && former != nullptr) {
     refuse(code::alreadyExists, updateText(update), ": there is such ",

@@ -37,7 +37,6 @@ bool isTheDefault(const TablePlan& table, const TableEntry& entry) {
   return google::protobuf::util::MessageDifferencer::Equals(given, programs);
 }
 
-// Returns when there is nothing to change.
 void checkDefaultEntry(const TablePlan& table, const TableEntry& entry, Update::Type type) {
   const std::string it = absl::StrCat("table ", table.name, ": the default entry ");
   if (entry.match_size() != 0 || entry.priority() != 0) {
@@ -50,8 +49,6 @@ void checkDefaultEntry(const TablePlan& table, const TableEntry& entry, Update::
   if (table.constDefaultActionId != 0 || table.profile != nullptr) {
     refuse(code::permissionDenied, it, "is constant");
   }
-  if (isTheDefault(table, entry)) return;
-  refuse(code::unimplemented, it, "cannot be changed: not supported");
 }
 
 void checkIdleTimeout(const TablePlan& table, const TableEntry& entry) {
@@ -197,6 +194,27 @@ EntryPtr withoutKey(const TablePlan& table, const TableEntry& given, Update::Typ
   return entry;
 }
 
+// Where the target keeps no default entries, only the program's own is taken, which changes
+// nothing. Where it does, the program's own is back once the entry is deleted.
+CheckedUpdate checkedDefaultEntry(const TablePlan& table, const TableEntry& given,
+                                  Update::Type type) {
+  checkDefaultEntry(table, given, type);
+  CheckedUpdate result;
+  result.table = table.defaultEntry ? table.defaultEntry.get() : &table;
+  const bool isThePrograms = isTheDefault(table, given);
+  if (!table.defaultEntry && isThePrograms) return result;
+  if (!table.defaultEntry || given.has_meter_config() || given.has_counter_data()) {
+    refuse(code::unimplemented, "table ", table.name, ": the default entry",
+           table.defaultEntry ? "'s direct resources" : "", " cannot be changed: not supported");
+  }
+  result.type = isThePrograms || !given.has_action() ? Update::DELETE : Update::MODIFY;
+  EntryPtr entry = withoutKey(*result.table, given, result.type);
+  *entry->keyData() = 0;
+  maybeEncodeParams(*result.table, given, entry.get());
+  result.slot.entry = std::move(entry);
+  return result;
+}
+
 }  // namespace
 
 CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& given,
@@ -207,8 +225,7 @@ CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& give
   result.profile = table.profile;
   if (given.is_default_action()) {
     requireNotConst(table, given);
-    checkDefaultEntry(table, given, type);
-    return result;
+    return checkedDefaultEntry(table, given, type);
   }
   checkTable(table, given, type);
   checkFields(table, given, type);

@@ -42,7 +42,7 @@ CheckedUpdate checkedEntity(const P4InfoIndex& index, const Entity& entity, Upda
 CheckedUpdate checkedUpdate(const P4InfoIndex& index, const Update& update) {
   checkType(update.type());
   CheckedUpdate result = checkedEntity(index, update.entity(), update.type());
-  result.type = update.type();
+  if (result.type == Update::UNSPECIFIED) result.type = update.type();
   if (result.slot.entry) result.slot.hash = result.slot.entry->key().hash();
   return result;
 }

@@ -109,7 +109,8 @@ P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abi
     tables_.push_back(tablePlan(p4Info, table));
     tableById_[table.preamble().id()] = tables_.back().get();
   }
-  doCheckTablesOfProfiles(p4Info);
+  if (abilities_.default_actions != 0) defaultEntriesAre();
+  tablesOfProfilesAre(p4Info);
 }
 
 const TablePlan* P4InfoIndex::table(uint32_t id) const {
@@ -300,6 +301,29 @@ void P4InfoIndex::defaultActionIs(TablePlan* plan, const config::Table& table) c
   for (const ActionUse& use : plan->actions) {
     if (use.action->name == "NoAction") plan->defaultAction.set_action_id(use.id);
   }
+}
+
+void P4InfoIndex::defaultEntriesAre() {
+  for (const auto& table : tables_) {
+    if (table->constDefaultActionId != 0 || table->profile != nullptr) continue;
+    auto plan = defaultEntryPlan(*table);
+    if (!tableById_.try_emplace(plan->id, plan.get()).second) continue;  // the id is a table's own
+    table->defaultEntry = std::move(plan);
+  }
+}
+
+std::unique_ptr<TablePlan> P4InfoIndex::defaultEntryPlan(const TablePlan& table) {
+  auto plan = std::make_unique<TablePlan>();
+  plan->id = PI_DEFAULT_ENTRY_TABLE(table.id);
+  plan->name = table.name;
+  plan->isDefaultEntry = true;
+  FieldPlan key;
+  key.bits = 8;
+  key.bytes = 1;
+  plan->fields.push_back(std::move(key));
+  plan->keyBytes = 1;
+  plan->actions = table.actions;
+  return plan;
 }
 
 void P4InfoIndex::directResourcesAre(TablePlan* plan, const config::P4Info& p4Info,

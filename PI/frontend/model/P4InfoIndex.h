@@ -47,7 +47,7 @@ class P4InfoIndex {
   void profilesAre(const p4::config::v1::P4Info& p4Info);
   std::unique_ptr<ProfilePlan> profilePlan(const p4::config::v1::ActionProfile& profile) const;
   void profileOfTableIs(TablePlan* plan, uint32_t profileId);
-  void doCheckTablesOfProfiles(const p4::config::v1::P4Info& p4Info) const;
+  void tablesOfProfilesAre(const p4::config::v1::P4Info& p4Info);
   void requireKind(uint32_t id, const char* kind, const std::string& user) const;
   std::unique_ptr<ActionPlan> actionPlan(const p4::config::v1::Action& action) const;
   std::unique_ptr<TablePlan> tablePlan(const p4::config::v1::P4Info& p4Info,
@@ -55,6 +55,8 @@ class P4InfoIndex {
   void fieldPlanIs(TablePlan* plan, const p4::config::v1::MatchField& field) const;
   void actionUsesAre(TablePlan* plan, const p4::config::v1::Table& table) const;
   void defaultActionIs(TablePlan* plan, const p4::config::v1::Table& table) const;
+  void defaultEntriesAre();
+  static std::unique_ptr<TablePlan> defaultEntryPlan(const TablePlan& table);
   void directResourcesAre(TablePlan* plan, const p4::config::v1::P4Info& p4Info,
                           const p4::config::v1::Table& table) const;
   bool isKind(uint32_t id, const char* kind) const;

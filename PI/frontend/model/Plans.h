@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -73,6 +74,7 @@ struct ActionUser {
   uint32_t id = 0;
   std::string name;
   std::vector<ActionUse> actions;
+  bool isDefaultEntry = false;  // the name is that of the table whose default entry this holds
 
   const ActionUse* actionUse(uint32_t actionId) const {
     for (const ActionUse& use : actions) {
@@ -124,7 +126,10 @@ struct TablePlan : ActionUser {
   const ProfilePlan* profile = nullptr;  // null: a direct table
   uint32_t constDefaultActionId = 0;
   p4::v1::Action defaultAction;  // the program's; action id 0 when it has none
-  std::string unsupported;       // why entries cannot be programmed; empty when they can
+  // Where the target keeps a default entry that controllers write: as the only entry of this table.
+  // Null: the default entry cannot be written.
+  std::unique_ptr<TablePlan> defaultEntry;
+  std::string unsupported;  // why entries cannot be programmed; empty when they can
 };
 
 }  // namespace pi::fe::proto

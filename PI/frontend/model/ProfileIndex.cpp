@@ -48,29 +48,42 @@ std::unique_ptr<ProfilePlan> P4InfoIndex::profilePlan(const config::ActionProfil
   return plan;
 }
 
+namespace {
+
+void addActions(const TablePlan& table, ProfilePlan* profile) {
+  for (const ActionUse& use : table.actions) {
+    if (profile->actionUse(use.id) == nullptr) profile->actions.push_back(use);
+  }
+}
+
+}  // namespace
+
 // The tables of a profile share one list of actions; should they differ, members take any of them.
 void P4InfoIndex::profileOfTableIs(TablePlan* plan, uint32_t profileId) {
   requireKind(profileId, "action profile", "table " + plan->name);
   for (const auto& profile : profiles_) {
     if (profile->id != profileId) continue;
     plan->profile = profile.get();
-    for (const ActionUse& use : plan->actions) {
-      if (profile->actionUse(use.id) == nullptr) profile->actions.push_back(use);
-    }
+    addActions(*plan, profile.get());
   }
 }
 
-// A table that names its profile is enough; one that names another contradicts the profile.
-void P4InfoIndex::doCheckTablesOfProfiles(const config::P4Info& p4Info) const {
+// A table that names its profile is enough. One that names none keeps its own actions, although a
+// profile lists it; one that names another contradicts the profile.
+void P4InfoIndex::tablesOfProfilesAre(const config::P4Info& p4Info) {
   for (const auto& profile : p4Info.action_profiles()) {
     const std::string user = "action profile " + profile.preamble().name();
     for (const uint32_t tableId : profile.table_ids()) {
       requireKind(tableId, "table", user);
       const TablePlan& plan = *table(tableId);
-      if (plan.profile != nullptr && plan.profile->id == profile.preamble().id()) continue;
-      refuse(code::invalidArgument, "P4Info: ", user, " is that of table ", plan.name,
-             ", which names ", plan.profile == nullptr ? "none" : plan.profile->name,
-             " as its implementation");
+      if (plan.profile == nullptr) {
+        for (const auto& own : profiles_) {
+          if (own->id == profile.preamble().id()) addActions(plan, own.get());
+        }
+      } else if (plan.profile->id != profile.preamble().id()) {
+        refuse(code::invalidArgument, "P4Info: ", user, " is that of table ", plan.name,
+               ", which names ", plan.profile->name, " as its implementation");
+      }
     }
   }
 }

@@ -78,12 +78,16 @@ bool EntitySender::sendObject(const Entry& object) {
   return addEntity();
 }
 
-bool EntitySender::sendDefaultEntry(const TablePlan& table) {
+bool EntitySender::sendDefaultEntry(const TablePlan& table, const Entry* written) {
   p4::v1::TableEntry* sent = entity_.mutable_table_entry();
   sent->set_table_id(table.id);
   sent->set_is_default_action(true);
   sent->set_is_const(table.constDefaultActionId != 0);
-  if (table.defaultAction.action_id() != 0) {
+  if (written != nullptr) {
+    actionIs(*written, sent->mutable_action());
+    sent->set_controller_metadata(written->controllerMetadata);
+    sent->set_metadata(written->metadata().data(), written->metadata().size());
+  } else if (table.defaultAction.action_id() != 0) {
     *sent->mutable_action()->mutable_action() = table.defaultAction;
   }
   return addEntity();

@@ -15,6 +15,16 @@ constexpr size_t kMostQueriesOfATable = 256;
 
 uint32_t bitOf(EntryForm form) { return 1u << static_cast<int>(form); }
 
+// Of a table that has one at most; null for none.
+const Entry* onlyEntry(const EntryStore::Snapshot& snapshot, uint32_t tableId) {
+  for (const auto& page : snapshot.table(tableId).pages) {
+    for (const EntryPtr& entry : page->entries) {
+      if (entry) return entry.get();
+    }
+  }
+  return nullptr;
+}
+
 std::string missingText(const Query& query) {
   if (query.profile != nullptr) {
     return absl::StrCat("action profile ", query.profile->name, ": there is no ",
@@ -137,7 +147,7 @@ bool ReadRun::sendResult(const EntryStore::Snapshot& snapshot, size_t query, Ent
     case Query::Kind::oneObject:
       return sendFound(query, snapshot.found()[foundAt_.at(query)], sender);
     case Query::Kind::defaultEntry:
-      return sendDefaults(wanted, sender);
+      return sendDefaults(snapshot, wanted, sender);
     case Query::Kind::objects:
       return sendObjects(snapshot, wanted, sender);
     case Query::Kind::nothing:
@@ -158,10 +168,13 @@ bool ReadRun::sendFound(size_t number, const EntryPtr& found, EntitySender* send
   return sendPicked(read, sender);
 }
 
-bool ReadRun::sendDefaults(const Query& query, EntitySender* sender) {
+bool ReadRun::sendDefaults(const EntryStore::Snapshot& snapshot, const Query& query,
+                           EntitySender* sender) {
   for (const auto& table : index_.tables()) {
     if (query.table != nullptr && query.table != table.get()) continue;
-    if (!sender->sendDefaultEntry(*table)) return false;
+    const Entry* written =
+        table->defaultEntry ? onlyEntry(snapshot, table->defaultEntry->id) : nullptr;
+    if (!sender->sendDefaultEntry(*table, written)) return false;
   }
   return true;
 }

@@ -11,9 +11,11 @@ namespace pi::fe::proto {
 namespace {
 
 void requireScope(const ActionUser& user, const ActionUse& use) {
-  if (use.scope == ActionScope::tableAndDefault || use.scope == ActionScope::tableOnly) return;
+  const ActionScope own = user.isDefaultEntry ? ActionScope::defaultOnly : ActionScope::tableOnly;
+  if (use.scope == ActionScope::tableAndDefault || use.scope == own) return;
   refuse(code::permissionDenied, user.kind, " ", user.name, ": action ", use.action->name,
          use.scope == ActionScope::defaultOnly ? " may only be the default action"
+         : use.scope == ActionScope::tableOnly ? " may not be the default action"
                                                : " may only be a group action");
 }
 

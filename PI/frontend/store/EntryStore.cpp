@@ -8,9 +8,28 @@ namespace pi::fe::proto {
 
 void EntryStore::entryIs(EntryPtr entry) {
   const size_t hash = entry->key().hash();
-  std::vector<EntryPtr> gone;
+  EntrySlot slot{std::move(entry), hash};
+  entriesAre({&slot, 1});
+}
+
+void EntryStore::entriesAre(std::span<EntrySlot> slots) {
+  std::vector<EntryPtr> gone;  // freed after the lock
   const std::lock_guard lock(mutex_);
-  applyLocked({{std::move(entry), hash}, false}, &gone);
+  for (const EntrySlot& slot : slots) entries_.prefetch(slot);
+  for (EntrySlot& slot : slots) enterLocked(std::move(slot), &gone);
+}
+
+void EntryStore::enterLocked(EntrySlot slot, std::vector<EntryPtr>* gone) {
+  EntryPages& pages = pagesOf(*slot.entry);
+  const auto [at, isNew] = entries_.insert(slot);
+  if (isNew) return pages.add(snapshots_, std::move(slot.entry));
+  gone->push_back(pages.replace(snapshots_, *at->entry, slot.entry));
+  const_cast<EntrySlot&>(*at).entry = std::move(slot.entry);  // of the same key
+}
+
+void EntryStore::reserve(size_t more) {
+  const std::lock_guard lock(mutex_);
+  entries_.reserve(entries_.size() + more);
 }
 
 const Entry* EntryStore::committed(const EntryLookup& lookup) const {

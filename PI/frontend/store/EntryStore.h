@@ -29,8 +29,10 @@ class EntryStore {
  public:
   class Snapshot;
 
-  // Before controllers get in: adds or replaces.
+  // Before controllers get in: adds or replaces, in order. The second leaves the slots empty.
   void entryIs(EntryPtr entry);
+  void entriesAre(std::span<EntrySlot> slots);
+  void reserve(size_t more);  // room for so many
 
   // For the Write in progress, which alone changes the store and sees the changes that it has kept:
   // null when nothing stands there. The pointer is good until that Write's next keep() or commit().
@@ -58,6 +60,7 @@ class EntryStore {
   using Kept = absl::flat_hash_map<EntrySlot, bool, EntrySlotHash, EntrySlotEqual>;
 
   void applyLocked(Change change, std::vector<EntryPtr>* gone);
+  void enterLocked(EntrySlot slot, std::vector<EntryPtr>* gone);
   EntryPtr entryLocked(const EntryLookup& lookup) const;
   EntryPages& pagesOf(const Entry& entry) { return pages_[listOf(entry)]; }
   // Members and groups of a profile are lists of their own.

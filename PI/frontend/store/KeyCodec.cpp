@@ -299,6 +299,7 @@ void decodeKey(const TablePlan& table, const uint8_t* key, TableEntry* entry) {
 }
 
 std::string keyText(const TablePlan& table, const uint8_t* key, uint32_t priority) {
+  if (table.isDefaultEntry) return absl::StrCat("table ", table.name, ": the default entry");
   std::string text = absl::StrCat("table ", table.name, ":");
   const size_t empty = text.size();
   for (const FieldPlan& field : table.fields) {

@@ -201,6 +201,7 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
   state_.prepare(&update, former);
   if (update.subject == CheckedUpdate::Subject::directCounter) return;  // nothing to change
+  if (former == nullptr && update.type == Update::DELETE) return;       // the default as it was
   maybeBeginBatch(operation);
   TargetCalls calls(session_, offset);
   // Set before the target hears of the update: the batch may be abandoned in its midst.

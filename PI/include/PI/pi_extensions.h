@@ -53,6 +53,9 @@ pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
  * metadata are the bytes that stood in pi_batch_current_metadata() when the object was last
  * written. A member or group that the front end made on its own account has the controller's id 0.
  * An entry with a direct meter that was set comes with its direct_res_config. */
+/* So many table entries are about to come, or a little more or less: for the front end to make
+ * room. */
+pi_status_t pi_restore_expect(pi_dev_id_t dev_id, size_t table_entries);
 pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
                                          const pi_match_key_t* match_key,
                                          const pi_table_entry_t* table_entry,

@@ -26,12 +26,21 @@ Vela::ReactorLoop& serverLoop() {
   return *loop;
 }
 
-// A server without a thread. It is never let go: its destructor would start one.
-Vela::Ptr<KorvelPiServer> serverOf(AgentParts& agent) {
+// Servers without a thread. They are never let go: the destructor would start one.
+std::vector<Vela::Ptr<KorvelPiServer>>& servers() {
   static auto* all = new std::vector<Vela::Ptr<KorvelPiServer>>;
+  return *all;
+}
+
+Vela::Ptr<KorvelPiServer> serverOf(AgentParts& agent) {
   const Vela::ActivityLock lock;
-  all->push_back(korvelPiServerFactory(serverLoop(), agent.config));
-  return all->back();
+  servers().push_back(korvelPiServerFactory(serverLoop(), agent.config));
+  return servers().back();
+}
+
+uint64_t takeSignals(const KorvelPiServer& server) {
+  uint64_t count = 0;
+  return read(server.signalFd(), &count, sizeof count) == sizeof count ? count : 0;
 }
 
 class ServerInitTest : public AgentTest {
@@ -57,10 +66,21 @@ class ServerInitTest : public AgentTest {
     const Vela::ActivityLock lock;
     agent().tableInfo->tableInfoStateIs(state);
   }
-  uint64_t signals() {
-    uint64_t count = 0;
-    return read(server_->signalFd(), &count, sizeof count) == sizeof count ? count : 0;
+  // The server has the pipeline once more.
+  void pushAgain() {
+    {
+      const Vela::ActivityLock lock;
+      server_->serverReadyIs(false);
+    }
+    serverReady();
   }
+  // Of the reactor, for all but signals, which would push.
+  static void turn() {
+    for (const auto& server : servers()) takeSignals(*server);
+    serverLoop().post([] { serverLoop().stop(); });
+    serverLoop().run();
+  }
+  uint64_t signals() { return takeSignals(*server_); }
   static uint32_t level() { return DeviceMgr::get_operation_permission_level(); }
 
   Vela::Ptr<KorvelPiServer> server_;
@@ -201,6 +221,94 @@ TEST_F(ServerInitTest, PipelineThatReplacesAnotherWaitsForTheWriteInProgress) {
   EXPECT_EQ(level(), 2u);
 }
 
+// A million entries take more than a second.
+TEST_F(ServerInitTest, ARestoreLetsOthersHaveTheirTurnsAndControllersWait) {
+  constexpr size_t entries = 5;  // two of them constant
+  serverReady();
+  for (uint8_t id = 0; id < 3; ++id) agent().program(exactEntry(id));
+  restart();
+  const uint64_t before = agent().lastSequence();
+  initSm_->restoreSliceIs(RestoreSlice::ofObjects(1));
+  serverReady();
+  size_t turns = 0;
+  for (; agent().tableImpl->restoring(); ++turns) {
+    EXPECT_EQ(agent().frontEnd.restored.size(), std::min(turns + 1, entries));
+    EXPECT_FALSE(agent().frontEnd.restoreDone);
+    agent().begin();
+    EXPECT_NE(agent().add(0, exactEntry(9)), PI_STATUS_SUCCESS);
+    agent().end();
+    agent().outcome();
+    agent().tableImpl->revertCriticalState();
+    EXPECT_EQ(signals(), 0u) << "the restore is under way already";
+    ASSERT_LT(turns, 100u);
+    turn();
+  }
+  EXPECT_GE(turns, entries);
+  EXPECT_TRUE(agent().frontEnd.restoreDone);
+  EXPECT_EQ(agent().lastSequence(), before) << "forwarding agents hear of no change";
+  EXPECT_NE(agent().program(exactEntry(9)), 0u);
+  turn();
+  EXPECT_EQ(agent().frontEnd.restored.size(), entries);
+}
+
+// By SIGKILL, or by another pipeline, at any object. Each pipeline has another type of the table
+// than the one before, so that rows are made of records that are kept beside.
+TEST_F(ServerInitTest, ARestoreThatIsInterruptedCostsNothing) {
+  const auto other = pipelineOf(
+      smallP4Info(), replaced(smallDeviceConfig(), "key ether_type : U16", "key ether_type: U16"));
+  serverReady();
+  agent().begin();
+  agent().updateIs(0, 7);
+  const std::string port = bytes("0001");
+  const pi_action_data_t action{nullptr, setPort, port.size(), const_cast<char*>(port.data())};
+  uint64_t member = 0;
+  ASSERT_EQ(_pi_act_prof_mbr_create(0, {1, 0xffff}, profile, &action, &member), PI_STATUS_SUCCESS);
+  agent().add(1, {groupTable, bytes("00000003"), 0, "", 0, 0, "", member});
+  for (uint8_t id = 0; id < 3; ++id) agent().add(2u + id, exactEntry(id));
+  agent().end();
+  forwarder().programAll();
+  ASSERT_TRUE(agent().outcome().empty());
+  const auto startWith = [&](const p4::v1::SetForwardingPipelineConfigRequest& pipeline) {
+    {
+      const Vela::ActivityLock lock;
+      agent().tableImpl->abandonRestore();  // its turns end with the process
+    }
+    initSm_ = nullptr;
+    start(pipeline);
+    make();
+  };
+  bool isDone = false;
+  for (size_t turns = 0; !isDone; ++turns) {
+    for (const bool isKilled : {true, false}) {
+      SCOPED_TRACE(testing::Message() << turns << " turns" << (isKilled ? ", then SIGKILL" : ""));
+      startWith(isKilled ? other : smallPipeline());
+      initSm_->restoreSliceIs(RestoreSlice::ofObjects(1));
+      serverReady();
+      for (size_t i = 0; i < turns; ++i) turn();
+      isDone = !agent().tableImpl->restoring();
+      if (isKilled) {
+        startWith(other);
+      } else {
+        agent().pipelineIs(other, "other.pb.bin");
+        EXPECT_FALSE(agent().tableImpl->restoring());
+        EXPECT_EQ(signals(), 1u) << "the new one is pushed";
+        turn();  // that the former restore had asked for
+        EXPECT_EQ(agent().frontEnd.restoreDone, isDone);
+      }
+      agent().frontEnd.restored.clear();
+      initSm_->restoreSliceIs(RestoreSlice::whole());
+      pushAgain();
+      EXPECT_EQ(agent().frontEnd.restored.size(), 6u) << "two of them constant";
+      EXPECT_EQ(agent().rowCount(exactTable), 3u);
+      EXPECT_EQ(agent().rowCount(groupTable), 1u);
+      EXPECT_EQ(agent().recordCount(), 6u);
+      EXPECT_EQ(agent().tableImpl->failures()->notRestored(), 0u);
+      EXPECT_FALSE(agent().status->brokenInvariant());
+    }
+    ASSERT_LT(turns, 100u);
+  }
+}
+
 // The front end deletes hidden members that no entry claims, when it is told that all is restored:
 // here the entry that claims one was not taken back.
 TEST_F(ServerInitTest, RestoreThatFailsCostsNothingAndIsDoneAgainOnRevert) {
@@ -230,11 +338,7 @@ TEST_F(ServerInitTest, RestoreThatFailsCostsNothingAndIsDoneAgainOnRevert) {
   EXPECT_EQ(signals(), 1u) << "the pipeline is pushed once more";
   EXPECT_EQ(level(), 0u) << "until the entries are back";
   agent().frontEnd.members.clear();
-  {
-    const Vela::ActivityLock lock;
-    server_->serverReadyIs(false);
-  }
-  serverReady();
+  pushAgain();
   EXPECT_EQ(level(), 2u);
   EXPECT_EQ(agent().frontEnd.members.size(), 1u);
   EXPECT_EQ(agent().frontEnd.restored.front().indirectHandle, member);

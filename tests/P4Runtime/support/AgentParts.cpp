@@ -81,7 +81,8 @@ constexpr pi_frontend_hooks_t hooks{
     [](void* cookie, pi_dev_id_t) {
       frontEndOf(cookie).restoreDone = true;
       return PI_STATUS_SUCCESS;
-    }};
+    },
+    nullptr};
 
 pi_match_key_t matchKey(const Entry& entry) {
   return {nullptr, entry.table, entry.priority, entry.key.size(),

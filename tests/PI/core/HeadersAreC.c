@@ -16,6 +16,7 @@
 #include "PI/target/pi_act_prof_imp.h"
 #include "PI/target/pi_clone_imp.h"
 #include "PI/target/pi_counter_imp.h"
+#include "PI/target/pi_extensions_imp.h"
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_learn_imp.h"
 #include "PI/target/pi_mc_imp.h"

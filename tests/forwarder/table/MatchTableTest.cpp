@@ -54,7 +54,20 @@ class Oracle {
       const std::string field = packet.substr(inPacket, column.size);
       inKey += column.size;
       inPacket += column.size;
-      if (column.type == ColumnType::ipGenPrefix) {
+      if (column.role == ColumnRole::low) {
+        const std::string high = key.substr(inKey, column.size);
+        inKey += columns[++i].size;
+        if (field < value || high < field) return false;
+      } else if (column.role == ColumnRole::optional) {
+        const bool present = key[inKey] != 0;
+        inKey += columns[++i].size;
+        if (present && value != field) return false;
+      } else if (column.role == ColumnRole::prefix) {
+        const auto unused = column.size * 8 - column.bits;
+        const auto length = static_cast<uint8_t>(key[inKey]);
+        inKey += columns[++i].size;
+        if (!sameBits(value, field, unused + length)) return false;
+      } else if (column.type == ColumnType::ipGenPrefix) {
         if (value[0] != field[0]) return false;
         if (!sameBits(value.substr(8), field.substr(8), static_cast<uint8_t>(value[1]))) {
           return false;
@@ -77,6 +90,7 @@ class Oracle {
     size_t offset = 0;
     for (const auto& column : type_.keyColumns()) {
       if (column.type == ColumnType::ipGenPrefix) rank.second.push_back(key[offset + 1]);
+      if (column.role == ColumnRole::length) rank.second.push_back(key[offset]);
       if (column.role == ColumnRole::priority) {
         for (char byte : key.substr(offset)) rank.first = rank.first << 8 | uint8_t(byte);
       }
@@ -95,7 +109,15 @@ class Dice {
   std::string key(const Lattice::TableType& type) {
     std::string key;
     for (const auto& column : type.keyColumns()) {
-      if (column.type == ColumnType::ipGenPrefix) {
+      if (column.role == ColumnRole::high) {  // not below the low end
+        key += key.substr(key.size() - column.size);
+        key.back() = static_cast<char>(key.back() + static_cast<char>(below(3)));
+      } else if (column.role == ColumnRole::present) {
+        key += static_cast<char>(below(2));
+        if (key.back() == 0) key[key.size() - 2] = 0;  // the value, whose other bytes are 0
+      } else if (column.role == ColumnRole::length) {
+        appendLength(key, type);
+      } else if (column.type == ColumnType::ipGenPrefix) {
         key += drawnPrefix();
       } else if (column.role == ColumnRole::mask) {
         key += std::string(column.size - 1, '\xff') + "\xff\xfe\xf0\x03\x00"[below(5)];
@@ -108,7 +130,7 @@ class Dice {
   std::string packet(const Lattice::TableType& type) {
     std::string packet;
     for (const auto& column : type.keyColumns()) {
-      if (column.role == ColumnRole::mask || column.role == ColumnRole::priority) continue;
+      if (isSecond(column.role) || column.role == ColumnRole::priority) continue;
       if (column.type == ColumnType::ipGenPrefix) {
         packet += below(2) ? prefix("10.0.0.0", 32) : prefix("fd00::", 128);
         packet[packet.size() - (packet[packet.size() - 24] == 1 ? 13 : 1)] = char(below(256));
@@ -120,6 +142,18 @@ class Dice {
   }
 
  private:
+  static bool isSecond(ColumnRole role) {
+    return role == ColumnRole::mask || role == ColumnRole::high || role == ColumnRole::length ||
+           role == ColumnRole::present;
+  }
+  // The value before it is of one byte.
+  void appendLength(std::string& key, const Lattice::TableType& type) {
+    uint32_t bits = 0;
+    for (const auto& column : type.keyColumns()) bits = std::max(bits, column.bits);
+    const unsigned length = below(bits + 1);
+    key.back() = static_cast<char>(key.back() & static_cast<char>(0xff << (bits - length)));
+    key += static_cast<char>(length);
+  }
   // Prefixes of one /24 or /120, down to the default route.
   std::string drawnPrefix() {
     const bool v6 = below(2);
@@ -218,6 +252,14 @@ INSTANTIATE_TEST_SUITE_P(
               "key c_mask : Bytes<3> mask; key priority : U32 priority; port : U32;"},
         Shape{"rangeOfOneValue", MatchKind::ternary,
               "key port : U16 range; key priority : U32 priority; mark : U32;"},
+        Shape{"ranges", MatchKind::ternary,
+              "key port : U16 low; key port_high : U16 high; key a : U8;"
+              "key priority : U32 priority; mark : U32;"},
+        Shape{"optional", MatchKind::ternary,
+              "key a : U16 optional; key a_present : U8 present; key b : Bits<20> optional;"
+              "key b_present : U8 present; key priority : U32 priority; mark : U32;"},
+        Shape{"prefixOfBits", MatchKind::ternary,
+              "key a : U8; key b : Bits<3> prefix; key b_len : U8 length; mark : U32;"},
         Shape{"prefixUnderPriority", MatchKind::ternary,
               "key dst : IpGenPrefix; key a : U8 value; key a_mask : U8 mask;"
               "key priority : U32 priority; port : U32;"}),
@@ -251,6 +293,34 @@ TEST(MatchLayout, FindsTheFaultsThatNoPacketCouldMatch) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
+    if (c.fault) {
+      EXPECT_THROW(layout.checkKey(c.key), Lattice::TypeError);
+    } else {
+      EXPECT_NO_THROW(layout.checkKey(c.key));
+    }
+  }
+}
+
+TEST(MatchLayout, FindsFaultsInPairsOfColumns) {
+  const char* range = "key p : U16 low; key p_high : U16 high; m : U32;";
+  const char* optional = "key a : U16 optional; key a_present : U8 present; m : U32;";
+  const char* bits = "key a : Bits<12> prefix; key a_len : U8 length; m : U32;";
+  const struct {
+    const char* definition;
+    std::string key;
+    bool fault;
+  } cases[] = {
+      {range, big(2, 2) + big(2, 2), false},     {range, big(0, 2) + big(0xffff, 2), false},
+      {range, big(3, 2) + big(2, 2), true},      {optional, big(7, 2) + big(1, 1), false},
+      {optional, big(0, 2) + big(0, 1), false},  {optional, big(7, 2) + big(0, 1), true},
+      {optional, big(7, 2) + big(2, 1), true},   {bits, big(0x0ff0, 2) + big(8, 1), false},
+      {bits, big(0, 2) + big(0, 1), false},      {bits, big(0x0ff0, 2) + big(7, 1), true},
+      {bits, big(0x1000, 2) + big(12, 1), true},  // beyond the width
+      {bits, big(0, 2) + big(13, 1), true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.definition << testing::PrintToString(c.key));
+    const MatchLayout layout(*typeOf(c.definition));
     if (c.fault) {
       EXPECT_THROW(layout.checkKey(c.key), Lattice::TypeError);
     } else {

@@ -15,7 +15,12 @@ typedef struct {
   /* In match keys, the high end of a range follows its low end, and a byte that is 1 when the value
    * is present, else 0, the value of an optional field (all zero when it is not present). */
   int fields;
+  /* The default entry of a table can be written: as the entry with the key of one byte 0 in the
+   * table PI_DEFAULT_ENTRY_TABLE(its id). No such entry: the program's default action stands. */
+  int default_actions;
 } pi_abilities_t;
+
+#define PI_DEFAULT_ENTRY_TABLE(table_id) ((table_id) ^ 0x80000000u)
 
 /* What the pipeline with these device data asks for; nothing when the target does not know them.
  * Any thread; device_data may be empty. */

@@ -262,7 +262,12 @@ TEST_F(RestoreTest, ADamagedRecordIsNamedWithTableAndKeyAndTheOthersStay) {
   const uint64_t lost = agent().program(exactEntry(2));
   flipBehind(agent().directory + "/brine.store", exactEntry(2).key, 6);
   testing::internal::CaptureStderr();
-  restart();
+  start();
+  {
+    const Vela::ActivityLock lock;
+    agent().tableImpl->tellDamagedRecords();  // an operator has asked before the entries are back
+  }
+  restore();
   const std::string said = testing::internal::GetCapturedStderr();
   EXPECT_THAT(said, testing::ContainsRegex("row of table exact, ether_type=[^\n]*damaged"));
   EXPECT_EQ(agent().tableImpl->failures()->failedEntries(), 1u);
@@ -357,6 +362,30 @@ TEST_F(RestoreTest, FailuresReportedBeforeTheEntriesAreBackAreListedOnceTheyAre)
   EXPECT_EQ(failures.failedEntries(), 1u);
   EXPECT_THAT(failures.list(), testing::HasSubstr("error 3 parity (reported by main)"));
   EXPECT_EQ(failures.reportsOnNoRow(), 1u);
+}
+
+// The entry is not back yet when its failure comes, although the agent has known it before.
+TEST_F(RestoreTest, FailuresReportedInTheMiddleOfALaterRestoreAreListed) {
+  agent().program(exactEntry(1));
+  const uint64_t handle = agent().program(exactEntry(2));
+  const uint64_t sequence = agent().lastSequence();
+  const auto report = [&](ErrorCode code) {
+    const Vela::ActivityLock lock;
+    const Lattice::Report said{handle, sequence, static_cast<uint16_t>(code), "parity", 1, "main"};
+    agent().batchStatus->reportsAre({&said, 1});
+  };
+  for (const ErrorCode code : {ErrorCode::hardwareError, ErrorCode::none}) {
+    const Vela::ActivityLock lock;
+    TableImpl& tables = *agent().tableImpl;
+    tables.beginRestore();
+    EXPECT_FALSE(tables.advanceRestore(RestoreSlice::ofObjects(1)));
+    EXPECT_EQ(tables.restoreProgress().entries, 1u);
+    EXPECT_EQ(tables.restoreProgress().all, 2u);
+    report(code);
+    EXPECT_TRUE(tables.advanceRestore(RestoreSlice::whole()));
+    EXPECT_EQ(tables.failures()->failedEntries(), code == ErrorCode::none ? 0u : 1u);
+    EXPECT_EQ(tables.failures()->reportsOnNoRow(), 0u);
+  }
 }
 
 TEST_F(RestoreTest, CanBeDoneAgainInTheSameProcess) {

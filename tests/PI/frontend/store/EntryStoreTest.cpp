@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
 #include <map>
 
 namespace pi::fe::proto {
@@ -65,6 +66,16 @@ class EntryStoreTest : public testing::Test {
 
   EntryStore store;
 };
+
+TEST_F(EntryStoreTest, RestoredEntriesAddOrReplaceInOrder) {
+  EntrySlot slots[] = {slot(1, 2), slot(kEntries, 3), slot(kEntries, 4)};
+  store.reserve(std::size(slots));
+  store.entriesAre(slots);
+  EXPECT_EQ(now(1), 2u);
+  EXPECT_EQ(now(kEntries), 4u);
+  EXPECT_EQ(store.size(), kEntries + 1);
+  EXPECT_EQ(all(EntryStore::Snapshot(store)).at(kEntries), 4u);
+}
 
 TEST_F(EntryStoreTest, SnapshotOutlivesWritesOfSeveralBatches) {
   const EntrySlot one = slot(7, 0);

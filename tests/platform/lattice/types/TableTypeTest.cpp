@@ -42,7 +42,9 @@ TEST(TableType, ErrorsNameLineAndWhatIsWrong) {
     const char* definition;
     const char* message;
   } cases[] = {
-      {"key a : U16", "line 1: expected value, mask, range, priority or ';', found the end"},
+      {"key a : U16",
+       "line 1: expected value, mask, range, low, high, prefix, length, optional, "
+       "present, priority or ';', found the end"},
       {"\n\nkey a : U17;", "line 3: column a has the unknown type U17"},
       {"key a : U8;\nkey a : U8;", "line 2: there are two columns a"},
       {"key a : U32[];", "column a has a type that cannot be in a key"},
@@ -53,6 +55,15 @@ TEST(TableType, ErrorsNameLineAndWhatIsWrong) {
       {"key a : U16 value;", "value a has no mask"},
       {"key a : U16 value; key b : U32 mask;", "differ in type"},
       {"key a : U16 mask;", "comes right after its value"},
+      {"key a : Bits<0>;", "out of 1 to 8192 bits"},
+      {"key a : Bits<8193>;", "out of 1 to 8192 bits"},
+      {"key a : U16 low; key b : U8;", "column a is a low; its high comes next"},
+      {"key a : U16 low; key b : U16 mask;", "its high comes next"},
+      {"key a : Bits<9> low; key b : Bits<10> high;", "differ in type"},
+      {"key a : U16 high;", "high a comes right after its low"},
+      {"key a : Bits<9> prefix; key b : EthAddr length;", "the length b is of type U8"},
+      {"key a : Bits<9> prefix;", "prefix a has no length"},
+      {"key a : U16 optional; key b : U16 present;", "is of type U8"},
       {"key p : U32 priority; key a : U8;", "the priority is the key's last column"},
       {"key p : EthAddr priority;", "the priority is of type"},
       {"a : U8; key b : U8;", "key columns come before all others"},
