@@ -77,6 +77,7 @@ class Comparison {
     if (former == nullptr) return std::nullopt;  // nothing of it was ever programmed
     if (next == nullptr || former->name != next->name) return absent(kind);
     if (kind == TableKind::defaultEntry) {
+      if (next_.table(id) == nullptr) return absent(kind);
       return actionsReason(*running_.table(id), *next_.table(id));
     }
     if (kind == TableKind::member) return reason(*running_.actionProfile(id), count);

@@ -286,8 +286,10 @@ PushAnswer PipelinePusher::obstacle() const {
 // The push that the entries of a reconciled pipeline belong to. Throws PushRefused when they cannot
 // stay.
 uint64_t PipelinePusher::entriesFor(const Built& built, uint64_t number) const {
-  if (peers_.tableImpl->hasNoEntries()) return number;
-  if (!runsAlready(built)) requireSameMeaning(built);
+  if (!runsAlready(built)) {
+    if (peers_.tableImpl->hasNoEntries()) return number;
+    requireSameMeaning(built);
+  }
   return peers_.tableImpl->pushOfEntries();
 }
 

@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <filesystem>
+#include <iostream>
+#include <random>
 #include <thread>
 
 #include "p4/tmp/p4config.pb.h"
@@ -366,6 +368,75 @@ TEST_F(PushTest, RefusedOnesChangeNothing) {
   expectRuns(running);
   EXPECT_THAT(entries(), SizeIs(10));
   EXPECT_TRUE(insertRoutes(10, 11).ok());
+}
+
+// Pushes of all actions, Writes and restarts, and what must stand after each.
+TEST_F(PushTest, InAnyOrderNothingIsLost) {
+  struct Program {
+    Config config;
+    uint32_t room = 0;  // for routes
+  };
+  Config bare;
+  bare.mutable_p4info();
+  const Program programs[] = {
+      {config(), 10000}, {config(programJson, 20000), 20000}, {config("small", 6), 6}, {bare, 0}};
+  std::mt19937 random(4711);
+  const Program* running = nullptr;
+  const Program* saved = nullptr;
+  uint32_t routes = 0;
+  for (int step = 0; step < 200; ++step) {
+    SCOPED_TRACE(step);
+    const Program& next = programs[random() % std::size(programs)];
+    switch (random() % 7) {
+      case 0:
+        EXPECT_CODE(push(next.config, Set::VERIFY), OK);
+        break;
+      case 1:
+        EXPECT_CODE(push(next.config, Set::VERIFY_AND_SAVE), OK);
+        saved = &next;
+        break;
+      case 2: {
+        const grpc::Status status = commit();
+        EXPECT_EQ(status.error_code(), saved ? grpc::OK : grpc::NOT_FOUND);
+        if (saved) {
+          running = std::exchange(saved, nullptr);
+          routes = 0;
+        }
+        break;
+      }
+      case 3:
+        EXPECT_CODE(push(next.config), OK);
+        running = &next;
+        saved = nullptr;
+        routes = 0;
+        break;
+      case 4: {
+        const bool fits = routes <= next.room;
+        const grpc::Status status = push(next.config, Set::RECONCILE_AND_COMMIT);
+        EXPECT_EQ(status.error_code(), fits ? grpc::OK : grpc::INVALID_ARGUMENT)
+            << status.error_message();
+        if (fits) {
+          running = &next;
+          saved = nullptr;
+        }
+        break;
+      }
+      case 5:
+        if (!running || running->room < routes + 2) break;
+        EXPECT_TRUE(insertRoutes(routes, routes + 2).ok());
+        routes += 2;
+        break;
+      case 6:
+        if (!running || random() % 5 != 0) break;
+        restart();
+        saved = nullptr;
+        break;
+    }
+    if (!running) continue;
+    expectRuns(running->config);
+    ASSERT_THAT(entries(), SizeIs(routes));
+  }
+  EXPECT_EQ(disagreement(), "");
 }
 
 // Nobody's stream ends, and no Write hears another word than that it should come again.

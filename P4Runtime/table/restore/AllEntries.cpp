@@ -1,9 +1,6 @@
 // Which push of a controller the entries belong to, and their removal for another one.
-#include <bit>
 #include <cstring>
-#include <vector>
 
-#include "P4Runtime/table/records/CacheWalk.h"
 #include "P4Runtime/table/restore/Restorer.h"
 #include "platform/scrivel/Trace.h"
 
@@ -17,10 +14,11 @@ constexpr std::string_view numberKey = "number";
 
 // Each record of the cache, as it is read.
 template <typename Record, typename Visit>
-void forEachRecord(EntryCache<Record>& cache, Visit visit) {
-  forEachCopied(cache, [&](Brine::Bytes, Brine::Bytes stored) {
+void forEachRecord(const EntryCache<Record>& cache, Visit visit) {
+  cache.forEach([&](Brine::Bytes, Brine::Bytes stored) {
     Record record;
     if (record.deserialize(stored.data(), stored.size())) visit(record);
+    return true;
   });
 }
 
