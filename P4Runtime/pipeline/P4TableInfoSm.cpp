@@ -219,11 +219,12 @@ NextPipeline P4TableInfoSm::checkedPipeline(
 // model is ready.
 void P4TableInfoSm::doChange() {
   if (std::exchange(cleanupRequested_, false)) doCleanUp();
-  if (auto next = std::exchange(next_, std::nullopt)) {
+  auto next = std::exchange(next_, std::nullopt);
+  if (next) {
     const bool takesEffect = !next->awaited || next->awaited->takeEffect(*next);
     if (takesEffect) runGuarded([&] { doBringUp(*next); });
   }
-  change_.open();
+  change_.open();  // before the change that was awaited goes: until then others wait for its end
 }
 
 void P4TableInfoSm::doBringUp(const NextPipeline& next) {

@@ -122,7 +122,11 @@ class PushTest : public testing::Test {
     for (uint32_t i = from; i < to; ++i) updates.push_back(insertOf(Router::route(router_, i, 1)));
     return controller_->write(updates);
   }
-  std::vector<TableEntry> entries() { return controller_->readTable(0).entries; }
+  std::vector<TableEntry> entries() {
+    const ReadOutcome read = controller_->readTable(0);
+    EXPECT_TRUE(read.status.ok()) << read.status.error_code() << read.status.error_message();
+    return read.entries;
+  }
   std::string disagreement() {
     std::string text;
     waitUntil([&] {
