@@ -16,6 +16,7 @@ namespace {
 
 using p4::config::v1::Action_Param;
 using p4::config::v1::ActionRef;
+using p4::config::v1::ControllerPacketMetadata;
 using p4::config::v1::MatchField;
 
 constexpr uint32_t version = 1;
@@ -27,6 +28,7 @@ struct Key {
 constexpr Key keys[] = {
     {"fields", &Extensions::fields},
     {"default_actions", &Extensions::defaultActions},
+    {"packet_headers", &Extensions::packetHeaders},
     {"no_tables", &Extensions::noTables},
 };
 
@@ -41,6 +43,27 @@ bool needsFields(const MatchField& field) {
 bool needsFields(const Action_Param& parameter) {
   return parameterColumn(parameter, {.fields = true}).refusal.empty() &&
          !parameterColumn(parameter, {}).refusal.empty();
+}
+
+// The one packet_out that is known without: a port of four bytes, and a flag of one.
+bool isPortAndFlag(const ControllerPacketMetadata& header) {
+  const auto has = [&](uint32_t id, int bytes) {
+    return std::ranges::any_of(header.metadata(), [&](const auto& field) {
+      return field.id() == id && (field.bitwidth() + 7) / 8 == bytes;
+    });
+  };
+  return header.metadata_size() == 2 && has(1, 4) && has(2, 1);
+}
+
+bool needsPacketHeaders(const ControllerPacketMetadata& header) {
+  const auto& fields = header.metadata();
+  // Strings have no place on the wire.
+  if (std::ranges::any_of(fields, [](const auto& field) { return field.bitwidth() <= 0; })) {
+    return false;
+  }
+  if (header.preamble().name() == "packet_out") return !isPortAndFlag(header);
+  return header.preamble().name() == "packet_in" &&
+         std::ranges::any_of(fields, [](const auto& field) { return field.bitwidth() % 8 != 0; });
 }
 
 void readKey(const cJSON& item, Extensions* extensions, Findings* findings) {
@@ -83,6 +106,9 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   }
   for (const auto& action : p4Info.actions()) {
     extensions.fields |= std::ranges::any_of(action.params(), parameterNeeds);
+  }
+  for (const auto& header : p4Info.controller_packet_metadata()) {
+    extensions.packetHeaders |= needsPacketHeaders(header);
   }
   return extensions;
 }

@@ -20,11 +20,14 @@ struct Extensions {
   bool fields = false;
   // Default entries are written, in tables of their own. Key "default_actions".
   bool defaultActions = false;
+  // Headers of packets have any layout, bit behind bit as the program declares them. Key
+  // "packet_headers".
+  bool packetHeaders = false;
 
   // The program may have no tables, or no actions. Key "no_tables".
   bool noTables = false;
 
-  bool any() const { return fields || defaultActions || noTables; }
+  bool any() const { return fields || defaultActions || packetHeaders || noTables; }
   friend bool operator==(const Extensions&, const Extensions&) = default;
 };
 

@@ -17,6 +17,11 @@ std::string cpuDeviceText(const CpuPktSm& sm) {
 std::string fieldLines(const P4ControllerPktMetadataEntry::Ptr& header) {
   std::string lines;
   if (!header) return lines;
+  if (!header->wireFields().empty()) lines = "packed";
+  for (const auto& field : header->wireFields()) {
+    lines += fmt::format("\n{} {} {}", field.id, field.name, field.bitwidth);
+  }
+  if (!lines.empty()) return lines;
   for (const auto& [id, field] : header->metadataField()) {
     lines += fmt::format("{}{} {} {}", lines.empty() ? "" : "\n", id, field.name, field.bitwidth);
   }

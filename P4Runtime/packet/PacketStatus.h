@@ -56,7 +56,8 @@ class PacketStatus final : public Vela::Entity {
 };
 
 // At "p4runtime/status/packet-metadata": the running pipeline's headers, for processes that read or
-// write them. A line a field, in header order: "ID NAME BITWIDTH"; each field takes whole bytes.
+// write them. A line a field, in header order: "ID NAME BITWIDTH"; each field takes whole bytes. A
+// line "packed" before them: the fields stand bit behind bit, filled up to whole bytes at the end.
 // Empty: no header.
 class PacketMetadataStatus final : public Vela::Entity {
  public:

@@ -15,10 +15,8 @@
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
-#include "PI/target/pi_extensions_imp.h"
 #include "PI/target/pi_imp.h"
 #include "PI/target/pi_pending_imp.h"
-#include "pipeline/Extensions.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 
@@ -167,12 +165,6 @@ pi_status_t _pi_update_device_start(pi_dev_id_t dev_id, const pi_p4info_t* p4inf
                 " p4info(ptr): ", static_cast<const void*>(p4info),
                 " device_data=", Scrivel::buffer(device_data, device_data_size));
   return PI_STATUS_SUCCESS;
-}
-
-void _pi_abilities(const char* device_data, size_t device_data_size, pi_abilities_t* abilities) {
-  const auto extensions = Pipeline::extensionsIn({device_data, device_data_size});
-  *abilities = {.fields = extensions.fields ? 1 : 0,
-                .default_actions = extensions.defaultActions ? 1 : 0};
 }
 
 pi_status_t _pi_update_device_end(pi_dev_id_t dev_id) {

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/vela/Entity.h"
 
@@ -45,10 +47,16 @@ class P4ControllerPktMetadataEntry final : public Vela::Entity {
   // Each field takes whole bytes of its own.
   uint64_t metadataEntryFieldsBytes() const;
 
+  // Of a header that stands before packets as the program has it on the wire: its fields in their
+  // order, bit behind bit, filled up to whole bytes. Empty for one as above.
+  const std::vector<P4ControllerPktMetadataField>& wireFields() const { return wireFields_; }
+  void wireFieldEnq(P4ControllerPktMetadataField field) { wireFields_.push_back(std::move(field)); }
+
  private:
   const uint32_t id_;  // in the P4Info
   Vela::Collection<uint32_t, P4ControllerPktMetadataField, Fields> metadataField_{*this,
                                                                                   "metadataField"};
+  std::vector<P4ControllerPktMetadataField> wireFields_;
 };
 
 // The pipeline's headers by name, "packet_in" and "packet_out" as a rule. Call with the lock held.

@@ -239,6 +239,7 @@ void P4TableInfoSm::parseP4InfoPktMetadata(const cJSON* p4Info) {
                                              Vela::jsonNumber(field, "bitwidth").value_or(0)};
       SCRIVEL_TRACE(5, " Metadata Field", one.name, " Bitwidth", one.bitwidth);
       entry->metadataFieldIs(one);
+      if (extensions_.packetHeaders) entry->wireFieldEnq(one);
     }
   }
 }

@@ -37,8 +37,9 @@ pi_abilities_t abilitiesOf(const std::string& deviceData) {
 Pipeline::Pipeline(const p4::v1::ForwardingPipelineConfig& config)
     : config_(config),
       deviceData_(deviceDataOf(config_)),
-      index_(config_.p4info(), abilitiesOf(deviceData_)),
-      packetHeaders_(config_.p4info()),
+      abilities_(abilitiesOf(deviceData_)),
+      index_(config_.p4info(), abilities_),
+      packetHeaders_(config_.p4info(), abilities_.packet_headers != 0),
       p4info_{const_cast<P4InfoIndex*>(&index_)} {
   restored_.emplace(index_, store_, use_);
 }

@@ -67,6 +67,7 @@ class Pipeline {
 
   const p4::v1::ForwardingPipelineConfig config_;
   const std::string deviceData_;
+  const pi_abilities_t abilities_;
   const P4InfoIndex index_;
   const PacketHeaders packetHeaders_;
   pi_p4info_t p4info_;

@@ -14,26 +14,34 @@ namespace {
 
 constexpr std::string_view portField = "ingress_port";
 
-// Writes a big-endian value into the low `bits` of the bytes at `to`; false when it has more bits.
-bool place(std::span<const uint8_t> value, uint32_t bits, char* to) {
-  while (!value.empty() && value.front() == 0) value = value.subspan(1);
-  const size_t size = (bits + 7) / 8;
-  if (value.size() > size) return false;
-  const uint32_t spare = static_cast<uint32_t>(size * 8) - bits;
-  if (value.size() == size && spare > 0 && value.front() >> (8 - spare) != 0) return false;
-  std::copy(value.begin(), value.end(), to + (size - value.size()));
+constexpr std::string_view packedMark = "packed";
+
+// Writes a big-endian value into the `bits` bits from `firstBit` on; false when it has more bits.
+bool place(std::span<const uint8_t> value, uint32_t bits, size_t firstBit, char* to) {
+  for (size_t i = 0; i < value.size() * 8; ++i) {  // from the lowest bit on
+    const bool isSet = value[value.size() - 1 - i / 8] >> (i % 8) & 1;
+    if (i >= bits && isSet) return false;
+    if (i >= bits) continue;
+    const size_t at = firstBit + bits - 1 - i;
+    const auto mask = static_cast<uint8_t>(0x80u >> (at % 8));
+    auto& byte = reinterpret_cast<uint8_t&>(to[at / 8]);
+    byte = static_cast<uint8_t>(isSet ? byte | mask : byte & ~mask);
+  }
   return true;
 }
 
 }  // namespace
 
 PuntHeader::PuntHeader(std::string_view lines, const PuntValues& values) {
+  const bool isPacked = lines.starts_with(packedMark);
+  if (isPacked) lines.remove_prefix(packedMark.size());
   while (!lines.empty()) {
     const auto [line, rest] = splitAt(lines, '\n');
     if (!line.empty()) fields_.push_back(fieldOf(line));
     lines = rest;
   }
-  std::ranges::sort(fields_, {}, &Field::id);
+  if (!isPacked) std::ranges::sort(fields_, {}, &Field::id);
+  bytes_.assign(layOut(isPacked), '\0');
   doPlace(values);
 }
 
@@ -54,23 +62,28 @@ PuntHeader::Field PuntHeader::fieldOf(std::string_view line) {
           .bits = static_cast<uint32_t>(*bits)};
 }
 
-void PuntHeader::doPlace(const PuntValues& values) {
-  size_t size = 0;
+// Returns the header's bytes.
+size_t PuntHeader::layOut(bool isPacked) {
+  size_t bits = 0;
   for (Field& field : fields_) {
-    field.offset = size;
-    size += field.size();
-    if (size > FrameBatch::headroom) {
+    if (!isPacked) bits += (8 - field.bits % 8) % 8;  // before the value, in its first byte
+    field.firstBit = bits;
+    bits += field.bits;
+    if (bits > FrameBatch::headroom * 8) {
       throw CommandError(fmt::format(
           "packet_in takes more than {} bytes, too many for the forwarder", FrameBatch::headroom));
     }
   }
-  bytes_.assign(size, '\0');
+  return (bits + 7) / 8;
+}
+
+void PuntHeader::doPlace(const PuntValues& values) {
   for (const auto& [name, value] : values) {
     const Field* found = field(name);
     if (!found) {
       throw CommandError(fmt::format("packet_in has no field {}; it has: {}", name, text()));
     }
-    if (!place(value, found->bits, bytes_.data() + found->offset)) {
+    if (!place(value, found->bits, found->firstBit, bytes_.data())) {
       throw CommandError(
           fmt::format("the value for packet_in's {} has more than its {} bits", name, found->bits));
     }
@@ -87,7 +100,7 @@ std::optional<std::string> PuntHeader::bytes(uint32_t port) const {
   if (const Field* found = field(portField)) {
     uint8_t value[sizeof port];
     for (size_t i = sizeof value; i > 0; port >>= 8) value[--i] = static_cast<uint8_t>(port);
-    if (!place(value, found->bits, bytes.data() + found->offset)) return std::nullopt;
+    if (!place(value, found->bits, found->firstBit, bytes.data())) return std::nullopt;
   }
   return bytes;
 }

@@ -16,12 +16,14 @@ namespace Forwarder {
 // Values by field name, as they were given.
 using PuntValues = std::map<std::string, FieldValue, std::less<>>;
 
-// Fields in ascending order of their ids, each in whole bytes of its own, big-endian. The field
-// ingress_port takes the port; others take the given value, or 0. A plain value.
+// Fields in ascending order of their ids, each in whole bytes of its own, big-endian; or packed,
+// bit behind bit in the order of their lines. The field ingress_port takes the port; others take
+// the given value, or 0. A plain value.
 class PuntHeader {
  public:
   PuntHeader() = default;  // without fields: for a pipeline that has no packet_in
-  // `lines` are "ID NAME BITWIDTH" as the agent publishes them, in any order. Throws CommandError
+  // `lines` are "ID NAME BITWIDTH" as the agent publishes them, in any order; of a packed header in
+  // its order, behind a line "packed". Throws CommandError
   // for lines that cannot be read, and for a value whose field is missing or too narrow.
   PuntHeader(std::string_view lines, const PuntValues& values);
 
@@ -35,10 +37,10 @@ class PuntHeader {
     uint32_t id = 0;
     std::string name;
     uint32_t bits = 0;
-    size_t offset = 0;
-    size_t size() const { return (size_t{bits} + 7) / 8; }
+    size_t firstBit = 0;
   };
   static Field fieldOf(std::string_view line);
+  size_t layOut(bool isPacked);
   void doPlace(const PuntValues& values);
   const Field* field(std::string_view name) const;
 

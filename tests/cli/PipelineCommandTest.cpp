@@ -32,7 +32,8 @@ TEST_F(PipelineCommandTest, SaysWhatIsWrongAndTheWayOut) {
   const std::string out = folder_.file("out");
   const std::string action = "actions { preamble { id: 16777217 name: \"a\" } }";
   const std::string tables = R"(tables { preamble { id: 33554433 name: "c.plain" }
-    action_refs { id: 16777217 } })";
+    match_fields { id: 1 name: "f" bitwidth: 8 other_match_type: "odd" }
+    const_default_action_id: 16777217 action_refs { id: 16777217 } })";
   const std::string noTables = written("noTables", action);
   const std::string plain = written("plain", action + tables);
   const std::string half = folder_.file("half");
@@ -55,7 +56,7 @@ TEST_F(PipelineCommandTest, SaysWhatIsWrongAndTheWayOut) {
       {"its page", {"show", good}, 0, " for device 0\n"},
       {"for programs", {"show", "--json", good}, 0, "\"device_id\":\t\"0\""},
       {"a table of no use", build(plain, {"--device-id", "1", "-o", half}), 0,
-       "warning: table c.plain: cannot be programmed: it has no match fields"},
+       "warning: table c.plain: cannot be programmed: match field \"f\""},
       {"its check", {"check", half}, 0, half + ": runs, without what the warnings name\n"},
       {"its page", {"show", half}, 0, "1 table (1 of them cannot be programmed)"},
       {"no tables", build(noTables, {"--device-id", "1", "-o", out}), 1,

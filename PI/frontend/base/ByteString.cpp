@@ -33,6 +33,26 @@ void putPadded(std::string_view value, uint8_t* out, size_t bytes) {
   std::memcpy(out + zeros, value.data(), value.size());
 }
 
+void putBits(std::string_view value, uint32_t bits, size_t firstBit, uint8_t* out) {
+  value = significant(value);
+  for (size_t i = 0; i < value.size() * 8 && i < bits; ++i) {  // from the lowest bit on
+    const auto byte = static_cast<uint8_t>(value[value.size() - 1 - i / 8]);
+    const size_t at = firstBit + bits - 1 - i;
+    if (byte >> (i % 8) & 1) out[at / 8] |= static_cast<uint8_t>(0x80u >> (at % 8));
+  }
+}
+
+std::string bitsAt(const uint8_t* data, uint32_t bits, size_t firstBit) {
+  std::string value(bytesOf(bits), '\0');
+  for (uint32_t i = 0; i < bits; ++i) {
+    const size_t at = firstBit + bits - 1 - i;
+    if ((data[at / 8] >> (7 - at % 8) & 1) == 0) continue;
+    char& byte = value[value.size() - 1 - i / 8];
+    byte = static_cast<char>(static_cast<uint8_t>(byte) | 1u << (i % 8));
+  }
+  return value;
+}
+
 std::string_view shortest(const uint8_t* data, size_t bytes) {
   size_t zeros = 0;
   while (zeros + 1 < bytes && data[zeros] == 0) ++zeros;

@@ -21,6 +21,12 @@ bool fits(std::string_view value, uint32_t bits);
 // Writes a value that fits into exactly `bytes` bytes, zeros in front.
 void putPadded(std::string_view value, uint8_t* out, size_t bytes);
 
+// Writes a value that fits into the `bits` bits from `firstBit` on, counted from the highest of
+// out[0]; these must be 0.
+void putBits(std::string_view value, uint32_t bits, size_t firstBit, uint8_t* out);
+// The number in such bits, in bytesOf(bits) bytes.
+std::string bitsAt(const uint8_t* data, uint32_t bits, size_t firstBit);
+
 // The shortest form: no leading zero bytes, zero as one byte 00.
 std::string_view shortest(const uint8_t* data, size_t bytes);
 inline void setShortest(const uint8_t* data, size_t bytes, std::string* out) {

@@ -82,8 +82,9 @@ std::string PacketField::text() const {
                       bits == 1 ? " bit)" : " bits)");
 }
 
-PacketHeader::PacketHeader(const p4::config::v1::P4Info& p4Info, std::string_view name)
-    : name(name) {
+PacketHeader::PacketHeader(const p4::config::v1::P4Info& p4Info, std::string_view name,
+                           bool isPacked)
+    : name(name), isPacked(isPacked) {
   for (const auto& declared : p4Info.controller_packet_metadata()) {
     if (declared.preamble().name() != name) continue;
     if (isDeclared) unsupported = absl::StrCat("the pipeline has two headers named ", this->name);
@@ -104,15 +105,27 @@ void PacketHeader::fieldsAre(const p4::config::v1::ControllerPacketMetadata& dec
     const auto bits = static_cast<uint32_t>(field.bitwidth());
     fields.push_back({field.id(), field.name(), bits, bytesOf(bits)});
   }
+  layOut();
+  for (size_t i = 1; i < fields.size(); ++i) {
+    if (fields[i - 1].id != fields[i].id) continue;
+    unsupported = absl::StrCat("two fields of ", name, " have the id ", fields[i].id);
+  }
+}
+
+// Leaves the fields in the order of their ids.
+void PacketHeader::layOut() {
   const auto byId = [](const PacketField& a, const PacketField& b) { return a.id < b.id; };
+  size_t bits = 0;
+  for (PacketField& field : fields) {
+    field.firstBit = bits;
+    bits += field.bits;
+  }
   std::sort(fields.begin(), fields.end(), byId);
   for (PacketField& field : fields) {
-    if (&field != fields.data() && (&field)[-1].id == field.id) {
-      unsupported = absl::StrCat("two fields of ", name, " have the id ", field.id);
-    }
     field.offset = bytes;
     bytes += field.bytes;
   }
+  if (isPacked) bytes = (bits + 7) / 8;
 }
 
 const PacketField* PacketHeader::field(uint32_t id) const {
@@ -127,6 +140,7 @@ std::string PacketHeaders::packetOut(const p4::v1::PacketOut& packet) const {
   if (!out_.unsupported.empty()) {
     refuse(code::unimplemented, "packet-out is not supported: ", out_.unsupported);
   }
+  if (out_.isPacked) return packedOut(packet);
   const size_t count = out_.fields.size();
   if (static_cast<size_t>(packet.metadata_size()) != count) refuseMetadata(out_, packet);
   requirePayload(packet);
@@ -145,12 +159,41 @@ std::string PacketHeaders::packetOut(const p4::v1::PacketOut& packet) const {
   return bytes;
 }
 
+// Controllers leave padding out, and other fields as well.
+std::string PacketHeaders::packedOut(const p4::v1::PacketOut& packet) const {
+  requirePayload(packet);
+  std::string bytes(out_.bytes, '\0');
+  auto* const header = reinterpret_cast<uint8_t*>(bytes.data());
+  std::vector<bool> given(out_.fields.size());
+  for (const auto& metadata : packet.metadata()) {
+    const PacketField* field = out_.field(metadata.metadata_id());
+    if (field == nullptr || given[field - out_.fields.data()]) refuseMetadata(out_, packet);
+    given[field - out_.fields.data()] = true;
+    requireFit(*field, metadata.value());
+    putBits(metadata.value(), field->bits, field->firstBit, header);
+  }
+  return bytes += packet.payload();
+}
+
+std::string PacketHeaders::packedIn(std::string_view received, p4::v1::PacketIn* packet) const {
+  const auto* const header = reinterpret_cast<const uint8_t*>(received.data());
+  for (const PacketField& field : in_.fields) {
+    p4::v1::PacketMetadata* metadata = packet->add_metadata();
+    metadata->set_metadata_id(field.id);
+    *metadata->mutable_value() = bitsAt(header, field.bits, field.firstBit);
+    shorten(metadata->mutable_value());
+  }
+  packet->set_payload(received.data() + in_.bytes, received.size() - in_.bytes);
+  return "";
+}
+
 std::string PacketHeaders::packetIn(std::string_view received, p4::v1::PacketIn* packet) const {
   if (!in_.unsupported.empty()) return in_.unsupported;
   if (received.size() < in_.bytes) {
     return absl::StrCat("a packet of ", received.size(), " bytes is shorter than the ", in_.bytes,
                         " bytes of the packet_in header");
   }
+  if (in_.isPacked) return packedIn(received, packet);
   for (const PacketField& field : in_.fields) {
     const std::string_view value = received.substr(field.offset, field.bytes);
     if (!fits(value, field.bits)) {

@@ -20,35 +20,41 @@ struct PacketField {
   uint32_t bits = 0;
   size_t bytes = 0;
   size_t offset = 0;
+  size_t firstBit = 0;  // of a packed header, in place of the offset
 
   std::string text() const;  // "egress_port (id 1, 32 bits)"
 };
 
 struct PacketHeader {
   // A header that cannot be served makes packets unusable, not the pipeline.
-  PacketHeader(const p4::config::v1::P4Info& p4Info, std::string_view name);
+  // Packed: the fields stand in the P4Info's order, bit behind bit, filled up to whole bytes; else
+  // by their ids, in whole bytes each.
+  PacketHeader(const p4::config::v1::P4Info& p4Info, std::string_view name, bool isPacked);
 
   const PacketField* field(uint32_t id) const;  // null: no such field
 
   std::string name;
+  const bool isPacked;
   bool isDeclared = false;
   std::vector<PacketField> fields;  // in ascending order of their ids
   size_t bytes = 0;
   std::string unsupported;  // why packets with it cannot be served; empty when they can
 
  private:
+  void layOut();
   void fieldsAre(const p4::config::v1::ControllerPacketMetadata& declared);
 };
 
 // Constant after construction; any thread.
 class PacketHeaders {
  public:
-  explicit PacketHeaders(const p4::config::v1::P4Info& p4Info)
-      : out_(p4Info, "packet_out"), in_(p4Info, "packet_in") {}
+  explicit PacketHeaders(const p4::config::v1::P4Info& p4Info, bool arePacked = false)
+      : out_(p4Info, "packet_out", arePacked), in_(p4Info, "packet_in", arePacked) {}
 
   // The header and then the payload, as the target wants them. Throws a Refusal (INVALID_ARGUMENT,
   // UNIMPLEMENTED) that names the field when the metadata differ from packet_out's fields, when a
-  // value does not fit its field, or when the payload is empty.
+  // value does not fit its field, or when the payload is empty. In a packed header, a field that is
+  // not given is 0.
   std::string packetOut(const p4::v1::PacketOut& packet) const;
 
   // Takes the target's header off the packet; values in their shortest form, in order of the ids.
@@ -58,6 +64,9 @@ class PacketHeaders {
   const PacketHeader& out() const { return out_; }
 
  private:
+  std::string packedOut(const p4::v1::PacketOut& packet) const;
+  std::string packedIn(std::string_view received, p4::v1::PacketIn* packet) const;
+
   const PacketHeader out_;
   const PacketHeader in_;
 };

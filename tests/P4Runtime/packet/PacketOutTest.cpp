@@ -94,6 +94,55 @@ TEST_F(PacketOutTest, QueuesPortFlagAndPayload) {
   }
 }
 
+// Of a program's own layout: the agent serves the port that the header names, and hands all else to
+// the forwarding plane as it came.
+TEST_F(PacketOutTest, DecidesByFieldNamesOfAHeaderOnTheWire) {
+  using Fields = std::vector<P4ControllerPktMetadataField>;
+  const Fields padded{{1, "egress_port", 9}, {2, "_pad", 7}};
+  const Fields flagged{{1, "hdr.out.egress-port", 9}, {2, "submit_to_ingress", 1}, {3, "_pad", 6}};
+  const struct {
+    const char* what;
+    Fields fields;
+    const char* bytes;
+    pi_status_t status;
+    uint32_t port;
+    bool ingress;
+    const char* packet;
+  } cases[] = {
+      {"port", padded, "ff80 aabb", PI_STATUS_SUCCESS, 0x1ff, false, "aabb"},
+      {"padding does not count", padded, "007f aabb", PI_STATUS_SUCCESS, 0, false, "aabb"},
+      {"port, flag not set", flagged, "0180 aa", PI_STATUS_SUCCESS, 3, false, "aa"},
+      {"flag set", flagged, "01c0 aa", PI_STATUS_SUCCESS, 0, true, "01c0aa"},
+      {"no port", {{1, "reason", 8}}, "07 aa", PI_STATUS_SUCCESS, 0, true, "07aa"},
+      {"a port beyond all",
+       {{1, "egress_port", 64}},
+       "0000000100000000 aa",
+       PI_STATUS_SUCCESS,
+       0,
+       true,
+       "0000000100000000aa"},
+      {"cut short", padded, "ff", PI_STATUS_PACKETOUT_SEND_ERROR, 0, false, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    headerIs(c.fields);
+    {
+      const ActivityLock lock;
+      const auto header = parts_.controllerPktMetadata->metadataEntry("packet_out");
+      for (const auto& field : c.fields) header->wireFieldEnq(field);
+    }
+    ASSERT_EQ(send(bytes(c.bytes)), c.status);
+    const ActivityLock lock;
+    ASSERT_EQ(queue_->txPktDesc().empty(), c.status != PI_STATUS_SUCCESS);
+    if (c.status != PI_STATUS_SUCCESS) continue;
+    const auto desc = queue_->txPktDesc().deq().second;
+    EXPECT_EQ(desc.flags.ingressProcessingEnabled(), c.ingress);
+    EXPECT_EQ(desc.egressP4PortId, c.port);
+    const auto packet = desc.pkt->bytes();
+    EXPECT_EQ(std::string(packet.begin(), packet.end()), bytes(c.packet));
+  }
+}
+
 TEST_F(PacketOutTest, RefusesWhatThereIsNoRoomFor) {
   headerIs(usable);
   const std::string packet(1000, '\0');

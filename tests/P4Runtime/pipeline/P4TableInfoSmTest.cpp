@@ -112,11 +112,12 @@ TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
       {"a P4Info without actions", path + "7",
        pipelineOf("", smallDeviceConfig()).SerializeAsString(),
        "Cannot find actions section in the P4Info file"},
-      {"a profile that its table does not name", path + "8",
-       pipelineOf(replaced(smallP4Info(), "implementation_id: 0x11000001", ""), smallDeviceConfig())
+      {"a profile that is not there", path + "8",
+       pipelineOf(replaced(smallP4Info(), "implementation_id: 0x11000001",
+                           "implementation_id: 0x11000099"),
+                  smallDeviceConfig())
            .SerializeAsString(),
-       "P4Info: action profile profile is that of table group, which names none as its"
-       " implementation"},
+       "P4Info: table group refers to action profile 0x11000099, which is not there"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

@@ -18,6 +18,9 @@ typedef struct {
   /* The default entry of a table can be written: as the entry with the key of one byte 0 in the
    * table PI_DEFAULT_ENTRY_TABLE(its id). No such entry: the program's default action stands. */
   int default_actions;
+  /* The headers of packets are as the program has them on the wire: the fields in the P4Info's
+   * order, bit behind bit, filled up to whole bytes at the end. */
+  int packet_headers;
 } pi_abilities_t;
 
 #define PI_DEFAULT_ENTRY_TABLE(table_id) ((table_id) ^ 0x80000000u)

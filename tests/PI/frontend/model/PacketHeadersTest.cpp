@@ -105,6 +105,58 @@ TEST(PacketHeaders, TravelInOrderOfTheirIdsAndComeBackInShortestForm) {
   }
 }
 
+// Bit behind bit, in the P4Info's order, as the program's deparser would have it.
+TEST(PacketHeaders, TravelAsTheProgramHasThemWhenPacked) {
+  const struct {
+    const char* what;
+    std::vector<Field> fields;
+    std::vector<Value> given;
+    std::string header;
+    std::vector<Value> back;
+  } cases[] = {
+      {"a port of 9 bits and padding",
+       {{1, 9}, {2, 7}},
+       {{1, "\1\xff"}, {2, "\0"s}},
+       "\xff\x80",
+       {{1, "\1\xff"}, {2, "\0"s}}},
+      {"padding left out", {{1, 9}, {2, 7}}, {{1, "\1"}}, "\0\x80"s, {{1, "\1"}, {2, "\0"s}}},
+      {"nothing given", {{1, 9}, {2, 1}}, {}, "\0\0"s, {{1, "\0"s}, {2, "\0"s}}},
+      {"filled up to a byte", {{1, 9}, {2, 1}}, {{2, "\1"}}, "\0\x40"s, {{1, "\0"s}, {2, "\1"}}},
+      {"ids out of order",
+       {{7, 4}, {3, 12}},
+       {{3, "\xab"}, {7, "\xc"}},
+       "\xc0\xab",
+       {{3, "\xab"}, {7, "\xc"}}},
+      {"a wide field",
+       {{1, 1}, {2, 65}},
+       {{1, "\1"}, {2, "\1\0\0\0\0\0\0\0\3"s}},
+       "\xc0\0\0\0\0\0\0\0\xc0"s,
+       {{1, "\1"}, {2, "\1\0\0\0\0\0\0\0\3"s}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const PacketHeaders out(p4InfoOf("packet_out", c.fields), true);
+    const std::string bytes = out.packetOut(packetOf<p4::v1::PacketOut>(c.given, "payload"));
+    EXPECT_EQ(bytes, c.header + "payload");
+    p4::v1::PacketIn in;
+    EXPECT_EQ(PacketHeaders(p4InfoOf("packet_in", c.fields), true).packetIn(bytes, &in), "");
+    EXPECT_EQ(in.SerializeAsString(),
+              packetOf<p4::v1::PacketIn>(c.back, "payload").SerializeAsString());
+  }
+  const PacketHeaders headers(p4InfoOf("packet_out", {{1, 9}, {2, 7}}), true);
+  for (const auto& [given, message] : std::vector<std::pair<std::vector<Value>, const char*>>{
+           {{{3, "\1"}}, "id 3 is unknown"},
+           {{{1, "\1"}, {1, "\1"}}, "is given twice"},
+           {{{1, "\2\0"s}}, "cannot hold the value"}}) {
+    try {
+      headers.packetOut(packetOf<p4::v1::PacketOut>(given, "p"));
+      ADD_FAILURE() << message;
+    } catch (const Refusal& refusal) {
+      EXPECT_THAT(refusal, RefusedWith(code::invalidArgument, message));
+    }
+  }
+}
+
 TEST(PacketHeaders, RefusePacketOutsThatAreNotAsDeclared) {
   const std::vector<Field> fields = {{1, 32}, {2, 1}};
   const Value port{1, "\7"};

@@ -415,7 +415,6 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p
                                           pi_indirect_handle_t group) {
   return theTarget->handleGroup("describe", profileId, 0, &group);
 }
-void _pi_abilities(const char*, size_t, pi_abilities_t*) {}
 int _pi_pipeline_push(pi_dev_id_t, int action, const char* config, size_t size,
                       pi_bytes_receiver_t say, void* cookie) {
   FakeTarget::Pushes& pushes = theTarget->pushes;
@@ -427,6 +426,9 @@ int _pi_pipeline_push(pi_dev_id_t, int action, const char* config, size_t size,
 void _pi_pipeline_given(pi_dev_id_t, pi_bytes_receiver_t receiver, void* cookie) {
   const std::string& given = theTarget->pushes.given;
   if (!given.empty()) receiver(cookie, given.data(), given.size());
+}
+void _pi_abilities(const char*, size_t, pi_abilities_t* abilities) {
+  if (theTarget) *abilities = theTarget->abilities();
 }
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,

@@ -17,6 +17,7 @@
 #include "PI/pi_counter.h"
 #include "PI/pi_meter.h"
 #include "PI/pi_tables.h"
+#include "PI/target/pi_extensions_imp.h"
 
 class FakeTarget {
  public:
@@ -77,6 +78,9 @@ class FakeTarget {
     failures_.clear();
     callStatus_.clear();
   }
+  // Of all pipelines that come up from here on.
+  void abilitiesAre(const pi_abilities_t& abilities) { abilities_ = abilities; }
+  const pi_abilities_t& abilities() const { return abilities_; }
   void batchStatusIs(pi_status_t status) { batchStatus_ = status; }  // of beginning one
   void fetchStatusIs(pi_status_t status) { fetchStatus_ = status; }
   void updateDeviceStatusIs(pi_status_t status) { updateDeviceStatus_ = status; }
@@ -147,6 +151,7 @@ class FakeTarget {
                                                           const std::vector<uint32_t>& refused);
 
  private:
+  pi_abilities_t abilities_{};
   struct Failure {
     int canonicalCode;
     std::string message;
