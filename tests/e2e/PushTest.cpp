@@ -11,8 +11,6 @@
 #include <thread>
 
 #include "p4/tmp/p4config.pb.h"
-#include "pipeline/Files.h"
-#include "pipeline/Finding.h"
 #include "tests/e2e/Router.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/ForwarderProcess.h"
@@ -327,12 +325,15 @@ TEST_F(PushTest, EveryPublicProgramIsTaken) {
   for (const auto& file : std::filesystem::directory_iterator(directory / "p4info")) {
     const std::string name = file.path().filename().string();
     SCOPED_TRACE(name);
+    const std::string built = directory_.file("built");
+    const CommandResult build = run({binaryPath("korvel"), "pipeline", "build", "--p4info",
+                                     file.path().string(), "--device-id", "1", "-o", built});
+    ASSERT_EQ(build.exit.code, 0) << build.error;
     Config pushed;
-    ::Pipeline::Findings findings;
-    ::Pipeline::readP4Info(file.path().string(), pushed.mutable_p4info(), &findings);
+    *pushed.mutable_p4info() = TestSupport::Pipeline(built).p4info();
     const auto json = directory / "json" / (name.substr(0, name.find('.')) + ".json");
     if (std::filesystem::exists(json)) {
-      pushed.set_p4_device_config(::Pipeline::fileContents(json.string()));
+      pushed.set_p4_device_config(fileText(json.string()));
     }
     EXPECT_CODE(push(pushed), OK);
     expectRuns(pushed);
