@@ -29,6 +29,7 @@ constexpr Key keys[] = {
     {"fields", &Extensions::fields},
     {"default_actions", &Extensions::defaultActions},
     {"packet_headers", &Extensions::packetHeaders},
+    {"no_tables", &Extensions::noTables},
 };
 
 bool needsFields(const MatchField& field) {
@@ -96,6 +97,7 @@ bool hasOpenDefault(const p4::config::v1::Table& table) {
 
 Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   Extensions extensions;
+  extensions.noTables = p4Info.tables().empty() || p4Info.actions().empty();
   const auto fieldNeeds = [](const MatchField& field) { return needsFields(field); };
   const auto parameterNeeds = [](const Action_Param& parameter) { return needsFields(parameter); };
   for (const auto& table : p4Info.tables()) {

@@ -24,7 +24,10 @@ struct Extensions {
   // "packet_headers".
   bool packetHeaders = false;
 
-  bool any() const { return fields || defaultActions || packetHeaders; }
+  // The program may have no tables, or no actions. Key "no_tables".
+  bool noTables = false;
+
+  bool any() const { return fields || defaultActions || packetHeaders || noTables; }
   friend bool operator==(const Extensions&, const Extensions&) = default;
 };
 

@@ -66,6 +66,8 @@ class AnyFinder : public pb::TextFormat::Finder {
   }
 };
 
+}  // namespace
+
 void dropUnresolvableAnys(p4::config::v1::P4Info* p4Info, Findings* findings) {
   for (auto& table : *p4Info->mutable_tables()) {
     if (!table.has_other_properties()) continue;
@@ -80,6 +82,8 @@ void dropUnresolvableAnys(p4::config::v1::P4Info* p4Info, Findings* findings) {
     }
   }
 }
+
+namespace {
 
 // In JSON, messages of types that we do not know cannot be read at all; in the other forms their
 // contents are skipped.

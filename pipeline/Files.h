@@ -30,6 +30,9 @@ void fileContentsIs(const std::string& path, std::string_view contents);
 // table properties): the agent could not turn them into JSON.
 void readP4Info(const std::string& path, p4::config::v1::P4Info* p4Info, Findings* findings);
 
+// Takes those out of a P4Info in memory.
+void dropUnresolvableAnys(p4::config::v1::P4Info* p4Info, Findings* findings);
+
 // The text form of `message`, from `text`. Unknown fields are skipped with a warning.
 void parseTextForm(const std::string& path, std::string_view text,
                    google::protobuf::Message* message, Findings* findings);

@@ -51,6 +51,9 @@ void checkMandatorySections(const P4Info& p4Info, Findings* findings) {
     findings->error("P4Info", "has no tables; the agent needs one",
                     {"Cannot find tables section in the P4Info file"});
   }
+}
+
+void checkJsonForm(const P4Info& p4Info, Findings* findings) {
   std::string json;
   const auto status = google::protobuf::util::MessageToJsonString(p4Info, &json);
   if (status.ok()) return;
@@ -146,9 +149,10 @@ const p4::config::v1::Action& P4InfoLookup::actionNamed(const p4::config::v1::Ta
   return *actions[indexNamed("action", name, names, aliases)];
 }
 
-void checkP4Info(const P4InfoLookup& index, Findings* findings) {
+void checkP4Info(const P4InfoLookup& index, Findings* findings, bool mayHaveNoTables) {
   const P4Info& p4Info = index.p4Info();
-  checkMandatorySections(p4Info, findings);
+  if (!mayHaveNoTables) checkMandatorySections(p4Info, findings);
+  checkJsonForm(p4Info, findings);
   if (const std::string fault = pi::fe::proto::p4info_fault(p4Info); !fault.empty()) {
     findings->error("", fault);
   }

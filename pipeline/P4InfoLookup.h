@@ -49,7 +49,8 @@ class P4InfoLookup {
 
 // Errors: reasons for which the agent or its server would refuse the P4Info as a whole. Warnings:
 // direct counters and meters that are not tied to their tables.
-void checkP4Info(const P4InfoLookup& index, Findings* findings);
+// `mayHaveNoTables`: nor actions.
+void checkP4Info(const P4InfoLookup& index, Findings* findings, bool mayHaveNoTables = false);
 
 // Position of the one name that `text` names, as tableNamed() does; `what` is for the error.
 size_t indexNamed(std::string_view what, std::string_view text,

@@ -64,20 +64,18 @@ void checkEntryCounts(const P4InfoLookup& index, const PipelineLayout& layout,
 
 }  // namespace
 
-void buildPipeline(const BuildOptions& options, Findings* findings) {
-  p4::v1::SetForwardingPipelineConfigRequest request;
-  request.set_device_id(options.deviceId);
-  request.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
-  electionIdIs(options.electionId, &request);
-  p4::config::v1::P4Info* p4Info = request.mutable_config()->mutable_p4info();
-  readP4Info(options.p4InfoPath, p4Info, findings);
-
-  const P4InfoLookup index(*p4Info);
-  checkP4Info(index, findings);
+void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConfigRequest* request,
+                  Findings* findings) {
+  request->set_device_id(options.deviceId);
+  request->set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
+  electionIdIs(options.electionId, request);
+  const p4::config::v1::P4Info& p4Info = request->config().p4info();
+  const P4InfoLookup index(p4Info);
+  checkP4Info(index, findings, options.mayHaveNoTables);
   if (findings->hasErrors()) return;
 
   checkProfiles(index, findings);
-  const Extensions extensions = extensionsFor(*p4Info);
+  const Extensions extensions = extensionsFor(p4Info);
   const PipelineLayout layout = pipelineLayout(index, extensions, findings);
   std::vector<ConstantEntry> entries;
   if (!options.entriesPath.empty())
@@ -92,7 +90,14 @@ void buildPipeline(const BuildOptions& options, Findings* findings) {
 
   p4::tmp::P4DeviceConfig deviceConfig;
   deviceConfig.set_device_data(deviceConfigText(device));
-  request.mutable_config()->set_p4_device_config(deviceConfig.SerializeAsString());
+  request->mutable_config()->set_p4_device_config(deviceConfig.SerializeAsString());
+}
+
+void buildPipeline(const BuildOptions& options, Findings* findings) {
+  p4::v1::SetForwardingPipelineConfigRequest request;
+  readP4Info(options.p4InfoPath, request.mutable_config()->mutable_p4info(), findings);
+  buildRequest(options, &request, findings);
+  if (findings->hasErrors()) return;
   fileContentsIs(options.outputPath, request.SerializeAsString());
 }
 

@@ -4,6 +4,10 @@
 #include <cstdint>
 #include <string>
 
+namespace p4::v1 {
+class SetForwardingPipelineConfigRequest;
+}
+
 namespace Pipeline {
 
 class Findings;
@@ -15,7 +19,14 @@ struct BuildOptions {
   std::string queriesPath;  // empty: no queries
   std::string electionId;   // decimal, or "HIGH:LOW"; empty: none in the file
   std::string outputPath;
+  bool mayHaveNoTables = false;  // nor actions
 };
+
+// Completes the request of a pipeline file that holds a P4Info so far, unless the findings hold
+// errors. Any thread; touches no file but those that the options name, and not those of the P4Info
+// and the output.
+void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConfigRequest* request,
+                  Findings* findings);
 
 // Writes the pipeline file unless the findings hold errors; then nothing is written.
 void buildPipeline(const BuildOptions& options, Findings* findings);

@@ -164,11 +164,19 @@ class DeviceCheck {
   std::map<std::pair<std::string, uint32_t>, size_t> places_;  // of a table's entries, by match
 };
 
+bool mayHaveNoTables(const Request& request) {
+  const auto& p4Info = request.config().p4info();
+  if (!p4Info.tables().empty() && !p4Info.actions().empty()) return true;
+  Findings unsaid;
+  const std::optional<std::string> json = deviceData(request, &unsaid);
+  return json && extensionsIn(*json).noTables;
+}
+
 void checkRequest(const Request& request, Verdict* verdict) {
   Findings* const findings = &verdict->findings;
   checkHead(request, findings);
   const P4InfoLookup index(request.config().p4info());
-  checkP4Info(index, findings);
+  checkP4Info(index, findings, mayHaveNoTables(request));
   const std::optional<std::string> json = deviceData(request, findings);
   if (!json) return;
   const std::optional<DeviceConfig> device = parseDeviceConfig(*json, findings);

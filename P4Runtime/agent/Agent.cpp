@@ -174,12 +174,27 @@ void Agent::handleAgentLeft(const Lattice::SubscriberInfo& agent) {
 }
 
 void Agent::doBuildPipeline() {
+  pushedFiles_ = std::make_unique<PushedFiles>(runtime_.stateDirectory + "/pushed");
   typeService_ = Vela::make<Pollen::TypeService>(runtime_.loop, typeConfigDir(), typeStatusDir());
   p4ControllerPktMetadataIs(p4ControllerPktMetadataFactory());
   p4TableInfoSmIs(p4TableInfoSmFactory(
       p4TableInfo(), p4ControllerPktMetadata(), p4RtSystemConfig(),
-      {typeConfigDir(), typeStatusDir(), queryConfigDir(), queryStatusDir(), tables_.get()},
+      {.typeConfigDir = typeConfigDir(),
+       .typeStatusDir = typeStatusDir(),
+       .queryConfigDir = queryConfigDir(),
+       .queryStatusDir = queryStatusDir(),
+       .tables = tables_.get(),
+       .pushed = pushedFiles_.get(),
+       .entriesBelongTo = [this](uint64_t push) { tableImpl()->entriesBelongTo(push); }},
       {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
+  pipelinePusher_ = Vela::make<PipelinePusher>(PusherPeers{.loop = runtime_.loop,
+                                                           .files = *pushedFiles_,
+                                                           .tableInfoSm = p4TableInfoSm(),
+                                                           .tableInfo = p4TableInfo(),
+                                                           .tableImpl = tableImpl(),
+                                                           .systemConfig = p4RtSystemConfig(),
+                                                           .systemStatus = p4RtSystemStatus()});
+  ThePipelinePushesIs(pipelinePusher_.get());
   Pollen::QueryTables queryTables;
   queryTables.typeOf = [this](const std::string& name) { return p4TableInfo()->typeOfTable(name); };
   queryTables.outputTableIs = [this](const std::string& path, const std::string& type) {
@@ -222,6 +237,8 @@ void Agent::doBuildServer() {
       [server = piServer().get()](uint32_t level) { server->setOperationPermissionLevel(level); });
   piServerInitSmIs(korvelPiServerInitSmFactory(p4TableInfo(), p4RtSystemConfig(),
                                                p4RtSystemStatus(), piServer(), tableImpl()));
+  changes_.push_back(
+      piServerInitSm()->installsAttribute().observe([this] { p4TableInfoSm()->handleServed(); }));
 }
 
 void Agent::doBuildCommands() {

@@ -40,6 +40,7 @@ void Agent::doPublish() {
   database.entityIs("p4runtime/tableImpl", tableImpl());
   database.entityIs("p4runtime/tableInfo", p4TableInfo());
   database.entityIs("p4runtime/batchStatus", batchStatus());
+  database.entityIs("p4runtime/pipeline", pipelinePusher_);
   database.entityIs("p4runtime/writeGate", Vela::Ptr<Vela::Entity>(TheWriteGate()));
   database.entityIs("p4runtime/piServer", piServer());
   database.entityIs("p4runtime/status/vrf", vrfIdCollection());

@@ -163,6 +163,7 @@ void KorvelPiServerInitSm::doAdvanceRestore(const RestoreSlice& slice) {
   if (!maybeFinishRestore(slice)) return doPostRestoreTurn();
   pi_restore_done(server()->deviceId());
   push_.open();
+  installsIs(installs() + 1);
 }
 
 // After a failed restore the server would delete members and groups that none of its entries

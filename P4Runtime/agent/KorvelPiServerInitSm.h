@@ -34,6 +34,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<KorvelPiServer>, server, nullptr)
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<TableImpl>, tableImpl, nullptr)
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
+  VELA_READONLY_ATTRIBUTE(uint32_t, installs, 0)  // pipelines that were served with their entries
 
  public:
   // How much of a restore is done in one turn of the reactor; others are served in between.

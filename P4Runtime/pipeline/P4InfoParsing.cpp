@@ -111,6 +111,7 @@ void P4TableInfoSm::handleP4InfoStr(const std::string& p4InfoJson) {
 
 void P4TableInfoSm::parseP4InfoActions(const cJSON* p4Info) {
   const cJSON* actions = Vela::jsonArray(p4Info, "actions");
+  if (!actions && extensions_.noTables) return;
   if (!actions) throwParsingException("Cannot find actions section in the P4Info file");
   for (const cJSON* action : Vela::JsonElements(actions)) {
     const ResourceId rid{actionResource, preambleId(action)};
@@ -141,6 +142,7 @@ void P4TableInfoSm::parseP4InfoDirectResources(const cJSON* p4Info) {
 
 void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
   const cJSON* tables = Vela::jsonArray(p4Info, "tables");
+  if (!tables && extensions_.noTables) return;
   if (!tables) throwParsingException("Cannot find tables section in the P4Info file");
   for (const cJSON* table : Vela::JsonElements(tables)) {
     const ResourceId rid{tableResource, preambleId(table)};

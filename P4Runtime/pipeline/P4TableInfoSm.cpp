@@ -96,7 +96,7 @@ P4TableInfoSm::P4TableInfoSm(Vela::Ptr<P4TableInfo> tableInfo,
       tableInfo_->cleanupRequestIdAttribute().observe([this] { handleCleanupRequest(); }));
   changes_.push_back(systemConfig_->enabledAttribute().observe([this] { handleEnabled(); }));
   changes_.push_back(systemConfig_->forwardingPipelineConfigFilePathAttribute().observe(
-      [this] { handlePipelineConfigFile(); }));
+      [this] { handleConfiguredPath(); }));
   changes_.push_back(services_.typeStatusDir->entityCollection().observeKeys(
       [this](const std::string& name) { watchTypeStatus(name); }));
   changes_.push_back(services_.queryStatusDir->entityCollection().observeKeys(
@@ -119,18 +119,52 @@ void P4TableInfoSm::handleInitialized() {
   initializedIs(true);
 }
 
-void P4TableInfoSm::handlePipelineConfigFile() {
+// A pushed pipeline stays until it is reset.
+void P4TableInfoSm::handleConfiguredPath() {
   const std::string path = systemConfig_->forwardingPipelineConfigFilePath();
-  SCRIVEL_TRACE(1, "handlePipelineConfigFile", " File ", path);
-  if (!systemConfig_->enabled()) return;  // handleEnabled() asks again
-  next_.reset();                          // a change that waits for a Write is overtaken
-  runGuarded([&] {
-    next_ = readPipelineConfigFile(path);
-    change_.close([this] { doChange(); });
-  });
+  const bool isPushed = !given_.empty() || (awaited_ && systemConfig_->enabled());
+  if (!isPushed) return handlePipelineConfigFile();
+  SCRIVEL_TRACE(1, "handleConfiguredPath", " a pushed pipeline stays; configured: ", path);
+  fmt::print(stderr,
+             "korvel: the pipeline that a controller pushed stays; 'korvel pipeline reset' goes "
+             "back to the configured one, {} now\n",
+             path.empty() ? "none" : path);
 }
 
-P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::string& path) const {
+void P4TableInfoSm::handlePipelineConfigFile() {
+  SCRIVEL_TRACE(1, "handlePipelineConfigFile", " File ",
+                systemConfig_->forwardingPipelineConfigFilePath());
+  if (!systemConfig_->enabled()) return;  // handleEnabled() asks again
+  next_.reset();                          // a change that waits for a Write is overtaken
+  runGuarded([&] { pipelineIs(readPipelineInForce()); });
+  TheParsingStatus()->waitsForPushIs(!next_ && awaitsFirst());
+}
+
+// Whether only a push can bring a pipeline.
+bool P4TableInfoSm::awaitsFirst() const {
+  return systemConfig_->forwardingPipelineConfigFilePath().empty() &&
+         tableInfo_->pipelineRequest().empty();
+}
+
+void P4TableInfoSm::pipelineIs(NextPipeline next) {
+  next_ = std::move(next);
+  change_.close([this] { doChange(); });
+}
+
+NextPipeline P4TableInfoSm::readPipelineInForce() const {
+  const auto mark = services_.pushed ? services_.pushed->mark() : std::nullopt;
+  if (!mark) return configuredPipeline();
+  NextPipeline next = readPipelineConfigFile(services_.pushed->pipelinePath(*mark));
+  next.given = services_.pushed->given(*mark);
+  next.entries = mark->entries;
+  return next;
+}
+
+NextPipeline P4TableInfoSm::configuredPipeline() const {
+  return readPipelineConfigFile(systemConfig_->forwardingPipelineConfigFilePath());
+}
+
+NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::string& path) const {
   const auto fail = [](const std::string& text, const std::string& hint = {}) {
     throw P4RuntimeParsingException({}, text, {}, hint);
   };
@@ -156,13 +190,21 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
             request.device_id(), systemConfig_->deviceId()),
         whatItIs(path));
   }
+  return checkedPipeline(path, request);
+}
+
+NextPipeline P4TableInfoSm::checkedPipeline(
+    const std::string& path, const p4::v1::SetForwardingPipelineConfigRequest& request) {
   NextPipeline next{path, request.SerializeAsString(), {}, {}, {}, {}};
   const auto converted =
       google::protobuf::util::MessageToJsonString(request.config().p4info(), &next.p4InfoJson);
-  if (!converted.ok()) fail("Failed to convert p4Info to JSON " + converted.ToString());
+  if (!converted.ok()) {
+    throw P4RuntimeParsingException({}, "Failed to convert p4Info to JSON " + converted.ToString(),
+                                    {});
+  }
   p4::tmp::P4DeviceConfig device;
   if (!device.ParseFromString(request.config().p4_device_config())) {
-    fail("Failed to read device configuration " + path);
+    throw P4RuntimeParsingException({}, "Failed to read device configuration " + path, {});
   }
   next.deviceJson = std::move(*device.mutable_device_data());
   Pipeline::Verdict verdict = Pipeline::checkPipeline(request);
@@ -177,16 +219,22 @@ P4TableInfoSm::NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::str
 // model is ready.
 void P4TableInfoSm::doChange() {
   if (std::exchange(cleanupRequested_, false)) doCleanUp();
-  if (const auto next = std::exchange(next_, std::nullopt)) {
-    runGuarded([&] { doBringUp(*next); });
+  auto next = std::exchange(next_, std::nullopt);
+  if (next) {
+    const bool takesEffect = !next->awaited || next->awaited->takeEffect(*next);
+    if (takesEffect) runGuarded([&] { doBringUp(*next); });
   }
-  change_.open();
+  change_.open();  // before the change that was awaited goes: until then others wait for its end
 }
 
 void P4TableInfoSm::doBringUp(const NextPipeline& next) {
+  TheParsingStatus()->waitsForPushIs(false);
+  awaited_ = next.awaited;
   doForgetPipeline();
+  if (next.entries && services_.entriesBelongTo) services_.entriesBelongTo(*next.entries);
   refused_ = next.refused;
   extensions_ = next.extensions;
+  given_ = next.given;
   tableInfo_->pipelineRequestIs(next.request);
   TheParsingStatus()->pipelineFileIs(next.path);
   writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
@@ -194,6 +242,19 @@ void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   writeForPeople(files_.deviceJsonPath, next.deviceJson);
   TheParsingStatus()->failureCleared();
   handlePipelineConfigStr(next.deviceJson);
+}
+
+void P4TableInfoSm::handleServed() {
+  if (tableInfo_->tableInfoState() != P4TableInfoState::tableInfoReady) return;
+  if (const auto awaited = std::exchange(awaited_, nullptr)) awaited->succeed();
+}
+
+// The former pipeline comes up again in place of one that somebody waits for.
+void P4TableInfoSm::handleFailure() {
+  const auto awaited = std::exchange(awaited_, nullptr);
+  if (!awaited) return;
+  awaited->fail(TheParsingStatus()->text());
+  handlePipelineConfigFile();
 }
 
 // A new pipeline starts from nothing. Rows and records of the former one stay until the new one's

@@ -2,6 +2,7 @@
 // the write path: table types, interfaces, row constructors and queries.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -10,8 +11,10 @@
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/pi/WriteGate.h"
+#include "P4Runtime/pipeline/NextPipeline.h"
 #include "P4Runtime/pipeline/P4ControllerPktMetadata.h"
 #include "P4Runtime/pipeline/P4TableInfo.h"
+#include "P4Runtime/pipeline/PushedFiles.h"
 #include "pipeline/PipelineCheck.h"
 #include "platform/lattice/Database.h"
 #include "platform/pollen/entities/QueryConfig.h"
@@ -20,6 +23,10 @@
 #include "platform/pollen/entities/TypeStatus.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/Json.h"
+
+namespace p4::v1 {
+class SetForwardingPipelineConfigRequest;
+}
 
 namespace P4Runtime {
 
@@ -30,6 +37,10 @@ struct PipelineServices {
   Vela::Ptr<Pollen::QueryConfigDir> queryConfigDir;
   Vela::Ptr<Pollen::QueryStatusDir> queryStatusDir;
   Lattice::Database* tables = nullptr;
+  // Of pushes; null: there are none. Outlives the state machine.
+  const PushedFiles* pushed = nullptr;
+  // Removes all entries unless they belong to the push of that number.
+  std::function<void(uint64_t number)> entriesBelongTo = nullptr;
 };
 
 // Where the running pipeline is written for people to read.
@@ -64,6 +75,19 @@ class P4TableInfoSm : public Vela::Entity {
   // be used leaves the running pipeline alone; one that can takes its place once the batch in
   // progress is settled.
   void handlePipelineConfigFile();
+  // Takes the place of the running one, once the batch in progress is settled.
+  void pipelineIs(NextPipeline next);
+  // The server has the running pipeline and its entries.
+  void handleServed();
+  // The running pipeline as a controller pushed it; empty: by configuration.
+  const std::string& given() const { return given_; }
+  void givenIs(std::string bytes) { given_ = std::move(bytes); }
+  // The file of the configuration, whatever runs.
+  NextPipeline configuredPipeline() const;
+  // Checks a pipeline; `path` is where its file stands. Any thread, without the lock. Throws
+  // P4RuntimeParsingException.
+  static NextPipeline checkedPipeline(const std::string& path,
+                                      const p4::v1::SetForwardingPipelineConfigRequest& request);
   void handleP4InfoStr(const std::string& p4InfoJson);
   void handlePipelineConfigStr(const std::string& deviceConfigJson);
 
@@ -96,24 +120,21 @@ class P4TableInfoSm : public Vela::Entity {
   void runGuarded(Step step) {
     try {
       step();
+      return;
     } catch (const P4RuntimeParsingException& e) {
       P4RuntimeParsingException::handleException(e);
     } catch (const std::exception& e) {
       P4RuntimeParsingException::handleException(
           {e.what(), "the pipeline could not be brought up", {}});
     }
+    handleFailure();
   }
 
-  // A pipeline file that was read and found usable, until the running pipeline makes room for it.
-  struct NextPipeline {
-    std::string path;
-    std::string request;  // as it is pushed to the server
-    std::string p4InfoJson;
-    std::string deviceJson;
-    Pipeline::Refused refused;
-    Pipeline::Extensions extensions;
-  };
   NextPipeline readPipelineConfigFile(const std::string& path) const;
+  NextPipeline readPipelineInForce() const;
+  bool awaitsFirst() const;
+  void handleConfiguredPath();
+  void handleFailure();
   void doChange();
   void doBringUp(const NextPipeline& next);
   void doForgetPipeline();
@@ -145,7 +166,9 @@ class P4TableInfoSm : public Vela::Entity {
   const cJSON* jsonRoot_ = nullptr;  // its "p4rtc" object
   Pipeline::Refused refused_;        // of that configuration
   Pipeline::Extensions extensions_;  // that the pipeline asks for
-  uint32_t generation_ = 0;          // of pipelines; callbacks of former ones are ignored
+  std::string given_;
+  std::shared_ptr<AwaitedChange> awaited_;  // of the pipeline that is coming up
+  uint32_t generation_ = 0;                 // of pipelines; callbacks of former ones are ignored
 
   std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> queryOutputs_;
   std::map<std::string, Vela::Observation> typeStatusChanges_;

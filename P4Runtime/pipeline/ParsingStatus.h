@@ -23,6 +23,7 @@ class ParsingStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(uint32_t, failures, 0)  // since the agent started
   // Tables and actions of the running pipeline that cannot be programmed, and why; one a line.
   VELA_READONLY_ATTRIBUTE(std::string, refused, "")
+  VELA_READONLY_ATTRIBUTE(bool, waitsForPush, false)  // no file is configured, and none was pushed
   // The file of the running pipeline; the configuration may name another. "": none yet.
   VELA_READONLY_ATTRIBUTE(std::string, pipelineFile, "")
 

@@ -329,6 +329,10 @@ void TableImpl::restoreCachedEntries() {
   advanceRestore(RestoreSlice::whole());
 }
 
+void TableImpl::entriesBelongTo(uint64_t push) { rooms_->restorer.entriesBelongTo(push); }
+uint64_t TableImpl::pushOfEntries() const { return rooms_->restorer.pushOfEntries(); }
+bool TableImpl::hasNoEntries() const { return rooms_->restorer.isEmpty(); }
+
 void TableImpl::beginRestore() {
   rooms_->earlyReports.begin();
   trackRestore([this] { rooms_->restorer.begin(deviceId()); });

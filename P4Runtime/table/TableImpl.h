@@ -114,6 +114,10 @@ class TableImpl : public BatchEntries {
   bool advanceRestore(RestoreSlice slice);  // true: all is back
   void abandonRestore();                    // another one must follow; nothing when none runs
   RestoreProgress restoreProgress() const;
+  // See Restorer.
+  void entriesBelongTo(uint64_t push);
+  uint64_t pushOfEntries() const;
+  bool hasNoEntries() const;
   void restoreActionMemberCachedEntries();
   void restoreActionGroupCachedEntries();
   void restoreTableCachedEntries();

@@ -19,6 +19,8 @@ pi_operation_permission_level_t DeviceMgr::get_operation_permission_level() {
   return operationPermissionLevel();
 }
 
+void DeviceMgr::set_pipeline_changing(bool is_changing) { pipelineChangingIs(is_changing); }
+
 DeviceMgr::DeviceMgr(pi_dev_id_t device_id) : imp_(std::make_unique<DeviceMgrImp>(device_id)) {}
 
 DeviceMgr::~DeviceMgr() = default;
@@ -29,11 +31,13 @@ DeviceMgr::Status DeviceMgr::pipeline_config_set(
   return imp_->pipelineConfigSet(action, config);
 }
 
-DeviceMgr::Status DeviceMgr::pipeline_config_check(
-    p4::v1::SetForwardingPipelineConfigRequest::Action action, bool config_given,
-    const p4::v1::ForwardingPipelineConfig& config) {
-  return imp_->pipelineConfigCheck(action, config_given, config);
+DeviceMgr::Status DeviceMgr::pipeline_config_push(
+    pi_dev_id_t device_id, p4::v1::SetForwardingPipelineConfigRequest::Action action,
+    const p4::v1::ForwardingPipelineConfig* config) {
+  return DeviceMgrImp::pipelineConfigPush(device_id, action, config);
 }
+
+void DeviceMgr::pipeline_config_given_changed() { imp_->handleGivenChanged(); }
 
 DeviceMgr::Status DeviceMgr::pipeline_config_get(
     p4::v1::GetForwardingPipelineConfigRequest::ResponseType type,

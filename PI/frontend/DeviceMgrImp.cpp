@@ -123,7 +123,7 @@ std::shared_ptr<Pipeline> DeviceMgrImp::restoringPipeline() const {
 std::shared_ptr<Pipeline> DeviceMgrImp::awaitedPipeline() const {
   std::unique_lock lock(mutex_);
   if (pipeline_ == nullptr) {
-    refuse(code::failedPrecondition, "device ", deviceId_, " has no forwarding pipeline yet");
+    refuse(code::failedPrecondition, "No forwarding pipeline config on device ", deviceId_, " yet");
   }
   if (!restored_.wait_for(lock, patience_, [this] { return isRestored_; })) {
     refuse(code::unavailable, "device ", deviceId_, " is still restoring its entries; try again");
@@ -138,6 +138,7 @@ TargetSession DeviceMgrImp::session(const Pipeline& pipeline) const {
 DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
                                          const DeviceMgr::Admit& admit) {
   return statusOf([&]() -> Status {
+    awaitPipelineChange(patience_);
     requireWritePermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
     requireAtomicity(request);
@@ -184,6 +185,7 @@ size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
 DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,
                                         const DeviceMgr::ReadSink& sink) const {
   return statusOf([&] {
+    awaitPipelineChange(patience_);
     requireReadPermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
     requireSize(request.entities_size(), "queries");

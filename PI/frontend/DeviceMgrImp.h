@@ -31,7 +31,6 @@ class DeviceMgrImp {
   using Status = google::rpc::Status;
   using Action = p4::v1::SetForwardingPipelineConfigRequest::Action;
   using Config = p4::v1::ForwardingPipelineConfig;
-  using Cookie = std::optional<Config::Cookie>;  // nothing: not given; a cookie may be 0
 
   // `patience`: how long controllers' calls wait for the end of a restore.
   explicit DeviceMgrImp(pi_dev_id_t deviceId,
@@ -41,7 +40,8 @@ class DeviceMgrImp {
   DeviceMgrImp& operator=(const DeviceMgrImp&) = delete;
 
   Status pipelineConfigSet(Action action, const Config& config);
-  Status pipelineConfigCheck(Action action, bool configGiven, const Config& config);
+  static Status pipelineConfigPush(pi_dev_id_t deviceId, Action action, const Config* config);
+  void handleGivenChanged();  // by a controller; asks the target
   Status pipelineConfig(p4::v1::GetForwardingPipelineConfigRequest::ResponseType type,
                         Config* config) const;
   bool hasPipeline() const { return pipeline() != nullptr; }
@@ -83,7 +83,6 @@ class DeviceMgrImp {
   void doCommit(std::shared_ptr<Pipeline> next);
   void doInstall(const Pipeline& pipeline);
   void doApply(Action action, const Config& config);
-  void doCheckPush(Action action, bool configGiven, const Config& config);
 
   const pi_dev_id_t deviceId_;
   const std::chrono::milliseconds patience_;
@@ -102,10 +101,8 @@ class DeviceMgrImp {
   mutable std::condition_variable restored_;
   std::shared_ptr<Pipeline> pipeline_;  // null: none yet
   bool isRestored_ = false;
-  std::shared_ptr<Pipeline> saved_;  // to be committed
-  bool equalSaved_ = false;          // a controller saved the running pipeline once more
-  Cookie cookie_;                    // as it came with the running pipeline last
-  Cookie savedCookie_;               // with the equal one
+  std::shared_ptr<Pipeline> saved_;      // to be committed
+  std::shared_ptr<const Config> given_;  // the running one, by its controller; null: by none
   std::shared_ptr<const DeviceMgr::StreamMessageResponseCb> streamResponseCb_;
   void* streamResponseCookie_ = nullptr;
 };

@@ -3,6 +3,7 @@
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
 #include "PI/pi.h"
+#include "PI/target/pi_extensions_imp.h"
 
 namespace pi::fe::proto {
 
@@ -21,14 +22,13 @@ void requireKnown(Request::Action action) {
   refuse(code::invalidArgument, "the action ", static_cast<int>(action), " is unknown");
 }
 
-DeviceMgrImp::Cookie cookieOf(const DeviceMgrImp::Config& config) {
-  if (!config.has_cookie()) return std::nullopt;
-  return config.cookie();
-}
-
 void requireSuccess(pi_status_t status, const char* step) {
   if (status == PI_STATUS_SUCCESS) return;
   refuse(code::internal, "the target refused the pipeline: ", step, " answered ", status);
+}
+
+void receive(void* bytes, const char* data, size_t size) {
+  static_cast<std::string*>(bytes)->assign(data, size);
 }
 
 }  // namespace
@@ -84,10 +84,9 @@ void DeviceMgrImp::doCommit(std::shared_ptr<Pipeline> next) {
     restored_.notify_all();
     throw;
   }
+  handleGivenChanged();
   const std::lock_guard lock(mutex_);
   saved_ = nullptr;
-  equalSaved_ = false;
-  cookie_ = cookieOf(next->config());
 }
 
 void DeviceMgrImp::doInstall(const Pipeline& pipeline) {
@@ -101,37 +100,24 @@ void DeviceMgrImp::doInstall(const Pipeline& pipeline) {
   requireSuccess(pi_update_device_end(deviceId_), "pi_update_device_end");
 }
 
-DeviceMgrImp::Status DeviceMgrImp::pipelineConfigCheck(Action action, bool configGiven,
-                                                       const Config& config) {
-  try {
-    requireKnown(action);
-    doCheckPush(action, configGiven, config);
-    return okStatus();
-  } catch (const Refusal& refusal) {
-    return plainStatus(refusal.code(), refusal.message());
-  }
+DeviceMgrImp::Status DeviceMgrImp::pipelineConfigPush(pi_dev_id_t deviceId, Action action,
+                                                      const Config* config) {
+  std::string message;
+  std::string bytes;
+  if (config != nullptr) bytes = config->SerializeAsString();
+  const int code = _pi_pipeline_push(deviceId, action, config == nullptr ? nullptr : bytes.data(),
+                                     bytes.size(), receive, &message);
+  return code == code::ok ? okStatus() : plainStatus(code, message);
 }
 
-void DeviceMgrImp::doCheckPush(Action action, bool configGiven, const Config& config) {
-  if (action == Request::COMMIT) {
-    if (configGiven) refuse(code::invalidArgument, "COMMIT takes no config; it commits the saved");
-    const std::lock_guard lock(mutex_);
-    if (!std::exchange(equalSaved_, false)) {
-      refuse(code::notFound, "device ", deviceId_, ": no pipeline is saved");
-    }
-    cookie_ = savedCookie_;
-    return;
-  }
-  if (!configGiven) refuse(code::invalidArgument, "the request has no config");
-  const std::shared_ptr<Pipeline> running = pipeline();
-  if (running == nullptr || !running->equals(config)) {
-    refuse(code::unimplemented, "the pipeline of device ", deviceId_,
-           " is fixed by configuration; only the running one may be pushed");
-  }
+// Not with the mutex held: the target takes its own lock.
+void DeviceMgrImp::handleGivenChanged() {
+  std::string bytes;
+  _pi_pipeline_given(deviceId_, receive, &bytes);
+  auto given = std::make_shared<Config>();
+  if (bytes.empty() || !given->ParseFromString(bytes)) given = nullptr;
   const std::lock_guard lock(mutex_);
-  if (action == Request::VERIFY) return;
-  equalSaved_ = action == Request::VERIFY_AND_SAVE;
-  (equalSaved_ ? savedCookie_ : cookie_) = cookieOf(config);
+  given_ = std::move(given);
 }
 
 DeviceMgrImp::Status DeviceMgrImp::pipelineConfig(GetRequest::ResponseType type,
@@ -141,9 +127,15 @@ DeviceMgrImp::Status DeviceMgrImp::pipelineConfig(GetRequest::ResponseType type,
     return plainStatus(code::invalidArgument,
                        absl::StrCat("the response type ", static_cast<int>(type), " is unknown"));
   }
-  const std::shared_ptr<Pipeline> running = pipeline();
+  std::shared_ptr<const Config> given;
+  std::shared_ptr<Pipeline> running;
+  {
+    const std::lock_guard lock(mutex_);
+    given = given_;
+    running = pipeline_;
+  }
   if (running == nullptr) return okStatus();
-  const Config& all = running->config();
+  const Config& all = given ? *given : running->config();
   const bool everything = type == GetRequest::ALL;
   if (everything || type == GetRequest::P4INFO_AND_COOKIE) {
     *config->mutable_p4info() = all.p4info();
@@ -151,8 +143,7 @@ DeviceMgrImp::Status DeviceMgrImp::pipelineConfig(GetRequest::ResponseType type,
   if (everything || type == GetRequest::DEVICE_CONFIG_AND_COOKIE) {
     config->set_p4_device_config(all.p4_device_config());
   }
-  const std::lock_guard lock(mutex_);
-  if (cookie_) *config->mutable_cookie() = *cookie_;
+  if (all.has_cookie()) *config->mutable_cookie() = all.cookie();
   return okStatus();
 }
 

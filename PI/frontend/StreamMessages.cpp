@@ -98,7 +98,7 @@ void DeviceMgrImp::doSend(const p4::v1::PacketOut& packet) const {
   requirePacketPermission();
   const std::shared_ptr<Pipeline> current = pipeline();
   if (current == nullptr) {
-    refuse(code::failedPrecondition, "device ", deviceId_, " has no forwarding pipeline yet");
+    refuse(code::failedPrecondition, "No forwarding pipeline config on device ", deviceId_, " yet");
   }
   const std::string bytes = current->packetHeaders().packetOut(packet);
   const pi_status_t status = pi_packetout_send(deviceId_, bytes.data(), bytes.size());

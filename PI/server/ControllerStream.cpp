@@ -214,8 +214,8 @@ void ControllerStream::handleForDevice(const p4::v1::StreamMessageRequest& reque
   if (!device) {
     if (isPacket) packetCounts_->outRefused.add();
     report(request, StatusCode::FAILED_PRECONDITION,
-           "no pipeline on device " + std::to_string(role_->deviceId) +
-               " yet; wait until the switch has installed it");
+           "No forwarding pipeline config on device " + std::to_string(role_->deviceId) +
+               " yet; push one, or wait until the switch has installed its own");
     return;
   }
   const auto status = device->stream_message_request_handle(request);

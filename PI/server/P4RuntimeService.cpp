@@ -261,15 +261,13 @@ Status P4RuntimeService::setPipeline(UnaryCall& call,
   if (!primary.ok()) return primary;
   Status action = requireAction(request.action());
   if (!action.ok()) return action;
-  const auto device = devices_.device(request.device_id());
-  if (!device) {
-    return Status(StatusCode::UNAVAILABLE,
-                  "device " + std::to_string(request.device_id()) +
-                      " has no pipeline yet; the switch installs the configured one itself, wait "
-                      "for it");
+  DeviceMgr::Status pushed = DeviceMgr::pipeline_config_push(
+      request.device_id(), request.action(), request.has_config() ? &request.config() : nullptr);
+  if (pushed.code() != 0) return toGrpc(pushed);
+  if (const auto device = devices_.device(request.device_id())) {
+    device->pipeline_config_given_changed();
   }
-  return toGrpc(
-      device->pipeline_config_check(request.action(), request.has_config(), request.config()));
+  return Status::OK;
 }
 
 Status P4RuntimeService::getPipeline(UnaryCall& call,
@@ -324,8 +322,8 @@ Status P4RuntimeService::requirePipeline(uint64_t deviceId,
   *device = devices_.device(deviceId);
   if (*device && (*device)->has_pipeline()) return Status::OK;
   return Status(StatusCode::FAILED_PRECONDITION,
-                "no pipeline on device " + std::to_string(deviceId) +
-                    " yet; wait until the switch has installed it");
+                "No forwarding pipeline config on device " + std::to_string(deviceId) +
+                    " yet; push one, or wait until the switch has installed its own");
 }
 
 // All streams share the one message; nothing of it is copied before it is serialized.

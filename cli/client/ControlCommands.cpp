@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -25,11 +26,13 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds stopAnswerTime(1000);
 constexpr milliseconds endTime(10000);
+constexpr const char* pipelinePath = "p4runtime/pipeline";
 constexpr const char* mappingStatusPath = "p4runtime/status/port-mapping";
 
 struct Options : ClientOptions {
   std::string port;
   std::string intf;
+  std::string file;
 };
 using SharedOptions = std::shared_ptr<Options>;
 
@@ -131,6 +134,20 @@ void addPortCommands(CLI::App& app, const SharedOptions& options) {
   for (CLI::App* one : {map, unmap, list}) addClientOptions(*one, *options);
 }
 
+void addPipelineCommands(CLI::App& pipeline, const SharedOptions& options) {
+  CLI::App* reset = pipeline.add_subcommand(
+      "reset", "Have the agent go back from the pipeline that a controller pushed to the file");
+  reset->callback([options] { runCommand(*options, "call", {pipelinePath, "reset"}); });
+  CLI::App* diff = pipeline.add_subcommand(
+      "diff", "Say which entries of the running pipeline have no place in another");
+  diff->add_option("FILE", options->file, "pipeline file")->required();
+  diff->callback([options] {
+    const std::string file = std::filesystem::absolute(options->file).string();
+    runCommand(*options, "call", {pipelinePath, "diff", file});
+  });
+  for (CLI::App* one : {reset, diff}) addClientOptions(*one, *options);
+}
+
 }  // namespace
 
 void addControlCommands(CLI::App& app) {
@@ -144,5 +161,6 @@ void addControlCommands(CLI::App& app) {
   disable->callback([options] { runCommand(*options, "disable", {}); });
   CLI::App* stop = app.add_subcommand("stop", "End the agent at once, and wait until it is gone");
   stop->callback([options] { runStop(*options); });
+  addPipelineCommands(*app.get_subcommand("pipeline"), options);
   for (CLI::App* one : {enable, disable, stop}) addClientOptions(*one, *options);
 }

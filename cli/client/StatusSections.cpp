@@ -67,7 +67,10 @@ class Section {
 // The file that could not be used, and the tables and actions that the running pipeline leaves out.
 void printPipeline(const cJSON* pipeline) {
   Section section("pipeline");
-  if (textOf(pipeline, "failed") == "true") section.line("FAILED: " + textOf(pipeline, "text"));
+  if (textOf(pipeline, "waitsForPush") == "true") {
+    section.line("NONE YET: no file is configured; the agent waits for a controller to push one");
+  } else if (textOf(pipeline, "failed") == "true")
+    section.line("FAILED: " + textOf(pipeline, "text"));
   std::istringstream refused(textOf(pipeline, "refused"));
   for (std::string line; std::getline(refused, line);) section.line(line);
 }

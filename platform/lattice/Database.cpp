@@ -61,7 +61,8 @@ class DatabaseImpl final : public Database {
   Kept kept(const std::string& table) override;
   std::vector<std::string> keptTables() const override;
   void keptDel(const std::string& table) override;
-  std::vector<std::string> removeUnboundTables() override;
+  std::vector<std::string> removeUnboundTables() override { return doRemoveUnbound(true); }
+  void clearUnboundTables() override;
   void batchBegin() override;
   Vela::Outcome batchEnd() override;
   Vela::Outcome commit() override;
@@ -105,6 +106,7 @@ class DatabaseImpl final : public Database {
     std::string attachment;
   };
 
+  std::vector<std::string> doRemoveUnbound(bool keepsAttachments);
   void handleScopeEnd();
   Vela::Outcome tryCommit();
   void commitUnasked();
@@ -302,7 +304,12 @@ void DatabaseImpl::keptDel(const std::string& table) {
   if (store_.hasTable(name)) store_.eraseAll(store_.table(name));
 }
 
-std::vector<std::string> DatabaseImpl::removeUnboundTables() {
+void DatabaseImpl::clearUnboundTables() {
+  doRemoveUnbound(false);
+  for (const std::string& table : keptTables()) keptDel(table);
+}
+
+std::vector<std::string> DatabaseImpl::doRemoveUnbound(bool keepsAttachments) {
   std::set<std::string> names;
   store_.forEach(types_, [&](Brine::Bytes key, Brine::Bytes) {
     names.emplace(Brine::asText(key));
@@ -321,7 +328,7 @@ std::vector<std::string> DatabaseImpl::removeUnboundTables() {
   // The records go first: a table without a record counts as empty, should we be killed here.
   if (!inBatch_) commitUnasked();
   for (const std::string& name : names) {
-    keepAttachments(name);
+    if (keepsAttachments) keepAttachments(name);
     store_.tableDel(rowTable(name));
   }
   return {names.begin(), names.end()};

@@ -116,6 +116,8 @@ class Database {
   virtual void keptDel(const std::string& table) = 0;
   // Removes the surviving tables without an interface; returns their names.
   virtual std::vector<std::string> removeUnboundTables() = 0;
+  // The same, but keeps nothing of them, nor of those that were removed before.
+  virtual void clearUnboundTables() = 0;
 
   // A batch gathers every write of the store, rows and other records alike, until batchEnd().
   virtual void batchBegin() = 0;

@@ -33,6 +33,15 @@ void EntryFailures::failureDel(EntryHandle handle) {
   publishFrom(handle);
 }
 
+void EntryFailures::failureDelAll() {
+  failures_.clear();
+  entries_ = 0;
+  undone_.clear();
+  notProgrammedYet_.clear();
+  unremoved_.clear();
+  publishFrom(0);
+}
+
 void EntryFailures::programmedIs(EntryHandle handle, uint64_t agent, uint64_t sequence) {
   const auto found = failures_.find({handle, agent});
   if (found == failures_.end() || sequence < found->second.sequence) return;

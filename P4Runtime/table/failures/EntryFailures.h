@@ -41,6 +41,7 @@ class EntryFailures : public Vela::Entity {
   // False if this failure is already recorded, or the agent has said something later.
   bool failureIs(EntryHandle handle, uint64_t agent, uint64_t sequence, std::string text);
   void failureDel(EntryHandle handle);  // of all agents, if there is any
+  void failureDelAll();                 // all entries are gone
   // The agent has programmed the change, and with it every earlier one of the entry.
   void programmedIs(EntryHandle handle, uint64_t agent, uint64_t sequence);
   size_t agentDel(uint64_t agent);  // it has left; returns the number of its failures

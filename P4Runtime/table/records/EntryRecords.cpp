@@ -63,6 +63,13 @@ void EntryRecords::recordDel(const CacheKey& key) {
   }
 }
 
+void EntryRecords::delAll() {
+  if (!isMounted()) return;
+  memberCache_->cacheDelAll();
+  groupCache_->cacheDelAll();
+  store_->eraseAll(*metadataTable_);
+}
+
 void EntryRecords::metadataIs(const CacheKey& key, std::string_view metadata) {
   if (!metadataTable_) return;
   if (!metadata.empty()) {

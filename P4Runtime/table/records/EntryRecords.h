@@ -41,6 +41,7 @@ class EntryRecords {
   bool has(const CacheKey& key) const;
   // Asserts that the resource is a table, an action profile or its groups.
   void recordDel(const CacheKey& key);
+  void delAll();  // members, groups and the bytes beside all records; entries go with their rows
 
   // The bytes of the PI library for which a record has no room; empty removes them.
   void metadataIs(const CacheKey& key, std::string_view metadata);

@@ -69,6 +69,8 @@ void ConstantEntries::maybeProgrammedIs(const ResourceId& rid, EntryHandle handl
 
 void ConstantEntries::forget(const CacheKey& key) { store().erase(table(), storedKey(key)); }
 
+void ConstantEntries::forgetAll() { store().eraseAll(table()); }
+
 void ConstantEntries::followPipeline() {
   if (!tools_.records.isMounted()) return;
   std::vector<std::pair<CacheKey, std::string>> known;  // the store must not change meanwhile

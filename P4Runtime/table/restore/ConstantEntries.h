@@ -31,6 +31,7 @@ class ConstantEntries {
   void maybeProgrammedIs(const ResourceId& table, EntryHandle handle,
                          const P4TableInfoConstEntry& entry);
   void forget(const CacheKey& key);
+  void forgetAll();
 
  private:
   Brine::Store& store() const;

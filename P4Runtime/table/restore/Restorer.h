@@ -36,6 +36,12 @@ class Restorer {
   void restoreGroups(uint64_t deviceId);
   void restoreEntries(uint64_t deviceId);
 
+  // Removes all that is kept, unless it belongs to the push of that number already. Call while no
+  // table has an interface. Throws when the store cannot; what is left goes the next time.
+  void entriesBelongTo(uint64_t push);
+  uint64_t pushOfEntries() const;  // 0: to none
+  bool isEmpty() const { return !tools_.records.isMounted() || tools_.records.isEmpty(); }
+
   // While a restore runs nothing is told: its end does.
   std::vector<Brine::DamagedRecord> tellDamagedRecords();
   ConstantEntries& constantEntries() { return constantEntries_; }

@@ -52,67 +52,51 @@ TEST_F(PipelineTest, PartsAreReturnedAsAskedFor) {
 }
 
 // Controllers tell by the cookie whether their own pipeline is running.
-TEST_F(PipelineTest, TheCookieOfTheLastPushIsReturned) {
+TEST_F(PipelineTest, ControllersGetBackWhatTheyPushed) {
   pipelineIsUp();
-  p4::v1::ForwardingPipelineConfig zero = config;
-  zero.mutable_cookie()->set_cookie(0);
-  p4::v1::ForwardingPipelineConfig none = config;
-  none.clear_cookie();
-  const struct {
-    Push::Action action;
-    const p4::v1::ForwardingPipelineConfig& pushed;
-    const p4::v1::ForwardingPipelineConfig& now;
-  } steps[] = {{Push::VERIFY, zero, config},
-               {Push::VERIFY_AND_SAVE, zero, config},
-               {Push::COMMIT, none, zero},
-               {Push::VERIFY_AND_COMMIT, none, none},
-               {Push::VERIFY_AND_COMMIT, zero, zero},
-               {Push::VERIFY_AND_COMMIT, config, config}};
-  for (const auto& step : steps) {
-    const bool brings = step.action != Push::COMMIT;
-    ASSERT_EQ(device->pipelineConfigCheck(step.action, brings, step.pushed).code(), code::ok);
-    p4::v1::ForwardingPipelineConfig got;
+  p4::v1::ForwardingPipelineConfig pushed = config;
+  pushed.set_p4_device_config("\xff of another kind");
+  pushed.mutable_cookie()->set_cookie(0);
+  const auto push = [&](const p4::v1::ForwardingPipelineConfig* config) {
+    return DeviceMgrImp::pipelineConfigPush(1, Push::RECONCILE_AND_COMMIT, config);
+  };
+  target.pushes.code = code::notFound;
+  target.pushes.message = "why";
+  EXPECT_EQ(push(nullptr).code(), code::notFound);
+  EXPECT_EQ(push(nullptr).message(), "why");
+  EXPECT_FALSE(target.pushes.config.has_value());
+  target.pushes.code = code::ok;
+  EXPECT_EQ(push(&pushed).code(), code::ok);
+  EXPECT_EQ(target.pushes.action, Push::RECONCILE_AND_COMMIT);
+  p4::v1::ForwardingPipelineConfig got;
+  ASSERT_TRUE(got.ParseFromString(target.pushes.config.value_or("")));
+  EXPECT_THAT(got, EqualsProto(pushed));
+
+  const auto expectRuns = [&](const p4::v1::ForwardingPipelineConfig& expected) {
     ASSERT_EQ(device->pipelineConfig(Get::ALL, &got).code(), code::ok);
-    EXPECT_THAT(got, EqualsProto(step.now));
-  }
+    EXPECT_THAT(got, EqualsProto(expected));
+  };
+  expectRuns(config);
+  target.pushes.given = pushed.SerializeAsString();
+  device->handleGivenChanged();
+  expectRuns(pushed);
+  target.pushes.given.clear();
+  pipelineIsUp();
+  expectRuns(config);
 }
 
-TEST_F(PipelineTest, ControllersMayOnlyPushTheRunningOne) {
+// A level of 0 that ends soon is worth waiting for.
+TEST_F(PipelineTest, ControllersWaitWhileThePipelineChanges) {
   pipelineIsUp();
-  p4::v1::ForwardingPipelineConfig other = config;
-  other.mutable_p4info()->mutable_tables(0)->set_size(5);
-  p4::v1::ForwardingPipelineConfig otherDevice = config;
-  otherDevice.clear_p4_device_config();
-  const p4::v1::ForwardingPipelineConfig none;
-  const struct {
-    const char* what;
-    Push::Action action;
-    const p4::v1::ForwardingPipelineConfig& pushed;
-    int code;
-  } steps[] = {
-      {"unspecified", Push::UNSPECIFIED, config, code::invalidArgument},
-      {"unknown", static_cast<Push::Action>(9), config, code::invalidArgument},
-      {"VERIFY of nothing", Push::VERIFY, none, code::invalidArgument},
-      {"VERIFY", Push::VERIFY, config, code::ok},
-      {"COMMIT of nothing", Push::COMMIT, none, code::notFound},
-      {"COMMIT with a config", Push::COMMIT, config, code::invalidArgument},
-      {"another P4Info", Push::VERIFY_AND_COMMIT, other, code::unimplemented},
-      {"another device config", Push::VERIFY_AND_SAVE, otherDevice, code::unimplemented},
-      {"nothing was saved by that", Push::COMMIT, none, code::notFound},
-      {"SAVE", Push::VERIFY_AND_SAVE, config, code::ok},
-      {"COMMIT", Push::COMMIT, none, code::ok},
-      {"COMMIT counts once", Push::COMMIT, none, code::notFound},
-      {"SAVE again", Push::VERIFY_AND_SAVE, config, code::ok},
-      {"RECONCILE drops what is saved", Push::RECONCILE_AND_COMMIT, config, code::ok},
-      {"so there is nothing", Push::COMMIT, none, code::notFound},
-  };
-  for (const auto& step : steps) {
-    SCOPED_TRACE(step.what);
-    EXPECT_EQ(device->pipelineConfigCheck(step.action, &step.pushed != &none, step.pushed).code(),
-              step.code);
-  }
-  EXPECT_THAT(device->pipelineConfigCheck(Push::VERIFY, true, other).message(),
-              HasSubstr("the pipeline of device 1 is fixed by configuration"));
+  Entries entries;
+  DeviceMgr::set_operation_permission_level(0);
+  DeviceMgr::set_pipeline_changing(true);
+  EXPECT_EQ(inserted(test::exact(test::kCounted, 1)).code(), code::unavailable);
+  EXPECT_EQ(read({test::query(0)}, &entries).code(), code::unavailable);
+  DeviceMgr::set_pipeline_changing(false);
+  EXPECT_EQ(inserted(test::exact(test::kCounted, 1)).code(), code::failedPrecondition);
+  DeviceMgr::set_operation_permission_level(2);
+  EXPECT_EQ(inserted(test::exact(test::kCounted, 1)).code(), code::ok);
 }
 
 TEST_F(PipelineTest, FailedInstallLeavesTheFormerOne) {

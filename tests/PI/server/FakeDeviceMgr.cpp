@@ -39,11 +39,13 @@ DeviceMgr::Status DeviceMgr::pipeline_config_set(p4::v1::SetForwardingPipelineCo
   return TheFakeDevice().pipelineStatus;
 }
 
-DeviceMgr::Status DeviceMgr::pipeline_config_check(
-    p4::v1::SetForwardingPipelineConfigRequest::Action, bool,
-    const p4::v1::ForwardingPipelineConfig&) {
-  return statusOf(12, "the pipeline is fixed");
+DeviceMgr::Status DeviceMgr::pipeline_config_push(
+    pi_dev_id_t, p4::v1::SetForwardingPipelineConfigRequest::Action,
+    const p4::v1::ForwardingPipelineConfig*) {
+  return statusOf(12, "no pipelines are taken");
 }
+
+void DeviceMgr::pipeline_config_given_changed() {}
 
 DeviceMgr::Status DeviceMgr::pipeline_config_get(
     p4::v1::GetForwardingPipelineConfigRequest::ResponseType,

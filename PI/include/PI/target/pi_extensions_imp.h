@@ -4,6 +4,8 @@
 
 #include <stddef.h>
 
+#include "PI/pi_base.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -26,6 +28,20 @@ typedef struct {
 /* What the pipeline with these device data asks for; nothing when the target does not know them.
  * Any thread; device_data may be empty. */
 void _pi_abilities(const char* device_data, size_t device_data_size, pi_abilities_t* abilities);
+
+/* Receives bytes that last until it returns. */
+typedef void (*pi_bytes_receiver_t)(void* cookie, const char* bytes, size_t size);
+
+/* A controller's push: `action` is a p4.v1.SetForwardingPipelineConfigRequest.Action, `config` a
+ * serialized p4.v1.ForwardingPipelineConfig, NULL when the controller sent none. Waits until the
+ * pipeline runs, so call it on a thread that may, without the target's lock. Returns a canonical
+ * code of gRPC, with a message for the controller in `say` when it is not 0; nothing has changed
+ * then, unless the message says otherwise. */
+int _pi_pipeline_push(pi_dev_id_t dev_id, int action, const char* config, size_t config_size,
+                      pi_bytes_receiver_t say, void* cookie);
+/* The running pipeline as a controller pushed it, a serialized p4.v1.ForwardingPipelineConfig.
+ * Nothing is received when no controller did. Any thread. */
+void _pi_pipeline_given(pi_dev_id_t dev_id, pi_bytes_receiver_t receiver, void* cookie);
 
 #ifdef __cplusplus
 }

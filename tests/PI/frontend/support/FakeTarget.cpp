@@ -415,6 +415,18 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p
                                           pi_indirect_handle_t group) {
   return theTarget->handleGroup("describe", profileId, 0, &group);
 }
+int _pi_pipeline_push(pi_dev_id_t, int action, const char* config, size_t size,
+                      pi_bytes_receiver_t say, void* cookie) {
+  FakeTarget::Pushes& pushes = theTarget->pushes;
+  pushes.action = action;
+  pushes.config = config ? std::optional(std::string(config, size)) : std::nullopt;
+  say(cookie, pushes.message.data(), pushes.message.size());
+  return pushes.code;
+}
+void _pi_pipeline_given(pi_dev_id_t, pi_bytes_receiver_t receiver, void* cookie) {
+  const std::string& given = theTarget->pushes.given;
+  if (!given.empty()) receiver(cookie, given.data(), given.size());
+}
 void _pi_abilities(const char*, size_t, pi_abilities_t* abilities) {
   if (theTarget) *abilities = theTarget->abilities();
 }

@@ -84,6 +84,15 @@ class FakeTarget {
   void batchStatusIs(pi_status_t status) { batchStatus_ = status; }  // of beginning one
   void fetchStatusIs(pi_status_t status) { fetchStatus_ = status; }
   void updateDeviceStatusIs(pi_status_t status) { updateDeviceStatus_ = status; }
+  // Of controllers' pushes: what becomes of them, and the running pipeline in their words.
+  struct Pushes {
+    int code = 0;
+    std::string message;
+    int action = 0;                     // of the last one
+    std::optional<std::string> config;  // likewise
+    std::string given;
+  };
+  Pushes pushes;
 
   // From here on each batch waits for its outcome until batchesAreReleased().
   void batchesAreHeld();

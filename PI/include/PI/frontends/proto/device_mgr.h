@@ -31,6 +31,9 @@ class DeviceMgr {
   // Process-wide; checked at the start of every write() and read() (FAILED_PRECONDITION).
   static void set_operation_permission_level(pi_operation_permission_level_t level);
   static pi_operation_permission_level_t get_operation_permission_level();
+  // Process-wide: a level of 0 lasts only until a new pipeline runs. Controllers' writes and reads
+  // wait for that, a few seconds at most, then get UNAVAILABLE.
+  static void set_pipeline_changing(bool is_changing);
 
   explicit DeviceMgr(pi_dev_id_t device_id);
   ~DeviceMgr();
@@ -41,10 +44,15 @@ class DeviceMgr {
   // reads wait from here on until pi_restore_done(), a few seconds at most, then UNAVAILABLE.
   Status pipeline_config_set(p4::v1::SetForwardingPipelineConfigRequest::Action action,
                              const p4::v1::ForwardingPipelineConfig& config);
-  // A controller's push: the pipeline is fixed by configuration, so OK when it equals the running
-  // one, and UNIMPLEMENTED with a clear message otherwise; nothing changes either way.
-  Status pipeline_config_check(p4::v1::SetForwardingPipelineConfigRequest::Action action,
-                               bool config_given, const p4::v1::ForwardingPipelineConfig& config);
+  // A controller's push to a device, which need not exist yet: it does once the target has
+  // installed the pipeline by pipeline_config_set(). Returns when the pipeline runs, or was refused
+  // with nothing changed. The action has been checked by the caller.
+  static Status pipeline_config_push(pi_dev_id_t device_id,
+                                     p4::v1::SetForwardingPipelineConfigRequest::Action action,
+                                     const p4::v1::ForwardingPipelineConfig* config);
+  // The target may know the running pipeline by other words of a controller now, such as another
+  // cookie; pipeline_config_get() returns those from here on.
+  void pipeline_config_given_changed();
   Status pipeline_config_get(p4::v1::GetForwardingPipelineConfigRequest::ResponseType type,
                              p4::v1::ForwardingPipelineConfig* config);
   bool has_pipeline() const;

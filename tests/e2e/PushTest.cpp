@@ -1,0 +1,528 @@
+// Controllers that push pipelines: their first calls, what stays and what goes, and an agent that
+// is killed meanwhile.
+#include <gmock/gmock.h>
+#include <google/protobuf/util/message_differencer.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <iostream>
+#include <random>
+#include <thread>
+
+#include "p4/tmp/p4config.pb.h"
+#include "tests/e2e/Router.h"
+#include "tests/support/AgentProcess.h"
+#include "tests/support/ForwarderProcess.h"
+#include "tests/support/StoredState.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/TestController.h"
+#include "tests/support/Views.h"
+
+using google::protobuf::util::MessageDifferencer;
+using p4::v1::TableEntry;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using namespace TestSupport;
+
+namespace {
+
+using Config = p4::v1::ForwardingPipelineConfig;
+using Get = p4::v1::GetForwardingPipelineConfigRequest;
+using Set = p4::v1::SetForwardingPipelineConfigRequest;
+
+const std::string programJson = R"({"program": "router.p4", "__meta__": {"version": [2, 23]}})";
+
+std::string wrapped(const std::string& program) {
+  p4::tmp::P4DeviceConfig device;
+  device.set_reassign(true);
+  device.set_device_data(program);
+  return device.SerializeAsString();
+}
+
+class PushTest : public testing::Test {
+ protected:
+  explicit PushTest(bool isConfigured = false)
+      : agent_({.stateDirectory = directory_.file("state"),
+                .pipelineFile = isConfigured ? KORVEL_ROUTER_PIPELINE : ""}),
+        forwarder_(directory_.file("state")) {}
+  ~PushTest() override {
+    if (HasFailure()) std::cerr << "---- agent ----\n" << agent_.output();
+  }
+
+  void SetUp() override {
+    agent_.start();
+    forwarder_.start();
+    ASSERT_TRUE(forwarder_.waitAttached());
+    ASSERT_TRUE(controllerBegins());
+  }
+  // The agent may still be starting.
+  bool controllerBegins() {
+    return waitUntil([&] {
+      controller_ = std::make_unique<TestController>(agent_.address(), ++electionId_);
+      return controller_->waitConnected(std::chrono::milliseconds(100)) &&
+             controller_->becomePrimary();
+    });
+  }
+  void restart() {
+    agent_.kill();
+    agent_.start();
+    ASSERT_TRUE(agent_.waitServing()) << agent_.output();
+    ASSERT_TRUE(forwarder_.waitAttached());
+    ASSERT_TRUE(controllerBegins());
+  }
+
+  // Of the router program, whose route table has room for `routes`.
+  Config config(const std::string& device = "", int64_t routes = 10000) {
+    Config config;
+    *config.mutable_p4info() = router_.p4info();
+    for (auto& table : *config.mutable_p4info()->mutable_tables()) {
+      if (table.preamble().name() == router_.table(Router::routeTable).preamble().name()) {
+        table.set_size(routes);
+      }
+    }
+    config.set_p4_device_config(device);
+    return config;
+  }
+  grpc::Status pushOf(uint64_t electionId, Set::Action action, const Config* config) {
+    Set request;
+    request.set_device_id(1);
+    request.mutable_election_id()->set_low(electionId);
+    request.set_action(action);
+    if (config) *request.mutable_config() = *config;
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + patience);
+    p4::v1::SetForwardingPipelineConfigResponse response;
+    return controller_->stub().SetForwardingPipelineConfig(&context, request, &response);
+  }
+  grpc::Status push(const Config& config, Set::Action action = Set::VERIFY_AND_COMMIT) {
+    return pushOf(electionId_, action, &config);
+  }
+  grpc::Status commit() { return pushOf(electionId_, Set::COMMIT, nullptr); }
+  p4::v1::GetForwardingPipelineConfigResponse get(Get::ResponseType type = Get::ALL) {
+    Get request;
+    request.set_device_id(1);
+    request.set_response_type(type);
+    grpc::ClientContext context;
+    p4::v1::GetForwardingPipelineConfigResponse response;
+    const auto status =
+        controller_->stub().GetForwardingPipelineConfig(&context, request, &response);
+    EXPECT_TRUE(status.ok()) << status.error_message();
+    return response;
+  }
+  void expectRuns(const Config& expected) {
+    const auto found = get();
+    EXPECT_TRUE(MessageDifferencer::Equals(found.config(), expected));
+  }
+  WriteOutcome insertRoutes(uint32_t from, uint32_t to) {
+    std::vector<p4::v1::Update> updates;
+    for (uint32_t i = from; i < to; ++i) updates.push_back(insertOf(Router::route(router_, i, 1)));
+    return controller_->write(updates);
+  }
+  std::vector<TableEntry> entries() {
+    const ReadOutcome read = controller_->readTable(0);
+    EXPECT_TRUE(read.status.ok()) << read.status.error_code() << read.status.error_message();
+    return read.entries;
+  }
+  std::string disagreement() {
+    std::string text;
+    waitUntil([&] {
+      const StoredState stored = storedState(router_, agent_.options().stateDirectory);
+      text = difference("rows", stored.rows, "forwarder", forwarderView(forwarder_));
+      for (const std::string& fault : stored.faults) text += fault + "\n";
+      return text.empty();
+    });
+    return text;
+  }
+
+  const TempDir directory_;
+  const TestSupport::Pipeline router_ = Router::pipeline();
+  AgentProcess agent_;
+  ForwarderProcess forwarder_;
+  std::unique_ptr<TestController> controller_;
+  uint64_t electionId_ = 0;
+};
+
+#define EXPECT_CODE(status, code)                                                   \
+  do {                                                                              \
+    const grpc::Status given = (status);                                            \
+    EXPECT_EQ(given.error_code(), grpc::StatusCode::code) << given.error_message(); \
+  } while (false)
+
+// As an interactive shell does it, with each form of device configuration.
+TEST_F(PushTest, AShellPushesWritesReadsAndDeletes) {
+  EXPECT_THAT(agent_.korvel({"status"}).output, HasSubstr("NONE YET"));
+  EXPECT_FALSE(get().has_config());
+  const WriteOutcome early = insertRoutes(0, 1);
+  EXPECT_EQ(early.status.error_code(), grpc::FAILED_PRECONDITION);
+  EXPECT_THAT(early.status.error_message(), HasSubstr("No forwarding pipeline config"));
+  EXPECT_EQ(controller_->readTable(0).status.error_code(), grpc::FAILED_PRECONDITION);
+
+  const std::string opaque("\x0a\x04name\x12\x02{}\x00", 11);
+  const std::string devices[] = {"",     programJson,          wrapped(programJson),
+                                 opaque, std::string(1, '\0'), wrapped("")};
+  for (const std::string& device : devices) {
+    SCOPED_TRACE(testing::PrintToString(device));
+    const Config pushed = config(device);
+    EXPECT_CODE(push(pushed), OK);
+    expectRuns(pushed);
+    EXPECT_THAT(entries(), IsEmpty());
+    ASSERT_TRUE(insertRoutes(0, 3).ok());
+    const std::vector<TableEntry> found = entries();
+    EXPECT_THAT(found, SizeIs(3));
+    EXPECT_TRUE(controller_->write({deleteOf(found[0])}).ok());
+    EXPECT_EQ(disagreement(), "");
+  }
+  restart();
+  expectRuns(config(devices[5]));
+  EXPECT_THAT(entries(), SizeIs(2));
+  EXPECT_EQ(disagreement(), "");
+}
+
+// As a controller does it that compares cookies and clears everything.
+TEST_F(PushTest, AComparerPushesByTheCookie) {
+  EXPECT_FALSE(get(Get::COOKIE_ONLY).has_config());
+  Config pushed = config(programJson);
+  pushed.mutable_cookie()->set_cookie(0x1122334455667788);
+  ASSERT_TRUE(push(pushed).ok());
+  const struct {
+    Get::ResponseType type;
+    bool p4Info, device;
+  } parts[] = {{Get::COOKIE_ONLY, false, false},
+               {Get::P4INFO_AND_COOKIE, true, false},
+               {Get::DEVICE_CONFIG_AND_COOKIE, false, true}};
+  for (const auto& part : parts) {
+    Config expected = pushed;
+    if (!part.p4Info) expected.clear_p4info();
+    if (!part.device) expected.clear_p4_device_config();
+    EXPECT_TRUE(MessageDifferencer::Equals(get(part.type).config(), expected)) << part.type;
+  }
+  p4::v1::Entity groups;
+  groups.mutable_packet_replication_engine_entry()->mutable_multicast_group_entry();
+  p4::v1::Entity clones;
+  clones.mutable_packet_replication_engine_entry()->mutable_clone_session_entry();
+  const EntitiesOutcome all = controller_->read({entityOf(TableEntry()), groups, clones});
+  EXPECT_TRUE(all.status.ok()) << all.status.error_message();
+  EXPECT_THAT(all.entities, IsEmpty());
+  EXPECT_TRUE(
+      controller_
+          ->read({entityOf(p4::v1::ActionProfileGroup()), entityOf(p4::v1::ActionProfileMember())})
+          .status.ok());
+  std::vector<p4::v1::Update> resets;
+  for (const auto& table : router_.p4info().tables()) {
+    if (table.const_default_action_id() != 0 || table.implementation_id() != 0) continue;
+    TableEntry reset;
+    reset.set_table_id(table.preamble().id());
+    reset.set_is_default_action(true);
+    resets.push_back(modifyOf(reset));
+  }
+  const WriteOutcome reset = controller_->write(resets);
+  EXPECT_TRUE(reset.ok()) << testing::PrintToString(reset);
+  EXPECT_TRUE(controller_->write(std::vector<p4::v1::Update>()).ok());
+  Config zero = config(programJson);
+  zero.mutable_cookie()->set_cookie(0);
+  ASSERT_TRUE(push(zero).ok());
+  EXPECT_TRUE(get(Get::COOKIE_ONLY).config().has_cookie());
+}
+
+TEST_F(PushTest, WhatStaysAndWhatGoes) {
+  const Config first = config();
+  ASSERT_TRUE(push(first, Set::RECONCILE_AND_COMMIT).ok());  // of a switch without a pipeline
+  ASSERT_TRUE(insertRoutes(0, 10).ok());
+  ASSERT_TRUE(controller_
+                  ->write({insertOf(Router::member(router_, 7, 1)),
+                           insertOf(Router::group(router_, 9, {{7, 1}}))})
+                  .ok());
+  ASSERT_EQ(disagreement(), "");
+  const uint64_t changes = forwarder_.programmedChanges();
+
+  Config cookie = first;
+  cookie.mutable_cookie()->set_cookie(5);
+  EXPECT_CODE(push(cookie, Set::VERIFY), OK);
+  expectRuns(first);
+  EXPECT_CODE(push(cookie, Set::RECONCILE_AND_COMMIT), OK);
+  expectRuns(cookie);
+  EXPECT_THAT(entries(), SizeIs(10));
+  EXPECT_EQ(forwarder_.programmedChanges(), changes);
+  restart();
+  expectRuns(cookie);
+  EXPECT_THAT(entries(), SizeIs(10));
+
+  const Config other = config("", 20000);
+  EXPECT_CODE(push(other, Set::VERIFY_AND_SAVE), OK);
+  expectRuns(cookie);
+  EXPECT_THAT(entries(), SizeIs(10));
+  EXPECT_CODE(commit(), OK);
+  expectRuns(other);
+  EXPECT_THAT(entries(), IsEmpty());
+  EXPECT_CODE(commit(), NOT_FOUND);
+
+  ASSERT_TRUE(insertRoutes(0, 10).ok());
+  EXPECT_CODE(push(other), OK);  // an equal one
+  EXPECT_THAT(entries(), IsEmpty());
+  EXPECT_THAT(
+      controller_
+          ->read({entityOf(p4::v1::ActionProfileMember()), entityOf(p4::v1::ActionProfileGroup())})
+          .entities,
+      IsEmpty());
+  EXPECT_EQ(disagreement(), "");
+}
+
+TEST_F(PushTest, WhatMeansTheSameIsReconciled) {
+  ASSERT_TRUE(push(config()).ok());
+  ASSERT_TRUE(insertRoutes(0, 10).ok());
+  const TableEntry rule = Router::aclRule(router_, 3);
+  ASSERT_TRUE(controller_->write({insertOf(rule)}).ok());
+  const uint64_t changes = forwarder_.programmedChanges();
+  const auto tableOf = [this](Config& config, const char* name) -> p4::config::v1::Table& {
+    for (auto& table : *config.mutable_p4info()->mutable_tables()) {
+      if (table.preamble().id() == router_.table(name).preamble().id()) return table;
+    }
+    throw std::out_of_range(name);
+  };
+  Config larger = config("another program", 20000);
+  EXPECT_CODE(push(larger, Set::RECONCILE_AND_COMMIT), OK);
+  expectRuns(larger);
+  EXPECT_THAT(entries(), SizeIs(11));
+  EXPECT_EQ(forwarder_.programmedChanges(), changes);
+
+  Config smaller = config("", 9);
+  EXPECT_CODE(push(smaller, Set::RECONCILE_AND_COMMIT), INVALID_ARGUMENT);
+  Config other = larger;
+  tableOf(other, Router::aclTable).mutable_match_fields()->RemoveLast();
+  const grpc::Status refused = push(other, Set::RECONCILE_AND_COMMIT);
+  EXPECT_CODE(refused, INVALID_ARGUMENT);
+  EXPECT_THAT(refused.error_message(),
+              HasSubstr(router_.table(Router::aclTable).preamble().name() + ", 1 entries: "));
+  expectRuns(larger);
+  TestSupport::Pipeline smallerFile = Router::pipeline();
+  smallerFile.tableSizeIs(Router::routeTable, 9);
+  smallerFile.written(directory_.file("smaller"));
+  EXPECT_THAT(agent_.korvel({"pipeline", "diff", directory_.file("smaller")}).output,
+              HasSubstr("10 entries: it has room for 9 now"));
+  ASSERT_TRUE(controller_->write({deleteOf(rule)}).ok());
+  EXPECT_CODE(push(other, Set::RECONCILE_AND_COMMIT), OK);
+  EXPECT_THAT(entries(), SizeIs(10));
+
+  Config more = other;  // the rows of that table are made anew
+  auto* action = more.mutable_p4info()->add_actions();
+  action->mutable_preamble()->set_id(0x01aaaaaa);
+  action->mutable_preamble()->set_name("fresh");
+  tableOf(more, Router::routeTable).add_action_refs()->set_id(0x01aaaaaa);
+  EXPECT_CODE(push(more, Set::RECONCILE_AND_COMMIT), OK);
+  EXPECT_THAT(entries(), SizeIs(10));
+  restart();
+  expectRuns(more);
+  EXPECT_THAT(entries(), SizeIs(10));
+  EXPECT_TRUE(insertRoutes(10, 11).ok());
+}
+
+// Programs as public projects ship them, where they lie beside the tree, in turns with others.
+TEST_F(PushTest, EveryPublicProgramIsTaken) {
+  const std::filesystem::path directory(KORVEL_PROGRAMS);
+  if (!std::filesystem::is_directory(directory)) GTEST_SKIP() << "no programs in " << directory;
+  for (const auto& file : std::filesystem::directory_iterator(directory / "p4info")) {
+    const std::string name = file.path().filename().string();
+    SCOPED_TRACE(name);
+    const std::string built = directory_.file("built");
+    const CommandResult build = run({binaryPath("korvel"), "pipeline", "build", "--p4info",
+                                     file.path().string(), "--device-id", "1", "-o", built});
+    ASSERT_EQ(build.exit.code, 0) << build.error;
+    Config pushed;
+    *pushed.mutable_p4info() = TestSupport::Pipeline(built).p4info();
+    const auto json = directory / "json" / (name.substr(0, name.find('.')) + ".json");
+    if (std::filesystem::exists(json)) {
+      pushed.set_p4_device_config(fileText(json.string()));
+    }
+    EXPECT_CODE(push(pushed), OK);
+    expectRuns(pushed);
+    EXPECT_TRUE(controller_->readTable(0).status.ok());
+  }
+  EXPECT_EQ(controller_->arbitrate(), grpc::OK);
+}
+
+TEST_F(PushTest, AProgramMayHaveNoTables) {
+  Config bare;
+  bare.mutable_p4info()->mutable_pkg_info()->set_arch("v1model");
+  EXPECT_CODE(push(bare), OK);
+  expectRuns(bare);
+  EXPECT_TRUE(controller_->readTable(0).status.ok());
+  restart();
+  expectRuns(bare);
+  EXPECT_CODE(push(config()), OK);
+  EXPECT_TRUE(insertRoutes(0, 3).ok());
+  EXPECT_CODE(push(bare, Set::RECONCILE_AND_COMMIT), INVALID_ARGUMENT);
+  EXPECT_CODE(push(bare), OK);
+  EXPECT_EQ(disagreement(), "");
+}
+
+TEST_F(PushTest, RefusedOnesChangeNothing) {
+  const Config running = config();
+  ASSERT_TRUE(push(running).ok());
+  ASSERT_TRUE(insertRoutes(0, 10).ok());
+  Config twice = config();
+  *twice.mutable_p4info()->add_tables() = twice.p4info().tables(0);
+  EXPECT_CODE(push(twice), INVALID_ARGUMENT);
+  EXPECT_CODE(push(twice, Set::VERIFY), INVALID_ARGUMENT);
+  EXPECT_CODE(push(Config()), INVALID_ARGUMENT);
+  EXPECT_CODE(pushOf(electionId_, Set::VERIFY_AND_COMMIT, nullptr), INVALID_ARGUMENT);
+  EXPECT_CODE(pushOf(electionId_, Set::COMMIT, &running), INVALID_ARGUMENT);
+  EXPECT_CODE(commit(), NOT_FOUND);
+  EXPECT_CODE(pushOf(electionId_ + 1, Set::VERIFY_AND_COMMIT, &running), PERMISSION_DENIED);
+  expectRuns(running);
+  EXPECT_THAT(entries(), SizeIs(10));
+  EXPECT_TRUE(insertRoutes(10, 11).ok());
+}
+
+// Pushes of all actions, Writes and restarts, and what must stand after each.
+TEST_F(PushTest, InAnyOrderNothingIsLost) {
+  struct Program {
+    Config config;
+    uint32_t room = 0;  // for routes
+  };
+  Config bare;
+  bare.mutable_p4info();
+  const Program programs[] = {
+      {config(), 10000}, {config(programJson, 20000), 20000}, {config("small", 6), 6}, {bare, 0}};
+  std::mt19937 random(4711);
+  const Program* running = nullptr;
+  const Program* saved = nullptr;
+  uint32_t routes = 0;
+  for (int step = 0; step < 200; ++step) {
+    SCOPED_TRACE(step);
+    const Program& next = programs[random() % std::size(programs)];
+    switch (random() % 7) {
+      case 0:
+        EXPECT_CODE(push(next.config, Set::VERIFY), OK);
+        break;
+      case 1:
+        EXPECT_CODE(push(next.config, Set::VERIFY_AND_SAVE), OK);
+        saved = &next;
+        break;
+      case 2: {
+        const grpc::Status status = commit();
+        EXPECT_EQ(status.error_code(), saved ? grpc::OK : grpc::NOT_FOUND);
+        if (saved) {
+          running = std::exchange(saved, nullptr);
+          routes = 0;
+        }
+        break;
+      }
+      case 3:
+        EXPECT_CODE(push(next.config), OK);
+        running = &next;
+        saved = nullptr;
+        routes = 0;
+        break;
+      case 4: {
+        const bool fits = routes <= next.room;
+        const grpc::Status status = push(next.config, Set::RECONCILE_AND_COMMIT);
+        EXPECT_EQ(status.error_code(), fits ? grpc::OK : grpc::INVALID_ARGUMENT)
+            << status.error_message();
+        if (fits) {
+          running = &next;
+          saved = nullptr;
+        }
+        break;
+      }
+      case 5:
+        if (!running || running->room < routes + 2) break;
+        EXPECT_TRUE(insertRoutes(routes, routes + 2).ok());
+        routes += 2;
+        break;
+      case 6:
+        if (!running || random() % 5 != 0) break;
+        restart();
+        saved = nullptr;
+        break;
+    }
+    if (!running) continue;
+    expectRuns(running->config);
+    ASSERT_THAT(entries(), SizeIs(routes));
+  }
+  EXPECT_EQ(disagreement(), "");
+}
+
+// Nobody's stream ends, and no Write hears another word than that it should come again.
+TEST_F(PushTest, OthersWriteMeanwhile) {
+  ASSERT_TRUE(push(config()).ok());
+  std::atomic<bool> stopping{false};
+  std::vector<std::string> trouble;
+  std::atomic<int> written{0};
+  std::thread writer([&] {
+    for (uint32_t i = 0; !stopping; ++i) {
+      const auto entry = Router::route(router_, i % 1000, 1);
+      const WriteOutcome outcome = controller_->write({insertOf(entry)});
+      const grpc::StatusCode code = outcome.status.error_code() == grpc::UNKNOWN
+                                        ? outcome.code(0)
+                                        : outcome.status.error_code();
+      if (code == grpc::OK) ++written;
+      if (code != grpc::OK && code != grpc::UNAVAILABLE && code != grpc::ALREADY_EXISTS) {
+        trouble.push_back(testing::PrintToString(outcome));
+      }
+    }
+  });
+  for (int i = 0; i < 20; ++i) {
+    const int before = written;
+    EXPECT_CODE(push(config("", 10000 + i % 3)), OK);
+    EXPECT_TRUE(waitUntil([&] { return written > before; }));
+  }
+  stopping = true;
+  writer.join();
+  EXPECT_THAT(trouble, IsEmpty());
+  EXPECT_EQ(controller_->arbitrate(), grpc::OK);
+  EXPECT_EQ(disagreement(), "");
+}
+
+TEST_F(PushTest, KilledMeanwhileTheFormerOrTheNewOneStands) {
+  const Config configs[] = {config("former"), config("new", 20000)};
+  ASSERT_TRUE(push(configs[0]).ok());
+  ASSERT_TRUE(insertRoutes(0, 5).ok());
+  int running = 0;
+  for (int round = 0; round < 12; ++round) {
+    SCOPED_TRACE(round);
+    std::thread pusher(
+        [&, id = electionId_] { pushOf(id, Set::VERIFY_AND_COMMIT, &configs[1 - running]); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(round * 4));
+    agent_.kill();
+    pusher.join();
+    agent_.start();
+    ASSERT_TRUE(agent_.waitServing()) << agent_.output();
+    ASSERT_TRUE(forwarder_.waitAttached());
+    ASSERT_TRUE(controllerBegins());
+    const bool isNew = get().config().p4_device_config() == configs[1 - running].p4_device_config();
+    if (isNew) running = 1 - running;
+    expectRuns(configs[running]);
+    EXPECT_THAT(entries(), SizeIs(isNew ? 0 : 5));
+    EXPECT_EQ(disagreement(), "");
+    if (isNew) {
+      ASSERT_TRUE(insertRoutes(0, 5).ok());
+    }
+  }
+}
+
+class ConfiguredPushTest : public PushTest {
+ protected:
+  ConfiguredPushTest() : PushTest(true) {}
+};
+
+TEST_F(ConfiguredPushTest, AResetGoesBackToTheConfiguredFile) {
+  ASSERT_TRUE(agent_.waitServing());
+  const Config configured = get().config();
+  EXPECT_CODE(push(configured, Set::RECONCILE_AND_COMMIT), OK);
+  const Config pushed = config(programJson, 20000);
+  ASSERT_TRUE(push(pushed).ok());
+  EXPECT_EQ(disagreement(), "");
+  restart();
+  expectRuns(pushed);
+  const CommandResult reset = agent_.korvel({"pipeline", "reset"});
+  EXPECT_EQ(reset.exit.code, 0) << reset.error;
+  EXPECT_TRUE(waitUntil([&] { return MessageDifferencer::Equals(get().config(), configured); }));
+  restart();
+  expectRuns(configured);
+  EXPECT_THAT(agent_.korvel({"pipeline", "reset"}).output, HasSubstr("in force already"));
+  EXPECT_TRUE(std::filesystem::is_empty(agent_.options().stateDirectory + "/pushed"));
+}
+
+}  // namespace
