@@ -24,8 +24,8 @@ int _pi_pipeline_push(pi_dev_id_t, int action, const char* config, size_t config
   auto* const pushes = P4Runtime::ThePipelinePushes();
   P4Runtime::PushAnswer answer{P4Runtime::unimplemented, "the switch takes no pipelines"};
   if (pushes) {
-    answer = pushes->push(action, config ? std::optional(std::string_view(config, config_size))
-                                         : std::nullopt);
+    answer = pushes->push(
+        action, config ? std::optional(std::string_view(config, config_size)) : std::nullopt);
   }
   if (answer.code != 0) say(cookie, answer.message.data(), answer.message.size());
   return answer.code;

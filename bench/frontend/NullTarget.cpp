@@ -82,7 +82,9 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p
   return PI_STATUS_SUCCESS;
 }
 void _pi_abilities(const char*, size_t, pi_abilities_t*) {}
-int _pi_pipeline_push(pi_dev_id_t, int, const char*, size_t, pi_bytes_receiver_t, void*) { return 12; }
+int _pi_pipeline_push(pi_dev_id_t, int, const char*, size_t, pi_bytes_receiver_t, void*) {
+  return 12;
+}
 void _pi_pipeline_given(pi_dev_id_t, pi_bytes_receiver_t, void*) {}
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
