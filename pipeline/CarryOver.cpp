@@ -23,7 +23,6 @@ using p4::config::v1::Action;
 using p4::config::v1::ActionProfile;
 using p4::config::v1::ActionRef;
 using p4::config::v1::MatchField;
-using p4::config::v1::P4Info;
 using p4::config::v1::Table;
 using Request = p4::v1::SetForwardingPipelineConfigRequest;
 using Reason = std::optional<std::string>;  // nothing: the meaning is the same
