@@ -20,6 +20,7 @@ using p4::config::v1::ControllerPacketMetadata;
 using p4::config::v1::MatchField;
 
 constexpr uint32_t version = 1;
+constexpr uint32_t idsOfDefaults = 0x80000000;  // from here on, of tables of default entries
 
 struct Key {
   const char* name;
@@ -89,7 +90,8 @@ void readKey(const cJSON& item, Extensions* extensions, Findings* findings) {
 }  // namespace
 
 bool hasOpenDefault(const p4::config::v1::Table& table) {
-  return table.const_default_action_id() == 0 && table.implementation_id() == 0 &&
+  return table.preamble().id() < idsOfDefaults && table.const_default_action_id() == 0 &&
+         table.implementation_id() == 0 &&
          std::ranges::any_of(table.action_refs(), [](const ActionRef& ref) {
            return ref.scope() != ActionRef::TABLE_ONLY && ref.scope() != ActionRef::GROUP_ACTION;
          });
@@ -100,10 +102,13 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   extensions.noTables = p4Info.tables().empty() || p4Info.actions().empty();
   const auto fieldNeeds = [](const MatchField& field) { return needsFields(field); };
   const auto parameterNeeds = [](const Action_Param& parameter) { return needsFields(parameter); };
+  bool anyHighId = false;
   for (const auto& table : p4Info.tables()) {
+    anyHighId |= table.preamble().id() >= idsOfDefaults;
     extensions.fields |= std::ranges::any_of(table.match_fields(), fieldNeeds);
     extensions.defaultActions |= hasOpenDefault(table);
   }
+  extensions.defaultActions &= !anyHighId;  // it might have the id of another table's default entry
   for (const auto& action : p4Info.actions()) {
     extensions.fields |= std::ranges::any_of(action.params(), parameterNeeds);
   }

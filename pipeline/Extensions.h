@@ -32,7 +32,8 @@ struct Extensions {
 };
 
 // Whether controllers may change the default entry: it is not constant, nor that of a table whose
-// actions are in a profile.
+// actions are in a profile. Ids from 2^31 on belong to the tables of default entries: a table of
+// the program with such an id keeps the program's default.
 bool hasOpenDefault(const p4::config::v1::Table& table);
 
 // Those without which something of the program could not be programmed.
@@ -41,7 +42,7 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info);
 // Of the object "p4rtc". An unknown key, or another value than 1, is an error: the file would run
 // by half.
 Extensions readExtensions(const cJSON& p4rtc, Findings* findings);
-// Of the text of a device configuration. A text that is none has no extensions.
+// The extensions in the text of a device configuration. Any other text has none.
 Extensions extensionsIn(std::string_view deviceConfig);
 // Adds nothing when there are none.
 void addExtensions(const Extensions& extensions, cJSON* p4rtc);

@@ -130,6 +130,12 @@ TEST(Extensions, AreThoseThatTheProgramNeeds) {
        R"(name: "p" bitwidth: 300)",
        {.fields = true}},
       {R"(name: "f" match_type: EXACT )" + constant, "", {}},  // no extension helps
+      // The id of another table's default entry.
+      {R"(name: "f" bitwidth: 8 match_type: EXACT } } tables { preamble { id: 2181038081 name: "u" }
+          action_refs { id: 16777217 } match_fields { id: 1 name: "f" bitwidth: 8
+          match_type: EXACT)",
+       "",
+       {}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.field + c.param);
