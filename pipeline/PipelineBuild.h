@@ -23,8 +23,7 @@ struct BuildOptions {
 };
 
 // Completes the request of a pipeline file that holds a P4Info so far, unless the findings hold
-// errors. Any thread; touches no file but those that the options name, and not those of the P4Info
-// and the output.
+// errors. Any thread. Reads the files of entries and queries that the options name, no other file.
 void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConfigRequest* request,
                   Findings* findings);
 

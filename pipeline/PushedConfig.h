@@ -14,8 +14,8 @@ namespace Pipeline {
 
 class Findings;
 
-// The program inside a p4_device_config: the bytes themselves, or those that a
-// p4.tmp.P4DeviceConfig wraps.
+// The program in a p4_device_config: the whole of it, or the data that a p4.tmp.P4DeviceConfig
+// wraps.
 std::string programOf(const std::string& p4DeviceConfig);
 
 // The request of a pipeline file. The device configuration is built from the P4Info, unless the

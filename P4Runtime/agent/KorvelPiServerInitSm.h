@@ -64,7 +64,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   Vela::Observation serverChange_;
   Vela::Observation restoreRequest_;
   std::vector<Vela::Observation> references_;
-  // Short: `korvel status` makes some fifteen requests, each of which may wait for a slice.
+  // Short, since `korvel status` makes some fifteen requests, and each may wait for a slice.
   RestoreSlice slice_ = RestoreSlice::ofTime(std::chrono::milliseconds(3));
   bool turnIsPosted_ = false;
   WriteGate::Closer noPipeline_{"no pipeline is ready"};

@@ -44,7 +44,7 @@ class ChangeLog {
 
   // Appends it under the number next(), for followers too.
   void add(const LoggedChange& change);
-  // An open change of which nothing is left.
+  // Empties an open change: followers pass over its number.
   void voidIs(uint64_t sequence);
   void commit();
   // Forgets the changes that are not committed. Their numbers are never another's: it leaves as
@@ -57,8 +57,8 @@ class ChangeLog {
   // Releases the slots of changes that were not committed. May leave changes as dropOpen() does.
   void abandon(const std::vector<Ref>& open);
   // Forgets the versions and changes of a table whose slots are about to go, and has followers pass
-  // over them. They would find other records in the slots; or no memory, after the next opening: a
-  // look at it would take some again, or end the process where there is none.
+  // over them. Followers would find other records in the slots. After the next opening the slots
+  // have no memory: a follower's read would take memory again, or end the process without any.
   void forgetTable(uint32_t table);
   // Releases dead versions: those up to `sequence`, and all but `atMost` of the others. False when
   // there was none.

@@ -40,7 +40,7 @@ class KeyIndex {
       if (found != slots_.end()) file_->loadSlot(found->ref);
     }
   }
-  // The key's record is in `ref` from now on; 0: there is none. Returns the slot that it was in.
+  // Enters `ref` as the slot of the key's record; 0 removes the key. Returns the former slot.
   Ref enter(Bytes key, Ref ref) { return enter(key, hash(key), ref); }
   Ref enter(Bytes key, uint32_t hash, Ref ref) {
     const Probe probe{file_, key, hash};

@@ -18,8 +18,8 @@ class DamagedRecords {
   // Names the damaged records that were found since the last call, on standard error and in the
   // list of failures, with table and key as far as they can be told.
   std::vector<Brine::DamagedRecord> tell();
-  // Tells and removes them, and those that were told before; counts records of entries, members and
-  // groups as unusable. A row that the restore has written again stays.
+  // Tells of them, and removes all damaged records, also if tell() has told of them. Counts records
+  // of entries, members and groups as unusable. A row that the restore has written again stays.
   void removeAll(RestoreCounts& counts);
 
  private:
