@@ -49,10 +49,10 @@ std::string definition(const DeviceConfig& device, const DeviceTable& table) {
 class Comparison {
  public:
   Comparison(const Request& running, const Request& next)
-      : running_(running.config().p4info()),
-        next_(next.config().p4info()),
-        runningDevice_(deviceOf(running)),
-        nextDevice_(deviceOf(next)) {}
+      : runningDevice_(deviceOf(running)),
+        nextDevice_(deviceOf(next)),
+        running_(running.config().p4info(), runningDevice_.extensions),
+        next_(next.config().p4info(), nextDevice_.extensions) {}
 
   std::string line(const TableRef& ref, size_t count, const std::string& why) const {
     const auto& [kind, id] = ref;
@@ -191,10 +191,10 @@ class Comparison {
     return sizeReason(next->size(), count);
   }
 
-  const P4InfoLookup running_;
-  const P4InfoLookup next_;
   const DeviceConfig runningDevice_;
   const DeviceConfig nextDevice_;
+  const P4InfoLookup running_;
+  const P4InfoLookup next_;
 };
 
 }  // namespace

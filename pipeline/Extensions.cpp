@@ -5,6 +5,7 @@
 #include <iterator>
 #include <string>
 
+#include "PI/frontends/proto/entity_tables.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "pipeline/ColumnType.h"
 #include "pipeline/Finding.h"
@@ -31,6 +32,7 @@ constexpr Key keys[] = {
     {"default_actions", &Extensions::defaultActions},
     {"packet_headers", &Extensions::packetHeaders},
     {"no_tables", &Extensions::noTables},
+    {"entities", &Extensions::entities},
 };
 
 bool needsFields(const MatchField& field) {
@@ -100,16 +102,18 @@ bool hasOpenDefault(const p4::config::v1::Table& table) {
 Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   Extensions extensions;
   extensions.noTables = p4Info.tables().empty() || p4Info.actions().empty();
+  extensions.entities = true;  // any program may have its packets replicated
+  const p4::config::v1::P4Info all = pi::fe::proto::with_entity_tables(p4Info);
   const auto fieldNeeds = [](const MatchField& field) { return needsFields(field); };
   const auto parameterNeeds = [](const Action_Param& parameter) { return needsFields(parameter); };
   bool anyHighId = false;
-  for (const auto& table : p4Info.tables()) {
+  for (const auto& table : all.tables()) {
     anyHighId |= table.preamble().id() >= idsOfDefaults;
     extensions.fields |= std::ranges::any_of(table.match_fields(), fieldNeeds);
     extensions.defaultActions |= hasOpenDefault(table);
   }
   extensions.defaultActions &= !anyHighId;  // it might have the id of another table's default entry
-  for (const auto& action : p4Info.actions()) {
+  for (const auto& action : all.actions()) {
     extensions.fields |= std::ranges::any_of(action.params(), parameterNeeds);
   }
   for (const auto& header : p4Info.controller_packet_metadata()) {

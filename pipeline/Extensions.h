@@ -27,7 +27,11 @@ struct Extensions {
   // The program may have no tables, or no actions. Key "no_tables".
   bool noTables = false;
 
-  bool any() const { return fields || defaultActions || packetHeaders || noTables; }
+  // Multicast groups, clone sessions, cells of counters, meters and registers, value sets and
+  // digests have tables. Key "entities".
+  bool entities = false;
+
+  bool any() const { return *this != Extensions{}; }
   friend bool operator==(const Extensions&, const Extensions&) = default;
 };
 

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 
+#include "PI/frontends/proto/entity_tables.h"
 #include "PI/frontends/proto/p4info_fault.h"
 #include "p4/config/v1/p4info.pb.h"
+#include "pipeline/Extensions.h"
 #include "pipeline/Finding.h"
 #include "pipeline/Names.h"
 
@@ -79,6 +81,17 @@ std::string listed(const std::vector<std::string>& names) {
 }
 
 }  // namespace
+
+P4InfoLookup::P4InfoLookup(const P4Info& p4Info, const Extensions& extensions)
+    : P4InfoLookup(std::make_shared<const P4Info>(
+          extensions.entities ? pi::fe::proto::with_entity_tables(p4Info) : p4Info)) {}
+
+P4InfoLookup::P4InfoLookup(std::shared_ptr<const P4Info> extended)
+    : extended_(std::move(extended)),
+      p4Info_(*extended_),
+      tables_(byId(p4Info_.tables())),
+      actions_(byId(p4Info_.actions())),
+      profiles_(byId(p4Info_.action_profiles())) {}
 
 P4InfoLookup::P4InfoLookup(const P4Info& p4Info)
     : p4Info_(p4Info),

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,12 +19,15 @@ class Table;
 namespace Pipeline {
 
 class Findings;
+struct Extensions;
 
 // Borrows the P4Info, which must not change meanwhile. Any thread may read it. Names that lead
 // nowhere throw PipelineError; ids that lead nowhere give null.
 class P4InfoLookup {
  public:
   explicit P4InfoLookup(const p4::config::v1::P4Info& p4Info);
+  // With the tables that the extensions add to the program's own.
+  P4InfoLookup(const p4::config::v1::P4Info& p4Info, const Extensions& extensions);
 
   const p4::config::v1::P4Info& p4Info() const { return p4Info_; }
   // Null when absent.
@@ -41,6 +45,9 @@ class P4InfoLookup {
                                             std::string_view name) const;
 
  private:
+  explicit P4InfoLookup(std::shared_ptr<const p4::config::v1::P4Info> extended);
+
+  const std::shared_ptr<const p4::config::v1::P4Info> extended_;  // null: p4Info_ is borrowed
   const p4::config::v1::P4Info& p4Info_;
   std::map<uint32_t, const p4::config::v1::Table*> tables_;
   std::map<uint32_t, const p4::config::v1::Action*> actions_;

@@ -76,7 +76,8 @@ void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConf
 
   checkProfiles(index, findings);
   const Extensions extensions = extensionsFor(p4Info);
-  const PipelineLayout layout = pipelineLayout(index, extensions, findings);
+  const P4InfoLookup all(p4Info, extensions);
+  const PipelineLayout layout = pipelineLayout(all, extensions, findings);
   std::vector<ConstantEntry> entries;
   if (!options.entriesPath.empty())
     entries = readConstantEntries(options.entriesPath, index, layout, findings);

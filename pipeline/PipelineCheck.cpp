@@ -186,7 +186,8 @@ void checkRequest(const Request& request, Verdict* verdict) {
   checkQueries(*device, types, findings);
   if (findings->hasErrors()) return;
   checkProfiles(index, findings);
-  DeviceCheck(index, *device, types, verdict).run();
+  const P4InfoLookup all(request.config().p4info(), device->extensions);
+  DeviceCheck(all, *device, types, verdict).run();
 }
 
 }  // namespace

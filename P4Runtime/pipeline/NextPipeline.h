@@ -16,6 +16,7 @@ struct NextPipeline {
   std::string path;     // of its file
   std::string request;  // as it is pushed to the server
   std::string p4InfoJson;
+  std::string modelJson;  // the P4Info with the tables that extensions add
   std::string deviceJson;
   Pipeline::Refused refused;
   Pipeline::Extensions extensions;

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "P4Runtime/pipeline/ParsingStatus.h"
+#include "PI/frontends/proto/entity_tables.h"
 #include "p4/tmp/p4config.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/FileKind.h"
@@ -55,6 +56,14 @@ std::string whatItIs(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   const std::string contents(std::istreambuf_iterator<char>(file), {});
   return Pipeline::whyNoPipelineFile(contents);
+}
+
+std::string jsonOf(const p4::config::v1::P4Info& p4Info) {
+  std::string json;
+  const auto converted = google::protobuf::util::MessageToJsonString(p4Info, &json);
+  if (converted.ok()) return json;
+  throw P4RuntimeParsingException({}, "Failed to convert p4Info to JSON " + converted.ToString(),
+                                  {});
 }
 
 // Throws the first finding that keeps the pipeline from running; all findings are traced.
@@ -195,13 +204,8 @@ NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::string& path) cons
 
 NextPipeline P4TableInfoSm::checkedPipeline(
     const std::string& path, const p4::v1::SetForwardingPipelineConfigRequest& request) {
-  NextPipeline next{path, request.SerializeAsString(), {}, {}, {}, {}};
-  const auto converted =
-      google::protobuf::util::MessageToJsonString(request.config().p4info(), &next.p4InfoJson);
-  if (!converted.ok()) {
-    throw P4RuntimeParsingException({}, "Failed to convert p4Info to JSON " + converted.ToString(),
-                                    {});
-  }
+  NextPipeline next{path, request.SerializeAsString(), {}, {}, {}, {}, {}};
+  next.p4InfoJson = jsonOf(request.config().p4info());
   p4::tmp::P4DeviceConfig device;
   if (!device.ParseFromString(request.config().p4_device_config())) {
     throw P4RuntimeParsingException({}, "Failed to read device configuration " + path, {});
@@ -211,6 +215,9 @@ NextPipeline P4TableInfoSm::checkedPipeline(
   requireRunnable(verdict.findings);
   next.refused = std::move(verdict.refused);
   next.extensions = verdict.extensions;
+  next.modelJson = next.extensions.entities
+                       ? jsonOf(pi::fe::proto::with_entity_tables(request.config().p4info()))
+                       : next.p4InfoJson;
   return next;
 }
 
@@ -238,7 +245,7 @@ void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   tableInfo_->pipelineRequestIs(next.request);
   TheParsingStatus()->pipelineFileIs(next.path);
   writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
-  handleP4InfoStr(next.p4InfoJson);
+  handleP4InfoStr(next.modelJson);
   writeForPeople(files_.deviceJsonPath, next.deviceJson);
   TheParsingStatus()->failureCleared();
   handlePipelineConfigStr(next.deviceJson);

@@ -54,7 +54,8 @@ class ViewMaker {
     auto config = parseDeviceConfig(*json, &findings);
     if (!config) requireNone(findings, path);
     config_ = *std::move(config);
-    layout_ = pipelineLayout(index_, config_.extensions, &findings);
+    const P4InfoLookup all(p4Info_, config_.extensions);
+    layout_ = pipelineLayout(all, config_.extensions, &findings);
     types_ = checkTypes(config_, &findings);
     const Verdict verdict = checkPipeline(request);
     refused_ = verdict.refused;

@@ -21,6 +21,9 @@ typedef struct {
   /* The headers of packets are as the program has them on the wire: the fields in the P4Info's
    * order, bit behind bit, filled up to whole bytes at the end. */
   int packet_headers;
+  /* Multicast groups and other entities are written as entries of tables of their own, which
+   * PI/frontends/proto/entity_tables.h tells. */
+  int entities;
 } pi_abilities_t;
 
 #define PI_DEFAULT_ENTRY_TABLE(table_id) ((table_id) ^ 0x80000000u)

@@ -1,0 +1,253 @@
+// Adds the tables of entities to a P4Info.
+#include "PI/frontend/model/EntityTables.h"
+
+#include <absl/container/flat_hash_set.h>
+
+#include <initializer_list>
+#include <string>
+
+namespace pi::fe::proto {
+
+namespace config = p4::config::v1;
+
+namespace {
+
+// The upper eight bits of an id in a P4Info name the kind of its object. Compilers use no more than
+// the lowest five of them, and all eight for externs.
+constexpr uint32_t kTables = 0x40000000;
+constexpr uint32_t kActions = 0x60000000;
+constexpr uint32_t kLists = 0x20000000;
+constexpr uint32_t kReplication = 0x1f000001;  // stands for the id of groups; sessions have the next
+constexpr uint32_t kRowAction = 0x7f000000;
+
+uint32_t baseId(EntityKind kind, uint32_t id) {
+  if (kind == EntityKind::multicastGroup) return kReplication;
+  return kind == EntityKind::cloneSession ? kReplication + 1 : id;
+}
+
+bool hasList(EntityKind kind) {
+  return kind == EntityKind::multicastGroup || kind == EntityKind::cloneSession ||
+         kind == EntityKind::valueSet;
+}
+
+bool isArray(EntityKind kind) {
+  return kind == EntityKind::counter || kind == EntityKind::meter ||
+         kind == EntityKind::registerArray;
+}
+
+void nameIs(config::Preamble* preamble, uint32_t id, const std::string& name) {
+  preamble->set_id(id);
+  preamble->set_name(name);
+  preamble->set_alias(name);
+}
+
+struct Column {
+  const char* name;
+  int32_t bits;
+};
+
+// Adds the tables of one entity after another.
+class Adder {
+ public:
+  explicit Adder(const config::P4Info& p4Info) : result_(p4Info) {
+    const auto take = [this](const auto& objects) {
+      for (const auto& object : objects) taken_.insert(object.preamble().id());
+    };
+    take(p4Info.tables());
+    take(p4Info.actions());
+    take(p4Info.action_profiles());
+    take(p4Info.counters());
+    take(p4Info.direct_counters());
+    take(p4Info.meters());
+    take(p4Info.direct_meters());
+    take(p4Info.controller_packet_metadata());
+    take(p4Info.value_sets());
+    take(p4Info.registers());
+    take(p4Info.digests());
+    for (const auto& type : p4Info.externs()) take(type.instances());
+  }
+
+  config::P4Info run(const config::P4Info& p4Info) {
+    addReplication();
+    for (const auto& counter : p4Info.counters()) {
+      addArray(EntityKind::counter, counter.preamble(), counter.size(),
+               {{"packets", 64}, {"bytes", 64}});
+    }
+    for (const auto& meter : p4Info.meters()) {
+      addArray(EntityKind::meter, meter.preamble(), meter.size(),
+               {{"cir", 64}, {"cburst", 64}, {"pir", 64}, {"pburst", 64}});
+    }
+    for (const auto& array : p4Info.registers()) {
+      if (const int32_t bits = registerBits(array); bits != 0) {
+        addArray(EntityKind::registerArray, array.preamble(), array.size(), {{"value", bits}});
+      }
+    }
+    for (const auto& set : p4Info.value_sets()) addValueSet(set);
+    for (const auto& digest : p4Info.digests()) {
+      config::Table* table = add(EntityKind::digest, digest.preamble());
+      if (table != nullptr) {
+        addKey(table, {"entry", 8});
+        addAction(EntityKind::digest, digest.preamble().id(), table,
+                  {{"max_timeout_ns", 64}, {"max_list_size", 32}, {"ack_timeout_ns", 64}});
+      }
+    }
+    return std::move(result_);
+  }
+
+ private:
+  static const std::string& shortName(const config::Preamble& preamble) {
+    return preamble.alias().empty() ? preamble.name() : preamble.alias();
+  }
+
+  bool takeIds(EntityKind kind, uint32_t id) {
+    const uint32_t base = baseId(kind, id);
+    for (const uint32_t one : {base ^ kTables, base ^ kActions, base ^ kLists, kRowAction}) {
+      if (taken_.contains(one)) return false;
+    }
+    taken_.insert({base ^ kTables, base ^ kActions, base ^ kLists});
+    return true;
+  }
+
+  // Null when an id is another object's.
+  config::Table* add(EntityKind kind, const config::Preamble& preamble, int64_t size = 0) {
+    if (!takeIds(kind, preamble.id())) return nullptr;
+    config::Table* table = result_.add_tables();
+    const char* prefix = kind == EntityKind::counter         ? "counter."
+                         : kind == EntityKind::meter         ? "meter."
+                         : kind == EntityKind::registerArray ? "register."
+                         : kind == EntityKind::valueSet      ? "value_set."
+                         : kind == EntityKind::digest        ? "digest."
+                                                             : "pre.";
+    nameIs(table->mutable_preamble(), entityTableId(kind, preamble.id()),
+           prefix + shortName(preamble));
+    table->set_size(size);
+    return table;
+  }
+
+  // The rows of the entity's table hold what the list's rows do not.
+  config::Table* addList(EntityKind kind, uint32_t id, const std::string& name) {
+    config::Table* list = result_.add_tables();
+    nameIs(list->mutable_preamble(), entityListTableId(kind, id), name);
+    if (!hasRowAction_) nameIs(result_.add_actions()->mutable_preamble(), kRowAction, "row");
+    hasRowAction_ = true;
+    config::ActionRef* ref = list->add_action_refs();
+    ref->set_id(kRowAction);
+    ref->set_scope(config::ActionRef::TABLE_ONLY);
+    return list;
+  }
+
+  static void addKey(config::Table* table, const Column& column) {
+    config::MatchField* field = table->add_match_fields();
+    field->set_id(static_cast<uint32_t>(table->match_fields_size()));
+    field->set_name(column.name);
+    field->set_bitwidth(column.bits);
+    field->set_match_type(config::MatchField::EXACT);
+  }
+
+  // The one action of a table. Only cells have a default.
+  void addAction(EntityKind kind, uint32_t id, config::Table* table,
+                 std::initializer_list<Column> columns) {
+    config::Action* action = result_.add_actions();
+    nameIs(action->mutable_preamble(), baseId(kind, id) ^ kActions,
+           kind == EntityKind::multicastGroup ? "group"
+           : kind == EntityKind::cloneSession ? "session"
+                                              : "set");
+    for (const Column& column : columns) {
+      config::Action::Param* param = action->add_params();
+      param->set_id(static_cast<uint32_t>(action->params_size()));
+      param->set_name(column.name);
+      param->set_bitwidth(column.bits);
+    }
+    config::ActionRef* ref = table->add_action_refs();
+    ref->set_id(action->preamble().id());
+    ref->set_scope(isArray(kind) ? config::ActionRef::TABLE_AND_DEFAULT
+                                 : config::ActionRef::TABLE_ONLY);
+  }
+
+  void addReplication() {
+    for (const EntityKind kind : {EntityKind::multicastGroup, EntityKind::cloneSession}) {
+      const bool isGroup = kind == EntityKind::multicastGroup;
+      config::Preamble preamble;
+      preamble.set_name(isGroup ? "multicast_group" : "clone_session");
+      const Column id{isGroup ? "multicast_group_id" : "session_id", kEntityIdBits};
+      config::Table* table = add(kind, preamble);
+      if (table == nullptr) continue;
+      addKey(table, id);
+      if (isGroup) {
+        addAction(kind, 0, table, {});
+      } else {
+        addAction(kind, 0, table, {{"class_of_service", 32}, {"packet_length_bytes", 32}});
+      }
+      config::Table* list = addList(kind, 0, table->preamble().name() + ".replica");
+      for (const Column& column :
+           {id, Column{"egress_port", kEntityIdBits}, Column{"instance", kEntityIdBits}}) {
+        addKey(list, column);
+      }
+    }
+  }
+
+  void addArray(EntityKind kind, const config::Preamble& preamble, int64_t size,
+                std::initializer_list<Column> columns) {
+    config::Table* table = add(kind, preamble, size);
+    if (table == nullptr) return;
+    addKey(table, {"index", kEntityIndexBits});
+    addAction(kind, preamble.id(), table, columns);
+  }
+
+  void addValueSet(const config::ValueSet& set) {
+    config::Table* table = add(EntityKind::valueSet, set.preamble());
+    if (table == nullptr) return;
+    const std::string name = table->preamble().name();
+    addKey(table, {"entry", 8});
+    addAction(EntityKind::valueSet, set.preamble().id(), table, {{"members", 32}});
+    config::Table* list = addList(EntityKind::valueSet, set.preamble().id(), name + ".member");
+    list->set_size(set.size());
+    for (const auto& field : set.match()) *list->add_match_fields() = field;
+  }
+
+  config::P4Info result_;
+  absl::flat_hash_set<uint32_t> taken_;
+  bool hasRowAction_ = false;
+};
+
+}  // namespace
+
+const char* entityKindText(EntityKind kind) {
+  switch (kind) {
+    case EntityKind::multicastGroup:
+      return "multicast group";
+    case EntityKind::cloneSession:
+      return "clone session";
+    case EntityKind::counter:
+      return "counter";
+    case EntityKind::meter:
+      return "meter";
+    case EntityKind::registerArray:
+      return "register";
+    case EntityKind::valueSet:
+      return "value set";
+    case EntityKind::digest:
+      break;
+  }
+  return "digest";
+}
+
+uint32_t entityTableId(EntityKind kind, uint32_t id) { return baseId(kind, id) ^ kTables; }
+
+uint32_t entityListTableId(EntityKind kind, uint32_t id) {
+  return hasList(kind) ? baseId(kind, id) ^ kLists : 0;
+}
+
+int32_t registerBits(const config::Register& array) {
+  const auto& spec = array.type_spec();
+  if (spec.has_bool_()) return 1;
+  if (!spec.has_bitstring()) return 0;
+  const auto& bits = spec.bitstring();
+  return bits.has_bit() ? bits.bit().bitwidth() : bits.has_int_() ? bits.int_().bitwidth() : 0;
+}
+
+config::P4Info with_entity_tables(const config::P4Info& p4Info) {
+  return Adder(p4Info).run(p4Info);
+}
+
+}  // namespace pi::fe::proto
