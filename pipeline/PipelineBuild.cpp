@@ -75,7 +75,7 @@ void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConf
   if (findings->hasErrors()) return;
 
   checkProfiles(index, findings);
-  const Extensions extensions = extensionsFor(p4Info);
+  const Extensions extensions = options.plain ? Extensions{} : extensionsFor(p4Info);
   const P4InfoLookup all(p4Info, extensions);
   const PipelineLayout layout = pipelineLayout(all, extensions, findings);
   std::vector<ConstantEntry> entries;

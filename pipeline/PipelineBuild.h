@@ -20,6 +20,7 @@ struct BuildOptions {
   std::string electionId;   // decimal, or "HIGH:LOW"; empty: none in the file
   std::string outputPath;
   bool mayHaveNoTables = false;  // nor actions
+  bool plain = false;            // without extensions: what needs them cannot be programmed
 };
 
 // Completes the request of a pipeline file that holds a P4Info so far, unless the findings hold

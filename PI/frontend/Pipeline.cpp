@@ -7,6 +7,7 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/restore/FetchedTable.h"
+#include "PI/frontend/store/EntityRows.h"
 #include "PI/target/pi_extensions_imp.h"
 #include "p4/tmp/p4config.pb.h"
 
@@ -75,6 +76,11 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   (*entry)->handle = handle;
   (*entry)->controllerMetadata = controllerMetadata;
   if (!metadata.empty()) std::memcpy((*entry)->metadataData(), metadata.data(), metadata.size());
+  if (table->entity != nullptr) {
+    if (table == table->entity->list) return PI_STATUS_SUCCESS;  // the entity tells of its rows
+    p4::v1::Entity entity;
+    if (!readEntity(*table->entity, **entry, &entity)) return PI_STATUS_INVALID_ENTRY_TYPE;
+  }
   const bool adopted = adoptEntry(*table, *std::move(entry));
   return adopted ? PI_STATUS_SUCCESS : PI_STATUS_INVALID_ENTRY_TYPE;
 }

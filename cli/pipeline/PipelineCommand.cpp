@@ -73,6 +73,8 @@ void addBuild(CLI::App& pipeline) {
       ->type_name("FILE");
   build->add_option("--queries", options->queriesPath, "queries to install, a JSON array")
       ->type_name("FILE");
+  build->add_flag("--plain", options->plain,
+                  "use no abilities that agents did not have from the beginning");
   build->add_option("--election-id", options->electionId, "election id to put into the file")
       ->type_name("[HIGH:]LOW");
   build->add_option("-o,--output", options->outputPath, "pipeline file to write")

@@ -81,6 +81,7 @@ class PipelineFileTest : public ScratchTest {
     options.p4InfoPath = written("p4info", smallP4Info);
     options.entriesPath = written("entries", smallEntries);
     options.deviceId = 7;
+    options.plain = true;
     options.outputPath = path("pipeline");
     return options;
   }

@@ -1,5 +1,5 @@
-// Counters: direct ones are read from the counts of the forwarding agents; all else is only traced
-// and acknowledged, and the server refuses it.
+// Counters: they are read from the counts of the forwarding agents; all else is only traced and
+// acknowledged, since the server writes them as rows.
 #include <string>
 
 #include "P4Runtime/pi/PiContext.h"
@@ -27,6 +27,19 @@ pi_counter_data_t countOf(const P4Runtime::HwStatusDir* hwStatusDir, pi_entry_ha
   return count;
 }
 
+// Nothing where no forwarding agent counts for the cell.
+void addCell(const P4Runtime::HwStatusDir* hwStatusDir, pi_p4_id_t counter, size_t index,
+             pi_counter_data_t* count) {
+  if (!hwStatusDir) return;
+  const auto& counts = hwStatusDir->flowCounterStatus(Lattice::cellCounterName(counter, index));
+  if (counts.empty()) return;
+  *count = {PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES, 0, 0};
+  for (const Lattice::FlowCount& one : counts) {
+    count->bytes += one.bytes;
+    count->packets += one.packets;
+  }
+}
+
 }  // namespace
 
 extern "C" {
@@ -34,11 +47,12 @@ extern "C" {
 pi_status_t _pi_counter_read(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                              pi_p4_id_t counter_id, size_t index, int flags,
                              pi_counter_data_t* counter_data) {
-  const Vela::ActivityLock lock;
+  const Vela::ActivityReadLock lock;
   SCRIVEL_TRACE(6, "_pi_counter_read", " session_handle: ", session_handle,
                 " dev_tgt: ", P4Runtime::piDevTgtToString(dev_tgt), " counter_id: ", counter_id,
                 " index: ", index, " flags: ", Scrivel::hex(flags),
                 " counter_data=", P4Runtime::piCounterDataToString(counter_data));
+  addCell(P4Runtime::ThePiContext()->hwStatusDir().get(), counter_id, index, counter_data);
   return PI_STATUS_SUCCESS;
 }
 

@@ -14,7 +14,7 @@ std::string updateText(const CheckedUpdate& update) {
 
 const TablePlan& checkedTable(const P4InfoIndex& index, uint32_t tableId) {
   const TablePlan* table = index.table(tableId);
-  if (table != nullptr) return *table;
+  if (table != nullptr && table->entity == nullptr && !table->isDefaultEntry) return *table;
   if (tableId == 0) refuse(code::invalidArgument, "the table id is 0");
   refuse(code::invalidArgument, "the table id is that of ", index.objectText(tableId));
 }

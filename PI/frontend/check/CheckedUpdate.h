@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "PI/frontend/model/P4InfoIndex.h"
 #include "PI/frontend/store/Entry.h"
@@ -19,6 +20,10 @@ struct CheckedUpdate {
   // The entry to write, handles left open. The key alone for a DELETE, for a MODIFY that keeps
   // the action, and for a direct resource. Null: the update changes nothing.
   EntrySlot slot;
+  // All cells of an array are written: the default entry of its table, and the cells that have rows
+  // of their own, which go. These are found when the update runs.
+  bool ofAllCells = false;
+  std::vector<EntrySlot> gone;
 };
 
 // "table ingress.ipv4: dst 10.0.0.0/8", "action profile ingress.nexthops: member 7".

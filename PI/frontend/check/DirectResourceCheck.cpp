@@ -4,11 +4,11 @@
 #include <limits>
 
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/MeterCheck.h"
 #include "PI/frontend/store/KeyCodec.h"
 
 namespace pi::fe::proto {
 
-using p4::config::v1::MeterSpec;
 using p4::v1::CounterData;
 using p4::v1::MeterConfig;
 using p4::v1::TableEntry;
@@ -33,50 +33,6 @@ void checkCounter(const TablePlan& table, const TableEntry& entry, Update::Type 
          ": writing counter_data is not supported; counters start at 0 with their entry");
 }
 
-void checkColors(const TablePlan& table, const p4::v1::MeterCounterData& colors,
-                 const char* field) {
-  if (!isZero(colors.green()) || !isZero(colors.yellow()) || !isZero(colors.red())) {
-    refuse(code::invalidArgument, "table ", table.name, ": ", field, " must be zero");
-  }
-  refuse(code::unimplemented, "table ", table.name, ": writing ", field, " is not supported");
-}
-
-template <typename... Texts>
-[[noreturn]] void refuseConfig(const TablePlan& table, const Texts&... texts) {
-  refuse(code::invalidArgument, "table ", table.name, ": direct meter: ", texts...);
-}
-
-void checkRates(const TablePlan& table, const MeterConfig& config) {
-  const struct {
-    const char* name;
-    int64_t value;
-  } fields[] = {{"cir", config.cir()},
-                {"cburst", config.cburst()},
-                {"pir", config.pir()},
-                {"pburst", config.pburst()},
-                {"eburst", config.eburst()}};
-  for (const auto& field : fields) {
-    if (field.value < 0) {
-      refuseConfig(table, field.name, " is ", field.value, "; it must not be negative");
-    }
-  }
-  if (config.pir() < config.cir()) {
-    refuseConfig(table, "pir is ", config.pir(), ", below the cir of ", config.cir());
-  }
-}
-
-void checkAgainstType(const TablePlan& table, const MeterConfig& config) {
-  const MeterSpec::Type type = table.meter->type;
-  const bool oneRate = config.cir() == config.pir() && config.cburst() == config.pburst();
-  if (type != MeterSpec::TWO_RATE_THREE_COLOR && !oneRate) {
-    refuseConfig(table, "a meter of a single rate needs pir equal to cir and pburst to cburst");
-  }
-  if (type != MeterSpec::SINGLE_RATE_THREE_COLOR && config.eburst() != 0) {
-    refuseConfig(table, "eburst is ", config.eburst(), "; a meter of the type ",
-                 MeterSpec::Type_Name(type), " takes 0 only");
-  }
-}
-
 void checkWhatTheTargetTakes(const TablePlan& table, const MeterConfig& config) {
   constexpr int64_t kMax = std::numeric_limits<uint32_t>::max();
   if (config.cburst() > kMax || config.pburst() > kMax) {
@@ -89,8 +45,7 @@ void checkWhatTheTargetTakes(const TablePlan& table, const MeterConfig& config) 
 }
 
 void checkConfig(const TablePlan& table, const MeterConfig& config) {
-  checkRates(table, config);
-  checkAgainstType(table, config);
+  checkMeterConfig(absl::StrCat("table ", table.name, ": direct meter"), table.meter->type, config);
   checkWhatTheTargetTakes(table, config);
 }
 
@@ -142,7 +97,7 @@ void checkDirectResources(const TablePlan& table, const TableEntry& entry, Updat
   }
   if (entry.has_meter_counter_data()) {
     requireResource(table, table.meter.has_value(), "meter", "meter_counter_data");
-    checkColors(table, entry.meter_counter_data(), "meter_counter_data");
+    refuseColors("table " + table.name, entry.meter_counter_data(), "meter_counter_data");
   }
 }
 
@@ -162,7 +117,8 @@ CheckedUpdate checkedDirectMeter(const P4InfoIndex& index, const p4::v1::DirectM
     checkConfig(table, given.config());
     setting = settingOf(given.config());
   }
-  if (given.has_counter_data()) checkColors(table, given.counter_data(), "counter_data");
+  if (given.has_counter_data())
+    refuseColors("table " + table.name, given.counter_data(), "counter_data");
   result.table = &table;
   result.profile = table.profile;
   result.slot.entry = keyOf(table, given.table_entry(), "meter", setting);

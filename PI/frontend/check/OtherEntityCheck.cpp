@@ -1,4 +1,4 @@
-// Checks of entities that are neither programmed nor read here.
+// Checks of entities that are no table entries: whether the P4Info has them.
 #include "PI/frontend/check/OtherEntityCheck.h"
 
 #include <absl/strings/str_cat.h>
@@ -123,6 +123,15 @@ void checkDigest(const P4InfoIndex& index, const Entity& entity, bool isQuery) {
   refuse(code::invalidArgument, "the digest id is that of ", index.objectText(id));
 }
 
+void checkValueSet(const P4InfoIndex& index, const Entity& entity, bool isQuery) {
+  if (!entity.has_value_set_entry()) return;
+  const uint32_t id = entity.value_set_entry().value_set_id();
+  if (id == 0 && isQuery) return;
+  if (id == 0) refuse(code::invalidArgument, "the value set id is 0");
+  if (index.arraySize("value set", id)) return;
+  refuse(code::invalidArgument, "the value set id is that of ", index.objectText(id));
+}
+
 // Whether the query is for all entities of a kind that the device does not have. A query may also
 // name a digest: no digest has been started.
 bool asksForNothing(const Entity& entity) {
@@ -149,26 +158,36 @@ bool asksForNothing(const Entity& entity) {
 
 }  // namespace
 
-void refuseOtherUpdate(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
-  const std::string text = entityText(index, entity);
-  if (text.empty()) refuse(code::invalidArgument, "the update names no entity");
+void checkOtherUpdate(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
+  if (entityText(index, entity).empty()) {
+    refuse(code::invalidArgument, "the update names no entity");
+  }
   checkArrays(index, entity, false);
   requireModify(index, entity, type);
   if (entity.has_packet_replication_engine_entry()) {
     checkReplication(entity.packet_replication_engine_entry());
   }
   checkDigest(index, entity, false);
+  checkValueSet(index, entity, false);
+}
+
+void refuseOtherUpdate(const P4InfoIndex& index, const Entity& entity, Update::Type type) {
   requireNoDelete(index, entity, type);
-  refuse(code::unimplemented, text, ": writing it is not supported");
+  refuse(code::unimplemented, entityText(index, entity), ": writing it is not supported");
 }
 
 void checkOtherQuery(const P4InfoIndex& index, const Entity& entity) {
-  const std::string text = entityText(index, entity);
-  if (text.empty()) refuse(code::invalidArgument, "the query names no kind of entity");
+  if (entityText(index, entity).empty()) {
+    refuse(code::invalidArgument, "the query names no kind of entity");
+  }
   checkArrays(index, entity, true);
   checkDigest(index, entity, true);
+  checkValueSet(index, entity, true);
+}
+
+void requireNothingAsked(const P4InfoIndex& index, const Entity& entity) {
   if (asksForNothing(entity)) return;
-  refuse(code::unimplemented, text, ": reading it is not supported");
+  refuse(code::unimplemented, entityText(index, entity), ": reading it is not supported");
 }
 
 }  // namespace pi::fe::proto

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/store/EntityRows.h"
 
 namespace pi::fe::proto {
 
@@ -23,8 +24,15 @@ const char* subjectText(Subject subject) {
   }
 }
 
+// Without an entry, that of the program stands, or the state in the beginning.
+bool alwaysExists(const TablePlan& table) {
+  if (table.isDefaultEntry) return true;
+  return table.entity != nullptr &&
+         (table.entity->isArray() || table.entity->kind == EntityKind::valueSet);
+}
+
 void requireState(const CheckedUpdate& update, const Entry* former) {
-  if (update.table != nullptr && update.table->isDefaultEntry) return;  // the program's stands else
+  if (update.table != nullptr && alwaysExists(*update.table)) return;
   const char* what = subjectText(update.subject);
   if (update.type == Update::INSERT && former != nullptr) {
     refuse(code::alreadyExists, updateText(update), ": there is such ",
@@ -72,6 +80,7 @@ void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
       update->type == Update::MODIFY && update->slot.entry->kind == EntryKind::keyAlone;
   if (former != nullptr && former->isConst) requireResourcesAlone(*update, keeps);
   if (keeps) return doKeepAction(update, *former);
+  if (update->table != nullptr && update->table->entity != nullptr) prepareEntity(update, former);
   if (update->profile == nullptr) return;
   if (update->subject == Subject::member) {
     prepareMember(*update);
@@ -81,6 +90,18 @@ void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
     prepareEntry(update);
   }
   if (update->type != Update::DELETE) requireRoom(*update, former);
+}
+
+// A cell that is set to the same value again is set all the same: the data plane may have changed
+// it meanwhile.
+void StateCheck::prepareEntity(CheckedUpdate* update, const Entry* former) const {
+  const EntityPlan& plan = *update->table->entity;
+  if (update->ofAllCells) update->gone = store_.slotsOf(plan.table->id);
+  const bool counts = plan.kind == EntityKind::counter || plan.kind == EntityKind::registerArray;
+  if (!counts || former == nullptr || update->type == Update::DELETE) return;
+  const ActionPlan& action = *update->table->actions.front().action;
+  const size_t times = action.params.size() - 1;
+  paramIs(action, times, paramOf(action, times, *former) + 1, update->slot.entry.get());
 }
 
 void StateCheck::prepareMember(const CheckedUpdate& update) const {

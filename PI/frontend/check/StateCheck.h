@@ -22,6 +22,7 @@ class StateCheck {
   void handleBatchBegin() { promised_.clear(); }
 
  private:
+  void prepareEntity(CheckedUpdate* update, const Entry* former) const;
   void prepareMember(const CheckedUpdate& update) const;
   void prepareGroup(const CheckedUpdate& update, const Entry* former) const;
   void prepareEntry(CheckedUpdate* update) const;

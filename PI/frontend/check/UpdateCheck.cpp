@@ -3,7 +3,7 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/check/DirectResourceCheck.h"
-#include "PI/frontend/check/OtherEntityCheck.h"
+#include "PI/frontend/check/EntityCheck.h"
 #include "PI/frontend/check/ProfileCheck.h"
 #include "PI/frontend/check/TableEntryCheck.h"
 
@@ -33,7 +33,7 @@ CheckedUpdate checkedEntity(const P4InfoIndex& index, const Entity& entity, Upda
     case Entity::kDirectCounterEntry:
       return checkedDirectCounter(index, entity.direct_counter_entry(), type);
     default:
-      refuseOtherUpdate(index, entity, type);
+      return checkedEntityUpdate(index, entity, type);
   }
 }
 

@@ -17,7 +17,8 @@ namespace {
 constexpr uint32_t kTables = 0x40000000;
 constexpr uint32_t kActions = 0x60000000;
 constexpr uint32_t kLists = 0x20000000;
-constexpr uint32_t kReplication = 0x1f000001;  // stands for the id of groups; sessions have the next
+constexpr uint32_t kReplication =
+    0x1f000001;  // stands for the id of groups; sessions have the next
 constexpr uint32_t kRowAction = 0x7f000000;
 
 uint32_t baseId(EntityKind kind, uint32_t id) {
@@ -71,15 +72,16 @@ class Adder {
     addReplication();
     for (const auto& counter : p4Info.counters()) {
       addArray(EntityKind::counter, counter.preamble(), counter.size(),
-               {{"packets", 64}, {"bytes", 64}});
+               {{"packets", 64}, {"bytes", 64}, {"times", 32}});
     }
     for (const auto& meter : p4Info.meters()) {
       addArray(EntityKind::meter, meter.preamble(), meter.size(),
-               {{"cir", 64}, {"cburst", 64}, {"pir", 64}, {"pburst", 64}});
+               {{"cir", 64}, {"cburst", 64}, {"pir", 64}, {"pburst", 64}, {"eburst", 64}});
     }
     for (const auto& array : p4Info.registers()) {
       if (const int32_t bits = registerBits(array); bits != 0) {
-        addArray(EntityKind::registerArray, array.preamble(), array.size(), {{"value", bits}});
+        addArray(EntityKind::registerArray, array.preamble(), array.size(),
+                 {{"value", bits}, {"times", 32}});
       }
     }
     for (const auto& set : p4Info.value_sets()) addValueSet(set);
@@ -128,12 +130,17 @@ class Adder {
   config::Table* addList(EntityKind kind, uint32_t id, const std::string& name) {
     config::Table* list = result_.add_tables();
     nameIs(list->mutable_preamble(), entityListTableId(kind, id), name);
+    addRowAction(list);
+    return list;
+  }
+
+  // Without parameters.
+  void addRowAction(config::Table* table) {
     if (!hasRowAction_) nameIs(result_.add_actions()->mutable_preamble(), kRowAction, "row");
     hasRowAction_ = true;
-    config::ActionRef* ref = list->add_action_refs();
+    config::ActionRef* ref = table->add_action_refs();
     ref->set_id(kRowAction);
     ref->set_scope(config::ActionRef::TABLE_ONLY);
-    return list;
   }
 
   static void addKey(config::Table* table, const Column& column) {
@@ -192,6 +199,7 @@ class Adder {
     if (table == nullptr) return;
     addKey(table, {"index", kEntityIndexBits});
     addAction(kind, preamble.id(), table, columns);
+    if (kind == EntityKind::meter) addRowAction(table);
   }
 
   void addValueSet(const config::ValueSet& set) {
@@ -242,8 +250,7 @@ int32_t registerBits(const config::Register& array) {
   const auto& spec = array.type_spec();
   if (spec.has_bool_()) return 1;
   if (!spec.has_bitstring()) return 0;
-  const auto& bits = spec.bitstring();
-  return bits.has_bit() ? bits.bit().bitwidth() : bits.has_int_() ? bits.int_().bitwidth() : 0;
+  return spec.bitstring().has_bit() ? spec.bitstring().bit().bitwidth() : 0;
 }
 
 config::P4Info with_entity_tables(const config::P4Info& p4Info) {

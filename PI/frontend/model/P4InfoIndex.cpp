@@ -98,19 +98,26 @@ bool usesPriority(MatchKind kind) {
 
 P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abilities)
     : abilities_(abilities) {
-  doIndexObjects(p4Info);
+  const config::P4Info all = abilities_.entities != 0 ? with_entity_tables(p4Info) : p4Info;
+  doIndexObjects(all);
   doCheckDirectResources(p4Info);
-  for (const auto& action : p4Info.actions()) {
+  for (const auto& action : all.actions()) {
     actions_[action.preamble().id()] = actionPlan(action);
   }
   profilesAre(p4Info);
   tables_.reserve(p4Info.tables_size());
-  for (const auto& table : p4Info.tables()) {
-    tables_.push_back(tablePlan(p4Info, table));
-    tableById_[table.preamble().id()] = tables_.back().get();
+  for (const auto& table : all.tables()) {
+    const bool isPrograms = tables_.size() < static_cast<size_t>(p4Info.tables_size());
+    auto& tables = isPrograms ? tables_ : entityTables_;
+    tables.push_back(tablePlan(p4Info, table));
+    tableById_[table.preamble().id()] = tables.back().get();
   }
-  if (abilities_.default_actions != 0) defaultEntriesAre();
+  if (abilities_.default_actions != 0) {
+    defaultEntriesAre(tables_);
+    defaultEntriesAre(entityTables_);
+  }
   tablesOfProfilesAre(p4Info);
+  if (abilities_.entities != 0) entitiesAre(p4Info);
 }
 
 const TablePlan* P4InfoIndex::table(uint32_t id) const {
@@ -127,6 +134,13 @@ const ActionPlan* P4InfoIndex::action(uint32_t id) const {
 const ProfilePlan* P4InfoIndex::profile(uint32_t id) const {
   for (const auto& profile : profiles_) {
     if (profile->id == id) return profile.get();
+  }
+  return nullptr;
+}
+
+const EntityPlan* P4InfoIndex::entity(EntityKind kind, uint32_t id) const {
+  for (const auto& entity : entities_) {
+    if (entity->kind == kind && entity->id == id) return entity.get();
   }
   return nullptr;
 }
@@ -303,8 +317,8 @@ void P4InfoIndex::defaultActionIs(TablePlan* plan, const config::Table& table) c
   }
 }
 
-void P4InfoIndex::defaultEntriesAre() {
-  for (const auto& table : tables_) {
+void P4InfoIndex::defaultEntriesAre(const std::vector<std::unique_ptr<TablePlan>>& tables) {
+  for (const auto& table : tables) {
     if (table->constDefaultActionId != 0 || table->profile != nullptr) continue;
     auto plan = defaultEntryPlan(*table);
     if (!tableById_.try_emplace(plan->id, plan.get()).second) continue;  // the id is a table's own
@@ -324,6 +338,51 @@ std::unique_ptr<TablePlan> P4InfoIndex::defaultEntryPlan(const TablePlan& table)
   plan->keyBytes = 1;
   plan->actions = table.actions;
   return plan;
+}
+
+EntityPlan* P4InfoIndex::entityIs(EntityKind kind, const config::Preamble& preamble, int64_t size) {
+  const auto planOf = [this](uint32_t tableId) -> TablePlan* {
+    for (const auto& table : entityTables_) {
+      if (table->id == tableId) return table.get();
+    }
+    return nullptr;
+  };
+  auto entity = std::make_unique<EntityPlan>();
+  entity->kind = kind;
+  entity->id = preamble.id();
+  entity->text = entityKindText(kind);
+  if (entity->id != 0) absl::StrAppend(&entity->text, " ", preamble.name());
+  entity->size = size;
+  TablePlan* table = planOf(entityTableId(kind, entity->id));
+  TablePlan* list = planOf(entityListTableId(kind, entity->id));
+  for (TablePlan* one : {table, list, table == nullptr ? nullptr : table->defaultEntry.get()}) {
+    if (one != nullptr) one->entity = entity.get();
+  }
+  entity->table = table;
+  entity->list = list;
+  entities_.push_back(std::move(entity));
+  return entities_.back().get();
+}
+
+void P4InfoIndex::entitiesAre(const config::P4Info& p4Info) {
+  entityIs(EntityKind::multicastGroup, {});
+  entityIs(EntityKind::cloneSession, {});
+  for (const auto& counter : p4Info.counters()) {
+    EntityPlan* plan = entityIs(EntityKind::counter, counter.preamble(), counter.size());
+    plan->countsBytes = counter.spec().unit() != config::CounterSpec::PACKETS;
+    plan->countsPackets = counter.spec().unit() != config::CounterSpec::BYTES;
+  }
+  for (const auto& meter : p4Info.meters()) {
+    entityIs(EntityKind::meter, meter.preamble(), meter.size())->meterType = meter.spec().type();
+  }
+  for (const auto& array : p4Info.registers()) {
+    EntityPlan* plan = entityIs(EntityKind::registerArray, array.preamble(), array.size());
+    plan->isBool = array.type_spec().has_bool_();
+  }
+  for (const auto& set : p4Info.value_sets()) {
+    entityIs(EntityKind::valueSet, set.preamble(), set.size());
+  }
+  for (const auto& digest : p4Info.digests()) entityIs(EntityKind::digest, digest.preamble());
 }
 
 void P4InfoIndex::directResourcesAre(TablePlan* plan, const config::P4Info& p4Info,

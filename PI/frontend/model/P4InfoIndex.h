@@ -27,6 +27,10 @@ class P4InfoIndex {
   const std::vector<std::unique_ptr<TablePlan>>& tables() const { return tables_; }  // P4Info order
   const std::vector<std::unique_ptr<ProfilePlan>>& profiles() const { return profiles_; }
 
+  // Those that the target keeps. Null: there is no such entity, or it is not kept.
+  const EntityPlan* entity(EntityKind kind, uint32_t id = 0) const;
+  const std::vector<std::unique_ptr<EntityPlan>>& entities() const { return entities_; }
+
   // An array of cells: an indexed counter or meter, a register. Empty when no such array of that
   // kind ("counter", "meter", "register") has the id.
   std::optional<int64_t> arraySize(const char* kind, uint32_t id) const;
@@ -55,7 +59,9 @@ class P4InfoIndex {
   void fieldPlanIs(TablePlan* plan, const p4::config::v1::MatchField& field) const;
   void actionUsesAre(TablePlan* plan, const p4::config::v1::Table& table) const;
   void defaultActionIs(TablePlan* plan, const p4::config::v1::Table& table) const;
-  void defaultEntriesAre();
+  void defaultEntriesAre(const std::vector<std::unique_ptr<TablePlan>>& tables);
+  void entitiesAre(const p4::config::v1::P4Info& p4Info);
+  EntityPlan* entityIs(EntityKind kind, const p4::config::v1::Preamble& preamble, int64_t size = 0);
   static std::unique_ptr<TablePlan> defaultEntryPlan(const TablePlan& table);
   void directResourcesAre(TablePlan* plan, const p4::config::v1::P4Info& p4Info,
                           const p4::config::v1::Table& table) const;
@@ -67,6 +73,8 @@ class P4InfoIndex {
   std::vector<std::unique_ptr<TablePlan>> tables_;
   absl::flat_hash_map<uint32_t, const TablePlan*> tableById_;
   std::vector<std::unique_ptr<ProfilePlan>> profiles_;
+  std::vector<std::unique_ptr<TablePlan>> entityTables_;
+  std::vector<std::unique_ptr<EntityPlan>> entities_;
 };
 
 }  // namespace pi::fe::proto

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "PI/frontend/model/EntityTables.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 
@@ -112,6 +113,27 @@ struct DirectMeterPlan {
   p4::config::v1::MeterSpec::Type type = p4::config::v1::MeterSpec::TWO_RATE_THREE_COLOR;
 };
 
+struct TablePlan;
+
+// Multicast groups, clone sessions, an array of cells, a value set or a digest.
+struct EntityPlan {
+  EntityKind kind = EntityKind::multicastGroup;
+  uint32_t id = 0;             // in the P4Info; 0 for groups and sessions
+  std::string text;            // "counter ingress.hits", "multicast group"
+  int64_t size = 0;            // cells, or members of a value set
+  bool countsBytes = false;    // of a counter, as DirectCounterPlan has it
+  bool countsPackets = false;  // of a counter
+  bool isBool = false;         // of a register
+  p4::config::v1::MeterSpec::Type meterType = p4::config::v1::MeterSpec::TWO_RATE_THREE_COLOR;
+  const TablePlan* table = nullptr;  // null: it cannot be kept
+  const TablePlan* list = nullptr;   // of the rows of a group, session or value set; else null
+
+  bool isArray() const {
+    return kind == EntityKind::counter || kind == EntityKind::meter ||
+           kind == EntityKind::registerArray;
+  }
+};
+
 struct TablePlan : ActionUser {
   TablePlan() : ActionUser("table") {}
 
@@ -130,6 +152,8 @@ struct TablePlan : ActionUser {
   // Null: the default entry cannot be written.
   std::unique_ptr<TablePlan> defaultEntry;
   std::string unsupported;  // why entries cannot be programmed; empty when they can
+  // The entity whose rows these are; null for tables of the program. Controllers name the entity.
+  const EntityPlan* entity = nullptr;
 };
 
 }  // namespace pi::fe::proto

@@ -93,6 +93,11 @@ bool EntitySender::sendDefaultEntry(const TablePlan& table, const Entry* written
   return addEntity();
 }
 
+bool EntitySender::sendEntity(p4::v1::Entity* entity) {
+  entity_.Swap(entity);
+  return addEntity();
+}
+
 bool EntitySender::addEntity() {
   const size_t bytes = entity_.ByteSizeLong() + kFrameBytes;
   const bool isFull = responseBytes_ != 0 && responseBytes_ + bytes > kMessageBytes;

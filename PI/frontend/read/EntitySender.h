@@ -20,6 +20,7 @@ class EntitySender {
   bool sendEntry(const TablePlan& table, const Entry& entry, EntryForm form,
                  const p4::v1::CounterData& count);
   bool sendObject(const Entry& object);
+  bool sendEntity(p4::v1::Entity* entity);  // leaves it empty
   bool sendDefaultEntry(const TablePlan& table, const Entry* written);
   // Sends the last message. A Read without any entity gets one empty message, which some clients
   // wait for.

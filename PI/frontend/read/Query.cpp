@@ -3,7 +3,9 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/check/CheckedUpdate.h"
+#include "PI/frontend/check/EntityCheck.h"
 #include "PI/frontend/check/OtherEntityCheck.h"
+#include "PI/frontend/store/EntityRows.h"
 #include "PI/frontend/store/KeyCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
 
@@ -160,13 +162,101 @@ Query objectQuery(const P4InfoIndex& index, uint32_t profileId, bool groups, uin
   return query;
 }
 
+EntityKind kindOf(const p4::v1::Entity& entity) {
+  switch (entity.entity_case()) {
+    case p4::v1::Entity::kCounterEntry:
+      return EntityKind::counter;
+    case p4::v1::Entity::kMeterEntry:
+      return EntityKind::meter;
+    case p4::v1::Entity::kRegisterEntry:
+      return EntityKind::registerArray;
+    case p4::v1::Entity::kValueSetEntry:
+      return EntityKind::valueSet;
+    case p4::v1::Entity::kDigestEntry:
+      return EntityKind::digest;
+    default:
+      return entity.packet_replication_engine_entry().has_multicast_group_entry()
+                 ? EntityKind::multicastGroup
+                 : EntityKind::cloneSession;
+  }
+}
+
+uint32_t objectIdOf(const p4::v1::Entity& entity) {
+  switch (entity.entity_case()) {
+    case p4::v1::Entity::kCounterEntry:
+      return entity.counter_entry().counter_id();
+    case p4::v1::Entity::kMeterEntry:
+      return entity.meter_entry().meter_id();
+    case p4::v1::Entity::kRegisterEntry:
+      return entity.register_entry().register_id();
+    case p4::v1::Entity::kValueSetEntry:
+      return entity.value_set_entry().value_set_id();
+    case p4::v1::Entity::kDigestEntry:
+      return entity.digest_entry().digest_id();
+    default:
+      break;
+  }
+  const auto& replication = entity.packet_replication_engine_entry();
+  return replication.has_multicast_group_entry()
+             ? replication.multicast_group_entry().multicast_group_id()
+             : replication.clone_session_entry().session_id();
+}
+
+// The key of the one row that is asked for; nothing: all of the array.
+std::optional<uint64_t> entityKey(const EntityPlan& plan, const p4::v1::Entity& entity) {
+  const auto indexOf = [](const auto& given) -> std::optional<uint64_t> {
+    if (!given.has_index()) return std::nullopt;
+    return static_cast<uint64_t>(given.index().index());
+  };
+  switch (plan.kind) {
+    case EntityKind::counter:
+      return indexOf(entity.counter_entry());
+    case EntityKind::meter:
+      return indexOf(entity.meter_entry());
+    case EntityKind::registerArray:
+      return indexOf(entity.register_entry());
+    case EntityKind::valueSet:
+    case EntityKind::digest:
+      return 0;
+    default:
+      return objectIdOf(entity);
+  }
+}
+
+Query otherQuery(const P4InfoIndex& index, const p4::v1::Entity& entity) {
+  checkOtherQuery(index, entity);
+  if (entity.has_extern_entry()) {
+    requireNothingAsked(index, entity);
+    return emptyQuery();
+  }
+  Query query;
+  query.kind = Query::Kind::entities;
+  query.entityKind = kindOf(entity);
+  if (objectIdOf(entity) == 0) return query;
+  query.entity = entityPlan(index, entity);
+  if (query.entity == nullptr) {
+    requireNothingAsked(index, entity);
+    return emptyQuery();
+  }
+  if (entity.meter_entry().has_counter_data()) {
+    refuse(code::unimplemented, query.entity->text, ": reading counter_data is not supported");
+  }
+  const std::optional<uint64_t> key = entityKey(*query.entity, entity);
+  if (!key) return query;
+  query.kind = Query::Kind::oneEntity;
+  const TablePlan& table = *query.entity->table;
+  query.key = makeEntity(table, *key, *table.actions.front().action, {});
+  return query;
+}
+
 }  // namespace
 
 std::string Query::identity() const {
   std::string result = absl::StrCat(
       static_cast<int>(kind), ",", static_cast<int>(form), ",", mustExist, ",",
       table == nullptr ? 0 : table->id, ",", profile == nullptr ? 0 : profile->id, ",", groups, ",",
-      actionId, ",", priority, ",", controllerMetadata, ",", metadata.size(), ",", metadata);
+      static_cast<int>(entityKind), ",", entity == nullptr ? 0 : entity->id, ",", actionId, ",",
+      priority, ",", controllerMetadata, ",", metadata.size(), ",", metadata);
   if (key) result.append(",").append(key->key().bytes);
   return result;
 }
@@ -208,8 +298,7 @@ Query checkedQuery(const P4InfoIndex& index, const p4::v1::Entity& entity) {
       return objectQuery(index, group.action_profile_id(), true, group.group_id());
     }
     default:
-      checkOtherQuery(index, entity);
-      return emptyQuery();
+      return otherQuery(index, entity);
   }
 }
 

@@ -27,7 +27,17 @@ inline bool hasMeter(EntryForm form) {
 }
 
 struct Query {
-  enum class Kind { allTables, table, oneEntry, defaultEntry, objects, oneObject, nothing };
+  enum class Kind {
+    allTables,
+    table,
+    oneEntry,
+    defaultEntry,
+    objects,
+    oneObject,
+    entities,   // those of `entityKind`, or all of `entity`
+    oneEntity,  // with a key of its own: a cell, group, session, value set or digest
+    nothing
+  };
 
   Kind kind = Kind::allTables;
   const TablePlan* table = nullptr;  // null: all tables
@@ -43,6 +53,9 @@ struct Query {
   // Of members and groups.
   const ProfilePlan* profile = nullptr;  // null: all profiles
   bool groups = false;
+  // Of other entities.
+  EntityKind entityKind = EntityKind::multicastGroup;
+  const EntityPlan* entity = nullptr;  // null: all of the kind
 
   // Equal for queries with the same result in the same form.
   std::string identity() const;

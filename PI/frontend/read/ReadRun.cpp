@@ -3,6 +3,7 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
+#include "PI/frontend/read/EntityReader.h"
 #include "PI/frontend/store/KeyCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
 
@@ -14,16 +15,6 @@ namespace {
 constexpr size_t kMostQueriesOfATable = 256;
 
 uint32_t bitOf(EntryForm form) { return 1u << static_cast<int>(form); }
-
-// Of a table that has one at most; null for none.
-const Entry* onlyEntry(const EntryStore::Snapshot& snapshot, uint32_t tableId) {
-  for (const auto& page : snapshot.table(tableId).pages) {
-    for (const EntryPtr& entry : page->entries) {
-      if (entry) return entry.get();
-    }
-  }
-  return nullptr;
-}
 
 std::string missingText(const Query& query) {
   if (query.profile != nullptr) {
@@ -68,8 +59,8 @@ void ReadRun::doCheck(const p4::v1::ReadRequest& request) {
 void ReadRun::doPlan(size_t query) {
   const Query& planned = queries_[query];
   walks_ |= planned.kind == Query::Kind::allTables || planned.kind == Query::Kind::table ||
-            planned.kind == Query::Kind::objects;
-  if (planned.kind == Query::Kind::oneEntry || planned.kind == Query::Kind::oneObject) {
+            planned.kind == Query::Kind::objects || planned.kind == Query::Kind::entities;
+  if (planned.key && planned.kind != Query::Kind::table) {
     foundAt_[query] = keyed_.size();
     keyed_.push_back(query);
   }
@@ -150,6 +141,11 @@ bool ReadRun::sendResult(const EntryStore::Snapshot& snapshot, size_t query, Ent
       return sendDefaults(snapshot, wanted, sender);
     case Query::Kind::objects:
       return sendObjects(snapshot, wanted, sender);
+    case Query::Kind::entities:
+      return EntityReader(index_, snapshot, session_, sender).sendAll(wanted);
+    case Query::Kind::oneEntity:
+      return EntityReader(index_, snapshot, session_, sender)
+          .sendOne(wanted, snapshot.found()[foundAt_.at(query)].get());
     case Query::Kind::nothing:
       return true;
   }
@@ -173,7 +169,7 @@ bool ReadRun::sendDefaults(const EntryStore::Snapshot& snapshot, const Query& qu
   for (const auto& table : index_.tables()) {
     if (query.table != nullptr && query.table != table.get()) continue;
     const Entry* written =
-        table->defaultEntry ? onlyEntry(snapshot, table->defaultEntry->id) : nullptr;
+        table->defaultEntry ? snapshot.onlyEntry(table->defaultEntry->id) : nullptr;
     if (!sender->sendDefaultEntry(*table, written)) return false;
   }
   return true;

@@ -41,6 +41,24 @@ const Entry* EntryStore::committed(const EntryLookup& lookup) const {
   return found == entries_.end() ? nullptr : found->entry.get();
 }
 
+std::vector<EntrySlot> EntryStore::slotsOf(uint32_t tableId) const {
+  std::vector<EntrySlot> slots;
+  const auto pages = pages_.find(listOf(tableId, false));
+  if (pages != pages_.end()) {
+    for (const auto& page : pages->second.list()->pages) {
+      for (const EntryPtr& entry : page->entries) {
+        if (!entry) continue;
+        EntrySlot slot{entry, entry->key().hash()};
+        if (!kept_.contains(slot)) slots.push_back(std::move(slot));
+      }
+    }
+  }
+  for (const auto& [slot, isDelete] : kept_) {
+    if (!isDelete && slot.entry->tableId == tableId) slots.push_back(slot);
+  }
+  return slots;
+}
+
 void EntryStore::loadSlot(size_t hash) const { entries_.prefetch(EntryHash{hash}); }
 
 const Entry* EntryStore::loadEntry(size_t hash) const {
@@ -127,6 +145,15 @@ EntryStore::Snapshot::~Snapshot() {
 
 const EntryPages::List& EntryStore::Snapshot::table(uint32_t tableId) const {
   return list(listOf(tableId, false));
+}
+
+const Entry* EntryStore::Snapshot::onlyEntry(uint32_t tableId) const {
+  for (const auto& page : table(tableId).pages) {
+    for (const EntryPtr& entry : page->entries) {
+      if (entry) return entry.get();
+    }
+  }
+  return nullptr;
 }
 
 std::vector<const Entry*> EntryStore::Snapshot::objects(uint32_t profileId, bool groups) const {

@@ -37,6 +37,8 @@ class EntryStore {
   // For the Write in progress, which alone changes the store and sees the changes that it has kept:
   // null when nothing stands there. The pointer is good until that Write's next keep() or commit().
   const Entry* committed(const EntryLookup& lookup) const;
+  // All entries of a table, in no order.
+  std::vector<EntrySlot> slotsOf(uint32_t tableId) const;
   // Have the processor fetch the memory that a look-up will need, which is to come: of the set's
   // slots; a while later of the entry, which is returned; and later of its place among the others
   // of its table, for a change. An entry of another key with that hash may take its place; null for
@@ -93,6 +95,8 @@ class EntryStore::Snapshot {
 
   // The table's entries, in no order.
   const EntryPages::List& table(uint32_t tableId) const;
+  // Of a table that has one at most; null for none.
+  const Entry* onlyEntry(uint32_t tableId) const;
   // The members (or groups) of a profile, by id.
   std::vector<const Entry*> objects(uint32_t profileId, bool groups) const;
 

@@ -7,6 +7,7 @@
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/store/EntityRows.h"
 
 namespace pi::fe::proto {
 
@@ -299,6 +300,7 @@ void decodeKey(const TablePlan& table, const uint8_t* key, TableEntry* entry) {
 }
 
 std::string keyText(const TablePlan& table, const uint8_t* key, uint32_t priority) {
+  if (table.entity != nullptr) return entityKeyText(table, key);
   if (table.isDefaultEntry) return absl::StrCat("table ", table.name, ": the default entry");
   std::string text = absl::StrCat("table ", table.name, ":");
   const size_t empty = text.size();

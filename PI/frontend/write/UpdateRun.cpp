@@ -5,6 +5,7 @@
 
 #include "PI/frontend/store/ProfileObjects.h"
 #include "PI/frontend/target/TargetGroup.h"
+#include "PI/frontend/write/EntityRun.h"
 #include "PI/frontend/write/HiddenGroup.h"
 
 namespace pi::fe::proto {
@@ -97,6 +98,7 @@ void doRunUpdate(const EntryStore& store, const CheckedUpdate& update, const Ent
                  TargetCalls* calls) {
   if (update.subject == Subject::member) return doRunMember(update, former, calls);
   if (update.subject == Subject::group) return doRunGroup(store, update, former, calls);
+  if (update.table->entity != nullptr) return doRunEntity(update, former, calls);
   doRunEntry(update, former, calls);
 }
 

@@ -21,8 +21,19 @@ uint32_t WriteOrder::level(const CheckedUpdate& update) {
   uint32_t level = isNew ? 0 : key->second + 1;
   if (update.profile != nullptr) {
     level = levelInProfile(update, key->first.entry.get(), isNew, level);
+  } else if (update.table->entity != nullptr && update.table->entity->isArray()) {
+    level = levelInArray(update, level);
   }
   key->second = level;
+  return level;
+}
+
+// An update of all cells comes after those of single cells before it, and before those behind it.
+uint32_t WriteOrder::levelInArray(const CheckedUpdate& update, uint32_t level) {
+  ArrayLevels& array = arrays_[update.table->entity];
+  level = std::max(level, update.ofAllCells ? array.afterAny : array.afterAll);
+  if (update.ofAllCells) array.afterAll = level + 1;
+  array.afterAny = std::max(array.afterAny, level + 1);
   return level;
 }
 

@@ -40,6 +40,7 @@ class WriteOrder {
     uint64_t size = 0;  // of the latest
   };
 
+  uint32_t levelInArray(const CheckedUpdate& update, uint32_t level);
   uint32_t levelInProfile(const CheckedUpdate& update, const Entry* key, bool isNew,
                           uint32_t level);
   uint32_t levelByReferences(const CheckedUpdate& update, const KeyHistory& history,
@@ -50,7 +51,14 @@ class WriteOrder {
 
   const EntryStore& store_;
   const ProfileUse& use_;
+  // Of an array, one more than the last level of an update of all its cells, and of any.
+  struct ArrayLevels {
+    uint32_t afterAll = 0;
+    uint32_t afterAny = 0;
+  };
+
   absl::flat_hash_map<ObjectId, ObjectLevels> objects_;
+  absl::flat_hash_map<const EntityPlan*, ArrayLevels> arrays_;
   absl::flat_hash_map<uint32_t, ProfileLevels> profiles_;
   // The batch of the latest update of each key.
   absl::flat_hash_map<EntrySlot, uint32_t, EntrySlotHash, EntrySlotEqual> levels_;

@@ -113,6 +113,10 @@ class FlowCounterWriterImpl final : public FlowCounterWriter {
 std::string buildFlowName(uint64_t entryHandle) { return "flow-" + std::to_string(entryHandle); }
 std::string flowCounterName(uint64_t entryHandle) { return buildFlowName(entryHandle) + "-p4rt"; }
 
+std::string cellCounterName(uint32_t counterId, uint64_t index) {
+  return "counter-" + std::to_string(counterId) + '-' + std::to_string(index);
+}
+
 std::string flowCountersFolder(std::string_view forwarderName) {
   static constexpr char digits[] = "0123456789abcdef";
   std::string folder;

@@ -14,6 +14,8 @@ namespace Lattice {
 // under this name followed by "-p4rt": see flowCounterName().
 std::string buildFlowName(uint64_t entryHandle);
 std::string flowCounterName(uint64_t entryHandle);
+// The name of a cell of a counter that the program declares: its id in the P4Info, and the index.
+std::string cellCounterName(uint32_t counterId, uint64_t index);
 
 struct FlowCount {
   uint64_t bytes = 0;

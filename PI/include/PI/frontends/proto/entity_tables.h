@@ -6,14 +6,16 @@
 //   pre.multicast_group  multicast_group_id            -> group
 //   pre.clone_session    session_id                    -> session (class_of_service,
 //                                                                  packet_length_bytes)
-//   counter.NAME         index                         -> set (packets, bytes)
-//   meter.NAME           index                         -> set (cir, cburst, pir, pburst)
-//   register.NAME        index                         -> set (value)
+//   counter.NAME         index                         -> set (packets, bytes, times)
+//   meter.NAME           index                         -> set (cir, cburst, pir, pburst, eburst)
+//   register.NAME        index                         -> set (value, times)
 //   value_set.NAME       entry (always 0)              -> set (members: how many)
 //   digest.NAME          entry (always 0)              -> set (max_timeout_ns, max_list_size,
 //                                                              ack_timeout_ns)
-// The default entry of the tables of cells stands for all cells without a row. What a group, session
-// or value set holds are rows of another table, all key, with the action `row`:
+// The default entry of the tables of cells stands for all cells without a row; a meter's cell with
+// the action `row` has no setting. `times` rises when a cell is set to the value that it was set to
+// before. What a group, session or value set holds are rows of another table, all key, with the
+// action `row`:
 //   pre.multicast_group.replica  multicast_group_id, egress_port, instance
 //   pre.clone_session.replica    session_id, egress_port, instance
 //   value_set.NAME.member        the value set's fields

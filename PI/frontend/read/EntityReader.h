@@ -1,0 +1,38 @@
+// Sends entities that are no table entries: those with rows as they were written, cells without a
+// row as all cells were set, or as they begin. Counts come from the target.
+#pragma once
+
+#include "PI/frontend/model/P4InfoIndex.h"
+#include "PI/frontend/read/EntitySender.h"
+#include "PI/frontend/read/Query.h"
+#include "PI/frontend/store/EntryStore.h"
+#include "PI/frontend/target/TargetSession.h"
+
+namespace pi::fe::proto {
+
+// For one query of a Read, on its thread.
+class EntityReader {
+ public:
+  EntityReader(const P4InfoIndex& index, const EntryStore::Snapshot& snapshot,
+               const TargetSession& session, EntitySender* sender)
+      : index_(index), snapshot_(snapshot), session_(session), sender_(*sender) {}
+
+  // Both return false once the client wants no more. `found`: the row, null for none.
+  bool sendAll(const Query& query);
+  bool sendOne(const Query& query, const Entry* found);
+
+ private:
+  bool sendAllOf(const EntityPlan& plan);
+  bool sendRows(const EntityPlan& plan);
+  bool sendCells(const EntityPlan& plan);
+  bool sendCell(const EntityPlan& plan, uint64_t cell, const Entry* row);
+  void countIs(const EntityPlan& plan, uint64_t cell, p4::v1::CounterEntry* counter) const;
+  const Entry* rowOfAllCells(const EntityPlan& plan) const;
+
+  const P4InfoIndex& index_;
+  const EntryStore::Snapshot& snapshot_;
+  const TargetSession& session_;
+  EntitySender& sender_;
+};
+
+}  // namespace pi::fe::proto

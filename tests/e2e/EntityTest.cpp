@@ -1,0 +1,315 @@
+// Entities that are no table entries, written by a controller that pushed its program: read back as
+// written, kept over a kill, put back when the forwarding plane fails them.
+#include <gmock/gmock.h>
+#include <google/protobuf/text_format.h>
+#include <google/protobuf/util/message_differencer.h>
+#include <gtest/gtest.h>
+
+#include <iostream>
+
+#include "tests/support/AgentProcess.h"
+#include "tests/support/ForwarderProcess.h"
+#include "tests/support/TempDir.h"
+#include "tests/support/TestController.h"
+
+using google::protobuf::TextFormat;
+using google::protobuf::util::MessageDifferencer;
+using grpc::StatusCode;
+using p4::v1::Entity;
+using p4::v1::Update;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using namespace TestSupport;
+
+namespace {
+
+using Set = p4::v1::SetForwardingPipelineConfigRequest;
+
+constexpr const char* program = R"(
+  tables {
+    preamble { id: 33554433 name: "ingress.ports" alias: "ports" }
+    match_fields { id: 1 name: "port" bitwidth: 9 match_type: EXACT }
+    action_refs { id: 16777217 }
+    size: 64
+  }
+  actions {
+    preamble { id: 16777217 name: "ingress.drop" alias: "drop" }
+  }
+  counters {
+    preamble { id: 301989889 name: "ingress.hits" alias: "hits" }
+    spec { unit: BOTH }
+    size: 8
+  }
+  meters {
+    preamble { id: 335544321 name: "ingress.rates" alias: "rates" }
+    spec { unit: BYTES }
+    size: 4
+  }
+  registers {
+    preamble { id: 369098753 name: "ingress.seen" alias: "seen" }
+    type_spec { bitstring { bit { bitwidth: 48 } } }
+    size: 4
+  }
+  value_sets {
+    preamble { id: 50331649 name: "parser.types" alias: "types" }
+    match { id: 1 name: "ether_type" bitwidth: 16 match_type: TERNARY }
+    match { id: 2 name: "vlan" bitwidth: 12 match_type: EXACT }
+    size: 2
+  }
+  digests {
+    preamble { id: 385875969 name: "learn" alias: "learn" }
+    type_spec { bitstring { bit { bitwidth: 48 } } }
+  })";
+
+Entity entity(const std::string& text) {
+  Entity parsed;
+  EXPECT_TRUE(TextFormat::ParseFromString(text, &parsed)) << text;
+  return parsed;
+}
+
+std::string textOf(const std::vector<Entity>& entities) {
+  std::string text;
+  for (const Entity& one : entities) text += one.ShortDebugString() + "\n";
+  return text;
+}
+
+// The bursts of these rates: enough to tell the fields apart.
+const std::string rates = "cir: 1 cburst: 2 pir: 3 pburst: 4";
+
+class EntityTest : public testing::Test {
+ protected:
+  EntityTest()
+      : agent_({.stateDirectory = directory_.file("state"), .pipelineFile = ""}),
+        forwarder_(directory_.file("state")) {}
+  ~EntityTest() override {
+    if (HasFailure()) std::cerr << "---- agent ----\n" << agent_.output();
+  }
+
+  void SetUp() override {
+    agent_.start();
+    forwarder_.start();
+    ASSERT_TRUE(forwarder_.waitAttached());
+    ASSERT_TRUE(controllerBegins());
+    ASSERT_TRUE(TextFormat::ParseFromString(program, config_.mutable_p4info()));
+    ASSERT_EQ("", push(Set::VERIFY_AND_COMMIT));
+  }
+  bool controllerBegins() {
+    return waitUntil([&] {
+      controller_ = std::make_unique<TestController>(agent_.address(), ++electionId_);
+      return controller_->waitConnected(std::chrono::milliseconds(100)) &&
+             controller_->becomePrimary();
+    });
+  }
+  std::string push(Set::Action action) {
+    Set request;
+    request.set_device_id(1);
+    request.mutable_election_id()->set_low(electionId_);
+    request.set_action(action);
+    *request.mutable_config() = config_;
+    grpc::ClientContext context;
+    p4::v1::SetForwardingPipelineConfigResponse response;
+    return controller_->stub()
+        .SetForwardingPipelineConfig(&context, request, &response)
+        .error_message();
+  }
+  void killAgent() {
+    agent_.kill();
+    agent_.start();
+    ASSERT_TRUE(agent_.waitServing()) << agent_.output();
+    ASSERT_TRUE(forwarder_.waitAttached());
+    ASSERT_TRUE(controllerBegins());
+  }
+
+  StatusCode write(Update::Type type, const std::string& text) {
+    const WriteOutcome outcome = controller_->write({updateOf(type, entity(text))});
+    said_ = outcome.errors.empty() ? outcome.status.error_message() : outcome.errors[0].message();
+    return outcome.code(0);
+  }
+  void expectReads(const std::string& query, const std::vector<std::string>& expected) {
+    const EntitiesOutcome read = controller_->read(std::vector<Entity>{entity(query)});
+    ASSERT_TRUE(read.status.ok()) << query << ": " << read.status.error_message();
+    ASSERT_THAT(read.entities, SizeIs(expected.size())) << textOf(read.entities);
+    for (size_t i = 0; i < expected.size(); ++i) {
+      EXPECT_TRUE(MessageDifferencer::Equals(read.entities[i], entity(expected[i])))
+          << read.entities[i].ShortDebugString() << "\nexpected " << expected[i];
+    }
+  }
+  std::string rowsOf(const std::string& table) {
+    return run({binaryPath("korvel"), "-s", agent_.options().stateDirectory, "table", "dump",
+                table})
+        .output;
+  }
+
+  const TempDir directory_;
+  AgentProcess agent_;
+  ForwarderProcess forwarder_;
+  p4::v1::ForwardingPipelineConfig config_;
+  uint64_t electionId_ = 0;
+  std::unique_ptr<TestController> controller_;
+  std::string said_;  // of the last write
+};
+
+std::string group(int id, const std::string& rest = "") {
+  return "packet_replication_engine_entry { multicast_group_entry { multicast_group_id: " +
+         std::to_string(id) + " " + rest + " } }";
+}
+std::string session(int id, const std::string& rest = "") {
+  return "packet_replication_engine_entry { clone_session_entry { session_id: " +
+         std::to_string(id) + " " + rest + " } }";
+}
+std::string cell(const std::string& kind, const std::string& rest) {
+  const std::string id = kind == "counter" ? "301989889"
+                         : kind == "meter" ? "335544321"
+                                           : "369098753";
+  return kind + "_entry { " + kind + "_id: " + id + " " + rest + " }";
+}
+
+TEST_F(EntityTest, WhatIsWrittenIsReadBackAlsoAfterAKill) {
+  const std::string both = group(7, R"(replicas { egress_port: 1 instance: 5 }
+                                       replicas { port: "\001\002" instance: 5 } metadata: "mine")");
+  const std::string cpu =
+      session(500, "replicas { egress_port: 510 } class_of_service: 3 packet_length_bytes: 128");
+  const std::string members = R"(value_set_entry { value_set_id: 50331649
+      members { match { field_id: 1 ternary { value: "\010" mask: "\377" } }
+                match { field_id: 2 exact { value: "\003" } } }
+      members { match { field_id: 2 exact { value: "\004" } } } })";
+  const std::string digest = R"(digest_entry { digest_id: 385875969
+      config { max_timeout_ns: 1000 max_list_size: 10 ack_timeout_ns: 2000 } })";
+  const std::string meter = cell("meter", "index { index: 2 } config { " + rates + " }");
+  const std::string counter =
+      cell("counter", "index { index: 1 } data { byte_count: 640 packet_count: 10 }");
+  const std::string value =
+      cell("register", R"(index { index: 3 } data { bitstring: "\001\002" })");
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, both)) << said_;
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, group(9))) << said_;
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, cpu)) << said_;
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, digest)) << said_;
+  for (const std::string& one : {members, meter, counter, value}) {
+    EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, one)) << said_;
+  }
+  const auto expectAll = [&] {
+    expectReads(group(0), {both, group(9)});
+    expectReads(group(9), {group(9)});
+    expectReads(session(500), {cpu});
+    expectReads("digest_entry {}", {digest});
+    expectReads("value_set_entry { value_set_id: 50331649 }", {members});
+    expectReads(cell("meter", "index { index: 2 }"), {meter});
+    expectReads(cell("meter", "index { index: 1 }"), {cell("meter", "index { index: 1 }")});
+    expectReads(cell("counter", "index { index: 1 }"), {counter});
+    expectReads(cell("register", "index { index: 3 }"), {value});
+    expectReads(cell("register", "index { index: 0 }"),
+                {cell("register", R"(index { index: 0 } data { bitstring: "\000" })")});
+  };
+  expectAll();
+  killAgent();
+  expectAll();
+  EXPECT_EQ("", push(Set::RECONCILE_AND_COMMIT));
+  expectAll();
+
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, group(7, "replicas { egress_port: 4 }")))
+      << said_;
+  expectReads(group(7), {group(7, "replicas { egress_port: 4 }")});
+  EXPECT_THAT(rowsOf("pre.multicast_group.replica"), HasSubstr("egress_port"));
+  for (const std::string& one : {group(7), group(9), session(500)}) {
+    EXPECT_EQ(StatusCode::OK, write(Update::DELETE, one)) << said_;
+  }
+  EXPECT_EQ(StatusCode::OK, write(Update::DELETE, "digest_entry { digest_id: 385875969 }"))
+      << said_;
+  expectReads(group(0), {});
+  expectReads("digest_entry {}", {});
+  EXPECT_EQ("", push(Set::VERIFY_AND_COMMIT));
+  expectReads("value_set_entry {}", {"value_set_entry { value_set_id: 50331649 }"});
+  expectReads(cell("meter", "index { index: 2 }"), {cell("meter", "index { index: 2 }")});
+}
+
+TEST_F(EntityTest, AllCellsAreSetAtOnce) {
+  const std::string one = cell("counter", "index { index: 3 } data { packet_count: 1 }");
+  const std::string all = cell("counter", "data { packet_count: 5 }");
+  const auto write = [&](const std::vector<std::string>& texts) {
+    std::vector<Update> updates;
+    for (const std::string& text : texts) updates.push_back(modifyOf(entity(text)));
+    return controller_->write(updates).ok();
+  };
+  const auto counts = [&] {
+    std::vector<int64_t> found;
+    const auto read = controller_->read(std::vector<Entity>{entity(cell("counter", ""))});
+    for (const Entity& cell : read.entities) {
+      found.push_back(cell.counter_entry().data().packet_count());
+    }
+    return found;
+  };
+  EXPECT_TRUE(write({one}));
+  EXPECT_EQ((std::vector<int64_t>{0, 0, 0, 1, 0, 0, 0, 0}), counts());
+  EXPECT_TRUE(write({one, all}));
+  EXPECT_EQ((std::vector<int64_t>(8, 5)), counts());
+  EXPECT_TRUE(write({all, one}));
+  EXPECT_EQ((std::vector<int64_t>{5, 5, 5, 1, 5, 5, 5, 5}), counts());
+  killAgent();
+  EXPECT_EQ((std::vector<int64_t>{5, 5, 5, 1, 5, 5, 5, 5}), counts());
+
+  EXPECT_TRUE(
+      write({cell("meter", "config { " + rates + " }"), cell("meter", "index { index: 1 }")}));
+  const std::string set = "config { " + rates + " }";
+  expectReads(
+      cell("meter", ""),
+      {cell("meter", "index { index: 0 } " + set), cell("meter", "index { index: 1 }"),
+       cell("meter", "index { index: 2 } " + set), cell("meter", "index { index: 3 } " + set)});
+  EXPECT_TRUE(write({cell("meter", "")}));
+  expectReads(cell("meter", "index { index: 3 }"), {cell("meter", "index { index: 3 }")});
+}
+
+TEST_F(EntityTest, WhatCannotBeIsRefusedByName) {
+  ASSERT_EQ(StatusCode::OK, write(Update::INSERT, group(1)));
+  const struct {
+    Update::Type type;
+    std::string given;
+    StatusCode code;
+    std::string says;
+  } cases[] = {
+      {Update::INSERT, group(1), StatusCode::ALREADY_EXISTS, "multicast group 1"},
+      {Update::MODIFY, group(2), StatusCode::NOT_FOUND, "multicast group 2"},
+      {Update::DELETE, session(2), StatusCode::NOT_FOUND, "clone session 2"},
+      {Update::INSERT, group(0), StatusCode::INVALID_ARGUMENT, "multicast group id is 0"},
+      {Update::INSERT, group(3, "replicas {}"), StatusCode::INVALID_ARGUMENT, "no port"},
+      {Update::INSERT, group(3, "replicas { port: \"\\001\\002\\003\\004\\005\" }"),
+       StatusCode::INVALID_ARGUMENT, "wider than 32 bits"},
+      {Update::INSERT, group(3, "replicas { egress_port: 1 } replicas { port: \"\\000\\001\" }"),
+       StatusCode::INVALID_ARGUMENT, "same port and instance"},
+      {Update::INSERT, group(3, "replicas { egress_port: 1 backup_replicas { port: \"2\" } }"),
+       StatusCode::UNIMPLEMENTED, "backup replicas"},
+      {Update::INSERT, session(3, "packet_length_bytes: -1"), StatusCode::INVALID_ARGUMENT,
+       "packet_length_bytes"},
+      {Update::INSERT, cell("counter", "index { index: 1 }"), StatusCode::INVALID_ARGUMENT,
+       "use MODIFY"},
+      {Update::MODIFY, cell("counter", "index { index: 8 } data {}"), StatusCode::OUT_OF_RANGE,
+       "8 cells"},
+      {Update::MODIFY, cell("counter", "index { index: 1 } data { byte_count: -1 }"),
+       StatusCode::INVALID_ARGUMENT, "negative"},
+      {Update::MODIFY, cell("meter", "index { index: 1 } config { cir: 5 pir: 4 }"),
+       StatusCode::INVALID_ARGUMENT, "meter ingress.rates: pir is 4"},
+      {Update::MODIFY, cell("register", "index { index: 1 }"), StatusCode::INVALID_ARGUMENT,
+       "bitstring"},
+      {Update::MODIFY,
+       cell("register",
+            "index { index: 1 } data { bitstring: \"\\001\\000\\000\\000\\000\\000\\000\" }"),
+       StatusCode::INVALID_ARGUMENT, "48 bits"},
+      {Update::MODIFY,
+       "value_set_entry { value_set_id: 50331649 members { match { field_id: 1 ternary { value: "
+       "\"\\001\" mask: \"\\001\" } } } }",
+       StatusCode::INVALID_ARGUMENT, "vlan"},
+      {Update::INSERT, "digest_entry { digest_id: 385875969 config { max_list_size: -1 } }",
+       StatusCode::INVALID_ARGUMENT, "negative"},
+      {Update::INSERT, "digest_entry { digest_id: 5 }", StatusCode::INVALID_ARGUMENT, "not in"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.code, write(c.type, c.given)) << c.given;
+    EXPECT_THAT(said_, HasSubstr(c.says)) << c.given;
+  }
+  // A table that holds an entity's rows is no table of the program.
+  EXPECT_EQ(StatusCode::INVALID_ARGUMENT,
+            write(Update::INSERT, "table_entry { table_id: 1593835521 }"));
+  expectReads(group(0), {group(1)});
+}
+
+}  // namespace
