@@ -60,6 +60,7 @@ Runner::Runner(RunnerOptions options)
       signals_(openSignals()) {
   reports_.subscriberIs(subscriber_.get());
   agent_.progressIs([this] { handleProgress(); });
+  agent_.countsSetIs([this] { publisher_.publishAll(FlowPublisher::Clock::now()); });
   if (options_.verbose) agent_.logIs([this](const std::string& line) { say(line); });
   agent_.rulesIs(options_.rules);
   traffic_.optionsIs(options_.traffic);

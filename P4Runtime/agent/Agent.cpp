@@ -15,6 +15,8 @@
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/table/TableImpl.h"
 #include "P4Runtime/table/failures/EntryFailures.h"
+#include "PI/int/pi_int.h"
+#include "PI/pi_extensions.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -155,9 +157,30 @@ void Agent::doFollowReports() {
             batchStatus()->forwardingAgentsAre(count, attachGrace);
             if (status_) doUpdateStatus();
           },
+      .notice = [this](const Lattice::Notice& notice) { handleNotice(notice); },
       .left = [this](const Lattice::SubscriberInfo& agent) { handleAgentLeft(agent); },
   });
   batchStatus()->forwardingAgentsAre(tables_->subscribers().size(), attachGrace);
+}
+
+// Controllers may lose notices, and those of a forwarding agent that is behind are of no use.
+void Agent::handleNotice(const Lattice::Notice& notice) {
+  const pi_dev_id_t device = p4RtSystemConfig()->deviceId();
+  if (notice.kind == Lattice::Notice::Kind::digest) {
+    const pi_status_t status =
+        pi_digest_message(device, notice.digestId, notice.message.data(), notice.message.size());
+    SCRIVEL_TRACE(6, "handleNotice", " digest: ", notice.digestId, " status: ", status);
+    return;
+  }
+  auto entry = tableImpl()->entryRecord(notice.entryHandle);
+  if (!entry) return;
+  std::string key(entry->matchKeyData.begin(), entry->matchKeyData.end());
+  const pi_match_key_t matchKey{.p4info = nullptr,
+                                .table_id = entry->key.rid.id,
+                                .priority = static_cast<uint32_t>(entry->matchKeyPriority),
+                                .data_size = key.size(),
+                                .data = key.data()};
+  pi_table_entry_idle(device, entry->key.rid.id, &matchKey);
 }
 
 // Its failures leave the list; it reports them again when it attaches again.

@@ -123,6 +123,7 @@ class Agent : public Vela::Entity {
   void doBuildCommands();
   void doPublish();
   void doFollowReports();
+  void handleNotice(const Lattice::Notice& notice);
   void handleAgentLeft(const Lattice::SubscriberInfo& agent);
   void doUpdateStatus();
   void doFollowRestore();

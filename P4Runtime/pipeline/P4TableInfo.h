@@ -72,6 +72,9 @@ class P4TableInfo : public Vela::Entity {
   void stuffFields(ResourceId tableId, uint32_t& count, const uint8_t** fields) const;
 
   // The request behind the model, as it is pushed to the server; empty before the first.
+  // Whether controllers set direct counters, perhaps to the same counts once more.
+  bool setsCounters() const { return setsCounters_; }
+  void setsCountersIs(bool is) { setsCounters_ = is; }
   const std::string& pipelineRequest() const { return pipelineRequest_; }
   void pipelineRequestIs(std::string bytes) { pipelineRequest_ = std::move(bytes); }
 
@@ -88,6 +91,7 @@ class P4TableInfo : public Vela::Entity {
  private:
   std::string parentPath_;
   std::string pipelineRequest_;
+  bool setsCounters_ = false;
 };
 
 }  // namespace P4Runtime

@@ -243,6 +243,7 @@ void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   extensions_ = next.extensions;
   given_ = next.given;
   tableInfo_->pipelineRequestIs(next.request);
+  tableInfo_->setsCountersIs(extensions_.entities);
   TheParsingStatus()->pipelineFileIs(next.path);
   writeForPeople(files_.p4InfoJsonPath, next.p4InfoJson);
   handleP4InfoStr(next.modelJson);

@@ -110,6 +110,15 @@ Vela::Ptr<TableImpl> tableImplFactory(Vela::Ptr<P4TableInfo> tableInfo,
                                std::move(peers));
 }
 
+std::optional<TableCacheEntry> TableImpl::entryRecord(EntryHandle handle) const {
+  if (!handleMgr_->entryHandleToResourceIdHas(handle) || !rooms_->records.isMounted()) {
+    return std::nullopt;
+  }
+  const ResourceId rid = handleMgr_->entryHandleToResourceId(handle);
+  if (rid.type != tableResource) return std::nullopt;
+  return rooms_->records.tableCache()->cache(recordKey(rid, handle));
+}
+
 void TableImpl::publishOperations() {
   operationIs({"triggerCriticalState", {}, [this](const auto&) {
                  triggerCriticalState();

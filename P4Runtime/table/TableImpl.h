@@ -71,6 +71,9 @@ class TableImpl : public BatchEntries {
                                     const DirectResources& direct);
   EntryHandle tableEntryDeleteWithKey(const MatchKey& key);
 
+  // Of a table entry that the agent keeps; nothing for any other handle.
+  std::optional<TableCacheEntry> entryRecord(EntryHandle handle) const;
+
   // Has the processor fetch the memory of these entries, for writes that are to come.
   void loadEntries(std::span<const EntryHandle> handles) const;
 

@@ -64,6 +64,23 @@ pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
   });
 }
 
+pi_status_t pi_digest_message(pi_dev_id_t dev_id, pi_p4_id_t digest_id, const char* data,
+                              size_t size) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    const auto message = frontend.hooks.digest_message;
+    if (!message) return PI_STATUS_LEARN_NO_MATCHING_CB;
+    return message(frontend.cookie, dev_id, digest_id, data, size);
+  });
+}
+
+pi_status_t pi_table_entry_idle(pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                const pi_match_key_t* match_key) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    const auto idle = frontend.hooks.table_entry_idle;
+    return idle ? idle(frontend.cookie, dev_id, table_id, match_key) : PI_STATUS_SUCCESS;
+  });
+}
+
 pi_status_t pi_restore_expect(pi_dev_id_t dev_id, size_t table_entries) {
   return toFrontend(dev_id, [&](const Frontend& frontend) {
     const auto expect = frontend.hooks.restore_expect;

@@ -58,6 +58,16 @@ pi_status_t restoreExpect(void* cookie, pi_dev_id_t, size_t tableEntries) {
   return imp(cookie).restoreExpects(tableEntries);
 }
 
+pi_status_t digestMessage(void* cookie, pi_dev_id_t, pi_p4_id_t digestId, const char* data,
+                          size_t size) {
+  return imp(cookie).digestMessage(digestId, {data, size});
+}
+
+pi_status_t tableEntryIdle(void* cookie, pi_dev_id_t, pi_p4_id_t tableId,
+                           const pi_match_key_t* key) {
+  return imp(cookie).entryIdle(tableId, *key);
+}
+
 pi_status_t restoreDone(void* cookie, pi_dev_id_t) { return imp(cookie).handleRestoreDone(); }
 
 // The outcome of a batch comes from its status vector, so nothing hears of entries one by one.
@@ -68,7 +78,9 @@ constexpr pi_frontend_hooks_t kHooks{.entry_status_changed = nullptr,
                                      .restore_action_profile_group = restoreGroup,
                                      .constant_table_entry = constantEntry,
                                      .restore_done = restoreDone,
-                                     .restore_expect = restoreExpect};
+                                     .restore_expect = restoreExpect,
+                                     .digest_message = digestMessage,
+                                     .table_entry_idle = tableEntryIdle};
 
 void requireAtomicity(const p4::v1::WriteRequest& request) {
   if (!p4::v1::WriteRequest::Atomicity_IsValid(request.atomicity())) {
@@ -94,7 +106,10 @@ DeviceMgrImp::DeviceMgrImp(pi_dev_id_t deviceId, std::chrono::milliseconds patie
     : deviceId_(deviceId),
       patience_(patience),
       packetCounts_(core::packetCountsOf(deviceId)),
-      readTurns_(readTurnCount()) {
+      readTurns_(readTurnCount()),
+      digests_([this](uint32_t digestId, uint64_t listId, const auto& messages) {
+        sendDigestList(digestId, listId, messages);
+      }) {
   packetInCbIs();  // before the device exists: from then on its packets need a receiver
   pi_session_init(&sessionHandle_);
   pi_frontend_hooks_set(deviceId_, &kHooks, this);

@@ -12,6 +12,7 @@
 
 #include "PI/core/PacketCounts.h"
 #include "PI/frontend/Pipeline.h"
+#include "PI/frontend/notices/DigestLists.h"
 #include "PI/frontend/read/ReadTurns.h"
 #include "PI/frontend/write/WriteTurns.h"
 #include "PI/frontends/proto/device_mgr.h"
@@ -68,6 +69,8 @@ class DeviceMgrImp {
                               const pi_table_entry_t* entry, pi_entry_handle_t handle);
   pi_status_t restoreExpects(size_t tableEntries);
   pi_status_t handleRestoreDone();
+  pi_status_t digestMessage(pi_p4_id_t digestId, std::string_view message);
+  pi_status_t entryIdle(pi_p4_id_t tableId, const pi_match_key_t& key) const;
 
   std::shared_ptr<Pipeline> pipeline() const;
 
@@ -78,7 +81,11 @@ class DeviceMgrImp {
   void packetInCbIs();
   void packetInCbDel();
   void doSend(const p4::v1::PacketOut& packet) const;
-  [[noreturn]] void refuseDigestAck(const p4::v1::DigestListAck& ack) const;
+  void doAcknowledge(const p4::v1::DigestListAck& ack) const;
+  void sendDigestList(uint32_t digestId, uint64_t listId,
+                      const std::vector<std::string>& messages) const;
+  // Says whether it could.
+  bool sendToPrimaries(p4::v1::StreamMessageResponse* response) const;
   TargetSession session(const Pipeline& pipeline) const;
   void doCommit(std::shared_ptr<Pipeline> next);
   void doInstall(const Pipeline& pipeline);
@@ -105,6 +112,8 @@ class DeviceMgrImp {
   std::shared_ptr<const Config> given_;  // the running one, by its controller; null: by none
   std::shared_ptr<const DeviceMgr::StreamMessageResponseCb> streamResponseCb_;
   void* streamResponseCookie_ = nullptr;
+
+  mutable DigestLists digests_;  // the last member: its thread uses the others
 };
 
 }  // namespace pi::fe::proto

@@ -76,7 +76,7 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   (*entry)->handle = handle;
   (*entry)->controllerMetadata = controllerMetadata;
   if (!metadata.empty()) std::memcpy((*entry)->metadataData(), metadata.data(), metadata.size());
-  if (table->entity != nullptr) {
+  if (table->entity != nullptr && table->entity->kind != EntityKind::idleTimeout) {
     if (table == table->entity->list) return PI_STATUS_SUCCESS;  // the entity tells of its rows
     p4::v1::Entity entity;
     if (!readEntity(*table->entity, **entry, &entity)) return PI_STATUS_INVALID_ENTRY_TYPE;

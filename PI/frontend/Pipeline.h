@@ -28,6 +28,7 @@ class Pipeline {
   const P4InfoIndex& index() const { return index_; }
   const PacketHeaders& packetHeaders() const { return packetHeaders_; }
   EntryStore& store() { return store_; }
+  const EntryStore& store() const { return store_; }
   ProfileUse& use() { return use_; }  // for the Write in progress
   const pi_p4info_t* p4info() const { return &p4info_; }
   const std::string& deviceData() const { return deviceData_; }  // for the target

@@ -81,7 +81,8 @@ DeviceMgrImp::Status DeviceMgrImp::streamMessage(
         doSend(request.packet());
         return okStatus();
       case p4::v1::StreamMessageRequest::kDigestAck:
-        refuseDigestAck(request.digest_ack());
+        doAcknowledge(request.digest_ack());
+        return okStatus();
       case p4::v1::StreamMessageRequest::kOther:
         refuse(code::unimplemented, "device ", deviceId_, ": stream messages of the type ",
                core::plainText(request.other().type_url(), kShownBytes), " are not supported");
@@ -108,13 +109,17 @@ void DeviceMgrImp::doSend(const p4::v1::PacketOut& packet) const {
   current->hasSentPacketsIs();
 }
 
-void DeviceMgrImp::refuseDigestAck(const p4::v1::DigestListAck& ack) const {
+// A list that nobody waits for any more is no error.
+void DeviceMgrImp::doAcknowledge(const p4::v1::DigestListAck& ack) const {
   const std::shared_ptr<Pipeline> current = pipeline();
   if (current != nullptr && !hasDigest(current->config().p4info(), ack.digest_id())) {
     refuse(code::invalidArgument, "the digest_ack is for ",
            current->index().objectText(ack.digest_id()), "; it is no digest");
   }
-  refuse(code::unimplemented, "device ", deviceId_, ": digests are not supported");
+  const bool isKept =
+      current != nullptr && current->index().entity(EntityKind::digest, ack.digest_id()) != nullptr;
+  if (!isKept) refuse(code::unimplemented, "device ", deviceId_, ": digests are not supported");
+  digests_.handleAck(ack.digest_id(), ack.list_id());
 }
 
 void DeviceMgrImp::streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie) {
@@ -124,25 +129,29 @@ void DeviceMgrImp::streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, voi
   streamResponseCookie_ = cookie;
 }
 
-// The target holds its lock: this waits for nothing but look-ups.
-void DeviceMgrImp::packetIn(std::string_view received) const {
-  std::shared_ptr<Pipeline> current;
+bool DeviceMgrImp::sendToPrimaries(p4::v1::StreamMessageResponse* response) const {
   std::shared_ptr<const DeviceMgr::StreamMessageResponseCb> cb;
   void* cookie = nullptr;
   {
     const std::lock_guard lock(mutex_);
-    current = pipeline_;
     cb = streamResponseCb_;
     cookie = streamResponseCookie_;
   }
+  if (cb == nullptr || !*cb) return false;
+  (*cb)(deviceId_, response, cookie);
+  return true;
+}
+
+// The target holds its lock: this waits for nothing but look-ups.
+void DeviceMgrImp::packetIn(std::string_view received) const {
+  const std::shared_ptr<Pipeline> current = pipeline();
   try {
     p4::v1::StreamMessageResponse response;
     std::string fault =
         current == nullptr ? "no pipeline says how packets come"
                            : current->packetHeaders().packetIn(received, response.mutable_packet());
     if (!fault.empty()) return packetCounts_.malformed(std::move(fault));
-    if (cb == nullptr || !*cb) return packetCounts_.inNoPrimary.add();
-    (*cb)(deviceId_, &response, cookie);
+    if (!sendToPrimaries(&response)) packetCounts_.inNoPrimary.add();
   } catch (const std::bad_alloc&) {
     packetCounts_.inSlow.add();  // memory is full of messages that controllers have not read
   }

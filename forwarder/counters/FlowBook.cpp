@@ -22,12 +22,13 @@ void FlowBook::handleRowWritten(const ProgrammedTable& table, const StoredRow& r
   }
   const CounterColumns given = countersOf(table, row);
   if (!given || !given->given) return;
-  const bool repeated = !another && former && former->given && former->bytes == given->bytes &&
-                        former->packets == given->packets;
+  const bool repeated = !another && former && former->flag == given->flag &&
+                        former->bytes == given->bytes && former->packets == given->packets;
   if (repeated) return;
   flow.bytes = given->bytes;
   flow.packets = given->packets;
   countIs(flow);
+  isUrgent_ = true;
 }
 
 void FlowBook::forgetRow(const ProgrammedTable& table, const StoredRow& row) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "forwarder/table/ProgrammedTable.h"
@@ -42,6 +43,9 @@ class FlowBook {
   }
   void countDel(uint64_t entryHandle) { changes_[entryHandle] = {entryHandle, 0, 0, true}; }
 
+  // Whether counts were set by a controller since the last call, who may read them at once.
+  bool takeUrgency() { return std::exchange(isUrgent_, false); }
+
   bool empty() const { return changes_.empty(); }  // no changes
   std::vector<Change> takeChanges();               // all of them
   // Notes a change that could not be published; a newer change of the flow stands.
@@ -49,6 +53,7 @@ class FlowBook {
 
  private:
   absl::flat_hash_map<uint64_t, Change> changes_;  // by entry handle
+  bool isUrgent_ = false;
 };
 
 }  // namespace Forwarder

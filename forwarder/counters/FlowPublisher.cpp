@@ -19,6 +19,16 @@ void FlowPublisher::work(Clock::time_point now, bool wanted) {
   doWriteSlice(now);
 }
 
+void FlowPublisher::publishAll(Clock::time_point now) {
+  if (!trouble_.empty()) return;
+  while (!round_.empty()) doWriteSlice(now);
+  if (!trouble_.empty()) return;
+  nextRound_ = now;
+  do {
+    work(now, true);
+  } while (!round_.empty());
+}
+
 std::optional<FlowPublisher::Clock::time_point> FlowPublisher::nextDue() const {
   if (!round_.empty()) return Clock::time_point{};
   if (book_.empty()) return std::nullopt;

@@ -32,6 +32,8 @@ class FlowPublisher {
 
   // Makes no store before `wanted`, that is, before some table has a counter.
   void work(Clock::time_point now, bool wanted);
+  // Writes all changes, unless there is trouble: a controller may read counts that it has set.
+  void publishAll(Clock::time_point now);
   std::optional<Clock::time_point> nextDue() const;        // nothing: there is no change to write
   const std::string& trouble() const { return trouble_; }  // empty when all is well
   uint64_t publishedCount() const { return publishedCount_; }  // changes of counts

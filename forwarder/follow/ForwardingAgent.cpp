@@ -163,6 +163,7 @@ void ForwardingAgent::program(Held& held, const Lattice::RowChange& change) {
   }
   ++changes_[static_cast<size_t>(verdict.outcome)];
   if (log_) log_(logLine(held.table, change, verdict));
+  if (flows_.takeUrgency() && countsSet_) countsSet_();
   reports_.report(change.entryHandle, change.sequence, verdict.errorCode,
                   std::move(verdict.message));
 }

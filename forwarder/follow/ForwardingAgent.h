@@ -31,7 +31,7 @@ const char* outcomeName(Outcome outcome);
 
 // Threads: one at a time.
 // Errors: a change that cannot be programmed leaves the row as it was; its report says why. Nothing
-// is thrown but by the functions given to logIs() and progressIs().
+// is thrown but by the functions that are handed in.
 // Lifetime: `reports` outlives the agent. A table lives until it is removed, or comes back with
 // another type; tablesVersion() then moves.
 class ForwardingAgent final : public Lattice::SubscriberHandler {
@@ -44,6 +44,8 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void logIs(Log log) { log_ = std::move(log); }  // called for each change; may be empty
   // Called between two changes, once in a thousand or so. Its exceptions leave rowChanged().
   void progressIs(std::function<void()> progress) { progress_ = std::move(progress); }
+  // Called when a row has set counts, before its report.
+  void countsSetIs(std::function<void()> countsSet) { countsSet_ = std::move(countsSet); }
 
   const ProgrammedTable* table(const std::string& name) const;  // null when there is no such table
   std::vector<const ProgrammedTable*> tables() const;           // in the order of their names
@@ -98,6 +100,7 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   Rules rules_;
   Log log_;
   std::function<void()> progress_;
+  std::function<void()> countsSet_;
   unsigned changesSinceProgress_ = 0;
   std::map<std::string, std::unique_ptr<Held>> tables_;  // by name
   std::unordered_map<const Lattice::FollowedTable*, Held*> followed_;

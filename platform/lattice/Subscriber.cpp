@@ -53,12 +53,19 @@ class SubscriberImpl final : public Subscriber {
   void report(uint64_t entryHandle, uint64_t sequence, uint16_t errorCode,
               std::string_view message) override;
   void flush() override;
+  bool digest(uint32_t digestId, std::string_view message) override {
+    return sendNotice({.kind = Notice::Kind::digest, .digestId = digestId, .message = message});
+  }
+  bool idle(uint64_t entryHandle) override {
+    return sendNotice({.kind = Notice::Kind::idleEntry, .entryHandle = entryHandle});
+  }
   void lookForIs(std::chrono::microseconds most) override { worthLooking_ = most; }
   uint64_t sequence() const override { return sequence_; }
   int descriptor() const override { return attached_ ? socket_.descriptor() : -1; }
   bool sending() const override { return !outbox_.empty(); }
 
  private:
+  bool sendNotice(const Notice& notice);
   void step(Clock::time_point deadline);
   void waitReadable(Clock::time_point until);
   bool attachBy(Clock::time_point deadline);
@@ -508,6 +515,13 @@ void SubscriberImpl::forgetDoneBehind() {
   if (doneBehind_ < few || doneBehind_ < open_.size() / 2) return;
   std::erase_if(open_, [](const Open& open) { return open.done; });
   doneBehind_ = 0;
+}
+
+// Reports come first: behind them, a notice would have to wait for room.
+bool SubscriberImpl::sendNotice(const Notice& notice) {
+  constexpr size_t mostMessage = maxMessageBytes - 64;
+  if (!attached_ || !outbox_.empty() || notice.message.size() > mostMessage) return false;
+  return socket_.send(NoticeMessage{notice}.encode()) == Socket::Sent::all;
 }
 
 void SubscriberImpl::flush() {

@@ -68,6 +68,15 @@ class Subscriber {
   virtual void report(uint64_t entryHandle, uint64_t sequence, uint16_t errorCode,
                       std::string_view message) = 0;
   virtual void flush() = 0;
+  // News for controllers, sent at once; false when it could not be, and is lost: no agent is
+  // attached, or its queue is full. A digest's message is its numbers bit behind bit in the order
+  // of declaration, big-endian, filled up to whole bytes at the end; `digestId` is the one in the
+  // P4Info. An entry is idle when no packet has met it for its time-out.
+  virtual bool digest(uint32_t digestId, std::string_view message) {
+    static_cast<void>(digestId), static_cast<void>(message);
+    return false;
+  }
+  virtual bool idle(uint64_t entryHandle) { return static_cast<void>(entryHandle), false; }
   virtual uint64_t sequence() const = 0;  // passed on to the handler so far
   virtual int descriptor() const = 0;     // readable when follow() has something to do; -1: none
   // To wake up costs more than to program an entry: follow() stays awake so long for changes that

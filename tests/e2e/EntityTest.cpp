@@ -18,7 +18,7 @@ using grpc::StatusCode;
 using p4::v1::Entity;
 using p4::v1::Update;
 using testing::HasSubstr;
-using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using namespace TestSupport;
 
@@ -32,6 +32,13 @@ constexpr const char* program = R"(
     match_fields { id: 1 name: "port" bitwidth: 9 match_type: EXACT }
     action_refs { id: 16777217 }
     size: 64
+    direct_resource_ids: 318767105
+    idle_timeout_behavior: NOTIFY_CONTROL
+  }
+  direct_counters {
+    preamble { id: 318767105 name: "ingress.packets" }
+    spec { unit: BOTH }
+    direct_table_id: 33554433
   }
   actions {
     preamble { id: 16777217 name: "ingress.drop" alias: "drop" }
@@ -136,9 +143,7 @@ class EntityTest : public testing::Test {
     }
   }
   std::string rowsOf(const std::string& table) {
-    return run({binaryPath("korvel"), "-s", agent_.options().stateDirectory, "table", "dump",
-                table})
-        .output;
+    return agent_.korvel({"table", "dump", table}).output;
   }
 
   const TempDir directory_;
@@ -221,6 +226,42 @@ TEST_F(EntityTest, WhatIsWrittenIsReadBackAlsoAfterAKill) {
   EXPECT_EQ("", push(Set::VERIFY_AND_COMMIT));
   expectReads("value_set_entry {}", {"value_set_entry { value_set_id: 50331649 }"});
   expectReads(cell("meter", "index { index: 2 }"), {cell("meter", "index { index: 2 }")});
+}
+
+TEST_F(EntityTest, AnEntryHasItsIdleTimeoutAndTheCountsThatAreSet) {
+  const auto port = [](int number, const std::string& rest) {
+    return "table_entry { table_id: 33554433 match { field_id: 1 exact { value: \"\\00" +
+           std::to_string(number) + "\" } } " + rest + " }";
+  };
+  const auto counter = [&](int packets) {
+    return "direct_counter_entry { " + port(1, "") +
+           " data { packet_count: " + std::to_string(packets) + " } }";
+  };
+  const std::string drop = "action { action { action_id: 16777217 } } ";
+  const std::string first = port(1, drop + "idle_timeout_ns: 1500");
+  const std::string second = port(2, drop);
+  const auto counted = [&](const std::string& text, int packets) {
+    return text.substr(0, text.size() - 1) +
+           "counter_data { packet_count: " + std::to_string(packets) + " } }";
+  };
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, counted(first, 3))) << said_;
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, second)) << said_;
+  const std::string all = "table_entry { table_id: 33554433 counter_data {} }";
+  expectReads(all, {counted(first, 3), counted(second, 0)});
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, counter(9))) << said_;
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, port(2, "idle_timeout_ns: 7"))) << said_;
+  expectReads(all, {counted(first, 9), counted(port(2, drop + "idle_timeout_ns: 7"), 0)});
+  EXPECT_THAT(rowsOf("idle_timeout.ports"), HasSubstr("1500"));
+  killAgent();
+  expectReads(all, {counted(first, 9), counted(port(2, drop + "idle_timeout_ns: 7"), 0)});
+  for (int i = 0; i < 2; ++i) {  // the same counts are set once more
+    EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, counter(0))) << said_;
+  }
+  EXPECT_EQ(StatusCode::OK, write(Update::DELETE, port(1, ""))) << said_;
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, port(2, drop))) << said_;
+  expectReads(all, {counted(second, 0)});
+  EXPECT_THAT(rowsOf("idle_timeout.ports"), Not(HasSubstr("set")));
+  EXPECT_EQ(StatusCode::INVALID_ARGUMENT, write(Update::MODIFY, counter(-1)));
 }
 
 TEST_F(EntityTest, AllCellsAreSetAtOnce) {

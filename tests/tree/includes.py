@@ -50,6 +50,7 @@ PI/frontend/target        PI/frontend/check+
 PI/frontend/write         PI/frontend/target+
 PI/frontend/read          PI/frontend/target+
 PI/frontend/restore       PI/frontend/target+
+PI/frontend/notices       PI/frontend/store+
 PI/frontend               PI/frontend PI/core PI/include proto
 PI/server                 PI/core PI/include proto
 

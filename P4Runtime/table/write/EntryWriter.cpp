@@ -8,6 +8,7 @@
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/table/rows/Refuse.h"
 #include "PI/pi_extensions.h"
+#include "platform/lattice/types/DirectColumns.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -34,6 +35,7 @@ EntryHandle EntryWriter::add(const MatchKey& key, const ActionData& action,
   builder_.appendPriority(table, key.priority, fields);
   row_.row = writer_.rowOf(table, fields);
   encodeRecord(key, action, pi_batch_current_controller_metadata(), record_);
+  if (direct.counter) markCounter(table, key);
   return addEntry(table, key);
 }
 
@@ -47,7 +49,21 @@ EntryHandle EntryWriter::addIndirect(const MatchKey& key, const MemberOrGroup& t
   builder_.appendPriority(table, key.priority, fields);
   row_.row = writer_.rowOf(table, fields);
   encodeRecord(key, target, pi_batch_current_controller_metadata(), record_);
+  if (direct.counter) markCounter(table, key);
   return addEntry(table, key);
+}
+
+// Followers take the counts of a row only when its counter columns differ from those before, so a
+// counter that is set to the same counts once more has another flag.
+void EntryWriter::markCounter(const WritableTable& table, const MatchKey& key) {
+  if (!tableInfo_.setsCounters() || !tableInfo_.hasDirectCounter(table.rid)) return;
+  const auto former = keys_.find(table, key, row_.row.key).row;
+  std::string& value = row_.row.value;
+  if (!former || former->value.size() < Lattice::counterBytes) return;
+  const size_t at = value.size() - Lattice::counterBytes;
+  if (former->value.substr(former->value.size() - Lattice::counterBytes) != value.substr(at))
+    return;
+  value[at] = value[at] == 1 ? 2 : 1;
 }
 
 // For the handle manager. An entry that the batch has deleted keeps its handle when it is added

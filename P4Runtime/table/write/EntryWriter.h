@@ -43,6 +43,7 @@ class EntryWriter {
 
  private:
   EntryHandle addEntry(const WritableTable& table, const MatchKey& key);
+  void markCounter(const WritableTable& table, const MatchKey& key);
   void findEntry(const WritableTable& table, const MatchKey& key, const std::string& rowKey);
   void noteDeletion(const MatchKey& key, const std::string& rowKey, EntryHandle handle);
   bool anyDeleted() const;

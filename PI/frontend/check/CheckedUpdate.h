@@ -1,13 +1,19 @@
 // An update as its check leaves it.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "PI/frontend/model/P4InfoIndex.h"
-#include "PI/frontend/store/Entry.h"
+#include "PI/frontend/store/EntryStore.h"
 
 namespace pi::fe::proto {
+
+struct Counts {
+  uint64_t bytes = 0;
+  uint64_t packets = 0;
+};
 
 struct CheckedUpdate {
   enum class Subject : uint8_t { entry, directMeter, directCounter, member, group };
@@ -20,10 +26,12 @@ struct CheckedUpdate {
   // The entry to write, handles left open. The key alone for a DELETE, for a MODIFY that keeps
   // the action, and for a direct resource. Null: the update changes nothing.
   EntrySlot slot;
-  // All cells of an array are written: the default entry of its table, and the cells that have rows
-  // of their own, which go. These are found when the update runs.
-  bool ofAllCells = false;
-  std::vector<EntrySlot> gone;
+  bool ofAllCells = false;       // of an array: the default entry of its table
+  std::optional<Counts> counts;  // of the entry's direct counter; nothing: they go on
+  int64_t idleTimeout = 0;       // of the entry, in nanoseconds; 0: none
+  // Changes of other tables that come and fail with it, found when the update runs: the rows of
+  // single cells go with an update of all, and an entry's idle time-out is a row of its own.
+  std::vector<Change> also;
 };
 
 // "table ingress.ipv4: dst 10.0.0.0/8", "action profile ingress.nexthops: member 7".

@@ -24,11 +24,21 @@ void requireResource(const TablePlan& table, bool present, const char* resource,
   refuse(code::invalidArgument, "table ", table.name, " has no direct ", resource, " for ", field);
 }
 
+void checkCounts(const TablePlan& table, const CounterData& data) {
+  if (data.byte_count() >= 0 && data.packet_count() >= 0) return;
+  refuse(code::invalidArgument, "table ", table.name, ": a count is negative");
+}
+
+Counts countsOf(const CounterData& data) {
+  return {static_cast<uint64_t>(data.byte_count()), static_cast<uint64_t>(data.packet_count())};
+}
+
 // Zeros are where a counter starts, so they say nothing new in an INSERT.
 void checkCounter(const TablePlan& table, const TableEntry& entry, Update::Type type) {
   if (!entry.has_counter_data()) return;
   requireResource(table, table.counter.has_value(), "counter", "counter_data");
   if (type == Update::INSERT && isZero(entry.counter_data())) return;
+  if (table.setsCounters) return checkCounts(table, entry.counter_data());
   refuse(code::unimplemented, "table ", table.name,
          ": writing counter_data is not supported; counters start at 0 with their entry");
 }
@@ -101,6 +111,12 @@ void checkDirectResources(const TablePlan& table, const TableEntry& entry, Updat
   }
 }
 
+std::optional<Counts> givenCounts(const TableEntry& entry, Update::Type type) {
+  if (type == Update::DELETE || !entry.has_counter_data()) return std::nullopt;
+  if (type == Update::INSERT && isZero(entry.counter_data())) return std::nullopt;
+  return countsOf(entry.counter_data());
+}
+
 std::optional<MeterSetting> meterSetting(const TablePlan& table, const TableEntry& entry) {
   if (!table.meter || !entry.has_meter_config()) return std::nullopt;
   return settingOf(entry.meter_config());
@@ -131,8 +147,12 @@ CheckedUpdate checkedDirectCounter(const P4InfoIndex& index,
   result.subject = CheckedUpdate::Subject::directCounter;
   const TablePlan& table = checkedTableOf(index, given, type, "counter");
   requireResource(table, table.counter.has_value(), "counter", "a direct counter entry");
-  if (given.has_data()) {
+  if (given.has_data() && !table.setsCounters) {
     refuse(code::unimplemented, "table ", table.name, ": writing direct counters is not supported");
+  }
+  if (given.has_data()) {
+    checkCounts(table, given.data());
+    result.counts = countsOf(given.data());
   }
   result.table = &table;
   result.profile = table.profile;

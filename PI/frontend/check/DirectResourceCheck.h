@@ -10,6 +10,9 @@ namespace pi::fe::proto {
 void checkDirectResources(const TablePlan& table, const p4::v1::TableEntry& entry,
                           p4::v1::Update::Type type);
 
+// The counts that a checked table entry sets; nothing: they begin at 0, or go on.
+std::optional<Counts> givenCounts(const p4::v1::TableEntry& entry, p4::v1::Update::Type type);
+
 // The setting that a checked table entry brings; nothing: the default.
 std::optional<MeterSetting> meterSetting(const TablePlan& table, const p4::v1::TableEntry& entry);
 

@@ -18,8 +18,7 @@ using p4::v1::Update;
 
 namespace {
 
-// The target keeps the entity with its row, which has 65,535 bytes for it and the entry's record.
-constexpr size_t kMostBytes = 60'000;
+constexpr size_t kMostBytes = 1024 * 1024;  // of a message; the store keeps it with the row
 
 const ActionPlan& actionOf(const TablePlan& table, size_t place = 0) {
   return *table.actions[place].action;
@@ -296,10 +295,9 @@ CheckedUpdate checkedEntityUpdate(const P4InfoIndex& index, const Entity& entity
       return checkedRegister(*plan, entity);
     case EntityKind::valueSet:
       return checkedValueSet(*plan, entity);
-    case EntityKind::digest:
-      break;
+    default:
+      return checkedDigest(*plan, entity, type);
   }
-  return checkedDigest(*plan, entity, type);
 }
 
 }  // namespace pi::fe::proto

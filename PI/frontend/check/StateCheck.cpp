@@ -55,11 +55,14 @@ void requireResourcesAlone(const CheckedUpdate& update, bool keepsAction) {
 void doKeepAction(CheckedUpdate* update, const Entry& former) {
   EntrySlot& slot = update->slot;
   const Entry& given = *slot.entry;
-  const Entry& described = update->subject == Subject::directMeter ? former : given;
+  const bool isOfResource =
+      update->subject == Subject::directMeter || update->subject == Subject::directCounter;
+  const Entry& described = isOfResource ? former : given;
   const EntryKey key = given.key();
   const std::string_view metadata = described.metadata();
-  EntryPtr kept = Entry::make(key.tableId, key.bytes.size(), former.actionSize(), metadata.size(),
-                              given.meter());
+  EntryPtr kept =
+      Entry::make(key.tableId, key.bytes.size(), former.actionSize(), metadata.size(),
+                  update->subject == Subject::directCounter ? former.meter() : given.meter());
   kept->priority = key.priority;
   kept->controllerMetadata = described.controllerMetadata;
   kept->actionId = former.actionId;
@@ -75,10 +78,13 @@ void doKeepAction(CheckedUpdate* update, const Entry& former) {
 
 void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
   requireState(*update, former);
-  if (update->subject == Subject::directCounter) return;
+  if (update->subject == Subject::directCounter && !update->counts) return;
   const bool keeps =
       update->type == Update::MODIFY && update->slot.entry->kind == EntryKind::keyAlone;
   if (former != nullptr && former->isConst) requireResourcesAlone(*update, keeps);
+  if (update->subject == Subject::entry && update->table->idleTimeouts != nullptr) {
+    prepareIdleTimeout(update);
+  }
   if (keeps) return doKeepAction(update, *former);
   if (update->table != nullptr && update->table->entity != nullptr) prepareEntity(update, former);
   if (update->profile == nullptr) return;
@@ -96,12 +102,25 @@ void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
 // it meanwhile.
 void StateCheck::prepareEntity(CheckedUpdate* update, const Entry* former) const {
   const EntityPlan& plan = *update->table->entity;
-  if (update->ofAllCells) update->gone = store_.slotsOf(plan.table->id);
+  if (update->ofAllCells) {
+    for (EntrySlot& slot : store_.slotsOf(plan.table->id)) {
+      update->also.push_back({std::move(slot), true});
+    }
+  }
   const bool counts = plan.kind == EntityKind::counter || plan.kind == EntityKind::registerArray;
   if (!counts || former == nullptr || update->type == Update::DELETE) return;
   const ActionPlan& action = *update->table->actions.front().action;
   const size_t times = action.params.size() - 1;
   paramIs(action, times, paramOf(action, times, *former) + 1, update->slot.entry.get());
+}
+
+void StateCheck::prepareIdleTimeout(CheckedUpdate* update) const {
+  const TablePlan& timeouts = *update->table->idleTimeouts;
+  EntryPtr row = makeIdleTimeout(timeouts, *update->slot.entry, update->idleTimeout);
+  const size_t hash = row->key().hash();
+  const bool isDelete = update->idleTimeout == 0;
+  if (isDelete && store_.committed({row->key(), hash}) == nullptr) return;
+  update->also.push_back({{std::move(row), hash}, isDelete});
 }
 
 void StateCheck::prepareMember(const CheckedUpdate& update) const {

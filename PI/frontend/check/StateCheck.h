@@ -23,6 +23,7 @@ class StateCheck {
 
  private:
   void prepareEntity(CheckedUpdate* update, const Entry* former) const;
+  void prepareIdleTimeout(CheckedUpdate* update) const;
   void prepareMember(const CheckedUpdate& update) const;
   void prepareGroup(const CheckedUpdate& update, const Entry* former) const;
   void prepareEntry(CheckedUpdate* update) const;

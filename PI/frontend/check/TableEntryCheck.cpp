@@ -60,6 +60,7 @@ void checkIdleTimeout(const TablePlan& table, const TableEntry& entry) {
     refuse(code::invalidArgument, "table ", table.name, ": the idle time-out is ",
            entry.idle_timeout_ns(), table.hasIdleTimeout ? "" : "; its entries have none");
   }
+  if (table.idleTimeouts != nullptr) return;
   refuse(code::unimplemented, "table ", table.name, ": idle time-outs are not supported");
 }
 
@@ -229,6 +230,8 @@ CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& give
   }
   checkTable(table, given, type);
   checkFields(table, given, type);
+  result.counts = givenCounts(given, type);
+  if (type != Update::DELETE) result.idleTimeout = given.idle_timeout_ns();
   EntryPtr entry = withoutKey(table, given, type);
   entry->priority = checkedPriority(table, given);
   encodeKey(table, given, entry->keyData());

@@ -6,6 +6,8 @@
 #include <initializer_list>
 #include <string>
 
+#include "PI/frontend/model/PackedData.h"
+
 namespace pi::fe::proto {
 
 namespace config = p4::config::v1;
@@ -85,7 +87,9 @@ class Adder {
       }
     }
     for (const auto& set : p4Info.value_sets()) addValueSet(set);
+    for (const auto& table : p4Info.tables()) addIdleTimeouts(table);
     for (const auto& digest : p4Info.digests()) {
+      if (digestBits(p4Info, digest) == 0) continue;
       config::Table* table = add(EntityKind::digest, digest.preamble());
       if (table != nullptr) {
         addKey(table, {"entry", 8});
@@ -119,6 +123,7 @@ class Adder {
                          : kind == EntityKind::registerArray ? "register."
                          : kind == EntityKind::valueSet      ? "value_set."
                          : kind == EntityKind::digest        ? "digest."
+                         : kind == EntityKind::idleTimeout   ? "idle_timeout."
                                                              : "pre.";
     nameIs(table->mutable_preamble(), entityTableId(kind, preamble.id()),
            prefix + shortName(preamble));
@@ -213,6 +218,14 @@ class Adder {
     for (const auto& field : set.match()) *list->add_match_fields() = field;
   }
 
+  void addIdleTimeouts(const config::Table& table) {
+    if (table.idle_timeout_behavior() != config::Table::NOTIFY_CONTROL) return;
+    config::Table* added = add(EntityKind::idleTimeout, table.preamble(), table.size());
+    if (added == nullptr) return;
+    for (const auto& field : table.match_fields()) *added->add_match_fields() = field;
+    addAction(EntityKind::idleTimeout, table.preamble().id(), added, {{"ns", 64}});
+  }
+
   config::P4Info result_;
   absl::flat_hash_set<uint32_t> taken_;
   bool hasRowAction_ = false;
@@ -234,6 +247,8 @@ const char* entityKindText(EntityKind kind) {
       return "register";
     case EntityKind::valueSet:
       return "value set";
+    case EntityKind::idleTimeout:
+      return "idle time-outs of table";
     case EntityKind::digest:
       break;
   }
@@ -244,6 +259,10 @@ uint32_t entityTableId(EntityKind kind, uint32_t id) { return baseId(kind, id) ^
 
 uint32_t entityListTableId(EntityKind kind, uint32_t id) {
   return hasList(kind) ? baseId(kind, id) ^ kLists : 0;
+}
+
+uint32_t digestBits(const config::P4Info& p4Info, const config::Digest& digest) {
+  return packedBits(p4Info.type_info(), digest.type_spec());
 }
 
 int32_t registerBits(const config::Register& array) {

@@ -383,6 +383,14 @@ void P4InfoIndex::entitiesAre(const config::P4Info& p4Info) {
     entityIs(EntityKind::valueSet, set.preamble(), set.size());
   }
   for (const auto& digest : p4Info.digests()) entityIs(EntityKind::digest, digest.preamble());
+  for (const auto& table : tables_) {
+    table->setsCounters = table->counter.has_value();
+    if (!table->hasIdleTimeout) continue;
+    config::Preamble preamble;
+    preamble.set_id(table->id);
+    preamble.set_name(table->name);
+    table->idleTimeouts = entityIs(EntityKind::idleTimeout, preamble)->table;
+  }
 }
 
 void P4InfoIndex::directResourcesAre(TablePlan* plan, const config::P4Info& p4Info,

@@ -145,7 +145,9 @@ struct TablePlan : ActionUser {
   bool hasIdleTimeout = false;
   std::optional<DirectCounterPlan> counter;
   std::optional<DirectMeterPlan> meter;
-  const ProfilePlan* profile = nullptr;  // null: a direct table
+  bool setsCounters = false;                // direct counters can be written
+  const TablePlan* idleTimeouts = nullptr;  // has a row for each entry with one; null: refused
+  const ProfilePlan* profile = nullptr;     // null: a direct table
   uint32_t constDefaultActionId = 0;
   p4::v1::Action defaultAction;  // the program's; action id 0 when it has none
   // Where the target keeps a default entry that controllers write: as the only entry of this table.

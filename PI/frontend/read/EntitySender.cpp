@@ -21,7 +21,7 @@ void settingIs(const MeterSetting& setting, p4::v1::MeterConfig* sent) {
 }  // namespace
 
 bool EntitySender::sendEntry(const TablePlan& table, const Entry& entry, EntryForm form,
-                             const p4::v1::CounterData& count) {
+                             const p4::v1::CounterData& count, int64_t idleTimeout) {
   if (form == EntryForm::counter) {
     keyIs(table, entry, entity_.mutable_direct_counter_entry()->mutable_table_entry());
     *entity_.mutable_direct_counter_entry()->mutable_data() = count;
@@ -39,6 +39,7 @@ bool EntitySender::sendEntry(const TablePlan& table, const Entry& entry, EntryFo
   sent->set_controller_metadata(entry.controllerMetadata);
   sent->set_metadata(entry.metadata().data(), entry.metadata().size());
   sent->set_is_const(table.isConst || entry.isConst);
+  sent->set_idle_timeout_ns(idleTimeout);
   if (hasCounter(form)) *sent->mutable_counter_data() = count;
   if (hasMeter(form) && meter) settingIs(*meter, sent->mutable_meter_config());
   return addEntity();

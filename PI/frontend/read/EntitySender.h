@@ -16,9 +16,10 @@ class EntitySender {
       : index_(index), sink_(sink) {}
 
   // All return false once the sink has returned false: the client wants no more.
-  // `count` is the value of the entry's direct counter, for forms that show it.
+  // `count` is the value of the entry's direct counter, for forms that show it; `idleTimeout` is in
+  // nanoseconds, 0 for none.
   bool sendEntry(const TablePlan& table, const Entry& entry, EntryForm form,
-                 const p4::v1::CounterData& count);
+                 const p4::v1::CounterData& count, int64_t idleTimeout = 0);
   bool sendObject(const Entry& object);
   bool sendEntity(p4::v1::Entity* entity);  // leaves it empty
   bool sendDefaultEntry(const TablePlan& table, const Entry* written);

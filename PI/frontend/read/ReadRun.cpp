@@ -32,6 +32,7 @@ google::rpc::Status ReadRun::run(const p4::v1::ReadRequest& request,
   doCheck(request);
   const EntryStore::Snapshot snapshot(store_, lookups());
   doCheckFound(snapshot);
+  idleTimeouts_.emplace(snapshot);
   if (!sendAll(snapshot, sink)) {
     return plainStatus(code::cancelled, "the client takes no more of the answer");
   }
@@ -241,8 +242,9 @@ bool ReadRun::sendPicked(const TableRead& read, EntitySender* sender) {
 
 bool ReadRun::sendForm(const TableRead& read, const Entry& entry, EntryForm form,
                        const Count* count, EntitySender* sender) {
-  if (!hasCounter(form)) return sender->sendEntry(*read.table, entry, form, {});
-  if (!count->failure) return sender->sendEntry(*read.table, entry, form, count->data);
+  const int64_t idle = idleTimeouts_->of(*read.table, entry);
+  if (!hasCounter(form)) return sender->sendEntry(*read.table, entry, form, {}, idle);
+  if (!count->failure) return sender->sendEntry(*read.table, entry, form, count->data, idle);
   forEachTaking(read, entry, [&](size_t query) {
     if (queries_[query].formFor(*read.table) != form) return;
     doFail(query, count->failure->code(), count->failure->message());

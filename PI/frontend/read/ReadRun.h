@@ -10,6 +10,7 @@
 
 #include "PI/frontend/read/DirectCounters.h"
 #include "PI/frontend/read/EntitySender.h"
+#include "PI/frontend/read/IdleTimeouts.h"
 #include "PI/frontend/read/Query.h"
 #include "PI/frontend/read/ReadTurns.h"
 #include "PI/frontend/store/EntryStore.h"
@@ -75,6 +76,7 @@ class ReadRun {
   std::map<uint32_t, TableRead> tables_;         // by table id
   Queries keyed_;                                // those for one entry, member or group
   absl::flat_hash_map<size_t, size_t> foundAt_;  // of those, the place in Snapshot::found()
+  std::optional<IdleTimeouts> idleTimeouts_;     // while it runs
   std::vector<Picked> picked_;                   // of one page
   std::vector<const Entry*> counted_;            // of these, the entries whose counts are sent
   std::vector<Count> counts_;                    // of those

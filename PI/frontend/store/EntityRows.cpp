@@ -123,6 +123,21 @@ EntryPtr makeListRow(const TablePlan& list, const std::string& key) {
   return entry;
 }
 
+EntryPtr makeIdleTimeout(const TablePlan& timeouts, const Entry& entry, int64_t ns) {
+  const ActionPlan& action = *timeouts.actions.front().action;
+  const EntryKey key = entry.key();
+  EntryPtr row = Entry::make(timeouts.id, key.bytes.size(), action.dataBytes, 0);
+  row->actionId = action.id;
+  row->priority = key.priority;
+  std::memcpy(row->keyData(), key.bytes.data(), key.bytes.size());
+  paramIs(action, 0, static_cast<uint64_t>(ns), row.get());
+  return row;
+}
+
+int64_t idleTimeoutOf(const TablePlan& timeouts, const Entry& row) {
+  return static_cast<int64_t>(paramOf(*timeouts.actions.front().action, 0, row));
+}
+
 uint64_t cellIndex(const Entry& cell) { return numberAt(cell.keyData(), cell.key().bytes.size()); }
 
 std::string entityKeyText(const TablePlan& table, const uint8_t* key) {

@@ -29,6 +29,10 @@ EntryPtr makeListRow(const TablePlan& list, const std::string& key);
 
 uint64_t cellIndex(const Entry& cell);
 
+// The row of an entry's idle time-out, in nanoseconds; `entry` lies in another table with that key.
+EntryPtr makeIdleTimeout(const TablePlan& timeouts, const Entry& entry, int64_t ns);
+int64_t idleTimeoutOf(const TablePlan& timeouts, const Entry& row);
+
 // "counter ingress.hits: cell 3", "multicast group 7"; `key` as the table has it.
 std::string entityKeyText(const TablePlan& table, const uint8_t* key);
 

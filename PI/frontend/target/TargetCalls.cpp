@@ -1,8 +1,11 @@
 // The target calls of one update.
 #include "PI/frontend/target/TargetCalls.h"
 
+#include <array>
+
 #include "PI/frontend/store/ProfileObjects.h"
 #include "PI/int/pi_int.h"
+#include "PI/pi_counter.h"
 #include "PI/pi_extensions.h"
 #include "PI/pi_meter.h"
 
@@ -40,7 +43,8 @@ uint64_t indirectHandle(const Entry& entry) {
 // A pi_table_entry_t with all that it points to.
 class PiEntry {
  public:
-  PiEntry(const TargetSession& session, const TablePlan& table, const Entry& entry) {
+  PiEntry(const TargetSession& session, const TablePlan& table, const Entry& entry,
+          const std::optional<Counts>& counts) {
     if (entry.kind == EntryKind::action) {
       action_ = actionData(session, actionBytes(entry));
       entry_.entry_type = PI_ACTION_ENTRY_TYPE_DATA;
@@ -49,9 +53,9 @@ class PiEntry {
       entry_.entry_type = PI_ACTION_ENTRY_TYPE_INDIRECT;
       entry_.entry.indirect_handle = indirectHandle(entry);
     }
-    if (!table.meter) return;
-    const std::optional<MeterSetting> meter = entry.meter();
+    const std::optional<MeterSetting> meter = table.meter ? entry.meter() : std::nullopt;
     if (meter) meterIs(*table.meter, *meter);
+    if (counts) countsAre(table.counter->id, *counts);
   }
   PiEntry(const PiEntry&) = delete;
   PiEntry& operator=(const PiEntry&) = delete;
@@ -61,8 +65,17 @@ class PiEntry {
   void meterIs(const DirectMeterPlan& plan, const MeterSetting& setting) {
     spec_ = {setting.cir,    setting.cburst,       setting.pir,
              setting.pburst, meterUnit(plan.unit), PI_METER_TYPE_DEFAULT};
-    resource_ = {plan.id, &spec_};
-    resources_ = {1, &resource_};
+    resourceIs(plan.id, &spec_);
+  }
+
+  void countsAre(uint32_t counterId, const Counts& counts) {
+    counts_ = {PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES, counts.bytes, counts.packets};
+    resourceIs(counterId, &counts_);
+  }
+
+  void resourceIs(uint32_t id, void* config) {
+    configs_[resources_.num_configs++] = {id, config};
+    resources_.configs = configs_.data();
     entry_.direct_res_config = &resources_;
   }
 
@@ -70,8 +83,9 @@ class PiEntry {
   // The parts that entry_ points to; the other parts are never set.
   pi_action_data_t action_;
   pi_meter_spec_t spec_;
-  pi_direct_res_config_one_t resource_;
-  pi_direct_res_config_t resources_;
+  pi_counter_data_t counts_;
+  std::array<pi_direct_res_config_one_t, 2> configs_;
+  pi_direct_res_config_t resources_{};
 };
 
 }  // namespace
@@ -95,10 +109,11 @@ void TargetCalls::call(Call call) {
   status_ = static_cast<int>(call());
 }
 
-void TargetCalls::entryAdd(const TablePlan& table, Entry* entry, bool overwrite) {
+void TargetCalls::entryAdd(const TablePlan& table, Entry* entry, bool overwrite,
+                           const std::optional<Counts>& counts) {
   call([&] {
     const pi_match_key_t key = matchKey(session_, entry);
-    const PiEntry added(session_, table, *entry);
+    const PiEntry added(session_, table, *entry, counts);
     return pi_table_entry_add(session_.handle, target(), table.id, &key, added.get(),
                               overwrite ? 1 : 0, &entry->handle);
   });

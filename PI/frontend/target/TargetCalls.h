@@ -2,7 +2,7 @@
 // the target puts back all that was done for the update.
 #pragma once
 
-#include "PI/frontend/model/Plans.h"
+#include "PI/frontend/check/CheckedUpdate.h"
 #include "PI/frontend/store/Entry.h"
 #include "PI/frontend/target/TargetSession.h"
 #include "PI/pi_act_prof.h"
@@ -28,7 +28,9 @@ class TargetCalls {
   // last until the last of these calls.
   void contextIs(uint32_t controllerId, uint64_t controllerMetadata, std::string_view bytes);
 
-  void entryAdd(const TablePlan& table, Entry* entry, bool overwrite);  // sets its handle
+  // Sets its handle. `counts`: where its direct counter goes on from.
+  void entryAdd(const TablePlan& table, Entry* entry, bool overwrite,
+                const std::optional<Counts>& counts = std::nullopt);
   void entryDelete(Entry* entry);
 
   uint64_t memberCreate(uint32_t profileId, const ActionBytes& action);  // its handle

@@ -37,10 +37,21 @@ void doRunList(const CheckedUpdate& update, const Entry* former, TargetCalls* ca
 
 }  // namespace
 
+void doRunAlso(const CheckedUpdate& update, TargetCalls* calls) {
+  calls->contextIs(0, 0, {});
+  for (const Change& change : update.also) {
+    Entry* entry = change.slot.entry.get();
+    if (change.isDelete) {
+      calls->entryDelete(entry);
+    } else {
+      calls->entryAdd(*update.table->idleTimeouts, entry, true);
+    }
+  }
+}
+
 void doRunEntity(const CheckedUpdate& update, const Entry* former, TargetCalls* calls) {
   Entry* entry = update.slot.entry.get();
-  calls->contextIs(0, 0, {});
-  for (const EntrySlot& slot : update.gone) calls->entryDelete(slot.entry.get());
+  doRunAlso(update, calls);
   if (update.type != p4::v1::Update::DELETE) {
     calls->contextIs(0, 0, entry->metadata());
     calls->entryAdd(*update.table, entry, former != nullptr);

@@ -7,6 +7,9 @@
 
 namespace pi::fe::proto {
 
+// The changes that come with the update in other tables.
+void doRunAlso(const CheckedUpdate& update, TargetCalls* calls);
+
 // `former` is the entry under its key now, null for none.
 void doRunEntity(const CheckedUpdate& update, const Entry* former, TargetCalls* calls);
 

@@ -200,9 +200,10 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   if (!batchOpen_) requireWritePermission();
   const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
   state_.prepare(&update, former);
-  if (update.subject == CheckedUpdate::Subject::directCounter) return;  // nothing to change
+  const bool isCounter = update.subject == CheckedUpdate::Subject::directCounter;
+  if (isCounter && !update.counts) return;  // nothing to change
   const bool isDelete = update.type == Update::DELETE;
-  if (former == nullptr && isDelete && update.gone.empty()) return;  // as it was in the beginning
+  if (former == nullptr && isDelete && update.also.empty()) return;  // as it was in the beginning
   maybeBeginBatch(operation);
   TargetCalls calls(session_, offset);
   // Set before the target hears of the update: the batch may be abandoned in its midst.
@@ -259,7 +260,7 @@ void WriteRun::doEnter(const Batch& batch, const StatusVector& failures) {
     operation.pending = false;
     if (operation.update.profile != nullptr) doCountUse(operation.update);
     changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE});
-    for (EntrySlot& slot : operation.update.gone) changes.push_back({std::move(slot), true});
+    std::ranges::move(operation.update.also, std::back_inserter(changes));
   }
   levels_ == 1 ? store_.commit(changes) : store_.keep(changes);
 }

@@ -48,6 +48,17 @@ pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
                                                   const pi_entry_handle_t* entry_handle,
                                                   uint32_t error_code);
 
+/* News of the data plane for controllers, which may be dropped. A message of a digest that a
+ * controller has started: its numbers bit behind bit in the order of declaration, big-endian,
+ * filled up to whole bytes at the end. BUFFER_ERROR when it has another size; LEARN_NO_MATCHING_CB
+ * when no controller wants the digest. */
+pi_status_t pi_digest_message(pi_dev_id_t dev_id, pi_p4_id_t digest_id, const char* data,
+                              size_t size);
+/* An entry that no packet has met for its idle time-out. NETV_INVALID_OBJ_ID when the table is
+ * unknown; an entry that is gone is no error. */
+pi_status_t pi_table_entry_idle(pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                const pi_match_key_t* match_key);
+
 /* After a restart the target hands back all surviving objects, members before groups before table
  * entries, before any controller's request is served; then it says that it has restored all. The
  * metadata are the bytes that stood in pi_batch_current_metadata() when the object was last

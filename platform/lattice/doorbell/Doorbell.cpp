@@ -115,6 +115,7 @@ bool Doorbell::handleMessage(Peer& peer, std::string_view message) {
   if (messageKind(message) == MessageKind::reports) return handleReports(peer, message);
   if (messageKind(message) == MessageKind::inStep) return handleInStep(peer, message);
   if (messageKind(message) == MessageKind::programmed) return handleProgrammed(peer, message);
+  if (messageKind(message) == MessageKind::notice) return handleNotice(message);
   return false;
 }
 
@@ -200,6 +201,12 @@ bool Doorbell::handleInStep(Peer& peer, std::string_view message) {
 bool Doorbell::handleProgrammed(Peer& peer, std::string_view message) {
   const auto programmed = ProgrammedMessage::decode(message);
   return programmed && programmedIs(peer, programmed->sequence);
+}
+
+bool Doorbell::handleNotice(std::string_view message) {
+  const auto decoded = NoticeMessage::decode(message);
+  if (decoded && observer_.notice) observer_.notice(decoded->notice);
+  return decoded.has_value();
 }
 
 // False for a number that cannot be.

@@ -62,6 +62,7 @@ class Doorbell {
   bool handleInStep(Peer& peer, std::string_view message);
   bool handleProgrammed(Peer& peer, std::string_view message);
   bool programmedIs(Peer& peer, uint64_t sequence);
+  bool handleNotice(std::string_view message);
   void hear();
   bool heard(Peer& peer);
   static bool looks(Peer& peer);

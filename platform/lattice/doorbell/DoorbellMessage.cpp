@@ -48,7 +48,7 @@ uint8_t messageVersion(std::string_view message) {
 std::optional<MessageKind> messageKind(std::string_view message) {
   const uint8_t version = messageVersion(message);
   if (version == 0) return std::nullopt;
-  const auto last = version == 1 ? MessageKind::inStep : MessageKind::programmed;
+  const auto last = version == 1 ? MessageKind::inStep : MessageKind::notice;
   const auto kind = static_cast<MessageKind>(message[0]);
   if (kind < MessageKind::attach || kind > last) return std::nullopt;
   return kind;
@@ -125,6 +125,34 @@ std::string ProgrammedMessage::encode() const {
 std::optional<ProgrammedMessage> ProgrammedMessage::decode(std::string_view message) {
   const auto number = numberOf(message, MessageKind::programmed);
   return number ? std::optional(ProgrammedMessage{*number}) : std::nullopt;
+}
+
+std::string NoticeMessage::encode() const {
+  std::string bytes = begun(MessageKind::notice);
+  append(bytes, static_cast<uint8_t>(notice.kind));
+  if (notice.kind == Notice::Kind::digest) {
+    append(bytes, notice.digestId);
+    appendText(bytes, notice.message);
+  } else {
+    append(bytes, notice.entryHandle);
+  }
+  return bytes;
+}
+
+std::optional<NoticeMessage> NoticeMessage::decode(std::string_view message) {
+  auto body = bodyOf(message, MessageKind::notice);
+  if (!body) return std::nullopt;
+  Notice notice;
+  notice.kind = static_cast<Notice::Kind>(body->take<uint8_t>());
+  if (notice.kind == Notice::Kind::digest) {
+    notice.digestId = body->take<uint32_t>();
+    notice.message = body->takeText();
+  } else if (notice.kind == Notice::Kind::idleEntry) {
+    notice.entryHandle = body->take<uint64_t>();
+  } else {
+    return std::nullopt;
+  }
+  return body->finished() ? std::optional(NoticeMessage{notice}) : std::nullopt;
 }
 
 void ReportsWriter::clear() {

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/lattice/doorbell/Report.h"
 #include "platform/lattice/records/StoreLayout.h"
 
 namespace Lattice {
@@ -29,7 +30,8 @@ enum class MessageKind : uint8_t {
   ring,
   reports,
   inStep,
-  programmed
+  programmed,
+  notice
 };
 
 // A subscriber's first message: the state it knows.  sequence u64 | identity | name
@@ -116,6 +118,14 @@ struct ProgrammedMessage {
   uint64_t sequence = 0;
   std::string encode() const;
   static std::optional<ProgrammedMessage> decode(std::string_view message);
+};
+
+// From a subscriber, on its own account.  kind u8 | digest: id u32, message (u32 size, bytes) |
+// idle entry: entryHandle u64
+struct NoticeMessage {
+  Notice notice;
+  std::string encode() const;
+  static std::optional<NoticeMessage> decode(std::string_view message);
 };
 
 std::optional<MessageKind> messageKind(std::string_view message);  // of a known version

@@ -23,6 +23,15 @@ struct Report {
   bool settles = true;
 };
 
+// News of the data plane that nobody asked for.
+struct Notice {
+  enum class Kind : uint8_t { digest = 1, idleEntry };
+  Kind kind = Kind::digest;
+  uint32_t digestId = 0;     // of a digest, in the P4Info
+  std::string_view message;  // of a digest: packed, as Subscriber::digest() says
+  uint64_t entryHandle = 0;  // of an entry that no packet has met for its idle time-out
+};
+
 struct SubscriberInfo {
   uint64_t id = 0;  // of this attachment; never given out again
   std::string name;
@@ -43,6 +52,8 @@ struct SubscriberObserver {
   std::function<void(uint64_t sequence)> inStep;
   // The number of attached subscribers, each time that it changes.
   std::function<void(size_t)> attached;
+  // One notice, checked for form only; valid during the call.
+  std::function<void(const Notice&)> notice;
   // An attached subscriber has gone.
   std::function<void(const SubscriberInfo&)> left;
 };

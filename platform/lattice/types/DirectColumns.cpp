@@ -48,7 +48,10 @@ std::optional<MeterColumns> meterOfRow(const TableType& type, std::string_view v
 std::optional<CounterColumns> counterOfRow(const TableType& type, std::string_view value) {
   const auto numbers = partNumbers(Part::counter, type, value);
   if (numbers.empty()) return std::nullopt;
-  return CounterColumns{.given = numbers[0] != 0, .bytes = numbers[1], .packets = numbers[2]};
+  return CounterColumns{.given = numbers[0] != 0,
+                        .flag = static_cast<uint8_t>(numbers[0]),
+                        .bytes = numbers[1],
+                        .packets = numbers[2]};
 }
 
 }  // namespace Lattice

@@ -11,6 +11,8 @@ namespace Lattice {
 
 bool isCounted(const TableType& type);  // whether its rows have a counter
 
+inline constexpr size_t counterBytes = 17;  // at the end of a value with a counter
+
 struct MeterColumns {
   bool given = false;  // false: the entry came without a setting; the numbers are the defaults
   uint64_t cir = 0;
@@ -20,6 +22,8 @@ struct MeterColumns {
 };
 struct CounterColumns {
   bool given = false;
+  // Not 0 where given; it differs from the flag before when the same counts are given once more.
+  uint8_t flag = 0;
   uint64_t bytes = 0;
   uint64_t packets = 0;
 };

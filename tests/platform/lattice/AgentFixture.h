@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -46,7 +47,12 @@ class Agent {
                                 for (const auto& report : reports) hear(report);
                               },
                           .programmed = [this](uint64_t sequence) { hearAllUpTo(sequence); },
-                          .inStep = [this](uint64_t sequence) { inStep = sequence; }});
+                          .inStep = [this](uint64_t sequence) { inStep = sequence; },
+                          .notice =
+                              [this](const Lattice::Notice& notice) {
+                                notices.push_back(notice);
+                                notices.back().message = texts.emplace_back(notice.message);
+                              }});
     thread = std::thread([this] { loop.run(); });
   }
   ~Agent() {
@@ -110,7 +116,8 @@ class Agent {
   std::unique_ptr<Lattice::Database> database;
   std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> tables;
   std::vector<Lattice::Report> heard;
-  std::vector<std::string> texts;
+  std::deque<std::string> texts;
+  std::vector<Lattice::Notice> notices;
   uint64_t programmed = 0;
   uint64_t inStep = 0;
   std::thread thread;

@@ -10,8 +10,8 @@ extern "C" {
 #endif
 
 /* Called on the target's threads, as a rule with the target's lock held: a hook must not wait for
- * anything that waits for the target. Pointers last for the call. No member but the first and the
- * last is NULL; the functions of PI/pi_extensions.h describe the arguments. */
+ * anything that waits for the target. Pointers last for the call. Only members that say so are
+ * NULL; the functions of PI/pi_extensions.h describe the arguments. */
 typedef struct {
   /* NULL for a front end to which the status vector of a batch says enough. */
   void (*entry_status_changed)(void* cookie, pi_dev_id_t dev_id, pi_entry_handle_t entry_handle,
@@ -39,10 +39,15 @@ typedef struct {
   pi_status_t (*restore_done)(void* cookie, pi_dev_id_t dev_id);
   /* NULL for a front end that needs no word ahead. */
   pi_status_t (*restore_expect)(void* cookie, pi_dev_id_t dev_id, size_t table_entries);
+  /* NULL for a front end that passes no digests on, or no idle entries. */
+  pi_status_t (*digest_message)(void* cookie, pi_dev_id_t dev_id, pi_p4_id_t digest_id,
+                                const char* data, size_t size);
+  pi_status_t (*table_entry_idle)(void* cookie, pi_dev_id_t dev_id, pi_p4_id_t table_id,
+                                  const pi_match_key_t* match_key);
 } pi_frontend_hooks_t;
 
 /* Replaces the device's former hooks; copies *hooks, borrows the cookie. The device need not be
- * assigned yet. BUFFER_ERROR when a member but the first and the last is NULL. */
+ * assigned yet. BUFFER_ERROR when a member is NULL that may not be. */
 pi_status_t pi_frontend_hooks_set(pi_dev_id_t dev_id, const pi_frontend_hooks_t* hooks,
                                   void* cookie);
 /* No hook of the device is running any more when this returns: call it without a lock that a hook

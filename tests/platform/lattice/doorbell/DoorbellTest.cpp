@@ -107,6 +107,8 @@ TEST_F(DoorbellTest, DropsWhoSendsNonsense) {
       {"having programmed the future", {attach, ProgrammedMessage{1 << 30}.encode()}},
       {"cut reports", {attach, someReports(0).substr(0, 30)}},
       {"the agent's own words", {attach, RingMessage{1}.encode()}},
+      {"a notice of no kind", {attach, std::string("\x08\x02\x09", 3)}},
+      {"a cut notice", {attach, NoticeMessage{{.message = "news"}}.encode().substr(0, 10)}},
   };
   uint64_t dropped = 0;
   for (const auto& c : cases) {
@@ -123,7 +125,7 @@ TEST_F(DoorbellTest, DropsWhoSendsNonsense) {
     if (round % 2) socket.send(attach);
     std::string message(random() % 200, '\0');
     for (char& c : message) c = static_cast<char>(random());
-    if (message.size() > 2 && round % 3) message[0] = random() % 8, message[1] = 1 + random() % 2;
+    if (message.size() > 2 && round % 3) message[0] = random() % 9, message[1] = 1 + random() % 2;
     socket.send(message);
   }
   EXPECT_TRUE(eventually([&] { return attached() == 0; }));
@@ -323,6 +325,23 @@ TEST_F(DoorbellTest, SubscribersSurviveAnAgentThatTalksNonsense) {
   }
   // Another agent's store came between the agent's word and our look.
   EXPECT_NE(follower.subscriber->trouble().find("the store in " + other.path()), std::string::npos);
+}
+
+TEST_F(DoorbellTest, NoticesReachTheAgent) {
+  Follower follower(directory.path());
+  EXPECT_FALSE(follower.subscriber->digest(1, "too early"));
+  ASSERT_TRUE(Agent::followUntil({follower.subscriber.get()}, [&] { return follower.snapshots; }));
+  EXPECT_TRUE(follower.subscriber->digest(7, std::string("\0news", 5)));
+  EXPECT_TRUE(follower.subscriber->idle(99));
+  EXPECT_FALSE(follower.subscriber->digest(7, std::string(maxMessageBytes, 'x')));
+  ASSERT_TRUE(eventually([&] { return agent.notices.size() == 2; }));
+  const Vela::ActivityLock lock;
+  EXPECT_EQ(agent.notices[0].kind, Notice::Kind::digest);
+  EXPECT_EQ(agent.notices[0].digestId, 7u);
+  EXPECT_EQ(agent.notices[0].message, std::string("\0news", 5));
+  EXPECT_EQ(agent.notices[1].kind, Notice::Kind::idleEntry);
+  EXPECT_EQ(agent.notices[1].entryHandle, 99u);
+  EXPECT_EQ(agent.database->droppedMessages(), 0u);
 }
 
 // 64 connections that said nothing kept forwarding agents out, for good.

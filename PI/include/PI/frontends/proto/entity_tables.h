@@ -1,5 +1,6 @@
 // Entities that are no table entries, kept as rows all the same: multicast groups and clone
-// sessions, cells of counters, meters and registers, value sets and digests.
+// sessions, cells of counters, meters and registers, value sets and digests, idle time-outs of
+// entries.
 //
 // Each has a table, as if the program declared one, whose rows are written, confirmed, undone and
 // restored as those of any other:
@@ -12,6 +13,7 @@
 //   value_set.NAME       entry (always 0)              -> set (members: how many)
 //   digest.NAME          entry (always 0)              -> set (max_timeout_ns, max_list_size,
 //                                                              ack_timeout_ns)
+//   idle_timeout.TABLE   the table's match fields      -> set (ns)
 // The default entry of the tables of cells stands for all cells without a row; a meter's cell with
 // the action `row` has no setting. `times` rises when a cell is set to the value that it was set to
 // before. What a group, session or value set holds are rows of another table, all key, with the
