@@ -4,11 +4,25 @@
 #include <absl/container/inlined_vector.h>
 
 #include "PI/frontend/base/ByteString.h"
+#include "PI/frontend/base/ChoiceText.h"
 #include "PI/frontend/base/Refusal.h"
 
 namespace pi::fe::proto {
 
 namespace {
+
+std::string idText(uint32_t id) { return absl::StrCat("0x", absl::Hex(id, absl::kZeroPad8)); }
+
+// Those that an entry may have, or the default entry.
+std::string actionChoices(const ActionUser& user) {
+  const ActionScope other = user.isDefaultEntry ? ActionScope::tableOnly : ActionScope::defaultOnly;
+  std::vector<std::string> texts;
+  for (const ActionUse& use : user.actions) {
+    if (use.scope == other || use.scope == ActionScope::groupAction) continue;
+    texts.push_back(absl::StrCat(idText(use.id), " ", use.action->name));
+  }
+  return choiceText(texts);
+}
 
 void requireScope(const ActionUser& user, const ActionUse& use) {
   const ActionScope own = user.isDefaultEntry ? ActionScope::defaultOnly : ActionScope::tableOnly;
@@ -26,7 +40,7 @@ size_t paramIndex(const ActionUser& user, const ActionPlan& action, uint32_t id,
     if (action.params[i].id == id) return i;
   }
   refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
-         " has no parameter with the id ", id);
+         " has no parameter with the id ", id, "; it has ", choices(action.params));
 }
 
 void requireAll(const ActionUser& user, const ActionPlan& action,
@@ -44,8 +58,8 @@ const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& ac
   const uint32_t id = action.action_id();
   const ActionUse* use = user.actionUse(id);
   if (use == nullptr) {
-    refuse(code::invalidArgument, user.kind, " ", user.name, " has no action with the id 0x",
-           absl::Hex(id, absl::kZeroPad8));
+    refuse(code::invalidArgument, user.kind, " ", user.name, " has no action with the id ",
+           idText(id), "; it takes ", actionChoices(user));
   }
   requireScope(user, *use);
   if (!use->action->unsupported.empty()) {
@@ -69,7 +83,7 @@ void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4
     if (!fits(value.value(), param.bits)) {
       refuse(code::outOfRange, user.kind, " ", user.name, ": action ", action.name, ": parameter ",
              param.name, ": the value ", hexText(value.value()), " is not a number of ", param.bits,
-             " bits");
+             " bits; the largest is ", largestText(param.bits));
     }
     putPadded(value.value(), data + param.offset, param.bytes);
   }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "PI/frontend/base/ByteString.h"
+#include "PI/frontend/base/ChoiceText.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/store/EntityRows.h"
 
@@ -30,7 +31,8 @@ void putValue(const TablePlan& table, const FieldPlan& field, const std::string&
   if (!fits(value, field.bits)) {
     refuseField(code::outOfRange, table, field, "the value ", hexText(value),
                 value.empty() ? " is no number" : " is wider than the field's ",
-                value.empty() ? "" : absl::StrCat(field.bits, " bits"));
+                value.empty() ? "" : absl::StrCat(field.bits, " bits"), "; the largest is ",
+                largestText(field.bits));
   }
   putPadded(value, out, field.bytes);
 }
@@ -84,7 +86,7 @@ void putLpm(const TablePlan& table, const FieldPlan& field, const FieldMatch::LP
   const auto length = static_cast<uint32_t>(lpm.prefix_len());
   if (!lowBitsZero(out, field.bytes, field.bits - length)) {
     refuseField(code::invalidArgument, table, field, "the value ", hexText(lpm.value()),
-                " has bits below the prefix length ", length);
+                " has bits below the prefix length ", length, "; clear them");
   }
   std::memcpy(out + field.bytes, &length, sizeof(length));
 }
@@ -101,7 +103,7 @@ void putTernary(const TablePlan& table, const FieldPlan& field, const FieldMatch
   for (size_t i = 0; i < field.bytes; ++i) {
     if ((out[i] & ~mask[i]) == 0) continue;
     refuseField(code::invalidArgument, table, field, "the value ", hexText(ternary.value()),
-                " has bits outside the mask ", hexText(ternary.mask()));
+                " has bits outside the mask ", hexText(ternary.mask()), "; clear them");
   }
 }
 
@@ -183,7 +185,7 @@ size_t fieldIndex(const TablePlan& table, const FieldMatch& match, size_t hint) 
     if (table.fields[i].id == match.field_id()) return i;
   }
   refuse(code::invalidArgument, "table ", table.name, " has no field with the id ",
-         match.field_id());
+         match.field_id(), "; it has ", choices(table.fields));
 }
 
 // The bytes of a don't-care are zero: value and prefix length, value and mask, or value and
