@@ -4,6 +4,7 @@
 
 #include <array>
 
+#include "PI/frontends/proto/device_mgr.h"
 #include "PI/proto/pi_server.h"
 #include "PI/proto/pi_server_process.h"
 #include "platform/vela/Exception.h"
@@ -53,6 +54,13 @@ void limitsFrom(const P4RtSystemConfig& config) {
   PIGrpcServerLimitsIs(&limits);
 }
 
+void lenienceFrom(const P4RtSystemConfig& config) {
+  const PIGrpcServerLenience_t lenience{.device_zero = config.deviceIdZero(),
+                                        .no_pipeline_is_error = config.noPipelineIsError()};
+  PIGrpcServerLenienceIs(&lenience);
+  pi::fe::proto::DeviceMgr::set_zero_weights_allowed(config.zeroWeights());
+}
+
 }  // namespace
 
 Vela::Outcome checkLimit(std::string_view name, const std::string& text) {
@@ -69,7 +77,10 @@ Vela::Outcome checkLimit(std::string_view name, const std::string& text) {
 std::vector<Vela::Observation> followServerLimits(const P4RtSystemConfig& config) {
   requireLimits(config);
   PIGrpcServerOnlyDeviceIs(config.deviceId());
-  const auto follow = [&config] { limitsFrom(config); };
+  const auto follow = [&config] {
+    limitsFrom(config);
+    lenienceFrom(config);
+  };
   follow();
   std::vector<Vela::Observation> observations;
   const auto observe = [&](const auto& attribute) {
@@ -83,6 +94,9 @@ std::vector<Vela::Observation> followServerLimits(const P4RtSystemConfig& config
   observe(config.maxWritesAttribute());
   observe(config.maxReadsAttribute());
   observe(config.maxServerMemoryAttribute());
+  observe(config.deviceIdZeroAttribute());
+  observe(config.noPipelineIsErrorAttribute());
+  observe(config.zeroWeightsAttribute());
   return observations;
 }
 

@@ -14,9 +14,10 @@ namespace P4Runtime {
 // Fails when the limit `name` of the configuration cannot be `text`. Other attributes pass.
 Vela::Outcome checkLimit(std::string_view name, const std::string& text);
 
-// Gives the server its device and its limits, these at once and whenever one changes, as long as
-// the observations live. Call with the activity lock held, before the server starts; `config`
-// outlives them. Throws Vela::Exception, in words for operators, for a limit that cannot be.
+// Gives the server its device, its limits and its lenience, these at once and whenever one changes,
+// as long as the observations live. Call with the activity lock held, before the server starts;
+// `config` outlives them. Throws Vela::Exception, in words for operators, for a limit that cannot
+// be.
 std::vector<Vela::Observation> followServerLimits(const P4RuntimeConfig::P4RtSystemConfig& config);
 
 }  // namespace P4Runtime

@@ -34,6 +34,10 @@ class P4RtSystemConfig : public Vela::Entity {
   VELA_ATTRIBUTE(uint32_t, maxWrites, 256)          // one runs, the others wait
   VELA_ATTRIBUTE(uint32_t, maxReads, 512)
   VELA_ATTRIBUTE(uint32_t, maxServerMemory, 512)  // MiB
+  // For controllers that need something beyond the letter of P4Runtime.
+  VELA_ATTRIBUTE(bool, deviceIdZero, false)       // device id 0 stands for this device
+  VELA_ATTRIBUTE(bool, noPipelineIsError, false)  // GetForwardingPipelineConfig without one fails
+  VELA_ATTRIBUTE(bool, zeroWeights, false)        // a group's member of weight 0 counts as 1
 };
 
 // At "p4runtime/status/system".
@@ -74,6 +78,8 @@ class AgentConfig : public Vela::Entity {
   VELA_ATTRIBUTE(std::string, p4InfoJsonPath, "/etc/pipeline_config_p4info.json")
   VELA_ATTRIBUTE(std::string, deviceJsonPath, "/etc/pipeline_config_device.json")
   VELA_ATTRIBUTE(bool, tableSizeCheckEnabled, true)
+  // Pushes of pipelines that would run without some of their parts are refused.
+  VELA_ATTRIBUTE(bool, strictPushes, false)
   // Where plugins are looked for when the agent starts; "": "korvel/plugins" beside the agent's
   // library, if that is there.
   VELA_ATTRIBUTE(std::string, pluginDirectory, "")

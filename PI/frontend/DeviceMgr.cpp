@@ -2,6 +2,7 @@
 #include "PI/frontends/proto/device_mgr.h"
 
 #include "PI/frontend/DeviceMgrImp.h"
+#include "PI/frontend/base/Lenience.h"
 #include "PI/frontend/base/Permission.h"
 #include "PI/pi.h"
 
@@ -20,6 +21,8 @@ pi_operation_permission_level_t DeviceMgr::get_operation_permission_level() {
 }
 
 void DeviceMgr::set_pipeline_changing(bool is_changing) { pipelineChangingIs(is_changing); }
+
+void DeviceMgr::set_zero_weights_allowed(bool allowed) { zeroWeightsAllowedIs(allowed); }
 
 DeviceMgr::DeviceMgr(pi_dev_id_t device_id) : imp_(std::make_unique<DeviceMgrImp>(device_id)) {}
 

@@ -75,7 +75,8 @@ void Arbitration::highestIs(const RoleOfDevice& role, ElectionId highest) {
 }
 
 Status Arbitration::clientIs(ArbitrationClient& client, const RoleOfDevice& role,
-                             std::optional<ElectionId> electionId) {
+                             std::optional<ElectionId> electionId,
+                             std::shared_ptr<const RoleConfig> config) {
   const std::lock_guard keeping(keeping_);
   bool rises = false;
   {
@@ -89,7 +90,7 @@ Status Arbitration::clientIs(ArbitrationClient& client, const RoleOfDevice& role
   Forgotten forgotten;
   {
     const std::lock_guard lock(mutex_);
-    enter(client, role, electionId, &forgotten);
+    enter(client, role, electionId, std::move(config), &forgotten);
   }
   if (forgotten && keeper_.forget) keeper_.forget(*forgotten);
   return Status::OK;
@@ -138,7 +139,7 @@ Status Arbitration::admission(const ArbitrationClient& client, const RoleOfDevic
     if (other == &client || !electionId || held != electionId) continue;
     return Status(StatusCode::INVALID_ARGUMENT,
                   text(electionId) + " of " + text(role) +
-                      " is held by another client; choose another election id");
+                      " is used by another client; choose another election id");
   }
   if (known != contestOf_.end()) return Status::OK;
   return roomForClient(&place->second, role, electionId);
@@ -227,7 +228,8 @@ void Arbitration::displace(Contest& contest, const std::string& reason) {
 
 // The client has been admitted.
 void Arbitration::enter(ArbitrationClient& client, const RoleOfDevice& role,
-                        const std::optional<ElectionId>& electionId, Forgotten* forgotten) {
+                        const std::optional<ElectionId>& electionId,
+                        std::shared_ptr<const RoleConfig> config, Forgotten* forgotten) {
   auto place = contests_.find(role);
   if (place == contests_.end()) {
     makeRoom(role, forgotten);
@@ -246,6 +248,7 @@ void Arbitration::enter(ArbitrationClient& client, const RoleOfDevice& role,
   contestOf_[&client] = place;
   contest.clients[&client] = electionId;
   if (electionId && contest.highest <= electionId) {
+    contest.config = std::move(config);
     elect(contest, client, *electionId);
   } else {
     backUp(contest, client);
@@ -307,7 +310,8 @@ void Arbitration::notifyOthers(const Contest& contest, const ArbitrationClient* 
 }
 
 void Arbitration::notify(const Contest& contest, ArbitrationClient& client) {
-  ArbitrationNotice notice{.code = StatusCode::NOT_FOUND, .highest = contest.highest};
+  ArbitrationNotice notice{
+      .code = StatusCode::NOT_FOUND, .highest = contest.highest, .config = contest.config};
   if (contest.primary) {
     notice.code = contest.primary == &client ? StatusCode::OK : StatusCode::ALREADY_EXISTS;
   }
@@ -353,6 +357,15 @@ Status Arbitration::requirePrimary(const RoleOfDevice& role, std::optional<Elect
   return permission(role, electionId, &contest);
 }
 
+Status Arbitration::requirePusher(const RoleOfDevice& role, std::optional<ElectionId> electionId) {
+  const std::lock_guard lock(mutex_);
+  Contest* contest = nullptr;
+  Status primary = permission(role, electionId, &contest);
+  if (!primary.ok() || !contest->config || contest->config->canPushPipeline) return primary;
+  return Status(StatusCode::PERMISSION_DENIED,
+                text(role) + " may not push a pipeline; its config lacks can_push_pipeline");
+}
+
 Status Arbitration::writePermit(const RoleOfDevice& role, std::optional<ElectionId> electionId,
                                 WritePermit* permit) {
   WritePermit former;  // the former *permit, given back outside the lock
@@ -390,12 +403,12 @@ bool Arbitration::isPrimary(const ArbitrationClient& client) const {
   return contest.primary == &client && contest.told;
 }
 
-void Arbitration::forEachPrimary(uint64_t deviceId,
-                                 const std::function<void(ArbitrationClient&)>& visit) {
+void Arbitration::forEachPrimary(uint64_t deviceId, const Visit& visit) {
   const std::lock_guard lock(mutex_);
   for (auto role = contests_.lower_bound({deviceId, ""});
        role != contests_.end() && role->first.deviceId == deviceId; ++role) {
-    if (role->second.primary && role->second.told) visit(*role->second.primary);
+    if (!role->second.primary || !role->second.told) continue;
+    visit(*role->second.primary, role->second.config.get());
   }
 }
 

@@ -12,6 +12,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "PI/server/RoleConfig.h"
+
 namespace pi::server {
 
 struct ElectionId {
@@ -32,6 +34,7 @@ struct RoleOfDevice {
 struct ArbitrationNotice {
   grpc::StatusCode code = grpc::StatusCode::NOT_FOUND;
   std::optional<ElectionId> highest;
+  std::shared_ptr<const RoleConfig> config = nullptr;  // the role's; null: it has none
 };
 
 // A controller's stream.
@@ -111,8 +114,10 @@ class Arbitration {
   // FAILED_PRECONDITION when device or role differ from its first update; the caller then calls
   // clientDel(). Beyond the limits of clients the lowest backup gives way: the role's own
   // backup to a higher election id, a backup of the fullest role to a new primary.
+  // `config` becomes the role's when the client becomes its primary; null: the role may do all.
   grpc::Status clientIs(ArbitrationClient& client, const RoleOfDevice& role,
-                        std::optional<ElectionId> electionId);
+                        std::optional<ElectionId> electionId,
+                        std::shared_ptr<const RoleConfig> config = nullptr);
   // The stream has ended. Without effect for one that never became a client. The client gets no
   // notice any more when this returns.
   void clientDel(ArbitrationClient& client);
@@ -120,6 +125,8 @@ class Arbitration {
   // OK when the role's primary has the election id and its Writes are taken; NOT_FOUND for a role
   // that no client ever named; else PERMISSION_DENIED.
   grpc::Status requirePrimary(const RoleOfDevice& role, std::optional<ElectionId> electionId);
+  // The same, and PERMISSION_DENIED when the role's config lets it push no pipeline.
+  grpc::Status requirePusher(const RoleOfDevice& role, std::optional<ElectionId> electionId);
   // The same, and on OK a permit.
   grpc::Status writePermit(const RoleOfDevice& role, std::optional<ElectionId> electionId,
                            WritePermit* permit);
@@ -133,16 +140,19 @@ class Arbitration {
   // when it repeats its election id during a Write, which makes its next Writes wait.
   bool isPrimary(const ArbitrationClient& client) const;
   // Calls `visit`, with the lock held, for each client of the device for which isPrimary() holds.
-  void forEachPrimary(uint64_t deviceId, const std::function<void(ArbitrationClient&)>& visit);
+  // `config` is its role's, null for none.
+  using Visit = std::function<void(ArbitrationClient&, const RoleConfig* config)>;
+  void forEachPrimary(uint64_t deviceId, const Visit& visit);
 
  private:
   struct Contest {
     std::map<ArbitrationClient*, std::optional<ElectionId>> clients;
     std::optional<ElectionId> highest;
-    ArbitrationClient* primary = nullptr;  // its election id is `highest`
-    bool installed = false;                // the primary's Writes are taken
-    bool told = false;                     // the primary has its notice
-    bool hasWritten = false;               // or was kept by an earlier process
+    std::shared_ptr<const RoleConfig> config;  // as its latest primary gave it
+    ArbitrationClient* primary = nullptr;      // its election id is `highest`
+    bool installed = false;                    // the primary's Writes are taken
+    bool told = false;                         // the primary has its notice
+    bool hasWritten = false;                   // or was kept by an earlier process
     size_t runningWrites = 0;
     uint64_t leftAt = 0;  // when its last client went, by leaves_
   };
@@ -162,7 +172,8 @@ class Arbitration {
   void makeRoom(const RoleOfDevice& role, Forgotten* forgotten);
   void displace(Contest& contest, const std::string& reason);
   void enter(ArbitrationClient& client, const RoleOfDevice& role,
-             const std::optional<ElectionId>& electionId, Forgotten* forgotten);
+             const std::optional<ElectionId>& electionId, std::shared_ptr<const RoleConfig> config,
+             Forgotten* forgotten);
   void elect(Contest& contest, ArbitrationClient& client, ElectionId electionId);
   void backUp(Contest& contest, ArbitrationClient& client);
   static void dethrone(Contest& contest);

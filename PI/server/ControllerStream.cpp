@@ -125,8 +125,13 @@ void ControllerStream::cancel() { context_.TryCancel(); }
 void ControllerStream::arbitrationNoticeIs(const ArbitrationNotice& notice) {
   auto message = std::make_shared<p4::v1::StreamMessageResponse>();
   p4::v1::MasterArbitrationUpdate* update = message->mutable_arbitration();
-  update->set_device_id(role_->deviceId);
+  update->set_device_id(deviceIdAsGiven_);
   if (roleAsGiven_) *update->mutable_role() = *roleAsGiven_;
+  if (notice.config) {
+    *update->mutable_role()->mutable_config() = notice.config->given;
+  } else if (roleAsGiven_) {
+    update->mutable_role()->clear_config();
+  }
   if (notice.highest) {
     update->mutable_election_id()->set_high(notice.highest->high);
     update->mutable_election_id()->set_low(notice.highest->low);
@@ -172,27 +177,30 @@ Status ControllerStream::handle(const p4::v1::StreamMessageRequest& request) {
 }
 
 Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate& update) {
-  const RoleOfDevice role = roleOf(update);
+  RoleOfDevice role = roleOf(update);
+  role.deviceId = devices_.servedAs(role.deviceId);
   const bool otherDevice = role_ && role_->deviceId != role.deviceId;  // worse than unknown
   if (!otherDevice) {
     Status known = devices_.requireKnown(role.deviceId);
     if (!known.ok()) return known;
   }
+  std::shared_ptr<const RoleConfig> config;
   if (update.role().has_config()) {
-    const std::string& type = update.role().config().type_url();
-    return Status(StatusCode::INVALID_ARGUMENT, "the role has a config of type '" +
-                                                    core::plainText(type, kMostShown) +
-                                                    "', which is not supported; leave it unset");
+    Status taken = role.role.empty() ? Status(StatusCode::INVALID_ARGUMENT,
+                                              "the default role has no config; leave it unset")
+                                     : roleConfigOf(update.role().config(), &config);
+    if (!taken.ok()) return taken;
   }
   if (!role_) {
     role_ = role;
+    deviceIdAsGiven_ = update.device_id();
     packetCounts_ = &core::packetCountsOf(role.deviceId);
     if (update.has_role()) roleAsGiven_ = update.role();
   }
   Status unended = requireUnended();
   if (!unended.ok()) return unended;
   streams_.arbitratedIs(*this);
-  return arbitration_.clientIs(*this, role, electionIdOf(update));
+  return arbitration_.clientIs(*this, role, electionIdOf(update), std::move(config));
 }
 
 // One that is being ended must not come back.

@@ -77,6 +77,7 @@ class ControllerStream : public ArbitrationClient {
   // Written once, before the stream is a client of the arbitration.
   std::optional<RoleOfDevice> role_;
   std::optional<p4::v1::Role> roleAsGiven_;
+  uint64_t deviceIdAsGiven_ = 0;
   core::PacketCounts* packetCounts_ = nullptr;  // of the role's device
 
   std::mutex mutex_;  // guards finishing_ and written_

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "PI/server/Lenience.h"
+
 namespace pi::server {
 
 namespace {
@@ -49,6 +51,12 @@ void Devices::pipelineDelAll() {
 void Devices::onlyDeviceIs(std::optional<uint64_t> deviceId) {
   const std::lock_guard lock(toCome().mutex);
   toCome().only = deviceId;
+}
+
+uint64_t Devices::servedAs(uint64_t deviceId) const {
+  if (deviceId != 0 || !lenience().deviceZero) return deviceId;
+  if (const auto only = toCome().get()) return *only;
+  return onlyDevice().value_or(deviceId);
 }
 
 grpc::Status Devices::requireKnown(uint64_t deviceId) const {

@@ -36,6 +36,9 @@ class Devices {
   // Lets all devices go. A device with a running call goes when that call ends.
   void pipelineDelAll();
 
+  // The id that a controller's id stands for: itself, or for 0 that of the only device, where
+  // lenience has it so.
+  uint64_t servedAs(uint64_t deviceId) const;
   // NOT_FOUND for an id that neither is a device's nor passes for one.
   grpc::Status requireKnown(uint64_t deviceId) const;
   std::shared_ptr<DeviceMgr> device(uint64_t deviceId) const;  // null when not (yet) there

@@ -13,6 +13,7 @@
 #include "PI/server/ArenaRequest.h"
 #include "PI/server/CallStatus.h"
 #include "PI/server/ControllerStream.h"
+#include "PI/server/Lenience.h"
 #include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
 #include "PI/server/Requester.h"
@@ -42,23 +43,31 @@ google::rpc::Status fromGrpc(const Status& status) {
   return out;
 }
 
-Status requireAtomicity(p4::v1::WriteRequest::Atomicity atomicity) {
-  if (atomicity == p4::v1::WriteRequest::CONTINUE_ON_ERROR) return Status::OK;
-  if (!p4::v1::WriteRequest::Atomicity_IsValid(atomicity)) {
-    return Status(StatusCode::INVALID_ARGUMENT,
-                  "unknown atomicity " + std::to_string(atomicity) + "; use CONTINUE_ON_ERROR");
-  }
-  return Status(StatusCode::UNIMPLEMENTED, "atomicity " +
-                                               p4::v1::WriteRequest::Atomicity_Name(atomicity) +
-                                               " is not supported; use CONTINUE_ON_ERROR");
-}
-
 Status requireAction(p4::v1::SetForwardingPipelineConfigRequest::Action action) {
   using Request = p4::v1::SetForwardingPipelineConfigRequest;
   if (action != Request::UNSPECIFIED && Request::Action_IsValid(action)) return Status::OK;
   return Status(StatusCode::INVALID_ARGUMENT, "action " + std::to_string(action) +
                                                   " is none; use VERIFY_AND_COMMIT or another "
                                                   "action of the API");
+}
+
+Status noPipeline(uint64_t deviceId) {
+  return Status(StatusCode::FAILED_PRECONDITION,
+                "No forwarding pipeline config on device " + std::to_string(deviceId) +
+                    " yet; push one, or wait until the switch has installed its own");
+}
+
+constexpr const char* kReconcileKey = "korvel-reconcile";
+constexpr size_t kMostHeaderText = 4096;  // of the 8 KiB of metadata that clients take
+
+// Headers hold printable ASCII alone.
+std::string headerText(const std::string& text) {
+  std::string plain = text.substr(0, kMostHeaderText);
+  if (plain.size() < text.size()) plain.replace(plain.size() - 3, 3, "...");
+  for (char& byte : plain) {
+    if (byte < ' ' || byte > '~') byte = '?';
+  }
+  return plain;
 }
 
 // Whether the query makes the device go through all entities of a kind.
@@ -196,17 +205,22 @@ void P4RuntimeService::methodsAre() {
          CapabilitiesResponse* response) { return self.capabilities(call, request, response); });
 }
 
+template <typename Request>
+RoleOfDevice P4RuntimeService::servedRole(const Request& request) const {
+  RoleOfDevice role = roleOf(request);
+  role.deviceId = devices_.servedAs(role.deviceId);
+  return role;
+}
+
 Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& request) {
-  Status known = devices_.requireKnown(request.device_id());
+  Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
   Arbitration::WritePermit permit;
-  Status permitted = arbitration_.writePermit(roleOf(request), electionIdOf(request), &permit);
+  Status permitted = arbitration_.writePermit(servedRole(request), electionIdOf(request), &permit);
   if (!permitted.ok()) return permitted;
   std::shared_ptr<DeviceMgr> device;
-  Status ready = requirePipeline(request.device_id(), &device);
+  Status ready = requirePipeline(devices_.servedAs(request.device_id()), &device);
   if (!ready.ok()) return ready;
-  Status atomicity = requireAtomicity(request.atomicity());
-  if (!atomicity.ok()) return atomicity;
   Status placed = writes_.take(call.context.peer(), limits().writes, &call.place);
   if (!placed.ok()) return placed;
   return toGrpc(device->write(
@@ -222,17 +236,17 @@ google::rpc::Status P4RuntimeService::stillWanted(const grpc::ServerContext& con
     return fromGrpc(Status(StatusCode::CANCELLED,
                            "nobody waited any longer when the Write's turn came; it was not done"));
   }
-  return fromGrpc(arbitration_.requireHighest(roleOf(request), electionIdOf(request)));
+  return fromGrpc(arbitration_.requireHighest(servedRole(request), electionIdOf(request)));
 }
 
 Status P4RuntimeService::read(grpc::ServerContext& context, const p4::v1::ReadRequest& request,
                               grpc::ServerWriter<p4::v1::ReadResponse>& writer) {
-  Status known = devices_.requireKnown(request.device_id());
+  Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
-  Status role = arbitration_.requireRole({request.device_id(), request.role()});
+  Status role = arbitration_.requireRole({devices_.servedAs(request.device_id()), request.role()});
   if (!role.ok()) return role;
   std::shared_ptr<DeviceMgr> device;
-  Status ready = requirePipeline(request.device_id(), &device);
+  Status ready = requirePipeline(devices_.servedAs(request.device_id()), &device);
   if (!ready.ok()) return ready;
   Status few = requireFewScans(request);
   if (!few.ok()) return few;
@@ -255,16 +269,21 @@ Status P4RuntimeService::setPipeline(UnaryCall& call,
   if (hasLocalToken(call.context)) return toGrpc(devices_.pipelineIs(request));
   Status placed = takeOther(call);
   if (!placed.ok()) return placed;
-  Status known = devices_.requireKnown(request.device_id());
+  Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
-  Status primary = arbitration_.requirePrimary(roleOf(request), electionIdOf(request));
+  Status primary = arbitration_.requirePusher(servedRole(request), electionIdOf(request));
   if (!primary.ok()) return primary;
   Status action = requireAction(request.action());
   if (!action.ok()) return action;
-  DeviceMgr::Status pushed = DeviceMgr::pipeline_config_push(
-      request.device_id(), request.action(), request.has_config() ? &request.config() : nullptr);
+  DeviceMgr::Status pushed =
+      DeviceMgr::pipeline_config_push(devices_.servedAs(request.device_id()), request.action(),
+                                      request.has_config() ? &request.config() : nullptr);
   if (pushed.code() != 0) return toGrpc(pushed);
-  if (const auto device = devices_.device(request.device_id())) {
+  // Beside the status, which must be a plain OK.
+  if (!pushed.message().empty()) {
+    call.context.AddTrailingMetadata(kReconcileKey, headerText(pushed.message()));
+  }
+  if (const auto device = devices_.device(devices_.servedAs(request.device_id()))) {
     device->pipeline_config_given_changed();
   }
   return Status::OK;
@@ -276,15 +295,17 @@ Status P4RuntimeService::getPipeline(UnaryCall& call,
   using Request = p4::v1::GetForwardingPipelineConfigRequest;
   Status placed = takeOther(call);
   if (!placed.ok()) return placed;
-  Status known = devices_.requireKnown(request.device_id());
+  Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
   if (!Request::ResponseType_IsValid(request.response_type())) {
     return Status(StatusCode::INVALID_ARGUMENT,
                   "unknown response_type " + std::to_string(request.response_type()) +
                       "; use ALL, COOKIE_ONLY, P4INFO_AND_COOKIE or DEVICE_CONFIG_AND_COOKIE");
   }
-  const auto device = devices_.device(request.device_id());
-  if (!device || !device->has_pipeline()) return Status::OK;
+  const auto device = devices_.device(devices_.servedAs(request.device_id()));
+  if (!device || !device->has_pipeline()) {
+    return lenience().noPipelineIsError ? noPipeline(request.device_id()) : Status::OK;
+  }
   return toGrpc(device->pipeline_config_get(request.response_type(), response->mutable_config()));
 }
 
@@ -303,7 +324,7 @@ Status P4RuntimeService::capabilities(UnaryCall& call, const p4::v1::Capabilitie
   Status placed = takeOther(call);
   if (!placed.ok()) return placed;
   if (request.device_id() != 0) {  // 0: also sent by clients that name no device
-    Status known = devices_.requireKnown(request.device_id());
+    Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
     if (!known.ok()) return known;
   }
   response->set_p4runtime_api_version(kApiVersion);
@@ -321,9 +342,7 @@ Status P4RuntimeService::requirePipeline(uint64_t deviceId,
                                          std::shared_ptr<DeviceMgr>* device) const {
   *device = devices_.device(deviceId);
   if (*device && (*device)->has_pipeline()) return Status::OK;
-  return Status(StatusCode::FAILED_PRECONDITION,
-                "No forwarding pipeline config on device " + std::to_string(deviceId) +
-                    " yet; push one, or wait until the switch has installed its own");
+  return noPipeline(deviceId);
 }
 
 // All streams share the one message; nothing of it is copied before it is serialized.
@@ -333,8 +352,9 @@ void P4RuntimeService::toPrimaries(uint64_t deviceId, p4::v1::StreamMessageRespo
   const OutgoingQueue::Message shared =
       std::make_shared<const p4::v1::StreamMessageResponse>(std::move(response));
   bool hasPrimary = false;
-  const auto send = [&](ArbitrationClient& client) {
+  const auto send = [&](ArbitrationClient& client, const RoleConfig* config) {
     hasPrimary = true;
+    if (isPacket && config && !config->takes(shared->packet())) return;
     static_cast<ControllerStream&>(client).messageIs(shared, bytes);
   };
   arbitration_.forEachPrimary(deviceId, std::ref(send));  // by reference: needs no memory

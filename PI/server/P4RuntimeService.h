@@ -64,6 +64,9 @@ class P4RuntimeService final : public grpc::Service {
   grpc::Status capabilities(UnaryCall& call, const p4::v1::CapabilitiesRequest& request,
                             p4::v1::CapabilitiesResponse* response);
 
+  // Of the device that the request's device id stands for.
+  template <typename Request>
+  RoleOfDevice servedRole(const Request& request) const;
   grpc::Status takeOther(UnaryCall& call);
   bool hasLocalToken(const grpc::ServerContext& context) const;
   grpc::Status requirePipeline(uint64_t deviceId, std::shared_ptr<DeviceMgr>* device) const;

@@ -18,6 +18,7 @@
 #include "PI/proto/pi_server_process.h"
 #include "PI/server/Arbitration.h"
 #include "PI/server/Devices.h"
+#include "PI/server/Lenience.h"
 #include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
 #include "PI/server/Server.h"
@@ -186,6 +187,11 @@ void PIGrpcServerLimitsIs(const PIGrpcServerLimits_t* limits) {
 }
 
 void PIGrpcServerOnlyDeviceIs(uint64_t device_id) { pi::server::Devices::onlyDeviceIs(device_id); }
+
+void PIGrpcServerLenienceIs(const PIGrpcServerLenience_t* lenience) {
+  pi::server::lenienceIs({.deviceZero = lenience->device_zero != 0,
+                          .noPipelineIsError = lenience->no_pipeline_is_error != 0});
+}
 
 void PIGrpcServerElectionIdIs(const PIGrpcServerElectionId_t* id) {
   pi::server::TheArbitration().highestIs({id->device_id, std::string(id->role, id->role_size)},

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "PI/frontend/base/ByteString.h"
+#include "PI/frontend/base/Lenience.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/store/ActionCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
@@ -101,7 +102,7 @@ void checkWeight(const ProfilePlan& profile, const ElementText& text, int32_t we
     refuse(code::invalidArgument, textOf(text), " has the weight ", weight, "; action profile ",
            profile.name, " takes no weights: leave it 0");
   }
-  if (weight <= 0) {
+  if (weight < 0 || (weight == 0 && !zeroWeightsAllowed())) {
     refuse(code::invalidArgument, textOf(text), " has the weight ", weight, "; it must be above 0");
   }
   const uint32_t max = profile.maxMemberWeight;

@@ -226,7 +226,8 @@ TEST_F(ArbitrationTest, RolesAndDevicesAreIndependent) {
   write(eid(5), StatusCode::OK, {1, "routing"});
   write(eid(5), StatusCode::NOT_FOUND, {1, "switching"});
   std::vector<ArbitrationClient*> primaries;
-  arbitration_.forEachPrimary(1, [&](ArbitrationClient& client) { primaries.push_back(&client); });
+  arbitration_.forEachPrimary(
+      1, [&](ArbitrationClient& client, const RoleConfig*) { primaries.push_back(&client); });
   EXPECT_THAT(primaries, UnorderedElementsAre(&a, &b));
 }
 

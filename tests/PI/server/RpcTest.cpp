@@ -18,7 +18,7 @@ using p4::v1::ReadResponse;
 using p4::v1::WriteRequest;
 using TestSupport::RefusedWith;
 
-TEST_F(ServerTest, WriteChecksDeviceRolePrimaryPipelineAtomicityInThisOrder) {
+TEST_F(ServerTest, WriteChecksDeviceRolePrimaryPipelineInThisOrder) {
   Controller primary(*stub_, deviceId_);
   primary.arbitrate(10);
   WriteRequest good = writeRequest(10);
@@ -35,11 +35,6 @@ TEST_F(ServerTest, WriteChecksDeviceRolePrimaryPipelineAtomicityInThisOrder) {
     const char* message;
   } cases[] = {
       // each adds a fault that is found earlier
-      {"unknown atomicity",
-       [](WriteRequest& r) { r.set_atomicity(static_cast<WriteRequest::Atomicity>(9)); },
-       StatusCode::INVALID_ARGUMENT, "unknown atomicity 9"},
-      {"atomicity", [](WriteRequest& r) { r.set_atomicity(WriteRequest::ROLLBACK_ON_ERROR); },
-       StatusCode::UNIMPLEMENTED, "atomicity ROLLBACK_ON_ERROR is not supported"},
       {"not the primary", [](WriteRequest& r) { r.mutable_election_id()->set_low(9); },
        StatusCode::PERMISSION_DENIED, "election id 9 of role ''"},
       {"no election id", [](WriteRequest& r) { r.clear_election_id(); },

@@ -88,6 +88,7 @@ TEST_F(ServerTest, BadArbitrationEndsTheStream) {
        StatusCode::INVALID_ARGUMENT, "election id 10 of role ''"},
       {"a role config",
        [](Controller& c) {
+         c.update.mutable_role()->set_name("operator");
          c.update.mutable_role()->mutable_config()->set_type_url("x/y");
          c.sendArbitration(1);
        },

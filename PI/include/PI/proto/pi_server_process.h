@@ -12,6 +12,13 @@ extern "C" {
  * other id passes for a device that is still to come, unless this was called. */
 void PIGrpcServerOnlyDeviceIs(uint64_t device_id);
 
+/* What some controllers need beyond the letter of P4Runtime; each 0 unless set. At once. */
+typedef struct {
+  int device_zero;          /* device id 0 stands for the only device */
+  int no_pipeline_is_error; /* GetForwardingPipelineConfig without one: FAILED_PRECONDITION */
+} PIGrpcServerLenience_t;
+void PIGrpcServerLenienceIs(const PIGrpcServerLenience_t* lenience);
+
 /* While `on` is not 0, the running server takes connections of its own process also beyond the
  * limit, so that others cannot keep the process from installing its pipeline. */
 void PIGrpcServerOwnConnectionsAre(int on);

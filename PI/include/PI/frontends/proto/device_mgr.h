@@ -34,6 +34,9 @@ class DeviceMgr {
   // Process-wide: a level of 0 lasts only until a new pipeline runs. Controllers' writes and reads
   // wait for that, a few seconds at most, then get UNAVAILABLE.
   static void set_pipeline_changing(bool is_changing);
+  // Process-wide: a group member of weight 0 counts as one of weight 1, as some controllers mean
+  // it, and is read back with 0. Not so unless set.
+  static void set_zero_weights_allowed(bool allowed);
 
   explicit DeviceMgr(pi_dev_id_t device_id);
   ~DeviceMgr();
