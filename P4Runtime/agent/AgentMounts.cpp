@@ -1,5 +1,8 @@
 // The entities of the state database that the agent needs, and their paths.
+#include <fmt/format.h>
+
 #include <cstddef>
+#include <cstdio>
 
 #include "P4Runtime/agent/Agent.h"
 #include "platform/orrery/EntityTypes.h"
@@ -73,6 +76,12 @@ void Agent::doFetchMounts(const Orrery::EntityManager& manager) {
       manager.entity<const Interface::AllEthPhyIntfConfigDir>("AllEthPhyIntfConfigDir"));
   tables_ = Lattice::Database::create(runtime_.loop, runtime_.store,
                                       {.doorbellPath = runtime_.stateDirectory + "/doorbell.sock"});
+  if (const size_t undone = tables_->undoneAtStart(); undone > 0) {
+    fmt::print(stderr,
+               "korvel: the agent ended before the outcome of a ROLLBACK_ON_ERROR Write was known; "
+               "its changes were undone: {}\n",
+               undone);
+  }
   typeConfigDirIs(manager.entity<Pollen::TypeConfigDir>("lattice/config/type/p4runtime"));
   typeStatusDirIs(manager.entity<Pollen::TypeStatusDir>("lattice/status/type/p4runtime"));
   queryConfigDirIs(manager.entity<Pollen::QueryConfigDir>("lattice/config/query/p4runtime"));

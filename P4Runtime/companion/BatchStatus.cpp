@@ -74,9 +74,16 @@ bool BatchStatus::anyForwardingAgent() {
   return forwardingAgents_ > 0;
 }
 
-void BatchStatus::onBatchBegin(bool isUrgent) {
+bool BatchStatus::appliesAtOnce() const {
+  if (!database_) return false;
+  const std::vector<Lattice::SubscriberInfo> agents = database_->subscribers();
+  return !agents.empty() && std::ranges::all_of(agents, &Lattice::SubscriberInfo::appliesAtOnce);
+}
+
+void BatchStatus::onBatchBegin(bool isUrgent, bool isWhole) {
   cleanUpBatchState();
   isUrgent_ = isUrgent;
+  isWhole_ = isWhole;
   if (database_) {
     database_->batchBegin();
     database_->urgentIs(isUrgent);
@@ -108,8 +115,7 @@ void BatchStatus::onBatchEnd() {
   if (!stored.ok()) failAll(stored.reason());
 }
 
-// The state directory took nothing of the batch: each of its updates has failed, even one that
-// needed no word of the forwarding plane.
+// Even an update has failed that needed no word of the forwarding plane.
 void BatchStatus::failAll(const std::string& reason) {
   SCRIVEL_TRACE(0, "onBatchEnd", " cannot store the batch: ", reason);
   for (auto& [handle, one] : written_) {
@@ -149,6 +155,11 @@ std::vector<EntryHandle> BatchStatus::unfinishedUpdates() const {
     if (isUnfinished) unfinished.push_back(handle);
   }
   return unfinished;
+}
+
+void BatchStatus::undoingIs(uint64_t sequence) {
+  undoingFailed_ = false;
+  pendingOperationIs(undoing, sequence);
 }
 
 void BatchStatus::onBatchConfirmed() {
@@ -275,6 +286,7 @@ bool BatchStatus::accept(const Lattice::Report& report) {
   if (!isAwaited) {
     SCRIVEL_TRACE(5, "stray report", " entryHandle: ", report.entryHandle,
                   " sequence: ", report.sequence, " errorCode: ", report.errorCode);
+    undoingFailed_ |= report.errorCode != 0 && pendingOperationHas(undoing);
     if (strayReport_) strayReport_(report);
     return false;
   }

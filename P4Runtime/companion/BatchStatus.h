@@ -72,9 +72,13 @@ class BatchStatus : public Vela::Entity {
   // lasts, and gives the activity lock up meanwhile.
   bool awaitForwardingAgent();
 
+  // Whether each attached forwarding agent applies a commit at once, and there is one.
+  bool appliesAtOnce() const;
+
   // Empties the descriptor and the maps, opens the shared batch. An urgent one is worth a processor
-  // that looks for its reports.
-  void onBatchBegin(bool isUrgent = true);
+  // that looks for its reports. A whole one has a single fate.
+  void onBatchBegin(bool isUrgent = true, bool isWhole = false);
+  bool isWhole() const { return isWhole_; }
   void onBatchEnd();             // makes the batch's rows and records visible, all at once
   void onBatchUpdateComplete();  // the waiting begins
   // Looks for a moment whether the forwarding agents have programmed the batch, and takes in all
@@ -84,6 +88,12 @@ class BatchStatus : public Vela::Entity {
   // Puts back each update that has a handle still pending, in the reverse order of its writes;
   // reports on it count no more.
   void onBatchRollback();
+  // Every operation of the batch has failed, for a reason that is none of its own.
+  void failAll(const std::string& reason);
+  // For a batch that was undone: its changes count as programmed once the forwarding agents have
+  // programmed all up to `sequence`. Waits like for any other, with isUndone() as the outcome.
+  void undoingIs(uint64_t sequence);
+  bool isUndone() const { return !pendingOperationHas(undoing) && !undoingFailed_; }
   void onBatchConfirmed();  // all of it is programmed: its last records may be stored later
   void cleanUpBatchState();
 
@@ -149,13 +159,14 @@ class BatchStatus : public Vela::Entity {
   uint64_t completedOperationBaseline();
 
  private:
+  static constexpr EntryHandle undoing = 0;  // the handle of no entry
+
   bool anyForwardingAgent();
   void notify(uint64_t count);
   bool accept(const Lattice::Report& report);
   uint64_t completeUpTo(uint64_t sequence);
   void progressIs(Written& one, Written::Progress progress);
   void completedIs(Written& one, BatchStatusEntry entry);
-  void failAll(const std::string& reason);
   std::vector<EntryHandle> unfinishedUpdates() const;
 
   Lattice::Database* database_;
@@ -172,6 +183,8 @@ class BatchStatus : public Vela::Entity {
   size_t firstPending_ = 0;  // none before this place of written_ is pending
   bool inOrder_ = true;      // the sequence numbers ascend along written_
   bool isUrgent_ = false;
+  bool isWhole_ = false;
+  bool undoingFailed_ = false;  // a forwarding agent has said so
   uint64_t baseline_ = 0;
   std::mutex notifyMutex_;  // guards writes to notifyFd(), and batch_; taken last
   uint64_t batch_ = 0;      // changed under both locks: counts of a former batch are dropped

@@ -24,6 +24,11 @@ class BatchEntries : public Vela::Entity {
   // Each entry of the batch was programmed.
   virtual void updateAllCachedEntryStates() = 0;
   virtual void restoreTableEntryOnFailure(EntryHandle handle) = 0;
+  // Before the batch in progress ends: it stands or falls as a whole, even if this process ends
+  // before the outcome is known. Throws std::exception when that cannot be stored.
+  virtual void batchIsWhole() = 0;
+  // The last change of a row that undoing an operation of this batch has made; 0: there was none.
+  virtual uint64_t lastPutBack() const = 0;
   // Whether entries were put back outside a batch, and the store has yet to commit them.
   virtual bool anyPutBack() const = 0;
   virtual void commitPutBack() = 0;

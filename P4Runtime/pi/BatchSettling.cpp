@@ -1,7 +1,9 @@
 #include "P4Runtime/pi/BatchSettling.h"
 
 #include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 #include <fmt/format.h>
+#include <grpcpp/support/status.h>
 
 #include <algorithm>
 #include <cassert>
@@ -36,9 +38,75 @@ void BatchSettling::settle(const StatusVector& known) {
   maybePretendHwProgramming(batchStatus_);
   copyKnownErrors(known, statusVector_);
   BatchWait(batchStatus_).waitForStatusUpdates(entries_.numPendingEntries());
+  if (batchStatus_.isWhole()) return settleWhole();
   if (allProgrammed()) return settleAll();
   settleCompletedUpdates();
   maybeHandleTimedOut();
+}
+
+// One failure undoes all of it.
+void BatchSettling::settleWhole() {
+  const auto pending = [](const auto& element) { return isPending(element.second); };
+  if (!pi_batch_failed() && batchStatus_.allSucceeded() &&
+      std::ranges::all_of(statusVector_, pending)) {
+    return settleAll();
+  }
+  timedOut_ = batchStatus_.pendingOperationCount() > 0;
+  nameCulprits();
+  undoWhole();
+  if (!timedOut_) return;
+  throw P4RuntimeCriticalStateException(
+      "The switch is in critical state since hardware programming for one or more tables could "
+      "not be verified",
+      0, ErrorCode::unverified);
+}
+
+// The others are ABORTED; so is all of a batch that the front end has given up.
+void BatchSettling::nameCulprits() {
+  absl::flat_hash_set<BatchOffset> open;
+  for (const auto& [handle, written] : batchStatus_.written()) {
+    const auto outcome = batchStatus_.completedTransactionStatus(handle);
+    const bool failed = outcome && outcome->errorCode() != 0;
+    const bool isLate = batchStatus_.pendingOperationHas(handle);
+    for (const BatchOffset offset : batchStatus_.offsetsOf(handle)) {
+      const auto element = statusIterAtOffset(statusVector_, offset);
+      if (element == statusVector_.end() || !isPending(element->second)) continue;
+      if (failed) {
+        settleStatusEntry(statusVector_, element, outcome->errorCode(), outcome->errorMessage());
+      } else if (isLate) {
+        describeTimeout(offset, handle, element->second);
+        open.insert(offset);
+      }
+    }
+  }
+  for (auto& [offset, error] : statusVector_) {
+    if (isPending(error) && !open.contains(offset)) {
+      error.set_canonical_code(grpc::StatusCode::ABORTED);
+      error.clear_message();
+    }
+  }
+}
+
+// The latest entry first: others may point to an earlier one.
+void BatchSettling::undoWhole() {
+  std::vector<EntryHandle> handles;
+  for (const auto& [handle, written] : batchStatus_.written()) handles.push_back(handle);
+  batchStatus_.pendingOperationDelAll();
+  for (auto handle = handles.rbegin(); handle != handles.rend(); ++handle) {
+    settleEntry(*handle, static_cast<uint32_t>(ErrorCode::unverified));
+  }
+}
+
+// The controller hears that all is as before once the forwarding agents have it so.
+void BatchSettling::awaitUndoing() {
+  const uint64_t sequence = entries_.lastPutBack();
+  if (sequence == 0 || batchStatus_.pretendHwProgramming()) return;
+  batchStatus_.undoingIs(sequence);
+  BatchWait(batchStatus_).waitForStatusUpdates(1);
+  if (batchStatus_.isUndone()) return;
+  P4RuntimeCriticalStateException::handleException(P4RuntimeCriticalStateException(
+      "The switch is in critical state since a Write could not be undone in the forwarding plane",
+      0, ErrorCode::unverified));
 }
 
 // Nearly each batch ends like that: each element of the vector is of an entry that the batch wrote,
@@ -73,6 +141,7 @@ void BatchSettling::settleAll() {
 void BatchSettling::storeOutcome() {
   if (entries_.anyPutBack()) {
     entries_.commitPutBack();
+    if (batchStatus_.isWhole() && !timedOut_) awaitUndoing();
   } else {
     batchStatus_.onBatchConfirmed();
   }

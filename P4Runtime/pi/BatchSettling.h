@@ -43,6 +43,10 @@ class BatchSettling {
  private:
   struct Outcome;  // of one handle of the batch
 
+  void settleWhole();
+  void nameCulprits();
+  void undoWhole();
+  void awaitUndoing();
   bool allProgrammed() const;
   void settleAll();
   std::vector<Outcome> outcomes() const;
@@ -66,6 +70,7 @@ class BatchSettling {
   BatchEntries& entries_;
   const P4HandleMgr& handleMgr_;
   const DeviceServer* const server_;
+  bool timedOut_ = false;  // a whole batch has
 };
 
 }  // namespace P4Runtime

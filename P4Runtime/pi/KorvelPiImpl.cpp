@@ -6,6 +6,7 @@
 
 #include <sstream>
 #include <utility>
+#include <vector>
 
 #include "P4Runtime/pi/BatchSettling.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
@@ -58,8 +59,31 @@ struct EndOfBatch {
   ~EndOfBatch() { TheBatchStatus()->onBatchSettled(); }
 };
 
+// The latest entry first: others may point to an earlier one.
+void undoAll() {
+  std::vector<EntryHandle> handles;
+  for (const auto& [handle, one] : TheBatchStatus()->written()) handles.push_back(handle);
+  for (auto handle = handles.rbegin(); handle != handles.rend(); ++handle) {
+    TheBatchEntries()->updateCachedEntryState(*handle, true);
+  }
+}
+
+// Of a batch with a single fate, before any of it is committed: one that has failed already leaves
+// nothing to be committed.
+void decideWholeBatch() {
+  if (!pi_batch_failed() && pendingStatus().empty()) {
+    try {
+      return TheBatchEntries()->batchIsWhole();
+    } catch (const std::exception& e) {
+      TheBatchStatus()->failAll(e.what());
+    }
+  }
+  undoAll();
+}
+
 void endBatch() {
   try {
+    if (TheBatchStatus()->isWhole()) decideWholeBatch();
     TheBatchStatus()->onBatchEnd();
   } catch (const std::exception& e) {  // settling follows, and ends the batch
     loseTrack(e.what());
@@ -71,7 +95,7 @@ void beginBatch() {
   pendingStatus().clear();
   TheBatchEntries()->clearPendingOperations();
   try {
-    TheBatchStatus()->onBatchBegin(pi_batch_urgent() != 0);
+    TheBatchStatus()->onBatchBegin(pi_batch_urgent() != 0, pi_batch_fate() != PI_BATCH_SINGLE);
   } catch (...) {
     const EndOfBatch end;
     endBatch();
@@ -206,6 +230,9 @@ pi_status_t _pi_batch_begin(pi_session_handle_t session_handle) {
   SCRIVEL_TRACE(5, "_pi_batch_begin", " session_handle: ", session_handle);
   // Without a forwarding agent the whole batch would time out.
   if (!TheBatchStatus()->awaitForwardingAgent()) return PI_STATUS_NO_FORWARDING_AGENT;
+  if (pi_batch_fate() == PI_BATCH_WHOLE_AT_ONCE && !TheBatchStatus()->appliesAtOnce()) {
+    return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+  }
   const P4Runtime::WriteGate* const gate = P4Runtime::TheWriteGate();
   if (DeviceMgr::get_operation_permission_level() == P4Runtime::nothingAllowed ||
       (gate && !gate->isOpen())) {

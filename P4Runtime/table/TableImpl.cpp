@@ -310,7 +310,15 @@ void TableImpl::restoreTableEntryOnFailure(EntryHandle handle) {
   rooms_->settler.undoOperation(handle);
 }
 
-void TableImpl::clearPendingOperations() { rooms_->pending.clear(); }
+void TableImpl::batchIsWhole() {
+  if (database_) database_->wholeBatchIs(rooms_->pending.changes());
+}
+uint64_t TableImpl::lastPutBack() const { return rooms_->undo.lastPutBack(); }
+
+void TableImpl::clearPendingOperations() {
+  rooms_->pending.clear();
+  rooms_->undo.forgetLastPutBack();
+}
 size_t TableImpl::numPendingEntries() const { return rooms_->pending.awaitedCount(); }
 bool TableImpl::anyPutBack() const { return rooms_->undo.putBackCount() > 0; }
 void TableImpl::commitOrThrow() { rooms_->undo.commitOrThrow(); }

@@ -107,6 +107,8 @@ class TableImpl : public BatchEntries {
   void updateAllCachedEntryStates() override;
   void entryCacheDel(const ResourceId& rid, EntryHandle handle);
   void restoreTableEntryOnFailure(EntryHandle handle) override;
+  void batchIsWhole() override;
+  uint64_t lastPutBack() const override;
 
   // Gives all that survived a restart back to the PI library and to the handle manager: members,
   // then groups, then the entries that name them. See Restorer.

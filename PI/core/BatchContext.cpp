@@ -13,6 +13,8 @@ struct BatchContext {
 
 thread_local BatchContext current;
 thread_local int batchUrgent = 1;
+thread_local pi_batch_fate_t batchFate = PI_BATCH_SINGLE;
+thread_local int batchFailed = 0;
 
 }  // namespace
 
@@ -37,3 +39,11 @@ void pi_batch_current_clear() { current = {}; }
 int pi_batch_urgent() { return batchUrgent; }
 
 void pi_batch_urgent_set(int urgent) { batchUrgent = urgent; }
+
+pi_batch_fate_t pi_batch_fate() { return batchFate; }
+
+void pi_batch_fate_set(pi_batch_fate_t fate) { batchFate = fate; }
+
+int pi_batch_failed() { return batchFailed; }
+
+void pi_batch_failed_set(int failed) { batchFailed = failed; }

@@ -3,6 +3,7 @@
 
 #include "PI/core/DeviceTable.h"
 #include "PI/pi.h"
+#include "PI/pi_extensions.h"
 #include "PI/target/pi_imp.h"
 
 using pi::core::TheDeviceTable;
@@ -74,6 +75,7 @@ pi_status_t pi_session_cleanup(pi_session_handle_t session_handle) {
 }
 
 pi_status_t pi_batch_begin(pi_session_handle_t session_handle) {
+  pi_batch_failed_set(0);
   return _pi_batch_begin(session_handle);
 }
 

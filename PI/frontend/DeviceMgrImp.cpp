@@ -82,15 +82,18 @@ constexpr pi_frontend_hooks_t kHooks{.entry_status_changed = nullptr,
                                      .digest_message = digestMessage,
                                      .table_entry_idle = tableEntryIdle};
 
-void requireAtomicity(const p4::v1::WriteRequest& request) {
-  if (!p4::v1::WriteRequest::Atomicity_IsValid(request.atomicity())) {
-    refuse(code::invalidArgument, "the atomicity ", static_cast<int>(request.atomicity()),
-           " is unknown");
+pi_batch_fate_t fateOf(const p4::v1::WriteRequest& request) {
+  switch (request.atomicity()) {
+    case p4::v1::WriteRequest::CONTINUE_ON_ERROR:
+      return PI_BATCH_SINGLE;
+    case p4::v1::WriteRequest::ROLLBACK_ON_ERROR:
+      return PI_BATCH_WHOLE;
+    case p4::v1::WriteRequest::DATAPLANE_ATOMIC:
+      return PI_BATCH_WHOLE_AT_ONCE;
+    default:
+      refuse(code::invalidArgument, "the atomicity ", static_cast<int>(request.atomicity()),
+             " is unknown; use CONTINUE_ON_ERROR, ROLLBACK_ON_ERROR or DATAPLANE_ATOMIC");
   }
-  if (request.atomicity() == p4::v1::WriteRequest::CONTINUE_ON_ERROR) return;
-  refuse(code::unimplemented, "the atomicity ",
-         p4::v1::WriteRequest::Atomicity_Name(request.atomicity()),
-         " is not supported; use CONTINUE_ON_ERROR");
 }
 
 // Bounds the memory that one call can take; errors are told for each element.
@@ -156,7 +159,7 @@ DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
     awaitPipelineChange(patience_);
     requireWritePermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
-    requireAtomicity(request);
+    fateOf(request);  // refuses an unknown one
     requireSize(request.updates_size(), "updates");
     WaitingWrite write{request, admit, current, checkedWrite(current->index(), request)};
     writeTurns_.take(write, [this](auto writes) { return runTogether(writes); });
@@ -181,7 +184,7 @@ size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
       if (write.admit) write.status = write.admit();
       if (write.status.code() != 0) continue;
       if (write.pipeline != current) write.checked = checkedWrite(current->index(), write.request);
-      if (!batches.add(write.checked, &write.status)) {
+      if (!batches.add(write.checked, fateOf(write.request), &write.status)) {
         --done;
         break;
       }

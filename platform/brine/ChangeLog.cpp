@@ -1,6 +1,7 @@
 #include "platform/brine/ChangeLog.h"
 
 #include <algorithm>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace Brine {
@@ -80,6 +81,20 @@ void ChangeLog::sayNothingUpTo(uint64_t sequence) {
   }
 }
 
+void ChangeLog::recallUnsettled(const std::function<bool(const RingEntry&)>& isUsable) {
+  const uint64_t kept = std::min<uint64_t>(committed_ - settled_, file_.head().changes);
+  first_ = committed_ + 1 - kept;
+  for (uint64_t sequence = first_; sequence <= committed_; ++sequence) {
+    LoggedChange& change = changes_.emplace_back();
+    const auto entry = file_.change(sequence);
+    if (entry && !(entry->flags & RingEntry::replaced) && isUsable(*entry)) {
+      change = {entry->owner, entry->now, entry->before, entry->table, entry->flags};
+    } else {
+      change.flags = RingEntry::replaced;
+    }
+  }
+}
+
 // A version that had been taken up again lies in one of the slots, and followers may still have to
 // hear of the change that had ended it: they cannot follow from before that change.
 void ChangeLog::abandon(const std::vector<Ref>& open) {
@@ -91,11 +106,29 @@ void ChangeLog::abandon(const std::vector<Ref>& open) {
   for (uint64_t at = committed_; !open.empty() && at > trimmed_; --at) {
     if (isAffected(at)) trimmedIs(at);
   }
-  for (const Ref ref : open) {
-    store(file_.slot(ref).begin, 0);
-    slots_.release(ref);
+  std::unordered_map<Ref, uint64_t> ends;  // of versions that an undoing may still need
+  for (uint64_t at = first_; at <= committed_; ++at) {
+    const Ref before = changes_[at - first_].before;
+    if (before != 0 && at > 1) ends[before] = at;
   }
+  for (const Ref ref : open) {
+    if (const auto end = ends.find(ref); end != ends.end()) {
+      becomeFormerAgain(ref, end->second);
+    } else {
+      store(file_.slot(ref).begin, 0);
+      slots_.release(ref);
+    }
+  }
+  std::ranges::sort(dead_, {}, &Dead::end);
   sayNothingUpTo(trimmed_);
+}
+
+// Its end first: until it has a beginning again it is looked after here.
+void ChangeLog::becomeFormerAgain(Ref ref, uint64_t end) {
+  SlotHead& slot = file_.slot(ref);
+  store(slot.end, stamped(end, endSalt(ref)));
+  store(slot.begin, stamped(std::clamp<uint64_t>(settled_, 1, end - 1), beginSalt(ref)));
+  dead_.push_back({ref, end});
 }
 
 void ChangeLog::forgetTable(uint32_t table) {
@@ -105,7 +138,7 @@ void ChangeLog::forgetTable(uint32_t table) {
     change.now = change.before = 0;
     change.flags |= RingEntry::replaced;
   }
-  for (uint64_t sequence = trimmed_ + 1; sequence < next(); ++sequence) {
+  for (uint64_t sequence = std::min(trimmed_, settled_) + 1; sequence < next(); ++sequence) {
     RingEntry& entry = file_.ring(sequence);
     if (entry.table == table && numberIn(load(entry.sequence)) == sequence) sayNothing(entry);
   }

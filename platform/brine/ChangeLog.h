@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "platform/brine/Layout.h"
@@ -52,9 +53,13 @@ class ChangeLog {
   void dropOpen();
   void settle();
 
-  // For a writer that starts. A version that nobody sees any more since the change `end`:
+  // For a writer that starts. The changes that wait for their outcome, as the ring tells them, so
+  // that they can be undone; `isUsable` looks at one. Call before any change is added.
+  void recallUnsettled(const std::function<bool(const RingEntry&)>& isUsable);
+  // A version that nobody sees any more since the change `end`:
   void deadIs(Ref ref, uint64_t end) { dead_.push_back({ref, end}); }
-  // Releases the slots of changes that were not committed. May leave changes as dropOpen() does.
+  // Releases the slots of changes that were not committed. A former version that was being taken
+  // up again becomes a former version once more. May leave changes as dropOpen() does.
   void abandon(const std::vector<Ref>& open);
   // Forgets the versions and changes of a table whose slots are about to go, and has followers pass
   // over them. Followers would find other records in the slots. After the next opening the slots
@@ -70,6 +75,7 @@ class ChangeLog {
     uint64_t end;
   };
   void trimmedIs(uint64_t sequence);
+  void becomeFormerAgain(Ref ref, uint64_t end);
   void sayNothingUpTo(uint64_t sequence);
   static void sayNothing(RingEntry& entry);
 

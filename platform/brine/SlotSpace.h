@@ -31,6 +31,12 @@ class SlotSpace {
   // followed names a slot there.
   void giveBackMemory();
 
+  // Whether a slot of the table can be there.
+  bool isOf(Ref ref, uint32_t table) const {
+    const size_t page = size_t{ref} * refUnit / pageSize;
+    return page < byPage_.size() && byPage_[page] < extents_.size() &&
+           extents_[byPage_[page]].table == table;
+  }
   size_t slotSize(Ref ref) const { return extents_[extentOf(ref)].slotSize; }
   uint32_t tableOf(Ref ref) const { return extents_[extentOf(ref)].table; }
   size_t extentCount() const { return extents_.size(); }

@@ -84,6 +84,10 @@ class StoreImpl final : public Store {
   uint64_t committedSequence() const override { return log_.committed(); }
   uint64_t nextSequence() const override { return log_.next(); }
   uint64_t settledSequence() const override { return log_.settled(); }
+  // The ring holds them, and as many changes that undo them.
+  size_t mostUndoneLater() const override {
+    return file_.head().changes / 2 - file_.head().changes / 16;
+  }
   std::optional<Change> change(uint64_t sequence) const override;
   uint64_t undo(uint64_t sequence) override;
   void settle() override { log_.settle(); }
@@ -104,6 +108,7 @@ class StoreImpl final : public Store {
 
   void recover();
   void requireAll(const FormerSlots& former);
+  bool isUsable(Ref ref, uint32_t table) const;
   Table& add(TableNumber number, const std::string& name);
   Table& at(TableNumber number) const;
   void list(const std::string& name, TableNumber number);
@@ -178,11 +183,20 @@ void StoreImpl::recover() {
     log_.forgetTable(number);  // its writer was killed before it did
     slots_.releaseTable(number);
   }
+  log_.recallUnsettled([this](const RingEntry& change) {
+    return isUsable(change.now, change.table) && isUsable(change.before, change.table);
+  });
   std::ranges::sort(former.dead, {}, &DeadSlot::end);
   for (const DeadSlot& slot : former.dead) log_.deadIs(slot.ref, slot.end);
   log_.abandon(former.open);
   commit();
   slots_.giveBackMemory();
+}
+
+// 0 is no slot, which any change may have.
+bool StoreImpl::isUsable(Ref ref, uint32_t table) const {
+  if (ref == 0) return true;
+  return slots_.isOf(ref, table) && isSound(file_, ref, slots_.slotSize(ref), table);
 }
 
 // Damaged records are in the sum, or, when a writer was killed as it erased them, not any more.
@@ -550,6 +564,9 @@ uint64_t StoreImpl::undo(uint64_t sequence) {
   const Ref current = index.find(keyOf(any));
   if (current == former) return 0;
   if (log_.isOpen(sequence)) return takeBackFrom(sequence, keyOf(any)), 0;
+  // The record of the last commit must keep its words: only they tell of it after a kill.
+  const uint64_t end = former == 0 ? 0 : numberIn(file_.slot(former).end);
+  if (log_.isOpen(end)) return takeBackFrom(end, keyOf(any)), 0;
   const uint64_t next = log_.next();
   LoggedChange change{.now = former, .before = current, .table = undone.table};
   if (former != 0) {

@@ -168,11 +168,15 @@ class Store {
   virtual uint64_t committedSequence() const = 0;
   virtual uint64_t nextSequence() const = 0;  // of the next change
   virtual uint64_t settledSequence() const = 0;
+  // How many changes may wait for their outcome so that a later writer can undo them.
+  virtual size_t mostUndoneLater() const = 0;
   // The change of that sequence number. Nothing when it is settled, or when a later change of the
   // same commit stands for it. Valid until the next write.
   virtual std::optional<Change> change(uint64_t sequence) const = 0;
-  // Makes the record as it was before that change, which must not be settled. Needs no room.
-  // Returns the sequence number of the change that this makes; 0: the record was as it was.
+  // Makes the record as it was before that change, which must not be settled. Needs no room. A
+  // store that is opened again can undo the changes of the writer before, unless they were more
+  // than mostUndoneLater(). Returns the sequence number of the change that this makes; 0: the
+  // record was as it was.
   virtual uint64_t undo(uint64_t sequence) = 0;
   // Nothing that is committed waits for its outcome any more: former versions may go.
   virtual void settle() = 0;

@@ -11,6 +11,7 @@
 #include "platform/lattice/doorbell/Doorbell.h"
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
+#include "platform/lattice/records/WholeBatch.h"
 #include "platform/lattice/types/RowWalk.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
@@ -49,6 +50,7 @@ class DatabaseImpl final : public Database {
         options_(options),
         types_(store.table(typesTable)),
         doorbell_(loop, options.doorbellPath, options.attachWithin, store),
+        undoneAtStart_(undoUnfinishedBatch(store)),
         scopeEnd_([this] { handleScopeEnd(); }) {}
   ~DatabaseImpl() override {
     *alive_ = false;
@@ -66,6 +68,8 @@ class DatabaseImpl final : public Database {
   void batchBegin() override;
   Vela::Outcome batchEnd() override;
   Vela::Outcome commit() override;
+  void wholeBatchIs(std::span<const uint64_t> changes) override { noteWholeBatch(store_, changes); }
+  size_t undoneAtStart() const override { return undoneAtStart_; }
   void settle() override;
   void urgentIs(bool isUrgent) override { doorbell_.urgentIs(isUrgent); }
   void listen() override { doorbell_.look(); }
@@ -139,6 +143,7 @@ class DatabaseImpl final : public Database {
   bool commitLater_ = false;   // not at the end of this scope
   bool commitPosted_ = false;  // the reactor has been asked to
   std::function<void(const std::string&)> tellLoss_;
+  const size_t undoneAtStart_;
   const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   const Vela::ScopeEndHook scopeEnd_;
 };

@@ -127,6 +127,13 @@ class Database {
   // Commits the writes outside a batch now, not at the end of the scope: for writes whose loss the
   // caller must know of. When it fails they are lost.
   virtual Vela::Outcome commit() = 0;
+  // The changes of the batch, ascending, when it stands or falls as a whole; call before
+  // batchEnd(). Should this process end before settle(), the next one's create() undoes them.
+  // Throws Brine::StoreError when the store has no room for that, std::length_error for too many
+  // changes.
+  virtual void wholeBatchIs(std::span<const uint64_t> changes) = 0;
+  // How many changes of a former process's batch create() has undone.
+  virtual size_t undoneAtStart() const = 0;
   // The outcome of the last batch is known, and what failed is put back.
   virtual void settle() = 0;
 

@@ -47,6 +47,7 @@ class SubscriberImpl final : public Subscriber {
         handler_(handler),
         buffer_(maxMessageBytes, '\0') {}
 
+  void appliesAtOnceIs(bool appliesAtOnce) override { appliesAtOnce_ = appliesAtOnce; }
   void follow(std::chrono::milliseconds timeout) override;
   const std::string& trouble() const override { return trouble_; }
   bool attached() const override { return attached_; }
@@ -107,6 +108,7 @@ class SubscriberImpl final : public Subscriber {
   Socket socket_;
   std::shared_ptr<DoorbellPage> page_;  // null: the agent sent none
   bool attached_ = false;
+  bool appliesAtOnce_ = false;
   Clock::time_point nextAttempt_{};
   std::string buffer_;
   std::deque<std::string> outbox_;
@@ -219,6 +221,7 @@ void SubscriberImpl::sendAttach() {
   }
   if (!failed_.empty()) needSnapshot_ = true;
   AttachMessage attach{needSnapshot_ ? 0 : sequence_, identity_, name_};
+  if (appliesAtOnce_) attach.flags = AttachMessage::appliesAtOnce;
   if (!identityKnown_ || needSnapshot_) attach.identity = {};
   if (socket_.send(attach.encode()) != Socket::Sent::all) throw Detached{"the agent hung up"};
 }

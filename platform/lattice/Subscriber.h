@@ -55,6 +55,12 @@ class Subscriber {
                                             SubscriberHandler& handler);
   virtual ~Subscriber() = default;
 
+  // Declares, from the next attaching on, that each commit takes effect at once: every packet sees
+  // all of its changes or none, and a commit of which any change fails has no effect. Without it
+  // the agent refuses Writes with DATAPLANE_ATOMIC. Agents that do not know of this refuse to
+  // attach.
+  virtual void appliesAtOnceIs(bool appliesAtOnce) = 0;
+
   // Waits for changes at most `timeout`, passes them on, and sends the reports gathered since.
   // Never throws for trouble with the agent or its files: it detaches, keeps its rows, and
   // tries again on a later call. trouble() then says why, else it is empty.

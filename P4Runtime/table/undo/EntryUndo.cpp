@@ -1,5 +1,6 @@
 #include "P4Runtime/table/undo/EntryUndo.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -12,6 +13,7 @@ void EntryUndo::putBack(EntryHandle handle, const PendingOperation& operation) {
   const bool vanishes = operation.awaited && operation.isNew;
   std::string text = vanishes ? names_.text(handle) : std::string();
   const uint64_t sequence = undoAll(operation);
+  lastPutBack_ = std::max(lastPutBack_, sequence);
   if (vanishes) failures_.undoneIs(handle, std::move(text), sequence);
 }
 

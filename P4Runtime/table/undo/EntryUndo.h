@@ -25,6 +25,9 @@ class EntryUndo {
 
   // How many entries were put back outside a batch since the last commit().
   size_t putBackCount() const { return putBack_; }
+  // The last change of a row that putBack() has made; 0: there was none.
+  uint64_t lastPutBack() const { return lastPutBack_; }
+  void forgetLastPutBack() { lastPutBack_ = 0; }
   // The changes cannot be undone any more when it fails: rows that follow from others could not be
   // told.
   Vela::Outcome commit();
@@ -39,6 +42,7 @@ class EntryUndo {
   EntryFailures& failures_;
   Lattice::Database* const database_;
   size_t putBack_ = 0;
+  uint64_t lastPutBack_ = 0;
 };
 
 }  // namespace P4Runtime

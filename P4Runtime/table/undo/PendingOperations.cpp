@@ -60,6 +60,15 @@ size_t PendingOperations::count() const {
   return std::ranges::count_if(operations_, [](const auto& item) { return !item.value.taken; });
 }
 
+std::vector<uint64_t> PendingOperations::changes() const {
+  std::vector<uint64_t> all;
+  for (const auto& [handle, operation] : operations_) {
+    if (!operation.taken) all.insert(all.end(), operation.changes.begin(), operation.changes.end());
+  }
+  std::ranges::sort(all);
+  return all;
+}
+
 size_t PendingOperations::awaitedCount() const {
   return std::ranges::count_if(
       operations_, [](const auto& item) { return item.value.awaited && !item.value.taken; });

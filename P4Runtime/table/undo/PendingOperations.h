@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include <absl/container/inlined_vector.h>
 
@@ -61,6 +62,7 @@ class PendingOperations {
   }
   void clear();
   size_t awaitedCount() const;
+  std::vector<uint64_t> changes() const;  // of all of them, ascending
 
  private:
   PendingOperation* find(EntryHandle handle);  // null without one

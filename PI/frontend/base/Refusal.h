@@ -21,6 +21,7 @@ inline constexpr int alreadyExists = 6;
 inline constexpr int permissionDenied = 7;
 inline constexpr int resourceExhausted = 8;
 inline constexpr int failedPrecondition = 9;
+inline constexpr int aborted = 10;
 inline constexpr int outOfRange = 11;
 inline constexpr int unimplemented = 12;
 inline constexpr int internal = 13;

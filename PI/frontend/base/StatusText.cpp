@@ -14,8 +14,10 @@ using core::plainText;
 namespace {
 
 constexpr int kUnknown = 2;
+constexpr int kAborted = 10;
 // Of the 8 KiB; the rest is for gRPC's other trailers and our own frame around the details.
 constexpr size_t kHeaderBytes = 7 * 1024;
+constexpr size_t kLargerHeaderBytes = 62 * 1024;  // of the 64 KiB of other clients
 constexpr size_t kAdvisedBytesPerItem = 100;
 // An Any with the type's name, and the code in it.
 constexpr size_t kItemBytes = 42;
@@ -28,7 +30,9 @@ constexpr size_t kPlainMessageBytes = 2 * 1024;
 size_t messageBudget(size_t items) {
   const size_t frame = items * kItemBytes;
   if (frame < kHeaderBytes) return kHeaderBytes - frame;
-  return kHeaderBytes + items * kAdvisedBytesPerItem - frame;
+  const size_t advised = kHeaderBytes + items * kAdvisedBytesPerItem;
+  const size_t most = frame < kLargerHeaderBytes ? kLargerHeaderBytes : advised;
+  return std::min(advised, most) - frame;
 }
 
 void doFitMessages(std::vector<p4::v1::Error>* errors, size_t reserved) {
@@ -42,15 +46,23 @@ void doFitMessages(std::vector<p4::v1::Error>* errors, size_t reserved) {
 
 bool isFailure(const p4::v1::Error& error) { return error.canonical_code() != 0; }
 
+// An ABORTED one failed with another.
+bool isCulprit(const p4::v1::Error& error) {
+  return isFailure(error) && error.canonical_code() != kAborted;
+}
+
 // The message of a single failure stands in the status itself, where every client shows it.
-std::string summary(const std::vector<p4::v1::Error>& errors, size_t failed, const char* what) {
-  if (failed != 1) {
-    return absl::StrCat(failed, " of ", errors.size(), " ", what, " failed; see the details");
+std::string summary(const std::vector<p4::v1::Error>& errors, size_t culprits, const char* what) {
+  const bool isWhole = std::ranges::all_of(errors, isFailure) && culprits != errors.size();
+  const char* end = isWhole ? ", so none of them is in effect" : "";
+  if (culprits != 1) {
+    return absl::StrCat(culprits, " of ", errors.size(), " ", what, " failed", end,
+                        "; see the details");
   }
-  const auto only = std::find_if(errors.begin(), errors.end(), isFailure);
+  const auto only = std::find_if(errors.begin(), errors.end(), isCulprit);
   const std::string message = plainText(only->message(), kOnlyMessageBytes);
   if (errors.size() == 1) return message;
-  return absl::StrCat("1 of ", errors.size(), " ", what, " failed: ", message);
+  return absl::StrCat("1 of ", errors.size(), " ", what, " failed", end, ": ", message);
 }
 
 }  // namespace
@@ -68,9 +80,9 @@ google::rpc::Status itemisedStatus(std::vector<p4::v1::Error>* errors, const cha
   const auto failed = std::count_if(errors->begin(), errors->end(), isFailure);
   if (failed == 0) return okStatus();
   for (p4::v1::Error& error : *errors) error.set_message(plainText(error.message()));
-  google::rpc::Status status =
-      plainStatus(kUnknown, summary(*errors, static_cast<size_t>(failed), what));
-  doFitMessages(errors, failed == 1 ? kEncodedBytesPerByte * status.message().size() : 0);
+  const auto culprits = static_cast<size_t>(std::ranges::count_if(*errors, isCulprit));
+  google::rpc::Status status = plainStatus(kUnknown, summary(*errors, culprits, what));
+  doFitMessages(errors, culprits == 1 ? kEncodedBytesPerByte * status.message().size() : 0);
   for (const p4::v1::Error& error : *errors) status.add_details()->PackFrom(error);
   return status;
 }

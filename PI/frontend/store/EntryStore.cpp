@@ -81,6 +81,8 @@ void EntryStore::keep(std::span<Change> changes) {
   }
 }
 
+void EntryStore::forgetKept() { kept_.clear(); }
+
 void EntryStore::commit(std::span<Change> changes) {
   std::vector<EntryPtr> gone;  // freed after the lock
   gone.reserve(changes.size() + kept_.size());

@@ -49,6 +49,7 @@ class EntryStore {
 
   // A Write of several batches keeps the outcome of each but the last. Leaves the slots empty.
   void keep(std::span<Change> changes);
+  void forgetKept();  // the Write in progress takes back all that it has kept
   // Ends a Write: applies the changes it kept, then these. Reads that begin now see all of it.
   // Leaves the slots empty.
   void commit(std::span<Change> changes = {});

@@ -9,7 +9,6 @@
 #include "PI/frontend/target/TargetCalls.h"
 #include "PI/frontend/write/UpdateRun.h"
 #include "PI/pi.h"
-#include "PI/pi_extensions.h"
 #include "PI/target/pi_pending_imp.h"
 
 #include <algorithm>
@@ -59,8 +58,9 @@ CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& 
   return write;
 }
 
-bool WriteRun::add(CheckedWrite& write, google::rpc::Status* status) {
-  if (!fits(write)) return false;
+bool WriteRun::add(CheckedWrite& write, pi_batch_fate_t fate, google::rpc::Status* status) {
+  if (!fits(write, fate)) return false;
+  fate_ = fate;
   const auto first = static_cast<uint32_t>(operations_.size());
   const auto count = static_cast<uint32_t>(write.operations.size());
   order_.reserve(first + count);
@@ -71,7 +71,7 @@ bool WriteRun::add(CheckedWrite& write, google::rpc::Status* status) {
   }
   parts_.push_back({first, count, status});
   for (uint32_t offset = first; offset < first + count; ++offset) {
-    if (operations_[offset].runs) doOrder(offset);
+    if (operations_[offset].runs && fate == PI_BATCH_SINGLE) doOrder(offset);
   }
   if (first > 0 && levels_ > 1) {
     doRemoveLast(&write);
@@ -85,8 +85,9 @@ bool WriteRun::add(CheckedWrite& write, google::rpc::Status* status) {
   return true;
 }
 
-bool WriteRun::fits(const CheckedWrite& write) const {
+bool WriteRun::fits(const CheckedWrite& write, pi_batch_fate_t fate) const {
   if (parts_.empty()) return true;
+  if (fate != PI_BATCH_SINGLE || fate_ != PI_BATCH_SINGLE) return false;
   return levels_ <= 1 && operations_.size() + write.operations.size() <= kMostTogether;
 }
 
@@ -101,11 +102,71 @@ void WriteRun::doRemoveLast(CheckedWrite* write) {
 }
 
 void WriteRun::run() {
-  if (levels_ != 0) {
+  pi_batch_fate_set(fate_);
+  if (fate_ != PI_BATCH_SINGLE) {
+    runWhole();
+  } else if (levels_ != 0) {
     const WriteScope scope(store_);
     for (const Batch& batch : batches()) doRunBatch(batch);
   }
   for (const Part& part : parts_) *part.status = statusOf(part);
+}
+
+// All of it is one batch of the target: later updates see earlier ones, whose outcome only counts
+// in the end.
+void WriteRun::runWhole() {
+  TentativeEntries entries(store_, use_);
+  StatusVector statuses;
+  statuses.reserve(operations_.size());
+  try {
+    runWholeUpdates(&statuses, &entries);
+  } catch (...) {
+    pi_batch_failed_set(1);
+    doAbandonBatch(&statuses);
+    throw;
+  }
+  if (batchOpen_) doEndBatch(&statuses);
+  doMarkFailed(statuses);
+  doRecordFailures(statuses);
+  if (errors_.empty()) {
+    entries.commit();
+  } else {
+    doAbortOthers();
+  }
+}
+
+void WriteRun::runWholeUpdates(StatusVector* statuses, TentativeEntries* entries) {
+  // Refused as a whole where nobody can do it, whatever its updates are.
+  if (fate_ == PI_BATCH_WHOLE_AT_ONCE && !operations_.empty()) maybeBeginBatch(operations_.front());
+  bool goesOn = errors_.empty();
+  for (uint32_t offset = 0; goesOn && offset < operations_.size(); ++offset) {
+    if (!operations_[offset].runs) continue;
+    try {
+      maybeRunWholeUpdate(offset, statuses, entries);
+    } catch (const NoBatch&) {
+      throw;
+    } catch (const Refusal& refusal) {
+      doFail(offset, refusal.code(), refusal.message());
+    }
+    goesOn = errors_.empty() && !operations_[offset].failed;
+  }
+  if (!goesOn) pi_batch_failed_set(1);
+}
+
+void WriteRun::maybeRunWholeUpdate(uint32_t offset, StatusVector* statuses,
+                                   TentativeEntries* entries) {
+  maybeRunUpdate(offset, statuses);
+  const Operation& operation = operations_[offset];
+  if (!operation.pending || operation.failed) return;
+  entries->enter(operation.update);
+  state_.handleBatchBegin();
+}
+
+// Without a message: the culprits' need the room.
+void WriteRun::doAbortOthers() {
+  for (p4::v1::Error& error : errors_) {
+    if (error.canonical_code() == code::ok) error.set_canonical_code(code::aborted);
+  }
 }
 
 google::rpc::Status WriteRun::statusOf(const Part& part) const {
@@ -217,6 +278,7 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
     return;
   }
   const int status = calls.status();
+  operation.failed = status != PI_STATUS_SUCCESS;
   if (status == PI_STATUS_SUCCESS || status == kBatchUpdateFailed) {
     error.set_canonical_code(code::deadlineExceeded);
     return;
@@ -232,6 +294,11 @@ void WriteRun::maybeBeginBatch(const Operation& operation) {
   if (begun == PI_STATUS_NO_FORWARDING_AGENT) {
     throw NoBatch(code::unavailable,
                   "no forwarding agent is attached; write again once one has been started");
+  }
+  if (begun == PI_STATUS_NOT_IMPLEMENTED_BY_TARGET && fate_ == PI_BATCH_WHOLE_AT_ONCE) {
+    refuse(code::unimplemented,
+           "DATAPLANE_ATOMIC is not supported: not every attached forwarding agent applies the "
+           "changes of a Write at once; use ROLLBACK_ON_ERROR or CONTINUE_ON_ERROR");
   }
   if (begun != PI_STATUS_SUCCESS) {
     requireWritePermission();  // it may have been withdrawn just now
@@ -280,6 +347,10 @@ void WriteRun::doRecordFailures(const StatusVector& failures) {
     if (offset >= operations_.size() || !operations_[offset].failed) continue;
     const bool timedOut = error.canonical_code() == code::deadlineExceeded;
     const std::string& why = error.message();
+    if (error.canonical_code() == code::aborted) {
+      doFail(offset, code::aborted, why);
+      continue;
+    }
     doFail(offset, error.canonical_code(),
            absl::StrCat(updateText(operations_[offset].update), ": ",
                         timedOut && why.empty()

@@ -14,8 +14,10 @@
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/store/ProfileUse.h"
 #include "PI/frontend/target/TargetSession.h"
+#include "PI/frontend/write/TentativeEntries.h"
 #include "PI/frontend/write/WriteOrder.h"
 #include "PI/pi_base.h"
+#include "PI/pi_extensions.h"
 #include "google/rpc/status.pb.h"
 
 namespace pi::fe::proto {
@@ -26,7 +28,7 @@ struct WriteOperation {
   bool runs = false;     // not refused by the check
   uint32_t level = 0;    // the batch it runs in
   bool pending = false;  // given to the target; ends in its status vector or succeeded
-  bool failed = false;   // there
+  bool failed = false;   // there, or in the target's first answer
 };
 
 // The updates of a Write, checked against the P4Info alone.
@@ -47,7 +49,8 @@ class WriteRun {
 
   // Adds a Write, whose status run() sets. False for one that must wait for the outcome of those
   // added before, or makes the batch too large: it is left as it was, and no other can be added.
-  bool add(CheckedWrite& write, google::rpc::Status* status);
+  // One that stands or falls as a whole has a run of its own.
+  bool add(CheckedWrite& write, pi_batch_fate_t fate, google::rpc::Status* status);
   size_t size() const { return operations_.size(); }  // updates
   // Throws a Refusal, or an exception of a library, when none of it can be run.
   void run();
@@ -68,7 +71,11 @@ class WriteRun {
     google::rpc::Status* status;
   };
 
-  bool fits(const CheckedWrite& write) const;
+  bool fits(const CheckedWrite& write, pi_batch_fate_t fate) const;
+  void runWhole();
+  void runWholeUpdates(StatusVector* statuses, TentativeEntries* entries);
+  void maybeRunWholeUpdate(uint32_t offset, StatusVector* statuses, TentativeEntries* entries);
+  void doAbortOthers();
   void doOrder(uint32_t offset);
   void doRemoveLast(CheckedWrite* write);
   google::rpc::Status statusOf(const Part& part) const;
@@ -96,6 +103,7 @@ class WriteRun {
   std::vector<Operation> operations_;  // one an update
   std::vector<p4::v1::Error> errors_;  // empty, or one an update
   uint32_t levels_ = 0;
+  pi_batch_fate_t fate_ = PI_BATCH_SINGLE;
   bool batchOpen_ = false;
   bool anyBatchRun_ = false;
 };

@@ -31,6 +31,20 @@ void pi_batch_current_clear(void);
 int pi_batch_urgent(void);
 void pi_batch_urgent_set(int urgent);
 
+/* The fate of the batches that the thread begins: each update has its own unless set. A whole batch
+ * has one: when any update of it fails, or the front end says so before it ends the batch, the
+ * target undoes all of it, and gives ABORTED for the updates that were not at fault. A target that
+ * cannot do it begins no such batch: PI_STATUS_NOT_IMPLEMENTED_BY_TARGET. */
+typedef enum {
+  PI_BATCH_SINGLE = 0,
+  PI_BATCH_WHOLE = 1,         /* packets may see a part of it */
+  PI_BATCH_WHOLE_AT_ONCE = 2, /* each packet sees all or nothing of it */
+} pi_batch_fate_t;
+pi_batch_fate_t pi_batch_fate(void);
+void pi_batch_fate_set(pi_batch_fate_t fate);
+int pi_batch_failed(void);
+void pi_batch_failed_set(int failed); /* of the thread's current batch; cleared by its beginning */
+
 /* For the front end: updates of these entries follow soon. A target may have memory fetched that it
  * will need for them. A handle need not be an entry's. */
 void pi_table_entries_coming(pi_dev_id_t dev_id, const pi_entry_handle_t* entry_handles,

@@ -139,6 +139,7 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   peer.info.id = ++lastId_;
   peer.info.name = Vela::plainLine(attach->name, maxSubscriberName);
   peer.attachedAt = last;
+  peer.info.appliesAtOnce = (attach->flags & AttachMessage::appliesAtOnce) != 0;
   peer.info.takingSnapshot = !continues;
   // Its next reads show at least the changes committed so far.
   peer.info.sequence = continues ? attach->sequence : last;

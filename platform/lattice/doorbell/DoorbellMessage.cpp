@@ -64,6 +64,7 @@ std::string AttachMessage::encode() const {
   append(bytes, sequence);
   bytes.append(identity.data(), identity.size());
   appendText(bytes, name.substr(0, maxSubscriberName));
+  if (flags != 0) append(bytes, flags);
   return bytes;
 }
 
@@ -74,7 +75,9 @@ std::optional<AttachMessage> AttachMessage::decode(std::string_view message) {
   attach.sequence = body->take<uint64_t>();
   attach.identity = takeIdentity(*body);
   attach.name = body->takeText();
-  if (!body->finished() || attach.name.size() > maxSubscriberName) return std::nullopt;
+  if (!body->bad() && !body->finished()) attach.flags = body->take<uint8_t>();
+  const bool isKnown = (attach.flags & ~AttachMessage::appliesAtOnce) == 0;
+  if (!body->finished() || !isKnown || attach.name.size() > maxSubscriberName) return std::nullopt;
   return attach;
 }
 

@@ -34,11 +34,14 @@ enum class MessageKind : uint8_t {
   notice
 };
 
-// A subscriber's first message: the state it knows.  sequence u64 | identity | name
+// A subscriber's first message: the state it knows.  sequence u64 | identity | name | flags u8
+// A message without flags sets none; it is sent so, since agents of before refuse the byte.
 struct AttachMessage {
+  static constexpr uint8_t appliesAtOnce = 1;  // see Subscriber::appliesAtOnceIs()
   uint64_t sequence = 0;
   StoreIdentity identity{};
   std::string_view name;
+  uint8_t flags = 0;
   std::string encode() const;
   static std::optional<AttachMessage> decode(std::string_view message);
 };

@@ -15,6 +15,10 @@ inline constexpr std::string_view rowTablePrefix = "row/";
 inline constexpr std::string_view keptPrefix = "kept/";
 inline constexpr std::string_view typesTable = "lattice/types";
 
+// One record, "batch": the changes of the last batch that stands or falls as a whole, as ranges of
+// sequence numbers, first u64 and last u64. It counts while it is not settled.
+inline constexpr std::string_view wholeBatchTable = "lattice/wholeBatch";
+
 inline std::string rowTable(std::string_view table) {
   return std::string(rowTablePrefix).append(table);
 }

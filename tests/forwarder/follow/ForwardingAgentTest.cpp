@@ -28,6 +28,7 @@ class FakeSubscriber final : public Lattice::Subscriber {
   std::vector<ReportSent> reports;
   unsigned flushes = 0;
 
+  void appliesAtOnceIs(bool) override {}
   void follow(std::chrono::milliseconds) override {}
   const std::string& trouble() const override { return trouble_; }
   bool attached() const override { return true; }

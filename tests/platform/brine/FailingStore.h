@@ -77,6 +77,7 @@ class FailingStore final : public Brine::Store {
   uint64_t committedSequence() const override { return store_->committedSequence(); }
   uint64_t nextSequence() const override { return store_->nextSequence(); }
   uint64_t settledSequence() const override { return store_->settledSequence(); }
+  size_t mostUndoneLater() const override { return store_->mostUndoneLater(); }
   std::optional<Brine::Change> change(uint64_t sequence) const override {
     return store_->change(sequence);
   }

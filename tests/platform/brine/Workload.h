@@ -51,6 +51,11 @@ class Workload {
   // As committed(), if the step that is being made commits.
   const Model& committedNext() const { return next_; }
   std::pair<uint64_t, uint64_t> settled() const { return {settled_, nextSettled_}; }
+  uint64_t nextSequence() const { return store_ ? store_->nextSequence() : nextSequence_; }
+  // The tables as of that settling, but for those that were deleted since.
+  const Model& settledAt(uint64_t sequence) const {
+    return sequence == settled_ ? settledModel_ : nextSettledModel_;
+  }
 
   void step() {
     change();
@@ -155,14 +160,18 @@ class Workload {
     const std::string name = table();
     if (!store_->hasTable(name)) return;
     seen_.erase(name);
+    settledModel_.erase(name);
+    nextSettledModel_.erase(name);
     next_ = seen_;
     store_->tableDel(name);
     keep();
   }
   void settle() {
     nextSettled_ = store_->committedSequence();
+    nextSettledModel_ = kept_;
     store_->settle();
     settled_ = nextSettled_;
+    settledModel_ = nextSettledModel_;
   }
   void burst() {
     for (int i = 0; i < 70; ++i) write(pick(30));
@@ -172,6 +181,7 @@ class Workload {
     kept_ = next_ = seen_;
   }
   void reopen() {
+    nextSequence_ = nextSequence();
     store_.reset();
     seen_ = next_ = kept_;
     store_ = Store::open(options_);
@@ -181,7 +191,8 @@ class Workload {
   const StoreOptions options_;
   std::mt19937 random_;
   std::unique_ptr<Store> store_;
-  Model seen_, kept_, next_;
+  Model seen_, kept_, next_, settledModel_, nextSettledModel_;
+  uint64_t nextSequence_ = 0;  // of the writer before, while there is none
   uint64_t keptSequence_ = 0, settled_ = 0, nextSettled_ = 0;
 };
 

@@ -1,6 +1,7 @@
 // Whatever fails is as if it had never been asked for: row, record, handle, and the forwarding
 // agent's table.
 #include "P4Runtime/table/failures/EntryFailures.h"
+#include "PI/pi_extensions.h"
 #include "tests/P4Runtime/support/AgentTest.h"
 
 namespace P4Runtime {
@@ -165,6 +166,49 @@ TEST_F(RollBackTest, WritesOfOneEntryInABatchShareOneFate) {
     expectEmpty(exactTable);
   }
   EXPECT_FALSE(agent().status->critical());
+}
+
+// As when the agent is killed before it knows whether the batch stands.
+TEST_F(RollBackTest, WholeBatchWithoutAnOutcomeIsUndoneByTheNextAgent) {
+  const uint64_t handle = agent().program(old_);
+  const uint64_t gone = agent().program(exactEntry(7));
+  for (const bool isWhole : {true, false}) {
+    SCOPED_TRACE(isWhole);
+    pi_batch_fate_set(isWhole ? PI_BATCH_WHOLE : PI_BATCH_SINGLE);
+    agent().begin();
+    agent().add(0, changed_);
+    agent().add(1, exactEntry(2));
+    agent().del(2, exactEntry(7));
+    agent().end();
+    EXPECT_EQ(agent().rowCount(exactTable), 2u);
+    pi_batch_fate_set(PI_BATCH_SINGLE);
+    start();
+    agent().tableImpl->restoreCachedEntries();
+    EXPECT_EQ(agent().handleOf(exactEntry(7)), isWhole ? gone : 0);
+    EXPECT_EQ(agent().handleOf(exactEntry(2)) == 0, isWhole);
+    EXPECT_EQ(agent().handleOf(old_), handle);
+    const auto record = agent().record(exactTable, handle);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(std::string(record->actionData.begin(), record->actionData.end()),
+              isWhole ? old_.data : changed_.data);
+    EXPECT_EQ(agent().tableImpl->cachedMetadata(record->key), isWhole ? "old" : "changed");
+  }
+}
+
+TEST_F(RollBackTest, WholeBatchThatIsGivenUpLeavesNothingToProgram) {
+  const uint64_t handle = agent().program(old_);
+  pi_batch_fate_set(PI_BATCH_WHOLE);
+  agent().begin();
+  pi_batch_failed_set(0);
+  agent().add(0, changed_);
+  agent().add(1, exactEntry(2));
+  pi_batch_failed_set(1);
+  agent().end();
+  EXPECT_EQ(forwarder().pending(), 0u);
+  EXPECT_THAT(agent().outcome(), ElementsAre(FailedWith(0, ABORTED), FailedWith(1, ABORTED)));
+  pi_batch_fate_set(PI_BATCH_SINGLE);
+  pi_batch_failed_set(0);
+  expectStands(old_, handle);
 }
 
 // A record that is not confirmed yet when its entry is changed is no reason to forget the entry.

@@ -102,6 +102,9 @@ std::vector<std::string> FakeTarget::lastCalls() const {
 
 pi_status_t FakeTarget::handleBatchBegin() {
   const std::lock_guard lock(lock_);
+  if (pi_batch_fate() == PI_BATCH_WHOLE_AT_ONCE && !appliesAtOnce_) {
+    return PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+  }
   if (batchStatus_ != PI_STATUS_SUCCESS) return batchStatus_;
   requireThat(!std::exchange(batchOpen_, true), "two batches at once");
   undo_.clear();
@@ -321,6 +324,24 @@ pi_status_t FakeTarget::handlePacketOut(const char* packet, size_t size) {
   return packetStatus_;
 }
 
+void FakeTarget::handleWholeOutcome(Statuses* statuses) {
+  outcome({}, {});
+  const bool isSound = std::ranges::all_of(*statuses, [this](const auto& status) {
+    return status.second.canonical_code() == 4 && !failures_.contains(status.first);
+  });
+  if (isSound && !pi_batch_failed()) return statuses->clear();
+  for (auto undone = undo_.rbegin(); undone != undo_.rend(); ++undone) doUndo(undone->first);
+  for (auto& [offset, error] : *statuses) {
+    const auto failure = failures_.find(offset);
+    if (failure != failures_.end()) {
+      error.set_canonical_code(failure->second.canonicalCode);
+      error.set_message(failure->second.message);
+    } else if (error.canonical_code() == 4) {
+      error.set_canonical_code(10);
+    }
+  }
+}
+
 std::map<uint32_t, std::pair<int, std::string>> FakeTarget::outcome(
     const std::vector<uint32_t>& pending, const std::vector<uint32_t>& refused) {
   std::this_thread::yield();  // as while it waits
@@ -447,6 +468,7 @@ void _pi_update_pending_status(std::vector<std::pair<uint32_t, p4::v1::Error>>* 
   for (const auto& [offset, error] : *statuses) {
     (error.canonical_code() == 4 ? pending : refused).push_back(offset);
   }
+  if (pi_batch_fate() != PI_BATCH_SINGLE) return theTarget->handleWholeOutcome(statuses);
   const auto failures = theTarget->outcome(pending, refused);
   std::erase_if(*statuses, [&](auto& status) {
     if (status.second.canonical_code() != 4) return false;

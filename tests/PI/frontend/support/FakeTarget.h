@@ -18,6 +18,7 @@
 #include "PI/pi_meter.h"
 #include "PI/pi_tables.h"
 #include "PI/target/pi_extensions_imp.h"
+#include "p4/v1/p4runtime.pb.h"
 
 class FakeTarget {
  public:
@@ -94,6 +95,8 @@ class FakeTarget {
   };
   Pushes pushes;
 
+  void appliesAtOnceIs(bool appliesAtOnce) { appliesAtOnce_ = appliesAtOnce; }
+
   // From here on each batch waits for its outcome until batchesAreReleased().
   void batchesAreHeld();
   void awaitHeldBatch();
@@ -149,6 +152,9 @@ class FakeTarget {
   // undone.
   std::map<uint32_t, std::pair<int, std::string>> outcome(const std::vector<uint32_t>& pending,
                                                           const std::vector<uint32_t>& refused);
+  // Of a batch with a single fate.
+  using Statuses = std::vector<std::pair<uint32_t, p4::v1::Error>>;
+  void handleWholeOutcome(Statuses* statuses);
 
  private:
   pi_abilities_t abilities_{};
@@ -192,4 +198,5 @@ class FakeTarget {
   bool holding_ = false;
   bool held_ = false;
   bool batchOpen_ = false;
+  bool appliesAtOnce_ = false;
 };

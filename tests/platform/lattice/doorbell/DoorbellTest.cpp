@@ -52,6 +52,14 @@ TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
   }
 }
 
+TEST(DoorbellMessage, AttachesWithFlagsOrWithout) {
+  const std::string without = AttachMessage{1, {}, "name"}.encode();
+  const std::string with = AttachMessage{1, {}, "name", AttachMessage::appliesAtOnce}.encode();
+  EXPECT_EQ(with, without + '\x01');
+  EXPECT_EQ(AttachMessage::decode(without)->flags, 0);
+  EXPECT_EQ(AttachMessage::decode(with)->flags, AttachMessage::appliesAtOnce);
+}
+
 TEST(DoorbellMessage, CarriesReportsUpToItsLimits) {
   ReportsWriter writer;
   const std::string longText(5000, 't');
@@ -88,6 +96,17 @@ struct DoorbellTest : testing::Test {
     return agent.database->subscribers().size();
   }
 };
+
+TEST_F(DoorbellTest, KnowsWhoAppliesCommitsAtOnce) {
+  Follower one(directory.path(), "one"), other(directory.path(), "other");
+  one.subscriber->appliesAtOnceIs(true);
+  ASSERT_TRUE(Agent::followUntil({one.subscriber.get(), other.subscriber.get()},
+                                 [&] { return attached() == 2; }));
+  const Vela::ActivityLock lock;
+  for (const SubscriberInfo& info : agent.database->subscribers()) {
+    EXPECT_EQ(info.appliesAtOnce, info.name == "one");
+  }
+}
 
 TEST_F(DoorbellTest, DropsWhoSendsNonsense) {
   const std::string attach = AttachMessage{0, {}, "rude"}.encode();
