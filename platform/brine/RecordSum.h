@@ -1,8 +1,9 @@
 // Tells that records are missing or that former ones are back: no checksum of a record can.
 #pragma once
 
+#include <absl/container/flat_hash_map.h>
+
 #include <cstdint>
-#include <vector>
 
 #include "platform/brine/Layout.h"
 #include "platform/brine/StoreFile.h"
@@ -23,7 +24,6 @@ class RecordSum {
 
   void change(uint32_t table, uint64_t more, uint64_t less) {
     if (table == gone_) return;
-    if (table >= tables_.size()) tables_.resize(table + size_t{1});
     tables_[table] += more - less;
     total_ += more - less;
   }
@@ -31,6 +31,7 @@ class RecordSum {
   // The table's records count no more, and neither do its changes from now on.
   void forgetTable(uint32_t table) {
     tableIs(table, 0);
+    tables_.erase(table);
     gone_ = table;
   }
 
@@ -52,10 +53,13 @@ class RecordSum {
   }
 
  private:
-  uint64_t tableSum(uint32_t table) const { return table < tables_.size() ? tables_[table] : 0; }
+  uint64_t tableSum(uint32_t table) const {
+    const auto found = tables_.find(table);
+    return found == tables_.end() ? 0 : found->second;
+  }
 
   StoreFile& file_;
-  std::vector<uint64_t> tables_;  // by number
+  absl::flat_hash_map<uint32_t, uint64_t> tables_;  // by number
   uint64_t total_ = 0;
   uint32_t gone_ = 0;
   unsigned place_ = 0;  // of the last sum

@@ -111,6 +111,7 @@ class StoreImpl final : public Store {
   bool isUsable(Ref ref, uint32_t table) const;
   Table& add(TableNumber number, const std::string& name);
   Table& at(TableNumber number) const;
+  Table* find(TableNumber number) const;
   void list(const std::string& name, TableNumber number);
   void checkKey(Bytes key) const;
   Ref soundSlot(TableNumber number, Ref ref) const;
@@ -134,7 +135,10 @@ class StoreImpl final : public Store {
   SlotSpace slots_;
   ChangeLog log_;
   RecordSum sum_;
-  std::vector<std::unique_ptr<Table>> tables_;  // by number; null: there is none
+  // By number. Numbers are never used twice, so that memory for each would grow for ever.
+  absl::flat_hash_map<TableNumber, std::unique_ptr<Table>> tables_;
+  mutable TableNumber lastNumber_ = 0;  // that was looked for, and its table; 0: none was
+  mutable Table* lastTable_ = nullptr;
   std::map<std::string, TableNumber, std::less<>> numbers_;
   bool typesChanged_ = false;
   mutable std::vector<DamagedRecord> damaged_;  // not taken yet
@@ -171,9 +175,7 @@ void StoreImpl::recover() {
     return true;
   });
   const std::vector<TableNumber> numbers = slots_.tables();
-  const auto isListed = [&](TableNumber number) {
-    return number < tables_.size() && tables_[number] != nullptr;
-  };
+  const auto isListed = [&](TableNumber number) { return find(number) != nullptr; };
   for (const TableNumber number : numbers) {
     if (number != directoryTable && isListed(number)) recoverOne(number);
   }
@@ -210,16 +212,26 @@ void StoreImpl::requireAll(const FormerSlots& former) {
 }
 
 StoreImpl::Table& StoreImpl::add(TableNumber number, const std::string& name) {
-  if (number >= tables_.size()) tables_.resize(number + size_t{1});
-  tables_[number] = std::make_unique<Table>(name, file_);
-  return *tables_[number];
+  lastNumber_ = 0;
+  return *(tables_[number] = std::make_unique<Table>(name, file_));
 }
 
 StoreImpl::Table& StoreImpl::at(TableNumber number) const {
-  if (number >= tables_.size() || !tables_[number]) {
+  Table* const table = find(number);
+  if (!table) {
     throw std::logic_error("no such table in the store; it was deleted or never opened");
   }
-  return *tables_[number];
+  return *table;
+}
+
+// Null without one. Most look-ups are for the same table as the one before.
+StoreImpl::Table* StoreImpl::find(TableNumber number) const {
+  if (number != lastNumber_) {
+    const auto found = tables_.find(number);
+    lastTable_ = found == tables_.end() ? nullptr : found->second.get();
+    lastNumber_ = number;
+  }
+  return lastTable_;
 }
 
 TableNumber StoreImpl::table(std::string_view name) {
@@ -254,7 +266,8 @@ void StoreImpl::tableDel(std::string_view name) {
   commit();
   log_.forgetTable(number);
   slots_.releaseTable(number);
-  tables_[number].reset();
+  tables_.erase(number);
+  lastNumber_ = 0;
   numbers_.erase(known);
   std::erase_if(damagedSlots_, [&](const auto& one) { return one.first.table == name; });
 }
@@ -558,9 +571,10 @@ uint64_t StoreImpl::undo(uint64_t sequence) {
   if (sequence < log_.first() || sequence >= log_.next()) return 0;
   const LoggedChange undone = log_.at(sequence);
   const Ref any = undone.before != 0 ? undone.before : undone.now;
-  if (any == 0 || undone.table >= tables_.size() || !tables_[undone.table]) return 0;
+  Table* const table = find(undone.table);
+  if (any == 0 || !table) return 0;
   const Ref former = undone.before;
-  KeyIndex& index = tables_[undone.table]->index;
+  KeyIndex& index = table->index;
   const Ref current = index.find(keyOf(any));
   if (current == former) return 0;
   if (log_.isOpen(sequence)) return takeBackFrom(sequence, keyOf(any)), 0;
