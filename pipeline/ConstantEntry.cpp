@@ -198,8 +198,11 @@ ConstantEntry encodeEntry(const EntryDraft& draft, const PipelineLayout& layout)
   const TableLayout& table = layoutOf(*draft.table, layout);
   checkAction(draft, table);
   checkPriority(draft);
-  return {table.id, matchKey(draft, table), draft.priority, draft.action->preamble().id(),
-          actionData(draft)};
+  return {.tableId = table.id,
+          .key = matchKey(draft, table),
+          .priority = draft.priority,
+          .actionId = draft.action->preamble().id(),
+          .actionParams = actionData(draft)};
 }
 
 }  // namespace Pipeline

@@ -24,6 +24,7 @@ struct ConstantEntry {
   uint32_t priority = 0;
   uint32_t actionId = 0;
   std::string actionParams;
+  bool isInitial = false;  // controllers may change and delete it
 };
 
 // One match field of an entry; values are (bits + 7) / 8 bytes.

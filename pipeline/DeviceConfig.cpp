@@ -48,6 +48,7 @@ void addTable(const DeviceTable& table, cJSON* tables) {
     Vela::addNumber(item, "action_id", entry.actionId);
     Vela::addString(item, "action_params", entry.actionParams);
     if (entry.priority != 0) Vela::addNumber(item, "priority", entry.priority);
+    if (entry.isInitial) Vela::addNumber(item, "initial", 1);
   }
 }
 
@@ -166,7 +167,7 @@ class DeviceReader {
       table->entries.push_back({Vela::jsonString(entry, "key").value_or(""),
                                 Vela::jsonNumber(entry, "action_id").value_or(0),
                                 Vela::jsonString(entry, "action_params").value_or(""),
-                                priority.value_or(0),
+                                priority.value_or(0), isInitialEntry(entry, config_.extensions),
                                 isNumber ? "" : "its priority is no whole number of 32 bits"});
     });
   }
@@ -187,8 +188,8 @@ DeviceConfig deviceConfig(const PipelineLayout& layout, const Extensions& extens
     DeviceTable device = deviceTable(table);
     for (const ConstantEntry& entry : entries) {
       if (table.kind != TableKind::match || entry.tableId != table.id) continue;
-      device.entries.push_back(
-          {hexText(entry.key), entry.actionId, hexText(entry.actionParams), entry.priority});
+      device.entries.push_back({hexText(entry.key), entry.actionId, hexText(entry.actionParams),
+                                entry.priority, entry.isInitial});
     }
     config.tables.push_back(std::move(device));
   }

@@ -37,6 +37,7 @@ struct DeviceEntry {
   uint32_t actionId = 0;
   std::string actionParams;
   uint32_t priority = 0;
+  bool isInitial = false;    // else constant
   std::string trouble = {};  // why it could not be read
 };
 

@@ -31,6 +31,7 @@ constexpr Key keys[] = {
     {"fields", &Extensions::fields},
     {"default_actions", &Extensions::defaultActions},
     {"packet_headers", &Extensions::packetHeaders},
+    {"initial_entries", &Extensions::initialEntries},
     {"no_tables", &Extensions::noTables},
     {"entities", &Extensions::entities},
 };
@@ -141,6 +142,10 @@ Extensions extensionsIn(std::string_view deviceConfig) {
   const cJSON* root = Vela::jsonObject(document.get(), "p4rtc");
   Findings unsaid;
   return root == nullptr ? Extensions{} : readExtensions(*root, &unsaid);
+}
+
+bool isInitialEntry(const cJSON* entry, const Extensions& extensions) {
+  return extensions.initialEntries && Vela::jsonNumber(entry, "initial").value_or(0) == 1;
 }
 
 void addExtensions(const Extensions& extensions, cJSON* p4rtc) {

@@ -24,6 +24,8 @@ struct Extensions {
   // "packet_headers".
   bool packetHeaders = false;
 
+  // Entries come with the pipeline that controllers may change and delete. Key "initial_entries".
+  bool initialEntries = false;
   // The program may have no tables, or no actions. Key "no_tables".
   bool noTables = false;
 
@@ -48,6 +50,8 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info);
 Extensions readExtensions(const cJSON& p4rtc, Findings* findings);
 // The extensions in the text of a device configuration. Any other text has none.
 Extensions extensionsIn(std::string_view deviceConfig);
+// Whether an element of "table_entries" is one that controllers may change and delete.
+bool isInitialEntry(const cJSON* entry, const Extensions& extensions);
 // Adds nothing when there are none.
 void addExtensions(const Extensions& extensions, cJSON* p4rtc);
 

@@ -9,6 +9,7 @@
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/tmp/p4config.pb.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "pipeline/CompiledEntries.h"
 #include "pipeline/DeviceConfig.h"
 #include "pipeline/EntriesFile.h"
 #include "pipeline/Files.h"
@@ -62,6 +63,17 @@ void checkEntryCounts(const P4InfoLookup& index, const PipelineLayout& layout,
   }
 }
 
+// Those of tables whose entries controllers may change and delete. Returns whether there are any.
+bool markInitial(const P4InfoLookup& index, std::vector<ConstantEntry>* entries) {
+  bool any = false;
+  for (ConstantEntry& entry : *entries) {
+    const p4::config::v1::Table* table = index.table(entry.tableId);
+    entry.isInitial = table->has_initial_entries() && !table->is_const_table();
+    any |= entry.isInitial;
+  }
+  return any;
+}
+
 }  // namespace
 
 void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConfigRequest* request,
@@ -75,13 +87,16 @@ void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConf
   if (findings->hasErrors()) return;
 
   checkProfiles(index, findings);
-  const Extensions extensions = options.plain ? Extensions{} : extensionsFor(p4Info);
+  Extensions extensions = options.plain ? Extensions{} : extensionsFor(p4Info);
   const P4InfoLookup all(p4Info, extensions);
   const PipelineLayout layout = pipelineLayout(all, extensions, findings);
   std::vector<ConstantEntry> entries;
   if (!options.entriesPath.empty())
     entries = readConstantEntries(options.entriesPath, index, layout, findings);
+  else if (!options.program.empty())
+    entries = readCompiledEntries(options.program, index, layout, findings);
   checkEntryCounts(index, layout, entries, findings);
+  if (!options.program.empty()) extensions.initialEntries = markInitial(index, &entries);
   DeviceConfig device = deviceConfig(layout, extensions, entries);
   if (!options.queriesPath.empty()) {
     readQueriesFile(options.queriesPath, &device.types, &device.queries);

@@ -21,6 +21,9 @@ struct BuildOptions {
   std::string outputPath;
   bool mayHaveNoTables = false;  // nor actions
   bool plain = false;            // without extensions: what needs them cannot be programmed
+  // A compiled program, whose entries come with the pipeline where no file gives any. Entries of
+  // tables that the P4Info says are not constant become initial ones.
+  std::string program = {};
 };
 
 // Completes the request of a pipeline file that holds a P4Info so far, unless the findings hold

@@ -50,6 +50,7 @@ std::optional<p4::v1::SetForwardingPipelineConfigRequest> pipelineOfPush(
     BuildOptions options;
     options.deviceId = deviceId;
     options.mayHaveNoTables = true;
+    if (isJson(program)) options.program = std::move(program);
     buildRequest(options, &request, findings);
   }
   if (findings->hasErrors()) return std::nullopt;

@@ -216,6 +216,7 @@ void Agent::doBuildPipeline() {
                                                            .tableInfo = p4TableInfo(),
                                                            .tableImpl = tableImpl(),
                                                            .systemConfig = p4RtSystemConfig(),
+                                                           .agentConfig = agentConfig(),
                                                            .systemStatus = p4RtSystemStatus()});
   ThePipelinePushesIs(pipelinePusher_.get());
   Pollen::QueryTables queryTables;

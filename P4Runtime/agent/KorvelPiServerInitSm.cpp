@@ -201,11 +201,16 @@ void KorvelPiServerInitSm::programConstantTables() {
     if (rid.type == tableResource) rids.push_back(rid);
   }
   std::sort(rids.begin(), rids.end());
+  const uint64_t push = tableImpl()->pushOfEntries();
+  const bool initialOnes = tableImpl()->constantEntries().initialEntriesAreDue(push);
+  bool anyInitial = false;
   for (const ResourceId& rid : rids) {
     for (const P4TableInfoConstEntry& entry : tables.at(rid).entry()) {
-      programConstantEntry(rid.id, entry);
+      anyInitial |= entry.isInitial;
+      if (initialOnes || !entry.isInitial) programConstantEntry(rid.id, entry);
     }
   }
+  if (anyInitial) tableImpl()->constantEntries().initialEntriesAreDone(push);
   tableImpl()->constTablesProgrammedIs(true);
 }
 
@@ -218,6 +223,7 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   const pi_match_key_t matchKey{p4info, tableId, entry.priority, key.size(), key.data()};
   const EntryHandle known =
       tableImpl()->handleMgr().matchKeyToEntryHandle(tableId, key, entry.priority);
+  if (known != 0 && entry.isInitial) return;
   if (known != 0) {
     SCRIVEL_TRACE(5, "programConstantTables",
                   " Constant entry is already in cache with entryhandle ", known);
@@ -234,6 +240,10 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
   const pi_status_t status = _pi_table_entry_add(0, pi_dev_tgt_t{deviceId, 0}, tableId, &matchKey,
                                                  &tableEntry, 0, &handle);
   tableImpl()->updateCachedEntryState(handle, false);
+  if (status == PI_STATUS_SUCCESS && entry.isInitial) {
+    pi_restore_table_entry_state(deviceId, tableId, &matchKey, &tableEntry, handle, 0, nullptr, 0);
+    return;
+  }
   if (status == PI_STATUS_SUCCESS) {
     pi_constant_table_entry_state(deviceId, tableId, &matchKey, &tableEntry, handle);
     tableImpl()->constantEntries().programmedIs(rid, handle, entry);

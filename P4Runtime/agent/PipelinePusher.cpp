@@ -44,15 +44,28 @@ struct PushRefused : std::runtime_error {
   const int code;
 };
 
-std::string faultsOf(const Pipeline::Findings& findings) {
+std::string textOf(const Pipeline::Findings& findings, Pipeline::Severity severity) {
   std::string text;
   size_t count = 0;
   for (const Pipeline::Finding& finding : findings.list()) {
-    if (finding.severity != Pipeline::Severity::error) continue;
+    if (finding.severity != severity) continue;
     if (++count <= mostTold) text += (text.empty() ? "" : "; ") + Pipeline::findingText(finding);
   }
   if (count > mostTold) text += fmt::format("; and {} more", count - mostTold);
   return text;
+}
+
+// For a switch whose operator wants all of a program or nothing of it.
+void requireWhole(const Pipeline::Findings& built, const Request& request) {
+  std::string lacks = textOf(built, Pipeline::Severity::warning);
+  if (lacks.empty()) {
+    lacks = textOf(Pipeline::checkPipeline(request).findings, Pipeline::Severity::warning);
+  }
+  if (lacks.empty()) return;
+  throw PushRefused(invalidArgument,
+                    "the pipeline would run without some of its parts, which the setting "
+                    "strictPushes of p4runtime/config/agent forbids: " +
+                        lacks);
 }
 
 // Of a table; its default entry has a table of its own.
@@ -210,7 +223,7 @@ PushAnswer PipelinePusher::doPush(int action, std::optional<std::string_view> co
     if (!config) return {invalidArgument, "the request has no config"};
     built = build(*config);
   }
-  if (action == Request::VERIFY) return {};
+  if (action == Request::VERIFY) return {0, reconcilingWouldRefuse(*built)};
   if (action == Request::VERIFY_AND_SAVE) {
     saved_ = std::move(built);
     return {};
@@ -229,15 +242,19 @@ std::shared_ptr<const PipelinePusher::Built> PipelinePusher::build(std::string_v
   }
   if (!built->config.has_p4info()) throw PushRefused(invalidArgument, "the config has no p4info");
   uint32_t deviceId = 0;
+  bool isStrict = false;
   {
     const Vela::ActivityLock lock;
     deviceId = peers_.systemConfig->deviceId();
+    isStrict = peers_.agentConfig->strictPushes();
   }
   Pipeline::Findings findings;
   const auto request = Pipeline::pipelineOfPush(built->config, deviceId, &findings);
   if (!request) {
-    throw PushRefused(invalidArgument, "the pipeline cannot run: " + faultsOf(findings));
+    throw PushRefused(invalidArgument,
+                      "the pipeline cannot run: " + textOf(findings, Pipeline::Severity::error));
   }
+  if (isStrict) requireWhole(findings, *request);
   built->next = P4TableInfoSm::checkedPipeline("", *request);
   built->next.given = built->given;
   return built;
@@ -305,6 +322,15 @@ void PipelinePusher::requireSameMeaning(const Built& built) const {
                                 "them first, or use VERIFY_AND_COMMIT, which starts without "
                                 "entries: {}",
                                 fmt::join(lines, "; ")));
+}
+
+// For the controller that verifies; empty: it would refuse nothing.
+std::string PipelinePusher::reconcilingWouldRefuse(const Built& built) const {
+  const Vela::ActivityLock lock;
+  if (runsAlready(built) || peers_.tableImpl->hasNoEntries()) return "";
+  Request next;
+  if (!next.ParseFromString(built.next.request)) return "";
+  return fmt::format("{}", fmt::join(obstacles(next), "; "));
 }
 
 // What keeps the entries of the running pipeline from going over to the next one.

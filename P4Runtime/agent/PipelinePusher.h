@@ -27,6 +27,7 @@ struct PusherPeers {
   Vela::Ptr<P4TableInfo> tableInfo;
   Vela::Ptr<TableImpl> tableImpl;
   Vela::Ptr<const P4RuntimeConfig::P4RtSystemConfig> systemConfig;
+  Vela::Ptr<const AgentConfig> agentConfig;
   Vela::Ptr<const P4RuntimeConfig::P4RtSystemStatus> systemStatus;
 };
 
@@ -52,6 +53,7 @@ class PipelinePusher : public Vela::Entity, public PipelinePushes {
   uint64_t entriesFor(const Built& built, uint64_t number) const;
   bool runsAlready(const Built& built) const;
   void requireSameMeaning(const Built& built) const;
+  std::string reconcilingWouldRefuse(const Built& built) const;
   std::vector<std::string> obstacles(const p4::v1::SetForwardingPipelineConfigRequest& next) const;
   Pipeline::EntryCounts entryCounts() const;
   std::string diff(const std::string& path) const;

@@ -27,7 +27,7 @@ int _pi_pipeline_push(pi_dev_id_t, int action, const char* config, size_t config
     answer = pushes->push(
         action, config ? std::optional(std::string_view(config, config_size)) : std::nullopt);
   }
-  if (answer.code != 0) say(cookie, answer.message.data(), answer.message.size());
+  if (!answer.message.empty()) say(cookie, answer.message.data(), answer.message.size());
   return answer.code;
 }
 

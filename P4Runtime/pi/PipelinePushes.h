@@ -7,7 +7,8 @@
 
 namespace P4Runtime {
 
-// Canonical code of gRPC, and a message for the controller when it is not 0.
+// Canonical code of gRPC, and a message for the controller. With code 0 and VERIFY: what
+// RECONCILE_AND_COMMIT would refuse; empty: nothing.
 struct PushAnswer {
   int code = 0;
   std::string message = {};

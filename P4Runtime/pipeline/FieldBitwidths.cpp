@@ -69,7 +69,7 @@ std::optional<P4TableInfoConstEntry> P4TableInfoConstEntry::fromText(const std::
   const uint64_t priority = std::stoull(parts[4]);
   if (actionId > UINT32_MAX || priority > UINT32_MAX) return std::nullopt;
   return P4TableInfoConstEntry{parts[1], static_cast<uint32_t>(actionId), parts[3],
-                               static_cast<uint32_t>(priority)};
+                               static_cast<uint32_t>(priority), false};
 }
 
 }  // namespace P4Runtime

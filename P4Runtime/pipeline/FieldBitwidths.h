@@ -143,6 +143,7 @@ struct P4TableInfoConstEntry {
   uint32_t actionId = 0;
   std::string actionParams;
   uint32_t priority = 0;
+  bool isInitial = false;  // not constant: controllers may change and delete it
 
   // From the text that toText() gives; nothing when it is not such a text.
   static std::optional<P4TableInfoConstEntry> fromText(const std::string& text);

@@ -72,7 +72,8 @@ bool tableNameTaken(const P4TableInfo& tableInfo, const std::string& name) {
 
 // Leaves out constant entries that cannot be programmed.
 P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table,
-                                       const Pipeline::Refused& refused) {
+                                       const Pipeline::Refused& refused,
+                                       const Pipeline::Extensions& extensions) {
   P4TableInfoConstEntries entries(rid);
   size_t place = 0;
   for (const cJSON* entry : Vela::JsonElements(Vela::jsonArray(table, "table_entries"))) {
@@ -80,7 +81,8 @@ P4TableInfoConstEntries constEntriesOf(ResourceId rid, const cJSON* table,
     entries.entryEnq({Vela::jsonString(entry, "key").value_or(""),
                       Vela::jsonNumber(entry, "action_id").value_or(0),
                       Vela::jsonString(entry, "action_params").value_or(""),
-                      Vela::jsonNumber(entry, "priority").value_or(0)});
+                      Vela::jsonNumber(entry, "priority").value_or(0),
+                      Pipeline::isInitialEntry(entry, extensions)});
   }
   return entries;
 }
@@ -187,7 +189,7 @@ void P4TableInfoSm::createTableInterface(const cJSON* table) {
   auto interface = Vela::make<Lattice::ArTableInterface>(name, type, ready);
   tableInfo_->latticeTableInterfaceIs(rid, interface);
   services_.tables->bindInterface(interface, name, true);
-  tableInfo_->constEntriesIs(rid, constEntriesOf(rid, table, refused_));
+  tableInfo_->constEntriesIs(rid, constEntriesOf(rid, table, refused_, extensions_));
 }
 
 void P4TableInfoSm::onArInterfaceReady(ResourceId tableId) {

@@ -107,7 +107,7 @@ DeviceMgrImp::Status DeviceMgrImp::pipelineConfigPush(pi_dev_id_t deviceId, Acti
   if (config != nullptr) bytes = config->SerializeAsString();
   const int code = _pi_pipeline_push(deviceId, action, config == nullptr ? nullptr : bytes.data(),
                                      bytes.size(), receive, &message);
-  return code == code::ok ? okStatus() : plainStatus(code, message);
+  return plainStatus(code, message);  // a remark may come with OK
 }
 
 // Not with the mutex held: the target takes its own lock.

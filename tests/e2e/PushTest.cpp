@@ -444,6 +444,87 @@ TEST_F(PushTest, InAnyOrderNothingIsLost) {
   EXPECT_EQ(disagreement(), "");
 }
 
+// Constant ones stay whatever a controller does; initial ones are there once.
+TEST_F(PushTest, EntriesOfTheProgramComeWithIt) {
+  constexpr const char* program = R"({"actions": [{"name": "ingress.set_vrf", "id": 1}],
+   "pipelines": [{"tables": [{"name": "ingress.port",
+     "key": [{"match_type": "exact", "name": "ingress_port"}],
+     "entries": [
+      {"match_key": [{"match_type": "exact", "key": "0x0001"}], "priority": 1,
+       "action_entry": {"action_id": 1, "action_data": ["0x0007"]}},
+      {"match_key": [{"match_type": "exact", "key": "0x0002"}], "priority": 2,
+       "action_entry": {"action_id": 1, "action_data": ["0x0008"]}}]}]}]})";
+  ASSERT_TRUE(push(config(program)).ok());
+  const std::vector<TableEntry> constant = entries();
+  ASSERT_THAT(constant, SizeIs(2));
+  for (const TableEntry& entry : constant) {
+    EXPECT_TRUE(entry.is_const());
+    TableEntry mine = entry;
+    mine.clear_is_const();
+    EXPECT_EQ(controller_->write({deleteOf(mine)}).code(0), grpc::PERMISSION_DENIED);
+    EXPECT_EQ(controller_->write({modifyOf(mine)}).code(0), grpc::PERMISSION_DENIED);
+  }
+  restart();
+  EXPECT_THAT(entries(), SizeIs(2));
+  EXPECT_EQ(disagreement(), "");
+
+  Config initial = config(program);
+  initial.mutable_p4info()->mutable_tables(0)->set_has_initial_entries(true);
+  ASSERT_TRUE(push(initial).ok());
+  const std::vector<TableEntry> open = entries();
+  ASSERT_THAT(open, SizeIs(2));
+  EXPECT_FALSE(open[0].is_const());
+  EXPECT_TRUE(controller_->write({deleteOf(open[0])}).ok());
+  restart();
+  EXPECT_THAT(entries(), SizeIs(1)) << "a deleted one does not come again by itself";
+  EXPECT_EQ(disagreement(), "");
+  ASSERT_TRUE(push(initial, Set::RECONCILE_AND_COMMIT).ok());
+  EXPECT_THAT(entries(), SizeIs(1));
+  ASSERT_TRUE(push(initial).ok());
+  EXPECT_THAT(entries(), SizeIs(2));
+}
+
+// A push that leaves something out is refused where the operator wants it so, and a controller that
+// verifies hears of the entries in the way.
+TEST_F(PushTest, VerifyingAndStrictness) {
+  ASSERT_TRUE(push(config()).ok());
+  ASSERT_TRUE(insertRoutes(0, 8).ok());
+  const auto verified = [this](const Config& config) {
+    Set request;
+    request.set_device_id(1);
+    request.mutable_election_id()->set_low(electionId_);
+    request.set_action(Set::VERIFY);
+    *request.mutable_config() = config;
+    grpc::ClientContext context;
+    p4::v1::SetForwardingPipelineConfigResponse response;
+    const auto status =
+        controller_->stub().SetForwardingPipelineConfig(&context, request, &response);
+    EXPECT_TRUE(status.ok()) << status.error_message();
+    const auto& headers = context.GetServerTrailingMetadata();
+    const auto found = headers.find("korvel-reconcile");
+    return found == headers.end() ? "" : std::string(found->second.data(), found->second.size());
+  };
+  EXPECT_EQ(verified(config()), "");
+  EXPECT_THAT(verified(config("", 6)), HasSubstr("8 entries: it has room for 6 now"));
+  EXPECT_THAT(entries(), SizeIs(8));
+
+  Config lacking = config();
+  auto* field = lacking.mutable_p4info()->mutable_tables(0)->mutable_match_fields(0);
+  field->clear_match_type();
+  field->set_other_match_type("of_another_kind");
+  EXPECT_CODE(push(lacking), OK);
+  const auto strict = agent_.korvel({"set", "p4runtime/config/agent", "strictPushes", "true"});
+  ASSERT_EQ(strict.exit.code, 0) << strict.error;
+  const grpc::Status refused = push(lacking, Set::VERIFY);
+  EXPECT_EQ(refused.error_code(), grpc::INVALID_ARGUMENT);
+  EXPECT_THAT(refused.error_message(), HasSubstr("table ingress.port"));
+  Config whole = config();
+  for (auto& table : *whole.mutable_p4info()->mutable_tables()) {
+    table.clear_has_initial_entries();  // which this push does not bring
+  }
+  EXPECT_CODE(push(whole), OK);
+}
+
 // Nobody's stream ends, and no Write hears another word than that it should come again.
 TEST_F(PushTest, OthersWriteMeanwhile) {
   ASSERT_TRUE(push(config()).ok());

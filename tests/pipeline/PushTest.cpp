@@ -1,11 +1,13 @@
 // What controllers push: the forms of its device configuration, and the entries that go over to it.
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "p4/tmp/p4config.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/CarryOver.h"
+#include "pipeline/DeviceConfig.h"
 #include "pipeline/PushedConfig.h"
 #include "tests/pipeline/Scratch.h"
 
@@ -134,6 +136,88 @@ TEST(Push, ADeviceConfigurationOfOursIsUsed) {
     ASSERT_TRUE(request) << textOf(findings);
     EXPECT_EQ(request->device_id(), 7u);
     EXPECT_EQ(programOf(request->config().p4_device_config()), programOf(given));
+  }
+}
+
+constexpr const char* filterProgram = R"(
+tables {
+  preamble { id: 33554433 name: "c.filter" alias: "filter" }
+  match_fields { id: 1 name: "valid" bitwidth: 1 match_type: EXACT }
+  match_fields { id: 2 name: "src" bitwidth: 32 match_type: TERNARY }
+  match_fields { id: 3 name: "kind" bitwidth: 8 match_type: OPTIONAL }
+  match_fields { id: 4 name: "dst" bitwidth: 32 match_type: LPM }
+  action_refs { id: 16777217 }
+  size: 10
+}
+actions {
+  preamble { id: 16777217 name: "c.forward" alias: "forward" }
+  params { id: 1 name: "port" bitwidth: 9 }
+}
+)";
+
+// The fields are found by name, the action by its number in the program; what is left out or hidden
+// by a mask is no part of the key, and the first entry wins.
+constexpr const char* compiledFilter = R"({
+ "actions": [{"name": "c.other", "id": 3}, {"name": "c.forward", "id": 7}],
+ "pipelines": [{"name": "ingress", "tables": [{"name": "c.filter",
+   "key": [{"match_type": "lpm", "name": "dst"}, {"match_type": "valid", "name": "valid"},
+           {"match_type": "ternary", "name": "src"}, {"match_type": "ternary", "name": "kind"}],
+   "entries": [
+    {"match_key": [{"match_type": "lpm", "key": "0x0a0000ff", "prefix_length": 8},
+                   {"match_type": "valid", "key": true},
+                   {"match_type": "ternary", "key": "0x0a0b0c0d", "mask": "0xffff0000"},
+                   {"match_type": "ternary", "key": "0x07", "mask": "0xff"}],
+     "action_entry": {"action_id": 7, "action_data": ["0x1ff"]}, "priority": 1},
+    {"match_key": [{"match_type": "lpm", "key": "0x00000000", "prefix_length": 0},
+                   {"match_type": "valid", "key": false},
+                   {"match_type": "ternary", "key": "0x00000000", "mask": "0x00000000"},
+                   {"match_type": "ternary", "key": "0x00", "mask": "0x00"}],
+     "action_entry": {"action_id": 7, "action_data": ["0x5"]}, "priority": 2},
+    {"match_key": [], "action_entry": {"action_id": 3, "action_data": []}, "priority": 3},
+    {"match_key": [{"match_type": "lpm", "key": "nonsense", "prefix_length": 8}],
+     "action_entry": {"action_id": 7, "action_data": ["0x1"]}, "priority": 4}]},
+  {"name": "hidden", "entries": [{}]}, {"name": 7, "entries": {}}]}]})";
+
+TEST(Push, EntriesOfTheProgramComeWithIt) {
+  ForwardingPipelineConfig config;
+  *config.mutable_p4info() = p4InfoOf(filterProgram);
+  config.set_p4_device_config(compiledFilter);
+  for (const bool isInitial : {false, true}) {
+    SCOPED_TRACE(isInitial);
+    config.mutable_p4info()->mutable_tables(0)->set_has_initial_entries(isInitial);
+    Findings findings;
+    const auto request = pipelineOfPush(config, 1, &findings);
+    ASSERT_TRUE(request);
+    EXPECT_THAT(textOf(findings),
+                HasSubstr("table c.filter: entry 3 of the program is left out: its "
+                          "action is none of the P4Info"));
+    EXPECT_THAT(textOf(findings), HasSubstr("entry 4 of the program is left out: "));
+    Findings none;
+    const auto device = parseDeviceConfig(programOf(request->config().p4_device_config()), &none);
+    ASSERT_TRUE(device);
+    const auto table = std::ranges::find(device->tables, "filter", &DeviceTable::name);
+    ASSERT_NE(table, device->tables.end());
+    ASSERT_EQ(table->entries.size(), 2u);
+    EXPECT_EQ(table->entries[0].key,
+              "01"
+              "0a0b0000"
+              "ffff0000"
+              "07"
+              "01"
+              "0a000000"
+              "08000000");
+    EXPECT_EQ(table->entries[0].actionParams, "01ff");
+    EXPECT_EQ(table->entries[0].priority, 4u);
+    EXPECT_EQ(table->entries[1].key,
+              "00"
+              "00000000"
+              "00000000"
+              "00"
+              "00"
+              "00000000"
+              "00000000");
+    EXPECT_EQ(table->entries[1].priority, 3u);
+    for (const DeviceEntry& entry : table->entries) EXPECT_EQ(entry.isInitial, isInitial);
   }
 }
 

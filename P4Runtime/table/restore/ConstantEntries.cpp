@@ -16,6 +16,8 @@ namespace {
 Scrivel::TraceHandle trace("ConstantEntries");
 
 constexpr const char* tableName = "p4runtime/cache/constant";
+// One record, "push": the push whose initial entries were programmed, in decimal.
+constexpr const char* initialTableName = "p4runtime/cache/initial";
 
 // An action as it is remembered: its id in decimal, a blank, its data.
 std::string actionOf(const P4TableInfoConstEntry& entry) {
@@ -70,6 +72,18 @@ void ConstantEntries::maybeProgrammedIs(const ResourceId& rid, EntryHandle handl
 void ConstantEntries::forget(const CacheKey& key) { store().erase(table(), storedKey(key)); }
 
 void ConstantEntries::forgetAll() { store().eraseAll(table()); }
+
+bool ConstantEntries::initialEntriesAreDue(uint64_t push) const {
+  if (!tools_.database || !store().hasTable(initialTableName)) return true;
+  const auto done = store().get(store().table(initialTableName), Brine::asBytes("push"));
+  return !done || Brine::asText(*done) != std::to_string(push);
+}
+
+void ConstantEntries::initialEntriesAreDone(uint64_t push) {
+  if (!tools_.database || !initialEntriesAreDue(push)) return;
+  store().put(store().table(initialTableName), Brine::asBytes("push"),
+              Brine::asBytes(std::to_string(push)));
+}
 
 void ConstantEntries::followPipeline() {
   if (!tools_.records.isMounted()) return;

@@ -32,6 +32,10 @@ class ConstantEntries {
                          const P4TableInfoConstEntry& entry);
   void forget(const CacheKey& key);
   void forgetAll();
+  // The initial entries of the pipeline, which are programmed once: whether those are due with
+  // which a push began its entries.
+  bool initialEntriesAreDue(uint64_t push) const;
+  void initialEntriesAreDone(uint64_t push);
 
  private:
   Brine::Store& store() const;

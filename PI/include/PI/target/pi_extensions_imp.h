@@ -38,8 +38,9 @@ typedef void (*pi_bytes_receiver_t)(void* cookie, const char* bytes, size_t size
 /* A controller's push: `action` is a p4.v1.SetForwardingPipelineConfigRequest.Action, `config` a
  * serialized p4.v1.ForwardingPipelineConfig, NULL when the controller sent none. Waits until the
  * pipeline runs, so call it on a thread that may, without the target's lock. Returns a canonical
- * code of gRPC, with a message for the controller in `say` when it is not 0; nothing has changed
- * then, unless the message says otherwise. */
+ * code of gRPC, with a message for the controller in `say`. When it is not 0 nothing has changed,
+ * unless the message says otherwise. With 0 and VERIFY the message lists the reasons for which
+ * RECONCILE_AND_COMMIT would be refused; there is no message without one. */
 int _pi_pipeline_push(pi_dev_id_t dev_id, int action, const char* config, size_t config_size,
                       pi_bytes_receiver_t say, void* cookie);
 /* The running pipeline as a controller pushed it, a serialized p4.v1.ForwardingPipelineConfig.
