@@ -123,6 +123,15 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   return extensions;
 }
 
+bool namesEgressPort(const p4::config::v1::P4Info& p4Info) {
+  const auto isPort = [](const auto& field) { return field.name() == "egress_port"; };
+  return std::ranges::any_of(p4Info.controller_packet_metadata(), [&](const auto& header) {
+    const auto& fields = header.metadata();
+    return header.preamble().name() == "packet_out" && std::ranges::any_of(fields, isPort) &&
+           std::ranges::all_of(fields, [](const auto& field) { return field.bitwidth() > 0; });
+  });
+}
+
 Extensions readExtensions(const cJSON& p4rtc, Findings* findings) {
   Extensions extensions;
   const cJSON* object = cJSON_GetObjectItemCaseSensitive(&p4rtc, "extensions");

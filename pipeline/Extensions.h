@@ -45,6 +45,10 @@ bool hasOpenDefault(const p4::config::v1::Table& table);
 // Those without which something of the program could not be programmed.
 Extensions extensionsFor(const p4::config::v1::P4Info& p4Info);
 
+// Whether packets out name their port, so that a packed header serves them as well as one of
+// before: only with a packed one may controllers leave fields out.
+bool namesEgressPort(const p4::config::v1::P4Info& p4Info);
+
 // Of the object "p4rtc". An unknown key, or another value than 1, is an error: the file would run
 // by half.
 Extensions readExtensions(const cJSON& p4rtc, Findings* findings);

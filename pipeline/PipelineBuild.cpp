@@ -83,11 +83,12 @@ void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConf
   electionIdIs(options.electionId, request);
   const p4::config::v1::P4Info& p4Info = request->config().p4info();
   const P4InfoLookup index(p4Info);
-  checkP4Info(index, findings, options.mayHaveNoTables);
+  checkP4Info(index, findings, options.isPush);
   if (findings->hasErrors()) return;
 
   checkProfiles(index, findings);
   Extensions extensions = options.plain ? Extensions{} : extensionsFor(p4Info);
+  extensions.packetHeaders |= options.isPush && namesEgressPort(p4Info);
   const P4InfoLookup all(p4Info, extensions);
   const PipelineLayout layout = pipelineLayout(all, extensions, findings);
   std::vector<ConstantEntry> entries;

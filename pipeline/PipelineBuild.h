@@ -19,8 +19,10 @@ struct BuildOptions {
   std::string queriesPath;  // empty: no queries
   std::string electionId;   // decimal, or "HIGH:LOW"; empty: none in the file
   std::string outputPath;
-  bool mayHaveNoTables = false;  // nor actions
-  bool plain = false;            // without extensions: what needs them cannot be programmed
+  // For controllers that send what they send: the program may have no tables, and their packets may
+  // leave header fields out.
+  bool isPush = false;
+  bool plain = false;  // without extensions: what needs them cannot be programmed
   // A compiled program, whose entries come with the pipeline where no file gives any. Entries of
   // tables that the P4Info says are not constant become initial ones.
   std::string program = {};

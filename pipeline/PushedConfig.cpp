@@ -49,7 +49,7 @@ std::optional<p4::v1::SetForwardingPipelineConfigRequest> pipelineOfPush(
   } else {
     BuildOptions options;
     options.deviceId = deviceId;
-    options.mayHaveNoTables = true;
+    options.isPush = true;
     if (isJson(program)) options.program = std::move(program);
     buildRequest(options, &request, findings);
   }

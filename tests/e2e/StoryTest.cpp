@@ -79,6 +79,13 @@ class Session {
 
   // Sends the arbitration update; the answer is the stream's first message.
   MasterArbitrationUpdate arbitrate() {
+    sendArbitration();
+    p4::v1::StreamMessageResponse response;
+    if (!stream_->Read(&response)) return {};
+    EXPECT_TRUE(response.has_arbitration()) << response.ShortDebugString();
+    return response.arbitration();
+  }
+  void sendArbitration() {
     p4::v1::StreamMessageRequest request;
     auto* update = request.mutable_arbitration();
     update->set_device_id(who_.deviceId);
@@ -86,12 +93,7 @@ class Session {
     update->mutable_election_id()->set_high(who_.high);
     update->mutable_election_id()->set_low(who_.low);
     EXPECT_TRUE(stream_->Write(request));
-    p4::v1::StreamMessageResponse response;
-    if (!stream_->Read(&response)) return {};
-    EXPECT_TRUE(response.has_arbitration()) << response.ShortDebugString();
-    return response.arbitration();
   }
-  void sendOnly(const p4::v1::StreamMessageRequest& request) { stream_->Write(request); }
   // At the end a controller closes its half, and waits.
   grpc::Status close() {
     stream_->WritesDone();
@@ -395,6 +397,18 @@ TEST_F(StoryTest, ManyFailuresAreToldOneByOne) {
       told += !error.message().empty();
     }
     EXPECT_GE(told, 30u);
+    EXPECT_TRUE(session->close().ok());
+  }
+}
+
+// A replay reads no answer: its push follows the arbitration update at once.
+TEST_F(StoryTest, APushMayFollowTheArbitrationUpdateUnanswered) {
+  const Who who{.device = programJson};
+  for (int round = 0; round < 30; ++round) {
+    const auto session = this->session(who);
+    session->sendArbitration();
+    const grpc::Status status = session->set(configOf(who));
+    ASSERT_TRUE(status.ok()) << "round " << round << ": " << status.error_message();
     EXPECT_TRUE(session->close().ok());
   }
 }

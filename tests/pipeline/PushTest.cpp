@@ -113,6 +113,24 @@ TEST(Push, EntriesGoOverWhereTheMeaningIsTheSame) {
   }
 }
 
+// Only packed headers let controllers leave fields out.
+TEST(Push, APacketOutWithANamedPortIsPacked) {
+  for (const char* name : {"egress_port", "port"}) {
+    P4Info p4Info = p4InfoOf(program);
+    auto* header = p4Info.add_controller_packet_metadata();
+    header->mutable_preamble()->set_id(67121543);
+    header->mutable_preamble()->set_name("packet_out");
+    for (const auto& [id, bits] : {std::pair(1, 32), std::pair(2, 8)}) {
+      auto* field = header->add_metadata();
+      field->set_id(static_cast<uint32_t>(id));
+      field->set_name(id == 1 ? name : "submit_to_ingress");
+      field->set_bitwidth(bits);
+    }
+    const auto extensions = extensionsIn(programOf(requestOf(p4Info).config().p4_device_config()));
+    EXPECT_EQ(extensions.packetHeaders, std::string(name) == "egress_port");
+  }
+}
+
 TEST(Push, TheProgramIsFoundInItsWrapping) {
   const std::string json = " {\"program\": 1}";
   p4::tmp::P4DeviceConfig device;
