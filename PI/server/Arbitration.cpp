@@ -301,6 +301,7 @@ void Arbitration::installPrimary(Contest& contest) {
   contest.installed = true;
   contest.told = true;
   notify(contest, *contest.primary);
+  installed_.notify_all();
 }
 
 void Arbitration::notifyOthers(const Contest& contest, const ArbitrationClient* except) {
@@ -357,13 +358,34 @@ Status Arbitration::requirePrimary(const RoleOfDevice& role, std::optional<Elect
   return permission(role, electionId, &contest);
 }
 
-Status Arbitration::requirePusher(const RoleOfDevice& role, std::optional<ElectionId> electionId) {
-  const std::lock_guard lock(mutex_);
+Status Arbitration::requirePusher(const RoleOfDevice& role, std::optional<ElectionId> electionId,
+                                  std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
+  Status status;
+  installed_.wait_for(lock, patience, [&] {
+    status = pushPermission(role, electionId);
+    return status.ok() || !mayBecomePrimary(role, electionId);
+  });
+  return status;
+}
+
+Status Arbitration::pushPermission(const RoleOfDevice& role,
+                                   const std::optional<ElectionId>& electionId) {
   Contest* contest = nullptr;
   Status primary = permission(role, electionId, &contest);
   if (!primary.ok() || !contest->config || contest->config->canPushPipeline) return primary;
   return Status(StatusCode::PERMISSION_DENIED,
                 text(role) + " may not push a pipeline; its config lacks can_push_pipeline");
+}
+
+bool Arbitration::mayBecomePrimary(const RoleOfDevice& role,
+                                   const std::optional<ElectionId>& electionId) const {
+  if (!electionId || !requireNameLength(role).ok()) return false;
+  const auto found = contests_.find(role);
+  if (found == contests_.end()) return true;
+  const Contest& contest = found->second;
+  const bool isPrimary = contest.primary && contest.installed && contest.highest == electionId;
+  return !isPrimary && contest.highest <= electionId;
 }
 
 Status Arbitration::writePermit(const RoleOfDevice& role, std::optional<ElectionId> electionId,

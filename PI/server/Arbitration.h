@@ -3,7 +3,9 @@
 
 #include <grpcpp/support/status.h>
 
+#include <chrono>
 #include <compare>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -125,8 +127,11 @@ class Arbitration {
   // OK when the role's primary has the election id and its Writes are taken; NOT_FOUND for a role
   // that no client ever named; else PERMISSION_DENIED.
   grpc::Status requirePrimary(const RoleOfDevice& role, std::optional<ElectionId> electionId);
-  // The same, and PERMISSION_DENIED when the role's config lets it push no pipeline.
-  grpc::Status requirePusher(const RoleOfDevice& role, std::optional<ElectionId> electionId);
+  // The same, and PERMISSION_DENIED when the role's config lets it push no pipeline. Waits for
+  // `patience` at most while the election id could become primary: its arbitration update may have
+  // been sent before, and be on its way to us still.
+  grpc::Status requirePusher(const RoleOfDevice& role, std::optional<ElectionId> electionId,
+                             std::chrono::milliseconds patience = {});
   // The same, and on OK a permit.
   grpc::Status writePermit(const RoleOfDevice& role, std::optional<ElectionId> electionId,
                            WritePermit* permit);
@@ -177,9 +182,13 @@ class Arbitration {
   void elect(Contest& contest, ArbitrationClient& client, ElectionId electionId);
   void backUp(Contest& contest, ArbitrationClient& client);
   static void dethrone(Contest& contest);
-  static void installPrimary(Contest& contest);
+  void installPrimary(Contest& contest);
   static void notifyOthers(const Contest& contest, const ArbitrationClient* except);
   static void notify(const Contest& contest, ArbitrationClient& client);
+  grpc::Status pushPermission(const RoleOfDevice& role,
+                              const std::optional<ElectionId>& electionId);
+  bool mayBecomePrimary(const RoleOfDevice& role,
+                        const std::optional<ElectionId>& electionId) const;
   grpc::Status permission(const RoleOfDevice& role, const std::optional<ElectionId>& electionId,
                           Contest** contest);
   void writeDone(Contest& contest);
@@ -189,6 +198,7 @@ class Arbitration {
   // around clientIs(); taken before mutex_.
   std::mutex keeping_;
   mutable std::mutex mutex_;  // guards the members below
+  std::condition_variable installed_;
   Limits limits_;
   Contests contests_;  // with clients, or with a remembered highest id
   size_t defaultRoles_ = 0;

@@ -57,6 +57,9 @@ Status noPipeline(uint64_t deviceId) {
                     " yet; push one, or wait until the switch has installed its own");
 }
 
+// For a push that has overtaken its controller's arbitration update.
+constexpr std::chrono::milliseconds kOvertaken{500};
+
 constexpr const char* kReconcileKey = "korvel-reconcile";
 constexpr size_t kMostHeaderText = 4096;  // of the 8 KiB of metadata that clients take
 
@@ -271,7 +274,8 @@ Status P4RuntimeService::setPipeline(UnaryCall& call,
   if (!placed.ok()) return placed;
   Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
-  Status primary = arbitration_.requirePusher(servedRole(request), electionIdOf(request));
+  Status primary =
+      arbitration_.requirePusher(servedRole(request), electionIdOf(request), kOvertaken);
   if (!primary.ok()) return primary;
   Status action = requireAction(request.action());
   if (!action.ok()) return action;
