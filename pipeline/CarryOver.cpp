@@ -8,6 +8,7 @@
 #include <set>
 #include <utility>
 
+#include "PI/frontends/proto/translation_tables.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/DeviceConfig.h"
@@ -71,6 +72,7 @@ class Comparison {
 
   Reason reason(const TableRef& ref, size_t count) const {
     const auto& [kind, id] = ref;
+    if (pi::fe::proto::is_translation_table(id)) return std::nullopt;  // names follow their users
     const DeviceTable* const former = deviceTable(runningDevice_, ref);
     const DeviceTable* const next = deviceTable(nextDevice_, ref);
     if (former == nullptr) return std::nullopt;  // nothing of it was ever programmed

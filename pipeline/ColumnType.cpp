@@ -5,6 +5,7 @@
 #include <array>
 #include <string_view>
 
+#include "PI/frontends/proto/translation_tables.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "pipeline/Extensions.h"
 #include "pipeline/Names.h"
@@ -59,6 +60,12 @@ bool annotatedAsIpv4(const p4::config::v1::MatchField& field) {
   return false;
 }
 
+template <typename Value>
+bool hasNameAnnotation(const Value& value) {
+  return std::ranges::find(value.annotations(), pi::fe::proto::kNameAnnotation) !=
+         value.annotations().end();
+}
+
 bool namedLikeIpv4(std::string_view name) {
   constexpr std::array<std::string_view, 8> endings = {"srcaddr", "dstaddr", "saddr",  "daddr",
                                                        "srcip",   "dstip",   "ipaddr", "ipaddress"};
@@ -76,8 +83,12 @@ bool namedLikeIpv4(std::string_view name) {
 
 }  // namespace
 
+bool isName(const p4::config::v1::MatchField& field) { return hasNameAnnotation(field); }
+bool isName(const p4::config::v1::Action_Param& parameter) { return hasNameAnnotation(parameter); }
+
 bool isIpv4Address(const p4::config::v1::MatchField& field) {
-  return field.bitwidth() == 32 && (annotatedAsIpv4(field) || namedLikeIpv4(field.name()));
+  return field.bitwidth() == 32 && !isName(field) &&
+         (annotatedAsIpv4(field) || namedLikeIpv4(field.name()));
 }
 
 ColumnChoice keyColumn(const p4::config::v1::MatchField& field, const Extensions& extensions) {
@@ -101,7 +112,7 @@ bool isInNetworkOrder(std::string_view name) {
 }
 
 bool isInNetworkOrder(const p4::config::v1::Action_Param& parameter) {
-  return isInNetworkOrder(parameter.name());
+  return isInNetworkOrder(parameter.name()) && !isName(parameter);
 }
 
 ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter,

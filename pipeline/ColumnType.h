@@ -32,6 +32,10 @@ ColumnChoice parameterColumn(const p4::config::v1::Action_Param& parameter,
 bool isInNetworkOrder(std::string_view parameterName);
 bool isInNetworkOrder(const p4::config::v1::Action_Param& parameter);
 
+// Whether the number stands for a string of a translated type.
+bool isName(const p4::config::v1::MatchField& field);
+bool isName(const p4::config::v1::Action_Param& parameter);
+
 // Whether the 32 bits are an IPv4 address, by annotation (@format(IPV4_ADDRESS)) or by name.
 bool isIpv4Address(const p4::config::v1::MatchField& field);
 

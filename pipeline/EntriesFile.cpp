@@ -1,11 +1,14 @@
 // Reading constant entries from JSON and from write requests.
 #include "pipeline/EntriesFile.h"
 
+#include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <map>
 
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "pipeline/EntryNames.h"
 #include "pipeline/FileKind.h"
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
@@ -59,7 +62,8 @@ std::string scalarText(const cJSON& value) {
 
 class JsonEntry {
  public:
-  JsonEntry(const cJSON& json, const P4InfoLookup& index) : json_(json), index_(index) {}
+  JsonEntry(const cJSON& json, const P4InfoLookup& index, EntryNames* names)
+      : json_(json), index_(index), names_(names) {}
 
   EntryDraft draft() {
     checkKeys();
@@ -114,8 +118,11 @@ class JsonEntry {
     try {
       const std::string text = scalarText(item);
       if (text == "*") return;
-      set("match field", field.name(), &draft_.match[i],
-          matchValue(text, widthOf(field.bitwidth())));
+      const MatchValue value =
+          names_->areOf(field)
+              ? MatchValue{MatchValue::Form::exact, names_->bytes(field.type_name().name(), text)}
+              : matchValue(text, widthOf(field.bitwidth()));
+      set("match field", field.name(), &draft_.match[i], value);
     } catch (const PipelineError& e) {
       throw PipelineError("match field " + quoted(field.name()) + ": " + e.what());
     }
@@ -126,8 +133,10 @@ class JsonEntry {
     const size_t i = indexNamed("parameter", item.string, namesOf(params), {});
     const auto& param = params[static_cast<int>(i)];
     try {
+      const std::string text = scalarText(item);
       set("parameter", param.name(), &draft_.params[i],
-          valueBytes(scalarText(item), widthOf(param.bitwidth())));
+          names_->areOf(param) ? names_->bytes(param.type_name().name(), text)
+                               : valueBytes(text, widthOf(param.bitwidth())));
     } catch (const PipelineError& e) {
       throw PipelineError("parameter " + quoted(param.name()) + ": " + e.what());
     }
@@ -135,8 +144,20 @@ class JsonEntry {
 
   const cJSON& json_;
   const P4InfoLookup& index_;
+  EntryNames* names_;
   EntryDraft draft_;
 };
+
+// Strings match as a whole.
+MatchValue namedMatchOf(const p4::v1::FieldMatch& match, const std::string& type,
+                        EntryNames* names) {
+  if (match.has_exact())
+    return {MatchValue::Form::exact, names->bytes(type, match.exact().value())};
+  if (match.has_optional()) {
+    return {MatchValue::Form::exact, names->bytes(type, match.optional().value())};
+  }
+  throw PipelineError("its values are strings, which match exactly or not at all");
+}
 
 MatchValue matchValueOf(const p4::v1::FieldMatch& match, uint32_t bits) {
   using Form = MatchValue::Form;
@@ -176,7 +197,7 @@ const p4::v1::TableEntry& insertedEntry(const p4::v1::Update& update) {
   return entry;
 }
 
-EntryDraft draftOf(const p4::v1::Update& update, const P4InfoLookup& index) {
+EntryDraft draftOf(const p4::v1::Update& update, const P4InfoLookup& index, EntryNames* names) {
   const p4::v1::TableEntry& entry = insertedEntry(update);
   EntryDraft draft;
   draft.table = index.table(entry.table_id());
@@ -192,7 +213,8 @@ EntryDraft draftOf(const p4::v1::Update& update, const P4InfoLookup& index) {
     const MatchField& field = fields[static_cast<int>(i)];
     try {
       set("match field", field.name(), &draft.match[i],
-          matchValueOf(match, widthOf(field.bitwidth())));
+          names->areOf(field) ? namedMatchOf(match, field.type_name().name(), names)
+                              : matchValueOf(match, widthOf(field.bitwidth())));
     } catch (const PipelineError& e) {
       throw PipelineError("match field " + quoted(field.name()) + ": " + e.what());
     }
@@ -206,7 +228,8 @@ EntryDraft draftOf(const p4::v1::Update& update, const P4InfoLookup& index) {
     const size_t i = indexById("parameter", draft.action->params(), given.param_id());
     const auto& param = draft.action->params(static_cast<int>(i));
     set("parameter", param.name(), &draft.params[i],
-        canonicalValue(given.value(), widthOf(param.bitwidth())));
+        names->areOf(param) ? names->bytes(param.type_name().name(), given.value())
+                            : canonicalValue(given.value(), widthOf(param.bitwidth())));
   }
   return draft;
 }
@@ -256,7 +279,7 @@ class EntryList {
 };
 
 void readJsonEntries(const std::string& path, const std::string& contents,
-                     const P4InfoLookup& index, EntryList* list) {
+                     const P4InfoLookup& index, EntryNames* names, EntryList* list) {
   const Vela::Json root = parseJsonFile(path, contents);
   const cJSON* entries = cJSON_IsArray(root.get()) != 0 ? root.get() : nullptr;
   if (entries == nullptr) entries = Vela::jsonArray(root.get(), "entries");
@@ -267,12 +290,13 @@ void readJsonEntries(const std::string& path, const std::string& contents,
   }
   for (const cJSON* item = entries->child; item != nullptr; item = item->next) {
     list->add(Vela::jsonString(item, "table").value_or(""),
-              [&] { return JsonEntry(*item, index).draft(); });
+              [&] { return JsonEntry(*item, index, names).draft(); });
   }
 }
 
 void readWriteRequest(const std::string& path, const std::string& contents,
-                      const P4InfoLookup& index, EntryList* list, Findings* findings) {
+                      const P4InfoLookup& index, EntryNames* names, EntryList* list,
+                      Findings* findings) {
   p4::v1::WriteRequest request;
   if (looksLikeText(contents)) {
     Findings skipped;
@@ -287,7 +311,7 @@ void readWriteRequest(const std::string& path, const std::string& contents,
   for (const p4::v1::Update& update : request.updates()) {
     const Table* table = index.table(update.entity().table_entry().table_id());
     list->add(table == nullptr ? "" : table->preamble().name(),
-              [&] { return draftOf(update, index); });
+              [&] { return draftOf(update, index, names); });
   }
 }
 
@@ -297,14 +321,17 @@ std::vector<ConstantEntry> readConstantEntries(const std::string& path, const P4
                                                const PipelineLayout& layout, Findings* findings) {
   const std::string contents = fileContents(path);
   EntryList list(path, layout, findings);
+  EntryNames names(index.p4Info());
   const size_t start = contents.find_first_not_of(" \t\r\n");
   if (start != std::string::npos && (contents[start] == '[' || contents[start] == '{')) {
-    readJsonEntries(path, contents, index, &list);
+    readJsonEntries(path, contents, index, &names, &list);
   } else {
-    readWriteRequest(path, contents, index, &list, findings);
+    readWriteRequest(path, contents, index, &names, &list, findings);
   }
   if (list.count() == 0) findings->warning("", path + ": holds no entries");
-  return list.take();
+  std::vector<ConstantEntry> entries = list.take();
+  std::ranges::move(names.entries(), std::back_inserter(entries));
+  return entries;
 }
 
 }  // namespace Pipeline

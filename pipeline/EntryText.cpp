@@ -1,6 +1,7 @@
 // Decoding of constant entries.
 #include "pipeline/EntryText.h"
 
+#include <charconv>
 #include <cstring>
 
 #include "p4/config/v1/p4info.pb.h"
@@ -108,13 +109,23 @@ std::string slotText(const Slot& slot, const std::string& name, FieldReader* key
   }
 }
 
+// The string in place of its number's text, where it is known.
+std::string named(const NamesByNumber& names, const std::string& type, const std::string& text) {
+  const auto ofType = names.find(type);
+  uint32_t number = 0;
+  const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (ofType == names.end() || parsed.ec != std::errc()) return text;
+  const auto found = ofType->second.find(number);
+  return found == ofType->second.end() ? text : found->second;
+}
+
 void readKey(const DeviceEntry& entry, const p4::config::v1::Table& table,
-             const TableLayout& layout, EntryText* text) {
+             const TableLayout& layout, const NamesByNumber& names, EntryText* text) {
   FieldReader key("key", bytesOfHex(entry.key));
   for (const Slot& slot : layout.slots) {
     if (!isFirst(slot.role)) continue;  // taken with the slot before
     const std::string& name = table.match_fields(static_cast<int>(slot.field)).name();
-    text->match.emplace_back(name, slotText(slot, name, &key));
+    text->match.emplace_back(name, named(names, slot.named, slotText(slot, name, &key)));
   }
   key.finish();
 }
@@ -129,12 +140,13 @@ const ActionShape& shapeOf(uint32_t actionId, const TableLayout& layout) {
 }  // namespace
 
 EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table,
-                    const TableLayout& layout, const P4InfoLookup& index) {
+                    const TableLayout& layout, const P4InfoLookup& index,
+                    const NamesByNumber& names) {
   if (!entry.trouble.empty()) throw PipelineError(entry.trouble);
   if (layout.indirect)
     throw PipelineError("the table takes no actions, but action profile members");
   EntryText text;
-  readKey(entry, table, layout, &text);
+  readKey(entry, table, layout, names, &text);
   const ActionShape& shape = shapeOf(entry.actionId, layout);
   const p4::config::v1::Action& action = *index.action(entry.actionId);
   text.action = action.preamble().name();
@@ -142,7 +154,8 @@ EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table
   for (size_t i = 0; i < shape.fields.size(); ++i) {
     const ActionField& field = shape.fields[i];
     const std::string& name = action.params(static_cast<int>(i)).name();
-    text.params.emplace_back(name, valueText(data.takeValue(field.bits, name), field.type));
+    const std::string value = valueText(data.takeValue(field.bits, name), field.type);
+    text.params.emplace_back(name, named(names, field.named, value));
   }
   data.finish();
   if (layout.priority && entry.priority == 0) throw PipelineError("it needs a priority above 0");

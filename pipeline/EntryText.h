@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "pipeline/DeviceConfig.h"
+#include "pipeline/EntryNames.h"
 
 namespace p4::config::v1 {
 class Table;
@@ -21,8 +22,10 @@ struct EntryText {
   std::vector<std::pair<std::string, std::string>> params;  // P4 parameter name, value
 };
 
-// Throws PipelineError when the entry does not fit the table: lengths, widths, action, priority.
+// `names`: the strings of translated types; others stand as their numbers. Throws PipelineError
+// when the entry does not fit the table: lengths, widths, action, priority.
 EntryText entryText(const DeviceEntry& entry, const p4::config::v1::Table& table,
-                    const TableLayout& layout, const P4InfoLookup& index);
+                    const TableLayout& layout, const P4InfoLookup& index,
+                    const NamesByNumber& names = {});
 
 }  // namespace Pipeline

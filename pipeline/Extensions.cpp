@@ -6,6 +6,7 @@
 #include <string>
 
 #include "PI/frontends/proto/entity_tables.h"
+#include "PI/frontends/proto/translation_tables.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "pipeline/ColumnType.h"
 #include "pipeline/Finding.h"
@@ -34,6 +35,7 @@ constexpr Key keys[] = {
     {"initial_entries", &Extensions::initialEntries},
     {"no_tables", &Extensions::noTables},
     {"entities", &Extensions::entities},
+    {"strings", &Extensions::strings},
 };
 
 bool needsFields(const MatchField& field) {
@@ -104,7 +106,8 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   Extensions extensions;
   extensions.noTables = p4Info.tables().empty() || p4Info.actions().empty();
   extensions.entities = true;  // any program may have its packets replicated
-  const p4::config::v1::P4Info all = pi::fe::proto::with_entity_tables(p4Info);
+  extensions.strings = !pi::fe::proto::translation_tables(p4Info).empty();
+  const p4::config::v1::P4Info all = withAdditions(p4Info, extensions);
   const auto fieldNeeds = [](const MatchField& field) { return needsFields(field); };
   const auto parameterNeeds = [](const Action_Param& parameter) { return needsFields(parameter); };
   bool anyHighId = false;
@@ -117,7 +120,7 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   for (const auto& action : all.actions()) {
     extensions.fields |= std::ranges::any_of(action.params(), parameterNeeds);
   }
-  for (const auto& header : p4Info.controller_packet_metadata()) {
+  for (const auto& header : all.controller_packet_metadata()) {
     extensions.packetHeaders |= needsPacketHeaders(header);
   }
   return extensions;
@@ -132,6 +135,13 @@ bool namesEgressPort(const p4::config::v1::P4Info& p4Info) {
   });
 }
 
+p4::config::v1::P4Info withAdditions(const p4::config::v1::P4Info& p4Info,
+                                     const Extensions& extensions) {
+  p4::config::v1::P4Info all =
+      extensions.strings ? pi::fe::proto::with_translation_tables(p4Info) : p4Info;
+  return extensions.entities ? pi::fe::proto::with_entity_tables(all) : all;
+}
+
 Extensions readExtensions(const cJSON& p4rtc, Findings* findings) {
   Extensions extensions;
   const cJSON* object = cJSON_GetObjectItemCaseSensitive(&p4rtc, "extensions");
@@ -142,6 +152,10 @@ Extensions readExtensions(const cJSON& p4rtc, Findings* findings) {
   }
   for (const cJSON* item = object->child; item != nullptr; item = item->next) {
     readKey(*item, &extensions, findings);
+  }
+  if (extensions.strings && !extensions.fields) {
+    findings->error("the device configuration",
+                    "asks for the extension \"strings\" without \"fields\", which it needs");
   }
   return extensions;
 }

@@ -33,6 +33,10 @@ struct Extensions {
   // digests have tables. Key "entities".
   bool entities = false;
 
+  // Values of translated types are strings to controllers, and numbers in rows. Needs `fields`. Key
+  // "strings".
+  bool strings = false;
+
   bool any() const { return *this != Extensions{}; }
   friend bool operator==(const Extensions&, const Extensions&) = default;
 };
@@ -48,6 +52,10 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info);
 // Whether packets out name their port, so that a packed header serves them as well as one of
 // before: only with a packed one may controllers leave fields out.
 bool namesEgressPort(const p4::config::v1::P4Info& p4Info);
+
+// The P4Info with all that the extensions add to it: tables, and widths of translated strings.
+p4::config::v1::P4Info withAdditions(const p4::config::v1::P4Info& p4Info,
+                                     const Extensions& extensions);
 
 // Of the object "p4rtc". An unknown key, or another value than 1, is an error: the file would run
 // by half.

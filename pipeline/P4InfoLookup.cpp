@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-#include "PI/frontends/proto/entity_tables.h"
 #include "PI/frontends/proto/p4info_fault.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "pipeline/Extensions.h"
@@ -83,8 +82,7 @@ std::string listed(const std::vector<std::string>& names) {
 }  // namespace
 
 P4InfoLookup::P4InfoLookup(const P4Info& p4Info, const Extensions& extensions)
-    : P4InfoLookup(std::make_shared<const P4Info>(
-          extensions.entities ? pi::fe::proto::with_entity_tables(p4Info) : p4Info)) {}
+    : P4InfoLookup(std::make_shared<const P4Info>(withAdditions(p4Info, extensions))) {}
 
 P4InfoLookup::P4InfoLookup(std::shared_ptr<const P4Info> extended)
     : extended_(std::move(extended)),

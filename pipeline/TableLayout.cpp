@@ -24,6 +24,13 @@ struct Refusal {
 
 size_t byteCount(uint32_t bits) { return (bits + 7) / 8; }
 
+// Empty where a definition cannot have the name.
+template <typename Value>
+std::string namedType(const Value& value) {
+  const std::string& type = value.type_name().name();
+  return isName(value) && legalName(type, "") == type ? type : "";
+}
+
 class SlotMaker {
  public:
   explicit SlotMaker(const Extensions& extensions) : extensions_(extensions) {}
@@ -49,6 +56,7 @@ class SlotMaker {
     const ColumnChoice choice =
         lpm ? prefixColumn(field, extensions_) : keyColumn(field, extensions_);
     if (!choice.refusal.empty()) throw Refusal{what + choice.refusal};
+    named_ = namedType(field);
     const std::string name =
         names_.take(legalName(field.name(), "field_" + std::to_string(field.id())));
     addSlots(field, name, choice.type);
@@ -86,6 +94,8 @@ class SlotMaker {
 
   void add(std::string name, std::string type, SlotRole role, uint32_t bits) {
     slots_.push_back({std::move(name), std::move(type), role, bits, field_});
+    const bool isValue = isFirst(role) || role == SlotRole::high;
+    if (isValue && slots_.back().type == "U32") slots_.back().named = named_;
   }
 
   void checkLimits() const {
@@ -109,6 +119,7 @@ class SlotMaker {
   std::vector<Slot> slots_;
   UniqueNames names_;
   size_t field_ = 0;
+  std::string named_;
 };
 
 // People use the alias, which is unique among its kind.
@@ -130,7 +141,7 @@ ActionShape actionShape(const p4::config::v1::Action& action, std::string name,
     bytes += byteCount(bits);
     shape.fields.push_back(
         {names.take(legalName(parameter.name(), "param_" + std::to_string(parameter.id()))),
-         choice.type, bits, isInNetworkOrder(parameter)});
+         choice.type, bits, isInNetworkOrder(parameter), namedType(parameter)});
   }
   if (bytes > maxPiBytes) throw Refusal{"its parameters have " + std::to_string(bytes) + " bytes"};
   return shape;
@@ -312,14 +323,18 @@ const char* roleText(const Slot& slot) {
   return "";
 }
 
+std::string typeText(const std::string& type, const std::string& named) {
+  return named.empty() ? type : type + " named " + named;
+}
+
 std::string columnText(const Slot& slot) {
-  return "key " + slot.name + " : " + slot.type + roleText(slot) + ";\n";
+  return "key " + slot.name + " : " + typeText(slot.type, slot.named) + roleText(slot) + ";\n";
 }
 
 std::string actionText(const ActionShape& action) {
   std::string text = "  " + action.name + ' ' + std::to_string(action.id) + " {";
   for (const ActionField& field : action.fields)
-    text += ' ' + field.name + " : " + field.type + ';';
+    text += ' ' + field.name + " : " + typeText(field.type, field.named) + ';';
   if (action.fields.empty()) text += " none : Void;";
   return text + " }\n";
 }

@@ -43,6 +43,8 @@ struct Slot {
   SlotRole role = SlotRole::exact;
   uint32_t bits = 0;
   size_t field = 0;  // position among the P4 table's match fields
+  // The translated type of the strings that its numbers stand for; empty for other numbers.
+  std::string named = {};
 
   bool hasColumn() const { return type != "PrefixLen"; }  // else it is in the IpGenPrefix before it
 };
@@ -52,6 +54,7 @@ struct ActionField {
   std::string type;
   uint32_t bits = 0;
   bool networkOrder = false;  // else its 2 or 4 bytes are turned to host order
+  std::string named = {};     // as of a slot
 };
 
 struct ActionShape {

@@ -261,6 +261,10 @@ void Agent::doBuildServer() {
       [server = piServer().get()](uint32_t level) { server->setOperationPermissionLevel(level); });
   piServerInitSmIs(korvelPiServerInitSmFactory(p4TableInfo(), p4RtSystemConfig(),
                                                p4RtSystemStatus(), piServer(), tableImpl()));
+  fixedNames_ =
+      Vela::make<FixedNames>(piServer()->deviceId(), translationConfigDir_, translationStatus_,
+                             [this] { return tableImpl()->restoring(); });
+  piServerInitSm()->beforeServingIs([this] { fixedNames_->apply(); });
   changes_.push_back(
       piServerInitSm()->installsAttribute().observe([this] { p4TableInfoSm()->handleServed(); }));
 }

@@ -11,6 +11,7 @@
 #include "P4Runtime/agent/AgentStatus.h"
 #include "P4Runtime/agent/CliSm.h"
 #include "P4Runtime/agent/ElectionIds.h"
+#include "P4Runtime/agent/FixedNames.h"
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
 #include "P4Runtime/agent/P4RtSystemConfigSm.h"
@@ -133,6 +134,9 @@ class Agent : public Vela::Entity {
   std::unique_ptr<Lattice::Database> tables_;
   Vela::Ptr<Pollen::TypeService> typeService_;
   Vela::Ptr<const HwStatusDir> hwStatusDir_;
+  Vela::Ptr<const P4RuntimeConfig::TranslationConfigDir> translationConfigDir_;
+  Vela::Ptr<P4RuntimeConfig::TranslationStatus> translationStatus_;
+  Vela::Ptr<FixedNames> fixedNames_;
   Vela::Ptr<AgentStatus> status_;
   Vela::UniqueFd notifyEvent_;
   std::unique_ptr<DerivedFailures> derivedFailures_;

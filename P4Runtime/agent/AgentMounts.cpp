@@ -14,6 +14,8 @@ using P4RuntimeConfig::P4RtSystemConfig;
 using P4RuntimeConfig::P4RtSystemStatus;
 using P4RuntimeConfig::PortMappingConfigDir;
 using P4RuntimeConfig::PortMappingStatus;
+using P4RuntimeConfig::TranslationConfigDir;
+using P4RuntimeConfig::TranslationStatus;
 
 struct MountDeclaration {
   const char* path;
@@ -31,8 +33,10 @@ constexpr MountDeclaration mounts[] = {
     {"p4runtime/config/system", "P4RuntimeConfig::P4RtSystemConfig", "r"},
     {"p4runtime/status/system", "P4RuntimeConfig::P4RtSystemStatus", "w"},
     {"p4runtime/config/port-mapping", directory, "ri"},
+    {"p4runtime/config/translation", directory, "ri"},
     {"p4runtime/status/plugin", directory, "wci"},
     {"p4runtime/status/port-mapping", "P4RuntimeConfig::PortMappingStatus", "w"},
+    {"p4runtime/status/translation", "P4RuntimeConfig::TranslationStatus", "w"},
     {"lattice/config/query/p4runtime", "Pollen::QueryConfigDir", "wc"},
     {"lattice/status/query/p4runtime", "Pollen::QueryStatusDir", "wc"},
     {"lattice/config/type/p4runtime", "Pollen::TypeConfigDir", "wc"},
@@ -89,6 +93,9 @@ void Agent::doFetchMounts(const Orrery::EntityManager& manager) {
   p4RtPortMappingConfigDirIs(
       manager.entity<const PortMappingConfigDir>("p4runtime/config/port-mapping"));
   p4RtPortMappingStatusIs(manager.entity<PortMappingStatus>("p4runtime/status/port-mapping"));
+  translationConfigDir_ =
+      manager.entity<const TranslationConfigDir>("p4runtime/config/translation");
+  translationStatus_ = manager.entity<TranslationStatus>("p4runtime/status/translation");
   hwStatusDir_ = manager.entity<const HwStatusDir>("openflow/kestrelhwstatusdir");
   agentConfigIs(manager.entity<AgentConfig>("p4runtime/config/agent"));
 }
@@ -105,6 +112,8 @@ extern "C" void korvelAgentRegisterTypes() {
   types.typeIs<P4RtSystemStatus>("P4RuntimeConfig::P4RtSystemStatus");
   types.typeIs<PortMappingConfigDir>("P4RuntimeConfig::PortMappingConfigDir");
   types.typeIs<PortMappingStatus>("P4RuntimeConfig::PortMappingStatus");
+  types.typeIs<TranslationConfigDir>("P4RuntimeConfig::TranslationConfigDir");
+  types.typeIs<TranslationStatus>("P4RuntimeConfig::TranslationStatus");
   types.typeIs<AgentConfig>("P4Runtime::AgentConfig");
   types.typeIs<CliConfigDir>("P4Runtime::CliConfigDir");
   types.typeIs<CliStatusDir>("P4Runtime::CliStatusDir");

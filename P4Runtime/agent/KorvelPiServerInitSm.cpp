@@ -8,6 +8,7 @@
 
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "P4Runtime/table/restore/ConstantEntries.h"
+#include "PI/frontends/proto/translation_tables.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
@@ -161,6 +162,7 @@ void KorvelPiServerInitSm::doBeginRestore() {
 
 void KorvelPiServerInitSm::doAdvanceRestore(const RestoreSlice& slice) {
   if (!maybeFinishRestore(slice)) return doPostRestoreTurn();
+  if (beforeServing_) beforeServing_();
   pi_restore_done(server()->deviceId());
   push_.open();
   installsIs(installs() + 1);
@@ -201,6 +203,9 @@ void KorvelPiServerInitSm::programConstantTables() {
     if (rid.type == tableResource) rids.push_back(rid);
   }
   std::sort(rids.begin(), rids.end());
+  std::ranges::stable_partition(rids, [](const ResourceId& rid) {  // names before their users
+    return pi::fe::proto::is_translation_table(rid.id);
+  });
   const uint64_t push = tableImpl()->pushOfEntries();
   const bool initialOnes = tableImpl()->constantEntries().initialEntriesAreDue(push);
   bool anyInitial = false;

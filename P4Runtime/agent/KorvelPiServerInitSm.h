@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
@@ -39,6 +40,8 @@ class KorvelPiServerInitSm : public Vela::Entity {
  public:
   // How much of a restore is done in one turn of the reactor; others are served in between.
   void restoreSliceIs(const RestoreSlice& slice) { slice_ = slice; }
+  // Called once the entries are back, before controllers get in.
+  void beforeServingIs(std::function<void()> call) { beforeServing_ = std::move(call); }
   void handleInitialized();
   void doSpawnServerThread();
   void handleTableInfoState();
@@ -67,6 +70,7 @@ class KorvelPiServerInitSm : public Vela::Entity {
   // Short, since `korvel status` makes some fifteen requests, and each may wait for a slice.
   RestoreSlice slice_ = RestoreSlice::ofTime(std::chrono::milliseconds(3));
   bool turnIsPosted_ = false;
+  std::function<void()> beforeServing_;
   WriteGate::Closer noPipeline_{"no pipeline is ready"};
   WriteGate::Closer push_{"a pipeline takes the place of another"};
   WriteGate::Closer move_{"the server is moving to another address"};

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
+#include "PI/frontends/proto/translation_tables.h"
 #include "PI/target/pi_extensions_imp.h"
 #include "pipeline/ColumnType.h"
 #include "pipeline/Extensions.h"
@@ -58,6 +59,15 @@ uint32_t preambleId(const cJSON* element) {  // 0 when absent
 
 std::string preambleName(const cJSON* element) {
   return Vela::jsonString(Vela::jsonObject(element, "preamble"), "name").value_or("");
+}
+
+// Whether the number stands for a string of a translated type.
+bool isName(const cJSON* value) {
+  for (const cJSON* annotation : Vela::JsonElements(Vela::jsonArray(value, "annotations"))) {
+    const char* const text = cJSON_GetStringValue(annotation);
+    if (text != nullptr && std::string_view(text) == pi::fe::proto::kNameAnnotation) return true;
+  }
+  return false;
 }
 
 // Appends the slots of one match field; returns whether entries need a priority for it.
@@ -120,7 +130,7 @@ void P4TableInfoSm::parseP4InfoActions(const cJSON* p4Info) {
     for (const cJSON* parameter : Vela::JsonElements(Vela::jsonArray(action, "params"))) {
       const std::string name = Vela::jsonString(parameter, "name").value_or("");
       const uint32_t slot = layout.append(Vela::jsonNumber(parameter, "bitwidth").value_or(0));
-      if (Pipeline::isInNetworkOrder(name)) layout.networkOrder(slot);
+      if (Pipeline::isInNetworkOrder(name) && !isName(parameter)) layout.networkOrder(slot);
       ++parameters;
     }
     if (parameters == 0) layout.append(0);

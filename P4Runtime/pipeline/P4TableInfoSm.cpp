@@ -12,7 +12,6 @@
 #include <utility>
 
 #include "P4Runtime/pipeline/ParsingStatus.h"
-#include "PI/frontends/proto/entity_tables.h"
 #include "p4/tmp/p4config.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/FileKind.h"
@@ -215,9 +214,7 @@ NextPipeline P4TableInfoSm::checkedPipeline(
   requireRunnable(verdict.findings);
   next.refused = std::move(verdict.refused);
   next.extensions = verdict.extensions;
-  next.modelJson = next.extensions.entities
-                       ? jsonOf(pi::fe::proto::with_entity_tables(request.config().p4info()))
-                       : next.p4InfoJson;
+  next.modelJson = jsonOf(Pipeline::withAdditions(request.config().p4info(), next.extensions));
   return next;
 }
 

@@ -141,3 +141,10 @@ pi_status_t pi_restore_done(pi_dev_id_t dev_id) {
     return frontend.hooks.restore_done(frontend.cookie, dev_id);
   });
 }
+
+pi_status_t pi_fixed_names_set(pi_dev_id_t dev_id, pi_fixed_name_t* names, size_t count) {
+  return toFrontend(dev_id, [&](const Frontend& frontend) {
+    if (!frontend.hooks.fixed_names) return static_cast<pi_status_t>(PI_STATUS_SUCCESS);
+    return frontend.hooks.fixed_names(frontend.cookie, dev_id, names, count);
+  });
+}

@@ -70,6 +70,10 @@ pi_status_t tableEntryIdle(void* cookie, pi_dev_id_t, pi_p4_id_t tableId,
 
 pi_status_t restoreDone(void* cookie, pi_dev_id_t) { return imp(cookie).handleRestoreDone(); }
 
+pi_status_t fixedNames(void* cookie, pi_dev_id_t, pi_fixed_name_t* names, size_t count) {
+  return imp(cookie).fixedNamesAre({names, count});
+}
+
 // The outcome of a batch comes from its status vector, so nothing hears of entries one by one.
 constexpr size_t kFewUpdates = 32;  // of several Writes: waking up would take longer
 constexpr pi_frontend_hooks_t kHooks{.entry_status_changed = nullptr,
@@ -80,7 +84,8 @@ constexpr pi_frontend_hooks_t kHooks{.entry_status_changed = nullptr,
                                      .restore_done = restoreDone,
                                      .restore_expect = restoreExpect,
                                      .digest_message = digestMessage,
-                                     .table_entry_idle = tableEntryIdle};
+                                     .table_entry_idle = tableEntryIdle,
+                                     .fixed_names = fixedNames};
 
 pi_batch_fate_t fateOf(const p4::v1::WriteRequest& request) {
   switch (request.atomicity()) {
@@ -246,6 +251,13 @@ pi_status_t DeviceMgrImp::restoreExpects(size_t tableEntries) {
   const std::shared_ptr<Pipeline> restoring = restoringPipeline();
   if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
   restoring->restoreExpects(tableEntries);
+  return PI_STATUS_SUCCESS;
+}
+
+pi_status_t DeviceMgrImp::fixedNamesAre(std::span<pi_fixed_name_t> names) {
+  for (pi_fixed_name_t& name : names) name.fault = PI_FIXED_NAME_TAKEN;
+  const std::shared_ptr<Pipeline> current = pipeline();
+  if (current != nullptr) current->fixedNamesAre(names);
   return PI_STATUS_SUCCESS;
 }
 

@@ -71,6 +71,7 @@ class DeviceMgrImp {
   pi_status_t handleRestoreDone();
   pi_status_t digestMessage(pi_p4_id_t digestId, std::string_view message);
   pi_status_t entryIdle(pi_p4_id_t tableId, const pi_match_key_t& key) const;
+  pi_status_t fixedNamesAre(std::span<pi_fixed_name_t> names);
 
   std::shared_ptr<Pipeline> pipeline() const;
 

@@ -8,6 +8,9 @@
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/restore/FetchedTable.h"
 #include "PI/frontend/store/EntityRows.h"
+#include "PI/frontend/store/HeldNames.h"
+#include "PI/frontend/store/NameCodec.h"
+#include "PI/frontend/store/NameEntries.h"
 #include "PI/target/pi_extensions_imp.h"
 #include "p4/tmp/p4config.pb.h"
 
@@ -40,7 +43,7 @@ Pipeline::Pipeline(const p4::v1::ForwardingPipelineConfig& config)
       deviceData_(deviceDataOf(config_)),
       abilities_(abilitiesOf(deviceData_)),
       index_(config_.p4info(), abilities_),
-      packetHeaders_(config_.p4info(), abilities_.packet_headers != 0),
+      packetHeaders_(config_.p4info(), abilities_.packet_headers != 0, &index_),
       p4info_{const_cast<P4InfoIndex*>(&index_)} {
   restored_.emplace(index_, store_, use_);
 }
@@ -66,6 +69,7 @@ pi_status_t Pipeline::restoredGroupIs(uint32_t profileId, uint32_t controllerId,
 pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& key,
                                       const pi_table_entry_t& given, uint64_t handle,
                                       uint64_t controllerMetadata, std::string_view metadata) {
+  if (NamedType* type = index_.namedType(tableId)) return restoredNameIs(*type, key, given);
   const TablePlan* table = index_.table(tableId);
   if (table == nullptr) return PI_STATUS_NETV_INVALID_OBJ_ID;
   if ((key.priority != 0) != table->needsPriority || key.priority > INT32_MAX) {
@@ -85,8 +89,29 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   return adopted ? PI_STATUS_SUCCESS : PI_STATUS_INVALID_ENTRY_TYPE;
 }
 
+pi_status_t Pipeline::restoredNameIs(NamedType& type, const pi_match_key_t& key,
+                                     const pi_table_entry_t& given) {
+  const std::optional<EntryPtr> entry = entryOf(*type.table, key, given, 0);
+  const auto pair = entry ? namePair(type, **entry) : std::nullopt;
+  const bool isTaken = pair && type.names.restoredIs(pair->number, pair->name);
+  return isTaken ? PI_STATUS_SUCCESS : PI_STATUS_INVALID_ENTRY_TYPE;
+}
+
+// The program's own entries need it as long as the pipeline runs.
+pi_status_t Pipeline::constantNameIs(NamedType& type, const pi_match_key_t& key,
+                                     const pi_table_entry_t* given) {
+  if (key.data_size != kNumberBytes) return PI_STATUS_INVALID_ENTRY_TYPE;
+  if (given != nullptr) {
+    const pi_status_t status = restoredNameIs(type, key, *given);
+    if (status != PI_STATUS_SUCCESS) return status;
+  }
+  type.names.hold(numberAt(reinterpret_cast<const uint8_t*>(key.data)));
+  return PI_STATUS_SUCCESS;
+}
+
 pi_status_t Pipeline::constantEntryIs(uint32_t tableId, const pi_match_key_t& key,
                                       const pi_table_entry_t* given, uint64_t handle) {
+  if (NamedType* type = index_.namedType(tableId)) return constantNameIs(*type, key, given);
   if (given != nullptr) {
     const pi_status_t status = restoredEntryIs(tableId, key, *given, handle, 0, {});
     if (status != PI_STATUS_SUCCESS) return status;
@@ -103,6 +128,7 @@ bool Pipeline::adoptEntry(const TablePlan& table, EntryPtr entry) {
     entry = restored_ ? restored_->resolve(table, *entry) : EntryPtr();
     if (!entry) return false;
   }
+  holdNames(table, &table, *entry);
   if (table.profile != nullptr) {
     const EntryPtr former = store_.entry(entry->key());
     use_.countChange(*table.profile, former.get(), entry.get());
@@ -120,11 +146,30 @@ void Pipeline::enterAdopted() {
   adopted_.clear();
 }
 
+void Pipeline::fixedNamesAre(std::span<pi_fixed_name_t> names) {
+  for (const auto& type : index_.namedTypes()) {
+    std::vector<Dictionary::Pair> pairs;
+    std::vector<pi_fixed_name_t*> given;
+    for (pi_fixed_name_t& name : names) {
+      if (type->names.type() != name.type) continue;
+      pairs.push_back({name.number, {name.name, name.name_size}});
+      given.push_back(&name);
+    }
+    const auto faults = type->names.fixedAre(pairs);
+    for (size_t i = 0; i < given.size(); ++i) {
+      given[i]->fault = faults[i] == Dictionary::Fault::none          ? PI_FIXED_NAME_TAKEN
+                        : faults[i] == Dictionary::Fault::nameIsTaken ? PI_FIXED_NAME_HAS_NUMBER
+                                                                      : PI_FIXED_NAME_NUMBER_TAKEN;
+    }
+  }
+}
+
 void Pipeline::restoreExpects(size_t entries) { store_.reserve(entries); }
 
 bool Pipeline::doFinishRestore(const TargetSession& session) {
   const bool complete = doAdoptInitialEntries(session);
   enterAdopted();
+  for (const auto& type : index_.namedTypes()) type->names.nameLost();
   if (restored_) restored_->doDeleteUnclaimed(session);
   restored_.reset();
   return complete;

@@ -10,6 +10,7 @@
 #include "PI/frontend/store/ProfileUse.h"
 #include "PI/frontend/target/TargetSession.h"
 #include "PI/int/pi_int.h"
+#include "PI/pi_extensions.h"
 
 namespace pi::fe::proto {
 
@@ -57,11 +58,18 @@ class Pipeline {
   // `given` is null for an entry that was restored.
   pi_status_t constantEntryIs(uint32_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t* given, uint64_t handle);
+  // Names with numbers of the configuration, in place of the former ones; any thread. Sets their
+  // faults.
+  void fixedNamesAre(std::span<pi_fixed_name_t> names);
   // Ends the restore, after the last object. The target programs constant and initial entries by
   // itself. Takes the target's lock. False when it could not list the entries of some table.
   bool doFinishRestore(const TargetSession& session);
 
  private:
+  pi_status_t restoredNameIs(NamedType& type, const pi_match_key_t& key,
+                             const pi_table_entry_t& given);
+  pi_status_t constantNameIs(NamedType& type, const pi_match_key_t& key,
+                             const pi_table_entry_t* given);
   bool adoptEntry(const TablePlan& table, EntryPtr entry);
   void enterAdopted();
   bool doAdoptInitialEntries(const TargetSession& session);

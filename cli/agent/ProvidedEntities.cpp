@@ -25,10 +25,12 @@ constexpr Provided provided[] = {
     {"p4runtime/config/plugin", "P4Runtime::PluginConfigDir"},
     {"p4runtime/config/plugin/all", "P4Runtime::AllPluginConfig"},
     {"p4runtime/config/port-mapping", "P4RuntimeConfig::PortMappingConfigDir"},
+    {"p4runtime/config/translation", "P4RuntimeConfig::TranslationConfigDir"},
     {"p4runtime/config/system", "P4RuntimeConfig::P4RtSystemConfig"},
     {"p4runtime/status/cli", "P4Runtime::CliStatusDir"},
     {"p4runtime/status/port-mapping", "P4RuntimeConfig::PortMappingStatus"},
     {"p4runtime/status/system", "P4RuntimeConfig::P4RtSystemStatus"},
+    {"p4runtime/status/translation", "P4RuntimeConfig::TranslationStatus"},
 };
 
 }  // namespace

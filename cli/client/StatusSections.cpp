@@ -15,6 +15,7 @@ using Vela::Json;
 
 constexpr const char* pipelinePath = "p4runtime/status/pipeline";
 constexpr const char* portsPath = "p4runtime/status/port-mapping";
+constexpr const char* translationPath = "p4runtime/status/translation";
 constexpr const char* queriesPath = "lattice/status/query/p4runtime";
 constexpr const char* vrfsPath = "p4runtime/status/vrf";
 
@@ -85,6 +86,14 @@ void printPorts(const cJSON* ports) {
   }
 }
 
+// Names that the configuration cannot fix.
+void printTranslation(const cJSON* translation) {
+  Section section("translation");
+  for (const auto& [name, reason] : sortedEntries(translation, "refused")) {
+    section.line(fmt::format("{} refused: {}", name, reason));
+  }
+}
+
 std::string queryText(const cJSON* query) {
   const std::string reason = textOf(query, "reason");
   if (!reason.empty()) return "failed: " + reason;
@@ -137,6 +146,7 @@ std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attr
 void addStatusSections(Orrery::Client& client, cJSON* status) {
   add(status, "pipeline", attributesAt(client, pipelinePath));
   add(status, "ports", attributesAt(client, portsPath));
+  add(status, "translation", attributesAt(client, translationPath));
   add(status, "queries", childrenAt(client, queriesPath));
   add(status, "vrfs", attributesAt(client, vrfsPath));
 }
@@ -147,6 +157,7 @@ void printStatusSections(const cJSON& status) {
   };
   printPipeline(section("pipeline"));
   printPorts(section("ports"));
+  printTranslation(section("translation"));
   printQueries(section("queries"));
   printVrfs(section("vrfs"));
 }

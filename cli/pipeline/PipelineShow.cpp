@@ -57,11 +57,16 @@ std::string countText(int count, const std::string& what) {
   return fmt::format("{} {}{}", count, what, count == 1 ? "" : "s");
 }
 
+std::string widthText(const cJSON* field) {
+  const uint32_t bits = number(field, "bitwidth");
+  return bits == 0 ? "string" : fmt::format("bit<{}>", bits);
+}
+
 std::string fieldsText(const cJSON* object, const char* key) {
   std::string list;
   for (const cJSON* field : Items(object, key)) {
-    list += fmt::format("{}{}: bit<{}>", list.empty() ? "" : ", ", text(field, "name"),
-                        number(field, "bitwidth"));
+    list +=
+        fmt::format("{}{}: {}", list.empty() ? "" : ", ", text(field, "name"), widthText(field));
   }
   return list;
 }
@@ -143,8 +148,8 @@ std::string tableText(const cJSON* table) {
     page += fmt::format("  CANNOT BE PROGRAMMED: {}\n", text(table, "reason"));
   for (const cJSON* field : Items(table, "match_fields")) {
     const std::string column = text(field, "column");
-    page += fmt::format("  key     {:<32} {:<9} {:<9}{}\n", text(field, "name"),
-                        fmt::format("bit<{}>", number(field, "bitwidth")), text(field, "match"),
+    page += fmt::format("  key     {:<32} {:<9} {:<9}{}\n", text(field, "name"), widthText(field),
+                        text(field, "match"),
                         column.empty() ? "" : column + " : " + text(field, "column_type"));
   }
   // The entries of a profile's table name members and groups; these hold the actions.

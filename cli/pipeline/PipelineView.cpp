@@ -54,6 +54,7 @@ class ViewMaker {
     auto config = parseDeviceConfig(*json, &findings);
     if (!config) requireNone(findings, path);
     config_ = *std::move(config);
+    names_ = namesIn(config_, p4Info_);
     const P4InfoLookup all(p4Info_, config_.extensions);
     layout_ = pipelineLayout(all, config_.extensions, &findings);
     types_ = checkTypes(config_, &findings);
@@ -189,7 +190,7 @@ class ViewMaker {
     for (const DeviceEntry& entry : device.entries) {
       cJSON* item = Vela::addObjectTo(entries);
       try {
-        const EntryText text = entryText(entry, table, *layout, index_);
+        const EntryText text = entryText(entry, table, *layout, index_, names_);
         addPairs(item, "match", text.match);
         Vela::addNumber(item, "priority", entry.priority);
         Vela::addString(item, "action", text.action);
@@ -235,6 +236,7 @@ class ViewMaker {
   const p4::v1::SetForwardingPipelineConfigRequest& request_;
   const p4::config::v1::P4Info& p4Info_;
   const P4InfoLookup index_;
+  NamesByNumber names_;
   Vela::Json root_;
   PipelineLayout layout_;
   Refused refused_;

@@ -22,9 +22,12 @@ std::string hexText(std::string_view bytes) {
 }
 
 // Columns of a key or a value; the raw bytes when they do not have the type's layout.
-std::vector<ColumnText> columns(const DumpedTable& table, const std::string& bytes, bool key) {
+std::vector<ColumnText> columns(const TableDump& dump, const DumpedTable& table,
+                                const std::string& bytes, bool key) {
   try {
-    if (table.type) return key ? keyTexts(*table.type, bytes) : valueTexts(*table.type, bytes);
+    if (table.type) {
+      return key ? keyColumns(dump.names, table, bytes) : valueColumns(dump.names, table, bytes);
+    }
   } catch (const Lattice::TypeError&) {
   }
   return {{key ? "key" : "value", hexText(bytes)}};
@@ -95,8 +98,9 @@ std::string targetText(const TableDump& dump, const IndirectTarget& target) {
 }
 
 // The columns that have no better form.
-std::vector<ColumnText> plainColumns(const DumpedTable& table, const DumpedRow& row) {
-  std::vector<ColumnText> texts = columns(table, row.value, false);
+std::vector<ColumnText> plainColumns(const TableDump& dump, const DumpedTable& table,
+                                     const DumpedRow& row) {
+  std::vector<ColumnText> texts = columns(dump, table, row.value, false);
   const bool leads = table.kind == TableKind::indirect && indirectTarget(table, row);
   std::erase_if(texts, [&](const ColumnText& column) {
     const bool direct = column.name.starts_with("meter.") || column.name.starts_with("counter.");
@@ -115,7 +119,7 @@ std::string valueText(const TableDump& dump, const DumpedTable& table, const Dum
   if (table.kind == TableKind::indirect) {
     if (const auto target = indirectTarget(table, row)) text = targetText(dump, *target);
   }
-  append(text, joined(plainColumns(table, row)));
+  append(text, joined(plainColumns(dump, table, row)));
   if (!table.type) return text;
   if (const auto meter = Lattice::meterOfRow(*table.type, row.value)) {
     append(text, meter->given ? fmt::format("meter cir={} cburst={} pir={} pburst={}", meter->cir,
@@ -217,8 +221,8 @@ std::string rowLine(const TableDump& dump, const DumpedTable& table, const Dumpe
                     const std::optional<RowCount>& count) {
   if (table.kind == TableKind::member) return memberLine(dump, profileId(row));
   if (table.kind == TableKind::group) return groupLine(dump, profileId(row));
-  std::string line =
-      fmt::format("  {} -> {}", joined(columns(table, row.key, true)), valueText(dump, table, row));
+  std::string line = fmt::format("  {} -> {}", joined(columns(dump, table, row.key, true)),
+                                 valueText(dump, table, row));
   if (count) line += countText(*count);
   if (row.entryHandle != 0) line += fmt::format("  [handle {}", row.entryHandle);
   if (row.entryHandle != 0) line += row.state.empty() ? "]" : ", " + row.state + "]";
@@ -229,9 +233,10 @@ std::string rowJson(const TableDump& dump, const DumpedTable& table, const Dumpe
                     const std::optional<RowCount>& count) {
   const Json json(cJSON_CreateObject());
   cJSON_AddStringToObject(json.get(), "table", table.name.c_str());
-  cJSON_AddItemToObject(json.get(), "key", columnsJson(columns(table, row.key, true)).release());
+  cJSON_AddItemToObject(json.get(), "key",
+                        columnsJson(columns(dump, table, row.key, true)).release());
   cJSON_AddItemToObject(json.get(), "value",
-                        columnsJson(columns(table, row.value, false)).release());
+                        columnsJson(columns(dump, table, row.value, false)).release());
   if (table.kind == TableKind::member) addMember(json.get(), dump, profileId(row));
   if (table.kind == TableKind::group) addGroup(json.get(), dump, profileId(row));
   if (table.kind == TableKind::indirect) {

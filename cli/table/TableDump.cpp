@@ -75,9 +75,18 @@ void addRows(Brine::Snapshot& snapshot, DumpedTable& table) {
   std::ranges::sort(table.rows, {}, &DumpedRow::key);
 }
 
-DumpedMember memberOf(const DumpedTable& table, const DumpedRow& row) {
+DumpedNames namesIn(Brine::Snapshot& snapshot, const std::vector<DumpedTable>& tables) {
+  DumpedNames names;
+  for (const DumpedTable& table : tables) {
+    if (!isNameTable(table)) continue;
+    eachRow(snapshot, table, [&](const DumpedRow& row) { addName(table, row, &names); });
+  }
+  return names;
+}
+
+DumpedMember memberOf(const DumpedNames& names, const DumpedTable& table, const DumpedRow& row) {
   try {
-    return {.action = valueTexts(*table.type, row.value)};
+    return {.action = valueColumns(names, table, row.value)};
   } catch (const Lattice::TypeError&) {
     return {.action = {{"action", "unreadable"}}};
   }
@@ -108,12 +117,13 @@ void eachCached(Brine::Snapshot& snapshot, const char* cache, size_t idAt, size_
   });
 }
 
-DumpedProfiles profilesIn(Brine::Snapshot& snapshot, const std::vector<DumpedTable>& tables) {
+DumpedProfiles profilesIn(Brine::Snapshot& snapshot, const std::vector<DumpedTable>& tables,
+                          const DumpedNames& names) {
   DumpedProfiles profiles;
   for (const DumpedTable& table : tables) {
     if (table.kind == TableKind::member) {
       eachRow(snapshot, table, [&](const DumpedRow& row) {
-        profiles.members[profileId(row)] = memberOf(table, row);
+        profiles.members[profileId(row)] = memberOf(names, table, row);
       });
     } else if (table.kind == TableKind::group) {
       eachRow(snapshot, table,
@@ -217,7 +227,8 @@ TableDump dumpTables(const std::string& stateDirectory, const std::vector<std::s
   const bool leadsThere = std::ranges::any_of(dump.tables, [](const DumpedTable& table) {
     return table.kind != TableKind::direct && !table.rows.empty();
   });
-  if (leadsThere) dump.profiles = profilesIn(*snapshot, all);
+  if (withRows) dump.names = namesIn(*snapshot, all);
+  if (leadsThere) dump.profiles = profilesIn(*snapshot, all, dump.names);
   for (const auto& record : snapshot->damagedRecords()) {
     dump.damaged.push_back(damagedText(record, all));
   }

@@ -48,9 +48,13 @@ struct DumpedProfiles {
   std::unordered_map<uint32_t, DumpedGroup> groups;
 };
 
+// The strings that numbers of translated types stand for, by type and number.
+using DumpedNames = std::unordered_map<std::string, std::unordered_map<uint32_t, std::string>>;
+
 struct TableDump {
   std::vector<DumpedTable> tables;
   DumpedProfiles profiles;           // of all tables, when a row of `tables` can lead there
+  DumpedNames names;                 // of the types that columns of `tables` have
   std::vector<std::string> damaged;  // table and key of the records that were left out
 };
 
@@ -66,5 +70,14 @@ struct IndirectTarget {
   uint32_t id = 0;
 };
 std::optional<IndirectTarget> indirectTarget(const DumpedTable& table, const DumpedRow& row);
+// Columns for people, numbers of translated types as their strings in quotes. Throws
+// Lattice::TypeError when the bytes do not have the table's layout.
+std::vector<Lattice::ColumnText> keyColumns(const DumpedNames& names, const DumpedTable& table,
+                                            const std::string& key);
+std::vector<Lattice::ColumnText> valueColumns(const DumpedNames& names, const DumpedTable& table,
+                                              const std::string& value);
+// Tables of such strings.
+bool isNameTable(const DumpedTable& table);
+void addName(const DumpedTable& table, const DumpedRow& row, DumpedNames* names);
 // The id that keys a row of a member or group table.
 uint32_t profileId(const DumpedRow& row);

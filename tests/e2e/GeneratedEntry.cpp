@@ -50,14 +50,40 @@ std::string GeneratedEntries::obstacle(const Table& table) const {
   if (table.match_fields().empty()) return "it has no key";
   for (const MatchField& field : table.match_fields()) {
     if (field.match_case() != MatchField::kMatchType) return "a match of the architecture";
-    if (field.bitwidth() == 0) return "a field without a width";
   }
   return actionsOf(table).empty() ? "it has no action for entries" : "";
 }
 
-bool GeneratedEntries::hasWidths(uint32_t actionId) const {
-  return std::ranges::all_of(pipeline_.action(actionId).params(),
-                             [](const auto& param) { return param.bitwidth() > 0; });
+std::string GeneratedEntries::name() {
+  const uint64_t kind = random_() % 4;
+  const size_t bytes = 1 + random_() % (kind == 0 ? 1000 : kind == 1 ? 128 : 32);
+  std::string result;
+  for (size_t i = 0; i < bytes; ++i) result += static_cast<char>(random_());
+  return result;
+}
+
+std::string GeneratedEntries::value(const auto& declared) {
+  if (declared.bitwidth() == 0) return name();
+  return withoutLeadingZeros(number(static_cast<uint32_t>(declared.bitwidth())));
+}
+
+// Names match whole.
+void GeneratedEntries::fillName(const MatchField& field, p4::v1::FieldMatch* match) {
+  switch (field.match_type()) {
+    case MatchField::LPM:
+      match->mutable_lpm()->set_prefix_len(32);
+      return match->mutable_lpm()->set_value(name());
+    case MatchField::TERNARY:
+      match->mutable_ternary()->set_mask("\xff\xff\xff\xff");
+      return match->mutable_ternary()->set_value(name());
+    case MatchField::RANGE:
+      match->mutable_range()->set_low(name());
+      return match->mutable_range()->set_high(match->range().low());
+    case MatchField::OPTIONAL:
+      return match->mutable_optional()->set_value(name());
+    default:
+      return match->mutable_exact()->set_value(name());
+  }
 }
 
 std::vector<uint32_t> GeneratedEntries::actionsOf(const Table& table) const {
@@ -65,7 +91,7 @@ std::vector<uint32_t> GeneratedEntries::actionsOf(const Table& table) const {
   for (const ActionRef& ref : table.action_refs()) {
     const bool isForEntries =
         ref.scope() == ActionRef::TABLE_AND_DEFAULT || ref.scope() == ActionRef::TABLE_ONLY;
-    if (isForEntries && hasWidths(ref.id())) ids.push_back(ref.id());
+    if (isForEntries) ids.push_back(ref.id());
   }
   return ids;
 }
@@ -76,7 +102,7 @@ std::vector<uint32_t> GeneratedEntries::defaultActionsOf(const Table& table) con
   for (const ActionRef& ref : table.action_refs()) {
     const bool isForDefaults =
         ref.scope() == ActionRef::TABLE_AND_DEFAULT || ref.scope() == ActionRef::DEFAULT_ONLY;
-    if (isForDefaults && hasWidths(ref.id())) ids.push_back(ref.id());
+    if (isForDefaults) ids.push_back(ref.id());
   }
   return ids;
 }
@@ -92,6 +118,7 @@ p4::v1::TableEntry GeneratedEntries::defaultEntry(const Table& table, uint32_t a
 void GeneratedEntries::fill(const MatchField& field, p4::v1::FieldMatch* match) {
   const auto bits = static_cast<uint32_t>(field.bitwidth());
   match->set_field_id(field.id());
+  if (bits == 0) return fillName(field, match);
   switch (field.match_type()) {
     case MatchField::LPM: {
       const auto length = static_cast<uint32_t>(1 + random_() % bits);
@@ -128,7 +155,7 @@ p4::v1::Action GeneratedEntries::action(uint32_t actionId) {
   for (const auto& param : pipeline_.action(actionId).params()) {
     auto* sent = action.add_params();
     sent->set_param_id(param.id());
-    sent->set_value(withoutLeadingZeros(number(static_cast<uint32_t>(param.bitwidth()))));
+    sent->set_value(value(param));
   }
   return action;
 }

@@ -16,8 +16,8 @@ class GeneratedEntries {
   GeneratedEntries(const TestSupport::Pipeline& pipeline, uint64_t seed)
       : pipeline_(pipeline), random_(seed) {}
 
-  // Why no entry of the table can be made; "" when one can. Constant tables, tables without a key,
-  // and strings count as such.
+  // Why no entry of the table can be made; "" when one can. Constant tables and tables without a
+  // key count as such.
   std::string obstacle(const p4::config::v1::Table& table) const;
   // The actions that an entry of the table may have.
   std::vector<uint32_t> actionsOf(const p4::config::v1::Table& table) const;
@@ -34,8 +34,10 @@ class GeneratedEntries {
                                                        uint32_t actionId);
 
  private:
-  bool hasWidths(uint32_t actionId) const;
   std::string number(uint32_t bits, bool isZeroAllowed = true);
+  std::string name();  // of a translated type: any bytes
+  std::string value(const auto& declared);
+  void fillName(const p4::config::v1::MatchField& field, p4::v1::FieldMatch* match);
   void fill(const p4::config::v1::MatchField& field, p4::v1::FieldMatch* match);
   p4::v1::Action action(uint32_t actionId);
   const p4::config::v1::ActionProfile* profileOf(const p4::config::v1::Table& table) const;

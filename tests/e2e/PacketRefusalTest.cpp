@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <mutex>
 #include <thread>
 
 #include "tests/e2e/WiredSwitch.h"
@@ -154,6 +156,51 @@ TEST(PacketIn, ThatEndsWithinItsHeaderIsCountedAndTheNextOneComes) {
   EXPECT_TRUE(waitUntil([&] { return arrived.in > 0; }));
   EXPECT_EQ(arrived.in, 1u);
   EXPECT_TRUE(waitUntil([&] { return tested.count("in") == malformed + 1; }));
+}
+
+// Ports are strings to controllers.
+void portsAreStrings(Pipeline& pipeline) {
+  p4::config::v1::P4Info p4Info = pipeline.p4info();
+  auto& types = *p4Info.mutable_type_info()->mutable_new_types();
+  types["port_id_t"].mutable_translated_type()->mutable_sdn_string();
+  for (auto& header : *p4Info.mutable_controller_packet_metadata()) {
+    header.mutable_metadata(0)->clear_bitwidth();
+    header.mutable_metadata(0)->mutable_type_name()->set_name("port_id_t");
+  }
+  const TempDir directory;
+  std::ofstream(directory.file("p4info.bin")) << p4Info.SerializeAsString();
+  const auto built =
+      run({binaryPath("korvel"), "pipeline", "build", "--p4info", directory.file("p4info.bin"),
+           "--device-id", "1", "--output", directory.file("built.pb.bin")});
+  ASSERT_EQ(built.exit.code, 0) << built.error;
+  pipeline.request() = Pipeline(directory.file("built.pb.bin")).request();
+}
+
+TEST(PortNames, StandForPortsBothWays) {
+  Arrivals arrived;
+  std::mutex mutex;
+  std::string ingress;
+  WiredSwitch tested({.ports = 1, .pipelineChange = portsAreStrings}, arrived.atFarEnd(),
+                     [&](const p4::v1::PacketIn& packet) {
+                       const std::lock_guard lock(mutex);
+                       ingress = packet.metadata(0).value();
+                       ++arrived.in;
+                     });
+  ASSERT_TRUE(tested.start());
+  tested.agent.korvel({"set", "p4runtime/config/translation/port_id_t", "names", "Ethernet1=1"});
+  p4::v1::PacketOut packet = packetOut(1, packetOf(0));
+  packet.mutable_metadata(0)->set_value("Ethernet7");
+  ASSERT_TRUE(tested.controller().send(packet));
+  const auto error = tested.controller().streamError();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->canonical_code(), StatusCode::INVALID_ARGUMENT);
+  packet.mutable_metadata(0)->set_value("Ethernet1");
+  ASSERT_TRUE(tested.controller().send(packet));
+  EXPECT_TRUE(waitUntil([&] { return arrived.out == 1; })) << tested.drops();
+  ASSERT_TRUE(tested.cpuFarEnd().send(punted(1, packetOf(0))));
+  ASSERT_TRUE(waitUntil([&] { return arrived.in == 1; })) << tested.drops();
+  const std::lock_guard lock(mutex);
+  EXPECT_EQ(ingress, "Ethernet1");
 }
 
 TEST(SlowController, LosesItsOwnPacketsAndHoldsUpNobody) {

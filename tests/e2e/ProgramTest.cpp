@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "tests/e2e/GeneratedEntry.h"
 #include "tests/e2e/Switch.h"
@@ -52,6 +53,8 @@ class Story {
     for (const TableEntry& entry : standing_) deletions.push_back(deleteOf(entry));
     EXPECT_EQ(codesOf(deletions), "");
     EXPECT_THAT(tested_.controller().readTable(0).entries, testing::IsEmpty());
+    EXPECT_EQ(codesOf(memberDeletions_), "");
+    EXPECT_THAT(namesLeft(), testing::IsEmpty());
   }
 
  private:
@@ -78,6 +81,7 @@ class Story {
       SCOPED_TRACE(tested_.pipeline().action(action).preamble().name());
       if (const auto member = made_.memberFor(table, action)) {
         ASSERT_EQ(codesOf({insertOf(*member)}), "");
+        memberDeletions_.push_back(deleteOf(*member));
       }
       TableEntry entry = made_.entry(table, action);
       ASSERT_EQ(codesOf({insertOf(entry)}), "");
@@ -91,6 +95,20 @@ class Story {
         EXPECT_EQ(codesOf({deleteOf(entry)}), "");
       }
     }
+  }
+
+  // The tables that still hold strings of translated types.
+  std::vector<std::string> namesLeft() {
+    std::vector<std::string> tables;
+    std::istringstream list(tested_.agent.korvel({"table", "list"}).output);
+    for (std::string line; std::getline(list, line);) {
+      std::istringstream words(line);
+      std::string name;
+      size_t rows = 0;
+      words >> name >> rows;
+      if (name.starts_with("translation.") && rows != 0) tables.push_back(line);
+    }
+    return tables;
   }
 
   // "" when all succeed, else the message of the first that did not.
@@ -124,6 +142,7 @@ class Story {
   Switch tested_;
   GeneratedEntries made_;
   std::vector<TableEntry> standing_;
+  std::vector<p4::v1::Update> memberDeletions_;
   std::vector<std::pair<TableEntry, TableEntry>> defaults_;  // as written, and the program's
 };
 
@@ -137,14 +156,21 @@ void tryProgram(const std::string& p4InfoPath) {
   Story(file).run();
 }
 
-// A table for each match kind and width, with an action that has a parameter of the width.
+// A table for each match kind and width, with an action that has a parameter of the width; 0 bits
+// are strings.
 P4Info everyKindAndWidth() {
   constexpr std::array kinds = {MatchField::EXACT, MatchField::LPM, MatchField::TERNARY,
                                 MatchField::RANGE, MatchField::OPTIONAL};
   P4Info p4Info;
   uint32_t id = 0;
-  for (const int bits : {1,  7,  8,  9,   16,  17,  20,  24,  25,   32,   33,  47,
-                         48, 64, 65, 128, 129, 255, 256, 333, 1024, 2047, 4000}) {
+  auto& types = *p4Info.mutable_type_info()->mutable_new_types();
+  types["name_t"].mutable_translated_type()->mutable_sdn_string();
+  const auto widthIs = [](int bits, auto* value) {
+    value->set_bitwidth(bits);
+    if (bits == 0) value->mutable_type_name()->set_name("name_t");
+  };
+  for (const int bits : {0,  1,  7,  8,  9,   16,  17,  20,  24,  25,   32,   33,
+                         47, 48, 64, 65, 128, 129, 255, 256, 333, 1024, 2047, 4000}) {
     ++id;
     auto* action = p4Info.add_actions();
     action->mutable_preamble()->set_id(0x01000000 + id);
@@ -152,7 +178,7 @@ P4Info everyKindAndWidth() {
     auto* param = action->add_params();
     param->set_id(1);
     param->set_name("to");
-    param->set_bitwidth(bits);
+    widthIs(bits, param);
     for (const auto kind : kinds) {
       Table* table = p4Info.add_tables();
       table->mutable_preamble()->set_id(0x02000000 + id * 8 + kind);
@@ -160,7 +186,7 @@ P4Info everyKindAndWidth() {
       auto* field = table->add_match_fields();
       field->set_id(1);
       field->set_name("f");
-      field->set_bitwidth(bits);
+      widthIs(bits, field);
       field->set_match_type(kind);
       table->add_action_refs()->set_id(action->preamble().id());
       table->set_size(8);

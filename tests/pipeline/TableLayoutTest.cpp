@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "PI/frontends/proto/translation_tables.h"
 #include "pipeline/P4InfoLookup.h"
 #include "pipeline/ProfileCheck.h"
 #include "platform/lattice/types/TableType.h"
@@ -143,6 +144,42 @@ TEST(Extensions, AreThoseThatTheProgramNeeds) {
     needed.entities = true;  // any program has groups and sessions
     EXPECT_EQ(extensionsFor(oneFieldTable(c.field, c.param)), needed);
   }
+}
+
+// Numbers stand for them, whatever the name of the field says.
+TEST(Definitions, NameTheTypesOfStrings) {
+  P4Info p4Info = oneFieldTable(R"(name: "dst_ip" match_type: OPTIONAL type_name { name: "s" })",
+                                R"(name: "smac" type_name { name: "s" })");
+  auto& types = *p4Info.mutable_type_info()->mutable_new_types();
+  for (const char* type : {"s", "unused"}) {
+    types[type].mutable_translated_type()->mutable_sdn_string();
+  }
+  const Extensions extensions = extensionsFor(p4Info);
+  EXPECT_TRUE(extensions.strings && extensions.fields);
+  const auto tables = pi::fe::proto::translation_tables(p4Info);
+  ASSERT_EQ(tables.size(), 1u);
+
+  const Made made = madeOf(withAdditions(p4Info, extensions), extensions);
+  EXPECT_EQ(made.findings, "");
+  const TableLayout* table = made.layout.table({TableKind::match, 33554433});
+  ASSERT_TRUE(table);
+  EXPECT_EQ(definitionText(*table),
+            "key dst_ip : U32 named s optional;\nkey dst_ip_present : U8 present;\n"
+            "key priority : U32 priority;\naction {\n  a 16777217 { smac : U32 named s; }\n}\n");
+  const TableLayout* names = made.layout.table({TableKind::match, tables.at("s")});
+  ASSERT_TRUE(names);
+  EXPECT_EQ(names->tableName, "translation.s");
+}
+
+TEST(TranslationTables, HaveIdsThatStay) {
+  P4Info p4Info = oneFieldTable(R"(name: "f" match_type: EXACT type_name { name: "port_id_t" })");
+  (*p4Info.mutable_type_info()->mutable_new_types())["port_id_t"]
+      .mutable_translated_type()
+      ->mutable_sdn_string();
+  constexpr uint32_t id = 0x7e53becf;
+  EXPECT_EQ(pi::fe::proto::translation_tables(p4Info).at("port_id_t"), id);
+  p4Info.mutable_actions(0)->mutable_preamble()->set_id(id);
+  EXPECT_EQ(pi::fe::proto::translation_tables(p4Info).at("port_id_t"), id + 1);
 }
 
 TEST(Definitions, HoldParametersInTheOrderTheAgentKeepsThem) {

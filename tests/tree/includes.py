@@ -43,7 +43,8 @@ PI/include/PI             -
 PI/include/PI/*           PI/include/PI proto
 PI/core                   PI/include
 PI/frontend/base          PI/core+ proto
-PI/frontend/model         PI/frontend/base+
+PI/frontend/names         PI/frontend/base+
+PI/frontend/model         PI/frontend/names+
 PI/frontend/store         PI/frontend/model+
 PI/frontend/check         PI/frontend/store+
 PI/frontend/target        PI/frontend/check+
@@ -93,7 +94,7 @@ tests/support             platform proto
 tests/support/plugins     P4Runtime/plugin
 tests/platform/*          platform tests/support
 tests/PI/*                PI proto
-tests/pipeline            cli/pipeline+ platform tests/support
+tests/pipeline            cli/pipeline+ PI/include platform tests/support
 tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
 tests/forwarder           forwarder platform tests/support
 tests/forwarder/*         forwarder platform tests/forwarder tests/support

@@ -4,6 +4,7 @@
 
 #include "P4Runtime/table/rows/ProfileRows.h"
 #include "P4Runtime/table/rows/RowBuilder.h"
+#include "platform/lattice/types/NamedColumns.h"
 
 namespace P4Runtime {
 
@@ -16,12 +17,29 @@ std::string EntryNames::text(EntryHandle handle) const try {
   std::string text = tableInfo_.kindAndName(rid);
   const auto key = rowKey(cached);
   if (!key) return text;
-  for (const auto& column : Lattice::keyTexts(tableInfo_.rowConstructor(rid)->type(), *key)) {
+  const Lattice::NameOf nameOf = [this](const std::string& type, uint32_t number) {
+    return this->nameOf(type, number);
+  };
+  for (const auto& column :
+       Lattice::namedKeyTexts(tableInfo_.rowConstructor(rid)->type(), *key, nameOf)) {
     text += fmt::format(", {}={}", column.name, column.text);
   }
   return text;
 } catch (const Lattice::TypeError&) {  // the record is of another pipeline's table
   return fmt::format("entry {}", handle);
+}
+
+// The string that the number of a translated type stands for.
+std::optional<std::string> EntryNames::nameOf(const std::string& type, uint32_t number) const {
+  const std::string table = Lattice::namesTable(type);
+  for (const auto& [rid, interface] : tableInfo_.latticeTableInterfaceCollection().values()) {
+    if (interface->tableName() != table || !interface->ready()) continue;
+    std::string key;
+    for (const int shift : {24, 16, 8, 0}) key += static_cast<char>(number >> shift);
+    const auto row = interface->stored(key);
+    if (row) return Lattice::nameOfRow(tableInfo_.rowConstructor(rid)->type(), row->value);
+  }
+  return std::nullopt;
 }
 
 uint64_t EntryNames::rowSequence(EntryHandle handle) const try {

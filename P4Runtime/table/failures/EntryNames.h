@@ -22,6 +22,7 @@ class EntryNames {
   uint64_t rowSequence(EntryHandle handle) const;
 
  private:
+  std::optional<std::string> nameOf(const std::string& type, uint32_t number) const;
   CacheKey cacheKey(EntryHandle handle) const;
   std::string memberOrGroupText(const CacheKey& key) const;
   uint32_t controllersId(const CacheKey& key) const;

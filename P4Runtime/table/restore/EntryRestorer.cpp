@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "P4Runtime/table/records/HandleReservation.h"
+#include "PI/frontends/proto/translation_tables.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
@@ -49,6 +50,10 @@ void EntryRestorer::findTables() {
     tables_.push_back({rid, interface});
     all_ += interface->rowCount() + keptCount(tools_.database->store(), interface->tableName());
   }
+  // One-shot sets of entries are checked against the names in them.
+  std::ranges::stable_partition(tables_, [](const Table& table) {
+    return pi::fe::proto::is_translation_table(table.rid.id);
+  });
 }
 
 bool EntryRestorer::restore(RestoreSlice& slice) {

@@ -35,29 +35,31 @@ void checkSettings(const ProfilePlan& profile, const std::string& text, const Se
          Set::SizeSemantics_Name(own), " are not supported");
 }
 
-void checkAction(const TablePlan& table, const p4::v1::Action& given) {
+void checkAction(const TablePlan& table, const p4::v1::Action& given, const Naming& naming) {
   const ActionPlan& action = checkedAction(table, given);
   std::string scratch(action.dataBytes, '\0');
-  encodeActionData(table, action, given, reinterpret_cast<uint8_t*>(scratch.data()));
+  encodeActionData(table, action, given, reinterpret_cast<uint8_t*>(scratch.data()), naming);
 }
 
-bool isCanonical(const ProfilePlan& profile, const p4::v1::ActionProfileAction& element) {
-  const auto& params = element.action().params();
-  return isPortCanonical(profile, element.watch_port()) &&
-         std::all_of(params.begin(), params.end(),
-                     [](const auto& param) { return isShortest(param.value()); });
+const ActionPlan& actionOf(const TablePlan& table, const p4::v1::ActionProfileAction& element) {
+  return *table.actionUse(element.action().action_id())->action;
+}
+
+bool isCanonical(const TablePlan& table, const p4::v1::ActionProfileAction& element) {
+  return isPortCanonical(*table.profile, element.watch_port()) &&
+         areParamsShortest(actionOf(table, element), element.action());
 }
 
 }  // namespace
 
-void checkActionSet(const TablePlan& table, const Set& set) {
+void checkActionSet(const TablePlan& table, const Set& set, const Naming& naming) {
   const ProfilePlan& profile = *table.profile;
   const std::string text = absl::StrCat("table ", table.name, ": action set");
   checkSettings(profile, text, set);
   GroupWeight weight;
   for (const auto& element : set.action_profile_actions()) {
     const ElementText at{text, "element", weight.members};
-    checkAction(table, element.action());
+    checkAction(table, element.action(), naming);
     checkWeight(profile, at, element.weight());
     checkWatch(profile, at, element.watch(), element.watch_port());
     weight.weights += repeats(element.weight());
@@ -74,16 +76,16 @@ void checkActionSet(const TablePlan& table, const Set& set) {
   checkRepeats(text, weight);
 }
 
-std::string canonicalBytes(const ProfilePlan& profile, const Set& set) {
+std::string canonicalBytes(const TablePlan& table, const Set& set) {
   const auto& elements = set.action_profile_actions();
   if (std::all_of(elements.begin(), elements.end(),
-                  [&](const auto& element) { return isCanonical(profile, element); })) {
+                  [&](const auto& element) { return isCanonical(table, element); })) {
     return set.SerializeAsString();
   }
   Set canonical = set;
   for (auto& element : *canonical.mutable_action_profile_actions()) {
-    for (auto& param : *element.mutable_action()->mutable_params()) shorten(param.mutable_value());
-    if (element.has_watch_port()) canonicalPortIs(profile, element.mutable_watch_port());
+    shortenParams(actionOf(table, element), element.mutable_action());
+    if (element.has_watch_port()) canonicalPortIs(*table.profile, element.mutable_watch_port());
   }
   return canonical.SerializeAsString();
 }

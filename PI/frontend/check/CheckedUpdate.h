@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "PI/frontend/model/P4InfoIndex.h"
+#include "PI/frontend/names/NamePins.h"
 #include "PI/frontend/store/EntryStore.h"
 
 namespace pi::fe::proto {
@@ -26,6 +27,7 @@ struct CheckedUpdate {
   // The entry to write, handles left open. The key alone for a DELETE, for a MODIFY that keeps
   // the action, and for a direct resource. Null: the update changes nothing.
   EntrySlot slot;
+  NamePins names;                // that the entry uses
   bool ofAllCells = false;       // of an array: the default entry of its table
   std::optional<Counts> counts;  // of the entry's direct counter; nothing: they go on
   int64_t idleTimeout = 0;       // of the entry, in nanoseconds; 0: none

@@ -184,20 +184,23 @@ CheckedUpdate checkedRegister(const EntityPlan& plan, const Entity& given) {
   return result;
 }
 
-void checkMembers(const EntityPlan& plan, const Entity& entity) {
+void checkMembers(const EntityPlan& plan, const Entity& entity, NamePins* names) {
   const int count = entity.value_set_entry().members_size();
   if (plan.size > 0 && count > plan.size) {
     refuse(code::resourceExhausted, plan.text, ": ", count, " members are given; it has room for ",
            plan.size);
   }
   absl::flat_hash_set<std::string> seen;
-  for (std::string& key : listKeys(plan, entity)) {
+  for (std::string& key : listKeys(plan, entity, {names, true})) {
     if (seen.insert(std::move(key)).second) continue;
     refuse(code::alreadyExists, plan.text, ": a member is given twice");
   }
 }
 
-void makeCanonical(p4::v1::FieldMatch* match) {
+void makeCanonical(const TablePlan& list, p4::v1::FieldMatch* match) {
+  for (const FieldPlan& field : list.fields) {
+    if (field.id == match->field_id() && field.names != nullptr) return;
+  }
   if (match->has_exact()) shorten(match->mutable_exact()->mutable_value());
   if (match->has_lpm()) shorten(match->mutable_lpm()->mutable_value());
   if (match->has_optional()) shorten(match->mutable_optional()->mutable_value());
@@ -213,10 +216,11 @@ void makeCanonical(p4::v1::FieldMatch* match) {
 
 // The given members are the whole set; without any it is as it was in the beginning.
 CheckedUpdate checkedValueSet(const EntityPlan& plan, const Entity& given) {
-  checkMembers(plan, given);
+  NamePins names;
+  checkMembers(plan, given, &names);
   Entity entity = given;
   for (auto& member : *entity.mutable_value_set_entry()->mutable_members()) {
-    for (auto& match : *member.mutable_match()) makeCanonical(&match);
+    for (auto& match : *member.mutable_match()) makeCanonical(*plan.list, &match);
   }
   requireRoom(plan, 0, entity);
   const ActionPlan& action = actionOf(*plan.table);
@@ -224,6 +228,7 @@ CheckedUpdate checkedValueSet(const EntityPlan& plan, const Entity& given) {
   const int count = given.value_set_entry().members_size();
   paramIs(action, 0, static_cast<uint64_t>(count), result.slot.entry.get());
   if (count == 0) result.type = Update::DELETE;
+  result.names = std::move(names);
   return result;
 }
 

@@ -164,7 +164,8 @@ CheckedUpdate checkedMember(const P4InfoIndex& index, const p4::v1::ActionProfil
   const ActionPlan& action = checkedAction(profile, given.action());
   result.slot.entry = makeObject(id, action.dataBytes);
   result.slot.entry->actionId = action.id;
-  encodeActionData(profile, action, given.action(), result.slot.entry->actionData());
+  encodeActionData(profile, action, given.action(), result.slot.entry->actionData(),
+                   {&result.names, true});
   return result;
 }
 

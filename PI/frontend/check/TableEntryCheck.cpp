@@ -29,7 +29,9 @@ bool isTheDefault(const TablePlan& table, const TableEntry& entry) {
   if (!entry.has_action()) return true;
   p4::v1::Action given = entry.action().action();
   if (!entry.action().has_action() || given.action_id() == 0) return false;
-  for (auto& param : *given.mutable_params()) shorten(param.mutable_value());
+  if (const ActionUse* use = table.actionUse(given.action_id())) {
+    shortenParams(*use->action, &given);
+  }
   const auto byId = [](const auto& a, const auto& b) { return a.param_id() < b.param_id(); };
   p4::v1::Action programs = table.defaultAction;
   std::sort(given.mutable_params()->begin(), given.mutable_params()->end(), byId);
@@ -140,10 +142,11 @@ EntryPtr direct(const TablePlan& table, const TableEntry& given) {
   return entry;
 }
 
-void maybeEncodeParams(const TablePlan& table, const TableEntry& given, Entry* entry) {
+void maybeEncodeParams(const TablePlan& table, const TableEntry& given, Entry* entry,
+                       NamePins* names) {
   if (entry->kind != EntryKind::action) return;
   const ActionPlan& action = *table.actionUse(entry->actionId)->action;
-  encodeActionData(table, action, given.action().action(), entry->actionData());
+  encodeActionData(table, action, given.action().action(), entry->actionData(), {names, true});
 }
 
 EntryPtr pointing(const TablePlan& table, const TableEntry& given, EntryKind kind, uint32_t id) {
@@ -156,17 +159,17 @@ EntryPtr pointing(const TablePlan& table, const TableEntry& given, EntryKind kin
   return entry;
 }
 
-EntryPtr oneShot(const TablePlan& table, const TableEntry& given) {
+EntryPtr oneShot(const TablePlan& table, const TableEntry& given, NamePins* names) {
   const auto& set = given.action().action_profile_action_set();
-  checkActionSet(table, set);
-  const std::string bytes = canonicalBytes(*table.profile, set);
+  checkActionSet(table, set, {names, true});
+  const std::string bytes = canonicalBytes(table, set);
   const auto members = static_cast<size_t>(set.action_profile_actions_size());
   EntryPtr entry = made(table, given, EntryKind::actionSet, actionSetBytes(members, bytes.size()));
   actionSetIs(entry.get(), {0, std::vector<uint64_t>(members)}, bytes);
   return entry;
 }
 
-EntryPtr withAction(const TablePlan& table, const TableEntry& given) {
+EntryPtr withAction(const TablePlan& table, const TableEntry& given, NamePins* names) {
   const TableAction& action = given.action();
   requireKind(table, action);
   switch (action.type_case()) {
@@ -175,20 +178,21 @@ EntryPtr withAction(const TablePlan& table, const TableEntry& given) {
     case TableAction::kActionProfileGroupId:
       return pointing(table, given, EntryKind::toGroup, action.action_profile_group_id());
     case TableAction::kActionProfileActionSet:
-      return oneShot(table, given);
+      return oneShot(table, given, names);
     default:
       return direct(table, given);
   }
 }
 
-EntryPtr withoutKey(const TablePlan& table, const TableEntry& given, Update::Type type) {
+EntryPtr withoutKey(const TablePlan& table, const TableEntry& given, Update::Type type,
+                    NamePins* names) {
   if (type == Update::DELETE) {
     EntryPtr entry = Entry::make(table.id, table.keyBytes, 0, 0);
     entry->kind = EntryKind::keyAlone;
     return entry;
   }
-  EntryPtr entry =
-      given.has_action() ? withAction(table, given) : made(table, given, EntryKind::keyAlone, 0);
+  EntryPtr entry = given.has_action() ? withAction(table, given, names)
+                                      : made(table, given, EntryKind::keyAlone, 0);
   const std::string& metadata = given.metadata();
   entry->controllerMetadata = given.controller_metadata();
   std::memcpy(entry->metadataData(), metadata.data(), metadata.size());
@@ -209,9 +213,9 @@ CheckedUpdate checkedDefaultEntry(const TablePlan& table, const TableEntry& give
            table.defaultEntry ? "'s direct resources" : "", " cannot be changed: not supported");
   }
   result.type = isThePrograms || !given.has_action() ? Update::DELETE : Update::MODIFY;
-  EntryPtr entry = withoutKey(*result.table, given, result.type);
+  EntryPtr entry = withoutKey(*result.table, given, result.type, &result.names);
   *entry->keyData() = 0;
-  maybeEncodeParams(*result.table, given, entry.get());
+  maybeEncodeParams(*result.table, given, entry.get(), &result.names);
   result.slot.entry = std::move(entry);
   return result;
 }
@@ -232,10 +236,10 @@ CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& give
   checkFields(table, given, type);
   result.counts = givenCounts(given, type);
   if (type != Update::DELETE) result.idleTimeout = given.idle_timeout_ns();
-  EntryPtr entry = withoutKey(table, given, type);
+  EntryPtr entry = withoutKey(table, given, type, &result.names);
   entry->priority = checkedPriority(table, given);
-  encodeKey(table, given, entry->keyData());
-  maybeEncodeParams(table, given, entry.get());
+  encodeKey(table, given, entry->keyData(), {&result.names, type == Update::INSERT});
+  maybeEncodeParams(table, given, entry.get(), &result.names);
   result.slot.entry = std::move(entry);
   return result;
 }

@@ -1,11 +1,13 @@
 // Compiles a P4Info into plans, and refuses a P4Info that cannot be realised.
 #include "PI/frontend/model/P4InfoIndex.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontends/proto/p4info_fault.h"
+#include "PI/frontends/proto/translation_tables.h"
 
 namespace pi::fe::proto {
 
@@ -57,12 +59,17 @@ p4::v1::Action defaultActionOf(const ActionPlan& action, const config::TableActi
   result.set_action_id(action.id);
   for (const auto& argument : call.arguments()) {
     const ParamPlan* param = action.param(argument.param_id());
-    if (param == nullptr || !fits(argument.value(), param->bits)) {
+    const bool isName = param != nullptr && param->names != nullptr;
+    if (param == nullptr || (!isName && !fits(argument.value(), param->bits))) {
       refuse(code::invalidArgument, "P4Info: the default of table ", table, ": argument ",
              argument.param_id(), " of ", action.name, " does not fit the action's parameters");
     }
     auto* sent = result.add_params();
     sent->set_param_id(param->id);
+    if (isName) {
+      sent->set_value(argument.value());
+      continue;
+    }
     setShortest(reinterpret_cast<const uint8_t*>(argument.value().data()), argument.value().size(),
                 sent->mutable_value());
   }
@@ -98,7 +105,9 @@ bool usesPriority(MatchKind kind) {
 
 P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abilities)
     : abilities_(abilities) {
-  const config::P4Info all = abilities_.entities != 0 ? with_entity_tables(p4Info) : p4Info;
+  if (abilities_.strings != 0) namedTypesAre(p4Info);
+  const config::P4Info named = abilities_.strings != 0 ? with_translation_tables(p4Info) : p4Info;
+  const config::P4Info all = abilities_.entities != 0 ? with_entity_tables(named) : named;
   doIndexObjects(all);
   doCheckDirectResources(p4Info);
   for (const auto& action : all.actions()) {
@@ -107,9 +116,14 @@ P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abi
   profilesAre(p4Info);
   tables_.reserve(p4Info.tables_size());
   for (const auto& table : all.tables()) {
+    auto plan = tablePlan(p4Info, table);
+    if (NamedType* type = namedType(plan->id)) {
+      type->table = std::move(plan);
+      continue;
+    }
     const bool isPrograms = tables_.size() < static_cast<size_t>(p4Info.tables_size());
     auto& tables = isPrograms ? tables_ : entityTables_;
-    tables.push_back(tablePlan(p4Info, table));
+    tables.push_back(std::move(plan));
     tableById_[table.preamble().id()] = tables.back().get();
   }
   if (abilities_.default_actions != 0) {
@@ -118,6 +132,61 @@ P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abi
   }
   tablesOfProfilesAre(p4Info);
   if (abilities_.entities != 0) entitiesAre(p4Info);
+  usesOfNamesAre();
+}
+
+// The plans of their tables come with those of others.
+void P4InfoIndex::namedTypesAre(const config::P4Info& p4Info) {
+  for (const auto& [type, tableId] : translation_tables(p4Info)) {
+    namedTypes_.push_back(std::make_unique<NamedType>(type));
+    namedTypes_.back()->table = std::make_unique<TablePlan>();
+    namedTypes_.back()->table->id = tableId;
+  }
+}
+
+// A program has a handful of them.
+NamedType* P4InfoIndex::namedType(uint32_t tableId) const {
+  for (const auto& type : namedTypes_) {
+    if (type->table->id == tableId) return type.get();
+  }
+  return nullptr;
+}
+
+Dictionary* P4InfoIndex::names(const std::string& type) const {
+  for (const auto& one : namedTypes_) {
+    if (one->names.type() == type) return &one->names;
+  }
+  return nullptr;
+}
+
+// Of a field or parameter; null: its values are no names.
+template <typename Value>
+Dictionary* P4InfoIndex::namesOf(const Value& value) const {
+  const bool isName =
+      std::ranges::find(value.annotations(), kNameAnnotation) != value.annotations().end();
+  return isName ? names(value.type_name().name()) : nullptr;
+}
+
+void P4InfoIndex::usesOfNamesAre() {
+  const auto hasNames = [](const TablePlan& table) {
+    return std::ranges::any_of(table.fields,
+                               [](const FieldPlan& field) { return field.names != nullptr; });
+  };
+  const auto mayUse = [](const ActionUser& user) {
+    return std::ranges::any_of(user.actions, [](const ActionUse& use) {
+      return std::ranges::any_of(use.action->params,
+                                 [](const ParamPlan& param) { return param.names != nullptr; });
+    });
+  };
+  for (const auto& table : tables_) {
+    table->usesNames = mayUse(*table) || hasNames(*table);
+    if (table->defaultEntry) table->defaultEntry->usesNames = mayUse(*table);
+  }
+  for (const auto& profile : profiles_) profile->usesNames = mayUse(*profile);
+  for (const auto& table : entityTables_) {
+    const TablePlan* list = table->entity != nullptr ? table->entity->list : nullptr;
+    table->usesNames = list != nullptr && hasNames(*list);
+  }
 }
 
 const TablePlan* P4InfoIndex::table(uint32_t id) const {
@@ -233,7 +302,8 @@ std::unique_ptr<ActionPlan> P4InfoIndex::actionPlan(const config::Action& action
                                        " has no bit width; translated strings are not supported");
     }
     const auto bytes = static_cast<uint32_t>(bytesOf(bits));
-    plan->params.push_back({param.id(), param.name(), bits, bytes, plan->dataBytes});
+    plan->params.push_back(
+        {param.id(), param.name(), bits, bytes, plan->dataBytes, namesOf(param)});
     plan->dataBytes += bytes;
   }
   return plan;
@@ -275,6 +345,7 @@ void P4InfoIndex::fieldPlanIs(TablePlan* plan, const config::MatchField& field) 
   added.bytes = static_cast<uint32_t>(bytesOf(added.bits));
   added.offset = plan->keyBytes;
   added.takesAll = abilities_.fields != 0;
+  added.names = namesOf(field);
   plan->keyBytes += static_cast<uint32_t>(added.keyBytes());
   plan->needsPriority |= usesPriority(added.kind);
   if (added.kind == MatchKind::other) {

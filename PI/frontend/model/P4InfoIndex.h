@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "PI/frontend/model/NamedType.h"
 #include "PI/frontend/model/Plans.h"
 #include "PI/target/pi_extensions_imp.h"
 #include "p4/config/v1/p4info.pb.h"
@@ -27,6 +28,11 @@ class P4InfoIndex {
   const std::vector<std::unique_ptr<TablePlan>>& tables() const { return tables_; }  // P4Info order
   const std::vector<std::unique_ptr<ProfilePlan>>& profiles() const { return profiles_; }
 
+  // The translated types whose values are names. Their dictionaries are thread-safe.
+  const std::vector<std::unique_ptr<NamedType>>& namedTypes() const { return namedTypes_; }
+  NamedType* namedType(uint32_t tableId) const;      // by its table; null: no such type
+  Dictionary* names(const std::string& type) const;  // null: no such type
+
   // Those that the target keeps. Null: there is no such entity, or it is not kept.
   const EntityPlan* entity(EntityKind kind, uint32_t id = 0) const;
   const std::vector<std::unique_ptr<EntityPlan>>& entities() const { return entities_; }
@@ -45,6 +51,10 @@ class P4InfoIndex {
     int64_t size;  // of an array, else 0
   };
 
+  void namedTypesAre(const p4::config::v1::P4Info& p4Info);
+  template <typename Value>
+  Dictionary* namesOf(const Value& value) const;
+  void usesOfNamesAre();
   void objectIs(const char* kind, const p4::config::v1::Preamble& preamble, int64_t size = 0);
   void doIndexObjects(const p4::config::v1::P4Info& p4Info);
   void doCheckDirectResources(const p4::config::v1::P4Info& p4Info) const;
@@ -68,6 +78,7 @@ class P4InfoIndex {
   bool isKind(uint32_t id, const char* kind) const;
 
   const pi_abilities_t abilities_;
+  std::vector<std::unique_ptr<NamedType>> namedTypes_;
   absl::flat_hash_map<uint32_t, Object> objects_;
   absl::flat_hash_map<uint32_t, std::unique_ptr<ActionPlan>> actions_;
   std::vector<std::unique_ptr<TablePlan>> tables_;

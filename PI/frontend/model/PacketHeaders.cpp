@@ -1,16 +1,21 @@
 // The headers of packets, and the packets that are put together and taken apart by them.
 #include "PI/frontend/model/PacketHeaders.h"
 
+#include <absl/strings/escaping.h>
+
 #include <algorithm>
+#include <array>
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontends/proto/translation_tables.h"
 
 namespace pi::fe::proto {
 
 namespace {
 
 constexpr int32_t kMaxBits = 1 << 16;
+constexpr size_t kShownBytes = 64;  // of a name in a message
 // A frame of the largest MTU that Linux knows. Without a bound one message could bring 256 MiB.
 constexpr size_t kMaxPayloadBytes = 65536 + 14;
 
@@ -63,6 +68,35 @@ void requireFit(const PacketField& field, const std::string& value) {
          value.empty() ? "" : hexText(value));
 }
 
+// The bytes of the value in the header; a view that lasts as long as `value` and `number`.
+std::string_view wireValue(const PacketField& field, const std::string& value,
+                           std::array<char, 4>* number) {
+  if (field.names == nullptr) {
+    requireFit(field, value);
+    return value;
+  }
+  const auto found = field.names->number(value);
+  if (!found) {
+    refuse(code::invalidArgument, "packet-out: the metadata field ", field.text(),
+           " has the value \"", absl::CHexEscape(value.substr(0, kShownBytes)), "\", which is no ",
+           field.names->type(), " that is known");
+  }
+  for (size_t i = 0; i < number->size(); ++i) {
+    (*number)[i] = static_cast<char>(*found >> (24 - 8 * i));
+  }
+  return {number->data(), number->size()};
+}
+
+// The value towards controllers.
+void setSent(const PacketField& field, std::string_view value, std::string* sent) {
+  if (field.names == nullptr) {
+    return setShortest(reinterpret_cast<const uint8_t*>(value.data()), value.size(), sent);
+  }
+  uint32_t number = 0;
+  for (const char byte : value) number = number << 8 | static_cast<uint8_t>(byte);
+  *sent = field.names->name(number);
+}
+
 void requirePayload(const p4::v1::PacketOut& packet) {
   const size_t bytes = packet.payload().size();
   if (bytes == 0) {
@@ -78,23 +112,36 @@ void requirePayload(const p4::v1::PacketOut& packet) {
 }  // namespace
 
 std::string PacketField::text() const {
-  return absl::StrCat(name.empty() ? "(unnamed)" : name, " (id ", id, ", ", bits,
-                      bits == 1 ? " bit)" : " bits)");
+  const std::string form = names != nullptr ? absl::StrCat("a ", names->type())
+                                            : absl::StrCat(bits, bits == 1 ? " bit" : " bits");
+  return absl::StrCat(name.empty() ? "(unnamed)" : name, " (id ", id, ", ", form, ")");
 }
 
-PacketHeader::PacketHeader(const p4::config::v1::P4Info& p4Info, std::string_view name,
-                           bool isPacked)
+PacketHeader::PacketHeader(const p4::config::v1::P4Info& p4Info, const P4InfoIndex* index,
+                           std::string_view name, bool isPacked)
     : name(name), isPacked(isPacked) {
   for (const auto& declared : p4Info.controller_packet_metadata()) {
     if (declared.preamble().name() != name) continue;
     if (isDeclared) unsupported = absl::StrCat("the pipeline has two headers named ", this->name);
     isDeclared = true;
-    if (unsupported.empty()) fieldsAre(declared);
+    if (unsupported.empty()) fieldsAre(declared, index);
   }
 }
 
-void PacketHeader::fieldsAre(const p4::config::v1::ControllerPacketMetadata& declared) {
+void PacketHeader::fieldsAre(const p4::config::v1::ControllerPacketMetadata& declared,
+                             const P4InfoIndex* index) {
   for (const auto& field : declared.metadata()) {
+    Dictionary* const names = index != nullptr && field.bitwidth() == 0
+                                  ? index->names(field.type_name().name())
+                                  : nullptr;
+    if (names != nullptr) {
+      fields.push_back({.id = field.id(),
+                        .name = field.name(),
+                        .bits = kNameBits,
+                        .bytes = bytesOf(kNameBits),
+                        .names = names});
+      continue;
+    }
     if (field.bitwidth() <= 0 || field.bitwidth() > kMaxBits) {
       unsupported =
           absl::StrCat("the field ", field.name(), " (id ", field.id(), ") of ", name,
@@ -152,8 +199,9 @@ std::string PacketHeaders::packetOut(const p4::v1::PacketOut& packet) const {
     const PacketField& field = out_.fields[i];
     const p4::v1::PacketMetadata* metadata = metadataOf(packet, field, static_cast<int>(i));
     if (metadata == nullptr) refuseMetadata(out_, packet);
-    requireFit(field, metadata->value());
-    putPadded(metadata->value(), header + field.offset, field.bytes);
+    std::array<char, 4> number;
+    const std::string_view value = wireValue(field, metadata->value(), &number);
+    putPadded(value, header + field.offset, field.bytes);
   }
   bytes += packet.payload();
   return bytes;
@@ -169,8 +217,9 @@ std::string PacketHeaders::packedOut(const p4::v1::PacketOut& packet) const {
     const PacketField* field = out_.field(metadata.metadata_id());
     if (field == nullptr || given[field - out_.fields.data()]) refuseMetadata(out_, packet);
     given[field - out_.fields.data()] = true;
-    requireFit(*field, metadata.value());
-    putBits(metadata.value(), field->bits, field->firstBit, header);
+    std::array<char, 4> number;
+    const std::string_view value = wireValue(*field, metadata.value(), &number);
+    putBits(value, field->bits, field->firstBit, header);
   }
   return bytes += packet.payload();
 }
@@ -180,8 +229,7 @@ std::string PacketHeaders::packedIn(std::string_view received, p4::v1::PacketIn*
   for (const PacketField& field : in_.fields) {
     p4::v1::PacketMetadata* metadata = packet->add_metadata();
     metadata->set_metadata_id(field.id);
-    *metadata->mutable_value() = bitsAt(header, field.bits, field.firstBit);
-    shorten(metadata->mutable_value());
+    setSent(field, bitsAt(header, field.bits, field.firstBit), metadata->mutable_value());
   }
   packet->set_payload(received.data() + in_.bytes, received.size() - in_.bytes);
   return "";
@@ -202,8 +250,7 @@ std::string PacketHeaders::packetIn(std::string_view received, p4::v1::PacketIn*
     }
     p4::v1::PacketMetadata* metadata = packet->add_metadata();
     metadata->set_metadata_id(field.id);
-    setShortest(reinterpret_cast<const uint8_t*>(value.data()), value.size(),
-                metadata->mutable_value());
+    setSent(field, value, metadata->mutable_value());
   }
   packet->set_payload(received.data() + in_.bytes, received.size() - in_.bytes);
   return "";

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "PI/frontend/model/P4InfoIndex.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 
@@ -20,7 +21,8 @@ struct PacketField {
   uint32_t bits = 0;
   size_t bytes = 0;
   size_t offset = 0;
-  size_t firstBit = 0;  // of a packed header, in place of the offset
+  size_t firstBit = 0;          // of a packed header, in place of the offset
+  Dictionary* names = nullptr;  // of values that are names to controllers; the header has numbers
 
   std::string text() const;  // "egress_port (id 1, 32 bits)"
 };
@@ -29,7 +31,8 @@ struct PacketHeader {
   // A header that cannot be served makes packets unusable, not the pipeline.
   // Packed: the fields stand in the P4Info's order, bit behind bit, filled up to whole bytes; else
   // by their ids, in whole bytes each.
-  PacketHeader(const p4::config::v1::P4Info& p4Info, std::string_view name, bool isPacked);
+  PacketHeader(const p4::config::v1::P4Info& p4Info, const P4InfoIndex* index,
+               std::string_view name, bool isPacked);
 
   const PacketField* field(uint32_t id) const;  // null: no such field
 
@@ -42,22 +45,27 @@ struct PacketHeader {
 
  private:
   void layOut();
-  void fieldsAre(const p4::config::v1::ControllerPacketMetadata& declared);
+  void fieldsAre(const p4::config::v1::ControllerPacketMetadata& declared,
+                 const P4InfoIndex* index);
 };
 
 // Constant after construction; any thread.
 class PacketHeaders {
  public:
-  explicit PacketHeaders(const p4::config::v1::P4Info& p4Info, bool arePacked = false)
-      : out_(p4Info, "packet_out", arePacked), in_(p4Info, "packet_in", arePacked) {}
+  // `index` has the names of values, and outlives this; null: none are names.
+  explicit PacketHeaders(const p4::config::v1::P4Info& p4Info, bool arePacked = false,
+                         const P4InfoIndex* index = nullptr)
+      : out_(p4Info, index, "packet_out", arePacked), in_(p4Info, index, "packet_in", arePacked) {}
 
   // The header and then the payload, as the target wants them. Throws a Refusal (INVALID_ARGUMENT,
   // UNIMPLEMENTED) that names the field when the metadata differ from packet_out's fields, when a
-  // value does not fit its field, or when the payload is empty. In a packed header, a field that is
+  // value does not fit its field or is a name that nothing has, or when the payload is empty. In a
+  // packed header, a field that is
   // not given is 0.
   std::string packetOut(const p4::v1::PacketOut& packet) const;
 
   // Takes the target's header off the packet; values in their shortest form, in order of the ids.
+  // A number that stands for no name comes as its decimal text.
   // Returns the fault of the packet; empty: none. With a fault *packet has no meaning.
   [[nodiscard]] std::string packetIn(std::string_view received, p4::v1::PacketIn* packet) const;
 

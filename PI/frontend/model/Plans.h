@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "PI/frontend/model/EntityTables.h"
+#include "PI/frontend/names/Dictionary.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 
@@ -30,6 +31,8 @@ struct FieldPlan {
   uint32_t bytes = 0;
   uint32_t offset = 0;
   bool takesAll = false;  // a range or optional field: also many values, and any value
+  // Of a field whose values are names to controllers: the key has their numbers. Null: of another.
+  Dictionary* names = nullptr;
 
   size_t keyBytes() const {
     if (kind == MatchKind::lpm) return bytes + sizeof(uint32_t);
@@ -43,7 +46,8 @@ struct ParamPlan {
   std::string name;
   uint32_t bits = 0;
   uint32_t bytes = 0;
-  uint32_t offset = 0;  // in the PI action data, parameters in P4Info order
+  uint32_t offset = 0;          // in the PI action data, parameters in P4Info order
+  Dictionary* names = nullptr;  // as of a field
 };
 
 struct ActionPlan {
@@ -76,6 +80,7 @@ struct ActionUser {
   std::string name;
   std::vector<ActionUse> actions;
   bool isDefaultEntry = false;  // the name is that of the table whose default entry this holds
+  bool usesNames = false;       // a field, or a parameter of an action, has names
 
   const ActionUse* actionUse(uint32_t actionId) const {
     for (const ActionUse& use : actions) {

@@ -7,6 +7,7 @@
 #include "PI/frontend/check/OtherEntityCheck.h"
 #include "PI/frontend/store/EntityRows.h"
 #include "PI/frontend/store/KeyCodec.h"
+#include "PI/frontend/store/NameCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
 
 namespace pi::fe::proto {
@@ -66,7 +67,13 @@ Query defaultEntryQuery(const TablePlan& table, const TableEntry& entry) {
 
 void keyIs(Query* query, const TablePlan& table, const TableEntry& entry) {
   query->key = Entry::make(table.id, table.keyBytes, 0, 0);
-  encodeKey(table, entry, query->key->keyData());
+  try {
+    encodeKey(table, entry, query->key->keyData());
+  } catch (const UnknownName&) {
+    if (query->mustExist) throw;
+    query->kind = Query::Kind::nothing;
+    return;
+  }
   query->key->priority = query->priority;
   // Without its priority the match may stand for several entries.
   const bool isWhole = !table.needsPriority || query->priority != 0;

@@ -29,6 +29,10 @@ std::string missingText(const Query& query) {
 
 google::rpc::Status ReadRun::run(const p4::v1::ReadRequest& request,
                                  const DeviceMgr::ReadSink& sink) {
+  // From before the snapshot: its entries may be deleted before they are sent.
+  std::vector<Dictionary::Reading> names;
+  names.reserve(index_.namedTypes().size());
+  for (const auto& type : index_.namedTypes()) names.emplace_back(type->names);
   doCheck(request);
   const EntryStore::Snapshot snapshot(store_, lookups());
   doCheckFound(snapshot);

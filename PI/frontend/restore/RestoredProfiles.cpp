@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "PI/frontend/restore/RestoredSet.h"
+#include "PI/frontend/store/HeldNames.h"
 #include "PI/pi_act_prof.h"
 #include "PI/pi_extensions.h"
 
@@ -74,6 +75,7 @@ pi_status_t RestoredProfiles::memberIs(uint32_t profileId, const pi_action_data_
     if (store_.entry(object->key())) return PI_STATUS_INVALID_ENTRY_TYPE;
     store_.entryIs(object);
     use_.countChange(*profile, nullptr, object.get());
+    holdNames(*profile, nullptr, *object);
   }
   members_[handle] = {std::move(object), false};
   return PI_STATUS_SUCCESS;

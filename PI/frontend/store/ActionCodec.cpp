@@ -3,9 +3,12 @@
 
 #include <absl/container/inlined_vector.h>
 
+#include <algorithm>
+
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/ChoiceText.h"
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/store/NameCodec.h"
 
 namespace pi::fe::proto {
 
@@ -52,6 +55,11 @@ void requireAll(const ActionUser& user, const ActionPlan& action,
   }
 }
 
+bool isNumber(const ActionPlan& action, const p4::v1::Action::Param& value) {
+  const ParamPlan* param = action.param(value.param_id());
+  return param == nullptr || param->names == nullptr;
+}
+
 }  // namespace
 
 const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& action) {
@@ -69,7 +77,7 @@ const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& ac
 }
 
 void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4::v1::Action& given,
-                      uint8_t* data) {
+                      uint8_t* data, const Naming& naming) {
   absl::InlinedVector<bool, 32> seen(action.params.size(), false);
   size_t hint = 0;
   for (const auto& value : given.params()) {
@@ -80,6 +88,13 @@ void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4
              ": parameter ", param.name, " is given twice");
     }
     seen[index] = true;
+    if (param.names != nullptr) {
+      putNumber(numberOf(*param.names, value.value(), naming,
+                         {user.kind, " ", user.name, ": action ", action.name, ": parameter ",
+                          param.name}),
+                data + param.offset);
+      continue;
+    }
     if (!fits(value.value(), param.bits)) {
       refuse(code::outOfRange, user.kind, " ", user.name, ": action ", action.name, ": parameter ",
              param.name, ": the value ", hexText(value.value()), " is not a number of ", param.bits,
@@ -90,11 +105,27 @@ void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4
   if (static_cast<size_t>(given.params_size()) != seen.size()) requireAll(user, action, seen);
 }
 
+void shortenParams(const ActionPlan& action, p4::v1::Action* given) {
+  for (auto& value : *given->mutable_params()) {
+    if (isNumber(action, value)) shorten(value.mutable_value());
+  }
+}
+
+bool areParamsShortest(const ActionPlan& action, const p4::v1::Action& given) {
+  return std::ranges::all_of(given.params(), [&](const auto& value) {
+    return !isNumber(action, value) || isShortest(value.value());
+  });
+}
+
 void decodeAction(const ActionPlan& action, const uint8_t* data, p4::v1::Action* out) {
   out->set_action_id(action.id);
   for (const ParamPlan& param : action.params) {
     auto* sent = out->add_params();
     sent->set_param_id(param.id);
+    if (param.names != nullptr) {
+      sent->set_value(param.names->name(numberAt(data + param.offset)));
+      continue;
+    }
     setShortest(data + param.offset, param.bytes, sent->mutable_value());
   }
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "PI/frontend/model/Plans.h"
+#include "PI/frontend/names/NamePins.h"
 
 namespace pi::fe::proto {
 
@@ -13,7 +14,11 @@ const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& ac
 
 // Writes action.dataBytes bytes. Throws a Refusal that names user, action and parameter.
 void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4::v1::Action& given,
-                      uint8_t* data);
+                      uint8_t* data, const Naming& naming = {});
+
+// Brings the numbers among the parameters into their shortest form. Of a checked action.
+void shortenParams(const ActionPlan& action, p4::v1::Action* given);
+bool areParamsShortest(const ActionPlan& action, const p4::v1::Action& given);
 
 // Adds id and parameters, values in their shortest form.
 void decodeAction(const ActionPlan& action, const uint8_t* data, p4::v1::Action* out);

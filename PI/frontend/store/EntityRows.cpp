@@ -44,13 +44,13 @@ void addReplicas(uint32_t owner, const Replicas& replicas, std::vector<std::stri
   }
 }
 
-void addMembers(const EntityPlan& plan, const p4::v1::ValueSetEntry& set,
+void addMembers(const EntityPlan& plan, const p4::v1::ValueSetEntry& set, const Naming& naming,
                 std::vector<std::string>* keys) {
   p4::v1::TableEntry entry;
   for (const auto& member : set.members()) {
     *entry.mutable_match() = member.match();
     std::string& key = keys->emplace_back(plan.list->keyBytes, '\0');
-    encodeKey(*plan.list, entry, reinterpret_cast<uint8_t*>(key.data()));
+    encodeKey(*plan.list, entry, reinterpret_cast<uint8_t*>(key.data()), naming);
   }
 }
 
@@ -100,7 +100,8 @@ bool readEntity(const EntityPlan& plan, const Entry& entry, Entity* entity) {
          entity->entity_case() == caseOf(plan.kind);
 }
 
-std::vector<std::string> listKeys(const EntityPlan& plan, const Entity& entity) {
+std::vector<std::string> listKeys(const EntityPlan& plan, const Entity& entity,
+                                  const Naming& naming) {
   std::vector<std::string> keys;
   const auto& replication = entity.packet_replication_engine_entry();
   if (plan.kind == EntityKind::multicastGroup) {
@@ -110,7 +111,7 @@ std::vector<std::string> listKeys(const EntityPlan& plan, const Entity& entity) 
     const auto& session = replication.clone_session_entry();
     addReplicas(session.session_id(), session.replicas(), &keys);
   } else if (plan.kind == EntityKind::valueSet) {
-    addMembers(plan, entity.value_set_entry(), &keys);
+    addMembers(plan, entity.value_set_entry(), naming, &keys);
   }
   return keys;
 }

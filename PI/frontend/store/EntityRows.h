@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "PI/frontend/model/Plans.h"
+#include "PI/frontend/names/NamePins.h"
 #include "PI/frontend/store/Entry.h"
 #include "p4/v1/p4runtime.pb.h"
 
@@ -24,7 +25,8 @@ uint64_t paramOf(const ActionPlan& action, size_t place, const Entry& entry);
 bool readEntity(const EntityPlan& plan, const Entry& entry, p4::v1::Entity* entity);
 
 // The PI keys of the rows of its list, each once; empty for kinds without a list.
-std::vector<std::string> listKeys(const EntityPlan& plan, const p4::v1::Entity& entity);
+std::vector<std::string> listKeys(const EntityPlan& plan, const p4::v1::Entity& entity,
+                                  const Naming& naming = {});
 EntryPtr makeListRow(const TablePlan& list, const std::string& key);
 
 uint64_t cellIndex(const Entry& cell);

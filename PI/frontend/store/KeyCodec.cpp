@@ -9,6 +9,7 @@
 #include "PI/frontend/base/ChoiceText.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/store/EntityRows.h"
+#include "PI/frontend/store/NameCodec.h"
 
 namespace pi::fe::proto {
 
@@ -24,6 +25,12 @@ template <typename... Texts>
 [[noreturn]] void refuseField(int code, const TablePlan& table, const FieldPlan& field,
                               const Texts&... texts) {
   refuse(code, "table ", table.name, ": field ", field.name, ": ", texts...);
+}
+
+void putName(const TablePlan& table, const FieldPlan& field, const std::string& name,
+             const Naming& naming, uint8_t* out) {
+  putNumber(numberOf(*field.names, name, naming, {"table ", table.name, ": field ", field.name}),
+            out);
 }
 
 void putValue(const TablePlan& table, const FieldPlan& field, const std::string& value,
@@ -55,10 +62,34 @@ const char* kindText(MatchKind kind) {
   return "other";
 }
 
-void requireForm(const TablePlan& table, const FieldPlan& field, bool fitsKind) {
-  if (fitsKind) return;
+bool hasForm(MatchKind kind, const FieldMatch& match) {
+  switch (kind) {
+    case MatchKind::exact:
+      return match.has_exact();
+    case MatchKind::lpm:
+      return match.has_lpm();
+    case MatchKind::ternary:
+      return match.has_ternary();
+    case MatchKind::range:
+      return match.has_range();
+    case MatchKind::optional:
+      return match.has_optional();
+    case MatchKind::other:
+      break;  // refused in its own words
+  }
+  return true;
+}
+
+void requireForm(const TablePlan& table, const FieldPlan& field, const FieldMatch& match) {
+  if (hasForm(field.kind, match)) return;
   refuseField(code::invalidArgument, table, field, "the match must be of the kind ",
               kindText(field.kind));
+}
+
+void requireWhole(const TablePlan& table, const FieldPlan& field, bool isWhole, const char* form) {
+  if (isWhole) return;
+  refuseField(code::unimplemented, table, field, "the values are names, which match whole: give ",
+              form, ", or leave the field out to match anything");
 }
 
 bool allZero(const uint8_t* data, size_t bytes) {
@@ -152,24 +183,52 @@ void putRange(const TablePlan& table, const FieldPlan& field, const FieldMatch::
   }
 }
 
+// A name counts as 32 bits, all or none of which match.
+void putWholeName(const TablePlan& table, const FieldPlan& field, const FieldMatch& match,
+                  const Naming& naming, uint8_t* out) {
+  const std::string whole(field.bytes, '\xff');
+  if (field.kind == MatchKind::lpm) {
+    const bool isWhole = match.lpm().prefix_len() == static_cast<int32_t>(field.bits);
+    requireWhole(table, field, isWhole, "a prefix length of 32");
+    putName(table, field, match.lpm().value(), naming, out);
+    std::memcpy(out + field.bytes, &field.bits, sizeof(field.bits));
+  } else if (field.kind == MatchKind::ternary) {
+    requireWhole(table, field, match.ternary().mask() == whole, "the mask ff ff ff ff");
+    putName(table, field, match.ternary().value(), naming, out);
+    whole.copy(reinterpret_cast<char*>(out) + field.bytes, field.bytes);
+  } else {
+    const bool isWhole = match.range().low() == match.range().high();
+    requireWhole(table, field, isWhole, "a range whose ends are the same");
+    putName(table, field, match.range().low(), naming, out);
+    if (field.takesAll) std::memcpy(out + field.bytes, out, field.bytes);
+  }
+}
+
+void putNamed(const TablePlan& table, const FieldPlan& field, const FieldMatch& match,
+              const Naming& naming, uint8_t* out) {
+  if (field.kind == MatchKind::exact) {
+    return putName(table, field, match.exact().value(), naming, out);
+  }
+  if (field.kind != MatchKind::optional) return putWholeName(table, field, match, naming, out);
+  putName(table, field, match.optional().value(), naming, out);
+  if (field.takesAll) out[field.bytes] = 1;
+}
+
 void putField(const TablePlan& table, const FieldPlan& field, const FieldMatch& match,
-              uint8_t* key) {
+              const Naming& naming, uint8_t* key) {
   uint8_t* out = key + field.offset;
+  requireForm(table, field, match);
+  if (field.names != nullptr) return putNamed(table, field, match, naming, out);
   switch (field.kind) {
     case MatchKind::exact:
-      requireForm(table, field, match.has_exact());
       return putValue(table, field, match.exact().value(), out);
     case MatchKind::lpm:
-      requireForm(table, field, match.has_lpm());
       return putLpm(table, field, match.lpm(), out);
     case MatchKind::ternary:
-      requireForm(table, field, match.has_ternary());
       return putTernary(table, field, match.ternary(), out);
     case MatchKind::range:
-      requireForm(table, field, match.has_range());
       return putRange(table, field, match.range(), out);
     case MatchKind::optional:
-      requireForm(table, field, match.has_optional());
       putValue(table, field, match.optional().value(), out);
       if (field.takesAll) out[field.bytes] = 1;
       return;
@@ -221,7 +280,8 @@ bool matchesAnything(const FieldPlan& field, const uint8_t* at) {
   }
 }
 
-std::string hexOf(const uint8_t* at, const FieldPlan& field) {
+std::string valueText(const uint8_t* at, const FieldPlan& field) {
+  if (field.names != nullptr) return quotedName(field.names->name(numberAt(at)));
   return hexText(shortest(at, field.bytes));
 }
 
@@ -229,25 +289,46 @@ std::string hexOf(const uint8_t* at, const FieldPlan& field) {
 std::string fieldText(const FieldPlan& field, const uint8_t* key) {
   const uint8_t* at = key + field.offset;
   if (matchesAnything(field, at)) return "";
-  const std::string value = hexOf(at, field);
+  const std::string value = valueText(at, field);
+  if (field.names != nullptr) return absl::StrCat(field.name, " ", value);
   if (field.kind == MatchKind::lpm) {
     const uint32_t length = prefixLength(field, at);
     if (field.bits != 32) return absl::StrCat(field.name, " ", value, "/", length);
     return absl::StrCat(field.name, " ", at[0], ".", at[1], ".", at[2], ".", at[3], "/", length);
   }
   if (field.kind == MatchKind::ternary) {
-    return absl::StrCat(field.name, " ", value, "&", hexOf(at + field.bytes, field));
+    return absl::StrCat(field.name, " ", value, "&", valueText(at + field.bytes, field));
   }
   if (field.kind == MatchKind::range && field.takesAll) {
-    return absl::StrCat(field.name, " ", value, "..", hexOf(at + field.bytes, field));
+    return absl::StrCat(field.name, " ", value, "..", valueText(at + field.bytes, field));
   }
   return absl::StrCat(field.name, " ", value);
+}
+
+void nameMatchIs(const FieldPlan& field, const uint8_t* at, FieldMatch* match) {
+  const std::string name = field.names->name(numberAt(at));
+  switch (field.kind) {
+    case MatchKind::lpm:
+      match->mutable_lpm()->set_prefix_len(static_cast<int32_t>(field.bits));
+      return match->mutable_lpm()->set_value(name);
+    case MatchKind::ternary:
+      match->mutable_ternary()->set_mask(std::string(field.bytes, '\xff'));
+      return match->mutable_ternary()->set_value(name);
+    case MatchKind::range:
+      match->mutable_range()->set_low(name);
+      return match->mutable_range()->set_high(name);
+    case MatchKind::optional:
+      return match->mutable_optional()->set_value(name);
+    default:
+      return match->mutable_exact()->set_value(name);
+  }
 }
 
 void decodeField(const FieldPlan& field, const uint8_t* at, TableEntry* entry) {
   if (matchesAnything(field, at)) return;
   FieldMatch* match = entry->add_match();
   match->set_field_id(field.id);
+  if (field.names != nullptr) return nameMatchIs(field, at, match);
   switch (field.kind) {
     case MatchKind::lpm:
       match->mutable_lpm()->set_prefix_len(static_cast<int32_t>(prefixLength(field, at)));
@@ -268,7 +349,8 @@ void decodeField(const FieldPlan& field, const uint8_t* at, TableEntry* entry) {
 
 }  // namespace
 
-void encodeKey(const TablePlan& table, const TableEntry& entry, uint8_t* key) {
+void encodeKey(const TablePlan& table, const TableEntry& entry, uint8_t* key,
+               const Naming& naming) {
   Seen seen(table.fields.size(), false);
   size_t hint = 0;
   for (const FieldMatch& match : entry.match()) {
@@ -276,7 +358,7 @@ void encodeKey(const TablePlan& table, const TableEntry& entry, uint8_t* key) {
     const FieldPlan& field = table.fields[index];
     if (seen[index]) refuseField(code::invalidArgument, table, field, "the match is given twice");
     seen[index] = true;
-    putField(table, field, match, key);
+    putField(table, field, match, naming, key);
   }
   if (static_cast<size_t>(entry.match_size()) == table.fields.size()) return;
   for (size_t i = 0; i < table.fields.size(); ++i) {

@@ -5,12 +5,15 @@
 #include <string>
 
 #include "PI/frontend/model/Plans.h"
+#include "PI/frontend/names/NamePins.h"
 
 namespace pi::fe::proto {
 
-// Writes table.keyBytes bytes to `key`. Throws a Refusal that names table and field; the bytes
-// of `key` then have no meaning.
-void encodeKey(const TablePlan& table, const p4::v1::TableEntry& entry, uint8_t* key);
+// Writes table.keyBytes bytes to `key`. Throws a Refusal that names table and field, an UnknownName
+// (PI/frontend/store/NameCodec.h) where no entry can have the key; the bytes of `key` then have no
+// meaning.
+void encodeKey(const TablePlan& table, const p4::v1::TableEntry& entry, uint8_t* key,
+               const Naming& naming = {});
 
 // The entry's priority, checked against the match kinds of the table. Throws a Refusal.
 uint32_t checkedPriority(const TablePlan& table, const p4::v1::TableEntry& entry);

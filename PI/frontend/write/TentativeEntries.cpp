@@ -23,8 +23,9 @@ void TentativeEntries::enter(const CheckedUpdate& update) {
                         isDelete ? EntryPtr() : update.slot.entry});
     use_.countChange(*update.profile, former, isDelete ? nullptr : update.slot.entry.get());
   }
-  Change change{update.slot, isDelete};
-  store_.keep({&change, 1});
+  std::vector<Change> changes = update.also;
+  changes.push_back({update.slot, isDelete});
+  store_.keep(changes);
 }
 
 void TentativeEntries::commit() {

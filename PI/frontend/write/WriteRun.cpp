@@ -6,6 +6,7 @@
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
 #include "PI/frontend/check/UpdateCheck.h"
+#include "PI/frontend/store/HeldNames.h"
 #include "PI/frontend/target/TargetCalls.h"
 #include "PI/frontend/write/UpdateRun.h"
 #include "PI/pi.h"
@@ -102,6 +103,8 @@ void WriteRun::doRemoveLast(CheckedWrite* write) {
 }
 
 void WriteRun::run() {
+  pi_batch_fate_set(PI_BATCH_SINGLE);
+  if (levels_ != 0) doStoreNames();
   pi_batch_fate_set(fate_);
   if (fate_ != PI_BATCH_SINGLE) {
     runWhole();
@@ -109,6 +112,8 @@ void WriteRun::run() {
     const WriteScope scope(store_);
     for (const Batch& batch : batches()) doRunBatch(batch);
   }
+  pi_batch_fate_set(PI_BATCH_SINGLE);
+  if (levels_ != 0) doForgetNames();
   for (const Part& part : parts_) *part.status = statusOf(part);
 }
 
@@ -130,6 +135,7 @@ void WriteRun::runWhole() {
   doRecordFailures(statuses);
   if (errors_.empty()) {
     entries.commit();
+    doCountNotedNames();
   } else {
     doAbortOthers();
   }
@@ -158,6 +164,7 @@ void WriteRun::maybeRunWholeUpdate(uint32_t offset, StatusVector* statuses,
   maybeRunUpdate(offset, statuses);
   const Operation& operation = operations_[offset];
   if (!operation.pending || operation.failed) return;
+  noteNames(operation.update);
   entries->enter(operation.update);
   state_.handleBatchBegin();
 }
@@ -167,6 +174,32 @@ void WriteRun::doAbortOthers() {
   for (p4::v1::Error& error : errors_) {
     if (error.canonical_code() == code::ok) error.set_canonical_code(code::aborted);
   }
+}
+
+// The target knows a name before anything that uses it.
+void WriteRun::doStoreNames() {
+  for (const Operation& operation : operations_) {
+    if (operation.runs) nameWrites_.add(operation.update.names);
+  }
+  if (!nameWrites_.any()) return;
+  const NameWrites::Failures failures = nameWrites_.doStore();
+  anyBatchRun_ = true;
+  if (failures.empty()) return;
+  for (uint32_t offset = 0; offset < operations_.size(); ++offset) {
+    Operation& operation = operations_[offset];
+    const Refusal* why =
+        operation.runs ? NameWrites::failureOf(failures, operation.update.names) : nullptr;
+    if (why == nullptr) continue;
+    operation.runs = false;
+    doFail(offset, why->code(), absl::StrCat(updateText(operation.update), ": ", why->message()));
+  }
+}
+
+// Names without a user go; those that stay for some reason do so until the next Write.
+void WriteRun::doForgetNames() {
+  for (Operation& operation : operations_) operation.update.names.releaseAll();
+  goneNames_.releaseAll();
+  nameWrites_.doDeleteLeaving();
 }
 
 google::rpc::Status WriteRun::statusOf(const Part& part) const {
@@ -326,6 +359,7 @@ void WriteRun::doEnter(const Batch& batch, const StatusVector& failures) {
     if (!operation.pending) continue;
     operation.pending = false;
     if (operation.update.profile != nullptr) doCountUse(operation.update);
+    doCountNames(operation.update);
     changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE});
     std::ranges::move(operation.update.also, std::back_inserter(changes));
   }
@@ -363,6 +397,32 @@ void WriteRun::doCountUse(const CheckedUpdate& update) {
   const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
   const bool isDelete = update.type == Update::DELETE;
   use_.countChange(*update.profile, former, isDelete ? nullptr : update.slot.entry.get());
+}
+
+void WriteRun::doCountNames(const CheckedUpdate& update) {
+  const ActionUser* user = update.table;
+  if (user == nullptr) user = update.profile;
+  if (!user->usesNames) return;
+  const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
+  if (update.type != Update::DELETE) holdNames(*user, update.table, *update.slot.entry);
+  if (former != nullptr) takeNames(*user, update.table, *former, &goneNames_);
+}
+
+// The names of an update count once all of the Write stands.
+void WriteRun::noteNames(const CheckedUpdate& update) {
+  const ActionUser* user = update.table;
+  if (user == nullptr) user = update.profile;
+  if (!user->usesNames) return;
+  const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
+  notedNames_.push_back({user, update.table, EntryPtr(const_cast<Entry*>(former)),
+                         update.type == Update::DELETE ? EntryPtr() : update.slot.entry});
+}
+
+void WriteRun::doCountNotedNames() {
+  for (const NotedNames& noted : notedNames_) {
+    if (noted.now) holdNames(*noted.user, noted.table, *noted.now);
+    if (noted.former) takeNames(*noted.user, noted.table, *noted.former, &goneNames_);
+  }
 }
 
 void WriteRun::doFail(uint32_t offset, int code, const std::string& message) {

@@ -14,6 +14,7 @@
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/store/ProfileUse.h"
 #include "PI/frontend/target/TargetSession.h"
+#include "PI/frontend/write/NameWrites.h"
 #include "PI/frontend/write/TentativeEntries.h"
 #include "PI/frontend/write/WriteOrder.h"
 #include "PI/pi_base.h"
@@ -64,6 +65,13 @@ class WriteRun {
     using Refusal::Refusal;
   };
   using Operation = WriteOperation;
+  // An update of a Write that stands or falls as a whole: the entries before and after it.
+  struct NotedNames {
+    const ActionUser* user;
+    const TablePlan* table;
+    EntryPtr former;
+    EntryPtr now;
+  };
   // A Write's part of the operations.
   struct Part {
     uint32_t first;
@@ -80,6 +88,8 @@ class WriteRun {
   void doRemoveLast(CheckedWrite* write);
   google::rpc::Status statusOf(const Part& part) const;
   std::vector<Batch> batches() const;
+  void doStoreNames();
+  void doForgetNames();
   void doRunBatch(const Batch& batch);
   void doLoad(std::span<const uint32_t> offsets) const;
   void doEndBatch(StatusVector* statuses);
@@ -91,17 +101,23 @@ class WriteRun {
   void doMarkFailed(const StatusVector& failures);
   void doRecordFailures(const StatusVector& failures);
   void doCountUse(const CheckedUpdate& update);
+  void doCountNames(const CheckedUpdate& update);
+  void noteNames(const CheckedUpdate& update);
+  void doCountNotedNames();
   void doFail(uint32_t offset, int code, const std::string& message);
 
   const P4InfoIndex& index_;
   EntryStore& store_;
   ProfileUse& use_;
   const TargetSession session_;
+  NameWrites nameWrites_{index_, session_};
+  NamePins goneNames_;  // of former entries, until Reads that begin show them no more
   StateCheck state_;
   WriteOrder order_{store_, use_};
   std::vector<Part> parts_;
   std::vector<Operation> operations_;  // one an update
   std::vector<p4::v1::Error> errors_;  // empty, or one an update
+  std::vector<NotedNames> notedNames_;
   uint32_t levels_ = 0;
   pi_batch_fate_t fate_ = PI_BATCH_SINGLE;
   bool batchOpen_ = false;

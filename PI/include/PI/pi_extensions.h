@@ -106,6 +106,23 @@ pi_status_t pi_constant_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_i
                                           pi_entry_handle_t entry_handle);
 pi_status_t pi_restore_done(pi_dev_id_t dev_id);
 
+/* A name of a translated type that the configuration fixes to a number below 2^31, for as long as
+ * the device has such a type. The bytes belong to the caller. */
+typedef struct {
+  const char* type; /* as the P4Info calls it */
+  const char* name;
+  size_t name_size;
+  uint32_t number;
+  int fault; /* set by the call */
+} pi_fixed_name_t;
+enum {
+  PI_FIXED_NAME_TAKEN = 0,        /* or the pipeline has no such type */
+  PI_FIXED_NAME_HAS_NUMBER = 1,   /* the name is in use with another number, which stays */
+  PI_FIXED_NAME_NUMBER_TAKEN = 2, /* the number is in use for another name, which stays */
+};
+/* All of them, in place of the former ones: at any time, and once before a restore is done. */
+pi_status_t pi_fixed_names_set(pi_dev_id_t dev_id, pi_fixed_name_t* names, size_t count);
+
 #ifdef __cplusplus
 }
 #endif

@@ -18,6 +18,8 @@
 // Bytes<N> (N bytes, N up to 1024), Bits<W> (a number of W bits, in (W + 7) / 8 bytes), all in
 // network order; IpGenPrefix (24, see its header); T[] (an array of U32 or U64, `value` columns
 // only); Void (no bytes).
+// A U32 may stand for a string of the controller's: `port : U32 named port_t;`, in a key before the
+// role. The strings are rows of the table translation.port_t.
 // Roles of key columns: none (exact), range (one value), priority (last of the key), and pairs in
 // this order: value and mask, a ternary field; low and high, a range with both its ends; prefix and
 // length, an LPM field; optional and present, a field that matches anything where present is 0 (its
@@ -75,6 +77,7 @@ struct Column {
   ColumnRole role = ColumnRole::exact;
   uint32_t size = 0;  // bytes; 0 for arrays and none
   uint32_t bits = 0;  // of a Bits<W>; else 0
+  std::string named;  // the type of the strings that its numbers stand for; else empty
 };
 
 struct ActionLayout {

@@ -323,6 +323,12 @@ class TypeCompiler {
     column.type = known->type;
     column.size = known->size;
     if (accept("[")) arrayType(column);
+    if (accept("named")) namedType(column);
+  }
+
+  void namedType(Column& column) {
+    if (column.type != ColumnType::u32) wrong("column " + column.name + " is named, but no U32");
+    column.named = word("the type of the names");
   }
 
   void bytesType(Column& column) {

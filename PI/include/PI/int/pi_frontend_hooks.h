@@ -3,6 +3,7 @@
 #pragma once
 
 #include "PI/pi_base.h"
+#include "PI/pi_extensions.h"
 #include "PI/pi_tables.h"
 
 #ifdef __cplusplus
@@ -44,6 +45,9 @@ typedef struct {
                                 const char* data, size_t size);
   pi_status_t (*table_entry_idle)(void* cookie, pi_dev_id_t dev_id, pi_p4_id_t table_id,
                                   const pi_match_key_t* match_key);
+  /* NULL for a front end that knows no names. */
+  pi_status_t (*fixed_names)(void* cookie, pi_dev_id_t dev_id, pi_fixed_name_t* names,
+                             size_t count);
 } pi_frontend_hooks_t;
 
 /* Replaces the device's former hooks; copies *hooks, borrows the cookie. The device need not be

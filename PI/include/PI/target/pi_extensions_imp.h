@@ -24,6 +24,10 @@ typedef struct {
   /* Multicast groups and other entities are written as entries of tables of their own, which
    * PI/frontends/proto/entity_tables.h tells. */
   int entities;
+  /* Translated types may be strings to controllers. Keys, action data and packet headers have
+   * numbers of 32 bits in their place, which the front end gives out; it keeps the strings as
+   * entries of tables of their own, which PI/frontends/proto/translation_tables.h tells. */
+  int strings;
 } pi_abilities_t;
 
 #define PI_DEFAULT_ENTRY_TABLE(table_id) ((table_id) ^ 0x80000000u)

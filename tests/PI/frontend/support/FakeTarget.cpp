@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "PI/frontends/proto/translation_tables.h"
 #include "PI/int/pi_int.h"
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_act_prof_imp.h"
@@ -69,7 +70,7 @@ std::vector<pi_status_t> FakeTarget::restored(uint64_t controllerMetadata,
                                           group.members.data(), group.members.size(), handle,
                                           group.metadata.data(), group.metadata.size());
   }
-  for (auto& [key, row] : rows_) {
+  const auto handBack = [&](const Key& key, Row& row) {
     std::string bytes = key.bytes;
     const pi_match_key_t match{nullptr, key.tableId, key.priority, bytes.size(), bytes.data()};
     pi_action_data_t action{nullptr, row.actionId, row.action.size(), row.action.data()};
@@ -89,6 +90,11 @@ std::vector<pi_status_t> FakeTarget::restored(uint64_t controllerMetadata,
         1, key.tableId, &match, &entry, row.handle,
         row.controllerMetadata != 0 ? row.controllerMetadata : controllerMetadata, own.data(),
         own.size()));
+  };
+  for (const bool areNames : {true, false}) {  // names first, since one-shot sets need them
+    for (auto& [key, row] : rows_) {
+      if (pi::fe::proto::is_translation_table(key.tableId) == areNames) handBack(key, row);
+    }
   }
   pi_restore_done(1);
   return statuses;

@@ -22,7 +22,8 @@ class FrontendTest : public testing::Test {
   using Entries = std::vector<p4::v1::TableEntry>;
   using Push = p4::v1::SetForwardingPipelineConfigRequest;
 
-  FrontendTest() {
+  explicit FrontendTest(p4::v1::ForwardingPipelineConfig given = test::pipelineConfig())
+      : config(std::move(given)) {
     DeviceMgr::init(1);
     DeviceMgr::set_operation_permission_level(2);
     device.emplace(1, std::chrono::milliseconds(0));
@@ -97,7 +98,7 @@ class FrontendTest : public testing::Test {
     return entries;
   }
 
-  const p4::v1::ForwardingPipelineConfig config = test::pipelineConfig();
+  const p4::v1::ForwardingPipelineConfig config;
   FakeTarget target;
   std::optional<DeviceMgrImp> device;  // number 1; does not wait for restores
 };

@@ -1,0 +1,15 @@
+// The names that committed entries and members hold.
+#pragma once
+
+#include "PI/frontend/model/Plans.h"
+#include "PI/frontend/names/NamePins.h"
+#include "PI/frontend/store/Entry.h"
+
+namespace pi::fe::proto {
+
+// The entry holds its names from now on. `user`: its table, or the profile of a member.
+void holdNames(const ActionUser& user, const TablePlan* table, const Entry& entry);
+// The entry holds them no more; its holds are the pins'.
+void takeNames(const ActionUser& user, const TablePlan* table, const Entry& entry, NamePins* pins);
+
+}  // namespace pi::fe::proto
