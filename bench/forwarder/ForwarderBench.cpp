@@ -30,6 +30,7 @@ class DeafSubscriber final : public Lattice::Subscriber {
   uint64_t sequence() const override { return 0; }
   int descriptor() const override { return -1; }
   void lookForIs(std::chrono::microseconds) override {}
+  void appliesAtOnceIs(bool) override {}
 
  private:
   std::string trouble_;

@@ -196,10 +196,19 @@ std::string headText(const cJSON* view) {
                      fmt::format("{} constant {}", entries, entries == 1 ? "entry" : "entries"));
 }
 
+std::string entityTablesText(const cJSON* view) {
+  std::string names;
+  for (const cJSON* name : Items(view, "entity_tables")) {
+    names += (names.empty() ? "" : ", ") + std::string(cJSON_GetStringValue(name));
+  }
+  return names.empty() ? names : "\nrows of other entities in " + names + '\n';
+}
+
 std::string pageOf(const cJSON* view) {
   std::string page = headText(view);
   for (const cJSON* table : Items(view, "tables")) page += '\n' + tableText(table);
   for (const cJSON* profile : Items(view, "action_profiles")) page += '\n' + profileText(profile);
+  page += entityTablesText(view);
   for (const cJSON* query : Items(view, "queries")) page += '\n' + queryText(query);
   for (const cJSON* header : Items(view, "packet_headers")) {
     page +=

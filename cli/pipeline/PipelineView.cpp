@@ -73,6 +73,7 @@ class ViewMaker {
     cJSON* profiles = Vela::addArray(root_.get(), "action_profiles");
     for (const auto& profile : p4Info_.action_profiles())
       addProfile(profile, Vela::addObjectTo(profiles));
+    addEntityTables(Vela::addArray(root_.get(), "entity_tables"));
     cJSON* queries = Vela::addArray(root_.get(), "queries");
     for (const DeviceQuery& query : config_.queries) addQueryView(query, queries);
     cJSON* headers = Vela::addArray(root_.get(), "packet_headers");
@@ -139,6 +140,14 @@ class ViewMaker {
       Vela::addString(object, "action_profile", profile->preamble().name());
     cJSON* entries = Vela::addArray(object, "constant_entries");
     if (programmable) addEntries(device->second, table, entries);
+  }
+
+  // Those that the program does not declare: of groups, cells, names and other entities.
+  void addEntityTables(cJSON* names) {
+    for (const TableLayout& layout : layout_.tables) {
+      if (layout.kind != TableKind::match || index_.table(layout.id) != nullptr) continue;
+      cJSON_AddItemToArray(names, cJSON_CreateString(layout.tableName.c_str()));
+    }
   }
 
   void addMatchFields(const p4::config::v1::Table& table, cJSON* fields) {

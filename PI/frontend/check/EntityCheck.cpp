@@ -39,14 +39,14 @@ CheckedUpdate updateOf(const EntityPlan& plan, uint64_t key, const ActionPlan& a
   return result;
 }
 
-// Ports of controllers: their numbers have 32 bits.
-void checkPort(const std::string& owner, const p4::v1::Replica& replica) {
+// Ports of controllers: names, or numbers of 32 bits.
+void checkPort(const EntityPlan& plan, const std::string& owner, const p4::v1::Replica& replica) {
   if (replica.has_egress_port()) return;
   const std::string& port = replica.port();
   if (port.empty()) {
     refuse(code::invalidArgument, owner, ": a replica has no port; set port or egress_port");
   }
-  if (fits(port, kEntityIdBits)) return;
+  if (plan.ports != nullptr || fits(port, kEntityIdBits)) return;
   refuse(code::invalidArgument, owner, ": the port ", hexText(port), " of a replica is wider than ",
          kEntityIdBits, " bits");
 }
@@ -55,17 +55,18 @@ template <typename Replicas>
 void checkReplicas(const EntityPlan& plan, uint32_t id, Replicas* replicas) {
   const std::string owner = absl::StrCat(plan.text, " ", id);
   for (p4::v1::Replica& replica : *replicas) {
-    checkPort(owner, replica);
-    if (!replica.port().empty()) shorten(replica.mutable_port());
+    checkPort(plan, owner, replica);
+    if (plan.ports == nullptr && !replica.port().empty()) shorten(replica.mutable_port());
     if (!replica.backup_replicas().empty()) {
       refuse(code::unimplemented, owner, ": backup replicas are not supported");
     }
   }
 }
 
-void requireDistinctReplicas(const EntityPlan& plan, uint32_t id, const Entity& entity) {
+void requireDistinctReplicas(const EntityPlan& plan, uint32_t id, const Entity& entity,
+                             NamePins* names) {
   absl::flat_hash_set<std::string> seen;
-  for (std::string& key : listKeys(plan, entity)) {
+  for (std::string& key : listKeys(plan, entity, {names, true})) {
     if (seen.insert(std::move(key)).second) continue;
     refuse(code::invalidArgument, plan.text, " ", id,
            ": two replicas have the same port and instance");
@@ -76,18 +77,22 @@ CheckedUpdate checkedGroup(const EntityPlan& plan, const Entity& given, Update::
   Entity entity = given;
   auto& group = *entity.mutable_packet_replication_engine_entry()->mutable_multicast_group_entry();
   const uint32_t id = group.multicast_group_id();
+  NamePins names;
   if (type != Update::DELETE) {
     checkReplicas(plan, id, group.mutable_replicas());
     requireRoom(plan, id, entity);
-    requireDistinctReplicas(plan, id, entity);
+    requireDistinctReplicas(plan, id, entity, &names);
   }
-  return updateOf(plan, id, actionOf(*plan.table), entity);
+  CheckedUpdate result = updateOf(plan, id, actionOf(*plan.table), entity);
+  result.names = std::move(names);
+  return result;
 }
 
 CheckedUpdate checkedSession(const EntityPlan& plan, const Entity& given, Update::Type type) {
   Entity entity = given;
   auto& session = *entity.mutable_packet_replication_engine_entry()->mutable_clone_session_entry();
   const uint32_t id = session.session_id();
+  NamePins names;
   if (type != Update::DELETE) {
     if (session.packet_length_bytes() < 0) {
       refuse(code::invalidArgument, plan.text, " ", id, ": packet_length_bytes is ",
@@ -95,7 +100,7 @@ CheckedUpdate checkedSession(const EntityPlan& plan, const Entity& given, Update
     }
     checkReplicas(plan, id, session.mutable_replicas());
     requireRoom(plan, id, entity);
-    requireDistinctReplicas(plan, id, entity);
+    requireDistinctReplicas(plan, id, entity, &names);
   }
   const ActionPlan& action = actionOf(*plan.table);
   CheckedUpdate result = updateOf(plan, id, action, entity);

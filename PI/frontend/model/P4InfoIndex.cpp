@@ -167,6 +167,19 @@ Dictionary* P4InfoIndex::namesOf(const Value& value) const {
   return isName ? names(value.type_name().name()) : nullptr;
 }
 
+// The headers of packets tell the type of ports.
+Dictionary* P4InfoIndex::portNames(const config::P4Info& p4Info) const {
+  for (const auto& header : p4Info.controller_packet_metadata()) {
+    for (const auto& field : header.metadata()) {
+      const bool isPort =
+          field.name().ends_with("egress_port") || field.name().ends_with("ingress_port");
+      Dictionary* type = isPort ? names(field.type_name().name()) : nullptr;
+      if (type != nullptr) return type;
+    }
+  }
+  return nullptr;
+}
+
 void P4InfoIndex::usesOfNamesAre() {
   const auto hasNames = [](const TablePlan& table) {
     return std::ranges::any_of(table.fields,
@@ -185,7 +198,7 @@ void P4InfoIndex::usesOfNamesAre() {
   for (const auto& profile : profiles_) profile->usesNames = mayUse(*profile);
   for (const auto& table : entityTables_) {
     const TablePlan* list = table->entity != nullptr ? table->entity->list : nullptr;
-    table->usesNames = list != nullptr && hasNames(*list);
+    table->usesNames = list != nullptr && (hasNames(*list) || table->entity->ports != nullptr);
   }
 }
 
@@ -436,8 +449,9 @@ EntityPlan* P4InfoIndex::entityIs(EntityKind kind, const config::Preamble& pream
 }
 
 void P4InfoIndex::entitiesAre(const config::P4Info& p4Info) {
-  entityIs(EntityKind::multicastGroup, {});
-  entityIs(EntityKind::cloneSession, {});
+  for (const EntityKind kind : {EntityKind::multicastGroup, EntityKind::cloneSession}) {
+    entityIs(kind, {})->ports = portNames(p4Info);
+  }
   for (const auto& counter : p4Info.counters()) {
     EntityPlan* plan = entityIs(EntityKind::counter, counter.preamble(), counter.size());
     plan->countsBytes = counter.spec().unit() != config::CounterSpec::PACKETS;

@@ -54,6 +54,7 @@ class P4InfoIndex {
   void namedTypesAre(const p4::config::v1::P4Info& p4Info);
   template <typename Value>
   Dictionary* namesOf(const Value& value) const;
+  Dictionary* portNames(const p4::config::v1::P4Info& p4Info) const;
   void usesOfNamesAre();
   void objectIs(const char* kind, const p4::config::v1::Preamble& preamble, int64_t size = 0);
   void doIndexObjects(const p4::config::v1::P4Info& p4Info);

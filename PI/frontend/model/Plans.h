@@ -131,6 +131,7 @@ struct EntityPlan {
   bool isBool = false;         // of a register
   p4::config::v1::MeterSpec::Type meterType = p4::config::v1::MeterSpec::TWO_RATE_THREE_COLOR;
   const TablePlan* table = nullptr;  // null: it cannot be kept
+  Dictionary* ports = nullptr;       // of groups and sessions, where ports are names; else null
   const TablePlan* list = nullptr;   // of the rows of a group, session or value set; else null
 
   bool isArray() const {

@@ -7,6 +7,7 @@
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/store/KeyCodec.h"
+#include "PI/frontend/store/NameCodec.h"
 
 namespace pi::fe::proto {
 
@@ -27,19 +28,21 @@ uint64_t numberAt(const uint8_t* at, size_t bytes) {
   return value;
 }
 
-uint64_t portNumber(const p4::v1::Replica& replica) {
+uint64_t portNumber(const EntityPlan& plan, const p4::v1::Replica& replica, const Naming& naming) {
   if (replica.has_egress_port()) return replica.egress_port();
   const std::string& port = replica.port();
+  if (plan.ports != nullptr) return numberOf(*plan.ports, port, naming, {plan.text, ": a replica"});
   return numberAt(reinterpret_cast<const uint8_t*>(port.data()), port.size());
 }
 
 template <typename Replicas>
-void addReplicas(uint32_t owner, const Replicas& replicas, std::vector<std::string>* keys) {
+void addReplicas(const EntityPlan& plan, uint32_t owner, const Replicas& replicas,
+                 const Naming& naming, std::vector<std::string>* keys) {
   for (const auto& replica : replicas) {
     std::string& key = keys->emplace_back(12, '\0');
     auto* at = reinterpret_cast<uint8_t*>(key.data());
     putNumber(owner, 4, at);
-    putNumber(portNumber(replica), 4, at + 4);
+    putNumber(portNumber(plan, replica, naming), 4, at + 4);
     putNumber(replica.instance(), 4, at + 8);
   }
 }
@@ -106,10 +109,10 @@ std::vector<std::string> listKeys(const EntityPlan& plan, const Entity& entity,
   const auto& replication = entity.packet_replication_engine_entry();
   if (plan.kind == EntityKind::multicastGroup) {
     const auto& group = replication.multicast_group_entry();
-    addReplicas(group.multicast_group_id(), group.replicas(), &keys);
+    addReplicas(plan, group.multicast_group_id(), group.replicas(), naming, &keys);
   } else if (plan.kind == EntityKind::cloneSession) {
     const auto& session = replication.clone_session_entry();
-    addReplicas(session.session_id(), session.replicas(), &keys);
+    addReplicas(plan, session.session_id(), session.replicas(), naming, &keys);
   } else if (plan.kind == EntityKind::valueSet) {
     addMembers(plan, entity.value_set_entry(), naming, &keys);
   }

@@ -40,9 +40,21 @@ void visitSet(const ActionUser& user, const Entry& entry, Visitor& visitor) {
 }
 
 template <typename Visitor>
+void visitPorts(const EntityPlan& plan, const p4::v1::Entity& entity, Visitor& visitor) {
+  const auto& replication = entity.packet_replication_engine_entry();
+  const auto& replicas = replication.has_multicast_group_entry()
+                             ? replication.multicast_group_entry().replicas()
+                             : replication.clone_session_entry().replicas();
+  for (const auto& replica : replicas) {
+    if (!replica.has_egress_port()) visitor.name(*plan.ports, replica.port());
+  }
+}
+
+template <typename Visitor>
 void visitMembers(const EntityPlan& plan, const Entry& entry, Visitor& visitor) {
   p4::v1::Entity entity;
   if (!readEntity(plan, entry, &entity)) return;
+  if (plan.ports != nullptr) return visitPorts(plan, entity, visitor);
   for (const auto& member : entity.value_set_entry().members()) {
     for (const auto& match : member.match()) {
       for (const FieldPlan& field : plan.list->fields) {

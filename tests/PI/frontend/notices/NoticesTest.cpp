@@ -16,7 +16,7 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using namespace std::string_literals;
 
-constexpr uint32_t kLearn = 0x17000001;
+constexpr uint32_t kLearn = 0x17000077;
 
 class NoticesTest : public FrontendTest {
  protected:

@@ -315,7 +315,9 @@ TEST_F(NamesTest, AreSentThoughTheirEntriesAreGone) {
   ASSERT_EQ(written(inserts).code(), code::ok);
   size_t count = 0;
   device->read(test::readOf({test::query(kNeighbors)}), [&](const p4::v1::ReadResponse& response) {
-    if (count == 0) EXPECT_EQ(written(deletes).code(), code::ok);
+    if (count == 0) {
+      EXPECT_EQ(written(deletes).code(), code::ok);
+    }
     for (const auto& entity : response.entities()) {
       EXPECT_EQ(entity.table_entry().match(0).exact().value()[0], 'x');
       ++count;
