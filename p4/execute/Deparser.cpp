@@ -1,0 +1,54 @@
+#include "p4/execute/Deparser.h"
+
+#include "p4/execute/BitWriter.h"
+
+namespace P4 {
+namespace {
+
+void writeMetadata(const HeaderPlace& header, const uint64_t* state, BitWriter& to) {
+  uint64_t words[64];
+  for (const FieldPlace& field : header.fields) {
+    loadWords(field, state, words);
+    for (uint32_t word = field.words(); word-- > 0;)
+      to.append(words[word], word + 1 == field.words() ? field.bits - 64u * word : 64u);
+  }
+}
+
+void writeHeader(const HeaderPlace& header, const Packet& packet, BitWriter& to) {
+  const uint64_t* state = packet.state.get();
+  const uint8_t* bytes = bytesOf(state) + header.at;
+  if (header.varbit == noSlot) return to.append(bytes, 0, header.bytes * 8);
+  const uint64_t varbit = state[header.varbit];
+  to.append(bytes, 0, header.varbitAt);
+  to.append(packet.data, static_cast<uint32_t>(varbit >> 32), static_cast<uint32_t>(varbit));
+  to.append(bytes, header.varbitAt, header.bytes * 8 - header.varbitAt);
+}
+
+}  // namespace
+
+size_t mostBytesOf(const Image& image, const Packet& packet) {
+  size_t bytes = packet.size + 16;
+  for (const uint32_t header : image.deparser) {
+    const HeaderPlace& place = image.headers[header];
+    bytes += place.bytes;
+    if (place.varbit != noSlot) bytes += packet.size;
+  }
+  return bytes;
+}
+
+size_t deparse(const Image& image, const Packet& packet, uint8_t* to) {
+  const uint64_t* state = packet.state.get();
+  BitWriter writer(to);
+  for (const uint32_t header : image.deparser) {
+    const HeaderPlace& place = image.headers[header];
+    if (place.metadata)
+      writeMetadata(place, state, writer);
+    else if (state[place.valid])
+      writeHeader(place, packet, writer);
+  }
+  writer.pad();
+  writer.append(packet.data + packet.parsed, 0, (packet.size - packet.parsed) * 8);
+  return writer.bytes();
+}
+
+}  // namespace P4

@@ -1,0 +1,34 @@
+// Validity of headers, and copies of headers, unions and stacks.
+#pragma once
+
+#include <cstring>
+
+#include "p4/compile/Image.h"
+#include "p4/execute/Packet.h"
+
+namespace P4 {
+
+// Fields of an invalid header read 0, so its bytes are cleared.
+inline void invalidate(const HeaderPlace& header, uint64_t* state) {
+  state[header.valid] = state[header.shown] = 0;
+  std::memset(bytesOf(state) + header.at, 0, header.bytes);
+  if (header.varbit != noSlot) state[header.varbit] = 0;
+}
+
+// Other members of its union become invalid.
+inline void validate(const Image& image, uint32_t header, uint64_t* state) {
+  const HeaderPlace& place = image.headers[header];
+  state[place.valid] = state[place.shown] = 1;
+  if (place.headerUnion == absent) return;
+  for (const uint32_t member : image.unions[place.headerUnion])
+    if (member != header) invalidate(image.headers[member], state);
+}
+
+void addHeader(const Image& image, uint32_t header, bool fast, Packet& packet);
+void removeHeader(const Image& image, uint32_t header, bool keepLength, Packet& packet);
+void copyHeader(const Image& image, uint32_t to, uint32_t from, uint64_t* state);
+bool headersEqual(const Image& image, uint32_t one, uint32_t other, const Packet& packet);
+void pushStack(const Image& image, uint32_t stack, bool ofUnions, uint64_t count, uint64_t* state);
+void popStack(const Image& image, uint32_t stack, bool ofUnions, uint64_t count, uint64_t* state);
+
+}  // namespace P4
