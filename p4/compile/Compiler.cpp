@@ -79,11 +79,6 @@ class Compiler {
   void compileLists() {
     for (const FieldList& list : program_.fieldLists) image_.fieldLists.push_back(compileList(list, false));
     for (const FieldList& list : program_.learnLists) image_.learnLists.push_back(compileList(list, true));
-    for (const ValueSet& set : program_.valueSets) {
-      ValueSetShape shape{.bits = set.keyBits};
-      for (const uint32_t bits : set.keyBits) shape.words += (bits + 63) / 64;
-      image_.valueSets.push_back(std::move(shape));
-    }
     const auto error = [this](const char* name) { return program_.errors.find(name)->second; };
     image_.errors = {error("NoError"),       error("PacketTooShort"), error("StackOutOfBounds"),
                      error("HeaderTooShort"), error("ParserTimeout"),  error("ParserInvalidArgument")};

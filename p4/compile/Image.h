@@ -96,8 +96,10 @@ struct WideSelector {
   uint32_t otherwise = 0;
 };
 
-// How a value set's key lies in words, an element (bits + 63) / 64 of them.
-struct ValueSetShape {
+// A place in the parser that asks a value set: how its key lies in words, an element (bits + 63) / 64
+// of them.
+struct ValueSetUse {
+  uint32_t set = 0;
   std::vector<uint32_t> bits;
   uint32_t words = 0;
 };
@@ -158,7 +160,7 @@ struct Image {
   std::vector<uint32_t> profileCalculations;  // by profile; absent: no selector
   std::vector<Selector> selectors;
   std::vector<WideSelector> wideSelectors;
-  std::vector<ValueSetShape> valueSets;
+  std::vector<ValueSetUse> valueSetUses;
   std::vector<std::vector<uint64_t>> masks;  // of value sets
   std::vector<LogCall> logs;
   std::vector<ListCode> fieldLists;

@@ -67,7 +67,7 @@ enum class Code : uint16_t {
   raise,           // error [b]
   selectState,     // on [a] by selector b
   selectWide,      // on words from a on by selector b
-  inValueSet,      // jumps to b when the words from a on are in set c (low half) under mask (high half)
+  inValueSet,      // jumps to b when the words from a on are in the set of use c, under its mask
 
   // externs and requests
   count,           // cell [b] of array c

@@ -167,8 +167,8 @@ void ParserCompiler::selectWide(const ParserState& state) {
       if (!run.targets.empty()) endRun(on);
       code_.bind(on);
       image_.masks.push_back(std::move(mask));
-      code_.emitJump(Code::inValueSet, labelOf(one.next), key,
-                     one.valueSet | uint64_t{image_.masks.size() - 1} << 32);
+      image_.valueSetUses.push_back({one.valueSet, state.keyBits, words});
+      code_.emitJump(Code::inValueSet, labelOf(one.next), key, image_.masks.size() - 1);
       continue;
     }
     const std::vector<uint64_t> value = wordsOfKey(one.value, state.keyBits);

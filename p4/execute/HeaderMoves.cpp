@@ -59,7 +59,8 @@ void addHeader(const Image& image, uint32_t header, bool fast, Packet& packet) {
   uint64_t* state = packet.state.get();
   if (!fast) {
     if (state[place.valid]) return;
-    invalidate(place, state);  // all fields 0
+    std::memset(bytesOf(state) + place.at, 0, place.bytes);
+    if (place.varbit != noSlot) state[place.varbit] = 0;
     packet.runningLength += place.bytes;
   }
   validate(image, header, state);

@@ -8,11 +8,9 @@
 
 namespace P4 {
 
-// Fields of an invalid header read 0, so its bytes are cleared.
+// Fields keep their bytes, as programs that read a header just removed expect.
 inline void invalidate(const HeaderPlace& header, uint64_t* state) {
   state[header.valid] = state[header.shown] = 0;
-  std::memset(bytesOf(state) + header.at, 0, header.bytes);
-  if (header.varbit != noSlot) state[header.varbit] = 0;
 }
 
 // Other members of its union become invalid.

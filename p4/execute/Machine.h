@@ -61,7 +61,7 @@ class Machine {
 
   uint32_t select(const Selector& selector, uint64_t key) const;
   uint32_t selectWide(const WideSelector& selector, const uint64_t* key) const;
-  bool inValueSet(uint64_t setAndMask, const uint64_t* key) const;
+  bool inValueSet(uint64_t use, const uint64_t* key) const;
 
   void count(uint64_t index, uint32_t array, const Packet& packet);
   uint64_t meter(uint64_t index, uint32_t array, const Packet& packet);

@@ -111,10 +111,9 @@ uint32_t Machine::selectWide(const WideSelector& selector, const uint64_t* key) 
   return selector.otherwise;
 }
 
-bool Machine::inValueSet(uint64_t setAndMask, const uint64_t* key) const {
-  const auto set = static_cast<uint32_t>(setAndMask);
-  const std::vector<uint64_t>& mask = image_.masks[setAndMask >> 32];
-  for (const std::vector<uint64_t>& member : side_->valueSets[set]) {
+bool Machine::inValueSet(uint64_t use, const uint64_t* key) const {
+  const std::vector<uint64_t>& mask = image_.masks[use];
+  for (const std::vector<uint64_t>& member : side_->valueSets[use]) {
     bool equal = true;
     for (size_t word = 0; word < mask.size(); ++word)
       equal &= ((key[word] ^ member[word]) & mask[word]) == 0;

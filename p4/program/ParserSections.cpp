@@ -197,13 +197,10 @@ class StateReader {
     state.transitions.push_back(std::move(made));
   }
 
-  void checkValueSet(const Node& node, const ParserState& state, ValueSet& set) {
+  void checkValueSet(const Node& node, const ParserState& state, const ValueSet& set) {
     uint32_t bits = 0;
     for (const uint32_t width : state.keyBits) bits += width;
     if (bits != set.bits) node.fail("the value set has another width than the transition key");
-    if (!set.keyBits.empty() && set.keyBits != state.keyBits)
-      node.fail("the value set is compared with keys of different fields");
-    set.keyBits = state.keyBits;
   }
 
   Names& names_;

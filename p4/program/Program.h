@@ -160,8 +160,7 @@ struct ParserState {
 
 struct ValueSet {
   std::string name;
-  uint32_t bits = 0;              // of a member, packed
-  std::vector<uint32_t> keyBits;  // of the key that it is compared with; empty: never used
+  uint32_t bits = 0;  // of a member, packed
 };
 
 enum class MatchKind : uint8_t { exact, lpm, ternary, range, valid };

@@ -43,7 +43,7 @@ struct Side {
   std::vector<Outcome> defaults;  // by table
   absl::flat_hash_map<uint32_t, std::vector<Replica>> multicast;
   absl::flat_hash_map<uint32_t, Session> sessions;
-  std::vector<std::vector<std::vector<uint64_t>>> valueSets;  // members in words
+  std::vector<std::vector<std::vector<uint64_t>>> valueSets;  // by use: members in words
 
   const std::vector<Replica>* replicas(uint32_t group) const {
     const auto found = multicast.find(group);

@@ -14,6 +14,20 @@ constexpr uint32_t highestPriority = 2147483647;
   throw Refusal(kind, "table " + table.name + " " + why);
 }
 
+// From the fields packed tightly, right-aligned, to each in words of its own.
+std::vector<uint64_t> spreadMember(Number member, const ValueSetUse& use) {
+  std::vector<uint64_t> words(use.words);
+  size_t at = words.size();
+  for (size_t field = use.bits.size(); field-- > 0;) {  // the last field is lowest
+    const uint32_t count = (use.bits[field] + 63) / 64;
+    const Number element = member & lowMask(use.bits[field]);
+    at -= count;
+    for (uint32_t word = 0; word < count; ++word) words[at + word] = wordOf(element, word);
+    member >>= use.bits[field];
+  }
+  return words;
+}
+
 }  // namespace
 
 TableStore::TableStore(const Program& program, const Image& image)
@@ -22,7 +36,7 @@ TableStore::TableStore(const Program& program, const Image& image)
     Side& side = sides_.sideNumber(number);
     for (const KeyShape& shape : image.shapes) side.tables.emplace_back(shape);
     side.defaults.resize(program.tables.size());
-    side.valueSets.resize(program.valueSets.size());
+    side.valueSets.resize(image.valueSetUses.size());
   }
   for (uint32_t i = 0; i < program.profiles.size(); ++i)
     profiles_.push_back(std::make_unique<ProfileStore>(program, i, sides_));
@@ -235,26 +249,18 @@ void TableStore::setSession(uint32_t session, const std::optional<Session>& valu
 void TableStore::setValueSet(uint32_t position, const std::vector<std::string>& members) {
   if (position >= program_.valueSets.size())
     throw Refusal(RefusalKind::notFound, "there is no such value set");
-  const ValueSetShape& shape = image_.valueSets[position];
-  std::vector<std::vector<uint64_t>> encoded;
-  for (const std::string& member : members) {
-    Number number = numberOfBytes(member);
-    if (bitLength(number) > program_.valueSets[position].bits)
-      throw Refusal(RefusalKind::invalid, "value set " + program_.valueSets[position].name +
-                                              ": a member does not fit " +
-                                              std::to_string(program_.valueSets[position].bits) + " bits");
-    std::vector<uint64_t> words(shape.words);
-    size_t at = words.size();
-    for (size_t field = shape.bits.size(); field-- > 0;) {  // the last field is lowest
-      const uint32_t bits = shape.bits[field];
-      const Number element = number & lowMask(bits);
-      at -= (bits + 63) / 64;
-      for (uint32_t word = 0; word < (bits + 63) / 64; ++word) words[at + word] = wordOf(element, word);
-      number >>= bits;
-    }
-    encoded.push_back(std::move(words));
+  const ValueSet& set = program_.valueSets[position];
+  for (const std::string& member : members)
+    if (bitLength(numberOfBytes(member)) > set.bits)
+      throw Refusal(RefusalKind::invalid, "value set " + set.name + ": a member does not fit " +
+                                              std::to_string(set.bits) + " bits");
+  for (size_t use = 0; use < image_.valueSetUses.size(); ++use) {
+    if (image_.valueSetUses[use].set != position) continue;
+    std::vector<std::vector<uint64_t>> encoded;
+    for (const std::string& member : members)
+      encoded.push_back(spreadMember(numberOfBytes(member), image_.valueSetUses[use]));
+    sides_.change([use, encoded = std::move(encoded)](Side& side) { side.valueSets[use] = encoded; });
   }
-  sides_.change([position, encoded = std::move(encoded)](Side& side) { side.valueSets[position] = encoded; });
 }
 
 void TableStore::portIs(uint32_t port, bool up) {

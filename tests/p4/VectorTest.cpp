@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "p4/TraceText.h"
 #include "tests/p4/Controller.h"
 
 namespace P4Test {
@@ -78,6 +79,8 @@ class Replay {
     google::protobuf::TextFormat::ParseFromString(fileText(path), &p4info);
     engine_ = std::make_unique<P4::Engine>(fileText(programs / stringOf(head.get(), "json")));
     controller_ = std::make_unique<Controller>(*engine_, p4info);
+    trace_ = std::make_unique<P4::TraceText>(engine_->program());
+    engine_->traceIs(trace_.get());
     cpuPort_ = numberOf(head.get(), "cpu_port");
     for (const cJSON* port = cJSON_GetObjectItem(head.get(), "ports")->child; port; port = port->next)
       ports_.insert(static_cast<uint32_t>(port->valuedouble));
@@ -133,6 +136,7 @@ class Replay {
 
   void send(uint32_t port, const std::string& frame) {
     outputs_.clear();
+    trace_->clear();
     now_ += 1000;
     engine_->process(port, {reinterpret_cast<const uint8_t*>(frame.data()), frame.size()}, now_, outputs_);
     engine_->digestsDue(now_ + 10000000, outputs_.digests);
@@ -218,12 +222,14 @@ class Replay {
 
   void fail(const std::string& what) {
     failed_ = true;
-    if (result_.wrong < 3) ADD_FAILURE() << "input " << result_.inputs << " " << input_ << "\n" << what;
+    if (result_.wrong < 3) ADD_FAILURE() << "input " << result_.inputs << " " << input_ << "\n"
+                                        << what << "\n" << trace_->text();
   }
 
   std::ifstream file_;
   std::unique_ptr<P4::Engine> engine_;
   std::unique_ptr<Controller> controller_;
+  std::unique_ptr<P4::TraceText> trace_;
   uint32_t cpuPort_ = 0;
   std::set<uint32_t> ports_;
   uint64_t now_ = 0;
