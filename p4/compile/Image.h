@@ -139,8 +139,9 @@ struct Image {
   std::vector<uint32_t> actions;  // by position in the program
   std::vector<uint32_t> actionWords;  // of arguments
 
-  // The state: slots that begin as 0, header bytes that do so, too, and slots of any value.
+  // The state: slots that begin as 0, header bytes, and slots of any value.
   uint32_t clearedWords = 0;
+  uint32_t copiedWords = 0;  // with the header bytes
   uint32_t stateWords = 0;
   uint16_t argumentSlot = 0;
 

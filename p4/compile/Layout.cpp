@@ -81,6 +81,7 @@ void Layout::placeSlots() {
 }
 
 void Layout::placeHeaderBytes() {
+  image_.clearedWords = used_;
   uint32_t at = used_ * 8;
   for (uint32_t header = 0; header < program_.headers.size(); ++header) {
     HeaderPlace& place = image_.headers[header];
@@ -106,7 +107,7 @@ void Layout::placeHeaderBytes() {
     at += place.bytes;
   }
   take((at - used_ * 8 + 7) / 8 + 1);  // eight bytes are read at each field
-  image_.clearedWords = used_;
+  image_.copiedWords = used_;
   firstFree_ = static_cast<uint16_t>(used_);
 }
 

@@ -101,7 +101,7 @@ void Switch::clearMetadata(Packet& packet) const {
 // All headers and metadata; no request, no truncation.
 Packet* Switch::copyOf(const Packet& packet) {
   Packet* copy = take();
-  std::memcpy(copy->state.get(), packet.state.get(), image_.clearedWords * sizeof(uint64_t));
+  std::memcpy(copy->state.get(), packet.state.get(), image_.copiedWords * sizeof(uint64_t));
   copy->data = packet.data;
   copy->size = packet.size;
   copy->parsed = packet.parsed;
