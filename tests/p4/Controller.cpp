@@ -64,7 +64,7 @@ std::vector<P4::Replica> replicasOf(
     std::vector<uint32_t> ports;
     for (const auto& replica : replicas) {
       if (replica.instance() != node) continue;
-      uint32_t port = replica.egress_port();
+      auto port = static_cast<uint32_t>(replica.GetReflection()->GetUInt32(replica, replica.GetDescriptor()->FindFieldByName("egress_port")));
       if (!replica.port().empty()) {
         port = 0;
         for (const char byte : replica.port()) port = port << 8 | static_cast<uint8_t>(byte);
