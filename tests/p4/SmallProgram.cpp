@@ -77,6 +77,10 @@ void SmallProgram::header(const std::string& name, const std::vector<TestField>&
   addHeader(name, name + "_t", metadata);
 }
 
+void SmallProgram::another(const std::string& name, const std::string& like) {
+  addHeader(name, like + "_t", false);
+}
+
 void SmallProgram::stack(const std::string& name, const std::vector<TestField>& fields, size_t size) {
   addType(name + "_t", fields);
   std::vector<std::string> ids;

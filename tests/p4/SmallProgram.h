@@ -13,6 +13,7 @@ namespace P4Test {
 class SmallProgram {
  public:
   void header(const std::string& name, const std::vector<TestField>& fields, bool metadata = false);
+  void another(const std::string& name, const std::string& like);  // header of the same type
   // Elements "NAME[0]", "NAME[1]" and so on.
   void stack(const std::string& name, const std::vector<TestField>& fields, size_t size);
   void state(const std::string& name, const std::string& ops, const std::string& key = "[]",

@@ -57,6 +57,14 @@ PI/server                 PI/core PI/include proto
 
 pipeline                  platform PI/include proto
 
+p4/program                -
+p4/externs                p4/program+
+p4/match                  p4/externs+
+p4/compile                p4/match+
+p4/tables                 p4/compile+
+p4/execute                p4/tables+
+p4                        p4/execute+
+
 P4Runtime/companion       platform
 P4Runtime/plugin          P4Runtime/companion+
 P4Runtime/pi              P4Runtime/companion+ PI/include proto
@@ -94,6 +102,7 @@ tests/support             platform proto
 tests/support/plugins     P4Runtime/plugin
 tests/platform/*          platform tests/support
 tests/PI/*                PI proto
+tests/p4                  p4 proto
 tests/pipeline            cli/pipeline+ PI/include platform tests/support
 tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
 tests/forwarder           forwarder platform tests/support
@@ -105,6 +114,7 @@ tests/e2e                 platform/vela proto tests/support
 bench/brine               platform tests/support
 bench/forwarder           forwarder platform
 bench/frontend            PI/include proto
+bench/p4                  p4 tests/p4 proto
 bench/p4runtime           proto tests/support
 bench/packet              bench/p4runtime+
 """
