@@ -19,7 +19,8 @@ Engine::Engine(std::string_view json, const EngineOptions& options)
       tables_(program_, image_),
       switch_(image_, externs_, {options.priorityQueues, options.seed}) {}
 
-void Engine::process(uint32_t port, std::span<const uint8_t> frame, uint64_t now, Outputs& outputs) {
+void Engine::process(uint32_t port, std::span<const uint8_t> frame, uint64_t now,
+                     Outputs& outputs) {
   begin();
   processNext(port, frame, now, outputs);
   end();
@@ -38,7 +39,8 @@ void Engine::setDigest(uint32_t learnList, const DigestConfig& config) {
 }
 
 std::optional<Counts> Engine::counter(uint32_t array, uint32_t index) const {
-  if (array >= externs_.counters.size() || index >= externs_.counters[array].size()) return std::nullopt;
+  if (array >= externs_.counters.size() || index >= externs_.counters[array].size())
+    return std::nullopt;
   return externs_.counters[array][index].counts();
 }
 
@@ -55,7 +57,8 @@ bool Engine::setMeter(uint32_t array, uint32_t index, const std::optional<MeterR
 }
 
 std::optional<std::string> Engine::registerCell(uint32_t array, uint32_t index) const {
-  if (array >= externs_.registers.size() || index >= externs_.registers[array].size()) return std::nullopt;
+  if (array >= externs_.registers.size() || index >= externs_.registers[array].size())
+    return std::nullopt;
   const RegisterArray& cells = externs_.registers[array];
   std::vector<uint64_t> words(cells.words());
   for (uint32_t word = 0; word < cells.words(); ++word) words[word] = cells.word(index, word);
@@ -113,7 +116,8 @@ std::optional<uint32_t> actionNamed(const Program& program, uint32_t table, std:
   return std::nullopt;
 }
 
-std::optional<uint32_t> profileActionNamed(const Program& program, uint32_t profile, std::string_view name) {
+std::optional<uint32_t> profileActionNamed(const Program& program, uint32_t profile,
+                                           std::string_view name) {
   for (uint32_t table = 0; table < program.tables.size(); ++table)
     if (program.tables[table].profile == profile)
       if (const std::optional<uint32_t> action = actionNamed(program, table, name)) return action;

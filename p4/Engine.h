@@ -1,5 +1,5 @@
-// A P4 switch in software: a compiled v1model program, its tables, and packets as bytes. It knows no
-// sockets and no shared memory.
+// A P4 switch in software: a compiled v1model program, its tables, and packets as bytes. It knows
+// no sockets and no shared memory.
 #pragma once
 
 #include <memory>
@@ -38,7 +38,8 @@ class Engine {
   // does not exist are the caller's to drop, those for the CPU port are packet-ins. `now` is in
   // microseconds since the switch began.
   void process(uint32_t port, std::span<const uint8_t> frame, uint64_t now, Outputs& outputs);
-  // The same for many, with one look at which tables are in force: begin(), processNext()..., end().
+  // The same for many, with one look at which tables are in force: begin(), processNext()...,
+  // end().
   void begin() { side_ = &tables_.sides().enter(); }
   void processNext(uint32_t port, std::span<const uint8_t> frame, uint64_t now, Outputs& outputs) {
     switch_.process(*side_, port, frame, now, outputs);
@@ -61,8 +62,8 @@ class Engine {
   // Big-endian bytes, as many as the cell's width takes. Nothing beyond the array.
   std::optional<std::string> registerCell(uint32_t array, uint32_t index) const;
   bool setRegister(uint32_t array, uint32_t index, std::string_view bytes);
-  // Entries without a hit for their time to live, to be asked for once a second; an entry that stays
-  // idle is named every second time.
+  // Entries without a hit for their time to live, to be asked for once a second; an entry that
+  // stays idle is named every second time.
   std::vector<Entry*> idleEntries(uint64_t now);
 
   // --- any thread, for people: read while they change, so sums may be a packet apart
@@ -88,6 +89,7 @@ std::optional<uint32_t> valueSetNamed(const Program& program, std::string_view n
 // Action names are unique within a table only.
 std::optional<uint32_t> actionNamed(const Program& program, uint32_t table, std::string_view name);
 // Of the tables that use a profile.
-std::optional<uint32_t> profileActionNamed(const Program& program, uint32_t profile, std::string_view name);
+std::optional<uint32_t> profileActionNamed(const Program& program, uint32_t profile,
+                                           std::string_view name);
 
 }  // namespace P4

@@ -1,5 +1,5 @@
-// The P4 engine alone: packets a second through recorded programs with their entries, and the cost of
-// an entry and of a look-up by match kind and size.
+// The P4 engine alone: packets a second through recorded programs with their entries, and the cost
+// of an entry and of a look-up by match kind and size.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -63,18 +63,20 @@ void packets(benchmark::State& state, const std::string& name, size_t size) {
     for (int i = 0; i < 32; ++i) {
       const std::string& frame = load.frames[at];
       if (++at == load.frames.size()) at = 0;
-      engine.processNext(load.port, {reinterpret_cast<const uint8_t*>(frame.data()), frame.size()}, ++now, outputs);
+      engine.processNext(load.port, {reinterpret_cast<const uint8_t*>(frame.data()), frame.size()},
+                         ++now, outputs);
     }
     engine.end();
     sent += outputs.size();
   }
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * 32);
-  state.counters["out"] = benchmark::Counter(static_cast<double>(sent), benchmark::Counter::kIsRate);
+  state.counters["out"] =
+      benchmark::Counter(static_cast<double>(sent), benchmark::Counter::kIsRate);
 }
 
 std::string big32(uint32_t number) {
-  return {static_cast<char>(number >> 24), static_cast<char>(number >> 16), static_cast<char>(number >> 8),
-          static_cast<char>(number)};
+  return {static_cast<char>(number >> 24), static_cast<char>(number >> 16),
+          static_cast<char>(number >> 8), static_cast<char>(number)};
 }
 
 P4::Table tableOf(P4::MatchKind kind) {
@@ -91,7 +93,8 @@ P4::MatchElement elementOf(P4::MatchKind kind, uint32_t number) {
   return {big32(spread)};
 }
 
-std::vector<P4::Entry::Ptr> entriesOf(P4::MatchKind kind, uint32_t count, const P4::KeyShape& shape) {
+std::vector<P4::Entry::Ptr> entriesOf(P4::MatchKind kind, uint32_t count,
+                                      const P4::KeyShape& shape) {
   const P4::Table table = tableOf(kind);
   std::vector<P4::Entry::Ptr> entries;
   for (uint32_t i = 0; i < count; ++i) {
@@ -151,8 +154,9 @@ void registerPackets() {
   std::sort(names.begin(), names.end());
   for (const std::string& name : names)
     for (const size_t size : {size_t{0}, size_t{64}, size_t{1500}})
-      benchmark::RegisterBenchmark(("packets/" + name + "/" + (size ? std::to_string(size) : "recorded")).c_str(),
-                                   [name, size](benchmark::State& state) { packets(state, name, size); });
+      benchmark::RegisterBenchmark(
+          ("packets/" + name + "/" + (size ? std::to_string(size) : "recorded")).c_str(),
+          [name, size](benchmark::State& state) { packets(state, name, size); });
   if (!names.empty()) benchmark::RegisterBenchmark("commit", commits);
 }
 

@@ -5,17 +5,23 @@ namespace {
 
 class InputCompiler {
  public:
-  InputCompiler(const Program& program, const Layout& layout, const Image& image, CalculationCode& code)
+  InputCompiler(const Program& program, const Layout& layout, const Image& image,
+                CalculationCode& code)
       : program_(program), layout_(layout), image_(image), code_(code) {}
 
   void add(const CalculationInput& input) {
     switch (input.kind) {
-      case CalculationInput::Kind::payload: code_.payload = true; return;
-      case CalculationInput::Kind::constant:
-        code_.parts.push_back({.kind = CalculationPart::Kind::constant, .bits = input.bits, .bytes = input.bytes});
+      case CalculationInput::Kind::payload:
+        code_.payload = true;
         return;
-      case CalculationInput::Kind::field: return addField(input.field);
-      case CalculationInput::Kind::header: break;
+      case CalculationInput::Kind::constant:
+        code_.parts.push_back(
+            {.kind = CalculationPart::Kind::constant, .bits = input.bits, .bytes = input.bytes});
+        return;
+      case CalculationInput::Kind::field:
+        return addField(input.field);
+      case CalculationInput::Kind::header:
+        break;
     }
     const auto fields = static_cast<uint32_t>(program_.typeOf(input.field.header).fields.size());
     for (uint32_t field = 0; field < fields; ++field) addField({input.field.header, field});

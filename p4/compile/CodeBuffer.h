@@ -12,13 +12,16 @@ class CodeBuffer {
  public:
   using Label = uint32_t;
 
-  explicit CodeBuffer(uint32_t firstTemporary) : firstTemporary_(firstTemporary), next_(firstTemporary) {}
+  explicit CodeBuffer(uint32_t firstTemporary)
+      : firstTemporary_(firstTemporary), next_(firstTemporary) {}
 
   Label newLabel();
   void bind(Label label);  // here
   bool bound(Label label) const { return places_[label] != absent; }
   // Jumps name labels in `b`; finish() puts places there.
-  void emit(Code code, uint16_t a = 0, uint32_t b = 0, uint64_t c = 0) { code_.push_back({code, a, b, c}); }
+  void emit(Code code, uint16_t a = 0, uint32_t b = 0, uint64_t c = 0) {
+    code_.push_back({code, a, b, c});
+  }
   void emitJump(Code code, Label target, uint16_t a = 0, uint64_t c = 0) {
     jumps_.push_back(static_cast<uint32_t>(code_.size()));
     emit(code, a, target, c);

@@ -49,7 +49,8 @@ class Compiler {
     control_.finish();
     image_.code = code_.finish();
     image_.deparser = program_.deparserOrder;
-    image_.stateWords = std::max(code_.mostSlots(), image_.argumentSlot + mostArgumentWords(program_)) + 2;
+    image_.stateWords =
+        std::max(code_.mostSlots(), image_.argumentSlot + mostArgumentWords(program_)) + 2;
     return std::move(image_);
   }
 
@@ -62,7 +63,8 @@ class Compiler {
   void compileCalculations() {
     for (const Calculation& calculation : program_.calculations) addCalculation(calculation);
     for (const ActionProfile& profile : program_.profiles)
-      image_.profileCalculations.push_back(profile.withSelector ? addCalculation(profile.selector) : absent);
+      image_.profileCalculations.push_back(profile.withSelector ? addCalculation(profile.selector)
+                                                                : absent);
   }
 
   ListCode compileList(const FieldList& list, bool withValidity) const {
@@ -77,11 +79,14 @@ class Compiler {
   }
 
   void compileLists() {
-    for (const FieldList& list : program_.fieldLists) image_.fieldLists.push_back(compileList(list, false));
-    for (const FieldList& list : program_.learnLists) image_.learnLists.push_back(compileList(list, true));
+    for (const FieldList& list : program_.fieldLists)
+      image_.fieldLists.push_back(compileList(list, false));
+    for (const FieldList& list : program_.learnLists)
+      image_.learnLists.push_back(compileList(list, true));
     const auto error = [this](const char* name) { return program_.errors.find(name)->second; };
-    image_.errors = {error("NoError"),       error("PacketTooShort"), error("StackOutOfBounds"),
-                     error("HeaderTooShort"), error("ParserTimeout"),  error("ParserInvalidArgument")};
+    image_.errors = {error("NoError"),          error("PacketTooShort"),
+                     error("StackOutOfBounds"), error("HeaderTooShort"),
+                     error("ParserTimeout"),    error("ParserInvalidArgument")};
   }
 
   void compileAction(const Action& action) {
@@ -114,7 +119,8 @@ class Compiler {
       if (!header.metadata) code_.emitJump(Code::jumpIfZero, over, header.valid);
       compileCondition(checksum, over);
       const Value wanted = calculated(checksum);
-      const Value found = expressions_.load(layout_.place(checksum.target.header, checksum.target.field));
+      const Value found =
+          expressions_.load(layout_.place(checksum.target.header, checksum.target.field));
       code_.emitJump(Code::jumpIfEqual, over, wanted.slot, expressions_.slotOfWord(found));
       code_.emit(Code::checksumError);
       code_.bind(over);
@@ -130,7 +136,8 @@ class Compiler {
       const uint32_t mark = code_.mark();
       const CodeBuffer::Label over = code_.newLabel();
       compileCondition(checksum, over);
-      expressions_.store(layout_.place(checksum.target.header, checksum.target.field), calculated(checksum));
+      expressions_.store(layout_.place(checksum.target.header, checksum.target.field),
+                         calculated(checksum));
       code_.bind(over);
       code_.releaseTo(mark);
     }

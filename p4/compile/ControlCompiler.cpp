@@ -43,9 +43,15 @@ void ControlCompiler::compileNode(NodeRef node) {
   const uint32_t mark = code_.mark();
   code_.bind(labelOf(node));
   switch (node.kind) {
-    case NodeRef::Kind::end: code_.emit(Code::end); break;
-    case NodeRef::Kind::table: compileTable(node.index); break;
-    case NodeRef::Kind::conditional: compileConditional(program_.conditionals[node.index]); break;
+    case NodeRef::Kind::end:
+      code_.emit(Code::end);
+      break;
+    case NodeRef::Kind::table:
+      compileTable(node.index);
+      break;
+    case NodeRef::Kind::conditional:
+      compileConditional(program_.conditionals[node.index]);
+      break;
     case NodeRef::Kind::call:
       code_.emit(Code::step);
       code_.emitJump(Code::call, labelOf(program_.calls[node.index].next), 0,
@@ -57,7 +63,8 @@ void ControlCompiler::compileNode(NodeRef node) {
 
 void ControlCompiler::compileConditional(const Conditional& conditional) {
   const CodeBuffer::Label onFalse = labelOf(conditional.onFalse);
-  const bool isNew = !labels_.contains({static_cast<int>(conditional.onTrue.kind), conditional.onTrue.index});
+  const bool isNew =
+      !labels_.contains({static_cast<int>(conditional.onTrue.kind), conditional.onTrue.index});
   const CodeBuffer::Label onTrue = labelOf(conditional.onTrue);
   // A way back may lead round for ever.
   if (code_.bound(onFalse) || code_.bound(onTrue)) code_.emit(Code::step);

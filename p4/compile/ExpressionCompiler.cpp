@@ -78,26 +78,40 @@ Value ExpressionCompiler::value(const Expression& expression, uint32_t bits) {
   const uint32_t words = bits == wholeNumber ? all : std::min(all, wordsFor(bits));
   const bool exact = words == all;
   switch (expression.op) {
-    case Op::constant: return constantValue(expression.number);
-    case Op::field: return load(layout_.place(expression.index, expression.part));
-    case Op::argument: return argument(expression.index);
-    case Op::lookahead: return lookahead(expression.index, expression.part);
-    case Op::registerCell: return registerCell(expression);
+    case Op::constant:
+      return constantValue(expression.number);
+    case Op::field:
+      return load(layout_.place(expression.index, expression.part));
+    case Op::argument:
+      return argument(expression.index);
+    case Op::lookahead:
+      return lookahead(expression.index, expression.part);
+    case Op::registerCell:
+      return registerCell(expression);
     case Op::stackField:
     case Op::unionStackField:
-    case Op::accessField: return fieldOf(headers(expression), expression.part, range);
-    case Op::boolToData: return {.slot = truth(expression.operands[0]), .range = range};
+    case Op::accessField:
+      return fieldOf(headers(expression), expression.part, range);
+    case Op::boolToData:
+      return {.slot = truth(expression.operands[0]), .range = range};
     case Op::lastStackIndex:
-    case Op::sizeOfStack: return stackIndex(expression);
-    case Op::shiftLeft: return shiftLeft(expression, words, exact);
-    case Op::shiftRight: return shiftRight(expression, bits);
+    case Op::sizeOfStack:
+      return stackIndex(expression);
+    case Op::shiftLeft:
+      return shiftLeft(expression, words, exact);
+    case Op::shiftRight:
+      return shiftRight(expression, bits);
     case Op::divide:
-    case Op::modulo: return quotient(expression);
+    case Op::modulo:
+      return quotient(expression);
     case Op::twoCompMod:
     case Op::unsignedSaturate:
-    case Op::signedSaturate: return cast(expression);
-    case Op::choose: return choose(expression, words, exact, bits);
-    default: return ringOperator(expression, words, exact);
+    case Op::signedSaturate:
+      return cast(expression);
+    case Op::choose:
+      return choose(expression, words, exact, bits);
+    default:
+      return ringOperator(expression, words, exact);
   }
 }
 
@@ -122,7 +136,8 @@ Value ExpressionCompiler::load(const FieldPlace& place) {
   } else {
     image_.places.push_back(place);
     found.slot = code_.temporary(found.words);
-    code_.emit(Code::wideLoad, found.slot, static_cast<uint32_t>(image_.places.size() - 1), found.words);
+    code_.emit(Code::wideLoad, found.slot, static_cast<uint32_t>(image_.places.size() - 1),
+               found.words);
   }
   if (place.isSigned) {
     found.slot = found.words == 1
@@ -131,7 +146,8 @@ Value ExpressionCompiler::load(const FieldPlace& place) {
     return found;
   }
   if (found.words == range.words()) return found;
-  found.slot = wide(Code::wideExtend, range.words(), found.slot, static_cast<uint16_t>(found.words));
+  found.slot =
+      wide(Code::wideExtend, range.words(), found.slot, static_cast<uint16_t>(found.words));
   found.words = range.words();  // a word more, for the sign
   return found;
 }
@@ -206,9 +222,11 @@ Value ExpressionCompiler::ringOperator(const Expression& expression, uint32_t wo
   const Value first = value(*left, bits);
   if (words > 1) {
     const bool whole = first.exact || first.words >= words;  // else the bits above are masked off
-    const uint16_t one = whole ? extended(first, words)
-                               : wide(Code::wideExtend, words, first.slot, static_cast<uint16_t>(first.words));
-    result.slot = wide(form.wide, words, one, right ? extended(value(*right, words * 64), words) : 0);
+    const uint16_t one =
+        whole ? extended(first, words)
+              : wide(Code::wideExtend, words, first.slot, static_cast<uint16_t>(first.words));
+    result.slot =
+        wide(form.wide, words, one, right ? extended(value(*right, words * 64), words) : 0);
     return result;
   }
   const uint16_t one = slotOfWord(first);
@@ -229,8 +247,9 @@ Value ExpressionCompiler::shiftLeft(const Expression& expression, uint32_t words
   if (constant && places >= words * 64) return constantValue(0);
   const uint16_t operand = extended(value(expression.operands[0], words * 64), words);
   if (constant)
-    result.slot = words == 1 ? emitted(Code::shiftLeftI, operand, places)
-                             : wide(Code::wideShiftLeftI, words, operand, 0, static_cast<uint32_t>(places));
+    result.slot =
+        words == 1 ? emitted(Code::shiftLeftI, operand, places)
+                   : wide(Code::wideShiftLeftI, words, operand, 0, static_cast<uint32_t>(places));
   else
     result.slot = words == 1 ? emitted(Code::shiftLeft, operand, word(count, 32))
                              : wide(Code::wideShiftLeft, words, operand, word(count, 32));
@@ -334,15 +353,18 @@ Value ExpressionCompiler::choose(const Expression& expression, uint32_t words, b
 
 uint16_t ExpressionCompiler::truth(const Expression& expression) {
   switch (expression.op) {
-    case Op::boolConstant: return emitted(Code::load, 0, expression.index);
-    case Op::logicalNot: return emitted(Code::bitXorI, truth(expression.operands[0]), 1);
+    case Op::boolConstant:
+      return emitted(Code::load, 0, expression.index);
+    case Op::logicalNot:
+      return emitted(Code::bitXorI, truth(expression.operands[0]), 1);
     case Op::logicalAnd:
     case Op::logicalOr: {
       const uint16_t left = truth(expression.operands[0]);
       return emitted(expression.op == Op::logicalAnd ? Code::bitAnd : Code::bitOr, left,
                      truth(expression.operands[1]));
     }
-    case Op::dataToBool: return truthOf(value(expression.operands[0]));
+    case Op::dataToBool:
+      return truthOf(value(expression.operands[0]));
     case Op::choose: {
       const uint16_t condition = truth(expression.operands[0]);
       const uint16_t one = truth(expression.operands[1]);
@@ -354,8 +376,10 @@ uint16_t ExpressionCompiler::truth(const Expression& expression) {
         return place.metadata ? emitted(Code::load, 0, 1) : place.valid;
       });
     case Op::validUnion:
-      return validity(unions(expression.operands[0]), [this](uint32_t one) { return anyValid(one); });
-    default: return compare(expression);
+      return validity(unions(expression.operands[0]),
+                      [this](uint32_t one) { return anyValid(one); });
+    default:
+      return compare(expression);
   }
 }
 
@@ -382,7 +406,8 @@ uint16_t ExpressionCompiler::validity(const std::vector<Candidate>& candidates,
 
 uint16_t ExpressionCompiler::compare(const Expression& expression) {
   const Expression& left = expression.operands[0];
-  if (left.type == Type::header || left.type == Type::headerUnion) return compareObjects(expression);
+  if (left.type == Type::header || left.type == Type::headerUnion)
+    return compareObjects(expression);
   if (left.type == Type::boolean) {
     const uint16_t one = truth(left);
     return emitted(expression.op == Op::equal ? Code::equal : Code::notEqual, one,
@@ -406,7 +431,8 @@ uint16_t ExpressionCompiler::compareValues(Op op, const Value& left, const Value
   const uint16_t one = extended(left, words);
   const uint16_t other = extended(right, words);
   if (op == Op::equal) return wide(Code::wideEqual, words, one, other);
-  if (op == Op::notEqual) return emitted(Code::bitXorI, wide(Code::wideEqual, words, one, other), 1);
+  if (op == Op::notEqual)
+    return emitted(Code::bitXorI, wide(Code::wideEqual, words, one, other), 1);
   const bool swap = op == Op::greater || op == Op::lessEqual;
   const uint16_t less = wide(Code::wideLess, words, swap ? other : one, swap ? one : other);
   return op == Op::less || op == Op::greater ? less : emitted(Code::bitXorI, less, 1);
@@ -418,7 +444,8 @@ uint16_t ExpressionCompiler::headersEqual(uint32_t one, uint32_t other) {
     return emitted(Code::headersEqual, one, other);
   uint16_t all = emitted(Code::load, 0, 1);
   if (!place.metadata) all = emitted(Code::bitAnd, all, place.valid);
-  if (!image_.headers[other].metadata) all = emitted(Code::bitAnd, all, image_.headers[other].valid);
+  if (!image_.headers[other].metadata)
+    all = emitted(Code::bitAnd, all, image_.headers[other].valid);
   const auto fields = static_cast<uint32_t>(program_.typeOf(one).fields.size());
   for (uint32_t field = 0; field < fields; ++field) {
     const Value left = load(layout_.place(one, field));
@@ -496,8 +523,10 @@ void ExpressionCompiler::branch(const Expression& condition, bool sense, CodeBuf
 std::vector<Candidate> ExpressionCompiler::headers(const Expression& header) {
   std::vector<Candidate> found;
   switch (header.op) {
-    case Op::header: return {{header.index}};
-    case Op::accessField: return headers(header.operands[0]);
+    case Op::header:
+      return {{header.index}};
+    case Op::accessField:
+      return headers(header.operands[0]);
     case Op::stackField: {
       const StackPlace& stack = image_.stacks[header.index];
       for (uint32_t i = 0; i < stack.elements.size(); ++i)
@@ -522,7 +551,8 @@ std::vector<Candidate> ExpressionCompiler::headers(const Expression& header) {
         found.push_back({stack.elements[i], emitted(Code::equalI, index, i)});
       return found;
     }
-    default: break;
+    default:
+      break;
   }
   const uint16_t condition = truth(header.operands[0]);
   const uint16_t opposite = emitted(Code::bitXorI, condition, 1);
@@ -591,14 +621,15 @@ void ExpressionCompiler::store(const FieldPlace& place, const Value& given) {
     return;
   }
   if (place.kind == FieldPlace::Kind::packed) {
-    code_.emit(Code::storeField, slotOfWord(source), place.at, place.lead | uint64_t{place.bits} << 8);
+    code_.emit(Code::storeField, slotOfWord(source), place.at,
+               place.lead | uint64_t{place.bits} << 8);
     return;
   }
   const uint64_t mask = lowWord(lowMask(place.bits));
   const auto slot = static_cast<uint16_t>(place.at);
   if (source.constant()) return code_.emit(Code::load, slot, 0, lowWord(source.range.low) & mask);
-  const bool fits = place.bits == 64 ||
-                    (source.exact && source.range.within(Range::unsignedOf(place.bits)));
+  const bool fits =
+      place.bits == 64 || (source.exact && source.range.within(Range::unsignedOf(place.bits)));
   if (!fits) return code_.emit(Code::bitAndI, slot, source.slot, mask);
   if (source.words == 1 && code_.retarget(source.slot, slot)) return;
   code_.emit(Code::move, slot, source.slot);
@@ -621,9 +652,8 @@ void ExpressionCompiler::assign(const Expression& destination, const Value& sour
   if (destination.part == validBit) return;
   Value kept = source;
   if (kept.constant()) kept.slot = slotOf(kept);
-  forEach(headers(destination), [&](uint32_t header) {
-    store(layout_.place(header, destination.part), kept);
-  });
+  forEach(headers(destination),
+          [&](uint32_t header) { store(layout_.place(header, destination.part), kept); });
 }
 
 }  // namespace P4

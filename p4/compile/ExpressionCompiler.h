@@ -11,8 +11,9 @@
 
 namespace P4 {
 
-// A number in slots, or a constant (noSlot) of which the range tells the number. Exact: its words are the number (one word: unsigned unless the range has
-// negative numbers; several: two's complement). Else they are only its lowest bits.
+// A number in slots, or a constant (noSlot) of which the range tells the number. Exact: its words
+// are the number (one word: unsigned unless the range has negative numbers; several: two's
+// complement). Else they are only its lowest bits.
 struct Value {
   uint16_t slot = noSlot;
   uint32_t words = 1;
@@ -85,11 +86,12 @@ class ExpressionCompiler {
   uint16_t compareObjects(const Expression& expression);
   uint16_t headersEqual(uint32_t one, uint32_t other);
   uint16_t anyValid(uint32_t headerUnion);
-  uint16_t validity(const std::vector<Candidate>& candidates, const std::function<uint16_t(uint32_t)>& of);
+  uint16_t validity(const std::vector<Candidate>& candidates,
+                    const std::function<uint16_t(uint32_t)>& of);
   bool branchOnComparison(const Expression& condition, bool sense, CodeBuffer::Label target);
 
   uint16_t slotOf(const Value& value) { return extended(value, value.words); }
-  uint16_t emitted(Code code, uint32_t b, uint64_t c);    // into a new temporary
+  uint16_t emitted(Code code, uint32_t b, uint64_t c);  // into a new temporary
   uint16_t wide(Code code, uint32_t words, uint16_t first, uint16_t second = 0, uint32_t more = 0);
   Range rangeOf(const Expression& expression);
 

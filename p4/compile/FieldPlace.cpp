@@ -48,7 +48,8 @@ void loadWords(const FieldPlace& place, const uint64_t* state, uint64_t* words) 
 void storeWords(const FieldPlace& place, uint64_t* state, const uint64_t* words) {
   if (place.kind == FieldPlace::Kind::slots) {
     std::memcpy(state + place.at, words, place.words() * sizeof(uint64_t));
-    if (place.bits % 64) state[place.at + place.words() - 1] &= (uint64_t{1} << place.bits % 64) - 1;
+    if (place.bits % 64)
+      state[place.at + place.words() - 1] &= (uint64_t{1} << place.bits % 64) - 1;
     return;
   }
   if (place.kind != FieldPlace::Kind::bits) return storeField(place, state, words[0]);

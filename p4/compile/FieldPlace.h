@@ -18,9 +18,9 @@ struct FieldPlace {
     bits,    // anywhere in a header: wider than 64 bits, or across nine bytes
   };
   Kind kind = Kind::none;
-  uint8_t lead = 0;       // of `packed` and `bits`: bits before the field in its first byte
+  uint8_t lead = 0;  // of `packed` and `bits`: bits before the field in its first byte
   uint16_t bits = 0;
-  uint32_t at = 0;        // slot, or byte from the begin of the state
+  uint32_t at = 0;  // slot, or byte from the begin of the state
   bool isSigned = false;
   bool saturating = false;
 
@@ -51,7 +51,9 @@ inline void storePacked(uint8_t* to, uint32_t lead, uint32_t bits, uint64_t valu
   storeBigEndian(to, (old & ~mask) | (value << (64 - bits) >> lead & mask));
 }
 
-inline const uint8_t* bytesOf(const uint64_t* state) { return reinterpret_cast<const uint8_t*>(state); }
+inline const uint8_t* bytesOf(const uint64_t* state) {
+  return reinterpret_cast<const uint8_t*>(state);
+}
 inline uint8_t* bytesOf(uint64_t* state) { return reinterpret_cast<uint8_t*>(state); }
 
 // One to 64 bits from a bit offset on; no byte behind them is touched.
@@ -67,14 +69,17 @@ void storeWords(const FieldPlace& place, uint64_t* state, const uint64_t* words)
 inline uint64_t loadField(const FieldPlace& place, const uint64_t* state) {
   switch (place.kind) {
     case FieldPlace::Kind::slot:
-    case FieldPlace::Kind::slots: return state[place.at];
-    case FieldPlace::Kind::packed: return loadPacked(bytesOf(state) + place.at, place.lead, place.bits);
+    case FieldPlace::Kind::slots:
+      return state[place.at];
+    case FieldPlace::Kind::packed:
+      return loadPacked(bytesOf(state) + place.at, place.lead, place.bits);
     case FieldPlace::Kind::bits: {
       uint64_t words[64];
       loadWords(place, state, words);
       return words[0];
     }
-    case FieldPlace::Kind::none: break;
+    case FieldPlace::Kind::none:
+      break;
   }
   return 0;
 }
@@ -92,7 +97,8 @@ inline void storeField(const FieldPlace& place, uint64_t* state, uint64_t value)
       uint64_t words[64] = {value};
       return storeWords(place, state, words);
     }
-    case FieldPlace::Kind::none: return;
+    case FieldPlace::Kind::none:
+      return;
   }
 }
 

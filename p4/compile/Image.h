@@ -12,24 +12,24 @@
 
 namespace P4 {
 
-inline constexpr uint16_t zeroSlot = 0;   // always 0
+inline constexpr uint16_t zeroSlot = 0;  // always 0
 inline constexpr uint16_t noSlot = 0xffff;
 
 struct HeaderPlace {
-  uint32_t at = 0;      // byte of the state; of packet headers
-  uint32_t bytes = 0;   // without the varbit field
-  uint16_t valid = 0;   // slot
-  uint16_t shown = 0;   // slot of the field `$valid$`; often the same
-  uint16_t varbit = noSlot;   // slot: bit offset in the packet << 32 | bits
-  uint32_t varbitAt = 0;      // bits before the varbit field
-  uint32_t maxBytes = 0;      // 0: no limit
+  uint32_t at = 0;           // byte of the state; of packet headers
+  uint32_t bytes = 0;        // without the varbit field
+  uint16_t valid = 0;        // slot
+  uint16_t shown = 0;        // slot of the field `$valid$`; often the same
+  uint16_t varbit = noSlot;  // slot: bit offset in the packet << 32 | bits
+  uint32_t varbitAt = 0;     // bits before the varbit field
+  uint32_t maxBytes = 0;     // 0: no limit
   uint32_t headerUnion = absent;
   bool metadata = false;
   std::vector<FieldPlace> fields;  // of metadata, in order
 };
 
 struct StackPlace {
-  uint16_t next = 0;  // slot
+  uint16_t next = 0;               // slot
   std::vector<uint32_t> elements;  // headers or unions
 };
 
@@ -37,12 +37,12 @@ struct StackPlace {
 struct CalculationPart {
   enum class Kind : uint8_t { header, varbit, value, constant };
   Kind kind = Kind::header;
-  uint16_t valid = noSlot;    // skipped when this slot is 0
-  uint32_t header = 0;        // of `header` and `varbit`
-  uint32_t bit = 0;           // of `header`: from the header's begin
+  uint16_t valid = noSlot;  // skipped when this slot is 0
+  uint32_t header = 0;      // of `header` and `varbit`
+  uint32_t bit = 0;         // of `header`: from the header's begin
   uint32_t bits = 0;
-  FieldPlace place;           // of `value`
-  std::string bytes;          // of `constant`: the bits are its last
+  FieldPlace place;   // of `value`
+  std::string bytes;  // of `constant`: the bits are its last
 };
 
 struct CalculationCode {
@@ -57,7 +57,7 @@ struct KeySource {
   uint16_t valid = noSlot;  // the element reads 0 when this slot is 0
   uint32_t word = 0;
   uint32_t words = 1;
-  uint32_t shiftLeft = 0;   // of an LPM element: to the top of its words, which are turned round
+  uint32_t shiftLeft = 0;  // of an LPM element: to the top of its words, which are turned round
   bool highFirst = false;
   std::vector<uint64_t> mask;  // empty: none
 };
@@ -67,7 +67,7 @@ struct TableCode {
   uint32_t keyWords = 0;
   bool byHit = false;  // the next node depends on hit or miss
   uint32_t onHit = 0;
-  uint32_t onMiss = 0;     // miss, and without action where not byHit
+  uint32_t onMiss = 0;  // miss, and without action where not byHit
   uint32_t firstAction = 0;
   std::vector<uint32_t> onAction;  // from firstAction on
   uint32_t profile = absent;
@@ -96,8 +96,8 @@ struct WideSelector {
   uint32_t otherwise = 0;
 };
 
-// A place in the parser that asks a value set: how its key lies in words, an element (bits + 63) / 64
-// of them.
+// A place in the parser that asks a value set: how its key lies in words, an element (bits + 63) /
+// 64 of them.
 struct ValueSetUse {
   uint32_t set = 0;
   std::vector<uint32_t> bits;
@@ -122,21 +122,21 @@ struct ListCode {
 
 // The fields that the switch itself reads and writes; those that the program lacks have no place.
 struct SystemFields {
-  FieldPlace ingressPort, packetLength, egressSpec, egressPort, instanceType, parserError, checksumError,
-      ingressTimestamp, egressTimestamp, multicastGroup, egressRid, priority, enqTimestamp, enqDepth,
-      deqTimeDelta, deqDepth, queueId;
+  FieldPlace ingressPort, packetLength, egressSpec, egressPort, instanceType, parserError,
+      checksumError, ingressTimestamp, egressTimestamp, multicastGroup, egressRid, priority,
+      enqTimestamp, enqDepth, deqTimeDelta, deqDepth, queueId;
 };
 
 struct ErrorCodes {
-  uint32_t none = 0, packetTooShort = 0, stackOutOfBounds = 0, headerTooShort = 0, parserTimeout = 0,
-           parserInvalidArgument = 0;
+  uint32_t none = 0, packetTooShort = 0, stackOutOfBounds = 0, headerTooShort = 0,
+           parserTimeout = 0, parserInvalidArgument = 0;
 };
 
 // Constant once compiled; any thread may read it.
 struct Image {
   std::vector<Instruction> code;
   uint32_t parser = 0, verify = 0, ingress = 0, egress = 0, update = 0;  // where runs begin
-  std::vector<uint32_t> actions;  // by position in the program
+  std::vector<uint32_t> actions;      // by position in the program
   std::vector<uint32_t> actionWords;  // of arguments
 
   // The state: slots that begin as 0, header bytes, and slots of any value.
@@ -150,7 +150,6 @@ struct Image {
   std::vector<StackPlace> unionStacks;
   std::vector<std::vector<uint32_t>> unions;  // headers
   std::vector<uint32_t> deparser;             // headers
-  std::vector<FieldPlace> metadata;           // cleared where a packet loses its metadata
   uint32_t metadataBegin = 0;                 // slots
   uint32_t metadataEnd = 0;
   std::vector<FieldPlace> places;

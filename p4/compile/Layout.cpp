@@ -9,7 +9,8 @@ constexpr uint32_t maxStateWords = 40000;  // slots have 16 bits, and temporarie
 
 // Whether some parser state or action assigns to `$valid$`.
 void noteWritten(const Expression& destination, std::vector<bool>& written) {
-  if (destination.op == Op::field && destination.part == validBit) written[destination.index] = true;
+  if (destination.op == Op::field && destination.part == validBit)
+    written[destination.index] = true;
 }
 
 std::vector<bool> headersWithWrittenValidity(const Program& program) {
@@ -74,10 +75,12 @@ void Layout::placeSlots() {
     if (!place.metadata) place.shown = shownWritten_[header] ? take(1) : place.valid;
     if (program_.typeOf(header).varbitField != absent) place.varbit = take(1);
   }
-  for (const HeaderStack& stack : program_.stacks) image_.stacks.push_back({take(1), stack.headers});
+  for (const HeaderStack& stack : program_.stacks)
+    image_.stacks.push_back({take(1), stack.headers});
   for (const UnionStack& stack : program_.unionStacks)
     image_.unionStacks.push_back({take(1), stack.unions});
-  for (const HeaderUnion& headerUnion : program_.unions) image_.unions.push_back(headerUnion.headers);
+  for (const HeaderUnion& headerUnion : program_.unions)
+    image_.unions.push_back(headerUnion.headers);
 }
 
 void Layout::placeHeaderBytes() {
@@ -139,9 +142,11 @@ void Layout::findSystemFields() {
   system.deqTimeDelta = find("queueing_metadata.deq_timedelta");
   system.deqDepth = find("queueing_metadata.deq_qdepth");
   system.queueId = find("queueing_metadata.qid");
-  const bool queueing = system.enqTimestamp && system.enqDepth && system.deqTimeDelta && system.deqDepth;
+  const bool queueing =
+      system.enqTimestamp && system.enqDepth && system.deqTimeDelta && system.deqDepth;
   if (!queueing)
-    system.enqTimestamp = system.enqDepth = system.deqTimeDelta = system.deqDepth = system.queueId = {};
+    system.enqTimestamp = system.enqDepth = system.deqTimeDelta = system.deqDepth =
+        system.queueId = {};
 }
 
 }  // namespace P4

@@ -13,7 +13,8 @@ std::vector<uint64_t> wordsOfKey(const std::string& bytes, const std::vector<uin
   size_t at = 0;
   for (const uint32_t width : bits) {
     const Number element = numberOfBytes(std::string_view(bytes).substr(at, bytesOfBits(width)));
-    for (uint32_t word = 0; word < (width + 63) / 64; ++word) words.push_back(wordOf(element, word));
+    for (uint32_t word = 0; word < (width + 63) / 64; ++word)
+      words.push_back(wordOf(element, word));
     at += bytesOfBits(width);
   }
   return words;
@@ -67,16 +68,22 @@ void ParserCompiler::compileState(uint32_t position) {
 
 void ParserCompiler::compileOp(const ParserOp& op) {
   switch (op.kind) {
-    case ParserOp::Kind::extract: return code_.emit(Code::extract, 0, op.object);
-    case ParserOp::Kind::extractStack: return code_.emit(Code::extractStack, 0, op.object);
+    case ParserOp::Kind::extract:
+      return code_.emit(Code::extract, 0, op.object);
+    case ParserOp::Kind::extractStack:
+      return code_.emit(Code::extractStack, 0, op.object);
     case ParserOp::Kind::extractUnionStack:
       return code_.emit(Code::extractUnionStack, 0, op.object, op.member);
-    case ParserOp::Kind::extractVarbit: return extractVarbit(op);
-    case ParserOp::Kind::set: return expressions_.assign(op.operands[0], op.operands[1]);
-    case ParserOp::Kind::verify: return verify(op);
+    case ParserOp::Kind::extractVarbit:
+      return extractVarbit(op);
+    case ParserOp::Kind::set:
+      return expressions_.assign(op.operands[0], op.operands[1]);
+    case ParserOp::Kind::verify:
+      return verify(op);
     case ParserOp::Kind::advance:
       return code_.emit(Code::advance, 0, expressions_.word(op.operands[0], 32));
-    case ParserOp::Kind::call: return primitives_.compile(op.call);
+    case ParserOp::Kind::call:
+      return primitives_.compile(op.call);
   }
 }
 

@@ -10,7 +10,11 @@ class ParserCompiler {
  public:
   ParserCompiler(const Program& program, Image& image, CodeBuffer& code,
                  ExpressionCompiler& expressions, PrimitiveCompiler& primitives)
-      : program_(program), image_(image), code_(code), expressions_(expressions), primitives_(primitives) {}
+      : program_(program),
+        image_(image),
+        code_(code),
+        expressions_(expressions),
+        primitives_(primitives) {}
 
   void compile();
   void finish();  // once all labels are bound: places in jump tables

@@ -11,7 +11,9 @@ Value numberOf(uint64_t number) {
   return {.range = {value, value}};
 }
 
-Value wordAt(uint16_t slot, uint32_t bits) { return {.slot = slot, .range = Range::unsignedOf(bits)}; }
+Value wordAt(uint16_t slot, uint32_t bits) {
+  return {.slot = slot, .range = Range::unsignedOf(bits)};
+}
 
 }  // namespace
 
@@ -47,44 +49,65 @@ void PrimitiveCompiler::compile(const PrimitiveCall& call) {
   const auto& operands = call.operands;
   const auto word = [&](size_t i, uint32_t bits) { return expressions_.word(operands[i], bits); };
   switch (call.primitive) {
-    case Primitive::assign: return expressions_.assign(operands[0], operands[1]);
+    case Primitive::assign:
+      return expressions_.assign(operands[0], operands[1]);
     case Primitive::addTo:
     case Primitive::subtractFrom:
-    case Primitive::binary: return arithmetic(call);
-    case Primitive::assignVarbit: return copyVarbit(call);
+    case Primitive::binary:
+      return arithmetic(call);
+    case Primitive::assignVarbit:
+      return copyVarbit(call);
     case Primitive::assignStack:
-    case Primitive::assignUnionStack: return copyStack(call);
+    case Primitive::assignUnionStack:
+      return copyStack(call);
     case Primitive::assignHeader:
-    case Primitive::assignUnion: return copyHeaders(operands[0], operands[1]);
+    case Primitive::assignUnion:
+      return copyHeaders(operands[0], operands[1]);
     case Primitive::push:
-    case Primitive::pop: return pushOrPop(call);
+    case Primitive::pop:
+      return pushOrPop(call);
     case Primitive::addHeader:
     case Primitive::removeHeader:
-    case Primitive::addHeaderFast: return headerCall(call);
-    case Primitive::markToDrop: return markToDrop(operands[0]);
-    case Primitive::drop: return drop();
-    case Primitive::hash: return hash(call);
-    case Primitive::random: return random(call);
-    case Primitive::executeMeter: return executeMeter(call);
-    case Primitive::registerRead: return registerRead(call);
-    case Primitive::registerWrite: return registerWrite(call);
-    case Primitive::logMessage: return log(call);
-    case Primitive::count: return code_.emit(Code::count, 0, word(0, 32), call.object);
-    case Primitive::exit: return code_.emit(Code::exit);
+    case Primitive::addHeaderFast:
+      return headerCall(call);
+    case Primitive::markToDrop:
+      return markToDrop(operands[0]);
+    case Primitive::drop:
+      return drop();
+    case Primitive::hash:
+      return hash(call);
+    case Primitive::random:
+      return random(call);
+    case Primitive::executeMeter:
+      return executeMeter(call);
+    case Primitive::registerRead:
+      return registerRead(call);
+    case Primitive::registerWrite:
+      return registerWrite(call);
+    case Primitive::logMessage:
+      return log(call);
+    case Primitive::count:
+      return code_.emit(Code::count, 0, word(0, 32), call.object);
+    case Primitive::exit:
+      return code_.emit(Code::exit);
     case Primitive::assertTrue:
-      return code_.emit(Code::assertTrue, 0,
-                        expressions_.truthOf(expressions_.value(operands[0])));
-    case Primitive::digest: return code_.emit(Code::requestDigest, 0, word(1, 16));
+      return code_.emit(Code::assertTrue, 0, expressions_.truthOf(expressions_.value(operands[0])));
+    case Primitive::digest:
+      return code_.emit(Code::requestDigest, 0, word(1, 16));
     case Primitive::clone: {
       const uint16_t session = word(0, 15);
       return code_.emit(Code::requestClone, 0, session, word(1, 16));
     }
-    case Primitive::resubmit: return code_.emit(Code::requestResubmit, 0, word(0, 16));
-    case Primitive::recirculate: return code_.emit(Code::requestRecirculate, 0, word(0, 16));
-    case Primitive::truncate: return code_.emit(Code::truncate, 0, word(0, 32));
+    case Primitive::resubmit:
+      return code_.emit(Code::requestResubmit, 0, word(0, 16));
+    case Primitive::recirculate:
+      return code_.emit(Code::requestRecirculate, 0, word(0, 16));
+    case Primitive::truncate:
+      return code_.emit(Code::truncate, 0, word(0, 32));
     case Primitive::noOp:
     case Primitive::jump:
-    case Primitive::jumpIfZero: return;
+    case Primitive::jumpIfZero:
+      return;
   }
 }
 
@@ -180,7 +203,8 @@ void PrimitiveCompiler::markToDrop(const Expression& expression) {
   expressions_.forEach(expressions_.headers(expression), [&](uint32_t header) {
     const std::vector<Field>& fields = program_.typeOf(header).fields;
     for (uint32_t field = 0; field < fields.size(); ++field) {
-      if (fields[field].name == "egress_spec") setField(layout_.place(header, field), image_.dropPort);
+      if (fields[field].name == "egress_spec")
+        setField(layout_.place(header, field), image_.dropPort);
       if (fields[field].name == "mcast_grp") setField(layout_.place(header, field), 0);
     }
   });
@@ -246,7 +270,8 @@ void PrimitiveCompiler::log(const PrimitiveCall& call) {
   for (const Expression& operand : call.operands) {
     const Value value = expressions_.value(operand);
     message.values.push_back({expressions_.extended(value, value.words),
-                              static_cast<uint16_t>(value.words), value.isSigned() || value.words > 1});
+                              static_cast<uint16_t>(value.words),
+                              value.isSigned() || value.words > 1});
   }
   image_.logs.push_back(std::move(message));
   code_.emit(Code::log, 0, static_cast<uint32_t>(image_.logs.size() - 1));

@@ -18,7 +18,8 @@ class PrimitiveCompiler {
   void compile(const PrimitiveCall& call);
 
  private:
-  void compileJump(const PrimitiveCall& call, size_t position, const std::vector<CodeBuffer::Label>& labels);
+  void compileJump(const PrimitiveCall& call, size_t position,
+                   const std::vector<CodeBuffer::Label>& labels);
   void arithmetic(const PrimitiveCall& call);
   void headerCall(const PrimitiveCall& call);
   void copyHeaders(const Expression& to, const Expression& from);

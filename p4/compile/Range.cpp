@@ -8,7 +8,8 @@ namespace P4 {
 namespace {
 
 uint32_t widest(const Range& one, const Range& other) {
-  return std::max({bitLength(one.low), bitLength(one.high), bitLength(other.low), bitLength(other.high)});
+  return std::max(
+      {bitLength(one.low), bitLength(one.high), bitLength(other.low), bitLength(other.high)});
 }
 
 Range bounded(Range range) {
@@ -35,13 +36,15 @@ Range multiplied(const Range& left, const Range& right) {
 Range shiftedLeft(const Range& value, const Range& count) {
   const uint32_t most = boundedShift(count.high);
   const uint32_t least = count.high > lowMask(32) ? 0 : boundedShift(count.low);
-  return {value.low << (value.low < 0 ? most : least), value.high << (value.high < 0 ? least : most)};
+  return {value.low << (value.low < 0 ? most : least),
+          value.high << (value.high < 0 ? least : most)};
 }
 
 Range shiftedRight(const Range& value, const Range& count) {
   const uint32_t most = boundedShift(count.high);
   const uint32_t least = count.high > lowMask(32) ? 0 : boundedShift(count.low);
-  return {value.low >> (value.low < 0 ? least : most), value.high >> (value.high < 0 ? most : least)};
+  return {value.low >> (value.low < 0 ? least : most),
+          value.high >> (value.high < 0 ? most : least)};
 }
 
 Range maskedBy(const Range& left, const Range& right) {
@@ -79,8 +82,10 @@ Range Ranges::ofField(uint32_t type, uint32_t field) const {
 
 Range Ranges::found(const Expression& expression, const Action* action) {
   switch (expression.op) {
-    case Op::constant: return {expression.number, expression.number};
-    case Op::field: return ofField(program_.headers[expression.index].type, expression.part);
+    case Op::constant:
+      return {expression.number, expression.number};
+    case Op::field:
+      return ofField(program_.headers[expression.index].type, expression.part);
     case Op::stackField: {
       Range range = ofField(program_.stacks[expression.index].type, expression.part);
       range.low = std::min(range.low, Number(0));
@@ -94,15 +99,23 @@ Range Ranges::found(const Expression& expression, const Action* action) {
     case Op::accessField:
       return ofField(headerTypeOf(program_, expression.operands[0]), expression.part);
     case Op::argument:
-      return Range::unsignedOf(action ? action->parameters[expression.index].bits : maxNumberBits / 2);
-    case Op::registerCell: return Range::unsignedOf(program_.registers[expression.index].bits);
-    case Op::lookahead: return Range::unsignedOf(expression.part);
-    case Op::boolToData: return Range::unsignedOf(1);
-    case Op::lastStackIndex: return Range::unsignedOf(64);
-    case Op::sizeOfStack: return Range::unsignedOf(32);
+      return Range::unsignedOf(action ? action->parameters[expression.index].bits
+                                      : maxNumberBits / 2);
+    case Op::registerCell:
+      return Range::unsignedOf(program_.registers[expression.index].bits);
+    case Op::lookahead:
+      return Range::unsignedOf(expression.part);
+    case Op::boolToData:
+      return Range::unsignedOf(1);
+    case Op::lastStackIndex:
+      return Range::unsignedOf(64);
+    case Op::sizeOfStack:
+      return Range::unsignedOf(32);
     case Op::twoCompMod:
-    case Op::signedSaturate: return Range::signedOf(expression.part);
-    case Op::unsignedSaturate: return Range::unsignedOf(expression.part);
+    case Op::signedSaturate:
+      return Range::signedOf(expression.part);
+    case Op::unsignedSaturate:
+      return Range::unsignedOf(expression.part);
     case Op::bitNot: {
       const Range& operand = of(expression.operands[0], action);
       return {-operand.high - 1, -operand.low - 1};
@@ -112,7 +125,8 @@ Range Ranges::found(const Expression& expression, const Action* action) {
       const Range right = of(expression.operands[2], action);
       return {std::min(left.low, right.low), std::max(left.high, right.high)};
     }
-    default: break;
+    default:
+      break;
   }
   const Range left = of(expression.operands[0], action);
   const Range right = of(expression.operands[1], action);
@@ -121,17 +135,27 @@ Range Ranges::found(const Expression& expression, const Action* action) {
 
 Range Ranges::ofOperator(const Expression& expression, const Range& left, const Range& right) {
   switch (expression.op) {
-    case Op::add: return {left.low + right.low, left.high + right.high};
-    case Op::subtract: return {left.low - right.high, left.high - right.low};
-    case Op::multiply: return multiplied(left, right);
-    case Op::divide: return {0, std::max(left.high, Number(0))};
-    case Op::modulo: return {0, std::max(right.high, Number(0))};
-    case Op::shiftLeft: return shiftedLeft(left, right);
-    case Op::shiftRight: return shiftedRight(left, right);
-    case Op::bitAnd: return maskedBy(left, right);
+    case Op::add:
+      return {left.low + right.low, left.high + right.high};
+    case Op::subtract:
+      return {left.low - right.high, left.high - right.low};
+    case Op::multiply:
+      return multiplied(left, right);
+    case Op::divide:
+      return {0, std::max(left.high, Number(0))};
+    case Op::modulo:
+      return {0, std::max(right.high, Number(0))};
+    case Op::shiftLeft:
+      return shiftedLeft(left, right);
+    case Op::shiftRight:
+      return shiftedRight(left, right);
+    case Op::bitAnd:
+      return maskedBy(left, right);
     case Op::bitOr:
-    case Op::bitXor: return combined(left, right);
-    default: return {0, 0};
+    case Op::bitXor:
+      return combined(left, right);
+    default:
+      return {0, 0};
   }
 }
 

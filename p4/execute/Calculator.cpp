@@ -6,7 +6,8 @@
 
 namespace P4 {
 
-Calculator::Calculator(const Image& image, ExternState& externs) : image_(image), externs_(externs) {
+Calculator::Calculator(const Image& image, ExternState& externs)
+    : image_(image), externs_(externs) {
   for (const CalculationCode& code : image.calculations) {
     size_t bits = 0;
     uint32_t varbits = 0;
@@ -31,12 +32,14 @@ void Calculator::gather(const CalculationPart& part, const Packet& packet, BitWr
       return to.append(bytesOf(state) + image_.headers[part.header].at, part.bit, part.bits);
     case CalculationPart::Kind::varbit: {
       const uint64_t varbit = state[image_.headers[part.header].varbit];
-      return to.append(packet.data, static_cast<uint32_t>(varbit >> 32), static_cast<uint32_t>(varbit));
+      return to.append(packet.data, static_cast<uint32_t>(varbit >> 32),
+                       static_cast<uint32_t>(varbit));
     }
     case CalculationPart::Kind::constant:
       return to.append(reinterpret_cast<const uint8_t*>(part.bytes.data()),
                        static_cast<uint32_t>(part.bytes.size() * 8) - part.bits, part.bits);
-    case CalculationPart::Kind::value: break;
+    case CalculationPart::Kind::value:
+      break;
   }
   uint64_t words[64];
   loadWords(part.place, state, words);

@@ -20,7 +20,8 @@ struct ExternState {
       meters.emplace_back(info.size);
       meterBytes.push_back(info.bytes);
     }
-    for (const RegisterArrayInfo& info : program.registers) registers.emplace_back(info.size, info.bits);
+    for (const RegisterArrayInfo& info : program.registers)
+      registers.emplace_back(info.size, info.bits);
   }
 
   std::vector<CellArray<Counter>> counters;

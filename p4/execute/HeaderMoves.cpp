@@ -111,7 +111,8 @@ void popStack(const Image& image, uint32_t stack, bool ofUnions, uint64_t count,
   if (moved == 0) return;
   for (size_t i = 0; i + moved < size; ++i)
     moveElement(image, place.elements[i], place.elements[i + moved], ofUnions, state);
-  for (size_t i = size - moved; i < size; ++i) clearElement(image, place.elements[i], ofUnions, state);
+  for (size_t i = size - moved; i < size; ++i)
+    clearElement(image, place.elements[i], ofUnions, state);
   state[place.next] = state[place.next] > moved ? state[place.next] - moved : 0;
 }
 

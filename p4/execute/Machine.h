@@ -14,8 +14,8 @@ namespace P4 {
 
 enum class RunEnd : uint8_t {
   done,
-  parserError,    // packet.parserError tells which
-  tooManySteps,   // the program went round too often
+  parserError,   // packet.parserError tells which
+  tooManySteps,  // the program went round too often
 };
 
 // What happened beside the packets' way.

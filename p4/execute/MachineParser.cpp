@@ -21,7 +21,8 @@ bool Machine::extract(const HeaderPlace& place, uint32_t header, Packet& packet)
 
 bool Machine::extractStack(const Instruction& instruction, Packet& packet) {
   const bool ofUnions = instruction.code == Code::extractUnionStack;
-  const StackPlace& stack = ofUnions ? image_.unionStacks[instruction.b] : image_.stacks[instruction.b];
+  const StackPlace& stack =
+      ofUnions ? image_.unionStacks[instruction.b] : image_.stacks[instruction.b];
   uint64_t& next = packet.state[stack.next];
   if (next >= stack.elements.size()) return fail(image_.errors.stackOutOfBounds, packet);
   uint32_t header = stack.elements[next];
@@ -36,7 +37,8 @@ bool Machine::extractVarbit(const Instruction& instruction, Packet& packet) {
   const auto target = static_cast<ParserOp::Kind>(instruction.c & 0xff);
   if (target == ParserOp::Kind::extract) return extractVarbitTo(instruction.b, bits, packet);
   const bool ofUnions = target == ParserOp::Kind::extractUnionStack;
-  const StackPlace& stack = ofUnions ? image_.unionStacks[instruction.b] : image_.stacks[instruction.b];
+  const StackPlace& stack =
+      ofUnions ? image_.unionStacks[instruction.b] : image_.stacks[instruction.b];
   uint64_t& next = packet.state[stack.next];
   if (next >= stack.elements.size()) return fail(image_.errors.stackOutOfBounds, packet);
   uint32_t header = stack.elements[next];

@@ -41,7 +41,8 @@ void Machine::hit(const TableCode& table, const Entry& found, Packet& packet) {
   if (table.ageing) entry.lastHit.store(packet.receivedAt, std::memory_order_relaxed);
 }
 
-const ActionData* Machine::chosen(const TableCode& table, const Group& group, const Packet& packet) {
+const ActionData* Machine::chosen(const TableCode& table, const Group& group,
+                                  const Packet& packet) {
   const std::vector<const Member*>& members = group.active[sideNumber_];
   if (members.empty()) return nullptr;
   const uint32_t calculation = image_.profileCalculations[table.profile];

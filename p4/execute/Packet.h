@@ -7,7 +7,8 @@
 
 namespace P4 {
 
-// What a program asked for; carried out at the end of the pipeline. The last request of a kind counts.
+// What a program asked for; carried out at the end of the pipeline. The last request of a kind
+// counts.
 struct Requests {
   bool clone = false;
   uint16_t session = 0;
@@ -27,12 +28,12 @@ struct Packet {
   uint32_t ingressPort = 0;
   uint32_t egressPort = 0;
   uint32_t queue = 0;
-  uint32_t passes = 0;         // resubmissions, recirculations and clones before
+  uint32_t passes = 0;  // resubmissions, recirculations and clones before
   uint32_t truncateTo = 0xffffffff;
   uint32_t parserError = 0;
   bool checksumError = false;
   bool exit = false;
-  uint64_t receivedAt = 0;     // microseconds
+  uint64_t receivedAt = 0;  // microseconds
   Requests requests;
 };
 

@@ -8,20 +8,36 @@
 namespace P4 {
 namespace {
 
-enum InstanceType : uint32_t { normal, ingressClone, egressClone, coalesced, recirculated, replication, resubmitted };
+enum InstanceType : uint32_t {
+  normal,
+  ingressClone,
+  egressClone,
+  coalesced,
+  recirculated,
+  replication,
+  resubmitted
+};
 
 }  // namespace
 
 const char* dropReasonName(DropReason reason) {
   switch (reason) {
-    case DropReason::ingress: return "dropped in ingress";
-    case DropReason::egress: return "dropped in egress";
-    case DropReason::noReplica: return "multicast group without replicas";
-    case DropReason::noQueue: return "no queue of that priority";
-    case DropReason::tooManySteps: return "too many steps";
-    case DropReason::tooManyPasses: return "too many passes";
-    case DropReason::tooManyPackets: return "too many copies";
-    case DropReason::tooLarge: return "too large";
+    case DropReason::ingress:
+      return "dropped in ingress";
+    case DropReason::egress:
+      return "dropped in egress";
+    case DropReason::noReplica:
+      return "multicast group without replicas";
+    case DropReason::noQueue:
+      return "no queue of that priority";
+    case DropReason::tooManySteps:
+      return "too many steps";
+    case DropReason::tooManyPasses:
+      return "too many passes";
+    case DropReason::tooManyPackets:
+      return "too many copies";
+    case DropReason::tooLarge:
+      return "too large";
   }
   return "dropped";
 }
@@ -31,7 +47,8 @@ Switch::Switch(const Image& image, ExternState& externs, const SwitchOptions& op
       options_(options),
       machine_(image, externs, options.seed),
       pool_(image.stateWords),
-      maxPackets_(static_cast<uint32_t>(std::min<size_t>(70000, maxMemory / (8 * image.stateWords)))),
+      maxPackets_(
+          static_cast<uint32_t>(std::min<size_t>(70000, maxMemory / (8 * image.stateWords)))),
       depthsWanted_(static_cast<bool>(image.system.enqDepth)) {
   for (uint32_t i = 0; i < image.learnLists.size(); ++i) digests_.emplace_back(i);
 }
@@ -53,7 +70,8 @@ void Switch::process(const Side& side, uint32_t port, std::span<const uint8_t> b
   if (bytes.size() > maxBytes) return drop(packet, DropReason::tooLarge);
   clearState(*packet);
   packet->data = bytes.data();
-  packet->size = packet->runningLength = packet->ingressLength = static_cast<uint32_t>(bytes.size());
+  packet->size = packet->runningLength = packet->ingressLength =
+      static_cast<uint32_t>(bytes.size());
   packet->ingressPort = port;
   packet->receivedAt = now;
   packet->passes = 0;

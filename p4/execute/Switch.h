@@ -13,7 +13,7 @@
 namespace P4 {
 
 enum class DropReason : uint8_t {
-  ingress,         // egress_spec is the drop port
+  ingress,  // egress_spec is the drop port
   egress,
   noReplica,       // the multicast group is unknown or empty
   noQueue,         // the priority has no queue
@@ -31,9 +31,9 @@ struct SwitchCounts {
   uint64_t resubmitted = 0;
   uint64_t recirculated = 0;
   uint64_t cloned = 0;
-  uint64_t multicast = 0;      // copies
-  uint64_t parserErrors = 0;   // such packets go on
-  uint64_t checksumErrors = 0; // such packets go on
+  uint64_t multicast = 0;       // copies
+  uint64_t parserErrors = 0;    // such packets go on
+  uint64_t checksumErrors = 0;  // such packets go on
   std::array<uint64_t, dropReasons> dropped{};
 };
 
@@ -57,7 +57,7 @@ class Switch {
                Outputs& outputs);
 
  private:
-  static constexpr uint32_t maxPasses = 1024;    // of one packet, one after the other
+  static constexpr uint32_t maxPasses = 1024;     // of one packet, one after the other
   static constexpr size_t maxMemory = 256 << 20;  // bytes, of all packets that come of one
   static constexpr size_t maxBytes = 65535;
 

@@ -55,13 +55,15 @@ bool less(const uint64_t* one, const uint64_t* other, uint32_t count) {
 }
 
 // Zero for a divisor of zero and for negative operands.
-void divide(uint64_t* to, const uint64_t* one, const uint64_t* other, uint32_t count, bool quotient) {
+void divide(uint64_t* to, const uint64_t* one, const uint64_t* other, uint32_t count,
+            bool quotient) {
   uint32_t divisorWords = count;
   while (divisorWords && other[divisorWords - 1] == 0) --divisorWords;
   uint64_t quotientWords[maxWords] = {};
   uint64_t rest[maxWords] = {};
   if (divisorWords && !negative(one, count) && !negative(other, count))
-    mpn_tdiv_qr(limbs(quotientWords), limbs(rest), 0, limbs(one), count, limbs(other), divisorWords);
+    mpn_tdiv_qr(limbs(quotientWords), limbs(rest), 0, limbs(one), count, limbs(other),
+                divisorWords);
   std::memcpy(to, quotient ? quotientWords : rest, count * sizeof(uint64_t));
 }
 
@@ -90,30 +92,60 @@ void executeWide(const Instruction& instruction, const Image& image, uint64_t* s
   const uint64_t* one = state + (instruction.b & 0xffff);
   const uint64_t* other = state + (instruction.b >> 16);
   switch (instruction.code) {
-    case Code::wideLoad: return loadWords(image.places[instruction.b], state, to);
-    case Code::wideStore: return storeWords(image.places[instruction.b], state, to);
+    case Code::wideLoad:
+      return loadWords(image.places[instruction.b], state, to);
+    case Code::wideStore:
+      return storeWords(image.places[instruction.b], state, to);
     case Code::wideConstant:
       std::memcpy(to, image.constants[instruction.b].data(), count * sizeof(uint64_t));
       return;
-    case Code::wideExtend: return extend(to, one, instruction.b >> 16, count, more & 1);
-    case Code::wideAdd: mpn_add_n(limbs(to), limbs(one), limbs(other), count); return;
-    case Code::wideSubtract: mpn_sub_n(limbs(to), limbs(one), limbs(other), count); return;
-    case Code::wideMultiply: return multiply(to, one, other, count);
-    case Code::wideAnd: mpn_and_n(limbs(to), limbs(one), limbs(other), count); return;
-    case Code::wideOr: mpn_ior_n(limbs(to), limbs(one), limbs(other), count); return;
-    case Code::wideXor: mpn_xor_n(limbs(to), limbs(one), limbs(other), count); return;
-    case Code::wideNot: mpn_com(limbs(to), limbs(one), count); return;
-    case Code::wideDivide: return divide(to, one, other, count, true);
-    case Code::wideModulo: return divide(to, one, other, count, false);
-    case Code::wideShiftLeft: return shiftLeft(to, one, count, *other);
-    case Code::wideShiftRight: return shiftRight(to, one, count, *other);
-    case Code::wideShiftLeftI: return shiftLeft(to, one, count, more);
-    case Code::wideShiftRightI: return shiftRight(to, one, count, more);
-    case Code::wideEqual: *to = mpn_cmp(limbs(one), limbs(other), count) == 0; return;
-    case Code::wideLess: *to = less(one, other, count); return;
-    case Code::wideSelect: std::memcpy(to, state[more] ? one : other, count * sizeof(uint64_t)); return;
-    case Code::wideSignExtend: return signExtend(to, one, count, more);
-    default: return;
+    case Code::wideExtend:
+      return extend(to, one, instruction.b >> 16, count, more & 1);
+    case Code::wideAdd:
+      mpn_add_n(limbs(to), limbs(one), limbs(other), count);
+      return;
+    case Code::wideSubtract:
+      mpn_sub_n(limbs(to), limbs(one), limbs(other), count);
+      return;
+    case Code::wideMultiply:
+      return multiply(to, one, other, count);
+    case Code::wideAnd:
+      mpn_and_n(limbs(to), limbs(one), limbs(other), count);
+      return;
+    case Code::wideOr:
+      mpn_ior_n(limbs(to), limbs(one), limbs(other), count);
+      return;
+    case Code::wideXor:
+      mpn_xor_n(limbs(to), limbs(one), limbs(other), count);
+      return;
+    case Code::wideNot:
+      mpn_com(limbs(to), limbs(one), count);
+      return;
+    case Code::wideDivide:
+      return divide(to, one, other, count, true);
+    case Code::wideModulo:
+      return divide(to, one, other, count, false);
+    case Code::wideShiftLeft:
+      return shiftLeft(to, one, count, *other);
+    case Code::wideShiftRight:
+      return shiftRight(to, one, count, *other);
+    case Code::wideShiftLeftI:
+      return shiftLeft(to, one, count, more);
+    case Code::wideShiftRightI:
+      return shiftRight(to, one, count, more);
+    case Code::wideEqual:
+      *to = mpn_cmp(limbs(one), limbs(other), count) == 0;
+      return;
+    case Code::wideLess:
+      *to = less(one, other, count);
+      return;
+    case Code::wideSelect:
+      std::memcpy(to, state[more] ? one : other, count * sizeof(uint64_t));
+      return;
+    case Code::wideSignExtend:
+      return signExtend(to, one, count, more);
+    default:
+      return;
   }
 }
 

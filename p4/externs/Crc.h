@@ -18,7 +18,8 @@ struct CrcForm {
 class Crc {
  public:
   constexpr explicit Crc(const CrcForm& form) : form_(form) {
-    for (uint32_t byte = 0; byte < 256; ++byte) table_[byte] = form.reflected ? right(byte) : left(byte);
+    for (uint32_t byte = 0; byte < 256; ++byte)
+      table_[byte] = form.reflected ? right(byte) : left(byte);
   }
 
   uint64_t of(std::span<const uint8_t> bytes) const {
@@ -27,7 +28,8 @@ class Crc {
       for (const uint8_t byte : bytes) crc = table_[(crc ^ byte) & 0xff] ^ crc >> 8;
     } else {
       for (const uint8_t byte : bytes)
-        crc = (table_[(crc >> (form_.bits - 8) ^ byte) & 0xff] ^ (form_.bits > 8 ? crc << 8 : 0)) & mask();
+        crc = (table_[(crc >> (form_.bits - 8) ^ byte) & 0xff] ^ (form_.bits > 8 ? crc << 8 : 0)) &
+              mask();
     }
     return crc ^ form_.xorOut;
   }

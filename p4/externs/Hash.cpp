@@ -57,20 +57,32 @@ uint64_t fnvWithMixing(std::span<const uint8_t> bytes) {
 
 uint64_t hashBytes(Algorithm algorithm, std::span<const uint8_t> bytes) {
   switch (algorithm) {
-    case Algorithm::crc16: return crc16.of(bytes);
-    case Algorithm::crc32: return crc32.of(bytes);
-    case Algorithm::crcCcitt: return crcCcitt.of(bytes);
-    case Algorithm::crc8: return crc8.of(bytes);
-    case Algorithm::crc64: return crc64.of(bytes);
-    case Algorithm::csum16: return internetChecksum(bytes);
-    case Algorithm::xor16: return xorWords(bytes, 2);
-    case Algorithm::xor32: return xorWords(bytes, 4);
-    case Algorithm::identity: return bigEndian(bytes.first(std::min<size_t>(8, bytes.size())));
-    case Algorithm::xxh64: return XXH64(bytes.data(), bytes.size(), 0);
-    case Algorithm::hashEx: return fnvWithMixing(bytes);
+    case Algorithm::crc16:
+      return crc16.of(bytes);
+    case Algorithm::crc32:
+      return crc32.of(bytes);
+    case Algorithm::crcCcitt:
+      return crcCcitt.of(bytes);
+    case Algorithm::crc8:
+      return crc8.of(bytes);
+    case Algorithm::crc64:
+      return crc64.of(bytes);
+    case Algorithm::csum16:
+      return internetChecksum(bytes);
+    case Algorithm::xor16:
+      return xorWords(bytes, 2);
+    case Algorithm::xor32:
+      return xorWords(bytes, 4);
+    case Algorithm::identity:
+      return bigEndian(bytes.first(std::min<size_t>(8, bytes.size())));
+    case Algorithm::xxh64:
+      return XXH64(bytes.data(), bytes.size(), 0);
+    case Algorithm::hashEx:
+      return fnvWithMixing(bytes);
     case Algorithm::toeplitz:  // with a key of zeros
     case Algorithm::roundRobin:
-    case Algorithm::roundRobinConsistent: break;
+    case Algorithm::roundRobinConsistent:
+      break;
   }
   return 0;
 }

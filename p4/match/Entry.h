@@ -55,13 +55,13 @@ struct Entry {
   uint32_t prefixLength = 0;  // of LPM tables
   uint32_t words = 0;         // of one part of the key
   Counter counter;
-  std::unique_ptr<Meter> meter;           // of tables with direct meters
-  uint64_t timeToLive = 0;                // microseconds; 0: none
-  std::atomic<uint64_t> lastHit = 0;      // microseconds; of the packet thread
-  bool reportedIdle = false;              // at the sweep before
-  uint32_t position = 0;                  // among the table's entries
-  ActionData::Ptr ownAction;              // behind outcome[].action
-  uint64_t cookie = 0;                    // of the caller
+  std::unique_ptr<Meter> meter;       // of tables with direct meters
+  uint64_t timeToLive = 0;            // microseconds; 0: none
+  std::atomic<uint64_t> lastHit = 0;  // microseconds; of the packet thread
+  bool reportedIdle = false;          // at the sweep before
+  uint32_t position = 0;              // among the table's entries
+  ActionData::Ptr ownAction;          // behind outcome[].action
+  uint64_t cookie = 0;                // of the caller
 
   struct Delete {
     void operator()(Entry* entry) const {

@@ -20,8 +20,8 @@ struct KeyShape {
   MatchKind kind = MatchKind::exact;  // of the table
   std::vector<Element> elements;      // in the key's order
   uint32_t words = 0;
-  uint32_t exactWords = 0;   // of an LPM table: the words before the prefix
-  uint32_t prefixBits = 0;   // of an LPM table: the width of the field
+  uint32_t exactWords = 0;  // of an LPM table: the words before the prefix
+  uint32_t prefixBits = 0;  // of an LPM table: the width of the field
 
   uint32_t parts() const {
     if (kind == MatchKind::range) return 4;

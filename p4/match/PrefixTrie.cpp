@@ -39,7 +39,8 @@ uint32_t rankOf(uint64_t set, uint32_t bit) {
 // The array with a gap at `position`, or without the item there.
 template <typename Item>
 Item* widen(Item* items, uint32_t count, uint32_t position) {
-  auto* wider = static_cast<Item*>(std::realloc(static_cast<void*>(items), (count + 1) * sizeof(Item)));
+  auto* wider =
+      static_cast<Item*>(std::realloc(static_cast<void*>(items), (count + 1) * sizeof(Item)));
   if (!wider) throw std::bad_alloc();
   std::memmove(static_cast<void*>(wider + position + 1), wider + position,
                (count - position) * sizeof(Item));
@@ -112,7 +113,9 @@ void PrefixTrie::insert(const uint64_t* key, uint32_t length, Entry* entry) {
   node->entries[position] = entry;
 }
 
-void PrefixTrie::remove(const uint64_t* key, uint32_t length) { removeBelow(root_, key, length, 0); }
+void PrefixTrie::remove(const uint64_t* key, uint32_t length) {
+  removeBelow(root_, key, length, 0);
+}
 
 // Whether the node is empty now.
 bool PrefixTrie::removeBelow(Node& node, const uint64_t* key, uint32_t length, uint32_t at) {

@@ -19,8 +19,8 @@ class PrefixTrie {
   PrefixTrie(const PrefixTrie&) = delete;
   PrefixTrie& operator=(const PrefixTrie&) = delete;
 
-  // `key`: words, the highest first, the field's bits at their top, and one word of any value behind
-  // them. Null when no prefix matches.
+  // `key`: words, the highest first, the field's bits at their top, and one word of any value
+  // behind them. Null when no prefix matches.
   const Entry* find(const uint64_t* key) const;
   // The entry of exactly this prefix, or null.
   Entry* same(const uint64_t* key, uint32_t length) const;

@@ -19,23 +19,27 @@ class TableIndex {
   // `key` has one readable word behind it.
   const Entry* find(const uint64_t* key) const {
     if (const auto* exact = std::get_if<ExactIndex>(&index_)) return exact->find(key);
-    if (const auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_)) return (*prefix)->find(key);
+    if (const auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_))
+      return (*prefix)->find(key);
     return std::get<TupleSpace>(index_).find(key);
   }
   // The entry with equal key (and, where it counts, rank), or null.
   Entry* same(const Entry& entry) const {
     if (const auto* exact = std::get_if<ExactIndex>(&index_)) return exact->same(entry);
-    if (const auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_)) return (*prefix)->same(entry);
+    if (const auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_))
+      return (*prefix)->same(entry);
     return std::get<TupleSpace>(index_).same(entry);
   }
   void insert(Entry* entry) {
     if (auto* exact = std::get_if<ExactIndex>(&index_)) return exact->insert(entry);
-    if (auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_)) return (*prefix)->insert(entry);
+    if (auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_))
+      return (*prefix)->insert(entry);
     std::get<TupleSpace>(index_).insert(entry);
   }
   void remove(Entry* entry) {
     if (auto* exact = std::get_if<ExactIndex>(&index_)) return exact->remove(entry);
-    if (auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_)) return (*prefix)->remove(entry);
+    if (auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_))
+      return (*prefix)->remove(entry);
     std::get<TupleSpace>(index_).remove(entry);
   }
 
@@ -43,10 +47,13 @@ class TableIndex {
   using Index = std::variant<ExactIndex, std::unique_ptr<PrefixIndex>, TupleSpace>;
   static Index made(const KeyShape& shape) {
     switch (shape.kind) {
-      case MatchKind::lpm: return std::make_unique<PrefixIndex>(shape.exactWords);
+      case MatchKind::lpm:
+        return std::make_unique<PrefixIndex>(shape.exactWords);
       case MatchKind::ternary:
-      case MatchKind::range: return Index(std::in_place_type<TupleSpace>, shape);
-      default: return Index(std::in_place_type<ExactIndex>, shape.words);
+      case MatchKind::range:
+        return Index(std::in_place_type<TupleSpace>, shape);
+      default:
+        return Index(std::in_place_type<ExactIndex>, shape.words);
     }
   }
 

@@ -41,7 +41,19 @@ const Entry* TupleSpace::findIn(const Tuple& tuple, const uint64_t* key, const E
   return best;
 }
 
+const Entry* TupleSpace::findAmongFew(const uint64_t* key) const {
+  for (const Entry* entry : few_) {
+    const uint64_t* value = entry->value();
+    const uint64_t* mask = entry->mask();
+    uint32_t word = 0;
+    while (word < shape_.words && (key[word] & mask[word]) == value[word]) ++word;
+    if (word == shape_.words && inRanges(*entry, key)) return entry;
+  }
+  return nullptr;
+}
+
 const Entry* TupleSpace::find(const uint64_t* key) const {
+  if (isFew_) return findAmongFew(key);
   const Entry* best = nullptr;
   for (const auto& tuple : tuples_) {
     if (best && best->rank < tuple->bestRank) break;
@@ -63,9 +75,8 @@ Entry* TupleSpace::same(const Entry& entry) const {
   if (found == tuple->buckets.end()) return nullptr;
   for (Entry* other : (*found)->entries) {
     if (other->rank != entry.rank) continue;
-    if (shape_.kind != MatchKind::range ||
-        (equalWords(other->low(), entry.low(), shape_.words) &&
-         equalWords(other->high(), entry.high(), shape_.words)))
+    if (shape_.kind != MatchKind::range || (equalWords(other->low(), entry.low(), shape_.words) &&
+                                            equalWords(other->high(), entry.high(), shape_.words)))
       return other;
   }
   return nullptr;
@@ -78,6 +89,15 @@ void TupleSpace::sortTuples() {
 }
 
 void TupleSpace::insert(Entry* entry) {
+  insertTuple(entry);
+  if (!isFew_) return;
+  isFew_ = few_.size() < maxFew;
+  if (!isFew_) return few_.clear();
+  const auto behind = [](const Entry* one, const Entry* other) { return better(*one, *other); };
+  few_.insert(std::upper_bound(few_.begin(), few_.end(), entry, behind), entry);
+}
+
+void TupleSpace::insertTuple(Entry* entry) {
   Tuple* tuple = tupleOf(*entry);
   if (!tuple) {
     tuples_.push_back(std::make_unique<Tuple>(shape_.words));
@@ -100,6 +120,7 @@ void TupleSpace::insert(Entry* entry) {
 }
 
 void TupleSpace::remove(Entry* entry) {
+  few_.erase(std::remove(few_.begin(), few_.end(), entry), few_.end());
   Tuple* tuple = tupleOf(*entry);
   if (!tuple) return;
   const auto found = tuple->buckets.find(KeyView{entry->value()});

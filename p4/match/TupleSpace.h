@@ -12,9 +12,10 @@
 namespace P4 {
 
 // Entries of equal masks form a tuple, which is a hash table of masked values. A look-up asks the
-// tuples in the order of their best ranks and stops when none can be better. An element with a range
-// counts with the bits that both ends share; the ends themselves are compared with what is found.
-// Borrows the entries.
+// tuples in the order of their best ranks and stops when none can be better. An element with a
+// range counts with the bits that both ends share; the ends themselves are compared with what is
+// found. While there are few entries, they are tried one by one instead, which is faster. Borrows
+// the entries.
 class TupleSpace {
  public:
   explicit TupleSpace(const KeyShape& shape) : shape_(shape) {}
@@ -43,7 +44,9 @@ class TupleSpace {
   struct BucketEqual {
     using is_transparent = void;
     size_t count;
-    static const uint64_t* wordsOf(const std::unique_ptr<Bucket>& bucket) { return bucket->words.data(); }
+    static const uint64_t* wordsOf(const std::unique_ptr<Bucket>& bucket) {
+      return bucket->words.data();
+    }
     static const uint64_t* wordsOf(KeyView key) { return key.words; }
     template <typename One, typename Other>
     bool operator()(const One& one, const Other& other) const {
@@ -57,6 +60,10 @@ class TupleSpace {
     absl::flat_hash_set<std::unique_ptr<Bucket>, BucketHash, BucketEqual> buckets;
   };
 
+  static constexpr size_t maxFew = 48;
+
+  const Entry* findAmongFew(const uint64_t* key) const;
+  void insertTuple(Entry* entry);
   const Entry* findIn(const Tuple& tuple, const uint64_t* key, const Entry* best) const;
   bool inRanges(const Entry& entry, const uint64_t* key) const;
   Tuple* tupleOf(const Entry& entry) const;
@@ -65,6 +72,8 @@ class TupleSpace {
 
   KeyShape shape_;
   std::vector<std::unique_ptr<Tuple>> tuples_;
+  std::vector<Entry*> few_;  // all, the best first; not kept once there have been more than maxFew
+  bool isFew_ = true;
 };
 
 }  // namespace P4

@@ -14,8 +14,8 @@ namespace P4 {
 
 inline size_t hashWords(const uint64_t* words, size_t count) {
   if (count == 1) {
-    const auto product = static_cast<unsigned __int128>(words[0] ^ 0x9e3779b97f4a7c15u) *
-                         0xd6e8feb86659fd93u;
+    const auto product =
+        static_cast<unsigned __int128>(words[0] ^ 0x9e3779b97f4a7c15u) * 0xd6e8feb86659fd93u;
     return static_cast<size_t>(product) ^ static_cast<size_t>(product >> 64);
   }
   return XXH3_64bits(words, count * sizeof(uint64_t));

@@ -13,7 +13,8 @@ Action readAction(const Node& node, const Names& names) {
       parameter["bitwidth"].fail("parameters of that width are not executed");
     action.parameters.push_back({parameter["name"].textOr(""), bits});
   }
-  if (action.parameters.size() > 256) node["runtime_data"].fail("the action has too many parameters");
+  if (action.parameters.size() > 256)
+    node["runtime_data"].fail("the action has too many parameters");
   for (const Node& call : node["primitives"].elements())
     action.calls.push_back(
         readPrimitive(call, static_cast<uint32_t>(action.parameters.size()), names));

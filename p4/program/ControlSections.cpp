@@ -66,11 +66,12 @@ class TableReader {
     } else {
       element.field = names_.numberField(target);
       element.bits = names_.program.bitsOf(element.field);
-        if (node["mask"].present()) element.mask = node["mask"].bytes((element.bits + 7) / 8);
+      if (node["mask"].present()) element.mask = node["mask"].bytes((element.bits + 7) / 8);
     }
     element.name = node["name"].textOr("");
     if (element.name.empty())
-      element.name = target.isArray() ? target.at(0).text() + "." + target.at(1).text() : target.text();
+      element.name =
+          target.isArray() ? target.at(0).text() + "." + target.at(1).text() : target.text();
     return element;
   }
 
@@ -147,12 +148,13 @@ class TableReader {
       return;
     }
     for (const uint32_t action : table.actions)
-      table.nextByAction[action] =
-          nodes_.find(next[names_.program.actions[action].name.c_str()]);
+      table.nextByAction[action] = nodes_.find(next[names_.program.actions[action].name.c_str()]);
   }
 
   // Both keys may be there with null, which ends the pipeline.
-  static bool hasHitAndMiss(const Node& next) { return next.hasKey("__HIT__") || next.hasKey("__MISS__"); }
+  static bool hasHitAndMiss(const Node& next) {
+    return next.hasKey("__HIT__") || next.hasKey("__MISS__");
+  }
 
   ActionCall readCall(const Node& node, const Table& table) {
     ActionCall call;
@@ -204,7 +206,8 @@ class TableReader {
     }
     if (key.kind == MatchKind::lpm) {
       element.prefixLength = node["prefix_length"].integer();
-      if (element.prefixLength > key.bits) node["prefix_length"].fail("the prefix is longer than the field");
+      if (element.prefixLength > key.bits)
+        node["prefix_length"].fail("the prefix is longer than the field");
     }
     return element;
   }
@@ -212,7 +215,8 @@ class TableReader {
   void readEntries(const Node& node, Table& table) {
     if (!node.present()) return;
     table.immutable = true;
-    if (table.type != TableKind::simple && node.size()) node.fail("entries of a table with action profile");
+    if (table.type != TableKind::simple && node.size())
+      node.fail("entries of a table with action profile");
     for (const Node& element : node.elements()) {
       ConstantEntry entry{.priority = element["priority"].integerOr(0),
                           .action = readCall(element["action_entry"], table)};
@@ -315,8 +319,9 @@ void readPipelines(const Node& section, Names& names) {
   const Node* ingress = pipelineNamed(pipelines, "ingress");
   const Node* egress = pipelineNamed(pipelines, "egress");
   if (!ingress || !egress)
-    section.fail("v1model's pipelines are named \"ingress\" and \"egress\"; a program for another "
-                 "architecture is not executed");
+    section.fail(
+        "v1model's pipelines are named \"ingress\" and \"egress\"; a program for another "
+        "architecture is not executed");
   PipelineReader reader(names);
   reader.announce(*ingress);
   reader.announce(*egress);

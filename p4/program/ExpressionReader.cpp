@@ -65,20 +65,28 @@ Expression object(Op op, Type type, uint32_t index) {
 
 const char* typeName(Type type) {
   switch (type) {
-    case Type::data: return "a number";
-    case Type::boolean: return "a truth value";
-    case Type::header: return "a header";
-    case Type::stack: return "a header stack";
-    case Type::headerUnion: return "a header union";
-    case Type::unionStack: return "a stack of header unions";
+    case Type::data:
+      return "a number";
+    case Type::boolean:
+      return "a truth value";
+    case Type::header:
+      return "a header";
+    case Type::stack:
+      return "a header stack";
+    case Type::headerUnion:
+      return "a header union";
+    case Type::unionStack:
+      return "a stack of header unions";
   }
   return "a value";
 }
 
 uint32_t headerTypeOf(const Program& program, const Expression& header) {
   switch (header.op) {
-    case Op::header: return program.headers[header.index].type;
-    case Op::elementOfStack: return program.stacks[header.operands[0].index].type;
+    case Op::header:
+      return program.headers[header.index].type;
+    case Op::elementOfStack:
+      return program.stacks[header.operands[0].index].type;
     case Op::accessMember: {
       const Expression& owner = header.operands[0];
       const Expression* leaf = &owner;
@@ -88,7 +96,8 @@ uint32_t headerTypeOf(const Program& program, const Expression& header) {
                                     : program.unionStacks[leaf->operands[0].index].unions[0];
       return program.headers[program.unions[position].headers[header.member]].type;
     }
-    default: return headerTypeOf(program, header.operands[1]);  // choose
+    default:
+      return headerTypeOf(program, header.operands[1]);  // choose
   }
 }
 
@@ -142,8 +151,10 @@ Expression ExpressionReader::readDestination(const Node& node) const {
     case Op::field:
     case Op::stackField:
     case Op::registerCell:
-    case Op::accessField: return expression;
-    default: node.fail("nothing can be assigned to this");
+    case Op::accessField:
+      return expression;
+    default:
+      node.fail("nothing can be assigned to this");
   }
 }
 
@@ -181,7 +192,8 @@ Expression ExpressionReader::readStackField(const Node& value) const {
   Expression expression = object(Op::stackField, Type::data, names_.stacks.find(value.at(0)));
   const uint32_t type = names_.program.stacks[expression.index].type;
   expression.part = names_.fieldOfType(value, type, value.at(1).text());
-  if (expression.part != validBit && names_.program.headerTypes[type].fields[expression.part].varbit)
+  if (expression.part != validBit &&
+      names_.program.headerTypes[type].fields[expression.part].varbit)
     value.fail("a varbit field is no number");
   return expression;
 }
@@ -194,7 +206,8 @@ Expression ExpressionReader::readUnionStackField(const Node& value) const {
   const uint32_t header = names_.program.unions[stack.unions[0]].headers[expression.member];
   const uint32_t type = names_.program.headers[header].type;
   expression.part = names_.fieldOfType(value, type, value.at(2).text());
-  if (expression.part != validBit && names_.program.headerTypes[type].fields[expression.part].varbit)
+  if (expression.part != validBit &&
+      names_.program.headerTypes[type].fields[expression.part].varbit)
     value.fail("a varbit field is no number");
   return expression;
 }
@@ -221,12 +234,12 @@ Expression ExpressionReader::readOperator(const Node& node) const {
   if (op == "+" || op == "-")
     return made(op == "+" ? Op::add : Op::subtract, Type::data,
                 {read(left, Type::data), read(right, Type::data)});
-  if (op == "==" || op == "!=")
-    return readComparison(node, op == "==" ? Op::equal : Op::notEqual);
+  if (op == "==" || op == "!=") return readComparison(node, op == "==" ? Op::equal : Op::notEqual);
   if (op == "?") {
     Expression one = read(left);
     Expression other = read(right, one.type);
-    if (one.type == Type::stack || one.type == Type::unionStack) left.fail("stacks cannot be chosen");
+    if (one.type == Type::stack || one.type == Type::unionStack)
+      left.fail("stacks cannot be chosen");
     const Type type = one.type;
     return made(Op::choose, type,
                 {read(node["cond"], Type::boolean), std::move(one), std::move(other)});
@@ -234,7 +247,8 @@ Expression ExpressionReader::readOperator(const Node& node) const {
   if (op == "two_comp_mod" || op == "usat_cast" || op == "sat_cast") {
     Expression bits = read(right, Type::data);
     if (bits.op != Op::constant || bits.number < 1 || bits.number > maxNumberBits / 2)
-      right.fail("the width of " + quoted(op) + " is not executed unless it is a constant of 1 to " +
+      right.fail("the width of " + quoted(op) +
+                 " is not executed unless it is a constant of 1 to " +
                  std::to_string(maxNumberBits / 2));
     Expression cast = made(op == "two_comp_mod" ? Op::twoCompMod
                            : op == "usat_cast"  ? Op::unsignedSaturate

@@ -11,7 +11,8 @@ constexpr uint32_t maxCells = 1u << 26;
 
 uint32_t readSize(const Node& node) {
   const uint32_t size = node.integer();
-  if (size > maxCells) node.fail("arrays of more than " + std::to_string(maxCells) + " cells are not executed");
+  if (size > maxCells)
+    node.fail("arrays of more than " + std::to_string(maxCells) + " cells are not executed");
   return size;
 }
 
@@ -84,7 +85,8 @@ void readCounters(const Node& section, Names& names) {
   for (const Node& node : section.elements()) {
     names.counters.add(node, node["name"].name(),
                        static_cast<uint32_t>(names.program.counters.size()));
-    CounterArrayInfo counters{.name = node["name"].text(), .direct = node["is_direct"].booleanOr(false)};
+    CounterArrayInfo counters{.name = node["name"].text(),
+                              .direct = node["is_direct"].booleanOr(false)};
     if (!counters.direct) counters.size = readSize(node["size"]);
     names.program.counters.push_back(std::move(counters));
   }
@@ -93,9 +95,11 @@ void readCounters(const Node& section, Names& names) {
 void readMeters(const Node& section, Names& names) {
   for (const Node& node : section.elements()) {
     names.meters.add(node, node["name"].name(), static_cast<uint32_t>(names.program.meters.size()));
-    MeterArrayInfo meters{.name = node["name"].text(), .direct = node["is_direct"].booleanOr(false)};
+    MeterArrayInfo meters{.name = node["name"].text(),
+                          .direct = node["is_direct"].booleanOr(false)};
     const std::string type = node["type"].text();
-    if (type != "packets" && type != "bytes") node["type"].fail("\"packets\" or \"bytes\" is wanted here");
+    if (type != "packets" && type != "bytes")
+      node["type"].fail("\"packets\" or \"bytes\" is wanted here");
     meters.bytes = type == "bytes";
     if (node["rate_count"].integerOr(2) != 2)
       node["rate_count"].fail("meters of two rates are executed, and no others");

@@ -106,7 +106,8 @@ void readStacks(const Node& section, Names& names) {
     if (stack.headers.empty() || node["size"].integer() != stack.headers.size())
       node["size"].fail("the size is not the number of the elements");
     for (const uint32_t header : stack.headers)
-      if (names.program.headers[header].type != stack.type || names.program.headers[header].metadata)
+      if (names.program.headers[header].type != stack.type ||
+          names.program.headers[header].metadata)
         node["header_ids"].fail("header " + quoted(names.program.headers[header].name) +
                                 " does not fit the stack");
   }
@@ -187,7 +188,8 @@ void readFieldLists(const Node& section, std::vector<FieldList>& lists, Names& n
     FieldList list{.id = node["id"].integer(), .name = node["name"].textOr("")};
     if (list.id == 0 || list.id > 0xffff) node["id"].fail("ids of 1 to 65535 are executed");
     for (const FieldList& other : lists)
-      if (other.id == list.id) node["id"].fail("a second list of the id " + std::to_string(list.id));
+      if (other.id == list.id)
+        node["id"].fail("a second list of the id " + std::to_string(list.id));
     for (const Node& element : node["elements"].elements()) {
       const std::string type = element["type"].text();
       if (type == "hexstr") continue;

@@ -23,7 +23,8 @@ class NameMap {
   // Throws ProgramError when nothing has the name.
   uint32_t find(const Node& place, const std::string& name) const {
     const auto found = positions_.find(name);
-    if (found == positions_.end()) place.fail(std::string("no ") + what_ + " is named " + quoted(name));
+    if (found == positions_.end())
+      place.fail(std::string("no ") + what_ + " is named " + quoted(name));
     return found->second;
   }
   uint32_t find(const Node& node) const { return find(node, node.text()); }

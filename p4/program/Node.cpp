@@ -16,9 +16,7 @@ Node Node::operator[](const char* key) const {
   return Node(member, place_.empty() ? key : place_ + "." + key);
 }
 
-bool Node::hasKey(const char* key) const {
-  return isObject() && cJSON_HasObjectItem(json_, key);
-}
+bool Node::hasKey(const char* key) const { return isObject() && cJSON_HasObjectItem(json_, key); }
 
 Node Node::at(size_t index) const {
   if (index >= size()) fail("element " + std::to_string(index) + " is missing");

@@ -37,8 +37,8 @@ class Node {
   uint32_t integerOr(uint32_t otherwise) const;
   bool boolean() const;
   bool booleanOr(bool otherwise) const;
-  Number number() const;      // of a hexadecimal string
-  std::string bytes() const;  // of a hexadecimal string
+  Number number() const;                  // of a hexadecimal string
+  std::string bytes() const;              // of a hexadecimal string
   std::string bytes(size_t count) const;  // of exactly so many
 
   const std::string& place() const { return place_; }

@@ -9,7 +9,8 @@ std::string_view withoutPrefix(std::string_view text) {
 }
 
 bool allHex(std::string_view text) {
-  return !text.empty() && text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
+  return !text.empty() &&
+         text.find_first_not_of("0123456789abcdefABCDEF") == std::string_view::npos;
 }
 
 uint8_t nibble(char digit) {

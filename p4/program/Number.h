@@ -22,7 +22,7 @@ std::optional<Number> parseNumber(std::string_view text);
 // text.
 std::optional<std::string> parseBytes(std::string_view text);
 
-Number numberOfBytes(std::string_view bytes);            // big-endian, unsigned
+Number numberOfBytes(std::string_view bytes);  // big-endian, unsigned
 Number powerOfTwo(uint32_t exponent);
 inline Number lowMask(uint32_t bits) { return powerOfTwo(bits) - 1; }
 uint32_t bitLength(const Number& number);                // of the absolute value; 0 for 0

@@ -96,7 +96,7 @@ class StateReader {
   ParserOp readExtract(const Node& node) {
     ParserOp made = readTarget(node, false);
     const uint32_t header =
-        made.kind == ParserOp::Kind::extract      ? made.object
+        made.kind == ParserOp::Kind::extract ? made.object
         : made.kind == ParserOp::Kind::extractStack
             ? names_.program.stacks[made.object].headers[0]
             : names_.program.unions[names_.program.unionStacks[made.object].unions[0]]

@@ -78,21 +78,41 @@ class OperandReader {
 
   void read(char form, const Node& node) {
     switch (form) {
-      case 'D': return add(reader_.readDestination(node));
-      case 'N': return add(reader_.read(node, Type::data));
-      case 'F': return add(plainField(node, false));
-      case 'V': return add(plainField(node, true));
-      case 'H': return add(reader_.read(node, Type::header));
-      case 'U': return add(reader_.read(node, Type::headerUnion));
-      case 's': return add(reader_.read(node, Type::stack));
-      case 'o': return add(reader_.read(node, Type::unionStack));
-      case 'S': return add(eitherStack(node));
-      case 'C': call_.object = namedObject(node, "counter_array", names_.counters); return;
-      case 'M': call_.object = namedObject(node, "meter_array", names_.meters); return;
-      case 'R': call_.object = namedObject(node, "register_array", names_.registers); return;
-      case 'K': call_.object = namedObject(node, "calculation", names_.calculations); return;
-      case 'T': call_.text = node["value"].text(); return;
-      default: readValues(node);
+      case 'D':
+        return add(reader_.readDestination(node));
+      case 'N':
+        return add(reader_.read(node, Type::data));
+      case 'F':
+        return add(plainField(node, false));
+      case 'V':
+        return add(plainField(node, true));
+      case 'H':
+        return add(reader_.read(node, Type::header));
+      case 'U':
+        return add(reader_.read(node, Type::headerUnion));
+      case 's':
+        return add(reader_.read(node, Type::stack));
+      case 'o':
+        return add(reader_.read(node, Type::unionStack));
+      case 'S':
+        return add(eitherStack(node));
+      case 'C':
+        call_.object = namedObject(node, "counter_array", names_.counters);
+        return;
+      case 'M':
+        call_.object = namedObject(node, "meter_array", names_.meters);
+        return;
+      case 'R':
+        call_.object = namedObject(node, "register_array", names_.registers);
+        return;
+      case 'K':
+        call_.object = namedObject(node, "calculation", names_.calculations);
+        return;
+      case 'T':
+        call_.text = node["value"].text();
+        return;
+      default:
+        readValues(node);
     }
   }
 
@@ -101,9 +121,10 @@ class OperandReader {
 
   Expression plainField(const Node& node, bool varbit) {
     Expression field = reader_.readPlainField(node);
-    const bool is = field.part != validBit &&
-                    names_.program.typeOf(field.index).fields[field.part].varbit;
-    if (is != varbit) node.fail(varbit ? "a varbit field is wanted here" : "a varbit field is no number");
+    const bool is =
+        field.part != validBit && names_.program.typeOf(field.index).fields[field.part].varbit;
+    if (is != varbit)
+      node.fail(varbit ? "a varbit field is wanted here" : "a varbit field is no number");
     return field;
   }
 
@@ -115,7 +136,8 @@ class OperandReader {
   }
 
   void readValues(const Node& node) {
-    if (node["type"].text() != "parameters_vector") node["type"].fail("a list of values is wanted here");
+    if (node["type"].text() != "parameters_vector")
+      node["type"].fail("a list of values is wanted here");
     for (const Node& element : node["value"].elements()) add(reader_.read(element, Type::data));
   }
 
@@ -144,7 +166,8 @@ void checkCall(const Node& node, const PrimitiveCall& call, const Names& names) 
         node.fail("header stacks of different types cannot be assigned");
       break;
     case Primitive::assignUnionStack:
-      if (program.unionStacks[operands[0].index].type != program.unionStacks[operands[1].index].type ||
+      if (program.unionStacks[operands[0].index].type !=
+              program.unionStacks[operands[1].index].type ||
           program.unionStacks[operands[0].index].unions.size() !=
               program.unionStacks[operands[1].index].unions.size())
         node.fail("stacks of different types cannot be assigned");
@@ -158,9 +181,11 @@ void checkCall(const Node& node, const PrimitiveCall& call, const Names& names) 
       if (program.meters[call.object].direct) node.fail("a direct meter is executed by its table");
       break;
     case Primitive::count:
-      if (program.counters[call.object].direct) node.fail("a direct counter is counted by its table");
+      if (program.counters[call.object].direct)
+        node.fail("a direct counter is counted by its table");
       break;
-    default: break;
+    default:
+      break;
   }
 }
 

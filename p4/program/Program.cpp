@@ -30,7 +30,9 @@ Tree parsed(std::string_view json) {
   if (!tree)
     throw ProgramError("line " + std::to_string(lineOf(json, end)),
                        "the compiled program is no JSON from here on");
-  while (end < json.data() + json.size() && (*end == '\0' || std::isspace(static_cast<unsigned char>(*end)))) ++end;
+  while (end < json.data() + json.size() &&
+         (*end == '\0' || std::isspace(static_cast<unsigned char>(*end))))
+    ++end;
   if (end != json.data() + json.size())
     throw ProgramError("line " + std::to_string(lineOf(json, end)),
                        "text stands behind the compiled program");
@@ -52,7 +54,8 @@ void checkExterns(const Node& section) {
 }
 
 void checkMetadata(const Program& program) {
-  for (const char* field : {"ingress_port", "packet_length", "instance_type", "egress_spec", "egress_port"})
+  for (const char* field :
+       {"ingress_port", "packet_length", "instance_type", "egress_spec", "egress_port"})
     if (!program.fieldNamed(std::string("standard_metadata.") + field))
       throw ProgramError("headers", std::string("there is no field standard_metadata.") + field +
                                         ": the program is not for v1model, and other architectures "

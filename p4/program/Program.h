@@ -64,16 +64,28 @@ struct FieldRef {
 };
 
 enum class Algorithm : uint8_t {
-  crc16, crc32, crcCcitt, crc8, crc64, csum16, xor16, xor32, identity, roundRobin,
-  roundRobinConsistent, toeplitz, xxh64, hashEx,
+  crc16,
+  crc32,
+  crcCcitt,
+  crc8,
+  crc64,
+  csum16,
+  xor16,
+  xor32,
+  identity,
+  roundRobin,
+  roundRobinConsistent,
+  toeplitz,
+  xxh64,
+  hashEx,
 };
 
 struct CalculationInput {
   enum class Kind : uint8_t { field, constant, header, payload };
   Kind kind = Kind::field;
-  FieldRef field;      // `header` counts for a header, too
-  std::string bytes;   // of a constant
-  uint32_t bits = 0;   // of a constant
+  FieldRef field;     // `header` counts for a header, too
+  std::string bytes;  // of a constant
+  uint32_t bits = 0;  // of a constant
 };
 
 struct Calculation {
@@ -103,10 +115,39 @@ struct RegisterArrayInfo {
 };
 
 enum class Primitive : uint8_t {
-  assign, assignVarbit, assignHeader, assignStack, assignUnion, assignUnionStack, push, pop, exit,
-  assertTrue, logMessage, jump, jumpIfZero, addHeader, removeHeader, addHeaderFast, markToDrop, drop,
-  addTo, subtractFrom, binary, noOp, hash, random, count, executeMeter, registerRead, registerWrite,
-  digest, clone, resubmit, recirculate, truncate,
+  assign,
+  assignVarbit,
+  assignHeader,
+  assignStack,
+  assignUnion,
+  assignUnionStack,
+  push,
+  pop,
+  exit,
+  assertTrue,
+  logMessage,
+  jump,
+  jumpIfZero,
+  addHeader,
+  removeHeader,
+  addHeaderFast,
+  markToDrop,
+  drop,
+  addTo,
+  subtractFrom,
+  binary,
+  noOp,
+  hash,
+  random,
+  count,
+  executeMeter,
+  registerRead,
+  registerWrite,
+  digest,
+  clone,
+  resubmit,
+  recirculate,
+  truncate,
 };
 
 struct PrimitiveCall {
@@ -130,8 +171,16 @@ struct Action {
 };
 
 struct ParserOp {
-  enum class Kind : uint8_t { extract, extractStack, extractUnionStack, extractVarbit, set, verify,
-                              advance, call };
+  enum class Kind : uint8_t {
+    extract,
+    extractStack,
+    extractUnionStack,
+    extractVarbit,
+    set,
+    verify,
+    advance,
+    call
+  };
   Kind kind = Kind::extract;
   Kind target = Kind::extract;  // of extractVarbit: where to
   uint32_t object = 0;          // header, stack or union stack
@@ -168,9 +217,9 @@ enum class MatchKind : uint8_t { exact, lpm, ternary, range, valid };
 struct KeyElement {
   std::string name;
   MatchKind kind = MatchKind::exact;
-  FieldRef field;       // of `valid`: the header
+  FieldRef field;  // of `valid`: the header
   uint32_t bits = 0;
-  std::string mask;     // empty: none
+  std::string mask;  // empty: none
 };
 
 // A control node: a table, a conditional or a call; or the end of the pipeline.
@@ -209,7 +258,7 @@ struct Table {
   uint32_t maxSize = 0;
   bool counters = false;
   bool ageing = false;
-  uint32_t meters = absent;   // position of the direct meter array
+  uint32_t meters = absent;  // position of the direct meter array
   uint32_t profile = absent;
   std::vector<KeyElement> key;
   std::vector<uint32_t> actions;

@@ -43,12 +43,14 @@ class KeyEncoder {
 
   Entry::Ptr encode(const std::vector<MatchElement>& match) {
     if (table_.key.empty())
-      throw Refusal(RefusalKind::invalid, "table " + table_.name + " has no key and takes no entries");
+      throw Refusal(RefusalKind::invalid,
+                    "table " + table_.name + " has no key and takes no entries");
     if (match.size() != table_.key.size())
       throw Refusal(RefusalKind::invalid, "table " + table_.name + " has " +
                                               std::to_string(table_.key.size()) + " match fields");
     Entry::Ptr entry = Entry::make(shape_.words, shape_.parts());
-    for (position_ = 0; position_ < match.size(); ++position_) encodeElement(match[position_], *entry);
+    for (position_ = 0; position_ < match.size(); ++position_)
+      encodeElement(match[position_], *entry);
     return entry;
   }
 
@@ -56,8 +58,8 @@ class KeyEncoder {
   const KeyShape::Element& element() const { return shape_.elements[position_]; }
 
   [[noreturn]] void refuse(const std::string& why) const {
-    throw Refusal(RefusalKind::invalid,
-                  "table " + table_.name + ", match field " + table_.key[position_].name + ": " + why);
+    throw Refusal(RefusalKind::invalid, "table " + table_.name + ", match field " +
+                                            table_.key[position_].name + ": " + why);
   }
 
   void words(const std::string& bytes, uint64_t* to) const {
@@ -78,7 +80,8 @@ class KeyEncoder {
       case MatchKind::lpm:
         if (match.prefixLength > element().bits) refuse("the prefix is longer than the field");
         break;
-      default: break;
+      default:
+        break;
     }
     maskValue(value);
     if (shape_.kind == MatchKind::lpm && element().kind == MatchKind::lpm)
@@ -99,8 +102,12 @@ class KeyEncoder {
     uint64_t* value = entry.value() + at;
     uint64_t* mask = entry.mask() + at;
     switch (element().kind) {
-      case MatchKind::ternary: words(match.mask, mask); break;
-      case MatchKind::range: encodeRange(match, anything, entry); break;
+      case MatchKind::ternary:
+        words(match.mask, mask);
+        break;
+      case MatchKind::range:
+        encodeRange(match, anything, entry);
+        break;
       case MatchKind::lpm: {
         fillOnes(mask, element().bits);
         const uint32_t rest = element().bits - match.prefixLength;
@@ -110,7 +117,8 @@ class KeyEncoder {
         }
         break;
       }
-      default: fillOnes(mask, element().bits);
+      default:
+        fillOnes(mask, element().bits);
     }
     maskValue(mask);
     for (uint32_t i = 0; i < element().words; ++i) value[i] &= mask[i];
@@ -162,7 +170,8 @@ ActionData::Ptr encodeAction(const Program& program, const ActionSpec& spec) {
   const Action& action = program.actions[spec.action];
   if (spec.arguments.size() != action.parameters.size())
     throw Refusal(RefusalKind::invalid, "action " + action.name + " takes " +
-                                            std::to_string(action.parameters.size()) + " parameters");
+                                            std::to_string(action.parameters.size()) +
+                                            " parameters");
   uint32_t words = 0;
   for (const Parameter& parameter : action.parameters) words += (parameter.bits + 63) / 64;
   ActionData::Ptr data = ActionData::make(spec.action, words);
@@ -170,8 +179,8 @@ ActionData::Ptr encodeAction(const Program& program, const ActionSpec& spec) {
   for (size_t i = 0; i < spec.arguments.size(); ++i) {
     const Parameter& parameter = action.parameters[i];
     if (!wordsOfBytes(spec.arguments[i], parameter.bits, to))
-      throw Refusal(RefusalKind::invalid, "action " + action.name + ", parameter " + parameter.name +
-                                              ": the value does not fit " +
+      throw Refusal(RefusalKind::invalid, "action " + action.name + ", parameter " +
+                                              parameter.name + ": the value does not fit " +
                                               std::to_string(parameter.bits) + " bits");
     to += (parameter.bits + 63) / 64;
   }
@@ -190,7 +199,8 @@ ActionData::Ptr encodeAction(const Program& program, const ActionCall& call) {
   return encodeAction(program, spec);
 }
 
-Entry::Ptr encodeKey(const Table& table, const KeyShape& shape, const std::vector<MatchElement>& match) {
+Entry::Ptr encodeKey(const Table& table, const KeyShape& shape,
+                     const std::vector<MatchElement>& match) {
   return KeyEncoder(table, shape).encode(match);
 }
 

@@ -29,8 +29,9 @@ struct ActionSpec {
 ActionData::Ptr encodeAction(const Program& program, const ActionSpec& spec);
 ActionData::Ptr encodeAction(const Program& program, const ActionCall& call);
 
-// Fills the key of an entry. An element without value matches everything (exact ones must have one).
-// Throws Refusal.
-Entry::Ptr encodeKey(const Table& table, const KeyShape& shape, const std::vector<MatchElement>& match);
+// Fills the key of an entry. An element without value matches everything (exact ones must have
+// one). Throws Refusal.
+Entry::Ptr encodeKey(const Table& table, const KeyShape& shape,
+                     const std::vector<MatchElement>& match);
 
 }  // namespace P4

@@ -123,9 +123,8 @@ void ProfileStore::publish(Group& group, const std::vector<Share>& shares) {
   std::vector<const Member*> active;
   for (const Share& share : shares)
     if (!share.watchPort || !downPorts_.contains(*share.watchPort)) active.push_back(share.member);
-  std::sort(active.begin(), active.end(), [](const Member* one, const Member* other) {
-    return one->handle < other->handle;
-  });
+  std::sort(active.begin(), active.end(),
+            [](const Member* one, const Member* other) { return one->handle < other->handle; });
   sides_.change([group = &group, active = std::move(active)](Side& side) {
     group->active[side.number] = active;
   });

@@ -22,9 +22,9 @@ struct GroupShare {
   bool operator==(const GroupShare&) const = default;
 };
 
-// One profile. Ids are the caller's. A weight of w makes w copies of a member, which are numbered in
-// the order in which they come to be, each with the smallest free number; a group chooses among its
-// copies in the order of these numbers, without those whose watched port is down. The writer's
+// One profile. Ids are the caller's. A weight of w makes w copies of a member, which are numbered
+// in the order in which they come to be, each with the smallest free number; a group chooses among
+// its copies in the order of these numbers, without those whose watched port is down. The writer's
 // thread. All throw Refusal.
 class ProfileStore {
  public:
@@ -38,8 +38,8 @@ class ProfileStore {
   void modifyGroup(uint32_t id, const std::vector<GroupShare>& shares);
   void removeGroup(uint32_t id);
 
-  Outcome member(uint32_t id);  // throws when there is none
-  Outcome group(uint32_t id);   // throws when there is none
+  Outcome member(uint32_t id);                   // throws when there is none
+  Outcome group(uint32_t id);                    // throws when there is none
   void use(const Outcome& outcome, int change);  // entries that point there
 
   // A one-shot action set: members and a group of no id, used by one entry.

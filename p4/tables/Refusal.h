@@ -11,7 +11,8 @@ enum class RefusalKind : uint8_t { invalid, notFound, alreadyExists, full, const
 // Nothing has changed when it is thrown.
 class Refusal : public std::runtime_error {
  public:
-  Refusal(RefusalKind kind, const std::string& message) : std::runtime_error(message), kind_(kind) {}
+  Refusal(RefusalKind kind, const std::string& message)
+      : std::runtime_error(message), kind_(kind) {}
   RefusalKind kind() const { return kind_; }
 
  private:

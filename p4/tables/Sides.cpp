@@ -16,10 +16,18 @@ const Side& Sides::enter() {
 
 void Sides::apply(const Noted& noted, Side& side) {
   switch (noted.kind) {
-    case Kind::insert: side.tables[noted.entry->table].insert(noted.entry); break;
-    case Kind::remove: side.tables[noted.entry->table].remove(noted.entry); break;
-    case Kind::outcome: noted.entry->outcome[side.number] = noted.outcome; break;
-    case Kind::other: others_[noted.other](side); break;
+    case Kind::insert:
+      side.tables[noted.entry->table].insert(noted.entry);
+      break;
+    case Kind::remove:
+      side.tables[noted.entry->table].remove(noted.entry);
+      break;
+    case Kind::outcome:
+      noted.entry->outcome[side.number] = noted.outcome;
+      break;
+    case Kind::other:
+      others_[noted.other](side);
+      break;
   }
 }
 
@@ -30,7 +38,9 @@ void Sides::note(Kind kind, Entry* entry, const Outcome& outcome, size_t other) 
 
 void Sides::insert(Entry* entry) { note(Kind::insert, entry); }
 void Sides::remove(Entry* entry) { note(Kind::remove, entry); }
-void Sides::setOutcome(Entry* entry, const Outcome& outcome) { note(Kind::outcome, entry, outcome); }
+void Sides::setOutcome(Entry* entry, const Outcome& outcome) {
+  note(Kind::outcome, entry, outcome);
+}
 
 void Sides::change(Change change) {
   others_.push_back(std::move(change));

@@ -59,7 +59,8 @@ void TableStore::addConstantEntries(uint32_t table) {
     const ConstantEntry& constant = info.entries[i];
     try {
       Entry::Ptr entry = encodeKey(info, image_.shapes[table], constant.match);
-      entry->rank = info.kind == MatchKind::exact || info.kind == MatchKind::lpm ? 0 : constant.priority;
+      entry->rank =
+          info.kind == MatchKind::exact || info.kind == MatchKind::lpm ? 0 : constant.priority;
       for (size_t field = 0; field < info.key.size(); ++field)
         if (info.kind == MatchKind::lpm && info.key[field].kind == MatchKind::lpm)
           entry->prefixLength = constant.match[field].prefixLength;
@@ -86,15 +87,19 @@ Entry::Ptr TableStore::keyOf(const EntryKey& key) const {
     entry->rank = highestPriority - key.priority;
   }
   for (size_t field = 0; table.kind == MatchKind::lpm && field < table.key.size(); ++field)
-    if (table.key[field].kind == MatchKind::lpm) entry->prefixLength = key.match[field].prefixLength;
+    if (table.key[field].kind == MatchKind::lpm)
+      entry->prefixLength = key.match[field].prefixLength;
   return entry;
 }
 
-Entry* TableStore::staged(const Entry& key) const { return sides_.staged().tables[key.table].same(key); }
+Entry* TableStore::staged(const Entry& key) const {
+  return sides_.staged().tables[key.table].same(key);
+}
 
 void TableStore::checkWritable(uint32_t table) const {
   if (program_.tables[table].immutable)
-    refuse(RefusalKind::constant, program_.tables[table], "has constant entries and takes no others");
+    refuse(RefusalKind::constant, program_.tables[table],
+           "has constant entries and takes no others");
 }
 
 void TableStore::checkAction(uint32_t table, uint32_t action) const {
@@ -130,7 +135,8 @@ Entry& TableStore::add(Entry::Ptr entry, const EntryKey& key) {
   return *entry.release();
 }
 
-Entry& TableStore::insert(const EntryKey& key, const Target& target, uint64_t timeToLive, uint64_t cookie) {
+Entry& TableStore::insert(const EntryKey& key, const Target& target, uint64_t timeToLive,
+                          uint64_t cookie) {
   Entry::Ptr entry = keyOf(key);
   checkWritable(key.table);
   const Table& table = program_.tables[key.table];
@@ -190,7 +196,8 @@ void TableStore::remove(const EntryKey& key) {
 Entry* TableStore::find(const EntryKey& key) { return staged(*keyOf(key)); }
 
 void TableStore::putDefault(uint32_t table, ActionData::Ptr action) {
-  sides_.change([table, data = action.get()](Side& side) { side.defaults[table] = {.action = data}; });
+  sides_.change(
+      [table, data = action.get()](Side& side) { side.defaults[table] = {.action = data}; });
   retiredActions_.push_back(std::exchange(tables_[table].defaultAction, std::move(action)));
 }
 
@@ -199,7 +206,8 @@ void TableStore::setDefault(uint32_t position, const std::optional<ActionSpec>& 
     throw Refusal(RefusalKind::notFound, "there is no such table");
   const Table& table = program_.tables[position];
   if (!action) {
-    if (table.defaultAction) return putDefault(position, encodeAction(program_, *table.defaultAction));
+    if (table.defaultAction)
+      return putDefault(position, encodeAction(program_, *table.defaultAction));
     return putDefault(position, nullptr);
   }
   if (table.type != TableKind::simple)
@@ -259,7 +267,8 @@ void TableStore::setValueSet(uint32_t position, const std::vector<std::string>& 
     std::vector<std::vector<uint64_t>> encoded;
     for (const std::string& member : members)
       encoded.push_back(spreadMember(numberOfBytes(member), image_.valueSetUses[use]));
-    sides_.change([use, encoded = std::move(encoded)](Side& side) { side.valueSets[use] = encoded; });
+    sides_.change(
+        [use, encoded = std::move(encoded)](Side& side) { side.valueSets[use] = encoded; });
   }
 }
 

@@ -38,7 +38,8 @@ class TableStore {
   ~TableStore();
 
   // The entry stays where it is until it is removed.
-  Entry& insert(const EntryKey& key, const Target& target, uint64_t timeToLive = 0, uint64_t cookie = 0);
+  Entry& insert(const EntryKey& key, const Target& target, uint64_t timeToLive = 0,
+                uint64_t cookie = 0);
   Entry& modify(const EntryKey& key, const Target& target);
   void remove(const EntryKey& key);
   Entry* find(const EntryKey& key);  // null when there is none

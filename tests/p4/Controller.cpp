@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <stdexcept>
 
+// Older controllers name ports by number.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
 namespace P4Test {
 namespace {
 
@@ -19,7 +22,8 @@ uint32_t known(const std::optional<uint32_t>& position, const std::string& name)
 }
 
 P4::MatchElement elementOf(const p4::v1::FieldMatch& match) {
-  if (match.has_lpm()) return {match.lpm().value(), "", static_cast<uint32_t>(match.lpm().prefix_len())};
+  if (match.has_lpm())
+    return {match.lpm().value(), "", static_cast<uint32_t>(match.lpm().prefix_len())};
   if (match.has_ternary()) return {match.ternary().value(), match.ternary().mask()};
   if (match.has_range()) return {match.range().low(), match.range().high()};
   if (match.has_optional()) return {match.optional().value()};
@@ -39,7 +43,8 @@ std::string plainMatch(const p4::v1::FieldMatch& match) {
     return id + quoted(match.lpm().value()) + ", " + std::to_string(match.lpm().prefix_len()) + "]";
   if (match.has_ternary())
     return id + quoted(match.ternary().value()) + quoted(match.ternary().mask()) + "]";
-  if (match.has_range()) return id + quoted(match.range().low()) + quoted(match.range().high()) + "]";
+  if (match.has_range())
+    return id + quoted(match.range().low()) + quoted(match.range().high()) + "]";
   return id + quoted(match.has_optional() ? match.optional().value() : match.exact().value()) + "]";
 }
 
@@ -48,7 +53,8 @@ std::string counterKey(const p4::v1::TableEntry& entry) {
   for (const auto& match : entry.match()) sorted.push_back(&match);
   std::sort(sorted.begin(), sorted.end(),
             [](const auto* one, const auto* other) { return one->field_id() < other->field_id(); });
-  std::string key = "[" + std::to_string(entry.table_id()) + ", " + std::to_string(entry.priority());
+  std::string key =
+      "[" + std::to_string(entry.table_id()) + ", " + std::to_string(entry.priority());
   for (const auto* match : sorted) key += ", " + plainMatch(*match);
   return key + "]";
 }
@@ -64,7 +70,7 @@ std::vector<P4::Replica> replicasOf(
     std::vector<uint32_t> ports;
     for (const auto& replica : replicas) {
       if (replica.instance() != node) continue;
-      auto port = static_cast<uint32_t>(replica.GetReflection()->GetUInt32(replica, replica.GetDescriptor()->FindFieldByName("egress_port")));
+      uint32_t port = replica.egress_port();
       if (!replica.port().empty()) {
         port = 0;
         for (const char byte : replica.port()) port = port << 8 | static_cast<uint8_t>(byte);
@@ -123,7 +129,8 @@ uint32_t Controller::profileOf(uint32_t id) const {
 
 P4::EntryKey Controller::keyOf(const p4::v1::TableEntry& entry) const {
   const p4::config::v1::Table& info = tableInfo(entry.table_id());
-  P4::EntryKey key{.table = tableOf(entry.table_id()), .priority = static_cast<uint32_t>(entry.priority())};
+  P4::EntryKey key{.table = tableOf(entry.table_id()),
+                   .priority = static_cast<uint32_t>(entry.priority())};
   for (const auto& field : info.match_fields()) {
     const p4::v1::FieldMatch* match = matchOf(entry, field.id());
     key.match.push_back(match ? elementOf(*match) : P4::MatchElement());
@@ -138,8 +145,8 @@ P4::EntryKey Controller::keyOf(const p4::v1::TableEntry& entry) const {
 
 P4::ActionSpec Controller::actionOf(const p4::v1::Action& action, uint32_t table) const {
   const auto& info = withId(p4info_.actions(), action.action_id());
-  P4::ActionSpec spec{
-      .action = known(actionNamed(engine_.program(), table, info.preamble().name()), info.preamble().name())};
+  P4::ActionSpec spec{.action = known(actionNamed(engine_.program(), table, info.preamble().name()),
+                                      info.preamble().name())};
   for (const auto& parameter : info.params())
     for (const auto& given : action.params())
       if (given.param_id() == parameter.id()) spec.arguments.push_back(given.value());
@@ -160,7 +167,8 @@ P4::Target Controller::targetOf(const p4::v1::TableAction& action, uint32_t tabl
     return P4::GroupId{action.action_profile_group_id()};
   P4::OneShotSet set;
   for (const auto& one : action.action_profile_action_set().action_profile_actions())
-    set.push_back({.action = actionOf(one.action(), table), .weight = static_cast<uint32_t>(one.weight())});
+    set.push_back(
+        {.action = actionOf(one.action(), table), .weight = static_cast<uint32_t>(one.weight())});
   return set;
 }
 
@@ -173,9 +181,10 @@ void Controller::write(const p4::v1::Update& update) {
   if (!entity.has_digest_entry()) throw std::out_of_range("an entity that is not written here");
   const auto& digest = entity.digest_entry();
   const std::string& name = withId(p4info_.digests(), digest.digest_id()).preamble().name();
-  engine_.setDigest(known(learnListNamed(engine_.program(), name), name),
-                    {.maxSamples = static_cast<size_t>(std::max(1, digest.config().max_list_size())),
-                     .suppress = digest.config().ack_timeout_ns() > 0});
+  engine_.setDigest(
+      known(learnListNamed(engine_.program(), name), name),
+      {.maxSamples = static_cast<size_t>(std::max(1, digest.config().max_list_size())),
+       .suppress = digest.config().ack_timeout_ns() > 0});
 }
 
 void Controller::writeEntry(const p4::v1::Update& update) {
@@ -202,7 +211,8 @@ void Controller::writeMember(const p4::v1::Update& update) {
   P4::ProfileStore& store = engine_.tables().profile(profile);
   if (update.type() == p4::v1::Update::DELETE) return store.removeMember(member.member_id());
   const P4::ActionSpec action = memberActionOf(member.action(), profile);
-  if (update.type() == p4::v1::Update::INSERT) return store.insertMember(member.member_id(), action);
+  if (update.type() == p4::v1::Update::INSERT)
+    return store.insertMember(member.member_id(), action);
   store.modifyMember(member.member_id(), action);
 }
 
@@ -223,12 +233,13 @@ void Controller::writeReplication(const p4::v1::Update& update) {
   if (entry.has_multicast_group_entry()) {
     const auto& group = entry.multicast_group_entry();
     return engine_.tables().setMulticast(
-        group.multicast_group_id(), isDelete ? std::vector<P4::Replica>() : replicasOf(group.replicas()));
+        group.multicast_group_id(),
+        isDelete ? std::vector<P4::Replica>() : replicasOf(group.replicas()));
   }
   const auto& session = entry.clone_session_entry();
   const uint32_t group = 32768 + session.session_id();
-  engine_.tables().setMulticast(group,
-                                isDelete ? std::vector<P4::Replica>() : replicasOf(session.replicas()));
+  engine_.tables().setMulticast(
+      group, isDelete ? std::vector<P4::Replica>() : replicasOf(session.replicas()));
   std::optional<P4::Session> value;
   if (!isDelete) value = P4::Session{.group = group};
   engine_.tables().setSession(session.session_id(), value);
@@ -248,7 +259,8 @@ std::map<std::string, P4::Counts> Controller::counters() {
     const std::string& name = counter.preamble().name();
     const uint32_t array = known(counterNamed(engine_.program(), name), name);
     for (uint32_t index = 0; const auto counts = engine_.counter(array, index); ++index)
-      note("[" + std::to_string(counter.preamble().id()) + ", " + std::to_string(index) + "]", *counts);
+      note("[" + std::to_string(counter.preamble().id()) + ", " + std::to_string(index) + "]",
+           *counts);
   }
   return found;
 }
@@ -293,7 +305,8 @@ std::string Controller::packetOut(const p4::v1::PacketOut& packet) const {
   return frame + packet.payload();
 }
 
-std::vector<std::string> Controller::fieldsOf(const P4::DigestList& list, const std::string& sample) const {
+std::vector<std::string> Controller::fieldsOf(const P4::DigestList& list,
+                                              const std::string& sample) const {
   std::vector<std::string> fields;
   size_t at = 0;
   for (const P4::FieldRef& ref : engine_.program().learnLists[list.learnList].fields) {

@@ -17,11 +17,13 @@ TEST(ExpressionTest, AnyWidthGivesWhatTheSlowEvaluatorGives) {
     for (int packets = 0; packets < 8; ++packets) {
       const std::string packet = program.randomPacket();
       outputs.clear();
-      engine.process(1, {reinterpret_cast<const uint8_t*>(packet.data()), packet.size()}, 0, outputs);
+      engine.process(1, {reinterpret_cast<const uint8_t*>(packet.data()), packet.size()}, 0,
+                     outputs);
       ASSERT_EQ(outputs.size(), 1u);
       const auto bytes = outputs.frame(0).bytes;
       ASSERT_EQ(hexOf(std::string(bytes.begin(), bytes.end())), hexOf(program.expected(packet)))
-          << hexOf(packet) << "\n" << program.describe();
+          << hexOf(packet) << "\n"
+          << program.describe();
     }
   }
 }

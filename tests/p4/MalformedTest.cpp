@@ -52,24 +52,35 @@ class Mischief {
     at->valuedouble = other->valuedouble;
     at->valueint = other->valueint;
     cJSON_Delete(other);
-    const std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(tree.get()), cJSON_free);
+    const std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(tree.get()),
+                                                            cJSON_free);
     return text.get();
   }
 
  private:
   cJSON* replacement(const cJSON& old) {
     static const double numbers[] = {0, 1, -1, 2, 3, 7, 65, 511, 65536, 4294967295.0, 1e18, 0.5};
-    static const char* const texts[] = {"", "0x0", "-0x1", "0xffffffffffffffffffffffff", "parser", "ingress",
-                                        "exact", "ternary", "range", "lpm", "scalars", "$valid$", "default"};
+    static const char* const texts[] = {
+        "",       "0x0",     "-0x1",    "0xffffffffffffffffffffffff",
+        "parser", "ingress", "exact",   "ternary",
+        "range",  "lpm",     "scalars", "$valid$",
+        "default"};
     switch (below(8)) {
-      case 0: return cJSON_CreateNull();
+      case 0:
+        return cJSON_CreateNull();
       case 1:
-      case 2: return cJSON_CreateNumber(numbers[below(std::size(numbers))]);
-      case 3: return cJSON_CreateString(texts[below(std::size(texts))]);
-      case 4: return cJSON_CreateArray();
-      case 5: return cJSON_CreateObject();
-      case 6: return cJSON_CreateBool(below(2));
-      default: return old.next ? cJSON_Duplicate(old.next, 1) : cJSON_CreateNull();
+      case 2:
+        return cJSON_CreateNumber(numbers[below(std::size(numbers))]);
+      case 3:
+        return cJSON_CreateString(texts[below(std::size(texts))]);
+      case 4:
+        return cJSON_CreateArray();
+      case 5:
+        return cJSON_CreateObject();
+      case 6:
+        return cJSON_CreateBool(below(2));
+      default:
+        return old.next ? cJSON_Duplicate(old.next, 1) : cJSON_CreateNull();
     }
   }
 
@@ -89,7 +100,8 @@ void fillTables(P4::Engine& engine, Mischief& mischief) {
         key.match.push_back({value, std::string(bytes, '\0'), mischief.below(element.bits + 1)});
         if (element.kind == P4::MatchKind::range) key.match.back().mask.back() = '\1';
       }
-      P4::ActionSpec action{.action = info.actions[mischief.below(static_cast<uint32_t>(info.actions.size()))]};
+      P4::ActionSpec action{
+          .action = info.actions[mischief.below(static_cast<uint32_t>(info.actions.size()))]};
       for (size_t n = engine.program().actions[action.action].parameters.size(); n--;)
         action.arguments.push_back(std::string(1, static_cast<char>(mischief.below(2))));
       try {
@@ -112,7 +124,8 @@ void sendAnything(P4::Engine& engine, Mischief& mischief, int packets) {
     std::string packet = mischief.bytes(mischief.below(200));
     if (packet.size() > 14 && mischief.below(2)) packet.replace(12, 3, "\x08\x00\x45", 3);
     outputs.clear();
-    engine.process(mischief.below(512), {reinterpret_cast<const uint8_t*>(packet.data()), packet.size()},
+    engine.process(mischief.below(512),
+                   {reinterpret_cast<const uint8_t*>(packet.data()), packet.size()},
                    static_cast<uint64_t>(i), outputs);
   }
 }
@@ -158,10 +171,13 @@ TEST(MalformedTest, TextThatIsNoProgramIsRefused) {
     EXPECT_FALSE(tryText(text, mischief, 0)) << text;
   for (const std::string& path : realPrograms()) {
     const std::string text = fileText(path);
-    for (int i = 0; i < 20; ++i) EXPECT_FALSE(tryText(text.substr(0, mischief.below(static_cast<uint32_t>(text.size() - 2))), mischief, 0));
+    for (int i = 0; i < 20; ++i)
+      EXPECT_FALSE(tryText(text.substr(0, mischief.below(static_cast<uint32_t>(text.size() - 2))),
+                           mischief, 0));
     std::string scribbled = text;
     for (int i = 0; i < 20; ++i) {
-      scribbled[mischief.below(static_cast<uint32_t>(text.size()))] = static_cast<char>(32 + mischief.below(95));
+      scribbled[mischief.below(static_cast<uint32_t>(text.size()))] =
+          static_cast<char>(32 + mischief.below(95));
       tryText(scribbled, mischief, 5);
     }
   }

@@ -7,7 +7,8 @@ namespace {
 
 using P4::Number;
 
-constexpr uint32_t widths[] = {1, 3, 7, 8, 9, 12, 16, 20, 31, 32, 33, 48, 57, 63, 64, 65, 100, 128, 200};
+constexpr uint32_t widths[] = {1,  3,  7,  8,  9,  12, 16,  20,  31, 32,
+                               33, 48, 57, 63, 64, 65, 100, 128, 200};
 
 std::vector<TestField> padded(std::vector<TestField> fields) {
   uint32_t bits = 0;
@@ -46,7 +47,8 @@ RandomProgram::RandomProgram(uint64_t seed) : random_(seed) {
   out_ = padded(std::move(out_));
 }
 
-RandomProgram::Tree RandomProgram::made(const std::string& op, Tree left, Tree right, Tree condition) {
+RandomProgram::Tree RandomProgram::made(const std::string& op, Tree left, Tree right,
+                                        Tree condition) {
   auto node = std::make_unique<Node>();
   node->op = op;
   node->kids.push_back(std::move(left));
@@ -72,11 +74,16 @@ RandomProgram::Tree RandomProgram::data(int depth) {
   }
   static const char* const plain[] = {"+", "-", "*", "&", "|", "^"};
   switch (below(12)) {
-    case 0: return made("<<", data(depth - 1), constant(5));
-    case 1: return made(">>", data(depth - 1), constant(5));
-    case 2: return made("~", nullptr, data(depth - 1));
-    case 3: return made("?", data(depth - 1), data(depth - 1), truth(depth - 1));
-    case 4: return made("b2d", nullptr, truth(depth - 1));
+    case 0:
+      return made("<<", data(depth - 1), constant(5));
+    case 1:
+      return made(">>", data(depth - 1), constant(5));
+    case 2:
+      return made("~", nullptr, data(depth - 1));
+    case 3:
+      return made("?", data(depth - 1), data(depth - 1), truth(depth - 1));
+    case 4:
+      return made("b2d", nullptr, truth(depth - 1));
     case 5: {
       static const char* const casts[] = {"two_comp_mod", "usat_cast", "sat_cast"};
       auto width = std::make_unique<Node>();
@@ -84,9 +91,12 @@ RandomProgram::Tree RandomProgram::data(int depth) {
       width->number = 1 + below(130);
       return made(casts[below(3)], data(depth - 1), std::move(width));
     }
-    case 6: return made("&", data(depth - 1), constant(widths[below(std::size(widths))]));
-    case 7: return made(below(2) ? "<<" : ">>", data(depth - 1), made("&", data(depth - 1), constant(6)));
-    default: return made(plain[below(6)], data(depth - 1), data(depth - 1));
+    case 6:
+      return made("&", data(depth - 1), constant(widths[below(std::size(widths))]));
+    case 7:
+      return made(below(2) ? "<<" : ">>", data(depth - 1), made("&", data(depth - 1), constant(6)));
+    default:
+      return made(plain[below(6)], data(depth - 1), data(depth - 1));
   }
 }
 
@@ -94,9 +104,12 @@ RandomProgram::Tree RandomProgram::truth(int depth) {
   static const char* const comparisons[] = {"==", "!=", "<", "<=", ">", ">="};
   if (depth > 0 && below(3) == 0) {
     switch (below(3)) {
-      case 0: return made("and", truth(depth - 1), truth(depth - 1));
-      case 1: return made("or", truth(depth - 1), truth(depth - 1));
-      default: return made("not", nullptr, truth(depth - 1));
+      case 0:
+        return made("and", truth(depth - 1), truth(depth - 1));
+      case 1:
+        return made("or", truth(depth - 1), truth(depth - 1));
+      default:
+        return made("not", nullptr, truth(depth - 1));
     }
   }
   const int next = depth > 0 ? depth - 1 : 0;
@@ -105,9 +118,13 @@ RandomProgram::Tree RandomProgram::truth(int depth) {
 }
 
 std::string RandomProgram::jsonOf(const Node& node, const std::vector<TestField>& fields) {
-  if (node.op == "constant") return R"({"type":"hexstr","value":"0x)" + node.number.get_str(16) + "\"}";
-  if (node.op == "field") return R"({"type":"field","value":["h",")" + fields[node.field].name + "\"]}";
-  const auto kid = [&](size_t i) { return node.kids[i] ? jsonOf(*node.kids[i], fields) : std::string("null"); };
+  if (node.op == "constant")
+    return R"({"type":"hexstr","value":"0x)" + node.number.get_str(16) + "\"}";
+  if (node.op == "field")
+    return R"({"type":"field","value":["h",")" + fields[node.field].name + "\"]}";
+  const auto kid = [&](size_t i) {
+    return node.kids[i] ? jsonOf(*node.kids[i], fields) : std::string("null");
+  };
   std::string text = R"({"type":"expression","value":{"op":")" + node.op + R"(","left":)" + kid(0) +
                      ",\"right\":" + kid(1);
   if (node.kids[2]) text += ",\"cond\":" + kid(2);
@@ -192,8 +209,9 @@ std::string RandomProgram::expected(const std::string& packet) const {
   }
   std::string out;
   for (size_t i = 0; i < out_.size(); ++i)
-    out += i < expressions_.size() ? bitsText(cut(evaluate(*expressions_[i], fields), out_[i].bits), out_[i].bits)
-                                   : std::string(out_[i].bits, '0');
+    out += i < expressions_.size()
+               ? bitsText(cut(evaluate(*expressions_[i], fields), out_[i].bits), out_[i].bits)
+               : std::string(out_[i].bits, '0');
   std::string bytes;
   for (size_t i = 0; i < out.size(); i += 8)
     bytes += static_cast<char>(std::stoi(out.substr(i, 8), nullptr, 2));
@@ -203,9 +221,11 @@ std::string RandomProgram::expected(const std::string& packet) const {
 std::string RandomProgram::describe() const {
   std::string text;
   for (size_t i = 0; i < in_.size(); ++i)
-    text += in_[i].name + ":" + (in_[i].isSigned ? "int" : "bit") + std::to_string(in_[i].bits) + " ";
+    text +=
+        in_[i].name + ":" + (in_[i].isSigned ? "int" : "bit") + std::to_string(in_[i].bits) + " ";
   for (size_t i = 0; i < expressions_.size(); ++i)
-    text += "\n" + out_[i].name + ":" + std::to_string(out_[i].bits) + " = " + textOf(*expressions_[i]);
+    text +=
+        "\n" + out_[i].name + ":" + std::to_string(out_[i].bits) + " = " + textOf(*expressions_[i]);
   return text;
 }
 

@@ -33,9 +33,10 @@ std::string keyless(const std::string& name, size_t action, const std::string& a
   const std::string node = next.empty() ? "null" : "\"" + next + "\"";
   return R"({"name":")" + name + R"(","id":)" + std::to_string(900 + action) +
          R"(,"match_type":"exact","type":"simple","max_size":16,"key":[],"action_ids":[)" +
-         std::to_string(action) + R"(],"actions":[")" + actionName + R"("],"base_default_next":)" + node +
-         R"(,"next_tables":{")" + actionName + "\":" + node + R"(},"default_entry":{"action_id":)" +
-         std::to_string(action) + R"(,"action_const":true,"action_data":[],"action_entry_const":true}})";
+         std::to_string(action) + R"(],"actions":[")" + actionName + R"("],"base_default_next":)" +
+         node + R"(,"next_tables":{")" + actionName + "\":" + node +
+         R"(},"default_entry":{"action_id":)" + std::to_string(action) +
+         R"(,"action_const":true,"action_data":[],"action_entry_const":true}})";
 }
 
 }  // namespace
@@ -69,10 +70,12 @@ void SmallProgram::addType(const std::string& name, const std::vector<TestField>
 
 void SmallProgram::addHeader(const std::string& name, const std::string& type, bool metadata) {
   headers_.push_back(R"({"name":")" + name + R"(","id":)" + std::to_string(headers_.size() + 1) +
-                     R"(,"header_type":")" + type + R"(","metadata":)" + (metadata ? "true}" : "false}"));
+                     R"(,"header_type":")" + type + R"(","metadata":)" +
+                     (metadata ? "true}" : "false}"));
 }
 
-void SmallProgram::header(const std::string& name, const std::vector<TestField>& fields, bool metadata) {
+void SmallProgram::header(const std::string& name, const std::vector<TestField>& fields,
+                          bool metadata) {
   addType(name + "_t", fields);
   addHeader(name, name + "_t", metadata);
 }
@@ -81,7 +84,8 @@ void SmallProgram::another(const std::string& name, const std::string& like) {
   addHeader(name, like + "_t", false);
 }
 
-void SmallProgram::stack(const std::string& name, const std::vector<TestField>& fields, size_t size) {
+void SmallProgram::stack(const std::string& name, const std::vector<TestField>& fields,
+                         size_t size) {
   addType(name + "_t", fields);
   std::vector<std::string> ids;
   for (size_t i = 0; i < size; ++i) {
@@ -96,14 +100,15 @@ void SmallProgram::stack(const std::string& name, const std::vector<TestField>& 
 void SmallProgram::state(const std::string& name, const std::string& ops, const std::string& key,
                          const std::string& transitions) {
   states_.push_back(R"({"name":")" + name + R"(","id":)" + std::to_string(states_.size()) +
-                    R"(,"parser_ops":)" + ops + R"(,"transition_key":)" + key + R"(,"transitions":)" +
-                    transitions + "}");
+                    R"(,"parser_ops":)" + ops + R"(,"transition_key":)" + key +
+                    R"(,"transitions":)" + transitions + "}");
 }
 
-size_t SmallProgram::action(const std::string& name, const std::string& parameters, const std::string& calls) {
+size_t SmallProgram::action(const std::string& name, const std::string& parameters,
+                            const std::string& calls) {
   const size_t id = actions_.size();
-  actions_.push_back(R"({"name":")" + name + R"(","id":)" + std::to_string(id) + R"(,"runtime_data":[)" +
-                     parameters + R"(],"primitives":[)" + calls + "]}");
+  actions_.push_back(R"({"name":")" + name + R"(","id":)" + std::to_string(id) +
+                     R"(,"runtime_data":[)" + parameters + R"(],"primitives":[)" + calls + "]}");
   return id;
 }
 
@@ -120,26 +125,32 @@ void SmallProgram::egressAction(const std::string& calls) {
 }
 
 std::string SmallProgram::json() const {
-  const auto node = [](const std::string& name) { return name.empty() ? "null" : "\"" + name + "\""; };
+  const auto node = [](const std::string& name) {
+    return name.empty() ? "null" : "\"" + name + "\"";
+  };
   const auto part = [this](const std::string& name, const std::string& otherwise) {
     const auto found = sections_.find(name);
     return ",\"" + name + "\":" + (found == sections_.end() ? otherwise : found->second);
   };
   std::string text = R"({"header_types":[)" + std::string(standardMetadata);
   for (const std::string& type : types_) text += "," + type;
-  text += R"(],"headers":[{"name":"standard_metadata","id":0,"header_type":"standard_metadata_t","metadata":true})";
+  text +=
+      R"(],"headers":[{"name":"standard_metadata","id":0,"header_type":"standard_metadata_t","metadata":true})";
   for (const std::string& header : headers_) text += "," + header;
   text += R"(],"header_stacks":[)" + joined(stacks_) + "]";
-  for (const char* name : {"header_union_types", "header_unions", "header_union_stacks", "parse_vsets", "errors",
-                           "calculations", "counter_arrays", "meter_arrays", "register_arrays", "checksums",
-                           "learn_lists", "field_lists"})
+  for (const char* name :
+       {"header_union_types", "header_unions", "header_union_stacks", "parse_vsets", "errors",
+        "calculations", "counter_arrays", "meter_arrays", "register_arrays", "checksums",
+        "learn_lists", "field_lists"})
     text += part(name, "[]");
   text += R"(,"field_aliases":)" + std::string(aliases);
-  text += R"(,"parsers":[{"name":"parser","id":0,"init_state":"start","parse_states":[)" + joined(states_) + "]}]";
+  text += R"(,"parsers":[{"name":"parser","id":0,"init_state":"start","parse_states":[)" +
+          joined(states_) + "]}]";
   text += R"(,"deparsers":[{"name":"deparser","id":0,"order":)" + quotedList(order_) + "}]";
   text += R"(,"actions":[)" + joined(actions_) + "]";
-  text += R"(,"pipelines":[{"name":"ingress","id":0,"init_table":)" + node(first_) + R"(,"tables":[)" +
-          joined(tables_) + "]" + part("action_profiles", "[]") + part("conditionals", "[]") + "}";
+  text += R"(,"pipelines":[{"name":"ingress","id":0,"init_table":)" + node(first_) +
+          R"(,"tables":[)" + joined(tables_) + "]" + part("action_profiles", "[]") +
+          part("conditionals", "[]") + "}";
   text += R"(,{"name":"egress","id":1,"init_table":)" + node(egressFirst_) + R"(,"tables":[)" +
           joined(egressTables_) + R"(],"action_profiles":[],"conditionals":[]}])";
   return text + "}";

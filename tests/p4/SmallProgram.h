@@ -17,7 +17,8 @@ class SmallProgram {
   // Elements "NAME[0]", "NAME[1]" and so on.
   void stack(const std::string& name, const std::vector<TestField>& fields, size_t size);
   void state(const std::string& name, const std::string& ops, const std::string& key = "[]",
-             const std::string& transitions = R"([{"type":"default","value":null,"mask":null,"next_state":null}])");
+             const std::string& transitions =
+                 R"([{"type":"default","value":null,"mask":null,"next_state":null}])");
   // An action without parameters that every packet meets, from its calls; then on to `next`.
   void ingressAction(const std::string& calls, const std::string& next = "");
   void egressAction(const std::string& calls);

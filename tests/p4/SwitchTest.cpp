@@ -18,7 +18,9 @@ SmallProgram copyProgram(const Strings& ingress, const Strings& egress) {
   SmallProgram program;
   program.header("h", {{"v", 8}});
   program.state("start", list({extract("h")}));
-  program.section("field_lists", R"([{"id":1,"name":"kept","elements":[{"type":"field","value":["standard_metadata","egress_rid"]}]},
+  program.section(
+      "field_lists",
+      R"([{"id":1,"name":"kept","elements":[{"type":"field","value":["standard_metadata","egress_rid"]}]},
                                      {"id":2,"name":"none","elements":[]}])");
   program.ingressAction(calls(ingress));
   program.egressAction(calls(egress));
@@ -34,7 +36,9 @@ TEST(SwitchTest, CopiesAndRounds) {
   const std::string toPort2 = assign(metadata("egress_spec"), hex(2));
   // Only a packet of instance type `type` does the call behind it.
   const auto onlyIf = [&](uint64_t number, const std::string& then, uint64_t over) {
-    return Strings{call("_jump_if_zero", {wrapped(op("b2d", "null", op("==", type, hex(number)))), hex(over)}), then};
+    return Strings{
+        call("_jump_if_zero", {wrapped(op("b2d", "null", op("==", type, hex(number)))), hex(over)}),
+        then};
   };
   const auto both = [](Strings one, const Strings& other) {
     one.insert(one.end(), other.begin(), other.end());
@@ -46,31 +50,62 @@ TEST(SwitchTest, CopiesAndRounds) {
   } cases[] = {
       {"port 0 without a choice", {}, {}, {"0:10ee"}},
       {"unicast is normal", {toPort2}, {addType}, {"2:10ee"}},
-      {"a clone of ingress is parsed from the packet as it came", {toPort2, assign(value, hex(0x50)),
-       call("clone_ingress_pkt_to_egress", {hex(5), hex(2)})}, {addType}, {"2:50ee", "6:11ee"}},
-      {"a clone keeps the fields of its list", {toPort2, assign(metadata("egress_rid"), hex(0x21)),
-       call("clone_ingress_pkt_to_egress", {hex(5), hex(1)})}, {assign(value, metadata("egress_rid"))}, {"2:21ee", "6:21ee"}},
-      {"a clone without session is none", {toPort2, call("clone_ingress_pkt_to_egress", {hex(4), hex(1)})}, {}, {"2:10ee"}},
-      {"a clone outlives the drop", {call("clone_ingress_pkt_to_egress", {hex(5), hex(2)}),
-       call("mark_to_drop", {object("header", "standard_metadata")})}, {}, {"6:10ee"}},
-      {"a clone of egress has the headers as they are", {toPort2},
-       both(onlyIf(0, call("clone_egress_pkt_to_egress", {hex(5), hex(2)}), 2), {addType, assign(value, wrapped(op("+", value, hex(1))))}),
+      {"a clone of ingress is parsed from the packet as it came",
+       {toPort2, assign(value, hex(0x50)), call("clone_ingress_pkt_to_egress", {hex(5), hex(2)})},
+       {addType},
+       {"2:50ee", "6:11ee"}},
+      {"a clone keeps the fields of its list",
+       {toPort2, assign(metadata("egress_rid"), hex(0x21)),
+        call("clone_ingress_pkt_to_egress", {hex(5), hex(1)})},
+       {assign(value, metadata("egress_rid"))},
+       {"2:21ee", "6:21ee"}},
+      {"a clone without session is none",
+       {toPort2, call("clone_ingress_pkt_to_egress", {hex(4), hex(1)})},
+       {},
+       {"2:10ee"}},
+      {"a clone outlives the drop",
+       {call("clone_ingress_pkt_to_egress", {hex(5), hex(2)}),
+        call("mark_to_drop", {object("header", "standard_metadata")})},
+       {},
+       {"6:10ee"}},
+      {"a clone of egress has the headers as they are",
+       {toPort2},
+       both(onlyIf(0, call("clone_egress_pkt_to_egress", {hex(5), hex(2)}), 2),
+            {addType, assign(value, wrapped(op("+", value, hex(1))))}),
        {"2:11ee", "6:14ee"}},
-      {"multicast beats the drop", {assign(metadata("egress_spec"), hex(511)), assign(metadata("mcast_grp"), hex(1))}, {addType},
+      {"multicast beats the drop",
+       {assign(metadata("egress_spec"), hex(511)), assign(metadata("mcast_grp"), hex(1))},
+       {addType},
        {"1:15ee", "2:15ee"}},
       {"a group without replicas drops", {toPort2, assign(metadata("mcast_grp"), hex(9))}, {}, {}},
       {"a priority without queue drops", {toPort2, assign(metadata("priority"), hex(1))}, {}, {}},
-      {"egress cannot change the port", {toPort2}, {assign(metadata("egress_spec"), hex(7))}, {"2:10ee"}},
-      {"egress drops", {toPort2}, {call("mark_to_drop", {object("header", "standard_metadata")})}, {}},
-      {"egress_spec reads 0 in egress", {toPort2}, {assign(value, metadata("egress_spec"))}, {"2:00ee"}},
+      {"egress cannot change the port",
+       {toPort2},
+       {assign(metadata("egress_spec"), hex(7))},
+       {"2:10ee"}},
+      {"egress drops",
+       {toPort2},
+       {call("mark_to_drop", {object("header", "standard_metadata")})},
+       {}},
+      {"egress_spec reads 0 in egress",
+       {toPort2},
+       {assign(value, metadata("egress_spec"))},
+       {"2:00ee"}},
       {"resubmission brings the packet back as it came",
-       both({toPort2, addType}, onlyIf(0, call("resubmit", {hex(2)}), 4)), {}, {"2:16ee"}},
+       both({toPort2, addType}, onlyIf(0, call("resubmit", {hex(2)}), 4)),
+       {},
+       {"2:16ee"}},
       {"recirculation brings it back as it would leave",
-       {toPort2, addType}, both({assign(value, wrapped(op("+", value, hex(1))))},
-                                {call("_jump_if_zero", {wrapped(op("b2d", "null", op("<", value, hex(0x18)))), hex(3)}),
-                                 call("recirculate", {hex(2)})}), {"2:1bee"}},
-      {"the last request counts", {toPort2, call("clone_ingress_pkt_to_egress", {hex(4), hex(1)}),
-       call("clone_ingress_pkt_to_egress", {hex(5), hex(2)})}, {}, {"2:10ee", "6:10ee"}},
+       {toPort2, addType},
+       both({assign(value, wrapped(op("+", value, hex(1))))},
+            {call("_jump_if_zero", {wrapped(op("b2d", "null", op("<", value, hex(0x18)))), hex(3)}),
+             call("recirculate", {hex(2)})}),
+       {"2:1bee"}},
+      {"the last request counts",
+       {toPort2, call("clone_ingress_pkt_to_egress", {hex(4), hex(1)}),
+        call("clone_ingress_pkt_to_egress", {hex(5), hex(2)})},
+       {},
+       {"2:10ee", "6:10ee"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -97,7 +132,8 @@ TEST(SwitchTest, NothingGoesRoundForEver) {
     EXPECT_EQ(dropped(engine, P4::DropReason::tooManySteps), 1u);
   }
   {
-    P4::Engine engine(copyProgram({}, {call("clone_egress_pkt_to_egress", {hex(5), hex(2)})}).json());
+    P4::Engine engine(
+        copyProgram({}, {call("clone_egress_pkt_to_egress", {hex(5), hex(2)})}).json());
     engine.tables().setSession(5, P4::Session{.group = 1});
     engine.tables().setMulticast(1, {{1, 1}, {2, 1}});
     engine.tables().commit();
@@ -112,11 +148,15 @@ TEST(SwitchTest, NothingGoesRoundForEver) {
 }
 
 TEST(SwitchTest, MetersColourByTime) {
-  SmallProgram program = copyProgram({call("execute_meter", {R"({"type":"meter_array","value":"m"})", hex(0), value})}, {});
-  program.section("meter_arrays", R"([{"name":"m","id":0,"type":"packets","rate_count":2,"size":1}])");
+  SmallProgram program = copyProgram(
+      {call("execute_meter", {R"({"type":"meter_array","value":"m"})", hex(0), value})}, {});
+  program.section("meter_arrays",
+                  R"([{"name":"m","id":0,"type":"packets","rate_count":2,"size":1}])");
   P4::Engine engine(program.json());
   EXPECT_THAT(play(engine, 1, "77"), ElementsAre("0:00")) << "not configured";
-  ASSERT_TRUE(engine.setMeter(0, 0, P4::MeterRates{.committedRate = 1, .committedBurst = 1, .peakRate = 2, .peakBurst = 2}));
+  ASSERT_TRUE(engine.setMeter(
+      0, 0,
+      P4::MeterRates{.committedRate = 1, .committedBurst = 1, .peakRate = 2, .peakBurst = 2}));
   Strings colours;
   for (const uint64_t now : {1000000, 1000001, 1000002, 1500000, 2000000, 2000001})
     colours.push_back(play(engine, 1, "77", now)[0]);
@@ -125,7 +165,9 @@ TEST(SwitchTest, MetersColourByTime) {
 
 TEST(SwitchTest, DigestsWaitForOthersAndAreNotRepeated) {
   SmallProgram program = copyProgram({call("generate_digest", {hex(0), hex(1)})}, {});
-  program.section("learn_lists", R"([{"id":1,"name":"learn","elements":[{"type":"field","value":["h","v"]},{"type":"field","value":["standard_metadata","ingress_port"]}]}])");
+  program.section(
+      "learn_lists",
+      R"([{"id":1,"name":"learn","elements":[{"type":"field","value":["h","v"]},{"type":"field","value":["standard_metadata","ingress_port"]}]}])");
   P4::Engine engine(program.json());
   engine.setDigest(0, {.maxSamples = 2, .maxWait = 1000});
   const auto samples = [&](const std::string& frame, uint64_t now) {
@@ -152,11 +194,15 @@ TEST(SwitchTest, WhatIsNotExecutedIsRefusedByNameAndPlace) {
     std::string json;
     const char* message;
   } cases[] = {
-      {copyProgram({call("frobnicate", {})}, {}).json(), R"(actions[0].primitives[0].op: the primitive "frobnicate" is not executed)"},
-      {copyProgram({assign(value, wrapped(op("<<<", value, value)))}, {}).json(), R"(the operator "<<<" is not executed)"},
+      {copyProgram({call("frobnicate", {})}, {}).json(),
+       R"(actions[0].primitives[0].op: the primitive "frobnicate" is not executed)"},
+      {copyProgram({assign(value, wrapped(op("<<<", value, value)))}, {}).json(),
+       R"(the operator "<<<" is not executed)"},
       {copyProgram({assign(value, field("h", "w"))}, {}).json(), R"(has no field "w")"},
-      {copyProgram({call("assign", {value})}, {}).json(), "actions[0].primitives[0].parameters: \"assign\" takes 2 parameters"},
-      {copyProgram({call("truncate", {object("header", "h")})}, {}).json(), "a number is wanted here, not a header"},
+      {copyProgram({call("assign", {value})}, {}).json(),
+       "actions[0].primitives[0].parameters: \"assign\" takes 2 parameters"},
+      {copyProgram({call("truncate", {object("header", "h")})}, {}).json(),
+       "a number is wanted here, not a header"},
   };
   for (const auto& c : cases) {
     try {

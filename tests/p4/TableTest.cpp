@@ -13,12 +13,13 @@
 namespace P4Test {
 namespace {
 
-using testing::ElementsAre;
 using P4::MatchKind;
+using testing::ElementsAre;
 
 // The entry that plain search finds.
 const P4::Entry* plainFind(const P4::KeyShape& shape, const std::vector<P4::Entry*>& entries,
-                           const std::vector<P4::Number>& key, const std::vector<std::vector<P4::MatchElement>>& matches) {
+                           const std::vector<P4::Number>& key,
+                           const std::vector<std::vector<P4::MatchElement>>& matches) {
   const P4::Entry* best = nullptr;
   for (size_t i = 0; i < entries.size(); ++i) {
     if (!entries[i]) continue;
@@ -28,10 +29,17 @@ const P4::Entry* plainFind(const P4::KeyShape& shape, const std::vector<P4::Entr
       const P4::Number value = P4::numberOfBytes(m.value), mask = P4::numberOfBytes(m.mask);
       const uint32_t rest = shape.elements[e].bits - m.prefixLength;
       switch (shape.elements[e].kind) {
-        case MatchKind::ternary: hit &= (key[e] & mask) == (value & mask); break;
-        case MatchKind::range: hit &= value <= key[e] && key[e] <= mask; break;
-        case MatchKind::lpm: hit &= (key[e] >> rest) == (value >> rest); break;
-        default: hit &= key[e] == value;
+        case MatchKind::ternary:
+          hit &= (key[e] & mask) == (value & mask);
+          break;
+        case MatchKind::range:
+          hit &= value <= key[e] && key[e] <= mask;
+          break;
+        case MatchKind::lpm:
+          hit &= (key[e] >> rest) == (value >> rest);
+          break;
+        default:
+          hit &= key[e] == value;
       }
     }
     if (!hit) continue;
@@ -77,13 +85,15 @@ TEST_P(IndexTest, FindsWhatPlainSearchFinds) {
     std::vector<P4::MatchElement> match;
     for (const auto& [kind, bits] : GetParam().key) {
       P4::MatchElement element{bytes(number(bits))};
-      if (kind == MatchKind::ternary) element.mask = bytes(random() % 2 ? P4::lowMask(bits) : number(bits));
+      if (kind == MatchKind::ternary)
+        element.mask = bytes(random() % 2 ? P4::lowMask(bits) : number(bits));
       if (kind == MatchKind::range) {
         const P4::Number other = number(bits);
         const P4::Number value = P4::numberOfBytes(element.value);
         element = {bytes(std::min(value, other)), bytes(std::max(value, other))};
       }
-      if (kind == MatchKind::lpm) element.prefixLength = static_cast<uint32_t>(random() % (bits + 1));
+      if (kind == MatchKind::lpm)
+        element.prefixLength = static_cast<uint32_t>(random() % (bits + 1));
       match.push_back(element);
     }
     P4::Entry::Ptr entry = encodeKey(table, shape, match);
@@ -115,12 +125,16 @@ TEST_P(IndexTest, FindsWhatPlainSearchFinds) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, IndexTest, testing::Values(
-    TableCase{"exact", {{MatchKind::exact, 9}, {MatchKind::exact, 128}}},
-    TableCase{"lpm32", {{MatchKind::lpm, 32}}}, TableCase{"lpm12", {{MatchKind::lpm, 12}}},
-    TableCase{"lpm128", {{MatchKind::exact, 16}, {MatchKind::lpm, 128}}},
-    TableCase{"ternary", {{MatchKind::ternary, 48}, {MatchKind::lpm, 32}, {MatchKind::exact, 3}}},
-    TableCase{"range", {{MatchKind::range, 16}, {MatchKind::ternary, 8}, {MatchKind::range, 100}}}),
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, IndexTest,
+    testing::Values(
+        TableCase{"exact", {{MatchKind::exact, 9}, {MatchKind::exact, 128}}},
+        TableCase{"lpm32", {{MatchKind::lpm, 32}}}, TableCase{"lpm12", {{MatchKind::lpm, 12}}},
+        TableCase{"lpm128", {{MatchKind::exact, 16}, {MatchKind::lpm, 128}}},
+        TableCase{"ternary",
+                  {{MatchKind::ternary, 48}, {MatchKind::lpm, 32}, {MatchKind::exact, 3}}},
+        TableCase{"range",
+                  {{MatchKind::range, 16}, {MatchKind::ternary, 8}, {MatchKind::range, 100}}}),
     [](const auto& info) { return std::string(info.param.what); });
 
 // Two tables with the key `h.v`; `first` sends to a port, `second` writes the byte `h.w`.
@@ -129,21 +143,28 @@ SmallProgram tableProgram(const std::string& more = "", const std::string& entri
   program.header("h", {{"v", 8}, {"w", 8}});
   program.state("start", list({extract("h")}));
   program.ingressAction("", "first");
-  const size_t send = program.action("send", R"({"name":"port","bitwidth":9})",
-                                     assign(metadata("egress_spec"), R"({"type":"runtime_data","value":0})"));
-  const size_t write = program.action("write", R"({"name":"byte","bitwidth":8})",
-                                      assign(field("h", "w"), R"({"type":"runtime_data","value":0})"));
+  const size_t send =
+      program.action("send", R"({"name":"port","bitwidth":9})",
+                     assign(metadata("egress_spec"), R"({"type":"runtime_data","value":0})"));
+  const size_t write =
+      program.action("write", R"({"name":"byte","bitwidth":8})",
+                     assign(field("h", "w"), R"({"type":"runtime_data","value":0})"));
   const std::string key = R"([{"match_type":"exact","name":"v","target":["h","v"],"mask":null}])";
-  program.table(R"({"name":"first","id":1,"match_type":"exact","type":"simple","max_size":2,"with_counters":true,"support_timeout":true,"key":)" +
-                key + R"(,"action_ids":[)" + std::to_string(send) + R"(],"actions":["send"],"next_tables":{"__HIT__":"second","__MISS__":null})" + entries + "}");
-  program.table(R"({"name":"second","id":2,"match_type":"exact","max_size":16,"key":)" + key + R"(,"action_ids":[)" +
-                std::to_string(write) + R"(],"actions":["write"],"next_tables":{"write":null})" +
+  program.table(
+      R"({"name":"first","id":1,"match_type":"exact","type":"simple","max_size":2,"with_counters":true,"support_timeout":true,"key":)" +
+      key + R"(,"action_ids":[)" + std::to_string(send) +
+      R"(],"actions":["send"],"next_tables":{"__HIT__":"second","__MISS__":null})" + entries + "}");
+  program.table(R"({"name":"second","id":2,"match_type":"exact","max_size":16,"key":)" + key +
+                R"(,"action_ids":[)" + std::to_string(write) +
+                R"(],"actions":["write"],"next_tables":{"write":null})" +
                 (more.empty() ? R"(,"type":"simple")" : more) + "}");
   program.deparse({"h"});
   return program;
 }
 
-P4::EntryKey keyed(uint32_t table, char value) { return {.table = table, .match = {{std::string(1, value)}}}; }
+P4::EntryKey keyed(uint32_t table, char value) {
+  return {.table = table, .match = {{std::string(1, value)}}};
+}
 
 class StoreTest : public testing::Test {
  protected:
@@ -183,7 +204,8 @@ TEST_F(StoreTest, EntriesAreSeenFromTheCommitOn) {
   EXPECT_THAT(play(engine_, 1, "0700"), ElementsAre("4:0755"));
   tables.commit();
   EXPECT_THAT(play(engine_, 1, "0700"), ElementsAre("5:0700"));
-  EXPECT_EQ(tables.find(keyed(first_, 7))->counter.counts(), (P4::Counts{3, 6})) << "a change keeps the count";
+  EXPECT_EQ(tables.find(keyed(first_, 7))->counter.counts(), (P4::Counts{3, 6}))
+      << "a change keeps the count";
   tables.setDefault(second_, writes(0x66));
   tables.commit();
   EXPECT_THAT(play(engine_, 1, "0700"), ElementsAre("5:0766"));
@@ -195,13 +217,20 @@ TEST_F(StoreTest, EntriesAreSeenFromTheCommitOn) {
 TEST_F(StoreTest, RefusalsChangeNothing) {
   P4::TableStore& tables = engine_.tables();
   tables.insert(keyed(first_, 1), sendTo(1));
-  EXPECT_EQ(refusal([&] { tables.insert(keyed(first_, 1), sendTo(2)); }), P4::RefusalKind::alreadyExists);
-  EXPECT_EQ(refusal([&] { tables.modify(keyed(first_, 2), sendTo(2)); }), P4::RefusalKind::notFound);
+  EXPECT_EQ(refusal([&] { tables.insert(keyed(first_, 1), sendTo(2)); }),
+            P4::RefusalKind::alreadyExists);
+  EXPECT_EQ(refusal([&] { tables.modify(keyed(first_, 2), sendTo(2)); }),
+            P4::RefusalKind::notFound);
   EXPECT_EQ(refusal([&] { tables.remove(keyed(first_, 2)); }), P4::RefusalKind::notFound);
   EXPECT_EQ(refusal([&] { tables.insert(keyed(first_, 2), writes(2)); }), P4::RefusalKind::invalid);
-  EXPECT_EQ(refusal([&] { tables.insert(keyed(first_, 2), P4::ActionSpec{send_, {std::string("\2\0", 2)}}); }), P4::RefusalKind::invalid);
-  EXPECT_EQ(refusal([&] { tables.insert({.table = first_, .match = {{"\1\1"}}}, sendTo(2)); }), P4::RefusalKind::invalid);
-  EXPECT_EQ(refusal([&] { tables.insert(keyed(first_, 2), P4::MemberId{1}); }), P4::RefusalKind::invalid);
+  EXPECT_EQ(refusal([&] {
+              tables.insert(keyed(first_, 2), P4::ActionSpec{send_, {std::string("\2\0", 2)}});
+            }),
+            P4::RefusalKind::invalid);
+  EXPECT_EQ(refusal([&] { tables.insert({.table = first_, .match = {{"\1\1"}}}, sendTo(2)); }),
+            P4::RefusalKind::invalid);
+  EXPECT_EQ(refusal([&] { tables.insert(keyed(first_, 2), P4::MemberId{1}); }),
+            P4::RefusalKind::invalid);
   tables.insert(keyed(first_, 2), sendTo(2));
   EXPECT_EQ(refusal([&] { tables.insert(keyed(first_, 3), sendTo(2)); }), P4::RefusalKind::full);
   tables.commit();
@@ -223,20 +252,26 @@ TEST_F(StoreTest, IdleEntriesAreNamedEverySecondSweep) {
 }
 
 TEST(ConstantEntryTest, StandFirmAndMayNotRepeat) {
-  const std::string entry = R"({"match_key":[{"match_type":"exact","key":"0x07"}],"action_entry":{"action_id":1,"action_data":["0x4"]},"priority":1})";
+  const std::string entry =
+      R"({"match_key":[{"match_type":"exact","key":"0x07"}],"action_entry":{"action_id":1,"action_data":["0x4"]},"priority":1})";
   P4::Engine engine(tableProgram("", R"(,"entries":[)" + entry + "]").json());
   EXPECT_THAT(play(engine, 1, "0700"), ElementsAre("4:0700"));
   EXPECT_THROW(engine.tables().remove(keyed(1, 7)), P4::Refusal);
-  EXPECT_THROW(P4::Engine(tableProgram("", R"(,"entries":[)" + entry + "," + entry + "]").json()), P4::ProgramError);
+  EXPECT_THROW(P4::Engine(tableProgram("", R"(,"entries":[)" + entry + "," + entry + "]").json()),
+               P4::ProgramError);
 }
 
 TEST(ProfileTest, GroupsChooseAmongActiveMembersInOrder) {
-  P4::Engine engine(tableProgram(R"(,"type":"indirect_ws","act_prof_name":"prof","selector":{"algo":"identity","input":[{"type":"field","value":["h","w"]}]})").json());
+  P4::Engine engine(
+      tableProgram(
+          R"(,"type":"indirect_ws","act_prof_name":"prof","selector":{"algo":"identity","input":[{"type":"field","value":["h","w"]}]})")
+          .json());
   const uint32_t first = 1, second = 2;
   const uint32_t write = *actionNamed(engine.program(), second, "write");
   P4::TableStore& tables = engine.tables();
   P4::ProfileStore& profile = tables.profile(0);
-  for (uint32_t id : {1, 2, 3}) profile.insertMember(id, {write, {std::string(1, static_cast<char>(0xa0 + id))}});
+  for (uint32_t id : {1, 2, 3})
+    profile.insertMember(id, {write, {std::string(1, static_cast<char>(0xa0 + id))}});
   EXPECT_THROW(profile.insertGroup(1, {{9}}), P4::Refusal);
   profile.insertGroup(1, {{3, 1, 30}, {1, 2, 10}});
   tables.insert(keyed(first, 7), P4::ActionSpec{1, {"\4"}});
@@ -244,7 +279,8 @@ TEST(ProfileTest, GroupsChooseAmongActiveMembersInOrder) {
   tables.commit();
   const auto bytes = [&] {
     std::string all;
-    for (const char* w : {"00", "01", "02"}) all += play(engine, 1, std::string("07") + w)[0].substr(4);
+    for (const char* w : {"00", "01", "02"})
+      all += play(engine, 1, std::string("07") + w)[0].substr(4);
     return all;
   };
   EXPECT_EQ(bytes(), "a1a3a1") << "the second copy of member 1 came after member 3";
@@ -260,7 +296,8 @@ TEST(ProfileTest, GroupsChooseAmongActiveMembersInOrder) {
   tables.commit();
   EXPECT_EQ(bytes(), "b1a2b1");
   EXPECT_THROW(profile.removeGroup(1), P4::Refusal) << "an entry points there";
-  tables.modify(keyed(second, 7), P4::OneShotSet{{{write, {"\xc1"}}, 1, {}}, {{write, {"\xc2"}}, 2, {}}});
+  tables.modify(keyed(second, 7),
+                P4::OneShotSet{{{write, {"\xc1"}}, 1, {}}, {{write, {"\xc2"}}, 2, {}}});
   profile.removeGroup(1);
   profile.removeMember(1);
   tables.commit();

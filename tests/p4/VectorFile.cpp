@@ -26,7 +26,8 @@ uint32_t numberOf(const cJSON* object, const char* key) {
   return cJSON_IsNumber(member) ? static_cast<uint32_t>(member->valuedouble) : 0;
 }
 
-VectorFile::VectorFile(const std::string& vectors, const std::string& programs, const std::string& name)
+VectorFile::VectorFile(const std::string& vectors, const std::string& programs,
+                       const std::string& name)
     : file_(vectors + "/" + name + ".jsonl") {
   const Json head = next();
   if (!head) throw std::runtime_error("no recorded packets of " + name);
@@ -49,7 +50,8 @@ Json VectorFile::next() {
 
 void VectorFile::write(const cJSON& updates) {
   for (const cJSON* one = updates.child; one; one = one->next) {
-    const std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(one), cJSON_free);
+    const std::unique_ptr<char, decltype(&cJSON_free)> text(cJSON_PrintUnformatted(one),
+                                                            cJSON_free);
     p4::v1::Update update;
     if (!google::protobuf::util::JsonStringToMessage(text.get(), &update).ok())
       throw std::runtime_error(std::string("no update: ") + text.get());

@@ -15,8 +15,8 @@ namespace P4Test {
 using Json = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
 
 std::string fileText(const std::string& path);
-std::string stringOf(const cJSON* object, const char* key);   // "" when absent
-uint32_t numberOf(const cJSON* object, const char* key);      // 0 when absent
+std::string stringOf(const cJSON* object, const char* key);  // "" when absent
+uint32_t numberOf(const cJSON* object, const char* key);     // 0 when absent
 
 class VectorFile {
  public:

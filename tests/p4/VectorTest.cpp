@@ -30,7 +30,8 @@ std::string decoded(const std::string& base64) {
 
 // Bytes that nobody can foretell are blanked.
 std::string masked(std::string hex, const cJSON* wanted) {
-  for (const cJSON* hole = cJSON_GetObjectItem(wanted, "any") ? cJSON_GetObjectItem(wanted, "any")->child : nullptr;
+  for (const cJSON* hole =
+           cJSON_GetObjectItem(wanted, "any") ? cJSON_GetObjectItem(wanted, "any")->child : nullptr;
        hole; hole = hole->next) {
     const size_t at = 2 * static_cast<size_t>(cJSON_GetArrayItem(hole, 0)->valuedouble);
     const size_t count = 2 * static_cast<size_t>(cJSON_GetArrayItem(hole, 1)->valuedouble);
@@ -85,7 +86,8 @@ class Replay {
     }
   }
 
-  // The kernel of the recording machine took VLAN tags out of frames, and lost those too short for that.
+  // The kernel of the recording machine took VLAN tags out of frames, and lost those too short for
+  // that.
   static bool lostOnWire(std::span<const uint8_t> frame) {
     if (frame.size() < 14) return true;
     const int type = frame[12] << 8 | frame[13];
@@ -96,7 +98,8 @@ class Replay {
     outputs_.clear();
     trace_.clear();
     now_ += 1000;
-    file_.engine().process(port, {reinterpret_cast<const uint8_t*>(frame.data()), frame.size()}, now_, outputs_);
+    file_.engine().process(port, {reinterpret_cast<const uint8_t*>(frame.data()), frame.size()},
+                           now_, outputs_);
     file_.engine().digestsDue(now_ + 10000000, outputs_.digests);
     for (size_t i = 0; i < outputs_.size(); ++i) {
       const P4::Outputs::Frame out = outputs_.frame(i);
@@ -109,7 +112,8 @@ class Replay {
     }
     for (const P4::DigestList& list : outputs_.digests)
       for (const std::string& sample : list.samples)
-        digests_.push_back({file_.controller().digestId(list.learnList), file_.controller().fieldsOf(list, sample)});
+        digests_.push_back({file_.controller().digestId(list.learnList),
+                            file_.controller().fieldsOf(list, sample)});
     ++result_.inputs;
   }
 
@@ -129,11 +133,14 @@ class Replay {
   void expectIn(const cJSON& wanted) {
     for (const cJSON* one = wanted.child; one; one = one->next) {
       std::map<std::string, std::string> metadata;
-      for (const cJSON* field = cJSON_GetObjectItem(one, "metadata")->child; field; field = field->next)
+      for (const cJSON* field = cJSON_GetObjectItem(one, "metadata")->child; field;
+           field = field->next)
         metadata[field->string] = field->valuestring;
-      const auto found = std::find_if(ins_.begin(), ins_.end(), [&](const Controller::PacketIn& in) {
-        return in.metadata == metadata && masked(hexOf(in.payload), one) == masked(stringOf(one, "payload"), one);
-      });
+      const auto found =
+          std::find_if(ins_.begin(), ins_.end(), [&](const Controller::PacketIn& in) {
+            return in.metadata == metadata &&
+                   masked(hexOf(in.payload), one) == masked(stringOf(one, "payload"), one);
+          });
       if (found != ins_.end())
         ins_.erase(found);
       else
@@ -168,7 +175,8 @@ class Replay {
 
   // What has come out and was not expected is wrong, too.
   void endInput() {
-    for (const auto& [port, hex] : frames_) fail("unexpected: port " + std::to_string(port) + " " + hex);
+    for (const auto& [port, hex] : frames_)
+      fail("unexpected: port " + std::to_string(port) + " " + hex);
     for (const Controller::PacketIn& in : ins_) fail("unexpected packet-in: " + hexOf(in.payload));
     if (!digests_.empty()) fail("unexpected digest");
     frames_.clear();
@@ -180,8 +188,10 @@ class Replay {
 
   void fail(const std::string& what) {
     failed_ = true;
-    if (result_.wrong < 3) ADD_FAILURE() << "input " << result_.inputs << " " << input_ << "\n"
-                                        << what << "\n" << trace_.text();
+    if (result_.wrong < 3)
+      ADD_FAILURE() << "input " << result_.inputs << " " << input_ << "\n"
+                    << what << "\n"
+                    << trace_.text();
   }
 
   VectorFile file_;
@@ -213,15 +223,19 @@ TEST_P(VectorTest, AllAsRecorded) {
   const Result result = replay.run();
   EXPECT_EQ(result.wrong, 0u) << "of " << result.inputs << " inputs";
   RecordProperty("inputs", static_cast<int>(result.inputs));
-  std::printf("%s: %zu of %zu inputs as recorded\n", GetParam().c_str(), result.inputs - result.wrong,
-              result.inputs);
+  std::printf("%s: %zu of %zu inputs as recorded\n", GetParam().c_str(),
+              result.inputs - result.wrong, result.inputs);
 }
 
-INSTANTIATE_TEST_SUITE_P(Recorded, VectorTest, testing::ValuesIn(vectorNames()), [](const auto& info) {
-  std::string name = info.param;
-  std::replace_if(name.begin(), name.end(), [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); }, '_');
-  return name;
-});
+INSTANTIATE_TEST_SUITE_P(Recorded, VectorTest, testing::ValuesIn(vectorNames()),
+                         [](const auto& info) {
+                           std::string name = info.param;
+                           std::replace_if(
+                               name.begin(), name.end(),
+                               [](char c) { return !std::isalnum(static_cast<unsigned char>(c)); },
+                               '_');
+                           return name;
+                         });
 
 }  // namespace
 }  // namespace P4Test
