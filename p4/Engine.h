@@ -51,6 +51,8 @@ class Engine {
   void setDigest(uint32_t learnList, const DigestConfig& config);
   void traceIs(Trace* trace) { switch_.traceIs(trace); }  // of packets to come; null: none
 
+  const SwitchCounts& counts() const { return switch_.counts(); }
+
   // --- the other thread
 
   const Program& program() const { return program_; }
@@ -65,9 +67,6 @@ class Engine {
   // Entries without a hit for their time to live, to be asked for once a second; an entry that
   // stays idle is named every second time.
   std::vector<Entry*> idleEntries(uint64_t now);
-
-  // --- any thread, for people: read while they change, so sums may be a packet apart
-  const SwitchCounts& counts() const { return switch_.counts(); }
 
  private:
   Program program_;

@@ -4,6 +4,7 @@
 #include <xxhash.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "p4/externs/Crc.h"
 
@@ -28,11 +29,17 @@ uint64_t wordAt(std::span<const uint8_t> bytes, size_t at, size_t size) {
   return bigEndian(bytes.subspan(at, there)) << 8 * (size - there);
 }
 
+// The sum is the same in either byte order but for the order of its own bytes.
 uint64_t internetChecksum(std::span<const uint8_t> bytes) {
   uint64_t sum = 0;
-  for (size_t at = 0; at < bytes.size(); at += 4) sum += wordAt(bytes, at, 4);
+  for (size_t at = 0; at < bytes.size(); at += 8) {
+    uint64_t word = 0;
+    std::memcpy(&word, bytes.data() + at, std::min<size_t>(8, bytes.size() - at));
+    sum += word;
+    sum += sum < word;  // the carry comes round
+  }
   while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
-  return ~sum & 0xffff;
+  return ~static_cast<uint64_t>(__builtin_bswap16(static_cast<uint16_t>(sum))) & 0xffff;
 }
 
 uint64_t xorWords(std::span<const uint8_t> bytes, size_t size) {

@@ -109,8 +109,10 @@ uint32_t unionTypeOf(const Program& program, const Expression& owner) {
 
 Expression ExpressionReader::read(const Node& node, Type wanted) const {
   Expression expression = read(node);
-  if (wanted == Type::data && expression.type == Type::boolean && expression.op != Op::boolConstant)
+  if (wanted == Type::data && expression.type == Type::boolean)
     return made(Op::boolToData, Type::data, {std::move(expression)});
+  if (wanted == Type::boolean && !node["value"].present())  // an empty expression
+    return object(Op::boolConstant, Type::boolean, 0);
   if (expression.type != wanted)
     node.fail(std::string(typeName(wanted)) + " is wanted here, not " + typeName(expression.type));
   return expression;
