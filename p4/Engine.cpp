@@ -1,5 +1,9 @@
 #include "p4/Engine.h"
 
+#include <new>
+
+#include "p4/program/ProgramError.h"
+
 namespace P4 {
 namespace {
 
@@ -12,12 +16,15 @@ std::optional<uint32_t> named(const std::vector<Object>& objects, std::string_vi
 
 }  // namespace
 
-Engine::Engine(std::string_view json, const EngineOptions& options)
+Engine::Engine(std::string_view json, const EngineOptions& options) try
     : program_(readProgram(json)),
       image_(compileProgram(program_, options.dropPort)),
       externs_(program_, image_),
       tables_(program_, image_),
-      switch_(image_, externs_, {options.priorityQueues, options.seed}) {}
+      switch_(image_, externs_, {options.priorityQueues, options.seed}) {
+} catch (const std::bad_alloc&) {
+  throw ProgramError("", "the program's arrays need more memory than there is");
+}
 
 void Engine::process(uint32_t port, std::span<const uint8_t> frame, uint64_t now,
                      Outputs& outputs) {

@@ -8,6 +8,7 @@ namespace {
 constexpr uint32_t maxFieldBits = maxNumberBits / 2;
 constexpr uint32_t maxHeaderBits = 8 * 16384;
 constexpr size_t maxObjects = 16384;
+constexpr size_t maxFields = 4096;  // of a header
 
 void checkCount(const Node& section) {
   if (section.size() > maxObjects)
@@ -34,6 +35,7 @@ Field readField(const Node& node, const HeaderType& type) {
 
 HeaderType readHeaderType(const Node& node) {
   HeaderType type{.name = node["name"].name()};
+  if (node["fields"].size() > maxFields) node["fields"].fail("the header has too many fields");
   for (const Node& element : node["fields"].elements()) {
     Field field = readField(element, type);
     for (const Field& other : type.fields)
