@@ -8,8 +8,9 @@ namespace {
 Action readAction(const Node& node, const Names& names) {
   Action action{.name = node["name"].name(), .id = node["id"].integer()};
   for (const Node& parameter : node["runtime_data"].elements()) {
-    const uint32_t bits = parameter["bitwidth"].integer();
-    if (bits == 0 || bits > maxNumberBits / 2)
+    uint32_t bits = parameter["bitwidth"].integer();
+    if (bits == 0) bits = 64;  // old compilers leave the width of unused parameters open
+    if (bits > maxNumberBits / 2)
       parameter["bitwidth"].fail("parameters of that width are not executed");
     action.parameters.push_back({parameter["name"].textOr(""), bits});
   }

@@ -48,11 +48,6 @@ TableStore::TableStore(const Program& program, const Image& image)
   commit();
 }
 
-TableStore::~TableStore() {
-  for (Held& held : tables_)
-    for (Entry* entry : held.entries) Entry::Delete()(entry);
-}
-
 void TableStore::addConstantEntries(uint32_t table) {
   const Table& info = program_.tables[table];
   for (size_t i = 0; i < info.entries.size(); ++i) {

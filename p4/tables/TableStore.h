@@ -35,7 +35,6 @@ class TableStore {
  public:
   // Puts the program's own entries in. Throws ProgramError when they contradict each other.
   TableStore(const Program& program, const Image& image);
-  ~TableStore();
 
   // The entry stays where it is until it is removed.
   Entry& insert(const EntryKey& key, const Target& target, uint64_t timeToLive = 0,
@@ -62,7 +61,12 @@ class TableStore {
 
  private:
   struct Held {
-    std::vector<Entry*> entries;
+    Held() = default;
+    Held(const Held&) = delete;
+    ~Held() {
+      for (Entry* entry : entries) Entry::Delete()(entry);
+    }
+    std::vector<Entry*> entries;  // owned
     HandlePool handles;
     ActionData::Ptr defaultAction;
   };
