@@ -152,7 +152,7 @@ CheckedUpdate checkedDirectCounter(const P4InfoIndex& index,
   }
   if (given.has_data()) {
     checkCounts(table, given.data());
-    result.counts = countsOf(given.data());
+    result.withExtras().counts = countsOf(given.data());
   }
   result.table = &table;
   result.profile = table.profile;

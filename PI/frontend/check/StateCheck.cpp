@@ -78,7 +78,7 @@ void doKeepAction(CheckedUpdate* update, const Entry& former) {
 
 void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
   requireState(*update, former);
-  if (update->subject == Subject::directCounter && !update->counts) return;
+  if (update->subject == Subject::directCounter && !update->counts()) return;
   const bool keeps =
       update->type == Update::MODIFY && update->slot.entry->kind == EntryKind::keyAlone;
   if (former != nullptr && former->isConst) requireResourcesAlone(*update, keeps);
@@ -104,7 +104,7 @@ void StateCheck::prepareEntity(CheckedUpdate* update, const Entry* former) const
   const EntityPlan& plan = *update->table->entity;
   if (update->ofAllCells) {
     for (EntrySlot& slot : store_.slotsOf(plan.table->id)) {
-      update->also.push_back({std::move(slot), true});
+      update->withExtras().also.push_back({std::move(slot), true});
     }
   }
   const bool counts = plan.kind == EntityKind::counter || plan.kind == EntityKind::registerArray;
@@ -116,11 +116,11 @@ void StateCheck::prepareEntity(CheckedUpdate* update, const Entry* former) const
 
 void StateCheck::prepareIdleTimeout(CheckedUpdate* update) const {
   const TablePlan& timeouts = *update->table->idleTimeouts;
-  EntryPtr row = makeIdleTimeout(timeouts, *update->slot.entry, update->idleTimeout);
+  EntryPtr row = makeIdleTimeout(timeouts, *update->slot.entry, update->idleTimeout());
   const size_t hash = row->key().hash();
-  const bool isDelete = update->idleTimeout == 0;
+  const bool isDelete = update->idleTimeout() == 0;
   if (isDelete && store_.committed({row->key(), hash}) == nullptr) return;
-  update->also.push_back({{std::move(row), hash}, isDelete});
+  update->withExtras().also.push_back({{std::move(row), hash}, isDelete});
 }
 
 void StateCheck::prepareMember(const CheckedUpdate& update) const {

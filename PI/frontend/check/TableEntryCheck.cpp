@@ -234,8 +234,10 @@ CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& give
   }
   checkTable(table, given, type);
   checkFields(table, given, type);
-  result.counts = givenCounts(given, type);
-  if (type != Update::DELETE) result.idleTimeout = given.idle_timeout_ns();
+  if (const auto counts = givenCounts(given, type)) result.withExtras().counts = counts;
+  if (type != Update::DELETE && given.idle_timeout_ns() != 0) {
+    result.withExtras().idleTimeout = given.idle_timeout_ns();
+  }
   EntryPtr entry = withoutKey(table, given, type, &result.names);
   entry->priority = checkedPriority(table, given);
   encodeKey(table, given, entry->keyData(), {&result.names, type == Update::INSERT});

@@ -1,6 +1,7 @@
 // The names that an update uses, held from its check until it is through.
 #pragma once
 
+#include <memory>
 #include <span>
 #include <utility>
 #include <vector>
@@ -19,7 +20,7 @@ class NamePins {
   };
 
   NamePins() = default;
-  NamePins(NamePins&& other) noexcept : pins_(std::exchange(other.pins_, {})) {}
+  NamePins(NamePins&& other) noexcept = default;
   NamePins& operator=(NamePins&& other) noexcept {
     std::swap(pins_, other.pins_);
     return *this;
@@ -28,15 +29,20 @@ class NamePins {
 
   // Takes over one hold of the number.
   void add(Dictionary& type, const Dictionary::Held& held) {
-    pins_.push_back({&type, held.number, held.isNew});
+    if (!pins_) pins_ = std::make_unique<std::vector<Pin>>();
+    pins_->push_back({&type, held.number, held.isNew});
   }
   void releaseAll() {
-    for (const Pin& pin : std::exchange(pins_, {})) pin.type->release(pin.number);
+    if (!pins_) return;
+    const auto pins = std::exchange(pins_, nullptr);
+    for (const Pin& pin : *pins) pin.type->release(pin.number);
   }
-  std::span<const Pin> all() const { return pins_; }
+  std::span<const Pin> all() const {
+    return pins_ ? std::span<const Pin>(*pins_) : std::span<const Pin>();
+  }
 
  private:
-  std::vector<Pin> pins_;
+  std::unique_ptr<std::vector<Pin>> pins_;  // null: none; most updates have no names
 };
 
 // What to do about a name in a message.

@@ -39,7 +39,7 @@ void doRunList(const CheckedUpdate& update, const Entry* former, TargetCalls* ca
 
 void doRunAlso(const CheckedUpdate& update, TargetCalls* calls) {
   calls->contextIs(0, 0, {});
-  for (const Change& change : update.also) {
+  for (const Change& change : update.also()) {
     Entry* entry = change.slot.entry.get();
     if (change.isDelete) {
       calls->entryDelete(entry);

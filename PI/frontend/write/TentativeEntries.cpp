@@ -23,7 +23,7 @@ void TentativeEntries::enter(const CheckedUpdate& update) {
                         isDelete ? EntryPtr() : update.slot.entry});
     use_.countChange(*update.profile, former, isDelete ? nullptr : update.slot.entry.get());
   }
-  std::vector<Change> changes = update.also;
+  std::vector<Change> changes(update.also().begin(), update.also().end());
   changes.push_back({update.slot, isDelete});
   store_.keep(changes);
 }

@@ -85,12 +85,12 @@ void doRunEntry(const CheckedUpdate& update, const Entry* former, TargetCalls* c
   if (isDelete) {
     calls->entryDelete(entry);
   } else {
-    calls->entryAdd(*update.table, entry, former != nullptr, update.counts);
+    calls->entryAdd(*update.table, entry, former != nullptr, update.counts());
   }
   if (hasActionSet(former) && !hasActionSet(entry)) {
     doDeleteHiddenGroup(update.profile->id, *former, calls);
   }
-  if (!update.also.empty()) doRunAlso(update, calls);
+  if (!update.also().empty()) doRunAlso(update, calls);
 }
 
 }  // namespace

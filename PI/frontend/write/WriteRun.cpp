@@ -178,6 +178,7 @@ void WriteRun::doAbortOthers() {
 
 // The target knows a name before anything that uses it.
 void WriteRun::doStoreNames() {
+  if (index_.namedTypes().empty()) return;
   for (const Operation& operation : operations_) {
     if (operation.runs) nameWrites_.add(operation.update.names);
   }
@@ -197,6 +198,7 @@ void WriteRun::doStoreNames() {
 
 // Names without a user go; those that stay for some reason do so until the next Write.
 void WriteRun::doForgetNames() {
+  if (index_.namedTypes().empty()) return;
   for (Operation& operation : operations_) operation.update.names.releaseAll();
   goneNames_.releaseAll();
   nameWrites_.doDeleteLeaving();
@@ -295,9 +297,9 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
   state_.prepare(&update, former);
   const bool isCounter = update.subject == CheckedUpdate::Subject::directCounter;
-  if (isCounter && !update.counts) return;  // nothing to change
+  if (isCounter && !update.counts()) return;  // nothing to change
   const bool isDelete = update.type == Update::DELETE;
-  if (former == nullptr && isDelete && update.also.empty()) return;  // as it was in the beginning
+  if (former == nullptr && isDelete && update.also().empty()) return;  // as it was in the beginning
   maybeBeginBatch(operation);
   TargetCalls calls(session_, offset);
   // Set before the target hears of the update: the batch may be abandoned in its midst.
@@ -361,7 +363,7 @@ void WriteRun::doEnter(const Batch& batch, const StatusVector& failures) {
     if (operation.update.profile != nullptr) doCountUse(operation.update);
     doCountNames(operation.update);
     changes.push_back({std::move(operation.update.slot), operation.update.type == Update::DELETE});
-    std::ranges::move(operation.update.also, std::back_inserter(changes));
+    std::ranges::move(operation.update.also(), std::back_inserter(changes));
   }
   levels_ == 1 ? store_.commit(changes) : store_.keep(changes);
 }
