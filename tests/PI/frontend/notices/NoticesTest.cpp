@@ -90,7 +90,7 @@ TEST_F(NoticesTest, DigestsComeOnceUntilTheyAreAcknowledged) {
   EXPECT_EQ(digest(first), PI_STATUS_SUCCESS);  // known
   auto lists = heard(1);
   ASSERT_THAT(lists, SizeIs(1));
-  const p4::v1::DigestList& list = lists[0].digest();
+  const p4::v1::DigestList list = lists[0].digest();
   EXPECT_EQ(list.digest_id(), kLearn);
   EXPECT_GT(list.timestamp(), 0);
   ASSERT_THAT(list.data(), SizeIs(1));
