@@ -88,7 +88,7 @@ class BatchStatus : public Vela::Entity {
   // Puts back each update that has a handle still pending, in the reverse order of its writes;
   // reports on it count no more.
   void onBatchRollback();
-  // Every operation of the batch has failed, for a reason that is none of its own.
+  // Every operation of the batch has failed, for a reason outside of it.
   void failAll(const std::string& reason);
   // For a batch that was undone: its changes count as programmed once the forwarding agents have
   // programmed all up to `sequence`. Waits like for any other, with isUndone() as the outcome.

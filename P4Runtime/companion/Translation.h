@@ -42,7 +42,7 @@ struct FixedName {
   std::string word;  // as it was written
   std::string name;
   uint32_t number = 0;
-  std::string fault = {};  // why it is none; empty when it is one
+  std::string fault = {};  // why the pair cannot be used; empty: it can
 };
 std::vector<FixedName> fixedNames(const std::string& names);
 

@@ -1,5 +1,5 @@
 // Checks of entities that are no table entries: whether the P4Info has them, and the refusal of
-// those that are not kept.
+// entities that the target does not keep.
 #pragma once
 
 #include "PI/frontend/model/P4InfoIndex.h"

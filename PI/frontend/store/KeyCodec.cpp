@@ -183,7 +183,7 @@ void putRange(const TablePlan& table, const FieldPlan& field, const FieldMatch::
   }
 }
 
-// A name counts as 32 bits, all or none of which match.
+// A name counts as 32 bits. A match takes all of them, or the field is left out.
 void putWholeName(const TablePlan& table, const FieldPlan& field, const FieldMatch& match,
                   const Naming& naming, uint8_t* out) {
   const std::string whole(field.bytes, '\xff');

@@ -13,7 +13,7 @@ namespace pi::fe::proto {
 EntryPtr nameEntry(const NamedType& type, uint32_t number, std::string_view name);
 EntryPtr nameKey(const NamedType& type, uint32_t number);  // the key alone
 
-// Nothing when the entry is none of such a table.
+// Nothing for an entry of another table.
 std::optional<Dictionary::Pair> namePair(const NamedType& type, const Entry& entry);
 
 }  // namespace pi::fe::proto

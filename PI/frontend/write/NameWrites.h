@@ -25,7 +25,7 @@ class NameWrites {
   NameWrites(const P4InfoIndex& index, const TargetSession& session)
       : index_(index), session_(session) {}
 
-  // Names that the target is to have; those that it has are left out.
+  // Names that the target is to have. A name that it has already is left out.
   void add(const NamePins& pins);
   bool any() const { return !added_.empty(); }
   // Writes these, and returns the names that the target did not take. Throws a Refusal when it

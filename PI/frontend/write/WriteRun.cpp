@@ -196,7 +196,7 @@ void WriteRun::doStoreNames() {
   }
 }
 
-// Names without a user go; those that stay for some reason do so until the next Write.
+// Names without a user go. A name whose deletion fails goes with a later Write.
 void WriteRun::doForgetNames() {
   if (index_.namedTypes().empty()) return;
   for (Operation& operation : operations_) operation.update.names.releaseAll();

@@ -4,7 +4,7 @@
 // Each such type that the program uses has a table, as if the program declared one, whose rows are
 // written, confirmed, undone and restored as those of any other:
 //   translation.TYPE  number -> text_32, text_128 or text_1000 (length, text)
-// `text` has 32, 128 or 1,000 bytes, of which the first `length` are the name; the others are 0.
+// `text` has 32, 128 or 1,000 bytes: the name, of `length` bytes, and zeros behind it.
 #pragma once
 
 #include <cstdint>
