@@ -34,6 +34,11 @@ std::string programOf(const std::string& p4DeviceConfig) {
   return isWrapped ? wrapped.device_data() : p4DeviceConfig;
 }
 
+std::string compiledProgramOf(const std::string& p4DeviceConfig) {
+  std::string program = programOf(p4DeviceConfig);
+  return isJson(program) && !isDeviceConfig(program) ? program : "";
+}
+
 std::optional<p4::v1::SetForwardingPipelineConfigRequest> pipelineOfPush(
     const p4::v1::ForwardingPipelineConfig& pushed, uint32_t deviceId, Findings* findings) {
   p4::v1::SetForwardingPipelineConfigRequest request;

@@ -18,6 +18,10 @@ class Findings;
 // wraps.
 std::string programOf(const std::string& p4DeviceConfig);
 
+// The compiled program in a p4_device_config that holds one as JSON; empty for a device
+// configuration of ours, and for opaque bytes.
+std::string compiledProgramOf(const std::string& p4DeviceConfig);
+
 // The request of a pipeline file. The device configuration is built from the P4Info, unless the
 // controller pushed one of ours. Nothing, and errors, for what cannot run. Any thread.
 std::optional<p4::v1::SetForwardingPipelineConfigRequest> pipelineOfPush(

@@ -13,10 +13,14 @@
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/target/pi_extensions_imp.h"
+#include "p4/Engine.h"
+#include "p4/program/ProgramError.h"
 #include "p4/v1/p4runtime.pb.h"
+#include "pipeline/DeviceConfig.h"
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
 #include "pipeline/PushedConfig.h"
+#include "pipeline/RowNames.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 
@@ -68,6 +72,28 @@ void requireWhole(const Pipeline::Findings& built, const Request& request) {
                         lacks);
 }
 
+// For a switch whose forwarding agent executes the program itself.
+void requireExecutable(const std::string& given, const std::string& program) {
+  if (given.empty()) return;  // the former program stays
+  if (program.empty()) {
+    throw PushRefused(
+        invalidArgument,
+        "p4_device_config is no compiled P4 program in JSON, which this switch executes");
+  }
+  try {
+    const P4::Engine engine(program);
+  } catch (const P4::ProgramError& e) {
+    throw PushRefused(invalidArgument,
+                      fmt::format("this switch cannot execute the program: {}", e.what()));
+  }
+}
+
+std::string namesOf(const p4::config::v1::P4Info& p4Info, const std::string& deviceJson) {
+  Pipeline::Findings findings;
+  const auto config = Pipeline::parseDeviceConfig(deviceJson, &findings);
+  return config ? Pipeline::rowNames(p4Info, *config) : "";
+}
+
 // Of a table; its default entry has a table of its own.
 Pipeline::TableRef refOf(const ResourceId& rid) {
   constexpr uint32_t markOfDefaults = PI_DEFAULT_ENTRY_TABLE(0);
@@ -96,9 +122,11 @@ std::string textOf(const P4RuntimeParsingException& e) {
 
 // A pipeline that was found usable.
 struct PipelinePusher::Built {
-  Config config;      // as it came
-  std::string given;  // its bytes
-  NextPipeline next;  // without a path
+  Config config;        // as it came
+  std::string given;    // its bytes
+  NextPipeline next;    // without a path
+  std::string program;  // compiled; empty: the push has none
+  std::string names;    // of the objects that rows hold
 };
 
 // Answers the controller once, whatever becomes of the change.
@@ -243,10 +271,12 @@ std::shared_ptr<const PipelinePusher::Built> PipelinePusher::build(std::string_v
   if (!built->config.has_p4info()) throw PushRefused(invalidArgument, "the config has no p4info");
   uint32_t deviceId = 0;
   bool isStrict = false;
+  bool isExecuted = false;
   {
     const Vela::ActivityLock lock;
     deviceId = peers_.systemConfig->deviceId();
     isStrict = peers_.agentConfig->strictPushes();
+    isExecuted = peers_.agentConfig->checkPrograms();
   }
   Pipeline::Findings findings;
   const auto request = Pipeline::pipelineOfPush(built->config, deviceId, &findings);
@@ -255,8 +285,11 @@ std::shared_ptr<const PipelinePusher::Built> PipelinePusher::build(std::string_v
                       "the pipeline cannot run: " + textOf(findings, Pipeline::Severity::error));
   }
   if (isStrict) requireWhole(findings, *request);
+  built->program = Pipeline::compiledProgramOf(built->config.p4_device_config());
+  if (isExecuted) requireExecutable(built->config.p4_device_config(), built->program);
   built->next = P4TableInfoSm::checkedPipeline("", *request);
   built->next.given = built->given;
+  built->names = namesOf(built->config.p4info(), built->next.deviceJson);
   return built;
 }
 
@@ -269,7 +302,7 @@ PushAnswer PipelinePusher::commit(const std::shared_ptr<const Built>& built, boo
     number = std::max(mark ? mark->number : 0, peers_.tableImpl->pushOfEntries()) + 1;
   }
   const PushMark mark{number, number};
-  peers_.files.write(mark, built->next.request, built->given);
+  peers_.files.write(mark, {built->next.request, built->given, built->program, built->names});
   auto change = std::make_shared<Change>(*this, built, number, keepsEntries);
   std::future<PushAnswer> answered = change->future();
   NextPipeline next = built->next;

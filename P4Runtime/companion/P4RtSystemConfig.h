@@ -80,6 +80,8 @@ class AgentConfig : public Vela::Entity {
   VELA_ATTRIBUTE(bool, tableSizeCheckEnabled, true)
   // Pushes of pipelines that would run without some of their parts are refused.
   VELA_ATTRIBUTE(bool, strictPushes, false)
+  // Pushes are refused whose program the software switch would not execute.
+  VELA_ATTRIBUTE(bool, checkPrograms, false)
   // Where plugins are looked for when the agent starts; "": "korvel/plugins" beside the agent's
   // library, if that is there.
   VELA_ATTRIBUTE(std::string, pluginDirectory, "")

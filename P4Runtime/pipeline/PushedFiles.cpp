@@ -13,6 +13,8 @@ namespace {
 
 constexpr const char* pipelineSuffix = ".pipeline";
 constexpr const char* givenSuffix = ".given";
+constexpr const char* programSuffix = ".program";
+constexpr const char* namesSuffix = ".names";
 
 }  // namespace
 
@@ -38,11 +40,23 @@ std::string PushedFiles::given(const PushMark& mark) const {
   return Pipeline::fileContents(pathOf(mark, givenSuffix));
 }
 
-void PushedFiles::write(const PushMark& mark, std::string_view pipeline,
-                        std::string_view given) const {
+void PushedFiles::write(const PushMark& mark, const Contents& contents) const {
   std::filesystem::create_directories(directory_);
-  Pipeline::fileContentsIs(pathOf(mark, pipelineSuffix), pipeline);
-  Pipeline::fileContentsIs(pathOf(mark, givenSuffix), given);
+  Pipeline::fileContentsIs(pathOf(mark, pipelineSuffix), contents.pipeline);
+  Pipeline::fileContentsIs(pathOf(mark, givenSuffix), contents.given);
+  Pipeline::fileContentsIs(pathOf(mark, namesSuffix), contents.names);
+  const std::string program = contents.program.empty() ? programInForce() : "";
+  Pipeline::fileContentsIs(pathOf(mark, programSuffix),
+                           contents.program.empty() ? program : contents.program);
+}
+
+// Empty when there is none.
+std::string PushedFiles::programInForce() const {
+  const auto current = mark();
+  if (!current) return "";
+  const std::string path = pathOf(*current, programSuffix);
+  std::error_code none;
+  return std::filesystem::exists(path, none) ? Pipeline::fileContents(path) : "";
 }
 
 void PushedFiles::markIs(const PushMark& mark) const {
@@ -55,11 +69,9 @@ void PushedFiles::removeOthers() const {
   const auto current = mark();
   std::error_code none;
   for (const auto& file : std::filesystem::directory_iterator(directory_, none)) {
-    const std::string path = file.path().string();
-    if (path == markPath()) continue;
-    if (current && (path == pipelinePath(*current) || path == pathOf(*current, givenSuffix))) {
-      continue;
-    }
+    const std::filesystem::path& path = file.path();
+    const bool isInForce = current && path.stem() == std::to_string(current->number);
+    if (path.string() == markPath() || isInForce) continue;
     std::filesystem::remove(path, none);
   }
 }

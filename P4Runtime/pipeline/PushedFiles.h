@@ -1,5 +1,6 @@
 // The pipeline that a controller pushed, in the state directory: the pipeline file that was built
-// for it, the push as it came, and a mark that names the two.
+// for it, the push as it came, its program with the names of its objects, and a mark that names all
+// of these.
 #pragma once
 
 #include <cstdint>
@@ -28,8 +29,15 @@ class PushedFiles {
   std::string pipelinePath(const PushMark& mark) const;
   std::string given(const PushMark& mark) const;  // a serialized p4.v1.ForwardingPipelineConfig
 
+  // The files of a push; all but the first two are for forwarding agents that execute programs.
+  struct Contents {
+    std::string_view pipeline;
+    std::string_view given;
+    std::string_view program;  // compiled; empty: that of the push in force stands
+    std::string_view names;    // of its objects, as pipeline/RowNames.h has them
+  };
   // Writes the files of a push beside those in force.
-  void write(const PushMark& mark, std::string_view pipeline, std::string_view given) const;
+  void write(const PushMark& mark, const Contents& contents) const;
   void markIs(const PushMark& mark) const;  // puts it in force
   void markDel() const;
   // Removes all files of other pushes than the one in force.
@@ -37,6 +45,7 @@ class PushedFiles {
 
  private:
   std::string pathOf(const PushMark& mark, const char* suffix) const;
+  std::string programInForce() const;
   std::string markPath() const { return directory_ + "/current"; }
 
   const std::string directory_;

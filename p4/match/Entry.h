@@ -62,6 +62,7 @@ struct Entry {
   uint32_t position = 0;              // among the table's entries
   ActionData::Ptr ownAction;          // behind outcome[].action
   uint64_t cookie = 0;                // of the caller
+  uint64_t toldPackets = 0;           // of the caller: the count that it has last passed on
 
   struct Delete {
     void operator()(Entry* entry) const {

@@ -78,7 +78,7 @@ P4Runtime/table/write     P4Runtime/table/undo+
 P4Runtime/table/restore   P4Runtime/table/write+
 P4Runtime/table           P4Runtime/table/restore+
 P4Runtime/table/target    P4Runtime/table+
-P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+
+P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ p4
 
 forwarder/base            -
 forwarder/table           platform

@@ -1,0 +1,51 @@
+// The plane that forwards packets by the rows of tables, as the following of tables sees it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "forwarder/table/ProgrammedTable.h"
+
+namespace Forwarder {
+
+struct PlaneRow {
+  std::string_view key;
+  std::string_view value;
+  std::optional<std::string_view> former;  // the row's value until now; nothing: a new row
+  uint64_t entryHandle = 0;
+};
+
+struct PlaneVerdict {
+  uint16_t errorCode = 0;  // 0: taken
+  std::string message;
+  // The row refers to a row that may come later in the same pass, or one that still refers to it
+  // may go: worth another try.
+  bool mayBecomeTrue = false;
+
+  bool isTaken() const { return errorCode == 0; }
+};
+
+// Threads: one at a time. Errors: none is thrown; a refused row leaves the plane as it was.
+// Packets see changes from commit() on, all at once.
+class RowPlane {
+ public:
+  virtual ~RowPlane() = default;
+
+  // Whether another program is to be executed. While it is, no row is written or deleted before
+  // rebuild(), which takes all rows of the tables, and tells the entry handles of those with flows.
+  virtual bool isStale() = 0;
+  virtual void rebuild(const std::vector<const ProgrammedTable*>& tables) = 0;
+
+  virtual PlaneVerdict write(const ProgrammedTable& table, const PlaneRow& row) = 0;
+  virtual PlaneVerdict erase(const ProgrammedTable& table, std::string_view key) = 0;
+  virtual void eraseAll(const ProgrammedTable& table) = 0;
+  // The row of a table with a counter counts from these numbers on, under its flow's handle.
+  virtual void countsAre(const ProgrammedTable& table, std::string_view key,
+                         const RowFlow& flow) = 0;
+  virtual void commit() = 0;
+};
+
+}  // namespace Forwarder

@@ -1,0 +1,154 @@
+#include "forwarder/plane/EntryTables.h"
+
+#include <algorithm>
+
+#include "p4/tables/Refusal.h"
+
+namespace Forwarder {
+namespace {
+
+ActionPositions positionsIn(const P4::Engine& engine, uint32_t table,
+                            const Lattice::TableType& type, const ProgramNames& names) {
+  return {type, names, [&](const std::string& name) {
+            return P4::actionNamed(engine.program(), table, name);
+          }};
+}
+
+bool sameMeter(const std::optional<Lattice::MeterColumns>& a,
+               const std::optional<Lattice::MeterColumns>& b) {
+  if (!a || !b) return false;
+  return a->given == b->given && a->cir == b->cir && a->cburst == b->cburst && a->pir == b->pir &&
+         a->pburst == b->pburst;
+}
+
+}  // namespace
+
+EntryTable::EntryTable(P4::Engine& engine, uint32_t position, const Lattice::TableType& type,
+                       const ProgramNames& names, IdleBook* idle)
+    : engine_(engine),
+      position_(position),
+      type_(type),
+      actions_(positionsIn(engine, position, type, names)),
+      keys_(type, engine.program().tables[position], position),
+      idle_(idle) {}
+
+P4::Target EntryTable::targetOf(const RowValue& value) const {
+  if (table().profile == P4::absent) return actions_.specOf(value);
+  if (value.numbers.size() < 2) {
+    throw P4::Refusal(P4::RefusalKind::invalid, "its rows name no member and no group");
+  }
+  const auto id = static_cast<uint32_t>(value.numbers[0]);
+  return value.numbers[1] != 0 ? P4::Target(P4::GroupId{id}) : P4::Target(P4::MemberId{id});
+}
+
+void EntryTable::write(const PlaneRow& row) {
+  readValue(type_, row.value, &value_);
+  P4::Entry* entry = put(row);
+  if (entry == nullptr) return;
+  entry->cookie = row.entryHandle;
+  if (entry->meter) maybeSetMeter(*entry, row);
+  if (idle_ == nullptr) return;
+  idle_->handles[row.key] = row.entryHandle;
+  const auto timeToLive = idle_->timeToLive.find(row.key);
+  if (timeToLive != idle_->timeToLive.end()) timeToLiveIs(*entry, timeToLive->second);
+}
+
+// The program puts the entries of an immutable table in itself.
+P4::Entry* EntryTable::put(const PlaneRow& row) {
+  const P4::EntryKey& key = keys_.read(row.key);
+  P4::TableStore& tables = engine_.tables();
+  if (table().immutable) return tables.find(key);
+  const P4::Target target = targetOf(value_);
+  if (row.former && tables.find(key) != nullptr) return &tables.modify(key, target);
+  return &tables.insert(key, target, 0, row.entryHandle);
+}
+
+void EntryTable::maybeSetMeter(P4::Entry& entry, const PlaneRow& row) {
+  if (row.former && sameMeter(Lattice::meterOfRow(type_, *row.former), value_.meter)) return;
+  std::optional<P4::MeterRates> rates;
+  if (value_.meter && value_.meter->given) {
+    rates = P4::MeterRates{value_.meter->cir, value_.meter->cburst, value_.meter->pir,
+                           value_.meter->pburst};
+  }
+  engine_.tables().setMeter(entry, rates);
+}
+
+void EntryTable::erase(std::string_view key) {
+  if (!table().immutable) {
+    const P4::EntryKey& read = keys_.read(key);
+    if (engine_.tables().find(read) != nullptr) engine_.tables().remove(read);
+  }
+  if (idle_ != nullptr) idle_->handles.erase(key);
+}
+
+void EntryTable::countsAre(std::string_view key, const RowFlow& flow) {
+  P4::Entry* entry = engine_.tables().find(keys_.read(key));
+  if (entry == nullptr) return;
+  entry->cookie = flow.entryHandle;
+  entry->counter.countsIs({.packets = flow.packets, .bytes = flow.bytes});
+  entry->toldPackets = flow.packets;
+}
+
+bool EntryTable::eachCount(size_t most, const CountsOf& each) {
+  const std::vector<P4::Entry*>& entries = engine_.tables().entries(position_);
+  const size_t end = std::min(entries.size(), nextCount_ + most);
+  for (; nextCount_ < end; ++nextCount_) {
+    P4::Entry& entry = *entries[nextCount_];
+    const P4::Counts counts = entry.counter.counts();
+    if (entry.cookie == 0 || (counts.packets == entry.toldPackets && !isRetelling_)) continue;
+    entry.toldPackets = counts.packets;
+    each(entry.cookie, counts);
+  }
+  if (nextCount_ < entries.size()) return false;
+  nextCount_ = 0;
+  isRetelling_ = false;
+  return true;
+}
+
+void EntryTable::timeToLiveIs(std::string_view key, uint64_t microseconds) {
+  if (P4::Entry* entry = engine_.tables().find(keys_.read(key))) timeToLiveIs(*entry, microseconds);
+}
+
+// An entry that no packet has met yet counts from now on.
+void EntryTable::timeToLiveIs(P4::Entry& entry, uint64_t microseconds) {
+  uint64_t never = 0;
+  entry.lastHit.compare_exchange_strong(never, idle_->now());
+  entry.timeToLive = microseconds;
+}
+
+DefaultTable::DefaultTable(P4::Engine& engine, uint32_t position, const Lattice::TableType& type,
+                           const ProgramNames& names)
+    : engine_(engine),
+      position_(position),
+      type_(type),
+      actions_(positionsIn(engine, position, type, names)) {}
+
+void DefaultTable::write(const PlaneRow& row) {
+  RowValue value;
+  readValue(type_, row.value, &value);
+  engine_.tables().setDefault(position_, actions_.specOf(value));
+}
+
+void DefaultTable::erase(std::string_view) {
+  engine_.tables().setDefault(position_, std::nullopt);
+}
+
+void IdleTable::write(const PlaneRow& row) {
+  RowValue value;
+  readValue(type_, row.value, &value);
+  constexpr uint64_t nanosecondsPerMicrosecond = 1000;
+  uint64_t nanoseconds = 0;
+  for (const std::string& argument : value.arguments) {
+    for (const char byte : argument) nanoseconds = nanoseconds << 8 | static_cast<uint8_t>(byte);
+  }
+  const uint64_t microseconds = std::max<uint64_t>(nanoseconds / nanosecondsPerMicrosecond, 1);
+  book_.timeToLive[row.key] = microseconds;
+  if (entries_ != nullptr) entries_->timeToLiveIs(row.key, microseconds);
+}
+
+void IdleTable::erase(std::string_view key) {
+  book_.timeToLive.erase(key);
+  if (entries_ != nullptr) entries_->timeToLiveIs(key, 0);
+}
+
+}  // namespace Forwarder

@@ -1,0 +1,82 @@
+// Rows of the program's tables: entries, default entries, and idle time-outs of entries.
+#pragma once
+
+#include <absl/container/flat_hash_map.h>
+
+#include <memory>
+#include <string>
+
+#include "forwarder/plane/PlaneTable.h"
+#include "forwarder/plane/RowReading.h"
+
+namespace Forwarder {
+
+// Of a table whose entries may be idle, by packed key. It outlives programs.
+struct IdleBook {
+  uint64_t (*now)() = nullptr;  // the engine's time
+  absl::flat_hash_map<std::string, uint64_t> timeToLive;  // microseconds
+  absl::flat_hash_map<std::string, uint64_t> handles;
+};
+
+class EntryTable final : public PlaneTable {
+ public:
+  // `idle` is null for a table whose entries have no time-outs. Engine, type and idle book outlive
+  // this.
+  EntryTable(P4::Engine& engine, uint32_t position, const Lattice::TableType& type,
+             const ProgramNames& names, IdleBook* idle);
+
+  void write(const PlaneRow& row) override;
+  void erase(std::string_view key) override;
+  void countsAre(std::string_view key, const RowFlow& flow) override;
+  bool eachCount(size_t most, const CountsOf& each) override;
+  void retellCounts() override { isRetelling_ = true; }
+  void timeToLiveIs(std::string_view key, uint64_t microseconds);
+
+ private:
+  const P4::Table& table() const { return engine_.program().tables[position_]; }
+  P4::Target targetOf(const RowValue& value) const;
+  P4::Entry* put(const PlaneRow& row);
+  void timeToLiveIs(P4::Entry& entry, uint64_t microseconds);
+  void maybeSetMeter(P4::Entry& entry, const PlaneRow& row);
+
+  P4::Engine& engine_;
+  const uint32_t position_;
+  const Lattice::TableType& type_;
+  const ActionPositions actions_;
+  KeyReader keys_;
+  IdleBook* const idle_;
+  RowValue value_;
+  size_t nextCount_ = 0;
+  bool isRetelling_ = false;
+};
+
+// At most one row.
+class DefaultTable final : public PlaneTable {
+ public:
+  DefaultTable(P4::Engine& engine, uint32_t position, const Lattice::TableType& type,
+               const ProgramNames& names);
+  void write(const PlaneRow& row) override;
+  void erase(std::string_view key) override;
+
+ private:
+  P4::Engine& engine_;
+  const uint32_t position_;
+  const Lattice::TableType& type_;
+  const ActionPositions actions_;
+};
+
+class IdleTable final : public PlaneTable {
+ public:
+  // `entries` is null when the program has no such table.
+  IdleTable(const Lattice::TableType& type, IdleBook& book, EntryTable* entries)
+      : type_(type), book_(book), entries_(entries) {}
+  void write(const PlaneRow& row) override;
+  void erase(std::string_view key) override;
+
+ private:
+  const Lattice::TableType& type_;
+  IdleBook& book_;
+  EntryTable* const entries_;
+};
+
+}  // namespace Forwarder
