@@ -86,9 +86,10 @@ forwarder/counters        forwarder/table platform
 forwarder/follow          forwarder/base forwarder/table forwarder/counters platform
 forwarder/traffic         forwarder/base forwarder/table forwarder/follow platform
 forwarder/device          platform
+forwarder/packets         p4+ forwarder/base forwarder/device platform
 forwarder/punt            forwarder/base forwarder/device platform
-forwarder/control         forwarder/base forwarder/table forwarder/follow forwarder/traffic forwarder/punt platform
-forwarder                 forwarder platform
+forwarder/control         p4+ forwarder/base forwarder/table forwarder/follow forwarder/traffic forwarder/packets forwarder/punt platform
+forwarder                 p4+ forwarder platform
 cli/client                platform
 cli/agent                 cli/client+ P4Runtime/agent P4Runtime/companion
 cli/table                 cli/client+
