@@ -1,5 +1,8 @@
 #include "forwarder/CommandLine.h"
 
+#include <fstream>
+#include <sstream>
+
 #include "forwarder/punt/PuntCommand.h"
 #include "forwarder/traffic/TrafficCommand.h"
 
@@ -15,6 +18,7 @@ CommandLine::CommandLine(CLI::App& app) : app_(app) {
   addRules();
   addTraffic();
   addPunt();
+  addForwarding();
   app.add_flag("--silent", silent_, "never report");
 }
 
@@ -80,6 +84,43 @@ PuntOptions CommandLine::punt() const {
   for (const std::string& word : words("punt-ethertype")) applyPuntEtherType(options, word);
   for (const std::string& word : words("punt-field")) applyPuntField(options, word);
   options.device = puntDevice_;
+  return options;
+}
+
+void CommandLine::addForwarding() {
+  const std::string group = "Forwarding of packets";
+  CLI::Option* forward = app_.add_flag(
+      "--forward", forwards_,
+      "forward the packets of the ports that the agent maps, by the P4 program that a "
+      "controller pushes");
+  PacketOptions& packets = forwarding_.packets;
+  P4::EngineOptions& engine = forwarding_.plane.engine;
+  const std::vector<CLI::Option*> options = {
+      app_.add_option("--program", programFile_,
+                      "a compiled P4 program (JSON), executed until a push brings another"),
+      app_.add_option("--cpu-port", packets.cpuPort, "the port of packets from and to controllers"),
+      app_.add_option("--cpu-device", packets.cpuDevice, "the device they come over")
+          ->capture_default_str(),
+      app_.add_option("--drop-port", engine.dropPort, "packets for it are dropped")
+          ->capture_default_str(),
+      app_.add_option("--priority-queues", engine.priorityQueues, "of a port")
+          ->check(CLI::Range(1, 256))
+          ->capture_default_str(),
+      app_.add_option("--pcap", packets.pcapDirectory,
+                      "write DEVICE_in.pcap and DEVICE_out.pcap of each port into this folder")};
+  for (CLI::Option* option : options) option->needs(forward)->group(group);
+  forward->group(group)->excludes(punt_);
+}
+
+std::optional<ForwardingOptions> CommandLine::forwarding() const {
+  if (!forwards_) return std::nullopt;
+  ForwardingOptions options = forwarding_;
+  if (programFile_.empty()) return options;
+  std::ifstream file(programFile_, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  if (!file) throw CommandError("cannot read the program " + programFile_);
+  options.plane.program = text.str();
   return options;
 }
 

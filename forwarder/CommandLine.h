@@ -22,6 +22,7 @@ class CommandLine {
   Rules rules() const;
   TrafficOptions traffic() const;
   PuntOptions punt() const;
+  std::optional<ForwardingOptions> forwarding() const;
 
  private:
   // The words of an option that may be repeated.
@@ -30,12 +31,16 @@ class CommandLine {
   void addRules();
   void addTraffic();
   void addPunt();
+  void addForwarding();
 
   CLI::App& app_;
   std::map<std::string, std::vector<std::string>> words_;  // by option name
   bool silent_ = false;
   std::string puntDevice_;
   CLI::Option* punt_ = nullptr;
+  bool forwards_ = false;
+  ForwardingOptions forwarding_;
+  std::string programFile_;
 };
 
 }  // namespace Forwarder

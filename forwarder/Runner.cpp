@@ -43,7 +43,7 @@ Runner::Runner(RunnerOptions options)
       agent_(reports_),
       traffic_(agent_),
       publisher_(options_.stateDirectory, options_.name, agent_.flows(),
-                 [this] { agent_.republishFlows(); }),
+                 [this] { republishFlows(); }),
       subscriber_(Lattice::Subscriber::create(options_.stateDirectory, options_.name, agent_)),
       punter_(options_.stateDirectory, options_.punt,
               [this](const std::string& line) { say(line); }),
@@ -64,6 +64,13 @@ Runner::Runner(RunnerOptions options)
   if (options_.verbose) agent_.logIs([this](const std::string& line) { say(line); });
   agent_.rulesIs(options_.rules);
   traffic_.optionsIs(options_.traffic);
+  if (options_.forwarding) {
+    forwarding_ =
+        std::make_unique<Forwarding>(*options_.forwarding, options_.stateDirectory, agent_.flows(),
+                                     [this](const std::string& line) { say(line); });
+    agent_.planeIs(&forwarding_->plane());
+    forwarding_->start();  // signals are blocked by now, for its threads, too
+  }
   if (options_.punt.listens()) punter_.start();  // signals are blocked by now, for its threads too
 }
 
@@ -82,7 +89,7 @@ void Runner::run() try {
       doServe();
     }
     const bool busy = subscriber_->attached() || traffic_.running();
-    subscriber_->follow(busy ? milliseconds(0) : detachedTick);
+    doFollow(busy ? milliseconds(0) : detachedTick);
     handleAttachment();
     reports_.sendDue();
     doBackgroundWork();
@@ -90,6 +97,18 @@ void Runner::run() try {
   }
 } catch (const Stopped&) {
   // In the middle of a long catch-up. The forwarder keeps nothing on disk, so nothing is lost.
+}
+
+void Runner::doFollow(milliseconds timeout) {
+  subscriber_->follow(timeout);
+  if (!forwarding_) return;
+  agent_.checkPlane();
+  forwarding_->work(Forwarding::Clock::now(), *subscriber_);
+}
+
+void Runner::republishFlows() {
+  agent_.republishFlows();
+  if (forwarding_) forwarding_->plane().retellCounts();
 }
 
 void Runner::handleProgress() {
@@ -126,11 +145,14 @@ void Runner::maybeSayTraffic() {
 bool Runner::doWait() {
   std::vector<pollfd> descriptors{{signals_, POLLIN, 0}, {punter_.answerDescriptor(), POLLIN, 0}};
   control_.pollDescriptors(descriptors);
+  if (forwarding_) forwarding_->pollDescriptors(descriptors);
   const int events = subscriber_->sending() ? POLLIN | POLLOUT : POLLIN;
   descriptors.push_back({subscriber_->descriptor(), static_cast<short>(events), 0});
   milliseconds timeout = subscriber_->attached() ? attachedTick : detachedTick;
   const auto now = ReportQueue::Clock::now();
-  for (const auto& due : {reports_.nextDue(), traffic_.nextDue(), publisher_.nextDue()}) {
+  std::optional<Forwarding::Clock::time_point> newsDue;
+  if (forwarding_) newsDue = forwarding_->nextDue();
+  for (const auto& due : {reports_.nextDue(), traffic_.nextDue(), publisher_.nextDue(), newsDue}) {
     if (!due) continue;
     const auto left = std::chrono::ceil<milliseconds>(*due - now);
     timeout = std::clamp(left, milliseconds(0), timeout);

@@ -1,12 +1,13 @@
 // The forwarder's process: one thread that follows the agent, sends late reports in time, serves
-// the control socket, and ends on SIGTERM or SIGINT. Packets for the controller have another
-// thread.
+// the control socket, and ends on SIGTERM or SIGINT. Packets have other threads.
 #pragma once
 
 #include <csignal>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "forwarder/Forwarding.h"
 #include "forwarder/control/ControlSocket.h"
 #include "forwarder/counters/FlowPublisher.h"
 #include "forwarder/follow/ForwardingAgent.h"
@@ -22,8 +23,9 @@ struct RunnerOptions {
   Rules rules;
   TrafficOptions traffic;
   PuntOptions punt;
-  bool dumpOnSignal = false;  // SIGUSR1 prints the tables on standard output
-  bool verbose = false;       // a line a change on standard error
+  std::optional<ForwardingOptions> forwarding;  // nothing: no packet is forwarded
+  bool dumpOnSignal = false;                    // SIGUSR1 prints the tables on standard output
+  bool verbose = false;                         // a line a change on standard error
 };
 
 // Threads: one, from the constructor on; the constructor blocks the process's signals in it.
@@ -37,6 +39,8 @@ class Runner {
  private:
   bool handleSignals();  // false when a signal ends the process
   void handleAttachment();
+  void doFollow(std::chrono::milliseconds timeout);
+  void republishFlows();
   void handleProgress();  // called within follow(), which may take long
   void doServe();
   bool doWait();
@@ -48,6 +52,7 @@ class Runner {
   ReportQueue reports_;
   ForwardingAgent agent_;
   Traffic traffic_;
+  std::unique_ptr<Forwarding> forwarding_;  // null: no packet is forwarded
   FlowPublisher publisher_;
   std::unique_ptr<Lattice::Subscriber> subscriber_;
   Punter punter_;

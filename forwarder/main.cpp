@@ -88,6 +88,7 @@ int main(int argc, char** argv) {
     options.rules = commandLine.rules();
     options.traffic = commandLine.traffic();
     options.punt = commandLine.punt();
+    options.forwarding = commandLine.forwarding();
   } catch (const CLI::CallForHelp& e) {
     return app.exit(e);
   } catch (const std::exception& e) {  // CLI::ParseError, CommandError

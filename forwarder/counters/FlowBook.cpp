@@ -11,9 +11,9 @@ FlowBook::CounterColumns FlowBook::countersOf(const ProgrammedTable& table, cons
 
 // Another entry handle means another entry. Counter columns count once: a change that repeats them
 // says nothing about the packets since.
-void FlowBook::handleRowWritten(const ProgrammedTable& table, const StoredRow& row,
+bool FlowBook::handleRowWritten(const ProgrammedTable& table, const StoredRow& row,
                                 uint64_t entryHandle, const CounterColumns& former) {
-  if (!table.hasCounter()) return;
+  if (!table.hasCounter()) return false;
   RowFlow& flow = *table.rows()->flow(row);
   const bool another = flow.entryHandle != entryHandle;
   if (another) {
@@ -21,14 +21,15 @@ void FlowBook::handleRowWritten(const ProgrammedTable& table, const StoredRow& r
     flow = {.entryHandle = entryHandle};
   }
   const CounterColumns given = countersOf(table, row);
-  if (!given || !given->given) return;
+  if (!given || !given->given) return another;
   const bool repeated = !another && former && former->flag == given->flag &&
                         former->bytes == given->bytes && former->packets == given->packets;
-  if (repeated) return;
+  if (repeated) return false;
   flow.bytes = given->bytes;
   flow.packets = given->packets;
   countIs(flow);
   isUrgent_ = true;
+  return true;
 }
 
 void FlowBook::forgetRow(const ProgrammedTable& table, const StoredRow& row) {
@@ -51,7 +52,7 @@ void FlowBook::republishTable(const ProgrammedTable& table) {
 std::vector<FlowBook::Change> FlowBook::takeChanges() {
   std::vector<Change> changes;
   changes.reserve(changes_.size());
-  for (const auto& [handle, change] : std::exchange(changes_, {})) changes.push_back(change);
+  for (const auto& [place, change] : std::exchange(changes_, {})) changes.push_back(change);
   return changes;
 }
 

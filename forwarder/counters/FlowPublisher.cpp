@@ -12,6 +12,11 @@ namespace {
 constexpr size_t sliceCounts = 1000;
 constexpr std::chrono::seconds retryInterval{5};
 
+std::string nameOf(const FlowBook::Change& change) {
+  return change.counterId != 0 ? Lattice::cellCounterName(change.counterId, change.entryHandle)
+                               : Lattice::flowCounterName(change.entryHandle);
+}
+
 }  // namespace
 
 void FlowPublisher::work(Clock::time_point now, bool wanted) {
@@ -66,7 +71,7 @@ void FlowPublisher::doWriteSlice(Clock::time_point now) {
   try {
     for (size_t i = left; i < round_.size(); ++i) {
       const FlowBook::Change& change = round_[i];
-      const std::string name = Lattice::flowCounterName(change.entryHandle);
+      const std::string name = nameOf(change);
       if (change.deleted) {
         writer_->countDel(name);
       } else {

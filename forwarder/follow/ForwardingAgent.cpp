@@ -47,7 +47,58 @@ std::vector<const ProgrammedTable*> ForwardingAgent::tables() const {
   return tables;
 }
 
+// Asks the plane once a group of changes: rows are committed after the program that they are of.
+void ForwardingAgent::beginGroup() {
+  if (!plane_ || std::exchange(inGroup_, true)) return;
+  isStale_ = plane_->isStale();
+  const bool anyRows = std::ranges::any_of(
+      tables_, [](const auto& known) { return known.second->table.rowCount() > 0; });
+  if (!isStale_ || anyRows) return;  // rowsEnd() gives it the rows
+  isStale_ = false;
+  plane_->rebuild({});
+}
+
+void ForwardingAgent::checkPlane() {
+  if (!plane_ || inGroup_ || !plane_->isStale()) return;
+  beginGroup();
+  rowsEnd();
+}
+
+void ForwardingAgent::rowsEnd() {
+  if (!plane_ || !std::exchange(inGroup_, false)) return;
+  if (std::exchange(isStale_, false)) plane_->rebuild(tables());
+  retryWaiting(false);
+  plane_->commit();
+  if (flows_.takeUrgency() && countsSet_) countsSet_();
+  for (Report& report : due_) {
+    reports_.report(report.entryHandle, report.sequence, report.errorCode,
+                    std::move(report.message));
+  }
+  due_.clear();
+}
+
+// Changes that wait for one another are tried in rounds, until a round brings nothing. Then they
+// wait on, or are refused.
+void ForwardingAgent::retryWaiting(bool mayWait) {
+  for (size_t before = SIZE_MAX; !waiting_.empty();) {
+    const bool isLast = waiting_.size() == before;
+    if (isLast && mayWait) return;
+    before = waiting_.size();
+    for (const Waiting& again : std::exchange(waiting_, {})) {
+      program(heldTable(*again.table),
+              {.table = again.table,
+               .key = again.key,
+               .value = again.value,
+               .deleted = again.deleted,
+               .entryHandle = again.entryHandle,
+               .sequence = again.sequence},
+              !isLast);
+    }
+  }
+}
+
 void ForwardingAgent::forgetFollowed(const Held& held) {
+  if (plane_) plane_->eraseAll(held.table);
   std::erase_if(followed_, [&](const auto& known) { return known.second == &held; });
   flows_.forgetTable(held.table);
   ++tablesVersion_;
@@ -56,6 +107,7 @@ void ForwardingAgent::forgetFollowed(const Held& held) {
 // An agent that comes back shows the tables it had before; their rows stay while the type is the
 // same.
 void ForwardingAgent::tableAdded(const Lattice::FollowedTable& followed) {
+  beginGroup();
   auto& held = tables_[followed.name];
   if (!held || !sameType(held->table.type(), followed.type.get())) {
     if (held) forgetFollowed(*held);
@@ -67,6 +119,7 @@ void ForwardingAgent::tableAdded(const Lattice::FollowedTable& followed) {
 }
 
 void ForwardingAgent::tableRemoved(const Lattice::FollowedTable& followed) {
+  beginGroup();
   const auto held = tables_.find(followed.name);
   if (held == tables_.end()) return;
   forgetFollowed(*held->second);
@@ -81,6 +134,7 @@ ForwardingAgent::Held& ForwardingAgent::heldTable(const Lattice::FollowedTable& 
 }
 
 void ForwardingAgent::snapshotBegin() {
+  beginGroup();
   ++snapshotNumber_;
   inSnapshot_ = true;
   deferred_.clear();  // of a snapshot that was cut off
@@ -89,9 +143,9 @@ void ForwardingAgent::snapshotBegin() {
 void ForwardingAgent::snapshotEnd() {
   inSnapshot_ = false;
   ++snapshots_;
-  for (auto& [name, held] : tables_) {
-    if (held->table.rows()) sweep(held->table);
-  }
+  if (std::exchange(isStale_, false)) plane_->rebuild(tables());
+  retryWaiting(true);
+  sweepAll();
   for (const Deferred& row : std::exchange(deferred_, {})) {
     const auto held = tables_.find(row.table);
     if (held == tables_.end()) continue;
@@ -102,13 +156,24 @@ void ForwardingAgent::snapshotEnd() {
   }
 }
 
+// A row goes from the plane once no other refers to it.
+void ForwardingAgent::sweepAll() {
+  constexpr int mostReferences = 2;  // from an entry to a group to a member
+  for (int round = plane_ ? mostReferences : 0; round >= 0; --round) {
+    for (auto& [name, held] : tables_) {
+      if (held->table.rows()) sweep(held->table, round == 0);
+    }
+  }
+}
+
 // Removes the rows that the snapshot lacks. In a new state directory, a row that stays may have the
 // entry handle of a row that goes: its count is published again.
-void ForwardingAgent::sweep(ProgrammedTable& table) {
+void ForwardingAgent::sweep(ProgrammedTable& table, bool isLast) {
   const size_t swept = table.rows()->sweep([&](const StoredRow& row) {
-    const bool gone = row.snapshot != snapshotNumber_;
-    if (gone) flows_.forgetRow(table, row);
-    return gone;
+    if (row.snapshot == snapshotNumber_) return false;
+    if (plane_ && !plane_->erase(table, row.key()).isTaken() && !isLast) return false;
+    flows_.forgetRow(table, row);
+    return true;
   });
   sweptRows_ += swept;
   if (swept > 0 && table.hasCounter()) republishFlows();
@@ -124,6 +189,7 @@ void ForwardingAgent::republishFlows() {
 }
 
 void ForwardingAgent::rowChanged(const Lattice::RowChange& change) {
+  beginGroup();
   Held& held = heldTable(*change.table);
   if (!inSnapshot_ || !maybeDefer(held, change)) program(held, change);
   if (++changesSinceProgress_ < changesBetweenProgress) return;
@@ -152,17 +218,35 @@ bool ForwardingAgent::maybeDefer(const Held& held, const Lattice::RowChange& cha
   return true;  // snapshotEnd() programs it
 }
 
-void ForwardingAgent::program(Held& held, const Lattice::RowChange& change) {
+void ForwardingAgent::program(Held& held, const Lattice::RowChange& change, bool mayWait) {
   Verdict verdict;
-  try {
-    held.table.checkKey(change.key);
-    verdict = change.deleted ? deleteRow(held, change.key) : writeRow(held, change);
-  } catch (const Lattice::TypeError& e) {
-    verdict = {Outcome::unreadable, codeUnreadable,
-               fmt::format("cannot read a row of table {}: {}", held.table.name(), e.what())};
+  if (isStale_) {
+    verdict.mayBecomeTrue = true;
+  } else {
+    try {
+      held.table.checkKey(change.key);
+      verdict = change.deleted ? deleteRow(held, change.key) : writeRow(held, change);
+    } catch (const Lattice::TypeError& e) {
+      verdict = {Outcome::unreadable, codeUnreadable,
+                 fmt::format("cannot read a row of table {}: {}", held.table.name(), e.what())};
+    }
+  }
+  if (mayWait && verdict.mayBecomeTrue) {
+    waiting_.push_back({change.table, std::string(change.key), std::string(change.value),
+                        change.deleted, change.entryHandle, change.sequence});
+    return;
   }
   ++changes_[static_cast<size_t>(verdict.outcome)];
   if (log_) log_(logLine(held.table, change, verdict));
+  report(change, std::move(verdict));
+}
+
+void ForwardingAgent::report(const Lattice::RowChange& change, Verdict&& verdict) {
+  if (plane_) {
+    due_.push_back(
+        {change.entryHandle, change.sequence, verdict.errorCode, std::move(verdict.message)});
+    return;
+  }
   if (flows_.takeUrgency() && countsSet_) countsSet_();
   reports_.report(change.entryHandle, change.sequence, verdict.errorCode,
                   std::move(verdict.message));
@@ -177,7 +261,7 @@ ForwardingAgent::Verdict ForwardingAgent::writeRow(Held& held, const Lattice::Ro
   FlowBook::CounterColumns formerCounters;
   if (former) formerCounters = FlowBook::countersOf(table, *former);
   if (former && former->value() == change.value) {
-    flows_.handleRowWritten(table, *former, change.entryHandle, formerCounters);
+    handleFlow(table, *former, change.entryHandle, formerCounters);
     return {};
   }
   if (auto failure = maybeFail(held, change.key)) return *std::move(failure);
@@ -187,16 +271,40 @@ ForwardingAgent::Verdict ForwardingAgent::writeRow(Held& held, const Lattice::Ro
             fmt::format("table {} is full: its capacity is {} rows", table.name(), capacity)};
   }
   const Outcome outcome = former ? Outcome::replaced : Outcome::inserted;
+  if (plane_) {
+    const PlaneVerdict taken =
+        plane_->write(table, {.key = change.key,
+                              .value = change.value,
+                              .former = former ? std::optional(former->value()) : std::nullopt,
+                              .entryHandle = change.entryHandle});
+    if (!taken.isTaken()) return refusedByPlane(table, taken);
+  }
   StoredRow& row = table.rows()->rowIs(change.key, change.value);
   row.snapshot = snapshotNumber_;
-  flows_.handleRowWritten(table, row, change.entryHandle, formerCounters);
+  handleFlow(table, row, change.entryHandle, formerCounters);
   return {.outcome = outcome};
+}
+
+void ForwardingAgent::handleFlow(const ProgrammedTable& table, const StoredRow& row,
+                                 uint64_t entryHandle, const FlowBook::CounterColumns& former) {
+  const bool isBegun = flows_.handleRowWritten(table, row, entryHandle, former);
+  if (isBegun && plane_) plane_->countsAre(table, row.key(), *table.rows()->flow(row));
+}
+
+ForwardingAgent::Verdict ForwardingAgent::refusedByPlane(const ProgrammedTable& table,
+                                                         const PlaneVerdict& verdict) {
+  return {Outcome::failed, verdict.errorCode,
+          fmt::format("table {}: {}", table.name(), verdict.message), verdict.mayBecomeTrue};
 }
 
 ForwardingAgent::Verdict ForwardingAgent::deleteRow(Held& held, std::string_view key) {
   const StoredRow* row = held.table.rows()->row(key);
   if (!row) return {};
   if (auto failure = maybeFail(held, key)) return *std::move(failure);
+  if (plane_) {
+    const PlaneVerdict taken = plane_->erase(held.table, key);
+    if (!taken.isTaken()) return refusedByPlane(held.table, taken);
+  }
   flows_.forgetRow(held.table, *row);
   held.table.rows()->rowDel(*row);
   return {.outcome = Outcome::deleted};

@@ -15,6 +15,7 @@
 
 #include "forwarder/counters/FlowBook.h"
 #include "forwarder/follow/ReportQueue.h"
+#include "forwarder/follow/RowPlane.h"
 #include "forwarder/follow/Rules.h"
 #include "forwarder/follow/TableRules.h"
 #include "forwarder/table/ProgrammedTable.h"
@@ -44,6 +45,12 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void logIs(Log log) { log_ = std::move(log); }  // called for each change; may be empty
   // Called between two changes, once in a thousand or so. Its exceptions leave rowChanged().
   void progressIs(std::function<void()> progress) { progress_ = std::move(progress); }
+  // Executes the rows; outlives the agent, and is set before the first change. Reports then wait
+  // for the end of a group of changes.
+  void planeIs(RowPlane* plane) { plane_ = plane; }
+  // Gives the plane all rows if it is to execute another program; to be called now and then, since
+  // a program may come without changes of rows.
+  void checkPlane();
   // Called when a row has set counts, before its report.
   void countsSetIs(std::function<void()> countsSet) { countsSet_ = std::move(countsSet); }
 
@@ -64,6 +71,7 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void snapshotEnd() override;
   void rowChanged(const Lattice::RowChange& change) override;
   void rowsComing(std::span<const Lattice::RowChange> changes) override;
+  void rowsEnd() override;
 
  private:
   struct Held {
@@ -73,6 +81,22 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   struct Verdict {
     Outcome outcome = Outcome::unchanged;
     uint16_t errorCode = 0;
+    std::string message;
+    bool mayBecomeTrue = false;  // see PlaneVerdict
+  };
+  // A change that waits for others of its group.
+  struct Waiting {
+    const Lattice::FollowedTable* table;
+    std::string key;
+    std::string value;
+    bool deleted;
+    uint64_t entryHandle;
+    uint64_t sequence;
+  };
+  struct Report {
+    uint64_t entryHandle;
+    uint64_t sequence;
+    uint16_t errorCode;
     std::string message;
   };
   // A new row of a snapshot in a table that is full until the snapshot's end.
@@ -87,8 +111,15 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   Held& heldTable(const Lattice::FollowedTable& followed);
   void forgetFollowed(const Held& held);
   bool maybeDefer(const Held& held, const Lattice::RowChange& change);
-  void sweep(ProgrammedTable& table);
-  void program(Held& held, const Lattice::RowChange& change);
+  void sweep(ProgrammedTable& table, bool isLast);
+  void program(Held& held, const Lattice::RowChange& change, bool mayWait = true);
+  void beginGroup();
+  void retryWaiting(bool mayWait);
+  void sweepAll();
+  void report(const Lattice::RowChange& change, Verdict&& verdict);
+  void handleFlow(const ProgrammedTable& table, const StoredRow& row, uint64_t entryHandle,
+                  const FlowBook::CounterColumns& former);
+  static Verdict refusedByPlane(const ProgrammedTable& table, const PlaneVerdict& verdict);
   Verdict writeRow(Held& held, const Lattice::RowChange& change);
   Verdict deleteRow(Held& held, std::string_view key);
   std::optional<Verdict> maybeFail(const Held& held, std::string_view key);
@@ -96,6 +127,11 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
                              const Verdict& verdict);
 
   ReportQueue& reports_;
+  RowPlane* plane_ = nullptr;
+  bool isStale_ = false;  // as the plane said at the begin of the group
+  bool inGroup_ = false;
+  std::vector<Waiting> waiting_;
+  std::vector<Report> due_;  // reports, once the plane has committed
   FlowBook flows_;
   Rules rules_;
   Log log_;

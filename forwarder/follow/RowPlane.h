@@ -15,7 +15,7 @@ struct PlaneRow {
   std::string_view key;
   std::string_view value;
   std::optional<std::string_view> former;  // the row's value until now; nothing: a new row
-  uint64_t entryHandle = 0;
+  uint64_t entryHandle = 0;                // 0: not known, or as it was
 };
 
 struct PlaneVerdict {

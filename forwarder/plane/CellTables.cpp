@@ -53,22 +53,26 @@ void CellArrays::finish() {
   }
 }
 
-std::shared_ptr<CellArrays> counterCells(P4::Engine& engine, uint32_t array) {
+std::shared_ptr<CellArrays> counterCells(P4::Engine& engine, uint32_t array, uint32_t id,
+                                         FlowBook& flows) {
   const P4::CounterArrayInfo& info = engine.program().counters[array];
   return std::make_shared<CellArrays>(
-      "counter " + info.name, info.size, [&engine, array](uint32_t index, const RowValue* value) {
+      "counter " + info.name, info.size,
+      [&engine, array, id, &flows](uint32_t index, const RowValue* value) {
         if (value == nullptr) return;
-        engine.setCounter(array, index,
-                          {.packets = argument(*value, 0), .bytes = argument(*value, 1)});
+        const P4::Counts counts{.packets = argument(*value, 0), .bytes = argument(*value, 1)};
+        engine.setCounter(array, index, counts);
+        flows.cellCountIs(id, index, {.bytes = counts.bytes, .packets = counts.packets});
+        flows.urgencyIs();
       });
 }
 
 std::shared_ptr<CellArrays> meterCells(P4::Engine& engine, uint32_t array) {
   const P4::MeterArrayInfo& info = engine.program().meters[array];
-  return std::make_shared<CellArrays>(
-      "meter " + info.name, info.size, [&engine, array](uint32_t index, const RowValue* value) {
-        engine.setMeter(array, index, ratesOf(value));
-      });
+  return std::make_shared<CellArrays>("meter " + info.name, info.size,
+                                      [&engine, array](uint32_t index, const RowValue* value) {
+                                        engine.setMeter(array, index, ratesOf(value));
+                                      });
 }
 
 std::shared_ptr<CellArrays> registerCells(P4::Engine& engine, uint32_t array) {

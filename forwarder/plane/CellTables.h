@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "forwarder/counters/FlowBook.h"
 #include "forwarder/plane/PlaneTable.h"
 #include "forwarder/plane/RowReading.h"
 
@@ -38,7 +39,9 @@ class CellArrays {
   bool isDue_ = false;
 };
 
-std::shared_ptr<CellArrays> counterCells(P4::Engine& engine, uint32_t array);
+// Counts that are set are changes of `flows`, which outlive the cells.
+std::shared_ptr<CellArrays> counterCells(P4::Engine& engine, uint32_t array, uint32_t id,
+                                         FlowBook& flows);
 std::shared_ptr<CellArrays> meterCells(P4::Engine& engine, uint32_t array);
 std::shared_ptr<CellArrays> registerCells(P4::Engine& engine, uint32_t array);
 

@@ -9,9 +9,8 @@ namespace {
 
 ActionPositions positionsIn(const P4::Engine& engine, uint32_t table,
                             const Lattice::TableType& type, const ProgramNames& names) {
-  return {type, names, [&](const std::string& name) {
-            return P4::actionNamed(engine.program(), table, name);
-          }};
+  return {type, names,
+          [&](const std::string& name) { return P4::actionNamed(engine.program(), table, name); }};
 }
 
 bool sameMeter(const std::optional<Lattice::MeterColumns>& a,
@@ -45,11 +44,13 @@ void EntryTable::write(const PlaneRow& row) {
   readValue(type_, row.value, &value_);
   P4::Entry* entry = put(row);
   if (entry == nullptr) return;
-  entry->cookie = row.entryHandle;
+  if (row.entryHandle != 0) entry->cookie = row.entryHandle;
   if (entry->meter) maybeSetMeter(*entry, row);
   if (idle_ == nullptr) return;
-  idle_->handles[row.key] = row.entryHandle;
-  const auto timeToLive = idle_->timeToLive.find(row.key);
+  uint64_t& handle = idle_->handles[std::string(row.key)];
+  if (row.entryHandle != 0) handle = row.entryHandle;
+  entry->cookie = handle;
+  const auto timeToLive = idle_->timeToLive.find(std::string(row.key));
   if (timeToLive != idle_->timeToLive.end()) timeToLiveIs(*entry, timeToLive->second);
 }
 
@@ -78,7 +79,7 @@ void EntryTable::erase(std::string_view key) {
     const P4::EntryKey& read = keys_.read(key);
     if (engine_.tables().find(read) != nullptr) engine_.tables().remove(read);
   }
-  if (idle_ != nullptr) idle_->handles.erase(key);
+  if (idle_ != nullptr) idle_->handles.erase(std::string(key));
 }
 
 void EntryTable::countsAre(std::string_view key, const RowFlow& flow) {
@@ -129,9 +130,7 @@ void DefaultTable::write(const PlaneRow& row) {
   engine_.tables().setDefault(position_, actions_.specOf(value));
 }
 
-void DefaultTable::erase(std::string_view) {
-  engine_.tables().setDefault(position_, std::nullopt);
-}
+void DefaultTable::erase(std::string_view) { engine_.tables().setDefault(position_, std::nullopt); }
 
 void IdleTable::write(const PlaneRow& row) {
   RowValue value;
@@ -142,13 +141,13 @@ void IdleTable::write(const PlaneRow& row) {
     for (const char byte : argument) nanoseconds = nanoseconds << 8 | static_cast<uint8_t>(byte);
   }
   const uint64_t microseconds = std::max<uint64_t>(nanoseconds / nanosecondsPerMicrosecond, 1);
-  book_.timeToLive[row.key] = microseconds;
-  if (entries_ != nullptr) entries_->timeToLiveIs(row.key, microseconds);
+  book_.timeToLive[std::string(row.key)] = microseconds;
+  if (*entries_ != nullptr) (*entries_)->timeToLiveIs(row.key, microseconds);
 }
 
 void IdleTable::erase(std::string_view key) {
-  book_.timeToLive.erase(key);
-  if (entries_ != nullptr) entries_->timeToLiveIs(key, 0);
+  book_.timeToLive.erase(std::string(key));
+  if (*entries_ != nullptr) (*entries_)->timeToLiveIs(key, 0);
 }
 
 }  // namespace Forwarder

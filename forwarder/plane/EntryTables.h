@@ -13,7 +13,7 @@ namespace Forwarder {
 
 // Of a table whose entries may be idle, by packed key. It outlives programs.
 struct IdleBook {
-  uint64_t (*now)() = nullptr;  // the engine's time
+  uint64_t (*now)() = nullptr;                            // the engine's time
   absl::flat_hash_map<std::string, uint64_t> timeToLive;  // microseconds
   absl::flat_hash_map<std::string, uint64_t> handles;
 };
@@ -67,8 +67,8 @@ class DefaultTable final : public PlaneTable {
 
 class IdleTable final : public PlaneTable {
  public:
-  // `entries` is null when the program has no such table.
-  IdleTable(const Lattice::TableType& type, IdleBook& book, EntryTable* entries)
+  // `entries` points to null until there is a table of the entries' rows.
+  IdleTable(const Lattice::TableType& type, IdleBook& book, EntryTable* const* entries)
       : type_(type), book_(book), entries_(entries) {}
   void write(const PlaneRow& row) override;
   void erase(std::string_view key) override;
@@ -76,7 +76,7 @@ class IdleTable final : public PlaneTable {
  private:
   const Lattice::TableType& type_;
   IdleBook& book_;
-  EntryTable* const entries_;
+  EntryTable* const* const entries_;
 };
 
 }  // namespace Forwarder

@@ -92,8 +92,8 @@ void Groups::finish() {
     const auto held = groups_.find(group);
     if (held == groups_.end()) continue;
     if (held->second.isThere) {
-      engine_.tables().profile(profile_).modifyGroup(
-          group, sharesOf(held->second.members, held->second));
+      engine_.tables().profile(profile_).modifyGroup(group,
+                                                     sharesOf(held->second.members, held->second));
     } else if (held->second.watchPort.empty()) {
       groups_.erase(held);
     }
@@ -112,8 +112,8 @@ void WatchTable::write(const PlaneRow& row) {
   if (row.key.size() < 2 * sizeof(uint32_t) || value.arguments.empty()) {
     throw P4::Refusal(P4::RefusalKind::invalid, "the row has not the layout of a watched port");
   }
-  groups_->watchIs(idOf(row.key.substr(0, sizeof(uint32_t))), idOf(row.key.substr(sizeof(uint32_t))),
-                   idOf(value.arguments.front()));
+  groups_->watchIs(idOf(row.key.substr(0, sizeof(uint32_t))),
+                   idOf(row.key.substr(sizeof(uint32_t))), idOf(value.arguments.front()));
 }
 
 void WatchTable::erase(std::string_view key) {

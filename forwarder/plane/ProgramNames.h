@@ -15,6 +15,7 @@ struct RowsMeaning {
   std::string name;  // of the table, profile, counter and so on, in the program
   uint32_t id = 0;   // of the same, in the P4Info
   std::vector<uint32_t> bits;
+  bool operator==(const RowsMeaning&) const = default;
 };
 
 // A plain value.
@@ -28,9 +29,5 @@ struct ProgramNames {
   const RowsMeaning* table(std::string_view rows) const;  // null when it is not named
   bool operator==(const ProgramNames&) const = default;
 };
-
-inline bool operator==(const RowsMeaning& a, const RowsMeaning& b) {
-  return a.kind == b.kind && a.name == b.name && a.id == b.id && a.bits == b.bits;
-}
 
 }  // namespace Forwarder

@@ -331,6 +331,7 @@ bool SubscriberImpl::readOnce() {
   const auto reached =
       reader_->follow(sequence_, state.committed,
                       [this](std::span<const Brine::FollowedChange> changes) { passOn(changes); });
+  if (reached || !attached_) handler_.rowsEnd();
   if (!attached_) return false;
   if (reached) {
     sequence_ = *reached;
@@ -436,6 +437,7 @@ void SubscriberImpl::passOn(const Brine::Snapshot& snapshot) {
     handler_.rowChanged(change);
   });
   handler_.snapshotEnd();
+  handler_.rowsEnd();
 }
 
 void SubscriberImpl::passOn(std::span<const Brine::FollowedChange> changes) {

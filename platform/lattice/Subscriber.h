@@ -45,6 +45,9 @@ class SubscriberHandler {
   // The next calls of rowChanged(), some dozen, unless the agent goes away: an opportunity to have
   // memory fetched that they will need. Nothing need be done.
   virtual void rowsComing(std::span<const RowChange> changes) { static_cast<void>(changes); }
+  // The changes since the last call make up whole commits. Before the reports on them are sent, but
+  // for those that filled a message, and also when the agent has gone.
+  virtual void rowsEnd() {}
 };
 
 // One thread uses it. Attaches, and attaches again whenever the agent goes away and comes back.

@@ -87,6 +87,7 @@ forwarder/follow          forwarder/base forwarder/table forwarder/counters plat
 forwarder/traffic         forwarder/base forwarder/table forwarder/follow platform
 forwarder/device          platform
 forwarder/packets         p4+ forwarder/base forwarder/device platform
+forwarder/plane           p4+ forwarder/counters forwarder/follow forwarder/packets forwarder/table platform
 forwarder/punt            forwarder/base forwarder/device platform
 forwarder/control         p4+ forwarder/base forwarder/table forwarder/follow forwarder/traffic forwarder/packets forwarder/punt platform
 forwarder                 p4+ forwarder platform

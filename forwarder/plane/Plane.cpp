@@ -1,0 +1,233 @@
+#include "forwarder/plane/Plane.h"
+
+#include <exception>
+#include <utility>
+
+#include "p4/program/ProgramError.h"
+#include "p4/tables/Refusal.h"
+
+namespace Forwarder {
+namespace {
+
+// See P4Runtime/companion/ErrorCode.h.
+uint16_t codeOf(P4::RefusalKind kind) {
+  switch (kind) {
+    case P4::RefusalKind::full:
+      return 1;
+    case P4::RefusalKind::constant:
+      return 7;
+    case P4::RefusalKind::notFound:
+    case P4::RefusalKind::inUse:
+      return 11;
+    case P4::RefusalKind::alreadyExists:
+      return 12;
+    case P4::RefusalKind::invalid:
+      break;
+  }
+  return 14;
+}
+
+PlaneVerdict verdictOf(const P4::Refusal& refusal) {
+  const P4::RefusalKind kind = refusal.kind();
+  const bool mayBecomeTrue = kind != P4::RefusalKind::invalid && kind != P4::RefusalKind::constant;
+  return {codeOf(kind), refusal.what(), mayBecomeTrue};
+}
+
+}  // namespace
+
+Plane::Plane(PlaneOptions options, EngineSlot& slot, DigestQueue& digests, FlowBook& flows, Log log)
+    : options_(std::move(options)),
+      slot_(slot),
+      digests_(digests),
+      flows_(flows),
+      log_(std::move(log)),
+      source_(options_.stateDirectory) {
+  if (options_.program.empty()) return;
+  execute({options_.program, {}});
+  rebuild({});
+  commit();
+}
+
+bool Plane::isStale() {
+  if (source_.isNew()) takePush();
+  return isFresh_;
+}
+
+// A push without a program leaves the former one, and so does one that cannot be executed.
+void Plane::takePush() {
+  try {
+    auto pushed = source_.take();
+    if (!pushed) return;
+    push_ = pushed->push;
+    Executed next{pushed->json.empty() ? executed_.json : std::move(pushed->json),
+                  std::move(pushed->names)};
+    if (next.json.empty() || (next == executed_ && pushed->keepsEntries)) return;
+    execute(std::move(next));
+    trouble_.clear();
+  } catch (const std::exception& e) {
+    handleTrouble(e.what());
+  }
+}
+
+void Plane::handleTrouble(const std::string& trouble) {
+  trouble_ = "the program of push " + std::to_string(push_) + " is not executed: " + trouble;
+  log_(trouble_);
+}
+
+// Packets meet the engine once rebuild() and commit() have filled it.
+void Plane::execute(Executed next) {
+  auto engine = std::make_shared<P4::Engine>(next.json, options_.engine);
+  const P4::DigestConfig eachAtOnce{.maxSamples = 1, .maxWait = 0, .suppress = false};
+  for (uint32_t list = 0; list < engine->program().learnLists.size(); ++list) {
+    engine->setDigest(list, eachAtOnce);
+  }
+  tables_.clear();
+  maker_.reset();
+  round_.clear();
+  isInRound_ = false;
+  engine_ = std::move(engine);
+  executed_ = std::move(next);
+  maker_ = std::make_unique<PlaneTables>(*engine_, executed_.names, idle_, flows_);
+  for (const uint32_t port : downPorts_) engine_->tables().portIs(port, false);
+  isFresh_ = true;
+}
+
+void Plane::rebuild(const std::vector<const ProgrammedTable*>& tables) {
+  addRows(tables);
+  isFresh_ = false;
+  wantedDigests_ = maker_->wantedDigests();
+  digests_.wantedAre(engine_.get(), wantedDigests_);
+  toldCells_.clear();
+  for (const P4::CounterArrayInfo& array : engine_->program().counters) {
+    toldCells_.emplace_back(array.direct ? 0 : array.size);
+  }
+  engine_->tables().commit();
+  slot_.engineIs(engine_);
+  log_("executes the program " + engine_->program().name +
+       (push_ != 0 ? ", push " + std::to_string(push_) : ""));
+}
+
+// References may lead to rows of other tables: rows are offered until all are taken, or none of a
+// round.
+void Plane::addRows(const std::vector<const ProgrammedTable*>& tables) {
+  struct Refused {
+    const ProgrammedTable* table;
+    const StoredRow* row;
+    std::string why;
+  };
+  std::vector<Refused> refused;
+  const auto offer = [&](const ProgrammedTable& table, const StoredRow& row) {
+    const RowFlow* flow = table.rows()->flow(row);
+    const PlaneVerdict verdict = write(table, {.key = row.key(),
+                                               .value = row.value(),
+                                               .former = {},
+                                               .entryHandle = flow ? flow->entryHandle : 0});
+    if (!verdict.isTaken()) refused.push_back({&table, &row, verdict.message});
+    if (verdict.isTaken() && flow) countsAre(table, row.key(), *flow);
+  };
+  for (const ProgrammedTable* table : tables) {
+    if (table->rows()) table->rows()->forEach([&](const StoredRow& row) { offer(*table, row); });
+  }
+  for (size_t before = SIZE_MAX; !refused.empty() && refused.size() < before;) {
+    before = refused.size();
+    for (const Refused& again : std::exchange(refused, {})) offer(*again.table, *again.row);
+  }
+  if (refused.empty()) return;
+  log_(std::to_string(refused.size()) +
+       " rows have no place in the program; the first is of table " +
+       refused.front().table->name() + ": " + refused.front().why);
+}
+
+PlaneTable* Plane::tableOf(const ProgrammedTable& table) {
+  auto& known = tables_[&table];
+  if (!known && table.type() != nullptr) known = maker_->make(table.name(), *table.type());
+  return known.get();
+}
+
+PlaneVerdict Plane::write(const ProgrammedTable& table, const PlaneRow& row) {
+  if (!engine_) return {};
+  try {
+    if (PlaneTable* rows = tableOf(table)) rows->write(row);
+    return {};
+  } catch (const P4::Refusal& refusal) {
+    return verdictOf(refusal);
+  }
+}
+
+PlaneVerdict Plane::erase(const ProgrammedTable& table, std::string_view key) {
+  if (!engine_) return {};
+  try {
+    if (PlaneTable* rows = tableOf(table)) rows->erase(key);
+    return {};
+  } catch (const P4::Refusal& refusal) {
+    return verdictOf(refusal);
+  }
+}
+
+void Plane::eraseAll(const ProgrammedTable& table) {
+  const auto known = tables_.find(&table);
+  if (known == tables_.end()) return;
+  if (known->second && !isFresh_ && table.rows()) {
+    table.rows()->forEach([&](const StoredRow& row) { erase(table, row.key()); });
+    known->second->finish();
+  }
+  if (known->second) maker_->forget(*known->second);
+  round_.clear();  // the others wait for the next round
+  tables_.erase(known);
+}
+
+void Plane::countsAre(const ProgrammedTable& table, std::string_view key, const RowFlow& flow) {
+  if (!engine_) return;
+  try {
+    if (PlaneTable* rows = tableOf(table)) rows->countsAre(key, flow);
+  } catch (const P4::Refusal&) {  // of the table; its row was refused, too
+  }
+}
+
+void Plane::commit() {
+  if (!engine_) return;
+  for (const auto& [table, rows] : tables_) {
+    if (!rows) continue;
+    try {
+      rows->finish();
+    } catch (const P4::Refusal& refusal) {
+      log_("table " + table->name() + ": " + refusal.what());
+    }
+  }
+  maybeTellDigests();
+  engine_->tables().commit();
+}
+
+void Plane::maybeTellDigests() {
+  if (!maker_ || wantedDigests_ == maker_->wantedDigests()) return;
+  wantedDigests_ = maker_->wantedDigests();
+  digests_.wantedAre(engine_.get(), wantedDigests_);
+}
+
+void Plane::portIs(uint32_t port, bool up) {
+  if (up ? downPorts_.erase(port) == 0 : !downPorts_.insert(port).second) return;
+  if (!engine_) return;
+  engine_->tables().portIs(port, up);
+  if (!isFresh_) engine_->tables().commit();
+}
+
+std::vector<uint64_t> Plane::idleEntries(uint64_t now) {
+  std::vector<uint64_t> handles;
+  if (!engine_ || isFresh_) return handles;
+  for (const P4::Entry* entry : engine_->idleEntries(now)) {
+    if (entry->cookie != 0) handles.push_back(entry->cookie);
+  }
+  return handles;
+}
+
+std::optional<std::string> Plane::registerCell(uint32_t id, uint32_t index) const {
+  if (!engine_) return std::nullopt;
+  for (const auto& [rows, meaning] : executed_.names.tables) {
+    if (meaning.kind != "register" || meaning.id != id) continue;
+    const auto array = P4::registerNamed(engine_->program(), meaning.name);
+    return array ? engine_->registerCell(*array, index) : std::nullopt;
+  }
+  return std::nullopt;
+}
+
+}  // namespace Forwarder
