@@ -5,7 +5,8 @@
 // MAC address. A port may be a bundle of links, of which the flow again picks one. An access list
 // has the last word, and polices what it lets through.
 // router.p4info.txtpb is what a P4 compiler says of this program to controllers;
-// router.entries.json holds the entries that stand in it.
+// router.entries.json holds the entries that stand in it. router_program.py builds its compiled
+// form: a change here is made there, too.
 
 #include <core.p4>
 #include <v1model.p4>
@@ -25,6 +26,8 @@ const bit<8> PROTOCOL_TCP = 6;
 const bit<8> PROTOCOL_UDP = 17;
 const port_t CPU_PORT = 510;
 const bit<2> METER_RED = 2;
+
+error { Ipv4Options }  // this router reads no headers with options
 
 // What travels before a packet from the controller: the port to send it from, or a wish to have it
 // routed like any other.
@@ -120,8 +123,12 @@ parser packet_parser(packet_in packet, out headers_t hdr, inout metadata_t meta,
   }
   state parse_ipv4 {
     packet.extract(hdr.ipv4);
+    verify(hdr.ipv4.ihl == 5, error.Ipv4Options);
     meta.ip_protocol = hdr.ipv4.protocol;
-    transition parse_l4;
+    transition select(hdr.ipv4.fragment_offset) {
+      0: parse_l4;
+      default: accept;  // only the first fragment has ports
+    }
   }
   state parse_ipv6 {
     packet.extract(hdr.ipv6);
@@ -142,11 +149,21 @@ parser packet_parser(packet_in packet, out headers_t hdr, inout metadata_t meta,
 }
 
 control checksum_check(inout headers_t hdr, inout metadata_t meta) {
-  apply {}
+  apply {
+    verify_checksum(hdr.ipv4.isValid() && hdr.ipv4.ihl == 5,
+                    { hdr.ipv4.version, hdr.ipv4.ihl, hdr.ipv4.dscp_ecn, hdr.ipv4.total_length,
+                      hdr.ipv4.identification, hdr.ipv4.flags, hdr.ipv4.fragment_offset,
+                      hdr.ipv4.ttl, hdr.ipv4.protocol, hdr.ipv4.src_addr, hdr.ipv4.dst_addr },
+                    hdr.ipv4.checksum, HashAlgorithm.csum16);
+  }
 }
 
 control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metadata_t std) {
-  @id(0x01000001) action drop() { mark_to_drop(std); }
+  // The end of a packet: no later table can have it forwarded after all.
+  @id(0x01000001) action drop() {
+    mark_to_drop(std);
+    exit;
+  }
 
   @id(0x01000002) action set_vrf(@id(1) vrf_t vrf_id) { meta.vrf_id = vrf_id; }
 
@@ -318,18 +335,25 @@ control ingress(inout headers_t hdr, inout metadata_t meta, inout standard_metad
       exit;
     }
     hdr.packet_out.setInvalid();
+    if (std.parser_error != error.NoError || std.checksum_error == 1) drop();
     port.apply();
     packet_type.apply();
-    if (meta.routed_as_ipv4 == 1) ipv4_route.apply();
-    if (meta.routed_as_ipv6 == 1) ipv6_route.apply();
+    if (meta.routed_as_ipv4 == 1) {
+      if (hdr.ipv4.ttl <= 1) drop();
+      hdr.ipv4.ttl = hdr.ipv4.ttl - 1;
+      ipv4_route.apply();
+    }
+    if (meta.routed_as_ipv6 == 1) {
+      if (hdr.ipv6.hop_limit <= 1) drop();
+      hdr.ipv6.hop_limit = hdr.ipv6.hop_limit - 1;
+      ipv6_route.apply();
+    }
     if (meta.routed_as_ipv4 == 1 || meta.routed_as_ipv6 == 1) {
       if (meta.wcmp_id != 0) wcmp.apply();
       nexthop.apply();
       neighbor.apply();
       lag.apply();
     }
-    if (meta.routed_as_ipv4 == 1) hdr.ipv4.ttl = hdr.ipv4.ttl - 1;
-    if (meta.routed_as_ipv6 == 1) hdr.ipv6.hop_limit = hdr.ipv6.hop_limit - 1;
     acl.apply();
     if (meta.acl_color == METER_RED) mark_to_drop(std);
   }
@@ -341,7 +365,7 @@ control egress(inout headers_t hdr, inout metadata_t meta, inout standard_metada
 
 control checksum_update(inout headers_t hdr, inout metadata_t meta) {
   apply {
-    update_checksum(hdr.ipv4.isValid(),
+    update_checksum(hdr.ipv4.isValid() && hdr.ipv4.ihl == 5,
                     { hdr.ipv4.version, hdr.ipv4.ihl, hdr.ipv4.dscp_ecn, hdr.ipv4.total_length,
                       hdr.ipv4.identification, hdr.ipv4.flags, hdr.ipv4.fragment_offset,
                       hdr.ipv4.ttl, hdr.ipv4.protocol, hdr.ipv4.src_addr, hdr.ipv4.dst_addr },
