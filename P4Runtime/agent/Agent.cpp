@@ -87,8 +87,8 @@ void Agent::doMountsComplete(const Vela::Outcome& mounts,
 
 void Agent::doBuildMappings() {
   vrfIdCollectionIs(Vela::make<VrfIdCollection>("vrfs"));
-  p4RtPortMappingDirSmIs(
-      Vela::make<PortMappingDirSm>(p4RtPortMappingConfigDir(), p4RtPortMappingStatus()));
+  p4RtPortMappingDirSmIs(Vela::make<PortMappingDirSm>(
+      p4RtPortMappingConfigDir(), p4RtPortMappingStatus(), agentConfig()->cpuDevice().text()));
 }
 
 void Agent::doBuildTableProgramming() {

@@ -26,7 +26,13 @@ AgentPackets::AgentPackets(Vela::ReactorLoop& loop, Orrery::Database& database, 
   changes_.push_back(parts_.tableInfoSm->bitwidthsInitializedAttribute().observe(publish));
   changes_.push_back(
       parts_.agentConfig->exitRequestedAttribute().observe([this] { handleExitRequested(); }));
+  const auto followToProgram = [this] {
+    parts_.cpuPktSm->controllerTxPktConfig()->allToProgramIs(
+        parts_.agentConfig->packetOutToProgram());
+  };
+  changes_.push_back(parts_.agentConfig->packetOutToProgramAttribute().observe(followToProgram));
   publish();
+  followToProgram();
   timer_.start(std::chrono::milliseconds(0), statusPeriod);
 }
 
@@ -52,7 +58,8 @@ void AgentPackets::handleExitRequested() {
 }
 
 void Agent::doBuildPackets() {
-  controllerInterfaceIs(controllerInterfaceFactory(bridgingConfig()));
+  controllerInterfaceIs(
+      controllerInterfaceFactory(bridgingConfig(), agentConfig()->cpuDevice().text()));
   controllerTxPktConfigIs(controllerTxPktConfigFactory());
   const auto txPktStatus = Vela::make<ControllerTxPktStatus>("controllerTxPktStatus");
   const auto root = runtime_.stateDatabase.entity("kni");

@@ -73,6 +73,7 @@ void Agent::doUpdateStatus() {
   status_->pidIs(getpid());
   status_->deviceIdIs(p4RtSystemConfig()->deviceId());
   status_->serverAddressIs(piServer()->serverAddressPortStr());
+  status_->serverListensIs(PIGrpcServerGetPort() > 0);
   status_->serverReadyIs(piServer()->serverReady() && !tableImpl()->restoring());
   status_->restoringIs(restoringText(*tableImpl()));
   const bool runs = p4TableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady;

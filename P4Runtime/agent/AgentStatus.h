@@ -18,6 +18,7 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(int64_t, pid, 0)
   VELA_READONLY_ATTRIBUTE(uint32_t, deviceId, 0)
   VELA_READONLY_ATTRIBUTE(std::string, serverAddress, "")
+  VELA_READONLY_ATTRIBUTE(bool, serverListens, false)  // also without a pipeline
   VELA_READONLY_ATTRIBUTE(bool, serverReady, false)
   VELA_READONLY_ATTRIBUTE(std::string, pipelineFile, "")
   VELA_READONLY_ATTRIBUTE(std::string, pipelineState, "")

@@ -42,7 +42,7 @@ std::string portPath(const std::string& port) { return fmt::format("{}/{}", mapp
 
 void requirePort(const std::string& port) {
   if (portFromText(port)) return;
-  refuse("'{}' is no P4 port id; write a number from 1 to 4294967295", port.substr(0, 80));
+  refuse("'{}' is no P4 port id; write a number from 0 to 4294967295", port.substr(0, 80));
 }
 
 // Checks before it sets: undoing a refused mapping would come too late once another port has taken
@@ -50,11 +50,11 @@ void requirePort(const std::string& port) {
 std::string mapPort(Database& database, const std::string& port, const std::string& intf) {
   requirePort(port);
   const auto status = entityAt<PortMappingStatus>(database, mappingStatusPath);
-  const uint32_t holder = status->portOfIntf(intf);
-  const Vela::Outcome fit = checkIntfName(intf);
+  const auto agent = entityAt<AgentConfig>(database, "p4runtime/config/agent");
+  const Vela::Outcome fit = checkIntfName(intf, agent->cpuDevice().text());
   if (!fit.ok()) throw std::runtime_error(fit.reason());
-  if (holder != 0 && holder != portFromText(port)) {
-    throw std::runtime_error(intfHeldBy(intf, holder));
+  if (status->portOfIntfHas(intf) && status->portOfIntf(intf) != portFromText(port)) {
+    throw std::runtime_error(intfHeldBy(intf, status->portOfIntf(intf)));
   }
   if (database.entity(portPath(port))) {
     entityAt<PortMappingConfig>(database, portPath(port))->intfIs(intf);

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "P4Runtime/packet/ControllerInterface.h"
+#include "P4Runtime/companion/DeviceName.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -16,24 +16,19 @@ Scrivel::TraceHandle trace("PortMappingDirSm");
 using P4RuntimeConfig::portFromText;
 using P4RuntimeConfig::PortMappingConfig;
 
-constexpr size_t longestIntfName = 15;  // of the kernel's
-
 }  // namespace
 
-Vela::Outcome checkIntfName(const std::string& intf) {
+Vela::Outcome checkIntfName(const std::string& intf, const std::string& cpuDevice) {
   using Vela::Outcome;
-  if (intf.size() > longestIntfName) {
+  if (intf.size() > DeviceName::longest) {
     return Outcome::failure(fmt::format("interface name '{}' is longer than {} characters",
-                                        intf.substr(0, 80), longestIntfName));
+                                        intf.substr(0, 80), DeviceName::longest));
   }
-  if (intf == controllerIntfName) {
+  if (intf == cpuDevice) {
     return Outcome::failure(
         fmt::format("interface {} is the CPU's, and no port's; choose another interface", intf));
   }
-  const bool odd = std::any_of(intf.begin(), intf.end(), [](unsigned char c) {
-    return c <= ' ' || c == '/' || c == ':' || c == 0x7f;
-  });
-  if (odd || intf.empty() || intf == "." || intf == "..") {
+  if (!DeviceName::fromText(intf)) {
     return Outcome::failure(
         fmt::format("'{}' is no name of an interface; 'ip link' lists them", intf));
   }
@@ -46,8 +41,11 @@ std::string intfHeldBy(const std::string& intf, uint32_t port) {
 }
 
 PortMappingDirSm::PortMappingDirSm(Vela::Ptr<const P4RuntimeConfig::PortMappingConfigDir> configDir,
-                                   Vela::Ptr<P4RuntimeConfig::PortMappingStatus> status)
-    : configDir_(std::move(configDir)), status_(std::move(status)) {
+                                   Vela::Ptr<P4RuntimeConfig::PortMappingStatus> status,
+                                   std::string cpuDevice)
+    : configDir_(std::move(configDir)),
+      status_(std::move(status)),
+      cpuDevice_(std::move(cpuDevice)) {
   std::vector<std::string> names = configDir_->entityNames();
   std::stable_sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
     return portFromText(a).value_or(0) < portFromText(b).value_or(0);
@@ -100,11 +98,11 @@ PortMappingDirSm::Mappings PortMappingDirSm::mappings() const {
     const std::string& name = wish->config->name();
     const auto port = portFromText(name);
     if (!port) {
-      mappings.refused[name] = "it is no P4 port id; a port is a number from 1 to 4294967295";
+      mappings.refused[name] = "it is no P4 port id; a port is a number from 0 to 4294967295";
       continue;
     }
     if (wish->intf.empty()) continue;
-    if (const Vela::Outcome fit = checkIntfName(wish->intf); !fit.ok()) {
+    if (const Vela::Outcome fit = checkIntfName(wish->intf, cpuDevice_); !fit.ok()) {
       mappings.refused[name] = fit.reason();
       continue;
     }

@@ -18,8 +18,9 @@ namespace P4Runtime {
 // ids. Observers of the status never find two ports on one interface.
 class PortMappingDirSm : public Vela::RefCounted {
  public:
+  // `cpuDevice` is no port's.
   PortMappingDirSm(Vela::Ptr<const P4RuntimeConfig::PortMappingConfigDir> configDir,
-                   Vela::Ptr<P4RuntimeConfig::PortMappingStatus> status);
+                   Vela::Ptr<P4RuntimeConfig::PortMappingStatus> status, std::string cpuDevice);
 
   void handlePortMapping(const std::string& name);  // came, went, or is another entity now
   void handleIntf(const std::string& name);
@@ -45,13 +46,14 @@ class PortMappingDirSm : public Vela::RefCounted {
 
   const Vela::Ptr<const P4RuntimeConfig::PortMappingConfigDir> configDir_;
   const Vela::Ptr<P4RuntimeConfig::PortMappingStatus> status_;
+  const std::string cpuDevice_;
   std::map<std::string, Wish> wishes_;  // by port id as text
   uint64_t lastOrder_ = 0;
   Vela::Observation configsChange_;
 };
 
-// Whether an interface may have that name, and be a port's.
-Vela::Outcome checkIntfName(const std::string& intf);
+// Whether an interface may have that name, and be a port's while `cpuDevice` is the CPU's.
+Vela::Outcome checkIntfName(const std::string& intf, const std::string& cpuDevice);
 // The refusal of other ports while `port` has the interface.
 std::string intfHeldBy(const std::string& intf, uint32_t port);
 

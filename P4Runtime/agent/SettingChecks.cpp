@@ -26,12 +26,13 @@ struct ReadAtStart {
   const char* path;
   const char* attribute;
 };
-constexpr std::array<ReadAtStart, 5> readAtStart{{
+constexpr std::array<ReadAtStart, 6> readAtStart{{
     {"p4runtime/config/system", "deviceId"},
     {"p4runtime/config/system", "grpcServerAddress"},
     {"p4runtime/config/agent", "p4InfoJsonPath"},
     {"p4runtime/config/agent", "deviceJsonPath"},
     {"p4runtime/config/agent", "pluginDirectory"},
+    {"p4runtime/config/agent", "cpuDevice"},
 }};
 
 // 0 if a server can listen there, else the errno.

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "P4Runtime/companion/BatchTimeout.h"
+#include "P4Runtime/companion/DeviceName.h"
 #include "P4Runtime/companion/IpAddress.h"
 #include "platform/vela/Entity.h"
 
@@ -85,6 +86,10 @@ class AgentConfig : public Vela::Entity {
   // Where plugins are looked for when the agent starts; "": "korvel/plugins" beside the agent's
   // library, if that is there.
   VELA_ATTRIBUTE(std::string, pluginDirectory, "")
+  // Over which packets for controllers come in; switches of one network namespace need one each.
+  VELA_ATTRIBUTE(DeviceName, cpuDevice, DeviceName())
+  // Every packet-out goes to the CPU device with its header, for the forwarding plane's program.
+  VELA_ATTRIBUTE(bool, packetOutToProgram, false)
 };
 
 }  // namespace P4Runtime

@@ -19,8 +19,8 @@ class PortMappingConfig final : public Vela::Entity {
   VELA_ATTRIBUTE(std::string, intf, "")  // the interface's id; "": not mapped
 };
 
-// A P4 port id in decimal, without leading zeros: 1 to 4294967295. 0 is not a port id: controllers
-// write it for "no port".
+// A P4 port id in decimal, without leading zeros: 0 to 4294967295. 0 is a port where it is mapped;
+// in many programs controllers write it for "no port".
 std::optional<uint32_t> portFromText(const std::string& text);
 
 // At "p4runtime/config/port-mapping".

@@ -14,14 +14,17 @@ constexpr bool keepConfigured = true;
 
 }  // namespace
 
-ControllerInterface::ControllerInterface(Vela::Ptr<const Bridging::Config> bridgingConfig)
-    : Entity("controllerInterface"), bridgingConfig_(std::move(bridgingConfig)) {
+ControllerInterface::ControllerInterface(Vela::Ptr<const Bridging::Config> bridgingConfig,
+                                         std::string intfName)
+    : Entity("controllerInterface"),
+      bridgingConfig_(std::move(bridgingConfig)),
+      intfName_(std::move(intfName)) {
   handleInitialized();
 }
 
 Vela::Ptr<ControllerInterface> controllerInterfaceFactory(
-    Vela::Ptr<const Bridging::Config> bridgingConfig) {
-  return Vela::make<ControllerInterface>(std::move(bridgingConfig));
+    Vela::Ptr<const Bridging::Config> bridgingConfig, std::string intfName) {
+  return Vela::make<ControllerInterface>(std::move(bridgingConfig), std::move(intfName));
 }
 
 void ControllerInterface::handleInitialized() {
@@ -33,17 +36,17 @@ void ControllerInterface::handleInitialized() {
 Vela::Outcome ControllerInterface::bringUpIntf() {
   const std::string& mac = bridgingConfig_->bridgeMacAddr();
   SCRIVEL_TRACE(1, "bringUpIntf", " mac:", mac);
-  Vela::Outcome withMac = intfOperations()->up(controllerIntfName, mac, keepConfigured);
+  Vela::Outcome withMac = intfOperations()->up(intfName_, mac, keepConfigured);
   if (withMac.ok() || mac.empty()) return withMac;
   // Packets matter more than the address that they come from.
   SCRIVEL_TRACE(0, "bringUpIntf", " ", withMac.reason());
-  (void)intfOperations()->up(controllerIntfName, "", keepConfigured);  // the first reason is told
+  (void)intfOperations()->up(intfName_, "", keepConfigured);  // the first reason is told
   return withMac;
 }
 
 Vela::Outcome ControllerInterface::bringDownIntf() {
   SCRIVEL_TRACE(1, "bringDownIntf");
-  return intfOperations()->down(controllerIntfName);
+  return intfOperations()->down(intfName_);
 }
 
 }  // namespace P4Runtime

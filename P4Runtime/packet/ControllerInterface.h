@@ -1,4 +1,4 @@
-// The CPU's own network device, "p4controller": punted packets come in there.
+// The CPU's own network device, usually "p4controller": punted packets come in there.
 #pragma once
 
 #include <string>
@@ -14,13 +14,14 @@ inline constexpr const char* controllerIntfName = "p4controller";
 // Call with the activity lock held.
 class ControllerInterface final : public Vela::Entity {
  public:
-  explicit ControllerInterface(Vela::Ptr<const Bridging::Config> bridgingConfig);
+  ControllerInterface(Vela::Ptr<const Bridging::Config> bridgingConfig, std::string intfName);
   const char* typeName() const override { return "P4Runtime::ControllerInterface"; }
 
   VELA_READONLY_ATTRIBUTE(Vela::Ptr<Wirra::InterfaceOperations>, intfOperations, nullptr)
   VELA_READONLY_ATTRIBUTE(bool, initialized, false)
 
  public:
+  const std::string& intfName() const { return intfName_; }
   // With the switch's own MAC address when the bridging configuration has one; the device keeps its
   // own when it does not take that.
   Vela::Outcome bringUpIntf();
@@ -32,9 +33,10 @@ class ControllerInterface final : public Vela::Entity {
  private:
   void handleInitialized();
   const Vela::Ptr<const Bridging::Config> bridgingConfig_;
+  const std::string intfName_;
 };
 
 Vela::Ptr<ControllerInterface> controllerInterfaceFactory(
-    Vela::Ptr<const Bridging::Config> bridgingConfig);
+    Vela::Ptr<const Bridging::Config> bridgingConfig, std::string intfName = controllerIntfName);
 
 }  // namespace P4Runtime

@@ -30,6 +30,9 @@ class ControllerTxPktConfig final : public Vela::Entity {
   // Lanes that have used up their share; set by the consumer of the queue.
   void crowdedLanesAre(std::set<uint64_t> lanes) { crowdedLanes_ = std::move(lanes); }
 
+  // Every packet, with its header, goes through the forwarding plane, whatever its header says.
+  VELA_ATTRIBUTE(bool, allToProgram, false)
+
  private:
   std::set<uint64_t> crowdedLanes_;
   KeyedQueue<ControllerTxPktDesc> txPktDesc_{*this, "txPktDesc"};

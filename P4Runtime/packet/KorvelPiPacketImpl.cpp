@@ -107,6 +107,12 @@ pi_status_t queueCopy(ControllerTxPktConfig& queue, ControllerTxPktDesc desc, co
   return queue.txPktDescEnq(desc) ? PI_STATUS_SUCCESS : PI_STATUS_PACKETOUT_SEND_ERROR;
 }
 
+pi_status_t queueForProgram(ControllerTxPktConfig& queue, const uint8_t* bytes, size_t size) {
+  ControllerTxPktDesc desc;
+  desc.flags.ingressProcessingEnabledIs(true);
+  return queueCopy(queue, std::move(desc), bytes, size);
+}
+
 // The port of a header that names one, unless the packet is for the pipeline, is ours to serve.
 // All else is the forwarding plane's: it gets the packet with its header.
 std::optional<pi_status_t> maybeQueueWirePacket(ControllerTxPktConfig& queue,
@@ -119,11 +125,10 @@ std::optional<pi_status_t> maybeQueueWirePacket(ControllerTxPktConfig& queue,
     queue.refusedHeaderIs(queue.refusedHeader() + 1);
     return PI_STATUS_PACKETOUT_SEND_ERROR;
   }
-  ControllerTxPktDesc desc;
   if (wire.submitsToIngress || !wire.port || *wire.port > UINT32_MAX) {
-    desc.flags.ingressProcessingEnabledIs(true);
-    return queueCopy(queue, std::move(desc), bytes, size);
+    return queueForProgram(queue, bytes, size);
   }
+  ControllerTxPktDesc desc;
   desc.egressP4PortId = static_cast<uint32_t>(*wire.port);
   return queueCopy(queue, std::move(desc), bytes + wire.bytes, size - wire.bytes);
 }
@@ -134,6 +139,7 @@ pi_status_t queuePacket(ControllerTxPktConfig& queue, const P4ControllerPktMetad
     queue.refusedHeaderIs(queue.refusedHeader() + 1);
     return PI_STATUS_PACKETOUT_SEND_ERROR;
   };
+  if (queue.allToProgram()) return queueForProgram(queue, bytes, size);
   if (const auto queued = maybeQueueWirePacket(queue, metadata, bytes, size)) return *queued;
   const auto header = packetOutHeader(metadata);
   if (!header) return refuseHeader();

@@ -71,7 +71,7 @@ void CpuPktSm::handleInitialized() {
       [this](const std::string& name) { handleKernelDevice(name); }));
   changes_.push_back(controllerInterface()->observeMac([this] { doBringUp(); }));
   changes_.push_back(controllerTxPktConfig()->txPktDesc().observe([this] { handleTxPktDesc(); }));
-  netdevNameIs(controllerIntfName);
+  netdevNameIs(controllerInterface()->intfName());
   handleKernelDevice(netdevName());
   pamCollectionIs(Vela::make<PamCollection>("cpuPktInterfaces"));
   desiredIntfDirIs(Vela::make<Orrery::Directory>("desiredInterfaces"));

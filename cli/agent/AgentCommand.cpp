@@ -132,10 +132,14 @@ void doLoadConfig(Orrery::Database& database, const Options& options) {
   }
 }
 
-// SIGTERM and SIGINT take the same way out as an exit request.
-void doRequestExit(Orrery::Database& database) {
+Vela::Ptr<P4Runtime::AgentConfig> agentConfig(const Orrery::Database& database) {
   const auto config = database.entity("p4runtime/config/agent");
-  static_cast<P4Runtime::AgentConfig*>(config.get())->exitRequestedIs(true);
+  return Vela::Ptr<P4Runtime::AgentConfig>(static_cast<P4Runtime::AgentConfig*>(config.get()));
+}
+
+// SIGTERM and SIGINT take the same way out as an exit request.
+void doRequestExit(const Orrery::Database& database) {
+  agentConfig(database)->exitRequestedIs(true);
 }
 
 // A start that takes a while looks up between its steps.
@@ -178,8 +182,9 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
     opened = openStore(options);
     warnUnlessMemory(options.stateDirectory);
     stopIfRequested(stopWatcher);
-    if (options.createCpuDevice) network->cpuDeviceIs();
-    network->start();
+    const std::string cpuDevice = agentConfig(*database)->cpuDevice().text();
+    if (options.createCpuDevice) network->createCpuDevice(cpuDevice);
+    network->start(cpuDevice);
     server =
         std::make_unique<Orrery::Server>(loop, *database, options.stateDirectory + "/orrery.sock");
     runtime = std::make_unique<P4Runtime::AgentRuntime>(
@@ -218,7 +223,8 @@ void addAgentCommand(CLI::App& app) {
       ->default_str(defaultStateDirectory());
   command->add_option("--library", options->library, "The agent's library, libP4Runtime.so");
   command->add_flag("--create-cpu-device", options->createCpuDevice,
-                    "Make the device packets to the controller come over, a TAP \"p4controller\"");
+                    "Make the device packets to the controller come over, a TAP; cpuDevice of "
+                    "p4runtime/config/agent is its name (p4controller)");
   command->add_flag("--allow-pretended-programming", options->allowPretendedProgramming,
                     "Let `korvel set p4runtime/batchStatus pretendHwProgramming true` confirm "
                     "entries that nobody programs, for tests of controllers");

@@ -18,7 +18,8 @@
 
 namespace {
 
-constexpr const char* cpuDevice = "p4controller";
+// Room for jumbo frames behind the header of a packet-out.
+constexpr unsigned cpuDeviceMtu = 9216;
 
 template <typename T>
 Vela::Ptr<T> made(Orrery::Database& database, const std::string& typeName,
@@ -64,12 +65,14 @@ NetworkPlatform::NetworkPlatform(Vela::ReactorLoop& loop, Orrery::Database& data
 
 NetworkPlatform::~NetworkPlatform() = default;
 
-void NetworkPlatform::cpuDeviceIs() {
+void NetworkPlatform::createCpuDevice(const std::string& cpuDevice) {
+  const bool existed = if_nametoindex(cpuDevice.c_str()) != 0;
   try {
     // Attach even if it exists: it vanishes when its last user exits.
     impl_->tap.emplace(cpuDevice);
+    if (!existed) (void)Vela::make<Wirra::InterfaceOperations>()->mtuIs(cpuDevice, cpuDeviceMtu);
   } catch (const std::system_error& e) {
-    if (if_nametoindex(cpuDevice) != 0) return;
+    if (if_nametoindex(cpuDevice.c_str()) != 0) return;
     throw std::system_error(
         e.code(), fmt::format("the CPU device {} cannot be made, which takes CAP_NET_ADMIN and "
                               "/dev/net/tun; make it beforehand (ip tuntap add {} mode tap "
@@ -78,7 +81,7 @@ void NetworkPlatform::cpuDeviceIs() {
   }
 }
 
-void NetworkPlatform::start() {
+void NetworkPlatform::start(const std::string& cpuDevice) {
   try {
     impl_->devicesSm.emplace(impl_->loop, impl_->devices);
   } catch (const std::system_error& e) {

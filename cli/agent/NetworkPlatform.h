@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "platform/orrery/Database.h"
 #include "platform/vela/ReactorLoop.h"
@@ -16,10 +17,11 @@ class NetworkPlatform {
 
   // Makes the device over which packets come to the agent, a TAP, until this dies. An existing
   // device of the name will do, of any kind. Throws std::system_error.
-  void cpuDeviceIs();
-  // Follows devices, and configures interfaces as the state database says, from now on. Without a
-  // netlink socket of the kernel there are no devices: a line on standard error says so.
-  void start();
+  void createCpuDevice(const std::string& cpuDevice);
+  // Follows devices, and configures interfaces as the state database says, from now on, except for
+  // the CPU device. Without a netlink socket of the kernel there are no devices: a line on standard
+  // error says so.
+  void start(const std::string& cpuDevice);
 
  private:
   struct Impl;

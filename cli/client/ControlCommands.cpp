@@ -123,7 +123,7 @@ void addPortCommands(CLI::App& app, const SharedOptions& options) {
   port->require_subcommand(1);
   CLI::App* map =
       port->add_subcommand("map", "Have a P4 port mean an interface, until the agent ends");
-  map->add_option("PORT", options->port, "P4 port id, 1 to 4294967295")->required();
+  map->add_option("PORT", options->port, "P4 port id, 0 to 4294967295")->required();
   map->add_option("INTERFACE", options->intf, "Network interface, such as eth1")->required();
   map->callback([options] { runCommand(*options, "port map", {options->port, options->intf}); });
   CLI::App* unmap = port->add_subcommand("unmap", "Have a P4 port mean nothing");

@@ -154,6 +154,7 @@ TEST(AgentSettings, ThatWouldEndItAreRefused) {
       {"p4runtime/config/system", "grpcServerPort", "many", "takes a uint16, not 'many'"},
       {"p4runtime/config/system", "grpcServerAddress", "10.255.255.1", "start the agent anew"},
       {"p4runtime/config/system", "deviceId", "7", "start the agent anew"},
+      {"p4runtime/config/agent", "cpuDevice", "cpu1", "start the agent anew"},
       {"p4runtime/config/agent", "batchTimeout", "0", "takes a number of seconds from 1 to 3600"},
       {"p4runtime/batchStatus", "batchTimeout", "0", "takes a number of seconds from 1 to 3600"},
       {"p4runtime/batchStatus", "pretendHwProgramming", "true", "--allow-pretended-programming"},

@@ -8,6 +8,7 @@
 #include "P4Runtime/agent/CliCommands.h"
 #include "P4Runtime/agent/PortMappingDirSm.h"
 #include "P4Runtime/agent/VrfIdCollection.h"
+#include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace P4Runtime {
@@ -24,7 +25,7 @@ using testing::UnorderedElementsAre;
 
 class PortMappingTest : public testing::Test {
  protected:
-  void start() { sm = Vela::make<PortMappingDirSm>(configs, status); }
+  void start() { sm = Vela::make<PortMappingDirSm>(configs, status, "p4controller"); }
   void map(const std::string& port, const std::string& intf) {
     if (!configs->entityHas(port)) {
       const auto config = Vela::make<PortMappingConfig>(port);
@@ -79,20 +80,23 @@ TEST_F(PortMappingTest, ACommandThatIsRefusedChangesNothing) {
   const auto database = Orrery::embeddedDatabase(loop);
   database->entityIs("p4runtime/config/port-mapping", configs);
   database->entityIs("p4runtime/status/port-mapping", status);
-  for (const auto& [port, intf] : {std::pair("5", "veth0"), {"6", "veth1"}, {"7", "veth0"}}) {
+  database->entityIs("p4runtime/config/agent", Vela::make<AgentConfig>("agent"));
+  for (const auto& [port, intf] :
+       {std::pair("0", "veth9"), {"5", "veth0"}, {"6", "veth1"}, {"7", "veth0"}}) {
     map(port, intf);
   }
   start();  // 7 waits for the interface of 5
   const CliCommand command = cliCommands(*database).at("port map");
   const auto before = inForce();
-  for (const char* intf : {"veth1", "a-name-of-16-chars", "p4controller", ""}) {
+  for (const char* intf : {"veth1", "veth9", "a-name-of-16-chars", "p4controller", ""}) {
     EXPECT_THROW(command.run({"5", intf}), std::runtime_error) << intf;
     EXPECT_EQ(inForce(), before) << intf;
   }
   EXPECT_EQ(command.run({"5", "veth2"}), "port 5 is interface veth2");
   EXPECT_EQ(command.run({"8", "veth3"}), "port 8 is interface veth3");
-  EXPECT_THAT(inForce(), UnorderedElementsAre(Pair(5u, "veth2"), Pair(6u, "veth1"),
-                                              Pair(7u, "veth0"), Pair(8u, "veth3")));
+  EXPECT_THAT(inForce(),
+              UnorderedElementsAre(Pair(0u, "veth9"), Pair(5u, "veth2"), Pair(6u, "veth1"),
+                                   Pair(7u, "veth0"), Pair(8u, "veth3")));
 }
 
 TEST_F(PortMappingTest, WhatIsNoPortOrNoInterfaceIsRefusedByName) {
@@ -102,7 +106,8 @@ TEST_F(PortMappingTest, WhatIsNoPortOrNoInterfaceIsRefusedByName) {
     std::string intf;
     const char* reason;  // null: none
   } cases[] = {
-      {"0", "veth1", "no P4 port id"},
+      {"0", "veth0", nullptr},
+      {"00", "veth1", "no P4 port id"},
       {"01", "veth1", "no P4 port id"},
       {"4294967296", "veth1", "no P4 port id"},
       {"-1", "veth1", "no P4 port id"},
@@ -124,7 +129,8 @@ TEST_F(PortMappingTest, WhatIsNoPortOrNoInterfaceIsRefusedByName) {
       EXPECT_THROW(configs->makeEntity(c.port), Vela::BadValue);
     }
   }
-  EXPECT_THAT(inForce(), ElementsAre(Pair(4294967295u, "fifteen.letters")));
+  EXPECT_THAT(inForce(),
+              UnorderedElementsAre(Pair(0u, "veth0"), Pair(4294967295u, "fifteen.letters")));
 }
 
 TEST_F(PortMappingTest, ObserversNeverFindTwoPortsOnOneInterface) {

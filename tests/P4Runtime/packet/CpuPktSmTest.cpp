@@ -29,6 +29,7 @@ using namespace TestSupport;
 using Vela::ActivityLock;
 
 constexpr pi_dev_id_t deviceId = 1;
+constexpr const char* cpuDevice = "cpu-of-switch1";
 constexpr const char* macOfSwitch = "02:00:00:00:12:34";
 
 size_t openDescriptors() {
@@ -72,16 +73,16 @@ class CpuPktSmTest : public testing::Test {
     bridging_->bridgeMacAddrIs(macOfSwitch);
     kernelSm_ = std::make_unique<Wirra::KernelNetInterfaceSm>(parts_->loop, kernel_);
     interfaceSm_ = std::make_unique<Interface::InterfaceStatusSm>(
-        kernel_, directories_, Vela::make<Wirra::InterfaceOperations>(), controllerIntfName);
-    sm_ =
-        cpuPktSmFactory(parts_->loop, {.kernelNetInfoStatus = kernel_,
-                                       .controllerInterface = controllerInterfaceFactory(bridging_),
-                                       .controllerTxPktConfig = queue_,
-                                       .controllerTxPktStatus = status_,
-                                       .p4RtSystemConfig = parts_->config,
-                                       .p4RtPortMappingStatus = mapping_,
-                                       .allIntfStatusDir = directories_.all,
-                                       .allIntfStatusLocalDir = directories_.local});
+        kernel_, directories_, Vela::make<Wirra::InterfaceOperations>(), cpuDevice);
+    sm_ = cpuPktSmFactory(parts_->loop,
+                          {.kernelNetInfoStatus = kernel_,
+                           .controllerInterface = controllerInterfaceFactory(bridging_, cpuDevice),
+                           .controllerTxPktConfig = queue_,
+                           .controllerTxPktStatus = status_,
+                           .p4RtSystemConfig = parts_->config,
+                           .p4RtPortMappingStatus = mapping_,
+                           .allIntfStatusDir = directories_.all,
+                           .allIntfStatusLocalDir = directories_.local});
   }
   void TearDown() override {
     if (!parts_) return;
@@ -249,12 +250,11 @@ class NoDescriptors {
 };
 
 TEST_F(CpuPktSmTest, DevicesThatCouldNotBeOpenedAreTriedAgain) {
-  VethPair a("a0", "a1"), cpu(controllerIntfName, "cpu1");
+  VethPair a("a0", "a1"), cpu(cpuDevice, "cpu1");
   map(1, "a0");
   {
     const NoDescriptors none;
-    ASSERT_TRUE(
-        until([&] { return kernel_->device("a0") && kernel_->device(controllerIntfName); }));
+    ASSERT_TRUE(until([&] { return kernel_->device("a0") && kernel_->device(cpuDevice); }));
     EXPECT_FALSE(sm_->netdevInitialized());
     EXPECT_FALSE(sm_->pamCollection()->pamHas("a0"));
   }
@@ -265,7 +265,7 @@ TEST_F(CpuPktSmTest, DevicesThatCouldNotBeOpenedAreTriedAgain) {
 }
 
 TEST_F(CpuPktSmTest, AHundredFlapsLeaveNothingBehind) {
-  VethPair a("a0", "a1"), cpu(controllerIntfName, "cpu1");
+  VethPair a("a0", "a1"), cpu(cpuDevice, "cpu1");
   map(1, "a0");
   ASSERT_TRUE(untilOpen("a0"));
   send(1);
@@ -273,9 +273,9 @@ TEST_F(CpuPktSmTest, AHundredFlapsLeaveNothingBehind) {
   const size_t descriptors = openDescriptors();
   const size_t bytes = Wirra::ThePacketManager().bytes();
   for (int flap = 0; flap < 100; ++flap) {
-    deviceUpIs(flap % 4 ? "a0" : controllerIntfName, false);
+    deviceUpIs(flap % 4 ? "a0" : cpuDevice, false);
     send(1);
-    deviceUpIs(flap % 4 ? "a0" : controllerIntfName, true);
+    deviceUpIs(flap % 4 ? "a0" : cpuDevice, true);
     if (flap % 10 == 0) a.remade();
     if (flap % 10 == 5) cpu.remade();
     if (flap % 10 == 0) until([&] { return queue_->txPktDesc().empty(); });
@@ -284,7 +284,7 @@ TEST_F(CpuPktSmTest, AHundredFlapsLeaveNothingBehind) {
   ASSERT_TRUE(untilDrained());
   ASSERT_TRUE(until([&] {
     return sm_->netdevPam() &&
-           static_cast<unsigned>(sm_->netdevPam()->ifIndex()) == if_nametoindex(controllerIntfName);
+           static_cast<unsigned>(sm_->netdevPam()->ifIndex()) == if_nametoindex(cpuDevice);
   }));
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_EQ(Wirra::ThePacketManager().bytes(), bytes);
@@ -299,9 +299,9 @@ TEST_F(CpuPktSmTest, TheCpuDeviceIsBroughtUpAndItsPacketsGoToTheLibrary) {
   send(1, 60, true);
   ASSERT_TRUE(untilDrained());
   EXPECT_EQ(status_->noPam(), 1u) << "for the forwarding plane, which nothing leads to";
-  VethPair cpu(controllerIntfName, "cpu1");
+  VethPair cpu(cpuDevice, "cpu1");
   ASSERT_TRUE(until([&] {
-    const auto device = kernel_->device(controllerIntfName);
+    const auto device = kernel_->device(cpuDevice);
     return sm_->netdevInitialized() && device->operUp() && device->mac() == macOfSwitch;
   }));
   FarEnd forwardingPlane("cpu1");

@@ -20,11 +20,14 @@ class PacketOutTest : public testing::Test {
     ThePiContext()->p4ControllerPktMetadataIs(parts_.controllerPktMetadata);
     ThePiContext()->controllerTxPktConfigIs(queue_);
   }
-  void headerIs(const std::vector<P4ControllerPktMetadataField>& fields) {
+  void headerIs(const std::vector<P4ControllerPktMetadataField>& fields, bool isPacked = false) {
     const ActivityLock lock;
     parts_.controllerPktMetadata->metadataEntryDelAll();
     const auto header = parts_.controllerPktMetadata->metadataEntryIs("packet_out", 5);
-    for (const auto& field : fields) header->metadataFieldIs(field);
+    for (const auto& field : fields) {
+      header->metadataFieldIs(field);
+      if (isPacked) header->wireFieldEnq(field);
+    }
   }
   pi_status_t send(const std::string& packet) {
     // In memory of exactly its size: a sanitizer sees reads beyond it.
@@ -125,12 +128,7 @@ TEST_F(PacketOutTest, DecidesByFieldNamesOfAHeaderOnTheWire) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    headerIs(c.fields);
-    {
-      const ActivityLock lock;
-      const auto header = parts_.controllerPktMetadata->metadataEntry("packet_out");
-      for (const auto& field : c.fields) header->wireFieldEnq(field);
-    }
+    headerIs(c.fields, true);
     ASSERT_EQ(send(bytes(c.bytes)), c.status);
     const ActivityLock lock;
     ASSERT_EQ(queue_->txPktDesc().empty(), c.status != PI_STATUS_SUCCESS);
@@ -140,6 +138,31 @@ TEST_F(PacketOutTest, DecidesByFieldNamesOfAHeaderOnTheWire) {
     EXPECT_EQ(desc.egressP4PortId, c.port);
     const auto packet = desc.pkt->bytes();
     EXPECT_EQ(std::string(packet.begin(), packet.end()), bytes(c.packet));
+  }
+}
+
+TEST_F(PacketOutTest, HandsAllToTheProgramOnceItIsTold) {
+  queue_->allToProgramIs(true);
+  const struct {
+    const char* what;
+    std::vector<P4ControllerPktMetadataField> fields;
+    bool isPacked;
+  } cases[] = {
+      {"no header", {}, false},
+      {"a header as the agent would read it", usable, false},
+      {"a port on the wire", {{1, "egress_port", 9}, {2, "_pad", 7}}, true},
+      {"fields that mean nothing to the agent", {{1, "a", 3}, {2, "b", 5}, {3, "c", 7}}, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (!c.fields.empty()) headerIs(c.fields, c.isPacked);
+    ASSERT_EQ(send(bytes("0180 00 aabbcc")), PI_STATUS_SUCCESS);
+    const ActivityLock lock;
+    ASSERT_FALSE(queue_->txPktDesc().empty());
+    const auto desc = queue_->txPktDesc().deq().second;
+    EXPECT_TRUE(desc.flags.ingressProcessingEnabled());
+    const auto packet = desc.pkt->bytes();
+    EXPECT_EQ(std::string(packet.begin(), packet.end()), bytes("018000aabbcc"));
   }
 }
 
