@@ -69,6 +69,7 @@ Runner::Runner(RunnerOptions options)
         std::make_unique<Forwarding>(*options_.forwarding, options_.stateDirectory, agent_.flows(),
                                      [this](const std::string& line) { say(line); });
     agent_.planeIs(&forwarding_->plane());
+    subscriber_->answersQuestionsIs(true);
     forwarding_->start();  // signals are blocked by now, for its threads, too
   }
   if (options_.punt.listens()) punter_.start();  // signals are blocked by now, for its threads too
@@ -102,8 +103,20 @@ void Runner::run() try {
 void Runner::doFollow(milliseconds timeout) {
   subscriber_->follow(timeout);
   if (!forwarding_) return;
-  agent_.checkPlane();
+  maybeCheckPlane();
   forwarding_->work(Forwarding::Clock::now(), *subscriber_);
+}
+
+// The agent asks for the program of a push once its rows are as they should be. It may have died
+// before that.
+void Runner::maybeCheckPlane() {
+  constexpr std::chrono::seconds patience{2};
+  const auto now = Forwarding::Clock::now();
+  if (now < planeCheckDue_) return;
+  planeCheckDue_ = now + patience;
+  if (std::exchange(planeWasStale_, forwarding_->plane().hasNewPush()) && planeWasStale_) {
+    agent_.checkPlane();
+  }
 }
 
 void Runner::republishFlows() {

@@ -40,6 +40,7 @@ class Runner {
   bool handleSignals();  // false when a signal ends the process
   void handleAttachment();
   void doFollow(std::chrono::milliseconds timeout);
+  void maybeCheckPlane();
   void republishFlows();
   void handleProgress();  // called within follow(), which may take long
   void doServe();
@@ -57,6 +58,8 @@ class Runner {
   std::unique_ptr<Lattice::Subscriber> subscriber_;
   Punter punter_;
   ControlSocket control_;
+  Forwarding::Clock::time_point planeCheckDue_{};
+  bool planeWasStale_ = false;
   int signals_ = -1;
   bool attached_ = false;
   std::string saidTrouble_;

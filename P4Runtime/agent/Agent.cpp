@@ -210,8 +210,11 @@ void Agent::doBuildPipeline() {
        .pushed = pushedFiles_.get(),
        .entriesBelongTo = [this](uint64_t push) { tableImpl()->entriesBelongTo(push); }},
       {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
+  planeQuestions_ = std::make_unique<PlaneQuestions>(*tables_);
+  TheForwardingPlaneIs(planeQuestions_.get());
   pipelinePusher_ = Vela::make<PipelinePusher>(PusherPeers{.loop = runtime_.loop,
                                                            .files = *pushedFiles_,
+                                                           .plane = *planeQuestions_,
                                                            .tableInfoSm = p4TableInfoSm(),
                                                            .tableInfo = p4TableInfo(),
                                                            .tableImpl = tableImpl(),

@@ -16,6 +16,7 @@
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
 #include "P4Runtime/agent/P4RtSystemConfigSm.h"
 #include "P4Runtime/agent/PipelinePusher.h"
+#include "P4Runtime/agent/PlaneQuestions.h"
 #include "P4Runtime/agent/PortMappingDirSm.h"
 #include "P4Runtime/agent/VrfIdCollection.h"
 #include "P4Runtime/companion/BatchStatus.h"
@@ -143,6 +144,7 @@ class Agent : public Vela::Entity {
   std::unique_ptr<AgentPackets> packets_;
   std::unique_ptr<ElectionIds> electionIds_;
   std::unique_ptr<PushedFiles> pushedFiles_;
+  std::unique_ptr<PlaneQuestions> planeQuestions_;
   Vela::Ptr<PipelinePusher> pipelinePusher_;
   std::unique_ptr<Vela::Timer> statusTimer_;
   std::unique_ptr<Vela::Timer> progressTimer_;  // runs while entries are restored

@@ -41,7 +41,8 @@ constexpr int internalError = 13;
 constexpr int unavailable = 14;
 
 constexpr std::chrono::seconds patience(60);  // for another push, and for the pipeline to run
-constexpr size_t mostTold = 20;               // faults of a pipeline
+constexpr std::chrono::seconds executionPatience(20);  // for forwarding agents to take a program
+constexpr size_t mostTold = 20;                        // faults of a pipeline
 
 struct PushRefused : std::runtime_error {
   PushRefused(int code, const std::string& why) : std::runtime_error(why), code(code) {}
@@ -318,7 +319,20 @@ PushAnswer PipelinePusher::commit(const std::shared_ptr<const Built>& built, boo
     return {unavailable,
             "the pipeline is still coming up; GetForwardingPipelineConfig returns it once it runs"};
   }
-  return answered.get();
+  PushAnswer answer = answered.get();
+  return answer.code == 0 ? executedBy(number) : answer;
+}
+
+// Forwarding agents that execute programs have taken this one, or say why they cannot.
+PushAnswer PipelinePusher::executedBy(uint64_t push) const {
+  const PlaneAnswer asked = peers_.plane.ask({.push = push}, executionPatience);
+  if (asked.kind == PlaneAnswer::Kind::late) {
+    return {unavailable,
+            "the pipeline runs, but the forwarding plane has not said yet that it executes it"};
+  }
+  if (asked.kind == PlaneAnswer::Kind::nobody || asked.answer.errorCode == 0) return {};
+  return {internalError, "the pipeline runs, but the forwarding plane does not execute it: " +
+                             asked.answer.bytes};
 }
 
 // Call with the activity lock held. Code 0: nothing is in the way of a change.

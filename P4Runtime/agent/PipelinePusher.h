@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "P4Runtime/pi/ForwardingPlane.h"
 #include "P4Runtime/pi/PipelinePushes.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
 #include "P4Runtime/pipeline/PushedFiles.h"
@@ -23,6 +24,7 @@ namespace P4Runtime {
 struct PusherPeers {
   Vela::ReactorLoop& loop;
   const PushedFiles& files;
+  ForwardingPlane& plane;
   Vela::Ptr<P4TableInfoSm> tableInfoSm;
   Vela::Ptr<P4TableInfo> tableInfo;
   Vela::Ptr<TableImpl> tableImpl;
@@ -49,6 +51,7 @@ class PipelinePusher : public Vela::Entity, public PipelinePushes {
   PushAnswer doPush(int action, std::optional<std::string_view> config);
   std::shared_ptr<const Built> build(std::string_view config) const;
   PushAnswer commit(const std::shared_ptr<const Built>& built, bool keepsEntries);
+  PushAnswer executedBy(uint64_t push) const;
   PushAnswer obstacle() const;
   uint64_t entriesFor(const Built& built, uint64_t number) const;
   bool runsAlready(const Built& built) const;

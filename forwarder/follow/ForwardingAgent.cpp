@@ -77,6 +77,12 @@ void ForwardingAgent::rowsEnd() {
   due_.clear();
 }
 
+Lattice::Answer ForwardingAgent::answer(const Lattice::Question& question) {
+  if (!plane_) return SubscriberHandler::answer(question);
+  checkPlane();
+  return plane_->answer(question);
+}
+
 // Changes that wait for one another are tried in rounds, until a round brings nothing. Then they
 // wait on, or are refused.
 void ForwardingAgent::retryWaiting(bool mayWait) {

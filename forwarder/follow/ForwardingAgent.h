@@ -72,6 +72,7 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void rowChanged(const Lattice::RowChange& change) override;
   void rowsComing(std::span<const Lattice::RowChange> changes) override;
   void rowsEnd() override;
+  Lattice::Answer answer(const Lattice::Question& question) override;
 
  private:
   struct Held {

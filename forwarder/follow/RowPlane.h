@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "forwarder/table/ProgrammedTable.h"
+#include "platform/lattice/doorbell/Question.h"
 
 namespace Forwarder {
 
@@ -46,6 +47,7 @@ class RowPlane {
   virtual void countsAre(const ProgrammedTable& table, std::string_view key,
                          const RowFlow& flow) = 0;
   virtual void commit() = 0;
+  virtual Lattice::Answer answer(const Lattice::Question& question) = 0;
 };
 
 }  // namespace Forwarder

@@ -10,6 +10,9 @@ namespace Forwarder {
 namespace {
 
 // See P4Runtime/companion/ErrorCode.h.
+constexpr uint16_t codeInternal = 2;
+constexpr uint16_t codeNotReady = 5;
+
 uint16_t codeOf(P4::RefusalKind kind) {
   switch (kind) {
     case P4::RefusalKind::full:
@@ -220,14 +223,39 @@ std::vector<uint64_t> Plane::idleEntries(uint64_t now) {
   return handles;
 }
 
-std::optional<std::string> Plane::registerCell(uint32_t id, uint32_t index) const {
-  if (!engine_) return std::nullopt;
+Lattice::Answer Plane::answer(const Lattice::Question& question) {
+  return question.kind == Lattice::Question::Kind::pipeline ? answerOfPush(question.push)
+                                                            : registerCells(question);
+}
+
+// A later push may have come meanwhile.
+Lattice::Answer Plane::answerOfPush(uint64_t push) const {
+  if (push_ < push)
+    return {codeNotReady, "the program of push " + std::to_string(push) + " has not come"};
+  return {trouble_.empty() ? uint16_t{0} : codeInternal, trouble_};
+}
+
+std::optional<uint32_t> Plane::registerWithId(uint32_t id) const {
   for (const auto& [rows, meaning] : executed_.names.tables) {
     if (meaning.kind != "register" || meaning.id != id) continue;
-    const auto array = P4::registerNamed(engine_->program(), meaning.name);
-    return array ? engine_->registerCell(*array, index) : std::nullopt;
+    return P4::registerNamed(engine_->program(), meaning.name);
   }
   return std::nullopt;
+}
+
+Lattice::Answer Plane::registerCells(const Lattice::Question& question) const {
+  const auto array = engine_ ? registerWithId(question.registerId) : std::nullopt;
+  if (!array) {
+    return {codeInternal,
+            "the program has no register with id " + std::to_string(question.registerId)};
+  }
+  Lattice::Answer answer;
+  for (uint64_t cell = question.firstCell; cell - question.firstCell < question.cellCount; ++cell) {
+    const auto bytes = engine_->registerCell(*array, static_cast<uint32_t>(cell));
+    if (!bytes) return {codeInternal, "there is no cell " + std::to_string(cell)};
+    answer.bytes += *bytes;
+  }
+  return answer;
 }
 
 }  // namespace Forwarder

@@ -39,12 +39,14 @@ class Plane final : public RowPlane {
   Plane(PlaneOptions options, EngineSlot& slot, DigestQueue& digests, FlowBook& flows, Log log);
 
   bool isStale() override;
+  bool hasNewPush() const { return source_.isNew(); }  // that isStale() has not taken
   void rebuild(const std::vector<const ProgrammedTable*>& tables) override;
   PlaneVerdict write(const ProgrammedTable& table, const PlaneRow& row) override;
   PlaneVerdict erase(const ProgrammedTable& table, std::string_view key) override;
   void eraseAll(const ProgrammedTable& table) override;
   void countsAre(const ProgrammedTable& table, std::string_view key, const RowFlow& flow) override;
   void commit() override;
+  Lattice::Answer answer(const Lattice::Question& question) override;
 
   // Of a program's action profiles: members whose port is down are passed over.
   void portIs(uint32_t port, bool up);
@@ -56,9 +58,6 @@ class Plane final : public RowPlane {
   void retellCounts();
   // Entry handles of entries that no packet has met for their time-outs; ask once a second.
   std::vector<uint64_t> idleEntries(uint64_t now);
-  // A cell's bytes, big-endian; nothing without such a cell. By the register's id in the P4Info.
-  std::optional<std::string> registerCell(uint32_t id, uint32_t index) const;
-
   uint64_t push() const { return push_; }  // whose program is executed; 0: none
   const std::string& trouble() const { return trouble_; }
   const P4::Engine* engine() const { return engine_.get(); }
@@ -69,6 +68,9 @@ class Plane final : public RowPlane {
     ProgramNames names;
     bool operator==(const Executed&) const = default;
   };
+  Lattice::Answer answerOfPush(uint64_t push) const;
+  Lattice::Answer registerCells(const Lattice::Question& question) const;
+  std::optional<uint32_t> registerWithId(uint32_t id) const;
   void takePush();
   void execute(Executed next);
   PlaneTable* tableOf(const ProgrammedTable& table);

@@ -25,7 +25,7 @@ ProgramSource::Stamp ProgramSource::stamp() const {
   return {info.st_ino, info.st_mtim.tv_sec, info.st_mtim.tv_nsec};
 }
 
-bool ProgramSource::isNew() { return stamp() != taken_; }
+bool ProgramSource::isNew() const { return stamp() != taken_; }
 
 std::optional<PushedProgram> ProgramSource::take() {
   taken_ = stamp();

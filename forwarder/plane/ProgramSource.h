@@ -23,7 +23,7 @@ class ProgramSource {
   explicit ProgramSource(const std::string& stateDirectory) : folder_(stateDirectory + "/pushed") {}
 
   // Whether the push in force is another one than that last taken; costs a system call.
-  bool isNew();
+  bool isNew() const;
   // The push in force; nothing: there is none. Throws std::runtime_error with a message for people;
   // isNew() is then false until there is another push.
   std::optional<PushedProgram> take();

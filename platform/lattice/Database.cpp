@@ -85,6 +85,9 @@ class DatabaseImpl final : public Database {
   void commitObserverIs(CommitObserver* observer) override { commitObserver_ = observer; }
   std::unique_ptr<TableWatch> watch(const std::string& table) override;
   void observerIs(Observer observer) override { doorbell_.observerIs(std::move(observer)); }
+  bool ask(const Question& question, AnswerHandler handler) override {
+    return doorbell_.ask(question, std::move(handler));
+  }
   std::vector<SubscriberInfo> subscribers() const override { return doorbell_.subscribers(); }
   uint64_t droppedMessages() const override { return doorbell_.droppedMessages(); }
 

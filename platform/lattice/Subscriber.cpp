@@ -48,6 +48,7 @@ class SubscriberImpl final : public Subscriber {
         buffer_(maxMessageBytes, '\0') {}
 
   void appliesAtOnceIs(bool appliesAtOnce) override { appliesAtOnce_ = appliesAtOnce; }
+  void answersQuestionsIs(bool answers) override { answersQuestions_ = answers; }
   void follow(std::chrono::milliseconds timeout) override;
   const std::string& trouble() const override { return trouble_; }
   bool attached() const override { return attached_; }
@@ -67,6 +68,7 @@ class SubscriberImpl final : public Subscriber {
 
  private:
   bool sendNotice(const Notice& notice);
+  void answerQuestions();
   void step(Clock::time_point deadline);
   void waitReadable(Clock::time_point until);
   bool attachBy(Clock::time_point deadline);
@@ -109,6 +111,8 @@ class SubscriberImpl final : public Subscriber {
   std::shared_ptr<DoorbellPage> page_;  // null: the agent sent none
   bool attached_ = false;
   bool appliesAtOnce_ = false;
+  bool answersQuestions_ = false;
+  std::vector<QuestionMessage> questions_;
   Clock::time_point nextAttempt_{};
   std::string buffer_;
   std::deque<std::string> outbox_;
@@ -169,7 +173,16 @@ void SubscriberImpl::step(Clock::time_point deadline) {
     receiveAll();
   }
   if (rung_) catchUp();
+  answerQuestions();
   if (attached_) stay();
+}
+
+void SubscriberImpl::answerQuestions() {
+  for (const QuestionMessage& asked : std::exchange(questions_, {})) {
+    if (!attached_) return;
+    const Answer answer = handler_.answer(asked.question);
+    outbox_.push_back(AnswerMessage{asked.id, answer.errorCode, answer.bytes}.encode());
+  }
 }
 
 void SubscriberImpl::say() {
@@ -221,7 +234,8 @@ void SubscriberImpl::sendAttach() {
   }
   if (!failed_.empty()) needSnapshot_ = true;
   AttachMessage attach{needSnapshot_ ? 0 : sequence_, identity_, name_};
-  if (appliesAtOnce_) attach.flags = AttachMessage::appliesAtOnce;
+  if (appliesAtOnce_) attach.flags |= AttachMessage::appliesAtOnce;
+  if (answersQuestions_) attach.flags |= AttachMessage::answersQuestions;
   if (!identityKnown_ || needSnapshot_) attach.identity = {};
   if (socket_.send(attach.encode()) != Socket::Sent::all) throw Detached{"the agent hung up"};
 }
@@ -249,6 +263,9 @@ void SubscriberImpl::handleMessage(std::string_view message, const Vela::UniqueF
   }
   if (attached_ && RingMessage::decode(message)) {
     rung_ = true;
+  } else if (const auto asked = QuestionMessage::decode(message); asked && attached_) {
+    questions_.push_back(*asked);
+    rung_ = true;  // changes of before may not have rung yet
   } else if (const auto accepted = AttachedMessage::decode(message); accepted && !attached_) {
     handleAttached(*accepted, page);
   } else {
@@ -285,6 +302,7 @@ void SubscriberImpl::detach(std::string why) {
   isWordDue_ = false;
   reader_.reset();
   outbox_.clear();
+  questions_.clear();
   reports_.clear();
   rung_ = false;
   // Reports on the snapshot are lost with the connection; only a new one leads in step.

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/lattice/doorbell/Question.h"
 #include "platform/lattice/types/TableType.h"
 
 namespace Lattice {
@@ -48,6 +49,12 @@ class SubscriberHandler {
   // The changes since the last call make up whole commits. Before the reports on them are sent, but
   // for those that filled a message, and also when the agent has gone.
   virtual void rowsEnd() {}
+  // A question of the agent's, after the changes that were committed before it. Nobody is asked
+  // without Subscriber::answersQuestionsIs().
+  virtual Answer answer(const Question& question) {
+    static_cast<void>(question);
+    return {6, "this forwarding agent does not answer questions"};
+  }
 };
 
 // One thread uses it. Attaches, and attaches again whenever the agent goes away and comes back.
@@ -63,6 +70,10 @@ class Subscriber {
   // the agent refuses Writes with DATAPLANE_ATOMIC. Agents that do not know of this refuse to
   // attach.
   virtual void appliesAtOnceIs(bool appliesAtOnce) = 0;
+
+  // Declares, from the next attaching on, that SubscriberHandler::answer() answers questions.
+  // Agents that do not know of this refuse to attach.
+  virtual void answersQuestionsIs(bool answersQuestions) { static_cast<void>(answersQuestions); }
 
   // Waits for changes at most `timeout`, passes them on, and sends the reports gathered since.
   // Never throws for trouble with the agent or its files: it detaches, keeps its rows, and

@@ -22,6 +22,7 @@ const auto* const network = testing::AddGlobalTestEnvironment(new OwnNetwork);
 
 Switch::Options optionsOf(const WiredSwitch::Wiring& wiring) {
   Switch::Options options{.forwarder = {"--punt"}, .pipelineChange = wiring.pipelineChange};
+  if (wiring.forwards) options.forwarder = {"--forward", "--cpu-port", "510"};
   if (wiring.cpuTap) {
     options.agent = {"--create-cpu-device"};
   } else {
@@ -49,7 +50,10 @@ void WiredSwitch::Link::remade() {
 std::string WiredSwitch::device(uint32_t link) { return fmt::format("link{}", link); }
 
 WiredSwitch::WiredSwitch(const Wiring& wiring, AtFarEnd atFarEnd, AtController atController)
-    : Switch(optionsOf(wiring)), ports_(wiring.ports), atFarEnd_(std::move(atFarEnd)) {
+    : Switch(optionsOf(wiring)),
+      ports_(wiring.ports),
+      forwards_(wiring.forwards),
+      atFarEnd_(std::move(atFarEnd)) {
   onPacketIn = std::move(atController);
   for (uint32_t link = 1; link <= wiring.ports + wiring.spareLinks; ++link) {
     links_.emplace_back(device(link), fmt::format("far{}", link),
@@ -59,7 +63,8 @@ WiredSwitch::WiredSwitch(const Wiring& wiring, AtFarEnd atFarEnd, AtController a
 }
 
 bool WiredSwitch::start() {
-  return Switch::start() && waitUntil([this] { return punts(); }, forwarder.process().descriptor());
+  if (!Switch::start()) return false;
+  return forwards_ || waitUntil([this] { return punts(); }, forwarder.process().descriptor());
 }
 
 // It finds the devices some time after it serves `ctl`, and notes faults in brackets.

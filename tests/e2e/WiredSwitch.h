@@ -26,6 +26,9 @@ class WiredSwitch : public Switch {
     uint32_t spareLinks = 0;  // with the next numbers, mapped to nothing
     bool cpuTap = false;  // made by the agent; else the test makes a veth link of the CPU device
     std::function<void(TestSupport::Pipeline&)> pipelineChange;
+    // The forwarder executes the program that is pushed, with the CPU port 510, and punts nothing
+    // of itself. Takes a cpuTap.
+    bool forwards = false;
   };
   // `atFarEnd` is told each packet that leaves through a link, on a thread for each link;
   // `atController` each packet-in.
@@ -33,7 +36,7 @@ class WiredSwitch : public Switch {
   using AtController = std::function<void(const p4::v1::PacketIn& packet)>;
   WiredSwitch(const Wiring& wiring, AtFarEnd atFarEnd, AtController atController = nullptr);
 
-  bool start();  // and the forwarder punts from all ports
+  bool start();  // and the forwarder punts from all ports, unless it forwards
 
   static std::string device(uint32_t link);  // that the agent has
   TestSupport::PacketEndpoint& farEnd(uint32_t link) { return *links_.at(link - 1).farEnd; }
@@ -62,6 +65,7 @@ class WiredSwitch : public Switch {
   std::map<std::string, uint64_t> counts() const;
 
   const uint32_t ports_;
+  const bool forwards_;
   const AtFarEnd atFarEnd_;
   std::deque<Link> links_;
   std::optional<Link> cpu_;

@@ -17,8 +17,9 @@ namespace {
 
 Scrivel::TraceHandle trace("LatticeDoorbell");
 
-constexpr size_t maxClients = 80;    // above the 64 subscribers that have a bit each
-constexpr int messagesPerTurn = 64;  // so that one subscriber cannot keep the reactor
+constexpr size_t maxClients = 80;       // above the 64 subscribers that have a bit each
+constexpr size_t mostQuestions = 1024;  // without an answer yet
+constexpr int messagesPerTurn = 64;     // so that one subscriber cannot keep the reactor
 constexpr uint64_t neverInStep = UINT64_MAX;
 constexpr std::chrono::microseconds worthLooking{200};  // of a batch of some hundred entries
 
@@ -116,6 +117,7 @@ bool Doorbell::handleMessage(Peer& peer, std::string_view message) {
   if (messageKind(message) == MessageKind::inStep) return handleInStep(peer, message);
   if (messageKind(message) == MessageKind::programmed) return handleProgrammed(peer, message);
   if (messageKind(message) == MessageKind::notice) return handleNotice(message);
+  if (messageKind(message) == MessageKind::answer) return handleAnswer(peer, message);
   return false;
 }
 
@@ -140,6 +142,7 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   peer.info.name = Vela::plainLine(attach->name, maxSubscriberName);
   peer.attachedAt = last;
   peer.info.appliesAtOnce = (attach->flags & AttachMessage::appliesAtOnce) != 0;
+  peer.info.answersQuestions = (attach->flags & AttachMessage::answersQuestions) != 0;
   peer.info.takingSnapshot = !continues;
   // Its next reads show at least the changes committed so far.
   peer.info.sequence = continues ? attach->sequence : last;
@@ -208,6 +211,53 @@ bool Doorbell::handleNotice(std::string_view message) {
   const auto decoded = NoticeMessage::decode(message);
   if (decoded && observer_.notice) observer_.notice(decoded->notice);
   return decoded.has_value();
+}
+
+bool Doorbell::ask(const Question& question, AnswerHandler handler) {
+  if (asked_.size() >= mostQuestions) return false;
+  Asked asked{.handler = std::move(handler)};
+  const std::string message = QuestionMessage{++lastQuestion_, question}.encode();
+  for (const auto& peer : peers_) {
+    if (!peer->attached || !peer->info.answersQuestions) continue;
+    // One whose queue is full is behind, and might never hear of it.
+    if (peer->socket.send(message) == Socket::Sent::all) asked.open |= peer->bit;
+  }
+  if (asked.open == 0) return false;
+  asked_.emplace(lastQuestion_, std::move(asked));
+  return true;
+}
+
+// One that nobody waits for any more, or never was, is passed over.
+bool Doorbell::handleAnswer(Peer& peer, std::string_view message) {
+  const auto answer = AnswerMessage::decode(message);
+  if (!answer) return false;
+  const auto asked = asked_.find(answer->id);
+  if (asked == asked_.end() || (asked->second.open & peer.bit) == 0) return true;
+  Asked& question = asked->second;
+  question.open &= ~peer.bit;
+  question.isAnswered = true;
+  question.answer = {answer->errorCode, std::string(answer->bytes)};
+  if (answer->errorCode != 0) {
+    question.answer.bytes = Vela::plainLine(answer->bytes, maxReportText);
+    question.open = 0;
+  }
+  if (question.open == 0) finish(asked);
+  return true;
+}
+
+void Doorbell::finish(AskedQuestions::iterator asked) {
+  const Asked question = std::move(asked->second);
+  asked_.erase(asked);
+  question.handler(question.isAnswered ? &question.answer : nullptr);
+}
+
+void Doorbell::forgetAsked(Subscribers bit) {
+  for (auto at = asked_.begin(); at != asked_.end();) {
+    const auto asked = at++;
+    const bool wasOpen = (asked->second.open & bit) != 0;
+    asked->second.open &= ~bit;
+    if (wasOpen && asked->second.open == 0) finish(asked);
+  }
 }
 
 // False for a number that cannot be.
@@ -308,6 +358,7 @@ void Doorbell::drop(Peer& peer, bool malformed) {
   std::erase_if(peers_, [&](const auto& other) { return other.get() == &peer; });
   tell(book_.remove(bit));
   if (!wasAttached) return;
+  forgetAsked(bit);
   maybeTellInStep();  // the others may have waited for it
   maybeTellProgrammed();
   if (observer_.left) observer_.left(info);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -44,6 +45,10 @@ class Doorbell {
   // call it without the lock.
   bool lookForProgrammed(uint64_t sequence) const;
 
+  // Asks all subscribers that answer questions; false, and no call, when there is none. Whether the
+  // answer comes in time is the caller's to see to.
+  bool ask(const Question& question, AnswerHandler handler);
+
   bool anyAttached() const;
   uint64_t receivedByAll() const;  // UINT64_MAX without subscribers
   std::vector<SubscriberInfo> subscribers() const;
@@ -63,6 +68,8 @@ class Doorbell {
   bool handleProgrammed(Peer& peer, std::string_view message);
   bool programmedIs(Peer& peer, uint64_t sequence);
   bool handleNotice(std::string_view message);
+  bool handleAnswer(Peer& peer, std::string_view message);
+  void forgetAsked(Subscribers bit);
   void hear();
   bool heard(Peer& peer);
   static bool looks(Peer& peer);
@@ -77,6 +84,16 @@ class Doorbell {
   Subscribers attachedSet() const;
   void expectReports(uint64_t committedBefore, Subscribers attached);
 
+  // A question whose answer somebody waits for.
+  struct Asked {
+    Subscribers open = 0;  // have not answered yet
+    Answer answer;         // the last one
+    bool isAnswered = false;
+    AnswerHandler handler;
+  };
+  using AskedQuestions = std::map<uint64_t, Asked>;
+  void finish(AskedQuestions::iterator asked);
+
   Vela::ReactorLoop& loop_;
   const Brine::Store& store_;
   const StoreIdentity identity_;
@@ -87,6 +104,8 @@ class Doorbell {
   std::vector<Report> reports_;                        // of the message being read
   std::deque<std::string> texts_;                      // texts of reports_ that had to be mended
   std::vector<std::shared_ptr<DoorbellPage>> looked_;  // changed by the thread that looks
+  AskedQuestions asked_;                               // by id
+  uint64_t lastQuestion_ = 0;
   uint64_t lastId_ = 0;
   uint64_t programmedUpTo_ = 0;  // told
   uint64_t droppedMessages_ = 0;

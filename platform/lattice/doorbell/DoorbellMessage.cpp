@@ -48,7 +48,7 @@ uint8_t messageVersion(std::string_view message) {
 std::optional<MessageKind> messageKind(std::string_view message) {
   const uint8_t version = messageVersion(message);
   if (version == 0) return std::nullopt;
-  const auto last = version == 1 ? MessageKind::inStep : MessageKind::notice;
+  const auto last = version == 1 ? MessageKind::inStep : MessageKind::answer;
   const auto kind = static_cast<MessageKind>(message[0]);
   if (kind < MessageKind::attach || kind > last) return std::nullopt;
   return kind;
@@ -76,7 +76,8 @@ std::optional<AttachMessage> AttachMessage::decode(std::string_view message) {
   attach.identity = takeIdentity(*body);
   attach.name = body->takeText();
   if (!body->bad() && !body->finished()) attach.flags = body->take<uint8_t>();
-  const bool isKnown = (attach.flags & ~AttachMessage::appliesAtOnce) == 0;
+  constexpr uint8_t known = AttachMessage::appliesAtOnce | AttachMessage::answersQuestions;
+  const bool isKnown = (attach.flags & ~known) == 0;
   if (!body->finished() || !isKnown || attach.name.size() > maxSubscriberName) return std::nullopt;
   return attach;
 }
@@ -156,6 +157,54 @@ std::optional<NoticeMessage> NoticeMessage::decode(std::string_view message) {
     return std::nullopt;
   }
   return body->finished() ? std::optional(NoticeMessage{notice}) : std::nullopt;
+}
+
+std::string QuestionMessage::encode() const {
+  std::string bytes = numberMessage(MessageKind::question, id);
+  append(bytes, static_cast<uint8_t>(question.kind));
+  if (question.kind == Question::Kind::pipeline) {
+    append(bytes, question.push);
+  } else {
+    append(bytes, question.registerId);
+    append(bytes, question.firstCell);
+    append(bytes, question.cellCount);
+  }
+  return bytes;
+}
+
+std::optional<QuestionMessage> QuestionMessage::decode(std::string_view message) {
+  auto body = bodyOf(message, MessageKind::question);
+  if (!body) return std::nullopt;
+  QuestionMessage asked;
+  asked.id = body->take<uint64_t>();
+  asked.question.kind = static_cast<Question::Kind>(body->take<uint8_t>());
+  if (asked.question.kind == Question::Kind::pipeline) {
+    asked.question.push = body->take<uint64_t>();
+  } else if (asked.question.kind == Question::Kind::registerCells) {
+    asked.question.registerId = body->take<uint32_t>();
+    asked.question.firstCell = body->take<uint64_t>();
+    asked.question.cellCount = body->take<uint32_t>();
+  } else {
+    return std::nullopt;
+  }
+  return body->finished() ? std::optional(asked) : std::nullopt;
+}
+
+std::string AnswerMessage::encode() const {
+  std::string message = numberMessage(MessageKind::answer, id);
+  append(message, errorCode);
+  appendText(message, bytes.substr(0, mostBytes));
+  return message;
+}
+
+std::optional<AnswerMessage> AnswerMessage::decode(std::string_view message) {
+  auto body = bodyOf(message, MessageKind::answer);
+  if (!body) return std::nullopt;
+  AnswerMessage answer;
+  answer.id = body->take<uint64_t>();
+  answer.errorCode = body->take<uint16_t>();
+  answer.bytes = body->takeText();
+  return body->finished() ? std::optional(answer) : std::nullopt;
 }
 
 void ReportsWriter::clear() {

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "platform/lattice/doorbell/Question.h"
 #include "platform/lattice/doorbell/Report.h"
 #include "platform/lattice/records/StoreLayout.h"
 
@@ -31,13 +32,16 @@ enum class MessageKind : uint8_t {
   reports,
   inStep,
   programmed,
-  notice
+  notice,
+  question,
+  answer
 };
 
 // A subscriber's first message: the state it knows.  sequence u64 | identity | name | flags u8
 // A message without flags sets none; it is sent so, since agents of before refuse the byte.
 struct AttachMessage {
-  static constexpr uint8_t appliesAtOnce = 1;  // see Subscriber::appliesAtOnceIs()
+  static constexpr uint8_t appliesAtOnce = 1;     // see Subscriber::appliesAtOnceIs()
+  static constexpr uint8_t answersQuestions = 2;  // see Subscriber::answersQuestionsIs()
   uint64_t sequence = 0;
   StoreIdentity identity{};
   std::string_view name;
@@ -129,6 +133,25 @@ struct NoticeMessage {
   Notice notice;
   std::string encode() const;
   static std::optional<NoticeMessage> decode(std::string_view message);
+};
+
+// From the agent, to a subscriber that answers questions.  id u64 | kind u8 | pipeline: push u64 |
+// register cells: register id u32, first cell u64, number of cells u32
+struct QuestionMessage {
+  uint64_t id = 0;
+  Question question;
+  std::string encode() const;
+  static std::optional<QuestionMessage> decode(std::string_view message);
+};
+
+// From the subscriber.  id u64 | errorCode u16 | bytes (u32 size, bytes)
+struct AnswerMessage {
+  static constexpr size_t mostBytes = maxMessageBytes - 64;
+  uint64_t id = 0;
+  uint16_t errorCode = 0;
+  std::string_view bytes;
+  std::string encode() const;
+  static std::optional<AnswerMessage> decode(std::string_view message);
 };
 
 std::optional<MessageKind> messageKind(std::string_view message);  // of a known version

@@ -38,6 +38,7 @@ struct SubscriberInfo {
   int64_t pid = 0;
   uint64_t sequence = 0;  // received up to here
   bool takingSnapshot = false;
+  bool answersQuestions = false;
   bool appliesAtOnce = false;  // each commit, for all packets at the same time, or none of it
   uint64_t reports = 0;
 };

@@ -165,7 +165,13 @@ class Follower final : public Lattice::SubscriberHandler {
     for (const auto& [handle, sequence] : held) subscriber->report(handle, sequence, code, text);
     held.clear();
   }
+  Lattice::Answer answer(const Lattice::Question& question) override {
+    questions.push_back(question);
+    return answers;
+  }
 
+  std::vector<Lattice::Question> questions;
+  Lattice::Answer answers;
   std::map<std::string, std::map<std::string, std::string>> rows;
   std::vector<std::pair<uint64_t, uint64_t>> held;
   bool holdBack = false;

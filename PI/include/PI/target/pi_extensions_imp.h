@@ -51,6 +51,13 @@ int _pi_pipeline_push(pi_dev_id_t dev_id, int action, const char* config, size_t
  * Nothing is received when no controller did. Any thread. */
 void _pi_pipeline_given(pi_dev_id_t dev_id, pi_bytes_receiver_t receiver, void* cookie);
 
+/* The cells of a register as the forwarding plane has them now, one behind the other, each
+ * big-endian in as many bytes as its width takes. Returns 0, and nothing is received, when the
+ * forwarding plane does not tell: they are then as a controller has last written them. Waits, so
+ * call it without the target's lock. */
+int _pi_register_cells(pi_dev_id_t dev_id, pi_p4_id_t register_id, uint64_t first, uint32_t count,
+                       pi_bytes_receiver_t receiver, void* cookie);
+
 #ifdef __cplusplus
 }
 #endif

@@ -454,6 +454,14 @@ void _pi_pipeline_given(pi_dev_id_t, pi_bytes_receiver_t receiver, void* cookie)
   const std::string& given = theTarget->pushes.given;
   if (!given.empty()) receiver(cookie, given.data(), given.size());
 }
+int _pi_register_cells(pi_dev_id_t, pi_p4_id_t registerId, uint64_t first, uint32_t count,
+                       pi_bytes_receiver_t receiver, void* cookie) {
+  const auto& cells = theTarget->registerCells;
+  if (!cells) return 0;
+  const std::string bytes = cells(registerId, first, count);
+  receiver(cookie, bytes.data(), bytes.size());
+  return 1;
+}
 void _pi_abilities(const char*, size_t, pi_abilities_t* abilities) {
   if (theTarget) *abilities = theTarget->abilities();
 }

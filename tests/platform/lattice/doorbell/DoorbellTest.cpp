@@ -26,6 +26,11 @@ std::string someReports(uint64_t receivedUpTo) {
   return writer.finish(receivedUpTo, 0);
 }
 
+const Question registerCells{.kind = Question::Kind::registerCells,
+                             .registerId = 5,
+                             .firstCell = 1ull << 40,
+                             .cellCount = 9};
+
 TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
   const std::string messages[] = {AttachMessage{1, {}, "name"}.encode(),
                                   AttachedMessage{}.encode(),
@@ -33,11 +38,15 @@ TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
                                   RingMessage{7}.encode(),
                                   InStepMessage{7}.encode(),
                                   ProgrammedMessage{7}.encode(),
+                                  QuestionMessage{7, {.push = 3}}.encode(),
+                                  QuestionMessage{7, registerCells}.encode(),
+                                  AnswerMessage{7, 2, "why"}.encode(),
                                   someReports(9)};
   const auto accepted = [](const std::string& m) {
     const auto reports = decodeReports(m);
     return AttachMessage::decode(m) || AttachedMessage::decode(m) || RefusedMessage::decode(m) ||
-           RingMessage::decode(m) || InStepMessage::decode(m) || ProgrammedMessage::decode(m) ||
+           QuestionMessage::decode(m) || AnswerMessage::decode(m) || RingMessage::decode(m) ||
+           InStepMessage::decode(m) || ProgrammedMessage::decode(m) ||
            (reports && eachReport(*reports, [](const PackedReport&) {}));
   };
   for (const std::string& message : messages) {
@@ -360,6 +369,59 @@ TEST_F(DoorbellTest, NoticesReachTheAgent) {
   EXPECT_EQ(agent.notices[0].message, std::string("\0news", 5));
   EXPECT_EQ(agent.notices[1].kind, Notice::Kind::idleEntry);
   EXPECT_EQ(agent.notices[1].entryHandle, 99u);
+  EXPECT_EQ(agent.database->droppedMessages(), 0u);
+}
+
+// Those that answer questions decide together: the first error counts, and one that leaves is not
+// waited for.
+TEST_F(DoorbellTest, QuestionsAreAnsweredByThoseThatCan) {
+  Follower dumb(directory.path(), "dumb"), one(directory.path(), "one"),
+      other(directory.path(), "other");
+  auto others = std::make_unique<Follower>(directory.path(), "leaves");
+  for (Follower* follower : {&one, &other, others.get()}) {
+    follower->subscriber->answersQuestionsIs(true);
+  }
+  std::vector<std::string> heard;  // code and bytes, or "gone"
+  const auto ask = [&](const Question& question) {
+    const Vela::ActivityLock lock;
+    return agent.database->ask(question, [&](const Answer* answer) {
+      heard.push_back(answer ? std::to_string(answer->errorCode) + answer->bytes : "gone");
+    });
+  };
+  const auto follow = [&](const std::vector<Subscriber*>& subscribers, size_t answers) {
+    return Agent::followUntil(subscribers, [&] { return heard.size() == answers; });
+  };
+  ASSERT_TRUE(Agent::followUntil({dumb.subscriber.get()}, [&] { return attached() == 1; }));
+  EXPECT_FALSE(ask({.push = 1}));
+  ASSERT_TRUE(Agent::followUntil({one.subscriber.get(), other.subscriber.get()},
+                                 [&] { return attached() == 3; }));
+
+  one.answers = other.answers = {0, std::string("\0\1", 2)};
+  ASSERT_TRUE(ask(registerCells));
+  ASSERT_TRUE(follow({one.subscriber.get(), other.subscriber.get()}, 1));
+  EXPECT_EQ(heard.back(), std::string("0\0\1", 3));
+  ASSERT_EQ(one.questions.size(), 1u);
+  EXPECT_EQ(one.questions[0].kind, Question::Kind::registerCells);
+  EXPECT_EQ(one.questions[0].registerId, 5u);
+  EXPECT_EQ(one.questions[0].firstCell, 1ull << 40);
+  EXPECT_EQ(one.questions[0].cellCount, 9u);
+
+  other.answers = {2, "not here\n"};
+  ASSERT_TRUE(ask({.push = 7}));
+  ASSERT_TRUE(follow({other.subscriber.get()}, 2));
+  EXPECT_EQ(heard.back(), "2not here");
+  EXPECT_EQ(other.questions.back().push, 7u);
+
+  other.answers = {};
+  ASSERT_TRUE(follow({one.subscriber.get()}, 2));
+  ASSERT_TRUE(Agent::followUntil({others->subscriber.get()}, [&] { return attached() == 4; }));
+  ASSERT_TRUE(ask({.push = 8}));
+  ASSERT_TRUE(follow({one.subscriber.get(), other.subscriber.get()}, 2));
+  EXPECT_TRUE(Agent::followUntil({one.subscriber.get(), other.subscriber.get()},
+                                 [&] { return other.questions.back().push == 8; }));
+  others.reset();
+  EXPECT_TRUE(follow({}, 3));
+  EXPECT_EQ(heard.back(), std::string("0\0\1", 3));
   EXPECT_EQ(agent.database->droppedMessages(), 0u);
 }
 

@@ -1,0 +1,386 @@
+// The plane behind the following of tables: rows in any order become entries that packets meet, a
+// program takes the place of another, and news go back to the agent.
+#include "forwarder/plane/Plane.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "forwarder/follow/ForwardingAgent.h"
+#include "forwarder/packets/PacketThread.h"
+#include "tests/forwarder/Packing.h"
+#include "tests/p4/Playing.h"
+#include "tests/support/TempDir.h"
+
+namespace Forwarder {
+namespace {
+
+using namespace ForwarderTest;
+using namespace P4Test;
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+// A byte `h.v` selects a port: by table `direct` with a counter, else by table `spread`, which has
+// an action profile. Each packet of the value 7 is told of in a digest, and counted in a cell.
+std::string program(uint64_t offset = 0) {
+  SmallProgram made;
+  made.header("h", {{"v", 8}});
+  made.header("m", {{"nibble", 4}, {"pad", 4}}, true);
+  made.state("start", list({extract("h")}));
+  const std::string port = R"({"type":"runtime_data","value":0})";
+  const std::string digest =
+      call("generate_digest", {hex(1), hex(1)}) + "," +
+      call("count", {object("counter_array", "hits"), hex(2)}) + "," +
+      call("register_write", {object("register_array", "memory"), hex(1), field("h", "v")});
+  made.ingressAction(assign(field("m", "nibble"), field("h", "v")) + "," + digest, "direct");
+  const size_t send =
+      made.action("send", R"({"name":"port","bitwidth":9})",
+                  assign(metadata("egress_spec"), wrapped(op("+", port, hex(offset)))));
+  const auto table = [&](const std::string& name, const std::string& rest) {
+    made.table(
+        R"({"name":")" + name + R"(","id":)" + std::to_string(name.size()) +
+        R"(,"match_type":"exact","max_size":16,"key":[{"match_type":"exact","target":["h","v"],"name":"v"}],"action_ids":[)" +
+        std::to_string(send) + R"(],"actions":["send"],)" + rest + "}");
+  };
+  table(
+      "direct",
+      R"("type":"simple","with_counters":true,"support_timeout":true,"next_tables":{"__HIT__":null,"__MISS__":"spread"})");
+  table("spread", R"("type":"indirect_ws","action_profile":"ecmp","next_tables":{"send":null})");
+  made.section(
+      "action_profiles",
+      R"([{"name":"ecmp","id":0,"max_size":16,"selector":{"algo":"crc16","input":[{"type":"field","value":["h","v"]}]}}])");
+  made.section(
+      "learn_lists",
+      R"([{"id":1,"name":"seen","elements":[{"type":"field","value":["m","nibble"]},{"type":"field","value":["h","v"]}]}])");
+  made.section("counter_arrays", R"([{"name":"hits","id":0,"size":4,"is_direct":false}])");
+  made.section("register_arrays", R"([{"name":"memory","id":0,"size":4,"bitwidth":12}])");
+  made.deparse({"h"});
+  return made.json();
+}
+
+constexpr const char* names = R"({"tables":[
+  {"rows":"direct","kind":"entries","name":"direct","id":6},
+  {"rows":"spread","kind":"entries","name":"spread","id":7},
+  {"rows":"ecmp.member","kind":"members","name":"ecmp","id":8},
+  {"rows":"ecmp.group","kind":"groups","name":"ecmp","id":8},
+  {"rows":"ecmp.watch","kind":"watch","name":"ecmp","id":8},
+  {"rows":"digest.seen","kind":"digest","name":"seen","id":9},
+  {"rows":"idle_timeout.direct","kind":"idle_timeout","name":"direct","id":6},
+  {"rows":"register.memory","kind":"register","name":"memory","id":11},
+  {"rows":"counter.hits","kind":"counter","name":"hits","id":10},
+  {"rows":"counter.hits.default","kind":"counter.default","name":"hits","id":10},
+  {"rows":"lost","kind":"entries","name":"ingress.lost","id":12}],
+  "actions":[{"id":5,"name":"send"}]})";
+
+// Keeps the reports, by sequence number.
+class ReportKeeper final : public Lattice::Subscriber {
+ public:
+  std::map<uint64_t, std::string> reports;  // code and text
+
+  void appliesAtOnceIs(bool) override {}
+  void follow(std::chrono::milliseconds) override {}
+  const std::string& trouble() const override { return trouble_; }
+  bool attached() const override { return true; }
+  void report(uint64_t, uint64_t sequence, uint16_t code, std::string_view text) override {
+    EXPECT_FALSE(reports.contains(sequence)) << "a second report";
+    reports[sequence] = std::to_string(code) + " " + std::string(text);
+  }
+  void flush() override {}
+  uint64_t sequence() const override { return 0; }
+  int descriptor() const override { return -1; }
+  void lookForIs(std::chrono::microseconds) override {}
+
+ private:
+  std::string trouble_;
+};
+
+class PlaneTest : public testing::Test {
+ protected:
+  PlaneTest() {
+    reports_.subscriberIs(&subscriber_);
+    push(1, program());
+    agent_.planeIs(&plane_);
+  }
+
+  void push(uint64_t number, const std::string& json) {
+    const std::string folder = directory_.path() + "/pushed";
+    std::filesystem::create_directories(folder);
+    const std::string base = folder + "/" + std::to_string(number);
+    std::ofstream(base + ".program") << json;
+    std::ofstream(base + ".names") << names;
+    std::ofstream(folder + "/new") << number << " 1\n";
+    std::filesystem::rename(folder + "/new", folder + "/current");
+  }
+
+  const Lattice::FollowedTable& table(const std::string& name) {
+    auto& table = tables_[name];
+    if (!table.name.empty()) return table;
+    static const std::map<std::string, const char*> definitions = {
+        {"direct", "key v : U8; action { send 5 { port : U16; } } counter;"},
+        {"spread", "key v : U8; indirect_id : U32; is_group : U8;"},
+        {"ecmp.member", "key member_id : U32; action { send 5 { port : U16; } }"},
+        {"ecmp.group", "key group_id : U32; member_id : U32[];"},
+        {"ecmp.watch", "key group_id : U32; key member_id : U32; action { set 4 { port : U32; } }"},
+        {"digest.seen", "key entry : U8; action { set 3 { none : Void; } }"},
+        {"idle_timeout.direct", "key v : U8; action { set 3 { ns : Bits<64>; } }"},
+        {"counter.hits",
+         "key index : Bytes<8>; action { set 2 { packets : Bytes<8>; bytes : Bytes<8>; } }"},
+        {"counter.hits.default",
+         "key entry : U8; action { set 2 { packets : Bytes<8>; bytes : Bytes<8>; } }"},
+        {"lost", "key v : U8; action { send 5 { port : U16; } }"}};
+    table = {name, Lattice::TableType::compile(name, definitions.at(name))};
+    agent_.tableAdded(table);
+    return table;
+  }
+  uint64_t write(const std::string& name, const std::string& key, const std::string& value,
+                 bool deleted = false) {
+    agent_.rowChanged({.table = &table(name),
+                       .key = key,
+                       .value = value,
+                       .deleted = deleted,
+                       .entryHandle = ++sequence_ + 100,
+                       .sequence = sequence_});
+    return sequence_;
+  }
+  uint64_t erase(const std::string& name, const std::string& key) {
+    return write(name, key, "", true);
+  }
+  uint64_t direct(uint8_t v, uint16_t port, const std::string& counter = std::string(17, '\0')) {
+    return write("direct", big(v, 1), little(5, 4) + little(port, 2) + counter);
+  }
+  uint64_t memberIs(uint32_t id, uint16_t port) {
+    return write("ecmp.member", big(id, 4), little(5, 4) + little(port, 2));
+  }
+  uint64_t groupIs(uint32_t id, const std::vector<uint32_t>& members) {
+    std::string value = little(members.size(), 4);
+    for (const uint32_t one : members) value += little(one, 4);
+    return write("ecmp.group", big(id, 4), value);
+  }
+  uint64_t spread(uint8_t v, uint32_t group) {
+    return write("spread", big(v, 1), little(group, 4) + little(1, 1));
+  }
+  std::string reportOn(uint64_t sequence) { return subscriber_.reports[sequence]; }
+
+  // The packets that come out for one, by the engine that packets meet now.
+  Strings out(const std::string& packet, uint32_t port = 1) {
+    const auto engine = slot_.engine();
+    if (!engine) return {"no program"};
+    const std::string bytes = bytesOf(packet);
+    P4::Outputs outputs;
+    engine->process(port, {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()},
+                    PacketThread::now(), outputs);
+    digests_.add(*engine, outputs.digests);
+    Strings all;
+    for (size_t i = 0; i < outputs.size(); ++i) {
+      const auto frame = outputs.frame(i);
+      all.push_back(std::to_string(frame.port) + ":" +
+                    hexOf(std::string(frame.bytes.begin(), frame.bytes.end())));
+    }
+    return all;
+  }
+  // "HANDLE: PACKETS BYTES", for cells "COUNTER/INDEX: ...".
+  Strings countsTold() {
+    for (int slice = 0; slice < 3; ++slice) plane_.maybeTellCounts(Plane::Clock::time_point::max());
+    Strings all;
+    for (const FlowBook::Change& change : agent_.flows().takeChanges()) {
+      const std::string of = change.counterId ? std::to_string(change.counterId) + "/" : "";
+      all.push_back(of + std::to_string(change.entryHandle) + ": " +
+                    std::to_string(change.packets) + " " + std::to_string(change.bytes));
+    }
+    std::ranges::sort(all);
+    return all;
+  }
+
+  TestSupport::TempDir directory_;
+  ReportKeeper subscriber_;
+  ReportQueue reports_;
+  ForwardingAgent agent_{reports_};
+  std::vector<std::string> log_;
+  EngineSlot slot_;
+  DigestQueue digests_;
+  Plane plane_{{.stateDirectory = directory_.path(), .program = {}, .engine = {}},
+               slot_,
+               digests_,
+               agent_.flows(),
+               [this](const std::string& line) { log_.push_back(line); }};
+  std::map<std::string, Lattice::FollowedTable> tables_;
+  uint64_t sequence_ = 0;
+};
+
+TEST_F(PlaneTest, AGroupOfChangesTakesEffectAtItsEnd) {
+  const uint64_t entry = direct(7, 3);
+  EXPECT_THAT(out("07"), ElementsAre("0:07"));
+  EXPECT_THAT(subscriber_.reports, IsEmpty());
+  agent_.rowsEnd();
+  EXPECT_EQ(reportOn(entry), "0 ");
+  EXPECT_THAT(out("07"), ElementsAre("3:07"));
+  direct(7, 4);
+  direct(9, 5);
+  agent_.rowsEnd();
+  EXPECT_THAT(out("07"), ElementsAre("4:07"));
+  erase("direct", big(7, 1));
+  agent_.rowsEnd();
+  EXPECT_THAT(out("07"), ElementsAre("0:07"));
+  EXPECT_THAT(out("09"), ElementsAre("5:09"));
+}
+
+TEST_F(PlaneTest, ReferencesMayComeInAnyOrder) {
+  const uint64_t entry = spread(7, 10);
+  const uint64_t group = groupIs(10, {1, 1, 2});
+  const uint64_t lonely = spread(8, 11);
+  memberIs(1, 3);
+  memberIs(2, 3);
+  agent_.rowsEnd();
+  EXPECT_EQ(reportOn(entry), "0 ");
+  EXPECT_EQ(reportOn(group), "0 ");
+  EXPECT_THAT(reportOn(lonely), HasSubstr("11 table spread: "));
+  EXPECT_THAT(out("07"), ElementsAre("3:07"));
+  // Its members go before it, and it before the entry.
+  erase("ecmp.member", big(1, 4));
+  erase("ecmp.member", big(2, 4));
+  erase("ecmp.group", big(10, 4));
+  const uint64_t last = erase("spread", big(7, 1));
+  agent_.rowsEnd();
+  for (uint64_t sequence = last - 3; sequence <= last; ++sequence) {
+    EXPECT_EQ(reportOn(sequence), "0 ");
+  }
+  EXPECT_THAT(out("07"), ElementsAre("0:07"));
+}
+
+TEST_F(PlaneTest, AWatchedPortThatIsDownIsPassedOver) {
+  memberIs(1, 3);
+  memberIs(2, 4);
+  groupIs(10, {1, 2});
+  spread(7, 10);
+  write("ecmp.watch", big(10, 4) + big(1, 4), little(4, 4) + little(31, 4));
+  write("ecmp.watch", big(10, 4) + big(2, 4), little(4, 4) + little(41, 4));
+  agent_.rowsEnd();
+  plane_.portIs(31, false);
+  EXPECT_THAT(out("07"), ElementsAre("4:07"));
+  plane_.portIs(31, true);
+  plane_.portIs(41, false);
+  EXPECT_THAT(out("07"), ElementsAre("3:07"));
+  erase("ecmp.watch", big(10, 4) + big(2, 4));
+  erase("ecmp.watch", big(10, 4) + big(1, 4));
+  groupIs(10, {2});
+  agent_.rowsEnd();
+  EXPECT_THAT(out("07"), ElementsAre("4:07"));
+}
+
+TEST_F(PlaneTest, ASnapshotTakesTheOtherRowsOut) {
+  memberIs(1, 3);
+  groupIs(10, {1});
+  spread(7, 10);
+  direct(9, 5);
+  agent_.rowsEnd();
+  agent_.snapshotBegin();
+  direct(8, 6);
+  agent_.snapshotEnd();
+  agent_.rowsEnd();
+  EXPECT_THAT(out("07"), ElementsAre("0:07"));
+  EXPECT_THAT(out("09"), ElementsAre("0:09"));
+  EXPECT_THAT(out("08"), ElementsAre("6:08"));
+  const uint64_t again = memberIs(1, 4);  // nothing of it is left
+  agent_.rowsEnd();
+  EXPECT_EQ(reportOn(again), "0 ");
+}
+
+TEST_F(PlaneTest, RowsWithoutAPlaceAreRefused) {
+  const uint64_t lost = write("lost", big(7, 1), little(5, 4) + little(3, 2));
+  const uint64_t wide = direct(7, 512);
+  agent_.rowsEnd();
+  EXPECT_THAT(reportOn(lost), AllOf(HasSubstr("14 table lost: "), HasSubstr("ingress.lost")));
+  EXPECT_THAT(reportOn(wide), AllOf(HasSubstr("14 table direct: "), HasSubstr("9 bits")));
+  EXPECT_THAT(out("07"), ElementsAre("0:07"));
+  const uint64_t right = direct(7, 5);
+  agent_.rowsEnd();
+  EXPECT_EQ(reportOn(right), "0 ");
+}
+
+TEST_F(PlaneTest, AnotherProgramTakesTheRowsOver) {
+  memberIs(1, 3);
+  groupIs(10, {1});
+  spread(7, 10);
+  direct(9, 5);
+  agent_.rowsEnd();
+  push(2, program(100));
+  EXPECT_THAT(out("07"), ElementsAre("3:07"));
+  EXPECT_EQ(agent_.answer({.push = 2}).errorCode, 0);
+  EXPECT_THAT(out("07"), ElementsAre("103:07"));
+  EXPECT_THAT(out("09"), ElementsAre("105:09"));
+
+  push(3, R"({"header_types": 7})");
+  const Lattice::Answer broken = agent_.answer({.push = 3});
+  EXPECT_NE(broken.errorCode, 0);
+  EXPECT_THAT(broken.bytes, AllOf(HasSubstr("push 3"), HasSubstr("header_types")));
+  EXPECT_THAT(log_, Contains(broken.bytes));
+  EXPECT_THAT(out("07"), ElementsAre("103:07"));
+
+  // Rows of its own come with the next one.
+  push(4, program(200));
+  const uint64_t entry = direct(8, 6);
+  agent_.rowsEnd();
+  EXPECT_EQ(reportOn(entry), "0 ");
+  EXPECT_THAT(out("08"), ElementsAre("206:08"));
+  EXPECT_THAT(out("07"), ElementsAre("203:07"));
+}
+
+TEST_F(PlaneTest, CountsAreToldAndSet) {
+  const std::string set = little(1, 1) + little(640, 8) + little(10, 8);
+  const uint64_t plain = direct(7, 3), given = direct(9, 3, set);
+  write("counter.hits", big(3, 8), little(2, 4) + big(5, 8) + big(50, 8));
+  agent_.rowsEnd();
+  const std::string first = std::to_string(plain + 100), second = std::to_string(given + 100);
+  EXPECT_THAT(countsTold(), ElementsAre("10/3: 5 50", second + ": 10 640"));
+  out("07");
+  out("09aa");
+  EXPECT_THAT(countsTold(), ElementsAre("10/2: 2 3", first + ": 1 1", second + ": 11 642"));
+  EXPECT_THAT(countsTold(), IsEmpty());
+  plane_.retellCounts();
+  EXPECT_THAT(countsTold(), Contains(first + ": 1 1"));
+  // All cells are set but the one with a row; the next set counts as set.
+  write("counter.hits.default", big(0, 1), little(2, 4) + big(1, 8) + big(2, 8));
+  agent_.rowsEnd();
+  EXPECT_THAT(countsTold(), ElementsAre("10/0: 1 2", "10/1: 1 2", "10/2: 1 2"));
+}
+
+TEST_F(PlaneTest, NewsForControllers) {
+  direct(7, 3);
+  agent_.rowsEnd();
+  out("07");
+  EXPECT_THAT(digests_.take(), IsEmpty());  // nobody wants them
+  write("digest.seen", big(0, 1), little(3, 4));
+  agent_.rowsEnd();
+  out("a7");
+  const auto digests = digests_.take();
+  ASSERT_EQ(digests.size(), 1u);
+  EXPECT_EQ(digests[0].id, 9u);
+  EXPECT_EQ(hexOf(digests[0].message), "7a70");
+
+  const Lattice::Answer cells = agent_.answer({.kind = Lattice::Question::Kind::registerCells,
+                                               .registerId = 11,
+                                               .firstCell = 0,
+                                               .cellCount = 2});
+  EXPECT_EQ(cells.errorCode, 0);
+  EXPECT_EQ(hexOf(cells.bytes), "000000a7");
+  const Lattice::Answer beyond = agent_.answer({.kind = Lattice::Question::Kind::registerCells,
+                                                .registerId = 11,
+                                                .firstCell = 3,
+                                                .cellCount = 2});
+  EXPECT_NE(beyond.errorCode, 0);
+
+  const uint64_t idle = direct(8, 3);
+  write("idle_timeout.direct", big(8, 1), little(3, 4) + big(5'000'000'000, 8));
+  agent_.rowsEnd();
+  const uint64_t now = PacketThread::now();
+  EXPECT_THAT(plane_.idleEntries(now + 1'000'000), IsEmpty());
+  EXPECT_THAT(plane_.idleEntries(now + 6'000'000), ElementsAre(idle + 100));
+}
+
+}  // namespace
+}  // namespace Forwarder
