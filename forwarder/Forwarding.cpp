@@ -45,6 +45,7 @@ void Forwarding::start() { packets_.start(); }
 void Forwarding::pollDescriptors(std::vector<pollfd>& descriptors) const {
   descriptors.push_back({signal_.get(), POLLIN, 0});
   descriptors.push_back({digests_.descriptor(), POLLIN, 0});
+  descriptors.push_back({packets_.answerDescriptor(), POLLIN, 0});
 }
 
 Forwarding::Clock::time_point Forwarding::nextDue() const {

@@ -54,7 +54,9 @@ Runner::Runner(RunnerOptions options)
                                     .attached = subscriber_->attached(),
                                     .sequence = subscriber_->sequence(),
                                     .traffic = &traffic_,
-                                    .punter = &punter_},
+                                    .punter = &punter_,
+                                    .packets = forwarding_ ? &forwarding_->packets() : nullptr,
+                                    .engines = forwarding_ ? &forwarding_->slot() : nullptr},
                                    line);
                }),
       signals_(openSignals()) {
@@ -132,6 +134,7 @@ void Runner::handleProgress() {
 
 void Runner::doServe() {
   punter_.clearAnswerSignal();
+  if (forwarding_) forwarding_->packets().clearAnswerSignal();
   control_.serve();
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "forwarder/base/Words.h"
+#include "forwarder/packets/PacketCommand.h"
 #include "forwarder/punt/PuntCommand.h"
 #include "forwarder/table/RowText.h"
 #include "forwarder/traffic/TrafficCommand.h"
@@ -35,7 +36,12 @@ constexpr const char* helpText =
     "punt                           packets for the controller: from where, to where, counts\n"
     "punt PORT HEXBYTES [COUNT]     punts this packet as if it had arrived on the port\n"
     "punt PORT size=N [count=N] [rate=N]  punts made packets, numbered after the Ethernet header\n"
-    "punt field NAME=VALUE          a value for a field of packet_in, such as reason=1\n";
+    "punt field NAME=VALUE          a value for a field of packet_in, such as reason=1\n"
+    "ports                          the switch's ports: devices, states, counts\n"
+    "trace N [PORT] [for SECONDS]   the way of the next N packets through the program\n"
+    "trace on [PORT] | off          keeps the ways of packets; without a word: those kept\n"
+    "pcap PORT FILE [in|out]        writes the port's packets into the file; pcap PORT off\n"
+    "program [TABLE]                the program in force\n";
 
 std::string tableNames(const ForwardingAgent& agent) {
   std::string names;
@@ -131,6 +137,21 @@ void changeRule(ForwardingAgent& agent, const std::string& name, std::string_vie
   agent.rulesIs(std::move(rules));
 }
 
+bool isSwitchCommand(const std::string& name) {
+  return name == "ports" || name == "trace" || name == "pcap" || name == "program";
+}
+
+Answer runSwitchCommand(const CommandTargets& targets, const std::string& name,
+                        std::string_view argument) {
+  if (!targets.packets || !targets.engines) {
+    throw CommandError(name + ": this forwarder executes no program; start it with --forward");
+  }
+  if (name == "ports") return runPortsCommand(*targets.packets, argument);
+  if (name == "trace") return runTraceCommand(*targets.packets, argument);
+  if (name == "pcap") return runPcapCommand(*targets.packets, argument);
+  return runProgramCommand(*targets.engines, argument);
+}
+
 Answer runNamed(const CommandTargets& targets, const std::string& name, std::string_view argument) {
   ForwardingAgent& agent = targets.agent;
   if (name == "dump") return {true, dump(agent, std::string(argument))};
@@ -139,6 +160,7 @@ Answer runNamed(const CommandTargets& targets, const std::string& name, std::str
     return {true, runTrafficCommand(*targets.traffic, argument)};
   }
   if (name == "punt" && targets.punter) return runPuntCommand(*targets.punter, argument);
+  if (isSwitchCommand(name)) return runSwitchCommand(targets, name, argument);
   if (name == "rules") return {true, rulesText(agent.rules())};
   if (name == "help" || name.empty()) return {true, helpText};
   changeRule(agent, name, argument);

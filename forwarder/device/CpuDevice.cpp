@@ -1,26 +1,17 @@
 #include "forwarder/device/CpuDevice.h"
 
 #include <fmt/format.h>
-#include <sys/socket.h>
-#include <sys/time.h>
 
-#include <array>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
 #include "forwarder/device/KernelDevice.h"
 
 namespace Forwarder {
-namespace {
 
-constexpr const char* controllerDevice = "p4controller";
-
-}  // namespace
-
-CpuDevice::CpuDevice(std::string sendOn)
-    : tapWanted_(sendOn.empty()), name_(tapWanted_ ? controllerDevice : std::move(sendOn)) {}
+CpuDevice::CpuDevice(std::string name, Kind kind, SendSocket::WhenFull whenFull)
+    : kind_(kind), name_(std::move(name)), whenFull_(whenFull) {}
 
 void CpuDevice::maybeOpen() {
   const unsigned ifIndex = ifIndexOf(name_);
@@ -37,28 +28,20 @@ void CpuDevice::maybeOpen() {
 }
 
 void CpuDevice::doOpen() {
-  if (!tapWanted_) return doOpenSocket();
   // Attaching to a TAP that does not exist would make it; the agent makes it.
-  if (isTap(name_)) {
+  if (kind_ != Kind::other && isTap(name_)) {
     tap_ = std::make_unique<Wirra::TapDevice>(name_);
-    return;
+  } else if (kind_ != Kind::tap) {
+    socket_ = std::make_unique<SendSocket>(ifIndex_, whenFull_);
+  } else {
+    trouble_ =
+        fmt::format("{} is no TAP; name the device at its other end with --punt-device", name_);
   }
-  trouble_ =
-      fmt::format("{} is no TAP; name the device at its other end with --punt-device", name_);
-}
-
-void CpuDevice::doOpenSocket() {
-  Vela::UniqueFd descriptor = openPacketSocket(0);
-  // A device that accepts no more packets delays the packets behind, but not for good.
-  const timeval patience{.tv_sec = 1};
-  setsockopt(descriptor.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-  bindToDevice(descriptor.get(), ifIndex_, 0);
-  socket_ = std::move(descriptor);
 }
 
 void CpuDevice::doClose() {
   tap_.reset();
-  socket_ = Vela::UniqueFd();
+  socket_.reset();
 }
 
 SendCounts CpuDevice::send(std::span<const Frame> frames) {
@@ -71,53 +54,30 @@ SendCounts CpuDevice::send(std::span<const Frame> frames) {
 bool CpuDevice::replaced() const { return ifIndexOf(name_) != ifIndex_; }
 
 SendCounts CpuDevice::sendIntoTap(std::span<const Frame> frames) {
-  uint64_t refused = 0;
+  SendCounts counts;
   trouble_.clear();
   for (const Frame& frame : frames) {
     const Vela::Outcome given = tap_->packetIs(frame.start, frame.size);
-    if (given.ok()) continue;
-    trouble_ = given.reason();
-    ++refused;
+    if (given.ok()) {
+      ++counts.sent;
+      counts.sentBytes += frame.size;
+    } else {
+      trouble_ = given.reason();
+    }
   }
-  SendCounts counts{.sent = frames.size() - refused};
+  const uint64_t refused = frames.size() - counts.sent;
   if (refused > 0) (isUp(name_) && !replaced() ? counts.refused : counts.noDevice) = refused;
   return counts;
 }
 
 SendCounts CpuDevice::sendOnDevice(std::span<const Frame> frames) {
-  SendCounts counts;
-  std::array<mmsghdr, FrameBatch::count> messages;
-  std::array<iovec, FrameBatch::count> parts;
-  for (size_t i = 0; i < frames.size(); ++i) {
-    parts[i] = {frames[i].start, frames[i].size};
-    messages[i] = {.msg_hdr = {.msg_iov = &parts[i], .msg_iovlen = 1}};
-  }
-  trouble_.clear();
-  for (size_t next = 0; next < frames.size();) {
-    const int sent = sendmmsg(socket_.get(), &messages[next],
-                              static_cast<unsigned>(frames.size() - next), MSG_NOSIGNAL);
-    if (sent > 0) {
-      counts.sent += static_cast<uint64_t>(sent);
-      next += static_cast<size_t>(sent);
-    } else if (errno != EINTR) {
-      handleRefused(errno, counts);
-      ++next;
-    }
-  }
+  const SendCounts counts = socket_->send(frames);
+  trouble_ = sendTrouble(name_, socket_->error());
   return counts;
 }
 
-void CpuDevice::handleRefused(int error, SendCounts& counts) {
-  if (error == EMSGSIZE) {
-    ++counts.tooLong;
-    trouble_ = fmt::format(
-        "{} does not take packets of this length; raise its MTU, and its peer's: ip link set {} "
-        "mtu 9100",
-        name_, name_);
-  } else {
-    ++(error == ENETDOWN || error == ENXIO || error == ENODEV ? counts.noDevice : counts.refused);
-    trouble_ = fmt::format("{} takes no packets: {}", name_, std::strerror(error));
-  }
+void CpuDevice::emptyQueue() {
+  if (tap_) tap_->emptyQueue();
 }
 
 }  // namespace Forwarder

@@ -7,50 +7,46 @@
 #include <string>
 
 #include "forwarder/device/Frames.h"
-#include "platform/vela/Descriptors.h"
+#include "forwarder/device/SendSocket.h"
 #include "platform/wirra/devices/InterfaceOperations.h"
 
 namespace Forwarder {
 
-// The fates of sent packets. Each packet counts once.
-struct SendCounts {
-  uint64_t sent = 0;      // received by the device
-  uint64_t tooLong = 0;   // for the device's MTU
-  uint64_t noDevice = 0;  // the device is missing, or down
-  uint64_t refused = 0;   // by the kernel, for another reason
-};
-
-// The TAP "p4controller", to which this process attaches once it exists; or any device that packets
-// are sent on, such as the peer of a veth of that name. A new device of the same name is opened
-// again.
-// Threads: one at a time. Errors: trouble() says why packets do not arrive; nothing is thrown.
+// A TAP, to which this process attaches once it exists; or any device that packets are sent on,
+// such as the peer of a veth. A new device of the same name is opened again. Threads: one at a
+// time. Errors: trouble() says why packets do not arrive; nothing is thrown.
 class CpuDevice {
  public:
-  explicit CpuDevice(std::string sendOn);  // "": the TAP
+  enum class Kind { tap, other, any };  // a device of another kind is trouble
+  CpuDevice(std::string name, Kind kind,
+            SendSocket::WhenFull whenFull = SendSocket::WhenFull::waitASecond);
 
   // Opens or closes the device as the kernel's devices now are.
   void maybeOpen();
   bool open() const { return tap_ || socket_; }
+  bool tap() const { return tap_ != nullptr; }
+  unsigned ifIndex() const { return ifIndex_; }  // 0: there was no such device
   const std::string& name() const { return name_; }
   // Why it is not open, or refused packets the last time; empty when all is well.
   const std::string& trouble() const { return trouble_; }
 
   SendCounts send(std::span<const Frame> frames);
+  // Throws away packets that the kernel has put into our queue of the TAP, on their way out of it.
+  void emptyQueue();
 
  private:
   void doOpen();
-  void doOpenSocket();
   void doClose();
   SendCounts sendIntoTap(std::span<const Frame> frames);
   SendCounts sendOnDevice(std::span<const Frame> frames);
-  void handleRefused(int error, SendCounts& counts);
   bool replaced() const;  // the name belongs to another device now
 
-  const bool tapWanted_;
+  const Kind kind_;
   const std::string name_;
+  const SendSocket::WhenFull whenFull_;
   unsigned ifIndex_ = 0;
   std::unique_ptr<Wirra::TapDevice> tap_;
-  Vela::UniqueFd socket_;
+  std::unique_ptr<SendSocket> socket_;
   std::string trouble_;
 };
 

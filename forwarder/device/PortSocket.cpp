@@ -1,6 +1,5 @@
 #include "forwarder/device/PortSocket.h"
 
-#include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <sys/socket.h>
@@ -12,6 +11,7 @@
 #include <system_error>
 
 #include "forwarder/device/KernelDevice.h"
+#include "forwarder/device/VlanTag.h"
 
 namespace Forwarder {
 namespace {
@@ -23,8 +23,7 @@ void optionIs(int descriptor, int level, int name, int value) {
   setsockopt(descriptor, level, name, &value, sizeof value);
 }
 
-// The kernel removes an outer VLAN tag from the packet and reports it beside the packet.
-void putTagBack(const msghdr& message, Frame& frame) {
+void maybePutTagBack(const msghdr& message, Frame& frame) {
   for (const cmsghdr* control = CMSG_FIRSTHDR(&message); control;
        control = CMSG_NXTHDR(const_cast<msghdr*>(&message), const_cast<cmsghdr*>(control))) {
     if (control->cmsg_level != SOL_PACKET || control->cmsg_type != PACKET_AUXDATA) continue;
@@ -32,14 +31,7 @@ void putTagBack(const msghdr& message, Frame& frame) {
     std::memcpy(&about, CMSG_DATA(control), sizeof about);
     if (!(about.tp_status & TP_STATUS_VLAN_VALID)) return;
     const bool told = about.tp_status & TP_STATUS_VLAN_TPID_VALID;
-    const uint16_t tag[] = {htons(told ? about.tp_vlan_tpid : ETH_P_8021Q),
-                            htons(about.tp_vlan_tci)};
-    constexpr size_t addresses = 2 * ETH_ALEN;
-    if (frame.size < addresses) return;
-    std::memmove(frame.start - sizeof tag, frame.start, addresses);
-    frame.start -= sizeof tag;
-    frame.size += sizeof tag;
-    std::memcpy(frame.start + addresses, tag, sizeof tag);
+    putTagBack(frame, told ? about.tp_vlan_tpid : uint16_t{0}, about.tp_vlan_tci);
   }
 }
 
@@ -77,7 +69,7 @@ size_t PortSocket::receive(FrameBatch& batch, std::span<Frame> frames, uint64_t*
     }
     Frame& frame = frames[kept++];
     frame = {batch.place(i), messages[i].msg_len};
-    putTagBack(messages[i].msg_hdr, frame);
+    maybePutTagBack(messages[i].msg_hdr, frame);
   }
   return kept;
 }

@@ -11,7 +11,8 @@
 #include <vector>
 
 #include "forwarder/packets/EngineSlot.h"
-#include "forwarder/packets/PortCounts.h"
+#include "forwarder/packets/PortBook.h"
+#include "forwarder/packets/TraceBook.h"
 
 namespace Forwarder {
 
@@ -21,7 +22,7 @@ struct PacketOptions {
   std::optional<std::string> pcapDirectory;  // of DEVICE_in.pcap and DEVICE_out.pcap of each port
 };
 
-// Called by the packet thread; they may not block.
+// Called by the packet thread; they may not block. None is needed.
 struct PacketSinks {
   // Digest lists that the engine has handed over.
   std::function<void(const std::shared_ptr<P4::Engine>&, std::vector<P4::DigestList>&&)> digests;
@@ -31,25 +32,7 @@ struct PacketSinks {
   std::function<void(const std::string& line)> log;
 };
 
-// A port as it is now.
-struct PortReport {
-  uint32_t port = 0;
-  std::string device;
-  bool up = false;
-  bool cpu = false;
-  std::string trouble;  // with the device; empty when all is well
-  std::string pcap;     // files, separated by blanks; empty: none
-  PortCounts counts;
-};
-
 enum class PcapWay : uint8_t { both, in, out };
-
-// The packets that a trace is made of.
-struct TraceRequest {
-  uint64_t packets = 1;
-  std::optional<uint32_t> port;            // nothing: of any port
-  std::chrono::milliseconds limit{10000};  // then the answer comes with fewer packets
-};
 
 // Threads: any, unless said; the public functions never wait for the packet thread's work.
 // Errors: trouble with devices is logged once, stands in ports(), and is tried again when devices
@@ -67,8 +50,10 @@ class PacketThread {
   // Port id -> device. Ports that stay keep their counts. The CPU port's id is passed over.
   void portsAre(std::map<uint32_t, std::string> devices);
   std::vector<PortReport> ports() const;  // by id
-  // Frames to ports that are not there, of all programs.
+  // Frames that programs have sent to ports that are not there.
   uint64_t toNoPort() const;
+  // Of the engine in force, at most a second old.
+  P4::SwitchCounts switchCounts() const;
 
   // The engine's time: microseconds since the process began, of a steady clock.
   static uint64_t now();
@@ -82,13 +67,13 @@ class PacketThread {
   void pcapIs(uint32_t port, PcapWay way, const std::string& path);
 
   // The way of the packets to come, in the program's words. Keeps the newest hundred packets until
-  // traceText() takes them.
+  // takeTrace() takes them.
   void traceIs(bool on, std::optional<uint32_t> port = {});
   bool tracing() const;
   std::string takeTrace();
-  // A text once as many packets have come as requested, or the time is over; nothing before.
-  using LaterText = std::function<std::optional<std::string>()>;
-  LaterText requestTrace(const TraceRequest& request);
+  // Throws CommandError when too many are under way. A text once as many packets have come as
+  // requested, or the time is over; nothing before.
+  TraceBook::LaterText requestTrace(const TraceRequest& request);
   // Readable once a later text is complete. The maker's thread.
   int answerDescriptor() const;
   void clearAnswerSignal();

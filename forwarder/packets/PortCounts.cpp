@@ -4,7 +4,7 @@ namespace Forwarder {
 
 const char* packetDropName(PacketDrop drop) {
   static constexpr const char* names[packetDrops] = {
-      "no-program", "missed", "cut-short", "no-port", "device-down", "too-long", "refused"};
+      "no-program", "missed", "unreadable", "device-down", "too-long", "device-full", "refused"};
   return names[static_cast<size_t>(drop)];
 }
 

@@ -11,10 +11,10 @@ namespace Forwarder {
 enum class PacketDrop : uint8_t {
   noProgram,   // arrived while there was no program
   missed,      // arrived faster than they were read
-  cutShort,    // arrived longer than 64 KiB, or not as the kernel described them
-  noPort,      // the program sent them to a port that is not there
+  unreadable,  // arrived cut short, or could not be cut into segments as their sender wanted
   deviceDown,  // to be sent, but the device was down or gone
   tooLong,     // to be sent, but longer than the device's MTU allows
+  deviceFull,  // to be sent, but too many waited for the device already
   refused,     // to be sent, but the kernel refused for another reason
 };
 inline constexpr size_t packetDrops = 7;

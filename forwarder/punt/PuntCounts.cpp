@@ -8,7 +8,7 @@ void PuntCounts::add(const SendCounts& sent) {
   punted += sent.sent;
   tooLong += sent.tooLong;
   noDevice += sent.noDevice;
-  refused += sent.refused;
+  refused += sent.refused + sent.full;
 }
 
 std::string PuntCounts::text() const {

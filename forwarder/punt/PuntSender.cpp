@@ -6,6 +6,11 @@
 
 namespace Forwarder {
 
+PuntSender::PuntSender(std::string device, PuntCounts& counts)
+    : counts_(counts),
+      device_(device.empty() ? CpuDevice("p4controller", CpuDevice::Kind::tap)
+                             : CpuDevice(std::move(device), CpuDevice::Kind::other)) {}
+
 void PuntSender::headerIs(std::string_view packetIn, const PuntValues& values) {
   try {
     header_ = PuntHeader(packetIn, values);

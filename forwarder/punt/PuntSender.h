@@ -20,8 +20,8 @@ namespace Forwarder {
 // Lifetime: the counts outlive it.
 class PuntSender {
  public:
-  PuntSender(std::string device, PuntCounts& counts)
-      : counts_(counts), device_(std::move(device)) {}
+  // Device "": the TAP p4controller.
+  PuntSender(std::string device, PuntCounts& counts);
 
   // Takes the layout of packet_in, as lines of the agent. A layout that does not fit is trouble.
   void headerIs(std::string_view packetIn, const PuntValues& values);

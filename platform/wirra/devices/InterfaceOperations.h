@@ -33,9 +33,11 @@ class TapDevice final {
 
   // The device receives the packet. Fails while it is down.
   Vela::Outcome packetIs(const void* bytes, size_t size);
+  // Throws away packets that were sent out of the device into our queue. packetIs() does so, too,
+  // once in a while.
+  void emptyQueue();
 
  private:
-  void doEmpty();
   const std::string name_;
   int descriptor_ = -1;
   bool attached_ = false;  // our queue is one of the device's

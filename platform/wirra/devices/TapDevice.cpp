@@ -47,13 +47,14 @@ TapDevice::~TapDevice() { close(descriptor_); }
 
 Vela::Outcome TapDevice::packetIs(const void* bytes, size_t size) {
   if (!attached_ && attachQueue(descriptor_, true) == 0) attached_ = true;
-  if (++written_ % 16 == 0) doEmpty();
+  if (++written_ % 16 == 0) emptyQueue();
   if (write(descriptor_, bytes, size) == static_cast<ssize_t>(size)) return {};
   return Vela::Outcome::failure("cannot give a packet to the network device " + name_ + ": " +
                                 (errno == EIO ? "it is down" : std::strerror(errno)));
 }
 
-void TapDevice::doEmpty() {
+void TapDevice::emptyQueue() {
+  if (!attached_) return;
   uint8_t beginning[64];  // the rest of a packet goes with it
   for (int i = 0; i < 64 && read(descriptor_, beginning, sizeof beginning) >= 0; ++i) {
   }
