@@ -36,6 +36,7 @@ constexpr Key keys[] = {
     {"no_tables", &Extensions::noTables},
     {"entities", &Extensions::entities},
     {"strings", &Extensions::strings},
+    {"watch_ports", &Extensions::watchPorts},
 };
 
 bool needsFields(const MatchField& field) {
@@ -107,6 +108,8 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   extensions.noTables = p4Info.tables().empty() || p4Info.actions().empty();
   extensions.entities = true;  // any program may have its packets replicated
   extensions.strings = !pi::fe::proto::translation_tables(p4Info).empty();
+  extensions.watchPorts = std::ranges::any_of(
+      p4Info.action_profiles(), [](const auto& profile) { return profile.with_selector(); });
   const p4::config::v1::P4Info all = withAdditions(p4Info, extensions);
   const auto fieldNeeds = [](const MatchField& field) { return needsFields(field); };
   const auto parameterNeeds = [](const Action_Param& parameter) { return needsFields(parameter); };
@@ -139,7 +142,8 @@ p4::config::v1::P4Info withAdditions(const p4::config::v1::P4Info& p4Info,
                                      const Extensions& extensions) {
   p4::config::v1::P4Info all =
       extensions.strings ? pi::fe::proto::with_translation_tables(p4Info) : p4Info;
-  return extensions.entities ? pi::fe::proto::with_entity_tables(all) : all;
+  if (!extensions.entities) return all;
+  return pi::fe::proto::with_entity_tables(all, extensions.watchPorts);
 }
 
 Extensions readExtensions(const cJSON& p4rtc, Findings* findings) {
@@ -153,10 +157,14 @@ Extensions readExtensions(const cJSON& p4rtc, Findings* findings) {
   for (const cJSON* item = object->child; item != nullptr; item = item->next) {
     readKey(*item, &extensions, findings);
   }
-  if (extensions.strings && !extensions.fields) {
-    findings->error("the device configuration",
-                    "asks for the extension \"strings\" without \"fields\", which it needs");
-  }
+  const auto requireOther = [&](const char* name, bool isAsked, const char* other, bool isThere) {
+    if (!isAsked || isThere) return;
+    findings->error("the device configuration", "asks for the extension " + quoted(name) +
+                                                    " without " + quoted(other) +
+                                                    ", which it needs");
+  };
+  requireOther("strings", extensions.strings, "fields", extensions.fields);
+  requireOther("watch_ports", extensions.watchPorts, "entities", extensions.entities);
   return extensions;
 }
 

@@ -37,6 +37,10 @@ struct Extensions {
   // "strings".
   bool strings = false;
 
+  // The ports that members of groups and one-shot sets watch have tables. Needs `entities`. Key
+  // "watch_ports".
+  bool watchPorts = false;
+
   bool any() const { return *this != Extensions{}; }
   friend bool operator==(const Extensions&, const Extensions&) = default;
 };

@@ -9,5 +9,6 @@ extern "C" void _pi_abilities(const char* device_data, size_t device_data_size,
                 .default_actions = extensions.defaultActions ? 1 : 0,
                 .packet_headers = extensions.packetHeaders ? 1 : 0,
                 .entities = extensions.entities ? 1 : 0,
-                .strings = extensions.strings ? 1 : 0};
+                .strings = extensions.strings ? 1 : 0,
+                .watch_ports = extensions.watchPorts ? 1 : 0};
 }

@@ -30,6 +30,11 @@ std::string deviceDataOf(const p4::v1::ForwardingPipelineConfig& config) {
   return device.device_data();
 }
 
+// Rows of the other kinds tell all by themselves.
+bool isOfEntity(EntityKind kind) {
+  return kind != EntityKind::idleTimeout && kind != EntityKind::watchPort;
+}
+
 pi_abilities_t abilitiesOf(const std::string& deviceData) {
   pi_abilities_t abilities{};
   _pi_abilities(deviceData.data(), deviceData.size(), &abilities);
@@ -80,7 +85,7 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   (*entry)->handle = handle;
   (*entry)->controllerMetadata = controllerMetadata;
   if (!metadata.empty()) std::memcpy((*entry)->metadataData(), metadata.data(), metadata.size());
-  if (table->entity != nullptr && table->entity->kind != EntityKind::idleTimeout) {
+  if (table->entity != nullptr && isOfEntity(table->entity->kind)) {
     if (table == table->entity->list) return PI_STATUS_SUCCESS;  // the entity tells of its rows
     p4::v1::Entity entity;
     if (!readEntity(*table->entity, **entry, &entity)) return PI_STATUS_INVALID_ENTRY_TYPE;
@@ -170,7 +175,10 @@ bool Pipeline::doFinishRestore(const TargetSession& session) {
   const bool complete = doAdoptInitialEntries(session);
   enterAdopted();
   for (const auto& type : index_.namedTypes()) type->names.nameLost();
-  if (restored_) restored_->doDeleteUnclaimed(session);
+  if (restored_) {
+    restored_->doDeleteUnclaimed(session);
+    restored_->doMendWatchPorts(session);
+  }
   restored_.reset();
   return complete;
 }

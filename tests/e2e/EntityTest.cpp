@@ -33,6 +33,19 @@ constexpr const char* program = R"(
     direct_resource_ids: 318767105
     idle_timeout_behavior: NOTIFY_CONTROL
   }
+  tables {
+    preamble { id: 33554434 name: "ingress.wcmp" alias: "wcmp" }
+    match_fields { id: 1 name: "key" bitwidth: 8 match_type: EXACT }
+    action_refs { id: 16777217 }
+    implementation_id: 285212673
+    size: 16
+  }
+  action_profiles {
+    preamble { id: 285212673 name: "ingress.hops" alias: "hops" }
+    table_ids: 33554434
+    with_selector: true
+    size: 16
+  }
   direct_counters {
     preamble { id: 318767105 name: "ingress.packets" }
     spec { unit: BOTH }
@@ -329,6 +342,40 @@ TEST_F(EntityTest, WhatFailsLeavesThemAsTheyWere) {
   expectReads(session(0), {session(5, "replicas { egress_port: 1 }")});
   expectReads(cell("counter", "index { index: 1 }"),
               {cell("counter", "index { index: 1 } data { packet_count: 5 }")});
+}
+
+TEST_F(EntityTest, WatchPortsStandInRowsOfTheGroupsAndMembersThatHaveThem) {
+  const auto set = [](const std::string& first, const std::string& second) {
+    const std::string drop = "action_profile_actions { action { action_id: 16777217 } weight: 1 ";
+    return "table_entry { table_id: 33554434 match { field_id: 1 exact { value: \"\\001\" } } "
+           "action { action_profile_action_set { " +
+           drop + first + " } " + drop + second + " } } } }";
+  };
+  const std::string list = "hops.watch";
+  ASSERT_EQ(StatusCode::OK, write(Update::INSERT, set("watch_port: \"\\005\"", "watch: 6")))
+      << said_;
+  const std::string rows = rowsOf(list);
+  EXPECT_THAT(rows,
+              HasSubstr("group_id=0x00000001 member_id=0x00000001 -> action=set port=0x00000005"));
+  EXPECT_THAT(rows,
+              HasSubstr("group_id=0x00000001 member_id=0x00000002 -> action=set port=0x00000006"));
+  EXPECT_THAT(rowsOf("hops.group"), HasSubstr("group 1 (one-shot): members 1 x1, 2 x1"));
+  const auto expectUnchanged = [&] {
+    EXPECT_EQ(rowsOf(list), rows);
+    expectReads("table_entry { table_id: 33554434 }", {set("watch_port: \"\\005\"", "watch: 6")});
+  };
+  killAgent();
+  expectUnchanged();
+  EXPECT_EQ("", push(Set::RECONCILE_AND_COMMIT));
+  expectUnchanged();
+  ASSERT_EQ(forwarder_.ctl({"fail-table", list}).exit.code, 0);
+  EXPECT_NE(StatusCode::OK, write(Update::MODIFY, set("watch: 7", "watch: 8")));
+  expectUnchanged();
+  ASSERT_EQ(forwarder_.ctl({"clear"}).exit.code, 0);
+  ASSERT_EQ(StatusCode::OK, write(Update::MODIFY, set("", "watch: 8"))) << said_;
+  EXPECT_THAT(rowsOf(list), HasSubstr("8"));
+  ASSERT_EQ(StatusCode::OK, write(Update::DELETE, set("", ""))) << said_;
+  EXPECT_THAT(rowsOf(list), Not(HasSubstr("set")));
 }
 
 TEST_F(EntityTest, WhatCannotBeIsRefusedByName) {

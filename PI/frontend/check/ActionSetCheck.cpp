@@ -8,6 +8,7 @@
 #include "PI/frontend/check/ProfileCheck.h"
 #include "PI/frontend/store/ActionCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
+#include "PI/frontend/store/WatchPorts.h"
 
 namespace pi::fe::proto {
 
@@ -62,6 +63,7 @@ void checkActionSet(const TablePlan& table, const Set& set, const Naming& naming
     checkAction(table, element.action(), naming);
     checkWeight(profile, at, element.weight());
     checkWatch(profile, at, element.watch(), element.watch_port());
+    if (profile.ports != nullptr) watchedPort(profile, element, naming);
     weight.weights += repeats(element.weight());
     ++weight.members;
   }

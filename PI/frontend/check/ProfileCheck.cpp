@@ -10,6 +10,7 @@
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/store/ActionCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
+#include "PI/frontend/store/WatchPorts.h"
 
 namespace pi::fe::proto {
 
@@ -47,7 +48,7 @@ void checkMaxSize(const ProfilePlan& profile, const std::string& text, int32_t m
 }
 
 GroupWeight checkedMembers(const ProfilePlan& profile, const std::string& text,
-                           const ActionProfileGroup& given) {
+                           const ActionProfileGroup& given, const Naming& naming) {
   absl::flat_hash_set<uint32_t> seen;
   GroupWeight weight;
   for (const auto& member : given.members()) {
@@ -61,6 +62,7 @@ GroupWeight checkedMembers(const ProfilePlan& profile, const std::string& text,
     }
     checkWeight(profile, at, member.weight());
     checkWatch(profile, at, member.watch(), member.watch_port());
+    if (profile.ports != nullptr) watchedPort(profile, member, naming);
     weight.weights += repeats(member.weight());
     ++weight.members;
   }
@@ -186,7 +188,8 @@ CheckedUpdate checkedGroup(const P4InfoIndex& index, const ActionProfileGroup& g
     return result;
   }
   checkMaxSize(profile, text, given.max_size(), type);
-  checkSize(profile, text, given.max_size(), checkedMembers(profile, text, given));
+  checkSize(profile, text, given.max_size(),
+            checkedMembers(profile, text, given, {&result.names, true}));
   const std::string bytes = canonicalBytes(profile, given);
   result.slot.entry = makeObject(id, bytes.size());
   std::memcpy(result.slot.entry->actionData(), bytes.data(), bytes.size());

@@ -70,7 +70,7 @@ class Adder {
     for (const auto& type : p4Info.externs()) take(type.instances());
   }
 
-  config::P4Info run(const config::P4Info& p4Info) {
+  config::P4Info run(const config::P4Info& p4Info, bool withWatchPorts) {
     addReplication();
     for (const auto& counter : p4Info.counters()) {
       addArray(EntityKind::counter, counter.preamble(), counter.size(),
@@ -97,6 +97,9 @@ class Adder {
                   {{"max_timeout_ns", 64}, {"max_list_size", 32}, {"ack_timeout_ns", 64}});
       }
     }
+    if (withWatchPorts) {
+      for (const auto& profile : p4Info.action_profiles()) addWatchPorts(profile);
+    }
     return std::move(result_);
   }
 
@@ -118,7 +121,8 @@ class Adder {
   config::Table* add(EntityKind kind, const config::Preamble& preamble, int64_t size = 0) {
     if (!takeIds(kind, preamble.id())) return nullptr;
     config::Table* table = result_.add_tables();
-    const char* prefix = kind == EntityKind::counter         ? "counter."
+    const char* prefix = kind == EntityKind::watchPort       ? ""
+                         : kind == EntityKind::counter       ? "counter."
                          : kind == EntityKind::meter         ? "meter."
                          : kind == EntityKind::registerArray ? "register."
                          : kind == EntityKind::valueSet      ? "value_set."
@@ -226,6 +230,17 @@ class Adder {
     addAction(EntityKind::idleTimeout, table.preamble().id(), added, {{"ns", 64}});
   }
 
+  // Beside the tables of the profile's members and groups, and named like them.
+  void addWatchPorts(const config::ActionProfile& profile) {
+    if (!profile.with_selector()) return;
+    config::Table* table = add(EntityKind::watchPort, profile.preamble());
+    if (table == nullptr) return;
+    nameIs(table->mutable_preamble(), table->preamble().id(), table->preamble().name() + ".watch");
+    addKey(table, {"group_id", kEntityIdBits});
+    addKey(table, {"member_id", kEntityIdBits});
+    addAction(EntityKind::watchPort, profile.preamble().id(), table, {{"port", kEntityIdBits}});
+  }
+
   config::P4Info result_;
   absl::flat_hash_set<uint32_t> taken_;
   bool hasRowAction_ = false;
@@ -249,6 +264,8 @@ const char* entityKindText(EntityKind kind) {
       return "value set";
     case EntityKind::idleTimeout:
       return "idle time-outs of table";
+    case EntityKind::watchPort:
+      return "watch ports of action profile";
     case EntityKind::digest:
       break;
   }
@@ -272,8 +289,8 @@ int32_t registerBits(const config::Register& array) {
   return spec.bitstring().has_bit() ? spec.bitstring().bit().bitwidth() : 0;
 }
 
-config::P4Info with_entity_tables(const config::P4Info& p4Info) {
-  return Adder(p4Info).run(p4Info);
+config::P4Info with_entity_tables(const config::P4Info& p4Info, bool withWatchPorts) {
+  return Adder(p4Info).run(p4Info, withWatchPorts);
 }
 
 }  // namespace pi::fe::proto

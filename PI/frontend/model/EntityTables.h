@@ -15,14 +15,15 @@ enum class EntityKind : uint8_t {
   registerArray,
   valueSet,
   digest,
-  idleTimeout  // of the entries of a table
+  idleTimeout,  // of the entries of a table
+  watchPort     // of the members in the groups of an action profile
 };
 
 // "multicast group", "counter".
 const char* entityKindText(EntityKind kind);
 
-// `id`: the object's in the P4Info, of idle time-outs the table's; groups and sessions are none,
-// and have 0.
+// `id`: the object's in the P4Info, of idle time-outs the table's, of watch ports the profile's;
+// groups and sessions are none, and have 0.
 uint32_t entityTableId(EntityKind kind, uint32_t id = 0);
 uint32_t entityListTableId(EntityKind kind, uint32_t id = 0);  // 0: the kind has none
 

@@ -97,6 +97,14 @@ DirectMeterPlan meterPlan(const config::DirectMeter& meter) {
   return {meter.preamble().id(), static_cast<DirectMeterPlan::Unit>(spec.unit()), spec.type()};
 }
 
+bool isPort(const config::ControllerPacketMetadata::Metadata& field) {
+  return field.name().ends_with("egress_port") || field.name().ends_with("ingress_port");
+}
+
+bool hasPort(const config::ControllerPacketMetadata& header) {
+  return std::ranges::any_of(header.metadata(), isPort);
+}
+
 bool usesPriority(MatchKind kind) {
   return kind == MatchKind::ternary || kind == MatchKind::range || kind == MatchKind::optional;
 }
@@ -107,7 +115,8 @@ P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abi
     : abilities_(abilities) {
   if (abilities_.strings != 0) namedTypesAre(p4Info);
   const config::P4Info named = abilities_.strings != 0 ? with_translation_tables(p4Info) : p4Info;
-  const config::P4Info all = abilities_.entities != 0 ? with_entity_tables(named) : named;
+  const config::P4Info all =
+      abilities_.entities != 0 ? with_entity_tables(named, abilities_.watch_ports != 0) : named;
   doIndexObjects(all);
   doCheckDirectResources(p4Info);
   for (const auto& action : all.actions()) {
@@ -132,6 +141,7 @@ P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abi
   }
   tablesOfProfilesAre(p4Info);
   if (abilities_.entities != 0) entitiesAre(p4Info);
+  if (abilities_.watch_ports != 0) watchPortsAre(p4Info);
   usesOfNamesAre();
 }
 
@@ -171,9 +181,7 @@ Dictionary* P4InfoIndex::namesOf(const Value& value) const {
 Dictionary* P4InfoIndex::portNames(const config::P4Info& p4Info) const {
   for (const auto& header : p4Info.controller_packet_metadata()) {
     for (const auto& field : header.metadata()) {
-      const bool isPort =
-          field.name().ends_with("egress_port") || field.name().ends_with("ingress_port");
-      Dictionary* type = isPort ? names(field.type_name().name()) : nullptr;
+      Dictionary* type = isPort(field) ? names(field.type_name().name()) : nullptr;
       if (type != nullptr) return type;
     }
   }
@@ -192,10 +200,13 @@ void P4InfoIndex::usesOfNamesAre() {
     });
   };
   for (const auto& table : tables_) {
-    table->usesNames = mayUse(*table) || hasNames(*table);
+    const bool watchesNames = table->profile != nullptr && table->profile->ports != nullptr;
+    table->usesNames = mayUse(*table) || hasNames(*table) || watchesNames;
     if (table->defaultEntry) table->defaultEntry->usesNames = mayUse(*table);
   }
-  for (const auto& profile : profiles_) profile->usesNames = mayUse(*profile);
+  for (const auto& profile : profiles_) {
+    profile->usesNames = mayUse(*profile) || profile->ports != nullptr;
+  }
   for (const auto& table : entityTables_) {
     const TablePlan* list = table->entity != nullptr ? table->entity->list : nullptr;
     table->usesNames = list != nullptr && (hasNames(*list) || table->entity->ports != nullptr);
@@ -475,6 +486,20 @@ void P4InfoIndex::entitiesAre(const config::P4Info& p4Info) {
     preamble.set_id(table->id);
     preamble.set_name(table->name);
     table->idleTimeouts = entityIs(EntityKind::idleTimeout, preamble)->table;
+  }
+}
+
+void P4InfoIndex::watchPortsAre(const config::P4Info& p4Info) {
+  Dictionary* const ports = portNames(p4Info);
+  const bool anyPort = std::ranges::any_of(p4Info.controller_packet_metadata(), hasPort);
+  for (const auto& profile : profiles_) {
+    if (!profile->withSelector) continue;
+    config::Preamble preamble;
+    preamble.set_id(profile->id);
+    preamble.set_name(profile->name);
+    profile->watchPorts = entityIs(EntityKind::watchPort, preamble)->table;
+    profile->ports = ports;
+    profile->portsAreNumbers = ports == nullptr && (anyPort || !profile->portsAreStrings);
   }
 }
 

@@ -55,6 +55,7 @@ class P4InfoIndex {
   template <typename Value>
   Dictionary* namesOf(const Value& value) const;
   Dictionary* portNames(const p4::config::v1::P4Info& p4Info) const;
+  void watchPortsAre(const p4::config::v1::P4Info& p4Info);
   void usesOfNamesAre();
   void objectIs(const char* kind, const p4::config::v1::Preamble& preamble, int64_t size = 0);
   void doIndexObjects(const p4::config::v1::P4Info& p4Info);

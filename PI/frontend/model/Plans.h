@@ -90,6 +90,8 @@ struct ActionUser {
   }
 };
 
+struct TablePlan;
+
 // An action profile. Its size counts the members when it has no selector, else the weights of all
 // groups and action sets together.
 struct ProfilePlan : ActionUser {
@@ -102,6 +104,10 @@ struct ProfilePlan : ActionUser {
   uint32_t maxMemberWeight = 0;  // 0: any
   bool weightsDisallowed = false;
   bool portsAreStrings = false;  // perhaps: the program has translated types that are strings
+  // Has a row for each member of a group, and of an action set, that watches a port. Null: none.
+  const TablePlan* watchPorts = nullptr;
+  Dictionary* ports = nullptr;   // where ports are names; else null
+  bool portsAreNumbers = false;  // for certain
 };
 
 struct DirectCounterPlan {
@@ -117,8 +123,6 @@ struct DirectMeterPlan {
   Unit unit = Unit::unspecified;
   p4::config::v1::MeterSpec::Type type = p4::config::v1::MeterSpec::TWO_RATE_THREE_COLOR;
 };
-
-struct TablePlan;
 
 // Multicast groups, clone sessions, an array of cells, a value set or a digest.
 struct EntityPlan {

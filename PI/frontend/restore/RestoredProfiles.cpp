@@ -6,6 +6,8 @@
 
 #include "PI/frontend/restore/RestoredSet.h"
 #include "PI/frontend/store/HeldNames.h"
+#include "PI/frontend/store/WatchPorts.h"
+#include "PI/frontend/target/TargetCalls.h"
 #include "PI/pi_act_prof.h"
 #include "PI/pi_extensions.h"
 
@@ -98,6 +100,8 @@ pi_status_t RestoredProfiles::groupIs(uint32_t profileId, uint32_t controllerId,
     object->handle = handle;
     std::memcpy(object->actionData(), kept.data(), kept.size());
     use_.countChange(*profile, nullptr, object.get());
+    holdNames(*profile, nullptr, *object);
+    maybeRememberWatching(*profile, nullptr, object);
     store_.entryIs(std::move(object));
   }
   groups_[handle] = std::move(group);
@@ -156,11 +160,9 @@ EntryPtr RestoredProfiles::resolve(const TablePlan& table, const Entry& unresolv
 EntryPtr RestoredProfiles::withActionSet(const TablePlan& table, const Entry& unresolved,
                                          Group* group) {
   if (group->claimed || group->profileId != table.profile->id) return {};
-  std::vector<HiddenMember> members;
-  for (const auto& [handle, repeats] : counted(group->members)) {
-    Member& member = members_.at(handle);
-    if (member.claimed) return {};
-    members.push_back({handle, member.object, repeats});
+  const std::vector<HiddenMember> members = hiddenMembers(*group);
+  for (const HiddenMember& member : members) {
+    if (members_.at(member.handle).claimed) return {};
   }
   for (const HiddenMember& member : members) members_.at(member.handle).claimed = true;
   group->claimed = true;
@@ -169,7 +171,80 @@ EntryPtr RestoredProfiles::withActionSet(const TablePlan& table, const Entry& un
   EntryPtr entry = entryAs(unresolved, EntryKind::actionSet,
                            actionSetBytes(restored.members.size(), bytes.size()));
   actionSetIs(entry.get(), {reference(unresolved).handle, restored.members}, bytes);
+  maybeRememberWatching(*table.profile, &table, entry);
   return entry;
+}
+
+std::vector<HiddenMember> RestoredProfiles::hiddenMembers(const Group& group) const {
+  std::vector<HiddenMember> members;
+  for (const auto& [handle, repeats] : counted(group.members)) {
+    members.push_back({handle, members_.at(handle).object, repeats});
+  }
+  return members;
+}
+
+void RestoredProfiles::maybeRememberWatching(const ProfilePlan& profile, const TablePlan* table,
+                                             const EntryPtr& entry) {
+  if (profile.watchPorts == nullptr || !watchesAny(*entry)) return;
+  watching_.push_back({&profile, table, entry});
+}
+
+void RestoredProfiles::doMendWatchPorts(const TargetSession& session) {
+  for (const Watching& one : watching_) {
+    if (one.table != nullptr) reassign(*one.table, one.entry.get());
+  }
+  for (const auto& profile : index_.profiles()) {
+    if (profile->watchPorts != nullptr) doMendWatchPorts(session, *profile);
+  }
+}
+
+// Of members that look alike, each element takes the one whose port it watches.
+void RestoredProfiles::reassign(const TablePlan& table, Entry* entry) const {
+  const HiddenHandles handles = hiddenHandles(*entry);
+  std::vector<HiddenMember> members = hiddenMembers(groups_.at(handles.group));
+  const TablePlan& rows = *table.profile->watchPorts;
+  for (HiddenMember& member : members) {
+    const std::string key = watchKey(handles.group, member.handle);
+    const EntryPtr row = store_.entry({rows.id, 0, key});
+    member.port = row ? portOfWatchRow(rows, *row) : 0;
+  }
+  const std::string bytes(serializedActionSet(*entry));
+  if (const auto inOrder = membersByPort(table, members, bytes)) {
+    actionSetIs(entry, {handles.group, *inOrder}, bytes);
+  }
+}
+
+// Not in a batch, as below.
+void RestoredProfiles::doMendWatchPorts(const TargetSession& session, const ProfilePlan& profile) {
+  WatchedPorts ports;
+  for (const Watching& one : watching_) {
+    if (one.profile == &profile) ports.merge(watchedPorts(store_, profile, *one.entry));
+  }
+  const TablePlan& rows = *profile.watchPorts;
+  std::vector<Change> changes;
+  for (EntrySlot& slot : store_.slotsOf(rows.id)) {
+    const auto wanted = ports.find(std::string(slot.entry->key().bytes));
+    const bool isRight =
+        wanted != ports.end() && wanted->second == portOfWatchRow(rows, *slot.entry);
+    if (isRight) {
+      ports.erase(wanted);
+    } else if (wanted == ports.end()) {
+      changes.push_back({std::move(slot), true});
+    }
+  }
+  for (const auto& [key, port] : ports) {
+    EntryPtr row = makeWatchRow(rows, key, port);
+    const size_t hash = row->key().hash();
+    changes.push_back({{std::move(row), hash}, false});
+  }
+  std::erase_if(changes, [&](const Change& change) {
+    TargetCalls calls(session, 0);
+    calls.contextIs(0, 0, {});
+    calls.rowChange(rows, change);
+    return calls.status() != PI_STATUS_SUCCESS;
+  });
+  pi_batch_current_clear();
+  store_.commit(changes);
 }
 
 // Not in a batch: nobody waits for the forwarding plane here, and a failure is not the

@@ -5,6 +5,7 @@
 #include <span>
 
 #include "PI/frontend/model/P4InfoIndex.h"
+#include "PI/frontend/restore/RestoredSet.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/store/ProfileUse.h"
 #include "PI/frontend/target/TargetSession.h"
@@ -32,6 +33,10 @@ class RestoredProfiles {
   // missing, or is hidden and belongs to another entry already.
   EntryPtr resolve(const TablePlan& table, const Entry& unresolved);
 
+  // After the last entry: brings the rows of watch ports to the groups and sets, where they do not
+  // agree. Takes the target's lock.
+  void doMendWatchPorts(const TargetSession& session);
+
   // Deletes hidden members and groups that no entry claimed. Takes the target's lock.
   void doDeleteUnclaimed(const TargetSession& session);
 
@@ -39,6 +44,12 @@ class RestoredProfiles {
   struct Member {
     EntryPtr object;  // id 0 when hidden
     bool claimed = false;
+  };
+  // A group or an entry with a set, one of whose members watches a port.
+  struct Watching {
+    const ProfilePlan* profile;
+    const TablePlan* table;  // null: a group
+    EntryPtr entry;
   };
   struct Group {
     uint32_t profileId = 0;
@@ -52,12 +63,18 @@ class RestoredProfiles {
   std::string groupBytes(const ProfilePlan& profile, uint32_t id, std::span<const uint64_t> members,
                          std::string_view bytes) const;
   EntryPtr withActionSet(const TablePlan& table, const Entry& unresolved, Group* group);
+  std::vector<HiddenMember> hiddenMembers(const Group& group) const;
+  void maybeRememberWatching(const ProfilePlan& profile, const TablePlan* table,
+                             const EntryPtr& entry);
+  void reassign(const TablePlan& table, Entry* entry) const;
+  void doMendWatchPorts(const TargetSession& session, const ProfilePlan& profile);
 
   const P4InfoIndex& index_;
   EntryStore& store_;
   ProfileUse& use_;
   absl::flat_hash_map<uint64_t, Member> members_;  // by handle
   absl::flat_hash_map<uint64_t, Group> groups_;    // by handle
+  std::vector<Watching> watching_;
 };
 
 }  // namespace pi::fe::proto

@@ -26,6 +26,15 @@ void visitAction(const ActionUser& user, const Entry& entry, Visitor& visitor) {
   }
 }
 
+// The ports that elements of a group or set watch.
+template <typename Elements, typename Visitor>
+void visitWatches(Dictionary* ports, const Elements& elements, Visitor& visitor) {
+  if (ports == nullptr) return;
+  for (const auto& element : elements) {
+    if (!element.watch_port().empty()) visitor.name(*ports, element.watch_port());
+  }
+}
+
 // The hidden members have the numbers.
 template <typename Visitor>
 void visitSet(const ActionUser& user, const Entry& entry, Visitor& visitor) {
@@ -80,7 +89,14 @@ void visitNames(const ActionUser& user, const TablePlan* table, const Entry& ent
   if (entry.kind == EntryKind::action || entry.kind == EntryKind::memberObject) {
     visitAction(user, entry, visitor);
   }
-  if (entry.kind == EntryKind::actionSet) visitSet(user, entry, visitor);
+  if (entry.kind == EntryKind::actionSet && table != nullptr) {
+    visitSet(user, entry, visitor);
+    visitWatches(table->profile->ports, peekedActionSet(entry).action_profile_actions(), visitor);
+  }
+  if (entry.kind == EntryKind::groupObject) {
+    const auto& profile = static_cast<const ProfilePlan&>(user);
+    visitWatches(profile.ports, peekedGroup(entry).members(), visitor);
+  }
 }
 
 struct Holding {

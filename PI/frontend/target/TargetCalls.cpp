@@ -126,6 +126,15 @@ void TargetCalls::entryDelete(Entry* entry) {
   });
 }
 
+void TargetCalls::rowChange(const TablePlan& table, const Change& change) {
+  Entry* row = change.slot.entry.get();
+  if (change.isDelete) {
+    entryDelete(row);
+  } else {
+    entryAdd(table, row, true);
+  }
+}
+
 uint64_t TargetCalls::memberCreate(uint32_t profileId, const ActionBytes& action) {
   pi_indirect_handle_t handle = 0;
   call([&] {

@@ -32,6 +32,8 @@ class TargetCalls {
   void entryAdd(const TablePlan& table, Entry* entry, bool overwrite,
                 const std::optional<Counts>& counts = std::nullopt);
   void entryDelete(Entry* entry);
+  // A row of a table of rows that come with entries.
+  void rowChange(const TablePlan& table, const Change& change);
 
   uint64_t memberCreate(uint32_t profileId, const ActionBytes& action);  // its handle
   void memberModify(uint32_t profileId, uint64_t member, const ActionBytes& action);

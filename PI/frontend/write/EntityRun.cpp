@@ -40,12 +40,7 @@ void doRunList(const CheckedUpdate& update, const Entry* former, TargetCalls* ca
 void doRunAlso(const CheckedUpdate& update, TargetCalls* calls) {
   calls->contextIs(0, 0, {});
   for (const Change& change : update.also()) {
-    Entry* entry = change.slot.entry.get();
-    if (change.isDelete) {
-      calls->entryDelete(entry);
-    } else {
-      calls->entryAdd(*update.table->idleTimeouts, entry, true);
-    }
+    calls->rowChange(*update.table->idleTimeouts, change);
   }
 }
 

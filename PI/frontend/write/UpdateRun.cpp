@@ -3,7 +3,11 @@
 
 #include <absl/container/flat_hash_map.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "PI/frontend/store/ProfileObjects.h"
+#include "PI/frontend/store/WatchPorts.h"
 #include "PI/frontend/target/TargetGroup.h"
 #include "PI/frontend/write/EntityRun.h"
 #include "PI/frontend/write/HiddenGroup.h"
@@ -93,14 +97,32 @@ void doRunEntry(const CheckedUpdate& update, const Entry* former, TargetCalls* c
   if (!update.also().empty()) doRunAlso(update, calls);
 }
 
+// Behind the group and its members, whose handles the rows have.
+void doRunWatches(const EntryStore& store, CheckedUpdate* update, const Entry* former,
+                  TargetCalls* calls) {
+  const Entry* now = update->type == Update::DELETE ? nullptr : update->slot.entry.get();
+  std::vector<Change> changes = watchChanges(store, *update->profile, former, now);
+  if (changes.empty()) return;
+  calls->contextIs(0, 0, {});
+  for (const Change& change : changes) {
+    calls->rowChange(*update->profile->watchPorts, change);
+  }
+  std::ranges::move(changes, std::back_inserter(update->withExtras().also));
+}
+
 }  // namespace
 
-void doRunUpdate(const EntryStore& store, const CheckedUpdate& update, const Entry* former,
+void doRunUpdate(const EntryStore& store, CheckedUpdate* update, const Entry* former,
                  TargetCalls* calls) {
-  if (update.subject == Subject::member) return doRunMember(update, former, calls);
-  if (update.subject == Subject::group) return doRunGroup(store, update, former, calls);
-  if (update.table->entity != nullptr) return doRunEntity(update, former, calls);
-  doRunEntry(update, former, calls);
+  if (update->subject == Subject::member) return doRunMember(*update, former, calls);
+  if (update->subject == Subject::group) {
+    doRunGroup(store, *update, former, calls);
+  } else if (update->table->entity != nullptr) {
+    return doRunEntity(*update, former, calls);
+  } else {
+    doRunEntry(*update, former, calls);
+  }
+  if (update->profile != nullptr) doRunWatches(store, update, former, calls);
 }
 
 }  // namespace pi::fe::proto

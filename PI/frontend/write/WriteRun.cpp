@@ -306,7 +306,7 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
   auto& [position, error] = statuses->emplace_back();
   position = offset;
   error.set_canonical_code(code::internal);
-  doRunUpdate(store_, update, former, &calls);
+  doRunUpdate(store_, &update, former, &calls);
   operation.pending = true;
   if (!calls.anyMade()) {  // nothing changes, so the target has nothing to confirm
     statuses->pop_back();

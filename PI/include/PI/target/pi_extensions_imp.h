@@ -28,6 +28,9 @@ typedef struct {
    * numbers of 32 bits in their place, which the front end gives out; it keeps the strings as
    * entries of tables of their own, which PI/frontends/proto/translation_tables.h tells. */
   int strings;
+  /* The watch ports of groups and one-shot sets are entries of tables of their own, one for each
+   * member that watches a port; needs `entities`. */
+  int watch_ports;
 } pi_abilities_t;
 
 #define PI_DEFAULT_ENTRY_TABLE(table_id) ((table_id) ^ 0x80000000u)

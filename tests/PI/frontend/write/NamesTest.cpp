@@ -21,6 +21,7 @@ constexpr uint32_t kNeighbors = 0x02000001;  // vrf exact, port optional
 constexpr uint32_t kSets = 0x02000002;       // key exact 8; one-shot sets
 constexpr uint32_t kMembers = 0x02000003;    // key exact 8; members
 constexpr uint32_t kProfile = 0x11000002;
+constexpr uint32_t kWatch = 0x51000001;  // the ports that elements of sets watch
 
 constexpr char kP4Info[] = R"(
   tables {
@@ -56,7 +57,7 @@ constexpr char kP4Info[] = R"(
   }
   controller_packet_metadata {
     preamble { id: 0x03000002 name: "packet_in" }
-    metadata { id: 1 name: "port" type_name { name: "port_t" } }
+    metadata { id: 1 name: "ingress_port" type_name { name: "port_t" } }
   }
   value_sets {
     preamble { id: 0x04000001 name: "ports" } size: 8
@@ -110,8 +111,12 @@ TableEntry keyed(uint32_t table, uint32_t key) {
 class NamesTest : public FrontendTest {
  protected:
   NamesTest() : FrontendTest(namesConfig()) {
-    target.abilitiesAre(
-        {.fields = 1, .default_actions = 0, .packet_headers = 1, .entities = 1, .strings = 1});
+    target.abilitiesAre({.fields = 1,
+                         .default_actions = 0,
+                         .packet_headers = 1,
+                         .entities = 1,
+                         .strings = 1,
+                         .watch_ports = 1});
     pipelineIsUp();
   }
   int codeOf(Update::Type type, const TableEntry& entry, std::string* message = nullptr) {
@@ -227,14 +232,22 @@ TEST_F(NamesTest, OfMembersAndOneShotSetsAreKeptOverRestarts) {
     auto* element = elements.add_action_profile_actions();
     *element->mutable_action() = to(port);
     element->set_weight(1);
+    element->set_watch_port("watched");
   }
   ASSERT_EQ(codeOf(Update::INSERT, set), code::ok);
+  const auto watched = [&] {
+    return std::ranges::count_if(target.rows(), [&](const auto& row) {
+      return row.first.tableId == kWatch && row.second.action == stored("port_t").at("watched");
+    });
+  };
+  EXPECT_EQ(watched(), 2);
   const TableEntry entry = neighbor("red", "b", "c");
   ASSERT_EQ(codeOf(Update::INSERT, entry), code::ok);
   const auto before = stored("port_t");
 
   restart();
   EXPECT_EQ(stored("port_t"), before);
+  EXPECT_EQ(watched(), 2);
   EXPECT_THAT(members(), ElementsAre(EqualsProto(member)));
   EXPECT_THAT(found(keyed(kSets, 1)), ElementsAre(EqualsProto(set)));
   EXPECT_THAT(found(entry), ElementsAre(EqualsProto(entry)));
