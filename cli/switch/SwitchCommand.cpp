@@ -38,6 +38,13 @@ void sayInterfaces(const SwitchOptions& options, const SwitchLog& log) {
   std::fflush(stdout);
 }
 
+void warnOfStrangers(const ServerAddress& server, const SwitchLog& log) {
+  if (server.host == "::1" || server.host.starts_with("127.")) return;
+  log.say("switch", fmt::format("whoever reaches {} may program the switch: calls are neither "
+                                "encrypted nor authenticated",
+                                server.text));
+}
+
 void sayDirectory(const SwitchDirectory& directory, const SwitchLog& log) {
   fmt::print("State directory {}\n", directory.path());
   if (!directory.isTakenUp()) return;
@@ -59,6 +66,7 @@ int switchMain(const SwitchOptions& options) {
   try {
     const SwitchLog log = logOf(options);
     for (const std::string& warning : options.warnings) log.say("switch", warning);
+    warnOfStrangers(options.server, log);
     requireStartable(options);
     const bool isOwn = options.stateDirectory.empty();
     const SwitchDirectory directory(

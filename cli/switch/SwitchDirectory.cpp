@@ -2,11 +2,13 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 #include <thread>
@@ -36,6 +38,17 @@ bool isOnlyLock(const std::string& directory) {
   return true;
 }
 
+// The lock names its holder, for those who come too late. 0: not known.
+pid_t holderOf(int lock) {
+  char text[16] = {};
+  return pread(lock, text, sizeof text - 1, 0) > 0 ? std::atoi(text) : 0;
+}
+
+void setHolder(int lock) {
+  const std::string text = fmt::format("{}\n", getpid());
+  if (ftruncate(lock, 0) == 0) (void)!pwrite(lock, text.data(), text.size(), 0);
+}
+
 }  // namespace
 
 std::string defaultSwitchDirectory(uint32_t deviceId, uint16_t serverPort) {
@@ -51,14 +64,12 @@ SwitchDirectory::SwitchDirectory(std::string path, bool fresh, std::chrono::mill
   try {
     if (fresh) requireSwitchs();
     while (!tryHold()) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        throw SwitchDirectoryError(
-            fmt::format("another switch runs in {}; choose another --device-id, --grpc-server-addr "
-                        "or --state-dir",
-                        path_));
-      }
+      const pid_t holder = holderOf(lock_.get());
+      const bool isAlive = holder > 0 && (kill(holder, 0) == 0 || errno != ESRCH);
+      if (isAlive || std::chrono::steady_clock::now() > deadline) failBeside(holder);
       std::this_thread::sleep_for(lockPeriod);
     }
+    setHolder(lock_.get());
     if (fresh) removeContents();
     takenUp_ = !isOnlyLock(path_);
   } catch (const std::system_error& e) {
@@ -67,6 +78,12 @@ SwitchDirectory::SwitchDirectory(std::string path, bool fresh, std::chrono::mill
   } catch (const Brine::StoreError& e) {
     throw SwitchDirectoryError(e.what());
   }
+}
+
+void SwitchDirectory::failBeside(pid_t holder) const {
+  throw SwitchDirectoryError(fmt::format(
+      "another switch{} runs in {}; choose another --device-id, --grpc-server-addr or --state-dir",
+      holder > 0 ? fmt::format(", pid {},", holder) : "", path_));
 }
 
 // A former switch may remove the directory while this one waits for it: then the lock is another

@@ -1,6 +1,8 @@
 // The state directory of a switch: made, held by one switch at a time, and removed.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
 #include <stdexcept>
@@ -22,8 +24,8 @@ std::string defaultSwitchDirectory(uint32_t deviceId, uint16_t serverPort);
 class SwitchDirectory {
  public:
   static constexpr uint16_t usualPort = 9559;
-  // Makes the directory when it is absent, with mode 0700, and holds it. A switch that was killed a
-  // moment ago is waited for until its children have ended, for `patience`. `fresh`: removes all
+  // Makes the directory when it is absent, with mode 0700, and holds it. The children of a switch
+  // that was killed a moment ago are waited for, for `patience`. `fresh`: removes all
   // that is in it. Throws SwitchDirectoryError; also when `fresh` is given for a directory with
   // files that no switch has made.
   SwitchDirectory(std::string path, bool fresh,
@@ -40,6 +42,7 @@ class SwitchDirectory {
 
  private:
   bool tryHold();
+  [[noreturn]] void failBeside(pid_t holder) const;
   void requireSwitchs() const;
   void removeContents() const;
 

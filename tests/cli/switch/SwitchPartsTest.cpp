@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -56,7 +58,12 @@ TEST(SwitchDirectory, IsHeldByOneSwitchAndBegunEmptyOnlyIfASwitchMadeIt) {
     const SwitchDirectory first = held(false);
     EXPECT_FALSE(first.isTakenUp());
     EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms::owner_all);
-    EXPECT_THROW(held(false), SwitchDirectoryError);
+    try {
+      held(false);
+      ADD_FAILURE() << "two hold it";
+    } catch (const SwitchDirectoryError& e) {
+      EXPECT_THAT(e.what(), HasSubstr("another switch, pid " + std::to_string(getpid())));
+    }
     std::ofstream(first.file("data")) << "tables";
   }
   EXPECT_TRUE(held(false).isTakenUp());
