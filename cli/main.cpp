@@ -1,11 +1,13 @@
 // The `korvel` command: one subcommand a file. Exit status 0: done, 1: failed, 2: wrong usage.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "cli/TraceCommand.h"
 #include "cli/agent/AgentCommand.h"
@@ -13,6 +15,8 @@
 #include "cli/client/OrreryCommands.h"
 #include "cli/client/StatusCommand.h"
 #include "cli/pipeline/PipelineCommand.h"
+#include "cli/switch/SwitchCommand.h"
+#include "cli/switch/SwitchOptions.h"
 #include "cli/table/TableCommand.h"
 #include "platform/vela/LargePages.h"
 
@@ -23,6 +27,7 @@ constexpr int usage = 2;
 
 void addCommands(CLI::App& app) {
   addAgentCommand(app);
+  addSwitchCommand(app, KORVEL_VERSION);
   addPipelineCommand(app);
   addStatusCommand(app);
   addControlCommands(app);
@@ -77,6 +82,15 @@ int usageStatus(const CLI::App& app, const CLI::ParseError& error) {
   return usage;
 }
 
+// As the parser takes them: the last one first.
+std::vector<std::string> wordsFor(CLI::App& app, int argc, char** argv) {
+  std::vector<std::string> words(argv + 1, argv + argc);
+  const CLI::App* const command = words.empty() ? nullptr : subcommand(app, words[0]);
+  if (command && words[0] == "switch") words = plainSwitchWords(*command, std::move(words));
+  std::reverse(words.begin(), words.end());
+  return words;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -88,7 +102,7 @@ int main(int argc, char** argv) {
   addCommands(app);
   if (const int status = refuseUnknownSubcommand(app, argc, argv); status != 0) return status;
   try {
-    app.parse(argc, argv);
+    app.parse(wordsFor(app, argc, argv));
     return 0;
   } catch (const CLI::RuntimeError& e) {
     return e.get_exit_code();

@@ -95,7 +95,8 @@ cli/client                platform
 cli/agent                 cli/client+ P4Runtime/agent P4Runtime/companion
 cli/table                 cli/client+
 cli/pipeline              pipeline platform proto
-cli                       cli/agent+ cli/table+ cli/pipeline+
+cli/switch                P4Runtime/companion platform
+cli                       cli/agent+ cli/table+ cli/pipeline+ cli/switch+
 
 examples/minimal-forwarder   platform/lattice
 examples/plugins/table-use   P4Runtime/plugin
@@ -112,6 +113,7 @@ tests/forwarder/*         forwarder platform tests/forwarder tests/support
 tests/forwarder/packets   p4 forwarder platform tests/p4 tests/support
 tests/forwarder/plane     forwarder p4 platform tests/forwarder tests/p4 tests/support
 tests/cli                 P4Runtime/agent platform tests/support
+tests/cli/switch          cli/switch+ tests/support
 tests/cli/table           platform tests/support
 tests/e2e                 platform/vela proto tests/support
 
