@@ -22,6 +22,10 @@ Direct counters, and direct meters; these go with the entry, or are set later:
     controller.py counters ipv4_route
     controller.py meter --priority 10 --rate 1000000:64000 acl l4_dst_port=22
 
+A pipeline for a switch that may run any, with the compiled program where it executes that:
+
+    controller.py push router.p4info.txtpb router.json
+
 Packets, out of a port of the switch, and those that the switch gives to its controller:
 
     controller.py packet-out 1 --size 100
@@ -32,12 +36,14 @@ Packets, out of a port of the switch, and those that the switch gives to its con
 import argparse
 import collections
 import os
+import pathlib
 import queue
 import sys
 import threading
 
 import stubs  # noqa: F401  (makes the imports of messages below work)
 import grpc
+from google.protobuf import text_format
 from google.rpc import status_pb2
 from p4.config.v1 import p4info_pb2
 from p4.v1 import p4runtime_pb2, p4runtime_pb2_grpc
@@ -226,6 +232,17 @@ class Controller:
         if self._headers is None:
             self._headers = PacketHeaders(self.pipeline.p4info)
         return self._headers
+
+    def push(self, p4info_text, device_config=b""):
+        """Has the switch run another pipeline, without entries: a P4Info in text form, and the
+        compiled program for a switch in software. Needs to be primary."""
+        request = p4runtime_pb2.SetForwardingPipelineConfigRequest(
+            device_id=self.device_id, election_id=self.election_id,
+            action=p4runtime_pb2.SetForwardingPipelineConfigRequest.VERIFY_AND_COMMIT)
+        text_format.Parse(p4info_text, request.config.p4info)
+        request.config.p4_device_config = device_config
+        self._call(self._stub.SetForwardingPipelineConfig, request)
+        self._pipeline = self._headers = None  # asked for again
 
     # Entries, and the members and groups that entries of some tables name.
 
@@ -431,6 +448,9 @@ def arguments():
     counters = commands.add_parser("counters", help="the counts of a table's entries")
     counters.add_argument("table", nargs="?")
     add_key(commands.add_parser("meter", help="limit an entry, or without --rate no more"))
+    push = commands.add_parser("push", help="have the switch run this pipeline")
+    push.add_argument("p4info", type=pathlib.Path, help="in text form")
+    push.add_argument("program", type=pathlib.Path, nargs="?", help="compiled P4 JSON")
     add_packet_commands(commands)
     return parser.parse_args()
 
@@ -455,7 +475,10 @@ def print_things(controller, options):
 
 def write_thing(controller, options):
     """The commands that change something."""
-    if options.command == "member":
+    if options.command == "push":
+        controller.push(options.p4info.read_text(),
+                        options.program.read_bytes() if options.program else b"")
+    elif options.command == "member":
         controller.write([controller.update(options.kind.upper(), member_of(options))])
     elif options.command == "group":
         controller.write([controller.update(options.kind.upper(), group_of(options))])
@@ -505,10 +528,10 @@ def main():
 if __name__ == "__main__":
     try:
         main()
-    except (ControllerError, NameOrValueError) as error:
-        sys.exit(f"controller: {error}")
-    except KeyboardInterrupt:
-        sys.exit(130)
     except BrokenPipeError:  # nobody reads on, as behind 'head'
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         sys.exit(1)
+    except (ControllerError, NameOrValueError, OSError, text_format.ParseError) as error:
+        sys.exit(f"controller: {error}")
+    except KeyboardInterrupt:
+        sys.exit(130)

@@ -16,7 +16,7 @@ import sys
 import tempfile
 
 import network
-from stage import DemoError, Switch
+from stage import DemoError, Switch, step
 
 
 def programs_folder(build):
@@ -51,6 +51,7 @@ def main():
     os.environ.setdefault("KORVEL_STUBS_DIR", str(build / "python"))
     from controller import ControllerError  # these make their messages in the folder just set
     from entries import NameOrValueError
+    from forwarding_story import ForwardingStory
     from story import Demo
 
     # The terminal's signals end the demo through the clean-up below.
@@ -69,7 +70,13 @@ def main():
             demo = Demo(switch)
             cleanup.callback(lambda: demo.controller and demo.controller.close())
             demo.run()
-        except (DemoError, ControllerError, NameOrValueError, OSError,
+            if not without_packets:
+                switch.end()
+                forwarding = ForwardingStory(programs, pathlib.Path(folder))
+                cleanup.callback(forwarding.close)
+                forwarding.run()
+            step("Everything was as expected.")
+        except (DemoError, ControllerError, NameOrValueError, network.NetworkError, OSError,
                 subprocess.SubprocessError) as error:
             print(f"\ndemo: {error}", file=sys.stderr)
             for process in switch.processes():

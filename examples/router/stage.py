@@ -187,6 +187,6 @@ class Switch:
         return done.stdout
 
     def end(self):
-        for process in (self.agent, self.forwarder):
-            if process:
-                process.end(signal.SIGTERM)
+        for process in self.processes():
+            process.end(signal.SIGTERM)
+        self.agent = self.forwarder = None
