@@ -24,9 +24,14 @@ std::vector<const Entry*> sortedRows(const EntryStore::Snapshot& snapshot, const
   return rows;
 }
 
-// A register's cell in the beginning.
-void zeroIs(const EntityPlan& plan, p4::v1::P4Data* data) {
-  plan.isBool ? data->set_bool_(false) : data->set_bitstring(std::string(1, '\0'));
+// Of a register's cell: big-endian bytes, of which the leading zeros go.
+void valueIs(const EntityPlan& plan, std::string_view value, p4::v1::P4Data* data) {
+  const size_t first = std::min(value.find_first_not_of('\0'), value.size() - 1);
+  if (plan.isBool) {
+    data->set_bool_(value.back() != '\0');
+  } else {
+    data->set_bitstring(std::string(value.substr(first)));
+  }
 }
 
 }  // namespace
@@ -55,6 +60,9 @@ bool EntityReader::sendRows(const EntityPlan& plan) {
 }
 
 bool EntityReader::sendCells(const EntityPlan& plan) {
+  if (plan.kind == EntityKind::registerArray) {
+    registers_.emplace(session_, plan, static_cast<uint64_t>(plan.size));
+  }
   const std::vector<const Entry*> rows = sortedRows(snapshot_, *plan.table);
   auto row = rows.begin();
   for (int64_t cell = 0; cell < plan.size; ++cell) {
@@ -67,6 +75,9 @@ bool EntityReader::sendCells(const EntityPlan& plan) {
 
 bool EntityReader::sendOne(const Query& query, const Entry* found) {
   const EntityPlan& plan = *query.entity;
+  if (plan.kind == EntityKind::registerArray) {
+    registers_.emplace(session_, plan, cellIndex(*query.key) + 1);
+  }
   if (plan.isArray() || plan.kind == EntityKind::valueSet) {
     return sendCell(plan, cellIndex(*query.key), found);
   }
@@ -88,7 +99,10 @@ bool EntityReader::sendCell(const EntityPlan& plan, uint64_t cell, const Entry* 
     auto& array = *entity.mutable_register_entry();
     array.set_register_id(plan.id);
     array.mutable_index()->set_index(index);
-    if (!array.has_data()) zeroIs(plan, array.mutable_data());
+    const auto told = registers_->valueOf(cell);
+    if (told || !array.has_data()) {
+      valueIs(plan, told.value_or(std::string_view("\0", 1)), array.mutable_data());
+    }
   } else {
     auto& counter = *entity.mutable_counter_entry();
     counter.set_counter_id(plan.id);

@@ -1,10 +1,14 @@
 // Sends entities that are no table entries: those with rows as they were written, cells without a
-// row as all cells were set, or as they begin. Counts come from the target.
+// row as all cells were set, or as they begin. Counts come from the target, and so do cells of
+// registers where the forwarding plane tells them.
 #pragma once
+
+#include <optional>
 
 #include "PI/frontend/model/P4InfoIndex.h"
 #include "PI/frontend/read/EntitySender.h"
 #include "PI/frontend/read/Query.h"
+#include "PI/frontend/read/RegisterCells.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/target/TargetSession.h"
 
@@ -33,6 +37,7 @@ class EntityReader {
   const EntryStore::Snapshot& snapshot_;
   const TargetSession& session_;
   EntitySender& sender_;
+  std::optional<RegisterCells> registers_;  // of the register whose cells are being sent
 };
 
 }  // namespace pi::fe::proto
