@@ -72,6 +72,7 @@ class Plane final : public RowPlane {
   Lattice::Answer registerCells(const Lattice::Question& question) const;
   std::optional<uint32_t> registerWithId(uint32_t id) const;
   void takePush();
+  void forgetPush();
   void execute(Executed next);
   PlaneTable* tableOf(const ProgrammedTable& table);
   bool tellEntries();

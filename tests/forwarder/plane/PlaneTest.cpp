@@ -214,13 +214,14 @@ class PlaneTest : public testing::Test {
 
 TEST_F(PlaneTest, AGroupOfChangesTakesEffectAtItsEnd) {
   const uint64_t entry = direct(7, 3);
-  EXPECT_THAT(out("07"), ElementsAre("0:07"));
+  EXPECT_THAT(out("07"), ElementsAre("no program"));
   EXPECT_THAT(subscriber_.reports, IsEmpty());
   agent_.rowsEnd();
   EXPECT_EQ(reportOn(entry), "0 ");
   EXPECT_THAT(out("07"), ElementsAre("3:07"));
   direct(7, 4);
   direct(9, 5);
+  EXPECT_THAT(out("07"), ElementsAre("3:07"));
   agent_.rowsEnd();
   EXPECT_THAT(out("07"), ElementsAre("4:07"));
   erase("direct", big(7, 1));
