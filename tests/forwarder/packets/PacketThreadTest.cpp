@@ -217,6 +217,9 @@ TEST_F(PacketThreadTest, TheCpuPortIsTheAgentsTap) {
     Host controller("p4controller");
     right_->clear();
     ASSERT_TRUE(waitUntil([&] { return report(cpuPort).trouble.empty(); })) << log();
+    ASSERT_TRUE(controller.send(frameTo(2, 99)));
+    ASSERT_TRUE(waitUntil([&] { return right_->count() == 1; })) << log();
+    right_->clear();
     left_->send(frameTo(cpuPort));
     ASSERT_TRUE(waitUntil([&] { return controller.count() == 1; })) << log();
     EXPECT_THAT(controller.frames(), ElementsAre(frameTo(cpuPort)));
