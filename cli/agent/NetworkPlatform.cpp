@@ -70,7 +70,10 @@ void NetworkPlatform::createCpuDevice(const std::string& cpuDevice) {
   try {
     // Attach even if it exists: it vanishes when its last user exits.
     impl_->tap.emplace(cpuDevice);
-    if (!existed) (void)Vela::make<Wirra::InterfaceOperations>()->mtuIs(cpuDevice, cpuDeviceMtu);
+    if (existed) return;
+    const auto operations = Vela::make<Wirra::InterfaceOperations>();
+    (void)operations->mtuIs(cpuDevice, cpuDeviceMtu);
+    (void)operations->keepSilent(cpuDevice);  // a kernel without IPv6 refuses
   } catch (const std::system_error& e) {
     if (if_nametoindex(cpuDevice.c_str()) != 0) return;
     throw std::system_error(

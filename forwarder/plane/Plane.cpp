@@ -237,8 +237,16 @@ std::vector<uint64_t> Plane::idleEntries(uint64_t now) {
 }
 
 Lattice::Answer Plane::answer(const Lattice::Question& question) {
-  return question.kind == Lattice::Question::Kind::pipeline ? answerOfPush(question.push)
-                                                            : registerCells(question);
+  switch (question.kind) {
+    case Lattice::Question::Kind::pipeline:
+      return answerOfPush(question.push);
+    case Lattice::Question::Kind::registerCells:
+      return registerCells(question);
+    case Lattice::Question::Kind::counts:
+      tellCountsNow();
+      return {};
+  }
+  return {codeInternal, "a question that this forwarder does not know"};
 }
 
 // A later push may have come meanwhile.

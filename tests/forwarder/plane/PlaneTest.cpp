@@ -344,6 +344,9 @@ TEST_F(PlaneTest, CountsAreToldAndSet) {
   EXPECT_THAT(countsTold(), IsEmpty());
   plane_.retellCounts();
   EXPECT_THAT(countsTold(), Contains(first + ": 1 1"));
+  out("07");
+  EXPECT_EQ(agent_.answer({.kind = Lattice::Question::Kind::counts}).errorCode, 0);
+  EXPECT_THAT(agent_.flows().takeChanges(), testing::SizeIs(2));
   // All cells are set but the one with a row; the next set counts as set.
   write("counter.hits.default", big(0, 1), little(2, 4) + big(1, 8) + big(2, 8));
   agent_.rowsEnd();
