@@ -145,6 +145,7 @@ class P4TableInfoSm : public Vela::Entity {
   void parseP4InfoDirectResources(const cJSON* p4Info);
   void parseP4InfoTables(const cJSON* p4Info);
   void parseDefaultEntry(const cJSON* table);
+  void parseDirectResourcesOf(const cJSON* table, const ResourceId& rid);
   void parseP4InfoActionProfiles(const cJSON* p4Info);
   void parseP4InfoPktMetadata(const cJSON* p4Info);
 

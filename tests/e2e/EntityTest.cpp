@@ -270,6 +270,39 @@ TEST_F(EntityTest, AnEntryHasItsIdleTimeoutAndTheCountsThatAreSet) {
   EXPECT_EQ(StatusCode::INVALID_ARGUMENT, write(Update::MODIFY, counter(-1)));
 }
 
+TEST_F(EntityTest, ADefaultEntryIsCounted) {
+  const auto entry = [](const std::string& rest) {
+    return "table_entry { table_id: 33554433 is_default_action: true " + rest + " }";
+  };
+  const std::string drop = "action { action { action_id: 16777217 } } ";
+  const std::string query = entry("counter_data {}");
+  const auto counter = [&](const std::string& data) {
+    return "direct_counter_entry { " + entry("") + " data { " + data + " } }";
+  };
+  expectReads(query, {query});
+  EXPECT_EQ(StatusCode::UNIMPLEMENTED, write(Update::MODIFY, counter("packet_count: 1")));
+  EXPECT_THAT(said_, HasSubstr("ingress.ports: the program names no default action"));
+  const auto counted = [&](int packets) {
+    return entry(drop + "counter_data { packet_count: " + std::to_string(packets) + " }");
+  };
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, counted(3))) << said_;
+  expectReads(query, {counted(3)});
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, counter("packet_count: 5"))) << said_;
+  const auto expectAll = [&] {
+    expectReads(query, {counted(5)});
+    expectReads("direct_counter_entry { table_entry { is_default_action: true } }",
+                {counter("packet_count: 5")});
+  };
+  expectAll();
+  EXPECT_THAT(rowsOf("ports.default"), HasSubstr("packets=5"));
+  killAgent();
+  expectAll();
+  EXPECT_EQ("", push(Set::RECONCILE_AND_COMMIT));
+  expectAll();
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, entry(""))) << said_;
+  expectReads(query, {query});
+}
+
 TEST_F(EntityTest, AllCellsAreSetAtOnce) {
   const std::string one = cell("counter", "index { index: 3 } data { packet_count: 1 }");
   const std::string all = cell("counter", "data { packet_count: 5 }");

@@ -79,10 +79,27 @@ bool EntitySender::sendObject(const Entry& object) {
   return addEntity();
 }
 
-bool EntitySender::sendDefaultEntry(const TablePlan& table, const Entry* written) {
+bool EntitySender::sendDefaultEntry(const TablePlan& table, const Entry* written, EntryForm form,
+                                    const p4::v1::CounterData& count) {
+  const auto meter = written == nullptr ? std::nullopt : written->meter();
+  const auto keyIs = [&](p4::v1::TableEntry* key) {
+    key->set_table_id(table.id);
+    key->set_is_default_action(true);
+  };
+  if (form == EntryForm::counter) {
+    keyIs(entity_.mutable_direct_counter_entry()->mutable_table_entry());
+    *entity_.mutable_direct_counter_entry()->mutable_data() = count;
+    return addEntity();
+  }
+  if (form == EntryForm::meter) {
+    keyIs(entity_.mutable_direct_meter_entry()->mutable_table_entry());
+    if (meter) settingIs(*meter, entity_.mutable_direct_meter_entry()->mutable_config());
+    return addEntity();
+  }
   p4::v1::TableEntry* sent = entity_.mutable_table_entry();
-  sent->set_table_id(table.id);
-  sent->set_is_default_action(true);
+  keyIs(sent);
+  if (hasCounter(form)) *sent->mutable_counter_data() = count;
+  if (hasMeter(form) && meter) settingIs(*meter, sent->mutable_meter_config());
   sent->set_is_const(table.constDefaultActionId != 0);
   if (written != nullptr) {
     actionIs(*written, sent->mutable_action());

@@ -31,6 +31,8 @@ typedef struct {
   /* The watch ports of groups and one-shot sets are entries of tables of their own, one for each
    * member that watches a port; needs `entities`. */
   int watch_ports;
+  /* Default entries have the direct resources of their tables; needs `default_actions`. */
+  int default_resources;
 } pi_abilities_t;
 
 #define PI_DEFAULT_ENTRY_TABLE(table_id) ((table_id) ^ 0x80000000u)

@@ -181,8 +181,14 @@ pi_status_t FakeTarget::handleAdd(const pi_match_key_t& key, const pi_table_entr
     row.actionId = action.action_id;
     row.action.assign(action.data, action.data_size);
   }
-  if (entry.direct_res_config != nullptr) {
-    row.meter = *static_cast<const pi_meter_spec_t*>(entry.direct_res_config->configs[0].config);
+  const pi_direct_res_config_t* given = entry.direct_res_config;
+  for (size_t i = 0; given != nullptr && i < given->num_configs; ++i) {
+    const pi_direct_res_config_one_t& one = given->configs[i];
+    if (one.res_id == kMeterId) {
+      row.meter = *static_cast<const pi_meter_spec_t*>(one.config);
+    } else {
+      row.counts = *static_cast<const pi_counter_data_t*>(one.config);
+    }
   }
   row.controllerMetadata = batches_.back().back().controllerMetadata;
   row.metadata = batches_.back().back().metadata;

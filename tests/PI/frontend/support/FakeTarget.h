@@ -34,6 +34,7 @@ class FakeTarget {
     std::string action;
     uint64_t indirect = 0;  // a member or group; then there is no action
     std::optional<pi_meter_spec_t> meter = std::nullopt;
+    std::optional<pi_counter_data_t> counts = std::nullopt;  // as they were set
     uint64_t controllerMetadata = 0;
     std::string metadata = {};
   };
