@@ -208,7 +208,7 @@ void Agent::doBuildPipeline() {
        .queryStatusDir = queryStatusDir(),
        .tables = tables_.get(),
        .pushed = pushedFiles_.get(),
-       .entriesBelongTo = [this](uint64_t push) { tableImpl()->entriesBelongTo(push); }},
+       .entries = &tableImpl()->formerEntries()},
       {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
   pipelinePusher_ = Vela::make<PipelinePusher>(PusherPeers{.loop = runtime_.loop,
                                                            .files = *pushedFiles_,

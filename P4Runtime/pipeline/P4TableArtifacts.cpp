@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "P4Runtime/pipeline/FormerEntries.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "PI/target/pi_extensions_imp.h"
@@ -211,7 +212,10 @@ void P4TableInfoSm::handleAllArInterfacesReady() {
   SCRIVEL_TRACE(1, "handleAllArInterfacesReady");
   if (!jsonRoot_) return;  // a new pipeline is on its way
   runGuarded([&] {
+    if (!push_ && services_.entries) services_.entries->putBack();
     createRowConstructors();
+    // Queries see none of the former entries.
+    if (const auto push = std::exchange(push_, std::nullopt)) services_.entries->forget(*push);
     createLatticeQueries();
   });
 }
