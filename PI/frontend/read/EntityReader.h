@@ -2,11 +2,14 @@
 // row as all cells were set, or as they begin. Counts come from the target.
 #pragma once
 
+#include <vector>
+
 #include "PI/frontend/model/P4InfoIndex.h"
 #include "PI/frontend/read/EntitySender.h"
 #include "PI/frontend/read/Query.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/target/TargetSession.h"
+#include "PI/pi_counter.h"
 
 namespace pi::fe::proto {
 
@@ -25,8 +28,11 @@ class EntityReader {
   bool sendAllOf(const EntityPlan& plan);
   bool sendRows(const EntityPlan& plan);
   bool sendCells(const EntityPlan& plan);
-  bool sendCell(const EntityPlan& plan, uint64_t cell, const Entry* row);
-  void countIs(const EntityPlan& plan, uint64_t cell, p4::v1::CounterEntry* counter) const;
+  // `count`: that of the cell, as the target has it; null for arrays that count nothing.
+  bool sendCell(const EntityPlan& plan, uint64_t cell, const Entry* row,
+                const pi_counter_data_t* count);
+  std::vector<pi_counter_data_t> countsOf(const EntityPlan& plan, uint64_t first,
+                                          uint64_t cells) const;
   const Entry* rowOfAllCells(const EntityPlan& plan) const;
 
   const P4InfoIndex& index_;

@@ -5,6 +5,7 @@
 #include <stddef.h>
 
 #include "PI/pi_base.h"
+#include "PI/pi_counter.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -40,6 +41,11 @@ typedef struct {
 /* What the pipeline with these device data asks for; nothing when the target does not know them.
  * Any thread; device_data may be empty. */
 void _pi_abilities(const char* device_data, size_t device_data_size, pi_abilities_t* abilities);
+
+/* The counts of `count` cells of an indexed counter from `first` on, all of one moment. `valid` is
+ * 0 for a cell that nobody counts for. Any thread that may wait. */
+void _pi_counter_cells_read(pi_dev_id_t dev_id, pi_p4_id_t counter_id, size_t first, size_t count,
+                            pi_counter_data_t* counter_data);
 
 /* Receives bytes that last until it returns. */
 typedef void (*pi_bytes_receiver_t)(void* cookie, const char* bytes, size_t size);

@@ -330,5 +330,29 @@ TEST_F(ReadTest, SeesEachWriteWhollyOrNotAtAll) {
   }
 }
 
+// Each question takes a turn of the target's lock.
+TEST_F(ReadTest, CellsOfAnArrayAreCountedTogether) {
+  constexpr int64_t kCells = 65536;
+  target.abilitiesAre({.fields = 1, .default_actions = 1, .entities = 1});
+  p4::v1::ForwardingPipelineConfig large = config;
+  large.mutable_p4info()->mutable_counters(0)->set_size(kCells);
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, large).code(), code::ok);
+  target.restored(0, "");
+  p4::v1::Entity query;
+  query.mutable_counter_entry()->set_counter_id(0x12000001);
+  std::vector<p4::v1::Entity> cells;
+  ASSERT_EQ(objectsRead(query, &cells), code::ok);
+  ASSERT_THAT(cells, SizeIs(kCells));
+  EXPECT_LE(target.cellCalls(), 64u);
+  for (int64_t i = 0; i < kCells; ++i) {
+    ASSERT_EQ(cells[i].counter_entry().index().index(), i);
+    ASSERT_EQ(cells[i].counter_entry().data().packet_count(), i);
+  }
+  query.mutable_counter_entry()->mutable_index()->set_index(7);
+  ASSERT_EQ(objectsRead(query, &cells), code::ok);
+  ASSERT_THAT(cells, SizeIs(1));
+  EXPECT_EQ(cells[0].counter_entry().data().byte_count(), 7 * 64);
+}
+
 }  // namespace
 }  // namespace pi::fe::proto

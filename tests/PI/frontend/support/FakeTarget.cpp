@@ -166,6 +166,15 @@ bool FakeTarget::requireThat(bool sane, const std::string& fault) {
   return sane;
 }
 
+void FakeTarget::handleCells(size_t first, std::span<pi_counter_data_t> counts) {
+  const std::lock_guard lock(lock_);
+  ++cellCalls_;
+  for (pi_counter_data_t& count : counts) {
+    count = {PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES, 64 * first, first};
+    ++first;
+  }
+}
+
 pi_status_t FakeTarget::handleAdd(const pi_match_key_t& key, const pi_table_entry_t& entry,
                                   bool overwrite, uint64_t* handle) {
   const std::lock_guard lock(lock_);
@@ -462,6 +471,10 @@ void _pi_pipeline_given(pi_dev_id_t, pi_bytes_receiver_t receiver, void* cookie)
 }
 void _pi_abilities(const char*, size_t, pi_abilities_t* abilities) {
   if (theTarget) *abilities = theTarget->abilities();
+}
+void _pi_counter_cells_read(pi_dev_id_t, pi_p4_id_t, size_t first, size_t count,
+                            pi_counter_data_t* data) {
+  theTarget->handleCells(first, {data, count});
 }
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
