@@ -219,6 +219,8 @@ void Agent::doBuildPipeline() {
                                                            .agentConfig = agentConfig(),
                                                            .systemStatus = p4RtSystemStatus()});
   ThePipelinePushesIs(pipelinePusher_.get());
+  mappedPorts_ = std::make_unique<MappedPorts>(agentConfig(), p4RtPortMappingStatus());
+  TheKnownPortsIs(mappedPorts_.get());
   Pollen::QueryTables queryTables;
   queryTables.typeOf = [this](const std::string& name) { return p4TableInfo()->typeOfTable(name); };
   queryTables.outputTableIs = [this](const std::string& path, const std::string& type) {

@@ -16,6 +16,7 @@
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
 #include "P4Runtime/agent/P4RtSystemConfigSm.h"
 #include "P4Runtime/agent/PipelinePusher.h"
+#include "P4Runtime/agent/MappedPorts.h"
 #include "P4Runtime/agent/PortMappingDirSm.h"
 #include "P4Runtime/agent/VrfIdCollection.h"
 #include "P4Runtime/companion/BatchStatus.h"
@@ -144,6 +145,7 @@ class Agent : public Vela::Entity {
   std::unique_ptr<ElectionIds> electionIds_;
   std::unique_ptr<PushedFiles> pushedFiles_;
   Vela::Ptr<PipelinePusher> pipelinePusher_;
+  std::unique_ptr<MappedPorts> mappedPorts_;
   std::unique_ptr<Vela::Timer> statusTimer_;
   std::unique_ptr<Vela::Timer> progressTimer_;  // runs while entries are restored
   std::vector<Vela::Observation> changes_;

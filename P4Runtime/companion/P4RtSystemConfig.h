@@ -80,6 +80,9 @@ class AgentConfig : public Vela::Entity {
   VELA_ATTRIBUTE(bool, tableSizeCheckEnabled, true)
   // Pushes of pipelines that would run without some of their parts are refused.
   VELA_ATTRIBUTE(bool, strictPushes, false)
+  // Multicast groups and clone sessions take mapped ports and the CPU's alone.
+  VELA_ATTRIBUTE(bool, checkPorts, false)
+  VELA_ATTRIBUTE(uint32_t, cpuPort, 0)  // as the program sees it; 0: none
   // Where plugins are looked for when the agent starts; "": "korvel/plugins" beside the agent's
   // library, if that is there.
   VELA_ATTRIBUTE(std::string, pluginDirectory, "")

@@ -377,6 +377,31 @@ TEST_F(EntityTest, WhatFailsLeavesThemAsTheyWere) {
               {cell("counter", "index { index: 1 } data { packet_count: 5 }")});
 }
 
+// Off unless it is asked for: a plane may have ports beside the mapped ones.
+TEST_F(EntityTest, PortsOfReplicasAreHeldAgainstThoseThatAreMapped) {
+  const auto set = [&](const char* attribute, const char* value) {
+    EXPECT_EQ(agent_.korvel({"set", "p4runtime/config/agent", attribute, value}).exit.code, 0);
+  };
+  const auto to = [](int id, const std::string& port) {
+    return group(id, "replicas { egress_port: " + port + " }");
+  };
+  set("checkPorts", "true");
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, to(1, "9"))) << "none is mapped: " << said_;
+  EXPECT_EQ(agent_.korvel({"port", "map", "4", "eth-four"}).exit.code, 0);
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, to(2, "4"))) << said_;
+  EXPECT_EQ(StatusCode::INVALID_ARGUMENT, write(Update::INSERT, to(3, "9")));
+  EXPECT_EQ(said_, "multicast group 3: the switch has no port 9, which a replica names");
+  EXPECT_EQ(StatusCode::INVALID_ARGUMENT,
+            write(Update::INSERT, session(3, R"(replicas { port: "\001\376" })")));
+  EXPECT_THAT(said_, HasSubstr("clone session 3: the switch has no port 510"));
+  set("cpuPort", "510");
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, session(3, R"(replicas { port: "\001\376" })")))
+      << said_;
+  EXPECT_EQ(StatusCode::OK, write(Update::DELETE, group(1))) << said_;
+  set("checkPorts", "false");
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, to(3, "9"))) << said_;
+}
+
 TEST_F(EntityTest, WatchPortsStandInRowsOfTheGroupsAndMembersThatHaveThem) {
   const auto set = [](const std::string& first, const std::string& second) {
     const std::string drop = "action_profile_actions { action { action_id: 16777217 } weight: 1 ";

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "PI/pi_base.h"
 #include "PI/pi_counter.h"
@@ -46,6 +47,9 @@ void _pi_abilities(const char* device_data, size_t device_data_size, pi_abilitie
  * 0 for a cell that nobody counts for. Any thread that may wait. */
 void _pi_counter_cells_read(pi_dev_id_t dev_id, pi_p4_id_t counter_id, size_t first, size_t count,
                             pi_counter_data_t* counter_data);
+
+/* Whether the switch has the port, as far as it can tell: 0 or 1. Any thread that may wait. */
+int _pi_port_exists(uint32_t port);
 
 /* Receives bytes that last until it returns. */
 typedef void (*pi_bytes_receiver_t)(void* cookie, const char* bytes, size_t size);

@@ -472,6 +472,7 @@ void _pi_pipeline_given(pi_dev_id_t, pi_bytes_receiver_t receiver, void* cookie)
 void _pi_abilities(const char*, size_t, pi_abilities_t* abilities) {
   if (theTarget) *abilities = theTarget->abilities();
 }
+int _pi_port_exists(uint32_t) { return 1; }
 void _pi_counter_cells_read(pi_dev_id_t, pi_p4_id_t, size_t first, size_t count,
                             pi_counter_data_t* data) {
   theTarget->handleCells(first, {data, count});
