@@ -20,7 +20,7 @@ using p4::v1::Update;
 
 namespace {
 
-constexpr size_t kPortOffset = 4;             // in the keys of replicas, behind the owner
+constexpr size_t kPortOffset = 4;           // in the keys of replicas, behind the owner
 constexpr size_t kMostBytes = 1024 * 1024;  // of a message; the store keeps it with the row
 
 const ActionPlan& actionOf(const TablePlan& table, size_t place = 0) {
