@@ -60,6 +60,10 @@ void EntitySender::actionIs(const Entry& entry, p4::v1::TableAction* sent) const
       return sent->set_action_profile_group_id(reference(entry).id);
     case EntryKind::actionSet:
       *sent->mutable_action_profile_action_set() = actionSet(entry);
+      for (auto& element :
+           *sent->mutable_action_profile_action_set()->mutable_action_profile_actions()) {
+        answerParamsAre(*index_.action(element.action().action_id()), element.mutable_action());
+      }
       return;
     default:
       decodeAction(*index_.action(entry.actionId), entry.actionData(), sent->mutable_action());
@@ -107,6 +111,8 @@ bool EntitySender::sendDefaultEntry(const TablePlan& table, const Entry* written
     sent->set_metadata(written->metadata().data(), written->metadata().size());
   } else if (table.defaultAction.action_id() != 0) {
     *sent->mutable_action()->mutable_action() = table.defaultAction;
+    answerParamsAre(*index_.action(table.defaultAction.action_id()),
+                    sent->mutable_action()->mutable_action());
   }
   return addEntity();
 }

@@ -354,5 +354,25 @@ TEST_F(ReadTest, CellsOfAnArrayAreCountedTogether) {
   EXPECT_EQ(cells[0].counter_entry().data().byte_count(), 7 * 64);
 }
 
+// For controllers that compare bytes.
+TEST_F(ReadTest, NumbersAreAsLongAsTheirWidthsIfTheOperatorSaysSo) {
+  ASSERT_EQ(inserted(test::ipv4(5, 0x0a000000, 8, 7)).code(), code::ok);
+  ASSERT_EQ(inserted(test::oneShot(1, {{7, 1}})).code(), code::ok);
+  DeviceMgr::set_answers_padded(true);
+  const auto entries = found(test::query(0));
+  const Entries defaults = found(defaultOf(test::kIpv4));
+  DeviceMgr::set_answers_padded(false);
+  ASSERT_THAT(entries, SizeIs(2));
+  EXPECT_EQ(entries[0].match(0).exact().value(), std::string("\0\5", 2));
+  EXPECT_EQ(entries[0].action().action().params(0).value(), std::string("\0\7", 2));
+  const auto& set = entries[1].action().action_profile_action_set();
+  EXPECT_EQ(set.action_profile_actions(0).action().params(0).value(), std::string("\0\7", 2));
+  ASSERT_THAT(defaults, SizeIs(1));
+  EXPECT_EQ(defaults[0].action().action().params(1).value(), std::string("\0\0\0\0\0\2", 6));
+  for (const TableEntry& entry : entries) {
+    EXPECT_EQ(written({test::update(Update::DELETE, entry)}).code(), code::ok) << "as it was read";
+  }
+}
+
 }  // namespace
 }  // namespace pi::fe::proto

@@ -37,6 +37,9 @@ class DeviceMgr {
   // Process-wide: a group member of weight 0 counts as one of weight 1, as some controllers mean
   // it, and is read back with 0. Not so unless set.
   static void set_zero_weights_allowed(bool allowed);
+  // Process-wide: numbers in answers have all bytes of their widths, for controllers that compare
+  // bytes with their own. Not so unless set.
+  static void set_answers_padded(bool padded);
 
   explicit DeviceMgr(pi_dev_id_t device_id);
   ~DeviceMgr();
