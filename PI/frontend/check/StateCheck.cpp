@@ -112,6 +112,10 @@ void StateCheck::prepareEntity(CheckedUpdate* update, const Entry* former) const
   const EntityPlan& plan = *update->table->entity;
   if (update->ofAllCells) {
     for (EntrySlot& slot : store_.slotsOf(plan.table->id)) {
+      if (slot.entry->isConst) {
+        refuse(code::permissionDenied, updateText(*update), ": cell ", cellIndex(*slot.entry),
+               " is constant");
+      }
       update->withExtras().also.push_back({std::move(slot), true});
     }
   }
