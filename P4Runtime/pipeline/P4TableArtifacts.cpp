@@ -164,6 +164,7 @@ void P4TableInfoSm::createLatticeTableInterfaces() {
   for (const std::string& name : services_.tables->removeUnboundTables()) {
     SCRIVEL_TRACE(0, "createLatticeTableInterfaces", " removed the rows of table ", name,
                   ", which the pipeline no longer has");
+    if (push_) continue;  // all entries go
     fmt::print(stderr, "korvel: removed table {}, which the pipeline no longer has\n", name);
   }
   allArInterfacesCreatedIs(true);
