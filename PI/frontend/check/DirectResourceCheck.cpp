@@ -119,7 +119,12 @@ void requireDefaultAction(const TablePlan& table) {
 
 EntryPtr programsDefault(const TablePlan& table, const std::optional<MeterSetting>& meter,
                          NamePins* names) {
-  requireDefaultAction(table);
+  if (table.defaultAction.action_id() == 0) {
+    EntryPtr key = Entry::make(table.id, table.keyBytes, 0, 0, meter);
+    key->kind = EntryKind::keyAlone;
+    *key->keyData() = 0;
+    return key;
+  }
   const ActionPlan& action = checkedAction(table, table.defaultAction);
   EntryPtr entry = Entry::make(table.id, table.keyBytes, action.dataBytes, 0, meter);
   entry->actionId = action.id;

@@ -22,7 +22,8 @@ const TablePlan& tableOfDefaultResources(const TablePlan& table, const char* res
 
 // Throws a Refusal (UNIMPLEMENTED) when the program names none.
 void requireDefaultAction(const TablePlan& table);
-// The program's own default action as an entry of the default entry's table. Throws a Refusal.
+// The program's own default action as an entry of the default entry's table; its key alone when
+// the program names none. Throws a Refusal.
 EntryPtr programsDefault(const TablePlan& table, const std::optional<MeterSetting>& meter,
                          NamePins* names);
 

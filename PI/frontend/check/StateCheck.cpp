@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/DirectResourceCheck.h"
 #include "PI/frontend/store/EntityRows.h"
 
 namespace pi::fe::proto {
@@ -86,6 +87,7 @@ void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
     update->type = Update::DELETE;  // of a default entry, which is the program's still
     return;
   }
+  if (isOfResource && former == nullptr) requireDefaultAction(*update->table);
   const bool keeps =
       update->type == Update::MODIFY &&
       (update->slot.entry->kind == EntryKind::keyAlone || (isOfResource && former != nullptr));
