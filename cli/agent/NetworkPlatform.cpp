@@ -30,6 +30,14 @@ Vela::Ptr<T> made(Orrery::Database& database, const std::string& typeName,
   return entity;
 }
 
+// Jumbo frames fit, and the kernel sends nothing of its own through it: controllers and programs
+// would take that for packets of theirs.
+void prepareNewTap(const std::string& device) {
+  const auto operations = Vela::make<Wirra::InterfaceOperations>();
+  (void)operations->mtuIs(device, cpuDeviceMtu);
+  (void)operations->up(device, "", false);
+}
+
 }  // namespace
 
 struct NetworkPlatform::Impl {
@@ -70,7 +78,7 @@ void NetworkPlatform::createCpuDevice(const std::string& cpuDevice) {
   try {
     // Attach even if it exists: it vanishes when its last user exits.
     impl_->tap.emplace(cpuDevice);
-    if (!existed) (void)Vela::make<Wirra::InterfaceOperations>()->mtuIs(cpuDevice, cpuDeviceMtu);
+    if (!existed) prepareNewTap(cpuDevice);
   } catch (const std::system_error& e) {
     if (if_nametoindex(cpuDevice.c_str()) != 0) return;
     throw std::system_error(

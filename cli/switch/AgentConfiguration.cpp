@@ -30,6 +30,7 @@ void addAgent(const Vela::Json& configuration, const SwitchOptions& options,
   Vela::addString(agent, "deviceJsonPath", stateDirectory + "/device.json");
   Vela::addString(agent, "cpuDevice", cpuDeviceOf(options));
   cJSON_AddBoolToObject(agent, "packetOutToProgram", true);
+  cJSON_AddBoolToObject(agent, "checkPrograms", true);
 }
 
 }  // namespace
