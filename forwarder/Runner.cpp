@@ -140,7 +140,7 @@ void Runner::doServe() {
 
 void Runner::doBackgroundWork() {
   traffic_.work(trafficSlice);
-  publisher_.work(FlowPublisher::Clock::now(), agent_.hasCounters());
+  publisher_.work(FlowPublisher::Clock::now(), forwarding_ || agent_.hasCounters());
   maybeSayTraffic();
 }
 

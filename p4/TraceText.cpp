@@ -1,5 +1,8 @@
 #include "p4/TraceText.h"
 
+#include <algorithm>
+
+#include "p4/match/KeyShape.h"
 #include "p4/tables/Encoding.h"
 
 namespace P4 {
@@ -12,6 +15,36 @@ std::string hexOf(const std::string& bytes) {
     hex += "0123456789abcdef"[byte & 15];
   }
   return hex;
+}
+
+// The element's value among the words of a key.
+std::string valueText(const KeyShape& shape, const KeyShape::Element& element,
+                      const uint64_t* key) {
+  std::vector<uint64_t> words(key + element.word, key + element.word + element.words);
+  if (shape.kind == MatchKind::lpm && element.kind == MatchKind::lpm) {
+    std::reverse(words.begin(), words.end());  // low word first, the bits still at the top
+    const uint32_t shift = element.words * 64 - element.bits;
+    for (size_t i = 0; shift && i < words.size(); ++i)
+      words[i] = words[i] >> shift | (i + 1 < words.size() ? words[i + 1] << (64 - shift) : 0);
+  }
+  return hexOf(bytesOfWords(words.data(), element.bits));
+}
+
+bool isZero(const uint64_t* words, uint32_t count) {
+  return std::all_of(words, words + count, [](uint64_t word) { return word == 0; });
+}
+
+std::string elementText(const KeyShape& shape, const KeyShape::Element& element,
+                        const Entry& entry) {
+  const auto text = [&](const uint64_t* words) { return valueText(shape, element, words); };
+  if (shape.kind == MatchKind::lpm && element.kind == MatchKind::lpm)
+    return text(entry.value()) + "/" + std::to_string(entry.prefixLength);
+  if (element.kind == MatchKind::range && shape.kind == MatchKind::range)
+    return text(entry.low()) + ".." + text(entry.high());
+  if (shape.parts() == 1 || element.kind == MatchKind::exact || element.kind == MatchKind::valid)
+    return text(entry.value());
+  if (isZero(entry.mask() + element.word, element.words)) return "*";
+  return text(entry.value()) + "&&&" + text(entry.mask());
 }
 
 }  // namespace
@@ -45,10 +78,31 @@ std::string TraceText::actionText(const ActionData& data) const {
   return text + ")";
 }
 
-void TraceText::onTable(uint32_t table, const Entry* entry, const ActionData* action) {
-  const std::string what = entry ? "entry " + std::to_string(entry->handle) : "no entry";
-  lines_.push_back("table " + program_.tables[table].name + ": " + what + ", " +
-                   (action ? "action " + actionText(*action) : "no action"));
+std::string TraceText::keyText(uint32_t table, const uint64_t* key) const {
+  const Table& info = program_.tables[table];
+  const KeyShape shape = keyShapeOf(info);
+  std::string text;
+  for (size_t i = 0; i < info.key.size(); ++i)
+    text += " " + info.key[i].name + "=" + valueText(shape, shape.elements[i], key);
+  return text.empty() ? text : text + ":";
+}
+
+std::string TraceText::matchText(uint32_t table, const Entry& entry) const {
+  const KeyShape shape = keyShapeOf(program_.tables[table]);
+  std::string text;
+  for (const KeyShape::Element& element : shape.elements)
+    text += (text.empty() ? "" : " ") + elementText(shape, element, entry);
+  return text;
+}
+
+void TraceText::onTable(uint32_t table, const uint64_t* key, const Entry* entry,
+                        const ActionData* action) {
+  std::string text = "table " + program_.tables[table].name + ":" + keyText(table, key);
+  if (entry)
+    text += " entry " + std::to_string(entry->handle) + " (" + matchText(table, *entry) + "),";
+  else if (!program_.tables[table].key.empty())
+    text += " no entry,";
+  lines_.push_back(text + (action ? " action " + actionText(*action) : " no action"));
 }
 
 void TraceText::onLog(const std::string& message) { lines_.push_back("log: " + message); }

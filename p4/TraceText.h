@@ -9,7 +9,9 @@
 
 namespace P4 {
 
-// One line an event, such as `table ingress.route: entry 17, action Pipe.forward(0x0003)`.
+// One line an event. A table's line has the packet's key, the entry's match if there is one, and
+// the action: `table route: ipv4.dst=0x0a000102: entry 17 (0x0a000000/8), action
+// forward(port=0x003)`.
 class TraceText : public Trace {
  public:
   explicit TraceText(const Program& program) : program_(program) {}
@@ -20,12 +22,15 @@ class TraceText : public Trace {
 
   void onParserState(uint32_t state) override;
   void onParserError(uint32_t error) override;
-  void onTable(uint32_t table, const Entry* entry, const ActionData* action) override;
+  void onTable(uint32_t table, const uint64_t* key, const Entry* entry,
+               const ActionData* action) override;
   void onLog(const std::string& message) override;
   void onEvent(const char* event, uint32_t number) override;
 
  private:
   std::string actionText(const ActionData& action) const;
+  std::string keyText(uint32_t table, const uint64_t* key) const;
+  std::string matchText(uint32_t table, const Entry& entry) const;
 
   const Program& program_;
   std::vector<std::string> lines_;

@@ -59,6 +59,7 @@ void lenienceFrom(const P4RtSystemConfig& config) {
                                         .no_pipeline_is_error = config.noPipelineIsError()};
   PIGrpcServerLenienceIs(&lenience);
   pi::fe::proto::DeviceMgr::set_zero_weights_allowed(config.zeroWeights());
+  pi::fe::proto::DeviceMgr::set_both_counts_read(config.bothCounts());
 }
 
 }  // namespace
@@ -97,6 +98,7 @@ std::vector<Vela::Observation> followServerLimits(const P4RtSystemConfig& config
   observe(config.deviceIdZeroAttribute());
   observe(config.noPipelineIsErrorAttribute());
   observe(config.zeroWeightsAttribute());
+  observe(config.bothCountsAttribute());
   return observations;
 }
 

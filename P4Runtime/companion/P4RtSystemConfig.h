@@ -39,6 +39,7 @@ class P4RtSystemConfig : public Vela::Entity {
   VELA_ATTRIBUTE(bool, deviceIdZero, false)       // device id 0 stands for this device
   VELA_ATTRIBUTE(bool, noPipelineIsError, false)  // GetForwardingPipelineConfig without one fails
   VELA_ATTRIBUTE(bool, zeroWeights, false)        // a group's member of weight 0 counts as 1
+  VELA_ATTRIBUTE(bool, bothCounts, false)         // of counters, whatever their unit
 };
 
 // At "p4runtime/status/system".

@@ -9,6 +9,7 @@ namespace {
 
 std::atomic<ForwardingPlane*> thePlane{nullptr};
 constexpr std::chrono::seconds patienceOfReads(2);
+constexpr std::chrono::milliseconds patienceForCounts(200);
 
 }  // namespace
 
@@ -16,6 +17,12 @@ ForwardingPlane* TheForwardingPlane() { return thePlane.load(); }
 void TheForwardingPlaneIs(ForwardingPlane* plane) { thePlane.store(plane); }
 
 }  // namespace P4Runtime
+
+extern "C" void _pi_counts_wanted(pi_dev_id_t) {
+  auto* const plane = P4Runtime::TheForwardingPlane();
+  if (!plane) return;
+  (void)plane->ask({.kind = Lattice::Question::Kind::counts}, P4Runtime::patienceForCounts);
+}
 
 extern "C" int _pi_register_cells(pi_dev_id_t, pi_p4_id_t register_id, uint64_t first,
                                   uint32_t count, pi_bytes_receiver_t receiver, void* cookie) {

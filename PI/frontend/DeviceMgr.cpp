@@ -23,6 +23,7 @@ pi_operation_permission_level_t DeviceMgr::get_operation_permission_level() {
 void DeviceMgr::set_pipeline_changing(bool is_changing) { pipelineChangingIs(is_changing); }
 
 void DeviceMgr::set_zero_weights_allowed(bool allowed) { zeroWeightsAllowedIs(allowed); }
+void DeviceMgr::set_both_counts_read(bool both) { bothCountsReadIs(both); }
 
 DeviceMgr::DeviceMgr(pi_dev_id_t device_id) : imp_(std::make_unique<DeviceMgrImp>(device_id)) {}
 

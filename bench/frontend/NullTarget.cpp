@@ -86,6 +86,7 @@ int _pi_pipeline_push(pi_dev_id_t, int, const char*, size_t, pi_bytes_receiver_t
   return 12;
 }
 void _pi_pipeline_given(pi_dev_id_t, pi_bytes_receiver_t, void*) {}
+void _pi_counts_wanted(pi_dev_id_t) {}
 int _pi_register_cells(pi_dev_id_t, pi_p4_id_t, uint64_t, uint32_t, pi_bytes_receiver_t, void*) {
   return 0;
 }

@@ -30,14 +30,6 @@ Vela::Ptr<T> made(Orrery::Database& database, const std::string& typeName,
   return entity;
 }
 
-// Jumbo frames fit, and the kernel sends nothing of its own through it: controllers and programs
-// would take that for packets of theirs.
-void prepareNewTap(const std::string& device) {
-  const auto operations = Vela::make<Wirra::InterfaceOperations>();
-  (void)operations->mtuIs(device, cpuDeviceMtu);
-  (void)operations->up(device, "", false);
-}
-
 }  // namespace
 
 struct NetworkPlatform::Impl {
@@ -78,7 +70,10 @@ void NetworkPlatform::createCpuDevice(const std::string& cpuDevice) {
   try {
     // Attach even if it exists: it vanishes when its last user exits.
     impl_->tap.emplace(cpuDevice);
-    if (!existed) prepareNewTap(cpuDevice);
+    if (existed) return;
+    const auto operations = Vela::make<Wirra::InterfaceOperations>();
+    (void)operations->mtuIs(cpuDevice, cpuDeviceMtu);
+    (void)operations->keepSilent(cpuDevice);  // a kernel without IPv6 refuses
   } catch (const std::system_error& e) {
     if (if_nametoindex(cpuDevice.c_str()) != 0) return;
     throw std::system_error(

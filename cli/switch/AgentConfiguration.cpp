@@ -21,6 +21,7 @@ void addSystem(const Vela::Json& configuration, const SwitchOptions& options) {
   Vela::addNumber(system, "deviceId", options.deviceId);
   Vela::addString(system, "grpcServerAddress", options.server.host);
   Vela::addNumber(system, "grpcServerPort", options.server.port);
+  cJSON_AddBoolToObject(system, "bothCounts", true);
 }
 
 void addAgent(const Vela::Json& configuration, const SwitchOptions& options,

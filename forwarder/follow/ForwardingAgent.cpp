@@ -80,7 +80,9 @@ void ForwardingAgent::rowsEnd() {
 Lattice::Answer ForwardingAgent::answer(const Lattice::Question& question) {
   if (!plane_) return SubscriberHandler::answer(question);
   checkPlane();
-  return plane_->answer(question);
+  Lattice::Answer answer = plane_->answer(question);
+  if (flows_.takeUrgency() && countsSet_) countsSet_();
+  return answer;
 }
 
 // Changes that wait for one another are tried in rounds, until a round brings nothing. Then they

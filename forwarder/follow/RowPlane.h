@@ -36,7 +36,7 @@ class RowPlane {
   virtual ~RowPlane() = default;
 
   // Whether another program is to be executed. While it is, no row is written or deleted before
-  // rebuild(), which takes all rows of the tables, and tells the entry handles of those with flows.
+  // rebuild(), which takes all rows of the tables. Packets meet the program from commit() on.
   virtual bool isStale() = 0;
   virtual void rebuild(const std::vector<const ProgrammedTable*>& tables) = 0;
 

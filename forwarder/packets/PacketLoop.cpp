@@ -56,6 +56,7 @@ bool PacketLoop::serve(SwitchPort& port) {
   for (size_t i = 0; i < burst && ring->next(arrival); ++i) handleArrival(port, arrival);
   if (engine_) engine_->end();
   port.counts()->addReceived(received_, receivedBytes_);
+  port.emptyQueue();
   return true;
 }
 

@@ -35,8 +35,8 @@ struct PacketSinks {
 enum class PcapWay : uint8_t { both, in, out };
 
 // Threads: any, unless said; the public functions never wait for the packet thread's work.
-// Errors: trouble with devices is logged once, stands in ports(), and is tried again when devices
-// change. Lifetime: slot and sinks outlive it; the destructor joins the thread.
+// Errors: trouble with devices is logged once, stands in ports(), and is tried again five
+// times a second. Lifetime: slot and sinks outlive it; the destructor joins the thread.
 class PacketThread {
  public:
   PacketThread(EngineSlot& slot, PacketOptions options, PacketSinks sinks);

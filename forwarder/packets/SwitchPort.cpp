@@ -25,21 +25,24 @@ PortReport SwitchPort::report() const {
   return report;
 }
 
-void SwitchPort::deviceIs(const Wirra::Link* link) {
+bool SwitchPort::deviceIs(const Wirra::Link* link) {
   up_ = link && link->operUp;
-  if (ring_ && link && link->index == ring_->ifIndex()) return;
+  if (ring_ && link && link->index == ring_->ifIndex() && trouble_.empty()) return false;
+  const bool wasOpen = ring_ != nullptr;
   doClose();
   if (!link) {
     trouble_ = "there is no device " + device_;
-    return;
+    return wasOpen;
   }
   try {
     trouble_.clear();
     doOpen(*link);
+    return true;
   } catch (const std::system_error& e) {
     doClose();
     up_ = false;
     trouble_ = deviceTrouble("open", device_, e.code());
+    return wasOpen;
   }
 }
 
@@ -67,7 +70,6 @@ void SwitchPort::doClose() {
 void SwitchPort::countMissed() {
   if (!ring_) return;
   counts_->addDropped(PacketDrop::missed, ring_->takeMissed());
-  if (cpu_) cpu_->emptyQueue();
 }
 
 void SwitchPort::send() {

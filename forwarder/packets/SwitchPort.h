@@ -30,9 +30,15 @@ class SwitchPort {
   const std::shared_ptr<LivePortCounts>& counts() const { return counts_; }
   PortReport report() const;
 
-  // The device of this name, null when there is none. Opens and closes sockets accordingly.
-  void deviceIs(const Wirra::Link* link);
+  // The device of this name, null when there is none. Opens and closes sockets accordingly, and
+  // returns whether it did so.
+  bool deviceIs(const Wirra::Link* link);
+  bool inTrouble() const { return !trouble_.empty(); }
   PacketRing* ring() { return ring_.get(); }  // null while the device is not there
+  // The kernel puts a copy of the agent's packets into our queue of the TAP, too; nobody reads it.
+  void emptyQueue() {
+    if (cpu_) cpu_->emptyQueue();
+  }
 
   // Frames wait for the next send(), and their bytes must last until then.
   bool anyWaiting() const { return !waiting_.empty(); }

@@ -64,14 +64,14 @@ void SwitchPorts::listPorts() {
 
 void SwitchPorts::followDevices() {
   devicesChanged_ = false;
-  if (!watch_.update()) return;
-  for (SwitchPort* port : all_) lookAt(*port);
+  const bool changed = watch_.update();
+  for (SwitchPort* port : all_) {
+    if (changed || port->inTrouble()) lookAt(*port);
+  }
 }
 
 void SwitchPorts::lookAt(SwitchPort& port) {
-  const PacketRing* const former = port.ring();
-  port.deviceIs(watch_.device(port.device()));
-  if (port.ring() != former || !former) epoll_ = Vela::UniqueFd();
+  if (port.deviceIs(watch_.device(port.device()))) epoll_ = Vela::UniqueFd();
   tell(port);
 }
 

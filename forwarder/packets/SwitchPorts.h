@@ -24,7 +24,7 @@ class SwitchPorts {
 
   // Port id -> device.
   void portsAre(const std::map<uint32_t, std::string>& devices);
-  // Looks whether devices have come, gone or changed.
+  // Looks whether devices have come, gone or changed, and tries again where there is trouble.
   void followDevices();
   bool devicesChanged() const { return devicesChanged_; }  // as wait() has seen
   // Once a second: asks the kernel for packets that got lost.

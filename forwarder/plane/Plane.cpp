@@ -60,16 +60,29 @@ bool Plane::isStale() {
 void Plane::takePush() {
   try {
     auto pushed = source_.take();
-    if (!pushed) return;
+    trouble_.clear();
+    if (!pushed) return forgetPush();
     push_ = pushed->push;
     Executed next{pushed->json.empty() ? executed_.json : std::move(pushed->json),
                   std::move(pushed->names)};
     if (next.json.empty() || (next == executed_ && pushed->keepsEntries)) return;
     execute(std::move(next));
-    trouble_.clear();
   } catch (const std::exception& e) {
     handleTrouble(e.what());
   }
+}
+
+// The agent went back to its configured pipeline, which has no program.
+void Plane::forgetPush() {
+  if (std::exchange(push_, 0) == 0) return;
+  if (!options_.program.empty()) return execute({options_.program, {}});
+  tables_.clear();
+  maker_.reset();
+  executed_ = {};
+  engine_ = nullptr;
+  isFresh_ = false;
+  slot_.engineIs(nullptr);
+  log_("executes no program any more");
 }
 
 void Plane::handleTrouble(const std::string& trouble) {
@@ -104,10 +117,6 @@ void Plane::rebuild(const std::vector<const ProgrammedTable*>& tables) {
   for (const P4::CounterArrayInfo& array : engine_->program().counters) {
     toldCells_.emplace_back(array.direct ? 0 : array.size);
   }
-  engine_->tables().commit();
-  slot_.engineIs(engine_);
-  log_("executes the program " + engine_->program().name +
-       (push_ != 0 ? ", push " + std::to_string(push_) : ""));
 }
 
 // References may lead to rows of other tables: rows are offered until all are taken, or none of a
@@ -199,6 +208,10 @@ void Plane::commit() {
   }
   maybeTellDigests();
   engine_->tables().commit();
+  if (slot_.engine() == engine_) return;
+  slot_.engineIs(engine_);
+  log_("executes the program " + engine_->program().name +
+       (push_ != 0 ? ", push " + std::to_string(push_) : ""));
 }
 
 void Plane::maybeTellDigests() {
@@ -224,8 +237,16 @@ std::vector<uint64_t> Plane::idleEntries(uint64_t now) {
 }
 
 Lattice::Answer Plane::answer(const Lattice::Question& question) {
-  return question.kind == Lattice::Question::Kind::pipeline ? answerOfPush(question.push)
-                                                            : registerCells(question);
+  switch (question.kind) {
+    case Lattice::Question::Kind::pipeline:
+      return answerOfPush(question.push);
+    case Lattice::Question::Kind::registerCells:
+      return registerCells(question);
+    case Lattice::Question::Kind::counts:
+      tellCountsNow();
+      return {};
+  }
+  return {codeInternal, "a question that this forwarder does not know"};
 }
 
 // A later push may have come meanwhile.

@@ -56,6 +56,8 @@ class Plane final : public RowPlane {
   void maybeTellCounts(Clock::time_point now);
   Clock::time_point countsDue() const { return countsDue_; }
   void retellCounts();
+  // Those of all entries and cells, unless they are too many to be looked at while somebody waits.
+  void tellCountsNow();
   // Entry handles of entries that no packet has met for their time-outs; ask once a second.
   std::vector<uint64_t> idleEntries(uint64_t now);
   uint64_t push() const { return push_; }  // whose program is executed; 0: none
@@ -72,6 +74,7 @@ class Plane final : public RowPlane {
   Lattice::Answer registerCells(const Lattice::Question& question) const;
   std::optional<uint32_t> registerWithId(uint32_t id) const;
   void takePush();
+  void forgetPush();
   void execute(Executed next);
   PlaneTable* tableOf(const ProgrammedTable& table);
   bool tellEntries();

@@ -26,6 +26,20 @@ void Plane::maybeTellCounts(Clock::time_point now) {
   countsDue_ = now + (isInRound_ ? betweenSlices : betweenRounds);
 }
 
+void Plane::tellCountsNow() {
+  if (!engine_ || isFresh_) return;
+  flows_.urgencyIs();
+  constexpr size_t most = 200'000;
+  size_t count = 0;
+  for (const auto& [table, rows] : tables_) count += table->hasCounter() ? table->rowCount() : 0;
+  for (const std::vector<uint64_t>& told : toldCells_) count += told.size();
+  if (count > most) return;
+  // Once more, as this round may be past some of them.
+  for (int round = isInRound_ ? 2 : 1; round > 0; round -= !isInRound_) {
+    maybeTellCounts(std::max(Clock::now(), countsDue_));
+  }
+}
+
 // Whether all entries have had their turn.
 bool Plane::tellEntries() {
   if (round_.empty()) return true;

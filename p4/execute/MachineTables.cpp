@@ -60,15 +60,15 @@ const ActionData* Machine::actionOf(const TableCode& table, const Outcome& outco
 const ActionData* Machine::lookUp(uint32_t position, Packet& packet, uint32_t& next) {
   const TableCode& table = image_.tables[position];
   const Entry* entry = nullptr;
+  uint64_t key[maxKeyWords + 1];
   if (!table.key.empty()) {
-    uint64_t key[maxKeyWords + 1];
     makeKey(table, packet.state.get(), key);
     entry = side_->tables[position].find(key);
   }
   if (entry) hit(table, *entry, packet);
   const ActionData* action =
       actionOf(table, entry ? entry->outcome[sideNumber_] : side_->defaults[position], packet);
-  if (trace_) trace_->onTable(position, entry, action);
+  if (trace_) trace_->onTable(position, key, entry, action);
   if (!action)
     next = table.onMiss;
   else if (table.byHit)

@@ -15,8 +15,10 @@ class Trace {
   virtual ~Trace() = default;
   virtual void onParserState(uint32_t /*state*/) {}
   virtual void onParserError(uint32_t /*error*/) {}
-  // `entry` is null on a miss; `action` then is the default action. Null: no action.
-  virtual void onTable(uint32_t /*table*/, const Entry* /*entry*/, const ActionData* /*action*/) {}
+  // `key` is the packet's, as the table's KeyShape says, and lasts for the call. `entry` is null on
+  // a miss; `action` then is the default action. Null: no action.
+  virtual void onTable(uint32_t /*table*/, const uint64_t* /*key*/, const Entry* /*entry*/,
+                       const ActionData* /*action*/) {}
   virtual void onLog(const std::string& /*message*/) {}
   virtual void onEvent(const char* /*event*/, uint32_t /*number*/) {}  // "egress port", 3
 };

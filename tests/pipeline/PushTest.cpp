@@ -9,6 +9,8 @@
 #include "pipeline/CarryOver.h"
 #include "pipeline/DeviceConfig.h"
 #include "pipeline/PushedConfig.h"
+#include "pipeline/RowNames.h"
+#include "platform/vela/Json.h"
 #include "tests/pipeline/Scratch.h"
 
 namespace Pipeline {
@@ -141,6 +143,57 @@ TEST(Push, TheProgramIsFoundInItsWrapping) {
   for (const std::string& bytes : {std::string(), json, std::string("\x0a\x01n\x12\x02{}"),
                                    std::string(1, '\0'), std::string("\x08\x01")}) {
     EXPECT_EQ(programOf(bytes), bytes);
+  }
+}
+
+// Of "tables" in rowNames(): "ROWS: KIND NAME ID" each, and widths.
+std::vector<std::string> rowMeanings(const P4Info& p4Info) {
+  Findings findings;
+  const auto request = requestOf(p4Info);
+  p4::tmp::P4DeviceConfig device;
+  EXPECT_TRUE(device.ParseFromString(request.config().p4_device_config()));
+  const auto config = parseDeviceConfig(device.device_data(), &findings);
+  const Vela::Json json = Vela::parseJson(rowNames(p4Info, config.value()));
+  std::vector<std::string> all;
+  for (const cJSON* table : Vela::JsonElements(Vela::jsonArray(json.get(), "tables"))) {
+    std::string text = Vela::jsonString(table, "rows").value() + ": " +
+                       Vela::jsonString(table, "kind").value() + " " +
+                       Vela::jsonString(table, "name").value() + " " +
+                       std::to_string(Vela::jsonNumber(table, "id").value());
+    for (const cJSON* bits : Vela::JsonElements(Vela::jsonArray(table, "bits"))) {
+      text += " " + std::to_string(Vela::jsonNumber(bits).value());
+    }
+    all.push_back(text);
+  }
+  return all;
+}
+
+TEST(Push, RowsAreNamedByTheProgramsObjects) {
+  P4Info p4Info = p4InfoOf(std::string(program) + R"(
+counters { preamble { id: 301989889 name: "c.hits" alias: "hits" } spec { unit: BOTH } size: 4 }
+registers { preamble { id: 369098753 name: "c.memory" alias: "memory" }
+            type_spec { bitstring { bit { bitwidth: 12 } } } size: 4 }
+digests { preamble { id: 385875969 name: "c.seen" alias: "seen" }
+          type_spec { bitstring { bit { bitwidth: 12 } } } }
+value_sets { preamble { id: 50331649 name: "c.types" alias: "types" }
+             match { id: 1 name: "type" bitwidth: 16 match_type: EXACT }
+             match { id: 2 name: "code" bitwidth: 4 match_type: EXACT } size: 4 }
+)");
+  p4Info.mutable_tables(0)->set_idle_timeout_behavior(p4::config::v1::Table::NOTIFY_CONTROL);
+  const auto meanings = rowMeanings(p4Info);
+  for (const char* meaning :
+       {"routes: entries c.routes 33554433", "routes.default: default c.routes 33554433",
+        "wcmp: entries c.wcmp 33554434", "selector.member: members c.selector 285212673",
+        "selector.group: groups c.selector 285212673", "selector.watch: watch c.selector 285212673",
+        "idle_timeout.routes: idle_timeout c.routes 33554433",
+        "counter.hits: counter c.hits 301989889",
+        "counter.hits.default: counter.default c.hits 301989889",
+        "register.memory: register c.memory 369098753", "digest.seen: digest c.seen 385875969",
+        "value_set.types: value_set c.types 50331649",
+        "value_set.types.member: value_set.member c.types 50331649 16 4",
+        "pre.multicast_group.replica: multicast_group.replica  0",
+        "pre.clone_session: clone_session  0"}) {
+    EXPECT_THAT(meanings, testing::Contains(meaning));
   }
 }
 

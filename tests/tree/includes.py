@@ -118,6 +118,7 @@ tests/cli/table           platform tests/support
 tests/e2e                 platform/vela proto tests/support
 
 bench/brine               platform tests/support
+bench/forward             p4+ forwarder platform tests/p4 tests/support
 bench/forwarder           forwarder platform
 bench/frontend            PI/include proto
 bench/p4                  p4 tests/p4 proto

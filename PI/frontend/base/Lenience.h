@@ -8,4 +8,8 @@ namespace pi::fe::proto {
 bool zeroWeightsAllowed();
 void zeroWeightsAllowedIs(bool allowed);
 
+// Counters are read with packets and bytes, whatever their unit; false unless set.
+bool bothCountsRead();
+void bothCountsReadIs(bool both);
+
 }  // namespace pi::fe::proto

@@ -1,6 +1,7 @@
 // Reads direct counters from the target.
 #include "PI/frontend/read/DirectCounters.h"
 
+#include "PI/frontend/base/Lenience.h"
 #include "PI/frontend/store/KeyCodec.h"
 #include "PI/pi_counter.h"
 #include "PI/pi_extensions.h"
@@ -12,10 +13,11 @@ namespace {
 void dataIs(const DirectCounterPlan& counter, const pi_counter_data_t& data,
             p4::v1::CounterData* count) {
   count->Clear();
-  if (counter.countsBytes && (data.valid & PI_COUNTER_UNIT_BYTES) != 0) {
+  const bool both = bothCountsRead();
+  if ((counter.countsBytes || both) && (data.valid & PI_COUNTER_UNIT_BYTES) != 0) {
     count->set_byte_count(static_cast<int64_t>(data.bytes));
   }
-  if (counter.countsPackets && (data.valid & PI_COUNTER_UNIT_PACKETS) != 0) {
+  if ((counter.countsPackets || both) && (data.valid & PI_COUNTER_UNIT_PACKETS) != 0) {
     count->set_packet_count(static_cast<int64_t>(data.packets));
   }
 }

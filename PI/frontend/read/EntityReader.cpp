@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "PI/frontend/base/Lenience.h"
 #include "PI/frontend/store/EntityRows.h"
 #include "PI/pi_counter.h"
 
@@ -123,6 +124,7 @@ void EntityReader::countIs(const EntityPlan& plan, uint64_t cell,
     data.set_byte_count(static_cast<int64_t>(count.bytes));
     data.set_packet_count(static_cast<int64_t>(count.packets));
   }
+  if (bothCountsRead()) return;
   if (!plan.countsBytes) data.clear_byte_count();
   if (!plan.countsPackets) data.clear_packet_count();
 }

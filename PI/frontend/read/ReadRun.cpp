@@ -6,6 +6,7 @@
 #include "PI/frontend/read/EntityReader.h"
 #include "PI/frontend/store/KeyCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
+#include "PI/target/pi_extensions_imp.h"
 
 namespace pi::fe::proto {
 
@@ -34,6 +35,7 @@ google::rpc::Status ReadRun::run(const p4::v1::ReadRequest& request,
   names.reserve(index_.namedTypes().size());
   for (const auto& type : index_.namedTypes()) names.emplace_back(type->names);
   doCheck(request);
+  if (countsWanted_) _pi_counts_wanted(session_.deviceId);
   const EntryStore::Snapshot snapshot(store_, lookups());
   doCheckFound(snapshot);
   idleTimeouts_.emplace(snapshot);
@@ -63,6 +65,10 @@ void ReadRun::doCheck(const p4::v1::ReadRequest& request) {
 
 void ReadRun::doPlan(size_t query) {
   const Query& planned = queries_[query];
+  const bool isOfCells =
+      (planned.kind == Query::Kind::entities || planned.kind == Query::Kind::oneEntity) &&
+      planned.entityKind == EntityKind::counter;
+  countsWanted_ |= isOfCells || hasCounter(planned.form);
   walks_ |= planned.kind == Query::Kind::allTables || planned.kind == Query::Kind::table ||
             planned.kind == Query::Kind::objects || planned.kind == Query::Kind::entities;
   if (planned.key && planned.kind != Query::Kind::table) {

@@ -70,6 +70,7 @@ class ReadRun {
   const TargetSession session_;
   ReadTurns& turns_;
   bool walks_ = false;  // through whole tables or profiles
+  bool countsWanted_ = false;
   std::vector<Query> queries_;
   Queries firstEqual_;                           // of each query, the first that is equal to it
   std::vector<p4::v1::Error> errors_;            // one a query

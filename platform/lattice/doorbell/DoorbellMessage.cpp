@@ -164,7 +164,7 @@ std::string QuestionMessage::encode() const {
   append(bytes, static_cast<uint8_t>(question.kind));
   if (question.kind == Question::Kind::pipeline) {
     append(bytes, question.push);
-  } else {
+  } else if (question.kind == Question::Kind::registerCells) {
     append(bytes, question.registerId);
     append(bytes, question.firstCell);
     append(bytes, question.cellCount);
@@ -184,7 +184,7 @@ std::optional<QuestionMessage> QuestionMessage::decode(std::string_view message)
     asked.question.registerId = body->take<uint32_t>();
     asked.question.firstCell = body->take<uint64_t>();
     asked.question.cellCount = body->take<uint32_t>();
-  } else {
+  } else if (asked.question.kind != Question::Kind::counts) {
     return std::nullopt;
   }
   return body->finished() ? std::optional(asked) : std::nullopt;

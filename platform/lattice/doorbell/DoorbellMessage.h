@@ -136,7 +136,7 @@ struct NoticeMessage {
 };
 
 // From the agent, to a subscriber that answers questions.  id u64 | kind u8 | pipeline: push u64 |
-// register cells: register id u32, first cell u64, number of cells u32
+// register cells: register id u32, first cell u64, number of cells u32 | counts: nothing
 struct QuestionMessage {
   uint64_t id = 0;
   Question question;

@@ -11,7 +11,8 @@ namespace Lattice {
 struct Question {
   enum class Kind : uint8_t {
     pipeline = 1,  // does the forwarding plane execute the program of this push?
-    registerCells  // the values of a register's cells
+    registerCells,  // the values of a register's cells
+    counts          // are the counts of now published?
   };
   Kind kind = Kind::pipeline;
   uint64_t push = 0;        // its number
@@ -21,7 +22,7 @@ struct Question {
 };
 
 // With error code 0 the bytes answer the question: those of the cells, one behind the other, each
-// big-endian in as many bytes as its width takes; of a pipeline none. With another code, of
+// big-endian in as many bytes as its width takes; of others none. With another code, of
 // P4Runtime/companion/ErrorCode.h, they are a text for people.
 struct Answer {
   uint16_t errorCode = 0;

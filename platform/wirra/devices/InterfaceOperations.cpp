@@ -84,6 +84,9 @@ Outcome applyChange(const char* what, const std::string& device,
 
 void raise(rtnl_link* change) { rtnl_link_set_flags(change, IFF_UP); }
 void lower(rtnl_link* change) { rtnl_link_unset_flags(change, IFF_UP); }
+void silence(rtnl_link* change) {
+  rtnl_link_inet6_set_addr_gen_mode(change, IN6_ADDR_GEN_MODE_NONE);
+}
 
 }  // namespace
 
@@ -95,11 +98,7 @@ Outcome InterfaceOperations::up(const std::string& device, const std::string& ma
                             " is no MAC address of a device (02:00:00:00:00:01 is one)");
   }
   return applyChange("bring up", device, [&](Change& change) {
-    if (!keepConfigured) {
-      // A kernel without IPv6 refuses, and needs no telling.
-      change.apply(
-          [](rtnl_link* mode) { rtnl_link_inet6_set_addr_gen_mode(mode, IN6_ADDR_GEN_MODE_NONE); });
-    }
+    if (!keepConfigured) change.apply(silence);  // a kernel without IPv6 refuses: it is silent
     if (!wanted || !change.found() || change.has(wanted.get())) return change.apply(raise);
     const auto raiseWithMac = [&](rtnl_link* both) {
       rtnl_link_set_addr(both, wanted.get());
@@ -114,6 +113,10 @@ Outcome InterfaceOperations::up(const std::string& device, const std::string& ma
 
 Outcome InterfaceOperations::down(const std::string& device) {
   return applyChange("take down", device, [](Change& change) { return change.apply(lower); });
+}
+
+Outcome InterfaceOperations::keepSilent(const std::string& device) {
+  return applyChange("silence", device, [](Change& change) { return change.apply(silence); });
 }
 
 Outcome InterfaceOperations::mtuIs(const std::string& device, unsigned mtu) {

@@ -17,6 +17,9 @@ class InterfaceOperations final : public Vela::RefCounted {
   // nothing through it.
   Vela::Outcome up(const std::string& device, const std::string& mac, bool keepConfigured);
   Vela::Outcome down(const std::string& device);
+  // The kernel gives the device no IPv6 link-local address, so that it sends nothing of its own
+  // through it; for a device that is not up yet.
+  Vela::Outcome keepSilent(const std::string& device);
   Vela::Outcome mtuIs(const std::string& device, unsigned mtu);
 };
 

@@ -214,13 +214,14 @@ class PlaneTest : public testing::Test {
 
 TEST_F(PlaneTest, AGroupOfChangesTakesEffectAtItsEnd) {
   const uint64_t entry = direct(7, 3);
-  EXPECT_THAT(out("07"), ElementsAre("0:07"));
+  EXPECT_THAT(out("07"), ElementsAre("no program"));
   EXPECT_THAT(subscriber_.reports, IsEmpty());
   agent_.rowsEnd();
   EXPECT_EQ(reportOn(entry), "0 ");
   EXPECT_THAT(out("07"), ElementsAre("3:07"));
   direct(7, 4);
   direct(9, 5);
+  EXPECT_THAT(out("07"), ElementsAre("3:07"));
   agent_.rowsEnd();
   EXPECT_THAT(out("07"), ElementsAre("4:07"));
   erase("direct", big(7, 1));
@@ -343,6 +344,9 @@ TEST_F(PlaneTest, CountsAreToldAndSet) {
   EXPECT_THAT(countsTold(), IsEmpty());
   plane_.retellCounts();
   EXPECT_THAT(countsTold(), Contains(first + ": 1 1"));
+  out("07");
+  EXPECT_EQ(agent_.answer({.kind = Lattice::Question::Kind::counts}).errorCode, 0);
+  EXPECT_THAT(agent_.flows().takeChanges(), testing::SizeIs(2));
   // All cells are set but the one with a row; the next set counts as set.
   write("counter.hits.default", big(0, 1), little(2, 4) + big(1, 8) + big(2, 8));
   agent_.rowsEnd();

@@ -54,6 +54,10 @@ int _pi_pipeline_push(pi_dev_id_t dev_id, int action, const char* config, size_t
  * Nothing is received when no controller did. Any thread. */
 void _pi_pipeline_given(pi_dev_id_t dev_id, pi_bytes_receiver_t receiver, void* cookie);
 
+/* Counts are about to be read: the forwarding plane tells those of now first, if it can do so
+ * quickly. Waits, so call it without the target's lock. */
+void _pi_counts_wanted(pi_dev_id_t dev_id);
+
 /* The cells of a register as the forwarding plane has them now, one behind the other, each
  * big-endian in as many bytes as its width takes. Returns 0, and nothing is received, when the
  * forwarding plane does not tell: they are then as a controller has last written them. Waits, so

@@ -454,6 +454,7 @@ void _pi_pipeline_given(pi_dev_id_t, pi_bytes_receiver_t receiver, void* cookie)
   const std::string& given = theTarget->pushes.given;
   if (!given.empty()) receiver(cookie, given.data(), given.size());
 }
+void _pi_counts_wanted(pi_dev_id_t) { ++theTarget->countsWanted; }
 int _pi_register_cells(pi_dev_id_t, pi_p4_id_t registerId, uint64_t first, uint32_t count,
                        pi_bytes_receiver_t receiver, void* cookie) {
   const auto& cells = theTarget->registerCells;

@@ -94,6 +94,7 @@ class FakeTarget {
     std::string given;
   };
   Pushes pushes;
+  int countsWanted = 0;
   // The cells of a register as the forwarding plane tells them; empty: it does not.
   std::function<std::string(uint32_t registerId, uint64_t first, uint32_t count)> registerCells;
 

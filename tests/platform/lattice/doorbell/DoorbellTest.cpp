@@ -40,6 +40,7 @@ TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
                                   ProgrammedMessage{7}.encode(),
                                   QuestionMessage{7, {.push = 3}}.encode(),
                                   QuestionMessage{7, registerCells}.encode(),
+                                  QuestionMessage{7, {.kind = Question::Kind::counts}}.encode(),
                                   AnswerMessage{7, 2, "why"}.encode(),
                                   someReports(9)};
   const auto accepted = [](const std::string& m) {

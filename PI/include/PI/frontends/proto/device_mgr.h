@@ -37,6 +37,9 @@ class DeviceMgr {
   // Process-wide: a group member of weight 0 counts as one of weight 1, as some controllers mean
   // it, and is read back with 0. Not so unless set.
   static void set_zero_weights_allowed(bool allowed);
+  // Process-wide: counters are read with packets and bytes, whatever their unit, as some switches
+  // do it. Not so unless set: the count that the unit leaves out is 0.
+  static void set_both_counts_read(bool both);
 
   explicit DeviceMgr(pi_dev_id_t device_id);
   ~DeviceMgr();
