@@ -37,7 +37,8 @@ void addCommands(CLI::App& app) {
 }
 
 // The subcommand that was being parsed, for the hint.
-std::string commandName(const CLI::App& app) {
+std::string commandName(const CLI::App& app, const std::string& first) {
+  if (app.get_subcommands().empty() && first == "switch") return "korvel switch";
   std::string name = "korvel";
   for (const CLI::App* at = &app; !at->get_subcommands().empty();) {
     at = at->get_subcommands().front();
@@ -75,10 +76,10 @@ std::string wordsOf(const CLI::ParseError& error) {
   return at == std::string::npos ? words : words.substr(0, at) + " needs a value";
 }
 
-int usageStatus(const CLI::App& app, const CLI::ParseError& error) {
+int usageStatus(const CLI::App& app, const CLI::ParseError& error, const std::string& first) {
   if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
   std::fprintf(stderr, "korvel: %s; see '%s --help'\n", wordsOf(error).c_str(),
-               commandName(app).c_str());
+               commandName(app, first).c_str());
   return usage;
 }
 
@@ -107,7 +108,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::RuntimeError& e) {
     return e.get_exit_code();
   } catch (const CLI::ParseError& e) {
-    return usageStatus(app, e);
+    return usageStatus(app, e, argc > 1 ? argv[1] : "");
   } catch (const std::exception& e) {
     std::fprintf(stderr, "korvel: %s\n", e.what());
     return failed;

@@ -70,7 +70,8 @@ Command forwarderCommand(const SwitchOptions& options, const SwitchDirectory& di
   if (options.dropPort) add("--drop-port", std::to_string(*options.dropPort));
   if (options.priorityQueues) add("--priority-queues", std::to_string(*options.priorityQueues));
   if (!options.program.empty()) add("--program", options.program);
-  if (!options.pcapDirectory.empty()) add("--pcap", options.pcapDirectory);
+  if (!options.pcapDirectory.empty())
+    add("--pcap", std::filesystem::absolute(options.pcapDirectory));
   return command;
 }
 

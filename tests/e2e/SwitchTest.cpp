@@ -7,13 +7,16 @@
 #include <net/if.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <mutex>
 #include <sstream>
 
 #include "tests/e2e/Router.h"
 #include "tests/support/NetworkNamespace.h"
+#include "tests/support/PacketEndpoint.h"
 #include "tests/support/Process.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/TestController.h"
@@ -38,21 +41,34 @@ class OwnNetwork final : public testing::Environment {
 };
 const auto* const network = testing::AddGlobalTestEnvironment(new OwnNetwork);
 
-// Follows tables, and forwards nothing.
-std::string plainForwarder(const TempDir& directory) {
-  const std::string path = directory.file("forwarder");
-  std::ofstream(path) << "#!/bin/sh\nexec " << binaryPath("korvel-forwarder")
-                      << " --state-dir \"$2\"\n";
-  fs::permissions(path, fs::perms::owner_all);
-  return path;
+// Frames that came, for several threads.
+class Frames {
+ public:
+  void add(std::string frame) {
+    const std::lock_guard lock(mutex_);
+    frames_.push_back(std::move(frame));
+  }
+  bool has(const std::string& frame) const {
+    const std::lock_guard lock(mutex_);
+    return std::ranges::count(frames_, frame) > 0;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> frames_;
+};
+
+// The router hands ARP to the controller.
+std::string arpFrame(char number) {
+  return std::string(6, '\xff') + std::string("\x02\0\0\0\x0a\x01\x08\x06", 8) +
+         std::string(46, number);
 }
 
 class SwitchProcess {
  public:
   explicit SwitchProcess(Words words) : words_(std::move(words)) {
     words_.insert(words_.begin(), {binaryPath("korvel"), "switch"});
-    words_.insert(words_.end(), {"--forwarder", plainForwarder(directory_), "--no-p4",
-                                 "--grpc-server-addr", address()});
+    words_.insert(words_.end(), {"--no-p4", "--grpc-server-addr", address()});
   }
   ~SwitchProcess() {
     if (testing::Test::HasFailure()) std::cerr << "---- switch ----\n" << output() << log();
@@ -133,6 +149,7 @@ class Controller {
   bool begin() {
     return waitUntil([&] {
       controller_ = std::make_unique<TestController>(tested_.address(), ++electionId_, 0);
+      controller_->onPacketInIs([this](const auto& packet) { handlePacketIn(packet); });
       return controller_->waitConnected(std::chrono::milliseconds(100)) &&
              controller_->becomePrimary();
     });
@@ -142,23 +159,46 @@ class Controller {
     request.mutable_election_id()->set_low(electionId_);
     request.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
     *request.mutable_config()->mutable_p4info() = router_.p4info();
+    request.mutable_config()->set_p4_device_config(fileText(KORVEL_ROUTER_PROGRAM));
     grpc::ClientContext context;
     context.set_deadline(std::chrono::system_clock::now() + patience);
     p4::v1::SetForwardingPipelineConfigResponse response;
     return controller_->stub().SetForwardingPipelineConfig(&context, request, &response);
   }
+  // The router drops packets of ports that are not in its table.
+  bool insertPort(uint32_t port) {
+    return controller_
+        ->write({insertOf(EntryOf(router_, "port")
+                              .exact("ingress_port", port)
+                              .action("set_vrf", {{"vrf_id", 1}})
+                              .entry())})
+        .ok();
+  }
   bool insert(uint32_t route) {
     return controller_->write({insertOf(Router::route(router_, route, 1))}).ok();
   }
+  // The packets that came in at port 0.
+  const Frames& packetIns() const { return packetIns_; }
+  bool send(uint32_t port, const std::string& frame) {
+    return controller_->send(packetOut(port, frame));
+  }
   // Once the agent reads again.
-  std::vector<p4::v1::TableEntry> entries() {
+  std::vector<p4::v1::TableEntry> routes() {
+    const uint32_t table = router_.table(Router::routeTable).preamble().id();
     ReadOutcome read;
-    waitUntil([&] { return (read = controller_->readTable(0)).status.ok(); });
+    waitUntil([&] { return (read = controller_->readTable(table)).status.ok(); });
     return read.entries;
   }
 
  private:
+  void handlePacketIn(const p4::v1::PacketIn& packet) {
+    const bool isOfPort0 =
+        packet.metadata_size() == 2 && packet.metadata(0).value() == canonicalBytes(0);
+    if (isOfPort0) packetIns_.add(packet.payload());
+  }
+
   const SwitchProcess& tested_;
+  Frames packetIns_;
   const TestSupport::Pipeline router_ = Router::pipeline();
   std::unique_ptr<TestController> controller_;
   uint64_t electionId_ = 0;
@@ -166,6 +206,11 @@ class Controller {
 
 TEST(SwitchCommand, OutlivesTheDeathsOfItsProcesses) {
   const VethPair a("sa", "fa"), b("sb", "fb");
+  PacketEndpoint hostA("fa");
+  Frames atB;
+  const PacketEndpoint hostB("fb", [&](std::span<const uint8_t> frame) {
+    atB.add({frame.begin(), frame.end()});
+  });
   SwitchProcess tested({"-i", "0@sa", "-i", "7@absent", "--cpu-port", "510", "--nanolog", "x"});
   ASSERT_TRUE(tested.startListening());
   EXPECT_THAT(tested.output(),
@@ -179,6 +224,7 @@ TEST(SwitchCommand, OutlivesTheDeathsOfItsProcesses) {
   ASSERT_TRUE(controller.begin());
   const grpc::Status push = controller.push();
   ASSERT_TRUE(push.ok()) << push.error_message();
+  ASSERT_TRUE(controller.insertPort(0));
   ASSERT_TRUE(controller.insert(1));
 
   ASSERT_EQ(tested.korvel({"port", "map", "3", "sb"}).exit.code, 0);
@@ -194,9 +240,16 @@ TEST(SwitchCommand, OutlivesTheDeathsOfItsProcesses) {
     EXPECT_THAT(tested.korvel({"port", "list"}).output,
                 AllOf(HasSubstr("sa"), HasSubstr("sb"), Not(HasSubstr("absent"))));
     ASSERT_TRUE(controller.begin());
-    EXPECT_THAT(controller.entries(), SizeIs(1 + i));
+    EXPECT_THAT(controller.routes(), SizeIs(1 + i));
     ASSERT_TRUE(tested.killed(forwarderProgram, "forwarder"));
     EXPECT_TRUE(controller.insert(2 + i));
+    // Lost packets are sent again: a program needs a moment to get its ports and its CPU device.
+    EXPECT_TRUE(waitUntil([&] {
+      hostA.send(arpFrame(1 + i));
+      return controller.packetIns().has(arpFrame(1 + i));
+    }));
+    EXPECT_TRUE(
+        waitUntil([&] { return controller.send(3, arpFrame(8 + i)) && atB.has(arpFrame(8 + i)); }));
   }
   const std::string state = tested.stateDirectory();
   EXPECT_TRUE(fs::exists(state));
@@ -209,11 +262,11 @@ TEST(SwitchCommand, GoesOnWithItsTablesAfterItWasKilled) {
   const TempDir directory;
   for (const Words& words : {Words{}, Words{"--state-dir", directory.file("state")}}) {
     SwitchProcess tested(words);
-    const auto entriesOfNext = [&] {
+    const auto routesOfNext = [&] {
       EXPECT_TRUE(tested.startListening());
       Controller controller(tested);
       EXPECT_TRUE(controller.begin());
-      return controller.entries();
+      return controller.routes();
     };
     ASSERT_TRUE(tested.startListening());
     {
@@ -223,14 +276,14 @@ TEST(SwitchCommand, GoesOnWithItsTablesAfterItWasKilled) {
       ASSERT_TRUE(controller.insert(1));
     }
     tested.process().kill();
-    EXPECT_THAT(entriesOfNext(), SizeIs(1));
+    EXPECT_THAT(routesOfNext(), SizeIs(1));
     EXPECT_THAT(tested.log(), HasSubstr("goes on with the tables of the former switch"));
     tested.process().signal(SIGTERM);
     EXPECT_EQ(tested.process().exitStatus(), (ExitStatus{.code = 0}));
     const bool isNamed = !words.empty();
     EXPECT_EQ(fs::exists(tested.stateDirectory()), isNamed);
     if (isNamed) {
-      EXPECT_THAT(entriesOfNext(), SizeIs(1));
+      EXPECT_THAT(routesOfNext(), SizeIs(1));
     }
   }
   SwitchProcess fresh({"--state-dir", directory.file("state"), "--fresh"});
@@ -258,7 +311,6 @@ TEST(SwitchCommand, SaysWhatAMistakeIs) {
   const TempDir directory;
   SwitchProcess running({});
   ASSERT_TRUE(running.startListening());
-  const std::string plain = plainForwarder(directory);
   const std::string free = fmt::format("127.0.0.1:{}", freePort());
   std::ofstream(directory.file("text")) << "not\nJSON";
   std::ofstream(directory.file("list")) << "[]";
@@ -272,6 +324,7 @@ TEST(SwitchCommand, SaysWhatAMistakeIs) {
   } cases[] = {
       {"no program", {}, 2, "--no-p4 to begin without one; see 'korvel switch --help'"},
       {"an option that is none", {"--no-p4", "--colour"}, 2, "--colour"},
+      {"the beginning of two", {"--no-p4", "--log"}, 2, "see 'korvel switch --help'"},
       {"a program that is missing", {"none.json"}, 2, "cannot read the program none.json"},
       {"no JSON", {directory.file("text")}, 2, "line 1 is no compiled program"},
       {"JSON of something else", {directory.file("list")}, 2, "is no compiled program"},
