@@ -23,6 +23,7 @@ struct PuntPicture {
   std::string trouble;                    // why the rest is not known; empty when it is
   std::string packetIn;                   // lines "ID NAME BITWIDTH"
   std::map<uint32_t, std::string> ports;  // port id -> device
+  bool portsAreKnown = false;             // also while the agent runs no pipeline
   bool operator==(const PuntPicture&) const = default;
 };
 
