@@ -6,6 +6,7 @@
 
 #include "forwarder/device/Offloads.h"
 #include "forwarder/device/VlanTag.h"
+#include "platform/wirra/packets/ShortFrame.h"
 
 namespace Forwarder {
 namespace {
@@ -82,6 +83,10 @@ void PacketLoop::handleSegments(SwitchPort& port, const PacketRing::Arrival& arr
 
 void PacketLoop::handleFrame(SwitchPort& port, Frame frame, const PacketRing::Arrival& arrival) {
   if (arrival.tagged) putTagBack(frame, arrival.tagProtocol, arrival.tag);
+  if (port.cpu() && Wirra::hasShortFrameMark({frame.start, frame.size})) {
+    frame.start += Wirra::shortFrameMark.size();
+    frame.size -= Wirra::shortFrameMark.size();
+  }
   ++received_;
   receivedBytes_ += frame.size;
   if (PcapFile* const file = port.pcapIn()) {

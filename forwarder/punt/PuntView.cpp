@@ -116,6 +116,7 @@ PuntPicture PuntView::fetchPicture(Orrery::Client& client) {
     if (!cJSON_IsString(one) || std::from_chars(one->string, end, port).ptr != end) continue;
     picture.ports[port] = one->valuestring;
   }
+  picture.portsAreKnown = true;
   return picture;
 }
 

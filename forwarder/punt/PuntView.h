@@ -24,6 +24,7 @@ struct PuntPicture {
   bool reached = false;                   // the agent has told its ports
   std::string packetIn;                   // lines "ID NAME BITWIDTH"
   std::map<uint32_t, std::string> ports;  // port id -> device
+  bool portsAreKnown = false;             // also while the agent runs no pipeline
   bool operator==(const PuntPicture&) const = default;
 };
 
