@@ -231,4 +231,9 @@ def arguments():
 
 if __name__ == "__main__":
     chosen = arguments()
-    sys.exit(chosen.run(chosen))
+    try:
+        sys.exit(chosen.run(chosen))
+    except KeyboardInterrupt:
+        sys.exit(130)
+    except OSError as error:
+        sys.exit(f"traffic: {error}")
