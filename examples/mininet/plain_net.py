@@ -109,7 +109,7 @@ class PlainHost:
         """Takes the end of a cable."""
         ip("link", "set", device, "netns", str(self.pid))
         self._ip("link", "set", "lo", "up")
-        self._ip("link", "set", device, "name", self.device)
+        self._ip("link", "set", device, "name", self.device, "addrgenmode", "none")  # IPv4 alone
         if self._mac:
             self._ip("link", "set", self.device, "address", self._mac)
         self._ip("addr", "add", self._address, "dev", self.device)

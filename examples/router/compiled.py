@@ -5,6 +5,8 @@ headers, parser states, actions, tables and the way through them. `Program.json`
 into next nodes and returns the file's content. It covers what router_program.py needs.
 """
 
+import collections
+
 # Of every v1model program; fields that it does not use may be left out.
 STANDARD_METADATA = {
     "ingress_port": 9, "egress_spec": 9, "egress_port": 9, "instance_type": 32,
@@ -179,9 +181,10 @@ class If:
 
 
 class Block:
-    """Primitives that stand in the control itself."""
+    """Primitives that stand in the control itself; the name is for those who trace packets."""
 
-    def __init__(self, *primitives):
+    def __init__(self, name, *primitives):
+        self.name = name
         self.primitives = list(primitives)
 
 
@@ -195,6 +198,7 @@ class Program:
         self._actions = []
         self._tables = []
         self._conditionals = []
+        self._calls = collections.Counter()  # of actions, by the name of their tables
         self._profiles = []
         self._counters = []
         self._meters = []
@@ -324,7 +328,7 @@ class Program:
         if isinstance(statement, If):
             return self._condition(statement, following)
         if isinstance(statement, Block):
-            statement = self._made_action(f"act_{len(self._tables)}", {}, statement.primitives)
+            statement = self._made_action(statement.name, {}, statement.primitives)
         if isinstance(statement, Action):
             statement = self._table_of(statement)
         statement.go_on(following)
@@ -339,7 +343,9 @@ class Program:
 
     def _table_of(self, action):
         """The JSON has actions in tables only: one without key, unknown to controllers."""
-        table = {"name": f"tbl_{len(self._tables)}_{action.json['name'].rpartition('.')[2]}",
+        name = f"tbl_{action.json['name'].rpartition('.')[2]}"
+        self._calls[name] += 1
+        table = {"name": f"{name}_{self._calls[name]}" if self._calls[name] > 1 else name,
                  "id": len(self._tables), "match_type": "exact", "type": "simple", "max_size": 1,
                  "with_counters": False, "support_timeout": False, "direct_meters": None,
                  "key": [], "action_ids": [action.json["id"]], "actions": [action.json["name"]],

@@ -14,7 +14,7 @@ from controller import Controller, ControllerError
 from entries import Entry, Meter
 from network import MININET, PlainNet, taps_work
 from routes import Neighbor, routing_entries
-from stage import HERE, DemoError, expect, free_port, step, tell, wait_until
+from stage import HERE, DemoError, command_text, expect, free_port, step, tell, wait_until
 
 HOSTS = (1, 2, 3)  # host 2 has the address 10.0.2.1 and is at port 2
 DEVICE_ID = 7
@@ -91,11 +91,13 @@ class ForwardingStory:
             self.start()
             self.push()
             self.ping()
+            self.trace()
             self.transfer()
             self.agent_dies()
             self.meter()
             self.forwarder_dies()
-        except (DemoError, ControllerError, OSError, RuntimeError) as error:
+        except (DemoError, ControllerError, OSError, RuntimeError,
+                subprocess.SubprocessError) as error:
             raise DemoError(f"{error}\n-- last words of korvel switch:\n{self._last_words()}"
                             ) from error
 
@@ -173,6 +175,23 @@ class ForwardingStory:
         said = self._hosts[number].cmd(f"{sys.executable} {TRAFFIC} ping 10.0.{other}.1").strip()
         tell(f"h{number} -> h{other}: {said}")
         expect("3 of 3" in said, f"h{number} does not reach h{other}")
+
+    def _tell_forwarder(self, *words):
+        command = [self._programs / "korvel-forwarder", "ctl", "--state-dir", self._state, *words]
+        tell(command_text(command, self._state.parent))
+        done = subprocess.run(command, capture_output=True, text=True, timeout=30)
+        expect(done.returncode == 0, f"it is refused: {done.stderr}")
+        return done.stdout
+
+    def trace(self):
+        step("Trace a ping: parser states, tables, entries and actions that it meets")
+        self._tell_forwarder("trace", "on", "1")
+        self._hosts[1].cmd(f"{sys.executable} {TRAFFIC} ping --count 1 10.0.3.1")
+        traced = self._tell_forwarder("trace")
+        self._tell_forwarder("trace", "off")
+        tell(traced.strip())
+        for word in ("parse_ipv4", "ingress.ipv4_route", "ingress.set_dst_mac"):
+            expect(word in traced, f"the trace does not tell of {word}")
 
     def transfer(self):
         step("h2 sends h1 twenty megabytes over TCP")

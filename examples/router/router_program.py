@@ -189,19 +189,19 @@ acl = program.table(
 
 program.apply(
     If(both(packet_out.is_valid(), packet_out.submit_to_ingress == 0),
-       Block(assign(std.egress_spec, packet_out.egress_port & 0x1ff), set_invalid(packet_out),
-             leave_pipeline())),
-    Block(set_invalid(packet_out)),
+       Block("send_packet_out", assign(std.egress_spec, packet_out.egress_port & 0x1ff),
+             set_invalid(packet_out), leave_pipeline())),
+    Block("no_packet_out", set_invalid(packet_out)),
     If(either(std.parser_error != program.error("NoError"), std.checksum_error == 1), drop),
     port,
     packet_type,
     If(meta.routed_as_ipv4 == 1,
        If(ipv4.ttl <= 1, drop),
-       Block(assign(ipv4.ttl, one_less(ipv4.ttl))),
+       Block("take_ipv4_hop", assign(ipv4.ttl, one_less(ipv4.ttl))),
        ipv4_route),
     If(meta.routed_as_ipv6 == 1,
        If(ipv6.hop_limit <= 1, drop),
-       Block(assign(ipv6.hop_limit, one_less(ipv6.hop_limit))),
+       Block("take_ipv6_hop", assign(ipv6.hop_limit, one_less(ipv6.hop_limit))),
        ipv6_route),
     If(either(meta.routed_as_ipv4 == 1, meta.routed_as_ipv6 == 1),
        If(meta.wcmp_id != 0, wcmp),
@@ -209,7 +209,7 @@ program.apply(
        neighbor,
        lag),
     acl,
-    If(meta.acl_color == METER_RED, Block(mark_to_drop(std))))
+    If(meta.acl_color == METER_RED, Block("drop_red", mark_to_drop(std))))
 
 
 def compiled():

@@ -62,8 +62,8 @@ bool PacketLoop::serve(SwitchPort& port) {
 }
 
 void PacketLoop::handleArrival(SwitchPort& port, PacketRing::Arrival& arrival) {
-  if (arrival.cutShort) {
-    port.counts()->addDropped(PacketDrop::unreadable);
+  if (arrival.cutShort) {  // there was no room for the rest of a long one
+    port.counts()->addDropped(PacketDrop::missed);
   } else if (arrival.offloads.cutWanted()) {
     handleSegments(port, arrival);
   } else if (arrival.offloads.checksumWanted() &&
