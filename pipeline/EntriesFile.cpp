@@ -6,6 +6,7 @@
 #include <iterator>
 #include <map>
 
+#include "PI/frontends/proto/translation_tables.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/EntryNames.h"
@@ -187,7 +188,9 @@ const p4::v1::TableEntry& insertedEntry(const p4::v1::Update& update) {
   if (update.type() != p4::v1::Update::INSERT)
     throw PipelineError("expected an INSERT, not " + p4::v1::Update::Type_Name(update.type()));
   if (!update.entity().has_table_entry())
-    throw PipelineError("expected a table_entry; nothing else can be constant");
+    throw PipelineError(
+        "expected a table_entry, or an entry of the packet_replication_engine; give value sets and"
+        " cells as entries of their tables");
   const p4::v1::TableEntry& entry = update.entity().table_entry();
   if (entry.is_default_action())
     throw PipelineError("it sets a default action, which the agent does not do");
@@ -233,6 +236,77 @@ EntryDraft draftOf(const p4::v1::Update& update, const P4InfoLookup& index, Entr
   }
   return draft;
 }
+
+std::string bytesOf(uint32_t number) {
+  std::string bytes;
+  for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(number >> shift);
+  return bytes;
+}
+
+// A group or session as rows of the tables that hold it.
+class ReplicationRows {
+ public:
+  explicit ReplicationRows(const P4InfoLookup& index) : index_(index) {}
+
+  std::vector<p4::v1::Update> run(const p4::v1::Update& update) {
+    update_ = &update;
+    const auto& engine = update.entity().packet_replication_engine_entry();
+    if (engine.has_multicast_group_entry()) {
+      const auto& group = engine.multicast_group_entry();
+      add("pre.multicast_group", {group.multicast_group_id()}, "group", {});
+      addReplicas("pre.multicast_group.replica", group.multicast_group_id(), group.replicas());
+    } else {
+      const auto& session = engine.clone_session_entry();
+      add("pre.clone_session", {session.session_id()}, "session",
+          {session.class_of_service(), static_cast<uint32_t>(session.packet_length_bytes())});
+      addReplicas("pre.clone_session.replica", session.session_id(), session.replicas());
+    }
+    return std::move(rows_);
+  }
+
+ private:
+  template <typename Replicas>
+  void addReplicas(const char* table, uint32_t owner, const Replicas& replicas) {
+    for (const p4::v1::Replica& replica : replicas) {
+      add(table, {owner, portOf(replica), replica.instance()}, "row", {});
+    }
+  }
+  uint32_t portOf(const p4::v1::Replica& replica) const {
+    if (replica.has_egress_port()) return replica.egress_port();
+    if (!pi::fe::proto::translation_tables(index_.p4Info()).empty()) {
+      throw PipelineError("give the ports of replicas as numbers, with egress_port");
+    }
+    uint32_t port = 0;
+    for (const char byte : canonicalValue(replica.port(), 32)) {
+      port = port << 8 | static_cast<uint8_t>(byte);
+    }
+    return port;
+  }
+  void add(const char* name, std::initializer_list<uint32_t> keys, const char* action,
+           std::initializer_list<uint32_t> params) {
+    const Table& table = index_.tableNamed(name);
+    p4::v1::Update& row = rows_.emplace_back();
+    row.set_type(update_->type());
+    p4::v1::TableEntry& entry = *row.mutable_entity()->mutable_table_entry();
+    entry.set_table_id(table.preamble().id());
+    for (const uint32_t key : keys) {
+      p4::v1::FieldMatch& match = *entry.add_match();
+      match.set_field_id(static_cast<uint32_t>(entry.match_size()));
+      match.mutable_exact()->set_value(bytesOf(key));
+    }
+    p4::v1::Action& sent = *entry.mutable_action()->mutable_action();
+    sent.set_action_id(index_.actionNamed(table, action).preamble().id());
+    for (const uint32_t param : params) {
+      p4::v1::Action::Param& value = *sent.add_params();
+      value.set_param_id(static_cast<uint32_t>(sent.params_size()));
+      value.set_value(bytesOf(param));
+    }
+  }
+
+  const P4InfoLookup& index_;
+  const p4::v1::Update* update_ = nullptr;
+  std::vector<p4::v1::Update> rows_;
+};
 
 // Encodes entry after entry and puts its number and table before every error. The entries of a
 // table that cannot be programmed are left out, like the table.
@@ -294,6 +368,26 @@ void readJsonEntries(const std::string& path, const std::string& contents,
   }
 }
 
+// Every update, those of groups and sessions as the rows that stand for them.
+std::vector<p4::v1::Update> withReplicationRows(const std::string& path,
+                                                const p4::v1::WriteRequest& request,
+                                                const P4InfoLookup& index) {
+  std::vector<p4::v1::Update> updates;
+  for (int i = 0; i < request.updates_size(); ++i) {
+    const p4::v1::Update& update = request.updates(i);
+    if (!update.entity().has_packet_replication_engine_entry()) {
+      updates.push_back(update);
+      continue;
+    }
+    try {
+      std::ranges::move(ReplicationRows(index).run(update), std::back_inserter(updates));
+    } catch (const PipelineError& e) {
+      throw PipelineError(path + ": update " + std::to_string(i + 1) + ": " + e.what());
+    }
+  }
+  return updates;
+}
+
 void readWriteRequest(const std::string& path, const std::string& contents,
                       const P4InfoLookup& index, EntryNames* names, EntryList* list,
                       Findings* findings) {
@@ -308,7 +402,7 @@ void readWriteRequest(const std::string& path, const std::string& contents,
   } else if (!request.ParseFromString(contents)) {
     throw PipelineError(path + ": neither JSON entries nor a p4.v1.WriteRequest");
   }
-  for (const p4::v1::Update& update : request.updates()) {
+  for (const p4::v1::Update& update : withReplicationRows(path, request, index)) {
     const Table* table = index.table(update.entity().table_entry().table_id());
     list->add(table == nullptr ? "" : table->preamble().name(),
               [&] { return draftOf(update, index, names); });

@@ -137,7 +137,7 @@ TEST_F(ConstantEntryTest, ThatDoNotFitAreRefusedByName) {
             action { action_profile_group_id: 1 } } } })",
        "entry 1 (table c.ecmp): the table takes members, groups"},
       {R"(updates { type: INSERT entity { action_profile_member { member_id: 1 } } })",
-       "entry 1: expected a table_entry; nothing else can be constant"},
+       "entry 1: expected a table_entry, or an entry of the packet_replication_engine"},
       {"updates { type: }", "entries:1:17: "},
   };
   for (const auto& c : cases) {
@@ -158,6 +158,39 @@ TEST_F(ConstantEntryTest, OfOneKeyAreRefusedAndOfRefusedTablesLeftOut) {
       R"([{"table": "refused", "match": {"x": 1}, )" + std::string(set) + "}]";
   EXPECT_TRUE(read(other).empty());
   EXPECT_NE(textOf(findings_).find("entry 1 (table refused): left out"), std::string::npos);
+}
+
+// In both forms of file: as rows of their tables, and as a controller writes them.
+TEST_F(ConstantEntryTest, OfTheReplicationEngineAreRows) {
+  constexpr Extensions extensions{.fields = true, .entities = true};
+  const P4InfoLookup index(p4Info_, extensions);
+  Findings said;
+  const PipelineLayout layout = pipelineLayout(index, extensions, &said);
+  const auto rows = [&](const std::string& contents) {
+    std::vector<std::string> texts;
+    for (const ConstantEntry& entry :
+         readConstantEntries(written("entries", contents), index, layout, &said)) {
+      texts.push_back(std::to_string(entry.tableId) + " " + hexText(entry.key) + " " +
+                      std::to_string(entry.actionId) + " " + hexText(entry.actionParams));
+    }
+    return texts;
+  };
+  const auto people = rows(R"([
+    {"table": "pre.multicast_group", "match": {"multicast_group_id": 7}, "action": "group"},
+    {"table": "pre.multicast_group.replica", "action": "row",
+     "match": {"multicast_group_id": 7, "egress_port": 258, "instance": 5}},
+    {"table": "pre.clone_session", "match": {"session_id": 500}, "action": "session",
+     "params": {"class_of_service": 3, "packet_length_bytes": 128}},
+    {"table": "pre.clone_session.replica", "action": "row",
+     "match": {"session_id": 500, "egress_port": 510, "instance": 0}}])");
+  EXPECT_EQ(people.size(), 4u);
+  const std::string update = "updates { type: INSERT entity { packet_replication_engine_entry { ";
+  const std::string group = update + R"(multicast_group_entry { multicast_group_id: 7
+      replicas { port: "\001\002" instance: 5 } } } } })";
+  EXPECT_EQ(rows(group + update + R"(clone_session_entry { session_id: 500 class_of_service: 3
+      packet_length_bytes: 128 replicas { egress_port: 510 } } } } })"),
+            people);
+  EXPECT_EQ(textOf(said).find("egress_port"), std::string::npos) << textOf(said);
 }
 
 }  // namespace

@@ -95,7 +95,7 @@ void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
   if (update->subject == Subject::entry && update->table->idleTimeouts != nullptr) {
     prepareIdleTimeout(update);
   }
-  if (keeps) return doKeepAction(update, *former);
+  if (keeps && former != nullptr) return doKeepAction(update, *former);
   if (update->table != nullptr && update->table->entity != nullptr) prepareEntity(update, former);
   if (update->profile == nullptr) return;
   if (update->subject == Subject::member) {
