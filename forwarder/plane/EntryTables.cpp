@@ -60,8 +60,14 @@ P4::Entry* EntryTable::put(const PlaneRow& row) {
   P4::TableStore& tables = engine_.tables();
   if (table().immutable) return tables.find(key);
   const P4::Target target = targetOf(value_);
-  if (row.former && tables.find(key) != nullptr) return &tables.modify(key, target);
-  return &tables.insert(key, target, 0, row.entryHandle);
+  if (!row.former) return &tables.insert(key, target, 0, row.entryHandle);
+  try {
+    return &tables.modify(key, target);
+  } catch (const P4::Refusal& refusal) {
+    // A row that an earlier program had no place for.
+    if (refusal.kind() != P4::RefusalKind::notFound || tables.find(key) != nullptr) throw;
+    return &tables.insert(key, target, 0, row.entryHandle);
+  }
 }
 
 void EntryTable::maybeSetMeter(P4::Entry& entry, const PlaneRow& row) {
@@ -75,11 +81,17 @@ void EntryTable::maybeSetMeter(P4::Entry& entry, const PlaneRow& row) {
 }
 
 void EntryTable::erase(std::string_view key) {
-  if (!table().immutable) {
-    const P4::EntryKey& read = keys_.read(key);
-    if (engine_.tables().find(read) != nullptr) engine_.tables().remove(read);
-  }
+  if (!table().immutable) doRemove(keys_.read(key));
   if (idle_ != nullptr) idle_->handles.erase(std::string(key));
+}
+
+void EntryTable::doRemove(const P4::EntryKey& key) {
+  try {
+    engine_.tables().remove(key);
+  } catch (const P4::Refusal& refusal) {
+    // A row that an earlier program had no place for.
+    if (refusal.kind() != P4::RefusalKind::notFound) throw;
+  }
 }
 
 void EntryTable::countsAre(std::string_view key, const RowFlow& flow) {

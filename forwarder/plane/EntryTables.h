@@ -37,6 +37,7 @@ class EntryTable final : public PlaneTable {
   P4::Target targetOf(const RowValue& value) const;
   P4::Entry* put(const PlaneRow& row);
   void timeToLiveIs(P4::Entry& entry, uint64_t microseconds);
+  void doRemove(const P4::EntryKey& key);
   void maybeSetMeter(P4::Entry& entry, const PlaneRow& row);
 
   P4::Engine& engine_;
