@@ -108,7 +108,7 @@ void TraceText::onTable(uint32_t table, const uint64_t* key, const Entry* entry,
 void TraceText::onLog(const std::string& message) { lines_.push_back("log: " + message); }
 
 void TraceText::onEvent(const char* event, uint32_t number) {
-  lines_.push_back(std::string(event) + " " + std::to_string(number));
+  lines_.push_back(number == absent ? event : std::string(event) + " " + std::to_string(number));
 }
 
 }  // namespace P4

@@ -55,8 +55,7 @@ std::string switchText(const P4::SwitchCounts& counts) {
   add("resubmitted", counts.resubmitted);
   add("recirculated", counts.recirculated);
   for (size_t i = 0; i < P4::dropReasons; ++i) {
-    add(fmt::format("dropped ({})", P4::dropReasonName(static_cast<P4::DropReason>(i))),
-        counts.dropped[i]);
+    add(P4::dropReasonName(static_cast<P4::DropReason>(i)), counts.dropped[i]);
   }
   return text;
 }

@@ -133,7 +133,7 @@ Packet* Switch::copyOf(const Packet& packet) {
 
 void Switch::drop(Packet* packet, DropReason reason) {
   ++counts_.dropped[static_cast<size_t>(reason)];
-  event(dropReasonName(reason), 0);
+  event(dropReasonName(reason), absent);
   pool_.give(packet);
 }
 
@@ -270,7 +270,7 @@ void Switch::resubmit(const Packet& packet, uint32_t lengthBefore) {
   storeField(image_.system.instanceType, again->state.get(), resubmitted);
   storeField(image_.system.packetLength, again->state.get(), lengthBefore);
   ++counts_.resubmitted;
-  event("resubmit", 0);
+  event("resubmit", absent);
   ingress_.push_back(again);
   ++packets_;
 }
@@ -396,7 +396,7 @@ void Switch::recirculate(const Packet& packet) {
   storeField(image_.system.instanceType, again->state.get(), recirculated);
   storeField(image_.system.packetLength, again->state.get(), size);
   ++counts_.recirculated;
-  event("recirculate", 0);
+  event("recirculate", absent);
   ingress_.push_back(again);
   ++packets_;
 }

@@ -20,7 +20,7 @@ class Trace {
   virtual void onTable(uint32_t /*table*/, const uint64_t* /*key*/, const Entry* /*entry*/,
                        const ActionData* /*action*/) {}
   virtual void onLog(const std::string& /*message*/) {}
-  virtual void onEvent(const char* /*event*/, uint32_t /*number*/) {}  // "egress port", 3
+  virtual void onEvent(const char* /*event*/, uint32_t /*number*/) {}  // "egress", 3; or `absent`
 };
 
 }  // namespace P4

@@ -105,7 +105,7 @@ TEST_F(PacketThreadTest, FramesThatCannotGoOnAreCountedByReason) {
   EXPECT_THAT(text, HasSubstr("port 1 on s1 up received 5 bytes 1240 sent 0 bytes 0 no-program 1"));
   EXPECT_THAT(text, HasSubstr("port 2 on s2 down received 0 bytes 0 sent 0 bytes 0 device-down 1 "
                               "too-long 1"));
-  EXPECT_THAT(text, HasSubstr("to-no-port 1\ndropped"));
+  EXPECT_THAT(text, HasSubstr("to-no-port 1\ndropped in ingress 1\n"));
 }
 
 TEST_F(PacketThreadTest, DevicesGoDownAndAwayAndComeBack) {
