@@ -39,10 +39,9 @@ void requireRights(const SwitchOptions& options) {
 void requireTap(const SwitchOptions& options) {
   const char* tun = "/dev/net/tun";
   if (!options.cpuPort || access(tun, R_OK | W_OK) == 0) return;
-  throw std::runtime_error(
-      fmt::format("packets from and to controllers need {}: {}; 'modprobe tun' makes it, or leave "
-                  "out --cpu-port",
-                  tun, std::strerror(errno)));
+  throw std::runtime_error(fmt::format(
+      "packets from and to controllers need {}: {}; {}, or leave out --cpu-port", tun,
+      std::strerror(errno), errno == ENOENT ? "'modprobe tun' makes it" : "start it with sudo"));
 }
 
 void requireProgram(const std::string& file) {
