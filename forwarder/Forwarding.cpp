@@ -62,10 +62,11 @@ void Forwarding::work(Clock::time_point now, Lattice::Subscriber& subscriber) {
   doSendNotices(now, subscriber);
 }
 
-// While the agent is away, its last mapping stays.
+// While the agent is away, its last mapping stays. Ports are opened before there is a program, so
+// that its first packet is not lost.
 void Forwarding::doTakePorts() {
   const auto picture = view_.picture();
-  if (picture == picture_ || !picture || !picture->trouble.empty()) return;
+  if (picture == picture_ || !picture || !picture->portsAreKnown) return;
   picture_ = picture;
   packets_.portsAre(picture->ports);
 }

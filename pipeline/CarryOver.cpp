@@ -79,18 +79,25 @@ class Comparison {
     if (next == nullptr || former->name != next->name) return absent(kind);
     if (kind == TableKind::defaultEntry) {
       if (next_.table(id) == nullptr) return absent(kind);
-      return actionsReason(*running_.table(id), *next_.table(id));
+      Reason why = actionsReason(*running_.table(id), *next_.table(id));
+      const bool hasMeter = runningDevice_.extensions.defaultResources &&
+                            running_.hasDirectMeter(*running_.table(id));
+      return why || !hasMeter ? why : meterReason(*former, *next);
     }
     if (kind == TableKind::member) return reason(*running_.actionProfile(id), count);
     if (kind == TableKind::group) return reason(*running_.actionProfile(id), 0);
     Reason why = reason(*running_.table(id), count);
-    if (why || !running_.hasDirectMeter(*running_.table(id))) return why;
-    // The settings of meters stand in rows alone, which another type would begin without.
-    const bool isSame = definition(runningDevice_, *former) == definition(nextDevice_, *next);
-    return isSame ? Reason() : "it has a direct meter, and its columns or actions are others";
+    const bool hasMeter = running_.hasDirectMeter(*running_.table(id));
+    return why || !hasMeter ? why : meterReason(*former, *next);
   }
 
  private:
+  // The settings of meters stand in rows alone, which another type would begin without.
+  Reason meterReason(const DeviceTable& former, const DeviceTable& next) const {
+    const bool isSame = definition(runningDevice_, former) == definition(nextDevice_, next);
+    return isSame ? Reason() : "it has a direct meter, and its columns or actions are others";
+  }
+
   static Reason absent(TableKind kind) {
     if (kind == TableKind::match) return "the new pipeline has no such table";
     if (kind == TableKind::defaultEntry) return "the new pipeline has none that can be changed";

@@ -37,6 +37,7 @@ constexpr Key keys[] = {
     {"entities", &Extensions::entities},
     {"strings", &Extensions::strings},
     {"watch_ports", &Extensions::watchPorts},
+    {"default_resources", &Extensions::defaultResources},
 };
 
 bool needsFields(const MatchField& field) {
@@ -103,6 +104,22 @@ bool hasOpenDefault(const p4::config::v1::Table& table) {
          });
 }
 
+namespace {
+
+// Resources that name no table are those of the tables that name them.
+auto hasResourcesOfDefault(const p4::config::v1::P4Info& p4Info) {
+  return [&p4Info](const p4::config::v1::Table& table) {
+    const auto names = [&](const auto& resource) {
+      return std::ranges::find(table.direct_resource_ids(), resource.preamble().id()) !=
+             table.direct_resource_ids().end();
+    };
+    return hasOpenDefault(table) && (std::ranges::any_of(p4Info.direct_counters(), names) ||
+                                     std::ranges::any_of(p4Info.direct_meters(), names));
+  };
+}
+
+}  // namespace
+
 Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
   Extensions extensions;
   extensions.noTables = p4Info.tables().empty() || p4Info.actions().empty();
@@ -120,6 +137,8 @@ Extensions extensionsFor(const p4::config::v1::P4Info& p4Info) {
     extensions.defaultActions |= hasOpenDefault(table);
   }
   extensions.defaultActions &= !anyHighId;  // it might have the id of another table's default entry
+  extensions.defaultResources =
+      extensions.defaultActions && std::ranges::any_of(all.tables(), hasResourcesOfDefault(all));
   for (const auto& action : all.actions()) {
     extensions.fields |= std::ranges::any_of(action.params(), parameterNeeds);
   }
@@ -164,6 +183,8 @@ Extensions readExtensions(const cJSON& p4rtc, Findings* findings) {
                                                     ", which it needs");
   };
   requireOther("strings", extensions.strings, "fields", extensions.fields);
+  requireOther("default_resources", extensions.defaultResources, "default_actions",
+               extensions.defaultActions);
   requireOther("watch_ports", extensions.watchPorts, "entities", extensions.entities);
   return extensions;
 }

@@ -41,6 +41,10 @@ struct Extensions {
   // "watch_ports".
   bool watchPorts = false;
 
+  // Default entries have the direct meter and counter of their tables. Needs `defaultActions`. Key
+  // "default_resources".
+  bool defaultResources = false;
+
   bool any() const { return *this != Extensions{}; }
   friend bool operator==(const Extensions&, const Extensions&) = default;
 };

@@ -92,8 +92,9 @@ void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConf
   const P4InfoLookup all(p4Info, extensions);
   const PipelineLayout layout = pipelineLayout(all, extensions, findings);
   std::vector<ConstantEntry> entries;
+  const P4InfoLookup withEntities(p4Info, {.entities = extensions.entities});
   if (!options.entriesPath.empty())
-    entries = readConstantEntries(options.entriesPath, index, layout, findings);
+    entries = readConstantEntries(options.entriesPath, withEntities, layout, findings);
   else if (!options.program.empty())
     entries = readCompiledEntries(options.program, index, layout, findings);
   checkEntryCounts(index, layout, entries, findings);

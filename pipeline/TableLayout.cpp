@@ -186,6 +186,8 @@ class LayoutMaker {
     layout.kind = TableKind::defaultEntry;
     layout.id = table.preamble().id();
     layout.slots = {{"entry", "U8", SlotRole::exact, 8, 0}};
+    layout.meter = extensions_.defaultResources && index_.hasDirectMeter(table);
+    layout.counter = extensions_.defaultResources && index_.hasDirectCounter(table);
     std::vector<uint32_t> actionIds;
     for (const auto& ref : table.action_refs()) {
       if (ref.scope() != p4::config::v1::ActionRef::TABLE_ONLY) actionIds.push_back(ref.id());

@@ -208,7 +208,7 @@ void Agent::doBuildPipeline() {
        .queryStatusDir = queryStatusDir(),
        .tables = tables_.get(),
        .pushed = pushedFiles_.get(),
-       .entriesBelongTo = [this](uint64_t push) { tableImpl()->entriesBelongTo(push); }},
+       .entries = &tableImpl()->formerEntries()},
       {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
   planeQuestions_ = std::make_unique<PlaneQuestions>(*tables_);
   TheForwardingPlaneIs(planeQuestions_.get());
@@ -222,6 +222,8 @@ void Agent::doBuildPipeline() {
                                                            .agentConfig = agentConfig(),
                                                            .systemStatus = p4RtSystemStatus()});
   ThePipelinePushesIs(pipelinePusher_.get());
+  mappedPorts_ = std::make_unique<MappedPorts>(agentConfig(), p4RtPortMappingStatus());
+  TheKnownPortsIs(mappedPorts_.get());
   Pollen::QueryTables queryTables;
   queryTables.typeOf = [this](const std::string& name) { return p4TableInfo()->typeOfTable(name); };
   queryTables.outputTableIs = [this](const std::string& path, const std::string& type) {

@@ -14,6 +14,7 @@
 #include "P4Runtime/agent/FixedNames.h"
 #include "P4Runtime/agent/KorvelPiServer.h"
 #include "P4Runtime/agent/KorvelPiServerInitSm.h"
+#include "P4Runtime/agent/MappedPorts.h"
 #include "P4Runtime/agent/P4RtSystemConfigSm.h"
 #include "P4Runtime/agent/PipelinePusher.h"
 #include "P4Runtime/agent/PlaneQuestions.h"
@@ -146,6 +147,7 @@ class Agent : public Vela::Entity {
   std::unique_ptr<PushedFiles> pushedFiles_;
   std::unique_ptr<PlaneQuestions> planeQuestions_;
   Vela::Ptr<PipelinePusher> pipelinePusher_;
+  std::unique_ptr<MappedPorts> mappedPorts_;
   std::unique_ptr<Vela::Timer> statusTimer_;
   std::unique_ptr<Vela::Timer> progressTimer_;  // runs while entries are restored
   std::vector<Vela::Observation> changes_;

@@ -60,6 +60,7 @@ void lenienceFrom(const P4RtSystemConfig& config) {
   PIGrpcServerLenienceIs(&lenience);
   pi::fe::proto::DeviceMgr::set_zero_weights_allowed(config.zeroWeights());
   pi::fe::proto::DeviceMgr::set_both_counts_read(config.bothCounts());
+  pi::fe::proto::DeviceMgr::set_answers_padded(config.paddedAnswers());
 }
 
 }  // namespace
@@ -99,6 +100,7 @@ std::vector<Vela::Observation> followServerLimits(const P4RtSystemConfig& config
   observe(config.noPipelineIsErrorAttribute());
   observe(config.zeroWeightsAttribute());
   observe(config.bothCountsAttribute());
+  observe(config.paddedAnswersAttribute());
   return observations;
 }
 

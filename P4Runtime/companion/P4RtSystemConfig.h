@@ -40,6 +40,7 @@ class P4RtSystemConfig : public Vela::Entity {
   VELA_ATTRIBUTE(bool, noPipelineIsError, false)  // GetForwardingPipelineConfig without one fails
   VELA_ATTRIBUTE(bool, zeroWeights, false)        // a group's member of weight 0 counts as 1
   VELA_ATTRIBUTE(bool, bothCounts, false)         // of counters, whatever their unit
+  VELA_ATTRIBUTE(bool, paddedAnswers, false)      // numbers in answers are as long as their widths
 };
 
 // At "p4runtime/status/system".
@@ -84,6 +85,9 @@ class AgentConfig : public Vela::Entity {
   VELA_ATTRIBUTE(bool, strictPushes, false)
   // Pushes are refused whose program the software switch would not execute.
   VELA_ATTRIBUTE(bool, checkPrograms, false)
+  // Multicast groups and clone sessions take mapped ports and the CPU's alone.
+  VELA_ATTRIBUTE(bool, checkPorts, false)
+  VELA_ATTRIBUTE(uint32_t, cpuPort, 0)  // as the program sees it; 0: none
   // Where plugins are looked for when the agent starts; "": "korvel/plugins" beside the agent's
   // library, if that is there.
   VELA_ATTRIBUTE(std::string, pluginDirectory, "")

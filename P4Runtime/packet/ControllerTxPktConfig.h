@@ -31,6 +31,7 @@ class ControllerTxPktConfig final : public Vela::Entity {
   void crowdedLanesAre(std::set<uint64_t> lanes) { crowdedLanes_ = std::move(lanes); }
 
   // Every packet, with its header, goes through the forwarding plane, whatever its header says.
+  // Frames of any length go both ways then (ShortFrame.h).
   VELA_ATTRIBUTE(bool, allToProgram, false)
 
  private:

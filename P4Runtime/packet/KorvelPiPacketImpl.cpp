@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "P4Runtime/packet/ControllerTxPktConfig.h"
 #include "P4Runtime/pi/PiContext.h"
@@ -15,6 +16,7 @@
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/wirra/packets/PacketManager.h"
+#include "platform/wirra/packets/ShortFrame.h"
 
 namespace P4Runtime {
 namespace {
@@ -107,10 +109,18 @@ pi_status_t queueCopy(ControllerTxPktConfig& queue, ControllerTxPktDesc desc, co
   return queue.txPktDescEnq(desc) ? PI_STATUS_SUCCESS : PI_STATUS_PACKETOUT_SEND_ERROR;
 }
 
-pi_status_t queueForProgram(ControllerTxPktConfig& queue, const uint8_t* bytes, size_t size) {
+pi_status_t queueForIngress(ControllerTxPktConfig& queue, const uint8_t* bytes, size_t size) {
   ControllerTxPktDesc desc;
   desc.flags.ingressProcessingEnabledIs(true);
   return queueCopy(queue, std::move(desc), bytes, size);
+}
+
+// A program may take packets of any length.
+pi_status_t queueForProgram(ControllerTxPktConfig& queue, const uint8_t* bytes, size_t size) {
+  if (!Wirra::needsShortFrameMark({bytes, size})) return queueForIngress(queue, bytes, size);
+  std::vector<uint8_t> marked(Wirra::shortFrameMark.begin(), Wirra::shortFrameMark.end());
+  marked.insert(marked.end(), bytes, bytes + size);
+  return queueForIngress(queue, marked.data(), marked.size());
 }
 
 // The port of a header that names one, unless the packet is for the pipeline, is ours to serve.
@@ -126,7 +136,7 @@ std::optional<pi_status_t> maybeQueueWirePacket(ControllerTxPktConfig& queue,
     return PI_STATUS_PACKETOUT_SEND_ERROR;
   }
   if (wire.submitsToIngress || !wire.port || *wire.port > UINT32_MAX) {
-    return queueForProgram(queue, bytes, size);
+    return queueForIngress(queue, bytes, size);
   }
   ControllerTxPktDesc desc;
   desc.egressP4PortId = static_cast<uint32_t>(*wire.port);

@@ -9,6 +9,7 @@
 #include "PI/pi.h"
 #include "PI/target/pi_imp.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/wirra/packets/ShortFrame.h"
 
 namespace P4Runtime {
 namespace {
@@ -208,7 +209,10 @@ void CpuPktSm::processPkt(const Ptr& pkt) {
     ++counts_.droppedNoDevice;
     return;
   }
-  const auto bytes = pkt->bytes();
+  auto bytes = pkt->bytes();
+  if (controllerTxPktConfig()->allToProgram() && Wirra::hasShortFrameMark(bytes)) {
+    bytes = bytes.subspan(Wirra::shortFrameMark.size());
+  }
   const pi_status_t status =
       pi_packetin_receive(deviceId, reinterpret_cast<const char*>(bytes.data()), bytes.size());
   if (status != PI_STATUS_SUCCESS) {

@@ -172,14 +172,18 @@ void P4TableInfoSm::parseP4InfoTables(const cJSON* p4Info) {
       tableInfo_->maxTableSizeIs(rid, sizeOf(table));
       SCRIVEL_TRACE(5, "Max Table size for table ", rid.id, " is ", sizeOf(table));
     }
-    for (const cJSON* reference : Vela::JsonElements(Vela::jsonArray(table, "directResourceIds"))) {
-      const uint32_t id = Vela::jsonNumber(reference).value_or(0);
-      if (tableInfo_->directMeterIds({directMeterResource, id})) {
-        tableInfo_->hasDirectMeterIs(rid, true);
-        tableInfo_->directMeterOfIs(rid, id);
-      } else if (tableInfo_->directCounterIds({directCounterResource, id})) {
-        tableInfo_->hasDirectCounterIs(rid, true);
-      }
+    parseDirectResourcesOf(table, rid);
+  }
+}
+
+void P4TableInfoSm::parseDirectResourcesOf(const cJSON* table, const ResourceId& rid) {
+  for (const cJSON* reference : Vela::JsonElements(Vela::jsonArray(table, "directResourceIds"))) {
+    const uint32_t id = Vela::jsonNumber(reference).value_or(0);
+    if (tableInfo_->directMeterIds({directMeterResource, id})) {
+      tableInfo_->hasDirectMeterIs(rid, true);
+      tableInfo_->directMeterOfIs(rid, id);
+    } else if (tableInfo_->directCounterIds({directCounterResource, id})) {
+      tableInfo_->hasDirectCounterIs(rid, true);
     }
   }
 }
@@ -199,6 +203,7 @@ void P4TableInfoSm::parseDefaultEntry(const cJSON* table) {
     actions.actionIdEnq(Vela::jsonNumber(reference, "id").value_or(0));
   }
   tableInfo_->actionIdColForTableIs(rid, std::move(actions));
+  if (extensions_.defaultResources) parseDirectResourcesOf(table, rid);
 }
 
 void P4TableInfoSm::parseP4InfoActionProfiles(const cJSON* p4Info) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "P4Runtime/pipeline/FormerEntries.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "PI/target/pi_extensions_imp.h"
@@ -163,6 +164,7 @@ void P4TableInfoSm::createLatticeTableInterfaces() {
   for (const std::string& name : services_.tables->removeUnboundTables()) {
     SCRIVEL_TRACE(0, "createLatticeTableInterfaces", " removed the rows of table ", name,
                   ", which the pipeline no longer has");
+    if (push_) continue;  // all entries go
     fmt::print(stderr, "korvel: removed table {}, which the pipeline no longer has\n", name);
   }
   allArInterfacesCreatedIs(true);
@@ -211,7 +213,10 @@ void P4TableInfoSm::handleAllArInterfacesReady() {
   SCRIVEL_TRACE(1, "handleAllArInterfacesReady");
   if (!jsonRoot_) return;  // a new pipeline is on its way
   runGuarded([&] {
+    if (!push_ && services_.entries) services_.entries->putBack();
     createRowConstructors();
+    // Queries see none of the former entries.
+    if (const auto push = std::exchange(push_, std::nullopt)) services_.entries->forget(*push);
     createLatticeQueries();
   });
 }

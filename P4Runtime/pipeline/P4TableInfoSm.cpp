@@ -11,6 +11,7 @@
 #include <iterator>
 #include <utility>
 
+#include "P4Runtime/pipeline/FormerEntries.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "p4/tmp/p4config.pb.h"
 #include "p4/v1/p4runtime.pb.h"
@@ -235,7 +236,10 @@ void P4TableInfoSm::doBringUp(const NextPipeline& next) {
   TheParsingStatus()->waitsForPushIs(false);
   awaited_ = next.awaited;
   doForgetPipeline();
-  if (next.entries && services_.entriesBelongTo) services_.entriesBelongTo(*next.entries);
+  const bool entriesGo =
+      next.entries && services_.entries && !services_.entries->areOf(*next.entries);
+  push_ = entriesGo ? next.entries : std::nullopt;
+  if (push_) services_.entries->setAside();
   refused_ = next.refused;
   extensions_ = next.extensions;
   given_ = next.given;

@@ -30,6 +30,8 @@ class SetForwardingPipelineConfigRequest;
 
 namespace P4Runtime {
 
+class FormerEntries;
+
 // The services that the state machine drives; all outlive it.
 struct PipelineServices {
   Vela::Ptr<Pollen::TypeConfigDir> typeConfigDir;
@@ -39,8 +41,7 @@ struct PipelineServices {
   Lattice::Database* tables = nullptr;
   // Of pushes; null: there are none. Outlives the state machine.
   const PushedFiles* pushed = nullptr;
-  // Removes all entries unless they belong to the push of that number.
-  std::function<void(uint64_t number)> entriesBelongTo = nullptr;
+  FormerEntries* entries = nullptr;  // null: there are none
 };
 
 // Where the running pipeline is written for people to read.
@@ -145,6 +146,7 @@ class P4TableInfoSm : public Vela::Entity {
   void parseP4InfoDirectResources(const cJSON* p4Info);
   void parseP4InfoTables(const cJSON* p4Info);
   void parseDefaultEntry(const cJSON* table);
+  void parseDirectResourcesOf(const cJSON* table, const ResourceId& rid);
   void parseP4InfoActionProfiles(const cJSON* p4Info);
   void parseP4InfoPktMetadata(const cJSON* p4Info);
 
@@ -168,6 +170,7 @@ class P4TableInfoSm : public Vela::Entity {
   Pipeline::Extensions extensions_;  // that the pipeline asks for
   std::string given_;
   std::shared_ptr<AwaitedChange> awaited_;  // of the pipeline that is coming up
+  std::optional<uint64_t> push_;  // of that pipeline, when the entries of others go for it
   uint32_t generation_ = 0;                 // of pipelines; callbacks of former ones are ignored
 
   std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> queryOutputs_;

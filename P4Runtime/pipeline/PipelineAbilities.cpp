@@ -10,5 +10,6 @@ extern "C" void _pi_abilities(const char* device_data, size_t device_data_size,
                 .packet_headers = extensions.packetHeaders ? 1 : 0,
                 .entities = extensions.entities ? 1 : 0,
                 .strings = extensions.strings ? 1 : 0,
-                .watch_ports = extensions.watchPorts ? 1 : 0};
+                .watch_ports = extensions.watchPorts ? 1 : 0,
+                .default_resources = extensions.defaultResources ? 1 : 0};
 }

@@ -346,7 +346,7 @@ void TableImpl::restoreCachedEntries() {
   advanceRestore(RestoreSlice::whole());
 }
 
-void TableImpl::entriesBelongTo(uint64_t push) { rooms_->restorer.entriesBelongTo(push); }
+FormerEntries& TableImpl::formerEntries() { return rooms_->restorer; }
 uint64_t TableImpl::pushOfEntries() const { return rooms_->restorer.pushOfEntries(); }
 bool TableImpl::hasNoEntries() const { return rooms_->restorer.isEmpty(); }
 

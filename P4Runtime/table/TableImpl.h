@@ -29,6 +29,7 @@ namespace P4Runtime {
 
 class ConstantEntries;
 class EntryFailures;
+class FormerEntries;
 struct RowFields;
 
 // The parts of the agent that table programming listens to and tells.
@@ -120,7 +121,7 @@ class TableImpl : public BatchEntries {
   void abandonRestore();                    // another one must follow; nothing when none runs
   RestoreProgress restoreProgress() const;
   // See Restorer.
-  void entriesBelongTo(uint64_t push);
+  FormerEntries& formerEntries();
   uint64_t pushOfEntries() const;
   bool hasNoEntries() const;
   void restoreActionMemberCachedEntries();

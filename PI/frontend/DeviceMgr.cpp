@@ -24,6 +24,7 @@ void DeviceMgr::set_pipeline_changing(bool is_changing) { pipelineChangingIs(is_
 
 void DeviceMgr::set_zero_weights_allowed(bool allowed) { zeroWeightsAllowedIs(allowed); }
 void DeviceMgr::set_both_counts_read(bool both) { bothCountsReadIs(both); }
+void DeviceMgr::set_answers_padded(bool padded) { answersPaddedIs(padded); }
 
 DeviceMgr::DeviceMgr(pi_dev_id_t device_id) : imp_(std::make_unique<DeviceMgrImp>(device_id)) {}
 

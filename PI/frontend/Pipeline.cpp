@@ -88,7 +88,12 @@ pi_status_t Pipeline::restoredEntryIs(uint32_t tableId, const pi_match_key_t& ke
   if (table->entity != nullptr && isOfEntity(table->entity->kind)) {
     if (table == table->entity->list) return PI_STATUS_SUCCESS;  // the entity tells of its rows
     p4::v1::Entity entity;
-    if (!readEntity(*table->entity, **entry, &entity)) return PI_STATUS_INVALID_ENTRY_TYPE;
+    if (metadata.empty()) {
+      entry = withEntity(**entry, entityOfRow(*table, **entry));
+      bareEntities_.push_back(*entry);
+    } else if (!readEntity(*table->entity, **entry, &entity)) {
+      return PI_STATUS_INVALID_ENTRY_TYPE;
+    }
   }
   const bool adopted = adoptEntry(*table, *std::move(entry));
   return adopted ? PI_STATUS_SUCCESS : PI_STATUS_INVALID_ENTRY_TYPE;
@@ -121,6 +126,10 @@ pi_status_t Pipeline::constantEntryIs(uint32_t tableId, const pi_match_key_t& ke
     const pi_status_t status = restoredEntryIs(tableId, key, *given, handle, 0, {});
     if (status != PI_STATUS_SUCCESS) return status;
   }
+  const TablePlan* table = index_.table(tableId);
+  const bool isListed =
+      table != nullptr && table->entity != nullptr && table == table->entity->list;
+  if (isListed) return PI_STATUS_SUCCESS;  // the entity tells of its rows
   enterAdopted();
   const EntryPtr entry = store_.entry({tableId, key.priority, {key.data, key.data_size}});
   if (!entry) return PI_STATUS_INVALID_ENTRY_TYPE;
@@ -172,8 +181,9 @@ void Pipeline::fixedNamesAre(std::span<pi_fixed_name_t> names) {
 void Pipeline::restoreExpects(size_t entries) { store_.reserve(entries); }
 
 bool Pipeline::doFinishRestore(const TargetSession& session) {
-  const bool complete = doAdoptInitialEntries(session);
+  bool complete = doAdoptInitialEntries(session);
   enterAdopted();
+  complete &= doCompleteBareEntities(session);
   for (const auto& type : index_.namedTypes()) type->names.nameLost();
   if (restored_) {
     restored_->doDeleteUnclaimed(session);
@@ -181,6 +191,30 @@ bool Pipeline::doFinishRestore(const TargetSession& session) {
   }
   restored_.reset();
   return complete;
+}
+
+// Constant entities come without metadata: their replicas and members are those of the rows.
+bool Pipeline::doCompleteBareEntities(const TargetSession& session) {
+  bool all = true;
+  for (const EntryPtr& bare : std::exchange(bareEntities_, {})) {
+    const TablePlan& table = *index_.table(bare->tableId);
+    const EntityPlan& plan = *table.entity;
+    const EntryPtr standing = store_.entry(bare->key());
+    if (plan.list == nullptr || !standing) continue;
+    p4::v1::Entity entity = entityOfRow(table, *bare);
+    try {
+      FetchedTable fetched(session, *plan.list);
+      while (const EntryPtr row = fetched.next()) {
+        if (isOf(plan, *row, *bare)) addListRow(plan, *row, &entity);
+      }
+    } catch (const Refusal&) {
+      all = false;
+    }
+    const EntryPtr completed = withEntity(*standing, entity);
+    holdNames(table, &table, *completed);
+    store_.entryIs(completed);
+  }
+  return all;
 }
 
 bool Pipeline::doAdoptInitialEntries(const TargetSession& session) {

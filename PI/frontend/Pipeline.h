@@ -73,6 +73,7 @@ class Pipeline {
   bool adoptEntry(const TablePlan& table, EntryPtr entry);
   void enterAdopted();
   bool doAdoptInitialEntries(const TargetSession& session);
+  bool doCompleteBareEntities(const TargetSession& session);
 
   const p4::v1::ForwardingPipelineConfig config_;
   const std::string deviceData_;
@@ -84,7 +85,8 @@ class Pipeline {
   ProfileUse use_;
   std::atomic<bool> hasSentPackets_{false};
   std::optional<RestoredProfiles> restored_;  // until the restore is finished
-  std::vector<EntrySlot> adopted_;  // of tables without a profile; the store is yet to get them
+  std::vector<EntrySlot> adopted_;      // of tables without a profile; the store is yet to get them
+  std::vector<EntryPtr> bareEntities_;  // that came without metadata, until their lists are read
 };
 
 }  // namespace pi::fe::proto

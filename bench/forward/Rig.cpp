@@ -126,13 +126,13 @@ Figures engineAlone(const Load& load, const std::vector<std::string>& frames, Se
   const double used = threadCpu();
   while (Clock::now() - begin < time) {
     outputs.clear();
+    const uint64_t now = PacketThread::now();
     load.engine->begin();
     for (size_t i = 0; i < batch; ++i) {
       const std::string& frame = frames[at];
       if (++at == frames.size()) at = 0;
-      load.engine->processNext(load.port,
-                               {reinterpret_cast<const uint8_t*>(frame.data()), frame.size()},
-                               PacketThread::now(), outputs);
+      load.engine->processNext(
+          load.port, {reinterpret_cast<const uint8_t*>(frame.data()), frame.size()}, now, outputs);
     }
     load.engine->end();
     count += batch;

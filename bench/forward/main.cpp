@@ -23,8 +23,8 @@ struct Plan {
   std::string programs = KORVEL_PROGRAMS;
   std::string vectors = KORVEL_VECTORS;
   std::vector<size_t> sizes{64, 1500};  // bytes
-  double seconds = 1;                   // of each figure
-  size_t rounds = 3;
+  double seconds = 0.25;                // of each figure
+  size_t rounds = 9;
 };
 
 struct Round {
@@ -164,7 +164,7 @@ int main(int argc, char** argv) {
   }
   if (quick) {
     plan.rounds = 1;
-    plan.seconds = 0.3;
+    plan.seconds = 0.2;
   }
   const std::string refusal = TestSupport::enteredNetworkNamespace();
   if (!refusal.empty()) {

@@ -82,6 +82,11 @@ pi_status_t _pi_act_prof_grp_metadata_set(pi_session_handle_t, pi_dev_id_t, pi_p
   return PI_STATUS_SUCCESS;
 }
 void _pi_abilities(const char*, size_t, pi_abilities_t*) {}
+int _pi_port_exists(uint32_t) { return 1; }
+void _pi_counter_cells_read(pi_dev_id_t, pi_p4_id_t, size_t, size_t count,
+                            pi_counter_data_t* data) {
+  std::fill_n(data, count, pi_counter_data_t{});
+}
 int _pi_pipeline_push(pi_dev_id_t, int, const char*, size_t, pi_bytes_receiver_t, void*) {
   return 12;
 }

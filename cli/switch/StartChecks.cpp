@@ -4,6 +4,7 @@
 #include <linux/capability.h>
 #include <netdb.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -35,6 +36,15 @@ void requireRights(const SwitchOptions& options) {
       "CAP_NET_RAW): start it with sudo");
 }
 
+void requireTap(const SwitchOptions& options) {
+  const char* tun = "/dev/net/tun";
+  if (!options.cpuPort || access(tun, R_OK | W_OK) == 0) return;
+  throw std::runtime_error(
+      fmt::format("packets from and to controllers need {}: {}; 'modprobe tun' makes it, or leave "
+                  "out --cpu-port",
+                  tun, std::strerror(errno)));
+}
+
 void requireProgram(const std::string& file) {
   errno = 0;
   std::ifstream stream(file, std::ios::binary);
@@ -58,6 +68,7 @@ void requireProgram(const std::string& file) {
 void requireStartable(const SwitchOptions& options) {
   if (!options.program.empty()) requireProgram(options.program);
   requireRights(options);
+  requireTap(options);
 }
 
 void requireListening(const ServerAddress& address) {

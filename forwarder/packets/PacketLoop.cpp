@@ -6,6 +6,7 @@
 
 #include "forwarder/device/Offloads.h"
 #include "forwarder/device/VlanTag.h"
+#include "platform/wirra/packets/ShortFrame.h"
 
 namespace Forwarder {
 namespace {
@@ -61,8 +62,8 @@ bool PacketLoop::serve(SwitchPort& port) {
 }
 
 void PacketLoop::handleArrival(SwitchPort& port, PacketRing::Arrival& arrival) {
-  if (arrival.cutShort) {
-    port.counts()->addDropped(PacketDrop::unreadable);
+  if (arrival.cutShort) {  // there was no room for the rest of a long one
+    port.counts()->addDropped(PacketDrop::missed);
   } else if (arrival.offloads.cutWanted()) {
     handleSegments(port, arrival);
   } else if (arrival.offloads.checksumWanted() &&
@@ -82,6 +83,10 @@ void PacketLoop::handleSegments(SwitchPort& port, const PacketRing::Arrival& arr
 
 void PacketLoop::handleFrame(SwitchPort& port, Frame frame, const PacketRing::Arrival& arrival) {
   if (arrival.tagged) putTagBack(frame, arrival.tagProtocol, arrival.tag);
+  if (port.cpu() && Wirra::hasShortFrameMark({frame.start, frame.size})) {
+    frame.start += Wirra::shortFrameMark.size();
+    frame.size -= Wirra::shortFrameMark.size();
+  }
   ++received_;
   receivedBytes_ += frame.size;
   if (PcapFile* const file = port.pcapIn()) {

@@ -11,7 +11,7 @@ namespace Forwarder {
 enum class PacketDrop : uint8_t {
   noProgram,   // arrived while there was no program
   missed,      // arrived faster than they were read
-  unreadable,  // arrived cut short, or could not be cut into segments as their sender wanted
+  unreadable,  // arrived, but could not be cut into segments as their sender wanted
   deviceDown,  // to be sent, but the device was down or gone
   tooLong,     // to be sent, but longer than the device's MTU allows
   deviceFull,  // to be sent, but too many waited for the device already

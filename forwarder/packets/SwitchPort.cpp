@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "forwarder/device/KernelDevice.h"
+#include "platform/wirra/packets/ShortFrame.h"
 
 namespace Forwarder {
 
@@ -79,7 +80,9 @@ void SwitchPort::send() {
   }
   SendCounts sent{.noDevice = waiting_.size()};
   if (cpu_) {
+    markShortFrames();
     sent = cpu_->send(waiting_);
+    marked_.clear();
   } else if (sender_) {
     sent = sender_->send(waiting_);
   }
@@ -89,6 +92,16 @@ void SwitchPort::send() {
   counts_->addDropped(PacketDrop::deviceFull, sent.full);
   counts_->addDropped(PacketDrop::refused, sent.refused);
   waiting_.clear();
+}
+
+void SwitchPort::markShortFrames() {
+  for (Frame& frame : waiting_) {
+    if (!Wirra::needsShortFrameMark({frame.start, frame.size})) continue;
+    std::vector<uint8_t>& marked =
+        marked_.emplace_back(Wirra::shortFrameMark.begin(), Wirra::shortFrameMark.end());
+    marked.insert(marked.end(), frame.start, frame.start + frame.size);
+    frame = {marked.data(), marked.size()};
+  }
 }
 
 bool SwitchPort::flushPcap() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -55,6 +56,7 @@ class SwitchPort {
  private:
   void doOpen(const Wirra::Link& link);
   void doClose();
+  void markShortFrames();
 
   const uint32_t id_;
   const std::string device_;
@@ -65,6 +67,7 @@ class SwitchPort {
   std::unique_ptr<SendSocket> sender_;  // of all but the CPU port
   std::optional<CpuDevice> cpu_;
   std::vector<Frame> waiting_;
+  std::deque<std::vector<uint8_t>> marked_;     // bytes of waiting frames, while they are sent
   std::shared_ptr<PcapFile> pcapIn_, pcapOut_;  // may be the same
   bool pcapTroubleTold_ = false;
 };

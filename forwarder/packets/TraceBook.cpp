@@ -85,8 +85,9 @@ bool TraceBook::finishLate() {
   for (const auto& waiting : requests_) {
     if (Clock::now() < waiting->end) continue;
     waiting->done = true;
+    const std::chrono::duration<double> seconds = waiting->request.limit;
     waiting->text += fmt::format("{} of {} packets came in {} seconds\n", waiting->packets,
-                                 waiting->request.packets, waiting->request.limit.count() / 1000.0);
+                                 waiting->request.packets, seconds.count());
   }
   return removeDone();
 }

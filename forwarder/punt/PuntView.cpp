@@ -108,6 +108,7 @@ PuntPicture PuntView::fetchPicture(Orrery::Client& client) {
     picture.trouble = "the agent runs no pipeline yet";
   }
   const Vela::Json mapping = client.get(mappingPath);
+  picture.reached = true;
   const cJSON* one = nullptr;
   cJSON_ArrayForEach(one, attribute(mapping, "intfOfPort")) {
     uint32_t port = 0;
@@ -115,6 +116,7 @@ PuntPicture PuntView::fetchPicture(Orrery::Client& client) {
     if (!cJSON_IsString(one) || std::from_chars(one->string, end, port).ptr != end) continue;
     picture.ports[port] = one->valuestring;
   }
+  picture.portsAreKnown = true;
   return picture;
 }
 

@@ -20,9 +20,11 @@ namespace Forwarder {
 
 // A plain value.
 struct PuntPicture {
-  std::string trouble;                    // why the rest is not known; empty when it is
+  std::string trouble;                    // why packetIn is not known; empty when it is
+  bool reached = false;                   // the agent has told its ports
   std::string packetIn;                   // lines "ID NAME BITWIDTH"
   std::map<uint32_t, std::string> ports;  // port id -> device
+  bool portsAreKnown = false;             // also while the agent runs no pipeline
   bool operator==(const PuntPicture&) const = default;
 };
 

@@ -63,8 +63,9 @@ class DatabaseImpl final : public Database {
   Kept kept(const std::string& table) override;
   std::vector<std::string> keptTables() const override;
   void keptDel(const std::string& table) override;
-  std::vector<std::string> removeUnboundTables() override { return doRemoveUnbound(true); }
-  void clearUnboundTables() override;
+  std::vector<std::string> removeUnboundTables() override;
+  void rowTakerIs(RowTaker taker) override { rowTaker_ = std::move(taker); }
+  void emptyTables() override;
   void batchBegin() override;
   Vela::Outcome batchEnd() override;
   Vela::Outcome commit() override;
@@ -113,7 +114,6 @@ class DatabaseImpl final : public Database {
     std::string attachment;
   };
 
-  std::vector<std::string> doRemoveUnbound(bool keepsAttachments);
   void handleScopeEnd();
   Vela::Outcome tryCommit();
   void commitUnasked();
@@ -125,7 +125,9 @@ class DatabaseImpl final : public Database {
   void settleWatches(void (WatchedTable::*outcome)());
   void tellWatchers(ArTableInterface::Impl& table);
   std::vector<OwnedRow> rowsOfDamagedRecord(const ArTableInterface::Impl& table);
-  void keepAttachments(const std::string& table);
+  void keepAttachments(const std::string& table, const std::string& definition);
+  void renew(ArTableInterface::Impl& table);
+  std::string formerDefinition(const ArTableInterface::Impl& table);
   void announce(ArTableInterface::Impl& table);
   void announceAgain();
   bool survives(const ArTableInterface::Impl& table);
@@ -146,6 +148,7 @@ class DatabaseImpl final : public Database {
   bool commitLater_ = false;   // not at the end of this scope
   bool commitPosted_ = false;  // the reactor has been asked to
   std::function<void(const std::string&)> tellLoss_;
+  RowTaker rowTaker_;
   const size_t undoneAtStart_;
   const std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
   const Vela::ScopeEndHook scopeEnd_;
@@ -231,15 +234,25 @@ bool DatabaseImpl::survives(const ArTableInterface::Impl& table) {
 // changes tell of from here on.
 void DatabaseImpl::announce(ArTableInterface::Impl& table) {
   const std::vector<OwnedRow> kept = rowsOfDamagedRecord(table);
+  if (kept.empty()) keepAttachments(table.boundName, formerDefinition(table));
+  renew(table);
+  for (const OwnedRow& one : kept) rowIs(table, one.row, one.entryHandle, one.attachment);
+}
+
+void DatabaseImpl::renew(ArTableInterface::Impl& table) {
   const std::string rows = rowTable(table.boundName);
-  if (kept.empty()) keepAttachments(table.boundName);
   store_.tableDel(rows);
   table.rows = store_.table(rows);
   const TableRecord record{table.rows, table.type->name(), table.type->definition()};
   store_.put(types_, Brine::asBytes(table.boundName), Brine::asBytes(record.encode()));
   store_.typesChanged();
   typesChanged_ = true;
-  for (const OwnedRow& one : kept) rowIs(table, one.row, one.entryHandle, one.attachment);
+}
+
+std::string DatabaseImpl::formerDefinition(const ArTableInterface::Impl& table) {
+  const auto bytes = store_.get(types_, Brine::asBytes(table.boundName));
+  const auto record = bytes ? TableRecord::decode(Brine::asText(*bytes)) : std::nullopt;
+  return record ? record->definition : "";
 }
 
 // The settings of direct meters stand in rows alone. Without its record, a table keeps them if each
@@ -265,9 +278,16 @@ std::vector<DatabaseImpl::OwnedRow> DatabaseImpl::rowsOfDamagedRecord(
 
 // In the commit in which the rows go. Where there is no room for all of them, the rows stay and
 // none is kept.
-void DatabaseImpl::keepAttachments(const std::string& table) {
+void DatabaseImpl::keepAttachments(const std::string& table, const std::string& definition) {
   const std::string rows = rowTable(table);
   if (!store_.hasTable(rows)) return;
+  if (rowTaker_) {
+    store_.forEachRecord(store_.table(rows), [&](const Brine::Record& row) {
+      rowTaker_(table, definition, storedRow(row));
+      return true;
+    });
+    return;
+  }
   std::vector<std::pair<uint64_t, std::string>> found;  // the store must not change meanwhile
   store_.forEachRecord(store_.table(rows), [&](const Brine::Record& row) {
     if (!row.attachment.empty()) found.emplace_back(row.owner, Brine::asText(row.attachment));
@@ -312,15 +332,20 @@ void DatabaseImpl::keptDel(const std::string& table) {
   if (store_.hasTable(name)) store_.eraseAll(store_.table(name));
 }
 
-void DatabaseImpl::clearUnboundTables() {
-  doRemoveUnbound(false);
-  for (const std::string& table : keptTables()) keptDel(table);
+void DatabaseImpl::emptyTables() {
+  for (const auto& [name, table] : bound_) {
+    if (table->initialised && store_.count(table->rows) > 0) renew(*table);
+  }
 }
 
-std::vector<std::string> DatabaseImpl::doRemoveUnbound(bool keepsAttachments) {
+std::vector<std::string> DatabaseImpl::removeUnboundTables() {
   std::set<std::string> names;
-  store_.forEach(types_, [&](Brine::Bytes key, Brine::Bytes) {
-    names.emplace(Brine::asText(key));
+  std::map<std::string, std::string> definitions;
+  store_.forEach(types_, [&](Brine::Bytes key, Brine::Bytes bytes) {
+    const std::string name(Brine::asText(key));
+    names.insert(name);
+    const auto record = TableRecord::decode(Brine::asText(bytes));
+    if (record) definitions[name] = record->definition;
     return true;
   });
   for (const std::string& name : store_.tableNames()) {
@@ -336,7 +361,7 @@ std::vector<std::string> DatabaseImpl::doRemoveUnbound(bool keepsAttachments) {
   // The records go first: a table without a record counts as empty, should we be killed here.
   if (!inBatch_) commitUnasked();
   for (const std::string& name : names) {
-    if (keepsAttachments) keepAttachments(name);
+    keepAttachments(name, definitions[name]);
     store_.tableDel(rowTable(name));
   }
   return {names.begin(), names.end()};

@@ -117,8 +117,13 @@ class Database {
   virtual void keptDel(const std::string& table) = 0;
   // Removes the surviving tables without an interface; returns their names.
   virtual std::vector<std::string> removeUnboundTables() = 0;
-  // The same, but keeps nothing of them, nor of those that were removed before.
-  virtual void clearUnboundTables() = 0;
+  // Takes the rows of such tables, in place of keeping their attachments, with the definition of
+  // their type. Null: none does.
+  using RowTaker = std::function<void(const std::string& table, const std::string& definition,
+                                      const StoredRow& row)>;
+  virtual void rowTakerIs(RowTaker taker) = 0;
+  // Removes the rows of all tables with an interface, at once. Commits.
+  virtual void emptyTables() = 0;
 
   // A batch gathers every write of the store, rows and other records alike, until batchEnd().
   virtual void batchBegin() = 0;

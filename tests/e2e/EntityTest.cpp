@@ -4,6 +4,7 @@
 #include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <iostream>
 
 #include "tests/support/AgentProcess.h"
@@ -270,6 +271,39 @@ TEST_F(EntityTest, AnEntryHasItsIdleTimeoutAndTheCountsThatAreSet) {
   EXPECT_EQ(StatusCode::INVALID_ARGUMENT, write(Update::MODIFY, counter(-1)));
 }
 
+TEST_F(EntityTest, ADefaultEntryIsCounted) {
+  const auto entry = [](const std::string& rest) {
+    return "table_entry { table_id: 33554433 is_default_action: true " + rest + " }";
+  };
+  const std::string drop = "action { action { action_id: 16777217 } } ";
+  const std::string query = entry("counter_data {}");
+  const auto counter = [&](const std::string& data) {
+    return "direct_counter_entry { " + entry("") + " data { " + data + " } }";
+  };
+  expectReads(query, {query});
+  EXPECT_EQ(StatusCode::UNIMPLEMENTED, write(Update::MODIFY, counter("packet_count: 1")));
+  EXPECT_THAT(said_, HasSubstr("ingress.ports: the program names no default action"));
+  const auto counted = [&](int packets) {
+    return entry(drop + "counter_data { packet_count: " + std::to_string(packets) + " }");
+  };
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, counted(3))) << said_;
+  expectReads(query, {counted(3)});
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, counter("packet_count: 5"))) << said_;
+  const auto expectAll = [&] {
+    expectReads(query, {counted(5)});
+    expectReads("direct_counter_entry { table_entry { is_default_action: true } }",
+                {counter("packet_count: 5")});
+  };
+  expectAll();
+  EXPECT_THAT(rowsOf("ports.default"), HasSubstr("packets=5"));
+  killAgent();
+  expectAll();
+  EXPECT_EQ("", push(Set::RECONCILE_AND_COMMIT));
+  expectAll();
+  EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, entry(""))) << said_;
+  expectReads(query, {query});
+}
+
 TEST_F(EntityTest, AllCellsAreSetAtOnce) {
   const std::string one = cell("counter", "index { index: 3 } data { packet_count: 1 }");
   const std::string all = cell("counter", "data { packet_count: 5 }");
@@ -342,6 +376,31 @@ TEST_F(EntityTest, WhatFailsLeavesThemAsTheyWere) {
   expectReads(session(0), {session(5, "replicas { egress_port: 1 }")});
   expectReads(cell("counter", "index { index: 1 }"),
               {cell("counter", "index { index: 1 } data { packet_count: 5 }")});
+}
+
+// Off unless it is asked for: a plane may have ports beside the mapped ones.
+TEST_F(EntityTest, PortsOfReplicasAreHeldAgainstThoseThatAreMapped) {
+  const auto set = [&](const char* attribute, const char* value) {
+    EXPECT_EQ(agent_.korvel({"set", "p4runtime/config/agent", attribute, value}).exit.code, 0);
+  };
+  const auto to = [](int id, const std::string& port) {
+    return group(id, "replicas { egress_port: " + port + " }");
+  };
+  set("checkPorts", "true");
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, to(1, "9"))) << "none is mapped: " << said_;
+  EXPECT_EQ(agent_.korvel({"port", "map", "4", "eth-four"}).exit.code, 0);
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, to(2, "4"))) << said_;
+  EXPECT_EQ(StatusCode::INVALID_ARGUMENT, write(Update::INSERT, to(3, "9")));
+  EXPECT_EQ(said_, "multicast group 3: the switch has no port 9, which a replica names");
+  EXPECT_EQ(StatusCode::INVALID_ARGUMENT,
+            write(Update::INSERT, session(3, R"(replicas { port: "\001\376" })")));
+  EXPECT_THAT(said_, HasSubstr("clone session 3: the switch has no port 510"));
+  set("cpuPort", "510");
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, session(3, R"(replicas { port: "\001\376" })")))
+      << said_;
+  EXPECT_EQ(StatusCode::OK, write(Update::DELETE, group(1))) << said_;
+  set("checkPorts", "false");
+  EXPECT_EQ(StatusCode::OK, write(Update::INSERT, to(3, "9"))) << said_;
 }
 
 TEST_F(EntityTest, WatchPortsStandInRowsOfTheGroupsAndMembersThatHaveThem) {
@@ -429,6 +488,72 @@ TEST_F(EntityTest, WhatCannotBeIsRefusedByName) {
   EXPECT_EQ(StatusCode::INVALID_ARGUMENT,
             write(Update::INSERT, "table_entry { table_id: 1593835521 }"));
   expectReads(group(0), {group(1)});
+}
+
+// A pipeline file brings entities as rows of their tables.
+TEST(ConstantEntityTest, ComeWithThePipelineAndStay) {
+  const TempDir directory;
+  const std::string file = directory.file("pipeline");
+  std::ofstream(directory.file("p4info")) << program;
+  std::ofstream(directory.file("entries")) << R"([
+    {"table": "pre.multicast_group", "match": {"multicast_group_id": 7}, "action": "group"},
+    {"table": "pre.multicast_group.replica", "action": "row",
+     "match": {"multicast_group_id": 7, "egress_port": 1, "instance": 5}},
+    {"table": "pre.multicast_group.replica", "action": "row",
+     "match": {"multicast_group_id": 7, "egress_port": 258, "instance": 0}},
+    {"table": "pre.clone_session", "match": {"session_id": 500}, "action": "session",
+     "params": {"class_of_service": 3, "packet_length_bytes": 128}},
+    {"table": "pre.clone_session.replica", "action": "row",
+     "match": {"session_id": 500, "egress_port": 510, "instance": 0}},
+    {"table": "value_set.types", "match": {"entry": 0}, "action": "set", "params": {"members": 1}},
+    {"table": "value_set.types.member", "match": {"ether_type": 2048, "vlan": 3}, "action": "row",
+     "priority": 1},
+    {"table": "register.seen", "match": {"index": 2}, "action": "set",
+     "params": {"value": 258, "times": 0}},
+    {"table": "meter.rates", "match": {"index": 1}, "action": "set",
+     "params": {"cir": 1, "cburst": 2, "pir": 3, "pburst": 4, "eburst": 0}}
+  ])";
+  const CommandResult built =
+      run({binaryPath("korvel"), "pipeline", "build", "--p4info", directory.file("p4info"),
+           "--entries", directory.file("entries"), "--device-id", "1", "-o", file});
+  ASSERT_EQ(built.exit.code, 0) << built.output;
+  AgentProcess agent({.stateDirectory = directory.file("state"), .pipelineFile = file});
+  ForwarderProcess forwarder(directory.file("state"));
+  forwarder.start();
+  for (uint64_t electionId = 1; electionId <= 2; ++electionId) {
+    agent.start();
+    ASSERT_TRUE(agent.waitServing()) << agent.output();
+    ASSERT_TRUE(forwarder.waitAttached());
+    TestController controller(agent.address(), electionId);
+    ASSERT_TRUE(controller.waitConnected(std::chrono::seconds(10)));
+    ASSERT_TRUE(controller.becomePrimary());
+    const auto codeOf = [&](Update::Type type, const std::string& text) {
+      return controller.write({updateOf(type, entity(text))}).code(0);
+    };
+    const std::vector<std::string> all = {
+        group(7, R"(replicas { port: "\001" instance: 5 } replicas { port: "\001\002" })"),
+        session(500, R"(replicas { port: "\001\376" }
+                        class_of_service: 3 packet_length_bytes: 128)"),
+        R"(value_set_entry { value_set_id: 50331649 members {
+             match { field_id: 1 ternary { value: "\010\000" mask: "\377\377" } }
+             match { field_id: 2 exact { value: "\003" } } } })",
+        cell("register", R"(index { index: 2 } data { bitstring: "\001\002" })"),
+        cell("meter", "index { index: 1 } config { " + rates + " }")};
+    const std::vector<std::string> queries = {
+        group(7), session(500), "value_set_entry { value_set_id: 50331649 }",
+        cell("register", "index { index: 2 }"), cell("meter", "index { index: 1 }")};
+    for (size_t i = 0; i < all.size(); ++i) {
+      const EntitiesOutcome read = controller.read(std::vector<Entity>{entity(queries[i])});
+      ASSERT_EQ(read.entities.size(), 1u) << queries[i];
+      EXPECT_EQ(read.entities[0].ShortDebugString(), entity(all[i]).ShortDebugString());
+    }
+    EXPECT_EQ(codeOf(Update::DELETE, group(7)), StatusCode::PERMISSION_DENIED);
+    EXPECT_EQ(codeOf(Update::MODIFY, all[1]), StatusCode::PERMISSION_DENIED);
+    EXPECT_EQ(codeOf(Update::MODIFY, cell("meter", "")), StatusCode::PERMISSION_DENIED);
+    EXPECT_EQ(codeOf(Update::INSERT, group(8)),
+              electionId == 1 ? StatusCode::OK : StatusCode::ALREADY_EXISTS);
+    agent.kill();
+  }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // A switch that executes the program that a controller pushed: packets meet the entries that were
 // confirmed, also while processes are killed.
 #include <gmock/gmock.h>
+#include <google/protobuf/text_format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <sstream>
 
 #include "tests/e2e/WiredSwitch.h"
+#include "tests/p4/Playing.h"
 
 using namespace TestSupport;
 using testing::AllOf;
@@ -73,11 +75,14 @@ class ForwardingTest : public testing::Test {
   }
 
   grpc::Status push(const std::string& program) {
+    return push(switch_.pipeline().p4info(), program);
+  }
+  grpc::Status push(const p4::config::v1::P4Info& p4Info, const std::string& program) {
     Set request;
     request.set_device_id(1);
     request.mutable_election_id()->set_low(switch_.electionId());
     request.set_action(Set::VERIFY_AND_COMMIT);
-    *request.mutable_config()->mutable_p4info() = switch_.pipeline().p4info();
+    *request.mutable_config()->mutable_p4info() = p4Info;
     request.mutable_config()->set_p4_device_config(program);
     grpc::ClientContext context;
     context.set_deadline(std::chrono::system_clock::now() + patience);
@@ -218,6 +223,8 @@ TEST_F(ForwardingTest, APortComesWhileItRuns) {
 
 TEST_F(ForwardingTest, AProgramThatCannotBeExecutedIsRefused) {
   ASSERT_TRUE(forwards());
+  std::string strange = fileText(KORVEL_ROUTER_PROGRAM);
+  strange.replace(strange.find("crc32"), 5, "crc99");
   const struct {
     const char* what;
     std::string program;
@@ -225,10 +232,7 @@ TEST_F(ForwardingTest, AProgramThatCannotBeExecutedIsRefused) {
   } cases[] = {
       {"no program", "opaque bytes", "no compiled P4 program"},
       {"no JSON", "{ \"program\": ", "JSON"},
-      {"a part that is not there",
-       fileText(KORVEL_ROUTER_PROGRAM)
-           .replace(0, 1, R"({"calculations":[{"name":"x","id":9,"algo":"crc99","input":[]}],)"),
-       "crc99"},
+      {"a part that is not there", strange, "crc99"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -237,6 +241,111 @@ TEST_F(ForwardingTest, AProgramThatCannotBeExecutedIsRefused) {
     EXPECT_THAT(refused.error_message(), HasSubstr(c.message));
   }
   EXPECT_TRUE(forwards());
+}
+
+// A byte selects a port. Each packet is told of in a digest, counted in cell 2, and kept in a
+// register.
+std::string newsProgram() {
+  using namespace P4Test;
+  SmallProgram made;
+  made.header("h", {{"v", 8}});
+  made.header("m", {{"nibble", 4}, {"pad", 4}}, true);
+  made.state("start", list({extract("h")}));
+  made.ingressAction(calls({assign(field("m", "nibble"), field("h", "v")),
+                            call("generate_digest", {P4Test::hex(1), P4Test::hex(1)}),
+                            call("count", {object("counter_array", "hits"), P4Test::hex(2)}),
+                            call("register_write", {object("register_array", "memory"),
+                                                    P4Test::hex(1), field("h", "v")})}),
+                     "direct");
+  const size_t send =
+      made.action("send", R"({"name":"port","bitwidth":9})",
+                  assign(metadata("egress_spec"), R"({"type":"runtime_data","value":0})"));
+  made.table(R"({"name":"direct","id":6,"match_type":"exact","type":"simple","max_size":16,)"
+             R"("key":[{"match_type":"exact","target":["h","v"],"name":"v"}],"action_ids":[)" +
+             std::to_string(send) +
+             R"(],"actions":["send"],"support_timeout":true,"next_tables":{"send":null}})");
+  made.section("learn_lists",
+               R"([{"id":1,"name":"seen","elements":[{"type":"field","value":["m","nibble"]},)"
+               R"({"type":"field","value":["h","v"]}]}])");
+  made.section("counter_arrays", R"([{"name":"hits","id":0,"size":4,"is_direct":false}])");
+  made.section("register_arrays", R"([{"name":"memory","id":0,"size":4,"bitwidth":12}])");
+  made.deparse({"h"});
+  return made.json();
+}
+
+constexpr const char* newsP4Info = R"(
+pkg_info { arch: "v1model" }
+tables { preamble { id: 33554433 name: "direct" alias: "direct" }
+  match_fields { id: 1 name: "v" bitwidth: 8 match_type: EXACT }
+  action_refs { id: 16777217 } size: 16 idle_timeout_behavior: NOTIFY_CONTROL }
+actions { preamble { id: 16777217 name: "send" alias: "send" }
+  params { id: 1 name: "port" bitwidth: 9 } }
+counters { preamble { id: 301989889 name: "hits" alias: "hits" } spec { unit: BOTH } size: 4 }
+registers { preamble { id: 369098753 name: "memory" alias: "memory" }
+  type_spec { bitstring { bit { bitwidth: 12 } } } size: 4 }
+digests { preamble { id: 385875969 name: "seen" alias: "seen" }
+  type_spec { struct { name: "seen_t" } } }
+type_info { structs { key: "seen_t" value {
+  members { name: "nibble" type_spec { bitstring { bit { bitwidth: 4 } } } }
+  members { name: "v" type_spec { bitstring { bit { bitwidth: 8 } } } } } } }
+)";
+
+template <typename Message>
+Message parsed(const std::string& text) {
+  Message message;
+  EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(text, &message)) << text;
+  return message;
+}
+
+bool isDigestOf2(const p4::v1::StreamMessageResponse& notice) {
+  if (!notice.has_digest() || notice.digest().digest_id() != 385875969) return false;
+  const auto& members = notice.digest().data(0).struct_().members();
+  return members.size() == 2 && members[0].bitstring() == "\x02" &&
+         members[1].bitstring() == "\x02";
+}
+
+// News that the data plane alone has come to the controller.
+TEST_F(ForwardingTest, NewsOfTheDataPlane) {
+  ASSERT_TRUE(forwards());
+  std::vector<p4::v1::StreamMessageResponse> notices;
+  switch_.controller().onNoticeIs([&](const p4::v1::StreamMessageResponse& notice) {
+    const std::lock_guard lock(mutex_);
+    notices.push_back(notice);
+  });
+  const auto has = [&](const std::function<bool(const p4::v1::StreamMessageResponse&)>& wanted) {
+    return waitUntil([&] {
+      const std::lock_guard lock(mutex_);
+      return std::ranges::any_of(notices, wanted);
+    });
+  };
+  const auto read = [&](const char* query) {
+    return switch_.controller().read({parsed<p4::v1::Entity>(query)}).entities;
+  };
+  const grpc::Status pushed = push(parsed<p4::config::v1::P4Info>(newsP4Info), newsProgram());
+  ASSERT_TRUE(pushed.ok()) << pushed.error_message();
+  const auto digest =
+      parsed<p4::v1::Entity>("digest_entry { digest_id: 385875969 config { max_list_size: 1 } }");
+  const auto entry = parsed<p4::v1::Entity>(R"(table_entry { table_id: 33554433
+      match { field_id: 1 exact { value: "\002" } } idle_timeout_ns: 1000000000
+      action { action { action_id: 16777217 params { param_id: 1 value: "\002" } } } })");
+  ASSERT_TRUE(switch_.write({insertOf(digest), insertOf(entry)}).ok());
+
+  const std::string packet = arriving(0x0b000005, 1);  // it begins with the byte 2
+  switch_.farEnd(1).send(packet);
+  EXPECT_TRUE(waitUntil([&] { return hasArrived(2, packet); }));
+  EXPECT_TRUE(has(isDigestOf2));
+  const auto cells = read("counter_entry { counter_id: 301989889 index { index: 2 } }");
+  ASSERT_EQ(cells.size(), 1u);
+  EXPECT_EQ(cells[0].counter_entry().data().packet_count(), 1);
+  EXPECT_EQ(cells[0].counter_entry().data().byte_count(), static_cast<int64_t>(packet.size()));
+  const auto memory = read("register_entry { register_id: 369098753 }");
+  ASSERT_EQ(memory.size(), 4u);
+  EXPECT_EQ(memory[0].register_entry().data().bitstring(), std::string(1, '\0'));
+  EXPECT_EQ(memory[1].register_entry().data().bitstring(), "\x02");
+  EXPECT_TRUE(has([](const auto& notice) {
+    return notice.has_idle_timeout_notification() &&
+           notice.idle_timeout_notification().table_entry(0).table_id() == 33554433;
+  }));
 }
 
 }  // namespace

@@ -484,6 +484,16 @@ TEST_F(StoryTest, LenienceIsThereForTheAsking) {
   const auto groups = session->read({entityOf(p4::v1::ActionProfileGroup())});
   ASSERT_THAT(groups, SizeIs(1));
   EXPECT_TRUE(MessageDifferencer::Equals(groups[0].action_profile_group(), group));
+  const auto portOfMember = [&] {
+    const auto members = session->read({entityOf(p4::v1::ActionProfileMember())});
+    return members.at(0).action_profile_member().action().params(0).value();
+  };
+  const std::string shortest = portOfMember();
+  set("paddedAnswers", "true");
+  const std::string padded = portOfMember();
+  EXPECT_GT(padded.size(), shortest.size());
+  EXPECT_EQ(padded, std::string(padded.size() - shortest.size(), '\0') + shortest);
+  set("paddedAnswers", "false");
   EXPECT_TRUE(session->close().ok());
 
   Who zero = who;

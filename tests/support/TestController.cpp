@@ -187,7 +187,13 @@ void TestController::handle(const p4::v1::StreamMessageResponse& response) {
     const std::lock_guard lock(mutex_);
     streamErrors_.push_back(response.error());
     changed_.notify_all();
+  } else if (notice_) {
+    notice_(response);
   }
+}
+
+void TestController::onNoticeIs(std::function<void(const p4::v1::StreamMessageResponse&)> notice) {
+  notice_ = std::move(notice);
 }
 
 void TestController::readsIs(bool reads) {

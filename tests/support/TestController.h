@@ -86,6 +86,8 @@ class TestController {
   bool send(const p4::v1::StreamMessageRequest& request);
   // Called for each packet-in, on the stream's thread; set it before arbitrate().
   void onPacketInIs(std::function<void(const p4::v1::PacketIn&)> packetIn);
+  // Called for each digest list and idle notification, likewise.
+  void onNoticeIs(std::function<void(const p4::v1::StreamMessageResponse&)> notice);
   // The next stream error; nothing when none comes while a test's patience lasts.
   std::optional<p4::v1::StreamError> streamError();
   size_t streamErrorCount() const { return streamErrorCount_; }  // all that came
@@ -120,6 +122,7 @@ class TestController {
   std::unique_ptr<Stream> stream_;
   std::thread follower_;
   std::function<void(const p4::v1::PacketIn&)> packetIn_;
+  std::function<void(const p4::v1::StreamMessageResponse&)> notice_;
   std::atomic<size_t> streamErrorCount_{0};
 
   std::mutex mutex_;  // guards the members below

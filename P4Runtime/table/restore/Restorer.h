@@ -3,8 +3,10 @@
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
+#include "P4Runtime/pipeline/FormerEntries.h"
 #include "P4Runtime/table/restore/ConstantEntries.h"
 #include "P4Runtime/table/restore/DamagedRecords.h"
 #include "P4Runtime/table/restore/RestoreCounts.h"
@@ -14,10 +16,10 @@
 namespace P4Runtime {
 
 // Call with the activity lock held, outside a batch.
-class Restorer {
+class Restorer : public FormerEntries {
  public:
   explicit Restorer(const RestoreTools& tools);
-  ~Restorer();
+  ~Restorer() override;
 
   // A restore of all objects, in slices: members, then groups, then the entries that name them.
   // Rows that are as they were are not written again. Records that the pipeline is known to have
@@ -36,9 +38,10 @@ class Restorer {
   void restoreGroups(uint64_t deviceId);
   void restoreEntries(uint64_t deviceId);
 
-  // Removes all that is kept, unless it belongs to the push of that number already. Call while no
-  // table has an interface. Throws when the store cannot; what is left goes the next time.
-  void entriesBelongTo(uint64_t push);
+  bool areOf(uint64_t push) const override;
+  void setAside() override;
+  void forget(uint64_t push) override;
+  void putBack() override;
   uint64_t pushOfEntries() const;  // 0: to none
   bool isEmpty() const { return !tools_.records.isMounted() || tools_.records.isEmpty(); }
 
@@ -48,6 +51,13 @@ class Restorer {
 
  private:
   struct Run;
+  struct AsideRow {
+    std::string table;
+    std::string definition;  // of the table's type
+    Lattice::Row row;
+    uint64_t handle;
+    std::string attachment;
+  };
   using Step = bool (Restorer::*)(RestoreSlice& slice);
 
   void requireReady() const;
@@ -62,7 +72,8 @@ class Restorer {
   const RestoreTools tools_;
   ConstantEntries constantEntries_{tools_};
   DamagedRecords damaged_{tools_};
-  std::unique_ptr<Run> run_;  // null: none runs
+  std::unique_ptr<Run> run_;      // null: none runs
+  std::vector<AsideRow> aside_;  // until they are put back or forgotten
 };
 
 }  // namespace P4Runtime

@@ -5,6 +5,7 @@
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/PiDebug.h"
 #include "PI/target/pi_counter_imp.h"
+#include "PI/target/pi_extensions_imp.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/ActivityReadLock.h"
@@ -54,6 +55,18 @@ pi_status_t _pi_counter_read(pi_session_handle_t session_handle, pi_dev_tgt_t de
                 " counter_data=", P4Runtime::piCounterDataToString(counter_data));
   addCell(P4Runtime::ThePiContext()->hwStatusDir().get(), counter_id, index, counter_data);
   return PI_STATUS_SUCCESS;
+}
+
+void _pi_counter_cells_read(pi_dev_id_t dev_id, pi_p4_id_t counter_id, size_t first, size_t count,
+                            pi_counter_data_t* counter_data) {
+  const Vela::ActivityReadLock lock;
+  SCRIVEL_TRACE(6, "_pi_counter_cells_read", " dev_id: ", dev_id, " counter_id: ", counter_id,
+                " first: ", first, " count: ", count);
+  const auto hwStatusDir = P4Runtime::ThePiContext()->hwStatusDir();
+  for (size_t i = 0; i < count; ++i) {
+    counter_data[i] = {};
+    addCell(hwStatusDir.get(), counter_id, first + i, &counter_data[i]);
+  }
 }
 
 pi_status_t _pi_counter_write(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,

@@ -5,6 +5,7 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/check/MeterCheck.h"
+#include "PI/frontend/store/ActionCodec.h"
 #include "PI/frontend/store/KeyCodec.h"
 
 namespace pi::fe::proto {
@@ -64,7 +65,18 @@ MeterSetting settingOf(const MeterConfig& config) {
           static_cast<uint32_t>(config.cburst()), static_cast<uint32_t>(config.pburst())};
 }
 
-// The table of a resource's entry; `given` is a DirectMeterEntry or a DirectCounterEntry.
+const TablePlan& tableOfResources(const TablePlan& table, const TableEntry& entry,
+                                  const char* resource) {
+  if (!entry.is_default_action()) return table;
+  if (entry.match_size() != 0 || entry.priority() != 0) {
+    refuse(code::invalidArgument, "table ", table.name,
+           ": the default entry has neither match nor priority");
+  }
+  return tableOfDefaultResources(table, resource);
+}
+
+// The table of a resource's entry, or that of its default entry; `given` is a DirectMeterEntry or a
+// DirectCounterEntry.
 template <typename Given>
 const TablePlan& checkedTableOf(const P4InfoIndex& index, const Given& given, Update::Type type,
                                 const char* resource) {
@@ -72,21 +84,14 @@ const TablePlan& checkedTableOf(const P4InfoIndex& index, const Given& given, Up
     refuse(code::invalidArgument, "the direct ", resource, " entry names no table_entry");
   }
   const TablePlan& table = checkedTable(index, given.table_entry().table_id());
-  if (type == Update::MODIFY) return table;
+  if (type == Update::MODIFY) return tableOfResources(table, given.table_entry(), resource);
   refuse(code::invalidArgument, "table ", table.name, ": a direct ", resource,
          " comes and goes with its entry; use MODIFY");
 }
 
-EntryPtr keyOf(const TablePlan& table, const TableEntry& entry, const char* resource,
-               const std::optional<MeterSetting>& meter) {
-  if (entry.is_default_action()) {
-    if (entry.match_size() != 0 || entry.priority() != 0) {
-      refuse(code::invalidArgument, "table ", table.name,
-             ": the default entry has neither match nor priority");
-    }
-    refuse(code::unimplemented, "table ", table.name, ": the default entry's direct ", resource,
-           " is not supported");
-  }
+EntryPtr keyOf(const TablePlan& table, const TableEntry& entry,
+               const std::optional<MeterSetting>& meter, NamePins* names) {
+  if (table.isDefaultEntry) return programsDefault(table, meter, names);
   if (!table.unsupported.empty()) {
     refuse(code::unimplemented, "table ", table.name, ": ", table.unsupported);
   }
@@ -98,6 +103,35 @@ EntryPtr keyOf(const TablePlan& table, const TableEntry& entry, const char* reso
 }
 
 }  // namespace
+
+const TablePlan& tableOfDefaultResources(const TablePlan& table, const char* resource) {
+  const TablePlan* defaults = table.defaultEntry.get();
+  if (defaults != nullptr && (defaults->counter || defaults->meter)) return *defaults;
+  refuse(code::unimplemented, "table ", table.name, ": the default entry's direct ", resource,
+         " is not supported");
+}
+
+void requireDefaultAction(const TablePlan& table) {
+  if (table.defaultAction.action_id() != 0) return;
+  refuse(code::unimplemented, "table ", table.name,
+         ": the program names no default action; set one before its direct resources");
+}
+
+EntryPtr programsDefault(const TablePlan& table, const std::optional<MeterSetting>& meter,
+                         NamePins* names) {
+  if (table.defaultAction.action_id() == 0) {
+    EntryPtr key = Entry::make(table.id, table.keyBytes, 0, 0, meter);
+    key->kind = EntryKind::keyAlone;
+    *key->keyData() = 0;
+    return key;
+  }
+  const ActionPlan& action = checkedAction(table, table.defaultAction);
+  EntryPtr entry = Entry::make(table.id, table.keyBytes, action.dataBytes, 0, meter);
+  entry->actionId = action.id;
+  *entry->keyData() = 0;
+  encodeActionData(table, action, table.defaultAction, entry->actionData(), {names, true});
+  return entry;
+}
 
 void checkDirectResources(const TablePlan& table, const TableEntry& entry, Update::Type type) {
   checkCounter(table, entry, type);
@@ -137,7 +171,7 @@ CheckedUpdate checkedDirectMeter(const P4InfoIndex& index, const p4::v1::DirectM
     refuseColors("table " + table.name, given.counter_data(), "counter_data");
   result.table = &table;
   result.profile = table.profile;
-  result.slot.entry = keyOf(table, given.table_entry(), "meter", setting);
+  result.slot.entry = keyOf(table, given.table_entry(), setting, &result.names);
   return result;
 }
 
@@ -156,7 +190,7 @@ CheckedUpdate checkedDirectCounter(const P4InfoIndex& index,
   }
   result.table = &table;
   result.profile = table.profile;
-  result.slot.entry = keyOf(table, given.table_entry(), "counter", std::nullopt);
+  result.slot.entry = keyOf(table, given.table_entry(), std::nullopt, &result.names);
   return result;
 }
 

@@ -16,6 +16,17 @@ std::optional<Counts> givenCounts(const p4::v1::TableEntry& entry, p4::v1::Updat
 // The setting that a checked table entry brings; nothing: the default.
 std::optional<MeterSetting> meterSetting(const TablePlan& table, const p4::v1::TableEntry& entry);
 
+// The plan of the table's default entry, which has direct resources. Throws a Refusal
+// (UNIMPLEMENTED) where it has none; `resource` is "counter", "meter".
+const TablePlan& tableOfDefaultResources(const TablePlan& table, const char* resource);
+
+// Throws a Refusal (UNIMPLEMENTED) when the program names none.
+void requireDefaultAction(const TablePlan& table);
+// The program's own default action as an entry of the default entry's table; its key alone when
+// the program names none. Throws a Refusal.
+EntryPtr programsDefault(const TablePlan& table, const std::optional<MeterSetting>& meter,
+                         NamePins* names);
+
 // Leave type and hash to the caller. Throw a Refusal.
 CheckedUpdate checkedDirectMeter(const P4InfoIndex& index, const p4::v1::DirectMeterEntry& given,
                                  p4::v1::Update::Type type);

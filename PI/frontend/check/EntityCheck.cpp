@@ -10,6 +10,8 @@
 #include "PI/frontend/check/MeterCheck.h"
 #include "PI/frontend/check/OtherEntityCheck.h"
 #include "PI/frontend/store/EntityRows.h"
+#include "PI/frontend/store/NameCodec.h"
+#include "PI/target/pi_extensions_imp.h"
 
 namespace pi::fe::proto {
 
@@ -18,6 +20,7 @@ using p4::v1::Update;
 
 namespace {
 
+constexpr size_t kPortOffset = 4;           // in the keys of replicas, behind the owner
 constexpr size_t kMostBytes = 1024 * 1024;  // of a message; the store keeps it with the row
 
 const ActionPlan& actionOf(const TablePlan& table, size_t place = 0) {
@@ -63,10 +66,20 @@ void checkReplicas(const EntityPlan& plan, uint32_t id, Replicas* replicas) {
   }
 }
 
+void requirePort(const EntityPlan& plan, uint32_t id, const std::string& key) {
+  const uint32_t port = numberAt(reinterpret_cast<const uint8_t*>(key.data()) + kPortOffset);
+  if (_pi_port_exists(port) != 0) return;
+  refuse(code::invalidArgument, plan.text, " ", id, ": the switch has no port ",
+         plan.ports != nullptr && plan.ports->hasName(port) ? quotedName(plan.ports->name(port))
+                                                            : absl::StrCat(port),
+         ", which a replica names");
+}
+
 void requireDistinctReplicas(const EntityPlan& plan, uint32_t id, const Entity& entity,
                              NamePins* names) {
   absl::flat_hash_set<std::string> seen;
   for (std::string& key : listKeys(plan, entity, {names, true})) {
+    requirePort(plan, id, key);
     if (seen.insert(std::move(key)).second) continue;
     refuse(code::invalidArgument, plan.text, " ", id,
            ": two replicas have the same port and instance");

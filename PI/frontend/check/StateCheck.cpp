@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/DirectResourceCheck.h"
 #include "PI/frontend/store/EntityRows.h"
 
 namespace pi::fe::proto {
@@ -22,6 +23,10 @@ const char* subjectText(Subject subject) {
     default:
       return "entry";
   }
+}
+
+bool isResources(Subject subject) {
+  return subject == Subject::directMeter || subject == Subject::directCounter;
 }
 
 // Without an entry, that of the program stands, or the state in the beginning.
@@ -55,9 +60,7 @@ void requireResourcesAlone(const CheckedUpdate& update, bool keepsAction) {
 void doKeepAction(CheckedUpdate* update, const Entry& former) {
   EntrySlot& slot = update->slot;
   const Entry& given = *slot.entry;
-  const bool isOfResource =
-      update->subject == Subject::directMeter || update->subject == Subject::directCounter;
-  const Entry& described = isOfResource ? former : given;
+  const Entry& described = isResources(update->subject) ? former : given;
   const EntryKey key = given.key();
   const std::string_view metadata = described.metadata();
   EntryPtr kept =
@@ -79,8 +82,15 @@ void doKeepAction(CheckedUpdate* update, const Entry& former) {
 void StateCheck::prepare(CheckedUpdate* update, const Entry* former) {
   requireState(*update, former);
   if (update->subject == Subject::directCounter && !update->counts()) return;
+  const bool isOfResource = isResources(update->subject);
+  if (isOfResource && former == nullptr && !update->slot.entry->meter() && !update->counts()) {
+    update->type = Update::DELETE;  // of a default entry, which is the program's still
+    return;
+  }
+  if (isOfResource && former == nullptr) requireDefaultAction(*update->table);
   const bool keeps =
-      update->type == Update::MODIFY && update->slot.entry->kind == EntryKind::keyAlone;
+      update->type == Update::MODIFY &&
+      (update->slot.entry->kind == EntryKind::keyAlone || (isOfResource && former != nullptr));
   if (former != nullptr && former->isConst) requireResourcesAlone(*update, keeps);
   if (update->subject == Subject::entry && update->table->idleTimeouts != nullptr) {
     prepareIdleTimeout(update);
@@ -104,6 +114,10 @@ void StateCheck::prepareEntity(CheckedUpdate* update, const Entry* former) const
   const EntityPlan& plan = *update->table->entity;
   if (update->ofAllCells) {
     for (EntrySlot& slot : store_.slotsOf(plan.table->id)) {
+      if (slot.entry->isConst) {
+        refuse(code::permissionDenied, updateText(*update), ": cell ", cellIndex(*slot.entry),
+               " is constant");
+      }
       update->withExtras().also.push_back({std::move(slot), true});
     }
   }

@@ -199,25 +199,46 @@ EntryPtr withoutKey(const TablePlan& table, const TableEntry& given, Update::Typ
   return entry;
 }
 
+TableEntry withDefaultAction(const TablePlan& table, const TableEntry& given) {
+  TableEntry result = given;
+  *result.mutable_action()->mutable_action() = table.defaultAction;
+  return result;
+}
+
+CheckedUpdate defaultEntryUpdate(CheckedUpdate result, const TableEntry& given) {
+  EntryPtr entry = withoutKey(*result.table, given, result.type, &result.names);
+  *entry->keyData() = 0;
+  maybeEncodeParams(*result.table, given, entry.get(), &result.names);
+  result.slot.entry = std::move(entry);
+  return result;
+}
+
 // Where the target keeps no default entries, only the program's own is taken, which changes
 // nothing. Where it does, the program's own is back once the entry is deleted.
 CheckedUpdate checkedDefaultEntry(const TablePlan& table, const TableEntry& given,
                                   Update::Type type) {
   checkDefaultEntry(table, given, type);
   CheckedUpdate result;
+  result.type = Update::MODIFY;
   result.table = table.defaultEntry ? table.defaultEntry.get() : &table;
   const bool isThePrograms = isTheDefault(table, given);
   if (!table.defaultEntry && isThePrograms) return result;
-  if (!table.defaultEntry || given.has_meter_config() || given.has_counter_data()) {
-    refuse(code::unimplemented, "table ", table.name, ": the default entry",
-           table.defaultEntry ? "'s direct resources" : "", " cannot be changed: not supported");
+  if (!table.defaultEntry) {
+    refuse(code::unimplemented, "table ", table.name,
+           ": the default entry cannot be changed: not supported");
   }
-  result.type = isThePrograms || !given.has_action() ? Update::DELETE : Update::MODIFY;
-  EntryPtr entry = withoutKey(*result.table, given, result.type, &result.names);
-  *entry->keyData() = 0;
-  maybeEncodeParams(*result.table, given, entry.get(), &result.names);
-  result.slot.entry = std::move(entry);
-  return result;
+  if (given.has_meter_config() || given.has_counter_data()) {
+    const char* const resource = given.has_meter_config() ? "meter" : "counter";
+    checkDirectResources(tableOfDefaultResources(table, resource), given, type);
+    if (const auto counts = givenCounts(given, type)) result.withExtras().counts = counts;
+    if (!given.has_action()) {
+      requireDefaultAction(table);
+      return defaultEntryUpdate(std::move(result), withDefaultAction(table, given));
+    }
+  } else if (isThePrograms || !given.has_action()) {
+    result.type = Update::DELETE;
+  }
+  return defaultEntryUpdate(std::move(result), given);
 }
 
 }  // namespace

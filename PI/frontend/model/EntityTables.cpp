@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <string>
 
+#include "PI/frontend/model/AddedTables.h"
 #include "PI/frontend/model/PackedData.h"
 
 namespace pi::fe::proto {
@@ -38,12 +39,6 @@ bool isArray(EntityKind kind) {
          kind == EntityKind::registerArray;
 }
 
-void nameIs(config::Preamble* preamble, uint32_t id, const std::string& name) {
-  preamble->set_id(id);
-  preamble->set_name(name);
-  preamble->set_alias(name);
-}
-
 struct Column {
   const char* name;
   int32_t bits;
@@ -52,23 +47,7 @@ struct Column {
 // Adds the tables of one entity after another.
 class Adder {
  public:
-  explicit Adder(const config::P4Info& p4Info) : result_(p4Info) {
-    const auto take = [this](const auto& objects) {
-      for (const auto& object : objects) taken_.insert(object.preamble().id());
-    };
-    take(p4Info.tables());
-    take(p4Info.actions());
-    take(p4Info.action_profiles());
-    take(p4Info.counters());
-    take(p4Info.direct_counters());
-    take(p4Info.meters());
-    take(p4Info.direct_meters());
-    take(p4Info.controller_packet_metadata());
-    take(p4Info.value_sets());
-    take(p4Info.registers());
-    take(p4Info.digests());
-    for (const auto& type : p4Info.externs()) take(type.instances());
-  }
+  explicit Adder(const config::P4Info& p4Info) : result_(p4Info), taken_(takenIds(p4Info)) {}
 
   config::P4Info run(const config::P4Info& p4Info, bool withWatchPorts) {
     addReplication();
@@ -147,17 +126,11 @@ class Adder {
   void addRowAction(config::Table* table) {
     if (!hasRowAction_) nameIs(result_.add_actions()->mutable_preamble(), kRowAction, "row");
     hasRowAction_ = true;
-    config::ActionRef* ref = table->add_action_refs();
-    ref->set_id(kRowAction);
-    ref->set_scope(config::ActionRef::TABLE_ONLY);
+    addActionRef(table, kRowAction, config::ActionRef::TABLE_ONLY);
   }
 
   static void addKey(config::Table* table, const Column& column) {
-    config::MatchField* field = table->add_match_fields();
-    field->set_id(static_cast<uint32_t>(table->match_fields_size()));
-    field->set_name(column.name);
-    field->set_bitwidth(column.bits);
-    field->set_match_type(config::MatchField::EXACT);
+    addExactField(table, column.name, column.bits);
   }
 
   // The one action of a table. Only cells have a default.
@@ -168,16 +141,10 @@ class Adder {
            kind == EntityKind::multicastGroup ? "group"
            : kind == EntityKind::cloneSession ? "session"
                                               : "set");
-    for (const Column& column : columns) {
-      config::Action::Param* param = action->add_params();
-      param->set_id(static_cast<uint32_t>(action->params_size()));
-      param->set_name(column.name);
-      param->set_bitwidth(column.bits);
-    }
-    config::ActionRef* ref = table->add_action_refs();
-    ref->set_id(action->preamble().id());
-    ref->set_scope(isArray(kind) ? config::ActionRef::TABLE_AND_DEFAULT
-                                 : config::ActionRef::TABLE_ONLY);
+    for (const Column& column : columns) addParam(action, column.name, column.bits);
+    addActionRef(
+        table, action->preamble().id(),
+        isArray(kind) ? config::ActionRef::TABLE_AND_DEFAULT : config::ActionRef::TABLE_ONLY);
   }
 
   void addReplication() {

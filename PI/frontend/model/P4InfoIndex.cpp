@@ -140,6 +140,7 @@ P4InfoIndex::P4InfoIndex(const config::P4Info& p4Info, const pi_abilities_t& abi
     defaultEntriesAre(entityTables_);
   }
   tablesOfProfilesAre(p4Info);
+  if (abilities_.default_resources != 0) resourcesOfDefaultsAre();
   if (abilities_.entities != 0) entitiesAre(p4Info);
   if (abilities_.watch_ports != 0) watchPortsAre(p4Info);
   usesOfNamesAre();
@@ -435,6 +436,15 @@ std::unique_ptr<TablePlan> P4InfoIndex::defaultEntryPlan(const TablePlan& table)
   return plan;
 }
 
+void P4InfoIndex::resourcesOfDefaultsAre() {
+  for (const auto& table : tables_) {
+    if (!table->defaultEntry) continue;
+    table->defaultEntry->counter = table->counter;
+    table->defaultEntry->meter = table->meter;
+    table->defaultEntry->defaultAction = table->defaultAction;
+  }
+}
+
 EntityPlan* P4InfoIndex::entityIs(EntityKind kind, const config::Preamble& preamble, int64_t size) {
   const auto planOf = [this](uint32_t tableId) -> TablePlan* {
     for (const auto& table : entityTables_) {
@@ -481,6 +491,8 @@ void P4InfoIndex::entitiesAre(const config::P4Info& p4Info) {
   for (const auto& digest : p4Info.digests()) entityIs(EntityKind::digest, digest.preamble());
   for (const auto& table : tables_) {
     table->setsCounters = table->counter.has_value();
+    if (table->defaultEntry)
+      table->defaultEntry->setsCounters = table->defaultEntry->counter.has_value();
     if (!table->hasIdleTimeout) continue;
     config::Preamble preamble;
     preamble.set_id(table->id);

@@ -72,6 +72,7 @@ class P4InfoIndex {
   void actionUsesAre(TablePlan* plan, const p4::config::v1::Table& table) const;
   void defaultActionIs(TablePlan* plan, const p4::config::v1::Table& table) const;
   void defaultEntriesAre(const std::vector<std::unique_ptr<TablePlan>>& tables);
+  void resourcesOfDefaultsAre();
   void entitiesAre(const p4::config::v1::P4Info& p4Info);
   EntityPlan* entityIs(EntityKind kind, const p4::config::v1::Preamble& preamble, int64_t size = 0);
   static std::unique_ptr<TablePlan> defaultEntryPlan(const TablePlan& table);

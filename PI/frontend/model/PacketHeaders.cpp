@@ -7,6 +7,7 @@
 #include <array>
 
 #include "PI/frontend/base/ByteString.h"
+#include "PI/frontend/base/Lenience.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontends/proto/translation_tables.h"
 
@@ -90,7 +91,7 @@ std::string_view wireValue(const PacketField& field, const std::string& value,
 // The value towards controllers.
 void setSent(const PacketField& field, std::string_view value, std::string* sent) {
   if (field.names == nullptr) {
-    return setShortest(reinterpret_cast<const uint8_t*>(value.data()), value.size(), sent);
+    return setAnswer(reinterpret_cast<const uint8_t*>(value.data()), value.size(), sent);
   }
   uint32_t number = 0;
   for (const char byte : value) number = number << 8 | static_cast<uint8_t>(byte);

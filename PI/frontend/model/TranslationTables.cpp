@@ -6,6 +6,8 @@
 
 #include <set>
 
+#include "PI/frontend/model/AddedTables.h"
+
 namespace pi::fe::proto {
 
 namespace config = p4::config::v1;
@@ -63,26 +65,6 @@ std::set<std::string> stringTypes(const config::P4Info& p4Info) {
   return types;
 }
 
-absl::flat_hash_set<uint32_t> idsOf(const config::P4Info& p4Info) {
-  absl::flat_hash_set<uint32_t> ids;
-  const auto take = [&](const auto& objects) {
-    for (const auto& object : objects) ids.insert(object.preamble().id());
-  };
-  take(p4Info.tables());
-  take(p4Info.actions());
-  take(p4Info.action_profiles());
-  take(p4Info.counters());
-  take(p4Info.direct_counters());
-  take(p4Info.meters());
-  take(p4Info.direct_meters());
-  take(p4Info.controller_packet_metadata());
-  take(p4Info.value_sets());
-  take(p4Info.registers());
-  take(p4Info.digests());
-  for (const auto& type : p4Info.externs()) take(type.instances());
-  return ids;
-}
-
 bool areActionsFree(const absl::flat_hash_set<uint32_t>& taken) {
   for (uint32_t i = 0; i < std::size(kTextBytes); ++i) {
     if (taken.contains(kFirstAction + i)) return false;
@@ -90,40 +72,22 @@ bool areActionsFree(const absl::flat_hash_set<uint32_t>& taken) {
   return true;
 }
 
-void nameIs(config::Preamble* preamble, uint32_t id, const std::string& name) {
-  preamble->set_id(id);
-  preamble->set_name(name);
-  preamble->set_alias(name);
-}
-
 void addActions(config::P4Info* p4Info) {
   uint32_t id = kFirstAction;
   for (const int32_t bytes : kTextBytes) {
     config::Action* action = p4Info->add_actions();
     nameIs(action->mutable_preamble(), id++, absl::StrCat("text_", bytes));
-    const auto add = [&](const char* name, int32_t bits) {
-      config::Action::Param* param = action->add_params();
-      param->set_id(static_cast<uint32_t>(action->params_size()));
-      param->set_name(name);
-      param->set_bitwidth(bits);
-    };
-    add("length", kLengthBits);
-    add("text", 8 * bytes);
+    addParam(action, "length", kLengthBits);
+    addParam(action, "text", 8 * bytes);
   }
 }
 
 void addTable(const std::string& type, uint32_t id, config::P4Info* p4Info) {
   config::Table* table = p4Info->add_tables();
   nameIs(table->mutable_preamble(), id, "translation." + type);
-  config::MatchField* field = table->add_match_fields();
-  field->set_id(1);
-  field->set_name("number");
-  field->set_bitwidth(kNameBits);
-  field->set_match_type(config::MatchField::EXACT);
+  addExactField(table, "number", kNameBits);
   for (uint32_t i = 0; i < std::size(kTextBytes); ++i) {
-    config::ActionRef* ref = table->add_action_refs();
-    ref->set_id(kFirstAction + i);
-    ref->set_scope(config::ActionRef::TABLE_ONLY);
+    addActionRef(table, kFirstAction + i, config::ActionRef::TABLE_ONLY);
   }
 }
 
@@ -146,7 +110,7 @@ std::map<std::string, uint32_t> translation_tables(const config::P4Info& p4Info)
     const bool isName = value.bitwidth() == 0 && types.contains(value.type_name().name());
     if (isName) tables.emplace(value.type_name().name(), 0);
   });
-  absl::flat_hash_set<uint32_t> taken = idsOf(p4Info);
+  absl::flat_hash_set<uint32_t> taken = takenIds(p4Info);
   if (!areActionsFree(taken)) return {};
   for (auto& [type, id] : tables) {
     uint32_t hash = hashOf(type);

@@ -5,13 +5,15 @@
 
 #include "PI/frontend/base/Lenience.h"
 #include "PI/frontend/store/EntityRows.h"
-#include "PI/pi_counter.h"
+#include "PI/target/pi_extensions_imp.h"
 
 namespace pi::fe::proto {
 
 using p4::v1::Entity;
 
 namespace {
+
+constexpr uint64_t kCountedTogether = 1024;  // cells
 
 // By key, so that a Read of all is the same each time.
 std::vector<const Entry*> sortedRows(const EntryStore::Snapshot& snapshot, const TablePlan& table) {
@@ -25,14 +27,24 @@ std::vector<const Entry*> sortedRows(const EntryStore::Snapshot& snapshot, const
   return rows;
 }
 
-// Of a register's cell: big-endian bytes, of which the leading zeros go.
+// Of a register's cell, from big-endian bytes.
 void valueIs(const EntityPlan& plan, std::string_view value, p4::v1::P4Data* data) {
-  const size_t first = std::min(value.find_first_not_of('\0'), value.size() - 1);
-  if (plan.isBool) {
-    data->set_bool_(value.back() != '\0');
-  } else {
-    data->set_bitstring(std::string(value.substr(first)));
+  if (plan.isBool) return data->set_bool_(value.back() != '\0');
+  setAnswer(reinterpret_cast<const uint8_t*>(value.data()), value.size(),
+            data->mutable_bitstring());
+}
+
+// A cell that nobody has counted for stands where it was set.
+void countIs(const EntityPlan& plan, const pi_counter_data_t& count,
+             p4::v1::CounterEntry* counter) {
+  p4::v1::CounterData& data = *counter->mutable_data();
+  if (count.valid != 0) {
+    data.set_byte_count(static_cast<int64_t>(count.bytes));
+    data.set_packet_count(static_cast<int64_t>(count.packets));
   }
+  if (bothCountsRead()) return;
+  if (!plan.countsBytes) data.clear_byte_count();
+  if (!plan.countsPackets) data.clear_packet_count();
 }
 
 }  // namespace
@@ -49,7 +61,7 @@ bool EntityReader::sendAll(const Query& query) {
 bool EntityReader::sendAllOf(const EntityPlan& plan) {
   if (plan.isArray()) return sendCells(plan);
   if (plan.kind != EntityKind::valueSet) return sendRows(plan);
-  return sendCell(plan, 0, snapshot_.onlyEntry(plan.table->id));
+  return sendCell(plan, 0, snapshot_.onlyEntry(plan.table->id), nullptr);
 }
 
 bool EntityReader::sendRows(const EntityPlan& plan) {
@@ -66,10 +78,15 @@ bool EntityReader::sendCells(const EntityPlan& plan) {
   }
   const std::vector<const Entry*> rows = sortedRows(snapshot_, *plan.table);
   auto row = rows.begin();
-  for (int64_t cell = 0; cell < plan.size; ++cell) {
-    const auto index = static_cast<uint64_t>(cell);
-    const bool hasRow = row != rows.end() && cellIndex(**row) == index;
-    if (!sendCell(plan, index, hasRow ? *row++ : nullptr)) return false;
+  const auto size = static_cast<uint64_t>(std::max<int64_t>(plan.size, 0));
+  for (uint64_t first = 0; first < size; first += kCountedTogether) {
+    const uint64_t end = std::min(size, first + kCountedTogether);
+    const std::vector<pi_counter_data_t> counts = countsOf(plan, first, end - first);
+    for (uint64_t cell = first; cell < end; ++cell) {
+      const bool hasRow = row != rows.end() && cellIndex(**row) == cell;
+      const pi_counter_data_t* count = counts.empty() ? nullptr : &counts[cell - first];
+      if (!sendCell(plan, cell, hasRow ? *row++ : nullptr, count)) return false;
+    }
   }
   return true;
 }
@@ -80,13 +97,16 @@ bool EntityReader::sendOne(const Query& query, const Entry* found) {
     registers_.emplace(session_, plan, cellIndex(*query.key) + 1);
   }
   if (plan.isArray() || plan.kind == EntityKind::valueSet) {
-    return sendCell(plan, cellIndex(*query.key), found);
+    const uint64_t cell = cellIndex(*query.key);
+    const std::vector<pi_counter_data_t> counts = countsOf(plan, cell, 1);
+    return sendCell(plan, cell, found, counts.empty() ? nullptr : counts.data());
   }
   Entity entity;
   return found == nullptr || !readEntity(plan, *found, &entity) || sender_.sendEntity(&entity);
 }
 
-bool EntityReader::sendCell(const EntityPlan& plan, uint64_t cell, const Entry* row) {
+bool EntityReader::sendCell(const EntityPlan& plan, uint64_t cell, const Entry* row,
+                            const pi_counter_data_t* count) {
   Entity entity;
   if (row == nullptr) row = rowOfAllCells(plan);
   if (row != nullptr && !readEntity(plan, *row, &entity)) entity.Clear();
@@ -108,25 +128,18 @@ bool EntityReader::sendCell(const EntityPlan& plan, uint64_t cell, const Entry* 
     auto& counter = *entity.mutable_counter_entry();
     counter.set_counter_id(plan.id);
     counter.mutable_index()->set_index(index);
-    countIs(plan, cell, &counter);
+    countIs(plan, *count, &counter);
   }
   return sender_.sendEntity(&entity);
 }
 
-// A cell that nobody has counted for stands where it was set.
-void EntityReader::countIs(const EntityPlan& plan, uint64_t cell,
-                           p4::v1::CounterEntry* counter) const {
-  pi_counter_data_t count{};
-  const pi_status_t status = pi_counter_read(session_.handle, {session_.deviceId, 0xffff}, plan.id,
-                                             cell, PI_COUNTER_FLAGS_NONE, &count);
-  p4::v1::CounterData& data = *counter->mutable_data();
-  if (status == PI_STATUS_SUCCESS && count.valid != 0) {
-    data.set_byte_count(static_cast<int64_t>(count.bytes));
-    data.set_packet_count(static_cast<int64_t>(count.packets));
-  }
-  if (bothCountsRead()) return;
-  if (!plan.countsBytes) data.clear_byte_count();
-  if (!plan.countsPackets) data.clear_packet_count();
+// The target is asked once for the counts of many cells: each question takes a turn of its lock.
+std::vector<pi_counter_data_t> EntityReader::countsOf(const EntityPlan& plan, uint64_t first,
+                                                      uint64_t cells) const {
+  if (plan.kind != EntityKind::counter) return {};
+  std::vector<pi_counter_data_t> counts(cells);
+  _pi_counter_cells_read(session_.deviceId, plan.id, first, cells, counts.data());
+  return counts;
 }
 
 const Entry* EntityReader::rowOfAllCells(const EntityPlan& plan) const {

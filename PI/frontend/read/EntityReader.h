@@ -4,6 +4,7 @@
 #pragma once
 
 #include <optional>
+#include <vector>
 
 #include "PI/frontend/model/P4InfoIndex.h"
 #include "PI/frontend/read/EntitySender.h"
@@ -11,6 +12,7 @@
 #include "PI/frontend/read/RegisterCells.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/target/TargetSession.h"
+#include "PI/pi_counter.h"
 
 namespace pi::fe::proto {
 
@@ -29,8 +31,11 @@ class EntityReader {
   bool sendAllOf(const EntityPlan& plan);
   bool sendRows(const EntityPlan& plan);
   bool sendCells(const EntityPlan& plan);
-  bool sendCell(const EntityPlan& plan, uint64_t cell, const Entry* row);
-  void countIs(const EntityPlan& plan, uint64_t cell, p4::v1::CounterEntry* counter) const;
+  // `count`: that of the cell, as the target has it; null for arrays that count nothing.
+  bool sendCell(const EntityPlan& plan, uint64_t cell, const Entry* row,
+                const pi_counter_data_t* count);
+  std::vector<pi_counter_data_t> countsOf(const EntityPlan& plan, uint64_t first,
+                                          uint64_t cells) const;
   const Entry* rowOfAllCells(const EntityPlan& plan) const;
 
   const P4InfoIndex& index_;

@@ -60,6 +60,10 @@ void EntitySender::actionIs(const Entry& entry, p4::v1::TableAction* sent) const
       return sent->set_action_profile_group_id(reference(entry).id);
     case EntryKind::actionSet:
       *sent->mutable_action_profile_action_set() = actionSet(entry);
+      for (auto& element :
+           *sent->mutable_action_profile_action_set()->mutable_action_profile_actions()) {
+        answerParamsAre(*index_.action(element.action().action_id()), element.mutable_action());
+      }
       return;
     default:
       decodeAction(*index_.action(entry.actionId), entry.actionData(), sent->mutable_action());
@@ -79,10 +83,27 @@ bool EntitySender::sendObject(const Entry& object) {
   return addEntity();
 }
 
-bool EntitySender::sendDefaultEntry(const TablePlan& table, const Entry* written) {
+bool EntitySender::sendDefaultEntry(const TablePlan& table, const Entry* written, EntryForm form,
+                                    const p4::v1::CounterData& count) {
+  const auto meter = written == nullptr ? std::nullopt : written->meter();
+  const auto keyIs = [&](p4::v1::TableEntry* key) {
+    key->set_table_id(table.id);
+    key->set_is_default_action(true);
+  };
+  if (form == EntryForm::counter) {
+    keyIs(entity_.mutable_direct_counter_entry()->mutable_table_entry());
+    *entity_.mutable_direct_counter_entry()->mutable_data() = count;
+    return addEntity();
+  }
+  if (form == EntryForm::meter) {
+    keyIs(entity_.mutable_direct_meter_entry()->mutable_table_entry());
+    if (meter) settingIs(*meter, entity_.mutable_direct_meter_entry()->mutable_config());
+    return addEntity();
+  }
   p4::v1::TableEntry* sent = entity_.mutable_table_entry();
-  sent->set_table_id(table.id);
-  sent->set_is_default_action(true);
+  keyIs(sent);
+  if (hasCounter(form)) *sent->mutable_counter_data() = count;
+  if (hasMeter(form) && meter) settingIs(*meter, sent->mutable_meter_config());
   sent->set_is_const(table.constDefaultActionId != 0);
   if (written != nullptr) {
     actionIs(*written, sent->mutable_action());
@@ -90,6 +111,8 @@ bool EntitySender::sendDefaultEntry(const TablePlan& table, const Entry* written
     sent->set_metadata(written->metadata().data(), written->metadata().size());
   } else if (table.defaultAction.action_id() != 0) {
     *sent->mutable_action()->mutable_action() = table.defaultAction;
+    answerParamsAre(*index_.action(table.defaultAction.action_id()),
+                    sent->mutable_action()->mutable_action());
   }
   return addEntity();
 }

@@ -22,7 +22,9 @@ class EntitySender {
                  const p4::v1::CounterData& count, int64_t idleTimeout = 0);
   bool sendObject(const Entry& object);
   bool sendEntity(p4::v1::Entity* entity);  // leaves it empty
-  bool sendDefaultEntry(const TablePlan& table, const Entry* written);
+  // Null: the program's own.
+  bool sendDefaultEntry(const TablePlan& table, const Entry* written, EntryForm form,
+                        const p4::v1::CounterData& count);
   // Sends the last message. A Read without any entity gets one empty message, which some clients
   // wait for.
   bool sendRest();

@@ -3,6 +3,7 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/check/CheckedUpdate.h"
+#include "PI/frontend/check/DirectResourceCheck.h"
 #include "PI/frontend/check/EntityCheck.h"
 #include "PI/frontend/check/OtherEntityCheck.h"
 #include "PI/frontend/store/EntityRows.h"
@@ -53,6 +54,11 @@ uint32_t checkedActionId(const TablePlan& table, const p4::v1::TableAction& acti
   return id;
 }
 
+EntryForm wantedForm(const TableEntry& entry) {
+  return static_cast<EntryForm>((entry.has_counter_data() ? 1 : 0) +
+                                (entry.has_meter_config() ? 2 : 0));
+}
+
 Query defaultEntryQuery(const TablePlan& table, const TableEntry& entry) {
   if (entry.match_size() != 0 || entry.priority() != 0 || entry.idle_timeout_ns() != 0 ||
       entry.has_time_since_last_hit()) {
@@ -62,6 +68,7 @@ Query defaultEntryQuery(const TablePlan& table, const TableEntry& entry) {
   Query query;
   query.kind = Query::Kind::defaultEntry;
   query.table = &table;
+  query.form = wantedForm(entry);
   return query;
 }
 
@@ -78,11 +85,6 @@ void keyIs(Query* query, const TablePlan& table, const TableEntry& entry) {
   // Without its priority the match may stand for several entries.
   const bool isWhole = !table.needsPriority || query->priority != 0;
   if (isWhole) query->kind = Query::Kind::oneEntry;
-}
-
-EntryForm wantedForm(const TableEntry& entry) {
-  return static_cast<EntryForm>((entry.has_counter_data() ? 1 : 0) +
-                                (entry.has_meter_config() ? 2 : 0));
 }
 
 void requireSupported(const TablePlan& table) {
@@ -118,15 +120,20 @@ Query resourceQuery(const P4InfoIndex& index, const TableEntry& entry, EntryForm
   Query query;
   query.form = form;
   query.mustExist = true;
-  if (entry.table_id() == 0) return query;
+  if (entry.table_id() == 0) {
+    if (entry.is_default_action()) query.kind = Query::Kind::defaultEntry;
+    return query;
+  }
   const char* resource = form == EntryForm::counter ? "counter" : "meter";
   const TablePlan& table = checkedTable(index, entry.table_id());
   if (form == EntryForm::counter ? !table.counter.has_value() : !table.meter.has_value()) {
     refuse(code::invalidArgument, "table ", table.name, " has no direct ", resource);
   }
   if (entry.is_default_action()) {
-    refuse(code::unimplemented, "table ", table.name, ": the default entry's direct ", resource,
-           " is not supported");
+    tableOfDefaultResources(table, resource);
+    query = defaultEntryQuery(table, entry);
+    query.form = form;
+    return query;
   }
   requireSupported(table);
   query.kind = Query::Kind::table;

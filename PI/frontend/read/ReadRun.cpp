@@ -149,7 +149,7 @@ bool ReadRun::sendResult(const EntryStore::Snapshot& snapshot, size_t query, Ent
     case Query::Kind::oneObject:
       return sendFound(query, snapshot.found()[foundAt_.at(query)], sender);
     case Query::Kind::defaultEntry:
-      return sendDefaults(snapshot, wanted, sender);
+      return sendDefaults(snapshot, query, sender);
     case Query::Kind::objects:
       return sendObjects(snapshot, wanted, sender);
     case Query::Kind::entities:
@@ -175,14 +175,33 @@ bool ReadRun::sendFound(size_t number, const EntryPtr& found, EntitySender* send
   return sendPicked(read, sender);
 }
 
-bool ReadRun::sendDefaults(const EntryStore::Snapshot& snapshot, const Query& query,
+bool ReadRun::sendDefaults(const EntryStore::Snapshot& snapshot, size_t number,
                            EntitySender* sender) {
+  const Query& query = queries_[number];
   for (const auto& table : index_.tables()) {
     if (query.table != nullptr && query.table != table.get()) continue;
     const Entry* written =
         table->defaultEntry ? snapshot.onlyEntry(table->defaultEntry->id) : nullptr;
-    if (!sender->sendDefaultEntry(*table, written)) return false;
+    if (!sendDefault(number, *table, written, sender)) return false;
   }
+  return true;
+}
+
+// A default entry that nobody has written is not counted.
+bool ReadRun::sendDefault(size_t number, const TablePlan& table, const Entry* written,
+                          EntitySender* sender) {
+  const Query& query = queries_[number];
+  const TablePlan* defaults = table.defaultEntry.get();
+  const bool isResource = query.form == EntryForm::counter || query.form == EntryForm::meter;
+  if (isResource && (defaults == nullptr || !query.concerns(*defaults))) return true;
+  const EntryForm form = defaults == nullptr ? EntryForm::plain : query.formFor(*defaults);
+  if (written == nullptr || !hasCounter(form)) {
+    return sender->sendDefaultEntry(table, written, form, {});
+  }
+  directCounts(session_, store_, *defaults, {&written, 1}, &counts_);
+  const Count& count = counts_.front();
+  if (!count.failure) return sender->sendDefaultEntry(table, written, form, count.data);
+  doFail(number, count.failure->code(), count.failure->message());
   return true;
 }
 

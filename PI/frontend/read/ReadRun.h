@@ -53,7 +53,9 @@ class ReadRun {
   bool sendAll(const EntryStore::Snapshot& snapshot, const DeviceMgr::ReadSink& sink);
   bool sendResult(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender);
   bool sendFound(size_t number, const EntryPtr& found, EntitySender* sender);
-  bool sendDefaults(const EntryStore::Snapshot& snapshot, const Query& query, EntitySender* sender);
+  bool sendDefaults(const EntryStore::Snapshot& snapshot, size_t query, EntitySender* sender);
+  bool sendDefault(size_t query, const TablePlan& table, const Entry* written,
+                   EntitySender* sender);
   bool sendObjects(const EntryStore::Snapshot& snapshot, const Query& query, EntitySender* sender);
   bool sendTable(const EntryStore::Snapshot& snapshot, TableRead* read, EntitySender* sender);
   template <typename Visit>

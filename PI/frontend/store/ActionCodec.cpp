@@ -7,6 +7,7 @@
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/ChoiceText.h"
+#include "PI/frontend/base/Lenience.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/store/NameCodec.h"
 
@@ -117,6 +118,16 @@ bool areParamsShortest(const ActionPlan& action, const p4::v1::Action& given) {
   });
 }
 
+void answerParamsAre(const ActionPlan& action, p4::v1::Action* sent) {
+  if (!answersPadded()) return;
+  for (auto& value : *sent->mutable_params()) {
+    const ParamPlan* param = action.param(value.param_id());
+    if (param == nullptr || param->names != nullptr || value.value().size() >= param->bytes)
+      continue;
+    value.mutable_value()->insert(0, param->bytes - value.value().size(), '\0');
+  }
+}
+
 void decodeAction(const ActionPlan& action, const uint8_t* data, p4::v1::Action* out) {
   out->set_action_id(action.id);
   for (const ParamPlan& param : action.params) {
@@ -126,7 +137,7 @@ void decodeAction(const ActionPlan& action, const uint8_t* data, p4::v1::Action*
       sent->set_value(param.names->name(numberAt(data + param.offset)));
       continue;
     }
-    setShortest(data + param.offset, param.bytes, sent->mutable_value());
+    setAnswer(data + param.offset, param.bytes, sent->mutable_value());
   }
 }
 

@@ -20,7 +20,10 @@ void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4
 void shortenParams(const ActionPlan& action, p4::v1::Action* given);
 bool areParamsShortest(const ActionPlan& action, const p4::v1::Action& given);
 
-// Adds id and parameters, values in their shortest form.
+// Brings the numbers of an action that is kept in its shortest form into the form of answers.
+void answerParamsAre(const ActionPlan& action, p4::v1::Action* sent);
+
+// Adds id and parameters, numbers in the form of answers.
 void decodeAction(const ActionPlan& action, const uint8_t* data, p4::v1::Action* out);
 
 }  // namespace pi::fe::proto

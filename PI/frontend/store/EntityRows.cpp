@@ -28,6 +28,16 @@ uint64_t numberAt(const uint8_t* at, size_t bytes) {
   return value;
 }
 
+constexpr size_t kOwnerBytes = 4;  // of the group or session, in front of the keys of replicas
+
+p4::v1::MulticastGroupEntry* groupOf(Entity* entity) {
+  return entity->mutable_packet_replication_engine_entry()->mutable_multicast_group_entry();
+}
+
+p4::v1::CloneSessionEntry* sessionOf(Entity* entity) {
+  return entity->mutable_packet_replication_engine_entry()->mutable_clone_session_entry();
+}
+
 uint64_t portNumber(const EntityPlan& plan, const p4::v1::Replica& replica, const Naming& naming) {
   if (replica.has_egress_port()) return replica.egress_port();
   const std::string& port = replica.port();
@@ -101,6 +111,111 @@ bool readEntity(const EntityPlan& plan, const Entry& entry, Entity* entity) {
   const std::string_view bytes = entry.metadata();
   return entity->ParseFromArray(bytes.data(), static_cast<int>(bytes.size())) &&
          entity->entity_case() == caseOf(plan.kind);
+}
+
+Entity entityOfRow(const TablePlan& table, const Entry& row) {
+  const EntityPlan& plan = *table.entity;
+  const ActionPlan& action = *table.actionUse(row.actionId)->action;
+  const auto param = [&](size_t place) {
+    return static_cast<int64_t>(paramOf(action, place, row));
+  };
+  const auto cellIs = [&](auto* cell) {
+    if (!table.isDefaultEntry)
+      cell->mutable_index()->set_index(static_cast<int64_t>(cellIndex(row)));
+  };
+  Entity entity;
+  switch (plan.kind) {
+    case EntityKind::multicastGroup:
+      groupOf(&entity)->set_multicast_group_id(static_cast<uint32_t>(cellIndex(row)));
+      break;
+    case EntityKind::cloneSession: {
+      sessionOf(&entity)->set_session_id(static_cast<uint32_t>(cellIndex(row)));
+      sessionOf(&entity)->set_class_of_service(static_cast<uint32_t>(param(0)));
+      sessionOf(&entity)->set_packet_length_bytes(static_cast<int32_t>(param(1)));
+      break;
+    }
+    case EntityKind::counter: {
+      entity.mutable_counter_entry()->set_counter_id(plan.id);
+      cellIs(entity.mutable_counter_entry());
+      entity.mutable_counter_entry()->mutable_data()->set_packet_count(param(0));
+      entity.mutable_counter_entry()->mutable_data()->set_byte_count(param(1));
+      break;
+    }
+    case EntityKind::meter: {
+      entity.mutable_meter_entry()->set_meter_id(plan.id);
+      cellIs(entity.mutable_meter_entry());
+      if (action.params.empty()) break;  // the cell has no setting
+      p4::v1::MeterConfig& config = *entity.mutable_meter_entry()->mutable_config();
+      config.set_cir(param(0));
+      config.set_cburst(param(1));
+      config.set_pir(param(2));
+      config.set_pburst(param(3));
+      config.set_eburst(param(4));
+      break;
+    }
+    case EntityKind::registerArray: {
+      entity.mutable_register_entry()->set_register_id(plan.id);
+      cellIs(entity.mutable_register_entry());
+      p4::v1::P4Data& data = *entity.mutable_register_entry()->mutable_data();
+      const ParamPlan& value = action.params.front();
+      if (plan.isBool) {
+        data.set_bool_(param(0) != 0);
+      } else {
+        setShortest(row.actionData() + value.offset, value.bytes, data.mutable_bitstring());
+      }
+      break;
+    }
+    case EntityKind::valueSet:
+      entity.mutable_value_set_entry()->set_value_set_id(plan.id);
+      break;
+    default: {
+      entity.mutable_digest_entry()->set_digest_id(plan.id);
+      p4::v1::DigestEntry::Config& config = *entity.mutable_digest_entry()->mutable_config();
+      config.set_max_timeout_ns(param(0));
+      config.set_max_list_size(static_cast<int32_t>(param(1)));
+      config.set_ack_timeout_ns(param(2));
+    }
+  }
+  return entity;
+}
+
+EntryPtr withEntity(const Entry& row, const Entity& entity) {
+  const std::string metadata = entity.SerializeAsString();
+  const EntryKey key = row.key();
+  EntryPtr entry = Entry::make(key.tableId, key.bytes.size(), row.actionSize(), metadata.size());
+  entry->priority = key.priority;
+  entry->handle = row.handle;
+  entry->actionId = row.actionId;
+  entry->isConst = row.isConst;
+  std::memcpy(entry->keyData(), key.bytes.data(), key.bytes.size());
+  std::memcpy(entry->actionData(), row.actionData(), row.actionSize());
+  std::memcpy(entry->metadataData(), metadata.data(), metadata.size());
+  return entry;
+}
+
+bool isOf(const EntityPlan& plan, const Entry& listRow, const Entry& row) {
+  if (plan.kind == EntityKind::valueSet) return true;
+  return std::memcmp(listRow.keyData(), row.keyData(), kOwnerBytes) == 0;
+}
+
+void addListRow(const EntityPlan& plan, const Entry& listRow, Entity* entity) {
+  if (plan.kind == EntityKind::valueSet) {
+    p4::v1::TableEntry entry;
+    decodeKey(*plan.list, listRow.keyData(), &entry);
+    *entity->mutable_value_set_entry()->add_members()->mutable_match() = entry.match();
+    return;
+  }
+  p4::v1::Replica& replica = plan.kind == EntityKind::multicastGroup
+                                 ? *groupOf(entity)->add_replicas()
+                                 : *sessionOf(entity)->add_replicas();
+  const uint8_t* const port = listRow.keyData() + kOwnerBytes;
+  const auto number = static_cast<uint32_t>(numberAt(port, 4));
+  if (plan.ports != nullptr) {
+    replica.set_port(plan.ports->name(number));
+  } else {
+    setShortest(port, 4, replica.mutable_port());
+  }
+  replica.set_instance(static_cast<uint32_t>(numberAt(port + 4, 4)));
 }
 
 std::vector<std::string> listKeys(const EntityPlan& plan, const Entity& entity,

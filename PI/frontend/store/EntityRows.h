@@ -24,6 +24,14 @@ uint64_t paramOf(const ActionPlan& action, size_t place, const Entry& entry);
 // False, and nothing certain in the entity, when the metadata are no entity of the plan's kind.
 bool readEntity(const EntityPlan& plan, const Entry& entry, p4::v1::Entity* entity);
 
+// For rows that came without metadata, such as constant entries: the entity that a row stands for,
+// and the row with it as its metadata.
+p4::v1::Entity entityOfRow(const TablePlan& table, const Entry& row);
+EntryPtr withEntity(const Entry& row, const p4::v1::Entity& entity);
+// Adds the replica or member of a row of the list; `isOf`: whether it is that entity's.
+bool isOf(const EntityPlan& plan, const Entry& listRow, const Entry& row);
+void addListRow(const EntityPlan& plan, const Entry& listRow, p4::v1::Entity* entity);
+
 // The PI keys of the rows of its list, each once; empty for kinds without a list.
 std::vector<std::string> listKeys(const EntityPlan& plan, const p4::v1::Entity& entity,
                                   const Naming& naming = {});

@@ -7,6 +7,7 @@
 
 #include "PI/frontend/base/ByteString.h"
 #include "PI/frontend/base/ChoiceText.h"
+#include "PI/frontend/base/Lenience.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/store/EntityRows.h"
 #include "PI/frontend/store/NameCodec.h"
@@ -332,18 +333,18 @@ void decodeField(const FieldPlan& field, const uint8_t* at, TableEntry* entry) {
   switch (field.kind) {
     case MatchKind::lpm:
       match->mutable_lpm()->set_prefix_len(static_cast<int32_t>(prefixLength(field, at)));
-      return setShortest(at, field.bytes, match->mutable_lpm()->mutable_value());
+      return setAnswer(at, field.bytes, match->mutable_lpm()->mutable_value());
     case MatchKind::ternary:
-      setShortest(at, field.bytes, match->mutable_ternary()->mutable_value());
-      return setShortest(at + field.bytes, field.bytes, match->mutable_ternary()->mutable_mask());
+      setAnswer(at, field.bytes, match->mutable_ternary()->mutable_value());
+      return setAnswer(at + field.bytes, field.bytes, match->mutable_ternary()->mutable_mask());
     case MatchKind::range:
-      setShortest(at, field.bytes, match->mutable_range()->mutable_low());
-      return setShortest(field.takesAll ? at + field.bytes : at, field.bytes,
-                         match->mutable_range()->mutable_high());
+      setAnswer(at, field.bytes, match->mutable_range()->mutable_low());
+      return setAnswer(field.takesAll ? at + field.bytes : at, field.bytes,
+                       match->mutable_range()->mutable_high());
     case MatchKind::optional:
-      return setShortest(at, field.bytes, match->mutable_optional()->mutable_value());
+      return setAnswer(at, field.bytes, match->mutable_optional()->mutable_value());
     default:
-      return setShortest(at, field.bytes, match->mutable_exact()->mutable_value());
+      return setAnswer(at, field.bytes, match->mutable_exact()->mutable_value());
   }
 }
 

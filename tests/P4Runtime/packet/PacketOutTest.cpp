@@ -5,6 +5,7 @@
 #include "PI/target/pi_imp.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/wirra/packets/PacketManager.h"
+#include "platform/wirra/packets/ShortFrame.h"
 #include "tests/P4Runtime/support/AgentParts.h"
 
 namespace P4Runtime {
@@ -156,13 +157,18 @@ TEST_F(PacketOutTest, HandsAllToTheProgramOnceItIsTold) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     if (!c.fields.empty()) headerIs(c.fields, c.isPacked);
-    ASSERT_EQ(send(bytes("0180 00 aabbcc")), PI_STATUS_SUCCESS);
-    const ActivityLock lock;
-    ASSERT_FALSE(queue_->txPktDesc().empty());
-    const auto desc = queue_->txPktDesc().deq().second;
-    EXPECT_TRUE(desc.flags.ingressProcessingEnabled());
-    const auto packet = desc.pkt->bytes();
-    EXPECT_EQ(std::string(packet.begin(), packet.end()), bytes("018000aabbcc"));
+    const std::string mark(Wirra::shortFrameMark.begin(), Wirra::shortFrameMark.end());
+    for (const std::string& packet : {bytes("0180 00 aabbcc"), std::string(13, '\1'),
+                                      std::string(14, '\0'), mark + "like a short frame"}) {
+      const bool isShort = packet.size() < 14 || packet.starts_with(mark);
+      ASSERT_EQ(send(packet), PI_STATUS_SUCCESS);
+      const ActivityLock lock;
+      ASSERT_FALSE(queue_->txPktDesc().empty());
+      const auto desc = queue_->txPktDesc().deq().second;
+      EXPECT_TRUE(desc.flags.ingressProcessingEnabled());
+      const auto sent = desc.pkt->bytes();
+      EXPECT_EQ(std::string(sent.begin(), sent.end()), isShort ? mark + packet : packet);
+    }
   }
 }
 

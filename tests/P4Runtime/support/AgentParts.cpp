@@ -152,6 +152,7 @@ void AgentParts::doBuild() {
               Vela::make<Pollen::TypeStatusDir>("types"),
               Vela::make<Pollen::QueryConfigDir>("queries"),
               Vela::make<Pollen::QueryStatusDir>("queries"), database.get()};
+  services.entries = &tableImpl->formerEntries();
   typeService =
       Vela::make<Pollen::TypeService>(loop, services.typeConfigDir, services.typeStatusDir);
   controllerPktMetadata = p4ControllerPktMetadataFactory();

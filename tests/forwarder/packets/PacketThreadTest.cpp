@@ -14,6 +14,7 @@
 #include "forwarder/base/Answer.h"
 #include "forwarder/packets/PacketCommand.h"
 #include "platform/wirra/devices/InterfaceOperations.h"
+#include "platform/wirra/packets/ShortFrame.h"
 #include "tests/forwarder/packets/SwitchFixture.h"
 #include "tests/support/TempDir.h"
 
@@ -205,6 +206,27 @@ TEST_F(PacketThreadTest, TheCpuPortIsTheOtherEndOfAVeth) {
   EXPECT_THAT(controller.frames(), ElementsAre(frameTo(cpuPort)));
   EXPECT_THAT(right_->frames(), ElementsAre(frameTo(2, 100)));
   EXPECT_TRUE(states(cpuPort).empty());
+}
+
+// No device takes frames shorter than an Ethernet header, so they have a mark in front.
+TEST_F(PacketThreadTest, FramesOfAnyLengthCrossTheCpuDevice) {
+  packets_.reset();
+  start({.cpuPort = cpuPort, .cpuDevice = "cpu"});
+  P4Test::SmallProgram program;
+  program.ingressAction(
+      P4Test::assign(P4Test::metadata("egress_spec"), P4Test::object("hexstr", "0x1fe")));
+  slot_.engineIs(std::make_shared<P4::Engine>(program.json()));
+  const VethPair pair("cpu", "controller");
+  Host controller("controller");
+  ASSERT_TRUE(waitUntil([&] { return report(cpuPort).up; }));
+  const std::string mark(Wirra::shortFrameMark.begin(), Wirra::shortFrameMark.end());
+  const std::vector<std::string> frames = {mark + "abcd", mark + std::string(13, 'x'),
+                                           mark + mark + "that begins like a marked one",
+                                           frameTo(1)};
+  for (const std::string& frame : frames) ASSERT_TRUE(controller.send(frame));
+  ASSERT_TRUE(waitUntil([&] { return controller.count() == frames.size(); })) << log();
+  EXPECT_EQ(controller.frames(), frames) << "sent back by a program that sees no mark";
+  EXPECT_EQ(report(cpuPort).counts.receivedBytes, 4 + 13 + mark.size() + 29 + 60);
 }
 
 TEST_F(PacketThreadTest, TheCpuPortIsTheAgentsTap) {

@@ -10,20 +10,29 @@
 
 #include "forwarder/follow/ForwardingAgent.h"
 #include "forwarder/packets/PacketThread.h"
-#include "tests/forwarder/Packing.h"
 #include "tests/p4/Playing.h"
 #include "tests/support/TempDir.h"
 
 namespace Forwarder {
 namespace {
 
-using namespace ForwarderTest;
 using namespace P4Test;
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+
+// Numbers as rows have them: little-endian in values, big-endian in keys.
+std::string little(uint64_t number, size_t size) {
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(std::exchange(number, number >> 8));
+  return bytes;
+}
+std::string big(uint64_t number, size_t size) {
+  const std::string bytes = little(number, size);
+  return {bytes.rbegin(), bytes.rend()};
+}
 
 // A byte `h.v` selects a port: by table `direct` with a counter, else by table `spread`, which has
 // an action profile. Each packet of the value 7 is told of in a digest, and counted in a cell.

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include "PI/pi_base.h"
+#include "PI/pi_counter.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -31,6 +33,8 @@ typedef struct {
   /* The watch ports of groups and one-shot sets are entries of tables of their own, one for each
    * member that watches a port; needs `entities`. */
   int watch_ports;
+  /* Default entries have the direct resources of their tables; needs `default_actions`. */
+  int default_resources;
 } pi_abilities_t;
 
 #define PI_DEFAULT_ENTRY_TABLE(table_id) ((table_id) ^ 0x80000000u)
@@ -38,6 +42,14 @@ typedef struct {
 /* What the pipeline with these device data asks for; nothing when the target does not know them.
  * Any thread; device_data may be empty. */
 void _pi_abilities(const char* device_data, size_t device_data_size, pi_abilities_t* abilities);
+
+/* The counts of `count` cells of an indexed counter from `first` on, all of one moment. `valid` is
+ * 0 for a cell that nobody counts for. Any thread that may wait. */
+void _pi_counter_cells_read(pi_dev_id_t dev_id, pi_p4_id_t counter_id, size_t first, size_t count,
+                            pi_counter_data_t* counter_data);
+
+/* Whether the switch has the port, as far as it can tell: 0 or 1. Any thread that may wait. */
+int _pi_port_exists(uint32_t port);
 
 /* Receives bytes that last until it returns. */
 typedef void (*pi_bytes_receiver_t)(void* cookie, const char* bytes, size_t size);

@@ -330,5 +330,49 @@ TEST_F(ReadTest, SeesEachWriteWhollyOrNotAtAll) {
   }
 }
 
+// Each question takes a turn of the target's lock.
+TEST_F(ReadTest, CellsOfAnArrayAreCountedTogether) {
+  constexpr int64_t kCells = 65536;
+  target.abilitiesAre({.fields = 1, .default_actions = 1, .entities = 1});
+  p4::v1::ForwardingPipelineConfig large = config;
+  large.mutable_p4info()->mutable_counters(0)->set_size(kCells);
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, large).code(), code::ok);
+  target.restored(0, "");
+  p4::v1::Entity query;
+  query.mutable_counter_entry()->set_counter_id(0x12000001);
+  std::vector<p4::v1::Entity> cells;
+  ASSERT_EQ(objectsRead(query, &cells), code::ok);
+  ASSERT_THAT(cells, SizeIs(kCells));
+  EXPECT_LE(target.cellCalls(), 64u);
+  for (int64_t i = 0; i < kCells; ++i) {
+    ASSERT_EQ(cells[i].counter_entry().index().index(), i);
+    ASSERT_EQ(cells[i].counter_entry().data().packet_count(), i);
+  }
+  query.mutable_counter_entry()->mutable_index()->set_index(7);
+  ASSERT_EQ(objectsRead(query, &cells), code::ok);
+  ASSERT_THAT(cells, SizeIs(1));
+  EXPECT_EQ(cells[0].counter_entry().data().byte_count(), 7 * 64);
+}
+
+// For controllers that compare bytes.
+TEST_F(ReadTest, NumbersAreAsLongAsTheirWidthsIfTheOperatorSaysSo) {
+  ASSERT_EQ(inserted(test::ipv4(5, 0x0a000000, 8, 7)).code(), code::ok);
+  ASSERT_EQ(inserted(test::oneShot(1, {{7, 1}})).code(), code::ok);
+  DeviceMgr::set_answers_padded(true);
+  const auto entries = found(test::query(0));
+  const Entries defaults = found(defaultOf(test::kIpv4));
+  DeviceMgr::set_answers_padded(false);
+  ASSERT_THAT(entries, SizeIs(2));
+  EXPECT_EQ(entries[0].match(0).exact().value(), std::string("\0\5", 2));
+  EXPECT_EQ(entries[0].action().action().params(0).value(), std::string("\0\7", 2));
+  const auto& set = entries[1].action().action_profile_action_set();
+  EXPECT_EQ(set.action_profile_actions(0).action().params(0).value(), std::string("\0\7", 2));
+  ASSERT_THAT(defaults, SizeIs(1));
+  EXPECT_EQ(defaults[0].action().action().params(1).value(), std::string("\0\0\0\0\0\2", 6));
+  for (const TableEntry& entry : entries) {
+    EXPECT_EQ(written({test::update(Update::DELETE, entry)}).code(), code::ok) << "as it was read";
+  }
+}
+
 }  // namespace
 }  // namespace pi::fe::proto

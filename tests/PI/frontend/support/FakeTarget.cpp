@@ -166,6 +166,15 @@ bool FakeTarget::requireThat(bool sane, const std::string& fault) {
   return sane;
 }
 
+void FakeTarget::handleCells(size_t first, std::span<pi_counter_data_t> counts) {
+  const std::lock_guard lock(lock_);
+  ++cellCalls_;
+  for (pi_counter_data_t& count : counts) {
+    count = {PI_COUNTER_UNIT_PACKETS | PI_COUNTER_UNIT_BYTES, 64 * first, first};
+    ++first;
+  }
+}
+
 pi_status_t FakeTarget::handleAdd(const pi_match_key_t& key, const pi_table_entry_t& entry,
                                   bool overwrite, uint64_t* handle) {
   const std::lock_guard lock(lock_);
@@ -181,8 +190,14 @@ pi_status_t FakeTarget::handleAdd(const pi_match_key_t& key, const pi_table_entr
     row.actionId = action.action_id;
     row.action.assign(action.data, action.data_size);
   }
-  if (entry.direct_res_config != nullptr) {
-    row.meter = *static_cast<const pi_meter_spec_t*>(entry.direct_res_config->configs[0].config);
+  const pi_direct_res_config_t* given = entry.direct_res_config;
+  for (size_t i = 0; given != nullptr && i < given->num_configs; ++i) {
+    const pi_direct_res_config_one_t& one = given->configs[i];
+    if (one.res_id == kMeterId) {
+      row.meter = *static_cast<const pi_meter_spec_t*>(one.config);
+    } else {
+      row.counts = *static_cast<const pi_counter_data_t*>(one.config);
+    }
   }
   row.controllerMetadata = batches_.back().back().controllerMetadata;
   row.metadata = batches_.back().back().metadata;
@@ -465,6 +480,11 @@ int _pi_register_cells(pi_dev_id_t, pi_p4_id_t registerId, uint64_t first, uint3
 }
 void _pi_abilities(const char*, size_t, pi_abilities_t* abilities) {
   if (theTarget) *abilities = theTarget->abilities();
+}
+int _pi_port_exists(uint32_t) { return 1; }
+void _pi_counter_cells_read(pi_dev_id_t, pi_p4_id_t, size_t first, size_t count,
+                            pi_counter_data_t* data) {
+  theTarget->handleCells(first, {data, count});
 }
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,

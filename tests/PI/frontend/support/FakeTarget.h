@@ -34,6 +34,7 @@ class FakeTarget {
     std::string action;
     uint64_t indirect = 0;  // a member or group; then there is no action
     std::optional<pi_meter_spec_t> meter = std::nullopt;
+    std::optional<pi_counter_data_t> counts = std::nullopt;  // as they were set
     uint64_t controllerMetadata = 0;
     std::string metadata = {};
   };
@@ -115,6 +116,7 @@ class FakeTarget {
   // Runs once, with the lock held, before the next count is given.
   void onCountIs(std::function<void()> call) { onCount_ = std::move(call); }
   size_t countCalls() const { return countCalls_; }  // those for many entries
+  size_t cellCalls() const { return cellCalls_; }    // each cell has counted its index in packets
 
   // Hands everything back, then says that this was all; returns the statuses of the rows. The
   // metadata are for rows without metadata of their own.
@@ -148,6 +150,7 @@ class FakeTarget {
                            uint64_t* handle);
   pi_status_t handleGroup(const char* verb, uint32_t profileId, uint64_t member, uint64_t* handle);
   pi_status_t handleCount(uint64_t handle, pi_counter_data_t* data);
+  void handleCells(size_t first, std::span<pi_counter_data_t> counts);
   pi_status_t handleCounts(std::span<const uint64_t> handles, pi_counter_data_t* data);
   pi_status_t handleFetch(uint32_t tableId, pi_table_fetch_res_t* result);
   pi_status_t updateDeviceStatus() const { return updateDeviceStatus_; }
@@ -190,6 +193,7 @@ class FakeTarget {
   std::function<void()> onCount_;
   pi_status_t batchStatus_ = PI_STATUS_SUCCESS;
   size_t countCalls_ = 0;
+  size_t cellCalls_ = 0;
   pi_status_t fetchStatus_ = PI_STATUS_SUCCESS;
   pi_status_t updateDeviceStatus_ = PI_STATUS_SUCCESS;
   pi_status_t packetStatus_ = PI_STATUS_SUCCESS;

@@ -13,7 +13,10 @@ using testing::SizeIs;
 
 class DirectResourceTest : public FrontendTest {
  protected:
-  DirectResourceTest() { pipelineIsUp(); }
+  explicit DirectResourceTest(p4::v1::ForwardingPipelineConfig given = test::pipelineConfig())
+      : FrontendTest(std::move(given)) {
+    pipelineIsUp();
+  }
 
   static TableEntry counted(uint32_t key) { return test::exact(test::kCounted, key); }
   static TableEntry keyOf(uint32_t key) {
@@ -211,6 +214,98 @@ TEST_F(DirectResourceTest, CounterEntryWithoutDataChangesNothing) {
                                      counter(1, false, Update::DELETE)})),
               ElementsAre(code::ok, code::notFound, code::unimplemented, code::invalidArgument));
   EXPECT_THAT(target.batches(), SizeIs(1));
+}
+
+// Of default entries: in the row of the default entry, which has the program's action until a
+// controller sets one.
+class DefaultResourceTest : public DirectResourceTest {
+ protected:
+  DefaultResourceTest() : DirectResourceTest(withDefault()) {
+    target.abilitiesAre({.default_actions = 1, .entities = 1, .default_resources = 1});
+    restart();
+  }
+  static p4::v1::ForwardingPipelineConfig withDefault() {
+    p4::v1::ForwardingPipelineConfig config = test::pipelineConfig();
+    for (auto& table : *config.mutable_p4info()->mutable_tables()) {
+      if (table.preamble().id() != test::kCounted) continue;
+      table.mutable_initial_default_action()->set_action_id(test::kDrop);
+    }
+    return config;
+  }
+  static TableEntry key() {
+    TableEntry entry = test::query(test::kCounted);
+    entry.set_is_default_action(true);
+    return entry;
+  }
+  static TableEntry whole(int64_t rate) {
+    TableEntry entry = key();
+    entry.mutable_action()->mutable_action()->set_action_id(test::kDrop);
+    entry.mutable_counter_data();
+    if (rate != 0) *entry.mutable_meter_config() = setting(rate);
+    return entry;
+  }
+  int setMeter(int64_t rate) {
+    DirectMeterEntry meter;
+    *meter.mutable_table_entry() = key();
+    if (rate != 0) *meter.mutable_config() = setting(rate);
+    return written({test::update(Update::MODIFY, meter)}).code();
+  }
+  int setCount(int64_t packets) {
+    Update update;
+    update.set_type(Update::MODIFY);
+    auto& counter = *update.mutable_entity()->mutable_direct_counter_entry();
+    *counter.mutable_table_entry() = key();
+    counter.mutable_data()->set_packet_count(packets);
+    return written({update}).code();
+  }
+  std::vector<p4::v1::Entity> resources(const p4::v1::Entity& query) const {
+    std::vector<p4::v1::Entity> found;
+    EXPECT_EQ(objectsRead(query, &found), code::ok);
+    return found;
+  }
+};
+
+TEST_F(DefaultResourceTest, AreWrittenAndReadAloneAndWithTheEntry) {
+  const TableEntry query = wanting(key(), true, true);
+  EXPECT_THAT(found(query), ElementsAre(EqualsProto(whole(0)))) << "the program's own";
+  ASSERT_EQ(setMeter(0), code::ok);
+  EXPECT_THAT(target.rows(), IsEmpty()) << "nothing to change";
+  ASSERT_EQ(setMeter(100), code::ok);
+  ASSERT_THAT(target.rows(), SizeIs(1));
+  EXPECT_EQ(row().actionId, test::kDrop);
+  ASSERT_TRUE(row().meter);
+  EXPECT_EQ(row().meter->cir, 100u);
+  ASSERT_EQ(setCount(7), code::ok);
+  ASSERT_TRUE(row().counts);
+  EXPECT_EQ(row().counts->packets, 7u);
+  EXPECT_EQ(row().meter->cir, 100u) << "kept";
+  target.countIs(row().handle, {PI_COUNTER_UNIT_PACKETS, 0, 9});
+  TableEntry counted = whole(100);
+  counted.mutable_counter_data()->set_packet_count(9);
+  restart();
+  EXPECT_THAT(found(query), ElementsAre(EqualsProto(counted)));
+  for (const TableEntry& one : {key(), [] {
+                                  TableEntry all;
+                                  all.set_is_default_action(true);
+                                  return all;
+                                }()}) {
+    const auto counters = resources(countersOf(one));
+    ASSERT_THAT(counters, SizeIs(1));
+    EXPECT_THAT(counters[0].direct_counter_entry().table_entry(), EqualsProto(key()));
+    EXPECT_EQ(counters[0].direct_counter_entry().data().packet_count(), 9);
+    const auto meters = resources(metersOf(one));
+    ASSERT_THAT(meters, SizeIs(1));
+    EXPECT_THAT(meters[0].direct_meter_entry().config(), EqualsProto(setting(100)));
+  }
+  EXPECT_THAT(resources(countersOf(test::query(test::kCounted))), IsEmpty()) << "no entry";
+
+  TableEntry written = key();
+  *written.mutable_meter_config() = setting(5);
+  ASSERT_EQ(this->written({test::update(Update::MODIFY, written)}).code(), code::ok);
+  EXPECT_EQ(row().meter->cir, 5u);
+  ASSERT_EQ(this->written({test::update(Update::MODIFY, key())}).code(), code::ok);
+  EXPECT_THAT(target.rows(), IsEmpty()) << "set back";
+  EXPECT_THAT(found(query), ElementsAre(EqualsProto(whole(0))));
 }
 
 }  // namespace

@@ -40,6 +40,9 @@ class DeviceMgr {
   // Process-wide: counters are read with packets and bytes, whatever their unit, as some switches
   // do it. Not so unless set: the count that the unit leaves out is 0.
   static void set_both_counts_read(bool both);
+  // Process-wide: numbers in answers have all bytes of their widths, for controllers that compare
+  // bytes with their own. Not so unless set.
+  static void set_answers_padded(bool padded);
 
   explicit DeviceMgr(pi_dev_id_t device_id);
   ~DeviceMgr();
