@@ -1,5 +1,7 @@
 #include "bench/forward/Load.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <map>
@@ -149,7 +151,9 @@ std::vector<P4::MatchElement> aclMatch(uint32_t number) {
   match[2] = {big(17, 1), big(0xff, 1)};
   if (number % 4 == 0) match[4] = {big(spread % 1024, 2), big(0xffff, 2)};
   for (P4::MatchElement& element : match) {
-    for (size_t i = 0; i < element.value.size(); ++i) element.value[i] &= element.mask[i];
+    for (size_t i = 0; i < element.value.size(); ++i) {
+      element.value[i] = static_cast<char>(element.value[i] & element.mask[i]);
+    }
   }
   return match;
 }
@@ -246,7 +250,8 @@ std::string largestRecorded(const std::string& programs, const std::string& vect
   for (const auto& file : std::filesystem::directory_iterator(vectors, none)) {
     if (file.path().extension() != ".jsonl") continue;
     const std::string name = file.path().stem();
-    const auto size = std::filesystem::file_size(programs + "/json/" + name + ".json", none);
+    const auto size =
+        std::filesystem::file_size(fmt::format("{}/json/{}.json", programs, name), none);
     if (none || size <= most) continue;
     most = size;
     largest = name;

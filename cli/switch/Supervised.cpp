@@ -72,6 +72,7 @@ void Supervised::rest(const std::string& why) {
 void Supervised::maybeStart(Clock::time_point now) {
   if (child_ || now < nextStart_) return;
   try {
+    if (beforeRestart_) beforeRestart_();
     start();
   } catch (const std::system_error& e) {
     rest(e.what());

@@ -6,6 +6,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cli/switch/Child.h"
@@ -42,6 +43,8 @@ class Supervised {
              const SwitchLog& log);
 
   void start();  // throws std::system_error
+  // Runs before each start but the first.
+  void beforeRestartIs(std::function<void()> work) { beforeRestart_ = std::move(work); }
   // 0 while it rests.
   pid_t pid() const { return child_ ? child_->pid() : 0; }
   // -1 while it rests.
@@ -73,6 +76,7 @@ class Supervised {
   std::unique_ptr<Child> child_;
   LineCutter lines_;
   std::string lastLine_;
+  std::function<void()> beforeRestart_;
   RestartPace pace_;
   bool isUp_ = false;
   bool everUp_ = false;

@@ -75,6 +75,17 @@ Command forwarderCommand(const SwitchOptions& options, const SwitchDirectory& di
   return command;
 }
 
+// Under the first name that is free, for what it is worth: trouble is no reason not to go on.
+void keepFile(const std::string& path) {
+  std::error_code error;
+  for (int number = 1; std::filesystem::exists(path, error); ++number) {
+    const std::string kept = fmt::format("{}.{}", path, number);
+    if (std::filesystem::exists(kept, error)) continue;
+    std::filesystem::rename(path, kept, error);
+    if (error) return;
+  }
+}
+
 // Whether a process takes connections there.
 bool isServed(const std::string& path) {
   const Vela::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -94,7 +105,9 @@ Supervisor::Supervisor(const SwitchOptions& options, const SwitchDirectory& dire
       agent_("agent", agentCommand(options, directory, self), directory.lock(), log),
       forwarder_("forwarder", forwarderCommand(options, directory, self), directory.lock(), log),
       view_(directory.path()),
-      ports_(options.interfaces) {}
+      ports_(options.interfaces) {
+  forwarder_.beforeRestartIs([this] { keepRecordings(); });
+}
 
 void Supervisor::run() {
   writeConfiguration(ports_);
@@ -164,6 +177,16 @@ void Supervisor::handleAgentPicture() {
 void Supervisor::maybeFindForwarder() {
   if (!forwarder_.isRunning() || forwarder_.isUp()) return;
   if (isServed(directory_.file(fmt::format("forwarder-{}.sock", forwarderName)))) forwarder_.upIs();
+}
+
+// The next forwarder begins new ones: "eth1_in.pcap" becomes "eth1_in.pcap.1", or the next number.
+void Supervisor::keepRecordings() const {
+  if (options_.pcapDirectory.empty()) return;
+  for (const auto& [port, interface] : ports_) {
+    for (const char* way : {"in", "out"}) {
+      keepFile(fmt::format("{}/{}_{}.pcap", options_.pcapDirectory, interface, way));
+    }
+  }
 }
 
 // Both are gone when this returns.

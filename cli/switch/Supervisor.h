@@ -33,6 +33,7 @@ class Supervisor {
   int millisecondsToWait() const;
   void handleAgentPicture();
   void maybeFindForwarder();
+  void keepRecordings() const;
   void doStop();
 
   const SwitchOptions& options_;

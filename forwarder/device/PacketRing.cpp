@@ -17,7 +17,7 @@
 namespace Forwarder {
 namespace {
 
-constexpr uint32_t ringBytes = 8 << 20;
+constexpr uint32_t ringBytes = 4 << 20;
 constexpr int longBufferBytes = 16 << 20;  // for frames that do not fit a slot
 constexpr size_t longest = 1 << 17;        // bytes of a frame, with room to spare
 constexpr size_t tagBytes = 4;

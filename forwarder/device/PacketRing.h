@@ -10,7 +10,7 @@
 
 namespace Forwarder {
 
-// Bound to a device by its index; it outlives times when the device is down. Holds a few thousand
+// Bound to a device by its index; it outlives times when the device is down. Holds some two thousand
 // frames for a reader that is late. Promiscuous. Threads: one at a time.
 class PacketRing {
  public:

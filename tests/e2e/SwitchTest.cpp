@@ -211,7 +211,9 @@ TEST(SwitchCommand, OutlivesTheDeathsOfItsProcesses) {
   const PacketEndpoint hostB("fb", [&](std::span<const uint8_t> frame) {
     atB.add({frame.begin(), frame.end()});
   });
-  SwitchProcess tested({"-i", "0@sa", "-i", "7@absent", "--cpu-port", "510", "--nanolog", "x"});
+  const TempDir recordings;
+  SwitchProcess tested({"-i", "0@sa", "-i", "7@absent", "--cpu-port", "510", "--nanolog", "x",
+                        "--pcap", recordings.path()});
   ASSERT_TRUE(tested.startListening());
   EXPECT_THAT(tested.output(),
               AllOf(HasSubstr("Adding interface sa as port 0\n"),
@@ -250,6 +252,9 @@ TEST(SwitchCommand, OutlivesTheDeathsOfItsProcesses) {
     }));
     EXPECT_TRUE(
         waitUntil([&] { return controller.send(3, arpFrame(8 + i)) && atB.has(arpFrame(8 + i)); }));
+  }
+  for (const char* name : {"sa_in.pcap", "sa_in.pcap.1", "sa_in.pcap.2", "sb_out.pcap"}) {
+    EXPECT_TRUE(fs::exists(recordings.file(name))) << name;
   }
   const std::string state = tested.stateDirectory();
   EXPECT_TRUE(fs::exists(state));

@@ -109,9 +109,7 @@ tests/p4                  p4 proto
 tests/pipeline            cli/pipeline+ PI/include platform tests/support
 tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
 tests/forwarder           forwarder platform tests/support
-tests/forwarder/*         forwarder platform tests/forwarder tests/support
-tests/forwarder/packets   p4 forwarder platform tests/p4 tests/support
-tests/forwarder/plane     forwarder p4 platform tests/p4 tests/support
+tests/forwarder/*         forwarder p4 platform tests/forwarder tests/p4 tests/support
 tests/cli                 P4Runtime/agent platform tests/support
 tests/cli/switch          cli/switch+ tests/support
 tests/cli/table           platform tests/support

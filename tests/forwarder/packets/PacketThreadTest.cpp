@@ -213,6 +213,7 @@ TEST_F(PacketThreadTest, FramesOfAnyLengthCrossTheCpuDevice) {
   packets_.reset();
   start({.cpuPort = cpuPort, .cpuDevice = "cpu"});
   P4Test::SmallProgram program;
+  program.state("start", "[]");
   program.ingressAction(
       P4Test::assign(P4Test::metadata("egress_spec"), P4Test::object("hexstr", "0x1fe")));
   slot_.engineIs(std::make_shared<P4::Engine>(program.json()));
