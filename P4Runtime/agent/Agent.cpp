@@ -200,16 +200,16 @@ void Agent::doBuildPipeline() {
   pushedFiles_ = std::make_unique<PushedFiles>(runtime_.stateDirectory + "/pushed");
   typeService_ = Vela::make<Pollen::TypeService>(runtime_.loop, typeConfigDir(), typeStatusDir());
   p4ControllerPktMetadataIs(p4ControllerPktMetadataFactory());
-  p4TableInfoSmIs(p4TableInfoSmFactory(
-      p4TableInfo(), p4ControllerPktMetadata(), p4RtSystemConfig(),
-      {.typeConfigDir = typeConfigDir(),
-       .typeStatusDir = typeStatusDir(),
-       .queryConfigDir = queryConfigDir(),
-       .queryStatusDir = queryStatusDir(),
-       .tables = tables_.get(),
-       .pushed = pushedFiles_.get(),
-       .entries = &tableImpl()->formerEntries()},
-      {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
+  p4TableInfoSmIs(
+      p4TableInfoSmFactory(p4TableInfo(), p4ControllerPktMetadata(), p4RtSystemConfig(),
+                           {.typeConfigDir = typeConfigDir(),
+                            .typeStatusDir = typeStatusDir(),
+                            .queryConfigDir = queryConfigDir(),
+                            .queryStatusDir = queryStatusDir(),
+                            .tables = tables_.get(),
+                            .pushed = pushedFiles_.get(),
+                            .entries = &tableImpl()->formerEntries()},
+                           {agentConfig()->p4InfoJsonPath(), agentConfig()->deviceJsonPath()}));
   planeQuestions_ = std::make_unique<PlaneQuestions>(*tables_);
   TheForwardingPlaneIs(planeQuestions_.get());
   pipelinePusher_ = Vela::make<PipelinePusher>(PusherPeers{.loop = runtime_.loop,

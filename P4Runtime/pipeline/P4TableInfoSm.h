@@ -171,7 +171,7 @@ class P4TableInfoSm : public Vela::Entity {
   std::string given_;
   std::shared_ptr<AwaitedChange> awaited_;  // of the pipeline that is coming up
   std::optional<uint64_t> push_;  // of that pipeline, when the entries of others go for it
-  uint32_t generation_ = 0;                 // of pipelines; callbacks of former ones are ignored
+  uint32_t generation_ = 0;       // of pipelines; callbacks of former ones are ignored
 
   std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> queryOutputs_;
   std::map<std::string, Vela::Observation> typeStatusChanges_;

@@ -72,7 +72,7 @@ class Restorer : public FormerEntries {
   const RestoreTools tools_;
   ConstantEntries constantEntries_{tools_};
   DamagedRecords damaged_{tools_};
-  std::unique_ptr<Run> run_;      // null: none runs
+  std::unique_ptr<Run> run_;     // null: none runs
   std::vector<AsideRow> aside_;  // until they are put back or forgotten
 };
 
