@@ -68,7 +68,7 @@ class ForwardingTest : public testing::Test {
     ASSERT_TRUE(switch_.start());
     for (const char* setting : {"packetOutToProgram", "checkPrograms"}) {
       const auto set = switch_.agent.korvel({"set", "p4runtime/config/agent", setting, "true"});
-      ASSERT_EQ(set.status, 0) << set.errors;
+      ASSERT_EQ(set.exit.code, 0) << set.error;
     }
     ASSERT_TRUE(push(fileText(KORVEL_ROUTER_PROGRAM)).ok());
     ASSERT_TRUE(writeRoutes().ok());
@@ -212,7 +212,7 @@ TEST_F(ForwardingTest, APortComesWhileItRuns) {
       insertOf(entry("port").exact("ingress_port", 4).action("set_vrf", {{"vrf_id", 5}}).entry())};
   ASSERT_TRUE(switch_.write(updates).ok());
   const auto mapped = switch_.agent.korvel({"port", "map", "4", WiredSwitch::device(4)});
-  ASSERT_EQ(mapped.status, 0) << mapped.errors;
+  ASSERT_EQ(mapped.exit.code, 0) << mapped.error;
   EXPECT_TRUE(waitUntil([&] {
     const uint16_t identification = ++identification_;
     switch_.farEnd(4).send(arriving(0x0b000006, identification));
