@@ -331,8 +331,8 @@ PushAnswer PipelinePusher::executedBy(uint64_t push) const {
             "the pipeline runs, but the forwarding plane has not said yet that it executes it"};
   }
   if (asked.kind == PlaneAnswer::Kind::nobody || asked.answer.errorCode == 0) return {};
-  return {internalError, "the pipeline runs, but the forwarding plane does not execute it: " +
-                             asked.answer.bytes};
+  return {internalError,
+          "the pipeline runs, but the forwarding plane does not execute it: " + asked.answer.bytes};
 }
 
 // Call with the activity lock held. Code 0: nothing is in the way of a change.

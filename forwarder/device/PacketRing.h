@@ -10,8 +10,8 @@
 
 namespace Forwarder {
 
-// Bound to a device by its index; it outlives times when the device is down. Holds some two thousand
-// frames for a reader that is late. Promiscuous. Threads: one at a time.
+// Bound to a device by its index; it outlives times when the device is down. Holds some two
+// thousand frames for a reader that is late. Promiscuous. Threads: one at a time.
 class PacketRing {
  public:
   enum class Way {

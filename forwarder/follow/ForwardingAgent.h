@@ -72,6 +72,9 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void rowChanged(const Lattice::RowChange& change) override;
   void rowsComing(std::span<const Lattice::RowChange> changes) override;
   void rowsEnd() override;
+  void rowsReported() override {
+    if (plane_) plane_->settle();
+  }
   Lattice::Answer answer(const Lattice::Question& question) override;
 
  private:

@@ -47,6 +47,7 @@ class RowPlane {
   virtual void countsAre(const ProgrammedTable& table, std::string_view key,
                          const RowFlow& flow) = 0;
   virtual void commit() = 0;
+  virtual void settle() = 0;  // work that a commit has left for later
   virtual Lattice::Answer answer(const Lattice::Question& question) = 0;
 };
 

@@ -207,11 +207,15 @@ void Plane::commit() {
     }
   }
   maybeTellDigests();
-  engine_->tables().commit();
+  engine_->tables().publish();
   if (slot_.engine() == engine_) return;
   slot_.engineIs(engine_);
   log_("executes the program " + engine_->program().name +
        (push_ != 0 ? ", push " + std::to_string(push_) : ""));
+}
+
+void Plane::settle() {
+  if (engine_) engine_->tables().settle();
 }
 
 void Plane::maybeTellDigests() {

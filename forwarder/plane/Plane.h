@@ -46,6 +46,7 @@ class Plane final : public RowPlane {
   void eraseAll(const ProgrammedTable& table) override;
   void countsAre(const ProgrammedTable& table, std::string_view key, const RowFlow& flow) override;
   void commit() override;
+  void settle() override;
   Lattice::Answer answer(const Lattice::Question& question) override;
 
   // Of a program's action profiles: members whose port is down are passed over.

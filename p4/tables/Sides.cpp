@@ -1,6 +1,7 @@
 #include "p4/tables/Sides.h"
 
 #include <thread>
+#include <utility>
 
 namespace P4 {
 
@@ -47,11 +48,17 @@ void Sides::change(Change change) {
   note(Kind::other, nullptr, {}, others_.size() - 1);
 }
 
-void Sides::commit() {
+void Sides::publish() {
   const int former = active_.load(std::memory_order_relaxed);
   active_.store(1 - former);
   while (inside_.load() == former + 1) std::this_thread::yield();
-  for (const Noted& noted : noted_) apply(noted, side_[former]);
+  isBehind_ = true;
+}
+
+void Sides::settle() {
+  if (!std::exchange(isBehind_, false)) return;
+  Side& other = side_[1 - active_.load(std::memory_order_relaxed)];
+  for (const Noted& noted : noted_) apply(noted, other);
   noted_.clear();
   others_.clear();
 }

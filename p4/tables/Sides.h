@@ -26,8 +26,10 @@ class Sides {
   void remove(Entry* entry);
   void setOutcome(Entry* entry, const Outcome& outcome);
   void change(Change change);  // any other
-  // Returns when no packet sees the former state any more.
-  void commit();
+  // Makes the changes visible. Returns when no packet sees the former state any more. The other
+  // side is behind then, until settle(); before that nothing is changed, and staged() is not asked.
+  void publish();
+  void settle();
   const Side& staged() const { return side_[1 - active_.load(std::memory_order_relaxed)]; }
   Side& sideNumber(int number) { return side_[number]; }  // before packets come
 
@@ -45,6 +47,7 @@ class Sides {
   Side side_[sides];
   std::vector<Noted> noted_;
   std::vector<Change> others_;
+  bool isBehind_ = false;
   std::atomic<int> active_ = 0;
   alignas(64) std::atomic<int> inside_ = 0;  // side + 1 while packets read it
 };

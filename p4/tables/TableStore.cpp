@@ -1,6 +1,7 @@
 #include "p4/tables/TableStore.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "p4/program/ProgramError.h"
 #include "p4/tables/Refusal.h"
@@ -132,6 +133,7 @@ Entry& TableStore::add(Entry::Ptr entry, const EntryKey& key) {
 
 Entry& TableStore::insert(const EntryKey& key, const Target& target, uint64_t timeToLive,
                           uint64_t cookie) {
+  settle();
   Entry::Ptr entry = keyOf(key);
   checkWritable(key.table);
   const Table& table = program_.tables[key.table];
@@ -158,6 +160,7 @@ void TableStore::letGo(Entry& entry) {
 }
 
 Entry& TableStore::modify(const EntryKey& key, const Target& target) {
+  settle();
   const Entry::Ptr wanted = keyOf(key);
   checkWritable(key.table);
   const Table& table = program_.tables[key.table];
@@ -173,6 +176,7 @@ Entry& TableStore::modify(const EntryKey& key, const Target& target) {
 }
 
 void TableStore::remove(const EntryKey& key) {
+  settle();
   const Entry::Ptr wanted = keyOf(key);
   checkWritable(key.table);
   Entry* entry = staged(*wanted);
@@ -188,7 +192,10 @@ void TableStore::remove(const EntryKey& key) {
   retiredEntries_.emplace_back(entry);
 }
 
-Entry* TableStore::find(const EntryKey& key) { return staged(*keyOf(key)); }
+Entry* TableStore::find(const EntryKey& key) {
+  settle();
+  return staged(*keyOf(key));
+}
 
 void TableStore::putDefault(uint32_t table, ActionData::Ptr action) {
   sides_.change(
@@ -197,6 +204,7 @@ void TableStore::putDefault(uint32_t table, ActionData::Ptr action) {
 }
 
 void TableStore::setDefault(uint32_t position, const std::optional<ActionSpec>& action) {
+  settle();
   if (position >= program_.tables.size())
     throw Refusal(RefusalKind::notFound, "there is no such table");
   const Table& table = program_.tables[position];
@@ -216,6 +224,7 @@ void TableStore::setDefault(uint32_t position, const std::optional<ActionSpec>& 
 }
 
 void TableStore::setMeter(Meter& meter, const std::optional<MeterRates>& rates) {
+  settle();
   if (rates && rates->peakRate < rates->committedRate)
     throw Refusal(RefusalKind::invalid, "the peak rate of a meter is not below its committed rate");
   std::unique_ptr<const MeterConfig> config;
@@ -232,6 +241,7 @@ void TableStore::setMeter(Entry& entry, const std::optional<MeterRates>& rates) 
 }
 
 void TableStore::setMulticast(uint32_t group, std::vector<Replica> replicas) {
+  settle();
   sides_.change([group, replicas = std::move(replicas)](Side& side) {
     if (replicas.empty())
       side.multicast.erase(group);
@@ -241,6 +251,7 @@ void TableStore::setMulticast(uint32_t group, std::vector<Replica> replicas) {
 }
 
 void TableStore::setSession(uint32_t session, const std::optional<Session>& value) {
+  settle();
   sides_.change([session, value](Side& side) {
     if (value)
       side.sessions[session] = *value;
@@ -250,6 +261,7 @@ void TableStore::setSession(uint32_t session, const std::optional<Session>& valu
 }
 
 void TableStore::setValueSet(uint32_t position, const std::vector<std::string>& members) {
+  settle();
   if (position >= program_.valueSets.size())
     throw Refusal(RefusalKind::notFound, "there is no such value set");
   const ValueSet& set = program_.valueSets[position];
@@ -268,11 +280,20 @@ void TableStore::setValueSet(uint32_t position, const std::vector<std::string>& 
 }
 
 void TableStore::portIs(uint32_t port, bool up) {
+  settle();
   for (const auto& profile : profiles_) profile->portIs(port, up);
 }
 
-void TableStore::commit() {
-  sides_.commit();
+void TableStore::publish() {
+  settle();
+  sides_.publish();
+  isSettled_ = false;
+}
+
+// What no packet sees any more stays until the side that they left has let go of it.
+void TableStore::settle() {
+  if (std::exchange(isSettled_, true)) return;
+  sides_.settle();
   for (const auto& profile : profiles_) profile->committed();
   retiredConfigs_.clear();
   retiredEntries_.clear();

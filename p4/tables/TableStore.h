@@ -48,7 +48,10 @@ class TableStore {
   void setMeter(Entry& entry, const std::optional<MeterRates>& rates);
   void setMeter(Meter& meter, const std::optional<MeterRates>& rates);
   const std::vector<Entry*>& entries(uint32_t table) const { return tables_[table].entries; }
-  ProfileStore& profile(uint32_t profile) { return *profiles_[profile]; }
+  ProfileStore& profile(uint32_t profile) {
+    settle();
+    return *profiles_[profile];
+  }
 
   void setMulticast(uint32_t group, std::vector<Replica> replicas);  // none: removes the group
   void setSession(uint32_t session, const std::optional<Session>& value);
@@ -56,7 +59,15 @@ class TableStore {
   void setValueSet(uint32_t set, const std::vector<std::string>& members);
   void portIs(uint32_t port, bool up);  // for watched ports; ports begin as up
 
-  void commit();
+  // Makes the changes visible to packets; commit() does all of settle() besides.
+  void publish();
+  // Makes the changes that were published on the side that packets do not read, too. Every change
+  // does so first; done before it, it takes nobody's time.
+  void settle();
+  void commit() {
+    publish();
+    settle();
+  }
   Sides& sides() { return sides_; }
 
  private:
@@ -91,6 +102,7 @@ class TableStore {
   std::vector<std::unique_ptr<const MeterConfig>> retiredConfigs_;
   std::vector<Entry::Ptr> retiredEntries_;
   std::vector<ActionData::Ptr> retiredActions_;
+  bool isSettled_ = true;
 };
 
 }  // namespace P4

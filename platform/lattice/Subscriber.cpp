@@ -197,6 +197,7 @@ void SubscriberImpl::stay() {
   const auto end = Clock::now() + longestStay;
   do {
     say();
+    handler_.rowsReported();
     pace_.quietIs(Clock::now());
   } while (Clock::now() < end && maybeLookForChanges());
 }

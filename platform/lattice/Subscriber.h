@@ -49,6 +49,8 @@ class SubscriberHandler {
   // The changes since the last call make up whole commits. Before the reports on them are sent, but
   // for those that filled a message, and also when the agent has gone.
   virtual void rowsEnd() {}
+  // The reports on these changes were sent: for work that nobody waits for.
+  virtual void rowsReported() {}
   // A question of the agent's, after the changes that were committed before it. Nobody is asked
   // without Subscriber::answersQuestionsIs().
   virtual Answer answer(const Question& question) {

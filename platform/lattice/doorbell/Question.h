@@ -10,7 +10,7 @@ namespace Lattice {
 
 struct Question {
   enum class Kind : uint8_t {
-    pipeline = 1,  // does the forwarding plane execute the program of this push?
+    pipeline = 1,   // does the forwarding plane execute the program of this push?
     registerCells,  // the values of a register's cells
     counts          // are the counts of now published?
   };
