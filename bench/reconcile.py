@@ -5,7 +5,7 @@
 
 Starts an agent and a forwarding agent, pushes a program of twenty tables, fills them, and pushes
 with RECONCILE_AND_COMMIT twice: the last table has another size then, or another action, by which its rows
-are made anew. All the while another thread writes one entry after the other and keeps the times.
+are made again. All the while another thread writes one entry after the other and keeps the times.
 """
 
 import argparse

@@ -40,9 +40,10 @@ void sayInterfaces(const SwitchOptions& options, const SwitchLog& log) {
 
 void warnOfStrangers(const ServerAddress& server, const SwitchLog& log) {
   if (server.host == "::1" || server.host.starts_with("127.")) return;
-  log.say("switch", fmt::format("whoever reaches {} may program the switch: calls are neither "
-                                "encrypted nor authenticated",
-                                server.text));
+  log.say("switch",
+          fmt::format("everybody who reaches {} may program the switch: calls are neither "
+                      "encrypted nor authenticated",
+                      server.text));
 }
 
 void sayDirectory(const SwitchDirectory& directory, const SwitchLog& log) {
