@@ -10,7 +10,7 @@ namespace P4Runtime {
 struct PlaneAnswer {
   enum class Kind : uint8_t {
     answered,
-    nobody,  // no forwarding agent answers questions, or those that do have gone
+    nobody,  // no forwarding agent answers questions, or all of them left before they did
     late     // the time was over
   };
   Kind kind = Kind::nobody;

@@ -51,9 +51,10 @@ std::vector<const ProgrammedTable*> ForwardingAgent::tables() const {
 void ForwardingAgent::beginGroup() {
   if (!plane_ || std::exchange(inGroup_, true)) return;
   isStale_ = plane_->isStale();
+  if (!isStale_) return;
   const bool anyRows = std::ranges::any_of(
       tables_, [](const auto& known) { return known.second->table.rowCount() > 0; });
-  if (!isStale_ || anyRows) return;  // rowsEnd() gives it the rows
+  if (anyRows) return;  // rowsEnd() gives it the rows
   isStale_ = false;
   plane_->rebuild({});
 }

@@ -76,6 +76,7 @@ void Plane::takePush() {
 void Plane::forgetPush() {
   if (std::exchange(push_, 0) == 0) return;
   if (!options_.program.empty()) return execute({options_.program, {}});
+  round_.clear();
   tables_.clear();
   maker_.reset();
   executed_ = {};
@@ -101,6 +102,7 @@ void Plane::execute(Executed next) {
   maker_.reset();
   round_.clear();
   isInRound_ = false;
+  for (auto& [table, book] : idle_) book.timeToLive.clear();  // rows that stay say them again
   engine_ = std::move(engine);
   executed_ = std::move(next);
   maker_ = std::make_unique<PlaneTables>(*engine_, executed_.names, idle_, flows_);

@@ -394,6 +394,12 @@ TEST_F(PlaneTest, NewsForControllers) {
   const uint64_t now = PacketThread::now();
   EXPECT_THAT(plane_.idleEntries(now + 1'000'000), IsEmpty());
   EXPECT_THAT(plane_.idleEntries(now + 6'000'000), ElementsAre(idle + 100));
+  // The time-out goes with its table, also while another program comes; the entry stays.
+  push(2, program(1));
+  agent_.tableRemoved(table("idle_timeout.direct"));
+  agent_.rowsEnd();
+  EXPECT_THAT(out("08"), ElementsAre("4:08"));
+  EXPECT_THAT(plane_.idleEntries(now + 60'000'000), IsEmpty());
 }
 
 }  // namespace
