@@ -90,17 +90,13 @@ std::shared_ptr<CellArrays> registerCells(P4::Engine& engine, uint32_t array) {
 void CellTable::write(const PlaneRow& row) {
   RowValue value;
   readValue(type_, row.value, &value);
+  if (of_ == Of::allCells) return cells_->allCellsAre(std::move(value));
   cells_->cellIs(numberIn(row.key), value);
 }
 
-void CellTable::erase(std::string_view key) { cells_->cellDel(numberIn(key)); }
-
-void AllCellsTable::write(const PlaneRow& row) {
-  RowValue value;
-  readValue(type_, row.value, &value);
-  cells_->allCellsAre(std::move(value));
+void CellTable::erase(std::string_view key) {
+  if (of_ == Of::allCells) return cells_->allCellsAre(std::nullopt);
+  cells_->cellDel(numberIn(key));
 }
-
-void AllCellsTable::erase(std::string_view) { cells_->allCellsAre(std::nullopt); }
 
 }  // namespace Forwarder

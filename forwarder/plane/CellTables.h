@@ -45,10 +45,12 @@ std::shared_ptr<CellArrays> counterCells(P4::Engine& engine, uint32_t array, uin
 std::shared_ptr<CellArrays> meterCells(P4::Engine& engine, uint32_t array);
 std::shared_ptr<CellArrays> registerCells(P4::Engine& engine, uint32_t array);
 
+// The rows of single cells, or the one row of all cells.
 class CellTable final : public PlaneTable {
  public:
-  CellTable(std::shared_ptr<CellArrays> cells, const Lattice::TableType& type)
-      : cells_(std::move(cells)), type_(type) {}
+  enum class Of : uint8_t { oneCell, allCells };
+  CellTable(std::shared_ptr<CellArrays> cells, const Lattice::TableType& type, Of of)
+      : cells_(std::move(cells)), type_(type), of_(of) {}
   void write(const PlaneRow& row) override;
   void erase(std::string_view key) override;
   void finish() override { cells_->finish(); }
@@ -56,20 +58,7 @@ class CellTable final : public PlaneTable {
  private:
   const std::shared_ptr<CellArrays> cells_;
   const Lattice::TableType& type_;
-};
-
-// The row of all cells.
-class AllCellsTable final : public PlaneTable {
- public:
-  AllCellsTable(std::shared_ptr<CellArrays> cells, const Lattice::TableType& type)
-      : cells_(std::move(cells)), type_(type) {}
-  void write(const PlaneRow& row) override;
-  void erase(std::string_view key) override;
-  void finish() override { cells_->finish(); }
-
- private:
-  const std::shared_ptr<CellArrays> cells_;
-  const Lattice::TableType& type_;
+  const Of of_;
 };
 
 }  // namespace Forwarder

@@ -137,8 +137,8 @@ std::unique_ptr<PlaneTable> PlaneTables::makeCells(const RowsMeaning& meaning,
     cells =
         registerCells(engine_, known(P4::registerNamed(program, meaning.name), kind, meaning.name));
   }
-  if (kind == meaning.kind) return std::make_unique<CellTable>(cells, type);
-  return std::make_unique<AllCellsTable>(cells, type);
+  const auto of = kind == meaning.kind ? CellTable::Of::oneCell : CellTable::Of::allCells;
+  return std::make_unique<CellTable>(cells, type, of);
 }
 
 }  // namespace Forwarder
