@@ -156,7 +156,7 @@ void KorvelPiServerInitSm::handleRestoreRequests() {
 
 // Until all is restored nothing may be written, and controllers wait.
 void KorvelPiServerInitSm::doBeginRestore() {
-  tableImpl()->restoreNeededIs(true);
+  tableImpl()->restoreIsNext();
   doAdvanceRestore(slice_);
 }
 
@@ -177,6 +177,7 @@ bool KorvelPiServerInitSm::maybeFinishRestore(const RestoreSlice& slice) {
     tableImpl()->restoreNeededIs(false);
     programConstantTables();
     tableImpl()->commitOrThrow();
+    tableImpl()->entriesStand();
   } catch (const std::exception& e) {  // of the store
     tableImpl()->restoreNeededIs(true);
     P4RuntimeBrokenInvariantException::handleException(P4RuntimeBrokenInvariantException(

@@ -1,6 +1,7 @@
 #include "P4Runtime/companion/P4HandleMgr.h"
 
 #include <absl/container/flat_hash_map.h>
+#include <absl/container/flat_hash_set.h>
 
 #include <algorithm>
 #include <array>
@@ -84,6 +85,23 @@ class EntryHandles {
     const auto block = blocks_.find(handle / blockSize);
     if (--block->second->taken == 0) blocks_.erase(block);
   }
+  void freeAllBut(const absl::flat_hash_set<uint32_t>& tableIds) {
+    if (tableIds.empty()) {
+      blocks_.clear();
+      counts_.clear();
+      return;
+    }
+    for (auto next = blocks_.begin(); next != blocks_.end();) {
+      const auto block = next++;
+      for (Bound& bound : block->second->bound) {
+        if (bound.tableId == 0 || tableIds.contains(bound.tableId)) continue;
+        bound = {};
+        --block->second->taken;
+      }
+      if (block->second->taken == 0) blocks_.erase(block);
+    }
+    absl::erase_if(counts_, [&](const auto& count) { return !tableIds.contains(count.first); });
+  }
   size_t count(uint32_t tableId) const {
     const auto found = counts_.find(tableId);
     return found == counts_.end() ? 0 : found->second;
@@ -162,7 +180,9 @@ bool P4HandleMgr::takeTableEntryHandle(uint32_t tableId, EntryHandle handle, uin
 }
 
 void P4HandleMgr::freeTableEntryHandle(EntryHandle handle) { impl_->entries.free(handle); }
-void P4HandleMgr::freeTableEntryHandles() { impl_->entries = {}; }
+void P4HandleMgr::freeTableEntryHandles(std::span<const uint32_t> butOfTables) {
+  impl_->entries.freeAllBut({butOfTables.begin(), butOfTables.end()});
+}
 
 void P4HandleMgr::load(std::span<const EntryHandle> handles) const {
   for (const EntryHandle handle : handles) impl_->entries.load(handle);

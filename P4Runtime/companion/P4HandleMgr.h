@@ -58,7 +58,8 @@ class P4HandleMgr : public Vela::RefCounted {
   // handle is taken already, whichever entry has it.
   bool takeTableEntryHandle(uint32_t tableId, EntryHandle handle, uint32_t rowHash);
   void freeTableEntryHandle(EntryHandle handle);  // nothing when it is free already
-  void freeTableEntryHandles();                   // all; none of them is given out again
+  // All but those of the given tables; none of them is given out again.
+  void freeTableEntryHandles(std::span<const uint32_t> butOfTables = {});
   // Has the processor fetch the memory that the next three functions read.
   void load(std::span<const EntryHandle> handles) const;
   // The hash of the key of the entry's row, by which the row is found. 0 until it is set, and for a

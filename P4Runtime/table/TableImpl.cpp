@@ -161,11 +161,17 @@ void TableImpl::cleanupCache() {
 void TableImpl::doLetGoOfCache() {
   SCRIVEL_TRACE(1, "TableImpl", " unmounting the caches");
   abandonRestore();
+  rooms_->restorer.doubtEntries();
   rooms_->records.letGo();
 }
 
 bool TableImpl::restoreNeeded() const { return rooms_->restoreMode.isNeeded(); }
-void TableImpl::restoreNeededIs(bool needed) { rooms_->restoreMode.neededIs(needed); }
+void TableImpl::restoreNeededIs(bool needed) {
+  if (needed) rooms_->restorer.doubtEntries();
+  rooms_->restoreMode.neededIs(needed);
+}
+void TableImpl::restoreIsNext() { rooms_->restoreMode.neededIs(true); }
+void TableImpl::entriesStand() { rooms_->restorer.entriesStand(); }
 
 bool TableImpl::cacheLetGo() const { return rooms_->records.isLetGo(); }
 TableCache* TableImpl::tableCache() const { return rooms_->records.tableCache(); }

@@ -139,6 +139,8 @@ class TableImpl : public BatchEntries {
   // revertCriticalState() asks for.
   bool restoreNeeded() const;
   void restoreNeededIs(bool needed) override;
+  void restoreIsNext();  // nothing is in doubt, but nothing is written before it
+  void entriesStand();   // the server has them all, once it has the constant ones
   // The caches were let go: their records cannot be told.
   bool cacheLetGo() const;
 

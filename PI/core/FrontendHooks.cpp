@@ -88,6 +88,16 @@ pi_status_t pi_restore_expect(pi_dev_id_t dev_id, size_t table_entries) {
   });
 }
 
+pi_status_t pi_restore_keep(pi_dev_id_t dev_id, pi_p4_id_t* table_ids, size_t* count) {
+  const pi_status_t status = toFrontend(dev_id, [&](const Frontend& frontend) {
+    const auto keep = frontend.hooks.restore_keep;
+    return keep ? keep(frontend.cookie, dev_id, table_ids, count)
+                : PI_STATUS_NOT_IMPLEMENTED_BY_TARGET;
+  });
+  if (status != PI_STATUS_SUCCESS) *count = 0;
+  return status;
+}
+
 pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
                                          const pi_match_key_t* match_key,
                                          const pi_table_entry_t* table_entry,

@@ -58,6 +58,13 @@ pi_status_t restoreExpect(void* cookie, pi_dev_id_t, size_t tableEntries) {
   return imp(cookie).restoreExpects(tableEntries);
 }
 
+pi_status_t restoreKeep(void* cookie, pi_dev_id_t, pi_p4_id_t* tableIds, size_t* count) {
+  std::vector<uint32_t> ids(tableIds, tableIds + *count);
+  const pi_status_t status = imp(cookie).restoreKeeps(&ids);
+  *count = std::ranges::copy(ids, tableIds).out - tableIds;
+  return status;
+}
+
 pi_status_t digestMessage(void* cookie, pi_dev_id_t, pi_p4_id_t digestId, const char* data,
                           size_t size) {
   return imp(cookie).digestMessage(digestId, {data, size});
@@ -83,6 +90,7 @@ constexpr pi_frontend_hooks_t kHooks{.entry_status_changed = nullptr,
                                      .constant_table_entry = constantEntry,
                                      .restore_done = restoreDone,
                                      .restore_expect = restoreExpect,
+                                     .restore_keep = restoreKeep,
                                      .digest_message = digestMessage,
                                      .table_entry_idle = tableEntryIdle,
                                      .fixed_names = fixedNames};
@@ -210,10 +218,12 @@ DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,
   return statusOf([&] {
     awaitPipelineChange(patience_);
     requireReadPermission();
-    const std::shared_ptr<Pipeline> current = awaitedPipeline();
     requireSize(request.entities_size(), "queries");
-    ReadRun run(current->index(), current->store(), session(*current), readTurns_);
-    return run.run(request, sink);
+    while (true) {
+      const std::shared_ptr<Pipeline> current = awaitedPipeline();
+      ReadRun run(current->index(), current->store(), session(*current), readTurns_);
+      if (const auto status = run.run(request, sink)) return *status;
+    }
   });
 }
 
@@ -254,6 +264,19 @@ pi_status_t DeviceMgrImp::restoreExpects(size_t tableEntries) {
   return PI_STATUS_SUCCESS;
 }
 
+// The former pipeline's store goes over with them: its entries can be taken once.
+pi_status_t DeviceMgrImp::restoreKeeps(std::vector<uint32_t>* tableIds) {
+  const std::shared_ptr<Pipeline> restoring = restoringPipeline();
+  if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
+  std::shared_ptr<const Pipeline> former;
+  {
+    const std::lock_guard lock(mutex_);
+    former = std::exchange(former_, nullptr);
+  }
+  *tableIds = former ? restoring->keepTables(*former, *tableIds) : std::vector<uint32_t>();
+  return PI_STATUS_SUCCESS;
+}
+
 pi_status_t DeviceMgrImp::fixedNamesAre(std::span<pi_fixed_name_t> names) {
   for (pi_fixed_name_t& name : names) name.fault = PI_FIXED_NAME_TAKEN;
   const std::shared_ptr<Pipeline> current = pipeline();
@@ -266,6 +289,7 @@ pi_status_t DeviceMgrImp::handleRestoreDone() {
   if (restoring == nullptr) return PI_STATUS_INVALID_TABLE_OPERATION;
   const bool complete = restoring->doFinishRestore(session(*restoring));
   const std::lock_guard lock(mutex_);
+  former_ = nullptr;
   if (pipeline_ == restoring) isRestored_ = true;
   restored_.notify_all();
   // Controllers get in all the same.

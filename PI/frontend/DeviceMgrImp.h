@@ -68,6 +68,7 @@ class DeviceMgrImp {
   pi_status_t constantEntryIs(pi_p4_id_t tableId, const pi_match_key_t& key,
                               const pi_table_entry_t* entry, pi_entry_handle_t handle);
   pi_status_t restoreExpects(size_t tableEntries);
+  pi_status_t restoreKeeps(std::vector<uint32_t>* tableIds);
   pi_status_t handleRestoreDone();
   pi_status_t digestMessage(pi_p4_id_t digestId, std::string_view message);
   pi_status_t entryIdle(pi_p4_id_t tableId, const pi_match_key_t& key) const;
@@ -109,8 +110,9 @@ class DeviceMgrImp {
   mutable std::condition_variable restored_;
   std::shared_ptr<Pipeline> pipeline_;  // null: none yet
   bool isRestored_ = false;
-  std::shared_ptr<Pipeline> saved_;      // to be committed
-  std::shared_ptr<const Config> given_;  // the running one, by its controller; null: by none
+  std::shared_ptr<const Pipeline> former_;  // has all its entries; null: none, or not for use
+  std::shared_ptr<Pipeline> saved_;         // to be committed
+  std::shared_ptr<const Config> given_;     // the running one, by its controller; null: by none
   std::shared_ptr<const DeviceMgr::StreamMessageResponseCb> streamResponseCb_;
   void* streamResponseCookie_ = nullptr;
 

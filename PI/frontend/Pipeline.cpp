@@ -3,10 +3,13 @@
 
 #include <google/protobuf/util/message_differencer.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/restore/FetchedTable.h"
+#include "PI/frontend/restore/TableComparison.h"
 #include "PI/frontend/store/EntityRows.h"
 #include "PI/frontend/store/HeldNames.h"
 #include "PI/frontend/store/NameCodec.h"
@@ -35,6 +38,12 @@ bool isOfEntity(EntityKind kind) {
   return kind != EntityKind::idleTimeout && kind != EntityKind::watchPort;
 }
 
+// Its entries stand for nothing else, and nothing else is counted by them.
+bool isKeptAlone(const TablePlan& table) {
+  return table.entity == nullptr && table.profile == nullptr && !table.usesNames &&
+         !table.isConst && !table.hasInitialEntries && table.unsupported.empty();
+}
+
 pi_abilities_t abilitiesOf(const std::string& deviceData) {
   pi_abilities_t abilities{};
   _pi_abilities(deviceData.data(), deviceData.size(), &abilities);
@@ -50,7 +59,24 @@ Pipeline::Pipeline(const p4::v1::ForwardingPipelineConfig& config)
       index_(config_.p4info(), abilities_),
       packetHeaders_(config_.p4info(), abilities_.packet_headers != 0, &index_),
       p4info_{const_cast<P4InfoIndex*>(&index_)} {
-  restored_.emplace(index_, store_, use_);
+  restored_.emplace(index_, *store_, use_);
+}
+
+std::vector<uint32_t> Pipeline::keepTables(const Pipeline& former,
+                                           std::span<const uint32_t> tableIds) {
+  std::vector<uint32_t> kept;
+  if (!restored_ || std::memcmp(&abilities_, &former.abilities_, sizeof abilities_) != 0)
+    return kept;
+  const TableComparison comparison(former.config_.p4info(), config_.p4info());
+  std::ranges::copy_if(tableIds, std::back_inserter(kept), [&](uint32_t id) {
+    const TablePlan* const table = index_.table(id);
+    return table != nullptr && isKeptAlone(*table) && comparison.areAlike(id);
+  });
+  if (kept.empty()) return kept;
+  store_ = former.store_;
+  store_->keepTables(kept, index_);
+  restored_.emplace(index_, *store_, use_);
+  return kept;
 }
 
 bool Pipeline::equals(const p4::v1::ForwardingPipelineConfig& config) const {
@@ -131,7 +157,7 @@ pi_status_t Pipeline::constantEntryIs(uint32_t tableId, const pi_match_key_t& ke
       table != nullptr && table->entity != nullptr && table == table->entity->list;
   if (isListed) return PI_STATUS_SUCCESS;  // the entity tells of its rows
   enterAdopted();
-  const EntryPtr entry = store_.entry({tableId, key.priority, {key.data, key.data_size}});
+  const EntryPtr entry = store_->entry({tableId, key.priority, {key.data, key.data_size}});
   if (!entry) return PI_STATUS_INVALID_ENTRY_TYPE;
   entry->isConst = true;  // before controllers get in: nobody else has it
   return PI_STATUS_SUCCESS;
@@ -144,9 +170,9 @@ bool Pipeline::adoptEntry(const TablePlan& table, EntryPtr entry) {
   }
   holdNames(table, &table, *entry);
   if (table.profile != nullptr) {
-    const EntryPtr former = store_.entry(entry->key());
+    const EntryPtr former = store_->entry(entry->key());
     use_.countChange(*table.profile, former.get(), entry.get());
-    store_.entryIs(std::move(entry));
+    store_->entryIs(std::move(entry));
     return true;
   }
   const size_t hash = entry->key().hash();
@@ -156,7 +182,7 @@ bool Pipeline::adoptEntry(const TablePlan& table, EntryPtr entry) {
 }
 
 void Pipeline::enterAdopted() {
-  store_.entriesAre(adopted_);
+  store_->entriesAre(adopted_);
   adopted_.clear();
 }
 
@@ -178,7 +204,7 @@ void Pipeline::fixedNamesAre(std::span<pi_fixed_name_t> names) {
   }
 }
 
-void Pipeline::restoreExpects(size_t entries) { store_.reserve(entries); }
+void Pipeline::restoreExpects(size_t entries) { store_->reserve(entries); }
 
 bool Pipeline::doFinishRestore(const TargetSession& session) {
   bool complete = doAdoptInitialEntries(session);
@@ -199,7 +225,7 @@ bool Pipeline::doCompleteBareEntities(const TargetSession& session) {
   for (const EntryPtr& bare : std::exchange(bareEntities_, {})) {
     const TablePlan& table = *index_.table(bare->tableId);
     const EntityPlan& plan = *table.entity;
-    const EntryPtr standing = store_.entry(bare->key());
+    const EntryPtr standing = store_->entry(bare->key());
     if (plan.list == nullptr || !standing) continue;
     p4::v1::Entity entity = entityOfRow(table, *bare);
     try {
@@ -212,7 +238,7 @@ bool Pipeline::doCompleteBareEntities(const TargetSession& session) {
     }
     const EntryPtr completed = withEntity(*standing, entity);
     holdNames(table, &table, *completed);
-    store_.entryIs(completed);
+    store_->entryIs(completed);
   }
   return all;
 }
@@ -226,7 +252,7 @@ bool Pipeline::doAdoptInitialEntries(const TargetSession& session) {
       FetchedTable fetched(session, *table);
       while (EntryPtr entry = fetched.next()) {
         enterAdopted();
-        if (!store_.entry(entry->key())) all &= adoptEntry(*table, std::move(entry));
+        if (!store_->entry(entry->key())) all &= adoptEntry(*table, std::move(entry));
       }
     } catch (const Refusal&) {
       all = false;

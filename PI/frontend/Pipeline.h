@@ -28,8 +28,8 @@ class Pipeline {
   const p4::v1::ForwardingPipelineConfig& config() const { return config_; }
   const P4InfoIndex& index() const { return index_; }
   const PacketHeaders& packetHeaders() const { return packetHeaders_; }
-  EntryStore& store() { return store_; }
-  const EntryStore& store() const { return store_; }
+  EntryStore& store() { return *store_; }
+  const EntryStore& store() const { return *store_; }
   ProfileUse& use() { return use_; }  // for the Write in progress
   const pi_p4info_t* p4info() const { return &p4info_; }
   const std::string& deviceData() const { return deviceData_; }  // for the target
@@ -47,6 +47,10 @@ class Pipeline {
   // members, groups, entries, in that order. The store has all of them once the restore is
   // finished.
   void restoreExpects(size_t entries);  // makes room for them
+  // Before all others: takes the store over in which `former` has its entries, with those of the
+  // given tables that both pipelines define alike. Returns these tables; `former` is not restored
+  // any more.
+  std::vector<uint32_t> keepTables(const Pipeline& former, std::span<const uint32_t> tableIds);
   pi_status_t restoredMemberIs(uint32_t profileId, const pi_action_data_t* action,
                                uint32_t controllerId, uint64_t handle);
   pi_status_t restoredGroupIs(uint32_t profileId, uint32_t controllerId,
@@ -81,7 +85,7 @@ class Pipeline {
   const P4InfoIndex index_;
   const PacketHeaders packetHeaders_;
   pi_p4info_t p4info_;
-  EntryStore store_;
+  std::shared_ptr<EntryStore> store_ = std::make_shared<EntryStore>();
   ProfileUse use_;
   std::atomic<bool> hasSentPackets_{false};
   std::optional<RestoredProfiles> restored_;  // until the restore is finished

@@ -74,6 +74,7 @@ void DeviceMgrImp::doCommit(std::shared_ptr<Pipeline> next) {
     const std::lock_guard lock(mutex_);
     former = std::exchange(pipeline_, next);
     wasRestored = std::exchange(isRestored_, false);
+    former_ = wasRestored ? former : nullptr;
   }
   try {
     doInstall(*next);
@@ -81,6 +82,7 @@ void DeviceMgrImp::doCommit(std::shared_ptr<Pipeline> next) {
     const std::lock_guard lock(mutex_);
     pipeline_ = former;
     isRestored_ = wasRestored;
+    former_ = nullptr;
     restored_.notify_all();
     throw;
   }

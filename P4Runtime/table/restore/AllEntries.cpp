@@ -43,6 +43,7 @@ bool Restorer::areOf(uint64_t push) const {
 
 // Members of groups and settings of meters stand in rows alone.
 void Restorer::setAside() {
+  doubtEntries();
   tools_.database->rowTakerIs([this](const std::string& table, const std::string& definition,
                                      const Lattice::StoredRow& row) {
     aside_.push_back({table,
@@ -57,6 +58,7 @@ void Restorer::setAside() {
 // the room of the rows.
 void Restorer::forget(uint64_t push) {
   SCRIVEL_TRACE(1, "forget", " all entries go for push ", push);
+  doubtEntries();
   std::vector<MemberHandle> members;
   std::vector<GroupHandle> groups;
   forEachRecord(*tools_.records.memberCache(), [&](const ActionProfileMemberCacheEntry& member) {
@@ -85,6 +87,7 @@ void Restorer::putBack() {
   if (tools_.database) tools_.database->rowTakerIs(nullptr);
   const std::vector<AsideRow> rows = std::exchange(aside_, {});
   if (rows.empty()) return;
+  doubtEntries();
   std::map<std::string, Vela::Ptr<Lattice::ArTableInterface>> tables;
   for (const auto& [rid, table] : tools_.tableInfo.latticeTableInterfaceCollection().values()) {
     if (table->ready()) tables[table->tableName()] = table;

@@ -32,17 +32,18 @@ size_t keptCount(Brine::Store& store, const std::string& table) {
 }  // namespace
 
 EntryRestorer::EntryRestorer(const RestoreTools& tools, ConstantEntries& constantEntries,
-                             uint64_t deviceId)
+                             uint64_t deviceId, std::vector<uint32_t> standing)
     : tools_(tools),
       constantEntries_(constantEntries),
       deviceId_(deviceId),
-      p4info_(pi_get_device_p4info(deviceId)) {
+      p4info_(pi_get_device_p4info(deviceId)),
+      standing_(std::move(standing)) {
   findTables();
 }
 
 void EntryRestorer::findTables() {
   for (const auto& [rid, interface] : tools_.tableInfo.latticeTableInterfaceCollection().values()) {
-    if (rid.type != tableResource) continue;
+    if (rid.type != tableResource || std::ranges::count(standing_, rid.id) != 0) continue;
     if (!interface->ready()) {
       throw std::runtime_error(
           fmt::format("the rows of {} are not ready", tools_.tableInfo.kindAndName(rid)));
@@ -90,7 +91,7 @@ void EntryRestorer::finish(RestoreCounts& counts) {
 void EntryRestorer::letHandlesGo() {
   const Brine::Store& store = tools_.database->store();
   const bool anyBatchWaits = store.settledSequence() != store.committedSequence();
-  if (!anyBatchWaits) tools_.handles.freeTableEntryHandles();
+  if (!anyBatchWaits) tools_.handles.freeTableEntryHandles(standing_);
 }
 
 bool EntryRestorer::restoreTable(const Table& table, RestoreSlice& slice) {

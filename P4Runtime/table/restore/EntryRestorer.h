@@ -25,7 +25,9 @@ namespace P4Runtime {
 class EntryRestorer {
  public:
   // Finds the tables: throws std::runtime_error when the rows of one are not ready.
-  EntryRestorer(const RestoreTools& tools, ConstantEntries& constantEntries, uint64_t deviceId);
+  // Leaves out the tables with ids in `standing`, whose handles stay as well.
+  EntryRestorer(const RestoreTools& tools, ConstantEntries& constantEntries, uint64_t deviceId,
+                std::vector<uint32_t> standing);
 
   // In this order; the first two return false while there is more of it to do in later slices.
   // Rows are written, and entries removed, once all tables were looked through.
@@ -73,6 +75,7 @@ class EntryRestorer {
   ConstantEntries& constantEntries_;
   const uint64_t deviceId_;
   const pi_p4info_t* p4info_;
+  const std::vector<uint32_t> standing_;
   std::vector<Table> tables_;
   // Where the pass stands.
   size_t table_ = 0;

@@ -9,12 +9,16 @@
 #include "P4Runtime/table/restore/EntryRestorer.h"
 #include "P4Runtime/table/restore/OrphanedRows.h"
 #include "P4Runtime/table/restore/ProfileRestorer.h"
+#include "PI/pi_extensions.h"
 
 namespace P4Runtime {
 
 struct Restorer::Run {
-  Run(const RestoreTools& tools, ConstantEntries& constantEntries, uint64_t deviceId)
-      : profiles(tools, deviceId), entries(tools, constantEntries, deviceId), orphans(tools) {}
+  Run(const RestoreTools& tools, ConstantEntries& constantEntries, uint64_t deviceId,
+      const std::vector<uint32_t>& kept)
+      : profiles(tools, deviceId),
+        entries(tools, constantEntries, deviceId, kept),
+        orphans(tools) {}
 
   ProfileRestorer profiles;
   EntryRestorer entries;
@@ -31,7 +35,17 @@ void Restorer::begin(uint64_t deviceId) {
   requireReady();
   constantEntries_.followPipeline();
   tools_.undo.commitOrThrow();  // the passes read committed records
-  run_ = std::make_unique<Run>(tools_, constantEntries_, deviceId);
+  run_ = std::make_unique<Run>(tools_, constantEntries_, deviceId, keptTables(deviceId));
+}
+
+// The front end has its entries of these already.
+std::vector<uint32_t> Restorer::keptTables(uint64_t deviceId) {
+  std::vector<uint32_t> tables = standing_.ids();
+  standing_.forget();  // until this restore is through
+  size_t count = tables.size();
+  if (count != 0) pi_restore_keep(deviceId, tables.data(), &count);
+  tables.resize(count);
+  return tables;
 }
 
 void Restorer::requireReady() const {
@@ -87,7 +101,10 @@ bool Restorer::doFinish(RestoreSlice&) {
   return true;
 }
 
-void Restorer::abandon() { run_ = nullptr; }
+void Restorer::abandon() {
+  if (isRunning()) doubtEntries();
+  run_ = nullptr;
+}
 
 RestoreProgress Restorer::progress() const {
   return run_ ? run_->entries.progress() : RestoreProgress{};
@@ -118,7 +135,7 @@ void Restorer::restoreEntries(uint64_t deviceId) {
   const RestoreMode::Running running(tools_.mode);
   RestoreCounts counts;
   RestoreSlice slice;
-  EntryRestorer entries(tools_, constantEntries_, deviceId);
+  EntryRestorer entries(tools_, constantEntries_, deviceId, {});
   entries.restore(slice);
   entries.rewrite(slice);
   entries.finish(counts);

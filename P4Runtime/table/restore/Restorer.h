@@ -12,6 +12,7 @@
 #include "P4Runtime/table/restore/RestoreCounts.h"
 #include "P4Runtime/table/restore/RestoreSlice.h"
 #include "P4Runtime/table/restore/RestoreTools.h"
+#include "P4Runtime/table/restore/StandingTables.h"
 
 namespace P4Runtime {
 
@@ -30,6 +31,10 @@ class Restorer : public FormerEntries {
   void begin(uint64_t deviceId);     // in place of one that runs
   bool advance(RestoreSlice slice);  // true: it is done. Call while it runs
   void abandon();  // the next restore finds every entry there; nothing when none runs
+  // The front end has taken all entries back. Until there is a doubt about them, the next restore
+  // leaves out the tables that stand as they do now.
+  void entriesStand() { standing_.remember(); }
+  void doubtEntries() { standing_.forget(); }
   bool isRunning() const { return run_ != nullptr; }
   RestoreProgress progress() const;
 
@@ -61,6 +66,7 @@ class Restorer : public FormerEntries {
   using Step = bool (Restorer::*)(RestoreSlice& slice);
 
   void requireReady() const;
+  std::vector<uint32_t> keptTables(uint64_t deviceId);
   bool runSteps(RestoreSlice& slice);
   bool doMembers(RestoreSlice& slice);
   bool doGroups(RestoreSlice& slice);
@@ -70,6 +76,7 @@ class Restorer : public FormerEntries {
   bool doFinish(RestoreSlice& slice);
 
   const RestoreTools tools_;
+  StandingTables standing_{tools_.tableInfo};
   ConstantEntries constantEntries_{tools_};
   DamagedRecords damaged_{tools_};
   std::unique_ptr<Run> run_;     // null: none runs

@@ -28,8 +28,8 @@ std::string missingText(const Query& query) {
 
 }  // namespace
 
-google::rpc::Status ReadRun::run(const p4::v1::ReadRequest& request,
-                                 const DeviceMgr::ReadSink& sink) {
+std::optional<google::rpc::Status> ReadRun::run(const p4::v1::ReadRequest& request,
+                                                const DeviceMgr::ReadSink& sink) {
   // From before the snapshot: its entries may be deleted before they are sent.
   std::vector<Dictionary::Reading> names;
   names.reserve(index_.namedTypes().size());
@@ -37,6 +37,7 @@ google::rpc::Status ReadRun::run(const p4::v1::ReadRequest& request,
   doCheck(request);
   if (countsWanted_) _pi_counts_wanted(session_.deviceId);
   const EntryStore::Snapshot snapshot(store_, lookups());
+  if (!snapshot.isOf(index_)) return std::nullopt;
   doCheckFound(snapshot);
   idleTimeouts_.emplace(snapshot);
   if (!sendAll(snapshot, sink)) {

@@ -28,7 +28,9 @@ class ReadRun {
           ReadTurns& turns)
       : index_(index), store_(store), session_(session), turns_(turns) {}
 
-  google::rpc::Status run(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink);
+  // Nothing when another pipeline has taken the store over, before anything was sent.
+  std::optional<google::rpc::Status> run(const p4::v1::ReadRequest& request,
+                                         const DeviceMgr::ReadSink& sink);
 
  private:
   using Queries = std::vector<size_t>;

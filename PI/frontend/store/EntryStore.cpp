@@ -32,6 +32,25 @@ void EntryStore::reserve(size_t more) {
   entries_.reserve(entries_.size() + more);
 }
 
+void EntryStore::keepTables(std::span<const uint32_t> tableIds, const P4InfoIndex& model) {
+  absl::flat_hash_set<uint64_t> lists;
+  for (const uint32_t id : tableIds) lists.insert(listOf(id, false));
+  std::vector<EntryPages> gone;  // freed after the lock
+  const std::lock_guard lock(mutex_);
+  model_ = &model;
+  for (auto list = pages_.begin(); list != pages_.end();) {
+    const auto at = list++;
+    if (lists.contains(at->first)) continue;
+    for (const auto& page : at->second.list()->pages) {
+      for (const EntryPtr& entry : page->entries) {
+        if (entry) entries_.erase(EntryLookup{entry->key(), entry->key().hash()});
+      }
+    }
+    gone.push_back(std::move(at->second));
+    pages_.erase(at);
+  }
+}
+
 const Entry* EntryStore::committed(const EntryLookup& lookup) const {
   if (!kept_.empty()) {
     const auto kept = kept_.find(lookup);
@@ -133,6 +152,7 @@ EntryStore::Snapshot::Snapshot(EntryStore& store, std::span<const EntryLookup> l
   for (const EntryLookup& lookup : lookups) found_.push_back(store_.entryLocked(lookup));
   lists_.reserve(store_.pages_.size());
   for (const auto& [number, pages] : store_.pages_) lists_.emplace(number, pages.list());
+  model_ = store_.model_;
   number_ = ++store_.snapshots_.latest;
   store_.snapshots_.newestAlive = number_;
   store_.alive_.insert(number_);

@@ -24,6 +24,8 @@ struct Change {
   bool isDelete = false;
 };
 
+class P4InfoIndex;
+
 // Thread-safe; its lock is a leaf and never held while anything waits. One Write at a time.
 class EntryStore {
  public:
@@ -33,6 +35,9 @@ class EntryStore {
   void entryIs(EntryPtr entry);
   void entriesAre(std::span<EntrySlot> slots);
   void reserve(size_t more);  // room for so many
+  // Only entries of these tables stay, and they are of that model from now on. Snapshots that were
+  // made before keep all.
+  void keepTables(std::span<const uint32_t> tableIds, const P4InfoIndex& model);
 
   // For the Write in progress, which alone changes the store and sees the changes that it has kept:
   // null when nothing stands there. The pointer is good until that Write's next keep() or commit().
@@ -76,7 +81,8 @@ class EntryStore {
   Set entries_;
   absl::flat_hash_map<uint64_t, EntryPages> pages_;  // by list
   EntryPages::Snapshots snapshots_;
-  std::set<uint64_t> alive_;  // numbers of snapshots
+  std::set<uint64_t> alive_;            // numbers of snapshots
+  const P4InfoIndex* model_ = nullptr;  // null: the first one
 
   Kept kept_;  // for the Write in progress alone, without the lock
 };
@@ -93,6 +99,8 @@ class EntryStore::Snapshot {
   Snapshot& operator=(const Snapshot&) = delete;
 
   std::span<const EntryPtr> found() const { return found_; }
+  // Whether the entries are encoded by that model; another pipeline may have taken the store over.
+  bool isOf(const P4InfoIndex& model) const { return model_ == nullptr || model_ == &model; }
 
   // The table's entries, in no order.
   const EntryPages::List& table(uint32_t tableId) const;
@@ -106,6 +114,7 @@ class EntryStore::Snapshot {
 
   EntryStore& store_;
   uint64_t number_ = 0;
+  const P4InfoIndex* model_ = nullptr;
   std::vector<EntryPtr> found_;
   absl::flat_hash_map<uint64_t, std::shared_ptr<const EntryPages::List>> lists_;
 };

@@ -81,6 +81,11 @@ pi_status_t pi_table_entry_idle(pi_dev_id_t dev_id, pi_p4_id_t table_id,
 /* So many table entries are about to come, or a little more or less: for the front end to make
  * room. */
 pi_status_t pi_restore_expect(pi_dev_id_t dev_id, size_t table_entries);
+/* Before all objects, where the target has kept the entries of these tables since the front end
+ * last had all of them: under the former pipeline, which defines the tables alike. The front end
+ * takes its entries of them over, and leaves those tables in the list; the entries of these are not
+ * handed back. */
+pi_status_t pi_restore_keep(pi_dev_id_t dev_id, pi_p4_id_t* table_ids, size_t* count);
 pi_status_t pi_restore_table_entry_state(pi_dev_id_t dev_id, pi_p4_id_t table_id,
                                          const pi_match_key_t* match_key,
                                          const pi_table_entry_t* table_entry,

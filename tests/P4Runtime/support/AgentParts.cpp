@@ -56,6 +56,14 @@ pi_status_t takeBack(void* cookie, pi_dev_id_t, pi_p4_id_t table, const pi_match
   return PI_STATUS_SUCCESS;
 }
 
+pi_status_t keep(void* cookie, pi_dev_id_t, pi_p4_id_t* tables, size_t* count) {
+  const auto isLost = [&](uint32_t table) {
+    return std::ranges::count(frontEndOf(cookie).kept, table) == 0;
+  };
+  *count = std::remove_if(tables, tables + *count, isLost) - tables;
+  return PI_STATUS_SUCCESS;
+}
+
 constexpr pi_frontend_hooks_t hooks{
     [](void* cookie, pi_dev_id_t, pi_entry_handle_t handle, uint32_t code) {
       frontEndOf(cookie).settled.emplace_back(handle, code);
@@ -82,7 +90,8 @@ constexpr pi_frontend_hooks_t hooks{
       frontEndOf(cookie).restoreDone = true;
       return PI_STATUS_SUCCESS;
     },
-    nullptr};
+    nullptr,
+    keep};
 
 pi_match_key_t matchKey(const Entry& entry) {
   return {nullptr, entry.table, entry.priority, entry.key.size(),

@@ -69,6 +69,7 @@ struct FakeFrontEnd {
   std::vector<RestoredObject> members;
   std::vector<RestoredObject> groups;
   bool restoreDone = false;
+  std::vector<uint32_t> kept;  // tables whose entries it keeps from the former pipeline
   pi_status_t refusal = PI_STATUS_SUCCESS;             // of each object
   pi_status_t entryRefusal = PI_STATUS_SUCCESS;        // of entries alone
   std::vector<std::pair<uint64_t, uint32_t>> settled;  // handle and error code

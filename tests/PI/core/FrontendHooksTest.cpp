@@ -60,6 +60,10 @@ struct Frontend {
       of(cookie).push_back("expect " + std::to_string(entries));
       return PI_STATUS_SUCCESS;
     };
+    hooks.restore_keep = [](void* cookie, pi_dev_id_t, pi_p4_id_t*, size_t* count) {
+      of(cookie).push_back("keep one of " + std::to_string((*count)--));
+      return PI_STATUS_SUCCESS;
+    };
     return hooks;
   }
 };
@@ -80,15 +84,19 @@ TEST(FrontendHooks, HearWhatTheTargetReportsOnTheirDevice) {
   EXPECT_EQ(pi_restore_action_profile_group_state(1, 2, 8, members, 2, 9, "g", 1),
             PI_STATUS_ALLOC_ERROR);
   EXPECT_EQ(pi_restore_expect(1, 20), PI_STATUS_SUCCESS);
+  pi_p4_id_t tables[] = {7, 8};
+  size_t count = 2;
+  EXPECT_EQ(pi_restore_keep(1, tables, &count), PI_STATUS_SUCCESS);
+  EXPECT_EQ(count, 1u);
   EXPECT_EQ(pi_restore_table_entry_state(1, 2, &key, &entry, handle, 3, "meta", 4),
             PI_STATUS_SUCCESS);
   EXPECT_EQ(pi_constant_table_entry_state(1, 2, &key, nullptr, 18), PI_STATUS_SUCCESS);
   EXPECT_EQ(pi_restore_done(1), PI_STATUS_SUCCESS);
   EXPECT_EQ(pi_table_pending_entry_status_changed(1, &handle, 13), PI_STATUS_SUCCESS);
-  EXPECT_THAT(
-      frontend.told,
-      ElementsAre("member 5 m", "group 8 of 2 g", "expect 20", "restore key as 17 with 3 meta",
-                  "constant key is 18 as before", "done 1", "entry 17 code 13"));
+  EXPECT_THAT(frontend.told,
+              ElementsAre("member 5 m", "group 8 of 2 g", "expect 20", "keep one of 2",
+                          "restore key as 17 with 3 meta", "constant key is 18 as before", "done 1",
+                          "entry 17 code 13"));
 
   EXPECT_EQ(pi_restore_done(2), PI_STATUS_DEV_NOT_ASSIGNED);
   EXPECT_EQ(pi_frontend_hooks_clear(1), PI_STATUS_SUCCESS);
@@ -100,10 +108,15 @@ TEST(FrontendHooks, MustBeCompleteButForTheStatusAndTheNumberOfEntries) {
   pi_frontend_hooks_t hooks = Frontend::hooks();
   hooks.entry_status_changed = nullptr;
   hooks.restore_expect = nullptr;
+  hooks.restore_keep = nullptr;
   ASSERT_EQ(pi_frontend_hooks_set(1, &hooks, nullptr), PI_STATUS_SUCCESS);
   const pi_entry_handle_t handle = 17;
   EXPECT_EQ(pi_table_pending_entry_status_changed(1, &handle, 13), PI_STATUS_SUCCESS);
   EXPECT_EQ(pi_restore_expect(1, 20), PI_STATUS_SUCCESS);
+  pi_p4_id_t table = 7;
+  size_t count = 1;
+  EXPECT_NE(pi_restore_keep(1, &table, &count), PI_STATUS_SUCCESS);
+  EXPECT_EQ(count, 0u);
   EXPECT_EQ(pi_frontend_hooks_clear(1), PI_STATUS_SUCCESS);
   hooks.restore_done = nullptr;
   EXPECT_EQ(pi_frontend_hooks_set(1, &hooks, nullptr), PI_STATUS_BUFFER_ERROR);

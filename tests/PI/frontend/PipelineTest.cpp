@@ -177,6 +177,41 @@ TEST_F(PipelineTest, RestoredEntriesThatDoNotFitAreRefused) {
   EXPECT_EQ(device->pipeline()->store().size(), 0u);
 }
 
+// A push that changes one of many tables: the target need not hand the others' entries back.
+TEST_F(PipelineTest, EntriesOfTablesThatStandAlikeGoOver) {
+  pipelineIsUp();
+  const TableEntry counted = test::exact(test::kCounted, 1);
+  for (const TableEntry& entry : {counted, test::ipv4(1, 0x0a000000, 8, 5), test::acl(1, 1, 7)}) {
+    ASSERT_EQ(inserted(entry).code(), code::ok);
+  }
+  p4::v1::ForwardingPipelineConfig next = config;
+  for (auto& table : *next.mutable_p4info()->mutable_tables()) {
+    if (table.preamble().id() == test::kAcl) table.set_size(table.size() + 1);
+  }
+  for (auto& action : *next.mutable_p4info()->mutable_actions()) {
+    if (action.preamble().id() == test::kForward) action.mutable_params(0)->set_bitwidth(10);
+  }
+  const auto keptOf = [](std::vector<pi_p4_id_t> ids) {
+    size_t count = ids.size();
+    EXPECT_EQ(pi_restore_keep(1, ids.data(), &count), PI_STATUS_SUCCESS);
+    ids.resize(count);
+    return ids;
+  };
+  const std::vector<pi_p4_id_t> all{test::kAcl,   test::kCounted, test::kConst,  test::kIpv4,
+                                    test::kPlain, 0x02000099,     test::kInitial};
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, next).code(), code::ok);
+  EXPECT_THAT(keptOf(all), ElementsAre(test::kCounted))
+      << "others have another size or action, or entries that come with the pipeline";
+  EXPECT_THAT(keptOf(all), IsEmpty()) << "the former pipeline has nothing left";
+  ASSERT_EQ(pi_restore_done(1), PI_STATUS_SUCCESS);
+  EXPECT_THAT(found(test::query(0)), ElementsAre(EqualsProto(counted)));
+  EXPECT_EQ(written({test::update(Update::MODIFY, counted)}).code(), code::ok);
+
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, next).code(), code::ok);
+  EXPECT_THAT(keptOf(all), IsEmpty()) << "the former pipeline never had its entries";
+}
+
 TEST_F(PipelineTest, ConstantAndInitialEntriesAreTakenOver) {
   ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
   target.rowIs({test::kConst, 0, "\1"s}, {60, test::kDrop, ""});

@@ -40,6 +40,9 @@ typedef struct {
   pi_status_t (*restore_done)(void* cookie, pi_dev_id_t dev_id);
   /* NULL for a front end that needs no word ahead. */
   pi_status_t (*restore_expect)(void* cookie, pi_dev_id_t dev_id, size_t table_entries);
+  /* NULL for a front end that keeps nothing. */
+  pi_status_t (*restore_keep)(void* cookie, pi_dev_id_t dev_id, pi_p4_id_t* table_ids,
+                              size_t* count);
   /* NULL for a front end that passes no digests on, or no idle entries. */
   pi_status_t (*digest_message)(void* cookie, pi_dev_id_t dev_id, pi_p4_id_t digest_id,
                                 const char* data, size_t size);

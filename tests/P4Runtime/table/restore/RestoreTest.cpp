@@ -397,5 +397,40 @@ TEST_F(RestoreTest, CanBeDoneAgainInTheSameProcess) {
   EXPECT_THAT(agent().frontEnd.restored, testing::SizeIs(1));
 }
 
+// The front end keeps the entries of tables on which two pipelines agree.
+TEST_F(RestoreTest, LeavesOutTablesThatStandUntilThereIsADoubt) {
+  const uint64_t handle = agent().program(exactEntry(1));
+  const Entry acl{aclTable, bytes("0a000000 ff000000 0050 ffff 06"), drop, "", 258};
+  agent().program(acl);
+  agent().frontEnd.kept = {exactTable, groupTable};
+  const auto expectRestored = [&](size_t count, const char* why) {
+    SCOPED_TRACE(why);
+    agent().frontEnd.restored.clear();
+    restore();
+    EXPECT_THAT(agent().frontEnd.restored, testing::SizeIs(count));
+    EXPECT_EQ(agent().handleOf(exactEntry(1)), handle);
+    EXPECT_NE(agent().handleOf(acl), 0u);
+  };
+  expectRestored(2, "the process has just begun");
+  const auto& tables = agent().tableImpl;
+  tables->entriesStand();
+  expectRestored(1, "they stood");
+  expectRestored(2, "that restore may have failed");
+
+  tables->entriesStand();
+  tables->restoreNeededIs(true);
+  expectRestored(2, "a batch whose outcome is not known");
+  tables->restoreNeededIs(false);
+
+  tables->entriesStand();
+  agent().pipelineIs(pipelineOf(smallP4Info(), smallDeviceConfig()));
+  expectRestored(1, "the same pipeline once more");
+  tables->entriesStand();
+  agent().pipelineIs(
+      pipelineOf(replaced(smallP4Info(), "size: 4", "size: 5"), smallDeviceConfig()));
+  expectRestored(1, "another size");
+  EXPECT_GT(agent().program(exactEntry(2)), handle);
+}
+
 }  // namespace
 }  // namespace P4Runtime
