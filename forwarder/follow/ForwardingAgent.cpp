@@ -122,7 +122,8 @@ void ForwardingAgent::tableAdded(const Lattice::FollowedTable& followed) {
     if (held) forgetFollowed(*held);
     ++tablesVersion_;
     held = std::make_unique<Held>(
-        Held{ProgrammedTable(followed.name, followed.type), TableRules(rules_, followed.name)});
+        Held{ProgrammedTable(followed.name, followed.type, plane_ != nullptr),
+             TableRules(rules_, followed.name)});
   }
   followed_[&followed] = held.get();
 }
@@ -178,9 +179,12 @@ void ForwardingAgent::sweepAll() {
 // Removes the rows that the snapshot lacks. In a new state directory, a row that stays may have the
 // entry handle of a row that goes: its count is published again.
 void ForwardingAgent::sweep(ProgrammedTable& table, bool isLast) {
+  const auto isErased = [&](const StoredRow& row) {
+    return !plane_ || plane_->erase(table, row.key(), table.rows()->place(row)).isTaken();
+  };
   const size_t swept = table.rows()->sweep([&](const StoredRow& row) {
     if (row.snapshot == snapshotNumber_) return false;
-    if (plane_ && !plane_->erase(table, row.key()).isTaken() && !isLast) return false;
+    if (!isErased(row) && !isLast) return false;
     flows_.forgetRow(table, row);
     return true;
   });
@@ -280,18 +284,29 @@ ForwardingAgent::Verdict ForwardingAgent::writeRow(Held& held, const Lattice::Ro
             fmt::format("table {} is full: its capacity is {} rows", table.name(), capacity)};
   }
   const Outcome outcome = former ? Outcome::replaced : Outcome::inserted;
+  RowPlace place = nullptr;
   if (plane_) {
-    const PlaneVerdict taken =
-        plane_->write(table, {.key = change.key,
-                              .value = change.value,
-                              .former = former ? std::optional(former->value()) : std::nullopt,
-                              .entryHandle = change.entryHandle});
+    const PlaneVerdict taken = writePlane(table, change, former);
     if (!taken.isTaken()) return refusedByPlane(table, taken);
+    place = taken.place;
   }
   StoredRow& row = table.rows()->rowIs(change.key, change.value);
+  table.rows()->placeIs(row, place);
   row.snapshot = snapshotNumber_;
   handleFlow(table, row, change.entryHandle, formerCounters);
   return {.outcome = outcome};
+}
+
+PlaneVerdict ForwardingAgent::writePlane(const ProgrammedTable& table,
+                                         const Lattice::RowChange& change,
+                                         const StoredRow* former) {
+  PlaneRow row{
+      .key = change.key, .value = change.value, .former = {}, .entryHandle = change.entryHandle};
+  if (former != nullptr) {
+    row.former = former->value();
+    row.place = table.rows()->place(*former);
+  }
+  return plane_->write(table, row);
 }
 
 void ForwardingAgent::handleFlow(const ProgrammedTable& table, const StoredRow& row,
@@ -311,7 +326,7 @@ ForwardingAgent::Verdict ForwardingAgent::deleteRow(Held& held, std::string_view
   if (!row) return {};
   if (auto failure = maybeFail(held, key)) return *std::move(failure);
   if (plane_) {
-    const PlaneVerdict taken = plane_->erase(held.table, key);
+    const PlaneVerdict taken = plane_->erase(held.table, key, held.table.rows()->place(*row));
     if (!taken.isTaken()) return refusedByPlane(held.table, taken);
   }
   flows_.forgetRow(held.table, *row);

@@ -123,6 +123,8 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void report(const Lattice::RowChange& change, Verdict&& verdict);
   void handleFlow(const ProgrammedTable& table, const StoredRow& row, uint64_t entryHandle,
                   const FlowBook::CounterColumns& former);
+  PlaneVerdict writePlane(const ProgrammedTable& table, const Lattice::RowChange& change,
+                          const StoredRow* former);
   static Verdict refusedByPlane(const ProgrammedTable& table, const PlaneVerdict& verdict);
   Verdict writeRow(Held& held, const Lattice::RowChange& change);
   Verdict deleteRow(Held& held, std::string_view key);

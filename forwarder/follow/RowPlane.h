@@ -17,6 +17,7 @@ struct PlaneRow {
   std::string_view value;
   std::optional<std::string_view> former;  // the row's value until now; nothing: a new row
   uint64_t entryHandle = 0;                // 0: not known, or as it was
+  RowPlace place = nullptr;                // as the plane gave it; null: it must look the row up
 };
 
 struct PlaneVerdict {
@@ -25,6 +26,8 @@ struct PlaneVerdict {
   // The row refers to a row that may come later in the same pass, or one that still refers to it
   // may go: worth another try.
   bool mayBecomeTrue = false;
+  // Of the row that was taken, until the row is erased or rebuild() begins; null: it has none.
+  RowPlace place = nullptr;
 
   bool isTaken() const { return errorCode == 0; }
 };
@@ -36,12 +39,14 @@ class RowPlane {
   virtual ~RowPlane() = default;
 
   // Whether another program is to be executed. While it is, no row is written or deleted before
-  // rebuild(), which takes all rows of the tables. Packets meet the program from commit() on.
+  // rebuild(), which takes all rows of the tables and sets their places. Packets meet the program
+  // from commit() on.
   virtual bool isStale() = 0;
   virtual void rebuild(const std::vector<const ProgrammedTable*>& tables) = 0;
 
   virtual PlaneVerdict write(const ProgrammedTable& table, const PlaneRow& row) = 0;
-  virtual PlaneVerdict erase(const ProgrammedTable& table, std::string_view key) = 0;
+  virtual PlaneVerdict erase(const ProgrammedTable& table, std::string_view key,
+                             RowPlace place) = 0;
   virtual void eraseAll(const ProgrammedTable& table) = 0;
   // The row of a table with a counter counts from these numbers on, under its flow's handle.
   virtual void countsAre(const ProgrammedTable& table, std::string_view key,

@@ -31,42 +31,55 @@ EntryTable::EntryTable(P4::Engine& engine, uint32_t position, const Lattice::Tab
       keys_(type, engine.program().tables[position], position),
       idle_(idle) {}
 
-P4::Target EntryTable::targetOf(const RowValue& value) const {
-  if (table().profile == P4::absent) return actions_.specOf(value);
-  if (value.numbers.size() < 2) {
+// Actions take turns with the memory of their arguments.
+void EntryTable::readTarget() {
+  if (table().profile == P4::absent) {
+    if (!std::holds_alternative<P4::ActionSpec>(target_)) target_.emplace<P4::ActionSpec>();
+    auto& spec = std::get<P4::ActionSpec>(target_);
+    spec.action = actions_.positionOf(value_.actionId);
+    spec.arguments.swap(value_.arguments);
+    return;
+  }
+  if (value_.numbers.size() < 2) {
     throw P4::Refusal(P4::RefusalKind::invalid, "its rows name no member and no group");
   }
-  const auto id = static_cast<uint32_t>(value.numbers[0]);
-  return value.numbers[1] != 0 ? P4::Target(P4::GroupId{id}) : P4::Target(P4::MemberId{id});
+  const auto id = static_cast<uint32_t>(value_.numbers[0]);
+  target_ = value_.numbers[1] != 0 ? P4::Target(P4::GroupId{id}) : P4::Target(P4::MemberId{id});
 }
 
-void EntryTable::write(const PlaneRow& row) {
+RowPlace EntryTable::writePlaced(const PlaneRow& row) {
   readValue(type_, row.value, &value_);
   P4::Entry* entry = put(row);
-  if (entry == nullptr) return;
+  if (entry == nullptr) return nullptr;
   if (row.entryHandle != 0) entry->cookie = row.entryHandle;
   if (entry->meter) maybeSetMeter(*entry, row);
-  if (idle_ == nullptr) return;
+  if (idle_ == nullptr) return entry;
   uint64_t& handle = idle_->handles[std::string(row.key)];
   if (row.entryHandle != 0) handle = row.entryHandle;
   entry->cookie = handle;
   const auto timeToLive = idle_->timeToLive.find(std::string(row.key));
   if (timeToLive != idle_->timeToLive.end()) timeToLiveIs(*entry, timeToLive->second);
+  return entry;
 }
 
 // The program puts the entries of an immutable table in itself.
 P4::Entry* EntryTable::put(const PlaneRow& row) {
-  const P4::EntryKey& key = keys_.read(row.key);
   P4::TableStore& tables = engine_.tables();
-  if (table().immutable) return tables.find(key);
-  const P4::Target target = targetOf(value_);
-  if (!row.former) return &tables.insert(key, target, 0, row.entryHandle);
+  if (table().immutable) return tables.find(keys_.read(row.key));
+  readTarget();
+  if (row.place != nullptr) {
+    auto* entry = static_cast<P4::Entry*>(row.place);
+    tables.modify(*entry, target_);
+    return entry;
+  }
+  const P4::EntryKey& key = keys_.read(row.key);
+  if (!row.former) return &tables.insert(key, target_, 0, row.entryHandle);
   try {
-    return &tables.modify(key, target);
+    return &tables.modify(key, target_);
   } catch (const P4::Refusal& refusal) {
     // A row that an earlier program had no place for.
     if (refusal.kind() != P4::RefusalKind::notFound || tables.find(key) != nullptr) throw;
-    return &tables.insert(key, target, 0, row.entryHandle);
+    return &tables.insert(key, target_, 0, row.entryHandle);
   }
 }
 
@@ -80,14 +93,15 @@ void EntryTable::maybeSetMeter(P4::Entry& entry, const PlaneRow& row) {
   engine_.tables().setMeter(entry, rates);
 }
 
-void EntryTable::erase(std::string_view key) {
-  if (!table().immutable) doRemove(keys_.read(key));
+void EntryTable::erasePlaced(std::string_view key, RowPlace place) {
+  if (!table().immutable) doRemove(key, static_cast<P4::Entry*>(place));
   if (idle_ != nullptr) idle_->handles.erase(std::string(key));
 }
 
-void EntryTable::doRemove(const P4::EntryKey& key) {
+void EntryTable::doRemove(std::string_view key, P4::Entry* entry) {
+  if (entry != nullptr) return engine_.tables().remove(*entry);
   try {
-    engine_.tables().remove(key);
+    engine_.tables().remove(keys_.read(key));
   } catch (const P4::Refusal& refusal) {
     // A row that an earlier program had no place for.
     if (refusal.kind() != P4::RefusalKind::notFound) throw;

@@ -25,8 +25,10 @@ class EntryTable final : public PlaneTable {
   EntryTable(P4::Engine& engine, uint32_t position, const Lattice::TableType& type,
              const ProgramNames& names, IdleBook* idle);
 
-  void write(const PlaneRow& row) override;
-  void erase(std::string_view key) override;
+  void write(const PlaneRow& row) override { writePlaced(row); }
+  void erase(std::string_view key) override { erasePlaced(key, nullptr); }
+  RowPlace writePlaced(const PlaneRow& row) override;  // the engine's entry
+  void erasePlaced(std::string_view key, RowPlace place) override;
   void countsAre(std::string_view key, const RowFlow& flow) override;
   bool eachCount(size_t most, const CountsOf& each) override;
   void retellCounts() override { isRetelling_ = true; }
@@ -34,10 +36,10 @@ class EntryTable final : public PlaneTable {
 
  private:
   const P4::Table& table() const { return engine_.program().tables[position_]; }
-  P4::Target targetOf(const RowValue& value) const;
+  void readTarget();
   P4::Entry* put(const PlaneRow& row);
   void timeToLiveIs(P4::Entry& entry, uint64_t microseconds);
-  void doRemove(const P4::EntryKey& key);
+  void doRemove(std::string_view key, P4::Entry* entry);
   void maybeSetMeter(P4::Entry& entry, const PlaneRow& row);
 
   P4::Engine& engine_;
@@ -46,7 +48,8 @@ class EntryTable final : public PlaneTable {
   const ActionPositions actions_;
   KeyReader keys_;
   IdleBook* const idle_;
-  RowValue value_;
+  RowValue value_;     // of the row being written
+  P4::Target target_;  // of that row
   size_t nextCount_ = 0;
   bool isRetelling_ = false;
 };

@@ -136,6 +136,7 @@ void Plane::addRows(const std::vector<const ProgrammedTable*>& tables) {
                                                .value = row.value(),
                                                .former = {},
                                                .entryHandle = flow ? flow->entryHandle : 0});
+    table.rows()->placeIs(row, verdict.place);
     if (!verdict.isTaken()) refused.push_back({&table, &row, verdict.message});
     if (verdict.isTaken() && flow) countsAre(table, row.key(), *flow);
   };
@@ -161,17 +162,18 @@ PlaneTable* Plane::tableOf(const ProgrammedTable& table) {
 PlaneVerdict Plane::write(const ProgrammedTable& table, const PlaneRow& row) {
   if (!engine_) return {};
   try {
-    if (PlaneTable* rows = tableOf(table)) rows->write(row);
-    return {};
+    PlaneVerdict taken;
+    if (PlaneTable* rows = tableOf(table)) taken.place = rows->writePlaced(row);
+    return taken;
   } catch (const P4::Refusal& refusal) {
     return verdictOf(refusal);
   }
 }
 
-PlaneVerdict Plane::erase(const ProgrammedTable& table, std::string_view key) {
+PlaneVerdict Plane::erase(const ProgrammedTable& table, std::string_view key, RowPlace place) {
   if (!engine_) return {};
   try {
-    if (PlaneTable* rows = tableOf(table)) rows->erase(key);
+    if (PlaneTable* rows = tableOf(table)) rows->erasePlaced(key, place);
     return {};
   } catch (const P4::Refusal& refusal) {
     return verdictOf(refusal);
@@ -182,7 +184,8 @@ void Plane::eraseAll(const ProgrammedTable& table) {
   const auto known = tables_.find(&table);
   if (known == tables_.end()) return;
   if (known->second && !isFresh_ && table.rows()) {
-    table.rows()->forEach([&](const StoredRow& row) { erase(table, row.key()); });
+    table.rows()->forEach(
+        [&](const StoredRow& row) { erase(table, row.key(), table.rows()->place(row)); });
     known->second->finish();
   }
   if (known->second) maker_->forget(*known->second);

@@ -42,7 +42,7 @@ class Plane final : public RowPlane {
   bool hasNewPush() const { return source_.isNew(); }  // that isStale() has not taken
   void rebuild(const std::vector<const ProgrammedTable*>& tables) override;
   PlaneVerdict write(const ProgrammedTable& table, const PlaneRow& row) override;
-  PlaneVerdict erase(const ProgrammedTable& table, std::string_view key) override;
+  PlaneVerdict erase(const ProgrammedTable& table, std::string_view key, RowPlace place) override;
   void eraseAll(const ProgrammedTable& table) override;
   void countsAre(const ProgrammedTable& table, std::string_view key, const RowFlow& flow) override;
   void commit() override;

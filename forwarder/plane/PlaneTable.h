@@ -16,6 +16,9 @@ class PlaneTable {
   virtual ~PlaneTable() = default;
   virtual void write(const PlaneRow& row) = 0;
   virtual void erase(std::string_view key) = 0;
+  // The same for rows with places; see RowPlane.
+  virtual RowPlace writePlaced(const PlaneRow& row) { return write(row), nullptr; }
+  virtual void erasePlaced(std::string_view key, RowPlace) { erase(key); }
   // Before a commit: for objects of several rows.
   virtual void finish() {}
   virtual void countsAre(std::string_view, const RowFlow&) {}

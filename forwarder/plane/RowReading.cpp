@@ -138,12 +138,16 @@ void readValue(const Lattice::TableType& type, std::string_view value, RowValue*
 }
 
 P4::ActionSpec ActionPositions::specOf(const RowValue& value) const {
-  const auto found = positions_.find(value.actionId);
+  return {.action = positionOf(value.actionId), .arguments = value.arguments};
+}
+
+uint32_t ActionPositions::positionOf(uint32_t actionId) const {
+  const auto found = positions_.find(actionId);
   if (found == positions_.end() || !found->second) {
-    throw P4::Refusal(P4::RefusalKind::invalid, "the program has no action with id " +
-                                                    std::to_string(value.actionId) + " here");
+    throw P4::Refusal(P4::RefusalKind::invalid,
+                      "the program has no action with id " + std::to_string(actionId) + " here");
   }
-  return {.action = *found->second, .arguments = value.arguments};
+  return *found->second;
 }
 
 }  // namespace Forwarder

@@ -66,8 +66,9 @@ class ActionPositions {
     }
   }
 
-  // Throws P4::Refusal.
+  // Both throw P4::Refusal.
   P4::ActionSpec specOf(const RowValue& value) const;
+  uint32_t positionOf(uint32_t actionId) const;
 
  private:
   std::map<uint32_t, std::optional<uint32_t>> positions_;

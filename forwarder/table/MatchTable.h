@@ -33,7 +33,9 @@ class MatchTable {
   void loadRow(std::string_view key) const { rows_.loadRow(key); }
   // Any row by a number below rowCount(). Numbers change when rows leave.
   StoredRow& rowAt(size_t number) const { return rows_.at(number); }
-  RowFlow* flow(const StoredRow& row) const { return rows_.flow(row); }  // null unless counted
+  RowFlow* flow(const StoredRow& row) const { return rows_.flow(row); }    // null unless counted
+  RowPlace place(const StoredRow& row) const { return rows_.place(row); }  // null unless placed
+  void placeIs(const StoredRow& row, RowPlace place) { rows_.placeIs(row, place); }
   // Inserts or replaces. `key` has passed MatchLayout::checkKey().
   StoredRow& rowIs(std::string_view key, std::string_view value);
   void rowDel(const StoredRow& row);  // a row of this table
@@ -47,7 +49,7 @@ class MatchTable {
   virtual const StoredRow* lookup(std::span<const uint8_t> packet) const = 0;
 
  protected:
-  MatchTable(const MatchLayout& layout, bool counted) : layout_(layout), rows_(counted) {}
+  MatchTable(const MatchLayout& layout, RowExtras extras) : layout_(layout), rows_(extras) {}
   const RowSet& rows() const { return rows_; }
 
  private:
@@ -62,7 +64,7 @@ class MatchTable {
   };
 };
 
-// The structure that fits the layout's kind. `counted`: its rows have flows.
-std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout, bool counted = false);
+// The structure that fits the layout's kind.
+std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout, RowExtras extras = {});
 
 }  // namespace Forwarder

@@ -9,7 +9,7 @@ namespace {
 // Without masks and prefixes a packet's fields are the key: the hash table of rows is enough.
 class ExactTable final : public MatchTable {
  public:
-  ExactTable(const MatchLayout& layout, bool counted) : MatchTable(layout, counted) {}
+  ExactTable(const MatchLayout& layout, RowExtras extras) : MatchTable(layout, extras) {}
   const StoredRow* lookup(std::span<const uint8_t> packet) const override {
     return row({reinterpret_cast<const char*>(packet.data()), packet.size()});
   }
@@ -17,16 +17,16 @@ class ExactTable final : public MatchTable {
 
 }  // namespace
 
-std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout, bool counted) {
+std::unique_ptr<MatchTable> matchTableFactory(const MatchLayout& layout, RowExtras extras) {
   switch (layout.kind()) {
     case MatchKind::longestPrefix:
-      return std::make_unique<PrefixTable>(layout, counted);
+      return std::make_unique<PrefixTable>(layout, extras);
     case MatchKind::ternary:
-      return std::make_unique<TernaryTable>(layout, counted);
+      return std::make_unique<TernaryTable>(layout, extras);
     case MatchKind::exact:
       break;
   }
-  return std::make_unique<ExactTable>(layout, counted);
+  return std::make_unique<ExactTable>(layout, extras);
 }
 
 }  // namespace Forwarder

@@ -11,7 +11,7 @@ namespace Forwarder {
 
 using Lattice::IpGenPrefix;
 
-PrefixTable::PrefixTable(const MatchLayout& layout, bool counted) : MatchTable(layout, counted) {
+PrefixTable::PrefixTable(const MatchLayout& layout, RowExtras extras) : MatchTable(layout, extras) {
   for (const MatchField& field : layout.fields()) {
     if (field.kind == MatchField::Kind::prefix) prefixOffset_ = field.keyOffset;
   }

@@ -11,7 +11,7 @@ namespace Forwarder {
 // a few dozen probes in real tables. Programming costs as much as in an exact table.
 class PrefixTable final : public MatchTable {
  public:
-  PrefixTable(const MatchLayout& layout, bool counted);
+  PrefixTable(const MatchLayout& layout, RowExtras extras);
   const StoredRow* lookup(std::span<const uint8_t> packet) const override;
 
  private:

@@ -21,11 +21,12 @@ std::string faultText(const Lattice::ValueFit& fit, size_t valueSize) {
 
 }  // namespace
 
-ProgrammedTable::ProgrammedTable(std::string name, std::shared_ptr<const Lattice::TableType> type)
+ProgrammedTable::ProgrammedTable(std::string name, std::shared_ptr<const Lattice::TableType> type,
+                                 bool placed)
     : name_(std::move(name)), type_(std::move(type)) {
   if (!type_) return;
   hasCounter_ = Lattice::isCounted(*type_);
-  rows_ = matchTableFactory(MatchLayout(*type_), hasCounter_);
+  rows_ = matchTableFactory(MatchLayout(*type_), {.counted = hasCounter_, .placed = placed});
 }
 
 void ProgrammedTable::checkKey(std::string_view key) const {

@@ -12,8 +12,9 @@ namespace Forwarder {
 // Threads: one at a time.
 class ProgrammedTable {
  public:
-  // `type` may be null: then no row of the table can be read.
-  ProgrammedTable(std::string name, std::shared_ptr<const Lattice::TableType> type);
+  // `type` may be null: then no row of the table can be read. `placed`: its rows have places.
+  ProgrammedTable(std::string name, std::shared_ptr<const Lattice::TableType> type,
+                  bool placed = false);
 
   const std::string& name() const { return name_; }
   const Lattice::TableType* type() const { return type_.get(); }

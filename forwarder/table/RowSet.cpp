@@ -16,10 +16,11 @@ RowSet::Probe RowSet::probeOf(std::string_view key) {
 }
 
 StoredRow* RowSet::allocateRow(std::string_view key, std::string_view value) const {
-  auto* memory =
-      static_cast<char*>(::operator new(flowSize_ + sizeof(StoredRow) + key.size() + value.size()));
-  if (flowSize_ > 0) new (memory) RowFlow;
-  auto* row = new (memory + flowSize_) StoredRow;
+  auto* memory = static_cast<char*>(
+      ::operator new(extrasSize_ + sizeof(StoredRow) + key.size() + value.size()));
+  auto* row = new (memory + extrasSize_) StoredRow;
+  if (RowFlow* counts = flow(*row)) new (counts) RowFlow;
+  placeIs(*row, nullptr);
   row->keySize = static_cast<uint32_t>(key.size());
   row->valueSize = static_cast<uint32_t>(value.size());
   char* bytes = reinterpret_cast<char*>(row + 1);
@@ -28,9 +29,7 @@ StoredRow* RowSet::allocateRow(std::string_view key, std::string_view value) con
   return row;
 }
 
-void RowSet::freeRow(StoredRow* row) const {
-  ::operator delete(reinterpret_cast<char*>(row) - flowSize_);
-}
+void RowSet::freeRow(StoredRow* row) const { ::operator delete(begin(*row)); }
 
 void RowSet::numberDel(const StoredRow& row) {
   StoredRow* last = rows_.back();
@@ -69,7 +68,7 @@ RowSet::Written RowSet::rowIs(std::string_view key, std::string_view value,
   }
   written = {.row = allocateRow(key, value), .moved = true};
   written.row->number = former->number;
-  if (flowSize_ > 0) *flow(*written.row) = *flow(*former);
+  std::memcpy(begin(*written.row), begin(*former), extrasSize_);
   rows_[former->number] = written.row;
   leaving(*former);
   const_cast<Slot&>(*slot).row = written.row;  // its hash and key are as before

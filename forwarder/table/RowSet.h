@@ -30,13 +30,24 @@ struct RowFlow {
   uint64_t packets = 0;
 };
 
+// What lies in front of each row.
+struct RowExtras {
+  bool counted = false;  // a RowFlow
+  bool placed = false;   // a RowPlace
+};
+
+// The place of a row with another owner, who finds it there without a look-up. Null: not known.
+using RowPlace = void*;
+
 // Threads: one at a time.
 // Lifetime: the set owns its rows. A row keeps its address until it is deleted, or replaced by one
-// of another size; its flow goes with it.
+// of another size; its flow and place go with it.
 // Errors: refuses nothing but for want of memory (std::bad_alloc).
 class RowSet {
  public:
-  explicit RowSet(bool counted = false) : flowSize_(counted ? sizeof(RowFlow) : 0) {}
+  explicit RowSet(RowExtras extras = {})
+      : placeSize_(extras.placed ? sizeof(RowPlace) : 0),
+        extrasSize_(placeSize_ + (extras.counted ? sizeof(RowFlow) : 0)) {}
   ~RowSet();
   RowSet(const RowSet&) = delete;
   RowSet& operator=(const RowSet&) = delete;
@@ -60,8 +71,15 @@ class RowSet {
   StoredRow& at(size_t number) const { return *rows_[number]; }  // below size(); moves as rows go
   // Null unless the rows are counted.
   RowFlow* flow(const StoredRow& row) const {
-    if (flowSize_ == 0) return nullptr;
+    if (extrasSize_ == placeSize_) return nullptr;
     return reinterpret_cast<RowFlow*>(const_cast<StoredRow*>(&row)) - 1;
+  }
+  // Null, and nothing, unless the rows are placed.
+  RowPlace place(const StoredRow& row) const {
+    return placeSize_ == 0 ? nullptr : *reinterpret_cast<RowPlace*>(begin(row));
+  }
+  void placeIs(const StoredRow& row, RowPlace place) const {
+    if (placeSize_ != 0) *reinterpret_cast<RowPlace*>(begin(row)) = place;
   }
 
   template <typename Visit>
@@ -117,7 +135,12 @@ class RowSet {
   void freeRow(StoredRow* row) const;
   void numberDel(const StoredRow& row);  // the last row takes its number
 
-  const size_t flowSize_;
+  char* begin(const StoredRow& row) const {  // of its memory
+    return reinterpret_cast<char*>(const_cast<StoredRow*>(&row)) - extrasSize_;
+  }
+
+  const size_t placeSize_;
+  const size_t extrasSize_;       // place, then flow
   std::vector<StoredRow*> rows_;  // by number
   absl::flat_hash_set<Slot, HashOfSlot, SameKey> slots_;
 };

@@ -18,7 +18,7 @@ namespace Forwarder {
 // win.
 class TernaryTable final : public MatchTable {
  public:
-  TernaryTable(const MatchLayout& layout, bool counted) : MatchTable(layout, counted) {}
+  TernaryTable(const MatchLayout& layout, RowExtras extras) : MatchTable(layout, extras) {}
   const StoredRow* lookup(std::span<const uint8_t> packet) const override;
 
  private:

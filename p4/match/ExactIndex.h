@@ -20,7 +20,8 @@ class ExactIndex {
     const auto found = entries_.find(KeyView{entry.value()});
     return found == entries_.end() ? nullptr : *found;
   }
-  void insert(Entry* entry) { entries_.insert(entry); }
+  // False, and nothing is done, when there is such an entry.
+  bool maybeInsert(Entry* entry) { return entries_.insert(entry).second; }
   void remove(Entry* entry) { entries_.erase(entry); }
 
  private:

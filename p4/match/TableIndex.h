@@ -31,10 +31,20 @@ class TableIndex {
     return std::get<TupleSpace>(index_).same(entry);
   }
   void insert(Entry* entry) {
-    if (auto* exact = std::get_if<ExactIndex>(&index_)) return exact->insert(entry);
-    if (auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_))
-      return (*prefix)->insert(entry);
-    std::get<TupleSpace>(index_).insert(entry);
+    if (auto* exact = std::get_if<ExactIndex>(&index_)) {
+      exact->maybeInsert(entry);
+    } else if (auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_)) {
+      (*prefix)->insert(entry);
+    } else {
+      std::get<TupleSpace>(index_).insert(entry);
+    }
+  }
+  // False, and nothing is done, when there is such an entry.
+  bool maybeInsert(Entry* entry) {
+    if (auto* exact = std::get_if<ExactIndex>(&index_)) return exact->maybeInsert(entry);
+    if (same(*entry) != nullptr) return false;
+    insert(entry);
+    return true;
   }
   void remove(Entry* entry) {
     if (auto* exact = std::get_if<ExactIndex>(&index_)) return exact->remove(entry);

@@ -37,7 +37,12 @@ void Sides::note(Kind kind, Entry* entry, const Outcome& outcome, size_t other) 
   apply(noted_.back(), side_[1 - active_.load(std::memory_order_relaxed)]);
 }
 
-void Sides::insert(Entry* entry) { note(Kind::insert, entry); }
+bool Sides::maybeInsert(Entry* entry) {
+  Side& side = side_[1 - active_.load(std::memory_order_relaxed)];
+  if (!side.tables[entry->table].maybeInsert(entry)) return false;
+  noted_.push_back({Kind::insert, entry, {}, 0});
+  return true;
+}
 void Sides::remove(Entry* entry) { note(Kind::remove, entry); }
 void Sides::setOutcome(Entry* entry, const Outcome& outcome) {
   note(Kind::outcome, entry, outcome);

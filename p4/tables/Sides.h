@@ -22,7 +22,7 @@ class Sides {
   void leave() { inside_.store(0, std::memory_order_release); }
 
   // --- the writer
-  void insert(Entry* entry);
+  bool maybeInsert(Entry* entry);  // false, and nothing is done: there is such an entry
   void remove(Entry* entry);
   void setOutcome(Entry* entry, const Outcome& outcome);
   void change(Change change);  // any other

@@ -62,9 +62,8 @@ void TableStore::addConstantEntries(uint32_t table) {
           entry->prefixLength = constant.match[field].prefixLength;
       entry->ownAction = encodeAction(program_, constant.action);
       entry->outcome[0] = entry->outcome[1] = {.action = entry->ownAction.get()};
-      if (sides_.staged().tables[table].same(*entry))
+      if (!maybeAdd(entry, table))
         refuse(RefusalKind::alreadyExists, info, "has two equal entries");
-      add(std::move(entry), {.table = table});
     } catch (const Refusal& refusal) {
       throw ProgramError("pipelines, table " + info.name + ", entries[" + std::to_string(i) + "]",
                          refusal.what());
@@ -121,14 +120,15 @@ Outcome TableStore::outcomeOf(const Table& table, const Target& target, ActionDa
   return store.insertOneShot(std::get<OneShotSet>(target));
 }
 
-Entry& TableStore::add(Entry::Ptr entry, const EntryKey& key) {
-  Held& held = tables_[key.table];
-  entry->table = key.table;
+// Takes the entry, unless there is such a one.
+bool TableStore::maybeAdd(Entry::Ptr& entry, uint32_t table) {
+  entry->table = table;
+  if (!sides_.maybeInsert(entry.get())) return false;
+  Held& held = tables_[table];
   entry->handle = held.handles.take();
   entry->position = static_cast<uint32_t>(held.entries.size());
-  held.entries.push_back(entry.get());
-  sides_.insert(entry.get());
-  return *entry.release();
+  held.entries.push_back(entry.release());
+  return true;
 }
 
 Entry& TableStore::insert(const EntryKey& key, const Target& target, uint64_t timeToLive,
@@ -137,16 +137,25 @@ Entry& TableStore::insert(const EntryKey& key, const Target& target, uint64_t ti
   Entry::Ptr entry = keyOf(key);
   checkWritable(key.table);
   const Table& table = program_.tables[key.table];
-  if (staged(*entry)) refuse(RefusalKind::alreadyExists, table, "has such an entry already");
-  if (tables_[key.table].entries.size() >= table.maxSize)
+  const auto refuseEqual = [&table] {
+    refuse(RefusalKind::alreadyExists, table, "has such an entry already");
+  };
+  if (tables_[key.table].entries.size() >= table.maxSize) {
+    if (staged(*entry)) refuseEqual();
     refuse(RefusalKind::full, table, "is full with " + std::to_string(table.maxSize) + " entries");
+  }
   const Outcome outcome = outcomeOf(table, target, entry->ownAction);
   entry->outcome[0] = entry->outcome[1] = outcome;
   entry->timeToLive = timeToLive;
   entry->cookie = cookie;
   if (table.meters != absent) entry->meter = std::make_unique<Meter>();
+  Entry& added = *entry;
+  if (!maybeAdd(entry, key.table)) {
+    if (table.profile != absent) profiles_[table.profile]->removeOneShot(outcome);
+    refuseEqual();
+  }
   if (table.profile != absent) profiles_[table.profile]->use(outcome, 1);
-  return add(std::move(entry), key);
+  return added;
 }
 
 // The entry no longer points where it did.
@@ -163,16 +172,22 @@ Entry& TableStore::modify(const EntryKey& key, const Target& target) {
   settle();
   const Entry::Ptr wanted = keyOf(key);
   checkWritable(key.table);
-  const Table& table = program_.tables[key.table];
   Entry* entry = staged(*wanted);
-  if (!entry) refuse(RefusalKind::notFound, table, "has no such entry");
+  if (!entry) refuse(RefusalKind::notFound, program_.tables[key.table], "has no such entry");
+  modify(*entry, target);
+  return *entry;
+}
+
+void TableStore::modify(Entry& entry, const Target& target) {
+  settle();
+  checkWritable(entry.table);
+  const Table& table = program_.tables[entry.table];
   ActionData::Ptr own;
   const Outcome outcome = outcomeOf(table, target, own);
-  letGo(*entry);
-  entry->ownAction = std::move(own);
+  letGo(entry);
+  entry.ownAction = std::move(own);
   if (table.profile != absent) profiles_[table.profile]->use(outcome, 1);
-  sides_.setOutcome(entry, outcome);
-  return *entry;
+  sides_.setOutcome(&entry, outcome);
 }
 
 void TableStore::remove(const EntryKey& key) {
@@ -181,15 +196,21 @@ void TableStore::remove(const EntryKey& key) {
   checkWritable(key.table);
   Entry* entry = staged(*wanted);
   if (!entry) refuse(RefusalKind::notFound, program_.tables[key.table], "has no such entry");
-  letGo(*entry);
-  sides_.remove(entry);
-  Held& held = tables_[key.table];
-  held.handles.give(entry->handle);
-  held.entries[entry->position] = held.entries.back();
-  held.entries[entry->position]->position = entry->position;
+  remove(*entry);
+}
+
+void TableStore::remove(Entry& entry) {
+  settle();
+  checkWritable(entry.table);
+  letGo(entry);
+  sides_.remove(&entry);
+  Held& held = tables_[entry.table];
+  held.handles.give(entry.handle);
+  held.entries[entry.position] = held.entries.back();
+  held.entries[entry.position]->position = entry.position;
   held.entries.pop_back();
-  if (entry->meter) setMeter(*entry->meter, std::nullopt);
-  retiredEntries_.emplace_back(entry);
+  if (entry.meter) setMeter(*entry.meter, std::nullopt);
+  retiredEntries_.emplace_back(&entry);
 }
 
 Entry* TableStore::find(const EntryKey& key) {

@@ -42,6 +42,9 @@ class TableStore {
   Entry& modify(const EntryKey& key, const Target& target);
   void remove(const EntryKey& key);
   Entry* find(const EntryKey& key);  // null when there is none
+  // The same for an entry of the store.
+  void modify(Entry& entry, const Target& target);
+  void remove(Entry& entry);
 
   // Nothing: back to the program's default.
   void setDefault(uint32_t table, const std::optional<ActionSpec>& action);
@@ -88,7 +91,7 @@ class TableStore {
   void checkAction(uint32_t table, uint32_t action) const;
   Outcome outcomeOf(const Table& table, const Target& target, ActionData::Ptr& own);
   void letGo(Entry& entry);
-  Entry& add(Entry::Ptr entry, const EntryKey& key);
+  bool maybeAdd(Entry::Ptr& entry, uint32_t table);
   void addConstantEntries(uint32_t table);
   void putDefault(uint32_t table, ActionData::Ptr action);
 

@@ -22,6 +22,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 // Numbers as rows have them: little-endian in values, big-endian in keys.
 std::string little(uint64_t number, size_t size) {
@@ -339,6 +340,17 @@ TEST_F(PlaneTest, AnotherProgramTakesTheRowsOver) {
   EXPECT_EQ(reportOn(entry), "0 ");
   EXPECT_THAT(out("08"), ElementsAre("206:08"));
   EXPECT_THAT(out("07"), ElementsAre("203:07"));
+
+  // Rows that came with an earlier one are changed and deleted in this one.
+  direct(9, 7);
+  direct(8, 300);
+  agent_.rowsEnd();
+  EXPECT_THAT(out("09"), ElementsAre("207:09"));
+  EXPECT_THAT(out("08"), ElementsAre("500:08"));
+  erase("direct", big(9, 1));
+  agent_.rowsEnd();
+  EXPECT_THAT(out("09"), Not(ElementsAre("207:09")));
+  EXPECT_THAT(out("08"), ElementsAre("500:08"));
 }
 
 TEST_F(PlaneTest, CountsAreToldAndSet) {
