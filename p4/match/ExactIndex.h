@@ -10,22 +10,44 @@ namespace P4 {
 // Borrows the entries.
 class ExactIndex {
  public:
-  explicit ExactIndex(size_t words) : entries_(0, KeyHash{words}, KeyEqual{words}) {}
+  explicit ExactIndex(size_t words) : words_(words), slots_(0, Hash{words}, Equal{words}) {}
 
-  const Entry* find(const uint64_t* key) const {
-    const auto found = entries_.find(KeyView{key});
-    return found == entries_.end() ? nullptr : *found;
-  }
-  Entry* same(const Entry& entry) const {
-    const auto found = entries_.find(KeyView{entry.value()});
-    return found == entries_.end() ? nullptr : *found;
-  }
+  const Entry* find(const uint64_t* key) const { return entryAt(slots_.find(KeyView{key})); }
+  Entry* same(const Entry& entry) const { return entryAt(slots_.find(KeyView{entry.value()})); }
   // False, and nothing is done, when there is such an entry.
-  bool maybeInsert(Entry* entry) { return entries_.insert(entry).second; }
-  void remove(Entry* entry) { entries_.erase(entry); }
+  bool maybeInsert(Entry* entry) {
+    return slots_.insert({entry, hashWords(entry->value(), words_)}).second;
+  }
+  void remove(Entry* entry) { slots_.erase(KeyView{entry->value()}); }
 
  private:
-  absl::flat_hash_set<Entry*, KeyHash, KeyEqual> entries_;
+  // The hash stands beside the pointer: the table grows without reading entries.
+  struct Slot {
+    Entry* entry;
+    size_t hash;
+  };
+  struct Hash : KeyHash {
+    using KeyHash::operator();
+    size_t operator()(const Slot& slot) const { return slot.hash; }
+  };
+  struct Equal : KeyEqual {
+    using KeyEqual::operator();
+    bool operator()(const Slot& one, const Slot& other) const {
+      return one.hash == other.hash && KeyEqual::operator()(one.entry, other.entry);
+    }
+    bool operator()(const Slot& slot, KeyView key) const {
+      return KeyEqual::operator()(slot.entry, key);
+    }
+    bool operator()(KeyView key, const Slot& slot) const { return (*this)(slot, key); }
+  };
+  using Slots = absl::flat_hash_set<Slot, Hash, Equal>;
+
+  Entry* entryAt(Slots::const_iterator slot) const {
+    return slot == slots_.end() ? nullptr : slot->entry;
+  }
+
+  const size_t words_;
+  Slots slots_;
 };
 
 }  // namespace P4

@@ -180,8 +180,9 @@ Obstacle EntryRestorer::restoreBound(const TableRecordView& record, const Lattic
   const bool isRight = row && isAsItShouldBe(record, made, *row);
   if (const Obstacle why = obstacleOf(handBack(record, row))) return why;
   if (!isRight) {
-    rewritten_.push_back(
-        {record.key.rid, row ? std::string(row->key) : std::string(), entryOf(record)});
+    Rewritten& entry = rewritten_.emplace_back(record.key.rid, record.key.entryHandle);
+    if (row) entry.rowKey = row->key;
+    encodeRecord(entryOf(record), entry.record);
   }
   return std::nullopt;
 }
@@ -193,15 +194,13 @@ bool EntryRestorer::isAsItShouldBe(const TableRecordView& record, const Lattice:
          tools_.tableInfo.hasDirectCounter(record.key.rid);
 }
 
-void EntryRestorer::rewrite(const Entry& entry) {
-  std::string bytes;
-  encodeRecord(entry.record, bytes);
-  const Lattice::StoredRow as{.attachment = bytes, .entryHandle = entry.record.key.entryHandle};
+void EntryRestorer::rewrite(const Rewritten& entry) {
+  const Lattice::StoredRow as{.attachment = entry.record, .entryHandle = entry.handle};
   const auto record = recordOf(entry.rid, as);
   const WritableTable table = tools_.tables.require(entry.rid);
   const bool moves =
       !entry.rowKey.empty() && tools_.entryWriter.rowOf(table, *record).key != entry.rowKey;
-  if (moves) table.interface.rowDel(entry.rowKey, entry.record.key.entryHandle);
+  if (moves) table.interface.rowDel(entry.rowKey, entry.handle);
   tools_.entryWriter.restoreEntry(table, *record);
 }
 

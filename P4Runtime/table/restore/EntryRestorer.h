@@ -44,7 +44,14 @@ class EntryRestorer {
     ResourceId rid;
     Vela::Ptr<Lattice::ArTableInterface> interface;
   };
-  // An entry whose row is not the one that its record makes, or that is to be removed.
+  // An entry whose row is not the one that its record makes. There may be as many as entries.
+  struct Rewritten {
+    ResourceId rid;
+    EntryHandle handle = 0;
+    std::string rowKey;  // of the stored row; empty without one
+    std::string record;  // its bytes
+  };
+  // An entry that is to be removed.
   struct Entry {
     ResourceId rid;
     std::string rowKey;  // of the stored row; empty without one
@@ -63,7 +70,7 @@ class EntryRestorer {
   bool isAsItShouldBe(const TableRecordView& record, const Lattice::Row& made,
                       const Lattice::StoredRow& row) const;
   void giveUp(const TableRecordView& record, const Lattice::StoredRow* row, const std::string& why);
-  void rewrite(const Entry& entry);
+  void rewrite(const Rewritten& entry);
   void remove(const Entry& entry);
   void letKeptGo();
   pi_status_t handBack(const TableRecordView& record, const Lattice::StoredRow* row);
@@ -89,7 +96,7 @@ class EntryRestorer {
 
   size_t restored_ = 0;
   std::vector<RowWithoutEntry> bareRows_;
-  std::vector<Entry> rewritten_;
+  std::vector<Rewritten> rewritten_;
   std::vector<Entry> unusable_;
   std::vector<std::string> reasons_;  // why entries are unusable
   std::set<std::string> known_;       // tables whose kept records were restored

@@ -26,6 +26,13 @@ bool isAlike(const Objects& former, const Objects& next, uint32_t id) {
   return MessageDifferencer::Equals(*one, *other);
 }
 
+// Entries say nothing of the size.
+bool isAlike(const Table& former, const Table& next) {
+  MessageDifferencer differencer;
+  differencer.IgnoreField(Table::descriptor()->FindFieldByNumber(Table::kSizeFieldNumber));
+  return differencer.Compare(former, next);
+}
+
 }  // namespace
 
 TableComparison::TableComparison(const p4::config::v1::P4Info& former,
@@ -36,9 +43,11 @@ TableComparison::TableComparison(const p4::config::v1::P4Info& former,
 
 bool TableComparison::areAlike(uint32_t tableId) const {
   const auto table = find(former_.tables(), tableId);
-  return typesAreAlike_ && table != former_.tables().end() &&
-         isAlike(former_.tables(), next_.tables(), tableId) && actionsAreAlike(*table) &&
-         resourcesAreAlike(*table);
+  const auto next = find(next_.tables(), tableId);
+  if (!typesAreAlike_ || table == former_.tables().end() || next == next_.tables().end()) {
+    return false;
+  }
+  return isAlike(*table, *next) && actionsAreAlike(*table) && resourcesAreAlike(*table);
 }
 
 bool TableComparison::actionsAreAlike(const Table& table) const {

@@ -13,7 +13,8 @@ class TableComparison {
  public:
   TableComparison(const p4::config::v1::P4Info& former, const p4::config::v1::P4Info& next);
 
-  // The tables of that id, their actions and direct resources are equal. False when one has none.
+  // The tables of that id, their actions and direct resources are equal, but for the tables' sizes.
+  // False when one has none.
   bool areAlike(uint32_t tableId) const;
 
  private:

@@ -186,7 +186,8 @@ TEST_F(PipelineTest, EntriesOfTablesThatStandAlikeGoOver) {
   }
   p4::v1::ForwardingPipelineConfig next = config;
   for (auto& table : *next.mutable_p4info()->mutable_tables()) {
-    if (table.preamble().id() == test::kAcl) table.set_size(table.size() + 1);
+    if (table.preamble().id() == test::kAcl) table.mutable_match_fields(0)->set_name("other");
+    if (table.preamble().id() == test::kCounted) table.set_size(table.size() + 1);
   }
   for (auto& action : *next.mutable_p4info()->mutable_actions()) {
     if (action.preamble().id() == test::kForward) action.mutable_params(0)->set_bitwidth(10);
@@ -201,7 +202,7 @@ TEST_F(PipelineTest, EntriesOfTablesThatStandAlikeGoOver) {
                                     test::kPlain, 0x02000099,     test::kInitial};
   ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, next).code(), code::ok);
   EXPECT_THAT(keptOf(all), ElementsAre(test::kCounted))
-      << "others have another size or action, or entries that come with the pipeline";
+      << "others have another field or action, or entries that come with the pipeline";
   EXPECT_THAT(keptOf(all), IsEmpty()) << "the former pipeline has nothing left";
   ASSERT_EQ(pi_restore_done(1), PI_STATUS_SUCCESS);
   EXPECT_THAT(found(test::query(0)), ElementsAre(EqualsProto(counted)));
