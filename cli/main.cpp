@@ -18,6 +18,7 @@
 #include "cli/switch/SwitchCommand.h"
 #include "cli/switch/SwitchOptions.h"
 #include "cli/table/TableCommand.h"
+#include "cli/top/TopCommand.h"
 #include "platform/vela/LargePages.h"
 
 namespace {
@@ -33,6 +34,7 @@ void addCommands(CLI::App& app) {
   addControlCommands(app);
   addOrreryCommands(app);
   addTableCommand(app);
+  addTopCommand(app);
   addTraceCommand(app);
 }
 

@@ -26,6 +26,7 @@
 #include "P4Runtime/companion/HwStatusDir.h"
 #include "P4Runtime/companion/Plugins.h"
 #include "P4Runtime/companion/PortMapping.h"
+#include "P4Runtime/monitoring/Monitoring.h"
 #include "P4Runtime/packet/P4RuntimeCpuPktSm.h"
 #include "P4Runtime/pi/PiContext.h"
 #include "P4Runtime/pipeline/P4TableInfoSm.h"
@@ -130,6 +131,7 @@ class Agent : public Vela::Entity {
   void handleAgentLeft(const Lattice::SubscriberInfo& agent);
   void doUpdateStatus();
   void doFollowRestore();
+  void doMonitor();
 
   AgentRuntime runtime_;
   Orrery::MountGroup mountGroup_;
@@ -148,6 +150,8 @@ class Agent : public Vela::Entity {
   std::unique_ptr<PlaneQuestions> planeQuestions_;
   Vela::Ptr<PipelinePusher> pipelinePusher_;
   std::unique_ptr<MappedPorts> mappedPorts_;
+  Vela::Ptr<const MonitoringConfig> monitoringConfig_;
+  std::unique_ptr<Monitoring> monitoring_;
   std::unique_ptr<Vela::Timer> statusTimer_;
   std::unique_ptr<Vela::Timer> progressTimer_;  // runs while entries are restored
   std::vector<Vela::Observation> changes_;

@@ -51,6 +51,7 @@ constexpr MountDeclaration mounts[] = {
     {"interface/config/eth/phy/all", "Interface::AllEthPhyIntfConfigDir", "r",
      "AllEthPhyIntfConfigDir"},
     {"p4runtime/config/agent", "P4Runtime::AgentConfig", "wc"},
+    {"p4runtime/config/monitoring", "P4Runtime::MonitoringConfig", "r"},
 };
 
 }  // namespace
@@ -98,6 +99,7 @@ void Agent::doFetchMounts(const Orrery::EntityManager& manager) {
   translationStatus_ = manager.entity<TranslationStatus>("p4runtime/status/translation");
   hwStatusDir_ = manager.entity<const HwStatusDir>("openflow/kestrelhwstatusdir");
   agentConfigIs(manager.entity<AgentConfig>("p4runtime/config/agent"));
+  monitoringConfig_ = manager.entity<const MonitoringConfig>("p4runtime/config/monitoring");
 }
 
 }  // namespace P4Runtime
@@ -115,6 +117,7 @@ extern "C" void korvelAgentRegisterTypes() {
   types.typeIs<TranslationConfigDir>("P4RuntimeConfig::TranslationConfigDir");
   types.typeIs<TranslationStatus>("P4RuntimeConfig::TranslationStatus");
   types.typeIs<AgentConfig>("P4Runtime::AgentConfig");
+  types.typeIs<MonitoringConfig>("P4Runtime::MonitoringConfig");
   types.typeIs<CliConfigDir>("P4Runtime::CliConfigDir");
   types.typeIs<CliStatusDir>("P4Runtime::CliStatusDir");
   types.typeIs<Pollen::QueryConfigDir>("Pollen::QueryConfigDir");

@@ -5,6 +5,7 @@
 #include <chrono>
 
 #include "P4Runtime/agent/Agent.h"
+#include "P4Runtime/monitoring/StatusJson.h"
 #include "P4Runtime/pi/WriteGate.h"
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "P4Runtime/table/TableImpl.h"
@@ -54,6 +55,19 @@ void Agent::doPublish() {
     status_->electionIdsNotKeptIs(electionIds_->keepUnkept());
   });
   statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
+  doMonitor();
+}
+
+void Agent::doMonitor() {
+  const Observed agent{.stateDatabase = runtime_.stateDatabase,
+                       .tables = *tables_,
+                       .store = runtime_.store,
+                       .tableInfo = p4TableInfo(),
+                       .portMapping = p4RtPortMappingStatus()};
+  const auto status =
+      Vela::make<MonitoringStatus>("monitoring", [agent] { return statusJson(agent); });
+  runtime_.stateDatabase.entityIs("p4runtime/status/monitoring", status);
+  monitoring_ = std::make_unique<Monitoring>(monitoringConfig_, status, agent);
 }
 
 void Agent::doFollowRestore() {

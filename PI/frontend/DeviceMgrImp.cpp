@@ -9,6 +9,7 @@
 #include "PI/frontend/base/StatusText.h"
 #include "PI/frontend/read/ReadRun.h"
 #include "PI/frontend/write/WaitingWrite.h"
+#include "PI/frontends/proto/write_statistics.h"
 #include "PI/pi.h"
 #include "PI/pi_extensions.h"
 
@@ -116,6 +117,13 @@ void requireSize(int elements, const char* what) {
          kMaxElements, " at once");
 }
 
+void noteTurn(std::span<WaitingWrite* const> writes) {
+  const auto now = std::chrono::steady_clock::now();
+  for (const WaitingWrite* write : writes) {
+    writeStatistics().stage(WriteStage::turn).observe(now - write->came);
+  }
+}
+
 }  // namespace
 
 DeviceMgrImp::DeviceMgrImp(pi_dev_id_t deviceId, std::chrono::milliseconds patience)
@@ -174,7 +182,10 @@ DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
     fateOf(request);  // refuses an unknown one
     requireSize(request.updates_size(), "updates");
-    WaitingWrite write{request, admit, current, checkedWrite(current->index(), request)};
+    StageTimer checking(WriteStage::check);
+    CheckedWrite checked = checkedWrite(current->index(), request);
+    checking.stop();
+    WaitingWrite write{request, admit, current, std::move(checked)};
     writeTurns_.take(write, [this](auto writes) { return runTogether(writes); });
     if (write.error) std::rethrow_exception(write.error);
     return write.status;
@@ -202,6 +213,7 @@ size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
         break;
       }
     }
+    noteTurn(writes.first(done));
     pi_batch_urgent_set(writes.size() == 1 || batches.size() <= kFewUpdates);
     batches.run();
   } catch (...) {

@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <type_traits>
 #include <utility>
 
 #include "PI/core/PacketCounts.h"
+#include "PI/frontends/proto/write_statistics.h"
 #include "PI/proto/pi_server.h"
 #include "PI/server/ArenaRequest.h"
 #include "PI/server/CallStatus.h"
@@ -20,6 +22,8 @@
 
 namespace pi::server {
 
+using fe::proto::StageTimer;
+using fe::proto::WriteStage;
 using grpc::Status;
 using grpc::StatusCode;
 
@@ -141,7 +145,11 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const Receiv
                         " bytes beside the other requests; try again, or send smaller ones");
     }
     ArenaRequest<Request> request;
-    if (!request.parse(&received.bytes, size)) {
+    std::optional<StageTimer> parsing;
+    if constexpr (std::is_same_v<Request, p4::v1::WriteRequest>) parsing.emplace(WriteStage::parse);
+    const bool isParsed = request.parse(&received.bytes, size);
+    parsing.reset();
+    if (!isParsed) {
       return Status(StatusCode::INVALID_ARGUMENT, "the message is no p4.v1." + name);
     }
     received.bytes.Clear();
@@ -216,6 +224,7 @@ RoleOfDevice P4RuntimeService::servedRole(const Request& request) const {
 }
 
 Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& request) {
+  const StageTimer whole(WriteStage::whole);
   Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
   Arbitration::WritePermit permit;

@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "PI/frontends/proto/write_statistics.h"
 #include "PI/server/CallPlaces.h"
 #include "PI/server/ReceivedMessage.h"
 #include "PI/server/SendDeadlines.h"
@@ -39,6 +40,11 @@ class UnaryHandler final : public grpc::internal::MethodHandler {
       received->~ReceivedMessage();
     }
     const SendDeadlines::Sending sending(deadlines_, call.context, kind_);
+    std::optional<fe::proto::StageTimer> answering;
+    if (kind_ == CallKind::write) {
+      answering.emplace(fe::proto::WriteStage::answer);
+      fe::proto::writeStatistics().countWrite(status.error_code());
+    }
     grpc::internal::UnaryRunHandlerHelper(param, &response, status);
   }
 

@@ -78,7 +78,8 @@ P4Runtime/table/write     P4Runtime/table/undo+
 P4Runtime/table/restore   P4Runtime/table/write+
 P4Runtime/table           P4Runtime/table/restore+
 P4Runtime/table/target    P4Runtime/table+
-P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ p4
+P4Runtime/monitoring      P4Runtime/pipeline+
+P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ P4Runtime/monitoring p4
 
 forwarder/base            -
 forwarder/table           platform
@@ -96,7 +97,8 @@ cli/agent                 cli/client+ P4Runtime/agent P4Runtime/companion
 cli/table                 cli/client+
 cli/pipeline              pipeline platform proto
 cli/switch                P4Runtime/companion platform
-cli                       cli/agent+ cli/table+ cli/pipeline+ cli/switch+
+cli/top                   cli/client+
+cli                       cli/agent+ cli/table+ cli/pipeline+ cli/switch+ cli/top+
 
 examples/minimal-forwarder   platform/lattice
 examples/plugins/table-use   P4Runtime/plugin
@@ -113,6 +115,7 @@ tests/forwarder/*         forwarder p4 platform tests/forwarder tests/p4 tests/s
 tests/cli                 P4Runtime/agent platform tests/support
 tests/cli/switch          cli/switch+ tests/support
 tests/cli/table           platform tests/support
+tests/cli/top             cli/top+
 tests/e2e                 platform/vela proto tests/p4 tests/support
 
 bench/brine               platform tests/support

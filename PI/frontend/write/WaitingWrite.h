@@ -1,6 +1,7 @@
 // A Write that waits for its turn, with its updates checked.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <memory>
@@ -20,6 +21,7 @@ struct WaitingWrite {
   CheckedWrite checked;
   google::rpc::Status status{};
   std::exception_ptr error{};  // in place of the status
+  std::chrono::steady_clock::time_point came = std::chrono::steady_clock::now();  // to its turn
 
   // For its turn; guarded by the lock of the turns.
   enum class State { waits, leads, done };

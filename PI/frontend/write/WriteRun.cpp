@@ -9,6 +9,7 @@
 #include "PI/frontend/store/HeldNames.h"
 #include "PI/frontend/target/TargetCalls.h"
 #include "PI/frontend/write/UpdateRun.h"
+#include "PI/frontends/proto/write_statistics.h"
 #include "PI/pi.h"
 #include "PI/target/pi_pending_imp.h"
 
@@ -205,9 +206,15 @@ void WriteRun::doForgetNames() {
 }
 
 google::rpc::Status WriteRun::statusOf(const Part& part) const {
-  if (errors_.empty()) return okStatus();
+  if (errors_.empty()) {
+    writeStatistics().countUpdates(code::ok, part.count);
+    return okStatus();
+  }
   const auto first = errors_.begin() + part.first;
   std::vector<p4::v1::Error> errors(first, first + part.count);
+  for (const p4::v1::Error& error : errors) {
+    writeStatistics().countUpdates(error.canonical_code(), 1);
+  }
   const bool isOk = std::ranges::all_of(
       errors, [](const p4::v1::Error& error) { return error.canonical_code() == code::ok; });
   return isOk ? okStatus() : itemisedStatus(&errors, "updates");
@@ -278,6 +285,10 @@ void WriteRun::doEndBatch(StatusVector* statuses) {
   batchOpen_ = false;
   pi_batch_current_clear();
   pi_batch_end(session_.handle, true);
+  writeStatistics()
+      .stage(WriteStage::commit)
+      .observe(std::chrono::steady_clock::now() - batchBegan_);
+  const StageTimer waiting(WriteStage::hardware);
   _pi_update_pending_status(statuses);
 }
 
@@ -325,6 +336,7 @@ void WriteRun::maybeRunUpdate(uint32_t offset, StatusVector* statuses) {
 
 void WriteRun::maybeBeginBatch(const Operation& operation) {
   if (batchOpen_) return;
+  batchBegan_ = std::chrono::steady_clock::now();
   const pi_status_t begun = pi_batch_begin(session_.handle);
   if (begun == PI_STATUS_NO_FORWARDING_AGENT) {
     throw NoBatch(code::unavailable,

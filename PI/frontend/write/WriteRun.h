@@ -2,6 +2,7 @@
 // outcome into the store.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -121,6 +122,7 @@ class WriteRun {
   uint32_t levels_ = 0;
   pi_batch_fate_t fate_ = PI_BATCH_SINGLE;
   bool batchOpen_ = false;
+  std::chrono::steady_clock::time_point batchBegan_;
   bool anyBatchRun_ = false;
 };
 

@@ -1,0 +1,33 @@
+// The agent's monitoring: follows its configuration, and serves metrics and page while it names an
+// address.
+#pragma once
+
+#include <memory>
+
+#include "P4Runtime/monitoring/MonitoringConfig.h"
+#include "P4Runtime/monitoring/MonitoringServer.h"
+#include "P4Runtime/monitoring/Observed.h"
+
+namespace P4Runtime {
+
+// Threads: the reactor, with the activity lock held.
+// Errors: trouble with the address is printed and stands in the status; the agent goes on.
+class Monitoring {
+ public:
+  Monitoring(Vela::Ptr<const MonitoringConfig> config, Vela::Ptr<MonitoringStatus> status,
+             Observed agent);
+  ~Monitoring();
+
+ private:
+  void handleAddress();
+  void doServe();
+  void end();
+
+  const Vela::Ptr<const MonitoringConfig> config_;
+  const Vela::Ptr<MonitoringStatus> status_;
+  const std::shared_ptr<const Observed> agent_;
+  std::unique_ptr<MonitoringServer> server_;
+  Vela::Observation change_;
+};
+
+}  // namespace P4Runtime

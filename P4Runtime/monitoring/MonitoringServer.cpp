@@ -1,0 +1,141 @@
+#include "P4Runtime/monitoring/MonitoringServer.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <httplib.h>
+
+#include <charconv>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#include "P4Runtime/monitoring/Exposition.h"
+#include "P4Runtime/monitoring/Page.h"
+
+namespace P4Runtime {
+namespace {
+
+constexpr size_t threads = 4;
+constexpr size_t mostRequestBytes = 4096;
+constexpr time_t patienceSeconds = 5;
+
+struct Place {
+  std::string host;  // without brackets
+  int port = 0;
+};
+
+std::optional<Place> placeOf(const std::string& address) {
+  const size_t colon = address.rfind(':');
+  if (colon == std::string::npos || colon == 0) return std::nullopt;
+  Place place{address.substr(0, colon), 0};
+  if (place.host.front() == '[' && place.host.back() == ']') {
+    place.host = place.host.substr(1, place.host.size() - 2);
+  }
+  const char* const end = address.data() + address.size();
+  const auto [stopped, error] = std::from_chars(address.data() + colon + 1, end, place.port);
+  const bool isPort =
+      error == std::errc() && stopped == end && place.port >= 0 && place.port < 65536;
+  return isPort ? std::optional(place) : std::nullopt;
+}
+
+bool isLoopback(const std::string& host) {
+  in_addr four{};
+  in6_addr six{};
+  if (inet_pton(AF_INET, host.c_str(), &four) == 1) return ntohl(four.s_addr) >> 24 == 127;
+  if (inet_pton(AF_INET6, host.c_str(), &six) == 1) return IN6_IS_ADDR_LOOPBACK(&six);
+  return host == "localhost";
+}
+
+bool wantsOpenMetrics(const httplib::Request& request) {
+  return request.get_header_value("Accept").find("application/openmetrics-text") !=
+         std::string::npos;
+}
+
+// A page of another site that has this address under a name of its own must not read the answers.
+bool isForThisMachine(const httplib::Request& request) {
+  std::string host = request.get_header_value("Host");
+  if (host.empty()) return true;
+  if (const auto place = placeOf(host)) host = place->host;
+  return isLoopback(host);
+}
+
+void setUp(httplib::Server& server, const MonitoringContents& contents) {
+  server.new_task_queue = [] { return new httplib::ThreadPool(threads); };
+  server.set_read_timeout(patienceSeconds);
+  server.set_write_timeout(patienceSeconds);
+  server.set_payload_max_length(mostRequestBytes);
+  server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
+    if (isForThisMachine(request)) return httplib::Server::HandlerResponse::Unhandled;
+    response.status = 403;
+    response.set_content("ask for this by the name localhost, or by its address\n", "text/plain");
+    return httplib::Server::HandlerResponse::Handled;
+  });
+  server.set_default_headers(
+      {{"X-Content-Type-Options", "nosniff"},
+       {"Cache-Control", "no-store"},
+       {"Content-Security-Policy", "default-src 'self' 'unsafe-inline'; frame-ancestors 'none'"}});
+  server.Get("/", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content(pageText(), "text/html; charset=utf-8");
+  });
+  server.Get("/metrics", [contents](const httplib::Request& request, httplib::Response& response) {
+    const bool isOpen = wantsOpenMetrics(request);
+    using Form = Exposition::Form;
+    response.set_content(contents.metrics(isOpen),
+                         Exposition::contentType(isOpen ? Form::openMetrics : Form::prometheus));
+  });
+  server.Get("/status.json", [contents](const httplib::Request&, httplib::Response& response) {
+    response.set_content(contents.status(), "application/json");
+  });
+  server.Get("/rows.json",
+             [contents](const httplib::Request& request, httplib::Response& response) {
+               response.set_content(
+                   contents.rows(request.get_param_value("table"), request.get_param_value("find")),
+                   "application/json");
+             });
+}
+
+}  // namespace
+
+struct MonitoringServer::Listening {
+  httplib::Server server;
+  std::thread thread;
+};
+
+MonitoringServer::MonitoringServer(const std::string& address, MonitoringContents contents)
+    : listening_(std::make_unique<Listening>()) {
+  const auto place = placeOf(address);
+  if (!place) {
+    throw std::runtime_error(
+        fmt::format("'{}' is no HOST:PORT; use an address such as 127.0.0.1:9464", address));
+  }
+  if (!isLoopback(place->host)) {
+    throw std::runtime_error(fmt::format(
+        "{} is not this machine's own; metrics are served to this machine alone: use an address "
+        "such as 127.0.0.1:9464, and a proxy that knows its clients for others",
+        place->host));
+  }
+  httplib::Server& server = listening_->server;
+  setUp(server, contents);
+  int port = place->port;
+  if (port == 0) {
+    port = server.bind_to_any_port(place->host);
+  } else if (!server.bind_to_port(place->host, port)) {
+    port = -1;
+  }
+  if (port < 0) {
+    throw std::runtime_error(fmt::format(
+        "cannot listen on {}: another process may have that port; choose another one", address));
+  }
+  const bool isSix = place->host.find(':') != std::string::npos;
+  address_ = fmt::format(fmt::runtime(isSix ? "[{}]:{}" : "{}:{}"), place->host, port);
+  listening_->thread = std::thread([&server] { server.listen_after_bind(); });
+  while (!server.is_running()) std::this_thread::yield();  // stop() would go unheard
+}
+
+MonitoringServer::~MonitoringServer() {
+  listening_->server.stop();
+  listening_->thread.join();
+}
+
+}  // namespace P4Runtime

@@ -1,0 +1,147 @@
+#include "cli/top/TopCommand.h"
+
+#include <fmt/format.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "cli/client/ClientOptions.h"
+#include "cli/top/TopScreen.h"
+#include "platform/orrery/Client.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Vela::Json;
+
+constexpr const char* statusPath = "p4runtime/status/monitoring";
+constexpr size_t endless = 100000;  // lines, where nothing scrolls away
+
+struct TopOptions : ClientOptions {
+  double seconds = 1;
+  bool once = false;
+};
+
+volatile std::sig_atomic_t ended = 0;
+
+struct Sample {
+  Clock::time_point at;
+  Json status;
+};
+
+Sample sampleOf(Orrery::Client& client) {
+  const Json answer = client.call(statusPath, "show", {});
+  const char* text = Vela::stringMember(*answer, "answer");
+  Json status = text ? Vela::parseJson(text) : nullptr;
+  if (!status)
+    throw std::runtime_error("the agent does not show its status as this command needs it");
+  return {Clock::now(), std::move(status)};
+}
+
+ScreenSize terminalSize() {
+  winsize size{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) {
+    return {endless, 200};
+  }
+  return {size.ws_row - 1u, size.ws_col};
+}
+
+// Keys come one by one and unseen while it lives, and the picture has a screen of its own.
+class Terminal {
+ public:
+  Terminal() {
+    isOwn_ = isatty(STDIN_FILENO) && tcgetattr(STDIN_FILENO, &former_) == 0;
+    if (isOwn_) {
+      termios raw = former_;
+      raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+      tcsetattr(STDIN_FILENO, TCSANOW, &raw);
+    }
+    fmt::print("\x1b[?1049h\x1b[?25l");
+  }
+  ~Terminal() {
+    fmt::print("\x1b[?25h\x1b[?1049l");
+    std::fflush(stdout);
+    if (isOwn_) tcsetattr(STDIN_FILENO, TCSANOW, &former_);
+  }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  void show(const std::vector<std::string>& lines) {
+    fmt::print("\x1b[H");
+    for (const std::string& line : lines) fmt::print("{}\x1b[K\n", line);
+    fmt::print("\x1b[J");
+    std::fflush(stdout);
+  }
+  // False when the user wants to go.
+  bool wait(std::chrono::milliseconds time) {
+    pollfd keys{isOwn_ ? STDIN_FILENO : -1, POLLIN, 0};
+    if (poll(&keys, 1, static_cast<int>(time.count())) <= 0) return ended == 0;
+    char key = 0;
+    return read(STDIN_FILENO, &key, 1) == 1 && key != 'q' && ended == 0;
+  }
+
+ private:
+  termios former_{};
+  bool isOwn_ = false;
+};
+
+void printOnce(Orrery::Client& client, std::chrono::milliseconds period) {
+  const Sample before = sampleOf(client);
+  std::this_thread::sleep_for(period);
+  const Sample now = sampleOf(client);
+  const std::chrono::duration<double> between = now.at - before.at;
+  for (const auto& line :
+       topLines(*before.status, *now.status, between.count(), {endless, terminalSize().columns})) {
+    fmt::print("{}\n", line);
+  }
+}
+
+void show(Orrery::Client& client, std::chrono::milliseconds period) {
+  std::signal(SIGINT, [](int) { ended = 1; });
+  std::signal(SIGTERM, [](int) { ended = 1; });
+  Terminal terminal;
+  Sample before = sampleOf(client);
+  terminal.show(topLines(*before.status, *before.status, 1, terminalSize()));
+  while (terminal.wait(period)) {
+    Sample now = sampleOf(client);
+    const std::chrono::duration<double> between = now.at - before.at;
+    terminal.show(topLines(*before.status, *now.status, between.count(), terminalSize()));
+    before = std::move(now);
+  }
+}
+
+void runTop(const TopOptions& options) {
+  Orrery::Client client(options.stateDirectory);
+  const auto period = std::chrono::milliseconds(static_cast<int64_t>(options.seconds * 1000));
+  if (!options.once && !isatty(STDOUT_FILENO)) {
+    throw std::runtime_error(
+        "standard output is no terminal; 'korvel top --once' prints one picture");
+  }
+  options.once ? printOnce(client, period) : show(client, period);
+}
+
+}  // namespace
+
+void addTopCommand(CLI::App& app) {
+  CLI::App* command =
+      app.add_subcommand("top", "Watch rates, times, tables and forwarding agents; q ends it");
+  const auto options = std::make_shared<TopOptions>();
+  addStateDirectoryOption(*command, options->stateDirectory);
+  command->add_option("--seconds", options->seconds, "The time between two pictures")
+      ->type_name("S")
+      ->check(CLI::Range(0.1, 3600.0))
+      ->capture_default_str();
+  command->add_flag("--once", options->once, "Print one picture, with the rates of that time");
+  command->callback([options] { runTop(*options); });
+}
