@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
 
 #include "P4Runtime/monitoring/CodeNames.h"
 #include "PI/frontends/proto/write_statistics.h"
@@ -157,6 +158,8 @@ class RowSearch {
 
 std::string statusJson(const Observed& agent) {
   const Vela::Json status(cJSON_CreateObject());
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  Vela::addNumber(status.get(), "seconds", std::chrono::duration<double>(now).count());
   addEntity(status.get(), "agent", agent, agentStatusPath);
   addEntity(status.get(), "system", agent, systemStatusPath);
   addEntity(status.get(), "packets", agent, packetStatusPath);

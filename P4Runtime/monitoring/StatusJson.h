@@ -9,7 +9,7 @@
 namespace P4Runtime {
 
 // Call with the activity lock held. Counts are those since the agent began; the page makes rates of
-// them.
+// them by the "seconds" of a steady clock.
 std::string statusJson(const Observed& agent);
 
 // Rows whose text has `wanted` in it, whichever letters are capital; {} when there is no such

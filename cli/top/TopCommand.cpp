@@ -22,7 +22,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Vela::Json;
 
 constexpr const char* statusPath = "p4runtime/status/monitoring";
@@ -35,18 +34,13 @@ struct TopOptions : ClientOptions {
 
 volatile std::sig_atomic_t ended = 0;
 
-struct Sample {
-  Clock::time_point at;
-  Json status;
-};
-
-Sample sampleOf(Orrery::Client& client) {
+Json statusOf(Orrery::Client& client) {
   const Json answer = client.call(statusPath, "show", {});
   const char* text = Vela::stringMember(*answer, "answer");
   Json status = text ? Vela::parseJson(text) : nullptr;
   if (!status)
     throw std::runtime_error("the agent does not show its status as this command needs it");
-  return {Clock::now(), std::move(status)};
+  return status;
 }
 
 ScreenSize terminalSize() {
@@ -97,12 +91,10 @@ class Terminal {
 };
 
 void printOnce(Orrery::Client& client, std::chrono::milliseconds period) {
-  const Sample before = sampleOf(client);
+  const Json before = statusOf(client);
   std::this_thread::sleep_for(period);
-  const Sample now = sampleOf(client);
-  const std::chrono::duration<double> between = now.at - before.at;
-  for (const auto& line :
-       topLines(*before.status, *now.status, between.count(), {endless, terminalSize().columns})) {
+  const Json now = statusOf(client);
+  for (const auto& line : topLines(*before, *now, {endless, terminalSize().columns})) {
     fmt::print("{}\n", line);
   }
 }
@@ -111,12 +103,11 @@ void show(Orrery::Client& client, std::chrono::milliseconds period) {
   std::signal(SIGINT, [](int) { ended = 1; });
   std::signal(SIGTERM, [](int) { ended = 1; });
   Terminal terminal;
-  Sample before = sampleOf(client);
-  terminal.show(topLines(*before.status, *before.status, 1, terminalSize()));
+  Json before = statusOf(client);
+  terminal.show(topLines(*before, *before, terminalSize()));
   while (terminal.wait(period)) {
-    Sample now = sampleOf(client);
-    const std::chrono::duration<double> between = now.at - before.at;
-    terminal.show(topLines(*before.status, *now.status, between.count(), terminalSize()));
+    Json now = statusOf(client);
+    terminal.show(topLines(*before, *now, terminalSize()));
     before = std::move(now);
   }
 }

@@ -67,8 +67,11 @@ std::optional<double> quantile(const cJSON& before, const cJSON& now, const char
 
 class Screen {
  public:
-  Screen(const cJSON& before, const cJSON& now, double seconds, const ScreenSize& size)
-      : before_(before), now_(now), seconds_(std::max(seconds, 1e-3)), size_(size) {}
+  Screen(const cJSON& before, const cJSON& now, const ScreenSize& size)
+      : before_(before),
+        now_(now),
+        seconds_(std::max(numberOf(&now, "seconds") - numberOf(&before, "seconds"), 1e-3)),
+        size_(size) {}
 
   std::vector<std::string> lines() {
     addState();
@@ -83,6 +86,7 @@ class Screen {
   void add(std::string line) {
     if (lines_.size() >= size_.lines) return;
     if (line.size() > size_.columns) line.resize(size_.columns);
+    while (line.ends_with(' ')) line.pop_back();
     lines_.push_back(std::move(line));
   }
   double rate(const char* of, const char* name) const {
@@ -178,7 +182,6 @@ class Screen {
 
 }  // namespace
 
-std::vector<std::string> topLines(const cJSON& before, const cJSON& now, double seconds,
-                                  const ScreenSize& size) {
-  return Screen(before, now, seconds, size).lines();
+std::vector<std::string> topLines(const cJSON& before, const cJSON& now, const ScreenSize& size) {
+  return Screen(before, now, size).lines();
 }

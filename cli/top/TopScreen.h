@@ -15,5 +15,4 @@ struct ScreenSize {
 // Lines without ends, none longer than the screen is wide, and no more than it has lines. Rates are
 // those of the time between the two statuses, which the operation "show" of the agent's
 // p4runtime/status/monitoring returns. A part that is absent counts as zero, or is left out.
-std::vector<std::string> topLines(const cJSON& before, const cJSON& now, double seconds,
-                                  const ScreenSize& size);
+std::vector<std::string> topLines(const cJSON& before, const cJSON& now, const ScreenSize& size);

@@ -5,6 +5,8 @@
 #include <httplib.h>
 
 #include <fstream>
+#include <iterator>
+#include <regex>
 
 #include "platform/vela/Json.h"
 #include "tests/e2e/Switch.h"
@@ -77,6 +79,40 @@ TEST_F(Monitored, TellsWhyAnAddressIsNotServedAndGoesOn) {
   EXPECT_TRUE(tested.insertRoutes(40, 41, 1).ok());
   addressIs("");
   EXPECT_EQ(statusOf("trouble"), "");
+}
+
+// A browser makes the page, where one is installed.
+TEST_F(Monitored, ThePageShowsTheSwitch) {
+  if (std::system("command -v chromium >/dev/null") != 0) GTEST_SKIP() << "no chromium here";
+  const std::string file = tested.directory().path() + "/page";
+  const std::string command =
+      "HOME=" + tested.directory().path() +
+      " timeout 60 chromium --headless=new --no-sandbox --disable-gpu --virtual-time-budget=5000"
+      " --dump-dom http://" +
+      address() + "/ >" + file + " 2>/dev/null";
+  ASSERT_EQ(std::system(command.c_str()), 0);
+  std::ifstream stream(file);
+  const std::string page(std::istreambuf_iterator<char>(stream), {});
+  EXPECT_THAT(page, HasSubstr(">serving</span>"));
+  EXPECT_THAT(page, HasSubstr(Router::rowTable(Router::routeTable) + "</button>"));
+  EXPECT_THAT(page, HasSubstr(">40</td>"));
+  EXPECT_THAT(page, HasSubstr("up to date"));
+}
+
+// Dashboard and alerts name metrics that there are.
+TEST_F(Monitored, ExamplesNameMetricsThatThereAre) {
+  const std::string metrics = get("/metrics");
+  for (const char* file : {"alerts.yml", "dashboard.json"}) {
+    std::ifstream stream(std::string(KORVEL_EXAMPLES) + "/monitoring/" + file);
+    const std::string text(std::istreambuf_iterator<char>(stream), {});
+    const std::regex name("korvel_[a-z_]+");
+    size_t found = 0;
+    for (std::sregex_iterator at(text.begin(), text.end(), name), end; at != end; ++at, ++found) {
+      const std::string metric = std::regex_replace(at->str(), std::regex("_bucket$"), "");
+      EXPECT_THAT(metrics, HasSubstr("# TYPE " + metric + " ")) << file;
+    }
+    EXPECT_GT(found, 5u) << file;
+  }
 }
 
 // The checker of the monitoring system that most people use, where it is installed.
