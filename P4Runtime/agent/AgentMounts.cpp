@@ -14,6 +14,7 @@ using P4RuntimeConfig::P4RtSystemConfig;
 using P4RuntimeConfig::P4RtSystemStatus;
 using P4RuntimeConfig::PortMappingConfigDir;
 using P4RuntimeConfig::PortMappingStatus;
+using P4RuntimeConfig::SecurityConfig;
 using P4RuntimeConfig::TranslationConfigDir;
 using P4RuntimeConfig::TranslationStatus;
 
@@ -52,6 +53,7 @@ constexpr MountDeclaration mounts[] = {
      "AllEthPhyIntfConfigDir"},
     {"p4runtime/config/agent", "P4Runtime::AgentConfig", "wc"},
     {"p4runtime/config/monitoring", "P4Runtime::MonitoringConfig", "r"},
+    {"p4runtime/config/security", "P4RuntimeConfig::SecurityConfig", "wc"},
 };
 
 }  // namespace
@@ -100,6 +102,7 @@ void Agent::doFetchMounts(const Orrery::EntityManager& manager) {
   hwStatusDir_ = manager.entity<const HwStatusDir>("openflow/kestrelhwstatusdir");
   agentConfigIs(manager.entity<AgentConfig>("p4runtime/config/agent"));
   monitoringConfig_ = manager.entity<const MonitoringConfig>("p4runtime/config/monitoring");
+  securityConfig_ = manager.entity<const SecurityConfig>("p4runtime/config/security");
 }
 
 }  // namespace P4Runtime
@@ -118,6 +121,7 @@ extern "C" void korvelAgentRegisterTypes() {
   types.typeIs<TranslationStatus>("P4RuntimeConfig::TranslationStatus");
   types.typeIs<AgentConfig>("P4Runtime::AgentConfig");
   types.typeIs<MonitoringConfig>("P4Runtime::MonitoringConfig");
+  types.typeIs<SecurityConfig>("P4RuntimeConfig::SecurityConfig");
   types.typeIs<CliConfigDir>("P4Runtime::CliConfigDir");
   types.typeIs<CliStatusDir>("P4Runtime::CliStatusDir");
   types.typeIs<Pollen::QueryConfigDir>("Pollen::QueryConfigDir");
