@@ -39,6 +39,8 @@ platform/wirra/packets    platform/vela+
 platform/wirra/devices    platform/orrery+
 platform/wirra/interfaces platform/wirra/devices+
 
+access                    platform/vela proto
+
 PI/include/PI             -
 PI/include/PI/*           PI/include/PI proto
 PI/core                   PI/include
@@ -107,6 +109,7 @@ examples/plugins/table-use   P4Runtime/plugin
 tests/support             platform proto
 tests/support/plugins     P4Runtime/plugin
 tests/platform/*          platform tests/support
+tests/access              access proto tests/support
 tests/PI/*                PI proto tests/support
 tests/p4                  p4 proto
 tests/pipeline            cli/pipeline+ PI/include platform tests/support
