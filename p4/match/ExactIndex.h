@@ -22,6 +22,7 @@ class ExactIndex {
   }
   void insert(Entry* entry) { entries_.insert(entry); }
   void remove(Entry* entry) { entries_.erase(entry); }
+  bool empty() const { return entries_.empty(); }
 
  private:
   absl::flat_hash_set<Entry*, KeyHash, KeyEqual> entries_;
