@@ -1,8 +1,5 @@
 #include "forwarder/Forwarding.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
 
 namespace Forwarder {
@@ -19,8 +16,7 @@ PlaneOptions withDirectory(PlaneOptions options, const std::string& stateDirecto
 
 Forwarding::Forwarding(ForwardingOptions options, const std::string& stateDirectory,
                        FlowBook& flows, Log log)
-    : signal_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
-      plane_(withDirectory(std::move(options.plane), stateDirectory), slot_, digests_, flows, log),
+    : plane_(withDirectory(std::move(options.plane), stateDirectory), slot_, digests_, flows, log),
       packets_(
           slot_, std::move(options.packets),
           {.digests = [this](const std::shared_ptr<P4::Engine>& engine,
@@ -29,16 +25,10 @@ Forwarding::Forwarding(ForwardingOptions options, const std::string& stateDirect
                [this](uint32_t port, bool up) {
                  const std::lock_guard lock(mutex_);
                  portStates_.emplace_back(port, up);
-                 wake();
+                 signal_.ring();
                },
            .log = log}),
-      view_(stateDirectory, [this] { wake(); }) {}
-
-// Any thread.
-void Forwarding::wake() const {
-  const uint64_t one = 1;
-  static_cast<void>(write(signal_.get(), &one, sizeof one));
-}
+      view_(stateDirectory, [this] { signal_.ring(); }) {}
 
 void Forwarding::start() { packets_.start(); }
 
@@ -53,8 +43,7 @@ Forwarding::Clock::time_point Forwarding::nextDue() const {
 }
 
 void Forwarding::work(Clock::time_point now, Lattice::Subscriber& subscriber) {
-  uint64_t count = 0;
-  if (read(signal_.get(), &count, sizeof count) == sizeof count) {
+  if (signal_.silence()) {
     doTakePorts();
     doTakePortStates();
   }

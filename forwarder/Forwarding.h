@@ -18,6 +18,7 @@
 #include "forwarder/plane/Plane.h"
 #include "forwarder/punt/PuntView.h"
 #include "platform/lattice/Subscriber.h"
+#include "platform/vela/EventDescriptor.h"
 
 namespace Forwarder {
 
@@ -48,13 +49,12 @@ class Forwarding {
   void pollDescriptors(std::vector<pollfd>& descriptors) const;
 
  private:
-  void wake() const;
   void doTakePorts();
   void doTakePortStates();
   void doSendNotices(Clock::time_point now, Lattice::Subscriber& subscriber);
 
-  const Vela::UniqueFd signal_;  // eventfd: ports or their states have changed
-  std::mutex mutex_;             // guards the next
+  const Vela::EventDescriptor signal_;  // ports or their states have changed
+  std::mutex mutex_;                    // guards the next
   std::vector<std::pair<uint32_t, bool>> portStates_;
   EngineSlot slot_;
   DigestQueue digests_;

@@ -177,7 +177,10 @@ NextPipeline P4TableInfoSm::readPipelineConfigFile(const std::string& path) cons
   const auto fail = [](const std::string& text, const std::string& hint = {}) {
     throw P4RuntimeParsingException({}, text, {}, hint);
   };
-  if (path.empty()) fail("Pipeline Configuration not available yet: " + path, nameAFile);
+  if (path.empty()) {
+    fail("Pipeline Configuration not available yet: ",
+         "a controller may push one, or " + std::string(nameAFile));
+  }
   const std::string unreadable = "Failed to read pipeline configuration file " + path;
   if (const std::string why = whyNoFile(path); !why.empty()) fail(unreadable, why);
   std::ifstream file(path, std::ios::binary);

@@ -25,6 +25,8 @@ struct Plan {
   std::vector<size_t> sizes{64, 1500};  // bytes
   double seconds = 0.25;                // of each figure
   size_t rounds = 9;
+  std::string only;          // programs whose names begin with it
+  bool engineAlone = false;  // without sockets, for profilers
 };
 
 struct Round {
@@ -112,14 +114,30 @@ std::string legend(const Plan& plan) {
 
 std::vector<Load> loads(const Plan& plan) {
   std::vector<Load> all;
-  if (!plan.router.empty()) all.push_back(routerLoad(plan.router));
+  const auto wanted = [&](const std::string& name) { return name.starts_with(plan.only); };
   const auto recorded = [&](const std::string& name) {
+    if (!wanted(name)) return;
     if (auto load = recordedLoad(plan.programs, plan.vectors, name)) all.push_back(*load);
   };
+  if (!plan.router.empty() && wanted("router")) all.push_back(routerLoad(plan.router));
   recorded("pi-simple_router_wcounter");
-  all.push_back(aclLoad());
+  if (wanted("10 ACL tables")) all.push_back(aclLoad());
   recorded(largestRecorded(plan.programs, plan.vectors));
   return all;
+}
+
+void runEngineAlone(const Plan& plan) {
+  for (const Load& load : loads(plan)) {
+    for (const size_t bytes : plan.sizes) {
+      const std::vector<std::string> frames = load.framesOf(bytes);
+      if (frames.empty()) continue;
+      std::vector<Round> rounds(plan.rounds);
+      for (Round& round : rounds) round.alone = engineAlone(load, frames, Seconds(plan.seconds));
+      fmt::print("{:<26} {:>5} bytes: {:>9.0f} a second, {:>6.0f} ns each\n", load.name, bytes,
+                 median(rounds, [](const Round& round) { return round.alone.perSecond; }),
+                 median(rounds, [](const Round& round) { return round.alone.cost; }));
+    }
+  }
 }
 
 void run(const Plan& plan) {
@@ -154,6 +172,8 @@ int main(int argc, char** argv) {
   app.add_option("--seconds", plan.seconds, "of each figure")->check(CLI::Range(0.01, 1000.0));
   app.add_option("--rounds", plan.rounds, "figures are the medians of so many rounds")
       ->check(CLI::Range(size_t{1}, size_t{1000}));
+  app.add_option("--only", plan.only, "programs whose names begin with it");
+  app.add_flag("--engine-alone", plan.engineAlone, "no sockets: for profilers");
   app.add_option("--router", plan.router, "compiled form of the router example");
   app.add_option("--programs", plan.programs, "folder of public programs, in json/ and p4info/");
   app.add_option("--vectors", plan.vectors, "folder of packets recorded of these programs");
@@ -166,13 +186,13 @@ int main(int argc, char** argv) {
     plan.rounds = 1;
     plan.seconds = 0.2;
   }
-  const std::string refusal = TestSupport::enteredNetworkNamespace();
+  const std::string refusal = plan.engineAlone ? "" : TestSupport::enteredNetworkNamespace();
   if (!refusal.empty()) {
     std::fprintf(stderr, "korvel-forward-bench: %s\n", refusal.c_str());
     return 1;
   }
   try {
-    Bench::run(plan);
+    plan.engineAlone ? Bench::runEngineAlone(plan) : Bench::run(plan);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "korvel-forward-bench: %s\n", e.what());
     return 1;

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "P4Runtime/agent/AgentRuntime.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
@@ -24,6 +25,7 @@
 #include "platform/brine/Store.h"
 #include "platform/orrery/Config.h"
 #include "platform/orrery/Database.h"
+#include "platform/orrery/KeptSettings.h"
 #include "platform/orrery/Server.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
@@ -39,6 +41,7 @@ constexpr size_t ownDescriptors = 96;
 
 struct Options {
   std::string config;
+  std::string settings;  // a file; empty: they are not kept
   std::string stateDirectory;
   std::string library;
   bool createCpuDevice = false;
@@ -132,6 +135,27 @@ void doLoadConfig(Orrery::Database& database, const Options& options) {
   }
 }
 
+// What ends an agent is not for the next one; requests of commands go with it. `korvel switch`
+// keeps the ports, as commands change them, too.
+std::unique_ptr<Orrery::KeptSettings> keptSettings(Orrery::Database& database,
+                                                   const Options& options) {
+  if (options.settings.empty()) return nullptr;
+  auto kept = std::make_unique<Orrery::KeptSettings>(
+      database, options.settings,
+      std::vector<std::string>{"p4runtime/config/agent/exitRequested", "p4runtime/config/cli",
+                               "p4runtime/config/port-mapping", "p4runtime/config/system/enabled"});
+  for (const std::string& trouble : kept->load()) fmt::print(stderr, "korvel: {}\n", trouble);
+  return kept;
+}
+
+// The setting holds in any case.
+void keepSetting(Orrery::KeptSettings& settings, const cJSON& request) try {
+  settings.note(request);
+} catch (const std::system_error& e) {
+  fmt::print(stderr, "korvel: {}; the next start of the agent does not know this setting\n",
+             e.what());
+}
+
 Vela::Ptr<P4Runtime::AgentConfig> agentConfig(const Orrery::Database& database) {
   const auto config = database.entity("p4runtime/config/agent");
   return Vela::Ptr<P4Runtime::AgentConfig>(static_cast<P4Runtime::AgentConfig*>(config.get()));
@@ -168,6 +192,7 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
   Vela::TheReactorLoopIs(&loop);
   const auto database = Orrery::embeddedDatabase(loop);
   OpenedStore opened;
+  std::unique_ptr<Orrery::KeptSettings> settings;
   std::unique_ptr<Orrery::Server> server;
   std::unique_ptr<P4Runtime::AgentRuntime> runtime;
   std::unique_ptr<NetworkPlatform> network;
@@ -178,6 +203,7 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
     network = std::make_unique<NetworkPlatform>(loop, *database);
     provideEntities(*database, options.stateDirectory);
     doLoadConfig(*database, options);
+    settings = keptSettings(*database, options);
     stopIfRequested(stopWatcher);
     opened = openStore(options);
     warnUnlessMemory(options.stateDirectory);
@@ -185,8 +211,11 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
     const std::string cpuDevice = agentConfig(*database)->cpuDevice().text();
     if (options.createCpuDevice) network->createCpuDevice(cpuDevice);
     network->start(cpuDevice);
-    server =
-        std::make_unique<Orrery::Server>(loop, *database, options.stateDirectory + "/orrery.sock");
+    server = std::make_unique<Orrery::Server>(
+        loop, *database, options.stateDirectory + "/orrery.sock", std::chrono::seconds(10),
+        [&settings](const cJSON& request) {
+          if (settings) keepSetting(*settings, request);
+        });
     runtime = std::make_unique<P4Runtime::AgentRuntime>(
         runtimeOf(loop, *database, opened, stopWatcher, options));
     library.start("p4runtime", runtime.get());
@@ -217,6 +246,9 @@ void addAgentCommand(CLI::App& app) {
   auto options = std::make_shared<Options>();
   CLI::App* command = app.add_subcommand("agent", "Run the P4Runtime agent");
   command->add_option("--config", options->config, "Configuration file (JSON)")->required();
+  command->add_option("--settings", options->settings,
+                      "Keep settings that `korvel set`, `create` and `delete` make in this file; "
+                      "they hold again when the agent is started with it");
   command
       ->add_option("--state-dir", options->stateDirectory,
                    "Where entries, sockets and traces live; best on a tmpfs")

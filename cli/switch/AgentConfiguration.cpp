@@ -3,11 +3,6 @@
 #include <cjson/cJSON.h>
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <fstream>
-#include <system_error>
-
 #include "platform/vela/Json.h"
 
 namespace {
@@ -60,13 +55,4 @@ std::string agentConfiguration(const SwitchOptions& options, const std::string& 
     Vela::addString(mapping, "intf", interface);
   }
   return Vela::jsonBytes(*configuration) + "\n";
-}
-
-void writeWholeFile(const std::string& path, const std::string& text) {
-  const std::string next = path + ".next";
-  std::ofstream file(next, std::ios::binary | std::ios::trunc);
-  file << text;
-  file.close();
-  if (file && std::rename(next.c_str(), path.c_str()) == 0) return;
-  throw std::system_error(errno ? errno : EIO, std::generic_category(), "cannot write " + path);
 }

@@ -14,6 +14,3 @@ std::string cpuDeviceOf(const SwitchOptions& options);
 // The configuration, as JSON; `ports` are mapped to interfaces.
 std::string agentConfiguration(const SwitchOptions& options, const std::string& stateDirectory,
                                const std::map<uint32_t, std::string>& ports);
-
-// Replaces the file as a whole. Throws std::system_error, naming it; the former one then stands.
-void writeWholeFile(const std::string& path, const std::string& text);

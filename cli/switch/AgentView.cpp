@@ -1,13 +1,8 @@
 // Two connections: one for notices of changes, one for queries.
 #include "cli/switch/AgentView.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <chrono>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "platform/orrery/Client.h"
@@ -23,12 +18,6 @@ constexpr const char* mappingStatusPath = "p4runtime/status/port-mapping";
 constexpr milliseconds slice{100};      // between looks at whether to stop
 constexpr milliseconds again{20};       // between two tries to reach the agent
 constexpr milliseconds patience{1000};  // with an agent that is busy
-
-Vela::UniqueFd event() {
-  Vela::UniqueFd made(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-  if (made) return made;
-  throw std::system_error(errno, std::generic_category(), "cannot watch the agent");
-}
 
 std::map<uint32_t, std::string> portsOf(Orrery::Client& client) {
   std::map<uint32_t, std::string> ports;
@@ -80,7 +69,6 @@ Event waitForChange(Orrery::Client& client) {
 
 AgentView::AgentView(std::string stateDirectory)
     : stateDirectory_(std::move(stateDirectory)),
-      change_(event()),
       thread_(Vela::startThread("follow the agent", [this] { run(); })) {}
 
 AgentView::~AgentView() {
@@ -93,10 +81,7 @@ AgentPicture AgentView::picture() const {
   return picture_;
 }
 
-void AgentView::clearChange() const {
-  uint64_t count = 0;
-  (void)!read(change_.get(), &count, sizeof count);
-}
+void AgentView::clearChange() const { change_.silence(); }
 
 void AgentView::run() {
   while (!stopping_) {
@@ -127,6 +112,5 @@ void AgentView::publish(AgentPicture picture) {
     if (picture == picture_) return;
     picture_ = std::move(picture);
   }
-  const uint64_t one = 1;
-  (void)!write(change_.get(), &one, sizeof one);
+  change_.ring();
 }

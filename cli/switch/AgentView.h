@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/vela/Descriptors.h"
+#include "platform/vela/EventDescriptor.h"
 
 namespace Orrery {
 class Client;
@@ -44,7 +44,7 @@ class AgentView {
   void publish(AgentPicture picture);
 
   const std::string stateDirectory_;
-  const Vela::UniqueFd change_;
+  const Vela::EventDescriptor change_;
   mutable std::mutex mutex_;  // guards picture_
   AgentPicture picture_;
   std::atomic<bool> stopping_{false};

@@ -16,6 +16,7 @@
 
 #include "cli/switch/AgentConfiguration.h"
 #include "platform/vela/UnixListener.h"
+#include "platform/vela/WholeFile.h"
 
 using std::chrono::milliseconds;
 
@@ -25,6 +26,7 @@ using Clock = Supervised::Clock;
 using Command = std::vector<std::string>;
 
 constexpr const char* configurationName = "switch-agent.json";
+constexpr const char* settingsName = "switch-settings.json";
 constexpr const char* forwarderName = "main";
 constexpr milliseconds lookPeriod{20};     // at a program that is not up yet
 constexpr milliseconds endPatience{5000};  // with programs that are asked to end
@@ -46,7 +48,9 @@ Vela::UniqueFd endSignals() {
 
 Command agentCommand(const SwitchOptions& options, const SwitchDirectory& directory,
                      const std::string& self) {
-  Command command{self,          "agent",         "--config", directory.file(configurationName),
+  Command command{self,          "agent",
+                  "--config",    directory.file(configurationName),
+                  "--settings",  directory.file(settingsName),
                   "--state-dir", directory.path()};
   if (options.cpuPort) command.push_back("--create-cpu-device");
   return command;
@@ -109,7 +113,9 @@ Supervisor::Supervisor(const SwitchOptions& options, const SwitchDirectory& dire
   forwarder_.beforeRestartIs([this] { keepRecordings(); });
 }
 
+// The options of a switch hold, not the settings of one that was killed.
 void Supervisor::run() {
+  std::filesystem::remove(directory_.file(settingsName));
   writeConfiguration(ports_);
   agent_.start();
   forwarder_.start();
@@ -126,8 +132,8 @@ void Supervisor::run() {
 }
 
 void Supervisor::writeConfiguration(const std::map<uint32_t, std::string>& ports) const {
-  writeWholeFile(directory_.file(configurationName),
-                 agentConfiguration(options_, directory_.path(), ports));
+  Vela::writeWholeFile(directory_.file(configurationName),
+                       agentConfiguration(options_, directory_.path(), ports));
 }
 
 void Supervisor::doWait() {

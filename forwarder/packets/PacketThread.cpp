@@ -1,8 +1,5 @@
 #include "forwarder/packets/PacketThread.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -11,6 +8,7 @@
 #include "forwarder/base/Answer.h"
 #include "forwarder/packets/PacketLoop.h"
 #include "forwarder/packets/SwitchPorts.h"
+#include "platform/vela/EventDescriptor.h"
 #include "platform/vela/Failure.h"
 
 namespace Forwarder {
@@ -21,18 +19,6 @@ using std::chrono::milliseconds;
 constexpr milliseconds choresInterval{200};  // while packets come without end
 constexpr milliseconds digestInterval{20};   // while digests may wait
 constexpr uint64_t microsecondsOfMillisecond = 1000;
-
-Vela::UniqueFd openEvent() { return Vela::UniqueFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); }
-
-void ring(const Vela::UniqueFd& event) {
-  const uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = write(event.get(), &one, sizeof one);
-}
-
-void silence(const Vela::UniqueFd& event) {
-  uint64_t rings = 0;
-  [[maybe_unused]] const ssize_t got = read(event.get(), &rings, sizeof rings);
-}
 
 const std::chrono::steady_clock::time_point processBegin = std::chrono::steady_clock::now();
 
@@ -55,8 +41,8 @@ class PacketThread::Impl {
   const PacketSinks sinks_;
   PortBook book_;
   TraceBook traces_;
-  const Vela::UniqueFd wake_ = openEvent();
-  const Vela::UniqueFd answer_ = openEvent();
+  const Vela::EventDescriptor wake_;
+  const Vela::EventDescriptor answer_;
   SwitchPorts* ports_ = nullptr;  // the thread's own, for posted work
   std::atomic<uint64_t> toNoPort_{0};
 
@@ -79,7 +65,7 @@ class PacketThread::Impl {
 void PacketThread::Impl::stop() {
   if (!thread_.joinable()) return;
   stopping_ = true;
-  ring(wake_);
+  wake_.ring();
   thread_.join();
 }
 
@@ -89,7 +75,7 @@ void PacketThread::Impl::post(std::function<void()> work) {
     posted_.push_back(std::move(work));
   }
   anyPosted_ = true;
-  ring(wake_);
+  wake_.ring();
 }
 
 void PacketThread::Impl::run() {
@@ -107,7 +93,7 @@ void PacketThread::Impl::run() {
 
 void PacketThread::Impl::doPosted() {
   anyPosted_ = false;
-  silence(wake_);
+  wake_.silence();
   std::vector<std::function<void()>> posted;
   {
     const std::lock_guard lock(mutex_);
@@ -127,7 +113,7 @@ void PacketThread::Impl::doChores(PacketLoop& loop, SwitchPorts& ports) {
   if (due || ports.devicesChanged()) ports.followDevices();
   ports.flushPcap();
   loop.handOverDigests();
-  if (traces_.finishLate() || loop.takeTraceDone()) ring(answer_);
+  if (traces_.finishLate() || loop.takeTraceDone()) answer_.ring();
   toNoPort_ = loop.toNoPort();
   if (!due) return;
   choresAt_ = now() + choresInterval.count() * microsecondsOfMillisecond;
@@ -189,6 +175,6 @@ TraceBook::LaterText PacketThread::requestTrace(const TraceRequest& request) {
 
 int PacketThread::answerDescriptor() const { return impl_->answer_.get(); }
 
-void PacketThread::clearAnswerSignal() { silence(impl_->answer_); }
+void PacketThread::clearAnswerSignal() { impl_->answer_.silence(); }
 
 }  // namespace Forwarder

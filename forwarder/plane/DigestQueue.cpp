@@ -1,8 +1,5 @@
 #include "forwarder/plane/DigestQueue.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <utility>
 
 namespace Forwarder {
@@ -40,8 +37,6 @@ std::string packedSample(const P4::Program& program, const P4::FieldList& list,
 
 }  // namespace
 
-DigestQueue::DigestQueue() : signal_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
-
 void DigestQueue::add(const P4::Engine& engine, const std::vector<P4::DigestList>& lists) {
   const std::lock_guard lock(mutex_);
   if (&engine != engine_) return;
@@ -57,9 +52,7 @@ void DigestQueue::add(const P4::Engine& engine, const std::vector<P4::DigestList
       waiting_.push_back({id, packedSample(engine.program(), fields, sample)});
     }
   }
-  if (waiting_.empty()) return;
-  const uint64_t one = 1;
-  static_cast<void>(write(signal_.get(), &one, sizeof one));  // full: it is readable anyway
+  if (!waiting_.empty()) signal_.ring();
 }
 
 void DigestQueue::wantedAre(const P4::Engine* engine, std::vector<uint32_t> ids) {
@@ -69,8 +62,7 @@ void DigestQueue::wantedAre(const P4::Engine* engine, std::vector<uint32_t> ids)
 }
 
 std::vector<DigestQueue::Digest> DigestQueue::take() {
-  uint64_t count = 0;
-  static_cast<void>(read(signal_.get(), &count, sizeof count));
+  signal_.silence();
   const std::lock_guard lock(mutex_);
   return std::exchange(waiting_, {});
 }

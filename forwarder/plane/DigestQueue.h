@@ -9,15 +9,13 @@
 #include <vector>
 
 #include "p4/Engine.h"
-#include "platform/vela/Descriptors.h"
+#include "platform/vela/EventDescriptor.h"
 
 namespace Forwarder {
 
 // Bounded: what comes while it is full is dropped and counted. Threads: as the functions say.
 class DigestQueue {
  public:
-  DigestQueue();
-
   // The packet thread: takes the lists of an engine.
   void add(const P4::Engine& engine, const std::vector<P4::DigestList>& lists);
 
@@ -35,8 +33,8 @@ class DigestQueue {
  private:
   static constexpr size_t most = 16384;
 
-  const Vela::UniqueFd signal_;  // eventfd
-  std::mutex mutex_;             // guards the next three
+  const Vela::EventDescriptor signal_;
+  std::mutex mutex_;  // guards the next three
   const P4::Engine* engine_ = nullptr;
   std::vector<uint32_t> wanted_;
   std::vector<Digest> waiting_;

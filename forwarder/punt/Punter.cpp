@@ -2,8 +2,6 @@
 #include "forwarder/punt/Punter.h"
 
 #include <fmt/format.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <span>
@@ -20,18 +18,6 @@ using std::chrono::nanoseconds;
 constexpr milliseconds refreshInterval{200};  // between looks for devices
 constexpr size_t mostRequests = 16;
 
-Vela::UniqueFd openEvent() { return Vela::UniqueFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)); }
-
-void ring(const Vela::UniqueFd& event) {
-  const uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = write(event.get(), &one, sizeof one);
-}
-
-void silence(const Vela::UniqueFd& event) {
-  uint64_t rings = 0;
-  [[maybe_unused]] const ssize_t got = read(event.get(), &rings, sizeof rings);
-}
-
 std::string note(const std::string& trouble) {
   return trouble.empty() ? std::string() : " (" + trouble + ")";
 }
@@ -41,8 +27,6 @@ std::string note(const std::string& trouble) {
 Punter::Punter(std::string stateDirectory, PuntOptions options, Log log)
     : stateDirectory_(std::move(stateDirectory)),
       log_(std::move(log)),
-      wakeSignal_(openEvent()),
-      answerSignal_(openEvent()),
       options_(std::move(options)),
       values_(options_.values),
       sender_(options_.device, counts_),
@@ -51,13 +35,13 @@ Punter::Punter(std::string stateDirectory, PuntOptions options, Log log)
 Punter::~Punter() {
   if (!running()) return;
   stopping_ = true;
-  ring(wakeSignal_);
+  wakeSignal_.ring();
   thread_.join();
 }
 
 void Punter::start() {
   if (running()) return;
-  ring(wakeSignal_);  // its first look is at once
+  wakeSignal_.ring();  // its first look is at once
   thread_ = Vela::startThread("punt packets", [this] { run(); });
 }
 
@@ -67,7 +51,7 @@ void Punter::valuesIs(PuntValues values) {
     PuntHeader(knownPicture_->packetIn, values);  // refuses values that do not fit
   }
   options_.values = values_ = std::move(values);
-  ring(wakeSignal_);
+  wakeSignal_.ring();
 }
 
 std::string Punter::placesText() const {
@@ -87,7 +71,7 @@ Answer Punter::requestPackets(PuntRequest wanted) {
     newRequests_.push_back(request);
   }
   start();
-  ring(wakeSignal_);
+  wakeSignal_.ring();
   Answer answer;
   answer.later = [this, request] {
     const std::lock_guard lock(mutex_);
@@ -96,10 +80,10 @@ Answer Punter::requestPackets(PuntRequest wanted) {
   return answer;
 }
 
-void Punter::clearAnswerSignal() { silence(answerSignal_); }
+void Punter::clearAnswerSignal() { answerSignal_.silence(); }
 
 void Punter::run() {
-  view_ = std::make_unique<PuntView>(stateDirectory_, [this] { ring(wakeSignal_); });
+  view_ = std::make_unique<PuntView>(stateDirectory_, [this] { wakeSignal_.ring(); });
   while (!stopping_) {
     doWait();
     ports_.receive(std::span(polled_).subspan(1));
@@ -131,7 +115,7 @@ nanoseconds Punter::waitTime() const {
 void Punter::maybeRefresh() {
   const bool woken = !polled_.empty() && polled_[0].revents != 0;
   if (!woken && Clock::now() - refreshed_ < refreshInterval) return;
-  silence(wakeSignal_);
+  wakeSignal_.silence();
   refreshed_ = Clock::now();
   picture_ = view_->picture();
   sender_.device().maybeOpen();
@@ -183,7 +167,7 @@ bool Punter::advance(Request& request) {
     const std::lock_guard lock(mutex_);
     request.answer = std::move(answer);
   }
-  ring(answerSignal_);
+  answerSignal_.ring();
   return true;
 }
 

@@ -21,6 +21,7 @@
 #include "forwarder/punt/PuntPorts.h"
 #include "forwarder/punt/PuntSender.h"
 #include "forwarder/punt/PuntView.h"
+#include "platform/vela/EventDescriptor.h"
 
 namespace Forwarder {
 
@@ -77,8 +78,8 @@ class Punter {
 
   const std::string stateDirectory_;
   const Log log_;
-  const Vela::UniqueFd wakeSignal_;    // eventfd: requests, options or the picture have changed
-  const Vela::UniqueFd answerSignal_;  // eventfd
+  const Vela::EventDescriptor wakeSignal_;  // requests, options or the picture have changed
+  const Vela::EventDescriptor answerSignal_;
   PuntCounts counts_;
   std::atomic<bool> stopping_{false};
   PuntOptions options_;  // the maker's; the thread reads its ports, which stay as they are

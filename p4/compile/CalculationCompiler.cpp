@@ -1,5 +1,7 @@
 #include "p4/compile/CalculationCompiler.h"
 
+#include <algorithm>
+
 namespace P4 {
 namespace {
 
@@ -68,6 +70,9 @@ CalculationCode compileCalculation(const Calculation& calculation, const Program
   CalculationCode code{.name = calculation.name, .algorithm = calculation.algorithm};
   InputCompiler compiler(program, layout, image, code);
   for (const CalculationInput& input : calculation.inputs) compiler.add(input);
+  code.ofBytes = std::ranges::all_of(code.parts, [](const CalculationPart& part) {
+    return part.kind == CalculationPart::Kind::header && part.bit % 8 == 0 && part.bits % 8 == 0;
+  });
   return code;
 }
 

@@ -6,6 +6,7 @@
 #include "p4/compile/Layout.h"
 #include "p4/compile/ParserCompiler.h"
 #include "p4/compile/PrimitiveCompiler.h"
+#include "p4/match/Entry.h"
 
 namespace P4 {
 namespace {
@@ -17,7 +18,7 @@ uint32_t argumentWords(const Action& action) {
 }
 
 uint32_t mostArgumentWords(const Program& program) {
-  uint32_t most = 0;
+  uint32_t most = ActionData::leastWords;
   for (const Action& action : program.actions) most = std::max(most, argumentWords(action));
   return most;
 }
@@ -48,7 +49,7 @@ class Compiler {
     parser_.finish();
     control_.finish();
     image_.code = code_.finish();
-    image_.deparser = program_.deparserOrder;
+    compileDeparser();
     image_.stateWords =
         std::max(code_.mostSlots(), image_.argumentSlot + mostArgumentWords(program_)) + 2;
     return std::move(image_);
@@ -65,6 +66,14 @@ class Compiler {
     for (const ActionProfile& profile : program_.profiles)
       image_.profileCalculations.push_back(profile.withSelector ? addCalculation(profile.selector)
                                                                 : absent);
+  }
+
+  void compileDeparser() {
+    image_.deparser = program_.deparserOrder;
+    for (const uint32_t header : image_.deparser) {
+      image_.deparsedBytes += image_.headers[header].bytes;
+      image_.deparsedVarbits += image_.headers[header].varbit != noSlot;
+    }
   }
 
   ListCode compileList(const FieldList& list, bool withValidity) const {

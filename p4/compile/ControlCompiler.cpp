@@ -30,7 +30,9 @@ CodeBuffer::Label ControlCompiler::labelOf(NodeRef node) {
 
 uint32_t ControlCompiler::compile(NodeRef first) {
   const uint32_t begin = code_.here();
-  code_.emitJump(Code::jump, labelOf(first));
+  const bool isNew = !labels_.contains({static_cast<int>(first.kind), first.index});
+  const CodeBuffer::Label begins = labelOf(first);
+  if (!isNew) code_.emitJump(Code::jump, begins);  // else its code follows
   while (!waiting_.empty()) {
     const NodeRef node = waiting_.back();
     waiting_.pop_back();
@@ -82,6 +84,7 @@ std::vector<KeySource> ControlCompiler::keyOf(const Table& table, const KeyShape
                      .word = shape.elements[i].word,
                      .words = shape.elements[i].words,
                      .mask = maskWords(element.mask, shape.elements[i].words)};
+    if (!source.mask.empty()) source.firstMask = source.mask.front();
     if (element.kind == MatchKind::valid)
       source.place = {.kind = FieldPlace::Kind::slot, .bits = 1, .at = header.valid};
     else if (element.field.field != validBit && !header.metadata)

@@ -29,6 +29,19 @@ void storeBits(uint8_t* to, uint32_t bit, uint32_t count, uint64_t value) {
   }
 }
 
+uint64_t loadWideField(const FieldPlace& place, const uint64_t* state) {
+  if (!place) return 0;
+  uint64_t words[64];
+  loadWords(place, state, words);
+  return words[0];
+}
+
+void storeWideField(const FieldPlace& place, uint64_t* state, uint64_t value) {
+  if (!place) return;
+  uint64_t words[64] = {value};
+  storeWords(place, state, words);
+}
+
 void loadWords(const FieldPlace& place, const uint64_t* state, uint64_t* words) {
   if (place.kind != FieldPlace::Kind::bits) {
     if (place.kind == FieldPlace::Kind::slots)

@@ -65,41 +65,26 @@ void loadWords(const FieldPlace& place, const uint64_t* state, uint64_t* words);
 // Cuts to the width. `words` has place.words() of them.
 void storeWords(const FieldPlace& place, uint64_t* state, const uint64_t* words);
 
+// loadField() and storeField() of the kinds that take several words, or none.
+uint64_t loadWideField(const FieldPlace& place, const uint64_t* state);
+void storeWideField(const FieldPlace& place, uint64_t* state, uint64_t value);
+
 // The low 64 bits of the pattern; 0 where there is no field.
 inline uint64_t loadField(const FieldPlace& place, const uint64_t* state) {
-  switch (place.kind) {
-    case FieldPlace::Kind::slot:
-    case FieldPlace::Kind::slots:
-      return state[place.at];
-    case FieldPlace::Kind::packed:
-      return loadPacked(bytesOf(state) + place.at, place.lead, place.bits);
-    case FieldPlace::Kind::bits: {
-      uint64_t words[64];
-      loadWords(place, state, words);
-      return words[0];
-    }
-    case FieldPlace::Kind::none:
-      break;
-  }
-  return 0;
+  if (place.kind == FieldPlace::Kind::slot) return state[place.at];
+  if (place.kind == FieldPlace::Kind::packed)
+    return loadPacked(bytesOf(state) + place.at, place.lead, place.bits);
+  return loadWideField(place, state);
 }
 
 // Cuts to the width; nothing happens where there is no field.
 inline void storeField(const FieldPlace& place, uint64_t* state, uint64_t value) {
-  switch (place.kind) {
-    case FieldPlace::Kind::slot:
-      state[place.at] = place.bits < 64 ? value & ((uint64_t{1} << place.bits) - 1) : value;
-      return;
-    case FieldPlace::Kind::packed:
-      return storePacked(bytesOf(state) + place.at, place.lead, place.bits, value);
-    case FieldPlace::Kind::slots:
-    case FieldPlace::Kind::bits: {
-      uint64_t words[64] = {value};
-      return storeWords(place, state, words);
-    }
-    case FieldPlace::Kind::none:
-      return;
-  }
+  if (place.kind == FieldPlace::Kind::slot)
+    state[place.at] = value & ~uint64_t{0} >> (64 - place.bits);
+  else if (place.kind == FieldPlace::Kind::packed)
+    storePacked(bytesOf(state) + place.at, place.lead, place.bits, value);
+  else
+    storeWideField(place, state, value);
 }
 
 }  // namespace P4

@@ -50,6 +50,7 @@ struct CalculationCode {
   Algorithm algorithm = Algorithm::crc16;
   std::vector<CalculationPart> parts;
   bool payload = false;  // at the end, at a byte boundary
+  bool ofBytes = false;  // all parts are whole bytes of headers
 };
 
 struct KeySource {
@@ -59,7 +60,8 @@ struct KeySource {
   uint32_t words = 1;
   uint32_t shiftLeft = 0;  // of an LPM element: to the top of its words, which are turned round
   bool highFirst = false;
-  std::vector<uint64_t> mask;  // empty: none
+  std::vector<uint64_t> mask;         // empty: none
+  uint64_t firstMask = ~uint64_t{0};  // the mask of the only word, of one word
 };
 
 struct TableCode {
@@ -150,6 +152,8 @@ struct Image {
   std::vector<StackPlace> unionStacks;
   std::vector<std::vector<uint32_t>> unions;  // headers
   std::vector<uint32_t> deparser;             // headers
+  size_t deparsedBytes = 0;                   // of all of them, without varbit fields
+  size_t deparsedVarbits = 0;                 // headers among them with such a field
   uint32_t metadataBegin = 0;                 // slots
   uint32_t metadataEnd = 0;
   std::vector<FieldPlace> places;

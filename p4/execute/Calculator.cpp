@@ -49,17 +49,32 @@ void Calculator::gather(const CalculationPart& part, const Packet& packet, BitWr
   }
 }
 
+size_t Calculator::gatherBytes(const CalculationCode& code, const uint64_t* state) {
+  uint8_t* to = input_.data();
+  for (const CalculationPart& part : code.parts) {
+    if (part.valid != noSlot && !state[part.valid]) continue;
+    std::memcpy(to, bytesOf(state) + image_.headers[part.header].at + part.bit / 8, part.bits / 8);
+    to += part.bits / 8;
+  }
+  return static_cast<size_t>(to - input_.data());
+}
+
+size_t Calculator::gatherBits(const CalculationCode& code, const Packet& packet) {
+  BitWriter writer(input_.data());
+  for (const CalculationPart& part : code.parts) gather(part, packet, writer);
+  return writer.bytes();
+}
+
 uint64_t Calculator::calculate(uint32_t calculation, const Packet& packet) {
   const CalculationCode& code = image_.calculations[calculation];
   if (input_.size() < mostBytes(packet)) input_.resize(mostBytes(packet) + 2048);
-  BitWriter writer(input_.data());
-  for (const CalculationPart& part : code.parts) gather(part, packet, writer);
+  size_t size = code.ofBytes ? gatherBytes(code, packet.state.get()) : gatherBits(code, packet);
   if (code.payload) {
-    writer.pad();
     const uint32_t payload = std::min(packet.size - packet.parsed, packet.truncateTo);
-    writer.append(packet.data + packet.parsed, 0, payload * 8);
+    std::memcpy(input_.data() + size, packet.data + packet.parsed, payload);
+    size += payload;
   }
-  return externs_.hashes[calculation].hash(code.algorithm, {input_.data(), writer.bytes()});
+  return externs_.hashes[calculation].hash(code.algorithm, {input_.data(), size});
 }
 
 }  // namespace P4

@@ -16,6 +16,9 @@ class Calculator {
   uint64_t calculate(uint32_t calculation, const Packet& packet);
 
  private:
+  // Each puts the parts into input_, and returns their size in bytes.
+  size_t gatherBytes(const CalculationCode& code, const uint64_t* state);
+  size_t gatherBits(const CalculationCode& code, const Packet& packet);
   void gather(const CalculationPart& part, const Packet& packet, class BitWriter& to);
   size_t mostBytes(const Packet& packet) const;
 

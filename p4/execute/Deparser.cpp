@@ -27,13 +27,7 @@ void writeHeader(const HeaderPlace& header, const Packet& packet, BitWriter& to)
 }  // namespace
 
 size_t mostBytesOf(const Image& image, const Packet& packet) {
-  size_t bytes = packet.size + 16;
-  for (const uint32_t header : image.deparser) {
-    const HeaderPlace& place = image.headers[header];
-    bytes += place.bytes;
-    if (place.varbit != noSlot) bytes += packet.size;
-  }
-  return bytes;
+  return image.deparsedBytes + (1 + image.deparsedVarbits) * packet.size + 16;
 }
 
 size_t deparse(const Image& image, const Packet& packet, uint8_t* to) {

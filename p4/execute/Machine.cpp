@@ -21,6 +21,12 @@ uint64_t signExtended(uint64_t value, uint64_t bits) {
   return static_cast<uint64_t>(static_cast<int64_t>(value << (64 - bits)) >> (64 - bits));
 }
 
+void copyArguments(const ActionData& from, uint64_t* to) {
+  std::memcpy(to, from.arguments, ActionData::leastWords * sizeof(uint64_t));
+  if (from.words > ActionData::leastWords)
+    std::memcpy(to, from.arguments, from.words * sizeof(uint64_t));
+}
+
 bool lessSigned(uint64_t one, uint64_t other) {
   return static_cast<int64_t>(one) < static_cast<int64_t>(other);
 }
@@ -38,6 +44,7 @@ RunEnd Machine::run(uint32_t begin, Packet& packet) {
   uint32_t steps = maxSteps;
   for (;;) {
     const Instruction& i = *at++;
+    if (i.code > Code::assertTrue) __builtin_unreachable();  // the jump table needs no bounds
     switch (i.code) {
       case Code::load:
         s[i.a] = i.c;
@@ -243,7 +250,7 @@ RunEnd Machine::run(uint32_t begin, Packet& packet) {
           at = code + next;
           break;
         }
-        std::memcpy(s + image_.argumentSlot, action->arguments, action->words * sizeof(uint64_t));
+        copyArguments(*action, s + image_.argumentSlot);
         back = code + next;
         at = code + image_.actions[action->action];
         break;

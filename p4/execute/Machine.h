@@ -45,7 +45,6 @@ class Machine {
   static constexpr uint32_t maxSteps = 10000;
 
   const ActionData* lookUp(uint32_t table, Packet& packet, uint32_t& next);
-  void makeKey(const TableCode& table, const uint64_t* state, uint64_t* key) const;
   void hit(const TableCode& table, const Entry& entry, Packet& packet);
   const ActionData* actionOf(const TableCode& table, const Outcome& outcome, const Packet& packet);
   const ActionData* chosen(const TableCode& table, const Group& group, const Packet& packet);

@@ -15,7 +15,7 @@ void Machine::count(uint64_t index, uint32_t array, const Packet& packet) {
 
 uint64_t Machine::meter(uint64_t index, uint32_t array, const Packet& packet) {
   const uint64_t units = externs_.meterBytes[array] ? packet.ingressLength : 1;
-  return static_cast<uint64_t>(externs_.meters[array][index].execute(now_, units));
+  return static_cast<uint64_t>(externs_.meters[array][index].execute(sideNumber_, now_, units));
 }
 
 void Machine::loadRegister(const Instruction& instruction, uint64_t* state) {

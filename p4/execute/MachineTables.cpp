@@ -12,30 +12,36 @@ void turnRound(uint64_t* words, uint32_t count, uint32_t shift) {
     words[i] = words[i] << shift | (i + 1 < count ? words[i + 1] >> (64 - shift) : 0);
 }
 
-}  // namespace
+void makeWideElement(const KeySource& source, bool valid, const uint64_t* state, uint64_t* words) {
+  if (valid)
+    loadWords(source.place, state, words);
+  else
+    std::memset(words, 0, source.words * sizeof(uint64_t));
+  for (size_t i = 0; i < source.mask.size(); ++i) words[i] &= source.mask[i];
+  if (source.highFirst) turnRound(words, source.words, source.shiftLeft);
+}
 
-void Machine::makeKey(const TableCode& table, const uint64_t* state, uint64_t* key) const {
+void makeKey(const TableCode& table, const uint64_t* state, uint64_t* key) {
   for (const KeySource& source : table.key) {
-    uint64_t* words = key + source.word;
     const bool valid = source.valid == noSlot || state[source.valid];
-    if (source.words == 1) {
-      words[0] = valid ? loadField(source.place, state) : 0;
-    } else if (valid) {
-      loadWords(source.place, state, words);
-    } else {
-      std::memset(words, 0, source.words * sizeof(uint64_t));
+    if (source.words != 1) {
+      makeWideElement(source, valid, state, key + source.word);
+      continue;
     }
-    for (size_t i = 0; i < source.mask.size(); ++i) words[i] &= source.mask[i];
-    if (source.highFirst) turnRound(words, source.words, source.shiftLeft);
+    const uint64_t word = valid ? loadField(source.place, state) : 0;
+    key[source.word] = (word & source.firstMask) << source.shiftLeft;
   }
 }
+
+}  // namespace
 
 void Machine::hit(const TableCode& table, const Entry& found, Packet& packet) {
   auto& entry = const_cast<Entry&>(found);  // its counter and its meter
   if (table.counters) entry.counter.add(packet.ingressLength);
   if (table.meters) {
     const uint64_t units = table.meterBytes ? packet.ingressLength : 1;
-    const Colour colour = entry.meter ? entry.meter->execute(now_, units) : Colour::green;
+    const Colour colour =
+        entry.meter ? entry.meter->execute(sideNumber_, now_, units) : Colour::green;
     storeField(table.meterResult, packet.state.get(), static_cast<uint64_t>(colour));
   }
   if (table.ageing) entry.lastHit.store(packet.receivedAt, std::memory_order_relaxed);
@@ -61,9 +67,10 @@ const ActionData* Machine::lookUp(uint32_t position, Packet& packet, uint32_t& n
   const TableCode& table = image_.tables[position];
   const Entry* entry = nullptr;
   uint64_t key[maxKeyWords + 1];
-  if (!table.key.empty()) {
+  const TableIndex& index = side_->tables[position];
+  if (!table.key.empty() && (trace_ || !index.empty())) {
     makeKey(table, packet.state.get(), key);
-    entry = side_->tables[position].find(key);
+    entry = index.find(key);
   }
   if (entry) hit(table, *entry, packet);
   const ActionData* action =

@@ -312,12 +312,12 @@ uint64_t Switch::depthOf(const Packet& packet) const {
 
 // The oldest packet, or one of the same port from a higher queue.
 Packet* Switch::nextOfEgress() {
+  if (options_.priorityQueues == 1) return egress_[egressAt_++];
   size_t chosen = egressAt_;
-  if (options_.priorityQueues > 1)
-    for (size_t i = egressAt_ + 1; i < egress_.size(); ++i)
-      if (egress_[i]->egressPort == egress_[egressAt_]->egressPort &&
-          egress_[i]->queue > egress_[chosen]->queue)
-        chosen = i;
+  for (size_t i = egressAt_ + 1; i < egress_.size(); ++i)
+    if (egress_[i]->egressPort == egress_[egressAt_]->egressPort &&
+        egress_[i]->queue > egress_[chosen]->queue)
+      chosen = i;
   std::rotate(egress_.begin() + static_cast<ptrdiff_t>(egressAt_),
               egress_.begin() + static_cast<ptrdiff_t>(chosen),
               egress_.begin() + static_cast<ptrdiff_t>(chosen) + 1);

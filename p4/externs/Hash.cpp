@@ -32,13 +32,24 @@ uint64_t wordAt(std::span<const uint8_t> bytes, size_t at, size_t size) {
 // The sum is the same in either byte order but for the order of its own bytes.
 uint64_t internetChecksum(std::span<const uint8_t> bytes) {
   uint64_t sum = 0;
-  for (size_t at = 0; at < bytes.size(); at += 8) {
-    uint64_t word = 0;
-    std::memcpy(&word, bytes.data() + at, std::min<size_t>(8, bytes.size() - at));
+  const auto add = [&sum](uint64_t word) {
     sum += word;
     sum += sum < word;  // the carry comes round
+  };
+  size_t at = 0;
+  for (uint64_t word = 0; at + sizeof word <= bytes.size(); at += sizeof word) {
+    std::memcpy(&word, bytes.data() + at, sizeof word);
+    add(word);
   }
-  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
+  for (uint16_t word = 0; at + sizeof word <= bytes.size(); at += sizeof word) {
+    std::memcpy(&word, bytes.data() + at, sizeof word);
+    add(word);
+  }
+  if (at < bytes.size()) add(bytes[at]);
+  sum = (sum & 0xffffffff) + (sum >> 32);
+  sum = (sum & 0xffffffff) + (sum >> 32);
+  sum = (sum & 0xffff) + (sum >> 16);
+  sum = (sum & 0xffff) + (sum >> 16);
   return ~static_cast<uint64_t>(__builtin_bswap16(static_cast<uint16_t>(sum))) & 0xffff;
 }
 

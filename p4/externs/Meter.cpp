@@ -12,8 +12,8 @@ void Meter::Bucket::refill(uint64_t now, uint64_t rate, uint64_t burst) {
   last = due;
 }
 
-Colour Meter::execute(uint64_t now, uint64_t units) {
-  const MeterConfig* config = wanted_.load(std::memory_order_acquire);
+Colour Meter::execute(int side, uint64_t now, uint64_t units) {
+  const MeterConfig* config = wanted_[side];
   if (!config) return Colour::green;
   const MeterRates& rates = config->rates;
   if (config->generation != current_) {

@@ -1,7 +1,6 @@
 // A meter of two rates and three colours.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
 namespace P4 {
@@ -22,15 +21,15 @@ struct MeterConfig {
   uint64_t generation = 0;  // from 1; no two configurations share it
 };
 
-// The packet thread executes it; another may configure it. Time is in microseconds. A meter that is
-// not configured is green.
+// The packet thread executes it; another configures the side that it does not read. Time is in
+// microseconds. A meter that is not configured is green.
 class Meter {
  public:
-  Colour execute(uint64_t now, uint64_t units);
-  // The buckets are full after it. Null: not configured. The configuration is borrowed for as long
-  // as a packet may be under way that saw it.
-  void configIs(const MeterConfig* config) { wanted_.store(config, std::memory_order_release); }
-  const MeterConfig* config() const { return wanted_.load(std::memory_order_acquire); }
+  // By the configuration of the side of the tables that packets read (tables/Sides.h).
+  Colour execute(int side, uint64_t now, uint64_t units);
+  // The buckets are full after it. Null: not configured. For a side that no packet reads; the
+  // configuration is borrowed for as long as it is the side's.
+  void configIs(int side, const MeterConfig* config) { wanted_[side] = config; }
 
  private:
   struct Bucket {
@@ -39,8 +38,8 @@ class Meter {
     void refill(uint64_t now, uint64_t rate, uint64_t burst);
   };
 
-  std::atomic<const MeterConfig*> wanted_ = nullptr;
-  uint64_t current_ = 0;  // generation
+  const MeterConfig* wanted_[2] = {};  // by side
+  uint64_t current_ = 0;               // generation
 
   Bucket committed_;
   Bucket peak_;

@@ -1,6 +1,7 @@
 // An entry of a table, and what a packet that meets it does.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <cstring>
@@ -14,6 +15,10 @@ namespace P4 {
 
 // An action with its arguments, each in as many 64-bit words as its width takes, low word first.
 struct ActionData {
+  // At least so many lie there, so that most are copied by one instruction or two. They cost
+  // nothing: memory comes in pieces of that size.
+  static constexpr uint32_t leastWords = 2;
+
   uint32_t action = 0;
   uint32_t words = 0;
   uint64_t arguments[];
@@ -24,10 +29,11 @@ struct ActionData {
   using Ptr = std::unique_ptr<ActionData, Delete>;
 
   static Ptr make(uint32_t action, uint32_t words) {
-    auto* data = new (::operator new(sizeof(ActionData) + words * sizeof(uint64_t))) ActionData();
+    const size_t bytes = std::max(words, leastWords) * sizeof(uint64_t);
+    auto* data = new (::operator new(sizeof(ActionData) + bytes)) ActionData();
     data->action = action;
     data->words = words;
-    std::memset(data->arguments, 0, words * sizeof(uint64_t));
+    std::memset(data->arguments, 0, bytes);
     return Ptr(data);
   }
 };

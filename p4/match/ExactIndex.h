@@ -19,6 +19,7 @@ class ExactIndex {
     return slots_.insert({entry, hashWords(entry->value(), words_)}).second;
   }
   void remove(Entry* entry) { slots_.erase(KeyView{entry->value()}); }
+  bool empty() const { return slots_.empty(); }
 
  private:
   // The hash stands beside the pointer: the table grows without reading entries.

@@ -24,6 +24,7 @@ class PrefixIndex {
   Entry* same(const Entry& entry) const;
   void insert(Entry* entry);
   void remove(Entry* entry);
+  bool empty() const { return exactWords_ == 0 ? only_.empty() : branches_.empty(); }
 
  private:
   const PrefixTrie* trieOf(const uint64_t* key) const;

@@ -23,6 +23,12 @@ class TableIndex {
       return (*prefix)->find(key);
     return std::get<TupleSpace>(index_).find(key);
   }
+  bool empty() const {
+    if (const auto* exact = std::get_if<ExactIndex>(&index_)) return exact->empty();
+    if (const auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_))
+      return (*prefix)->empty();
+    return std::get<TupleSpace>(index_).empty();
+  }
   // The entry with equal key (and, where it counts, rank), or null.
   Entry* same(const Entry& entry) const {
     if (const auto* exact = std::get_if<ExactIndex>(&index_)) return exact->same(entry);

@@ -250,7 +250,8 @@ void TableStore::setMeter(Meter& meter, const std::optional<MeterRates>& rates) 
     throw Refusal(RefusalKind::invalid, "the peak rate of a meter is not below its committed rate");
   std::unique_ptr<const MeterConfig> config;
   if (rates) config = std::make_unique<MeterConfig>(MeterConfig{*rates, ++meterGeneration_});
-  meter.configIs(config.get());
+  sides_.change(
+      [&meter, wanted = config.get()](Side& side) { meter.configIs(side.number, wanted); });
   if (auto former = configs_.extract(&meter)) retiredConfigs_.push_back(std::move(former.mapped()));
   if (config) configs_.emplace(&meter, std::move(config));
 }

@@ -22,9 +22,10 @@ class ServerConnection final : public Vela::RefCounted {
   static constexpr size_t maxAnswerBytes = 4 * 1024 * 1024;  // of answers not taken: closed
   static constexpr size_t maxWatches = 64;
 
-  // `closed` runs once, on a later turn.
+  using Accepted = std::function<void(const cJSON& request)>;
+  // `accepted` may be empty. `closed` runs once, on a later turn.
   ServerConnection(Vela::ReactorLoop& loop, Database& database, Vela::UnixClient client,
-                   std::function<void(ServerConnection*)> closed);
+                   Accepted accepted, std::function<void(ServerConnection*)> closed);
   ~ServerConnection() override;
 
   void close();
@@ -44,6 +45,7 @@ class ServerConnection final : public Vela::RefCounted {
   Vela::ReactorLoop& loop_;
   Database& database_;
   Vela::UnixClient client_;
+  const Accepted accepted_;
   std::function<void(ServerConnection*)> closed_;
   Vela::Ptr<Vela::FileDescriptor> descriptor_;
   std::string input_;

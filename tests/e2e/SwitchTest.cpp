@@ -231,6 +231,8 @@ TEST(SwitchCommand, OutlivesTheDeathsOfItsProcesses) {
 
   ASSERT_EQ(tested.korvel({"port", "map", "3", "sb"}).exit.code, 0);
   ASSERT_EQ(tested.korvel({"port", "unmap", "7"}).exit.code, 0);
+  const Words setting{"p4runtime/config/system", "maxStreams"};
+  ASSERT_EQ(tested.korvel({"set", setting[0], setting[1], "77"}).exit.code, 0);
   // The switch hears of it a moment later.
   const std::string configuration = tested.stateDirectory() + "/switch-agent.json";
   ASSERT_TRUE(waitUntil([&] {
@@ -241,6 +243,7 @@ TEST(SwitchCommand, OutlivesTheDeathsOfItsProcesses) {
     ASSERT_TRUE(tested.killed(agentProgram, "agent"));
     EXPECT_THAT(tested.korvel({"port", "list"}).output,
                 AllOf(HasSubstr("sa"), HasSubstr("sb"), Not(HasSubstr("absent"))));
+    EXPECT_THAT(tested.korvel({"get", setting[0], setting[1]}).output, HasSubstr("77"));
     ASSERT_TRUE(controller.begin());
     EXPECT_THAT(controller.routes(), SizeIs(1 + i));
     ASSERT_TRUE(tested.killed(forwarderProgram, "forwarder"));
@@ -280,9 +283,12 @@ TEST(SwitchCommand, GoesOnWithItsTablesAfterItWasKilled) {
       ASSERT_TRUE(controller.push().ok());
       ASSERT_TRUE(controller.insert(1));
     }
+    EXPECT_EQ(tested.korvel({"set", "p4runtime/config/system", "maxStreams", "77"}).exit.code, 0);
     tested.process().kill();
     EXPECT_THAT(routesOfNext(), SizeIs(1));
     EXPECT_THAT(tested.log(), HasSubstr("goes on with the tables of the former switch"));
+    EXPECT_THAT(tested.korvel({"get", "p4runtime/config/system", "maxStreams"}).output,
+                HasSubstr("512"));
     tested.process().signal(SIGTERM);
     EXPECT_EQ(tested.process().exitStatus(), (ExitStatus{.code = 0}));
     const bool isNamed = !words.empty();

@@ -157,6 +157,8 @@ TEST(SwitchTest, MetersColourByTime) {
   ASSERT_TRUE(engine.setMeter(
       0, 0,
       P4::MeterRates{.committedRate = 1, .committedBurst = 1, .peakRate = 2, .peakBurst = 2}));
+  EXPECT_THAT(play(engine, 1, "77"), ElementsAre("0:00")) << "not committed";
+  engine.tables().commit();
   Strings colours;
   for (const uint64_t now : {1000000, 1000001, 1000002, 1500000, 2000000, 2000001})
     colours.push_back(play(engine, 1, "77", now)[0]);

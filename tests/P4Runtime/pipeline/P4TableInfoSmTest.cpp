@@ -77,8 +77,8 @@ TEST_F(P4TableInfoSmTest, FileThatCannotBeUsedLeavesTheRunningPipelineAlone) {
     std::string hint = {};
   } cases[] = {
       {"no path", "", "", "Pipeline Configuration not available yet: ",
-       "set forwardingPipelineConfigFilePath of p4runtime/config/system to a file that 'korvel"
-       " pipeline build' has made"},
+       "a controller may push one, or set forwardingPipelineConfigFilePath of"
+       " p4runtime/config/system to a file that 'korvel pipeline build' has made"},
       {"no file", agent().directory + "/absent", "",
        "Failed to open file " + agent().directory + "/absent",
        "No such file or directory, set forwardingPipelineConfigFilePath of p4runtime/config/system"
