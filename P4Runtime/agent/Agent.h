@@ -129,6 +129,7 @@ class Agent : public Vela::Entity {
   void handleNotice(const Lattice::Notice& notice);
   void handleAgentLeft(const Lattice::SubscriberInfo& agent);
   void doUpdateStatus();
+  void doUpdateHealth();
   void doFollowRestore();
 
   AgentRuntime runtime_;

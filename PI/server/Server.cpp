@@ -7,6 +7,7 @@
 #include <system_error>
 #include <utility>
 
+#include "PI/server/HealthService.h"
 #include "PI/server/Limits.h"
 #include "PI/server/Listener.h"
 #include "PI/server/P4RuntimeService.h"
@@ -48,6 +49,7 @@ void threadsAre(grpc::ServerBuilder& builder) {
 Server::Server(const std::string& address, std::shared_ptr<grpc::ServerCredentials> credentials,
                const std::string& localToken)
     : service_(std::make_unique<P4RuntimeService>(TheArbitration(), localToken)),
+      health_(std::make_unique<HealthService>(TheHealth())),
       listener_(std::make_unique<Listener>(address)),
       quota_(std::make_unique<grpc::ResourceQuota>("p4runtime")) {
   limitsChanged();
@@ -63,6 +65,7 @@ Server::Server(const std::string& address, std::shared_ptr<grpc::ServerCredentia
   connectionsAre(builder);
   threadsAre(builder);
   builder.RegisterService(service_.get());
+  builder.RegisterService(health_.get());
   server_ = builder.BuildAndStart();
   if (!server_) {
     throw std::runtime_error("cannot listen on " + address + ": gRPC could not start its server");
@@ -96,7 +99,8 @@ void Server::limitsChanged() {
   const Limits now = limits();
   quota_->Resize(now.memoryBytes);
   quota_->SetMaxThreads(static_cast<int>(now.streams + now.reads + now.writes + now.otherCalls +
-                                         StreamSet::kMaxUnarbitrated + 128));
+                                         StreamSet::kMaxUnarbitrated + HealthService::kMostWatches +
+                                         128));
 }
 
 // On a thread of its own, because gRPC waits for calls that cannot be cancelled.
@@ -105,6 +109,7 @@ void Server::begin(std::chrono::milliseconds cancelAfter) {
   if (closing_.joinable()) return;
   closing_ = startThread([this, cancelAfter] {
     listener_->stop();
+    health_->endWatches();
     std::thread streams;
     const auto endStreams = [this] { service_->streams().endAll(kStreamGrace); };
     try {

@@ -20,6 +20,7 @@ class ExternalConnectionAcceptor;
 
 namespace pi::server {
 
+class HealthService;
 class Listener;
 class P4RuntimeService;
 
@@ -51,6 +52,7 @@ class Server {
   void begin(std::chrono::milliseconds cancelAfter);
 
   std::unique_ptr<P4RuntimeService> service_;
+  std::unique_ptr<HealthService> health_;
   std::unique_ptr<Listener> listener_;
   std::unique_ptr<grpc::ResourceQuota> quota_;
   std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;

@@ -23,6 +23,10 @@ void PIGrpcServerLenienceIs(const PIGrpcServerLenience_t* lenience);
  * limit, so that others cannot keep the process from installing its pipeline. */
 void PIGrpcServerOwnConnectionsAre(int on);
 
+/* Whether grpc.health.v1 says SERVING (not 0) or NOT_SERVING, which it says until this was called.
+ * At once, and for later servers, too. */
+void PIGrpcServerServingIs(int serving);
+
 #ifdef __cplusplus
 }
 #endif
