@@ -25,6 +25,13 @@ set(KORVEL_SANITIZER_OPTIONS
   "UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1"
   "TSAN_OPTIONS=halt_on_error=1:abort_on_error=1:second_deadlock_stack=1:report_thread_leaks=0:ignore_noninstrumented_modules=1")
 
+# The libraries of the programs lie in a folder of their own, and find each other there.
+set(KORVEL_LIBRARY_DIR ${CMAKE_INSTALL_LIBDIR}/korvel)
+function(korvel_install_library NAME)
+  set_target_properties(${NAME} PROPERTIES INSTALL_RPATH "$ORIGIN")
+  install(TARGETS ${NAME} LIBRARY DESTINATION ${KORVEL_LIBRARY_DIR} COMPONENT programs)
+endfunction()
+
 # korvel_library(NAME SOURCES a.cpp ... DEPS lib ... [PRIVATE_DEPS lib ...] [STATIC])
 # A library of one folder. Shared unless STATIC: the launcher, the agent's plug-in and the tools
 # run in one process and must find one copy of each singleton.
@@ -34,6 +41,7 @@ function(korvel_library NAME)
     add_library(${NAME} STATIC ${A_SOURCES})
   else()
     add_library(${NAME} SHARED ${A_SOURCES})
+    korvel_install_library(${NAME})
   endif()
   target_link_libraries(${NAME} PUBLIC korvel_options ${A_DEPS} PRIVATE ${A_PRIVATE_DEPS})
 endfunction()

@@ -86,7 +86,9 @@ void Runner::run() try {
   // The agent waits for us when it rings: its changes go first, and signals and clients are served
   // only when they have come, or once in a while.
   bool agentOnly = false;
+  bool saidReady = false;
   while (agentOnly || handleSignals()) {
+    maybeSayAlive();
     if (!agentOnly) {
       control_.maybeListen();
       doServe();
@@ -96,6 +98,7 @@ void Runner::run() try {
     handleAttachment();
     reports_.sendDue();
     doBackgroundWork();
+    if (!saidReady) saidReady = manager_.ready();
     agentOnly = busy && doWait();
   }
 } catch (const Stopped&) {
@@ -127,6 +130,7 @@ void Runner::republishFlows() {
 }
 
 void Runner::handleProgress() {
+  maybeSayAlive();
   if (!handleSignals()) throw Stopped();
   doServe();
   reports_.sendDue();
@@ -180,7 +184,10 @@ bool Runner::doWait() {
 bool Runner::handleSignals() {
   signalfd_siginfo info;
   while (read(signals_, &info, sizeof info) == sizeof info) {
-    if (info.ssi_signo != SIGUSR1) return false;
+    if (info.ssi_signo != SIGUSR1) {
+      Vela::ServiceManager::stopping();
+      return false;
+    }
     if (!options_.dumpOnSignal) continue;
     for (const ProgrammedTable* table : agent_.tables()) {
       const std::string text = dumpText(*table);
@@ -204,6 +211,17 @@ void Runner::handleAttachment() {
   }
   attached_ = attached;
   saidTrouble_ = trouble;
+  manager_.statusIs(attached ? "attached to the agent" : "waits for the agent: " + trouble);
+}
+
+// A turn without work takes a second.
+void Runner::maybeSayAlive() {
+  const auto period = manager_.alivePeriod();
+  if (!period) return;
+  const auto now = Forwarding::Clock::now();
+  if (now < aliveDue_) return;
+  aliveDue_ = now + *period;
+  manager_.alive();
 }
 
 void Runner::say(const std::string& line) const {

@@ -14,6 +14,7 @@
 #include "forwarder/punt/Punter.h"
 #include "forwarder/traffic/Traffic.h"
 #include "platform/lattice/Subscriber.h"
+#include "platform/vela/ServiceManager.h"
 
 namespace Forwarder {
 
@@ -47,6 +48,7 @@ class Runner {
   bool doWait();
   void doBackgroundWork();  // packets and their counts, in small slices
   void maybeSayTraffic();
+  void maybeSayAlive();
   void say(const std::string& line) const;
 
   const RunnerOptions options_;
@@ -60,6 +62,8 @@ class Runner {
   ControlSocket control_;
   Forwarding::Clock::time_point planeCheckDue_{};
   bool planeWasStale_ = false;
+  Vela::ServiceManager manager_;
+  Forwarding::Clock::time_point aliveDue_{};
   int signals_ = -1;
   bool attached_ = false;
   std::string saidTrouble_;

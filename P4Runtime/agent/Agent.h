@@ -131,6 +131,7 @@ class Agent : public Vela::Entity {
   void handleAgentLeft(const Lattice::SubscriberInfo& agent);
   void doTellSecurity();
   void doUpdateStatus();
+  void doUpdateHealth();
   void doFollowRestore();
   void doMonitor();
 

@@ -11,14 +11,16 @@
 namespace P4Runtime {
 namespace {
 
-// Beside the agent's library, if it is there.
+// Beside the agent's library, if it is there: lib/korvel/plugins, whether the library lies in lib,
+// as it does when it is built, or in lib/korvel.
 std::string defaultPluginDirectory() {
   Dl_info info{};
   if (dladdr(reinterpret_cast<void*>(&korvelAgentStart), &info) == 0 || !info.dli_fname) return {};
   std::error_code error;
   const auto library = std::filesystem::canonical(info.dli_fname, error);
   if (error) return {};
-  const auto directory = library.parent_path() / "korvel" / "plugins";
+  const auto beside = library.parent_path();
+  const auto directory = (beside.filename() == "korvel" ? beside : beside / "korvel") / "plugins";
   return std::filesystem::is_directory(directory, error) ? directory.string() : std::string();
 }
 

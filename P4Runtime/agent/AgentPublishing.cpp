@@ -12,6 +12,7 @@
 #include "P4Runtime/table/failures/EntryFailures.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/proto/pi_server.h"
+#include "PI/proto/pi_server_process.h"
 
 namespace P4Runtime {
 namespace {
@@ -131,6 +132,14 @@ void Agent::doUpdateStatus() {
   status_->connectionsRefusedIs(PIGrpcServerGetRefusedConnections());
   status_->stateDirectoryBytesIs(runtime_.store.bytesUsed());
   status_->storeIs(runtime_.storeText);
+  doUpdateHealth();
+}
+
+// What controllers would get from a Write. Without a pipeline they may push one.
+void Agent::doUpdateHealth() {
+  const bool isCritical = p4RtSystemStatus()->critical() || p4RtSystemStatus()->brokenInvariant();
+  const bool programs = !tables_->subscribers().empty() || batchStatus()->pretendHwProgramming();
+  PIGrpcServerServingIs(!isCritical && programs && !tableImpl()->restoring());
 }
 
 }  // namespace P4Runtime

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "PI/server/CertificateWatch.h"
+#include "PI/server/HealthService.h"
 #include "PI/server/Limits.h"
 #include "PI/server/Listener.h"
 #include "PI/server/P4RuntimeService.h"
@@ -53,6 +54,7 @@ Server::Server(const ListenOn& where, const std::string& localToken)
       certificates_(where.certificates),
       unixSocket_(where.unixSocket ? std::make_unique<UnixSocket>(*where.unixSocket, kBacklog)
                                    : nullptr),
+      health_(std::make_unique<HealthService>(TheHealth())),
       listener_(std::make_unique<Listener>(where.address, unixSocket_ ? unixSocket_->fd() : -1)),
       quota_(std::make_unique<grpc::ResourceQuota>("p4runtime")) {
   limitsChanged();
@@ -71,6 +73,7 @@ Server::Server(const ListenOn& where, const std::string& localToken)
   connectionsAre(builder);
   threadsAre(builder);
   builder.RegisterService(service_.get());
+  builder.RegisterService(health_.get());
   server_ = builder.BuildAndStart();
   if (!server_) {
     throw std::runtime_error("cannot listen on " + where.address +
@@ -120,7 +123,8 @@ void Server::limitsChanged() {
   const Limits now = limits();
   quota_->Resize(now.memoryBytes);
   quota_->SetMaxThreads(static_cast<int>(now.streams + now.reads + now.writes + now.otherCalls +
-                                         StreamSet::kMaxUnarbitrated + 128));
+                                         StreamSet::kMaxUnarbitrated + HealthService::kMostWatches +
+                                         128));
 }
 
 // On a thread of its own, because gRPC waits for calls that cannot be cancelled.
@@ -130,6 +134,7 @@ void Server::begin(std::chrono::milliseconds cancelAfter) {
   closing_ = startThread([this, cancelAfter] {
     listener_->stop();
     removeUnixSocket();
+    health_->endWatches();
     std::thread streams;
     const auto endStreams = [this] { service_->streams().endAll(kStreamGrace); };
     try {

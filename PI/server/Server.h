@@ -25,6 +25,7 @@ class ExternalConnectionAcceptor;
 namespace pi::server {
 
 class CertificateWatch;
+class HealthService;
 class Listener;
 class LiveCertificates;
 class P4RuntimeService;
@@ -69,6 +70,7 @@ class Server {
   std::unique_ptr<P4RuntimeService> service_;
   const std::shared_ptr<LiveCertificates> certificates_;
   std::unique_ptr<UnixSocket> unixSocket_;
+  std::unique_ptr<HealthService> health_;
   std::unique_ptr<Listener> listener_;
   std::unique_ptr<grpc::ResourceQuota> quota_;
   std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -19,11 +20,13 @@
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "cli/agent/NetworkPlatform.h"
 #include "cli/agent/ProvidedEntities.h"
+#include "cli/agent/ServiceNotices.h"
 #include "cli/agent/StopWatcher.h"
 #include "cli/client/ClientOptions.h"
 #include "platform/brine/StateDirectory.h"
 #include "platform/brine/Store.h"
 #include "platform/orrery/Config.h"
+#include "platform/orrery/ConfigFile.h"
 #include "platform/orrery/Database.h"
 #include "platform/orrery/KeptSettings.h"
 #include "platform/orrery/Server.h"
@@ -31,6 +34,8 @@
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/Descriptors.h"
 #include "platform/vela/ReactorLoop.h"
+#include "platform/vela/Reloads.h"
+#include "platform/vela/ServiceManager.h"
 
 namespace {
 
@@ -46,6 +51,7 @@ struct Options {
   std::string library;
   bool createCpuDevice = false;
   bool allowPretendedProgramming = false;
+  bool reflects = false;
 };
 
 // Ends a start with a line for standard error and an exit status. Without a line it was stopped.
@@ -127,9 +133,9 @@ void warnUnlessMemory(const std::string& directory) {
       directory);
 }
 
-void doLoadConfig(Orrery::Database& database, const Options& options) {
+void doLoadConfig(Orrery::ConfigFile& file) {
   try {
-    Orrery::loadConfig(database, options.config);
+    file.load();
   } catch (const Orrery::ConfigError& e) {
     throw StartFailure{e.what(), usage};
   }
@@ -161,6 +167,26 @@ Vela::Ptr<P4Runtime::AgentConfig> agentConfig(const Orrery::Database& database) 
   return Vela::Ptr<P4Runtime::AgentConfig>(static_cast<P4Runtime::AgentConfig*>(config.get()));
 }
 
+// Other parts read their own files again after it, such as those that the configuration names.
+void doReloadConfig(Orrery::ConfigFile& file) {
+  try {
+    const auto lines = file.reload();
+    for (const std::string& line : lines) fmt::print(stderr, "korvel: {}\n", line);
+  } catch (const Orrery::ConfigError& e) {
+    fmt::print(stderr, "korvel: {}; the configuration stays as it was\n", e.what());
+  }
+}
+
+void doReload(Orrery::ConfigFile& file, ServiceNotices& notices) {
+  notices.whileReloading([&file] {
+    doReloadConfig(file);
+    for (const std::string& line : Vela::TheReloads().run()) {
+      fmt::print(stderr, "korvel: {}\n", line);
+    }
+    fmt::print(stderr, "korvel: the configuration was read again\n");
+  });
+}
+
 // SIGTERM and SIGINT take the same way out as an exit request.
 void doRequestExit(const Orrery::Database& database) {
   agentConfig(database)->exitRequestedIs(true);
@@ -187,6 +213,15 @@ P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& dat
           opened.text};
 }
 
+// gRPC's library adds the service to the servers of the process that loads it, and to none
+// otherwise.
+void addReflection() {
+  if (dlopen(KORVEL_GRPC_REFLECTION, RTLD_NOW | RTLD_GLOBAL)) return;
+  throw StartFailure{
+      fmt::format("cannot load gRPC's reflection: {}; leave out --grpc-reflection", dlerror()),
+      failed};
+}
+
 void runAgent(const Options& options, StopWatcher& stopWatcher) {
   Vela::ReactorLoop loop;
   Vela::TheReactorLoopIs(&loop);
@@ -196,13 +231,16 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
   std::unique_ptr<Orrery::Server> server;
   std::unique_ptr<P4Runtime::AgentRuntime> runtime;
   std::unique_ptr<NetworkPlatform> network;
+  std::optional<ServiceNotices> notices;
+  Orrery::ConfigFile configuration(*database, options.config);
   {
     const Vela::ActivityLock lock;
     const AgentLibrary library = load(options);
+    if (options.reflects) addReflection();
     library.registerTypes();
     network = std::make_unique<NetworkPlatform>(loop, *database);
     provideEntities(*database, options.stateDirectory);
-    doLoadConfig(*database, options);
+    doLoadConfig(configuration);
     settings = keptSettings(*database, options);
     stopIfRequested(stopWatcher);
     opened = openStore(options);
@@ -219,7 +257,12 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
     runtime = std::make_unique<P4Runtime::AgentRuntime>(
         runtimeOf(loop, *database, opened, stopWatcher, options));
     library.start("p4runtime", runtime.get());
-    stopWatcher.onRequestIs([&] { loop.post([&] { doRequestExit(*database); }); });
+    notices.emplace(loop, *database);
+    stopWatcher.onHangUpIs([&] { loop.post([&] { doReload(configuration, *notices); }); });
+    stopWatcher.onRequestIs([&] {
+      Vela::ServiceManager::stopping();
+      loop.post([&] { doRequestExit(*database); });
+    });
   }
   loop.run();
 }
@@ -260,6 +303,9 @@ void addAgentCommand(CLI::App& app) {
   command->add_flag("--allow-pretended-programming", options->allowPretendedProgramming,
                     "Let `korvel set p4runtime/batchStatus pretendHwProgramming true` confirm "
                     "entries that nobody programs, for tests of controllers");
+  command->add_flag("--grpc-reflection", options->reflects,
+                    "Let clients ask the server for its services and messages, for tools such as "
+                    "grpcurl");
   command->callback([options] {
     if (options->stateDirectory.empty()) options->stateDirectory = defaultStateDirectory();
     const int status = agentMain(*options);

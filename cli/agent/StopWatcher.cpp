@@ -33,8 +33,7 @@ int requireDescriptor(int descriptor) {
 StopWatcher::StopWatcher() {
   sigset_t signals;
   sigemptyset(&signals);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
+  for (const int one : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, one);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signalFd_ = requireDescriptor(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC));
   wakeFd_ = requireDescriptor(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
@@ -45,6 +44,11 @@ void StopWatcher::onRequestIs(std::function<void()> request) {
   const std::lock_guard guard(mutex_);
   request_ = std::move(request);
   if (requested_ && request_) request_();
+}
+
+void StopWatcher::onHangUpIs(std::function<void()> hangUp) {
+  const std::lock_guard guard(mutex_);
+  hangUp_ = std::move(hangUp);
 }
 
 void StopWatcher::exitIsNear(bool near) {
@@ -61,6 +65,10 @@ void StopWatcher::handleSignal() {
   signalfd_siginfo info;
   if (read(signalFd_, &info, sizeof info) != sizeof info) return;
   const std::lock_guard guard(mutex_);
+  if (info.ssi_signo == SIGHUP) {
+    if (hangUp_) hangUp_();
+    return;
+  }
   if (requested_.exchange(true)) return;  // the end is near as it is
   if (deadline_ == 0) deadline_ = nowMs() + patienceMs;
   if (request_) request_();

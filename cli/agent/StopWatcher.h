@@ -1,4 +1,4 @@
-// Ends the agent's process soon after a request to stop, even if it is busy.
+// The agent's signals: ends the process soon after a request to stop, even if it is busy.
 #pragma once
 
 #include <atomic>
@@ -6,12 +6,12 @@
 #include <functional>
 #include <mutex>
 
-// Watches SIGTERM and SIGINT on a thread of its own. The first of them, at any time from its
-// construction on, has the agent's reactor exit. A reactor that does not exit in time is not waited
-// for: it may be opening a store of a million entries, or wait for a call into its own server. The
-// process then ends with status 0 at once, which harms no more than SIGKILL does: confirmed entries
-// are committed, the shared files show whole commits at any instant, and the next start takes them
-// as they are.
+// Watches SIGTERM, SIGINT and SIGHUP on a thread of its own. The first SIGTERM or SIGINT, at any
+// time from its construction on, has the agent's reactor exit. A reactor that does not exit in time
+// is not waited for: it may be opening a store of a million entries, or wait for a call into its
+// own server. The process then ends with status 0 at once, which harms no more than SIGKILL does:
+// confirmed entries are committed, the shared files show whole commits at any instant, and the next
+// start takes them as they are.
 class StopWatcher {
  public:
   // Blocks the signals in this thread and all that it makes later, so make it before others.
@@ -23,6 +23,8 @@ class StopWatcher {
   bool requested() const { return requested_; }  // by a signal
   // Runs once a signal came, also when that has happened already; on any thread.
   void onRequestIs(std::function<void()> request);
+  // Runs at each SIGHUP, on the watcher's thread. Until it is set, SIGHUP does nothing.
+  void onHangUpIs(std::function<void()> hangUp);
   // True: the process is about to end for another reason than a signal. False: it will not after
   // all. A signal cannot be taken back.
   void exitIsNear(bool near);
@@ -32,8 +34,9 @@ class StopWatcher {
   void handleSignal();
   int millisecondsLeft();
 
-  std::mutex mutex_;  // guards request_ and deadline_
+  std::mutex mutex_;  // guards request_, hangUp_ and deadline_
   std::function<void()> request_;
+  std::function<void()> hangUp_;
   int64_t deadline_ = 0;  // milliseconds on the steady clock; 0: no deadline
   std::atomic<bool> requested_{false};
   int signalFd_ = -1;

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <system_error>
 
 namespace {
@@ -38,8 +39,21 @@ std::vector<char*> argumentsOf(const std::vector<std::string>& command) {
   return arguments;
 }
 
+// Without the switch's line to its service manager, which is not for its processes.
+std::vector<char*> environmentOfChild() {
+  std::vector<char*> variables;
+  for (char** one = environ; *one != nullptr; ++one) {
+    const std::string_view text(*one);
+    if (text.starts_with("NOTIFY_SOCKET=") || text.starts_with("WATCHDOG_")) continue;
+    variables.push_back(*one);
+  }
+  variables.push_back(nullptr);
+  return variables;
+}
+
 // In the child, between fork and exec: calls nothing that takes a lock or memory.
-[[noreturn]] void become(char* const* arguments, int output, int inherited, pid_t parent) {
+[[noreturn]] void become(char* const* arguments, char* const* environment, int output,
+                         int inherited, pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(1);  // it has died already
   setpgid(0, 0);
@@ -52,7 +66,7 @@ std::vector<char*> argumentsOf(const std::vector<std::string>& command) {
   dup2(output, STDOUT_FILENO);
   dup2(output, STDERR_FILENO);
   if (inherited >= 0) fcntl(inherited, F_SETFD, 0);
-  execv(arguments[0], arguments);
+  execve(arguments[0], arguments, environment);
   const char* reason = strerrordesc_np(errno);
   for (const char* words : {"cannot run ", static_cast<const char*>(arguments[0]), ": ", reason}) {
     (void)!write(STDERR_FILENO, words, std::strlen(words));
@@ -69,11 +83,14 @@ std::string ChildEnd::text() const {
 
 Child::Child(const std::vector<std::string>& command, int inherited) {
   const std::vector<char*> arguments = argumentsOf(command);
+  const std::vector<char*> environment = environmentOfChild();
   Pipe pipe = outputPipe();
   const pid_t self = getpid();
   pid_ = fork();
   if (pid_ < 0) fail("cannot start a process");
-  if (pid_ == 0) become(arguments.data(), pipe.write.get(), inherited, self);
+  if (pid_ == 0) {
+    become(arguments.data(), environment.data(), pipe.write.get(), inherited, self);
+  }
   output_ = std::move(pipe.read);
   ending_ = Vela::UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
   if (ending_) return;

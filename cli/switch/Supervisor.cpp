@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <utility>
 
 #include "cli/switch/AgentConfiguration.h"
 #include "platform/vela/UnixListener.h"
@@ -127,7 +128,9 @@ void Supervisor::run() {
       program->maybeStart(Clock::now());
     }
     maybeFindForwarder();
+    tellServiceManager();
   }
+  Vela::ServiceManager::stopping();
   doStop();
 }
 
@@ -141,14 +144,39 @@ void Supervisor::doWait() {
                       {agent_.ending(), POLLIN, 0},     {agent_.output(), POLLIN, 0},
                       {forwarder_.ending(), POLLIN, 0}, {forwarder_.output(), POLLIN, 0}};
   if (poll(watched, std::size(watched), millisecondsToWait()) <= 0) return;
-  if (watched[0].revents) stopping_ = true;
+  if (watched[0].revents) handleSignal();
   if (watched[1].revents) handleAgentPicture();
   if (watched[3].revents) agent_.readOutput();
   if (watched[5].revents) forwarder_.readOutput();
 }
 
+void Supervisor::handleSignal() {
+  signalfd_siginfo info;
+  if (read(signals_.get(), &info, sizeof info) != sizeof info) return;
+  if (info.ssi_signo == SIGHUP && manager_.isPresent()) {
+    agent_.signal(SIGHUP);
+    manager_.reloading();
+    if (saidReady_) saidReady_ = manager_.ready();
+  } else {
+    stopping_ = true;
+  }
+}
+
+// Both have been up before it is told that the switch is ready; later one of them may be away.
+void Supervisor::tellServiceManager() {
+  if (!manager_.isPresent()) return;
+  manager_.alive();
+  std::string away;
+  for (const auto& [program, name] : {std::pair(&agent_, "agent"), {&forwarder_, "forwarder"}}) {
+    if (!program->isRunning() || !program->isUp()) away += fmt::format(" {}", name);
+  }
+  manager_.statusIs(away.empty() ? "serves on " + options_.server.text : "waits for:" + away);
+  if (saidReady_ || !away.empty()) return;
+  saidReady_ = manager_.ready();
+}
+
 int Supervisor::millisecondsToWait() const {
-  std::optional<milliseconds> wait;
+  std::optional<milliseconds> wait = manager_.alivePeriod();
   const auto within = [&wait](milliseconds time) { wait = std::min(wait.value_or(time), time); };
   if (forwarder_.isRunning() && !forwarder_.isUp()) within(lookPeriod);
   for (const Supervised* program : {&agent_, &forwarder_}) {

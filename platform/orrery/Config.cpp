@@ -59,24 +59,25 @@ Vela::Ptr<Vela::Entity> madeEntity(const Database& database, const char* path,
                     "\"p4runtime/config/system\"");
 }
 
+void requireObject(const cJSON& attributes, const std::string& where) {
+  if (cJSON_IsObject(&attributes)) return;
+  throw ConfigError(
+      fmt::format("{}: expected an object of attributes, found {}", where, kindOf(attributes)));
+}
+
 void setEntity(Database& database, const cJSON& attributes, const std::string& fileName) {
   const std::string where = fmt::format("{}: \"{}\"", fileName, attributes.string);
   const Vela::Ptr<Vela::Entity> there = database.entity(attributes.string);
   const auto entity = there ? there : madeEntity(database, attributes.string, where);
-  if (!cJSON_IsObject(&attributes)) {
-    throw ConfigError(
-        fmt::format("{}: expected an object of attributes, found {}", where, kindOf(attributes)));
-  }
+  requireObject(attributes, where);
   const cJSON* value = nullptr;
   cJSON_ArrayForEach(value, &attributes) setAttribute(*entity, *value, where);
   if (!there) database.entityIs(attributes.string, entity);
 }
 
-}  // namespace
-
-void loadConfigText(Database& database, const std::string& text, const std::string& fileName) {
+Vela::Json objectIn(const std::string& text, const std::string& fileName) {
   size_t line = 0;
-  const Vela::Json json = Vela::parseJson(text, &line);
+  Vela::Json json = Vela::parseJson(text, &line);
   if (!json) {
     throw ConfigError(
         fmt::format("{}: line {}: expected a JSON object, keys are paths of the state database",
@@ -86,11 +87,10 @@ void loadConfigText(Database& database, const std::string& text, const std::stri
     throw ConfigError(fmt::format("{}: expected a JSON object, keys are paths, found {}", fileName,
                                   kindOf(*json)));
   }
-  const cJSON* attributes = nullptr;
-  cJSON_ArrayForEach(attributes, json.get()) setEntity(database, *attributes, fileName);
+  return json;
 }
 
-void loadConfig(Database& database, const std::string& fileName) {
+std::string contentsOf(const std::string& fileName) {
   errno = 0;
   std::ifstream file(fileName, std::ios::binary);
   std::string text;
@@ -106,7 +106,51 @@ void loadConfig(Database& database, const std::string& fileName) {
   if (text.size() > maxFileBytes) {
     throw ConfigError(fileName + ": is larger than a configuration file may be (16 MiB)");
   }
-  loadConfigText(database, text, fileName);
+  return text;
+}
+
+// A directory says why it makes nothing of such a name.
+template <typename EntityAt>
+Vela::Ptr<Vela::Entity> entityToRead(const EntityAt& entityAt, const char* path,
+                                     const std::string& where) {
+  try {
+    if (auto entity = entityAt(path)) return entity;
+  } catch (const PathError& e) {
+    throw ConfigError(where + ": " + e.what());
+  }
+  throw ConfigError(where + " is no path of the state database");
+}
+
+}  // namespace
+
+void loadConfigText(Database& database, const std::string& text, const std::string& fileName) {
+  const Vela::Json json = objectIn(text, fileName);
+  const cJSON* attributes = nullptr;
+  cJSON_ArrayForEach(attributes, json.get()) setEntity(database, *attributes, fileName);
+}
+
+void loadConfig(Database& database, const std::string& fileName) {
+  loadConfigText(database, contentsOf(fileName), fileName);
+}
+
+void readConfig(
+    const std::string& fileName,
+    const std::function<Vela::Ptr<Vela::Entity>(const std::string& path)>& entityAt,
+    const std::function<void(const std::string& path, const Vela::AttributeBase* set)>& tell) {
+  const Vela::Json json = objectIn(contentsOf(fileName), fileName);
+  const cJSON* attributes = nullptr;
+  cJSON_ArrayForEach(attributes, json.get()) {
+    const std::string path = attributes->string;
+    const std::string where = fmt::format("{}: \"{}\"", fileName, path);
+    const auto entity = entityToRead(entityAt, attributes->string, where);
+    requireObject(*attributes, where);
+    tell(path, nullptr);
+    const cJSON* value = nullptr;
+    cJSON_ArrayForEach(value, attributes) {
+      setAttribute(*entity, *value, where);
+      tell(path, entity->attribute(value->string));
+    }
+  }
 }
 
 }  // namespace Orrery

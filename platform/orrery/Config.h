@@ -1,6 +1,7 @@
 // Loads the configuration file into the state database.
 #pragma once
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -20,5 +21,13 @@ class ConfigError : public std::runtime_error {
 void loadConfig(Database& database, const std::string& fileName);
 // The same from a text; `fileName` is for messages.
 void loadConfigText(Database& database, const std::string& text, const std::string& fileName);
+
+// Reads the file without a change of the database: sets the attributes on entities that `entityAt`
+// makes, and tells each entity's path, then each attribute that is set. Null is a path of no
+// entity. Throws ConfigError.
+void readConfig(
+    const std::string& fileName,
+    const std::function<Vela::Ptr<Vela::Entity>(const std::string& path)>& entityAt,
+    const std::function<void(const std::string& path, const Vela::AttributeBase* set)>& tell);
 
 }  // namespace Orrery

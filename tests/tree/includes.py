@@ -133,7 +133,7 @@ bench/packet              bench/p4runtime+
 
 SOURCE = re.compile(r"\.(h|c|cc|cpp|proto)$")
 INCLUDE = re.compile(r'\s*#\s*include\s*([<"])([^">]+)[>"]')
-GENERATED = re.compile(r"(?:p4|google/rpc)/.*\.pb\.h$")  # built from proto/
+GENERATED = re.compile(r"(?:p4|google/rpc|grpc/health)/.*\.pb\.h$")  # built from proto/
 
 
 class Room:

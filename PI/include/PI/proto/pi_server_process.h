@@ -19,6 +19,10 @@ typedef struct {
 } PIGrpcServerLenience_t;
 void PIGrpcServerLenienceIs(const PIGrpcServerLenience_t* lenience);
 
+/* Whether grpc.health.v1 says SERVING (not 0) or NOT_SERVING, which it says until this was called.
+ * At once, and for later servers, too. */
+void PIGrpcServerServingIs(int serving);
+
 #ifdef __cplusplus
 }
 #endif
