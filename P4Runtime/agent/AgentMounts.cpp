@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "P4Runtime/agent/Agent.h"
+#include "P4Runtime/companion/SecurityConfig.h"
 #include "platform/orrery/EntityTypes.h"
 
 namespace P4Runtime {
@@ -14,6 +15,7 @@ using P4RuntimeConfig::P4RtSystemConfig;
 using P4RuntimeConfig::P4RtSystemStatus;
 using P4RuntimeConfig::PortMappingConfigDir;
 using P4RuntimeConfig::PortMappingStatus;
+using P4RuntimeConfig::SecurityConfig;
 using P4RuntimeConfig::TranslationConfigDir;
 using P4RuntimeConfig::TranslationStatus;
 
@@ -51,6 +53,7 @@ constexpr MountDeclaration mounts[] = {
     {"interface/config/eth/phy/all", "Interface::AllEthPhyIntfConfigDir", "r",
      "AllEthPhyIntfConfigDir"},
     {"p4runtime/config/agent", "P4Runtime::AgentConfig", "wc"},
+    {"p4runtime/config/security", "P4RuntimeConfig::SecurityConfig", "wc"},
 };
 
 }  // namespace
@@ -115,6 +118,7 @@ extern "C" void korvelAgentRegisterTypes() {
   types.typeIs<TranslationConfigDir>("P4RuntimeConfig::TranslationConfigDir");
   types.typeIs<TranslationStatus>("P4RuntimeConfig::TranslationStatus");
   types.typeIs<AgentConfig>("P4Runtime::AgentConfig");
+  types.typeIs<SecurityConfig>("P4RuntimeConfig::SecurityConfig");
   types.typeIs<CliConfigDir>("P4Runtime::CliConfigDir");
   types.typeIs<CliStatusDir>("P4Runtime::CliStatusDir");
   types.typeIs<Pollen::QueryConfigDir>("Pollen::QueryConfigDir");

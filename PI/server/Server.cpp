@@ -92,6 +92,8 @@ uint64_t Server::refusedConnections() const { return listener_->refused(); }
 void Server::ownConnectionsAre(bool on) { listener_->ownConnectionsAre(on); }
 
 // A thread for each call that may run, and some for calls that are about to be refused.
+void Server::policyChanged() { service_->streams().handlePolicy(); }
+
 void Server::limitsChanged() {
   const Limits now = limits();
   quota_->Resize(now.memoryBytes);

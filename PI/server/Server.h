@@ -35,6 +35,7 @@ class Server {
   int port() const;
   uint64_t refusedConnections() const;  // beyond the limit, or without a descriptor for them
   void limitsChanged();
+  void policyChanged();
   // While it is on, connections of this process are taken also beyond the limit.
   void ownConnectionsAre(bool on);
 

@@ -26,6 +26,7 @@ constexpr Provided provided[] = {
     {"p4runtime/config/plugin/all", "P4Runtime::AllPluginConfig"},
     {"p4runtime/config/port-mapping", "P4RuntimeConfig::PortMappingConfigDir"},
     {"p4runtime/config/translation", "P4RuntimeConfig::TranslationConfigDir"},
+    {"p4runtime/config/security", "P4RuntimeConfig::SecurityConfig"},
     {"p4runtime/config/system", "P4RuntimeConfig::P4RtSystemConfig"},
     {"p4runtime/status/cli", "P4Runtime::CliStatusDir"},
     {"p4runtime/status/port-mapping", "P4RuntimeConfig::PortMappingStatus"},

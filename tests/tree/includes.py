@@ -55,7 +55,7 @@ PI/frontend/read          PI/frontend/target+
 PI/frontend/restore       PI/frontend/target+
 PI/frontend/notices       PI/frontend/store+
 PI/frontend               PI/frontend PI/core PI/include proto
-PI/server                 PI/core PI/include proto
+PI/server                 PI/core PI/include access proto
 
 pipeline                  platform PI/include proto
 
@@ -80,7 +80,7 @@ P4Runtime/table/write     P4Runtime/table/undo+
 P4Runtime/table/restore   P4Runtime/table/write+
 P4Runtime/table           P4Runtime/table/restore+
 P4Runtime/table/target    P4Runtime/table+
-P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ p4
+P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ access p4
 
 forwarder/base            -
 forwarder/table           platform
@@ -97,8 +97,9 @@ cli/client                platform
 cli/agent                 cli/client+ P4Runtime/agent P4Runtime/companion
 cli/table                 cli/client+
 cli/pipeline              pipeline platform proto
+cli/policy                access pipeline proto
 cli/switch                P4Runtime/companion platform
-cli                       cli/agent+ cli/table+ cli/pipeline+ cli/switch+
+cli                       cli/agent+ cli/table+ cli/pipeline+ cli/policy+ cli/switch+
 
 examples/minimal-forwarder   platform/lattice
 examples/plugins/table-use   P4Runtime/plugin
