@@ -56,7 +56,7 @@ PI/frontend/restore       PI/frontend/target+
 PI/frontend/notices       PI/frontend/store+
 PI/frontend               PI/frontend PI/core PI/include proto
 PI/server/tls             -
-PI/server                 PI/server/tls PI/core PI/include proto
+PI/server                 PI/server/tls PI/core PI/include access proto
 
 pipeline                  platform PI/include proto
 
@@ -82,7 +82,7 @@ P4Runtime/table/restore   P4Runtime/table/write+
 P4Runtime/table           P4Runtime/table/restore+
 P4Runtime/table/target    P4Runtime/table+
 P4Runtime/monitoring      P4Runtime/pipeline+
-P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ P4Runtime/monitoring p4
+P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ P4Runtime/monitoring access p4
 
 forwarder/base            -
 forwarder/table           platform
@@ -99,9 +99,10 @@ cli/client                platform
 cli/agent                 cli/client+ P4Runtime/agent P4Runtime/companion
 cli/table                 cli/client+
 cli/pipeline              pipeline platform proto
+cli/policy                access pipeline proto
 cli/switch                P4Runtime/companion platform
 cli/top                   cli/client+
-cli                       cli/agent+ cli/table+ cli/pipeline+ cli/switch+ cli/top+
+cli                       cli/agent+ cli/table+ cli/pipeline+ cli/policy+ cli/switch+ cli/top+
 
 examples/minimal-forwarder   platform/lattice
 examples/plugins/table-use   P4Runtime/plugin
