@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "forwarder/follow/ForwardingAgent.h"
 #include "forwarder/packets/PacketThread.h"
@@ -311,6 +313,76 @@ TEST_F(PlaneTest, RowsWithoutAPlaceAreRefused) {
   const uint64_t right = direct(7, 5);
   agent_.rowsEnd();
   EXPECT_EQ(reportOn(right), "0 ");
+}
+
+// A packet of 7 leaves by port 3, by one of two tables; a Write moves the entry from one to the
+// other, and every second one has a row that is refused.
+TEST_F(PlaneTest, APacketSeesAllOfAWholeCommitOrNothing) {
+  class Commit final : public Lattice::WholeCommit {
+   public:
+    explicit Commit(uint64_t first) : first_(first) {}
+    void add(const Lattice::RowChange& former) { former_.insert(former_.begin(), former); }
+    bool has(uint64_t sequence) const override { return sequence >= first_; }
+    bool visitFormer(const std::function<void(const Lattice::RowChange&)>& visit) const override {
+      for (const Lattice::RowChange& one : former_) visit(one);
+      return true;
+    }
+
+   private:
+    uint64_t first_;
+    std::vector<Lattice::RowChange> former_;
+  };
+  const std::string seven = big(7, 1), nine = big(9, 1);
+  const std::string toPort = little(5, 4) + little(3, 2) + std::string(17, '\0');
+  const std::string toGroup = little(10, 4) + little(1, 1);
+  memberIs(1, 3);
+  groupIs(10, {1});
+  direct(7, 3);
+  agent_.rowsEnd();
+  table("spread");
+  ASSERT_THAT(out("07"), ElementsAre("3:07"));
+
+  std::atomic<bool> stop = false;
+  std::atomic<uint64_t> packets = 0, torn = 0;
+  std::thread reader([&] {
+    P4::Outputs outputs;
+    const uint8_t packet = 7;
+    for (; !stop; ++packets, outputs.clear()) {
+      slot_.engine()->process(1, {&packet, 1}, 1, outputs);
+      torn += outputs.size() != 1 || outputs.frame(0).port != 3;
+    }
+  });
+  bool isDirect = true;
+  for (int round = 0; round < 500 || packets < 500; ++round) {
+    const bool fails = round % 2 == 0;
+    Commit commit(sequence_ + 1);
+    const auto moved = [&](const std::string& name, const std::string& value, bool isThere) {
+      write(name, seven, isThere ? "" : value, isThere);
+      commit.add({.table = &table(name),
+                  .key = seven,
+                  .value = isThere ? value : std::string_view(),
+                  .deleted = !isThere});
+    };
+    moved("direct", toPort, isDirect);
+    if (fails) {
+      const uint64_t refused = direct(9, 512);
+      commit.add({.table = &table("direct"), .key = nine, .deleted = true});
+      moved("spread", toGroup, !isDirect);
+      agent_.wholeCommit(commit);
+      agent_.rowsEnd();
+      EXPECT_THAT(reportOn(refused), HasSubstr("9 bits"));
+    } else {
+      moved("spread", toGroup, !isDirect);
+      agent_.wholeCommit(commit);
+      agent_.rowsEnd();
+      isDirect = !isDirect;
+    }
+    ASSERT_EQ(agent_.table("direct")->rowCount(), isDirect ? 1 : 0) << round;
+    ASSERT_EQ(agent_.table("spread")->rowCount(), isDirect ? 0 : 1) << round;
+  }
+  stop = true;
+  reader.join();
+  EXPECT_EQ(torn, 0u);
 }
 
 TEST_F(PlaneTest, AnotherProgramTakesTheRowsOver) {
