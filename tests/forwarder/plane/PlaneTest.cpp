@@ -118,13 +118,14 @@ class PlaneTest : public testing::Test {
     agent_.planeIs(&plane_);
   }
 
-  void push(uint64_t number, const std::string& json) {
+  // The entries of push `kept` stay.
+  void push(uint64_t number, const std::string& json, uint64_t kept = 1) {
     const std::string folder = directory_.path() + "/pushed";
     std::filesystem::create_directories(folder);
     const std::string base = folder + "/" + std::to_string(number);
     std::ofstream(base + ".program") << json;
     std::ofstream(base + ".names") << names;
-    std::ofstream(folder + "/new") << number << " 1\n";
+    std::ofstream(folder + "/new") << number << " " << kept << "\n";
     std::filesystem::rename(folder + "/new", folder + "/current");
   }
 
@@ -411,6 +412,28 @@ TEST_F(PlaneTest, AnotherProgramTakesTheRowsOver) {
   EXPECT_EQ(reportOn(entry), "0 ");
   EXPECT_THAT(out("08"), ElementsAre("206:08"));
   EXPECT_THAT(out("07"), ElementsAre("203:07"));
+}
+
+TEST_F(PlaneTest, CellsAndCountsStayAsLongAsTheEntries) {
+  const std::string entry = std::to_string(direct(7, 3) + 100);
+  agent_.rowsEnd();
+  const auto memory = [&] {
+    return hexOf(agent_
+                     .answer({.kind = Lattice::Question::Kind::registerCells,
+                              .registerId = 11,
+                              .firstCell = 1,
+                              .cellCount = 1})
+                     .bytes);
+  };
+  out("07");
+  push(2, program(100));
+  EXPECT_EQ(agent_.answer({.push = 2}).errorCode, 0);
+  EXPECT_EQ(memory(), "0007");
+  EXPECT_THAT(out("07aa"), ElementsAre("103:07aa"));
+  EXPECT_THAT(countsTold(), ElementsAre("10/2: 2 3", entry + ": 2 3"));
+  push(3, program(100), 3);
+  EXPECT_EQ(agent_.answer({.push = 3}).errorCode, 0);
+  EXPECT_EQ(memory(), "0000");
 }
 
 TEST_F(PlaneTest, CountsAreToldAndSet) {
