@@ -71,6 +71,7 @@ Runner::Runner(RunnerOptions options)
         std::make_unique<Forwarding>(*options_.forwarding, options_.stateDirectory, agent_.flows(),
                                      [this](const std::string& line) { say(line); });
     agent_.planeIs(&forwarding_->plane());
+    subscriber_->appliesAtOnceIs(true);
     subscriber_->answersQuestionsIs(true);
     forwarding_->start();  // signals are blocked by now, for its threads, too
   }

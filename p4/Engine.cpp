@@ -81,6 +81,23 @@ bool Engine::setRegister(uint32_t array, uint32_t index, std::string_view bytes)
   return true;
 }
 
+void Engine::takeCells(const Engine& former) {
+  for (uint32_t array = 0; array < program_.counters.size(); ++array) {
+    const auto from = counterNamed(former.program_, program_.counters[array].name);
+    if (!from || program_.counters[array] != former.program_.counters[*from]) continue;
+    for (uint32_t cell = 0; const auto counts = former.counter(*from, cell); ++cell)
+      setCounter(array, cell, *counts);
+  }
+  for (uint32_t array = 0; array < program_.registers.size(); ++array) {
+    const auto from = registerNamed(former.program_, program_.registers[array].name);
+    if (!from || program_.registers[array] != former.program_.registers[*from]) continue;
+    const RegisterArray& cells = former.externs_.registers[*from];
+    for (uint32_t cell = 0; cell < cells.size(); ++cell)
+      for (uint32_t word = 0; word < cells.words(); ++word)
+        externs_.registers[array].wordIs(cell, word, cells.word(cell, word));
+  }
+}
+
 std::vector<Entry*> Engine::idleEntries(uint64_t now) {
   std::vector<Entry*> idle;
   for (uint32_t table = 0; table < program_.tables.size(); ++table) {

@@ -1,12 +1,16 @@
 // Asks forwarding agents, and waits for their answers.
 #pragma once
 
+#include <atomic>
+#include <memory>
+
 #include "P4Runtime/pi/ForwardingPlane.h"
 #include "platform/lattice/Database.h"
 
 namespace P4Runtime {
 
-// The database outlives it.
+// A question that gets no answer in time makes reads wait for no other one, until there is an
+// answer to any: they take what is known. The database outlives it.
 class PlaneQuestions : public ForwardingPlane {
  public:
   explicit PlaneQuestions(Lattice::Database& tables) : tables_(tables) {}
@@ -14,6 +18,7 @@ class PlaneQuestions : public ForwardingPlane {
 
  private:
   Lattice::Database& tables_;
+  const std::shared_ptr<std::atomic<bool>> isSilent_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace P4Runtime

@@ -65,10 +65,40 @@ void ForwardingAgent::checkPlane() {
   rowsEnd();
 }
 
-void ForwardingAgent::rowsEnd() {
-  if (!plane_ || !std::exchange(inGroup_, false)) return;
+// Packets have seen nothing of the commit yet.
+void ForwardingAgent::wholeCommit(const Lattice::WholeCommit& commit) {
+  if (!plane_ || !inGroup_) return;
+  decideRows();
+  const bool fails = std::ranges::any_of(due_, [&](const Report& report) {
+    return report.errorCode != 0 && commit.has(report.sequence);
+  });
+  if (!fails) return;
+  const bool wholly =
+      commit.visitFormer([this](const Lattice::RowChange& former) { takeBack(former); });
+  if (!wholly && log_) log_("a commit that failed could not be taken back wholly");
+}
+
+void ForwardingAgent::takeBack(const Lattice::RowChange& former) {
+  Held& held = heldTable(*former.table);
+  const StoredRow* row = held.table.rows() ? held.table.rows()->row(former.key) : nullptr;
+  const bool isBack = former.deleted ? !row : row && row->value() == former.value;
+  if (isBack) return;
+  FlowBook::CounterColumns counters;
+  if (row) counters = FlowBook::countersOf(held.table, *row);
+  const Verdict verdict =
+      former.deleted ? dropRow(held, *row) : putRow(held, former, row, counters);
+  if (verdict.errorCode != 0 && log_) log_("a row could not be taken back: " + verdict.message);
+}
+
+void ForwardingAgent::decideRows() {
   if (std::exchange(isStale_, false)) plane_->rebuild(tables());
   retryWaiting(false);
+}
+
+void ForwardingAgent::rowsEnd() {
+  if (!plane_ || !inGroup_) return;
+  decideRows();
+  inGroup_ = false;
   plane_->commit();
   if (flows_.takeUrgency() && countsSet_) countsSet_();
   for (Report& report : due_) {
@@ -283,6 +313,13 @@ ForwardingAgent::Verdict ForwardingAgent::writeRow(Held& held, const Lattice::Ro
     return {Outcome::full, codeFull,
             fmt::format("table {} is full: its capacity is {} rows", table.name(), capacity)};
   }
+  return putRow(held, change, former, formerCounters);
+}
+
+ForwardingAgent::Verdict ForwardingAgent::putRow(Held& held, const Lattice::RowChange& change,
+                                                 const StoredRow* former,
+                                                 const FlowBook::CounterColumns& formerCounters) {
+  ProgrammedTable& table = held.table;
   const Outcome outcome = former ? Outcome::replaced : Outcome::inserted;
   RowPlace place = nullptr;
   if (plane_) {
@@ -325,12 +362,16 @@ ForwardingAgent::Verdict ForwardingAgent::deleteRow(Held& held, std::string_view
   const StoredRow* row = held.table.rows()->row(key);
   if (!row) return {};
   if (auto failure = maybeFail(held, key)) return *std::move(failure);
+  return dropRow(held, *row);
+}
+
+ForwardingAgent::Verdict ForwardingAgent::dropRow(Held& held, const StoredRow& row) {
   if (plane_) {
-    const PlaneVerdict taken = plane_->erase(held.table, key, held.table.rows()->place(*row));
+    const PlaneVerdict taken = plane_->erase(held.table, row.key(), held.table.rows()->place(row));
     if (!taken.isTaken()) return refusedByPlane(held.table, taken);
   }
-  flows_.forgetRow(held.table, *row);
-  held.table.rows()->rowDel(*row);
+  flows_.forgetRow(held.table, row);
+  held.table.rows()->rowDel(row);
   return {.outcome = Outcome::deleted};
 }
 

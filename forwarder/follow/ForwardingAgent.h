@@ -71,6 +71,7 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void snapshotEnd() override;
   void rowChanged(const Lattice::RowChange& change) override;
   void rowsComing(std::span<const Lattice::RowChange> changes) override;
+  void wholeCommit(const Lattice::WholeCommit& commit) override;
   void rowsEnd() override;
   void rowsReported() override {
     if (plane_) plane_->settle();
@@ -118,6 +119,8 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void sweep(ProgrammedTable& table, bool isLast);
   void program(Held& held, const Lattice::RowChange& change, bool mayWait = true);
   void beginGroup();
+  void decideRows();
+  void takeBack(const Lattice::RowChange& former);
   void retryWaiting(bool mayWait);
   void sweepAll();
   void report(const Lattice::RowChange& change, Verdict&& verdict);
@@ -128,6 +131,9 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   static Verdict refusedByPlane(const ProgrammedTable& table, const PlaneVerdict& verdict);
   Verdict writeRow(Held& held, const Lattice::RowChange& change);
   Verdict deleteRow(Held& held, std::string_view key);
+  Verdict putRow(Held& held, const Lattice::RowChange& change, const StoredRow* former,
+                 const FlowBook::CounterColumns& formerCounters);
+  Verdict dropRow(Held& held, const StoredRow& row);
   std::optional<Verdict> maybeFail(const Held& held, std::string_view key);
   static std::string logLine(const ProgrammedTable& table, const Lattice::RowChange& change,
                              const Verdict& verdict);

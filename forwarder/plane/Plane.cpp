@@ -66,6 +66,10 @@ void Plane::takePush() {
     Executed next{pushed->json.empty() ? executed_.json : std::move(pushed->json),
                   std::move(pushed->names)};
     if (next.json.empty() || (next == executed_ && pushed->keepsEntries)) return;
+    if (pushed->keepsEntries && !isFresh_) {
+      tellCountsNow();  // of entries: rows that stay begin with them
+      cellsOf_ = engine_;
+    }
     execute(std::move(next));
   } catch (const std::exception& e) {
     handleTrouble(e.what());
@@ -87,6 +91,7 @@ void Plane::forgetPush() {
 }
 
 void Plane::handleTrouble(const std::string& trouble) {
+  cellsOf_ = nullptr;
   trouble_ = "the program of push " + std::to_string(push_) + " is not executed: " + trouble;
   log_(trouble_);
 }
@@ -112,6 +117,7 @@ void Plane::execute(Executed next) {
 
 void Plane::rebuild(const std::vector<const ProgrammedTable*>& tables) {
   addRows(tables);
+  if (const auto former = std::exchange(cellsOf_, nullptr)) engine_->takeCells(*former);
   isFresh_ = false;
   wantedDigests_ = maker_->wantedDigests();
   digests_.wantedAre(engine_.get(), wantedDigests_);

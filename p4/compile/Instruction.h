@@ -135,7 +135,7 @@ enum class Code : uint16_t {
   truncate,            // to [b] bytes
   exit,
   log,         // message b
-  assertTrue,  // [b]; the last
+  assertTrue,  // [b]
 };
 
 struct Instruction {

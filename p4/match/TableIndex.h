@@ -36,6 +36,11 @@ class TableIndex {
       return (*prefix)->same(entry);
     return std::get<TupleSpace>(index_).same(entry);
   }
+  // The entry of the same match whatever its rank, the best if there are several; or null.
+  Entry* ofMatch(const Entry& entry) const {
+    const auto* tuples = std::get_if<TupleSpace>(&index_);
+    return tuples ? tuples->ofMatch(entry) : same(entry);
+  }
   void insert(Entry* entry) {
     if (auto* exact = std::get_if<ExactIndex>(&index_)) {
       exact->maybeInsert(entry);

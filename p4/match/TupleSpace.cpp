@@ -74,17 +74,26 @@ TupleSpace::Tuples::const_iterator TupleSpace::tupleOf(const Entry& entry) const
   return const_cast<TupleSpace*>(this)->tupleOf(entry);
 }
 
-Entry* TupleSpace::same(const Entry& entry) const {
-  const auto listed = tupleOf(entry);
-  const Bucket* bucket = listed == tuples_.end() ? nullptr : listed->tuple->bucketOf(entry);
+template <typename Wanted>
+Entry* TupleSpace::firstOf(const Entry& key, const Wanted& wanted) const {
+  const auto listed = tupleOf(key);
+  const Bucket* bucket = listed == tuples_.end() ? nullptr : listed->tuple->bucketOf(key);
   if (!bucket) return nullptr;
-  for (Entry* other : bucket->entries) {
-    if (other->rank != entry.rank) continue;
-    if (shape_.kind != MatchKind::range || (equalWords(other->low(), entry.low(), shape_.words) &&
-                                            equalWords(other->high(), entry.high(), shape_.words)))
-      return other;
+  for (Entry* entry : bucket->entries) {
+    if (!wanted(*entry)) continue;
+    if (shape_.kind != MatchKind::range || (equalWords(entry->low(), key.low(), shape_.words) &&
+                                            equalWords(entry->high(), key.high(), shape_.words)))
+      return entry;
   }
   return nullptr;
+}
+
+Entry* TupleSpace::same(const Entry& entry) const {
+  return firstOf(entry, [&](const Entry& other) { return other.rank == entry.rank; });
+}
+
+Entry* TupleSpace::ofMatch(const Entry& entry) const {
+  return firstOf(entry, [](const Entry&) { return true; });
 }
 
 void TupleSpace::sortTuples() {

@@ -25,6 +25,8 @@ class TupleSpace {
   const Entry* find(const uint64_t* key) const;
   // The entry of equal key and rank, or null.
   Entry* same(const Entry& entry) const;
+  // The best entry of equal key, whatever its rank; or null.
+  Entry* ofMatch(const Entry& entry) const;
   void insert(Entry* entry);
   void remove(Entry* entry);
   bool empty() const { return tuples_.empty(); }
@@ -84,6 +86,8 @@ class TupleSpace {
   void noteInFilters(const ListedTuple& listed, const Entry& entry, bool isThere);
   void removeFromTuple(Entry* entry);
   const Entry* findIn(const Tuple& tuple, const uint64_t* key, const Entry* best) const;
+  template <typename Wanted>
+  Entry* firstOf(const Entry& key, const Wanted& wanted) const;
   bool inRanges(const Entry& entry, const uint64_t* key) const;
   Tuples::iterator tupleOf(const Entry& entry);
   Tuples::const_iterator tupleOf(const Entry& entry) const;

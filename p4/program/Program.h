@@ -98,6 +98,7 @@ struct CounterArrayInfo {
   std::string name;
   bool direct = false;
   uint32_t size = 0;
+  bool operator==(const CounterArrayInfo&) const = default;
 };
 
 struct MeterArrayInfo {
@@ -112,6 +113,7 @@ struct RegisterArrayInfo {
   std::string name;
   uint32_t size = 0;
   uint32_t bits = 0;
+  bool operator==(const RegisterArrayInfo&) const = default;
 };
 
 enum class Primitive : uint8_t {

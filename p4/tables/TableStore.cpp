@@ -215,7 +215,10 @@ void TableStore::remove(Entry& entry) {
 
 Entry* TableStore::find(const EntryKey& key) {
   settle();
-  return staged(*keyOf(key));
+  const Entry::Ptr wanted = keyOf(key);
+  Entry* found = staged(*wanted);
+  if (found || !program_.tables[key.table].immutable) return found;
+  return sides_.staged().tables[key.table].ofMatch(*wanted);
 }
 
 void TableStore::putDefault(uint32_t table, ActionData::Ptr action) {

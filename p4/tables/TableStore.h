@@ -41,7 +41,9 @@ class TableStore {
                 uint64_t cookie = 0);
   Entry& modify(const EntryKey& key, const Target& target);
   void remove(const EntryKey& key);
-  Entry* find(const EntryKey& key);  // null when there is none
+  // Null when there is none. A constant entry is found by its match alone: programs and controllers
+  // count priorities in different ways.
+  Entry* find(const EntryKey& key);
   // The same for an entry of the store.
   void modify(Entry& entry, const Target& target);
   void remove(Entry& entry);

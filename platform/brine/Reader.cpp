@@ -363,6 +363,7 @@ class ReaderImpl final : public Reader {
     return found == tables.end() ? 0 : found->second;
   }
   std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangesVisit& visit) override;
+  bool visitTakenBack(uint64_t first, uint64_t last, const ChangeVisit& visit) override;
 
  private:
   using Tables = std::map<std::string, TableNumber, std::less<>>;
@@ -376,6 +377,7 @@ class ReaderImpl final : public Reader {
   void loadAhead(uint64_t sequence) const;
   bool copyChange(uint64_t sequence);
   void passOn(const ChangesVisit& visit);
+  bool takeBack(uint64_t sequence, const ChangeVisit& visit);
 
   const StoreFile file_;
   const SlotReader slots_;
@@ -496,6 +498,37 @@ bool ReaderImpl::copyChange(uint64_t sequence) {
                       .key = {},
                       .value = {}});
   bytes_.resize(copy->at + keySize + valueSize);
+  return true;
+}
+
+bool ReaderImpl::visitTakenBack(uint64_t first, uint64_t last, const ChangeVisit& visit) {
+  for (uint64_t sequence = last; sequence >= first; --sequence) {
+    if (!takeBack(sequence, visit)) return false;
+  }
+  return true;
+}
+
+// Slots of changes that were trimmed may have been used again before they were copied.
+bool ReaderImpl::takeBack(uint64_t sequence, const ChangeVisit& visit) {
+  const auto place = file_.change(sequence);
+  if (!place) return false;
+  const RingEntry& entry = *place;
+  if (entry.flags & RingEntry::replaced) return true;
+  const Ref ref = entry.before != 0 ? entry.before : entry.now;
+  const uint64_t begin = slots_.beginOf(ref);
+  if (ref == 0 || begin == 0 || !isStamped(begin, beginSalt(ref))) return false;
+  bytes_.clear();
+  const auto copy = slots_.copy(ref, begin, entry.table, bytes_);
+  if (!copy || !copy->isSound || file_.word(CommitWord::trimmed) >= sequence) return false;
+  const auto* at = reinterpret_cast<const uint8_t*>(bytes_.data()) + copy->at;
+  const size_t keySize = copy->head.keySize;
+  const bool wasThere = entry.before != 0;
+  visit({.sequence = sequence,
+         .owner = wasThere ? copy->head.owner : entry.owner,
+         .table = entry.table,
+         .deleted = !wasThere,
+         .key = {at, keySize},
+         .value = {at + keySize, wasThere ? copy->head.valueSize : 0}});
   return true;
 }
 

@@ -74,6 +74,11 @@ class Reader {
   // seen: a snapshot tells the rest.
   using ChangesVisit = std::function<void(std::span<const FollowedChange> changes)>;
   virtual std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangesVisit& visit) = 0;
+  // Visits the changes from `last` down to `first`, each as the change that takes it back: with the
+  // record's former value and owner, or deleted when there was none. Changes that are settled may
+  // be forgotten. Returns false when one of them is, with those after it visited.
+  virtual bool visitTakenBack(uint64_t first, uint64_t last,
+                              const std::function<void(const FollowedChange& change)>& visit) = 0;
   // The same, one at a time.
   using ChangeVisit = std::function<void(const FollowedChange& change)>;
   std::optional<uint64_t> followEach(uint64_t from, uint64_t to, const ChangeVisit& visit);

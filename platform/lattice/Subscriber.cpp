@@ -19,6 +19,7 @@
 #include "platform/lattice/doorbell/DoorbellPage.h"
 #include "platform/lattice/doorbell/DoorbellSocket.h"
 #include "platform/lattice/records/StoreLayout.h"
+#include "platform/lattice/records/WholeBatch.h"
 #include "platform/vela/LookFor.h"
 
 namespace Lattice {
@@ -92,6 +93,8 @@ class SubscriberImpl final : public Subscriber {
   void passOn(std::span<const Brine::FollowedChange> changes);
   RowChange rowChange(const Brine::FollowedChange& change) const;
   void passOn(const RowChange& change);
+  void maybeNoteWhole(const Brine::FollowedChange& change);
+  void tellWholeCommit();
 
   void maybeSayInStep();
   void queueReports();
@@ -141,6 +144,8 @@ class SubscriberImpl final : public Subscriber {
   bool isWordDue_ = false;                           // the page does not say so yet
   std::map<uint32_t, const FollowedTable*> tables_;  // by number
   std::vector<std::unique_ptr<FollowedTable>> allTables_;
+  std::map<uint32_t, bool> isWholeBatch_;             // by number, of the tables that have no rows
+  std::vector<std::pair<uint64_t, uint64_t>> whole_;  // ranges of the commit that is read
   // Entries that are not programmed as the agent has them. An agent that dies may not have heard of
   // them, and the next one does not know; it hears of them with a snapshot.
   std::unordered_set<uint64_t> failed_;
@@ -287,6 +292,7 @@ void SubscriberImpl::handleAttached(const AttachedMessage& accepted, const Vela:
     typesVersion_ = UINT64_MAX;
   }
   identity_ = accepted.identity;
+  isWholeBatch_.clear();
   identityKnown_ = true;
   reader_ = std::move(reader);
   attached_ = true;
@@ -350,6 +356,8 @@ bool SubscriberImpl::readOnce() {
   const auto reached =
       reader_->follow(sequence_, state.committed,
                       [this](std::span<const Brine::FollowedChange> changes) { passOn(changes); });
+  if (reached && attached_) tellWholeCommit();
+  whole_.clear();
   if (reached || !attached_) handler_.rowsEnd();
   if (!attached_) return false;
   if (reached) {
@@ -463,7 +471,10 @@ void SubscriberImpl::passOn(std::span<const Brine::FollowedChange> changes) {
   std::array<RowChange, 32> rows;
   while (!changes.empty()) {
     const size_t count = std::min(changes.size(), rows.size());
-    for (size_t i = 0; i < count; ++i) rows[i] = rowChange(changes[i]);
+    for (size_t i = 0; i < count; ++i) {
+      rows[i] = rowChange(changes[i]);
+      if (!rows[i].table) maybeNoteWhole(changes[i]);
+    }
     changes = changes.subspan(count);
     const std::span<const RowChange> next(rows.data(), count);
     if (std::ranges::all_of(next, &RowChange::table)) handler_.rowsComing(next);
@@ -473,6 +484,41 @@ void SubscriberImpl::passOn(std::span<const Brine::FollowedChange> changes) {
       sequence_ = rows[i].sequence;
     }
   }
+}
+
+// It comes behind the changes that it names, which it is committed with.
+void SubscriberImpl::maybeNoteWhole(const Brine::FollowedChange& change) {
+  if (change.deleted) return;
+  const auto [known, isNew] = isWholeBatch_.try_emplace(change.table, false);
+  if (isNew) known->second = reader_->tableNumber(wholeBatchTable) == change.table;
+  if (known->second) whole_ = wholeBatchRanges(Brine::asText(change.value));
+}
+
+void SubscriberImpl::tellWholeCommit() {
+  if (whole_.empty()) return;
+  class Commit final : public WholeCommit {
+   public:
+    explicit Commit(const SubscriberImpl& subscriber) : subscriber_(subscriber) {}
+    bool has(uint64_t sequence) const override {
+      return std::ranges::any_of(subscriber_.whole_, [&](const auto& range) {
+        return range.first <= sequence && sequence <= range.second;
+      });
+    }
+    bool visitFormer(const std::function<void(const RowChange&)>& visit) const override {
+      return std::all_of(subscriber_.whole_.rbegin(), subscriber_.whole_.rend(),
+                         [&](const auto& range) {
+                           return subscriber_.reader_->visitTakenBack(
+                               range.first, range.second, [&](const Brine::FollowedChange& former) {
+                                 const RowChange change = subscriber_.rowChange(former);
+                                 if (change.table) visit(change);
+                               });
+                         });
+    }
+
+   private:
+    const SubscriberImpl& subscriber_;
+  };
+  handler_.wholeCommit(Commit(*this));
 }
 
 RowChange SubscriberImpl::rowChange(const Brine::FollowedChange& from) const {

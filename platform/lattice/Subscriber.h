@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -31,6 +32,17 @@ struct RowChange {
   uint64_t sequence = 0;
 };
 
+// Changes that make up one commit and stand or fall together: a Write with ROLLBACK_ON_ERROR or
+// DATAPLANE_ATOMIC. Valid during the call that tells of it and the rowsEnd() behind that.
+class WholeCommit {
+ public:
+  virtual ~WholeCommit() = default;
+  virtual bool has(uint64_t sequence) const = 0;
+  // Visits its rows as they were before, that of the last change first: as changes that bring them
+  // back, and that nobody wants to hear of. Returns false when not all are known any more.
+  virtual bool visitFormer(const std::function<void(const RowChange&)>& visit) const = 0;
+};
+
 // All calls come from within Subscriber::follow().
 class SubscriberHandler {
  public:
@@ -46,6 +58,9 @@ class SubscriberHandler {
   // The next calls of rowChanged(), some dozen, unless the agent goes away: an opportunity to have
   // memory fetched that they will need. Nothing need be done.
   virtual void rowsComing(std::span<const RowChange> changes) { static_cast<void>(changes); }
+  // Among the changes since the last rowsEnd(), which comes next: for those who declare
+  // Subscriber::appliesAtOnceIs().
+  virtual void wholeCommit(const WholeCommit& commit) { static_cast<void>(commit); }
   // The changes since the last call make up whole commits. Before the reports on them are sent, but
   // for those that filled a message, and also when the agent has gone.
   virtual void rowsEnd() {}
@@ -68,9 +83,9 @@ class Subscriber {
   virtual ~Subscriber() = default;
 
   // Declares, from the next attaching on, that each commit takes effect at once: every packet sees
-  // all of its changes or none, and a commit of which any change fails has no effect. Without it
-  // the agent refuses Writes with DATAPLANE_ATOMIC. Agents that do not know of this refuse to
-  // attach.
+  // all of its changes or none, and a SubscriberHandler::wholeCommit() of which any change fails
+  // has no effect. Without it the agent refuses Writes with DATAPLANE_ATOMIC. Agents that do not
+  // know of this refuse to attach.
   virtual void appliesAtOnceIs(bool appliesAtOnce) = 0;
 
   // Declares, from the next attaching on, that SubscriberHandler::answer() answers questions.

@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "tests/e2e/WiredSwitch.h"
 #include "tests/p4/Playing.h"
@@ -178,6 +180,43 @@ TEST_F(ForwardingTest, ByTheEntriesThatAreConfirmed) {
   EXPECT_TRUE(forwards());
   ASSERT_TRUE(switch_.connectController());
   EXPECT_EQ(switch_.disagreement(), "");
+}
+
+TEST_F(ForwardingTest, NoPacketSeesAnAtomicWriteThatFails) {
+  ASSERT_TRUE(forwards());
+  const std::string another("\x02\0\0\0\x0b\x09", 6);
+  p4::v1::WriteRequest request = switch_.controller().writeRequest(
+      {modifyOf(entry("neighbor")
+                    .exact("port", 2)
+                    .exact("neighbor_id", 7)
+                    .action("set_dst_mac", {{"dmac", 0x020000000b09}})
+                    .entry()),
+       insertOf(entry("ipv4_route")
+                    .exact("vrf_id", 5)
+                    .lpm("ipv4_dst", 0x0c000000, 8)
+                    .action("set_nexthop", {{"nexthop_id", 7}}))});
+  request.set_atomicity(p4::v1::WriteRequest::DATAPLANE_ATOMIC);
+  const auto hasCome = [&](const std::string& to) {
+    const std::lock_guard lock(mutex_);
+    return std::ranges::any_of(
+        arrived_, [&](const auto& one) { return one.first == 2 && one.second.starts_with(to); });
+  };
+  ASSERT_EQ(switch_.forwarder.ctl({"fail-table", "ipv4_route"}).exit.code, 0);
+  std::atomic<bool> stop = false;
+  std::thread sender([&] {
+    while (!stop) switch_.farEnd(1).send(arriving(0x0b000005, 1));
+  });
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(switch_.controller().write(request).status.error_code(), grpc::UNKNOWN);
+  }
+  EXPECT_FALSE(hasCome(another));
+  EXPECT_EQ(switch_.disagreement(), "");
+  EXPECT_EQ(switch_.forwarder.ctl({"clear"}).exit.code, 0);
+  const WriteOutcome outcome = switch_.controller().write(request);
+  EXPECT_TRUE(outcome.status.ok()) << outcome.status.error_message();
+  EXPECT_TRUE(waitUntil([&] { return hasCome(another); }));
+  stop = true;
+  sender.join();
 }
 
 TEST_F(ForwardingTest, PacketsOfControllers) {

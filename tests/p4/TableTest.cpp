@@ -261,6 +261,33 @@ TEST(ConstantEntryTest, StandFirmAndMayNotRepeat) {
                P4::ProgramError);
 }
 
+// The program's priorities are not those by which controllers know its entries.
+TEST(ConstantEntryTest, OfTernaryTablesAreFoundByTheirMatch) {
+  const auto entry = [](const std::string& mask, int priority) {
+    return R"({"match_key":[{"match_type":"ternary","key":"0x07","mask":")" + mask +
+           R"("}],"action_entry":{"action_id":1,"action_data":["0x4"]},"priority":)" +
+           std::to_string(priority) + "}";
+  };
+  std::string json =
+      tableProgram("", R"(,"entries":[)" + entry("0xff", 5) + "," + entry("0x0f", 9) + "]").json();
+  const std::string exact = R"("match_type":"exact")", ternary = R"("match_type":"ternary")";
+  for (size_t at = json.find(R"("name":"first")"); at < json.find(R"("name":"second")");) {
+    const size_t next = json.find(exact, at);
+    if (next > json.find(R"("name":"second")")) break;
+    json.replace(at = next, exact.size(), ternary);
+  }
+  P4::Engine engine(json);
+  const uint32_t table = *P4::tableNamed(engine.program(), "first");
+  play(engine, 1, "0700");
+  P4::Entry* met = engine.tables().find({table, {{"\x07", "\xff"}}, 77});
+  ASSERT_NE(met, nullptr);
+  EXPECT_EQ(met->counter.counts().packets, 1u);
+  P4::Entry* other = engine.tables().find({table, {{"\x07", "\x0f"}}, 3});
+  ASSERT_NE(other, nullptr);
+  EXPECT_EQ(other->counter.counts().packets, 0u);
+  EXPECT_EQ(engine.tables().find({table, {{"\x08", "\xff"}}, 77}), nullptr);
+}
+
 TEST(ProfileTest, GroupsChooseAmongActiveMembersInOrder) {
   P4::Engine engine(
       tableProgram(

@@ -174,8 +174,18 @@ void WriteRun::runWholeUpdates(StatusVector* statuses, TentativeEntries* entries
   if (!goesOn) pi_batch_failed_set(1);
 }
 
+// Packets write registers, too, whatever tables they read.
+void WriteRun::requireAtOnce(const CheckedUpdate& update) {
+  const EntityPlan* entity = update.table ? update.table->entity : nullptr;
+  if (!entity || entity->kind != EntityKind::registerArray) return;
+  refuse(code::unimplemented, updateText(update),
+         ": a register does not change at once with anything else; use ROLLBACK_ON_ERROR or "
+         "CONTINUE_ON_ERROR");
+}
+
 void WriteRun::maybeRunWholeUpdate(uint32_t offset, StatusVector* statuses,
                                    TentativeEntries* entries) {
+  if (fate_ == PI_BATCH_WHOLE_AT_ONCE) requireAtOnce(operations_[offset].update);
   maybeRunUpdate(offset, statuses);
   const Operation& operation = operations_[offset];
   if (!operation.pending || operation.failed) return;

@@ -86,6 +86,7 @@ class WriteRun {
   bool fits(const CheckedWrite& write, pi_batch_fate_t fate) const;
   void runWhole();
   void runWholeUpdates(StatusVector* statuses, TentativeEntries* entries);
+  static void requireAtOnce(const CheckedUpdate& update);
   void maybeRunWholeUpdate(uint32_t offset, StatusVector* statuses, TentativeEntries* entries);
   void doAbortOthers();
   void doOrder(uint32_t offset);

@@ -214,7 +214,7 @@ bool Doorbell::handleNotice(std::string_view message) {
 }
 
 bool Doorbell::ask(const Question& question, AnswerHandler handler) {
-  if (asked_.size() >= mostQuestions) return false;
+  if (asked_.size() >= mostQuestions) finish(asked_.begin());  // nobody waits any more
   Asked asked{.handler = std::move(handler)};
   const std::string message = QuestionMessage{++lastQuestion_, question}.encode();
   for (const auto& peer : peers_) {

@@ -30,20 +30,26 @@ std::string packed(std::span<const uint64_t> changes) {
 
 // The changes of a batch without an outcome.
 std::vector<Range> unfinished(Brine::Store& store) {
-  std::vector<Range> ranges;
-  if (!store.hasTable(wholeBatchTable)) return ranges;
+  if (!store.hasTable(wholeBatchTable)) return {};
   const auto record = store.record(store.table(wholeBatchTable), recordKey());
-  if (!record || !store.isUnsettled(*record)) return ranges;
-  Unpacker from(Brine::asText(record->value));
-  while (!from.finished() && !from.bad()) {
-    const auto first = from.take<uint64_t>();
-    const auto last = from.take<uint64_t>();
-    if (!from.bad() && first <= last && last <= record->sequence) ranges.emplace_back(first, last);
-  }
+  if (!record || !store.isUnsettled(*record)) return {};
+  std::vector<Range> ranges = wholeBatchRanges(Brine::asText(record->value));
+  std::erase_if(ranges, [&](const Range& range) { return range.second > record->sequence; });
   return ranges;
 }
 
 }  // namespace
+
+std::vector<Range> wholeBatchRanges(std::string_view record) {
+  std::vector<Range> ranges;
+  Unpacker from(record);
+  while (!from.finished() && !from.bad()) {
+    const auto first = from.take<uint64_t>();
+    const auto last = from.take<uint64_t>();
+    if (!from.bad() && first <= last) ranges.emplace_back(first, last);
+  }
+  return ranges;
+}
 
 void noteWholeBatch(Brine::Store& store, std::span<const uint64_t> changes) {
   if (changes.size() > store.mostUndoneLater()) {

@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "forwarder/follow/ForwardingAgent.h"
 #include "forwarder/packets/PacketThread.h"
@@ -117,13 +119,14 @@ class PlaneTest : public testing::Test {
     agent_.planeIs(&plane_);
   }
 
-  void push(uint64_t number, const std::string& json) {
+  // The entries of push `kept` stay.
+  void push(uint64_t number, const std::string& json, uint64_t kept = 1) {
     const std::string folder = directory_.path() + "/pushed";
     std::filesystem::create_directories(folder);
     const std::string base = folder + "/" + std::to_string(number);
     std::ofstream(base + ".program") << json;
     std::ofstream(base + ".names") << names;
-    std::ofstream(folder + "/new") << number << " 1\n";
+    std::ofstream(folder + "/new") << number << " " << kept << "\n";
     std::filesystem::rename(folder + "/new", folder + "/current");
   }
 
@@ -314,6 +317,76 @@ TEST_F(PlaneTest, RowsWithoutAPlaceAreRefused) {
   EXPECT_EQ(reportOn(right), "0 ");
 }
 
+// A packet of 7 leaves by port 3, by one of two tables; a Write moves the entry from one to the
+// other, and every second one has a row that is refused.
+TEST_F(PlaneTest, APacketSeesAllOfAWholeCommitOrNothing) {
+  class Commit final : public Lattice::WholeCommit {
+   public:
+    explicit Commit(uint64_t first) : first_(first) {}
+    void add(const Lattice::RowChange& former) { former_.insert(former_.begin(), former); }
+    bool has(uint64_t sequence) const override { return sequence >= first_; }
+    bool visitFormer(const std::function<void(const Lattice::RowChange&)>& visit) const override {
+      for (const Lattice::RowChange& one : former_) visit(one);
+      return true;
+    }
+
+   private:
+    uint64_t first_;
+    std::vector<Lattice::RowChange> former_;
+  };
+  const std::string seven = big(7, 1), nine = big(9, 1);
+  const std::string toPort = little(5, 4) + little(3, 2) + std::string(17, '\0');
+  const std::string toGroup = little(10, 4) + little(1, 1);
+  memberIs(1, 3);
+  groupIs(10, {1});
+  direct(7, 3);
+  agent_.rowsEnd();
+  table("spread");
+  ASSERT_THAT(out("07"), ElementsAre("3:07"));
+
+  std::atomic<bool> stop = false;
+  std::atomic<uint64_t> packets = 0, torn = 0;
+  std::thread reader([&] {
+    P4::Outputs outputs;
+    const uint8_t packet = 7;
+    for (; !stop; ++packets, outputs.clear()) {
+      slot_.engine()->process(1, {&packet, 1}, 1, outputs);
+      torn += outputs.size() != 1 || outputs.frame(0).port != 3;
+    }
+  });
+  bool isDirect = true;
+  for (int round = 0; round < 500 || packets < 500; ++round) {
+    const bool fails = round % 2 == 0;
+    Commit commit(sequence_ + 1);
+    const auto moved = [&](const std::string& name, const std::string& value, bool isThere) {
+      write(name, seven, isThere ? "" : value, isThere);
+      commit.add({.table = &table(name),
+                  .key = seven,
+                  .value = isThere ? value : std::string_view(),
+                  .deleted = !isThere});
+    };
+    moved("direct", toPort, isDirect);
+    if (fails) {
+      const uint64_t refused = direct(9, 512);
+      commit.add({.table = &table("direct"), .key = nine, .deleted = true});
+      moved("spread", toGroup, !isDirect);
+      agent_.wholeCommit(commit);
+      agent_.rowsEnd();
+      EXPECT_THAT(reportOn(refused), HasSubstr("9 bits"));
+    } else {
+      moved("spread", toGroup, !isDirect);
+      agent_.wholeCommit(commit);
+      agent_.rowsEnd();
+      isDirect = !isDirect;
+    }
+    ASSERT_EQ(agent_.table("direct")->rowCount(), isDirect ? 1 : 0) << round;
+    ASSERT_EQ(agent_.table("spread")->rowCount(), isDirect ? 0 : 1) << round;
+  }
+  stop = true;
+  reader.join();
+  EXPECT_EQ(torn, 0u);
+}
+
 TEST_F(PlaneTest, AnotherProgramTakesTheRowsOver) {
   memberIs(1, 3);
   groupIs(10, {1});
@@ -351,6 +424,28 @@ TEST_F(PlaneTest, AnotherProgramTakesTheRowsOver) {
   agent_.rowsEnd();
   EXPECT_THAT(out("09"), Not(ElementsAre("207:09")));
   EXPECT_THAT(out("08"), ElementsAre("500:08"));
+}
+
+TEST_F(PlaneTest, CellsAndCountsStayAsLongAsTheEntries) {
+  const std::string entry = std::to_string(direct(7, 3) + 100);
+  agent_.rowsEnd();
+  const auto memory = [&] {
+    return hexOf(agent_
+                     .answer({.kind = Lattice::Question::Kind::registerCells,
+                              .registerId = 11,
+                              .firstCell = 1,
+                              .cellCount = 1})
+                     .bytes);
+  };
+  out("07");
+  push(2, program(100));
+  EXPECT_EQ(agent_.answer({.push = 2}).errorCode, 0);
+  EXPECT_EQ(memory(), "0007");
+  EXPECT_THAT(out("07aa"), ElementsAre("103:07aa"));
+  EXPECT_THAT(countsTold(), ElementsAre("10/2: 2 3", entry + ": 2 3"));
+  push(3, program(100), 3);
+  EXPECT_EQ(agent_.answer({.push = 3}).errorCode, 0);
+  EXPECT_EQ(memory(), "0000");
 }
 
 TEST_F(PlaneTest, CountsAreToldAndSet) {

@@ -161,6 +161,9 @@ class Follower final : public Lattice::SubscriberHandler {
     held.push_back({change.entryHandle, change.sequence});
     if (!holdBack) reportAll();
   }
+  void wholeCommit(const Lattice::WholeCommit& commit) override {
+    if (onWhole) onWhole(commit);
+  }
   void reportAll(uint16_t code = 0, const std::string& text = {}) {
     for (const auto& [handle, sequence] : held) subscriber->report(handle, sequence, code, text);
     held.clear();
@@ -170,6 +173,7 @@ class Follower final : public Lattice::SubscriberHandler {
     return answers;
   }
 
+  std::function<void(const Lattice::WholeCommit&)> onWhole;
   std::vector<Lattice::Question> questions;
   Lattice::Answer answers;
   std::map<std::string, std::map<std::string, std::string>> rows;

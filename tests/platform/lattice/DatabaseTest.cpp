@@ -113,6 +113,42 @@ TEST_F(DatabaseTest, InABatchEveryCallIsReportedOnAndEachRowOnce) {
   EXPECT_EQ(follower->rows["routes"].size(), routes->rowCount());
 }
 
+TEST_F(DatabaseTest, AFollowerIsToldWhatAWholeCommitHasChanged) {
+  write(1, 5);
+  ASSERT_TRUE(inStep());
+  const auto before = follower->rows["routes"];
+  std::vector<uint64_t> changes;
+  size_t told = 0;
+  follower->onWhole = [&](const WholeCommit& commit) {
+    ++told;
+    auto& rows = follower->rows["routes"];
+    EXPECT_NE(rows, before);
+    for (const uint64_t change : changes) EXPECT_TRUE(commit.has(change));
+    EXPECT_FALSE(commit.has(changes.front() - 1));
+    EXPECT_FALSE(commit.has(changes.back() + 1));
+    EXPECT_TRUE(commit.visitFormer([&](const RowChange& former) {
+      if (former.deleted) {
+        rows.erase(std::string(former.key));
+      } else {
+        rows[std::string(former.key)] = former.value;
+        EXPECT_EQ(former.entryHandle, 100u + static_cast<uint8_t>(former.key.back()));
+      }
+    }));
+    EXPECT_EQ(rows, before);
+  };
+  batch([&] { routes->rowIs(route(1, 2), 101); });
+  batch([&] { routes->rowIs(route(1, 1), 101); });
+  EXPECT_EQ(told, 0u) << "a batch whose changes may fail alone";
+  batch([&] {
+    changes = {routes->rowIs(route(1, 2), 101),   routes->rowDel(route(2, 1).key, 102),
+               routes->rowIs(route(9, 1), 109),   routes->rowDel(route(3, 1).key, 103),
+               routes->rowIs(route(3, 1), 203),   routes->rowDel(route(3, 1).key, 203),
+               routes->rowDel(route(8, 1).key, 8)};
+    agent->database->wholeBatchIs(changes);
+  });
+  EXPECT_EQ(told, 1u);
+}
+
 // Only batchEnd() commits in a batch, even when scopes end meanwhile.
 // Of 100,000 updates, as many as a Write may have.
 TEST_F(DatabaseTest, TheLargestBatchReachesAFollowerAsChanges) {

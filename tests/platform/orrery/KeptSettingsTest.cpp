@@ -19,8 +19,8 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 // One run of a process.
-struct Run : DatabaseFixture {
-  explicit Run(const std::string& file) : kept(*database, file, {"config/port/alias", "config/x"}) {
+struct Start : DatabaseFixture {
+  explicit Start(const std::string& file) : kept(*database, file, {"config/port/alias", "config/x"}) {
     port = portIs("config/port");
     status = portIs("status/port");
     for (const char* directory : {"config/ports", "config/x"}) {
@@ -42,7 +42,7 @@ TEST(KeptSettings, HoldAtTheNextStart) {
   const TestSupport::TempDir directory;
   const std::string file = directory.file("settings");
   {
-    Run first(file);
+    Start first(file);
     EXPECT_THAT(first.kept.load(), IsEmpty());
     first.request(setRequest("config/port", "mtuBytes", "9000"));
     first.request(setRequest("config/port", "2", "18446744073709551615"));
@@ -56,8 +56,8 @@ TEST(KeptSettings, HoldAtTheNextStart) {
     first.request(deleteRequest("config/ports/p0"));
     first.request(getRequest("config/port"));
   }
-  for (int start = 0; start < 2; ++start) {
-    Run next(file);
+  for (int i = 0; i < 2; ++i) {
+    Start next(file);
     EXPECT_THAT(next.kept.load(), IsEmpty());
     EXPECT_EQ(next.port->mtuBytes(), 9000);
     EXPECT_EQ(next.port->cookie(), UINT64_MAX);
@@ -75,12 +75,12 @@ TEST(KeptSettings, SurviveBadOnes) {
   const TestSupport::TempDir directory;
   const std::string file = directory.file("settings");
   std::ofstream(file) << R"({"config/gone": {"a": 1}, "config/port": {"mtuBytes": 9000}})";
-  Run next(file);
+  Start next(file);
   EXPECT_THAT(next.kept.load(), ElementsAre(HasSubstr("\"config/gone\" is no path")));
   EXPECT_EQ(next.port->mtuBytes(), 9000);
   std::ofstream(file) << "cut o";
-  EXPECT_THAT(Run(file).kept.load(), IsEmpty());
-  Run nowhere(directory.file("none/settings"));
+  EXPECT_THAT(Start(file).kept.load(), IsEmpty());
+  Start nowhere(directory.file("none/settings"));
   EXPECT_THROW(nowhere.request(setRequest("config/port", "mtuBytes", "9000")), std::system_error);
 }
 
