@@ -2,6 +2,7 @@
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
 find_package(Protobuf REQUIRED)
+find_package(OpenSSL REQUIRED)
 find_package(absl REQUIRED)
 find_package(fmt REQUIRED)
 find_package(CLI11 REQUIRED)

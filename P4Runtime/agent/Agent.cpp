@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "P4Runtime/agent/CliCommands.h"
+#include "P4Runtime/agent/GrpcLog.h"
 #include "P4Runtime/agent/ProtobufLog.h"
 #include "P4Runtime/agent/ServerLimits.h"
 #include "P4Runtime/agent/SettingChecks.h"
@@ -55,6 +56,7 @@ void Agent::doInit() {
     SCRIVEL_TRACE(0, "scvPrefix is: ", options.filePrefix);
   }
   takeProtobufLog();
+  takeGrpcLog();
   doDeclareMounts();
 }
 
@@ -261,7 +263,9 @@ void Agent::doBuildServer() {
     changes_.push_back(std::move(one));
   }
   doFollowPolicy();  // before the server listens
+  const ServerSecurity security = serverSecurity(*p4RtSystemConfig(), *securityConfig_);
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
+  piServer()->securityIs(security);
   piContext()->piServerIs(piServer());
   TheWriteGate()->levelHandlerIs(
       [server = piServer().get()](uint32_t level) { server->setOperationPermissionLevel(level); });

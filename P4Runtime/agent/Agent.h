@@ -131,6 +131,7 @@ class Agent : public Vela::Entity {
   void doFollowReports();
   void handleNotice(const Lattice::Notice& notice);
   void handleAgentLeft(const Lattice::SubscriberInfo& agent);
+  void doTellSecurity();
   void doUpdateStatus();
   void doFollowRestore();
 
@@ -139,6 +140,8 @@ class Agent : public Vela::Entity {
   std::unique_ptr<Lattice::Database> tables_;
   Vela::Ptr<Pollen::TypeService> typeService_;
   Vela::Ptr<const HwStatusDir> hwStatusDir_;
+  Vela::Ptr<const P4RuntimeConfig::SecurityConfig> securityConfig_;
+  SecurityLog securityLog_;
   Vela::Ptr<const P4RuntimeConfig::TranslationConfigDir> translationConfigDir_;
   Vela::Ptr<P4RuntimeConfig::TranslationStatus> translationStatus_;
   Vela::Ptr<FixedNames> fixedNames_;

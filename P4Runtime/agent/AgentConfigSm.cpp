@@ -3,6 +3,7 @@
 #include <cassert>
 #include <utility>
 
+#include "PI/proto/pi_server_security.h"
 #include "platform/scrivel/Trace.h"
 
 namespace P4Runtime {
@@ -36,6 +37,7 @@ void AgentConfigSm::handleAgentExitRequest() {
 void AgentConfigSm::handleFlushEntityLogComplete() {
   SCRIVEL_TRACE(0, "handleFlushEntityLogComplete");
   assert(agentConfig()->exitRequested());
+  PIGrpcServerRemoveUnixSocket();
   runtime_.exit(0);
 }
 

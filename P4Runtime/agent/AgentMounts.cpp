@@ -101,6 +101,7 @@ void Agent::doFetchMounts(const Orrery::EntityManager& manager) {
   translationStatus_ = manager.entity<TranslationStatus>("p4runtime/status/translation");
   hwStatusDir_ = manager.entity<const HwStatusDir>("openflow/kestrelhwstatusdir");
   agentConfigIs(manager.entity<AgentConfig>("p4runtime/config/agent"));
+  securityConfig_ = manager.entity<const SecurityConfig>("p4runtime/config/security");
 }
 
 }  // namespace P4Runtime

@@ -70,11 +70,21 @@ void Agent::doFollowRestore() {
   }));
 }
 
+void Agent::doTellSecurity() {
+  const std::string text = securityText(piServer()->security(), piServer()->piServerPort());
+  status_->serverSecurityIs(text);
+  securityLog_.textIs(text);
+}
+
 void Agent::doUpdateStatus() {
   status_->pidIs(getpid());
   status_->deviceIdIs(p4RtSystemConfig()->deviceId());
-  status_->serverAddressIs(piServer()->serverAddressPortStr());
-  status_->serverListensIs(PIGrpcServerGetPort() > 0);
+  const bool hasAddress = piServer()->piServerPort() != 0;
+  status_->serverAddressIs(hasAddress ? piServer()->serverAddressPortStr()
+                                      : "unix:" + piServer()->security().unixSocket);
+  const bool listens = PIGrpcServerWaitStarted(0) == 0;
+  status_->serverListensIs(listens);
+  if (listens) doTellSecurity();
   status_->serverReadyIs(piServer()->serverReady() && !tableImpl()->restoring());
   status_->restoringIs(restoringText(*tableImpl()));
   const bool runs = p4TableInfo()->tableInfoState() == P4TableInfoState::tableInfoReady;

@@ -18,7 +18,8 @@ class AgentStatus : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(int64_t, pid, 0)
   VELA_READONLY_ATTRIBUTE(uint32_t, deviceId, 0)
   VELA_READONLY_ATTRIBUTE(std::string, serverAddress, "")
-  VELA_READONLY_ATTRIBUTE(bool, serverListens, false)  // also without a pipeline
+  VELA_READONLY_ATTRIBUTE(std::string, serverSecurity, "")  // in words, then trouble, one a line
+  VELA_READONLY_ATTRIBUTE(bool, serverListens, false)       // also without a pipeline
   VELA_READONLY_ATTRIBUTE(bool, serverReady, false)
   VELA_READONLY_ATTRIBUTE(std::string, pipelineFile, "")
   VELA_READONLY_ATTRIBUTE(std::string, pipelineState, "")

@@ -19,6 +19,7 @@
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/pi.h"
 #include "PI/proto/pi_server.h"
+#include "PI/proto/pi_server_security.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/Failure.h"
@@ -46,6 +47,18 @@ void requireThatTheGateAllows(uint32_t level) {
   }
 }
 
+// Within the process, whatever the server wants of others. Gives the activity lock up while the
+// server starts.
+std::shared_ptr<grpc::Channel> ownChannel() {
+  const Vela::ActivityLockReleased released;
+  PIGrpcServerWaitStarted(secondsToStart);
+  if (auto channel = PIGrpcServerOwnChannel()) return channel;
+  if (*PIGrpcServerLastError()) sleep(secondsToStart);  // its thread says why, and ends the process
+  std::fprintf(stderr, "korvel: the server did not start within %d seconds\n", secondsToStart);
+  assert(!"the server runs");
+  std::abort();
+}
+
 pthread_t serverThread{};
 bool serverThreadStarted = false;
 std::binary_semaphore serverThreadHasArguments(0);
@@ -55,13 +68,15 @@ void* piServiceThreadMain(void* arg) {
   const auto* piServer = static_cast<const KorvelPiServer*>(arg);
   assert(piServer);
   const std::string address = piServer->serverAddressPortStr();
-  // Any free port would be served, and neither controllers nor the agent itself would find it.
-  const bool hasPort = piServer->piServerPort() != 0;
+  const uint16_t port = piServer->piServerPort();
+  const ServerSecurity security = piServer->security();
+  // Any free port would be served, and no controller would find it.
+  const bool listens = port != 0 || !security.unixSocket.empty();
   serverThreadHasArguments.release();
-  if (!hasPort || PIGrpcServerRunAddr(address.c_str()) != 0) {
+  if (!listens || runServer(security, address, port) != 0) {
     std::fprintf(
         stderr, "korvel: %s\n",
-        hasPort ? PIGrpcServerLastError() : "grpcServerPort is 0; choose a port from 1 to 65535");
+        listens ? PIGrpcServerLastError() : "grpcServerPort is 0; choose a port from 1 to 65535");
     Scrivel::flush();
     _exit(1);  // other threads are running: no destructors
   }
@@ -230,11 +245,7 @@ void KorvelPiServer::sendPipelineConfigMsg() {
   DeviceMgr::init(1);
   SCRIVEL_TRACE(1, "sendPipelineConfigMsg",
                 " server thread is: ", static_cast<uint64_t>(serverThread));
-  grpc::ChannelArguments arguments;
-  arguments.SetInt(GRPC_ARG_ENABLE_HTTP_PROXY, 0);
-  const auto channel = grpc::CreateCustomChannel(serverAddressPortStr(),
-                                                 grpc::InsecureChannelCredentials(), arguments);
-  P4RuntimeLocalController controller(p4::v1::P4Runtime::NewStub(channel));
+  P4RuntimeLocalController controller(p4::v1::P4Runtime::NewStub(ownChannel()));
   controller.setForwardingPipelineConfigRequest(requestToPush());
   serverReadyIs(true);
 }

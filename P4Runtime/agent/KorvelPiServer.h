@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "P4Runtime/agent/ServerSecurity.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/BatchEntries.h"
 #include "platform/vela/Entity.h"
@@ -61,6 +62,9 @@ class KorvelPiServer : public DeviceServer {
   Vela::ReactorLoop& loop() const { return loop_; }
 
   std::string serverAddressPortStr() const;  // "10.1.2.3:700", "[::1]:700"
+  // Before startProcessing(); plain on any address unless set.
+  void securityIs(const ServerSecurity& security) { security_ = security; }
+  const ServerSecurity& security() const { return security_; }
   // Starts the server thread. An address that cannot be bound ends the process with status 1.
   void startProcessing();
   void signal();
@@ -84,6 +88,7 @@ class KorvelPiServer : public DeviceServer {
   void describeOperations();
   p4::v1::SetForwardingPipelineConfigRequest requestToPush() const;
   Vela::ReactorLoop& loop_;
+  ServerSecurity security_;
   std::vector<std::unique_ptr<ConfigValue>> configValues_;
   std::string pipelineRequest_;
   std::thread shutDownThread_;

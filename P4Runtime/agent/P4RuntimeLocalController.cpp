@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "PI/proto/pi_server.h"
-#include "PI/proto/pi_server_process.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace P4Runtime {
@@ -14,13 +13,6 @@ namespace {
 
 constexpr int secondsToStart = 10;
 constexpr std::chrono::milliseconds pause(100);
-
-// For a scope: the server accepts the agent's own connection beyond its limit, so that clients that
-// use up the limit do not keep the agent out.
-struct OwnConnectionTaken {
-  OwnConnectionTaken() { PIGrpcServerOwnConnectionsAre(1); }
-  ~OwnConnectionTaken() { PIGrpcServerOwnConnectionsAre(0); }
-};
 
 void requireOk(const grpc::Status& status) {
   if (status.ok()) return;
@@ -39,7 +31,6 @@ int P4RuntimeLocalController::setForwardingPipelineConfigRequest(
     const p4::v1::SetForwardingPipelineConfigRequest& request) {
   const Vela::ActivityLockReleased released;
   PIGrpcServerWaitStarted(secondsToStart);  // which makes the token
-  const OwnConnectionTaken taken;
   const auto deadline = std::chrono::system_clock::now() + patience_;
   grpc::Status status = push(request, deadline);
   while (status.error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED &&

@@ -27,13 +27,21 @@ struct ReadAtStart {
   const char* path;
   const char* attribute;
 };
-constexpr std::array<ReadAtStart, 6> readAtStart{{
+constexpr std::array<ReadAtStart, 14> readAtStart{{
     {"p4runtime/config/system", "deviceId"},
     {"p4runtime/config/system", "grpcServerAddress"},
     {"p4runtime/config/agent", "p4InfoJsonPath"},
     {"p4runtime/config/agent", "deviceJsonPath"},
     {"p4runtime/config/agent", "pluginDirectory"},
     {"p4runtime/config/agent", "cpuDevice"},
+    {"p4runtime/config/security", "insecure"},
+    {"p4runtime/config/security", "certificate"},
+    {"p4runtime/config/security", "key"},
+    {"p4runtime/config/security", "clientCa"},
+    {"p4runtime/config/security", "crl"},
+    {"p4runtime/config/security", "unixSocket"},
+    {"p4runtime/config/security", "unixMode"},
+    {"p4runtime/config/security", "unixOwner"},
 }};
 
 // 0 if a server can listen there, else the errno.
@@ -60,6 +68,11 @@ Outcome checkPort(const P4RtSystemConfig& config, const std::string& text) {
   if (!port || *port == config.grpcServerPort()) return {};
   if (*port == 0)
     return Outcome::failure("grpcServerPort 0 is none; choose a port from 1 to 65535");
+  if (config.grpcServerPort() == 0) {
+    return Outcome::failure(
+        "the server listens on its Unix socket alone; write grpcServerPort into the configuration "
+        "file and start the agent anew");
+  }
   const int error = listenError(config.grpcServerAddress().text(), *port);
   if (error == 0) return {};
   return Outcome::failure(fmt::format("cannot listen on {} port {}: {}; choose another port",

@@ -11,14 +11,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <optional>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 #include "PI/server/Limits.h"
@@ -45,44 +40,23 @@ size_t connectionLimit() {
   return std::min<size_t>(limits().connections, descriptors.rlim_cur / 2);
 }
 
-struct End {
-  std::array<uint8_t, 16> address{};  // IPv4 as IPv6 shows it
-  in_port_t port = 0;
-  bool operator==(const End&) const = default;
-};
-
-// One end of a TCP connection, getsockname() or getpeername(); nothing for other files.
-std::optional<End> endOf(int fd, int (*name)(int, sockaddr*, socklen_t*)) {
+// Of the connection's other end.
+std::array<uint8_t, 16> machineOf(int fd) {
+  std::array<uint8_t, 16> machine{};
   sockaddr_storage storage{};
   socklen_t size = sizeof storage;
-  if (name(fd, reinterpret_cast<sockaddr*>(&storage), &size) != 0) return std::nullopt;
-  End end;
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&storage), &size) != 0) return machine;
+  in6_addr address{};
   if (storage.ss_family == AF_INET) {
-    const auto& address = reinterpret_cast<const sockaddr_in&>(storage);
-    end.address[10] = end.address[11] = 0xff;
-    std::memcpy(&end.address[12], &address.sin_addr, sizeof address.sin_addr);
-    end.port = address.sin_port;
+    address.s6_addr[10] = address.s6_addr[11] = 0xff;
+    std::memcpy(&address.s6_addr[12], &reinterpret_cast<sockaddr_in&>(storage).sin_addr, 4);
   } else if (storage.ss_family == AF_INET6) {
-    const auto& address = reinterpret_cast<const sockaddr_in6&>(storage);
-    std::memcpy(end.address.data(), &address.sin6_addr, sizeof address.sin6_addr);
-    end.port = address.sin6_port;
-  } else {
-    return std::nullopt;
+    address = reinterpret_cast<sockaddr_in6&>(storage).sin6_addr;
   }
-  return end;
-}
-
-// Whether the other end of the connection is this process's, too.
-bool isOwn(int fd) {
-  const auto other = endOf(fd, &getpeername);
-  if (!other) return false;
-  std::error_code error;
-  std::filesystem::directory_iterator file("/proc/self/fd", error);
-  for (; !error && file != std::filesystem::directory_iterator(); file.increment(error)) {
-    const int descriptor = std::atoi(file->path().filename().c_str());
-    if (endOf(descriptor, &getsockname) == other) return true;
-  }
-  return false;
+  const bool isV4 = IN6_IS_ADDR_V4MAPPED(&address);
+  if (IN6_IS_ADDR_LOOPBACK(&address) || (isV4 && address.s6_addr[12] == 127)) return machine;
+  std::memcpy(machine.data(), &address, isV4 ? 16 : 8);  // who has a /64 has all its addresses
+  return machine;
 }
 
 bool isShortage(int error) {
@@ -91,9 +65,13 @@ bool isShortage(int error) {
 
 }  // namespace
 
-Listener::Listener(const std::string& address) {
-  sockets_ = listeningSockets(address, kBacklog);
-  port_ = portOf(sockets_.front());
+Listener::Listener(const std::string& address, int unixSocket) {
+  if (!address.empty() || unixSocket < 0) {
+    sockets_ = listeningSockets(address, kBacklog);
+    port_ = portOf(sockets_.front());
+  }
+  polled_ = sockets_;
+  if (unixSocket >= 0) polled_.push_back(unixSocket);
   wakeFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   reserveFd_ = anyDescriptor();
   if (wakeFd_ >= 0) return;
@@ -128,14 +106,14 @@ void Listener::stop() {
 
 void Listener::run() {
   while (waitForConnections()) {
-    for (const int socket : sockets_) acceptFrom(socket);
+    for (const int socket : polled_) acceptFrom(socket);
   }
 }
 
 // False: to stop.
 bool Listener::waitForConnections() {
   std::vector<pollfd> polled{{wakeFd_, POLLIN, 0}};
-  for (const int socket : sockets_) polled.push_back({socket, POLLIN, 0});
+  for (const int socket : polled_) polled.push_back({socket, POLLIN, 0});
   while (poll(polled.data(), polled.size(), -1) < 0) {
     if (errno != EINTR) poll(polled.data(), 1, kPauseMs);
   }
@@ -156,13 +134,14 @@ void Listener::acceptFrom(int socket) {
 }
 
 void Listener::take(int listenerFd, int fd) {
-  if (!hasRoom() && !(ownAreTaken_ && isOwn(fd))) {
+  const Machine machine = machineOf(fd);
+  if (!hasRoom() || !hasShare(machine)) {
     refuse(fd);
     return;
   }
   const int on = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  connections_.push_back({fd, inodeOf(fd)});
+  connections_.push_back({fd, inodeOf(fd), machine});
   handler_(listenerFd, fd);
 }
 
@@ -176,9 +155,26 @@ void Listener::refuse(int fd) {
 // by now, have ended.
 bool Listener::hasRoom() {
   const size_t limit = connectionLimit();
-  if (connections_.size() < limit) return true;
-  std::erase_if(connections_, [](const Connection& one) { return inodeOf(one.fd) != one.inode; });
+  if (connections_.size() >= limit) forgetEnded();
   return connections_.size() < limit;
+}
+
+// So that no machine keeps all others out.
+bool Listener::hasShare(const Machine& machine) {
+  if (machine == Machine{}) return true;
+  const size_t limit = connectionLimit();
+  const auto fits = [&] {
+    const auto own = std::count_if(connections_.begin(), connections_.end(),
+                                   [&](const Connection& one) { return one.machine == machine; });
+    return static_cast<size_t>(own) < limit - limit / 4;
+  };
+  if (fits()) return true;
+  forgetEnded();
+  return fits();
+}
+
+void Listener::forgetEnded() {
+  std::erase_if(connections_, [](const Connection& one) { return inodeOf(one.fd) != one.inode; });
 }
 
 // The other end hears at once that it is not served, and the backlog does not fill.

@@ -2,6 +2,7 @@
 // once accepting has failed for want of descriptors, and takes connections without bound.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -16,31 +17,34 @@ namespace pi::server {
 class Listener {
  public:
   // Listens on every address that "host:port" means (host in brackets if it is IPv6, port 0 for
-  // any). Throws std::runtime_error with a line for the user that names the address and a way out.
-  explicit Listener(const std::string& address);
+  // any), and on the socket `unixSocket` unless it is -1, which outlives the object; the address
+  // may be empty then. Throws std::runtime_error with a line for the user that names the address
+  // and a way out.
+  explicit Listener(const std::string& address, int unixSocket = -1);
   ~Listener();  // stops
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
-  int port() const { return port_; }
+  int port() const { return port_; }  // 0 without an address
   // Owns the descriptor `fd` from then on, and closes it when the connection ends.
   using Handler = std::function<void(int listenerFd, int fd)>;
-  // Accepts on a thread of its own. A connection beyond the limit is closed at once. Where
+  // Accepts on a thread of its own. A connection beyond the limit is closed at once, and so is one
+  // of another machine that has three quarters of all that there may be. Where
   // descriptors are used up, one that is kept in reserve serves to accept and close connections,
   // until there are some again.
   void start(Handler handler);
   void stop();  // no call of the handler is running when it returns
 
-  // While it is on, the process's own connections are taken also beyond the limit.
-  void ownConnectionsAre(bool on) { ownAreTaken_ = on; }
-
   uint64_t refused() const { return refused_.load(); }
 
  private:
+  // The IPv4 address or the IPv6 network of another machine; zeros for this one.
+  using Machine = std::array<uint8_t, 16>;
   // A descriptor that was handed over, and the inode by which to tell whether it is still open.
   struct Connection {
     int fd;
     uint64_t inode;
+    Machine machine;
   };
 
   void run();
@@ -50,16 +54,18 @@ class Listener {
   void refuse(int fd);
   void refuseWithReserve(int socket);
   bool hasRoom();
+  bool hasShare(const Machine& machine);
+  void forgetEnded();
   void close();
 
-  std::vector<int> sockets_;
+  std::vector<int> sockets_;  // its own
+  std::vector<int> polled_;   // these and the Unix socket
   int port_ = 0;
   int wakeFd_ = -1;
   int reserveFd_ = -1;
   Handler handler_;
   std::vector<Connection> connections_;  // the thread's own; some have ended
   std::atomic<uint64_t> refused_{0};
-  std::atomic<bool> ownAreTaken_{false};
   std::thread thread_;
 };
 

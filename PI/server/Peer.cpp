@@ -1,11 +1,15 @@
 #include "PI/server/Peer.h"
 
+#include <grpc/grpc_security_constants.h>
 #include <grpcpp/server_context.h>
 
-#include <string_view>
+#include <string>
+#include <vector>
 
 #include "PI/proto/pi_server.h"
 #include "PI/server/LocalToken.h"
+#include "PI/server/UnixUsers.h"
+#include "PI/server/tls/PeerNames.h"
 
 namespace pi::server {
 namespace {
@@ -18,12 +22,38 @@ bool hasLocalToken(const grpc::ServerContext& context) {
                              PIGrpcServerLocalToken());
 }
 
+std::vector<std::string> valuesOf(const grpc::AuthContext& connection, const char* name) {
+  std::vector<std::string> values;
+  for (const grpc::string_ref& value : connection.FindPropertyValues(name)) {
+    values.emplace_back(value.data(), value.size());
+  }
+  return values;
+}
+
+bool isTls(const grpc::AuthContext& connection) {
+  const auto types = valuesOf(connection, GRPC_TRANSPORT_SECURITY_TYPE_PROPERTY_NAME);
+  return types == std::vector<std::string>{GRPC_SSL_TRANSPORT_SECURITY_TYPE};
+}
+
 }  // namespace
 
 Peer peerOf(const grpc::ServerContext& context) {
   Peer peer;
-  if (hasLocalToken(context)) peer.way = Peer::Way::ownProcess;
   peer.address = context.peer();
+  if (hasLocalToken(context)) {
+    peer.way = Peer::Way::ownProcess;
+    return peer;
+  }
+  const auto connection = context.auth_context();
+  if (valuesOf(*connection, kUnixUserProperty).size() == 1) {
+    peer.way = Peer::Way::unixSocket;
+    peer.identity = valuesOf(*connection, kUnixUserProperty).front();
+  } else if (isTls(*connection)) {
+    peer.way = Peer::Way::tls;
+    peer.identity = identityOf({.uris = valuesOf(*connection, GRPC_PEER_URI_PROPERTY_NAME),
+                                .dns = valuesOf(*connection, GRPC_PEER_DNS_PROPERTY_NAME),
+                                .common = valuesOf(*connection, GRPC_X509_CN_PROPERTY_NAME)});
+  }
   return peer;
 }
 

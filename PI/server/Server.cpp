@@ -7,15 +7,18 @@
 #include <system_error>
 #include <utility>
 
+#include "PI/server/CertificateWatch.h"
 #include "PI/server/Limits.h"
 #include "PI/server/Listener.h"
 #include "PI/server/P4RuntimeService.h"
 #include "PI/server/Thread.h"
+#include "PI/server/UnixUsers.h"
 
 namespace pi::server {
 namespace {
 
 constexpr std::chrono::milliseconds kStreamGrace{500};
+constexpr int kBacklog = 512;
 
 // Finds dead controllers. One that goes on pinging more often than twice a second while nothing
 // else happens is disconnected ("too_many_pings").
@@ -45,16 +48,21 @@ void threadsAre(grpc::ServerBuilder& builder) {
 
 }  // namespace
 
-Server::Server(const std::string& address, std::shared_ptr<grpc::ServerCredentials> credentials,
-               const std::string& localToken)
+Server::Server(const ListenOn& where, const std::string& localToken)
     : service_(std::make_unique<P4RuntimeService>(TheArbitration(), localToken)),
-      listener_(std::make_unique<Listener>(address)),
+      certificates_(where.certificates),
+      unixSocket_(where.unixSocket ? std::make_unique<UnixSocket>(*where.unixSocket, kBacklog)
+                                   : nullptr),
+      listener_(std::make_unique<Listener>(where.address, unixSocket_ ? unixSocket_->fd() : -1)),
       quota_(std::make_unique<grpc::ResourceQuota>("p4runtime")) {
   limitsChanged();
   using External = grpc::ServerBuilder::experimental_type::ExternalConnectionType;
   grpc::ServerBuilder builder;
-  acceptor_ = builder.experimental().AddExternalConnectionAcceptor(External::FROM_FD,
-                                                                   std::move(credentials));
+  if (!where.address.empty()) {
+    acceptor_ =
+        builder.experimental().AddExternalConnectionAcceptor(External::FROM_FD, where.credentials);
+  }
+  if (unixSocket_) unixUsers_ = std::make_unique<UnixUsers>(builder);
   // The service checks sizes too, for each call, and its error names the limit.
   builder.SetMaxReceiveMessageSize(kMaxLargeMessageBytes);
   builder.SetMaxSendMessageSize(-1);  // a pipeline with all around it; other calls send small ones
@@ -65,14 +73,22 @@ Server::Server(const std::string& address, std::shared_ptr<grpc::ServerCredentia
   builder.RegisterService(service_.get());
   server_ = builder.BuildAndStart();
   if (!server_) {
-    throw std::runtime_error("cannot listen on " + address + ": gRPC could not start its server");
+    throw std::runtime_error("cannot listen on " + where.address +
+                             ": gRPC could not start its server");
   }
-  listener_->start([this](int listenerFd, int fd) {
-    grpc::experimental::ExternalConnectionAcceptor::NewConnectionParameters connection;
-    connection.listener_fd = listenerFd;
-    connection.fd = fd;
-    acceptor_->HandleNewConnection(&connection);
-  });
+  if (certificates_) watch_ = std::make_unique<CertificateWatch>(certificates_);
+  listener_->start([this](int listenerFd, int fd) { hand(listenerFd, fd); });
+}
+
+void Server::hand(int listenerFd, int fd) {
+  if (unixSocket_ && listenerFd == unixSocket_->fd()) {
+    unixUsers_->take(listenerFd, fd);
+    return;
+  }
+  grpc::experimental::ExternalConnectionAcceptor::NewConnectionParameters connection;
+  connection.listener_fd = listenerFd;
+  connection.fd = fd;
+  acceptor_->HandleNewConnection(&connection);
 }
 
 Server::~Server() {
@@ -89,7 +105,15 @@ int Server::port() const { return listener_->port(); }
 
 uint64_t Server::refusedConnections() const { return listener_->refused(); }
 
-void Server::ownConnectionsAre(bool on) { listener_->ownConnectionsAre(on); }
+void Server::removeUnixSocket() {
+  if (unixSocket_) unixSocket_->removeFile();
+}
+
+std::shared_ptr<grpc::Channel> Server::ownChannel() {
+  grpc::ChannelArguments arguments;
+  arguments.SetMaxReceiveMessageSize(-1);
+  return server_->InProcessChannel(arguments);
+}
 
 // A thread for each call that may run, and some for calls that are about to be refused.
 void Server::policyChanged() { service_->streams().handlePolicy(); }
@@ -107,6 +131,7 @@ void Server::begin(std::chrono::milliseconds cancelAfter) {
   if (closing_.joinable()) return;
   closing_ = startThread([this, cancelAfter] {
     listener_->stop();
+    removeUnixSocket();
     std::thread streams;
     const auto endStreams = [this] { service_->streams().endAll(kStreamGrace); };
     try {

@@ -6,10 +6,14 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
+#include "PI/server/UnixSocket.h"
+
 namespace grpc {
+class Channel;
 class ResourceQuota;
 class Server;
 class ServerCredentials;
@@ -20,24 +24,35 @@ class ExternalConnectionAcceptor;
 
 namespace pi::server {
 
+class CertificateWatch;
 class Listener;
+class LiveCertificates;
 class P4RuntimeService;
+class UnixUsers;
+
+// An address, a Unix socket, or both.
+struct ListenOn {
+  std::string address;                                   // "" for none
+  std::shared_ptr<grpc::ServerCredentials> credentials;  // of connections to the address
+  std::shared_ptr<LiveCertificates> certificates;        // that these use; may be null
+  std::optional<UnixSocketOptions> unixSocket;
+};
 
 // Thread-safe.
 class Server {
  public:
   // Throws std::runtime_error with a line for the user when it cannot listen.
-  Server(const std::string& address, std::shared_ptr<grpc::ServerCredentials> credentials,
-         const std::string& localToken);
+  Server(const ListenOn& where, const std::string& localToken);
   // After shutDown(); waits for the last call to return.
   ~Server();
 
-  int port() const;
+  int port() const;  // 0: a Unix socket alone
+  std::shared_ptr<grpc::Channel> ownChannel();
+  void removeUnixSocket();
+  const std::shared_ptr<LiveCertificates>& certificates() const { return certificates_; }
   uint64_t refusedConnections() const;  // beyond the limit, or without a descriptor for them
   void limitsChanged();
   void policyChanged();
-  // While it is on, connections of this process are taken also beyond the limit.
-  void ownConnectionsAre(bool on);
 
   // Takes no new calls, ends streams, cancels calls that still run after `cancelAfter`, and returns
   // once all calls have returned, or after `patience` with some of them left behind.
@@ -50,12 +65,17 @@ class Server {
 
  private:
   void begin(std::chrono::milliseconds cancelAfter);
+  void hand(int listenerFd, int fd);
 
   std::unique_ptr<P4RuntimeService> service_;
+  const std::shared_ptr<LiveCertificates> certificates_;
+  std::unique_ptr<UnixSocket> unixSocket_;
   std::unique_ptr<Listener> listener_;
   std::unique_ptr<grpc::ResourceQuota> quota_;
   std::unique_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor_;
+  std::unique_ptr<UnixUsers> unixUsers_;
   std::unique_ptr<grpc::Server> server_;
+  std::unique_ptr<CertificateWatch> watch_;
 
   std::mutex mutex_;  // guards down_ and the start of closing_
   std::condition_variable changed_;

@@ -17,6 +17,7 @@
 #include "PI/core/PacketCounts.h"
 #include "PI/proto/pi_server_policy.h"
 #include "PI/proto/pi_server_process.h"
+#include "PI/proto/pi_server_security.h"
 #include "PI/server/Arbitration.h"
 #include "PI/server/Devices.h"
 #include "PI/server/Lenience.h"
@@ -24,11 +25,17 @@
 #include "PI/server/LocalToken.h"
 #include "PI/server/PolicyInForce.h"
 #include "PI/server/Server.h"
+#include "PI/server/tls/LiveCertificates.h"
+#include "PI/server/tls/TlsCredentials.h"
 #include "access/PolicyText.h"
 
 namespace {
 
+using pi::server::CertificatePaths;
+using pi::server::ListenOn;
+using pi::server::LiveCertificates;
 using pi::server::Server;
+using pi::server::UnixSocketOptions;
 using Credentials = std::shared_ptr<grpc::ServerCredentials>;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -41,7 +48,8 @@ struct Process {
   std::mutex mutex;  // guards the members below
   std::condition_variable changed;
   std::shared_ptr<Server> server;
-  std::string error;                     // of the last start
+  std::string error;                               // of the last start
+  std::shared_ptr<LiveCertificates> certificates;  // of the last server that had some
   std::deque<std::string> tokens{{""}};  // all, since pointers to them have been given away
 };
 
@@ -78,23 +86,24 @@ void requireUsable(const Credentials& credentials) {
 }
 
 // The server is published only when it listens. Throws std::runtime_error.
-void start(const char* address, const Credentials& credentials, bool areCertificates) {
+void start(const ListenOn& where) {
   if (TheProcess().server) {
     throw std::runtime_error("a server is running already; shut it down and clean it up first");
   }
   gRpcKept();
-  if (areCertificates) requireUsable(credentials);
   std::string token = pi::server::randomToken();
   if (token.empty()) throw std::runtime_error("the kernel gives no random numbers; try again");
-  TheProcess().server = std::make_shared<Server>(address ? address : "", credentials, token);
+  TheProcess().server = std::make_shared<Server>(where, token);
   TheProcess().tokens.push_back(std::move(token));
 }
 
-int run(const char* address, const Credentials& credentials, bool areCertificates) {
+// `whereOf` may throw, too.
+template <typename WhereOf>
+int run(WhereOf whereOf) {
   const std::lock_guard lock(TheProcess().mutex);
   TheProcess().error.clear();
   try {
-    start(address, credentials, areCertificates);
+    start(whereOf());
   } catch (const std::exception& e) {
     TheProcess().error = e.what();
   }
@@ -107,8 +116,9 @@ std::shared_ptr<Server> server() {
   return TheProcess().server;
 }
 
+std::string text(const char* given) { return given ? given : ""; }
+
 Credentials sslCredentials(const PIGrpcServerSSLOptions_t& options) {
-  const auto text = [](const char* pem) { return std::string(pem ? pem : ""); };
   grpc::SslServerCredentialsOptions ssl(
       static_cast<grpc_ssl_client_certificate_request_type>(options.client_auth));
   ssl.pem_root_certs = text(options.pem_root_certs);
@@ -116,14 +126,77 @@ Credentials sslCredentials(const PIGrpcServerSSLOptions_t& options) {
   return grpc::SslServerCredentials(ssl);
 }
 
+// A server that is started again goes on with the certificates that were in force, should their
+// files be broken just then.
+std::shared_ptr<LiveCertificates> certificatesAt(const CertificatePaths& paths) {
+  auto& certificates = TheProcess().certificates;
+  if (certificates && certificates->paths() == paths) {
+    certificates->refreshed();
+  } else {
+    certificates = std::make_shared<LiveCertificates>(paths);
+  }
+  return certificates;
+}
+
 }  // namespace
 
 int PIGrpcServerRunAddr(const char* server_address) {
-  return run(server_address, grpc::InsecureServerCredentials(), false);
+  return PIGrpcServerRunWith(server_address ? server_address : "", nullptr, nullptr);
 }
 
 int PIGrpcServerRunAddrSSL(const char* server_address, const PIGrpcServerSSLOptions_t* options) {
-  return run(server_address, sslCredentials(options ? *options : PIGrpcServerSSLOptions_t{}), true);
+  return run([&] {
+    gRpcKept();
+    const auto credentials = sslCredentials(options ? *options : PIGrpcServerSSLOptions_t{});
+    requireUsable(credentials);
+    return ListenOn{.address = text(server_address), .credentials = credentials};
+  });
+}
+
+int PIGrpcServerRunWith(const char* server_address, const PIGrpcServerCertificates_t* certificates,
+                        const PIGrpcServerUnixSocket_t* unix_socket) {
+  return run([&] {
+    gRpcKept();
+    ListenOn where{.address = text(server_address)};
+    if (certificates) {
+      where.certificates = certificatesAt({.certificate = text(certificates->certificate),
+                                           .key = text(certificates->key),
+                                           .clientCa = text(certificates->client_ca),
+                                           .crl = text(certificates->crl)});
+    }
+    where.credentials = where.certificates ? pi::server::tlsCredentials(where.certificates)
+                                           : grpc::InsecureServerCredentials();
+    if (unix_socket) {
+      where.unixSocket = UnixSocketOptions{.path = text(unix_socket->path),
+                                           .mode = unix_socket->mode,
+                                           .user = unix_socket->user,
+                                           .group = unix_socket->group};
+    }
+    return where;
+  });
+}
+
+void PIGrpcServerRemoveUnixSocket() {
+  if (const auto running = server()) running->removeUnixSocket();
+}
+
+const char* PIGrpcServerCertificate() {
+  thread_local std::string summary;
+  const auto running = server();
+  summary = running && running->certificates() ? running->certificates()->summary() : "";
+  return summary.c_str();
+}
+
+const char* PIGrpcServerCertificateTrouble() {
+  thread_local std::string trouble;
+  const auto running = server();
+  trouble = running && running->certificates() ? running->certificates()->trouble() : "";
+  return trouble.c_str();
+}
+
+std::shared_ptr<grpc::Channel> PIGrpcServerOwnChannel() {
+  const auto running = server();
+  return running ? running->ownChannel() : nullptr;
 }
 
 const char* PIGrpcServerLastError() {
@@ -246,10 +319,6 @@ size_t PIGrpcServerForgetElectionIds() { return pi::server::TheArbitration().for
 uint64_t PIGrpcServerGetRefusedConnections() {
   const auto running = server();
   return running ? running->refusedConnections() : 0;
-}
-
-void PIGrpcServerOwnConnectionsAre(int on) {
-  if (const auto running = server()) running->ownConnectionsAre(on != 0);
 }
 
 int PIGrpcServerGetPort() {

@@ -24,6 +24,15 @@ void addSystem(const Vela::Json& configuration, const SwitchOptions& options) {
   cJSON_AddBoolToObject(system, "bothCounts", true);
 }
 
+void addSecurity(const Vela::Json& configuration, const SwitchOptions& options) {
+  cJSON* security = pathIn(configuration, "p4runtime/config/security");
+  cJSON_AddBoolToObject(security, "insecure", options.insecure);
+  Vela::addString(security, "certificate", options.files.certificate);
+  Vela::addString(security, "key", options.files.key);
+  Vela::addString(security, "clientCa", options.files.clientCa);
+  Vela::addString(security, "crl", options.files.crl);
+}
+
 void addAgent(const Vela::Json& configuration, const SwitchOptions& options,
               const std::string& stateDirectory) {
   cJSON* agent = pathIn(configuration, "p4runtime/config/agent");
@@ -44,6 +53,7 @@ std::string agentConfiguration(const SwitchOptions& options, const std::string& 
                                const std::map<uint32_t, std::string>& ports) {
   const Vela::Json configuration(cJSON_CreateObject());
   addSystem(configuration, options);
+  addSecurity(configuration, options);
   addAgent(configuration, options, stateDirectory);
   for (const auto& [port, interface] : ports) {
     cJSON* mapping = pathIn(configuration, fmt::format("p4runtime/config/port-mapping/{}", port));

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -157,12 +158,42 @@ void addGeneral(CLI::App& command, SwitchOptions& options) {
       ->group(general);
 }
 
+void addFile(CLI::App& command, const char* name, std::string& file, const char* help) {
+  addValue(
+      command, name, "FILE",
+      [&file](const std::string& text) { file = std::filesystem::absolute(text).string(); }, help)
+      ->group(server);
+}
+
+void addSecurity(CLI::App& command, SwitchOptions& options) {
+  command.add_flag("--insecure", options.insecure, "Let everybody who reaches the address write")
+      ->envname("KORVEL_INSECURE")
+      ->group(server);
+  command
+      .add_flag("--grpc-server-ssl", options.wantsTls,
+                "TLS, which the three files bring by themselves")
+      ->group(server);
+  addFile(command, "--grpc-server-cert", options.files.certificate,
+          "The server's certificate, for TLS (PEM)");
+  addFile(command, "--grpc-server-key", options.files.key, "Its private key");
+  addFile(command, "--grpc-server-cacert", options.files.clientCa,
+          "Who signs the certificates that controllers must have");
+  addFile(command, "--grpc-server-crl", options.files.crl, "Those of them that count no more");
+  command
+      .add_flag_function(
+          "--grpc-server-with-client-auth", [](int64_t) {},
+          "Always so: TLS wants clients' certificates")
+      ->group(server);
+}
+
 void addServer(CLI::App& command, SwitchOptions& options) {
   addValue(
       command, "--grpc-server-addr", "A:PORT",
       [&options](const std::string& text) { options.server = serverAddress(text); },
-      "Where controllers connect (0.0.0.0:9559); [A]:PORT for IPv6")
+      "Where controllers connect (127.0.0.1:9559); [A]:PORT for IPv6. An address that other "
+      "machines reach wants TLS or --insecure")
       ->group(server);
+  addSecurity(command, options);
   addValue(
       command, "--cpu-port", "N",
       [&options](const std::string& text) {
@@ -237,11 +268,6 @@ constexpr Strange refused[] = {
     {"--use-files", true, "packets come from interfaces alone; replay files into a veth device"},
     {"--packet-in", true, "packets come from interfaces alone"},
     {"--dp-grpc-server-addr", true, "packets come from interfaces alone"},
-    {"--grpc-server-ssl", false, "the server has no TLS; leave it out, or put a proxy before it"},
-    {"--grpc-server-cert", true, "the server has no TLS"},
-    {"--grpc-server-key", true, "the server has no TLS"},
-    {"--grpc-server-cacert", true, "the server has no TLS"},
-    {"--grpc-server-with-client-auth", false, "the server has no TLS"},
 };
 
 std::string longName(const Strange& option) {
@@ -306,6 +332,31 @@ std::string plainWord(const CLI::App& command, const std::string& word) {
   return "--" + names[0] + word.substr(firstWord(word).size());
 }
 
+bool isLoopback(const std::string& host) {
+  in_addr v4{};
+  if (inet_pton(AF_INET, host.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
+  return host == "::1";
+}
+
+void checkSecurity(const SwitchOptions& options) {
+  const ServerFiles& files = options.files;
+  const bool hasAll = !files.certificate.empty() && !files.key.empty() && !files.clientCa.empty();
+  const bool wantsTls = options.wantsTls || !files.certificate.empty() || !files.key.empty() ||
+                        !files.clientCa.empty() || !files.crl.empty();
+  if (wantsTls && !hasAll) {
+    refuse("--grpc-server-ssl",
+           "TLS wants --grpc-server-cert, --grpc-server-key and --grpc-server-cacert");
+  }
+  if (wantsTls && options.insecure) refuse("--insecure", "it contradicts TLS; leave one out");
+  if (!wantsTls && !options.insecure && !isLoopback(options.server.host)) {
+    refuse("--grpc-server-addr",
+           options.server.text +
+               " is open to other machines, and anybody who reaches it could write; give "
+               "--grpc-server-cert, --grpc-server-key and --grpc-server-cacert for TLS, or "
+               "--insecure to let everybody in");
+  }
+}
+
 }  // namespace
 
 void addSwitchOptions(CLI::App& command, SwitchOptions& options) {
@@ -324,6 +375,7 @@ void addSwitchOptions(CLI::App& command, SwitchOptions& options) {
 }
 
 void checkSwitchOptions(const SwitchOptions& options) {
+  checkSecurity(options);
   if (options.program.empty() && !options.noProgram) {
     refuse("FILE", "give the JSON of a compiled program, or --no-p4 to begin without one");
   }

@@ -15,6 +15,14 @@ struct ServerAddress {
   uint16_t port = 0;
 };
 
+// Absolute paths; empty without TLS.
+struct ServerFiles {
+  std::string certificate;
+  std::string key;
+  std::string clientCa;
+  std::string crl;
+};
+
 struct SwitchOptions {
   std::map<uint32_t, std::string> interfaces;  // by port
   uint32_t deviceId = 0;
@@ -23,7 +31,10 @@ struct SwitchOptions {
   std::optional<uint32_t> cpuPort;
   std::optional<uint32_t> dropPort;
   std::optional<uint32_t> priorityQueues;
-  ServerAddress server{"0.0.0.0:9559", "0.0.0.0", 9559};
+  ServerAddress server{"127.0.0.1:9559", "127.0.0.1", 9559};
+  ServerFiles files;
+  bool wantsTls = false;
+  bool insecure = false;
   std::string pcapDirectory;  // empty: packets are not recorded
   bool logsToConsole = false;
   std::string logFile;

@@ -50,8 +50,8 @@ from p4.v1 import p4runtime_pb2, p4runtime_pb2_grpc
 
 from entries import Count, NameOrValueError, Pipeline, meter_config, meter_of
 from packets import CODE_NAMES, PacketHeaders, bytes_of, made_packet, stream_error
-from words import (MAX_ID, MAX_INT32, entry_of, fields_of, group_of, member_of, number, rate,
-                   server)
+from words import (MAX_ID, MAX_INT32, bytes_of_file, entry_of, fields_of, group_of, member_of,
+                   number, rate, server)
 
 DETAILS_KEY = "grpc-status-details-bin"
 MAX_PACKET = 65535
@@ -91,16 +91,19 @@ def _update_errors(error):
 class Controller:
     """One controller of one switch. Close it, or use it in a `with` statement."""
 
-    def __init__(self, server="127.0.0.1:9559", device_id=1, election_id=1, timeout=15):
+    def __init__(self, server="127.0.0.1:9559", device_id=1, election_id=1, timeout=15,
+                 credentials=None):
         self.device_id = device_id
         self.election_id = p4runtime_pb2.Uint128(low=election_id)
         self.timeout = timeout  # seconds, of each request
-        self._channel = grpc.insecure_channel(server, options=[
+        options = [
             ("grpc.max_receive_message_length", -1),
             # The errors of a batch come as metadata: about 100 bytes an update.
             ("grpc.max_metadata_size", 1024 * 1024),
             ("grpc.initial_reconnect_backoff_ms", 100),  # a switch that restarts is back at once
-        ])
+        ]
+        self._channel = (grpc.secure_channel(server, credentials, options) if credentials
+                         else grpc.insecure_channel(server, options))
         self._stub = p4runtime_pb2_grpc.P4RuntimeStub(self._channel)
         self._requests = queue.Queue()
         self._responses = queue.Queue()
@@ -432,6 +435,10 @@ def arguments():
                         help="that the switch is configured with; default: %(default)s")
     parser.add_argument("--election-id", type=number(1, 2**64 - 1), default=1,
                         help="the highest one is primary; default: %(default)s")
+    parser.add_argument("--ca", type=bytes_of_file, metavar="FILE",
+                        help="who signed the switch's certificate: TLS, with --cert and --key")
+    parser.add_argument("--cert", type=bytes_of_file, metavar="FILE", help="our own certificate")
+    parser.add_argument("--key", type=bytes_of_file, metavar="FILE", help="its private key")
     commands = parser.add_subparsers(dest="command", required=True)
     commands.add_parser("tables", help="the pipeline's tables")
     read = commands.add_parser("read", help="the entries of a table, or of all")
@@ -510,9 +517,17 @@ def print_packets(controller, options):
         came += 1
 
 
+def credentials_of(options):
+    """For TLS, where --ca is given; None without it."""
+    if not options.ca:
+        return None
+    return grpc.ssl_channel_credentials(options.ca, options.key, options.cert)
+
+
 def main():
     options = arguments()
-    with Controller(options.server, options.device_id, options.election_id) as controller:
+    with Controller(options.server, options.device_id, options.election_id,
+                    credentials=credentials_of(options)) as controller:
         if print_things(controller, options):
             return
         controller.become_primary()

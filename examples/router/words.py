@@ -4,6 +4,7 @@ Words with a "=" are match fields first, and parameters after an action.
 """
 
 import argparse
+import pathlib
 import re
 
 from entries import Entry, Group, Member, Meter, NameOrValueError, Weighted, naming
@@ -44,6 +45,14 @@ def server(text):
     if re.fullmatch(r"(\[.+\]|[^:]+):[0-9]+|(unix|dns|ipv4|ipv6):.+", text):
         return text
     raise argparse.ArgumentTypeError(f"'{text}' is no HOST:PORT, such as 127.0.0.1:9559")
+
+
+def bytes_of_file(path):
+    """For argparse."""
+    try:
+        return pathlib.Path(path).read_bytes()
+    except OSError as error:
+        raise argparse.ArgumentTypeError(f"cannot read {path}: {error.strerror}") from error
 
 
 def put_once(values, name, value):

@@ -338,7 +338,7 @@ TEST(SwitchCommand, SaysWhatAMistakeIs) {
        1,
        "the port is in use"},
       {"another machine's address",
-       {"--no-p4", "--grpc-server-addr", "192.0.2.1:9559"},
+       {"--no-p4", "--insecure", "--grpc-server-addr", "192.0.2.1:9559"},
        1,
        "choose another --grpc-server-addr"},
       {"another switch's directory",

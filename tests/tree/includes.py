@@ -55,7 +55,8 @@ PI/frontend/read          PI/frontend/target+
 PI/frontend/restore       PI/frontend/target+
 PI/frontend/notices       PI/frontend/store+
 PI/frontend               PI/frontend PI/core PI/include proto
-PI/server                 PI/core PI/include access proto
+PI/server/tls             -
+PI/server                 PI/server/tls PI/core PI/include access proto
 
 pipeline                  platform PI/include proto
 
@@ -108,7 +109,7 @@ tests/support             platform proto
 tests/support/plugins     P4Runtime/plugin
 tests/platform/*          platform tests/support
 tests/access              access proto tests/support
-tests/PI/*                PI proto
+tests/PI/*                PI access proto tests/support
 tests/p4                  p4 proto
 tests/pipeline            cli/pipeline+ PI/include platform tests/support
 tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support

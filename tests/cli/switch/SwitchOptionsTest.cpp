@@ -45,7 +45,8 @@ TEST(SwitchOptions, UnderstandACommandLineOfMininet) {
   const SwitchOptions options = parsed("-i 1@s1-eth1 -i 2@s1-eth2 --pcap " + directory.path() +
                                        " --nanolog ipc:///tmp/log.ipc --device-id 3 --no-p4 "
                                        "--log-console --thrift-port 9090 -Ldebug "
-                                       "-- --grpc-server-addr 0.0.0.0:50051 --cpu-port 255");
+                                       "-- --grpc-server-addr 0.0.0.0:50051 --cpu-port 255 "
+                                       "--insecure");
   EXPECT_THAT(options.interfaces, ElementsAre(Pair(1u, "s1-eth1"), Pair(2u, "s1-eth2")));
   EXPECT_EQ(options.pcapDirectory, directory.path());
   EXPECT_EQ(options.deviceId, 3u);
@@ -87,7 +88,7 @@ TEST(SwitchOptions, SpellingsMeanTheSame) {
     EXPECT_THAT(options.warnings, IsEmpty());
   }
   EXPECT_EQ(parsed("--no-p4 --grpc-server-addr localhost:1").server.host, "127.0.0.1");
-  EXPECT_EQ(parsed("--no-p4").server.text, "0.0.0.0:9559");
+  EXPECT_EQ(parsed("--no-p4").server.text, "127.0.0.1:9559");
 }
 
 TEST(SwitchOptions, AreRefusedWithAReason) {
@@ -117,7 +118,11 @@ TEST(SwitchOptions, AreRefusedWithAReason) {
       {"--no-p4 --grpc-server-addr ::1:9559", "write an IPv6 address in brackets"},
       {"--no-p4 --pcap /no/such/place", "is no directory"},
       {"--no-p4 --log-console --log-file f", "leave out --log-console"},
-      {"--no-p4 --grpc-server-ssl", "no TLS"},
+      {"--no-p4 --grpc-server-ssl", "TLS wants --grpc-server-cert"},
+      {"--no-p4 --grpc-server-cert a --grpc-server-key b", "TLS wants --grpc-server-cert"},
+      {"--no-p4 --grpc-server-cert a --grpc-server-key b --grpc-server-cacert c --insecure",
+       "contradicts TLS"},
+      {"--no-p4 --grpc-server-addr 0.0.0.0:9559", "--insecure to let everybody in"},
       {"--no-p4 --dp-grpc-server-addr 127.0.0.1:1", "packets come from interfaces alone"},
   };
   for (const auto& c : cases) {

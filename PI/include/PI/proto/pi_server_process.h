@@ -19,10 +19,6 @@ typedef struct {
 } PIGrpcServerLenience_t;
 void PIGrpcServerLenienceIs(const PIGrpcServerLenience_t* lenience);
 
-/* While `on` is not 0, the running server takes connections of its own process also beyond the
- * limit, so that others cannot keep the process from installing its pipeline. */
-void PIGrpcServerOwnConnectionsAre(int on);
-
 #ifdef __cplusplus
 }
 #endif
