@@ -262,8 +262,8 @@ void Agent::doBuildServer() {
   for (Vela::Observation& one : followServerLimits(*p4RtSystemConfig())) {
     changes_.push_back(std::move(one));
   }
-  const ServerSecurity security = serverSecurity(*p4RtSystemConfig(), *securityConfig_);
   doFollowPolicy();  // before the server listens
+  const ServerSecurity security = serverSecurity(*p4RtSystemConfig(), *securityConfig_);
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
   piServer()->securityIs(security);
   piContext()->piServerIs(piServer());

@@ -111,7 +111,7 @@ tests/support             platform proto
 tests/support/plugins     P4Runtime/plugin
 tests/platform/*          platform tests/support
 tests/access              access proto tests/support
-tests/PI/*                PI proto tests/support
+tests/PI/*                PI access proto tests/support
 tests/p4                  p4 proto
 tests/pipeline            cli/pipeline+ PI/include platform tests/support
 tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
