@@ -66,7 +66,9 @@ void Plane::takePush() {
     Executed next{pushed->json.empty() ? executed_.json : std::move(pushed->json),
                   std::move(pushed->names)};
     if (next.json.empty() || (next == executed_ && pushed->keepsEntries)) return;
-    if (pushed->keepsEntries && !isFresh_) {
+    if (!pushed->keepsEntries) {
+      cellsOf_ = nullptr;
+    } else if (!isFresh_) {
       tellCountsNow();  // of entries: rows that stay begin with them
       cellsOf_ = engine_;
     }
@@ -79,6 +81,7 @@ void Plane::takePush() {
 // The agent went back to its configured pipeline, which has no program.
 void Plane::forgetPush() {
   if (std::exchange(push_, 0) == 0) return;
+  cellsOf_ = nullptr;
   if (!options_.program.empty()) return execute({options_.program, {}});
   round_.clear();
   tables_.clear();

@@ -20,7 +20,8 @@ using ::testing::IsEmpty;
 
 // One run of a process.
 struct Start : DatabaseFixture {
-  explicit Start(const std::string& file) : kept(*database, file, {"config/port/alias", "config/x"}) {
+  explicit Start(const std::string& file)
+      : kept(*database, file, {"config/port/alias", "config/x"}) {
     port = portIs("config/port");
     status = portIs("status/port");
     for (const char* directory : {"config/ports", "config/x"}) {
