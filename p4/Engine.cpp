@@ -1,5 +1,7 @@
 #include "p4/Engine.h"
 
+#include <absl/container/flat_hash_map.h>
+
 #include <new>
 
 #include "p4/program/ProgramError.h"
@@ -81,7 +83,22 @@ bool Engine::setRegister(uint32_t array, uint32_t index, std::string_view bytes)
   return true;
 }
 
-void Engine::takeCells(const Engine& former) {
+void Engine::takeCountsOfEntries(uint32_t table, const Engine& former) {
+  const auto from = tableNamed(former.program_, program_.tables[table].name);
+  if (!from || !program_.tables[table].counters) return;
+  absl::flat_hash_map<uint64_t, const Entry*> entries;
+  for (const Entry* entry : former.tables_.entries(*from)) entries[entry->cookie] = entry;
+  for (Entry* entry : tables_.entries(table)) {
+    const auto found = entries.find(entry->cookie);
+    if (entry->cookie == 0 || found == entries.end()) continue;
+    entry->counter.countsIs(found->second->counter.counts());
+    entry->toldPackets = found->second->toldPackets;
+  }
+}
+
+void Engine::takeCounts(const Engine& former) {
+  for (uint32_t table = 0; table < program_.tables.size(); ++table)
+    takeCountsOfEntries(table, former);
   for (uint32_t array = 0; array < program_.counters.size(); ++array) {
     const auto from = counterNamed(former.program_, program_.counters[array].name);
     if (!from || program_.counters[array] != former.program_.counters[*from]) continue;

@@ -64,13 +64,16 @@ class Engine {
   // Big-endian bytes, as many as the cell's width takes. Nothing beyond the array.
   std::optional<std::string> registerCell(uint32_t array, uint32_t index) const;
   bool setRegister(uint32_t array, uint32_t index, std::string_view bytes);
-  // Takes over the cells of counters and registers that both programs declare in the same way.
-  void takeCells(const Engine& former);
+  // Takes over the cells of counters and registers that both programs declare in the same way, and
+  // the counts of entries, which have the same cookies in both.
+  void takeCounts(const Engine& former);
   // Entries without a hit for their time to live, to be asked for once a second; an entry that
   // stays idle is named every second time.
   std::vector<Entry*> idleEntries(uint64_t now);
 
  private:
+  void takeCountsOfEntries(uint32_t table, const Engine& former);
+
   Program program_;
   Image image_;
   ExternState externs_;

@@ -29,6 +29,7 @@
 #include "platform/orrery/ConfigFile.h"
 #include "platform/orrery/Database.h"
 #include "platform/orrery/KeptSettings.h"
+#include "platform/orrery/Requests.h"
 #include "platform/orrery/Server.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
@@ -249,11 +250,11 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
     const std::string cpuDevice = agentConfig(*database)->cpuDevice().text();
     if (options.createCpuDevice) network->createCpuDevice(cpuDevice);
     network->start(cpuDevice);
+    Orrery::carriedOutHandlerIs([&settings](const cJSON& request) {
+      if (settings) keepSetting(*settings, request);
+    });
     server = std::make_unique<Orrery::Server>(
-        loop, *database, options.stateDirectory + "/orrery.sock", std::chrono::seconds(10),
-        [&settings](const cJSON& request) {
-          if (settings) keepSetting(*settings, request);
-        });
+        loop, *database, options.stateDirectory + "/orrery.sock", std::chrono::seconds(10));
     runtime = std::make_unique<P4Runtime::AgentRuntime>(
         runtimeOf(loop, *database, opened, stopWatcher, options));
     library.start("p4runtime", runtime.get());

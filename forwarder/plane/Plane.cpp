@@ -67,10 +67,9 @@ void Plane::takePush() {
                   std::move(pushed->names)};
     if (next.json.empty() || (next == executed_ && pushed->keepsEntries)) return;
     if (!pushed->keepsEntries) {
-      cellsOf_ = nullptr;
+      countsOf_ = nullptr;
     } else if (!isFresh_) {
-      tellCountsNow();  // of entries: rows that stay begin with them
-      cellsOf_ = engine_;
+      countsOf_ = engine_;
     }
     execute(std::move(next));
   } catch (const std::exception& e) {
@@ -81,7 +80,7 @@ void Plane::takePush() {
 // The agent went back to its configured pipeline, which has no program.
 void Plane::forgetPush() {
   if (std::exchange(push_, 0) == 0) return;
-  cellsOf_ = nullptr;
+  countsOf_ = nullptr;
   if (!options_.program.empty()) return execute({options_.program, {}});
   round_.clear();
   tables_.clear();
@@ -94,7 +93,7 @@ void Plane::forgetPush() {
 }
 
 void Plane::handleTrouble(const std::string& trouble) {
-  cellsOf_ = nullptr;
+  countsOf_ = nullptr;
   trouble_ = "the program of push " + std::to_string(push_) + " is not executed: " + trouble;
   log_(trouble_);
 }
@@ -120,7 +119,7 @@ void Plane::execute(Executed next) {
 
 void Plane::rebuild(const std::vector<const ProgrammedTable*>& tables) {
   addRows(tables);
-  if (const auto former = std::exchange(cellsOf_, nullptr)) engine_->takeCells(*former);
+  if (const auto former = std::exchange(countsOf_, nullptr)) engine_->takeCounts(*former);
   isFresh_ = false;
   wantedDigests_ = maker_->wantedDigests();
   digests_.wantedAre(engine_.get(), wantedDigests_);

@@ -95,10 +95,10 @@ class Plane final : public RowPlane {
 
   Executed executed_;
   uint64_t push_ = 0;
-  std::shared_ptr<P4::Engine> engine_;   // null: there is no program
-  bool isFresh_ = false;                 // rebuild() has not filled it yet
-  std::shared_ptr<P4::Engine> cellsOf_;  // whose counters and registers go on in it; or null
-  std::unique_ptr<PlaneTables> maker_;   // of tables_
+  std::shared_ptr<P4::Engine> engine_;    // null: there is no program
+  bool isFresh_ = false;                  // rebuild() has not filled it yet
+  std::shared_ptr<P4::Engine> countsOf_;  // whose counts and registers it takes over; or null
+  std::unique_ptr<PlaneTables> maker_;    // of tables_
   absl::flat_hash_map<const ProgrammedTable*, std::unique_ptr<PlaneTable>> tables_;
   IdleBooks idle_;
   std::set<uint32_t> downPorts_;

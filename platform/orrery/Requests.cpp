@@ -238,6 +238,27 @@ Vela::Json answerList(Database& database, const cJSON& request) {
   return answer;
 }
 
+Vela::Json answerTo(Database& database, const cJSON& request) {
+  if (!cJSON_IsObject(&request)) throw RequestError("a request is a JSON object, one a line");
+  const std::string what = requiredString(request, "request");
+  if (what == "get") return answerGet(database, request);
+  if (what == "set") return answerSet(database, request);
+  if (what == "create") return answerCreate(database, request);
+  if (what == "delete") return answerDelete(database, request);
+  if (what == "call") return answerCall(database, request);
+  if (what == "list") return answerList(database, request);
+  if (what == "watch") {
+    return entityJson(*requestedEntity(database, request), requiredString(request, "path"));
+  }
+  throw RequestError("there is no request '" + what +
+                     "'; use get, set, create, delete, call, list or watch");
+}
+
+std::function<void(const cJSON& request)>& carriedOutHandler() {
+  static std::function<void(const cJSON& request)> handler;
+  return handler;
+}
+
 }  // namespace
 
 Ptr<Entity> requestedEntity(Database& database, const cJSON& request) {
@@ -254,20 +275,14 @@ Vela::Json errorAnswer(const std::string& message) {
   return answer;
 }
 
+void carriedOutHandlerIs(std::function<void(const cJSON& request)> handler) {
+  carriedOutHandler() = std::move(handler);
+}
+
 Vela::Json answerRequest(Database& database, const cJSON& request) {
-  if (!cJSON_IsObject(&request)) throw RequestError("a request is a JSON object, one a line");
-  const std::string what = requiredString(request, "request");
-  if (what == "get") return answerGet(database, request);
-  if (what == "set") return answerSet(database, request);
-  if (what == "create") return answerCreate(database, request);
-  if (what == "delete") return answerDelete(database, request);
-  if (what == "call") return answerCall(database, request);
-  if (what == "list") return answerList(database, request);
-  if (what == "watch") {
-    return entityJson(*requestedEntity(database, request), requiredString(request, "path"));
-  }
-  throw RequestError("there is no request '" + what +
-                     "'; use get, set, create, delete, call, list or watch");
+  Vela::Json answer = answerTo(database, request);
+  if (carriedOutHandler()) carriedOutHandler()(request);
+  return answer;
 }
 
 }  // namespace Orrery

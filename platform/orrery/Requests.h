@@ -1,6 +1,7 @@
 // The requests of other processes to the state database: one JSON object a request, one an answer.
 #pragma once
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -30,6 +31,9 @@ class RequestError : public std::runtime_error {
 //   {"request": "watch", "path": P}                       as get; changes follow, a line each
 // Returns {"ok": true, ...}. Throws RequestError, and any exception of the entity.
 Vela::Json answerRequest(Database& database, const cJSON& request);
+// Told of each request that has been carried out, whoever made it, before its answer goes; one for
+// the process. Call with the activity lock held.
+void carriedOutHandlerIs(std::function<void(const cJSON& request)> handler);
 Vela::Json errorAnswer(const std::string& message);  // {"ok": false, "error": message}
 
 // Requests, spelt out. An attribute of nothing but digits is a number.

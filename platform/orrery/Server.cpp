@@ -24,10 +24,9 @@ Vela::UnixServerOptions serverOptions(std::string path, std::chrono::millisecond
 }  // namespace
 
 Server::Server(Vela::ReactorLoop& loop, Database& database, std::string socketPath,
-               std::chrono::milliseconds silence, ServerConnection::Accepted accepted)
+               std::chrono::milliseconds silence)
     : loop_(loop),
       database_(database),
-      accepted_(std::move(accepted)),
       alive_(std::make_shared<Server*>(this)),
       server_(loop, serverOptions(std::move(socketPath), silence),
               [this](Vela::UnixClient client) { handleClient(std::move(client)); }) {}
@@ -41,8 +40,8 @@ void Server::handleClient(Vela::UnixClient client) {
   const auto closed = [alive = alive_](ServerConnection* gone) {
     if (*alive) (*alive)->connections_.erase(Vela::Ptr<ServerConnection>(gone));
   };
-  connections_.insert(Vela::make<ServerConnection>(loop_, database_, std::move(client), accepted_,
-                                                   std::move(closed)));
+  connections_.insert(
+      Vela::make<ServerConnection>(loop_, database_, std::move(client), std::move(closed)));
   SCRIVEL_TRACE(2, "client came, now ", connections_.size());
 }
 

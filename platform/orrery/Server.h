@@ -21,10 +21,8 @@ class Server {
   // A socket that a dead process left behind is replaced. A client that makes no request within
   // `silence` is disconnected. Throws std::system_error, with address_in_use when another agent
   // serves there. Both references must outlive the server.
-  // `accepted` is told of each request that has been carried out, before its answer goes.
   Server(Vela::ReactorLoop& loop, Database& database, std::string socketPath,
-         std::chrono::milliseconds silence = std::chrono::seconds(10),
-         ServerConnection::Accepted accepted = {});
+         std::chrono::milliseconds silence = std::chrono::seconds(10));
   ~Server();  // closes all connections and removes the socket
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
@@ -37,7 +35,6 @@ class Server {
 
   Vela::ReactorLoop& loop_;
   Database& database_;
-  const ServerConnection::Accepted accepted_;
   std::unordered_set<Vela::Ptr<ServerConnection>> connections_;
   std::shared_ptr<Server*> alive_;
   Vela::UnixServer server_;

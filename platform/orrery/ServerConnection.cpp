@@ -15,12 +15,11 @@ static Scrivel::TraceHandle trace("OrreryServer");
 namespace Orrery {
 
 ServerConnection::ServerConnection(Vela::ReactorLoop& loop, Database& database,
-                                   Vela::UnixClient client, Accepted accepted,
+                                   Vela::UnixClient client,
                                    std::function<void(ServerConnection*)> closed)
     : loop_(loop),
       database_(database),
       client_(std::move(client)),
-      accepted_(std::move(accepted)),
       closed_(std::move(closed)),
       descriptor_(Vela::make<Vela::FileDescriptor>(loop, "orrery client")) {
   descriptor_->descriptorIs(client_.socket.get());
@@ -92,7 +91,6 @@ void ServerConnection::handleLine(std::string_view line) {
 void ServerConnection::doAnswer(const cJSON& request) {
   try {
     const Vela::Json answer = answerRequest(database_, request);
-    if (accepted_) accepted_(request);
     const char* what = Vela::stringMember(request, "request");
     const bool watch = what && std::string_view(what) == "watch";
     if (watch && watches_.size() >= maxWatches) {

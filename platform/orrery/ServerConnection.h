@@ -22,10 +22,9 @@ class ServerConnection final : public Vela::RefCounted {
   static constexpr size_t maxAnswerBytes = 4 * 1024 * 1024;  // of answers not taken: closed
   static constexpr size_t maxWatches = 64;
 
-  using Accepted = std::function<void(const cJSON& request)>;
-  // `accepted` may be empty. `closed` runs once, on a later turn.
+  // `closed` runs once, on a later turn.
   ServerConnection(Vela::ReactorLoop& loop, Database& database, Vela::UnixClient client,
-                   Accepted accepted, std::function<void(ServerConnection*)> closed);
+                   std::function<void(ServerConnection*)> closed);
   ~ServerConnection() override;
 
   void close();
@@ -45,7 +44,6 @@ class ServerConnection final : public Vela::RefCounted {
   Vela::ReactorLoop& loop_;
   Database& database_;
   Vela::UnixClient client_;
-  const Accepted accepted_;
   std::function<void(ServerConnection*)> closed_;
   Vela::Ptr<Vela::FileDescriptor> descriptor_;
   std::string input_;
