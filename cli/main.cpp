@@ -11,6 +11,7 @@
 
 #include "cli/TraceCommand.h"
 #include "cli/agent/AgentCommand.h"
+#include "cli/agent/ConfigCommand.h"
 #include "cli/client/ControlCommands.h"
 #include "cli/client/OrreryCommands.h"
 #include "cli/client/StatusCommand.h"
@@ -29,6 +30,7 @@ constexpr int usage = 2;
 
 void addCommands(CLI::App& app) {
   addAgentCommand(app);
+  addConfigCommand(app);
   addSwitchCommand(app, KORVEL_VERSION);
   addPipelineCommand(app);
   addPolicyCommand(app);

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,6 +17,7 @@
 
 #include "P4Runtime/agent/AgentRuntime.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "cli/agent/AgentLibrary.h"
 #include "cli/agent/NetworkPlatform.h"
 #include "cli/agent/ProvidedEntities.h"
 #include "cli/agent/ServiceNotices.h"
@@ -60,37 +60,6 @@ struct StartFailure {
   std::string line;
   int status;
 };
-
-// The agent lies beside the command, in ../lib, when it was built or installed that way.
-std::string libraryPath(const Options& options) {
-  if (!options.library.empty()) return options.library;
-  std::error_code error;
-  const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-  const auto beside = self.parent_path().parent_path() / "lib" / "libP4Runtime.so";
-  return !error && std::filesystem::exists(beside) ? beside.string() : "libP4Runtime.so";
-}
-
-struct AgentLibrary {
-  void (*registerTypes)() = nullptr;
-  void (*start)(const char* name, const P4Runtime::AgentRuntime* runtime) = nullptr;
-};
-
-AgentLibrary load(const Options& options) {
-  const std::string path = libraryPath(options);
-  void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_GLOBAL);
-  if (!handle) {
-    throw StartFailure{fmt::format("cannot load the agent: {}; name it with --library", dlerror()),
-                       failed};
-  }
-  AgentLibrary library;
-  library.registerTypes =
-      reinterpret_cast<decltype(library.registerTypes)>(dlsym(handle, "korvelAgentRegisterTypes"));
-  library.start = reinterpret_cast<decltype(library.start)>(dlsym(handle, "korvelAgentStart"));
-  if (!library.registerTypes || !library.start) {
-    throw StartFailure{fmt::format("{} is no agent library: {}", path, dlerror()), failed};
-  }
-  return library;
-}
 
 struct OpenedStore {
   std::unique_ptr<Brine::Store> store;
@@ -236,7 +205,7 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
   Orrery::ConfigFile configuration(*database, options.config);
   {
     const Vela::ActivityLock lock;
-    const AgentLibrary library = load(options);
+    const AgentLibrary library = loadAgentLibrary(options.library);
     if (options.reflects) addReflection();
     library.registerTypes();
     network = std::make_unique<NetworkPlatform>(loop, *database);

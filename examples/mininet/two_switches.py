@@ -24,7 +24,8 @@ HERE = pathlib.Path(__file__).resolve().parent
 ROUTER = HERE.parent / "router"
 BUILT = HERE.parents[1] / "build" / "default"
 sys.path[:0] = [str(HERE), str(ROUTER)]
-os.environ.setdefault("KORVEL_STUBS_DIR", str(BUILT / "python"))
+if BUILT.exists():  # else this is an installation
+    os.environ.setdefault("KORVEL_STUBS_DIR", str(BUILT / "python"))
 
 import plain_net  # noqa: E402
 import router_program  # noqa: E402

@@ -42,13 +42,14 @@ def switch_with_ports(programs, folder, cleanup):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--build-dir", type=pathlib.Path, required=True,
-                        help="where Korvel was built, for instance build/default")
+    parser.add_argument("--build-dir", type=pathlib.Path, default="/usr",
+                        help="where Korvel was built, for instance build/default; else it is installed")
     options = parser.parse_args()
     build = options.build_dir.resolve()
     programs = programs_folder(build)
     without_packets = network.enter()
-    os.environ.setdefault("KORVEL_STUBS_DIR", str(build / "python"))
+    if (build / "CMakeCache.txt").exists():
+        os.environ.setdefault("KORVEL_STUBS_DIR", str(build / "python"))
     from controller import ControllerError  # these make their messages in the folder just set
     from entries import NameOrValueError
     from forwarding_story import ForwardingStory

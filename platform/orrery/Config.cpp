@@ -11,6 +11,7 @@
 #include "platform/orrery/AttributeJson.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/Json.h"
+#include "platform/vela/Nearest.h"
 
 static Scrivel::TraceHandle trace("OrreryConfig");
 
@@ -28,11 +29,23 @@ std::string attributeNames(const Vela::Entity& entity) {
   return names.empty() ? "it has none to set" : "it has " + names;
 }
 
+std::vector<std::string> namesOf(const Vela::Entity& entity) {
+  std::vector<std::string> names;
+  for (const auto* attribute : entity.attributes()) names.emplace_back(attribute->name());
+  return names;
+}
+
+std::string suggestion(const std::string& word, const std::vector<std::string>& known) {
+  const std::string meant = Vela::nearest(word, known);
+  return meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant);
+}
+
 void setAttribute(Vela::Entity& entity, const cJSON& value, const std::string& where) {
   Vela::AttributeBase* attribute = entity.attribute(value.string);
   if (!attribute) {
-    throw ConfigError(fmt::format("{}: \"{}\" is no attribute of {}; {}", where, value.string,
-                                  entity.typeName(), attributeNames(entity)));
+    throw ConfigError(fmt::format("{}: \"{}\" is no attribute of {}; {}{}", where, value.string,
+                                  entity.typeName(), attributeNames(entity),
+                                  suggestion(value.string, namesOf(entity))));
   }
   const auto text = attributeText(value, attribute->typeName());
   if (!text) {
@@ -47,6 +60,14 @@ void setAttribute(Vela::Entity& entity, const cJSON& value, const std::string& w
   SCRIVEL_TRACE(0, "config ", entity.name(), " ", value.string, " ", *text);
 }
 
+ConfigError noPath(const std::string& where, const std::string& path,
+                   const std::vector<std::string>& known) {
+  return ConfigError(where +
+                     " is no path of the state database; expected a path such as "
+                     "\"p4runtime/config/system\"" +
+                     suggestion(path, known));
+}
+
 Vela::Ptr<Vela::Entity> madeEntity(const Database& database, const char* path,
                                    const std::string& where) {
   try {
@@ -54,9 +75,7 @@ Vela::Ptr<Vela::Entity> madeEntity(const Database& database, const char* path,
   } catch (const PathError& e) {
     throw ConfigError(where + ": " + e.what());
   }
-  throw ConfigError(where +
-                    " is no path of the state database; expected a path such as "
-                    "\"p4runtime/config/system\"");
+  throw noPath(where, path, pathsIn(database));
 }
 
 void requireObject(const cJSON& attributes, const std::string& where) {
@@ -110,15 +129,44 @@ std::string contentsOf(const std::string& fileName) {
 }
 
 // A directory says why it makes nothing of such a name.
-template <typename EntityAt>
-Vela::Ptr<Vela::Entity> entityToRead(const EntityAt& entityAt, const char* path,
+Vela::Ptr<Vela::Entity> entityToRead(const ConfigReading& reading, const std::string& path,
                                      const std::string& where) {
   try {
-    if (auto entity = entityAt(path)) return entity;
+    if (auto entity = reading.entityAt(path)) return entity;
   } catch (const PathError& e) {
     throw ConfigError(where + ": " + e.what());
   }
-  throw ConfigError(where + " is no path of the state database");
+  throw noPath(where, path, reading.paths);
+}
+
+template <typename Work>
+void tried(const ConfigReading& reading, Work work) {
+  try {
+    work();
+  } catch (const ConfigError& e) {
+    reading.fault(e);
+  }
+}
+
+void readEntity(const ConfigReading& reading, const cJSON& attributes, const std::string& where) {
+  const std::string path = attributes.string;
+  const auto entity = entityToRead(reading, path, where);
+  requireObject(attributes, where);
+  reading.tell(path, nullptr);
+  const cJSON* value = nullptr;
+  cJSON_ArrayForEach(value, &attributes) {
+    tried(reading, [&] {
+      setAttribute(*entity, *value, where);
+      reading.tell(path, entity->attribute(value->string));
+    });
+  }
+}
+
+void addPaths(const Database& database, const std::string& path, std::vector<std::string>& paths) {
+  for (const std::string& name : database.children(path)) {
+    paths.push_back(path.empty() ? name : path + "/" + name);
+    addPaths(database, std::string(paths.back()), paths);
+  }
 }
 
 }  // namespace
@@ -133,23 +181,18 @@ void loadConfig(Database& database, const std::string& fileName) {
   loadConfigText(database, contentsOf(fileName), fileName);
 }
 
-void readConfig(
-    const std::string& fileName,
-    const std::function<Vela::Ptr<Vela::Entity>(const std::string& path)>& entityAt,
-    const std::function<void(const std::string& path, const Vela::AttributeBase* set)>& tell) {
+std::vector<std::string> pathsIn(const Database& database) {
+  std::vector<std::string> paths;
+  addPaths(database, "", paths);
+  return paths;
+}
+
+void readConfig(const std::string& fileName, const ConfigReading& reading) {
   const Vela::Json json = objectIn(contentsOf(fileName), fileName);
   const cJSON* attributes = nullptr;
   cJSON_ArrayForEach(attributes, json.get()) {
-    const std::string path = attributes->string;
-    const std::string where = fmt::format("{}: \"{}\"", fileName, path);
-    const auto entity = entityToRead(entityAt, attributes->string, where);
-    requireObject(*attributes, where);
-    tell(path, nullptr);
-    const cJSON* value = nullptr;
-    cJSON_ArrayForEach(value, attributes) {
-      setAttribute(*entity, *value, where);
-      tell(path, entity->attribute(value->string));
-    }
+    const std::string where = fmt::format("{}: \"{}\"", fileName, attributes->string);
+    tried(reading, [&] { readEntity(reading, *attributes, where); });
   }
 }
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "platform/orrery/Database.h"
 
@@ -22,12 +23,21 @@ void loadConfig(Database& database, const std::string& fileName);
 // The same from a text; `fileName` is for messages.
 void loadConfigText(Database& database, const std::string& text, const std::string& fileName);
 
-// Reads the file without a change of the database: sets the attributes on entities that `entityAt`
-// makes, and tells each entity's path, then each attribute that is set. Null is a path of no
-// entity. Throws ConfigError.
-void readConfig(
-    const std::string& fileName,
-    const std::function<Vela::Ptr<Vela::Entity>(const std::string& path)>& entityAt,
-    const std::function<void(const std::string& path, const Vela::AttributeBase* set)>& tell);
+// Reads a file without a change of the database.
+struct ConfigReading {
+  // The entity on which the attributes of a path are tried; null: it is no path of an entity.
+  std::function<Vela::Ptr<Vela::Entity>(const std::string& path)> entityAt;
+  // Told each path, and then each attribute that the file sets there.
+  std::function<void(const std::string& path, const Vela::AttributeBase* set)> tell;
+  // Told each faulty path or attribute, which is passed over.
+  std::function<void(const ConfigError&)> fault;
+  std::vector<std::string> paths;  // that a wrong one may have meant
+};
+
+// Throws ConfigError for a file that cannot be read or is no JSON object.
+void readConfig(const std::string& fileName, const ConfigReading& reading);
+
+// All paths of the database, ascending.
+std::vector<std::string> pathsIn(const Database& database);
 
 }  // namespace Orrery

@@ -4,7 +4,6 @@
 
 #include <utility>
 
-#include "platform/orrery/Config.h"
 #include "platform/orrery/EntityTypes.h"
 
 namespace Orrery {
@@ -27,14 +26,34 @@ void ConfigFile::load() {
   inForce_ = read();
 }
 
-ConfigFile::Reading ConfigFile::read() const {
-  Reading reading;
-  const auto entityAt = [this](const std::string& path) { return freshEntity(database_, path); };
-  readConfig(fileName_, entityAt, [&](const std::string& path, const Vela::AttributeBase* set) {
-    Settings& settings = reading[path];
-    if (set) settings[set->name()] = set->text();
-  });
+ConfigReading ConfigFile::reading() const {
+  ConfigReading reading;
+  reading.entityAt = [this](const std::string& path) { return freshEntity(database_, path); };
+  reading.paths = pathsIn(database_);
   return reading;
+}
+
+std::vector<std::string> ConfigFile::faults() const try {
+  std::vector<std::string> faults;
+  ConfigReading reading = this->reading();
+  reading.tell = [](const auto&, const auto*) {};
+  reading.fault = [&faults](const ConfigError& fault) { faults.emplace_back(fault.what()); };
+  readConfig(fileName_, reading);
+  return faults;
+} catch (const ConfigError& fault) {
+  return {fault.what()};
+}
+
+ConfigFile::Reading ConfigFile::read() const {
+  Reading all;
+  ConfigReading reading = this->reading();
+  reading.tell = [&all](const std::string& path, const Vela::AttributeBase* set) {
+    Settings& settings = all[path];
+    if (set) settings[set->name()] = set->text();
+  };
+  reading.fault = [](const ConfigError& fault) { throw ConfigError(fault); };
+  readConfig(fileName_, reading);
+  return all;
 }
 
 std::vector<std::string> ConfigFile::reload() {

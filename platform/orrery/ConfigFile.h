@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/orrery/Config.h"
 #include "platform/orrery/Database.h"
 
 namespace Orrery {
@@ -15,6 +16,9 @@ class ConfigFile {
   ConfigFile(Database& database, std::string fileName);
 
   void load();  // as loadConfig(); throws ConfigError
+  // A line for each fault of the file; nothing changes. Settings of which the agent's parts refuse
+  // the value when they are set, such as a limit of 0, are not found.
+  std::vector<std::string> faults() const;
 
   // Applies the differences between this reading of the file and the former one; a setting that
   // stands in the file as it stood keeps what others have made of it. A setting that has left the
@@ -29,6 +33,7 @@ class ConfigFile {
   using Reading = std::map<std::string, Settings>;      // by path
 
   Reading read() const;
+  ConfigReading reading() const;  // without tell() and fault()
   void applyPath(const std::string& path, const Settings& settings);
   void apply(const std::string& path, Vela::Entity& entity, const std::string& name,
              const std::string& text);

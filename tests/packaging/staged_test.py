@@ -156,6 +156,14 @@ class Staged(unittest.TestCase):
         self.assertIn("4", self.korvel("port", "list"))
         wait_until(lambda: "deviceId stays 1: deviceId is read when the agent starts" in agent.words(),
                    "line about deviceId")
+        # A check finds it beforehand.
+        faulty = self.etc / "faulty.json"
+        faulty.write_text(json.dumps({path: {"maxWrite": 5}}))
+        check = [self.root / "usr/bin/korvel", "config", "check"]
+        self.assertIn("all settings are known", run(*check, self.etc / "agent.json"))
+        refused = subprocess.run([*check, faulty], capture_output=True, text=True, check=False)
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn('did you mean "maxWrites"?', refused.stderr)
         # A faulty file changes nothing, and says where.
         (self.etc / "agent.json").write_text(json.dumps({path: {"maxWrites": 5, "nothing": 1}}))
         agent.reload()

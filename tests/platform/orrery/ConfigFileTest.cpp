@@ -16,9 +16,12 @@
 namespace Orrery {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
+using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 // Its setting "cookie" is heeded by a start alone.
 class ConfigFileTest : public testing::Test, public DatabaseFixture {
@@ -91,6 +94,22 @@ TEST_F(ConfigFileTest, AFaultyFileChangesNothing) {
     EXPECT_EQ(port->mtuBytes(), 9000);
     EXPECT_TRUE(at("ports/p1"));
   }
+}
+
+TEST_F(ConfigFileTest, ACheckNamesAllFaultsAndTheNearestNames) {
+  write(R"({"config/prot": {}, "config/port": {"mtuByte": 1, "enabled": 7, "alias": "x"},
+            "ports/q": {}, "nothing/like/it": {"a": 1}})");
+  EXPECT_THAT(
+      file.faults(),
+      ElementsAre(
+          AllOf(HasSubstr("\"config/prot\" is no path"), EndsWith("did you mean \"config/port\"?")),
+          AllOf(HasSubstr("\"mtuByte\" is no"), EndsWith("did you mean \"mtuBytes\"?")),
+          HasSubstr("\"enabled\": expected a value of type bool"),
+          HasSubstr("a port's name begins with p"),
+          AllOf(HasSubstr("\"nothing/like/it\" is no path"), Not(HasSubstr("mean")))));
+  EXPECT_EQ(port->alias(), "");
+  write("{");
+  EXPECT_THAT(file.faults(), ElementsAre(HasSubstr("line 1")));
 }
 
 }  // namespace
