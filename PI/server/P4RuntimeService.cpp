@@ -10,6 +10,7 @@
 
 #include "PI/core/PacketCounts.h"
 #include "PI/proto/pi_server.h"
+#include "PI/server/Accounting.h"
 #include "PI/server/ArenaRequest.h"
 #include "PI/server/CallStatus.h"
 #include "PI/server/ControllerStream.h"
@@ -124,7 +125,7 @@ void P4RuntimeService::methodIs(const char* name, grpc::internal::RpcMethod::Rpc
 template <typename Request, typename Serve>
 Status P4RuntimeService::served(const grpc::ServerContext& context, const ReceivedMessage& received,
                                 size_t maxBytes, Serve serve) {
-  return statusOf([&] {
+  return accounted(context, [&](AccountedCall& account) {
     const size_t size = received.size();
     const std::string& name = Request::descriptor()->name();
     if (size > maxBytes) {
@@ -144,6 +145,7 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const Receiv
     if (!request.parse(&received.bytes, size)) {
       return Status(StatusCode::INVALID_ARGUMENT, "the message is no p4.v1." + name);
     }
+    account.requestIs(request.message());
     received.bytes.Clear();
     return serve(request.message());
   });
