@@ -16,6 +16,7 @@
 #include "cli/client/OrreryCommands.h"
 #include "cli/client/StatusCommand.h"
 #include "cli/pipeline/PipelineCommand.h"
+#include "cli/policy/PolicyCommand.h"
 #include "cli/switch/SwitchCommand.h"
 #include "cli/switch/SwitchOptions.h"
 #include "cli/table/TableCommand.h"
@@ -30,6 +31,7 @@ void addCommands(CLI::App& app) {
   addAgentCommand(app);
   addSwitchCommand(app, KORVEL_VERSION);
   addPipelineCommand(app);
+  addPolicyCommand(app);
   addStatusCommand(app);
   addControlCommands(app);
   addOrreryCommands(app);

@@ -271,6 +271,8 @@ class ReplicationRows {
       add(table, {owner, portOf(replica), replica.instance()}, "row", {});
     }
   }
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"  // controllers still send the number
   uint32_t portOf(const p4::v1::Replica& replica) const {
     if (replica.has_egress_port()) return replica.egress_port();
     if (!pi::fe::proto::translation_tables(index_.p4Info()).empty()) {
@@ -282,6 +284,7 @@ class ReplicationRows {
     }
     return port;
   }
+#pragma GCC diagnostic pop
   void add(const char* name, std::initializer_list<uint32_t> keys, const char* action,
            std::initializer_list<uint32_t> params) {
     const Table& table = index_.tableNamed(name);

@@ -264,6 +264,7 @@ void Agent::doBuildServer() {
     changes_.push_back(std::move(one));
   }
   keepAccounts(runtime_.stateDirectory);
+  doFollowPolicy();  // before the server listens
   const ServerSecurity security = serverSecurity(*p4RtSystemConfig(), *securityConfig_);
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
   piServer()->securityIs(security);
@@ -278,6 +279,16 @@ void Agent::doBuildServer() {
   piServerInitSm()->beforeServingIs([this] { fixedNames_->apply(); });
   changes_.push_back(
       piServerInitSm()->installsAttribute().observe([this] { p4TableInfoSm()->handleServed(); }));
+}
+
+void Agent::doFollowPolicy() {
+  policyFile_ = Vela::make<PolicyFile>("policy", runtime_.loop);
+  const auto security = runtime_.stateDatabase.entity(securityPath);
+  const auto* const path = security ? security->attribute("policy") : nullptr;
+  if (path == nullptr) return;
+  if (!path->text().empty()) policyFile_->pathIs(path->text());
+  changes_.push_back(
+      path->observe([this, security, path] { policyFile_->handlePath(path->text()); }));
 }
 
 void Agent::doBuildCommands() {

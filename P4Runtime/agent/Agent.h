@@ -18,6 +18,7 @@
 #include "P4Runtime/agent/P4RtSystemConfigSm.h"
 #include "P4Runtime/agent/PipelinePusher.h"
 #include "P4Runtime/agent/PlaneQuestions.h"
+#include "P4Runtime/agent/PolicyFile.h"
 #include "P4Runtime/agent/PortMappingDirSm.h"
 #include "P4Runtime/agent/VrfIdCollection.h"
 #include "P4Runtime/companion/BatchStatus.h"
@@ -45,7 +46,8 @@ namespace P4Runtime {
 
 // Threads: the reactor, with the activity lock held. One a process.
 // Errors: when mounts fail, it says why on standard error and ends the process. Bad limits of the
-// server end the start likewise; other trouble is shown in the status.
+// server, or a policy that cannot be in force, end the start likewise; the status shows other
+// trouble.
 // Lifetime: lives as long as the process, and owns all parts that it builds.
 class Agent : public Vela::Entity {
  public:
@@ -123,6 +125,7 @@ class Agent : public Vela::Entity {
   void doAttachKernelDevices();
   void doBuildPackets();
   void doBuildServer();
+  void doFollowPolicy();
   void doBuildCommands();
   void doPublish();
   void doFollowReports();
@@ -142,6 +145,7 @@ class Agent : public Vela::Entity {
   Vela::Ptr<const P4RuntimeConfig::TranslationConfigDir> translationConfigDir_;
   Vela::Ptr<P4RuntimeConfig::TranslationStatus> translationStatus_;
   Vela::Ptr<FixedNames> fixedNames_;
+  Vela::Ptr<PolicyFile> policyFile_;
   Vela::Ptr<AgentStatus> status_;
   Vela::UniqueFd notifyEvent_;
   std::unique_ptr<DerivedFailures> derivedFailures_;

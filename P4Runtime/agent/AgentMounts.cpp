@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "P4Runtime/agent/Agent.h"
+#include "P4Runtime/companion/SecurityConfig.h"
 #include "platform/orrery/EntityTypes.h"
 
 namespace P4Runtime {

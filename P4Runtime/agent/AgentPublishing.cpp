@@ -36,6 +36,7 @@ void Agent::doPublish() {
   status_ = Vela::make<AgentStatus>("agent");
   database.entityIs("p4runtime/status/agent", status_);
   database.entityIs("p4runtime/status/pipeline", Vela::Ptr<Vela::Entity>(TheParsingStatus()));
+  database.entityIs("p4runtime/status/policy", policyFile_);
   database.entityIs("p4runtime/status/failures", tableImpl()->failures());
   database.entityIs("p4runtime/tableImpl", tableImpl());
   database.entityIs("p4runtime/tableInfo", p4TableInfo());

@@ -10,6 +10,7 @@
 #include <memory>
 #include <system_error>
 
+#include "P4Runtime/agent/PolicyFile.h"
 #include "P4Runtime/agent/ServerLimits.h"
 #include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
@@ -121,6 +122,7 @@ Vela::Outcome checkSetting(const Orrery::Database& database, bool pretendingAllo
   if (batchStatus && name.starts_with("pretendHwProgramming")) {
     return checkPretending(*batchStatus, pretendingAllowed, name, text);
   }
+  if (path == securityPath && name == "policy") return checkPolicyFile(text);
   if (config) return checkLimit(name, text);
   return {};
 }

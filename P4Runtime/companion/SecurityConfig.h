@@ -7,8 +7,8 @@
 
 namespace P4RuntimeConfig {
 
-// At "p4runtime/config/security"; read when the agent starts. Paths name files in PEM, and "" none.
-// Call with the activity lock held.
+// At "p4runtime/config/security"; all but the policy are read when the agent starts. Paths name
+// files: those of TLS in PEM; "" none. Call with the activity lock held.
 class SecurityConfig : public Vela::Entity {
  public:
   using Entity::Entity;

@@ -52,20 +52,27 @@ DeviceMgr::Status DeviceMgr::pipeline_config_get(
 
 bool DeviceMgr::has_pipeline() const { return imp_->hasPipeline(); }
 
-DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request, const Admit& admit) {
-  return imp_->write(request, admit);
+DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request, const Admit& admit,
+                                   const EntityCaller* caller) {
+  return imp_->write(request, admit, caller);
 }
 
 DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request,
                                   p4::v1::ReadResponse* response) const {
-  return imp_->read(request, [&](const p4::v1::ReadResponse& part) {
+  const ReadSink merge = [&](const p4::v1::ReadResponse& part) {
     response->MergeFrom(part);
     return true;
-  });
+  };
+  return imp_->read(request, merge);
 }
 
-DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request, const ReadSink& sink) const {
-  return imp_->read(request, sink);
+DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request, const ReadSink& sink,
+                                  const EntityCaller* caller) const {
+  return imp_->read(request, sink, caller);
+}
+
+bool DeviceMgr::may_read(const EntityCaller& caller, uint32_t object_id) const {
+  return imp_->mayRead(caller, object_id);
 }
 
 DeviceMgr::Status DeviceMgr::stream_message_request_handle(

@@ -101,6 +101,12 @@ pi_batch_fate_t fateOf(const p4::v1::WriteRequest& request) {
   }
 }
 
+// Null: the caller has no limits.
+std::shared_ptr<const EntityRights> rightsOf(const EntityCaller* caller, const Pipeline& pipeline) {
+  if (caller == nullptr) return nullptr;
+  return caller->rights(pipeline.number(), pipeline.config().p4info());
+}
+
 // Bounds the memory that one call can take; errors are told for each element.
 void requireSize(int elements, const char* what) {
   if (elements <= kMaxElements) return;
@@ -159,14 +165,17 @@ TargetSession DeviceMgrImp::session(const Pipeline& pipeline) const {
 }
 
 DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
-                                         const DeviceMgr::Admit& admit) {
+                                         const DeviceMgr::Admit& admit,
+                                         const EntityCaller* caller) {
   return statusOf([&]() -> Status {
     awaitPipelineChange(patience_);
     requireWritePermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
     fateOf(request);  // refuses an unknown one
     requireSize(request.updates_size(), "updates");
-    WaitingWrite write{request, admit, current, checkedWrite(current->index(), request)};
+    const auto rights = rightsOf(caller, *current);
+    WaitingWrite write{request, admit, caller, current,
+                       checkedWrite(current->index(), request, rights.get())};
     writeTurns_.take(write, [this](auto writes) { return runTogether(writes); });
     if (write.error) std::rethrow_exception(write.error);
     return write.status;
@@ -188,7 +197,10 @@ size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
       WaitingWrite& write = *writes[done++];
       if (write.admit) write.status = write.admit();
       if (write.status.code() != 0) continue;
-      if (write.pipeline != current) write.checked = checkedWrite(current->index(), write.request);
+      if (write.pipeline != current) {
+        const auto rights = rightsOf(write.caller, *current);
+        write.checked = checkedWrite(current->index(), write.request, rights.get());
+      }
       if (!batches.add(write.checked, fateOf(write.request), &write.status)) {
         --done;
         break;
@@ -206,15 +218,24 @@ size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
 }
 
 DeviceMgrImp::Status DeviceMgrImp::read(const p4::v1::ReadRequest& request,
-                                        const DeviceMgr::ReadSink& sink) const {
+                                        const DeviceMgr::ReadSink& sink,
+                                        const EntityCaller* caller) const {
   return statusOf([&] {
     awaitPipelineChange(patience_);
     requireReadPermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
     requireSize(request.entities_size(), "queries");
-    ReadRun run(current->index(), current->store(), session(*current), readTurns_);
+    const auto rights = rightsOf(caller, *current);
+    ReadRun run(current->index(), current->store(), session(*current), readTurns_, rights.get());
     return run.run(request, sink);
   });
+}
+
+bool DeviceMgrImp::mayRead(const EntityCaller& caller, uint32_t objectId) const {
+  const std::shared_ptr<Pipeline> current = pipeline();
+  if (current == nullptr) return false;
+  return rightsOf(&caller, *current)
+      ->permits(EntityUse::read, {EntityObject::Kind::ofP4Info, objectId});
 }
 
 pi_status_t DeviceMgrImp::restoredMemberIs(pi_p4_id_t profileId, const pi_action_data_t* action,

@@ -47,8 +47,11 @@ class DeviceMgrImp {
                         Config* config) const;
   bool hasPipeline() const { return pipeline() != nullptr; }
 
-  Status write(const p4::v1::WriteRequest& request, const DeviceMgr::Admit& admit = nullptr);
-  Status read(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink) const;
+  Status write(const p4::v1::WriteRequest& request, const DeviceMgr::Admit& admit = nullptr,
+               const EntityCaller* caller = nullptr);
+  Status read(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink,
+              const EntityCaller* caller = nullptr) const;
+  bool mayRead(const EntityCaller& caller, uint32_t objectId) const;
   Status streamMessage(const p4::v1::StreamMessageRequest& request) const;
   void streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie);
 

@@ -21,6 +21,11 @@ namespace {
 // Each entry of a million waits for memory: so many of them wait at the same time.
 constexpr size_t kAdoptedTogether = 64;
 
+uint64_t nextNumber() {
+  static std::atomic<uint64_t> last{0};
+  return ++last;
+}
+
 std::string deviceDataOf(const p4::v1::ForwardingPipelineConfig& config) {
   p4::tmp::P4DeviceConfig device;
   if (!device.ParseFromString(config.p4_device_config())) {
@@ -44,7 +49,8 @@ pi_abilities_t abilitiesOf(const std::string& deviceData) {
 }  // namespace
 
 Pipeline::Pipeline(const p4::v1::ForwardingPipelineConfig& config)
-    : config_(config),
+    : number_(nextNumber()),
+      config_(config),
       deviceData_(deviceDataOf(config_)),
       abilities_(abilitiesOf(deviceData_)),
       index_(config_.p4info(), abilities_),

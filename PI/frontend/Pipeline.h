@@ -25,6 +25,7 @@ class Pipeline {
   // Throws a Refusal (INVALID_ARGUMENT) when the configuration cannot be realised.
   explicit Pipeline(const p4::v1::ForwardingPipelineConfig& config);
 
+  uint64_t number() const { return number_; }  // no other one of the process has it
   const p4::v1::ForwardingPipelineConfig& config() const { return config_; }
   const P4InfoIndex& index() const { return index_; }
   const PacketHeaders& packetHeaders() const { return packetHeaders_; }
@@ -75,6 +76,7 @@ class Pipeline {
   bool doAdoptInitialEntries(const TargetSession& session);
   bool doCompleteBareEntities(const TargetSession& session);
 
+  const uint64_t number_;
   const p4::v1::ForwardingPipelineConfig config_;
   const std::string deviceData_;
   const pi_abilities_t abilities_;

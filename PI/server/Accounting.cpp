@@ -1,6 +1,7 @@
 #include "PI/server/Accounting.h"
 
 #include <atomic>
+#include <cstring>
 
 #include "PI/proto/pi_server_account.h"
 #include "PI/server/Peer.h"
@@ -34,6 +35,11 @@ AccountedCall::AccountedCall(const grpc::ServerContext& context)
       listened_(accountant.load(std::memory_order_relaxed) != nullptr),
       began_(listened_ ? std::chrono::steady_clock::now()
                        : std::chrono::steady_clock::time_point()) {}
+
+void AccountedCall::callIs(const char* path) {
+  const char* const slash = std::strrchr(path, '/');
+  what_ = slash ? slash + 1 : path;
+}
 
 void AccountedCall::requestIs(const p4::v1::WriteRequest& request) {
   if (!listened_) return;

@@ -21,6 +21,8 @@ class AccountedCall {
  public:
   explicit AccountedCall(const grpc::ServerContext& context);
 
+  // "/p4.v1.P4Runtime/Write", a literal: the last word is told.
+  void callIs(const char* path);
   void requestIs(const p4::v1::WriteRequest& request);
   void requestIs(const p4::v1::SetForwardingPipelineConfigRequest& request);
   void requestIs(const p4::v1::ReadRequest& request);

@@ -82,6 +82,7 @@ Status Arbitration::clientIs(ArbitrationClient& client, const RoleOfDevice& role
   {
     const std::lock_guard lock(mutex_);
     Status admitted = admission(client, role, electionId);
+    if (admitted.ok() && config) admitted = requireUnclaimed(role, *config);
     if (!admitted.ok()) return admitted;
     rises = raises(role, electionId);
   }
@@ -105,6 +106,7 @@ size_t Arbitration::forgetHighest() {
       if (contest.primary || !contest.highest || contest.runningWrites > 0) continue;
       contest.highest.reset();
       contest.hasWritten = false;
+      configIs(role, contest, nullptr, "");
       forgotten.push_back(role);
     }
   }
@@ -214,6 +216,7 @@ void Arbitration::makeRoom(const RoleOfDevice& role, Forgotten* forgotten) {
   const auto gone = leastRecent(isDefault);
   if (gone == contests_.end()) return;
   *forgotten = gone->first;
+  configIs(gone->first, gone->second, nullptr, "");
   contests_.erase(gone);
   if (isDefault) --defaultRoles_;
 }
@@ -248,7 +251,7 @@ void Arbitration::enter(ArbitrationClient& client, const RoleOfDevice& role,
   contestOf_[&client] = place;
   contest.clients[&client] = electionId;
   if (electionId && contest.highest <= electionId) {
-    contest.config = std::move(config);
+    configIs(role, contest, std::move(config), client.identity());
     elect(contest, client, *electionId);
   } else {
     backUp(contest, client);
@@ -271,6 +274,73 @@ void Arbitration::backUp(Contest& contest, ArbitrationClient& client) {
     return;
   }
   dethrone(contest);
+}
+
+// The server knows no pipeline yet, perhaps: an id that is in none harms nobody.
+Status Arbitration::requireUnclaimed(const RoleOfDevice& role, const RoleConfig& config) const {
+  const auto device = claims_.find(role.deviceId);
+  if (device == claims_.end()) return Status::OK;
+  const RoleClaims& claims = *device->second;
+  const auto* const own = claims.of(role.role);
+  const size_t others =
+      claims.idCount() -
+      (own ? own->config->exclusiveIds.size() + own->config->sharedIds.size() : 0);
+  if (others + config.exclusiveIds.size() + config.sharedIds.size() > RoleClaims::kMostIds) {
+    return Status(StatusCode::RESOURCE_EXHAUSTED,
+                  "the configs of the roles on device " + std::to_string(role.deviceId) +
+                      " name more than " + std::to_string(RoleClaims::kMostIds) + " objects");
+  }
+  const auto refused = [&](uint32_t id, const RoleClaims::Claim& other, const char* does) {
+    return Status(StatusCode::INVALID_ARGUMENT,
+                  "the config of " + text(role) + " names the object " + std::to_string(id) +
+                      ", which role '" + core::plainText(other.role, kShownBytes) + "' " + does +
+                      "; leave it out");
+  };
+  for (const auto* ids : {&config.exclusiveIds, &config.sharedIds}) {
+    for (const uint32_t id : *ids) {
+      const auto* other = claims.keeper(id);
+      if (other && other->role != role.role) return refused(id, *other, "keeps to itself");
+    }
+  }
+  for (const uint32_t id : config.exclusiveIds) {
+    const auto* other = claims.sharer(id, role.role);
+    if (other) return refused(id, *other, "shares");
+  }
+  return Status::OK;
+}
+
+void Arbitration::configIs(const RoleOfDevice& role, Contest& contest,
+                           std::shared_ptr<const RoleConfig> config, const std::string& identity) {
+  const bool claims =
+      (contest.config && contest.config->namesObjects()) || (config && config->namesObjects());
+  contest.config = std::move(config);
+  contest.configFrom = identity;
+  if (claims) updateClaims(role.deviceId);
+}
+
+void Arbitration::updateClaims(uint64_t deviceId) {
+  auto claims = std::make_shared<RoleClaims>();
+  for (auto one = contests_.lower_bound({deviceId, ""});
+       one != contests_.end() && one->first.deviceId == deviceId; ++one) {
+    const Contest& contest = one->second;
+    if (!contest.config || !contest.config->namesObjects()) continue;
+    claims->claimIs({one->first.role, contest.config, contest.configFrom});
+  }
+  const std::lock_guard lock(claimsMutex_);
+  if (claims->empty()) {
+    claims_.erase(deviceId);
+  } else {
+    claims_[deviceId] = std::move(claims);
+  }
+  anyClaims_.store(!claims_.empty(), std::memory_order_release);
+  claimsVersion_.fetch_add(1, std::memory_order_release);
+}
+
+std::shared_ptr<const RoleClaims> Arbitration::claims(uint64_t deviceId) const {
+  if (!anyClaims()) return nullptr;
+  const std::lock_guard lock(claimsMutex_);
+  const auto found = claims_.find(deviceId);
+  return found == claims_.end() ? nullptr : found->second;
 }
 
 void Arbitration::clientDel(ArbitrationClient& client) {
@@ -327,7 +397,8 @@ Status Arbitration::requireRole(const RoleOfDevice& role) const {
 }
 
 Status Arbitration::permission(const RoleOfDevice& role,
-                               const std::optional<ElectionId>& electionId, Contest** contest) {
+                               const std::optional<ElectionId>& electionId,
+                               const std::string* identity, Contest** contest) {
   Status named = requireNameLength(role);
   if (!named.ok()) return named;
   const auto found = contests_.find(role);
@@ -344,6 +415,11 @@ Status Arbitration::permission(const RoleOfDevice& role,
   if (electionId != here.highest) {
     return notPrimary(role, electionId, "the primary has " + text(*here.highest));
   }
+  if (identity && here.primary->identity() != *identity) {
+    return notPrimary(role, electionId,
+                      "the primary is not '" + core::plainText(*identity, kShownBytes) +
+                          "', whoever knows its election id");
+  }
   if (!here.installed) {
     return notPrimary(role, electionId,
                       "it is about to be, once running writes are done; wait for the notice");
@@ -352,27 +428,29 @@ Status Arbitration::permission(const RoleOfDevice& role,
   return Status::OK;
 }
 
-Status Arbitration::requirePrimary(const RoleOfDevice& role, std::optional<ElectionId> electionId) {
+Status Arbitration::requirePrimary(const RoleOfDevice& role, std::optional<ElectionId> electionId,
+                                   const std::string* identity) {
   const std::lock_guard lock(mutex_);
   Contest* contest = nullptr;
-  return permission(role, electionId, &contest);
+  return permission(role, electionId, identity, &contest);
 }
 
 Status Arbitration::requirePusher(const RoleOfDevice& role, std::optional<ElectionId> electionId,
-                                  std::chrono::milliseconds patience) {
+                                  std::chrono::milliseconds patience, const std::string* identity) {
   std::unique_lock lock(mutex_);
   Status status;
   installed_.wait_for(lock, patience, [&] {
-    status = pushPermission(role, electionId);
+    status = pushPermission(role, electionId, identity);
     return status.ok() || !mayBecomePrimary(role, electionId);
   });
   return status;
 }
 
 Status Arbitration::pushPermission(const RoleOfDevice& role,
-                                   const std::optional<ElectionId>& electionId) {
+                                   const std::optional<ElectionId>& electionId,
+                                   const std::string* identity) {
   Contest* contest = nullptr;
-  Status primary = permission(role, electionId, &contest);
+  Status primary = permission(role, electionId, identity, &contest);
   if (!primary.ok() || !contest->config || contest->config->canPushPipeline) return primary;
   return Status(StatusCode::PERMISSION_DENIED,
                 text(role) + " may not push a pipeline; its config lacks can_push_pipeline");
@@ -389,12 +467,12 @@ bool Arbitration::mayBecomePrimary(const RoleOfDevice& role,
 }
 
 Status Arbitration::writePermit(const RoleOfDevice& role, std::optional<ElectionId> electionId,
-                                WritePermit* permit) {
+                                WritePermit* permit, const std::string* identity) {
   WritePermit former;  // the former *permit, given back outside the lock
   {
     const std::lock_guard lock(mutex_);
     Contest* contest = nullptr;
-    Status status = permission(role, electionId, &contest);
+    Status status = permission(role, electionId, identity, &contest);
     if (!status.ok()) return status;
     ++contest->runningWrites;
     contest->hasWritten = true;

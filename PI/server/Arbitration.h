@@ -3,6 +3,7 @@
 
 #include <grpcpp/support/status.h>
 
+#include <atomic>
 #include <chrono>
 #include <compare>
 #include <condition_variable>
@@ -14,6 +15,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "PI/server/RoleClaims.h"
 #include "PI/server/RoleConfig.h"
 
 namespace pi::server {
@@ -49,6 +51,8 @@ class ArbitrationClient {
   // Another client took its place: it is no client any more, and its stream must end. Called like
   // arbitrationNoticeIs().
   virtual void displaced(const std::string& reason) = 0;
+  // Who the controller has proved to be; constant.
+  virtual const std::string& identity() const = 0;
 };
 
 // Keeps the highest election ids beyond the life of the process. Called from the threads of
@@ -116,7 +120,9 @@ class Arbitration {
   // FAILED_PRECONDITION when device or role differ from its first update; the caller then calls
   // clientDel(). Beyond the limits of clients the lowest backup gives way: the role's own
   // backup to a higher election id, a backup of the fullest role to a new primary.
-  // `config` becomes the role's when the client becomes its primary; null: the role may do all.
+  // `config` becomes the role's when the client becomes its primary; null: the role may do all that
+  // no other role keeps to itself. INVALID_ARGUMENT for one that names an object kept by another,
+  // RESOURCE_EXHAUSTED for too many objects.
   grpc::Status clientIs(ArbitrationClient& client, const RoleOfDevice& role,
                         std::optional<ElectionId> electionId,
                         std::shared_ptr<const RoleConfig> config = nullptr);
@@ -124,17 +130,27 @@ class Arbitration {
   // notice any more when this returns.
   void clientDel(ArbitrationClient& client);
 
+  // The objects that roles of the device keep to themselves; null: no role does. Costs nothing as
+  // long as no role of any device does.
+  std::shared_ptr<const RoleClaims> claims(uint64_t deviceId) const;
+  bool anyClaims() const { return anyClaims_.load(std::memory_order_acquire); }  // of any device
+  // Rises whenever claims() of some device may be others.
+  uint64_t claimsVersion() const { return claimsVersion_.load(std::memory_order_acquire); }
+
   // OK when the role's primary has the election id and its Writes are taken; NOT_FOUND for a role
-  // that no client ever named; else PERMISSION_DENIED.
-  grpc::Status requirePrimary(const RoleOfDevice& role, std::optional<ElectionId> electionId);
+  // that no client ever named; else PERMISSION_DENIED. So it is, too, when the primary has another
+  // identity than `identity`, if that is given: knowing an election id lets nobody in.
+  grpc::Status requirePrimary(const RoleOfDevice& role, std::optional<ElectionId> electionId,
+                              const std::string* identity = nullptr);
   // The same, and PERMISSION_DENIED when the role's config lets it push no pipeline. Waits for
   // `patience` at most while the election id could become primary: its arbitration update may have
   // been sent before, and be on its way to us still.
   grpc::Status requirePusher(const RoleOfDevice& role, std::optional<ElectionId> electionId,
-                             std::chrono::milliseconds patience = {});
+                             std::chrono::milliseconds patience = {},
+                             const std::string* identity = nullptr);
   // The same, and on OK a permit.
   grpc::Status writePermit(const RoleOfDevice& role, std::optional<ElectionId> electionId,
-                           WritePermit* permit);
+                           WritePermit* permit, const std::string* identity = nullptr);
   // For a Write that has its permit and waited: PERMISSION_DENIED when a higher election id has
   // come meanwhile, else OK.
   grpc::Status requireHighest(const RoleOfDevice& role, std::optional<ElectionId> electionId) const;
@@ -154,6 +170,7 @@ class Arbitration {
     std::map<ArbitrationClient*, std::optional<ElectionId>> clients;
     std::optional<ElectionId> highest;
     std::shared_ptr<const RoleConfig> config;  // as its latest primary gave it
+    std::string configFrom;                    // the identity of that primary
     ArbitrationClient* primary = nullptr;      // its election id is `highest`
     bool installed = false;                    // the primary's Writes are taken
     bool told = false;                         // the primary has its notice
@@ -185,12 +202,16 @@ class Arbitration {
   void installPrimary(Contest& contest);
   static void notifyOthers(const Contest& contest, const ArbitrationClient* except);
   static void notify(const Contest& contest, ArbitrationClient& client);
-  grpc::Status pushPermission(const RoleOfDevice& role,
-                              const std::optional<ElectionId>& electionId);
+  grpc::Status pushPermission(const RoleOfDevice& role, const std::optional<ElectionId>& electionId,
+                              const std::string* identity);
   bool mayBecomePrimary(const RoleOfDevice& role,
                         const std::optional<ElectionId>& electionId) const;
   grpc::Status permission(const RoleOfDevice& role, const std::optional<ElectionId>& electionId,
-                          Contest** contest);
+                          const std::string* identity, Contest** contest);
+  grpc::Status requireUnclaimed(const RoleOfDevice& role, const RoleConfig& config) const;
+  void configIs(const RoleOfDevice& role, Contest& contest,
+                std::shared_ptr<const RoleConfig> config, const std::string& identity);
+  void updateClaims(uint64_t deviceId);
   void writeDone(Contest& contest);
 
   ElectionIdKeeper keeper_;
@@ -204,6 +225,12 @@ class Arbitration {
   size_t defaultRoles_ = 0;
   uint64_t leaves_ = 0;
   std::unordered_map<const ArbitrationClient*, Contests::iterator> contestOf_;
+  // Of claims_, which is written with both locks held. A leaf: streams ask for claims while they
+  // are being visited.
+  mutable std::mutex claimsMutex_;
+  std::map<uint64_t, std::shared_ptr<const RoleClaims>> claims_;  // by device; those with any
+  std::atomic<uint64_t> claimsVersion_{0};
+  std::atomic<bool> anyClaims_{false};
 };
 
 // The one of the process: election ids stay known when the server is restarted.

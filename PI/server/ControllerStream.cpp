@@ -1,5 +1,6 @@
 #include "PI/server/ControllerStream.h"
 
+#include <algorithm>
 #include <chrono>
 #include <system_error>
 #include <thread>
@@ -209,8 +210,60 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
   }
   Status unended = requireUnended();
   if (!unended.ok()) return unended;
+  Status placed = requirePlace(role, update.has_election_id());
+  if (!placed.ok()) return placed;
   streams_.arbitratedIs(*this);
   return arbitration_.clientIs(*this, role, electionIdOf(update), std::move(config));
+}
+
+// The place is noted first: a policy that comes meanwhile finds it, if it was not asked here.
+Status ControllerStream::requirePlace(const RoleOfDevice& role, bool takesPart) {
+  {
+    const std::lock_guard lock(accessMutex_);
+    place_ = {role, takesPart};
+    standing_.reset();
+  }
+  return requireItsPlace();
+}
+
+Status ControllerStream::requireItsPlace() {
+  bool takesPart = false;
+  {
+    const std::lock_guard lock(accessMutex_);
+    if (!place_) return Status::OK;
+    takesPart = place_->takesPart;
+  }
+  const auto standing = this->standing();
+  return standing ? standing->access->requireContest(takesPart) : Status::OK;
+}
+
+// Two loads without a policy and objects of roles.
+std::shared_ptr<const ControllerStream::Standing> ControllerStream::standing() {
+  if (!hasPolicy() && !arbitration_.anyClaims()) return nullptr;
+  const std::lock_guard lock(accessMutex_);
+  if (standing_ && standing_->access->isUpToDate()) return standing_;
+  standing_ = nullptr;
+  std::unique_ptr<CallerAccess> access = who_.access();
+  if (!access) return nullptr;
+  if (place_) access->roleIs(place_->role.deviceId, place_->role.role);
+  auto made = std::make_shared<Standing>();
+  made->getsPackets = access->permits(CallerAccess::Operation::packetIn);
+  made->sendsPackets = access->require(CallerAccess::Operation::packetOut);
+  made->access = std::move(access);
+  standing_ = std::move(made);
+  return standing_;
+}
+
+bool ControllerStream::mayHear(const p4::v1::StreamMessageResponse& message) {
+  const auto standing = this->standing();
+  if (!standing) return true;
+  if (message.has_packet()) return standing->getsPackets;
+  const auto device = devices_.device(role_->deviceId);
+  if (!device) return false;
+  const auto mayRead = [&](uint32_t id) { return device->may_read(*standing->access, id); };
+  if (message.has_digest()) return mayRead(message.digest().digest_id());
+  return std::ranges::all_of(message.idle_timeout_notification().table_entry(),
+                             [&](const auto& entry) { return mayRead(entry.table_id()); });
 }
 
 // One that is being ended must not come back.
@@ -236,10 +289,28 @@ void ControllerStream::handleForDevice(const p4::v1::StreamMessageRequest& reque
                " yet; push one, or wait until the switch has installed its own");
     return;
   }
+  Status permitted = requireRight(request);
+  if (!permitted.ok()) {
+    if (isPacket) packetCounts_->outRefused.add();
+    report(request, permitted.error_code(), permitted.error_message());
+    return;
+  }
   const auto status = device->stream_message_request_handle(request);
   const auto code = static_cast<StatusCode>(status.code());
   if (isPacket) countOut(code);
   if (code != StatusCode::OK) report(request, code, status.message());
+}
+
+Status ControllerStream::requireRight(const p4::v1::StreamMessageRequest& request) {
+  const auto standing = this->standing();
+  if (!standing) return Status::OK;
+  if (request.has_packet()) return standing->sendsPackets;
+  const auto device = devices_.device(role_->deviceId);
+  if (!device || device->may_read(*standing->access, request.digest_ack().digest_id()))
+    return Status::OK;
+  return Status(StatusCode::PERMISSION_DENIED,
+                "the digest " + std::to_string(request.digest_ack().digest_id()) +
+                    " is another controller's");
 }
 
 // Before its first arbitration update a stream belongs to no device; where there is but one, the

@@ -7,12 +7,15 @@
 #include <grpcpp/support/sync_stream.h>
 
 #include <condition_variable>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "PI/core/PacketCounts.h"
 #include "PI/server/Arbitration.h"
+#include "PI/server/CallerAccess.h"
 #include "PI/server/Devices.h"
 #include "PI/server/OutgoingQueue.h"
 #include "PI/server/ReceivedMessage.h"
@@ -26,14 +29,21 @@ class ControllerStream : public ArbitrationClient {
   using Request = StreamedMessage<p4::v1::StreamMessageRequest>;
   using Call = grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, Request>;
 
+  // The controller: who it has proved to be, and what it may do now, null for everything.
+  struct Who {
+    std::string identity;
+    std::function<std::unique_ptr<CallerAccess>()> access;
+  };
+
   // The references outlive the object; context and call belong to the running RPC.
   ControllerStream(grpc::ServerContext& context, Call& call, Arbitration& arbitration,
-                   Devices& devices, StreamSet& streams)
+                   Devices& devices, StreamSet& streams, Who who)
       : context_(context),
         call_(call),
         arbitration_(arbitration),
         devices_(devices),
         streams_(streams),
+        who_(std::move(who)),
         queue_(streams.outgoing()) {}
 
   // Serves the stream until the controller, an arbitration update that ends it, or cancel() does.
@@ -45,6 +55,13 @@ class ControllerStream : public ArbitrationClient {
   void messageIs(OutgoingQueue::Message message, size_t bytes);
 
   void displaced(const std::string& reason) override;
+  const std::string& identity() const override { return who_.identity; }
+
+  // Whether the controller may have the message of the device, by policy and the configs of roles.
+  // Any thread, once the stream is a client of the arbitration.
+  bool mayHear(const p4::v1::StreamMessageResponse& message);
+  // For a policy that has changed: OK, or why the stream's place in its role must end.
+  grpc::Status requireItsPlace();
 
   // Has the queued messages sent, then the call cancelled; waits for neither.
   void finish();
@@ -53,6 +70,8 @@ class ControllerStream : public ArbitrationClient {
   void cancel();
 
  private:
+  struct Standing;
+
   grpc::Status readToEnd();
   grpc::Status requireUnended();
   void writeToEnd();
@@ -63,6 +82,10 @@ class ControllerStream : public ArbitrationClient {
   grpc::Status accountedArbitration(const p4::v1::MasterArbitrationUpdate& update);
   grpc::Status handleArbitration(const p4::v1::MasterArbitrationUpdate& update);
   void handleForDevice(const p4::v1::StreamMessageRequest& request);
+  grpc::Status requireRight(const p4::v1::StreamMessageRequest& request);
+  grpc::Status requirePlace(const RoleOfDevice& role, bool takesPart);
+  // Null: it may do everything.
+  std::shared_ptr<const Standing> standing();
   void countNotPrimary();
   void countOut(grpc::StatusCode code);
   void report(const p4::v1::StreamMessageRequest& request, grpc::StatusCode code,
@@ -73,6 +96,7 @@ class ControllerStream : public ArbitrationClient {
   Arbitration& arbitration_;
   Devices& devices_;
   StreamSet& streams_;
+  const Who who_;
   OutgoingQueue queue_;
 
   // Written once, before the stream is a client of the arbitration.
@@ -80,6 +104,21 @@ class ControllerStream : public ArbitrationClient {
   std::optional<p4::v1::Role> roleAsGiven_;
   uint64_t deviceIdAsGiven_ = 0;
   core::PacketCounts* packetCounts_ = nullptr;  // of the role's device
+
+  // The place that the stream has, or asks for.
+  struct Place {
+    RoleOfDevice role;
+    bool takesPart = false;  // in the election
+  };
+  // What it may do there. Packets are many, and so decided once.
+  struct Standing {
+    std::unique_ptr<CallerAccess> access;
+    bool getsPackets = false;
+    grpc::Status sendsPackets;
+  };
+  std::mutex accessMutex_;  // guards the two below; locks of look-ups are taken under it
+  std::optional<Place> place_;
+  std::shared_ptr<const Standing> standing_;  // in place_; null: none is known yet
 
   std::mutex mutex_;  // guards finishing_ and written_
   std::condition_variable changed_;

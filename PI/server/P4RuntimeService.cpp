@@ -17,6 +17,7 @@
 #include "PI/server/Lenience.h"
 #include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
+#include "PI/server/PeerSource.h"
 #include "PI/server/Requester.h"
 
 namespace pi::server {
@@ -122,10 +123,20 @@ void P4RuntimeService::methodIs(const char* name, grpc::internal::RpcMethod::Rpc
   AddMethod(new grpc::internal::RpcServiceMethod(name, type, handler));
 }
 
+P4RuntimeService::AccessPtr P4RuntimeService::accessOf(const grpc::ServerContext& context) {
+  return CallerAccess::make(arbitration_, rights_, [&] { return peerOfCall(context); });
+}
+
 template <typename Request, typename Serve>
-Status P4RuntimeService::served(const grpc::ServerContext& context, const ReceivedMessage& received,
-                                size_t maxBytes, Serve serve) {
+Status P4RuntimeService::served(const grpc::ServerContext& context, const char* path,
+                                const ReceivedMessage& received, size_t maxBytes, Serve serve) {
   return accounted(context, [&](AccountedCall& account) {
+    account.callIs(path);
+    const AccessPtr access = accessOf(context);
+    if (access) {
+      Status permitted = access->requireCall(path);
+      if (!permitted.ok()) return permitted;
+    }
     const size_t size = received.size();
     const std::string& name = Request::descriptor()->name();
     if (size > maxBytes) {
@@ -147,19 +158,20 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const Receiv
     }
     account.requestIs(request.message());
     received.bytes.Clear();
-    return serve(request.message());
+    return serve(request.message(), access);
   });
 }
 
 template <typename Request, typename Response, typename Serve>
 void P4RuntimeService::unaryMethodIs(const char* name, CallKind kind, size_t maxBytes,
                                      Serve serve) {
-  const auto serveReceived = [this, maxBytes, serve](UnaryCall& call,
-                                                     const ReceivedMessage& received,
-                                                     Response* response) {
-    return served<Request>(call.context, received, maxBytes, [&](const Request& request) {
-      return serve(*this, call, request, response);
-    });
+  const auto serveReceived = [this, name, maxBytes, serve](UnaryCall& call,
+                                                           const ReceivedMessage& received,
+                                                           Response* response) {
+    return served<Request>(call.context, name, received, maxBytes,
+                           [&](const Request& request, const AccessPtr& access) {
+                             return serve(*this, call, request, response, access);
+                           });
   };
   methodIs(
       name, grpc::internal::RpcMethod::NORMAL_RPC,
@@ -174,29 +186,29 @@ void P4RuntimeService::methodsAre() {
   using Self = P4RuntimeService;
   unaryMethodIs<WriteRequest, WriteResponse>(
       "/p4.v1.P4Runtime/Write", CallKind::write, kMaxLargeMessageBytes,
-      [](Self& self, UnaryCall& call, const WriteRequest& request, WriteResponse*) {
-        return self.write(call, request);
-      });
+      [](Self& self, UnaryCall& call, const WriteRequest& request, WriteResponse*,
+         const AccessPtr& access) { return self.write(call, request, access); });
   methodIs("/p4.v1.P4Runtime/Read", RpcMethod::SERVER_STREAMING,
            new grpc::internal::ServerStreamingHandler<Self, ReceivedMessage, ReadResponse>(
                [](Self* self, ServerContext* context, const ReceivedMessage* received,
                   grpc::ServerWriter<ReadResponse>* writer) {
-                 return self->served<ReadRequest>(*context, *received, kMaxMessageBytes,
-                                                  [&](const ReadRequest& request) {
-                                                    return self->read(*context, request, *writer);
-                                                  });
+                 return self->served<ReadRequest>(
+                     *context, "/p4.v1.P4Runtime/Read", *received, kMaxMessageBytes,
+                     [&](const ReadRequest& request, const AccessPtr& access) {
+                       return self->read(*context, request, *writer, access);
+                     });
                },
                this));
   unaryMethodIs<SetForwardingPipelineConfigRequest, SetForwardingPipelineConfigResponse>(
       "/p4.v1.P4Runtime/SetForwardingPipelineConfig", CallKind::other, kMaxLargeMessageBytes,
       [](Self& self, UnaryCall& call, const SetForwardingPipelineConfigRequest& request,
-         SetForwardingPipelineConfigResponse*) { return self.setPipeline(call, request); });
+         SetForwardingPipelineConfigResponse*,
+         const AccessPtr& access) { return self.setPipeline(call, request, access); });
   unaryMethodIs<GetForwardingPipelineConfigRequest, GetForwardingPipelineConfigResponse>(
       "/p4.v1.P4Runtime/GetForwardingPipelineConfig", CallKind::other, kMaxMessageBytes,
       [](Self& self, UnaryCall& call, const GetForwardingPipelineConfigRequest& request,
-         GetForwardingPipelineConfigResponse* response) {
-        return self.getPipeline(call, request, response);
-      });
+         GetForwardingPipelineConfigResponse* response,
+         const AccessPtr&) { return self.getPipeline(call, request, response); });
   methodIs("/p4.v1.P4Runtime/StreamChannel", RpcMethod::BIDI_STREAMING,
            new grpc::internal::BidiStreamingHandler<Self, StreamRequest, StreamMessageResponse>(
                [](Self* self, ServerContext* context,
@@ -207,7 +219,8 @@ void P4RuntimeService::methodsAre() {
   unaryMethodIs<CapabilitiesRequest, CapabilitiesResponse>(
       "/p4.v1.P4Runtime/Capabilities", CallKind::other, kMaxMessageBytes,
       [](Self& self, UnaryCall& call, const CapabilitiesRequest& request,
-         CapabilitiesResponse* response) { return self.capabilities(call, request, response); });
+         CapabilitiesResponse* response,
+         const AccessPtr&) { return self.capabilities(call, request, response); });
 }
 
 template <typename Request>
@@ -217,11 +230,19 @@ RoleOfDevice P4RuntimeService::servedRole(const Request& request) const {
   return role;
 }
 
-Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& request) {
+Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& request,
+                               const AccessPtr& access) {
   Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
+  if (access) {
+    RoleOfDevice role = servedRole(request);
+    access->roleIs(role.deviceId, std::move(role.role));
+    Status inRole = access->requireCall(Access::path::write);
+    if (!inRole.ok()) return inRole;
+  }
   Arbitration::WritePermit permit;
-  Status permitted = arbitration_.writePermit(servedRole(request), electionIdOf(request), &permit);
+  Status permitted = arbitration_.writePermit(servedRole(request), electionIdOf(request), &permit,
+                                              access ? access->identity() : nullptr);
   if (!permitted.ok()) return permitted;
   std::shared_ptr<DeviceMgr> device;
   Status ready = requirePipeline(devices_.servedAs(request.device_id()), &device);
@@ -229,7 +250,8 @@ Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& requ
   Status placed = writes_.take(call.context.peer(), limits().writes, &call.place);
   if (!placed.ok()) return placed;
   return toGrpc(device->write(
-      request, [&, came = Clock::now()] { return stillWanted(call.context, request, came); }));
+      request, [&, came = Clock::now()] { return stillWanted(call.context, request, came); },
+      access.get()));
 }
 
 // A Write may have waited long for its turn. One that has not is not asked about: to ask costs the
@@ -245,11 +267,19 @@ google::rpc::Status P4RuntimeService::stillWanted(const grpc::ServerContext& con
 }
 
 Status P4RuntimeService::read(grpc::ServerContext& context, const p4::v1::ReadRequest& request,
-                              grpc::ServerWriter<p4::v1::ReadResponse>& writer) {
+                              grpc::ServerWriter<p4::v1::ReadResponse>& writer,
+                              const AccessPtr& access) {
   Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
   Status role = arbitration_.requireRole({devices_.servedAs(request.device_id()), request.role()});
   if (!role.ok()) return role;
+  if (access) {
+    const bool isOfAllRoles = request.role().empty();
+    access->roleIs(devices_.servedAs(request.device_id()),
+                   isOfAllRoles ? std::nullopt : std::optional(request.role()));
+    Status inRole = access->requireCall(Access::path::read);
+    if (!inRole.ok()) return inRole;
+  }
   std::shared_ptr<DeviceMgr> device;
   Status ready = requirePipeline(devices_.servedAs(request.device_id()), &device);
   if (!ready.ok()) return ready;
@@ -258,10 +288,11 @@ Status P4RuntimeService::read(grpc::ServerContext& context, const p4::v1::ReadRe
   std::optional<CallPlaces::Place> place;
   Status placed = reads_.take(context.peer(), limits().reads, &place);
   if (!placed.ok()) return placed;
-  return toGrpc(device->read(request, [&](const p4::v1::ReadResponse& response) {
+  const DeviceMgr::ReadSink send = [&](const p4::v1::ReadResponse& response) {
     const SendDeadlines::Sending sending(sendDeadlines_, context, CallKind::read);
     return writer.Write(response);
-  }));
+  };
+  return toGrpc(device->read(request, send, access.get()));
 }
 
 Status P4RuntimeService::takeOther(UnaryCall& call) {
@@ -270,14 +301,21 @@ Status P4RuntimeService::takeOther(UnaryCall& call) {
 }
 
 Status P4RuntimeService::setPipeline(UnaryCall& call,
-                                     const p4::v1::SetForwardingPipelineConfigRequest& request) {
+                                     const p4::v1::SetForwardingPipelineConfigRequest& request,
+                                     const AccessPtr& access) {
   if (hasLocalToken(call.context)) return toGrpc(devices_.pipelineIs(request));
   Status placed = takeOther(call);
   if (!placed.ok()) return placed;
   Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
-  Status primary =
-      arbitration_.requirePusher(servedRole(request), electionIdOf(request), kOvertaken);
+  if (access) {
+    RoleOfDevice role = servedRole(request);
+    access->roleIs(role.deviceId, std::move(role.role));
+    Status mayPush = access->require(CallerAccess::Operation::push);
+    if (!mayPush.ok()) return mayPush;
+  }
+  Status primary = arbitration_.requirePusher(servedRole(request), electionIdOf(request),
+                                              kOvertaken, access ? access->identity() : nullptr);
   if (!primary.ok()) return primary;
   Status action = requireAction(request.action());
   if (!action.ok()) return action;
@@ -318,7 +356,19 @@ Status P4RuntimeService::getPipeline(UnaryCall& call,
 Status P4RuntimeService::streamChannel(
     grpc::ServerContext& context,
     grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, StreamRequest>& call) {
-  ControllerStream stream(context, call, arbitration_, devices_, streams_);
+  const Peer peer = peerOfCall(context);
+  const auto accessNow = [this, &peer] {
+    return CallerAccess::make(arbitration_, rights_, [&] { return peer; });
+  };
+  if (const AccessPtr access = accessNow()) {
+    Status permitted = accounted(context, [&](AccountedCall& account) {
+      account.callIs("/p4.v1.P4Runtime/StreamChannel");
+      return access->requireCall(Access::path::stream);
+    });
+    if (!permitted.ok()) return permitted;
+  }
+  ControllerStream stream(context, call, arbitration_, devices_, streams_,
+                          {peer.identity, accessNow});
   streams_.streamIs(stream);
   Status status = stream.run();
   streams_.streamDel(stream);
@@ -361,7 +411,8 @@ void P4RuntimeService::toPrimaries(uint64_t deviceId, p4::v1::StreamMessageRespo
   const auto send = [&](ArbitrationClient& client, const RoleConfig* config) {
     hasPrimary = true;
     if (isPacket && config && !config->takes(shared->packet())) return;
-    static_cast<ControllerStream&>(client).messageIs(shared, bytes);
+    auto& stream = static_cast<ControllerStream&>(client);
+    if (stream.mayHear(*shared)) stream.messageIs(shared, bytes);
   };
   arbitration_.forEachPrimary(deviceId, std::ref(send));  // by reference: needs no memory
   if (isPacket && !hasPrimary) core::packetCountsOf(deviceId).inNoPrimary.add();

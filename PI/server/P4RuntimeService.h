@@ -13,6 +13,7 @@
 #include "PI/server/Admission.h"
 #include "PI/server/Arbitration.h"
 #include "PI/server/CallPlaces.h"
+#include "PI/server/CallerAccess.h"
 #include "PI/server/Devices.h"
 #include "PI/server/ReceivedMessage.h"
 #include "PI/server/SendDeadlines.h"
@@ -43,18 +44,22 @@ class P4RuntimeService final : public grpc::Service {
   void methodsAre();
   // Parses the request and serves it, unless it is too large or there is no memory for it.
   template <typename Request, typename Serve>
-  grpc::Status served(const grpc::ServerContext& context, const ReceivedMessage& received,
-                      size_t maxBytes, Serve serve);
+  grpc::Status served(const grpc::ServerContext& context, const char* path,
+                      const ReceivedMessage& received, size_t maxBytes, Serve serve);
 
-  grpc::Status write(UnaryCall& call, const p4::v1::WriteRequest& request);
+  // `access`: null when the caller may do everything.
+  using AccessPtr = std::unique_ptr<CallerAccess>;
+  AccessPtr accessOf(const grpc::ServerContext& context);
+  grpc::Status write(UnaryCall& call, const p4::v1::WriteRequest& request, const AccessPtr& access);
   using Clock = std::chrono::steady_clock;
   google::rpc::Status stillWanted(const grpc::ServerContext& context,
                                   const p4::v1::WriteRequest& request,
                                   Clock::time_point came) const;
   grpc::Status read(grpc::ServerContext& context, const p4::v1::ReadRequest& request,
-                    grpc::ServerWriter<p4::v1::ReadResponse>& writer);
+                    grpc::ServerWriter<p4::v1::ReadResponse>& writer, const AccessPtr& access);
   grpc::Status setPipeline(UnaryCall& call,
-                           const p4::v1::SetForwardingPipelineConfigRequest& request);
+                           const p4::v1::SetForwardingPipelineConfigRequest& request,
+                           const AccessPtr& access);
   grpc::Status getPipeline(UnaryCall& call,
                            const p4::v1::GetForwardingPipelineConfigRequest& request,
                            p4::v1::GetForwardingPipelineConfigResponse* response);
@@ -75,6 +80,7 @@ class P4RuntimeService final : public grpc::Service {
   Arbitration& arbitration_;
   const std::string localToken_;
   Devices devices_;
+  RightsCache rights_;
   StreamSet streams_;
   SendDeadlines sendDeadlines_;
   Admission requestBytes_;

@@ -2,9 +2,11 @@
 #include "PI/server/RoleConfig.h"
 
 #include <google/protobuf/empty.pb.h>
+#include <google/protobuf/io/coded_stream.h>
 #include <google/protobuf/unknown_field_set.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "PI/core/PlainText.h"
 
@@ -66,13 +68,44 @@ bool filterIs(const std::string& bytes, RoleConfig* config) {
 
 Status invalid(const std::string& why) { return Status(StatusCode::INVALID_ARGUMENT, why); }
 
+// Packed, or one by one.
+Status idsAre(const UnknownField& field, const char* name, std::vector<uint32_t>* ids) {
+  if (isNumber(field)) ids->push_back(static_cast<uint32_t>(field.varint()));
+  if (isBytes(field)) {
+    const std::string& packed = field.length_delimited();
+    google::protobuf::io::CodedInputStream bytes(reinterpret_cast<const uint8_t*>(packed.data()),
+                                                 static_cast<int>(packed.size()));
+    uint32_t id = 0;
+    while (ids->size() <= kMostRoleIds && bytes.ReadVarint32(&id)) ids->push_back(id);
+    const bool isWhole = bytes.CurrentPosition() == static_cast<int>(packed.size());
+    if (!isWhole && ids->size() <= kMostRoleIds) {
+      return invalid(std::string(name) + " of the role's config is damaged");
+    }
+  }
+  if (ids->size() <= kMostRoleIds) return Status::OK;
+  return invalid(std::string(name) + " of the role's config has more than " +
+                 std::to_string(kMostRoleIds) + " ids");
+}
+
+void sortIds(std::vector<uint32_t>* ids) {
+  std::ranges::sort(*ids);
+  ids->erase(std::unique(ids->begin(), ids->end()), ids->end());
+}
+
+Status requireDisjoint(const RoleConfig& config) {
+  std::vector<uint32_t> both;
+  std::ranges::set_intersection(config.exclusiveIds, config.sharedIds, std::back_inserter(both));
+  if (both.empty()) return Status::OK;
+  return invalid("the role's config has the id " + std::to_string(both.front()) +
+                 " in exclusive_p4_ids and in shared_p4_ids; name it once");
+}
+
 Status fieldIs(const UnknownField& field, RoleConfig* config) {
   switch (field.number()) {
     case Field::exclusiveIds:
+      return idsAre(field, "exclusive_p4_ids", &config->exclusiveIds);
     case Field::sharedIds:
-      return invalid(
-          "the role's config names objects that the role may write; roles with objects of their "
-          "own are not supported: leave exclusive_p4_ids and shared_p4_ids empty");
+      return idsAre(field, "shared_p4_ids", &config->sharedIds);
     case Field::packetInFilter:
       if (isBytes(field) && filterIs(field.length_delimited(), config)) return Status::OK;
       return invalid("the packet_in_filter of the role's config is damaged");
@@ -112,8 +145,11 @@ Status roleConfigOf(const google::protobuf::Any& given, std::shared_ptr<const Ro
     Status taken = fieldIs(fields(*message).field(i), made.get());
     if (!taken.ok()) return taken;
   }
-  *config = std::move(made);
-  return Status::OK;
+  sortIds(&made->exclusiveIds);
+  sortIds(&made->sharedIds);
+  Status disjoint = requireDisjoint(*made);
+  if (disjoint.ok()) *config = std::move(made);
+  return disjoint;
 }
 
 }  // namespace pi::server

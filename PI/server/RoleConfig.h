@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "p4/v1/p4runtime.pb.h"
 
@@ -23,12 +24,18 @@ struct RoleConfig {
   bool receivesPacketIns = false;
   bool canPushPipeline = false;
   std::optional<PacketFilter> packetFilter;  // nothing: all packets
+  // Objects of the P4Info, ascending. Without any the role has all that no other role keeps.
+  std::vector<uint32_t> exclusiveIds;
+  std::vector<uint32_t> sharedIds;
+  bool namesObjects() const { return !exclusiveIds.empty() || !sharedIds.empty(); }
 
   bool takes(const p4::v1::PacketIn& packet) const;
 };
 
-// INVALID_ARGUMENT for another form, for a damaged one, and for one that keeps objects to the role,
-// which the server cannot do.
+inline constexpr size_t kMostRoleIds = 4096;  // of each list
+
+// INVALID_ARGUMENT for another form, for a damaged one, for an id that is both exclusive and
+// shared, and for too many ids.
 grpc::Status roleConfigOf(const google::protobuf::Any& given,
                           std::shared_ptr<const RoleConfig>* config);
 

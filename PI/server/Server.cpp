@@ -116,6 +116,8 @@ std::shared_ptr<grpc::Channel> Server::ownChannel() {
 }
 
 // A thread for each call that may run, and some for calls that are about to be refused.
+void Server::policyChanged() { service_->streams().handlePolicy(); }
+
 void Server::limitsChanged() {
   const Limits now = limits();
   quota_->Resize(now.memoryBytes);

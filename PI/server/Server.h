@@ -52,6 +52,7 @@ class Server {
   const std::shared_ptr<LiveCertificates>& certificates() const { return certificates_; }
   uint64_t refusedConnections() const;  // beyond the limit, or without a descriptor for them
   void limitsChanged();
+  void policyChanged();
 
   // Takes no new calls, ends streams, cancels calls that still run after `cancelAfter`, and returns
   // once all calls have returned, or after `patience` with some of them left behind.

@@ -60,6 +60,17 @@ void StreamSet::end(ControllerStream& stream, const std::string& reason) {
   deadlines_.endingIs(stream, Clock::now() + kLastMessages);
 }
 
+void StreamSet::handlePolicy() {
+  const std::lock_guard lock(mutex_);
+  for (ControllerStream* stream : streams_) {
+    const grpc::Status placed = stream->requireItsPlace();
+    if (placed.ok()) continue;
+    stream->endWith(placed.error_code(), placed.error_message() + " any more");
+    deadlines_.endingIs(*stream, Clock::now() + kLastMessages);
+  }
+  changed_.notify_all();
+}
+
 void StreamSet::watch() {
   std::unique_lock lock(mutex_);
   while (!stopped_) {

@@ -36,6 +36,9 @@ class StreamSet {
   // The stream has been told to end: it is cancelled if it has not after a short grace.
   void endingIs(ControllerStream& stream);
 
+  // The policy has changed: ends the streams that may not have their places in their roles.
+  void handlePolicy();
+
   // Ends all streams: lets each send its queued messages, cancels the streams left after the grace,
   // and waits until all have ended. A stream that comes later is ended at once.
   void endAll(std::chrono::milliseconds grace);

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "PI/core/PacketCounts.h"
+#include "PI/proto/pi_server_policy.h"
 #include "PI/proto/pi_server_process.h"
 #include "PI/proto/pi_server_security.h"
 #include "PI/server/Arbitration.h"
@@ -22,9 +23,11 @@
 #include "PI/server/Lenience.h"
 #include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
+#include "PI/server/PolicyInForce.h"
 #include "PI/server/Server.h"
 #include "PI/server/tls/LiveCertificates.h"
 #include "PI/server/tls/TlsCredentials.h"
+#include "access/PolicyText.h"
 
 namespace {
 
@@ -258,6 +261,29 @@ void PIGrpcServerLimitsIs(const PIGrpcServerLimits_t* limits) {
        .memoryBytes = atLeastOne(limits->memory_mib) << 20});
   if (const auto running = server()) running->limitsChanged();
 }
+
+namespace {
+
+std::string& lastPolicyError() {
+  thread_local std::string error;
+  return error;
+}
+
+}  // namespace
+
+int PIGrpcServerPolicyIs(const char* text, size_t size, const char* file) {
+  lastPolicyError().clear();
+  try {
+    pi::server::policyIs(text ? Access::policyOf({text, size}, file ? file : "policy") : nullptr);
+  } catch (const std::exception& e) {
+    lastPolicyError() = e.what();
+    return -1;
+  }
+  if (const auto running = server()) running->policyChanged();
+  return 0;
+}
+
+const char* PIGrpcServerPolicyError() { return lastPolicyError().c_str(); }
 
 void PIGrpcServerOnlyDeviceIs(uint64_t device_id) { pi::server::Devices::onlyDeviceIs(device_id); }
 

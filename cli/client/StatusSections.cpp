@@ -14,6 +14,7 @@ namespace {
 using Vela::Json;
 
 constexpr const char* pipelinePath = "p4runtime/status/pipeline";
+constexpr const char* policyPath = "p4runtime/status/policy";
 constexpr const char* portsPath = "p4runtime/status/port-mapping";
 constexpr const char* translationPath = "p4runtime/status/translation";
 constexpr const char* queriesPath = "lattice/status/query/p4runtime";
@@ -74,6 +75,14 @@ void printPipeline(const cJSON* pipeline) {
     section.line("FAILED: " + textOf(pipeline, "text"));
   std::istringstream refused(textOf(pipeline, "refused"));
   for (std::string line; std::getline(refused, line);) section.line(line);
+}
+
+void printPolicy(const cJSON* policy) {
+  Section section("policy");
+  const std::string file = textOf(policy, "file");
+  const std::string fault = textOf(policy, "fault");
+  if (!file.empty()) section.line(file);
+  if (!fault.empty()) section.line("BROKEN, and in force as it was before: " + fault);
 }
 
 void printPorts(const cJSON* ports) {
@@ -145,6 +154,7 @@ std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attr
 
 void addStatusSections(Orrery::Client& client, cJSON* status) {
   add(status, "pipeline", attributesAt(client, pipelinePath));
+  add(status, "policy", attributesAt(client, policyPath));
   add(status, "ports", attributesAt(client, portsPath));
   add(status, "translation", attributesAt(client, translationPath));
   add(status, "queries", childrenAt(client, queriesPath));
@@ -156,6 +166,7 @@ void printStatusSections(const cJSON& status) {
     return cJSON_GetObjectItemCaseSensitive(&status, name);
   };
   printPipeline(section("pipeline"));
+  printPolicy(section("policy"));
   printPorts(section("ports"));
   printTranslation(section("translation"));
   printQueries(section("queries"));

@@ -72,6 +72,21 @@ TEST(AgentStart, RefusesToServeWhereNobodyWouldFindIt) {
   EXPECT_THAT(agent.output(), HasSubstr("grpcServerPort is 0; choose a port"));
 }
 
+TEST(AgentStart, NeverServesWithoutThePolicyThatIsConfigured) {
+  for (const char* policy : {"", R"({"name": "p", "allow_rule": []})"}) {
+    const TempDir directory;
+    const std::string file = directory.file("policy.json");
+    if (*policy != '\0') std::ofstream(file) << policy;
+    AgentProcess agent({.stateDirectory = directory.file("state"),
+                        .configuration = R"({"p4runtime/config/security": {"policy": ")" + file +
+                                         R"("}, "p4runtime/config/system": {"grpcServerPort": )" +
+                                         std::to_string(freePort()) + "}}"});
+    agent.start();
+    EXPECT_EQ(agent.process().exitStatus(), (ExitStatus{.code = 1})) << agent.output();
+    EXPECT_THAT(agent.output(), HasSubstr("the policy cannot be put in force: " + file));
+  }
+}
+
 TEST(AgentStart, RefusesABadConfigurationInOneLine) {
   const struct {
     const char* what;

@@ -4,8 +4,11 @@
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <fstream>
 #include <functional>
 #include <iostream>
+#include <set>
 
 #include "google/rpc/status.pb.h"
 #include "p4/tmp/p4config.pb.h"
@@ -14,6 +17,7 @@
 #include "tests/support/ForwarderProcess.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/TestController.h"
+#include "tests/support/Waiting.h"
 
 using google::protobuf::util::MessageDifferencer;
 using p4::v1::Entity;
@@ -48,6 +52,18 @@ p4::v1::Role roleOf(const std::string& name, const std::string& config = "") {
   role.mutable_config()->set_value(config);
   return role;
 }
+// A list of ids in it.
+std::string idsOf(int field, const std::vector<uint32_t>& ids) {
+  std::string bytes;
+  for (uint32_t id : ids) {
+    bytes += static_cast<char>(field << 3);
+    for (; id > 0x7f; id >>= 7) bytes += static_cast<char>(id | 0x80);
+    bytes += static_cast<char>(id);
+  }
+  return bytes;
+}
+std::string keeps(const std::vector<uint32_t>& ids) { return idsOf(1, ids); }
+std::string shares(const std::vector<uint32_t>& ids) { return idsOf(2, ids); }
 const std::string receivesPackets("\x20\x01", 2);
 const std::string pushesPipelines("\x28\x01", 2);
 
@@ -522,7 +538,7 @@ TEST_F(StoryTest, ARoleDoesWhatItsConfigSays) {
     p4::v1::Role role;
     const char* message;
   } refusals[] = {
-      {"objects of its own", roleOf("x", std::string("\x08\x07", 2)), "exclusive_p4_ids"},
+      {"objects named twice", roleOf("x", "\x08\x07\x10\x07"), "exclusive_p4_ids and in shared"},
       {"damaged", roleOf("x", "\x0a"), "no stratum.P4RoleConfig"},
       {"the default role", roleOf("", pushesPipelines), "default role has no config"},
   };
@@ -534,6 +550,64 @@ TEST_F(StoryTest, ARoleDoesWhatItsConfigSays) {
     EXPECT_EQ(status.error_code(), grpc::INVALID_ARGUMENT);
     EXPECT_THAT(status.error_message(), HasSubstr(c.message));
   }
+  // What a role names is its own, or shared; a role without a config has what nobody keeps.
+  const uint32_t routes = router_.table(Router::routeTable).preamble().id();
+  const uint32_t rules = router_.table(Router::aclTable).preamble().id();
+  const uint32_t bundles = router_.table(Router::lagTable).preamble().id();
+  const Who router{.role = roleOf("router", keeps({routes}) + shares({bundles})), .hasRole = true};
+  const Who guard{.role = roleOf("guard", keeps({rules}) + shares({bundles})), .hasRole = true};
+  const Who guest{.role = roleOf("guest"), .hasRole = true};
+  const Who all{};
+  const auto routerSession = session(router);
+  routerSession->arbitrate();
+  const auto guardSession = session(guard);
+  guardSession->arbitrate();
+  const auto guestSession = session(guest);
+  guestSession->arbitrate();
+  const auto allSession = session(all);
+  allSession->arbitrate();
+  const std::vector<Update> updates = {insertOf(Router::route(router_, 2, 1)),
+                                       insertOf(Router::aclRule(router_, 2)),
+                                       insertOf(Router::lag(router_, 2, 1, 2))};
+  const struct {
+    const char* who;
+    Session& session;
+    std::array<bool, 3> may;  // routes, rules, bundles
+  } roles[] = {{"router", *routerSession, {true, false, true}},
+               {"guard", *guardSession, {false, true, true}},
+               {"guest", *guestSession, {false, false, true}},
+               {"the default role", *allSession, {true, true, true}}};
+  for (const auto& role : roles) {
+    SCOPED_TRACE(role.who);
+    for (size_t i = 0; i < updates.size(); ++i) {
+      const grpc::Status status = role.session.write({updates[i]});
+      EXPECT_EQ(status.ok(), role.may[i]) << i << " " << status.error_message();
+      if (!status.ok()) {
+        EXPECT_THAT(status.error_details(), HasSubstr("not to be written by a controller in role"));
+      }
+      Update removal = updates[i];
+      removal.set_type(Update::DELETE);
+      if (status.ok()) {
+        EXPECT_TRUE(role.session.write({removal}).ok());
+      }
+    }
+  }
+  EXPECT_TRUE(allSession->write(updates).ok());
+  const auto tablesSeenBy = [](Session& session) {
+    std::set<uint32_t> tables;
+    for (const Entity& entity : session.read({entityOf(p4::v1::TableEntry())})) {
+      tables.insert(entity.table_entry().table_id());
+    }
+    return tables;
+  };
+  EXPECT_EQ(tablesSeenBy(*routerSession), (std::set{routes, bundles}));
+  EXPECT_EQ(tablesSeenBy(*guardSession), (std::set{rules, bundles}));
+  EXPECT_EQ(tablesSeenBy(*guestSession), (std::set{bundles}));
+  EXPECT_EQ(tablesSeenBy(*allSession), (std::set{routes, rules, bundles}));
+  const auto thief = session({.role = roleOf("thief", shares({rules})), .hasRole = true});
+  thief->arbitrate();
+  EXPECT_THAT(thief->close().error_message(), HasSubstr("which role 'guard' keeps to itself"));
+
   // Some controllers look for these words, and come again one lower.
   const auto duplicate = session(pusher);
   duplicate->arbitrate();
@@ -542,6 +616,67 @@ TEST_F(StoryTest, ARoleDoesWhatItsConfigSays) {
   EXPECT_THAT(status.error_message(), testing::ContainsRegex("election id .* used"));
   EXPECT_TRUE(one->close().ok());
   EXPECT_TRUE(other->close().ok());
+}
+
+// Plain connections have no identity: here their roles tell them apart.
+TEST_F(StoryTest, APolicySaysWhatEachRoleMayDoAndIsReadAgain) {
+  const std::string file = directory_.file("policy.json");
+  const auto policyIs = [&](const std::string& guardsTables) {
+    std::ofstream(file) << R"({"name": "p", "allow_rules": [
+        {"name": "router", "source": {"principals": [""]},
+         "request": {"roles": ["router"], "tables": ["*.ipv4_route"]}},
+        {"name": "guard", "request": {"roles": ["guard"], "tables": [")" +
+                               guardsTables + R"("]}}]})";
+  };
+  const auto setPolicy = [&](const std::string& path) {
+    return agent_.korvel({"set", "p4runtime/config/security", "policy", path});
+  };
+  const auto status = [&](const char* attribute) {
+    return agent_.korvel({"get", "p4runtime/status/policy", attribute}).output;
+  };
+  const Who all{};
+  const auto pusher = session(all);
+  begins(all, *pusher);
+  EXPECT_NE(setPolicy(file).exit.code, 0) << "a file that is not there";
+  policyIs("*.acl");
+  ASSERT_EQ(setPolicy(file).exit.code, 0);
+  EXPECT_EQ(pusher->write({}).error_code(), grpc::PERMISSION_DENIED);  // of the default role
+
+  const Who router{.role = roleOf("router"), .hasRole = true};
+  const Who guard{.role = roleOf("guard"), .hasRole = true};
+  const Who thief{.role = roleOf("thief"), .hasRole = true};
+  const auto routerSession = session(router);
+  EXPECT_EQ(routerSession->arbitrate().status().code(), 0);
+  const auto guardSession = session(guard);
+  EXPECT_EQ(guardSession->arbitrate().status().code(), 0);
+  const auto thiefSession = session(thief);
+  thiefSession->sendArbitration();
+  const grpc::Status out = thiefSession->close();
+  EXPECT_EQ(out.error_code(), grpc::PERMISSION_DENIED);
+  EXPECT_THAT(out.error_message(), HasSubstr("in role 'thief'"));
+
+  const Update route = insertOf(Router::route(router_, 1, 1));
+  const Update rule = insertOf(Router::aclRule(router_, 1));
+  EXPECT_TRUE(routerSession->write({route}).ok());
+  const grpc::Status both = guardSession->write({route, rule});
+  EXPECT_EQ(both.error_code(), grpc::UNKNOWN);
+  EXPECT_THAT(both.error_details(), HasSubstr("table ingress.ipv4_route: not to be written by"));
+  EXPECT_THAT(both.error_details(), HasSubstr("in role 'guard'"));
+  EXPECT_THAT(routerSession->read({entityOf(TableEntry())}), SizeIs(1));
+  EXPECT_THAT(guardSession->read({entityOf(TableEntry())}), SizeIs(1));
+
+  std::ofstream(file) << "{";
+  ASSERT_TRUE(TestSupport::waitUntil(
+      [&] { return status("fault").find("not JSON") != std::string::npos; }));
+  EXPECT_FALSE(guardSession->write({route}).ok());
+  policyIs("*");
+  ASSERT_TRUE(
+      TestSupport::waitUntil([&] { return status("loads").find('2') != std::string::npos; }));
+  EXPECT_THAT(status("fault"), Not(HasSubstr("JSON")));
+  EXPECT_THAT(guardSession->read({entityOf(TableEntry())}), SizeIs(2));
+  EXPECT_TRUE(guardSession->write({deleteOf(Router::route(router_, 1, 1))}).ok());
+  EXPECT_TRUE(routerSession->close().ok());
+  EXPECT_TRUE(guardSession->close().ok());
 }
 
 }  // namespace

@@ -39,6 +39,8 @@ platform/wirra/packets    platform/vela+
 platform/wirra/devices    platform/orrery+
 platform/wirra/interfaces platform/wirra/devices+
 
+access                    platform/vela proto
+
 PI/include/PI             -
 PI/include/PI/*           PI/include/PI proto
 PI/core                   PI/include
@@ -54,7 +56,7 @@ PI/frontend/restore       PI/frontend/target+
 PI/frontend/notices       PI/frontend/store+
 PI/frontend               PI/frontend PI/core PI/include proto
 PI/server/tls             -
-PI/server                 PI/server/tls PI/core PI/include proto
+PI/server                 PI/server/tls PI/core PI/include access proto
 
 pipeline                  platform PI/include proto
 
@@ -79,7 +81,7 @@ P4Runtime/table/write     P4Runtime/table/undo+
 P4Runtime/table/restore   P4Runtime/table/write+
 P4Runtime/table           P4Runtime/table/restore+
 P4Runtime/table/target    P4Runtime/table+
-P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ p4
+P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ access p4
 
 forwarder/base            -
 forwarder/table           platform
@@ -96,8 +98,9 @@ cli/client                platform
 cli/agent                 cli/client+ P4Runtime/agent P4Runtime/companion
 cli/table                 cli/client+
 cli/pipeline              pipeline platform proto
+cli/policy                access pipeline proto
 cli/switch                P4Runtime/companion platform
-cli                       cli/agent+ cli/table+ cli/pipeline+ cli/switch+
+cli                       cli/agent+ cli/table+ cli/pipeline+ cli/policy+ cli/switch+
 
 examples/minimal-forwarder   platform/lattice
 examples/plugins/table-use   P4Runtime/plugin
@@ -105,7 +108,8 @@ examples/plugins/table-use   P4Runtime/plugin
 tests/support             platform proto
 tests/support/plugins     P4Runtime/plugin
 tests/platform/*          platform tests/support
-tests/PI/*                PI proto tests/support
+tests/access              access proto tests/support
+tests/PI/*                PI access proto tests/support
 tests/p4                  p4 proto
 tests/pipeline            cli/pipeline+ PI/include platform tests/support
 tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "PI/frontend/base/Lenience.h"
+#include "PI/frontend/check/RightsCheck.h"
 #include "PI/frontend/store/EntityRows.h"
 #include "PI/target/pi_extensions_imp.h"
 
@@ -49,10 +50,11 @@ void countIs(const EntityPlan& plan, const pi_counter_data_t& count,
 
 }  // namespace
 
-bool EntityReader::sendAll(const Query& query) {
+bool EntityReader::sendAll(const Query& query, const EntityRights* rights) {
   if (query.entity != nullptr) return sendAllOf(*query.entity);
   for (const auto& plan : index_.entities()) {
     if (plan->kind != query.entityKind || plan->table == nullptr) continue;
+    if (!mayRead(rights, objectOf(*plan))) continue;
     if (!sendAllOf(*plan)) return false;
   }
   return true;

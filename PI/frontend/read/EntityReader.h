@@ -12,6 +12,7 @@
 #include "PI/frontend/read/RegisterCells.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/target/TargetSession.h"
+#include "PI/frontends/proto/entity_rights.h"
 #include "PI/pi_counter.h"
 
 namespace pi::fe::proto {
@@ -23,8 +24,9 @@ class EntityReader {
                const TargetSession& session, EntitySender* sender)
       : index_(index), snapshot_(snapshot), session_(session), sender_(*sender) {}
 
-  // Both return false once the client wants no more. `found`: the row, null for none.
-  bool sendAll(const Query& query);
+  // Both return false once the client wants no more. `found`: the row, null for none. `rights` are
+  // the caller's; null: it may read all.
+  bool sendAll(const Query& query, const EntityRights* rights);
   bool sendOne(const Query& query, const Entry* found);
 
  private:

@@ -3,6 +3,7 @@
 
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
+#include "PI/frontend/check/RightsCheck.h"
 #include "PI/frontend/read/EntityReader.h"
 #include "PI/frontend/store/KeyCodec.h"
 #include "PI/frontend/store/ProfileObjects.h"
@@ -54,7 +55,9 @@ void ReadRun::doCheck(const p4::v1::ReadRequest& request) {
   for (size_t query = 0; query < count; ++query) {
     firstEqual_.push_back(query);
     try {
-      queries_[query] = checkedQuery(index_, request.entities(static_cast<int>(query)));
+      const p4::v1::Entity& entity = request.entities(static_cast<int>(query));
+      if (rights_ != nullptr) requireReadRight(index_, *rights_, entity);
+      queries_[query] = checkedQuery(index_, entity);
       firstEqual_[query] = known.try_emplace(queries_[query].identity(), query).first->second;
       if (firstEqual_[query] == query) doPlan(query);
     } catch (const Refusal& refusal) {
@@ -77,7 +80,8 @@ void ReadRun::doPlan(size_t query) {
   }
   if (planned.kind == Query::Kind::allTables) {
     for (const auto& table : index_.tables()) {
-      if (planned.concerns(*table)) tableRead(*table).ofAnyKey.push_back(query);
+      if (!planned.concerns(*table) || !mayReadTable(*table)) continue;
+      tableRead(*table).ofAnyKey.push_back(query);
     }
   }
   if (planned.kind != Query::Kind::table) return;
@@ -91,6 +95,10 @@ void ReadRun::doPlan(size_t query) {
            kMostQueriesOfATable, " different queries for many entries of a table; send more Reads");
   }
   read.ofAnyKey.push_back(query);
+}
+
+bool ReadRun::mayReadTable(const TablePlan& table) const {
+  return mayRead(rights_, {EntityObject::Kind::ofP4Info, table.id});
 }
 
 ReadRun::TableRead& ReadRun::tableRead(const TablePlan& table) {
@@ -140,7 +148,8 @@ bool ReadRun::sendResult(const EntryStore::Snapshot& snapshot, size_t query, Ent
   switch (wanted.kind) {
     case Query::Kind::allTables:
       for (auto& [tableId, read] : tables_) {
-        if (wanted.concerns(*read.table) && !sendTable(snapshot, &read, sender)) return false;
+        if (!wanted.concerns(*read.table) || !mayReadTable(*read.table)) continue;
+        if (!sendTable(snapshot, &read, sender)) return false;
       }
       return true;
     case Query::Kind::table:
@@ -153,7 +162,7 @@ bool ReadRun::sendResult(const EntryStore::Snapshot& snapshot, size_t query, Ent
     case Query::Kind::objects:
       return sendObjects(snapshot, wanted, sender);
     case Query::Kind::entities:
-      return EntityReader(index_, snapshot, session_, sender).sendAll(wanted);
+      return EntityReader(index_, snapshot, session_, sender).sendAll(wanted, rights_);
     case Query::Kind::oneEntity:
       return EntityReader(index_, snapshot, session_, sender)
           .sendOne(wanted, snapshot.found()[foundAt_.at(query)].get());
@@ -180,6 +189,7 @@ bool ReadRun::sendDefaults(const EntryStore::Snapshot& snapshot, size_t number,
   const Query& query = queries_[number];
   for (const auto& table : index_.tables()) {
     if (query.table != nullptr && query.table != table.get()) continue;
+    if (!mayReadTable(*table)) continue;
     const Entry* written =
         table->defaultEntry ? snapshot.onlyEntry(table->defaultEntry->id) : nullptr;
     if (!sendDefault(number, *table, written, sender)) return false;
@@ -209,6 +219,7 @@ bool ReadRun::sendObjects(const EntryStore::Snapshot& snapshot, const Query& que
                           EntitySender* sender) {
   for (const auto& profile : index_.profiles()) {
     if (query.profile != nullptr && query.profile != profile.get()) continue;
+    if (!mayRead(rights_, {EntityObject::Kind::ofP4Info, profile->id})) continue;
     for (const Entry* object : snapshot.objects(profile->id, query.groups)) {
       if (!sender->sendObject(*object)) return false;
     }

@@ -21,12 +21,13 @@
 namespace pi::fe::proto {
 
 // For one Read, on its thread, without a lock. Waits for the client, and for a turn when it walks
-// through tables; it asks the target for counts alone. Equal queries share one result.
+// through tables; it asks the target for counts alone. Equal queries share one result. Queries for
+// all objects pass over those that the caller may not read.
 class ReadRun {
  public:
   ReadRun(const P4InfoIndex& index, EntryStore& store, const TargetSession& session,
-          ReadTurns& turns)
-      : index_(index), store_(store), session_(session), turns_(turns) {}
+          ReadTurns& turns, const EntityRights* rights = nullptr)
+      : index_(index), store_(store), session_(session), turns_(turns), rights_(rights) {}
 
   google::rpc::Status run(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink);
 
@@ -47,6 +48,7 @@ class ReadRun {
 
   void doCheck(const p4::v1::ReadRequest& request);
   void doPlan(size_t query);
+  bool mayReadTable(const TablePlan& table) const;
   TableRead& tableRead(const TablePlan& table);
   std::vector<EntryLookup> lookups() const;
   void doCheckFound(const EntryStore::Snapshot& snapshot);
@@ -71,7 +73,8 @@ class ReadRun {
   EntryStore& store_;
   const TargetSession session_;
   ReadTurns& turns_;
-  bool walks_ = false;  // through whole tables or profiles
+  const EntityRights* const rights_;  // of the caller; null: it may read all
+  bool walks_ = false;                // through whole tables or profiles
   bool countsWanted_ = false;
   std::vector<Query> queries_;
   Queries firstEqual_;                           // of each query, the first that is equal to it

@@ -16,6 +16,7 @@ class Pipeline;
 struct WaitingWrite {
   const p4::v1::WriteRequest& request;
   const DeviceMgr::Admit& admit;
+  const EntityCaller* caller;          // null: it has no limits
   std::shared_ptr<Pipeline> pipeline;  // that its updates were checked with
   CheckedWrite checked;
   google::rpc::Status status{};

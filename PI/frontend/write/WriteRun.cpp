@@ -5,6 +5,7 @@
 #include "PI/frontend/base/Permission.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
+#include "PI/frontend/check/RightsCheck.h"
 #include "PI/frontend/check/UpdateCheck.h"
 #include "PI/frontend/store/HeldNames.h"
 #include "PI/frontend/target/TargetCalls.h"
@@ -40,15 +41,18 @@ class WriteScope {
   EntryStore& store_;
 };
 
-}  // namespace
-
-CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request) {
+// `require` throws a Refusal of an update that the caller may not make.
+template <typename Require>
+CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request,
+                          Require require) {
   CheckedWrite write;
   write.operations.resize(request.updates_size());
   for (size_t i = 0; i < write.operations.size(); ++i) {
     WriteOperation& operation = write.operations[i];
     try {
-      operation.update = checkedUpdate(index, request.updates(static_cast<int>(i)));
+      const Update& update = request.updates(static_cast<int>(i));
+      require(update);
+      operation.update = checkedUpdate(index, update);
       operation.runs = static_cast<bool>(operation.update.slot.entry);
     } catch (const Refusal& refusal) {
       if (write.errors.empty()) write.errors.resize(write.operations.size());
@@ -57,6 +61,16 @@ CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& 
     }
   }
   return write;
+}
+
+}  // namespace
+
+CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request,
+                          const EntityRights* rights) {
+  if (rights == nullptr) return checkedWrite(index, request, [](const Update&) {});
+  return checkedWrite(index, request, [&](const Update& update) {
+    requireWriteRight(index, *rights, update.entity());
+  });
 }
 
 bool WriteRun::add(CheckedWrite& write, pi_batch_fate_t fate, google::rpc::Status* status) {

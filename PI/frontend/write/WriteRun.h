@@ -17,6 +17,7 @@
 #include "PI/frontend/write/NameWrites.h"
 #include "PI/frontend/write/TentativeEntries.h"
 #include "PI/frontend/write/WriteOrder.h"
+#include "PI/frontends/proto/entity_rights.h"
 #include "PI/pi_base.h"
 #include "PI/pi_extensions.h"
 #include "google/rpc/status.pb.h"
@@ -37,7 +38,9 @@ struct CheckedWrite {
   std::vector<WriteOperation> operations;  // one an update
   std::vector<p4::v1::Error> errors;       // empty, or one an update
 };
-CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request);
+// `rights` are the caller's; null: it may write all.
+CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request,
+                          const EntityRights* rights);
 
 // For one Write, or for several that share their batches. One runs at a time for a store; no lock
 // of the front end but that of its Writes may be held, since the target takes its own and waits for

@@ -52,6 +52,7 @@ class ArbitrationTest : public testing::Test {
           name_ + ": " + code +
           (notice.highest ? ", " + std::to_string(notice.highest->low) : ", unset"));
     }
+    const std::string& identity() const override { return name_; }
     void displaced(const std::string&) override { test_.log_.push_back(name_ + ": displaced"); }
 
    private:

@@ -56,17 +56,26 @@ DeviceMgr::Status DeviceMgr::pipeline_config_get(
 
 bool DeviceMgr::has_pipeline() const { return true; }
 
-DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request, const Admit& admit) {
+DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request, const Admit& admit,
+                                   const EntityCaller* caller) {
   static std::mutex writing;
   ++TheFakeDevice().waiting;
   const std::lock_guard turn(writing);
   const Status admitted = admit();
   if (admitted.code() != 0) return admitted;
+  TheFakeDevice().caller = caller;
   return TheFakeDevice().onWrite ? TheFakeDevice().onWrite(request) : Status();
 }
 
-DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request, const ReadSink& sink) const {
+DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request, const ReadSink& sink,
+                                  const EntityCaller* caller) const {
+  TheFakeDevice().caller = caller;
   return TheFakeDevice().onRead ? TheFakeDevice().onRead(request, sink) : Status();
+}
+
+bool DeviceMgr::may_read(const EntityCaller& caller, uint32_t object_id) const {
+  const auto& p4Info = TheFakeDevice().pipelines.back().p4info();
+  return caller.rights(1, p4Info)->permits(EntityUse::read, {{}, object_id});
 }
 
 DeviceMgr::Status DeviceMgr::stream_message_request_handle(

@@ -21,7 +21,8 @@ struct FakeDevice {
   // then.
   std::vector<p4::v1::ForwardingPipelineConfig> pipelines;
   int alive = 0;
-  static inline std::atomic<int> waiting = 0;  // Writes that came, of all devices
+  const pi::fe::proto::EntityCaller* caller = nullptr;  // of the last call, which has not returned
+  static inline std::atomic<int> waiting = 0;           // Writes that came, of all devices
 
   // As if the device had something for its controllers.
   void emit(uint64_t deviceId, const p4::v1::StreamMessageResponse& response);

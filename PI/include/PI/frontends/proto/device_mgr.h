@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 
+#include "PI/frontends/proto/entity_rights.h"
 #include "PI/pi_base.h"
 #include "google/rpc/status.pb.h"
 #include "p4/v1/p4runtime.pb.h"
@@ -69,12 +70,20 @@ class DeviceMgr {
   // Device, role and election id have been checked by the caller. The status carries one
   // p4.v1.Error an update when any failed (code UNKNOWN). One Write runs at a time. `admit` is
   // asked when this one's turn has come: a status other than OK is returned as it is, with nothing
-  // done.
+  // done. An update that the caller may not make fails with PERMISSION_DENIED; null: it may make
+  // all.
   using Admit = std::function<Status()>;
-  Status write(const p4::v1::WriteRequest& request, const Admit& admit = nullptr);
+  Status write(const p4::v1::WriteRequest& request, const Admit& admit = nullptr,
+               const EntityCaller* caller = nullptr);
+  // A query for all objects of a kind is answered from those that the caller may read; one that
+  // names another object fails with PERMISSION_DENIED.
   Status read(const p4::v1::ReadRequest& request, p4::v1::ReadResponse* response) const;
   // The same in pieces of less than 1 MiB each, built and handed over outside every lock.
-  Status read(const p4::v1::ReadRequest& request, const ReadSink& sink) const;
+  Status read(const p4::v1::ReadRequest& request, const ReadSink& sink,
+              const EntityCaller* caller = nullptr) const;
+  // Whether the caller may read the object of the P4Info, and so hears of it. False without a
+  // pipeline.
+  bool may_read(const EntityCaller& caller, uint32_t object_id) const;
 
   // Packet out and digest acknowledgements. Packets wait for no Write. A PacketOut that is not as
   // the pipeline's packet_out header has it is INVALID_ARGUMENT (UNIMPLEMENTED: the header itself
