@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/LogCommand.h"
 #include "cli/TraceCommand.h"
 #include "cli/agent/AgentCommand.h"
 #include "cli/agent/ConfigCommand.h"
@@ -40,6 +41,7 @@ void addCommands(CLI::App& app) {
   addTableCommand(app);
   addTopCommand(app);
   addTraceCommand(app);
+  addLogCommand(app);
 }
 
 // The subcommand that was being parsed, for the hint.

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "P4Runtime/agent/AccountLog.h"
 #include "P4Runtime/agent/CliCommands.h"
 #include "P4Runtime/agent/GrpcLog.h"
 #include "P4Runtime/agent/ProtobufLog.h"
@@ -262,6 +263,7 @@ void Agent::doBuildServer() {
   for (Vela::Observation& one : followServerLimits(*p4RtSystemConfig())) {
     changes_.push_back(std::move(one));
   }
+  keepAccounts(runtime_.stateDirectory);
   doFollowPolicy();  // before the server listens
   const ServerSecurity security = serverSecurity(*p4RtSystemConfig(), *securityConfig_);
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));

@@ -12,6 +12,7 @@
 #include "PI/core/PacketCounts.h"
 #include "PI/frontends/proto/write_statistics.h"
 #include "PI/proto/pi_server.h"
+#include "PI/server/Accounting.h"
 #include "PI/server/ArenaRequest.h"
 #include "PI/server/CallStatus.h"
 #include "PI/server/ControllerStream.h"
@@ -133,7 +134,8 @@ P4RuntimeService::AccessPtr P4RuntimeService::accessOf(const grpc::ServerContext
 template <typename Request, typename Serve>
 Status P4RuntimeService::served(const grpc::ServerContext& context, const char* path,
                                 const ReceivedMessage& received, size_t maxBytes, Serve serve) {
-  return statusOf([&] {
+  return accounted(context, [&](AccountedCall& account) {
+    account.callIs(path);
     const AccessPtr access = accessOf(context);
     if (access) {
       Status permitted = access->requireCall(path);
@@ -162,6 +164,7 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const char* 
     if (!isParsed) {
       return Status(StatusCode::INVALID_ARGUMENT, "the message is no p4.v1." + name);
     }
+    account.requestIs(request.message());
     received.bytes.Clear();
     return serve(request.message(), access);
   });
@@ -367,7 +370,10 @@ Status P4RuntimeService::streamChannel(
     return CallerAccess::make(arbitration_, rights_, [&] { return peer; });
   };
   if (const AccessPtr access = accessNow()) {
-    Status permitted = access->requireCall(Access::path::stream);
+    Status permitted = accounted(context, [&](AccountedCall& account) {
+      account.callIs("/p4.v1.P4Runtime/StreamChannel");
+      return access->requireCall(Access::path::stream);
+    });
     if (!permitted.ok()) return permitted;
   }
   ControllerStream stream(context, call, arbitration_, devices_, streams_,
