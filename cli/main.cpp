@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "cli/LogCommand.h"
 #include "cli/TraceCommand.h"
 #include "cli/agent/AgentCommand.h"
 #include "cli/client/ControlCommands.h"
@@ -36,6 +37,7 @@ void addCommands(CLI::App& app) {
   addOrreryCommands(app);
   addTableCommand(app);
   addTraceCommand(app);
+  addLogCommand(app);
 }
 
 // The subcommand that was being parsed, for the hint.

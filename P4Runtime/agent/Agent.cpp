@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "P4Runtime/agent/AccountLog.h"
 #include "P4Runtime/agent/CliCommands.h"
 #include "P4Runtime/agent/GrpcLog.h"
 #include "P4Runtime/agent/ProtobufLog.h"
@@ -263,6 +264,7 @@ void Agent::doBuildServer() {
     changes_.push_back(std::move(one));
   }
   doFollowPolicy();  // before the server listens
+  keepAccounts(runtime_.stateDirectory);
   const ServerSecurity security = serverSecurity(*p4RtSystemConfig(), *securityConfig_);
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
   piServer()->securityIs(security);

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "PI/core/PlainText.h"
+#include "PI/server/Accounting.h"
 #include "PI/server/CallStatus.h"
 #include "PI/server/Requester.h"
 #include "PI/server/Thread.h"
@@ -160,7 +161,7 @@ void ControllerStream::messageIs(OutgoingQueue::Message message, size_t bytes) {
 Status ControllerStream::handle(const p4::v1::StreamMessageRequest& request) {
   switch (request.update_case()) {
     case p4::v1::StreamMessageRequest::kArbitration:
-      return handleArbitration(request.arbitration());
+      return accountedArbitration(request.arbitration());
     case p4::v1::StreamMessageRequest::kPacket:
     case p4::v1::StreamMessageRequest::kDigestAck:
       handleForDevice(request);
@@ -175,6 +176,15 @@ Status ControllerStream::handle(const p4::v1::StreamMessageRequest& request) {
              "the stream message is empty; set arbitration, packet, digest_ack or other");
   }
   return Status::OK;
+}
+
+Status ControllerStream::accountedArbitration(const p4::v1::MasterArbitrationUpdate& update) {
+  return accounted(context_, [&](AccountedCall& account) {
+    account.requestIs(update);
+    Status status = handleArbitration(update);
+    if (status.ok()) account.detailAdd(arbitration_.isPrimary(*this) ? ", primary" : ", backup");
+    return status;
+  });
 }
 
 Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate& update) {

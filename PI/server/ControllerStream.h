@@ -79,6 +79,7 @@ class ControllerStream : public ArbitrationClient {
 
   // Each returns OK, or the status with which the stream ends.
   grpc::Status handle(const p4::v1::StreamMessageRequest& request);
+  grpc::Status accountedArbitration(const p4::v1::MasterArbitrationUpdate& update);
   grpc::Status handleArbitration(const p4::v1::MasterArbitrationUpdate& update);
   void handleForDevice(const p4::v1::StreamMessageRequest& request);
   grpc::Status requireRight(const p4::v1::StreamMessageRequest& request);

@@ -10,6 +10,7 @@
 
 #include "PI/core/PacketCounts.h"
 #include "PI/proto/pi_server.h"
+#include "PI/server/Accounting.h"
 #include "PI/server/ArenaRequest.h"
 #include "PI/server/CallStatus.h"
 #include "PI/server/ControllerStream.h"
@@ -129,7 +130,7 @@ P4RuntimeService::AccessPtr P4RuntimeService::accessOf(const grpc::ServerContext
 template <typename Request, typename Serve>
 Status P4RuntimeService::served(const grpc::ServerContext& context, const char* path,
                                 const ReceivedMessage& received, size_t maxBytes, Serve serve) {
-  return statusOf([&] {
+  return accounted(context, [&](AccountedCall& account) {
     const AccessPtr access = accessOf(context);
     if (access) {
       Status permitted = access->requireCall(path);
@@ -154,6 +155,7 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const char* 
     if (!request.parse(&received.bytes, size)) {
       return Status(StatusCode::INVALID_ARGUMENT, "the message is no p4.v1." + name);
     }
+    account.requestIs(request.message());
     received.bytes.Clear();
     return serve(request.message(), access);
   });
@@ -358,7 +360,8 @@ Status P4RuntimeService::streamChannel(
     return CallerAccess::make(arbitration_, rights_, [&] { return peer; });
   };
   if (const AccessPtr access = accessNow()) {
-    Status permitted = access->requireCall(Access::path::stream);
+    Status permitted = accounted(
+        context, [&](AccountedCall&) { return access->requireCall(Access::path::stream); });
     if (!permitted.ok()) return permitted;
   }
   ControllerStream stream(context, call, arbitration_, devices_, streams_,

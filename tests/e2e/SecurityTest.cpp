@@ -94,6 +94,7 @@ TEST_F(SecuredAgentTest, ServesThoseWithACertificate) {
   EXPECT_TRUE(askedAs(target(), tls("controller")).ok());
   EXPECT_EQ(askedAs(target(), grpc::InsecureChannelCredentials()).error_code(),
             StatusCode::UNAVAILABLE);
+  EXPECT_THAT(agent_->korvel({"log", "-n", "1"}).output, HasSubstr("push OK agent own device 1"));
   std::filesystem::copy_file(certificates_.file("controller.key"), directory_.file("switch.key"),
                              std::filesystem::copy_options::overwrite_existing);
   EXPECT_TRUE(statusSays("does not belong to the certificate"));

@@ -46,8 +46,8 @@ void Certificates::authorityIs(const std::string& name) {
 }
 
 void Certificates::certificateIs(const CertificateWish& wish) {
-  run("req -new " + newKey + "-subj '" + wish.subject + "' -keyout " + wish.name + ".key -out " +
-      wish.name + ".csr" +
+  run("req -new " + (wish.isWeak ? "-newkey rsa:512 -nodes " : newKey) + "-subj '" + wish.subject +
+      "' -keyout " + wish.name + ".key -out " + wish.name + ".csr" +
       (wish.alternatives.empty() ? "" : " -addext 'subjectAltName=" + wish.alternatives + "'") +
       (wish.isAuthority ? " -addext basicConstraints=critical,CA:true" : ""));
   run("ca -batch -notext -config " + wish.authority + ".cnf -in " + wish.name + ".csr -out " +

@@ -15,6 +15,7 @@ struct CertificateWish {
   std::string authority = "ca";     // who signs
   bool isExpired = false;
   bool isAuthority = false;
+  bool isWeak = false;  // with a key that is too short
 };
 
 // Each step throws std::runtime_error, with openssl's words, where it fails.

@@ -1,6 +1,7 @@
 #include "PI/server/tls/CertificateFiles.h"
 
 #include <fcntl.h>
+#include <openssl/ssl.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -104,12 +105,28 @@ class Check {
     if (X509_check_private_key(first, key.get()) != 1) {
       refuse("key", paths_.key, "does not belong to the certificate " + paths_.certificate);
     }
+    requireUsable(own, *key);
     checked_.summary =
         nameText(X509_get_subject_name(first)) + ", until " + timeText(X509_get0_notAfter(first));
     warnFromThen(X509_get0_notAfter(first), "certificate " + paths_.certificate, "; renew it");
     if (othersMayRead(paths_.key)) {
       warn(0, "key " + paths_.key + " is open to every user of the machine; chmod 600 it");
     }
+  }
+
+  // As gRPC uses them: OpenSSL takes no key that is too short.
+  void requireUsable(const std::vector<CertificatePtr>& own, EVP_PKEY& key) {
+    const std::unique_ptr<SSL_CTX, FreeWith<&SSL_CTX_free>> context(
+        SSL_CTX_new(TLS_server_method()));
+    bool isUsable = context && SSL_CTX_use_certificate(context.get(), own.front().get()) == 1 &&
+                    SSL_CTX_use_PrivateKey(context.get(), &key) == 1;
+    for (size_t i = 1; isUsable && i < own.size(); ++i) {
+      isUsable = SSL_CTX_add1_chain_cert(context.get(), own[i].get()) == 1;
+    }
+    if (isUsable) return;
+    const std::string reason = lastOpensslError();
+    refuse("certificate", paths_.certificate,
+           "TLS cannot use it (" + reason + "); make another key and certificate");
   }
 
   void checkClientCa() {

@@ -58,6 +58,12 @@ KeyPtr keyIn(std::string_view pem) {
   return key;
 }
 
+std::string lastOpensslError() {
+  const char* const text = ERR_reason_error_string(ERR_peek_last_error());
+  ERR_clear_error();
+  return text ? text : "no reason given";
+}
+
 std::string nameText(const X509_NAME* name) {
   const BioPtr bio(BIO_new(BIO_s_mem()));
   if (!bio) return "";

@@ -28,6 +28,9 @@ std::vector<CrlPtr> crlsIn(std::string_view pem);
 // Null where it is broken or has a passphrase.
 KeyPtr keyIn(std::string_view pem);
 
+// Why a call of OpenSSL failed just now on this thread, in its words.
+std::string lastOpensslError();
+
 // "CN=switch-1, O=Example"
 std::string nameText(const X509_NAME* name);
 // "2026-11-22T20:00:00Z"

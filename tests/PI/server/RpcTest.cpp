@@ -2,9 +2,12 @@
 #include <gmock/gmock.h>
 
 #include <future>
+#include <mutex>
 #include <stdexcept>
+#include <vector>
 
 #include "PI/proto/pi_server.h"
+#include "PI/proto/pi_server_account.h"
 #include "google/rpc/status.pb.h"
 #include "tests/PI/server/ServerFixture.h"
 #include "tests/PI/support/RefusedWith.h"
@@ -96,6 +99,38 @@ TEST_F(ServerTest, WhatTheDeviceThrowsIsAnInternalErrorAndTheNextCallIsServed) {
   packet.mutable_packet();
   primary->send(packet);
   EXPECT_EQ(primary->ended().error_code(), StatusCode::INTERNAL);
+}
+
+// "Write 0 2 updates": call, code, detail.
+struct Accounts {
+  Accounts() {
+    PIGrpcServerAccountantIs(
+        [](const PIGrpcServerAccount_t* account, void* cookie) {
+          auto& self = *static_cast<Accounts*>(cookie);
+          const std::lock_guard lock(self.mutex);
+          self.all.push_back(std::string(account->what) + " " + std::to_string(account->code) +
+                             " " + account->detail);
+        },
+        this);
+  }
+  ~Accounts() { PIGrpcServerAccountantIs(nullptr, nullptr); }
+  std::mutex mutex;
+  std::vector<std::string> all;
+};
+
+TEST_F(ServerTest, CallsThatChangeSomethingOrAreRefusedAreAccountedFor) {
+  Accounts accounts;
+  const auto primary = served(10);
+  EXPECT_TRUE(write(writeRequest(10, 2)).ok());
+  EXPECT_EQ(write(9).error_code(), StatusCode::PERMISSION_DENIED);
+  grpc::ClientContext context;
+  p4::v1::CapabilitiesResponse response;
+  EXPECT_TRUE(stub_->Capabilities(&context, {}, &response).ok());
+  stop();
+  start();
+  EXPECT_THAT(accounts.all, testing::ElementsAre("push 0 VERIFY_AND_COMMIT",
+                                                 "arbitration 0 election id 10, primary",
+                                                 "Write 0 2 updates", "Write 7 1 update"));
 }
 
 TEST_F(ServerTest, OnlyTheLocalTokenPushesWithoutArbitration) {

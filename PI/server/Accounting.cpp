@@ -1,0 +1,109 @@
+#include "PI/server/Accounting.h"
+
+#include <atomic>
+
+#include "PI/proto/pi_server_account.h"
+#include "PI/server/Peer.h"
+
+namespace pi::server {
+namespace {
+
+using Accountant = void (*)(const PIGrpcServerAccount_t*, void*);
+
+std::atomic<Accountant> accountant{nullptr};
+std::atomic<void*> accountantCookie{nullptr};
+
+std::string counted(int count, const char* what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+std::string electionText(const p4::v1::Uint128& id) {
+  return id.high() == 0 ? std::to_string(id.low())
+                        : std::to_string(id.high()) + ":" + std::to_string(id.low());
+}
+
+bool isRefusal(grpc::StatusCode code) {
+  return code == grpc::StatusCode::PERMISSION_DENIED || code == grpc::StatusCode::UNAUTHENTICATED ||
+         code == grpc::StatusCode::RESOURCE_EXHAUSTED;
+}
+
+}  // namespace
+
+AccountedCall::AccountedCall(const grpc::ServerContext& context)
+    : context_(context),
+      listened_(accountant.load(std::memory_order_relaxed) != nullptr),
+      began_(listened_ ? std::chrono::steady_clock::now()
+                       : std::chrono::steady_clock::time_point()) {}
+
+void AccountedCall::requestIs(const p4::v1::WriteRequest& request) {
+  if (!listened_) return;
+  what_ = "Write";
+  changes_ = true;
+  deviceId_ = request.device_id();
+  role_ = request.role();
+  detail_ = counted(request.updates_size(), "update");
+}
+
+void AccountedCall::requestIs(const p4::v1::SetForwardingPipelineConfigRequest& request) {
+  if (!listened_) return;
+  what_ = "push";
+  changes_ = true;
+  deviceId_ = request.device_id();
+  role_ = request.role();
+  detail_ = p4::v1::SetForwardingPipelineConfigRequest::Action_Name(request.action());
+}
+
+void AccountedCall::requestIs(const p4::v1::ReadRequest& request) {
+  if (!listened_) return;
+  what_ = "Read";
+  deviceId_ = request.device_id();
+  role_ = request.role();
+  detail_ = std::to_string(request.entities_size()) + " queries";
+}
+
+void AccountedCall::requestIs(const p4::v1::GetForwardingPipelineConfigRequest& request) {
+  what_ = "GetForwardingPipelineConfig";
+  deviceId_ = request.device_id();
+}
+
+void AccountedCall::requestIs(const p4::v1::CapabilitiesRequest& request) {
+  what_ = "Capabilities";
+  deviceId_ = request.device_id();
+}
+
+void AccountedCall::requestIs(const p4::v1::MasterArbitrationUpdate& request) {
+  if (!listened_) return;
+  what_ = "arbitration";
+  changes_ = true;
+  deviceId_ = request.device_id();
+  role_ = request.role().name();
+  detail_ = request.has_election_id() ? "election id " + electionText(request.election_id())
+                                      : "no election id";
+}
+
+void AccountedCall::end(const grpc::Status& status) const {
+  if (!listened_ || (!changes_ && !isRefusal(status.error_code()))) return;
+  using std::chrono::microseconds;
+  const auto took =
+      std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now() - began_);
+  const Peer peer = peerOf(context_);
+  const bool isOwn = peer.way == Peer::Way::ownProcess;
+  const std::string message = status.error_message();
+  const PIGrpcServerAccount_t account{.what = what_,
+                                      .identity = isOwn ? "agent" : peer.identity.c_str(),
+                                      .address = isOwn ? "own" : peer.address.c_str(),
+                                      .device_id = deviceId_,
+                                      .role = role_.c_str(),
+                                      .detail = detail_.c_str(),
+                                      .code = status.error_code(),
+                                      .message = message.c_str(),
+                                      .duration_us = static_cast<uint64_t>(took.count())};
+  if (const Accountant tell = accountant.load()) tell(&account, accountantCookie.load());
+}
+
+}  // namespace pi::server
+
+void PIGrpcServerAccountantIs(void (*account)(const PIGrpcServerAccount_t*, void*), void* cookie) {
+  pi::server::accountantCookie = cookie;
+  pi::server::accountant = account;
+}
