@@ -263,8 +263,8 @@ void Agent::doBuildServer() {
   for (Vela::Observation& one : followServerLimits(*p4RtSystemConfig())) {
     changes_.push_back(std::move(one));
   }
-  keepAccounts(runtime_.stateDirectory);
   doFollowPolicy();  // before the server listens
+  keepAccounts(runtime_.stateDirectory);
   const ServerSecurity security = serverSecurity(*p4RtSystemConfig(), *securityConfig_);
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
   piServer()->securityIs(security);

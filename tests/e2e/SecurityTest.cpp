@@ -5,9 +5,12 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 
+#include "tests/e2e/Router.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/Certificates.h"
+#include "tests/support/ForwarderProcess.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/TestController.h"
 
@@ -101,6 +104,90 @@ TEST_F(SecuredAgentTest, ServesThoseWithACertificate) {
   }));
   EXPECT_THAT(agent_->korvel({"set", "p4runtime/config/security", "insecure", "true"}).error,
               HasSubstr("read when the agent starts"));
+}
+
+// A controller with a certificate, in a role.
+class RoleController {
+ public:
+  RoleController(const std::string& target, const std::shared_ptr<grpc::ChannelCredentials>& who,
+                 std::string role)
+      : stub_(p4::v1::P4Runtime::NewStub(grpc::CreateChannel(target, who))),
+        role_(std::move(role)) {
+    context_.set_deadline(std::chrono::system_clock::now() + patience);
+    stream_ = stub_->StreamChannel(&context_);
+  }
+
+  // OK when it is the primary; else the status with which its stream has ended.
+  grpc::Status arbitrate() {
+    p4::v1::StreamMessageRequest request;
+    request.mutable_arbitration()->set_device_id(1);
+    request.mutable_arbitration()->mutable_role()->set_name(role_);
+    request.mutable_arbitration()->mutable_election_id()->set_low(1);
+    stream_->Write(request);
+    p4::v1::StreamMessageResponse response;
+    return stream_->Read(&response) ? grpc::Status::OK : stream_->Finish();
+  }
+  grpc::Status write(const p4::v1::TableEntry& entry) {
+    p4::v1::WriteRequest request;
+    request.set_device_id(1);
+    request.set_role(role_);
+    request.mutable_election_id()->set_low(1);
+    p4::v1::Update& update = *request.add_updates();
+    update.set_type(p4::v1::Update::INSERT);
+    *update.mutable_entity()->mutable_table_entry() = entry;
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + patience);
+    p4::v1::WriteResponse response;
+    return stub_->Write(&context, request, &response);
+  }
+
+ private:
+  const std::unique_ptr<p4::v1::P4Runtime::Stub> stub_;
+  const std::string role_;
+  grpc::ClientContext context_;
+  std::unique_ptr<
+      grpc::ClientReaderWriter<p4::v1::StreamMessageRequest, p4::v1::StreamMessageResponse>>
+      stream_;
+};
+
+TEST_F(SecuredAgentTest, APolicyTellsControllersApartByTheirCertificates) {
+  certificatesAre();
+  for (const char* name : {"router", "guard", "stranger"}) {
+    certificates_.certificateIs(
+        {.name = name, .alternatives = fmt::format("URI:spiffe://lab/{}", name)});
+  }
+  const std::string policy = directory_.file("policy.json");
+  std::ofstream(policy) << R"({"name": "lab", "allow_rules": [
+      {"name": "router", "source": {"principals": ["spiffe://lab/router"]},
+       "request": {"roles": ["router"], "tables": ["*.ipv4_route"]}},
+      {"name": "guard", "source": {"principals": ["spiffe://lab/guard"]},
+       "request": {"roles": ["guard"], "tables": ["*.acl"]}}]})";
+  startWith(portMember(), fmt::format(R"({}, "policy": "{}")", filesMember(), policy));
+  ForwarderProcess forwarder(agent_->options().stateDirectory);
+  forwarder.start();
+  ASSERT_TRUE(forwarder.waitAttached());
+  ASSERT_TRUE(statusSays("server ready               true")) << agent_->output();
+
+  RoleController router(target(), tls("router"), "router");
+  ASSERT_TRUE(router.arbitrate().ok());
+  RoleController guard(target(), tls("guard"), "guard");
+  ASSERT_TRUE(guard.arbitrate().ok());
+  const Pipeline pipeline = Router::pipeline();
+  EXPECT_TRUE(router.write(Router::route(pipeline, 1, 1)).ok());
+  EXPECT_TRUE(guard.write(Router::aclRule(pipeline, 1)).ok());
+  const grpc::Status other = router.write(Router::aclRule(pipeline, 2));
+  EXPECT_EQ(other.error_code(), StatusCode::UNKNOWN);
+  EXPECT_THAT(other.error_details(),
+              HasSubstr("table ingress.acl: not to be written by 'spiffe://lab/router' in role "
+                        "'router'"));
+  // With the role and the election id of another one, and without any right.
+  RoleController thief(target(), tls("guard"), "router");
+  EXPECT_EQ(thief.arbitrate().error_code(), StatusCode::PERMISSION_DENIED);
+  EXPECT_EQ(thief.write(Router::route(pipeline, 2, 1)).error_code(), StatusCode::PERMISSION_DENIED);
+  RoleController stranger(target(), tls("stranger"), "router");
+  EXPECT_THAT(stranger.arbitrate().error_message(), HasSubstr("'spiffe://lab/stranger' may not"));
+  EXPECT_EQ(askedAs(target(), tls("stranger")).error_code(), StatusCode::PERMISSION_DENIED);
+  EXPECT_TRUE(askedAs(target(), tls("guard")).ok());
 }
 
 TEST_F(SecuredAgentTest, SaysThatItIsInsecureWhereItWasToldToBe) {

@@ -29,6 +29,10 @@ std::string objectionTo(const PeerNames& names) {
   if (identity.empty()) {
     return "the client's certificate names nobody; use one with a URI, a DNS name or a common name";
   }
+  if (identity.starts_with("unix:")) {
+    return "the name in the client's certificate stands for a user on the Unix socket; use another "
+           "name";
+  }
   if (identity.size() > kMostBytes || !isPlain(identity)) {
     return "the name in the client's certificate has blanks or other characters than printable "
            "ASCII, or more than " +
