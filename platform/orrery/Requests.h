@@ -31,8 +31,8 @@ class RequestError : public std::runtime_error {
 //   {"request": "watch", "path": P}                       as get; changes follow, a line each
 // Returns {"ok": true, ...}. Throws RequestError, and any exception of the entity.
 Vela::Json answerRequest(Database& database, const cJSON& request);
-// Told of each request that has been carried out, whoever made it, before its answer goes; one for
-// the process. Call with the activity lock held.
+// Told of each request of a socket or a command that has been carried out, before its answer goes;
+// one for the process. Call with the activity lock held.
 void carriedOutHandlerIs(std::function<void(const cJSON& request)> handler);
 Vela::Json errorAnswer(const std::string& message);  // {"ok": false, "error": message}
 
