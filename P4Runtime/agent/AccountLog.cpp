@@ -8,12 +8,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <utility>
 
+#include "P4Runtime/monitoring/CodeNames.h"
 #include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
@@ -23,29 +24,9 @@ constexpr size_t longestText = 200;  // of each text that a client chose
 constexpr size_t mostFileBytes = 4 << 20;
 constexpr const char* journalPath = "/run/systemd/journal/socket";
 
-constexpr std::array<const char*, 17> codeNames{
-    "OK",
-    "CANCELLED",
-    "UNKNOWN",
-    "INVALID_ARGUMENT",
-    "DEADLINE_EXCEEDED",
-    "NOT_FOUND",
-    "ALREADY_EXISTS",
-    "PERMISSION_DENIED",
-    "RESOURCE_EXHAUSTED",
-    "FAILED_PRECONDITION",
-    "ABORTED",
-    "OUT_OF_RANGE",
-    "UNIMPLEMENTED",
-    "INTERNAL",
-    "UNAVAILABLE",
-    "DATA_LOSS",
-    "UNAUTHENTICATED",
-};
-
 std::string codeName(int code) {
   const auto index = static_cast<size_t>(code);
-  return index < codeNames.size() ? codeNames[index] : std::to_string(code);
+  return index < std::size(statusCodeNames) ? statusCodeNames[index] : std::to_string(code);
 }
 
 std::string plain(const char* text) { return Vela::plainLine(text ? text : "", longestText); }

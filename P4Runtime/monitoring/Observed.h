@@ -36,7 +36,7 @@ struct TableFill {
 // Of all tables that have rows of their own, by name.
 std::vector<TableFill> tableFills(const P4TableInfo& tableInfo);
 
-// An attribute of the entity at that path, as text; empty when there is none.
+// The text of an attribute of the entity at that path. Empty without such an entity or attribute.
 std::string attributeText(const Orrery::Database& database, const std::string& path,
                           const std::string& attribute);
 
