@@ -77,7 +77,7 @@ class CallerAccess final : public fe::proto::EntityCaller {
 
   // To be compared with the primary's; null without a policy.
   const std::string* identity() const { return policy_ ? &identity_ : nullptr; }
-  // Whether policy and claims are still those that it was made with.
+  // False once the policy, or the claims of roles, have changed since it was made.
   bool isUpToDate() const;
 
   std::shared_ptr<const fe::proto::EntityRights> rights(

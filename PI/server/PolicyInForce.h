@@ -11,7 +11,7 @@ struct Policy;
 namespace pi::server {
 
 bool hasPolicy();
-// Null: none, everybody may do everything. Costs a load as long as there is none.
+// Null without a policy: everybody may do everything then, and a call costs one load.
 std::shared_ptr<const Access::Policy> policyInForce();
 // For calls that come from here on.
 void policyIs(std::shared_ptr<const Access::Policy> policy);

@@ -37,7 +37,7 @@ class UnixSocket {
 
   const std::string path_;
   int fd_ = -1;
-  std::atomic<ino_t> inode_{0};  // of the file; 0: there is none
+  std::atomic<ino_t> inode_{0};  // of the file; 0: no file
 };
 
 }  // namespace pi::server

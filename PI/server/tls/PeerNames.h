@@ -12,7 +12,7 @@ struct PeerNames {
   std::vector<std::string> common;
 };
 
-// The URI, else the first DNS name, else the common name; empty where there is none.
+// The URI, else the first DNS name, else the common name; empty without any name.
 std::string identityOf(const PeerNames& names);
 
 // Why a client of these names cannot be told from others; empty when it can. Two URIs would let
