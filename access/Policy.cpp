@@ -33,10 +33,19 @@ bool takesOperation(const Rule& rule, Operations operations, const Question& que
   return !hasObject || rule.takesObject(question.role, *question.object);
 }
 
+bool isOfMonitoring(std::string_view path) { return !path.starts_with(path::service); }
+
+bool readsEverything(const Rule& rule) {
+  return !rule.roles && rule.objects.empty() && (operationsOf(rule) & bitOf(Operation::read)) != 0;
+}
+
 bool allows(const Rule& rule, const Question& question) {
   const Operations operations = operationsOf(rule);
   switch (question.kind) {
     case Question::Kind::call:
+      if (isOfMonitoring(question.path)) {
+        return rule.takesPath(question.path) && readsEverything(rule);
+      }
       return rule.takesPath(question.path) && rule.takesRole(question.role) &&
              (operations & operationsOver(question.path)) != 0;
     case Question::Kind::claim:
@@ -56,6 +65,10 @@ bool denies(const Rule& rule, const Question& question) {
   const bool ofRoles = rule.roles.has_value();
   switch (question.kind) {
     case Question::Kind::call:
+      if (isOfMonitoring(question.path)) {
+        return (isNarrow || !rule.election) && !ofRoles && rule.takesPath(question.path) &&
+               (operationsOf(rule) & bitOf(Operation::read)) != 0;
+      }
       return !isNarrow && !rule.election && rule.takesPath(question.path) &&
              (question.role ? rule.takesRole(question.role) : !ofRoles);
     case Question::Kind::claim:

@@ -21,8 +21,10 @@ constexpr Operations bitOf(Operation operation) { return 1u << static_cast<int>(
 inline constexpr Operations allOperations = (1u << operationCount) - 1;
 inline constexpr Operations entityOperations = bitOf(Operation::read) | bitOf(Operation::write);
 
-// The calls of P4Runtime by the names that gRPC gives them.
+// The calls of P4Runtime by the names that gRPC gives them. Any other path is one of the
+// monitoring, such as "/metrics": it shows everything, and so takes the right to read everything.
 namespace path {
+inline constexpr std::string_view service = "/p4.v1.P4Runtime/";
 inline constexpr std::string_view write = "/p4.v1.P4Runtime/Write";
 inline constexpr std::string_view read = "/p4.v1.P4Runtime/Read";
 inline constexpr std::string_view setPipeline = "/p4.v1.P4Runtime/SetForwardingPipelineConfig";

@@ -69,7 +69,7 @@ void Agent::doMonitor() {
   const auto status =
       Vela::make<MonitoringStatus>("monitoring", [agent] { return statusJson(agent); });
   runtime_.stateDatabase.entityIs("p4runtime/status/monitoring", status);
-  monitoring_ = std::make_unique<Monitoring>(monitoringConfig_, status, agent);
+  monitoring_ = std::make_unique<Monitoring>(monitoringConfig_, securityConfig_, status, agent);
 }
 
 void Agent::doFollowRestore() {

@@ -181,7 +181,9 @@ constexpr Setting agentSelfSettings[] = {
 constexpr Setting monitoringSettings[] = {
     {.attribute = "address",
      .example = R"("127.0.0.1:9464")",
-     .meaning = "Where metrics and the page are served by HTTP. Empty: nowhere."},
+     .meaning = "Where metrics and the page are served: by HTTP on an address of this machine "
+                "alone, by HTTPS with the certificates of p4runtime/config/security on others. "
+                "Empty: nowhere."},
 };
 
 constexpr Setting portSettings[] = {

@@ -10,13 +10,16 @@
 #include "P4Runtime/monitoring/AgentMetrics.h"
 #include "P4Runtime/monitoring/RowSearch.h"
 #include "P4Runtime/monitoring/StatusJson.h"
+#include "PI/proto/pi_server_shared.h"
 #include "platform/vela/ActivityLock.h"
 
 namespace P4Runtime {
 
-Monitoring::Monitoring(Vela::Ptr<const MonitoringConfig> config, Vela::Ptr<MonitoringStatus> status,
-                       Observed agent)
+Monitoring::Monitoring(Vela::Ptr<const MonitoringConfig> config,
+                       Vela::Ptr<const P4RuntimeConfig::SecurityConfig> security,
+                       Vela::Ptr<MonitoringStatus> status, Observed agent)
     : config_(std::move(config)),
+      security_(std::move(security)),
       status_(std::move(status)),
       agent_(std::make_shared<const Observed>(std::move(agent))) {
   change_ = config_->addressAttribute().observe([this] { handleAddress(); });
@@ -28,11 +31,14 @@ Monitoring::~Monitoring() { end(); }
 void Monitoring::handleAddress() {
   end();
   status_->addressIs("");
+  status_->securityIs("");
   status_->troubleIs("");
   if (config_->address().empty()) return;
   try {
     doServe();
     status_->addressIs(server_->address());
+    status_->securityIs(server_->isSecured() ? "TLS, clients need a certificate"
+                                             : "plain, for this machine alone");
   } catch (const std::exception& e) {
     status_->troubleIs(e.what());
     fmt::print(stderr, "korvel: no metrics are served (p4runtime/config/monitoring): {}\n",
@@ -55,7 +61,16 @@ void Monitoring::doServe() {
   contents.rows = [agent = agent_](const std::string& table, const std::string& wanted) {
     return rowsJson(*agent, table, wanted);
   };
-  server_ = std::make_unique<MonitoringServer>(config_->address(), std::move(contents));
+  server_ = std::make_unique<MonitoringServer>(config_->address(), std::move(contents),
+                                               [this] { return tls(); });
+}
+
+std::unique_ptr<pi::ServerTls> Monitoring::tls() const {
+  if (security_->certificate().empty()) return nullptr;
+  return pi::ServerTls::make({.certificate = security_->certificate().c_str(),
+                              .key = security_->key().c_str(),
+                              .client_ca = security_->clientCa().c_str(),
+                              .crl = security_->crl().c_str()});
 }
 
 // A thread of the server may wait for the lock that the caller holds: it must not be waited for.

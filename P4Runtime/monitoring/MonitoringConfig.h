@@ -15,7 +15,8 @@ class MonitoringConfig final : public Vela::Entity {
   using Entity::Entity;
   const char* typeName() const override { return "P4Runtime::MonitoringConfig"; }
 
-  // "127.0.0.1:9464": where metrics and the page are served by HTTP. Empty: nowhere.
+  // "127.0.0.1:9464": where metrics and the page are served by HTTP; by HTTPS on addresses that
+  // other machines reach. Empty: nowhere.
   VELA_ATTRIBUTE(std::string, address, "")
 };
 
@@ -27,8 +28,9 @@ class MonitoringStatus final : public Vela::Entity {
   }
   const char* typeName() const override { return "P4Runtime::MonitoringStatus"; }
 
-  VELA_READONLY_ATTRIBUTE(std::string, address, "")  // that is served; "": none
-  VELA_READONLY_ATTRIBUTE(std::string, trouble, "")  // why not
+  VELA_READONLY_ATTRIBUTE(std::string, address, "")   // that is served; "": none
+  VELA_READONLY_ATTRIBUTE(std::string, security, "")  // of that address, for people
+  VELA_READONLY_ATTRIBUTE(std::string, trouble, "")   // why not
 };
 
 }  // namespace P4Runtime

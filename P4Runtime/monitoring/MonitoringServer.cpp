@@ -11,12 +11,13 @@
 #include <utility>
 
 #include "P4Runtime/monitoring/Exposition.h"
+#include "P4Runtime/monitoring/HttpWorkers.h"
 #include "P4Runtime/monitoring/Page.h"
+#include "PI/proto/pi_server_shared.h"
 
 namespace P4Runtime {
 namespace {
 
-constexpr size_t threads = 4;
 constexpr size_t mostRequestBytes = 4096;
 constexpr time_t patienceSeconds = 5;
 
@@ -60,17 +61,34 @@ bool isForThisMachine(const httplib::Request& request) {
   return isLoopback(host);
 }
 
-void setUp(httplib::Server& server, const MonitoringContents& contents) {
-  server.new_task_queue = [] { return new httplib::ThreadPool(threads); };
+// Why the request is not answered; empty: it is. Without TLS nothing is known of the client.
+std::string objectionTo(const httplib::Request& request, const pi::ServerTls* tls) {
+  std::string identity;
+  if (tls) {
+    const pi::ServerTls::Client client = tls->client(*request.ssl);
+    if (!client.objection.empty()) return client.objection;
+    identity = client.identity;
+  } else if (!isForThisMachine(request)) {
+    return "ask for this by the name localhost, or by its address";
+  }
+  if (pi::policyAllowsCall(identity, request.path)) return "";
+  const std::string who = tls ? '"' + identity + '"' : "an unknown client";
+  return fmt::format("the policy does not let {} see {}", who, request.path);
+}
+
+void setUp(httplib::Server& server, const MonitoringContents& contents, const pi::ServerTls* tls) {
+  server.new_task_queue = [] { return new HttpWorkers; };
   server.set_read_timeout(patienceSeconds);
   server.set_write_timeout(patienceSeconds);
   server.set_payload_max_length(mostRequestBytes);
-  server.set_pre_routing_handler([](const httplib::Request& request, httplib::Response& response) {
-    if (isForThisMachine(request)) return httplib::Server::HandlerResponse::Unhandled;
-    response.status = 403;
-    response.set_content("ask for this by the name localhost, or by its address\n", "text/plain");
-    return httplib::Server::HandlerResponse::Handled;
-  });
+  server.set_pre_routing_handler(
+      [tls](const httplib::Request& request, httplib::Response& response) {
+        const std::string objection = objectionTo(request, tls);
+        if (objection.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        response.status = 403;
+        response.set_content(objection + "\n", "text/plain");
+        return httplib::Server::HandlerResponse::Handled;
+      });
   server.set_default_headers(
       {{"X-Content-Type-Options", "nosniff"},
        {"Cache-Control", "no-store"},
@@ -98,25 +116,40 @@ void setUp(httplib::Server& server, const MonitoringContents& contents) {
 }  // namespace
 
 struct MonitoringServer::Listening {
-  httplib::Server server;
+  explicit Listening(std::unique_ptr<pi::ServerTls> given) : tls(std::move(given)) {
+    if (!tls) {
+      server = std::make_unique<httplib::Server>();
+      return;
+    }
+    server = std::make_unique<httplib::SSLServer>([this](SSL_CTX& context) {
+      tls->setUp(context);
+      return true;
+    });
+  }
+
+  const std::unique_ptr<pi::ServerTls> tls;  // outlives the server
+  std::unique_ptr<httplib::Server> server;
   std::thread thread;
 };
 
-MonitoringServer::MonitoringServer(const std::string& address, MonitoringContents contents)
-    : listening_(std::make_unique<Listening>()) {
+MonitoringServer::MonitoringServer(const std::string& address, MonitoringContents contents,
+                                   const MakeTls& makeTls) {
   const auto place = placeOf(address);
   if (!place) {
     throw std::runtime_error(
         fmt::format("'{}' is no HOST:PORT; use an address such as 127.0.0.1:9464", address));
   }
-  if (!isLoopback(place->host)) {
+  const bool isExposed = !isLoopback(place->host);
+  auto tls = isExposed ? makeTls() : nullptr;
+  if (isExposed && !tls) {
     throw std::runtime_error(fmt::format(
-        "{} is not this machine's own; metrics are served to this machine alone: use an address "
-        "such as 127.0.0.1:9464, and a proxy that knows its clients for others",
+        "{} is open to other machines, which need TLS: set certificate, key and clientCa of "
+        "p4runtime/config/security, or use an address such as 127.0.0.1:9464",
         place->host));
   }
-  httplib::Server& server = listening_->server;
-  setUp(server, contents);
+  listening_ = std::make_unique<Listening>(std::move(tls));
+  httplib::Server& server = *listening_->server;
+  setUp(server, contents, listening_->tls.get());
   int port = place->port;
   if (port == 0) {
     port = server.bind_to_any_port(place->host);
@@ -125,7 +158,9 @@ MonitoringServer::MonitoringServer(const std::string& address, MonitoringContent
   }
   if (port < 0) {
     throw std::runtime_error(fmt::format(
-        "cannot listen on {}: another process may have that port; choose another one", address));
+        "cannot listen on {}: it is no address of this machine, or another process has that port; "
+        "choose another one",
+        address));
   }
   const bool isSix = place->host.find(':') != std::string::npos;
   address_ = fmt::format(fmt::runtime(isSix ? "[{}]:{}" : "{}:{}"), place->host, port);
@@ -134,8 +169,10 @@ MonitoringServer::MonitoringServer(const std::string& address, MonitoringContent
 }
 
 MonitoringServer::~MonitoringServer() {
-  listening_->server.stop();
+  listening_->server->stop();
   listening_->thread.join();
 }
+
+bool MonitoringServer::isSecured() const { return listening_->tls != nullptr; }
 
 }  // namespace P4Runtime

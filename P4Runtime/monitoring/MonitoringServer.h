@@ -5,6 +5,10 @@
 #include <memory>
 #include <string>
 
+namespace pi {
+class ServerTls;
+}
+
 namespace P4Runtime {
 
 // The contents. Called on the server's threads, without a lock.
@@ -15,15 +19,21 @@ struct MonitoringContents {
 };
 
 // Listens from construction to destruction, on threads of its own. Read-only: no request changes
-// anything. A client that sends or reads nothing loses its connection after a few seconds.
+// anything. With a policy, requests are calls that it must allow, by their paths. A client that
+// sends or reads nothing loses its connection after a few seconds; a few connections are served at
+// a time, and some more wait.
 class MonitoringServer {
  public:
-  // "127.0.0.1:9464", "[::1]:9464"; port 0: any free one. Throws std::runtime_error with a line for
-  // the user when it cannot listen there, or when others than this machine could come.
-  MonitoringServer(const std::string& address, MonitoringContents contents);
+  // "127.0.0.1:9464", "[::1]:9464"; port 0: any free one. Addresses that other machines reach are
+  // served by TLS alone, which `tls` makes; null where there are no certificates. This machine's
+  // own are served without. Throws std::runtime_error with a line for the user when it cannot
+  // listen there, or needs TLS and has none; and what `tls` throws.
+  using MakeTls = std::function<std::unique_ptr<pi::ServerTls>()>;
+  MonitoringServer(const std::string& address, MonitoringContents contents, const MakeTls& tls);
   ~MonitoringServer();
 
   const std::string& address() const { return address_; }  // with the port that it has
+  bool isSecured() const;                                  // by TLS
 
  private:
   struct Listening;

@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "cli/client/ClientOptions.h"
 #include "cli/top/TopScreen.h"
@@ -33,6 +34,10 @@ struct TopOptions : ClientOptions {
 };
 
 volatile std::sig_atomic_t ended = 0;
+volatile std::sig_atomic_t resized = 0;
+
+// Why a wait is over.
+enum class Wake { time, resized, leave };
 
 Json statusOf(Orrery::Client& client) {
   const Json answer = client.call(statusPath, "show", {});
@@ -77,12 +82,13 @@ class Terminal {
     fmt::print("\x1b[J");
     std::fflush(stdout);
   }
-  // False when the user wants to go.
-  bool wait(std::chrono::milliseconds time) {
+  Wake wait(std::chrono::milliseconds time) {
     pollfd keys{isOwn_ ? STDIN_FILENO : -1, POLLIN, 0};
-    if (poll(&keys, 1, static_cast<int>(time.count())) <= 0) return ended == 0;
+    const bool hasKey = poll(&keys, 1, static_cast<int>(time.count())) > 0;
+    if (ended != 0) return Wake::leave;
     char key = 0;
-    return read(STDIN_FILENO, &key, 1) == 1 && key != 'q' && ended == 0;
+    if (hasKey && (read(STDIN_FILENO, &key, 1) != 1 || key == 'q')) return Wake::leave;
+    return std::exchange(resized, 0) != 0 ? Wake::resized : Wake::time;
   }
 
  private:
@@ -102,13 +108,16 @@ void printOnce(Orrery::Client& client, std::chrono::milliseconds period) {
 void show(Orrery::Client& client, std::chrono::milliseconds period) {
   std::signal(SIGINT, [](int) { ended = 1; });
   std::signal(SIGTERM, [](int) { ended = 1; });
+  std::signal(SIGWINCH, [](int) { resized = 1; });
   Terminal terminal;
-  Json before = statusOf(client);
-  terminal.show(topLines(*before, *before, terminalSize()));
-  while (terminal.wait(period)) {
-    Json now = statusOf(client);
-    terminal.show(topLines(*before, *now, terminalSize()));
-    before = std::move(now);
+  Json before;
+  Json now = statusOf(client);
+  for (Wake wake = Wake::resized; wake != Wake::leave; wake = terminal.wait(period)) {
+    if (wake == Wake::time) {
+      before = std::move(now);
+      now = statusOf(client);
+    }
+    terminal.show(topLines(before ? *before : *now, *now, terminalSize()));
   }
 }
 

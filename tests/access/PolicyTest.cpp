@@ -75,7 +75,7 @@ Verdict verdict(const std::string& identity, std::optional<std::string_view> rol
   std::string verb;
   std::string noun;
   words >> verb >> noun;
-  const std::string path = "/p4.v1.P4Runtime/" + noun;
+  const std::string path = noun.starts_with('/') ? noun : "/p4.v1.P4Runtime/" + noun;
   Question question{Question::Kind::operation, identity, path, role};
   if (verb == "call") question.kind = Question::Kind::call;
   if (verb == "claim") question.kind = Question::Kind::claim;
@@ -169,6 +169,44 @@ TEST(Policy, DecidesByIdentityRoleAndObject) {
     const Verdict decided = verdict(c.identity, c.role, c.does);
     EXPECT_EQ(decided.allowed, c.allowed);
     EXPECT_EQ(decided.rule ? decided.rule->name : "", c.rule);
+  }
+}
+
+// The monitoring shows all tables, whatever their names.
+TEST(Policy, MonitoringIsForThoseWhoMayReadEverything) {
+  const struct {
+    const char* what;
+    const char* deny;
+    const char* allow;
+    bool allowed;
+  } cases[] = {
+      {"no rule", "", R"({"source": {"principals": ["other"]}})", false},
+      {"an administrator", "", "{}", true},
+      {"readers of everything", "", R"({"request": {"operations": ["read"]}})", true},
+      {"writers", "", R"({"request": {"operations": ["write"]}})", false},
+      {"readers of a table", "", R"({"request": {"tables": ["acl"]}})", false},
+      {"readers in a role", "", R"({"request": {"roles": ["acl"]}})", false},
+      {"everybody for the path", "", R"({"request": {"paths": ["/metrics"]}})", true},
+      {"everybody for another path", "", R"({"request": {"paths": ["/rows.json"]}})", false},
+      {"every call of P4Runtime", "", R"({"request": {"paths": ["/p4.v1.P4Runtime/*"]}})", false},
+      {"a path is denied", R"({"request": {"paths": ["/metrics"]}})", "{}", false},
+      {"another path is denied", R"({"request": {"paths": ["/rows.json"]}})", "{}", true},
+      {"a table is denied", R"({"request": {"tables": ["secret"]}})", "{}", false},
+      {"writes of a table are denied",
+       R"({"request": {"tables": ["secret"], "operations": ["write"]}})", "{}", true},
+      {"a role is denied", R"({"request": {"roles": ["x"]}})", "{}", true},
+      {"elections are denied", R"({"request": {"election": true}})", "{}", true},
+      {"it is denied altogether", R"({"source": {"principals": ["p*"]}})", "{}", false},
+  };
+  const auto named = [](std::string rule) {
+    return rule.empty() ? rule : R"({"name": "r")" + (rule == "{}" ? "}" : ", " + rule.substr(1));
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const auto policy = policyOf(R"({"name": "p", "deny_rules": [)" + named(c.deny) +
+                                     R"(], "allow_rules": [)" + named(c.allow) + "]}",
+                                 "p.json");
+    EXPECT_EQ(policy->allows({Question::Kind::call, "prometheus", "/metrics"}), c.allowed);
   }
 }
 

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -197,6 +198,34 @@ TEST_F(SecuredAgentTest, APolicyTellsControllersApartByTheirCertificates) {
   EXPECT_THAT(stranger.arbitrate().error_message(), HasSubstr("'spiffe://lab/stranger' may not"));
   EXPECT_EQ(askedAs(target(), tls("stranger")).error_code(), StatusCode::PERMISSION_DENIED);
   EXPECT_TRUE(askedAs(target(), tls("guard")).ok());
+}
+
+// With the same certificates and policy.
+TEST_F(SecuredAgentTest, OtherMachinesScrapeItByTls) {
+  certificatesAre();
+  certificates_.certificateIs({.name = "scraper", .subject = "/CN=scraper"});
+  const std::string policy = directory_.file("policy.json");
+  std::ofstream(policy) << R"({"name": "lab", "allow_rules": [
+      {"name": "scrapers", "source": {"principals": ["scraper"]},
+       "request": {"paths": ["/metrics"]}}]})";
+  startWith(portMember(), fmt::format(R"({}, "policy": "{}")", filesMember(), policy));
+  ASSERT_TRUE(statusSays("server ready               true")) << agent_->output();
+  const char* path = "p4runtime/config/monitoring";
+  EXPECT_EQ(agent_->korvel({"set", path, "address", "0.0.0.0:0"}).error, "") << agent_->output();
+  const char* status = "p4runtime/status/monitoring";
+  EXPECT_EQ(agent_->korvel({"get", status, "security"}).output,
+            "TLS, clients need a certificate\n");
+  const std::string address = agent_->korvel({"get", status, "address"}).output;
+  const int port = std::stoi(address.substr(address.rfind(':') + 1));
+  const auto scraped = [&](const std::string& name) {
+    httplib::SSLClient client("127.0.0.1", port, certificates_.file(name + ".pem"),
+                              certificates_.file(name + ".key"));
+    client.set_ca_cert_path(certificates_.file("ca.pem").c_str());
+    const auto answer = client.Get("/metrics");
+    return answer ? std::to_string(answer->status) + answer->body : "none";
+  };
+  EXPECT_THAT(scraped("scraper"), HasSubstr("\nkorvel_ready "));
+  EXPECT_EQ(scraped("controller"), "403the policy does not let \"controller-1\" see /metrics\n");
 }
 
 TEST_F(SecuredAgentTest, SaysThatItIsInsecureWhereItWasToldToBe) {

@@ -120,7 +120,7 @@ tests/forwarder/*         forwarder p4 platform tests/forwarder tests/p4 tests/s
 tests/cli                 P4Runtime/agent platform tests/support
 tests/cli/switch          cli/switch+ tests/support
 tests/cli/table           platform tests/support
-tests/cli/top             cli/top+
+tests/cli/top             cli/top+ tests/support
 tests/e2e                 platform/vela proto tests/p4 tests/support
 
 bench/brine               platform tests/support

@@ -1,0 +1,35 @@
+// The threads that serve HTTP, and the connections that wait for one.
+#pragma once
+
+#include <httplib.h>
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace P4Runtime {
+
+// A bounded number of connections waits; then the thread that accepts them does, and the kernel
+// refuses more. Otherwise clients could use up the descriptors of the process.
+class HttpWorkers final : public httplib::TaskQueue {
+ public:
+  HttpWorkers();
+
+  void enqueue(std::function<void()> work) override;
+  void shutdown() override;  // what waits is done first
+
+ private:
+  void run();
+
+  std::mutex mutex_;  // guards the members below
+  std::condition_variable changed_;
+  std::deque<std::function<void()>> waiting_;
+  bool ending_ = false;
+  std::vector<std::thread> threads_;  // constant until shutdown()
+};
+
+}  // namespace P4Runtime
