@@ -33,7 +33,8 @@ void check(const Options& options) {
   loadAgentLibrary(options.library).registerTypes();
   const NetworkPlatform network(loop, *database);
   provideEntities(*database, "");
-  const auto faults = Orrery::ConfigFile(*database, options.file).faults();
+  Orrery::LayeredConfig layers(*database);
+  const auto faults = Orrery::ConfigFile(layers, options.file).faults();
   for (const std::string& fault : faults) fmt::print(stderr, "korvel: {}\n", fault);
   if (!faults.empty()) throw CLI::RuntimeError(faulty);
   fmt::print("{}: all settings are known, and their values are of the right kind\n", options.file);

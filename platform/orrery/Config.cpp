@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include "platform/orrery/AttributeJson.h"
+#include "platform/orrery/EntityTypes.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/Json.h"
 #include "platform/vela/Nearest.h"
@@ -140,11 +141,12 @@ Vela::Ptr<Vela::Entity> entityToRead(const ConfigReading& reading, const std::st
 }
 
 template <typename Work>
-void tried(const ConfigReading& reading, Work work) {
+void tried(const ConfigReading& reading, const std::string& path, const std::string& attribute,
+           Work work) {
   try {
     work();
   } catch (const ConfigError& e) {
-    reading.fault(e);
+    reading.fault(path, attribute, e);
   }
 }
 
@@ -155,7 +157,7 @@ void readEntity(const ConfigReading& reading, const cJSON& attributes, const std
   reading.tell(path, nullptr);
   const cJSON* value = nullptr;
   cJSON_ArrayForEach(value, &attributes) {
-    tried(reading, [&] {
+    tried(reading, path, value->string, [&] {
       setAttribute(*entity, *value, where);
       reading.tell(path, entity->attribute(value->string));
     });
@@ -187,12 +189,28 @@ std::vector<std::string> pathsIn(const Database& database) {
   return paths;
 }
 
+Vela::Ptr<Vela::Entity> freshEntityAt(const Database& database, const std::string& path) {
+  if (auto made = makeEntityAt(database, path)) return made;
+  const auto there = database.entity(path);
+  return there ? TheEntityTypes().make(there->typeName(), path) : nullptr;
+}
+
+ConfigReading trialReading(const Database& database) {
+  ConfigReading reading;
+  reading.entityAt = [&database](const std::string& path) { return freshEntityAt(database, path); };
+  reading.paths = pathsIn(database);
+  return reading;
+}
+
 void readConfig(const std::string& fileName, const ConfigReading& reading) {
-  const Vela::Json json = objectIn(contentsOf(fileName), fileName);
+  readConfig(*objectIn(contentsOf(fileName), fileName), fileName, reading);
+}
+
+void readConfig(const cJSON& object, const std::string& name, const ConfigReading& reading) {
   const cJSON* attributes = nullptr;
-  cJSON_ArrayForEach(attributes, json.get()) {
-    const std::string where = fmt::format("{}: \"{}\"", fileName, attributes->string);
-    tried(reading, [&] { readEntity(reading, *attributes, where); });
+  cJSON_ArrayForEach(attributes, &object) {
+    const std::string where = fmt::format("{}: \"{}\"", name, attributes->string);
+    tried(reading, attributes->string, "", [&] { readEntity(reading, *attributes, where); });
   }
 }
 

@@ -48,7 +48,8 @@ class ConfigFileTest : public testing::Test, public DatabaseFixture {
 
   TestSupport::TempDir folder;
   Vela::Ptr<Port> port;
-  ConfigFile file{*database, folder.file("c.json")};
+  LayeredConfig layers{*database};
+  ConfigFile file{layers, folder.file("c.json")};
   const Vela::ActivityLock lock_;
 };
 
