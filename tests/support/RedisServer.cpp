@@ -1,15 +1,13 @@
 // See RedisServer.h.
 #include "tests/support/RedisServer.h"
 
-#include <gtest/gtest.h>
-
+#include <stdexcept>
 #include <utility>
 
 namespace TestSupport {
 namespace {
 
 constexpr const char* socketName = "/redis.sock";
-constexpr const char* longestLife = "900";  // seconds
 
 }  // namespace
 
@@ -29,12 +27,13 @@ std::string RedisServer::address(const std::string& prefix) const {
 
 void RedisServer::start() {
   process_.reset();
-  std::vector<std::string> command{"redis-server", "--port", "0", "--save", "",
-                                   "--dir", folder_, "--unixsocket", folder_ + socketName};
+  std::vector<std::string> command{
+      "redis-server",      "--port", "0", "--save", "", "--dir", folder_, "--unixsocket",
+      folder_ + socketName};
   command.insert(command.end(), arguments_.begin(), arguments_.end());
   process_ = std::make_unique<Process>(command, folder_ + "/redis.log", folder_ + "/redis.log");
   const bool serves = waitUntil([this] { return !run({"PING"}).empty(); }, process_->descriptor());
-  EXPECT_TRUE(serves) << fileText(folder_ + "/redis.log");
+  if (!serves) throw std::runtime_error("no Redis: " + fileText(folder_ + "/redis.log"));
 }
 
 std::string RedisServer::run(std::vector<std::string> command) const {

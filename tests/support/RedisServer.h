@@ -14,7 +14,8 @@ class RedisServer {
  public:
   static bool installed();  // redis-server and redis-cli
 
-  // Starts it, with more arguments, and waits until it serves. `folder` must outlive it.
+  // Starts it, with more arguments, and waits until it serves: throws std::runtime_error when it
+  // does not. `folder` must outlive it.
   explicit RedisServer(const std::string& folder, std::vector<std::string> arguments = {});
 
   std::string address(const std::string& prefix) const;

@@ -88,7 +88,11 @@ void maybeTakeUser(RedisAddress& address, std::string_view& authority) {
 
 void takePort(RedisAddress& address, std::string_view text) {
   const auto port = number(text, UINT16_MAX);
-  if (!port || *port == 0) refuse("has no port from 1 to 65535 behind the host's colon");
+  if (!port || *port == 0) {
+    refuse(
+        "has no port from 1 to 65535 behind the host's colon, or a ? in a password: write %3F for "
+        "? there");
+  }
   address.port = static_cast<uint16_t>(*port);
 }
 

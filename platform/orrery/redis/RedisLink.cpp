@@ -174,8 +174,8 @@ void RedisLink::maybeWriteAlive(RedisConnection& connection) {
     alive = std::exchange(alive_, std::nullopt);
   }
   if (!alive || (alive == writtenAlive_ && Clock::now() < nextAlive_)) return;
-  connection.run({"SET", address_.key(aliveKey), *alive, "PX",
-                  std::to_string(timing_.aliveExpiry.count())});
+  connection.run(
+      {"SET", address_.key(aliveKey), *alive, "PX", std::to_string(timing_.aliveExpiry.count())});
   writtenAlive_ = std::move(alive);
   nextAlive_ = Clock::now() + timing_.aliveRefresh;
   if (written_) checkStatus(connection);

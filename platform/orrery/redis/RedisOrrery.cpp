@@ -165,9 +165,7 @@ void RedisOrrery::handleFields(const RedisHash& fields) {
   if (isRunning_) keepCopy();
 }
 
-void RedisOrrery::keepCopy() {
-  link_->copyIs(options_.copyFile, configCopyText(config_, place_));
-}
+void RedisOrrery::keepCopy() { link_->copyIs(options_.copyFile, configCopyText(config_, place_)); }
 
 bool RedisOrrery::maybeApplyCopy() {
   std::ifstream file(options_.copyFile, std::ios::binary);
