@@ -55,7 +55,9 @@ std::unique_ptr<Orrery::RedisOrrery> outsideDatabase(Vela::ReactorLoop& loop,
   options.address = Orrery::redisAddressFromText(address);
   options.copyFile =
       options.address.copyFile.empty() ? stateDirectory + copyName : options.address.copyFile;
-  options.unpublished = {"p4runtime/status/cli"};  // answers to commands of this machine
+  // Answers to commands of this machine, and other views of interface/status/all.
+  options.unpublished = {"p4runtime/status/cli", "interface/status/eth", "interface/status/local",
+                         "kni"};
   options.say = [](const std::string& line) { fmt::print(stderr, "korvel: {}\n", line); };
   options.summary = [&database = layers.database()] { return summary(database); };
   return std::make_unique<Orrery::RedisOrrery>(loop, layers, std::move(options));

@@ -136,6 +136,8 @@ TEST_F(FleetTest, ThreeAgentsAreConfiguredAndWatchedThroughOneRedis) {
   EXPECT_TRUE(second.untilSetting("maxReads", "99"));
   EXPECT_TRUE(first.untilStatus(ownStatus, R"("p4runtime/config/system maxReads":)"));
   EXPECT_TRUE(first.untilStatus(ownStatus, "deviceId is read when the agent starts"));
+  EXPECT_THAT(first->agent.korvel({"status"}).output,
+              HasSubstr("p4runtime/config/system deviceId refused: "));
   EXPECT_EQ(first.setting(systemConfig, "maxReads"), "512");
   EXPECT_THAT(second.status(ownStatus), HasSubstr(R"("refused":{})"));
 

@@ -213,4 +213,8 @@ long long RedisConnection::hashSize(const std::string& key) {
   return reply.handle->type == REDIS_REPLY_INTEGER ? reply.handle->integer : 0;
 }
 
+std::string RedisConnection::text(const std::string& key) {
+  return std::string(ask({"GET", key}).text());
+}
+
 }  // namespace Orrery

@@ -45,6 +45,7 @@ class RedisConnection {
   // Each throws RedisAway and RedisRefusal.
   RedisHash hash(const std::string& key);  // empty: there is no such key
   long long hashSize(const std::string& key);
+  std::string text(const std::string& key);  // empty: there is no such key
   void run(const RedisCommand& command);
   // All of them or none.
   void runTogether(const std::vector<RedisCommand>& commands);

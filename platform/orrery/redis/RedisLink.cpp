@@ -113,6 +113,7 @@ void RedisLink::run() {
       trouble_.away = e.what();
       trouble_.reading.clear();
       trouble_.writing.clear();
+      trouble_.sharing.clear();
       tellTrouble();
       waitFor(connectPause_.take());
     }
@@ -174,11 +175,22 @@ void RedisLink::maybeWriteAlive(RedisConnection& connection) {
     alive = std::exchange(alive_, std::nullopt);
   }
   if (!alive || (alive == writtenAlive_ && Clock::now() < nextAlive_)) return;
+  if (writtenAlive_) checkAlone(connection);
   connection.run(
       {"SET", address_.key(aliveKey), *alive, "PX", std::to_string(timing_.aliveExpiry.count())});
   writtenAlive_ = std::move(alive);
   nextAlive_ = Clock::now() + timing_.aliveRefresh;
   if (written_) checkStatus(connection);
+}
+
+// Two switches of one prefix would overwrite each other's status by turns.
+void RedisLink::checkAlone(RedisConnection& connection) {
+  const std::string key = address_.key(aliveKey);
+  const std::string there = connection.text(key);
+  const bool isShared = !there.empty() && there != writtenAlive_;
+  trouble_.sharing =
+      isShared ? "another process writes " + key + ", too: give each switch a prefix of its own"
+               : "";
 }
 
 // The server may have lost it meanwhile, such as by FLUSHALL.

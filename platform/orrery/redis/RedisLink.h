@@ -35,6 +35,7 @@ struct RedisTrouble {
   std::string reading;  // why the configuration cannot be read
   std::string writing;  // why status cannot be written
   std::string copying;  // why the copy of the configuration cannot be written
+  std::string sharing;  // that another process has this prefix
   friend bool operator==(const RedisTrouble&, const RedisTrouble&) = default;
 };
 
@@ -82,6 +83,7 @@ class RedisLink {
   void readConfiguration(RedisConnection& connection);
   void maybeWriteStatus(RedisConnection& connection);
   void maybeWriteAlive(RedisConnection& connection);
+  void checkAlone(RedisConnection& connection);
   void checkStatus(RedisConnection& connection);
   void writeStatus(RedisConnection& connection, const StatusTexts& status);
   void writeChanges(RedisConnection& connection, const StatusTexts& status);

@@ -147,6 +147,7 @@ void RedisOrrery::handleTrouble(const RedisTrouble& trouble) {
   tell(former.copying, trouble.copying,
        "; a start without the state database would not know the configuration",
        "the configuration's copy can be written again");
+  tell(former.sharing, trouble.sharing, "", "this switch has its prefix for itself again");
 }
 
 // A hash that is gone is a loss, such as that of a server that kept nothing on disk, and no wish of
@@ -216,8 +217,8 @@ void RedisOrrery::publish() {
 }
 
 void RedisOrrery::showTrouble() {
-  status_->troubleIs(
-      joined({trouble_.away, trouble_.reading, emptiness_, trouble_.writing, trouble_.copying}));
+  status_->troubleIs(joined({trouble_.away, trouble_.reading, emptiness_, trouble_.writing,
+                             trouble_.copying, trouble_.sharing}));
 }
 
 void RedisOrrery::say(const std::string& text) const {

@@ -282,6 +282,26 @@ TEST_F(RedisOrreryTest, AStalledServerHoldsNothingUp) {
   EXPECT_TRUE(runUntil([&] { return port->mtuBytes() == 8; }));
 }
 
+TEST_F(RedisOrreryTest, TwoSwitchesOfOnePrefixAreTold) {
+  startServed();
+  ConfiguredDatabase other;
+  {
+    Part second(other, address, folder.file("other.json"));
+    second.summary = R"({"state": "the other"})";
+    second.orrery->load(false, [] { return false; });
+    second.orrery->start();
+    const auto isTold = [&] {
+      return own("trouble").find("prefix of its own") != std::string::npos;
+    };
+    const auto bothTurn = [&] {
+      other.runUntil([] { return true; });
+      return isTold();
+    };
+    ASSERT_TRUE(runUntil(bothTurn));
+  }
+  EXPECT_TRUE(runUntil([&] { return own("trouble").empty(); }));
+}
+
 TEST_F(RedisOrreryTest, AServerThatComesAndGoesDoesNotFloodTheLog) {
   startServed();
   for (int round = 0; round < 15; ++round) {
