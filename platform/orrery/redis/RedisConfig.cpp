@@ -7,6 +7,7 @@
 
 #include "platform/orrery/AttributeJson.h"
 #include "platform/orrery/Config.h"
+#include "platform/orrery/ConfigText.h"
 
 namespace Orrery {
 namespace {
@@ -28,7 +29,7 @@ class Reader {
 
   void readField(const std::string& path, const std::string& text) {
     size_t line = 0;
-    const Vela::Json attributes = Vela::parseJson(text, &line);
+    const Vela::Json attributes = Vela::parseJson(plainJson(text), &line);
     if (!attributes) {
       return keepFormer(path, "",
                         fmt::format("{}: \"{}\": line {}: expected a JSON object of attributes",
