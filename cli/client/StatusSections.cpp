@@ -19,6 +19,7 @@ constexpr const char* portsPath = "p4runtime/status/port-mapping";
 constexpr const char* translationPath = "p4runtime/status/translation";
 constexpr const char* queriesPath = "lattice/status/query/p4runtime";
 constexpr const char* vrfsPath = "p4runtime/status/vrf";
+constexpr const char* outsidePath = "orrery/status/redis";
 
 // An entity as the agent shows it; null when it has none there.
 Json entityAt(Orrery::Client& client, const std::string& path) {
@@ -83,6 +84,17 @@ void printPolicy(const cJSON* policy) {
   const std::string fault = textOf(policy, "fault");
   if (!file.empty()) section.line(file);
   if (!fault.empty()) section.line("BROKEN, and in force as it was before: " + fault);
+}
+
+void printOutside(const cJSON* outside) {
+  if (!outside) return;
+  Section section("state database outside");
+  section.line(textOf(outside, "server") + " " + textOf(outside, "prefix"));
+  const std::string trouble = textOf(outside, "trouble");
+  if (!trouble.empty()) section.line("TROUBLE: " + trouble);
+  for (const auto& [setting, reason] : sortedEntries(outside, "refused")) {
+    section.line(fmt::format("{} refused: {}", setting, reason));
+  }
 }
 
 void printPorts(const cJSON* ports) {
@@ -155,6 +167,7 @@ std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attr
 void addStatusSections(Orrery::Client& client, cJSON* status) {
   add(status, "pipeline", attributesAt(client, pipelinePath));
   add(status, "policy", attributesAt(client, policyPath));
+  add(status, "stateDatabase", attributesAt(client, outsidePath));
   add(status, "ports", attributesAt(client, portsPath));
   add(status, "translation", attributesAt(client, translationPath));
   add(status, "queries", childrenAt(client, queriesPath));
@@ -167,6 +180,7 @@ void printStatusSections(const cJSON& status) {
   };
   printPipeline(section("pipeline"));
   printPolicy(section("policy"));
+  printOutside(section("stateDatabase"));
   printPorts(section("ports"));
   printTranslation(section("translation"));
   printQueries(section("queries"));

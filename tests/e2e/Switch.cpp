@@ -24,6 +24,7 @@ AgentOptions agentOptions(const Switch::Options& options, const TempDir& directo
           .pipelineFile = directory.file("pipeline.pb.bin"),
           .deviceId = options.deviceId,
           .batchTimeout = options.batchTimeout,
+          .orrery = options.orrery,
           .pluginDirectory = options.pluginDirectory,
           .enabled = options.enabled,
           .ports = options.ports,

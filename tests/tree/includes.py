@@ -25,6 +25,7 @@ proto/*                   -
 platform/scrivel          -
 platform/vela             platform/scrivel
 platform/orrery           platform/vela+
+platform/orrery/redis     platform/orrery+
 platform/brine            platform/vela+
 platform/lattice/records  platform/brine+
 platform/lattice/types    platform/lattice/records+
