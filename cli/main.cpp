@@ -16,6 +16,7 @@
 #include "cli/client/ControlCommands.h"
 #include "cli/client/OrreryCommands.h"
 #include "cli/client/StatusCommand.h"
+#include "cli/journal/WhyCommand.h"
 #include "cli/pipeline/PipelineCommand.h"
 #include "cli/policy/PolicyCommand.h"
 #include "cli/switch/SwitchCommand.h"
@@ -42,6 +43,7 @@ void addCommands(CLI::App& app) {
   addTopCommand(app);
   addTraceCommand(app);
   addLogCommand(app);
+  addWhyCommand(app);
 }
 
 // The subcommand that was being parsed, for the hint.

@@ -26,6 +26,7 @@ AgentOptions agentOptions(const Switch::Options& options, const TempDir& directo
           .batchTimeout = options.batchTimeout,
           .pluginDirectory = options.pluginDirectory,
           .enabled = options.enabled,
+          .journalMib = options.journalMib,
           .ports = options.ports,
           .arguments = options.agent,
           .descriptorLimit = options.descriptorLimit};
