@@ -32,9 +32,9 @@ class Journaled : public testing::Test {
     return told.output + told.error;
   }
   static std::vector<std::string> keyOf(uint32_t route) {
-    return {"ipv4_route", "vrf_id=1",
-            "ipv4_dst=0." + std::to_string(route >> 8) + '.' + std::to_string(route & 255) +
-                ".0/24"};
+    return {
+        "ipv4_route", "vrf_id=1",
+        "ipv4_dst=0." + std::to_string(route >> 8) + '.' + std::to_string(route & 255) + ".0/24"};
   }
 
   Switch tested{options(16)};
@@ -43,8 +43,9 @@ class Journaled : public testing::Test {
 TEST_F(Journaled, TellsWhoWroteAnEntryAndWhatBecameOfIt) {
   ASSERT_TRUE(tested.insertRoutes(0, 20, 1).ok());
   ASSERT_TRUE(tested.write({modifyOf(tested.route(5, 2))}).ok());
-  EXPECT_FALSE(tested.write({insertOf(tested.route(4, 3)), insertOf(tested.route(5, 3)),
-                             insertOf(tested.route(30, 3))})
+  EXPECT_FALSE(tested
+                   .write({insertOf(tested.route(4, 3)), insertOf(tested.route(5, 3)),
+                           insertOf(tested.route(30, 3))})
                    .ok());
   ASSERT_TRUE(tested.write({deleteOf(tested.route(5, 2))}).ok());
   const std::string told = why(keyOf(5));
