@@ -1,10 +1,14 @@
-// The journal of Writes of a whole switch: `korvel why` tells of them, also after a SIGKILL.
+// The journal of Writes of a whole switch: `korvel why` tells of them, also after a SIGKILL, and
+// `korvel replay` makes another switch of them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <filesystem>
+#include <random>
+#include <regex>
+#include <set>
+#include <sstream>
 
+#include "tests/e2e/Load.h"
 #include "tests/e2e/Switch.h"
 
 using namespace TestSupport;
@@ -37,7 +41,9 @@ class Journaled : public testing::Test {
         "ipv4_dst=0." + std::to_string(route >> 8) + '.' + std::to_string(route & 255) + ".0/24"};
   }
 
-  Switch tested{options(16)};
+  std::string journal() const { return tested.directory().file("state") + "/journal"; }
+
+  Switch tested{options(64)};
 };
 
 TEST_F(Journaled, TellsWhoWroteAnEntryAndWhatBecameOfIt) {
@@ -95,9 +101,8 @@ TEST_F(Journaled, OutlivesTheAgentWhenItIsKilled) {
   ASSERT_TRUE(tested.write({modifyOf(tested.route(49, 2))}).ok());
   EXPECT_THAT(why(keyOf(49)), ContainsRegex("INSERT(.*\n)*.*MODIFY"));
   tested.agent.kill();
-  const std::string journal = tested.directory().file("state") + "/journal";
   EXPECT_THAT(why(keyOf(48)), HasSubstr("INSERT")) << "without a running agent";
-  EXPECT_THAT(why({"ipv4_route", "ipv4_dst=0.0.48.0/24", "--journal", journal}),
+  EXPECT_THAT(why({"ipv4_route", "ipv4_dst=0.0.48.0/24", "--journal", journal()}),
               HasSubstr("INSERT"));
 }
 
@@ -128,6 +133,125 @@ TEST_F(Journaled, ADirectoryThatCannotBeWrittenIsToldAndWritesGoOn) {
   set("directory", "");
   ASSERT_TRUE(tested.insertRoutes(1, 2, 1).ok());
   EXPECT_THAT(why(keyOf(1)), HasSubstr("INSERT"));
+}
+
+// All rows, without the handles, which are of the switch that has them.
+std::set<std::string> dumpOf(const AgentProcess& agent) {
+  const CommandResult dump = agent.korvel({"table", "dump"});
+  EXPECT_EQ(dump.exit.code, 0) << dump.error;
+  std::istringstream lines(std::regex_replace(dump.output, std::regex("handle [0-9]+, "), ""));
+  std::set<std::string> rows;
+  for (std::string line; std::getline(lines, line);) rows.insert(line);
+  return rows;
+}
+
+CommandResult replay(std::vector<std::string> words) {
+  words.insert(words.begin(), {binaryPath("korvel"), "replay"});
+  return run(words, {}, std::chrono::minutes(5));
+}
+
+TEST_F(Journaled, ReplayingItMakesASwitchThatHoldsTheSame) {
+  Load load(tested, printedSeed());
+  load.start();
+  waitUntil([&] { return load.acknowledged() >= 200 || !load.writing(); });
+  load.stop();
+  ASSERT_EQ(load.broken(), "");
+  EXPECT_FALSE(tested
+                   .write({insertOf(tested.route(9001, 1)), insertOf(tested.route(9001, 2)),
+                           insertOf(tested.route(9002, 1))})
+                   .ok());
+  Switch other;
+  ASSERT_TRUE(other.start());
+  const CommandResult refused = replay({journal(), "--to", other.agent.address()});
+  EXPECT_EQ(refused.exit.code, 1);
+  EXPECT_THAT(refused.error, HasSubstr("give a higher --election-id"));
+  const CommandResult told =
+      replay({journal(), "--to", other.agent.address(), "--election-id", "100"});
+  EXPECT_EQ(told.exit.code, 0) << told.error;
+  EXPECT_EQ(told.error, "");
+  EXPECT_THAT(told.output, HasSubstr("; 0 failed here\nleft out 1 updates that had failed\n"));
+  EXPECT_EQ(difference("the first", tested.controllerView(), "replayed", other.controllerView()),
+            "");
+}
+
+// Routes come, change and go, in Writes of one update to a hundred.
+TEST_F(Journaled, ReplayingManyWritesToASwitchWithoutAPipelineMakesTheSameRows) {
+  const uint32_t seed = printedSeed();
+  std::mt19937 random(seed);
+  std::vector<uint32_t> nexthops(20'000);  // 0: there is no such route
+  for (int writes = 0, updates = 0; updates < 50'000; ++writes) {
+    std::vector<p4::v1::Update> batch;
+    const uint32_t first = random() % nexthops.size();
+    const uint32_t size = writes % 4 == 0 ? 100 : 1;
+    for (uint32_t i = 0; i < size; ++i, ++updates) {
+      const uint32_t route = (first + i) % nexthops.size();
+      uint32_t& nexthop = nexthops[route];
+      const uint32_t next = nexthop == 0 || random() % 3 != 0 ? 1 + random() % 1000 : 0;
+      const p4::v1::TableEntry entry = tested.route(route, next == 0 ? nexthop : next);
+      batch.push_back(next == 0      ? deleteOf(entry)
+                      : nexthop == 0 ? insertOf(entry)
+                                     : modifyOf(entry));
+      nexthop = next;
+    }
+    ASSERT_TRUE(tested.write(batch).ok());
+  }
+  const TempDir directory;
+  AgentProcess other({.stateDirectory = directory.file("state")});
+  other.start();
+  ForwarderProcess forwarder(directory.file("state"), {});
+  forwarder.start();
+  ASSERT_TRUE(forwarder.waitAttached());
+  for (const char* batch : {"0", "1000"}) {
+    SCOPED_TRACE(batch);
+    CommandResult told;
+    waitUntil([&] {
+      told = replay({journal(), "--to", other.address(), "--push", "--batch", batch});
+      return !told.error.starts_with("korvel: cannot reach");
+    });
+    ASSERT_EQ(told.exit.code, 0) << told.error;
+    EXPECT_EQ(told.error, "");
+    EXPECT_THAT(told.output, HasSubstr("pushed the pipeline of the journal\nreplayed 50"));
+    EXPECT_EQ(dumpOf(other), dumpOf(tested.agent));
+  }
+}
+
+TEST_F(Journaled, ReplayingBeginsAtTheLastPushThatClearedTheSwitch) {
+  ASSERT_TRUE(tested.insertRoutes(0, 10, 1).ok());
+  p4::v1::SetForwardingPipelineConfigRequest push;
+  push.set_device_id(1);
+  push.mutable_election_id()->set_low(tested.electionId());
+  push.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
+  *push.mutable_config()->mutable_p4info() = tested.pipeline().p4info();
+  grpc::ClientContext context;
+  p4::v1::SetForwardingPipelineConfigResponse response;
+  const auto pushed =
+      tested.controller().stub().SetForwardingPipelineConfig(&context, push, &response);
+  ASSERT_TRUE(pushed.ok()) << pushed.error_message();
+  ASSERT_TRUE(tested.insertRoutes(20, 25, 1).ok());
+  EXPECT_THAT(why(keyOf(3)), ContainsRegex("INSERT(.*\n)*.*pipeline pushed, VERIFY_AND_COMMIT"));
+  Switch other;
+  ASSERT_TRUE(other.startAgent());
+  ASSERT_TRUE(other.startForwarder());
+  const CommandResult told = replay({journal(), "--to", other.agent.address(), "--push"});
+  EXPECT_EQ(told.exit.code, 0) << told.error;
+  EXPECT_THAT(told.output, HasSubstr("replayed 5 updates in 1 Writes"));
+  EXPECT_EQ(dumpOf(other.agent), dumpOf(tested.agent));
+}
+
+TEST_F(Journaled, ReplayingNamesTheEntriesThatFail) {
+  ASSERT_TRUE(tested.insertRoutes(0, 3, 1).ok());
+  Switch other;
+  ASSERT_TRUE(other.start());
+  ASSERT_TRUE(other.insertRoutes(1, 2, 5).ok());
+  const CommandResult told =
+      replay({journal(), "--to", other.agent.address(), "--election-id", "9"});
+  EXPECT_EQ(told.exit.code, 1);
+  EXPECT_THAT(told.output, HasSubstr("replayed 3 updates in 1 Writes"));
+  EXPECT_THAT(told.error, ContainsRegex("INSERT table ingress.ipv4_route: vrf_id=1 "
+                                        "ipv4_dst=0.0.1.0/24 .record [0-9]+, .*ALREADY_EXISTS"));
+  const CommandResult none = replay({other.directory().path(), "--to", other.agent.address()});
+  EXPECT_EQ(none.exit.code, 1);
+  EXPECT_THAT(none.error, HasSubstr("there is no journal in"));
 }
 
 }  // namespace
