@@ -6,6 +6,7 @@
 
 #include "P4Runtime/agent/Agent.h"
 #include "P4Runtime/companion/SecurityConfig.h"
+#include "P4Runtime/companion/Settings.h"
 #include "platform/orrery/EntityTypes.h"
 
 namespace P4Runtime {
@@ -112,6 +113,7 @@ void Agent::doFetchMounts(const Orrery::EntityManager& manager) {
 
 extern "C" void korvelAgentRegisterTypes() {
   using namespace P4Runtime;
+  Orrery::TheSettingsAre(agentSettings());
   Orrery::EntityTypes& types = Orrery::TheEntityTypes();
   types.typeIs<Bridging::Config>("Bridging::Config");
   types.typeIs<AllPluginConfig>("P4Runtime::AllPluginConfig");

@@ -2,41 +2,25 @@
 
 #include <fmt/format.h>
 
-#include <array>
-
+#include "P4Runtime/companion/Settings.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "PI/proto/pi_server.h"
 #include "PI/proto/pi_server_process.h"
 #include "platform/vela/Exception.h"
-#include "platform/vela/Text.h"
 
 namespace P4Runtime {
 namespace {
 
 using P4RuntimeConfig::P4RtSystemConfig;
 
-// Other values would shut everybody out, or let a stream idle for good.
-struct Range {
-  const char* attribute;
-  double least;
-  double most;
-};
-constexpr double any = 1e6;
-constexpr std::array<Range, 8> ranges{{{"maxConnections", 4, any},
-                                       {"maxStreams", 1, any},
-                                       {"maxStreamsOfRole", 1, any},
-                                       {"maxRoles", 1, any},
-                                       {"arbitrationTimeout", 0.1, 3600},
-                                       {"maxWrites", 1, 10000},
-                                       {"maxReads", 1, 10000},
-                                       {"maxServerMemory", 64, any}}};
+constexpr const char* systemPath = "p4runtime/config/system";
 
-// The configuration file may hold values that `korvel set` would refuse.
+// Files and commands were refused already; code sets any value.
 void requireLimits(const P4RtSystemConfig& config) {
-  for (const Range& range : ranges) {
-    const Vela::Outcome fits =
-        checkLimit(range.attribute, config.attribute(range.attribute)->text());
-    if (!fits.ok()) throw Vela::Exception("p4runtime/config/system: " + fits.reason());
+  for (const auto* attribute : config.attributes()) {
+    const auto* setting = Orrery::findSetting(agentSettings(), systemPath, attribute->name());
+    const std::string fault = setting ? Orrery::rangeFault(*setting, attribute->text()) : "";
+    if (!fault.empty()) throw Vela::Exception(fmt::format("{}: {}", systemPath, fault));
   }
 }
 
@@ -64,17 +48,6 @@ void lenienceFrom(const P4RtSystemConfig& config) {
 }
 
 }  // namespace
-
-Vela::Outcome checkLimit(std::string_view name, const std::string& text) {
-  for (const Range& range : ranges) {
-    if (name != range.attribute) continue;
-    const auto value = Vela::TextForm<double>::fromText(text);
-    if (!value || (*value >= range.least && *value <= range.most)) return {};
-    return Vela::Outcome::failure(
-        fmt::format("{} {} is out of range; choose {} to {}", name, text, range.least, range.most));
-  }
-  return {};
-}
 
 std::vector<Vela::Observation> followServerLimits(const P4RtSystemConfig& config) {
   requireLimits(config);

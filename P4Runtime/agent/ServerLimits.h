@@ -1,18 +1,12 @@
 // The limits of the P4Runtime server, as the system configuration has them.
 #pragma once
 
-#include <string>
-#include <string_view>
 #include <vector>
 
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "platform/vela/Entity.h"
-#include "platform/vela/Outcome.h"
 
 namespace P4Runtime {
-
-// Fails when the limit `name` of the configuration cannot be `text`. Other attributes pass.
-Vela::Outcome checkLimit(std::string_view name, const std::string& text);
 
 // Gives the server its device, its limits and its lenience, these at once and whenever one changes,
 // as long as the observations live. Call with the activity lock held, before the server starts;

@@ -5,15 +5,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <memory>
 #include <system_error>
 
 #include "P4Runtime/agent/PolicyFile.h"
-#include "P4Runtime/agent/ServerLimits.h"
 #include "P4Runtime/companion/BatchStatus.h"
 #include "P4Runtime/companion/P4RtSystemConfig.h"
+#include "P4Runtime/companion/Settings.h"
 #include "platform/vela/Text.h"
 
 namespace P4Runtime {
@@ -21,28 +20,6 @@ namespace {
 
 using P4RuntimeConfig::P4RtSystemConfig;
 using Vela::Outcome;
-
-// Settings that the agent reads only when it starts.
-struct ReadAtStart {
-  const char* path;
-  const char* attribute;
-};
-constexpr std::array<ReadAtStart, 14> readAtStart{{
-    {"p4runtime/config/system", "deviceId"},
-    {"p4runtime/config/system", "grpcServerAddress"},
-    {"p4runtime/config/agent", "p4InfoJsonPath"},
-    {"p4runtime/config/agent", "deviceJsonPath"},
-    {"p4runtime/config/agent", "pluginDirectory"},
-    {"p4runtime/config/agent", "cpuDevice"},
-    {"p4runtime/config/security", "insecure"},
-    {"p4runtime/config/security", "certificate"},
-    {"p4runtime/config/security", "key"},
-    {"p4runtime/config/security", "clientCa"},
-    {"p4runtime/config/security", "crl"},
-    {"p4runtime/config/security", "unixSocket"},
-    {"p4runtime/config/security", "unixMode"},
-    {"p4runtime/config/security", "unixOwner"},
-}};
 
 // 0 if a server can listen there, else the errno.
 int listenError(const std::string& address, uint16_t port) {
@@ -108,8 +85,9 @@ Vela::Outcome checkSetting(const Orrery::Database& database, bool pretendingAllo
                            const std::string& path, const Vela::AttributeBase& attribute,
                            const std::string& text) {
   const std::string name = attribute.name();
-  for (const ReadAtStart& one : readAtStart) {
-    if (path != one.path || name != one.attribute || attribute.text() == text) continue;
+  const Orrery::Setting* setting = Orrery::findSetting(agentSettings(), path, name);
+  const bool isLate = setting && setting->heeded == Orrery::Setting::Heeded::atStart;
+  if (isLate && attribute.text() != text) {
     return Outcome::failure(fmt::format(
         "{} is read when the agent starts; write it into the configuration file and start the "
         "agent anew",
@@ -123,8 +101,8 @@ Vela::Outcome checkSetting(const Orrery::Database& database, bool pretendingAllo
     return checkPretending(*batchStatus, pretendingAllowed, name, text);
   }
   if (path == securityPath && name == "policy") return checkPolicyFile(text);
-  if (config) return checkLimit(name, text);
-  return {};
+  const std::string fault = setting ? Orrery::rangeFault(*setting, text) : "";
+  return fault.empty() ? Outcome() : Outcome::failure(fault);
 }
 
 }  // namespace P4Runtime

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "P4Runtime/monitoring/CodeNames.h"
+#include "P4Runtime/monitoring/Controllers.h"
 #include "PI/frontends/proto/write_statistics.h"
 
 namespace P4Runtime {
@@ -169,6 +170,7 @@ std::string metricsText(const Observed& agent, Exposition::Form form) {
   writer.state();
   writer.writes();
   writer.tables();
+  writeRoles(exposition);
   writer.countsByFate();
   writer.process();
   return exposition.finish();

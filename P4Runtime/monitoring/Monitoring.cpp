@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "P4Runtime/monitoring/AgentMetrics.h"
+#include "P4Runtime/monitoring/RowSearch.h"
 #include "P4Runtime/monitoring/StatusJson.h"
 #include "platform/vela/ActivityLock.h"
 

@@ -1,21 +1,16 @@
 #include "P4Runtime/monitoring/StatusJson.h"
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
 
 #include "P4Runtime/monitoring/CodeNames.h"
+#include "P4Runtime/monitoring/Controllers.h"
 #include "PI/frontends/proto/write_statistics.h"
 #include "platform/orrery/AttributeJson.h"
-#include "platform/vela/ActivityLock.h"
 #include "platform/vela/Json.h"
 
 namespace P4Runtime {
 namespace {
-
-constexpr size_t mostRows = 100;         // in an answer
-constexpr size_t mostLookedAt = 200000;  // for an answer
-constexpr size_t lookedAtInATurn = 2000;
 
 void addEntity(cJSON* to, const char* name, const Observed& agent, const char* path) {
   const auto entity = agent.stateDatabase.entity(path);
@@ -79,81 +74,6 @@ void addWrites(cJSON* to) {
   }
 }
 
-std::string lower(std::string_view text) {
-  std::string result(text);
-  for (char& byte : result)
-    byte = static_cast<char>(std::tolower(static_cast<unsigned char>(byte)));
-  return result;
-}
-
-std::string lineOf(const std::vector<Lattice::ColumnText>& columns) {
-  std::string line;
-  for (const Lattice::ColumnText& column : columns) {
-    line += (line.empty() ? "" : " ") + column.name + "=" + column.text;
-  }
-  return line;
-}
-
-// Looks through a table for rows that have a text.
-class RowSearch {
- public:
-  RowSearch(const Observed& agent, std::string_view table, std::string_view wanted)
-      : agent_(agent), table_(table), wanted_(lower(wanted)), answer_(cJSON_CreateObject()) {}
-
-  std::string run() {
-    while (!isThrough_ && found_ < mostRows && looked_ < mostLookedAt) {
-      const Vela::ActivityLock lock;  // others get it between two turns
-      runTurn();
-    }
-    return Vela::jsonLine(*answer_);
-  }
-
- private:
-  void runTurn() {
-    const auto& tables = agent_.tableInfo->latticeTableInterfaceCollection().values();
-    const auto known = std::ranges::find_if(tables, [&](const auto& one) {
-      return one.second->ready() && one.second->tableName() == table_;
-    });
-    isThrough_ = true;
-    if (known == tables.end()) return;
-    const auto type = agent_.tableInfo->typeOfTable(table_);
-    if (!type) return;
-    if (rows_ == nullptr) rows_ = Vela::addArray(answer_.get(), "rows");
-    const size_t end = looked_ + lookedAtInATurn;
-    known->second->forEachCommitted(
-        [&](const Lattice::StoredRow& row) {
-          look(*type, row);
-          isThrough_ = looked_ < end && found_ < mostRows;
-          return isThrough_;
-        },
-        &position_);
-    cJSON_DeleteItemFromObject(answer_.get(), "looked");
-    Vela::addNumber(answer_.get(), "looked", static_cast<double>(looked_));
-  }
-
-  void look(const Lattice::TableType& type, const Lattice::StoredRow& row) try {
-    ++looked_;
-    const std::string key = lineOf(Lattice::keyTexts(type, row.key));
-    const std::string value = lineOf(Lattice::valueTexts(type, row.value));
-    if (!wanted_.empty() && lower(key + " " + value).find(wanted_) == std::string::npos) return;
-    ++found_;
-    cJSON* shown = Vela::addObjectTo(rows_);
-    Vela::addString(shown, "key", key);
-    Vela::addString(shown, "value", value);
-  } catch (const Lattice::TypeError&) {  // of another pipeline, which has just come
-  }
-
-  const Observed& agent_;
-  const std::string table_;
-  const std::string wanted_;
-  const Vela::Json answer_;
-  cJSON* rows_ = nullptr;
-  Brine::Store::Position position_;
-  bool isThrough_ = false;
-  size_t looked_ = 0;
-  size_t found_ = 0;
-};
-
 }  // namespace
 
 std::string statusJson(const Observed& agent) {
@@ -166,13 +86,10 @@ std::string statusJson(const Observed& agent) {
   addEntity(status.get(), "failures", agent, failuresPath);
   addTables(status.get(), agent);
   addForwardingAgents(status.get(), agent);
+  addControllers(status.get());
   addPorts(status.get(), agent);
   addWrites(status.get());
   return Vela::jsonLine(*status);
-}
-
-std::string rowsJson(const Observed& agent, std::string_view table, std::string_view wanted) {
-  return RowSearch(agent, table, wanted).run();
 }
 
 }  // namespace P4Runtime

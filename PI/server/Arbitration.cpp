@@ -262,6 +262,7 @@ void Arbitration::enter(ArbitrationClient& client, const RoleOfDevice& role,
 void Arbitration::elect(Contest& contest, ArbitrationClient& client, ElectionId electionId) {
   contest.highest = electionId;
   contest.told = contest.told && contest.primary == &client;
+  if (contest.primary != &client) contest.primarySince = std::chrono::system_clock::now();
   contest.primary = &client;
   contest.installed = false;
   notifyOthers(contest, &client);

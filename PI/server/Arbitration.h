@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "PI/server/RoleClaims.h"
 #include "PI/server/RoleConfig.h"
@@ -41,6 +42,29 @@ struct ArbitrationNotice {
   std::shared_ptr<const RoleConfig> config = nullptr;  // the role's; null: it has none
 };
 
+using WallTime = std::chrono::system_clock::time_point;
+
+// Where a stream comes from, and when it began.
+struct StreamOrigin {
+  std::string address = {};  // as gRPC writes it
+  WallTime opened = {};
+};
+
+// A controller as people see it.
+struct ControllerView {
+  RoleOfDevice role;
+  std::string identity;
+  StreamOrigin origin;
+  std::optional<ElectionId> electionId;
+  std::optional<WallTime> primarySince;  // nothing: it is a backup
+};
+
+struct RoleView {
+  RoleOfDevice role;
+  size_t clients = 0;
+  bool hasPrimary = false;
+};
+
 // A controller's stream.
 class ArbitrationClient {
  public:
@@ -53,6 +77,7 @@ class ArbitrationClient {
   virtual void displaced(const std::string& reason) = 0;
   // Who the controller has proved to be; constant.
   virtual const std::string& identity() const = 0;
+  virtual const StreamOrigin& origin() const = 0;  // constant
 };
 
 // Keeps the highest election ids beyond the life of the process. Called from the threads of
@@ -165,6 +190,19 @@ class Arbitration {
   using Visit = std::function<void(ArbitrationClient&, const RoleConfig* config)>;
   void forEachPrimary(uint64_t deviceId, const Visit& visit);
 
+  // Copies of at most `most`, and the number of all: clients, primaries first, and roles that have
+  // clients or a highest id; each by device and role.
+  struct ControllerViews {
+    std::vector<ControllerView> controllers;
+    size_t all = 0;
+  };
+  ControllerViews controllers(size_t most) const;
+  struct RoleViews {
+    std::vector<RoleView> roles;
+    size_t all = 0;
+  };
+  RoleViews roles(size_t most) const;
+
  private:
   struct Contest {
     std::map<ArbitrationClient*, std::optional<ElectionId>> clients;
@@ -172,6 +210,7 @@ class Arbitration {
     std::shared_ptr<const RoleConfig> config;  // as its latest primary gave it
     std::string configFrom;                    // the identity of that primary
     ArbitrationClient* primary = nullptr;      // its election id is `highest`
+    WallTime primarySince;                     // of that primary
     bool installed = false;                    // the primary's Writes are taken
     bool told = false;                         // the primary has its notice
     bool hasWritten = false;                   // or was kept by an earlier process

@@ -44,6 +44,7 @@ class ControllerStream : public ArbitrationClient {
         devices_(devices),
         streams_(streams),
         who_(std::move(who)),
+        origin_{context.peer(), std::chrono::system_clock::now()},
         queue_(streams.outgoing()) {}
 
   // Serves the stream until the controller, an arbitration update that ends it, or cancel() does.
@@ -56,6 +57,7 @@ class ControllerStream : public ArbitrationClient {
 
   void displaced(const std::string& reason) override;
   const std::string& identity() const override { return who_.identity; }
+  const StreamOrigin& origin() const override { return origin_; }
 
   // Whether the controller may have the message of the device, by policy and the configs of roles.
   // Any thread, once the stream is a client of the arbitration.
@@ -88,6 +90,7 @@ class ControllerStream : public ArbitrationClient {
   std::shared_ptr<const Standing> standing();
   void countNotPrimary();
   void countOut(grpc::StatusCode code);
+  void account(const p4::v1::StreamMessageRequest& request, const grpc::Status& status) const;
   void report(const p4::v1::StreamMessageRequest& request, grpc::StatusCode code,
               const std::string& message);
 
@@ -97,6 +100,7 @@ class ControllerStream : public ArbitrationClient {
   Devices& devices_;
   StreamSet& streams_;
   const Who who_;
+  const StreamOrigin origin_;
   OutgoingQueue queue_;
 
   // Written once, before the stream is a client of the arbitration.

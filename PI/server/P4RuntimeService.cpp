@@ -20,7 +20,7 @@
 #include "PI/server/Lenience.h"
 #include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
-#include "PI/server/PeerSource.h"
+#include "PI/server/Peer.h"
 #include "PI/server/Requester.h"
 
 namespace pi::server {
@@ -134,7 +134,7 @@ void P4RuntimeService::methodIs(const char* name, grpc::internal::RpcMethod::Rpc
 }
 
 P4RuntimeService::AccessPtr P4RuntimeService::accessOf(const grpc::ServerContext& context) {
-  return CallerAccess::make(arbitration_, rights_, [&] { return peerOfCall(context); });
+  return CallerAccess::make(arbitration_, rights_, [&] { return peerOf(context); });
 }
 
 template <typename Request, typename Serve>
@@ -388,7 +388,7 @@ Status P4RuntimeService::getPipeline(UnaryCall& call,
 Status P4RuntimeService::streamChannel(
     grpc::ServerContext& context,
     grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, StreamRequest>& call) {
-  const Peer peer = peerOfCall(context);
+  const Peer peer = peerOf(context);
   const auto accessNow = [this, &peer] {
     return CallerAccess::make(arbitration_, rights_, [&] { return peer; });
   };

@@ -7,10 +7,12 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "cli/agent/AgentLibrary.h"
 #include "cli/agent/NetworkPlatform.h"
 #include "cli/agent/ProvidedEntities.h"
+#include "cli/agent/SettingKeys.h"
 #include "platform/orrery/ConfigFile.h"
 #include "platform/orrery/Database.h"
 #include "platform/vela/ActivityLock.h"
@@ -18,35 +20,78 @@
 
 namespace {
 
-constexpr int faulty = 1;
+constexpr int failed = 1;
 
 struct Options {
   std::string file;
   std::string library;
+  std::string word;
+  bool json = false;
 };
 
-// Against the entities of an agent that does not run.
-void check(const Options& options) {
+// Calls `work` with the entities of an agent that does not run.
+template <typename Work>
+void withEntities(const Options& options, Work work) {
   Vela::ReactorLoop loop;
   const auto database = Orrery::embeddedDatabase(loop);
   const Vela::ActivityLock lock;
   loadAgentLibrary(options.library).registerTypes();
   const NetworkPlatform network(loop, *database);
   provideEntities(*database, "");
-  const auto faults = Orrery::ConfigFile(*database, options.file).faults();
-  for (const std::string& fault : faults) fmt::print(stderr, "korvel: {}\n", fault);
-  if (!faults.empty()) throw CLI::RuntimeError(faulty);
-  fmt::print("{}: all settings are known, and their values are of the right kind\n", options.file);
+  work(*database);
+}
+
+void check(const Options& options) {
+  withEntities(options, [&](Orrery::Database& database) {
+    const auto faults = Orrery::ConfigFile(database, options.file).faults();
+    for (const std::string& fault : faults) fmt::print(stderr, "korvel: {}\n", fault);
+    if (!faults.empty()) throw CLI::RuntimeError(failed);
+    fmt::print("{}: all settings are known, and their values are of the right kind\n",
+               options.file);
+  });
+}
+
+void printKeys(const Options& options) {
+  withEntities(options, [&](const Orrery::Database& database) {
+    const auto keys = settingKeys(database);
+    const std::string text =
+        options.json ? Vela::jsonText(*keysJson(keys)) + "\n" : keysText(keys, options.word);
+    fmt::print("{}", text);
+    if (!text.empty()) return;
+    fmt::print(stderr,
+               "korvel: no key has to do with '{}'; 'korvel config keys' lists all of them\n",
+               options.word);
+    throw CLI::RuntimeError(failed);
+  });
+}
+
+template <typename Text>
+void print(const Options& options, Text text) {
+  withEntities(options, [&](const Orrery::Database& database) {
+    fmt::print("{}", text(settingKeys(database)));
+  });
 }
 
 }  // namespace
 
 void addConfigCommand(CLI::App& app) {
-  CLI::App* config = app.add_subcommand("config", "Check configuration files of the agent");
+  CLI::App* config =
+      app.add_subcommand("config", "Check configuration files of the agent, and list their keys");
   config->require_subcommand(1);
   const auto options = std::make_shared<Options>();
-  CLI::App* command = config->add_subcommand("check", "Name all faults of a configuration file");
-  command->add_option("file", options->file, "The file")->type_name("FILE")->required();
-  command->add_option("--library", options->library, "The agent's library, libP4Runtime.so");
-  command->callback([options] { check(*options); });
+  const auto add = [&](const char* name, const char* text, void (*run)(const Options&)) {
+    CLI::App* command = config->add_subcommand(name, text);
+    command->add_option("--library", options->library, "The agent's library, libP4Runtime.so");
+    command->callback([options, run] { run(*options); });
+    return command;
+  };
+  CLI::App* checks = add("check", "Name all faults of a configuration file", check);
+  checks->add_option("file", options->file, "The file")->type_name("FILE")->required();
+  CLI::App* keys = add("keys", "List keys with kind, unit, default and meaning", printKeys);
+  keys->add_option("word", options->word, "Only keys that have to do with this word");
+  keys->add_flag("--json", options->json, "All keys, in JSON");
+  add("example", "Print a file that has all keys as comments, to begin with",
+      [](const Options& given) { print(given, exampleFile); });
+  add("doc", "Print the page of the documentation about all keys",
+      [](const Options& given) { print(given, configurationPage); });
 }

@@ -1,4 +1,4 @@
-// `korvel config check`: what the agent would say of a configuration file, before it has to.
+// `korvel config`: faults of a configuration file before the agent reads it, and the keys of one.
 #pragma once
 
 #include <CLI/App.hpp>

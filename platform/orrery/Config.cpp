@@ -3,12 +3,15 @@
 #include <cjson/cJSON.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <set>
 
 #include "platform/orrery/AttributeJson.h"
+#include "platform/orrery/ConfigText.h"
+#include "platform/orrery/Settings.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/Json.h"
 #include "platform/vela/Nearest.h"
@@ -40,42 +43,72 @@ std::string suggestion(const std::string& word, const std::vector<std::string>& 
   return meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant);
 }
 
-void setAttribute(Vela::Entity& entity, const cJSON& value, const std::string& where) {
-  Vela::AttributeBase* attribute = entity.attribute(value.string);
-  if (!attribute) {
-    throw ConfigError(fmt::format("{}: \"{}\" is no attribute of {}; {}{}", where, value.string,
-                                  entity.typeName(), attributeNames(entity),
-                                  suggestion(value.string, namesOf(entity))));
-  }
-  const auto text = attributeText(value, attribute->typeName());
-  if (!text) {
-    throw ConfigError(fmt::format("{}: \"{}\": expected a value of type {}, found {}", where,
-                                  value.string, attribute->typeName(), kindOf(value)));
-  }
-  try {
-    attribute->textIs(*text);
-  } catch (const Vela::BadValue& e) {
-    throw ConfigError(fmt::format("{}: \"{}\": {}", where, value.string, e.what()));
-  }
-  SCRIVEL_TRACE(0, "config ", entity.name(), " ", value.string, " ", *text);
-}
-
+// Those that are there, and those that a directory would make under this path's last name.
 ConfigError noPath(const std::string& where, const std::string& path,
-                   const std::vector<std::string>& known) {
+                   std::vector<std::string> known) {
+  const std::string name = path.substr(path.rfind('/') + 1);
+  for (const SettingGroup& group : TheSettings()) {
+    if (group.isOfMany()) known.push_back(std::string(group.directory()) + name);
+  }
   return ConfigError(where +
                      " is no path of the state database; expected a path such as "
                      "\"p4runtime/config/system\"" +
                      suggestion(path, known));
 }
 
-Vela::Ptr<Vela::Entity> madeEntity(const Database& database, const char* path,
-                                   const std::string& where) {
-  try {
-    if (auto made = makeEntityAt(database, path)) return made;
-  } catch (const PathError& e) {
-    throw ConfigError(where + ": " + e.what());
+// An attribute of another path, or one that is spelt otherwise.
+std::string rightAttribute(const Vela::Entity& entity, const std::string& name) {
+  for (const SettingGroup& group : TheSettings()) {
+    if (findSetting(TheSettings(), group.path, name)) {
+      return fmt::format("; \"{}\" has that one", group.path);
+    }
   }
-  throw noPath(where, path, pathsIn(database));
+  return suggestion(name, namesOf(entity));
+}
+
+// Of a path that was split into objects, too.
+ConfigError noAttribute(const ConfigReading& reading, const std::string& path,
+                        const Vela::Entity& entity, const cJSON& value, const std::string& where) {
+  const std::string name = value.string;
+  if (cJSON_IsObject(&value)) {
+    const std::string whole = path + "/" + name;
+    const auto known = reading.paths();
+    if (std::ranges::find(known, whole) == known.end()) {
+      return noPath(fmt::format("{}: \"{}\"", where, name), whole, known);
+    }
+    return ConfigError(
+        fmt::format("{}: \"{}\" is a path of its own; write \"{}\" as one key, beside the others",
+                    where, name, whole));
+  }
+  return ConfigError(fmt::format("{}: \"{}\" is no attribute of {}; {}{}", where, name,
+                                 entity.typeName(), attributeNames(entity),
+                                 rightAttribute(entity, name)));
+}
+
+std::string exampleOf(const Setting* setting) {
+  return setting ? fmt::format("; for example {}", setting->example) : "";
+}
+
+void setAttribute(const ConfigReading& reading, const std::string& path, Vela::Entity& entity,
+                  const cJSON& value, const std::string& where) {
+  Vela::AttributeBase* attribute = entity.attribute(value.string);
+  if (!attribute) throw noAttribute(reading, path, entity, value, where);
+  const Setting* setting = findSetting(TheSettings(), path, value.string);
+  const auto text = attributeText(value, attribute->typeName());
+  if (!text) {
+    throw ConfigError(fmt::format("{}: \"{}\": expected a value of type {}, found {}{}", where,
+                                  value.string, attribute->typeName(), kindOf(value),
+                                  exampleOf(setting)));
+  }
+  const std::string fault = setting ? rangeFault(*setting, *text) : "";
+  if (!fault.empty()) throw ConfigError(fmt::format("{}: {}", where, fault));
+  try {
+    attribute->textIs(*text);
+  } catch (const Vela::BadValue& e) {
+    throw ConfigError(
+        fmt::format("{}: \"{}\": {}{}", where, value.string, e.what(), exampleOf(setting)));
+  }
+  SCRIVEL_TRACE(0, "config ", entity.name(), " ", value.string, " ", *text);
 }
 
 void requireObject(const cJSON& attributes, const std::string& where) {
@@ -84,19 +117,15 @@ void requireObject(const cJSON& attributes, const std::string& where) {
       fmt::format("{}: expected an object of attributes, found {}", where, kindOf(attributes)));
 }
 
-void setEntity(Database& database, const cJSON& attributes, const std::string& fileName) {
-  const std::string where = fmt::format("{}: \"{}\"", fileName, attributes.string);
-  const Vela::Ptr<Vela::Entity> there = database.entity(attributes.string);
-  const auto entity = there ? there : madeEntity(database, attributes.string, where);
-  requireObject(attributes, where);
-  const cJSON* value = nullptr;
-  cJSON_ArrayForEach(value, &attributes) setAttribute(*entity, *value, where);
-  if (!there) database.entityIs(attributes.string, entity);
+// Else the later one would count in silence.
+void requireOnce(std::set<std::string>& seen, const cJSON& item, const std::string& where) {
+  if (seen.insert(item.string).second) return;
+  throw ConfigError(fmt::format("{}: \"{}\" stands there twice; join the two", where, item.string));
 }
 
 Vela::Json objectIn(const std::string& text, const std::string& fileName) {
   size_t line = 0;
-  Vela::Json json = Vela::parseJson(text, &line);
+  Vela::Json json = Vela::parseJson(plainJson(text), &line);
   if (!json) {
     throw ConfigError(
         fmt::format("{}: line {}: expected a JSON object, keys are paths of the state database",
@@ -136,7 +165,7 @@ Vela::Ptr<Vela::Entity> entityToRead(const ConfigReading& reading, const std::st
   } catch (const PathError& e) {
     throw ConfigError(where + ": " + e.what());
   }
-  throw noPath(where, path, reading.paths);
+  throw noPath(where, path, reading.paths());
 }
 
 template <typename Work>
@@ -153,11 +182,27 @@ void readEntity(const ConfigReading& reading, const cJSON& attributes, const std
   const auto entity = entityToRead(reading, path, where);
   requireObject(attributes, where);
   reading.tell(path, nullptr);
+  std::set<std::string> seen;
   const cJSON* value = nullptr;
   cJSON_ArrayForEach(value, &attributes) {
     tried(reading, [&] {
-      setAttribute(*entity, *value, where);
+      requireOnce(seen, *value, where);
+      setAttribute(reading, path, *entity, *value, where);
       reading.tell(path, entity->attribute(value->string));
+    });
+  }
+  if (reading.whole) reading.whole(path, entity);
+}
+
+void readText(const std::string& text, const std::string& fileName, const ConfigReading& reading) {
+  const Vela::Json json = objectIn(text, fileName);
+  std::set<std::string> seen;
+  const cJSON* attributes = nullptr;
+  cJSON_ArrayForEach(attributes, json.get()) {
+    const std::string where = fmt::format("{}: \"{}\"", fileName, attributes->string);
+    tried(reading, [&] {
+      requireOnce(seen, *attributes, fileName);
+      readEntity(reading, *attributes, where);
     });
   }
 }
@@ -172,9 +217,18 @@ void addPaths(const Database& database, const std::string& path, std::vector<std
 }  // namespace
 
 void loadConfigText(Database& database, const std::string& text, const std::string& fileName) {
-  const Vela::Json json = objectIn(text, fileName);
-  const cJSON* attributes = nullptr;
-  cJSON_ArrayForEach(attributes, json.get()) setEntity(database, *attributes, fileName);
+  ConfigReading reading;
+  reading.entityAt = [&](const std::string& path) {
+    const auto there = database.entity(path);
+    return there ? there : makeEntityAt(database, path);
+  };
+  reading.tell = [](const auto&, const auto*) {};
+  reading.whole = [&](const std::string& path, const Vela::Ptr<Vela::Entity>& entity) {
+    if (!database.entity(path)) database.entityIs(path, entity);
+  };
+  reading.fault = [](const ConfigError& fault) { throw ConfigError(fault); };
+  reading.paths = [&] { return pathsIn(database); };
+  readText(text, fileName, reading);
 }
 
 void loadConfig(Database& database, const std::string& fileName) {
@@ -188,12 +242,7 @@ std::vector<std::string> pathsIn(const Database& database) {
 }
 
 void readConfig(const std::string& fileName, const ConfigReading& reading) {
-  const Vela::Json json = objectIn(contentsOf(fileName), fileName);
-  const cJSON* attributes = nullptr;
-  cJSON_ArrayForEach(attributes, json.get()) {
-    const std::string where = fmt::format("{}: \"{}\"", fileName, attributes->string);
-    tried(reading, [&] { readEntity(reading, *attributes, where); });
-  }
+  readText(contentsOf(fileName), fileName, reading);
 }
 
 }  // namespace Orrery

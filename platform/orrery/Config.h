@@ -16,9 +16,10 @@ class ConfigError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The file is one JSON object: keys are paths of entities that are there, or that their directory
-// makes on demand; values are objects of attribute values. Throws ConfigError; the attributes
-// before the fault have then been set. Call with the activity lock held.
+// The file is one JSON object, with comments as in ConfigText.h: keys are paths of entities that
+// are there, or that their directory makes on demand; values are objects of attribute values.
+// Throws ConfigError; the attributes before the fault have then been set. Call with the activity
+// lock held.
 void loadConfig(Database& database, const std::string& fileName);
 // The same from a text; `fileName` is for messages.
 void loadConfigText(Database& database, const std::string& text, const std::string& fileName);
@@ -29,9 +30,11 @@ struct ConfigReading {
   std::function<Vela::Ptr<Vela::Entity>(const std::string& path)> entityAt;
   // Told each path, and then each attribute that the file sets there.
   std::function<void(const std::string& path, const Vela::AttributeBase* set)> tell;
+  // Told each path once all its attributes were tried; may be empty.
+  std::function<void(const std::string& path, const Vela::Ptr<Vela::Entity>& entity)> whole = {};
   // Told each faulty path or attribute, which is passed over.
   std::function<void(const ConfigError&)> fault;
-  std::vector<std::string> paths;  // that a wrong one may have meant
+  std::function<std::vector<std::string>()> paths;  // that a wrong one may have meant
 };
 
 // Throws ConfigError for a file that cannot be read or is no JSON object.

@@ -29,7 +29,7 @@ void ConfigFile::load() {
 ConfigReading ConfigFile::reading() const {
   ConfigReading reading;
   reading.entityAt = [this](const std::string& path) { return freshEntity(database_, path); };
-  reading.paths = pathsIn(database_);
+  reading.paths = [this] { return pathsIn(database_); };
   return reading;
 }
 

@@ -16,8 +16,8 @@ class ConfigFile {
   ConfigFile(Database& database, std::string fileName);
 
   void load();  // as loadConfig(); throws ConfigError
-  // A line for each fault of the file; nothing changes. Settings of which the agent's parts refuse
-  // the value when they are set, such as a limit of 0, are not found.
+  // A line for each fault of the file; nothing changes. Faults of settings that depend on others,
+  // or on the machine, such as a file that is not there, are not found.
   std::vector<std::string> faults() const;
 
   // Applies the differences between this reading of the file and the former one; a setting that

@@ -12,6 +12,12 @@ void EntityTypes::typeIs(const std::string& typeName, Factory factory) {
   factories_[typeName] = std::move(factory);
 }
 
+std::vector<std::string> EntityTypes::names() const {
+  std::vector<std::string> names;
+  for (const auto& [name, factory] : factories_) names.push_back(name);
+  return names;
+}
+
 bool EntityTypes::has(std::string_view typeName) const {
   return factories_.find(typeName) != factories_.end();
 }

@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/vela/Entity.h"
 
@@ -22,6 +23,7 @@ class EntityTypes {
   void typeIs(const std::string& typeName) {
     typeIs(typeName, [](std::string path) { return Vela::Ptr<Vela::Entity>(new T(path)); });
   }
+  std::vector<std::string> names() const;  // ascending
   bool has(std::string_view typeName) const;
   Vela::Ptr<Vela::Entity> make(std::string_view typeName,
                                const std::string& path) const;  // or null

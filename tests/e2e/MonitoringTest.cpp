@@ -54,12 +54,21 @@ TEST_F(Monitored, ShowsWritesTablesAndRows) {
   EXPECT_THAT(metrics, HasSubstr("korvel_ready 1\n"));
   EXPECT_THAT(metrics, HasSubstr("korvel_write_stage_seconds_count{stage=\"hardware\"}"));
   EXPECT_THAT(metrics, Not(HasSubstr("korvel_write_stage_seconds_count{stage=\"hardware\"} 0\n")));
+  EXPECT_THAT(metrics, HasSubstr("korvel_role_streams{role=\"\"} 1\n"));
+  EXPECT_THAT(metrics, HasSubstr("korvel_role_has_primary{role=\"\"} 1\n"));
   EXPECT_THAT(metrics, testing::EndsWith("\n# EOF\n"));
 
   const Vela::Json status = Vela::parseJson(get("/status.json"));
   ASSERT_TRUE(status);
   EXPECT_GT(cJSON_GetArraySize(Vela::jsonArray(status.get(), "tables")), 1);
   EXPECT_EQ(cJSON_GetArraySize(Vela::jsonArray(status.get(), "forwardingAgents")), 1);
+
+  const cJSON* controllers = Vela::jsonArray(status.get(), "controllers");
+  ASSERT_EQ(cJSON_GetArraySize(controllers), 1);
+  const cJSON* controller = cJSON_GetArrayItem(controllers, 0);
+  EXPECT_TRUE(cJSON_IsTrue(cJSON_GetObjectItem(controller, "primary")));
+  EXPECT_THAT(Vela::jsonString(controller, "address").value_or(""), HasSubstr("127.0.0.1:"));
+  EXPECT_GT(Vela::jsonNumber(controller, "primarySince").value_or(0), 1'700'000'000u);
 
   const auto rows = [&](const std::string& wanted) {
     const Vela::Json found = Vela::parseJson(get("/rows.json?table=" + table + "&find=" + wanted));
@@ -97,6 +106,7 @@ TEST_F(Monitored, ThePageShowsTheSwitch) {
   EXPECT_THAT(page, HasSubstr(Router::rowTable(Router::routeTable) + "</button>"));
   EXPECT_THAT(page, HasSubstr(">40</td>"));
   EXPECT_THAT(page, HasSubstr("up to date"));
+  EXPECT_THAT(page, HasSubstr(">primary since "));
 }
 
 // Dashboard and alerts name metrics that there are.

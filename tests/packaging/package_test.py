@@ -16,7 +16,7 @@ import sys
 import tempfile
 import unittest
 
-from services import Service, free_port, wait_until
+from services import Service, configuration_in, free_port, wait_until
 
 PACKAGES = ROOT_ARCHIVE = None  # set from the command line
 CONTROLLER = "/usr/share/korvel/examples/router/controller.py"
@@ -137,7 +137,7 @@ class PackageTest(unittest.TestCase):
     def configure(self):
         self.port = free_port()
         file = self.root / "etc/korvel/agent.json"
-        configuration = json.loads(file.read_text())
+        configuration = configuration_in(file)
         configuration["p4runtime/config/system"]["grpcServerPort"] = self.port
         file.write_text(json.dumps(configuration))
         environment = self.root / "etc/korvel/switch.env"

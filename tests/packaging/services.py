@@ -1,8 +1,10 @@
 """Services of systemd without systemd: runs a unit's command, and listens as the service manager would."""
 
 import configparser
+import json
 import os
 import pathlib
+import re
 import shlex
 import signal
 import socket
@@ -20,6 +22,11 @@ def unit(root, name):
     parser.optionxform = str
     parser.read_string((pathlib.Path(root) / "usr" / UNITS / name).read_text())
     return parser
+
+
+def configuration_in(file):
+    """The agent's configuration, whose file has lines of comments."""
+    return json.loads(re.sub(r"(?m)^\s*//.*", "", file.read_text()))
 
 
 def wait_until(done, what):

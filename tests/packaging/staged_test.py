@@ -14,7 +14,7 @@ import sys
 import tempfile
 import unittest
 
-from services import Service, free_port, unit, wait_until
+from services import Service, configuration_in, free_port, unit, wait_until
 
 BUILD = None  # set from the command line
 SERVICES = ("korvel-agent.service", "korvel-forwarder.service", "korvel-switch.service")
@@ -66,7 +66,7 @@ class Staged(unittest.TestCase):
 
     def configure(self, **system):
         self.port = system.setdefault("grpcServerPort", free_port())
-        configuration = json.loads((self.etc / "agent.json").read_text())
+        configuration = configuration_in(self.etc / "agent.json")
         configuration["p4runtime/config/system"].update(system)
         agent = configuration["p4runtime/config/agent"]
         for name in ("p4InfoJsonPath", "deviceJsonPath"):

@@ -53,12 +53,14 @@ class ArbitrationTest : public testing::Test {
           (notice.highest ? ", " + std::to_string(notice.highest->low) : ", unset"));
     }
     const std::string& identity() const override { return name_; }
+    const StreamOrigin& origin() const override { return origin_; }
     void displaced(const std::string&) override { test_.log_.push_back(name_ + ": displaced"); }
 
    private:
     ArbitrationTest& test_;
     const std::string name_;
     const RoleOfDevice role_;
+    const StreamOrigin origin_{.address = "from " + name_, .opened = WallTime()};
   };
 
   // The notices since the last look.
@@ -230,6 +232,67 @@ TEST_F(ArbitrationTest, RolesAndDevicesAreIndependent) {
   arbitration_.forEachPrimary(
       1, [&](ArbitrationClient& client, const RoleConfig*) { primaries.push_back(&client); });
   EXPECT_THAT(primaries, UnorderedElementsAre(&a, &b));
+}
+
+// As monitoring sees them.
+TEST_F(ArbitrationTest, TellsItsControllersAndRoles) {
+  const auto controllers = [&](size_t most) {
+    std::vector<std::string> told;
+    for (const ControllerView& one : arbitration_.controllers(most).controllers) {
+      EXPECT_EQ(one.origin.address, "from " + one.identity);
+      told.push_back(one.identity + "@" + one.role.role +
+                     (one.electionId ? " " + std::to_string(one.electionId->low) : " none") +
+                     (one.primarySince ? " primary" : ""));
+    }
+    return told;
+  };
+  const auto roles = [&](size_t most) {
+    std::vector<std::string> told;
+    for (const RoleView& one : arbitration_.roles(most).roles) {
+      told.push_back(one.role.role + " " + std::to_string(one.clients) +
+                     (one.hasPrimary ? " primary" : ""));
+    }
+    return told;
+  };
+  EXPECT_THAT(controllers(10), IsEmpty());
+  Controller a(*this, "A", {1, ""});
+  Controller b(*this, "B", {1, ""});
+  Controller c(*this, "C", {1, "routing"});
+  Controller d(*this, "D", {1, "routing"});
+  a.arbitrate(eid(5));
+  b.arbitrate(eid(7));
+  c.arbitrate(kNone);
+  EXPECT_THAT(controllers(10), ElementsAre("B@ 7 primary", "A@ 5", "C@routing none"));
+  d.arbitrate(eid(1));
+  EXPECT_THAT(controllers(10),
+              ElementsAre("B@ 7 primary", "D@routing 1 primary", "A@ 5", "C@routing none"));
+  EXPECT_THAT(controllers(2), ElementsAre("B@ 7 primary", "D@routing 1 primary"));
+  EXPECT_THAT(controllers(0), IsEmpty());
+  EXPECT_EQ(arbitration_.controllers(0).all, 4u);
+  EXPECT_THAT(roles(10), ElementsAre(" 2 primary", "routing 2 primary"));
+  EXPECT_THAT(roles(1), ElementsAre(" 2 primary"));
+  d.disconnect();
+  c.disconnect();
+  EXPECT_THAT(roles(10), ElementsAre(" 2 primary", "routing 0")) << "its election id is remembered";
+  EXPECT_EQ(arbitration_.roles(1).all, 2u);
+  arbitration_.forgetHighest();
+  EXPECT_THAT(roles(10), ElementsAre(" 2 primary"));
+}
+
+TEST_F(ArbitrationTest, BeingPrimaryBeginsWithAnElectionThatIsWon) {
+  Controller a(*this, "A");
+  Controller b(*this, "B");
+  const auto since = [&] {
+    return arbitration_.controllers(1).controllers.at(0).primarySince.value();
+  };
+  const auto before = std::chrono::system_clock::now();
+  a.arbitrate(eid(5));
+  const auto first = since();
+  EXPECT_GE(first, before);
+  a.arbitrate(eid(6));
+  EXPECT_EQ(since(), first) << "it was the primary all along";
+  b.arbitrate(eid(7));
+  EXPECT_GT(since(), first);
 }
 
 TEST_F(ArbitrationTest, RefusalsSayWhoIsPrimary) {

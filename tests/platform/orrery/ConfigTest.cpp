@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/orrery/Settings.h"
 #include "tests/platform/orrery/Support.h"
 
 namespace Orrery {
@@ -67,6 +68,8 @@ TEST_F(ConfigTest, FaultsAreNamedInOneLine) {
       {R"({"config/port": {"alias": null}})", "expected a value of type string, found null"},
       {R"({"config/port": {"loss": "high"}})", "expected a value of type number, found a string"},
       {R"({"config/port": {"drops": 1}})", "read-only"},
+      {R"({"config/port": {"loss": 1, "loss": 2}})", "\"loss\" stands there twice"},
+      {R"({"config/port": {}, "config/port": {}})", "\"config/port\" stands there twice"},
       {R"({"config/port": {"neighbour": {"1": "x"}}})", "expected a value of type collection"},
   };
   for (const auto& c : cases) {
@@ -91,6 +94,37 @@ TEST_F(ConfigTest, MakesWhatItsDirectoryMakes) {
   EXPECT_THAT(trouble(R"({"ports/p3": {"colour": 1}})"), HasSubstr("no attribute of Test::Port"));
   EXPECT_THAT(trouble(R"({"config/p1": {}})"), HasSubstr("is no path"));
   EXPECT_THAT(ports->entityNames(), testing::ElementsAre("p1", "p2"));
+}
+
+TEST_F(ConfigTest, SaysWhatMayHaveBeenMeant) {
+  constexpr Setting portSettings[] = {
+      {.attribute = "mtuBytes", .example = "9000", .least = 64, .most = 9216},
+      {.attribute = "alias", .example = R"("uplink")"}};
+  constexpr Setting linkSettings[] = {{.attribute = "speed", .example = "10"}};
+  const SettingGroup groups[] = {{.path = "ports/NAME", .name = "p1", .settings = portSettings},
+                                 {.path = "config/link", .settings = linkSettings}};
+  TheSettingsAre(groups);
+  database->entityIs("ports", Vela::make<Ports>("ports"));
+  const struct {
+    const char* text;
+    const char* trouble;
+  } cases[] = {
+      {R"({"config/prot": {}})", "did you mean \"config/port\"?"},
+      {R"({"port/p7": {}})", "did you mean \"ports/p7\"?"},
+      {R"({"config": {"port": {"loss": 1}}})", "write \"config/port\" as one key"},
+      {R"({"config": {"prot": {"loss": 1}}})", "did you mean \"config/port\"?"},
+      {R"({"config/port": {"mtubytes": 5}})", "did you mean \"mtuBytes\"?"},
+      {R"({"config/port": {"speed": 5}})", "; \"config/link\" has that one"},
+      {R"({"ports/p1": {"alias": 5}})", "found a number; for example \"uplink\""},
+      {R"({"ports/p1": {"mtuBytes": -5}})", "mtuBytes -5 is out of range; choose 64 to 9216"},
+      {R"({"ports/p1": {"mtuBytes": 9217}})", "mtuBytes 9217 is out of range"},
+      {R"({"ports/p1": {"mtuBytes": 9216}, "ports/p2": {"mtuBytes": 64}})", "none"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_THAT(trouble(c.text), HasSubstr(c.trouble));
+  }
+  TheSettingsAre({});
 }
 
 TEST_F(ConfigTest, AFileThatCannotBeReadIsNamed) {
