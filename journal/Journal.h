@@ -23,7 +23,7 @@ class Journal {
     std::string queuePath;  // in shared memory
     uint64_t mostBytes = 0;
     size_t queueBytes = 16 << 20;
-    std::chrono::milliseconds moment{10};  // for which records wait for others
+    std::chrono::milliseconds moment{20};  // for which records wait for others
     // Called with news for the operator, a line each, on any thread.
     std::function<void(const std::string& line)> tell;
   };

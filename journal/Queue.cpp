@@ -59,7 +59,8 @@ Queue::Queue(const std::string& path, size_t halfBytes)
     unlink(path.c_str());
     fail(path, error);
   }
-  void* const memory = mmap(nullptr, mappedBytes_, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+  void* const memory =
+      mmap(nullptr, mappedBytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd.get(), 0);
   if (memory == MAP_FAILED) fail(path, errno);
   head_ = static_cast<Head*>(memory);
   const bool isOurs = head_->mark == layoutMark && head_->halfBytes == halfBytes_ &&

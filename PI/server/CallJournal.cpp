@@ -4,7 +4,6 @@
 #include <utility>
 #include <vector>
 
-#include "PI/server/PeerSource.h"
 #include "p4/v1/p4runtime.pb.h"
 
 namespace pi::server {
@@ -42,7 +41,7 @@ CallJournal::CallJournal(PIGrpcServerJournalKind_t kind, const grpc::ServerConte
     : kind_(kind) {
   if (!request.Valid()) return;
   if (request.Dump(&request_).ok()) journal_ = journalNow.load();
-  if (journal_ != nullptr) peer_ = peerOfCall(context);
+  if (journal_ != nullptr) peer_ = peerOf(context);
   request.Clear();
 }
 
