@@ -1,6 +1,7 @@
 #include "journal/Queue.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,8 +10,6 @@
 #include <cerrno>
 #include <cstring>
 #include <system_error>
-
-#include "platform/vela/Descriptors.h"
 
 namespace Journal {
 namespace {
@@ -49,18 +48,19 @@ struct Queue::Head {
 Queue::Queue(const std::string& path, size_t halfBytes)
     : halfBytes_(wholePages(halfBytes)), mappedBytes_(pageBytes + 2 * halfBytes_) {
   static_assert(sizeof(Head) <= pageBytes);
-  const Vela::UniqueFd fd(
+  fd_ = Vela::UniqueFd(
       open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR));
-  if (!fd) fail(path, errno);
+  if (!fd_) fail(path, errno);
+  if (flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) fail(path, errno == EWOULDBLOCK ? EBUSY : errno);
   // All of it at once: a page that is not there would end the process later.
-  if (ftruncate(fd.get(), static_cast<off_t>(mappedBytes_)) != 0) fail(path, errno);
-  const int error = posix_fallocate(fd.get(), 0, static_cast<off_t>(mappedBytes_));
+  if (ftruncate(fd_.get(), static_cast<off_t>(mappedBytes_)) != 0) fail(path, errno);
+  const int error = posix_fallocate(fd_.get(), 0, static_cast<off_t>(mappedBytes_));
   if (error != 0) {
     unlink(path.c_str());
     fail(path, error);
   }
   void* const memory =
-      mmap(nullptr, mappedBytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd.get(), 0);
+      mmap(nullptr, mappedBytes_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd_.get(), 0);
   if (memory == MAP_FAILED) fail(path, errno);
   head_ = static_cast<Head*>(memory);
   const bool isOurs = head_->mark == layoutMark && head_->halfBytes == halfBytes_ &&

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "journal/Record.h"
+#include "platform/vela/Descriptors.h"
 
 namespace Journal {
 
@@ -19,8 +20,8 @@ namespace Journal {
 class Queue {
  public:
   // Makes the file unless there is one of a former process. `halfBytes` is rounded up to pages.
-  // Throws std::system_error, naming the file, when it cannot be made, or there is no memory for
-  // it.
+  // Throws std::system_error, naming the file, when it cannot be made, there is no memory for it,
+  // or another queue has it (EBUSY).
   Queue(const std::string& path, size_t halfBytes);
   ~Queue();
   Queue(const Queue&) = delete;
@@ -60,6 +61,7 @@ class Queue {
 
   const size_t halfBytes_;
   size_t mappedBytes_ = 0;
+  Vela::UniqueFd fd_;
   Head* head_ = nullptr;
   std::mutex mutex_;  // guards the members below, and the half that is being filled
   std::condition_variable filled_;

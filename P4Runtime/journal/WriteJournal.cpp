@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,18 @@ constexpr uint64_t mostQueueBytes = 16 << 20;
 std::atomic<JournalPtr>& current() {
   static auto* const one = new std::atomic<JournalPtr>;
   return *one;
+}
+
+// Journals whose queue and files are in use, also by a call that ends in a former one.
+std::atomic<int> alive{0};
+
+JournalPtr newJournal(Journal::Journal::Options options) {
+  auto made = std::make_unique<Journal::Journal>(std::move(options));
+  ++alive;
+  return JournalPtr(made.release(), [](const Journal::Journal* journal) {
+    delete journal;
+    --alive;
+  });
 }
 
 // A call that has begun, and the journal that has it.
@@ -101,10 +114,9 @@ void WriteJournal::handleConfig() {
   update();
 }
 
-// A call that has begun keeps the former journal, and its files, until it ends.
 void WriteJournal::maybeBegin() {
   if (config_->sizeMib() == 0) return;  // handleConfig() asks again
-  if (current().load()) return;         // begun already
+  if (alive != 0) return;               // begun already, or a former one ends: update() asks again
   try {
     doBegin();
   } catch (const std::exception& e) {
@@ -124,7 +136,7 @@ void WriteJournal::doBegin() {
   options.mostBytes = bytes;
   options.queueBytes = std::min(mostQueueBytes, bytes / 2);
   options.tell = [](const std::string& line) { fmt::print(stderr, "korvel: {}\n", line); };
-  current().store(std::make_shared<Journal::Journal>(std::move(options)));
+  current().store(newJournal(std::move(options)));
   status_->directoryIs(current().load()->directory());
   PIGrpcServerJournalIs(&calls);
 }

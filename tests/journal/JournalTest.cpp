@@ -140,6 +140,11 @@ TEST_F(JournalTest, AFullQueueLosesRecordsAndTellsWhere) {
   EXPECT_EQ(queue.take().reason, GapReason::tooLarge);
 }
 
+TEST_F(JournalTest, AQueueHasOneOwner) {
+  const Queue queue(options().queuePath, 4096);
+  EXPECT_THROW(Queue(options().queuePath, 4096), std::system_error);
+}
+
 TEST_F(JournalTest, GapsStandWhereTheRecordsAreMissing) {
   const std::string large(300'000, 'x');
   {

@@ -123,7 +123,7 @@ tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
 tests/forwarder           forwarder platform tests/support
 tests/forwarder/*         forwarder p4 platform tests/forwarder tests/p4 tests/support
 tests/cli                 P4Runtime/agent platform tests/support
-tests/cli/journal         cli/journal+ tests/support
+tests/cli/journal         cli/journal+ proto tests/support
 tests/cli/switch          cli/switch+ tests/support
 tests/cli/table           platform tests/support
 tests/cli/top             cli/top+

@@ -8,6 +8,7 @@
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/Finding.h"
 #include "pipeline/P4InfoLookup.h"
+#include "tests/cli/journal/Calls.h"
 #include "tests/support/Pipeline.h"
 
 namespace Cli {
@@ -46,30 +47,9 @@ p4::v1::WriteRequest writeOf(std::vector<std::pair<Update::Type, p4::v1::TableEn
 
 class HistoryTest : public testing::Test {
  protected:
-  // The records of a call; without an outcome the agent was killed.
-  template <typename Request>
-  uint64_t call(const std::string& identity, const Request& request,
-                std::optional<Journal::Outcome> outcome = Journal::Outcome{},
-                RecordKind kind = RecordKind::write) {
-    const std::string bytes = request.SerializeAsString();
-    const std::string_view piece = bytes;
-    const uint64_t sequence = add(Draft::request(kind, identity, "ipv4:192.0.2.1:5", {&piece, 1}));
-    if (outcome) {
-      outcome->request = sequence;
-      add(Draft::outcome(*outcome));
-    }
-    return sequence;
-  }
-  uint64_t add(const Draft& draft) {
-    std::string& bytes = records_.emplace_back(draft.size(), '\0');
-    const uint64_t sequence = records_.size();
-    draft.write(sequence, Journal::Time(std::chrono::seconds(sequence)), bytes.data());
-    Journal::seal(bytes);
-    return sequence;
-  }
   std::vector<HistoryEvent> historyOf(const EntryPattern& pattern, size_t most = 100) const {
     History history(pattern, index_, most);
-    for (const std::string& bytes : records_) history.add(*Journal::recordAt(bytes));
+    for (const std::string& bytes : calls.records) history.add(*Journal::recordAt(bytes));
     return {history.events().begin(), history.events().end()};
   }
   EntryPattern pattern(const std::string& table, const std::vector<std::string>& words) const {
@@ -81,23 +61,25 @@ class HistoryTest : public testing::Test {
   }
 
   const Pipeline::P4InfoLookup index_{router().p4info()};
-  std::vector<std::string> records_;
+  Calls calls;
 };
 
 TEST_F(HistoryTest, IsOfAllCallersInTheirOrder) {
-  add(Draft::start());
-  call("a",
-       writeOf({{Update::INSERT, route(0x0a000000, 1)}, {Update::INSERT, route(0x0a000100, 1)}}));
-  call("b",
-       writeOf({{Update::INSERT, route(0x0a000200, 1)}, {Update::MODIFY, route(0x0a000100, 2)}}),
-       Journal::Outcome{.code = 2, .message = "1 failed", .failures = {{0, 6, "there is one"}}});
+  calls.add(Draft::start());
+  calls.add("a", writeOf({{Update::INSERT, route(0x0a000000, 1)},
+                          {Update::INSERT, route(0x0a000100, 1)}}));
+  calls.add(
+      "b",
+      writeOf({{Update::INSERT, route(0x0a000200, 1)}, {Update::MODIFY, route(0x0a000100, 2)}}),
+      Journal::Outcome{.code = 2, .message = "1 failed", .failures = {{0, 6, "there is one"}}});
   auto other = writeOf({{Update::MODIFY, route(0x0a000100, 3)}});
   other.set_role("acl");
   other.clear_election_id();
-  call("c", other, Journal::Outcome{.code = 2, .message = "HW says no", .failures = {{0, 8, ""}}});
-  call("", writeOf({{Update::DELETE, route(0x0a000100, 0)}}),
-       Journal::Outcome{.code = 14, .message = "no forwarding agent"});
-  call("d", writeOf({{Update::DELETE, route(0x0a000100, 0)}}), std::nullopt);
+  calls.add("c", other,
+            Journal::Outcome{.code = 2, .message = "HW says no", .failures = {{0, 8, ""}}});
+  calls.add("", writeOf({{Update::DELETE, route(0x0a000100, 0)}}),
+            Journal::Outcome{.code = 14, .message = "no forwarding agent"});
+  calls.add("d", writeOf({{Update::DELETE, route(0x0a000100, 0)}}), std::nullopt);
   const auto events = why("ipv4_route", {"vrf_id=1", "ipv4_dst=10.0.1.0/24"});
   ASSERT_THAT(events, SizeIs(5));
   EXPECT_EQ(eventText(events[0]),
@@ -120,16 +102,16 @@ TEST_F(HistoryTest, IsOfAllCallersInTheirOrder) {
 TEST_F(HistoryTest, FindsEntriesHoweverTheirKeysAreWritten) {
   auto padded = route(0x0a000100, 1);
   padded.mutable_match(0)->mutable_exact()->set_value("\0\1"s);
-  call("a", writeOf({{Update::INSERT, padded}}));
+  calls.add("a", writeOf({{Update::INSERT, padded}}));
   p4::v1::TableEntry rule = EntryOf(router(), "acl")
                                 .ternary("src_ip", 0x0a000000, 0xff000000)
                                 .ternary("l4_dst_port", 22, 0xffff)
                                 .priority(5)
                                 .action("acl_drop");
-  call("a", writeOf({{Update::INSERT, rule}}));
+  calls.add("a", writeOf({{Update::INSERT, rule}}));
   p4::v1::TableEntry set = EntryOf(router(), "ipv4_route").action("drop");
   set.set_is_default_action(true);
-  call("a", writeOf({{Update::MODIFY, set}}));
+  calls.add("a", writeOf({{Update::MODIFY, set}}));
   const struct {
     const char* what;
     const char* table;
@@ -188,10 +170,10 @@ TEST_F(HistoryTest, RefusesKeysThatCannotBe) {
 TEST_F(HistoryTest, ShowsWhatMayHaveChangedAllEntries) {
   p4::v1::SetForwardingPipelineConfigRequest push;
   push.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY);
-  call("a", push, Journal::Outcome{}, RecordKind::push);
+  calls.add("a", push, Journal::Outcome{}, RecordKind::push);
   push.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
-  call("a", push, Journal::Outcome{}, RecordKind::push);
-  add(Draft::gap({5, Journal::GapReason::queueFull}));
+  calls.add("a", push, Journal::Outcome{}, RecordKind::push);
+  calls.add(Draft::gap({5, Journal::GapReason::queueFull}));
   const auto events = why("ipv4_route", {});
   ASSERT_THAT(events, SizeIs(2));
   EXPECT_THAT(eventText(events[0]), HasSubstr("pipeline pushed, VERIFY_AND_COMMIT\n    by a "));
@@ -201,8 +183,8 @@ TEST_F(HistoryTest, ShowsWhatMayHaveChangedAllEntries) {
 // Journals of other programs may hold anything in the place of a message.
 TEST_F(HistoryTest, PassesOverBytesThatAreNoRequest) {
   const std::string_view junk = "\xff\xff\xff";
-  add(Draft::request(RecordKind::write, "a", "b", {&junk, 1}));
-  add(Draft::request(RecordKind::push, "a", "b", {&junk, 1}));
+  calls.add(Draft::request(RecordKind::write, "a", "b", {&junk, 1}));
+  calls.add(Draft::request(RecordKind::push, "a", "b", {&junk, 1}));
   EXPECT_THAT(why("ipv4_route", {}), SizeIs(0));
 }
 
