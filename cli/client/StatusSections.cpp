@@ -13,6 +13,7 @@ namespace {
 
 using Vela::Json;
 
+constexpr const char* journalPath = "p4runtime/status/journal";
 constexpr const char* pipelinePath = "p4runtime/status/pipeline";
 constexpr const char* policyPath = "p4runtime/status/policy";
 constexpr const char* portsPath = "p4runtime/status/port-mapping";
@@ -97,6 +98,19 @@ void printOutside(const cJSON* outside) {
   }
 }
 
+void printJournal(const cJSON* journal) {
+  Section section("journal");
+  const std::string directory = textOf(journal, "directory");
+  const std::string lost = textOf(journal, "lost");
+  const std::string trouble = textOf(journal, "trouble");
+  if (!directory.empty()) {
+    section.line(fmt::format("{}, {} bytes", directory, textOf(journal, "bytes")));
+  }
+  if (!lost.empty() && lost != "0")
+    section.line(fmt::format("{} RECORDS LOST for want of room", lost));
+  if (!trouble.empty()) section.line("NOT WRITTEN: " + trouble);
+}
+
 void printPorts(const cJSON* ports) {
   Section section("ports");
   for (const auto& [port, intf] : sortedEntries(ports, "intfOfPort")) {
@@ -166,6 +180,7 @@ std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attr
 
 void addStatusSections(Orrery::Client& client, cJSON* status) {
   add(status, "pipeline", attributesAt(client, pipelinePath));
+  add(status, "journal", attributesAt(client, journalPath));
   add(status, "policy", attributesAt(client, policyPath));
   add(status, "stateDatabase", attributesAt(client, outsidePath));
   add(status, "ports", attributesAt(client, portsPath));
@@ -181,6 +196,7 @@ void printStatusSections(const cJSON& status) {
   printPipeline(section("pipeline"));
   printPolicy(section("policy"));
   printOutside(section("stateDatabase"));
+  printJournal(section("journal"));
   printPorts(section("ports"));
   printTranslation(section("translation"));
   printQueries(section("queries"));

@@ -27,6 +27,7 @@ AgentOptions agentOptions(const Switch::Options& options, const TempDir& directo
           .orrery = options.orrery,
           .pluginDirectory = options.pluginDirectory,
           .enabled = options.enabled,
+          .journalMib = options.journalMib,
           .ports = options.ports,
           .arguments = options.agent,
           .descriptorLimit = options.descriptorLimit};

@@ -31,6 +31,7 @@ class Switch {
     int64_t routeTableSize = 0;  // 0: as the pipeline file says
     std::string pluginDirectory;
     bool enabled = true;
+    unsigned journalMib = 0;
     std::vector<std::string> agent;
     unsigned descriptorLimit = 0;           // of the agent; 0: that of the test
     std::map<uint32_t, std::string> ports;  // mapped to interfaces

@@ -25,11 +25,12 @@ std::string madeConfiguration(const AgentOptions& options) {
  "forwardingPipelineConfigFilePath": "{}", "grpcServerAddress": "127.0.0.1",
  "grpcServerPort": {}}},
 "p4runtime/config/agent": {{"pluginDirectory": "{}", "batchTimeout": {}, "p4InfoJsonPath": "{}.p4info.json",
- "deviceJsonPath": "{}.device.json"}}}}
+ "deviceJsonPath": "{}.device.json"}},
+"p4runtime/config/journal": {{"sizeMib": {}}}}}
 )",
       portsOf(options), options.enabled, options.deviceId, options.pipelineFile, options.port,
-      options.pluginDirectory, options.batchTimeout, options.stateDirectory,
-      options.stateDirectory);
+      options.pluginDirectory, options.batchTimeout, options.stateDirectory, options.stateDirectory,
+      options.journalMib);
 }
 
 }  // namespace

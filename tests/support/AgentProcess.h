@@ -22,6 +22,7 @@ struct AgentOptions {
   std::vector<std::string> environment;
   std::string pluginDirectory;  // "": the one beside the agent's library
   bool enabled = true;
+  unsigned journalMib = 0;                // in the configuration made
   std::map<uint32_t, std::string> ports;  // mapped to interfaces, in the configuration made
   std::vector<std::string> arguments;     // more of them
   unsigned descriptorLimit = 0;           // soft and hard; 0: that of the test
