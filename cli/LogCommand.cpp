@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <deque>
 #include <fstream>
@@ -11,6 +12,9 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "cli/client/ClientOptions.h"
 
@@ -46,7 +50,8 @@ class LogFile {
   }
   // Once there is no line left.
   void openNextIfFull() {
-    if (!isOpen() || inodeAt(path_) != inode_) open();
+    const bool isFormer = path_.ends_with(".1");  // never grows; its lines have been read
+    if (!isFormer && (!isOpen() || inodeAt(path_) != inode_)) open();
   }
 
  private:
@@ -60,33 +65,73 @@ class LogFile {
   ino_t inode_ = 0;
 };
 
-void follow(LogFile& file) {
+// The files side by side. Lines begin with their time, and come oldest first.
+class Logs {
+ public:
+  explicit Logs(const std::string& directory) {
+    for (const char* name : {"/accounts.log", "/accounts-writes.log"}) {
+      for (const char* end : {"", ".1"}) readings_.push_back({LogFile(directory + name + end), {}});
+    }
+  }
+
+  bool isAnyOpen() const {
+    return std::ranges::any_of(readings_, [](const Reading& one) { return one.file.isOpen(); });
+  }
+  // The next whole line.
+  std::optional<std::string> line() {
+    Reading* oldest = nullptr;
+    for (Reading& one : readings_) {
+      if (!one.next) one.next = one.file.line();
+      if (one.next && (!oldest || timeOf(*one.next) < timeOf(*oldest->next))) oldest = &one;
+    }
+    return oldest ? std::exchange(oldest->next, std::nullopt) : std::nullopt;
+  }
+  // Once there is no line left.
+  void openNextIfFull() {
+    for (Reading& one : readings_) one.file.openNextIfFull();
+  }
+
+ private:
+  struct Reading {
+    LogFile file;
+    std::optional<std::string> next;
+  };
+
+  static std::string_view timeOf(const std::string& line) {
+    return std::string_view(line).substr(0, line.find(' '));
+  }
+
+  std::vector<Reading> readings_;
+};
+
+void printLines(Logs& logs) {
+  while (const auto line = logs.line()) fmt::print("{}\n", *line);
+}
+
+void follow(Logs& logs) {
   while (true) {
-    while (const auto line = file.line()) fmt::print("{}\n", *line);
+    printLines(logs);
     std::fflush(stdout);
     usleep(pauseUs);
-    while (const auto line = file.line()) fmt::print("{}\n", *line);
-    file.openNextIfFull();
+    printLines(logs);
+    logs.openNextIfFull();
   }
 }
 
 void run(const Options& options) {
-  const std::string path = options.stateDirectory + "/accounts.log";
-  LogFile former(path + ".1");
-  LogFile file(path);
-  if (!file.isOpen() && !former.isOpen() && !options.follow) {
+  Logs logs(options.stateDirectory);
+  if (!logs.isAnyOpen() && !options.follow) {
     throw std::runtime_error("there is no log in " + options.stateDirectory +
                              "; name another --state-dir");
   }
   std::deque<std::string> lines;
-  for (LogFile* const one : {&former, &file}) {
-    while (auto line = one->line()) {
-      lines.push_back(std::move(*line));
-      if (options.last && lines.size() > *options.last) lines.pop_front();
-    }
-  }
+  const auto take = [&](std::string line) {
+    lines.push_back(std::move(line));
+    if (options.last && lines.size() > *options.last) lines.pop_front();
+  };
+  while (auto line = logs.line()) take(std::move(*line));
   for (const std::string& line : lines) fmt::print("{}\n", line);
-  if (options.follow) follow(file);
+  if (options.follow) follow(logs);
 }
 
 }  // namespace

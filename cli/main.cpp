@@ -16,6 +16,8 @@
 #include "cli/client/ControlCommands.h"
 #include "cli/client/OrreryCommands.h"
 #include "cli/client/StatusCommand.h"
+#include "cli/journal/ReplayCommand.h"
+#include "cli/journal/WhyCommand.h"
 #include "cli/pipeline/PipelineCommand.h"
 #include "cli/policy/PolicyCommand.h"
 #include "cli/switch/SwitchCommand.h"
@@ -42,6 +44,8 @@ void addCommands(CLI::App& app) {
   addTopCommand(app);
   addTraceCommand(app);
   addLogCommand(app);
+  addWhyCommand(app);
+  addReplayCommand(app);
 }
 
 // The subcommand that was being parsed, for the hint.

@@ -1,10 +1,8 @@
 #include "P4Runtime/agent/AccountLog.h"
 
-#include <fcntl.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -15,21 +13,28 @@
 #include <utility>
 
 #include "P4Runtime/monitoring/CodeNames.h"
+#include "platform/vela/Failure.h"
 #include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
 namespace {
 
 constexpr size_t longestText = 200;  // of each text that a client chose
-constexpr size_t mostFileBytes = 4 << 20;
 constexpr const char* journalPath = "/run/systemd/journal/socket";
+// Lines of so long a time are written at once: a thread that is woken for each costs more than it.
+constexpr std::chrono::milliseconds gathering{20};
 
 std::string codeName(int code) {
   const auto index = static_cast<size_t>(code);
   return index < std::size(statusCodeNames) ? statusCodeNames[index] : std::to_string(code);
 }
 
-std::string plain(const char* text) { return Vela::plainLine(text ? text : "", longestText); }
+// With a byte more than is shown, so that the cut shows.
+std::string clipped(const char* text) {
+  return text ? std::string(text, strnlen(text, longestText + 1)) : "";
+}
+
+std::string plain(const std::string& text) { return Vela::plainLine(text, longestText); }
 
 // Systemd sets the variable for services that it starts.
 int journalSocket() {
@@ -44,77 +49,167 @@ int journalSocket() {
   return -1;
 }
 
-}  // namespace
-
-std::string accountLine(const PIGrpcServerAccount_t& account,
-                        std::chrono::system_clock::time_point when) {
+std::string timeText(std::chrono::system_clock::time_point when) {
   const auto micros =
       std::chrono::duration_cast<std::chrono::microseconds>(when.time_since_epoch()).count();
   const std::time_t seconds = micros / 1'000'000;
-  const std::string who = plain(account.identity);
-  const std::string role = plain(account.role);
-  const std::string detail = plain(account.detail);
-  const std::string reason = plain(account.message);
-  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z {} {} {} {} device {} role {}: {}{}{} us{}{}",
-                     fmt::gmtime(seconds), micros % 1'000'000, account.what, codeName(account.code),
-                     who.empty() ? "anybody" : who, plain(account.address), account.device_id,
-                     role.empty() ? "default" : role, detail, detail.empty() ? "" : ", ",
-                     account.duration_us, reason.empty() ? "" : "; ", reason);
+  return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:06}Z", fmt::gmtime(seconds), micros % 1'000'000);
 }
 
-AccountLog::AccountLog(std::string path, size_t mostBytes)
-    : path_(std::move(path)), mostBytes_(mostBytes), journal_(journalSocket()) {
-  open();
+AccountLog*& TheAccountLog() {
+  static AccountLog* log = nullptr;  // lives on: threads of the server outlive static destruction
+  return log;
 }
+
+}  // namespace
+
+AccountRecord::AccountRecord(const PIGrpcServerAccount_t& account,
+                             std::chrono::system_clock::time_point when)
+    : when(when),
+      what(account.what),
+      identity(clipped(account.identity)),
+      address(clipped(account.address)),
+      device(account.device_id),
+      role(clipped(account.role)),
+      detail(clipped(account.detail)),
+      code(account.code),
+      isRefused(account.is_refused != 0),
+      reason(clipped(account.message)),
+      durationUs(account.duration_us) {}
+
+bool AccountRecord::isServedWrite() const { return std::strcmp(what, "Write") == 0 && !isRefused; }
+
+std::string accountLine(const AccountRecord& record) {
+  const std::string who = plain(record.identity);
+  const std::string address = plain(record.address);
+  const std::string role = plain(record.role);
+  const std::string detail = plain(record.detail);
+  const std::string reason = plain(record.reason);
+  return fmt::format("{} {} {} {} {} device {} role {}: {}{}{} us{}{}", timeText(record.when),
+                     record.what, codeName(record.code), who.empty() ? "anybody" : who,
+                     address.empty() ? "somewhere" : address, record.device,
+                     role.empty() ? "default" : role, detail, detail.empty() ? "" : ", ",
+                     record.durationUs, reason.empty() ? "" : "; ", reason);
+}
+
+AccountLog::AccountLog(const std::string& directory, Bounds bounds)
+    : bounds_(bounds),
+      journal_(journalSocket()),
+      calls_(directory + "/accounts.log", bounds.fileBytes),
+      writes_(directory + "/accounts-writes.log", bounds.fileBytes),
+      thread_(Vela::startThread("write the log of calls", [this] { run(); })) {}
 
 AccountLog::~AccountLog() {
-  if (fd_ >= 0) close(fd_);
+  {
+    const std::lock_guard lock(mutex_);
+    isEnding_ = true;
+  }
+  changed_.notify_one();
+  thread_.join();
+  flush();
   if (journal_ >= 0) close(journal_);
 }
 
-void AccountLog::open() {
-  fd_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  struct stat status {};
-  bytes_ = fd_ >= 0 && fstat(fd_, &status) == 0 ? static_cast<size_t>(status.st_size) : 0;
+// Anybody may cause such lines, as often as he likes.
+Vela::LineBudget::Verdict AccountLog::verdict(const AccountRecord& record) {
+  using Vela::LineBudget;
+  if (record.isServedWrite()) return LineBudget::Verdict::write;
+  if (budgets_.size() >= bounds_.identities) budgets_.clear();
+  LineBudget& budget =
+      budgets_.try_emplace(record.identity, bounds_.calls, std::chrono::minutes(1)).first->second;
+  return budget.take(std::chrono::steady_clock::now());
 }
 
 void AccountLog::add(const PIGrpcServerAccount_t& account) {
-  const std::string line = accountLine(account, std::chrono::system_clock::now());
-  {
-    const std::lock_guard lock(mutex_);
-    write(line + '\n');
+  using Verdict = Vela::LineBudget::Verdict;
+  AccountRecord record(account, std::chrono::system_clock::now());
+  const std::lock_guard lock(mutex_);
+  const Verdict verdict = this->verdict(record);
+  if (verdict == Verdict::silent) return;
+  if (waiting_.size() >= bounds_.waiting) {
+    ++lost_;
+    return;
   }
-  if (journal_ >= 0) tellJournal(account, line);
+  if (verdict == Verdict::last) record.reason += "; more of this identity is not shown for a while";
+  waiting_.push_back(std::move(record));
+  if (isIdle_) changed_.notify_one();
+  isIdle_ = false;
 }
 
-void AccountLog::write(const std::string& line) {
-  if (bytes_ + line.size() > mostBytes_ || fd_ < 0) {
-    if (fd_ >= 0) {
-      close(fd_);
-      std::rename(path_.c_str(), (path_ + ".1").c_str());
-    }
-    open();
+void AccountLog::run() {
+  std::unique_lock lock(mutex_);
+  while (!isEnding_) {
+    isIdle_ = waiting_.empty();
+    changed_.wait(lock, [this] { return isEnding_ || !waiting_.empty(); });
+    changed_.wait_for(lock, gathering, [this] { return isEnding_; });
+    lock.unlock();
+    flush();
+    lock.lock();
   }
-  if (fd_ < 0 || ::write(fd_, line.data(), line.size()) < 0) return;
-  bytes_ += line.size();
+}
+
+void AccountLog::flush() {
+  const std::lock_guard files(files_);
+  std::vector<AccountRecord> records;
+  size_t lost = 0;
+  {
+    const std::lock_guard lock(mutex_);
+    records.swap(waiting_);
+    lost = std::exchange(lost_, 0);
+  }
+  write(records, lost);
+}
+
+void AccountLog::write(const std::vector<AccountRecord>& records, size_t lost) {
+  std::string calls, writes;
+  for (const AccountRecord& record : records) {
+    const std::string line = accountLine(record);
+    (record.isServedWrite() ? writes : calls) += line + '\n';
+    if (journal_ >= 0) tellJournal(record, line);
+  }
+  if (lost > 0) {
+    calls += fmt::format("{} {} more calls; the file system was too slow for their lines\n",
+                         timeText(std::chrono::system_clock::now()), lost);
+  }
+  if (!calls.empty()) calls_.write(calls);
+  if (!writes.empty()) writes_.write(writes);
 }
 
 // A datagram of lines NAME=VALUE; the journal may drop it.
-void AccountLog::tellJournal(const PIGrpcServerAccount_t& account, const std::string& line) const {
+void AccountLog::tellJournal(const AccountRecord& record, const std::string& line) const {
   const std::string entry = fmt::format(
       "MESSAGE={}\nPRIORITY={}\nSYSLOG_IDENTIFIER=korvel\nKORVEL_CALL={}\nKORVEL_IDENTITY={}\n"
       "KORVEL_ADDRESS={}\nKORVEL_DEVICE={}\nKORVEL_ROLE={}\nKORVEL_OUTCOME={}\nKORVEL_DETAIL={}\n"
       "KORVEL_REASON={}\nKORVEL_DURATION_US={}\n",
-      line, account.code == 0 ? 6 : 4, account.what, plain(account.identity),
-      plain(account.address), account.device_id, plain(account.role), codeName(account.code),
-      plain(account.detail), plain(account.message), account.duration_us);
+      line, record.code == 0 ? 6 : 4, record.what, plain(record.identity), plain(record.address),
+      record.device, plain(record.role), codeName(record.code), plain(record.detail),
+      plain(record.reason), record.durationUs);
   send(journal_, entry.data(), entry.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 void keepAccounts(const std::string& stateDirectory) {
-  static auto* log = new AccountLog(stateDirectory + "/accounts.log", mostFileBytes);
-  PIGrpcServerAccountantIs([](const PIGrpcServerAccount_t* account, void*) { log->add(*account); },
-                           nullptr);
+  if (TheAccountLog()) return;
+  TheAccountLog() = new AccountLog(stateDirectory, {});
+  PIGrpcServerAccountantIs(
+      [](const PIGrpcServerAccount_t* account, void*) { TheAccountLog()->add(*account); }, nullptr);
+}
+
+void accountHandshake(const std::string& reason) {
+  if (!TheAccountLog()) return;
+  TheAccountLog()->add({.what = "handshake",
+                        .identity = "",
+                        .address = "",
+                        .device_id = 0,
+                        .role = "",
+                        .detail = "",
+                        .code = 14,  // clients see UNAVAILABLE
+                        .is_refused = 1,
+                        .message = reason.c_str(),
+                        .duration_us = 0});
+}
+
+void flushAccounts() {
+  if (TheAccountLog()) TheAccountLog()->flush();
 }
 
 }  // namespace P4Runtime

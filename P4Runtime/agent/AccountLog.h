@@ -1,48 +1,94 @@
-// The account of who did what: a line a call in a file of bounded size, and in systemd's journal.
+// The account of who did what: a line a call in files of bounded size, and in systemd's journal.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
+#include <map>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include "P4Runtime/agent/BoundedLog.h"
 #include "PI/proto/pi_server_account.h"
+#include "platform/vela/LineBudget.h"
 
 namespace P4Runtime {
 
+// The content of a PIGrpcServerAccount_t, with texts of its own, which are cut.
+struct AccountRecord {
+  AccountRecord(const PIGrpcServerAccount_t& account, std::chrono::system_clock::time_point when);
+
+  // A call that was let in, and wrote: there may be thousands a second.
+  bool isServedWrite() const;
+
+  std::chrono::system_clock::time_point when;
+  const char* what;  // a literal
+  std::string identity;
+  std::string address;
+  uint64_t device = 0;
+  std::string role;
+  std::string detail;
+  int code = 0;
+  bool isRefused = false;
+  std::string reason;
+  uint64_t durationUs = 0;
+};
+
 // "2026-11-22T20:00:00.123456Z Write OK spiffe://lab/a ipv4:192.0.2.1:5000 device 1 role default:
 // 3 updates, 512 us"; of other calls with the reason at the end.
-std::string accountLine(const PIGrpcServerAccount_t& account,
-                        std::chrono::system_clock::time_point when);
+std::string accountLine(const AccountRecord& record);
 
-// Thread-safe. Each line is in the file when add() returns. A file that is full becomes NAME.1, in
-// place of the former one. Without room a line is lost.
+// Thread-safe. A thread of its own writes the lines, so that calls do not wait for a disk. Writes
+// have files of their own, so that a busy controller does not push out who else came by.
 class AccountLog {
  public:
-  // Of the running agent. Goes on at the end of a file that is there.
-  AccountLog(std::string path, size_t mostBytes);
-  ~AccountLog();
+  struct Bounds {
+    size_t fileBytes = 4 << 20;
+    size_t waiting = 10'000;  // lines that are to be written; more are lost, and counted
+    // Lines a minute of an identity, served Writes aside. Callers without one share theirs.
+    size_t calls = 300;
+    size_t identities = 1'000;  // to count the lines of
+  };
+
+  // `directory`: of the running agent's state.
+  AccountLog(const std::string& directory, Bounds bounds);
+  ~AccountLog();  // writes the lines that wait
   AccountLog(const AccountLog&) = delete;
   AccountLog& operator=(const AccountLog&) = delete;
 
+  // The line is in its file a moment later.
   void add(const PIGrpcServerAccount_t& account);
+  // Returns when all lines that were added are in their files.
+  void flush();
 
  private:
-  void open();
-  void write(const std::string& line);
-  void tellJournal(const PIGrpcServerAccount_t& account, const std::string& line) const;
+  Vela::LineBudget::Verdict verdict(const AccountRecord& record);
+  void run();
+  void write(const std::vector<AccountRecord>& records, size_t lost);
+  void tellJournal(const AccountRecord& record, const std::string& line) const;
 
-  const std::string path_;
-  const size_t mostBytes_;
+  const Bounds bounds_;
   const int journal_;  // -1: the process does not run under systemd
-  std::mutex mutex_;   // guards the members below
-  int fd_ = -1;
-  size_t bytes_ = 0;
+  std::mutex files_;   // guards the files; taken before mutex_
+  BoundedLog calls_;
+  BoundedLog writes_;
+  std::mutex mutex_;  // guards the members below
+  std::condition_variable changed_;
+  std::vector<AccountRecord> waiting_;
+  size_t lost_ = 0;
+  std::map<std::string, Vela::LineBudget> budgets_;  // by identity
+  bool isIdle_ = false;                              // the thread waits for changed_
+  bool isEnding_ = false;
+  std::thread thread_;
 };
 
 // Keeps the account of the process's server from now on, for as long as the process lives.
 void keepAccounts(const std::string& stateDirectory);
+// Of a client with which no TLS came about. Any thread.
+void accountHandshake(const std::string& reason);
+// For a clean end.
+void flushAccounts();
 
 }  // namespace P4Runtime

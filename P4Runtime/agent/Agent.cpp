@@ -265,6 +265,7 @@ void Agent::doBuildServer() {
   }
   doFollowPolicy();  // before the server listens
   keepAccounts(runtime_.stateDirectory);
+  doKeepJournal();
   const ServerSecurity security = serverSecurity(*p4RtSystemConfig(), *securityConfig_);
   piServerIs(korvelPiServerFactory(runtime_.loop, p4RtSystemConfig()));
   piServer()->securityIs(security);
@@ -289,6 +290,12 @@ void Agent::doFollowPolicy() {
   if (!path->text().empty()) policyFile_->pathIs(path->text());
   changes_.push_back(
       path->observe([this, security, path] { policyFile_->handlePath(path->text()); }));
+}
+
+void Agent::doKeepJournal() {
+  const auto status = Vela::make<JournalStatus>("journal");
+  runtime_.stateDatabase.entityIs("p4runtime/status/journal", status);
+  journal_ = std::make_unique<WriteJournal>(runtime_.stateDirectory, journalConfig_, status);
 }
 
 void Agent::doBuildCommands() {

@@ -27,6 +27,7 @@
 #include "P4Runtime/companion/HwStatusDir.h"
 #include "P4Runtime/companion/Plugins.h"
 #include "P4Runtime/companion/PortMapping.h"
+#include "P4Runtime/journal/WriteJournal.h"
 #include "P4Runtime/monitoring/Monitoring.h"
 #include "P4Runtime/packet/P4RuntimeCpuPktSm.h"
 #include "P4Runtime/pi/PiContext.h"
@@ -127,6 +128,7 @@ class Agent : public Vela::Entity {
   void doBuildPackets();
   void doBuildServer();
   void doFollowPolicy();
+  void doKeepJournal();
   void doBuildCommands();
   void doPublish();
   void doFollowReports();
@@ -158,6 +160,8 @@ class Agent : public Vela::Entity {
   std::unique_ptr<PlaneQuestions> planeQuestions_;
   Vela::Ptr<PipelinePusher> pipelinePusher_;
   std::unique_ptr<MappedPorts> mappedPorts_;
+  Vela::Ptr<const JournalConfig> journalConfig_;
+  std::unique_ptr<WriteJournal> journal_;
   Vela::Ptr<const MonitoringConfig> monitoringConfig_;
   std::unique_ptr<Monitoring> monitoring_;
   std::unique_ptr<Vela::Timer> statusTimer_;

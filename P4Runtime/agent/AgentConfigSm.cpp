@@ -3,6 +3,7 @@
 #include <cassert>
 #include <utility>
 
+#include "P4Runtime/agent/AccountLog.h"
 #include "PI/proto/pi_server_security.h"
 #include "platform/scrivel/Trace.h"
 
@@ -38,6 +39,7 @@ void AgentConfigSm::handleFlushEntityLogComplete() {
   SCRIVEL_TRACE(0, "handleFlushEntityLogComplete");
   assert(agentConfig()->exitRequested());
   PIGrpcServerRemoveUnixSocket();
+  flushAccounts();
   runtime_.exit(0);
 }
 

@@ -54,6 +54,7 @@ constexpr MountDeclaration mounts[] = {
     {"interface/config/eth/phy/all", "Interface::AllEthPhyIntfConfigDir", "r",
      "AllEthPhyIntfConfigDir"},
     {"p4runtime/config/agent", "P4Runtime::AgentConfig", "wc"},
+    {"p4runtime/config/journal", "P4Runtime::JournalConfig", "r"},
     {"p4runtime/config/monitoring", "P4Runtime::MonitoringConfig", "r"},
     {"p4runtime/config/security", "P4RuntimeConfig::SecurityConfig", "wc"},
 };
@@ -103,6 +104,7 @@ void Agent::doFetchMounts(const Orrery::EntityManager& manager) {
   translationStatus_ = manager.entity<TranslationStatus>("p4runtime/status/translation");
   hwStatusDir_ = manager.entity<const HwStatusDir>("openflow/kestrelhwstatusdir");
   agentConfigIs(manager.entity<AgentConfig>("p4runtime/config/agent"));
+  journalConfig_ = manager.entity<const JournalConfig>("p4runtime/config/journal");
   monitoringConfig_ = manager.entity<const MonitoringConfig>("p4runtime/config/monitoring");
   securityConfig_ = manager.entity<const SecurityConfig>("p4runtime/config/security");
 }
@@ -123,6 +125,7 @@ extern "C" void korvelAgentRegisterTypes() {
   types.typeIs<TranslationConfigDir>("P4RuntimeConfig::TranslationConfigDir");
   types.typeIs<TranslationStatus>("P4RuntimeConfig::TranslationStatus");
   types.typeIs<AgentConfig>("P4Runtime::AgentConfig");
+  types.typeIs<JournalConfig>("P4Runtime::JournalConfig");
   types.typeIs<MonitoringConfig>("P4Runtime::MonitoringConfig");
   types.typeIs<SecurityConfig>("P4RuntimeConfig::SecurityConfig");
   types.typeIs<CliConfigDir>("P4Runtime::CliConfigDir");

@@ -55,6 +55,7 @@ void Agent::doPublish() {
   statusTimer_ = std::make_unique<Vela::Timer>(runtime_.loop, [this] {
     doUpdateStatus();
     status_->electionIdsNotKeptIs(electionIds_->keepUnkept());
+    journal_->update();
   });
   statusTimer_->start(std::chrono::milliseconds(0), statusPeriod);
   doMonitor();

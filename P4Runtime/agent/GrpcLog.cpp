@@ -7,7 +7,9 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <string_view>
 
+#include "P4Runtime/agent/AccountLog.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/LineBudget.h"
 #include "platform/vela/PlainText.h"
@@ -26,10 +28,16 @@ Vela::LineBudget::Verdict verdict() {
   return budget->take(std::chrono::steady_clock::now());
 }
 
+// Of a client that the TLS library has refused.
+bool isHandshake(const gpr_log_func_args& message) {
+  return std::string_view(message.message).starts_with("Handshake failed");
+}
+
 // Anybody who connects can cause this, as often as he likes.
 void handleMessage(gpr_log_func_args* message) {
   const std::string line = Vela::plainLine(message->message, longestLine);
   SCRIVEL_TRACE(1, "handleMessage", " severity: ", static_cast<int>(message->severity), " ", line);
+  if (isHandshake(*message)) accountHandshake(line);
   const auto write = verdict();
   if (write == Vela::LineBudget::Verdict::silent) return;
   fmt::print(stderr, "korvel: gRPC: {}{}\n", line,

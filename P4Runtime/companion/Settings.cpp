@@ -178,6 +178,18 @@ constexpr Setting agentSelfSettings[] = {
                 "forwarding plane."},
 };
 
+constexpr Setting journalSettings[] = {
+    {.attribute = "sizeMib",
+     .unit = "MiB",
+     .example = "256",
+     .meaning = "The journal of Writes takes so much room; its oldest files make room. 0: there is "
+                "none.",
+     .most = any},
+    {.attribute = "directory",
+     .example = R"("/var/lib/korvel/journal")",
+     .meaning = "Where the journal's files are. Empty: in journal in the state directory."},
+};
+
 constexpr Setting monitoringSettings[] = {
     {.attribute = "address",
      .example = R"("127.0.0.1:9464")",
@@ -230,6 +242,9 @@ constexpr SettingGroup groups[] = {
     {.path = "p4runtime/config/agent",
      .meaning = "The agent itself.",
      .settings = agentSelfSettings},
+    {.path = "p4runtime/config/journal",
+     .meaning = "The journal of Writes, which 'korvel why' and 'korvel replay' read.",
+     .settings = journalSettings},
     {.path = "p4runtime/config/monitoring",
      .meaning = "Metrics and the page.",
      .settings = monitoringSettings},

@@ -28,6 +28,10 @@ bool isRefusal(grpc::StatusCode code) {
          code == grpc::StatusCode::RESOURCE_EXHAUSTED;
 }
 
+void tellAccountant(const PIGrpcServerAccount_t& account) {
+  if (const Accountant tell = accountant.load()) tell(&account, accountantCookie.load());
+}
+
 }  // namespace
 
 AccountedCall::AccountedCall(const grpc::ServerContext& context)
@@ -87,6 +91,14 @@ void AccountedCall::requestIs(const p4::v1::MasterArbitrationUpdate& request) {
                                       : "no election id";
 }
 
+void AccountedCall::messageIs(const p4::v1::StreamMessageRequest& request, uint64_t deviceId,
+                              const std::string& role) {
+  if (!listened_) return;
+  what_ = request.has_packet() ? "packet-out" : "digest-ack";
+  deviceId_ = deviceId;
+  role_ = role;
+}
+
 void AccountedCall::end(const grpc::Status& status) const {
   if (!listened_ || (!changes_ && !isRefusal(status.error_code()))) return;
   using std::chrono::microseconds;
@@ -102,9 +114,24 @@ void AccountedCall::end(const grpc::Status& status) const {
                                       .role = role_.c_str(),
                                       .detail = detail_.c_str(),
                                       .code = status.error_code(),
+                                      .is_refused = isRefusal(status.error_code()),
                                       .message = message.c_str(),
                                       .duration_us = static_cast<uint64_t>(took.count())};
-  if (const Accountant tell = accountant.load()) tell(&account, accountantCookie.load());
+  tellAccountant(account);
+}
+
+// gRPC does not say from where it has come.
+void accountRefusedClient(const std::string& identity, const std::string& reason) {
+  tellAccountant({.what = "call",
+                  .identity = identity.c_str(),
+                  .address = "",
+                  .device_id = 0,
+                  .role = "",
+                  .detail = "",
+                  .code = grpc::StatusCode::UNAUTHENTICATED,
+                  .is_refused = 1,
+                  .message = reason.c_str(),
+                  .duration_us = 0});
 }
 
 }  // namespace pi::server

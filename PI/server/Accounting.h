@@ -29,6 +29,9 @@ class AccountedCall {
   void requestIs(const p4::v1::GetForwardingPipelineConfigRequest& request);
   void requestIs(const p4::v1::CapabilitiesRequest& request);
   void requestIs(const p4::v1::MasterArbitrationUpdate& request);
+  // Another message of a stream, of which only refusals are told.
+  void messageIs(const p4::v1::StreamMessageRequest& request, uint64_t deviceId,
+                 const std::string& role);
   void detailAdd(const std::string& text) { detail_ += text; }
   // Tells of the call. Those that only read are told of when they are refused.
   void end(const grpc::Status& status) const;
@@ -52,5 +55,8 @@ grpc::Status accounted(const grpc::ServerContext& context, Body body) {
   call.end(status);
   return status;
 }
+
+// Tells of a client that the server refused before it looked at its call.
+void accountRefusedClient(const std::string& identity, const std::string& reason);
 
 }  // namespace pi::server

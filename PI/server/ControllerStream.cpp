@@ -327,9 +327,17 @@ void ControllerStream::countOut(StatusCode code) {
   (isBad ? packetCounts_->outBadMetadata : packetCounts_->outRefused).add();
 }
 
+void ControllerStream::account(const p4::v1::StreamMessageRequest& request,
+                               const Status& status) const {
+  AccountedCall account(context_);
+  account.messageIs(request, role_ ? role_->deviceId : 0, role_ ? role_->role : "");
+  account.end(status);
+}
+
 // A controller that floods us and does not read costs neither memory nor the work of reporting.
 void ControllerStream::report(const p4::v1::StreamMessageRequest& request, StatusCode code,
                               const std::string& message) {
+  if (code == StatusCode::PERMISSION_DENIED) account(request, Status(code, message));
   const size_t requestBytes = request.ByteSizeLong();
   const bool copied = requestBytes <= kMaxReportedBytes;
   const size_t bytes = (copied ? requestBytes : 0) + message.size();

@@ -90,6 +90,7 @@ class ControllerStream : public ArbitrationClient {
   std::shared_ptr<const Standing> standing();
   void countNotPrimary();
   void countOut(grpc::StatusCode code);
+  void account(const p4::v1::StreamMessageRequest& request, const grpc::Status& status) const;
   void report(const p4::v1::StreamMessageRequest& request, grpc::StatusCode code,
               const std::string& message);
 

@@ -135,7 +135,7 @@ void Listener::acceptFrom(int socket) {
 
 void Listener::take(int listenerFd, int fd) {
   const Machine machine = machineOf(fd);
-  if (!hasRoom() || !hasShare(machine)) {
+  if (!hasRoom() || !hasShare(machine) || !isInPace(listenerFd, machine)) {
     refuse(fd);
     return;
   }
@@ -171,6 +171,12 @@ bool Listener::hasShare(const Machine& machine) {
   if (fits()) return true;
   forgetEnded();
   return fits();
+}
+
+// The socket's permissions say who gets at it.
+bool Listener::isInPace(int listenerFd, const Machine& machine) {
+  const bool isTcp = std::ranges::find(sockets_, listenerFd) != sockets_.end();
+  return !isTcp || pace_.take(machine, ConnectionPace::Clock::now());
 }
 
 void Listener::forgetEnded() {

@@ -2,7 +2,6 @@
 // once accepting has failed for want of descriptors, and takes connections without bound.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +9,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "PI/server/ConnectionPace.h"
 
 namespace pi::server {
 
@@ -25,21 +26,24 @@ class Listener {
   Listener(const Listener&) = delete;
   Listener& operator=(const Listener&) = delete;
 
+  static constexpr ConnectionPace::Rate kPaceOfMachine{.atOnce = 1024, .perSecond = 100};
+  static constexpr ConnectionPace::Rate kPaceOfAll{.atOnce = 4096, .perSecond = 400};
+
   int port() const { return port_; }  // 0 without an address
   // Owns the descriptor `fd` from then on, and closes it when the connection ends.
   using Handler = std::function<void(int listenerFd, int fd)>;
   // Accepts on a thread of its own. A connection beyond the limit is closed at once, and so is one
-  // of another machine that has three quarters of all that there may be. Where
-  // descriptors are used up, one that is kept in reserve serves to accept and close connections,
-  // until there are some again.
+  // of another machine that has three quarters of all that there may be, and one that comes too
+  // soon after too many others (kPaceOfMachine, kPaceOfAll; on the Unix socket there is no pace).
+  // Where descriptors are used up, one that is kept in reserve serves to accept and close
+  // connections, until there are some again.
   void start(Handler handler);
   void stop();  // no call of the handler is running when it returns
 
   uint64_t refused() const { return refused_.load(); }
 
  private:
-  // The IPv4 address or the IPv6 network of another machine; zeros for this one.
-  using Machine = std::array<uint8_t, 16>;
+  using Machine = ConnectionPace::Machine;  // zeros for this one
   // A descriptor that was handed over, and the inode by which to tell whether it is still open.
   struct Connection {
     int fd;
@@ -55,6 +59,7 @@ class Listener {
   void refuseWithReserve(int socket);
   bool hasRoom();
   bool hasShare(const Machine& machine);
+  bool isInPace(int listenerFd, const Machine& machine);
   void forgetEnded();
   void close();
 
@@ -64,6 +69,7 @@ class Listener {
   int wakeFd_ = -1;
   int reserveFd_ = -1;
   Handler handler_;
+  ConnectionPace pace_{kPaceOfMachine, kPaceOfAll};
   std::vector<Connection> connections_;  // the thread's own; some have ended
   std::atomic<uint64_t> refused_{0};
   std::thread thread_;

@@ -14,12 +14,13 @@
 #include "PI/proto/pi_server.h"
 #include "PI/server/Accounting.h"
 #include "PI/server/ArenaRequest.h"
+#include "PI/server/CallJournal.h"
 #include "PI/server/CallStatus.h"
 #include "PI/server/ControllerStream.h"
 #include "PI/server/Lenience.h"
 #include "PI/server/Limits.h"
 #include "PI/server/LocalToken.h"
-#include "PI/server/PeerSource.h"
+#include "PI/server/Peer.h"
 #include "PI/server/Requester.h"
 
 namespace pi::server {
@@ -97,6 +98,11 @@ bool isScan(const p4::v1::Entity& query) {
   }
 }
 
+// Whether the journal tells of such requests.
+template <typename Request>
+constexpr bool isWriting = std::is_same_v<Request, p4::v1::WriteRequest> ||
+                           std::is_same_v<Request, p4::v1::SetForwardingPipelineConfigRequest>;
+
 constexpr int64_t kMaxScans = 256;
 
 // A single request must not keep a thread for the product of its size and the tables'.
@@ -128,7 +134,7 @@ void P4RuntimeService::methodIs(const char* name, grpc::internal::RpcMethod::Rpc
 }
 
 P4RuntimeService::AccessPtr P4RuntimeService::accessOf(const grpc::ServerContext& context) {
-  return CallerAccess::make(arbitration_, rights_, [&] { return peerOfCall(context); });
+  return CallerAccess::make(arbitration_, rights_, [&] { return peerOf(context); });
 }
 
 template <typename Request, typename Serve>
@@ -165,7 +171,7 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const char* 
       return Status(StatusCode::INVALID_ARGUMENT, "the message is no p4.v1." + name);
     }
     account.requestIs(request.message());
-    received.bytes.Clear();
+    if (!isWriting<Request> || !isJournaled()) received.bytes.Clear();
     return serve(request.message(), access);
   });
 }
@@ -258,9 +264,17 @@ Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& requ
   if (!ready.ok()) return ready;
   Status placed = writes_.take(call.context.peer(), limits().writes, &call.place);
   if (!placed.ok()) return placed;
-  return toGrpc(device->write(
-      request, [&, came = Clock::now()] { return stillWanted(call.context, request, came); },
-      access.get()));
+  CallJournal journal(PI_GRPC_SERVER_JOURNAL_WRITE, call.context, *call.request);
+  const DeviceMgr::Status written = device->write(
+      request,
+      [&, came = Clock::now()] {
+        google::rpc::Status wanted = stillWanted(call.context, request, came);
+        if (wanted.code() == 0) journal.begin();
+        return wanted;
+      },
+      access.get());
+  journal.end(written);
+  return toGrpc(written);
 }
 
 // A Write may have waited long for its turn. One that has not is not asked about: to ask costs the
@@ -312,7 +326,13 @@ Status P4RuntimeService::takeOther(UnaryCall& call) {
 Status P4RuntimeService::setPipeline(UnaryCall& call,
                                      const p4::v1::SetForwardingPipelineConfigRequest& request,
                                      const AccessPtr& access) {
-  if (hasLocalToken(call.context)) return toGrpc(devices_.pipelineIs(request));
+  if (hasLocalToken(call.context)) {
+    CallJournal journal(PI_GRPC_SERVER_JOURNAL_PIPELINE, call.context, *call.request);
+    journal.begin();
+    const DeviceMgr::Status installed = devices_.pipelineIs(request);
+    journal.end(installed);
+    return toGrpc(installed);
+  }
   Status placed = takeOther(call);
   if (!placed.ok()) return placed;
   Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
@@ -328,9 +348,12 @@ Status P4RuntimeService::setPipeline(UnaryCall& call,
   if (!primary.ok()) return primary;
   Status action = requireAction(request.action());
   if (!action.ok()) return action;
+  CallJournal journal(PI_GRPC_SERVER_JOURNAL_PUSH, call.context, *call.request);
+  journal.begin();
   DeviceMgr::Status pushed =
       DeviceMgr::pipeline_config_push(devices_.servedAs(request.device_id()), request.action(),
                                       request.has_config() ? &request.config() : nullptr);
+  journal.end(pushed);
   if (pushed.code() != 0) return toGrpc(pushed);
   // Beside the status, which must be a plain OK.
   if (!pushed.message().empty()) {
@@ -365,7 +388,7 @@ Status P4RuntimeService::getPipeline(UnaryCall& call,
 Status P4RuntimeService::streamChannel(
     grpc::ServerContext& context,
     grpc::ServerReaderWriter<p4::v1::StreamMessageResponse, StreamRequest>& call) {
-  const Peer peer = peerOfCall(context);
+  const Peer peer = peerOf(context);
   const auto accessNow = [this, &peer] {
     return CallerAccess::make(arbitration_, rights_, [&] { return peer; });
   };

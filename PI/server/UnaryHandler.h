@@ -16,9 +16,11 @@
 
 namespace pi::server {
 
-// One call: its context, and the place that it holds until its answer is sent.
+// One call: its context, its request as it came, and the place that it holds until its answer is
+// sent.
 struct UnaryCall {
   grpc::ServerContext& context;
+  grpc::ByteBuffer* request;  // null: it could not be received
   std::optional<CallPlaces::Place> place;
 };
 
@@ -31,11 +33,12 @@ class UnaryHandler final : public grpc::internal::MethodHandler {
       : deadlines_(deadlines), kind_(kind), serve_(std::move(serve)) {}
 
   void RunHandler(const HandlerParameter& param) override {
-    UnaryCall call{static_cast<grpc::ServerContext&>(*param.server_context), std::nullopt};
+    UnaryCall call{static_cast<grpc::ServerContext&>(*param.server_context), nullptr, std::nullopt};
     Response response;
     grpc::Status status = param.status;
     if (status.ok()) {
       auto* const received = static_cast<ReceivedMessage*>(param.request);
+      call.request = &received->bytes;
       status = serve_(call, *received, &response);
       received->~ReceivedMessage();
     }

@@ -18,6 +18,7 @@
 #include "PI/proto/pi_server_policy.h"
 #include "PI/proto/pi_server_process.h"
 #include "PI/proto/pi_server_security.h"
+#include "PI/server/Accounting.h"
 #include "PI/server/Arbitration.h"
 #include "PI/server/Devices.h"
 #include "PI/server/Lenience.h"
@@ -164,8 +165,10 @@ int PIGrpcServerRunWith(const char* server_address, const PIGrpcServerCertificat
                                            .clientCa = text(certificates->client_ca),
                                            .crl = text(certificates->crl)});
     }
-    where.credentials = where.certificates ? pi::server::tlsCredentials(where.certificates)
-                                           : grpc::InsecureServerCredentials();
+    where.credentials =
+        where.certificates
+            ? pi::server::tlsCredentials(where.certificates, &pi::server::accountRefusedClient)
+            : grpc::InsecureServerCredentials();
     if (unix_socket) {
       where.unixSocket = UnixSocketOptions{.path = text(unix_socket->path),
                                            .mode = unix_socket->mode,

@@ -19,6 +19,7 @@
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "cli/agent/AgentLibrary.h"
 #include "cli/agent/NetworkPlatform.h"
+#include "cli/agent/OutsideDatabase.h"
 #include "cli/agent/ProvidedEntities.h"
 #include "cli/agent/ServiceNotices.h"
 #include "cli/agent/StopWatcher.h"
@@ -29,6 +30,7 @@
 #include "platform/orrery/ConfigFile.h"
 #include "platform/orrery/Database.h"
 #include "platform/orrery/KeptSettings.h"
+#include "platform/orrery/LayeredConfig.h"
 #include "platform/orrery/Requests.h"
 #include "platform/orrery/Server.h"
 #include "platform/scrivel/Trace.h"
@@ -46,7 +48,8 @@ constexpr int usage = 2;
 constexpr size_t ownDescriptors = 96;
 
 struct Options {
-  std::string config;
+  std::string config;    // a file; empty: none, as the state database outside has it all
+  std::string outside;   // the address of that database; empty: there is none
   std::string settings;  // a file; empty: they are not kept
   std::string stateDirectory;
   std::string library;
@@ -103,12 +106,29 @@ void warnUnlessMemory(const std::string& directory) {
       directory);
 }
 
-void doLoadConfig(Orrery::ConfigFile& file) {
-  try {
-    file.load();
-  } catch (const Orrery::ConfigError& e) {
-    throw StartFailure{e.what(), usage};
+// Where the configuration comes from: a file, a state database outside, or both, which hides
+// settings of the file.
+struct Configuration {
+  explicit Configuration(Orrery::Database& database) : layers(database) {}
+  Orrery::LayeredConfig layers;
+  std::optional<Orrery::ConfigFile> file;
+  std::unique_ptr<Orrery::RedisOrrery> outside;
+};
+
+void doLoadConfig(Configuration& configuration, Vela::ReactorLoop& loop, const Options& options,
+                  const StopWatcher& stopWatcher) try {
+  if (!options.config.empty()) {
+    configuration.file.emplace(configuration.layers, options.config).load();
   }
+  if (options.outside.empty()) return;
+  configuration.outside =
+      outsideDatabase(loop, configuration.layers, options.outside, options.stateDirectory);
+  configuration.outside->load(configuration.file.has_value(),
+                              [&stopWatcher] { return stopWatcher.requested(); });
+} catch (const Orrery::ConfigError& e) {
+  throw StartFailure{e.what(), usage};
+} catch (const Orrery::AddressError& e) {
+  throw StartFailure{e.what(), usage};
 }
 
 // What ends an agent is not for the next one; requests of commands go with it. `korvel switch`
@@ -147,9 +167,10 @@ void doReloadConfig(Orrery::ConfigFile& file) {
   }
 }
 
-void doReload(Orrery::ConfigFile& file, ServiceNotices& notices) {
-  notices.whileReloading([&file] {
-    doReloadConfig(file);
+void doReload(Configuration& configuration, ServiceNotices& notices) {
+  notices.whileReloading([&configuration] {
+    if (configuration.file) doReloadConfig(*configuration.file);
+    if (configuration.outside) configuration.outside->reload();
     for (const std::string& line : Vela::TheReloads().run()) {
       fmt::print(stderr, "korvel: {}\n", line);
     }
@@ -202,7 +223,7 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
   std::unique_ptr<P4Runtime::AgentRuntime> runtime;
   std::unique_ptr<NetworkPlatform> network;
   std::optional<ServiceNotices> notices;
-  Orrery::ConfigFile configuration(*database, options.config);
+  Configuration configuration(*database);
   {
     const Vela::ActivityLock lock;
     const AgentLibrary library = loadAgentLibrary(options.library);
@@ -210,7 +231,7 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
     library.registerTypes();
     network = std::make_unique<NetworkPlatform>(loop, *database);
     provideEntities(*database, options.stateDirectory);
-    doLoadConfig(configuration);
+    doLoadConfig(configuration, loop, options, stopWatcher);
     settings = keptSettings(*database, options);
     stopIfRequested(stopWatcher);
     opened = openStore(options);
@@ -228,6 +249,7 @@ void runAgent(const Options& options, StopWatcher& stopWatcher) {
         runtimeOf(loop, *database, opened, stopWatcher, options));
     library.start("p4runtime", runtime.get());
     notices.emplace(loop, *database);
+    if (configuration.outside) configuration.outside->start();
     stopWatcher.onHangUpIs([&] { loop.post([&] { doReload(configuration, *notices); }); });
     stopWatcher.onRequestIs([&] {
       Vela::ServiceManager::stopping();
@@ -258,7 +280,14 @@ int agentMain(const Options& options) {
 void addAgentCommand(CLI::App& app) {
   auto options = std::make_shared<Options>();
   CLI::App* command = app.add_subcommand("agent", "Run the P4Runtime agent");
-  command->add_option("--config", options->config, "Configuration file (JSON)")->required();
+  CLI::Option* config =
+      command->add_option("--config", options->config, "Configuration file (JSON)");
+  CLI::Option* outside = command->add_option(
+      "--orrery", options->outside,
+      "Take configuration from a Redis, above that of the file, and put status there: "
+      "redis://[[USER]:PASSWORD@]HOST[:PORT][/DATABASE][?prefix=TEXT] or unix:/PATH[?prefix=TEXT]; "
+      "$KORVEL_ORRERY_PASSWORD or &password-file=FILE keeps the password off the command line");
+  outside->type_name("URL");
   command->add_option("--settings", options->settings,
                       "Keep settings that `korvel set`, `create` and `delete` make in this file; "
                       "they hold again when the agent is started with it");
@@ -276,7 +305,8 @@ void addAgentCommand(CLI::App& app) {
   command->add_flag("--grpc-reflection", options->reflects,
                     "Let clients ask the server for its services and messages, for tools such as "
                     "grpcurl");
-  command->callback([options] {
+  command->callback([options, config, outside] {
+    if (config->empty() && outside->empty()) throw CLI::RequiredError("--config or --orrery");
     if (options->stateDirectory.empty()) options->stateDirectory = defaultStateDirectory();
     const int status = agentMain(*options);
     std::fflush(nullptr);

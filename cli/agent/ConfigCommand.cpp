@@ -43,7 +43,8 @@ void withEntities(const Options& options, Work work) {
 
 void check(const Options& options) {
   withEntities(options, [&](Orrery::Database& database) {
-    const auto faults = Orrery::ConfigFile(database, options.file).faults();
+    Orrery::LayeredConfig layers(database);
+    const auto faults = Orrery::ConfigFile(layers, options.file).faults();
     for (const std::string& fault : faults) fmt::print(stderr, "korvel: {}\n", fault);
     if (!faults.empty()) throw CLI::RuntimeError(failed);
     fmt::print("{}: all settings are known, and their values are of the right kind\n",

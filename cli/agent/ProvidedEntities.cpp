@@ -22,6 +22,7 @@ constexpr Provided provided[] = {
     {"interface/status/local", "Interface::AllIntfStatusLocalDir"},
     {"p4runtime/config/agent", "P4Runtime::AgentConfig"},
     {"p4runtime/config/cli", "P4Runtime::CliConfigDir"},
+    {"p4runtime/config/journal", "P4Runtime::JournalConfig"},
     {"p4runtime/config/monitoring", "P4Runtime::MonitoringConfig"},
     {"p4runtime/config/plugin", "P4Runtime::PluginConfigDir"},
     {"p4runtime/config/plugin/all", "P4Runtime::AllPluginConfig"},

@@ -13,12 +13,14 @@ namespace {
 
 using Vela::Json;
 
+constexpr const char* journalPath = "p4runtime/status/journal";
 constexpr const char* pipelinePath = "p4runtime/status/pipeline";
 constexpr const char* policyPath = "p4runtime/status/policy";
 constexpr const char* portsPath = "p4runtime/status/port-mapping";
 constexpr const char* translationPath = "p4runtime/status/translation";
 constexpr const char* queriesPath = "lattice/status/query/p4runtime";
 constexpr const char* vrfsPath = "p4runtime/status/vrf";
+constexpr const char* outsidePath = "orrery/status/redis";
 
 // An entity as the agent shows it; null when it has none there.
 Json entityAt(Orrery::Client& client, const std::string& path) {
@@ -83,6 +85,30 @@ void printPolicy(const cJSON* policy) {
   const std::string fault = textOf(policy, "fault");
   if (!file.empty()) section.line(file);
   if (!fault.empty()) section.line("BROKEN, and in force as it was before: " + fault);
+}
+
+void printOutside(const cJSON* outside) {
+  if (!outside) return;
+  Section section("state database outside");
+  section.line(textOf(outside, "server") + " " + textOf(outside, "prefix"));
+  const std::string trouble = textOf(outside, "trouble");
+  if (!trouble.empty()) section.line("TROUBLE: " + trouble);
+  for (const auto& [setting, reason] : sortedEntries(outside, "refused")) {
+    section.line(fmt::format("{} refused: {}", setting, reason));
+  }
+}
+
+void printJournal(const cJSON* journal) {
+  Section section("journal");
+  const std::string directory = textOf(journal, "directory");
+  const std::string lost = textOf(journal, "lost");
+  const std::string trouble = textOf(journal, "trouble");
+  if (!directory.empty()) {
+    section.line(fmt::format("{}, {} bytes", directory, textOf(journal, "bytes")));
+  }
+  if (!lost.empty() && lost != "0")
+    section.line(fmt::format("{} RECORDS LOST for want of room", lost));
+  if (!trouble.empty()) section.line("NOT WRITTEN: " + trouble);
 }
 
 void printPorts(const cJSON* ports) {
@@ -154,7 +180,9 @@ std::vector<std::pair<std::string, std::string>> sortedEntries(const cJSON* attr
 
 void addStatusSections(Orrery::Client& client, cJSON* status) {
   add(status, "pipeline", attributesAt(client, pipelinePath));
+  add(status, "journal", attributesAt(client, journalPath));
   add(status, "policy", attributesAt(client, policyPath));
+  add(status, "stateDatabase", attributesAt(client, outsidePath));
   add(status, "ports", attributesAt(client, portsPath));
   add(status, "translation", attributesAt(client, translationPath));
   add(status, "queries", childrenAt(client, queriesPath));
@@ -167,6 +195,8 @@ void printStatusSections(const cJSON& status) {
   };
   printPipeline(section("pipeline"));
   printPolicy(section("policy"));
+  printOutside(section("stateDatabase"));
+  printJournal(section("journal"));
   printPorts(section("ports"));
   printTranslation(section("translation"));
   printQueries(section("queries"));

@@ -54,6 +54,7 @@ Command agentCommand(const SwitchOptions& options, const SwitchDirectory& direct
                   "--settings",  directory.file(settingsName),
                   "--state-dir", directory.path()};
   if (options.cpuPort) command.push_back("--create-cpu-device");
+  if (!options.orrery.empty()) command.insert(command.end(), {"--orrery", options.orrery});
   return command;
 }
 

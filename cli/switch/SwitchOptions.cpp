@@ -229,6 +229,11 @@ void addState(CLI::App& command, SwitchOptions& options) {
                 "Begin empty, also where the former switch was killed and its tables lie there")
       ->group(ours);
   command
+      .add_option("--orrery", options.orrery,
+                  "Take configuration from a Redis, and put status there, as `korvel agent` does")
+      ->type_name("URL")
+      ->group(ours);
+  command
       .add_option("--forwarder", options.forwarder,
                   "A forwarding agent that takes the options of korvel-forwarder, in its place")
       ->type_name("FILE")

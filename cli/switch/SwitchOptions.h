@@ -39,6 +39,7 @@ struct SwitchOptions {
   bool logsToConsole = false;
   std::string logFile;
   std::string stateDirectory;  // empty: one that the switch makes, and removes in the end
+  std::string orrery;          // the address of a state database outside; empty: there is none
   bool fresh = false;          // begins with an empty state directory
   std::string forwarder;       // empty: the korvel-forwarder beside the command
   std::vector<std::string> warnings;

@@ -52,6 +52,10 @@ class Process:
         with open(log, "ab") as output:
             self._process = subprocess.Popen(dying_with_us(command), stdout=output, stderr=output)
 
+    @property
+    def pid(self):
+        return self._process.pid
+
     def alive(self):
         return self._process.poll() is None
 

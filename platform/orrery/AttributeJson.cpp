@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "platform/orrery/Directory.h"
 #include "platform/vela/Entity.h"
 #include "platform/vela/PlainText.h"
 
@@ -48,6 +49,16 @@ Vela::Json valueJson(const Vela::AttributeBase& attribute) {
     return Vela::Json(cJSON_CreateRaw(text.c_str()));
   }
   return Vela::Json(cJSON_CreateString(text.c_str()));
+}
+
+Vela::Json attributesJson(const Vela::Entity& entity) {
+  Vela::Json object(cJSON_CreateObject());
+  const auto* directory = dynamic_cast<const Directory*>(&entity);
+  for (const auto* attribute : entity.attributes()) {
+    if (directory && attribute == &directory->entityCollection()) continue;
+    cJSON_AddItemToObject(object.get(), attribute->name(), valueJson(*attribute).release());
+  }
+  return object;
 }
 
 std::string kindOf(const cJSON& value) {

@@ -11,6 +11,7 @@
 
 #include "platform/orrery/AttributeJson.h"
 #include "platform/orrery/ConfigText.h"
+#include "platform/orrery/EntityTypes.h"
 #include "platform/orrery/Settings.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/Json.h"
@@ -169,11 +170,12 @@ Vela::Ptr<Vela::Entity> entityToRead(const ConfigReading& reading, const std::st
 }
 
 template <typename Work>
-void tried(const ConfigReading& reading, Work work) {
+void tried(const ConfigReading& reading, const std::string& path, const std::string& attribute,
+           Work work) {
   try {
     work();
   } catch (const ConfigError& e) {
-    reading.fault(e);
+    reading.fault(path, attribute, e);
   }
 }
 
@@ -185,26 +187,13 @@ void readEntity(const ConfigReading& reading, const cJSON& attributes, const std
   std::set<std::string> seen;
   const cJSON* value = nullptr;
   cJSON_ArrayForEach(value, &attributes) {
-    tried(reading, [&] {
+    tried(reading, path, value->string, [&] {
       requireOnce(seen, *value, where);
       setAttribute(reading, path, *entity, *value, where);
       reading.tell(path, entity->attribute(value->string));
     });
   }
   if (reading.whole) reading.whole(path, entity);
-}
-
-void readText(const std::string& text, const std::string& fileName, const ConfigReading& reading) {
-  const Vela::Json json = objectIn(text, fileName);
-  std::set<std::string> seen;
-  const cJSON* attributes = nullptr;
-  cJSON_ArrayForEach(attributes, json.get()) {
-    const std::string where = fmt::format("{}: \"{}\"", fileName, attributes->string);
-    tried(reading, [&] {
-      requireOnce(seen, *attributes, fileName);
-      readEntity(reading, *attributes, where);
-    });
-  }
 }
 
 void addPaths(const Database& database, const std::string& path, std::vector<std::string>& paths) {
@@ -226,9 +215,11 @@ void loadConfigText(Database& database, const std::string& text, const std::stri
   reading.whole = [&](const std::string& path, const Vela::Ptr<Vela::Entity>& entity) {
     if (!database.entity(path)) database.entityIs(path, entity);
   };
-  reading.fault = [](const ConfigError& fault) { throw ConfigError(fault); };
+  reading.fault = [](const auto&, const auto&, const ConfigError& fault) {
+    throw ConfigError(fault);
+  };
   reading.paths = [&] { return pathsIn(database); };
-  readText(text, fileName, reading);
+  readConfig(*objectIn(text, fileName), fileName, reading);
 }
 
 void loadConfig(Database& database, const std::string& fileName) {
@@ -241,8 +232,33 @@ std::vector<std::string> pathsIn(const Database& database) {
   return paths;
 }
 
+Vela::Ptr<Vela::Entity> freshEntityAt(const Database& database, const std::string& path) {
+  if (auto made = makeEntityAt(database, path)) return made;
+  const auto there = database.entity(path);
+  return there ? TheEntityTypes().make(there->typeName(), path) : nullptr;
+}
+
+ConfigReading trialReading(const Database& database) {
+  ConfigReading reading;
+  reading.entityAt = [&database](const std::string& path) { return freshEntityAt(database, path); };
+  reading.paths = [&database] { return pathsIn(database); };
+  return reading;
+}
+
 void readConfig(const std::string& fileName, const ConfigReading& reading) {
-  readText(contentsOf(fileName), fileName, reading);
+  readConfig(*objectIn(contentsOf(fileName), fileName), fileName, reading);
+}
+
+void readConfig(const cJSON& object, const std::string& name, const ConfigReading& reading) {
+  std::set<std::string> seen;
+  const cJSON* attributes = nullptr;
+  cJSON_ArrayForEach(attributes, &object) {
+    const std::string where = fmt::format("{}: \"{}\"", name, attributes->string);
+    tried(reading, attributes->string, "", [&] {
+      requireOnce(seen, *attributes, name);
+      readEntity(reading, *attributes, where);
+    });
+  }
 }
 
 }  // namespace Orrery

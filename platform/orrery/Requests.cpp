@@ -87,14 +87,9 @@ Vela::Json entityJson(const Entity& entity, const char* path) {
   Vela::Json answer = okAnswer();
   cJSON_AddStringToObject(answer.get(), "path", path);
   cJSON_AddStringToObject(answer.get(), "type", entity.typeName());
-  const auto* directory = dynamic_cast<const Directory*>(&entity);
-  cJSON* attributes = cJSON_AddObjectToObject(answer.get(), "attributes");
-  for (const auto* attribute : entity.attributes()) {
-    if (directory && attribute == &directory->entityCollection()) continue;
-    cJSON_AddItemToObject(attributes, attribute->name(), valueJson(*attribute).release());
-  }
+  cJSON_AddItemToObject(answer.get(), "attributes", attributesJson(entity).release());
   cJSON_AddItemToObject(answer.get(), "operations", operationsJson(entity).release());
-  if (directory) {
+  if (const auto* directory = dynamic_cast<const Directory*>(&entity)) {
     cJSON_AddItemToObject(answer.get(), "children", namesJson(directory->entityNames()).release());
   }
   return answer;

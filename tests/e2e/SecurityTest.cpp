@@ -63,6 +63,7 @@ class SecuredAgentTest : public testing::Test {
     certificates_.certificateIs(
         {.name = "switch", .subject = "/CN=switch-1", .alternatives = "IP:127.0.0.1"});
     certificates_.certificateIs({.name = "controller", .subject = "/CN=controller-1"});
+    certificates_.certificateIs({.name = "nobody"});
     for (const char* name : {"switch.pem", "switch.key"}) {
       std::filesystem::copy_file(certificates_.file(name), directory_.file(name));
     }
@@ -75,6 +76,11 @@ class SecuredAgentTest : public testing::Test {
   bool statusSays(const std::string& text) {
     return waitUntil(
         [&] { return agent_->korvel({"status"}).output.find(text) != std::string::npos; },
+        agent_->process().descriptor());
+  }
+  bool logSays(const std::string& text) {
+    return waitUntil(
+        [&] { return agent_->korvel({"log"}).output.find(text) != std::string::npos; },
         agent_->process().descriptor());
   }
   std::string target() const { return fmt::format("127.0.0.1:{}", port_); }
@@ -95,7 +101,10 @@ TEST_F(SecuredAgentTest, ServesThoseWithACertificate) {
   EXPECT_TRUE(askedAs(target(), tls("controller")).ok());
   EXPECT_EQ(askedAs(target(), grpc::InsecureChannelCredentials()).error_code(),
             StatusCode::UNAVAILABLE);
-  EXPECT_THAT(agent_->korvel({"log", "-n", "1"}).output, HasSubstr("push OK agent own device 1"));
+  EXPECT_EQ(askedAs(target(), tls("nobody")).error_code(), StatusCode::UNAUTHENTICATED);
+  EXPECT_TRUE(logSays("push OK agent own device 1"));
+  EXPECT_TRUE(logSays("handshake UNAVAILABLE anybody somewhere"));
+  EXPECT_TRUE(logSays("call UNAUTHENTICATED anybody somewhere"));
   std::filesystem::copy_file(certificates_.file("controller.key"), directory_.file("switch.key"),
                              std::filesystem::copy_options::overwrite_existing);
   EXPECT_TRUE(statusSays("does not belong to the certificate"));

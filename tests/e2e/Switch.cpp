@@ -24,8 +24,10 @@ AgentOptions agentOptions(const Switch::Options& options, const TempDir& directo
           .pipelineFile = directory.file("pipeline.pb.bin"),
           .deviceId = options.deviceId,
           .batchTimeout = options.batchTimeout,
+          .orrery = options.orrery,
           .pluginDirectory = options.pluginDirectory,
           .enabled = options.enabled,
+          .journalMib = options.journalMib,
           .ports = options.ports,
           .arguments = options.agent,
           .descriptorLimit = options.descriptorLimit};

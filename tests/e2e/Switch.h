@@ -31,10 +31,12 @@ class Switch {
     int64_t routeTableSize = 0;  // 0: as the pipeline file says
     std::string pluginDirectory;
     bool enabled = true;
+    unsigned journalMib = 0;
     std::vector<std::string> agent;
     unsigned descriptorLimit = 0;           // of the agent; 0: that of the test
     std::map<uint32_t, std::string> ports;  // mapped to interfaces
     std::function<void(TestSupport::Pipeline&)> pipelineChange;
+    std::string orrery;        // a state database outside, in place of the configuration file
     std::string pipelineFile;  // of another program than the router; empty: the router's
   };
   Switch() : Switch(Options{}) {}

@@ -19,18 +19,18 @@ std::string portsOf(const AgentOptions& options) {
   return members;
 }
 
-std::string configurationOf(const AgentOptions& options) {
-  if (!options.configuration.empty()) return options.configuration;
+std::string madeConfiguration(const AgentOptions& options) {
   return fmt::format(
       R"({{{} "p4runtime/config/system": {{"enabled": {}, "deviceId": {},
  "forwardingPipelineConfigFilePath": "{}", "grpcServerAddress": "127.0.0.1",
  "grpcServerPort": {}}},
 "p4runtime/config/agent": {{"pluginDirectory": "{}", "batchTimeout": {}, "p4InfoJsonPath": "{}.p4info.json",
- "deviceJsonPath": "{}.device.json"}}}}
+ "deviceJsonPath": "{}.device.json"}},
+"p4runtime/config/journal": {{"sizeMib": {}}}}}
 )",
       portsOf(options), options.enabled, options.deviceId, options.pipelineFile, options.port,
-      options.pluginDirectory, options.batchTimeout, options.stateDirectory,
-      options.stateDirectory);
+      options.pluginDirectory, options.batchTimeout, options.stateDirectory, options.stateDirectory,
+      options.journalMib);
 }
 
 }  // namespace
@@ -47,11 +47,20 @@ std::string AgentProcess::outputPath() const { return options_.stateDirectory + 
 std::string AgentProcess::output() const { return fileText(outputPath()); }
 std::string AgentProcess::address() const { return fmt::format("127.0.0.1:{}", options_.port); }
 
+std::string AgentProcess::configuration() const {
+  return options_.configuration.empty() ? madeConfiguration(options_) : options_.configuration;
+}
+
 void AgentProcess::start() {
   std::filesystem::create_directories(options_.stateDirectory);
-  std::ofstream(configPath()) << configurationOf(options_);
-  std::vector<std::string> command{binaryPath("korvel"), "agent",       "--config",
-                                   configPath(),         "--state-dir", options_.stateDirectory};
+  std::ofstream(configPath()) << configuration();
+  const bool isOutside = !options_.orrery.empty();
+  std::vector<std::string> command{binaryPath("korvel"),
+                                   "agent",
+                                   isOutside ? "--orrery" : "--config",
+                                   isOutside ? options_.orrery : configPath(),
+                                   "--state-dir",
+                                   options_.stateDirectory};
   command.insert(command.end(), options_.arguments.begin(), options_.arguments.end());
   if (options_.descriptorLimit > 0) {
     const std::string script = fmt::format("ulimit -n {}; exec \"$@\"", options_.descriptorLimit);

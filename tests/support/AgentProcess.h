@@ -18,9 +18,11 @@ struct AgentOptions {
   uint64_t deviceId = 1;
   double batchTimeout = 20;   // seconds; only a test of the time-out wants a short one
   std::string configuration;  // JSON that stands in for the one made from the above
+  std::string orrery;         // a state database outside, in place of the configuration file
   std::vector<std::string> environment;
   std::string pluginDirectory;  // "": the one beside the agent's library
   bool enabled = true;
+  unsigned journalMib = 0;                // in the configuration made
   std::map<uint32_t, std::string> ports;  // mapped to interfaces, in the configuration made
   std::vector<std::string> arguments;     // more of them
   unsigned descriptorLimit = 0;           // soft and hard; 0: that of the test
@@ -32,6 +34,7 @@ class AgentProcess {
   ~AgentProcess();
 
   const AgentOptions& options() const { return options_; }
+  std::string configuration() const;  // JSON, as its file has it
   std::string address() const;
   void portIs(uint16_t port) { options_.port = port; }  // for address() and the next start
 

@@ -25,6 +25,7 @@ proto/*                   -
 platform/scrivel          -
 platform/vela             platform/scrivel
 platform/orrery           platform/vela+
+platform/orrery/redis     platform/orrery+
 platform/brine            platform/vela+
 platform/lattice/records  platform/brine+
 platform/lattice/types    platform/lattice/records+
@@ -40,6 +41,8 @@ platform/wirra/devices    platform/orrery+
 platform/wirra/interfaces platform/wirra/devices+
 
 access                    platform/vela proto
+
+journal                   platform/vela+
 
 PI/include/PI             -
 PI/include/PI/*           PI/include/PI proto
@@ -81,8 +84,9 @@ P4Runtime/table/write     P4Runtime/table/undo+
 P4Runtime/table/restore   P4Runtime/table/write+
 P4Runtime/table           P4Runtime/table/restore+
 P4Runtime/table/target    P4Runtime/table+
+P4Runtime/journal         PI/include journal platform/vela
 P4Runtime/monitoring      P4Runtime/pipeline+
-P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ P4Runtime/monitoring access p4
+P4Runtime/agent           P4Runtime/packet+ P4Runtime/table+ P4Runtime/plugin+ P4Runtime/journal P4Runtime/monitoring access p4
 
 forwarder/base            -
 forwarder/table           platform
@@ -98,11 +102,12 @@ forwarder                 p4+ forwarder platform
 cli/client                platform
 cli/agent                 cli/client+ P4Runtime/agent P4Runtime/companion
 cli/table                 cli/client+
+cli/journal               cli/client+ journal pipeline proto P4Runtime/monitoring PI/include
 cli/pipeline              pipeline platform proto
 cli/policy                access pipeline proto
 cli/switch                P4Runtime/companion platform
 cli/top                   cli/client+
-cli                       cli/agent+ cli/table+ cli/pipeline+ cli/policy+ cli/switch+ cli/top+
+cli                       cli/agent+ cli/journal+ cli/table+ cli/pipeline+ cli/policy+ cli/switch+ cli/top+
 
 examples/minimal-forwarder   platform/lattice
 examples/plugins/table-use   P4Runtime/plugin
@@ -111,6 +116,7 @@ tests/support             platform proto
 tests/support/plugins     P4Runtime/plugin
 tests/platform/*          platform tests/support
 tests/access              access proto tests/support
+tests/journal             journal platform/vela tests/support
 tests/PI/*                PI access proto tests/support
 tests/p4                  p4 proto
 tests/pipeline            cli/pipeline+ PI/include platform tests/support
@@ -118,6 +124,7 @@ tests/P4Runtime/*         P4Runtime/agent+ tests/platform tests/support
 tests/forwarder           forwarder platform tests/support
 tests/forwarder/*         forwarder p4 platform tests/forwarder tests/p4 tests/support
 tests/cli                 P4Runtime/agent platform tests/support
+tests/cli/journal         cli/journal+ proto tests/support
 tests/cli/switch          cli/switch+ tests/support
 tests/cli/table           platform tests/support
 tests/cli/top             cli/top+ tests/support

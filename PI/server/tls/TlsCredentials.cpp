@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "PI/server/tls/AuthProperties.h"
 #include "PI/server/tls/ClientCheck.h"
 #include "PI/server/tls/CoreCredentials.h"
 #include "PI/server/tls/LiveCertificates.h"
@@ -42,7 +43,7 @@ grpc_ssl_certificate_config_reload_status fetch(void* fetcher,
 
 // The check lives as long as gRPC needs the credentials, and the fetcher with it.
 std::shared_ptr<grpc::ServerCredentials> tlsCredentials(
-    std::shared_ptr<LiveCertificates> certificates) {
+    std::shared_ptr<LiveCertificates> certificates, RefusalHandler handler) {
   const auto fetcher = std::make_shared<Fetcher>(certificates);
   const auto check = std::make_shared<ClientCheck>(std::move(certificates));
   grpc_ssl_server_credentials_options* const options =
@@ -50,7 +51,11 @@ std::shared_ptr<grpc::ServerCredentials> tlsCredentials(
           GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY, &fetch, fetcher.get());
   return coreCredentials(
       grpc_ssl_server_credentials_create_with_options(options),
-      [fetcher, check](grpc_auth_context& context) { return check->objection(context); });
+      [fetcher, check, handler = std::move(handler)](grpc_auth_context& context) {
+        std::string objection = check->objection(context);
+        if (handler && !objection.empty()) handler(identityOf(peerNamesOf(&context)), objection);
+        return objection;
+      });
 }
 
 }  // namespace pi::server

@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <vector>
 
 #include "tests/support/TempDir.h"
 
@@ -14,6 +15,7 @@ namespace {
 
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::SizeIs;
 
 PIGrpcServerAccount_t account() {
   return {.what = "Write",
@@ -23,44 +25,88 @@ PIGrpcServerAccount_t account() {
           .role = "",
           .detail = "3 updates",
           .code = 0,
+          .is_refused = 0,
           .message = "",
           .duration_us = 512};
 }
 
+PIGrpcServerAccount_t refusal(const char* identity) {
+  PIGrpcServerAccount_t refused = account();
+  refused.identity = identity;
+  refused.code = 7;
+  refused.is_refused = 1;
+  refused.message = "not primary";
+  return refused;
+}
+
+std::vector<std::string> linesOf(const std::string& path) {
+  std::ifstream stream(path);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
 TEST(AccountLine, SaysWhoDidWhatInOneLineWhateverTheClientSends) {
   const std::chrono::system_clock::time_point when{std::chrono::microseconds(1'500'000)};
-  EXPECT_EQ(accountLine(account(), when),
+  EXPECT_EQ(accountLine({account(), when}),
             "1970-01-01T00:00:01.500000Z Write OK spiffe://lab/a ipv4:192.0.2.1:5000 device 1 role "
             "default: 3 updates, 512 us");
-  auto refused = account();
-  refused.identity = "";
+  auto refused = refusal("");
   refused.role = "evil\n1970 Write OK root";
-  refused.code = 7;
   refused.message = "not primary\x1b[2J";
-  const std::string line = accountLine(refused, when);
+  const std::string longText(5000, 'x');
+  refused.detail = longText.c_str();
+  const std::string line = accountLine({refused, when});
   EXPECT_EQ(line.find_first_of("\n\x1b"), std::string::npos);
   EXPECT_THAT(line, HasSubstr("PERMISSION_DENIED anybody"));
-  EXPECT_THAT(line, HasSubstr("; not primary"));
+  EXPECT_THAT(line, HasSubstr("xxx..., 512 us; not primary"));
+  EXPECT_LT(line.size(), 500u);
 }
 
 TEST(AccountLog, KeepsTheNewestLinesWithinItsBound) {
   const TestSupport::TempDir directory;
-  const std::string path = directory.file("accounts.log");
+  const std::string path = directory.file("accounts-writes.log");
   {
-    AccountLog log(path, 1000);
+    AccountLog log(directory.path(), {.fileBytes = 1000});
     for (int i = 0; i < 100; ++i) log.add(account());
   }
-  AccountLog again(path, 1000);
+  AccountLog again(directory.path(), {.fileBytes = 1000});
   auto last = account();
   last.detail = "the last";
   again.add(last);
+  again.flush();
   EXPECT_LE(std::filesystem::file_size(path), 1000u);
   EXPECT_LE(std::filesystem::file_size(path + ".1"), 1000u);
-  EXPECT_GT(std::filesystem::file_size(path + ".1"), 0u);
-  std::ifstream stream(path);
-  std::string line, newest;
-  while (std::getline(stream, line)) newest = line;
-  EXPECT_THAT(newest, EndsWith("the last, 512 us"));
+  EXPECT_THAT(linesOf(path + ".1"), SizeIs(testing::Ge(5u)));
+  EXPECT_THAT(linesOf(path).back(), EndsWith("the last, 512 us"));
+}
+
+TEST(AccountLog, NeitherWritesNorAStrangerPushOutWhoElseCameBy) {
+  const TestSupport::TempDir directory;
+  AccountLog log(directory.path(), {.fileBytes = 4000, .calls = 10});
+  log.add(refusal("spiffe://lab/b"));
+  for (int i = 0; i < 1000; ++i) {
+    log.add(account());
+    log.add(refusal(""));
+  }
+  auto last = refusal("spiffe://lab/c");
+  last.what = "push";
+  log.add(last);
+  log.flush();
+  const std::vector<std::string> lines = linesOf(directory.file("accounts.log"));
+  ASSERT_THAT(lines, SizeIs(12));
+  EXPECT_THAT(lines.front(), HasSubstr("spiffe://lab/b"));
+  EXPECT_THAT(lines[10], HasSubstr("not shown for a while"));
+  EXPECT_THAT(lines.back(), HasSubstr("push PERMISSION_DENIED spiffe://lab/c"));
+}
+
+TEST(AccountLog, CountsTheLinesForWhichItHasNoRoom) {
+  const TestSupport::TempDir directory;
+  AccountLog log(directory.path(), {.waiting = 0});
+  for (int i = 0; i < 3; ++i) log.add(account());
+  log.flush();
+  EXPECT_THAT(linesOf(directory.file("accounts.log")),
+              testing::ElementsAre(HasSubstr(" 3 more calls")));
 }
 
 }  // namespace

@@ -3,48 +3,76 @@
 
 #include <atomic>
 #include <future>
+#include <map>
 #include <thread>
 
 #include "PI/proto/pi_server.h"
 #include "PI/proto/pi_server_policy.h"
-#include "PI/server/PeerSource.h"
+#include "PI/proto/pi_server_security.h"
 #include "google/rpc/status.pb.h"
 #include "tests/PI/server/ServerFixture.h"
 #include "tests/PI/support/RefusedWith.h"
+#include "tests/support/Certificates.h"
 
 namespace {
 
 using p4::v1::StreamMessageRequest;
 using p4::v1::StreamMessageResponse;
 using pi::fe::proto::EntityUse;
-using pi::server::Peer;
 using TestSupport::RefusedWith;
 
-constexpr const char* kIdentityKey = "x-test-identity";
+using Stub = p4::v1::P4Runtime::Stub;
 
-// In place of a certificate.
-Peer peerInMetadata(const grpc::ServerContext& context) {
-  Peer peer = pi::server::peerOf(context);
-  const auto& metadata = context.client_metadata();
-  const auto found = metadata.find(kIdentityKey);
-  if (found == metadata.end()) return peer;
-  peer.identity.assign(found->second.data(), found->second.size());
-  peer.way = Peer::Way::tls;
-  return peer;
+TestSupport::Certificates& TheCertificates() {
+  static auto* const all = [] {
+    auto* made = new TestSupport::Certificates;
+    made->certificateIs(
+        {.name = "switch", .subject = "/CN=switch", .alternatives = "IP:127.0.0.1"});
+    return made;
+  }();
+  return *all;
+}
+
+// With a certificate of that name, which is made when it is asked for first.
+std::shared_ptr<grpc::ChannelCredentials> credentialsOf(const std::string& identity) {
+  static auto* const made = new std::map<std::string, std::shared_ptr<grpc::ChannelCredentials>>;
+  auto& credentials = (*made)[identity];
+  if (credentials) return credentials;
+  TheCertificates().certificateIs({.name = identity, .subject = "/CN=" + identity});
+  grpc::SslCredentialsOptions options;
+  options.pem_root_certs = TheCertificates().bytes("ca.pem");
+  options.pem_cert_chain = TheCertificates().bytes(identity + ".pem");
+  options.pem_private_key = TheCertificates().bytes(identity + ".key");
+  return credentials = grpc::SslCredentials(options);
 }
 
 class PolicyTest : public ServerTest {
  protected:
   PolicyTest() {
-    pi::server::peerSourceIs(peerInMetadata);
+    stop();
+    startTls();
+    stub_ = stubAs("agent");
     EXPECT_EQ(PIGrpcServerPolicyIs(nullptr, 0, nullptr), 0);
     TheFakeDevice().onWrite = [](const p4::v1::WriteRequest& request) { return written(request); };
   }
-  ~PolicyTest() override {
-    PIGrpcServerPolicyIs(nullptr, 0, nullptr);
-    stop();
-    pi::server::peerSourceIs(nullptr);
-    start();
+  ~PolicyTest() override { PIGrpcServerPolicyIs(nullptr, 0, nullptr); }
+
+  static void startTls() {
+    const std::string certificate = TheCertificates().file("switch.pem"),
+                      key = TheCertificates().file("switch.key"),
+                      ca = TheCertificates().file("ca.pem");
+    const PIGrpcServerCertificates_t files{
+        .certificate = certificate.c_str(), .key = key.c_str(), .client_ca = ca.c_str()};
+    ASSERT_EQ(PIGrpcServerRunWith("127.0.0.1:0", &files, nullptr), 0) << PIGrpcServerLastError();
+  }
+  static std::unique_ptr<Stub> stubAs(const std::string& identity) {
+    return p4::v1::P4Runtime::NewStub(grpc::CreateChannel(
+        "127.0.0.1:" + std::to_string(PIGrpcServerGetPort()), credentialsOf(identity)));
+  }
+  Stub& stubOf(const std::string& identity) {
+    auto& stub = stubs_[identity];
+    if (!stub) stub = stubAs(identity);
+    return *stub;
   }
 
   static void policyIs(const std::string& text) {
@@ -88,10 +116,6 @@ class PolicyTest : public ServerTest {
     }
     return {};
   }
-  static void identify(grpc::ClientContext& context, const std::string& identity) {
-    context.set_deadline(std::chrono::system_clock::now() + kPatience);
-    if (!identity.empty()) context.AddMetadata(kIdentityKey, identity);
-  }
   grpc::Status writeAs(const std::string& identity, const std::string& role, uint64_t electionId,
                        uint32_t table) {
     p4::v1::WriteRequest request;
@@ -100,9 +124,9 @@ class PolicyTest : public ServerTest {
     request.mutable_election_id()->set_low(electionId);
     request.add_updates()->mutable_entity()->mutable_table_entry()->set_table_id(table);
     grpc::ClientContext context;
-    identify(context, identity);
+    context.set_deadline(std::chrono::system_clock::now() + kPatience);
     p4::v1::WriteResponse response;
-    return stub_->Write(&context, request, &response);
+    return stubOf(identity).Write(&context, request, &response);
   }
   // The tables of 1 to 8 that a Read shows, or the code of its refusal.
   grpc::Status readAs(const std::string& identity, const std::string& role, std::string* tables) {
@@ -119,15 +143,15 @@ class PolicyTest : public ServerTest {
     request.set_device_id(deviceId_);
     request.set_role(role);
     grpc::ClientContext context;
-    identify(context, identity);
-    const auto reader = stub_->Read(&context, request);
+    context.set_deadline(std::chrono::system_clock::now() + kPatience);
+    const auto reader = stubOf(identity).Read(&context, request);
     p4::v1::ReadResponse response;
     while (reader->Read(&response)) {
     }
     return reader->Finish();
   }
   std::unique_ptr<Controller> controller(const std::string& identity, const std::string& role) {
-    return std::make_unique<Controller>(*stub_, deviceId_, role, identity);
+    return std::make_unique<Controller>(stubOf(identity), deviceId_, role);
   }
   // Until the answer to a message that nobody supports.
   static std::vector<std::string> heardBy(Controller& controller) {
@@ -167,6 +191,9 @@ class PolicyTest : public ServerTest {
     response.mutable_packet()->set_payload(payload);
     TheFakeDevice().emit(deviceId_, response);
   }
+
+ private:
+  std::map<std::string, std::unique_ptr<Stub>> stubs_;
 };
 
 constexpr const char* kTwo = R"({"name": "two", "allow_rules": [
@@ -179,20 +206,16 @@ constexpr const char* kTwo = R"({"name": "two", "allow_rules": [
 TEST_F(PolicyTest, AStrangerGetsInNowhereAndBlocksNobody) {
   pipelineIs();
   policyIs(kTwo);
-  for (const char* stranger : {"stranger", ""}) {
-    SCOPED_TRACE(stranger);
-    const auto stream = controller(stranger, "ra");
-    stream->sendArbitration(UINT64_MAX);
-    EXPECT_THAT(stream->ended(), RefusedWith(StatusCode::PERMISSION_DENIED, "StreamChannel"));
-    std::string tables;
-    EXPECT_THAT(readAs(stranger, "", &tables), RefusedWith(StatusCode::PERMISSION_DENIED, "Read"));
-    EXPECT_THAT(writeAs(stranger, "", 1, 1), RefusedWith(StatusCode::PERMISSION_DENIED, "Write"));
-    grpc::ClientContext context;
-    identify(context, stranger);
-    p4::v1::GetForwardingPipelineConfigResponse config;
-    EXPECT_EQ(stub_->GetForwardingPipelineConfig(&context, {}, &config).error_code(),
-              StatusCode::PERMISSION_DENIED);
-  }
+  const auto stranger = controller("stranger", "ra");
+  stranger->sendArbitration(UINT64_MAX);
+  EXPECT_THAT(stranger->ended(), RefusedWith(StatusCode::PERMISSION_DENIED, "StreamChannel"));
+  std::string tables;
+  EXPECT_THAT(readAs("stranger", "", &tables), RefusedWith(StatusCode::PERMISSION_DENIED, "Read"));
+  EXPECT_THAT(writeAs("stranger", "", 1, 1), RefusedWith(StatusCode::PERMISSION_DENIED, "Write"));
+  grpc::ClientContext context;
+  p4::v1::GetForwardingPipelineConfigResponse config;
+  EXPECT_EQ(stubOf("stranger").GetForwardingPipelineConfig(&context, {}, &config).error_code(),
+            StatusCode::PERMISSION_DENIED);
   // Known, but not in this role; and one that may be in no election.
   const auto b = controller("b", "ra");
   b->sendArbitration(UINT64_MAX);
@@ -250,14 +273,26 @@ TEST_F(PolicyTest, AnElectionIdAloneLetsNobodyIn) {
   // The agent's own push needs no rule.
   EXPECT_TRUE(push().ok());
   grpc::ClientContext context;
-  identify(context, "a");
   p4::v1::SetForwardingPipelineConfigRequest request;
   request.set_device_id(deviceId_);
   request.set_role("ra");
   request.mutable_election_id()->set_low(7);
   p4::v1::SetForwardingPipelineConfigResponse response;
-  EXPECT_EQ(stub_->SetForwardingPipelineConfig(&context, request, &response).error_code(),
+  EXPECT_EQ(stubOf("a").SetForwardingPipelineConfig(&context, request, &response).error_code(),
             StatusCode::PERMISSION_DENIED);
+}
+
+TEST_F(PolicyTest, ACallerWithoutAnIdentityIsAStranger) {
+  stop();
+  start();
+  policyIs(kTwo);
+  grpc::ClientContext context;
+  p4::v1::CapabilitiesResponse response;
+  EXPECT_EQ(stub_->Capabilities(&context, {}, &response).error_code(),
+            StatusCode::PERMISSION_DENIED);
+  policyIs(R"({"name": "x", "allow_rules": [{"name": "x", "source": {"principals": [""]}}]})");
+  grpc::ClientContext again;
+  EXPECT_TRUE(stub_->Capabilities(&again, {}, &response).ok());
 }
 
 // Each in its role by annotations; one role gets packets, and another sends them.

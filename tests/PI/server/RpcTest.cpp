@@ -126,11 +126,18 @@ TEST_F(ServerTest, CallsThatChangeSomethingOrAreRefusedAreAccountedFor) {
   grpc::ClientContext context;
   p4::v1::CapabilitiesResponse response;
   EXPECT_TRUE(stub_->Capabilities(&context, {}, &response).ok());
+  Controller backup(*stub_, deviceId_);
+  EXPECT_EQ(backup.arbitrate(9), StatusCode::ALREADY_EXISTS);
+  p4::v1::StreamMessageRequest packet;
+  packet.mutable_packet();
+  backup.send(packet);
+  EXPECT_EQ(backup.next().error().canonical_code(), StatusCode::PERMISSION_DENIED);
   stop();
   start();
-  EXPECT_THAT(accounts.all, testing::ElementsAre("push 0 VERIFY_AND_COMMIT",
-                                                 "arbitration 0 election id 10, primary",
-                                                 "Write 0 2 updates", "Write 7 1 update"));
+  EXPECT_THAT(accounts.all, testing::ElementsAre(
+                                "push 0 VERIFY_AND_COMMIT", "arbitration 0 election id 10, primary",
+                                "Write 0 2 updates", "Write 7 1 update",
+                                "arbitration 0 election id 9, backup", "packet-out 7 "));
 }
 
 TEST_F(ServerTest, OnlyTheLocalTokenPushesWithoutArbitration) {

@@ -2,9 +2,7 @@
 
 #include "PI/proto/pi_server.h"
 
-Controller::Controller(p4::v1::P4Runtime::Stub& stub, uint64_t deviceId, std::string role,
-                       const std::string& identity) {
-  if (!identity.empty()) context_.AddMetadata("x-test-identity", identity);
+Controller::Controller(p4::v1::P4Runtime::Stub& stub, uint64_t deviceId, std::string role) {
   update.set_device_id(deviceId);
   if (!role.empty()) update.mutable_role()->set_name(role);
   context_.set_deadline(std::chrono::system_clock::now() + kPatience);

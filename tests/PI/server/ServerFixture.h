@@ -38,9 +38,7 @@ auto awaited(std::promise<Value>& promise, const char* step) {
 // One StreamChannel call. It ends by itself when the test's patience does.
 class Controller {
  public:
-  // With an identity in its metadata, for tests that look at it there.
-  Controller(p4::v1::P4Runtime::Stub& stub, uint64_t deviceId, std::string role = "",
-             const std::string& identity = "");
+  Controller(p4::v1::P4Runtime::Stub& stub, uint64_t deviceId, std::string role = "");
   ~Controller();
 
   void send(const p4::v1::StreamMessageRequest& request) { stream_->Write(request); }

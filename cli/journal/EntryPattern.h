@@ -1,0 +1,65 @@
+// The entries of a table that a user asks about, by some or all fields of their keys.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace p4::config::v1 {
+class MatchField;
+class Table;
+}  // namespace p4::config::v1
+namespace p4::v1 {
+class FieldMatch;
+class TableEntry;
+}  // namespace p4::v1
+namespace Pipeline {
+class P4InfoLookup;
+}
+
+namespace Cli {
+
+// The value of a match field, in one form for all match types: value and mask, or low and high.
+struct FieldValue {
+  std::string value;
+  std::string mask;  // of a string: empty
+  bool isRange = false;
+  friend bool operator==(const FieldValue&, const FieldValue&) = default;
+};
+// Throws PipelineError for a value that does not fit the field.
+FieldValue fieldValue(const p4::config::v1::MatchField& field, const p4::v1::FieldMatch& match);
+
+class EntryPattern {
+ public:
+  // `words` are FIELD=VALUE: "ipv4_dst=10.0.0.0/8", "port=*" for a field that the entry leaves out.
+  // Entries may have any value in fields that are not named. Throws PipelineError that names the
+  // word. The table outlives the pattern.
+  EntryPattern(const p4::config::v1::Table& table, const std::vector<std::string>& words);
+
+  const p4::config::v1::Table& table() const { return table_; }
+  void priorityIs(int32_t priority) { priority_ = priority; }
+  void isDefaultIs(bool isDefault) { isDefault_ = isDefault; }
+
+  bool matches(const p4::v1::TableEntry& entry) const;
+  // Bytes that stand in the serialized form of each entry that matches; may be empty.
+  const std::string& needle() const { return needle_; }
+
+ private:
+  struct Wanted {
+    const p4::config::v1::MatchField* field = nullptr;
+    std::optional<FieldValue> value;  // empty: the entry leaves the field out
+  };
+  void add(const std::string& word);
+  void noteNeedle(std::string_view value);
+  bool matches(const Wanted& wanted, const p4::v1::TableEntry& entry) const;
+
+  const p4::config::v1::Table& table_;
+  std::vector<Wanted> fields_;
+  std::optional<int32_t> priority_;
+  bool isDefault_ = false;
+  std::string needle_;
+};
+
+}  // namespace Cli

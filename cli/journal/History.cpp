@@ -1,0 +1,247 @@
+#include "cli/journal/History.h"
+
+#include <fmt/format.h>
+#include <string.h>
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "cli/journal/EntryText.h"
+#include "cli/journal/Requests.h"
+#include "cli/journal/Words.h"
+#include "p4/config/v1/p4info.pb.h"
+#include "p4/v1/p4runtime.pb.h"
+#include "pipeline/P4InfoLookup.h"
+#include "platform/vela/Json.h"
+#include "platform/vela/PlainText.h"
+
+namespace Cli {
+
+using Journal::Record;
+using Journal::RecordKind;
+using Kind = HistoryEvent::Kind;
+
+namespace {
+
+constexpr size_t longestText = 2000;
+
+std::string plain(std::string_view text) { return Vela::plainLine(text, longestText); }
+
+// The entry that the update changes, or a part of it; null for other kinds.
+const p4::v1::TableEntry* entryOf(const p4::v1::Entity& entity) {
+  switch (entity.entity_case()) {
+    case p4::v1::Entity::kTableEntry:
+      return &entity.table_entry();
+    case p4::v1::Entity::kDirectCounterEntry:
+      return &entity.direct_counter_entry().table_entry();
+    case p4::v1::Entity::kDirectMeterEntry:
+      return &entity.direct_meter_entry().table_entry();
+    default:
+      return nullptr;
+  }
+}
+
+std::string whatOf(const p4::v1::Update& update) {
+  const char* part = update.entity().has_direct_counter_entry() ? " counter"
+                     : update.entity().has_direct_meter_entry() ? " meter"
+                                                                : "";
+  return p4::v1::Update::Type_Name(update.type()) + part;
+}
+
+std::string gapText(Journal::GapReason reason) {
+  switch (reason) {
+    case Journal::GapReason::queueFull:
+      return "they came faster than they could be written";
+    case Journal::GapReason::noRoom:
+      return "the files could not be written";
+    case Journal::GapReason::tooLarge:
+      return "they were too large";
+  }
+  return "for a reason that this program does not know";
+}
+
+std::string durationText(const HistoryEvent& event) {
+  using std::chrono::microseconds;
+  const auto took = std::chrono::duration_cast<microseconds>(*event.ended - event.time);
+  return fmt::format("{} us", took.count());
+}
+
+std::string callerText(const HistoryEvent& event) {
+  return fmt::format("{} {}, role {}{}{}", event.identity.empty() ? "anybody" : event.identity,
+                     event.address, event.role.empty() ? "default" : event.role,
+                     event.electionId.empty() ? "" : ", election id ", event.electionId);
+}
+
+std::string outcomeText(const HistoryEvent& event) {
+  if (!event.ended) return "no outcome is known: the agent was killed, or is at it still";
+  if (event.code == 0) return "OK, " + durationText(event);
+  return fmt::format("{}, {}{}{}", codeText(event.code), durationText(event),
+                     event.message.empty() ? "" : ": ", event.message);
+}
+
+}  // namespace
+
+void History::add(const Record& record) {
+  if (!begin_) {
+    begin_ = record.time;
+    isWhole_ = record.sequence == 1;
+  }
+  switch (record.kind) {
+    case RecordKind::start:
+      return open_.clear();
+    case RecordKind::write:
+      return addWrite(record);
+    case RecordKind::push:
+      return addPush(record);
+    case RecordKind::pipeline:
+      return;
+    case RecordKind::outcome:
+      return addOutcome(record);
+    case RecordKind::gap:
+      return addGap(record);
+  }
+}
+
+HistoryEvent& History::add(Kind kind, const Record& record) {
+  if (events_.size() == most_) events_.pop_front();
+  HistoryEvent& event = events_.emplace_back();
+  event.kind = kind;
+  event.sequence = record.sequence;
+  event.time = record.time;
+  if (const auto request = Journal::requestOf(record)) {
+    event.identity = plain(request->identity);
+    event.address = plain(request->address);
+    open_[record.sequence].push_back(added_);
+  }
+  ++added_;
+  return event;
+}
+
+HistoryEvent* History::event(uint64_t number) {
+  const uint64_t first = added_ - events_.size();
+  return number < first ? nullptr : &events_[number - first];
+}
+
+bool History::concerns(const p4::v1::Update& update) const {
+  const p4::v1::TableEntry* entry = entryOf(update.entity());
+  return entry != nullptr && pattern_.matches(*entry);
+}
+
+// Most Writes lack the bytes, and are not parsed.
+void History::addWrite(const Record& record) {
+  const auto request = Journal::requestOf(record);
+  if (!request) return;
+  const std::string& needle = pattern_.needle();
+  if (memmem(request->bytes.data(), request->bytes.size(), needle.data(), needle.size()) == nullptr)
+    return;
+  google::protobuf::Arena arena;
+  auto& write = *google::protobuf::Arena::CreateMessage<p4::v1::WriteRequest>(&arena);
+  if (!parse(request->bytes, &write)) return;
+  for (int i = 0; i < write.updates_size(); ++i) {
+    const p4::v1::Update& update = write.updates(i);
+    if (!concerns(update)) continue;
+    ++updates_;
+    HistoryEvent& event = add(Kind::update, record);
+    const p4::v1::TableEntry& entry = *entryOf(update.entity());
+    event.role = plain(roleOf(write));
+    event.electionId = electionIdText(write);
+    event.what = whatOf(update);
+    event.number = static_cast<size_t>(i) + 1;
+    event.updates = static_cast<size_t>(write.updates_size());
+    if (write.atomicity() != p4::v1::WriteRequest::CONTINUE_ON_ERROR) {
+      event.atomicity = p4::v1::WriteRequest::Atomicity_Name(write.atomicity());
+    }
+    event.key = keyText(pattern_.table(), entry);
+    if (update.type() != p4::v1::Update::DELETE) event.action = actionText(index_, entry);
+  }
+}
+
+void History::addPush(const Record& record) {
+  const auto request = Journal::requestOf(record);
+  p4::v1::SetForwardingPipelineConfigRequest push;
+  if (!request || !parse(request->bytes, &push) || !changesPipeline(push.action())) return;
+  HistoryEvent& event = add(Kind::push, record);
+  event.role = plain(roleOf(push));
+  event.electionId = electionIdText(push);
+  event.what = p4::v1::SetForwardingPipelineConfigRequest::Action_Name(push.action());
+}
+
+void History::addGap(const Record& record) {
+  const auto gap = Journal::gapOf(record);
+  if (!gap) return;
+  HistoryEvent& event = add(Kind::gap, record);
+  event.lost = gap->lost;
+  event.what = gapText(gap->reason);
+}
+
+void History::addOutcome(const Record& record) {
+  const auto outcome = Journal::outcomeOf(record);
+  if (!outcome) return;
+  const auto open = open_.find(outcome->request);
+  if (open == open_.end()) return;
+  for (const uint64_t number : open->second) {
+    HistoryEvent* const told = event(number);
+    if (told == nullptr) continue;
+    told->ended = record.time;
+    if (told->kind == Kind::update) {
+      const UpdateOutcome own = outcomeOfUpdate(*outcome, told->number - 1);
+      told->code = own.code;
+      told->message = plain(own.message);
+    } else {
+      told->code = outcome->code;
+      told->message = plain(outcome->message);
+    }
+  }
+  open_.erase(open);
+}
+
+std::string eventText(const HistoryEvent& event) {
+  const std::string time = timeText(event.time);
+  switch (event.kind) {
+    case Kind::gap:
+      return fmt::format("{}  {} RECORDS ARE MISSING: {}\n", time, event.lost, event.what);
+    case Kind::push:
+      return fmt::format("{}  pipeline pushed, {}\n    by {}\n    {}\n", time, event.what,
+                         callerText(event), outcomeText(event));
+    case Kind::update:
+      break;
+  }
+  return fmt::format("{}  {}  {}{}{}\n    by {}, update {} of {}{}{}\n    {}\n", time, event.what,
+                     event.key, event.action.empty() ? "" : " -> ", event.action, callerText(event),
+                     event.number, event.updates, event.atomicity.empty() ? "" : ", ",
+                     event.atomicity, outcomeText(event));
+}
+
+std::string eventJson(const HistoryEvent& event) {
+  const Vela::Json json(cJSON_CreateObject());
+  const auto text = [&](const char* name, const std::string& value) {
+    if (!value.empty()) Vela::addString(json.get(), name, value);
+  };
+  const auto number = [&](const char* name, uint64_t value) {
+    if (value != 0) Vela::addNumber(json.get(), name, static_cast<double>(value));
+  };
+  static constexpr const char* kinds[] = {"update", "push", "gap"};
+  text("kind", kinds[static_cast<size_t>(event.kind)]);
+  text("time", timeText(event.time));
+  number("sequence", event.sequence);
+  text("what", event.what);
+  number("lost", event.lost);
+  if (event.kind != Kind::gap) {
+    Vela::addString(json.get(), "identity", event.identity);
+    text("address", event.address);
+    Vela::addString(json.get(), "role", event.role);
+    text("electionId", event.electionId);
+    text("key", event.key);
+    text("action", event.action);
+    number("update", event.number);
+    number("updates", event.updates);
+    text("atomicity", event.atomicity);
+    text("code", event.ended ? codeText(event.code) : "");
+    text("message", event.message);
+    if (event.ended) text("ended", timeText(*event.ended));
+  }
+  return Vela::jsonLine(*json);
+}
+
+}  // namespace Cli

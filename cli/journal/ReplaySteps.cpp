@@ -1,0 +1,168 @@
+#include "cli/journal/ReplaySteps.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+#include "cli/journal/Requests.h"
+
+namespace Cli {
+
+using Journal::Record;
+using Journal::RecordKind;
+using Push = p4::v1::SetForwardingPipelineConfigRequest;
+
+namespace {
+
+// More than a server takes at once: the first of so many will have no outcome any more.
+constexpr size_t mostOpenCalls = 10'000;
+
+// Follows which pipeline runs.
+class PipelineSurvey {
+ public:
+  explicit PipelineSurvey(Survey& survey) : survey_(survey) {}
+
+  void add(const Record& record) {
+    if (record.kind == RecordKind::pipeline) return handleOwn(record);
+    if (record.kind == RecordKind::push) {
+      if (const auto request = Journal::requestOf(record)) {
+        open_[record.sequence] = {record.time, std::string(request->bytes)};
+      }
+      return;
+    }
+    const auto outcome = Journal::outcomeOf(record);
+    if (!outcome) return;
+    const auto open = open_.find(outcome->request);
+    if (open == open_.end()) return;
+    if (outcome->code == 0) handleDone(open->first, open->second);
+    open_.erase(open);
+  }
+
+ private:
+  struct Open {
+    Journal::Time time;
+    std::string bytes;
+  };
+
+  // The agent installs what a controller has pushed in a form of its own.
+  void handleOwn(const Record& record) {
+    Push own;
+    const auto request = Journal::requestOf(record);
+    if (!request || !parse(request->bytes, &own)) return;
+    survey_.deviceId = own.device_id();
+    if (!survey_.pipeline) survey_.pipeline = std::move(*own.mutable_config());
+  }
+
+  void handleDone(uint64_t sequence, const Open& open) {
+    Push push;
+    if (!parse(open.bytes, &push)) return;
+    if (push.action() == Push::VERIFY_AND_SAVE) saved_ = push.config();
+    const bool isCommit = push.action() == Push::COMMIT;
+    if (push.action() != Push::VERIFY_AND_COMMIT && !isCommit) return;
+    survey_.from = sequence;
+    survey_.fromTime = open.time;
+    survey_.lost = 0;
+    survey_.pipeline = isCommit ? saved_ : push.config();
+  }
+
+  Survey& survey_;
+  std::map<uint64_t, Open> open_;  // pushes without an outcome so far
+  std::optional<p4::v1::ForwardingPipelineConfig> saved_;
+};
+
+}  // namespace
+
+Survey surveyOf(Journal::Reader reader) {
+  Survey survey;
+  PipelineSurvey pipelines(survey);
+  while (const auto record = reader.next()) {
+    if (survey.records++ == 0) {
+      survey.begin = record->time;
+      survey.isWhole = record->sequence == 1;
+    }
+    survey.last = record->sequence;
+    if (const auto gap = Journal::gapOf(*record)) survey.lost += gap->lost;
+    pipelines.add(*record);
+  }
+  survey.notes = reader.notes();
+  return survey;
+}
+
+void ReplaySteps::add(const Record& record) {
+  if (record.kind == RecordKind::outcome) return addOutcome(record);
+  if (record.kind == RecordKind::start) return end();
+  if (record.kind != RecordKind::write && record.kind != RecordKind::push) return;
+  const auto request = Journal::requestOf(record);
+  if (!request || record.sequence <= from_) return;
+  calls_.push_back({.kind = record.kind,
+                    .sequence = record.sequence,
+                    .time = record.time,
+                    .request = std::string(request->bytes)});
+  if (calls_.size() > mostOpenCalls) calls_.front().isUnknown = true;
+}
+
+void ReplaySteps::end() {
+  for (Call& call : calls_) call.isUnknown = !call.isKnown;
+}
+
+void ReplaySteps::addOutcome(const Record& record) {
+  const auto outcome = Journal::outcomeOf(record);
+  if (!outcome) return;
+  const auto call = std::ranges::lower_bound(calls_, outcome->request, {}, &Call::sequence);
+  if (call == calls_.end() || call->sequence != outcome->request) return;
+  call->isKnown = true;
+  call->code = outcome->code;
+  for (const Journal::Failure& failure : outcome->failures) call->failures.push_back(failure.index);
+}
+
+std::optional<ReplayStep> ReplaySteps::next() {
+  while (!calls_.empty() && (calls_.front().isKnown || calls_.front().isUnknown)) {
+    Call call = std::move(calls_.front());
+    calls_.pop_front();
+    if (call.isUnknown) {
+      ++unknown_;
+      continue;
+    }
+    if (auto step = stepOf(std::move(call))) return step;
+  }
+  return std::nullopt;
+}
+
+// Empty when nothing of the call took effect.
+std::optional<ReplayStep> ReplaySteps::stepOf(Call call) {
+  ReplayStep step{.sequence = call.sequence, .time = call.time};
+  if (call.kind == RecordKind::push) {
+    Push push;
+    if (call.code != 0 || !parse(call.request, &push) || !changesPipeline(push.action())) return {};
+    step.push = std::move(push);
+    return step;
+  }
+  if (!parse(call.request, &step.write)) {
+    ++unknown_;
+    return {};
+  }
+  removeFailed(call, &step.write);
+  return step.write.updates().empty() ? std::nullopt : std::optional(std::move(step));
+}
+
+void ReplaySteps::removeFailed(const Call& call, p4::v1::WriteRequest* write) {
+  if (call.code == 0) return;
+  auto& updates = *write->mutable_updates();
+  if (call.failures.empty()) {
+    failed_ += static_cast<uint64_t>(updates.size());
+    return updates.Clear();
+  }
+  failed_ += call.failures.size();
+  auto failure = call.failures.begin();
+  int kept = 0;
+  for (int i = 0; i < updates.size(); ++i) {
+    if (failure != call.failures.end() && *failure == static_cast<uint32_t>(i)) {
+      ++failure;
+    } else {
+      updates.SwapElements(kept++, i);
+    }
+  }
+  updates.DeleteSubrange(kept, updates.size() - kept);
+}
+
+}  // namespace Cli

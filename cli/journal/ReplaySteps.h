@@ -1,0 +1,75 @@
+// The calls of a journal that took effect, in their order: what another switch is to be told.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "journal/Reader.h"
+#include "p4/v1/p4runtime.pb.h"
+
+namespace Cli {
+
+// What a journal has, as a first look at all of it tells.
+struct Survey {
+  uint64_t records = 0;
+  Journal::Time begin;
+  uint64_t last = 0;     // sequence
+  bool isWhole = false;  // it begins with the first record ever
+  uint64_t lost = 0;     // records that are missing in gaps, from `from` on
+  // The last push that cleared all entries: replaying begins there. 0: with the first record.
+  uint64_t from = 0;
+  Journal::Time fromTime;
+  uint64_t deviceId = 0;  // of the newest pipeline
+  // The pipeline to begin with; empty when the journal has none.
+  std::optional<p4::v1::ForwardingPipelineConfig> pipeline;
+  std::vector<std::string> notes;  // of the reader
+};
+Survey surveyOf(Journal::Reader reader);
+
+// A call to repeat.
+struct ReplayStep {
+  uint64_t sequence = 0;
+  Journal::Time time;
+  // Either a Write, of the updates that succeeded, or a push.
+  p4::v1::WriteRequest write;
+  std::optional<p4::v1::SetForwardingPipelineConfigRequest> push;
+};
+
+// Give it all records, and take the steps that are ready after each.
+class ReplaySteps {
+ public:
+  // Records up to this sequence are passed over.
+  explicit ReplaySteps(uint64_t from) : from_(from) {}
+
+  void add(const Journal::Record& record);
+  void end();  // no more records come
+  std::optional<ReplayStep> next();
+
+  uint64_t failed() const { return failed_; }    // updates that had failed, and are left out
+  uint64_t unknown() const { return unknown_; }  // calls without an outcome, which are left out
+
+ private:
+  struct Call {
+    Journal::RecordKind kind;
+    uint64_t sequence = 0;
+    Journal::Time time;
+    std::string request;
+    bool isKnown = false;
+    bool isUnknown = false;  // nothing will be known of it
+    uint32_t code = 0;
+    std::vector<uint32_t> failures;  // of which updates
+  };
+  void addOutcome(const Journal::Record& record);
+  std::optional<ReplayStep> stepOf(Call call);
+  void removeFailed(const Call& call, p4::v1::WriteRequest* write);
+
+  const uint64_t from_;
+  std::deque<Call> calls_;  // ascending by sequence
+  uint64_t failed_ = 0;
+  uint64_t unknown_ = 0;
+};
+
+}  // namespace Cli

@@ -1,0 +1,14 @@
+// Times and codes of a journal as text.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "journal/Record.h"
+
+namespace Cli {
+
+std::string timeText(Journal::Time time);  // "2026-11-22T20:00:00.123456Z"
+std::string codeText(uint32_t code);       // of gRPC: "NOT_FOUND"
+
+}  // namespace Cli

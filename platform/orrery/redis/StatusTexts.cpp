@@ -1,0 +1,52 @@
+#include "platform/orrery/redis/StatusTexts.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/orrery/AttributeJson.h"
+#include "platform/vela/Json.h"
+
+namespace Orrery {
+namespace {
+
+class Collector {
+ public:
+  explicit Collector(const std::vector<std::string>& passedOver) : passedOver_(passedOver) {}
+
+  void walk(const Directory& directory, const std::string& path, bool isStatus) {
+    for (const auto& [name, entity] : directory.entityCollection().values()) {
+      const std::string below = path.empty() ? name : path + "/" + name;
+      if (!entity || isPassedOver(below)) continue;
+      const bool isStatusBelow =
+          isStatus || ("/" + name + "/").find("/status/") != std::string::npos;
+      if (isStatusBelow) take(below, *entity);
+      const auto* inner = dynamic_cast<const Directory*>(entity.get());
+      if (inner) walk(*inner, below, isStatusBelow);
+    }
+  }
+  StatusTexts texts() { return std::move(texts_); }
+
+ private:
+  bool isPassedOver(const std::string& path) const {
+    return std::ranges::find(passedOver_, path) != passedOver_.end();
+  }
+  void take(const std::string& path, const Vela::Entity& entity) {
+    const Vela::Json attributes = attributesJson(entity);
+    if (attributes->child) texts_[path] = Vela::jsonLine(*attributes);
+  }
+
+  const std::vector<std::string>& passedOver_;
+  StatusTexts texts_;
+};
+
+}  // namespace
+
+StatusTexts statusTexts(const Database& database, const std::vector<std::string>& passedOver) {
+  Collector collector(passedOver);
+  const auto root = database.entity("");
+  const auto* directory = dynamic_cast<const Directory*>(root.get());
+  if (directory) collector.walk(*directory, "", false);
+  return collector.texts();
+}
+
+}  // namespace Orrery

@@ -1,0 +1,159 @@
+// What a journal tells another switch to do, from records in every order that agents write them.
+#include "cli/journal/ReplaySteps.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "tests/cli/journal/Calls.h"
+#include "tests/support/TempDir.h"
+
+namespace Cli {
+namespace {
+
+using Journal::Draft;
+using Journal::Outcome;
+using Journal::RecordKind;
+using p4::v1::Update;
+using p4::v1::WriteRequest;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Push = p4::v1::SetForwardingPipelineConfigRequest;
+
+// A Write of entries of the tables, which stand for what the entries are.
+WriteRequest writeOf(const std::vector<uint32_t>& tables) {
+  WriteRequest request;
+  for (const uint32_t table : tables) {
+    request.add_updates()->mutable_entity()->mutable_table_entry()->set_table_id(table);
+  }
+  return request;
+}
+
+Push pushOf(Push::Action action, const std::string& program) {
+  Push push;
+  push.set_device_id(3);
+  push.set_action(action);
+  push.mutable_config()->set_p4_device_config(program);
+  return push;
+}
+
+class ReplayTest : public testing::Test {
+ protected:
+  // "1 2" for a Write of those tables, "push P" for a push.
+  std::vector<std::string> replayed(uint64_t from = 0) {
+    ReplaySteps steps(from);
+    std::vector<std::string> words;
+    const auto take = [&] {
+      while (const auto step = steps.next()) {
+        std::string word = step->push ? "push " + step->push->config().p4_device_config() : "";
+        for (const Update& update : step->write.updates()) {
+          word +=
+              (word.empty() ? "" : " ") + std::to_string(update.entity().table_entry().table_id());
+        }
+        words.push_back(word);
+      }
+    };
+    for (const std::string& bytes : calls.records) {
+      steps.add(*Journal::recordAt(bytes));
+      take();
+    }
+    steps.end();
+    take();
+    failed = steps.failed();
+    unknown = steps.unknown();
+    return words;
+  }
+  Survey survey() const {
+    const TestSupport::TempDir directory;
+    std::ofstream file(directory.file("journal-000001.kj"), std::ios::binary);
+    file << Journal::fileMark;
+    for (const std::string& bytes : calls.records) file << bytes;
+    file.close();
+    return surveyOf(Journal::Reader(Journal::filesIn(directory.path())));
+  }
+
+  Calls calls;
+  uint64_t failed = 0;
+  uint64_t unknown = 0;
+};
+
+TEST_F(ReplayTest, HasTheUpdatesThatSucceeded) {
+  calls.add("a", writeOf({1, 2, 3}));
+  calls.add("a", writeOf({4, 5, 6, 7}), Outcome{.code = 2, .failures = {{0, 6, ""}, {2, 5, ""}}});
+  calls.add("a", writeOf({8, 9}), Outcome{.code = 2, .failures = {{0, 6, ""}, {1, 10, ""}}});
+  calls.add("a", writeOf({10}), Outcome{.code = 14});
+  EXPECT_THAT(replayed(), ElementsAre("1 2 3", "5 7"));
+  EXPECT_EQ(failed, 5u);
+  EXPECT_EQ(unknown, 0u);
+}
+
+// Writes run one after another, and their threads tell of the outcomes when they come to it.
+TEST_F(ReplayTest, KeepsTheOrderOfTheRequestsWhateverThatOfTheOutcomes) {
+  const uint64_t first = calls.add("a", writeOf({1}), std::nullopt);
+  const uint64_t second = calls.add("b", writeOf({2}), std::nullopt);
+  const uint64_t third = calls.add("c", writeOf({3}), std::nullopt);
+  calls.add(Draft::outcome({.request = third}));
+  calls.add(Draft::outcome({.request = first}));
+  calls.add(Draft::gap({1, Journal::GapReason::queueFull}));
+  calls.add(Draft::outcome({.request = second}));
+  EXPECT_THAT(replayed(), ElementsAre("1", "2", "3"));
+}
+
+TEST_F(ReplayTest, LeavesOutCallsWhoseOutcomeNobodyKnows) {
+  calls.add("a", writeOf({1}), std::nullopt);
+  calls.add("a", writeOf({2}));
+  calls.add(Draft::start());  // the agent had been killed
+  calls.add("a", writeOf({3}));
+  calls.add("a", writeOf({4}), std::nullopt);
+  const std::string_view junk = "\xff\xff\xff";
+  calls.add("a", junk, Outcome{}, RecordKind::write);
+  EXPECT_THAT(replayed(), ElementsAre("2", "3"));
+  EXPECT_EQ(unknown, 3u);
+}
+
+TEST_F(ReplayTest, PassesOverPipelinesThatNeverRan) {
+  calls.add("a", pushOf(Push::VERIFY, "checked"), Outcome{}, RecordKind::push);
+  calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "refused"), Outcome{.code = 3},
+            RecordKind::push);
+  calls.add("a", writeOf({1}));
+  calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "taken"), Outcome{}, RecordKind::push);
+  calls.add("a", writeOf({2}));
+  EXPECT_THAT(replayed(), ElementsAre("1", "push taken", "2"));
+}
+
+TEST_F(ReplayTest, BeginsWithTheLastPushThatClearedTheSwitch) {
+  calls.add(Draft::start());
+  calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, "configured"), Outcome{},
+            RecordKind::pipeline);
+  calls.add("a", writeOf({1}));
+  Survey found = survey();
+  EXPECT_TRUE(found.isWhole);
+  EXPECT_EQ(found.from, 0u);
+  EXPECT_EQ(found.deviceId, 3u);
+  EXPECT_EQ(found.pipeline->p4_device_config(), "configured");
+  EXPECT_THAT(replayed(found.from), ElementsAre("1"));
+
+  calls.add(Draft::gap({7, Journal::GapReason::noRoom}));
+  EXPECT_EQ(survey().lost, 7u);
+  calls.add("a", pushOf(Push::VERIFY_AND_SAVE, "saved"), Outcome{}, RecordKind::push);
+  calls.add("a", pushOf(Push::COMMIT, ""), Outcome{}, RecordKind::push);
+  calls.add("a", writeOf({2}));
+  calls.add("a", pushOf(Push::VERIFY_AND_COMMIT, "refused"), Outcome{.code = 3}, RecordKind::push);
+  calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "kept"), Outcome{}, RecordKind::push);
+  found = survey();
+  EXPECT_EQ(found.pipeline->p4_device_config(), "saved");
+  EXPECT_EQ(found.lost, 0u) << "of what is cleared";
+  EXPECT_THAT(replayed(found.from), ElementsAre("2", "push kept"));
+}
+
+TEST_F(ReplayTest, KnowsAJournalThatBeginsLater) {
+  calls.add("a", writeOf({1}));
+  calls.records.erase(calls.records.begin());
+  EXPECT_FALSE(survey().isWhole);
+  EXPECT_FALSE(survey().pipeline);
+  EXPECT_THAT(replayed(), IsEmpty()) << "an outcome without its request";
+}
+
+}  // namespace
+}  // namespace Cli
