@@ -72,11 +72,9 @@ void FileWriter::goOn(const File& newest) {
     return openNext();
   }
   open(newest);
-  const uint64_t whole = std::max<uint64_t>(file.place(), fileMark.size());
-  if (!file.hasRest() && files_.back().bytes == whole) return;
-  if (file.place() == 0) {
-    writeAll(fileMark);
-  } else {
+  const uint64_t whole = file.place();
+  if (files_.back().bytes == whole) return;
+  if (whole != 0) {
     found_ = fmt::format(
         "the last {} bytes of {} were no whole record, because the agent ended while it wrote it; "
         "they are cut off",
@@ -99,7 +97,6 @@ void FileWriter::openNext() {
   const File file{number, filePath(directory_, number)};
   open(file);
   files_.push_back({file, 0});
-  writeAll(fileMark);
 }
 
 // Written as a whole, or not at all.
@@ -131,11 +128,16 @@ void FileWriter::makeRoom(uint64_t bytes) {
   }
 }
 
-// As many records at once as the file takes.
+// As many records at once as the file takes. A file without its mark is one that had no room for
+// it.
 void FileWriter::write(std::string_view records, size_t* written) {
   *written = 0;
   while (!records.empty()) {
     if (!fd_ || files_.back().bytes >= fileBytes_) openNext();
+    if (files_.back().bytes == 0) {
+      makeRoom(fileMark.size());
+      writeAll(fileMark);
+    }
     size_t size = recordBytes(records);
     while (const size_t next = recordBytes(records.substr(size))) {
       if (files_.back().bytes + size + next > fileBytes_) break;

@@ -34,7 +34,7 @@ class Queue {
   // is no room. Requests leave room for the outcomes of others.
   uint64_t append(const Draft& draft);
 
-  // For the thread that writes. Waits until there are records, or isEnding(), and then a moment
+  // For the thread that writes. Waits until there are records, or endIs(), and then a moment
   // longer, so that many are written at once. False: it is ending, and there are none.
   bool wait(std::chrono::milliseconds moment);
   // Whole records, oldest first, and how many were lost behind them. They stay until takenIs().

@@ -27,13 +27,13 @@ FileReader::FileReader(const std::string& path)
     const int error = errno;
     throw std::system_error(error, std::generic_category(), "cannot read " + path);
   }
-  // An agent that was killed at once leaves a file without its mark.
-  if (!fill(fileMark.size()) && end_ == 0) return;
+  const bool isLongEnough = fill(fileMark.size());
   const std::string_view mark(buffer_.data(), std::min(end_, fileMark.size()));
-  if (mark != fileMark) {
+  if (!fileMark.starts_with(mark)) {
     throw std::runtime_error(
         fmt::format("{} is no file of a journal that this program can read", path_));
   }
+  if (!isLongEnough) return;  // the agent was killed as it began the file
   begin_ = place_ = fileMark.size();
 }
 

@@ -13,6 +13,7 @@ namespace {
 using pi::fe::proto::DurationHistogram;
 
 constexpr double nanosecondsPerSecond = 1e9;
+constexpr const char* journalStatusPath = "p4runtime/status/journal";
 
 // An attribute that is a count.
 struct Count {
@@ -105,6 +106,10 @@ class Writer {
     const ProcessUse use = processUse();
     to_.gauge("korvel_store_bytes", "Bytes of the state directory's store that are in use.");
     to_.sample(number(agentStatusPath, "stateDirectoryBytes"));
+    to_.gauge("korvel_journal_bytes", "Bytes of the journal's files.");
+    to_.sample(number(journalStatusPath, "bytes"));
+    to_.counter("korvel_journal_lost_records", "Records that are missing in the journal.");
+    to_.sample(number(journalStatusPath, "lost"));
     to_.gauge("process_resident_memory_bytes", "Memory of the agent that is in use.");
     to_.sample(use.residentBytes);
     to_.gauge("process_open_fds", "Descriptors that the agent has open.");

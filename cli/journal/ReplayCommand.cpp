@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -116,7 +117,7 @@ class Replaying {
     told_ = Clock::now();
     const uint64_t all = survey_.last - survey_.from;
     fmt::print(stderr, "{} updates, {}%\r", updates_,
-               all == 0 ? 100 : (last_ - survey_.from) * 100 / all);
+               all == 0 ? 100 : std::min<uint64_t>(100, (last_ - survey_.from) * 100 / all));
   }
 
   const ReplayOptions& options_;

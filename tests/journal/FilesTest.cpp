@@ -1,8 +1,10 @@
 // The files of a journal: their bound, and what is left of them after a crash.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 
@@ -85,6 +87,19 @@ TEST_F(JournalFiles, DropATornRecordWhereverItEnds) {
   }
 }
 
+TEST_F(JournalFiles, MayHaveBegunWithoutTheirMark) {
+  for (size_t size = 0; size < fileMark.size(); ++size) {
+    SCOPED_TRACE(size);
+    std::filesystem::remove_all(directory());
+    std::filesystem::create_directory(directory());
+    std::ofstream(filePath(directory(), 1)) << fileMark.substr(0, size);
+    EXPECT_THAT(found(filesIn(directory())).sequences, IsEmpty());
+    FileWriter writer(directory(), plenty);
+    write(writer, requestBytes(1));
+    EXPECT_THAT(found(filesIn(directory())).sequences, ElementsAre(1));
+  }
+}
+
 TEST_F(JournalFiles, KeepWhatIsAroundADamagedRecord) {
   {
     FileWriter writer(directory(), plenty);
@@ -123,6 +138,28 @@ TEST_F(JournalFiles, StayWithinTheirBoundAndKeepTheNewest) {
   EXPECT_EQ(kept.sequences.back(), 5000u);
   EXPECT_EQ(kept.sequences.front(), 5001 - kept.sequences.size());
   EXPECT_EQ(FileWriter(directory(), most).lastSequence(), 5000u);
+}
+
+// A limit of the process stands for a full disk.
+TEST_F(JournalFiles, AreWholeWhenThereIsNoRoomForTheNextOne) {
+  FileWriter writer(directory(), 1 << 20);
+  write(writer, requestBytes(1, std::string(200'000, 'x')));
+  rlimit former{};
+  getrlimit(RLIMIT_FSIZE, &former);
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit none{0, former.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &none);
+  for (int i = 0; i < 2; ++i) {
+    size_t written = 1;
+    EXPECT_THROW(writer.write(requestBytes(2), &written), std::system_error);
+    EXPECT_EQ(written, 0u);
+  }
+  setrlimit(RLIMIT_FSIZE, &former);
+  signal(SIGXFSZ, SIG_DFL);
+  write(writer, requestBytes(3));
+  const Found all = found(filesIn(directory()));
+  EXPECT_THAT(all.sequences, ElementsAre(1, 3));
+  EXPECT_THAT(all.notes, IsEmpty());
 }
 
 TEST_F(JournalFiles, ThatCannotBeReadAreNamed) {
