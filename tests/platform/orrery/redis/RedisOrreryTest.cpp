@@ -90,6 +90,17 @@ TEST_F(RedisOrreryTest, PublishesStatusAndThatItIsAlive) {
   EXPECT_TRUE(untilField("status/port", R"("mtuBytes":1600)")) << "written again";
 }
 
+TEST_F(RedisOrreryTest, IsReachedOverTcpInAnotherDatabase) {
+  const std::string number = std::to_string(TestSupport::freePort());
+  serve({"--port", number, "--bind", "127.0.0.1"});
+  server->run({"-n", "3", "HSET", "s1/config", "config/port", R"({"mtuBytes": 9000})"});
+  address = "redis://127.0.0.1:" + number + "/3?prefix=s1";
+  start();
+  EXPECT_EQ(port->mtuBytes(), 9000);
+  EXPECT_EQ(own("server"), "redis://127.0.0.1:" + number + "/3");
+  EXPECT_TRUE(runUntil([&] { return server->run({"-n", "3", "EXISTS", "s1/alive"}) == "1"; }));
+}
+
 TEST_F(RedisOrreryTest, AFaultyValueKeepsTheFormerOneAndIsToldInRedis) {
   startServed();
   cookieNeedsStart();
