@@ -75,7 +75,7 @@ TEST_F(Journaled, TellsWhoWroteAnEntryAndWhatBecameOfIt) {
                                   "    OK, [0-9]+ us\n"));
   EXPECT_THAT(why(keyOf(6)), Not(HasSubstr("MODIFY")));
   EXPECT_THAT(why(keyOf(30)), HasSubstr("OK, ")) << "its Write failed in part";
-  EXPECT_THAT(why(keyOf(40)), HasSubstr("no Write of such an entry of ingress.ipv4_route"));
+  EXPECT_THAT(why(keyOf(40)), HasSubstr("no Write of it is in the journal"));
   const std::string all = why({"ipv4_route", "--last", "3"});
   EXPECT_THAT(all, HasSubstr("22 older ones are not shown"));
   const CommandResult unknown = tested.agent.korvel({"why", "ipv4_routes"});
@@ -115,7 +115,7 @@ TEST_F(Journaled, CanBeTurnedOffAndOnWhileTheAgentRuns) {
   ASSERT_TRUE(tested.insertRoutes(0, 1, 1).ok());
   sizeIs("4");
   ASSERT_TRUE(tested.insertRoutes(1, 2, 1).ok());
-  EXPECT_THAT(why(keyOf(0)), HasSubstr("no Write of such an entry"));
+  EXPECT_THAT(why(keyOf(0)), HasSubstr("no Write of it"));
   EXPECT_THAT(why(keyOf(1)), HasSubstr("INSERT"));
   const auto status = tested.agent.korvel({"status"});
   EXPECT_THAT(status.output, HasSubstr("state/journal, "));
