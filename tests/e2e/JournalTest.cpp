@@ -7,6 +7,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "tests/e2e/Load.h"
 #include "tests/e2e/Switch.h"
@@ -213,6 +214,28 @@ TEST_F(Journaled, ReplayingManyWritesToASwitchWithoutAPipelineMakesTheSameRows) 
     EXPECT_THAT(told.output, HasSubstr("pushed the pipeline of the journal\nreplayed 50"));
     EXPECT_EQ(dumpOf(other), dumpOf(tested.agent));
   }
+}
+
+// The last one to change a route wins, whichever thread tells of it first.
+TEST_F(Journaled, ReplayingKeepsTheOrderOfWritesThatContend) {
+  constexpr uint32_t routes = 4;
+  ASSERT_TRUE(tested.insertRoutes(0, routes, 1).ok());
+  std::vector<std::thread> writers;
+  for (uint32_t writer = 0; writer < 8; ++writer) {
+    writers.emplace_back([this, writer] {
+      for (uint32_t i = 0; i < 250; ++i) {
+        const uint32_t nexthop = 1 + writer * 1000 + i;
+        EXPECT_TRUE(tested.write({modifyOf(tested.route(i % routes, nexthop))}).ok());
+      }
+    });
+  }
+  for (std::thread& writer : writers) writer.join();
+  Switch other;
+  ASSERT_TRUE(other.startAgent());
+  ASSERT_TRUE(other.startForwarder());
+  const CommandResult told = replay({journal(), "--to", other.agent.address()});
+  EXPECT_EQ(told.exit.code, 0) << told.error;
+  EXPECT_EQ(dumpOf(other.agent), dumpOf(tested.agent));
 }
 
 TEST_F(Journaled, ReplayingBeginsAtTheLastPushThatClearedTheSwitch) {
