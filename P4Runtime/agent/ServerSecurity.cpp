@@ -70,6 +70,10 @@ void takeUnixSocket(const SecurityConfig& config, ServerSecurity& security) {
     refuse("unixSocket " + config.unixSocket() + " is no absolute path; begin it with /");
   }
   security.unixMode = modeFrom(config.unixMode());
+}
+
+void takeUnixOwner(const SecurityConfig& config, ServerSecurity& security) {
+  if (security.unixSocket.empty()) return;
   const std::string owner = config.unixOwner();
   const size_t colon = owner.find(':');
   security.unixUser = userFrom(owner.substr(0, colon));
@@ -99,7 +103,7 @@ void takeCertificates(const SecurityConfig& config, ServerSecurity& security) {
 
 }  // namespace
 
-ServerSecurity serverSecurity(const P4RtSystemConfig& system, const SecurityConfig& config) {
+ServerSecurity securityOnAnyMachine(const P4RtSystemConfig& system, const SecurityConfig& config) {
   ServerSecurity security;
   takeCertificates(config, security);
   takeUnixSocket(config, security);
@@ -112,6 +116,12 @@ ServerSecurity serverSecurity(const P4RtSystemConfig& system, const SecurityConf
         system.grpcServerAddress().text()));
   }
   security.insecure = isExposed;
+  return security;
+}
+
+ServerSecurity serverSecurity(const P4RtSystemConfig& system, const SecurityConfig& config) {
+  ServerSecurity security = securityOnAnyMachine(system, config);
+  takeUnixOwner(config, security);
   return security;
 }
 

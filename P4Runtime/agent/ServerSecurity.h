@@ -28,6 +28,10 @@ struct ServerSecurity {
 ServerSecurity serverSecurity(const P4RuntimeConfig::P4RtSystemConfig& system,
                               const P4RuntimeConfig::SecurityConfig& security);
 
+// The same without the users and groups of this machine.
+ServerSecurity securityOnAnyMachine(const P4RuntimeConfig::P4RtSystemConfig& system,
+                                    const P4RuntimeConfig::SecurityConfig& security);
+
 // Starts the server as PIGrpcServerRunAddr() does, with its result. `address` is not used where
 // `port` is 0. Any thread.
 int runServer(const ServerSecurity& security, const std::string& address, uint16_t port);

@@ -7,6 +7,7 @@ namespace {
 
 constexpr size_t threadCount = 4;
 constexpr size_t mostWaiting = 16;
+constexpr std::chrono::milliseconds pace{10};
 
 }  // namespace
 
@@ -15,6 +16,8 @@ HttpWorkers::HttpWorkers() {
 }
 
 void HttpWorkers::enqueue(std::function<void()> work) {
+  std::this_thread::sleep_until(next_);
+  next_ = std::chrono::steady_clock::now() + pace;
   std::unique_lock lock(mutex_);
   changed_.wait(lock, [this] { return waiting_.size() < mostWaiting; });
   waiting_.push_back(std::move(work));

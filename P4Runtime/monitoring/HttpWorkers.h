@@ -3,6 +3,7 @@
 
 #include <httplib.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -14,13 +15,14 @@
 namespace P4Runtime {
 
 // A bounded number of connections waits; then the thread that accepts them does, and the kernel
-// refuses more. Otherwise clients could use up the descriptors of the process.
+// refuses more. Otherwise clients could use up the descriptors of the process. Connections come at
+// a pace, as a handshake of TLS costs a millisecond of the processor, whoever the client is.
 class HttpWorkers final : public httplib::TaskQueue {
  public:
   HttpWorkers();
 
-  void enqueue(std::function<void()> work) override;
-  void shutdown() override;  // what waits is done first
+  void enqueue(std::function<void()> work) override;  // by one thread
+  void shutdown() override;                           // what waits is done first
 
  private:
   void run();
@@ -29,7 +31,8 @@ class HttpWorkers final : public httplib::TaskQueue {
   std::condition_variable changed_;
   std::deque<std::function<void()>> waiting_;
   bool ending_ = false;
-  std::vector<std::thread> threads_;  // constant until shutdown()
+  std::vector<std::thread> threads_;            // constant until shutdown()
+  std::chrono::steady_clock::time_point next_;  // of enqueue()'s thread: when it may take another
 };
 
 }  // namespace P4Runtime

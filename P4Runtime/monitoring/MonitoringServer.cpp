@@ -32,6 +32,8 @@ std::optional<Place> placeOf(const std::string& address) {
   Place place{address.substr(0, colon), 0};
   if (place.host.front() == '[' && place.host.back() == ']') {
     place.host = place.host.substr(1, place.host.size() - 2);
+  } else if (place.host.find(':') != std::string::npos) {
+    return std::nullopt;  // "::1" has a port of 1, or none
   }
   const char* const end = address.data() + address.size();
   const auto [stopped, error] = std::from_chars(address.data() + colon + 1, end, place.port);
@@ -132,21 +134,24 @@ struct MonitoringServer::Listening {
   std::thread thread;
 };
 
+std::string monitoringAddressFault(const std::string& address, bool hasCertificates) {
+  const auto place = placeOf(address);
+  if (!place) {
+    return fmt::format("'{}' is no HOST:PORT; use an address such as 127.0.0.1:9464", address);
+  }
+  if (isLoopback(place->host) || hasCertificates) return "";
+  return fmt::format(
+      "{} is open to other machines, which need TLS: set certificate, key and clientCa of "
+      "p4runtime/config/security, or use an address such as 127.0.0.1:9464",
+      place->host);
+}
+
 MonitoringServer::MonitoringServer(const std::string& address, MonitoringContents contents,
                                    const MakeTls& makeTls) {
   const auto place = placeOf(address);
-  if (!place) {
-    throw std::runtime_error(
-        fmt::format("'{}' is no HOST:PORT; use an address such as 127.0.0.1:9464", address));
-  }
-  const bool isExposed = !isLoopback(place->host);
-  auto tls = isExposed ? makeTls() : nullptr;
-  if (isExposed && !tls) {
-    throw std::runtime_error(fmt::format(
-        "{} is open to other machines, which need TLS: set certificate, key and clientCa of "
-        "p4runtime/config/security, or use an address such as 127.0.0.1:9464",
-        place->host));
-  }
+  auto tls = place && !isLoopback(place->host) ? makeTls() : nullptr;
+  const std::string fault = monitoringAddressFault(address, tls != nullptr);
+  if (!fault.empty()) throw std::runtime_error(fault);
   listening_ = std::make_unique<Listening>(std::move(tls));
   httplib::Server& server = *listening_->server;
   setUp(server, contents, listening_->tls.get());

@@ -18,6 +18,9 @@ struct MonitoringContents {
   std::function<std::string(const std::string& table, const std::string& wanted)> rows;
 };
 
+// Why no machine could serve that address; empty: some could. Call from any thread.
+std::string monitoringAddressFault(const std::string& address, bool hasCertificates);
+
 // Listens from construction to destruction, on threads of its own. Read-only: no request changes
 // anything. With a policy, requests are calls that it must allow, by their paths. A client that
 // sends or reads nothing loses its connection after a few seconds; a few connections are served at

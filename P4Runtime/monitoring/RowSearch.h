@@ -21,9 +21,9 @@ struct SearchLimits {
 // Rows whose text has `wanted` in it, whichever letters are capital: {"rows": [{"key", "value"}],
 // "looked": rows looked at, "end": "all", "matches", "rows" or "time", whatever ended the search};
 // {} when there is no such table.
-// Takes the activity lock for turns of a few rows, after all threads that act, and leaves it alone
-// for as long as it has held it: call without the lock. One search runs at a time; another one that
-// has waited for all of its time ends with {"end": "busy"}.
+// Takes the activity lock for turns of a few rows, after all threads that act, and then leaves it
+// alone for longer than it has held it: call without the lock. One search runs at a time; another
+// one that has waited for all of its time ends with {"end": "busy"}.
 std::string rowsJson(const Observed& agent, std::string_view table, std::string_view wanted,
                      const SearchLimits& limits = {});
 

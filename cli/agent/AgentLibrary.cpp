@@ -32,5 +32,7 @@ AgentLibrary loadAgentLibrary(const std::string& given) {
   if (!library.registerTypes || !library.start) {
     throw LibraryError(fmt::format("{} is no agent library: {}", path, dlerror()));
   }
+  library.contradictions = reinterpret_cast<decltype(library.contradictions)>(
+      dlsym(handle, "korvelAgentContradictions"));
   return library;
 }

@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "P4Runtime/agent/AgentRuntime.h"
 
@@ -15,6 +16,9 @@ class LibraryError : public std::runtime_error {
 struct AgentLibrary {
   void (*registerTypes)() = nullptr;
   void (*start)(const char* name, const P4Runtime::AgentRuntime* runtime) = nullptr;
+  // Null where the library has none: see P4Runtime/agent/Contradictions.h.
+  void (*contradictions)(const Orrery::Database& database,
+                         std::vector<std::string>& lines) = nullptr;
 };
 
 // `path` is empty for the library that was built or installed with the command. Throws

@@ -35,16 +35,29 @@ void withEntities(const Options& options, Work work) {
   Vela::ReactorLoop loop;
   const auto database = Orrery::embeddedDatabase(loop);
   const Vela::ActivityLock lock;
-  loadAgentLibrary(options.library).registerTypes();
+  const AgentLibrary library = loadAgentLibrary(options.library);
+  library.registerTypes();
   const NetworkPlatform network(loop, *database);
   provideEntities(*database, "");
-  work(*database);
+  work(*database, library);
+}
+
+// Settings are compared with each other once each is good by itself.
+std::vector<std::string> faultsOf(const std::string& name, Orrery::Database& database,
+                                  const AgentLibrary& library) {
+  Orrery::LayeredConfig layers(database);
+  Orrery::ConfigFile file(layers, name);
+  std::vector<std::string> faults = file.faults();
+  if (!faults.empty() || !library.contradictions) return faults;
+  file.load();
+  library.contradictions(database, faults);
+  for (std::string& fault : faults) fault = name + ": " + fault;
+  return faults;
 }
 
 void check(const Options& options) {
-  withEntities(options, [&](Orrery::Database& database) {
-    Orrery::LayeredConfig layers(database);
-    const auto faults = Orrery::ConfigFile(layers, options.file).faults();
+  withEntities(options, [&](Orrery::Database& database, const AgentLibrary& library) {
+    const auto faults = faultsOf(options.file, database, library);
     for (const std::string& fault : faults) fmt::print(stderr, "korvel: {}\n", fault);
     if (!faults.empty()) throw CLI::RuntimeError(failed);
     fmt::print("{}: all settings are known, and their values are of the right kind\n",
@@ -53,7 +66,7 @@ void check(const Options& options) {
 }
 
 void printKeys(const Options& options) {
-  withEntities(options, [&](const Orrery::Database& database) {
+  withEntities(options, [&](const Orrery::Database& database, const AgentLibrary&) {
     const auto keys = settingKeys(database);
     const std::string text =
         options.json ? Vela::jsonText(*keysJson(keys)) + "\n" : keysText(keys, options.word);
@@ -68,7 +81,7 @@ void printKeys(const Options& options) {
 
 template <typename Text>
 void print(const Options& options, Text text) {
-  withEntities(options, [&](const Orrery::Database& database) {
+  withEntities(options, [&](const Orrery::Database& database, const AgentLibrary&) {
     fmt::print("{}", text(settingKeys(database)));
   });
 }

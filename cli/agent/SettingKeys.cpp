@@ -122,8 +122,9 @@ agent, and leaves the configuration as it was when a running agent
 A setting that is heeded at once may change while the agent runs: in the file, which SIGHUP has it read, or by `korvel set`.
 One that is heeded at a start is refused there. Comments begin with `//` and end with their line, or stand between `/*` and
 `*/`. A whole number of 2^53 or more is written as a string. A relative path of a file counts from the directory in which the
-agent was started. The check does not look for files, which may be on another machine, and does not compare settings with each
-other; a start names such faults.
+agent was started. The check also finds settings that contradict each other, such as a key without a certificate, an address for other
+machines without TLS, or two ports of one interface. It does not look for files, users and addresses, which may be those of another
+machine; a start names such faults.
 
 This page is made by `korvel config doc`.
 )";

@@ -52,6 +52,7 @@ TEST_F(ConfigCommand, DefaultsAndExamplesPassTheCheck) {
       const std::string path = text(*key, "examplePath");
       cJSON* group = cJSON_GetObjectItemCaseSensitive(file.get(), path.c_str());
       if (!group) group = cJSON_AddObjectToObject(file.get(), path.c_str());
+      if (text(*key, "attribute") == "insecure") continue;  // contradicts a certificate
       const cJSON* item = cJSON_GetObjectItemCaseSensitive(key, value);
       ASSERT_NE(item, nullptr);
       cJSON_AddItemToObject(group, text(*key, "attribute").c_str(), cJSON_Duplicate(item, true));
@@ -106,6 +107,48 @@ TEST_F(ConfigCommand, AllFaultsAreNamedAtOnce) {
     EXPECT_THAT(done.error, HasSubstr(part));
   }
   EXPECT_THAT(check("{\n// x\n\"p4runtime/config/system\": [}").error, HasSubstr("line 3: "));
+}
+
+TEST_F(ConfigCommand, SettingsThatContradictEachOtherAreFaults) {
+  const struct {
+    const char* what;
+    const char* file;
+    const char* fault;  // empty: none
+  } cases[] = {
+      {"open without a word", R"("p4runtime/config/system": {"grpcServerAddress": "0.0.0.0"})",
+       "agent.json: p4runtime/config/security: grpcServerAddress 0.0.0.0 is open to other "
+       "machines"},
+      {"open with a word",
+       R"("p4runtime/config/system": {"grpcServerAddress": "0.0.0.0"},
+          "p4runtime/config/security": {"insecure": true})",
+       ""},
+      {"half of TLS", R"("p4runtime/config/security": {"certificate": "/a"})", "key is missing"},
+      {"a socket's mode", R"("p4runtime/config/security": {"unixSocket": "/a", "unixMode": "rw"})",
+       "unixMode rw is no mode"},
+      {"users of another machine",
+       R"("p4runtime/config/security": {"unixSocket": "/a", "unixOwner": "no-such"})", ""},
+      {"monitoring without a port", R"("p4runtime/config/monitoring": {"address": "::1"})",
+       "p4runtime/config/monitoring: '::1' is no HOST:PORT"},
+      {"monitoring for others, insecure",
+       R"("p4runtime/config/monitoring": {"address": "192.0.2.1:9464"},
+          "p4runtime/config/security": {"insecure": true})",
+       "192.0.2.1 is open to other machines, which need TLS"},
+      {"two ports of an interface",
+       R"("p4runtime/config/port-mapping/1": {"intf": "eth1"},
+          "p4runtime/config/port-mapping/2": {"intf": "eth1"})",
+       "port-mapping/2: eth1 is the interface of port 1 already"},
+      {"ports without an interface",
+       R"("p4runtime/config/port-mapping/1": {}, "p4runtime/config/port-mapping/2": {})", ""},
+      {"a name without a number", R"("p4runtime/config/translation/t": {"names": "a=1 b"})",
+       "translation/t: \"b\": it is not of the form NAME=NUMBER"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const CommandResult done = check(std::string("{") + c.file + "}");
+    EXPECT_EQ(done.exit.code, *c.fault ? 1 : 0);
+    EXPECT_EQ(done.error.empty(), *c.fault == 0) << done.error;
+    EXPECT_THAT(done.error, HasSubstr(c.fault));
+  }
 }
 
 TEST_F(ConfigCommand, KeysAreFoundByAWord) {

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -211,6 +213,58 @@ TEST_F(FleetTest, AnAgentStartsWithTheLastConfigurationWhileRedisIsAway) {
   EXPECT_EQ((*member)->forwarder.programmedChanges(), programmed);
   redis->start();
   EXPECT_TRUE(member->untilStatus(agentStatus, "ipv4_route 50/"));
+}
+
+// Settings of Redis hide those of the file; SIGHUP reads both again.
+TEST_F(FleetTest, AFileAndARedisAreOneConfiguration) {
+  redis->run({"HSET", "s1/config", "p4runtime/config/agent", R"({"batchTimeout": 3})"});
+  Switch tested({.batchTimeout = 7, .agent = {"--orrery", redis->address("s1")}});
+  ASSERT_TRUE(tested.startAgent());
+  AgentProcess& agent = tested.agent;
+  const auto untilTimeout = [&](const std::string& text) {
+    const auto timeout = [&] {
+      return agent.korvel({"get", "p4runtime/config/agent", "batchTimeout"}).output;
+    };
+    return waitUntil([&] { return timeout() == text + "\n"; });
+  };
+  EXPECT_TRUE(untilTimeout("3"));
+  redis->run({"HSET", "s1/config", "p4runtime/config/agent", "{}"});
+  EXPECT_TRUE(untilTimeout("7"));
+
+  std::string changed = agent.configuration();
+  changed.replace(changed.find("7,"), 2, "8,");
+  std::ofstream(agent.options().stateDirectory + ".config.json") << changed;
+  agent.process().signal(SIGHUP);
+  EXPECT_TRUE(untilTimeout("8"));
+  redis->run({"HSET", "s1/config", "p4runtime/config/agent", R"({"batchTimeout": 2})"});
+  EXPECT_TRUE(untilTimeout("2"));
+}
+
+TEST_F(FleetTest, AWholeSwitchPassesTheAddressOn) {
+  const std::string port = std::to_string(freePort());
+  redis->run({"HSET", "s1/config", "p4runtime/config/monitoring", R"({"address": "127.0.0.1:0"})"});
+  Process process(
+      {binaryPath("korvel"), "switch", "--no-p4", "--grpc-server-addr", "127.0.0.1:" + port,
+       "--state-dir", folder.file("state"), "--orrery", redis->address("s1")},
+      folder.file("out"), folder.file("log"));
+  const auto until = [&](const std::vector<std::string>& command, const std::string& text) {
+    return waitUntil([&] { return redis->run(command).find(text) != std::string::npos; },
+                     process.descriptor());
+  };
+  EXPECT_TRUE(until({"GET", "s1/alive"}, "127.0.0.1:" + port)) << fileText(folder.file("log"));
+  EXPECT_TRUE(
+      until({"HGET", "s1/status", "p4runtime/status/monitoring"}, R"("address":"127.0.0.1:)"));
+  process.signal(SIGTERM);
+  EXPECT_EQ(process.exitStatus(), ExitStatus{.code = 0});
+}
+
+TEST_F(FleetTest, AnAgentThatWaitsForItsConfigurationEndsWhenItIsTold) {
+  const TempDir state;
+  AgentProcess agent({.stateDirectory = state.file("state"), .orrery = redis->address("nobody")});
+  agent.start();
+  ASSERT_TRUE(waitUntil([&] { return agent.output().find("waits") != std::string::npos; }));
+  agent.process().signal(SIGTERM);
+  EXPECT_EQ(agent.process().exitStatus(), ExitStatus{.code = 0});
 }
 
 TEST_F(FleetTest, ThePasswordIsShownNowhere) {

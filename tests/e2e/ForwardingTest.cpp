@@ -129,6 +129,12 @@ class ForwardingTest : public testing::Test {
     const std::lock_guard lock(mutex_);
     return std::ranges::count(arrived_, std::pair(link, packet)) > 0;
   }
+  int64_t forwardedTo(uint32_t link) {
+    const std::lock_guard lock(mutex_);
+    return std::ranges::count_if(arrived_, [&](const auto& one) {
+      return one.first == link && one.second.starts_with(leaving(0x0b000005, 0).substr(0, 14));
+    });
+  }
   // Whether the switch forwards now; the first packets may come before it has its ports.
   bool forwards() {
     return waitUntil([&] {
@@ -161,7 +167,7 @@ class ForwardingTest : public testing::Test {
 
 TEST_F(ForwardingTest, ByTheEntriesThatAreConfirmed) {
   ASSERT_TRUE(forwards());
-  EXPECT_TRUE(waitUntil([&] { return routePackets() >= identification_; }));
+  EXPECT_TRUE(waitUntil([&] { return routePackets() >= forwardedTo(2); }));
   ASSERT_TRUE(switch_.write({deleteOf(route())}).ok());
   switch_.farEnd(1).send(arriving(0x0b000005, 60000));
   ASSERT_TRUE(switch_.write({insertOf(route())}).ok());

@@ -13,20 +13,22 @@ class Collector {
  public:
   explicit Collector(const std::vector<std::string>& passedOver) : passedOver_(passedOver) {}
 
-  void walk(const Directory& directory, const std::string& path, bool isStatus) {
+  // `above`: the directory's path with a slash behind it, or an empty text.
+  void walk(const Directory& directory, const std::string& above) {
     for (const auto& [name, entity] : directory.entityCollection().values()) {
-      const std::string below = path.empty() ? name : path + "/" + name;
-      if (!entity || isPassedOver(below)) continue;
-      const bool isStatusBelow =
-          isStatus || ("/" + name + "/").find("/status/") != std::string::npos;
-      if (isStatusBelow) take(below, *entity);
+      const std::string path = above + name;
+      if (!entity || isPassedOver(path)) continue;
+      if (isStatus(path)) take(path, *entity);
       const auto* inner = dynamic_cast<const Directory*>(entity.get());
-      if (inner) walk(*inner, below, isStatusBelow);
+      if (inner) walk(*inner, path + "/");
     }
   }
   StatusTexts texts() { return std::move(texts_); }
 
  private:
+  static bool isStatus(const std::string& path) {
+    return path.starts_with("status/") || path.find("/status/") != std::string::npos;
+  }
   bool isPassedOver(const std::string& path) const {
     return std::ranges::find(passedOver_, path) != passedOver_.end();
   }
@@ -45,7 +47,7 @@ StatusTexts statusTexts(const Database& database, const std::vector<std::string>
   Collector collector(passedOver);
   const auto root = database.entity("");
   const auto* directory = dynamic_cast<const Directory*>(root.get());
-  if (directory) collector.walk(*directory, "", false);
+  if (directory) collector.walk(*directory, "");
   return collector.texts();
 }
 

@@ -36,7 +36,7 @@ std::string whyNot(const std::string& address) {
 
 TEST(MonitoringServer, ServesThisMachineAloneWithoutCertificates) {
   for (const char* address :
-       {"", "9464", ":9464", "127.0.0.1:", "127.0.0.1:66000", "127.0.0.1:x"}) {
+       {"", "9464", ":9464", "127.0.0.1:", "127.0.0.1:66000", "127.0.0.1:x", "::1", "::1:9464"}) {
     EXPECT_THAT(whyNot(address), HasSubstr("is no HOST:PORT")) << address;
   }
   for (const char* address : {"0.0.0.0:0", "[::]:0", "192.0.2.1:0", "example.org:0"}) {

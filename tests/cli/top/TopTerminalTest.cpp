@@ -238,7 +238,7 @@ TEST_F(TopTerminal, SaysWhyItEndsOnceTheTerminalIsAsItWas) {
   EXPECT_TRUE(terminal.isAsItWas());
 }
 
-// It is drawn anew at once, with a line left for the cursor.
+// It is drawn again at once, with a line left for the cursor.
 TEST_F(TopTerminal, FitsTheWindowAlsoAfterAChange) {
   Terminal terminal(command(never), usual);
   ASSERT_TRUE(terminal.shows("hosts"));
