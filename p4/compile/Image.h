@@ -154,6 +154,7 @@ struct Image {
   std::vector<uint32_t> deparser;             // headers
   size_t deparsedBytes = 0;                   // of all of them, without varbit fields
   size_t deparsedVarbits = 0;                 // headers among them with such a field
+  bool deparsesBytes = false;                 // packet headers without such fields, and no others
   uint32_t metadataBegin = 0;                 // slots
   uint32_t metadataEnd = 0;
   std::vector<FieldPlace> places;
