@@ -51,6 +51,7 @@ struct CalculationCode {
   std::vector<CalculationPart> parts;
   bool payload = false;  // at the end, at a byte boundary
   bool ofBytes = false;  // all parts are whole bytes of headers
+  bool isSum = false;    // the Internet checksum of pairs of bytes: summed where they lie
 };
 
 struct KeySource {
