@@ -79,6 +79,7 @@ struct TableCode {
   bool meters = false;
   bool meterBytes = false;
   bool ageing = false;
+  bool notesHits = false;  // counters, meters or ageing
 };
 
 struct Selector {
