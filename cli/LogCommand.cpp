@@ -69,7 +69,7 @@ class LogFile {
 class Logs {
  public:
   explicit Logs(const std::string& directory) {
-    for (const char* name : {"/accounts.log", "/accounts-writes.log"}) {
+    for (const char* name : {"/accounts.log", "/accounts-refused.log", "/accounts-writes.log"}) {
       for (const char* end : {"", ".1"}) readings_.push_back({LogFile(directory + name + end), {}});
     }
   }

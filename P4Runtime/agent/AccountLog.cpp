@@ -6,10 +6,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 #include "P4Runtime/monitoring/CodeNames.h"
@@ -19,7 +22,8 @@
 namespace P4Runtime {
 namespace {
 
-constexpr size_t longestText = 200;  // of each text that a client chose
+constexpr size_t longestText = 200;             // of each text that a client chose
+constexpr std::string_view ownAddress = "own";  // of the agent's own calls
 constexpr const char* journalPath = "/run/systemd/journal/socket";
 // Lines of so long a time are written at once: a thread that is woken for each costs more than it.
 constexpr std::chrono::milliseconds gathering{20};
@@ -35,6 +39,27 @@ std::string clipped(const char* text) {
 }
 
 std::string plain(const std::string& text) { return Vela::plainLine(text, longestText); }
+
+bool isOfName(char byte) {
+  return std::isalnum(static_cast<unsigned char>(byte)) || std::strchr("/._-@+=*:", byte);
+}
+
+// A name that a client chose. One that says something else in a line, or ends like a part of it,
+// stands in quotes.
+std::string nameText(const std::string& name) {
+  constexpr std::string_view ownWords[] = {"anybody", "agent", "default", "somewhere"};
+  const bool isPlain = std::ranges::all_of(name, isOfName) && !name.ends_with(':') &&
+                       std::ranges::find(ownWords, name) == std::end(ownWords);
+  if (isPlain) return plain(name);
+  std::string quoted = plain(name);
+  std::ranges::replace(quoted, '"', '\'');
+  return '"' + quoted + '"';
+}
+
+std::string whoText(const AccountRecord& record) {
+  if (record.address == ownAddress) return "agent";
+  return record.identity.empty() ? "anybody" : nameText(record.identity);
+}
 
 // Systemd sets the variable for services that it starts.
 int journalSocket() {
@@ -80,22 +105,21 @@ AccountRecord::AccountRecord(const PIGrpcServerAccount_t& account,
 bool AccountRecord::isServedWrite() const { return std::strcmp(what, "Write") == 0 && !isRefused; }
 
 std::string accountLine(const AccountRecord& record) {
-  const std::string who = plain(record.identity);
-  const std::string address = plain(record.address);
-  const std::string role = plain(record.role);
   const std::string detail = plain(record.detail);
   const std::string reason = plain(record.reason);
   return fmt::format("{} {} {} {} {} device {} role {}: {}{}{} us{}{}", timeText(record.when),
-                     record.what, codeName(record.code), who.empty() ? "anybody" : who,
-                     address.empty() ? "somewhere" : address, record.device,
-                     role.empty() ? "default" : role, detail, detail.empty() ? "" : ", ",
-                     record.durationUs, reason.empty() ? "" : "; ", reason);
+                     record.what, codeName(record.code), whoText(record),
+                     record.address.empty() ? "somewhere" : plain(record.address), record.device,
+                     record.role.empty() ? "default" : nameText(record.role), detail,
+                     detail.empty() ? "" : ", ", record.durationUs, reason.empty() ? "" : "; ",
+                     reason);
 }
 
 AccountLog::AccountLog(const std::string& directory, Bounds bounds)
     : bounds_(bounds),
       journal_(journalSocket()),
       calls_(directory + "/accounts.log", bounds.fileBytes),
+      refusals_(directory + "/accounts-refused.log", bounds.fileBytes),
       writes_(directory + "/accounts-writes.log", bounds.fileBytes),
       thread_(Vela::startThread("write the log of calls", [this] { run(); })) {}
 
@@ -114,9 +138,11 @@ AccountLog::~AccountLog() {
 Vela::LineBudget::Verdict AccountLog::verdict(const AccountRecord& record) {
   using Vela::LineBudget;
   if (record.isServedWrite()) return LineBudget::Verdict::write;
-  if (budgets_.size() >= bounds_.identities) budgets_.clear();
+  const std::string kind = record.isRefused ? "refused " : std::string(record.what) + ' ';
+  std::string whose = kind + record.identity;
+  if (budgets_.size() >= bounds_.budgets && !budgets_.contains(whose)) whose = kind + "others";
   LineBudget& budget =
-      budgets_.try_emplace(record.identity, bounds_.calls, std::chrono::minutes(1)).first->second;
+      budgets_.try_emplace(whose, bounds_.calls, std::chrono::minutes(1)).first->second;
   return budget.take(std::chrono::steady_clock::now());
 }
 
@@ -130,7 +156,9 @@ void AccountLog::add(const PIGrpcServerAccount_t& account) {
     ++lost_;
     return;
   }
-  if (verdict == Verdict::last) record.reason += "; more of this identity is not shown for a while";
+  if (verdict == Verdict::last) {
+    record.reason.insert(0, "more like it is not shown for a while; ");
+  }
   waiting_.push_back(std::move(record));
   if (isIdle_) changed_.notify_one();
   isIdle_ = false;
@@ -161,17 +189,19 @@ void AccountLog::flush() {
 }
 
 void AccountLog::write(const std::vector<AccountRecord>& records, size_t lost) {
-  std::string calls, writes;
+  std::string calls, refusals, writes;
   for (const AccountRecord& record : records) {
     const std::string line = accountLine(record);
-    (record.isServedWrite() ? writes : calls) += line + '\n';
-    if (journal_ >= 0) tellJournal(record, line);
+    (record.isRefused ? refusals : record.isServedWrite() ? writes : calls) += line + '\n';
+    // The journal of systemd drops all lines of a service that has too many.
+    if (journal_ >= 0 && !record.isServedWrite()) tellJournal(record, line);
   }
   if (lost > 0) {
     calls += fmt::format("{} {} more calls; the file system was too slow for their lines\n",
                          timeText(std::chrono::system_clock::now()), lost);
   }
   if (!calls.empty()) calls_.write(calls);
+  if (!refusals.empty()) refusals_.write(refusals);
   if (!writes.empty()) writes_.write(writes);
 }
 

@@ -37,19 +37,22 @@ struct AccountRecord {
 };
 
 // "2026-11-22T20:00:00.123456Z Write OK spiffe://lab/a ipv4:192.0.2.1:5000 device 1 role default:
-// 3 updates, 512 us"; of other calls with the reason at the end.
+// 3 updates, 512 us"; of other calls with the reason at the end. Names that could be taken for
+// other parts of the line stand in quotes.
 std::string accountLine(const AccountRecord& record);
 
-// Thread-safe. A thread of its own writes the lines, so that calls do not wait for a disk. Writes
-// have files of their own, so that a busy controller does not push out who else came by.
+// Thread-safe. A thread of its own writes the lines, so that calls do not wait for a disk. Refusals
+// have files of their own, and so have Writes: neither a stranger nor a busy controller pushes out
+// who has pushed, or become primary.
 class AccountLog {
  public:
   struct Bounds {
     size_t fileBytes = 4 << 20;
     size_t waiting = 10'000;  // lines that are to be written; more are lost, and counted
-    // Lines a minute of an identity, served Writes aside. Callers without one share theirs.
+    // Lines a minute of an identity: of each kind of call, and of refusals apart; served Writes
+    // have no bound. Callers without an identity share theirs.
     size_t calls = 300;
-    size_t identities = 1'000;  // to count the lines of
+    size_t budgets = 4'000;  // to count apart
   };
 
   // `directory`: of the running agent's state.
@@ -73,12 +76,13 @@ class AccountLog {
   const int journal_;  // -1: the process does not run under systemd
   std::mutex files_;   // guards the files; taken before mutex_
   BoundedLog calls_;
+  BoundedLog refusals_;
   BoundedLog writes_;
   std::mutex mutex_;  // guards the members below
   std::condition_variable changed_;
   std::vector<AccountRecord> waiting_;
   size_t lost_ = 0;
-  std::map<std::string, Vela::LineBudget> budgets_;  // by identity
+  std::map<std::string, Vela::LineBudget> budgets_;  // by kind of line, and identity
   bool isIdle_ = false;                              // the thread waits for changed_
   bool isEnding_ = false;
   std::thread thread_;

@@ -33,6 +33,15 @@ std::string putInForce(const std::string& path) {
   }
 }
 
+bool isReadable(const std::string& path) {
+  try {
+    Access::policyFileContent(path);
+    return true;
+  } catch (const Access::PolicyError&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 Vela::Outcome checkPolicyFile(const std::string& path) {
@@ -87,9 +96,11 @@ void PolicyFile::handlePath(const std::string& path) {
 void PolicyFile::maybeReload() {
   const auto version = versionOf(file());
   if (version == version_) return;
-  version_ = version;
   const std::string why = putInForce(file());
-  if (!why.empty()) return faultFound(why);
+  // A file that could not be read may be readable a second later, without a change.
+  const bool isRead = why.empty() || isReadable(file());
+  if (isRead) version_ = version;
+  if (!why.empty()) return why == fault() ? void() : faultFound(why);
   SCRIVEL_TRACE(0, "maybeReload", " in force: ", file());
   std::fprintf(stderr, "korvel: the policy %s has changed and is in force\n", file().c_str());
   loadsIs(loads() + 1);

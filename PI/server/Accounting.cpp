@@ -1,10 +1,13 @@
 #include "PI/server/Accounting.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 
 #include "PI/proto/pi_server_account.h"
 #include "PI/server/Peer.h"
+#include "PI/server/Requester.h"
+#include "google/rpc/status.pb.h"
 
 namespace pi::server {
 namespace {
@@ -26,6 +29,16 @@ std::string electionText(const p4::v1::Uint128& id) {
 bool isRefusal(grpc::StatusCode code) {
   return code == grpc::StatusCode::PERMISSION_DENIED || code == grpc::StatusCode::UNAUTHENTICATED ||
          code == grpc::StatusCode::RESOURCE_EXHAUSTED;
+}
+
+// Updates and queries of a call that failed in part, which its caller had no right to.
+int refusedItems(const grpc::Status& status) {
+  google::rpc::Status whole;
+  if (status.error_details().empty() || !whole.ParseFromString(status.error_details())) return 0;
+  return static_cast<int>(std::ranges::count_if(whole.details(), [](const auto& detail) {
+    p4::v1::Error error;
+    return detail.UnpackTo(&error) && error.canonical_code() == grpc::StatusCode::PERMISSION_DENIED;
+  }));
 }
 
 void tellAccountant(const PIGrpcServerAccount_t& account) {
@@ -50,7 +63,7 @@ void AccountedCall::requestIs(const p4::v1::WriteRequest& request) {
   what_ = "Write";
   changes_ = true;
   deviceId_ = request.device_id();
-  role_ = request.role();
+  role_ = roleOf(request).role;
   detail_ = counted(request.updates_size(), "update");
 }
 
@@ -59,7 +72,7 @@ void AccountedCall::requestIs(const p4::v1::SetForwardingPipelineConfigRequest& 
   what_ = "push";
   changes_ = true;
   deviceId_ = request.device_id();
-  role_ = request.role();
+  role_ = roleOf(request).role;
   detail_ = p4::v1::SetForwardingPipelineConfigRequest::Action_Name(request.action());
 }
 
@@ -67,7 +80,7 @@ void AccountedCall::requestIs(const p4::v1::ReadRequest& request) {
   if (!listened_) return;
   what_ = "Read";
   deviceId_ = request.device_id();
-  role_ = request.role();
+  role_ = roleOf(request).role;
   detail_ = std::to_string(request.entities_size()) + " queries";
 }
 
@@ -86,7 +99,7 @@ void AccountedCall::requestIs(const p4::v1::MasterArbitrationUpdate& request) {
   what_ = "arbitration";
   changes_ = true;
   deviceId_ = request.device_id();
-  role_ = request.role().name();
+  role_ = roleOf(request).role;
   detail_ = request.has_election_id() ? "election id " + electionText(request.election_id())
                                       : "no election id";
 }
@@ -100,21 +113,26 @@ void AccountedCall::messageIs(const p4::v1::StreamMessageRequest& request, uint6
 }
 
 void AccountedCall::end(const grpc::Status& status) const {
-  if (!listened_ || (!changes_ && !isRefusal(status.error_code()))) return;
+  if (!listened_) return;
+  const int refused = refusedItems(status);
+  const bool isRefused = refused > 0 || isRefusal(status.error_code());
+  if (!changes_ && !isRefused) return;
   using std::chrono::microseconds;
   const auto took =
       std::chrono::duration_cast<microseconds>(std::chrono::steady_clock::now() - began_);
   const Peer peer = peerOf(context_);
   const bool isOwn = peer.way == Peer::Way::ownProcess;
   const std::string message = status.error_message();
+  const std::string detail =
+      refused > 0 ? detail_ + ", " + std::to_string(refused) + " refused" : detail_;
   const PIGrpcServerAccount_t account{.what = what_,
                                       .identity = isOwn ? "agent" : peer.identity.c_str(),
                                       .address = isOwn ? "own" : peer.address.c_str(),
                                       .device_id = deviceId_,
                                       .role = role_.c_str(),
-                                      .detail = detail_.c_str(),
+                                      .detail = detail.c_str(),
                                       .code = status.error_code(),
-                                      .is_refused = isRefusal(status.error_code()),
+                                      .is_refused = isRefused,
                                       .message = message.c_str(),
                                       .duration_us = static_cast<uint64_t>(took.count())};
   tellAccountant(account);

@@ -92,8 +92,9 @@ class Controller:
     """One controller of one switch. Close it, or use it in a `with` statement."""
 
     def __init__(self, server="127.0.0.1:9559", device_id=1, election_id=1, timeout=15,
-                 credentials=None):
+                 credentials=None, role=""):
         self.device_id = device_id
+        self.role = role  # its name; "" is the default role
         self.election_id = p4runtime_pb2.Uint128(low=election_id)
         self.timeout = timeout  # seconds, of each request
         options = [
@@ -139,6 +140,8 @@ class Controller:
         threading.Thread(target=self._receive, args=(stream,), daemon=True).start()
         request = p4runtime_pb2.StreamMessageRequest()
         request.arbitration.device_id = self.device_id
+        if self.role:
+            request.arbitration.role.name = self.role
         request.arbitration.election_id.CopyFrom(self.election_id)
         self._requests.put(request)
         answer = self._arbitration_answer()
@@ -240,7 +243,7 @@ class Controller:
         """Has the switch run another pipeline, without entries: a P4Info in text form, and the
         compiled program for a switch in software. Needs to be primary."""
         request = p4runtime_pb2.SetForwardingPipelineConfigRequest(
-            device_id=self.device_id, election_id=self.election_id,
+            device_id=self.device_id, election_id=self.election_id, role=self.role,
             action=p4runtime_pb2.SetForwardingPipelineConfigRequest.VERIFY_AND_COMMIT)
         text_format.Parse(p4info_text, request.config.p4info)
         request.config.p4_device_config = device_config
@@ -257,7 +260,8 @@ class Controller:
 
     def write(self, updates):
         """A batch. Returns when every update is programmed; raises WriteFailed when not all are."""
-        request = p4runtime_pb2.WriteRequest(device_id=self.device_id, updates=updates)
+        request = p4runtime_pb2.WriteRequest(device_id=self.device_id, role=self.role,
+                                             updates=updates)
         request.election_id.CopyFrom(self.election_id)
         try:
             self._stub.Write(request, timeout=self.timeout)
@@ -435,6 +439,7 @@ def arguments():
                         help="that the switch is configured with; default: %(default)s")
     parser.add_argument("--election-id", type=number(1, 2**64 - 1), default=1,
                         help="the highest one is primary; default: %(default)s")
+    parser.add_argument("--role", default="", help="to be primary of; default: the default role")
     parser.add_argument("--ca", type=bytes_of_file, metavar="FILE",
                         help="who signed the switch's certificate: TLS, with --cert and --key")
     parser.add_argument("--cert", type=bytes_of_file, metavar="FILE", help="our own certificate")
@@ -527,7 +532,7 @@ def credentials_of(options):
 def main():
     options = arguments()
     with Controller(options.server, options.device_id, options.election_id,
-                    credentials=credentials_of(options)) as controller:
+                    credentials=credentials_of(options), role=options.role) as controller:
         if print_things(controller, options):
             return
         controller.become_primary()

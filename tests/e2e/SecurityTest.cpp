@@ -79,9 +79,8 @@ class SecuredAgentTest : public testing::Test {
         agent_->process().descriptor());
   }
   bool logSays(const std::string& text) {
-    return waitUntil(
-        [&] { return agent_->korvel({"log"}).output.find(text) != std::string::npos; },
-        agent_->process().descriptor());
+    return waitUntil([&] { return agent_->korvel({"log"}).output.find(text) != std::string::npos; },
+                     agent_->process().descriptor());
   }
   std::string target() const { return fmt::format("127.0.0.1:{}", port_); }
 
@@ -190,6 +189,7 @@ TEST_F(SecuredAgentTest, APolicyTellsControllersApartByTheirCertificates) {
   EXPECT_THAT(other.error_details(),
               HasSubstr("table ingress.acl: not to be written by 'spiffe://lab/router' in role "
                         "'router'"));
+  EXPECT_TRUE(logSays("device 1 role router: 1 update, 1 refused"));
   // With the role and the election id of another one, and without any right.
   RoleController thief(target(), tls("guard"), "router");
   EXPECT_EQ(thief.arbitrate().error_code(), StatusCode::PERMISSION_DENIED);

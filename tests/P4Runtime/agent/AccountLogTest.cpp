@@ -63,6 +63,29 @@ TEST(AccountLine, SaysWhoDidWhatInOneLineWhateverTheClientSends) {
   EXPECT_LT(line.size(), 500u);
 }
 
+TEST(AccountLine, ANameIsNotTakenForAnotherPartOfTheLine) {
+  const struct {
+    const char* identity;
+    const char* address;
+    const char* role;
+    const char* shown;
+  } cases[] = {
+      {"agent", "ipv4:192.0.2.1:5000", "x", "OK \"agent\" ipv4:192.0.2.1:5000 device 1 role x: "},
+      {"agent", "own", "", "OK agent own device 1 role default: "},
+      {"anybody", "a", "default", "OK \"anybody\" a device 1 role \"default\": "},
+      {"b", "a", "x: 9 updates, 1 us;", "role \"x: 9 updates, 1 us;\": 3 updates"},
+      {"b", "a", "x:", "role \"x:\": 3 updates"},
+      {"b", "a", "say \"x\"", "role \"say 'x'\": 3 updates"},
+  };
+  for (const auto& c : cases) {
+    auto told = account();
+    told.identity = c.identity;
+    told.address = c.address;
+    told.role = c.role;
+    EXPECT_THAT(accountLine({told, {}}), HasSubstr(c.shown));
+  }
+}
+
 TEST(AccountLog, KeepsTheNewestLinesWithinItsBound) {
   const TestSupport::TempDir directory;
   const std::string path = directory.file("accounts-writes.log");
@@ -81,23 +104,26 @@ TEST(AccountLog, KeepsTheNewestLinesWithinItsBound) {
   EXPECT_THAT(linesOf(path).back(), EndsWith("the last, 512 us"));
 }
 
-TEST(AccountLog, NeitherWritesNorAStrangerPushOutWhoElseCameBy) {
+TEST(AccountLog, NeitherWritesNorRefusalsPushOutWhoElseCameBy) {
   const TestSupport::TempDir directory;
   AccountLog log(directory.path(), {.fileBytes = 4000, .calls = 10});
-  log.add(refusal("spiffe://lab/b"));
+  auto push = account();
+  push.what = "push";
+  log.add(push);
   for (int i = 0; i < 1000; ++i) {
     log.add(account());
     log.add(refusal(""));
+    log.add(refusal("spiffe://lab/a"));
   }
-  auto last = refusal("spiffe://lab/c");
-  last.what = "push";
-  log.add(last);
+  log.add(push);
+  log.add(refusal("spiffe://lab/b"));
   log.flush();
-  const std::vector<std::string> lines = linesOf(directory.file("accounts.log"));
-  ASSERT_THAT(lines, SizeIs(12));
-  EXPECT_THAT(lines.front(), HasSubstr("spiffe://lab/b"));
-  EXPECT_THAT(lines[10], HasSubstr("not shown for a while"));
-  EXPECT_THAT(lines.back(), HasSubstr("push PERMISSION_DENIED spiffe://lab/c"));
+  EXPECT_THAT(linesOf(directory.file("accounts.log")),
+              testing::ElementsAre(HasSubstr("push OK"), HasSubstr("push OK")));
+  const std::vector<std::string> refused = linesOf(directory.file("accounts-refused.log"));
+  ASSERT_THAT(refused, SizeIs(21));  // each identity has its own number
+  EXPECT_THAT(refused[18], HasSubstr("not shown for a while"));
+  EXPECT_THAT(refused.back(), HasSubstr("spiffe://lab/b"));
 }
 
 TEST(AccountLog, CountsTheLinesForWhichItHasNoRoom) {
