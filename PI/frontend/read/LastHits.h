@@ -13,7 +13,7 @@
 
 namespace pi::fe::proto {
 
-// Asks once for all, which are at most some hundred. No lock may be held: the forwarding plane
+// Asks once for all, which are at most 1024. No lock may be held: the forwarding plane
 // takes its time. Leaves nanoseconds in *times, one an entry, in order; nothing: the forwarding
 // plane does not know the entry. Returns the reason when it tells nothing, UNIMPLEMENTED when it
 // cannot tell of any entry of the table.

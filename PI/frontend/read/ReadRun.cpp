@@ -1,6 +1,8 @@
 // Carries out one Read.
 #include "PI/frontend/read/ReadRun.h"
 
+#include <algorithm>
+
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
 #include "PI/frontend/check/RightsCheck.h"
@@ -15,6 +17,7 @@ namespace {
 
 // Each entry of a table is compared with each of these queries.
 constexpr size_t kMostQueriesOfATable = 256;
+constexpr size_t kTimedTogether = 1024;  // entries
 
 constexpr uint32_t bitOf(EntryForm form) { return 1u << static_cast<int>(form); }
 
@@ -242,14 +245,27 @@ bool ReadRun::sendObjects(const EntryStore::Snapshot& snapshot, const Query& que
 bool ReadRun::sendTable(const EntryStore::Snapshot& snapshot, TableRead* read,
                         EntitySender* sender) {
   if (std::exchange(read->sent, true)) return true;
+  // A question about last hits takes its time, and so concerns many pages.
+  const size_t enough = wantsLastHits(*read) ? kTimedTogether - EntryPages::kPageEntries : 0;
+  picked_.clear();
   for (const auto& page : snapshot.table(read->table->id).pages) {
-    picked_.clear();
     for (const EntryPtr& entry : page->entries) {
       if (entry) maybePick(*read, *entry);
     }
+    if (picked_.size() < enough) continue;
     if (!sendPicked(read, sender)) return false;
+    picked_.clear();
   }
-  return true;
+  return sendPicked(read, sender);
+}
+
+bool ReadRun::wantsLastHits(const TableRead& read) const {
+  const auto wants = [&](const Queries& queries) {
+    return std::ranges::any_of(
+        queries, [&](size_t query) { return hasLastHit(queries_[query].formFor(*read.table)); });
+  };
+  return wants(read.ofAnyKey) ||
+         std::ranges::any_of(read.ofOneKey, [&](const auto& keyed) { return wants(keyed.second); });
 }
 
 template <typename Visit>

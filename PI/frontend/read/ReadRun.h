@@ -66,6 +66,7 @@ class ReadRun {
   bool sendTable(const EntryStore::Snapshot& snapshot, TableRead* read, EntitySender* sender);
   template <typename Visit>
   void forEachTaking(const TableRead& read, const Entry& entry, Visit visit) const;
+  bool wantsLastHits(const TableRead& read) const;
   std::optional<EntryForm> formIn(const TableRead& read, size_t query) const;
   void maybePick(const TableRead& read, const Entry& entry);
   void askCounts(const TableRead& read);
@@ -91,7 +92,7 @@ class ReadRun {
   Queries keyed_;                                // those for one entry, member or group
   absl::flat_hash_map<size_t, size_t> foundAt_;  // of those, the place in Snapshot::found()
   std::optional<IdleTimeouts> idleTimeouts_;     // while it runs
-  std::vector<Picked> picked_;                   // of one page
+  std::vector<Picked> picked_;                   // of one page, or some
   std::vector<const Entry*> counted_;            // of these, the entries whose counts are sent
   std::vector<Count> counts_;                    // of those
   std::vector<const Entry*> timed_;              // likewise, those whose last hits are sent
