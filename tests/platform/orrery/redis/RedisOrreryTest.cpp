@@ -151,6 +151,30 @@ TEST_F(RedisOrreryTest, AStartWhileItIsAwayTakesTheCopyOfTheLastConfiguration) {
   EXPECT_FALSE(next.at("ports/p1"));
 }
 
+// A typing error did no harm until the agent started again: then the setting was gone, from the
+// copy, too.
+TEST_F(RedisOrreryTest, AFaultyValueKeepsThatOfTheCopyWithAStart) {
+  startServed();
+  const auto kept = [&] { return TestSupport::fileText(folder.file("copy.json")); };
+  ASSERT_TRUE(TestSupport::waitUntil([&] { return kept().find("9000") != std::string::npos; }));
+  part.reset();
+  write("config/port", R"({"mtuBytes": "much", "alias": "up"})");
+  write("ports/p1", "{");
+
+  ConfiguredDatabase next;
+  const auto later = std::make_unique<Part>(next, address, folder.file("copy.json"));
+  later->orrery->load(false, [] { return false; });
+  later->orrery->start();
+  EXPECT_EQ(next.at(ownStatus)->attribute("configuration")->text(), "redis");
+  EXPECT_EQ(next.port->mtuBytes(), 9000);
+  EXPECT_EQ(next.port->alias(), "up");
+  EXPECT_FALSE(next.at("ports/p1")) << "the copy has none";
+  EXPECT_TRUE(later->said("\"mtuBytes\": expected a value of type uint16"));
+  EXPECT_TRUE(TestSupport::waitUntil([&] {
+    return kept().find("up") != std::string::npos && kept().find("9000") != std::string::npos;
+  }));
+}
+
 TEST_F(RedisOrreryTest, TakesNoCopyOfAnotherPlaceAndNoBrokenOne) {
   address = "unix:" + folder.file("nobody.sock") + "?prefix=s1";
   for (
