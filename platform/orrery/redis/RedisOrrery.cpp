@@ -16,7 +16,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr const char* statusPath = "orrery/status/redis";
-constexpr milliseconds stopPeriod{100};  // between two looks for a request to stop
+constexpr const char* otherSettings = "...";  // among those that are refused
+constexpr milliseconds stopPeriod{100};       // between two looks for a request to stop
 // Of lines about a server that comes and goes.
 constexpr size_t mostLines = 20;
 constexpr std::chrono::minutes linesPeriod{10};
@@ -191,12 +192,18 @@ void RedisOrrery::apply(RedisConfig config, const std::string& origin) {
   config_ = std::move(config);
   kept_.reset();
   std::map<std::string, std::string> refused = config_.faults;
+  size_t more = config_.moreFaults;
   for (const ConfigLine& line : layers_.layerIs(layer_, config_.settings)) {
-    if (line.isRefused) {
+    if (!line.isRefused) {
+      if (isRunning_) options_.say(line.text);
+    } else if (refused.contains(line.setting) || refused.size() < RedisConfig::mostFaults) {
       refused.emplace(line.setting, line.text);
-    } else if (isRunning_) {
-      options_.say(line.text);
+    } else {
+      ++more;
     }
+  }
+  if (more > 0) {
+    refused.emplace(otherSettings, fmt::format("{}: other settings refused: {}", place_, more));
   }
   tellRefused(refused);
   status_->configurationIs(origin);

@@ -121,6 +121,45 @@ TEST_F(RedisOrreryTest, AFaultyValueKeepsTheFormerOneAndIsToldInRedis) {
   EXPECT_EQ(port->alias(), "");
 }
 
+TEST_F(RedisOrreryTest, ManyFaultsAreToldByTheirNumber) {
+  startServed();
+  write("config/port", R"({"mtuBytes": "much", "alias": "up"})");
+  ASSERT_TRUE(runUntil([&] { return port->alias() == "up"; }));
+  part->lines.clear();
+  server->run({"EVAL",
+               "for i = 1, 5000 do redis.call('HSET', KEYS[1], 'bogus/' .. i, '{}') end "
+               "redis.call('HSET', KEYS[1], 'config/port', '{\"mtuBytes\": 7, \"alias\": 3}') "
+               "redis.call('HSET', KEYS[1], 'ports/p1', '{\"alias\": \"one\", \"loss\": []}')",
+               "1", "s1/config"});
+  ASSERT_TRUE(runUntil([&] { return at("ports/p1") != nullptr; }));
+  EXPECT_EQ(port->mtuBytes(), 7);
+  EXPECT_EQ(port->alias(), "up") << "the former value";
+  EXPECT_LE(part->lines.size(), 25);
+  EXPECT_TRUE(part->said("\"bogus/1\" is no path"));
+  EXPECT_TRUE(part->said("s1/config: other settings refused: 4982"));
+  EXPECT_EQ(at(ownStatus)->attribute("refused")->entryTexts(100).size(), 21);
+
+  server->run({"DEL", "s1/config"});
+  write("config/port", "{}");
+  EXPECT_TRUE(untilField(ownStatus, R"("refused":{})"));
+}
+
+// The part before the zero byte was taken for the path.
+TEST_F(RedisOrreryTest, AFieldWhoseNameIsNoLineIsNoPath) {
+  startServed();
+  server->run({"EVAL",
+               "redis.call('HSET', KEYS[1], 'config/port\\0x', '{\"mtuBytes\": 7}', "
+               "'bad\\nline', '{}', string.rep('a', 2000), '{}', "
+               "'ports/p1', '{\"bad\\nname\": 1}')",
+               "1", "s1/config"});
+  ASSERT_TRUE(runUntil([&] { return at("ports/p1") != nullptr; }));
+  EXPECT_EQ(port->mtuBytes(), 9000);
+  EXPECT_TRUE(part->said("\"config/port x\" is no path: a path is one line"));
+  EXPECT_TRUE(part->said("\"bad line\" is no path"));
+  EXPECT_TRUE(part->said("is no path: a path is one line of at most 1000 bytes"));
+  EXPECT_THAT(part->lines, Each(Not(HasSubstr("\n"))));
+}
+
 TEST_F(RedisOrreryTest, AStartWhileItIsAwayTakesTheCopyOfTheLastConfiguration) {
   startServed();
   write("ports/p1", R"({"alias": "\u00fcber", "cookie": "18446744073709551615"})");
