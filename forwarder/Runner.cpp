@@ -73,6 +73,7 @@ Runner::Runner(RunnerOptions options)
     agent_.planeIs(&forwarding_->plane());
     subscriber_->appliesAtOnceIs(true);
     subscriber_->answersQuestionsIs(true);
+    subscriber_->tellsLastHitsIs(true);
     forwarding_->start();  // signals are blocked by now, for its threads, too
   }
   if (options_.punt.listens()) punter_.start();  // signals are blocked by now, for its threads too

@@ -85,14 +85,20 @@ bool Engine::setRegister(uint32_t array, uint32_t index, std::string_view bytes)
 
 void Engine::takeCountsOfEntries(uint32_t table, const Engine& former) {
   const auto from = tableNamed(former.program_, program_.tables[table].name);
-  if (!from || !program_.tables[table].counters) return;
+  const bool isCounted = program_.tables[table].counters;
+  const bool isAgeing = program_.tables[table].ageing;
+  if (!from || (!isCounted && !isAgeing)) return;
   absl::flat_hash_map<uint64_t, const Entry*> entries;
   for (const Entry* entry : former.tables_.entries(*from)) entries[entry->cookie] = entry;
   for (Entry* entry : tables_.entries(table)) {
     const auto found = entries.find(entry->cookie);
     if (entry->cookie == 0 || found == entries.end()) continue;
-    entry->counter.countsIs(found->second->counter.counts());
-    entry->toldPackets = found->second->toldPackets;
+    if (isCounted) {
+      entry->counter.countsIs(found->second->counter.counts());
+      entry->toldPackets = found->second->toldPackets;
+    }
+    const uint64_t lastHit = found->second->lastHit.load(std::memory_order_relaxed);
+    if (isAgeing && lastHit != 0) entry->lastHit.store(lastHit, std::memory_order_relaxed);
   }
 }
 

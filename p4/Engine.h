@@ -65,7 +65,7 @@ class Engine {
   std::optional<std::string> registerCell(uint32_t array, uint32_t index) const;
   bool setRegister(uint32_t array, uint32_t index, std::string_view bytes);
   // Takes over the cells of counters and registers that both programs declare in the same way, and
-  // the counts of entries, which have the same cookies in both.
+  // the counts and last hits of entries, which have the same cookies in both.
   void takeCounts(const Engine& former);
   // Entries without a hit for their time to live, to be asked for once a second; an entry that
   // stays idle is named every second time.

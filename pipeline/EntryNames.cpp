@@ -75,6 +75,8 @@ std::vector<ConstantEntry> EntryNames::entries() const {
   return entries;
 }
 
+bool holdsNames(uint32_t tableId) { return pi::fe::proto::is_translation_table(tableId); }
+
 NamesByNumber namesIn(const DeviceConfig& config, const p4::config::v1::P4Info& p4Info) {
   NamesByNumber names;
   for (const auto& [type, id] : pi::fe::proto::translation_tables(p4Info)) {

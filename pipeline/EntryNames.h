@@ -37,6 +37,9 @@ class EntryNames {
   std::map<std::string, std::map<std::string, uint32_t>> numbers_;  // by type and string
 };
 
+// Whether the table's constant entries are such strings.
+bool holdsNames(uint32_t tableId);
+
 // By type and number, as the constant entries of the configuration's tables tell.
 using NamesByNumber = std::map<std::string, std::map<uint32_t, std::string>>;
 NamesByNumber namesIn(const DeviceConfig& config, const p4::config::v1::P4Info& p4Info);

@@ -95,6 +95,10 @@ void _pi_counts_wanted(pi_dev_id_t) {}
 int _pi_register_cells(pi_dev_id_t, pi_p4_id_t, uint64_t, uint32_t, pi_bytes_receiver_t, void*) {
   return 0;
 }
+int _pi_last_hits(pi_dev_id_t, pi_p4_id_t, const pi_entry_handle_t*, size_t, uint64_t*,
+                  pi_bytes_receiver_t, void*) {
+  return 12;
+}
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                     pi_entry_handle_t, int, pi_counter_data_t* data) {

@@ -142,6 +142,14 @@ std::string profileText(const cJSON* profile) {
   return page + actionsText(profile);
 }
 
+std::string entriesText(const cJSON* owner, const char* key) {
+  std::string lines;
+  for (const cJSON* entry : Items(owner, key)) {
+    lines += fmt::format("  entry   {}\n", entryText(entry));
+  }
+  return lines;
+}
+
 std::string tableText(const cJSON* table) {
   std::string page = tableHead(table);
   if (!flag(table, "programmable"))
@@ -154,10 +162,7 @@ std::string tableText(const cJSON* table) {
   }
   // The entries of a profile's table name members and groups; these hold the actions.
   if (text(table, "action_profile").empty()) page += actionsText(table);
-  for (const cJSON* entry : Items(table, "constant_entries")) {
-    page += fmt::format("  entry   {}\n", entryText(entry));
-  }
-  return page;
+  return page + entriesText(table, "constant_entries");
 }
 
 std::string queryText(const cJSON* query) {
@@ -189,6 +194,9 @@ std::string headText(const cJSON* view) {
     entries += Items(table, "constant_entries").count();
     if (!flag(table, "programmable")) ++refused;
   }
+  for (const cJSON* entity : Items(view, "entity_entries")) {
+    entries += Items(entity, "entries").count();
+  }
   std::string tables = countText(Items(view, "tables").count(), "table");
   if (refused != 0) tables += fmt::format(" ({} of them cannot be programmed)", refused);
   return fmt::format("{}\n{}, {}, {}\n", head, tables,
@@ -201,7 +209,11 @@ std::string entityTablesText(const cJSON* view) {
   for (const cJSON* name : Items(view, "entity_tables")) {
     names += (names.empty() ? "" : ", ") + std::string(cJSON_GetStringValue(name));
   }
-  return names.empty() ? names : "\nrows of other entities in " + names + '\n';
+  std::string page = names.empty() ? names : "\nrows of other entities in " + names + '\n';
+  for (const cJSON* entity : Items(view, "entity_entries")) {
+    page += fmt::format("\nrows of {}\n{}", text(entity, "table"), entriesText(entity, "entries"));
+  }
+  return page;
 }
 
 std::string pageOf(const cJSON* view) {

@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/DeviceConfig.h"
+#include "pipeline/EntryNames.h"
 #include "pipeline/EntryText.h"
 #include "pipeline/Files.h"
 #include "pipeline/Finding.h"
@@ -55,8 +57,8 @@ class ViewMaker {
     if (!config) requireNone(findings, path);
     config_ = *std::move(config);
     names_ = namesIn(config_, p4Info_);
-    const P4InfoLookup all(p4Info_, config_.extensions);
-    layout_ = pipelineLayout(all, config_.extensions, &findings);
+    all_.emplace(p4Info_, config_.extensions);
+    layout_ = pipelineLayout(*all_, config_.extensions, &findings);
     types_ = checkTypes(config_, &findings);
     const Verdict verdict = checkPipeline(request);
     refused_ = verdict.refused;
@@ -74,6 +76,7 @@ class ViewMaker {
     for (const auto& profile : p4Info_.action_profiles())
       addProfile(profile, Vela::addObjectTo(profiles));
     addEntityTables(Vela::addArray(root_.get(), "entity_tables"));
+    addEntityEntries(Vela::addArray(root_.get(), "entity_entries"));
     cJSON* queries = Vela::addArray(root_.get(), "queries");
     for (const DeviceQuery& query : config_.queries) addQueryView(query, queries);
     cJSON* headers = Vela::addArray(root_.get(), "packet_headers");
@@ -150,6 +153,20 @@ class ViewMaker {
     }
   }
 
+  // Names stand in the entries that have them.
+  void addEntityEntries(cJSON* entities) {
+    for (const auto& [ref, device] : device_) {
+      const auto* table = all_->table(device.id);
+      const bool isShown = device.kind == TableKind::match && table != nullptr &&
+                           index_.table(device.id) == nullptr && !device.entries.empty() &&
+                           !holdsNames(device.id);
+      if (!isShown) continue;
+      cJSON* object = Vela::addObjectTo(entities);
+      Vela::addString(object, "table", device.name);
+      addEntries(device, *table, Vela::addArray(object, "entries"));
+    }
+  }
+
   void addMatchFields(const p4::config::v1::Table& table, cJSON* fields) {
     const TableLayout* layout = layout_.table({TableKind::match, table.preamble().id()});
     for (int i = 0; i < table.match_fields_size(); ++i) {
@@ -199,7 +216,7 @@ class ViewMaker {
     for (const DeviceEntry& entry : device.entries) {
       cJSON* item = Vela::addObjectTo(entries);
       try {
-        const EntryText text = entryText(entry, table, *layout, index_, names_);
+        const EntryText text = entryText(entry, table, *layout, *all_, names_);
         addPairs(item, "match", text.match);
         Vela::addNumber(item, "priority", entry.priority);
         Vela::addString(item, "action", text.action);
@@ -244,7 +261,8 @@ class ViewMaker {
 
   const p4::v1::SetForwardingPipelineConfigRequest& request_;
   const p4::config::v1::P4Info& p4Info_;
-  const P4InfoLookup index_;
+  const P4InfoLookup index_;         // of the program
+  std::optional<P4InfoLookup> all_;  // and of what extensions add
   NamesByNumber names_;
   Vela::Json root_;
   PipelineLayout layout_;

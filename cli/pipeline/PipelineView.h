@@ -12,8 +12,8 @@ class SetForwardingPipelineConfigRequest;
 namespace Cli {
 
 // {"device_id", "election_id", "name", "version", "tables": [...], "action_profiles": [...],
-//  "packet_headers": [...], "queries"}. `path` is for errors. Throws
-// Pipeline::PipelineError.
+//  "entity_tables": [names], "entity_entries": [...], "queries": [...], "packet_headers": [...]}.
+// `path` is for errors. Throws Pipeline::PipelineError.
 Vela::Json pipelineView(const std::string& path,
                         const p4::v1::SetForwardingPipelineConfigRequest& request);
 

@@ -305,6 +305,9 @@ ForwardingAgent::Verdict ForwardingAgent::writeRow(Held& held, const Lattice::Ro
   if (former) formerCounters = FlowBook::countersOf(table, *former);
   if (former && former->value() == change.value) {
     handleFlow(table, *former, change.entryHandle, formerCounters);
+    if (plane_) {
+      plane_->handleIs(table, change.key, table.rows()->place(*former), change.entryHandle);
+    }
     return {};
   }
   if (auto failure = maybeFail(held, change.key)) return *std::move(failure);

@@ -48,6 +48,9 @@ class RowPlane {
   virtual PlaneVerdict erase(const ProgrammedTable& table, std::string_view key,
                              RowPlace place) = 0;
   virtual void eraseAll(const ProgrammedTable& table) = 0;
+  // The row stays, and is from now on that of another entry.
+  virtual void handleIs(const ProgrammedTable& table, std::string_view key, RowPlace place,
+                        uint64_t entryHandle) = 0;
   // The row of a table with a counter counts from these numbers on, under its flow's handle.
   virtual void countsAre(const ProgrammedTable& table, std::string_view key,
                          const RowFlow& flow) = 0;

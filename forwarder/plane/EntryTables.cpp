@@ -53,13 +53,43 @@ RowPlace EntryTable::writePlaced(const PlaneRow& row) {
   if (entry == nullptr) return nullptr;
   if (row.entryHandle != 0) entry->cookie = row.entryHandle;
   if (entry->meter) maybeSetMeter(*entry, row);
-  if (idle_ == nullptr) return entry;
-  uint64_t& handle = idle_->handles[std::string(row.key)];
-  if (row.entryHandle != 0) handle = row.entryHandle;
-  entry->cookie = handle;
-  const auto timeToLive = idle_->timeToLive.find(std::string(row.key));
-  if (timeToLive != idle_->timeToLive.end()) timeToLiveIs(*entry, timeToLive->second);
+  if (idle_ != nullptr) handleIdleRow(row.key, row.entryHandle, entry);
   return entry;
+}
+
+// An entry that no packet has met yet counts from its coming; another handle means another entry.
+void EntryTable::handleIdleRow(std::string_view key, uint64_t entryHandle, P4::Entry* entry) {
+  uint64_t& handle = idle_->handles[std::string(key)];
+  if (entryHandle != 0 && entryHandle != handle) {
+    forgetHandle(handle, entry);
+    handle = entryHandle;
+    entry->lastHit.store(idle_->now(), std::memory_order_relaxed);
+  }
+  entry->cookie = handle;
+  if (handle != 0) byHandle_[handle] = entry;
+  uint64_t never = 0;
+  entry->lastHit.compare_exchange_strong(never, idle_->now());
+  const auto timeToLive = idle_->timeToLive.find(std::string(key));
+  if (timeToLive != idle_->timeToLive.end()) entry->timeToLive = timeToLive->second;
+}
+
+void EntryTable::handleIs(std::string_view key, RowPlace place, uint64_t entryHandle) {
+  if (idle_ == nullptr) return;
+  auto* entry = static_cast<P4::Entry*>(place);
+  if (entry == nullptr) entry = engine_.tables().find(keys_.read(key));
+  if (entry != nullptr) handleIdleRow(key, entryHandle, entry);
+}
+
+// The agent may have given the handle to another entry meanwhile.
+void EntryTable::forgetHandle(uint64_t handle, const P4::Entry* entry) {
+  const auto known = byHandle_.find(handle);
+  if (known != byHandle_.end() && known->second == entry) byHandle_.erase(known);
+}
+
+std::optional<uint64_t> EntryTable::lastHit(uint64_t entryHandle) const {
+  const auto known = byHandle_.find(entryHandle);
+  if (known == byHandle_.end()) return std::nullopt;
+  return known->second->lastHit.load(std::memory_order_relaxed);
 }
 
 // The program puts the entries of an immutable table in itself.
@@ -94,8 +124,14 @@ void EntryTable::maybeSetMeter(P4::Entry& entry, const PlaneRow& row) {
 }
 
 void EntryTable::erasePlaced(std::string_view key, RowPlace place) {
-  if (!table().immutable) doRemove(key, static_cast<P4::Entry*>(place));
-  if (idle_ != nullptr) idle_->handles.erase(std::string(key));
+  auto* entry = static_cast<P4::Entry*>(place);
+  if (idle_ != nullptr && entry == nullptr) entry = engine_.tables().find(keys_.read(key));
+  if (!table().immutable) doRemove(key, entry);
+  if (idle_ == nullptr) return;
+  const auto handle = idle_->handles.find(std::string(key));
+  if (handle == idle_->handles.end()) return;
+  forgetHandle(handle->second, entry);
+  idle_->handles.erase(handle);
 }
 
 void EntryTable::doRemove(std::string_view key, P4::Entry* entry) {
@@ -133,14 +169,7 @@ bool EntryTable::eachCount(size_t most, const CountsOf& each) {
 }
 
 void EntryTable::timeToLiveIs(std::string_view key, uint64_t microseconds) {
-  if (P4::Entry* entry = engine_.tables().find(keys_.read(key))) timeToLiveIs(*entry, microseconds);
-}
-
-// An entry that no packet has met yet counts from now on.
-void EntryTable::timeToLiveIs(P4::Entry& entry, uint64_t microseconds) {
-  uint64_t never = 0;
-  entry.lastHit.compare_exchange_strong(never, idle_->now());
-  entry.timeToLive = microseconds;
+  if (P4::Entry* entry = engine_.tables().find(keys_.read(key))) entry->timeToLive = microseconds;
 }
 
 DefaultTable::DefaultTable(P4::Engine& engine, uint32_t position, const Lattice::TableType& type,

@@ -4,6 +4,7 @@
 #include <absl/container/flat_hash_map.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "forwarder/plane/PlaneTable.h"
@@ -29,16 +30,23 @@ class EntryTable final : public PlaneTable {
   void erase(std::string_view key) override { erasePlaced(key, nullptr); }
   RowPlace writePlaced(const PlaneRow& row) override;  // the engine's entry
   void erasePlaced(std::string_view key, RowPlace place) override;
+  void handleIs(std::string_view key, RowPlace place, uint64_t entryHandle) override;
   void countsAre(std::string_view key, const RowFlow& flow) override;
   bool eachCount(size_t most, const CountsOf& each) override;
   void retellCounts() override { isRetelling_ = true; }
   void timeToLiveIs(std::string_view key, uint64_t microseconds);
+  // Whether the program notes when packets meet the entries.
+  bool isAgeing() const { return idle_ != nullptr && table().ageing; }
+  // When a packet last met the entry, or it came, in microseconds of the engine's time; nothing: it
+  // is not known. Of a table whose entries have time-outs.
+  std::optional<uint64_t> lastHit(uint64_t entryHandle) const;
 
  private:
   const P4::Table& table() const { return engine_.program().tables[position_]; }
   void readTarget();
   P4::Entry* put(const PlaneRow& row);
-  void timeToLiveIs(P4::Entry& entry, uint64_t microseconds);
+  void handleIdleRow(std::string_view key, uint64_t entryHandle, P4::Entry* entry);
+  void forgetHandle(uint64_t handle, const P4::Entry* entry);
   void doRemove(std::string_view key, P4::Entry* entry);
   void maybeSetMeter(P4::Entry& entry, const PlaneRow& row);
 
@@ -48,8 +56,9 @@ class EntryTable final : public PlaneTable {
   const ActionPositions actions_;
   KeyReader keys_;
   IdleBook* const idle_;
-  RowValue value_;     // of the row being written
-  P4::Target target_;  // of that row
+  absl::flat_hash_map<uint64_t, P4::Entry*> byHandle_;  // of a table whose entries have time-outs
+  RowValue value_;                                      // of the row being written
+  P4::Target target_;                                   // of that row
   size_t nextCount_ = 0;
   bool isRetelling_ = false;
 };

@@ -1,10 +1,13 @@
 #include "forwarder/plane/Plane.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
+#include "forwarder/packets/PacketThread.h"
 #include "p4/program/ProgramError.h"
 #include "p4/tables/Refusal.h"
+#include "platform/lattice/records/Packing.h"
 
 namespace Forwarder {
 namespace {
@@ -12,6 +15,7 @@ namespace {
 // See P4Runtime/companion/ErrorCode.h.
 constexpr uint16_t codeInternal = 2;
 constexpr uint16_t codeNotReady = 5;
+constexpr uint16_t codeUnsupported = 6;
 
 uint16_t codeOf(P4::RefusalKind kind) {
   switch (kind) {
@@ -209,6 +213,15 @@ void Plane::countsAre(const ProgrammedTable& table, std::string_view key, const 
   }
 }
 
+void Plane::handleIs(const ProgrammedTable& table, std::string_view key, RowPlace place,
+                     uint64_t entryHandle) {
+  if (!engine_) return;
+  try {
+    if (PlaneTable* rows = tableOf(table)) rows->handleIs(key, place, entryHandle);
+  } catch (const P4::Refusal&) {  // of the table; its row was refused, too
+  }
+}
+
 void Plane::commit() {
   if (!engine_) return;
   for (const auto& [table, rows] : tables_) {
@@ -262,6 +275,8 @@ Lattice::Answer Plane::answer(const Lattice::Question& question) {
     case Lattice::Question::Kind::counts:
       tellCountsNow();
       return {};
+    case Lattice::Question::Kind::lastHits:
+      return lastHits(question);
   }
   return {codeInternal, "a question that this forwarder does not know"};
 }
@@ -292,6 +307,25 @@ Lattice::Answer Plane::registerCells(const Lattice::Question& question) const {
     const auto bytes = engine_->registerCell(*array, static_cast<uint32_t>(cell));
     if (!bytes) return {codeInternal, "there is no cell " + std::to_string(cell)};
     answer.bytes += *bytes;
+  }
+  return answer;
+}
+
+// Entries that packets of a moment ago have met count from now.
+Lattice::Answer Plane::lastHits(const Lattice::Question& question) const {
+  constexpr uint64_t nanosecondsPerMicrosecond = 1000;
+  if (!engine_ || isFresh_) return {codeUnsupported, "the switch executes no program"};
+  const EntryTable* entries = maker_->entriesOf(question.tableId);
+  if (entries != nullptr && !entries->isAgeing()) {
+    return {codeUnsupported, "the program that the switch executes has no idle time-outs there"};
+  }
+  const uint64_t now = PacketThread::now();
+  Lattice::Answer answer;
+  for (const uint64_t handle : question.entryHandles) {
+    const auto last = entries != nullptr ? entries->lastHit(handle) : std::nullopt;
+    uint64_t since = Lattice::unknownLastHit;
+    if (last) since = (now - std::min(now, *last)) * nanosecondsPerMicrosecond;
+    Lattice::append(answer.bytes, since);
   }
   return answer;
 }

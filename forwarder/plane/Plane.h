@@ -44,6 +44,8 @@ class Plane final : public RowPlane {
   PlaneVerdict write(const ProgrammedTable& table, const PlaneRow& row) override;
   PlaneVerdict erase(const ProgrammedTable& table, std::string_view key, RowPlace place) override;
   void eraseAll(const ProgrammedTable& table) override;
+  void handleIs(const ProgrammedTable& table, std::string_view key, RowPlace place,
+                uint64_t entryHandle) override;
   void countsAre(const ProgrammedTable& table, std::string_view key, const RowFlow& flow) override;
   void commit() override;
   void settle() override;
@@ -73,6 +75,7 @@ class Plane final : public RowPlane {
   };
   Lattice::Answer answerOfPush(uint64_t push) const;
   Lattice::Answer registerCells(const Lattice::Question& question) const;
+  Lattice::Answer lastHits(const Lattice::Question& question) const;
   std::optional<uint32_t> registerWithId(uint32_t id) const;
   void takePush();
   void forgetPush();

@@ -19,6 +19,8 @@ class PlaneTable {
   // The same for rows with places; see RowPlane.
   virtual RowPlace writePlaced(const PlaneRow& row) { return write(row), nullptr; }
   virtual void erasePlaced(std::string_view key, RowPlace) { erase(key); }
+  // The row stays, under another handle.
+  virtual void handleIs(std::string_view, RowPlace, uint64_t) {}
   // Before a commit: for objects of several rows.
   virtual void finish() {}
   virtual void countsAre(std::string_view, const RowFlow&) {}

@@ -84,6 +84,15 @@ void PlaneTables::forget(const PlaneTable& table) {
   }
 }
 
+const EntryTable* PlaneTables::entriesOf(uint32_t tableId) const {
+  for (const auto& [rows, meaning] : names_.tables) {
+    if (meaning.kind != "entries" || meaning.id != tableId) continue;
+    const auto known = entries_.find(meaning.name);
+    return known == entries_.end() ? nullptr : known->second;
+  }
+  return nullptr;
+}
+
 IdleBook* PlaneTables::idleBook(const std::string& table) {
   for (const auto& [rows, meaning] : names_.tables) {
     if (meaning.kind != "idle_timeout" || meaning.name != table) continue;

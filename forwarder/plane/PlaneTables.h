@@ -31,6 +31,8 @@ class PlaneTables {
   // object that the rows are of.
   std::unique_ptr<PlaneTable> make(const std::string& rows, const Lattice::TableType& type);
   void forget(const PlaneTable& table);  // before it goes alone
+  // Of the table with that id in the P4Info; null: it has no rows, or is none of the program's.
+  const EntryTable* entriesOf(uint32_t tableId) const;
   // By learn list: the digest's id in the P4Info; 0: controllers do not want it.
   const std::vector<uint32_t>& wantedDigests() const { return wantedDigests_; }
 

@@ -70,9 +70,14 @@ CalculationCode compileCalculation(const Calculation& calculation, const Program
   CalculationCode code{.name = calculation.name, .algorithm = calculation.algorithm};
   InputCompiler compiler(program, layout, image, code);
   for (const CalculationInput& input : calculation.inputs) compiler.add(input);
-  code.ofBytes = std::ranges::all_of(code.parts, [](const CalculationPart& part) {
-    return part.kind == CalculationPart::Kind::header && part.bit % 8 == 0 && part.bits % 8 == 0;
-  });
+  const auto allOf = [&code](uint32_t unit) {
+    return std::ranges::all_of(code.parts, [unit](const CalculationPart& part) {
+      return part.kind == CalculationPart::Kind::header && part.bit % 8 == 0 &&
+             part.bits % unit == 0;
+    });
+  };
+  code.ofBytes = allOf(8);
+  code.isSum = code.algorithm == Algorithm::csum16 && allOf(16);
   return code;
 }
 

@@ -74,6 +74,10 @@ class Compiler {
       image_.deparsedBytes += image_.headers[header].bytes;
       image_.deparsedVarbits += image_.headers[header].varbit != noSlot;
     }
+    image_.deparsesBytes = image_.deparsedVarbits == 0 &&
+                           std::ranges::none_of(image_.deparser, [this](uint32_t header) {
+                             return image_.headers[header].metadata;
+                           });
   }
 
   ListCode compileList(const FieldList& list, bool withValidity) const {

@@ -112,6 +112,7 @@ void ControlCompiler::compileTable(uint32_t position) {
     code.meterResult = layout_.place(meters.result.header, meters.result.field);
     code.meterBytes = meters.bytes;
   }
+  code.notesHits = code.counters || code.meters || code.ageing;
   code.byHit = table.nextOnHit.has_value();
   code.onHit = labelOf(table.nextOnHit.value_or(NodeRef()));
   code.onMiss = labelOf(code.byHit ? *table.nextOnMiss : table.nextByDefault);

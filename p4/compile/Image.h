@@ -51,6 +51,7 @@ struct CalculationCode {
   std::vector<CalculationPart> parts;
   bool payload = false;  // at the end, at a byte boundary
   bool ofBytes = false;  // all parts are whole bytes of headers
+  bool isSum = false;    // the Internet checksum of pairs of bytes: summed where they lie
 };
 
 struct KeySource {
@@ -78,6 +79,7 @@ struct TableCode {
   bool meters = false;
   bool meterBytes = false;
   bool ageing = false;
+  bool notesHits = false;  // counters, meters or ageing
 };
 
 struct Selector {
@@ -154,6 +156,7 @@ struct Image {
   std::vector<uint32_t> deparser;             // headers
   size_t deparsedBytes = 0;                   // of all of them, without varbit fields
   size_t deparsedVarbits = 0;                 // headers among them with such a field
+  bool deparsesBytes = false;                 // packet headers without such fields, and no others
   uint32_t metadataBegin = 0;                 // slots
   uint32_t metadataEnd = 0;
   std::vector<FieldPlace> places;

@@ -3,8 +3,17 @@
 #include <algorithm>
 
 #include "p4/execute/BitWriter.h"
+#include "p4/execute/CopyBytes.h"
+#include "p4/externs/InternetSum.h"
 
 namespace P4 {
+namespace {
+
+std::span<const uint8_t> payloadOf(const Packet& packet) {
+  return {packet.data + packet.parsed, std::min(packet.size - packet.parsed, packet.truncateTo)};
+}
+
+}  // namespace
 
 Calculator::Calculator(const Image& image, ExternState& externs)
     : image_(image), externs_(externs) {
@@ -53,7 +62,7 @@ size_t Calculator::gatherBytes(const CalculationCode& code, const uint64_t* stat
   uint8_t* to = input_.data();
   for (const CalculationPart& part : code.parts) {
     if (part.valid != noSlot && !state[part.valid]) continue;
-    std::memcpy(to, bytesOf(state) + image_.headers[part.header].at + part.bit / 8, part.bits / 8);
+    copyBytes(to, bytesOf(state) + image_.headers[part.header].at + part.bit / 8, part.bits / 8);
     to += part.bits / 8;
   }
   return static_cast<size_t>(to - input_.data());
@@ -65,14 +74,26 @@ size_t Calculator::gatherBits(const CalculationCode& code, const Packet& packet)
   return writer.bytes();
 }
 
+uint64_t Calculator::sum(const CalculationCode& code, const Packet& packet) const {
+  const uint64_t* state = packet.state.get();
+  InternetSum sum;
+  for (const CalculationPart& part : code.parts) {
+    if (part.valid != noSlot && !state[part.valid]) continue;
+    sum.add({bytesOf(state) + image_.headers[part.header].at + part.bit / 8, part.bits / 8});
+  }
+  if (code.payload) sum.add(payloadOf(packet));
+  return sum.checksum();
+}
+
 uint64_t Calculator::calculate(uint32_t calculation, const Packet& packet) {
   const CalculationCode& code = image_.calculations[calculation];
+  if (code.isSum) return sum(code, packet);
   if (input_.size() < mostBytes(packet)) input_.resize(mostBytes(packet) + 2048);
   size_t size = code.ofBytes ? gatherBytes(code, packet.state.get()) : gatherBits(code, packet);
   if (code.payload) {
-    const uint32_t payload = std::min(packet.size - packet.parsed, packet.truncateTo);
-    std::memcpy(input_.data() + size, packet.data + packet.parsed, payload);
-    size += payload;
+    const std::span<const uint8_t> payload = payloadOf(packet);
+    std::memcpy(input_.data() + size, payload.data(), payload.size());
+    size += payload.size();
   }
   return externs_.hashes[calculation].hash(code.algorithm, {input_.data(), size});
 }

@@ -20,6 +20,7 @@ class Calculator {
   size_t gatherBytes(const CalculationCode& code, const uint64_t* state);
   size_t gatherBits(const CalculationCode& code, const Packet& packet);
   void gather(const CalculationPart& part, const Packet& packet, class BitWriter& to);
+  uint64_t sum(const CalculationCode& code, const Packet& packet) const;
   size_t mostBytes(const Packet& packet) const;
 
   const Image& image_;

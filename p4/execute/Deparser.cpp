@@ -1,6 +1,7 @@
 #include "p4/execute/Deparser.h"
 
 #include "p4/execute/BitWriter.h"
+#include "p4/execute/CopyBytes.h"
 
 namespace P4 {
 namespace {
@@ -24,13 +25,22 @@ void writeHeader(const HeaderPlace& header, const Packet& packet, BitWriter& to)
   to.append(bytes, header.varbitAt, header.bytes * 8 - header.varbitAt);
 }
 
-}  // namespace
-
-size_t mostBytesOf(const Image& image, const Packet& packet) {
-  return image.deparsedBytes + (1 + image.deparsedVarbits) * packet.size + 16;
+// Where headers are all that there is, none with a varbit field.
+size_t deparseBytes(const Image& image, const Packet& packet, uint8_t* to) {
+  const uint64_t* state = packet.state.get();
+  uint8_t* end = to;
+  for (const uint32_t header : image.deparser) {
+    const HeaderPlace& place = image.headers[header];
+    if (!state[place.valid]) continue;
+    copyBytes(end, bytesOf(state) + place.at, place.bytes);
+    end += place.bytes;
+  }
+  const uint32_t payload = packet.size - packet.parsed;
+  copyBytes(end, packet.data + packet.parsed, payload);
+  return static_cast<size_t>(end - to) + payload;
 }
 
-size_t deparse(const Image& image, const Packet& packet, uint8_t* to) {
+size_t deparseBits(const Image& image, const Packet& packet, uint8_t* to) {
   const uint64_t* state = packet.state.get();
   BitWriter writer(to);
   for (const uint32_t header : image.deparser) {
@@ -43,6 +53,16 @@ size_t deparse(const Image& image, const Packet& packet, uint8_t* to) {
   writer.pad();
   writer.append(packet.data + packet.parsed, 0, (packet.size - packet.parsed) * 8);
   return writer.bytes();
+}
+
+}  // namespace
+
+size_t mostBytesOf(const Image& image, const Packet& packet) {
+  return image.deparsedBytes + (1 + image.deparsedVarbits) * packet.size + 16;
+}
+
+size_t deparse(const Image& image, const Packet& packet, uint8_t* to) {
+  return image.deparsesBytes ? deparseBytes(image, packet, to) : deparseBits(image, packet, to);
 }
 
 }  // namespace P4

@@ -63,7 +63,7 @@ void addHeader(const Image& image, uint32_t header, bool fast, Packet& packet) {
     if (place.varbit != noSlot) state[place.varbit] = 0;
     packet.runningLength += place.bytes;
   }
-  validate(image, header, state);
+  validate(image, header, place, state);
 }
 
 void removeHeader(const Image& image, uint32_t header, bool keepLength, Packet& packet) {
@@ -81,7 +81,7 @@ void copyHeader(const Image& image, uint32_t to, uint32_t from, uint64_t* state)
   if (!state[source.valid]) return invalidate(target, state);
   std::memcpy(bytesOf(state) + target.at, bytesOf(state) + source.at, target.bytes);
   if (target.varbit != noSlot) state[target.varbit] = state[source.varbit];
-  validate(image, to, state);
+  validate(image, to, target, state);
 }
 
 bool headersEqual(const Image& image, uint32_t one, uint32_t other, const Packet& packet) {

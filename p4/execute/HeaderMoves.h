@@ -13,9 +13,9 @@ inline void invalidate(const HeaderPlace& header, uint64_t* state) {
   state[header.valid] = state[header.shown] = 0;
 }
 
-// Other members of its union become invalid.
-inline void validate(const Image& image, uint32_t header, uint64_t* state) {
-  const HeaderPlace& place = image.headers[header];
+// Other members of its union become invalid. `place` is that of the header.
+inline void validate(const Image& image, uint32_t header, const HeaderPlace& place,
+                     uint64_t* state) {
   state[place.valid] = state[place.shown] = 1;
   if (place.headerUnion == absent) return;
   for (const uint32_t member : image.unions[place.headerUnion])

@@ -47,7 +47,7 @@ RunEnd Machine::run(uint32_t begin, Packet& packet) {
   const Instruction* back = nullptr;  // where an action returns to
   uint32_t steps = maxSteps;
   for (;;) {
-    const Instruction& i = *at++;
+    const Instruction& i = *at;
     switch (i.code) {
       case Code::load:
         s[i.a] = i.c;
@@ -205,42 +205,78 @@ RunEnd Machine::run(uint32_t begin, Packet& packet) {
 
       case Code::jump:
         at = code + i.b;
-        break;
+        continue;
       case Code::jumpIfZero:
-        if (!s[i.a]) at = code + i.b;
+        if (!s[i.a]) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfNotZero:
-        if (s[i.a]) at = code + i.b;
+        if (s[i.a]) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfEqual:
-        if (s[i.a] == s[i.c]) at = code + i.b;
+        if (s[i.a] == s[i.c]) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfEqualI:
-        if (s[i.a] == i.c) at = code + i.b;
+        if (s[i.a] == i.c) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfNotEqual:
-        if (s[i.a] != s[i.c]) at = code + i.b;
+        if (s[i.a] != s[i.c]) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfNotEqualI:
-        if (s[i.a] != i.c) at = code + i.b;
+        if (s[i.a] != i.c) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfLess:
-        if (s[i.a] < s[i.c]) at = code + i.b;
+        if (s[i.a] < s[i.c]) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfLessI:
-        if (s[i.a] < i.c) at = code + i.b;
+        if (s[i.a] < i.c) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfGreaterEqual:
-        if (s[i.a] >= s[i.c]) at = code + i.b;
+        if (s[i.a] >= s[i.c]) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfGreaterEqualI:
-        if (s[i.a] >= i.c) at = code + i.b;
+        if (s[i.a] >= i.c) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfGreaterI:
-        if (s[i.a] > i.c) at = code + i.b;
+        if (s[i.a] > i.c) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::jumpIfLessEqualI:
-        if (s[i.a] <= i.c) at = code + i.b;
+        if (s[i.a] <= i.c) {
+          at = code + i.b;
+          continue;
+        }
         break;
       case Code::step:
         if (--steps == 0) return RunEnd::tooManySteps;
@@ -251,21 +287,21 @@ RunEnd Machine::run(uint32_t begin, Packet& packet) {
         const ActionData* action = lookUp(i.b, packet, next);
         if (!action) {
           at = code + next;
-          break;
+          continue;
         }
         copyArguments(*action, s + image_.argumentSlot);
         back = code + next;
         at = code + image_.actions[action->action];
-        break;
+        continue;
       }
       case Code::call:
         back = code + i.b;
         at = code + image_.actions[i.c];
-        break;
+        continue;
       case Code::leave:
         if (packet.exit) return RunEnd::done;
         at = back;
-        break;
+        continue;
       case Code::end:
         return RunEnd::done;
 
@@ -312,12 +348,15 @@ RunEnd Machine::run(uint32_t begin, Packet& packet) {
         return fail(static_cast<uint32_t>(s[i.b]), packet), RunEnd::parserError;
       case Code::selectState:
         at = code + select(image_.selectors[i.b], s[i.a]);
-        break;
+        continue;
       case Code::selectWide:
         at = code + selectWide(image_.wideSelectors[i.b], s + i.a);
-        break;
+        continue;
       case Code::inValueSet:
-        if (inValueSet(i.c, s + i.a)) at = code + i.b;
+        if (inValueSet(i.c, s + i.a)) {
+          at = code + i.b;
+          continue;
+        }
         break;
 
       case Code::count:
@@ -373,6 +412,7 @@ RunEnd Machine::run(uint32_t begin, Packet& packet) {
       default:
         __builtin_unreachable();  // so the jump table needs no bounds
     }
+    ++at;  // jumps pass over it by `continue`
   }
 }
 

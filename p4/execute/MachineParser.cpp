@@ -1,4 +1,5 @@
 // The parser's instructions.
+#include "p4/execute/CopyBytes.h"
 #include "p4/execute/HeaderMoves.h"
 #include "p4/execute/Machine.h"
 
@@ -13,9 +14,9 @@ bool Machine::fail(uint32_t error, Packet& packet) {
 bool Machine::extract(const HeaderPlace& place, uint32_t header, Packet& packet) {
   if (packet.size - packet.parsed < place.bytes) return fail(image_.errors.packetTooShort, packet);
   uint64_t* state = packet.state.get();
-  std::memcpy(bytesOf(state) + place.at, packet.data + packet.parsed, place.bytes);
+  copyBytes(bytesOf(state) + place.at, packet.data + packet.parsed, place.bytes);
   packet.parsed += place.bytes;
-  validate(image_, header, state);
+  validate(image_, header, place, state);
   return true;
 }
 
@@ -68,7 +69,7 @@ bool Machine::extractVarbitTo(uint32_t header, uint64_t bits, Packet& packet) {
   }
   state[place.varbit] = uint64_t{packet.parsed * 8 + place.varbitAt} << 32 | varbit;
   packet.parsed += static_cast<uint32_t>(bytes);
-  validate(image_, header, state);
+  validate(image_, header, place, state);
   return true;
 }
 

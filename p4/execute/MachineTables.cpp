@@ -72,7 +72,7 @@ const ActionData* Machine::lookUp(uint32_t position, Packet& packet, uint32_t& n
     makeKey(table, packet.state.get(), key);
     entry = index.find(key);
   }
-  if (entry) hit(table, *entry, packet);
+  if (entry && table.notesHits) hit(table, *entry, packet);
   const ActionData* action =
       actionOf(table, entry ? entry->outcome[sideNumber_] : side_->defaults[position], packet);
   if (trace_) trace_->onTable(position, key, entry, action);

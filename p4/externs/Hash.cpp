@@ -4,9 +4,9 @@
 #include <xxhash.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "p4/externs/Crc.h"
+#include "p4/externs/InternetSum.h"
 
 namespace P4 {
 namespace {
@@ -29,28 +29,10 @@ uint64_t wordAt(std::span<const uint8_t> bytes, size_t at, size_t size) {
   return bigEndian(bytes.subspan(at, there)) << 8 * (size - there);
 }
 
-// The sum is the same in either byte order but for the order of its own bytes.
 uint64_t internetChecksum(std::span<const uint8_t> bytes) {
-  uint64_t sum = 0;
-  const auto add = [&sum](uint64_t word) {
-    sum += word;
-    sum += sum < word;  // the carry comes round
-  };
-  size_t at = 0;
-  for (uint64_t word = 0; at + sizeof word <= bytes.size(); at += sizeof word) {
-    std::memcpy(&word, bytes.data() + at, sizeof word);
-    add(word);
-  }
-  for (uint16_t word = 0; at + sizeof word <= bytes.size(); at += sizeof word) {
-    std::memcpy(&word, bytes.data() + at, sizeof word);
-    add(word);
-  }
-  if (at < bytes.size()) add(bytes[at]);
-  sum = (sum & 0xffffffff) + (sum >> 32);
-  sum = (sum & 0xffffffff) + (sum >> 32);
-  sum = (sum & 0xffff) + (sum >> 16);
-  sum = (sum & 0xffff) + (sum >> 16);
-  return ~static_cast<uint64_t>(__builtin_bswap16(static_cast<uint16_t>(sum))) & 0xffff;
+  InternetSum sum;
+  sum.add(bytes);
+  return sum.checksum();
 }
 
 uint64_t xorWords(std::span<const uint8_t> bytes, size_t size) {

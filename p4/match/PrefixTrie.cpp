@@ -32,9 +32,15 @@ constexpr std::array<uint64_t, 64> allPrefixes = [] {
   return all;
 }();
 
-uint32_t rankOf(uint64_t set, uint32_t bit) {
-  return static_cast<uint32_t>(std::popcount(set & ((uint64_t{1} << bit) - 1)));
+// As std::popcount(), which is a call where processors need not have an instruction for it.
+uint32_t countOf(uint64_t set) {
+  set -= set >> 1 & 0x5555555555555555;
+  set = (set & 0x3333333333333333) + (set >> 2 & 0x3333333333333333);
+  set = (set + (set >> 4)) & 0x0f0f0f0f0f0f0f0f;
+  return static_cast<uint32_t>(set * 0x0101010101010101 >> 56);
 }
+
+uint32_t rankOf(uint64_t set, uint32_t bit) { return countOf(set & ((uint64_t{1} << bit) - 1)); }
 
 // The array with a gap at `position`, or without the item there.
 template <typename Item>
@@ -96,7 +102,7 @@ void PrefixTrie::insert(const uint64_t* key, uint32_t length, Entry* entry) {
     const uint32_t value = chunk(key, at);
     const uint32_t position = rankOf(node->children, value);
     if (!(node->children >> value & 1)) {
-      const auto count = static_cast<uint32_t>(std::popcount(node->children));
+      const uint32_t count = countOf(node->children);
       node->nodes = widen(node->nodes, count, position);
       node->children |= uint64_t{1} << value;
       node->nodes[position] = Node();
@@ -106,7 +112,7 @@ void PrefixTrie::insert(const uint64_t* key, uint32_t length, Entry* entry) {
   const uint32_t bit = length == at ? 0 : prefixBit(chunk(key, at), length - at);
   const uint32_t position = rankOf(node->prefixes, bit);
   if (!(node->prefixes >> bit & 1)) {
-    const auto count = static_cast<uint32_t>(std::popcount(node->prefixes));
+    const uint32_t count = countOf(node->prefixes);
     node->entries = widen(node->entries, count, position);
     node->prefixes |= uint64_t{1} << bit;
   }
@@ -124,14 +130,14 @@ bool PrefixTrie::removeBelow(Node& node, const uint64_t* key, uint32_t length, u
     if (!(node.children >> value & 1)) return false;
     const uint32_t position = rankOf(node.children, value);
     if (removeBelow(node.nodes[position], key, length, at + stride)) {
-      const auto count = static_cast<uint32_t>(std::popcount(node.children));
+      const uint32_t count = countOf(node.children);
       node.nodes = narrow(node.nodes, count, position);
       node.children &= ~(uint64_t{1} << value);
     }
   } else {
     const uint32_t bit = length == at ? 0 : prefixBit(chunk(key, at), length - at);
     if (!(node.prefixes >> bit & 1)) return false;
-    const auto count = static_cast<uint32_t>(std::popcount(node.prefixes));
+    const uint32_t count = countOf(node.prefixes);
     node.entries = narrow(node.entries, count, rankOf(node.prefixes, bit));
     node.prefixes &= ~(uint64_t{1} << bit);
   }
@@ -139,7 +145,7 @@ bool PrefixTrie::removeBelow(Node& node, const uint64_t* key, uint32_t length, u
 }
 
 void PrefixTrie::clear(Node& node) {
-  const auto count = static_cast<uint32_t>(std::popcount(node.children));
+  const uint32_t count = countOf(node.children);
   for (uint32_t i = 0; i < count; ++i) clear(node.nodes[i]);
   std::free(static_cast<void*>(node.entries));
   std::free(static_cast<void*>(node.nodes));

@@ -177,8 +177,8 @@ class Database {
   using Observer = SubscriberObserver;
   virtual void observerIs(Observer observer) = 0;
 
-  // Asks all forwarding agents that answer questions, and calls back once; false, and no call, when
-  // there is none. The answer may never come: the caller sees to the time.
+  // Asks all forwarding agents that answer such questions, and calls back once; false, and no call,
+  // when there is none. The answer may never come: the caller sees to the time.
   virtual bool ask(const Question& question, AnswerHandler handler) = 0;
   virtual std::vector<SubscriberInfo> subscribers() const = 0;
   virtual uint64_t droppedMessages() const = 0;  // malformed, from a subscriber

@@ -50,6 +50,7 @@ class SubscriberImpl final : public Subscriber {
 
   void appliesAtOnceIs(bool appliesAtOnce) override { appliesAtOnce_ = appliesAtOnce; }
   void answersQuestionsIs(bool answers) override { answersQuestions_ = answers; }
+  void tellsLastHitsIs(bool tells) override { tellsLastHits_ = tells; }
   void follow(std::chrono::milliseconds timeout) override;
   const std::string& trouble() const override { return trouble_; }
   bool attached() const override { return attached_; }
@@ -115,6 +116,7 @@ class SubscriberImpl final : public Subscriber {
   bool attached_ = false;
   bool appliesAtOnce_ = false;
   bool answersQuestions_ = false;
+  bool tellsLastHits_ = false;
   std::vector<QuestionMessage> questions_;
   Clock::time_point nextAttempt_{};
   std::string buffer_;
@@ -242,6 +244,7 @@ void SubscriberImpl::sendAttach() {
   AttachMessage attach{needSnapshot_ ? 0 : sequence_, identity_, name_};
   if (appliesAtOnce_) attach.flags |= AttachMessage::appliesAtOnce;
   if (answersQuestions_) attach.flags |= AttachMessage::answersQuestions;
+  if (tellsLastHits_) attach.flags |= AttachMessage::tellsLastHits;
   if (!identityKnown_ || needSnapshot_) attach.identity = {};
   if (socket_.send(attach.encode()) != Socket::Sent::all) throw Detached{"the agent hung up"};
 }

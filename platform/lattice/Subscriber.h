@@ -91,6 +91,9 @@ class Subscriber {
   // Declares, from the next attaching on, that SubscriberHandler::answer() answers questions.
   // Agents that do not know of this refuse to attach.
   virtual void answersQuestionsIs(bool answersQuestions) { static_cast<void>(answersQuestions); }
+  // Declares, from the next attaching on, that these answers include those about last hits; needs
+  // answersQuestionsIs(). Agents that do not know of this refuse to attach.
+  virtual void tellsLastHitsIs(bool tellsLastHits) { static_cast<void>(tellsLastHits); }
 
   // Waits for changes at most `timeout`, passes them on, and sends the reports gathered since.
   // Never throws for trouble with the agent or its files: it detaches, keeps its rows, and

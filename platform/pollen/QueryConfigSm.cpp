@@ -98,8 +98,9 @@ void QueryConfigSm::doCheck(const std::string& path) {
   }
   const std::string& reason = valid.reason();
   if (!reason.empty()) SCRIVEL_TRACE(0, "query is not valid: ", path, " ", reason);
-  status->reasonIs(reason);
+  // First: observers of the reason ask whether the query is valid all the same.
   status->definedIs(defined && (reason.empty() || inputFailed));
+  status->reasonIs(reason);
   doPublish(*config);
 }
 
@@ -186,7 +187,7 @@ void QueryConfigSm::doPublish(const QueryConfig& config) {
   const QueryProgress progress = engine_.progress(config.name());
   if (progress.state == State::failed) {
     status->reasonIs(progress.reason);
-    status->definedIs(progress.atRows);
+    status->definedIs(progress.atEvaluation);
   } else if (progress.state != State::none) {
     status->reasonIs("");
     status->definedIs(true);

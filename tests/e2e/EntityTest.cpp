@@ -17,6 +17,7 @@ using grpc::StatusCode;
 using p4::v1::Entity;
 using p4::v1::Update;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
 using testing::UnorderedElementsAreArray;
 using namespace TestSupport;
@@ -259,6 +260,15 @@ TEST_F(EntityTest, AnEntryHasItsIdleTimeoutAndTheCountsThatAreSet) {
   EXPECT_EQ(StatusCode::OK, write(Update::MODIFY, port(2, "idle_timeout_ns: 7"))) << said_;
   expectReads(all, {counted(first, 9), counted(port(2, drop + "idle_timeout_ns: 7"), 0)});
   EXPECT_THAT(rowsOf("idle_timeout.ports"), HasSubstr("5dc"));
+  // The forwarder of this test forwards no packet, and tells of none.
+  const EntitiesOutcome timed = controller_->read(
+      std::vector<Entity>{entity("table_entry { table_id: 33554433 time_since_last_hit {} }")});
+  EXPECT_THAT(timed.entities, IsEmpty());
+  EXPECT_EQ(timed.status.error_code(), StatusCode::UNKNOWN);  // the code stands in the details
+  EXPECT_THAT(timed.status.error_details(),
+              HasSubstr("ports: time_since_last_hit is not known: no forwarding agent tells"));
+  expectReads("table_entry { time_since_last_hit {} }",
+              {first, port(2, drop + "idle_timeout_ns: 7")});
   killAgent();
   expectReads(all, {counted(first, 9), counted(port(2, drop + "idle_timeout_ns: 7"), 0)});
   for (int i = 0; i < 2; ++i) {  // the same counts are set once more

@@ -393,4 +393,45 @@ TEST_F(ForwardingTest, NewsOfTheDataPlane) {
   }));
 }
 
+// Of the entries that packets meet, of those that none has met, and with a verifier alone.
+TEST_F(ForwardingTest, LastHitsAreRead) {
+  ASSERT_TRUE(forwards());
+  const grpc::Status pushed = push(parsed<p4::config::v1::P4Info>(newsP4Info), newsProgram());
+  ASSERT_TRUE(pushed.ok()) << pushed.error_message();
+  const auto entry = [](char v) {
+    return parsed<p4::v1::Entity>(std::string(R"(table_entry { table_id: 33554433
+        match { field_id: 1 exact { value: "\00)") +
+                                  v + R"(" } }
+        action { action { action_id: 16777217 params { param_id: 1 value: "\002" } } } })");
+  };
+  ASSERT_TRUE(switch_.write({insertOf(entry('2')), insertOf(entry('3'))}).ok());
+  // Nanoseconds by the number that the entry matches.
+  const auto times = [&](const char* query) {
+    std::map<char, int64_t> times;
+    const auto read = switch_.controller().read({parsed<p4::v1::Entity>(query)});
+    EXPECT_TRUE(read.status.ok()) << read.status.error_message();
+    for (const p4::v1::Entity& entity : read.entities) {
+      const auto& found = entity.table_entry();
+      if (!found.has_time_since_last_hit()) continue;
+      times[found.match(0).exact().value()[0]] = found.time_since_last_hit().elapsed_ns();
+    }
+    return times;
+  };
+  constexpr const char* ofTable = "table_entry { table_id: 33554433 time_since_last_hit {} }";
+  EXPECT_TRUE(times("table_entry { table_id: 33554433 }").empty());
+  const auto before = times(ofTable);
+  ASSERT_EQ(before.size(), 2u);
+  const std::string packet = arriving(0x0b000005, 1);  // it begins with the byte 2
+  switch_.farEnd(1).send(packet);
+  ASSERT_TRUE(waitUntil([&] { return hasArrived(2, packet); }));
+  const auto after = times("table_entry { time_since_last_hit {} }");
+  ASSERT_EQ(after.size(), 2u);
+  EXPECT_LT(after.at(2), after.at(3)) << "both came together; a packet has met one of them";
+  EXPECT_GT(after.at(3), before.at(3));
+  const auto one = times(R"(table_entry { table_id: 33554433 time_since_last_hit {}
+      match { field_id: 1 exact { value: "\003" } } })");
+  ASSERT_EQ(one.size(), 1u);
+  EXPECT_GT(one.at(3), after.at(3));
+}
+
 }  // namespace

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "p4/tmp/p4config.pb.h"
+#include "platform/vela/Json.h"
 #include "tests/e2e/Router.h"
 #include "tests/support/AgentProcess.h"
 #include "tests/support/ForwarderProcess.h"
@@ -373,6 +374,46 @@ TEST_F(PushTest, RefusedOnesChangeNothing) {
   expectRuns(running);
   EXPECT_THAT(entries(), SizeIs(10));
   EXPECT_TRUE(insertRoutes(10, 11).ok());
+}
+
+// Such a query failed the pipeline once the former entries had gone, if another query came behind
+// it: the former pipeline came up again, empty. It fails itself alone.
+TEST_F(PushTest, QueriesThatCannotBeEvaluatedTakeNoPipelineDown) {
+  ASSERT_TRUE(push(config()).ok());
+  ASSERT_TRUE(insertRoutes(0, 10).ok());
+  p4::tmp::P4DeviceConfig built;
+  TestSupport::Pipeline file(KORVEL_ROUTER_PIPELINE);
+  ASSERT_TRUE(built.ParseFromString(file.request().config().p4_device_config()));
+  const Vela::Json device = Vela::parseJson(built.device_data());
+  cJSON* root = cJSON_GetObjectItem(device.get(), "p4rtc");
+  cJSON* type = Vela::addObjectTo(cJSON_GetObjectItem(root, "table_type_definitions"));
+  Vela::addString(type, "table_type", "One");
+  Vela::addString(type, "table_type_def", "key n : U32;");
+  cJSON_DeleteItemFromObject(root, "queries");
+  cJSON* queries = Vela::addArray(root, "queries");
+  const auto add = [&](const char* path, const char* text, const char* input) {
+    cJSON* query = Vela::addObjectTo(queries);
+    Vela::addString(query, "output_table_path", path);
+    Vela::addString(query, "output_table_type", "One");
+    Vela::addString(query, "query", text);
+    cJSON* inputs = Vela::addArray(query, "input_tables");
+    if (!*input) return;
+    cJSON* pair = Vela::addObjectTo(inputs);
+    Vela::addString(pair, "table_key", "t");
+    Vela::addString(pair, "table_value", input);
+  };
+  add("a_fails", "SELECT abs(-9223372036854775807 - 1) AS n", "");
+  add("b_reads_it", "SELECT n FROM t", "a_fails");
+  add("c_is_well", "SELECT 5 AS n", "");
+  const Config pushed = config(Vela::jsonBytes(*device));
+  const grpc::Status taken = push(pushed);
+  ASSERT_TRUE(taken.ok()) << taken.error_message();
+  expectRuns(pushed);
+  EXPECT_TRUE(insertRoutes(0, 3).ok());
+  const std::string status = agent_.korvel({"status"}).output;
+  EXPECT_THAT(status, HasSubstr("integer overflow"));
+  restart();
+  expectRuns(pushed);
 }
 
 // Pushes of all actions, Writes and restarts, and what must stand after each.

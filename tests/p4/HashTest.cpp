@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
+
+#include "p4/externs/InternetSum.h"
 
 namespace P4Test {
 namespace {
@@ -45,6 +48,26 @@ TEST(HashTest, CheckValues) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     EXPECT_EQ(hashOf(c.algorithm, c.bytes), c.hash);
+  }
+}
+
+// A checksum over runs of even length, and a last one of any length.
+TEST(HashTest, InternetSumOfRuns) {
+  std::minstd_rand random(1);
+  for (int round = 0; round < 200; ++round) {
+    P4::InternetSum sum;
+    std::string all;
+    for (int run = 0; run < 4; ++run) {
+      std::string bytes(random() % 20 * 2 + (run == 3 ? random() % 2 : 0), '\0');
+      for (char& byte : bytes) byte = static_cast<char>(random() % 3 ? random() : 0xff);
+      sum.add({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+      all += bytes;
+    }
+    uint64_t expected = 0;
+    for (size_t i = 0; i < all.size(); ++i)
+      expected += uint64_t{static_cast<uint8_t>(all[i])} << (i % 2 ? 0 : 8);
+    while (expected >> 16) expected = (expected & 0xffff) + (expected >> 16);
+    EXPECT_EQ(sum.checksum(), ~expected & 0xffff);
   }
 }
 

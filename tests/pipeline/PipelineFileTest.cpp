@@ -241,6 +241,36 @@ TEST_F(PipelineFileTest, TakesQueriesThatAreWhole) {
               HasSubstr("query 2: has no text \"output_table_path\""));
 }
 
+// Rows of groups and other entities are constant entries, too.
+TEST_F(PipelineFileTest, ShowsTheRowsOfEntitiesThatItBrings) {
+  BuildOptions options = this->options();
+  options.plain = false;
+  options.p4InfoPath = written("p4info", std::string(smallP4Info) + R"(
+    counters { preamble { id: 301989889 name: "c.hits" alias: "hits" } spec { unit: BOTH }
+               size: 4 })");
+  options.entriesPath = written("entries", R"([
+    {"table": "routes", "match": {"vrf": 1, "dst": "10.0.0.0/8"},
+     "action": "forward", "params": {"dmac": "00:11:22:33:44:55"}},
+    {"table": "pre.multicast_group", "match": {"multicast_group_id": 7}, "action": "group"},
+    {"table": "pre.multicast_group.replica", "action": "row",
+     "match": {"multicast_group_id": 7, "egress_port": 258, "instance": 5}},
+    {"table": "pre.clone_session", "match": {"session_id": 500}, "action": "session",
+     "params": {"class_of_service": 3, "packet_length_bytes": 128}}])");
+  built(options);
+  const std::string page = shownPipeline(options.outputPath, false);
+  EXPECT_THAT(page, HasSubstr("4 constant entries"));
+  for (const char* rows :
+       {"rows of pre.multicast_group\n  entry   multicast_group_id = 7 -> group()\n",
+        "rows of pre.multicast_group.replica\n  entry   multicast_group_id = 7, egress_port = 258, "
+        "instance = 5 -> row()\n",
+        "rows of pre.clone_session\n  entry   session_id = 500 -> session(class_of_service = 3, "
+        "packet_length_bytes = 128)\n"}) {
+    EXPECT_THAT(page, HasSubstr(rows));
+  }
+  EXPECT_THAT(page, testing::Not(HasSubstr("rows of counter.")));
+  EXPECT_THAT(shownPipeline(options.outputPath, true), HasSubstr("\"entity_entries\""));
+}
+
 TEST_F(PipelineFileTest, IsCheckedAsTheAgentWillReadIt) {
   const struct {
     const char* text;

@@ -21,10 +21,10 @@ void settingIs(const MeterSetting& setting, p4::v1::MeterConfig* sent) {
 }  // namespace
 
 bool EntitySender::sendEntry(const TablePlan& table, const Entry& entry, EntryForm form,
-                             const p4::v1::CounterData& count, int64_t idleTimeout) {
+                             const Told& told) {
   if (form == EntryForm::counter) {
     keyIs(table, entry, entity_.mutable_direct_counter_entry()->mutable_table_entry());
-    *entity_.mutable_direct_counter_entry()->mutable_data() = count;
+    *entity_.mutable_direct_counter_entry()->mutable_data() = told.count;
     return addEntity();
   }
   const std::optional<MeterSetting> meter = entry.meter();
@@ -39,9 +39,12 @@ bool EntitySender::sendEntry(const TablePlan& table, const Entry& entry, EntryFo
   sent->set_controller_metadata(entry.controllerMetadata);
   sent->set_metadata(entry.metadata().data(), entry.metadata().size());
   sent->set_is_const(table.isConst || entry.isConst);
-  sent->set_idle_timeout_ns(idleTimeout);
-  if (hasCounter(form)) *sent->mutable_counter_data() = count;
+  sent->set_idle_timeout_ns(told.idleTimeout);
+  if (hasCounter(form)) *sent->mutable_counter_data() = told.count;
   if (hasMeter(form) && meter) settingIs(*meter, sent->mutable_meter_config());
+  if (hasLastHit(form) && told.sinceLastHit) {
+    sent->mutable_time_since_last_hit()->set_elapsed_ns(*told.sinceLastHit);
+  }
   return addEntity();
 }
 

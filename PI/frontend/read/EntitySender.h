@@ -1,6 +1,8 @@
 // Packs table entries, members and groups into ReadResponse messages of bounded size.
 #pragma once
 
+#include <optional>
+
 #include "PI/frontend/model/P4InfoIndex.h"
 #include "PI/frontend/read/Query.h"
 #include "PI/frontend/store/Entry.h"
@@ -15,11 +17,15 @@ class EntitySender {
   EntitySender(const P4InfoIndex& index, const DeviceMgr::ReadSink& sink)
       : index_(index), sink_(sink) {}
 
+  // What the sender is told of an entry beside itself, for forms that show it.
+  struct Told {
+    const p4::v1::CounterData& count;                    // of its direct counter
+    int64_t idleTimeout = 0;                             // nanoseconds; 0: none
+    std::optional<int64_t> sinceLastHit = std::nullopt;  // nanoseconds; nothing: not known
+  };
+
   // All return false once the sink has returned false: the client wants no more.
-  // `count` is the value of the entry's direct counter, for forms that show it; `idleTimeout` is in
-  // nanoseconds, 0 for none.
-  bool sendEntry(const TablePlan& table, const Entry& entry, EntryForm form,
-                 const p4::v1::CounterData& count, int64_t idleTimeout = 0);
+  bool sendEntry(const TablePlan& table, const Entry& entry, EntryForm form, const Told& told);
   bool sendObject(const Entry& object);
   bool sendEntity(p4::v1::Entity* entity);  // leaves it empty
   // Null: the program's own.

@@ -30,11 +30,12 @@ void checkWanted(const TablePlan& table, const TableEntry& entry) {
   if (entry.has_time_since_last_hit() && !table.hasIdleTimeout) {
     refuse(code::invalidArgument, "table ", table.name, ": its entries have no idle time-out");
   }
-  const char* wanted = nullptr;
-  if (entry.has_time_since_last_hit()) wanted = "time_since_last_hit";
-  if (entry.has_meter_counter_data() && table.meter) wanted = "meter_counter_data";
-  if (wanted == nullptr) return;
-  refuse(code::unimplemented, "table ", table.name, ": reading ", wanted, " is not supported");
+  if (entry.has_time_since_last_hit() && table.idleTimeouts == nullptr) {
+    refuse(code::unimplemented, "table ", table.name, ": idle time-outs are not supported");
+  }
+  if (!entry.has_meter_counter_data() || !table.meter) return;
+  refuse(code::unimplemented, "table ", table.name,
+         ": reading meter_counter_data is not supported");
 }
 
 uint32_t checkedActionId(const TablePlan& table, const p4::v1::TableAction& action) {
@@ -56,7 +57,8 @@ uint32_t checkedActionId(const TablePlan& table, const p4::v1::TableAction& acti
 
 EntryForm wantedForm(const TableEntry& entry) {
   return static_cast<EntryForm>((entry.has_counter_data() ? 1 : 0) +
-                                (entry.has_meter_config() ? 2 : 0));
+                                (entry.has_meter_config() ? 2 : 0) +
+                                (entry.has_time_since_last_hit() ? 4 : 0));
 }
 
 Query defaultEntryQuery(const TablePlan& table, const TableEntry& entry) {
@@ -290,8 +292,9 @@ bool Query::concerns(const TablePlan& table) const {
 }
 
 EntryForm Query::formFor(const TablePlan& table) const {
-  if (form == EntryForm::counter || form == EntryForm::meter) return form;
-  const int lacks = (table.counter ? 0 : 1) + (table.meter ? 0 : 2);
+  if (isResource(form)) return form;
+  const int lacks =
+      (table.counter ? 0 : 1) + (table.meter ? 0 : 2) + (table.idleTimeouts != nullptr ? 0 : 4);
   return static_cast<EntryForm>(static_cast<int>(form) & ~lacks);
 }
 

@@ -7,23 +7,31 @@
 namespace pi::fe::proto {
 
 // In which form an entry is sent, since direct resources come with the entry or by themselves.
+// The forms `with...` are bits that combine.
 enum class EntryForm : uint8_t {
   plain = 0,
   withCounter = 1,
   withMeter = 2,
-  withBoth = 3,
-  counter = 4,  // a DirectCounterEntry
-  meter = 5     // a DirectMeterEntry
+  withLastHit = 4,
+  counter = 8,  // a DirectCounterEntry
+  meter = 9     // a DirectMeterEntry
 };
-inline constexpr int kEntryForms = 6;
-inline constexpr uint32_t kFormsWithCounter = 1u << static_cast<int>(EntryForm::withCounter) |
-                                              1u << static_cast<int>(EntryForm::withBoth) |
-                                              1u << static_cast<int>(EntryForm::counter);
-inline bool hasCounter(EntryForm form) {
-  return (kFormsWithCounter >> static_cast<int>(form) & 1) != 0;
+inline constexpr int kEntryForms = 10;
+inline constexpr bool isResource(EntryForm form) { return form >= EntryForm::counter; }
+inline constexpr bool hasBit(EntryForm form, EntryForm bit) {
+  return !isResource(form) && (static_cast<int>(form) & static_cast<int>(bit)) != 0;
 }
-inline bool hasMeter(EntryForm form) {
-  return form == EntryForm::withMeter || form == EntryForm::withBoth || form == EntryForm::meter;
+inline constexpr bool hasCounter(EntryForm form) {
+  return form == EntryForm::counter || hasBit(form, EntryForm::withCounter);
+}
+inline constexpr bool hasMeter(EntryForm form) {
+  return form == EntryForm::meter || hasBit(form, EntryForm::withMeter);
+}
+inline constexpr bool hasLastHit(EntryForm form) { return hasBit(form, EntryForm::withLastHit); }
+inline constexpr EntryForm withoutLastHit(EntryForm form) {
+  return hasLastHit(form) ? static_cast<EntryForm>(static_cast<int>(form) ^
+                                                   static_cast<int>(EntryForm::withLastHit))
+                          : form;
 }
 
 struct Query {

@@ -16,7 +16,19 @@ namespace {
 // Each entry of a table is compared with each of these queries.
 constexpr size_t kMostQueriesOfATable = 256;
 
-uint32_t bitOf(EntryForm form) { return 1u << static_cast<int>(form); }
+constexpr uint32_t bitOf(EntryForm form) { return 1u << static_cast<int>(form); }
+
+// A bit for each form of that kind.
+constexpr uint32_t formsWith(bool (*has)(EntryForm form)) {
+  uint32_t forms = 0;
+  for (int number = 0; number < kEntryForms; ++number) {
+    const auto form = static_cast<EntryForm>(number);
+    if (has(form)) forms |= bitOf(form);
+  }
+  return forms;
+}
+constexpr uint32_t kFormsWithCounter = formsWith(hasCounter);
+constexpr uint32_t kFormsWithLastHit = formsWith(hasLastHit);
 
 std::string missingText(const Query& query) {
   if (query.profile != nullptr) {
@@ -182,7 +194,7 @@ bool ReadRun::sendFound(size_t number, const EntryPtr& found, EntitySender* send
   read.ofAnyKey.push_back(number);
   picked_.clear();
   maybePick(read, *found);
-  return sendPicked(read, sender);
+  return sendPicked(&read, sender);
 }
 
 bool ReadRun::sendDefaults(const EntryStore::Snapshot& snapshot, size_t number,
@@ -203,8 +215,7 @@ bool ReadRun::sendDefault(size_t number, const TablePlan& table, const Entry* wr
                           EntitySender* sender) {
   const Query& query = queries_[number];
   const TablePlan* defaults = table.defaultEntry.get();
-  const bool isResource = query.form == EntryForm::counter || query.form == EntryForm::meter;
-  if (isResource && (defaults == nullptr || !query.concerns(*defaults))) return true;
+  if (isResource(query.form) && (defaults == nullptr || !query.concerns(*defaults))) return true;
   const EntryForm form = defaults == nullptr ? EntryForm::plain : query.formFor(*defaults);
   if (written == nullptr || !hasCounter(form)) {
     return sender->sendDefaultEntry(table, written, form, {});
@@ -236,7 +247,7 @@ bool ReadRun::sendTable(const EntryStore::Snapshot& snapshot, TableRead* read,
     for (const EntryPtr& entry : page->entries) {
       if (entry) maybePick(*read, *entry);
     }
-    if (!sendPicked(*read, sender)) return false;
+    if (!sendPicked(read, sender)) return false;
   }
   return true;
 }
@@ -254,27 +265,70 @@ void ReadRun::forEachTaking(const TableRead& read, const Entry& entry, Visit vis
   if (keyed != read.ofOneKey.end()) visitTaking(keyed->second);
 }
 
+// Nothing for a query that has failed with the table's last hits. One for all tables goes on
+// without them where the forwarding plane has none.
+std::optional<EntryForm> ReadRun::formIn(const TableRead& read, size_t query) const {
+  const EntryForm form = queries_[query].formFor(*read.table);
+  if (!read.noHits || !hasLastHit(form)) return form;
+  const bool isLeftOut =
+      queries_[query].kind == Query::Kind::allTables && *read.noHits == code::unimplemented;
+  if (!isLeftOut) return std::nullopt;
+  return withoutLastHit(form);
+}
+
 // Once in each form, even if many queries want it.
 void ReadRun::maybePick(const TableRead& read, const Entry& entry) {
   uint32_t forms = 0;
-  forEachTaking(read, entry,
-                [&](size_t query) { forms |= bitOf(queries_[query].formFor(*read.table)); });
+  forEachTaking(read, entry, [&](size_t query) {
+    if (const auto form = formIn(read, query)) forms |= bitOf(*form);
+  });
   if (forms != 0) picked_.push_back({&entry, forms});
 }
 
 // The target is asked once for the counts of all.
-bool ReadRun::sendPicked(const TableRead& read, EntitySender* sender) {
+void ReadRun::askCounts(const TableRead& read) {
   counted_.clear();
   for (const Picked& picked : picked_) {
     if ((picked.forms & kFormsWithCounter) != 0) counted_.push_back(picked.entry);
   }
   if (!counted_.empty()) directCounts(session_, store_, *read.table, counted_, &counts_);
-  const Count* count = counts_.data();
+}
+
+void ReadRun::askLastHits(TableRead* read) {
+  timed_.clear();
   for (const Picked& picked : picked_) {
+    if ((picked.forms & kFormsWithLastHit) != 0) timed_.push_back(picked.entry);
+  }
+  if (timed_.empty()) return;
+  const auto refusal = lastHits(session_, *read->table, timed_, &times_);
+  if (!refusal) return;
+  handleNoHits(read, *refusal);
+  for (const Picked& former : std::exchange(picked_, {})) maybePick(*read, *former.entry);
+}
+
+void ReadRun::handleNoHits(TableRead* read, const Refusal& refusal) {
+  read->noHits = refusal.code();
+  const auto failThose = [&](const Queries& queries) {
+    for (const size_t query : queries) {
+      if (!formIn(*read, query)) doFail(query, refusal.code(), refusal.message());
+    }
+  };
+  failThose(read->ofAnyKey);
+  for (const auto& [key, queries] : read->ofOneKey) failThose(queries);
+}
+
+bool ReadRun::sendPicked(TableRead* read, EntitySender* sender) {
+  askLastHits(read);
+  askCounts(*read);
+  const Count* count = counts_.data();
+  const std::optional<int64_t>* time = times_.data();
+  for (const Picked& picked : picked_) {
+    const bool isTimed = (picked.forms & kFormsWithLastHit) != 0;
+    const auto sinceLastHit = isTimed ? *time++ : std::nullopt;
     for (int number = 0; number < kEntryForms; ++number) {
       const auto form = static_cast<EntryForm>(number);
       if ((picked.forms & bitOf(form)) == 0) continue;
-      if (!sendForm(read, *picked.entry, form, count, sender)) return false;
+      if (!sendForm(*read, *picked.entry, form, count, sinceLastHit, sender)) return false;
     }
     if ((picked.forms & kFormsWithCounter) != 0) ++count;
   }
@@ -282,12 +336,18 @@ bool ReadRun::sendPicked(const TableRead& read, EntitySender* sender) {
 }
 
 bool ReadRun::sendForm(const TableRead& read, const Entry& entry, EntryForm form,
-                       const Count* count, EntitySender* sender) {
-  const int64_t idle = idleTimeouts_->of(*read.table, entry);
-  if (!hasCounter(form)) return sender->sendEntry(*read.table, entry, form, {}, idle);
-  if (!count->failure) return sender->sendEntry(*read.table, entry, form, count->data, idle);
+                       const Count* count, std::optional<int64_t> sinceLastHit,
+                       EntitySender* sender) {
+  static const p4::v1::CounterData none;
+  const bool isCounted = hasCounter(form);
+  if (!isCounted || !count->failure) {
+    return sender->sendEntry(*read.table, entry, form,
+                             {.count = isCounted ? count->data : none,
+                              .idleTimeout = idleTimeouts_->of(*read.table, entry),
+                              .sinceLastHit = sinceLastHit});
+  }
   forEachTaking(read, entry, [&](size_t query) {
-    if (queries_[query].formFor(*read.table) != form) return;
+    if (formIn(read, query) != form) return;
     doFail(query, count->failure->code(), count->failure->message());
   });
   return true;

@@ -11,6 +11,7 @@
 #include "PI/frontend/read/DirectCounters.h"
 #include "PI/frontend/read/EntitySender.h"
 #include "PI/frontend/read/IdleTimeouts.h"
+#include "PI/frontend/read/LastHits.h"
 #include "PI/frontend/read/Query.h"
 #include "PI/frontend/read/ReadTurns.h"
 #include "PI/frontend/store/EntryStore.h"
@@ -21,8 +22,8 @@
 namespace pi::fe::proto {
 
 // For one Read, on its thread, without a lock. Waits for the client, and for a turn when it walks
-// through tables; it asks the target for counts alone. Equal queries share one result. Queries for
-// all objects pass over those that the caller may not read.
+// through tables; it asks the target for counts and last hits alone. Equal queries share one
+// result. Queries for all objects pass over those that the caller may not read.
 class ReadRun {
  public:
   ReadRun(const P4InfoIndex& index, EntryStore& store, const TargetSession& session,
@@ -42,6 +43,7 @@ class ReadRun {
     Queries ofAnyKey;
     absl::flat_hash_map<std::string_view, Queries> ofOneKey;  // of any priority
     bool sent = false;
+    std::optional<int> noHits = std::nullopt;  // the code with which nothing is told of last hits
   };
   struct Picked {
     const Entry* entry = nullptr;
@@ -64,10 +66,14 @@ class ReadRun {
   bool sendTable(const EntryStore::Snapshot& snapshot, TableRead* read, EntitySender* sender);
   template <typename Visit>
   void forEachTaking(const TableRead& read, const Entry& entry, Visit visit) const;
+  std::optional<EntryForm> formIn(const TableRead& read, size_t query) const;
   void maybePick(const TableRead& read, const Entry& entry);
-  bool sendPicked(const TableRead& read, EntitySender* sender);
+  void askCounts(const TableRead& read);
+  void askLastHits(TableRead* read);
+  void handleNoHits(TableRead* read, const Refusal& refusal);
+  bool sendPicked(TableRead* read, EntitySender* sender);
   bool sendForm(const TableRead& read, const Entry& entry, EntryForm form, const Count* count,
-                EntitySender* sender);
+                std::optional<int64_t> sinceLastHit, EntitySender* sender);
   void doFail(size_t query, int code, const std::string& message);
   void doCopyErrors();
 
@@ -88,6 +94,8 @@ class ReadRun {
   std::vector<Picked> picked_;                   // of one page
   std::vector<const Entry*> counted_;            // of these, the entries whose counts are sent
   std::vector<Count> counts_;                    // of those
+  std::vector<const Entry*> timed_;              // likewise, those whose last hits are sent
+  std::vector<std::optional<int64_t>> times_;    // of those
 };
 
 }  // namespace pi::fe::proto

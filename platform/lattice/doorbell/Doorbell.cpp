@@ -7,6 +7,7 @@
 #include <climits>
 #include <utility>
 
+#include "platform/lattice/records/Packing.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/FileDescriptor.h"
 #include "platform/vela/LookFor.h"
@@ -38,6 +39,19 @@ StoreIdentity identityOf(const Brine::Store& store) {
   StoreIdentity identity{};
   store.identity().copy(identity.data(), identity.size());
   return identity;
+}
+
+bool answers(const SubscriberInfo& info, Question::Kind kind) {
+  return info.answersQuestions && (kind != Question::Kind::lastHits || info.tellsLastHits);
+}
+
+// Of two answers about the same entries: an unknown time is longer than any other.
+void takeLatestHits(std::string_view other, std::string* times) {
+  if (other.size() != times->size()) return;
+  for (size_t at = 0; at + sizeof(uint64_t) <= other.size(); at += sizeof(uint64_t)) {
+    const auto told = loadAt<uint64_t>(other.data() + at);
+    if (told < loadAt<uint64_t>(times->data() + at)) storeAt(times->data() + at, told);
+  }
 }
 
 }  // namespace
@@ -143,6 +157,7 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   peer.attachedAt = last;
   peer.info.appliesAtOnce = (attach->flags & AttachMessage::appliesAtOnce) != 0;
   peer.info.answersQuestions = (attach->flags & AttachMessage::answersQuestions) != 0;
+  peer.info.tellsLastHits = (attach->flags & AttachMessage::tellsLastHits) != 0;
   peer.info.takingSnapshot = !continues;
   // Its next reads show at least the changes committed so far.
   peer.info.sequence = continues ? attach->sequence : last;
@@ -215,10 +230,10 @@ bool Doorbell::handleNotice(std::string_view message) {
 
 bool Doorbell::ask(const Question& question, AnswerHandler handler) {
   if (asked_.size() >= mostQuestions) finish(asked_.begin());  // nobody waits any more
-  Asked asked{.handler = std::move(handler)};
+  Asked asked{.kind = question.kind, .handler = std::move(handler)};
   const std::string message = QuestionMessage{++lastQuestion_, question}.encode();
   for (const auto& peer : peers_) {
-    if (!peer->attached || !peer->info.answersQuestions) continue;
+    if (!peer->attached || !answers(peer->info, question.kind)) continue;
     // One whose queue is full is behind, and might never hear of it.
     if (peer->socket.send(message) == Socket::Sent::all) asked.open |= peer->bit;
   }
@@ -235,8 +250,12 @@ bool Doorbell::handleAnswer(Peer& peer, std::string_view message) {
   if (asked == asked_.end() || (asked->second.open & peer.bit) == 0) return true;
   Asked& question = asked->second;
   question.open &= ~peer.bit;
+  Answer next{answer->errorCode, std::string(answer->bytes)};
+  if (question.kind == Question::Kind::lastHits && question.isAnswered && next.errorCode == 0) {
+    takeLatestHits(question.answer.bytes, &next.bytes);
+  }
   question.isAnswered = true;
-  question.answer = {answer->errorCode, std::string(answer->bytes)};
+  question.answer = std::move(next);
   if (answer->errorCode != 0) {
     question.answer.bytes = Vela::plainLine(answer->bytes, maxReportText);
     question.open = 0;

@@ -45,8 +45,9 @@ class Doorbell {
   // call it without the lock.
   bool lookForProgrammed(uint64_t sequence) const;
 
-  // Asks all subscribers that answer questions; false, and no call, when there is none. Whether the
-  // answer comes in time is the caller's to see to.
+  // Asks all subscribers that answer such questions; false, and no call, when there is none.
+  // Whether the answer comes in time is the caller's to see to. Of last hits, the answer has the
+  // latest that any of them tells.
   bool ask(const Question& question, AnswerHandler handler);
 
   bool anyAttached() const;
@@ -86,8 +87,9 @@ class Doorbell {
 
   // A question whose answer somebody waits for.
   struct Asked {
+    Question::Kind kind = Question::Kind::pipeline;
     Subscribers open = 0;  // have not answered yet
-    Answer answer;         // the last one
+    Answer answer;         // the last one, or of all so far
     bool isAnswered = false;
     AnswerHandler handler;
   };

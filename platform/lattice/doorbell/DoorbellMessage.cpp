@@ -1,5 +1,7 @@
 #include "platform/lattice/doorbell/DoorbellMessage.h"
 
+#include <algorithm>
+
 #include "platform/lattice/records/Packing.h"
 
 namespace Lattice {
@@ -33,6 +35,23 @@ std::optional<uint64_t> numberOf(std::string_view message, MessageKind kind) {
   if (!body) return std::nullopt;
   const auto number = body->take<uint64_t>();
   return body->finished() ? std::optional(number) : std::nullopt;
+}
+
+void appendEntries(const Question& question, std::string& bytes) {
+  const size_t count = std::min(question.entryHandles.size(), Question::mostEntries);
+  append(bytes, question.tableId);
+  append(bytes, static_cast<uint16_t>(count));
+  for (size_t i = 0; i < count; ++i) append(bytes, question.entryHandles[i]);
+}
+
+bool takeEntries(Unpacker& from, Question* question) {
+  question->tableId = from.take<uint32_t>();
+  const auto count = from.take<uint16_t>();
+  if (count > Question::mostEntries) return false;
+  for (unsigned i = 0; i < count && !from.bad(); ++i) {
+    question->entryHandles.push_back(from.take<uint64_t>());
+  }
+  return true;
 }
 
 constexpr size_t reportsHead = 2 + 8 + 1 + 2;
@@ -76,7 +95,8 @@ std::optional<AttachMessage> AttachMessage::decode(std::string_view message) {
   attach.identity = takeIdentity(*body);
   attach.name = body->takeText();
   if (!body->bad() && !body->finished()) attach.flags = body->take<uint8_t>();
-  constexpr uint8_t known = AttachMessage::appliesAtOnce | AttachMessage::answersQuestions;
+  constexpr uint8_t known =
+      AttachMessage::appliesAtOnce | AttachMessage::answersQuestions | AttachMessage::tellsLastHits;
   const bool isKnown = (attach.flags & ~known) == 0;
   if (!body->finished() || !isKnown || attach.name.size() > maxSubscriberName) return std::nullopt;
   return attach;
@@ -168,6 +188,8 @@ std::string QuestionMessage::encode() const {
     append(bytes, question.registerId);
     append(bytes, question.firstCell);
     append(bytes, question.cellCount);
+  } else if (question.kind == Question::Kind::lastHits) {
+    appendEntries(question, bytes);
   }
   return bytes;
 }
@@ -184,8 +206,11 @@ std::optional<QuestionMessage> QuestionMessage::decode(std::string_view message)
     asked.question.registerId = body->take<uint32_t>();
     asked.question.firstCell = body->take<uint64_t>();
     asked.question.cellCount = body->take<uint32_t>();
+  } else if (asked.question.kind == Question::Kind::lastHits) {
+    if (!takeEntries(*body, &asked.question)) return std::nullopt;
   } else if (asked.question.kind != Question::Kind::counts) {
-    return std::nullopt;
+    if (body->bad()) return std::nullopt;
+    return asked;
   }
   return body->finished() ? std::optional(asked) : std::nullopt;
 }

@@ -42,6 +42,7 @@ enum class MessageKind : uint8_t {
 struct AttachMessage {
   static constexpr uint8_t appliesAtOnce = 1;     // see Subscriber::appliesAtOnceIs()
   static constexpr uint8_t answersQuestions = 2;  // see Subscriber::answersQuestionsIs()
+  static constexpr uint8_t tellsLastHits = 4;     // see Subscriber::tellsLastHitsIs()
   uint64_t sequence = 0;
   StoreIdentity identity{};
   std::string_view name;
@@ -136,7 +137,9 @@ struct NoticeMessage {
 };
 
 // From the agent, to a subscriber that answers questions.  id u64 | kind u8 | pipeline: push u64 |
-// register cells: register id u32, first cell u64, number of cells u32 | counts: nothing
+// register cells: register id u32, first cell u64, number of cells u32 | counts: nothing | last
+// hits: table id u32, number of entries u16, entry handles u64. Of an unknown kind the rest is
+// passed over: later agents may have other questions.
 struct QuestionMessage {
   uint64_t id = 0;
   Question question;

@@ -39,6 +39,7 @@ struct SubscriberInfo {
   uint64_t sequence = 0;  // received up to here
   bool takingSnapshot = false;
   bool answersQuestions = false;
+  bool tellsLastHits = false;
   bool appliesAtOnce = false;  // each commit, for all packets at the same time, or none of it
   uint64_t reports = 0;
 };

@@ -61,8 +61,7 @@ QueryProgress QueryEngine::progress(const std::string& path) const {
   QueryProgress progress = query->last;
   progress.state = query->state;
   progress.reason = query->reason;
-  progress.atRows =
-      query->state == State::failed && query->active && !query->spec.method.read.empty();
+  progress.atEvaluation = query->state == State::failed && query->active;
   progress.method = query->spec.oneShot ? "one-shot" : methodText(query->spec.method);
   if (query->output->ready()) progress.rows = query->output->rowCount();
   if (query->active) {

@@ -29,7 +29,7 @@ struct QueryProgress {
   uint64_t rows = 0;
   uint64_t evaluations = 0;
   uint64_t microseconds = 0;  // of all evaluations
-  bool atRows = false;        // failed, but with other rows it would not have
+  bool atEvaluation = false;  // failed when it was evaluated: its text is valid
 };
 
 // Threads: call with the activity lock held; handlers run with it held.

@@ -12,6 +12,7 @@
 
 #include "forwarder/follow/ForwardingAgent.h"
 #include "forwarder/packets/PacketThread.h"
+#include "platform/lattice/records/Packing.h"
 #include "tests/p4/Playing.h"
 #include "tests/support/TempDir.h"
 
@@ -166,6 +167,15 @@ class PlaneTest : public testing::Test {
   uint64_t direct(uint8_t v, uint16_t port, const std::string& counter = std::string(17, '\0')) {
     return write("direct", big(v, 1), little(5, 4) + little(port, 2) + counter);
   }
+  void directOf(uint64_t handle, uint8_t v, uint16_t port, bool deleted = false) {
+    agent_.rowChanged(
+        {.table = &table("direct"),
+         .key = big(v, 1),
+         .value = deleted ? "" : little(5, 4) + little(port, 2) + std::string(17, '\0'),
+         .deleted = deleted,
+         .entryHandle = handle,
+         .sequence = ++sequence_});
+  }
   uint64_t memberIs(uint32_t id, uint16_t port) {
     return write("ecmp.member", big(id, 4), little(5, 4) + little(port, 2));
   }
@@ -178,6 +188,25 @@ class PlaneTest : public testing::Test {
     return write("spread", big(v, 1), little(group, 4) + little(1, 1));
   }
   std::string reportOn(uint64_t sequence) { return subscriber_.reports[sequence]; }
+
+  // Nanoseconds since the last hits of entries of a table; nothing: not known.
+  std::vector<std::optional<uint64_t>> sinceHits(const std::vector<uint64_t>& handles,
+                                                 uint32_t tableId = 6) {
+    const Lattice::Answer answer = agent_.answer(
+        {.kind = Lattice::Question::Kind::lastHits, .tableId = tableId, .entryHandles = handles});
+    EXPECT_EQ(answer.errorCode, 0) << answer.bytes;
+    std::vector<std::optional<uint64_t>> times;
+    for (size_t at = 0; at < answer.bytes.size(); at += 8) {
+      const auto time = Lattice::loadAt<uint64_t>(answer.bytes.data() + at);
+      times.push_back(time == Lattice::unknownLastHit ? std::nullopt : std::optional(time));
+    }
+    return times;
+  }
+  // The times of packets and entries are those of the clock. It moves on.
+  static void clockMovesOn() {
+    const uint64_t from = PacketThread::now();
+    while (PacketThread::now() < from + 1000) std::this_thread::yield();
+  }
 
   // The packets that come out for one, by the engine that packets meet now.
   Strings out(const std::string& packet, uint32_t port = 1) {
@@ -507,6 +536,78 @@ TEST_F(PlaneTest, NewsForControllers) {
   agent_.rowsEnd();
   EXPECT_THAT(out("08"), ElementsAre("4:08"));
   EXPECT_THAT(plane_.idleEntries(now + 60'000'000), IsEmpty());
+}
+
+TEST_F(PlaneTest, LastHitsAreThoseOfPacketsOrOfTheEntriesThemselves) {
+  const uint64_t begin = PacketThread::now();
+  const auto since = [](uint64_t from) { return (PacketThread::now() - from) * 1000; };
+  const uint64_t first = direct(7, 3) + 100, second = direct(8, 3) + 100;
+  spread(9, 1);
+  agent_.rowsEnd();
+  const uint64_t programmed = PacketThread::now();
+  clockMovesOn();
+  out("07");
+  const uint64_t hit = PacketThread::now();
+  clockMovesOn();
+  const auto known = [&](uint64_t entry, uint64_t other) {
+    const auto times = sinceHits({entry, 99, other});
+    ASSERT_EQ(times.size(), 3u);
+    EXPECT_THAT(times[0], testing::Optional(testing::Ge(1'000'000u)));
+    EXPECT_THAT(times[0], testing::Optional(testing::Lt(since(programmed)))) << "the packet";
+    EXPECT_EQ(times[1], std::nullopt) << "there is no such entry";
+    EXPECT_THAT(times[2], testing::Optional(testing::Ge(1000 * (hit - programmed)))) << "no packet";
+    EXPECT_THAT(times[2], testing::Optional(testing::Le(since(begin))));
+  };
+  known(first, second);
+  EXPECT_THAT(sinceHits({first}, 77), ElementsAre(std::nullopt)) << "of another table";
+  EXPECT_THAT(sinceHits({}), IsEmpty());
+
+  // A modified entry keeps its time, and a program that keeps the entries keeps them all.
+  directOf(first, 7, 4);
+  agent_.rowsEnd();
+  known(first, second);
+  push(2, program(100));
+  known(first, second);
+
+  erase("direct", big(7, 1));
+  agent_.rowsEnd();
+  EXPECT_THAT(sinceHits({first}), ElementsAre(std::nullopt));
+  EXPECT_THAT(sinceHits({second})[0], testing::Ne(std::nullopt));
+
+  // Without the program's own support nobody notes the hits.
+  std::string ageless = program();
+  const std::string support = R"("support_timeout":true)";
+  ageless.replace(ageless.find(support), support.size(), R"("support_timeout":false)");
+  push(3, ageless);
+  const Lattice::Answer answer = agent_.answer(
+      {.kind = Lattice::Question::Kind::lastHits, .tableId = 6, .entryHandles = {second}});
+  EXPECT_EQ(answer.errorCode, 6);
+  EXPECT_THAT(answer.bytes, HasSubstr("no idle time-outs"));
+}
+
+// The handle of a deleted entry may be given to the next one, in the same group of changes, and a
+// row that is the same may be that of another entry.
+TEST_F(PlaneTest, LastHitsFollowTheHandlesOfEntries) {
+  directOf(1, 7, 3);
+  directOf(2, 8, 3);
+  agent_.rowsEnd();
+  clockMovesOn();
+  const uint64_t later = PacketThread::now();
+  directOf(2, 8, 0, true);
+  directOf(2, 9, 3);
+  directOf(3, 7, 3);
+  directOf(1, 10, 3);
+  directOf(4, 7, 3);
+  agent_.rowsEnd();
+  const auto times = sinceHits({1, 2, 3, 4});
+  const uint64_t longest = (PacketThread::now() - later) * 1000;
+  EXPECT_EQ(times[2], std::nullopt);
+  for (const size_t entry : {0, 1, 3}) {
+    EXPECT_THAT(times[entry], testing::Optional(testing::Le(longest))) << entry;
+  }
+  directOf(1, 10, 0, true);
+  agent_.rowsEnd();
+  EXPECT_THAT(sinceHits({1}), ElementsAre(std::nullopt));
 }
 
 }  // namespace

@@ -77,6 +77,17 @@ void _pi_counts_wanted(pi_dev_id_t dev_id);
 int _pi_register_cells(pi_dev_id_t dev_id, pi_p4_id_t register_id, uint64_t first, uint32_t count,
                        pi_bytes_receiver_t receiver, void* cookie);
 
+#define PI_LAST_HIT_UNKNOWN UINT64_MAX
+
+/* For how long no packet has met entries of a table with idle time-outs, in nanoseconds; an entry
+ * that none has met counts from the time at which it was programmed. PI_LAST_HIT_UNKNOWN: the
+ * forwarding plane does not know the entry. Returns a canonical code of gRPC; when it is not 0,
+ * nothing is told, `say` receives the reason for the controller, and UNIMPLEMENTED means that the
+ * forwarding plane cannot tell of any entry of the table. Waits, so call it without the target's
+ * lock, with some hundred entries. */
+int _pi_last_hits(pi_dev_id_t dev_id, pi_p4_id_t table_id, const pi_entry_handle_t* handles,
+                  size_t count, uint64_t* nanoseconds, pi_bytes_receiver_t say, void* cookie);
+
 #ifdef __cplusplus
 }
 #endif

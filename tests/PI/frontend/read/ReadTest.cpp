@@ -149,6 +149,171 @@ TEST_F(ReadTest, EachQueryIsAnsweredByItself) {
                   code::invalidArgument, code::unimplemented, code::outOfRange));
 }
 
+// Of entries of a table with idle time-outs.
+class LastHitTest : public FrontendTest {
+ protected:
+  LastHitTest() {
+    target.abilitiesAre({.fields = 1, .entities = 1});
+    pipelineIsUp();
+    for (const uint16_t n : {1, 2, 3}) {
+      EXPECT_EQ(inserted(test::exact(test::kCounted, n)).code(), code::ok);
+      EXPECT_EQ(inserted(test::ipv4(1, uint32_t{n} << 24, 8, 1)).code(), code::ok);
+    }
+  }
+  static TableEntry timed(TableEntry query) {
+    query.mutable_time_since_last_hit();
+    return query;
+  }
+  static TableEntry key(uint16_t n) {
+    TableEntry query = test::exact(test::kCounted, n);
+    query.clear_action();
+    return query;
+  }
+  uint64_t handleOf(uint16_t n) {
+    uint64_t handle = 0;
+    for (const auto& [row, stored] : target.rows()) {
+      if (row.tableId == test::kCounted && static_cast<uint8_t>(row.bytes.back()) == n) {
+        handle = stored.handle;
+      }
+    }
+    return handle;
+  }
+  // "TABLE NANOSECONDS" of each entry of a Read, "TABLE -" of one without; sorted.
+  Status read(const std::vector<TableEntry>& queries, std::vector<std::string>* times) {
+    p4::v1::ReadRequest request;
+    for (const TableEntry& query : queries) *request.add_entities()->mutable_table_entry() = query;
+    times->clear();
+    const Status status = device->read(request, [&](const p4::v1::ReadResponse& response) {
+      for (const auto& entity : response.entities()) {
+        const TableEntry& entry = entity.table_entry();
+        const char* table = entry.table_id() == test::kCounted ? "counted " : "ipv4 ";
+        times->push_back(table + (entry.has_time_since_last_hit()
+                                      ? std::to_string(entry.time_since_last_hit().elapsed_ns())
+                                      : "-"));
+      }
+      return true;
+    });
+    std::ranges::sort(*times);
+    return status;
+  }
+};
+
+TEST_F(LastHitTest, IsToldWhereItIsAskedFor) {
+  target.lastHits.times = {{handleOf(1), 0}, {handleOf(2), UINT64_MAX - 1}};
+  TableEntry twice = timed(test::query(test::kCounted));
+  twice.mutable_counter_data();
+  const std::string longest = "counted " + std::to_string(INT64_MAX);
+  const struct {
+    const char* what;
+    std::vector<TableEntry> queries;
+    std::vector<std::string> times;
+    size_t calls;
+  } cases[] = {
+      {"not asked for", {test::query(test::kCounted)}, {"counted -", "counted -", "counted -"}, 0},
+      {"of a table", {timed(test::query(test::kCounted))}, {"counted -", "counted 0", longest}, 1},
+      {"of one entry", {timed(key(1))}, {"counted 0"}, 1},
+      {"of no entry", {timed(key(9))}, {}, 0},
+      {"with and without",
+       {test::query(test::kCounted), timed(key(1)), timed(key(2))},
+       {"counted -", "counted -", "counted -", "counted 0", longest},
+       2},
+      {"with a counter", {twice}, {"counted -", "counted 0", longest}, 1},
+      {"of all tables",
+       {timed(test::query(0))},
+       {"counted -", "counted 0", longest, "ipv4 -", "ipv4 -", "ipv4 -"},
+       1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    target.lastHits.calls.clear();
+    std::vector<std::string> times;
+    EXPECT_EQ(read(c.queries, &times).code(), code::ok);
+    EXPECT_EQ(times, c.times);
+    EXPECT_THAT(target.lastHits.calls, SizeIs(c.calls));
+  }
+}
+
+TEST_F(LastHitTest, IsNotToldOfWhatHasNone) {
+  TableEntry ofDefault = timed(test::query(test::kCounted));
+  ofDefault.set_is_default_action(true);
+  std::vector<std::string> times;
+  const Status status = read({timed(test::query(test::kIpv4)), ofDefault}, &times);
+  EXPECT_THAT(test::codesOf(status), ElementsAre(code::invalidArgument, code::invalidArgument));
+  EXPECT_THAT(status.details(0).SerializeAsString(), testing::HasSubstr("ingress.ipv4"));
+  EXPECT_THAT(target.lastHits.calls, SizeIs(0));
+}
+
+// Who asked for it hears of the failure, and the others get their entries.
+TEST_F(LastHitTest, FailuresAreOfTheQueriesThatAskForIt) {
+  const TableEntry all = timed(test::query(0)), table = timed(test::query(test::kCounted)),
+                   plain = test::query(test::kCounted);
+  const std::vector<std::string> three = {"counted -", "counted -", "counted -"};
+  const std::vector<std::string> six = {"counted -", "counted -", "counted -",
+                                        "ipv4 -",    "ipv4 -",    "ipv4 -"};
+  const std::vector<std::string> others = {"ipv4 -", "ipv4 -", "ipv4 -"};
+  const struct {
+    const char* what;
+    int code;
+    std::vector<TableEntry> queries;
+    std::vector<int> codes;
+    std::vector<std::string> entries;
+  } cases[] = {
+      {"nobody can tell",
+       code::unimplemented,
+       {table, plain},
+       {code::unimplemented, code::ok},
+       three},
+      {"nobody can tell of one entry",
+       code::unimplemented,
+       {timed(key(1))},
+       {code::unimplemented},
+       {}},
+      {"nobody can tell, of all tables", code::unimplemented, {all}, {}, six},
+      {"of all and of one",
+       code::unimplemented,
+       {all, table},
+       {code::ok, code::unimplemented},
+       six},
+      {"not in time", code::unavailable, {table, plain}, {code::unavailable, code::ok}, three},
+      {"not in time, of all tables", code::unavailable, {all}, {code::unavailable}, others},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    target.lastHits.code = c.code;
+    target.lastHits.calls.clear();
+    std::vector<std::string> times;
+    const Status status = read(c.queries, &times);
+    EXPECT_EQ(test::codesOf(status), c.codes);
+    EXPECT_EQ(times, c.entries);
+    EXPECT_THAT(target.lastHits.calls, SizeIs(1));
+    if (c.codes.empty()) continue;
+    EXPECT_THAT(status.ShortDebugString(), testing::HasSubstr("nobody tells"));
+  }
+}
+
+// A table is asked for in pieces, and no more after a failure.
+TEST_F(LastHitTest, OfLargeTablesIsAskedInPieces) {
+  std::vector<Update> more;
+  for (uint16_t n = 4; n <= 600; ++n) {
+    more.push_back(test::update(Update::INSERT, test::exact(test::kCounted, n)));
+  }
+  ASSERT_EQ(written(more).code(), code::ok);
+  std::vector<std::string> times;
+  EXPECT_EQ(read({timed(test::query(test::kCounted))}, &times).code(), code::ok);
+  EXPECT_THAT(times, SizeIs(600));
+  const size_t calls = target.lastHits.calls.size();
+  EXPECT_GT(calls, 3u);
+  for (const auto& handles : target.lastHits.calls) EXPECT_LE(handles.size(), 200u);
+
+  target.lastHits.calls.clear();
+  target.lastHits.code = code::unavailable;
+  target.lastHits.toldCalls = 2;
+  EXPECT_THAT(test::codesOf(read({timed(test::query(test::kCounted))}, &times)),
+              ElementsAre(code::unavailable));
+  EXPECT_THAT(times, testing::AllOf(SizeIs(testing::Gt(0u)), SizeIs(testing::Lt(600u))));
+  EXPECT_THAT(target.lastHits.calls, SizeIs(3));
+}
+
 // Controllers begin with "delete everything", on any switch.
 TEST_F(ReadTest, OfKindsThatAreNotThereAllIsNothing) {
   p4::v1::ReadRequest request;

@@ -478,6 +478,21 @@ int _pi_register_cells(pi_dev_id_t, pi_p4_id_t registerId, uint64_t first, uint3
   receiver(cookie, bytes.data(), bytes.size());
   return 1;
 }
+int _pi_last_hits(pi_dev_id_t, pi_p4_id_t, const pi_entry_handle_t* handles, size_t count,
+                  uint64_t* nanoseconds, pi_bytes_receiver_t say, void* cookie) {
+  FakeTarget::LastHits& hits = theTarget->lastHits;
+  hits.calls.emplace_back(handles, handles + count);
+  if (hits.code != 0 && hits.calls.size() > hits.toldCalls) {
+    const std::string_view why = "nobody tells";
+    say(cookie, why.data(), why.size());
+    return hits.code;
+  }
+  for (size_t i = 0; i < count; ++i) {
+    const auto time = hits.times.find(handles[i]);
+    nanoseconds[i] = time == hits.times.end() ? PI_LAST_HIT_UNKNOWN : time->second;
+  }
+  return 0;
+}
 void _pi_abilities(const char*, size_t, pi_abilities_t* abilities) {
   if (theTarget) *abilities = theTarget->abilities();
 }

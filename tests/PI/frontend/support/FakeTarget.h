@@ -98,6 +98,14 @@ class FakeTarget {
   int countsWanted = 0;
   // The cells of a register as the forwarding plane tells them; empty: it does not.
   std::function<std::string(uint32_t registerId, uint64_t first, uint32_t count)> registerCells;
+  // Of last hits, as the forwarding plane tells them.
+  struct LastHits {
+    std::map<uint64_t, uint64_t> times;        // nanoseconds by entry; the others are not known
+    std::vector<std::vector<uint64_t>> calls;  // the entries asked for
+    int code = 0;                              // of the calls after the first `toldCalls`
+    size_t toldCalls = 0;
+  };
+  LastHits lastHits;
 
   void appliesAtOnceIs(bool appliesAtOnce) { appliesAtOnce_ = appliesAtOnce; }
 

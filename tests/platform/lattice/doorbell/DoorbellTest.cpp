@@ -31,6 +31,9 @@ const Question registerCells{.kind = Question::Kind::registerCells,
                              .firstCell = 1ull << 40,
                              .cellCount = 9};
 
+const Question lastHits{
+    .kind = Question::Kind::lastHits, .tableId = 6, .entryHandles = {1, 1ull << 40}};
+
 TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
   const std::string messages[] = {AttachMessage{1, {}, "name"}.encode(),
                                   AttachedMessage{}.encode(),
@@ -41,6 +44,7 @@ TEST(DoorbellMessage, IsRefusedAtEveryOtherLength) {
                                   QuestionMessage{7, {.push = 3}}.encode(),
                                   QuestionMessage{7, registerCells}.encode(),
                                   QuestionMessage{7, {.kind = Question::Kind::counts}}.encode(),
+                                  QuestionMessage{7, lastHits}.encode(),
                                   AnswerMessage{7, 2, "why"}.encode(),
                                   someReports(9)};
   const auto accepted = [](const std::string& m) {
@@ -68,6 +72,37 @@ TEST(DoorbellMessage, AttachesWithFlagsOrWithout) {
   EXPECT_EQ(with, without + '\x01');
   EXPECT_EQ(AttachMessage::decode(without)->flags, 0);
   EXPECT_EQ(AttachMessage::decode(with)->flags, AttachMessage::appliesAtOnce);
+}
+
+TEST(DoorbellMessage, AsksForTheLastHitsOfSoManyEntries) {
+  EXPECT_EQ(QuestionMessage({1, lastHits}).encode(),
+            std::string("\x09\x02"
+                        "\1\0\0\0\0\0\0\0"  // id
+                        "\4"                // kind
+                        "\6\0\0\0"          // table
+                        "\2\0"
+                        "\1\0\0\0\0\0\0\0"
+                        "\0\0\0\0\0\1\0\0",
+                        33));
+  Question many = lastHits;
+  many.entryHandles.resize(Question::mostEntries, 9);
+  const std::string message = QuestionMessage{1, many}.encode();
+  EXPECT_LE(message.size(), maxMessageBytes);
+  EXPECT_LE(many.entryHandles.size() * sizeof(uint64_t), AnswerMessage::mostBytes);
+  EXPECT_EQ(QuestionMessage::decode(message)->question.entryHandles, many.entryHandles);
+  std::string more = message + std::string(8, '\0');
+  storeAt(more.data() + 2 + 8 + 1 + 4, static_cast<uint16_t>(Question::mostEntries + 1));
+  EXPECT_FALSE(QuestionMessage::decode(more));
+}
+
+// A later agent may have other questions: a subscriber that does not know one says so.
+TEST(DoorbellMessage, AsksQuestionsOfOtherKinds) {
+  std::string later = QuestionMessage{7, {.kind = Question::Kind::counts}}.encode() + "more";
+  later[2 + 8] = 99;
+  const auto asked = QuestionMessage::decode(later);
+  ASSERT_TRUE(asked);
+  EXPECT_EQ(asked->id, 7u);
+  EXPECT_EQ(static_cast<int>(asked->question.kind), 99);
 }
 
 TEST(DoorbellMessage, CarriesReportsUpToItsLimits) {
@@ -423,6 +458,61 @@ TEST_F(DoorbellTest, QuestionsAreAnsweredByThoseThatCan) {
   others.reset();
   EXPECT_TRUE(follow({}, 3));
   EXPECT_EQ(heard.back(), std::string("0\0\1", 3));
+  EXPECT_EQ(agent.database->droppedMessages(), 0u);
+}
+
+// Forwarding agents of before do not know the question, and would hang up. Of those that do, the
+// latest hit counts.
+TEST_F(DoorbellTest, LastHitsAreToldByThoseThatKnowThem) {
+  Follower former(directory.path(), "former"), one(directory.path(), "one"),
+      other(directory.path(), "other");
+  for (Follower* follower : {&former, &one, &other}) {
+    follower->subscriber->answersQuestionsIs(true);
+    follower->subscriber->tellsLastHitsIs(follower != &former);
+  }
+  std::optional<Answer> heard;
+  const auto ask = [&] {
+    const Vela::ActivityLock lock;
+    heard.reset();
+    return agent.database->ask(lastHits, [&](const Answer* answer) { heard = *answer; });
+  };
+  const auto times = [](uint64_t first, uint64_t second) {
+    std::string bytes;
+    append(bytes, first);
+    append(bytes, second);
+    return bytes;
+  };
+  ASSERT_TRUE(Agent::followUntil({former.subscriber.get()}, [&] { return attached() == 1; }));
+  EXPECT_FALSE(ask());
+  const std::vector<Subscriber*> all = {former.subscriber.get(), one.subscriber.get(),
+                                        other.subscriber.get()};
+  ASSERT_TRUE(Agent::followUntil(all, [&] { return attached() == 3; }));
+  const struct {
+    const char* what;
+    Answer one, other, heard;
+  } cases[] = {
+      {"each knows one",
+       {0, times(5, unknownLastHit)},
+       {0, times(unknownLastHit, 6)},
+       {0, times(5, 6)}},
+      {"both know both", {0, times(5, 7)}, {0, times(8, 6)}, {0, times(5, 6)}},
+      {"neither knows",
+       {0, times(unknownLastHit, unknownLastHit)},
+       {0, times(unknownLastHit, unknownLastHit)},
+       {0, times(unknownLastHit, unknownLastHit)}},
+      {"one fails", {6, "none here"}, {6, "none here"}, {6, "none here"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    one.answers = c.one;
+    other.answers = c.other;
+    ASSERT_TRUE(ask());
+    ASSERT_TRUE(Agent::followUntil(all, [&] { return heard.has_value(); }));
+    EXPECT_EQ(heard->errorCode, c.heard.errorCode);
+    EXPECT_EQ(heard->bytes, c.heard.bytes);
+  }
+  EXPECT_TRUE(former.questions.empty());
+  EXPECT_EQ(one.questions.back().entryHandles, lastHits.entryHandles);
   EXPECT_EQ(agent.database->droppedMessages(), 0u);
 }
 
