@@ -20,6 +20,7 @@
 #include "PI/int/pi_int.h"
 #include "PI/pi_extensions.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -52,7 +53,7 @@ void Agent::doInit() {
     try {
       Scrivel::initialize(options);
     } catch (const Scrivel::TraceError& e) {
-      fmt::print(stderr, "korvel: no traces: {}\n", e.what());
+      Vela::tellError("no traces: {}", e.what());
     }
     SCRIVEL_TRACE(0, "scvPrefix is: ", options.filePrefix);
   }
@@ -71,7 +72,7 @@ void Agent::doMountsComplete(const Vela::Outcome& mounts,
                              const Vela::Ptr<Orrery::EntityManager>& entityManager) {
   if (!mounts.ok()) {
     SCRIVEL_TRACE(0, name(), " Mounts failed, exiting\n");
-    fmt::print(stderr, "{} Mounts failed, exiting: {}\n", name(), mounts.reason());
+    Vela::tellError("{} Mounts failed, exiting: {}", name(), mounts.reason());
     sleep(1);
     runtime_.exit(0);
   }
@@ -193,10 +194,10 @@ void Agent::handleAgentLeft(const Lattice::SubscriberInfo& agent) {
   SCRIVEL_TRACE(1, "handleAgentLeft", " ", agent.name, " pid: ", agent.pid,
                 " failures: ", failures);
   if (failures == 0) return;
-  fmt::print(stderr,
-             "korvel: forwarding agent {} has left, and its {} failures leave the list; it reports "
-             "them again when it is back\n",
-             agent.name, failures);
+  Vela::tellError(
+      "forwarding agent {} has left, and its {} failures leave the list; it reports "
+      "them again when it is back",
+      agent.name, failures);
 }
 
 void Agent::doBuildPipeline() {

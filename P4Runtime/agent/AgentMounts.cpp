@@ -1,13 +1,12 @@
 // The entities of the state database that the agent needs, and their paths.
-#include <fmt/format.h>
 
 #include <cstddef>
-#include <cstdio>
 
 #include "P4Runtime/agent/Agent.h"
 #include "P4Runtime/companion/SecurityConfig.h"
 #include "P4Runtime/companion/Settings.h"
 #include "platform/orrery/EntityTypes.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -87,10 +86,10 @@ void Agent::doFetchMounts(const Orrery::EntityManager& manager) {
   tables_ = Lattice::Database::create(runtime_.loop, runtime_.store,
                                       {.doorbellPath = runtime_.stateDirectory + "/doorbell.sock"});
   if (const size_t undone = tables_->undoneAtStart(); undone > 0) {
-    fmt::print(stderr,
-               "korvel: the agent ended before the outcome of a ROLLBACK_ON_ERROR Write was known; "
-               "its changes were undone: {}\n",
-               undone);
+    Vela::tellError(
+        "the agent ended before the outcome of a ROLLBACK_ON_ERROR Write was known; "
+        "its changes were undone: {}",
+        undone);
   }
   typeConfigDirIs(manager.entity<Pollen::TypeConfigDir>("lattice/config/type/p4runtime"));
   typeStatusDirIs(manager.entity<Pollen::TypeStatusDir>("lattice/status/type/p4runtime"));

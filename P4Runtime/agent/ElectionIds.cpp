@@ -1,16 +1,14 @@
 #include "P4Runtime/agent/ElectionIds.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <thread>
 #include <vector>
 
 #include "PI/proto/pi_server.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
@@ -151,10 +149,10 @@ void save(const PIGrpcServerElectionId_t* id, void* cookie) {
   auto& ids = *static_cast<ElectionIds*>(cookie);
   if (ids.idIs(roleOf(*id), {id->high, id->low})) return;
   // Any client may choose the name, so it is printed as one plain line.
-  fmt::print(stderr,
-             "korvel: the state directory has no room for election id {} of role '{}'; it holds, "
-             "but a restart may forget it until there is room\n",
-             id->low, Vela::plainLine({id->role, id->role_size}, longestRoleShown));
+  Vela::tellError(
+      "the state directory has no room for election id {} of role '{}'; it holds, "
+      "but a restart may forget it until there is room",
+      id->low, Vela::plainLine({id->role, id->role_size}, longestRoleShown));
 }
 
 void forget(const PIGrpcServerElectionId_t* id, void* cookie) {

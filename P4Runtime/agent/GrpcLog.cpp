@@ -1,16 +1,15 @@
 #include "P4Runtime/agent/GrpcLog.h"
 
-#include <fmt/format.h>
 #include <grpc/support/log.h>
 
 #include <chrono>
-#include <cstdio>
 #include <mutex>
 #include <string>
 #include <string_view>
 
 #include "P4Runtime/agent/AccountLog.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/LineBudget.h"
 #include "platform/vela/PlainText.h"
 
@@ -40,10 +39,10 @@ void handleMessage(gpr_log_func_args* message) {
   if (isHandshake(*message)) accountHandshake(line);
   const auto write = verdict();
   if (write == Vela::LineBudget::Verdict::silent) return;
-  fmt::print(stderr, "korvel: gRPC: {}{}\n", line,
-             write == Vela::LineBudget::Verdict::last
-                 ? "; more are not shown for a while, korvel trace has them"
-                 : "");
+  Vela::tellError("gRPC: {}{}", line,
+                  write == Vela::LineBudget::Verdict::last
+                      ? "; more are not shown for a while, korvel trace has them"
+                      : "");
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 #include "P4Runtime/pi/P4RuntimeException.h"
@@ -14,6 +13,7 @@
 #include "PI/pi_extensions.h"
 #include "PI/target/pi_tables_imp.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -255,8 +255,8 @@ void KorvelPiServerInitSm::programConstantEntry(uint32_t tableId,
     tableImpl()->constantEntries().programmedIs(rid, handle, entry);
     return;
   }
-  fmt::print(stderr, "korvel: a constant entry of table {} (key {}) could not be added\n",
-             tableInfo()->nameOf(rid), entry.key);
+  Vela::tellError("a constant entry of table {} (key {}) could not be added",
+                  tableInfo()->nameOf(rid), entry.key);
   if (status != updateFailedStatus) {
     SCRIVEL_TRACE(0, "programConstantTables", "Failed to add const entry to table: ", tableId,
                   " return code: ", static_cast<int>(status));

@@ -23,6 +23,7 @@
 #include "pipeline/RowNames.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -212,7 +213,7 @@ class PipelinePusher::Reset : public AwaitedChange {
       pusher_.peers_.files.markDel();
       return true;
     } catch (const std::exception& e) {
-      fmt::print(stderr, "korvel: the pushed pipeline stays: {}\n", e.what());
+      Vela::tellError("the pushed pipeline stays: {}", e.what());
       return false;
     }
   }

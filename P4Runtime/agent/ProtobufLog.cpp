@@ -1,14 +1,13 @@
 #include "P4Runtime/agent/ProtobufLog.h"
 
-#include <fmt/format.h>
 #include <google/protobuf/stubs/logging.h>
 
 #include <chrono>
-#include <cstdio>
 #include <mutex>
 #include <string>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/LineBudget.h"
 #include "platform/vela/PlainText.h"
 
@@ -32,10 +31,10 @@ void handleMessage(google::protobuf::LogLevel level, const char*, int, const std
   SCRIVEL_TRACE(1, "handleMessage", " level: ", static_cast<int>(level), " ", line);
   const auto write = verdict();
   if (write == Vela::LineBudget::Verdict::silent) return;
-  fmt::print(stderr, "korvel: protobuf: {}{}\n", line,
-             write == Vela::LineBudget::Verdict::last
-                 ? "; more are not shown for a while, korvel trace has them"
-                 : "");
+  Vela::tellError("protobuf: {}{}", line,
+                  write == Vela::LineBudget::Verdict::last
+                      ? "; more are not shown for a while, korvel trace has them"
+                      : "");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "PI/proto/pi_server.h"
 #include "PI/proto/pi_server_security.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/Exception.h"
 
 namespace P4Runtime {
@@ -164,7 +165,7 @@ void SecurityLog::textIs(const std::string& text) {
   last_ = text;
   if (!isStable || text == told_) return;
   told_ = text;
-  if (!text.starts_with(harmless)) fmt::print(stderr, "korvel: P4Runtime server: {}\n", text);
+  if (!text.starts_with(harmless)) Vela::tellError("P4Runtime server: {}", text);
 }
 
 }  // namespace P4Runtime

@@ -1,8 +1,5 @@
 #include "P4Runtime/monitoring/Monitoring.h"
 
-#include <fmt/format.h>
-
-#include <cstdio>
 #include <exception>
 #include <thread>
 #include <utility>
@@ -12,6 +9,7 @@
 #include "P4Runtime/monitoring/StatusJson.h"
 #include "PI/proto/pi_server_shared.h"
 #include "platform/vela/ActivityLock.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 
@@ -41,8 +39,7 @@ void Monitoring::handleAddress() {
                                              : "plain, for this machine alone");
   } catch (const std::exception& e) {
     status_->troubleIs(e.what());
-    fmt::print(stderr, "korvel: no metrics are served (p4runtime/config/monitoring): {}\n",
-               e.what());
+    Vela::tellError("no metrics are served (p4runtime/config/monitoring): {}", e.what());
   }
 }
 

@@ -1,11 +1,10 @@
 #include "P4Runtime/packet/P4RuntimeCpuPktMgr.h"
 
-#include <fmt/format.h>
-
 #include <system_error>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -18,9 +17,10 @@ void tellOnce(const std::system_error& e) {
   if (e.code() == std::errc::no_such_device || !told->insert(e.code().value()).second) return;
   const bool permission =
       e.code() == std::errc::operation_not_permitted || e.code() == std::errc::permission_denied;
-  fmt::print(stderr, "korvel: {}; {}\n", e.what(),
-             permission ? "no packets go there: run the agent with CAP_NET_RAW and CAP_NET_ADMIN"
-                        : "no packets go there until it can");
+  Vela::tellError("{}; {}", e.what(),
+                  permission
+                      ? "no packets go there: run the agent with CAP_NET_RAW and CAP_NET_ADMIN"
+                      : "no packets go there until it can");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "PI/pi.h"
 #include "PI/target/pi_imp.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/wirra/packets/ShortFrame.h"
 
 namespace P4Runtime {
@@ -116,10 +117,10 @@ void CpuPktSm::doBringUp() {
   const Vela::Outcome up = controllerInterface()->bringUpIntf();
   if (up.ok()) return;
   SCRIVEL_TRACE(0, "doBringUp", " ", up.reason());
-  fmt::print(stderr,
-             "korvel: {}; packets for controllers come in there: bring it up by hand, or mend "
-             "bridgeMacAddr of bridging/config\n",
-             up.reason());
+  Vela::tellError(
+      "{}; packets for controllers come in there: bring it up by hand, or mend "
+      "bridgeMacAddr of bridging/config",
+      up.reason());
 }
 
 void CpuPktSm::doEnablePam() {
@@ -216,8 +217,8 @@ void CpuPktSm::processPkt(const Ptr& pkt) {
   const pi_status_t status =
       pi_packetin_receive(deviceId, reinterpret_cast<const char*>(bytes.data()), bytes.size());
   if (status != PI_STATUS_SUCCESS) {
-    fmt::print(stderr, "Failed( status == PI_STATUS_SUCCESS )  packet_in_receive failed with {}\n",
-               static_cast<int>(status));
+    Vela::tellError("Failed( status == PI_STATUS_SUCCESS )  packet_in_receive failed with {}",
+                    static_cast<int>(status));
     assert(!"( status == PI_STATUS_SUCCESS )");
   }
 }

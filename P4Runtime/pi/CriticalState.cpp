@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <cstdio>
 
 #include "P4Runtime/companion/P4RtSystemConfig.h"
 #include "P4Runtime/pi/P4RuntimeException.h"
@@ -11,6 +10,7 @@
 #include "P4Runtime/pi/WriteGate.h"
 #include "PI/frontends/proto/device_mgr.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -29,10 +29,10 @@ void applyLevel(uint32_t levelWithoutGate) {
 void enterCriticalState(P4RuntimeConfig::P4RtSystemStatus* status, const char* why) {
   if (status) status->criticalIs(why, fmt::format("{:%FT%TZ}", fmt::gmtime(std::time(nullptr))));
   applyLevel(readsAllowed);
-  fmt::print(stderr,
-             "korvel: the switch is critical: {}; WRITE operations are no longer allowed; call "
-             "revertCriticalState once the forwarding plane can be trusted again\n",
-             why);
+  Vela::tellError(
+      "the switch is critical: {}; WRITE operations are no longer allowed; call "
+      "revertCriticalState once the forwarding plane can be trusted again",
+      why);
 }
 
 }  // namespace

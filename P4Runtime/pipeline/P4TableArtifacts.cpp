@@ -16,6 +16,7 @@
 #include "P4Runtime/pipeline/ParsingStatus.h"
 #include "PI/target/pi_extensions_imp.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -165,7 +166,7 @@ void P4TableInfoSm::createLatticeTableInterfaces() {
     SCRIVEL_TRACE(0, "createLatticeTableInterfaces", " removed the rows of table ", name,
                   ", which the pipeline no longer has");
     if (push_) continue;  // all entries go
-    fmt::print(stderr, "korvel: removed table {}, which the pipeline no longer has\n", name);
+    Vela::tellError("removed table {}, which the pipeline no longer has", name);
   }
   allArInterfacesCreatedIs(true);
 }
@@ -280,7 +281,7 @@ void P4TableInfoSm::doRefuse() {
   }
   TheParsingStatus()->refusedIs(fmt::format("{}", fmt::join(lines, "\n")));
   for (const std::string& line : lines) {
-    fmt::print(stderr, "korvel: {}; writes of it will be refused\n", line);
+    Vela::tellError("{}; writes of it will be refused", line);
   }
 }
 

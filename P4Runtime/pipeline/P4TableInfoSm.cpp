@@ -4,7 +4,6 @@
 #include <google/protobuf/util/json_util.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,6 +16,7 @@
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/FileKind.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -31,10 +31,10 @@ void writeForPeople(const std::string& path, const std::string& text) {
   file.close();
   if (file) return;
   SCRIVEL_TRACE(0, "P4TableInfoSm", " cannot write ", path);
-  fmt::print(stderr,
-             "korvel: cannot write {}: the running pipeline cannot be read there; set "
-             "p4InfoJsonPath and deviceJsonPath of p4runtime/config/agent to writable places\n",
-             path);
+  Vela::tellError(
+      "cannot write {}: the running pipeline cannot be read there; set "
+      "p4InfoJsonPath and deviceJsonPath of p4runtime/config/agent to writable places",
+      path);
 }
 
 constexpr const char* nameAFile =
@@ -134,10 +134,10 @@ void P4TableInfoSm::handleConfiguredPath() {
   const bool isPushed = !given_.empty() || (awaited_ && systemConfig_->enabled());
   if (!isPushed) return handlePipelineConfigFile();
   SCRIVEL_TRACE(1, "handleConfiguredPath", " a pushed pipeline stays; configured: ", path);
-  fmt::print(stderr,
-             "korvel: the pipeline that a controller pushed stays; 'korvel pipeline reset' goes "
-             "back to the configured one, {} now\n",
-             path.empty() ? "none" : path);
+  Vela::tellError(
+      "the pipeline that a controller pushed stays; 'korvel pipeline reset' goes "
+      "back to the configured one, {} now",
+      path.empty() ? "none" : path);
 }
 
 void P4TableInfoSm::handlePipelineConfigFile() {

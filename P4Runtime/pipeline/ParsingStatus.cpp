@@ -1,11 +1,8 @@
 #include "P4Runtime/pipeline/ParsingStatus.h"
 
-#include <fmt/format.h>
-
-#include <cstdio>
-
 #include "P4Runtime/pi/P4RuntimeException.h"
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
@@ -53,7 +50,7 @@ void P4RuntimeParsingException::handleException(const P4RuntimeParsingException&
   SCRIVEL_TRACE(0, "P4RuntimeParsingException", " latticeError: ", e.latticeError,
                 " error: ", e.error, " jsonError: ", e.jsonError);
   if (!TheParsingStatus()->failureIs(e.latticeError, e.error, e.jsonError, e.hint)) return;
-  fmt::print(stderr, "korvel: pipeline: {}\n", TheParsingStatus()->text());
+  Vela::tellError("pipeline: {}", TheParsingStatus()->text());
 }
 
 }  // namespace P4Runtime

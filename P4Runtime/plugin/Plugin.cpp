@@ -2,10 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -133,7 +133,7 @@ void Plugin::doStop() {
     try {
       stop(instance_);
     } catch (...) {
-      fmt::print(stderr, "korvel: plugin {}: its function stop failed\n", name());
+      Vela::tellError("plugin {}: its function stop failed", name());
     }
   }
   instance_ = nullptr;
@@ -142,7 +142,7 @@ void Plugin::doStop() {
 void Plugin::stateIs(const std::string& state) { status_->stateIs(state); }
 
 void Plugin::doFail(const std::string& why) {
-  fmt::print(stderr, "korvel: plugin {} ({}) is not used: {}\n", name(), path_, why);
+  Vela::tellError("plugin {} ({}) is not used: {}", name(), path_, why);
   doStop();
   host_->close();
   stateIs("failed: " + why);

@@ -1,12 +1,11 @@
 #include "P4Runtime/plugin/PluginHost.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cstring>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
@@ -235,7 +234,7 @@ void PluginHost::doLog(const char* text) {
   if (!text) return;
   const std::string line = printable(text, longestValue);
   SCRIVEL_TRACE(0, "plugin ", name_, ": ", line);
-  fmt::print(stderr, "korvel: plugin {}: {}\n", name_, line);
+  Vela::tellError("plugin {}: {}", name_, line);
   const std::lock_guard lock(mutex_);
   lastWords_ = line;
 }

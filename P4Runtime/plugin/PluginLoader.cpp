@@ -1,14 +1,12 @@
 #include "P4Runtime/plugin/PluginLoader.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <system_error>
 #include <utility>
 
 #include "platform/scrivel/Trace.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 namespace {
@@ -39,10 +37,10 @@ void PluginLoader::load(const std::string& directory) {
   std::error_code error;
   const std::vector<std::string> paths = librariesIn(directory, error);
   if (error) {
-    fmt::print(stderr,
-               "korvel: no plugins: cannot read {}: {}; set pluginDirectory of "
-               "p4runtime/config/agent to a folder of plugins\n",
-               directory, error.message());
+    Vela::tellError(
+        "no plugins: cannot read {}: {}; set pluginDirectory of "
+        "p4runtime/config/agent to a folder of plugins",
+        directory, error.message());
   }
   for (const std::string& path : paths) loadFile(path);
   tellMissing(directory);
@@ -69,7 +67,7 @@ void PluginLoader::loadFile(const std::string& path) {
 void PluginLoader::refuse(const std::string& name, const std::string& path,
                           const std::string& why) {
   SCRIVEL_TRACE(0, "plugin ", path, " cannot be used: ", why);
-  fmt::print(stderr, "korvel: plugin {} cannot be used: {}\n", path, why);
+  Vela::tellError("plugin {} cannot be used: {}", path, why);
   if (!name.empty()) add(Vela::make<Plugin>(name, path, why, context_));
 }
 
@@ -86,8 +84,7 @@ void PluginLoader::tellMissing(const std::string& directory) const {
   for (const std::string& name : context_.pluginConfigDir->entityNames()) {
     const bool isPlugin = isPluginName(name);
     if (!isPlugin || context_.pluginDataDir->entityHas(name)) continue;
-    fmt::print(stderr, "korvel: plugin {} is configured, but there is no {}.so in {}\n", name, name,
-               directory);
+    Vela::tellError("plugin {} is configured, but there is no {}.so in {}", name, name, directory);
   }
 }
 

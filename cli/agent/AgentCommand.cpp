@@ -36,6 +36,7 @@
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
 #include "platform/vela/Descriptors.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/ReactorLoop.h"
 #include "platform/vela/Reloads.h"
 #include "platform/vela/ServiceManager.h"
@@ -74,10 +75,10 @@ OpenedStore rebuiltStore(const Brine::StoreOptions& options, const Brine::StoreE
   std::string place;
   auto store = Brine::Store::rebuild(options, loss.trouble, &place);
   const std::string text = fmt::format("begun empty: {}; it was moved to {}", loss.what(), place);
-  fmt::print(stderr,
-             "korvel: {}; it was moved to {}, and the agent starts empty: controllers write their "
-             "entries again\n",
-             loss.what(), place);
+  Vela::tellError(
+      "{}; it was moved to {}, and the agent starts empty: controllers write their "
+      "entries again",
+      loss.what(), place);
   return {std::move(store), text};
 }
 
@@ -140,7 +141,7 @@ std::unique_ptr<Orrery::KeptSettings> keptSettings(Orrery::Database& database,
       database, options.settings,
       std::vector<std::string>{"p4runtime/config/agent/exitRequested", "p4runtime/config/cli",
                                "p4runtime/config/port-mapping", "p4runtime/config/system/enabled"});
-  for (const std::string& trouble : kept->load()) fmt::print(stderr, "korvel: {}\n", trouble);
+  for (const std::string& trouble : kept->load()) Vela::tellError("{}", trouble);
   return kept;
 }
 
@@ -148,8 +149,7 @@ std::unique_ptr<Orrery::KeptSettings> keptSettings(Orrery::Database& database,
 void keepSetting(Orrery::KeptSettings& settings, const cJSON& request) try {
   settings.note(request);
 } catch (const std::system_error& e) {
-  fmt::print(stderr, "korvel: {}; the next start of the agent does not know this setting\n",
-             e.what());
+  Vela::tellError("{}; the next start of the agent does not know this setting", e.what());
 }
 
 Vela::Ptr<P4Runtime::AgentConfig> agentConfig(const Orrery::Database& database) {
@@ -161,9 +161,9 @@ Vela::Ptr<P4Runtime::AgentConfig> agentConfig(const Orrery::Database& database) 
 void doReloadConfig(Orrery::ConfigFile& file) {
   try {
     const auto lines = file.reload();
-    for (const std::string& line : lines) fmt::print(stderr, "korvel: {}\n", line);
+    for (const std::string& line : lines) Vela::tellError("{}", line);
   } catch (const Orrery::ConfigError& e) {
-    fmt::print(stderr, "korvel: {}; the configuration stays as it was\n", e.what());
+    Vela::tellError("{}; the configuration stays as it was", e.what());
   }
 }
 
@@ -172,9 +172,9 @@ void doReload(Configuration& configuration, ServiceNotices& notices) {
     if (configuration.file) doReloadConfig(*configuration.file);
     if (configuration.outside) configuration.outside->reload();
     for (const std::string& line : Vela::TheReloads().run()) {
-      fmt::print(stderr, "korvel: {}\n", line);
+      Vela::tellError("{}", line);
     }
-    fmt::print(stderr, "korvel: the configuration was read again\n");
+    Vela::tellError("the configuration was read again");
   });
 }
 
@@ -267,10 +267,10 @@ int agentMain(const Options& options) {
     runAgent(options, *new StopWatcher);
     return 0;
   } catch (const StartFailure& failure) {
-    if (!failure.line.empty()) fmt::print(stderr, "korvel: {}\n", failure.line);
+    if (!failure.line.empty()) Vela::tellError("{}", failure.line);
     return failure.status;
   } catch (const std::exception& e) {
-    fmt::print(stderr, "korvel: {}\n", e.what());
+    Vela::tellError("{}", e.what());
     return failed;
   }
 }

@@ -3,13 +3,13 @@
 #include <fmt/format.h>
 #include <net/if.h>
 
-#include <cstdio>
 #include <optional>
 #include <string>
 #include <system_error>
 
 #include "P4Runtime/companion/BridgingConfig.h"
 #include "platform/orrery/EntityTypes.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/wirra/devices/InterfaceOperations.h"
 #include "platform/wirra/devices/KernelNetInterface.h"
 #include "platform/wirra/devices/KernelNetInterfaceSm.h"
@@ -88,7 +88,7 @@ void NetworkPlatform::start(const std::string& cpuDevice) {
   try {
     impl_->devicesSm.emplace(impl_->loop, impl_->devices);
   } catch (const std::system_error& e) {
-    fmt::print(stderr, "korvel: {}; packets have no way to ports and controllers\n", e.what());
+    Vela::tellError("{}; packets have no way to ports and controllers", e.what());
   }
   impl_->interfacesSm.emplace(impl_->devices, impl_->directories,
                               Vela::make<Wirra::InterfaceOperations>(), cpuDevice);

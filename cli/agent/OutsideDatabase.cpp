@@ -1,13 +1,12 @@
 #include "cli/agent/OutsideDatabase.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <utility>
 
 #include "cli/agent/ServiceNotices.h"
 #include "platform/orrery/Database.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/Json.h"
 
 namespace {
@@ -58,7 +57,7 @@ std::unique_ptr<Orrery::RedisOrrery> outsideDatabase(Vela::ReactorLoop& loop,
   // Answers to commands of this machine, and other views of interface/status/all.
   options.unpublished = {"p4runtime/status/cli", "interface/status/eth", "interface/status/local",
                          "kni"};
-  options.say = [](const std::string& line) { fmt::print(stderr, "korvel: {}\n", line); };
+  options.say = [](const std::string& line) { Vela::tellError("{}", line); };
   options.summary = [&database = layers.database()] { return summary(database); };
   return std::make_unique<Orrery::RedisOrrery>(loop, layers, std::move(options));
 }

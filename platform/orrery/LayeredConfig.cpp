@@ -54,7 +54,7 @@ void LayeredConfig::applyPath(const std::string& path, const Attributes& wanted)
   if (!there && isNew) database_.entityIs(path, entity);
 }
 
-void LayeredConfig::apply(const std::string& path, Vela::Entity& entity, const std::string& name,
+bool LayeredConfig::apply(const std::string& path, Vela::Entity& entity, const std::string& name,
                           const std::string& text) {
   Vela::AttributeBase& attribute = *entity.attribute(name);
   const std::string before = attribute.text();
@@ -63,22 +63,25 @@ void LayeredConfig::apply(const std::string& path, Vela::Entity& entity, const s
     if (!allowed.ok()) {
       say(path, name, fmt::format("{} {} stays {}: {}", path, name, before, allowed.reason()),
           true);
-      return;
+      return false;
     }
     attribute.textIs(text);
     say(path, name, fmt::format("{} {} is {} now, was {}", path, name, text, before));
   }
   inForce_[path][name] = text;
+  return true;
 }
 
+// Once it has its default, a setting is no longer theirs, also where they had set the default.
 void LayeredConfig::resetGone(const std::string& path, const Attributes& wanted) {
   const auto there = database_.entity(path);
   const auto fresh = freshEntityAt(database_, path);
   const Attributes known = inForce_[path];
   for (const auto& [name, text] : known) {
     if (wanted.contains(name)) continue;
-    if (there && fresh) apply(path, *there, name, fresh->attribute(name)->text());
-    if (!there || there->attribute(name)->text() != text) inForce_[path].erase(name);
+    const bool isRefused =
+        there && fresh && !apply(path, *there, name, fresh->attribute(name)->text());
+    if (!isRefused) inForce_[path].erase(name);
   }
 }
 

@@ -49,7 +49,8 @@ class LayeredConfig {
 
   ConfigSettings merged() const;
   void applyPath(const std::string& path, const Attributes& wanted);
-  void apply(const std::string& path, Vela::Entity& entity, const std::string& name,
+  // False: it is refused, which has been said.
+  bool apply(const std::string& path, Vela::Entity& entity, const std::string& name,
              const std::string& text);
   void resetGone(const std::string& path, const Attributes& wanted);
   void removePath(const std::string& path);

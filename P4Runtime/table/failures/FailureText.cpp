@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <cstdio>
 
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/LineBudget.h"
 
 namespace P4Runtime {
@@ -22,10 +22,10 @@ void sayNotProgrammed(const std::string& text) {
   static auto* budget = new Vela::LineBudget(100, std::chrono::minutes(1));
   const auto verdict = budget->take(std::chrono::steady_clock::now());
   if (verdict == Vela::LineBudget::Verdict::silent) return;
-  fmt::print(stderr, "korvel: the forwarding plane could not program {}{}\n", text,
-             verdict == Vela::LineBudget::Verdict::last
-                 ? "; more are not shown for a while, korvel status lists them"
-                 : "");
+  Vela::tellError("the forwarding plane could not program {}{}", text,
+                  verdict == Vela::LineBudget::Verdict::last
+                      ? "; more are not shown for a while, korvel status lists them"
+                      : "");
 }
 
 }  // namespace P4Runtime

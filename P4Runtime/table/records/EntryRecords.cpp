@@ -1,13 +1,11 @@
 #include "P4Runtime/table/records/EntryRecords.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cassert>
-#include <cstdio>
 
 #include "P4Runtime/companion/P4HandleMgr.h"
 #include "platform/lattice/records/StoreLayout.h"
+#include "platform/vela/ErrorLine.h"
 
 namespace P4Runtime {
 
@@ -58,7 +56,7 @@ void EntryRecords::recordDel(const CacheKey& key) {
   } else if (key.rid.type == tableResource) {
     tableCache_->cacheDel(key);
   } else {
-    fmt::print(stderr, " Unhandled resource id {}\n", toText(key.rid));
+    Vela::tellError("unhandled resource id {}", toText(key.rid));
     assert(!"unhandled resource id");
   }
 }

@@ -2,12 +2,12 @@
 
 #include <fmt/format.h>
 
-#include <cstdio>
 #include <utility>
 
 #include "P4Runtime/table/records/HandleReservation.h"
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
+#include "platform/vela/ErrorLine.h"
 #include "platform/vela/PlainText.h"
 
 namespace P4Runtime {
@@ -55,7 +55,7 @@ std::vector<Brine::DamagedRecord> DamagedRecords::tell() {
   std::vector<Brine::DamagedRecord> records = tools_.database->store().takeDamagedRecords();
   for (const Brine::DamagedRecord& record : records) {
     const std::string said = text(record) + ": its record in shared memory was damaged";
-    fmt::print(stderr, "korvel: {}\n", said);
+    Vela::tellError("{}", said);
     if (const EntryHandle handle = lostEntry(record)) {
       tools_.failures.failureIs(handle, noAgent, 0, said);
     }

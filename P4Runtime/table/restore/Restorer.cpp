@@ -1,7 +1,5 @@
 #include "P4Runtime/table/restore/Restorer.h"
 
-#include <fmt/format.h>
-
 #include <cstdio>
 #include <iterator>
 #include <stdexcept>
@@ -97,7 +95,7 @@ bool Restorer::doFinish(RestoreSlice&) {
   counts.rows = run_->orphans.remove(run_->entries.bareRows());
   tools_.mode.rewriteDelAll();
   tools_.failures.notRestoredAre(counts.unusable);
-  if (counts != RestoreCounts{}) fmt::print(stderr, "{}", toText(counts));
+  if (counts != RestoreCounts{}) std::fputs(toText(counts).c_str(), stderr);
   return true;
 }
 

@@ -8,12 +8,17 @@
 #include "platform/orrery/AttributeJson.h"
 #include "platform/orrery/Config.h"
 #include "platform/orrery/ConfigText.h"
+#include "platform/vela/PlainText.h"
 
 namespace Orrery {
 namespace {
 
 constexpr const char* placeMember = "stateDatabase";
 constexpr const char* configMember = "configuration";
+// Bytes.
+constexpr size_t longestPath = 1000;
+constexpr size_t longestSetting = 300;  // where a fault is told
+constexpr size_t longestFault = 1000;
 
 // One reading of all fields.
 class Reader {
@@ -25,9 +30,21 @@ class Reader {
     reading_.fault = [this](const auto& path, const auto& attribute, const ConfigError& fault) {
       keepFormer(path, attribute, fault.what());
     };
+    // The search for the nearest path is dear, and only for faults that are told.
+    reading_.entityAt = [this, entityAt = reading_.entityAt](const std::string& path) {
+      auto entity = entityAt(path);
+      if (!entity && hasMostFaults()) throw PathError("is no path");
+      return entity;
+    };
   }
 
   void readField(const std::string& path, const std::string& text) {
+    if (!Vela::isPlainLine(path, longestPath)) {
+      return addFault(path,
+                      fmt::format("{}: \"{}\" is no path: a path is one line of at most {} "
+                                  "bytes, without control characters",
+                                  where_, Vela::plainLine(path, longestSetting), longestPath));
+    }
     size_t line = 0;
     const Vela::Json attributes = Vela::parseJson(plainJson(text), &line);
     if (!attributes) {
@@ -60,8 +77,19 @@ class Reader {
     documentOf(path);
   }
 
+  bool hasMostFaults() const { return read_.faults.size() >= RedisConfig::mostFaults; }
+
+  void addFault(const std::string& setting, const std::string& fault) {
+    const std::string name = Vela::plainLine(setting, longestSetting);
+    if (hasMostFaults() && !read_.faults.contains(name)) {
+      ++read_.moreFaults;
+    } else {
+      read_.faults[name] = Vela::plainLine(fault, longestFault);
+    }
+  }
+
   void keepFormer(const std::string& path, const std::string& attribute, const std::string& fault) {
-    read_.faults[attribute.empty() ? path : path + " " + attribute] = fault;
+    addFault(attribute.empty() ? path : path + " " + attribute, fault);
     const auto former = former_.settings.find(path);
     if (former == former_.settings.end()) return;
     if (attribute.empty()) take(path, nullptr);

@@ -13,9 +13,12 @@
 namespace Orrery {
 
 struct RedisConfig {
+  static constexpr size_t mostFaults = 20;  // that are told each by itself
+
   ConfigSettings settings;
   Vela::Json document;  // the same, of the shape of a configuration file; null: nothing was read
   std::map<std::string, std::string> faults;  // a line by "PATH ATTRIBUTE", or by path
+  size_t moreFaults = 0;                      // beyond them
 };
 
 // Reads fields, each a path with the JSON object of its attributes. An attribute that is faulty

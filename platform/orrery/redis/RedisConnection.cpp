@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <hiredis/hiredis.h>
+#include <poll.h>
+#include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
@@ -15,6 +17,23 @@ namespace Orrery {
 namespace {
 
 constexpr size_t longestWords = 300;  // of the server, in a message
+// The largest hash, with its lengths and line ends.
+constexpr size_t mostReplyBytes = RedisConnection::mostHashBytes + 1024 * 1024;
+
+// The connection is of no more use: the rest of the reply is never read.
+class ReplyTooLarge : public RedisAway {
+ public:
+  ReplyTooLarge() : RedisAway("a reply of it is larger than 17 MiB") {}
+};
+
+RedisRefusal hashTooLarge(const std::string& key) {
+  return RedisRefusal(fmt::format("{} is larger than 16 MiB; take fields out", key));
+}
+
+// A slow line is no reason to give up, one that hardly moves is.
+std::chrono::microseconds transferTime(size_t bytes) {
+  return std::chrono::microseconds(bytes);  // at 1 MB/s
+}
 
 timeval timeOf(std::chrono::milliseconds duration) {
   return {static_cast<time_t>(duration.count() / 1000),
@@ -119,35 +138,74 @@ void RedisConnection::logIn() {
   }
 }
 
+void RedisConnection::giveUpLate() {
+  throw RedisAway(
+      fmt::format("it does not answer within {} s", static_cast<double>(patience_.count()) / 1000));
+}
+
 // hiredis names a time-out by the errno of a socket that is not to block.
 void RedisConnection::giveUp() {
   const redisContext& context = *context_->handle;
   const bool isTimeOut = context.err == REDIS_ERR_IO &&
                          (errno == EAGAIN || errno == EWOULDBLOCK || errno == ETIMEDOUT);
-  if (isTimeOut) {
-    throw RedisAway(fmt::format("it does not answer within {} s",
-                                static_cast<double>(patience_.count()) / 1000));
-  }
+  if (isTimeOut) giveUpLate();
   throw RedisAway("the connection broke: " + Vela::plainLine(context.errstr, longestWords));
 }
 
 void RedisConnection::send(const RedisCommand& command) {
   std::vector<const char*> words;
   std::vector<size_t> sizes;
+  size_t bytes = 0;
   for (const std::string& word : command) {
     words.push_back(word.data());
     sizes.push_back(word.size());
+    bytes += word.size();
   }
   const int done = redisAppendCommandArgv(context_->handle, static_cast<int>(words.size()),
                                           words.data(), sizes.data());
   if (done != REDIS_OK) giveUp();
+  flush(bytes);
 }
 
+void RedisConnection::flush(size_t bytes) {
+  const auto end = Clock::now() + patience_ + transferTime(bytes);
+  int done = 0;
+  while (!done) {
+    errno = 0;
+    if (redisBufferWrite(context_->handle, &done) != REDIS_OK) giveUp();
+    if (!done && Clock::now() > end) giveUpLate();
+  }
+}
+
+// Not with redisGetReply(), which takes replies of any size, and whose time-out begins again with
+// each byte that comes.
 RedisConnection::Reply RedisConnection::receive() {
-  void* reply = nullptr;
-  errno = 0;
-  if (redisGetReply(context_->handle, &reply) != REDIS_OK || !reply) giveUp();
-  return Reply{decltype(Reply::handle)(static_cast<redisReply*>(reply))};
+  const auto begin = Clock::now();
+  size_t bytes = 0;
+  while (true) {
+    void* reply = nullptr;
+    errno = 0;
+    if (redisGetReplyFromReader(context_->handle, &reply) != REDIS_OK) giveUp();
+    if (reply) return Reply{decltype(Reply::handle)(static_cast<redisReply*>(reply))};
+    if (bytes > mostReplyBytes) throw ReplyTooLarge();
+    bytes += readMore(begin + patience_ + transferTime(bytes));
+  }
+}
+
+// Returns the bytes that came. Troubles of the reader are those of the next look for a reply.
+size_t RedisConnection::readMore(Clock::time_point end) {
+  const auto rest = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+  pollfd arrival{context_->handle->fd, POLLIN, 0};
+  if (rest.count() <= 0 || poll(&arrival, 1, static_cast<int>(rest.count())) == 0) giveUpLate();
+  char block[16384];
+  const ssize_t size = recv(arrival.fd, block, sizeof block, MSG_DONTWAIT);
+  if (size > 0) {
+    redisReaderFeed(context_->handle->reader, block, size);
+    return size;
+  }
+  if (size == 0) throw RedisAway("the connection broke: the server closed it");
+  if (errno == EAGAIN || errno == EINTR) return 0;
+  throw RedisAway(fmt::format("the connection broke: {}", strerror(errno)));
 }
 
 RedisConnection::Reply RedisConnection::ask(const RedisCommand& command) {
@@ -190,7 +248,7 @@ void RedisConnection::runTogether(const std::vector<RedisCommand>& commands) {
   }
 }
 
-RedisHash RedisConnection::hash(const std::string& key) {
+RedisHash RedisConnection::hash(const std::string& key) try {
   const Reply reply = ask({"HGETALL", key});
   RedisHash fields;
   size_t bytes = 0;
@@ -200,12 +258,14 @@ RedisHash RedisConnection::hash(const std::string& key) {
     const redisReply& value = *array.element[i + 1];
     if (field.type != REDIS_REPLY_STRING || value.type != REDIS_REPLY_STRING) continue;
     bytes += field.len + value.len;
-    if (bytes > mostHashBytes) {
-      throw RedisRefusal(fmt::format("{} is larger than 16 MiB; take fields out", key));
-    }
+    if (bytes > mostHashBytes) throw hashTooLarge(key);
     fields.emplace(std::string(field.str, field.len), std::string(value.str, value.len));
   }
   return fields;
+} catch (const ReplyTooLarge&) {
+  connect(patience_);
+  logIn();
+  throw hashTooLarge(key);
 }
 
 long long RedisConnection::hashSize(const std::string& key) {

@@ -36,13 +36,15 @@ class RedisConnection {
   static constexpr size_t mostHashBytes = 16 * 1024 * 1024;
 
   // Connects, and logs in with the password of this moment. Waits for `patience` at most at each
-  // step, but for the look-up of a host name, which takes its own time. Throws RedisAway.
+  // step, and a second more for each MB that goes over the connection, but for the look-up of a
+  // host name, which takes its own time. Throws RedisAway.
   RedisConnection(const RedisAddress& address, std::chrono::milliseconds patience);
   ~RedisConnection();
   RedisConnection(const RedisConnection&) = delete;
   RedisConnection& operator=(const RedisConnection&) = delete;
 
-  // Each throws RedisAway and RedisRefusal.
+  // Each throws RedisAway and RedisRefusal. A larger hash is refused, at the cost of a new
+  // connection.
   RedisHash hash(const std::string& key);  // empty: there is no such key
   long long hashSize(const std::string& key);
   std::string text(const std::string& key);  // empty: there is no such key
@@ -51,14 +53,18 @@ class RedisConnection {
   void runTogether(const std::vector<RedisCommand>& commands);
 
  private:
+  using Clock = std::chrono::steady_clock;
   struct Context;
   struct Reply;
   void connect(std::chrono::milliseconds patience);
   void logIn();
   Reply ask(const RedisCommand& command);
   void send(const RedisCommand& command);
+  void flush(size_t bytes);
   Reply receive();
+  size_t readMore(Clock::time_point end);
   [[noreturn]] void giveUp();
+  [[noreturn]] void giveUpLate();
 
   const RedisAddress address_;
   const std::chrono::milliseconds patience_;

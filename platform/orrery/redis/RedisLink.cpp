@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <new>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -109,16 +110,19 @@ void RedisLink::run() {
       trouble_.away.clear();
       serve(connection);
     } catch (const RedisAway& e) {
-      SCRIVEL_TRACE(1, address_.text(), " is away: ", e.what());
-      trouble_.away = e.what();
-      trouble_.reading.clear();
-      trouble_.writing.clear();
-      trouble_.sharing.clear();
-      tellTrouble();
-      waitFor(connectPause_.take());
+      handleAway(e.what());
+    } catch (const std::bad_alloc&) {
+      handleAway("there is no memory for a reply of it");
     }
   }
   maybeWriteCopy();
+}
+
+void RedisLink::handleAway(const std::string& reason) {
+  SCRIVEL_TRACE(1, address_.text(), " is away: ", reason);
+  trouble_ = {.away = reason, .copying = trouble_.copying};
+  tellTrouble();
+  waitFor(connectPause_.take());
 }
 
 void RedisLink::serve(RedisConnection& connection) {

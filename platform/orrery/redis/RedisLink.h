@@ -50,7 +50,8 @@ class RedisLink {
   };
   // Throws std::system_error when there is no thread to be had.
   RedisLink(RedisAddress address, RedisTiming timing, Events events);
-  ~RedisLink();  // waits for an answer that is due, no longer than the patience
+  // Waits for an answer that is due: as long as RedisConnection does.
+  ~RedisLink();
   RedisLink(const RedisLink&) = delete;
   RedisLink& operator=(const RedisLink&) = delete;
 
@@ -79,6 +80,7 @@ class RedisLink {
   };
 
   void run();
+  void handleAway(const std::string& reason);
   void serve(RedisConnection& connection);
   void readConfiguration(RedisConnection& connection);
   void maybeWriteStatus(RedisConnection& connection);

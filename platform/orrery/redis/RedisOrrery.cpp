@@ -16,7 +16,8 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr const char* statusPath = "orrery/status/redis";
-constexpr milliseconds stopPeriod{100};  // between two looks for a request to stop
+constexpr const char* otherSettings = "...";  // among those that are refused
+constexpr milliseconds stopPeriod{100};       // between two looks for a request to stop
 // Of lines about a server that comes and goes.
 constexpr size_t mostLines = 20;
 constexpr std::chrono::minutes linesPeriod{10};
@@ -88,6 +89,7 @@ bool RedisOrrery::waitForNotice() {
 }
 
 void RedisOrrery::load(bool mayBeWithout, const std::function<bool()>& isStopped) {
+  kept_ = keptConfig();
   const auto end = std::chrono::steady_clock::now() + options_.startPatience;
   bool isWaitingTold = false;
   while (!isStopped()) {
@@ -162,18 +164,25 @@ void RedisOrrery::handleFields(const RedisHash& fields) {
                                       : "; write it with HSET"));
   }
   if (fields.empty()) return;
-  apply(readConfigFields(layers_.database(), fields, place_, config_), "redis");
+  const RedisConfig& former = kept_ ? *kept_ : config_;
+  apply(readConfigFields(layers_.database(), fields, place_, former), "redis");
   if (isRunning_) keepCopy();
 }
 
 void RedisOrrery::keepCopy() { link_->copyIs(options_.copyFile, configCopyText(config_, place_)); }
 
-bool RedisOrrery::maybeApplyCopy() {
+// Nothing: there is no copy of this place's configuration.
+std::optional<RedisConfig> RedisOrrery::keptConfig() const {
   std::ifstream file(options_.copyFile, std::ios::binary);
   const std::string text(std::istreambuf_iterator<char>(file), {});
   const auto fields = fieldsOfConfigCopy(text, place_);
-  if (!fields) return false;
-  apply(readConfigFields(layers_.database(), *fields, options_.copyFile, config_), "copy");
+  if (!fields) return std::nullopt;
+  return readConfigFields(layers_.database(), *fields, options_.copyFile, {});
+}
+
+bool RedisOrrery::maybeApplyCopy() {
+  if (!kept_) return false;
+  apply(std::move(*kept_), "copy");
   say(fmt::format("the agent starts with the last configuration from there, kept in {}",
                   options_.copyFile));
   return true;
@@ -181,13 +190,20 @@ bool RedisOrrery::maybeApplyCopy() {
 
 void RedisOrrery::apply(RedisConfig config, const std::string& origin) {
   config_ = std::move(config);
+  kept_.reset();
   std::map<std::string, std::string> refused = config_.faults;
+  size_t more = config_.moreFaults;
   for (const ConfigLine& line : layers_.layerIs(layer_, config_.settings)) {
-    if (line.isRefused) {
+    if (!line.isRefused) {
+      if (isRunning_) options_.say(line.text);
+    } else if (refused.contains(line.setting) || refused.size() < RedisConfig::mostFaults) {
       refused.emplace(line.setting, line.text);
-    } else if (isRunning_) {
-      options_.say(line.text);
+    } else {
+      ++more;
     }
+  }
+  if (more > 0) {
+    refused.emplace(otherSettings, fmt::format("{}: other settings refused: {}", place_, more));
   }
   tellRefused(refused);
   status_->configurationIs(origin);

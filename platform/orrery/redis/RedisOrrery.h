@@ -70,6 +70,7 @@ class RedisOrrery {
   void handleFields(const RedisHash& fields);
   void apply(RedisConfig config, const std::string& origin);
   void tellRefused(const std::map<std::string, std::string>& refused);
+  std::optional<RedisConfig> keptConfig() const;
   bool maybeApplyCopy();
   void keepCopy();
   void publish();
@@ -86,6 +87,8 @@ class RedisOrrery {
   const std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
   const std::shared_ptr<RedisOrrery*> alive_;  // null once this is gone; posts hold it
   RedisConfig config_;                         // in force
+  // Of the copy, until a configuration is in force: faulty fields of the first one keep its values.
+  std::optional<RedisConfig> kept_;
   RedisTrouble trouble_;
   std::string emptiness_;   // why there is no configuration in a Redis that can be read
   bool isRunning_ = false;  // the agent has begun its work: changes are told

@@ -21,7 +21,8 @@ class RedisStatus final : public Vela::Entity {
   VELA_READONLY_ATTRIBUTE(std::string, configuration, "")
   VELA_READONLY_ATTRIBUTE(std::string, configurationTime,
                           "")  // when it was applied (UTC, ISO 8601)
-  // "PATH ATTRIBUTE", or a path -> why the setting is not in force.
+  // "PATH ATTRIBUTE", or a path -> why the setting is not in force. A few of many, and "..." -> how
+  // many others there are.
   VELA_COLLECTION(std::string, std::string, refused)
 };
 

@@ -212,5 +212,34 @@ TEST(LayeredConfig, ALaterLayerHidesAnEarlierOne) {
   EXPECT_EQ(tested.port->alias(), "");
 }
 
+// A layer had set the default, and left; each later change of it then took back the values that
+// others had given since.
+TEST(LayeredConfig, ASettingThatHasLeftIsNoLongerItsOwn) {
+  ConfiguredDatabase tested;
+  const Vela::ActivityLock lock;
+  const auto layer = tested.layers.layerAdd("file");
+  tested.layers.layerIs(layer, {{"config/port", {{"mtuBytes", "1500"}, {"loss", "0.5"}}}});
+  tested.layers.layerIs(layer, {{"config/port", {{"loss", "0.5"}}}});
+  tested.port->mtuBytesIs(70);
+  tested.layers.layerIs(layer, {{"config/port", {{"loss", "0.25"}}}});
+  EXPECT_EQ(tested.port->mtuBytes(), 70);
+}
+
+TEST(LayeredConfig, AResetThatIsRefusedIsTriedAgain) {
+  ConfiguredDatabase tested;
+  const Vela::ActivityLock lock;
+  const auto layer = tested.layers.layerAdd("file");
+  tested.layers.layerIs(layer, {{"config/port", {{"cookie", "5"}}}});
+  tested.cookieNeedsStart();
+  for (int i = 0; i < 2; ++i) {
+    const auto lines = tested.layers.layerIs(layer, {});
+    ASSERT_EQ(lines.size(), 1);
+    EXPECT_TRUE(lines[0].isRefused);
+  }
+  tested.database->settingCheckIs([](const auto&...) { return Vela::Outcome(); });
+  tested.layers.layerIs(layer, {});
+  EXPECT_EQ(tested.port->cookie(), 0);
+}
+
 }  // namespace
 }  // namespace Orrery

@@ -121,6 +121,45 @@ TEST_F(RedisOrreryTest, AFaultyValueKeepsTheFormerOneAndIsToldInRedis) {
   EXPECT_EQ(port->alias(), "");
 }
 
+TEST_F(RedisOrreryTest, ManyFaultsAreToldByTheirNumber) {
+  startServed();
+  write("config/port", R"({"mtuBytes": "much", "alias": "up"})");
+  ASSERT_TRUE(runUntil([&] { return port->alias() == "up"; }));
+  part->lines.clear();
+  server->run({"EVAL",
+               "for i = 1, 5000 do redis.call('HSET', KEYS[1], 'bogus/' .. i, '{}') end "
+               "redis.call('HSET', KEYS[1], 'config/port', '{\"mtuBytes\": 7, \"alias\": 3}') "
+               "redis.call('HSET', KEYS[1], 'ports/p1', '{\"alias\": \"one\", \"loss\": []}')",
+               "1", "s1/config"});
+  ASSERT_TRUE(runUntil([&] { return at("ports/p1") != nullptr; }));
+  EXPECT_EQ(port->mtuBytes(), 7);
+  EXPECT_EQ(port->alias(), "up") << "the former value";
+  EXPECT_LE(part->lines.size(), 25);
+  EXPECT_TRUE(part->said("\"bogus/1\" is no path"));
+  EXPECT_TRUE(part->said("s1/config: other settings refused: 4982"));
+  EXPECT_EQ(at(ownStatus)->attribute("refused")->entryTexts(100).size(), 21);
+
+  server->run({"DEL", "s1/config"});
+  write("config/port", "{}");
+  EXPECT_TRUE(untilField(ownStatus, R"("refused":{})"));
+}
+
+// The part before the zero byte was taken for the path.
+TEST_F(RedisOrreryTest, AFieldWhoseNameIsNoLineIsNoPath) {
+  startServed();
+  server->run({"EVAL",
+               "redis.call('HSET', KEYS[1], 'config/port\\0x', '{\"mtuBytes\": 7}', "
+               "'bad\\nline', '{}', string.rep('a', 2000), '{}', "
+               "'ports/p1', '{\"bad\\nname\": 1}')",
+               "1", "s1/config"});
+  ASSERT_TRUE(runUntil([&] { return at("ports/p1") != nullptr; }));
+  EXPECT_EQ(port->mtuBytes(), 9000);
+  EXPECT_TRUE(part->said("\"config/port x\" is no path: a path is one line"));
+  EXPECT_TRUE(part->said("\"bad line\" is no path"));
+  EXPECT_TRUE(part->said("is no path: a path is one line of at most 1000 bytes"));
+  EXPECT_THAT(part->lines, Each(Not(HasSubstr("\n"))));
+}
+
 TEST_F(RedisOrreryTest, AStartWhileItIsAwayTakesTheCopyOfTheLastConfiguration) {
   startServed();
   write("ports/p1", R"({"alias": "\u00fcber", "cookie": "18446744073709551615"})");
@@ -149,6 +188,30 @@ TEST_F(RedisOrreryTest, AStartWhileItIsAwayTakesTheCopyOfTheLastConfiguration) {
   write("config/port", R"({"mtuBytes": 3})");
   EXPECT_TRUE(next.runUntil([&] { return next.port->mtuBytes() == 3; }));
   EXPECT_FALSE(next.at("ports/p1"));
+}
+
+// A typing error did no harm until the agent started again: then the setting was gone, from the
+// copy, too.
+TEST_F(RedisOrreryTest, AFaultyValueKeepsThatOfTheCopyWithAStart) {
+  startServed();
+  const auto kept = [&] { return TestSupport::fileText(folder.file("copy.json")); };
+  ASSERT_TRUE(TestSupport::waitUntil([&] { return kept().find("9000") != std::string::npos; }));
+  part.reset();
+  write("config/port", R"({"mtuBytes": "much", "alias": "up"})");
+  write("ports/p1", "{");
+
+  ConfiguredDatabase next;
+  const auto later = std::make_unique<Part>(next, address, folder.file("copy.json"));
+  later->orrery->load(false, [] { return false; });
+  later->orrery->start();
+  EXPECT_EQ(next.at(ownStatus)->attribute("configuration")->text(), "redis");
+  EXPECT_EQ(next.port->mtuBytes(), 9000);
+  EXPECT_EQ(next.port->alias(), "up");
+  EXPECT_FALSE(next.at("ports/p1")) << "the copy has none";
+  EXPECT_TRUE(later->said("\"mtuBytes\": expected a value of type uint16"));
+  EXPECT_TRUE(TestSupport::waitUntil([&] {
+    return kept().find("up") != std::string::npos && kept().find("9000") != std::string::npos;
+  }));
 }
 
 TEST_F(RedisOrreryTest, TakesNoCopyOfAnotherPlaceAndNoBrokenOne) {
