@@ -43,7 +43,7 @@ Journal::Journal(Options options)
     : options_(std::move(options)),
       files_(options_.directory, options_.mostBytes),
       queue_(options_.queuePath, options_.queueBytes / 2) {
-  if (!files_.found().empty()) options_.tell("the journal: " + files_.found());
+  if (!files_.found().empty()) tell("the journal: " + files_.found());
   doRecover();
   queue_.append(Draft::start());
   thread_ = std::thread([this] { run(); });
@@ -139,9 +139,18 @@ void Journal::noteTrouble(const std::string& trouble) {
     former = std::exchange(figures_.trouble, trouble);
   }
   if (former.empty() == trouble.empty()) return;
-  options_.tell(trouble.empty()
-                    ? std::string("the journal is written again; records of the meantime are lost")
-                    : fmt::format("the journal is not written, and records are lost: {}", trouble));
+  tell(trouble.empty()
+           ? std::string("the journal is written again; records of the meantime are lost")
+           : fmt::format("the journal is not written, and records are lost: {}", trouble));
+}
+
+// The log may lie on the disk that is full.
+void Journal::tell(const std::string& line) const {
+  try {
+    options_.tell(line);
+  } catch (const std::exception&) {
+    // The status has the trouble all the same.
+  }
 }
 
 }  // namespace Journal

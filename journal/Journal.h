@@ -24,7 +24,8 @@ class Journal {
     uint64_t mostBytes = 0;
     size_t queueBytes = 16 << 20;
     std::chrono::milliseconds moment{20};  // for which records wait for others
-    // Called with news for the operator, a line each, on any thread.
+    // Called with news for the operator, a line each, on any thread. It may throw: the line is
+    // lost.
     std::function<void(const std::string& line)> tell;
   };
   // Writes what a former process left in the queue. Throws std::system_error.
@@ -56,6 +57,7 @@ class Journal {
   void writeGap(uint64_t sequence, const Gap& gap);
   void noteLost(uint64_t records);
   void noteTrouble(const std::string& trouble);
+  void tell(const std::string& line) const;
 
   const Options options_;
   FileWriter files_;  // of the constructor, then of the thread

@@ -1,7 +1,5 @@
 #include "P4Runtime/journal/WriteJournal.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -29,6 +27,9 @@ std::atomic<JournalPtr>& current() {
 
 // Journals whose queue and files are in use, also by a call that ends in a former one.
 std::atomic<int> alive{0};
+
+// A log that cannot be written is no reason to end.
+void say(const std::string& line) { std::fprintf(stderr, "korvel: %s\n", line.c_str()); }
 
 JournalPtr newJournal(Journal::Journal::Options options) {
   auto made = std::make_unique<Journal::Journal>(std::move(options));
@@ -122,8 +123,7 @@ void WriteJournal::maybeBegin() {
   } catch (const std::exception& e) {
     if (status_->trouble() == e.what()) return;
     status_->troubleIs(e.what());
-    fmt::print(stderr, "korvel: there is no journal of Writes (p4runtime/config/journal): {}\n",
-               e.what());
+    say(std::string("there is no journal of Writes (p4runtime/config/journal): ") + e.what());
   }
 }
 
@@ -135,7 +135,7 @@ void WriteJournal::doBegin() {
   options.queuePath = stateDirectory_ + "/journal.queue";
   options.mostBytes = bytes;
   options.queueBytes = std::min(mostQueueBytes, bytes / 2);
-  options.tell = [](const std::string& line) { fmt::print(stderr, "korvel: {}\n", line); };
+  options.tell = say;
   current().store(newJournal(std::move(options)));
   status_->directoryIs(current().load()->directory());
   PIGrpcServerJournalIs(&calls);

@@ -46,6 +46,28 @@ FieldValue valueOfText(const MatchField& field, const std::string& text) {
   return wholeValue(std::move(value.value), bits);
 }
 
+// Whether every value matches: entries leave such a field out.
+bool isAny(const MatchField& field, const FieldValue& value) {
+  switch (field.match_type()) {
+    case MatchField::LPM:
+    case MatchField::TERNARY:
+      return isZero(value.mask);
+    case MatchField::RANGE:
+      return value.isRange && isZero(value.value) && value.mask == fullMask(widthOf(field));
+    default:
+      return false;
+  }
+}
+
+// Without the bits that the mask leaves out, as entries have it.
+FieldValue masked(FieldValue value) {
+  if (value.isRange) return value;
+  for (size_t i = 0; i < value.mask.size(); ++i) {
+    value.value[i] = static_cast<char>(value.value[i] & value.mask[i]);
+  }
+  return value;
+}
+
 }  // namespace
 
 const p4::v1::TableEntry* entryOf(const p4::v1::Entity& entity) {
@@ -102,10 +124,11 @@ void EntryPattern::add(const std::string& word) {
   const std::string text = word.substr(at + 1);
   Wanted wanted{&field, std::nullopt};
   try {
-    if (text != "*") wanted.value = valueOfText(field, text);
+    if (text != "*") wanted.value = masked(valueOfText(field, text));
   } catch (const PipelineError& e) {
     throw PipelineError("match field " + quoted(field.name()) + ": " + e.what());
   }
+  if (wanted.value && isAny(field, *wanted.value)) wanted.value.reset();
   if (wanted.value) noteNeedle(wanted.value->value);
   fields_.push_back(std::move(wanted));
 }
@@ -124,7 +147,8 @@ bool EntryPattern::matches(const p4::v1::Entity& entity) const {
 
 bool EntryPattern::matches(const p4::v1::TableEntry& entry) const {
   if (entry.table_id() != table_.preamble().id()) return false;
-  if (entry.is_default_action() != isDefault_) return false;
+  if (isDefault_ && !entry.is_default_action()) return false;
+  if (entry.is_default_action() && !mayBeDefault()) return false;
   if (priority_ && entry.priority() != *priority_) return false;
   return std::ranges::all_of(fields_, [&](const Wanted& wanted) { return matches(wanted, entry); });
 }

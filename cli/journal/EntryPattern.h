@@ -35,12 +35,14 @@ FieldValue fieldValue(const p4::config::v1::MatchField& field, const p4::v1::Fie
 
 class EntryPattern final : public EntityPattern {
  public:
-  // `words` are FIELD=VALUE: "ipv4_dst=10.0.0.0/8", "port=*" for a field that the entry leaves out.
-  // Entries may have any value in fields that are not named. Throws PipelineError that names the
-  // word. The table outlives the pattern.
+  // `words` are FIELD=VALUE: "ipv4_dst=10.0.0.0/8", "port=*" for a field that the entry leaves out,
+  // as it does with 0.0.0.0/0. Bits that a mask leaves out do not count. Entries may have any value
+  // in fields that are not named. Throws PipelineError that names the word. The table outlives the
+  // pattern.
   EntryPattern(const p4::config::v1::Table& table, const std::vector<std::string>& words);
 
   void priorityIs(int32_t priority) { priority_ = priority; }
+  // Only the default entry; without words and priority it is among the others.
   void isDefaultIs(bool isDefault) { isDefault_ = isDefault; }
 
   // Also an entry's counter and meter.
@@ -55,6 +57,7 @@ class EntryPattern final : public EntityPattern {
   void add(const std::string& word);
   void noteNeedle(std::string_view value);
   bool matches(const p4::v1::TableEntry& entry) const;
+  bool mayBeDefault() const { return isDefault_ || (fields_.empty() && !priority_); }
   bool matches(const Wanted& wanted, const p4::v1::TableEntry& entry) const;
 
   const p4::config::v1::Table& table_;

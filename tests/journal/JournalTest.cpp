@@ -33,7 +33,10 @@ class JournalTest : public testing::Test {
             .mostBytes = 64 << 20,
             .queueBytes = 1 << 20,
             .moment = milliseconds(1),
-            .tell = [this](const std::string& line) { told_.push_back(line); }};
+            .tell = [this](const std::string& line) {
+              told_.push_back(line);
+              throw std::runtime_error("the log is on the same disk, which is full");
+            }};
   }
   static uint64_t request(Journal& journal, std::string_view message) {
     return journal.requestIs(RecordKind::write, "a", "b", {&message, 1});

@@ -105,6 +105,9 @@ TEST_F(HistoryTest, FindsEntriesHoweverTheirKeysAreWritten) {
   auto padded = route(0x0a000100, 1);
   padded.mutable_match(0)->mutable_exact()->set_value("\0\1"s);
   calls.add("a", writeOf({{Update::INSERT, padded}}));
+  p4::v1::TableEntry any = route(0, 2);
+  any.mutable_match()->RemoveLast();
+  calls.add("a", writeOf({{Update::INSERT, any}}));
   p4::v1::TableEntry rule = EntryOf(router(), "acl")
                                 .ternary("src_ip", 0x0a000000, 0xff000000)
                                 .ternary("l4_dst_port", 22, 0xffff)
@@ -125,11 +128,17 @@ TEST_F(HistoryTest, FindsEntriesHoweverTheirKeysAreWritten) {
       {"the address alone", "ipv4_route", {"ipv4_dst=10.0.1.0"}, 0},
       {"in hexadecimal", "ipv4_route", {"ipv4_dst=0x0a000100/24", "vrf_id=0x1"}, 1},
       {"another field differs", "ipv4_route", {"ipv4_dst=10.0.1.0/24", "vrf_id=2"}, 0},
-      {"by full name", "ingress.ipv4_route", {"vrf_id=1"}, 1},
+      {"by full name", "ingress.ipv4_route", {"vrf_id=1"}, 2},
       {"a mask", "acl", {"src_ip=10.0.0.0&&&255.0.0.0"}, 1},
       {"the same as a prefix", "acl", {"src_ip=10.0.0.0/8"}, 1},
       {"a full mask", "acl", {"l4_dst_port=22"}, 1},
       {"another mask", "acl", {"src_ip=10.0.0.0"}, 0},
+      {"bits outside the mask", "acl", {"src_ip=10.1.2.3/8"}, 1},
+      {"a host of the prefix", "ipv4_route", {"ipv4_dst=10.0.1.7/24"}, 1},
+      {"a mask of nothing", "acl", {"dst_ip=0x0&&&0x0", "l4_dst_port=22"}, 1},
+      {"any value, where one is given", "acl", {"src_ip=0.0.0.0/0"}, 0},
+      {"a prefix that is left out", "ipv4_route", {"ipv4_dst=0.0.0.0/0", "vrf_id=1"}, 1},
+      {"the default entry among all", "ipv4_route", {}, 3},
       {"a field left out", "acl", {"dst_ip=*", "l4_dst_port=22"}, 1},
       {"a field not left out", "acl", {"src_ip=*"}, 0},
       {"another table", "lag", {}, 0},
