@@ -80,7 +80,7 @@ void AccountedCall::requestIs(const p4::v1::ReadRequest& request) {
   if (!listened_) return;
   what_ = "Read";
   deviceId_ = request.device_id();
-  role_ = roleOf(request).role;
+  role_ = request.role();
   detail_ = std::to_string(request.entities_size()) + " queries";
 }
 
