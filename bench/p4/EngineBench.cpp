@@ -1,5 +1,5 @@
 // The P4 engine alone: packets a second through recorded programs with their entries, and the cost
-// of an entry and of a look-up by match kind and size.
+// of an entry and of a look-up by match kind and size, and of writes.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -7,6 +7,8 @@
 #include <map>
 #include <random>
 
+#include "tests/p4/Playing.h"
+#include "tests/p4/SmallProgram.h"
 #include "tests/p4/VectorFile.h"
 
 namespace {
@@ -146,6 +148,37 @@ void commits(benchmark::State& state) {
   }
 }
 
+// Inserts, modifies and removes entries of an exact table, in commits of 1,000.
+void writes(benchmark::State& state) {
+  P4Test::SmallProgram program;
+  program.header("h", {{"key", 32}});
+  program.state("start", P4Test::list({P4Test::extract("h")}));
+  const size_t set = program.action("set", R"({"name":"value","bitwidth":64})", "");
+  program.ingressAction("", "t");
+  program.table(
+      R"({"name":"t","id":1,"match_type":"exact","type":"simple","max_size":100000,"key":[)"
+      R"({"match_type":"exact","target":["h","key"],"mask":null}],"action_ids":[)" +
+      std::to_string(set) +
+      R"(],"actions":["set"],"base_default_next":null,"next_tables":{"set":null}})");
+  P4::Engine engine(program.json());
+  P4::TableStore& tables = engine.tables();
+  const uint32_t table = P4::tableNamed(engine.program(), "t").value();
+  const auto count = static_cast<uint32_t>(state.range(0));
+  const P4::Target target = P4::ActionSpec{static_cast<uint32_t>(set), {std::string(8, '1')}};
+  const auto each = [&](const auto& write) {
+    for (uint32_t i = 0; i < count; ++i) {
+      write({.table = table, .match = {{big32(i * 2654435761u)}}});
+      if (i % 1000 == 999) tables.commit();
+    }
+  };
+  for (auto _ : state) {
+    each([&](const P4::EntryKey& key) { tables.insert(key, target); });
+    each([&](const P4::EntryKey& key) { tables.modify(key, target); });
+    each([&](const P4::EntryKey& key) { tables.remove(key); });
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * 3 * count);
+}
+
 void registerPackets() {
   std::error_code none;
   std::vector<std::string> names;
@@ -167,6 +200,8 @@ BENCHMARK_CAPTURE(lookUp, exact, P4::MatchKind::exact)->Arg(1)->Arg(1000)->Arg(1
 BENCHMARK_CAPTURE(lookUp, lpm, P4::MatchKind::lpm)->Arg(1)->Arg(1000)->Arg(1000000);
 BENCHMARK_CAPTURE(lookUp, ternary, P4::MatchKind::ternary)->Arg(1)->Arg(1000)->Arg(1000000);
 BENCHMARK_CAPTURE(lookUp, range, P4::MatchKind::range)->Arg(1)->Arg(1000)->Arg(100000);
+
+BENCHMARK(writes)->Arg(10000)->Arg(100000);
 
 }  // namespace
 

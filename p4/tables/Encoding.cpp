@@ -145,9 +145,19 @@ class KeyEncoder {
   size_t position_ = 0;
 };
 
+uint64_t wordOfBytes(std::string_view bytes) {
+  uint64_t word = 0;
+  for (const char byte : bytes) word = word << 8 | static_cast<uint8_t>(byte);
+  return word;
+}
+
 }  // namespace
 
 bool wordsOfBytes(std::string_view bytes, uint32_t bits, uint64_t* words) {
+  if (bits <= 64 && bytes.size() <= sizeof *words) {
+    *words = wordOfBytes(bytes);
+    return bits == 64 || *words >> bits == 0;
+  }
   const uint32_t count = (bits + 63) / 64;
   std::fill(words, words + count, 0);
   while (!bytes.empty() && bytes.front() == '\0') bytes.remove_prefix(1);
