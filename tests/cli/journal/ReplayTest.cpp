@@ -147,6 +147,19 @@ TEST_F(ReplayTest, BeginsWithTheLastPushThatClearedTheSwitch) {
   EXPECT_THAT(replayed(found.from), ElementsAre("2", "push kept"));
 }
 
+// It is verified while Writes go on, which it clears then.
+TEST_F(ReplayTest, APushTakesEffectWhereTheAgentInstallsIt) {
+  for (const Push::Action action : {Push::VERIFY_AND_COMMIT, Push::RECONCILE_AND_COMMIT}) {
+    const uint64_t pushed = calls.add("a", pushOf(action, "new"), std::nullopt, RecordKind::push);
+    calls.add("a", writeOf({1}));
+    calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, "new"), Outcome{}, RecordKind::pipeline);
+    const uint64_t next = calls.add("a", writeOf({2}), std::nullopt);
+    calls.add(Draft::outcome({.request = pushed}));
+    calls.add(Draft::outcome({.request = next}));
+  }
+  EXPECT_THAT(replayed(survey().from), ElementsAre("2", "1", "push new", "2"));
+}
+
 TEST_F(ReplayTest, KnowsAJournalThatBeginsLater) {
   calls.add("a", writeOf({1}));
   calls.records.erase(calls.records.begin());
