@@ -70,6 +70,19 @@ FieldValue masked(FieldValue value) {
 
 }  // namespace
 
+const p4::v1::TableEntry* entryOf(const p4::v1::Entity& entity) {
+  switch (entity.entity_case()) {
+    case p4::v1::Entity::kTableEntry:
+      return &entity.table_entry();
+    case p4::v1::Entity::kDirectCounterEntry:
+      return &entity.direct_counter_entry().table_entry();
+    case p4::v1::Entity::kDirectMeterEntry:
+      return &entity.direct_meter_entry().table_entry();
+    default:
+      return nullptr;
+  }
+}
+
 FieldValue fieldValue(const MatchField& field, const p4::v1::FieldMatch& match) {
   const uint32_t bits = widthOf(field);
   const auto number = [bits](const std::string& bytes) { return canonicalValue(bytes, bits); };
@@ -125,6 +138,11 @@ void EntryPattern::noteNeedle(std::string_view value) {
   const size_t first = value.find_first_not_of('\0');
   if (first == std::string_view::npos) return;
   if (value.size() - first > needle_.size()) needle_ = value.substr(first);
+}
+
+bool EntryPattern::matches(const p4::v1::Entity& entity) const {
+  const p4::v1::TableEntry* entry = entryOf(entity);
+  return entry != nullptr && matches(*entry);
 }
 
 bool EntryPattern::matches(const p4::v1::TableEntry& entry) const {

@@ -93,49 +93,13 @@ std::string textOf(const P4InfoLookup& index, const p4::v1::ActionProfileActionS
   return text.empty() ? "an empty set" : text;
 }
 
-std::string tableName(const P4InfoLookup& index, uint32_t id) {
-  const auto* table = index.table(id);
-  return table ? table->preamble().name() : std::to_string(id);
-}
-
-std::string entryWords(const P4InfoLookup& index, const p4::v1::TableEntry& entry) {
-  const auto* table = index.table(entry.table_id());
-  return fmt::format("table {}: {}", tableName(index, entry.table_id()),
-                     table ? keyText(*table, entry) : "");
-}
-
-std::string entityText(const P4InfoLookup& index, const p4::v1::Entity& entity) {
-  using p4::v1::Entity;
-  const auto profile = [&](uint32_t id) {
-    const auto* known = index.actionProfile(id);
-    return known ? known->preamble().name() : std::to_string(id);
-  };
-  switch (entity.entity_case()) {
-    case Entity::kTableEntry:
-      return entryWords(index, entity.table_entry());
-    case Entity::kDirectCounterEntry:
-      return "counter of " + entryWords(index, entity.direct_counter_entry().table_entry());
-    case Entity::kDirectMeterEntry:
-      return "meter of " + entryWords(index, entity.direct_meter_entry().table_entry());
-    case Entity::kActionProfileMember:
-      return fmt::format("{}: member {}",
-                         profile(entity.action_profile_member().action_profile_id()),
-                         entity.action_profile_member().member_id());
-    case Entity::kActionProfileGroup:
-      return fmt::format("{}: group {}", profile(entity.action_profile_group().action_profile_id()),
-                         entity.action_profile_group().group_id());
-    default:
-      return Vela::plainLine(entity.ShortDebugString(), longestText);
-  }
-}
-
-}  // namespace
-
-std::string keyText(const p4::config::v1::Table& table, const p4::v1::TableEntry& entry) {
+std::string entryKey(const P4InfoLookup& index, const p4::v1::TableEntry& entry) {
+  const p4::config::v1::Table* table = index.table(entry.table_id());
+  if (table == nullptr) return "";
   if (entry.is_default_action()) return "default entry";
   std::string text;
   for (const auto& match : entry.match()) {
-    text += (text.empty() ? "" : " ") + fieldWord(table, match);
+    text += (text.empty() ? "" : " ") + fieldWord(*table, match);
   }
   if (entry.priority() != 0) {
     text += fmt::format("{}priority={}", text.empty() ? "" : " ", entry.priority());
@@ -143,7 +107,7 @@ std::string keyText(const p4::config::v1::Table& table, const p4::v1::TableEntry
   return text;
 }
 
-std::string actionText(const P4InfoLookup& index, const p4::v1::TableEntry& entry) {
+std::string entryContent(const P4InfoLookup& index, const p4::v1::TableEntry& entry) {
   const p4::v1::TableAction& action = entry.action();
   switch (action.type_case()) {
     case p4::v1::TableAction::kAction:
@@ -159,11 +123,60 @@ std::string actionText(const P4InfoLookup& index, const p4::v1::TableEntry& entr
   }
 }
 
+std::string groupContent(const p4::v1::ActionProfileGroup& group) {
+  std::string text;
+  for (const auto& member : group.members()) {
+    text += fmt::format("{} {} @{}", text.empty() ? "members" : ",", member.member_id(),
+                        member.weight());
+  }
+  return text.empty() ? "no members" : text;
+}
+
+// The table or profile that an entity is in.
+std::string placeText(const P4InfoLookup& index, const p4::v1::Entity& entity) {
+  const auto named = [](const char* kind, const auto* known, uint32_t id) {
+    return fmt::format("{} {}", kind, known ? known->preamble().name() : std::to_string(id));
+  };
+  if (const p4::v1::TableEntry* entry = entryOf(entity)) {
+    return named("table", index.table(entry->table_id()), entry->table_id());
+  }
+  if (!entity.has_action_profile_member() && !entity.has_action_profile_group()) return "";
+  const uint32_t id = entity.has_action_profile_member()
+                          ? entity.action_profile_member().action_profile_id()
+                          : entity.action_profile_group().action_profile_id();
+  return named("action profile", index.actionProfile(id), id);
+}
+
+}  // namespace
+
+std::string keyText(const P4InfoLookup& index, const p4::v1::Entity& entity) {
+  if (const p4::v1::TableEntry* entry = entryOf(entity)) return entryKey(index, *entry);
+  if (entity.has_action_profile_member()) {
+    return fmt::format("member {}", entity.action_profile_member().member_id());
+  }
+  if (entity.has_action_profile_group()) {
+    return fmt::format("group {}", entity.action_profile_group().group_id());
+  }
+  return Vela::plainLine(entity.ShortDebugString(), longestText);
+}
+
+std::string contentText(const P4InfoLookup& index, const p4::v1::Entity& entity) {
+  if (entity.has_action_profile_member()) {
+    return textOf(index, entity.action_profile_member().action());
+  }
+  if (entity.has_action_profile_group()) return groupContent(entity.action_profile_group());
+  const p4::v1::TableEntry* entry = entryOf(entity);
+  return entry ? entryContent(index, *entry) : "";
+}
+
 std::string updateText(const P4InfoLookup& index, const p4::v1::Update& update) {
-  const std::string type = p4::v1::Update::Type_IsValid(update.type())
-                               ? p4::v1::Update::Type_Name(update.type())
-                               : "update";
-  return type + ' ' + entityText(index, update.entity());
+  const p4::v1::Entity& entity = update.entity();
+  const char* part = entity.has_direct_counter_entry() ? " counter of"
+                     : entity.has_direct_meter_entry() ? " meter of"
+                                                       : "";
+  const std::string place = placeText(index, entity);
+  return fmt::format("{}{} {}{}{}", p4::v1::Update::Type_Name(update.type()), part, place,
+                     place.empty() ? "" : ": ", keyText(index, entity));
 }
 
 }  // namespace Cli

@@ -28,20 +28,6 @@ constexpr size_t longestText = 2000;
 
 std::string plain(std::string_view text) { return Vela::plainLine(text, longestText); }
 
-// The entry that the update changes, or a part of it; null for other kinds.
-const p4::v1::TableEntry* entryOf(const p4::v1::Entity& entity) {
-  switch (entity.entity_case()) {
-    case p4::v1::Entity::kTableEntry:
-      return &entity.table_entry();
-    case p4::v1::Entity::kDirectCounterEntry:
-      return &entity.direct_counter_entry().table_entry();
-    case p4::v1::Entity::kDirectMeterEntry:
-      return &entity.direct_meter_entry().table_entry();
-    default:
-      return nullptr;
-  }
-}
-
 std::string whatOf(const p4::v1::Update& update) {
   const char* part = update.entity().has_direct_counter_entry() ? " counter"
                      : update.entity().has_direct_meter_entry() ? " meter"
@@ -141,11 +127,6 @@ HistoryEvent* History::event(uint64_t number) {
   return number < first ? nullptr : &events_[number - first];
 }
 
-bool History::concerns(const p4::v1::Update& update) const {
-  const p4::v1::TableEntry* entry = entryOf(update.entity());
-  return entry != nullptr && pattern_.matches(*entry);
-}
-
 // Most Writes lack the bytes, and are not parsed.
 void History::addWrite(const Record& record) {
   const auto request = Journal::requestOf(record);
@@ -158,10 +139,9 @@ void History::addWrite(const Record& record) {
   if (!parse(request->bytes, &write)) return;
   for (int i = 0; i < write.updates_size(); ++i) {
     const p4::v1::Update& update = write.updates(i);
-    if (!concerns(update)) continue;
+    if (!pattern_.matches(update.entity())) continue;
     ++updates_;
     HistoryEvent& event = add(Kind::update, record);
-    const p4::v1::TableEntry& entry = *entryOf(update.entity());
     event.role = plain(roleOf(write));
     event.electionId = electionIdText(write);
     event.what = whatOf(update);
@@ -170,8 +150,10 @@ void History::addWrite(const Record& record) {
     if (write.atomicity() != p4::v1::WriteRequest::CONTINUE_ON_ERROR) {
       event.atomicity = p4::v1::WriteRequest::Atomicity_Name(write.atomicity());
     }
-    event.key = keyText(pattern_.table(), entry);
-    if (update.type() != p4::v1::Update::DELETE) event.action = actionText(index_, entry);
+    event.key = keyText(index_, update.entity());
+    if (update.type() != p4::v1::Update::DELETE) {
+      event.action = contentText(index_, update.entity());
+    }
   }
 }
 

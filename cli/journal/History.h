@@ -1,4 +1,4 @@
-// The history of entries: the updates of them that a journal has.
+// The history of entities: the updates of them that a journal has.
 #pragma once
 
 #include <google/protobuf/arena.h>
@@ -10,11 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "cli/journal/EntryPattern.h"
+#include "cli/journal/EntityPattern.h"
 #include "journal/Record.h"
 
 namespace p4::v1 {
-class Update;
 class WriteRequest;
 }  // namespace p4::v1
 namespace Pipeline {
@@ -47,7 +46,7 @@ struct HistoryEvent {
 class History {
  public:
   // Keeps the newest `most` events. The references outlive the object.
-  History(const EntryPattern& pattern, const Pipeline::P4InfoLookup& index, size_t most)
+  History(const EntityPattern& pattern, const Pipeline::P4InfoLookup& index, size_t most)
       : pattern_(pattern), index_(index), most_(most) {}
 
   void add(const Journal::Record& record);
@@ -67,12 +66,11 @@ class History {
   void placePushes(Journal::Time time);
   void addGap(const Journal::Record& record);
   void addOutcome(const Journal::Record& record);
-  bool concerns(const p4::v1::Update& update) const;
   HistoryEvent& add(HistoryEvent::Kind kind, const Journal::Record& record);
   HistoryEvent& add(HistoryEvent event);
   HistoryEvent* event(uint64_t number);
 
-  const EntryPattern& pattern_;
+  const EntityPattern& pattern_;
   const Pipeline::P4InfoLookup& index_;
   const size_t most_;
   std::deque<HistoryEvent> events_;

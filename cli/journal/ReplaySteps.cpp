@@ -28,6 +28,7 @@ class PipelineSurvey {
     if (record.kind == RecordKind::push) {
       if (const auto request = Journal::requestOf(record)) {
         open_[record.sequence] = {record.sequence, record.time, std::string(request->bytes)};
+        pushesHaveBegun_ = true;
       }
       return;
     }
@@ -46,14 +47,17 @@ class PipelineSurvey {
     std::string bytes;
   };
 
-  // The agent installs what a controller has pushed in a form of its own.
+  // Until a controller pushes one, the newest of those that the agent was configured with. What a
+  // controller has pushed is installed in a form of the agent's own.
   void handleOwn(const Record& record) {
     Push own;
     const auto request = Journal::requestOf(record);
     if (!request || !parse(request->bytes, &own)) return;
     survey_.deviceId = own.device_id();
     for (auto& [sequence, open] : open_) open.place = record.sequence;
-    if (!survey_.pipeline) survey_.pipeline = std::move(*own.mutable_config());
+    if (!survey_.pipeline || !pushesHaveBegun_) {
+      survey_.pipeline = std::move(*own.mutable_config());
+    }
   }
 
   void handleDone(const Open& open) {
@@ -70,6 +74,7 @@ class PipelineSurvey {
 
   Survey& survey_;
   std::map<uint64_t, Open> open_;  // pushes without an outcome so far
+  bool pushesHaveBegun_ = false;
   std::optional<p4::v1::ForwardingPipelineConfig> saved_;
 };
 

@@ -7,6 +7,7 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "tests/e2e/Load.h"
 #include "tests/e2e/Switch.h"
@@ -75,7 +76,7 @@ TEST_F(Journaled, TellsWhoWroteAnEntryAndWhatBecameOfIt) {
                                   "    OK, [0-9]+ us\n"));
   EXPECT_THAT(why(keyOf(6)), Not(HasSubstr("MODIFY")));
   EXPECT_THAT(why(keyOf(30)), HasSubstr("OK, ")) << "its Write failed in part";
-  EXPECT_THAT(why(keyOf(40)), HasSubstr("no Write of such an entry of ingress.ipv4_route"));
+  EXPECT_THAT(why(keyOf(40)), HasSubstr("no Write of it is in the journal"));
   const std::string all = why({"ipv4_route", "--last", "3"});
   EXPECT_THAT(all, HasSubstr("22 older ones are not shown"));
   const CommandResult unknown = tested.agent.korvel({"why", "ipv4_routes"});
@@ -115,7 +116,7 @@ TEST_F(Journaled, CanBeTurnedOffAndOnWhileTheAgentRuns) {
   ASSERT_TRUE(tested.insertRoutes(0, 1, 1).ok());
   sizeIs("4");
   ASSERT_TRUE(tested.insertRoutes(1, 2, 1).ok());
-  EXPECT_THAT(why(keyOf(0)), HasSubstr("no Write of such an entry"));
+  EXPECT_THAT(why(keyOf(0)), HasSubstr("no Write of it"));
   EXPECT_THAT(why(keyOf(1)), HasSubstr("INSERT"));
   const auto status = tested.agent.korvel({"status"});
   EXPECT_THAT(status.output, HasSubstr("state/journal, "));
@@ -213,6 +214,28 @@ TEST_F(Journaled, ReplayingManyWritesToASwitchWithoutAPipelineMakesTheSameRows) 
     EXPECT_THAT(told.output, HasSubstr("pushed the pipeline of the journal\nreplayed 50"));
     EXPECT_EQ(dumpOf(other), dumpOf(tested.agent));
   }
+}
+
+// The last one to change a route wins, whichever thread tells of it first.
+TEST_F(Journaled, ReplayingKeepsTheOrderOfWritesThatContend) {
+  constexpr uint32_t routes = 4;
+  ASSERT_TRUE(tested.insertRoutes(0, routes, 1).ok());
+  std::vector<std::thread> writers;
+  for (uint32_t writer = 0; writer < 8; ++writer) {
+    writers.emplace_back([this, writer] {
+      for (uint32_t i = 0; i < 250; ++i) {
+        const uint32_t nexthop = 1 + writer * 1000 + i;
+        EXPECT_TRUE(tested.write({modifyOf(tested.route(i % routes, nexthop))}).ok());
+      }
+    });
+  }
+  for (std::thread& writer : writers) writer.join();
+  Switch other;
+  ASSERT_TRUE(other.startAgent());
+  ASSERT_TRUE(other.startForwarder());
+  const CommandResult told = replay({journal(), "--to", other.agent.address()});
+  EXPECT_EQ(told.exit.code, 0) << told.error;
+  EXPECT_EQ(dumpOf(other.agent), dumpOf(tested.agent));
 }
 
 TEST_F(Journaled, ReplayingBeginsAtTheLastPushThatClearedTheSwitch) {

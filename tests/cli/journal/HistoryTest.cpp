@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "cli/journal/EntryPattern.h"
+#include "cli/journal/ProfilePattern.h"
 #include "p4/config/v1/p4info.pb.h"
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/Finding.h"
@@ -47,7 +49,7 @@ p4::v1::WriteRequest writeOf(std::vector<std::pair<Update::Type, p4::v1::TableEn
 
 class HistoryTest : public testing::Test {
  protected:
-  std::vector<HistoryEvent> historyOf(const EntryPattern& pattern, size_t most = 100) const {
+  std::vector<HistoryEvent> historyOf(const EntityPattern& pattern, size_t most = 100) const {
     History history(pattern, index_, most);
     for (const std::string& bytes : calls.records) history.add(*Journal::recordAt(bytes));
     history.end();
@@ -154,6 +156,38 @@ TEST_F(HistoryTest, FindsEntriesHoweverTheirKeysAreWritten) {
   ofDefault.isDefaultIs(true);
   ASSERT_THAT(historyOf(ofDefault), SizeIs(1));
   EXPECT_THAT(eventText(historyOf(ofDefault)[0]), HasSubstr("default entry -> ingress.drop"));
+}
+
+TEST_F(HistoryTest, IsAlsoThatOfMembersAndGroups) {
+  p4::v1::WriteRequest request;
+  const auto add = [&](const p4::v1::Entity& entity) {
+    Update& update = *request.add_updates();
+    update.set_type(Update::INSERT);
+    *update.mutable_entity() = entity;
+  };
+  p4::v1::Entity member, group, other;
+  *member.mutable_action_profile_member() =
+      TestSupport::memberOf(router(), "wcmp_selector", 3, "set_nexthop", {{"nexthop_id", 7}});
+  *group.mutable_action_profile_group() =
+      TestSupport::groupOf(router(), "wcmp_selector", 3, {{3, 2}, {4, 1}});
+  *other.mutable_action_profile_group() = TestSupport::groupOf(router(), "lag_selector", 3);
+  for (const auto& entity : {member, group, other}) add(entity);
+  calls.add("a", request);
+  const auto ofProfile = [&](const std::vector<std::string>& words) {
+    return historyOf(ProfilePattern(router().profile("wcmp_selector"), words));
+  };
+  EXPECT_THAT(ofProfile({}), SizeIs(2));
+  EXPECT_THAT(ofProfile({"member=4"}), SizeIs(0));
+  ASSERT_THAT(ofProfile({"member=3"}), SizeIs(1));
+  ASSERT_THAT(ofProfile({"group=3"}), SizeIs(1));
+  EXPECT_THAT(eventText(ofProfile({"member=3"})[0]),
+              HasSubstr("INSERT  member 3 -> ingress.set_nexthop nexthop_id=7\n"));
+  EXPECT_THAT(eventText(ofProfile({"group=3"})[0]),
+              HasSubstr("INSERT  group 3 -> members 3 @2, 4 @1\n"));
+  for (const char* word : {"member", "member=", "member=x", "group=3 4", "port=3"}) {
+    EXPECT_THROW(ofProfile({word}), Pipeline::PipelineError) << word;
+  }
+  EXPECT_THROW(ofProfile({"member=3", "group=3"}), Pipeline::PipelineError);
 }
 
 TEST_F(HistoryTest, RefusesKeysThatCannotBe) {

@@ -127,17 +127,19 @@ TEST_F(ReplayTest, BeginsWithTheLastPushThatClearedTheSwitch) {
   calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, "configured"), Outcome{},
             RecordKind::pipeline);
   calls.add("a", writeOf({1}));
+  calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, "changed"), Outcome{}, RecordKind::pipeline);
   Survey found = survey();
   EXPECT_TRUE(found.isWhole);
   EXPECT_EQ(found.from, 0u);
   EXPECT_EQ(found.deviceId, 3u);
-  EXPECT_EQ(found.pipeline->p4_device_config(), "configured");
+  EXPECT_EQ(found.pipeline->p4_device_config(), "changed");
   EXPECT_THAT(replayed(found.from), ElementsAre("1"));
 
   calls.add(Draft::gap({7, Journal::GapReason::noRoom}));
   EXPECT_EQ(survey().lost, 7u);
   calls.add("a", pushOf(Push::VERIFY_AND_SAVE, "saved"), Outcome{}, RecordKind::push);
   calls.add("a", pushOf(Push::COMMIT, ""), Outcome{}, RecordKind::push);
+  calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, "own form"), Outcome{}, RecordKind::pipeline);
   calls.add("a", writeOf({2}));
   calls.add("a", pushOf(Push::VERIFY_AND_COMMIT, "refused"), Outcome{.code = 3}, RecordKind::push);
   calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "kept"), Outcome{}, RecordKind::push);
