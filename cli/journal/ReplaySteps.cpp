@@ -119,7 +119,10 @@ void ReplaySteps::addRequest(const Record& record) {
                     .sequence = record.sequence,
                     .time = record.time,
                     .request = std::string(request->bytes)});
-  if (calls_.size() > mostOpenCalls) calls_.front().isUnknown = true;
+  openBytes_ += request->bytes.size();
+  Call& oldest = calls_.front();
+  const bool isTooMuch = calls_.size() > mostOpenCalls || openBytes_ > mostOpenBytes_;
+  if (isTooMuch && calls_.size() > 1) oldest.isUnknown = !oldest.isKnown;
 }
 
 // The agent installs the pipeline of a push only now: Writes that came in the meantime took effect
@@ -151,6 +154,7 @@ std::optional<ReplayStep> ReplaySteps::next() {
   while (!calls_.empty() && (calls_.front().isKnown || calls_.front().isUnknown)) {
     Call call = std::move(calls_.front());
     calls_.pop_front();
+    openBytes_ -= call.request.size();
     if (call.isUnknown) {
       ++unknown_;
       continue;

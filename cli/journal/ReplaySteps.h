@@ -42,8 +42,10 @@ struct ReplayStep {
 // Give it all records, and take the steps that are ready after each.
 class ReplaySteps {
  public:
-  // Records up to this sequence are passed over.
-  explicit ReplaySteps(uint64_t from) : from_(from) {}
+  // Records up to this sequence are passed over. `mostOpenBytes`: of requests that wait for an
+  // outcome, or for a former one that does; beyond it the oldest is given up.
+  explicit ReplaySteps(uint64_t from, size_t mostOpenBytes = 256 << 20)
+      : from_(from), mostOpenBytes_(mostOpenBytes) {}
 
   void add(const Journal::Record& record);
   void end();  // no more records come
@@ -70,6 +72,8 @@ class ReplaySteps {
   void removeFailed(const Call& call, p4::v1::WriteRequest* write);
 
   const uint64_t from_;
+  const size_t mostOpenBytes_;
+  size_t openBytes_ = 0;
   std::deque<Call> calls_;  // in the order in which they take effect
   uint64_t failed_ = 0;
   uint64_t unknown_ = 0;

@@ -112,6 +112,20 @@ TEST_F(ReplayTest, LeavesOutCallsWhoseOutcomeNobodyKnows) {
   EXPECT_EQ(unknown, 3u);
 }
 
+// One lost outcome must not keep all later requests in memory.
+TEST_F(ReplayTest, GivesUpTheOldestCallWhenTooMuchWaitsBehindIt) {
+  ReplaySteps steps(0, 1000);
+  calls.add("a", writeOf({1}), std::nullopt);
+  for (uint32_t i = 0; i < 1000; ++i) calls.add("a", writeOf({i}));
+  size_t taken = 0;
+  for (const std::string& bytes : calls.records) {
+    steps.add(*Journal::recordAt(bytes));
+    while (steps.next()) ++taken;
+  }
+  EXPECT_EQ(taken, 1000u);
+  EXPECT_EQ(steps.unknown(), 1u);
+}
+
 TEST_F(ReplayTest, PassesOverPipelinesThatNeverRan) {
   calls.add("a", pushOf(Push::VERIFY, "checked"), Outcome{}, RecordKind::push);
   calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "refused"), Outcome{.code = 3},
