@@ -9,10 +9,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
-
-#include "journal/Reader.h"
 
 namespace Journal {
 namespace {
@@ -56,23 +55,36 @@ void FileWriter::doFindFiles() {
   goOn(files_.back().file);
   // A start may have been killed before it wrote a record.
   for (auto at = files_.rbegin(); lastSequence_ == 0 && ++at != files_.rend();) {
-    FileReader file(at->file.path);
-    while (const auto record = file.next()) lastSequence_ = record->sequence;
+    readToEnd(at->file);
+  }
+}
+
+// Empty for a file with a wrong begin, such as a power failure may leave.
+std::optional<FileReader> FileWriter::readToEnd(const File& file) {
+  try {
+    std::optional<FileReader> reader(file.path);
+    while (const auto record = reader->next()) lastSequence_ = record->sequence;
+    return reader;
+  } catch (const std::system_error&) {
+    throw;
+  } catch (const std::runtime_error& e) {
+    found_ = fmt::format("{}; it stays as it is", e.what());
+    return std::nullopt;
   }
 }
 
 // A torn record is cut off: it has no others behind it. A file with damage stays as it is, for
 // those who want to look at it.
 void FileWriter::goOn(const File& newest) {
-  FileReader file(newest.path);
-  while (const auto record = file.next()) lastSequence_ = record->sequence;
-  if (file.hasRest() && !file.isTorn()) {
+  const auto file = readToEnd(newest);
+  if (!file) return openNext();
+  if (file->hasRest() && !file->isTorn()) {
     found_ = fmt::format("{} is damaged at byte {}; the rest of it cannot be read", newest.path,
-                         file.place());
+                         file->place());
     return openNext();
   }
   open(newest);
-  const uint64_t whole = file.place();
+  const uint64_t whole = file->place();
   if (files_.back().bytes == whole) return;
   if (whole != 0) {
     found_ = fmt::format(

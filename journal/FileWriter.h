@@ -4,10 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "journal/Directory.h"
+#include "journal/Reader.h"
 #include "platform/vela/Descriptors.h"
 
 namespace Journal {
@@ -39,6 +41,7 @@ class FileWriter {
   void lock();
   void doFindFiles();
   void goOn(const File& newest);
+  std::optional<FileReader> readToEnd(const File& file);
   void open(const File& file);
   void openNext();
   void writeAll(std::string_view records);

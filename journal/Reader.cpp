@@ -81,6 +81,10 @@ bool Reader::openNext() {
     } catch (const std::system_error& e) {
       if (e.code() != std::errc::no_such_file_or_directory || files_.size() == 1) throw;
       notes_.push_back(fmt::format("{} has made room for newer files meanwhile", file.path));
+      hasLostFiles_ = true;
+    } catch (const std::runtime_error& e) {
+      if (files_.size() == 1) throw;
+      notes_.push_back(fmt::format("{}; it is left out", e.what()));
     }
   }
   return false;

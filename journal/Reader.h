@@ -48,6 +48,7 @@ class Reader {
   std::optional<Record> next();
   // What was left out, a line each: damage, files that have gone.
   const std::vector<std::string>& notes() const { return notes_; }
+  bool hasLostFiles() const { return hasLostFiles_; }  // some made room while it read
 
  private:
   bool openNext();
@@ -57,6 +58,7 @@ class Reader {
   size_t opened_ = 0;
   std::optional<FileReader> file_;
   std::vector<std::string> notes_;
+  bool hasLostFiles_ = false;
 };
 
 }  // namespace Journal

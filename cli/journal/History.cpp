@@ -75,13 +75,14 @@ void History::add(const Record& record) {
   }
   switch (record.kind) {
     case RecordKind::start:
+      end();
       return open_.clear();
     case RecordKind::write:
       return addWrite(record);
     case RecordKind::push:
       return addPush(record);
     case RecordKind::pipeline:
-      return;
+      return placePushes(record.time);
     case RecordKind::outcome:
       return addOutcome(record);
     case RecordKind::gap:
@@ -89,19 +90,36 @@ void History::add(const Record& record) {
   }
 }
 
-HistoryEvent& History::add(Kind kind, const Record& record) {
-  if (events_.size() == most_) events_.pop_front();
-  HistoryEvent& event = events_.emplace_back();
+namespace {
+
+HistoryEvent eventOf(Kind kind, const Record& record) {
+  HistoryEvent event;
   event.kind = kind;
   event.sequence = record.sequence;
   event.time = record.time;
   if (const auto request = Journal::requestOf(record)) {
     event.identity = plain(request->identity);
     event.address = plain(request->address);
-    open_[record.sequence].push_back(added_);
   }
-  ++added_;
   return event;
+}
+
+}  // namespace
+
+void History::end() {
+  for (auto& [sequence, event] : pushes_) placePush(sequence, std::move(event));
+  pushes_.clear();
+}
+
+HistoryEvent& History::add(HistoryEvent event) {
+  if (events_.size() == most_) events_.pop_front();
+  ++added_;
+  return events_.emplace_back(std::move(event));
+}
+
+HistoryEvent& History::add(Kind kind, const Record& record) {
+  if (record.isRequest()) open_[record.sequence].push_back(added_);
+  return add(eventOf(kind, record));
 }
 
 HistoryEvent* History::event(uint64_t number) {
@@ -143,10 +161,22 @@ void History::addPush(const Record& record) {
   const auto request = Journal::requestOf(record);
   p4::v1::SetForwardingPipelineConfigRequest push;
   if (!request || !parse(request->bytes, &push) || !changesPipeline(push.action())) return;
-  HistoryEvent& event = add(Kind::push, record);
+  HistoryEvent event = eventOf(Kind::push, record);
   event.role = plain(roleOf(push));
   event.electionId = electionIdText(push);
   event.what = p4::v1::SetForwardingPipelineConfigRequest::Action_Name(push.action());
+  pushes_[record.sequence] = std::move(event);
+}
+
+void History::placePush(uint64_t sequence, HistoryEvent event) {
+  open_[sequence].push_back(added_);
+  add(std::move(event));
+}
+
+// The agent installs the pipeline only now: Writes that came in the meantime took effect before it.
+void History::placePushes(Journal::Time time) {
+  for (auto& [sequence, event] : pushes_) event.time = time;
+  end();
 }
 
 void History::addGap(const Record& record) {
@@ -160,6 +190,9 @@ void History::addGap(const Record& record) {
 void History::addOutcome(const Record& record) {
   const auto outcome = Journal::outcomeOf(record);
   if (!outcome) return;
+  if (auto push = pushes_.extract(outcome->request)) {
+    placePush(outcome->request, std::move(push.mapped()));
+  }
   const auto open = open_.find(outcome->request);
   if (open == open_.end()) return;
   for (const uint64_t number : open->second) {

@@ -50,6 +50,7 @@ class History {
       : pattern_(pattern), index_(index), most_(most) {}
 
   void add(const Journal::Record& record);
+  void end();  // no more records come
 
   const std::deque<HistoryEvent>& events() const { return events_; }  // oldest first
   uint64_t updates() const { return updates_; }              // of such entries, all there were
@@ -61,9 +62,12 @@ class History {
  private:
   void addWrite(const Journal::Record& record);
   void addPush(const Journal::Record& record);
+  void placePush(uint64_t sequence, HistoryEvent event);
+  void placePushes(Journal::Time time);
   void addGap(const Journal::Record& record);
   void addOutcome(const Journal::Record& record);
   HistoryEvent& add(HistoryEvent::Kind kind, const Journal::Record& record);
+  HistoryEvent& add(HistoryEvent event);
   HistoryEvent* event(uint64_t number);
 
   const EntityPattern& pattern_;
@@ -71,6 +75,7 @@ class History {
   const size_t most_;
   std::deque<HistoryEvent> events_;
   std::map<uint64_t, std::vector<uint64_t>> open_;  // numbers of events, by their request
+  std::map<uint64_t, HistoryEvent> pushes_;         // that have not taken effect yet
   uint64_t added_ = 0;
   uint64_t updates_ = 0;
   std::optional<Journal::Time> begin_;

@@ -176,6 +176,18 @@ void tellEnd(const Replaying& replaying, const ReplaySteps& steps) {
   }
 }
 
+// The agent may have gone on writing while the Writes went to the switch.
+void tellNewNotes(const Survey& survey, const Journal::Reader& reader) {
+  for (const std::string& note : reader.notes()) {
+    if (std::ranges::find(survey.notes, note) != survey.notes.end()) continue;
+    fmt::print(stderr, "korvel: {}\n", note);
+  }
+  if (!reader.hasLostFiles()) return;
+  fmt::print(stderr,
+             "korvel: the switch lacks what stood in there; replay the journal while nobody writes "
+             "it, or give it more room\n");
+}
+
 void run(ReplayOptions options, bool hasDevice) {
   const Survey survey = surveyOf(Journal::Reader(Journal::filesAt(options.journal)));
   if (survey.records == 0) throw std::runtime_error("the journal " + options.journal + " is empty");
@@ -197,7 +209,8 @@ void run(ReplayOptions options, bool hasDevice) {
   takeReady();
   replaying.flush();
   tellEnd(replaying, steps);
-  if (replaying.failures() > 0) throw CLI::RuntimeError(1);
+  tellNewNotes(survey, reader);
+  if (replaying.failures() > 0 || reader.hasLostFiles()) throw CLI::RuntimeError(1);
 }
 
 }  // namespace

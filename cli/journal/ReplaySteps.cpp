@@ -1,6 +1,7 @@
 #include "cli/journal/ReplaySteps.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <utility>
 
@@ -26,7 +27,7 @@ class PipelineSurvey {
     if (record.kind == RecordKind::pipeline) return handleOwn(record);
     if (record.kind == RecordKind::push) {
       if (const auto request = Journal::requestOf(record)) {
-        open_[record.sequence] = {record.time, std::string(request->bytes)};
+        open_[record.sequence] = {record.sequence, record.time, std::string(request->bytes)};
         pushesHaveBegun_ = true;
       }
       return;
@@ -35,12 +36,13 @@ class PipelineSurvey {
     if (!outcome) return;
     const auto open = open_.find(outcome->request);
     if (open == open_.end()) return;
-    if (outcome->code == 0) handleDone(open->first, open->second);
+    if (outcome->code == 0) handleDone(open->second);
     open_.erase(open);
   }
 
  private:
   struct Open {
+    uint64_t place;  // sequence at which it took effect
     Journal::Time time;
     std::string bytes;
   };
@@ -52,18 +54,19 @@ class PipelineSurvey {
     const auto request = Journal::requestOf(record);
     if (!request || !parse(request->bytes, &own)) return;
     survey_.deviceId = own.device_id();
+    for (auto& [sequence, open] : open_) open.place = record.sequence;
     if (!survey_.pipeline || !pushesHaveBegun_) {
       survey_.pipeline = std::move(*own.mutable_config());
     }
   }
 
-  void handleDone(uint64_t sequence, const Open& open) {
+  void handleDone(const Open& open) {
     Push push;
     if (!parse(open.bytes, &push)) return;
     if (push.action() == Push::VERIFY_AND_SAVE) saved_ = push.config();
     const bool isCommit = push.action() == Push::COMMIT;
     if (push.action() != Push::VERIFY_AND_COMMIT && !isCommit) return;
-    survey_.from = sequence;
+    survey_.from = open.place;
     survey_.fromTime = open.time;
     survey_.lost = 0;
     survey_.pipeline = isCommit ? saved_ : push.config();
@@ -94,16 +97,41 @@ Survey surveyOf(Journal::Reader reader) {
 }
 
 void ReplaySteps::add(const Record& record) {
-  if (record.kind == RecordKind::outcome) return addOutcome(record);
-  if (record.kind == RecordKind::start) return end();
-  if (record.kind != RecordKind::write && record.kind != RecordKind::push) return;
+  switch (record.kind) {
+    case RecordKind::start:
+      return end();
+    case RecordKind::write:
+    case RecordKind::push:
+      return addRequest(record);
+    case RecordKind::pipeline:
+      return placePush();
+    case RecordKind::outcome:
+      return addOutcome(record);
+    case RecordKind::gap:
+      return;
+  }
+}
+
+void ReplaySteps::addRequest(const Record& record) {
   const auto request = Journal::requestOf(record);
   if (!request || record.sequence <= from_) return;
   calls_.push_back({.kind = record.kind,
                     .sequence = record.sequence,
                     .time = record.time,
                     .request = std::string(request->bytes)});
-  if (calls_.size() > mostOpenCalls) calls_.front().isUnknown = true;
+  openBytes_ += request->bytes.size();
+  Call& oldest = calls_.front();
+  const bool isTooMuch = calls_.size() > mostOpenCalls || openBytes_ > mostOpenBytes_;
+  if (isTooMuch && calls_.size() > 1) oldest.isUnknown = !oldest.isKnown;
+}
+
+// The agent installs the pipeline of a push only now: Writes that came in the meantime took effect
+// before it.
+void ReplaySteps::placePush() {
+  const auto isOpenPush = [](const Call& call) {
+    return call.kind == RecordKind::push && !call.isKnown && !call.isUnknown;
+  };
+  std::stable_partition(calls_.begin(), calls_.end(), std::not_fn(isOpenPush));
 }
 
 void ReplaySteps::end() {
@@ -113,8 +141,10 @@ void ReplaySteps::end() {
 void ReplaySteps::addOutcome(const Record& record) {
   const auto outcome = Journal::outcomeOf(record);
   if (!outcome) return;
-  const auto call = std::ranges::lower_bound(calls_, outcome->request, {}, &Call::sequence);
-  if (call == calls_.end() || call->sequence != outcome->request) return;
+  // The newest ones are looked at first: few are open at a time.
+  const auto call = std::find_if(calls_.rbegin(), calls_.rend(),
+                                 [&](const Call& one) { return one.sequence == outcome->request; });
+  if (call == calls_.rend()) return;
   call->isKnown = true;
   call->code = outcome->code;
   for (const Journal::Failure& failure : outcome->failures) call->failures.push_back(failure.index);
@@ -124,6 +154,7 @@ std::optional<ReplayStep> ReplaySteps::next() {
   while (!calls_.empty() && (calls_.front().isKnown || calls_.front().isUnknown)) {
     Call call = std::move(calls_.front());
     calls_.pop_front();
+    openBytes_ -= call.request.size();
     if (call.isUnknown) {
       ++unknown_;
       continue;

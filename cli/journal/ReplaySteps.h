@@ -19,7 +19,8 @@ struct Survey {
   uint64_t last = 0;     // sequence
   bool isWhole = false;  // it begins with the first record ever
   uint64_t lost = 0;     // records that are missing in gaps, from `from` on
-  // The last push that cleared all entries: replaying begins there. 0: with the first record.
+  // Where all entries were last cleared, by a push: replaying begins there. 0: with the first
+  // record.
   uint64_t from = 0;
   Journal::Time fromTime;
   uint64_t deviceId = 0;  // of the newest pipeline
@@ -41,8 +42,10 @@ struct ReplayStep {
 // Give it all records, and take the steps that are ready after each.
 class ReplaySteps {
  public:
-  // Records up to this sequence are passed over.
-  explicit ReplaySteps(uint64_t from) : from_(from) {}
+  // Records up to this sequence are passed over. `mostOpenBytes`: of requests that wait for an
+  // outcome, or for a former one that does; beyond it the oldest is given up.
+  explicit ReplaySteps(uint64_t from, size_t mostOpenBytes = 256 << 20)
+      : from_(from), mostOpenBytes_(mostOpenBytes) {}
 
   void add(const Journal::Record& record);
   void end();  // no more records come
@@ -62,12 +65,16 @@ class ReplaySteps {
     uint32_t code = 0;
     std::vector<uint32_t> failures;  // of which updates
   };
+  void addRequest(const Journal::Record& record);
   void addOutcome(const Journal::Record& record);
+  void placePush();
   std::optional<ReplayStep> stepOf(Call call);
   void removeFailed(const Call& call, p4::v1::WriteRequest* write);
 
   const uint64_t from_;
-  std::deque<Call> calls_;  // ascending by sequence
+  const size_t mostOpenBytes_;
+  size_t openBytes_ = 0;
+  std::deque<Call> calls_;  // in the order in which they take effect
   uint64_t failed_ = 0;
   uint64_t unknown_ = 0;
 };

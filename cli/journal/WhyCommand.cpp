@@ -62,6 +62,7 @@ void run(const WhyOptions& options) {
   History history(*pattern, index, options.last);
   Journal::Reader reader = openJournal(options);
   while (const auto record = reader.next()) history.add(*record);
+  history.end();
   if (options.json) {
     for (const HistoryEvent& event : history.events()) fmt::print("{}\n", eventJson(event));
   } else {

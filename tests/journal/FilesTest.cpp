@@ -119,6 +119,38 @@ TEST_F(JournalFiles, KeepWhatIsAroundADamagedRecord) {
   EXPECT_THAT(after.notes, ElementsAre(HasSubstr("damaged at byte")));
 }
 
+// A power failure may leave a file its length, and zeros.
+TEST_F(JournalFiles, GoOnBehindAFileWithAWrongBegin) {
+  {
+    FileWriter writer(directory(), plenty);
+    write(writer, requestBytes(7));
+  }
+  std::ofstream(filePath(directory(), 2)) << std::string(5000, '\0');
+  {
+    FileWriter writer(directory(), plenty);
+    EXPECT_THAT(writer.found(), HasSubstr("journal-000002.kj is no file of a journal"));
+    EXPECT_EQ(writer.lastSequence(), 7u);
+    write(writer, requestBytes(8));
+  }
+  const Found all = found(filesIn(directory()));
+  EXPECT_THAT(all.sequences, ElementsAre(7, 8));
+  EXPECT_THAT(all.notes, ElementsAre(HasSubstr("journal-000002.kj is no file of a journal")));
+}
+
+TEST_F(JournalFiles, ThatGoWhileTheyAreReadAreTold) {
+  {
+    FileWriter writer(directory(), 1 << 20);
+    for (uint64_t i = 1; i <= 2; ++i) write(writer, requestBytes(i, std::string(200'000, 'x')));
+  }
+  const auto files = filesIn(directory());
+  ASSERT_THAT(files, SizeIs(2));
+  Reader reader(files);
+  std::filesystem::remove(files[0].path);
+  EXPECT_EQ(reader.next()->sequence, 2u);
+  EXPECT_TRUE(reader.hasLostFiles());
+  EXPECT_THAT(reader.notes(), ElementsAre(HasSubstr("has made room")));
+}
+
 TEST_F(JournalFiles, StayWithinTheirBoundAndKeepTheNewest) {
   constexpr uint64_t most = 1 << 20;
   const std::string message(1000, 'x');

@@ -52,6 +52,7 @@ class HistoryTest : public testing::Test {
   std::vector<HistoryEvent> historyOf(const EntityPattern& pattern, size_t most = 100) const {
     History history(pattern, index_, most);
     for (const std::string& bytes : calls.records) history.add(*Journal::recordAt(bytes));
+    history.end();
     return {history.events().begin(), history.events().end()};
   }
   EntryPattern pattern(const std::string& table, const std::vector<std::string>& words) const {
@@ -221,6 +222,26 @@ TEST_F(HistoryTest, ShowsWhatMayHaveChangedAllEntries) {
   ASSERT_THAT(events, SizeIs(2));
   EXPECT_THAT(eventText(events[0]), HasSubstr("pipeline pushed, VERIFY_AND_COMMIT\n    by a "));
   EXPECT_THAT(eventText(events[1]), HasSubstr("5 RECORDS ARE MISSING: they came faster than"));
+}
+
+// It is verified while Writes go on.
+TEST_F(HistoryTest, APushStandsWhereItTookEffect) {
+  p4::v1::SetForwardingPipelineConfigRequest push;
+  push.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
+  const uint64_t pushed = calls.add("a", push, std::nullopt, RecordKind::push);
+  calls.add("a", writeOf({{Update::INSERT, route(0x0a000100, 1)}}));
+  const uint64_t installed = calls.add("agent", push, Journal::Outcome{}, RecordKind::pipeline);
+  calls.add("a", writeOf({{Update::INSERT, route(0x0a000100, 2)}}));
+  calls.add(Draft::outcome({.request = pushed}));
+  calls.add("a", push, std::nullopt, RecordKind::push);  // and the agent is killed
+  const auto events = why("ipv4_route", {});
+  ASSERT_THAT(events, SizeIs(4));
+  EXPECT_THAT(events[0].action, HasSubstr("nexthop_id=1"));
+  EXPECT_EQ(events[1].sequence, pushed);
+  EXPECT_EQ(events[1].time, Journal::Time(std::chrono::seconds(installed)));
+  EXPECT_TRUE(events[1].ended);
+  EXPECT_THAT(events[2].action, HasSubstr("nexthop_id=2"));
+  EXPECT_FALSE(events[3].ended);
 }
 
 // Journals of other programs may hold anything in the place of a message.

@@ -112,6 +112,20 @@ TEST_F(ReplayTest, LeavesOutCallsWhoseOutcomeNobodyKnows) {
   EXPECT_EQ(unknown, 3u);
 }
 
+// One lost outcome must not keep all later requests in memory.
+TEST_F(ReplayTest, GivesUpTheOldestCallWhenTooMuchWaitsBehindIt) {
+  ReplaySteps steps(0, 1000);
+  calls.add("a", writeOf({1}), std::nullopt);
+  for (uint32_t i = 0; i < 1000; ++i) calls.add("a", writeOf({i}));
+  size_t taken = 0;
+  for (const std::string& bytes : calls.records) {
+    steps.add(*Journal::recordAt(bytes));
+    while (steps.next()) ++taken;
+  }
+  EXPECT_EQ(taken, 1000u);
+  EXPECT_EQ(steps.unknown(), 1u);
+}
+
 TEST_F(ReplayTest, PassesOverPipelinesThatNeverRan) {
   calls.add("a", pushOf(Push::VERIFY, "checked"), Outcome{}, RecordKind::push);
   calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "refused"), Outcome{.code = 3},
@@ -147,6 +161,19 @@ TEST_F(ReplayTest, BeginsWithTheLastPushThatClearedTheSwitch) {
   EXPECT_EQ(found.pipeline->p4_device_config(), "saved");
   EXPECT_EQ(found.lost, 0u) << "of what is cleared";
   EXPECT_THAT(replayed(found.from), ElementsAre("2", "push kept"));
+}
+
+// It is verified while Writes go on, which it clears then.
+TEST_F(ReplayTest, APushTakesEffectWhereTheAgentInstallsIt) {
+  for (const Push::Action action : {Push::VERIFY_AND_COMMIT, Push::RECONCILE_AND_COMMIT}) {
+    const uint64_t pushed = calls.add("a", pushOf(action, "new"), std::nullopt, RecordKind::push);
+    calls.add("a", writeOf({1}));
+    calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, "new"), Outcome{}, RecordKind::pipeline);
+    const uint64_t next = calls.add("a", writeOf({2}), std::nullopt);
+    calls.add(Draft::outcome({.request = pushed}));
+    calls.add(Draft::outcome({.request = next}));
+  }
+  EXPECT_THAT(replayed(survey().from), ElementsAre("2", "1", "push new", "2"));
 }
 
 TEST_F(ReplayTest, KnowsAJournalThatBeginsLater) {

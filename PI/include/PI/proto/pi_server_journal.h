@@ -40,8 +40,10 @@ typedef struct {
   size_t failure_count;
 } PIGrpcServerJournalOutcome_t;
 
-/* Called by threads of the server, several at once; must not wait for a disk. Requests of one
- * device come in the order in which they take effect. What `begin` returns is given to `end`, once.
+/* Called by threads of the server, several at once; must not wait for a disk. Writes of one device
+ * come in the order in which they take effect. A push comes before it is verified, and takes effect
+ * with the request of kind PIPELINE that comes before its end; Writes wait from there on until it
+ * runs. What `begin` returns is given to `end`, once.
  */
 typedef struct {
   void* (*begin)(const PIGrpcServerJournalRequest_t* request);
