@@ -28,6 +28,12 @@ constexpr size_t kMaxReportedBytes = 16 << 10;
 // Bytes of a controller's own text in a status message, which has no room for any length.
 constexpr size_t kMostShown = 128;
 
+// The config is the role's, which may get another one.
+p4::v1::Role withoutConfig(p4::v1::Role role) {
+  role.clear_config();
+  return role;
+}
+
 // The member that names the kind of request, with the request in it if `copied`.
 void detailsFrom(const p4::v1::StreamMessageRequest& request, bool copied,
                  p4::v1::StreamError* error) {
@@ -129,11 +135,7 @@ void ControllerStream::arbitrationNoticeIs(const ArbitrationNotice& notice) {
   p4::v1::MasterArbitrationUpdate* update = message->mutable_arbitration();
   update->set_device_id(deviceIdAsGiven_);
   if (roleAsGiven_) *update->mutable_role() = *roleAsGiven_;
-  if (notice.config) {
-    *update->mutable_role()->mutable_config() = notice.config->given;
-  } else if (roleAsGiven_) {
-    update->mutable_role()->clear_config();
-  }
+  if (notice.config) *update->mutable_role()->mutable_config() = notice.config->given;
   if (notice.highest) {
     update->mutable_election_id()->set_high(notice.highest->high);
     update->mutable_election_id()->set_low(notice.highest->low);
@@ -149,7 +151,8 @@ void ControllerStream::arbitrationNoticeIs(const ArbitrationNotice& notice) {
     default:
       update->mutable_status()->set_message("you are a backup; there is no primary");
   }
-  queue_.noticeIs(std::move(message));
+  const size_t bytes = message->ByteSizeLong();
+  queue_.noticeIs(std::move(message), bytes);
 }
 
 void ControllerStream::messageIs(OutgoingQueue::Message message, size_t bytes) {
@@ -206,7 +209,7 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
     role_ = role;
     deviceIdAsGiven_ = update.device_id();
     packetCounts_ = &core::packetCountsOf(role.deviceId);
-    if (update.has_role()) roleAsGiven_ = update.role();
+    if (update.has_role()) roleAsGiven_ = withoutConfig(update.role());
   }
   Status unended = requireUnended();
   if (!unended.ok()) return unended;

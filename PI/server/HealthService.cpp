@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "PI/core/PlainText.h"
 #include "PI/proto/pi_server_process.h"
 
 namespace pi::server {
@@ -20,6 +21,16 @@ bool isKnown(const std::string& service) { return service.empty() || service == 
 
 Response::ServingStatus statusOf(bool serving) {
   return serving ? Response::SERVING : Response::NOT_SERVING;
+}
+
+// A watch keeps the name for as long as its client likes.
+constexpr size_t kMostNameBytes = 256;
+
+bool isName(const std::string& service) { return service.size() <= kMostNameBytes; }
+
+Status noName() {
+  return {StatusCode::INVALID_ARGUMENT,
+          "a service's name has at most " + std::to_string(kMostNameBytes) + " bytes"};
 }
 
 }  // namespace
@@ -60,9 +71,10 @@ Health& TheHealth() {
 
 Status HealthService::Check(grpc::ServerContext* /*context*/, const Request* request,
                             Response* response) {
+  if (!isName(request->service())) return noName();
   if (!isKnown(request->service())) {
-    return {StatusCode::NOT_FOUND,
-            "there is no service " + request->service() + "; ask for p4.v1.P4Runtime, or for none"};
+    return {StatusCode::NOT_FOUND, "there is no service " + core::plainText(request->service()) +
+                                       "; ask for p4.v1.P4Runtime, or for none"};
   }
   response->set_status(statusOf(health_.picture().serving));
   return Status::OK;
@@ -70,6 +82,7 @@ Status HealthService::Check(grpc::ServerContext* /*context*/, const Request* req
 
 Status HealthService::Watch(grpc::ServerContext* context, const Request* request,
                             grpc::ServerWriter<Response>* writer) {
+  if (!isName(request->service())) return noName();
   if (watches_.fetch_add(1) >= kMostWatches) {
     --watches_;
     return {StatusCode::RESOURCE_EXHAUSTED, "as many watches as there may be (" +

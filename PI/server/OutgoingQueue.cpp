@@ -4,11 +4,16 @@
 
 namespace pi::server {
 
-void OutgoingQueue::noticeIs(Message notice) {
+void OutgoingQueue::noticeIs(Message notice, size_t bytes) {
   {
     const std::lock_guard lock(mutex_);
-    if (notices_.size() >= limits_.notices) notices_.clear();
-    notices_.push_back(std::move(notice));
+    if (notices_.size() >= limits_.notices.messages ||
+        noticeBytes_ + bytes > limits_.notices.bytes) {
+      notices_.clear();
+      noticeBytes_ = 0;
+    }
+    notices_.emplace_back(std::move(notice), bytes);
+    noticeBytes_ += bytes;
   }
   changed_.notify_one();
 }
@@ -67,7 +72,8 @@ OutgoingQueue::Next OutgoingQueue::next() {
   changed_.wait(lock, [this] { return closed_ || !notices_.empty() || !messages_.empty(); });
   Next next;
   if (!notices_.empty()) {
-    next.message = std::move(notices_.front());
+    next.message = std::move(notices_.front().first);
+    noticeBytes_ -= notices_.front().second;
     notices_.pop_front();
   } else if (!messages_.empty()) {
     const Element& first = messages_.front();

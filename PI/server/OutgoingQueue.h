@@ -27,7 +27,7 @@ class OutgoingQueue {
     size_t bytes;
   };
   struct Limits {
-    size_t notices = 64;
+    Share notices{64, 128 << 10};
     Share packets{1 << 16, 64 << 20};
     Share reports{256, 1 << 20};  // the first to go: they never take the room of packets
     // Shared by all queues of one Total, beside each queue's own share.
@@ -43,7 +43,7 @@ class OutgoingQueue {
 
   // An arbitration notice: goes out before messages and is never refused; when too many wait, only
   // the newest stays, which tells the whole state.
-  void noticeIs(Message notice);
+  void noticeIs(Message notice, size_t bytes);
   // A packet for the controller; a report on one of its requests. False, and the message is
   // dropped, when too many of the kind wait or after close().
   bool packetIs(Message packet, size_t bytes) {
@@ -84,7 +84,8 @@ class OutgoingQueue {
   const Limits limits_;
   mutable std::mutex mutex_;  // guards the members below
   std::condition_variable changed_;
-  std::deque<Message> notices_;
+  std::deque<std::pair<Message, size_t>> notices_;  // and their bytes
+  size_t noticeBytes_ = 0;
   std::deque<Element> messages_;
   Waiting waiting_;
   bool closed_ = false;

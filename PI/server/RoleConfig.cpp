@@ -22,6 +22,7 @@ namespace {
 
 constexpr const char* kType = "stratum.P4RoleConfig";
 constexpr size_t kMostShown = 128;
+constexpr size_t kMostConfigBytes = 64 << 10;  // it is kept, with the fields of later forms
 
 // The fields of stratum.P4RoleConfig.
 enum Field { exclusiveIds = 1, sharedIds, packetInFilter, receivesPacketIns, canPushPipeline };
@@ -136,6 +137,10 @@ Status roleConfigOf(const google::protobuf::Any& given, std::shared_ptr<const Ro
   if (type.substr(type.rfind('/') + 1) != kType) {
     return invalid("the role has a config of type '" + core::plainText(type, kMostShown) +
                    "', which is not supported; leave it unset, or use " + kType);
+  }
+  if (given.ByteSizeLong() > kMostConfigBytes) {
+    return invalid("the role's config has " + std::to_string(given.ByteSizeLong()) +
+                   " bytes; send at most " + std::to_string(kMostConfigBytes));
   }
   const auto message = fieldsOf(given.value());
   if (!message) return invalid(std::string("the role's config is no ") + kType);

@@ -56,6 +56,9 @@ class HealthTest : public ServerTest {
 };
 
 TEST_F(HealthTest, SaysWhatTheProcessSays) {
+  const std::string tooLong(1 << 20, 'x');
+  EXPECT_EQ(check(tooLong), "a service's name has at most 256 bytes");
+  EXPECT_EQ(Watch(*health_, tooLong).next(), "end 3");
   EXPECT_EQ(check(""), "NOT_SERVING");
   PIGrpcServerServingIs(1);
   EXPECT_EQ(check(""), "SERVING");

@@ -31,17 +31,17 @@ std::vector<std::string> drained(OutgoingQueue& queue) {
 TEST(OutgoingQueue, NoticesOvertakePacketsAndKeepTheirOrder) {
   OutgoingQueue queue(total);
   queue.packetIs(named("packet 1"), 1);
-  queue.noticeIs(named("notice 1"));
+  queue.noticeIs(named("notice 1"), 8);
   queue.packetIs(named("packet 2"), 1);
-  queue.noticeIs(named("notice 2"));
+  queue.noticeIs(named("notice 2"), 8);
   EXPECT_THAT(drained(queue), ElementsAre("notice 1", "notice 2", "packet 1", "packet 2"));
 }
 
 constexpr size_t kOverhead = OutgoingQueue::kOverhead;
 
 TEST(OutgoingQueue, DropsPacketsWhenFullByCountOrBytesUntilThereIsRoom) {
-  OutgoingQueue queue(total,
-                      {.notices = 2, .packets = {2, 100 + 2 * kOverhead}, .reports = {1, 10}});
+  OutgoingQueue queue(
+      total, {.notices = {2, 100}, .packets = {2, 100 + 2 * kOverhead}, .reports = {1, 10}});
   EXPECT_TRUE(queue.packetIs(named("a"), 60));
   EXPECT_FALSE(queue.packetIs(named("too many bytes"), 41));
   EXPECT_FALSE(queue.packetIs(named("too big for any queue"), ~size_t{0}));
@@ -49,7 +49,7 @@ TEST(OutgoingQueue, DropsPacketsWhenFullByCountOrBytesUntilThereIsRoom) {
   EXPECT_FALSE(queue.packetIs(named("too many"), 0));
   queue.next();
   EXPECT_TRUE(queue.packetIs(named("c"), 60));
-  queue.noticeIs(named("notice"));
+  queue.noticeIs(named("notice"), 8);
   EXPECT_THAT(drained(queue), ElementsAre("notice", "b", "c"));
 }
 
@@ -91,17 +91,25 @@ TEST(OutgoingQueue, AllTogetherAreBoundedAndEachHasRoomOfItsOwn) {
 TEST(OutgoingQueue, SaysWhetherMoreWaits) {
   OutgoingQueue queue(total);
   queue.packetIs(named("a"), 1);
-  queue.noticeIs(named("notice"));
+  queue.noticeIs(named("notice"), 8);
   EXPECT_TRUE(queue.next().more);
   EXPECT_FALSE(queue.next().more);
 }
 
 TEST(OutgoingQueue, NeverLosesTheNewestNotice) {
-  OutgoingQueue queue(total, {.notices = 3});
-  for (int i = 0; i < 10; ++i) queue.noticeIs(named(std::to_string(i)));
+  OutgoingQueue queue(total, {.notices = {3, 1000}});
+  for (int i = 0; i < 10; ++i) queue.noticeIs(named(std::to_string(i)), 8);
   const auto left = drained(queue);
   EXPECT_LE(left.size(), 3u);
   EXPECT_EQ(left.back(), "9");
+}
+
+TEST(OutgoingQueue, NoticesAreBoundedInBytes) {
+  OutgoingQueue queue(total, {.notices = {64, 1000}});
+  for (int i = 0; i < 10; ++i) queue.noticeIs(named(std::to_string(i)), 400);
+  EXPECT_EQ(drained(queue), (std::vector<std::string>{"8", "9"}));
+  queue.noticeIs(named("long"), 5000);
+  EXPECT_EQ(drained(queue), std::vector<std::string>{"long"});
 }
 
 TEST(OutgoingQueue, TakesNoPacketsOnceClosed) {

@@ -93,6 +93,15 @@ TEST_F(ServerTest, BadArbitrationEndsTheStream) {
          c.sendArbitration(1);
        },
        StatusCode::INVALID_ARGUMENT, "config of type 'x/y'"},
+      {"a long role config",
+       [](Controller& c) {
+         c.update.mutable_role()->set_name("operator");
+         auto& config = *c.update.mutable_role()->mutable_config();
+         config.set_type_url("type.googleapis.com/stratum.P4RoleConfig");
+         config.set_value(std::string(1 << 20, 'x'));
+         c.sendArbitration(1);
+       },
+       StatusCode::INVALID_ARGUMENT, "send at most 65536"},
       {"another device",
        [](Controller& c) {
          c.arbitrate(1);
