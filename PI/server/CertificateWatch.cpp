@@ -13,8 +13,11 @@ constexpr std::chrono::seconds kPeriod{1};
 
 }  // namespace
 
-CertificateWatch::CertificateWatch(std::shared_ptr<LiveCertificates> certificates)
-    : certificates_(std::move(certificates)), thread_(startThread([this] { run(); })) {}
+CertificateWatch::CertificateWatch(std::shared_ptr<LiveCertificates> certificates, Handler handler)
+    : certificates_(std::move(certificates)),
+      handler_(std::move(handler)),
+      generation_(certificates_->current().generation),
+      thread_(startThread([this] { run(); })) {}
 
 CertificateWatch::~CertificateWatch() {
   {
@@ -29,9 +32,19 @@ void CertificateWatch::run() {
   std::unique_lock lock(mutex_);
   while (!changed_.wait_for(lock, kPeriod, [this] { return ended_; })) {
     lock.unlock();
-    certificates_->refreshed();
+    look();
     lock.lock();
   }
+}
+
+// Twice: a call that was judged by the former certificates may have been about to begin.
+void CertificateWatch::look() {
+  const LiveCertificates::Current now = certificates_->refreshed();
+  if (now.generation != generation_) tells_ = 2;
+  generation_ = now.generation;
+  if (tells_ == 0) return;
+  --tells_;
+  handler_(*now.certificates);
 }
 
 }  // namespace pi::server

@@ -11,6 +11,7 @@
 #include "PI/server/CallStatus.h"
 #include "PI/server/Requester.h"
 #include "PI/server/Thread.h"
+#include "PI/server/tls/Revocations.h"
 
 namespace pi::server {
 
@@ -238,6 +239,13 @@ Status ControllerStream::requireItsPlace() {
   }
   const auto standing = this->standing();
   return standing ? standing->access->requireContest(takesPart) : Status::OK;
+}
+
+Status ControllerStream::requireItsCertificate(const Revocations& revocations) const {
+  const auto& [certificate, chain] = who_.certificate;
+  if (certificate.empty()) return Status::OK;
+  const std::string objection = revocations.objection(certificate, chain);
+  return objection.empty() ? Status::OK : Status(StatusCode::UNAUTHENTICATED, objection);
 }
 
 // Two loads without a policy and objects of roles.

@@ -18,11 +18,14 @@
 #include "PI/server/CallerAccess.h"
 #include "PI/server/Devices.h"
 #include "PI/server/OutgoingQueue.h"
+#include "PI/server/Peer.h"
 #include "PI/server/ReceivedMessage.h"
 #include "PI/server/StreamSet.h"
 #include "p4/v1/p4runtime.pb.h"
 
 namespace pi::server {
+
+class Revocations;
 
 class ControllerStream : public ArbitrationClient {
  public:
@@ -32,6 +35,7 @@ class ControllerStream : public ArbitrationClient {
   // The controller: who it has proved to be, and what it may do now, null for everything.
   struct Who {
     std::string identity;
+    PeerCertificate certificate;
     std::function<std::unique_ptr<CallerAccess>()> access;
   };
 
@@ -64,6 +68,8 @@ class ControllerStream : public ArbitrationClient {
   bool mayHear(const p4::v1::StreamMessageResponse& message);
   // For a policy that has changed: OK, or why the stream's place in its role must end.
   grpc::Status requireItsPlace();
+  // For certificates that have been revoked since it began. Any thread.
+  grpc::Status requireItsCertificate(const Revocations& revocations) const;
 
   // Has the queued messages sent, then the call cancelled; waits for neither.
   void finish();

@@ -400,7 +400,7 @@ Status P4RuntimeService::streamChannel(
     if (!permitted.ok()) return permitted;
   }
   ControllerStream stream(context, call, arbitration_, devices_, streams_,
-                          {peer.identity, accessNow});
+                          {peer.identity, peerCertificateOf(context), accessNow});
   streams_.streamIs(stream);
   Status status = stream.run();
   streams_.streamDel(stream);

@@ -35,7 +35,19 @@ bool isTls(const grpc::AuthContext& connection) {
   return types == std::vector<std::string>{GRPC_SSL_TRANSPORT_SECURITY_TYPE};
 }
 
+std::string firstOf(const grpc::AuthContext& connection, const char* name) {
+  const auto values = connection.FindPropertyValues(name);
+  return values.empty() ? "" : std::string(values.front().data(), values.front().size());
+}
+
 }  // namespace
+
+PeerCertificate peerCertificateOf(const grpc::ServerContext& context) {
+  const auto connection = context.auth_context();
+  if (!isTls(*connection)) return {};
+  return {.certificate = firstOf(*connection, GRPC_X509_PEM_CERT_PROPERTY_NAME),
+          .chain = firstOf(*connection, GRPC_X509_PEM_CERT_CHAIN_PROPERTY_NAME)};
+}
 
 Peer peerOf(const grpc::ServerContext& context) {
   Peer peer;

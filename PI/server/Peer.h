@@ -23,7 +23,14 @@ struct Peer {
   std::string address;  // as gRPC writes it: "ipv4:192.0.2.1:40000"
 };
 
+// PEM; empty but for Peer::Way::tls.
+struct PeerCertificate {
+  std::string certificate;
+  std::string chain;  // the certificates above it; empty for a session that was resumed
+};
+
 // Costs some copies of texts: ask once a call, or once a stream. Any thread.
 Peer peerOf(const grpc::ServerContext& context);
+PeerCertificate peerCertificateOf(const grpc::ServerContext& context);
 
 }  // namespace pi::server

@@ -14,6 +14,7 @@
 #include "PI/server/P4RuntimeService.h"
 #include "PI/server/Thread.h"
 #include "PI/server/UnixUsers.h"
+#include "PI/server/tls/CertificateFiles.h"
 
 namespace pi::server {
 namespace {
@@ -79,7 +80,11 @@ Server::Server(const ListenOn& where, const std::string& localToken)
     throw std::runtime_error("cannot listen on " + where.address +
                              ": gRPC could not start its server");
   }
-  if (certificates_) watch_ = std::make_unique<CertificateWatch>(certificates_);
+  if (certificates_) {
+    watch_ = std::make_unique<CertificateWatch>(certificates_, [this](const auto& certificates) {
+      service_->streams().handleRevocations(certificates.revocations);
+    });
+  }
   listener_->start([this](int listenerFd, int fd) { hand(listenerFd, fd); });
 }
 
@@ -118,9 +123,9 @@ std::shared_ptr<grpc::Channel> Server::ownChannel() {
   return server_->InProcessChannel(arguments);
 }
 
-// A thread for each call that may run, and some for calls that are about to be refused.
 void Server::policyChanged() { service_->streams().handlePolicy(); }
 
+// A thread for each call that may run, and some for calls that are about to be refused.
 void Server::limitsChanged() {
   const Limits now = limits();
   quota_->Resize(now.memoryBytes);

@@ -60,15 +60,27 @@ void StreamSet::end(ControllerStream& stream, const std::string& reason) {
   deadlines_.endingIs(stream, Clock::now() + kLastMessages);
 }
 
-void StreamSet::handlePolicy() {
+void StreamSet::endRefused(const std::function<grpc::Status(ControllerStream&)>& judge) {
   const std::lock_guard lock(mutex_);
   for (ControllerStream* stream : streams_) {
-    const grpc::Status placed = stream->requireItsPlace();
-    if (placed.ok()) continue;
-    stream->endWith(placed.error_code(), placed.error_message() + " any more");
+    const grpc::Status judged = judge(*stream);
+    if (judged.ok()) continue;
+    stream->endWith(judged.error_code(), judged.error_message());
     deadlines_.endingIs(*stream, Clock::now() + kLastMessages);
   }
   changed_.notify_all();
+}
+
+void StreamSet::handlePolicy() {
+  endRefused([](ControllerStream& stream) {
+    const grpc::Status placed = stream.requireItsPlace();
+    if (placed.ok()) return placed;
+    return grpc::Status(placed.error_code(), placed.error_message() + " any more");
+  });
+}
+
+void StreamSet::handleRevocations(const Revocations& revocations) {
+  endRefused([&](ControllerStream& stream) { return stream.requireItsCertificate(revocations); });
 }
 
 void StreamSet::watch() {

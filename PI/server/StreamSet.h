@@ -1,8 +1,11 @@
 // The open streams, and the thread that ends them when their time is up. Thread-safe.
 #pragma once
 
+#include <grpcpp/support/status.h>
+
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -15,6 +18,7 @@
 namespace pi::server {
 
 class ControllerStream;
+class Revocations;
 
 // Thread-safe. Its thread cancels the streams that are late.
 class StreamSet {
@@ -38,6 +42,8 @@ class StreamSet {
 
   // The policy has changed: ends the streams that may not have their places in their roles.
   void handlePolicy();
+  // Ends the streams of certificates that have been revoked.
+  void handleRevocations(const Revocations& revocations);
 
   // Ends all streams: lets each send its queued messages, cancels the streams left after the grace,
   // and waits until all have ended. A stream that comes later is ended at once.
@@ -46,6 +52,7 @@ class StreamSet {
  private:
   void watch();
   void end(ControllerStream& stream, const std::string& reason);
+  void endRefused(const std::function<grpc::Status(ControllerStream&)>& judge);
 
   OutgoingQueue::Total outgoing_{0};
   std::mutex mutex_;  // guards ending_, stopped_, streams_ and deadlines_

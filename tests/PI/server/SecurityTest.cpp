@@ -180,12 +180,19 @@ TEST_F(SecurityTest, RevokedCertificatesGetNothingAnyMore) {
   ASSERT_EQ(startTls(true), 0) << PIGrpcServerLastError();
   const auto open = connectedAs({"revoked"});
   ASSERT_TRUE(callOn(open).ok());
+  const auto stub = p4::v1::P4Runtime::NewStub(open);
+  Controller controller(*stub, deviceId_);
+  ASSERT_EQ(controller.arbitrate(1), StatusCode::OK);
   TheCertificates().revoke("revoked");
   fileIs("crl.pem", TheCertificates().bytes("ca.crl"));
   const grpc::Status fresh = call({"revoked"});
   EXPECT_EQ(fresh.error_code(), StatusCode::UNAUTHENTICATED);
   EXPECT_THAT(fresh.error_message(), HasSubstr("leaver has been revoked"));
   EXPECT_EQ(callOn(open).error_code(), StatusCode::UNAUTHENTICATED);
+  const auto last = controller.next();
+  EXPECT_EQ(last.error().canonical_code(), StatusCode::UNAUTHENTICATED);
+  EXPECT_THAT(last.error().message(), HasSubstr("leaver has been revoked"));
+  EXPECT_FALSE(controller.ended().ok());
   EXPECT_TRUE(call({"uri"}).ok());
 }
 
