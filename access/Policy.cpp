@@ -39,6 +39,13 @@ bool readsEverything(const Rule& rule) {
   return !rule.roles && rule.objects.empty() && (operationsOf(rule) & bitOf(Operation::read)) != 0;
 }
 
+// The monitoring at `path` shows everything, and so the rule takes it with any part of reading: by
+// either path, in any role.
+bool takesReading(const Rule& rule, std::string_view path) {
+  return (rule.takesPath(path) || rule.takesPath(path::read)) &&
+         (operationsOf(rule) & bitOf(Operation::read)) != 0;
+}
+
 bool allows(const Rule& rule, const Question& question) {
   const Operations operations = operationsOf(rule);
   switch (question.kind) {
@@ -66,8 +73,7 @@ bool denies(const Rule& rule, const Question& question) {
   switch (question.kind) {
     case Question::Kind::call:
       if (isOfMonitoring(question.path)) {
-        return (isNarrow || !rule.election) && !ofRoles && rule.takesPath(question.path) &&
-               (operationsOf(rule) & bitOf(Operation::read)) != 0;
+        return (isNarrow || !rule.election) && takesReading(rule, question.path);
       }
       return !isNarrow && !rule.election && rule.takesPath(question.path) &&
              (question.role ? rule.takesRole(question.role) : !ofRoles);

@@ -4,9 +4,12 @@
 #include <fmt/format.h>
 #include <httplib.h>
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -20,6 +23,11 @@ namespace {
 
 constexpr size_t mostRequestBytes = 4096;
 constexpr time_t patienceSeconds = 5;
+
+// The policy is asked about these as they stand here: the server's routes are regular expressions,
+// and must not take a path that looks like one of them.
+constexpr std::array<std::string_view, 4> servedPaths{"/", "/metrics", "/status.json",
+                                                      "/rows.json"};
 
 struct Place {
   std::string host;  // without brackets
@@ -85,6 +93,10 @@ void setUp(httplib::Server& server, const MonitoringContents& contents, const pi
   server.set_payload_max_length(mostRequestBytes);
   server.set_pre_routing_handler(
       [tls](const httplib::Request& request, httplib::Response& response) {
+        if (std::ranges::find(servedPaths, request.path) == servedPaths.end()) {
+          response.status = 404;
+          return httplib::Server::HandlerResponse::Handled;
+        }
         const std::string objection = objectionTo(request, tls);
         if (objection.empty()) return httplib::Server::HandlerResponse::Unhandled;
         response.status = 403;

@@ -57,7 +57,9 @@ TEST(MonitoringServer, ServesThisMachineAloneWithoutCertificates) {
             "200 application/openmetrics-text; version=1.0.0; charset=utf-8 open");
   EXPECT_EQ(get("/rows.json?table=a%20b&find=c"), "200 application/json a b/c");
   EXPECT_THAT(get("/"), HasSubstr("<!DOCTYPE html>"));
-  EXPECT_THAT(get("/nowhere"), StartsWith("404"));
+  for (const char* path : {"/nowhere", "/rows_json", "/status_json", "/metrics/", "//", "/page"}) {
+    EXPECT_THAT(get(path), StartsWith("404")) << path;
+  }
   EXPECT_THAT(get("/status.json", {{"Host", "evil.example:80"}}), StartsWith("403"))
       << "a page of another site, which has this address by a name of its own";
   EXPECT_THAT(get("/status.json", {{"Host", "localhost:1"}}), StartsWith("200"));
@@ -159,9 +161,17 @@ TEST_F(SecuredMonitoring, AsksThePolicy) {
   EXPECT_EQ(get("scraper", "ca", "/rows.json?table=acl"),
             "403 the policy does not let \"spiffe://lab/scraper\" see /rows.json\n");
   EXPECT_THAT(get("controller"), StartsWith("403 the policy does not let"));
+  const std::string denial = R"({"name": "p", "deny_rules": [
+      {"name": "rows", "request": {"paths": ["/rows.json"]}}],
+      "allow_rules": [{"name": "all"}]})";
+  ASSERT_EQ(PIGrpcServerPolicyIs(denial.data(), denial.size(), "p.json"), 0);
+  EXPECT_EQ(get("scraper"), "200 plain");
+  EXPECT_THAT(get("scraper", "ca", "/rows.json"), StartsWith("403"));
+  EXPECT_THAT(get("scraper", "ca", "/rows%2ejson"), StartsWith("403"));
+  EXPECT_THAT(get("scraper", "ca", "/rows_json"), StartsWith("404"));
   // The same holds on this machine, where nobody is known.
   const MonitoringServer own("127.0.0.1:0", contents(), [] { return nullptr; });
-  EXPECT_EQ(httplib::Client("http://" + own.address()).Get("/metrics")->status, 403);
+  EXPECT_EQ(httplib::Client("http://" + own.address()).Get("/rows.json")->status, 403);
   PIGrpcServerPolicyIs(nullptr, 0, nullptr);
   EXPECT_EQ(httplib::Client("http://" + own.address()).Get("/metrics")->status, 200);
 }
