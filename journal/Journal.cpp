@@ -45,7 +45,9 @@ Journal::Journal(Options options)
       queue_(options_.queuePath, options_.queueBytes / 2) {
   if (!files_.found().empty()) tell("the journal: " + files_.found());
   doRecover();
-  queue_.append(Draft::start());
+  Start start = options_.start;
+  start.isLacking |= !start.isFromEmpty && files_.lastSequence() == 0;
+  queue_.append(Draft::start(start));
   thread_ = std::thread([this] { run(); });
 }
 

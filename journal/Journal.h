@@ -24,6 +24,7 @@ class Journal {
     uint64_t mostBytes = 0;
     size_t queueBytes = 16 << 20;
     std::chrono::milliseconds moment{20};  // for which records wait for others
+    Start start;  // a first file without Writes before it lacks those of the entries there are
     // Called with news for the operator, a line each, on any thread. It may throw: the line is
     // lost.
     std::function<void(const std::string& line)> tell;

@@ -13,6 +13,8 @@ namespace {
 
 static_assert(std::endian::native == std::endian::little);
 
+constexpr uint8_t startsEmpty = 1;
+constexpr uint8_t startLacks = 2;
 constexpr size_t checksumAt = 4;
 constexpr size_t sequenceAt = 8;
 constexpr size_t timeAt = 16;
@@ -74,6 +76,14 @@ class Fields {
 
 }  // namespace
 
+std::optional<Start> startOf(const Record& record) {
+  if (record.kind != RecordKind::start) return std::nullopt;
+  Fields fields(record.body);
+  const auto flags = fields.number<uint8_t>();
+  if (!fields.isWhole() || !fields.isEmpty()) return std::nullopt;
+  return Start{.isFromEmpty = (flags & startsEmpty) != 0, .isLacking = (flags & startLacks) != 0};
+}
+
 std::optional<Request> requestOf(const Record& record) {
   if (!record.isRequest()) return std::nullopt;
   Fields fields(record.body);
@@ -110,6 +120,13 @@ std::optional<Gap> gapOf(const Record& record) {
   gap.lost = fields.number<uint64_t>();
   gap.reason = static_cast<GapReason>(fields.number<uint8_t>());
   return fields.isWhole() && fields.isEmpty() ? std::optional(gap) : std::nullopt;
+}
+
+Draft Draft::start(const Start& start) {
+  Draft draft(RecordKind::start);
+  const int flags = (start.isFromEmpty ? startsEmpty : 0) | (start.isLacking ? startLacks : 0);
+  append(&draft.front_, static_cast<uint8_t>(flags));
+  return draft;
 }
 
 Draft Draft::request(RecordKind kind, std::string_view identity, std::string_view address,

@@ -3,7 +3,7 @@
 // Packed, little-endian:  size u32 | checksum u32 | sequence u64 | time i64 | kind u8 | body
 // `size` counts the bytes behind the checksum, which is the lower half of their XXH3. Sequences
 // rise from record to record, also over starts of the agent. Bodies:
-//   start              nothing: a process began to write
+//   start              flags u8: 1 no entries, 2 Writes are missing; a process began to write
 //   write, push,
 //   pipeline           identitySize u16 | addressSize u16 | identity | address | request
 //   outcome            request u64 | code u32 | messageSize u32 | message, then for each failed
@@ -75,7 +75,13 @@ struct Gap {
   GapReason reason = GapReason::queueFull;
 };
 
+struct Start {
+  bool isFromEmpty = false;  // the switch had no entries
+  bool isLacking = false;    // Writes before it may be in no record, since the journal was off
+};
+
 // Empty when the body is none of that kind: cut short, or running long.
+std::optional<Start> startOf(const Record& record);
 std::optional<Request> requestOf(const Record& record);
 std::optional<Outcome> outcomeOf(const Record& record);
 std::optional<Gap> gapOf(const Record& record);
@@ -85,7 +91,7 @@ class Draft {
  public:
   using Pieces = std::span<const std::string_view>;
 
-  static Draft start() { return Draft(RecordKind::start); }
+  static Draft start(const Start& start = {});
   // Identity and address are cut at 65,535 bytes; `pieces` are the message's bytes, in order.
   static Draft request(RecordKind kind, std::string_view identity, std::string_view address,
                        Pieces pieces);

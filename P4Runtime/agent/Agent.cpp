@@ -296,7 +296,8 @@ void Agent::doFollowPolicy() {
 void Agent::doKeepJournal() {
   const auto status = Vela::make<JournalStatus>("journal");
   runtime_.stateDatabase.entityIs("p4runtime/status/journal", status);
-  journal_ = std::make_unique<WriteJournal>(runtime_.stateDirectory, journalConfig_, status);
+  journal_ = std::make_unique<WriteJournal>(runtime_.stateDirectory, journalConfig_, status,
+                                            runtime_.storeIsNew);
 }
 
 void Agent::doBuildCommands() {

@@ -24,6 +24,7 @@ struct AgentRuntime {
   std::function<void(bool)> exitIsNear = nullptr;
   // Operators may let the agent pretend that entries are programmed.
   bool pretendedProgrammingAllowed = false;
+  bool storeIsNew = false;     // it was begun empty
   std::string storeText = {};  // in words for operators: whether the store was begun empty, and why
 };
 

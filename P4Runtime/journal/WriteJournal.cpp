@@ -1,9 +1,12 @@
 #include "P4Runtime/journal/WriteJournal.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <exception>
+#include <fstream>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -17,6 +20,7 @@ namespace {
 
 using JournalPtr = std::shared_ptr<Journal::Journal>;
 
+constexpr const char* markName = "/journal.kept";
 constexpr uint64_t mostQueueBytes = 16 << 20;
 
 // The server's threads may outlive the agent.
@@ -93,14 +97,18 @@ constexpr PIGrpcServerJournal_t calls{.begin = begin, .end = end};
 }  // namespace
 
 WriteJournal::WriteJournal(std::string stateDirectory, Vela::Ptr<const JournalConfig> config,
-                           Vela::Ptr<JournalStatus> status)
+                           Vela::Ptr<JournalStatus> status, bool isSwitchEmpty)
     : stateDirectory_(std::move(stateDirectory)),
       config_(std::move(config)),
-      status_(std::move(status)) {
+      status_(std::move(status)),
+      isSwitchEmpty_(isSwitchEmpty) {
+  std::getline(std::ifstream(stateDirectory_ + markName), keptIn_);
   const auto follow = [this] { handleConfig(); };
   changes_.push_back(config_->sizeMibAttribute().observe(follow));
   changes_.push_back(config_->directoryAttribute().observe(follow));
-  handleConfig();
+  update();
+  isSwitchEmpty_ = false;
+  if (!current().load()) keptInIs("");
 }
 
 WriteJournal::~WriteJournal() { PIGrpcServerJournalIs(nullptr); }
@@ -108,6 +116,7 @@ WriteJournal::~WriteJournal() { PIGrpcServerJournalIs(nullptr); }
 void WriteJournal::handleConfig() {
   PIGrpcServerJournalIs(nullptr);
   current().store(nullptr);
+  keptInIs("");
   status_->directoryIs("");
   status_->bytesIs(0);
   status_->lostIs(0);
@@ -135,10 +144,23 @@ void WriteJournal::doBegin() {
   options.queuePath = stateDirectory_ + "/journal.queue";
   options.mostBytes = bytes;
   options.queueBytes = std::min(mostQueueBytes, bytes / 2);
+  options.start.isFromEmpty = isSwitchEmpty_;
+  options.start.isLacking = !isSwitchEmpty_ && keptIn_ != options.directory;
   options.tell = say;
   current().store(newJournal(std::move(options)));
   status_->directoryIs(current().load()->directory());
   PIGrpcServerJournalIs(&calls);
+  keptInIs(status_->directory());
+}
+
+void WriteJournal::keptInIs(const std::string& directory) {
+  keptIn_ = directory;
+  const std::string path = stateDirectory_ + markName;
+  if (directory.empty()) {
+    unlink(path.c_str());
+  } else {
+    std::ofstream(path) << directory << '\n';
+  }
 }
 
 void WriteJournal::update() {

@@ -13,8 +13,9 @@ namespace P4Runtime {
 // Errors: trouble is printed and stands in the status; the agent goes on.
 class WriteJournal {
  public:
+  // Made before Writes are let in. `isSwitchEmpty`: there are no entries.
   WriteJournal(std::string stateDirectory, Vela::Ptr<const JournalConfig> config,
-               Vela::Ptr<JournalStatus> status);
+               Vela::Ptr<JournalStatus> status, bool isSwitchEmpty);
   ~WriteJournal();
   WriteJournal(const WriteJournal&) = delete;
   WriteJournal& operator=(const WriteJournal&) = delete;
@@ -26,11 +27,15 @@ class WriteJournal {
   void handleConfig();
   void maybeBegin();
   void doBegin();
+  void keptInIs(const std::string& directory);
 
   const std::string stateDirectory_;
   const Vela::Ptr<const JournalConfig> config_;
   const Vela::Ptr<JournalStatus> status_;
   std::vector<Vela::Observation> changes_;
+  bool isSwitchEmpty_;  // no Write has been let in yet, and there are no entries
+  // The directory whose journal has all Writes up to now; "": none. A file tells the next process.
+  std::string keptIn_;
 };
 
 }  // namespace P4Runtime

@@ -199,8 +199,15 @@ P4Runtime::AgentRuntime runtimeOf(Vela::ReactorLoop& loop, Orrery::Database& dat
   // a batch that is half written must not be.
   const auto exit = [](int status) { _exit(status); };
   const auto exitIsNear = [&stopWatcher](bool near) { stopWatcher.exitIsNear(near); };
-  return {loop,           database, *opened.store, options.stateDirectory,
-          flushEntityLog, exit,     exitIsNear,    options.allowPretendedProgramming,
+  return {loop,
+          database,
+          *opened.store,
+          options.stateDirectory,
+          flushEntityLog,
+          exit,
+          exitIsNear,
+          options.allowPretendedProgramming,
+          opened.store->committedSequence() == 0,
           opened.text};
 }
 

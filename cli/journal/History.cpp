@@ -76,7 +76,8 @@ void History::add(const Record& record) {
   switch (record.kind) {
     case RecordKind::start:
       end();
-      return open_.clear();
+      open_.clear();
+      return addStart(record);
     case RecordKind::write:
       return addWrite(record);
     case RecordKind::push:
@@ -179,6 +180,16 @@ void History::placePushes(Journal::Time time) {
   end();
 }
 
+// Before the first one of all there is nothing to tell apart.
+void History::addStart(const Record& record) {
+  const auto start = Journal::startOf(record);
+  if (!start) return;
+  const bool isFirst = record.sequence == 1;
+  if (start->isFromEmpty && !isFirst) add(Kind::start, record).what = "the switch began empty";
+  if (start->isLacking)
+    add(Kind::start, record).what = "WRITES BEFORE MAY BE MISSING: the journal was off";
+}
+
 void History::addGap(const Record& record) {
   const auto gap = Journal::gapOf(record);
   if (!gap) return;
@@ -216,6 +227,8 @@ std::string eventText(const HistoryEvent& event) {
   switch (event.kind) {
     case Kind::gap:
       return fmt::format("{}  {} RECORDS ARE MISSING: {}\n", time, event.lost, event.what);
+    case Kind::start:
+      return fmt::format("{}  {}\n", time, event.what);
     case Kind::push:
       return fmt::format("{}  pipeline pushed, {}\n    by {}\n    {}\n", time, event.what,
                          callerText(event), outcomeText(event));
@@ -236,13 +249,13 @@ std::string eventJson(const HistoryEvent& event) {
   const auto number = [&](const char* name, uint64_t value) {
     if (value != 0) Vela::addNumber(json.get(), name, static_cast<double>(value));
   };
-  static constexpr const char* kinds[] = {"update", "push", "gap"};
+  static constexpr const char* kinds[] = {"update", "push", "gap", "start"};
   text("kind", kinds[static_cast<size_t>(event.kind)]);
   text("time", timeText(event.time));
   number("sequence", event.sequence);
   text("what", event.what);
   number("lost", event.lost);
-  if (event.kind != Kind::gap) {
+  if (event.kind == Kind::update || event.kind == Kind::push) {
     Vela::addString(json.get(), "identity", event.identity);
     text("address", event.address);
     Vela::addString(json.get(), "role", event.role);

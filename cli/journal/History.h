@@ -24,7 +24,7 @@ namespace Cli {
 
 // An update of an entry, or something that may have changed all entries.
 struct HistoryEvent {
-  enum class Kind { update, push, gap };
+  enum class Kind { update, push, gap, start };
   Kind kind = Kind::update;
   uint64_t sequence = 0;
   Journal::Time time;
@@ -64,6 +64,7 @@ class History {
   void addPush(const Journal::Record& record);
   void placePush(uint64_t sequence, HistoryEvent event);
   void placePushes(Journal::Time time);
+  void addStart(const Journal::Record& record);
   void addGap(const Journal::Record& record);
   void addOutcome(const Journal::Record& record);
   HistoryEvent& add(HistoryEvent::Kind kind, const Journal::Record& record);

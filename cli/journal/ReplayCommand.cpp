@@ -140,6 +140,11 @@ void tellWhatMayLack(const Survey& survey) {
                "may lack entries that were written before\n",
                timeText(survey.begin));
   }
+  if (survey.isLacking) {
+    fmt::print(stderr,
+               "korvel: the journal was off at times: the switch may lack entries, or have some "
+               "that were deleted\n");
+  }
   if (survey.lost != 0) {
     fmt::print(stderr,
                "korvel: {} records are missing in the journal: the switch may lack entries, or "

@@ -24,6 +24,7 @@ class PipelineSurvey {
   explicit PipelineSurvey(Survey& survey) : survey_(survey) {}
 
   void add(const Record& record) {
+    if (record.kind == RecordKind::start) return handleStart(record);
     if (record.kind == RecordKind::pipeline) return handleOwn(record);
     if (record.kind == RecordKind::push) {
       if (const auto request = Journal::requestOf(record)) {
@@ -47,6 +48,26 @@ class PipelineSurvey {
     std::string bytes;
   };
 
+  void handleStart(const Record& record) {
+    open_.clear();
+    const auto start = Journal::startOf(record);
+    if (!start) return;
+    if (start->isFromEmpty) {
+      handleCleared(record.sequence, record.time);
+      survey_.pipeline.reset();
+      saved_.reset();
+      pushesHaveBegun_ = false;
+    }
+    survey_.isLacking |= start->isLacking;
+  }
+
+  void handleCleared(uint64_t sequence, Journal::Time time) {
+    survey_.from = sequence;
+    survey_.fromTime = time;
+    survey_.lost = 0;
+    survey_.isLacking = false;
+  }
+
   // Until a controller pushes one, the newest of those that the agent was configured with. What a
   // controller has pushed is installed in a form of the agent's own.
   void handleOwn(const Record& record) {
@@ -66,9 +87,7 @@ class PipelineSurvey {
     if (push.action() == Push::VERIFY_AND_SAVE) saved_ = push.config();
     const bool isCommit = push.action() == Push::COMMIT;
     if (push.action() != Push::VERIFY_AND_COMMIT && !isCommit) return;
-    survey_.from = open.place;
-    survey_.fromTime = open.time;
-    survey_.lost = 0;
+    handleCleared(open.place, open.time);
     survey_.pipeline = isCommit ? saved_ : push.config();
   }
 

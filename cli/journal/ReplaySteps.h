@@ -16,11 +16,12 @@ namespace Cli {
 struct Survey {
   uint64_t records = 0;
   Journal::Time begin;
-  uint64_t last = 0;     // sequence
-  bool isWhole = false;  // it begins with the first record ever
-  uint64_t lost = 0;     // records that are missing in gaps, from `from` on
-  // Where all entries were last cleared, by a push: replaying begins there. 0: with the first
-  // record.
+  uint64_t last = 0;       // sequence
+  bool isWhole = false;    // it begins with the first record ever
+  uint64_t lost = 0;       // records that are missing in gaps, from `from` on
+  bool isLacking = false;  // Writes from `from` on may be missing, since the journal was off
+  // Where all entries were last cleared, by a push or a start without any: replaying begins there.
+  // 0: with the first record.
   uint64_t from = 0;
   Journal::Time fromTime;
   uint64_t deviceId = 0;  // of the newest pipeline

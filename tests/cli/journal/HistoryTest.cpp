@@ -218,8 +218,12 @@ TEST_F(HistoryTest, ShowsWhatMayHaveChangedAllEntries) {
   push.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
   calls.add("a", push, Journal::Outcome{}, RecordKind::push);
   calls.add(Draft::gap({5, Journal::GapReason::queueFull}));
+  calls.add(Draft::start({.isFromEmpty = true}));
+  calls.add(Draft::start({.isLacking = true}));
   const auto events = why("ipv4_route", {});
-  ASSERT_THAT(events, SizeIs(2));
+  ASSERT_THAT(events, SizeIs(4));
+  EXPECT_THAT(eventText(events[2]), HasSubstr("the switch began empty"));
+  EXPECT_THAT(eventText(events[3]), HasSubstr("WRITES BEFORE MAY BE MISSING"));
   EXPECT_THAT(eventText(events[0]), HasSubstr("pipeline pushed, VERIFY_AND_COMMIT\n    by a "));
   EXPECT_THAT(eventText(events[1]), HasSubstr("5 RECORDS ARE MISSING: they came faster than"));
 }

@@ -176,6 +176,22 @@ TEST_F(ReplayTest, APushTakesEffectWhereTheAgentInstallsIt) {
   EXPECT_THAT(replayed(survey().from), ElementsAre("2", "1", "push new", "2"));
 }
 
+TEST_F(ReplayTest, BeginsWithTheLastStartWithoutEntries) {
+  calls.add(Draft::start({.isLacking = true}));
+  calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, "former"), Outcome{}, RecordKind::pipeline);
+  calls.add("a", writeOf({1}));
+  EXPECT_TRUE(survey().isLacking);
+  calls.add(Draft::start());
+  EXPECT_THAT(replayed(survey().from), ElementsAre("1")) << "the entries are still there";
+  calls.add(Draft::start({.isFromEmpty = true}));
+  calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, "next"), Outcome{}, RecordKind::pipeline);
+  calls.add("a", writeOf({2}));
+  const Survey found = survey();
+  EXPECT_FALSE(found.isLacking);
+  EXPECT_EQ(found.pipeline->p4_device_config(), "next");
+  EXPECT_THAT(replayed(found.from), ElementsAre("2"));
+}
+
 TEST_F(ReplayTest, KnowsAJournalThatBeginsLater) {
   calls.add("a", writeOf({1}));
   calls.records.erase(calls.records.begin());
