@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <fstream>
 #include <memory>
 #include <string_view>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -35,13 +38,29 @@ std::atomic<int> alive{0};
 // A log that cannot be written is no reason to end.
 void say(const std::string& line) { std::fprintf(stderr, "korvel: %s\n", line.c_str()); }
 
+void endJournal(const Journal::Journal* journal) {
+  delete journal;
+  --alive;
+}
+
+// Its end waits for the disk: on a thread of its own, since a disk may hang.
 JournalPtr newJournal(Journal::Journal::Options options) {
   auto made = std::make_unique<Journal::Journal>(std::move(options));
   ++alive;
   return JournalPtr(made.release(), [](const Journal::Journal* journal) {
-    delete journal;
-    --alive;
+    try {
+      std::thread([journal] { endJournal(journal); }).detach();
+    } catch (const std::system_error&) {
+      endJournal(journal);
+    }
   });
+}
+
+// So that another size or directory leaves no time without a journal. A disk that does not write
+// holds this up no longer.
+void awaitEnd() {
+  constexpr std::chrono::milliseconds turn{5};
+  for (int i = 0; i < 100 && alive != 0; ++i) std::this_thread::sleep_for(turn);
 }
 
 // A call that has begun, and the journal that has it.
@@ -116,6 +135,7 @@ WriteJournal::~WriteJournal() { PIGrpcServerJournalIs(nullptr); }
 void WriteJournal::handleConfig() {
   PIGrpcServerJournalIs(nullptr);
   current().store(nullptr);
+  awaitEnd();
   keptInIs("");
   status_->directoryIs("");
   status_->bytesIs(0);
