@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "P4Runtime/monitoring/Exposition.h"
+#include "P4Runtime/monitoring/HttpServer.h"
 #include "P4Runtime/monitoring/HttpWorkers.h"
 #include "P4Runtime/monitoring/Page.h"
 #include "PI/proto/pi_server_shared.h"
@@ -22,7 +23,6 @@ namespace P4Runtime {
 namespace {
 
 constexpr size_t mostRequestBytes = 4096;
-constexpr time_t patienceSeconds = 5;
 
 // The policy is asked about these as they stand here: the server's routes are regular expressions,
 // and must not take a path that looks like one of them.
@@ -88,8 +88,6 @@ std::string objectionTo(const httplib::Request& request, const pi::ServerTls* tl
 
 void setUp(httplib::Server& server, const MonitoringContents& contents, const pi::ServerTls* tls) {
   server.new_task_queue = [] { return new HttpWorkers; };
-  server.set_read_timeout(patienceSeconds);
-  server.set_write_timeout(patienceSeconds);
   server.set_payload_max_length(mostRequestBytes);
   server.set_pre_routing_handler(
       [tls](const httplib::Request& request, httplib::Response& response) {
@@ -130,19 +128,11 @@ void setUp(httplib::Server& server, const MonitoringContents& contents, const pi
 }  // namespace
 
 struct MonitoringServer::Listening {
-  explicit Listening(std::unique_ptr<pi::ServerTls> given) : tls(std::move(given)) {
-    if (!tls) {
-      server = std::make_unique<httplib::Server>();
-      return;
-    }
-    server = std::make_unique<httplib::SSLServer>([this](SSL_CTX& context) {
-      tls->setUp(context);
-      return true;
-    });
-  }
+  Listening(std::unique_ptr<pi::ServerTls> given, std::chrono::milliseconds patience)
+      : tls(std::move(given)), server(tls.get(), patience) {}
 
   const std::unique_ptr<pi::ServerTls> tls;  // outlives the server
-  std::unique_ptr<httplib::Server> server;
+  HttpServer server;
   std::thread thread;
 };
 
@@ -159,13 +149,13 @@ std::string monitoringAddressFault(const std::string& address, bool hasCertifica
 }
 
 MonitoringServer::MonitoringServer(const std::string& address, MonitoringContents contents,
-                                   const MakeTls& makeTls) {
+                                   const MakeTls& makeTls, std::chrono::milliseconds patience) {
   const auto place = placeOf(address);
   auto tls = place && !isLoopback(place->host) ? makeTls() : nullptr;
   const std::string fault = monitoringAddressFault(address, tls != nullptr);
   if (!fault.empty()) throw std::runtime_error(fault);
-  listening_ = std::make_unique<Listening>(std::move(tls));
-  httplib::Server& server = *listening_->server;
+  listening_ = std::make_unique<Listening>(std::move(tls), patience);
+  httplib::Server& server = listening_->server;
   setUp(server, contents, listening_->tls.get());
   int port = place->port;
   if (port == 0) {
@@ -186,7 +176,7 @@ MonitoringServer::MonitoringServer(const std::string& address, MonitoringContent
 }
 
 MonitoringServer::~MonitoringServer() {
-  listening_->server->stop();
+  listening_->server.stop();
   listening_->thread.join();
 }
 
