@@ -39,6 +39,17 @@ std::string peerOf(int socket) {
   return {bytes, 8};
 }
 
+void accountHandshake(const TimedStream& stream, bool isLate) {
+  std::string ip;
+  int port = 0;
+  stream.get_remote_ip_and_port(ip, port);
+  const char* const error = ERR_reason_error_string(ERR_peek_last_error());
+  const char* const reason = isLate ? "it took too long" : error ? error : "the client ended it";
+  constexpr int unavailable = 14;
+  pi::accountRefusal(
+      {"handshake", "", peerText(ip, port), "", unavailable, std::string("monitoring: ") + reason});
+}
+
 }  // namespace
 
 void HttpServer::FreeContext::operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
@@ -82,7 +93,10 @@ void HttpServer::serveRequests(int socket, SSL* tls) {
   TimedStream stream(socket, tls);
   const auto last = Clock::now() + patience_;
   stream.deadlineIs(last);
-  if (!stream.handshake()) return;
+  if (!stream.handshake()) {
+    accountHandshake(stream, Clock::now() >= last);
+    return;
+  }
   const auto describe = [tls](httplib::Request& request) {
     request.ssl = tls;
     request.ranges.clear();

@@ -17,6 +17,7 @@
 #include "P4Runtime/monitoring/HttpServer.h"
 #include "P4Runtime/monitoring/HttpWorkers.h"
 #include "P4Runtime/monitoring/Page.h"
+#include "P4Runtime/monitoring/TimedStream.h"
 #include "PI/proto/pi_server_shared.h"
 
 namespace P4Runtime {
@@ -71,19 +72,42 @@ bool isForThisMachine(const httplib::Request& request) {
   return isLoopback(host);
 }
 
-// Why the request is not answered; empty: it is. Without TLS nothing is known of the client.
-std::string objectionTo(const httplib::Request& request, const pi::ServerTls* tls) {
+// Codes are of gRPC. Without a reason the request is served.
+struct Objection {
+  std::string reason;
+  std::string identity;
+  int code = 7;  // PERMISSION_DENIED
+};
+
+// Without TLS nothing is known of the client.
+Objection objectionTo(const httplib::Request& request, const pi::ServerTls* tls) {
   std::string identity;
   if (tls) {
     const pi::ServerTls::Client client = tls->client(*request.ssl);
-    if (!client.objection.empty()) return client.objection;
+    if (!client.objection.empty()) {
+      return {.reason = client.objection, .identity = client.identity, .code = 16};
+    }
     identity = client.identity;
   } else if (!isForThisMachine(request)) {
-    return "ask for this by the name localhost, or by its address";
+    return {.reason = "ask for this by the name localhost, or by its address"};
   }
-  if (pi::policyAllowsCall(identity, request.path)) return "";
+  if (pi::policyAllowsCall(identity, request.path)) return {};
   const std::string who = tls ? '"' + identity + '"' : "an unknown client";
-  return fmt::format("the policy does not let {} see {}", who, request.path);
+  return {.reason = fmt::format("the policy does not let {} see {}", who, request.path),
+          .identity = identity};
+}
+
+// True: it is refused, and accounted for.
+bool refuse(const httplib::Request& request, httplib::Response& response,
+            const pi::ServerTls* tls) {
+  const Objection objection = objectionTo(request, tls);
+  if (objection.reason.empty()) return false;
+  pi::accountRefusal({"monitoring", objection.identity,
+                      peerText(request.remote_addr, request.remote_port), request.path,
+                      objection.code, objection.reason});
+  response.status = 403;
+  response.set_content(objection.reason + "\n", "text/plain");
+  return true;
 }
 
 void setUp(httplib::Server& server, const MonitoringContents& contents, const pi::ServerTls* tls) {
@@ -95,10 +119,7 @@ void setUp(httplib::Server& server, const MonitoringContents& contents, const pi
           response.status = 404;
           return httplib::Server::HandlerResponse::Handled;
         }
-        const std::string objection = objectionTo(request, tls);
-        if (objection.empty()) return httplib::Server::HandlerResponse::Unhandled;
-        response.status = 403;
-        response.set_content(objection + "\n", "text/plain");
+        if (!refuse(request, response, tls)) return httplib::Server::HandlerResponse::Unhandled;
         return httplib::Server::HandlerResponse::Handled;
       });
   server.set_default_headers(

@@ -1,6 +1,7 @@
 #include "P4Runtime/monitoring/TimedStream.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <netdb.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -35,6 +36,11 @@ void nameOf(AskName ask, int socket, std::string& ip, int& port) {
 }
 
 }  // namespace
+
+std::string peerText(const std::string& ip, int port) {
+  const bool isSix = ip.find(':') != std::string::npos;
+  return fmt::format(fmt::runtime(isSix ? "ipv6:[{}]:{}" : "ipv4:{}:{}"), ip, port);
+}
 
 TimedStream::TimedStream(int socket, SSL* tls) : socket_(socket), tls_(tls) {
   fcntl(socket_, F_SETFL, fcntl(socket_, F_GETFL) | O_NONBLOCK);

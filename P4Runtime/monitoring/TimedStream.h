@@ -9,6 +9,9 @@
 
 namespace P4Runtime {
 
+// "ipv4:192.0.2.1:40000", as gRPC writes it; "ipv6:[2001:db8::1]:40000".
+std::string peerText(const std::string& ip, int port);
+
 // For one thread. Sockets and TLS stay their owner's; the socket is set not to block. Reads and
 // writes wait until the deadline at the latest, however much the peer sends, and then fail.
 class TimedStream final : public httplib::Stream {

@@ -1,6 +1,7 @@
 // Who gets an answer from the monitoring, and on which addresses it listens.
 #include "P4Runtime/monitoring/MonitoringServer.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -14,9 +15,13 @@
 #include <chrono>
 #include <deque>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
+#include "PI/proto/pi_server_account.h"
 #include "PI/proto/pi_server_policy.h"
 #include "PI/proto/pi_server_shared.h"
 #include "tests/support/Certificates.h"
@@ -138,6 +143,43 @@ TEST(MonitoringServer, SendsTheWholeOnceWhateverRangesAreWanted) {
   }
 }
 
+// "monitoring 7 who /metrics: why" of each refusal.
+class Accounts {
+ public:
+  Accounts() {
+    PIGrpcServerAccountantIs(
+        [](const PIGrpcServerAccount_t* account, void* cookie) {
+          EXPECT_TRUE(account->is_refused);
+          EXPECT_THAT(account->address, StartsWith("ipv4:127.0.0.1:"));
+          auto& self = *static_cast<Accounts*>(cookie);
+          const std::lock_guard lock(self.mutex_);
+          self.all_.push_back(fmt::format("{} {} {} {}: {}", account->what, account->code,
+                                          account->identity, account->detail, account->message));
+        },
+        this);
+  }
+  ~Accounts() { PIGrpcServerAccountantIs(nullptr, nullptr); }
+
+  std::vector<std::string> all() {
+    const std::lock_guard lock(mutex_);
+    return all_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> all_;
+};
+
+TEST(MonitoringServer, AccountsForRefusalsOfThisMachine) {
+  Accounts accounts;
+  const MonitoringServer server("127.0.0.1:0", contents(), [] { return nullptr; });
+  httplib::Client client("http://" + server.address());
+  EXPECT_TRUE(client.Get("/metrics"));
+  EXPECT_TRUE(client.Get("/nowhere"));
+  EXPECT_TRUE(client.Get("/metrics", httplib::Headers{{"Host", "evil.example"}}));
+  EXPECT_THAT(accounts.all(), testing::ElementsAre(StartsWith("monitoring 7  /metrics: ask for")));
+}
+
 // Its files are copies, to be replaced.
 class SecuredMonitoring : public testing::Test {
  protected:
@@ -222,6 +264,26 @@ TEST_F(SecuredMonitoring, FollowsItsFiles) {
   made_.revoke("scraper2", "next");
   fileIs("clients.crl", "next.crl");
   EXPECT_THAT(get("scraper2", "next"), HasSubstr("has been revoked"));
+}
+
+TEST_F(SecuredMonitoring, AccountsForRefusals) {
+  made_.certificateIs({.name = "nobody"});
+  made_.certificateIs({.name = "expired", .subject = "/CN=a", .isExpired = true});
+  const std::string policy = R"({"name": "p", "allow_rules": [
+      {"name": "scrapers", "request": {"paths": ["/metrics"]}}]})";
+  ASSERT_EQ(PIGrpcServerPolicyIs(policy.data(), policy.size(), "p.json"), 0);
+  Accounts accounts;
+  EXPECT_EQ(get("scraper"), "200 plain");
+  EXPECT_THAT(get("scraper", "ca", "/rows.json"), StartsWith("403"));
+  EXPECT_THAT(get("nobody"), StartsWith("403"));
+  EXPECT_EQ(get("expired"), "no answer");
+  EXPECT_TRUE(TestSupport::waitUntil([&] { return accounts.all().size() >= 3; }));
+  server_.reset();
+  EXPECT_THAT(
+      accounts.all(),
+      testing::ElementsAre(StartsWith("monitoring 7 spiffe://lab/scraper /rows.json: the policy"),
+                           StartsWith("monitoring 16  /metrics: the client's certificate names"),
+                           StartsWith("handshake 14  : monitoring: ")));
 }
 
 TEST_F(SecuredMonitoring, EndsAHandshakeThatTricklesIn) {
