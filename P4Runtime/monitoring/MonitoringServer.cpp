@@ -14,15 +14,16 @@
 #include <utility>
 
 #include "P4Runtime/monitoring/Exposition.h"
+#include "P4Runtime/monitoring/HttpServer.h"
 #include "P4Runtime/monitoring/HttpWorkers.h"
 #include "P4Runtime/monitoring/Page.h"
+#include "P4Runtime/monitoring/TimedStream.h"
 #include "PI/proto/pi_server_shared.h"
 
 namespace P4Runtime {
 namespace {
 
 constexpr size_t mostRequestBytes = 4096;
-constexpr time_t patienceSeconds = 5;
 
 // The policy is asked about these as they stand here: the server's routes are regular expressions,
 // and must not take a path that looks like one of them.
@@ -71,25 +72,46 @@ bool isForThisMachine(const httplib::Request& request) {
   return isLoopback(host);
 }
 
-// Why the request is not answered; empty: it is. Without TLS nothing is known of the client.
-std::string objectionTo(const httplib::Request& request, const pi::ServerTls* tls) {
+// Codes are of gRPC. Without a reason the request is served.
+struct Objection {
+  std::string reason;
+  std::string identity;
+  int code = 7;  // PERMISSION_DENIED
+};
+
+// Without TLS nothing is known of the client.
+Objection objectionTo(const httplib::Request& request, const pi::ServerTls* tls) {
   std::string identity;
   if (tls) {
     const pi::ServerTls::Client client = tls->client(*request.ssl);
-    if (!client.objection.empty()) return client.objection;
+    if (!client.objection.empty()) {
+      return {.reason = client.objection, .identity = client.identity, .code = 16};
+    }
     identity = client.identity;
   } else if (!isForThisMachine(request)) {
-    return "ask for this by the name localhost, or by its address";
+    return {.reason = "ask for this by the name localhost, or by its address"};
   }
-  if (pi::policyAllowsCall(identity, request.path)) return "";
+  if (pi::policyAllowsCall(identity, request.path)) return {};
   const std::string who = tls ? '"' + identity + '"' : "an unknown client";
-  return fmt::format("the policy does not let {} see {}", who, request.path);
+  return {.reason = fmt::format("the policy does not let {} see {}", who, request.path),
+          .identity = identity};
+}
+
+// True: it is refused, and accounted for.
+bool refuse(const httplib::Request& request, httplib::Response& response,
+            const pi::ServerTls* tls) {
+  const Objection objection = objectionTo(request, tls);
+  if (objection.reason.empty()) return false;
+  pi::accountRefusal({"monitoring", objection.identity,
+                      peerText(request.remote_addr, request.remote_port), request.path,
+                      objection.code, objection.reason});
+  response.status = 403;
+  response.set_content(objection.reason + "\n", "text/plain");
+  return true;
 }
 
 void setUp(httplib::Server& server, const MonitoringContents& contents, const pi::ServerTls* tls) {
   server.new_task_queue = [] { return new HttpWorkers; };
-  server.set_read_timeout(patienceSeconds);
-  server.set_write_timeout(patienceSeconds);
   server.set_payload_max_length(mostRequestBytes);
   server.set_pre_routing_handler(
       [tls](const httplib::Request& request, httplib::Response& response) {
@@ -97,10 +119,7 @@ void setUp(httplib::Server& server, const MonitoringContents& contents, const pi
           response.status = 404;
           return httplib::Server::HandlerResponse::Handled;
         }
-        const std::string objection = objectionTo(request, tls);
-        if (objection.empty()) return httplib::Server::HandlerResponse::Unhandled;
-        response.status = 403;
-        response.set_content(objection + "\n", "text/plain");
+        if (!refuse(request, response, tls)) return httplib::Server::HandlerResponse::Unhandled;
         return httplib::Server::HandlerResponse::Handled;
       });
   server.set_default_headers(
@@ -130,19 +149,11 @@ void setUp(httplib::Server& server, const MonitoringContents& contents, const pi
 }  // namespace
 
 struct MonitoringServer::Listening {
-  explicit Listening(std::unique_ptr<pi::ServerTls> given) : tls(std::move(given)) {
-    if (!tls) {
-      server = std::make_unique<httplib::Server>();
-      return;
-    }
-    server = std::make_unique<httplib::SSLServer>([this](SSL_CTX& context) {
-      tls->setUp(context);
-      return true;
-    });
-  }
+  Listening(std::unique_ptr<pi::ServerTls> given, std::chrono::milliseconds patience)
+      : tls(std::move(given)), server(tls.get(), patience) {}
 
   const std::unique_ptr<pi::ServerTls> tls;  // outlives the server
-  std::unique_ptr<httplib::Server> server;
+  HttpServer server;
   std::thread thread;
 };
 
@@ -159,13 +170,13 @@ std::string monitoringAddressFault(const std::string& address, bool hasCertifica
 }
 
 MonitoringServer::MonitoringServer(const std::string& address, MonitoringContents contents,
-                                   const MakeTls& makeTls) {
+                                   const MakeTls& makeTls, std::chrono::milliseconds patience) {
   const auto place = placeOf(address);
   auto tls = place && !isLoopback(place->host) ? makeTls() : nullptr;
   const std::string fault = monitoringAddressFault(address, tls != nullptr);
   if (!fault.empty()) throw std::runtime_error(fault);
-  listening_ = std::make_unique<Listening>(std::move(tls));
-  httplib::Server& server = *listening_->server;
+  listening_ = std::make_unique<Listening>(std::move(tls), patience);
+  httplib::Server& server = listening_->server;
   setUp(server, contents, listening_->tls.get());
   int port = place->port;
   if (port == 0) {
@@ -186,7 +197,7 @@ MonitoringServer::MonitoringServer(const std::string& address, MonitoringContent
 }
 
 MonitoringServer::~MonitoringServer() {
-  listening_->server->stop();
+  listening_->server.stop();
   listening_->thread.join();
 }
 

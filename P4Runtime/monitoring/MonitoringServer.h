@@ -1,6 +1,7 @@
 // Serves the agent's metrics, its page and the page's data by HTTP.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -22,9 +23,8 @@ struct MonitoringContents {
 std::string monitoringAddressFault(const std::string& address, bool hasCertificates);
 
 // Listens from construction to destruction, on threads of its own. Read-only: no request changes
-// anything. With a policy, requests are calls that it must allow, by their paths. A client that
-// sends or reads nothing loses its connection after a few seconds; a few connections are served at
-// a time, and some more wait.
+// anything. With a policy, requests are calls that it must allow, by their paths. A few connections
+// are served at a time, by TLS fewer of each address, and some more wait.
 class MonitoringServer {
  public:
   // "127.0.0.1:9464", "[::1]:9464"; port 0: any free one. Addresses that other machines reach are
@@ -32,7 +32,9 @@ class MonitoringServer {
   // own are served without. Throws std::runtime_error with a line for the user when it cannot
   // listen there, or needs TLS and has none; and what `tls` throws.
   using MakeTls = std::function<std::unique_ptr<pi::ServerTls>()>;
-  MonitoringServer(const std::string& address, MonitoringContents contents, const MakeTls& tls);
+  // A client has `patience` for its handshake and request, and loses its connection after it.
+  MonitoringServer(const std::string& address, MonitoringContents contents, const MakeTls& tls,
+                   std::chrono::milliseconds patience = std::chrono::seconds(10));
   ~MonitoringServer();
 
   const std::string& address() const { return address_; }  // with the port that it has

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "PI/proto/pi_server_account.h"
+#include "PI/proto/pi_server_shared.h"
 #include "PI/server/Peer.h"
 #include "PI/server/Requester.h"
 #include "google/rpc/status.pb.h"
@@ -140,19 +141,23 @@ void AccountedCall::end(const grpc::Status& status) const {
 
 // gRPC does not say from where it has come.
 void accountRefusedClient(const std::string& identity, const std::string& reason) {
-  tellAccountant({.what = "call",
-                  .identity = identity.c_str(),
-                  .address = "",
-                  .device_id = 0,
-                  .role = "",
-                  .detail = "",
-                  .code = grpc::StatusCode::UNAUTHENTICATED,
-                  .is_refused = 1,
-                  .message = reason.c_str(),
-                  .duration_us = 0});
+  accountRefusal({"call", identity, "", "", grpc::StatusCode::UNAUTHENTICATED, reason});
 }
 
 }  // namespace pi::server
+
+void pi::accountRefusal(const Refusal& refusal) {
+  server::tellAccountant({.what = refusal.what,
+                          .identity = refusal.identity.c_str(),
+                          .address = refusal.address.c_str(),
+                          .device_id = 0,
+                          .role = "",
+                          .detail = refusal.detail.c_str(),
+                          .code = refusal.code,
+                          .is_refused = 1,
+                          .message = refusal.reason.c_str(),
+                          .duration_us = 0});
+}
 
 void PIGrpcServerAccountantIs(void (*account)(const PIGrpcServerAccount_t*, void*), void* cookie) {
   pi::server::accountantCookie = cookie;

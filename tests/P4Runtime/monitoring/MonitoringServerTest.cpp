@@ -1,17 +1,31 @@
 // Who gets an answer from the monitoring, and on which addresses it listens.
 #include "P4Runtime/monitoring/MonitoringServer.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <deque>
 #include <filesystem>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
+#include "PI/proto/pi_server_account.h"
 #include "PI/proto/pi_server_policy.h"
 #include "PI/proto/pi_server_shared.h"
 #include "tests/support/Certificates.h"
+#include "tests/support/Waiting.h"
 
 namespace P4Runtime {
 namespace {
@@ -23,6 +37,37 @@ MonitoringContents contents() {
   return {[](bool isOpen) { return std::string(isOpen ? "open" : "plain"); },
           [] { return std::string("{}"); },
           [](const std::string& table, const std::string& wanted) { return table + "/" + wanted; }};
+}
+
+// A connection to a server on this machine, which says what it is told to say.
+class RawClient {
+ public:
+  explicit RawClient(int port) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  }
+  ~RawClient() { close(socket_); }
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  bool sends(const std::string& bytes) const {
+    return send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0;
+  }
+  bool isClosed() const {
+    char byte = 0;
+    const ssize_t got = recv(socket_, &byte, 1, MSG_DONTWAIT);
+    return got == 0 || (got < 0 && errno != EAGAIN);
+  }
+
+ private:
+  const int socket_;
+};
+
+int portOf(const MonitoringServer& server) {
+  return std::stoi(server.address().substr(server.address().rfind(':') + 1));
 }
 
 std::string whyNot(const std::string& address) {
@@ -65,6 +110,76 @@ TEST(MonitoringServer, ServesThisMachineAloneWithoutCertificates) {
   EXPECT_THAT(get("/status.json", {{"Host", "localhost:1"}}), StartsWith("200"));
 }
 
+TEST(MonitoringServer, EndsARequestThatTricklesIn) {
+  const MonitoringServer server(
+      "127.0.0.1:0", contents(), [] { return nullptr; }, std::chrono::milliseconds(300));
+  const RawClient slow(portOf(server));
+  EXPECT_TRUE(slow.sends("GET /metrics HTTP/1.1\r\nX: "));
+  EXPECT_TRUE(TestSupport::waitUntil([&] {
+    slow.sends("x");
+    return slow.isClosed();
+  }));
+}
+
+TEST(MonitoringServer, TakesARequestOfBoundedSize) {
+  const MonitoringServer server(
+      "127.0.0.1:0", contents(), [] { return nullptr; }, std::chrono::minutes(5));
+  const RawClient large(portOf(server));
+  EXPECT_TRUE(large.sends("GET /metrics HTTP/1.1\r\n"));
+  EXPECT_TRUE(TestSupport::waitUntil([&] {
+    large.sends("X: " + std::string(1000, 'x') + "\r\n");
+    return large.isClosed();
+  }));
+}
+
+TEST(MonitoringServer, SendsTheWholeOnceWhateverRangesAreWanted) {
+  const MonitoringServer server("127.0.0.1:0", contents(), [] { return nullptr; });
+  httplib::Client client("http://" + server.address());
+  for (const char* ranges : {"bytes=0-", "bytes=0-,0-,0-,0-", "bytes=90-"}) {
+    const auto answer = client.Get("/metrics", httplib::Headers{{"Range", ranges}});
+    ASSERT_TRUE(answer) << ranges;
+    EXPECT_EQ(answer->status, 200) << ranges;
+    EXPECT_EQ(answer->body, "plain") << ranges;
+  }
+}
+
+// "monitoring 7 who /metrics: why" of each refusal.
+class Accounts {
+ public:
+  Accounts() {
+    PIGrpcServerAccountantIs(
+        [](const PIGrpcServerAccount_t* account, void* cookie) {
+          EXPECT_TRUE(account->is_refused);
+          EXPECT_THAT(account->address, StartsWith("ipv4:127.0.0.1:"));
+          auto& self = *static_cast<Accounts*>(cookie);
+          const std::lock_guard lock(self.mutex_);
+          self.all_.push_back(fmt::format("{} {} {} {}: {}", account->what, account->code,
+                                          account->identity, account->detail, account->message));
+        },
+        this);
+  }
+  ~Accounts() { PIGrpcServerAccountantIs(nullptr, nullptr); }
+
+  std::vector<std::string> all() {
+    const std::lock_guard lock(mutex_);
+    return all_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> all_;
+};
+
+TEST(MonitoringServer, AccountsForRefusalsOfThisMachine) {
+  Accounts accounts;
+  const MonitoringServer server("127.0.0.1:0", contents(), [] { return nullptr; });
+  httplib::Client client("http://" + server.address());
+  EXPECT_TRUE(client.Get("/metrics"));
+  EXPECT_TRUE(client.Get("/nowhere"));
+  EXPECT_TRUE(client.Get("/metrics", httplib::Headers{{"Host", "evil.example"}}));
+  EXPECT_THAT(accounts.all(), testing::ElementsAre(StartsWith("monitoring 7  /metrics: ask for")));
+}
+
 // Its files are copies, to be replaced.
 class SecuredMonitoring : public testing::Test {
  protected:
@@ -73,15 +188,19 @@ class SecuredMonitoring : public testing::Test {
     made_.certificateIs({.name = "scraper", .alternatives = "URI:spiffe://lab/scraper"});
     made_.crlIs();
     filesAre("switch", "ca");
-    server_.emplace("0.0.0.0:0", contents(), [this] {
+    serve(std::chrono::seconds(10));
+  }
+  ~SecuredMonitoring() override { PIGrpcServerPolicyIs(nullptr, 0, nullptr); }
+
+  void serve(std::chrono::milliseconds patience) {
+    const auto tls = [this] {
       return pi::ServerTls::make({.certificate = file("own.pem").c_str(),
                                   .key = file("own.key").c_str(),
                                   .client_ca = file("clients.pem").c_str(),
                                   .crl = file("clients.crl").c_str()});
-    });
+    };
+    server_.emplace("0.0.0.0:0", contents(), tls, patience);
   }
-  ~SecuredMonitoring() override { PIGrpcServerPolicyIs(nullptr, 0, nullptr); }
-
   std::string file(const std::string& name) const { return folder_.file(name); }
   void fileIs(const std::string& name, const std::string& made) const {
     std::filesystem::copy_file(made_.file(made), file(name),
@@ -93,15 +212,14 @@ class SecuredMonitoring : public testing::Test {
     fileIs("clients.pem", authority + ".pem");
     fileIs("clients.crl", authority + ".crl");
   }
-  int port() const {
-    const std::string address = server_->address();
-    return std::stoi(address.substr(address.rfind(':') + 1));
-  }
+  int port() const { return portOf(*server_); }
   // On a new connection; what the client trusts is `authority`.
   std::string get(const std::string& client, const std::string& authority = "ca",
-                  const std::string& path = "/metrics") const {
+                  const std::string& path = "/metrics",
+                  const std::string& own = "127.0.0.1") const {
     httplib::SSLClient asking("127.0.0.1", port(), made_.file(client + ".pem"),
                               made_.file(client + ".key"));
+    asking.set_interface(own);
     asking.set_ca_cert_path(made_.file(authority + ".pem").c_str());
     const auto answer = asking.Get(path);
     return answer ? std::to_string(answer->status) + " " + answer->body : "no answer";
@@ -146,6 +264,49 @@ TEST_F(SecuredMonitoring, FollowsItsFiles) {
   made_.revoke("scraper2", "next");
   fileIs("clients.crl", "next.crl");
   EXPECT_THAT(get("scraper2", "next"), HasSubstr("has been revoked"));
+}
+
+TEST_F(SecuredMonitoring, AccountsForRefusals) {
+  made_.certificateIs({.name = "nobody"});
+  made_.certificateIs({.name = "expired", .subject = "/CN=a", .isExpired = true});
+  const std::string policy = R"({"name": "p", "allow_rules": [
+      {"name": "scrapers", "request": {"paths": ["/metrics"]}}]})";
+  ASSERT_EQ(PIGrpcServerPolicyIs(policy.data(), policy.size(), "p.json"), 0);
+  Accounts accounts;
+  EXPECT_EQ(get("scraper"), "200 plain");
+  EXPECT_THAT(get("scraper", "ca", "/rows.json"), StartsWith("403"));
+  EXPECT_THAT(get("nobody"), StartsWith("403"));
+  EXPECT_EQ(get("expired"), "no answer");
+  EXPECT_TRUE(TestSupport::waitUntil([&] { return accounts.all().size() >= 3; }));
+  server_.reset();
+  EXPECT_THAT(
+      accounts.all(),
+      testing::ElementsAre(StartsWith("monitoring 7 spiffe://lab/scraper /rows.json: the policy"),
+                           StartsWith("monitoring 16  /metrics: the client's certificate names"),
+                           StartsWith("handshake 14  : monitoring: ")));
+}
+
+TEST_F(SecuredMonitoring, EndsAHandshakeThatTricklesIn) {
+  serve(std::chrono::milliseconds(300));
+  const RawClient slow(port());
+  EXPECT_TRUE(slow.sends(std::string("\x16\x03\x01\x02\x00\x01", 6)));  // a hello of 512 bytes
+  EXPECT_TRUE(TestSupport::waitUntil([&] {
+    slow.sends("x");
+    return slow.isClosed();
+  }));
+}
+
+// Twice as many silent connections as are served at a time, and more of them than may wait.
+TEST_F(SecuredMonitoring, GivesAnAddressAShare) {
+  serve(std::chrono::minutes(5));
+  std::deque<RawClient> silent;
+  for (int i = 0; i < 12; ++i) silent.emplace_back(port());
+  EXPECT_TRUE(TestSupport::waitUntil([&] {
+    return std::ranges::count_if(silent, &RawClient::isClosed) == 2;
+  })) << "two of the address are served, and eight wait";
+  EXPECT_EQ(get("scraper", "ca", "/metrics", "127.0.0.2"), "200 plain");
+  silent.clear();
+  EXPECT_EQ(get("scraper"), "200 plain") << "its share is free again";
 }
 
 TEST_F(SecuredMonitoring, AsksThePolicy) {

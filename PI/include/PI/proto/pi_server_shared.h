@@ -1,5 +1,5 @@
 // What other servers of the process share with the P4Runtime gRPC server: TLS with the same checks
-// of clients, and the policy. Any thread.
+// of clients, the policy, and the accountant. Any thread.
 #pragma once
 
 #include <memory>
@@ -35,5 +35,17 @@ class ServerTls {
 // Whether the policy in force lets the identity make a call of this path, a request of HTTP
 // included. True without a policy.
 bool policyAllowsCall(const std::string& identity, const std::string& path);
+
+// A client or request that another server refused.
+struct Refusal {
+  const char* what;      // "monitoring"; a literal
+  std::string identity;  // of the client; empty where it is not known
+  std::string address;
+  std::string detail;  // "/metrics"
+  int code;            // of gRPC
+  std::string reason;
+};
+// Tells the accountant of pi_server_account.h, where there is one.
+void accountRefusal(const Refusal& refusal);
 
 }  // namespace pi
