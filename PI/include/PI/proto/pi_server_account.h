@@ -9,7 +9,8 @@ extern "C" {
 
 /* Texts are the clients' own in part: of any bytes, but without zeros. */
 typedef struct {
-  const char* what;     /* "Write", "push", "arbitration", or another thing that was refused; a literal */
+  const char*
+      what; /* "Write", "push", "arbitration", or another thing that was refused; a literal */
   const char* identity; /* of the client; empty where it is not known */
   const char* address;  /* as gRPC writes it */
   uint64_t device_id;
