@@ -16,12 +16,6 @@ namespace {
 
 Scrivel::TraceHandle trace("TableImpl");
 
-std::string nameOf(const MatchKey& key, const std::string& rowKey) {
-  std::string name(reinterpret_cast<const char*>(&key.tableId), sizeof key.tableId);
-  name.append(reinterpret_cast<const char*>(&key.priority), sizeof key.priority);
-  return name += rowKey;
-}
-
 }  // namespace
 
 EntryHandle EntryWriter::add(const MatchKey& key, const ActionData& action,
@@ -71,24 +65,18 @@ void EntryWriter::markCounter(const WritableTable& table, const MatchKey& key) {
 void EntryWriter::findEntry(const WritableTable& table, const MatchKey& key,
                             const std::string& rowKey) {
   const bool isThere = keys_.find(table, key, rowKey).row.has_value();
-  if (isThere || !anyDeleted()) return;
-  const auto deleted = deleted_.find(nameOf(key, rowKey));
-  if (deleted == deleted_.end()) return;
-  database_->undo(deleted->second.sequence);
-  keys_.seenIs(key, deleted->second.handle);
-  deleted_.erase(deleted);
+  if (isThere || !database_) return;
+  const uint64_t settled = database_->store().settledSequence();
+  const auto deleted = deleted_.take(settled, key, rowKey);
+  if (!deleted) return;
+  database_->undo(deleted->sequence);
+  keys_.seenIs(key, deleted->handle);
 }
 
 void EntryWriter::noteDeletion(const MatchKey& key, const std::string& rowKey, EntryHandle handle) {
   if (!database_) return;
-  if (!anyDeleted()) deleted_.clear();  // another batch's
-  settled_ = database_->store().settledSequence();
-  deleted_[nameOf(key, rowKey)] = {handle, database_->store().nextSequence() - 1};
-}
-
-// Whether the batch in progress has deleted any: a batch ends with its changes settled.
-bool EntryWriter::anyDeleted() const {
-  return !deleted_.empty() && database_->store().settledSequence() == settled_;
+  const Brine::Store& store = database_->store();
+  deleted_.add(store.settledSequence(), key, rowKey, {handle, store.nextSequence() - 1});
 }
 
 // Writes row_ and record_.

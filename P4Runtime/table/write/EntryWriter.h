@@ -3,11 +3,10 @@
 
 #include <string>
 
-#include <absl/container/flat_hash_map.h>
-
 #include "P4Runtime/companion/P4HandleMgr.h"
 #include "P4Runtime/table/records/EntryKeys.h"
 #include "P4Runtime/table/rows/RowBuilder.h"
+#include "P4Runtime/table/write/BatchDeletions.h"
 #include "P4Runtime/table/write/RowWriter.h"
 #include "P4Runtime/table/write/WritableTables.h"
 
@@ -46,7 +45,6 @@ class EntryWriter {
   void markCounter(const WritableTable& table, const MatchKey& key);
   void findEntry(const WritableTable& table, const MatchKey& key, const std::string& rowKey);
   void noteDeletion(const MatchKey& key, const std::string& rowKey, EntryHandle handle);
-  bool anyDeleted() const;
   void writeEntry(const WritableTable& table, EntryHandle handle, bool isNew);
 
   const P4TableInfo& tableInfo_;
@@ -56,13 +54,7 @@ class EntryWriter {
   const WritableTables& tables_;
   RowBuilder& builder_;
   RowWriter& writer_;
-  // The entries that the batch has deleted: by table, row key and priority.
-  struct Deleted {
-    EntryHandle handle = 0;
-    uint64_t sequence = 0;
-  };
-  absl::flat_hash_map<std::string, Deleted> deleted_;
-  uint64_t settled_ = 0;  // when the batch began
+  BatchDeletions deleted_;
   // Of the entry that is being written; kept for the memory they hold.
   RowWriter::RowToWrite row_;
   std::string record_;
