@@ -17,14 +17,14 @@ bool writesObject(const CheckedUpdate& update) {
 }  // namespace
 
 uint32_t WriteOrder::level(const CheckedUpdate& update) {
-  const auto [key, isNew] = levels_.try_emplace(update.slot);
-  uint32_t level = isNew ? 0 : key->second + 1;
+  const auto [key, isNew] = levels_.insert({update.slot.entry.get(), update.slot.hash, 0});
+  uint32_t level = isNew ? 0 : key->level + 1;
   if (update.profile != nullptr) {
-    level = levelInProfile(update, key->first.entry.get(), isNew, level);
+    level = levelInProfile(update, key->entry, isNew, level);
   } else if (update.table->entity != nullptr && update.table->entity->isArray()) {
     level = levelInArray(update, level);
   }
-  key->second = level;
+  key->level = level;
   return level;
 }
 

@@ -10,8 +10,9 @@
 
 namespace pi::fe::proto {
 
-// For one Write. An update depends on earlier updates of its key, on updates of the objects it
-// points at, and, when it writes a member or group, on updates that point there.
+// For one Write, whose updates outlive this. An update depends on earlier updates of its key, on
+// updates of the objects it points at, and, when it writes a member or group, on updates that point
+// there.
 class WriteOrder {
  public:
   WriteOrder(const EntryStore& store, const ProfileUse& use) : store_(store), use_(use) {}
@@ -60,8 +61,21 @@ class WriteOrder {
   absl::flat_hash_map<ObjectId, ObjectLevels> objects_;
   absl::flat_hash_map<const EntityPlan*, ArrayLevels> arrays_;
   absl::flat_hash_map<uint32_t, ProfileLevels> profiles_;
-  // The batch of the latest update of each key.
-  absl::flat_hash_map<EntrySlot, uint32_t, EntrySlotHash, EntrySlotEqual> levels_;
+  // The batch of the latest update of each key. It has the entry of the key's first update.
+  struct KeyLevel {
+    const Entry* entry = nullptr;
+    size_t hash = 0;
+    mutable uint32_t level = 0;
+  };
+  struct KeyLevelHash {
+    size_t operator()(const KeyLevel& key) const { return key.hash; }
+  };
+  struct KeyLevelEqual {
+    bool operator()(const KeyLevel& a, const KeyLevel& b) const {
+      return a.hash == b.hash && a.entry->key() == b.entry->key();
+    }
+  };
+  absl::flat_hash_set<KeyLevel, KeyLevelHash, KeyLevelEqual> levels_;
   absl::flat_hash_map<const Entry*, KeyHistory> keys_;  // by the entry in levels_
 };
 

@@ -78,9 +78,11 @@ TEST(WriteOrder, RunsTogetherWhatDoesNotDepend) {
       store.entryIs(checked.slot.entry);
     }
     WriteOrder order(store, use);
+    std::vector<CheckedUpdate> checked;  // outlives the order's look-ups
     std::vector<uint32_t> levels;
     for (const Update& one : c.updates) {
-      levels.push_back(order.level(checkedUpdate(index, one)));
+      checked.push_back(checkedUpdate(index, one));
+      levels.push_back(order.level(checked.back()));
     }
     EXPECT_THAT(levels, ElementsAreArray(c.levels));
   }
