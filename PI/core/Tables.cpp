@@ -81,6 +81,10 @@ void pi_table_entries_coming(pi_dev_id_t dev_id, const pi_entry_handle_t* entry_
   _pi_table_entries_coming(dev_id, entry_handles, count);
 }
 
+void pi_burst_begin(pi_dev_id_t dev_id) { _pi_burst_begin(dev_id); }
+
+void pi_burst_end(pi_dev_id_t dev_id) { _pi_burst_end(dev_id); }
+
 pi_status_t pi_table_default_action_set(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                         pi_p4_id_t table_id, const pi_table_entry_t* table_entry) {
   return _pi_table_default_action_set(session_handle, dev_tgt, table_id, table_entry);

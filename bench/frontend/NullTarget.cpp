@@ -100,6 +100,8 @@ int _pi_last_hits(pi_dev_id_t, pi_p4_id_t, const pi_entry_handle_t*, size_t, uin
   return 12;
 }
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
+void _pi_burst_begin(pi_dev_id_t) {}
+void _pi_burst_end(pi_dev_id_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                     pi_entry_handle_t, int, pi_counter_data_t* data) {
   *data = {};

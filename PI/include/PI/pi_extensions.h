@@ -49,6 +49,11 @@ void pi_batch_failed_set(int failed); /* of the thread's current batch; cleared 
  * will need for them. A handle need not be an entry's. */
 void pi_table_entries_coming(pi_dev_id_t dev_id, const pi_entry_handle_t* entry_handles,
                              size_t count);
+/* For the front end: until the end of the burst, the thread's calls come one right after another,
+ * at most some dozen of them. A target may keep its lock meanwhile. The front end holds no lock
+ * under which others call the target. */
+void pi_burst_begin(pi_dev_id_t dev_id);
+void pi_burst_end(pi_dev_id_t dev_id);
 
 /* pi_counter_read_direct() for many entries at once; one count for each handle. When it does not
  * succeed no count counts. */

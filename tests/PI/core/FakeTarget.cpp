@@ -72,6 +72,8 @@ NEVER_CALLED(_pi_table_default_action_get, pi_session_handle_t, pi_dev_id_t, pi_
 NEVER_CALLED(_pi_table_default_action_done, pi_session_handle_t, pi_table_entry_t*)
 
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
+void _pi_burst_begin(pi_dev_id_t) {}
+void _pi_burst_end(pi_dev_id_t) {}
 
 pi_status_t _pi_table_entries_fetch(pi_session_handle_t, pi_dev_id_t, pi_p4_id_t,
                                     pi_table_fetch_res_t* res) {

@@ -30,6 +30,8 @@ pi_status_t _pi_table_default_action_done(pi_session_handle_t session_handle,
 
 void _pi_table_entries_coming(pi_dev_id_t dev_id, const pi_entry_handle_t* entry_handles,
                               size_t count);
+void _pi_burst_begin(pi_dev_id_t dev_id);
+void _pi_burst_end(pi_dev_id_t dev_id);
 
 /* Layout of the result: PI/int/pi_int.h. */
 pi_status_t _pi_table_entries_fetch(pi_session_handle_t session_handle, pi_dev_id_t dev_id,

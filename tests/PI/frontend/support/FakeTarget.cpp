@@ -502,6 +502,8 @@ void _pi_counter_cells_read(pi_dev_id_t, pi_p4_id_t, size_t first, size_t count,
   theTarget->handleCells(first, {data, count});
 }
 void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t*, size_t) {}
+void _pi_burst_begin(pi_dev_id_t) {}
+void _pi_burst_end(pi_dev_id_t) {}
 pi_status_t _pi_counter_read_direct(pi_session_handle_t, pi_dev_tgt_t, pi_p4_id_t,
                                     pi_entry_handle_t handle, int, pi_counter_data_t* data) {
   return theTarget->handleCount(handle, data);
