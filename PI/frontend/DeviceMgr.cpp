@@ -57,6 +57,11 @@ DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request, const Ad
   return imp_->write(request, admit, caller);
 }
 
+DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& header, const WriteUpdates& updates,
+                                   const Admit& admit, const EntityCaller* caller) {
+  return imp_->write(header, updates, admit, caller);
+}
+
 DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request,
                                   p4::v1::ReadResponse* response) const {
   const ReadSink merge = [&](const p4::v1::ReadResponse& part) {

@@ -17,7 +17,7 @@ namespace pi::fe::proto {
 
 namespace {
 
-constexpr int kMaxElements = 100000;
+constexpr size_t kMaxElements = WriteUpdates::mostKept;
 
 // The other half of the processors stays free for Writes and the reactor.
 size_t readTurnCount() { return std::max(1u, std::thread::hardware_concurrency() / 2); }
@@ -117,7 +117,7 @@ std::shared_ptr<const EntityRights> rightsOf(const EntityCaller* caller, const P
 }
 
 // Bounds the memory that one call can take; errors are told for each element.
-void requireSize(int elements, const char* what) {
+void requireSize(size_t elements, const char* what) {
   if (elements <= kMaxElements) return;
   refuse(code::resourceExhausted, "the request has ", elements, " ", what, "; send at most ",
          kMaxElements, " at once");
@@ -180,20 +180,20 @@ TargetSession DeviceMgrImp::session(const Pipeline& pipeline) const {
   return {deviceId_, sessionHandle_, pipeline.p4info()};
 }
 
-DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& request,
-                                         const DeviceMgr::Admit& admit,
+DeviceMgrImp::Status DeviceMgrImp::write(const p4::v1::WriteRequest& header,
+                                         const WriteUpdates& updates, const DeviceMgr::Admit& admit,
                                          const EntityCaller* caller) {
   return statusOf([&]() -> Status {
     awaitPipelineChange(patience_);
     requireWritePermission();
     const std::shared_ptr<Pipeline> current = awaitedPipeline();
-    fateOf(request);  // refuses an unknown one
-    requireSize(request.updates_size(), "updates");
+    const pi_batch_fate_t fate = fateOf(header);
+    requireSize(updates.count(), "updates");
     const auto rights = rightsOf(caller, *current);
     StageTimer checking(WriteStage::check);
-    CheckedWrite checked = checkedWrite(current->index(), request, rights.get());
+    CheckedWrite checked = checkedWrite(current->index(), updates, rights.get());
     checking.stop();
-    WaitingWrite write{request, admit, caller, current, std::move(checked)};
+    WaitingWrite write{updates, fate, admit, caller, current, std::move(checked)};
     writeTurns_.take(write, [this](auto writes) { return runTogether(writes); });
     if (write.error) std::rethrow_exception(write.error);
     return write.status;
@@ -217,9 +217,9 @@ size_t DeviceMgrImp::runTogether(std::span<WaitingWrite* const> writes) {
       if (write.status.code() != 0) continue;
       if (write.pipeline != current) {
         const auto rights = rightsOf(write.caller, *current);
-        write.checked = checkedWrite(current->index(), write.request, rights.get());
+        write.checked = checkedWrite(current->index(), write.updates, rights.get());
       }
-      if (!batches.add(write.checked, fateOf(write.request), &write.status)) {
+      if (!batches.add(write.checked, write.fate, &write.status)) {
         --done;
         break;
       }

@@ -48,7 +48,11 @@ class DeviceMgrImp {
   bool hasPipeline() const { return pipeline() != nullptr; }
 
   Status write(const p4::v1::WriteRequest& request, const DeviceMgr::Admit& admit = nullptr,
-               const EntityCaller* caller = nullptr);
+               const EntityCaller* caller = nullptr) {
+    return write(request, WriteUpdates(request), admit, caller);
+  }
+  Status write(const p4::v1::WriteRequest& header, const WriteUpdates& updates,
+               const DeviceMgr::Admit& admit, const EntityCaller* caller);
   Status read(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink,
               const EntityCaller* caller = nullptr) const;
   bool mayRead(const EntityCaller& caller, uint32_t objectId) const;

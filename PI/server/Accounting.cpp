@@ -18,7 +18,7 @@ using Accountant = void (*)(const PIGrpcServerAccount_t*, void*);
 std::atomic<Accountant> accountant{nullptr};
 std::atomic<void*> accountantCookie{nullptr};
 
-std::string counted(int count, const char* what) {
+std::string counted(size_t count, const char* what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
@@ -65,7 +65,10 @@ void AccountedCall::requestIs(const p4::v1::WriteRequest& request) {
   changes_ = true;
   deviceId_ = request.device_id();
   role_ = roleOf(request).role;
-  detail_ = counted(request.updates_size(), "update");
+}
+
+void AccountedCall::updatesAre(size_t count) {
+  if (listened_) detail_ = counted(count, "update");
 }
 
 void AccountedCall::requestIs(const p4::v1::SetForwardingPipelineConfigRequest& request) {

@@ -24,6 +24,7 @@ class AccountedCall {
   // "/p4.v1.P4Runtime/Write", a literal: the last word is told.
   void callIs(const char* path);
   void requestIs(const p4::v1::WriteRequest& request);
+  void updatesAre(size_t count);
   void requestIs(const p4::v1::SetForwardingPipelineConfigRequest& request);
   void requestIs(const p4::v1::ReadRequest& request);
   void requestIs(const p4::v1::GetForwardingPipelineConfigRequest& request);

@@ -22,6 +22,7 @@
 #include "PI/server/LocalToken.h"
 #include "PI/server/Peer.h"
 #include "PI/server/Requester.h"
+#include "PI/server/WriteMessage.h"
 
 namespace pi::server {
 
@@ -98,6 +99,10 @@ bool isScan(const p4::v1::Entity& query) {
   }
 }
 
+template <typename Request>
+using RequestMessage = std::conditional_t<std::is_same_v<Request, p4::v1::WriteRequest>,
+                                          WriteMessage, ArenaRequest<Request>>;
+
 // Whether the journal tells of such requests.
 template <typename Request>
 constexpr bool isWriting = std::is_same_v<Request, p4::v1::WriteRequest> ||
@@ -162,7 +167,7 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const char* 
                     "no memory for a " + name + " of " + std::to_string(size) +
                         " bytes beside the other requests; try again, or send smaller ones");
     }
-    ArenaRequest<Request> request;
+    RequestMessage<Request> request;
     std::optional<StageTimer> parsing;
     if constexpr (std::is_same_v<Request, p4::v1::WriteRequest>) parsing.emplace(WriteStage::parse);
     const bool isParsed = request.parse(&received.bytes, size);
@@ -171,8 +176,11 @@ Status P4RuntimeService::served(const grpc::ServerContext& context, const char* 
       return Status(StatusCode::INVALID_ARGUMENT, "the message is no p4.v1." + name);
     }
     account.requestIs(request.message());
+    if constexpr (std::is_same_v<Request, p4::v1::WriteRequest>) {
+      account.updatesAre(request.updates().count());
+    }
     if (!isWriting<Request> || !isJournaled()) received.bytes.Clear();
-    return serve(request.message(), access);
+    return serve(request, access);
   });
 }
 
@@ -183,7 +191,7 @@ void P4RuntimeService::unaryMethodIs(const char* name, CallKind kind, size_t max
                                                            const ReceivedMessage& received,
                                                            Response* response) {
     return served<Request>(call.context, name, received, maxBytes,
-                           [&](const Request& request, const AccessPtr& access) {
+                           [&](const RequestMessage<Request>& request, const AccessPtr& access) {
                              return serve(*this, call, request, response, access);
                            });
   };
@@ -200,7 +208,7 @@ void P4RuntimeService::methodsAre() {
   using Self = P4RuntimeService;
   unaryMethodIs<WriteRequest, WriteResponse>(
       "/p4.v1.P4Runtime/Write", CallKind::write, kMaxLargeMessageBytes,
-      [](Self& self, UnaryCall& call, const WriteRequest& request, WriteResponse*,
+      [](Self& self, UnaryCall& call, const WriteMessage& request, WriteResponse*,
          const AccessPtr& access) { return self.write(call, request, access); });
   methodIs("/p4.v1.P4Runtime/Read", RpcMethod::SERVER_STREAMING,
            new grpc::internal::ServerStreamingHandler<Self, ReceivedMessage, ReadResponse>(
@@ -208,21 +216,23 @@ void P4RuntimeService::methodsAre() {
                   grpc::ServerWriter<ReadResponse>* writer) {
                  return self->served<ReadRequest>(
                      *context, "/p4.v1.P4Runtime/Read", *received, kMaxMessageBytes,
-                     [&](const ReadRequest& request, const AccessPtr& access) {
-                       return self->read(*context, request, *writer, access);
+                     [&](const ArenaRequest<ReadRequest>& request, const AccessPtr& access) {
+                       return self->read(*context, request.message(), *writer, access);
                      });
                },
                this));
   unaryMethodIs<SetForwardingPipelineConfigRequest, SetForwardingPipelineConfigResponse>(
       "/p4.v1.P4Runtime/SetForwardingPipelineConfig", CallKind::other, kMaxLargeMessageBytes,
-      [](Self& self, UnaryCall& call, const SetForwardingPipelineConfigRequest& request,
+      [](Self& self, UnaryCall& call,
+         const ArenaRequest<SetForwardingPipelineConfigRequest>& request,
          SetForwardingPipelineConfigResponse*,
-         const AccessPtr& access) { return self.setPipeline(call, request, access); });
+         const AccessPtr& access) { return self.setPipeline(call, request.message(), access); });
   unaryMethodIs<GetForwardingPipelineConfigRequest, GetForwardingPipelineConfigResponse>(
       "/p4.v1.P4Runtime/GetForwardingPipelineConfig", CallKind::other, kMaxMessageBytes,
-      [](Self& self, UnaryCall& call, const GetForwardingPipelineConfigRequest& request,
+      [](Self& self, UnaryCall& call,
+         const ArenaRequest<GetForwardingPipelineConfigRequest>& request,
          GetForwardingPipelineConfigResponse* response,
-         const AccessPtr&) { return self.getPipeline(call, request, response); });
+         const AccessPtr&) { return self.getPipeline(call, request.message(), response); });
   methodIs("/p4.v1.P4Runtime/StreamChannel", RpcMethod::BIDI_STREAMING,
            new grpc::internal::BidiStreamingHandler<Self, StreamRequest, StreamMessageResponse>(
                [](Self* self, ServerContext* context,
@@ -232,9 +242,9 @@ void P4RuntimeService::methodsAre() {
                this));
   unaryMethodIs<CapabilitiesRequest, CapabilitiesResponse>(
       "/p4.v1.P4Runtime/Capabilities", CallKind::other, kMaxMessageBytes,
-      [](Self& self, UnaryCall& call, const CapabilitiesRequest& request,
+      [](Self& self, UnaryCall& call, const ArenaRequest<CapabilitiesRequest>& request,
          CapabilitiesResponse* response,
-         const AccessPtr&) { return self.capabilities(call, request, response); });
+         const AccessPtr&) { return self.capabilities(call, request.message(), response); });
 }
 
 template <typename Request>
@@ -244,9 +254,10 @@ RoleOfDevice P4RuntimeService::servedRole(const Request& request) const {
   return role;
 }
 
-Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& request,
+Status P4RuntimeService::write(UnaryCall& call, const WriteMessage& received,
                                const AccessPtr& access) {
   const StageTimer whole(WriteStage::whole);
+  const p4::v1::WriteRequest& request = received.message();
   Status known = devices_.requireKnown(devices_.servedAs(request.device_id()));
   if (!known.ok()) return known;
   if (access) {
@@ -266,7 +277,7 @@ Status P4RuntimeService::write(UnaryCall& call, const p4::v1::WriteRequest& requ
   if (!placed.ok()) return placed;
   CallJournal journal(PI_GRPC_SERVER_JOURNAL_WRITE, call.context, *call.request);
   const DeviceMgr::Status written = device->write(
-      request,
+      request, received.updates(),
       [&, came = Clock::now()] {
         google::rpc::Status wanted = stillWanted(call.context, request, came);
         if (wanted.code() == 0) journal.begin();

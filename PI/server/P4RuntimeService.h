@@ -23,6 +23,8 @@
 
 namespace pi::server {
 
+class WriteMessage;
+
 class P4RuntimeService final : public grpc::Service {
  public:
   // The arbitration outlives the object. A client that presents the token installs pipelines
@@ -50,7 +52,7 @@ class P4RuntimeService final : public grpc::Service {
   // `access`: null when the caller may do everything.
   using AccessPtr = std::unique_ptr<CallerAccess>;
   AccessPtr accessOf(const grpc::ServerContext& context);
-  grpc::Status write(UnaryCall& call, const p4::v1::WriteRequest& request, const AccessPtr& access);
+  grpc::Status write(UnaryCall& call, const WriteMessage& received, const AccessPtr& access);
   using Clock = std::chrono::steady_clock;
   google::rpc::Status stillWanted(const grpc::ServerContext& context,
                                   const p4::v1::WriteRequest& request,

@@ -48,9 +48,10 @@ PI/include/PI             -
 PI/include/PI/*           PI/include/PI proto
 PI/core                   PI/include
 PI/frontend/base          PI/core+ proto
+PI/frontend/wire          PI/frontend/base+
 PI/frontend/names         PI/frontend/base+
 PI/frontend/model         PI/frontend/names+
-PI/frontend/store         PI/frontend/model+
+PI/frontend/store         PI/frontend/model+ PI/frontend/wire+
 PI/frontend/check         PI/frontend/store+
 PI/frontend/target        PI/frontend/check+
 PI/frontend/write         PI/frontend/target+

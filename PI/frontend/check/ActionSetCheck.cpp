@@ -37,7 +37,7 @@ void checkSettings(const ProfilePlan& profile, const std::string& text, const Se
 }
 
 void checkAction(const TablePlan& table, const p4::v1::Action& given, const Naming& naming) {
-  const ActionPlan& action = checkedAction(table, given);
+  const ActionPlan& action = checkedAction(table, given.action_id());
   std::string scratch(action.dataBytes, '\0');
   encodeActionData(table, action, given, reinterpret_cast<uint8_t*>(scratch.data()), naming);
 }

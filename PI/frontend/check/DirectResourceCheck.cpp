@@ -97,7 +97,7 @@ EntryPtr keyOf(const TablePlan& table, const TableEntry& entry,
   }
   EntryPtr key = Entry::make(table.id, table.keyBytes, 0, 0, meter);
   key->kind = EntryKind::keyAlone;
-  key->priority = checkedPriority(table, entry);
+  key->priority = checkedPriority(table, entry.priority());
   encodeKey(table, entry, key->keyData());
   return key;
 }
@@ -125,7 +125,7 @@ EntryPtr programsDefault(const TablePlan& table, const std::optional<MeterSettin
     *key->keyData() = 0;
     return key;
   }
-  const ActionPlan& action = checkedAction(table, table.defaultAction);
+  const ActionPlan& action = checkedAction(table, table.defaultAction.action_id());
   EntryPtr entry = Entry::make(table.id, table.keyBytes, action.dataBytes, 0, meter);
   entry->actionId = action.id;
   *entry->keyData() = 0;

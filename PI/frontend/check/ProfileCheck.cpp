@@ -163,7 +163,7 @@ CheckedUpdate checkedMember(const P4InfoIndex& index, const p4::v1::ActionProfil
     refuse(code::invalidArgument, "action profile ", profile.name, ": ", objectText(id),
            " needs an action");
   }
-  const ActionPlan& action = checkedAction(profile, given.action());
+  const ActionPlan& action = checkedAction(profile, given.action().action_id());
   result.slot.entry = makeObject(id, action.dataBytes);
   result.slot.entry->actionId = action.id;
   encodeActionData(profile, action, given.action(), result.slot.entry->actionData(),

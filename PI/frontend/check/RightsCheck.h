@@ -7,10 +7,11 @@
 
 namespace pi::fe::proto {
 
-// Both throw a Refusal (PERMISSION_DENIED) that names the object. An entity without an object, or a
+// All throw a Refusal (PERMISSION_DENIED) that names the object. An entity without an object, or a
 // query for all objects of a kind, passes.
 void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights,
                        const p4::v1::Entity& entity);
+void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, uint32_t tableId);
 void requireReadRight(const P4InfoIndex& index, const EntityRights& rights,
                       const p4::v1::Entity& entity);
 

@@ -136,7 +136,7 @@ EntryPtr made(const TablePlan& table, const TableEntry& given, EntryKind kind, s
 
 // The parameters are encoded after the key: messages are fastest read from front to back.
 EntryPtr direct(const TablePlan& table, const TableEntry& given) {
-  const ActionPlan& action = checkedAction(table, given.action().action());
+  const ActionPlan& action = checkedAction(table, given.action().action().action_id());
   EntryPtr entry = made(table, given, EntryKind::action, action.dataBytes);
   entry->actionId = action.id;
   return entry;
@@ -260,9 +260,42 @@ CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& give
     result.withExtras().idleTimeout = given.idle_timeout_ns();
   }
   EntryPtr entry = withoutKey(table, given, type, &result.names);
-  entry->priority = checkedPriority(table, given);
+  entry->priority = checkedPriority(table, given.priority());
   encodeKey(table, given, entry->keyData(), {&result.names, type == Update::INSERT});
   maybeEncodeParams(table, given, entry.get(), &result.names);
+  result.slot.entry = std::move(entry);
+  return result;
+}
+
+bool isPlain(const P4InfoIndex& index, const WireUpdate& given) {
+  const bool hasType =
+      given.type == Update::INSERT || given.type == Update::MODIFY || given.type == Update::DELETE;
+  if (!hasType || (given.type == Update::INSERT && !given.hasAction)) return false;
+  const TablePlan* table = index.table(given.tableId);
+  return table != nullptr && table->entity == nullptr && !table->isDefaultEntry &&
+         table->profile == nullptr && !table->isConst && table->unsupported.empty() &&
+         !table->fields.empty();
+}
+
+CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const WireUpdate& given) {
+  CheckedUpdate result;
+  result.table = index.table(given.tableId);
+  const TablePlan& table = *result.table;
+  const bool isDelete = given.type == Update::DELETE;
+  const ActionPlan* action =
+      isDelete || !given.hasAction ? nullptr : &checkedAction(table, given.actionId);
+  const std::string_view metadata = isDelete ? std::string_view() : given.metadata;
+  EntryPtr entry = Entry::make(table.id, table.keyBytes, action == nullptr ? 0 : action->dataBytes,
+                               metadata.size());
+  entry->kind = action == nullptr ? EntryKind::keyAlone : EntryKind::action;
+  if (action != nullptr) entry->actionId = action->id;
+  if (!isDelete) entry->controllerMetadata = given.controllerMetadata;
+  std::ranges::copy(metadata, entry->metadataData());
+  entry->priority = checkedPriority(table, given.priority);
+  encodeKey(table, given.matches, entry->keyData(), {&result.names, given.type == Update::INSERT});
+  if (action != nullptr) {
+    encodeActionData(table, *action, given.params, entry->actionData(), {&result.names, true});
+  }
   result.slot.entry = std::move(entry);
   return result;
 }

@@ -47,4 +47,11 @@ CheckedUpdate checkedUpdate(const P4InfoIndex& index, const Update& update) {
   return result;
 }
 
+CheckedUpdate checkedUpdate(const P4InfoIndex& index, const WireUpdate& update) {
+  CheckedUpdate result = checkedTableEntry(index, update);
+  result.type = update.type;
+  result.slot.hash = result.slot.entry->key().hash();
+  return result;
+}
+
 }  // namespace pi::fe::proto

@@ -2,10 +2,14 @@
 #pragma once
 
 #include "PI/frontend/check/CheckedUpdate.h"
+#include "PI/frontend/wire/WireUpdate.h"
 
 namespace pi::fe::proto {
 
 // All checks that need no committed entries. Throws a Refusal.
 CheckedUpdate checkedUpdate(const P4InfoIndex& index, const p4::v1::Update& update);
+
+// The same, straight from the bytes of the update, for those that isPlain() takes.
+CheckedUpdate checkedUpdate(const P4InfoIndex& index, const WireUpdate& update);
 
 }  // namespace pi::fe::proto

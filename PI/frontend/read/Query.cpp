@@ -109,7 +109,7 @@ Query tableQuery(const P4InfoIndex& index, const TableEntry& entry) {
   checkWanted(table, entry);
   query.kind = Query::Kind::table;
   query.table = &table;
-  if (entry.priority() != 0) query.priority = checkedPriority(table, entry);
+  if (entry.priority() != 0) query.priority = checkedPriority(table, entry.priority());
   if (entry.has_action()) query.actionId = checkedActionId(table, entry.action());
   query.controllerMetadata = entry.controller_metadata();
   query.metadata = entry.metadata();
@@ -140,7 +140,7 @@ Query resourceQuery(const P4InfoIndex& index, const TableEntry& entry, EntryForm
   requireSupported(table);
   query.kind = Query::Kind::table;
   query.table = &table;
-  if (entry.priority() != 0) query.priority = checkedPriority(table, entry);
+  if (entry.priority() != 0) query.priority = checkedPriority(table, entry.priority());
   if (entry.match_size() != 0) keyIs(&query, table, entry);
   return query;
 }

@@ -32,7 +32,7 @@ std::optional<Set> writtenSet(const TablePlan& table, std::string_view bytes) {
 using Look = std::tuple<uint32_t, std::string, uint32_t, uint32_t>;
 
 Look lookOf(const TablePlan& table, const p4::v1::ActionProfileAction& element, bool withPort) {
-  const ActionPlan& action = checkedAction(table, element.action());
+  const ActionPlan& action = checkedAction(table, element.action().action_id());
   std::string data(action.dataBytes, '\0');
   encodeActionData(table, action, element.action(), reinterpret_cast<uint8_t*>(data.data()));
   return {action.id, std::move(data), repeats(element.weight()),

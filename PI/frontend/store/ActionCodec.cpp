@@ -47,14 +47,58 @@ size_t paramIndex(const ActionUser& user, const ActionPlan& action, uint32_t id,
          " has no parameter with the id ", id, "; it has ", choices(action.params));
 }
 
-void requireAll(const ActionUser& user, const ActionPlan& action,
-                const absl::InlinedVector<bool, 32>& seen) {
-  for (size_t i = 0; i < seen.size(); ++i) {
-    if (seen[i]) continue;
-    refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
-           ": parameter ", action.params[i].name, " is missing");
+// Takes the parameters of one action, in any order.
+class ParamEncoder {
+ public:
+  ParamEncoder(const ActionUser& user, const ActionPlan& action, uint8_t* data,
+               const Naming& naming)
+      : user_(user), action_(action), data_(data), naming_(naming) {
+    seen_.resize(action.params.size(), false);
   }
-}
+
+  void add(const ParamView& given) {
+    const size_t index = paramIndex(user_, action_, given.id, added_++);
+    const ParamPlan& param = action_.params[index];
+    if (seen_[index]) refuseParam(code::invalidArgument, param, " is given twice");
+    seen_[index] = true;
+    uint8_t* const out = data_ + param.offset;
+    if (param.names != nullptr) return putName(param, given.value, out);
+    if (!fits(given.value, param.bits)) {
+      refuseParam(code::outOfRange, param, ": the value ", hexText(given.value),
+                  " is not a number of ", param.bits, " bits; the largest is ",
+                  largestText(param.bits));
+    }
+    putPadded(given.value, out, param.bytes);
+  }
+
+  void end() const {
+    if (added_ == seen_.size()) return;
+    for (size_t i = 0; i < seen_.size(); ++i) {
+      if (!seen_[i]) refuseParam(code::invalidArgument, action_.params[i], " is missing");
+    }
+  }
+
+ private:
+  template <typename... Texts>
+  [[noreturn]] void refuseParam(int code, const ParamPlan& param, const Texts&... texts) const {
+    refuse(code, user_.kind, " ", user_.name, ": action ", action_.name, ": parameter ", param.name,
+           texts...);
+  }
+
+  void putName(const ParamPlan& param, std::string_view name, uint8_t* out) const {
+    putNumber(numberOf(*param.names, name, naming_,
+                       {user_.kind, " ", user_.name, ": action ", action_.name, ": parameter ",
+                        param.name}),
+              out);
+  }
+
+  const ActionUser& user_;
+  const ActionPlan& action_;
+  uint8_t* const data_;
+  const Naming& naming_;
+  absl::InlinedVector<bool, 32> seen_;
+  size_t added_ = 0;
+};
 
 bool isNumber(const ActionPlan& action, const p4::v1::Action::Param& value) {
   const ParamPlan* param = action.param(value.param_id());
@@ -63,8 +107,7 @@ bool isNumber(const ActionPlan& action, const p4::v1::Action::Param& value) {
 
 }  // namespace
 
-const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& action) {
-  const uint32_t id = action.action_id();
+const ActionPlan& checkedAction(const ActionUser& user, uint32_t id) {
   const ActionUse* use = user.actionUse(id);
   if (use == nullptr) {
     refuse(code::invalidArgument, user.kind, " ", user.name, " has no action with the id ",
@@ -79,31 +122,16 @@ const ActionPlan& checkedAction(const ActionUser& user, const p4::v1::Action& ac
 
 void encodeActionData(const ActionUser& user, const ActionPlan& action, const p4::v1::Action& given,
                       uint8_t* data, const Naming& naming) {
-  absl::InlinedVector<bool, 32> seen(action.params.size(), false);
-  size_t hint = 0;
-  for (const auto& value : given.params()) {
-    const size_t index = paramIndex(user, action, value.param_id(), hint++);
-    const ParamPlan& param = action.params[index];
-    if (seen[index]) {
-      refuse(code::invalidArgument, user.kind, " ", user.name, ": action ", action.name,
-             ": parameter ", param.name, " is given twice");
-    }
-    seen[index] = true;
-    if (param.names != nullptr) {
-      putNumber(numberOf(*param.names, value.value(), naming,
-                         {user.kind, " ", user.name, ": action ", action.name, ": parameter ",
-                          param.name}),
-                data + param.offset);
-      continue;
-    }
-    if (!fits(value.value(), param.bits)) {
-      refuse(code::outOfRange, user.kind, " ", user.name, ": action ", action.name, ": parameter ",
-             param.name, ": the value ", hexText(value.value()), " is not a number of ", param.bits,
-             " bits; the largest is ", largestText(param.bits));
-    }
-    putPadded(value.value(), data + param.offset, param.bytes);
-  }
-  if (static_cast<size_t>(given.params_size()) != seen.size()) requireAll(user, action, seen);
+  ParamEncoder encoder(user, action, data, naming);
+  for (const auto& param : given.params()) encoder.add(viewOf(param));
+  encoder.end();
+}
+
+void encodeActionData(const ActionUser& user, const ActionPlan& action,
+                      std::span<const ParamView> params, uint8_t* data, const Naming& naming) {
+  ParamEncoder encoder(user, action, data, naming);
+  for (const ParamView& param : params) encoder.add(param);
+  encoder.end();
 }
 
 void shortenParams(const ActionPlan& action, p4::v1::Action* given) {

@@ -20,7 +20,6 @@ using p4::v1::TableEntry;
 namespace {
 
 constexpr size_t kTextLength = 120;
-using Seen = absl::InlinedVector<bool, 32>;
 
 template <typename... Texts>
 [[noreturn]] void refuseField(int code, const TablePlan& table, const FieldPlan& field,
@@ -28,13 +27,13 @@ template <typename... Texts>
   refuse(code, "table ", table.name, ": field ", field.name, ": ", texts...);
 }
 
-void putName(const TablePlan& table, const FieldPlan& field, const std::string& name,
+void putName(const TablePlan& table, const FieldPlan& field, std::string_view name,
              const Naming& naming, uint8_t* out) {
   putNumber(numberOf(*field.names, name, naming, {"table ", table.name, ": field ", field.name}),
             out);
 }
 
-void putValue(const TablePlan& table, const FieldPlan& field, const std::string& value,
+void putValue(const TablePlan& table, const FieldPlan& field, std::string_view value,
               uint8_t* out) {
   if (!fits(value, field.bits)) {
     refuseField(code::outOfRange, table, field, "the value ", hexText(value),
@@ -63,25 +62,27 @@ const char* kindText(MatchKind kind) {
   return "other";
 }
 
-bool hasForm(MatchKind kind, const FieldMatch& match) {
+// A match of a kind that is not supported is refused in its own words.
+bool hasForm(MatchKind kind, const MatchView& match) {
+  using Form = MatchView::Form;
   switch (kind) {
     case MatchKind::exact:
-      return match.has_exact();
+      return match.form == Form::exact;
     case MatchKind::lpm:
-      return match.has_lpm();
+      return match.form == Form::lpm;
     case MatchKind::ternary:
-      return match.has_ternary();
+      return match.form == Form::ternary;
     case MatchKind::range:
-      return match.has_range();
+      return match.form == Form::range;
     case MatchKind::optional:
-      return match.has_optional();
+      return match.form == Form::optional;
     case MatchKind::other:
-      break;  // refused in its own words
+      break;
   }
   return true;
 }
 
-void requireForm(const TablePlan& table, const FieldPlan& field, const FieldMatch& match) {
+void requireForm(const TablePlan& table, const FieldPlan& field, const MatchView& match) {
   if (hasForm(field.kind, match)) return;
   refuseField(code::invalidArgument, table, field, "the match must be of the kind ",
               kindText(field.kind));
@@ -108,34 +109,33 @@ bool lowBitsZero(const uint8_t* value, size_t bytes, uint32_t bits) {
   return rest == 0 || (value[bytes - whole - 1] & ((1U << rest) - 1)) == 0;
 }
 
-void putLpm(const TablePlan& table, const FieldPlan& field, const FieldMatch::LPM& lpm,
-            uint8_t* out) {
-  putValue(table, field, lpm.value(), out);
-  if (lpm.prefix_len() <= 0 || static_cast<uint32_t>(lpm.prefix_len()) > field.bits) {
-    refuseField(code::invalidArgument, table, field, "the prefix length ", lpm.prefix_len(),
+void putLpm(const TablePlan& table, const FieldPlan& field, const MatchView& lpm, uint8_t* out) {
+  putValue(table, field, lpm.value, out);
+  if (lpm.prefixLength <= 0 || static_cast<uint32_t>(lpm.prefixLength) > field.bits) {
+    refuseField(code::invalidArgument, table, field, "the prefix length ", lpm.prefixLength,
                 " is not from 1 to ", field.bits, "; leave the field out to match anything");
   }
-  const auto length = static_cast<uint32_t>(lpm.prefix_len());
+  const auto length = static_cast<uint32_t>(lpm.prefixLength);
   if (!lowBitsZero(out, field.bytes, field.bits - length)) {
-    refuseField(code::invalidArgument, table, field, "the value ", hexText(lpm.value()),
+    refuseField(code::invalidArgument, table, field, "the value ", hexText(lpm.value),
                 " has bits below the prefix length ", length, "; clear them");
   }
   std::memcpy(out + field.bytes, &length, sizeof(length));
 }
 
-void putTernary(const TablePlan& table, const FieldPlan& field, const FieldMatch::Ternary& ternary,
+void putTernary(const TablePlan& table, const FieldPlan& field, const MatchView& ternary,
                 uint8_t* out) {
   uint8_t* mask = out + field.bytes;
-  putValue(table, field, ternary.value(), out);
-  putValue(table, field, ternary.mask(), mask);
+  putValue(table, field, ternary.value, out);
+  putValue(table, field, ternary.second, mask);
   if (allZero(mask, field.bytes)) {
     refuseField(code::invalidArgument, table, field,
                 "the mask is 0; leave the field out to match anything");
   }
   for (size_t i = 0; i < field.bytes; ++i) {
     if ((out[i] & ~mask[i]) == 0) continue;
-    refuseField(code::invalidArgument, table, field, "the value ", hexText(ternary.value()),
-                " has bits outside the mask ", hexText(ternary.mask()), "; clear them");
+    refuseField(code::invalidArgument, table, field, "the value ", hexText(ternary.value),
+                " has bits outside the mask ", hexText(ternary.second), "; clear them");
   }
 }
 
@@ -161,16 +161,16 @@ uint32_t prefixLength(const FieldPlan& field, const uint8_t* at) {
   return length;
 }
 
-void putRange(const TablePlan& table, const FieldPlan& field, const FieldMatch::Range& range,
+void putRange(const TablePlan& table, const FieldPlan& field, const MatchView& range,
               uint8_t* out) {
   std::string high(field.bytes, '\0');
-  putValue(table, field, range.low(), out);
-  putValue(table, field, range.high(), reinterpret_cast<uint8_t*>(high.data()));
+  putValue(table, field, range.value, out);
+  putValue(table, field, range.second, reinterpret_cast<uint8_t*>(high.data()));
   const int order = std::memcmp(out, high.data(), field.bytes);
   if (order > 0) {
     refuseField(code::invalidArgument, table, field,
-                "the range ends before it begins: ", hexText(range.low()), " to ",
-                hexText(range.high()));
+                "the range ends before it begins: ", hexText(range.value), " to ",
+                hexText(range.second));
   }
   if (isFullRange(field, out, high)) {
     refuseField(code::invalidArgument, table, field,
@@ -185,52 +185,52 @@ void putRange(const TablePlan& table, const FieldPlan& field, const FieldMatch::
 }
 
 // A name counts as 32 bits. A match takes all of them, or the field is left out.
-void putWholeName(const TablePlan& table, const FieldPlan& field, const FieldMatch& match,
+void putWholeName(const TablePlan& table, const FieldPlan& field, const MatchView& match,
                   const Naming& naming, uint8_t* out) {
   const std::string whole(field.bytes, '\xff');
   if (field.kind == MatchKind::lpm) {
-    const bool isWhole = match.lpm().prefix_len() == static_cast<int32_t>(field.bits);
+    const bool isWhole = match.prefixLength == static_cast<int32_t>(field.bits);
     requireWhole(table, field, isWhole, "a prefix length of 32");
-    putName(table, field, match.lpm().value(), naming, out);
+    putName(table, field, match.value, naming, out);
     std::memcpy(out + field.bytes, &field.bits, sizeof(field.bits));
   } else if (field.kind == MatchKind::ternary) {
-    requireWhole(table, field, match.ternary().mask() == whole, "the mask ff ff ff ff");
-    putName(table, field, match.ternary().value(), naming, out);
+    requireWhole(table, field, match.second == whole, "the mask ff ff ff ff");
+    putName(table, field, match.value, naming, out);
     whole.copy(reinterpret_cast<char*>(out) + field.bytes, field.bytes);
   } else {
-    const bool isWhole = match.range().low() == match.range().high();
+    const bool isWhole = match.value == match.second;
     requireWhole(table, field, isWhole, "a range whose ends are the same");
-    putName(table, field, match.range().low(), naming, out);
+    putName(table, field, match.value, naming, out);
     if (field.takesAll) std::memcpy(out + field.bytes, out, field.bytes);
   }
 }
 
-void putNamed(const TablePlan& table, const FieldPlan& field, const FieldMatch& match,
+void putNamed(const TablePlan& table, const FieldPlan& field, const MatchView& match,
               const Naming& naming, uint8_t* out) {
   if (field.kind == MatchKind::exact) {
-    return putName(table, field, match.exact().value(), naming, out);
+    return putName(table, field, match.value, naming, out);
   }
   if (field.kind != MatchKind::optional) return putWholeName(table, field, match, naming, out);
-  putName(table, field, match.optional().value(), naming, out);
+  putName(table, field, match.value, naming, out);
   if (field.takesAll) out[field.bytes] = 1;
 }
 
-void putField(const TablePlan& table, const FieldPlan& field, const FieldMatch& match,
+void putField(const TablePlan& table, const FieldPlan& field, const MatchView& match,
               const Naming& naming, uint8_t* key) {
   uint8_t* out = key + field.offset;
   requireForm(table, field, match);
   if (field.names != nullptr) return putNamed(table, field, match, naming, out);
   switch (field.kind) {
     case MatchKind::exact:
-      return putValue(table, field, match.exact().value(), out);
+      return putValue(table, field, match.value, out);
     case MatchKind::lpm:
-      return putLpm(table, field, match.lpm(), out);
+      return putLpm(table, field, match, out);
     case MatchKind::ternary:
-      return putTernary(table, field, match.ternary(), out);
+      return putTernary(table, field, match, out);
     case MatchKind::range:
-      return putRange(table, field, match.range(), out);
+      return putRange(table, field, match, out);
     case MatchKind::optional:
-      putValue(table, field, match.optional().value(), out);
+      putValue(table, field, match.value, out);
       if (field.takesAll) out[field.bytes] = 1;
       return;
     case MatchKind::other:
@@ -239,13 +239,13 @@ void putField(const TablePlan& table, const FieldPlan& field, const FieldMatch& 
 }
 
 // Controllers mostly send the elements in P4Info order, so the i-th is tried first.
-size_t fieldIndex(const TablePlan& table, const FieldMatch& match, size_t hint) {
-  if (hint < table.fields.size() && table.fields[hint].id == match.field_id()) return hint;
+size_t fieldIndex(const TablePlan& table, uint32_t fieldId, size_t hint) {
+  if (hint < table.fields.size() && table.fields[hint].id == fieldId) return hint;
   for (size_t i = 0; i < table.fields.size(); ++i) {
-    if (table.fields[i].id == match.field_id()) return i;
+    if (table.fields[i].id == fieldId) return i;
   }
-  refuse(code::invalidArgument, "table ", table.name, " has no field with the id ",
-         match.field_id(), "; it has ", choices(table.fields));
+  refuse(code::invalidArgument, "table ", table.name, " has no field with the id ", fieldId,
+         "; it has ", choices(table.fields));
 }
 
 // The bytes of a don't-care are zero: value and prefix length, value and mask, or value and
@@ -348,27 +348,52 @@ void decodeField(const FieldPlan& field, const uint8_t* at, TableEntry* entry) {
   }
 }
 
+// Takes the match elements of one entry, in any order.
+class KeyEncoder {
+ public:
+  KeyEncoder(const TablePlan& table, uint8_t* key, const Naming& naming)
+      : table_(table), key_(key), naming_(naming), seen_(table.fields.size(), false) {}
+
+  void add(const MatchView& match) {
+    const size_t index = fieldIndex(table_, match.fieldId, added_++);
+    const FieldPlan& field = table_.fields[index];
+    if (seen_[index]) refuseField(code::invalidArgument, table_, field, "the match is given twice");
+    seen_[index] = true;
+    putField(table_, field, match, naming_, key_);
+  }
+
+  void end() {
+    if (added_ == table_.fields.size()) return;
+    for (size_t i = 0; i < table_.fields.size(); ++i) {
+      if (!seen_[i]) putAbsent(table_, table_.fields[i], key_);
+    }
+  }
+
+ private:
+  const TablePlan& table_;
+  uint8_t* const key_;
+  const Naming& naming_;
+  absl::InlinedVector<bool, 32> seen_;
+  size_t added_ = 0;
+};
+
 }  // namespace
 
 void encodeKey(const TablePlan& table, const TableEntry& entry, uint8_t* key,
                const Naming& naming) {
-  Seen seen(table.fields.size(), false);
-  size_t hint = 0;
-  for (const FieldMatch& match : entry.match()) {
-    const size_t index = fieldIndex(table, match, hint++);
-    const FieldPlan& field = table.fields[index];
-    if (seen[index]) refuseField(code::invalidArgument, table, field, "the match is given twice");
-    seen[index] = true;
-    putField(table, field, match, naming, key);
-  }
-  if (static_cast<size_t>(entry.match_size()) == table.fields.size()) return;
-  for (size_t i = 0; i < table.fields.size(); ++i) {
-    if (!seen[i]) putAbsent(table, table.fields[i], key);
-  }
+  KeyEncoder encoder(table, key, naming);
+  for (const FieldMatch& match : entry.match()) encoder.add(viewOf(match));
+  encoder.end();
 }
 
-uint32_t checkedPriority(const TablePlan& table, const TableEntry& entry) {
-  const int32_t priority = entry.priority();
+void encodeKey(const TablePlan& table, std::span<const MatchView> matches, uint8_t* key,
+               const Naming& naming) {
+  KeyEncoder encoder(table, key, naming);
+  for (const MatchView& match : matches) encoder.add(match);
+  encoder.end();
+}
+
+uint32_t checkedPriority(const TablePlan& table, int32_t priority) {
   if (table.needsPriority && priority <= 0) {
     refuse(code::invalidArgument, "table ", table.name, ": the priority is ", priority,
            "; tables with ternary, range or optional fields need one above 0");

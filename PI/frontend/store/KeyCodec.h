@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "PI/frontend/model/Plans.h"
 #include "PI/frontend/names/NamePins.h"
+#include "PI/frontend/wire/EntryViews.h"
 
 namespace pi::fe::proto {
 
@@ -14,9 +16,11 @@ namespace pi::fe::proto {
 // meaning.
 void encodeKey(const TablePlan& table, const p4::v1::TableEntry& entry, uint8_t* key,
                const Naming& naming = {});
+void encodeKey(const TablePlan& table, std::span<const MatchView> matches, uint8_t* key,
+               const Naming& naming = {});
 
-// The entry's priority, checked against the match kinds of the table. Throws a Refusal.
-uint32_t checkedPriority(const TablePlan& table, const p4::v1::TableEntry& entry);
+// An entry's priority, checked against the match kinds of the table. Throws a Refusal.
+uint32_t checkedPriority(const TablePlan& table, int32_t priority);
 
 // Adds the match elements of `key`: values in their shortest form, don't-cares left out.
 void decodeKey(const TablePlan& table, const uint8_t* key, p4::v1::TableEntry* entry);

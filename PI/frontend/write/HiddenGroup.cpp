@@ -23,7 +23,7 @@ std::vector<Element> elementsOf(const TablePlan& table, const Entry& entry) {
   std::vector<Element> elements;
   const p4::v1::ActionProfileActionSet set = actionSet(entry);
   for (const auto& given : set.action_profile_actions()) {
-    const ActionPlan& action = checkedAction(table, given.action());
+    const ActionPlan& action = checkedAction(table, given.action().action_id());
     Element& element = elements.emplace_back();
     element.actionId = action.id;
     element.data.resize(action.dataBytes);

@@ -15,7 +15,8 @@ class Pipeline;
 
 // Filled in by the Write's thread, then by the thread that runs it.
 struct WaitingWrite {
-  const p4::v1::WriteRequest& request;
+  const WriteUpdates& updates;
+  pi_batch_fate_t fate;
   const DeviceMgr::Admit& admit;
   const EntityCaller* caller;          // null: it has no limits
   std::shared_ptr<Pipeline> pipeline;  // that its updates were checked with

@@ -6,6 +6,7 @@
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
 #include "PI/frontend/check/RightsCheck.h"
+#include "PI/frontend/check/TableEntryCheck.h"
 #include "PI/frontend/check/UpdateCheck.h"
 #include "PI/frontend/store/HeldNames.h"
 #include "PI/frontend/target/TargetCalls.h"
@@ -42,18 +43,37 @@ class WriteScope {
   EntryStore& store_;
 };
 
-// `require` throws a Refusal of an update that the caller may not make.
-template <typename Require>
-CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request,
-                          Require require) {
+// Target calls of the thread that follow each other.
+class Burst {
+ public:
+  explicit Burst(const TargetSession& session) : deviceId_(session.deviceId) {
+    pi_burst_begin(deviceId_);
+  }
+  ~Burst() { pi_burst_end(deviceId_); }
+  Burst(const Burst&) = delete;
+  Burst& operator=(const Burst&) = delete;
+
+ private:
+  const pi_dev_id_t deviceId_;
+};
+
+}  // namespace
+
+CheckedWrite checkedWrite(const P4InfoIndex& index, const WriteUpdates& updates,
+                          const EntityRights* rights) {
   CheckedWrite write;
-  write.operations.resize(request.updates_size());
+  write.operations.resize(updates.count());
+  WireUpdate plain;
+  Update room;
   for (size_t i = 0; i < write.operations.size(); ++i) {
+    const bool plainly =
+        updates.areBytes() && readUpdate(updates.bytes(i), &plain) && isPlain(index, plain);
+    const Update* const message = plainly ? nullptr : &updates.message(i, &room);
     WriteOperation& operation = write.operations[i];
     try {
-      const Update& update = request.updates(static_cast<int>(i));
-      require(update);
-      operation.update = checkedUpdate(index, update);
+      if (rights != nullptr && plainly) requireWriteRight(index, *rights, plain.tableId);
+      if (rights != nullptr && !plainly) requireWriteRight(index, *rights, message->entity());
+      operation.update = plainly ? checkedUpdate(index, plain) : checkedUpdate(index, *message);
       operation.runs = static_cast<bool>(operation.update.slot.entry);
     } catch (const Refusal& refusal) {
       if (write.errors.empty()) write.errors.resize(write.operations.size());
@@ -62,16 +82,6 @@ CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& 
     }
   }
   return write;
-}
-
-}  // namespace
-
-CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request,
-                          const EntityRights* rights) {
-  if (rights == nullptr) return checkedWrite(index, request, [](const Update&) {});
-  return checkedWrite(index, request, [&](const Update& update) {
-    requireWriteRight(index, *rights, update.entity());
-  });
 }
 
 bool WriteRun::add(CheckedWrite& write, pi_batch_fate_t fate, google::rpc::Status* status) {
@@ -265,19 +275,11 @@ void WriteRun::doRunBatch(const Batch& batch) {
   statuses.reserve(batch.size());
   state_.handleBatchBegin();
   try {
-    for (size_t i = 0; i < batch.size(); ++i) {
-      const uint32_t offset = batch[i];
-      if (i % kLoadedTogether == 0) {
-        doLoad(std::span(batch).subspan(i, std::min(kLoadedTogether, batch.size() - i)));
-      }
-      try {
-        maybeRunUpdate(offset, &statuses);
-      } catch (const NoBatch& refusal) {
-        return doFailUnrun(batch, refusal);
-      } catch (const Refusal& refusal) {
-        doFail(offset, refusal.code(), refusal.message());
-      }
+    for (size_t i = 0; i < batch.size(); i += kLoadedTogether) {
+      runBurst(std::span(batch).subspan(i, std::min(kLoadedTogether, batch.size() - i)), &statuses);
     }
+  } catch (const NoBatch& refusal) {
+    return doFailUnrun(batch, refusal);
   } catch (...) {
     doAbandonBatch(&statuses);
     throw;
@@ -286,6 +288,20 @@ void WriteRun::doRunBatch(const Batch& batch) {
   doEndBatch(&statuses);
   core::runOrEndProcess([&] { doEnter(batch, statuses); });
   doRecordFailures(statuses);
+}
+
+void WriteRun::runBurst(std::span<const uint32_t> offsets, StatusVector* statuses) {
+  doLoad(offsets);
+  const Burst burst(session_);
+  for (const uint32_t offset : offsets) {
+    try {
+      maybeRunUpdate(offset, statuses);
+    } catch (const NoBatch&) {
+      throw;
+    } catch (const Refusal& refusal) {
+      doFail(offset, refusal.code(), refusal.message());
+    }
+  }
 }
 
 // Among a million entries nearly each look-up waits for memory: those of some dozen updates wait

@@ -19,6 +19,7 @@
 #include "PI/frontend/write/TentativeEntries.h"
 #include "PI/frontend/write/WriteOrder.h"
 #include "PI/frontends/proto/entity_rights.h"
+#include "PI/frontends/proto/write_updates.h"
 #include "PI/pi_base.h"
 #include "PI/pi_extensions.h"
 #include "google/rpc/status.pb.h"
@@ -40,7 +41,8 @@ struct CheckedWrite {
   std::vector<p4::v1::Error> errors;       // empty, or one an update
 };
 // `rights` are the caller's; null: it may write all.
-CheckedWrite checkedWrite(const P4InfoIndex& index, const p4::v1::WriteRequest& request,
+// Throws a Refusal when the Write is no message, with nothing to be done.
+CheckedWrite checkedWrite(const P4InfoIndex& index, const WriteUpdates& updates,
                           const EntityRights* rights);
 
 // For one Write, or for several that share their batches. One runs at a time for a store; no lock
@@ -96,6 +98,7 @@ class WriteRun {
   void doStoreNames();
   void doForgetNames();
   void doRunBatch(const Batch& batch);
+  void runBurst(std::span<const uint32_t> offsets, StatusVector* statuses);
   void doLoad(std::span<const uint32_t> offsets) const;
   void doEndBatch(StatusVector* statuses);
   void doAbandonBatch(StatusVector* statuses);

@@ -67,6 +67,15 @@ DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& request, const Ad
   return TheFakeDevice().onWrite ? TheFakeDevice().onWrite(request) : Status();
 }
 
+DeviceMgr::Status DeviceMgr::write(const p4::v1::WriteRequest& header, const WriteUpdates& updates,
+                                   const Admit& admit, const EntityCaller* caller) {
+  p4::v1::WriteRequest whole = header;
+  whole.clear_updates();
+  p4::v1::Update room;
+  for (size_t i = 0; i < updates.count(); ++i) *whole.add_updates() = updates.message(i, &room);
+  return write(whole, admit, caller);
+}
+
 DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request, const ReadSink& sink,
                                   const EntityCaller* caller) const {
   TheFakeDevice().caller = caller;

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "PI/frontend/base/Refusal.h"
+#include "PI/frontend/check/TableEntryCheck.h"
 #include "PI/frontend/check/UpdateCheck.h"
 #include "tests/PI/frontend/support/TestPipeline.h"
 #include "tests/PI/support/RefusedWith.h"
@@ -26,6 +28,33 @@ p4::v1::Update changed(Entity entity, Change change,
   return test::update(type, entity);
 }
 
+// The entry of an accepted update in all its parts, or the refusal.
+inline std::string outcomeOf(const std::function<CheckedUpdate()>& check) {
+  try {
+    const CheckedUpdate checked = check();
+    const Entry& entry = *checked.slot.entry;
+    std::string text = absl::StrCat(checked.type, " ", checked.table->name, " ", checked.slot.hash,
+                                    " ", entry.actionId, " ", static_cast<int>(entry.kind), " ",
+                                    entry.priority, " ", entry.controllerMetadata, " ");
+    text.append(reinterpret_cast<const char*>(entry.keyData()), checked.table->keyBytes);
+    text.append(reinterpret_cast<const char*>(entry.actionData()), entry.actionSize());
+    return text.append(entry.metadata());
+  } catch (const Refusal& refusal) {
+    return absl::StrCat(refusal.code(), " ", refusal.message());
+  }
+}
+
+// An update fares alike whether its check reads the message or its bytes. Whether the bytes do.
+inline bool expectAlike(const P4InfoIndex& index, const p4::v1::Update& update) {
+  const std::string bytes = update.SerializeAsString();
+  WireUpdate wire;
+  if (!readUpdate(bytes, &wire) || !isPlain(index, wire)) return false;
+  EXPECT_EQ(outcomeOf([&] { return checkedUpdate(index, wire); }),
+            outcomeOf([&] { return checkedUpdate(index, update); }))
+      << update.DebugString();
+  return true;
+}
+
 // `change` is made to the pipeline's P4Info.
 inline void expectCases(
     const std::vector<UpdateCase>& cases,
@@ -35,6 +64,7 @@ inline void expectCases(
   const P4InfoIndex index(p4Info);
   for (const UpdateCase& c : cases) {
     SCOPED_TRACE(c.what);
+    expectAlike(index, c.update);
     try {
       checkedUpdate(index, c.update);
       EXPECT_EQ(c.says, nullptr) << "not refused";

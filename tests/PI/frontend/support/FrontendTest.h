@@ -38,8 +38,13 @@ class FrontendTest : public testing::Test {
     ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
     target.restored(0, "");
   }
+  // As a controller's, whose bytes are not parsed before.
   Status written(const std::vector<p4::v1::Update>& updates) {
-    return device->write(test::writeOf(updates));
+    const std::string bytes = test::writeOf(updates).SerializeAsString();
+    p4::v1::WriteRequest header;
+    const auto split = WriteUpdates::split(bytes, &header);
+    EXPECT_TRUE(split);
+    return device->write(header, split.value_or(WriteUpdates()), nullptr, nullptr);
   }
   template <typename Entity>
   Status inserted(const Entity& entity) {

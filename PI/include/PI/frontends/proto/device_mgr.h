@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "PI/frontends/proto/entity_rights.h"
+#include "PI/frontends/proto/write_updates.h"
 #include "PI/pi_base.h"
 #include "google/rpc/status.pb.h"
 #include "p4/v1/p4runtime.pb.h"
@@ -75,6 +76,9 @@ class DeviceMgr {
   using Admit = std::function<Status()>;
   Status write(const p4::v1::WriteRequest& request, const Admit& admit = nullptr,
                const EntityCaller* caller = nullptr);
+  // The same for a Write whose updates stand beside the message.
+  Status write(const p4::v1::WriteRequest& header, const WriteUpdates& updates, const Admit& admit,
+               const EntityCaller* caller);
   // A query for all objects of a kind is answered from those that the caller may read; one that
   // names another object fails with PERMISSION_DENIED.
   Status read(const p4::v1::ReadRequest& request, p4::v1::ReadResponse* response) const;
