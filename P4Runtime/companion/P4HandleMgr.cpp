@@ -238,8 +238,6 @@ bool P4HandleMgr::restoreGroupHandle(uint32_t actProfId, GroupHandle handle) {
 void P4HandleMgr::freeMemberHandle(MemberHandle handle) { impl_->members.profileOf.erase(handle); }
 void P4HandleMgr::freeGroupHandle(GroupHandle handle) { impl_->groups.profileOf.erase(handle); }
 
-uint64_t P4HandleMgr::cachedHandle(EntryHandle handle) { return handle & ~indirectMark; }
-
 void P4HandleMgr::freeEntryHandle(EntryHandle handle) {
   if ((handle & indirectMark) == 0) return freeTableEntryHandle(handle);
   const uint64_t cached = cachedHandle(handle);

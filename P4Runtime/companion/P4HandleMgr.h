@@ -88,7 +88,7 @@ class P4HandleMgr : public Vela::RefCounted {
   void freeMemberHandle(MemberHandle handle);  // nothing when it is free already
   void freeGroupHandle(GroupHandle handle);
   // The member or group handle behind an entry handle; a table entry has its own handle.
-  static uint64_t cachedHandle(EntryHandle handle);
+  static constexpr uint64_t cachedHandle(EntryHandle handle) { return handle & ~indirectMark; }
 
   void freeEntryHandle(EntryHandle handle);  // of an entry, member or group
   bool entryHandleToResourceIdHas(EntryHandle handle) const;
@@ -96,6 +96,8 @@ class P4HandleMgr : public Vela::RefCounted {
   size_t entryHandleCount(ResourceId rid) const;
 
  private:
+  static constexpr EntryHandle indirectMark = EntryHandle{1} << 63;  // of a member or group
+
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

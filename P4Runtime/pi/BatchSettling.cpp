@@ -129,10 +129,10 @@ bool BatchSettling::allProgrammed() const {
 void BatchSettling::settleAll() {
   entries_.updateAllCachedEntryStates();
   const pi_dev_id_t deviceId = server_ ? server_->deviceId() : 0;
-  for (const auto& [handle, written] : batchStatus_.written()) {
-    const uint64_t programmed = handle;
-    pi_table_pending_entry_status_changed(deviceId, &programmed, 0);
-  }
+  std::vector<pi_entry_handle_t> programmed;
+  programmed.reserve(batchStatus_.written().size());
+  for (const auto& [handle, written] : batchStatus_.written()) programmed.push_back(handle);
+  pi_table_pending_entries_status_changed(deviceId, programmed.data(), programmed.size(), 0);
   statusVector_.clear();  // only now is the outcome certain
 }
 

@@ -24,7 +24,7 @@ void ThePiContextIs(PiContext::Ptr pic) {
   theContext() = std::move(pic);
 }
 
-PiContext::Ptr ThePiContext() { return theContext(); }
+const PiContext::Ptr& ThePiContext() { return theContext(); }
 
 BatchStatus* TheBatchStatus() { return theContext()->batchStatus().get(); }
 P4HandleMgr* TheP4HandleMgr() { return theContext()->p4HandleMgr().get(); }

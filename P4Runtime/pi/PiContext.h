@@ -44,7 +44,7 @@ PiContext::Ptr piContextFactory();
 
 // Asserts that there is a context; setting the one already set changes nothing.
 void ThePiContextIs(PiContext::Ptr pic);
-PiContext::Ptr ThePiContext();
+const PiContext::Ptr& ThePiContext();
 
 // Borrowed from the context, which must have been set; null until the agent has filled it in.
 // TheTableImpl() stands with TableImpl.

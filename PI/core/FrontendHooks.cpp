@@ -56,9 +56,16 @@ pi_status_t pi_frontend_hooks_clear(pi_dev_id_t dev_id) {
 pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
                                                   const pi_entry_handle_t* entry_handle,
                                                   uint32_t error_code) {
+  return pi_table_pending_entries_status_changed(dev_id, entry_handle, 1, error_code);
+}
+
+pi_status_t pi_table_pending_entries_status_changed(pi_dev_id_t dev_id,
+                                                    const pi_entry_handle_t* entry_handles,
+                                                    size_t count, uint32_t error_code) {
   return toFrontend(dev_id, [&](const Frontend& frontend) {
-    if (const auto changed = frontend.hooks.entry_status_changed) {
-      changed(frontend.cookie, dev_id, *entry_handle, error_code);
+    const auto changed = frontend.hooks.entry_status_changed;
+    for (size_t i = 0; changed != nullptr && i < count; ++i) {
+      changed(frontend.cookie, dev_id, entry_handles[i], error_code);
     }
     return PI_STATUS_SUCCESS;
   });

@@ -9,10 +9,6 @@
 
 namespace P4Runtime {
 
-CacheKey recordKey(const ResourceId& rid, EntryHandle handle) {
-  return {rid, P4HandleMgr::cachedHandle(handle)};
-}
-
 void EntryRecords::mount() {
   const std::string path = cachePath;
   tableCache_ = Vela::make<TableCache>(tableInfo_, handles_);

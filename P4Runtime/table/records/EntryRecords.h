@@ -15,7 +15,10 @@ namespace P4Runtime {
 inline constexpr const char* cachePath = "p4runtime/cache/";
 
 // The key of the record of an entry, member or group.
-CacheKey recordKey(const ResourceId& rid, EntryHandle handle);
+inline CacheKey recordKey(const ResourceId& rid, EntryHandle handle) {
+  return {rid, P4HandleMgr::cachedHandle(handle)};
+}
+
 // Threads: call with the activity lock held.
 // Errors: throws Brine::StoreError when the state directory is full; the former record then stands.
 // While the caches are not mounted, functions do nothing and find nothing, or say otherwise.

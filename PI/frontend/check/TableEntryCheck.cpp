@@ -267,20 +267,20 @@ CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const TableEntry& give
   return result;
 }
 
-bool isPlain(const P4InfoIndex& index, const WireUpdate& given) {
+const TablePlan* tableOfPlain(const P4InfoIndex& index, const WireUpdate& given) {
   const bool hasType =
       given.type == Update::INSERT || given.type == Update::MODIFY || given.type == Update::DELETE;
-  if (!hasType || (given.type == Update::INSERT && !given.hasAction)) return false;
+  if (!hasType || (given.type == Update::INSERT && !given.hasAction)) return nullptr;
   const TablePlan* table = index.table(given.tableId);
-  return table != nullptr && table->entity == nullptr && !table->isDefaultEntry &&
-         table->profile == nullptr && !table->isConst && table->unsupported.empty() &&
-         !table->fields.empty();
+  const bool isPlain = table != nullptr && table->entity == nullptr && !table->isDefaultEntry &&
+                       table->profile == nullptr && !table->isConst && table->unsupported.empty() &&
+                       !table->fields.empty();
+  return isPlain ? table : nullptr;
 }
 
-CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const WireUpdate& given) {
+CheckedUpdate checkedTableEntry(const TablePlan& table, const WireUpdate& given) {
   CheckedUpdate result;
-  result.table = index.table(given.tableId);
-  const TablePlan& table = *result.table;
+  result.table = &table;
   const bool isDelete = given.type == Update::DELETE;
   const ActionPlan* action =
       isDelete || !given.hasAction ? nullptr : &checkedAction(table, given.actionId);

@@ -10,10 +10,10 @@ namespace pi::fe::proto {
 CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const p4::v1::TableEntry& given,
                                 p4::v1::Update::Type type);
 
-// Whether the update is one of the kind that nearly all are: of an entry with a key and, but for a
-// MODIFY or DELETE, an action of its own, in a table whose entries can be written.
-bool isPlain(const P4InfoIndex& index, const WireUpdate& given);
+// The table of a plain update, as nearly all are: of an entry with a key and, but for a MODIFY or
+// DELETE, an action of its own, in a table whose entries can be written. Null for another.
+const TablePlan* tableOfPlain(const P4InfoIndex& index, const WireUpdate& given);
 // The same as above for a plain one.
-CheckedUpdate checkedTableEntry(const P4InfoIndex& index, const WireUpdate& given);
+CheckedUpdate checkedTableEntry(const TablePlan& table, const WireUpdate& given);
 
 }  // namespace pi::fe::proto

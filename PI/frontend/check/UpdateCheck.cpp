@@ -47,8 +47,8 @@ CheckedUpdate checkedUpdate(const P4InfoIndex& index, const Update& update) {
   return result;
 }
 
-CheckedUpdate checkedUpdate(const P4InfoIndex& index, const WireUpdate& update) {
-  CheckedUpdate result = checkedTableEntry(index, update);
+CheckedUpdate checkedUpdate(const TablePlan& table, const WireUpdate& update) {
+  CheckedUpdate result = checkedTableEntry(table, update);
   result.type = update.type;
   result.slot.hash = result.slot.entry->key().hash();
   return result;

@@ -9,7 +9,7 @@ namespace pi::fe::proto {
 // All checks that need no committed entries. Throws a Refusal.
 CheckedUpdate checkedUpdate(const P4InfoIndex& index, const p4::v1::Update& update);
 
-// The same, straight from the bytes of the update, for those that isPlain() takes.
-CheckedUpdate checkedUpdate(const P4InfoIndex& index, const WireUpdate& update);
+// The same, straight from the bytes of an update that is plain.
+CheckedUpdate checkedUpdate(const TablePlan& table, const WireUpdate& update);
 
 }  // namespace pi::fe::proto

@@ -29,9 +29,14 @@ std::optional<MeterSetting> Entry::meter() const {
   return setting;
 }
 
+// Nobody else can share an entry that only this one holds, and so no atomic change is needed.
 void EntryPtr::release() {
   if (entry_ == nullptr) return;
-  if (entry_->references_.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  std::atomic<uint32_t>& references = entry_->references_;
+  if (references.load(std::memory_order_acquire) != 1 &&
+      references.fetch_sub(1, std::memory_order_acq_rel) != 1) {
+    return;
+  }
   entry_->~Entry();
   ::operator delete(entry_);
 }

@@ -17,7 +17,11 @@ bool writesObject(const CheckedUpdate& update) {
 }  // namespace
 
 uint32_t WriteOrder::level(const CheckedUpdate& update) {
-  const auto [key, isNew] = levels_.insert({update.slot.entry.get(), update.slot.hash, 0});
+  const auto place = static_cast<uint32_t>(levels_.size());
+  levels_.push_back({update.slot.entry.get(), update.slot.hash, 0});
+  const auto [at, isNew] = places_.insert(place);
+  if (!isNew) levels_.pop_back();
+  KeyLevel* const key = &levels_[*at];
   uint32_t level = isNew ? 0 : key->level + 1;
   if (update.profile != nullptr) {
     level = levelInProfile(update, key->entry, isNew, level);

@@ -4,6 +4,8 @@
 
 #include <absl/container/flat_hash_set.h>
 
+#include <vector>
+
 #include "PI/frontend/check/CheckedUpdate.h"
 #include "PI/frontend/store/EntryStore.h"
 #include "PI/frontend/store/ProfileUse.h"
@@ -16,8 +18,13 @@ namespace pi::fe::proto {
 class WriteOrder {
  public:
   WriteOrder(const EntryStore& store, const ProfileUse& use) : store_(store), use_(use) {}
+  WriteOrder(const WriteOrder&) = delete;
+  WriteOrder& operator=(const WriteOrder&) = delete;
 
-  void reserve(size_t updates) { levels_.reserve(updates); }
+  void reserve(size_t updates) {
+    levels_.reserve(updates);
+    places_.reserve(updates);
+  }
 
   // The batch of the next update, counted from 0.
   uint32_t level(const CheckedUpdate& update);
@@ -61,21 +68,26 @@ class WriteOrder {
   absl::flat_hash_map<ObjectId, ObjectLevels> objects_;
   absl::flat_hash_map<const EntityPlan*, ArrayLevels> arrays_;
   absl::flat_hash_map<uint32_t, ProfileLevels> profiles_;
-  // The batch of the latest update of each key. It has the entry of the key's first update.
+  // A key, in the entry of its first update, and the batch of its latest.
   struct KeyLevel {
     const Entry* entry = nullptr;
     size_t hash = 0;
-    mutable uint32_t level = 0;
+    uint32_t level = 0;
   };
-  struct KeyLevelHash {
-    size_t operator()(const KeyLevel& key) const { return key.hash; }
+  // Places in a list of keys. The set is small that way, and stays close to the processor.
+  struct HashOfPlace {
+    const std::vector<KeyLevel>& keys;
+    size_t operator()(uint32_t place) const { return keys[place].hash; }
   };
-  struct KeyLevelEqual {
-    bool operator()(const KeyLevel& a, const KeyLevel& b) const {
-      return a.hash == b.hash && a.entry->key() == b.entry->key();
+  struct SameKey {
+    const std::vector<KeyLevel>& keys;
+    bool operator()(uint32_t a, uint32_t b) const {
+      return keys[a].hash == keys[b].hash && keys[a].entry->key() == keys[b].entry->key();
     }
   };
-  absl::flat_hash_set<KeyLevel, KeyLevelHash, KeyLevelEqual> levels_;
+  std::vector<KeyLevel> levels_;
+  absl::flat_hash_set<uint32_t, HashOfPlace, SameKey> places_{0, HashOfPlace{levels_},
+                                                              SameKey{levels_}};
   absl::flat_hash_map<const Entry*, KeyHistory> keys_;  // by the entry in levels_
 };
 

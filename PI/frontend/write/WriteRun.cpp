@@ -66,14 +66,14 @@ CheckedWrite checkedWrite(const P4InfoIndex& index, const WriteUpdates& updates,
   WireUpdate plain;
   Update room;
   for (size_t i = 0; i < write.operations.size(); ++i) {
-    const bool plainly =
-        updates.areBytes() && readUpdate(updates.bytes(i), &plain) && isPlain(index, plain);
-    const Update* const message = plainly ? nullptr : &updates.message(i, &room);
+    const bool isRead = updates.areBytes() && readUpdate(updates.bytes(i), &plain);
+    const TablePlan* const table = isRead ? tableOfPlain(index, plain) : nullptr;
+    const Update* const message = table ? nullptr : &updates.message(i, &room);
     WriteOperation& operation = write.operations[i];
     try {
-      if (rights != nullptr && plainly) requireWriteRight(index, *rights, plain.tableId);
-      if (rights != nullptr && !plainly) requireWriteRight(index, *rights, message->entity());
-      operation.update = plainly ? checkedUpdate(index, plain) : checkedUpdate(index, *message);
+      if (rights && table) requireWriteRight(index, *rights, plain.tableId);
+      if (rights && message) requireWriteRight(index, *rights, message->entity());
+      operation.update = table ? checkedUpdate(*table, plain) : checkedUpdate(index, *message);
       operation.runs = static_cast<bool>(operation.update.slot.entry);
     } catch (const Refusal& refusal) {
       if (write.errors.empty()) write.errors.resize(write.operations.size());

@@ -66,6 +66,10 @@ pi_status_t pi_counters_read_direct(pi_session_handle_t session_handle, pi_dev_t
 pi_status_t pi_table_pending_entry_status_changed(pi_dev_id_t dev_id,
                                                   const pi_entry_handle_t* entry_handle,
                                                   uint32_t error_code);
+/* The same of many entries. */
+pi_status_t pi_table_pending_entries_status_changed(pi_dev_id_t dev_id,
+                                                    const pi_entry_handle_t* entry_handles,
+                                                    size_t count, uint32_t error_code);
 
 /* News of the data plane for controllers, which may be dropped. A message of a digest that a
  * controller has started: its numbers bit behind bit in the order of declaration, big-endian,

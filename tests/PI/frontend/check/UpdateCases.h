@@ -48,8 +48,9 @@ inline std::string outcomeOf(const std::function<CheckedUpdate()>& check) {
 inline bool expectAlike(const P4InfoIndex& index, const p4::v1::Update& update) {
   const std::string bytes = update.SerializeAsString();
   WireUpdate wire;
-  if (!readUpdate(bytes, &wire) || !isPlain(index, wire)) return false;
-  EXPECT_EQ(outcomeOf([&] { return checkedUpdate(index, wire); }),
+  const TablePlan* table = readUpdate(bytes, &wire) ? tableOfPlain(index, wire) : nullptr;
+  if (table == nullptr) return false;
+  EXPECT_EQ(outcomeOf([&] { return checkedUpdate(*table, wire); }),
             outcomeOf([&] { return checkedUpdate(index, update); }))
       << update.DebugString();
   return true;
