@@ -76,7 +76,7 @@ std::vector<uint32_t> Pipeline::keepTables(const Pipeline& former,
   const TableComparison comparison(former.config_.p4info(), config_.p4info());
   std::ranges::copy_if(tableIds, std::back_inserter(kept), [&](uint32_t id) {
     const TablePlan* const table = index_.table(id);
-    return table != nullptr && isKeptAlone(*table) && comparison.areAlike(id);
+    return table != nullptr && isKeptAlone(*table) && comparison.entriesStay(id);
   });
   if (kept.empty()) return kept;
   store_ = former.store_;
