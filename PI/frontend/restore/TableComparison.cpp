@@ -52,6 +52,8 @@ Table meaningOf(Table table) {
   clearNames(&table);
   table.clear_size();
   table.clear_action_refs();  // compared one by one
+  table.clear_const_default_action_id();
+  table.clear_initial_default_action();
   for (auto& field : *table.mutable_match_fields()) clearTexts(&field);
   return table;
 }
@@ -69,25 +71,39 @@ bool areAlike(const Objects& former, const Objects& next, uint32_t id) {
 
 TableComparison::TableComparison(const p4::config::v1::P4Info& former,
                                  const p4::config::v1::P4Info& next)
-    : former_(former),
-      next_(next),
-      typesAreAlike_(MessageDifferencer::Equals(former.type_info(), next.type_info())) {}
+    : former_(former), next_(next) {}
 
 bool TableComparison::entriesStay(uint32_t tableId) const {
   const auto former = find(former_.tables(), tableId);
   const auto next = find(next_.tables(), tableId);
-  if (!typesAreAlike_ || former == former_.tables().end() || next == next_.tables().end()) {
-    return false;
-  }
+  if (former == former_.tables().end() || next == next_.tables().end()) return false;
   return MessageDifferencer::Equals(meaningOf(*former), meaningOf(*next)) &&
-         actionsStay(*former, *next) && resourcesAreAlike(*former);
+         typesAreAlike(former->match_fields()) && actionsStay(*former, *next) &&
+         resourcesAreAlike(*former);
+}
+
+// A type may be translated in another way.
+template <typename Values>
+bool TableComparison::typesAreAlike(const Values& values) const {
+  return std::ranges::all_of(values, [this](const auto& value) {
+    const std::string& name = value.type_name().name();
+    const auto& formerTypes = former_.type_info().new_types();
+    const auto& nextTypes = next_.type_info().new_types();
+    const auto former = formerTypes.find(name);
+    const auto next = nextTypes.find(name);
+    if (former == formerTypes.end() || next == nextTypes.end()) {
+      return former == formerTypes.end() && next == nextTypes.end();
+    }
+    return MessageDifferencer::Equals(former->second, next->second);
+  });
 }
 
 bool TableComparison::actionsStay(const Table& former, const Table& next) const {
   return std::ranges::all_of(former.action_refs(), [&](const ActionRef& ref) {
     const auto there = std::ranges::find(next.action_refs(), ref.id(), &ActionRef::id);
     return there != next.action_refs().end() && there->scope() == ref.scope() &&
-           areAlike(former_.actions(), next_.actions(), ref.id());
+           areAlike(former_.actions(), next_.actions(), ref.id()) &&
+           typesAreAlike(find(former_.actions(), ref.id())->params());
   });
 }
 

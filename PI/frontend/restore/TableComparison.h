@@ -21,10 +21,11 @@ class TableComparison {
  private:
   bool actionsStay(const p4::config::v1::Table& former, const p4::config::v1::Table& next) const;
   bool resourcesAreAlike(const p4::config::v1::Table& table) const;
+  template <typename Values>
+  bool typesAreAlike(const Values& values) const;
 
   const p4::config::v1::P4Info& former_;
   const p4::config::v1::P4Info& next_;
-  const bool typesAreAlike_;
 };
 
 }  // namespace pi::fe::proto
