@@ -341,9 +341,12 @@ TEST_F(PushTest, ActionsAndNamesAreAddedUnderTheEntries) {
   fresh.mutable_action()->mutable_action()->set_action_id(addedAction);
   EXPECT_TRUE(controller_->write({insertOf(fresh)}).ok());
   Config renamed = more;
-  for (auto& action : *renamed.mutable_p4info()->mutable_actions()) {
-    action.mutable_preamble()->set_alias(action.preamble().alias() + "_then");
-  }
+  const auto rename = [](auto& objects) {
+    for (auto& one : objects) one.mutable_preamble()->set_alias(one.preamble().alias() + "_then");
+  };
+  rename(*renamed.mutable_p4info()->mutable_actions());
+  rename(*renamed.mutable_p4info()->mutable_tables());
+  rename(*renamed.mutable_p4info()->mutable_action_profiles());
   EXPECT_CODE(push(renamed, Set::RECONCILE_AND_COMMIT), OK);
   EXPECT_EQ(forwarder_.programmedChanges(), changes + 1);
   EXPECT_THAT(entries(), SizeIs(11));
@@ -720,10 +723,12 @@ TEST_F(ConfiguredPushTest, AResetGoesBackToTheConfiguredFile) {
   const CommandResult reset = agent_.korvel({"pipeline", "reset"});
   EXPECT_EQ(reset.exit.code, 0) << reset.error;
   EXPECT_TRUE(waitUntil([&] { return MessageDifferencer::Equals(get().config(), configured); }));
+  // They go once the entries are back, too.
+  const std::string files = agent_.options().stateDirectory + "/pushed";
+  EXPECT_TRUE(waitUntil([&] { return std::filesystem::is_empty(files); }));
   restart();
   expectRuns(configured);
   EXPECT_THAT(agent_.korvel({"pipeline", "reset"}).output, HasSubstr("in force already"));
-  EXPECT_TRUE(std::filesystem::is_empty(agent_.options().stateDirectory + "/pushed"));
 }
 
 }  // namespace
