@@ -65,6 +65,7 @@ Runner::Runner(RunnerOptions options)
   agent_.countsSetIs([this] { publisher_.publishAll(FlowPublisher::Clock::now()); });
   if (options_.verbose) agent_.logIs([this](const std::string& line) { say(line); });
   agent_.rulesIs(options_.rules);
+  subscriber_->learnsTypesIs(true);
   traffic_.optionsIs(options_.traffic);
   if (options_.forwarding) {
     forwarding_ =

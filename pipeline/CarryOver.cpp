@@ -208,6 +208,14 @@ class Comparison {
 
 }  // namespace
 
+TableNames tableNamesOf(const Request& running) {
+  TableNames names;
+  for (const DeviceTable& table : deviceOf(running).tables) {
+    names[{table.kind, table.id}] = table.name;
+  }
+  return names;
+}
+
 std::vector<std::string> obstaclesToEntries(const Request& running, const Request& next,
                                             const EntryCounts& counts) {
   std::vector<std::string> lines;

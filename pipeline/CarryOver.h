@@ -17,6 +17,10 @@ namespace Pipeline {
 // How many entries, members or groups there are; a table that is not named has none.
 using EntryCounts = std::map<TableRef, size_t>;
 
+// Of a pipeline that runs, for one that is to take its entries over: tables may have another alias
+// there.
+TableNames tableNamesOf(const p4::v1::SetForwardingPipelineConfigRequest& running);
+
 // What keeps them from going over to the next pipeline, one line a table or profile, such as "table
 // ingress.acl, 12 entries: its match field eth_type has another width". Nothing when all can. Both
 // are requests of pipeline files that run. Any thread.

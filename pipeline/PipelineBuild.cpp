@@ -90,7 +90,7 @@ void buildRequest(const BuildOptions& options, p4::v1::SetForwardingPipelineConf
   Extensions extensions = options.plain ? Extensions{} : extensionsFor(p4Info);
   extensions.packetHeaders |= options.isPush && namesEgressPort(p4Info);
   const P4InfoLookup all(p4Info, extensions);
-  const PipelineLayout layout = pipelineLayout(all, extensions, findings);
+  const PipelineLayout layout = pipelineLayout(all, extensions, findings, options.tableNames);
   std::vector<ConstantEntry> entries;
   const P4InfoLookup withEntities(p4Info, {.entities = extensions.entities});
   if (!options.entriesPath.empty())

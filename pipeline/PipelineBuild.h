@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include "pipeline/TableLayout.h"
+
 namespace p4::v1 {
 class SetForwardingPipelineConfigRequest;
 }
@@ -26,6 +28,7 @@ struct BuildOptions {
   // A compiled program, whose entries come with the pipeline where no file gives any. Entries of
   // tables that the P4Info says are not constant become initial ones.
   std::string program = {};
+  TableNames tableNames = {};  // of a running pipeline, whose tables are to stay
 };
 
 // Completes the request of a pipeline file that holds a P4Info so far, unless the findings hold

@@ -40,7 +40,8 @@ std::string compiledProgramOf(const std::string& p4DeviceConfig) {
 }
 
 std::optional<p4::v1::SetForwardingPipelineConfigRequest> pipelineOfPush(
-    const p4::v1::ForwardingPipelineConfig& pushed, uint32_t deviceId, Findings* findings) {
+    const p4::v1::ForwardingPipelineConfig& pushed, uint32_t deviceId, Findings* findings,
+    const TableNames& names) {
   p4::v1::SetForwardingPipelineConfigRequest request;
   *request.mutable_config()->mutable_p4info() = pushed.p4info();
   dropUnresolvableAnys(request.mutable_config()->mutable_p4info(), findings);
@@ -55,6 +56,7 @@ std::optional<p4::v1::SetForwardingPipelineConfigRequest> pipelineOfPush(
     BuildOptions options;
     options.deviceId = deviceId;
     options.isPush = true;
+    options.tableNames = names;
     if (isJson(program)) options.program = std::move(program);
     buildRequest(options, &request, findings);
   }

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "pipeline/TableLayout.h"
+
 namespace p4::v1 {
 class ForwardingPipelineConfig;
 class SetForwardingPipelineConfigRequest;
@@ -23,8 +25,10 @@ std::string programOf(const std::string& p4DeviceConfig);
 std::string compiledProgramOf(const std::string& p4DeviceConfig);
 
 // The request of a pipeline file. The device configuration is built from the P4Info, unless the
-// controller pushed one of ours. Nothing, and errors, for what cannot run. Any thread.
+// controller pushed one of ours; tables with one of the `names` are called so. Nothing, and errors,
+// for what cannot run. Any thread.
 std::optional<p4::v1::SetForwardingPipelineConfigRequest> pipelineOfPush(
-    const p4::v1::ForwardingPipelineConfig& pushed, uint32_t deviceId, Findings* findings);
+    const p4::v1::ForwardingPipelineConfig& pushed, uint32_t deviceId, Findings* findings,
+    const TableNames& names = {});
 
 }  // namespace Pipeline

@@ -154,10 +154,14 @@ bool needsPriority(SlotRole role) {
 
 class LayoutMaker {
  public:
-  LayoutMaker(const P4InfoLookup& index, const Extensions& extensions, Findings* findings)
-      : index_(index), extensions_(extensions), findings_(findings) {}
+  LayoutMaker(const P4InfoLookup& index, const Extensions& extensions, const TableNames& given,
+              Findings* findings)
+      : index_(index), extensions_(extensions), given_(given), findings_(findings) {}
 
   PipelineLayout run() {
+    for (const auto& [ref, name] : given_) {
+      if (isKnown(ref)) tableNames_.take(name);
+    }
     for (const auto& table : index_.p4Info().tables()) addTable(table);
     for (const auto& profile : index_.p4Info().action_profiles()) addProfile(profile);
     return std::move(result_);
@@ -284,14 +288,23 @@ class LayoutMaker {
     result_.tables.push_back(std::move(group));
   }
 
+  bool isKnown(const TableRef& ref) const {
+    const auto& [kind, id] = ref;
+    const bool isOfProfile = kind == TableKind::member || kind == TableKind::group;
+    return isOfProfile ? index_.actionProfile(id) != nullptr : index_.table(id) != nullptr;
+  }
+
   void name(const std::string& p4Name, const std::string& fallback, TableLayout* layout) {
     const std::string plain = fallback + '_' + std::to_string(layout->id);
-    layout->tableName = tableNames_.take(legalTableName(p4Name, plain));
-    layout->typeName = typeNames_.take(legalName(p4Name, plain));
+    const auto given = given_.find({layout->kind, layout->id});
+    layout->tableName =
+        given != given_.end() ? given->second : tableNames_.take(legalTableName(p4Name, plain));
+    layout->typeName = typeNames_.take(legalName(layout->tableName, plain));
   }
 
   const P4InfoLookup& index_;
   const Extensions& extensions_;
+  const TableNames& given_;
   Findings* findings_;
   PipelineLayout result_;
   UniqueNames tableNames_;
@@ -383,8 +396,8 @@ const TableLayout* PipelineLayout::table(const TableRef& ref) const {
 }
 
 PipelineLayout pipelineLayout(const P4InfoLookup& index, const Extensions& extensions,
-                              Findings* findings) {
-  return LayoutMaker(index, extensions, findings).run();
+                              Findings* findings, const TableNames& given) {
+  return LayoutMaker(index, extensions, given, findings).run();
 }
 
 }  // namespace Pipeline

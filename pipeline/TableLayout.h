@@ -68,6 +68,9 @@ enum class TableKind : uint8_t { match, member, group, defaultEntry };
 // A table's place in a device configuration: its class, and the id of the P4 table or profile.
 using TableRef = std::pair<TableKind, uint32_t>;
 
+// How the tables of shared memory are called.
+using TableNames = std::map<TableRef, std::string>;
+
 struct TableLayout {
   TableKind kind = TableKind::match;
   std::string tableName;
@@ -97,8 +100,8 @@ struct PipelineLayout {
 };
 
 // Parts that cannot be programmed give warnings and are left out. The references of the P4Info must
-// be sound.
+// be sound. Tables with a name in `given` get that name, others one by their P4 alias.
 PipelineLayout pipelineLayout(const P4InfoLookup& index, const Extensions& extensions,
-                              Findings* findings);
+                              Findings* findings, const TableNames& given = {});
 
 }  // namespace Pipeline

@@ -251,7 +251,7 @@ PushAnswer PipelinePusher::doPush(int action, std::optional<std::string_view> co
     built = saved_;
   } else {
     if (!config) return {invalidArgument, "the request has no config"};
-    built = build(*config);
+    built = build(*config, action == Request::VERIFY || action == Request::RECONCILE_AND_COMMIT);
   }
   if (action == Request::VERIFY) return {0, reconcilingWouldRefuse(*built)};
   if (action == Request::VERIFY_AND_SAVE) {
@@ -264,7 +264,8 @@ PushAnswer PipelinePusher::doPush(int action, std::optional<std::string_view> co
 }
 
 // On the thread of the call: a large program takes a moment.
-std::shared_ptr<const PipelinePusher::Built> PipelinePusher::build(std::string_view bytes) const {
+std::shared_ptr<const PipelinePusher::Built> PipelinePusher::build(std::string_view bytes,
+                                                                   bool keepsEntries) const {
   auto built = std::make_shared<Built>();
   built->given = bytes;
   if (!built->config.ParseFromString(built->given)) {
@@ -274,14 +275,17 @@ std::shared_ptr<const PipelinePusher::Built> PipelinePusher::build(std::string_v
   uint32_t deviceId = 0;
   bool isStrict = false;
   bool isExecuted = false;
+  Request running;
   {
     const Vela::ActivityLock lock;
     deviceId = peers_.systemConfig->deviceId();
     isStrict = peers_.agentConfig->strictPushes();
     isExecuted = peers_.agentConfig->checkPrograms();
+    if (keepsEntries) running.ParseFromString(peers_.tableInfo->pipelineRequest());
   }
   Pipeline::Findings findings;
-  const auto request = Pipeline::pipelineOfPush(built->config, deviceId, &findings);
+  const auto request =
+      Pipeline::pipelineOfPush(built->config, deviceId, &findings, Pipeline::tableNamesOf(running));
   if (!request) {
     throw PushRefused(invalidArgument,
                       "the pipeline cannot run: " + textOf(findings, Pipeline::Severity::error));

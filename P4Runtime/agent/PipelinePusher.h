@@ -49,7 +49,7 @@ class PipelinePusher : public Vela::Entity, public PipelinePushes {
   struct Built;
 
   PushAnswer doPush(int action, std::optional<std::string_view> config);
-  std::shared_ptr<const Built> build(std::string_view config) const;
+  std::shared_ptr<const Built> build(std::string_view config, bool keepsEntries) const;
   PushAnswer commit(const std::shared_ptr<const Built>& built, bool keepsEntries);
   PushAnswer executedBy(uint64_t push) const;
   PushAnswer obstacle() const;

@@ -45,8 +45,15 @@ bool isOfEntity(EntityKind kind) {
 
 // Its entries stand for nothing else, and nothing else is counted by them.
 bool isKeptAlone(const TablePlan& table) {
-  return table.entity == nullptr && table.profile == nullptr && !table.usesNames &&
-         !table.isConst && !table.hasInitialEntries && table.unsupported.empty();
+  return table.entity == nullptr && table.profile == nullptr && !table.isConst &&
+         !table.hasInitialEntries && table.unsupported.empty();
+}
+
+// Each entry of a million waits for memory: of most, key and action end in the next line.
+void fetch(const Entry* entry) {
+  constexpr size_t line = 64;
+  __builtin_prefetch(entry);
+  __builtin_prefetch(reinterpret_cast<const char*>(entry) + line);
 }
 
 pi_abilities_t abilitiesOf(const std::string& deviceData) {
@@ -76,13 +83,31 @@ std::vector<uint32_t> Pipeline::keepTables(const Pipeline& former,
   const TableComparison comparison(former.config_.p4info(), config_.p4info());
   std::ranges::copy_if(tableIds, std::back_inserter(kept), [&](uint32_t id) {
     const TablePlan* const table = index_.table(id);
-    return table != nullptr && isKeptAlone(*table) && comparison.areAlike(id);
+    return table != nullptr && isKeptAlone(*table) && comparison.entriesStay(id);
   });
   if (kept.empty()) return kept;
   store_ = former.store_;
   store_->keepTables(kept, index_);
+  holdNamesOf(kept);
   restored_.emplace(index_, *store_, use_);
   return kept;
+}
+
+// Pairs of names and numbers are restored in any case.
+void Pipeline::holdNamesOf(std::span<const uint32_t> tableIds) {
+  constexpr size_t fetchedAhead = 32;
+  NameHolders holders;
+  const EntryStore::Snapshot snapshot(*store_);
+  for (const uint32_t id : tableIds) {
+    const TablePlan& table = *index_.table(id);
+    if (!table.usesNames) continue;
+    const std::vector<const Entry*> entries = snapshot.entries(id);
+    for (size_t i = 0; i < entries.size(); ++i) {
+      if (i + fetchedAhead < entries.size()) fetch(entries[i + fetchedAhead]);
+      holders.add(table, *entries[i]);
+    }
+  }
+  holders.holdAll();
 }
 
 bool Pipeline::equals(const p4::v1::ForwardingPipelineConfig& config) const {

@@ -75,6 +75,7 @@ class Pipeline {
                              const pi_table_entry_t& given);
   pi_status_t constantNameIs(NamedType& type, const pi_match_key_t& key,
                              const pi_table_entry_t* given);
+  void holdNamesOf(std::span<const uint32_t> tableIds);
   bool adoptEntry(const TablePlan& table, EntryPtr entry);
   void enterAdopted();
   bool doAdoptInitialEntries(const TargetSession& session);

@@ -166,6 +166,16 @@ void ForwardingAgent::tableRemoved(const Lattice::FollowedTable& followed) {
   tables_.erase(held);
 }
 
+void ForwardingAgent::tableRetyped(const Lattice::FollowedTable& followed) {
+  beginGroup();
+  ProgrammedTable& table = heldTable(followed).table;
+  const auto former = table.typeIs(followed.type);
+  ++tablesVersion_;
+  if (!plane_) return;
+  plane_->handleRetyped(table);
+  isStale_ = plane_->isStale();
+}
+
 ForwardingAgent::Held& ForwardingAgent::heldTable(const Lattice::FollowedTable& followed) {
   const auto known = followed_.find(&followed);
   if (known != followed_.end()) return *known->second;

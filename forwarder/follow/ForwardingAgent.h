@@ -34,7 +34,8 @@ const char* outcomeName(Outcome outcome);
 // Errors: a change that cannot be programmed leaves the row as it was; its report says why. Nothing
 // is thrown but by the functions that are handed in.
 // Lifetime: `reports` outlives the agent. A table lives until it is removed, or comes back with
-// another type; tablesVersion() then moves.
+// another type; tablesVersion() then moves. It moves also when a table that stays gets another
+// type.
 class ForwardingAgent final : public Lattice::SubscriberHandler {
  public:
   explicit ForwardingAgent(ReportQueue& reports) : reports_(reports) {}
@@ -67,6 +68,7 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
 
   void tableAdded(const Lattice::FollowedTable& table) override;
   void tableRemoved(const Lattice::FollowedTable& table) override;
+  void tableRetyped(const Lattice::FollowedTable& table) override;
   void snapshotBegin() override;
   void snapshotEnd() override;
   void rowChanged(const Lattice::RowChange& change) override;

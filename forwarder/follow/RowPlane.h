@@ -48,6 +48,9 @@ class RowPlane {
   virtual PlaneVerdict erase(const ProgrammedTable& table, std::string_view key,
                              RowPlace place) = 0;
   virtual void eraseAll(const ProgrammedTable& table) = 0;
+  // The table has another type, of which its rows are rows as they stand. The plane lets the former
+  // one go; isStale() may be true now.
+  virtual void handleRetyped(const ProgrammedTable& table) = 0;
   // The row stays, and is from now on that of another entry.
   virtual void handleIs(const ProgrammedTable& table, std::string_view key, RowPlace place,
                         uint64_t entryHandle) = 0;

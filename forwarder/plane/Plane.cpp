@@ -205,6 +205,24 @@ void Plane::eraseAll(const ProgrammedTable& table) {
   tables_.erase(known);
 }
 
+// What stands for its rows knows the former type. The engine is filled once more, since entries
+// stand at most once.
+void Plane::handleRetyped(const ProgrammedTable& table) {
+  const auto known = tables_.find(&table);
+  if (known == tables_.end()) return;
+  const bool hasRows = known->second && !isFresh_;
+  if (known->second) maker_->forget(*known->second);
+  round_.clear();
+  tables_.erase(known);
+  if (!hasRows) return;
+  try {
+    countsOf_ = engine_;
+    execute(executed_);
+  } catch (const std::exception& e) {
+    handleTrouble(e.what());
+  }
+}
+
 void Plane::countsAre(const ProgrammedTable& table, std::string_view key, const RowFlow& flow) {
   if (!engine_) return;
   try {

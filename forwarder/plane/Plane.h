@@ -44,6 +44,7 @@ class Plane final : public RowPlane {
   PlaneVerdict write(const ProgrammedTable& table, const PlaneRow& row) override;
   PlaneVerdict erase(const ProgrammedTable& table, std::string_view key, RowPlace place) override;
   void eraseAll(const ProgrammedTable& table) override;
+  void handleRetyped(const ProgrammedTable& table) override;
   void handleIs(const ProgrammedTable& table, std::string_view key, RowPlace place,
                 uint64_t entryHandle) override;
   void countsAre(const ProgrammedTable& table, std::string_view key, const RowFlow& flow) override;

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "forwarder/table/MatchTable.h"
 #include "platform/lattice/types/TableType.h"
@@ -15,6 +16,11 @@ class ProgrammedTable {
   // `type` may be null: then no row of the table can be read. `placed`: its rows have places.
   ProgrammedTable(std::string name, std::shared_ptr<const Lattice::TableType> type,
                   bool placed = false);
+
+  // Another type, of which the rows are rows as they stand, or null. Returns the former one.
+  std::shared_ptr<const Lattice::TableType> typeIs(std::shared_ptr<const Lattice::TableType> type) {
+    return std::exchange(type_, std::move(type));
+  }
 
   const std::string& name() const { return name_; }
   const Lattice::TableType* type() const { return type_.get(); }
@@ -29,7 +35,7 @@ class ProgrammedTable {
 
  private:
   const std::string name_;
-  const std::shared_ptr<const Lattice::TableType> type_;
+  std::shared_ptr<const Lattice::TableType> type_;
   bool hasCounter_ = false;
   std::unique_ptr<MatchTable> rows_;
 };

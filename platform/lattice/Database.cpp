@@ -12,6 +12,7 @@
 #include "platform/lattice/records/Packing.h"
 #include "platform/lattice/records/StoreLayout.h"
 #include "platform/lattice/records/WholeBatch.h"
+#include "platform/lattice/types/KeptRows.h"
 #include "platform/lattice/types/RowWalk.h"
 #include "platform/scrivel/Trace.h"
 #include "platform/vela/ActivityLock.h"
@@ -49,7 +50,10 @@ class DatabaseImpl final : public Database {
         store_(store),
         options_(options),
         types_(store.table(typesTable)),
-        doorbell_(loop, options.doorbellPath, options.attachWithin, store),
+        doorbell_(loop, options.doorbellPath, options.attachWithin, store,
+                  [this] {
+                    if (!inBatch_) commitUnasked();
+                  }),
         undoneAtStart_(undoUnfinishedBatch(store)),
         scopeEnd_([this] { handleScopeEnd(); }) {}
   ~DatabaseImpl() override {
@@ -127,10 +131,12 @@ class DatabaseImpl final : public Database {
   std::vector<OwnedRow> rowsOfDamagedRecord(const ArTableInterface::Impl& table);
   void keepAttachments(const std::string& table, const std::string& definition);
   void renew(ArTableInterface::Impl& table);
-  std::string formerDefinition(const ArTableInterface::Impl& table);
   void announce(ArTableInterface::Impl& table);
   void announceAgain();
+  std::optional<TableRecord> recordOf(const ArTableInterface::Impl& table);
   bool survives(const ArTableInterface::Impl& table);
+  bool survivesRetyped(const ArTableInterface::Impl& table);
+  void write(const ArTableInterface::Impl& table);
 
   Vela::ReactorLoop& loop_;
   Brine::Store& store_;
@@ -218,23 +224,44 @@ void DatabaseImpl::maybeInitialize(const Vela::Ptr<ArTableInterface>& interface,
 
 // Whether the table keeps the rows in the store.
 bool DatabaseImpl::survives(const ArTableInterface::Impl& table) {
-  const auto bytes = store_.get(types_, Brine::asBytes(table.boundName));
-  const auto record = bytes ? TableRecord::decode(Brine::asText(*bytes)) : std::nullopt;
-  if (!record) return false;
-  const bool same = record->number == table.rows && record->typeName == table.type->name() &&
+  const auto record = recordOf(table);
+  const bool same = record && record->number == table.rows &&
+                    record->typeName == table.type->name() &&
                     record->definition == table.type->definition();
-  if (!same) {
-    SCRIVEL_TRACE(0, "table ", table.boundName, " has another type than before; its ",
-                  store_.count(table.rows), " rows are dropped");
-  }
   return same && (table.persistent || store_.count(table.rows) == 0);
 }
 
-// A table with a number of its own, which followers take for a new one: it has the rows that
-// changes tell of from here on.
+// Whether it keeps them although the store has another type of it. Rows that are being set aside
+// must go.
+bool DatabaseImpl::survivesRetyped(const ArTableInterface::Impl& table) try {
+  if (!table.persistent || rowTaker_ || !doorbell_.fixedTypes().none()) return false;
+  const auto record = recordOf(table);
+  if (!record || record->number != table.rows) return false;
+  return keepsRows(*TableType::compile(record->typeName, record->definition), *table.type);
+} catch (const TypeError&) {
+  return false;
+}
+
+std::optional<TableRecord> DatabaseImpl::recordOf(const ArTableInterface::Impl& table) {
+  const auto bytes = store_.get(types_, Brine::asBytes(table.boundName));
+  return bytes ? TableRecord::decode(Brine::asText(*bytes)) : std::nullopt;
+}
+
+// Unless it keeps its rows, the table gets another number. Followers take it for a new one then: it
+// has the rows that changes tell of from here on.
 void DatabaseImpl::announce(ArTableInterface::Impl& table) {
+  if (survivesRetyped(table)) {
+    SCRIVEL_TRACE(1, "table ", table.boundName, " keeps its rows under another type");
+    doorbell_.fixedTypes().retyped();
+    return write(table);
+  }
   const std::vector<OwnedRow> kept = rowsOfDamagedRecord(table);
-  if (kept.empty()) keepAttachments(table.boundName, formerDefinition(table));
+  const auto record = recordOf(table);
+  if (record) {
+    SCRIVEL_TRACE(0, "table ", table.boundName, " has another type than before; its ",
+                  store_.count(table.rows), " rows are dropped");
+  }
+  if (kept.empty()) keepAttachments(table.boundName, record ? record->definition : "");
   renew(table);
   for (const OwnedRow& one : kept) rowIs(table, one.row, one.entryHandle, one.attachment);
 }
@@ -243,16 +270,14 @@ void DatabaseImpl::renew(ArTableInterface::Impl& table) {
   const std::string rows = rowTable(table.boundName);
   store_.tableDel(rows);
   table.rows = store_.table(rows);
+  write(table);
+}
+
+void DatabaseImpl::write(const ArTableInterface::Impl& table) {
   const TableRecord record{table.rows, table.type->name(), table.type->definition()};
   store_.put(types_, Brine::asBytes(table.boundName), Brine::asBytes(record.encode()));
   store_.typesChanged();
   typesChanged_ = true;
-}
-
-std::string DatabaseImpl::formerDefinition(const ArTableInterface::Impl& table) {
-  const auto bytes = store_.get(types_, Brine::asBytes(table.boundName));
-  const auto record = bytes ? TableRecord::decode(Brine::asText(*bytes)) : std::nullopt;
-  return record ? record->definition : "";
 }
 
 // The settings of direct meters stand in rows alone. Without its record, a table keeps them if each
@@ -459,6 +484,7 @@ Vela::Outcome DatabaseImpl::tryCommit() try {
 } catch (const std::exception& error) {
   SCRIVEL_TRACE(0, "commit failed: ", error.what());
   store_.discard();
+  doorbell_.fixedTypes().handleDiscarded();
   rowsChanged_ = false;
   if (commitObserver_) commitObserver_->onDiscarded();
   settleWatches(&WatchedTable::forgetChanges);
@@ -645,6 +671,8 @@ uint64_t ArTableInterface::rowDel(std::string_view key, uint64_t entryHandle) {
   const Impl& table = required(*this, impl_);
   return table.database->rowDel(table, key, entryHandle);
 }
+
+uint32_t ArTableInterface::number() const { return required(*this, impl_).rows; }
 
 size_t ArTableInterface::rowCount() const {
   const Impl& table = required(*this, impl_);

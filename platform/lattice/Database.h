@@ -77,6 +77,7 @@ class ArTableInterface : public Vela::RefCounted {
   uint64_t rowIs(const Row& row, uint64_t entryHandle, std::string_view attachment = {});
   uint64_t rowDel(std::string_view key, uint64_t entryHandle);
   size_t rowCount() const;
+  uint32_t number() const;  // of the table; another one once its rows were dropped
 
   struct Impl;
 
@@ -105,8 +106,10 @@ class Database {
   virtual ~Database() = default;
 
   virtual Brine::Store& store() = 0;
-  // Gives access to table `name` through `interface`. A surviving table of another definition is
-  // emptied, and that is traced. `persistent` false: rows of an earlier process are dropped.
+  // Gives access to table `name` through `interface`. `persistent` false: rows of an earlier
+  // process are dropped. A surviving table of another type keeps its number and rows if they are
+  // rows of that type (types/KeptRows.h) and all forwarding agents learn of it; else it is emptied,
+  // and that is traced.
   virtual void bindInterface(const Vela::Ptr<ArTableInterface>& interface, const std::string& name,
                              bool persistent) = 0;
   // The attachments of a table's rows that were dropped since the table has another type now, or no

@@ -51,6 +51,7 @@ class SubscriberImpl final : public Subscriber {
   void appliesAtOnceIs(bool appliesAtOnce) override { appliesAtOnce_ = appliesAtOnce; }
   void answersQuestionsIs(bool answers) override { answersQuestions_ = answers; }
   void tellsLastHitsIs(bool tells) override { tellsLastHits_ = tells; }
+  void learnsTypesIs(bool learns) override { learnsTypes_ = learns; }
   void follow(std::chrono::milliseconds timeout) override;
   const std::string& trouble() const override { return trouble_; }
   bool attached() const override { return attached_; }
@@ -87,8 +88,10 @@ class SubscriberImpl final : public Subscriber {
   bool anyChanges() const { return reader_->state().committed != sequence_; }
   bool readOnce();
   void learnTables();
+  void maybeRetype(uint32_t number, const TableRecord& record);
   void removeTablesBut(const std::map<uint32_t, std::pair<std::string, TableRecord>>& present);
   void addTable(const std::string& name, const TableRecord& record);
+  std::shared_ptr<const TableType> typeOf(const std::string& name, const TableRecord& record);
   void takeSnapshot();
   void passOn(const Brine::Snapshot& snapshot);
   void passOn(std::span<const Brine::FollowedChange> changes);
@@ -117,6 +120,7 @@ class SubscriberImpl final : public Subscriber {
   bool appliesAtOnce_ = false;
   bool answersQuestions_ = false;
   bool tellsLastHits_ = false;
+  bool learnsTypes_ = false;
   std::vector<QuestionMessage> questions_;
   Clock::time_point nextAttempt_{};
   std::string buffer_;
@@ -143,8 +147,9 @@ class SubscriberImpl final : public Subscriber {
   std::deque<Open> open_;
   size_t doneBehind_ = 0;  // how many of them are done
   uint64_t programmedSaid_ = 0;
-  bool isWordDue_ = false;                           // the page does not say so yet
-  std::map<uint32_t, const FollowedTable*> tables_;  // by number
+  bool isWordDue_ = false;                     // the page does not say so yet
+  std::map<uint32_t, FollowedTable*> tables_;  // by number
+  std::map<uint32_t, TableRecord> records_;    // of these tables
   std::vector<std::unique_ptr<FollowedTable>> allTables_;
   std::map<uint32_t, bool> isWholeBatch_;             // by number, of the tables that have no rows
   std::vector<std::pair<uint64_t, uint64_t>> whole_;  // ranges of the commit that is read
@@ -245,6 +250,7 @@ void SubscriberImpl::sendAttach() {
   if (appliesAtOnce_) attach.flags |= AttachMessage::appliesAtOnce;
   if (answersQuestions_) attach.flags |= AttachMessage::answersQuestions;
   if (tellsLastHits_) attach.flags |= AttachMessage::tellsLastHits;
+  if (learnsTypes_) attach.flags |= AttachMessage::learnsTypes;
   if (!identityKnown_ || needSnapshot_) attach.identity = {};
   if (socket_.send(attach.encode()) != Socket::Sent::all) throw Detached{"the agent hung up"};
 }
@@ -389,8 +395,19 @@ void SubscriberImpl::learnTables() {
   removeTablesBut(present);
   for (const auto& [number, table] : present) {
     if (!tables_.contains(number)) addTable(table.first, table.second);
+    maybeRetype(number, table.second);
   }
   typesVersion_ = version;
+}
+
+// Rows of before are rows of the new type, too.
+void SubscriberImpl::maybeRetype(uint32_t number, const TableRecord& record) {
+  TableRecord& known = records_[number];
+  if (known.typeName == record.typeName && known.definition == record.definition) return;
+  known = record;
+  FollowedTable& table = *tables_[number];
+  table.type = typeOf(table.name, record);
+  handler_.tableRetyped(table);
 }
 
 void SubscriberImpl::removeTablesBut(
@@ -401,6 +418,7 @@ void SubscriberImpl::removeTablesBut(
       continue;
     }
     const FollowedTable* table = at->second;
+    records_.erase(at->first);
     at = tables_.erase(at);
     handler_.tableRemoved(*table);
   }
@@ -409,15 +427,23 @@ void SubscriberImpl::removeTablesBut(
 void SubscriberImpl::addTable(const std::string& name, const TableRecord& record) {
   auto table = std::make_unique<FollowedTable>();
   table->name = name;
-  try {
-    table->type = TableType::compile(record.typeName, record.definition);
-  } catch (const TypeError& error) {
-    // The handler refuses its rows: unreported, they would cost the agent its time-out.
-    trouble_ = "cannot read the type of table " + name + ": " + error.what();
-  }
+  table->type = typeOf(name, record);
   tables_[record.number] = table.get();
+  records_[record.number] = record;
   allTables_.push_back(std::move(table));
   handler_.tableAdded(*allTables_.back());
+}
+
+// Null when it cannot be read. The handler refuses the rows then: unreported, they would cost the
+// agent its time-out.
+std::shared_ptr<const TableType> SubscriberImpl::typeOf(const std::string& name,
+                                                        const TableRecord& record) {
+  try {
+    return TableType::compile(record.typeName, record.definition);
+  } catch (const TypeError& error) {
+    trouble_ = "cannot read the type of table " + name + ": " + error.what();
+    return nullptr;
+  }
 }
 
 void SubscriberImpl::takeSnapshot() {

@@ -18,6 +18,7 @@ namespace Lattice {
 // A table of the agent, as followers know it. Lives as long as the Subscriber.
 struct FollowedTable {
   std::string name;
+  // Another one after SubscriberHandler::tableRetyped().
   // Null when this program cannot read the definition; its rows are to be reported on all the same.
   std::shared_ptr<const TableType> type;
 };
@@ -49,6 +50,10 @@ class SubscriberHandler {
   virtual ~SubscriberHandler() = default;
   virtual void tableAdded(const FollowedTable& table) = 0;
   virtual void tableRemoved(const FollowedTable& table) = 0;
+  // Its type is another one now, of which its rows are rows as they stand: the columns are the
+  // same; there may be more actions, and the others may have other names. For those who declare
+  // Subscriber::learnsTypesIs().
+  virtual void tableRetyped(const FollowedTable& table) { static_cast<void>(table); }
   // A whole picture follows as rowChanged() calls: rows that are not in it by snapshotEnd() are
   // gone.
   virtual void snapshotBegin() = 0;
@@ -94,6 +99,11 @@ class Subscriber {
   // Declares, from the next attaching on, that these answers include those about last hits; needs
   // answersQuestionsIs(). Agents that do not know of this refuse to attach.
   virtual void tellsLastHitsIs(bool tellsLastHits) { static_cast<void>(tellsLastHits); }
+
+  // Declares, from the next attaching on, that SubscriberHandler::tableRetyped() does what is due.
+  // Without it the agent takes all rows of such a table out, and makes them again in a new table.
+  // Agents that do not know of this refuse to attach.
+  virtual void learnsTypesIs(bool learnsTypes) { static_cast<void>(learnsTypes); }
 
   // Waits for changes at most `timeout`, passes them on, and sends the reports gathered since.
   // Never throws for trouble with the agent or its files: it detaches, keeps its rows, and

@@ -68,6 +68,9 @@ class PushTest : public testing::Test {
   }
   void restart() {
     agent_.kill();
+    startAgain();
+  }
+  void startAgain() {
     agent_.start();
     ASSERT_TRUE(agent_.waitServing()) << agent_.output();
     ASSERT_TRUE(forwarder_.waitAttached());
@@ -84,6 +87,20 @@ class PushTest : public testing::Test {
       }
     }
     config.set_p4_device_config(device);
+    return config;
+  }
+  // With so many more actions of the route table.
+  Config extended(Config config, uint32_t actions) {
+    for (uint32_t i = 0; i < actions; ++i) {
+      auto* preamble = config.mutable_p4info()->add_actions()->mutable_preamble();
+      preamble->set_id(addedAction + i);
+      preamble->set_name("added_" + std::to_string(i));
+      preamble->set_alias(preamble->name());
+      for (auto& table : *config.mutable_p4info()->mutable_tables()) {
+        if (table.preamble().id() != router_.table(Router::routeTable).preamble().id()) continue;
+        table.add_action_refs()->set_id(preamble->id());
+      }
+    }
     return config;
   }
   grpc::Status pushOf(uint64_t electionId, Set::Action action, const Config* config) {
@@ -136,6 +153,8 @@ class PushTest : public testing::Test {
     });
     return text;
   }
+
+  static constexpr uint32_t addedAction = 0x01aaaaaa;
 
   const TempDir directory_;
   const TestSupport::Pipeline router_ = Router::pipeline();
@@ -305,18 +324,61 @@ TEST_F(PushTest, WhatMeansTheSameIsReconciled) {
   ASSERT_TRUE(controller_->write({deleteOf(rule)}).ok());
   EXPECT_CODE(push(other, Set::RECONCILE_AND_COMMIT), OK);
   EXPECT_THAT(entries(), SizeIs(10));
+}
 
-  Config more = other;  // the rows of that table are made anew
-  auto* action = more.mutable_p4info()->add_actions();
-  action->mutable_preamble()->set_id(0x01aaaaaa);
-  action->mutable_preamble()->set_name("fresh");
-  tableOf(more, Router::routeTable).add_action_refs()->set_id(0x01aaaaaa);
+// The rows of the table stay as they are: its forwarding agents learn what is new of it.
+TEST_F(PushTest, ActionsAndNamesAreAddedUnderTheEntries) {
+  ASSERT_TRUE(push(config()).ok());
+  ASSERT_TRUE(insertRoutes(0, 10).ok());
+  const uint64_t changes = forwarder_.programmedChanges();
+  const Config more = extended(config(), 1);
   EXPECT_CODE(push(more, Set::RECONCILE_AND_COMMIT), OK);
-  EXPECT_THAT(entries(), SizeIs(10));
-  restart();
   expectRuns(more);
   EXPECT_THAT(entries(), SizeIs(10));
-  EXPECT_TRUE(insertRoutes(10, 11).ok());
+  EXPECT_EQ(forwarder_.programmedChanges(), changes);
+  TableEntry fresh = Router::route(router_, 10, 1);
+  fresh.mutable_action()->mutable_action()->clear_params();
+  fresh.mutable_action()->mutable_action()->set_action_id(addedAction);
+  EXPECT_TRUE(controller_->write({insertOf(fresh)}).ok());
+  Config renamed = more;
+  const auto rename = [](auto& objects) {
+    for (auto& one : objects) one.mutable_preamble()->set_alias(one.preamble().alias() + "_then");
+  };
+  rename(*renamed.mutable_p4info()->mutable_actions());
+  rename(*renamed.mutable_p4info()->mutable_tables());
+  rename(*renamed.mutable_p4info()->mutable_action_profiles());
+  EXPECT_CODE(push(renamed, Set::RECONCILE_AND_COMMIT), OK);
+  EXPECT_EQ(forwarder_.programmedChanges(), changes + 1);
+  EXPECT_THAT(entries(), SizeIs(11));
+  restart();
+  expectRuns(renamed);
+  EXPECT_THAT(entries(), SizeIs(11));
+  EXPECT_EQ(forwarder_.programmedChanges(), changes + 1);
+  forwarder_.kill();
+  forwarder_.start();
+  ASSERT_TRUE(forwarder_.waitAttached());
+  EXPECT_EQ(forwarder_.programmedChanges(), 11u);
+  EXPECT_TRUE(insertRoutes(11, 12).ok());
+}
+
+// One that takes the type of a table for settled is given a new table.
+TEST_F(PushTest, ActionsAreAddedBeforeAForwardingAgentThatDoesNotLearn) {
+  ASSERT_TRUE(push(config()).ok());
+  const std::string log = directory_.file("log");
+  const Process plain({binaryPath("minimal-forwarder"), directory_.file("state")}, log, log);
+  ASSERT_TRUE(waitUntil([&] {
+    return agent_.korvel({"status"}).output.find("minimal-forwarder") != std::string::npos;
+  }));
+  ASSERT_TRUE(insertRoutes(0, 10).ok());
+  const Config more = extended(config(), 1);
+  EXPECT_CODE(push(more, Set::RECONCILE_AND_COMMIT), OK);
+  TableEntry fresh = Router::route(router_, 10, 1);
+  fresh.mutable_action()->mutable_action()->clear_params();
+  fresh.mutable_action()->mutable_action()->set_action_id(addedAction);
+  EXPECT_TRUE(controller_->write({insertOf(fresh)}).ok()) << "both have programmed it";
+  EXPECT_THAT(entries(), SizeIs(11));
+  restart();
+  EXPECT_THAT(entries(), SizeIs(11));
 }
 
 // Programs as public projects ship them, where they lie beside the tree, in turns with others.
@@ -609,10 +671,7 @@ TEST_F(PushTest, KilledMeanwhileTheFormerOrTheNewOneStands) {
     std::this_thread::sleep_for(std::chrono::milliseconds(round * 4));
     agent_.kill();
     pusher.join();
-    agent_.start();
-    ASSERT_TRUE(agent_.waitServing()) << agent_.output();
-    ASSERT_TRUE(forwarder_.waitAttached());
-    ASSERT_TRUE(controllerBegins());
+    ASSERT_NO_FATAL_FAILURE(startAgain());
     const bool isNew = get().config().p4_device_config() == configs[1 - running].p4_device_config();
     if (isNew) running = 1 - running;
     expectRuns(configs[running]);
@@ -622,6 +681,29 @@ TEST_F(PushTest, KilledMeanwhileTheFormerOrTheNewOneStands) {
       ASSERT_TRUE(insertRoutes(0, 5).ok());
     }
   }
+}
+
+// Each push adds an action to the table of the entries, which stay whatever runs.
+TEST_F(PushTest, KilledWhileAnActionIsAddedTheEntriesStay) {
+  ASSERT_TRUE(push(config()).ok());
+  ASSERT_TRUE(insertRoutes(0, 2000).ok());
+  const uint64_t changes = forwarder_.programmedChanges();
+  int added = 0;
+  for (int round = 0; round < 16; ++round) {
+    SCOPED_TRACE(round);
+    const Config next = extended(config(), added + 1);
+    std::thread pusher([&, id = electionId_] { pushOf(id, Set::RECONCILE_AND_COMMIT, &next); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(round * 2));
+    agent_.kill();
+    pusher.join();
+    ASSERT_NO_FATAL_FAILURE(startAgain());
+    if (MessageDifferencer::Equals(get().config(), next)) ++added;
+    expectRuns(added == 0 ? config() : extended(config(), added));
+    EXPECT_THAT(entries(), SizeIs(2000));
+    EXPECT_EQ(disagreement(), "");
+    EXPECT_EQ(forwarder_.programmedChanges(), changes);
+  }
+  EXPECT_GT(added, 0);
 }
 
 class ConfiguredPushTest : public PushTest {
@@ -641,10 +723,12 @@ TEST_F(ConfiguredPushTest, AResetGoesBackToTheConfiguredFile) {
   const CommandResult reset = agent_.korvel({"pipeline", "reset"});
   EXPECT_EQ(reset.exit.code, 0) << reset.error;
   EXPECT_TRUE(waitUntil([&] { return MessageDifferencer::Equals(get().config(), configured); }));
+  // They go once the entries are back, too.
+  const std::string files = agent_.options().stateDirectory + "/pushed";
+  EXPECT_TRUE(waitUntil([&] { return std::filesystem::is_empty(files); }));
   restart();
   expectRuns(configured);
   EXPECT_THAT(agent_.korvel({"pipeline", "reset"}).output, HasSubstr("in force already"));
-  EXPECT_TRUE(std::filesystem::is_empty(agent_.options().stateDirectory + "/pushed"));
 }
 
 }  // namespace

@@ -58,11 +58,11 @@ direct_meters {
 }
 )";
 
-SetForwardingPipelineConfigRequest requestOf(const P4Info& p4Info) {
+SetForwardingPipelineConfigRequest requestOf(const P4Info& p4Info, const TableNames& names = {}) {
   ForwardingPipelineConfig config;
   *config.mutable_p4info() = p4Info;
   Findings findings;
-  const auto request = pipelineOfPush(config, 1, &findings);
+  const auto request = pipelineOfPush(config, 1, &findings, names);
   EXPECT_TRUE(request) << textOf(findings);
   return request.value_or(SetForwardingPipelineConfigRequest());
 }
@@ -116,6 +116,33 @@ TEST(Push, EntriesGoOverWhereTheMeaningIsTheSame) {
 }
 
 // Only packed headers let controllers leave fields out.
+// Their rows are found by these names.
+TEST(Push, TablesKeepTheirNamesUnderOtherAliases) {
+  P4Info p4Info = p4InfoOf(program);
+  const SetForwardingPipelineConfigRequest running = requestOf(p4Info);
+  const TableNames names = tableNamesOf(running);
+  const TableRef renamed{TableKind::match, tableId};
+  const TableRef members{TableKind::member, profileId};
+  const TableRef added{TableKind::match, tableId + 100};
+  auto& newcomer = *p4Info.add_tables();
+  newcomer = p4Info.tables(0);
+  newcomer.mutable_preamble()->set_id(added.second);
+  newcomer.mutable_preamble()->set_name("c.newcomer");
+  newcomer.clear_direct_resource_ids();
+  p4Info.mutable_tables(0)->mutable_preamble()->set_alias("renamed");
+  p4Info.mutable_action_profiles(0)->mutable_preamble()->set_alias("renamed");
+  p4Info.mutable_tables()->SwapElements(0, p4Info.tables_size() - 1);  // the newcomer comes first
+
+  const SetForwardingPipelineConfigRequest next = requestOf(p4Info, names);
+  const TableNames nextNames = tableNamesOf(next);
+  EXPECT_EQ(nextNames.at(renamed), names.at(renamed));
+  EXPECT_EQ(nextNames.at(members), names.at(members));
+  EXPECT_EQ(nextNames.at(added), names.at(renamed) + "_2");
+  const EntryCounts counts = {{renamed, 1}, {members, 1}};
+  EXPECT_THAT(obstaclesToEntries(running, next, counts), testing::IsEmpty());
+  EXPECT_THAT(obstaclesToEntries(running, requestOf(p4Info), counts), testing::SizeIs(2));
+}
+
 TEST(Push, APacketOutWithANamedPortIsPacked) {
   for (const char* name : {"egress_port", "port"}) {
     P4Info p4Info = p4InfoOf(program);

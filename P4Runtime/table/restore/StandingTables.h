@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "P4Runtime/pipeline/P4TableInfo.h"
@@ -20,18 +19,19 @@ class StandingTables {
 
   void remember();  // all entries are restored, into the tables of the model
   void forget() { tables_.clear(); }
-  // Ids of the tables that the model defines as it did then, in rows of the same type.
+  // Ids of the tables whose rows are those of then, and mean the same in the model of now. The
+  // model may have more actions.
   std::vector<uint32_t> ids() const;
 
  private:
   struct Definition {
-    std::string rows;  // name of the table, and its type
+    uint32_t rows = 0;  // number of their table
     FieldBitwidths key;
-    std::vector<std::pair<uint32_t, FieldBitwidths>> actions;
+    std::map<uint32_t, FieldBitwidths> actions;
     bool needsPriority = false;
     std::string unprogrammable;
-    friend bool operator==(const Definition&, const Definition&) = default;
   };
+  static bool holds(const Definition& now, const Definition& then);
   bool canStand(const ResourceId& rid) const;
   Definition definition(const ResourceId& rid, const Lattice::ArTableInterface& interface) const;
 

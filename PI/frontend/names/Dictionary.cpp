@@ -32,9 +32,11 @@ std::optional<Dictionary::Held> Dictionary::holdKnown(std::string_view name) {
   return holdLocked(found->second, &states_[found->second]);
 }
 
-void Dictionary::hold(uint32_t number) {
+void Dictionary::hold(uint32_t number, uint32_t holders) {
   const std::lock_guard lock(mutex_);
-  holdLocked(number, &states_[number]);
+  State& state = states_[number];
+  holdLocked(number, &state);
+  state.holders += holders - 1;
 }
 
 Dictionary::Held Dictionary::holdLocked(uint32_t number, State* state) {

@@ -44,11 +44,11 @@ class Dictionary {
   explicit Dictionary(std::string type) : type_(std::move(type)) {}
   const std::string& type() const { return type_; }
 
-  // Each is followed by one release(). Nothing when there are kMostNames; the second when there is
-  // no such name.
+  // Each holder is followed by one release(). Nothing when there are kMostNames; the second when
+  // there is no such name.
   std::optional<Held> hold(std::string_view name);
   std::optional<Held> holdKnown(std::string_view name);
-  void hold(uint32_t number);
+  void hold(uint32_t number, uint32_t holders = 1);
   void release(uint32_t number);
 
   std::optional<uint32_t> number(std::string_view name) const;

@@ -169,6 +169,21 @@ const EntryPages::List& EntryStore::Snapshot::table(uint32_t tableId) const {
   return list(listOf(tableId, false));
 }
 
+std::vector<const Entry*> EntryStore::Snapshot::entries(uint32_t tableId) const {
+  return entriesOf(table(tableId));
+}
+
+std::vector<const Entry*> EntryStore::Snapshot::entriesOf(const EntryPages::List& list) {
+  std::vector<const Entry*> entries;
+  entries.reserve(list.pages.size() * EntryPages::kPageEntries);
+  for (const auto& page : list.pages) {
+    for (const EntryPtr& entry : page->entries) {
+      if (entry) entries.push_back(entry.get());
+    }
+  }
+  return entries;
+}
+
 const Entry* EntryStore::Snapshot::onlyEntry(uint32_t tableId) const {
   for (const auto& page : table(tableId).pages) {
     for (const EntryPtr& entry : page->entries) {
@@ -179,12 +194,7 @@ const Entry* EntryStore::Snapshot::onlyEntry(uint32_t tableId) const {
 }
 
 std::vector<const Entry*> EntryStore::Snapshot::objects(uint32_t profileId, bool groups) const {
-  std::vector<const Entry*> result;
-  for (const auto& page : list(listOf(profileId, groups)).pages) {
-    for (const EntryPtr& entry : page->entries) {
-      if (entry) result.push_back(entry.get());
-    }
-  }
+  std::vector<const Entry*> result = entriesOf(list(listOf(profileId, groups)));
   std::sort(result.begin(), result.end(),
             [](const Entry* a, const Entry* b) { return a->key() < b->key(); });
   return result;

@@ -104,6 +104,7 @@ class EntryStore::Snapshot {
 
   // The table's entries, in no order.
   const EntryPages::List& table(uint32_t tableId) const;
+  std::vector<const Entry*> entries(uint32_t tableId) const;
   // Of a table that has one at most; null for none.
   const Entry* onlyEntry(uint32_t tableId) const;
   // The members (or groups) of a profile, by id.
@@ -111,6 +112,7 @@ class EntryStore::Snapshot {
 
  private:
   const EntryPages::List& list(uint64_t number) const;
+  static std::vector<const Entry*> entriesOf(const EntryPages::List& list);
 
   EntryStore& store_;
   uint64_t number_ = 0;

@@ -104,6 +104,12 @@ struct Holding {
   static void name(Dictionary& type, const std::string& name) { type.hold(name); }
 };
 
+struct Counting {
+  absl::flat_hash_map<Dictionary*, absl::flat_hash_map<uint32_t, uint32_t>>* holders;
+  void number(Dictionary& type, uint32_t number) const { ++(*holders)[&type][number]; }
+  static void name(Dictionary& type, const std::string& name) { type.hold(name); }
+};
+
 struct Taking {
   NamePins* pins;
   void number(Dictionary& type, uint32_t number) const { pins->add(type, {number, false}); }
@@ -116,6 +122,17 @@ struct Taking {
 
 void holdNames(const ActionUser& user, const TablePlan* table, const Entry& entry) {
   visitNames(user, table, entry, Holding{});
+}
+
+void NameHolders::add(const TablePlan& table, const Entry& entry) {
+  visitNames(table, &table, entry, Counting{&holders_});
+}
+
+void NameHolders::holdAll() {
+  for (const auto& [type, numbers] : holders_) {
+    for (const auto& [number, holders] : numbers) type->hold(number, holders);
+  }
+  holders_.clear();
 }
 
 void takeNames(const ActionUser& user, const TablePlan* table, const Entry& entry, NamePins* pins) {

@@ -72,10 +72,13 @@ struct Doorbell::Peer {
 };
 
 Doorbell::Doorbell(Vela::ReactorLoop& loop, const std::string& path,
-                   std::chrono::milliseconds silence, const Brine::Store& store)
+                   std::chrono::milliseconds silence, Brine::Store& store,
+                   std::function<void()> commit)
     : loop_(loop),
       store_(store),
       identity_(identityOf(store)),
+      commit_(std::move(commit)),
+      fixedTypes_(store),
       buffer_(maxMessageBytes, '\0'),
       server_(loop, serverOptions(path, silence),
               [this](Vela::UnixClient client) { handleClient(std::move(client)); }) {}
@@ -107,6 +110,11 @@ Subscribers Doorbell::freeBit() const {
 void Doorbell::refuse(Peer& peer, std::string_view reason) {
   SCRIVEL_TRACE(0, "refused a subscriber: ", reason);
   peer.socket.send(RefusedMessage{reason}.encode(peer.version));
+}
+
+void Doorbell::refuseAndEnd(Peer& peer, std::string_view reason) {
+  refuse(peer, reason);
+  shutdown(peer.socket.descriptor(), SHUT_RDWR);  // the next read finds the end
 }
 
 void Doorbell::handleReadable(Peer& peer) { takeMessages(peer, messagesPerTurn); }
@@ -142,10 +150,15 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
     return false;
   }
   peer.version = messageVersion(message);
+  if (missesTypes(*attach)) {
+    refuseAndEnd(peer,
+                 "a table has another type since this forwarding agent left, and it does not learn "
+                 "of that; start it again");
+    return true;
+  }
   peer.bit = freeBit();
   if (peer.bit == 0) {
-    refuse(peer, "64 subscribers are attached already");
-    shutdown(peer.socket.descriptor(), SHUT_RDWR);  // the next read finds the end
+    refuseAndEnd(peer, "64 subscribers are attached already");
     return true;
   }
   peer.seat->endSilence();
@@ -158,6 +171,8 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   peer.info.appliesAtOnce = (attach->flags & AttachMessage::appliesAtOnce) != 0;
   peer.info.answersQuestions = (attach->flags & AttachMessage::answersQuestions) != 0;
   peer.info.tellsLastHits = (attach->flags & AttachMessage::tellsLastHits) != 0;
+  const bool learnsTypes = (attach->flags & AttachMessage::learnsTypes) != 0;
+  if (fixedTypes_.attachedIs(peer.info.name, learnsTypes)) commit_();
   peer.info.takingSnapshot = !continues;
   // Its next reads show at least the changes committed so far.
   peer.info.sequence = continues ? attach->sequence : last;
@@ -170,6 +185,12 @@ bool Doorbell::handleAttach(Peer& peer, std::string_view message) {
   if (peer.socket.send(accepted, page) != Socket::Sent::all) return false;
   tellAttached();
   return true;
+}
+
+// Whether it would go on with the former type of some table.
+bool Doorbell::missesTypes(const AttachMessage& attach) const {
+  const bool learns = (attach.flags & AttachMessage::learnsTypes) != 0;
+  return !learns && attach.identity == identity_ && fixedTypes_.isRetypedAfter(attach.sequence);
 }
 
 bool Doorbell::handleReports(Peer& peer, std::string_view message) {

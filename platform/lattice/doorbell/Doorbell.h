@@ -15,6 +15,7 @@
 #include "platform/lattice/doorbell/DoorbellMessage.h"
 #include "platform/lattice/doorbell/DoorbellPage.h"
 #include "platform/lattice/doorbell/DoorbellSocket.h"
+#include "platform/lattice/doorbell/FixedTypes.h"
 #include "platform/lattice/doorbell/Report.h"
 #include "platform/lattice/doorbell/ReportBook.h"
 #include "platform/vela/UnixServer.h"
@@ -25,9 +26,10 @@ namespace Lattice {
 // stopLooking(). Loop, store and observer outlive it.
 class Doorbell {
  public:
-  // A client that does not attach within `silence` is disconnected. Throws std::system_error.
+  // A client that does not attach within `silence` is disconnected. `commit` commits what was
+  // written into the store, unless a batch is to. Throws std::system_error.
   Doorbell(Vela::ReactorLoop& loop, const std::string& path, std::chrono::milliseconds silence,
-           const Brine::Store& store);
+           Brine::Store& store, std::function<void()> commit);
   ~Doorbell();
 
   void observerIs(SubscriberObserver observer) { observer_ = std::move(observer); }
@@ -50,6 +52,9 @@ class Doorbell {
   // latest that any of them tells.
   bool ask(const Question& question, AnswerHandler handler);
 
+  // The subscribers, also those that are away, to which a table must not show another type.
+  FixedTypes& fixedTypes() { return fixedTypes_; }
+
   bool anyAttached() const;
   uint64_t receivedByAll() const;  // UINT64_MAX without subscribers
   std::vector<SubscriberInfo> subscribers() const;
@@ -64,6 +69,7 @@ class Doorbell {
   bool takeMessages(Peer& peer, int most);
   bool handleMessage(Peer& peer, std::string_view message);
   bool handleAttach(Peer& peer, std::string_view message);
+  bool missesTypes(const AttachMessage& attach) const;
   bool handleReports(Peer& peer, std::string_view message);
   bool handleInStep(Peer& peer, std::string_view message);
   bool handleProgrammed(Peer& peer, std::string_view message);
@@ -81,6 +87,7 @@ class Doorbell {
   void tell(std::span<const Report> reports);
   void tellAttached();
   void refuse(Peer& peer, std::string_view reason);
+  void refuseAndEnd(Peer& peer, std::string_view reason);
   void drop(Peer& peer, bool malformed);
   Subscribers attachedSet() const;
   void expectReports(uint64_t committedBefore, Subscribers attached);
@@ -99,6 +106,8 @@ class Doorbell {
   Vela::ReactorLoop& loop_;
   const Brine::Store& store_;
   const StoreIdentity identity_;
+  const std::function<void()> commit_;
+  FixedTypes fixedTypes_;
   SubscriberObserver observer_;
   std::vector<std::unique_ptr<Peer>> peers_;
   ReportBook book_;

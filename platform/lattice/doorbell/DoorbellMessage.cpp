@@ -95,8 +95,8 @@ std::optional<AttachMessage> AttachMessage::decode(std::string_view message) {
   attach.identity = takeIdentity(*body);
   attach.name = body->takeText();
   if (!body->bad() && !body->finished()) attach.flags = body->take<uint8_t>();
-  constexpr uint8_t known =
-      AttachMessage::appliesAtOnce | AttachMessage::answersQuestions | AttachMessage::tellsLastHits;
+  constexpr uint8_t known = AttachMessage::appliesAtOnce | AttachMessage::answersQuestions |
+                            AttachMessage::tellsLastHits | AttachMessage::learnsTypes;
   const bool isKnown = (attach.flags & ~known) == 0;
   if (!body->finished() || !isKnown || attach.name.size() > maxSubscriberName) return std::nullopt;
   return attach;

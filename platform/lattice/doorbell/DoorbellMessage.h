@@ -43,6 +43,7 @@ struct AttachMessage {
   static constexpr uint8_t appliesAtOnce = 1;     // see Subscriber::appliesAtOnceIs()
   static constexpr uint8_t answersQuestions = 2;  // see Subscriber::answersQuestionsIs()
   static constexpr uint8_t tellsLastHits = 4;     // see Subscriber::tellsLastHitsIs()
+  static constexpr uint8_t learnsTypes = 8;       // see Subscriber::learnsTypesIs()
   uint64_t sequence = 0;
   StoreIdentity identity{};
   std::string_view name;

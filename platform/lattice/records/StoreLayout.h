@@ -19,6 +19,11 @@ inline constexpr std::string_view typesTable = "lattice/types";
 // sequence numbers, first u64 and last u64. It counts while it is not settled.
 inline constexpr std::string_view wholeBatchTable = "lattice/wholeBatch";
 
+// Under "name/NAME", the forwarding agents that do not learn of other types of tables; under
+// "others", that there are more of them than names; under "retyped", the sequence number u64 at
+// which a table last got another type under its number.
+inline constexpr std::string_view fixedTypesTable = "lattice/fixedTypes";
+
 inline std::string rowTable(std::string_view table) {
   return std::string(rowTablePrefix).append(table);
 }

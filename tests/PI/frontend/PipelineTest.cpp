@@ -185,9 +185,16 @@ TEST_F(PipelineTest, EntriesOfTablesThatStandAlikeGoOver) {
     ASSERT_EQ(inserted(entry).code(), code::ok);
   }
   p4::v1::ForwardingPipelineConfig next = config;
+  auto* added = next.mutable_p4info()->add_actions();
+  added->mutable_preamble()->set_id(0x01aaaaaa);
+  added->mutable_preamble()->set_name("added");
   for (auto& table : *next.mutable_p4info()->mutable_tables()) {
-    if (table.preamble().id() == test::kAcl) table.mutable_match_fields(0)->set_name("other");
-    if (table.preamble().id() == test::kCounted) table.set_size(table.size() + 1);
+    if (table.preamble().id() == test::kAcl) table.mutable_match_fields(0)->set_bitwidth(14);
+    if (table.preamble().id() != test::kCounted) continue;
+    table.set_size(table.size() + 1);
+    table.mutable_preamble()->set_alias("other");
+    table.mutable_match_fields(0)->set_name("other");
+    table.add_action_refs()->set_id(0x01aaaaaa);
   }
   for (auto& action : *next.mutable_p4info()->mutable_actions()) {
     if (action.preamble().id() == test::kForward) action.mutable_params(0)->set_bitwidth(10);
@@ -206,8 +213,14 @@ TEST_F(PipelineTest, EntriesOfTablesThatStandAlikeGoOver) {
   EXPECT_THAT(keptOf(all), IsEmpty()) << "the former pipeline has nothing left";
   ASSERT_EQ(pi_restore_done(1), PI_STATUS_SUCCESS);
   EXPECT_THAT(found(test::query(0)), ElementsAre(EqualsProto(counted)));
-  EXPECT_EQ(written({test::update(Update::MODIFY, counted)}).code(), code::ok);
+  TableEntry changed = counted;
+  changed.mutable_action()->mutable_action()->set_action_id(0x01aaaaaa);
+  changed.mutable_action()->mutable_action()->clear_params();
+  EXPECT_EQ(written({test::update(Update::MODIFY, changed)}).code(), code::ok);
+  EXPECT_THAT(found(test::query(0)), ElementsAre(EqualsProto(changed)));
 
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
+  EXPECT_THAT(keptOf(all), IsEmpty()) << "an action has gone";
   ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, config).code(), code::ok);
   ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, next).code(), code::ok);
   EXPECT_THAT(keptOf(all), IsEmpty()) << "the former pipeline never had its entries";

@@ -266,6 +266,23 @@ TEST_F(ForwardingAgentTest, TablesSurviveAnAgentThatComesBackUnlessTheirTypeChan
   EXPECT_EQ(agent_.table("ports"), nullptr);
 }
 
+TEST_F(ForwardingAgentTest, ATableKeepsItsRowsUnderAnotherType) {
+  Lattice::FollowedTable lags{"lags", typeOf("key lag : U16; action { up 1 { speed : U32; } }")};
+  agent_.tableAdded(lags);
+  change(lags, 1, little(1, 4) + little(100, 4));
+  change(lags, 2, little(2, 4));
+  EXPECT_EQ(lastCode(), 2) << "it has no such action yet";
+  const uint64_t version = agent_.tablesVersion();
+  lags.type = typeOf("key lag : U16; action { down 2 { none : Void; } on 1 { speed : U32; } }");
+  agent_.tableRetyped(lags);
+  EXPECT_NE(agent_.tablesVersion(), version);
+  change(lags, 2, little(2, 4));
+  EXPECT_EQ(lastCode(), 0);
+  EXPECT_EQ(dumpText(*agent_.table("lags")),
+            "lags lag=0x0001 -> action=on speed=0x00000064\nlags lag=0x0002 -> action=down\n");
+  EXPECT_EQ(counter("inserted"), "2");
+}
+
 TEST_F(ForwardingAgentTest, LateReportsKeepTheirOrderAndHoldNothingUp) {
   rule("latency", "100");
   write(1, 100);

@@ -455,6 +455,53 @@ TEST_F(PlaneTest, AnotherProgramTakesTheRowsOver) {
   EXPECT_THAT(out("08"), ElementsAre("500:08"));
 }
 
+// With the same program, or with one that comes with the type.
+TEST_F(PlaneTest, ATableMayGetAnotherTypeUnderItsRows) {
+  memberIs(1, 3);
+  groupIs(10, {1});
+  spread(7, 10);
+  const std::string entry = std::to_string(direct(9, 5) + 100);
+  agent_.rowsEnd();
+  EXPECT_THAT(out("09"), ElementsAre("5:09"));
+  const struct {
+    const char* what;
+    const char* actions;
+    bool isPushed;
+    const char* before;
+    const char* of7;
+    const char* of9;
+  } cases[] = {
+      {"the same program", "send 5 { port : U16; } other 6 { a : U8; }", false, "5:09", "3:07",
+       "5:09"},
+      {"another program", "other 6 { a : U8; } send 5 { port : U16; } more 7 { none : Void; }",
+       true, "5:09", "103:07", "105:09"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.isPushed) push(2, program(100));
+    Lattice::FollowedTable& direct = tables_["direct"];
+    direct.type = Lattice::TableType::compile(
+        "direct", std::string("key v : U8; action { ") + c.actions + " } counter;");
+    agent_.tableRetyped(direct);
+    const uint64_t other =
+        write("direct", big(8, 1), little(6, 4) + little(1, 1) + std::string(17, '\0'));
+    EXPECT_THAT(out("09"), ElementsAre(c.before)) << "until the end of the commit";
+    agent_.rowsEnd();
+    EXPECT_THAT(reportOn(other), AllOf(Not("0 "), Not(HasSubstr("cannot read"))))
+        << "the program has no such action";
+    EXPECT_THAT(out("07"), ElementsAre(c.of7));
+    EXPECT_THAT(out("09"), ElementsAre(c.of9));
+  }
+  EXPECT_THAT(countsTold(), Contains(entry + ": 5 5"));
+  const uint64_t next = direct(8, 6);
+  agent_.rowsEnd();
+  EXPECT_EQ(reportOn(next), "0 ");
+  EXPECT_THAT(out("08"), ElementsAre("106:08"));
+  erase("direct", big(9, 1));
+  agent_.rowsEnd();
+  EXPECT_THAT(out("09"), Not(ElementsAre("105:09")));
+}
+
 TEST_F(PlaneTest, CellsAndCountsStayAsLongAsTheEntries) {
   const std::string entry = std::to_string(direct(7, 3) + 100);
   agent_.rowsEnd();

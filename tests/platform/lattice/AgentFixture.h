@@ -144,6 +144,9 @@ class Follower final : public Lattice::SubscriberHandler {
     rows.erase(table.name);
     ++removed;
   }
+  void tableRetyped(const Lattice::FollowedTable& table) override {
+    retyped.push_back(table.type->definition());
+  }
   void snapshotBegin() override {
     ++snapshots;
     for (auto& [name, of] : rows) of.clear();
@@ -174,6 +177,7 @@ class Follower final : public Lattice::SubscriberHandler {
   }
 
   std::function<void(const Lattice::WholeCommit&)> onWhole;
+  std::vector<std::string> retyped;  // definitions
   std::vector<Lattice::Question> questions;
   Lattice::Answer answers;
   std::map<std::string, std::map<std::string, std::string>> rows;

@@ -422,13 +422,32 @@ TEST_F(RestoreTest, LeavesOutTablesThatStandUntilThereIsADoubt) {
   expectRestored(2, "a batch whose outcome is not known");
   tables->restoreNeededIs(false);
 
-  tables->entriesStand();
-  agent().pipelineIs(pipelineOf(smallP4Info(), smallDeviceConfig()));
+  int files = 0;
+  const auto changeTo = [&](const std::string& p4Info, const std::string& device) {
+    tables->entriesStand();
+    agent().pipelineIs(pipelineOf(p4Info, device), std::to_string(++files));
+  };
+  changeTo(smallP4Info(), smallDeviceConfig());
   expectRestored(1, "the same pipeline once more");
-  tables->entriesStand();
-  agent().pipelineIs(
-      pipelineOf(replaced(smallP4Info(), "size: 4", "size: 5"), smallDeviceConfig()));
+  changeTo(replaced(smallP4Info(), "size: 4", "size: 5"), smallDeviceConfig());
   expectRestored(1, "another size");
+
+  const std::string row = *agent().row("exact");
+  const uint64_t before = agent().lastSequence();
+  const std::string first = "action_refs { id: 0x01000001 } action_refs { id: 0x01000003 } }";
+  const std::string key = "key ether_type : U16; key port : U16;action { ";
+  const std::string added =
+      "set_nexthop 16777218 { nexthop : U32; dmac : EthAddr; src_addr : IpAddr; } ";
+  changeTo(replaced(smallP4Info(), first, "action_refs { id: 0x01000002 } " + first),
+           replaced(smallDeviceConfig(), key, key + added));
+  expectRestored(1, "another action");
+  EXPECT_EQ(*agent().row("exact"), row);
+  EXPECT_EQ(agent().lastSequence(), before) << "forwarding agents hear of no change";
+
+  changeTo(smallP4Info(), smallDeviceConfig());
+  expectRestored(2, "an action has gone");
+  EXPECT_EQ(*agent().row("exact"), row);
+  EXPECT_GT(agent().lastSequence(), before) << "some rows might have had it";
   EXPECT_GT(agent().program(exactEntry(2)), handle);
 }
 

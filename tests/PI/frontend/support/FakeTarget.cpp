@@ -57,7 +57,7 @@ void FakeTarget::batchesAreReleased() {
 }
 
 std::vector<pi_status_t> FakeTarget::restored(uint64_t controllerMetadata,
-                                              const std::string& metadata) {
+                                              const std::string& metadata, uint32_t kept) {
   const std::lock_guard lock(lock_);
   std::vector<pi_status_t> statuses;
   for (auto& [handle, member] : members_) {
@@ -93,6 +93,7 @@ std::vector<pi_status_t> FakeTarget::restored(uint64_t controllerMetadata,
   };
   for (const bool areNames : {true, false}) {  // names first, since one-shot sets need them
     for (auto& [key, row] : rows_) {
+      if (key.tableId == kept) continue;
       if (pi::fe::proto::is_translation_table(key.tableId) == areNames) handBack(key, row);
     }
   }

@@ -127,8 +127,9 @@ class FakeTarget {
   size_t cellCalls() const { return cellCalls_; }    // each cell has counted its index in packets
 
   // Hands everything back, then says that this was all; returns the statuses of the rows. The
-  // metadata are for rows without metadata of their own.
-  std::vector<pi_status_t> restored(uint64_t controllerMetadata, const std::string& metadata);
+  // metadata are for rows without metadata of their own. Leaves out the table `kept`.
+  std::vector<pi_status_t> restored(uint64_t controllerMetadata, const std::string& metadata,
+                                    uint32_t kept = 0);
 
   const std::map<Key, Row>& rows() const { return rows_; }
   const std::map<uint64_t, Member>& members() const { return members_; }

@@ -265,6 +265,44 @@ TEST_F(NamesTest, OfMembersAndOneShotSetsAreKeptOverRestarts) {
   EXPECT_THAT(target.rows(), IsEmpty());
 }
 
+// The pipeline that takes them over counts their users anew.
+TEST_F(NamesTest, OfEntriesThatGoOverAreHeldByThem) {
+  const TableEntry first = neighbor("red", "Ethernet0", "a");
+  const TableEntry second = neighbor("red", "", "a");
+  ASSERT_EQ(
+      written({test::update(Update::INSERT, first), test::update(Update::INSERT, second)}).code(),
+      code::ok);
+  const auto before = stored("port_t");
+  p4::v1::ForwardingPipelineConfig next = config;
+  next.mutable_p4info()->mutable_tables(1)->mutable_match_fields(0)->set_bitwidth(9);
+  (*next.mutable_p4info()->mutable_type_info()->mutable_new_types())["other_t"]
+      .mutable_translated_type()
+      ->mutable_sdn_string();
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, next).code(), code::ok);
+  pi_p4_id_t table = kNeighbors;
+  size_t count = 1;
+  ASSERT_EQ(pi_restore_keep(1, &table, &count), PI_STATUS_SUCCESS);
+  ASSERT_EQ(count, 1u);
+  target.restored(0, "", kNeighbors);
+  EXPECT_THAT(found(test::query(0)),
+              testing::UnorderedElementsAre(EqualsProto(first), EqualsProto(second)));
+  EXPECT_EQ(stored("port_t"), before);
+  ASSERT_EQ(codeOf(Update::DELETE, first), code::ok);
+  EXPECT_THAT(stored("port_t"), ElementsAre(testing::Pair("a", before.at("a"))));
+  EXPECT_THAT(stored("vrf_t"), SizeIs(1));
+  ASSERT_EQ(codeOf(Update::DELETE, second), code::ok);
+  EXPECT_THAT(target.rows(), IsEmpty());
+
+  // A type that is translated in another way.
+  ASSERT_EQ(codeOf(Update::INSERT, second), code::ok);
+  (*next.mutable_p4info()->mutable_type_info()->mutable_new_types())["port_t"]
+      .mutable_translated_type()
+      ->set_uri("other");
+  ASSERT_EQ(device->pipelineConfigSet(Push::VERIFY_AND_COMMIT, next).code(), code::ok);
+  ASSERT_EQ(pi_restore_keep(1, &table, &count), PI_STATUS_SUCCESS);
+  EXPECT_EQ(count, 0u);
+}
+
 TEST_F(NamesTest, OfValueSetsAreKeptToo) {
   p4::v1::Entity entity;
   auto& set = *entity.mutable_value_set_entry();
