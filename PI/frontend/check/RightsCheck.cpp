@@ -52,8 +52,7 @@ std::string objectText(const P4InfoIndex& index, const EntityObject& object) {
 }
 
 void requireRight(const P4InfoIndex& index, const EntityRights& rights, EntityUse use,
-                  const Entity& entity) {
-  const EntityObject object = objectOf(entity);
+                  const EntityObject& object) {
   if (object.kind == Kind::ofP4Info && object.id == 0) return;
   if (rights.permits(use, object)) return;
   throw Refusal(code::permissionDenied, rights.refusal(use, object, objectText(index, object)));
@@ -73,12 +72,17 @@ EntityObject objectOf(const EntityPlan& plan) {
 }
 
 void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, const Entity& entity) {
-  requireRight(index, rights, EntityUse::write, entity);
+  requireRight(index, rights, EntityUse::write, objectOf(entity));
+}
+
+void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, uint32_t objectId) {
+  requireRight(index, rights, EntityUse::write, {Kind::ofP4Info, objectId});
 }
 
 // A Read of all groups or sessions names none, and is answered with none.
 void requireReadRight(const P4InfoIndex& index, const EntityRights& rights, const Entity& entity) {
-  if (objectOf(entity).id != 0) requireRight(index, rights, EntityUse::read, entity);
+  const EntityObject object = objectOf(entity);
+  if (object.id != 0) requireRight(index, rights, EntityUse::read, object);
 }
 
 }  // namespace pi::fe::proto

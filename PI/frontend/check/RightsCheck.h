@@ -7,12 +7,14 @@
 
 namespace pi::fe::proto {
 
-// Both throw a Refusal (PERMISSION_DENIED) that names the object. An entity without an object, or a
+// All throw a Refusal (PERMISSION_DENIED) that names the object. An entity without an object, or a
 // query for all objects of a kind, passes.
 void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights,
                        const p4::v1::Entity& entity);
 void requireReadRight(const P4InfoIndex& index, const EntityRights& rights,
                       const p4::v1::Entity& entity);
+// Of an object by its id in the P4Info.
+void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, uint32_t objectId);
 
 EntityObject objectOf(const EntityPlan& plan);
 
