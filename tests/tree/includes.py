@@ -49,7 +49,7 @@ PI/include/PI/*           PI/include/PI proto
 PI/core                   PI/include
 PI/frontend/base          PI/core+ proto
 PI/frontend/names         PI/frontend/base+
-PI/frontend/model         PI/frontend/names+
+PI/frontend/model         PI/frontend/names+ access
 PI/frontend/store         PI/frontend/model+
 PI/frontend/check         PI/frontend/store+
 PI/frontend/target        PI/frontend/check+
