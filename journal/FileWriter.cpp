@@ -152,13 +152,16 @@ void FileWriter::write(std::string_view records, size_t* written) {
       makeRoom(fileMark.size());
       writeAll(fileMark);
     }
+    size_t last = 0;
     size_t size = recordBytes(records);
     while (const size_t next = recordBytes(records.substr(size))) {
       if (files_.back().bytes + size + next > fileBytes_) break;
+      last = size;
       size += next;
     }
     makeRoom(size);
     writeAll(records.substr(0, size));
+    lastSequence_ = sequenceOf(records.substr(last));
     *written += size;
     records.remove_prefix(size);
   }
