@@ -21,20 +21,15 @@ std::string_view unquoted(std::string_view text) {
 }
 
 // Of those with a list only the form with one text can be named.
-void structuredIs(const p4::config::v1::StructuredAnnotation& given, Object* object) {
+Annotation structured(const p4::config::v1::StructuredAnnotation& given) {
   Annotation annotation{given.name(), ""};
   const auto& expressions = given.expression_list().expressions();
   if (expressions.size() == 1) annotation.value = expressions[0].string_value();
-  object->annotations.push_back(std::move(annotation));
+  return annotation;
 }
 
 Object objectOf(ObjectKind kind, const Preamble& preamble) {
-  Object object{kind, preamble.id(), preamble.name(), preamble.alias(), {}};
-  for (const std::string& text : preamble.annotations()) {
-    if (auto annotation = annotationOf(text)) object.annotations.push_back(*std::move(annotation));
-  }
-  for (const auto& given : preamble.structured_annotations()) structuredIs(given, &object);
-  return object;
+  return {kind, preamble.id(), preamble.name(), preamble.alias(), annotationsOf(preamble)};
 }
 
 }  // namespace
@@ -50,6 +45,17 @@ std::optional<Annotation> annotationOf(std::string_view text) {
   if (!text.ends_with(')') && !text.ends_with(']')) return std::nullopt;
   const std::string_view body = trimmed(text.substr(open + 1, text.size() - open - 2));
   return Annotation{std::string(name), std::string(unquoted(body))};
+}
+
+std::vector<Annotation> annotationsOf(const Preamble& preamble) {
+  std::vector<Annotation> annotations;
+  for (const std::string& text : preamble.annotations()) {
+    if (auto annotation = annotationOf(text)) annotations.push_back(*std::move(annotation));
+  }
+  for (const auto& given : preamble.structured_annotations()) {
+    annotations.push_back(structured(given));
+  }
+  return annotations;
 }
 
 Object replicationObject(std::string_view name) {

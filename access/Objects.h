@@ -9,7 +9,8 @@
 
 namespace p4::config::v1 {
 class P4Info;
-}
+class Preamble;
+}  // namespace p4::config::v1
 
 namespace Access {
 
@@ -30,8 +31,12 @@ struct Annotation {
   std::string name;
   std::string value;  // between the brackets, without quotation marks; empty: none
 };
+// Of objects that belong to a role: @p4runtime_role("acl").
+inline constexpr char roleAnnotation[] = "p4runtime_role";
 // Nothing: the text is no annotation.
 std::optional<Annotation> annotationOf(std::string_view text);
+// Of an object, plain and structured ones.
+std::vector<Annotation> annotationsOf(const p4::config::v1::Preamble& preamble);
 
 struct Object {
   ObjectKind kind = ObjectKind::table;

@@ -18,6 +18,8 @@ namespace {
 
 constexpr uint64_t filesOfJournal = 8;
 constexpr uint64_t leastFileBytes = 64 << 10;
+// The newest file is read when a process begins to write, which must not take long.
+constexpr uint64_t mostFileBytes = 8 << 20;
 
 [[noreturn]] void fail(int error, const std::string& what) {
   throw std::system_error(error, std::generic_category(), what);
@@ -28,7 +30,7 @@ constexpr uint64_t leastFileBytes = 64 << 10;
 FileWriter::FileWriter(std::string directory, uint64_t mostBytes)
     : directory_(std::move(directory)),
       mostBytes_(mostBytes),
-      fileBytes_(std::max(mostBytes / filesOfJournal, leastFileBytes)) {
+      fileBytes_(std::clamp(mostBytes / filesOfJournal, leastFileBytes, mostFileBytes)) {
   lock();
   doFindFiles();
 }
@@ -150,13 +152,16 @@ void FileWriter::write(std::string_view records, size_t* written) {
       makeRoom(fileMark.size());
       writeAll(fileMark);
     }
+    size_t last = 0;
     size_t size = recordBytes(records);
     while (const size_t next = recordBytes(records.substr(size))) {
       if (files_.back().bytes + size + next > fileBytes_) break;
+      last = size;
       size += next;
     }
     makeRoom(size);
     writeAll(records.substr(0, size));
+    lastSequence_ = sequenceOf(records.substr(last));
     *written += size;
     records.remove_prefix(size);
   }

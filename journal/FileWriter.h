@@ -22,7 +22,7 @@ class FileWriter {
   // that writes there is EBUSY.
   FileWriter(std::string directory, uint64_t mostBytes);
 
-  // The highest sequence in the files that were there; 0 without one.
+  // The highest sequence in the files; 0 without one.
   uint64_t lastSequence() const { return lastSequence_; }
   // What was found at the end of the newest file, in plain words; empty when it is sound.
   const std::string& found() const { return found_; }

@@ -37,14 +37,23 @@ uint64_t countOf(std::string_view records) {
   return count;
 }
 
+void writeGap(FileWriter& files, uint64_t sequence, const Gap& gap) {
+  const Draft draft = Draft::gap(gap);
+  std::string bytes(draft.size(), '\0');
+  draft.write(sequence, std::chrono::system_clock::now(), bytes.data());
+  seal(bytes);
+  size_t written = 0;
+  files.write(bytes, &written);
+}
+
 }  // namespace
 
 Journal::Journal(Options options)
     : options_(std::move(options)),
       files_(options_.directory, options_.mostBytes),
-      queue_(options_.queuePath, options_.queueBytes / 2) {
+      queue_(queuePathWithoutOthersRest(), options_.queueBytes / 2) {
   if (!files_.found().empty()) tell("the journal: " + files_.found());
-  doRecover();
+  doRecover(queue_, files_);
   Start start = options_.start;
   start.isLacking |= !start.isFromEmpty && files_.lastSequence() == 0;
   queue_.append(Draft::start(start));
@@ -56,11 +65,36 @@ Journal::~Journal() {
   thread_.join();
 }
 
-void Journal::doRecover() {
-  queue_.lastSequenceIs(files_.lastSequence());
+// A queue of another size is not taken over, and another directory has another journal.
+const std::string& Journal::queuePathWithoutOthersRest() {
+  const std::string& path = options_.queuePath;
+  const std::string& former = options_.formerDirectory;
+  const size_t left = Queue::halfBytesAt(path);
+  if (left == 0) return path;
+  if (!former.empty() && former != options_.directory) {
+    try {
+      FileWriter files(former, UINT64_MAX);  // nothing makes room there any more
+      Queue queue(path, left);
+      doRecover(queue, files);
+      return path;
+    } catch (const std::system_error& e) {
+      tell(fmt::format("the last records of the journal in {} go to {}: {}", former,
+                       options_.directory, e.what()));
+    }
+  }
+  if (left != Queue::halfBytesFor(options_.queueBytes / 2)) {
+    Queue queue(path, left);
+    doRecover(queue, files_);
+  }
+  return path;
+}
+
+void Journal::doRecover(Queue& queue, FileWriter& files) {
+  const uint64_t last = files.lastSequence();
+  queue.lastSequenceIs(last);
   for (int half = 0; half < 2; ++half) {
-    write(queue_.take(), files_.lastSequence());
-    queue_.takenIs();
+    write(files, queue.take(), last);
+    queue.takenIs();
   }
 }
 
@@ -80,36 +114,36 @@ Journal::Figures Journal::figures() const {
 
 void Journal::run() {
   while (queue_.wait(options_.moment)) {
-    write(queue_.take(), 0);
+    write(files_, queue_.take(), 0);
     queue_.takenIs();
   }
 }
 
-void Journal::write(const Queue::Taken& taken, uint64_t after) {
-  writeRecords(behind(sealed(taken.records), after));
+void Journal::write(FileWriter& files, const Queue::Taken& taken, uint64_t after) {
+  writeRecords(files, behind(sealed(taken.records), after));
   if (taken.lost != 0 && taken.gapSequence > after) {
     noteLost(taken.lost);
     try {
-      writeGap(taken.gapSequence, {taken.lost, taken.reason});
+      writeGap(files, taken.gapSequence, {taken.lost, taken.reason});
     } catch (const std::system_error& e) {
       unwritten_ += taken.lost;
       noteTrouble(e.what());
     }
   }
   const std::lock_guard lock(mutex_);
-  figures_.bytes = files_.bytes();
+  figures_.bytes = files.bytes();
 }
 
-void Journal::writeRecords(std::string_view records) {
+void Journal::writeRecords(FileWriter& files, std::string_view records) {
   if (records.empty()) return;
   size_t written = 0;
   try {
     if (unwritten_ != 0) {
       // The place of the last record that was lost.
-      writeGap(sequenceOf(records) - 1, {unwritten_, GapReason::noRoom});
+      writeGap(files, sequenceOf(records) - 1, {unwritten_, GapReason::noRoom});
       unwritten_ = 0;
     }
-    files_.write(records, &written);
+    files.write(records, &written);
     noteTrouble("");
   } catch (const std::system_error& e) {
     const uint64_t lost = countOf(records.substr(written));
@@ -117,15 +151,6 @@ void Journal::writeRecords(std::string_view records) {
     noteLost(lost);
     noteTrouble(e.what());
   }
-}
-
-void Journal::writeGap(uint64_t sequence, const Gap& gap) {
-  const Draft draft = Draft::gap(gap);
-  std::string bytes(draft.size(), '\0');
-  draft.write(sequence, std::chrono::system_clock::now(), bytes.data());
-  seal(bytes);
-  size_t written = 0;
-  files_.write(bytes, &written);
 }
 
 void Journal::noteLost(uint64_t records) {

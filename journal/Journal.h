@@ -20,6 +20,8 @@ class Journal {
  public:
   struct Options {
     std::string directory;  // of the files
+    // Of the process before, if it is known: what that left in the queue belongs there.
+    std::string formerDirectory = {};
     std::string queuePath;  // in shared memory
     uint64_t mostBytes = 0;
     size_t queueBytes = 16 << 20;
@@ -29,7 +31,8 @@ class Journal {
     // lost.
     std::function<void(const std::string& line)> tell;
   };
-  // Writes what a former process left in the queue. Throws std::system_error.
+  // Writes what a former process left in the queue, whatever the size and the directory of its
+  // journal were. Throws std::system_error.
   explicit Journal(Options options);
   ~Journal();  // writes what is in the queue
   Journal(const Journal&) = delete;
@@ -51,21 +54,22 @@ class Journal {
   bool flush(std::chrono::milliseconds most) { return queue_.flush(most); }
 
  private:
-  void doRecover();
+  const std::string& queuePathWithoutOthersRest();
+  void doRecover(Queue& queue, FileWriter& files);
   void run();
-  void write(const Queue::Taken& taken, uint64_t after);
-  void writeRecords(std::string_view records);
-  void writeGap(uint64_t sequence, const Gap& gap);
+  void write(FileWriter& files, const Queue::Taken& taken, uint64_t after);
+  void writeRecords(FileWriter& files, std::string_view records);
   void noteLost(uint64_t records);
   void noteTrouble(const std::string& trouble);
   void tell(const std::string& line) const;
 
   const Options options_;
-  FileWriter files_;  // of the constructor, then of the thread
-  Queue queue_;
-  uint64_t unwritten_ = 0;    // records that found no room in the files; of the thread
   mutable std::mutex mutex_;  // guards figures_
   Figures figures_;
+  // Of the constructor, then of the thread.
+  uint64_t unwritten_ = 0;  // records that found no room in the files
+  FileWriter files_;
+  Queue queue_;
   std::thread thread_;
 };
 

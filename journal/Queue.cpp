@@ -45,6 +45,21 @@ struct Queue::Head {
   Half halves[2];
 };
 
+size_t Queue::halfBytesFor(size_t halfBytes) { return wholePages(halfBytes); }
+
+size_t Queue::halfBytesAt(const std::string& path) {
+  constexpr uint64_t mostHalfBytes = uint64_t{1} << 30;  // far beyond those that we make
+  const Vela::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  uint64_t begin[2] = {};  // mark and halfBytes
+  struct stat status {};
+  if (!fd || pread(fd.get(), begin, sizeof begin, 0) != sizeof begin) return 0;
+  const uint64_t halfBytes = begin[1];
+  if (begin[0] != layoutMark || halfBytes > mostHalfBytes || fstat(fd.get(), &status) != 0)
+    return 0;
+  const bool isWhole = static_cast<uint64_t>(status.st_size) == pageBytes + 2 * halfBytes;
+  return isWhole ? halfBytes : 0;
+}
+
 Queue::Queue(const std::string& path, size_t halfBytes)
     : halfBytes_(wholePages(halfBytes)), mappedBytes_(pageBytes + 2 * halfBytes_) {
   static_assert(sizeof(Head) <= pageBytes);

@@ -24,6 +24,9 @@ class Queue {
   // or another queue has it (EBUSY).
   Queue(const std::string& path, size_t halfBytes);
   ~Queue();
+  // Of the queue that a former process left there; 0: there is none, or it is damaged.
+  static size_t halfBytesAt(const std::string& path);
+  static size_t halfBytesFor(size_t halfBytes);  // rounded up
   Queue(const Queue&) = delete;
   Queue& operator=(const Queue&) = delete;
 

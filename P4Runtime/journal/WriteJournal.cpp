@@ -161,6 +161,7 @@ void WriteJournal::doBegin() {
   Journal::Journal::Options options;
   options.directory =
       config_->directory().empty() ? stateDirectory_ + "/journal" : config_->directory();
+  options.formerDirectory = keptIn_;
   options.queuePath = stateDirectory_ + "/journal.queue";
   options.mostBytes = bytes;
   options.queueBytes = std::min(mostQueueBytes, bytes / 2);

@@ -80,6 +80,11 @@ bool DeviceMgr::may_read(const EntityCaller& caller, uint32_t object_id) const {
   return imp_->mayRead(caller, object_id);
 }
 
+DeviceMgr::Status DeviceMgr::require_writable(const EntityCaller& caller,
+                                              std::span<const uint32_t> object_ids) const {
+  return imp_->requireWritable(caller, object_ids);
+}
+
 DeviceMgr::Status DeviceMgr::stream_message_request_handle(
     const p4::v1::StreamMessageRequest& request) {
   return imp_->streamMessage(request);

@@ -7,6 +7,7 @@
 #include "PI/frontend/base/Permission.h"
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontend/base/StatusText.h"
+#include "PI/frontend/check/RightsCheck.h"
 #include "PI/frontend/read/ReadRun.h"
 #include "PI/frontend/write/WaitingWrite.h"
 #include "PI/frontends/proto/write_statistics.h"
@@ -257,6 +258,17 @@ bool DeviceMgrImp::mayRead(const EntityCaller& caller, uint32_t objectId) const 
   if (current == nullptr) return false;
   return rightsOf(&caller, *current)
       ->permits(EntityUse::read, {EntityObject::Kind::ofP4Info, objectId});
+}
+
+DeviceMgrImp::Status DeviceMgrImp::requireWritable(const EntityCaller& caller,
+                                                   std::span<const uint32_t> objectIds) const {
+  return statusOf([&]() -> Status {
+    const std::shared_ptr<Pipeline> current = pipeline();
+    if (current == nullptr) return {};
+    const auto rights = rightsOf(&caller, *current);
+    for (const uint32_t id : objectIds) requireWriteRight(current->index(), *rights, id);
+    return {};
+  });
 }
 
 pi_status_t DeviceMgrImp::restoredMemberIs(pi_p4_id_t profileId, const pi_action_data_t* action,

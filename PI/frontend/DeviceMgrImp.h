@@ -56,6 +56,7 @@ class DeviceMgrImp {
   Status read(const p4::v1::ReadRequest& request, const DeviceMgr::ReadSink& sink,
               const EntityCaller* caller = nullptr) const;
   bool mayRead(const EntityCaller& caller, uint32_t objectId) const;
+  Status requireWritable(const EntityCaller& caller, std::span<const uint32_t> objectIds) const;
   Status streamMessage(const p4::v1::StreamMessageRequest& request) const;
   void streamResponseCbIs(DeviceMgr::StreamMessageResponseCb cb, void* cookie);
 

@@ -116,6 +116,12 @@ void CallerAccess::roleIs(uint64_t deviceId, std::optional<std::string> role) {
   claims_ = arbitration_.claims(deviceId);
 }
 
+CallerAccess CallerAccess::byPolicyAlone() const {
+  CallerAccess made(*this);
+  made.claims_ = nullptr;
+  return made;
+}
+
 bool CallerAccess::isUpToDate() const {
   return policyVersion_ == policyVersion() && claimsVersion_ == arbitration_.claimsVersion();
 }
@@ -193,7 +199,7 @@ bool CallerAccess::takes(Operation operation, const Object& object) const {
 std::shared_ptr<const EntityRights> CallerAccess::rights(
     uint64_t pipeline, const p4::config::v1::P4Info& p4Info) const {
   const RightsCache::Key key{{pipeline, policyVersion_, claimsVersion_},
-                             {deviceId_, role_, policy_ ? identity_ : ""}};
+                             {deviceId_, role_, policy_ ? identity_ : "", claims_ != nullptr}};
   if (auto known = cache_.find(key)) return known;
   const std::vector<Object> objects = Access::objectsOf(p4Info);
   auto made = std::make_shared<const Rights>(

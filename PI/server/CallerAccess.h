@@ -29,7 +29,8 @@ class RightsCache {
   struct Key {
     // Decisions of another time are dropped.
     std::tuple<uint64_t, uint64_t, uint64_t> time;  // pipeline, policy, claims
-    std::tuple<uint64_t, std::optional<std::string>, std::string> caller;  // device, role, identity
+    // device, role, identity, whether the configs of roles count
+    std::tuple<uint64_t, std::optional<std::string>, std::string, bool> caller;
   };
 
   Rights find(const Key& key);  // null: not there
@@ -71,6 +72,8 @@ class CallerAccess final : public fe::proto::EntityCaller {
   grpc::Status requireCall(std::string_view path) const;
   // Before the functions below. No role: a Read in all roles of its caller.
   void roleIs(uint64_t deviceId, std::optional<std::string> role);
+  // The same caller in its role, as the policy alone has it: no config of a role counts.
+  CallerAccess byPolicyAlone() const;
   grpc::Status requireContest(bool takesPart) const;  // else it watches the role's election
   grpc::Status require(Operation operation) const;    // push, packet out, packet in
   bool permits(Operation operation) const;

@@ -216,6 +216,8 @@ Status ControllerStream::handleArbitration(const p4::v1::MasterArbitrationUpdate
   if (!unended.ok()) return unended;
   Status placed = requirePlace(role, update.has_election_id());
   if (!placed.ok()) return placed;
+  Status named = config ? requireWritable(*config) : Status::OK;
+  if (!named.ok()) return named;
   streams_.arbitratedIs(*this);
   return arbitration_.clientIs(*this, role, electionIdOf(update), std::move(config));
 }
@@ -228,6 +230,22 @@ Status ControllerStream::requirePlace(const RoleOfDevice& role, bool takesPart) 
     standing_.reset();
   }
   return requireItsPlace();
+}
+
+// A config bars others from its objects: under a policy only those with a right to them may do
+// that.
+Status ControllerStream::requireWritable(const RoleConfig& config) {
+  const auto standing = this->standing();
+  const auto device = devices_.device(role_->deviceId);
+  if (!standing || !device) return Status::OK;
+  const CallerAccess access = standing->access->byPolicyAlone();
+  for (const auto* ids : {&config.exclusiveIds, &config.sharedIds}) {
+    const auto writable = device->require_writable(access, *ids);
+    if (writable.code() == 0) continue;
+    return Status(static_cast<StatusCode>(writable.code()),
+                  writable.message() + "; leave it out of the role's config");
+  }
+  return Status::OK;
 }
 
 Status ControllerStream::requireItsPlace() {

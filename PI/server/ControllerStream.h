@@ -92,6 +92,7 @@ class ControllerStream : public ArbitrationClient {
   void handleForDevice(const p4::v1::StreamMessageRequest& request);
   grpc::Status requireRight(const p4::v1::StreamMessageRequest& request);
   grpc::Status requirePlace(const RoleOfDevice& role, bool takesPart);
+  grpc::Status requireWritable(const RoleConfig& config);
   // Null: it may do everything.
   std::shared_ptr<const Standing> standing();
   void countNotPrimary();

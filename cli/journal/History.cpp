@@ -14,7 +14,6 @@
 #include "p4/v1/p4runtime.pb.h"
 #include "pipeline/P4InfoLookup.h"
 #include "platform/vela/Json.h"
-#include "platform/vela/PlainText.h"
 
 namespace Cli {
 
@@ -23,10 +22,6 @@ using Journal::RecordKind;
 using Kind = HistoryEvent::Kind;
 
 namespace {
-
-constexpr size_t longestText = 2000;
-
-std::string plain(std::string_view text) { return Vela::plainLine(text, longestText); }
 
 std::string whatOf(const p4::v1::Update& update) {
   const char* part = update.entity().has_direct_counter_entry() ? " counter"
@@ -99,8 +94,8 @@ HistoryEvent eventOf(Kind kind, const Record& record) {
   event.sequence = record.sequence;
   event.time = record.time;
   if (const auto request = Journal::requestOf(record)) {
-    event.identity = plain(request->identity);
-    event.address = plain(request->address);
+    event.identity = plainText(request->identity);
+    event.address = plainText(request->address);
   }
   return event;
 }
@@ -143,7 +138,7 @@ void History::addWrite(const Record& record) {
     if (!pattern_.matches(update.entity())) continue;
     ++updates_;
     HistoryEvent& event = add(Kind::update, record);
-    event.role = plain(roleOf(write));
+    event.role = plainText(roleOf(write));
     event.electionId = electionIdText(write);
     event.what = whatOf(update);
     event.number = static_cast<size_t>(i) + 1;
@@ -163,7 +158,7 @@ void History::addPush(const Record& record) {
   p4::v1::SetForwardingPipelineConfigRequest push;
   if (!request || !parse(request->bytes, &push) || !changesPipeline(push.action())) return;
   HistoryEvent event = eventOf(Kind::push, record);
-  event.role = plain(roleOf(push));
+  event.role = plainText(roleOf(push));
   event.electionId = electionIdText(push);
   event.what = p4::v1::SetForwardingPipelineConfigRequest::Action_Name(push.action());
   pushes_[record.sequence] = std::move(event);
@@ -213,10 +208,10 @@ void History::addOutcome(const Record& record) {
     if (told->kind == Kind::update) {
       const UpdateOutcome own = outcomeOfUpdate(*outcome, told->number - 1);
       told->code = own.code;
-      told->message = plain(own.message);
+      told->message = plainText(own.message);
     } else {
       told->code = outcome->code;
-      told->message = plain(outcome->message);
+      told->message = plainText(outcome->message);
     }
   }
   open_.erase(open);

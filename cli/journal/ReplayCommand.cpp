@@ -201,7 +201,7 @@ void run(ReplayOptions options, bool hasDevice) {
   ReplayTarget target(options);
   const bool pushes = maybePush(options, survey, target);
   Replaying replaying(options, survey, target);
-  ReplaySteps steps(survey.from);
+  ReplaySteps steps(survey.from, defaultOpenBytes, survey.latePushes);
   const auto takeReady = [&] {
     while (auto step = steps.next()) replaying.take(std::move(*step), pushes);
   };

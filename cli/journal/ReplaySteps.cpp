@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <functional>
-#include <map>
+#include <string>
 #include <utility>
+#include <vector>
 
+#include "cli/journal/InstalledPush.h"
 #include "cli/journal/Requests.h"
 
 namespace Cli {
@@ -17,6 +19,8 @@ namespace {
 
 // More than a server takes at once: the first of so many will have no outcome any more.
 constexpr size_t mostOpenCalls = 10'000;
+// The agent answers a push so when its pipeline may still come up.
+constexpr uint32_t unavailable = 14;
 
 // Follows which pipeline runs.
 class PipelineSurvey {
@@ -28,7 +32,8 @@ class PipelineSurvey {
     if (record.kind == RecordKind::pipeline) return handleOwn(record);
     if (record.kind == RecordKind::push) {
       if (const auto request = Journal::requestOf(record)) {
-        open_[record.sequence] = {record.sequence, record.time, std::string(request->bytes)};
+        open_[record.sequence] = {
+            .place = record.sequence, .time = record.time, .bytes = std::string(request->bytes)};
         pushesHaveBegun_ = true;
       }
       return;
@@ -37,6 +42,7 @@ class PipelineSurvey {
     if (!outcome) return;
     const auto open = open_.find(outcome->request);
     if (open == open_.end()) return;
+    if (outcome->code == unavailable && !open->second.isLate) return handleLate(open->first);
     if (outcome->code == 0) handleDone(open->second);
     open_.erase(open);
   }
@@ -46,6 +52,8 @@ class PipelineSurvey {
     uint64_t place;  // sequence at which it took effect
     Journal::Time time;
     std::string bytes;
+    std::string installed;  // the agent's own request after it; empty: none yet
+    bool isLate = false;    // its outcome was that the pipeline may still come up
   };
 
   void handleStart(const Record& record) {
@@ -75,10 +83,37 @@ class PipelineSurvey {
     const auto request = Journal::requestOf(record);
     if (!request || !parse(request->bytes, &own)) return;
     survey_.deviceId = own.device_id();
-    for (auto& [sequence, open] : open_) open.place = record.sequence;
+    for (auto& [sequence, open] : open_) {
+      open.place = record.sequence;
+      open.installed = request->bytes;
+    }
     if (!survey_.pipeline || !pushesHaveBegun_) {
       survey_.pipeline = std::move(*own.mutable_config());
     }
+    // The late ones have come up now, or another pipeline took their place.
+    std::vector<uint64_t> late;
+    for (const auto& [number, open] : open_) {
+      if (open.isLate) late.push_back(number);
+    }
+    for (const uint64_t number : late) settle(number);
+  }
+
+  void handleLate(uint64_t sequence) {
+    Open& open = open_.at(sequence);
+    open.isLate = true;
+    if (!open.installed.empty()) settle(sequence);
+  }
+
+  void settle(uint64_t sequence) {
+    const Open open = std::move(open_.at(sequence));
+    open_.erase(sequence);
+    Push push;
+    if (!parse(open.bytes, &push) || !changesPipeline(push.action())) return;
+    const bool isCommit = push.action() == Push::COMMIT;
+    if (isCommit && !saved_) return;
+    if (!installs(open.installed, isCommit ? *saved_ : push.config())) return;
+    survey_.latePushes[sequence] = open.place;
+    handleDone(open);
   }
 
   void handleDone(const Open& open) {
@@ -150,7 +185,10 @@ void ReplaySteps::placePush() {
   const auto isOpenPush = [](const Call& call) {
     return call.kind == RecordKind::push && !call.isKnown && !call.isUnknown;
   };
-  std::stable_partition(calls_.begin(), calls_.end(), std::not_fn(isOpenPush));
+  const auto pushes = std::stable_partition(calls_.begin(), calls_.end(), std::not_fn(isOpenPush));
+  for (auto call = pushes; call != calls_.end(); ++call) {
+    if (call->isLate) call->isKnown = true;
+  }
 }
 
 void ReplaySteps::end() {
@@ -164,8 +202,11 @@ void ReplaySteps::addOutcome(const Record& record) {
   const auto call = std::find_if(calls_.rbegin(), calls_.rend(),
                                  [&](const Call& one) { return one.sequence == outcome->request; });
   if (call == calls_.rend()) return;
-  call->isKnown = true;
-  call->code = outcome->code;
+  const auto late = latePushes_.find(call->sequence);
+  call->code = late == latePushes_.end() ? outcome->code : 0;
+  // One that comes up later keeps its place open until then.
+  call->isLate = late != latePushes_.end() && late->second > record.sequence;
+  call->isKnown = !call->isLate;
   for (const Journal::Failure& failure : outcome->failures) call->failures.push_back(failure.index);
 }
 

@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "journal/Reader.h"
@@ -27,6 +29,8 @@ struct Survey {
   uint64_t deviceId = 0;  // of the newest pipeline
   // The pipeline to begin with; empty when the journal has none.
   std::optional<p4::v1::ForwardingPipelineConfig> pipeline;
+  // Pushes that were told UNAVAILABLE and came up all the same: where, both by sequence.
+  std::map<uint64_t, uint64_t> latePushes;
   std::vector<std::string> notes;  // of the reader
 };
 Survey surveyOf(Journal::Reader reader);
@@ -40,13 +44,16 @@ struct ReplayStep {
   std::optional<p4::v1::SetForwardingPipelineConfigRequest> push;
 };
 
+constexpr size_t defaultOpenBytes = 256 << 20;
+
 // Give it all records, and take the steps that are ready after each.
 class ReplaySteps {
  public:
   // Records up to this sequence are passed over. `mostOpenBytes`: of requests that wait for an
   // outcome, or for a former one that does; beyond it the oldest is given up.
-  explicit ReplaySteps(uint64_t from, size_t mostOpenBytes = 256 << 20)
-      : from_(from), mostOpenBytes_(mostOpenBytes) {}
+  explicit ReplaySteps(uint64_t from, size_t mostOpenBytes = defaultOpenBytes,
+                       std::map<uint64_t, uint64_t> latePushes = {})
+      : from_(from), mostOpenBytes_(mostOpenBytes), latePushes_(std::move(latePushes)) {}
 
   void add(const Journal::Record& record);
   void end();  // no more records come
@@ -63,6 +70,7 @@ class ReplaySteps {
     std::string request;
     bool isKnown = false;
     bool isUnknown = false;  // nothing will be known of it
+    bool isLate = false;     // a push that comes up with the next pipeline of the agent
     uint32_t code = 0;
     std::vector<uint32_t> failures;  // of which updates
   };
@@ -74,6 +82,7 @@ class ReplaySteps {
 
   const uint64_t from_;
   const size_t mostOpenBytes_;
+  const std::map<uint64_t, uint64_t> latePushes_;  // as in a Survey
   size_t openBytes_ = 0;
   std::deque<Call> calls_;  // in the order in which they take effect
   uint64_t failed_ = 0;

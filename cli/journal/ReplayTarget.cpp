@@ -1,6 +1,7 @@
 #include "cli/journal/ReplayTarget.h"
 
 #include <fmt/format.h>
+#include <google/protobuf/util/message_differencer.h>
 
 #include <chrono>
 #include <stdexcept>
@@ -11,10 +12,14 @@
 #include "pipeline/Files.h"
 
 namespace Cli {
+
+using google::protobuf::util::MessageDifferencer;
+
 namespace {
 
 constexpr std::chrono::seconds patience{120};  // for one call
 constexpr std::chrono::seconds patienceToConnect{10};
+constexpr std::chrono::milliseconds pollPeriod{100};
 constexpr int mostMetadataBytes = 1 << 20;
 
 std::shared_ptr<grpc::ChannelCredentials> credentialsOf(const TargetOptions& options) {
@@ -44,14 +49,19 @@ std::runtime_error failed(const std::string& what, const TargetOptions& options,
                           const grpc::Status& status) {
   return std::runtime_error(fmt::format("{} at {}: {}: {}", what, options.address,
                                         codeText(static_cast<uint32_t>(status.error_code())),
-                                        status.error_message()));
+                                        plainText(status.error_message())));
 }
 
+// The switch's words may hold anything; those who show them need lines.
 std::vector<p4::v1::Error> errorsOf(const grpc::Status& status) {
   std::vector<p4::v1::Error> errors;
   google::rpc::Status details;
   if (!details.ParseFromString(status.error_details())) return errors;
-  for (const auto& detail : details.details()) detail.UnpackTo(&errors.emplace_back());
+  for (const auto& detail : details.details()) {
+    p4::v1::Error& error = errors.emplace_back();
+    detail.UnpackTo(&error);
+    error.set_message(plainText(error.message()));
+  }
   return errors;
 }
 
@@ -110,21 +120,44 @@ void ReplayTarget::complete(Request* request) const {
   request->mutable_election_id()->set_low(options_.electionId);
 }
 
-bool ReplayTarget::hasPipeline() {
-  p4::v1::GetForwardingPipelineConfigRequest request;
+grpc::Status ReplayTarget::get(Get::ResponseType parts, Config* config) {
+  Get request;
   request.set_device_id(options_.deviceId);
-  request.set_response_type(p4::v1::GetForwardingPipelineConfigRequest::P4INFO_AND_COOKIE);
+  request.set_response_type(parts);
   p4::v1::GetForwardingPipelineConfigResponse response;
   grpc::ClientContext context;
   limit(context);
-  const grpc::Status status = stub_->GetForwardingPipelineConfig(&context, request, &response);
+  grpc::Status status = stub_->GetForwardingPipelineConfig(&context, request, &response);
+  *config = std::move(*response.mutable_config());
+  return status;
+}
+
+bool ReplayTarget::hasPipeline() {
+  Config config;
+  const grpc::Status status = get(Get::P4INFO_AND_COOKIE, &config);
   if (status.error_code() == grpc::StatusCode::FAILED_PRECONDITION) return false;
   if (!status.ok()) throw failed("no answer whether there is a pipeline", options_, status);
-  return response.config().has_p4info();
+  return config.has_p4info();
+}
+
+bool ReplayTarget::runs(const Config& config) {
+  Config running;
+  return get(Get::ALL, &running).ok() && MessageDifferencer::Equals(running, config);
+}
+
+// A switch may answer a push before its pipeline has come up. One that ran before shows nothing.
+bool ReplayTarget::comesUp(const Config& config) {
+  const auto last = std::chrono::steady_clock::now() + options_.patienceForPipeline;
+  while (!runs(config)) {
+    if (std::chrono::steady_clock::now() > last) return false;
+    std::this_thread::sleep_for(pollPeriod);
+  }
+  return true;
 }
 
 void ReplayTarget::push(p4::v1::SetForwardingPipelineConfigRequest::Action action,
-                        const p4::v1::ForwardingPipelineConfig& config) {
+                        const Config& config) {
+  const bool ranBefore = runs(config);
   p4::v1::SetForwardingPipelineConfigRequest request;
   complete(&request);
   request.set_action(action);
@@ -133,7 +166,9 @@ void ReplayTarget::push(p4::v1::SetForwardingPipelineConfigRequest::Action actio
   grpc::ClientContext context;
   limit(context);
   const grpc::Status status = stub_->SetForwardingPipelineConfig(&context, request, &response);
-  if (!status.ok()) throw failed("the pipeline was refused", options_, status);
+  const bool isLate = status.error_code() == grpc::StatusCode::UNAVAILABLE && !ranBefore;
+  if (status.ok() || (isLate && comesUp(config))) return;
+  throw failed("the pipeline was refused", options_, status);
 }
 
 std::vector<p4::v1::Error> ReplayTarget::write(p4::v1::WriteRequest& request) {

@@ -3,6 +3,7 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,12 +20,16 @@ struct TargetOptions {
   std::string role;
   uint64_t electionId = 1;
   std::string ca, certificate, key;  // files in PEM; no ca: without TLS
+  // For a pipeline to run that the switch has not refused.
+  std::chrono::milliseconds patienceForPipeline{120'000};
 };
 
 // Used by one thread. All throw std::runtime_error, with the switch's reason, when a call fails as
-// a whole.
+// a whole. Texts of the switch are made plain lines.
 class ReplayTarget {
  public:
+  using Config = p4::v1::ForwardingPipelineConfig;
+
   // Becomes primary.
   explicit ReplayTarget(TargetOptions options);
   ~ReplayTarget();
@@ -32,13 +37,18 @@ class ReplayTarget {
   ReplayTarget& operator=(const ReplayTarget&) = delete;
 
   bool hasPipeline();
-  void push(p4::v1::SetForwardingPipelineConfigRequest::Action action,
-            const p4::v1::ForwardingPipelineConfig& config);
+  // Also waits for a pipeline of which the switch says UNAVAILABLE, and which it runs later.
+  void push(p4::v1::SetForwardingPipelineConfigRequest::Action action, const Config& config);
   // Empty when all was done, else one an update.
   std::vector<p4::v1::Error> write(p4::v1::WriteRequest& request);
 
  private:
+  using Get = p4::v1::GetForwardingPipelineConfigRequest;
+
   void becomePrimary();
+  grpc::Status get(Get::ResponseType parts, Config* config);
+  bool runs(const Config& config);
+  bool comesUp(const Config& config);
   template <typename Request>
   void complete(Request* request) const;
 

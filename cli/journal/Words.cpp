@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "P4Runtime/monitoring/CodeNames.h"
+#include "platform/vela/PlainText.h"
 
 namespace Cli {
 
@@ -19,6 +20,11 @@ std::string timeText(Journal::Time time) {
 std::string codeText(uint32_t code) {
   using P4Runtime::statusCodeNames;
   return code < std::size(statusCodeNames) ? statusCodeNames[code] : fmt::format("code {}", code);
+}
+
+std::string plainText(std::string_view text) {
+  constexpr size_t longestText = 2000;
+  return Vela::plainLine(text, longestText);
 }
 
 }  // namespace Cli

@@ -172,6 +172,22 @@ TEST_F(JournalFiles, StayWithinTheirBoundAndKeepTheNewest) {
   EXPECT_EQ(FileWriter(directory(), most).lastSequence(), 5000u);
 }
 
+// The next process reads the newest one before it serves.
+TEST_F(JournalFiles, OfALargeJournalAreSmallAllTheSame) {
+  constexpr uint64_t most = uint64_t{1} << 40;
+  const std::string message(1 << 20, 'x');
+  {
+    FileWriter writer(directory(), most);
+    for (uint64_t sequence = 1; sequence <= 20; ++sequence) {
+      write(writer, requestBytes(sequence, message));
+    }
+  }
+  for (const File& file : filesIn(directory())) {
+    EXPECT_LE(std::filesystem::file_size(file.path), uint64_t{9} << 20);
+  }
+  EXPECT_EQ(FileWriter(directory(), most).lastSequence(), 20u);
+}
+
 // A limit of the process stands for a full disk.
 TEST_F(JournalFiles, AreWholeWhenThereIsNoRoomForTheNextOne) {
   FileWriter writer(directory(), 1 << 20);

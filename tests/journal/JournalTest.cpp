@@ -18,6 +18,7 @@ namespace Journal {
 namespace {
 
 using std::chrono::milliseconds;
+using testing::AllOf;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -40,6 +41,12 @@ class JournalTest : public testing::Test {
   }
   static uint64_t request(Journal& journal, std::string_view message) {
     return journal.requestIs(RecordKind::write, "a", "b", {&message, 1});
+  }
+  // As if the process of the queue was killed then.
+  void append(Queue& queue, std::string_view message) const {
+    const std::vector<uint64_t> written = inFiles().sequences;
+    queue.lastSequenceIs(written.empty() ? 0 : written.back());
+    queue.append(Draft::request(RecordKind::write, "a", "b", {&message, 1}));
   }
   Found inFiles() const { return found(filesIn(directory_.file("journal"))); }
 
@@ -100,6 +107,46 @@ TEST_F(JournalTest, HasWhatAKilledProcessHadNotWritten) {
   EXPECT_THAT(inFiles().sequences, ElementsAre(1, 2, 3));
   { Journal journal(options()); }
   EXPECT_THAT(inFiles().requests, ElementsAre("last words", "last words")) << "once, not twice";
+}
+
+TEST_F(JournalTest, HasWhatAKilledProcessLeftInAQueueOfAnotherSize) {
+  { Journal journal(options()); }
+  for (const size_t queueBytes : {64 << 10, 4 << 20}) {
+    {
+      Queue queue(options().queuePath, queueBytes / 2);
+      append(queue, "words");
+      queue.take();
+      append(queue, std::to_string(queueBytes));
+    }
+    Journal journal(options());
+  }
+  EXPECT_THAT(inFiles().requests,
+              ElementsAre("words", std::to_string(64 << 10), "words", std::to_string(4 << 20)));
+  EXPECT_TRUE(std::ranges::is_sorted(inFiles().sequences));
+  EXPECT_THAT(told_, IsEmpty());
+}
+
+TEST_F(JournalTest, WhatAKilledProcessLeftGoesToItsOwnDirectory) {
+  Journal::Options moved = options();
+  moved.directory = directory_.file("moved");
+  moved.formerDirectory = options().directory;
+  const auto leave = [&] {
+    Queue queue(options().queuePath, options().queueBytes / 2);
+    append(queue, "last words");
+  };
+  { Journal journal(options()); }
+  leave();
+  { Journal journal(moved); }
+  EXPECT_THAT(inFiles().requests, ElementsAre("last words"));
+  EXPECT_THAT(found(filesIn(moved.directory)).requests, IsEmpty());
+  EXPECT_THAT(told_, IsEmpty());
+
+  // The directory has gone.
+  leave();
+  moved.formerDirectory = directory_.file("nowhere/journal");
+  { Journal journal(moved); }
+  EXPECT_THAT(found(filesIn(moved.directory)).requests, ElementsAre("last words"));
+  EXPECT_THAT(told_, ElementsAre(AllOf(HasSubstr("nowhere/journal"), HasSubstr(moved.directory))));
 }
 
 // Killed between writing a half and letting it go: it is not written twice.

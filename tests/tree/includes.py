@@ -50,7 +50,7 @@ PI/core                   PI/include
 PI/frontend/base          PI/core+ proto
 PI/frontend/wire          PI/frontend/base+
 PI/frontend/names         PI/frontend/base+
-PI/frontend/model         PI/frontend/names+
+PI/frontend/model         PI/frontend/names+ access
 PI/frontend/store         PI/frontend/model+ PI/frontend/wire+
 PI/frontend/check         PI/frontend/store+
 PI/frontend/target        PI/frontend/check+

@@ -75,8 +75,8 @@ void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, con
   requireRight(index, rights, EntityUse::write, objectOf(entity));
 }
 
-void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, uint32_t tableId) {
-  requireRight(index, rights, EntityUse::write, {Kind::ofP4Info, tableId});
+void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, uint32_t objectId) {
+  requireRight(index, rights, EntityUse::write, {Kind::ofP4Info, objectId});
 }
 
 // A Read of all groups or sessions names none, and is answered with none.

@@ -11,9 +11,10 @@ namespace pi::fe::proto {
 // query for all objects of a kind, passes.
 void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights,
                        const p4::v1::Entity& entity);
-void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, uint32_t tableId);
 void requireReadRight(const P4InfoIndex& index, const EntityRights& rights,
                       const p4::v1::Entity& entity);
+// Of an object by its id in the P4Info.
+void requireWriteRight(const P4InfoIndex& index, const EntityRights& rights, uint32_t objectId);
 
 EntityObject objectOf(const EntityPlan& plan);
 

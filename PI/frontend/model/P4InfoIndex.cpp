@@ -8,6 +8,7 @@
 #include "PI/frontend/base/Refusal.h"
 #include "PI/frontends/proto/p4info_fault.h"
 #include "PI/frontends/proto/translation_tables.h"
+#include "access/Objects.h"
 
 namespace pi::fe::proto {
 
@@ -22,6 +23,17 @@ constexpr char kAction[] = "action";
 constexpr char kProfile[] = "action profile";
 constexpr char kDirectCounter[] = "direct counter";
 constexpr char kDirectMeter[] = "direct meter";
+
+// The name of no role is that of the default role: a policy that gives each role its own objects
+// would take the object for one of everybody without a role.
+void requireRoleNames(const char* kind, const config::Preamble& preamble) {
+  for (const Access::Annotation& annotation : Access::annotationsOf(preamble)) {
+    if (annotation.name != Access::roleAnnotation || !annotation.value.empty()) continue;
+    refuse(code::invalidArgument, "P4Info: ", kind, " ", preamble.name(), " has the annotation @",
+           Access::roleAnnotation, " without the name of a role; write @", Access::roleAnnotation,
+           "(\"NAME\"), or leave it out");
+  }
+}
 
 std::string idText(uint32_t id) { return absl::StrCat("0x", absl::Hex(id, absl::kZeroPad8)); }
 
@@ -254,6 +266,7 @@ void P4InfoIndex::objectIs(const char* kind, const config::Preamble& preamble, i
   if (preamble.id() == 0) {
     refuse(code::invalidArgument, "P4Info: ", kind, " ", preamble.name(), " has the id 0");
   }
+  requireRoleNames(kind, preamble);
   const auto [other, isNew] =
       objects_.try_emplace(preamble.id(), Object{kind, preamble.name(), size});
   if (isNew) return;

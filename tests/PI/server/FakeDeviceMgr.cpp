@@ -1,6 +1,8 @@
 // The DeviceMgr that follows the test's script.
 #include "tests/PI/server/FakeDeviceMgr.h"
 
+#include <grpcpp/support/status.h>
+
 #ifdef KORVEL_SANITIZED
 // The test's thread writes the script before the call that reads it on a thread of gRPC's, which is
 // not built for ThreadSanitizer: the order of the two cannot be seen.
@@ -85,6 +87,17 @@ DeviceMgr::Status DeviceMgr::read(const p4::v1::ReadRequest& request, const Read
 bool DeviceMgr::may_read(const EntityCaller& caller, uint32_t object_id) const {
   const auto& p4Info = TheFakeDevice().pipelines.back().p4info();
   return caller.rights(1, p4Info)->permits(EntityUse::read, {{}, object_id});
+}
+
+DeviceMgr::Status DeviceMgr::require_writable(const EntityCaller& caller,
+                                              std::span<const uint32_t> object_ids) const {
+  const auto rights = caller.rights(1, TheFakeDevice().pipelines.back().p4info());
+  for (const uint32_t id : object_ids) {
+    if (rights->permits(EntityUse::write, {{}, id})) continue;
+    return statusOf(grpc::StatusCode::PERMISSION_DENIED,
+                    rights->refusal(EntityUse::write, {{}, id}, "table t" + std::to_string(id)));
+  }
+  return {};
 }
 
 DeviceMgr::Status DeviceMgr::stream_message_request_handle(

@@ -282,6 +282,56 @@ TEST_F(PolicyTest, AnElectionIdAloneLetsNobodyIn) {
             StatusCode::PERMISSION_DENIED);
 }
 
+// A config of one role bars the configs of others from its objects.
+TEST_F(PolicyTest, AConfigNamesOnlyObjectsThatItsControllerMayWrite) {
+  pipelineIs();
+  constexpr const char* policy = R"({"name": "roles", "allow_rules": [
+      {"name": "a", "source": {"principals": ["a"]}, "request": {"roles": ["ra"], "tables": ["t1"]}},
+      {"name": "looks", "source": {"principals": ["a"]},
+       "request": {"roles": ["ra"], "operations": ["read"]}},
+      {"name": "b", "source": {"principals": ["b"]}, "request": {"roles": ["rb"], "tables": ["t*"]}}]})";
+  policyIs(policy);
+  const std::string keeps1 = "\x08\x01", keeps2 = "\x08\x02", shares2 = "\x10\x02";
+  const std::string keepsUnknown = "\x08\x77";
+  const char* const refused =
+      "table t2: not to be written by 'a' in role 'ra'; leave it out of the role's config";
+  const struct {
+    const char* what;
+    std::string config;
+    const char* fault;  // empty: OK
+  } cases[] = {
+      {"its own", keeps1, ""},
+      {"its own while it has a config", keeps1 + keepsUnknown, ""},
+      {"another's to itself", keeps1 + keeps2, refused},
+      {"another's shared", keeps1 + shares2, refused},
+      {"another's alone", keeps2, refused},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const auto a = controller("a", "ra");
+    a->configIs(c.config);
+    if (*c.fault == '\0') {
+      EXPECT_EQ(a->arbitrate(1), StatusCode::OK);
+    } else {
+      a->sendArbitration(2);
+      EXPECT_THAT(a->ended(), RefusedWith(StatusCode::PERMISSION_DENIED, c.fault));
+    }
+  }
+  const auto b = controller("b", "rb");
+  b->configIs(keeps2);
+  EXPECT_EQ(b->arbitrate(1), StatusCode::OK);
+  EXPECT_TRUE(writeAs("b", "rb", 1, 2).ok());
+  // An object more than the role's config had: the former config does not bar it.
+  b->configIs(keeps2 + "\x08\x03");
+  EXPECT_EQ(b->arbitrate(2), StatusCode::OK);
+  EXPECT_TRUE(writeAs("b", "rb", 2, 3).ok());
+  // Without a policy everybody may name all that nobody else keeps.
+  EXPECT_EQ(PIGrpcServerPolicyIs(nullptr, 0, nullptr), 0);
+  const auto a = controller("a", "ra");
+  a->configIs("\x08\x04");
+  EXPECT_EQ(a->arbitrate(1), StatusCode::OK);
+}
+
 TEST_F(PolicyTest, ACallerWithoutAnIdentityIsAStranger) {
   stop();
   start();

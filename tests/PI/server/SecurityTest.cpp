@@ -1,9 +1,11 @@
 // Who gets in: TLS with client certificates that come, go and break, and Unix sockets.
 #include <gmock/gmock.h>
+#include <grpcpp/create_channel_posix.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -379,6 +381,79 @@ TEST_F(SecurityTest, PeersAreWhomTheirCertificatesAndUsersName) {
     EXPECT_EQ(service.last.identity, c.identity);
   }
   listener.stop();
+  server->Shutdown();
+}
+
+// Both ends of a connection, as if a process of the user had connected. Needs root.
+std::pair<int, int> connectionOf(uid_t user) {
+  int ends[2] = {-1, -1};
+  // Of this thread alone, unlike the library's function.
+  EXPECT_EQ(syscall(SYS_setresuid, -1, user, -1), 0);
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+  EXPECT_EQ(syscall(SYS_setresuid, -1, 0, -1), 0);
+  return {ends[0], ends[1]};
+}
+
+TEST_F(SecurityTest, UnixUsersComeAndGoWithoutEndAndAreNeverTakenForEachOther) {
+  using namespace pi::server;
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to connect as other users";
+  PeerService service;
+  grpc::ServerBuilder builder;
+  auto now = std::chrono::steady_clock::now();
+  UnixUsers users(builder, [&] { return now; });
+  builder.RegisterService(&service);
+  const auto server = builder.BuildAndStart();
+  struct Connected {
+    std::shared_ptr<grpc::Channel> channel;  // null: the server does not serve the user
+    int served = -1;
+    ino_t inode = 0;
+  };
+  const auto inodeOf = [](int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 ? status.st_ino : 0;
+  };
+  const auto connectedAs = [&](uid_t user) -> Connected {
+    const auto [served, client] = connectionOf(user);
+    const ino_t inode = inodeOf(served);
+    if (users.take(-1, served)) {
+      return {grpc::CreateInsecureChannelFromFd("switch", client), served, inode};
+    }
+    close(client);
+    return {};
+  };
+  const auto expectServed = [&](const Connected& connected, uid_t user) {
+    ASSERT_TRUE(connected.channel) << user;
+    ASSERT_TRUE(callOn(connected.channel).ok()) << user;
+    EXPECT_EQ(service.last.identity, "unix:" + std::to_string(user));
+  };
+  constexpr uid_t first = 1000;
+  constexpr uid_t late = 2000;
+  std::vector<Connected> open;
+  for (uid_t user = first; user < first + UnixUsers::kMost; ++user) {
+    now += std::chrono::seconds(1);
+    open.push_back(connectedAs(user));
+    expectServed(open.back(), user);
+  }
+  now += 2 * UnixUsers::kRest;
+  EXPECT_FALSE(connectedAs(late).channel) << "all others have connections";
+  expectServed(connectedAs(first), first);
+
+  for (const size_t gone : {7, 5}) {
+    open[gone].channel.reset();
+    const auto last = std::chrono::steady_clock::now() + kPatience;
+    while (inodeOf(open[gone].served) == open[gone].inode) {
+      ASSERT_LT(std::chrono::steady_clock::now(), last) << "the server does not close it";
+      std::this_thread::yield();
+    }
+  }
+  EXPECT_FALSE(connectedAs(late).channel) << "the two rest for a while";
+  now += UnixUsers::kRest;
+  open[5] = connectedAs(late);
+  expectServed(open[5], late);
+  open[7] = connectedAs(first + 7);
+  expectServed(open[7], first + 7);
+  EXPECT_FALSE(connectedAs(first + 5).channel) << "it connected longest ago";
+  for (size_t i = 0; i < open.size(); ++i) expectServed(open[i], i == 5 ? late : first + i);
   server->Shutdown();
 }
 

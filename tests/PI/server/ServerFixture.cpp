@@ -29,6 +29,12 @@ int Controller::arbitrate(std::optional<uint64_t> electionId) {
   return nextNotice();
 }
 
+void Controller::configIs(const std::string& bytes) {
+  auto& config = *update.mutable_role()->mutable_config();
+  config.set_type_url("type.googleapis.com/stratum.P4RoleConfig");
+  config.set_value(bytes);
+}
+
 void Controller::disconnect() {
   if (finished_) return;
   context_.TryCancel();

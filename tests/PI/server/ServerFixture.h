@@ -48,6 +48,8 @@ class Controller {
   // Sends an update, and returns the code of the notice that follows.
   int arbitrate(std::optional<uint64_t> electionId);
   int nextNotice() { return next().arbitration().status().code(); }
+  // The bytes of a stratum.P4RoleConfig, for the updates that follow.
+  void configIs(const std::string& bytes);
   void disconnect();
   // Waits for the server to end the stream.
   grpc::Status ended();

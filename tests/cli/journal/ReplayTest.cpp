@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
 
 #include "tests/cli/journal/Calls.h"
 #include "tests/support/TempDir.h"
@@ -20,6 +21,8 @@ using p4::v1::WriteRequest;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Push = p4::v1::SetForwardingPipelineConfigRequest;
+
+constexpr uint32_t grpcUnavailable = 14;
 
 // A Write of entries of the tables, which stand for what the entries are.
 WriteRequest writeOf(const std::vector<uint32_t>& tables) {
@@ -41,8 +44,12 @@ Push pushOf(Push::Action action, const std::string& program) {
 class ReplayTest : public testing::Test {
  protected:
   // "1 2" for a Write of those tables, "push P" for a push.
-  std::vector<std::string> replayed(uint64_t from = 0) {
-    ReplaySteps steps(from);
+  std::vector<std::string> replayed(uint64_t from = 0) { return replayed(from, {}); }
+  std::vector<std::string> replayed(const Survey& survey) {
+    return replayed(survey.from, survey.latePushes);
+  }
+  std::vector<std::string> replayed(uint64_t from, const std::map<uint64_t, uint64_t>& late) {
+    ReplaySteps steps(from, defaultOpenBytes, late);
     std::vector<std::string> words;
     const auto take = [&] {
       while (const auto step = steps.next()) {
@@ -174,6 +181,50 @@ TEST_F(ReplayTest, APushTakesEffectWhereTheAgentInstallsIt) {
     calls.add(Draft::outcome({.request = next}));
   }
   EXPECT_THAT(replayed(survey().from), ElementsAre("2", "1", "push new", "2"));
+}
+
+// The agent answers UNAVAILABLE after a minute, and goes on.
+TEST_F(ReplayTest, APushThatComesUpAfterItsAnswerTookEffect) {
+  const Outcome late{.code = grpcUnavailable};
+  const auto installed = [&](const std::string& program) {
+    calls.add("agent", pushOf(Push::VERIFY_AND_COMMIT, program), Outcome{}, RecordKind::pipeline);
+  };
+  calls.add(Draft::start());
+  installed("former");
+  calls.add("a", writeOf({1}));
+  calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "next"), late, RecordKind::push);
+  calls.add("a", writeOf({2}));
+  installed("next");
+  calls.add("a", writeOf({3}));
+  EXPECT_THAT(replayed(survey()), ElementsAre("1", "2", "push next", "3"));
+
+  // It ran, and the forwarding plane had not said yet that it executes it.
+  const uint64_t executed =
+      calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "other"), std::nullopt, RecordKind::push);
+  installed("other");
+  calls.add("a", writeOf({4}));
+  calls.add(Draft::outcome({.request = executed, .code = grpcUnavailable}));
+  EXPECT_THAT(replayed(survey()), ElementsAre("1", "2", "push next", "3", "push other", "4"));
+
+  // Another pipeline took the place of the one; the other was refused, since the agent was busy.
+  calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "lost"), late, RecordKind::push);
+  const uint64_t winner =
+      calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "winner"), std::nullopt, RecordKind::push);
+  calls.add("a", pushOf(Push::RECONCILE_AND_COMMIT, "refused"), late, RecordKind::push);
+  installed("winner");
+  calls.add(Draft::outcome({.request = winner}));
+  EXPECT_THAT(replayed(survey()),
+              ElementsAre("1", "2", "push next", "3", "push other", "4", "push winner"));
+
+  // One that clears the switch.
+  calls.add("a", pushOf(Push::VERIFY_AND_SAVE, "saved"), Outcome{}, RecordKind::push);
+  calls.add("a", pushOf(Push::COMMIT, ""), late, RecordKind::push);
+  calls.add("a", writeOf({5}));
+  installed("saved");
+  calls.add("a", writeOf({6}));
+  const Survey found = survey();
+  EXPECT_EQ(found.pipeline->p4_device_config(), "saved");
+  EXPECT_THAT(replayed(found), ElementsAre("6"));
 }
 
 TEST_F(ReplayTest, BeginsWithTheLastStartWithoutEntries) {

@@ -94,6 +94,16 @@ TEST_F(RightsTest, AnUpdateThatTheCallerMayNotMakeFailsByItself) {
               ElementsAre(code::permissionDenied));
 }
 
+TEST_F(RightsTest, ObjectsThatMustBeWritableAreAskedOneByOne) {
+  const Limited caller({test::kIpv4, test::kNexthops}, {test::kAcl});
+  constexpr uint32_t unknown = 0x02ffffff;
+  EXPECT_EQ(device->requireWritable(caller, {}).code(), code::ok);
+  EXPECT_EQ(device->requireWritable(caller, std::vector{test::kIpv4, test::kNexthops}).code(),
+            code::ok);
+  EXPECT_THAT(device->requireWritable(caller, std::vector{test::kIpv4, test::kAcl, unknown}),
+              RefusedWith(code::permissionDenied, "table ingress.acl: not for you"));
+}
+
 TEST_F(RightsTest, ReadsShowTheCallersObjectsAlone) {
   ASSERT_EQ(written({test::update(Update::INSERT, test::ipv4(1, 1 << 8, 24, 1)),
                      test::update(Update::INSERT, test::acl(1, 0xff, 10)),

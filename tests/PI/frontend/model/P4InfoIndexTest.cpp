@@ -27,6 +27,17 @@ TEST(P4InfoIndex, RefusesWhatCannotBeRealised) {
       {"an id twice",
        [](P4Info& p) { p.mutable_actions(0)->mutable_preamble()->set_id(test::kIpv4); },
        "action forward has the id 0x02000001 of table ingress.ipv4"},
+      {"a role without a name",
+       [](P4Info& p) {
+         p.mutable_tables(0)->mutable_preamble()->add_annotations("@p4runtime_role ( \"\" )");
+       },
+       "table ingress.ipv4 has the annotation @p4runtime_role without the name of a role; write "},
+      {"a structured annotation of no role",
+       [](P4Info& p) {
+         auto& preamble = *p.mutable_tables(1)->mutable_preamble();
+         preamble.add_structured_annotations()->set_name("p4runtime_role");
+       },
+       "has the annotation @p4runtime_role without the name of a role"},
       {"an action that is not there",
        [](P4Info& p) { p.mutable_tables(0)->mutable_action_refs(0)->set_id(0x01000099); },
        "table ingress.ipv4 refers to action 0x01000099, which is not there"},

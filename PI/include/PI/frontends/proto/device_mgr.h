@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <span>
 
 #include "PI/frontends/proto/entity_rights.h"
 #include "PI/frontends/proto/write_updates.h"
@@ -88,6 +89,9 @@ class DeviceMgr {
   // Whether the caller may read the object of the P4Info, and so hears of it. False without a
   // pipeline.
   bool may_read(const EntityCaller& caller, uint32_t object_id) const;
+  // PERMISSION_DENIED, with the object's name, for the first of the P4Info's objects that the
+  // caller may not write. Ids that are not in the P4Info pass, and so do all without a pipeline.
+  Status require_writable(const EntityCaller& caller, std::span<const uint32_t> object_ids) const;
 
   // Packet out and digest acknowledgements. Packets wait for no Write. A PacketOut that is not as
   // the pipeline's packet_out header has it is INVALID_ARGUMENT (UNIMPLEMENTED: the header itself
