@@ -19,7 +19,8 @@ namespace pi::fe::proto {
 class P4InfoIndex {
  public:
   // Throws a Refusal (INVALID_ARGUMENT) that names the object when the P4Info cannot be realised:
-  // id 0, an id used twice, a role without a name, a reference to an object that does not exist, an unknown enum number.
+  // id 0, an id used twice, a role without a name, a reference to an object that does not exist, an
+  // unknown enum number.
   explicit P4InfoIndex(const p4::config::v1::P4Info& p4Info, const pi_abilities_t& abilities = {});
 
   const TablePlan* table(uint32_t id) const;      // null: no such table
