@@ -28,9 +28,11 @@ struct ActionData {
   };
   using Ptr = std::unique_ptr<ActionData, Delete>;
 
-  static Ptr make(uint32_t action, uint32_t words) {
+  // In the room of `spare`, which has as many words; null: in a room of its own.
+  static Ptr make(uint32_t action, uint32_t words, Ptr spare = nullptr) {
     const size_t bytes = std::max(words, leastWords) * sizeof(uint64_t);
-    auto* data = new (::operator new(sizeof(ActionData) + bytes)) ActionData();
+    void* const room = spare ? spare.release() : ::operator new(sizeof(ActionData) + bytes);
+    auto* data = new (room) ActionData();
     data->action = action;
     data->words = words;
     std::memset(data->arguments, 0, bytes);
@@ -78,9 +80,12 @@ struct Entry {
   };
   using Ptr = std::unique_ptr<Entry, Delete>;
 
-  static Ptr make(uint32_t words, uint32_t parts) {
+  // In the room of `spare`, whose key has as many words and parts; null: in a room of its own.
+  static Ptr make(uint32_t words, uint32_t parts, Ptr spare = nullptr) {
     const size_t key = (size_t{words} * parts + 1) * sizeof(uint64_t);  // see PrefixTrie::find
-    auto* entry = new (::operator new(sizeof(Entry) + key)) Entry();
+    void* const room = spare ? spare.get() : ::operator new(sizeof(Entry) + key);
+    if (spare) spare.release()->~Entry();
+    auto* entry = new (room) Entry();
     entry->words = words;
     std::memset(entry->value(), 0, key);
     return Ptr(entry);

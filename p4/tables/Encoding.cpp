@@ -41,14 +41,15 @@ class KeyEncoder {
  public:
   KeyEncoder(const Table& table, const KeyShape& shape) : table_(table), shape_(shape) {}
 
-  Entry::Ptr encode(const std::vector<MatchElement>& match) {
+  Entry::Ptr encode(const std::vector<MatchElement>& match, Spares<Entry>* spares) {
     if (table_.key.empty())
       throw Refusal(RefusalKind::invalid,
                     "table " + table_.name + " has no key and takes no entries");
     if (match.size() != table_.key.size())
       throw Refusal(RefusalKind::invalid, "table " + table_.name + " has " +
                                               std::to_string(table_.key.size()) + " match fields");
-    Entry::Ptr entry = Entry::make(shape_.words, shape_.parts());
+    Entry::Ptr entry = Entry::make(shape_.words, shape_.parts(),
+                                   spares ? spares->take(spareSize(shape_)) : nullptr);
     for (position_ = 0; position_ < match.size(); ++position_)
       encodeElement(match[position_], *entry);
     return entry;
@@ -174,7 +175,8 @@ std::string bytesOfWords(const uint64_t* words, uint32_t bits) {
   return bytes;
 }
 
-ActionData::Ptr encodeAction(const Program& program, const ActionSpec& spec) {
+ActionData::Ptr encodeAction(const Program& program, const ActionSpec& spec,
+                             Spares<ActionData>* spares) {
   if (spec.action >= program.actions.size())
     throw Refusal(RefusalKind::notFound, "there is no such action");
   const Action& action = program.actions[spec.action];
@@ -184,7 +186,8 @@ ActionData::Ptr encodeAction(const Program& program, const ActionSpec& spec) {
                                             " parameters");
   uint32_t words = 0;
   for (const Parameter& parameter : action.parameters) words += (parameter.bits + 63) / 64;
-  ActionData::Ptr data = ActionData::make(spec.action, words);
+  ActionData::Ptr data =
+      ActionData::make(spec.action, words, spares ? spares->take(words) : nullptr);
   uint64_t* to = data->arguments;
   for (size_t i = 0; i < spec.arguments.size(); ++i) {
     const Parameter& parameter = action.parameters[i];
@@ -210,8 +213,8 @@ ActionData::Ptr encodeAction(const Program& program, const ActionCall& call) {
 }
 
 Entry::Ptr encodeKey(const Table& table, const KeyShape& shape,
-                     const std::vector<MatchElement>& match) {
-  return KeyEncoder(table, shape).encode(match);
+                     const std::vector<MatchElement>& match, Spares<Entry>* spares) {
+  return KeyEncoder(table, shape).encode(match, spares);
 }
 
 }  // namespace P4

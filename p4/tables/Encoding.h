@@ -9,6 +9,7 @@
 #include "p4/match/Entry.h"
 #include "p4/match/KeyShape.h"
 #include "p4/program/Program.h"
+#include "p4/tables/Spares.h"
 
 namespace P4 {
 
@@ -25,13 +26,16 @@ struct ActionSpec {
   std::vector<std::string> arguments;
 };
 
-// Throws Refusal.
-ActionData::Ptr encodeAction(const Program& program, const ActionSpec& spec);
+// Throws Refusal. Spares may be null.
+ActionData::Ptr encodeAction(const Program& program, const ActionSpec& spec,
+                             Spares<ActionData>* spares = nullptr);
 ActionData::Ptr encodeAction(const Program& program, const ActionCall& call);
 
 // Fills the key of an entry. An element without value matches everything (exact ones must have
 // one). Throws Refusal.
 Entry::Ptr encodeKey(const Table& table, const KeyShape& shape,
-                     const std::vector<MatchElement>& match);
+                     const std::vector<MatchElement>& match, Spares<Entry>* spares = nullptr);
+// The size of the table's entries among spares.
+inline uint32_t spareSize(const KeyShape& shape) { return shape.words * shape.parts(); }
 
 }  // namespace P4

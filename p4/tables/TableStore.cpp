@@ -71,11 +71,11 @@ void TableStore::addConstantEntries(uint32_t table) {
   }
 }
 
-Entry::Ptr TableStore::keyOf(const EntryKey& key) const {
+Entry::Ptr TableStore::keyOf(const EntryKey& key, Spares<Entry>* spares) const {
   if (key.table >= program_.tables.size())
     throw Refusal(RefusalKind::notFound, "there is no such table");
   const Table& table = program_.tables[key.table];
-  Entry::Ptr entry = encodeKey(table, image_.shapes[key.table], key.match);
+  Entry::Ptr entry = encodeKey(table, image_.shapes[key.table], key.match, spares);
   entry->table = key.table;
   if (table.kind == MatchKind::ternary || table.kind == MatchKind::range) {
     if (key.priority > highestPriority) refuse(RefusalKind::invalid, table, "has no such priority");
@@ -108,7 +108,7 @@ Outcome TableStore::outcomeOf(const Table& table, const Target& target, ActionDa
     if (table.type != TableKind::simple)
       refuse(RefusalKind::invalid, table, "takes members of its action profile, not actions");
     checkAction(static_cast<uint32_t>(&table - program_.tables.data()), action->action);
-    own = encodeAction(program_, *action);
+    own = encodeAction(program_, *action, &spareActions_);
     return {.action = own.get()};
   }
   if (table.type == TableKind::simple) refuse(RefusalKind::invalid, table, "has no action profile");
@@ -134,7 +134,7 @@ bool TableStore::maybeAdd(Entry::Ptr& entry, uint32_t table) {
 Entry& TableStore::insert(const EntryKey& key, const Target& target, uint64_t timeToLive,
                           uint64_t cookie) {
   settle();
-  Entry::Ptr entry = keyOf(key);
+  Entry::Ptr entry = keyOf(key, &spareEntries_);
   checkWritable(key.table);
   const Table& table = program_.tables[key.table];
   const auto refuseEqual = [&table] {
@@ -321,7 +321,16 @@ void TableStore::settle() {
   sides_.settle();
   for (const auto& profile : profiles_) profile->committed();
   retiredConfigs_.clear();
+  for (Entry::Ptr& gone : retiredEntries_) {
+    const uint32_t size = spareSize(image_.shapes[gone->table]);
+    spareEntries_.keep(size, std::move(gone));
+  }
   retiredEntries_.clear();
+  for (ActionData::Ptr& gone : retiredActions_) {
+    if (!gone) continue;
+    const uint32_t words = gone->words;
+    spareActions_.keep(words, std::move(gone));
+  }
   retiredActions_.clear();
 }
 

@@ -87,7 +87,7 @@ class TableStore {
     ActionData::Ptr defaultAction;
   };
 
-  Entry::Ptr keyOf(const EntryKey& key) const;
+  Entry::Ptr keyOf(const EntryKey& key, Spares<Entry>* spares = nullptr) const;
   Entry* staged(const Entry& key) const;
   void checkWritable(uint32_t table) const;
   void checkAction(uint32_t table, uint32_t action) const;
@@ -107,6 +107,8 @@ class TableStore {
   std::vector<std::unique_ptr<const MeterConfig>> retiredConfigs_;
   std::vector<Entry::Ptr> retiredEntries_;
   std::vector<ActionData::Ptr> retiredActions_;
+  Spares<Entry> spareEntries_;
+  Spares<ActionData> spareActions_;
   bool isSettled_ = true;
 };
 

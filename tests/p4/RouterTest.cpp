@@ -306,6 +306,24 @@ TEST_F(RouterTest, AMeterDropsWhatIsAboveItsRates) {
   EXPECT_EQ(limited.counter.counts(), (P4::Counts{4, 4 * bytes}));
 }
 
+// Also in the memory of a former one.
+TEST_F(RouterTest, ANewEntryHasNothingOfAFormerOne) {
+  P4::Entry& former = rule(53, "to_controller", {"\x09"});
+  engine_.tables().setMeter(former, P4::MeterRates{1, 1, 1, 1});
+  former.cookie = 7;
+  engine_.tables().commit();
+  EXPECT_THAT(send(1, arrived({}), 1000), testing::SizeIs(1));
+  engine_.tables().remove(former);
+  engine_.tables().commit();
+  const P4::Entry& now = rule(53, "acl_permit");
+  EXPECT_EQ(now.counter.counts(), P4::Counts{});
+  EXPECT_EQ(now.lastHit, 0u);
+  EXPECT_EQ(now.cookie, 0u);
+  for (int n = 1; n <= 3; ++n) {  // no meter drops it
+    EXPECT_THAT(send(1, arrived({})), ElementsAre(routed({})));
+  }
+}
+
 TEST_F(RouterTest, AFlowKeepsToOneMemberOfItsGroup) {
   addHop("\x08", "\x03");
   P4::ProfileStore& profile =
