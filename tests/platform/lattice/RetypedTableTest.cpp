@@ -2,6 +2,7 @@
 // that learn of it, and of others that do not.
 #include <gmock/gmock.h>
 
+#include "platform/lattice/TableWatch.h"
 #include "platform/lattice/doorbell/DoorbellMessage.h"
 #include "platform/lattice/doorbell/DoorbellSocket.h"
 #include "tests/platform/lattice/AgentFixture.h"
@@ -116,6 +117,41 @@ TEST_F(RetypedTableTest, OneThatWasAwayLearnsItWhenItGoesOn) {
   EXPECT_THAT(follower->retyped, ElementsAre(extendedType));
   EXPECT_EQ(follower->snapshots, 1u);
   EXPECT_EQ(follower->removed, 0u);
+}
+
+// The first commit fails.
+struct FailingObserver final : CommitObserver {
+  bool isFirst = true;
+  void onBeforeCommit() override {
+    if (std::exchange(isFirst, false)) throw std::runtime_error("no room");
+  }
+  void onCommitted() override {}
+  void onDiscarded() override {}
+  void onBatchEnded() override {}
+  void onWatchedTableGone(const std::string&) override {}
+};
+
+TEST_F(RetypedTableTest, ACommitThatFailsCostsNeitherTypeNorRows) {
+  auto& other = agent->table("other");
+  write(0, 50);
+  ASSERT_TRUE(followed());
+  const size_t changes = follower->changes;
+  FailingObserver failing;
+  {
+    const ActivityLock lock;
+    const auto watch = agent->database->watch("other");
+    agent->database->commitObserverIs(&failing);
+    retype(extendedType);
+    other.rowIs(route(1, 1), 9);
+    EXPECT_FALSE(agent->database->commit().ok());
+    agent->database->commitObserverIs(nullptr);
+    EXPECT_TRUE(agent->database->commit().ok());
+  }
+  EXPECT_EQ(rowCount(), 50u);
+  writeCopy(50);
+  ASSERT_TRUE(followed());
+  EXPECT_THAT(follower->retyped, ElementsAre(extendedType));
+  EXPECT_EQ(follower->changes, changes + 1);
 }
 
 TEST_F(RetypedTableTest, OtherTypesBeginAnEmptyTable) {
