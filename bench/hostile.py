@@ -1,11 +1,12 @@
 #!/usr/bin/python3
 """How many Writes a primary keeps while other clients do the switch harm, and how the agent grows.
 
-    bench/hostile.py [--seconds 4] [--programs build/default/bin]
+    bench/hostile.py [--seconds 4] [--crowd NAME] [--programs build/default/bin]
 
 Starts an agent with TLS and a Unix socket, and a forwarding agent. The primary writes over the
 socket, batches of 100 and single updates; the others come with TLS. A quiet turn stands before and
-behind each crowd, and the share is of their mean.
+behind each crowd, and the share is of their mean. The last crowd holds the monitoring's connections
+from two addresses; how long a scrape from a third one takes is told beside the share.
 """
 
 import argparse
@@ -16,6 +17,7 @@ import pathlib
 import signal
 import socket
 import ssl
+import statistics
 import subprocess
 import tempfile
 import time
@@ -25,11 +27,14 @@ from reconcile import Client, LOOSE, REPOSITORY, fill, program, wait_until
 import grpc
 from p4.v1 import p4runtime_pb2, p4runtime_pb2_grpc
 
-from stage import Switch
+from stage import Switch, free_port
 
 ENTRIES = 20_000
 PREFACE = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + bytes([0, 0, 0, 4, 0, 0, 0, 0, 0])
 MODIFY = p4runtime_pb2.Update.MODIFY
+HELLO = bytes([22, 3, 1, 2, 0, 1])  # the beginning of a ClientHello
+SCRAPER = "127.0.0.9"
+HOLDERS = ("127.0.0.2", "127.0.0.3")
 PUSH = p4runtime_pb2.SetForwardingPipelineConfigRequest.VERIFY_AND_COMMIT
 
 
@@ -48,12 +53,18 @@ def make_certificates(folder):
 class Place:
     """Where the switch listens, and the files of a client."""
 
-    def __init__(self, port, folder):
+    def __init__(self, port, monitoring, folder):
         self.port = port
+        self.monitoring = monitoring  # its port
         self.folder = folder
 
     def connected(self):
         return socket.create_connection(("127.0.0.1", self.port))
+
+    def connected_to_monitoring(self, own, timeout):
+        """From the address `own`."""
+        return socket.create_connection(("127.0.0.1", self.monitoring), timeout=timeout,
+                                        source_address=(own, 0))
 
     def context(self):
         context = ssl.create_default_context(cafile=self.folder / "ca.pem")
@@ -84,13 +95,12 @@ def hold_connections(place, count=1000):
 
 def hold_half_handshakes(place, count=1000):
     """As many as the server takes, for as long as it lets them; then the next ones."""
-    hello = bytes([22, 3, 1, 2, 0, 1])  # the beginning of a ClientHello
     held = []
     began = False
     while True:
         while len(held) < count:
             connection = place.connected()
-            connection.sendall(hello)
+            connection.sendall(HELLO)
             connection.setblocking(False)
             held.append(connection)
         if not began:
@@ -98,6 +108,53 @@ def hold_half_handshakes(place, count=1000):
             began = True
         time.sleep(0.2)
         held = [one for one in held if is_open(one)]
+
+
+def hold_monitoring(place, count=12):
+    """As many half handshakes of each address as the monitoring takes, again and again."""
+    held = []
+    began = False
+    while True:
+        held = [(own, one) for own, one in held if is_open(one)]
+        try:
+            for own in HOLDERS:
+                for _ in range(count - sum(1 for other, _ in held if other == own)):
+                    connection = place.connected_to_monitoring(own, timeout=0.5)
+                    connection.sendall(HELLO)
+                    connection.setblocking(False)
+                    held.append((own, connection))
+        except OSError:
+            pass  # it takes no more for now
+        if not began:
+            yield f"{len(HOLDERS)} addresses that hold the monitoring"
+            began = True
+        time.sleep(0.2)
+
+
+def scrape(place):
+    """Seconds for a scrape on a connection of its own; 0 when there was no answer."""
+    context = place.context()
+    context.set_alpn_protocols(["http/1.1"])
+    began = time.monotonic()
+    try:
+        with context.wrap_socket(place.connected_to_monitoring(SCRAPER, 15),
+                                 server_hostname="127.0.0.1") as connection:
+            connection.sendall(b"GET /metrics HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
+            answer = b""
+            while piece := connection.recv(1 << 16):
+                answer += piece
+    except OSError:
+        return 0
+    return time.monotonic() - began if answer.startswith(b"HTTP/1.1 200") else 0
+
+
+def scrapes_text(place, count=5):
+    times = [scrape(place) for _ in range(count)]
+    answered = [one * 1000 for one in times if one > 0]
+    if not answered:
+        return f"no scrape of {count} was answered"
+    return (f"{len(answered)} of {count} scrapes answered, in {statistics.median(answered):.0f} ms,"
+            f" {max(answered):.0f} ms at most")
 
 
 def is_open(connection):
@@ -219,26 +276,34 @@ def rates(client, seconds):
     return found
 
 
-def measure(client, place, growth, seconds):
+CROWDS = (control, hold_connections, hold_half_handshakes, read_nothing, knock, hold_monitoring)
+
+
+def measure(client, place, growth, seconds, crowds):
     rates(client, seconds)  # warms up
     quiet = rates(client, seconds)
     print(f"quiet: {quiet[0]:.0f} updates/s in batches of 100, {quiet[1]:.0f} one by one; {growth}",
           flush=True)
-    for crowd in (control, hold_connections, hold_half_handshakes, read_nothing, knock):
+    print(f"quiet: {scrapes_text(place)}", flush=True)
+    for crowd in crowds:
+        scrapes = ""
         with Crowd(crowd, place) as name:
             crowded = rates(client, seconds)
             size = str(growth)
+            if crowd is hold_monitoring:
+                scrapes = "; " + scrapes_text(place)
         time.sleep(1)
         after = rates(client, seconds)
         shares = [2 * crowded[i] / (quiet[i] + after[i]) for i in range(2)]
-        print(f"{name}: {shares[0]:.2f} in batches of 100, {shares[1]:.2f} one by one; {size}",
+        print(f"{name}: {shares[0]:.2f} in batches of 100, {shares[1]:.2f} one by one; {size}"
+              f"{scrapes}",
               flush=True)
         quiet = after
     time.sleep(12)
     print(f"afterwards: {growth}")
 
 
-def start(programs, folder):
+def start(programs, folder, monitoring):
     make_certificates(folder)
     switch = Switch(programs, folder)
     switch.write_configuration()
@@ -248,6 +313,7 @@ def start(programs, folder):
     configuration["p4runtime/config/security"] = {
         "certificate": str(folder / "switch.pem"), "key": str(folder / "switch.key"),
         "clientCa": str(folder / "ca.pem"), "unixSocket": str(folder / "p4rt.sock")}
+    configuration["p4runtime/config/monitoring"] = {"address": f"0.0.0.0:{monitoring}"}
     path.write_text(json.dumps(configuration))
     return switch
 
@@ -256,11 +322,14 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--seconds", type=float, default=4, help="of each turn")
+    parser.add_argument("--crowd", action="append", choices=[one.__name__ for one in CROWDS],
+                        help="only this one; may be repeated")
     parser.add_argument("--programs", type=pathlib.Path, default=REPOSITORY / "build/default/bin")
     options = parser.parse_args()
     with tempfile.TemporaryDirectory(dir="/dev/shm") as name:
         folder = pathlib.Path(name)
-        switch = start(options.programs, folder)
+        monitoring = free_port()
+        switch = start(options.programs, folder, monitoring)
         try:
             switch.start_agent()
             switch.start_forwarder()
@@ -269,7 +338,8 @@ def main():
             client.push(program(ENTRIES), PUSH)
             fill(client, ENTRIES)
             growth = Growth(switch, switch.agent.pid)
-            measure(client, Place(switch.port, folder), growth, options.seconds)
+            measure(client, Place(switch.port, monitoring, folder), growth, options.seconds,
+                    [one for one in CROWDS if one.__name__ in (options.crowd or [one.__name__])])
             client.close()
         finally:
             for process in switch.processes():

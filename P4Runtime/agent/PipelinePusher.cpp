@@ -103,7 +103,7 @@ Pipeline::TableRef refOf(const ResourceId& rid) {
   return {Pipeline::TableKind::defaultEntry, PI_DEFAULT_ENTRY_TABLE(rid.id)};
 }
 
-// Files that stay are removed with those of the next push.
+// Files that stay are removed with those of the next push, or at the next start.
 void removeOthers(const PushedFiles& files) {
   try {
     files.removeOthers();
@@ -225,6 +225,7 @@ class PipelinePusher::Reset : public AwaitedChange {
 };
 
 PipelinePusher::PipelinePusher(PusherPeers peers) : Entity("pipeline"), peers_(std::move(peers)) {
+  removeOthers(peers_.files);  // of a push, or a reset, in which the former process was killed
   operationIs({"reset", {}, [this](const auto&) { return reset(); }});
   operationIs({"diff", {"file"}, [this](const auto& arguments) { return diff(arguments.at(0)); }});
 }

@@ -5,7 +5,8 @@
 namespace P4Runtime {
 namespace {
 
-constexpr size_t threadCount = 4;
+// Several peers that are slow on purpose leave some for others; most threads wait for a client.
+constexpr size_t threadCount = 16;
 constexpr size_t mostWaiting = 16;
 constexpr std::chrono::milliseconds pace{10};
 

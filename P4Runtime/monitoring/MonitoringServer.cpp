@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <memory>
 #include <optional>
+#include <semaphore>
 #include <stdexcept>
 #include <string_view>
 #include <thread>
@@ -24,6 +26,7 @@ namespace P4Runtime {
 namespace {
 
 constexpr size_t mostRequestBytes = 4096;
+constexpr std::ptrdiff_t mostMadeAtATime = 4;  // responses: each takes a processor for a moment
 
 // The policy is asked about these as they stand here: the server's routes are regular expressions,
 // and must not take a path that looks like one of them.
@@ -110,6 +113,35 @@ bool refuse(const httplib::Request& request, httplib::Response& response,
   return true;
 }
 
+// Responses are made by a few threads at a time, while others wait for slow clients.
+class Turns {
+ public:
+  template <typename Make>
+  std::string take(Make make) {
+    free_.acquire();
+    const std::unique_ptr<std::counting_semaphore<>, Release> taken(&free_);
+    return make();
+  }
+
+ private:
+  struct Release {
+    void operator()(std::counting_semaphore<>* free) const { free->release(); }
+  };
+
+  std::counting_semaphore<> free_{mostMadeAtATime};
+};
+
+MonitoringContents inTurns(MonitoringContents contents) {
+  const auto turns = std::make_shared<Turns>();
+  return {
+      .metrics = [=](bool isOpen) { return turns->take([&] { return contents.metrics(isOpen); }); },
+      .status = [=] { return turns->take([&] { return contents.status(); }); },
+      .rows =
+          [=](const std::string& table, const std::string& wanted) {
+            return turns->take([&] { return contents.rows(table, wanted); });
+          }};
+}
+
 void setUp(httplib::Server& server, const MonitoringContents& contents, const pi::ServerTls* tls) {
   server.new_task_queue = [] { return new HttpWorkers; };
   server.set_payload_max_length(mostRequestBytes);
@@ -177,7 +209,7 @@ MonitoringServer::MonitoringServer(const std::string& address, MonitoringContent
   if (!fault.empty()) throw std::runtime_error(fault);
   listening_ = std::make_unique<Listening>(std::move(tls), patience);
   httplib::Server& server = listening_->server;
-  setUp(server, contents, listening_->tls.get());
+  setUp(server, inTurns(std::move(contents)), listening_->tls.get());
   int port = place->port;
   if (port == 0) {
     port = server.bind_to_any_port(place->host);

@@ -135,6 +135,24 @@ TEST(AgentStopped, WhileItIsStuckEndsAllTheSame) {
   }
 }
 
+// The log of calls is written by a thread of its own, a moment after the call.
+TEST(AgentStopped, HasAccountedForTheCallsBefore) {
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  for (const int signal : {SIGTERM, SIGINT, SIGTERM, SIGINT}) {
+    p4::v1::WriteRequest request = tested.controller().writeRequest({});
+    const uint64_t stranger = 1'000'000 + tested.electionId();
+    request.mutable_election_id()->set_low(stranger);
+    EXPECT_EQ(tested.controller().write(request).status.error_code(), grpc::PERMISSION_DENIED);
+    tested.agent.process().signal(signal);
+    ASSERT_EQ(tested.agent.process().exitStatus(), ended);
+    EXPECT_THAT(fileText(tested.agent.options().stateDirectory + "/accounts-refused.log"),
+                HasSubstr("election id " + std::to_string(stranger)));
+    ASSERT_TRUE(tested.startAgent());
+    ASSERT_TRUE(tested.connectController());
+  }
+}
+
 // A port in use leaves the agent where it is; so does a setting that only a start would heed.
 TEST(AgentSettings, ThatWouldEndItAreRefused) {
   Switch tested;

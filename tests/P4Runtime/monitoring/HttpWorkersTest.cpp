@@ -29,9 +29,9 @@ TEST(HttpWorkers, TakeABoundedNumberAndDoThemAll) {
       ++taken;
     }
   });
-  // Four are being served and sixteen wait; the next one is not taken before one is done.
-  EXPECT_TRUE(TestSupport::waitUntil([&] { return begun == 4 && taken == 20; }));
-  EXPECT_EQ(taken, 20);
+  // Sixteen are being served and sixteen wait; the next one is not taken before one is done.
+  EXPECT_TRUE(TestSupport::waitUntil([&] { return begun == 16 && taken == 32; }));
+  EXPECT_EQ(taken, 32);
   goes.set_value();
   accepting.join();
   workers.shutdown();

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <httplib.h>
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -13,12 +14,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <filesystem>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "PI/proto/pi_server_account.h"
@@ -42,9 +45,13 @@ MonitoringContents contents() {
 // A connection to a server on this machine, which says what it is told to say.
 class RawClient {
  public:
-  explicit RawClient(int port) : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
+  // `own`: its address.
+  explicit RawClient(int port, const std::string& own = "127.0.0.1")
+      : socket_(socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    EXPECT_EQ(inet_pton(AF_INET, own.c_str(), &address.sin_addr), 1);
+    EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
@@ -308,6 +315,59 @@ TEST_F(SecuredMonitoring, GivesAnAddressAShare) {
   silent.clear();
   EXPECT_TRUE(TestSupport::waitUntil([&] { return get("scraper") == "200 plain"; }))
       << "its share is free again";
+}
+
+// More silent connections of several addresses than are served at a time of each.
+TEST_F(SecuredMonitoring, ServesAnAddressBesideSeveralThatHoldTheirShares) {
+  serve(std::chrono::minutes(5));
+  std::deque<RawClient> silent;
+  for (const char* address : {"127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.5"}) {
+    for (int i = 0; i < 12; ++i) silent.emplace_back(port(), address);
+  }
+  EXPECT_TRUE(TestSupport::waitUntil([&] {
+    return std::ranges::count_if(silent, &RawClient::isClosed) == 8;
+  })) << "two of each address are served, and eight wait";
+  EXPECT_EQ(get("scraper"), "200 plain");
+}
+
+TEST_F(SecuredMonitoring, MakesAFewResponsesAtATime) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int making = 0, most = 0, made = 0;
+  bool mayGoOn = false;
+  MonitoringContents slow = contents();
+  slow.metrics = [&](bool) {
+    std::unique_lock lock(mutex);
+    most = std::max(most, ++making);
+    changed.notify_all();
+    changed.wait(lock, [&] { return mayGoOn; });
+    --making;
+    ++made;
+    return std::string("slow");
+  };
+  const MonitoringServer server("127.0.0.1:0", slow, [] { return nullptr; });
+  constexpr int clients = 8;
+  std::vector<std::thread> asking;
+  for (int i = 0; i < clients; ++i) {
+    asking.emplace_back([&] {
+      const auto answer = httplib::Client("127.0.0.1", portOf(server)).Get("/metrics");
+      EXPECT_TRUE(answer && answer->status == 200);
+    });
+  }
+  {
+    std::unique_lock lock(mutex);
+    changed.wait(lock, [&] { return making == 4; });
+  }
+  // The page needs no turn.
+  EXPECT_TRUE(httplib::Client("127.0.0.1", portOf(server)).Get("/"));
+  {
+    const std::lock_guard lock(mutex);
+    mayGoOn = true;
+  }
+  changed.notify_all();
+  for (std::thread& one : asking) one.join();
+  EXPECT_EQ(made, clients);
+  EXPECT_EQ(most, 4);
 }
 
 TEST_F(SecuredMonitoring, AsksThePolicy) {
