@@ -4,7 +4,8 @@
     bench/reconcile.py [--entries 1000000] [--programs build/default/bin]
 
 Starts an agent and a forwarding agent, pushes a program of twenty tables, fills them, and pushes
-with RECONCILE_AND_COMMIT twice: the last table has another size then, or one more action. All the while another thread writes one entry after the other and keeps the times.
+with RECONCILE_AND_COMMIT twice: the last table has another size then, or one more action. All the
+while another thread writes one entry after the other and keeps the times.
 """
 
 import argparse
