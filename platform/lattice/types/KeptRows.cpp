@@ -19,7 +19,7 @@ bool isSamePart(const TableType::ValuePart& former, const TableType::ValuePart& 
   return former.part == next.part && isSame(former.column, next.column);
 }
 
-// An action goes by its id. A name that moves to another id tells that the ids were given anew.
+// An action goes by its id. A name that moves to another id tells that all ids are new.
 bool isNameOfAnother(const ActionLayout& action, const TableType& type) {
   return std::ranges::any_of(type.actions(), [&](const ActionLayout& other) {
     return other.name == action.name && other.actionId != action.actionId;

@@ -265,7 +265,7 @@ TEST_F(NamesTest, OfMembersAndOneShotSetsAreKeptOverRestarts) {
   EXPECT_THAT(target.rows(), IsEmpty());
 }
 
-// The pipeline that takes them over counts their users anew.
+// The pipeline that takes them over counts their users once more.
 TEST_F(NamesTest, OfEntriesThatGoOverAreHeldByThem) {
   const TableEntry first = neighbor("red", "Ethernet0", "a");
   const TableEntry second = neighbor("red", "", "a");
