@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <optional>
 
 namespace pi::fe::proto {
 
@@ -56,6 +57,10 @@ class Burst {
  private:
   const pi_dev_id_t deviceId_;
 };
+
+bool isOfOneCall(const CheckedUpdate& update) {
+  return update.profile == nullptr && update.table->entity == nullptr && !update.extras;
+}
 
 }  // namespace
 
@@ -276,7 +281,8 @@ void WriteRun::doRunBatch(const Batch& batch) {
   state_.handleBatchBegin();
   try {
     for (size_t i = 0; i < batch.size(); i += kLoadedTogether) {
-      runBurst(std::span(batch).subspan(i, std::min(kLoadedTogether, batch.size() - i)), &statuses);
+      runTogether(std::span(batch).subspan(i, std::min(kLoadedTogether, batch.size() - i)),
+                  &statuses);
     }
   } catch (const NoBatch& refusal) {
     return doFailUnrun(batch, refusal);
@@ -290,10 +296,16 @@ void WriteRun::doRunBatch(const Batch& batch) {
   doRecordFailures(statuses);
 }
 
-void WriteRun::runBurst(std::span<const uint32_t> offsets, StatusVector* statuses) {
+// A burst has updates of one target call alone: one of all cells of an array makes thousands.
+void WriteRun::runTogether(std::span<const uint32_t> offsets, StatusVector* statuses) {
   doLoad(offsets);
-  const Burst burst(session_);
+  std::optional<Burst> burst;
   for (const uint32_t offset : offsets) {
+    if (!isOfOneCall(operations_[offset].update)) {
+      burst.reset();
+    } else if (!burst) {
+      burst.emplace(session_);
+    }
     try {
       maybeRunUpdate(offset, statuses);
     } catch (const NoBatch&) {

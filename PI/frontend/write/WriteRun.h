@@ -98,7 +98,7 @@ class WriteRun {
   void doStoreNames();
   void doForgetNames();
   void doRunBatch(const Batch& batch);
-  void runBurst(std::span<const uint32_t> offsets, StatusVector* statuses);
+  void runTogether(std::span<const uint32_t> offsets, StatusVector* statuses);
   void doLoad(std::span<const uint32_t> offsets) const;
   void doEndBatch(StatusVector* statuses);
   void doAbandonBatch(StatusVector* statuses);
