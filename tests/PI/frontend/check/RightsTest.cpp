@@ -70,7 +70,7 @@ TEST_F(RightsTest, AnUpdateThatTheCallerMayNotMakeFailsByItself) {
                      test::update(Update::INSERT, test::acl(1, 0xff, 10)),
                      test::update(Update::INSERT, test::member(1, 1)),
                      test::update(Update::INSERT, test::ipv4(1, 2 << 8, 24, 1))});
-  const Status status = device->write(request, nullptr, &caller);
+  const Status status = written(request, &caller);
   EXPECT_THAT(test::codesOf(status),
               ElementsAre(code::ok, code::permissionDenied, code::permissionDenied, code::ok));
   EXPECT_THAT(test::errorsOf(status)[1],
@@ -82,7 +82,7 @@ TEST_F(RightsTest, AnUpdateThatTheCallerMayNotMakeFailsByItself) {
   request = test::writeOf({test::update(Update::DELETE, test::ipv4(1, 1 << 8, 24, 1)),
                            test::update(Update::INSERT, test::acl(1, 0xff, 10))});
   request.set_atomicity(WriteRequest::ROLLBACK_ON_ERROR);
-  EXPECT_THAT(test::codesOf(device->write(request, nullptr, &caller)),
+  EXPECT_THAT(test::codesOf(written(request, &caller)),
               ElementsAre(code::aborted, code::permissionDenied));
   EXPECT_THAT(found(test::query(test::kIpv4)), SizeIs(2));
 
@@ -90,8 +90,7 @@ TEST_F(RightsTest, AnUpdateThatTheCallerMayNotMakeFailsByItself) {
   p4::v1::DirectMeterEntry meter;
   *meter.mutable_table_entry() = test::exact(test::kCounted, 1);
   request = test::writeOf({test::update(Update::MODIFY, meter)});
-  EXPECT_THAT(test::codesOf(device->write(request, nullptr, &caller)),
-              ElementsAre(code::permissionDenied));
+  EXPECT_THAT(test::codesOf(written(request, &caller)), ElementsAre(code::permissionDenied));
 }
 
 TEST_F(RightsTest, ObjectsThatMustBeWritableAreAskedOneByOne) {
@@ -161,9 +160,9 @@ TEST_F(RightsTest, EachPipelineHasItsOwnRights) {
   const Limited caller({test::kIpv4}, {});
   const WriteRequest request =
       test::writeOf({test::update(Update::INSERT, test::ipv4(1, 1 << 8, 24, 1))});
-  ASSERT_EQ(device->write(request, nullptr, &caller).code(), code::ok);
+  ASSERT_EQ(written(request, &caller).code(), code::ok);
   restart();
-  device->write(request, nullptr, &caller);
+  written(request, &caller);
   EXPECT_THAT(caller.pipelines, SizeIs(2));
 }
 

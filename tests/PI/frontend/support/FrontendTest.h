@@ -39,12 +39,15 @@ class FrontendTest : public testing::Test {
     target.restored(0, "");
   }
   // As a controller's, whose bytes are not parsed before.
-  Status written(const std::vector<p4::v1::Update>& updates) {
-    const std::string bytes = test::writeOf(updates).SerializeAsString();
+  Status written(const p4::v1::WriteRequest& request, const EntityCaller* caller = nullptr) {
+    const std::string bytes = request.SerializeAsString();
     p4::v1::WriteRequest header;
     const auto split = WriteUpdates::split(bytes, &header);
     EXPECT_TRUE(split);
-    return device->write(header, split.value_or(WriteUpdates()), nullptr, nullptr);
+    return device->write(header, split.value_or(WriteUpdates()), nullptr, caller);
+  }
+  Status written(const std::vector<p4::v1::Update>& updates) {
+    return written(test::writeOf(updates));
   }
   template <typename Entity>
   Status inserted(const Entity& entity) {
