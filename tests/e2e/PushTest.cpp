@@ -1,24 +1,17 @@
-// Controllers that push pipelines: their first calls, what stays and what goes, and an agent that
-// is killed meanwhile.
+// Controllers that push pipelines: their first calls, refusals, and an agent that is killed
+// meanwhile.
 #include <gmock/gmock.h>
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <filesystem>
-#include <iostream>
 #include <random>
 #include <thread>
 
 #include "p4/tmp/p4config.pb.h"
 #include "platform/vela/Json.h"
-#include "tests/e2e/Router.h"
-#include "tests/support/AgentProcess.h"
-#include "tests/support/ForwarderProcess.h"
-#include "tests/support/StoredState.h"
-#include "tests/support/TempDir.h"
-#include "tests/support/TestController.h"
-#include "tests/support/Views.h"
+#include "tests/e2e/PushFixture.h"
 
 using google::protobuf::util::MessageDifferencer;
 using p4::v1::TableEntry;
@@ -29,10 +22,6 @@ using namespace TestSupport;
 
 namespace {
 
-using Config = p4::v1::ForwardingPipelineConfig;
-using Get = p4::v1::GetForwardingPipelineConfigRequest;
-using Set = p4::v1::SetForwardingPipelineConfigRequest;
-
 const std::string programJson = R"({"program": "router.p4", "__meta__": {"version": [2, 23]}})";
 
 std::string wrapped(const std::string& program) {
@@ -41,134 +30,6 @@ std::string wrapped(const std::string& program) {
   device.set_device_data(program);
   return device.SerializeAsString();
 }
-
-class PushTest : public testing::Test {
- protected:
-  explicit PushTest(bool isConfigured = false)
-      : agent_({.stateDirectory = directory_.file("state"),
-                .pipelineFile = isConfigured ? KORVEL_ROUTER_PIPELINE : ""}),
-        forwarder_(directory_.file("state")) {}
-  ~PushTest() override {
-    if (HasFailure()) std::cerr << "---- agent ----\n" << agent_.output();
-  }
-
-  void SetUp() override {
-    agent_.start();
-    forwarder_.start();
-    ASSERT_TRUE(forwarder_.waitAttached());
-    ASSERT_TRUE(controllerBegins());
-  }
-  // The agent may still be starting.
-  bool controllerBegins() {
-    return waitUntil([&] {
-      controller_ = std::make_unique<TestController>(agent_.address(), ++electionId_);
-      return controller_->waitConnected(std::chrono::milliseconds(100)) &&
-             controller_->becomePrimary();
-    });
-  }
-  void restart() {
-    agent_.kill();
-    startAgain();
-  }
-  void startAgain() {
-    agent_.start();
-    ASSERT_TRUE(agent_.waitServing()) << agent_.output();
-    ASSERT_TRUE(forwarder_.waitAttached());
-    ASSERT_TRUE(controllerBegins());
-  }
-
-  // Of the router program, whose route table has room for `routes`.
-  Config config(const std::string& device = "", int64_t routes = 10000) {
-    Config config;
-    *config.mutable_p4info() = router_.p4info();
-    for (auto& table : *config.mutable_p4info()->mutable_tables()) {
-      if (table.preamble().name() == router_.table(Router::routeTable).preamble().name()) {
-        table.set_size(routes);
-      }
-    }
-    config.set_p4_device_config(device);
-    return config;
-  }
-  // With so many more actions of the route table.
-  Config extended(Config config, uint32_t actions) {
-    for (uint32_t i = 0; i < actions; ++i) {
-      auto* preamble = config.mutable_p4info()->add_actions()->mutable_preamble();
-      preamble->set_id(addedAction + i);
-      preamble->set_name("added_" + std::to_string(i));
-      preamble->set_alias(preamble->name());
-      for (auto& table : *config.mutable_p4info()->mutable_tables()) {
-        if (table.preamble().id() != router_.table(Router::routeTable).preamble().id()) continue;
-        table.add_action_refs()->set_id(preamble->id());
-      }
-    }
-    return config;
-  }
-  grpc::Status pushOf(uint64_t electionId, Set::Action action, const Config* config) {
-    Set request;
-    request.set_device_id(1);
-    request.mutable_election_id()->set_low(electionId);
-    request.set_action(action);
-    if (config) *request.mutable_config() = *config;
-    grpc::ClientContext context;
-    context.set_deadline(std::chrono::system_clock::now() + patience);
-    p4::v1::SetForwardingPipelineConfigResponse response;
-    return controller_->stub().SetForwardingPipelineConfig(&context, request, &response);
-  }
-  grpc::Status push(const Config& config, Set::Action action = Set::VERIFY_AND_COMMIT) {
-    return pushOf(electionId_, action, &config);
-  }
-  grpc::Status commit() { return pushOf(electionId_, Set::COMMIT, nullptr); }
-  p4::v1::GetForwardingPipelineConfigResponse get(Get::ResponseType type = Get::ALL) {
-    Get request;
-    request.set_device_id(1);
-    request.set_response_type(type);
-    grpc::ClientContext context;
-    p4::v1::GetForwardingPipelineConfigResponse response;
-    const auto status =
-        controller_->stub().GetForwardingPipelineConfig(&context, request, &response);
-    EXPECT_TRUE(status.ok()) << status.error_message();
-    return response;
-  }
-  void expectRuns(const Config& expected) {
-    const auto found = get();
-    EXPECT_TRUE(MessageDifferencer::Equals(found.config(), expected));
-  }
-  WriteOutcome insertRoutes(uint32_t from, uint32_t to) {
-    std::vector<p4::v1::Update> updates;
-    for (uint32_t i = from; i < to; ++i) updates.push_back(insertOf(Router::route(router_, i, 1)));
-    return controller_->write(updates);
-  }
-  std::vector<TableEntry> entries() {
-    const ReadOutcome read = controller_->readTable(0);
-    EXPECT_TRUE(read.status.ok()) << read.status.error_code() << read.status.error_message();
-    return read.entries;
-  }
-  std::string disagreement() {
-    std::string text;
-    waitUntil([&] {
-      const StoredState stored = storedState(router_, agent_.options().stateDirectory);
-      text = difference("rows", stored.rows, "forwarder", forwarderView(forwarder_));
-      for (const std::string& fault : stored.faults) text += fault + "\n";
-      return text.empty();
-    });
-    return text;
-  }
-
-  static constexpr uint32_t addedAction = 0x01aaaaaa;
-
-  const TempDir directory_;
-  const TestSupport::Pipeline router_ = Router::pipeline();
-  AgentProcess agent_;
-  ForwarderProcess forwarder_;
-  std::unique_ptr<TestController> controller_;
-  uint64_t electionId_ = 0;
-};
-
-#define EXPECT_CODE(status, code)                                                   \
-  do {                                                                              \
-    const grpc::Status given = (status);                                            \
-    EXPECT_EQ(given.error_code(), grpc::StatusCode::code) << given.error_message(); \
-  } while (false)
 
 // As an interactive shell does it, with each form of device configuration.
 TEST_F(PushTest, AShellPushesWritesReadsAndDeletes) {
@@ -244,141 +105,6 @@ TEST_F(PushTest, AComparerPushesByTheCookie) {
   zero.mutable_cookie()->set_cookie(0);
   ASSERT_TRUE(push(zero).ok());
   EXPECT_TRUE(get(Get::COOKIE_ONLY).config().has_cookie());
-}
-
-TEST_F(PushTest, WhatStaysAndWhatGoes) {
-  const Config first = config();
-  ASSERT_TRUE(push(first, Set::RECONCILE_AND_COMMIT).ok());  // of a switch without a pipeline
-  ASSERT_TRUE(insertRoutes(0, 10).ok());
-  ASSERT_TRUE(controller_
-                  ->write({insertOf(Router::member(router_, 7, 1)),
-                           insertOf(Router::group(router_, 9, {{7, 1}}))})
-                  .ok());
-  ASSERT_EQ(disagreement(), "");
-  const uint64_t changes = forwarder_.programmedChanges();
-
-  Config cookie = first;
-  cookie.mutable_cookie()->set_cookie(5);
-  EXPECT_CODE(push(cookie, Set::VERIFY), OK);
-  expectRuns(first);
-  EXPECT_CODE(push(cookie, Set::RECONCILE_AND_COMMIT), OK);
-  expectRuns(cookie);
-  EXPECT_THAT(entries(), SizeIs(10));
-  EXPECT_EQ(forwarder_.programmedChanges(), changes);
-  restart();
-  expectRuns(cookie);
-  EXPECT_THAT(entries(), SizeIs(10));
-
-  const Config other = config("", 20000);
-  EXPECT_CODE(push(other, Set::VERIFY_AND_SAVE), OK);
-  expectRuns(cookie);
-  EXPECT_THAT(entries(), SizeIs(10));
-  EXPECT_CODE(commit(), OK);
-  expectRuns(other);
-  EXPECT_THAT(entries(), IsEmpty());
-  EXPECT_CODE(commit(), NOT_FOUND);
-
-  ASSERT_TRUE(insertRoutes(0, 10).ok());
-  EXPECT_CODE(push(other), OK);  // an equal one
-  EXPECT_THAT(entries(), IsEmpty());
-  EXPECT_THAT(
-      controller_
-          ->read({entityOf(p4::v1::ActionProfileMember()), entityOf(p4::v1::ActionProfileGroup())})
-          .entities,
-      IsEmpty());
-  EXPECT_EQ(disagreement(), "");
-}
-
-TEST_F(PushTest, WhatMeansTheSameIsReconciled) {
-  ASSERT_TRUE(push(config()).ok());
-  ASSERT_TRUE(insertRoutes(0, 10).ok());
-  const TableEntry rule = Router::aclRule(router_, 3);
-  ASSERT_TRUE(controller_->write({insertOf(rule)}).ok());
-  const uint64_t changes = forwarder_.programmedChanges();
-  const auto tableOf = [this](Config& config, const char* name) -> p4::config::v1::Table& {
-    for (auto& table : *config.mutable_p4info()->mutable_tables()) {
-      if (table.preamble().id() == router_.table(name).preamble().id()) return table;
-    }
-    throw std::out_of_range(name);
-  };
-  Config larger = config("another program", 20000);
-  EXPECT_CODE(push(larger, Set::RECONCILE_AND_COMMIT), OK);
-  expectRuns(larger);
-  EXPECT_THAT(entries(), SizeIs(11));
-  EXPECT_EQ(forwarder_.programmedChanges(), changes);
-
-  Config smaller = config("", 9);
-  EXPECT_CODE(push(smaller, Set::RECONCILE_AND_COMMIT), INVALID_ARGUMENT);
-  Config other = larger;
-  tableOf(other, Router::aclTable).mutable_match_fields()->RemoveLast();
-  const grpc::Status refused = push(other, Set::RECONCILE_AND_COMMIT);
-  EXPECT_CODE(refused, INVALID_ARGUMENT);
-  EXPECT_THAT(refused.error_message(),
-              HasSubstr(router_.table(Router::aclTable).preamble().name() + ", 1 entries: "));
-  expectRuns(larger);
-  TestSupport::Pipeline smallerFile = Router::pipeline();
-  smallerFile.tableSizeIs(Router::routeTable, 9);
-  smallerFile.written(directory_.file("smaller"));
-  EXPECT_THAT(agent_.korvel({"pipeline", "diff", directory_.file("smaller")}).output,
-              HasSubstr("10 entries: it has room for 9 now"));
-  ASSERT_TRUE(controller_->write({deleteOf(rule)}).ok());
-  EXPECT_CODE(push(other, Set::RECONCILE_AND_COMMIT), OK);
-  EXPECT_THAT(entries(), SizeIs(10));
-}
-
-// The rows of the table stay as they are: its forwarding agents learn what is new of it.
-TEST_F(PushTest, ActionsAndNamesAreAddedUnderTheEntries) {
-  ASSERT_TRUE(push(config()).ok());
-  ASSERT_TRUE(insertRoutes(0, 10).ok());
-  const uint64_t changes = forwarder_.programmedChanges();
-  const Config more = extended(config(), 1);
-  EXPECT_CODE(push(more, Set::RECONCILE_AND_COMMIT), OK);
-  expectRuns(more);
-  EXPECT_THAT(entries(), SizeIs(10));
-  EXPECT_EQ(forwarder_.programmedChanges(), changes);
-  TableEntry fresh = Router::route(router_, 10, 1);
-  fresh.mutable_action()->mutable_action()->clear_params();
-  fresh.mutable_action()->mutable_action()->set_action_id(addedAction);
-  EXPECT_TRUE(controller_->write({insertOf(fresh)}).ok());
-  Config renamed = more;
-  const auto rename = [](auto& objects) {
-    for (auto& one : objects) one.mutable_preamble()->set_alias(one.preamble().alias() + "_then");
-  };
-  rename(*renamed.mutable_p4info()->mutable_actions());
-  rename(*renamed.mutable_p4info()->mutable_tables());
-  rename(*renamed.mutable_p4info()->mutable_action_profiles());
-  EXPECT_CODE(push(renamed, Set::RECONCILE_AND_COMMIT), OK);
-  EXPECT_EQ(forwarder_.programmedChanges(), changes + 1);
-  EXPECT_THAT(entries(), SizeIs(11));
-  restart();
-  expectRuns(renamed);
-  EXPECT_THAT(entries(), SizeIs(11));
-  EXPECT_EQ(forwarder_.programmedChanges(), changes + 1);
-  forwarder_.kill();
-  forwarder_.start();
-  ASSERT_TRUE(forwarder_.waitAttached());
-  EXPECT_EQ(forwarder_.programmedChanges(), 11u);
-  EXPECT_TRUE(insertRoutes(11, 12).ok());
-}
-
-// One that takes the type of a table for settled is given a new table.
-TEST_F(PushTest, ActionsAreAddedBeforeAForwardingAgentThatDoesNotLearn) {
-  ASSERT_TRUE(push(config()).ok());
-  const std::string log = directory_.file("log");
-  const Process plain({binaryPath("minimal-forwarder"), directory_.file("state")}, log, log);
-  ASSERT_TRUE(waitUntil([&] {
-    return agent_.korvel({"status"}).output.find("minimal-forwarder") != std::string::npos;
-  }));
-  ASSERT_TRUE(insertRoutes(0, 10).ok());
-  const Config more = extended(config(), 1);
-  EXPECT_CODE(push(more, Set::RECONCILE_AND_COMMIT), OK);
-  TableEntry fresh = Router::route(router_, 10, 1);
-  fresh.mutable_action()->mutable_action()->clear_params();
-  fresh.mutable_action()->mutable_action()->set_action_id(addedAction);
-  EXPECT_TRUE(controller_->write({insertOf(fresh)}).ok()) << "both have programmed it";
-  EXPECT_THAT(entries(), SizeIs(11));
-  restart();
-  EXPECT_THAT(entries(), SizeIs(11));
 }
 
 // Programs as public projects ship them, where they lie beside the tree, in turns with others.
@@ -681,29 +407,6 @@ TEST_F(PushTest, KilledMeanwhileTheFormerOrTheNewOneStands) {
       ASSERT_TRUE(insertRoutes(0, 5).ok());
     }
   }
-}
-
-// Each push adds an action to the table of the entries, which stay whatever runs.
-TEST_F(PushTest, KilledWhileAnActionIsAddedTheEntriesStay) {
-  ASSERT_TRUE(push(config()).ok());
-  ASSERT_TRUE(insertRoutes(0, 2000).ok());
-  const uint64_t changes = forwarder_.programmedChanges();
-  int added = 0;
-  for (int round = 0; round < 16; ++round) {
-    SCOPED_TRACE(round);
-    const Config next = extended(config(), added + 1);
-    std::thread pusher([&, id = electionId_] { pushOf(id, Set::RECONCILE_AND_COMMIT, &next); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(round * 2));
-    agent_.kill();
-    pusher.join();
-    ASSERT_NO_FATAL_FAILURE(startAgain());
-    if (MessageDifferencer::Equals(get().config(), next)) ++added;
-    expectRuns(added == 0 ? config() : extended(config(), added));
-    EXPECT_THAT(entries(), SizeIs(2000));
-    EXPECT_EQ(disagreement(), "");
-    EXPECT_EQ(forwarder_.programmedChanges(), changes);
-  }
-  EXPECT_GT(added, 0);
 }
 
 class ConfiguredPushTest : public PushTest {
