@@ -16,7 +16,7 @@ namespace P4Runtime {
 
 // A bounded number of connections waits; then the thread that accepts them does, and the kernel
 // refuses more. Otherwise clients could use up the descriptors of the process. Connections come at
-// a pace, as a handshake of TLS costs a millisecond of the processor, whoever the client is.
+// a pace: the handshake of any client costs a millisecond of the processor.
 class HttpWorkers final : public httplib::TaskQueue {
  public:
   HttpWorkers();

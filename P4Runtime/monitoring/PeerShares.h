@@ -17,7 +17,7 @@ class PeerShares {
   // `now`: the caller serves the connection, and calls nextOf() after it. `later`: nextOf() returns
   // it. `never`: too many wait; the caller closes it.
   Turn turnOf(const std::string& peer, int socket);
-  // A connection of the peer that waited, to be served next; nothing: there is none.
+  // Takes the peer's first waiting connection, which is served next. Nothing when none waits.
   std::optional<int> nextOf(const std::string& peer);
 
  private:

@@ -1,5 +1,5 @@
-// A request parsed onto an arena of its own: a Write of 100 updates is some two thousand
-// small objects, which are then allocated and let go as a few blocks.
+// A request parsed onto an arena of its own: its thousands of small objects are then allocated and
+// let go as a few blocks. Writes are read in another way (WriteMessage.h).
 #pragma once
 
 #include <google/protobuf/arena.h>

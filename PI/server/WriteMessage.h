@@ -16,8 +16,8 @@ class WriteMessage {
   const p4::v1::WriteRequest& message() const { return message_; }
   const fe::proto::WriteUpdates& updates() const { return updates_; }
 
-  // False when the bytes are no such message; an update that is none is found when it is checked.
-  // Once; the message lasts as long as this object.
+  // False when the bytes are no WriteRequest. Damage within an update is found by its check, later.
+  // Call it once; the message lasts as long as this object.
   bool parse(grpc::ByteBuffer* buffer, size_t size) {
     if (size == 0) return true;
     if (!buffer->DumpToSingleSlice(&bytes_).ok()) return false;

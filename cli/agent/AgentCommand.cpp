@@ -50,7 +50,7 @@ constexpr size_t ownDescriptors = 96;
 
 struct Options {
   std::string config;    // a file; empty: none, as the state database outside has it all
-  std::string outside;   // the address of that database; empty: there is none
+  std::string outside;   // the address of a state database; empty: no database is used
   std::string settings;  // a file; empty: they are not kept
   std::string stateDirectory;
   std::string library;

@@ -76,8 +76,8 @@ class PipelineSurvey {
     survey_.isLacking = false;
   }
 
-  // Until a controller pushes one, the newest of those that the agent was configured with. What a
-  // controller has pushed is installed in a form of the agent's own.
+  // The agent installs a controller's push in a form of its own. Before the first push, the newest
+  // configured pipeline counts.
   void handleOwn(const Record& record) {
     Push own;
     const auto request = Journal::requestOf(record);

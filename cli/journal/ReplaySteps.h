@@ -72,7 +72,7 @@ class ReplaySteps {
     bool isUnknown = false;  // nothing will be known of it
     bool isLate = false;     // a push that comes up with the next pipeline of the agent
     uint32_t code = 0;
-    std::vector<uint32_t> failures;  // of which updates
+    std::vector<uint32_t> failures;  // the places of the updates that failed
   };
   void addRequest(const Journal::Record& record);
   void addOutcome(const Journal::Record& record);

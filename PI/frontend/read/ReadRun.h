@@ -23,7 +23,7 @@ namespace pi::fe::proto {
 
 // For one Read, on its thread, without a lock. Waits for the client, and for a turn when it walks
 // through tables; it asks the target for counts and last hits alone. Equal queries share one
-// result. Queries for all objects pass over those that the caller may not read.
+// result. A query for all objects returns the objects that the caller may read.
 class ReadRun {
  public:
   ReadRun(const P4InfoIndex& index, EntryStore& store, const TargetSession& session,
