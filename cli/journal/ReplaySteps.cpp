@@ -219,13 +219,13 @@ std::optional<ReplayStep> ReplaySteps::next() {
       ++unknown_;
       continue;
     }
-    if (auto step = stepOf(std::move(call))) return step;
+    if (auto step = stepOf(call)) return step;
   }
   return std::nullopt;
 }
 
 // Empty when nothing of the call took effect.
-std::optional<ReplayStep> ReplaySteps::stepOf(Call call) {
+std::optional<ReplayStep> ReplaySteps::stepOf(const Call& call) {
   ReplayStep step{.sequence = call.sequence, .time = call.time};
   if (call.kind == RecordKind::push) {
     Push push;

@@ -77,7 +77,7 @@ class ReplaySteps {
   void addRequest(const Journal::Record& record);
   void addOutcome(const Journal::Record& record);
   void placePush();
-  std::optional<ReplayStep> stepOf(Call call);
+  std::optional<ReplayStep> stepOf(const Call& call);
   void removeFailed(const Call& call, p4::v1::WriteRequest* write);
 
   const uint64_t from_;

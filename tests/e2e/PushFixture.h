@@ -147,6 +147,6 @@ class PushTest : public testing::Test {
 
 #define EXPECT_CODE(status, code)                                                   \
   do {                                                                              \
-    const grpc::Status given = (status);                                            \
+    const grpc::Status& given = (status);                                           \
     EXPECT_EQ(given.error_code(), grpc::StatusCode::code) << given.error_message(); \
   } while (false)

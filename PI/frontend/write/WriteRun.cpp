@@ -58,6 +58,12 @@ class Burst {
   const pi_dev_id_t deviceId_;
 };
 
+// The table, or the profile of a member or group.
+const ActionUser& userOf(const CheckedUpdate& update) {
+  if (update.table != nullptr) return *update.table;
+  return *update.profile;
+}
+
 bool isOfOneCall(const CheckedUpdate& update) {
   return update.profile == nullptr && update.table->entity == nullptr && !update.extras;
 }
@@ -466,21 +472,19 @@ void WriteRun::doCountUse(const CheckedUpdate& update) {
 }
 
 void WriteRun::doCountNames(const CheckedUpdate& update) {
-  const ActionUser* user = update.table;
-  if (user == nullptr) user = update.profile;
-  if (!user->usesNames) return;
+  const ActionUser& user = userOf(update);
+  if (!user.usesNames) return;
   const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
-  if (update.type != Update::DELETE) holdNames(*user, update.table, *update.slot.entry);
-  if (former != nullptr) takeNames(*user, update.table, *former, &goneNames_);
+  if (update.type != Update::DELETE) holdNames(user, update.table, *update.slot.entry);
+  if (former != nullptr) takeNames(user, update.table, *former, &goneNames_);
 }
 
 // The names of an update count once all of the Write stands.
 void WriteRun::noteNames(const CheckedUpdate& update) {
-  const ActionUser* user = update.table;
-  if (user == nullptr) user = update.profile;
-  if (!user->usesNames) return;
+  const ActionUser& user = userOf(update);
+  if (!user.usesNames) return;
   const Entry* former = store_.committed({update.slot.entry->key(), update.slot.hash});
-  notedNames_.push_back({user, update.table, EntryPtr(const_cast<Entry*>(former)),
+  notedNames_.push_back({&user, update.table, EntryPtr(const_cast<Entry*>(former)),
                          update.type == Update::DELETE ? EntryPtr() : update.slot.entry});
 }
 
