@@ -66,6 +66,7 @@ Runner::Runner(RunnerOptions options)
   if (options_.verbose) agent_.logIs([this](const std::string& line) { say(line); });
   agent_.rulesIs(options_.rules);
   subscriber_->learnsTypesIs(true);
+  subscriber_->readsAheadIs(true);
   traffic_.optionsIs(options_.traffic);
   if (options_.forwarding) {
     forwarding_ =

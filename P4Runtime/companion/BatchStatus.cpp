@@ -91,6 +91,10 @@ void BatchStatus::onBatchBegin(bool isUrgent, bool isWhole) {
   inProgressIs(true);
 }
 
+void BatchStatus::showAhead() {
+  if (database_ && isUrgent_ && !isWhole_) database_->showAhead();
+}
+
 void BatchStatus::onBatchSettled() {
   if (database_) {
     database_->stopListening();

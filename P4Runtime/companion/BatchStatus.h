@@ -79,6 +79,7 @@ class BatchStatus : public Vela::Entity {
   // that looks for its reports. A whole one has a single fate.
   void onBatchBegin(bool isUrgent = true, bool isWhole = false);
   bool isWhole() const { return isWhole_; }
+  void showAhead();              // lets forwarding agents program the batch so far, if they may
   void onBatchEnd();             // makes the batch's rows and records visible, all at once
   void onBatchUpdateComplete();  // the waiting begins
   // Looks for a moment whether the forwarding agents have programmed the batch, and takes in all

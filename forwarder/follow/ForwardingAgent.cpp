@@ -72,10 +72,18 @@ void ForwardingAgent::wholeCommit(const Lattice::WholeCommit& commit) {
   const bool fails = std::ranges::any_of(due_, [&](const Report& report) {
     return report.errorCode != 0 && commit.has(report.sequence);
   });
-  if (!fails) return;
+  if (fails) takeBackAll(commit);
+}
+
+void ForwardingAgent::aheadLost(const Lattice::WholeCommit& lost) {
+  if (plane_ && inGroup_) decideRows();
+  takeBackAll(lost);
+}
+
+void ForwardingAgent::takeBackAll(const Lattice::WholeCommit& commit) {
   const bool wholly =
       commit.visitFormer([this](const Lattice::RowChange& former) { takeBack(former); });
-  if (!wholly && log_) log_("a commit that failed could not be taken back wholly");
+  if (!wholly && log_) log_("a commit could not be taken back wholly");
 }
 
 void ForwardingAgent::takeBack(const Lattice::RowChange& former) {

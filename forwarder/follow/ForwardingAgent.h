@@ -74,6 +74,7 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void rowChanged(const Lattice::RowChange& change) override;
   void rowsComing(std::span<const Lattice::RowChange> changes) override;
   void wholeCommit(const Lattice::WholeCommit& commit) override;
+  void aheadLost(const Lattice::WholeCommit& lost) override;
   void rowsEnd() override;
   void rowsReported() override {
     if (plane_) plane_->settle();
@@ -122,6 +123,7 @@ class ForwardingAgent final : public Lattice::SubscriberHandler {
   void program(Held& held, const Lattice::RowChange& change, bool mayWait = true);
   void beginGroup();
   void decideRows();
+  void takeBackAll(const Lattice::WholeCommit& commit);
   void takeBack(const Lattice::RowChange& former);
   void retryWaiting(bool mayWait);
   void sweepAll();

@@ -5,6 +5,15 @@
 #include <unordered_set>
 
 namespace Brine {
+namespace {
+
+constexpr uint32_t withdrawn = RingEntry::replaced | RingEntry::withdrawn;
+
+uint32_t flagsOf(ChangeLog::Void why) {
+  return why == ChangeLog::Void::withdrawn ? withdrawn : RingEntry::replaced;
+}
+
+}  // namespace
 
 ChangeLog::ChangeLog(StoreFile& file, SlotSpace& slots)
     : file_(file),
@@ -38,18 +47,18 @@ void ChangeLog::add(const LoggedChange& change) {
   store(entry.sequence, stamped(sequence, entrySalt(entry)));
 }
 
-void ChangeLog::voidIs(uint64_t sequence) {
+void ChangeLog::voidIs(uint64_t sequence, Void why) {
   LoggedChange& change = at(sequence);
   change.now = change.before = 0;
-  change.flags |= RingEntry::replaced;
+  change.flags |= flagsOf(why);
   RingEntry& entry = file_.ring(sequence);
-  if (numberIn(load(entry.sequence)) == sequence) sayNothing(entry);
+  if (numberIn(load(entry.sequence)) == sequence) sayNothing(entry, why);
 }
 
 // A reader that looks at it meanwhile takes it for lost.
-void ChangeLog::sayNothing(RingEntry& entry) {
+void ChangeLog::sayNothing(RingEntry& entry, Void why) {
   const uint64_t sequence = numberIn(load(entry.sequence));
-  entry.flags |= RingEntry::replaced;
+  entry.flags |= flagsOf(why);
   store(entry.sequence, stamped(sequence, entrySalt(entry)));
 }
 
@@ -76,7 +85,7 @@ void ChangeLog::dropOpen() {
 void ChangeLog::sayNothingUpTo(uint64_t sequence) {
   while (next() <= sequence) {
     LoggedChange nothing;
-    nothing.flags = RingEntry::replaced;
+    nothing.flags = withdrawn;
     add(nothing);
   }
 }

@@ -45,8 +45,10 @@ class ChangeLog {
 
   // Appends it under the number next(), for followers too.
   void add(const LoggedChange& change);
-  // Empties an open change: followers pass over its number.
-  void voidIs(uint64_t sequence);
+  // Empties an open change: followers pass over its number. A withdrawn one never was; else a later
+  // one stands for it.
+  enum class Void { replaced, withdrawn };
+  void voidIs(uint64_t sequence, Void why);
   void commit();
   // Forgets the changes that are not committed. Their numbers are never another's: it leaves as
   // many that say nothing, to be committed.
@@ -77,7 +79,7 @@ class ChangeLog {
   void trimmedIs(uint64_t sequence);
   void becomeFormerAgain(Ref ref, uint64_t end);
   void sayNothingUpTo(uint64_t sequence);
-  static void sayNothing(RingEntry& entry);
+  static void sayNothing(RingEntry& entry, Void why = Void::replaced);
 
   StoreFile& file_;
   SlotSpace& slots_;

@@ -105,6 +105,7 @@ struct RingEntry {
   static constexpr uint32_t deleted = 1;
   static constexpr uint32_t unchanged = 2;  // the value is as it was
   static constexpr uint32_t replaced = 4;   // a later change of the same commit stands for it
+  static constexpr uint32_t withdrawn = 8;  // with `replaced`: none does, it never was
 };
 static_assert(sizeof(RingEntry) == 32);
 

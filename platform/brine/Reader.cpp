@@ -21,6 +21,7 @@ constexpr TableNumber directoryTable = 1;
 constexpr int triesBesideAWriter = 20;
 constexpr size_t changesAtOnce = 512;
 constexpr size_t bytesAtOnce = size_t{1} << 20;
+constexpr uint64_t loadedAhead = 12;
 
 // Copies slots beside a writer that may use them again meanwhile.
 class SlotReader {
@@ -362,7 +363,14 @@ class ReaderImpl final : public Reader {
     const auto found = tables.find(name);
     return found == tables.end() ? 0 : found->second;
   }
-  std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangesVisit& visit) override;
+  std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangesVisit& visit) override {
+    return visitUpTo(std::min(to, file_.word(CommitWord::committed)), from, visit);
+  }
+  std::optional<uint64_t> followAhead(uint64_t from, uint64_t to,
+                                      const ChangesVisit& visit) override {
+    return visitUpTo(to, from, visit);
+  }
+  bool cameTrue(uint64_t from, uint64_t to) const override;
   bool visitTakenBack(uint64_t first, uint64_t last, const ChangeVisit& visit) override;
 
  private:
@@ -374,7 +382,8 @@ class ReaderImpl final : public Reader {
   Copied copied(const TableFilter& filter, Attachments attachments);
   Copied copiedOnce(const TableFilter& filter, Attachments attachments);
   Tables listIn(Copier& copier);
-  void loadAhead(uint64_t sequence) const;
+  std::optional<uint64_t> visitUpTo(uint64_t to, uint64_t from, const ChangesVisit& visit);
+  void loadSlotOf(uint64_t sequence) const;
   bool copyChange(uint64_t sequence);
   void passOn(const ChangesVisit& visit);
   bool takeBack(uint64_t sequence, const ChangeVisit& visit);
@@ -440,8 +449,8 @@ std::unique_ptr<Snapshot> ReaderImpl::snapshot(const TableFilter& filter, Attach
   return std::make_unique<SnapshotImpl>(*copy.records, std::move(copy.tables), settled);
 }
 
-std::optional<uint64_t> ReaderImpl::follow(uint64_t from, uint64_t to, const ChangesVisit& visit) {
-  to = std::min(to, file_.word(CommitWord::committed));
+std::optional<uint64_t> ReaderImpl::visitUpTo(uint64_t to, uint64_t from,
+                                              const ChangesVisit& visit) {
   while (from < to) {
     bytes_.clear();
     changes_.clear();
@@ -449,7 +458,8 @@ std::optional<uint64_t> ReaderImpl::follow(uint64_t from, uint64_t to, const Cha
     uint64_t reached = from;
     if (file_.word(CommitWord::trimmed) > from) return std::nullopt;
     while (reached < to && changes_.size() < changesAtOnce && bytes_.size() < bytesAtOnce) {
-      loadAhead(++reached);
+      ++reached;
+      if (reached + loadedAhead <= to) loadSlotOf(reached + loadedAhead);
       if (!copyChange(reached)) return std::nullopt;
     }
     // Slots of changes that were trimmed may have been used again before they were copied.
@@ -461,9 +471,8 @@ std::optional<uint64_t> ReaderImpl::follow(uint64_t from, uint64_t to, const Cha
 }
 
 // The slots of a million records lie in memory that the processor has yet to fetch.
-void ReaderImpl::loadAhead(uint64_t sequence) const {
-  constexpr uint64_t ahead = 12;
-  const RingEntry& entry = file_.ring(sequence + ahead);
+void ReaderImpl::loadSlotOf(uint64_t sequence) const {
+  const RingEntry& entry = file_.ring(sequence);
   file_.loadSlot(entry.now != 0 ? entry.now : entry.before);
 }
 
@@ -499,6 +508,14 @@ bool ReaderImpl::copyChange(uint64_t sequence) {
                       .value = {}});
   bytes_.resize(copy->at + keySize + valueSize);
   return true;
+}
+
+bool ReaderImpl::cameTrue(uint64_t from, uint64_t to) const {
+  for (uint64_t sequence = from; ++sequence <= to;) {
+    const auto entry = file_.change(sequence);
+    if (!entry || (entry->flags & RingEntry::withdrawn)) return false;
+  }
+  return file_.word(CommitWord::committed) >= to && file_.word(CommitWord::trimmed) <= from;
 }
 
 bool ReaderImpl::visitTakenBack(uint64_t first, uint64_t last, const ChangeVisit& visit) {

@@ -74,6 +74,13 @@ class Reader {
   // seen: a snapshot tells the rest.
   using ChangesVisit = std::function<void(std::span<const FollowedChange> changes)>;
   virtual std::optional<uint64_t> follow(uint64_t from, uint64_t to, const ChangesVisit& visit) = 0;
+  // The same ahead of the commit: changes that Store::showAhead() has shown up to `to`. Returns
+  // nothing when one cannot be seen whole; it can once it is committed.
+  virtual std::optional<uint64_t> followAhead(uint64_t from, uint64_t to,
+                                              const ChangesVisit& visit) = 0;
+  // Whether the changes after `from`, up to `to`, were committed as followAhead() has visited them.
+  // One that a later one has replaced counts: that one was committed, too.
+  virtual bool cameTrue(uint64_t from, uint64_t to) const = 0;
   // Visits the changes from `last` down to `first`, each as the change that takes it back: with the
   // record's former value and owner, or deleted when there was none. Changes that are settled may
   // be forgotten. Returns false when one of them is, with those after it visited.

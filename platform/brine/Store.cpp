@@ -79,6 +79,7 @@ class StoreImpl final : public Store {
   std::vector<DamagedRecord> takeDamagedRecords() override { return std::exchange(damaged_, {}); }
   void eraseDamaged(std::span<const DamagedRecord> records) override;
   bool dirty() const override { return log_.anyOpen() || typesChanged_; }
+  uint64_t showAhead() override;
   void commit() override;
   void discard() override;
   uint64_t committedSequence() const override { return log_.committed(); }
@@ -116,6 +117,7 @@ class StoreImpl final : public Store {
   void checkKey(Bytes key) const;
   Ref soundSlot(TableNumber number, Ref ref) const;
   Ref allocate(TableNumber table, size_t bytes);
+  void enterChecksum(const LoggedChange& change);
   Ref newSlot(TableNumber table, Bytes key, size_t valueSize, const WriteOptions& options);
   Bytes keyOf(Ref ref) const { return {file_.slot(ref).key(), file_.slot(ref).keySize}; }
   bool isOpen(Ref ref) const { return log_.isOpen(numberIn(file_.slot(ref).begin)); }
@@ -141,6 +143,7 @@ class StoreImpl final : public Store {
   mutable Table* lastTable_ = nullptr;
   std::map<std::string, TableNumber, std::less<>> numbers_;
   bool typesChanged_ = false;
+  uint64_t shownAhead_ = 0;  // the last change that showAhead() has shown
   mutable std::vector<DamagedRecord> damaged_;  // not taken yet
   mutable std::map<DamagedRecord, std::set<Ref>> damagedSlots_;
 };
@@ -378,7 +381,7 @@ void StoreImpl::replaceOpen(Ref former, LoggedChange* change) {
   if (logged.owner != change->owner || logged.isUndo) return;
   change->before = logged.before;
   if (!(logged.flags & RingEntry::unchanged)) change->flags &= ~RingEntry::unchanged;
-  log_.voidIs(sequence);
+  log_.voidIs(sequence, ChangeLog::Void::replaced);
   free(former);
 }
 
@@ -398,10 +401,11 @@ uint64_t StoreImpl::eraseFor(TableNumber number, Bytes key, uint64_t owner) {
   LoggedChange change{.owner = owner, .table = number, .flags = RingEntry::deleted};
   const Ref ref = table.index.enter(key, 0);
   change.before = ref;
+  const bool mayBeSeen = ref != 0 && numberIn(file_.slot(ref).begin) <= shownAhead_;
   if (ref != 0 && isOpen(ref)) replaceOpen(ref, &change);
   if (change.before == 0) {  // followers read the key in a slot all the same
     change.now = newSlot(number, key, 0, {.owner = owner});
-    change.flags |= RingEntry::unchanged;
+    if (!mayBeSeen) change.flags |= RingEntry::unchanged;
     endIs(change.now, sequence);
     beginIs(change.now, sequence);
   } else {
@@ -496,16 +500,25 @@ void StoreImpl::index(TableNumber number, const std::set<Ref>& without) {
   at(number).index = std::move(fresh);
 }
 
+void StoreImpl::enterChecksum(const LoggedChange& change) {
+  if (change.now == 0 || change.isUndo) return;
+  SlotHead& slot = file_.slot(change.now);
+  slot.checksum = slotChecksum(slot, file_.head().seed, change.table);
+}
+
+uint64_t StoreImpl::showAhead() {
+  uint64_t sequence = std::max(shownAhead_, log_.committed());
+  while (++sequence < log_.next()) enterChecksum(log_.at(sequence));
+  return shownAhead_ = log_.next() - 1;
+}
+
 void StoreImpl::commit() {
   if (!dirty()) return;
-  const uint64_t seed = file_.head().seed;
   for (uint64_t sequence = log_.committed() + 1; sequence < log_.next(); ++sequence) {
     const LoggedChange& change = log_.at(sequence);
     const bool isTombstone = change.now != 0 && (change.flags & RingEntry::deleted);
     sum_.change(change.table, isTombstone ? 0 : sum_.of(change.now), sum_.of(change.before));
-    if (change.now == 0 || change.isUndo) continue;
-    SlotHead& slot = file_.slot(change.now);
-    slot.checksum = slotChecksum(slot, seed, change.table);
+    if (sequence > shownAhead_) enterChecksum(change);
   }
   if (std::exchange(typesChanged_, false)) {
     file_.wordIs(CommitWord::typesVersion, typesVersion() + 1);
@@ -552,7 +565,7 @@ void StoreImpl::takeBackFrom(uint64_t sequence, Bytes key) {
     const Ref any = change.before != 0 ? change.before : change.now;
     if (change.table != table || any == 0 || asText(keyOf(any)) != copied) continue;
     takeBack(change);
-    log_.voidIs(at);
+    log_.voidIs(at, ChangeLog::Void::withdrawn);
   }
 }
 

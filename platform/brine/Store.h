@@ -161,6 +161,9 @@ class Store {
   virtual void eraseDamaged(std::span<const DamagedRecord> records) = 0;
 
   virtual bool dirty() const = 0;  // whether any write is not committed
+  // Lets Reader::followAhead() see the writes so far, which may still be replaced or discarded.
+  // Returns the sequence number of the last one.
+  virtual uint64_t showAhead() = 0;
   // Makes the writes visible and lasting, all in one step. Needs no room.
   virtual void commit() = 0;
   virtual void discard() = 0;  // takes the writes since the last commit back

@@ -25,6 +25,8 @@ Scrivel::TraceHandle trace("LatticeDatabase");
 // With followers attached more changes may be kept than without, but not until the state directory
 // is full: one that lags this far takes a snapshot.
 constexpr size_t laggingFactor = 10;
+// A smaller batch is committed before a follower has made use of it.
+constexpr uint64_t worthShowing = 120;
 
 }  // namespace
 
@@ -77,6 +79,10 @@ class DatabaseImpl final : public Database {
   size_t undoneAtStart() const override { return undoneAtStart_; }
   void settle() override;
   void urgentIs(bool isUrgent) override { doorbell_.urgentIs(isUrgent); }
+  void showAhead() override {
+    const uint64_t changes = store_.nextSequence() - store_.committedSequence();
+    if (inBatch_ && changes > worthShowing) doorbell_.shownAheadIs(store_.showAhead());
+  }
   void listen() override { doorbell_.look(); }
   void stopListening() override { doorbell_.stopLooking(); }
   bool lookForProgrammed() const override { return doorbell_.lookForProgrammed(batchEnd_); }

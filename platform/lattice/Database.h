@@ -149,6 +149,10 @@ class Database {
   // Whether followers are to look for the changes of the batch that was begun, and of those that
   // come soon after it, rather than sleep.
   virtual void urgentIs(bool isUrgent) = 0;
+  // Lets followers program the changes of the batch so far while the next ones are made. They tell
+  // of them, and let packets see them, once they are committed. Not for a batch that stands or
+  // falls as a whole.
+  virtual void showAhead() = 0;
   // For the thread of a batch, which waits for the followers' word on it. From listen(), before
   // batchEnd(), to stopListening(), they need send no message for it.
   virtual void listen() = 0;

@@ -29,6 +29,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds retryInterval{100};
 constexpr std::chrono::microseconds usuallyWorthLooking{600};
 constexpr std::chrono::milliseconds longestStay{5};  // the caller has other duties, too
+constexpr std::chrono::milliseconds longestStayForLarge{20};
 // The agent or its files are not as they should be: detach and try again later.
 struct Detached {
   std::string why;
@@ -41,6 +42,19 @@ std::string damagedText(const std::string& table, size_t rows) {
 }
 
 class SubscriberImpl final : public Subscriber {
+  // The changes in whole_.
+  class Commit final : public WholeCommit {
+   public:
+    Commit(const SubscriberImpl& subscriber, Brine::Reader& reader)
+        : subscriber_(subscriber), reader_(reader) {}
+    bool has(uint64_t sequence) const override;
+    bool visitFormer(const std::function<void(const RowChange&)>& visit) const override;
+
+   private:
+    const SubscriberImpl& subscriber_;
+    Brine::Reader& reader_;
+  };
+
  public:
   SubscriberImpl(std::string directory, std::string name, SubscriberHandler& handler)
       : directory_(std::move(directory)),
@@ -52,6 +66,7 @@ class SubscriberImpl final : public Subscriber {
   void answersQuestionsIs(bool answers) override { answersQuestions_ = answers; }
   void tellsLastHitsIs(bool tells) override { tellsLastHits_ = tells; }
   void learnsTypesIs(bool learns) override { learnsTypes_ = learns; }
+  void readsAheadIs(bool readsAhead) override { readsAhead_ = readsAhead; }
   void follow(std::chrono::milliseconds timeout) override;
   const std::string& trouble() const override { return trouble_; }
   bool attached() const override { return attached_; }
@@ -86,6 +101,13 @@ class SubscriberImpl final : public Subscriber {
   void say();
   void stay();
   bool anyChanges() const { return reader_->state().committed != sequence_; }
+  bool anyAhead() const;
+  void nap();
+  bool maybeReadAhead();
+  void passOnAhead(std::span<const Brine::FollowedChange> changes);
+  bool maybeTakeAhead(uint64_t committed);
+  void forgetAhead();
+  void tellAheadLost();
   bool readOnce();
   void learnTables();
   void maybeRetype(uint32_t number, const TableRecord& record);
@@ -94,11 +116,12 @@ class SubscriberImpl final : public Subscriber {
   std::shared_ptr<const TableType> typeOf(const std::string& name, const TableRecord& record);
   void takeSnapshot();
   void passOn(const Brine::Snapshot& snapshot);
-  void passOn(std::span<const Brine::FollowedChange> changes);
+  void passOn(std::span<const Brine::FollowedChange> changes, uint64_t& reached);
   RowChange rowChange(const Brine::FollowedChange& change) const;
   void passOn(const RowChange& change);
   void maybeNoteWhole(const Brine::FollowedChange& change);
   void tellWholeCommit();
+  void addReport(const PackedReport& report);
 
   void maybeSayInStep();
   void queueReports();
@@ -121,6 +144,7 @@ class SubscriberImpl final : public Subscriber {
   bool answersQuestions_ = false;
   bool tellsLastHits_ = false;
   bool learnsTypes_ = false;
+  bool readsAhead_ = false;
   std::vector<QuestionMessage> questions_;
   Clock::time_point nextAttempt_{};
   std::string buffer_;
@@ -136,6 +160,20 @@ class SubscriberImpl final : public Subscriber {
   StoreIdentity identity_{};
   bool identityKnown_ = false;
   uint64_t sequence_ = 0;
+  // Changes after sequence_ up to this one were passed on ahead of their commit. Reports on them
+  // that have words of their own wait for it.
+  uint64_t ahead_ = 0;
+  bool isAhead_ = false;         // some were passed on so
+  bool isAheadBlocked_ = false;  // no more until the commit
+  bool isBatchLarge_ = false;    // so that some could be passed on ahead
+  struct HeldReport {
+    uint64_t entryHandle;
+    uint64_t sequence;
+    uint16_t errorCode;
+    std::string message;
+  };
+  std::vector<HeldReport> heldReports_;
+  std::shared_ptr<Brine::Reader> lostReader_;  // of changes ahead whose agent has gone
   uint64_t typesVersion_ = UINT64_MAX;
   bool needSnapshot_ = true;
   // Changes that were passed on and not reported on yet, ascending; those programmed out of order
@@ -166,6 +204,7 @@ class SubscriberImpl final : public Subscriber {
 
 void SubscriberImpl::follow(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
+  tellAheadLost();
   try {
     step(deadline);
   } catch (const Detached& detached) {
@@ -173,6 +212,7 @@ void SubscriberImpl::follow(std::chrono::milliseconds timeout) {
   } catch (const Brine::StoreError& error) {
     detach(error.what());
   }
+  tellAheadLost();
 }
 
 void SubscriberImpl::step(Clock::time_point deadline) {
@@ -206,12 +246,13 @@ void SubscriberImpl::say() {
 // While the changes of one batch soon follow those of another, or a ring without changes has told
 // that a batch is in the making.
 void SubscriberImpl::stay() {
-  const auto end = Clock::now() + longestStay;
+  const auto begin = Clock::now();
   do {
     say();
     handler_.rowsReported();
     pace_.quietIs(Clock::now());
-  } while (Clock::now() < end && maybeLookForChanges());
+  } while (Clock::now() - begin < (isBatchLarge_ ? longestStayForLarge : longestStay) &&
+           maybeLookForChanges());
 }
 
 void SubscriberImpl::waitReadable(Clock::time_point until) {
@@ -316,6 +357,10 @@ void SubscriberImpl::detach(std::string why) {
   socket_ = Socket();
   page_.reset();
   isWordDue_ = false;
+  if (isAhead_) {
+    lostReader_ = reader_;
+    needSnapshot_ = true;
+  }
   reader_.reset();
   outbox_.clear();
   questions_.clear();
@@ -335,21 +380,105 @@ void SubscriberImpl::catchUp() {
   const uint64_t before = sequence_;
   while (attached_ && readOnce()) {  // a handler that flushes may find the agent gone
   }
+  if (isAhead_) return;
+  if (sequence_ != before) {
+    isBatchLarge_ = readsAhead_ && page_ && page_->words().shownAhead > before;
+  }
   pace_.ringIs(began, sequence_ != before);
 }
 
-// Whether changes have come, and were passed on.
+bool SubscriberImpl::anyAhead() const {
+  const uint64_t shown = page_->words().shownAhead.load(std::memory_order_acquire);
+  return readsAhead_ && !isAheadBlocked_ && shown > std::max(sequence_, ahead_);
+}
+
+// Passes on changes that are yet to be committed; whether there were any.
+bool SubscriberImpl::maybeReadAhead() {
+  if (!anyAhead() || needSnapshot_ || inSnapshot_) return false;
+  const Brine::Reader::State state = reader_->state();
+  if (state.committed != sequence_ || state.typesVersion != typesVersion_) return false;
+  pace_.aheadIs(Clock::now());
+  isAhead_ = true;
+  ahead_ = std::max(sequence_, ahead_);
+  const auto reached =
+      reader_->followAhead(ahead_, page_->words().shownAhead,
+                           [this](auto changes) { passOnAhead(changes); });
+  if (!reached) isAheadBlocked_ = true;
+  if (reached && attached_ && !isAheadBlocked_) ahead_ = *reached;
+  return attached_;
+}
+
+// A record that is no row waits for its commit, and all behind it: it may be the first row of a
+// table that is yet to be known.
+void SubscriberImpl::passOnAhead(std::span<const Brine::FollowedChange> changes) {
+  const auto isRow = [this](const auto& change) { return tables_.contains(change.table); };
+  isAheadBlocked_ = isAheadBlocked_ || !std::ranges::all_of(changes, isRow);
+  if (!isAheadBlocked_) passOn(changes, ahead_);
+}
+
+// Whether the changes that were passed on ahead are committed now.
+bool SubscriberImpl::maybeTakeAhead(uint64_t committed) {
+  if (!isAhead_ || committed == sequence_) return false;
+  if (!reader_->cameTrue(sequence_, ahead_)) {
+    needSnapshot_ = true;
+    return false;
+  }
+  sequence_ = ahead_;
+  const auto held = std::exchange(heldReports_, {});
+  forgetAhead();
+  for (const HeldReport& report : held) {
+    addReport({report.entryHandle, report.sequence, report.errorCode, report.message});
+  }
+  return true;
+}
+
+void SubscriberImpl::forgetAhead() {
+  ahead_ = sequence_;
+  isAhead_ = isAheadBlocked_ = false;
+  heldReports_.clear();
+}
+
+void SubscriberImpl::tellAheadLost() {
+  const auto reader = std::exchange(lostReader_, nullptr);
+  if (!reader) return;
+  whole_ = {{sequence_ + 1, ahead_}};
+  forgetAhead();
+  handler_.aheadLost(Commit(*this, *reader));
+  whole_.clear();
+  handler_.rowsEnd();
+}
+
+// Whether changes have come, and were passed on. Changes ahead come one after another: to stop
+// looking between them would cost the agent a ring.
 bool SubscriberImpl::maybeLookForChanges() {
-  if (!attached_ || !page_ || !outbox_.empty() || !pace_.comeWithin(worthLooking_)) return false;
+  if (!attached_ || !page_ || !outbox_.empty()) return false;
   DoorbellWords& words = page_->words();
   if (words.worthLooking == 0) return false;
+  const bool isMade = readsAhead_ && pace_.isInTheMaking();
+  const bool mayNap = open_.empty() && (isMade || isBatchLarge_);
+  const bool mayLook = isMade || pace_.comeWithin(worthLooking_);
+  if (!mayNap && !mayLook) return false;
   words.subscriberLooks = 1;
-  Vela::lookFor(worthLooking_, [&] { return anyChanges() || words.worthLooking == 0; });
+  const auto isOver = [&] { return anyChanges() || anyAhead() || words.worthLooking == 0; };
+  if (mayLook) Vela::lookFor(worthLooking_, isOver);
+  while (!anyChanges() && maybeReadAhead()) Vela::lookFor(worthLooking_, isOver);
+  if (mayNap && attached_ && !anyChanges()) nap();
+  if (!attached_) return false;
   words.subscriberLooks = 0;
   std::atomic_thread_fence(std::memory_order_seq_cst);
-  if (!anyChanges()) return false;
-  catchUp();
-  return attached_;
+  const bool isSeen = anyChanges();
+  if (isSeen || rung_) catchUp();
+  return attached_ && (isSeen || mayNap);
+}
+
+// While other threads want the processor, or for longer than is worth a processor. A ring does not
+// do as well: the system wakes its receiver on the processor of the batch's own thread, where it
+// waits for the batch to end.
+void SubscriberImpl::nap() {
+  constexpr timespec moment{.tv_sec = 0, .tv_nsec = 50000};
+  pollfd watched{socket_.descriptor(), POLLIN, 0};
+  ::ppoll(&watched, 1, &moment, nullptr);
+  receiveAll();
 }
 
 // Passes on the changes until now; true when there may be more.
@@ -357,14 +486,14 @@ bool SubscriberImpl::readOnce() {
   const Brine::Reader::State state = reader_->state();
   if (state.typesVersion != typesVersion_) learnTables();
   if (sequence_ < state.trimmed || sequence_ > state.committed) needSnapshot_ = true;
+  const bool anyAhead = !needSnapshot_ && maybeTakeAhead(state.committed);
   if (needSnapshot_) {
     takeSnapshot();
     return true;
   }
-  if (sequence_ == state.committed) return false;
-  const auto reached =
-      reader_->follow(sequence_, state.committed,
-                      [this](std::span<const Brine::FollowedChange> changes) { passOn(changes); });
+  if (sequence_ == state.committed && !anyAhead) return false;
+  const auto reached = reader_->follow(sequence_, state.committed,
+                                       [this](auto changes) { passOn(changes, sequence_); });
   if (reached && attached_) tellWholeCommit();
   whole_.clear();
   if (reached || !attached_) handler_.rowsEnd();
@@ -465,6 +594,7 @@ void SubscriberImpl::takeSnapshot() {
   unreported_.clear();
   open_.clear();
   doneBehind_ = 0;
+  forgetAhead();
   passOn(*snapshot);
   sequence_ = snapshotSequence_;
   delivered_ = true;
@@ -496,7 +626,7 @@ void SubscriberImpl::passOn(const Brine::Snapshot& snapshot) {
   handler_.rowsEnd();
 }
 
-void SubscriberImpl::passOn(std::span<const Brine::FollowedChange> changes) {
+void SubscriberImpl::passOn(std::span<const Brine::FollowedChange> changes, uint64_t& reached) {
   std::array<RowChange, 32> rows;
   while (!changes.empty()) {
     const size_t count = std::min(changes.size(), rows.size());
@@ -510,7 +640,7 @@ void SubscriberImpl::passOn(std::span<const Brine::FollowedChange> changes) {
     for (size_t i = 0; i < count; ++i) {
       if (!attached_) return;
       passOn(rows[i]);
-      sequence_ = rows[i].sequence;
+      reached = rows[i].sequence;
     }
   }
 }
@@ -524,30 +654,25 @@ void SubscriberImpl::maybeNoteWhole(const Brine::FollowedChange& change) {
 }
 
 void SubscriberImpl::tellWholeCommit() {
-  if (whole_.empty()) return;
-  class Commit final : public WholeCommit {
-   public:
-    explicit Commit(const SubscriberImpl& subscriber) : subscriber_(subscriber) {}
-    bool has(uint64_t sequence) const override {
-      return std::ranges::any_of(subscriber_.whole_, [&](const auto& range) {
-        return range.first <= sequence && sequence <= range.second;
-      });
-    }
-    bool visitFormer(const std::function<void(const RowChange&)>& visit) const override {
-      return std::all_of(subscriber_.whole_.rbegin(), subscriber_.whole_.rend(),
-                         [&](const auto& range) {
-                           return subscriber_.reader_->visitTakenBack(
-                               range.first, range.second, [&](const Brine::FollowedChange& former) {
-                                 const RowChange change = subscriber_.rowChange(former);
-                                 if (change.table) visit(change);
-                               });
-                         });
-    }
+  if (!whole_.empty()) handler_.wholeCommit(Commit(*this, *reader_));
+}
 
-   private:
-    const SubscriberImpl& subscriber_;
+bool SubscriberImpl::Commit::has(uint64_t sequence) const {
+  return std::ranges::any_of(subscriber_.whole_, [&](const auto& range) {
+    return range.first <= sequence && sequence <= range.second;
+  });
+}
+
+bool SubscriberImpl::Commit::visitFormer(
+    const std::function<void(const RowChange&)>& visit) const {
+  const auto visitRow = [&](const Brine::FollowedChange& former) {
+    const RowChange change = subscriber_.rowChange(former);
+    if (change.table) visit(change);
   };
-  handler_.wholeCommit(Commit(*this));
+  return std::all_of(subscriber_.whole_.rbegin(), subscriber_.whole_.rend(),
+                     [&](const auto& range) {
+                       return reader_.visitTakenBack(range.first, range.second, visitRow);
+                     });
 }
 
 RowChange SubscriberImpl::rowChange(const Brine::FollowedChange& from) const {
@@ -583,8 +708,16 @@ void SubscriberImpl::report(uint64_t entryHandle, uint64_t sequence, uint16_t er
   const bool isInOrder = settleInOrder(sequence);
   if (!attached_) return;
   if (isInOrder && !inSnapshot_ && !isFailure && !isMended) return;
-  reports_.add({entryHandle, sequence, errorCode, message});
+  if (isAhead_ && sequence > sequence_) {
+    heldReports_.push_back({entryHandle, sequence, errorCode, std::string(message)});
+    return;
+  }
   if (inSnapshot_) unreported_.erase(sequence);
+  addReport({entryHandle, sequence, errorCode, message});
+}
+
+void SubscriberImpl::addReport(const PackedReport& report) {
+  reports_.add(report);
   if (reports_.full()) flush();
 }
 
@@ -637,7 +770,8 @@ void SubscriberImpl::flush() {
 // After the failures among them.
 void SubscriberImpl::queueProgrammed() {
   if (needSnapshot_ || inSnapshot_) return;
-  const uint64_t programmed = open_.empty() ? sequence_ : open_.front().sequence - 1;
+  const uint64_t programmed =
+      open_.empty() ? sequence_ : std::min(sequence_, open_.front().sequence - 1);
   if (programmed <= programmedSaid_) return;
   programmedSaid_ = programmed;
   if (programmed == sequence_) receivedSaid_ = sequence_;  // it says that, too

@@ -58,15 +58,21 @@ class SubscriberHandler {
   // gone.
   virtual void snapshotBegin() = 0;
   virtual void snapshotEnd() = 0;
-  // Program it, and sooner or later report() on it, once.
+  // Program it, and sooner or later report() on it, once. For those who declare
+  // Subscriber::readsAheadIs() it may come before its commit, which rowsEnd() tells.
   virtual void rowChanged(const RowChange& change) = 0;
   // The next calls of rowChanged(), some dozen, unless the agent goes away: an opportunity to have
   // memory fetched that they will need. Nothing need be done.
   virtual void rowsComing(std::span<const RowChange> changes) { static_cast<void>(changes); }
+  // The changes that came before their commit will not be committed, since the agent has gone:
+  // make the rows as they were. rowsEnd() follows, and a snapshot from the next agent. Without the
+  // agent's going, a snapshot takes the place of changes that are not committed as they came.
+  virtual void aheadLost(const WholeCommit& lost) { static_cast<void>(lost); }
   // Among the changes since the last rowsEnd(), which comes next: for those who declare
   // Subscriber::appliesAtOnceIs().
   virtual void wholeCommit(const WholeCommit& commit) { static_cast<void>(commit); }
-  // The changes since the last call make up whole commits. Before the reports on them are sent, but
+  // The changes since the last call make up whole commits, or were made as if they never were.
+  // Before the reports on them are sent, but
   // for those that filled a message, and also when the agent has gone.
   virtual void rowsEnd() {}
   // The reports on these changes were sent: for work that nobody waits for.
@@ -104,6 +110,10 @@ class Subscriber {
   // Without it the agent takes all rows of such a table out, and makes them again in a new table.
   // Agents that do not know of this refuse to attach.
   virtual void learnsTypesIs(bool learnsTypes) { static_cast<void>(learnsTypes); }
+
+  // Declares that changes may come ahead of their commit, while the agent makes the rest of a
+  // batch: the forwarding agent programs them then at the time in which it would only wait.
+  virtual void readsAheadIs(bool readsAhead) { static_cast<void>(readsAhead); }
 
   // Waits for changes at most `timeout`, passes them on, and sends the reports gathered since.
   // Never throws for trouble with the agent or its files: it detaches, keeps its rows, and

@@ -8,9 +8,12 @@
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <ostream>
@@ -141,10 +144,30 @@ std::string fileText(const std::string& path) {
   return text.str();
 }
 
+namespace {
+
+// Keeps the port from the other tests that run now, until this process ends: they all bind a name
+// for it, which needs no file.
+bool reserve(uint16_t port) {
+  sockaddr_un name{.sun_family = AF_UNIX, .sun_path = {}};
+  const std::string text = fmt::format("korvel-test-port-{}", port);
+  std::ranges::copy(text, name.sun_path + 1);
+  const auto size = offsetof(sockaddr_un, sun_path) + 1 + text.size();
+  const int descriptor = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (bind(descriptor, reinterpret_cast<sockaddr*>(&name), static_cast<socklen_t>(size)) == 0) {
+    return true;  // and the descriptor stays open
+  }
+  close(descriptor);
+  return false;
+}
+
+}  // namespace
+
 uint16_t freePort() {
   static std::mt19937 random{std::random_device{}()};
   for (int attempt = 0; attempt < 1000; ++attempt) {
     const auto port = static_cast<uint16_t>(20000 + random() % 10000);
+    if (!reserve(port)) continue;
     const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;

@@ -145,7 +145,10 @@ void _pi_table_entries_coming(pi_dev_id_t, const pi_entry_handle_t* entry_handle
 
 void _pi_burst_begin(pi_dev_id_t) { burst.emplace(); }
 
-void _pi_burst_end(pi_dev_id_t) { burst.reset(); }
+void _pi_burst_end(pi_dev_id_t) {
+  TheBatchStatus()->showAhead();
+  burst.reset();
+}
 
 pi_status_t _pi_table_default_action_set(pi_session_handle_t session_handle, pi_dev_tgt_t dev_tgt,
                                          pi_p4_id_t table_id, const pi_table_entry_t* table_entry) {

@@ -428,6 +428,13 @@ void Doorbell::urgentIs(bool isUrgent) {
   }
 }
 
+void Doorbell::shownAheadIs(uint64_t sequence) {
+  for (const auto& peer : peers_) {
+    if (!peer->attached || !peer->page) continue;
+    peer->page->words().shownAhead.store(sequence, std::memory_order_release);
+  }
+}
+
 bool Doorbell::looks(Peer& peer) { return peer.page && peer.page->words().subscriberLooks != 0; }
 
 // Records that are no rows have no owner, and nobody reports on them.

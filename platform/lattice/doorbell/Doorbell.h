@@ -39,6 +39,9 @@ class Doorbell {
   // A batch is in the making. When it is urgent, subscribers wake, and look for its changes.
   void urgentIs(bool isUrgent);
 
+  // Changes up to `sequence` can be read ahead of their commit.
+  void shownAheadIs(uint64_t sequence);
+
   // For one thread, that of the batch. While it looks, subscribers say by their pages alone how far
   // they are.
   void look();
