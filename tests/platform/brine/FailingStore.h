@@ -69,6 +69,7 @@ class FailingStore final : public Brine::Store {
     store_->eraseDamaged(records);
   }
   bool dirty() const override { return store_->dirty(); }
+  uint64_t showAhead() override { return store_->showAhead(); }
   void commit() override {
     if (failing) refuse();
     store_->commit();
