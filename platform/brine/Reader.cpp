@@ -510,12 +510,19 @@ bool ReaderImpl::copyChange(uint64_t sequence) {
   return true;
 }
 
+// The later change that replaced a visited one may have been withdrawn.
 bool ReaderImpl::cameTrue(uint64_t from, uint64_t to) const {
-  for (uint64_t sequence = from; ++sequence <= to;) {
+  const uint64_t committed = file_.word(CommitWord::committed);
+  if (committed < to) return false;
+  bool anyReplaced = false;
+  for (uint64_t sequence = from; ++sequence <= committed;) {
     const auto entry = file_.change(sequence);
-    if (!entry || (entry->flags & RingEntry::withdrawn)) return false;
+    if (!entry) return false;
+    const bool isVisited = sequence <= to;
+    if ((entry->flags & RingEntry::withdrawn) && (isVisited || anyReplaced)) return false;
+    anyReplaced |= isVisited && (entry->flags & RingEntry::replaced);
   }
-  return file_.word(CommitWord::committed) >= to && file_.word(CommitWord::trimmed) <= from;
+  return file_.word(CommitWord::trimmed) <= from;
 }
 
 bool ReaderImpl::visitTakenBack(uint64_t first, uint64_t last, const ChangeVisit& visit) {

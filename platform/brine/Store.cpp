@@ -401,7 +401,7 @@ uint64_t StoreImpl::eraseFor(TableNumber number, Bytes key, uint64_t owner) {
   LoggedChange change{.owner = owner, .table = number, .flags = RingEntry::deleted};
   const Ref ref = table.index.enter(key, 0);
   change.before = ref;
-  const bool mayBeSeen = ref != 0 && numberIn(file_.slot(ref).begin) <= shownAhead_;
+  const bool mayBeSeen = ref != 0 && shownAhead_ > log_.committed();  // a version of it
   if (ref != 0 && isOpen(ref)) replaceOpen(ref, &change);
   if (change.before == 0) {  // followers read the key in a slot all the same
     change.now = newSlot(number, key, 0, {.owner = owner});

@@ -46,6 +46,7 @@ class Workload {
   }
 
   Store& store() { return *store_; }
+  int openings() const { return openings_; }  // each drops the changes that are not committed
   const Model& committed() const { return kept_; }
   uint64_t committedSequence() const { return keptSequence_; }
   // As committed(), if the step that is being made commits.
@@ -58,6 +59,7 @@ class Workload {
   }
 
   void step() {
+    if (pick(4) == 0) store_->showAhead();
     change();
     for (const auto& [name, rows] : seen_) {
       const TableNumber number = store_->table(name);
@@ -185,6 +187,7 @@ class Workload {
     store_.reset();
     seen_ = next_ = kept_;
     store_ = Store::open(options_);
+    ++openings_;
     keep();
   }
 
@@ -194,6 +197,7 @@ class Workload {
   Model seen_, kept_, next_, settledModel_, nextSettledModel_;
   uint64_t nextSequence_ = 0;  // of the writer before, while there is none
   uint64_t keptSequence_ = 0, settled_ = 0, nextSettled_ = 0;
+  int openings_ = 0;
 };
 
 // Copyable, so that one can go on from the same place in several ways.
@@ -209,6 +213,15 @@ struct Follower {
     } else {
       copy(reader);
     }
+  }
+  // False when a change cannot be seen whole before its commit.
+  bool readAhead(Reader& reader, uint64_t to) {
+    const auto reached =
+        reader.followAhead(sequence, to, [&](std::span<const FollowedChange> visited) {
+          for (const FollowedChange& one : visited) apply(one);
+        });
+    sequence = reached.value_or(sequence);
+    return reached.has_value();
   }
   void expectContents(Reader& reader, const Model& model) {
     for (const auto& [name, rows] : model) {
