@@ -23,6 +23,7 @@
 #include "platform/lattice/records/StoreLayout.h"
 #include "platform/lattice/records/WholeBatch.h"
 #include "platform/vela/LookFor.h"
+#include "platform/vela/Scheduling.h"
 
 namespace Lattice {
 namespace {
@@ -430,6 +431,7 @@ bool SubscriberImpl::maybeLookForChanges() {
   const bool mayLook = isMade || pace_.comeWithin(worthLooking_);
   if (!mayNap && !mayLook) return false;
   words.subscriberLooks = 1;
+  if (isMade && words.agentProcessor == Vela::currentProcessor()) Vela::leaveProcessor();
   const auto isOver = [&] { return anyChanges() || anyAhead() || words.worthLooking == 0; };
   if (mayLook) Vela::lookFor(worthLooking_, isOver);
   while (!anyChanges() && maybeReadAhead()) Vela::lookFor(worthLooking_, isOver);
