@@ -195,6 +195,7 @@ void ForwardingAgent::snapshotBegin() {
   beginGroup();
   ++snapshotNumber_;
   inSnapshot_ = true;
+  waiting_.clear();   // of changes that the snapshot takes the place of
   deferred_.clear();  // of a snapshot that was cut off
 }
 

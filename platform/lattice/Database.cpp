@@ -489,7 +489,9 @@ Vela::Outcome DatabaseImpl::tryCommit() try {
   return {};
 } catch (const std::exception& error) {
   SCRIVEL_TRACE(0, "commit failed: ", error.what());
+  const uint64_t before = store_.committedSequence();
   store_.discard();
+  doorbell_.ring(before);  // followers may have read changes ahead
   doorbell_.fixedTypes().handleDiscarded();
   rowsChanged_ = false;
   if (commitObserver_) commitObserver_->onDiscarded();

@@ -7,6 +7,7 @@
 
 #include "forwarder/control/Commands.h"
 #include "forwarder/table/RowText.h"
+#include "tests/forwarder/FormerRows.h"
 #include "tests/forwarder/Packing.h"
 
 namespace Forwarder {
@@ -215,6 +216,35 @@ TEST_F(ForwardingAgentTest, SnapshotReplacesWhatIsHeld) {
 }
 
 // Rows that the snapshot will show to be gone hold the room of the new ones until its end.
+TEST_F(ForwardingAgentTest, RowsThatWereLostAheadOfTheirCommitAreTakenBack) {
+  rule("capacity", "ports=3");
+  write(1, 100);
+  write(2, 100);
+  FormerRows lost(sequence_ + 1);
+  const auto was = [&](uint16_t port, std::optional<uint32_t> speed) {
+    lost.add(ports_, big(port, 2), speed ? std::optional(little(*speed, 4)) : std::nullopt, port);
+  };
+  write(1, 400);
+  was(1, 100);
+  erase(2);
+  was(2, 100);
+  write(3, 100);
+  was(3, {});
+  write(4, 100);
+  was(4, {});
+  write(5, 100);  // the table is full
+  was(5, {});
+  EXPECT_EQ(lastCode(), 1);
+  write(3, 400);
+  was(3, 100);
+  rule("fail-table", "ports");
+  const size_t reports = subscriber_.reports.size();
+  agent_.aheadLost(lost);
+  agent_.rowsEnd();
+  EXPECT_EQ(held(), rows({{1, 100}, {2, 100}}));
+  EXPECT_EQ(subscriber_.reports.size(), reports) << "nobody wants to hear of it";
+}
+
 TEST_F(ForwardingAgentTest, SnapshotFillsATableToItsCapacityAndNoFurther) {
   rule("capacity", "ports=2");
   write(1, 100);

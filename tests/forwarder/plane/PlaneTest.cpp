@@ -13,6 +13,7 @@
 #include "forwarder/follow/ForwardingAgent.h"
 #include "forwarder/packets/PacketThread.h"
 #include "platform/lattice/records/Packing.h"
+#include "tests/forwarder/FormerRows.h"
 #include "tests/p4/Playing.h"
 #include "tests/support/TempDir.h"
 
@@ -20,6 +21,7 @@ namespace Forwarder {
 namespace {
 
 using namespace P4Test;
+using ForwarderTest::FormerRows;
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
@@ -349,20 +351,6 @@ TEST_F(PlaneTest, RowsWithoutAPlaceAreRefused) {
 // A packet of 7 leaves by port 3, by one of two tables; a Write moves the entry from one to the
 // other, and every second one has a row that is refused.
 TEST_F(PlaneTest, APacketSeesAllOfAWholeCommitOrNothing) {
-  class Commit final : public Lattice::WholeCommit {
-   public:
-    explicit Commit(uint64_t first) : first_(first) {}
-    void add(const Lattice::RowChange& former) { former_.insert(former_.begin(), former); }
-    bool has(uint64_t sequence) const override { return sequence >= first_; }
-    bool visitFormer(const std::function<void(const Lattice::RowChange&)>& visit) const override {
-      for (const Lattice::RowChange& one : former_) visit(one);
-      return true;
-    }
-
-   private:
-    uint64_t first_;
-    std::vector<Lattice::RowChange> former_;
-  };
   const std::string seven = big(7, 1), nine = big(9, 1);
   const std::string toPort = little(5, 4) + little(3, 2) + std::string(17, '\0');
   const std::string toGroup = little(10, 4) + little(1, 1);
@@ -386,18 +374,15 @@ TEST_F(PlaneTest, APacketSeesAllOfAWholeCommitOrNothing) {
   bool isDirect = true;
   for (int round = 0; round < 500 || packets < 500; ++round) {
     const bool fails = round % 2 == 0;
-    Commit commit(sequence_ + 1);
+    FormerRows commit(sequence_ + 1);
     const auto moved = [&](const std::string& name, const std::string& value, bool isThere) {
       write(name, seven, isThere ? "" : value, isThere);
-      commit.add({.table = &table(name),
-                  .key = seven,
-                  .value = isThere ? value : std::string_view(),
-                  .deleted = !isThere});
+      commit.add(table(name), seven, isThere ? std::optional(value) : std::nullopt);
     };
     moved("direct", toPort, isDirect);
     if (fails) {
       const uint64_t refused = direct(9, 512);
-      commit.add({.table = &table("direct"), .key = nine, .deleted = true});
+      commit.add(table("direct"), nine, std::nullopt);
       moved("spread", toGroup, !isDirect);
       agent_.wholeCommit(commit);
       agent_.rowsEnd();
@@ -414,6 +399,65 @@ TEST_F(PlaneTest, APacketSeesAllOfAWholeCommitOrNothing) {
   stop = true;
   reader.join();
   EXPECT_EQ(torn, 0u);
+}
+
+// A batch that came before its commit, and that its agent did not live to commit.
+TEST_F(PlaneTest, PacketsSeeNothingOfRowsThatWereLostAheadOfTheirCommit) {
+  const auto toPort = [](uint16_t port) {
+    return little(5, 4) + little(port, 2) + std::string(17, '\0');
+  };
+  direct(7, 3);
+  direct(9, 5);
+  agent_.rowsEnd();
+  FormerRows lost(sequence_ + 1);
+  const auto seesFormer = [&] {
+    EXPECT_THAT(out("07"), ElementsAre("3:07"));
+    EXPECT_THAT(out("08"), ElementsAre("0:08"));
+    EXPECT_THAT(out("09"), ElementsAre("5:09"));
+    EXPECT_THAT(out("0a"), ElementsAre("0:0a"));
+  };
+  for (const auto& [v, port] : {std::pair(7, 4), {8, 6}, {7, 8}}) direct(v, port);
+  erase("direct", big(9, 1));
+  memberIs(1, 3);
+  groupIs(10, {1});
+  spread(10, 10);
+  const auto& rows = table("direct");
+  lost.add(rows, big(7, 1), toPort(3));
+  lost.add(rows, big(8, 1), std::nullopt);
+  lost.add(rows, big(7, 1), toPort(4));
+  lost.add(rows, big(9, 1), toPort(5));
+  lost.add(table("ecmp.member"), big(1, 4), std::nullopt);
+  lost.add(table("ecmp.group"), big(10, 4), std::nullopt);
+  lost.add(table("spread"), big(10, 1), std::nullopt);
+  agent_.rowsReported();
+  agent_.checkPlane();
+  seesFormer();
+  agent_.aheadLost(lost);
+  seesFormer();
+  agent_.rowsEnd();
+  seesFormer();
+  for (const auto& [name, count] : {std::pair("direct", 2), {"spread", 0}, {"ecmp.member", 0}}) {
+    EXPECT_EQ(agent_.table(name)->rowCount(), count) << name;
+  }
+}
+
+// Rows wait for the rest of their group, until it turns out that they never were.
+TEST_F(PlaneTest, RowsThatWaitAreForgottenWithASnapshot) {
+  direct(7, 3);
+  agent_.rowsEnd();
+  push(2, program(100));
+  direct(8, 6);
+  spread(9, 10);
+  agent_.snapshotBegin();
+  direct(7, 3);
+  memberIs(1, 3);
+  groupIs(10, {1});
+  agent_.snapshotEnd();
+  agent_.rowsEnd();
+  EXPECT_EQ(agent_.table("direct")->rowCount(), 1u);
+  EXPECT_EQ(agent_.table("spread")->rowCount(), 0u);
+  EXPECT_THAT(out("07"), ElementsAre("103:07"));
+  EXPECT_THAT(out("08"), ElementsAre("0:08"));
 }
 
 TEST_F(PlaneTest, AnotherProgramTakesTheRowsOver) {

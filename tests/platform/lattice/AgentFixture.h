@@ -36,7 +36,10 @@ inline constexpr const char* routeType = R"(
 class Agent {
  public:
   explicit Agent(const std::string& directory, size_t journalBound = 100000)
-      : store(Brine::Store::open({.directory = directory})) {
+      : Agent(directory, Brine::Store::open({.directory = directory}), journalBound) {}
+  Agent(const std::string& directory, std::unique_ptr<Brine::Store> of,
+        size_t journalBound = 100000)
+      : store(std::move(of)) {
     const Vela::ActivityLock lock;
     database = Lattice::Database::create(loop, *store,
                                          {.doorbellPath = directory + "/doorbell.sock",
@@ -155,15 +158,24 @@ class Follower final : public Lattice::SubscriberHandler {
   void rowChanged(const Lattice::RowChange& change) override {
     ++changes;
     unchanged += change.unchanged;
+    program(change);
+    held.push_back({change.entryHandle, change.sequence});
+    if (!holdBack) reportAll(change.entryHandle == failing ? 1 : 0, failure);
+    if (onRow) onRow(change);
+  }
+  void program(const Lattice::RowChange& change) {
     auto& of = rows[change.table->name];
     if (change.deleted) {
       of.erase(std::string(change.key));
     } else {
       of[std::string(change.key)] = change.value;
     }
-    held.push_back({change.entryHandle, change.sequence});
-    if (!holdBack) reportAll();
   }
+  void aheadLost(const Lattice::WholeCommit& lost) override {
+    ++losses;
+    EXPECT_TRUE(lost.visitFormer([this](const Lattice::RowChange& former) { program(former); }));
+  }
+  void rowsEnd() override { ++ends; }
   void wholeCommit(const Lattice::WholeCommit& commit) override {
     if (onWhole) onWhole(commit);
   }
@@ -177,13 +189,16 @@ class Follower final : public Lattice::SubscriberHandler {
   }
 
   std::function<void(const Lattice::WholeCommit&)> onWhole;
+  std::function<void(const Lattice::RowChange&)> onRow;
+  uint64_t failing = 0;              // the handle of an entry that cannot be programmed
+  std::string failure;               // why
   std::vector<std::string> retyped;  // definitions
   std::vector<Lattice::Question> questions;
   Lattice::Answer answers;
   std::map<std::string, std::map<std::string, std::string>> rows;
   std::vector<std::pair<uint64_t, uint64_t>> held;
   bool holdBack = false;
-  size_t changes = 0, unchanged = 0, snapshots = 0, removed = 0;
+  size_t changes = 0, unchanged = 0, snapshots = 0, removed = 0, losses = 0, ends = 0;
   std::unique_ptr<Lattice::Subscriber> subscriber;
 };
 
