@@ -108,6 +108,7 @@ class SubscriberImpl final : public Subscriber {
   void nap();
   bool maybeReadAhead();
   void passOnAhead(std::span<const Brine::FollowedChange> changes);
+  void maybeGiveUpAhead();
   bool maybeTakeAhead(uint64_t committed);
   void tellAheadLost();
   bool readOnce();
@@ -199,6 +200,7 @@ void SubscriberImpl::follow(std::chrono::milliseconds timeout) {
 
 void SubscriberImpl::step(Clock::time_point deadline) {
   if (!attached_ && !attachBy(deadline)) return;
+  maybeGiveUpAhead();
   queueReports();
   sendQueued();
   receiveAll();
@@ -370,7 +372,7 @@ void SubscriberImpl::catchUp() {
 }
 
 bool SubscriberImpl::anyAhead() const {
-  if (!readsAhead_ || ahead_.isBlocked()) return false;
+  if (!readsAhead_ || ahead_.areBlockedAfter(sequence_)) return false;
   const uint64_t shown = page_->words().shownAhead.load(std::memory_order_acquire);
   return shown > (ahead_.any() ? ahead_.upTo() : sequence_);
 }
@@ -381,12 +383,13 @@ bool SubscriberImpl::maybeReadAhead() {
   const auto reader = reader_;
   const Brine::Reader::State state = reader->state();
   if (state.committed != sequence_ || state.typesVersion != typesVersion_) return false;
-  pace_.aheadIs(Clock::now());
-  ahead_.begin(sequence_);
+  const auto now = Clock::now();
+  pace_.aheadIs(now);
+  ahead_.begin(sequence_, now);
   const auto reached = reader->followAhead(ahead_.upTo(), page_->words().shownAhead,
                                            [this](auto changes) { passOnAhead(changes); });
-  if (!reached) ahead_.block();
-  if (attached_ && !ahead_.isBlocked()) ahead_.upTo() = *reached;
+  if (!reached) ahead_.blockAfter(sequence_);
+  if (attached_ && !ahead_.areBlockedAfter(sequence_)) ahead_.upTo() = *reached;
   return attached_;
 }
 
@@ -394,26 +397,39 @@ bool SubscriberImpl::maybeReadAhead() {
 // table that is yet to be known.
 void SubscriberImpl::passOnAhead(std::span<const Brine::FollowedChange> changes) {
   const auto isRow = [this](const auto& change) { return tables_.contains(change.table); };
-  if (!std::ranges::all_of(changes, isRow)) ahead_.block();
-  if (!ahead_.isBlocked()) passOn(changes, ahead_.upTo());
+  if (!std::ranges::all_of(changes, isRow)) ahead_.blockAfter(sequence_);
+  if (!ahead_.areBlockedAfter(sequence_)) passOn(changes, ahead_.upTo());
 }
 
-// Whether the changes that were passed on ahead are committed now.
+// What else the handler does waits for the commit, ports that go down among it.
+void SubscriberImpl::maybeGiveUpAhead() {
+  if (!ahead_.areOverdue(Clock::now())) return;
+  ahead_.blockAfter(sequence_);
+  needSnapshot_ = true;
+  rung_ = true;
+}
+
+// Whether the changes that were passed on ahead are committed now. Another agent gives their
+// numbers out again, but not before this one has hung up.
 bool SubscriberImpl::maybeTakeAhead(uint64_t committed) {
   if (!ahead_.any() || committed == sequence_) return false;
   if (!reader_->cameTrue(sequence_, ahead_.upTo())) {
     needSnapshot_ = true;
     return false;
   }
+  receiveAll();
   sequence_ = ahead_.upTo();
-  for (const auto& report : ahead_.end()) addReport(report.packed());
+  for (const auto& report : ahead_.end()) {
+    if (attached_) addReport(report.packed());
+  }
   return true;
 }
 
 void SubscriberImpl::tellAheadLost() {
   const auto reader = std::exchange(lostReader_, nullptr);
   if (!reader) return;
-  whole_ = {{sequence_ + 1, ahead_.upTo()}};
+  // A change that was passed on may have been replaced by one that was not.
+  whole_ = {{sequence_ + 1, reader->lastWritten(ahead_.upTo())}};
   ahead_.end();
   handler_.aheadLost(Commit(*this, *reader));
   whole_.clear();
@@ -679,8 +695,12 @@ void SubscriberImpl::report(uint64_t entryHandle, uint64_t sequence, uint16_t er
   const bool isFailure = errorCode != 0;
   if (isFailure) failed_.insert(entryHandle);
   const bool isMended = !isFailure && !failed_.empty() && failed_.erase(entryHandle) > 0;
-  const bool isInOrder = open_.settle(sequence);
+  const auto settled = open_.settle(sequence);
   if (!attached_) return;
+  // Of a change that was passed on ahead, and given up.
+  const bool isUnknown = settled == OpenChanges::Settled::unknown;
+  if (isUnknown && sequence > (inSnapshot_ ? snapshotSequence_ : sequence_)) return;
+  const bool isInOrder = settled == OpenChanges::Settled::inOrder;
   // What failed, or had failed before, has a report of its own besides the word.
   if (isInOrder && !inSnapshot_ && !isFailure && !isMended) return;
   if (ahead_.any() && sequence > sequence_) {

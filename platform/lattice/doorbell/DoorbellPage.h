@@ -12,8 +12,8 @@
 
 namespace Lattice {
 
-// At offsets 0, 64, 128, 192, 196 and 256, in native byte order; the page is zero at first. An end that
-// stops looking stores 0, and looks once more; the other end writes its news before it looks
+// At offsets 0, 64, 128, 192, 196 and 256, in native byte order; the page is zero at first. An end
+// that stops looking stores 0, and looks once more; the other end writes its news before it looks
 // whether somebody looks.
 struct DoorbellWords {
   // Not 0: the subscriber sees by itself that the agent has committed changes, and needs no ring.

@@ -10,21 +10,21 @@ void OpenChanges::clear() {
   doneBehind_ = 0;
 }
 
-bool OpenChanges::settle(uint64_t sequence) {
+OpenChanges::Settled OpenChanges::settle(uint64_t sequence) {
   if (open_.size() == 1 && open_.front().sequence == sequence) {
     open_.clear();
-    return true;
+    return Settled::inOrder;
   }
   const auto found = std::ranges::lower_bound(open_, sequence, {}, &Open::sequence);
-  if (found == open_.end() || found->sequence != sequence) return false;
+  if (found == open_.end() || found->sequence != sequence) return Settled::unknown;
   if (found != open_.begin()) {
     doneBehind_ += !std::exchange(found->done, true);
     forgetDoneBehind();
-    return false;
+    return Settled::behind;
   }
   open_.pop_front();
   for (; !open_.empty() && open_.front().done; --doneBehind_) open_.pop_front();
-  return true;
+  return Settled::inOrder;
 }
 
 // So that they do not grow without end behind one that stays open.

@@ -12,9 +12,10 @@ class OpenChanges {
   void add(uint64_t sequence) { open_.push_back({sequence, false}); }
   bool empty() const { return open_.empty(); }
   void clear();
-  // A report has come. Returns whether the word on all changes up to a number covers it. It does
-  // not while an earlier one is open, which may never be reported on, nor a change that is unknown.
-  bool settle(uint64_t sequence);
+  // A report has come. The word on all changes up to a number covers one in order, not one behind
+  // another that is open, which may never be reported on. Others are unknown.
+  enum class Settled { inOrder, behind, unknown };
+  Settled settle(uint64_t sequence);
   // All changes up to this one are reported on, when `passedOn` is the last one that was passed on.
   uint64_t settledUpTo(uint64_t passedOn) const;
 
