@@ -1,6 +1,7 @@
 // SIGKILL of the agent or of the forwarder, at any instant, loses nothing confirmed.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <random>
 #include <thread>
 
@@ -75,6 +76,67 @@ TEST(AgentKilled, WhileTablesFailKeepsEachUpdateWholeOrNotAtAll) {
     ASSERT_TRUE(tested.connectController());
     ASSERT_EQ(load.brokenApart(), "");
     ASSERT_EQ(tested.disagreement(), "");
+  }
+}
+
+// Four generations of a thousand routes: every fourth route is absent, another one each time.
+constexpr uint32_t generations = 4;
+bool isThere(uint32_t route, uint32_t generation) {
+  return (route + generation) % generations != 0;
+}
+// From the generation before to this one: an update for each route.
+std::vector<p4::v1::Update> largeWrite(const Switch& tested, uint32_t generation) {
+  std::vector<p4::v1::Update> updates;
+  for (uint32_t i = 0; i < 1000; ++i) {
+    const auto route = tested.route(i, generation);
+    const bool stays = isThere(i, generation);
+    const bool isNew = !isThere(i, generation + generations - 1);
+    updates.push_back(isNew ? insertOf(route) : stays ? modifyOf(route) : deleteOf(route));
+  }
+  return updates;
+}
+View routesOf(const Switch& tested, uint32_t generation) {
+  std::vector<p4::v1::Entity> routes;
+  for (uint32_t i = 0; i < 1000; ++i) {
+    if (isThere(i, generation)) routes.push_back(entityOf(tested.route(i, generation)));
+  }
+  return viewOf(tested.pipeline(), routes);
+}
+
+// The forwarder programs a large Write while the agent is yet to make the rest of it.
+TEST(AgentKilled, AmidLargeWritesKeepsEachWholeOrNotAtAll) {
+  std::mt19937 random(printedSeed());
+  Switch tested;
+  ASSERT_TRUE(tested.start());
+  const View others = tested.controllerView();
+  std::vector<p4::v1::Update> inserts;
+  for (uint32_t i = 0; i < 1000; ++i) {
+    if (isThere(i, 0)) inserts.push_back(insertOf(tested.route(i, 0)));
+  }
+  ASSERT_TRUE(tested.write(inserts).ok());
+  std::vector<std::vector<p4::v1::Update>> writes;
+  for (uint32_t i = 0; i < generations; ++i) writes.push_back(largeWrite(tested, i));
+  std::atomic<uint32_t> acknowledged = 0;
+  const auto differenceFrom = [&](uint32_t generation) {
+    View expected = routesOf(tested, generation % generations);
+    expected.insert(others.begin(), others.end());
+    return difference("expected", expected, "read", tested.controllerView());
+  };
+  for (int round = 0; round < 16; ++round) {
+    SCOPED_TRACE(testing::Message() << "round " << round);
+    const uint32_t before = acknowledged;
+    std::thread writer([&] {
+      while (tested.write(writes[(acknowledged + 1) % generations]).ok()) ++acknowledged;
+    });
+    EXPECT_TRUE(waitUntil([&] { return acknowledged > before; }));
+    waitForInstant(tested.agent.process(), random);
+    tested.agent.kill();
+    writer.join();
+    ASSERT_TRUE(tested.startAgent());
+    ASSERT_TRUE(tested.connectController());
+    ASSERT_EQ(tested.disagreement(), "");
+    if (differenceFrom(acknowledged + 1).empty()) ++acknowledged;
+    ASSERT_EQ(differenceFrom(acknowledged), "");
   }
 }
 
