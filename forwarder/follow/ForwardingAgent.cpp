@@ -262,12 +262,19 @@ void ForwardingAgent::rowChanged(const Lattice::RowChange& change) {
 // In a table of a million rows, each look-up waits for memory: those of some dozen changes wait
 // together.
 void ForwardingAgent::rowsComing(std::span<const Lattice::RowChange> changes) {
-  for (const Lattice::RowChange& change : changes) {
-    if (const MatchTable* rows = heldTable(*change.table).table.rows()) rows->loadSlot(change.key);
-  }
-  for (const Lattice::RowChange& change : changes) {
-    if (const MatchTable* rows = heldTable(*change.table).table.rows()) rows->loadRow(change.key);
-  }
+  const auto forEach = [&](const auto& load) {
+    for (const Lattice::RowChange& change : changes) {
+      if (const MatchTable* rows = heldTable(*change.table).table.rows()) load(*rows, change.key);
+    }
+  };
+  forEach([](const MatchTable& rows, std::string_view key) { rows.loadSlot(key); });
+  forEach([](const MatchTable& rows, std::string_view key) { rows.loadRow(key); });
+  if (!plane_) return;
+  forEach([this](const MatchTable& rows, std::string_view key) {
+    const StoredRow* row = rows.row(key);
+    const RowPlace place = row ? rows.place(*row) : nullptr;
+    if (place) plane_->load(place);
+  });
 }
 
 bool ForwardingAgent::maybeDefer(const Held& held, const Lattice::RowChange& change) {

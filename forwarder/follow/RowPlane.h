@@ -47,6 +47,8 @@ class RowPlane {
   virtual PlaneVerdict write(const ProgrammedTable& table, const PlaneRow& row) = 0;
   virtual PlaneVerdict erase(const ProgrammedTable& table, std::string_view key,
                              RowPlace place) = 0;
+  // Has the processor fetch the memory behind a place, for a call that is to come.
+  virtual void load(RowPlace place) const = 0;
   virtual void eraseAll(const ProgrammedTable& table) = 0;
   // The table has another type, of which its rows are rows as they stand. The plane lets the former
   // one go; isStale() may be true now.

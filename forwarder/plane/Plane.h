@@ -43,6 +43,7 @@ class Plane final : public RowPlane {
   void rebuild(const std::vector<const ProgrammedTable*>& tables) override;
   PlaneVerdict write(const ProgrammedTable& table, const PlaneRow& row) override;
   PlaneVerdict erase(const ProgrammedTable& table, std::string_view key, RowPlace place) override;
+  void load(RowPlace place) const override { P4::Entry::load(place); }
   void eraseAll(const ProgrammedTable& table) override;
   void handleRetyped(const ProgrammedTable& table) override;
   void handleIs(const ProgrammedTable& table, std::string_view key, RowPlace place,

@@ -28,6 +28,8 @@ struct ActionData {
   };
   using Ptr = std::unique_ptr<ActionData, Delete>;
 
+  static void load(const void* data) { __builtin_prefetch(data, 1); }
+
   // In the room of `spare`, which has as many words; null: in a room of its own.
   static Ptr make(uint32_t action, uint32_t words, Ptr spare = nullptr) {
     const size_t bytes = std::max(words, leastWords) * sizeof(uint64_t);
@@ -90,6 +92,14 @@ struct Entry {
     entry->words = words;
     std::memset(entry->value(), 0, key);
     return Ptr(entry);
+  }
+
+  // Has the processor fetch its memory, with the first words of the key.
+  static void load(const void* entry) {
+    constexpr size_t line = 64;
+    for (size_t at = 0; at <= sizeof(Entry); at += line) {
+      __builtin_prefetch(static_cast<const char*>(entry) + at, 1);
+    }
   }
 
   uint64_t* value() { return reinterpret_cast<uint64_t*>(this + 1); }

@@ -17,6 +17,7 @@ class Spares {
  public:
   using Ptr = typename Object::Ptr;
   static constexpr size_t mostKept = 16384;  // of a size
+  static constexpr size_t loadedAhead = 4;   // the next ones are likely to be taken soon
 
   void keep(uint32_t size, Ptr gone) {
     std::vector<Ptr>& kept = ofSize_[size];
@@ -26,8 +27,10 @@ class Spares {
   Ptr take(uint32_t size) {
     const auto found = ofSize_.find(size);
     if (found == ofSize_.end() || found->second.empty()) return nullptr;
-    Ptr taken = std::move(found->second.back());
-    found->second.pop_back();
+    std::vector<Ptr>& kept = found->second;
+    Ptr taken = std::move(kept.back());
+    kept.pop_back();
+    if (kept.size() >= loadedAhead) Object::load(kept[kept.size() - loadedAhead].get());
     return taken;
   }
 

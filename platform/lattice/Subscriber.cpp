@@ -385,7 +385,7 @@ bool SubscriberImpl::maybeReadAhead() {
   if (state.committed != sequence_ || state.typesVersion != typesVersion_) return false;
   const auto now = Clock::now();
   pace_.aheadIs(now);
-  ahead_.begin(sequence_, now);
+  ahead_.come(sequence_, now);
   const auto reached = reader->followAhead(ahead_.upTo(), page_->words().shownAhead,
                                            [this](auto changes) { passOnAhead(changes); });
   if (!reached) ahead_.blockAfter(sequence_);

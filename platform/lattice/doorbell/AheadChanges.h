@@ -23,18 +23,17 @@ class AheadChanges {
     PackedReport packed() const { return {entryHandle, sequence, errorCode, message}; }
   };
 
-  // From the first one on, until end().
+  // From the first come() on, until end().
   bool any() const { return isAny_; }
-  // They come after the change `committed`, which is the last one of a commit.
-  void begin(uint64_t committed, Clock::time_point now) {
-    if (std::exchange(isAny_, true)) return;
-    upTo_ = committed;
-    since_ = now;
+  // Some come now, the first of them after the change `committed`, which is the last of a commit.
+  void come(uint64_t committed, Clock::time_point now) {
+    if (!std::exchange(isAny_, true)) upTo_ = committed;
+    cameAt_ = now;
   }
   uint64_t upTo() const { return upTo_; }
   uint64_t& upTo() { return upTo_; }
-  // Their commit takes longer than an agent does that is well.
-  bool areOverdue(Clock::time_point now) const { return isAny_ && now - since_ > patience; }
+  // Neither more of them nor the commit has come for longer than an agent takes that is well.
+  bool areOverdue(Clock::time_point now) const { return isAny_ && now - cameAt_ > patience; }
   // No more of them after that commit and before the next one.
   void blockAfter(uint64_t committed) { blockedAfter_ = committed; }
   bool areBlockedAfter(uint64_t committed) const { return blockedAfter_ == committed; }
@@ -53,7 +52,7 @@ class AheadChanges {
 
   uint64_t upTo_ = 0;
   bool isAny_ = false;
-  Clock::time_point since_{};
+  Clock::time_point cameAt_{};
   uint64_t blockedAfter_ = UINT64_MAX;
   std::vector<HeldReport> held_;
 };
