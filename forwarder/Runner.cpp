@@ -13,6 +13,7 @@
 
 #include "forwarder/control/Commands.h"
 #include "forwarder/table/RowText.h"
+#include "platform/vela/Scheduling.h"
 
 namespace Forwarder {
 namespace {
@@ -24,6 +25,9 @@ constexpr milliseconds detachedTick{20};
 constexpr milliseconds attachedTick{1000};
 // The agent waits no longer than this while we make packets.
 constexpr std::chrono::microseconds trafficSlice{200};
+
+// The agent's batches wait for us.
+constexpr std::chrono::microseconds turn{100};
 
 struct Stopped {};
 
@@ -89,6 +93,7 @@ Runner::~Runner() {
 void Runner::run() try {
   // The agent waits for us when it rings: its changes go first, and signals and clients are served
   // only when they have come, or once in a while.
+  Vela::runInTurnsOf(turn);
   bool agentOnly = false;
   bool saidReady = false;
   while (agentOnly || handleSignals()) {

@@ -419,7 +419,7 @@ Status Arbitration::permission(const RoleOfDevice& role,
   if (identity && here.primary->identity() != *identity) {
     return notPrimary(role, electionId,
                       "the primary is not '" + core::plainText(*identity, kShownBytes) +
-                          "', whoever knows its election id");
+                          "', though it knows the election id");
   }
   if (!here.installed) {
     return notPrimary(role, electionId,

@@ -151,8 +151,8 @@ void Listener::refuse(int fd) {
   ::close(fd);
 }
 
-// Whoever holds the connections closes them: those whose descriptor is gone, or is another file's
-// by now, have ended.
+// gRPC closes the connections without a word: one has ended when its descriptor is gone, or is
+// another file's by now.
 bool Listener::hasRoom() {
   const size_t limit = connectionLimit();
   if (connections_.size() >= limit) forgetEnded();

@@ -173,6 +173,7 @@ PlaneTable* Plane::tableOf(const ProgrammedTable& table) {
 
 PlaneVerdict Plane::write(const ProgrammedTable& table, const PlaneRow& row) {
   if (!engine_) return {};
+  isStaged_ = true;
   try {
     PlaneVerdict taken;
     if (PlaneTable* rows = tableOf(table)) taken.place = rows->writePlaced(row);
@@ -184,6 +185,7 @@ PlaneVerdict Plane::write(const ProgrammedTable& table, const PlaneRow& row) {
 
 PlaneVerdict Plane::erase(const ProgrammedTable& table, std::string_view key, RowPlace place) {
   if (!engine_) return {};
+  isStaged_ = true;
   try {
     if (PlaneTable* rows = tableOf(table)) rows->erasePlaced(key, place);
     return {};
@@ -241,6 +243,7 @@ void Plane::handleIs(const ProgrammedTable& table, std::string_view key, RowPlac
 }
 
 void Plane::commit() {
+  isStaged_ = false;
   if (!engine_) return;
   for (const auto& [table, rows] : tables_) {
     if (!rows) continue;
@@ -272,7 +275,7 @@ void Plane::portIs(uint32_t port, bool up) {
   if (up ? downPorts_.erase(port) == 0 : !downPorts_.insert(port).second) return;
   if (!engine_) return;
   engine_->tables().portIs(port, up);
-  if (!isFresh_) engine_->tables().commit();
+  if (!isFresh_ && !isStaged_) engine_->tables().commit();
 }
 
 std::vector<uint64_t> Plane::idleEntries(uint64_t now) {

@@ -52,7 +52,8 @@ class Plane final : public RowPlane {
   void settle() override;
   Lattice::Answer answer(const Lattice::Question& question) override;
 
-  // Of a program's action profiles: members whose port is down are passed over.
+  // Of a program's action profiles: members whose port is down are passed over. In the midst of
+  // changes of rows this waits for commit().
   void portIs(uint32_t port, bool up);
   // Tells the counts that have changed, of some thousand entries and cells at a time, whenever
   // countsDue() has come.
@@ -101,6 +102,7 @@ class Plane final : public RowPlane {
   uint64_t push_ = 0;
   std::shared_ptr<P4::Engine> engine_;    // null: there is no program
   bool isFresh_ = false;                  // rebuild() has not filled it yet
+  bool isStaged_ = false;                 // has changes that wait for commit()
   std::shared_ptr<P4::Engine> countsOf_;  // whose counts and registers it takes over; or null
   std::unique_ptr<PlaneTables> maker_;    // of tables_
   absl::flat_hash_map<const ProgrammedTable*, std::unique_ptr<PlaneTable>> tables_;

@@ -15,9 +15,9 @@ RowSet::Probe RowSet::probeOf(std::string_view key) {
   return {key, absl::HashOf(absl::string_view(key.data(), key.size()))};
 }
 
-StoredRow* RowSet::allocateRow(std::string_view key, std::string_view value) const {
+StoredRow* RowSet::allocateRow(std::string_view key, std::string_view value) {
   auto* memory = static_cast<char*>(
-      ::operator new(extrasSize_ + sizeof(StoredRow) + key.size() + value.size()));
+      memory_.take(extrasSize_ + sizeof(StoredRow) + key.size() + value.size()));
   auto* row = new (memory + extrasSize_) StoredRow;
   if (RowFlow* counts = flow(*row)) new (counts) RowFlow;
   placeIs(*row, nullptr);
@@ -29,7 +29,9 @@ StoredRow* RowSet::allocateRow(std::string_view key, std::string_view value) con
   return row;
 }
 
-void RowSet::freeRow(StoredRow* row) const { ::operator delete(begin(*row)); }
+void RowSet::freeRow(StoredRow* row) {
+  memory_.give(begin(*row), extrasSize_ + sizeof(StoredRow) + row->keySize + row->valueSize);
+}
 
 void RowSet::numberDel(const StoredRow& row) {
   StoredRow* last = rows_.back();

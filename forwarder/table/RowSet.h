@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "forwarder/table/RowMemory.h"
+
 namespace Forwarder {
 
 // A row as the forwarder holds it; its key and value bytes follow it in memory.
@@ -131,8 +133,8 @@ class RowSet {
     bool operator()(const Probe& a, const Slot& b) const { return (*this)(b, a); }
   };
   static Probe probeOf(std::string_view key);
-  StoredRow* allocateRow(std::string_view key, std::string_view value) const;
-  void freeRow(StoredRow* row) const;
+  StoredRow* allocateRow(std::string_view key, std::string_view value);
+  void freeRow(StoredRow* row);
   void numberDel(const StoredRow& row);  // the last row takes its number
 
   char* begin(const StoredRow& row) const {  // of its memory
@@ -142,6 +144,7 @@ class RowSet {
   const size_t placeSize_;
   const size_t extrasSize_;       // place, then flow
   std::vector<StoredRow*> rows_;  // by number
+  RowMemory memory_;
   absl::flat_hash_set<Slot, HashOfSlot, SameKey> slots_;
 };
 

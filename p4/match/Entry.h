@@ -62,6 +62,7 @@ struct Entry {
   uint32_t rank = 0;          // of ternary and range tables: the lowest wins
   uint32_t prefixLength = 0;  // of LPM tables
   uint32_t words = 0;         // of one part of the key
+  size_t hash = 0;            // of an exact key, once it is in an index
   Counter counter;
   std::unique_ptr<Meter> meter;       // of tables with direct meters
   uint64_t timeToLive = 0;            // microseconds; 0: none

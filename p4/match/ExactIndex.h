@@ -16,9 +16,12 @@ class ExactIndex {
   Entry* same(const Entry& entry) const { return entryAt(slots_.find(KeyView{entry.value()})); }
   // False, and nothing is done, when there is such an entry.
   bool maybeInsert(Entry* entry) {
-    return slots_.insert({entry, hashWords(entry->value(), words_)}).second;
+    entry->hash = hashWords(entry->value(), words_);
+    return slots_.insert({entry, entry->hash}).second;
   }
-  void remove(Entry* entry) { slots_.erase(KeyView{entry->value()}); }
+  // An entry that another index of the same keys has taken before.
+  void insert(Entry* entry) { slots_.insert({entry, entry->hash}); }
+  void remove(const Entry* entry) { slots_.erase(Itself{entry}); }
   bool empty() const { return slots_.empty(); }
 
  private:
@@ -27,9 +30,13 @@ class ExactIndex {
     Entry* entry;
     size_t hash;
   };
+  struct Itself {
+    const Entry* entry;
+  };
   struct Hash : KeyHash {
     using KeyHash::operator();
     size_t operator()(const Slot& slot) const { return slot.hash; }
+    size_t operator()(Itself one) const { return one.entry->hash; }
   };
   struct Equal : KeyEqual {
     using KeyEqual::operator();
@@ -40,6 +47,8 @@ class ExactIndex {
       return KeyEqual::operator()(slot.entry, key);
     }
     bool operator()(KeyView key, const Slot& slot) const { return (*this)(slot, key); }
+    bool operator()(const Slot& slot, Itself one) const { return slot.entry == one.entry; }
+    bool operator()(Itself one, const Slot& slot) const { return slot.entry == one.entry; }
   };
   using Slots = absl::flat_hash_set<Slot, Hash, Equal>;
 

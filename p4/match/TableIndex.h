@@ -41,9 +41,10 @@ class TableIndex {
     const auto* tuples = std::get_if<TupleSpace>(&index_);
     return tuples ? tuples->ofMatch(entry) : same(entry);
   }
+  // An entry that maybeInsert() of another index of this shape has taken.
   void insert(Entry* entry) {
     if (auto* exact = std::get_if<ExactIndex>(&index_)) {
-      exact->maybeInsert(entry);
+      exact->insert(entry);
     } else if (auto* prefix = std::get_if<std::unique_ptr<PrefixIndex>>(&index_)) {
       (*prefix)->insert(entry);
     } else {

@@ -371,6 +371,10 @@ class ReaderImpl final : public Reader {
     return visitUpTo(to, from, visit);
   }
   bool cameTrue(uint64_t from, uint64_t to) const override;
+  uint64_t lastWritten(uint64_t from) const override {
+    while (file_.change(from + 1)) ++from;
+    return from;
+  }
   bool visitTakenBack(uint64_t first, uint64_t last, const ChangeVisit& visit) override;
 
  private:

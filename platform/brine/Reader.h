@@ -81,6 +81,8 @@ class Reader {
   // Whether the changes after `from`, up to `to`, were committed as followAhead() has visited them.
   // One that a later one has replaced counts: that one was committed, too.
   virtual bool cameTrue(uint64_t from, uint64_t to) const = 0;
+  // The last change that the writer has made, committed or not; `from` when there is none after it.
+  virtual uint64_t lastWritten(uint64_t from) const = 0;
   // Visits the changes from `last` down to `first`, each as the change that takes it back: with the
   // record's former value and owner, or deleted when there was none. Changes that are settled may
   // be forgotten. Returns false when one of them is, with those after it visited.

@@ -11,7 +11,7 @@
 
 namespace Brine {
 
-// Only the writer has one. Which slots are free is known to it alone; whoever opens the store finds
+// Only the writer has one. Which slots are free is known to it alone; the next process finds
 // out by a look at all slots. Free extents keep their memory, for later records of any table: a
 // follower that lags behind may look into one that has just become free.
 class SlotSpace {

@@ -143,7 +143,7 @@ class StoreImpl final : public Store {
   mutable Table* lastTable_ = nullptr;
   std::map<std::string, TableNumber, std::less<>> numbers_;
   bool typesChanged_ = false;
-  uint64_t shownAhead_ = 0;  // the last change that showAhead() has shown
+  uint64_t shownAhead_ = 0;                     // the last change that showAhead() has shown
   mutable std::vector<DamagedRecord> damaged_;  // not taken yet
   mutable std::map<DamagedRecord, std::set<Ref>> damagedSlots_;
 };

@@ -14,13 +14,16 @@
 #include <vector>
 
 #include "platform/brine/Reader.h"
+#include "platform/lattice/doorbell/AheadChanges.h"
 #include "platform/lattice/doorbell/ChangePace.h"
 #include "platform/lattice/doorbell/DoorbellMessage.h"
 #include "platform/lattice/doorbell/DoorbellPage.h"
 #include "platform/lattice/doorbell/DoorbellSocket.h"
+#include "platform/lattice/doorbell/OpenChanges.h"
 #include "platform/lattice/records/StoreLayout.h"
 #include "platform/lattice/records/WholeBatch.h"
 #include "platform/vela/LookFor.h"
+#include "platform/vela/Scheduling.h"
 
 namespace Lattice {
 namespace {
@@ -105,8 +108,8 @@ class SubscriberImpl final : public Subscriber {
   void nap();
   bool maybeReadAhead();
   void passOnAhead(std::span<const Brine::FollowedChange> changes);
+  void maybeGiveUpAhead();
   bool maybeTakeAhead(uint64_t committed);
-  void forgetAhead();
   void tellAheadLost();
   bool readOnce();
   void learnTables();
@@ -127,8 +130,6 @@ class SubscriberImpl final : public Subscriber {
   void queueReports();
   void queueProgrammed();
   void maybeStoreWord();
-  bool settleInOrder(uint64_t sequence);
-  void forgetDoneBehind();
   void sendQueued();
 
   const std::string directory_;
@@ -160,30 +161,12 @@ class SubscriberImpl final : public Subscriber {
   StoreIdentity identity_{};
   bool identityKnown_ = false;
   uint64_t sequence_ = 0;
-  // Changes after sequence_ up to this one were passed on ahead of their commit. Reports on them
-  // that have words of their own wait for it.
-  uint64_t ahead_ = 0;
-  bool isAhead_ = false;         // some were passed on so
-  bool isAheadBlocked_ = false;  // no more until the commit
-  bool isBatchLarge_ = false;    // so that some could be passed on ahead
-  struct HeldReport {
-    uint64_t entryHandle;
-    uint64_t sequence;
-    uint16_t errorCode;
-    std::string message;
-  };
-  std::vector<HeldReport> heldReports_;
-  std::shared_ptr<Brine::Reader> lostReader_;  // of changes ahead whose agent has gone
+  AheadChanges ahead_;                         // behind sequence_
+  std::shared_ptr<Brine::Reader> lostReader_;  // of such changes whose agent has gone
+  bool isBatchLarge_ = false;                  // the last commit could be read ahead
   uint64_t typesVersion_ = UINT64_MAX;
   bool needSnapshot_ = true;
-  // Changes that were passed on and not reported on yet, ascending; those programmed out of order
-  // stay until the ones before them are through. A snapshot takes their place.
-  struct Open {
-    uint64_t sequence;
-    bool done;
-  };
-  std::deque<Open> open_;
-  size_t doneBehind_ = 0;  // how many of them are done
+  OpenChanges open_;  // a snapshot takes their place
   uint64_t programmedSaid_ = 0;
   bool isWordDue_ = false;                     // the page does not say so yet
   std::map<uint32_t, FollowedTable*> tables_;  // by number
@@ -217,6 +200,7 @@ void SubscriberImpl::follow(std::chrono::milliseconds timeout) {
 
 void SubscriberImpl::step(Clock::time_point deadline) {
   if (!attached_ && !attachBy(deadline)) return;
+  maybeGiveUpAhead();
   queueReports();
   sendQueued();
   receiveAll();
@@ -357,7 +341,7 @@ void SubscriberImpl::detach(std::string why) {
   socket_ = Socket();
   page_.reset();
   isWordDue_ = false;
-  if (isAhead_) {
+  if (ahead_.any()) {
     lostReader_ = reader_;
     needSnapshot_ = true;
   }
@@ -380,7 +364,7 @@ void SubscriberImpl::catchUp() {
   const uint64_t before = sequence_;
   while (attached_ && readOnce()) {  // a handler that flushes may find the agent gone
   }
-  if (isAhead_) return;
+  if (ahead_.any()) return;
   if (sequence_ != before) {
     isBatchLarge_ = readsAhead_ && page_ && page_->words().shownAhead > before;
   }
@@ -388,23 +372,24 @@ void SubscriberImpl::catchUp() {
 }
 
 bool SubscriberImpl::anyAhead() const {
+  if (!readsAhead_ || ahead_.areBlockedAfter(sequence_)) return false;
   const uint64_t shown = page_->words().shownAhead.load(std::memory_order_acquire);
-  return readsAhead_ && !isAheadBlocked_ && shown > std::max(sequence_, ahead_);
+  return shown > (ahead_.any() ? ahead_.upTo() : sequence_);
 }
 
 // Passes on changes that are yet to be committed; whether there were any.
 bool SubscriberImpl::maybeReadAhead() {
   if (!anyAhead() || needSnapshot_ || inSnapshot_) return false;
-  const Brine::Reader::State state = reader_->state();
+  const auto reader = reader_;
+  const Brine::Reader::State state = reader->state();
   if (state.committed != sequence_ || state.typesVersion != typesVersion_) return false;
-  pace_.aheadIs(Clock::now());
-  isAhead_ = true;
-  ahead_ = std::max(sequence_, ahead_);
-  const auto reached =
-      reader_->followAhead(ahead_, page_->words().shownAhead,
-                           [this](auto changes) { passOnAhead(changes); });
-  if (!reached) isAheadBlocked_ = true;
-  if (reached && attached_ && !isAheadBlocked_) ahead_ = *reached;
+  const auto now = Clock::now();
+  pace_.aheadIs(now);
+  ahead_.begin(sequence_, now);
+  const auto reached = reader->followAhead(ahead_.upTo(), page_->words().shownAhead,
+                                           [this](auto changes) { passOnAhead(changes); });
+  if (!reached) ahead_.blockAfter(sequence_);
+  if (attached_ && !ahead_.areBlockedAfter(sequence_)) ahead_.upTo() = *reached;
   return attached_;
 }
 
@@ -412,37 +397,40 @@ bool SubscriberImpl::maybeReadAhead() {
 // table that is yet to be known.
 void SubscriberImpl::passOnAhead(std::span<const Brine::FollowedChange> changes) {
   const auto isRow = [this](const auto& change) { return tables_.contains(change.table); };
-  isAheadBlocked_ = isAheadBlocked_ || !std::ranges::all_of(changes, isRow);
-  if (!isAheadBlocked_) passOn(changes, ahead_);
+  if (!std::ranges::all_of(changes, isRow)) ahead_.blockAfter(sequence_);
+  if (!ahead_.areBlockedAfter(sequence_)) passOn(changes, ahead_.upTo());
 }
 
-// Whether the changes that were passed on ahead are committed now.
+// What else the handler does waits for the commit, ports that go down among it.
+void SubscriberImpl::maybeGiveUpAhead() {
+  if (!ahead_.areOverdue(Clock::now())) return;
+  ahead_.blockAfter(sequence_);
+  needSnapshot_ = true;
+  rung_ = true;
+}
+
+// Whether the changes that were passed on ahead are committed now. Another agent gives their
+// numbers out again, but not before this one has hung up.
 bool SubscriberImpl::maybeTakeAhead(uint64_t committed) {
-  if (!isAhead_ || committed == sequence_) return false;
-  if (!reader_->cameTrue(sequence_, ahead_)) {
+  if (!ahead_.any() || committed == sequence_) return false;
+  if (!reader_->cameTrue(sequence_, ahead_.upTo())) {
     needSnapshot_ = true;
     return false;
   }
-  sequence_ = ahead_;
-  const auto held = std::exchange(heldReports_, {});
-  forgetAhead();
-  for (const HeldReport& report : held) {
-    addReport({report.entryHandle, report.sequence, report.errorCode, report.message});
+  receiveAll();
+  sequence_ = ahead_.upTo();
+  for (const auto& report : ahead_.end()) {
+    if (attached_) addReport(report.packed());
   }
   return true;
-}
-
-void SubscriberImpl::forgetAhead() {
-  ahead_ = sequence_;
-  isAhead_ = isAheadBlocked_ = false;
-  heldReports_.clear();
 }
 
 void SubscriberImpl::tellAheadLost() {
   const auto reader = std::exchange(lostReader_, nullptr);
   if (!reader) return;
-  whole_ = {{sequence_ + 1, ahead_}};
-  forgetAhead();
+  // A change that was passed on may have been replaced by one that was not.
+  whole_ = {{sequence_ + 1, reader->lastWritten(ahead_.upTo())}};
+  ahead_.end();
   handler_.aheadLost(Commit(*this, *reader));
   whole_.clear();
   handler_.rowsEnd();
@@ -459,6 +447,7 @@ bool SubscriberImpl::maybeLookForChanges() {
   const bool mayLook = isMade || pace_.comeWithin(worthLooking_);
   if (!mayNap && !mayLook) return false;
   words.subscriberLooks = 1;
+  if (isMade && words.agentProcessor == Vela::currentProcessor()) Vela::leaveProcessor();
   const auto isOver = [&] { return anyChanges() || anyAhead() || words.worthLooking == 0; };
   if (mayLook) Vela::lookFor(worthLooking_, isOver);
   while (!anyChanges() && maybeReadAhead()) Vela::lookFor(worthLooking_, isOver);
@@ -468,7 +457,7 @@ bool SubscriberImpl::maybeLookForChanges() {
   std::atomic_thread_fence(std::memory_order_seq_cst);
   const bool isSeen = anyChanges();
   if (isSeen || rung_) catchUp();
-  return attached_ && (isSeen || mayNap);
+  return attached_ && questions_.empty() && (isSeen || mayNap);
 }
 
 // While other threads want the processor, or for longer than is worth a processor. A ring does not
@@ -492,8 +481,11 @@ bool SubscriberImpl::readOnce() {
     return true;
   }
   if (sequence_ == state.committed && !anyAhead) return false;
-  const auto reached = reader_->follow(sequence_, state.committed,
-                                       [this](auto changes) { passOn(changes, sequence_); });
+  std::optional<uint64_t> reached;
+  if (attached_) {
+    reached = reader_->follow(sequence_, state.committed,
+                              [this](auto changes) { passOn(changes, sequence_); });
+  }
   if (reached && attached_) tellWholeCommit();
   whole_.clear();
   if (reached || !attached_) handler_.rowsEnd();
@@ -593,8 +585,7 @@ void SubscriberImpl::takeSnapshot() {
   snapshotSequence_ = snapshot->sequence();
   unreported_.clear();
   open_.clear();
-  doneBehind_ = 0;
-  forgetAhead();
+  ahead_.end();
   passOn(*snapshot);
   sequence_ = snapshotSequence_;
   delivered_ = true;
@@ -663,8 +654,7 @@ bool SubscriberImpl::Commit::has(uint64_t sequence) const {
   });
 }
 
-bool SubscriberImpl::Commit::visitFormer(
-    const std::function<void(const RowChange&)>& visit) const {
+bool SubscriberImpl::Commit::visitFormer(const std::function<void(const RowChange&)>& visit) const {
   const auto visitRow = [&](const Brine::FollowedChange& former) {
     const RowChange change = subscriber_.rowChange(former);
     if (change.table) visit(change);
@@ -696,7 +686,7 @@ void SubscriberImpl::passOn(const RowChange& change) {
     }
     return;
   }
-  open_.push_back({change.sequence, false});
+  open_.add(change.sequence);
   handler_.rowChanged(change);
 }
 
@@ -705,12 +695,16 @@ void SubscriberImpl::report(uint64_t entryHandle, uint64_t sequence, uint16_t er
   const bool isFailure = errorCode != 0;
   if (isFailure) failed_.insert(entryHandle);
   const bool isMended = !isFailure && !failed_.empty() && failed_.erase(entryHandle) > 0;
-  const bool isInOrder = settleInOrder(sequence);
+  const auto settled = open_.settle(sequence);
   if (!attached_) return;
+  // Of a change that was passed on ahead, and given up.
+  const bool isUnknown = settled == OpenChanges::Settled::unknown;
+  if (isUnknown && sequence > (inSnapshot_ ? snapshotSequence_ : sequence_)) return;
+  const bool isInOrder = settled == OpenChanges::Settled::inOrder;
+  // What failed, or had failed before, has a report of its own besides the word.
   if (isInOrder && !inSnapshot_ && !isFailure && !isMended) return;
-  if (isAhead_ && sequence > sequence_) {
-    heldReports_.push_back({entryHandle, sequence, errorCode, std::string(message)});
-    return;
+  if (ahead_.any() && sequence > sequence_) {
+    return ahead_.hold({entryHandle, sequence, errorCode, message});
   }
   if (inSnapshot_) unreported_.erase(sequence);
   addReport({entryHandle, sequence, errorCode, message});
@@ -719,34 +713,6 @@ void SubscriberImpl::report(uint64_t entryHandle, uint64_t sequence, uint16_t er
 void SubscriberImpl::addReport(const PackedReport& report) {
   reports_.add(report);
   if (reports_.full()) flush();
-}
-
-// Whether the word on all changes up to a number covers this one. It does not while an earlier one
-// is open, which may never be reported on. What failed, or had failed before, has a report of its
-// own besides.
-bool SubscriberImpl::settleInOrder(uint64_t sequence) {
-  if (open_.size() == 1 && open_.front().sequence == sequence) {
-    open_.clear();
-    return true;
-  }
-  const auto found = std::ranges::lower_bound(open_, sequence, {}, &Open::sequence);
-  if (found == open_.end() || found->sequence != sequence) return false;  // of a snapshot
-  if (found != open_.begin()) {
-    doneBehind_ += !std::exchange(found->done, true);
-    forgetDoneBehind();
-    return false;
-  }
-  open_.pop_front();
-  for (; !open_.empty() && open_.front().done; --doneBehind_) open_.pop_front();
-  return true;
-}
-
-// So that they do not grow without end behind one that stays open.
-void SubscriberImpl::forgetDoneBehind() {
-  constexpr size_t few = 1024;
-  if (doneBehind_ < few || doneBehind_ < open_.size() / 2) return;
-  std::erase_if(open_, [](const Open& open) { return open.done; });
-  doneBehind_ = 0;
 }
 
 // Reports come first: behind them, a notice would have to wait for room.
@@ -770,8 +736,7 @@ void SubscriberImpl::flush() {
 // After the failures among them.
 void SubscriberImpl::queueProgrammed() {
   if (needSnapshot_ || inSnapshot_) return;
-  const uint64_t programmed =
-      open_.empty() ? sequence_ : std::min(sequence_, open_.front().sequence - 1);
+  const uint64_t programmed = open_.settledUpTo(sequence_);
   if (programmed <= programmedSaid_) return;
   programmedSaid_ = programmed;
   if (programmed == sequence_) receivedSaid_ = sequence_;  // it says that, too

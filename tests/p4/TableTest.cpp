@@ -101,8 +101,7 @@ TEST_P(IndexTest, FindsWhatPlainSearchFinds) {
       if (table.key[e].kind == MatchKind::lpm) entry->prefixLength = match[e].prefixLength;
     if (shape.parts() > 1) entry->rank = static_cast<uint32_t>(random() % 20);
     entry->handle = step;
-    if (!index.same(*entry)) {
-      index.insert(entry.get());
+    if (index.maybeInsert(entry.get())) {
       entries.push_back(entry.get());
       matches.push_back(match);
       owned.push_back(std::move(entry));

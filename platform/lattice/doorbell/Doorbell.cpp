@@ -12,6 +12,7 @@
 #include "platform/vela/FileDescriptor.h"
 #include "platform/vela/LookFor.h"
 #include "platform/vela/PlainText.h"
+#include "platform/vela/Scheduling.h"
 
 namespace Lattice {
 namespace {
@@ -423,6 +424,7 @@ void Doorbell::urgentIs(bool isUrgent) {
   const RingMessage message{store_.committedSequence()};
   for (const auto& peer : peers_) {
     if (!peer->attached || !peer->page) continue;
+    peer->page->words().agentProcessor = Vela::currentProcessor();
     peer->page->words().worthLooking = isUrgent;
     if (isUrgent && !looks(*peer)) peer->socket.send(message.encode());
   }

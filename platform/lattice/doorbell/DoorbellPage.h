@@ -12,9 +12,9 @@
 
 namespace Lattice {
 
-// At offsets 0, 64, 128, 192 and 256, in native byte order; the page is zero at first. An end that stops
-// looking stores 0, and looks once more; the other end writes its news before it looks whether
-// somebody looks.
+// At offsets 0, 64, 128, 192, 196 and 256, in native byte order; the page is zero at first. An end
+// that stops looking stores 0, and looks once more; the other end writes its news before it looks
+// whether somebody looks.
 struct DoorbellWords {
   // Not 0: the subscriber sees by itself that the agent has committed changes, and needs no ring.
   alignas(64) std::atomic<uint32_t> subscriberLooks;
@@ -24,6 +24,9 @@ struct DoorbellWords {
   alignas(64) std::atomic<uint64_t> programmed;
   // Not 0: the agent's batches are urgent, and worth a processor that looks for them.
   alignas(64) std::atomic<uint32_t> worthLooking;
+  // The processor that the last urgent batch's thread began it on, as Vela::currentProcessor() has
+  // it: the subscriber does better on another one.
+  std::atomic<uint32_t> agentProcessor;
   // The changes up to this one can be read, though they may be yet to be committed.
   alignas(64) std::atomic<uint64_t> shownAhead;
 };

@@ -441,6 +441,23 @@ TEST_F(PlaneTest, PacketsSeeNothingOfRowsThatWereLostAheadOfTheirCommit) {
   }
 }
 
+// The group of changes has no end before the commit, which may be a while.
+TEST_F(PlaneTest, APortThatGoesDownShowsNoRowsAheadOfTheirCommit) {
+  direct(7, 3);
+  memberIs(1, 3);
+  memberIs(2, 4);
+  groupIs(10, {1, 2});
+  spread(8, 10);
+  write("ecmp.watch", big(10, 4) + big(1, 4), little(4, 4) + little(31, 4));
+  agent_.rowsEnd();
+  direct(7, 4);
+  plane_.portIs(31, false);
+  EXPECT_THAT(out("07"), ElementsAre("3:07"));
+  agent_.rowsEnd();
+  EXPECT_THAT(out("07"), ElementsAre("4:07"));
+  EXPECT_THAT(out("08"), ElementsAre("4:08"));
+}
+
 // Rows wait for the rest of their group, until it turns out that they never were.
 TEST_F(PlaneTest, RowsThatWaitAreForgottenWithASnapshot) {
   direct(7, 3);

@@ -210,6 +210,50 @@ TEST_F(AheadTest, AnAgentThatGoesAwayLeavesTheRowsOfItsLastCommit) {
   EXPECT_EQ(follower->snapshots, 1u);
 }
 
+// A driver may take seconds for a row. Its next look meets other changes under the same numbers.
+TEST_F(AheadTest, ARestartedAgentsChangesAreNotTakenForThoseOfBefore) {
+  follower->onRow = [&](const RowChange&) {
+    follower->onRow = nullptr;
+    agent.reset();
+    startAgent();
+    begin();
+    write(500, 800, 3);
+    EXPECT_TRUE(end());
+  };
+  begin();
+  write(50, 200, 2);
+  show();
+  ASSERT_TRUE(followUntil([&] { return !follower->onRow; }));
+  EXPECT_TRUE(followUntil([&] { return followedRows() == committedRows(); }));
+}
+
+TEST_F(AheadTest, AnAgentThatGoesAwayAtItsCommitHearsNothingMore) {
+  follower->failing = 1060;
+  follower->failure = std::string(1000, '.');
+  follower->onRow = [&](const RowChange& change) {
+    follower->failing = change.entryHandle + 1;  // each fails
+    if (change.entryHandle != 1000 + 399) return;
+    EXPECT_TRUE(end());
+    agent.reset();
+  };
+  begin();
+  write(60, 400, 2);
+  const Rows expected = [&] {
+    Rows rows = committedRows();
+    for (uint32_t i = 60; i < 400; ++i) rows[route(i, 2).key] = route(i, 2).value;
+    return rows;
+  }();
+  show();
+  for (int i = 0; i < 1000 && agent; ++i) follower->subscriber->follow(5ms);
+  ASSERT_FALSE(agent);
+  for (int i = 0; i < 5; ++i) follower->subscriber->follow(1ms);
+  follower->onRow = nullptr;
+  follower->failing = 0;
+  startAgent();
+  ASSERT_TRUE(followUntil([&] { return agent->inStep > 0; }));
+  EXPECT_EQ(followedRows(), expected);
+}
+
 TEST_F(AheadTest, OnlyFollowersThatReadAheadSeeSuchChanges) {
   Follower other(directory.path(), "other");
   const auto followBoth = [&](const std::function<bool()>& done) {
