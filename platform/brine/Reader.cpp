@@ -547,10 +547,15 @@ bool ReaderImpl::takeBack(uint64_t sequence, const ChangeVisit& visit) {
   if (ref == 0 || begin == 0 || !isStamped(begin, beginSalt(ref))) return false;
   bytes_.clear();
   const auto copy = slots_.copy(ref, begin, entry.table, bytes_);
-  if (!copy || !copy->isSound || file_.word(CommitWord::trimmed) >= sequence) return false;
+  if (!copy || file_.word(CommitWord::trimmed) >= sequence) return false;
   const auto* at = reinterpret_cast<const uint8_t*>(bytes_.data()) + copy->at;
   const size_t keySize = copy->head.keySize;
   const bool wasThere = entry.before != 0;
+  if (!copy->isSound) {  // of a change that was not shown, the key is whole
+    if (numberIn(begin) <= file_.word(CommitWord::committed)) return false;
+    if (wasThere) return true;  // an earlier change tells of the record
+    if (keySize == 0 || keySize > bytes_.size()) return false;
+  }
   visit({.sequence = sequence,
          .owner = wasThere ? copy->head.owner : entry.owner,
          .table = entry.table,

@@ -194,6 +194,7 @@ TEST_F(AheadTest, AnAgentThatGoesAwayLeavesTheRowsOfItsLastCommit) {
   erase(0, 10);
   show();
   ASSERT_TRUE(followTo(190));
+  write(100, 220, 3);  // without a word to the follower
   agent.reset();
   const size_t ends = follower->ends;
   for (int i = 0; i < 5 && follower->losses == 0; ++i) follower->subscriber->follow(1ms);
@@ -208,6 +209,35 @@ TEST_F(AheadTest, AnAgentThatGoesAwayLeavesTheRowsOfItsLastCommit) {
   EXPECT_EQ(followedRows(), committedRows());
   EXPECT_EQ(follower->losses, 1u);
   EXPECT_EQ(follower->snapshots, 1u);
+}
+
+// The follower's other work waits for the end of the changes.
+TEST_F(AheadTest, ABatchThatHangsIsGivenUpUntilItsCommit) {
+  const Rows before = committedRows();
+  begin();
+  write(40, 200, 2);
+  erase(0, 10);
+  show();
+  ASSERT_TRUE(followTo(190));
+  follower->holdBack = true;
+  ASSERT_TRUE(followTo(50));
+  EXPECT_EQ(followedRows(), before);
+  EXPECT_EQ(follower->ends, 1u);
+  follower->holdBack = false;
+  follower->reportAll();
+  write(200, 300, 2);
+  show();
+  for (int i = 0; i < 5; ++i) follower->subscriber->follow(1ms);
+  EXPECT_EQ(followedRows(), before);
+  ASSERT_TRUE(end());
+  ASSERT_TRUE(followUntil([&] { return isProgrammed() && followedRows() == committedRows(); }));
+  EXPECT_EQ(follower->snapshots, 1u);
+  EXPECT_THAT(agent->heard, Each(Field(&Report::errorCode, 0)));
+  begin();
+  write(0, 150, 3);
+  show();
+  EXPECT_TRUE(followTo(300)) << "the next batch is read ahead again";
+  ASSERT_TRUE(end());
 }
 
 // A driver may take seconds for a row. Its next look meets other changes under the same numbers.
