@@ -320,33 +320,41 @@ TEST_F(AheadTest, RowsOfATableThatIsNotKnownYetWait) {
   EXPECT_EQ(follower->snapshots, 0u);
 }
 
-// The follower is on a thread of its own; some batches cannot be stored.
+// The follower is on a thread of its own; some batches cannot be stored, and some wait until it has
+// read all of them ahead.
 TEST_F(AheadTest, RowsAgreeAfterAnyBatches) {
   std::atomic<bool> done = false;
+  std::atomic<uint64_t> seen = 0;
+  follower->onRow = [&](const RowChange& change) { seen = change.sequence; };
   std::thread following([&] {
     while (!done) follower->subscriber->follow(20ms);
   });
+  const auto becomesTrue = [](const auto& isSo) {
+    const auto until = std::chrono::steady_clock::now() + 20s;
+    while (!isSo() && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    return isSo();
+  };
   std::mt19937 random(7);
-  for (int batch = 0; batch < 200; ++batch) {
+  for (int batch = 0; batch < 200 && !HasFailure(); ++batch) {
+    // Of a row that is being written again, the follower may see nothing until the commit.
+    const bool waits = batch % 4 == 0;
     begin();
-    for (int burst = 0; burst < 6; ++burst) {
-      const uint32_t first = random() % 300;
+    for (uint32_t burst = 0; burst < 6; ++burst) {
+      const uint32_t first = waits ? burst * 64 : random() % 300;
       random() % 4 == 0 ? erase(first, first + 64) : write(first, first + 64, random() % 9);
       show();
     }
+    EXPECT_TRUE(!waits || becomesTrue([&] { return seen == store->nextSequence() - 1; }));
     store->failing = random() % 4 == 0;
     EXPECT_EQ(end(), !store->failing);
     store->failing = false;
   }
-  const auto until = std::chrono::steady_clock::now() + 20s;
-  const auto isHeard = [&] {
+  EXPECT_TRUE(becomesTrue([&] {
     const ActivityLock lock;
     return isProgrammed();
-  };
-  while (!isHeard() && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+  }));
   done = true;
   following.join();
-  EXPECT_TRUE(isHeard());
   EXPECT_EQ(followedRows(), committedRows());
 }
 
