@@ -115,8 +115,7 @@ void insertion(benchmark::State& state, P4::MatchKind kind) {
   const auto entries = entriesOf(kind, count, shape);
   for (auto _ : state) {
     P4::TableIndex index(shape);
-    for (const auto& entry : entries)
-      index.maybeInsert(entry.get());
+    for (const auto& entry : entries) index.maybeInsert(entry.get());
     state.PauseTiming();
     benchmark::DoNotOptimize(index);
     state.ResumeTiming();
@@ -129,8 +128,7 @@ void lookUp(benchmark::State& state, P4::MatchKind kind) {
   const auto count = static_cast<uint32_t>(state.range(0));
   const auto entries = entriesOf(kind, count, shape);
   P4::TableIndex index(shape);
-  for (const auto& entry : entries)
-    index.maybeInsert(entry.get());
+  for (const auto& entry : entries) index.maybeInsert(entry.get());
   uint32_t number = 0;
   for (auto _ : state) {
     uint64_t key[2] = {((number++ * 7919u) % count) * 2654435761u & 0xffffffffu, 0};

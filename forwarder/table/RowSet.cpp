@@ -16,8 +16,8 @@ RowSet::Probe RowSet::probeOf(std::string_view key) {
 }
 
 StoredRow* RowSet::allocateRow(std::string_view key, std::string_view value) {
-  auto* memory = static_cast<char*>(
-      memory_.take(extrasSize_ + sizeof(StoredRow) + key.size() + value.size()));
+  auto* memory =
+      static_cast<char*>(memory_.take(extrasSize_ + sizeof(StoredRow) + key.size() + value.size()));
   auto* row = new (memory + extrasSize_) StoredRow;
   if (RowFlow* counts = flow(*row)) new (counts) RowFlow;
   placeIs(*row, nullptr);
